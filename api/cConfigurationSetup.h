@@ -1,0 +1,46 @@
+/// The configuration setup object.
+#ifndef TALLOWIN_CCONFIGURATIONSETUP_H
+#define TALLOWIN_CCONFIGURATIONSETUP_H
+
+#include "api/kvxhandle.h"
+#include "core/kvxctx.h"
+
+/// Prepares and maintains the configuration directory of one merchant account.
+///
+/// The object's address is its handle. Failures are KVX_Exception, memory exhaustion TBFC_Exception. One thread at a
+/// time.
+class KVX_EXPORT KVXCIMPL_ConfigurationSetup {
+public:
+    KVXCIMPL_ConfigurationSetup();
+    KVXCIMPL_ConfigurationSetup(KVXCIMPL_ConfigurationSetup const&) = delete;
+    KVXCIMPL_ConfigurationSetup& operator=(KVXCIMPL_ConfigurationSetup const&) = delete;
+    ~KVXCIMPL_ConfigurationSetup();
+
+    /// Chooses the directory; see KVX_Context::Open.
+    void SetConfiguration(TbString const& path);
+
+    /// Takes over the server's address unless `url` is empty, then the credentials, then runs the set-up.
+    void Reconfigure(TbString const& url, TbString const& user, TbString const& password);
+
+    /// See KVX_Context::SetOption.
+    void SetOption(TbString const& name, TbString const& value);
+
+    /// Reads a value of a file of the directory. KVX_E_NOT_FOUND.
+    void GetAttribute(TbString const& file, TbString const& name, TbString& value);
+
+    /// Sets a value of an existing file.
+    /// Deliberate: an empty value is never written, and that is a success.
+    void SetAttribute(TbString const& file, TbString const& name, TbString const& value);
+
+    static void* operator new(std::size_t bytes) { return kvxTakeSlot(kKind, bytes); }
+    static void* operator new(std::size_t, void* place) noexcept { return place; }
+    static void operator delete(void* slot) noexcept { kvxGiveSlot(kKind, slot); }
+
+    static constexpr KvxKind kKind = KvxKind::kConfigurationSetup;
+
+private:
+    KvxSignature m_Signature;
+    KVX_Context m_Context;
+};
+
+#endif

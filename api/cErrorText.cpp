@@ -1,0 +1,29 @@
+// What the library says about itself and its codes.
+
+#include <cstring>
+
+#include "core/kvxbase.h"
+#include "tallowin/tallowin.h"
+
+char const* KVX_GetVersion() {
+    return TALLOWIN_VERSION_STRING;
+}
+
+int KVX_GetErrorStringFromResult(int32_t code, int32_t* size, char* buffer) {
+    TbString text;
+    if (!KVX_ErrorLookup::GetErrorStringFromResult(code, text)) {
+        return 0;
+    }
+    // Deliberate: a null size is answered like an unknown code.
+    if (size == nullptr) {
+        return 0;
+    }
+    auto const need = static_cast<std::int32_t>(text.length()) + 1;
+    if (*size > 0 && buffer != nullptr) {
+        std::int32_t const copied = *size > need ? need - 1 : *size - 1;
+        std::memcpy(buffer, text.c_str(), static_cast<std::size_t>(copied));
+        buffer[copied] = '\0';
+    }
+    *size = need;
+    return 1;
+}

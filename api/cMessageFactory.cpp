@@ -1,0 +1,128 @@
+#include "api/cMessageFactory.h"
+
+#include <cstdlib>
+#include <memory>
+
+#include "api/cMessageObject.h"
+#include "api/kvxboundary.h"
+#include "api/kvxlines_api.h"
+
+namespace {
+
+using OwnedMessage = std::unique_ptr<KVXCIMPL_MessageObject>;
+
+constexpr char kDefaultsFile[] = "default.xml";
+
+/// How long a payment stays open, in seconds, when the account's defaults do not say.
+constexpr char kDefaultTtl[] = "86400";
+
+/// Copies the attributes that the account's defaults carry, empty ones too.
+void copyDefaults(KVX_Context& account, KVX_Message& message) {
+    TbString text;
+    if (!account.QueryValueOrAbsent(kDefaultsFile, "", text)) {
+        return;
+    }
+    xmlElement* parsed = nullptr;
+    account.XmlFromString(text, &parsed);
+    xmlElementPtr defaults;
+    defaults.adopt(parsed);
+    for (char const* const* name = AttributeNames; *name != nullptr; ++name) {
+        TbString value;
+        if (defaults->getAttribute(*name, value)) {
+            message.SetAttribute(*name, value);
+        }
+    }
+}
+
+}  // namespace
+
+KVXCIMPL_MessageFactory::KVXCIMPL_MessageFactory() {
+    m_Signature.set();
+}
+
+KVXCIMPL_MessageFactory::~KVXCIMPL_MessageFactory() {
+    m_Signature.clear();
+}
+
+void KVXCIMPL_MessageFactory::Open(TbString const& path) {
+    m_Path = path;
+}
+
+KVXCIMPL_MessageObject* KVXCIMPL_MessageFactory::CreatePayInit() {
+    KVX_Context account;
+    account.Open(m_Path);
+    OwnedMessage object = newOutgoing("PayInit");
+    object->m_Message.SetAttribute("TOKEN", object->m_Context.CreateUuid());
+    copyDefaults(account, object->m_Message);
+    TbString ttl;
+    if (!account.QueryValueOrAbsent(kDefaultsFile, "PAYINITTTL", ttl)) {
+        ttl = kDefaultTtl;
+    }
+    object->m_Message.SetAttribute("EXPIRATION", GetTimeDate(std::strtod(ttl.c_str(), nullptr)));
+    return object.release();
+}
+
+KVXCIMPL_MessageObject* KVXCIMPL_MessageFactory::VerifyPayConfirm(TbString const& data, TbString const& signature) {
+    OwnedMessage object(new KVXCIMPL_MessageObject);
+    object->m_Context.Open(m_Path);
+    object->m_Message.Open(&object->m_Context, data, signature);
+    return object.release();
+}
+
+KVXCIMPL_MessageObject* KVXCIMPL_MessageFactory::CreatePayComplete(TbString const& id, TbString const& token) {
+    OwnedMessage object = newOutgoing("PayComplete");
+    object->m_Message.SetAttribute("ID", id);
+    object->m_Message.SetAttribute("TOKEN", token);
+    return object.release();
+}
+
+KVXCIMPL_MessageObject* KVXCIMPL_MessageFactory::CreateRequest(TbString const& type) {
+    if (type.isEmpty()) {
+        throw KVX_Exception(KVX_E_NO_MESSAGE_TYPE, "", kvx::kSourceMessageFactory, kvx::kLineRequestWithoutType);
+    }
+    OwnedMessage object(new KVXCIMPL_MessageObject);
+    object->m_Context.Open(m_Path);
+    // Deliberate: a second context is opened on the path and dropped; it shows in the trace.
+    KVX_Context().Open(m_Path);
+    object->startOutgoing(type);
+    return object.release();
+}
+
+OwnedMessage KVXCIMPL_MessageFactory::newOutgoing(TbString const& type) {
+    OwnedMessage object(new KVXCIMPL_MessageObject);
+    object->m_Context.Open(m_Path);
+    object->startOutgoing(type);
+    return object;
+}
+
+KVX_HANDLE CreateMessageFactory() {
+    return kvxCreate<KVXCIMPL_MessageFactory>();
+}
+
+void DestroyMessageFactory(KVX_HANDLE handle) {
+    kvxDestroy<KVXCIMPL_MessageFactory>(handle);
+}
+
+int32_t MessageFactory_Open(KVX_HANDLE handle, char const* path) {
+    return kvxRun<KVXCIMPL_MessageFactory>(handle, [&](auto& factory) { factory.Open(mbstoSTRING(path)); });
+}
+
+int32_t MessageFactory_CreatePayInit(KVX_HANDLE handle, KVX_HANDLE* out) {
+    return kvxMake<KVXCIMPL_MessageFactory>(handle, out, [](auto& factory) { return factory.CreatePayInit(); });
+}
+
+int32_t MessageFactory_VerifyPayConfirm(KVX_HANDLE handle, char const* data, char const* signature, KVX_HANDLE* out) {
+    return kvxMake<KVXCIMPL_MessageFactory>(handle, out, [&](auto& factory) {
+        return factory.VerifyPayConfirm(mbstoSTRING(data), mbstoSTRING(signature));
+    });
+}
+
+int32_t MessageFactory_CreatePayComplete(KVX_HANDLE handle, char const* id, char const* token, KVX_HANDLE* out) {
+    return kvxMake<KVXCIMPL_MessageFactory>(
+        handle, out, [&](auto& factory) { return factory.CreatePayComplete(mbstoSTRING(id), mbstoSTRING(token)); });
+}
+
+int32_t MessageFactory_CreateRequest(KVX_HANDLE handle, char const* type, KVX_HANDLE* out) {
+    return kvxMake<KVXCIMPL_MessageFactory>(handle, out,
+                                            [&](auto& factory) { return factory.CreateRequest(mbstoSTRING(type)); });
+}

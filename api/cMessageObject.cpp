@@ -1,0 +1,142 @@
+#include "api/cMessageObject.h"
+
+#include <cstring>
+#include <memory>
+
+#include "api/kvxboundary.h"
+#include "api/kvxlines_api.h"
+#include "foundation/tbmemory.h"
+
+namespace {
+
+struct MemoryReleaser {
+    void operator()(char* memory) const noexcept { tbRelease(memory); }
+};
+using TemporaryText = std::unique_ptr<char, MemoryReleaser>;
+
+}  // namespace
+
+KVXCIMPL_MessageObject::KVXCIMPL_MessageObject() : m_Message(&m_Context) {
+    m_Signature.set();
+}
+
+KVXCIMPL_MessageObject::~KVXCIMPL_MessageObject() {
+    m_Signature.clear();
+}
+
+void KVXCIMPL_MessageObject::Open(TbString const& path) {
+    m_Context.Open(path);
+    m_Message.Create(&m_Context, "ERROR");
+}
+
+void KVXCIMPL_MessageObject::startOutgoing(TbString const& type) {
+    m_Message.Create(&m_Context, type);
+    m_Outgoing = 1;
+}
+
+void KVXCIMPL_MessageObject::SetAttribute(TbString const& name, TbString const& value) {
+    m_Message.SetAttribute(name, value);
+}
+
+void KVXCIMPL_MessageObject::GetAttribute(TbString const& name, TbString& value) {
+    m_Message.GetAttribute(name, value);
+}
+
+void KVXCIMPL_MessageObject::GetURL(TbString& url) {
+    // Deliberate: the URL is computed first and the check follows. For an object that may hand out none, both a
+    // computed URL and a failure to compute one end in the same refusal.
+    TbString computed;
+    try {
+        m_Message.GetURL(computed);
+    } catch (KVX_Exception const&) {
+        if (m_Outgoing != 0) {
+            throw;
+        }
+    }
+    if (m_Outgoing == 0) {
+        throw KVX_Exception(KVX_E_UNEXPECTED, "", kvx::kSourceMessageObject, kvx::kLineUrlOfForeignMessage);
+    }
+    url = computed;
+}
+
+void KVXCIMPL_MessageObject::Capture() {
+    m_Message.Capture();
+}
+
+KVXCIMPL_MessageObject* KVXCIMPL_MessageObject::Execute() {
+    std::unique_ptr<KVXCIMPL_MessageObject> response(new KVXCIMPL_MessageObject);
+    response->m_Context = m_Context;
+    m_Message.Request(response->m_Message);
+    return response.release();
+}
+
+void KVXCIMPL_MessageObject::FromString(TbString const& text) {
+    m_Message.FromString(text);
+}
+
+TbString KVXCIMPL_MessageObject::ToString() {
+    TbString text;
+    if (!m_Message.ToString(text)) {
+        throw KVX_Exception(KVX_E_UNEXPECTED, "", kvx::kSourceMessageObject, kvx::kLineNoText);
+    }
+    return text;
+}
+
+KVX_HANDLE CreateMessageObject() {
+    return kvxCreate<KVXCIMPL_MessageObject>();
+}
+
+void DestroyMessageObject(KVX_HANDLE handle) {
+    kvxDestroy<KVXCIMPL_MessageObject>(handle);
+}
+
+int32_t MessageObject_Open(KVX_HANDLE handle, char const* path) {
+    return kvxRun<KVXCIMPL_MessageObject>(handle, [&](auto& object) { object.Open(mbstoSTRING(path)); });
+}
+
+int32_t MessageObject_SetAttribute(KVX_HANDLE handle, char const* name, char const* value) {
+    return kvxRun<KVXCIMPL_MessageObject>(
+        handle, [&](auto& object) { object.SetAttribute(mbstoSTRING(name), mbstoSTRING(value)); });
+}
+
+int32_t MessageObject_GetAttribute(KVX_HANDLE handle, char const* name, int32_t* size, char* buffer) {
+    return kvxCall<KVXCIMPL_MessageObject>(handle, [&](auto& object) {
+        TbString value;
+        object.GetAttribute(mbstoSTRING(name), value);
+        return kvxCopyOut(value.c_str(), size, buffer);
+    });
+}
+
+int32_t MessageObject_GetURL(KVX_HANDLE handle, int32_t* size, char* buffer) {
+    return kvxCall<KVXCIMPL_MessageObject>(handle, [&](auto& object) {
+        TbString url;
+        object.GetURL(url);
+        return kvxCopyOut(url.c_str(), size, buffer);
+    });
+}
+
+int32_t MessageObject_Capture(KVX_HANDLE handle) {
+    return kvxRun<KVXCIMPL_MessageObject>(handle, [](auto& object) { object.Capture(); });
+}
+
+int32_t MessageObject_Execute(KVX_HANDLE handle, KVX_HANDLE* out) {
+    return kvxMake<KVXCIMPL_MessageObject>(handle, out, [](auto& object) { return object.Execute(); });
+}
+
+int32_t MessageObject_FromString(KVX_HANDLE handle, char const* text) {
+    return kvxRun<KVXCIMPL_MessageObject>(handle, [&](auto& object) { object.FromString(mbstoSTRING(text)); });
+}
+
+int32_t MessageObject_ToString(KVX_HANDLE handle, int32_t* size, char* buffer) {
+    return kvxCall<KVXCIMPL_MessageObject>(handle, [&](auto& object) {
+        TbString const text = object.ToString();
+        // Deliberate: this function alone copies through a buffer of its own, whose absence has a code and leaves the
+        // size alone.
+        TemporaryText const copy(static_cast<char*>(tbAllocate(std::size_t{text.length()} * 2 + 2)));
+        if (copy == nullptr) {
+            return KVX_E_OUT_OF_MEMORY;
+        }
+        std::memcpy(copy.get(), text.c_str(), std::size_t{text.length()} + 1);
+        return kvxCopyOut(copy.get(), size, buffer);
+    });
+}

@@ -1,0 +1,84 @@
+/// What every flat function does around its call. Internal: not installed.
+#ifndef TALLOWIN_KVXBOUNDARY_H
+#define TALLOWIN_KVXBOUNDARY_H
+
+#include <cassert>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+
+#include "api/kvxhandle.h"
+#include "core/kvxbase.h"
+#include "foundation/tbexception.h"
+#include "tallowin/tallowin.h"
+
+/// Refuses a handle that is no living `Object`, runs `call` with the object and returns its code. A KVX_Exception
+/// becomes its code; anything else passes.
+template <class Object, class Call>
+std::int32_t kvxCall(KVX_HANDLE handle, Call call) {
+    if (!kvxIsLiving(Object::kKind, handle)) {
+        return KVX_E_BAD_HANDLE;
+    }
+    try {
+        return call(*static_cast<Object*>(handle));
+    } catch (KVX_Exception const& failure) {
+        return failure.code();
+    }
+}
+
+/// The same for a `call` without a result.
+template <class Object, class Call>
+std::int32_t kvxRun(KVX_HANDLE handle, Call call) {
+    return kvxCall<Object>(handle, [&](Object& object) {
+        call(object);
+        return KVX_OK;
+    });
+}
+
+/// The same for a `call` that makes an object, which `*out` receives. Not written on failure.
+template <class Object, class Call>
+std::int32_t kvxMake(KVX_HANDLE handle, KVX_HANDLE* out, Call call) {
+    return kvxCall<Object>(handle, [&](Object& object) {
+        KVX_HANDLE const made = call(object);
+        assert(out != nullptr);
+        *out = made;
+        return KVX_OK;
+    });
+}
+
+/// A new object's handle; null when memory is exhausted.
+template <class Object>
+KVX_HANDLE kvxCreate() {
+    try {
+        return new Object;
+    } catch (TBFC_Exception const&) {
+        return nullptr;
+    }
+}
+
+/// Destroys a living object of the kind; ignores everything else.
+template <class Object>
+void kvxDestroy(KVX_HANDLE handle) {
+    if (kvxClaimForDestruction(Object::kKind, handle)) {
+        delete static_cast<Object*>(handle);
+    }
+}
+
+/// Copies `text`, terminator included, into the caller's buffer.
+inline std::int32_t kvxCopyOut(char const* text, std::int32_t* size, char* buffer) {
+    std::size_t const need = std::strlen(text) + 1;
+    if (size == nullptr) {
+        return KVX_E_BUFFER_TOO_SMALL;
+    }
+    if (need > static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max())) {
+        return KVX_E_OUT_OF_MEMORY;
+    }
+    bool const fits = *size >= static_cast<std::int32_t>(need);
+    if (fits && buffer != nullptr) {
+        std::memcpy(buffer, text, need);
+    }
+    *size = static_cast<std::int32_t>(need);
+    return fits ? KVX_OK : KVX_E_BUFFER_TOO_SMALL;
+}
+
+#endif

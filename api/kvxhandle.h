@@ -1,0 +1,49 @@
+/// Public objects: their signature word, the memory they live in, and what makes a handle valid.
+#ifndef TALLOWIN_KVXHANDLE_H
+#define TALLOWIN_KVXHANDLE_H
+
+#include <cstddef>
+#include <cstdint>
+
+#include "tallowin/export.h"
+
+/// The kinds of public objects.
+enum class KvxKind { kConfigurationSetup, kMessageFactory, kMessageObject };
+
+/// The first member of every public object: 0xAFFEAFFE while it lives, 0 before and after.
+class KVX_EXPORT KvxSignature {
+public:
+    /// Atomic, like all that touches the word: a stale handle to this place may be in use by another thread.
+    KvxSignature() noexcept { __atomic_store_n(&m_Word, 0U, __ATOMIC_RELAXED); }
+    KvxSignature(KvxSignature const&) = delete;
+    KvxSignature& operator=(KvxSignature const&) = delete;
+
+    /// Marks the object as living; the last thing its constructor does.
+    void set() noexcept;
+
+    /// Marks it as dead; the first thing its destructor does. A store that no optimiser removes.
+    void clear() noexcept;
+
+private:
+    std::uint32_t m_Word;
+};
+
+/// Memory for one object of `kind`. Raises KVX_E_OUT_OF_MEMORY (TBFC_Exception).
+///
+/// Objects of a kind live in slots of their own, below 2 GiB, so that an address fits a Java int as a positive number.
+/// The slots are never given back to the system and are reused late, so a stale handle is refused, not followed. Any
+/// thread.
+KVX_EXPORT void* kvxTakeSlot(KvxKind kind, std::size_t bytes);
+
+/// Gives the slot back. Null is ignored. Any thread.
+KVX_EXPORT void kvxGiveSlot(KvxKind kind, void* slot) noexcept;
+
+/// Whether `handle` is a living object of `kind`: in a slot of that kind, or built by a C++ caller outside all slots,
+/// with the signature word in place.
+[[nodiscard]] bool kvxIsLiving(KvxKind kind, void const* handle) noexcept;
+
+/// Whether the caller may destroy `handle`: a living object in a slot of `kind`. Clears the signature word, so that
+/// only one of several callers is told so.
+[[nodiscard]] bool kvxClaimForDestruction(KvxKind kind, void* handle) noexcept;
+
+#endif

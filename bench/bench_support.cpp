@@ -1,0 +1,164 @@
+#include "bench/bench_support.h"
+
+#include <benchmark/benchmark.h>
+#include <malloc.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <exception>
+#include <iostream>
+#include <map>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+namespace kvxbench {
+
+namespace {
+
+struct Ratio {
+    std::string label;
+    std::string measured;
+    std::string base;
+    double divisor;
+    Clock clock;
+};
+
+struct Bytes {
+    std::string label;
+    double ours;
+    std::string other;
+    double theirs;
+};
+
+std::vector<Ratio> g_Ratios;
+std::vector<Bytes> g_Bytes;
+
+/// Keeps the time of every repetition and prints nothing.
+class Collector : public benchmark::BenchmarkReporter {
+public:
+    bool ReportContext(Context const&) override { return true; }
+
+    void ReportRuns(std::vector<Run> const& runs) override {
+        for (Run const& run : runs) {
+            if (run.run_type != Run::RT_Iteration || run.error_occurred) {
+                continue;
+            }
+            auto const iterations = static_cast<double>(run.iterations);
+            std::string const& name = run.run_name.function_name;
+            m_Times[{name, Clock::kProcessor}].push_back(run.cpu_accumulated_time / iterations);
+            m_Times[{name, Clock::kWall}].push_back(run.real_accumulated_time / iterations);
+        }
+    }
+
+    /// The time below which `part` of the repetitions lie; 0 when there was none.
+    [[nodiscard]] double quantile(std::string const& name, Clock clock, double part) const {
+        auto const found = m_Times.find({name, clock});
+        if (found == m_Times.end()) {
+            return 0;
+        }
+        std::vector<double> times = found->second;
+        std::sort(times.begin(), times.end());
+        double const position = part * static_cast<double>(times.size() - 1);
+        auto const below = static_cast<std::size_t>(position);
+        std::size_t const above = std::min(below + 1, times.size() - 1);
+        return times[below] + (position - static_cast<double>(below)) * (times[above] - times[below]);
+    }
+
+private:
+    std::map<std::pair<std::string, Clock>, std::vector<double>> m_Times;
+};
+
+/// False when a side has not run.
+bool printRatio(Ratio const& ratio, Collector const& times) {
+    auto const measured = [&](double part) { return times.quantile(ratio.measured, ratio.clock, part); };
+    auto const base = [&](double part) { return times.quantile(ratio.base, ratio.clock, part) * ratio.divisor; };
+    if (base(0.5) <= 0 || measured(0.5) <= 0) {
+        return false;
+    }
+    std::printf("%-62s %8.2f   %.2f to %.2f\n", ratio.label.c_str(), measured(0.5) / base(0.5),
+                measured(0.25) / base(0.75), measured(0.75) / base(0.25));
+    return true;
+}
+
+}  // namespace
+
+void add(std::string const& name, Work work) {
+    benchmark::RegisterBenchmark(name.c_str(), [work = std::move(work)](benchmark::State& state) {
+        for ([[maybe_unused]] auto const& iteration : state) {
+            work();
+        }
+        // The allocator puts off part of the work of freeing: it must not fall on the benchmark that comes next.
+        ::malloc_trim(0);
+    });
+}
+
+void compare(std::string const& label, std::string const& measured, std::string const& base, Clock clock) {
+    g_Ratios.push_back({label, measured, base, 1, clock});
+}
+
+void compareGrowth(std::string const& label, std::string const& measured, std::string const& base, double timesAsMuch) {
+    g_Ratios.push_back({label, measured, base, timesAsMuch, Clock::kProcessor});
+}
+
+void addPair(std::string const& name, Work ours, std::string const& other, Work theirs) {
+    add(name + "/ours", std::move(ours));
+    add(name + "/" + other, std::move(theirs));
+    compare(name + " / " + other, name + "/ours", name + "/" + other);
+}
+
+void addBytes(std::string const& label, double ours, std::string const& other, double theirs) {
+    g_Bytes.push_back({label, ours, other, theirs});
+}
+
+int run(int argc, char** argv) {
+    // Options on the command line come later and win.
+    std::string defaults[] = {"--benchmark_enable_random_interleaving=true", "--benchmark_repetitions=9",
+                              "--benchmark_min_time=0.05"};
+    std::vector<char*> arguments(argv, argv + argc);
+    for (std::string& option : defaults) {
+        arguments.insert(arguments.begin() + 1, option.data());
+    }
+    int count = static_cast<int>(arguments.size());
+    arguments.push_back(nullptr);
+    benchmark::Initialize(&count, arguments.data());
+    if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) {
+        return 1;
+    }
+    Collector times;
+    benchmark::RunSpecifiedBenchmarks(&times);
+
+    std::printf("%-62s %8s   %s\n", "", "ratio", "between quartiles");
+    std::size_t printed = 0;
+    for (Ratio const& ratio : g_Ratios) {
+        printed += printRatio(ratio, times) ? 1U : 0U;
+    }
+    for (Bytes const& bytes : g_Bytes) {
+        std::printf("%-62s %8.2f   %.0f bytes, %s %.0f\n", bytes.label.c_str(), bytes.ours / bytes.theirs, bytes.ours,
+                    bytes.other.c_str(), bytes.theirs);
+    }
+    return printed == 0 ? 1 : 0;
+}
+
+std::size_t heapInUse() {
+    struct mallinfo2 const now = ::mallinfo2();
+    return now.uordblks + now.hblkhd;
+}
+
+void require(bool condition, char const* what) {
+    if (!condition) {
+        throw std::runtime_error(what);
+    }
+}
+
+int benchMain(int argc, char** argv, void (*setUp)()) {
+    try {
+        setUp();
+        return run(argc, argv);
+    } catch (std::exception const& failure) {
+        std::cerr << argv[0] << ": " << failure.what() << '\n';
+        return 1;
+    }
+}
+
+}  // namespace kvxbench

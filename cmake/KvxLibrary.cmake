@@ -1,0 +1,33 @@
+# The products made of the layers: libtallowin.so, libtallowin.a and the internal archive that tests link.
+
+set(KVX_LAYERS foundation xml core net api)
+set(kvx_objects "")
+set(kvx_seam_objects "")
+foreach(layer IN LISTS KVX_LAYERS)
+  list(APPEND kvx_objects $<TARGET_OBJECTS:kvx_${layer}>)
+  list(APPEND kvx_seam_objects $<TARGET_OBJECTS:kvx_${layer}_seams>)
+endforeach()
+
+add_library(tallowin SHARED ${kvx_objects})
+set_target_properties(tallowin PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+target_link_libraries(tallowin PRIVATE OpenSSL::SSL OpenSSL::Crypto PkgConfig::UUID)
+target_include_directories(tallowin INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/api/include>
+                                              $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/include>
+                                              $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+set(KVX_EXPORT_LIST "${PROJECT_SOURCE_DIR}/cmake/tallowin.map")
+target_link_options(tallowin PRIVATE "-Wl,--version-script=${KVX_EXPORT_LIST}" -Wl,--no-undefined)
+set_target_properties(tallowin PROPERTIES LINK_DEPENDS "${KVX_EXPORT_LIST}")
+
+add_library(tallowin_static STATIC ${kvx_objects})
+set_target_properties(tallowin_static PROPERTIES OUTPUT_NAME tallowin)
+target_link_libraries(tallowin_static PUBLIC OpenSSL::SSL OpenSSL::Crypto PkgConfig::UUID)
+target_include_directories(tallowin_static PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
+                                                  $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/api/include>
+                                                  $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+
+add_library(tallowin_seams STATIC EXCLUDE_FROM_ALL ${kvx_seam_objects})
+target_link_libraries(tallowin_seams PUBLIC OpenSSL::SSL OpenSSL::Crypto PkgConfig::UUID)
+target_compile_definitions(tallowin_seams PUBLIC KVX_TEST_SEAMS)
+target_include_directories(tallowin_seams PUBLIC "${PROJECT_SOURCE_DIR}" "${PROJECT_SOURCE_DIR}/api/include")
+
+include(KvxInstall)

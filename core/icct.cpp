@@ -1,0 +1,175 @@
+#include "core/icct.h"
+
+#include <openssl/bn.h>
+#include <openssl/rand.h>
+#include <openssl/rsa.h>
+#include <openssl/sha.h>
+
+#include <array>
+#include <climits>
+#include <cstring>
+#include <memory>
+
+// The low-level RSA interface is deprecated since OpenSSL 3.0, and still the one that does exactly what is wanted:
+// PKCS#1 blobs and nothing else, and the RSA operation on a digest without a DigestInfo. It is used in this file only.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+
+namespace {
+
+constexpr int kModulusBits = 512;
+constexpr BN_ULONG kPublicExponent = 65537;
+
+/// Bytes of the largest modulus a signature is checked with: keys up to 1024 bits.
+constexpr int kMaxVerifyModulus = 128;
+
+/// Bytes of the largest modulus for signing and encrypting, the room that callers keep for a result.
+constexpr int kMaxModulus = 1024;
+
+struct FreeRsa {
+    void operator()(RSA* key) const noexcept { RSA_free(key); }
+};
+using RsaHolder = std::unique_ptr<RSA, FreeRsa>;
+
+struct FreeBignum {
+    void operator()(BIGNUM* number) const noexcept { BN_free(number); }
+};
+using BignumHolder = std::unique_ptr<BIGNUM, FreeBignum>;
+
+/// Cleans up the random generator at the end of a key generation. An empty statement in OpenSSL 3, which manages its
+/// generators itself; tearing the whole library down instead would break the host process.
+struct RandCleaner {
+    ~RandCleaner() { RAND_cleanup(); }
+};
+
+using Digest = std::array<unsigned char, SHA_DIGEST_LENGTH>;
+
+/// True when `length` bytes at `data` can be handed to OpenSSL. Null is fine for no bytes.
+[[nodiscard]] bool IsUsable(unsigned char const* data, unsigned long length) noexcept {
+    return length <= INT_MAX && (data != nullptr || length == 0);
+}
+
+/// Decodes a key blob with `d2i_RSAPublicKey` or `d2i_RSAPrivateKey`; null when it is none.
+/// The decoder allocates the object: one that was handed in would already be freed after a failure.
+[[nodiscard]] RsaHolder DecodeKey(decltype(d2i_RSAPublicKey)* decode, unsigned char const* blob, int length) noexcept {
+    if (blob == nullptr || length <= 0) {
+        return nullptr;
+    }
+    return RsaHolder(decode(nullptr, &blob, length));
+}
+
+}  // namespace
+
+int ICCT_GenerateKeys(unsigned char* pubOut, int* pubLen, unsigned char* privOut, int* privLen, unsigned char* seed,
+                      int seedLen) noexcept {
+    if (pubOut == nullptr || pubLen == nullptr || privOut == nullptr || privLen == nullptr) {
+        return -1;
+    }
+    if (seedLen < 0 || (seed == nullptr && seedLen != 0)) {
+        return -1;
+    }
+    RandCleaner const cleaner;
+    // Deliberate: one object is made and dropped ahead of the key. Nothing uses it; only running out of memory shows.
+    if (RsaHolder(RSA_new_method(nullptr)) == nullptr) {
+        return -1;
+    }
+    if (seedLen != 0) {
+        RAND_seed(seed, seedLen);
+    }
+    BignumHolder const exponent(BN_new());
+    RsaHolder const key(RSA_new());
+    if (exponent == nullptr || key == nullptr || BN_set_word(exponent.get(), kPublicExponent) != 1 ||
+        RSA_generate_key_ex(key.get(), kModulusBits, exponent.get(), nullptr) != 1) {
+        return -1;
+    }
+    unsigned char* pubEnd = pubOut;
+    *pubLen = i2d_RSAPublicKey(key.get(), &pubEnd);
+    if (*pubLen <= 0) {
+        return -1;
+    }
+    unsigned char* privEnd = privOut;
+    *privLen = i2d_RSAPrivateKey(key.get(), &privEnd);
+    if (*privLen <= 0) {
+        return -1;
+    }
+    // Deliberate: adds 0, because an input shorter than its target is refused. The refusal stays in the error queue.
+    *privLen += RSA_padding_add_none(privEnd, 1, nullptr, 0);
+    return 0;
+}
+
+int ICCT_Signature(unsigned char const* privKey, int privKeyLen, unsigned char* data, unsigned long dataLen,
+                   unsigned char* sigOut, unsigned long* sigLen) noexcept {
+    if (!IsUsable(data, dataLen) || sigOut == nullptr || sigLen == nullptr) {
+        return -1;
+    }
+    RsaHolder const key = DecodeKey(d2i_RSAPrivateKey, privKey, privKeyLen);
+    if (key == nullptr || RSA_size(key.get()) > kMaxModulus) {
+        return -1;
+    }
+    Digest digest;
+    if (SHA1(data, dataLen, digest.data()) == nullptr) {
+        return -1;
+    }
+    // Deliberate: the bare digest, see the head of icct.h. RSA_sign would wrap it.
+    int const length = RSA_private_encrypt(SHA_DIGEST_LENGTH, digest.data(), sigOut, key.get(), RSA_PKCS1_PADDING);
+    *sigLen = static_cast<unsigned long>(length);
+    return length != -1 ? 0 : -1;
+}
+
+int ICCT_Verify(unsigned char const* pubKey, int pubKeyLen, unsigned char* data, unsigned long dataLen,
+                unsigned char* sig, unsigned long sigLen) noexcept {
+    if (!IsUsable(data, dataLen) || !IsUsable(sig, sigLen)) {
+        return -1;
+    }
+    // A larger key could recover more bytes than the buffer below holds. Keys may come from the network.
+    RsaHolder const key = DecodeKey(d2i_RSAPublicKey, pubKey, pubKeyLen);
+    if (key == nullptr || RSA_size(key.get()) > kMaxVerifyModulus) {
+        return -1;
+    }
+    Digest digest;
+    if (SHA1(data, dataLen, digest.data()) == nullptr) {
+        return -1;
+    }
+    std::array<unsigned char, kMaxVerifyModulus> recovered;
+    int const length =
+        RSA_public_decrypt(static_cast<int>(sigLen), sig, recovered.data(), key.get(), RSA_PKCS1_PADDING);
+    if (length != SHA_DIGEST_LENGTH || std::memcmp(recovered.data(), digest.data(), digest.size()) != 0) {
+        return -1;
+    }
+    return 0;
+}
+
+int ICCT_CryptDigest(unsigned char* pubKey, int pubKeyLen, unsigned char* in, unsigned long inLen, unsigned char* out,
+                     unsigned long* outLen) noexcept {
+    if (!IsUsable(in, inLen) || out == nullptr || outLen == nullptr) {
+        return -1;
+    }
+    RsaHolder const key = DecodeKey(d2i_RSAPublicKey, pubKey, pubKeyLen);
+    if (key == nullptr || RSA_size(key.get()) > kMaxModulus) {
+        return -1;
+    }
+    std::array<unsigned char, kMaxModulus> encrypted;
+    int const length = RSA_public_encrypt(static_cast<int>(inLen), in, encrypted.data(), key.get(), RSA_PKCS1_PADDING);
+    if (length < 0 || static_cast<unsigned long>(length) > *outLen) {
+        return -1;
+    }
+    *outLen = static_cast<unsigned long>(length);
+    std::memcpy(out, encrypted.data(), *outLen);
+    return 0;
+}
+
+int ICCT_DecryptDigest(unsigned char* privKey, int privKeyLen, unsigned char* in, unsigned long inLen,
+                       unsigned char* out, unsigned long* outLen) noexcept {
+    if (!IsUsable(in, inLen) || out == nullptr || outLen == nullptr) {
+        return -1;
+    }
+    RsaHolder const key = DecodeKey(d2i_RSAPrivateKey, privKey, privKeyLen);
+    if (key == nullptr) {
+        return -1;
+    }
+    int const length = RSA_private_decrypt(static_cast<int>(inLen), in, out, key.get(), RSA_PKCS1_PADDING);
+    *outLen = static_cast<unsigned long>(length);
+    return length != -1 ? 0 : -1;
+}
+
+#pragma GCC diagnostic pop

@@ -1,0 +1,74 @@
+#include "core/kvxctx.h"
+
+#include <memory>
+
+#include "core/kvxlines.h"
+#include "foundation/tbsystem.h"
+
+namespace {
+
+/// Permissions of a new directory, before the process's umask.
+constexpr mode_t kDirectoryMode = 0777;
+
+bool canOpenDirectory(char const* path) {
+    DIR* const directory = tbSystem().opendir(path);
+    return directory != nullptr && ::closedir(directory) == 0;
+}
+
+}  // namespace
+
+KVX_Context::KVX_Context(KVX_Context const& other)
+    : m_Path(other.m_Path), m_UserName(other.m_UserName), m_Password(other.m_Password), m_AutoUrl(other.m_AutoUrl) {}
+
+KVX_Context& KVX_Context::operator=(KVX_Context const& other) {
+    m_Path = other.m_Path;
+    m_UserName = other.m_UserName;
+    m_Password = other.m_Password;
+    m_AutoUrl = other.m_AutoUrl;
+    return *this;
+}
+
+void KVX_Context::Open(TbString const& path) {
+    m_Path = path.isEmpty() ? GetDefaultConfiguration() : path;
+    KVX_TraceLog::Write(kvx::kSourceCtx, kvx::kLineOpen, KVX_OK, "OPEN CONTEXT", m_Path);
+    CreatePath(m_Path);
+}
+
+TbString KVX_Context::GetDefaultConfiguration() const {
+    char path[256] = {};
+    if (tbSystem().getcwd(path, sizeof path - 1) == nullptr) {
+        path[0] = '\0';
+    }
+    return path;
+}
+
+void KVX_Context::CreatePath(TbString const& path) {
+    if (!canOpenDirectory(path.c_str()) && tbSystem().mkdir(path.c_str(), kDirectoryMode) != 0) {
+        int const error = errno;
+        // Another process may have created it in between.
+        if (error != EEXIST || !canOpenDirectory(path.c_str())) {
+            // Deliberate: the code is the system's own errno.
+            throw KVX_Exception(error, "KVX_Context::CreatePath(): failed to create directory", kvx::kSourceBase,
+                                kvx::kLineCreatePath);
+        }
+    }
+    LogMessage("CREATE PATH: " + path);
+}
+
+void KVX_Context::SetOption(TbString const& name, TbString const& value) {
+    if (name == TbString("UserName")) {
+        m_UserName = value;
+    } else if (name == TbString("Password")) {
+        m_Password = value;
+    } else if (name == TbString("VTAUTOURL")) {
+        m_AutoUrl = value;
+    } else {
+        throw KVX_Exception(KVX_E_INVALID_OPTION, "", kvx::kSourceCtx, kvx::kLineSetOption);
+    }
+}
+
+void KVX_Context::LogMessage(TbString const&) {}
+
+TbString KVX_Context::pathOf(TbString const& file) const {
+    return m_Path + "/" + file;
+}

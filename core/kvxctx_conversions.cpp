@@ -1,0 +1,116 @@
+// Encodings, identifiers and time stamps.
+
+#include <uuid/uuid.h>
+
+#include <cmath>
+#include <cstdio>
+
+#include "core/kvxctx.h"
+#include "core/kvxpercent.h"
+#include "core/kvxwipe.h"
+#include "foundation/tbexception.h"
+#include "foundation/tbsystem.h"
+
+namespace {
+
+constexpr char kHexDigits[] = "0123456789abcdef";
+
+void appendHex(TbString& text, unsigned char byte) {
+    text.append(kHexDigits[byte >> 4]);
+    text.append(kHexDigits[byte & 0x0F]);
+}
+
+/// 0 to 15, or -1.
+int valueOfHexDigit(char digit) {
+    if (digit >= '0' && digit <= '9') {
+        return digit - '0';
+    }
+    if (digit >= 'A' && digit <= 'F') {
+        return digit - 'A' + 10;
+    }
+    return digit >= 'a' && digit <= 'f' ? digit - 'a' + 10 : -1;
+}
+
+/// Which byte of an identifier stands at which place of its text: the leading fields are read as little-endian numbers.
+/// Others parse these identifiers. Do not change.
+constexpr int kUuidOrder[] = {3, 2, 1, 0, 5, 4, 7, 6, 8, 9, 10, 11, 12, 13, 14, 15};
+
+// The first second of year 0 and the last of year 9999, in UTC.
+constexpr double kFirstTime = -62167219200.0;
+constexpr double kLastTime = 253402300799.0;
+
+}  // namespace
+
+TbString KVX_Context::Encode(TbString const& text) {
+    TbString encoded("");
+    for (std::uint32_t i = 0; i < text.length(); ++i) {
+        KvxPercentEncoded const piece(static_cast<unsigned char>(text[i]));
+        encoded.append(piece.m_Text, piece.m_Length);
+    }
+    return encoded;
+}
+
+TbString KVX_Context::BufferToHex(unsigned char* buffer, unsigned long length) {
+    if (length > TbString::npos / 2) {
+        throw TBFC_Exception(KVX_E_OUT_OF_MEMORY);
+    }
+    TbString hex("");
+    // At once, so that no outgrown copy of a key stays in memory.
+    hex.grow(2 * static_cast<std::uint32_t>(length));
+    for (unsigned long i = 0; i < length; ++i) {
+        appendHex(hex, buffer[i]);
+    }
+    return hex;
+}
+
+std::int32_t KVX_Context::HexToBuffer(TbString hex, unsigned char* buffer, unsigned long* size) {
+    KvxTextWiper const wiper(hex);
+    int high = 0;
+    for (std::uint32_t i = 0; i < hex.length(); ++i) {
+        if (i / 2 >= *size) {
+            return KVX_E_BUFFER_TOO_SMALL;
+        }
+        int const value = valueOfHexDigit(hex[i]);
+        if (value < 0) {
+            return KVX_E_COMMAND_FAILED;
+        }
+        if (i % 2 == 0) {
+            high = value;
+        } else {
+            buffer[i / 2] = static_cast<unsigned char>(high * 16 + value);
+        }
+    }
+    *size = hex.length() / 2;
+    return KVX_OK;
+}
+
+void KVX_Context::SlToBackSl(TbString& text) {
+    for (std::uint32_t i = 0; i < text.length(); ++i) {
+        if (text[i] == '/') {
+            text[i] = '\\';
+        }
+    }
+}
+
+TbString KVX_Context::CreateUuid() {
+    uuid_t bytes;
+    uuid_generate(bytes);
+    TbString text("");
+    for (int const index : kUuidOrder) {
+        appendHex(text, bytes[index]);
+    }
+    return text;
+}
+
+TbString GetTimeDate(double seconds) {
+    // Truncated before it is added: -0.9 is no second less.
+    double const offset = std::isfinite(seconds) ? std::trunc(seconds) : 0.0;
+    double const moment = static_cast<double>(tbSystem().time(nullptr)) + offset;
+    auto const when = static_cast<std::time_t>(std::fmin(std::fmax(moment, kFirstTime), kLastTime));
+    std::tm utc = {};
+    ::gmtime_r(&when, &utc);
+    char text[80];
+    std::snprintf(text, sizeof text, "%04d%02d%02d %02d:%02d:%02d", utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday,
+                  utc.tm_hour, utc.tm_min, utc.tm_sec);
+    return text;
+}

@@ -1,0 +1,118 @@
+// Keys and signatures.
+
+#include "core/icct.h"
+#include "core/kvxctx.h"
+#include "core/kvxlines.h"
+#include "core/kvxwipe.h"
+#include "foundation/tbexception.h"
+#include "foundation/tbmemory.h"
+
+namespace {
+
+constexpr std::size_t kGeneratedKeyBytes = 4096;
+constexpr std::size_t kKeyBytes = 1024;
+constexpr std::size_t kOwnSignatureBytes = 1024;
+constexpr std::size_t kSignatureBytes = 4096;
+
+/// What is signed for a text: each byte as one 16-bit little-endian unit, without a terminating one.
+class WidenedText {
+public:
+    /// Deliberate: signing widens without sign, verifying with sign. They agree on 7-bit text only.
+    enum class Sign { kIgnored, kExtended };
+
+    WidenedText(TbString const& text, Sign sign) : m_Length(2 * static_cast<unsigned long>(text.length())) {
+        m_Units = static_cast<unsigned char*>(tbAllocate(static_cast<std::size_t>(m_Length) + 2));
+        if (m_Units == nullptr) {
+            throw TBFC_Exception(KVX_E_OUT_OF_MEMORY);
+        }
+        for (std::uint32_t i = 0; i < text.length(); ++i) {
+            auto const byte = static_cast<unsigned char>(text[i]);
+            m_Units[2 * std::size_t{i}] = byte;
+            m_Units[2 * std::size_t{i} + 1] = sign == Sign::kExtended && byte >= 0x80 ? 0xFF : 0;
+        }
+        m_Units[m_Length] = 0;
+        m_Units[m_Length + 1] = 0;
+    }
+    WidenedText(WidenedText const&) = delete;
+    WidenedText& operator=(WidenedText const&) = delete;
+    ~WidenedText() { tbRelease(m_Units); }
+
+    [[nodiscard]] unsigned char* bytes() const { return m_Units; }
+    [[nodiscard]] unsigned long length() const { return m_Length; }
+
+private:
+    unsigned long m_Length;  ///< Without the terminating unit.
+    unsigned char* m_Units;  ///< Owned.
+};
+
+[[noreturn]] void fail(std::int32_t code, long line) {
+    throw KVX_Exception(code, "", kvx::kSourceCtx, line);
+}
+
+TbString publicKeyFile(TbString const& keyId) {
+    return "keys/public/" + keyId;
+}
+
+TbString privateKeyFile(TbString const& keyId) {
+    return "keys/private/" + keyId;
+}
+
+}  // namespace
+
+void KVX_Context::GenKey(TbString& keyId) {
+    KvxWipedBuffer<kGeneratedKeyBytes> publicKey;
+    KvxWipedBuffer<kGeneratedKeyBytes> privateKey;
+    int publicLength = 0;
+    int privateLength = 0;
+    if (ICCT_GenerateKeys(publicKey.m_Bytes, &publicLength, privateKey.m_Bytes, &privateLength, nullptr, 0) != 0) {
+        fail(KVX_E_CRYPTO, kvx::kLineGenKey);
+    }
+    TbString const publicHex = BufferToHex(publicKey.m_Bytes, static_cast<unsigned long>(publicLength));
+    TbString privateHex = BufferToHex(privateKey.m_Bytes, static_cast<unsigned long>(privateLength));
+    KvxTextWiper const wiper(privateHex);
+    UpdateFile(publicKeyFile(keyId), publicHex);
+    UpdateFile(privateKeyFile(keyId), privateHex);
+}
+
+void KVX_Context::SignData(TbString const& data, TbString const& keyId, TbString& signature) {
+    TbStringStream keyText;
+    KvxTextWiper const wiper(keyText);
+    if (!readFileOrAbsent(privateKeyFile(keyId), keyText)) {
+        fail(KVX_E_NOT_FOUND, kvx::kLineSignNoKey);
+    }
+    WidenedText const widened(data, WidenedText::Sign::kIgnored);
+    KvxWipedBuffer<kKeyBytes> key;
+    unsigned long keyLength = sizeof key.m_Bytes;
+    if (HexToBuffer(keyText.str(), key.m_Bytes, &keyLength) != KVX_OK) {
+        fail(KVX_E_INVALID_KEY, kvx::kLineSignKeyBlob);
+    }
+    unsigned char bytes[kOwnSignatureBytes];
+    unsigned long length = sizeof bytes;
+    if (ICCT_Signature(key.m_Bytes, static_cast<int>(keyLength), widened.bytes(), widened.length(), bytes, &length) !=
+        0) {
+        fail(KVX_E_CRYPTO, kvx::kLineSignFailed);
+    }
+    signature = BufferToHex(bytes, length);
+}
+
+void KVX_Context::VerifyData(TbString const& data, TbString const& keyId, TbString const& signature) {
+    TbStringStream keyText;
+    if (!readFileOrAbsent(publicKeyFile(keyId), keyText)) {
+        fail(KVX_E_NOT_FOUND, kvx::kLineVerifyNoKey);
+    }
+    unsigned char key[kKeyBytes];
+    unsigned long keyLength = sizeof key;
+    if (HexToBuffer(keyText.str(), key, &keyLength) != KVX_OK) {
+        fail(KVX_E_INVALID_KEY, kvx::kLineVerifyKeyBlob);
+    }
+    unsigned char bytes[kSignatureBytes];
+    unsigned long length = sizeof bytes;
+    // Deliberate: a signature that is no hexadecimal text has the code of a bad key.
+    if (HexToBuffer(signature, bytes, &length) != KVX_OK) {
+        fail(KVX_E_INVALID_KEY, kvx::kLineVerifySignatureText);
+    }
+    WidenedText const widened(data, WidenedText::Sign::kExtended);
+    if (ICCT_Verify(key, static_cast<int>(keyLength), widened.bytes(), widened.length(), bytes, length) != 0) {
+        fail(KVX_E_INVALID_SIGNATURE, kvx::kLineVerifyFailed);
+    }
+}

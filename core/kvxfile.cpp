@@ -1,0 +1,303 @@
+#include "core/kvxfile.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <memory>
+
+#include "core/kvxbase.h"
+#include "core/kvxlines.h"
+#include "core/kvxwipe.h"
+#include "foundation/tbsystem.h"
+
+namespace {
+
+constexpr char kTemporaryPrefix[] = ".tallowin-";
+constexpr char kTemporarySuffix[] = ".tmp";
+constexpr mode_t kPermissions = 07777;
+constexpr std::size_t kReadChunk = 8192;
+
+/// A divisor of every page size, a power of two.
+constexpr std::size_t kPage = 4096;
+
+struct DirectoryCloser {
+    void operator()(DIR* directory) const noexcept { ::closedir(directory); }
+};
+using Directory = std::unique_ptr<DIR, DirectoryCloser>;
+
+struct MallocReleaser {
+    void operator()(char* memory) const noexcept { std::free(memory); }
+};
+
+int openFile(char const* path, int flags, mode_t mode = 0) {
+    return tbAwayFromStandardStreams(
+        tbRetryInterrupted([&] { return tbSystem().open(path, flags | O_CLOEXEC, mode); }));
+}
+
+/// The directory part of `path`.
+TbString directoryOf(char const* path) {
+    char const* const slash = std::strrchr(path, '/');
+    if (slash == nullptr) {
+        return ".";
+    }
+    TbString directory("");
+    directory.append(path, static_cast<std::uint32_t>(slash == path ? 1 : slash - path));
+    return directory;
+}
+
+bool isTemporaryName(char const* name) {
+    std::size_t const length = std::strlen(name);
+    std::size_t const suffix = sizeof kTemporarySuffix - 1;
+    return length > suffix && std::strncmp(name, kTemporaryPrefix, sizeof kTemporaryPrefix - 1) == 0 &&
+           std::strcmp(name + length - suffix, kTemporarySuffix) == 0;
+}
+
+/// Removes new files in `directory` whose writers died: a living writer holds a lock on its own.
+void removeLeftovers(TbString const& directory) {
+    Directory const entries(tbSystem().opendir(directory.c_str()));
+    if (entries == nullptr) {
+        return;
+    }
+    while (dirent const* entry = ::readdir(entries.get())) {
+        if (!isTemporaryName(entry->d_name)) {
+            continue;
+        }
+        TbString const path = directory + "/" + TbString(entry->d_name);
+        KvxDescriptor const file(openFile(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK));
+        if (file.isOpen() && tbSystem().flock(file.get(), LOCK_EX | LOCK_NB) == 0) {
+            tbSystem().unlink(path.c_str());
+        }
+    }
+}
+
+/// A new file beside the target. It is locked while it is written, and gone unless it took the target's name.
+class TemporaryFile {
+public:
+    TemporaryFile(TbString const& directory, mode_t mode) : m_File(-1) {
+        // A file that another process cleared away before it was locked is made anew.
+        for (int attempt = 0; attempt < kAttempts && !create(directory, mode); ++attempt) {
+        }
+    }
+    TemporaryFile(TemporaryFile const&) = delete;
+    TemporaryFile& operator=(TemporaryFile const&) = delete;
+    ~TemporaryFile() {
+        if (isOpen()) {
+            if (!m_Renamed) {
+                tbSystem().unlink(m_Path.c_str());
+            }
+            tbSystem().close(m_File);
+        }
+    }
+
+    [[nodiscard]] bool isOpen() const { return m_File >= 0; }
+    [[nodiscard]] int get() const { return m_File; }
+
+    bool renameTo(char const* path) {
+        m_Renamed = tbSystem().rename(m_Path.c_str(), path) == 0;
+        return m_Renamed;
+    }
+
+private:
+    static constexpr int kAttempts = 16;
+
+    /// False when another attempt may do.
+    bool create(TbString const& directory, mode_t mode) {
+        static std::atomic<unsigned> s_Number{0};
+        char name[64];
+        std::snprintf(name, sizeof name, "/%s%ld-%u%s", kTemporaryPrefix, static_cast<long>(::getpid()), s_Number++,
+                      kTemporarySuffix);
+        m_Path = directory + name;
+        int const file = openFile(m_Path.c_str(), O_WRONLY | O_CREAT | O_EXCL, mode);
+        if (file < 0) {
+            return errno != EEXIST;
+        }
+        struct ::stat status = {};
+        tbRetryInterrupted([&] { return tbSystem().flock(file, LOCK_EX); });
+        if (tbSystem().fstat(file, &status) == 0 && status.st_nlink == 0) {
+            tbSystem().close(file);
+            return false;
+        }
+        m_File = file;
+        return true;
+    }
+
+    TbString m_Path;
+    int m_File;
+    bool m_Renamed = false;
+};
+
+/// Whether a file beside the target is impossible while the target itself may still be written.
+bool mayWriteInPlace(int error) {
+    return error == EACCES || error == EPERM || error == EROFS || error == ENAMETOOLONG;
+}
+
+int synchronise(int file) {
+    return tbRetryInterrupted([file] { return tbSystem().fsync(file); });
+}
+
+bool isOutOfSpace(int error) {
+    return error == ENOSPC || error == EDQUOT || error == EIO;
+}
+
+KvxWriteResult writeInPlace(char const* path, void const* data, std::size_t bytes, mode_t mode) {
+    KvxDescriptor file(openFile(path, O_WRONLY | O_CREAT | O_TRUNC, mode));
+    if (!file.isOpen()) {
+        return KvxWriteResult::kCannotOpen;
+    }
+    bool const written = kvxWriteAll(file.get(), data, bytes);
+    // Pipes and terminals cannot be synchronised.
+    bool const flushed = synchronise(file.get()) == 0 || errno == EINVAL || errno == EROFS;
+    bool const closed = file.close();
+    return written && flushed && closed ? KvxWriteResult::kDone : KvxWriteResult::kCannotWrite;
+}
+
+/// Gives `file` the mode, and where it differs the owner, of the file it replaces.
+bool takeOverStatus(int file, struct ::stat const& old) {
+    struct ::stat fresh = {};
+    if (tbSystem().fstat(file, &fresh) != 0) {
+        return false;
+    }
+    bool const isForeign = fresh.st_uid != old.st_uid || fresh.st_gid != old.st_gid;
+    if (isForeign && ::fchown(file, old.st_uid, old.st_gid) != 0) {
+        return false;
+    }
+    return tbSystem().fchmod(file, old.st_mode & kPermissions) == 0;
+}
+
+bool syncDirectory(TbString const& directory) {
+    KvxDescriptor const file(openFile(directory.c_str(), O_RDONLY | O_DIRECTORY));
+    return !file.isOpen() || synchronise(file.get()) == 0 || !isOutOfSpace(errno);
+}
+
+KvxWriteResult replaceBeside(char const* path, void const* data, std::size_t bytes, mode_t mode,
+                             struct ::stat const* old) {
+    TbString const directory = directoryOf(path);
+    removeLeftovers(directory);
+    TemporaryFile fresh(directory, mode);
+    if (!fresh.isOpen()) {
+        int const error = errno;
+        if (mayWriteInPlace(error)) {
+            return writeInPlace(path, data, bytes, mode);
+        }
+        // A file that is there could be opened; it is the room for its new content that is missing.
+        return old != nullptr && isOutOfSpace(error) ? KvxWriteResult::kCannotWrite : KvxWriteResult::kCannotOpen;
+    }
+    if (old != nullptr && !takeOverStatus(fresh.get(), *old)) {
+        return isOutOfSpace(errno) ? KvxWriteResult::kCannotWrite : writeInPlace(path, data, bytes, mode);
+    }
+    if (!kvxWriteAll(fresh.get(), data, bytes) || synchronise(fresh.get()) != 0) {
+        return KvxWriteResult::kCannotWrite;
+    }
+    if (!fresh.renameTo(path)) {
+        // In a directory with the sticky bit a stranger's file may be written but not replaced; neither may a file that
+        // is a mount point, as containers have them.
+        return mayWriteInPlace(errno) || errno == EBUSY ? writeInPlace(path, data, bytes, mode)
+                                                        : KvxWriteResult::kCannotWrite;
+    }
+    return syncDirectory(directory) ? KvxWriteResult::kDone : KvxWriteResult::kCannotWrite;
+}
+
+}  // namespace
+
+bool KvxDescriptor::close() noexcept {
+    if (m_File < 0) {
+        return true;
+    }
+    int const file = m_File;
+    m_File = -1;
+    // Not repeated when interrupted: the descriptor is gone then.
+    return tbSystem().close(file) == 0 || errno == EINTR;
+}
+
+int kvxOpenForReading(char const* path) noexcept {
+    KvxDescriptor file(openFile(path, O_RDONLY));
+    struct ::stat status = {};
+    if (!file.isOpen() || tbSystem().fstat(file.get(), &status) != 0 || S_ISDIR(status.st_mode)) {
+        return -1;
+    }
+    return file.release();
+}
+
+bool kvxReadFile(char const* path, TbStringStream& out) {
+    KvxDescriptor const file(kvxOpenForReading(path));
+    if (!file.isOpen()) {
+        return false;
+    }
+    // The whole file at once where its size is known, so that no outgrown copy of a key stays in memory.
+    struct ::stat status = {};
+    if (tbSystem().fstat(file.get(), &status) == 0 && status.st_size > 0 &&
+        status.st_size < std::numeric_limits<std::int32_t>::max()) {
+        out.grow(static_cast<std::uint32_t>(status.st_size));
+    }
+    KvxWipedBuffer<kReadChunk> chunk;  // it may be a private key
+    for (;;) {
+        ssize_t const count =
+            tbRetryInterrupted([&] { return tbSystem().read(file.get(), chunk.m_Bytes, sizeof chunk.m_Bytes); });
+        if (count < 0) {
+            throw KVX_Exception(KVX_E_FILE_IO, "", kvx::kSourceCtx, kvx::kLineReadFile);
+        }
+        if (count == 0) {
+            return true;
+        }
+        out.put(reinterpret_cast<char const*>(chunk.m_Bytes), static_cast<std::uint32_t>(count));
+    }
+}
+
+ssize_t kvxReadUpTo(int file, void* buffer, std::size_t bytes) noexcept {
+    std::size_t done = 0;
+    while (done < bytes) {
+        // A caller may name more room than the buffer has, and the system refuses a read that would reach past the end
+        // of all addresses. No read goes beyond the page it starts in, so only room that the file fills is ever named.
+        char* const next = static_cast<char*>(buffer) + done;
+        std::size_t const restOfPage = kPage - (reinterpret_cast<std::uintptr_t>(next) & (kPage - 1));
+        ssize_t const count =
+            tbRetryInterrupted([&] { return tbSystem().read(file, next, std::min(bytes - done, restOfPage)); });
+        if (count < 0) {
+            return -1;
+        }
+        if (count == 0) {
+            break;
+        }
+        done += static_cast<std::size_t>(count);
+    }
+    return static_cast<ssize_t>(done);
+}
+
+bool kvxWriteAll(int file, void const* data, std::size_t bytes) noexcept {
+    std::size_t done = 0;
+    while (done < bytes) {
+        ssize_t const count = tbRetryInterrupted(
+            [&] { return tbSystem().write(file, static_cast<char const*>(data) + done, bytes - done); });
+        if (count <= 0) {
+            return false;
+        }
+        done += static_cast<std::size_t>(count);
+    }
+    return true;
+}
+
+KvxWriteResult kvxReplaceFile(char const* path, void const* data, std::size_t bytes, mode_t mode) {
+    struct ::stat old = {};
+    if (tbSystem().lstat(path, &old) != 0) {
+        return replaceBeside(path, data, bytes, mode, nullptr);
+    }
+    std::unique_ptr<char, MallocReleaser> resolved;
+    if (S_ISLNK(old.st_mode)) {
+        resolved.reset(::realpath(path, nullptr));
+        if (resolved == nullptr || tbSystem().lstat(resolved.get(), &old) != 0) {
+            return writeInPlace(path, data, bytes, mode);
+        }
+        path = resolved.get();
+    }
+    if (!S_ISREG(old.st_mode)) {
+        return writeInPlace(path, data, bytes, mode);
+    }
+    if (tbSystem().access(path, W_OK) != 0) {
+        return KvxWriteResult::kCannotOpen;
+    }
+    return replaceBeside(path, data, bytes, mode, &old);
+}

@@ -1,0 +1,188 @@
+/* A whole payment in C: set-up, payment URL, confirmation, capture, completion.
+ *
+ *   TALLOWIN_PASSWORD=... tallowin-payment-c DIRECTORY SERVICE USER
+ *
+ * DIRECTORY   the configuration directory of the account, set up when that has not been done yet
+ * SERVICE     the payment service's set-up address, such as http://127.0.0.1:8080/auto of a running tallowin-sandbox
+ * USER        the account's user; a sandbox is born with "demo", password "demo"
+ *
+ * It prints a payment URL. Open it in a browser, pay, and paste the address at which the browser ends. */
+#include <ctype.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <tallowin/tallowin.h>
+
+static char const amount[] = "19.90";
+static char const currency[] = "EUR";
+
+/* Whether a call went well; tells what went wrong otherwise. Compare with KVX_OK, never with "less than 0". */
+static int ok(char const* what, int32_t code) {
+    char text[128] = "no text";
+    int32_t size = sizeof text;
+    if (code == KVX_OK) {
+        return 1;
+    }
+    KVX_GetErrorStringFromResult(code, &size, text);
+    fprintf(stderr, "%s: result 0x%08lX, %s\n", what, (unsigned long)(uint32_t)code, text);
+    return 0;
+}
+
+/* Registers the directory with the service, once in its life: the name of the current key is written last. */
+static int set_up(char const* directory, char const* service, char const* user, char const* password) {
+    KVX_HANDLE setup = CreateConfigurationSetup();
+    int32_t size = 0;
+    int done = ok("choosing the directory", ConfigurationSetup_SetConfiguration(setup, directory));
+    if (done && ConfigurationSetup_GetAttribute(setup, "keys/current", "", &size, NULL) == KVX_E_CANNOT_OPEN) {
+        done = ok("registering", ConfigurationSetup_Reconfigure(setup, service, user, password));
+    }
+    DestroyConfigurationSetup(setup);
+    return done;
+}
+
+/* Prints the signed URL of `payment`. Asks for its size first, then for the text. */
+static int print_url(KVX_HANDLE payment) {
+    int32_t size = 0;
+    char* url = NULL;
+    int done = 0;
+    if (MessageObject_GetURL(payment, &size, NULL) == KVX_E_BUFFER_TOO_SMALL) {
+        url = malloc((size_t)size);
+    }
+    done = url != NULL && ok("making the URL", MessageObject_GetURL(payment, &size, url));
+    if (done) {
+        printf("Send the shopper to:\n%s\n", url);
+        fflush(stdout);
+    }
+    free(url);
+    return done;
+}
+
+/* Starts a payment. A shop stores `token` with the order, and sends the browser to the URL. */
+static int start_payment(KVX_HANDLE factory, char* token, int32_t token_size) {
+    KVX_HANDLE payment = NULL;
+    int done = ok("creating a payment", MessageFactory_CreatePayInit(factory, &payment)) &&
+               ok("setting ORDERID", MessageObject_SetAttribute(payment, "ORDERID", "1001")) &&
+               ok("setting AMOUNT", MessageObject_SetAttribute(payment, "AMOUNT", amount)) &&
+               ok("setting CURRENCY", MessageObject_SetAttribute(payment, "CURRENCY", currency)) &&
+               ok("reading TOKEN", MessageObject_GetAttribute(payment, "TOKEN", &token_size, token)) &&
+               print_url(payment);
+    DestroyMessageObject(payment);
+    return done;
+}
+
+/* Decodes percent escapes up to the end of a query parameter, in place. */
+static void decode(char* text) {
+    char const* from = text;
+    while (*from != '\0' && *from != '&' && *from != '#' && *from != '\n') {
+        if (from[0] == '%' && isxdigit((unsigned char)from[1]) && isxdigit((unsigned char)from[2])) {
+            char const digits[3] = {from[1], from[2], '\0'};
+            *text++ = (char)strtol(digits, NULL, 16);
+            from += 3;
+        } else {
+            *text++ = *from++;
+        }
+    }
+    *text = '\0';
+}
+
+/* The decoded value of a query parameter; `key` is "?NAME=" or "&NAME=". Null when absent. Every web framework does
+ * this for a shop. */
+static char* take_parameter(char* address, char const* key) {
+    char* value = strstr(address, key);
+    if (value != NULL) {
+        value += strlen(key);
+        decode(value);
+    }
+    return value;
+}
+
+/* Whether attribute `name` is there and is exactly `wanted`. */
+static int is(KVX_HANDLE message, char const* name, char const* wanted) {
+    char value[256];
+    int32_t size = sizeof value;
+    if (MessageObject_GetAttribute(message, name, &size, value) == KVX_OK && strcmp(value, wanted) == 0) {
+        return 1;
+    }
+    fprintf(stderr, "refused: %s is not \"%s\"\n", name, wanted);
+    return 0;
+}
+
+/* The heart of it. A good signature alone proves little: the message must also be a confirmation, of this very payment,
+ * over the whole amount, and say that it was paid; cancelled payments are confirmed as well. `id` receives the
+ * payment's identifier. */
+static int is_paid(KVX_HANDLE factory, char const* data, char const* signature, char const* token, char* id,
+                   int32_t id_size) {
+    KVX_HANDLE message = NULL;
+    int paid = ok("verifying", MessageFactory_VerifyPayConfirm(factory, data, signature, &message)) &&
+               is(message, "MSGTYPE", "PayConfirm") && is(message, "TOKEN", token) && is(message, "AMOUNT", amount) &&
+               is(message, "CURRENCY", currency) && is(message, "RESULT", "authorised") &&
+               ok("reading ID", MessageObject_GetAttribute(message, "ID", &id_size, id));
+    DestroyMessageObject(message);
+    return paid;
+}
+
+/* Takes the money. Only an object that was opened on the directory has our key to sign with; it then gets the text of
+ * the confirmation. */
+static int capture(char const* directory, char const* data) {
+    KVX_HANDLE message = CreateMessageObject();
+    int done = ok("opening a message", MessageObject_Open(message, directory)) &&
+               ok("filling it", MessageObject_FromString(message, data)) &&
+               ok("capturing", MessageObject_Capture(message));
+    DestroyMessageObject(message);
+    return done;
+}
+
+/* Tells the service that the order has been dealt with. */
+static int complete(KVX_HANDLE factory, char const* id, char const* token) {
+    KVX_HANDLE completion = NULL;
+    KVX_HANDLE answer = NULL;
+    int done = ok("creating a completion", MessageFactory_CreatePayComplete(factory, id, token, &completion)) &&
+               ok("completing", MessageObject_Execute(completion, &answer));
+    DestroyMessageObject(answer);
+    DestroyMessageObject(completion);
+    return done;
+}
+
+static int sell(KVX_HANDLE factory, char const* directory) {
+    char token[64];
+    char id[128];
+    char address[8192];
+    char* data = NULL;
+    char* signature = NULL;
+    if (!ok("opening the factory", MessageFactory_Open(factory, directory)) ||
+        !start_payment(factory, token, sizeof token)) {
+        return 0;
+    }
+    printf("Paste the address at which the browser ended:\n");
+    fflush(stdout);
+    if (fgets(address, sizeof address, stdin) == NULL) {
+        fprintf(stderr, "no address was given\n");
+        return 0;
+    }
+    signature = take_parameter(address, "&SIGNATURE="); /* the later one first, decoding ends the text */
+    data = take_parameter(address, "?DATA=");
+    if (data == NULL || signature == NULL) {
+        fprintf(stderr, "the address holds no DATA and SIGNATURE\n");
+        return 0;
+    }
+    if (!is_paid(factory, data, signature, token, id, sizeof id) || !capture(directory, data) ||
+        !complete(factory, id, token)) {
+        return 0;
+    }
+    printf("Payment %s is captured and completed.\n", id);
+    return 1;
+}
+
+int main(int argc, char** argv) {
+    char const* password = getenv("TALLOWIN_PASSWORD");
+    KVX_HANDLE factory = NULL;
+    int done = 0;
+    if (argc != 4 || password == NULL) {
+        fprintf(stderr, "usage: TALLOWIN_PASSWORD=... %s DIRECTORY SERVICE USER\n", argv[0]);
+        return 2;
+    }
+    factory = CreateMessageFactory();
+    done = set_up(argv[1], argv[2], argv[3], password) && sell(factory, argv[1]);
+    DestroyMessageFactory(factory);
+    return done ? EXIT_SUCCESS : EXIT_FAILURE;
+}

@@ -1,0 +1,102 @@
+/* A payment in twenty lines: those between the two markers. Everything else here is what a shop has anyway.
+ *
+ *   tallowin-quickstart-c DIRECTORY SERVICE
+ *
+ * DIRECTORY   made and set up for the account "demo" of a running tallowin-sandbox
+ * SERVICE     the sandbox's set-up address, such as http://127.0.0.1:8080/auto
+ *
+ * Prints the payment URL, then reads DATA and SIGNATURE of the confirmation, each on a line of standard input and
+ * percent-decoded, as web frameworks hand them over. */
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <tallowin/tallowin.h>
+
+static char data[8192];
+static char signature[1024];
+
+/* Ends the program unless the call went well. */
+static void must(int32_t code) {
+    char text[128] = "no text";
+    int32_t size = sizeof text;
+    if (code == KVX_OK) {
+        return;
+    }
+    KVX_GetErrorStringFromResult(code, &size, text);
+    fprintf(stderr, "result 0x%08lX: %s\n", (unsigned long)(uint32_t)code, text);
+    exit(EXIT_FAILURE);
+}
+
+/* Ends the program unless the message has this value under this name. */
+static void must_be(KVX_HANDLE message, char const* name, char const* wanted) {
+    char value[256];
+    int32_t size = sizeof value;
+    must(MessageObject_GetAttribute(message, name, &size, value));
+    if (strcmp(value, wanted) != 0) {
+        fprintf(stderr, "not paid: %s is \"%s\", not \"%s\"\n", name, value, wanted);
+        exit(EXIT_FAILURE);
+    }
+}
+
+static void read_line(char* line, int size) {
+    if (fgets(line, size, stdin) == NULL || strchr(line, '\n') == NULL) {
+        fprintf(stderr, "DATA and SIGNATURE are wanted, each on a line\n");
+        exit(EXIT_FAILURE);
+    }
+    line[strcspn(line, "\n")] = '\0';
+}
+
+/* A shop redirects the browser to `url`, and its page for returning shoppers receives the two. */
+static void send_shopper_to(char const* url) {
+    printf("%s\n", url);
+    fflush(stdout);
+    read_line(data, sizeof data);
+    read_line(signature, sizeof signature);
+}
+
+/* Done once for an account. */
+static void set_up(char const* directory, char const* service) {
+    KVX_HANDLE setup = CreateConfigurationSetup();
+    must(ConfigurationSetup_SetConfiguration(setup, directory));
+    must(ConfigurationSetup_Reconfigure(setup, service, "demo", "demo"));
+    DestroyConfigurationSetup(setup);
+}
+
+static void sell(char const* directory) {
+    /* [quickstart] */
+    KVX_HANDLE shop = CreateMessageFactory(), order = NULL, paid = NULL, capture = CreateMessageObject();
+    char url[4096], token[64];
+    int32_t url_size = sizeof url, token_size = sizeof token;
+    must(MessageFactory_Open(shop, directory));
+    must(MessageFactory_CreatePayInit(shop, &order));
+    must(MessageObject_SetAttribute(order, "AMOUNT", "19.90"));
+    must(MessageObject_SetAttribute(order, "CURRENCY", "EUR"));
+    must(MessageObject_GetAttribute(order, "TOKEN", &token_size, token));
+    must(MessageObject_GetURL(order, &url_size, url));
+    send_shopper_to(url); /* who comes back to the shop with DATA and SIGNATURE */
+    must(MessageFactory_VerifyPayConfirm(shop, data, signature, &paid));
+    must_be(paid, "MSGTYPE", "PayConfirm");
+    must_be(paid, "RESULT", "authorised");
+    must_be(paid, "TOKEN", token);
+    must_be(paid, "AMOUNT", "19.90");
+    must_be(paid, "CURRENCY", "EUR");
+    must(MessageObject_Open(capture, directory));
+    must(MessageObject_FromString(capture, data));
+    must(MessageObject_Capture(capture));
+    puts("The payment is captured.");
+    /* [/quickstart] */
+    DestroyMessageObject(capture);
+    DestroyMessageObject(paid);
+    DestroyMessageObject(order);
+    DestroyMessageFactory(shop);
+}
+
+int main(int argc, char** argv) {
+    if (argc != 3) {
+        fprintf(stderr, "usage: %s DIRECTORY SERVICE\n", argv[0]);
+        return 2;
+    }
+    set_up(argv[1], argv[2]);
+    sell(argv[1]);
+    return EXIT_SUCCESS;
+}

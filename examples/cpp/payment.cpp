@@ -1,0 +1,167 @@
+/// A whole payment in C++: set-up, payment URL, confirmation, capture, completion.
+///
+///     TALLOWIN_PASSWORD=... tallowin-payment-cpp DIRECTORY SERVICE USER
+///
+/// DIRECTORY   the configuration directory of the account, set up when that has not been done yet
+/// SERVICE     the payment service's set-up address, such as http://127.0.0.1:8080/auto of a running tallowin-sandbox
+/// USER        the account's user; a sandbox is born with "demo", password "demo"
+///
+/// It prints a payment URL. Open it in a browser, pay, and paste the address at which the browser ends.
+///
+/// The classes belong to one release of the library; programs that outlive it use the C functions.
+#include <tallowin/cConfigurationSetup.h>
+#include <tallowin/cMessageFactory.h>
+#include <tallowin/cMessageObject.h>
+#include <tallowin/kvxbase.h>
+#include <tallowin/tbexception.h>
+
+#include <cstddef>
+#include <cstdlib>
+#include <exception>
+#include <iomanip>
+#include <iostream>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+namespace {
+
+constexpr char kAmount[] = "19.90";
+constexpr char kCurrency[] = "EUR";
+
+using MessagePtr = std::unique_ptr<KVXCIMPL_MessageObject>;
+
+/// What the shopper's browser brought back, percent-decoded.
+struct Confirmation {
+    std::string data;
+    std::string signature;
+};
+
+/// Registers the directory with the service, once in its life: the name of the current key is written last.
+void setUp(char const* directory, char const* service, char const* user, char const* password) {
+    KVXCIMPL_ConfigurationSetup setup;
+    setup.SetConfiguration(directory);
+    try {
+        TbString currentKey;
+        setup.GetAttribute("keys/current", "", currentKey);
+    } catch (KVX_Exception const& failure) {
+        if (failure.code() != KVX_E_CANNOT_OPEN) {
+            throw;
+        }
+        setup.Reconfigure(service, user, password);
+    }
+}
+
+/// Starts a payment and returns its token, which a shop stores with the order.
+TbString startPayment(KVXCIMPL_MessageFactory& factory) {
+    MessagePtr const payment(factory.CreatePayInit());
+    payment->SetAttribute("ORDERID", "1001");
+    payment->SetAttribute("AMOUNT", kAmount);
+    payment->SetAttribute("CURRENCY", kCurrency);
+    TbString token;
+    payment->GetAttribute("TOKEN", token);
+    TbString url;
+    payment->GetURL(url);
+    std::cout << "Send the shopper to:\n" << url.c_str() << std::endl;
+    return token;
+}
+
+/// The value of query parameter `name`, percent-decoded. Every web framework does this for a shop.
+std::string parameter(std::string const& address, std::string const& name) {
+    std::size_t const found = address.find(name + "=");
+    if (found == std::string::npos) {
+        throw std::runtime_error("the address holds no " + name);
+    }
+    std::size_t const start = found + name.size() + 1;
+    std::string const raw = address.substr(start, address.find_first_of("&#", start) - start);
+    std::string value;
+    for (std::size_t at = 0; at < raw.size(); ++at) {
+        bool const escape = raw[at] == '%' && at + 2 < raw.size();
+        value += escape ? static_cast<char>(std::stoi(raw.substr(at + 1, 2), nullptr, 16)) : raw[at];
+        at += escape ? 2 : 0;
+    }
+    return value;
+}
+
+Confirmation awaitShopper() {
+    std::cout << "Paste the address at which the browser ended:" << std::endl;
+    std::string address;
+    std::getline(std::cin, address);
+    return {parameter(address, "DATA"), parameter(address, "SIGNATURE")};
+}
+
+void mustBe(KVXCIMPL_MessageObject& message, char const* name, TbString const& wanted) {
+    TbString value;
+    message.GetAttribute(name, value);
+    if (value != wanted) {
+        throw std::runtime_error(std::string("refused: ") + name + " is not \"" + wanted.c_str() + "\"");
+    }
+}
+
+/// The heart of it. A good signature alone proves little: the message must also be a confirmation, of this very
+/// payment, over the whole amount, and say that it was paid; cancelled payments are confirmed as well. Returns the
+/// payment's identifier.
+TbString mustBePaid(KVXCIMPL_MessageFactory& factory, Confirmation const& back, TbString const& token) {
+    MessagePtr const message(factory.VerifyPayConfirm(back.data.c_str(), back.signature.c_str()));
+    mustBe(*message, "MSGTYPE", "PayConfirm");
+    mustBe(*message, "TOKEN", token);
+    mustBe(*message, "AMOUNT", kAmount);
+    mustBe(*message, "CURRENCY", kCurrency);
+    mustBe(*message, "RESULT", "authorised");
+    TbString id;
+    message->GetAttribute("ID", id);
+    return id;
+}
+
+/// Takes the money. Only an object that was opened on the directory has our key to sign with; it then gets the text of
+/// the confirmation.
+void capture(char const* directory, Confirmation const& confirmation) {
+    KVXCIMPL_MessageObject message;
+    message.Open(directory);
+    message.FromString(confirmation.data.c_str());
+    message.Capture();
+}
+
+/// Tells the service that the order has been dealt with.
+void complete(KVXCIMPL_MessageFactory& factory, TbString const& id, TbString const& token) {
+    MessagePtr const completion(factory.CreatePayComplete(id, token));
+    MessagePtr const answer(completion->Execute());
+}
+
+void sell(char const* directory) {
+    KVXCIMPL_MessageFactory factory;
+    factory.Open(directory);
+    TbString const token = startPayment(factory);
+    Confirmation const back = awaitShopper();
+    TbString const id = mustBePaid(factory, back, token);
+    capture(directory, back);
+    complete(factory, id, token);
+    std::cout << "Payment " << id.c_str() << " is captured and completed.\n";
+}
+
+int fail(std::int32_t code, char const* text) {
+    std::cerr << "result 0x" << std::hex << std::uppercase << static_cast<std::uint32_t>(code) << ", " << text << '\n';
+    return EXIT_FAILURE;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    char const* const password = std::getenv("TALLOWIN_PASSWORD");
+    if (argc != 4 || password == nullptr) {
+        std::cerr << "usage: TALLOWIN_PASSWORD=... " << argv[0] << " DIRECTORY SERVICE USER\n";
+        return 2;
+    }
+    try {
+        setUp(argv[1], argv[2], argv[3], password);
+        sell(argv[1]);
+        return EXIT_SUCCESS;
+    } catch (KVX_Exception const& failure) {
+        return fail(failure.code(), failure.text().c_str());
+    } catch (TBFC_Exception const& failure) {
+        return fail(failure.code(), "no memory");
+    } catch (std::exception const& failure) {
+        std::cerr << failure.what() << '\n';
+        return EXIT_FAILURE;
+    }
+}

@@ -1,0 +1,66 @@
+#include <tallowin/tallowin.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <exception>
+#include <iostream>
+#include <string>
+
+#include "story.h"
+#include "walk.h"
+
+namespace {
+
+constexpr int kUsage = 2;
+
+// The walk takes a second or two. The library waits for its server without a limit, so SIGALRM ends a walk that hangs.
+constexpr unsigned kLongestWalkSeconds = 120;
+
+char const kHelp[] =
+    "Usage: tallowin-demo SERVICE DIRECTORY\n"
+    "\n"
+    "Walks through whole payments against a running tallowin-sandbox, as merchant and as shopper.\n"
+    "\n"
+    "  SERVICE    address of the sandbox's set-up, such as http://127.0.0.1:8080/auto\n"
+    "  DIRECTORY  the merchant's configuration directory, made by this program; its parent must exist\n"
+    "\n"
+    "Exit status: 0 when every step ended as it should, 1 when one did not, 2 for wrong usage.\n";
+
+/// Colours are for people: on a terminal, unless NO_COLOR says otherwise.
+bool wantsColours() {
+    return isatty(STDOUT_FILENO) != 0 && std::getenv("NO_COLOR") == nullptr;
+}
+
+/// Whether all went as it should.
+bool tell(demo::Scene const& scene, demo::Story& story) {
+    try {
+        demo::Walk(scene, story).run();
+        return true;
+    } catch (std::exception const& failure) {
+        std::cout << std::flush;
+        std::cerr << "\nThe walk ends here: " << failure.what() << '\n';
+        return false;
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::string const first = argc > 1 ? argv[1] : "";
+    if (first == "--help" || first == "-h") {
+        std::cout << kHelp;
+        return EXIT_SUCCESS;
+    }
+    if (argc != 3) {
+        std::cerr << kHelp;
+        return kUsage;
+    }
+    alarm(kLongestWalkSeconds);
+    std::cout << "Tallowin " << KVX_GetVersion() << ": payments from end to end, through libtallowin.so\n";
+    demo::Story story(wantsColours());
+    bool const done = tell({argv[1], argv[2]}, story);
+    story.table();
+    std::cout << '\n'
+              << story.steps() << " steps, " << (done ? "all as expected" : "the walk did not reach its end") << ".\n";
+    return done ? EXIT_SUCCESS : EXIT_FAILURE;
+}

@@ -1,0 +1,75 @@
+#pragma once
+
+#include <tallowin/tallowin.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+
+namespace demo {
+
+/// A handle of the library, destroyed with this object.
+template <void (*destroy)(KVX_HANDLE)>
+class Handle {
+public:
+    explicit Handle(KVX_HANDLE handle = nullptr) : m_Handle(handle) {}
+    ~Handle() { destroy(m_Handle); }
+    Handle(Handle const&) = delete;
+    Handle& operator=(Handle const&) = delete;
+
+    [[nodiscard]] KVX_HANDLE get() const { return m_Handle; }
+
+    /// Where a function of the library puts a new handle. Requires: this holds none yet.
+    [[nodiscard]] KVX_HANDLE* out() { return &m_Handle; }
+
+private:
+    KVX_HANDLE m_Handle;  ///< Owned; may be null.
+};
+
+using SetupHandle = Handle<DestroyConfigurationSetup>;
+using FactoryHandle = Handle<DestroyMessageFactory>;
+using MessageHandle = Handle<DestroyMessageObject>;
+
+/// A text that the library copied out, or why it did not.
+struct CopiedText {
+    std::int32_t code = KVX_OK;
+    std::string text;
+};
+
+/// Asks `copyOut(size, buffer)` how much room it needs, then for the text.
+template <class CopyOut>
+CopiedText copiedText(CopyOut copyOut) {
+    std::int32_t size = 0;
+    std::int32_t const asked = copyOut(&size, nullptr);
+    if (asked != KVX_E_BUFFER_TOO_SMALL) {
+        return {asked, ""};
+    }
+    std::string text(static_cast<std::size_t>(size), '\0');
+    std::int32_t const code = copyOut(&size, text.data());
+    text.pop_back();
+    return {code, text};
+}
+
+inline CopiedText attributeOf(MessageHandle const& message, char const* name) {
+    return copiedText([&](std::int32_t* size, char* buffer) {
+        return MessageObject_GetAttribute(message.get(), name, size, buffer);
+    });
+}
+
+inline CopiedText urlOf(MessageHandle const& message) {
+    return copiedText(
+        [&](std::int32_t* size, char* buffer) { return MessageObject_GetURL(message.get(), size, buffer); });
+}
+
+/// The message as text. Throws std::runtime_error when the object holds none.
+inline std::string messageText(MessageHandle const& message) {
+    CopiedText const copied = copiedText(
+        [&](std::int32_t* size, char* buffer) { return MessageObject_ToString(message.get(), size, buffer); });
+    if (copied.code != KVX_OK) {
+        throw std::runtime_error("the object holds no message");
+    }
+    return copied.text;
+}
+
+}  // namespace demo

@@ -1,0 +1,75 @@
+#include "shop.h"
+
+#include <httplib.h>
+
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+
+namespace demo {
+
+namespace {
+
+constexpr char kHost[] = "127.0.0.1";
+
+}  // namespace
+
+class Shop::Server {
+public:
+    Server() {
+        m_Http.Get(".*", [this](httplib::Request const& request, httplib::Response& reply) {
+            keep({request.path, request.get_param_value("DATA"), request.get_param_value("SIGNATURE")});
+            reply.set_content("Welcome back. We look at your payment.\n", "text/plain");
+        });
+        m_Port = m_Http.bind_to_any_port(kHost);
+        if (m_Port <= 0) {
+            throw std::runtime_error("the shop cannot listen on 127.0.0.1");
+        }
+        m_Thread = std::thread([this] { m_Http.listen_after_bind(); });
+    }
+
+    ~Server() {
+        m_Http.stop();
+        m_Thread.join();
+    }
+    Server(Server const&) = delete;
+    Server& operator=(Server const&) = delete;
+
+    [[nodiscard]] int port() const { return m_Port; }
+
+    [[nodiscard]] Visit latest() const {
+        std::lock_guard<std::mutex> const lock(m_Mutex);
+        return m_Latest;
+    }
+
+private:
+    void keep(Visit visit) {
+        std::lock_guard<std::mutex> const lock(m_Mutex);
+        m_Latest = std::move(visit);
+    }
+
+    httplib::Server m_Http;
+    int m_Port = 0;
+    mutable std::mutex m_Mutex;
+    Visit m_Latest;  ///< Guarded by m_Mutex.
+    std::thread m_Thread;
+};
+
+Shop::Shop() : m_Server(std::make_unique<Server>()) {
+    // The server can be stopped only once it runs; that it answers shows that it does.
+    if (!httplib::Client(kHost, m_Server->port()).Get("/")) {
+        throw std::runtime_error("the shop does not answer on 127.0.0.1");
+    }
+}
+
+Shop::~Shop() = default;
+
+std::string Shop::link(std::string const& path) const {
+    return "http://" + std::string(kHost) + ":" + std::to_string(m_Server->port()) + path;
+}
+
+Visit Shop::latest() const {
+    return m_Server->latest();
+}
+
+}  // namespace demo

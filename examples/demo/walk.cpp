@@ -1,0 +1,246 @@
+#include "walk.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <vector>
+
+namespace demo {
+
+namespace {
+
+// The account that a sandbox is born with.
+constexpr char kUser[] = "demo";
+constexpr char kPassword[] = "demo";
+
+constexpr char kPaidPage[] = "/paid";
+constexpr char kDeclinedPage[] = "/declined";
+constexpr char kCancelledPage[] = "/cancelled";
+
+}  // namespace
+
+void Walk::run() {
+    setUp();
+    makePaymentUrl();
+    letShopperPay();
+    verifyConfirmation();
+    capture();
+    complete();
+    letShopperCancel();
+    refuseForgeries();
+    refuseMisuse();
+}
+
+void Walk::setUp() {
+    m_Story.chapter("The merchant sets up its account");
+    m_Story.say(
+        "A merchant has an account at a payment service, here the sandbox. Its side of it lives in the directory " +
+        m_Scene.directory);
+    SetupHandle const setup(CreateConfigurationSetup());
+    m_Story.call("ConfigurationSetup_SetConfiguration",
+                 ConfigurationSetup_SetConfiguration(setup.get(), m_Scene.directory.c_str()), KVX_OK,
+                 "the directory is made");
+    m_Story.say("Registering asks " + m_Scene.service +
+                " for the account's configuration, with user and password. "
+                "First with a wrong one:");
+    m_Story.call("ConfigurationSetup_Reconfigure",
+                 ConfigurationSetup_Reconfigure(setup.get(), m_Scene.service.c_str(), kUser, "guessed"),
+                 KVX_E_SERVER_ERROR, "a wrong password: the service refuses");
+    m_Story.call("ConfigurationSetup_Reconfigure",
+                 ConfigurationSetup_Reconfigure(setup.get(), m_Scene.service.c_str(), kUser, kPassword), KVX_OK,
+                 "registered, keys exchanged");
+    showDirectory();
+    CopiedText const payUrl = copiedText([&](std::int32_t* size, char* buffer) {
+        return ConfigurationSetup_GetAttribute(setup.get(), "config.xml", "VTURL", size, buffer);
+    });
+    m_Story.call("ConfigurationSetup_GetAttribute", payUrl.code, KVX_OK, "shoppers pay at " + payUrl.text);
+}
+
+void Walk::showDirectory() const {
+    namespace fs = std::filesystem;
+    std::vector<std::string> lines;
+    for (fs::directory_entry const& entry : fs::recursive_directory_iterator(m_Scene.directory)) {
+        if (entry.is_regular_file()) {
+            lines.push_back(fs::relative(entry.path(), m_Scene.directory).string() + "  (" +
+                            std::to_string(entry.file_size()) + " bytes)");
+        }
+    }
+    std::sort(lines.begin(), lines.end());
+    std::string listing;
+    for (std::string const& line : lines) {
+        listing += line + '\n';
+    }
+    m_Story.show("The directory now holds the account, its defaults, the service's key and a key pair of our own:",
+                 listing);
+}
+
+void Walk::makePaymentUrl() {
+    m_Story.chapter("A shopper buys a book: the shop makes a payment URL");
+    m_Story.call("MessageFactory_Open", MessageFactory_Open(m_Factory.get(), m_Scene.directory.c_str()), KVX_OK,
+                 "the shop works with this directory");
+    openPayment(m_Book);
+    m_Story.say("The shop keeps the TOKEN with order " + m_Book.number +
+                " and sends the shopper's browser to the URL. "
+                "Nothing has been sent to the service by the shop itself.");
+}
+
+void Walk::openPayment(Order& order) {
+    MessageHandle payment;
+    m_Story.call("MessageFactory_CreatePayInit", MessageFactory_CreatePayInit(m_Factory.get(), payment.out()), KVX_OK,
+                 "a payment for order " + order.number);
+    std::vector<std::pair<char const*, std::string>> const attributes = {
+        {"ORDERID", order.number},
+        {"AMOUNT", order.amount},
+        {"CURRENCY", order.currency},
+        {"SUCCESSLINK", m_Shop.link(kPaidPage)},
+        {"FAILLINK", m_Shop.link(kDeclinedPage)},
+        {"BACKLINK", m_Shop.link(kCancelledPage)},
+    };
+    std::int32_t code = KVX_OK;
+    for (auto const& [name, value] : attributes) {
+        code = code == KVX_OK ? MessageObject_SetAttribute(payment.get(), name, value.c_str()) : code;
+    }
+    m_Story.call("MessageObject_SetAttribute", code, KVX_OK, order.amount + " " + order.currency + ", ways back");
+    CopiedText const token = attributeOf(payment, "TOKEN");
+    m_Story.call("MessageObject_GetAttribute", token.code, KVX_OK, "TOKEN " + token.text);
+    CopiedText const url = urlOf(payment);
+    m_Story.call("MessageObject_GetURL", url.code, KVX_OK,
+                 "signed, " + std::to_string(url.text.size()) + " characters");
+    order.token = token.text;
+    order.url = url.text;
+    m_Story.show("The message:", spread(messageText(payment)));
+    m_Story.show("Its signature by our key:", queryValue(order.url, "SIGNATURE"));
+    m_Story.show("Both as the payment URL:", order.url);
+}
+
+void Walk::letShopperPay() {
+    m_Story.chapter("The shopper opens the payment URL and pays");
+    m_BookPaid = decide(m_Book, openPage(m_Book), "pay", kPaidPage);
+    showConfirmation(m_BookPaid);
+}
+
+Answer Walk::openPage(Order const& order) {
+    Answer const page = fetch(order.url);
+    m_Story.step("browser: GET payment URL", std::to_string(page.status), "200", "the service shows its page");
+    m_Story.show("The page reads:", visibleText(page.body));
+    return page;
+}
+
+Visit Walk::decide(Order const& order, Answer const& page, std::string const& decision, std::string const& backAt) {
+    Form const form = readForm(order.url, page.body);
+    m_Story.say("The shopper presses the button \"" + decision + "\": POST " + form.action);
+    Answer const sentBack = press(form, decision);
+    m_Story.step("browser: POST decision", std::to_string(sentBack.status), "302", "decision: " + decision);
+    m_Story.show("The service sends the browser back to the shop:", sentBack.location);
+    Answer const welcome = fetch(sentBack.location);
+    Visit visit = m_Shop.latest();
+    m_Story.step("browser: GET " + visit.path, std::to_string(welcome.status), "200", "the shopper is back");
+    m_Story.step("shop: which page", visit.path, backAt, "where our links lead");
+    return visit;
+}
+
+void Walk::showConfirmation(Visit const& visit) const {
+    m_Story.show("The shop's web server got DATA, percent-decoded:", spread(visit.data));
+    m_Story.show("and SIGNATURE, said to be the service's:", visit.signature);
+}
+
+void Walk::verifyConfirmation() {
+    m_Story.chapter("The shop verifies the confirmation");
+    m_Story.say(
+        "It came through the shopper's browser, so nothing in it is believed before its signature has been "
+        "verified with the service's key, and only if it is about this very order, paid in full.");
+    MessageHandle confirmation;
+    m_Story.call("MessageFactory_VerifyPayConfirm",
+                 MessageFactory_VerifyPayConfirm(m_Factory.get(), m_BookPaid.data.c_str(), m_BookPaid.signature.c_str(),
+                                                 confirmation.out()),
+                 KVX_OK, "the service signed this text");
+    m_Story.step("shop: MSGTYPE TOKEN AMOUNT CURRENCY RESULT", judge(confirmation, m_Book), "accepted",
+                 "the order is paid, the book is sent");
+    m_Book.delivered = true;
+}
+
+std::string Walk::judge(MessageHandle const& message, Order const& order) {
+    std::vector<std::pair<char const*, std::string>> const musts = {{"MSGTYPE", "PayConfirm"},
+                                                                    {"TOKEN", order.token},
+                                                                    {"AMOUNT", order.amount},
+                                                                    {"CURRENCY", order.currency},
+                                                                    {"RESULT", "authorised"}};
+    for (auto const& [name, must] : musts) {
+        CopiedText const value = attributeOf(message, name);
+        if (value.code != KVX_OK) {
+            return std::string("refused: no ") + name;
+        }
+        if (value.text != must) {
+            bool const opaque = std::string(name) == "TOKEN";
+            return std::string("refused: ") + name + (opaque ? " of another order" : " is " + value.text);
+        }
+    }
+    return order.delivered ? "refused: delivered already" : "accepted";
+}
+
+void Walk::capture() {
+    m_Story.chapter("The shop captures the payment");
+    m_Story.say(
+        "The payment is authorised; now the shop takes the money. A message object that is opened on the "
+        "directory has our signing key; filled with the text of the confirmation it can be captured. The "
+        "library signs it, sends it to the service and checks the answer.");
+    MessageHandle message(CreateMessageObject());
+    fillForCapture(message, m_BookPaid);
+    m_Story.show("The message that is sent, KEYID now names our own key:", spread(messageText(message)));
+    m_Story.call("MessageObject_Capture", MessageObject_Capture(message.get()), KVX_OK, "the money is ours");
+    askState(m_Book, "captured");
+}
+
+void Walk::fillForCapture(MessageHandle& message, Visit const& confirmation) {
+    m_Story.call("MessageObject_Open", MessageObject_Open(message.get(), m_Scene.directory.c_str()), KVX_OK,
+                 "an object with our key");
+    m_Story.call("MessageObject_FromString", MessageObject_FromString(message.get(), confirmation.data.c_str()), KVX_OK,
+                 "the confirmation's text");
+}
+
+void Walk::complete() {
+    m_Story.chapter("The shop completes the payment");
+    MessageHandle confirmation;
+    m_Story.call("MessageFactory_VerifyPayConfirm",
+                 MessageFactory_VerifyPayConfirm(m_Factory.get(), m_BookPaid.data.c_str(), m_BookPaid.signature.c_str(),
+                                                 confirmation.out()),
+                 KVX_OK, "to read the payment's ID");
+    std::string const id = attributeOf(confirmation, "ID").text;
+    MessageHandle completion;
+    m_Story.call("MessageFactory_CreatePayComplete",
+                 MessageFactory_CreatePayComplete(m_Factory.get(), id.c_str(), m_Book.token.c_str(), completion.out()),
+                 KVX_OK, "ID " + id);
+    MessageHandle completed;
+    m_Story.call("MessageObject_Execute", MessageObject_Execute(completion.get(), completed.out()), KVX_OK,
+                 "sent, PayCompleteResponse came back");
+    m_Story.show("The answer:", spread(messageText(completed)));
+    askState(m_Book, "completed");
+}
+
+void Walk::askState(Order const& order, std::string const& expected) {
+    MessageHandle question;
+    m_Story.call("MessageFactory_CreateRequest",
+                 MessageFactory_CreateRequest(m_Factory.get(), "Status", question.out()), KVX_OK,
+                 "how does a payment stand?");
+    m_Story.call("MessageObject_SetAttribute", MessageObject_SetAttribute(question.get(), "TOKEN", order.token.c_str()),
+                 KVX_OK, "that of order " + order.number);
+    MessageHandle status;
+    m_Story.call("MessageObject_Execute", MessageObject_Execute(question.get(), status.out()), KVX_OK,
+                 "sent, StatusResponse came back");
+    m_Story.step("shop: STATE of the payment", attributeOf(status, "STATE").text, expected, "says the service");
+}
+
+void Walk::letShopperCancel() {
+    m_Story.chapter("A second shopper changes her mind");
+    openPayment(m_Lamp);
+    m_LampCancelled = decide(m_Lamp, openPage(m_Lamp), "cancel", kCancelledPage);
+    showConfirmation(m_LampCancelled);
+    m_Story.say("A cancelled payment is confirmed and signed just as a paid one. The RESULT tells them apart.");
+    mustReject("shop: the cancelled order", m_LampCancelled, m_Lamp, "refused: RESULT is cancelled");
+    MessageHandle message(CreateMessageObject());
+    fillForCapture(message, m_LampCancelled);
+    m_Story.call("MessageObject_Capture", MessageObject_Capture(message.get()), KVX_E_SERVER_ERROR,
+                 "the service takes no money for it");
+    askState(m_Lamp, "cancelled");
+}
+
+}  // namespace demo

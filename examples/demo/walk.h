@@ -1,0 +1,80 @@
+#pragma once
+
+#include <string>
+
+#include "merchanthandle.h"
+#include "shop.h"
+#include "shopper.h"
+#include "story.h"
+
+namespace demo {
+
+/// What the shop knows of one purchase.
+struct Order {
+    std::string number;
+    std::string amount;
+    std::string currency;
+    std::string token;       ///< Of its payment; ties the confirmation to this order.
+    std::string url;         ///< The payment URL.
+    bool delivered = false;  ///< Goods have left the house, never to do so again for this order.
+};
+
+/// Where everything happens.
+struct Scene {
+    std::string service;    ///< Address of the payment service's set-up.
+    std::string directory;  ///< The merchant's configuration directory; its parent exists.
+};
+
+/// A merchant and its shoppers, from the first set-up to the last refused trick. Every method is a chapter and relies
+/// on those before it; each throws Unexpected when a step ends otherwise than it should.
+class Walk {
+public:
+    Walk(Scene scene, Story& story) : m_Scene(std::move(scene)), m_Story(story) {}
+
+    /// All chapters.
+    void run();
+
+private:
+    void setUp();
+    void makePaymentUrl();
+    void letShopperPay();
+    void verifyConfirmation();
+    void capture();
+    void complete();
+    void letShopperCancel();
+    void refuseForgeries();
+    void refuseMisuse();
+
+    void showDirectory() const;
+    void openPayment(Order& order);
+    Answer openPage(Order const& order);
+    Visit decide(Order const& order, Answer const& page, std::string const& decision, std::string const& backAt);
+    void showConfirmation(Visit const& visit) const;
+
+    /// A message object that holds the text of `confirmation` and can be captured.
+    void fillForCapture(MessageHandle& message, Visit const& confirmation);
+
+    /// Asks the service for the state of the order's payment.
+    void askState(Order const& order, std::string const& expected);
+
+    /// What speaks against delivering `order` on this verified message; "accepted" when nothing does.
+    [[nodiscard]] static std::string judge(MessageHandle const& message, Order const& order);
+
+    /// The signature of `data` must not verify.
+    void mustRefuse(std::string const& trick, std::string const& data, std::string const& signature,
+                    std::int32_t expected);
+
+    /// The signature of `data` verifies, and the shop must refuse it all the same.
+    void mustReject(std::string const& trick, Visit const& visit, Order const& order, std::string const& objection);
+
+    Scene m_Scene;
+    Story& m_Story;
+    Shop m_Shop;
+    FactoryHandle m_Factory{CreateMessageFactory()};
+    Order m_Book{"1001", "19.90", "EUR", "", ""};
+    Order m_Lamp{"1002", "249.00", "EUR", "", ""};
+    Visit m_BookPaid;
+    Visit m_LampCancelled;
+};
+
+}  // namespace demo

@@ -1,0 +1,71 @@
+#include <cstddef>
+#include <stdexcept>
+
+#include "walk.h"
+
+/// The chapters about what must not get through.
+namespace demo {
+
+namespace {
+
+/// `text` with the one occurrence of `from` replaced. Throws std::logic_error when it is not there: the trick would
+/// change nothing, and its refusal would prove nothing.
+std::string altered(std::string text, std::string const& from, std::string const& to) {
+    std::size_t const at = text.find(from);
+    if (at == std::string::npos) {
+        throw std::logic_error("nothing to alter: " + from);
+    }
+    return text.replace(at, from.size(), to);
+}
+
+}  // namespace
+
+void Walk::refuseForgeries() {
+    m_Story.chapter("Forgeries do not get through");
+    m_Story.say(
+        "The second shopper wants the lamp without paying and edits the address in her browser: \"cancelled\" "
+        "becomes \"authorised\". Others try other things.");
+    mustRefuse("RESULT rewritten", altered(m_LampCancelled.data, "RESULT=\"cancelled\"", "RESULT=\"authorised\""),
+               m_LampCancelled.signature, KVX_E_INVALID_SIGNATURE);
+    mustRefuse("AMOUNT rewritten", altered(m_BookPaid.data, "AMOUNT=\"" + m_Book.amount, "AMOUNT=\"1.00"),
+               m_BookPaid.signature, KVX_E_INVALID_SIGNATURE);
+    mustRefuse("one space added", m_BookPaid.data + " ", m_BookPaid.signature, KVX_E_INVALID_SIGNATURE);
+    mustRefuse("another's signature", m_BookPaid.data, m_LampCancelled.signature, KVX_E_INVALID_SIGNATURE);
+    mustRefuse("signature of nonsense", m_BookPaid.data, "not a signature", KVX_E_INVALID_KEY);
+    mustRefuse("no signature", m_BookPaid.data, "", KVX_E_MISSING_SIGNATURE);
+    mustRefuse("no message", "<html>paid</html>", m_BookPaid.signature, KVX_E_INVALID_FORMAT);
+    m_Story.say("A cheaper lamp is tried on the way to the service as well: AMOUNT changed inside the payment URL.");
+    std::string const cheaper = altered(m_Lamp.url, "249%2e00", "2%2e00");
+    m_Story.step("browser: GET altered payment URL", std::to_string(fetch(cheaper).status), "400",
+                 "the service refuses as well");
+}
+
+void Walk::refuseMisuse() {
+    m_Story.chapter("Genuine messages, presented for something else");
+    m_Story.say(
+        "These three are signed by keys of our directory, so VerifyPayConfirm lets them pass. What they are "
+        "about is for the shop to check, and it does:");
+    mustReject("shop: the book's confirmation, for the lamp", m_BookPaid, m_Lamp, "refused: TOKEN of another order");
+    mustReject("shop: the book's confirmation, once more", m_BookPaid, m_Book, "refused: delivered already");
+    Visit const ownPayment{"", percentDecoded(queryValue(m_Lamp.url, "DATA")), queryValue(m_Lamp.url, "SIGNATURE")};
+    mustReject("shop: our own payment message sent back", ownPayment, m_Lamp, "refused: MSGTYPE is PayInit");
+}
+
+void Walk::mustRefuse(std::string const& trick, std::string const& data, std::string const& signature,
+                      std::int32_t expected) {
+    MessageHandle never;
+    m_Story.call("MessageFactory_VerifyPayConfirm",
+                 MessageFactory_VerifyPayConfirm(m_Factory.get(), data.c_str(), signature.c_str(), never.out()),
+                 expected, trick + ": refused");
+}
+
+void Walk::mustReject(std::string const& trick, Visit const& visit, Order const& order, std::string const& objection) {
+    MessageHandle message;
+    m_Story.call(
+        "MessageFactory_VerifyPayConfirm",
+        MessageFactory_VerifyPayConfirm(m_Factory.get(), visit.data.c_str(), visit.signature.c_str(), message.out()),
+        KVX_OK, "the signature is genuine");
+    m_Story.step(trick, judge(message, order), objection, "no goods for that");
+}
+
+}  // namespace demo

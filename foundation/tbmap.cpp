@@ -1,0 +1,282 @@
+#include "foundation/tbmap.h"
+
+#include <utility>
+
+#include "foundation/tbowned.h"
+#include "foundation/tbstrptr.h"
+
+namespace {
+
+/// Whether the two may be compared: strings compare with strings only.
+bool areComparable(TbFindable const& left, TbFindable const& right) {
+    return !tbIs<TbString>(left, "TbString") || tbIs<TbString>(right, "TbString");
+}
+
+/// What the item of a map item is compared with when `other` comes along; null when it cannot be. Pairs look into each
+/// other themselves; any other item meets the key of a pair, so that both may stand in one tree.
+TbFindable const* counterpartOf(TbFindable const* item, TbFindable const& other) {
+    TbFindable const* const probe =
+        tbIs<TbMapItem>(other, "TbMapItem") ? static_cast<TbMapItem const&>(other).item() : &other;
+    if (item == nullptr || probe == nullptr) {
+        return nullptr;
+    }
+    if (tbIs<TbKeyValue>(*item, "TbKeyValue") || tbIs<TbStrPtr>(*item, "TbStrPtr")) {
+        return probe;
+    }
+    TbFindable const& key = tbKeyOf(*probe);
+    return areComparable(*item, key) ? &key : nullptr;
+}
+
+/// The value of a pair of strings; null for any other item.
+TbString* stringValueOf(TbFindable* item) {
+    if (item == nullptr || !tbIs<TbKeyValue>(*item, "TbKeyValue")) {
+        return nullptr;
+    }
+    TbFindable* const value = static_cast<TbKeyValue*>(item)->value();
+    return value != nullptr && tbIs<TbString>(*value, "TbString") ? static_cast<TbString*>(value) : nullptr;
+}
+
+}  // namespace
+
+bool tbIsContainerPart(TbAllocator allocator) noexcept {
+    return allocator == &TbString::allocate || allocator == &TbMapItem::allocate ||
+           allocator == &TbKeyValue::allocate || allocator == &TbStrPtr::allocate ||
+           allocator == &TbFindableVector::allocate;
+}
+
+TbFindable const& tbKeyOf(TbFindable const& element) {
+    TbFindable const* key = &element;
+    if (tbIs<TbMapItem>(*key, "TbMapItem") && static_cast<TbMapItem const*>(key)->item() != nullptr) {
+        key = static_cast<TbMapItem const*>(key)->item();
+    }
+    if (tbIs<TbKeyValue>(*key, "TbKeyValue") && static_cast<TbKeyValue const*>(key)->key() != nullptr) {
+        return *static_cast<TbKeyValue const*>(key)->key();
+    }
+    return tbIs<TbStrPtr>(*key, "TbStrPtr") ? static_cast<TbStrPtr const*>(key)->key() : *key;
+}
+
+TbKeyValue::TbKeyValue(TbFindable const& key, TbFindable const& value) {
+    TbOwned<TbFindable> keyCopy = tbCopyOf(key);
+    m_Value = tbCopyOf(value).release();
+    m_Key = keyCopy.release();
+}
+
+TbKeyValue::TbKeyValue(TbKeyValue const& other) : TbFindable() {
+    TbKeyValue::assign(other);
+}
+
+TbKeyValue::~TbKeyValue() {
+    delete m_Value;
+    delete m_Key;
+}
+
+TbKeyValue& TbKeyValue::operator=(TbKeyValue const& other) {
+    assign(other);
+    return *this;
+}
+
+TbAllocator TbKeyValue::getAllocator() const {
+    return &TbKeyValue::allocate;
+}
+
+TbKeyValue& TbKeyValue::assign(TbObject const& other) {
+    auto const& source = static_cast<TbKeyValue const&>(other);
+    if (&source != this) {
+        TbOwned<TbFindable> key(source.m_Key == nullptr ? nullptr : tbCopyOf(*source.m_Key));
+        TbOwned<TbFindable> value(source.m_Value == nullptr ? nullptr : tbCopyOf(*source.m_Value));
+        delete std::exchange(m_Key, key.release());
+        delete std::exchange(m_Value, value.release());
+    }
+    return *this;
+}
+
+bool TbKeyValue::isInstanceOf(char const* className) const {
+    return tbIsName(className, "TbKeyValue") || TbFindable::isInstanceOf(className);
+}
+
+bool TbKeyValue::operator<(TbFindable const& other) const {
+    TbFindable const& key = tbKeyOf(other);
+    return m_Key != nullptr && areComparable(*m_Key, key) && *m_Key < key;
+}
+
+bool TbKeyValue::operator==(TbFindable const& other) const {
+    TbFindable const& key = tbKeyOf(other);
+    return m_Key != nullptr && areComparable(*m_Key, key) && *m_Key == key;
+}
+
+void TbKeyValue::allocate(TbObject** slot) {
+    tbAllocateInto<TbKeyValue>(slot);
+}
+
+TbMapItem::TbMapItem(TbMapItem const& other) : TbFindable() {
+    TbMapItem::assign(other);
+}
+
+TbMapItem::~TbMapItem() {
+    delete m_Item;
+}
+
+TbMapItem& TbMapItem::operator=(TbMapItem const& other) {
+    assign(other);
+    return *this;
+}
+
+TbAllocator TbMapItem::getAllocator() const {
+    return &TbMapItem::allocate;
+}
+
+TbMapItem& TbMapItem::assign(TbObject const& other) {
+    auto const& source = static_cast<TbMapItem const&>(other);
+    if (&source != this) {
+        TbOwned<TbFindable> item(source.m_Item == nullptr ? nullptr : tbCopyOf(*source.m_Item));
+        delete std::exchange(m_Item, item.release());
+    }
+    return *this;
+}
+
+bool TbMapItem::isInstanceOf(char const* className) const {
+    return tbIsName(className, "TbMapItem") || TbFindable::isInstanceOf(className);
+}
+
+bool TbMapItem::operator<(TbFindable const& other) const {
+    TbFindable const* const counterpart = counterpartOf(m_Item, other);
+    return counterpart != nullptr && *m_Item < *counterpart;
+}
+
+bool TbMapItem::operator==(TbFindable const& other) const {
+    TbFindable const* const counterpart = counterpartOf(m_Item, other);
+    return counterpart != nullptr && *m_Item == *counterpart;
+}
+
+void TbMapItem::allocate(TbObject** slot) {
+    tbAllocateInto<TbMapItem>(slot);
+}
+
+void TbInsertionList::append(TbMapItem* item) noexcept {
+    item->m_Previous = m_Last;
+    item->m_Next = nullptr;
+    (m_Last == nullptr ? m_First : m_Last->m_Next) = item;
+    m_Last = item;
+}
+
+void TbInsertionList::unlink(TbMapItem* item) noexcept {
+    (item->m_Previous == nullptr ? m_First : item->m_Previous->m_Next) = item->m_Next;
+    (item->m_Next == nullptr ? m_Last : item->m_Next->m_Previous) = item->m_Previous;
+    item->m_Previous = nullptr;
+    item->m_Next = nullptr;
+}
+
+TbMap::TbMap(TbMap const& other) : TbRBTree() {
+    TbMap::assign(other);
+}
+
+TbMap::~TbMap() {
+    TbMap::clear(rootNode());
+}
+
+TbMap& TbMap::operator=(TbMap const& other) {
+    assign(static_cast<TbObject const&>(other));
+    return *this;
+}
+
+TbAllocator TbMap::getAllocator() const {
+    return &TbMap::allocate;
+}
+
+TbMap& TbMap::assign(TbObject const& other) {
+    auto const& source = static_cast<TbMap const&>(other);
+    if (&source != this) {
+        clear();
+        for (TbMapItem const* entry = source.first(); entry != nullptr; entry = entry->next()) {
+            TbMap::put(*entry->item());
+        }
+    }
+    return *this;
+}
+
+bool TbMap::isInstanceOf(char const* className) const {
+    return tbIsName(className, "TbMap") || TbRBTree::isInstanceOf(className);
+}
+
+TbMapItem* TbMap::putOwnedItem(TbFindable* item) {
+    TbOwned<TbFindable> guard(item);
+    TbOwned<TbMapItem> entry(new TbMapItem(item));
+    guard.release();
+    auto* const stored = static_cast<TbMapItem*>(putOwned(entry.release()));
+    m_List.append(stored);
+    return stored;
+}
+
+TbFindable* TbMap::put(TbFindable const& item) {
+    return putOwnedItem(tbCopyOf(item).release());
+}
+
+bool TbMap::remove(TbFindable const& probe) {
+    TbOwned<TbFindable> const entry(detach(probe));
+    if (entry == nullptr) {
+        return false;
+    }
+    m_List.unlink(static_cast<TbMapItem*>(entry.get()));
+    return true;
+}
+
+void TbMap::clear(TbTreeNode* node) {
+    destroyBelow(node, [](TbRBTree& tree, TbFindable& item) {
+        static_cast<TbMap&>(tree).m_List.unlink(static_cast<TbMapItem*>(&item));
+    });
+}
+
+TbFindable& TbMap::operator[](TbFindable const& key) {
+    TbFindable* entry = find(key);
+    if (entry == nullptr) {
+        entry = put(key);
+    }
+    return *static_cast<TbMapItem*>(entry)->item();
+}
+
+void TbMap::insert(TbFindable const& item) {
+    put(item);
+}
+
+TbMapItem* TbMap::begin() {
+    return m_List.m_First;
+}
+
+TbMapItem* TbMap::end() {
+    return nullptr;
+}
+
+void TbMap::allocate(TbObject** slot) {
+    tbAllocateInto<TbMap>(slot);
+}
+
+TbStrMap& TbStrMap::operator=(TbStrMap const& other) {
+    assign(static_cast<TbObject const&>(other));
+    return *this;
+}
+
+TbAllocator TbStrMap::getAllocator() const {
+    return &TbStrMap::allocate;
+}
+
+bool TbStrMap::isInstanceOf(char const* className) const {
+    return tbIsName(className, "TbStrMap") || TbMap::isInstanceOf(className);
+}
+
+TbString& TbStrMap::operator[](TbString const& key) {
+    auto* const entry = static_cast<TbMapItem*>(find(key));
+    TbString* const present = entry == nullptr ? nullptr : stringValueOf(entry->item());
+    if (present != nullptr) {
+        return *present;
+    }
+    TbOwned<TbKeyValue> pair(new TbKeyValue(key, TbString("")));
+    if (entry != nullptr) {
+        // A bare string, stored through a TbMap&, is no pair: one takes its place.
+        remove(key);
+    }
+    return *stringValueOf(putOwnedItem(pair.release())->item());
+}
+
+void TbStrMap::allocate(TbObject** slot) {
+    tbAllocateInto<TbStrMap>(slot);
+}

@@ -1,0 +1,170 @@
+/// Maps with unique keys that remember the order of insertion.
+#ifndef TALLOWIN_TBMAP_H
+#define TALLOWIN_TBMAP_H
+
+#include "foundation/tbrbtree.h"
+#include "foundation/tbstring.h"
+
+// Deliberate: containers hide inherited overloads; which one a call finds is part of their behaviour.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Woverloaded-virtual"
+
+/// A key and a value, both owned, ordered by the key. A bare key serves as a probe.
+class KVX_EXPORT TbKeyValue : public TbFindable {
+public:
+    TbKeyValue() = default;
+
+    /// Copies both.
+    TbKeyValue(TbFindable const& key, TbFindable const& value);
+
+    TbKeyValue(TbKeyValue const& other);
+    ~TbKeyValue() override;
+
+    TbKeyValue& operator=(TbKeyValue const& other);
+    using TbFindable::operator=;
+
+    TbAllocator getAllocator() const override;
+
+    /// A deep copy.
+    TbKeyValue& assign(TbObject const& other) override;
+
+    bool isInstanceOf(char const* className) const override;
+    bool operator<(TbFindable const& other) const override;
+    bool operator==(TbFindable const& other) const override;
+
+    /// Borrowed; null in an empty pair.
+    [[nodiscard]] TbFindable* key() const noexcept { return m_Key; }
+    [[nodiscard]] TbFindable* value() const noexcept { return m_Value; }
+
+    static void allocate(TbObject** slot);
+
+private:
+    TbFindable* m_Key = nullptr;    ///< Owned.
+    TbFindable* m_Value = nullptr;  ///< Owned.
+};
+
+/// An element of a map: the owned item, and its neighbours in the order of insertion. Ordered by the item; compared
+/// with something that is no map item, the item is compared with it directly.
+class KVX_EXPORT TbMapItem : public TbFindable {
+public:
+    TbMapItem() = default;
+
+    /// Takes `item` over. Requires: a heap object or null.
+    explicit TbMapItem(TbFindable* item) noexcept : m_Item(item) {}
+
+    TbMapItem(TbMapItem const& other);
+    ~TbMapItem() override;
+
+    TbMapItem& operator=(TbMapItem const& other);
+    using TbFindable::operator=;
+
+    TbAllocator getAllocator() const override;
+
+    /// Copies the item; stays where it is in its own list.
+    TbMapItem& assign(TbObject const& other) override;
+
+    bool isInstanceOf(char const* className) const override;
+    bool operator<(TbFindable const& other) const override;
+    bool operator==(TbFindable const& other) const override;
+
+    /// The neighbours in insertion order, borrowed; null at the ends.
+    [[nodiscard]] TbMapItem* previous() const noexcept { return m_Previous; }
+    [[nodiscard]] TbMapItem* next() const noexcept { return m_Next; }
+
+    /// Borrowed; null in an empty map item.
+    [[nodiscard]] TbFindable* item() const noexcept { return m_Item; }
+
+    static void allocate(TbObject** slot);
+
+private:
+    friend struct TbInsertionList;
+
+    TbMapItem* m_Previous = nullptr;
+    TbMapItem* m_Next = nullptr;
+    TbFindable* m_Item = nullptr;  ///< Owned.
+};
+
+/// The doubly linked list through the items of a map, in insertion order. Owns nothing.
+struct KVX_EXPORT TbInsertionList {
+    /// Adds `item` at the end.
+    void append(TbMapItem* item) noexcept;
+
+    /// Takes `item` out. Requires: it is in this list.
+    void unlink(TbMapItem* item) noexcept;
+
+    TbMapItem* m_First = nullptr;
+    TbMapItem* m_Last = nullptr;
+};
+
+/// Elements with unique keys, found by key, iterated in the order in which they were put.
+///
+/// Deliberate: iteration never follows the keys, so that documents keep the order in which their fields were set.
+/// What the tree stores are TbMapItems; `find` and `put` return them, `operator[]` returns the item inside.
+class KVX_EXPORT TbMap : public TbRBTree {
+public:
+    TbMap() = default;
+    TbMap(TbMap const& other);
+    ~TbMap() override;
+
+    TbMap& operator=(TbMap const& other);
+    using TbRBTree::operator=;
+
+    TbAllocator getAllocator() const override;
+
+    /// A deep copy in insertion order. Itself: no change.
+    TbMap& assign(TbObject const& other) override;
+
+    bool isInstanceOf(char const* className) const override;
+    using TbRBTree::clear;
+
+    /// Stores a copy of `item` at the end of the order; returns its TbMapItem, borrowed. Raises KVX_E_DUPLICATE_KEY.
+    TbFindable* put(TbFindable const& item) override;
+
+    bool remove(TbFindable const& probe) override;
+    void clear(TbTreeNode* node) override;
+
+    /// The element equal to `key`; a copy of `key` itself is stored first when there is none. Borrowed.
+    virtual TbFindable& operator[](TbFindable const& key);
+
+    /// `put`, without the result.
+    virtual void insert(TbFindable const& item);
+
+    /// The element inserted first, null in an empty map; go on with `next()` until `end()`.
+    virtual TbMapItem* begin();
+
+    /// Null: what follows the last element.
+    virtual TbMapItem* end();
+
+    /// The same for a map that is only read.
+    [[nodiscard]] TbMapItem const* first() const noexcept { return m_List.m_First; }
+
+    static void allocate(TbObject** slot);
+
+protected:
+    /// `put` for an item that is taken over; destroyed on failure.
+    TbMapItem* putOwnedItem(TbFindable* item);
+
+private:
+    TbInsertionList m_List;
+};
+
+/// Strings to strings. A look-up by `operator[]` creates what is missing; `find` does not.
+class KVX_EXPORT TbStrMap : public TbMap {
+public:
+    TbStrMap() = default;
+    TbStrMap(TbStrMap const&) = default;
+    TbStrMap& operator=(TbStrMap const& other);
+    using TbMap::operator=;
+
+    TbAllocator getAllocator() const override;
+    bool isInstanceOf(char const* className) const override;
+
+    /// The value under `key`, empty when it had none; to be read or assigned. Borrowed.
+    virtual TbString& operator[](TbString const& key);
+
+    static void allocate(TbObject** slot);
+};
+
+#pragma GCC diagnostic pop
+
+#endif

@@ -1,0 +1,126 @@
+#include "foundation/tbmemory.h"
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+/// Stands right before the usable bytes of a block, also after the front of the block has moved.
+struct BlockHeader {
+    std::size_t m_Size;     ///< Usable bytes.
+    std::size_t m_Dropped;  ///< Bytes that the front has moved from where it began.
+};
+
+/// Bytes before the usable ones of a fresh block; keeps their alignment.
+constexpr std::size_t kPrefix = alignof(std::max_align_t);
+static_assert(sizeof(BlockHeader) <= kPrefix);
+
+BlockHeader* headerOf(void* block) {
+    return static_cast<BlockHeader*>(block) - 1;
+}
+
+BlockHeader const* headerOf(void const* block) {
+    return static_cast<BlockHeader const*>(block) - 1;
+}
+
+/// What the allocator handed out for `block`.
+void* memoryOf(void* block) {
+    return static_cast<char*>(block) - headerOf(block)->m_Dropped - kPrefix;
+}
+
+/// The block in `memory` with `size` usable bytes, none of them dropped.
+void* blockIn(void* memory, std::size_t size) {
+    void* const block = static_cast<char*>(memory) + kPrefix;
+    *headerOf(block) = {size, 0};
+    return block;
+}
+
+/// Moves the contents back to where they began.
+void* withoutGap(void* block) {
+    BlockHeader const header = *headerOf(block);
+    if (header.m_Dropped == 0) {
+        return block;
+    }
+    void* const memory = memoryOf(block);
+    std::memmove(static_cast<char*>(memory) + kPrefix, block, header.m_Size);
+    return blockIn(memory, header.m_Size + header.m_Dropped);
+}
+
+#ifdef KVX_TEST_SEAMS
+TbAllocationGate g_Gate = nullptr;
+
+bool isPermitted(std::size_t bytes) {
+    TbAllocationGate const gate = __atomic_load_n(&g_Gate, __ATOMIC_RELAXED);
+    return gate == nullptr || gate(bytes);
+}
+#else
+constexpr bool isPermitted(std::size_t) {
+    return true;
+}
+#endif
+
+}  // namespace
+
+#ifdef KVX_TEST_SEAMS
+void tbSetAllocationGate(TbAllocationGate gate) noexcept {
+    __atomic_store_n(&g_Gate, gate, __ATOMIC_RELAXED);
+}
+#endif
+
+void* tbAllocate(std::size_t bytes) noexcept {
+    return isPermitted(bytes) ? std::malloc(bytes == 0 ? 1 : bytes) : nullptr;
+}
+
+void* tbReallocate(void* memory, std::size_t bytes) noexcept {
+    return isPermitted(bytes) ? std::realloc(memory, bytes == 0 ? 1 : bytes) : nullptr;
+}
+
+void tbRelease(void* memory) noexcept {
+    std::free(memory);
+}
+
+void* tbResizeBlock(void* block, std::size_t bytes) noexcept {
+    if (block == nullptr) {
+        void* const memory = bytes > SIZE_MAX - kPrefix ? nullptr : tbAllocate(bytes + kPrefix);
+        return memory == nullptr ? nullptr : blockIn(memory, bytes);
+    }
+    std::size_t const present = tbBlockSize(block);
+    if (bytes <= present) {
+        return block;
+    }
+    // A gap that is small beside the contents is not worth moving them for; there will be as much room without it.
+    std::size_t const dropped = headerOf(block)->m_Dropped;
+    if (dropped >= present / 2 && bytes <= present + dropped) {
+        return withoutGap(block);
+    }
+    std::size_t const generous = present + present / 2;
+    std::size_t const wanted = generous > bytes ? generous : bytes;
+    if (wanted > SIZE_MAX - kPrefix - dropped) {
+        return nullptr;
+    }
+    void* const memory = tbReallocate(memoryOf(block), wanted + dropped + kPrefix);
+    if (memory == nullptr) {
+        return nullptr;
+    }
+    void* const front = static_cast<char*>(memory) + kPrefix + dropped;
+    headerOf(front)->m_Size = wanted;
+    return withoutGap(front);
+}
+
+std::size_t tbBlockSize(void const* block) noexcept {
+    return block == nullptr ? 0 : headerOf(block)->m_Size;
+}
+
+void* tbDropFront(void* block, std::size_t bytes) noexcept {
+    BlockHeader const header = *headerOf(block);
+    void* const front = static_cast<char*>(block) + bytes;
+    *headerOf(front) = {header.m_Size - bytes, header.m_Dropped + bytes};
+    return front;
+}
+
+void tbReleaseBlock(void* block) noexcept {
+    if (block != nullptr) {
+        tbRelease(memoryOf(block));
+    }
+}

@@ -1,0 +1,114 @@
+/// The object model: reference counting, class names as text, factories, copying through a virtual `assign`.
+#ifndef TALLOWIN_TBOBJECT_H
+#define TALLOWIN_TBOBJECT_H
+
+#include <cstddef>
+#include <cstdint>
+#include <new>
+
+#include "tallowin/export.h"
+
+class TbObject;
+
+/// A class's factory: destroys what `*slot` holds, whatever counts it, then stores a new empty object there.
+/// Raises KVX_E_OUT_OF_MEMORY (TBFC_Exception) when there is no memory; `*slot` is null then.
+using TbAllocator = void (*)(TbObject** slot);
+
+/// The root: counts the references to itself, and all living objects together.
+///
+/// A new object has count 0 and belongs to whoever made it until a TbPtr takes it. One object may be used by one thread
+/// at a time; different objects may live in different threads, for which the common counter is changed atomically.
+class KVX_EXPORT TbRefCounter {
+public:
+    TbRefCounter() noexcept { countLiving(1); }
+
+    /// A copy is an object of its own: its count starts at 0.
+    TbRefCounter(TbRefCounter const&) noexcept { countLiving(1); }
+
+    /// Assignment copies no count: the references to both objects stay what they are.
+    TbRefCounter& operator=(TbRefCounter const&) noexcept { return *this; }
+
+    virtual ~TbRefCounter();
+
+    /// Adds one reference.
+    void addRef() noexcept { ++m_RefCount; }
+
+    /// Takes one reference away; destroys the object through its virtual destructor when none is left.
+    void release() {
+        if (--m_RefCount == 0) {
+            delete this;
+        }
+    }
+
+    /// References held now.
+    [[nodiscard]] std::int32_t refCount() const noexcept { return m_RefCount; }
+
+    /// All living objects of all derived classes, embedded ones included. Back at its start when nothing leaks.
+    static std::int32_t m_nTotalRef;
+
+    /// Raise KVX_E_OUT_OF_MEMORY (TBFC_Exception) instead of std::bad_alloc.
+    static void* operator new(std::size_t bytes);
+    static void* operator new(std::size_t bytes, std::nothrow_t const&) noexcept;
+    static void* operator new(std::size_t, void* place) noexcept { return place; }
+    static void operator delete(void* memory) noexcept;
+    static void operator delete(void*, void*) noexcept {}
+
+private:
+    static void countLiving(std::int32_t change) noexcept {
+        __atomic_fetch_add(&m_nTotalRef, change, __ATOMIC_RELAXED);
+    }
+
+    std::int32_t m_RefCount = 0;  ///< Never negative.
+};
+
+/// An object that knows its class: by name, by factory, by copying.
+class KVX_EXPORT TbObject : public TbRefCounter {
+public:
+    TbObject() = default;
+    TbObject(TbObject const&) = default;
+
+    /// The factory of this object's class.
+    [[nodiscard]] virtual TbAllocator getAllocator() const;
+
+    /// Copies the state of `other`, an object of the same class (not checked), into this one and returns this one.
+    /// Here: copies nothing.
+    virtual TbObject& assign(TbObject const& other);
+
+    /// Calls the virtual `assign`.
+    virtual TbObject& operator=(TbObject const& other);
+
+    /// Whether `className` is this class or one of its bases up to TbObject. Null and "TbRefCounter" never are.
+    virtual bool isInstanceOf(char const* className) const;
+
+    static void allocate(TbObject** slot);
+};
+
+/// An object that can be ordered. Containers call both operators; here both answer false.
+class KVX_EXPORT TbFindable : public TbObject {
+public:
+    TbFindable() = default;
+    TbFindable(TbFindable const&) = default;
+    using TbObject::operator=;
+    TbFindable& operator=(TbFindable const& other);
+
+    TbAllocator getAllocator() const override;
+    bool isInstanceOf(char const* className) const override;
+    virtual bool operator<(TbFindable const& other) const;
+    virtual bool operator==(TbFindable const& other) const;
+
+    static void allocate(TbObject** slot);
+};
+
+/// The body of every class's `allocate`.
+template <class T>
+void tbAllocateInto(TbObject** slot) {
+    TbObject* const old = *slot;
+    *slot = nullptr;
+    delete old;
+    *slot = new T;
+}
+
+/// Whether the class name asked for is a class's own.
+KVX_EXPORT bool tbIsName(char const* name, char const* own) noexcept;
+
+#endif

@@ -1,0 +1,37 @@
+/// Helpers of the containers. Internal: not installed.
+#ifndef TALLOWIN_TBOWNED_H
+#define TALLOWIN_TBOWNED_H
+
+#include <memory>
+
+#include "foundation/tbobject.h"
+
+/// Owns an object until it is linked somewhere.
+template <class T>
+using TbOwned = std::unique_ptr<T>;
+
+/// A copy of `item`, made through its class's factory and its `assign`.
+inline TbOwned<TbFindable> tbCopyOf(TbFindable const& item) {
+    TbObject* slot = nullptr;
+    item.getAllocator()(&slot);
+    TbOwned<TbFindable> copy(static_cast<TbFindable*>(slot));
+    copy->assign(static_cast<TbObject const&>(item));
+    return copy;
+}
+
+/// Whether `allocator` belongs to one of the classes that containers are made of.
+bool tbIsContainerPart(TbAllocator allocator) noexcept;
+
+/// Whether `object` is a `T`, one of the classes that containers are made of, called `className`.
+///
+/// A class's factory tells it from all others without comparing names; names are asked for classes that others derive.
+template <class T>
+bool tbIs(TbObject const& object, char const* className) {
+    TbAllocator const allocator = object.getAllocator();
+    return allocator == &T::allocate || (!tbIsContainerPart(allocator) && object.isInstanceOf(className));
+}
+
+/// What an element is ordered by: the item of a map item, the key of a pair, or the element itself. Borrowed.
+TbFindable const& tbKeyOf(TbFindable const& element);
+
+#endif

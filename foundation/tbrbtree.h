@@ -1,0 +1,160 @@
+/// An ordered set of orderable objects.
+#ifndef TALLOWIN_TBRBTREE_H
+#define TALLOWIN_TBRBTREE_H
+
+#include "foundation/tbvector.h"
+
+// Deliberate: containers hide inherited overloads; which one a call finds is part of their behaviour.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Woverloaded-virtual"
+
+/// One node: a colour, two children, an owned item. There is no link to the parent.
+class KVX_EXPORT TbTreeNode : public TbFindable {
+public:
+    /// A black node without item and children.
+    TbTreeNode() = default;
+
+    /// A red node that holds its own copy of `item`.
+    TbTreeNode(TbFindable const& item, TbTreeNode* left, TbTreeNode* right);
+
+    /// A red node that takes `item` over; it is destroyed even if this fails. Requires: a heap object, not null.
+    TbTreeNode(TbFindable* item, TbTreeNode* left, TbTreeNode* right) noexcept;
+
+    TbTreeNode(TbTreeNode const&) = delete;
+    ~TbTreeNode() override;
+
+    TbTreeNode& operator=(TbTreeNode const& other);
+    using TbFindable::operator=;
+
+    TbAllocator getAllocator() const override;
+
+    /// Takes the colour and a copy of the item of another node; the children stay.
+    TbTreeNode& assign(TbObject const& other) override;
+
+    bool isInstanceOf(char const* className) const override;
+
+    /// Compare the items of two nodes; false when one has none.
+    bool operator<(TbFindable const& other) const override;
+    bool operator==(TbFindable const& other) const override;
+
+    [[nodiscard]] bool isRed() const noexcept { return m_Red; }
+    [[nodiscard]] TbTreeNode const* left() const noexcept { return m_Left; }
+    [[nodiscard]] TbTreeNode const* right() const noexcept { return m_Right; }
+    [[nodiscard]] TbFindable const* item() const noexcept { return m_Item; }
+
+    static void allocate(TbObject** slot);
+
+private:
+    friend class TbRBTree;
+
+    bool m_Red = false;
+    TbTreeNode* m_Left = nullptr;   ///< Inside a tree never null: an absent child is the tree's sentinel.
+    TbTreeNode* m_Right = nullptr;  ///< As m_Left.
+    TbFindable* m_Item = nullptr;   ///< Owned.
+};
+
+/// Elements in the order of their own operators, each key once, in a red-black tree without parent links: what climbs
+/// records its way down on a stack of nodes.
+///
+/// Elements are copied in. Element comparisons go through the stored element's operators when searching, so a probe may
+/// be a bare key that the elements know how to compare with. The sentinel comes with the first element and holds the
+/// text "__dummy", which is reserved: do not store it. Allocation failures are TBFC_Exception and leave the tree as it
+/// was. One thread at a time.
+class KVX_EXPORT TbRBTree : public TbContainer {
+public:
+    TbRBTree() = default;
+    TbRBTree(TbRBTree const& other);
+    ~TbRBTree() override;
+
+    TbRBTree& operator=(TbRBTree const& other);
+    using TbContainer::operator=;
+
+    TbAllocator getAllocator() const override;
+
+    /// A deep copy, element by element in order. Itself: no change.
+    TbRBTree& assign(TbObject const& other) override;
+
+    bool isInstanceOf(char const* className) const override;
+
+    /// Destroys all elements.
+    void clear() override;
+
+    /// Stores a copy of `item` and returns the stored copy, borrowed. Raises KVX_E_DUPLICATE_KEY, changing nothing.
+    virtual TbFindable* put(TbFindable const& item);
+
+    /// Removes and destroys the element equal to `probe`; false when there is none.
+    virtual bool remove(TbFindable const& probe);
+
+    /// Destroys the subtree under `node` with its items.
+    virtual void clear(TbTreeNode* node);
+
+    /// The stored element equal to `probe`, borrowed, or null.
+    virtual TbFindable* find(TbFindable const& probe) const;
+
+    /// A new stack of the nodes from the root to the one equal to `probe`, that on top; owned by the caller.
+    /// Null when there is none.
+    [[nodiscard]] TbStack* pathTo(TbFindable const& probe) const;
+
+    /// Pushes the way from the node on top of `path` to its in-order successor. Returns `path`.
+    /// Requires: the node on top has a right child.
+    TbStack& successorOf(TbStack& path) const;
+
+    /// The root node; null when the tree is empty.
+    [[nodiscard]] TbTreeNode const* root() const noexcept { return m_Root; }
+
+    /// Whether `node` stands for an absent child.
+    [[nodiscard]] bool isSentinel(TbTreeNode const* node) const noexcept { return node == m_Sentinel; }
+
+    /// How often `number` can be halved before it is 0, minus one: floor(log2) from 1 up; 0 for 0 and -1.
+    static long ROUND_LOG(long number) noexcept;
+
+    static void allocate(TbObject** slot);
+
+protected:
+    /// `put` for an item that is taken over; destroyed on failure.
+    TbFindable* putOwned(TbFindable* item);
+
+    /// Takes the element equal to `probe` out of the tree and hands it to the caller; null when there is none.
+    [[nodiscard]] TbFindable* detach(TbFindable const& probe);
+
+    /// Told about every item of a subtree just before it is destroyed.
+    using ItemDisposer = void (*)(TbRBTree& tree, TbFindable& item);
+
+    /// `clear(node)` with a word to `dispose` (may be null) about every item. The tree is empty after its root.
+    void destroyBelow(TbTreeNode* node, ItemDisposer dispose);
+
+    [[nodiscard]] TbTreeNode* rootNode() noexcept { return m_Root; }
+
+    // Rebalancing. A rotation returns the new top of the subtree, which the caller links.
+
+    /// Rotates at `top`, twice when the grandchild lies inside; `recolour` makes the new top black and `top` red.
+    static TbTreeNode* rotateLeft(TbTreeNode* top, bool twice, bool recolour);
+    static TbTreeNode* rotateRight(TbTreeNode* top, bool twice, bool recolour);
+
+    /// Splits a black node with two red children: swaps their colours. False, and no change, for any other node.
+    static bool changeColor(TbTreeNode* node);
+
+    /// Repairs the way up after an insertion; `path` holds the nodes above and including the new one's parent, then it.
+    void restoreBalance(TbStack& path);
+
+    /// A single rotation at `node`, left for 0, right for 1, without colours, linked into the tree.
+    void makeBalance(TbTreeNode* node, int direction);
+
+    /// Repairs the way up after a black node was unlinked; the node that took its place is on top of `path`.
+    void fixup(TbStack& path);
+
+private:
+    [[nodiscard]] TbTreeNode* parentOf(TbTreeNode const* node) const;
+    void replaceChild(TbTreeNode* parent, TbTreeNode const* old, TbTreeNode* fresh);
+    void ensureSentinel();
+    void destroySubtree(TbTreeNode* node, ItemDisposer dispose);
+    void putAllOf(TbTreeNode const* node, TbTreeNode const* sentinel);
+
+    TbTreeNode* m_Root = nullptr;      ///< Null when the tree is empty.
+    TbTreeNode* m_Last = nullptr;      ///< While `put` works: the red node last met on the way up. Borrowed.
+    TbTreeNode* m_Sentinel = nullptr;  ///< Owned; every absent child points to it. Null before the first element.
+};
+
+#pragma GCC diagnostic pop
+
+#endif

@@ -1,0 +1,150 @@
+/// The one string type, and null-tolerant replacements of the standard string routines.
+///
+/// Its free functions are in the static archive only; libtallowin.so shows classes.
+#ifndef TALLOWIN_TBSTRING_H
+#define TALLOWIN_TBSTRING_H
+
+#include <cstddef>
+#include <cstdint>
+
+#include "foundation/tbobject.h"
+
+/// Bytes before the first zero; 0 for null.
+std::size_t TCSLEN(char const* text) noexcept;
+
+/// Copies `source` with its terminator to `target` and returns `target`. Neither may be null.
+char* TCSCPY(char* target, char const* source) noexcept;
+
+/// Copies bytes up to and including the terminator, or `count` + 1 bytes, whichever comes first. Returns `target`.
+/// Deliberate: one byte more than `count`; callers write the terminator at index `count` afterwards.
+char* TCSNCPY(char* target, char const* source, std::uint32_t count) noexcept;
+
+/// Compares at most `count` characters (TbString::npos: no limit) as signed bytes: exactly -1, 0 or 1.
+/// Null equals null only, and orders before every text, whatever `count`.
+std::int32_t TCSNCMP(char const* left, char const* right, std::uint32_t count) noexcept;
+
+/// Converts a wide text to the locale's multibyte form, at most `count` bytes, as the platform's `wcstombs` does.
+void WCSToMBS(char* target, wchar_t const* source, unsigned long count) noexcept;
+
+/// Bytes without an encoding, NUL-terminated whenever a buffer exists.
+///
+/// Two strings order by length first, then by signed bytes ("zz" < "aaa"): the order of every string-keyed container.
+/// Against a C string the order is lexicographic. An empty string may or may not own a buffer; the two compare equal.
+/// Embedded zero bytes are kept, but comparisons end at them. Not synchronised. Only running out of memory throws
+/// (TBFC_Exception, KVX_E_OUT_OF_MEMORY); so does a length that would not fit 32 bits.
+class KVX_EXPORT TbString : public TbFindable {
+public:
+    /// "Not found" position and "no limit" count.
+    static constexpr std::uint32_t npos = 0xFFFFFFFFU;
+
+    TbString() = default;
+
+    /// Copies NUL-terminated `text`. Null gives an empty string without a buffer.
+    TbString(char const* text);  // NOLINT(google-explicit-constructor): C strings are strings everywhere
+
+    TbString(TbString const& other);
+    ~TbString() override;
+
+    TbString& operator=(TbString const& other);
+    using TbFindable::operator=;
+
+    TbAllocator getAllocator() const override;
+
+    /// Copies another TbString. Copying itself changes nothing.
+    TbString& assign(TbObject const& other) override;
+
+    bool isInstanceOf(char const* className) const override;
+
+    /// True when `compare(TbString)` is negative. The argument is taken to be a TbString.
+    bool operator<(TbFindable const& other) const override;
+
+    /// True when `compare(TbString)` is 0. The argument is taken to be a TbString.
+    bool operator==(TbFindable const& other) const override;
+
+    /// True when `compare(char const*)` is 0: an empty string equals null.
+    virtual bool operator==(char const* text) const;
+
+    /// The same as with a TbFindable, without the call through the table.
+    bool operator==(TbString const& other) const { return compare(other) == 0; }
+    bool operator!=(TbString const& other) const { return compare(other) != 0; }
+    bool operator!=(char const* text) const { return compare(text) != 0; }
+
+    /// Copies the first `count` bytes of `text`; what follows a zero byte among them is filled with zeros.
+    /// Null leaves the string empty. `text` may lie in this string's own buffer.
+    TbString& assign(char const* text, std::uint32_t count);
+
+    /// Copies NUL-terminated `text`. Null leaves the string empty, without a buffer.
+    TbString& assign(char const* text);
+
+    TbString& append(char character);
+
+    /// Null changes nothing. `text` may lie in this string's own buffer.
+    TbString& append(char const* text);
+
+    /// Appends exactly `count` bytes, zero bytes included. `bytes` may lie in this string's own buffer.
+    TbString& append(char const* bytes, std::uint32_t count);
+
+    /// Appends all bytes of `other`, which may be this string.
+    TbString& append(TbString const& other);
+
+    /// Frees the buffer; length and capacity become 0.
+    void clear() noexcept;
+
+    /// Makes room for `extra` more bytes and the terminator. Keeps the contents; pointers into the buffer die.
+    /// Deliberate: the capacity grows to the need plus 65, never by doubling, and stays raised when memory runs out.
+    void grow(std::uint32_t extra);
+
+    /// Lexicographic against NUL-terminated `text`: -1, 0, 1. Null gives this string's length; a string without a
+    /// buffer gives minus the length of `text`.
+    [[nodiscard]] std::int32_t compare(char const* text) const noexcept;
+
+    /// Length first: the difference of the lengths when they differ, else -1, 0, 1.
+    [[nodiscard]] std::int32_t compare(TbString const& other) const noexcept;
+
+    /// Bytes before the terminator.
+    [[nodiscard]] std::uint32_t length() const noexcept { return m_Length; }
+
+    /// Bytes of the buffer; 0 without one.
+    [[nodiscard]] std::uint32_t capacity() const noexcept { return m_Capacity; }
+
+    [[nodiscard]] bool isEmpty() const noexcept { return m_Length == 0; }
+
+    /// The buffer; null when there is none. Borrowed until the next change.
+    [[nodiscard]] char const* buffer() const noexcept { return m_Buffer; }
+
+    /// The text; never null ("" without a buffer). Borrowed until the next change.
+    [[nodiscard]] char const* c_str() const noexcept { return m_Buffer == nullptr ? "" : m_Buffer; }
+
+    /// The byte at `index`. Requires: `index` < `length()`.
+    [[nodiscard]] char operator[](std::uint32_t index) const noexcept { return m_Buffer[index]; }
+
+    /// The byte at `index`, to be changed. Requires: `index` < `length()`.
+    [[nodiscard]] char& operator[](std::uint32_t index) noexcept { return m_Buffer[index]; }
+
+    /// Position of the first `what` at or after `from`; npos when there is none. An empty `what` is found at `from`.
+    [[nodiscard]] std::uint32_t find(char const* what, std::uint32_t from = 0) const noexcept;
+
+    /// At most `count` bytes from `from`; empty when `from` is not inside.
+    [[nodiscard]] TbString substring(std::uint32_t from, std::uint32_t count = npos) const;
+
+    static void allocate(TbObject** slot);
+
+private:
+    [[nodiscard]] bool owns(char const* pointer) const noexcept;
+
+    char* m_Buffer = nullptr;      ///< Owned; null until first use and after clear().
+    std::uint32_t m_Length = 0;    ///< Bytes before the terminator.
+    std::uint32_t m_Capacity = 0;  ///< Published size of the buffer; 0 when null. The block behind it is never smaller
+                                   ///< than m_Length + 1, but may be smaller than this after a failed growth.
+};
+
+/// Copy of `left`, then `right`.
+KVX_EXPORT TbString operator+(TbString const& left, TbString const& right);
+
+/// The same; a null `left` counts as empty.
+KVX_EXPORT TbString operator+(char const* left, TbString const& right);
+
+/// A string from a narrow multibyte text; null counts as "". No conversion takes place.
+TbString mbstoSTRING(char const* text);
+
+#endif

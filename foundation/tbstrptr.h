@@ -1,0 +1,39 @@
+/// A string key with a counted value.
+#ifndef TALLOWIN_TBSTRPTR_H
+#define TALLOWIN_TBSTRPTR_H
+
+#include "foundation/tbptr.h"
+#include "foundation/tbstring.h"
+
+/// Pairs a key with a TbPtr, so that counted objects can be kept in ordered containers.
+///
+/// Ordered by key alone, in TbString's length-first order. A bare TbString serves as a probe, and so does a pair or a
+/// map item around a string; anything else is neither less nor equal.
+class KVX_EXPORT TbStrPtr : public TbFindable {
+public:
+    TbStrPtr() = default;
+
+    /// Copies `key` and takes one more reference to the target of `value`.
+    TbStrPtr(TbString const& key, TbPtr const& value);
+
+    TbStrPtr(TbStrPtr const&) = default;
+    TbStrPtr& operator=(TbStrPtr const& other);
+    using TbFindable::operator=;
+
+    TbAllocator getAllocator() const override;
+    TbStrPtr& assign(TbObject const& other) override;
+    bool isInstanceOf(char const* className) const override;
+    bool operator<(TbFindable const& other) const override;
+    bool operator==(TbFindable const& other) const override;
+
+    [[nodiscard]] TbString const& key() const noexcept { return m_Key; }
+    [[nodiscard]] TbPtr const& value() const noexcept { return m_Value; }
+
+    static void allocate(TbObject** slot);
+
+private:
+    TbString m_Key;
+    TbPtr m_Value;
+};
+
+#endif

@@ -1,0 +1,86 @@
+/// The seam for operating-system calls. Internal: not installed.
+#ifndef TALLOWIN_TBSYSTEM_H
+#define TALLOWIN_TBSYSTEM_H
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <ctime>
+
+/// Every call into the operating system that can fail goes through this table.
+///
+/// It is constant in the shipped library. In test builds a test replaces single entries to make calls fail.
+struct TbSystemCalls {
+    static int openFile(char const* path, int flags, mode_t mode) { return ::open(path, flags, mode); }
+    static int status(int file, struct ::stat* result) { return ::fstat(file, result); }
+    /// Judges by the effective user, as opening does.
+    static int mayAccess(char const* path, int mode) { return ::faccessat(AT_FDCWD, path, mode, AT_EACCESS); }
+    static int linkStatus(char const* path, struct ::stat* result) { return ::lstat(path, result); }
+
+    int (*open)(char const* path, int flags, mode_t mode) = &openFile;
+    int (*close)(int file) = &::close;
+    ssize_t (*read)(int file, void* buffer, std::size_t bytes) = &::read;
+    ssize_t (*write)(int file, void const* buffer, std::size_t bytes) = &::write;
+    int (*fsync)(int file) = &::fsync;
+    int (*fstat)(int file, struct ::stat* result) = &status;
+    int (*lstat)(char const* path, struct ::stat* result) = &linkStatus;
+    int (*fchmod)(int file, mode_t mode) = &::fchmod;
+    int (*flock)(int file, int operation) = &::flock;
+    int (*access)(char const* path, int mode) = &mayAccess;
+    int (*rename)(char const* from, char const* to) = &::rename;
+    int (*unlink)(char const* path) = &::unlink;
+    int (*mkdir)(char const* path, mode_t mode) = &::mkdir;
+    DIR* (*opendir)(char const* path) = &::opendir;
+    char* (*getcwd)(char* buffer, std::size_t bytes) = &::getcwd;
+    std::time_t (*time)(std::time_t* result) = &::time;
+
+    int (*socket)(int domain, int type, int protocol) = &::socket;
+    int (*connect)(int socket, sockaddr const* address, socklen_t length) = &::connect;
+    ssize_t (*send)(int socket, void const* buffer, std::size_t bytes, int flags) = &::send;
+    ssize_t (*recv)(int socket, void* buffer, std::size_t bytes, int flags) = &::recv;
+    int (*shutdown)(int socket, int how) = &::shutdown;
+};
+
+#ifdef KVX_TEST_SEAMS
+/// The table in use. Change it only while no other thread is inside the library.
+TbSystemCalls& tbSystem() noexcept;
+#else
+inline constexpr TbSystemCalls kTbSystemCalls{};
+
+inline TbSystemCalls const& tbSystem() noexcept {
+    return kTbSystemCalls;
+}
+#endif
+
+/// Moves `file` off the numbers of standard input, output and error, where others write what they have to say: in a
+/// process that closed them, they are the first to be given out. -1 passes; -1 and `errno` when there is no other
+/// number.
+inline int tbAwayFromStandardStreams(int file) noexcept {
+    if (file < STDIN_FILENO || file > STDERR_FILENO) {
+        return file;
+    }
+    int const moved = ::fcntl(file, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    int const failure = errno;
+    tbSystem().close(file);
+    errno = failure;
+    return moved;
+}
+
+/// Repeats `call` while a signal interrupts it: a profiler's or a virtual machine's signals must not cost a payment.
+template <class Call>
+auto tbRetryInterrupted(Call call) -> decltype(call()) {
+    for (;;) {
+        auto const result = call();
+        if (result != -1 || errno != EINTR) {
+            return result;
+        }
+    }
+}
+
+#endif

@@ -1,0 +1,255 @@
+#include "net/kvxhttp.h"
+
+#include <netinet/in.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "core/kvxbase.h"
+#include "foundation/tbsystem.h"
+#include "net/kvxhttp_internal.h"
+#include "net/kvxhttplines.h"
+
+namespace {
+
+constexpr std::int32_t kStatusOk = 200;
+constexpr char kEndOfHeader[] = "\r\n\r\n";
+
+[[noreturn]] void fail(std::int32_t code, char const* message, long line) {
+    throw KVX_Exception(code, message, kvx::kSourceHttp, line);
+}
+
+void trace(long line, char const* event, TbString const& detail) {
+    KVX_TraceLog::Write(kvx::kSourceHttp, line, KVX_OK, event, detail);
+}
+
+/// Prints foreign text between fixed ones, at once: the host program may keep buffers of its own. Nobody may be
+/// reading.
+void print(FILE* stream, char const* before, TbString const& text, char const* after) {
+    SigPipeGuard const guard;
+    static_cast<void>(std::fputs(before, stream));
+    static_cast<void>(std::fputs(text.c_str(), stream));
+    static_cast<void>(std::fputs(after, stream));
+    static_cast<void>(std::fflush(stream));
+}
+
+/// "user:password" in Base64, as Basic authorisation has it.
+void putCredentials(TbString const& user, TbString const& password, TbStringStream& out) {
+    TbStringStream credentials;
+    credentials.put(user);
+    credentials.put(':');
+    credentials.put(password);
+    Base64Encode(&credentials, &out);
+}
+
+/// The status in a proxy's reply; 0 when there is none.
+std::int32_t proxyStatus(TbString const& reply) {
+    char const* const protocol = std::strstr(reply.c_str(), "HTTP/1");
+    char const* const space = protocol == nullptr ? nullptr : std::strchr(protocol, ' ');
+    return space == nullptr ? 0 : DecimalNumber(space + std::strspn(space, " \t"));
+}
+
+}  // namespace
+
+char const* const KVX_HttpSession::m_UserAgent = "Tallowin Application Component 1.0";
+
+void KVX_HttpSession::ConnectionCloser::operator()(KVX_Connection* connection) const noexcept {
+    connection->Disconnect();
+    int const socket = connection->Detach();
+    delete connection;
+    if (socket != -1) {
+        tbSystem().close(socket);
+    }
+}
+
+KVX_HttpSession::KVX_HttpSession(KVX_RequestInfo const& request) : m_Record(request) {}
+
+KVX_HttpSession::~KVX_HttpSession() = default;
+
+void* KVX_HttpSession::operator new(std::size_t bytes) {
+    return TbRefCounter::operator new(bytes);
+}
+
+void KVX_HttpSession::operator delete(void* memory) noexcept {
+    TbRefCounter::operator delete(memory);
+}
+
+bool KVX_HttpSession::usesProxy() const {
+    return !m_Record.proxyHost.isEmpty();
+}
+
+bool KVX_HttpSession::isSecure() const {
+    return m_Record.scheme == "https";
+}
+
+bool KVX_HttpSession::isTraced() const {
+    return m_Record.traceOptions.find("rawhttp") != TbString::npos;
+}
+
+void KVX_HttpSession::requireState(int state, char const* step, long line) const {
+    if (m_State != state) {
+        throw KVX_Exception(KVX_E_HTTP_STATE, TbString("invalid session state during ") + step, kvx::kSourceHttp, line);
+    }
+}
+
+void KVX_HttpSession::requireKnownScheme(long line) const {
+    if (!isSecure() && m_Record.scheme != "http") {
+        fail(KVX_E_HTTP_UNKNOWN_SCHEME, "the protocol type of the URL is unknown", line);
+    }
+}
+
+void KVX_HttpSession::ConnectNetwork() {
+    requireState(kCreated, "ConnectNetwork", kvx::kLineConnectState);
+    sockaddr_in address = {};
+    auto* const target = reinterpret_cast<sockaddr*>(&address);
+    if (usesProxy()) {
+        std::int32_t const code = MakeHostAddr(m_Record.proxyHost, m_Record.proxyPort, target);
+        if (code != KVX_OK) {
+            fail(code, "the proxy address is invalid or could not be resolved", kvx::kLineProxyAddress);
+        }
+        trace(kvx::kLineUseProxy, "USE PROXY", m_Record.proxyHost + ":" + m_Record.proxyPort);
+        requireKnownScheme(kvx::kLineProxyScheme);
+        m_Connection.reset(new SockConnection);
+    } else {
+        std::int32_t const code = MakeHostAddr(m_Record.host, m_Record.port, target);
+        if (code != KVX_OK) {
+            fail(code, "the host address is invalid or could not be resolved", kvx::kLineHostAddress);
+        }
+        requireKnownScheme(kvx::kLineScheme);
+        if (isSecure()) {
+            m_Connection.reset(new SslConnection);
+        } else {
+            m_Connection.reset(new SockConnection);
+        }
+    }
+    std::int32_t const connected = m_Connection->Connect(target);
+    if (connected != KVX_OK) {
+        fail(connected, "failed to connect to host", kvx::kLineConnect);
+    }
+    if (usesProxy() && isSecure()) {
+        ProxyConnect();
+    }
+    std::int32_t const ready = m_Connection->Setup();
+    if (ready != KVX_OK) {
+        fail(ready, "failed to setup protocol", kvx::kLineSetup);
+    }
+    m_State = kConnected;
+}
+
+void KVX_HttpSession::ProxyConnect() {
+    trace(kvx::kLineHttpConnect, "HTTP CONNECT", "");
+    TbStringStream request;
+    request.put("CONNECT ");
+    request.put(m_Record.host);
+    request.put(":");
+    request.put(m_Record.port);
+    request.put(" HTTP/1.0\r\nPragma: no-cache\r\nUserAgent: ");
+    request.put(m_UserAgent);
+    request.put(kEndOfHeader);
+    if (m_Connection->Write(request) < 0) {
+        fail(m_Connection->LastError(), "", kvx::kLineProxyWrite);
+    }
+    TbStringStream reply;
+    if (m_Connection->Read(reply) < 0) {
+        fail(m_Connection->LastError(), "", kvx::kLineProxyRead);
+    }
+    print(stderr, "Proxy response:\n", reply, "\n");
+    std::int32_t const status = proxyStatus(reply);
+    if (status == 0) {
+        fail(KVX_E_HTTP_BAD_REPLY, "", kvx::kLineProxyReply);
+    }
+    if (status != kStatusOk) {
+        fail(KVX_E_HTTP_FAMILY | status, "", kvx::kLineProxyStatus);
+    }
+    std::unique_ptr<KVX_Connection, ConnectionCloser> tunnel(new SslConnection);
+    tunnel->Attach(m_Connection->Detach());
+    m_Connection = std::move(tunnel);
+}
+
+void KVX_HttpSession::BuildRequest() {
+    requireState(kConnected, "BuildRequest", kvx::kLineBuildState);
+    m_Request.put("GET ");
+    if (usesProxy() && !isSecure()) {
+        m_Request.put(m_Record.scheme);
+        m_Request.put("://");
+        m_Request.put(m_Record.host);
+        m_Request.put(":");
+        m_Request.put(m_Record.port);
+    }
+    m_Request.put(m_Record.path);
+    m_Request.put(" HTTP/1.0\r\nAuthorization: Basic ");
+    putCredentials(m_Record.user, m_Record.password, m_Request);
+    m_Request.put("\r\nUserAgent: ");
+    m_Request.put(m_UserAgent);
+    m_Request.put(kEndOfHeader);
+    m_State = kBuilt;
+    if (isTraced()) {
+        print(stdout, "\n", m_Request, "\n\n");
+    }
+}
+
+void KVX_HttpSession::SendRequest() {
+    requireState(kBuilt, "SendRequest", kvx::kLineSendState);
+    if (m_Connection->Write(m_Request) < 0) {
+        fail(m_Connection->LastError(), "failed to write to host", kvx::kLineSend);
+    }
+    m_State = kSent;
+}
+
+void KVX_HttpSession::ReceiveResponse() {
+    requireState(kSent, "ReceiveResponse", kvx::kLineReceiveState);
+    std::int32_t received = 0;
+    do {
+        received = m_Connection->Read(m_Response);
+        if (received < 0) {
+            fail(m_Connection->LastError(), "failed to receive from host", kvx::kLineReceive);
+        }
+    } while (received != 0);
+    m_State = kReceived;
+}
+
+void KVX_HttpSession::ExtractResponse(TbStringStream& out) {
+    // Deliberate: the message names the step before this one.
+    requireState(kReceived, "ReceiveResponse", kvx::kLineExtractState);
+    if (isTraced()) {
+        print(stdout, "\n", m_Response, "\n\n");
+    }
+    std::uint32_t const space = m_Response.find(" ");
+    std::int32_t const status = space == TbString::npos ? 0 : DecimalNumber(m_Response.c_str() + space + 1);
+    if (status == 0) {
+        fail(KVX_E_HTTP_BAD_REPLY, "", kvx::kLineReplyNoStatus);
+    }
+    if (status != kStatusOk) {
+        fail(KVX_E_HTTP_FAMILY | status, "", kvx::kLineReplyStatus);
+    }
+    std::uint32_t const endOfHeader = m_Response.find(kEndOfHeader, space);
+    if (endOfHeader == TbString::npos) {
+        fail(KVX_E_HTTP_BAD_REPLY, "", kvx::kLineReplyNoBody);
+    }
+    std::uint32_t const body = endOfHeader + static_cast<std::uint32_t>(std::strlen(kEndOfHeader));
+    out.put(m_Response.c_str() + body, m_Response.length() - body);
+}
+
+void HttpSession(KVX_RequestInfo const& request, TbStringStream& out) {
+    KVX_HttpSession session(request);
+    trace(kvx::kLineUrlOpen, "URL OPEN", request.scheme + "://" + request.host + ":" + request.port);
+    session.ConnectNetwork();
+    session.BuildRequest();
+    session.SendRequest();
+    session.ReceiveResponse();
+    session.ExtractResponse(out);
+}
+
+void HttpSession(URL_INFO const& request, TbStringStream& out) {
+    KVX_RequestInfo record;
+    static_cast<URL_INFO&>(record) = request;
+    HttpSession(record, out);
+}
+
+void HttpRequest(char const* path, char const* user, char const* password, TbStringStream* out) {
+    out->put("GET ");
+    out->put(path);
+    out->put(" HTTP/1.0\r\nAuthorization: Basic ");
+    putCredentials(user, password, *out);
+    out->put(kEndOfHeader);
+}

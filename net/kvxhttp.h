@@ -1,0 +1,239 @@
+/// Host addresses, connections, the HTTP/1.0 session.
+///
+/// Of its free functions libtallowin.so shows HttpRequest alone; the static archive has them all.
+#ifndef TALLOWIN_KVXHTTP_H
+#define TALLOWIN_KVXHTTP_H
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+#include "foundation/tbstring.h"
+#include "foundation/tbstringstream.h"
+#include "net/kvxurl.h"
+#include "tallowin/codes.h"
+#include "tallowin/export.h"
+
+struct sockaddr;
+struct ssl_ctx_st;
+struct ssl_st;
+
+/// Fills `address` with the IPv4 address of `host`, dotted or a name, the decimal `port` and the family. All its other
+/// bytes stay as they are. Requires: room for a `sockaddr_in`.
+///
+/// Returns KVX_OK, or KVX_E_HTTP_NAME_LOOKUP with `address` untouched. "255.255.255.255" is such a failure. A port that
+/// is no number is 0; of a larger one the low 16 bits count. May run out of memory (TBFC_Exception). Blocks.
+[[nodiscard]] std::int32_t MakeHostAddr(TbString const& host, TbString const& port, sockaddr* address);
+
+/// Resolves `host` (NUL-terminated, borrowed) and returns its first IPv4 address in network byte order, or 0xFFFFFFFF.
+///
+/// Traces "DNS LOOKUP". Deliberate: a name that nobody knows leaves no trace; one that is known and has no address
+/// does. May run out of memory (TBFC_Exception). Blocks.
+[[nodiscard]] std::uint32_t HttpHostByName(char const* host);
+
+/// A byte pipe to one peer, owned by the session that uses it.
+///
+/// Life: made without a socket; `Connect`, or `Attach` of another connection's socket; `Setup`; one `Write`; `Read`
+/// until 0 or -1; `Disconnect`; destroyed. Destroying it does not close the socket: whoever ends a connection takes the
+/// descriptor with `Detach` and closes it. Everything blocks, without any limit of time. One thread at a time.
+/// No operation throws, save for memory exhaustion (TBFC_Exception). No write raises SIGPIPE.
+class KVX_EXPORT KVX_Connection {
+public:
+    KVX_Connection() = default;
+    KVX_Connection(KVX_Connection const&) = delete;
+    KVX_Connection& operator=(KVX_Connection const&) = delete;
+
+    virtual ~KVX_Connection();
+
+    /// Connects a new socket to `address` (borrowed). Returns KVX_OK or a code of the socket family.
+    virtual std::int32_t Connect(sockaddr* address) = 0;
+
+    /// Ends the sending direction; the descriptor stays. Returns KVX_OK.
+    virtual std::int32_t Disconnect() = 0;
+
+    /// Receives up to 1024 bytes and appends them to `into`, as text: a zero byte cuts off the rest of the chunk.
+    /// Returns how many were received, cut or not; 0 when the peer has finished; -1 on failure, `into` untouched.
+    virtual std::int32_t Read(TbStringStream& into) = 0;
+
+    /// Sends all that `from` holds, whatever has been read of it; bytes behind its first zero byte go out as zeros.
+    /// A negative result is a failure.
+    virtual std::int32_t Write(TbStringStream& from) = 0;
+
+    /// The code of the operation that failed last. Requires: no other system call since then.
+    virtual std::int32_t LastError() = 0;
+
+    /// Adopts a connected socket. One held before is forgotten, not closed.
+    virtual void Attach(int socket) = 0;
+
+    /// Gives up the socket and returns its descriptor; -1 when there is none.
+    virtual int Detach() = 0;
+
+    /// What is left to do on a connected socket. Returns KVX_OK or a code.
+    virtual std::int32_t Setup() = 0;
+
+    /// Raise KVX_E_OUT_OF_MEMORY (TBFC_Exception) instead of std::bad_alloc.
+    static void* operator new(std::size_t bytes);
+    static void operator delete(void* memory) noexcept;
+};
+
+/// A TCP socket.
+class KVX_EXPORT SockConnection : public KVX_Connection {
+public:
+    SockConnection() = default;
+    ~SockConnection() override;
+
+    /// Deliberate: when no socket can be made, the connect fails on none, which is KVX_E_SOCKET_FAMILY | 9.
+    std::int32_t Connect(sockaddr* address) override;
+    std::int32_t Disconnect() override;
+    std::int32_t Read(TbStringStream& into) override;
+
+    /// One send: returns the number of bytes sent, which may be short, or -1.
+    std::int32_t Write(TbStringStream& from) override;
+
+    /// KVX_E_SOCKET_FAMILY | `errno` in BSD numbering.
+    std::int32_t LastError() override;
+    void Attach(int socket) override;
+    int Detach() override;
+
+    /// Does nothing.
+    std::int32_t Setup() override;
+
+private:
+    static constexpr std::size_t kChunk = 1024;
+
+    int m_Socket = -1;          ///< -1 when there is none.
+    int m_LastResult = 0;       ///< Of the last socket call; the code after a failed Connect.
+    char m_Buffer[kChunk + 1];  ///< Received bytes and a terminator.
+};
+
+/// A TLS client over a TCP socket. Deliberate: the peer's certificate is not verified.
+class KVX_EXPORT SslConnection : public KVX_Connection {
+public:
+    SslConnection();
+    ~SslConnection() override;
+
+    /// Deliberate: when no socket can be made, the result is the last one held; at first KVX_E_SOCKET_FAMILY alone.
+    std::int32_t Connect(sockaddr* address) override;
+
+    /// Also frees the TLS session; sends no close notification.
+    std::int32_t Disconnect() override;
+    std::int32_t Read(TbStringStream& into) override;
+
+    /// Returns KVX_OK or `LastError()`.
+    std::int32_t Write(TbStringStream& from) override;
+
+    /// With a TLS session KVX_E_TLS_FAMILY | the low 12 bits of the reason number of the TLS library, or of its kind of
+    /// failure where it gave no reason. Without one as a SockConnection.
+    std::int32_t LastError() override;
+    void Attach(int socket) override;
+    int Detach() override;
+
+    /// Runs the handshake. Traces "USE SSL"; a failure prints "SSL ERROR: connect failed" to standard output.
+    /// Deliberate: a peer that ends cleanly instead of shaking hands is no failure; the next operation finds out.
+    std::int32_t Setup() override;
+
+private:
+    static constexpr std::size_t kChunk = 1024;
+
+    struct ContextReleaser {
+        void operator()(ssl_ctx_st* context) const noexcept;
+    };
+    struct SessionReleaser {
+        void operator()(ssl_st* session) const noexcept;
+    };
+
+    template <class Call>
+    int run(Call call);
+    int handshake();
+
+    int m_Socket = -1;                                       ///< -1 when there is none.
+    int m_LastResult = KVX_E_SOCKET_FAMILY;                  ///< Of the last socket or TLS call.
+    char m_Buffer[kChunk + 1];                               ///< Received bytes and a terminator.
+    std::unique_ptr<ssl_ctx_st, ContextReleaser> m_Context;  ///< Null when memory was short.
+    std::unique_ptr<ssl_st, SessionReleaser> m_Session;      ///< From Setup to Disconnect.
+    int m_Kind = 0;                                          ///< Kind of the last failure, as the TLS library has it.
+    int m_Reason = 0;                                        ///< Its reason number, 0 when there is none.
+};
+
+/// Everything one session needs to know.
+struct KVX_EXPORT KVX_RequestInfo : URL_INFO {
+    TbString proxyHost;     ///< Empty: no proxy.
+    TbString proxyPort;     ///< Decimal text.
+    TbString reserved;      ///< Not used.
+    TbString traceOptions;  ///< With "rawhttp" in it request and response are printed to standard output.
+};
+
+/// One HTTP/1.0 GET exchange, in five steps to be called once each and in order.
+///
+/// Every step throws KVX_Exception: KVX_E_HTTP_STATE when it is not its turn, else as it says. The session ends with
+/// its destruction, after whatever step, which closes the connection. One thread at a time.
+class KVX_EXPORT KVX_HttpSession {
+public:
+    /// `request` is borrowed for the session's life.
+    explicit KVX_HttpSession(KVX_RequestInfo const& request);
+    KVX_HttpSession(KVX_HttpSession const&) = delete;
+    KVX_HttpSession& operator=(KVX_HttpSession const&) = delete;
+    virtual ~KVX_HttpSession();
+
+    /// Connects to the host or the proxy, tunnels and shakes hands as the scheme needs.
+    /// KVX_E_HTTP_NAME_LOOKUP before KVX_E_HTTP_UNKNOWN_SCHEME, what the connection reports, and for a tunnel
+    /// KVX_E_HTTP_BAD_REPLY or KVX_E_HTTP_FAMILY | the proxy's status. A proxy's reply goes to standard error always.
+    void ConnectNetwork();
+
+    /// Builds the request text.
+    void BuildRequest();
+
+    /// Sends it.
+    void SendRequest();
+
+    /// Receives until the peer has finished, without any limit.
+    void ReceiveResponse();
+
+    /// Appends the body of the response to `out`.
+    /// KVX_E_HTTP_BAD_REPLY: no status, or no end of header in a 200 reply. KVX_E_HTTP_FAMILY | status: any but 200.
+    void ExtractResponse(TbStringStream& out);
+
+    /// How the component names itself. On the wire. Do not change.
+    static char const* const m_UserAgent;
+
+    /// Raise KVX_E_OUT_OF_MEMORY (TBFC_Exception) instead of std::bad_alloc.
+    static void* operator new(std::size_t bytes);
+    static void operator delete(void* memory) noexcept;
+
+protected:
+    /// Ends a connection: shuts it down, destroys it and closes its socket.
+    struct KVX_EXPORT ConnectionCloser {
+        void operator()(KVX_Connection* connection) const noexcept;
+    };
+
+    /// What has been done so far; each step requires its predecessor's.
+    enum State : int { kCreated = 0, kConnected = 1, kBuilt = 2, kSent = 3, kReceived = 4 };
+
+    void ProxyConnect();
+
+    int m_State = kCreated;
+    KVX_RequestInfo const& m_Record;                                 ///< Borrowed.
+    std::unique_ptr<KVX_Connection, ConnectionCloser> m_Connection;  ///< Null until ConnectNetwork.
+    TbStringStream m_Request;
+    TbStringStream m_Response;
+
+private:
+    [[nodiscard]] bool usesProxy() const;
+    [[nodiscard]] bool isSecure() const;
+    [[nodiscard]] bool isTraced() const;
+    void requireState(int state, char const* step, long line) const;
+    void requireKnownScheme(long line) const;
+};
+
+/// Runs a whole session over `request`, without proxy and trace, and appends the body of the answer to `out`.
+/// Throws what the steps of KVX_HttpSession throw. Traces "URL OPEN". Blocks.
+void HttpSession(URL_INFO const& request, TbStringStream& out);
+
+/// The same with the proxy and the trace options that `request` names.
+void HttpSession(KVX_RequestInfo const& request, TbStringStream& out);
+
+/// Appends the text of a plain request for `path` with Basic credentials to `out`. Sends nothing.
+/// The texts are NUL-terminated and borrowed; null counts as "". `out` is borrowed.
+KVX_EXPORT void HttpRequest(char const* path, char const* user, char const* password, TbStringStream* out);
+
+#endif

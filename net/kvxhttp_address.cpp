@@ -1,0 +1,84 @@
+#include <arpa/inet.h>
+#include <netdb.h>
+#include <netinet/in.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "core/kvxbase.h"
+#include "net/kvxhttp.h"
+#include "net/kvxhttp_internal.h"
+#include "net/kvxhttplines.h"
+
+namespace {
+
+/// What address look-ups answer for "none".
+constexpr std::uint32_t kNoAddress = 0xFFFFFFFFU;
+
+constexpr std::size_t kFirstLookupBuffer = 1024;
+
+/// The resolver's answer for a name, with the memory that it lies in.
+class HostEntry {
+public:
+    explicit HostEntry(char const* host) {
+        int failure = 0;
+        for (std::size_t bytes = kFirstLookupBuffer;; bytes *= 2) {
+            m_Memory = HoldMemory(bytes);
+            int reason = 0;
+            failure = ::gethostbyname_r(host, &m_Storage, m_Memory.get(), bytes, &m_Answer, &reason);
+            if (failure != ERANGE) {
+                break;
+            }
+        }
+        if (failure != 0) {
+            m_Answer = nullptr;
+        }
+    }
+
+    /// Null when the name is unknown.
+    [[nodiscard]] hostent const* answer() const { return m_Answer; }
+
+private:
+    TbMemoryHolder m_Memory;
+    hostent m_Storage = {};
+    hostent* m_Answer = nullptr;
+};
+
+}  // namespace
+
+std::uint32_t HttpHostByName(char const* host) {
+    HostEntry const entry(host);
+    if (entry.answer() == nullptr) {
+        return kNoAddress;
+    }
+    char const* const first = entry.answer()->h_addr_list[0];
+    if (first == nullptr) {
+        KVX_TraceLog::Write(kvx::kSourceHttp, kvx::kLineLookupFailed, KVX_E_HTTP_NAME_LOOKUP, "DNS LOOKUP",
+                            "failed to lookup host");
+        return kNoAddress;
+    }
+    std::uint32_t address = 0;
+    std::memcpy(&address, first, sizeof address);
+    char dotted[INET_ADDRSTRLEN] = {};
+    ::inet_ntop(AF_INET, &address, dotted, sizeof dotted);
+    KVX_TraceLog::Write(kvx::kSourceHttp, kvx::kLineLookupDone, KVX_OK, "DNS LOOKUP", TbString(host) + " -> " + dotted);
+    return address;
+}
+
+std::int32_t MakeHostAddr(TbString const& host, TbString const& port, sockaddr* address) {
+    // Deliberate: the old, generous reader of addresses ("127.1" and "1" are some), whose failure is all bits set.
+    std::uint32_t ip = ::inet_addr(host.c_str());
+    if (ip == kNoAddress) {
+        ip = HttpHostByName(host.c_str());
+    }
+    if (ip == kNoAddress) {
+        return KVX_E_HTTP_NAME_LOOKUP;
+    }
+    sockaddr_in target;
+    std::memcpy(&target, address, sizeof target);
+    target.sin_family = AF_INET;
+    target.sin_port = htons(static_cast<std::uint16_t>(DecimalNumber(port.c_str())));
+    target.sin_addr.s_addr = ip;
+    std::memcpy(address, &target, sizeof target);
+    return KVX_OK;
+}

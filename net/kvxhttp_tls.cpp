@@ -1,0 +1,159 @@
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+
+#include "core/kvxbase.h"
+#include "foundation/tbsystem.h"
+#include "net/kvxhttp.h"
+#include "net/kvxhttp_internal.h"
+#include "net/kvxhttplines.h"
+
+namespace {
+
+/// How much of a reason number fits beside the family.
+constexpr int kReasonMask = 0xFFF;
+
+/// Whether a failed call only wants to be made again. The socket blocks, so nothing but a signal makes it ask.
+bool wasInterrupted(int kind, int failure) {
+    return (kind == SSL_ERROR_WANT_READ || kind == SSL_ERROR_WANT_WRITE) && failure == EINTR;
+}
+
+/// Whether the peer has ended the connection in good order, with or without saying so.
+bool isCleanEnd(int kind, int reason) {
+    return kind == SSL_ERROR_ZERO_RETURN || (kind == SSL_ERROR_SSL && reason == SSL_R_UNEXPECTED_EOF_WHILE_READING);
+}
+
+}  // namespace
+
+void SslConnection::ContextReleaser::operator()(ssl_ctx_st* context) const noexcept {
+    SSL_CTX_free(context);
+}
+
+void SslConnection::SessionReleaser::operator()(ssl_st* session) const noexcept {
+    SSL_free(session);
+}
+
+SslConnection::SslConnection() {
+    ERR_clear_error();
+    SSL_library_init();
+    SSL_load_error_strings();
+    m_Context.reset(SSL_CTX_new(SSLv23_method()));
+    if (m_Context != nullptr) {
+        SSL_CTX_set_options(m_Context.get(), SSL_OP_IGNORE_UNEXPECTED_EOF);
+    }
+}
+
+SslConnection::~SslConnection() = default;
+
+/// Makes one call on the TLS session and records why it failed. The result is that of the call, -1 for every negative
+/// one and without a session.
+///
+/// The queue of the TLS library is per thread and others leave entries in it, so it is emptied before each call. What
+/// decides is the result alone.
+template <class Call>
+int SslConnection::run(Call call) {
+    if (m_Session == nullptr) {
+        errno = ENOTCONN;
+        return -1;
+    }
+    SigPipeGuard const guard;
+    for (;;) {
+        ERR_clear_error();
+        errno = 0;
+        int const result = call(m_Session.get());
+        int const failure = errno;
+        if (result > 0) {
+            return result;
+        }
+        m_Kind = SSL_get_error(m_Session.get(), result);
+        m_Reason = ERR_GET_REASON(ERR_peek_last_error());
+        ERR_clear_error();
+        errno = failure;
+        if (!wasInterrupted(m_Kind, failure)) {
+            return result < 0 ? -1 : 0;
+        }
+    }
+}
+
+std::int32_t SslConnection::Connect(sockaddr* address) {
+    m_Socket = MakeSocket();
+    if (m_Socket == -1) {
+        return m_LastResult;
+    }
+    m_LastResult = ConnectSocket(m_Socket, address);
+    return m_LastResult == -1 ? KVX_E_SOCKET_FAMILY | BsdErrno(errno) : KVX_OK;
+}
+
+std::int32_t SslConnection::Disconnect() {
+    m_LastResult = tbSystem().shutdown(m_Socket, SHUT_WR);
+    m_Session.reset();
+    return KVX_OK;
+}
+
+std::int32_t SslConnection::Read(TbStringStream& into) {
+    m_LastResult = run([this](SSL* session) { return SSL_read(session, m_Buffer, static_cast<int>(kChunk)); });
+    if (m_LastResult == -1) {
+        return -1;
+    }
+    m_Buffer[m_LastResult] = '\0';
+    into.put(m_Buffer);
+    return m_LastResult;
+}
+
+std::int32_t SslConnection::Write(TbStringStream& from) {
+    TbMemoryHolder copy = CopyForSending(from.str());
+    // One call takes no more than an int can say; what is longer becomes negative there and is refused.
+    auto const length = static_cast<int>(from.length());
+    m_LastResult = run([&](SSL* session) { return SSL_write(session, copy.get(), length); });
+    int const failure = errno;
+    copy.reset();
+    errno = failure;
+    return m_LastResult == -1 ? LastError() : KVX_OK;
+}
+
+std::int32_t SslConnection::LastError() {
+    if (m_Session == nullptr) {
+        return KVX_E_SOCKET_FAMILY | BsdErrno(errno);
+    }
+    int const reason = m_Reason & kReasonMask;
+    return KVX_E_TLS_FAMILY | (reason != 0 ? reason : m_Kind);
+}
+
+void SslConnection::Attach(int socket) {
+    m_Socket = socket;
+}
+
+int SslConnection::Detach() {
+    int const socket = m_Socket;
+    m_Socket = -1;
+    return socket;
+}
+
+/// The result of the handshake: 0 or more, or -1.
+int SslConnection::handshake() {
+    m_Kind = SSL_ERROR_SSL;
+    m_Reason = 0;
+    m_Session.reset(m_Context == nullptr ? nullptr : SSL_new(m_Context.get()));
+    if (m_Session == nullptr || SSL_set_fd(m_Session.get(), m_Socket) != 1) {
+        return -1;
+    }
+    int const result = run([](SSL* session) { return SSL_connect(session); });
+    return result == -1 && isCleanEnd(m_Kind, m_Reason) ? 0 : result;
+}
+
+std::int32_t SslConnection::Setup() {
+    KVX_TraceLog::Write(kvx::kSourceHttp, kvx::kLineUseSsl, KVX_OK, "USE SSL", "");
+    m_LastResult = handshake();
+    if (m_LastResult != -1) {
+        return KVX_OK;
+    }
+    int const failure = errno;
+    SigPipeGuard const guard;  // nobody may be reading
+    static_cast<void>(std::printf("%s\n", "SSL ERROR: connect failed"));
+    static_cast<void>(std::fflush(stdout));
+    errno = failure;
+    return LastError();
+}

@@ -1,0 +1,46 @@
+/// URLs and encodings.
+///
+/// Of its free functions libtallowin.so shows UrlEncode alone; the static archive has them all.
+#ifndef TALLOWIN_KVXURL_H
+#define TALLOWIN_KVXURL_H
+
+#include <cstdint>
+
+#include "foundation/tbstring.h"
+#include "foundation/tbstringstream.h"
+#include "tallowin/export.h"
+
+/// A URL in its parts; all empty until SplitUrl fills them.
+struct KVX_EXPORT URL_INFO {
+    TbString scheme;    ///< Before the first ":".
+    TbString user;      ///< From a "user:password@" prefix of the authority.
+    TbString password;  ///< As `user`.
+    TbString host;      ///< Name or dotted IPv4 address.
+    TbString port;      ///< Decimal text; "80" or "443" when the URL names none and the scheme is "http" or "https".
+    TbString path;      ///< From the first "/" after the authority to the end, query included.
+};
+
+/// Splits `url` into `info`, which it does not empty first.
+///
+/// Returns nonzero (all bits set) when the end of the text was reached, 0 when the scheme or the "//" is malformed;
+/// `info` keeps what was filled so far. A nonzero result does not promise a host: a URL that ends inside the authority,
+/// or whose user has no password, leaves the later fields empty. Letters and digits are those of the current locale.
+std::int32_t SplitUrl(TbString const& url, URL_INFO& info);
+
+/// Whether `url` begins with "http:" or with "https".
+/// Deliberate: the colon after "https" is not looked at; upper case is not accepted.
+bool IsHttp(TbString const& url);
+
+/// Percent-encodes what `in` holds from its read position, up to its end or a zero byte, onto `out`: letters and digits
+/// of the current locale pass, all else becomes "%" and two lower-case hexadecimal digits. Both borrowed.
+KVX_EXPORT void UrlEncode(TbStringStream* in, TbStringStream* out);
+
+/// Encodes what `in` holds from its read position onto `out` in the Base64 alphabet. Both borrowed.
+/// Deliberate: the input ends at a zero byte or one of 0x80 and above; there is never "=": missing bits are zero, and
+/// an input whose length divides by three gets "AAAA" on top.
+void Base64Encode(TbStringStream* in, TbStringStream* out);
+
+/// The Base64 alphabet, NUL-terminated. On the wire. Do not change.
+extern char const base64_table[65];
+
+#endif

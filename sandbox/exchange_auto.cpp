@@ -1,0 +1,134 @@
+#include <cstddef>
+#include <string>
+
+#include "sandbox/credentials.h"
+#include "sandbox/refusal.h"
+#include "sandbox/signature.h"
+#include "sandbox/site.h"
+
+/// The automatic configuration service: set-up, defaults and keys. Its requests carry Basic credentials instead of a
+/// signature, since the merchant has no key yet.
+namespace sandbox {
+
+namespace {
+
+constexpr std::size_t kLongestKeyId = 200;
+
+/// What one request is answered from.
+struct AutoRequest {
+    Site const& site;
+    Message const& message;
+    std::string const& account;
+    std::string const& baseUrl;
+};
+
+Message answerSetup(AutoRequest const& request) {
+    request.message.require("VERSION");
+    Message answer("SetupResponse");
+    answer.set("VERSION", "1")
+        .set("VTURL", request.baseUrl + "/pay")
+        .set("CAPTUREURL", request.baseUrl + "/capture")
+        .set("KVX.VTAUTOURL", request.baseUrl + "/auto")
+        .set("VTKEYID", request.site.serverKeyId)
+        .set("CUSTOMERID", request.site.store.customerOf(request.account));
+    return answer;
+}
+
+Message answerLoadDefaults(AutoRequest const& request) {
+    std::string const returned = request.baseUrl + "/returned";
+    Message answer("LoadDefaultsResponse");
+    answer.set("KVX.ISVALID", "yes")
+        .set("PAYINITTTL", "3600")
+        .set("ALLOWCOLLECT", "yes")
+        .set("DELIVERY", "no")
+        .set("LANGID", "en")
+        .set("SUCCESSLINK", returned)
+        .set("NOTIFYADDRESS", "merchant@localhost")
+        .set("DEFAULTVALIDITY", "86400")
+        .set("BACKLINK", returned)
+        .set("FAILLINK", returned);
+    return answer;
+}
+
+Message answerKeyQuery(AutoRequest const& request) {
+    std::string const keyId = request.message.require("KEYID");
+    if (keyId != request.site.serverKeyId) {
+        throw Refusal("this service has no key '" + keyId + "', its key is '" + request.site.serverKeyId + "'");
+    }
+    Message answer("KeyQueryResponse");
+    answer.set("KEYID", keyId).set("KEYBLOB", publicKeyBlob(request.site.serverKey.get()));
+    return answer;
+}
+
+/// The other side uses the identifier as the name of a file.
+void checkKeyId(std::string const& keyId) {
+    if (keyId.size() > kLongestKeyId) {
+        throw Refusal("KEYID is longer than " + std::to_string(kLongestKeyId) + " bytes");
+    }
+    for (char const c : keyId) {
+        if (c <= ' ' || c > '~' || c == '/') {
+            throw Refusal("KEYID holds a slash, a space or a byte outside ASCII");
+        }
+    }
+}
+
+Message answerKeyExport(AutoRequest const& request) {
+    std::string const keyId = request.message.require("KEYID");
+    std::string const blob = request.message.require("KEYBLOB");
+    checkKeyId(keyId);
+    readPublicKeyBlob(blob);
+    bool const taken = keyId == request.site.serverKeyId ||
+                       request.site.store.addMerchantKey(keyId, {request.account, blob}, request.site.timeText()) ==
+                           Store::KeyAdded::Taken;
+    if (taken) {
+        throw Refusal("KEYID '" + keyId + "' stands for another key already");
+    }
+    Message answer("KeyExportResponse");
+    answer.set("KEYID", keyId);
+    return answer;
+}
+
+/// The account that the credentials open. Throws Refusal.
+std::string checkCredentials(Site const& site, std::string const& header) {
+    Credentials const credentials = readBasicHeader(header);
+    switch (site.store.checkAccount(credentials.user, credentials.password)) {
+        case Store::Login::Ok:
+            return credentials.user;
+        case Store::Login::UnknownUser:
+            throw Refusal(credentials.user.empty() ? "the credentials name no user"
+                                                   : "there is no account '" + credentials.user + "'");
+        case Store::Login::WrongPassword:
+            break;
+    }
+    throw Refusal("the password of the account '" + credentials.user + "' is another");
+}
+
+struct AutoRow {
+    char const* type;
+    Message (*answer)(AutoRequest const& request);
+};
+
+// clang-format off
+constexpr AutoRow kRequests[] = {
+    {"SetupRequest",        answerSetup},
+    {"LoadDefaultsRequest", answerLoadDefaults},
+    {"KeyQueryRequest",     answerKeyQuery},
+    {"KeyExportRequest",    answerKeyExport},
+};
+// clang-format on
+
+}  // namespace
+
+HttpReply answerAuto(Site const& site, HttpRequest const& request, Exchange& record) {
+    std::string const text = takeData(request, record);
+    std::string const account = checkCredentials(site, request.authorization);
+    Message const message = Message::parse(text);
+    for (AutoRow const& row : kRequests) {
+        if (message.type() == row.type) {
+            return messageReply(row.answer({site, message, account, request.baseUrl}).text());
+        }
+    }
+    throw Refusal("the configuration service knows no request '" + message.type() + "'");
+}
+
+}  // namespace sandbox

@@ -1,0 +1,114 @@
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "sandbox/refusal.h"
+#include "sandbox/site.h"
+
+/// What a merchant asks of a payment from server to server, signed with the merchant's key.
+namespace sandbox {
+
+namespace {
+
+/// What one request is answered from.
+struct CaptureRequest {
+    Site const& site;
+    SignedMessage const& sent;
+};
+
+/// The payment of the merchant that TOKEN names; an ID, when given, must agree. Throws Refusal.
+Payment namedPayment(CaptureRequest const& request) {
+    Message const& message = request.sent.message;
+    std::string const token = message.require("TOKEN");
+    std::optional<PaymentRecord> const record = request.site.store.paymentByToken(request.sent.account, token);
+    if (!record) {
+        throw Refusal("there is no payment with the TOKEN '" + token + "'");
+    }
+    std::optional<std::string> const id = message.find("ID");
+    if (id && *id != record->payment.id) {
+        throw Refusal("ID and TOKEN name different payments: the payment with this TOKEN is '" + record->payment.id +
+                      "', not '" + *id + "'");
+    }
+    return record->payment;
+}
+
+/// An attribute that is repeated must have the value of the order. Throws Refusal.
+void checkRepeated(Message const& message, Payment const& payment, char const* name) {
+    std::optional<std::string> const repeated = message.find(name);
+    std::string const ordered = payment.attribute(name).value_or("");
+    if (repeated && *repeated != ordered) {
+        throw Refusal(std::string(name) + " is '" + *repeated + "', the payment has '" + ordered + "'");
+    }
+}
+
+/// Leads the payment on. When it is not in one of the states `from` it must have arrived already, which makes a
+/// repetition harmless. Throws Refusal otherwise. Returns the payment as it then is.
+Payment lead(CaptureRequest const& request, std::vector<PaymentState> const& from, PaymentState to,
+             std::vector<PaymentState> const& arrived, char const* note) {
+    Payment const before = namedPayment(request);
+    bool const moved = request.site.store.advance(before.id, from, {request.site.timeText(), to, note});
+    Payment const now = namedPayment(request);
+    if (moved) {
+        return now;
+    }
+    for (PaymentState const state : arrived) {
+        if (now.state == state) {
+            return now;
+        }
+    }
+    throw Refusal("the payment is " + std::string(stateName(now.state)) + ", it cannot be " + stateName(to));
+}
+
+Message answerConfirm(CaptureRequest const& request) {
+    Payment const payment = namedPayment(request);
+    checkRepeated(request.sent.message, payment, "AMOUNT");
+    checkRepeated(request.sent.message, payment, "CURRENCY");
+    // Completing a payment settles it as well, so a capture that comes after it finds it done.
+    Payment const captured = lead(request, {PaymentState::Authorised}, PaymentState::Captured,
+                                  {PaymentState::Captured, PaymentState::Completed}, "captured by the merchant");
+    return confirmation(request.site, captured, stateName(PaymentState::Captured));
+}
+
+Message statusAnswer(char const* type, Payment const& payment) {
+    Message answer(type);
+    answer.set("ID", payment.id).set("TOKEN", payment.token).set("STATE", stateName(payment.state));
+    return answer;
+}
+
+Message answerComplete(CaptureRequest const& request) {
+    request.sent.message.require("ID");
+    return statusAnswer("PayCompleteResponse",
+                        lead(request, {PaymentState::Authorised, PaymentState::Captured}, PaymentState::Completed,
+                             {PaymentState::Completed}, "completed by the merchant"));
+}
+
+Message answerStatus(CaptureRequest const& request) {
+    return statusAnswer("StatusResponse", namedPayment(request));
+}
+
+struct CaptureRow {
+    char const* type;
+    Message (*answer)(CaptureRequest const& request);
+};
+
+// clang-format off
+constexpr CaptureRow kRequests[] = {
+    {"PayConfirm",         answerConfirm},
+    {"PayCompleteRequest", answerComplete},
+    {"StatusRequest",      answerStatus},
+};
+// clang-format on
+
+}  // namespace
+
+HttpReply answerCapture(Site const& site, HttpRequest const& request, Exchange& record) {
+    SignedMessage const sent = openSignedMessage(site, request, record);
+    for (CaptureRow const& row : kRequests) {
+        if (sent.message.type() == row.type) {
+            return messageReply(row.answer({site, sent}).text());
+        }
+    }
+    throw Refusal("the capture service knows no request '" + sent.message.type() + "'");
+}
+
+}  // namespace sandbox

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <httplib.h>
+
+#include <cstddef>
+#include <string>
+
+#include "sandbox/connection.h"
+
+namespace sandbox {
+
+/// What the HTTP library reads from: bytes that have been read already, then the connection.
+class RequestStream : public httplib::Stream {
+public:
+    /// `connection` is borrowed; `ahead` has been read from it before.
+    RequestStream(Connection& connection, std::string ahead);
+
+    [[nodiscard]] bool is_readable() const override { return true; }
+    [[nodiscard]] bool is_writable() const override { return true; }
+    ssize_t read(char* to, std::size_t size) override;
+    ssize_t write(char const* from, std::size_t size) override;
+    void get_remote_ip_and_port(std::string& ip, int& port) const override;
+    void get_local_ip_and_port(std::string& ip, int& port) const override;
+    [[nodiscard]] socket_t socket() const override { return m_Connection.socket(); }
+
+private:
+    Connection& m_Connection;  ///< Borrowed.
+    std::string m_Ahead;
+    std::size_t m_Next = 0;  ///< First byte of m_Ahead that has not been handed out.
+};
+
+/// Reads up to and including the first line end. What came after it is in the result as well. Without a line end the
+/// result is what came before the end, a failure or more than `limit` bytes.
+std::string readFirstLine(Connection& connection, std::size_t limit);
+
+}  // namespace sandbox

@@ -1,0 +1,97 @@
+#include <pthread.h>
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstddef>
+#include <cstdint>
+#include <exception>
+#include <iostream>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "sandbox/service.h"
+
+namespace {
+
+struct Arguments {
+    sandbox::Options options;
+    std::string account = "demo:demo";
+    bool json = false;
+};
+
+void describe(CLI::App& program, Arguments& arguments) {
+    program.add_option("--data", arguments.options.dataDirectory, "directory for database, keys and certificates")
+        ->required();
+    program.add_option("--port", arguments.options.port, "port of plain HTTP, 0 picks a free one")
+        ->capture_default_str();
+    program.add_flag("--tls", arguments.options.tls, "listen with TLS as well");
+    program.add_option("--tls-port", arguments.options.tlsPort, "port of TLS, 0 picks a free one")
+        ->capture_default_str();
+    program.add_option("--account", arguments.account, "the merchant's account as user:password")
+        ->capture_default_str()
+        ->check([](std::string const& text) {
+            return text.find(':') == std::string::npos ? "must have the form user:password" : "";
+        });
+    program.add_flag("--json", arguments.json, "tell the addresses as one line of JSON");
+}
+
+std::string readyLine(sandbox::Service const& service, Arguments const& arguments) {
+    std::string const base = service.baseUrl();
+    if (!arguments.json) {
+        std::string const tls = arguments.options.tls ? " and " + service.tlsBaseUrl() + "/auto" : "";
+        return "The sandbox is ready: set-up at " + base + "/auto" + tls + ", payments at " + base + "/";
+    }
+    nlohmann::json line = {{"auto", base + "/auto"},
+                           {"pay", base + "/pay"},
+                           {"capture", base + "/capture"},
+                           {"payments", base + "/"},
+                           {"port", service.plainPort()},
+                           {"serverKeyId", service.serverKeyId()},
+                           {"data", arguments.options.dataDirectory}};
+    if (arguments.options.tls) {
+        line["tlsAuto"] = service.tlsBaseUrl() + "/auto";
+        line["tlsPort"] = service.tlsPort();
+        line["ca"] = service.authorityFile();
+    }
+    return line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+/// Runs until SIGINT or SIGTERM.
+void serve(Arguments const& arguments) {
+    sigset_t endings;
+    sigemptyset(&endings);
+    sigaddset(&endings, SIGINT);
+    sigaddset(&endings, SIGTERM);
+    // Blocked before the first thread starts, so that only sigwait() takes them.
+    pthread_sigmask(SIG_BLOCK, &endings, nullptr);
+    sandbox::Service service(arguments.options);
+    service.start();
+    std::cout << readyLine(service, arguments) << std::endl;
+    int ending = 0;
+    sigwait(&endings, &ending);
+    service.stop();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App program("A payment service for trying merchants out, on 127.0.0.1 only.", "tallowin-sandbox");
+    Arguments arguments;
+    describe(program, arguments);
+    try {
+        program.parse(argc, argv);
+    } catch (CLI::ParseError const& error) {
+        constexpr int kUsage = 2;
+        return program.exit(error) == 0 ? 0 : kUsage;
+    }
+    std::size_t const colon = arguments.account.find(':');
+    arguments.options.accountUser = arguments.account.substr(0, colon);
+    arguments.options.accountPassword = arguments.account.substr(colon + 1);
+    try {
+        serve(arguments);
+    } catch (std::exception const& failure) {
+        std::cerr << "tallowin-sandbox: " << failure.what() << '\n';
+        return 1;
+    }
+    return 0;
+}

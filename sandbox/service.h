@@ -1,0 +1,81 @@
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "sandbox/payment.h"
+
+namespace sandbox {
+
+/// What a service is started with.
+struct Options {
+    std::string dataDirectory;             ///< Created when missing; its parent must exist.
+    std::uint16_t port = 0;                ///< Of plain HTTP; 0 picks a free one.
+    bool tls = false;                      ///< Listen with TLS as well.
+    std::uint16_t tlsPort = 0;             ///< Of TLS; 0 picks a free one.
+    std::string accountUser = "demo";      ///< The merchant's account, created or given this password at the start.
+    std::string accountPassword = "demo";  ///< Kept as a salted hash only.
+    unsigned serverKeyBits = 512;          ///< Of the key that signs confirmations, when it is made at the first start.
+    std::function<std::time_t()> clock = {};  ///< The time of day; empty means the system's. Called by many threads.
+};
+
+/// The payment service, the other side of the merchant's protocol, on 127.0.0.1.
+///
+/// A service is started and stopped by one thread; in between every other member may be called by any thread. It needs
+/// nothing of the component it stands against. Addresses: `/auto` set-up and keys, `/pay` payment page, `/pay/decision`
+/// the shopper's answer, `/capture` capture and completion, `/returned` where shoppers end who have no shop to go back
+/// to, `/` the list of payments.
+class Service {
+public:
+    /// Remembers `options`; nothing is opened yet.
+    explicit Service(Options options);
+
+    /// Stops the service when it still runs.
+    ~Service();
+    Service(Service const&) = delete;
+    Service& operator=(Service const&) = delete;
+
+    /// Opens the data directory, makes what is missing in it (database, server key, certificates) and listens. Returns
+    /// when requests are accepted. Throws std::runtime_error with a text for people when a part of that fails; nothing
+    /// is left running then. Calling it on a running service throws std::logic_error.
+    void start();
+
+    /// Answers the requests that are under way, closes everything and lets go of the data directory. Harmless on a
+    /// service that is not running.
+    void stop();
+
+    /// The ports that are listened on; 0 when not running, `tlsPort` also without TLS.
+    [[nodiscard]] std::uint16_t plainPort() const;
+    [[nodiscard]] std::uint16_t tlsPort() const;
+
+    /// "http://127.0.0.1:PORT" and "https://127.0.0.1:PORT", without a slash at the end; empty when not listened on.
+    [[nodiscard]] std::string baseUrl() const;
+    [[nodiscard]] std::string tlsBaseUrl() const;
+
+    /// The file with the certificate that TLS clients must trust.
+    [[nodiscard]] std::string authorityFile() const;
+
+    /// The identifier of the key that signs confirmations. Throws std::runtime_error when not running, as do the next
+    /// two.
+    [[nodiscard]] std::string serverKeyId() const;
+
+    /// All payments, oldest first.
+    [[nodiscard]] std::vector<Payment> payments() const;
+
+    /// All exchanges, oldest first.
+    [[nodiscard]] std::vector<Exchange> exchanges() const;
+
+private:
+    class Running;
+
+    [[nodiscard]] Running const& running() const;
+
+    Options m_Options;
+    std::unique_ptr<Running> m_Running;  ///< Null when not running.
+};
+
+}  // namespace sandbox

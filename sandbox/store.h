@@ -1,0 +1,80 @@
+#pragma once
+
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "sandbox/database.h"
+#include "sandbox/payment.h"
+
+namespace sandbox {
+
+/// The service's own key as it is stored.
+struct StoredServerKey {
+    std::string id;
+    std::string privateDer;
+};
+
+/// A merchant's public key.
+struct MerchantKey {
+    std::string account;
+    std::string blob;
+};
+
+/// A payment with what only the service knows of it.
+struct PaymentRecord {
+    Payment payment;
+    std::string formKey;  ///< Must come back with the shopper's decision.
+    std::string message;  ///< The PayInit as it came.
+};
+
+/// Accounts, keys, payments with their history and exchanges, in one SQLite file. Every member is one transaction and
+/// may be called by any thread. Failures of the database throw std::runtime_error.
+class Store {
+public:
+    enum class Login { Ok, UnknownUser, WrongPassword };
+    enum class KeyAdded { New, Known, Taken };
+
+    /// Opens the file, creating or checking its tables. A file of another layout throws std::runtime_error.
+    explicit Store(std::string const& path);
+
+    /// Creates the account or gives it a new password.
+    void putAccount(std::string const& user, std::string const& password);
+    [[nodiscard]] Login checkAccount(std::string const& user, std::string const& password);
+
+    /// The customer number of an existing account.
+    [[nodiscard]] std::string customerOf(std::string const& user);
+
+    /// The newest server key, nothing when there is none yet.
+    [[nodiscard]] std::optional<StoredServerKey> serverKey();
+    void addServerKey(StoredServerKey const& key, std::string const& time);
+
+    /// Adds a key to an account. `Known`: it is there already; `Taken`: the identifier stands for another key or
+    /// belongs to another account. Nothing changes in both cases.
+    KeyAdded addMerchantKey(std::string const& id, MerchantKey const& key, std::string const& time);
+    [[nodiscard]] std::optional<MerchantKey> merchantKey(std::string const& id);
+
+    /// Adds `fresh` unless its account already has a payment with its token. Returns whichever is then stored.
+    PaymentRecord openPayment(PaymentRecord const& fresh, std::string const& time);
+    [[nodiscard]] std::optional<PaymentRecord> paymentById(std::string const& id);
+    [[nodiscard]] std::optional<PaymentRecord> paymentByToken(std::string const& account, std::string const& token);
+    [[nodiscard]] std::vector<Payment> payments();
+
+    /// Leads the payment from one of the states `from` to `step.state` and adds `step` to its history. False, with
+    /// nothing changed, when it is in none of them: of two callers at the same time one gets true.
+    bool advance(std::string const& id, std::vector<PaymentState> const& from, HistoryEntry const& step);
+
+    void addExchange(Exchange const& exchange);
+    [[nodiscard]] std::vector<Exchange> exchanges();
+
+private:
+    std::optional<PaymentRecord> findPayment(Statement& row);
+    void insertPayment(PaymentRecord const& fresh, std::string const& time);
+    void addHistory(std::string const& id, HistoryEntry const& step);
+
+    std::mutex m_Mutex;  ///< Held by every public member.
+    Database m_Database;
+};
+
+}  // namespace sandbox

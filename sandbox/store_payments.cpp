@@ -1,0 +1,135 @@
+#include <algorithm>
+#include <cstdint>
+#include <stdexcept>
+
+#include "sandbox/store.h"
+
+namespace sandbox {
+
+namespace {
+
+// The columns that findPayment() reads.
+constexpr char kById[] = "SELECT id, account, token, state, form_key, message FROM payments WHERE id = ?";
+constexpr char kByToken[] =
+    "SELECT id, account, token, state, form_key, message FROM payments WHERE account = ? AND token = ?";
+
+}  // namespace
+
+PaymentRecord Store::openPayment(PaymentRecord const& fresh, std::string const& time) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Transaction transaction(m_Database);
+    Statement row = m_Database.prepare(kByToken);
+    row.text(fresh.payment.account).text(fresh.payment.token);
+    if (std::optional<PaymentRecord> stored = findPayment(row)) {
+        return *stored;
+    }
+    insertPayment(fresh, time);
+    transaction.commit();
+    return fresh;
+}
+
+std::optional<PaymentRecord> Store::paymentById(std::string const& id) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Statement row = m_Database.prepare(kById);
+    row.text(id);
+    return findPayment(row);
+}
+
+std::optional<PaymentRecord> Store::paymentByToken(std::string const& account, std::string const& token) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Statement row = m_Database.prepare(kByToken);
+    row.text(account).text(token);
+    return findPayment(row);
+}
+
+std::vector<Payment> Store::payments() {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Statement identifiers = m_Database.prepare("SELECT id FROM payments ORDER BY number");
+    std::vector<Payment> found;
+    while (identifiers.step()) {
+        Statement row = m_Database.prepare(kById);
+        row.text(identifiers.column(0));
+        std::optional<PaymentRecord> const record = findPayment(row);
+        if (record) {
+            found.push_back(record->payment);
+        }
+    }
+    return found;
+}
+
+bool Store::advance(std::string const& id, std::vector<PaymentState> const& from, HistoryEntry const& step) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Transaction transaction(m_Database);
+    {
+        Statement row = m_Database.prepare("SELECT state FROM payments WHERE id = ?");
+        if (!row.text(id).step()) {
+            return false;
+        }
+        if (std::find(from.begin(), from.end(), stateFromName(row.column(0))) == from.end()) {
+            return false;
+        }
+    }
+    m_Database.prepare("UPDATE payments SET state = ? WHERE id = ?").text(stateName(step.state)).text(id).step();
+    addHistory(id, step);
+    transaction.commit();
+    return true;
+}
+
+std::optional<PaymentRecord> Store::findPayment(Statement& row) {
+    if (!row.step()) {
+        return std::nullopt;
+    }
+    PaymentRecord record;
+    Payment& payment = record.payment;
+    payment.id = row.column(0);
+    payment.account = row.column(1);
+    payment.token = row.column(2);
+    payment.state = stateFromName(row.column(3));
+    record.formKey = row.column(4);
+    record.message = row.column(5);
+    Statement attributes =
+        m_Database.prepare("SELECT name, value FROM payment_attributes WHERE payment = ? ORDER BY position");
+    attributes.text(payment.id);
+    while (attributes.step()) {
+        payment.attributes.emplace_back(attributes.column(0), attributes.column(1));
+    }
+    Statement history = m_Database.prepare("SELECT time, state, note FROM history WHERE payment = ? ORDER BY number");
+    history.text(payment.id);
+    while (history.step()) {
+        payment.history.push_back({history.column(0), stateFromName(history.column(1)), history.column(2)});
+    }
+    return record;
+}
+
+void Store::insertPayment(PaymentRecord const& fresh, std::string const& time) {
+    Payment const& payment = fresh.payment;
+    m_Database.prepare("INSERT INTO payments (id, account, token, state, form_key, message) VALUES (?, ?, ?, ?, ?, ?)")
+        .text(payment.id)
+        .text(payment.account)
+        .text(payment.token)
+        .text(stateName(payment.state))
+        .text(fresh.formKey)
+        .bytes(fresh.message)
+        .step();
+    std::int64_t position = 0;
+    for (auto const& [name, value] : payment.attributes) {
+        m_Database.prepare("INSERT INTO payment_attributes (payment, position, name, value) VALUES (?, ?, ?, ?)")
+            .text(payment.id)
+            .number(position++)
+            .text(name)
+            .bytes(value)
+            .step();
+    }
+    addHistory(payment.id, {time, payment.state, "payment page shown"});
+}
+
+void Store::addHistory(std::string const& id, HistoryEntry const& step) {
+    m_Database.prepare("INSERT INTO history (payment, time, state, note) VALUES (?, ?, ?, ?)")
+        .text(id)
+        .text(step.time)
+        .text(stateName(step.state))
+        .text(step.note)
+        .step();
+}
+
+}  // namespace sandbox

@@ -1,0 +1,166 @@
+/// What the tests of the flat functions and the public objects share.
+#ifndef TALLOWIN_APISUPPORT_H
+#define TALLOWIN_APISUPPORT_H
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "api/cConfigurationSetup.h"
+#include "api/cMessageFactory.h"
+#include "api/cMessageObject.h"
+#include "tallowin/tallowin.h"
+#include "tests/support/system_calls.h"
+#include "tests/support/test_support.h"
+
+namespace kvxtest {
+
+/// The bytes of handles and addresses in hexadecimal, for messages.
+std::string addressText(void const* address);
+
+/// A handle that destroys itself.
+class OwnedHandle {
+public:
+    using Destroy = void (*)(KVX_HANDLE);
+    OwnedHandle(KVX_HANDLE handle, Destroy destroy) : m_Handle(handle), m_Destroy(destroy) {}
+    OwnedHandle(OwnedHandle const&) = delete;
+    OwnedHandle& operator=(OwnedHandle const&) = delete;
+    ~OwnedHandle() { m_Destroy(m_Handle); }
+
+    [[nodiscard]] KVX_HANDLE get() const { return m_Handle; }
+
+    /// Where a creating function puts what it makes. Requires: the handle is null.
+    KVX_HANDLE* out() { return &m_Handle; }
+
+private:
+    KVX_HANDLE m_Handle;
+    Destroy m_Destroy;
+};
+
+struct SetupHandle : OwnedHandle {
+    SetupHandle() : OwnedHandle(CreateConfigurationSetup(), &DestroyConfigurationSetup) {}
+};
+struct FactoryHandle : OwnedHandle {
+    FactoryHandle() : OwnedHandle(CreateMessageFactory(), &DestroyMessageFactory) {}
+    explicit FactoryHandle(std::string const& path) : FactoryHandle() { MessageFactory_Open(get(), path.c_str()); }
+};
+struct MessageHandle : OwnedHandle {
+    MessageHandle() : OwnedHandle(CreateMessageObject(), &DestroyMessageObject) {}
+};
+/// Empty, to be filled through `out`.
+struct MadeMessage : OwnedHandle {
+    MadeMessage() : OwnedHandle(nullptr, &DestroyMessageObject) {}
+};
+
+/// A message object made by the class interface.
+using OwnedMessage = std::unique_ptr<KVXCIMPL_MessageObject>;
+
+/// Everything that a flat function can write, filled with marks.
+struct Outputs {
+    static constexpr std::int32_t kSizeMark = 77;
+    static constexpr char kByteMark = '#';
+
+    Outputs();
+
+    std::int32_t size = kSizeMark;
+    char buffer[128];
+    KVX_HANDLE out;
+
+    /// Fails the test when anything has been written.
+    void expectUntouched(std::string const& what) const;
+
+private:
+    char m_Mark = 0;  ///< Its address is no object's; `out` holds it.
+};
+
+enum class Kind { kSetup, kFactory, kMessage };
+
+/// A flat function that takes a handle.
+struct FlatFunction {
+    char const* name;
+    Kind kind;
+    std::int32_t (*call)(KVX_HANDLE handle, Outputs& outputs);
+};
+
+/// All of them, called with harmless arguments.
+std::vector<FlatFunction> const& flatFunctions();
+
+/// Creates and destroys objects of a kind.
+struct KindFunctions {
+    char const* name;
+    Kind kind;
+    KVX_HANDLE (*create)();
+    void (*destroy)(KVX_HANDLE);
+};
+std::vector<KindFunctions> const& allKinds();
+
+/// A configuration directory in working order: an own key "own" (current) and a server's key "server", both halves of
+/// each, so that a test can sign as either side.
+class AccountDir : public TempDir {
+public:
+    AccountDir();
+
+    /// Writes "config.xml" with these addresses for payments, captures and set-up.
+    void setAddress(std::string const& url) const;
+
+    /// Writes "default.xml" with these attributes, which begin with a space.
+    void setDefaults(std::string const& attributes) const;
+
+    /// The signature of `text` by the key `keyId`.
+    [[nodiscard]] std::string sign(std::string const& text, std::string const& keyId = "server") const;
+};
+
+/// A confirmation as the server words it.
+inline constexpr char kConfirmation[] =
+    R"(<KVX MSGTYPE="PayConfirm" KEYID="server" TOKEN="t1" ID="P1" AMOUNT="12.50"/>)";
+
+/// An HTTP answer with this body.
+std::string httpAnswer(std::string const& body);
+
+/// What `call` copies out when it is asked as it should be: once for the size, once for the text.
+/// Fails the test when one of the two calls does not do what it must.
+using CopyOut = std::function<std::int32_t(std::int32_t* size, char* buffer)>;
+std::string copiedOut(CopyOut const& call);
+
+std::string attribute(KVX_HANDLE message, char const* name);
+std::string textOf(KVX_HANDLE message);
+std::string urlOf(KVX_HANDLE message);
+
+/// The addresses that creating and destroying one object after the other goes through, `count` of them.
+std::set<void*> addressesOf(KindFunctions const& kind, int count);
+
+/// All addresses that creating and destroying one object after the other goes through, until the first comes again.
+std::set<void*> wholeCycle(KindFunctions const& kind);
+
+/// Fails the test when `call`, run `times` times, keeps slots of message objects for ever.
+void expectNoSlotIsLost(int times, std::function<void()> const& call);
+
+/// Sets the time of day for the library while it lives.
+class FixedTime {
+public:
+    explicit FixedTime(std::time_t now);
+    FixedTime(FixedTime const&) = delete;
+    FixedTime& operator=(FixedTime const&) = delete;
+
+private:
+    SystemCalls m_Calls;
+};
+
+/// Makes `path` the current directory while it lives.
+class WorkingDirectory {
+public:
+    explicit WorkingDirectory(std::string const& path);
+    WorkingDirectory(WorkingDirectory const&) = delete;
+    WorkingDirectory& operator=(WorkingDirectory const&) = delete;
+    ~WorkingDirectory();
+
+private:
+    std::string m_Before;
+};
+
+}  // namespace kvxtest
+
+#endif

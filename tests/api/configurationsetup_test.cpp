@@ -1,0 +1,267 @@
+#include "api/cConfigurationSetup.h"
+
+#include <sys/stat.h>
+
+#include "tests/api/apisupport.h"
+#include "tests/support/raw_server.h"
+
+using namespace kvxtest;
+
+namespace {
+
+std::string valueOf(KVX_HANDLE setup, char const* file, char const* name) {
+    return copiedOut(
+        [&](auto* size, auto* buffer) { return ConfigurationSetup_GetAttribute(setup, file, name, size, buffer); });
+}
+
+std::string autoUrl(RawServer const& server, std::string const& credentials = "") {
+    return "http://" + credentials + "127.0.0.1:" + server.portText() + "/auto";
+}
+
+/// Refuses every request with the server's words.
+constexpr char kRefusal[] = R"(<KVX MSGTYPE="Error" MESSAGE="not today"/>)";
+
+/// "Basic ..." of the first request that `server` got.
+std::string credentialsSeen(RawServer& server) {
+    std::string const& request = server.records().at(0);
+    std::string const start = "Authorization: Basic ";
+    std::size_t const from = request.find(start) + start.size();
+    return request.substr(from, request.find("\r\n", from) - from);
+}
+
+}  // namespace
+
+TEST(ConfigurationSetup, ReadsAndWritesTheFilesOfItsDirectory) {
+    AccountDir const account;
+    SetupHandle const setup;
+    ASSERT_EQ(ConfigurationSetup_SetConfiguration(setup.get(), account.path().c_str()), KVX_OK);
+    EXPECT_EQ(valueOf(setup.get(), "config.xml", "VTURL"), "http://127.0.0.1:1/pay");
+    EXPECT_EQ(valueOf(setup.get(), "config.xml", "KVX.VTAUTOURL"), "http://127.0.0.1:1/auto");
+    EXPECT_EQ(valueOf(setup.get(), "keys/current", ""), "own");
+    EXPECT_EQ(ConfigurationSetup_SetAttribute(setup.get(), "config.xml", "VTURL", "http://a/<b>"), KVX_OK);
+    EXPECT_EQ(ConfigurationSetup_SetAttribute(setup.get(), "config.xml", "NEW", "1"), KVX_OK);
+    EXPECT_EQ(valueOf(setup.get(), "config.xml", "VTURL"), "http://a/<b>");
+    EXPECT_EQ(account.read("config.xml"), R"(<KVX VTURL="http://a/&lt;b&gt;" CAPTUREURL="http://127.0.0.1:1/capture")"
+                                          R"( KVX.VTAUTOURL="http://127.0.0.1:1/auto" VTKEYID="server" NEW="1"/>)");
+}
+
+TEST(ConfigurationSetup, KeepsAnEmptyValueFromBeingWrittenAndSucceeds) {
+    AccountDir const account;
+    SetupHandle const setup;
+    ASSERT_EQ(ConfigurationSetup_SetConfiguration(setup.get(), account.path().c_str()), KVX_OK);
+    std::string const before = account.read("config.xml");
+    struct stat first = {};
+    ASSERT_EQ(::stat(account.file("config.xml").c_str(), &first), 0);
+    for (char const* const value : {"", static_cast<char const*>(nullptr)}) {
+        EXPECT_EQ(ConfigurationSetup_SetAttribute(setup.get(), "config.xml", "VTURL", value), KVX_OK);
+        EXPECT_EQ(ConfigurationSetup_SetAttribute(setup.get(), "missing.xml", "VTURL", value), KVX_OK);
+    }
+    struct stat second = {};
+    ASSERT_EQ(::stat(account.file("config.xml").c_str(), &second), 0);
+    EXPECT_EQ(account.read("config.xml"), before);
+    EXPECT_EQ(second.st_ino, first.st_ino) << "the file was not even rewritten";
+    EXPECT_FALSE(account.exists("missing.xml"));
+
+    SetupHandle const unopened;
+    EXPECT_EQ(ConfigurationSetup_SetAttribute(unopened.get(), "config.xml", "VTURL", ""), KVX_OK);
+}
+
+TEST(ConfigurationSetup, RefusesEverythingButOptionsBeforeADirectoryIsChosen) {
+    SetupHandle const setup;
+    Outputs outputs;
+    EXPECT_EQ(ConfigurationSetup_GetAttribute(setup.get(), "config.xml", "VTURL", &outputs.size, outputs.buffer),
+              KVX_E_NO_CONTEXT);
+    EXPECT_EQ(ConfigurationSetup_SetAttribute(setup.get(), "config.xml", "VTURL", "v"), KVX_E_NO_CONTEXT);
+    EXPECT_EQ(ConfigurationSetup_Reconfigure(setup.get(), "http://127.0.0.1:1/auto", "u", "p"), KVX_E_NO_CONTEXT);
+    EXPECT_EQ(ConfigurationSetup_SetOption(setup.get(), "UserName", "u"), KVX_OK);
+    outputs.expectUntouched("no directory");
+}
+
+TEST(ConfigurationSetup, TellsTheFailuresOfValuesApart) {
+    AccountDir const account;
+    account.write("broken.xml", "<KVX A=");
+    account.write("other.xml", "<OTHER A=\"1\"/>");
+    account.write("empty.xml", "<KVX A=\"\"/>");
+    SetupHandle const setup;
+    ASSERT_EQ(ConfigurationSetup_SetConfiguration(setup.get(), account.path().c_str()), KVX_OK);
+    struct Row {
+        char const* file;
+        char const* name;
+        std::int32_t get;
+        std::int32_t set;
+    };
+    // clang-format off
+    Row const rows[] = {
+        {"missing.xml", "A",        KVX_E_CANNOT_OPEN,    KVX_E_CANNOT_OPEN},
+        {"missing.xml", "",         KVX_E_CANNOT_OPEN,    KVX_E_CANNOT_OPEN},
+        {"keys",        "A",        KVX_E_CANNOT_OPEN,    KVX_E_CANNOT_OPEN},
+        {"",            "A",        KVX_E_CANNOT_OPEN,    KVX_E_CANNOT_OPEN},
+        {"broken.xml",  "A",        KVX_E_INVALID_FORMAT, KVX_E_INVALID_FORMAT},
+        {"other.xml",   "A",        KVX_E_INVALID_FORMAT, KVX_E_INVALID_FORMAT},
+        {"empty.xml",   "A",        KVX_E_NOT_FOUND,      KVX_OK},
+        {"config.xml",  "NONE",     KVX_E_NOT_FOUND,      KVX_OK},
+        {"config.xml",  "vturl",    KVX_E_NOT_FOUND,      KVX_OK},
+        {"config.xml",  "A(.0).B",  KVX_E_NOT_FOUND,      KVX_OK},
+        {"config.xml",  "A(7)",     KVX_E_NOT_FOUND,      KVX_OK},
+    };
+    // clang-format on
+    for (Row const& row : rows) {
+        Outputs outputs;
+        EXPECT_EQ(ConfigurationSetup_GetAttribute(setup.get(), row.file, row.name, &outputs.size, outputs.buffer),
+                  row.get)
+            << row.file << " " << row.name;
+        outputs.expectUntouched(std::string(row.file) + " " + row.name);
+    }
+    for (Row const& row : rows) {
+        EXPECT_EQ(ConfigurationSetup_SetAttribute(setup.get(), row.file, row.name, "v"), row.set)
+            << row.file << " " << row.name;
+    }
+    EXPECT_EQ(account.read("broken.xml"), "<KVX A=");
+    EXPECT_FALSE(account.exists("missing.xml"));
+}
+
+TEST(ConfigurationSetup, NamesItsSourceAndLineForAMissingValue) {
+    AccountDir const account;
+    KVXCIMPL_ConfigurationSetup setup;
+    setup.SetConfiguration(stringOf(account.path()));
+    TbString value("before");
+    Thrown const failure = thrown([&] { setup.GetAttribute("config.xml", "NONE", value); });
+    EXPECT_EQ(failure.code, KVX_E_NOT_FOUND);
+    EXPECT_EQ(failure.text, "requested item was not found");
+    EXPECT_EQ(failure.file, "cConfigurationSetup");
+    EXPECT_EQ(failure.line, 42);
+    setup.GetAttribute("config.xml", "VTKEYID", value);
+    EXPECT_EQ(bytesOf(value), "server");
+}
+
+TEST(ConfigurationSetup, KnowsThreeOptions) {
+    SetupHandle const setup;
+    for (char const* const name : {"UserName", "Password", "VTAUTOURL"}) {
+        EXPECT_EQ(ConfigurationSetup_SetOption(setup.get(), name, "value"), KVX_OK) << name;
+        EXPECT_EQ(ConfigurationSetup_SetOption(setup.get(), name, ""), KVX_OK) << name;
+        EXPECT_EQ(ConfigurationSetup_SetOption(setup.get(), name, nullptr), KVX_OK) << name;
+    }
+    for (char const* const name : {"username", "password", "vtautourl", "USERNAME", "UserName ", "", "VTURL"}) {
+        EXPECT_EQ(ConfigurationSetup_SetOption(setup.get(), name, "value"), KVX_E_INVALID_OPTION) << name;
+    }
+    EXPECT_EQ(ConfigurationSetup_SetOption(setup.get(), nullptr, nullptr), KVX_E_INVALID_OPTION);
+    KVXCIMPL_ConfigurationSetup object;
+    Thrown const failure = thrown([&] { object.SetOption("nonsense", ""); });
+    EXPECT_EQ(failure.file, "kvxctx");
+    EXPECT_EQ(failure.line, 38);
+}
+
+TEST(ConfigurationSetup, CreatesTheLastDirectoryOfItsPathOnly) {
+    TempDir const dir;
+    SetupHandle const setup;
+    EXPECT_EQ(ConfigurationSetup_SetConfiguration(setup.get(), dir.file("shop").c_str()), KVX_OK);
+    EXPECT_TRUE(dir.exists("shop"));
+    EXPECT_EQ(ConfigurationSetup_SetConfiguration(setup.get(), dir.file("a/b").c_str()), ENOENT);
+    EXPECT_FALSE(dir.exists("a"));
+    dir.write("file", "x");
+    EXPECT_EQ(ConfigurationSetup_SetConfiguration(setup.get(), dir.file("file").c_str()), EEXIST);
+    EXPECT_EQ(dir.read("file"), "x");
+}
+
+TEST(ConfigurationSetup, KeepsReportingAFailedDirectoryAsASmallPositiveNumberAndKeepsThePath) {
+    TempDir const dir;
+    SetupHandle const setup;
+    std::int32_t const result = ConfigurationSetup_SetConfiguration(setup.get(), dir.file("a/b").c_str());
+    EXPECT_GT(result, 0);
+    EXPECT_LT(result, 4096);
+    Outputs outputs;
+    // Not "no context": the path is in place, only the file is missing.
+    EXPECT_EQ(ConfigurationSetup_GetAttribute(setup.get(), "config.xml", "A", &outputs.size, outputs.buffer),
+              KVX_E_CANNOT_OPEN);
+    outputs.expectUntouched("failed directory");
+}
+
+TEST(ConfigurationSetup, TakesTheCurrentDirectoryForNoPath) {
+    AccountDir const account;
+    WorkingDirectory const here(account.path());
+    for (char const* const path : {"", static_cast<char const*>(nullptr)}) {
+        SetupHandle const setup;
+        EXPECT_EQ(ConfigurationSetup_SetConfiguration(setup.get(), path), KVX_OK);
+        EXPECT_EQ(valueOf(setup.get(), "config.xml", "VTKEYID"), "server");
+    }
+}
+
+TEST(ConfigurationSetup, CountsNullTextsAsEmpty) {
+    AccountDir const account;
+    SetupHandle const setup;
+    ASSERT_EQ(ConfigurationSetup_SetConfiguration(setup.get(), account.path().c_str()), KVX_OK);
+    EXPECT_EQ(valueOf(setup.get(), "keys/current", nullptr), "own");
+    Outputs outputs;
+    EXPECT_EQ(ConfigurationSetup_GetAttribute(setup.get(), nullptr, nullptr, &outputs.size, outputs.buffer),
+              KVX_E_CANNOT_OPEN);
+    EXPECT_EQ(ConfigurationSetup_SetAttribute(setup.get(), nullptr, nullptr, nullptr), KVX_OK);
+    EXPECT_EQ(ConfigurationSetup_SetAttribute(setup.get(), nullptr, nullptr, "v"), KVX_E_CANNOT_OPEN);
+    outputs.expectUntouched("null file");
+}
+
+TEST(Reconfigure, SendsTheCredentialsOfTheCallToTheAddressOfTheCall) {
+    TempDir const dir;
+    RawServer server(httpAnswer(kRefusal));
+    SetupHandle const setup;
+    ASSERT_EQ(ConfigurationSetup_SetConfiguration(setup.get(), dir.path().c_str()), KVX_OK);
+    EXPECT_EQ(ConfigurationSetup_Reconfigure(setup.get(), autoUrl(server).c_str(), "us", "pw"), KVX_E_SERVER_ERROR);
+    EXPECT_EQ(credentialsSeen(server), "dXM6cHcA") << "us:pw";
+    EXPECT_EQ(server.records().at(0).find("GET /auto?DATA=%3cKVX%20MSGTYPE%3d%22SetupRequest%22"), 0U);
+}
+
+TEST(Reconfigure, WithoutAnAddressKeepsTheKnownOneAndReplacesTheCredentials) {
+    TempDir const dir;
+    for (char const* const noAddress : {"", static_cast<char const*>(nullptr)}) {
+        RawServer server(httpAnswer(kRefusal));
+        SetupHandle const setup;
+        ASSERT_EQ(ConfigurationSetup_SetConfiguration(setup.get(), dir.path().c_str()), KVX_OK);
+        ASSERT_EQ(ConfigurationSetup_SetOption(setup.get(), "VTAUTOURL", autoUrl(server).c_str()), KVX_OK);
+        ASSERT_EQ(ConfigurationSetup_SetOption(setup.get(), "UserName", "old"), KVX_OK);
+        ASSERT_EQ(ConfigurationSetup_SetOption(setup.get(), "Password", "old"), KVX_OK);
+        EXPECT_EQ(ConfigurationSetup_Reconfigure(setup.get(), noAddress, "us", "pw"), KVX_E_SERVER_ERROR);
+        EXPECT_EQ(credentialsSeen(server), "dXM6cHcA");
+    }
+}
+
+TEST(Reconfigure, WithEmptyCredentialsDropsTheOldOnes) {
+    TempDir const dir;
+    RawServer server(httpAnswer(kRefusal));
+    SetupHandle const setup;
+    ASSERT_EQ(ConfigurationSetup_SetConfiguration(setup.get(), dir.path().c_str()), KVX_OK);
+    ASSERT_EQ(ConfigurationSetup_SetOption(setup.get(), "UserName", "old"), KVX_OK);
+    ASSERT_EQ(ConfigurationSetup_SetOption(setup.get(), "Password", "old"), KVX_OK);
+    EXPECT_EQ(ConfigurationSetup_Reconfigure(setup.get(), autoUrl(server).c_str(), nullptr, nullptr),
+              KVX_E_SERVER_ERROR);
+    EXPECT_EQ(credentialsSeen(server), "OgAA") << "a colon alone";
+}
+
+TEST(Reconfigure, RemembersItsArgumentsThoughItFails) {
+    TempDir const dir;
+    RawServer server(httpAnswer(kRefusal));
+    SetupHandle const setup;
+    ASSERT_EQ(ConfigurationSetup_Reconfigure(setup.get(), autoUrl(server).c_str(), "a", "b"), KVX_E_NO_CONTEXT);
+    ASSERT_EQ(ConfigurationSetup_SetConfiguration(setup.get(), dir.path().c_str()), KVX_OK);
+    EXPECT_EQ(ConfigurationSetup_Reconfigure(setup.get(), "", "us", "pw"), KVX_E_SERVER_ERROR)
+        << "the address of the first call is in use";
+    EXPECT_EQ(credentialsSeen(server), "dXM6cHcA");
+}
+
+TEST(Reconfigure, WithoutAnyAddressHasNoConfiguration) {
+    TempDir const dir;
+    SetupHandle const setup;
+    ASSERT_EQ(ConfigurationSetup_SetConfiguration(setup.get(), dir.path().c_str()), KVX_OK);
+    EXPECT_EQ(ConfigurationSetup_Reconfigure(setup.get(), "", "us", "pw"), KVX_E_NO_CONFIGURATION);
+    EXPECT_TRUE(dir.exists("keys/private"));
+    EXPECT_TRUE(dir.exists("keys/public"));
+    EXPECT_FALSE(dir.exists("keys/current"));
+}
+
+TEST(Reconfigure, TellsTheServersReasonThroughTheClass) {
+    TempDir const dir;
+    RawServer const server(httpAnswer(kRefusal));
+    KVXCIMPL_ConfigurationSetup setup;
+    setup.SetConfiguration(stringOf(dir.path()));
+    Thrown const failure = thrown([&] { setup.Reconfigure(stringOf(autoUrl(server)), "us", "pw"); });
+    EXPECT_EQ(failure.code, KVX_E_SERVER_ERROR);
+    EXPECT_EQ(failure.text, "the request failed (not today)");
+}

@@ -1,0 +1,180 @@
+// How the flat functions hand texts out. Four functions, one rule, one difference.
+
+#include <climits>
+#include <cstring>
+
+#include "tests/api/apisupport.h"
+
+using namespace kvxtest;
+
+namespace {
+
+/// The four functions, each with a text to hand out.
+class CopyOutTest : public testing::Test {
+protected:
+    struct Source {
+        std::string name;
+        std::string text;
+        CopyOut call;
+    };
+
+    CopyOutTest() {
+        EXPECT_EQ(ConfigurationSetup_SetConfiguration(m_Setup.get(), m_Account.path().c_str()), KVX_OK);
+        EXPECT_EQ(MessageFactory_CreateRequest(m_Factory.get(), "T", m_Message.out()), KVX_OK);
+        EXPECT_EQ(MessageObject_SetAttribute(m_Message.get(), "A", "a & b"), KVX_OK);
+        TbString url;
+        static_cast<KVXCIMPL_MessageObject*>(m_Message.get())->GetURL(url);
+        m_Sources = {
+            {"ConfigurationSetup_GetAttribute", "server",
+             [this](auto* size, auto* buffer) {
+                 return ConfigurationSetup_GetAttribute(m_Setup.get(), "config.xml", "VTKEYID", size, buffer);
+             }},
+            {"MessageObject_GetAttribute", "a & b",
+             [this](auto* size, auto* buffer) {
+                 return MessageObject_GetAttribute(m_Message.get(), "A", size, buffer);
+             }},
+            {"MessageObject_GetURL", bytesOf(url),
+             [this](auto* size, auto* buffer) { return MessageObject_GetURL(m_Message.get(), size, buffer); }},
+            {"MessageObject_ToString", R"(<KVX MSGTYPE="T" KEYID="own" A="a &amp; b"/>)",
+             [this](auto* size, auto* buffer) { return MessageObject_ToString(m_Message.get(), size, buffer); }},
+        };
+    }
+
+    AccountDir m_Account;
+    SetupHandle m_Setup;
+    FactoryHandle m_Factory{m_Account.path()};
+    MadeMessage m_Message;
+    std::vector<Source> m_Sources;
+};
+
+}  // namespace
+
+TEST_F(CopyOutTest, AsksTwiceAsItShould) {
+    for (Source const& source : m_Sources) {
+        EXPECT_EQ(copiedOut(source.call), source.text) << source.name;
+    }
+}
+
+TEST_F(CopyOutTest, CopiesOnlyWhatFitsWholeAndAlwaysTellsTheNeed) {
+    for (Source const& source : m_Sources) {
+        auto const need = static_cast<std::int32_t>(source.text.size()) + 1;
+        struct Row {
+            std::int32_t size;
+            bool fits;
+        };
+        for (Row const row : {Row{INT_MIN, false}, Row{-1, false}, Row{0, false}, Row{1, false}, Row{need - 1, false},
+                              Row{need, true}, Row{need + 1, true}, Row{INT_MAX, true}}) {
+            std::string const what = source.name + " with size " + std::to_string(row.size);
+            std::string buffer(source.text.size() + 8, '#');
+            std::int32_t size = row.size;
+            EXPECT_EQ(source.call(&size, buffer.data()), row.fits ? KVX_OK : KVX_E_BUFFER_TOO_SMALL) << what;
+            EXPECT_EQ(size, need) << what;
+            std::string const expected =
+                row.fits ? source.text + std::string(1, '\0') + "#######" : std::string(source.text.size() + 8, '#');
+            EXPECT_EQ(buffer, expected) << what;
+
+            size = row.size;
+            EXPECT_EQ(source.call(&size, nullptr), row.fits ? KVX_OK : KVX_E_BUFFER_TOO_SMALL) << what;
+            EXPECT_EQ(size, need) << what << " without a buffer";
+        }
+    }
+}
+
+TEST_F(CopyOutTest, WithoutASizeIsTooSmallAndWritesNothing) {
+    for (Source const& source : m_Sources) {
+        Outputs outputs;
+        EXPECT_EQ(source.call(nullptr, outputs.buffer), KVX_E_BUFFER_TOO_SMALL) << source.name;
+        EXPECT_EQ(source.call(nullptr, nullptr), KVX_E_BUFFER_TOO_SMALL) << source.name;
+        outputs.expectUntouched(source.name);
+    }
+}
+
+TEST_F(CopyOutTest, EndsAtTheFirstZeroByteOfTheText) {
+    TbString const value = stringOf(std::string("ab\0cd", 5));
+    auto& message = *static_cast<KVXCIMPL_MessageObject*>(m_Message.get());
+    message.SetAttribute("A", value);
+    TbString whole;
+    message.GetAttribute("A", whole);
+    ASSERT_EQ(bytesOf(whole), std::string("ab\0cd", 5));
+
+    std::int32_t size = 3;
+    char buffer[8] = "#######";
+    EXPECT_EQ(MessageObject_GetAttribute(m_Message.get(), "A", &size, buffer), KVX_OK);
+    EXPECT_EQ(size, 3);
+    EXPECT_EQ(std::string(buffer, 7), std::string("ab\0####", 7));
+    EXPECT_EQ(textOf(m_Message.get()), R"(<KVX MSGTYPE="T" KEYID="own" A="ab)");
+}
+
+TEST_F(CopyOutTest, CopiesAnEmptyTextAsItsTerminator) {
+    ASSERT_EQ(MessageObject_SetAttribute(m_Message.get(), "A", ""), KVX_OK);
+    std::int32_t size = 1;
+    char buffer[2] = {'#', '#'};
+    EXPECT_EQ(MessageObject_GetAttribute(m_Message.get(), "A", &size, buffer), KVX_OK);
+    EXPECT_EQ(size, 1);
+    EXPECT_EQ(buffer[0], '\0');
+    EXPECT_EQ(buffer[1], '#');
+    size = 0;
+    EXPECT_EQ(MessageObject_GetAttribute(m_Message.get(), "A", &size, buffer), KVX_E_BUFFER_TOO_SMALL);
+    EXPECT_EQ(size, 1);
+}
+
+TEST_F(CopyOutTest, ReportsTheCallsOwnFailureBeforeAMissingSize) {
+    EXPECT_EQ(ConfigurationSetup_GetAttribute(m_Setup.get(), "config.xml", "NONE", nullptr, nullptr), KVX_E_NOT_FOUND);
+    EXPECT_EQ(MessageObject_GetAttribute(m_Message.get(), "NONE", nullptr, nullptr), KVX_E_NOT_FOUND);
+    MessageHandle const empty;
+    EXPECT_EQ(MessageObject_GetAttribute(empty.get(), "A", nullptr, nullptr), KVX_E_UNEXPECTED);
+    EXPECT_EQ(MessageObject_ToString(empty.get(), nullptr, nullptr), KVX_E_UNEXPECTED);
+    EXPECT_EQ(MessageObject_GetURL(empty.get(), nullptr, nullptr), KVX_E_UNEXPECTED);
+}
+
+TEST_F(CopyOutTest, LeavesTheSizeAloneWhenTheCallFails) {
+    for (std::int32_t const given : {-1, 0, 5, 1000}) {
+        std::int32_t size = given;
+        Outputs outputs;
+        EXPECT_EQ(ConfigurationSetup_GetAttribute(m_Setup.get(), "config.xml", "NONE", &size, outputs.buffer),
+                  KVX_E_NOT_FOUND);
+        EXPECT_EQ(MessageObject_GetAttribute(m_Message.get(), "NONE", &size, outputs.buffer), KVX_E_NOT_FOUND);
+        MessageHandle const empty;
+        EXPECT_EQ(MessageObject_ToString(empty.get(), &size, outputs.buffer), KVX_E_UNEXPECTED);
+        EXPECT_EQ(MessageObject_GetURL(empty.get(), &size, outputs.buffer), KVX_E_UNEXPECTED);
+        EXPECT_EQ(size, given);
+        outputs.expectUntouched("failing calls");
+    }
+}
+
+TEST_F(CopyOutTest, KeepsACodeForMissingMemoryInToStringAlone) {
+    for (Source const& source : m_Sources) {
+        int thrown = 0;
+        int returned = 0;
+        for (long number = 0;; ++number) {
+            ASSERT_LT(number, 10000) << source.name;
+            Outputs outputs;
+            std::int32_t result = 0;
+            bool failed = false;
+            bool reached = false;
+            {
+                FailingAllocation const failing(number, FailingAllocation::Mode::kOnlyThat);
+                try {
+                    result = source.call(&outputs.size, outputs.buffer);
+                } catch (TBFC_Exception const& failure) {
+                    EXPECT_EQ(failure.code(), KVX_E_OUT_OF_MEMORY);
+                    failed = true;
+                }
+                reached = FailingAllocation::asked() > number;
+            }
+            if (!reached) {
+                break;
+            }
+            if (failed) {
+                ++thrown;
+                outputs.expectUntouched(source.name);
+            } else {
+                EXPECT_EQ(result, KVX_E_OUT_OF_MEMORY) << source.name;
+                ++returned;
+                outputs.expectUntouched(source.name);
+            }
+        }
+        EXPECT_GT(thrown, 0) << source.name;
+        EXPECT_EQ(returned, source.name == "MessageObject_ToString" ? 1 : 0) << source.name;
+    }
+}

@@ -1,0 +1,106 @@
+// KVX_GetErrorStringFromResult and KVX_GetVersion.
+
+#include <climits>
+#include <cstring>
+
+#include "tests/api/apisupport.h"
+
+using namespace kvxtest;
+
+namespace {
+
+constexpr char kText[] = "invalid signature";
+constexpr std::int32_t kNeed = sizeof kText;
+
+struct Copied {
+    std::int32_t size;
+    char const* expected;  ///< Null: nothing is written.
+};
+
+}  // namespace
+
+TEST(ErrorText, CopiesAsMuchAsFitsAndTellsTheNeed) {
+    Copied const rows[] = {
+        {INT_MIN, nullptr},
+        {-2, nullptr},
+        {-1, nullptr},
+        {0, nullptr},
+        {1, ""},
+        {2, "i"},
+        {kNeed - 1, "invalid signatur"},
+        {kNeed, kText},
+        {kNeed + 1, kText},
+        {INT_MAX, kText},
+    };
+    for (Copied const& row : rows) {
+        Outputs outputs;
+        std::int32_t size = row.size;
+        EXPECT_EQ(KVX_GetErrorStringFromResult(KVX_E_INVALID_SIGNATURE, &size, outputs.buffer), 1) << row.size;
+        EXPECT_EQ(size, kNeed) << row.size;
+        if (row.expected == nullptr) {
+            outputs.expectUntouched("size " + std::to_string(row.size));
+        } else {
+            EXPECT_STREQ(outputs.buffer, row.expected) << row.size;
+            EXPECT_EQ(outputs.buffer[std::strlen(row.expected) + 1], Outputs::kByteMark) << row.size;
+        }
+    }
+}
+
+TEST(ErrorText, TellsTheNeedWithoutABuffer) {
+    for (std::int32_t const given : {INT_MIN, -1, 0, 1, kNeed - 1, kNeed, kNeed + 1, INT_MAX}) {
+        std::int32_t size = given;
+        EXPECT_EQ(KVX_GetErrorStringFromResult(KVX_E_INVALID_SIGNATURE, &size, nullptr), 1) << given;
+        EXPECT_EQ(size, kNeed) << given;
+    }
+}
+
+TEST(ErrorText, KeepsAnsweringANullSizeLikeAnUnknownCode) {
+    Outputs outputs;
+    EXPECT_EQ(KVX_GetErrorStringFromResult(KVX_E_INVALID_SIGNATURE, nullptr, outputs.buffer), 0);
+    EXPECT_EQ(KVX_GetErrorStringFromResult(KVX_E_INVALID_SIGNATURE, nullptr, nullptr), 0);
+    outputs.expectUntouched("null size");
+}
+
+TEST(ErrorText, OfACodeWithoutOneTouchesNothing) {
+    for (std::int32_t const code :
+         {0, 1, 2, -1, INT_MIN, INT_MAX, KVX_E_BAD_HANDLE, KVX_E_OUT_OF_MEMORY, KVX_E_NO_MESSAGE_TYPE,
+          KVX_E_CANNOT_OPEN, KVX_E_OUT_OF_RANGE, KVX_E_DUPLICATE_KEY, KVX_E_HTTP_BAD_URL, KVX_E_HTTP_UNKNOWN_SCHEME,
+          KVX_E_HTTP_BAD_REPLY, KVX_E_HTTP_STATE, KVX_E_HTTP_FAMILY, KVX_E_SOCKET_FAMILY, KVX_E_TLS_FAMILY}) {
+        Outputs outputs;
+        EXPECT_EQ(KVX_GetErrorStringFromResult(code, &outputs.size, outputs.buffer), 0) << code;
+        EXPECT_EQ(KVX_GetErrorStringFromResult(code, nullptr, nullptr), 0) << code;
+        outputs.expectUntouched("code " + std::to_string(code));
+    }
+}
+
+TEST(ErrorText, OfEveryRowIsCopiedWhole) {
+    int rows = 0;
+    for (KVX_ErrorRow const* row = ErrorTable; row->m_Code != 0; ++row, ++rows) {
+        std::int32_t size = 0;
+        ASSERT_EQ(KVX_GetErrorStringFromResult(row->m_Code, &size, nullptr), 1) << row->m_Text;
+        ASSERT_EQ(size, static_cast<std::int32_t>(std::strlen(row->m_Text)) + 1);
+        std::string text(static_cast<std::size_t>(size), '#');
+        EXPECT_EQ(KVX_GetErrorStringFromResult(row->m_Code, &size, text.data()), 1);
+        EXPECT_STREQ(text.c_str(), row->m_Text);
+    }
+    EXPECT_EQ(rows, 34);
+}
+
+TEST(ErrorText, IsTheSameForTwoCodesOfOneMeaning) {
+    auto const text = [](std::int32_t code) {
+        char buffer[64] = {};
+        std::int32_t size = sizeof buffer;
+        EXPECT_EQ(KVX_GetErrorStringFromResult(code, &size, buffer), 1);
+        return std::string(buffer);
+    };
+    EXPECT_EQ(text(KVX_E_URL_DATA_NOT_FOUND), text(KVX_E_HTTP_NOT_FOUND));
+    EXPECT_EQ(text(KVX_E_WRONG_RESPONSE), "request failed");
+    EXPECT_EQ(text(KVX_E_SERVER_ERROR), "the request failed");
+}
+
+TEST(Version, OfTheLibraryIsThatOfTheHeaders) {
+    EXPECT_STREQ(KVX_GetVersion(), TALLOWIN_VERSION_STRING);
+    EXPECT_EQ(std::string(KVX_GetVersion()), std::to_string(TALLOWIN_VERSION_MAJOR) + "." +
+                                                 std::to_string(TALLOWIN_VERSION_MINOR) + "." +
+                                                 std::to_string(TALLOWIN_VERSION_PATCH));
+}

@@ -1,0 +1,179 @@
+// Where public objects live: low addresses, reused late, in bounded memory, by any number of threads.
+
+#include <limits>
+#include <thread>
+
+#include "tests/api/apisupport.h"
+
+using namespace kvxtest;
+
+namespace {
+
+/// Freed slots that stay unused.
+constexpr int kQuarantine = 1024;
+
+class Living {
+public:
+    explicit Living(KindFunctions const& kind) : m_Kind(kind) {}
+    Living(Living const&) = delete;
+    Living& operator=(Living const&) = delete;
+    ~Living() {
+        for (KVX_HANDLE const handle : m_Handles) {
+            m_Kind.destroy(handle);
+        }
+    }
+
+    /// One more; null when there is no memory.
+    KVX_HANDLE create() {
+        KVX_HANDLE const handle = m_Kind.create();
+        if (handle != nullptr) {
+            m_Handles.push_back(handle);
+        }
+        return handle;
+    }
+
+    [[nodiscard]] std::vector<KVX_HANDLE> const& handles() const { return m_Handles; }
+
+private:
+    KindFunctions m_Kind;
+    std::vector<KVX_HANDLE> m_Handles;
+};
+
+}  // namespace
+
+TEST(HandlePool, GivesAddressesThatArePositiveIn32Bits) {
+    for (KindFunctions const& kind : allKinds()) {
+        Living living(kind);
+        for (int i = 0; i < 5000; ++i) {
+            auto const address = reinterpret_cast<std::uintptr_t>(living.create());
+            ASSERT_NE(address, 0U);
+            ASSERT_LE(address, static_cast<std::uintptr_t>(std::numeric_limits<std::int32_t>::max())) << kind.name;
+        }
+    }
+}
+
+TEST(HandlePool, GivesLivingObjectsDifferentAddressesAcrossKinds) {
+    std::set<void*> addresses;
+    std::vector<std::unique_ptr<Living>> kinds;
+    for (KindFunctions const& kind : allKinds()) {
+        kinds.push_back(std::make_unique<Living>(kind));
+        for (int i = 0; i < 3000; ++i) {
+            EXPECT_TRUE(addresses.insert(kinds.back()->create()).second) << kind.name;
+        }
+    }
+}
+
+TEST(HandlePool, DoesNotReuseAnAddressDuringTheNext1024Creations) {
+    for (KindFunctions const& kind : allKinds()) {
+        // With all that earlier tests have freed in use again, no more slots are free than must be.
+        Living others(kind);
+        for (std::size_t i = wholeCycle(kind).size(); i > 0; --i) {
+            others.create();
+        }
+        KVX_HANDLE const old = kind.create();
+        kind.destroy(old);
+        EXPECT_EQ(addressesOf(kind, kQuarantine).count(old), 0U) << kind.name;
+        EXPECT_EQ(addressesOf(kind, 1).count(old), 1U) << kind.name << ", but then it is";
+    }
+}
+
+TEST(HandlePool, ReusesTheAddressThatHasBeenFreeLongest) {
+    KindFunctions const& kind = allKinds().back();
+    auto const others = static_cast<int>(wholeCycle(kind).size()) - 1;
+    EXPECT_GE(others, kQuarantine);
+    KVX_HANDLE const old = kind.create();
+    kind.destroy(old);
+    EXPECT_EQ(addressesOf(kind, others).count(old), 0U);
+    OwnedHandle const next(kind.create(), kind.destroy);
+    EXPECT_EQ(next.get(), old);
+}
+
+TEST(HandlePool, DoesNotGrowOverAMillionCreations) {
+    for (KindFunctions const& kind : allKinds()) {
+        std::set<void*> const before = wholeCycle(kind);
+        for (int i = 0; i < 1000000; ++i) {
+            kind.destroy(kind.create());
+        }
+        EXPECT_EQ(wholeCycle(kind), before) << kind.name;
+    }
+}
+
+TEST(HandlePool, ServesManyThreadsAtOnce) {
+    constexpr int kThreads = 4;
+    constexpr int kRounds = 5000;
+    constexpr std::size_t kAtOnce = 16;
+    std::vector<std::vector<KVX_HANDLE>> last(kThreads);
+    std::vector<std::thread> threads;
+    for (auto& mine : last) {
+        threads.emplace_back([&mine] {
+            for (int round = 0; round < kRounds; ++round) {
+                KindFunctions const& kind = allKinds()[static_cast<std::size_t>(round) % 3];
+                KVX_HANDLE const passing = kind.create();
+                ASSERT_NE(passing, nullptr);
+                mine.push_back(CreateMessageObject());
+                ASSERT_EQ(MessageObject_FromString(mine.back(), "<KVX A=\"1\"/>"), KVX_OK);
+                kind.destroy(passing);
+                if (mine.size() > kAtOnce) {
+                    KVX_HANDLE const oldest = mine.front();
+                    mine.erase(mine.begin());
+                    ASSERT_EQ(attribute(oldest, "A"), "1");
+                    DestroyMessageObject(oldest);
+                    ASSERT_EQ(MessageObject_Capture(oldest), KVX_E_BAD_HANDLE);
+                }
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    std::set<void*> living;
+    for (auto const& mine : last) {
+        for (KVX_HANDLE const handle : mine) {
+            EXPECT_TRUE(living.insert(handle).second);
+            EXPECT_EQ(attribute(handle, "A"), "1");
+            DestroyMessageObject(handle);
+        }
+    }
+    EXPECT_EQ(living.size(), kThreads * kAtOnce);
+}
+
+TEST(HandlePool, ExhaustedMakesTheCreateFunctionsReturnNull) {
+    for (KindFunctions const& kind : allKinds()) {
+        Living living(kind);
+        ASSERT_NE(living.create(), nullptr) << "the first one maps memory";
+        {
+            FailingAllocation const failing(0, FailingAllocation::Mode::kAllFromThere);
+            while (living.create() != nullptr) {
+            }
+            EXPECT_EQ(kind.create(), nullptr) << kind.name;
+        }
+        EXPECT_GE(living.handles().size(), 256U) << "what was mapped is used up first";
+        EXPECT_NE(living.create(), nullptr) << kind.name << " once there is memory again";
+    }
+}
+
+TEST(HandlePool, ExhaustedRaisesOutOfMemoryFromEveryCallThatMakesAnObject) {
+    AccountDir const account;
+    KVXCIMPL_MessageFactory factory;
+    factory.Open(stringOf(account.path()));
+    std::unique_ptr<KVXCIMPL_MessageObject> const sender(factory.CreateRequest("T"));
+    TbString const type("T");
+    Living living(allKinds().back());
+    FailingAllocation const failing(0, FailingAllocation::Mode::kAllFromThere);
+    while (living.create() != nullptr) {
+    }
+    EXPECT_EQ(thrownCode([&] { (void)factory.CreateRequest(type); }), KVX_E_OUT_OF_MEMORY);
+    EXPECT_EQ(thrownCode([&] { (void)factory.CreatePayComplete(type, type); }), KVX_E_OUT_OF_MEMORY);
+    EXPECT_EQ(thrownCode([&] { (void)factory.VerifyPayConfirm(type, type); }), KVX_E_OUT_OF_MEMORY);
+    EXPECT_EQ(thrownCode([&] { (void)sender->Execute(); }), KVX_E_OUT_OF_MEMORY);
+    KVX_HANDLE out = nullptr;
+    EXPECT_EQ(thrownCode([&] { MessageObject_Execute(sender.get(), &out); }), KVX_E_OUT_OF_MEMORY);
+    EXPECT_EQ(out, nullptr);
+}
+
+TEST(HandlePool, RefusesAnObjectThatIsLargerThanASlot) {
+    EXPECT_EQ(thrownCode([] { kvxTakeSlot(KvxKind::kMessageObject, 513); }), KVX_E_OUT_OF_MEMORY);
+    void* const slot = kvxTakeSlot(KvxKind::kMessageObject, 512);
+    kvxGiveSlot(KvxKind::kMessageObject, slot);
+    kvxGiveSlot(KvxKind::kMessageObject, nullptr);
+}

@@ -1,0 +1,395 @@
+#include "api/cMessageFactory.h"
+
+#include "tests/api/apisupport.h"
+
+using namespace kvxtest;
+
+namespace {
+
+/// 2024-01-31 23:59:07 UTC.
+constexpr std::time_t kNow = 1706745547;
+
+std::string payInitText(std::string const& token, std::string const& rest) {
+    return "<KVX MSGTYPE=\"PayInit\" KEYID=\"own\" TOKEN=\"" + token + "\"" + rest + "/>";
+}
+
+/// The codes that the four creating functions end with, and that they write no handle then.
+void expectAllFail(KVX_HANDLE factory, std::int32_t code) {
+    Outputs outputs;
+    EXPECT_EQ(MessageFactory_CreatePayInit(factory, &outputs.out), code);
+    EXPECT_EQ(MessageFactory_VerifyPayConfirm(factory, kConfirmation, "00", &outputs.out), code);
+    EXPECT_EQ(MessageFactory_CreatePayComplete(factory, "i", "t", &outputs.out), code);
+    EXPECT_EQ(MessageFactory_CreateRequest(factory, "T", &outputs.out), code);
+    outputs.expectUntouched("failing calls");
+}
+
+}  // namespace
+
+TEST(MessageFactory, OpenReadsNothing) {
+    TempDir const dir;
+    FactoryHandle const factory;
+    TraceRecorder const trace;
+    EXPECT_EQ(MessageFactory_Open(factory.get(), dir.file("no/such/place").c_str()), KVX_OK);
+    EXPECT_EQ(MessageFactory_Open(factory.get(), dir.file("shop").c_str()), KVX_OK);
+    EXPECT_TRUE(trace.records().empty());
+    EXPECT_FALSE(dir.exists("shop"));
+}
+
+TEST(MessageFactory, ReportsAWrongPathAtTheFirstCreatingCall) {
+    TempDir const dir;
+    expectAllFail(FactoryHandle(dir.file("no/such/place")).get(), ENOENT);
+    dir.write("file", "x");
+    expectAllFail(FactoryHandle(dir.file("file")).get(), EEXIST);
+}
+
+TEST(MessageFactory, KeepsCreatingTheLastDirectoryOfAWrongPath) {
+    TempDir const dir;
+    FactoryHandle const factory(dir.file("shop"));
+    Outputs outputs;
+    EXPECT_EQ(MessageFactory_CreatePayInit(factory.get(), &outputs.out), KVX_E_CANNOT_OPEN);
+    EXPECT_TRUE(dir.exists("shop"));
+    outputs.expectUntouched("no current key");
+}
+
+TEST(MessageFactory, WorksInTheCurrentDirectoryWithoutAPath) {
+    AccountDir const account;
+    WorkingDirectory const here(account.path());
+    FactoryHandle const unopened;
+    FactoryHandle const empty("");
+    for (KVX_HANDLE const factory : {unopened.get(), empty.get()}) {
+        MadeMessage message;
+        EXPECT_EQ(MessageFactory_CreatePayInit(factory, message.out()), KVX_OK);
+    }
+    FactoryHandle const null;
+    EXPECT_EQ(MessageFactory_Open(null.get(), nullptr), KVX_OK);
+    MadeMessage message;
+    EXPECT_EQ(MessageFactory_CreatePayInit(null.get(), message.out()), KVX_OK);
+}
+
+TEST(MessageFactory, ReadsTheDirectoryAnewAtEveryCall) {
+    AccountDir const account;
+    FactoryHandle const factory(account.path());
+    MadeMessage first;
+    ASSERT_EQ(MessageFactory_CreateRequest(factory.get(), "T", first.out()), KVX_OK);
+    account.write("keys/current", "server");
+    MadeMessage second;
+    ASSERT_EQ(MessageFactory_CreateRequest(factory.get(), "T", second.out()), KVX_OK);
+    EXPECT_EQ(attribute(first.get(), "KEYID"), "own");
+    EXPECT_EQ(attribute(second.get(), "KEYID"), "server");
+}
+
+TEST(MessageFactory, MakesMessagesThatOutliveIt) {
+    AccountDir const account;
+    MadeMessage message;
+    {
+        FactoryHandle const factory(account.path());
+        ASSERT_EQ(MessageFactory_CreateRequest(factory.get(), "T", message.out()), KVX_OK);
+    }
+    EXPECT_EQ(textOf(message.get()), R"(<KVX MSGTYPE="T" KEYID="own"/>)");
+    EXPECT_EQ(urlOf(message.get()).find("http://127.0.0.1:1/pay?DATA="), 0U);
+}
+
+TEST(MessageFactory, CanBeOpenedAgainOnAnotherDirectory) {
+    AccountDir const one;
+    AccountDir const other;
+    other.write("keys/current", "server");
+    FactoryHandle const factory(one.path());
+    ASSERT_EQ(MessageFactory_Open(factory.get(), other.path().c_str()), KVX_OK);
+    MadeMessage message;
+    ASSERT_EQ(MessageFactory_CreateRequest(factory.get(), "T", message.out()), KVX_OK);
+    EXPECT_EQ(attribute(message.get(), "KEYID"), "server");
+}
+
+TEST(PayInit, HoldsItsAttributesInTheOrderInWhichTheyAreSet) {
+    AccountDir const account;
+    account.setDefaults(R"( FAILLINK="http://s/f?a=1&amp;b=2" BACKLINK="http://s/b" DEFAULTVALIDITY="7")"
+                        R"( NOTIFYADDRESS="n@s" SUCCESSLINK="http://s/s" LANGID="de" DELIVERY="no" ALLOWCOLLECT="yes")"
+                        R"( PAYINITTTL="60" OTHER="not copied")");
+    FixedTime const time(kNow);
+    FactoryHandle const factory(account.path());
+    MadeMessage message;
+    ASSERT_EQ(MessageFactory_CreatePayInit(factory.get(), message.out()), KVX_OK);
+    EXPECT_EQ(textOf(message.get()),
+              payInitText(attribute(message.get(), "TOKEN"),
+                          R"( ALLOWCOLLECT="yes" DELIVERY="no" LANGID="de" SUCCESSLINK="http://s/s")"
+                          R"( NOTIFYADDRESS="n@s" DEFAULTVALIDITY="7" BACKLINK="http://s/b")"
+                          R"( FAILLINK="http://s/f?a=1&amp;b=2" EXPIRATION="20240201 00:00:07")"));
+}
+
+TEST(PayInit, CopiesTheDefaultsThatAreThereAlsoEmptyOnes) {
+    AccountDir const account;
+    account.setDefaults(R"( LANGID="" BACKLINK="b")");
+    FixedTime const time(kNow);
+    FactoryHandle const factory(account.path());
+    MadeMessage message;
+    ASSERT_EQ(MessageFactory_CreatePayInit(factory.get(), message.out()), KVX_OK);
+    EXPECT_EQ(textOf(message.get()), payInitText(attribute(message.get(), "TOKEN"),
+                                                 R"( LANGID="" BACKLINK="b" EXPIRATION="20240201 23:59:07")"));
+}
+
+TEST(PayInit, GoesWithoutDefaultsWhenThereIsNoFile) {
+    AccountDir const account;
+    ASSERT_FALSE(account.exists("default.xml"));
+    FixedTime const time(kNow);
+    FactoryHandle const factory(account.path());
+    MadeMessage message;
+    ASSERT_EQ(MessageFactory_CreatePayInit(factory.get(), message.out()), KVX_OK);
+    EXPECT_EQ(textOf(message.get()),
+              payInitText(attribute(message.get(), "TOKEN"), R"( EXPIRATION="20240201 23:59:07")"))
+        << "86400 seconds ahead";
+}
+
+TEST(PayInit, FailsOnMalformedDefaults) {
+    AccountDir const account;
+    FactoryHandle const factory(account.path());
+    for (char const* const text : {"<KVX", "", "<OTHER/>", "<KVX A=\"1\">"}) {
+        account.write("default.xml", text);
+        Outputs outputs;
+        EXPECT_EQ(MessageFactory_CreatePayInit(factory.get(), &outputs.out), KVX_E_INVALID_FORMAT) << text;
+        outputs.expectUntouched(text);
+    }
+}
+
+TEST(PayInit, ReadsItsLifetimeAsADecimalNumberOfSeconds) {
+    struct Row {
+        char const* ttl;
+        char const* expiration;
+    };
+    // clang-format off
+    Row const rows[] = {
+        {"0",        "20240131 23:59:07"},
+        {"1",        "20240131 23:59:08"},
+        {"-1",       "20240131 23:59:06"},
+        {"3600",     "20240201 00:59:07"},
+        {" 60",      "20240201 00:00:07"},
+        {"60 ",      "20240201 00:00:07"},
+        {"60abc",    "20240201 00:00:07"},
+        {"0.9",      "20240131 23:59:07"},   // only whole seconds count
+        {"-0.9",     "20240131 23:59:07"},
+        {"59.999",   "20240201 00:00:06"},
+        {"1e3",      "20240201 00:15:47"},
+        {"0x10",     "20240131 23:59:23"},
+        {"abc",      "20240131 23:59:07"},   // no number is 0
+        {" ",        "20240131 23:59:07"},
+        {"inf",      "20240131 23:59:07"},   // what is not finite is 0
+        {"-inf",     "20240131 23:59:07"},
+        {"nan",      "20240131 23:59:07"},
+        {"1e30",     "99991231 23:59:59"},   // the calendar's ends
+        {"-1e30",    "00000101 00:00:00"},
+        {"",         "20240201 23:59:07"},   // an empty value is a missing one
+    };
+    // clang-format on
+    AccountDir const account;
+    FixedTime const time(kNow);
+    FactoryHandle const factory(account.path());
+    for (Row const& row : rows) {
+        account.setDefaults(std::string(" PAYINITTTL=\"") + row.ttl + "\"");
+        MadeMessage message;
+        ASSERT_EQ(MessageFactory_CreatePayInit(factory.get(), message.out()), KVX_OK) << row.ttl;
+        EXPECT_EQ(attribute(message.get(), "EXPIRATION"), row.expiration) << "'" << row.ttl << "'";
+    }
+}
+
+TEST(PayInit, HasAFreshTokenOf32HexadecimalDigits) {
+    AccountDir const account;
+    FactoryHandle const factory(account.path());
+    std::set<std::string> tokens;
+    for (int i = 0; i < 50; ++i) {
+        MadeMessage message;
+        ASSERT_EQ(MessageFactory_CreatePayInit(factory.get(), message.out()), KVX_OK);
+        std::string const token = attribute(message.get(), "TOKEN");
+        EXPECT_EQ(token.size(), 32U);
+        EXPECT_EQ(token.find_first_not_of("0123456789abcdef"), std::string::npos) << token;
+        tokens.insert(token);
+    }
+    EXPECT_EQ(tokens.size(), 50U);
+}
+
+TEST(PayInit, OpensTheAccountFirstAndThenTheMessage) {
+    AccountDir const account;
+    KVXCIMPL_MessageFactory factory;
+    factory.Open(stringOf(account.path()));
+    TraceRecorder const trace;
+    OwnedMessage const message(factory.CreatePayInit());
+    auto const opened = trace.of("OPEN CONTEXT");
+    ASSERT_EQ(opened.size(), 2U);
+    for (auto const& record : opened) {
+        EXPECT_EQ(record.detail, account.path());
+        EXPECT_EQ(record.file, "kvxctx");
+        EXPECT_EQ(record.line, 23);
+    }
+}
+
+TEST(PayInit, HasAUrlWithItsTextAndSignature) {
+    AccountDir const account;
+    FactoryHandle const factory(account.path());
+    MadeMessage message;
+    ASSERT_EQ(MessageFactory_CreatePayInit(factory.get(), message.out()), KVX_OK);
+    ASSERT_EQ(MessageObject_SetAttribute(message.get(), "AMOUNT", "12.50 & more"), KVX_OK);
+    KVX_Context context;
+    std::string const text = textOf(message.get());
+    EXPECT_EQ(urlOf(message.get()), "http://127.0.0.1:1/pay?DATA=" + bytesOf(context.Encode(stringOf(text))) +
+                                        "&SIGNATURE=" + account.sign(text, "own"));
+}
+
+TEST(PayComplete, HoldsIdAndTokenInThisOrder) {
+    AccountDir const account;
+    FactoryHandle const factory(account.path());
+    MadeMessage message;
+    ASSERT_EQ(MessageFactory_CreatePayComplete(factory.get(), "P1", "t<1>", message.out()), KVX_OK);
+    EXPECT_EQ(textOf(message.get()), "<KVX MSGTYPE=\"PayComplete\" KEYID=\"own\" CONFIGPATH=\"" + account.path() +
+                                         "\" ID=\"P1\" TOKEN=\"t&lt;1&gt;\"/>");
+    MadeMessage null;
+    ASSERT_EQ(MessageFactory_CreatePayComplete(factory.get(), nullptr, nullptr, null.out()), KVX_OK);
+    EXPECT_EQ(attribute(null.get(), "ID"), "");
+    EXPECT_EQ(attribute(null.get(), "TOKEN"), "");
+}
+
+TEST(CreateRequest, TakesAnyType) {
+    AccountDir const account;
+    FactoryHandle const factory(account.path());
+    for (char const* const type : {"Status", "PayInit", "a b", "<&>", "\xc3\xa9"}) {
+        MadeMessage message;
+        ASSERT_EQ(MessageFactory_CreateRequest(factory.get(), type, message.out()), KVX_OK);
+        EXPECT_EQ(attribute(message.get(), "MSGTYPE"), type);
+    }
+    MadeMessage complete;
+    ASSERT_EQ(MessageFactory_CreateRequest(factory.get(), "PayComplete", complete.out()), KVX_OK);
+    EXPECT_EQ(attribute(complete.get(), "CONFIGPATH"), account.path());
+}
+
+TEST(CreateRequest, RefusesNoTypeBeforeAnythingIsDone) {
+    TempDir const dir;
+    FactoryHandle const factory(dir.file("shop"));
+    for (char const* const type : {"", static_cast<char const*>(nullptr)}) {
+        Outputs outputs;
+        TraceRecorder const trace;
+        EXPECT_EQ(MessageFactory_CreateRequest(factory.get(), type, &outputs.out), KVX_E_NO_MESSAGE_TYPE);
+        outputs.expectUntouched("no type");
+        ASSERT_EQ(trace.records().size(), 1U) << "the refusal itself";
+        EXPECT_EQ(trace.records()[0].event, "EXCEPTION");
+    }
+    EXPECT_FALSE(dir.exists("shop"));
+    KVXCIMPL_MessageFactory object;
+    Thrown const failure = thrown([&] { (void)object.CreateRequest(""); });
+    EXPECT_EQ(failure.code, KVX_E_NO_MESSAGE_TYPE);
+    EXPECT_EQ(failure.text, "ErrorCode = 0x80040218");
+    EXPECT_EQ(failure.file, "cMessageFactory");
+    EXPECT_EQ(failure.line, 121);
+}
+
+TEST(CreateRequest, KeepsOpeningASecondContext) {
+    AccountDir const account;
+    KVXCIMPL_MessageFactory factory;
+    factory.Open(stringOf(account.path()));
+    {
+        TraceRecorder const trace;
+        OwnedMessage const message(factory.CreateRequest("T"));
+        EXPECT_EQ(trace.of("OPEN CONTEXT").size(), 2U);
+    }
+    {
+        TraceRecorder const trace;
+        OwnedMessage const message(factory.CreatePayComplete("i", "t"));
+        EXPECT_EQ(trace.of("OPEN CONTEXT").size(), 1U);
+    }
+}
+
+TEST(VerifyPayConfirm, AcceptsWhatTheServersKeySigned) {
+    AccountDir const account;
+    FactoryHandle const factory(account.path());
+    MadeMessage message;
+    ASSERT_EQ(MessageFactory_VerifyPayConfirm(factory.get(), kConfirmation, account.sign(kConfirmation).c_str(),
+                                              message.out()),
+              KVX_OK);
+    EXPECT_EQ(attribute(message.get(), "MSGTYPE"), "PayConfirm");
+    EXPECT_EQ(attribute(message.get(), "TOKEN"), "t1");
+    EXPECT_EQ(attribute(message.get(), "AMOUNT"), "12.50");
+    EXPECT_EQ(attribute(message.get(), "CONFIGPATH"), account.path());
+}
+
+TEST(VerifyPayConfirm, TellsItsFailuresApart) {
+    AccountDir const account;
+    account.write("keys/public/broken", "this is no key");
+    FactoryHandle const factory(account.path());
+    std::string const good = account.sign(kConfirmation);
+    struct Row {
+        char const* what;
+        char const* data;
+        char const* signature;
+        std::int32_t code;
+    };
+    // clang-format off
+    Row const rows[] = {
+        {"nothing at all",             nullptr,                          nullptr,        KVX_E_INVALID_FORMAT},
+        {"no message",                 "hello",                          good.c_str(),   KVX_E_INVALID_FORMAT},
+        {"no message nor signature",   "hello",                          "",             KVX_E_INVALID_FORMAT},
+        {"another root",               "<X KEYID=\"server\"/>",          good.c_str(),   KVX_E_INVALID_FORMAT},
+        {"no signature",               kConfirmation,                    "",             KVX_E_MISSING_SIGNATURE},
+        {"null signature",             kConfirmation,                    nullptr,        KVX_E_MISSING_SIGNATURE},
+        {"no key nor signature",       "<KVX/>",                         "",             KVX_E_MISSING_SIGNATURE},
+        {"no key",                     "<KVX MSGTYPE=\"PayConfirm\"/>",  good.c_str(),   KVX_E_NO_KEY_ID},
+        {"an empty key",               "<KVX KEYID=\"\"/>",              good.c_str(),   KVX_E_NOT_FOUND},
+        {"an unknown key",             "<KVX KEYID=\"nobody\"/>",        good.c_str(),   KVX_E_NOT_FOUND},
+        {"a key outside",              "<KVX KEYID=\"../public/own\"/>", good.c_str(),   KVX_E_NOT_FOUND},
+        {"a broken key",               "<KVX KEYID=\"broken\"/>",        good.c_str(),   KVX_E_INVALID_KEY},
+        {"a signature that is no hex", kConfirmation,                    "hello",        KVX_E_INVALID_KEY},
+        {"another signature",          kConfirmation,                    "00",           KVX_E_INVALID_SIGNATURE},
+        {"another text",               "<KVX KEYID=\"server\"/>",        good.c_str(),   KVX_E_INVALID_SIGNATURE},
+    };
+    // clang-format on
+    for (Row const& row : rows) {
+        Outputs outputs;
+        EXPECT_EQ(MessageFactory_VerifyPayConfirm(factory.get(), row.data, row.signature, &outputs.out), row.code)
+            << row.what;
+        outputs.expectUntouched(row.what);
+    }
+}
+
+TEST(VerifyPayConfirm, KeepsAcceptingEveryTypeAndEveryKeyOfTheDirectory) {
+    AccountDir const account;
+    FactoryHandle const factory(account.path());
+    std::string const text = R"(<KVX MSGTYPE="PayInit" KEYID="own" TOKEN="t1"/>)";
+    MadeMessage message;
+    ASSERT_EQ(
+        MessageFactory_VerifyPayConfirm(factory.get(), text.c_str(), account.sign(text, "own").c_str(), message.out()),
+        KVX_OK);
+    EXPECT_EQ(textOf(message.get()), text) << "nothing is added to another type";
+}
+
+TEST(FactoryCalls, LeaveNothingBehindWhenTheyFail) {
+    AccountDir const account;
+    account.write("default.xml", "malformed");
+    TempDir const empty;
+    KVXCIMPL_MessageFactory good;
+    good.Open(stringOf(account.path()));
+    KVXCIMPL_MessageFactory bad;
+    bad.Open(stringOf(empty.path()));
+    TbString const type("T");
+    std::int32_t const living = TbRefCounter::m_nTotalRef;
+    expectNoSlotIsLost(50, [&] {
+        EXPECT_EQ(thrownCode([&] { (void)good.CreatePayInit(); }), KVX_E_INVALID_FORMAT);
+        EXPECT_EQ(thrownCode([&] { (void)bad.CreatePayInit(); }), KVX_E_CANNOT_OPEN);
+        EXPECT_EQ(thrownCode([&] { (void)bad.CreateRequest(type); }), KVX_E_CANNOT_OPEN);
+        EXPECT_EQ(thrownCode([&] { (void)bad.CreatePayComplete(type, type); }), KVX_E_CANNOT_OPEN);
+        EXPECT_EQ(thrownCode([&] { (void)good.VerifyPayConfirm(kConfirmation, "00"); }), KVX_E_INVALID_SIGNATURE);
+    });
+    EXPECT_EQ(TbRefCounter::m_nTotalRef, living);
+}
+
+TEST(FactoryCalls, SurviveEveryFailingAllocation) {
+    AccountDir const account;
+    account.setDefaults(R"( LANGID="de" PAYINITTTL="60")");
+    KVXCIMPL_MessageFactory factory;
+    factory.Open(stringOf(account.path()));
+    TbString const data(kConfirmation);
+    TbString const signature = stringOf(account.sign(kConfirmation));
+    expectNoSlotIsLost(1, [&] {
+        EXPECT_GT(survivesEveryFailingAllocation([&] { OwnedMessage const made(factory.CreatePayInit()); }), 20);
+        EXPECT_GT(survivesEveryFailingAllocation([&] { OwnedMessage const made(factory.CreateRequest(data)); }), 5);
+        EXPECT_GT(
+            survivesEveryFailingAllocation([&] { OwnedMessage const made(factory.CreatePayComplete(data, data)); }), 5);
+        EXPECT_GT(
+            survivesEveryFailingAllocation([&] { OwnedMessage const made(factory.VerifyPayConfirm(data, signature)); }),
+            5);
+    });
+}

@@ -1,0 +1,299 @@
+#include <dlfcn.h>
+#include <uuid/uuid.h>
+
+#include <algorithm>
+#include <cctype>
+#include <clocale>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <limits>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tests/core/core_support.h"
+#include "tests/support/system_calls.h"
+
+using namespace kvxtest;
+
+namespace {
+
+bool g_ScriptedUuid = false;
+std::time_t g_Now = 0;
+
+}  // namespace
+
+// Takes the place of the library's function for all callers in this program, and passes the call on unless a test wants
+// known bytes.
+extern "C" __attribute__((visibility("default"))) void uuid_generate(uuid_t out) {
+    if (!g_ScriptedUuid) {
+        auto* const original = reinterpret_cast<void (*)(unsigned char*)>(::dlsym(RTLD_NEXT, "uuid_generate"));
+        original(out);
+        EXPECT_EQ(uuid_is_null(out), 0);  // also what keeps the library linked
+        return;
+    }
+    for (unsigned char i = 0; i < 16; ++i) {
+        out[i] = static_cast<unsigned char>(i * 0x11);
+    }
+}
+
+namespace {
+
+/// Makes `GetTimeDate` live at another time.
+class Clock {
+public:
+    explicit Clock(std::time_t now) {
+        g_Now = now;
+        m_Calls->time = [](std::time_t*) { return g_Now; };
+    }
+
+private:
+    SystemCalls m_Calls;
+};
+
+std::string encoded(std::string const& text) {
+    return bytesOf(KVX_Context().Encode(stringOf(text)));
+}
+
+struct Decoded {
+    std::int32_t code;
+    unsigned long size;
+    std::string bytes;  ///< The whole buffer; '?' where it is untouched.
+};
+
+Decoded decode(std::string const& hex, unsigned long capacity) {
+    unsigned char buffer[8];
+    std::memset(buffer, '?', sizeof buffer);
+    unsigned long size = capacity;
+    std::int32_t const code = KVX_Context().HexToBuffer(stringOf(hex), buffer, &size);
+    return {code, size, std::string(reinterpret_cast<char*>(buffer), sizeof buffer)};
+}
+
+}  // namespace
+
+TEST(Encode, PassesLettersAndDigitsAndEscapesEveryOtherByte) {
+    for (int value = 0; value < 256; ++value) {
+        char expected[4] = {static_cast<char>(value)};
+        bool const passes =
+            (value >= 'A' && value <= 'Z') || (value >= 'a' && value <= 'z') || (value >= '0' && value <= '9');
+        if (!passes) {
+            std::snprintf(expected, sizeof expected, "%%%02x", static_cast<unsigned>(value));
+        }
+        EXPECT_EQ(encoded(std::string(1, static_cast<char>(value))), expected) << value;
+    }
+}
+
+TEST(Encode, EncodesWholeTexts) {
+    EXPECT_EQ(encoded("a b/1"), "a%20b%2f1");
+    EXPECT_EQ(encoded(""), "");
+    EXPECT_EQ(encoded("\xC3\xA9"), "%c3%a9");
+    EXPECT_EQ(encoded(std::string("a\0b", 3)), "a%00b");
+    EXPECT_EQ(encoded("100%"), "100%25");
+    EXPECT_EQ(bytesOf(KVX_Context().Encode(TbString())), "");
+}
+
+TEST(Encode, EscapesTheSameBytesInAUtf8Locale) {
+    ASSERT_NE(std::setlocale(LC_CTYPE, "C.UTF-8"), nullptr);
+    std::string const text = encoded("\xC3\xA9 \x80\xFF");
+    std::setlocale(LC_CTYPE, "C");
+    EXPECT_EQ(text, "%c3%a9%20%80%ff");
+}
+
+TEST(BufferToHex, WritesTwoLowerCaseDigitsForEveryByte) {
+    std::vector<unsigned char> bytes;
+    std::string expected;
+    for (int value = 0; value < 256; ++value) {
+        bytes.push_back(static_cast<unsigned char>(value));
+        char digits[3];
+        std::snprintf(digits, sizeof digits, "%02x", static_cast<unsigned>(value));
+        expected += digits;
+    }
+    EXPECT_EQ(bytesOf(KVX_Context().BufferToHex(bytes.data(), bytes.size())), expected);
+}
+
+TEST(BufferToHex, MakesNothingOfNothing) {
+    unsigned char byte = 0;
+    EXPECT_EQ(bytesOf(KVX_Context().BufferToHex(&byte, 0)), "");
+    EXPECT_EQ(bytesOf(KVX_Context().BufferToHex(nullptr, 0)), "");
+}
+
+TEST(BufferToHex, RefusesALengthWhoseTextWouldNotFit) {
+    unsigned char byte = 0;
+    for (unsigned long const length : {0x80000000UL, 0xFFFFFFFFUL, 0x100000000UL, ~0UL}) {
+        EXPECT_EQ(thrownCode([&] { static_cast<void>(KVX_Context().BufferToHex(&byte, length)); }),
+                  KVX_E_OUT_OF_MEMORY);
+    }
+}
+
+TEST(HexToBuffer, DecodesAndRefuses) {
+    struct Case {
+        char const* hex;
+        unsigned long capacity;
+        std::int32_t code;
+        unsigned long size;
+        std::string bytes;
+    };
+    Case const cases[] = {
+        {"", 0, KVX_OK, 0, "????????"},
+        {"", 4, KVX_OK, 0, "????????"},
+        {"41", 4, KVX_OK, 1, "A???????"},
+        {"4142", 2, KVX_OK, 2, "AB??????"},
+        {"6A6b", 4, KVX_OK, 2, "jk??????"},
+        {"6a6B", 4, KVX_OK, 2, "jk??????"},
+        {"0A1", 4, KVX_OK, 1, "\x0A???????"},                  // a trailing odd digit is dropped
+        {"4", 1, KVX_OK, 0, "????????"},                       // and may be all there is
+        {"0A1", 1, KVX_E_BUFFER_TOO_SMALL, 1, "\x0A???????"},  // but needs room all the same
+        {"4", 0, KVX_E_BUFFER_TOO_SMALL, 0, "????????"},
+        {"4142", 1, KVX_E_BUFFER_TOO_SMALL, 1, "A???????"},
+        {"41g", 1, KVX_E_BUFFER_TOO_SMALL, 1, "A???????"},  // the room is looked at first
+        {"0g", 4, KVX_E_COMMAND_FAILED, 4, "????????"},
+        {"414g", 4, KVX_E_COMMAND_FAILED, 4, "A???????"},
+        {"41 42", 4, KVX_E_COMMAND_FAILED, 4, "A???????"},
+        {"41\n", 4, KVX_E_COMMAND_FAILED, 4, "A???????"},
+        {"0x41", 4, KVX_E_COMMAND_FAILED, 4, "????????"},
+        {"-1", 4, KVX_E_COMMAND_FAILED, 4, "????????"},
+    };
+    for (Case const& row : cases) {
+        Decoded const result = decode(row.hex, row.capacity);
+        EXPECT_EQ(result.code, row.code) << row.hex;
+        EXPECT_EQ(result.size, row.size) << row.hex;
+        EXPECT_EQ(result.bytes, row.bytes) << row.hex;
+    }
+}
+
+TEST(HexToBuffer, StoresTheFirstByteBeforeItFindsTheBufferTooSmall) {
+    Decoded const result = decode("0011", 1);
+    EXPECT_EQ(result.code, KVX_E_BUFFER_TOO_SMALL);
+    EXPECT_EQ(result.size, 1UL);
+    EXPECT_EQ(result.bytes, std::string("\0???????", 8));
+}
+
+TEST(HexToBuffer, KnowsExactlyTheHexadecimalDigits) {
+    for (int value = 0; value < 256; ++value) {
+        Decoded const result = decode(std::string(1, static_cast<char>(value)) + "0", 1);
+        bool const isDigit = value != 0 && std::strchr("0123456789abcdefABCDEF", value) != nullptr;
+        EXPECT_EQ(result.code, isDigit ? KVX_OK : KVX_E_COMMAND_FAILED) << value;
+        if (isDigit) {
+            EXPECT_EQ(static_cast<unsigned char>(result.bytes[0]),
+                      std::stoi(std::string(1, static_cast<char>(value)), nullptr, 16) * 16);
+        }
+    }
+}
+
+TEST(HexToBuffer, ReadsWhatBufferToHexWrites) {
+    unsigned char bytes[256];
+    for (int value = 0; value < 256; ++value) {
+        bytes[value] = static_cast<unsigned char>(value);
+    }
+    KVX_Context context;
+    unsigned char back[256] = {};
+    unsigned long size = sizeof back;
+    EXPECT_EQ(context.HexToBuffer(context.BufferToHex(bytes, sizeof bytes), back, &size), KVX_OK);
+    EXPECT_EQ(size, 256UL);
+    EXPECT_EQ(std::memcmp(bytes, back, sizeof bytes), 0);
+}
+
+TEST(SlToBackSl, ReplacesEverySlash) {
+    struct Case {
+        char const* text;
+        char const* expected;
+    };
+    for (Case const& row : {Case{"", ""}, Case{"/", "\\"}, Case{"a/b//c/", "a\\b\\\\c\\"}, Case{"a\\b", "a\\b"}}) {
+        TbString text(row.text);
+        KVX_Context().SlToBackSl(text);
+        EXPECT_EQ(bytesOf(text), row.expected);
+    }
+    TbString none;
+    KVX_Context().SlToBackSl(none);
+    EXPECT_TRUE(none.isEmpty());
+}
+
+TEST(CreateUuid, WritesTheLeadingFieldsAsLittleEndianNumbers) {
+    g_ScriptedUuid = true;
+    std::string const text = bytesOf(KVX_Context().CreateUuid());
+    g_ScriptedUuid = false;
+    EXPECT_EQ(text, "33221100554477668899aabbccddeeff");
+}
+
+TEST(CreateUuid, MakesTenThousandDifferentIdentifiers) {
+    std::set<std::string> seen;
+    for (int i = 0; i < 10000; ++i) {
+        std::string const text = bytesOf(KVX_Context().CreateUuid());
+        ASSERT_EQ(text.size(), 32U);
+        ASSERT_EQ(text.find_first_not_of("0123456789abcdef"), std::string::npos) << text;
+        seen.insert(text);
+    }
+    EXPECT_EQ(seen.size(), 10000U);
+}
+
+TEST(TimeStamp, IsTheUtcTime) {
+    struct Case {
+        std::time_t now;
+        double seconds;
+        char const* expected;
+    };
+    Case const cases[] = {
+        {1706745547, 0, "20240131 23:59:07"},     {0, 0, "19700101 00:00:00"},
+        {0, 86400, "19700102 00:00:00"},          {0, -1, "19691231 23:59:59"},
+        {951782399, 1, "20000229 00:00:00"},      {1706745547, 53, "20240201 00:00:00"},
+        {1706745547, 0.999, "20240131 23:59:07"}, {1706745547, 1.999, "20240131 23:59:08"},
+        {1706745547, -0.9, "20240131 23:59:07"},  {1706745547, -1.9, "20240131 23:59:06"},
+        {4294967296, 0, "21060207 06:28:16"},
+    };
+    for (Case const& row : cases) {
+        Clock const clock(row.now);
+        EXPECT_EQ(bytesOf(GetTimeDate(row.seconds)), row.expected) << row.now << " " << row.seconds;
+    }
+}
+
+TEST(TimeStamp, IgnoresTheLocalTimeZone) {
+    Clock const clock(1706745547);
+    ::setenv("TZ", "UTC-9", 1);
+    ::tzset();
+    std::string const text = bytesOf(GetTimeDate(0));
+    ::unsetenv("TZ");
+    ::tzset();
+    EXPECT_EQ(text, "20240131 23:59:07");
+}
+
+TEST(TimeStamp, StaysWithinFourDigitsOfYear) {
+    double const infinity = std::numeric_limits<double>::infinity();
+    struct Case {
+        double seconds;
+        char const* expected;
+    };
+    Case const cases[] = {
+        {std::nan(""), "20240131 23:59:07"},
+        {-std::nan(""), "20240131 23:59:07"},
+        {infinity, "20240131 23:59:07"},
+        {-infinity, "20240131 23:59:07"},
+        {1e300, "99991231 23:59:59"},
+        {-1e300, "00000101 00:00:00"},
+        {std::numeric_limits<double>::max(), "99991231 23:59:59"},
+        {std::numeric_limits<double>::denorm_min(), "20240131 23:59:07"},
+        {9.3e18, "99991231 23:59:59"},
+        {-9.3e18, "00000101 00:00:00"},
+        {253402300799.0 - 1706745547, "99991231 23:59:59"},
+        {253402300800.0 - 1706745547, "99991231 23:59:59"},
+        {253402300798.0 - 1706745547, "99991231 23:59:58"},
+        {-62167219200.0 - 1706745547, "00000101 00:00:00"},
+        {-62167219201.0 - 1706745547, "00000101 00:00:00"},
+        {-62167219199.0 - 1706745547, "00000101 00:00:01"},
+    };
+    Clock const clock(1706745547);
+    for (Case const& row : cases) {
+        EXPECT_EQ(bytesOf(GetTimeDate(row.seconds)), row.expected) << row.seconds;
+    }
+}
+
+TEST(TimeStamp, ComesFromTheSystemsClock) {
+    std::time_t const before = ::time(nullptr);
+    std::string const text = bytesOf(GetTimeDate(0));
+    std::time_t const after = ::time(nullptr);
+    std::tm parts = {};
+    ASSERT_NE(::strptime(text.c_str(), "%Y%m%d %H:%M:%S", &parts), nullptr) << text;
+    std::time_t const told = ::timegm(&parts);
+    EXPECT_GE(told, before);
+    EXPECT_LE(told, after);
+}

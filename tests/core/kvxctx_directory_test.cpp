@@ -1,0 +1,322 @@
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include "tests/core/core_support.h"
+#include "tests/support/system_calls.h"
+
+using namespace kvxtest;
+
+namespace {
+
+constexpr char kCannotCreate[] = " (KVX_Context::CreatePath(): failed to create directory)";
+
+/// Works in another directory while it lives.
+class WorkingDirectory {
+public:
+    explicit WorkingDirectory(std::string const& path) : m_Before(std::filesystem::current_path()) {
+        std::filesystem::current_path(path);
+    }
+    WorkingDirectory(WorkingDirectory const&) = delete;
+    WorkingDirectory& operator=(WorkingDirectory const&) = delete;
+    ~WorkingDirectory() { std::filesystem::current_path(m_Before); }
+
+private:
+    std::filesystem::path m_Before;
+};
+
+mode_t modeOf(std::string const& path) {
+    struct stat status = {};
+    EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
+    return status.st_mode & 07777;
+}
+
+/// The credentials that requests of `context` carry.
+std::string credentialsOf(KVX_Context& context) {
+    TbStringStream message;
+    TbString url;
+    context.RequestToURL("http://host/", message, "", url);
+    std::string const text = bytesOf(url);
+    return text.substr(7, text.find("host/") - 7);
+}
+
+}  // namespace
+
+TEST(Context, StartsWithoutAPath) {
+    KVX_Context context;
+    EXPECT_EQ(bytesOf(context.GetPath()), "");
+    EXPECT_EQ(credentialsOf(context), "");
+}
+
+TEST(Context, KeepsPathAndOptionsInACopy) {
+    Account account;
+    account.context.SetOption("UserName", "u");
+    account.context.SetOption("Password", "p");
+    KVX_Context copy(account.context);
+    KVX_Context assigned;
+    assigned = account.context;
+    for (KVX_Context* context : {&copy, &assigned}) {
+        EXPECT_EQ(bytesOf(context->GetPath()), account.path());
+        EXPECT_EQ(credentialsOf(*context), "u:p@");
+    }
+}
+
+TEST(OpenContext, LeavesAnExistingDirectoryUntouched) {
+    TempDir dir;
+    dir.write("config.xml", "x");
+    ::chmod(dir.path().c_str(), 0750);
+    KVX_Context context;
+    context.Open(dir.path().c_str());
+    EXPECT_EQ(bytesOf(context.GetPath()), dir.path());
+    EXPECT_EQ(modeOf(dir.path()), mode_t{0750});
+    EXPECT_EQ(dir.read("config.xml"), "x");
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1);
+}
+
+TEST(OpenContext, CreatesTheLastDirectoryUnderTheUmask) {
+    TempDir dir;
+    mode_t const before = ::umask(027);
+    KVX_Context context;
+    context.Open(dir.file("account").c_str());
+    ::umask(before);
+    EXPECT_TRUE(std::filesystem::is_directory(dir.file("account")));
+    EXPECT_EQ(modeOf(dir.file("account")), mode_t{0750});
+}
+
+TEST(OpenContext, CreatesWithAllPermissionsWithoutUmask) {
+    TempDir dir;
+    mode_t const before = ::umask(0);
+    KVX_Context().Open(dir.file("account").c_str());
+    ::umask(before);
+    EXPECT_EQ(modeOf(dir.file("account")), mode_t{0777});
+}
+
+TEST(OpenContext, TakesTheCurrentDirectoryForAnEmptyPathAndCreatesNothing) {
+    TempDir dir;
+    WorkingDirectory const here(dir.path());
+    for (TbString const& path : {TbString(), TbString("")}) {
+        KVX_Context context;
+        context.Open(path);
+        EXPECT_EQ(bytesOf(context.GetPath()), dir.path());
+    }
+    EXPECT_TRUE(std::filesystem::is_empty(dir.path()));
+}
+
+TEST(OpenContext, KeepsATrailingSeparator) {
+    TempDir dir;
+    KVX_Context context;
+    context.Open((dir.path() + "/").c_str());
+    EXPECT_EQ(bytesOf(context.GetPath()), dir.path() + "/");
+    TraceRecorder const recorder;
+    context.UpdateFile("file", "content");
+    EXPECT_EQ(dir.read("file"), "content");
+    EXPECT_EQ(recorder.records().at(0).detail, dir.path() + "//file");
+    TbString value;
+    EXPECT_TRUE(context.QueryValue("file", "", value));
+    EXPECT_EQ(bytesOf(value), "content");
+}
+
+TEST(OpenContext, FailsWithTheSystemsOwnErrorNumber) {
+    TempDir dir;
+    dir.write("file", "x");
+    struct Case {
+        std::string path;
+        std::int32_t code;
+        std::string text;
+    };
+    Case const cases[] = {
+        {dir.file("missing/account"), 2, "ErrorCode = 0x2"},
+        {dir.file("file"), 17, "ErrorCode = 0x11"},
+        {dir.file("file/account"), 20, "ErrorCode = 0x14"},
+        {dir.file(std::string(300, 'x')), 36, "ErrorCode = 0x24"},
+        {dir.path() + std::string(5000, '/') + "x", 36, "ErrorCode = 0x24"},
+    };
+    for (Case const& row : cases) {
+        KVX_Context context;
+        Thrown const failure = thrown([&] { context.Open(row.path.c_str()); });
+        EXPECT_EQ(failure.code, row.code) << row.path;
+        EXPECT_EQ(failure.text, row.text + kCannotCreate) << row.path;
+        EXPECT_EQ(failure.file, "kvxbase");
+        EXPECT_EQ(failure.line, 55);
+        EXPECT_EQ(bytesOf(context.GetPath()), row.path) << "the path is kept";
+    }
+    EXPECT_EQ(dir.read("file"), "x");
+}
+
+TEST(OpenContext, TracesThePathBeforeItCreatesTheDirectory) {
+    TempDir dir;
+    TraceRecorder const recorder;
+    KVX_Context context;
+    context.Open(dir.path().c_str());
+    std::string const wrong = dir.file("missing/account");
+    EXPECT_EQ(thrownCode([&] { context.Open(wrong.c_str()); }), 2);
+    EXPECT_EQ(linesOf(recorder.records()),
+              (std::vector<std::string>{"kvxctx:23:0:OPEN CONTEXT:" + dir.path(), "kvxctx:23:0:OPEN CONTEXT:" + wrong,
+                                        std::string("kvxbase:55:2:EXCEPTION:ErrorCode = 0x2") + kCannotCreate}));
+}
+
+TEST(OpenContext, TracesTheCurrentDirectoryForAnEmptyPath) {
+    TempDir dir;
+    WorkingDirectory const here(dir.path());
+    TraceRecorder const recorder;
+    KVX_Context context;
+    context.Open("");
+    EXPECT_EQ(linesOf(recorder.records()), std::vector<std::string>{"kvxctx:23:0:OPEN CONTEXT:" + dir.path()});
+}
+
+TEST(OpenContext, ReplacesThePathAndKeepsTheOptions) {
+    Account account;
+    TempDir other;
+    account.context.SetOption("UserName", "u");
+    account.context.SetOption("Password", "p");
+    account.context.Open(other.file("second").c_str());
+    EXPECT_EQ(bytesOf(account.context.GetPath()), other.file("second"));
+    EXPECT_TRUE(other.exists("second"));
+    EXPECT_EQ(credentialsOf(account.context), "u:p@");
+}
+
+TEST(OpenContext, FailsInADirectoryThatIsTooDeepToBeNamed) {
+    TempDir dir;
+    std::string deep = dir.path();
+    while (deep.size() < 300) {
+        deep += "/" + std::string(100, 'd');
+    }
+    std::filesystem::create_directories(deep);
+    WorkingDirectory const here(deep);
+    KVX_Context context;
+    EXPECT_EQ(bytesOf(context.GetDefaultConfiguration()), "");
+    Thrown const failure = thrown([&] { context.Open(""); });
+    EXPECT_EQ(failure.code, 2);
+    EXPECT_EQ(failure.text, std::string("ErrorCode = 0x2") + kCannotCreate);
+    EXPECT_EQ(bytesOf(context.GetPath()), "");
+}
+
+TEST(DefaultConfiguration, IsTheCurrentDirectoryUpToABufferOf255Bytes) {
+    static std::size_t s_Length = 0;
+    SystemCalls calls;
+    calls->getcwd = [](char* buffer, std::size_t bytes) -> char* {
+        EXPECT_EQ(bytes, 255U);
+        if (s_Length >= bytes) {
+            errno = ERANGE;
+            return nullptr;
+        }
+        std::memset(buffer, 'd', s_Length);
+        buffer[s_Length] = '\0';
+        return buffer;
+    };
+    for (std::size_t const length : {1U, 253U, 254U}) {
+        s_Length = length;
+        EXPECT_EQ(bytesOf(KVX_Context().GetDefaultConfiguration()), std::string(length, 'd'));
+    }
+    for (std::size_t const length : {255U, 256U, 4000U}) {
+        s_Length = length;
+        EXPECT_EQ(bytesOf(KVX_Context().GetDefaultConfiguration()), "") << length;
+    }
+}
+
+TEST(DefaultConfiguration, IsEmptyWhateverAFailureLeavesInTheBuffer) {
+    SystemCalls calls;
+    calls->getcwd = [](char* buffer, std::size_t) -> char* {
+        std::memset(buffer, 'x', 10);
+        errno = ENOENT;
+        return nullptr;
+    };
+    EXPECT_EQ(bytesOf(KVX_Context().GetDefaultConfiguration()), "");
+}
+
+TEST(CreatePath, AcceptsADirectoryThatAnotherProcessJustCreated) {
+    static int s_Looked = 0;
+    s_Looked = 0;
+    TempDir dir;
+    SystemCalls calls;
+    calls->opendir = [](char const* path) -> DIR* {
+        if (s_Looked++ == 0) {
+            errno = ENOENT;
+            return nullptr;
+        }
+        return ::opendir(path);
+    };
+    KVX_Context context;
+    EXPECT_NO_THROW(context.CreatePath(dir.path().c_str()));
+    EXPECT_EQ(s_Looked, 2);
+}
+
+TEST(CreatePath, LooksOnceMoreAndThenFails) {
+    static int s_Looked = 0;
+    s_Looked = 0;
+    TempDir dir;
+    SystemCalls calls;
+    calls->opendir = [](char const*) -> DIR* {
+        ++s_Looked;
+        errno = EACCES;
+        return nullptr;
+    };
+    KVX_Context context;
+    EXPECT_EQ(thrownCode([&] { context.CreatePath(dir.path().c_str()); }), 17);
+    EXPECT_EQ(s_Looked, 2);
+}
+
+TEST(CreatePath, ReportsTheErrorOfTheCreation) {
+    SystemCalls calls;
+    calls->mkdir = [](char const*, mode_t mode) {
+        EXPECT_EQ(mode, mode_t{0777});
+        errno = ENOSPC;
+        return -1;
+    };
+    TempDir dir;
+    KVX_Context context;
+    Thrown const failure = thrown([&] { context.CreatePath(dir.file("x").c_str()); });
+    EXPECT_EQ(failure.code, ENOSPC);
+    EXPECT_EQ(failure.text, std::string("ErrorCode = 0x1c") + kCannotCreate);
+}
+
+TEST(CreatePath, LeavesNoDirectoryOpen) {
+    TempDir dir;
+    auto const before = countDescriptors();
+    for (int i = 0; i < 10; ++i) {
+        KVX_Context().CreatePath(dir.path().c_str());
+    }
+    EXPECT_EQ(countDescriptors(), before);
+}
+
+TEST(SetOption, AcceptsThreeNames) {
+    KVX_Context context;
+    context.SetOption("UserName", "alice");
+    EXPECT_EQ(credentialsOf(context), "alice:@");
+    context.SetOption("Password", "secret");
+    EXPECT_EQ(credentialsOf(context), "alice:secret@");
+    context.SetOption("UserName", "");
+    EXPECT_EQ(credentialsOf(context), ":secret@");
+    context.SetOption("Password", "");
+    EXPECT_EQ(credentialsOf(context), "");
+    EXPECT_NO_THROW(context.SetOption("VTAUTOURL", "http://127.0.0.1/"));
+}
+
+TEST(SetOption, RefusesEveryOtherName) {
+    KVX_Context context;
+    char const* const names[] = {"username", "password",  "vtautourl", "USERNAME", "UserNam",       "UserNames",
+                                 "",         " UserName", "UserName ", "Passwort", "KVX.VTAUTOURL", "VTURL"};
+    for (char const* name : names) {
+        TraceRecorder const recorder;
+        Thrown const failure = thrown([&] { context.SetOption(name, "value"); });
+        EXPECT_EQ(failure.code, KVX_E_INVALID_OPTION) << name;
+        EXPECT_EQ(failure.text, "invalid option");
+        EXPECT_EQ(failure.file, "kvxctx");
+        EXPECT_EQ(failure.line, 38);
+        EXPECT_EQ(linesOf(recorder.records()), std::vector<std::string>{"kvxctx:38:80040207:EXCEPTION:invalid option"});
+    }
+    EXPECT_EQ(credentialsOf(context), "");
+}
+
+TEST(LogMessage, IsWrittenNowhere) {
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    TraceRecorder const recorder;
+    KVX_Context().LogMessage("CREATE PATH: %s");
+    EXPECT_TRUE(recorder.records().empty());
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}

@@ -1,0 +1,414 @@
+#include <openssl/rand.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <string>
+
+#include "tests/core/core_support.h"
+#include "tests/support/system_calls.h"
+
+using namespace kvxtest;
+
+namespace {
+
+std::string signedBy(Account& account, std::string const& data, std::string const& keyId) {
+    TbString signature;
+    account.context.SignData(stringOf(data), stringOf(keyId), signature);
+    return bytesOf(signature);
+}
+
+/// The code that verifying ends in.
+std::int32_t verified(Account& account, std::string const& data, std::string const& keyId,
+                      std::string const& signature) {
+    return thrownCode([&] { account.context.VerifyData(stringOf(data), stringOf(keyId), stringOf(signature)); });
+}
+
+std::int32_t signingCode(Account& account, std::string const& data, std::string const& keyId) {
+    TbString signature("untouched");
+    std::int32_t const code = thrownCode([&] { account.context.SignData(stringOf(data), stringOf(keyId), signature); });
+    EXPECT_EQ(bytesOf(signature) == "untouched", code != KVX_OK);
+    return code;
+}
+
+std::string upperCase(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](char c) { return c >= 'a' ? static_cast<char>(c - 32) : c; });
+    return text;
+}
+
+/// A random generator that delivers nothing, while it lives.
+class NoRandomness {
+public:
+    NoRandomness() {
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+        m_Before = RAND_get_rand_method();
+        m_Method.bytes = [](unsigned char*, int) { return 0; };
+        m_Method.pseudorand = m_Method.bytes;
+        m_Method.status = [] { return 0; };
+        RAND_set_rand_method(&m_Method);
+    }
+    NoRandomness(NoRandomness const&) = delete;
+    NoRandomness& operator=(NoRandomness const&) = delete;
+    ~NoRandomness() {
+        RAND_set_rand_method(m_Before);
+    }
+#pragma GCC diagnostic pop
+
+private:
+    RAND_METHOD m_Method = {};
+    RAND_METHOD const* m_Before = nullptr;
+};
+
+void makeKeyDirectories(Account const& account) {
+    std::filesystem::create_directories(account.dir.file("keys/public"));
+    std::filesystem::create_directories(account.dir.file("keys/private"));
+}
+
+void expectPlain(Thrown const& failure, std::int32_t code, std::string const& text) {
+    EXPECT_EQ(failure.code, code);
+    EXPECT_EQ(failure.text, text) << "without a detail";
+    EXPECT_EQ(failure.file, "kvxctx");
+}
+
+}  // namespace
+
+TEST(GenKey, StoresBothHalvesAsHexadecimalTextThePublicOneFirst) {
+    Account account;
+    makeKeyDirectories(account);
+    TraceRecorder const recorder;
+    TbString keyId("0-1-abc");
+    account.context.GenKey(keyId);
+    EXPECT_EQ(bytesOf(keyId), "0-1-abc");
+    EXPECT_EQ(linesOf(recorder.records()),
+              (std::vector<std::string>{"kvxctx:217:0:UPDATE:" + account.dir.file("keys/public/0-1-abc"),
+                                        "kvxctx:217:0:UPDATE:" + account.dir.file("keys/private/0-1-abc")}));
+    std::string const publicHalf = account.read("keys/public/0-1-abc");
+    std::string const privateHalf = account.read("keys/private/0-1-abc");
+    EXPECT_EQ(publicHalf.find_first_not_of("0123456789abcdef"), std::string::npos);
+    EXPECT_EQ(privateHalf.find_first_not_of("0123456789abcdef"), std::string::npos);
+    EXPECT_EQ(publicHalf.size(), 148U) << "74 bytes";
+    EXPECT_GT(privateHalf.size(), 600U);
+    EXPECT_EQ(publicHalf.substr(0, 10), "3048024100");
+    EXPECT_EQ(publicHalf.substr(138), "0203010001") << "exponent 65537";
+}
+
+TEST(GenKey, MakesAPairThatFits) {
+    Account account;
+    makeKeyDirectories(account);
+    TbString keyId("a");
+    TbString other("b");
+    account.context.GenKey(keyId);
+    account.context.GenKey(other);
+    std::string const signature = signedBy(account, "text", "a");
+    EXPECT_EQ(signature.size(), 128U);
+    EXPECT_EQ(verified(account, "text", "a", signature), KVX_OK);
+    EXPECT_EQ(verified(account, "text", "b", signature), KVX_E_INVALID_SIGNATURE);
+}
+
+TEST(GenKey, ReplacesAKeyAtOnce) {
+    Account account;
+    account.writeOwnKey("a");
+    TbString keyId("a");
+    std::string const before = signedBy(account, "text", "a");
+    account.context.GenKey(keyId);
+    EXPECT_NE(signedBy(account, "text", "a"), before);
+    EXPECT_EQ(verified(account, "text", "a", before), KVX_E_INVALID_SIGNATURE);
+}
+
+TEST(GenKey, FailsWithoutRandomnessAndWritesNothing) {
+    Account account;
+    makeKeyDirectories(account);
+    Thrown failure;
+    {
+        NoRandomness const none;
+        TbString keyId("a");
+        failure = thrown([&] { account.context.GenKey(keyId); });
+    }
+    expectPlain(failure, KVX_E_CRYPTO, "cryptographic error");
+    EXPECT_TRUE(account.filesIn("keys/public").empty());
+    EXPECT_TRUE(account.filesIn("keys/private").empty());
+}
+
+TEST(GenKey, FailsWithoutDirectories) {
+    Account account;
+    TbString keyId("a");
+    Thrown const failure = thrown([&] { account.context.GenKey(keyId); });
+    expectPlain(failure, KVX_E_FILE_NOT_FOUND, "file not found");
+    EXPECT_EQ(failure.line, 205);
+    std::filesystem::create_directories(account.dir.file("keys/public"));
+    EXPECT_EQ(thrownCode([&] { account.context.GenKey(keyId); }), KVX_E_FILE_NOT_FOUND);
+    EXPECT_TRUE(account.exists("keys/public/a")) << "the first half stays when the second cannot be written";
+}
+
+TEST(SignData, GivesTheSignaturesOfAnotherProgram) {
+    Account account;
+    account.writeOwnKey("own");
+    EXPECT_EQ(signedBy(account, dataFile("signing/plain.txt"), "own"), hexFile("signing/plain.signature.hex"));
+    EXPECT_EQ(signedBy(account, dataFile("signing/confirm.txt"), "own"), hexFile("signing/confirm-zero.signature.hex"));
+    EXPECT_EQ(signedBy(account, "", "own"), hexFile("rsa/key512-empty.signature.hex"));
+    account.write("keys/private/second", hexFile("sandbox/key-private.hex"));
+    EXPECT_EQ(signedBy(account, dataFile("sandbox/message.txt"), "second"), hexFile("sandbox/signature-zero.hex"));
+}
+
+TEST(SignData, DoesNotSignTheBareBytes) {
+    Account account;
+    account.writeOwnKey("own");
+    EXPECT_NE(signedBy(account, dataFile("signing/plain.txt"), "own"), hexFile("signing/plain-bytes.signature.hex"));
+    EXPECT_EQ(verified(account, dataFile("signing/plain.txt"), "own", hexFile("signing/plain-bytes.signature.hex")),
+              KVX_E_INVALID_SIGNATURE);
+}
+
+TEST(SignData, SignsEveryByteOfTheText) {
+    Account account;
+    account.writeOwnKey("own");
+    std::string const text("a\0b\0", 4);
+    EXPECT_EQ(signedBy(account, text, "own"), signedElsewhere(text, Widening::kWithoutSign));
+    EXPECT_NE(signedBy(account, text, "own"), signedBy(account, text.substr(0, 3), "own"));
+    std::string all;
+    for (int value = 0; value < 256; ++value) {
+        all += static_cast<char>(value);
+    }
+    EXPECT_EQ(signedBy(account, all, "own"), signedElsewhere(all, Widening::kWithoutSign));
+}
+
+TEST(SignData, HasNoKeyForAnUnknownIdentifier) {
+    Account account;
+    account.writeServerKey("imported");
+    makeKeyDirectories(account);
+    for (char const* keyId : {"unknown", "imported", "", ".", "..", "a/b"}) {
+        EXPECT_EQ(signingCode(account, "text", keyId), KVX_E_NOT_FOUND) << keyId;
+    }
+    TbString signature;
+    expectPlain(thrown([&] { account.context.SignData("text", "unknown", signature); }), KVX_E_NOT_FOUND,
+                "requested item was not found");
+    EXPECT_EQ(verified(account, "text", "imported", signedElsewhere("text", Widening::kWithSign)), KVX_OK)
+        << "an imported key can verify";
+}
+
+TEST(SignData, RefusesUnusableKeyFiles) {
+    std::string const key = hexFile("rsa/key512.private.hex");
+    struct Case {
+        std::string content;
+        std::int32_t code;
+    };
+    Case const cases[] = {
+        {"no key", KVX_E_INVALID_KEY},
+        {key + "\n", KVX_E_INVALID_KEY},
+        {" " + key, KVX_E_INVALID_KEY},
+        {key + std::string(2 * 1024, '0'), KVX_E_INVALID_KEY},  // more than 1024 bytes
+        {std::string(2 * 1024 + 1, '0'), KVX_E_INVALID_KEY},
+        {std::string(2 * 1024, '0'), KVX_E_CRYPTO},
+        {"", KVX_E_CRYPTO},
+        {"0", KVX_E_CRYPTO},
+        {"00", KVX_E_CRYPTO},
+        {hexFile("rsa/key512.public.hex"), KVX_E_CRYPTO},
+        {hexFile("rsa/key512.pkcs8.hex"), KVX_E_CRYPTO},
+        {key, KVX_OK},
+        {upperCase(key), KVX_OK},
+        {key + "0", KVX_OK},     // an odd digit is dropped
+        {key + "ffff", KVX_OK},  // bytes behind the key are ignored
+    };
+    for (Case const& row : cases) {
+        Account account;
+        account.write("keys/private/own", row.content);
+        EXPECT_EQ(signingCode(account, "text", "own"), row.code) << row.content;
+    }
+}
+
+TEST(SignData, RefusesAKeyCutAtAnyLength) {
+    Account account;
+    std::string const key = hexFile("rsa/key512.private.hex");
+    for (std::size_t length = 0; length < key.size(); length += 2) {
+        account.write("keys/private/own", key.substr(0, length));
+        EXPECT_EQ(signingCode(account, "text", "own"), KVX_E_CRYPTO) << length;
+    }
+}
+
+TEST(SignData, PassesEveryOtherFailureOfTheReading) {
+    KVX_Context context;
+    TbString signature;
+    Thrown const unopened = thrown([&] { context.SignData("text", "own", signature); });
+    expectPlain(unopened, KVX_E_NO_CONTEXT, "no context present");
+    EXPECT_EQ(unopened.line, 71);
+
+    Account account;
+    account.writeOwnKey("own");
+    SystemCalls calls;
+    calls->read = [](int, void*, std::size_t) -> ssize_t {
+        errno = EIO;
+        return -1;
+    };
+    EXPECT_EQ(signingCode(account, "text", "own"), KVX_E_FILE_IO);
+    EXPECT_EQ(verified(account, "text", "own", "00"), KVX_E_FILE_IO);
+}
+
+TEST(VerifyData, AcceptsTheSignaturesOfAnotherProgram) {
+    Account account;
+    account.writeServerKey("server");
+    EXPECT_EQ(verified(account, dataFile("signing/plain.txt"), "server", hexFile("signing/plain.signature.hex")),
+              KVX_OK);
+    EXPECT_EQ(verified(account, dataFile("signing/confirm.txt"), "server", hexFile("signing/confirm.signature.hex")),
+              KVX_OK);
+    EXPECT_EQ(verified(account, "", "server", hexFile("rsa/key512-empty.signature.hex")), KVX_OK);
+    account.write("keys/public/second", hexFile("sandbox/key-public.hex"));
+    std::string const message = dataFile("sandbox/message.txt");
+    EXPECT_EQ(verified(account, message, "second", hexFile("sandbox/signature-sign.hex")), KVX_OK);
+    EXPECT_EQ(verified(account, message, "second", hexFile("sandbox/signature-digestinfo.hex")),
+              KVX_E_INVALID_SIGNATURE);
+}
+
+TEST(VerifyData, KeepsRefusingWhatSignDataMadeOfBytesAbove127) {
+    Account account;
+    account.writeOwnKey("own");
+    EXPECT_EQ(verified(account, dataFile("signing/confirm.txt"), "own", hexFile("signing/confirm-zero.signature.hex")),
+              KVX_E_INVALID_SIGNATURE);
+    for (int value = 0; value < 256; ++value) {
+        std::string const text = "x" + std::string(1, static_cast<char>(value));
+        EXPECT_EQ(verified(account, text, "own", signedBy(account, text, "own")),
+                  value < 128 ? KVX_OK : KVX_E_INVALID_SIGNATURE)
+            << value;
+        EXPECT_EQ(verified(account, text, "own", signedElsewhere(text, Widening::kWithSign)), KVX_OK) << value;
+    }
+}
+
+TEST(VerifyData, AcceptsAnEmptyText) {
+    Account account;
+    account.writeOwnKey("own");
+    EXPECT_EQ(verified(account, "", "own", signedBy(account, "", "own")), KVX_OK);
+    EXPECT_EQ(verified(account, " ", "own", signedBy(account, "", "own")), KVX_E_INVALID_SIGNATURE);
+}
+
+TEST(VerifyData, RefusesEveryFlippedBit) {
+    Account account;
+    account.writeServerKey("server");
+    std::string const text = dataFile("signing/plain.txt");
+    std::string const signature = hexFile("signing/plain.signature.hex");
+    for (std::size_t digit = 0; digit < signature.size(); ++digit) {
+        for (int bit = 1; bit < 16; bit *= 2) {
+            int const value = std::stoi(signature.substr(digit, 1), nullptr, 16) ^ bit;
+            std::string changed = signature;
+            changed[digit] = "0123456789abcdef"[value];
+            EXPECT_EQ(verified(account, text, "server", changed), KVX_E_INVALID_SIGNATURE) << digit << " " << bit;
+        }
+    }
+    for (std::size_t index = 0; index < text.size(); ++index) {
+        std::string changed = text;
+        changed[index] = static_cast<char>(changed[index] ^ 1);
+        EXPECT_EQ(verified(account, changed, "server", signature), KVX_E_INVALID_SIGNATURE) << index;
+    }
+}
+
+TEST(VerifyData, RefusesASignatureOfAnyOtherLength) {
+    Account account;
+    account.writeServerKey("server");
+    std::string const text = dataFile("signing/plain.txt");
+    std::string const signature = hexFile("signing/plain.signature.hex");
+    for (std::size_t length = 0; length < signature.size(); ++length) {
+        EXPECT_EQ(verified(account, text, "server", signature.substr(0, length)), KVX_E_INVALID_SIGNATURE) << length;
+    }
+    EXPECT_EQ(verified(account, text, "server", signature + "00"), KVX_E_INVALID_SIGNATURE);
+    EXPECT_EQ(verified(account, text, "server", "00" + signature), KVX_E_INVALID_SIGNATURE);
+}
+
+TEST(VerifyData, KeepsAcceptingOtherSpellingsOfASignature) {
+    Account account;
+    account.writeServerKey("server");
+    std::string const text = dataFile("signing/plain.txt");
+    std::string const signature = hexFile("signing/plain.signature.hex");
+    EXPECT_EQ(verified(account, text, "server", upperCase(signature)), KVX_OK);
+    for (char const digit : std::string("0f9A")) {
+        EXPECT_EQ(verified(account, text, "server", signature + digit), KVX_OK) << digit;
+    }
+}
+
+TEST(VerifyData, KeepsTheCodeOfABadKeyForASignatureThatIsNoHexadecimalText) {
+    Account account;
+    account.writeServerKey("server");
+    std::string const signature = hexFile("signing/plain.signature.hex");
+    for (std::string const& text : {std::string("no signature"), signature + "\n", " " + signature, signature + "0g",
+                                    signature + "g", std::string("\0", 1), std::string(2 * 4096 + 1, '0')}) {
+        EXPECT_EQ(verified(account, dataFile("signing/plain.txt"), "server", text), KVX_E_INVALID_KEY);
+    }
+    EXPECT_EQ(verified(account, "x", "server", std::string(2 * 4096, '0')), KVX_E_INVALID_SIGNATURE) << "room for 4096";
+    Thrown const failure = thrown([&] { account.context.VerifyData("x", "server", "g"); });
+    expectPlain(failure, KVX_E_INVALID_KEY, "invalid key blob");
+}
+
+TEST(VerifyData, RefusesUnusableKeyFiles) {
+    std::string const key = hexFile("rsa/key512.public.hex");
+    std::string const text = dataFile("signing/plain.txt");
+    std::string const signature = hexFile("signing/plain.signature.hex");
+    struct Case {
+        std::string content;
+        std::int32_t code;
+    };
+    Case const cases[] = {
+        {"no key", KVX_E_INVALID_KEY},
+        {key + "\n", KVX_E_INVALID_KEY},
+        {std::string(2 * 1024 + 1, '0'), KVX_E_INVALID_KEY},
+        {std::string(2 * 1024, '0'), KVX_E_INVALID_SIGNATURE},
+        {"", KVX_E_INVALID_SIGNATURE},
+        {hexFile("rsa/key512.spki.hex"), KVX_E_INVALID_SIGNATURE},
+        {hexFile("rsa/key512.private.hex"), KVX_E_INVALID_SIGNATURE},
+        {hexFile("rsa/key1024.public.hex"), KVX_E_INVALID_SIGNATURE},
+        {hexFile("rsa/key2048.public.hex"), KVX_E_INVALID_SIGNATURE},
+        {key, KVX_OK},
+        {upperCase(key), KVX_OK},
+        {key + "0", KVX_OK},
+        {key + "ffff", KVX_OK},
+    };
+    for (Case const& row : cases) {
+        Account account;
+        account.write("keys/public/server", row.content);
+        EXPECT_EQ(verified(account, text, "server", signature), row.code) << row.content;
+    }
+}
+
+TEST(VerifyData, ChecksTheKeyBeforeTheSignatureText) {
+    Account account;
+    EXPECT_EQ(verified(account, "x", "server", "g"), KVX_E_NOT_FOUND);
+    account.write("keys/public/server", "");
+    EXPECT_EQ(verified(account, "x", "server", "g"), KVX_E_INVALID_KEY);
+    EXPECT_EQ(verified(account, "x", "server", "00"), KVX_E_INVALID_SIGNATURE);
+    Thrown const failure = thrown([&] { account.context.VerifyData("x", "missing", "00"); });
+    expectPlain(failure, KVX_E_NOT_FOUND, "requested item was not found");
+    expectPlain(thrown([&] { account.context.VerifyData("x", "server", "00"); }), KVX_E_INVALID_SIGNATURE,
+                "invalid signature");
+}
+
+TEST(VerifyData, HasNoKeyForTheDirectoriesThemselves) {
+    Account account;
+    makeKeyDirectories(account);
+    for (char const* keyId : {"", ".", "..", "missing", "a/b"}) {
+        EXPECT_EQ(verified(account, "x", keyId, "00"), KVX_E_NOT_FOUND) << keyId;
+    }
+    EXPECT_EQ(verified(account, "x", std::string(300, 'x'), "00"), KVX_E_NOT_FOUND);
+}
+
+TEST(VerifyData, RefusesAnUnopenedContext) {
+    KVX_Context context;
+    Thrown const failure = thrown([&] { context.VerifyData("x", "server", "00"); });
+    expectPlain(failure, KVX_E_NO_CONTEXT, "no context present");
+    EXPECT_EQ(failure.line, 71);
+}
+
+TEST(VerifyData, ReadsTheKeyAgainEachTime) {
+    Account account;
+    account.writeServerKey("server");
+    std::string const text = dataFile("signing/plain.txt");
+    std::string const signature = hexFile("signing/plain.signature.hex");
+    EXPECT_EQ(verified(account, text, "server", signature), KVX_OK);
+    account.write("keys/public/server", hexFile("sandbox/key-public.hex"));
+    EXPECT_EQ(verified(account, text, "server", signature), KVX_E_INVALID_SIGNATURE);
+    std::filesystem::remove(account.dir.file("keys/public/server"));
+    EXPECT_EQ(verified(account, text, "server", signature), KVX_E_NOT_FOUND);
+}
+
+TEST(Signatures, OfLargeTextsNeedNoLargeStack) {
+    Account account;
+    account.writeOwnKey("own");
+    std::string const text(8 << 20, 'x');
+    onStackOf(std::size_t{256} << 10,
+              [&] { EXPECT_EQ(verified(account, text, "own", signedBy(account, text, "own")), KVX_OK); });
+}

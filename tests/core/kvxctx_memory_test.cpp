@@ -1,0 +1,183 @@
+// Every allocation fails in turn, in every operation of the core.
+
+#include <filesystem>
+#include <functional>
+#include <string>
+
+#include "tests/core/core_support.h"
+#include "tests/support/system_calls.h"
+
+using namespace kvxtest;
+
+namespace {
+
+/// Leaves out what would only take time here: durability has its own tests.
+class WithoutSync {
+public:
+    WithoutSync() {
+        m_Calls->fsync = [](int) { return 0; };
+    }
+
+private:
+    SystemCalls m_Calls;
+};
+
+struct Merchant : Account {
+    Merchant() {
+        writeOwnKey("own");
+        writeServerKey("server");
+        write("keys/current", "own");
+        write("config.xml", "<KVX VTURL=\"https://pay.example/page\" VERSION=\"1\"/>");
+    }
+    WithoutSync quick;
+};
+
+/// Fails each allocation of `call` in turn; there must be some.
+void failsCleanly(std::function<void()> const& call) {
+    long const runs = survivesEveryFailingAllocation(call);
+    EXPECT_GT(runs, 3);
+    testing::Test::RecordProperty("allocations", std::to_string(runs));
+}
+
+}  // namespace
+
+TEST(ExhaustedMemory, FailsOpeningAContextCleanly) {
+    TempDir dir;
+    failsCleanly([&] {
+        KVX_Context context;
+        context.Open(dir.path().c_str());
+        KVX_Context copy(context);
+        copy.SetOption("UserName", "u");
+        context = copy;
+    });
+}
+
+TEST(ExhaustedMemory, FailsAnExceptionCleanly) {
+    failsCleanly([] {
+        KVX_Exception const failure(KVX_E_FILE_IO, "detail", "kvxctx", 1);
+        KVX_Exception const copy(failure);
+    });
+}
+
+TEST(ExhaustedMemory, LeavesAFileWholeWhenSettingAValue) {
+    Merchant account;
+    std::string const before = account.read("config.xml");
+    failsCleanly([&] {
+        account.context.SetValue("config.xml", "A", "a longer value than the string keeps in reserve, or so it seems",
+                                 true);
+        std::string const after = account.read("config.xml");
+        EXPECT_EQ(after.substr(0, 10), before.substr(0, 10));
+        EXPECT_EQ(after.substr(after.size() - 2), "/>");
+    });
+    EXPECT_FALSE(account.hasTemporaryFile());
+}
+
+TEST(ExhaustedMemory, FailsReplacingWhatIsNoDocumentCleanly) {
+    Merchant account;
+    failsCleanly([&] {
+        account.write("config.xml", "");
+        account.context.SetValue("config.xml", "A", "1", true);
+    });
+    EXPECT_EQ(account.read("config.xml"), "<KVX A=\"1\"/>");
+}
+
+TEST(ExhaustedMemory, FailsLookingValuesUpCleanly) {
+    Merchant account;
+    failsCleanly([&] {
+        TbString value;
+        EXPECT_TRUE(account.context.QueryValue("config.xml", "VTURL", value));
+        EXPECT_FALSE(account.context.QueryValueOrAbsent("missing.xml", "VTURL", value));
+        unsigned char byte = 0;
+        unsigned long size = 1;
+        EXPECT_TRUE(account.context.QueryValue("config.xml", &byte, &size));
+    });
+}
+
+TEST(ExhaustedMemory, FailsConversionsCleanly) {
+    failsCleanly([] {
+        KVX_Context context;
+        unsigned char bytes[100] = {};
+        unsigned long size = sizeof bytes;
+        TbString const hex = context.BufferToHex(bytes, sizeof bytes);
+        EXPECT_EQ(context.HexToBuffer(hex, bytes, &size), KVX_OK);
+        EXPECT_EQ(context.Encode("a b/c").length(), 9U);
+        EXPECT_EQ(context.CreateUuid().length(), 32U);
+        EXPECT_EQ(GetTimeDate(0).length(), 17U);
+    });
+}
+
+TEST(ExhaustedMemory, FailsSigningAndVerifyingCleanly) {
+    Merchant account;
+    failsCleanly([&] {
+        TbString signature;
+        account.context.SignData("some text", "own", signature);
+        account.context.VerifyData("some text", "own", signature);
+    });
+}
+
+TEST(ExhaustedMemory, LeavesWholeKeysOrNone) {
+    Merchant account;
+    failsCleanly([&] {
+        std::filesystem::remove(account.dir.file("keys/public/new"));
+        std::filesystem::remove(account.dir.file("keys/private/new"));
+        TbString keyId("new");
+        account.context.GenKey(keyId);
+    });
+    EXPECT_FALSE(account.hasTemporaryFile("keys/public"));
+    EXPECT_FALSE(account.hasTemporaryFile("keys/private"));
+}
+
+TEST(ExhaustedMemory, FailsMakingAPaymentUrlCleanly) {
+    Merchant account;
+    failsCleanly([&] {
+        KVX_Message message;
+        message.Create(&account.context, "PayComplete");
+        message.SetAttribute("AMOUNT", "12.50");
+        TbString url;
+        message.GetURL(url);
+        TbString text;
+        EXPECT_TRUE(message.ToString(text));
+        message.FromString(text);
+    });
+}
+
+TEST(ExhaustedMemory, FailsOpeningAConfirmationCleanly) {
+    Merchant account;
+    std::string const data = dataFile("signing/confirm.txt");
+    std::string const signature = hexFile("signing/confirm.signature.hex");
+    failsCleanly([&] {
+        KVX_Message message;
+        message.Open(&account.context, data.c_str(), signature.c_str());
+    });
+}
+
+TEST(ExhaustedMemory, FailsASetupCleanly) {
+    ExchangeServer server({"<KVX MSGTYPE=\"SetupResponse\" VERSION=\"2\"/>"});
+    Merchant account;
+    account.write("settings.xml", "<KVX TRACEOPT=\"none\"/>");
+    std::string const url = server.url("/auto");
+    failsCleanly([&] {
+        account.context.SetOption("VTAUTOURL", url.c_str());
+        account.context.Setup();
+    });
+    EXPECT_FALSE(account.hasTemporaryFile());
+    EXPECT_EQ(account.read("config.xml"), "<KVX MSGTYPE=\"SetupResponse\" VERSION=\"2\"/>");
+}
+
+TEST(ExhaustedMemory, FailsPublishingAndImportingCleanly) {
+    Merchant account;
+    ExchangeServer exported({"<KVX MSGTYPE=\"KeyExportResponse\"/>"});
+    ExchangeServer queried({"<KVX MSGTYPE=\"KeyQueryResponse\" KEYID=\"vt\" KEYBLOB=\"00\"/>"});
+    std::string const exportUrl = exported.url("/auto");
+    std::string const queryUrl = queried.url("/auto");
+    failsCleanly([&] {
+        TbString own("own");
+        TbString imported("vt");
+        account.context.SetOption("VTAUTOURL", exportUrl.c_str());
+        account.context.PublishKey(own);
+        account.context.SetOption("VTAUTOURL", queryUrl.c_str());
+        account.context.ImportKey(imported);
+    });
+    EXPECT_EQ(account.read("keys/current"), "own");
+    EXPECT_EQ(account.read("keys/public/vt"), "00");
+}

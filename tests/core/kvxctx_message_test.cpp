@@ -1,0 +1,404 @@
+#include <filesystem>
+#include <iterator>
+#include <string>
+
+#include "tests/core/core_support.h"
+
+using namespace kvxtest;
+
+namespace {
+
+constexpr char kConfirmation[] = "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"server\" TOKEN=\"t\"/>";
+
+/// An account with its own current key "own" and the server's key "server", both the test key.
+struct Merchant : Account {
+    Merchant() {
+        writeOwnKey("own");
+        writeServerKey("server");
+        write("keys/current", "own");
+        write("config.xml", "<KVX VTURL=\"https://pay.example/page\" CAPTUREURL=\"http://pay.example/capture\"/>");
+    }
+};
+
+std::string textOf(KVX_Message const& message) {
+    TbString text("no element");
+    static_cast<void>(message.ToString(text));
+    return bytesOf(text);
+}
+
+std::string attribute(KVX_Message& message, char const* name) {
+    TbString value;
+    message.GetAttribute(name, value);
+    return bytesOf(value);
+}
+
+std::int32_t opened(Account& account, std::string const& data, std::string const& signature) {
+    KVX_Message message;
+    return thrownCode([&] { message.Open(&account.context, stringOf(data), stringOf(signature)); });
+}
+
+void expectFailure(std::function<void()> const& call, std::int32_t code, std::string const& text) {
+    Thrown const failure = thrown(call);
+    EXPECT_EQ(failure.code, code);
+    EXPECT_EQ(failure.text, text);
+    EXPECT_EQ(failure.file, "kvxctx");
+}
+
+}  // namespace
+
+TEST(AttributeNames, AreTheEightThatPaymentsTakeFromTheDefaults) {
+    char const* const expected[] = {"ALLOWCOLLECT",  "DELIVERY",        "LANGID",   "SUCCESSLINK",
+                                    "NOTIFYADDRESS", "DEFAULTVALIDITY", "BACKLINK", "FAILLINK"};
+    for (std::size_t i = 0; i < std::size(expected); ++i) {
+        EXPECT_STREQ(AttributeNames[i], expected[i]) << i;
+    }
+    EXPECT_EQ(AttributeNames[8], nullptr);
+}
+
+TEST(CreateMessage, StartsWithTypeAndKey) {
+    Merchant account;
+    KVX_Message message;
+    message.Create(&account.context, "PayInit");
+    EXPECT_EQ(textOf(message), "<KVX MSGTYPE=\"PayInit\" KEYID=\"own\"/>");
+    message.SetAttribute("AMOUNT", "12.50");
+    message.SetAttribute("TEXT", "a & \"b\" <c>");
+    message.SetAttribute("KEYID", "other");
+    message.SetAttribute("MSGTYPE", "Changed");
+    EXPECT_EQ(textOf(message),
+              "<KVX MSGTYPE=\"Changed\" KEYID=\"other\" AMOUNT=\"12.50\" TEXT=\"a &amp; &quot;b&quot; &lt;c&gt;\"/>");
+}
+
+TEST(CreateMessage, AddsThePathToACompletionOnly) {
+    Merchant account;
+    KVX_Message message;
+    message.Create(&account.context, "PayComplete");
+    EXPECT_EQ(textOf(message),
+              "<KVX MSGTYPE=\"PayComplete\" KEYID=\"own\" CONFIGPATH=\"" + account.dir.path() + "\"/>");
+    for (char const* type : {"PayInit", "PayConfirm", "paycomplete", "PayCompleted", "ERROR", ""}) {
+        message.Create(&account.context, type);
+        EXPECT_EQ(textOf(message), std::string("<KVX MSGTYPE=\"") + type + "\" KEYID=\"own\"/>");
+    }
+}
+
+TEST(CreateMessage, TakesTheWholeContentOfTheCurrentKeyFile) {
+    Merchant account;
+    KVX_Message message;
+    account.write("keys/current", "own\n");
+    message.Create(&account.context, "PayInit");
+    EXPECT_EQ(attribute(message, "KEYID"), "own\n");
+    account.write("keys/current", "");
+    message.Create(&account.context, "PayInit");
+    EXPECT_EQ(textOf(message), "<KVX MSGTYPE=\"PayInit\" KEYID=\"\"/>");
+    TbString url;
+    EXPECT_EQ(thrownCode([&] { message.GetURL(url); }), KVX_E_NOT_FOUND) << "signing with no key fails";
+}
+
+TEST(CreateMessage, KeepsAPayInitBehindWhenTheCurrentKeyIsMissing) {
+    Merchant account;
+    std::filesystem::remove(account.dir.file("keys/current"));
+    KVX_Message message;
+    Thrown const failure = thrown([&] { message.Create(&account.context, "PayComplete"); });
+    EXPECT_EQ(failure.code, KVX_E_CANNOT_OPEN);
+    EXPECT_EQ(failure.file, "kvxurl");
+    EXPECT_EQ(textOf(message), "<KVX MSGTYPE=\"PayInit\"/>");
+}
+
+TEST(CreateMessage, DropsTheMessageBefore) {
+    Merchant account;
+    KVX_Message message;
+    message.Create(&account.context, "PayInit");
+    message.SetAttribute("A", "1");
+    message.Create(&account.context, "PayInit");
+    EXPECT_EQ(textOf(message), "<KVX MSGTYPE=\"PayInit\" KEYID=\"own\"/>");
+    KVX_Context unopened;
+    EXPECT_EQ(thrownCode([&] { message.Create(&unopened, "PayInit"); }), KVX_E_NO_CONTEXT);
+    EXPECT_EQ(textOf(message), "<KVX MSGTYPE=\"PayInit\"/>");
+}
+
+TEST(Message, GuardsAgainstAMissingContext) {
+    KVX_Message message;
+    expectFailure([&] { message.Create(nullptr, "PayInit"); }, KVX_E_NO_CONTEXT, "no context present");
+    expectFailure([&] { message.Open(nullptr, kConfirmation, "00"); }, KVX_E_NO_CONTEXT, "no context present");
+    expectFailure([&] { message.FromString("<KVX/>"); }, KVX_E_NO_CONTEXT, "no context present");
+}
+
+TEST(Message, IsNotReadyBeforeItHasAnElement) {
+    Merchant account;
+    KVX_Message fresh;
+    KVX_Message bound(&account.context);
+    KVX_Message failed;
+    EXPECT_EQ(thrownCode([&] { failed.Open(&account.context, "no message", ""); }), KVX_E_INVALID_FORMAT);
+    for (KVX_Message* message : {&fresh, &bound, &failed}) {
+        TbString value("untouched");
+        expectFailure([&] { message->SetAttribute("A", "1"); }, KVX_E_UNEXPECTED, "unexpected error");
+        expectFailure([&] { message->GetAttribute("A", value); }, KVX_E_UNEXPECTED, "unexpected error");
+        expectFailure([&] { message->GetURL(value); }, KVX_E_UNEXPECTED, "unexpected error");
+        expectFailure([&] { message->Capture(); }, KVX_E_UNEXPECTED, "unexpected error");
+        KVX_Message response;
+        expectFailure([&] { message->Request(response); }, KVX_E_UNEXPECTED, "unexpected error");
+        EXPECT_FALSE(message->ToString(value));
+        EXPECT_EQ(bytesOf(value), "untouched");
+    }
+}
+
+TEST(MessageAttributes, AreReadBackOrMissing) {
+    Merchant account;
+    KVX_Message message;
+    message.Create(&account.context, "PayInit");
+    message.SetAttribute("EMPTY", "");
+    message.SetAttribute("TEXT", "<\xE9&'\">");
+    EXPECT_EQ(attribute(message, "EMPTY"), "");
+    EXPECT_EQ(attribute(message, "TEXT"), "<\xE9&'\">");
+    TbString value("untouched");
+    expectFailure([&] { message.GetAttribute("NONE", value); }, KVX_E_NOT_FOUND, "requested item was not found");
+    EXPECT_EQ(bytesOf(value), "untouched");
+    EXPECT_EQ(thrownCode([&] { message.GetAttribute("empty", value); }), KVX_E_NOT_FOUND);
+}
+
+TEST(OpenMessage, AcceptsWhatTheServerSigned) {
+    Merchant account;
+    KVX_Message message;
+    message.Open(&account.context, dataFile("signing/confirm.txt").c_str(),
+                 hexFile("signing/confirm.signature.hex").c_str());
+    EXPECT_EQ(attribute(message, "TOKEN"), "t-1");
+    EXPECT_EQ(attribute(message, "SHOP"), "Caf\xE9");
+    EXPECT_EQ(textOf(message),
+              "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"server\" TOKEN=\"t-1\" SHOP=\"Caf\xE9\" CONFIGPATH=\"" +
+                  account.dir.path() + "\"/>");
+}
+
+TEST(OpenMessage, AddsThePathToAConfirmationOnlyAndAfterVerifying) {
+    Merchant account;
+    for (char const* type : {"PayConfirm", "PayInit", "payconfirm", "Error", ""}) {
+        std::string const text = std::string("<KVX MSGTYPE=\"") + type + "\" KEYID=\"server\"/>";
+        KVX_Message message;
+        message.Open(&account.context, text.c_str(), signedElsewhere(text, Widening::kWithSign).c_str());
+        TbString path;
+        EXPECT_EQ(thrownCode([&] { message.GetAttribute("CONFIGPATH", path); }),
+                  std::string(type) == "PayConfirm" ? KVX_OK : KVX_E_NOT_FOUND)
+            << type;
+    }
+    std::string const untyped = "<KVX KEYID=\"server\"/>";
+    EXPECT_EQ(opened(account, untyped, signedElsewhere(untyped, Widening::kWithSign)), KVX_OK);
+}
+
+TEST(OpenMessage, ReplacesAPathThatTheMessageBrought) {
+    Merchant account;
+    std::string const text = "<KVX CONFIGPATH=\"/elsewhere\" MSGTYPE=\"PayConfirm\" KEYID=\"server\"/>";
+    KVX_Message message;
+    message.Open(&account.context, text.c_str(), signedElsewhere(text, Widening::kWithSign).c_str());
+    EXPECT_EQ(attribute(message, "CONFIGPATH"), account.dir.path());
+}
+
+TEST(OpenMessage, VerifiesTheTextExactlyAsReceived) {
+    Merchant account;
+    std::string const text = "<KVX  MSGTYPE='PayConfirm'\n KEYID=\"server\" ></KVX>\n";
+    std::string const signature = signedElsewhere(text, Widening::kWithSign);
+    EXPECT_EQ(opened(account, text, signature), KVX_OK);
+    for (std::size_t at = 0; at <= text.size(); ++at) {
+        std::string changed = text;
+        changed.insert(at, 1, ' ');
+        std::int32_t const code = opened(account, changed, signature);
+        EXPECT_TRUE(code == KVX_E_INVALID_SIGNATURE || code == KVX_E_INVALID_FORMAT || code == KVX_E_NO_KEY_ID ||
+                    code == KVX_E_NOT_FOUND)
+            << at << " " << std::hex << code;
+    }
+    std::string shorter = text;
+    shorter.pop_back();
+    EXPECT_EQ(opened(account, shorter, signature), KVX_E_INVALID_SIGNATURE);
+}
+
+TEST(OpenMessage, KeepsAcceptingAnyTypeAndAnyKeyOfTheDirectory) {
+    Merchant account;
+    KVX_Message message;
+    message.Create(&account.context, "PayInit");
+    TbString url;
+    message.GetURL(url);
+    std::string const text = percentDecoded(queryValue(bytesOf(url), "DATA"));
+    EXPECT_EQ(opened(account, text, queryValue(bytesOf(url), "SIGNATURE")), KVX_OK)
+        << "the merchant's own message: callers must look at its type";
+}
+
+TEST(OpenMessage, ChecksFormatThenSignatureThenKeyIdentifierThenKey) {
+    Merchant account;
+    KVX_Message message;
+    expectFailure([&] { message.Open(&account.context, "no message", ""); }, KVX_E_INVALID_FORMAT,
+                  "invalid file format");
+    Thrown const unsignedMessage = thrown([&] { message.Open(&account.context, "<KVX/>", ""); });
+    EXPECT_EQ(unsignedMessage.code, KVX_E_MISSING_SIGNATURE);
+    EXPECT_EQ(unsignedMessage.text, "missing signature");
+    EXPECT_EQ(unsignedMessage.file, "kvxctx");
+    EXPECT_EQ(unsignedMessage.line, 722);
+    expectFailure([&] { message.Open(&account.context, "<KVX/>", "g"); }, KVX_E_NO_KEY_ID,
+                  "no key identifier specified");
+    expectFailure([&] { message.Open(&account.context, "<KVX KEYID=\"unknown\"/>", "g"); }, KVX_E_NOT_FOUND,
+                  "requested item was not found");
+    expectFailure([&] { message.Open(&account.context, "<KVX KEYID=\"server\"/>", "g"); }, KVX_E_INVALID_KEY,
+                  "invalid key blob");
+    expectFailure([&] { message.Open(&account.context, "<KVX KEYID=\"server\"/>", "00"); }, KVX_E_INVALID_SIGNATURE,
+                  "invalid signature");
+}
+
+TEST(OpenMessage, GoesOnWithAnEmptyKeyIdentifier) {
+    Merchant account;
+    EXPECT_EQ(opened(account, "<KVX KEYID=\"\"/>", "00"), KVX_E_NOT_FOUND);
+}
+
+TEST(OpenMessage, HasNoElementAfterAFailure) {
+    Merchant account;
+    for (char const* data : {"<KVX/>", "<KVX KEYID=\"server\"/>", "no message"}) {
+        KVX_Message message;
+        message.Create(&account.context, "PayInit");
+        EXPECT_NE(thrownCode([&] { message.Open(&account.context, data, "00"); }), KVX_OK);
+        EXPECT_EQ(textOf(message), "no element");
+    }
+}
+
+TEST(OpenMessage, KeepsTheKeyIdentifierOfAnEarlierCreation) {
+    Merchant account;
+    KVX_Message message;
+    message.Create(&account.context, "ERROR");
+    std::string const text = kConfirmation;
+    message.Open(&account.context, text.c_str(), signedElsewhere(text, Widening::kWithSign).c_str());
+    TbString url;
+    EXPECT_NO_THROW(message.GetURL(url)) << "it still signs with the own key";
+    message.FromString("<KVX KEYID=\"x\"/>");
+    EXPECT_EQ(attribute(message, "KEYID"), "own");
+}
+
+TEST(OpenMessage, HasNoKeyForIdentifiersThatLeaveTheDirectory) {
+    Merchant account;
+    TempDir attacker;
+    attacker.write("key", hexFile("rsa/key512.public.hex"));
+    std::string const relative = std::filesystem::relative(attacker.file("key"), account.dir.file("keys/public"));
+    account.write("key", hexFile("rsa/key512.public.hex"));
+    for (std::string const& keyId :
+         {relative, std::string("../../key"), std::string("../public/server"), std::string("./server"),
+          std::string("/server"), std::string("a/b"), std::string("."), std::string(".."), std::string("server\0", 7),
+          std::string("\0", 1), std::string("server\0/../x", 12)}) {
+        std::string const text = "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"" + keyId + "\"/>";
+        EXPECT_EQ(opened(account, text, signedElsewhere(text, Widening::kWithSign)), KVX_E_NOT_FOUND) << keyId;
+    }
+}
+
+TEST(OpenMessage, ReadsEveryOtherOddIdentifierAsAFileName) {
+    Merchant account;
+    for (char const* keyId : {"...", "..x", ".hidden", "a b", "x\\y", "-", "\xC3\xA9"}) {
+        account.writeServerKey(keyId);
+        std::string const text = std::string("<KVX KEYID=\"") + keyId + "\"/>";
+        EXPECT_EQ(opened(account, text, signedElsewhere(text, Widening::kWithSign)), KVX_OK) << keyId;
+    }
+}
+
+TEST(MessageUrl, HoldsTheSignedTextAndTheSignature) {
+    Merchant account;
+    KVX_Message message;
+    message.Create(&account.context, "PayInit");
+    message.SetAttribute("AMOUNT", "12.50");
+    TbString url;
+    message.GetURL(url);
+    std::string const text = "<KVX MSGTYPE=\"PayInit\" KEYID=\"own\" AMOUNT=\"12.50\"/>";
+    EXPECT_EQ(textOf(message), text);
+    EXPECT_EQ(
+        bytesOf(url),
+        "https://pay.example/page?DATA=%3cKVX%20MSGTYPE%3d%22PayInit%22%20KEYID%3d%22own%22%20AMOUNT%3d%2212%2e50%22%2f"
+        "%3e&SIGNATURE=" +
+            signedElsewhere(text, Widening::kWithoutSign));
+}
+
+TEST(MessageUrl, EscapesEverythingThatIsNoLetterOrDigit) {
+    Merchant account;
+    KVX_Message message;
+    message.Create(&account.context, "PayInit");
+    std::string all = " &=?#/+";
+    for (int value = 1; value < 256; ++value) {
+        all += static_cast<char>(value);
+    }
+    message.SetAttribute("TEXT", all.c_str());
+    TbString url;
+    message.GetURL(url);
+    std::string const data = queryValue(bytesOf(url), "DATA");
+    EXPECT_EQ(data.find_first_not_of("%0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"),
+              std::string::npos);
+    EXPECT_EQ(percentDecoded(data), textOf(message));
+    EXPECT_EQ(attribute(message, "TEXT"), all);
+}
+
+TEST(MessageUrl, CarriesTheSessionsCredentials) {
+    Merchant account;
+    account.context.SetOption("UserName", "u");
+    account.context.SetOption("Password", "p");
+    KVX_Message message;
+    message.Create(&account.context, "PayInit");
+    TbString url;
+    message.GetURL(url);
+    EXPECT_EQ(bytesOf(url).rfind("https://u:p@pay.example/page?DATA=", 0), 0U);
+}
+
+TEST(MessageUrl, IsWholeWhateverTheStringHeldBefore) {
+    Merchant account;
+    KVX_Message message;
+    message.Create(&account.context, "PayInit");
+    TbString fresh;
+    message.GetURL(fresh);
+    TbString reused(std::string(10, 'x').c_str());
+    message.GetURL(reused);
+    EXPECT_EQ(bytesOf(reused), bytesOf(fresh));
+    message.GetURL(reused);
+    EXPECT_EQ(bytesOf(reused), bytesOf(fresh));
+}
+
+TEST(MessageUrl, NeedsTheAddressBeforeTheKey) {
+    Merchant account;
+    KVX_Message message;
+    message.Create(&account.context, "PayInit");
+    std::filesystem::remove_all(account.dir.file("keys"));
+    TbString url("untouched");
+    for (char const* configuration : {"<KVX/>", "<KVX VTURL=\"\"/>", "<KVX CAPTUREURL=\"http://x/\"/>"}) {
+        account.write("config.xml", configuration);
+        expectFailure([&] { message.GetURL(url); }, KVX_E_NO_CONFIGURATION, "no configuration found");
+    }
+    account.write("config.xml", "<KVX VTURL=\"no scheme\"/>");
+    EXPECT_EQ(thrownCode([&] { message.GetURL(url); }), KVX_E_NOT_FOUND) << "the key comes before the address is used";
+    account.writeOwnKey("own");
+    EXPECT_EQ(thrownCode([&] { message.GetURL(url); }), KVX_E_INVALID_URL);
+    account.write("config.xml", "<KVX");
+    EXPECT_EQ(thrownCode([&] { message.GetURL(url); }), KVX_E_INVALID_FORMAT);
+    std::filesystem::remove(account.dir.file("config.xml"));
+    EXPECT_EQ(thrownCode([&] { message.GetURL(url); }), KVX_E_CANNOT_OPEN);
+    EXPECT_EQ(bytesOf(url), "untouched");
+}
+
+TEST(MessageUrl, KeepsUsingTheKeyThatWasCurrentAtTheCreation) {
+    Merchant account;
+    KVX_Message message;
+    message.Create(&account.context, "PayInit");
+    account.write("keys/current", "next");
+    TbString url;
+    EXPECT_NO_THROW(message.GetURL(url));
+    message.SetAttribute("KEYID", "server");
+    EXPECT_NO_THROW(message.GetURL(url)) << "the attribute does not choose the key";
+}
+
+TEST(MessageText, IsReplacedAndGetsTheKeyIdentifierHeld) {
+    Merchant account;
+    KVX_Message message;
+    message.Create(&account.context, "ERROR");
+    message.FromString("<KVX KEYID=\"x\" MSGTYPE=\"PayConfirm\"/>");
+    EXPECT_EQ(textOf(message), "<KVX KEYID=\"own\" MSGTYPE=\"PayConfirm\"/>");
+    message.FromString("<KVX MSGTYPE=\"PayConfirm\"><A/></KVX>");
+    EXPECT_EQ(textOf(message), "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"own\"><A/></KVX>");
+
+    KVX_Context unopened;
+    KVX_Message bound(&unopened);
+    bound.FromString("<KVX KEYID=\"x\"/>");
+    EXPECT_EQ(textOf(bound), "<KVX KEYID=\"\"/>");
+}
+
+TEST(MessageText, IsDroppedBeforeABadOneIsParsed) {
+    Merchant account;
+    KVX_Message message;
+    message.Create(&account.context, "ERROR");
+    expectFailure([&] { message.FromString("no message"); }, KVX_E_INVALID_FORMAT, "invalid file format");
+    EXPECT_EQ(textOf(message), "no element");
+}

@@ -1,0 +1,272 @@
+#include <filesystem>
+#include <string>
+
+#include "tests/core/core_support.h"
+
+using namespace kvxtest;
+
+namespace {
+
+/// A merchant whose capture address is the server's.
+struct Merchant : Account {
+    explicit Merchant(ExchangeServer const& server) {
+        writeOwnKey("own");
+        writeServerKey("server");
+        write("keys/current", "own");
+        write("config.xml", "<KVX CAPTUREURL=\"" + server.url("/capture") + "\"/>");
+    }
+};
+
+/// A confirmation as a merchant captures it: created first, then filled.
+void fill(KVX_Message& message, Account& account, char const* text) {
+    message.Create(&account.context, "ERROR");
+    message.FromString(text);
+}
+
+std::string textOf(KVX_Message const& message) {
+    TbString text("no element");
+    static_cast<void>(message.ToString(text));
+    return bytesOf(text);
+}
+
+constexpr char kCaptured[] = "<KVX MSGTYPE=\"PayConfirm\" STATUS=\"captured\"/>";
+constexpr char kCompleted[] = "<KVX MSGTYPE=\"PayCompleteResponse\" STATUS=\"done\"/>";
+
+struct Refusal {
+    char const* answer;
+    std::int32_t code;
+};
+
+constexpr Refusal kRefusals[] = {
+    {"<KVX MSGTYPE=\"Error\" MESSAGE=\"no\"/>", KVX_E_SERVER_ERROR},
+    {"<KVX MSGTYPE=\"Other\"/>", KVX_E_WRONG_RESPONSE},
+    {"<KVX/>", KVX_E_WRONG_RESPONSE},
+    {"<html></html>", KVX_E_INVALID_FORMAT},
+    {"", KVX_E_INVALID_FORMAT},
+    {"HTTP/1.0 401 Unauthorized\r\n\r\n", KVX_E_HTTP_UNAUTHORIZED},
+    {"HTTP/1.0 503 Busy\r\n\r\n", KVX_E_HTTP_UNAVAILABLE},
+};
+
+}  // namespace
+
+TEST(Capture, SendsTheMessageAsItIs) {
+    ExchangeServer server({kCaptured});
+    Merchant account(server);
+    KVX_Message message;
+    fill(message, account, "<KVX MSGTYPE=\"PayConfirm\" TOKEN=\"t &amp; u\"/>");
+    std::string const text = "<KVX MSGTYPE=\"PayConfirm\" TOKEN=\"t &amp; u\" KEYID=\"own\"/>";
+    message.Capture();
+    EXPECT_EQ(textOf(message), text) << "the answer is dropped";
+    EXPECT_EQ(
+        server.requests(),
+        std::vector<std::string>{
+            "GET /capture?DATA=%3cKVX%20MSGTYPE%3d%22PayConfirm%22%20TOKEN%3d%22t%20%26amp%3b%20u%22%20KEYID%3d%22own"
+            "%22%2f%3e&SIGNATURE=" +
+            signedElsewhere(text, Widening::kWithoutSign) +
+            " HTTP/1.0\r\nAuthorization: Basic OgAA\r\nUserAgent: Tallowin Application Component 1.0\r\n\r\n"});
+}
+
+TEST(Capture, NeedsATokenButNoValueInIt) {
+    ExchangeServer server({kCaptured});
+    Merchant account(server);
+    KVX_Message message;
+    fill(message, account, "<KVX MSGTYPE=\"PayConfirm\"/>");
+    Thrown const failure = thrown([&] { message.Capture(); });
+    EXPECT_EQ(failure.code, KVX_E_UNEXPECTED);
+    EXPECT_EQ(failure.text, "unexpected error");
+    EXPECT_EQ(failure.file, "kvxctx");
+    EXPECT_EQ(failure.line, 620);
+    fill(message, account, "<KVX MSGTYPE=\"PayConfirm\" TOKEN=\"\"/>");
+    EXPECT_NO_THROW(message.Capture());
+    EXPECT_EQ(server.requests().size(), 1U) << "nothing was sent without the token";
+}
+
+TEST(Capture, LooksForTheAddressBeforeTheToken) {
+    ExchangeServer server({kCaptured});
+    Merchant account(server);
+    KVX_Message message;
+    for (char const* configuration : {"<KVX/>", "<KVX CAPTUREURL=\"\"/>", "<KVX VTURL=\"http://x/\"/>"}) {
+        account.write("config.xml", configuration);
+        fill(message, account, "<KVX MSGTYPE=\"PayConfirm\"/>");
+        Thrown const failure = thrown([&] { message.Capture(); });
+        EXPECT_EQ(failure.code, KVX_E_NO_CONFIGURATION) << "without both it is the address";
+        EXPECT_EQ(failure.text, "no configuration found");
+        fill(message, account, "<KVX MSGTYPE=\"PayConfirm\" TOKEN=\"t\"/>");
+        EXPECT_EQ(thrownCode([&] { message.Capture(); }), KVX_E_NO_CONFIGURATION);
+    }
+    std::filesystem::remove(account.dir.file("config.xml"));
+    EXPECT_EQ(thrownCode([&] { message.Capture(); }), KVX_E_CANNOT_OPEN);
+    account.write("config.xml", "<KVX");
+    EXPECT_EQ(thrownCode([&] { message.Capture(); }), KVX_E_INVALID_FORMAT);
+    EXPECT_TRUE(server.requests().empty());
+}
+
+TEST(Capture, FailsInSigningForAMessageThatWasOnlyOpened) {
+    ExchangeServer server({kCaptured});
+    Merchant account(server);
+    std::string const text = "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"server\" TOKEN=\"t\"/>";
+    KVX_Message message;
+    message.Open(&account.context, text.c_str(), signedElsewhere(text, Widening::kWithSign).c_str());
+    EXPECT_EQ(thrownCode([&] { message.Capture(); }), KVX_E_NOT_FOUND);
+    EXPECT_TRUE(server.requests().empty());
+}
+
+TEST(Capture, SendsNothingWhenSigningFails) {
+    ExchangeServer server({kCaptured});
+    Merchant account(server);
+    KVX_Message message;
+    fill(message, account, "<KVX MSGTYPE=\"PayConfirm\" TOKEN=\"t\"/>");
+    account.write("keys/private/own", "no key");
+    EXPECT_EQ(thrownCode([&] { message.Capture(); }), KVX_E_INVALID_KEY);
+    account.write("keys/private/own", "00");
+    EXPECT_EQ(thrownCode([&] { message.Capture(); }), KVX_E_CRYPTO);
+    account.writeOwnKey("own");
+    account.write("config.xml", "<KVX CAPTUREURL=\"no scheme\"/>");
+    EXPECT_EQ(thrownCode([&] { message.Capture(); }), KVX_E_INVALID_URL);
+    EXPECT_TRUE(server.requests().empty());
+}
+
+TEST(Capture, AcceptsAConfirmationAlone) {
+    for (Refusal const& row : kRefusals) {
+        ExchangeServer server({row.answer});
+        Merchant account(server);
+        KVX_Message message;
+        fill(message, account, "<KVX MSGTYPE=\"PayConfirm\" TOKEN=\"t\"/>");
+        EXPECT_EQ(thrownCode([&] { message.Capture(); }), row.code) << row.answer;
+    }
+    ExchangeServer server({"<KVX MSGTYPE=\"Error\" MESSAGE=\"expired\"/>"});
+    Merchant account(server);
+    KVX_Message message;
+    fill(message, account, "<KVX MSGTYPE=\"PayConfirm\" TOKEN=\"t\"/>");
+    EXPECT_EQ(thrown([&] { message.Capture(); }).text, "the request failed (expired)");
+}
+
+TEST(Capture, SendsAnyTypeUnchanged) {
+    ExchangeServer server({kCaptured});
+    Merchant account(server);
+    KVX_Message message;
+    fill(message, account, "<KVX MSGTYPE=\"Whatever\" TOKEN=\"t\"/>");
+    message.Capture();
+    EXPECT_EQ(server.messages(), std::vector<std::string>{"<KVX MSGTYPE=\"Whatever\" TOKEN=\"t\" KEYID=\"own\"/>"});
+}
+
+TEST(Request, SendsTheRequestTypeAndTakesTheResponse) {
+    ExchangeServer server({kCompleted});
+    Merchant account(server);
+    KVX_Message message;
+    message.Create(&account.context, "PayComplete");
+    message.SetAttribute("ID", "17");
+    message.SetAttribute("TOKEN", "t");
+    KVX_Message response;
+    message.Request(response);
+    EXPECT_EQ(textOf(response), kCompleted);
+    std::string const text = "<KVX MSGTYPE=\"PayCompleteRequest\" KEYID=\"own\" CONFIGPATH=\"" + account.dir.path() +
+                             "\" ID=\"17\" TOKEN=\"t\"/>";
+    EXPECT_EQ(textOf(message), text);
+    EXPECT_EQ(server.messages(), std::vector<std::string>{text});
+    EXPECT_EQ(queryValue(server.requests()[0], "SIGNATURE"), signedElsewhere(text, Widening::kWithoutSign));
+}
+
+TEST(Request, KeepsTheChangedTypeForASecondOne) {
+    ExchangeServer server({kCompleted, "<KVX MSGTYPE=\"PayCompleteRequestResponse\"/>"});
+    Merchant account(server);
+    KVX_Message message;
+    message.Create(&account.context, "PayComplete");
+    KVX_Message response;
+    message.Request(response);
+    message.Request(response);
+    EXPECT_EQ(textOf(response), "<KVX MSGTYPE=\"PayCompleteRequestResponse\"/>");
+    EXPECT_NE(server.messages().at(1).find("MSGTYPE=\"PayCompleteRequestRequest\""), std::string::npos);
+}
+
+TEST(Request, WorksWithoutAType) {
+    ExchangeServer server({"<KVX MSGTYPE=\"Response\"/>"});
+    Merchant account(server);
+    KVX_Message message;
+    fill(message, account, "<KVX A=\"1\"/>");
+    KVX_Message response;
+    message.Request(response);
+    EXPECT_EQ(server.messages(), std::vector<std::string>{"<KVX A=\"1\" KEYID=\"own\" MSGTYPE=\"Request\"/>"});
+}
+
+TEST(Request, ChangesTheTypeBeforeItLooksForTheAddress) {
+    ExchangeServer server({kCompleted});
+    Merchant account(server);
+    KVX_Message response;
+    response.Create(&account.context, "before");
+    for (char const* configuration : {"<KVX/>", "<KVX CAPTUREURL=\"\"/>"}) {
+        account.write("config.xml", configuration);
+        KVX_Message message;
+        message.Create(&account.context, "X");
+        Thrown const failure = thrown([&] { message.Request(response); });
+        EXPECT_EQ(failure.code, KVX_E_NO_CONFIGURATION);
+        EXPECT_EQ(failure.text, "no configuration found");
+        EXPECT_EQ(textOf(message), "<KVX MSGTYPE=\"XRequest\" KEYID=\"own\"/>");
+    }
+    EXPECT_EQ(textOf(response), "<KVX MSGTYPE=\"before\" KEYID=\"own\"/>");
+    EXPECT_TRUE(server.requests().empty());
+}
+
+TEST(Request, LeavesTheResponseAloneOnFailure) {
+    for (Refusal const& row : kRefusals) {
+        ExchangeServer server({row.answer});
+        Merchant account(server);
+        KVX_Message message;
+        message.Create(&account.context, "PayComplete");
+        KVX_Message response;
+        response.Create(&account.context, "before");
+        EXPECT_EQ(thrownCode([&] { message.Request(response); }), row.code) << row.answer;
+        EXPECT_EQ(textOf(response), "<KVX MSGTYPE=\"before\" KEYID=\"own\"/>");
+        EXPECT_NE(textOf(message).find("MSGTYPE=\"PayCompleteRequest\""), std::string::npos);
+    }
+}
+
+TEST(Request, ExpectsTheOriginalTypeWithResponse) {
+    ExchangeServer server({"<KVX MSGTYPE=\"PayCompleteRequestResponse\"/>"});
+    Merchant account(server);
+    KVX_Message message;
+    message.Create(&account.context, "PayComplete");
+    KVX_Message response;
+    EXPECT_EQ(
+        thrown([&] { message.Request(response); }).text,
+        "request failed (Response MSGTYPE: received 'PayCompleteRequestResponse', expected 'PayCompleteResponse')");
+}
+
+TEST(Request, SendsNothingWhenSigningFails) {
+    ExchangeServer server({kCompleted});
+    Merchant account(server);
+    KVX_Message message;
+    message.Create(&account.context, "PayComplete");
+    std::filesystem::remove(account.dir.file("keys/private/own"));
+    KVX_Message response;
+    EXPECT_EQ(thrownCode([&] { message.Request(response); }), KVX_E_NOT_FOUND);
+    EXPECT_TRUE(server.requests().empty());
+}
+
+TEST(Request, LeavesContextAndKeyOfTheResponseAlone) {
+    ExchangeServer server({kCompleted});
+    Merchant account(server);
+    Merchant other(server);
+    other.write("keys/current", "other");
+    KVX_Message message;
+    message.Create(&account.context, "PayComplete");
+    KVX_Message response;
+    response.Create(&other.context, "before");
+    message.Request(response);
+    response.FromString("<KVX/>");
+    EXPECT_EQ(textOf(response), "<KVX KEYID=\"other\"/>");
+    KVX_Message unbound;
+    message.Create(&account.context, "PayComplete");
+    message.Request(unbound);
+    TbString url;
+    EXPECT_EQ(thrownCode([&] { unbound.GetURL(url); }), KVX_E_NO_CONTEXT);
+}
+
+TEST(Request, MayTakeItsAnswerItself) {
+    ExchangeServer server({kCompleted});
+    Merchant account(server);
+    KVX_Message message;
+    message.Create(&account.context, "PayComplete");
+    message.Request(message);
+    EXPECT_EQ(textOf(message), kCompleted);
+}

@@ -1,0 +1,753 @@
+#include <sys/stat.h>
+
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include "tests/core/core_support.h"
+#include "tests/support/system_calls.h"
+
+using namespace kvxtest;
+
+namespace {
+
+constexpr char kSetupAnswer[] = "<KVX MSGTYPE=\"SetupResponse\" VERSION=\"7\" VTKEYID=\"vt-1\" CUSTOMERID=\"4711\"/>";
+constexpr char kDefaultsAnswer[] = "<KVX MSGTYPE=\"LoadDefaultsResponse\" KVX.ISVALID=\"yes\"/>\n";
+constexpr char kKeyAnswer[] = "<KVX MSGTYPE=\"KeyQueryResponse\" KEYID=\"vt-1\" KEYBLOB=\"3048\"/>";
+constexpr char kExportAnswer[] = "<KVX MSGTYPE=\"KeyExportResponse\"/>";
+constexpr char kError[] = "<KVX MSGTYPE=\"Error\" MESSAGE=\"not today\"/>";
+
+std::string encoded(std::string const& text) {
+    std::string out;
+    for (char const character : text) {
+        auto const byte = static_cast<unsigned char>(character);
+        if (std::isalnum(byte) != 0) {
+            out += character;
+        } else {
+            char escape[4];
+            std::snprintf(escape, sizeof escape, "%%%02x", static_cast<unsigned>(byte));
+            out += escape;
+        }
+    }
+    return out;
+}
+
+/// The whole request that carries `message` to `path`.
+std::string requestWith(std::string const& path, std::string const& message, char const* credentials = "OgAA") {
+    return "GET " + path + "?DATA=" + encoded(message) + " HTTP/1.0\r\nAuthorization: Basic " + credentials +
+           "\r\nUserAgent: Tallowin Application Component 1.0\r\n\r\n";
+}
+
+/// An account whose option names the server.
+struct Configured : Account {
+    explicit Configured(ExchangeServer const& server) { context.SetOption("VTAUTOURL", server.url("/auto").c_str()); }
+};
+
+/// The records of the core's own events, network and exceptions left out.
+std::vector<std::string> eventsOf(TraceRecorder const& recorder) {
+    std::vector<std::string> events;
+    for (TraceRecorder::Record const& record : recorder.records()) {
+        if (record.file == "kvxctx" && record.event != "EXCEPTION") {
+            events.push_back(record.event + ":" + record.detail);
+            EXPECT_EQ(record.code, KVX_OK);
+        }
+    }
+    return events;
+}
+
+using Operation = void (*)(KVX_Context&);
+
+void setup(KVX_Context& context) {
+    context.Setup();
+}
+void loadDefaults(KVX_Context& context) {
+    context.LoadDefaults();
+}
+void importKey(KVX_Context& context) {
+    TbString keyId("vt-1");
+    context.ImportKey(keyId);
+}
+void publishKey(KVX_Context& context) {
+    TbString keyId("own");
+    context.PublishKey(keyId);
+}
+
+struct Exchange {
+    char const* name;
+    Operation run;
+    char const* answer;
+    char const* expectedType;
+    std::int32_t codeWithoutEndpoint;
+    char const* textWithoutEndpoint;
+    char const* written;
+};
+
+Exchange const kExchanges[] = {
+    {"Setup", &setup, kSetupAnswer, "SetupResponse", KVX_E_NO_CONFIGURATION, "no configuration found", "config.xml"},
+    {"LoadDefaults", &loadDefaults, kDefaultsAnswer, "LoadDefaultsResponse", KVX_E_NO_ENDPOINT, "no endpoint",
+     "default.xml"},
+    {"ImportKey", &importKey, kKeyAnswer, "KeyQueryResponse", KVX_E_NO_CONFIGURATION, "no configuration found",
+     "keys/public/vt-1"},
+    {"PublishKey", &publishKey, kExportAnswer, "KeyExportResponse", KVX_E_NO_ENDPOINT, "no endpoint", "keys/current"},
+};
+
+/// What every exchange needs on disk.
+void prepare(Account const& account) {
+    account.write("keys/public/own", "30480241");
+    std::filesystem::create_directories(account.dir.file("keys/private"));
+}
+
+}  // namespace
+
+TEST(Setup, SendsItsVersionAndStoresTheWholeAnswer) {
+    std::string const body = "\r\n " + std::string(kSetupAnswer) + "\ntrailing & text";
+    ExchangeServer server({body});
+    Configured account(server);
+    TraceRecorder const recorder;
+    account.context.Setup();
+    EXPECT_EQ(account.read("config.xml"), body);
+    EXPECT_EQ(eventsOf(recorder), std::vector<std::string>{"UPDATE:" + account.dir.file("config.xml")});
+    EXPECT_EQ(server.requests(),
+              std::vector<std::string>{requestWith("/auto", "<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>")});
+}
+
+TEST(Setup, SendsTheVersionOfTheConfiguration) {
+    struct Case {
+        char const* configuration;
+        char const* version;
+    };
+    Case const cases[] = {{"<KVX VERSION=\"42\"/>", "42"},
+                          {"<KVX VERSION=\"\"/>", "0"},
+                          {"<KVX/>", "0"},
+                          {"<KVX VERSION=\"a&amp;b\"/>", "a&amp;b"}};
+    for (Case const& row : cases) {
+        ExchangeServer server({kSetupAnswer});
+        Configured account(server);
+        account.write("config.xml", row.configuration);
+        account.context.Setup();
+        EXPECT_EQ(server.messages(), std::vector<std::string>{std::string("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"") +
+                                                              row.version + "\"/>"});
+    }
+}
+
+TEST(Setup, SendsCredentialsInTheAuthority) {
+    ExchangeServer server({kSetupAnswer});
+    Configured account(server);
+    account.context.SetOption("UserName", "alice");
+    account.context.SetOption("Password", "pw");
+    account.context.Setup();
+    EXPECT_EQ(server.requests(), std::vector<std::string>{requestWith(
+                                     "/auto", "<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>", "YWxpY2U6cHcA")});
+}
+
+TEST(LoadDefaults, StoresTheWholeAnswerAndTraces) {
+    ExchangeServer server({kDefaultsAnswer});
+    Configured account(server);
+    TraceRecorder const recorder;
+    account.context.LoadDefaults();
+    EXPECT_EQ(account.read("default.xml"), kDefaultsAnswer);
+    EXPECT_EQ(eventsOf(recorder),
+              (std::vector<std::string>{"UPDATE:" + account.dir.file("default.xml"), "LOAD DEFAULTS:"}));
+    EXPECT_EQ(server.requests(),
+              std::vector<std::string>{requestWith("/auto", "<KVX MSGTYPE=\"LoadDefaultsRequest\"/>")});
+}
+
+TEST(ImportKey, StoresTheKeyAndTraces) {
+    ExchangeServer server({"<KVX MSGTYPE=\"KeyQueryResponse\" KEYID=\"vt-1\" KEYBLOB=\"30&lt;48\"/>"});
+    Configured account(server);
+    prepare(account);
+    TraceRecorder const recorder;
+    TbString keyId("vt-1");
+    account.context.ImportKey(keyId);
+    EXPECT_EQ(bytesOf(keyId), "vt-1");
+    EXPECT_EQ(account.read("keys/public/vt-1"), "30<48");
+    EXPECT_EQ(eventsOf(recorder),
+              (std::vector<std::string>{"UPDATE:" + account.dir.file("keys/public/vt-1"), "IMPORT:"}));
+    EXPECT_EQ(server.requests(),
+              std::vector<std::string>{requestWith("/auto", "<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"vt-1\"/>")});
+}
+
+TEST(ImportKey, StoresTheKeyUnderTheAnsweredIdentifier) {
+    ExchangeServer server({"<KVX MSGTYPE=\"KeyQueryResponse\" KEYID=\"vt-2\" KEYBLOB=\"3048\"/>"});
+    Configured account(server);
+    prepare(account);
+    TbString keyId("vt-1");
+    account.context.ImportKey(keyId);
+    EXPECT_EQ(bytesOf(keyId), "vt-2");
+    EXPECT_EQ(account.filesIn("keys/public"), (std::vector<std::string>{"own", "vt-2"}));
+    EXPECT_EQ(account.read("keys/public/vt-2"), "3048");
+}
+
+TEST(ImportKey, TakesAbsentAttributesAsAskedAndAsEmpty) {
+    ExchangeServer server({"<KVX MSGTYPE=\"KeyQueryResponse\"/>"});
+    Configured account(server);
+    prepare(account);
+    TbString keyId("vt-1");
+    account.context.ImportKey(keyId);
+    EXPECT_EQ(bytesOf(keyId), "vt-1");
+    EXPECT_EQ(account.read("keys/public/vt-1"), "");
+}
+
+TEST(ImportKey, CannotOpenAFileOutsideTheKeyDirectory) {
+    for (char const* answered : {"../x", "a/b", "/tmp/x", ".", "..", "", "../private/own", "x/"}) {
+        ExchangeServer server(
+            {std::string("<KVX MSGTYPE=\"KeyQueryResponse\" KEYBLOB=\"3048\" KEYID=\"") + answered + "\"/>"});
+        Configured account(server);
+        prepare(account);
+        std::filesystem::create_directories(account.dir.file("keys/public/a"));
+        TraceRecorder const recorder;
+        TbString keyId("vt-1");
+        Thrown const failure = thrown([&] { account.context.ImportKey(keyId); });
+        EXPECT_EQ(failure.code, KVX_E_FILE_NOT_FOUND) << answered;
+        EXPECT_EQ(failure.text, "file not found");
+        EXPECT_EQ(failure.file, "kvxctx");
+        EXPECT_EQ(failure.line, 205);
+        EXPECT_TRUE(eventsOf(recorder).empty());
+        EXPECT_EQ(account.filesIn("keys/public"), (std::vector<std::string>{"a", "own"}));
+        EXPECT_TRUE(account.filesIn("keys/public/a").empty());
+        EXPECT_TRUE(account.filesIn("keys/private").empty());
+        EXPECT_EQ(account.filesIn("keys"), (std::vector<std::string>{"private", "public"}));
+    }
+}
+
+TEST(PublishKey, SendsThePublicHalfAndMakesTheKeyCurrent) {
+    ExchangeServer server({kExportAnswer});
+    Configured account(server);
+    prepare(account);
+    account.write("keys/current", "old");
+    account.write("keys/public/own", "30\n<48>");
+    TraceRecorder const recorder;
+    TbString keyId("own");
+    account.context.PublishKey(keyId);
+    EXPECT_EQ(account.read("keys/current"), "own");
+    EXPECT_EQ(eventsOf(recorder), (std::vector<std::string>{"UPDATE:" + account.dir.file("keys/current"), "PUBLISH:"}));
+    EXPECT_EQ(server.requests(),
+              std::vector<std::string>{requestWith(
+                  "/auto", "<KVX MSGTYPE=\"KeyExportRequest\" KEYID=\"own\" KEYBLOB=\"30\n&lt;48&gt;\"/>")});
+}
+
+TEST(PublishKey, SendsNothingWithoutTheKeyFile) {
+    ExchangeServer server({kExportAnswer});
+    Configured account(server);
+    prepare(account);
+    for (char const* name : {"missing", "", "."}) {
+        TbString keyId(name);
+        Thrown const failure = thrown([&] { account.context.PublishKey(keyId); });
+        EXPECT_EQ(failure.code, KVX_E_KEY_NOT_FOUND) << name;
+        EXPECT_EQ(failure.text, "the requested key was not found");
+        EXPECT_EQ(failure.file, "kvxctx");
+    }
+    EXPECT_FALSE(account.exists("keys/current"));
+    EXPECT_TRUE(server.requests().empty());
+}
+
+TEST(PublishKey, LooksForTheEndpointBeforeTheKeyFile) {
+    Account account;
+    TbString keyId("missing");
+    EXPECT_EQ(thrownCode([&] { account.context.PublishKey(keyId); }), KVX_E_NO_ENDPOINT);
+    account.context.SetOption("VTAUTOURL", "http://127.0.0.1:1/");
+    EXPECT_EQ(thrownCode([&] { account.context.PublishKey(keyId); }), KVX_E_KEY_NOT_FOUND);
+}
+
+TEST(Exchanges, FailWithTheirOwnCodeWithoutAnEndpoint) {
+    for (Exchange const& exchange : kExchanges) {
+        for (char const* configuration :
+             {"", "<KVX/>", "<KVX KVX.VTAUTOURL=\"\"/>", "<KVX VTAUTOURL=\"http://x/\"/>"}) {
+            Account account;
+            prepare(account);
+            if (configuration[0] != '\0') {
+                account.write("config.xml", configuration);
+            }
+            account.context.SetOption("VTAUTOURL", "");
+            Thrown const failure = thrown([&] { exchange.run(account.context); });
+            EXPECT_EQ(failure.code, exchange.codeWithoutEndpoint) << exchange.name << configuration;
+            EXPECT_EQ(failure.text, exchange.textWithoutEndpoint);
+            EXPECT_EQ(failure.file, "kvxctx");
+        }
+    }
+}
+
+TEST(Exchanges, ReadTheEndpointFromTheConfigurationUnlessTheOptionNamesOne) {
+    for (Exchange const& exchange : kExchanges) {
+        ExchangeServer server({exchange.answer});
+        Account account;
+        prepare(account);
+        std::string const configuration = "<KVX KVX.VTAUTOURL=\"" + server.url("/configured") + "\"/>";
+        account.write("config.xml", configuration);
+        exchange.run(account.context);
+        account.write("config.xml", configuration);
+        account.context.SetOption("VTAUTOURL", server.url("/option").c_str());
+        exchange.run(account.context);
+        ASSERT_EQ(server.requests().size(), 2U) << exchange.name;
+        EXPECT_EQ(server.requests()[0].rfind("GET /configured?DATA=", 0), 0U);
+        EXPECT_EQ(server.requests()[1].rfind("GET /option?DATA=", 0), 0U);
+    }
+}
+
+TEST(Exchanges, AreNotSigned) {
+    for (Exchange const& exchange : kExchanges) {
+        ExchangeServer server({exchange.answer});
+        Configured account(server);
+        prepare(account);
+        exchange.run(account.context);
+        EXPECT_EQ(server.requests().at(0).find("SIGNATURE"), std::string::npos) << exchange.name;
+    }
+}
+
+TEST(Exchanges, PassAMalformedConfiguration) {
+    for (Exchange const& exchange : kExchanges) {
+        Account account;
+        prepare(account);
+        account.write("config.xml", "<KVX");
+        EXPECT_EQ(thrownCode([&] { exchange.run(account.context); }), KVX_E_INVALID_FORMAT) << exchange.name;
+    }
+}
+
+TEST(Exchanges, RefuseAnUnopenedContext) {
+    for (Exchange const& exchange : kExchanges) {
+        KVX_Context context;
+        Thrown const failure = thrown([&] { exchange.run(context); });
+        EXPECT_EQ(failure.code, KVX_E_NO_CONTEXT) << exchange.name;
+        EXPECT_EQ(failure.line, 71);
+    }
+}
+
+TEST(Exchanges, RefuseABaseAddressWithoutScheme) {
+    for (Exchange const& exchange : kExchanges) {
+        Account account;
+        prepare(account);
+        account.context.SetOption("VTAUTOURL", "127.0.0.1/auto");
+        EXPECT_EQ(thrownCode([&] { exchange.run(account.context); }), KVX_E_INVALID_URL) << exchange.name;
+    }
+}
+
+TEST(Exchanges, KeepNeedingASlashBehindTheHost) {
+    for (Exchange const& exchange : kExchanges) {
+        Account account;
+        prepare(account);
+        account.context.SetOption("VTAUTOURL", "http://127.0.0.1");
+        EXPECT_EQ(thrownCode([&] { exchange.run(account.context); }), KVX_E_HTTP_NAME_LOOKUP) << exchange.name;
+    }
+}
+
+TEST(Exchanges, WriteAndTraceNothingUnlessTheAnswerIsRight) {
+    struct Case {
+        std::string answer;
+        std::int32_t code;
+        std::string text;
+    };
+    Case const cases[] = {
+        {kError, KVX_E_SERVER_ERROR, "the request failed (not today)"},
+        {"<KVX MSGTYPE=\"Other\"/>", KVX_E_WRONG_RESPONSE,
+         "request failed (Response MSGTYPE: received 'Other', expected '%')"},
+        {"<KVX/>", KVX_E_WRONG_RESPONSE, "request failed (Response MSGTYPE: received '', expected '%')"},
+        {"", KVX_E_INVALID_FORMAT, "invalid file format"},
+        {"<html>", KVX_E_INVALID_FORMAT, "invalid file format"},
+        {"<html></html>", KVX_E_INVALID_FORMAT, "invalid file format"},
+        {"<?xml version=\"1.0\"?><KVX MSGTYPE=\"SetupResponse\"/>", KVX_E_INVALID_FORMAT, "invalid file format"},
+        {"HTTP/1.0 404 Not Found\r\n\r\n", KVX_E_HTTP_NOT_FOUND, "URL resource not found"},
+        {"HTTP/1.0 503 Busy\r\n\r\n" + std::string(kError), KVX_E_HTTP_UNAVAILABLE, "server temporarily unavailable"},
+        {"HTTP/1.0 200 OK\r\n", KVX_E_HTTP_BAD_REPLY, "ErrorCode = 0x80042022"},
+    };
+    for (Exchange const& exchange : kExchanges) {
+        for (Case const& row : cases) {
+            ExchangeServer server({row.answer});
+            Configured account(server);
+            prepare(account);
+            account.write(exchange.written, "<KVX A=\"old\"/>");
+            TraceRecorder const recorder;
+            Thrown const failure = thrown([&] { exchange.run(account.context); });
+            std::string text = row.text;
+            if (text.find('%') != std::string::npos) {
+                text.replace(text.find('%'), 1, exchange.expectedType);
+            }
+            EXPECT_EQ(failure.code, row.code) << exchange.name << ": " << row.answer;
+            EXPECT_EQ(failure.text, text) << exchange.name << ": " << row.answer;
+            EXPECT_TRUE(eventsOf(recorder).empty());
+            EXPECT_EQ(account.read(exchange.written), "<KVX A=\"old\"/>");
+        }
+    }
+}
+
+TEST(Exchanges, FailWhenNobodyAnswers) {
+    ClosedPort const port;
+    for (Exchange const& exchange : kExchanges) {
+        Account account;
+        prepare(account);
+        account.context.SetOption("VTAUTOURL", ("http://127.0.0.1:" + port.text() + "/auto").c_str());
+        Thrown const failure = thrown([&] { exchange.run(account.context); });
+        EXPECT_EQ(failure.code, KVX_E_SOCKET_REFUSED) << exchange.name;
+        EXPECT_EQ(failure.text, "connection refused (failed to connect to host)");
+    }
+}
+
+TEST(Exchanges, TraceNothingWhenTheAnswerCannotBeStored) {
+    for (Exchange const& exchange : kExchanges) {
+        ExchangeServer server({exchange.answer});
+        Configured account(server);
+        prepare(account);
+        SystemCalls calls;
+        calls->fsync = [](int) {
+            errno = EIO;
+            return -1;
+        };
+        TraceRecorder const recorder;
+        Thrown const failure = thrown([&] { exchange.run(account.context); });
+        EXPECT_EQ(failure.code, KVX_E_FILE_IO) << exchange.name;
+        EXPECT_EQ(failure.line, 212);
+        EXPECT_TRUE(eventsOf(recorder).empty());
+    }
+}
+
+TEST(Exchanges, AcceptBytesAbove127InAnAnswer) {
+    std::string const body = "<KVX MSGTYPE=\"SetupResponse\" NAME=\"Caf\xE9 \xC3\xA9\"/>";
+    ExchangeServer server({body});
+    Configured account(server);
+    account.context.Setup();
+    EXPECT_EQ(account.read("config.xml"), body);
+}
+
+namespace {
+
+/// A server for a whole set-up with these answers, some of which a test replaces.
+struct Answers {
+    std::string setup = kSetupAnswer;
+    std::string defaults = kDefaultsAnswer;
+    std::string key = kKeyAnswer;
+    std::string exported = kExportAnswer;
+
+    [[nodiscard]] std::vector<std::string> all() const { return {setup, defaults, key, exported}; }
+    [[nodiscard]] std::vector<std::string> withoutDefaults() const { return {setup, key, exported}; }
+};
+
+std::vector<std::string> typesOf(std::vector<std::string> const& messages) {
+    std::vector<std::string> types;
+    for (std::string const& message : messages) {
+        std::size_t const begin = message.find("MSGTYPE=\"") + 9;
+        types.push_back(message.substr(begin, message.find('"', begin) - begin));
+    }
+    return types;
+}
+
+}  // namespace
+
+TEST(Reconfigure, BringsAnEmptyDirectoryIntoWorkingOrder) {
+    ExchangeServer server(Answers().all());
+    Configured account(server);
+    TraceRecorder const recorder;
+    account.context.Reconfigure();
+
+    std::string const keyId = account.read("keys/current");
+    ASSERT_EQ(keyId.size(), 7 + 32U) << keyId;
+    EXPECT_EQ(keyId.substr(0, 7), "0-4711-");
+    EXPECT_EQ(keyId.find_first_not_of("0123456789abcdef", 7), std::string::npos);
+    EXPECT_EQ(account.filesIn(""), (std::vector<std::string>{"config.xml", "default.xml", "keys"}));
+    EXPECT_EQ(account.filesIn("keys"), (std::vector<std::string>{"current", "private", "public"}));
+    EXPECT_EQ(account.filesIn("keys/private"), std::vector<std::string>{keyId});
+    EXPECT_EQ(account.filesIn("keys/public"), (std::vector<std::string>{keyId, "vt-1"}));
+    EXPECT_EQ(account.read("config.xml"), kSetupAnswer);
+    EXPECT_EQ(account.read("default.xml"), kDefaultsAnswer);
+    EXPECT_EQ(account.read("keys/public/vt-1"), "3048");
+
+    std::string const update = "UPDATE:" + account.dir.path() + "/";
+    EXPECT_EQ(eventsOf(recorder),
+              (std::vector<std::string>{"START RECONFIGURE:", update + "config.xml", update + "default.xml",
+                                        "LOAD DEFAULTS:", update + "keys/public/vt-1",
+                                        "IMPORT:", update + "keys/public/" + keyId, update + "keys/private/" + keyId,
+                                        update + "keys/current", "PUBLISH:", "RECONFIGURE OK:"}));
+    EXPECT_EQ(server.requests(),
+              (std::vector<std::string>{
+                  requestWith("/auto", "<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>"),
+                  requestWith("/auto", "<KVX MSGTYPE=\"LoadDefaultsRequest\"/>"),
+                  requestWith("/auto", "<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"vt-1\"/>"),
+                  requestWith("/auto", "<KVX MSGTYPE=\"KeyExportRequest\" KEYID=\"" + keyId + "\" KEYBLOB=\"" +
+                                           account.read("keys/public/" + keyId) + "\"/>")}));
+}
+
+TEST(Reconfigure, WritesEachResultBeforeItAsksForTheNext) {
+    std::vector<std::string> seen;
+    Account account;
+    ExchangeServer server(Answers().all(), [&](std::size_t) {
+        std::string state;
+        for (char const* name : {"config.xml", "default.xml", "keys/public/vt-1", "keys/current"}) {
+            state += account.exists(name) ? 'x' : '-';
+        }
+        state += account.exists("keys/private") ? std::to_string(account.filesIn("keys/private").size()) : "?";
+        seen.push_back(state);
+    });
+    account.context.SetOption("VTAUTOURL", server.url("/auto").c_str());
+    account.context.Reconfigure();
+    EXPECT_EQ(server.requests().size(), 4U);
+    EXPECT_EQ(seen, (std::vector<std::string>{"----0", "x---0", "xx--0", "xxx-1"}));
+}
+
+TEST(Reconfigure, LoadsTheDefaultsUnlessTheyAreValid) {
+    struct Case {
+        char const* defaults;
+        bool loads;
+    };
+    Case const cases[] = {
+        {"<KVX KVX.ISVALID=\"yes\"/>", false}, {"<KVX KVX.ISVALID=\"no\"/>", true},
+        {"<KVX KVX.ISVALID=\"Yes\"/>", true},  {"<KVX KVX.ISVALID=\"YES\"/>", true},
+        {"<KVX KVX.ISVALID=\"\"/>", true},     {"<KVX KVX.ISVALID=\"yes \"/>", true},
+        {"<KVX ISVALID=\"yes\"/>", true},      {"<KVX/>", true},
+    };
+    for (Case const& row : cases) {
+        ExchangeServer server(row.loads ? Answers().all() : Answers().withoutDefaults());
+        Configured account(server);
+        account.write("default.xml", row.defaults);
+        account.context.Reconfigure();
+        std::vector<std::string> expected{"SetupRequest", "LoadDefaultsRequest", "KeyQueryRequest", "KeyExportRequest"};
+        if (!row.loads) {
+            expected.erase(expected.begin() + 1);
+        }
+        EXPECT_EQ(typesOf(server.messages()), expected) << row.defaults;
+        EXPECT_EQ(account.read("default.xml"), row.loads ? kDefaultsAnswer : row.defaults);
+    }
+}
+
+TEST(Reconfigure, StopsAtMalformedDefaultsBeforeItSendsAnything) {
+    ExchangeServer server(Answers().all());
+    Configured account(server);
+    account.write("default.xml", "<KVX");
+    TraceRecorder const recorder;
+    EXPECT_EQ(thrownCode([&] { account.context.Reconfigure(); }), KVX_E_INVALID_FORMAT);
+    EXPECT_EQ(eventsOf(recorder), std::vector<std::string>{"START RECONFIGURE:"});
+    EXPECT_TRUE(server.requests().empty());
+    EXPECT_TRUE(account.exists("keys/private"));
+    EXPECT_TRUE(account.exists("keys/public"));
+}
+
+TEST(Reconfigure, MakesAndPublishesAnotherKeyEachTime) {
+    ExchangeServer server(
+        {kSetupAnswer, kDefaultsAnswer, kKeyAnswer, kExportAnswer, kSetupAnswer, kKeyAnswer, kExportAnswer});
+    Configured account(server);
+    account.context.Reconfigure();
+    std::string const first = account.read("keys/current");
+    account.context.Reconfigure();
+    std::string const second = account.read("keys/current");
+    EXPECT_NE(first, second);
+    EXPECT_TRUE(account.exists("keys/private/" + first)) << "old keys stay";
+    EXPECT_TRUE(account.exists("keys/private/" + second));
+    EXPECT_EQ(server.messages().at(4), "<KVX MSGTYPE=\"SetupRequest\" VERSION=\"7\"/>");
+}
+
+TEST(Reconfigure, UsesTheAddressThatTheNewConfigurationNames) {
+    ExchangeServer rest({kDefaultsAnswer, kKeyAnswer, kExportAnswer});
+    ExchangeServer named(
+        {"<KVX MSGTYPE=\"SetupResponse\" VTKEYID=\"vt-1\" KVX.VTAUTOURL=\"" + rest.url("/second") + "\"/>"});
+    Account account;
+    account.write("config.xml", "<KVX KVX.VTAUTOURL=\"" + named.url("/first") + "\"/>");
+    account.context.Reconfigure();
+    EXPECT_EQ(named.requests().size(), 1U);
+    ASSERT_EQ(rest.requests().size(), 3U);
+    for (std::string const& request : rest.requests()) {
+        EXPECT_EQ(request.rfind("GET /second?DATA=", 0), 0U);
+    }
+}
+
+TEST(Reconfigure, NamesTheKeyWithoutACustomer) {
+    Answers answers;
+    answers.setup = "<KVX MSGTYPE=\"SetupResponse\" VTKEYID=\"vt-1\"/>";
+    ExchangeServer server(answers.all());
+    Configured account(server);
+    account.context.Reconfigure();
+    std::string const keyId = account.read("keys/current");
+    EXPECT_EQ(keyId.substr(0, 3), "0--");
+    EXPECT_EQ(keyId.size(), 3 + 32U);
+}
+
+TEST(Reconfigure, RefusesAnUnopenedContext) {
+    KVX_Context context;
+    TraceRecorder const recorder;
+    Thrown const failure = thrown([&] { context.Reconfigure(); });
+    EXPECT_EQ(failure.code, KVX_E_NO_CONTEXT);
+    EXPECT_EQ(failure.text, "no context present");
+    EXPECT_EQ(failure.file, "kvxctx");
+    EXPECT_TRUE(eventsOf(recorder).empty());
+}
+
+TEST(Reconfigure, CreatesTheThreeDirectoriesInOrderBeforeAnythingElse) {
+    struct Case {
+        char const* blocking;
+        std::vector<std::string> inKeys;
+    };
+    Case const cases[] = {{"keys", {}}, {"keys/private", {"private"}}, {"keys/public", {"private", "public"}}};
+    for (Case const& row : cases) {
+        ExchangeServer server(Answers().all());
+        Configured account(server);
+        account.write(row.blocking, "a file");
+        TraceRecorder const recorder;
+        Thrown const failure = thrown([&] { account.context.Reconfigure(); });
+        EXPECT_EQ(failure.code, 17);
+        EXPECT_EQ(failure.file, "kvxbase");
+        EXPECT_EQ(failure.line, 55);
+        EXPECT_TRUE(eventsOf(recorder).empty());
+        EXPECT_TRUE(server.requests().empty());
+        if (std::strcmp(row.blocking, "keys") != 0) {
+            EXPECT_EQ(account.filesIn("keys"), row.inKeys);
+        }
+    }
+}
+
+TEST(Reconfigure, FailsWithoutAnEndpoint) {
+    Account account;
+    EXPECT_EQ(thrownCode([&] { account.context.Reconfigure(); }), KVX_E_NO_CONFIGURATION);
+}
+
+TEST(Reconfigure, KeepsWhatEarlierStepsWrote) {
+    struct Case {
+        char const* name;
+        Answers answers;
+        std::int32_t code;
+        std::size_t requests;
+        std::vector<std::string> events;  ///< Details left out.
+        std::size_t ownKeys;
+    };
+    auto const with = [](std::string Answers::*which, std::string const& answer) {
+        Answers answers;
+        answers.*which = answer;
+        return answers;
+    };
+    Case const cases[] = {
+        {"set-up refused", with(&Answers::setup, kError), KVX_E_SERVER_ERROR, 1, {"START RECONFIGURE"}, 0},
+        {"defaults refused",
+         with(&Answers::defaults, kError),
+         KVX_E_SERVER_ERROR,
+         2,
+         {"START RECONFIGURE", "UPDATE"},
+         0},
+        {"no server key named",
+         with(&Answers::setup, "<KVX MSGTYPE=\"SetupResponse\" CUSTOMERID=\"1\"/>"),
+         KVX_E_NO_CONFIGURATION,
+         2,
+         {"START RECONFIGURE", "UPDATE", "UPDATE", "LOAD DEFAULTS"},
+         0},
+        {"server key named by nothing",
+         with(&Answers::setup, "<KVX MSGTYPE=\"SetupResponse\" VTKEYID=\"\"/>"),
+         KVX_E_NO_CONFIGURATION,
+         2,
+         {"START RECONFIGURE", "UPDATE", "UPDATE", "LOAD DEFAULTS"},
+         0},
+        {"server key refused",
+         with(&Answers::key, kError),
+         KVX_E_SERVER_ERROR,
+         3,
+         {"START RECONFIGURE", "UPDATE", "UPDATE", "LOAD DEFAULTS"},
+         0},
+        {"server key of another directory",
+         with(&Answers::key, "<KVX MSGTYPE=\"KeyQueryResponse\" KEYID=\"../current\" KEYBLOB=\"x\"/>"),
+         KVX_E_FILE_NOT_FOUND,
+         3,
+         {"START RECONFIGURE", "UPDATE", "UPDATE", "LOAD DEFAULTS"},
+         0},
+        {"customer of another directory",
+         with(&Answers::setup, "<KVX MSGTYPE=\"SetupResponse\" VTKEYID=\"vt-1\" CUSTOMERID=\"/../../x\"/>"),
+         KVX_E_FILE_NOT_FOUND,
+         3,
+         {"START RECONFIGURE", "UPDATE", "UPDATE", "LOAD DEFAULTS", "UPDATE", "IMPORT"},
+         0},
+        {"own key refused",
+         with(&Answers::exported, kError),
+         KVX_E_SERVER_ERROR,
+         4,
+         {"START RECONFIGURE", "UPDATE", "UPDATE", "LOAD DEFAULTS", "UPDATE", "IMPORT", "UPDATE", "UPDATE"},
+         1},
+        {"own key answered wrongly",
+         with(&Answers::exported, kKeyAnswer),
+         KVX_E_WRONG_RESPONSE,
+         4,
+         {"START RECONFIGURE", "UPDATE", "UPDATE", "LOAD DEFAULTS", "UPDATE", "IMPORT", "UPDATE", "UPDATE"},
+         1},
+    };
+    for (Case const& row : cases) {
+        SCOPED_TRACE(row.name);
+        ExchangeServer server(row.answers.all());
+        Configured account(server);
+        account.write("keys/current", "previous");
+        TraceRecorder const recorder;
+        EXPECT_EQ(thrownCode([&] { account.context.Reconfigure(); }), row.code);
+        std::vector<std::string> events;
+        for (std::string const& event : eventsOf(recorder)) {
+            events.push_back(event.substr(0, event.find(':')));
+        }
+        EXPECT_EQ(events, row.events);
+        EXPECT_EQ(server.requests().size(), row.requests);
+        EXPECT_EQ(account.exists("config.xml"), row.events.size() > 1);
+        EXPECT_EQ(account.exists("default.xml"), row.events.size() > 2);
+        EXPECT_EQ(account.exists("keys/public/vt-1"), row.events.size() > 4);
+        EXPECT_EQ(account.filesIn("keys/private").size(), row.ownKeys);
+        EXPECT_EQ(account.filesIn("keys/public").size(), row.ownKeys + (row.events.size() > 4 ? 1 : 0));
+        EXPECT_EQ(account.read("keys/current"), "previous");
+        EXPECT_EQ(account.filesIn("keys"), (std::vector<std::string>{"current", "private", "public"}));
+    }
+}
+
+TEST(Reconfigure, CannotStoreAServerKeyThatTheConfigurationNamesOutsideTheDirectory) {
+    for (char const* named : {"../current", "../../x", "a/b", "..", "."}) {
+        Answers answers;
+        answers.setup = std::string("<KVX MSGTYPE=\"SetupResponse\" VTKEYID=\"") + named + "\"/>";
+        answers.key = "<KVX MSGTYPE=\"KeyQueryResponse\" KEYBLOB=\"x\"/>";
+        ExchangeServer server(answers.all());
+        Configured account(server);
+        EXPECT_EQ(thrownCode([&] { account.context.Reconfigure(); }), KVX_E_FILE_NOT_FOUND) << named;
+        EXPECT_EQ(server.requests().size(), 3U);
+        EXPECT_EQ(account.filesIn("keys"), (std::vector<std::string>{"private", "public"}));
+        EXPECT_TRUE(account.filesIn("keys/public").empty());
+        EXPECT_FALSE(account.exists("x"));
+    }
+}
+
+TEST(Reconfigure, MakesNoKeyOutsideTheDirectoryForACustomerThatNamesOne) {
+    Answers answers;
+    answers.setup = "<KVX MSGTYPE=\"SetupResponse\" VTKEYID=\"vt-1\" CUSTOMERID=\"/../../../x\"/>";
+    ExchangeServer server(answers.all());
+    Configured account(server);
+    std::filesystem::create_directories(account.dir.file("keys/public/0-"));
+    std::filesystem::create_directories(account.dir.file("keys/private/0-"));
+    EXPECT_EQ(thrownCode([&] { account.context.Reconfigure(); }), KVX_E_FILE_NOT_FOUND);
+    EXPECT_EQ(server.requests().size(), 3U);
+    EXPECT_EQ(account.filesIn(""), (std::vector<std::string>{"config.xml", "default.xml", "keys"}));
+    EXPECT_EQ(account.filesIn("keys"), (std::vector<std::string>{"private", "public"}));
+}
+
+TEST(ImportKey, CannotOpenAFileWhoseNameHoldsAZeroByte) {
+    ExchangeServer server({"<KVX MSGTYPE=\"KeyQueryResponse\" KEYBLOB=\"x\"/>"});
+    Configured account(server);
+    prepare(account);
+    TbString keyId = stringOf(std::string("a\0b", 3));
+    EXPECT_EQ(thrownCode([&] { account.context.ImportKey(keyId); }), KVX_E_FILE_NOT_FOUND);
+    EXPECT_EQ(account.filesIn("keys/public"), std::vector<std::string>{"own"});
+}
+
+TEST(Reconfigure, LeavesThePublicHalfWhenThePrivateOneCannotBeWritten) {
+    ExchangeServer server(Answers().all());
+    Configured account(server);
+    account.write("keys/current", "previous");
+    SystemCalls calls;
+    calls->open = [](char const* path, int flags, mode_t mode) {
+        if ((flags & O_CREAT) != 0 && std::strstr(path, "/keys/private/") != nullptr) {
+            errno = EMFILE;
+            return -1;
+        }
+        return ::open(path, flags, mode);
+    };
+    EXPECT_EQ(thrownCode([&] { account.context.Reconfigure(); }), KVX_E_FILE_NOT_FOUND);
+    EXPECT_EQ(server.requests().size(), 3U);
+    EXPECT_EQ(account.filesIn("keys/public").size(), 2U);
+    EXPECT_TRUE(account.filesIn("keys/private").empty());
+    EXPECT_EQ(account.read("keys/current"), "previous");
+}
+
+TEST(Reconfigure, FailsLastWhenTheCurrentKeyCannotBeSwitched) {
+    ExchangeServer server(Answers().all());
+    Configured account(server);
+    std::filesystem::create_directories(account.dir.file("keys/current"));
+    TraceRecorder const recorder;
+    Thrown const failure = thrown([&] { account.context.Reconfigure(); });
+    EXPECT_EQ(failure.code, KVX_E_FILE_NOT_FOUND);
+    EXPECT_EQ(failure.line, 205);
+    EXPECT_EQ(server.requests().size(), 4U);
+    EXPECT_TRUE(recorder.of("PUBLISH").empty());
+    EXPECT_TRUE(recorder.of("RECONFIGURE OK").empty());
+}

@@ -1,0 +1,391 @@
+#include <fcntl.h>
+#include <grp.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <filesystem>
+#include <string>
+#include <thread>
+
+#include "tests/core/core_support.h"
+#include "tests/support/system_calls.h"
+
+using namespace kvxtest;
+
+namespace {
+
+constexpr uid_t kNobody = 65534;
+
+struct stat statusOf(std::string const& path) {
+    struct stat status = {};
+    EXPECT_EQ(::lstat(path.c_str(), &status), 0) << path;
+    return status;
+}
+
+mode_t modeOf(std::string const& path) {
+    return statusOf(path).st_mode & 07777;
+}
+
+/// Sets the umask and restores it at the end.
+class Umask {
+public:
+    explicit Umask(mode_t mask) : m_Before(::umask(mask)) {}
+    Umask(Umask const&) = delete;
+    Umask& operator=(Umask const&) = delete;
+    ~Umask() { ::umask(m_Before); }
+
+private:
+    mode_t m_Before;
+};
+
+void dropPrivileges() {
+    if (::geteuid() == 0 && (::setgroups(0, nullptr) != 0 || ::setgid(kNobody) != 0 || ::setuid(kNobody) != 0)) {
+        throw std::runtime_error("cannot become another user");
+    }
+}
+
+enum Status { kWritten = 10, kNotOpened = 11, kNotWritten = 12, kOther = 13 };
+
+/// Replaces `file` in the directory `path`, as a user without privileges, in a process of its own.
+int updateUnprivileged(std::string const& path, std::string const& file, std::string const& content) {
+    return inChildProcess([&]() -> int {
+        dropPrivileges();
+        KVX_Context context;
+        context.Open(path.c_str());
+        Thrown const failure = thrown([&] { context.UpdateFile(file.c_str(), content.c_str()); });
+        switch (failure.code) {
+            case KVX_OK:
+                return kWritten;
+            case KVX_E_FILE_NOT_FOUND:
+                return failure.line == 205 ? kNotOpened : kOther;
+            case KVX_E_FILE_IO:
+                return failure.line == 212 ? kNotWritten : kOther;
+            default:
+                return kOther;
+        }
+    });
+}
+
+}  // namespace
+
+TEST(ReplaceFile, GivesANewFileTheUsualModeUnderTheUmask) {
+    Account account;
+    Umask const mask(027);
+    account.context.UpdateFile("config.xml", "x");
+    EXPECT_EQ(modeOf(account.dir.file("config.xml")), mode_t{0640});
+}
+
+TEST(ReplaceFile, KeepsTheModeOfTheOldFile) {
+    Account account;
+    for (mode_t const mode : {0600U, 0640U, 0666U, 0744U, 0200U}) {
+        account.write("config.xml", "old");
+        ::chmod(account.dir.file("config.xml").c_str(), mode);
+        account.context.UpdateFile("config.xml", "new");
+        EXPECT_EQ(modeOf(account.dir.file("config.xml")), mode);
+        ::chmod(account.dir.file("config.xml").c_str(), 0600);
+        EXPECT_EQ(account.read("config.xml"), "new");
+    }
+}
+
+TEST(ReplaceFile, KeepsTheOwnerOfTheOldFile) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only a privileged process can give files away";
+    }
+    Account account;
+    account.write("config.xml", "old");
+    ASSERT_EQ(::chown(account.dir.file("config.xml").c_str(), kNobody, kNobody), 0);
+    ::chmod(account.dir.file("config.xml").c_str(), 0640);
+    account.context.UpdateFile("config.xml", "new");
+    struct stat const status = statusOf(account.dir.file("config.xml"));
+    EXPECT_EQ(status.st_uid, kNobody);
+    EXPECT_EQ(status.st_gid, kNobody);
+    EXPECT_EQ(status.st_mode & 07777, mode_t{0640});
+    EXPECT_EQ(account.read("config.xml"), "new");
+}
+
+TEST(ReplaceFile, PutsANewFileInThePlaceOfTheOldOne) {
+    Account account;
+    account.write("config.xml", "old");
+    int const open = ::open(account.dir.file("config.xml").c_str(), O_RDONLY | O_CLOEXEC);
+    account.context.UpdateFile("config.xml", "new");
+    char bytes[4] = {};
+    EXPECT_EQ(::read(open, bytes, 3), 3);
+    EXPECT_STREQ(bytes, "old") << "a reader goes on with the file it opened";
+    ::close(open);
+    EXPECT_EQ(account.read("config.xml"), "new");
+    EXPECT_EQ(account.filesIn(""), std::vector<std::string>{"config.xml"});
+}
+
+TEST(ReplaceFile, FollowsSymbolicLinks) {
+    Account account;
+    TempDir elsewhere;
+    elsewhere.write("target", "old");
+    std::filesystem::create_symlink(elsewhere.file("target"), account.dir.file("absolute"));
+    std::filesystem::create_symlink("absolute", account.dir.file("relative"));
+    account.context.UpdateFile("relative", "new");
+    EXPECT_EQ(elsewhere.read("target"), "new");
+    EXPECT_TRUE(S_ISLNK(statusOf(account.dir.file("absolute")).st_mode));
+    EXPECT_TRUE(S_ISLNK(statusOf(account.dir.file("relative")).st_mode));
+    EXPECT_EQ(account.filesIn(""), (std::vector<std::string>{"absolute", "relative"}));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(elsewhere.path()), {}), 1);
+}
+
+TEST(ReplaceFile, MakesTheMissingTargetOfALink) {
+    Account account;
+    TempDir elsewhere;
+    std::filesystem::create_symlink(elsewhere.file("target"), account.dir.file("link"));
+    account.context.UpdateFile("link", "new");
+    EXPECT_EQ(elsewhere.read("target"), "new");
+    EXPECT_TRUE(S_ISLNK(statusOf(account.dir.file("link")).st_mode));
+}
+
+TEST(ReplaceFile, CannotOpenALinkThatLeadsNowhere) {
+    Account account;
+    std::filesystem::create_symlink("loop", account.dir.file("loop"));
+    std::filesystem::create_symlink("/nowhere/file", account.dir.file("away"));
+    std::filesystem::create_symlink(account.path(), account.dir.file("directory"));
+    for (char const* name : {"loop", "away", "directory"}) {
+        EXPECT_EQ(thrownCode([&] { account.context.UpdateFile(name, "x"); }), KVX_E_FILE_NOT_FOUND) << name;
+    }
+}
+
+TEST(ReplaceFile, WritesDevicesInPlaceAndNoticesThatTheyAreFull) {
+    Account account;
+    std::filesystem::create_symlink("/dev/null", account.dir.file("null"));
+    std::filesystem::create_symlink("/dev/full", account.dir.file("full"));
+    account.context.UpdateFile("null", "x");
+    for (std::size_t const length : {std::size_t{1}, std::size_t{100}, std::size_t{1000000}}) {
+        TraceRecorder const recorder;
+        Thrown const failure = thrown([&] { account.context.UpdateFile("full", std::string(length, 'x').c_str()); });
+        EXPECT_EQ(failure.code, KVX_E_FILE_IO);
+        EXPECT_EQ(failure.file, "kvxctx");
+        EXPECT_EQ(failure.line, 212);
+        EXPECT_EQ(failure.text, "file I/O error");
+        EXPECT_TRUE(recorder.of("UPDATE").empty());
+    }
+    EXPECT_TRUE(std::filesystem::is_character_file("/dev/full"));
+    EXPECT_TRUE(std::filesystem::is_character_file("/dev/null"));
+}
+
+TEST(ReplaceFile, WritesAPipeInPlace) {
+    Account account;
+    ASSERT_EQ(::mkfifo(account.dir.file("pipe").c_str(), 0600), 0);
+    std::string received;
+    int const reader = ::open(account.dir.file("pipe").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    account.context.UpdateFile("pipe", "through");
+    char bytes[100];
+    ssize_t const count = ::read(reader, bytes, sizeof bytes);
+    ::close(reader);
+    ASSERT_EQ(count, 7);
+    EXPECT_EQ(std::string(bytes, 7), "through");
+    EXPECT_TRUE(S_ISFIFO(statusOf(account.dir.file("pipe")).st_mode));
+}
+
+TEST(ReplaceFile, BearsPrivateKeysForTheirOwnerOnly) {
+    static mode_t s_Asked = 0;
+    s_Asked = 0;
+    Account account;
+    std::filesystem::create_directories(account.dir.file("keys/private"));
+    std::filesystem::create_directories(account.dir.file("keys/public"));
+    Umask const mask(0);
+    SystemCalls calls;
+    calls->open = [](char const* path, int flags, mode_t mode) {
+        if ((flags & O_CREAT) != 0) {
+            s_Asked |= mode;
+        }
+        return ::open(path, flags, mode);
+    };
+    account.context.UpdateFile("keys/private/id", "secret");
+    EXPECT_EQ(modeOf(account.dir.file("keys/private/id")), mode_t{0600});
+    EXPECT_EQ(s_Asked, mode_t{0600}) << "from its first instant";
+
+    unsigned char byte = 'x';
+    account.context.UpdateFile("keys/private/raw", &byte, 1UL);
+    EXPECT_EQ(modeOf(account.dir.file("keys/private/raw")), mode_t{0600});
+    account.context.UpdateFile("keys/public/id", "public");
+    EXPECT_EQ(modeOf(account.dir.file("keys/public/id")), mode_t{0666});
+}
+
+TEST(ReplaceFile, KeepsTheModeOfAnExistingPrivateKey) {
+    Account account;
+    account.write("keys/private/id", "old");
+    ::chmod(account.dir.file("keys/private/id").c_str(), 0640);
+    account.context.UpdateFile("keys/private/id", "new");
+    EXPECT_EQ(modeOf(account.dir.file("keys/private/id")), mode_t{0640});
+}
+
+TEST(ReplaceFile, WritesInPlaceWhereTheDirectoryIsNotWritable) {
+    TempDir dir;
+    dir.write("config.xml", "old content");
+    ::chmod(dir.file("config.xml").c_str(), 0666);
+    ::chmod(dir.path().c_str(), 0555);
+    ino_t const before = statusOf(dir.file("config.xml")).st_ino;
+    EXPECT_EQ(updateUnprivileged(dir.path(), "config.xml", "new"), kWritten);
+    EXPECT_EQ(updateUnprivileged(dir.path(), "other.xml", "new"), kNotOpened);
+    ::chmod(dir.path().c_str(), 0755);
+    EXPECT_EQ(dir.read("config.xml"), "new");
+    EXPECT_EQ(statusOf(dir.file("config.xml")).st_ino, before);
+    EXPECT_FALSE(dir.exists("other.xml"));
+}
+
+TEST(ReplaceFile, CannotOpenAFileThatMayNotBeWritten) {
+    TempDir dir;
+    dir.write("config.xml", "old");
+    ::chmod(dir.file("config.xml").c_str(), 0444);
+    ::chmod(dir.path().c_str(), 0777);
+    EXPECT_EQ(updateUnprivileged(dir.path(), "config.xml", "new"), kNotOpened);
+    EXPECT_EQ(dir.read("config.xml"), "old");
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1);
+}
+
+TEST(ReplaceFile, WritesAStrangersFileInPlace) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "takes two users";
+    }
+    // With the sticky bit the name cannot be taken over; without it the owner could not be kept.
+    for (mode_t const mode : {01777U, 0777U}) {
+        TempDir dir;
+        dir.write("config.xml", "old");
+        ::chmod(dir.file("config.xml").c_str(), 0666);
+        ::chmod(dir.path().c_str(), mode);
+        ino_t const before = statusOf(dir.file("config.xml")).st_ino;
+        EXPECT_EQ(updateUnprivileged(dir.path(), "config.xml", "new"), kWritten);
+        EXPECT_EQ(dir.read("config.xml"), "new");
+        EXPECT_EQ(statusOf(dir.file("config.xml")).st_ino, before);
+        EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1) << mode;
+    }
+}
+
+TEST(ReplaceFile, RemovesWhatDeadWritersLeftAndNothingElse) {
+    Account account;
+    account.write(".tallowin-1-0.tmp", "half");
+    account.write(".tallowin-99-7.tmp", "");
+    account.write(".tallowin-notes", "mine");
+    account.write("tallowin-1-0.tmp", "mine");
+    account.write("x.tmp", "mine");
+    std::filesystem::create_directory(account.dir.file(".tallowin-d.tmp"));
+    account.context.UpdateFile("config.xml", "new");
+    EXPECT_EQ(account.filesIn(""), (std::vector<std::string>{".tallowin-d.tmp", ".tallowin-notes", "config.xml",
+                                                             "tallowin-1-0.tmp", "x.tmp"}));
+}
+
+TEST(ReplaceFile, RemovesNoLinkAndTouchesNothingBehindIt) {
+    Account account;
+    TempDir elsewhere;
+    elsewhere.write("target", "mine");
+    std::filesystem::create_symlink(elsewhere.file("target"), account.dir.file(".tallowin-1-0.tmp"));
+    account.context.UpdateFile("config.xml", "new");
+    EXPECT_EQ(elsewhere.read("target"), "mine");
+}
+
+TEST(ReplaceFile, LeavesALivingWritersFileAlone) {
+    static KVX_Context* s_Other = nullptr;
+    static int s_Renames = 0;
+    s_Renames = 0;
+    Account account;
+    KVX_Context other(account.context);
+    s_Other = &other;
+    SystemCalls calls;
+    // While the first writer is about to take the name over, a second one writes in the same directory.
+    calls->rename = [](char const* from, char const* to) {
+        if (s_Renames++ == 0) {
+            s_Other->UpdateFile("second", "2");
+        }
+        return ::rename(from, to);
+    };
+    account.context.UpdateFile("first", "1");
+    EXPECT_EQ(account.filesIn(""), (std::vector<std::string>{"first", "second"}));
+    EXPECT_EQ(account.read("first"), "1");
+}
+
+TEST(ReplaceFile, StartsAgainWhenItsNewFileIsClearedAwayBeforeItIsLocked) {
+    static std::string s_Created;
+    static int s_Locks = 0;
+    s_Locks = 0;
+    Account account;
+    SystemCalls calls;
+    calls->open = [](char const* path, int flags, mode_t mode) {
+        s_Created = path;
+        return ::open(path, flags, mode);
+    };
+    calls->flock = [](int file, int operation) {
+        if (s_Locks++ == 0) {
+            ::unlink(s_Created.c_str());
+        }
+        return ::flock(file, operation);
+    };
+    account.context.UpdateFile("config.xml", "new");
+    EXPECT_EQ(s_Locks, 2);
+    EXPECT_EQ(account.read("config.xml"), "new");
+    EXPECT_EQ(account.filesIn(""), std::vector<std::string>{"config.xml"});
+}
+
+TEST(ReplaceFile, TakesAnotherNameWhenOneIsTaken) {
+    static int s_Opens = 0;
+    s_Opens = 0;
+    Account account;
+    SystemCalls calls;
+    calls->open = [](char const* path, int flags, mode_t mode) {
+        if ((flags & O_EXCL) != 0 && s_Opens++ < 3) {
+            errno = EEXIST;
+            return -1;
+        }
+        return ::open(path, flags, mode);
+    };
+    account.context.UpdateFile("config.xml", "new");
+    EXPECT_EQ(s_Opens, 4);
+    EXPECT_EQ(account.read("config.xml"), "new");
+}
+
+TEST(ReplaceFile, OpensEveryDescriptorCloseOnExec) {
+    static bool s_AllClosed = true;
+    Account account;
+    account.write("config.xml", "<KVX/>");
+    SystemCalls calls;
+    calls->open = [](char const* path, int flags, mode_t mode) {
+        s_AllClosed = s_AllClosed && (flags & O_CLOEXEC) != 0;
+        return ::open(path, flags, mode);
+    };
+    account.context.SetValue("config.xml", "A", "1", false);
+    unsigned char byte = 0;
+    unsigned long size = 1;
+    account.context.QueryValue("config.xml", &byte, &size);
+    account.context.UpdateFile("raw", &byte, 1UL);
+    EXPECT_TRUE(s_AllClosed);
+}
+
+TEST(ReplaceFile, ShowsReadersTheOldOrTheNewContentWhole) {
+    std::string const contents[] = {std::string(20000, 'a'), std::string(70000, 'b')};
+    Account account;
+    account.write("config.xml", contents[0]);
+    pid_t const writer = ::fork();
+    if (writer == 0) {
+        for (int i = 0; i < 300; ++i) {
+            if (thrownCode([&] { account.context.UpdateFile("config.xml", contents[1 - i % 2].c_str()); }) != 0) {
+                ::_exit(1);
+            }
+        }
+        ::_exit(0);
+    }
+    int status = 0;
+    long reads = 0;
+    long changes = 0;
+    char last = 'a';
+    while (::waitpid(writer, &status, WNOHANG) == 0) {
+        TbString value;
+        ASSERT_TRUE(account.context.QueryValue("config.xml", "", value));
+        std::string const bytes = bytesOf(value);
+        ASSERT_TRUE(bytes == contents[0] || bytes == contents[1]) << "a torn file of " << bytes.size() << " bytes";
+        changes += bytes[0] != last ? 1 : 0;
+        last = bytes[0];
+        ++reads;
+    }
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_GT(reads, 0);
+    EXPECT_EQ(account.filesIn(""), std::vector<std::string>{"config.xml"});
+    RecordProperty("reads", std::to_string(reads));
+    RecordProperty("changes", std::to_string(changes));
+}

@@ -1,0 +1,303 @@
+"""The examples and the demonstration against a running sandbox, and the README against the example that it quotes.
+
+CMakeLists.txt tells in the environment where everything is. Every wait is bounded: a watchdog ends a program that
+takes too long, and what is read from it then ends as well.
+"""
+
+import html
+import http.client
+import json
+import os
+import pathlib
+import re
+import subprocess
+import tempfile
+import threading
+import unittest
+import urllib.parse
+
+PATIENCE_SECONDS = 60
+ANSWER_SECONDS = 10
+ROOT = pathlib.Path(os.environ["KVX_ROOT"])
+
+
+class Program:
+    """A program with pipes, killed by its process id when it still runs after PATIENCE_SECONDS."""
+
+    def __init__(self, *arguments, **settings):
+        self.process = subprocess.Popen([str(argument) for argument in arguments], stdin=subprocess.PIPE,
+                                        stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, **settings)
+        self.watchdog = threading.Timer(PATIENCE_SECONDS, self.process.kill)
+        self.watchdog.start()
+
+    def line(self):
+        """The next line of output, empty at its end."""
+        return self.process.stdout.readline().rstrip("\n")
+
+    def finish(self, *lines):
+        """Gives it these lines as the rest of its input and waits. Returns status, rest of the output, errors."""
+        out, errors = self.process.communicate("".join(line + "\n" for line in lines))
+        self.watchdog.cancel()
+        return self.process.returncode, out, errors
+
+    def stop(self):
+        self.process.terminate()
+        return self.finish()
+
+
+class Browser:
+    """What a shopper does at the payment service."""
+
+    @staticmethod
+    def ask(url, form=None):
+        parts = urllib.parse.urlsplit(url)
+        connection = http.client.HTTPConnection(parts.hostname, parts.port, timeout=ANSWER_SECONDS)
+        try:
+            target = (parts.path or "/") + ("?" + parts.query if parts.query else "")
+            if form is None:
+                connection.request("GET", target)
+            else:
+                connection.request("POST", target, urllib.parse.urlencode(form),
+                                   {"Content-Type": "application/x-www-form-urlencoded"})
+            answer = connection.getresponse()
+            return answer.status, answer.getheader("Location"), answer.read().decode()
+        finally:
+            connection.close()
+
+    def decide(self, url, decision):
+        """Opens the payment URL and presses a button. Returns the address it leads to."""
+        status, _, page = self.ask(url)
+        if status != 200:
+            raise AssertionError(f"the payment page answered {status}: {page}")
+        form = {name: html.unescape(value)
+                for name, value in re.findall(r'<input type="hidden" name="([^"]*)" value="([^"]*)">', page)}
+        form["decision"] = decision
+        status, location, page = self.ask(urllib.parse.urljoin(url, "/pay/decision"), form)
+        if status != 302:
+            raise AssertionError(f"the decision was answered with {status}: {page}")
+        return location
+
+
+def parameters(address):
+    """DATA and SIGNATURE of an address, decoded."""
+    query = dict(urllib.parse.parse_qsl(urllib.parse.urlsplit(address).query))
+    return query["DATA"], query["SIGNATURE"]
+
+
+class SandboxCase(unittest.TestCase):
+    """Each test has a sandbox and an empty directory of its own."""
+
+    def setUp(self):
+        place = tempfile.TemporaryDirectory(prefix="tallowin-examples-")
+        self.addCleanup(place.cleanup)
+        self.directory = pathlib.Path(place.name)
+        self.merchant = self.directory / "merchant"
+        self.sandbox = Program(os.environ["KVX_SANDBOX"], "--data", self.directory / "service", "--json")
+        self.addCleanup(self.stop_sandbox)
+        self.addresses = json.loads(self.sandbox.line())
+        self.service = self.addresses["auto"]
+        self.browser = Browser()
+
+    def stop_sandbox(self):
+        if self.sandbox is not None:
+            sandbox, self.sandbox = self.sandbox, None
+            status, _, errors = sandbox.stop()
+            self.assertEqual((status, errors), (0, ""))
+
+    def states(self):
+        """The state of every payment, in the order in which they were opened."""
+        page = Browser.ask(self.addresses["payments"])[2]
+        return re.findall(r"<td>([^<]*)</td></tr>", page)
+
+
+class PaymentStory:
+    """What both whole payments, in C and in C++, must do. `program` is the example's path."""
+
+    program = ""
+
+    def start(self, password="demo"):
+        return Program(self.program, self.merchant, self.service, "demo",
+                       env={**os.environ, "TALLOWIN_PASSWORD": password})
+
+    def url_of(self, example):
+        self.assertEqual(example.line(), "Send the shopper to:")
+        url = example.line()
+        self.assertEqual(example.line(), "Paste the address at which the browser ended:")
+        return url
+
+    def test_captures_and_completes_what_was_paid(self):
+        example = self.start()
+        address = self.browser.decide(self.url_of(example), "pay")
+        status, out, errors = example.finish(address)
+        self.assertEqual((status, errors), (0, ""))
+        self.assertRegex(out, r"^Payment P[0-9a-f]+ is captured and completed\.\n$")
+        self.assertEqual(self.states(), ["completed"])
+
+    def test_sets_up_a_directory_once(self):
+        keys = []
+        for _ in range(2):
+            example = self.start()
+            address = self.browser.decide(self.url_of(example), "pay")
+            self.assertEqual(example.finish(address)[0], 0)
+            keys.append((self.merchant / "keys" / "current").read_text())
+        self.assertEqual(keys[0], keys[1])
+
+    def test_refuses_payments_that_were_not_made(self):
+        for decision in ("cancel", "decline"):
+            with self.subTest(decision):
+                example = self.start()
+                address = self.browser.decide(self.url_of(example), decision)
+                status, out, errors = example.finish(address)
+                self.assertEqual((status, out, errors), (1, "", 'refused: RESULT is not "authorised"\n'))
+        self.assertEqual(self.states(), ["cancelled", "declined"])
+
+    def test_refuses_an_altered_confirmation(self):
+        example = self.start()
+        address = self.browser.decide(self.url_of(example), "cancel")
+        forged = address.replace("cancelled", "authorised")
+        self.assertNotEqual(forged, address)
+        status, out, errors = example.finish(forged)
+        self.assertEqual((status, out), (1, ""))
+        self.assertIn("result 0x80040214, invalid signature", errors)
+
+    def test_refuses_the_confirmation_of_another_payment(self):
+        first = self.start()
+        address = self.browser.decide(self.url_of(first), "pay")
+        second = self.start()
+        self.url_of(second)
+        status, out, errors = second.finish(address)
+        self.assertEqual((status, out), (1, ""))
+        self.assertIn("refused: TOKEN is not", errors)
+        self.assertEqual(first.finish(address)[0], 0)
+
+    def test_refuses_its_own_payment_message_as_a_confirmation(self):
+        example = self.start()
+        status, out, errors = example.finish(self.url_of(example))
+        self.assertEqual((status, out, errors), (1, "", 'refused: MSGTYPE is not "PayConfirm"\n'))
+
+    def test_survives_addresses_that_are_none(self):
+        for address in ("", "nonsense", "/?DATA=", "/?DATA=%", "/?DATA=%4&SIGNATURE=%", "/?DATA=%zz&SIGNATURE=%0",
+                        "/?DATA=x&SIGNATURE=" + "%41" * 2000, "/?DATA=" + "%3c" * 2000 + "&SIGNATURE=00"):
+            with self.subTest(address[:40]):
+                example = self.start()
+                self.url_of(example)
+                status, out, errors = example.finish(address)
+                self.assertEqual((status, out), (1, ""))
+                self.assertNotEqual(errors, "")
+
+    def test_tells_that_the_password_is_wrong(self):
+        status, out, errors = self.start("guessed").finish()
+        self.assertEqual((status, out), (1, ""))
+        self.assertIn("result 0x80040213", errors)
+
+    def test_tells_its_usage(self):
+        self.assertEqual(Program(self.program).finish()[0], 2)
+
+
+class PaymentInC(PaymentStory, SandboxCase):
+    program = os.environ["KVX_PAYMENT_C"]
+
+
+class PaymentInCpp(PaymentStory, SandboxCase):
+    program = os.environ["KVX_PAYMENT_CPP"]
+
+
+class QuickstartInC(SandboxCase):
+    def start(self):
+        return Program(os.environ["KVX_QUICKSTART_C"], self.merchant, self.service)
+
+    def test_captures_what_was_paid(self):
+        example = self.start()
+        address = self.browser.decide(example.line(), "pay")
+        self.assertEqual(example.finish(*parameters(address)), (0, "The payment is captured.\n", ""))
+        self.assertEqual(self.states(), ["captured"])
+
+    def test_refuses_a_cancelled_payment(self):
+        example = self.start()
+        address = self.browser.decide(example.line(), "cancel")
+        status, out, errors = example.finish(*parameters(address))
+        self.assertNotEqual(status, 0)
+        self.assertEqual(out, "")
+        self.assertIn('not paid: RESULT is "cancelled", not "authorised"\n', errors)
+        self.assertEqual(self.states(), ["cancelled"])
+
+    def test_refuses_an_altered_confirmation(self):
+        example = self.start()
+        data, signature = parameters(self.browser.decide(example.line(), "pay"))
+        status, out, errors = example.finish(data.replace("19.90", "9.90"), signature)
+        self.assertNotEqual(status, 0)
+        self.assertEqual(out, "")
+        self.assertIn("result 0x80040214: invalid signature\n", errors)
+
+
+class Demonstration(SandboxCase):
+    def run_demo(self):
+        return Program(os.environ["KVX_DEMO"], self.service, self.merchant).finish()
+
+    def test_ends_with_all_steps_as_expected(self):
+        status, out, errors = self.run_demo()
+        self.assertEqual((status, errors), (0, ""))
+        rows = re.findall(r"^ ?(\d+)  (.*\S)$", out, re.MULTILINE)
+        self.assertGreater(len(rows), 50)
+        self.assertEqual([int(number) for number, _ in rows], list(range(1, len(rows) + 1)))
+        self.assertTrue(out.endswith(f"\n{len(rows)} steps, all as expected.\n"), out[-200:])
+        self.assertEqual(self.states(), ["completed", "cancelled"])
+
+    def test_prints_the_real_addresses(self):
+        out = self.run_demo()[1]
+        urls = re.findall(r"\| (" + re.escape(self.addresses["pay"]) + r"\?DATA=\S+&SIGNATURE=[0-9a-f]+)$", out,
+                          re.MULTILINE)
+        self.assertEqual(len(urls), 2)
+        # The payments behind these very addresses are decided, so the service will not open them again.
+        for url in urls:
+            self.assertEqual(Browser.ask(url)[0], 400)
+
+    def test_stops_at_the_first_step_that_ends_otherwise(self):
+        (self.merchant / "config.xml").mkdir(parents=True)
+        status, out, errors = self.run_demo()
+        self.assertEqual(status, 1)
+        self.assertIn("The walk ends here: ConfigurationSetup_Reconfigure", errors)
+        self.assertRegex(out, r" 3  ConfigurationSetup_Reconfigure +0x8004\S+ .* expected: 0 ok\n")
+
+    def test_stops_when_nobody_answers(self):
+        self.stop_sandbox()
+        status, out, errors = self.run_demo()
+        self.assertEqual(status, 1)
+        self.assertIn("The walk ends here: ConfigurationSetup_Reconfigure", errors)
+        self.assertIn("the walk did not reach its end", out)
+
+    def test_tells_its_usage(self):
+        self.assertEqual(Program(os.environ["KVX_DEMO"]).finish()[0], 2)
+        status, out, _ = Program(os.environ["KVX_DEMO"], "--help").finish()
+        self.assertEqual(status, 0)
+        self.assertIn("Usage:", out)
+
+
+class DemonstrationScript(unittest.TestCase):
+    script = ROOT / "demo.sh"
+
+    def test_tells_its_usage_from_anywhere(self):
+        with tempfile.TemporaryDirectory() as elsewhere:
+            status, out, errors = Program(self.script, "--help", cwd=elsewhere).finish()
+        self.assertEqual((status, errors), (0, ""))
+        self.assertIn("--keep", out)
+
+    def test_refuses_an_unknown_option(self):
+        status, out, errors = Program(self.script, "--fast").finish()
+        self.assertEqual((status, out), (2, ""))
+        self.assertIn("unknown option --fast", errors)
+
+
+class Readme(unittest.TestCase):
+    def test_quotes_the_quickstart_word_for_word(self):
+        source = (ROOT / "examples" / "c" / "quickstart.c").read_text()
+        marked = re.findall(r"^ */\* \[quickstart\] \*/\n(.*?)^ */\* \[/quickstart\] \*/\n", source,
+                            re.MULTILINE | re.DOTALL)
+        self.assertEqual(len(marked), 1)
+        self.assertLessEqual(marked[0].count("\n"), 20)
+        fenced = re.findall(r"^```c\n(.*?)^```$", (ROOT / "README.md").read_text(), re.MULTILINE | re.DOTALL)
+        self.assertIn(marked[0], fenced)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,178 @@
+#include "tests/flow/flowsupport.h"
+
+#include "tests/api/apisupport.h"
+#include "tests/sandbox/rawclient.h"
+#include "tests/sandbox/testmerchant.h"
+
+namespace kvxtest {
+
+namespace {
+
+using sandboxtest::parseAnswer;
+using sandboxtest::RawAnswer;
+
+std::string getRequest(std::string const& url) {
+    return "GET " + targetOf(url) + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n";
+}
+
+/// The value of a hidden field of a form.
+std::string field(std::string const& page, std::string const& name) {
+    std::string const start = "name=\"" + name + "\" value=\"";
+    std::size_t const at = page.find(start);
+    EXPECT_NE(at, std::string::npos) << page;
+    std::size_t const from = at + start.size();
+    return at == std::string::npos ? "" : page.substr(from, page.find('"', from) - from);
+}
+
+Returned takeApart(std::string const& location) {
+    Returned returned;
+    returned.link = location.substr(0, location.find_first_of("?&", location.find("DATA=") - 1));
+    returned.data = sandboxtest::decode(sandboxtest::queryValue(location, "DATA"));
+    returned.signature = sandboxtest::queryValue(location, "SIGNATURE");
+    return returned;
+}
+
+}  // namespace
+
+std::string targetOf(std::string const& url) {
+    std::size_t const authority = url.find("://") + 3;
+    return url.substr(url.find('/', authority));
+}
+
+std::string FlowMessage::get(std::string const& name) const {
+    return copiedOut(
+        [&](auto* size, auto* buffer) { return MessageObject_GetAttribute(m_Handle, name.c_str(), size, buffer); });
+}
+
+void FlowMessage::set(std::string const& name, std::string const& value) const {
+    EXPECT_EQ(MessageObject_SetAttribute(m_Handle, name.c_str(), value.c_str()), KVX_OK) << name;
+}
+
+std::string FlowMessage::url() const {
+    return copiedOut([&](auto* size, auto* buffer) { return MessageObject_GetURL(m_Handle, size, buffer); });
+}
+
+Shop::Shop() = default;
+
+std::int32_t Shop::setUp(std::string const& url, std::string const& user, std::string const& password) const {
+    KVX_HANDLE const setup = CreateConfigurationSetup();
+    EXPECT_EQ(ConfigurationSetup_SetConfiguration(setup, path().c_str()), KVX_OK);
+    std::int32_t const result = ConfigurationSetup_Reconfigure(setup, url.c_str(), user.c_str(), password.c_str());
+    DestroyConfigurationSetup(setup);
+    return result;
+}
+
+KVX_HANDLE Shop::newFactory() const {
+    KVX_HANDLE const factory = CreateMessageFactory();
+    EXPECT_EQ(MessageFactory_Open(factory, path().c_str()), KVX_OK);
+    return factory;
+}
+
+FlowMessage Shop::payment(Order const& order) const {
+    KVX_HANDLE const factory = newFactory();
+    KVX_HANDLE made = nullptr;
+    EXPECT_EQ(MessageFactory_CreatePayInit(factory, &made), KVX_OK);
+    DestroyMessageFactory(factory);
+    FlowMessage message(made);
+    message.set("SUCCESSLINK", "http://shop.example/paid");
+    message.set("FAILLINK", "http://shop.example/failed");
+    message.set("BACKLINK", "http://shop.example/back");
+    message.set("ORDERID", order.id);
+    message.set("AMOUNT", order.amount);
+    message.set("CURRENCY", order.currency);
+    return message;
+}
+
+std::int32_t Shop::verify(Returned const& returned) const {
+    KVX_HANDLE const factory = newFactory();
+    KVX_HANDLE made = nullptr;
+    std::int32_t const result =
+        MessageFactory_VerifyPayConfirm(factory, returned.data.c_str(), returned.signature.c_str(), &made);
+    EXPECT_EQ(made != nullptr, result == KVX_OK);
+    DestroyMessageObject(made);
+    DestroyMessageFactory(factory);
+    return result;
+}
+
+FlowMessage Shop::verified(Returned const& returned) const {
+    KVX_HANDLE const factory = newFactory();
+    KVX_HANDLE made = nullptr;
+    EXPECT_EQ(MessageFactory_VerifyPayConfirm(factory, returned.data.c_str(), returned.signature.c_str(), &made),
+              KVX_OK)
+        << returned.data;
+    DestroyMessageFactory(factory);
+    return FlowMessage(made);
+}
+
+FlowMessage Shop::filled(std::string const& text) const {
+    FlowMessage message(CreateMessageObject());
+    EXPECT_EQ(MessageObject_Open(message.handle(), path().c_str()), KVX_OK);
+    EXPECT_EQ(MessageObject_FromString(message.handle(), text.c_str()), KVX_OK);
+    return message;
+}
+
+std::int32_t Shop::capture(std::string const& data) const {
+    return MessageObject_Capture(filled(data).handle());
+}
+
+FlowMessage Shop::completion(std::string const& id, std::string const& token) const {
+    KVX_HANDLE const factory = newFactory();
+    KVX_HANDLE made = nullptr;
+    EXPECT_EQ(MessageFactory_CreatePayComplete(factory, id.c_str(), token.c_str(), &made), KVX_OK);
+    DestroyMessageFactory(factory);
+    return FlowMessage(made);
+}
+
+sandbox::Options Sandbox::options(std::string const& directory, bool tls) {
+    sandbox::Options options;
+    options.dataDirectory = directory;
+    options.tls = tls;
+    return options;
+}
+
+Sandbox::Sandbox(bool tls) : m_Service(options(m_Dir.path(), tls)) {
+    m_Service.start();
+}
+
+std::string Sandbox::exchange(std::string const& url, std::string const& request) const {
+    bool const tls = url.compare(0, 6, "https:") == 0;
+    return sandboxtest::exchangeRaw(tls ? m_Service.tlsPort() : m_Service.plainPort(), request,
+                                    tls ? m_Service.authorityFile() : "");
+}
+
+Returned Sandbox::shopper(std::string const& url, std::string const& decision) const {
+    RawAnswer const page = parseAnswer(exchange(url, getRequest(url)));
+    EXPECT_EQ(page.status, 200) << page.body;
+    std::string const form =
+        "payment=" + field(page.body, "payment") + "&key=" + field(page.body, "key") + "&decision=" + decision;
+    RawAnswer const back = parseAnswer(exchange(url, sandboxtest::formPost("/pay/decision", form)));
+    EXPECT_EQ(back.status, 302) << back.body;
+    return back.status == 302 ? takeApart(back.headers.at("location")) : Returned{};
+}
+
+int Sandbox::statusOf(std::string const& url) const {
+    return parseAnswer(exchange(url, getRequest(url))).status;
+}
+
+std::string Sandbox::stateOf(std::string const& token) const {
+    for (sandbox::Payment const& payment : m_Service.payments()) {
+        if (payment.token == token) {
+            return sandbox::stateName(payment.state);
+        }
+    }
+    return "";
+}
+
+long Sandbox::accepted(std::string const& path) const {
+    long count = 0;
+    for (sandbox::Exchange const& exchange : m_Service.exchanges()) {
+        count += exchange.path == path && exchange.verdict == "ok" ? 1 : 0;
+    }
+    return count;
+}
+
+std::string Sandbox::lastVerdict() const {
+    return m_Service.exchanges().back().verdict;
+}
+
+}  // namespace kvxtest

@@ -1,0 +1,118 @@
+/// A shop, a shopper and the payment service, for tests of whole payments.
+#ifndef TALLOWIN_FLOWSUPPORT_H
+#define TALLOWIN_FLOWSUPPORT_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "sandbox/service.h"
+#include "tallowin/tallowin.h"
+#include "tests/support/test_support.h"
+
+namespace kvxtest {
+
+/// A message object of the flat face, with everything copied out as strings. Movable; destroys its handle.
+class FlowMessage {
+public:
+    explicit FlowMessage(KVX_HANDLE handle) : m_Handle(handle) {}
+    FlowMessage(FlowMessage&& other) noexcept : m_Handle(other.m_Handle) { other.m_Handle = nullptr; }
+    FlowMessage(FlowMessage const&) = delete;
+    FlowMessage& operator=(FlowMessage const&) = delete;
+    ~FlowMessage() { DestroyMessageObject(m_Handle); }
+
+    [[nodiscard]] KVX_HANDLE handle() const { return m_Handle; }
+
+    /// The attribute's value; empty, and the test fails, when there is none.
+    [[nodiscard]] std::string get(std::string const& name) const;
+    void set(std::string const& name, std::string const& value) const;
+    [[nodiscard]] std::string url() const;
+
+private:
+    KVX_HANDLE m_Handle;
+};
+
+/// What came back with the shopper.
+struct Returned {
+    std::string link;       ///< The address without DATA and SIGNATURE.
+    std::string data;       ///< Decoded.
+    std::string signature;  ///< As it came.
+};
+
+/// The order that all tests sell.
+struct Order {
+    std::string id = "A-17";
+    std::string amount = "12.50";
+    std::string currency = "EUR";
+};
+
+/// A merchant: one configuration directory, used through the flat functions alone.
+class Shop {
+public:
+    Shop();
+
+    [[nodiscard]] std::string const& path() const { return m_Dir.path(); }
+    [[nodiscard]] TempDir const& dir() const { return m_Dir; }
+
+    /// Runs the set-up against the configuration service at `url`.
+    [[nodiscard]] std::int32_t setUp(std::string const& url, std::string const& user = "demo",
+                                     std::string const& password = "demo") const;
+
+    /// A payment for `order`, with links of three kinds back to the shop.
+    [[nodiscard]] FlowMessage payment(Order const& order = {}) const;
+
+    /// The result of verifying; on success `*verified` owns what was verified.
+    [[nodiscard]] std::int32_t verify(Returned const& returned) const;
+    [[nodiscard]] FlowMessage verified(Returned const& returned) const;
+
+    /// A message object that holds `text` and can be signed.
+    [[nodiscard]] FlowMessage filled(std::string const& text) const;
+
+    /// Captures what the confirmation `data` says.
+    [[nodiscard]] std::int32_t capture(std::string const& data) const;
+
+    [[nodiscard]] FlowMessage completion(std::string const& id, std::string const& token) const;
+
+private:
+    TempDir m_Dir;
+    KVX_HANDLE newFactory() const;
+};
+
+/// Runs the service on a directory of its own.
+class Sandbox {
+public:
+    explicit Sandbox(bool tls = false);
+
+    [[nodiscard]] sandbox::Service& service() { return m_Service; }
+    [[nodiscard]] std::string autoUrl() const { return m_Service.baseUrl() + "/auto"; }
+    [[nodiscard]] std::string tlsAutoUrl() const { return m_Service.tlsBaseUrl() + "/auto"; }
+
+    /// Opens the page at `url` as a shopper does and takes `decision`: pay, decline or cancel.
+    [[nodiscard]] Returned shopper(std::string const& url, std::string const& decision) const;
+
+    /// The status of the page at `url`.
+    [[nodiscard]] int statusOf(std::string const& url) const;
+
+    /// The state of the payment with this token, in words; empty when there is none.
+    [[nodiscard]] std::string stateOf(std::string const& token) const;
+
+    /// How many requests to `path` were accepted.
+    [[nodiscard]] long accepted(std::string const& path) const;
+
+    /// What the service thought of its last request.
+    [[nodiscard]] std::string lastVerdict() const;
+
+private:
+    static sandbox::Options options(std::string const& directory, bool tls);
+    [[nodiscard]] std::string exchange(std::string const& url, std::string const& request) const;
+
+    TempDir m_Dir;
+    sandbox::Service m_Service;
+};
+
+/// "/path?query" of an absolute URL.
+std::string targetOf(std::string const& url);
+
+}  // namespace kvxtest
+
+#endif

@@ -1,0 +1,132 @@
+// Confirmations that somebody has changed on the way.
+
+#include "tests/flow/flowsupport.h"
+
+using namespace kvxtest;
+
+namespace {
+
+/// One genuine confirmation for all tests of a case.
+class Tampering : public testing::Test {
+protected:
+    Tampering() {
+        EXPECT_EQ(m_Shop.setUp(m_Sandbox.autoUrl()), KVX_OK);
+        m_Genuine = m_Sandbox.shopper(m_Shop.payment({"caf\xc3\xa9", "12.50", "EUR"}).url(), "pay");
+    }
+
+    void SetUp() override { ASSERT_EQ(m_Shop.verify(m_Genuine), KVX_OK); }
+
+    Sandbox m_Sandbox;
+    Shop m_Shop;
+    Returned m_Genuine;
+};
+
+bool isHexDigit(char c) {
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+}
+
+/// What a changed confirmation may be refused with.
+bool isRefusal(std::int32_t code) {
+    return code == KVX_E_INVALID_SIGNATURE || code == KVX_E_INVALID_FORMAT || code == KVX_E_NOT_FOUND ||
+           code == KVX_E_NO_KEY_ID;
+}
+
+}  // namespace
+
+TEST_F(Tampering, WithAnyByteOfTheTextIsRefused) {
+    for (std::size_t at = 0; at < m_Genuine.data.size(); ++at) {
+        for (char const mask : {'\x01', '\x20', '\x7f'}) {
+            Returned changed = m_Genuine;
+            changed.data[at] = static_cast<char>(changed.data[at] ^ mask);
+            EXPECT_PRED1(isRefusal, m_Shop.verify(changed)) << "byte " << at << ": " << changed.data;
+        }
+    }
+}
+
+TEST_F(Tampering, ByLeavingAnyByteOutOrPuttingOneInIsRefused) {
+    for (std::size_t at = 0; at < m_Genuine.data.size(); ++at) {
+        Returned shorter = m_Genuine;
+        shorter.data.erase(at, 1);
+        EXPECT_PRED1(isRefusal, m_Shop.verify(shorter)) << "without byte " << at;
+        Returned longer = m_Genuine;
+        longer.data.insert(at, 1, ' ');
+        EXPECT_PRED1(isRefusal, m_Shop.verify(longer)) << "with a space at " << at;
+    }
+}
+
+TEST_F(Tampering, ByCuttingTheTextAnywhereIsRefused) {
+    for (std::size_t length = 0; length < m_Genuine.data.size(); ++length) {
+        Returned cut = m_Genuine;
+        cut.data.resize(length);
+        EXPECT_PRED1(isRefusal, m_Shop.verify(cut)) << length;
+    }
+    Returned longer = m_Genuine;
+    longer.data += "\n";
+    EXPECT_EQ(m_Shop.verify(longer), KVX_E_INVALID_SIGNATURE);
+}
+
+TEST_F(Tampering, WithAnyDigitOfTheSignatureIsRefused) {
+    for (std::size_t at = 0; at < m_Genuine.signature.size(); ++at) {
+        for (char const digit : {'0', '1', '8', 'f'}) {
+            if (m_Genuine.signature[at] != digit) {
+                Returned changed = m_Genuine;
+                changed.signature[at] = digit;
+                EXPECT_EQ(m_Shop.verify(changed), KVX_E_INVALID_SIGNATURE) << "digit " << at;
+            }
+        }
+        Returned changed = m_Genuine;
+        changed.signature[at] = 'g';
+        EXPECT_EQ(m_Shop.verify(changed), KVX_E_INVALID_KEY) << "no digit at " << at;
+    }
+}
+
+TEST_F(Tampering, ByCuttingTheSignatureAnywhereIsRefused) {
+    for (std::size_t length = 0; length < m_Genuine.signature.size(); ++length) {
+        Returned cut = m_Genuine;
+        cut.signature.resize(length);
+        EXPECT_EQ(m_Shop.verify(cut), length == 0 ? KVX_E_MISSING_SIGNATURE : KVX_E_INVALID_SIGNATURE) << length;
+    }
+    Returned longer = m_Genuine;
+    longer.signature += "00";
+    EXPECT_EQ(m_Shop.verify(longer), KVX_E_INVALID_SIGNATURE);
+}
+
+TEST_F(Tampering, KeepsOtherSpellingsOfTheSignatureAcceptable) {
+    // So a signature's text identifies nothing.
+    Returned upper = m_Genuine;
+    for (char& digit : upper.signature) {
+        ASSERT_TRUE(isHexDigit(digit));
+        digit = digit >= 'a' ? static_cast<char>(digit - 'a' + 'A') : digit;
+    }
+    ASSERT_NE(upper.signature, m_Genuine.signature);
+    EXPECT_EQ(m_Shop.verify(upper), KVX_OK);
+    Returned odd = m_Genuine;
+    odd.signature += "7";
+    EXPECT_EQ(m_Shop.verify(odd), KVX_OK);
+}
+
+TEST_F(Tampering, WithTheSignatureOfAnotherConfirmationIsRefused) {
+    Returned const other = m_Sandbox.shopper(m_Shop.payment().url(), "pay");
+    EXPECT_EQ(m_Shop.verify({"", m_Genuine.data, other.signature}), KVX_E_INVALID_SIGNATURE);
+    EXPECT_EQ(m_Shop.verify({"", other.data, m_Genuine.signature}), KVX_E_INVALID_SIGNATURE);
+}
+
+TEST_F(Tampering, ByNamingTheMerchantsOwnKeyIsRefused) {
+    std::string const own = m_Shop.dir().read("keys/current");
+    std::string const server = m_Sandbox.service().serverKeyId();
+    Returned changed = m_Genuine;
+    std::size_t const at = changed.data.find(server);
+    ASSERT_NE(at, std::string::npos);
+    changed.data.replace(at, server.size(), own);
+    EXPECT_EQ(m_Shop.verify(changed), KVX_E_INVALID_SIGNATURE);
+}
+
+TEST_F(Tampering, ByNamingAKeyOutsideTheDirectoryFindsNone) {
+    std::string const server = m_Sandbox.service().serverKeyId();
+    for (std::string const& keyId : {"../public/" + server, "./" + server, std::string(".."), std::string("."),
+                                     std::string("/dev/zero"), std::string("")}) {
+        Returned changed = m_Genuine;
+        changed.data.replace(changed.data.find(server), server.size(), keyId);
+        EXPECT_EQ(m_Shop.verify(changed), KVX_E_NOT_FOUND) << keyId;
+    }
+}

@@ -1,0 +1,64 @@
+#!/usr/bin/env bash
+# exports.sh promises LIBRARY        the names that must be exported, and those that must not
+# exports.sh compare LIBRARY LIST    all names are those of LIST, no more and no fewer
+# exports.sh list LIBRARY            prints the names; so LIST is made
+set -euo pipefail
+export LC_ALL=C
+mode=$1 library=$2
+
+names=$(nm -D --defined-only "$library" | sed -E 's/^[0-9a-f]+ . //; s/@@?TALLOWIN_1$//' | c++filt | sort -u |
+          grep -vx TALLOWIN_1)
+
+compare() {
+  local difference
+  difference=$(diff -u --label "$1" --label 'exported now' <(grep -v '^#' "$1") - <<< "$names") || {
+    printf '%s\n' "$difference"
+    echo "When this is meant: $0 list $library, below the head of $1"
+    return 1
+  }
+}
+
+promises() {
+  local failed=0 flat class
+  for flat in KVX_GetVersion KVX_GetErrorStringFromResult \
+              {Create,Destroy}{ConfigurationSetup,MessageFactory,MessageObject} \
+              ConfigurationSetup_{SetConfiguration,Reconfigure,SetOption,GetAttribute,SetAttribute} \
+              MessageFactory_{Open,CreatePayInit,VerifyPayConfirm,CreatePayComplete,CreateRequest} \
+              MessageObject_{Open,SetAttribute,GetAttribute,GetURL,Capture,Execute,FromString,ToString} \
+              'UrlEncode(TbStringStream*, TbStringStream*)' \
+              'HttpRequest(char const*, char const*, char const*, TbStringStream*)' \
+              TbRefCounter::m_nTotalRef 'typeinfo for KVX_Exception' 'typeinfo for TBFC_Exception'; do
+    grep -qxF -- "$flat" <<< "$names" || { echo "$flat: is not exported"; failed=1; }
+  done
+  # Classes with a table: their tables and types, for programs that derive from them or ask for their type.
+  for class in TbObject TbFindable TbContainer TbFindableContainer TbString TbPtr TbVector TbFindableVector TbStack \
+               TbRBTree TbTreeNode TbKeyValue TbMap TbMapItem TbMultimap TbStrMap TbStrPtr TbStrPtrMultimap \
+               xmlElement xmlElementPtr xmlElementEnum xmlEnumPtr xmlParser KVX_Connection SockConnection \
+               SslConnection KVX_HttpSession; do
+    for kind in 'vtable for' 'typeinfo for' 'typeinfo name for'; do
+      grep -qxF -- "$kind $class" <<< "$names" || { echo "$kind $class: is not exported"; failed=1; }
+    done
+  done
+  # Classes without one: their members.
+  for class in KVX_Context KVX_Message KVX_ErrorLookup KVX_TraceLog KVX_Exception KVXCIMPL_ConfigurationSetup \
+               KVXCIMPL_MessageFactory KVXCIMPL_MessageObject; do
+    grep -q "^$class::" <<< "$names" || { echo "$class: no member is exported"; failed=1; }
+  done
+  # Names that a host program may have for itself.
+  if grep -E '^(is[A-Z]|get[A-Z]|TCS|WCS|mbsto|ErrorTable|xmlTable|SplitUrl|IsHttp|Base64|base64|XML|xml[A-Z][A-Za-z]*\(|ICCT|std::|__gnu|operator (new|delete)|AttributeNames|GetTimeDate|MakeHostAddr|HttpSession\(|HttpHostByName|kvx(Call|Run|Make|Create|Destroy|CopyOut|Is|Claim))' <<< "$names"; then
+    echo 'these are not for export'
+    failed=1
+  fi
+  # Everything that is no function of the flat face belongs to a class or is one of a few free functions.
+  if grep -vE '^(KVX_|KVXCIMPL_|KvxSignature::|URL_INFO::|TB|Tb|xml[A-Za-z]+::|SockConnection::|SslConnection::|(Create|Destroy)?(ConfigurationSetup|MessageFactory|MessageObject)(_|$)|UrlEncode\(|HttpRequest\(|operator\+\(|tbIsName\(|kvxTakeSlot\(|kvxGiveSlot\(|(vtable|typeinfo|typeinfo name) for )' <<< "$names"; then
+    echo 'these have not been thought of'
+    failed=1
+  fi
+  return "$failed"
+}
+
+case $mode in
+  promises) promises ;;
+  compare) compare "$3" ;;
+  list) printf '%s\n' "$names" ;;
+esac

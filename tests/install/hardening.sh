@@ -1,0 +1,30 @@
+#!/usr/bin/env bash
+# hardening.sh LIBRARY plain|instrumented: how the shared library is linked, and what it needs.
+set -euo pipefail
+export LC_ALL=C
+library=$1 kind=$2
+dynamic=$(readelf -dW "$library")
+segments=$(readelf -lW "$library")
+failed=0
+complain() {
+  echo "$1"
+  failed=1
+}
+
+grep -q 'Library soname: \[libtallowin\.so\.1\]' <<< "$dynamic" || complain 'the SONAME is not libtallowin.so.1'
+grep -qE 'GNU_STACK .* RW +0x' <<< "$segments" || complain 'the stack is executable'
+grep -q 'GNU_RELRO' <<< "$segments" || complain 'there is no RELRO segment'
+grep -qE 'BIND_NOW|FLAGS_1.*NOW' <<< "$dynamic" || complain 'symbols are bound late: RELRO is partial'
+! grep -q 'TEXTREL' <<< "$dynamic" || complain 'code is relocated'
+! grep -qE 'RPATH|RUNPATH' <<< "$dynamic" || complain 'libraries are looked for in places of the builder'
+
+if [ "$kind" = plain ]; then
+  needed=$(sed -nE 's/.*\(NEEDED\).*\[(.*)\]/\1/p' <<< "$dynamic")
+  for name in $needed; do
+    case $name in
+      libssl.so.3 | libcrypto.so.3 | libuuid.so.1 | libstdc++.so.6 | libgcc_s.so.1 | libm.so.6 | libc.so.6) ;;
+      *) complain "needs $name" ;;
+    esac
+  done
+fi
+exit "$failed"

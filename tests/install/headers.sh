@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# headers.sh INCLUDE: compiles every installed header alone and twice over, C headers as C99 and C++, the others as C++,
+# with $CC, $CXX and, where there is one, clang.
+set -euo pipefail
+export LC_ALL=C
+include=$1
+warnings=(-Wall -Wextra -Wpedantic -Werror -fsyntax-only -I"$include")
+failed=0
+
+# try HEADER LANGUAGE COMPILER STANDARD
+try() {
+  printf '#include <tallowin/%s>\n#include <tallowin/%s>\nint thisFileHasSomething;\n' "$1" "$1" |
+    "$3" -x "$2" -std="$4" "${warnings[@]}" - || { echo "$1: does not compile alone with $3 -std=$4"; failed=1; }
+}
+
+cxx=("$CXX")
+cc=("$CC")
+if command -v clang++ > /dev/null; then
+  cxx+=(clang++)
+  cc+=(clang)
+fi
+
+count=0
+for path in "$include"/tallowin/*.h; do
+  header=$(basename "$path")
+  case $header in
+    codes.h | export.h | tallowin.h | version.h)
+      for compiler in "${cc[@]}"; do
+        try "$header" c "$compiler" c99
+        try "$header" c "$compiler" c11
+      done
+      ;;
+  esac
+  for compiler in "${cxx[@]}"; do
+    try "$header" c++ "$compiler" c++17
+    try "$header" c++ "$compiler" c++20
+  done
+  count=$((count + 1))
+done
+echo "$count headers, compilers: ${cc[*]} ${cxx[*]}"
+[ "$count" -ge 26 ] || { echo 'too few headers'; failed=1; }
+exit "$failed"

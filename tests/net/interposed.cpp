@@ -1,0 +1,101 @@
+#include "tests/net/interposed.h"
+
+#include <arpa/inet.h>
+#include <dlfcn.h>
+#include <netdb.h>
+#include <openssl/ssl.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace kvxtest {
+
+namespace {
+
+ScriptedResolver* g_Resolver = nullptr;
+thread_local bool g_NoContext = false;
+thread_local bool g_NoSession = false;
+
+/// The function that would have been called.
+template <class Function>
+Function* original(char const* name) {
+    return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
+}
+
+/// What a scripted answer keeps in the caller's memory.
+struct AnswerMemory {
+    char* m_Aliases[1];
+    char* m_Addresses[2];
+    char m_Address[4];
+};
+
+}  // namespace
+
+struct Interposition {
+    static int lookUp(char const* name, hostent* storage, char* buffer, std::size_t bytes, hostent** result,
+                      int* reason) {
+        ScriptedResolver& resolver = *g_Resolver;
+        resolver.m_Asked.emplace_back(name);
+        *result = nullptr;
+        *reason = HOST_NOT_FOUND;
+        if (resolver.m_Answer == ScriptedResolver::Answer::kUnknown) {
+            return ENOENT;
+        }
+        if (bytes < sizeof(AnswerMemory) || bytes < resolver.m_Bytes) {
+            *reason = NETDB_INTERNAL;
+            return ERANGE;
+        }
+        auto* const memory = reinterpret_cast<AnswerMemory*>(buffer);
+        *memory = {};
+        if (resolver.m_Answer == ScriptedResolver::Answer::kAddress) {
+            ::inet_pton(AF_INET, resolver.m_Address.c_str(), memory->m_Address);
+            memory->m_Addresses[0] = memory->m_Address;
+        }
+        *storage = {};
+        storage->h_aliases = memory->m_Aliases;
+        storage->h_addrtype = AF_INET;
+        storage->h_length = sizeof memory->m_Address;
+        storage->h_addr_list = memory->m_Addresses;
+        *result = storage;
+        return 0;
+    }
+};
+
+ScriptedResolver::ScriptedResolver(Answer answer, std::string const& address, std::size_t bytes)
+    : m_Answer(answer), m_Address(address), m_Bytes(bytes) {
+    g_Resolver = this;
+}
+
+ScriptedResolver::~ScriptedResolver() {
+    g_Resolver = nullptr;
+}
+
+FailingTls::FailingTls(What what) {
+    (what == What::kContext ? g_NoContext : g_NoSession) = true;
+}
+
+FailingTls::~FailingTls() {
+    g_NoContext = false;
+    g_NoSession = false;
+}
+
+}  // namespace kvxtest
+
+extern "C" int gethostbyname_r(char const* name, hostent* storage, char* buffer, std::size_t bytes, hostent** result,
+                               int* reason) {
+    if (kvxtest::g_Resolver != nullptr) {
+        return kvxtest::Interposition::lookUp(name, storage, buffer, bytes, result, reason);
+    }
+    static auto* const real = kvxtest::original<decltype(gethostbyname_r)>("gethostbyname_r");
+    return real(name, storage, buffer, bytes, result, reason);
+}
+
+extern "C" SSL_CTX* SSL_CTX_new(SSL_METHOD const* method) {
+    static auto* const real = kvxtest::original<decltype(SSL_CTX_new)>("SSL_CTX_new");
+    return kvxtest::g_NoContext ? nullptr : real(method);
+}
+
+extern "C" SSL* SSL_new(SSL_CTX* context) {
+    static auto* const real = kvxtest::original<decltype(SSL_new)>("SSL_new");
+    return kvxtest::g_NoSession ? nullptr : real(context);
+}

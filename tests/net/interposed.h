@@ -1,0 +1,45 @@
+/// Stands in for functions of other libraries that the network layer calls, so that tests decide what they answer.
+#ifndef TALLOWIN_INTERPOSED_H
+#define TALLOWIN_INTERPOSED_H
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace kvxtest {
+
+/// Answers every name look-up of this program while it lives. No name ever reaches a real resolver meanwhile.
+class ScriptedResolver {
+public:
+    enum class Answer { kUnknown, kNoAddress, kAddress };
+
+    /// `address` is dotted. `bytes` is how much memory the answer takes: less is refused, as a real resolver does.
+    explicit ScriptedResolver(Answer answer, std::string const& address = "127.0.0.1", std::size_t bytes = 0);
+    ScriptedResolver(ScriptedResolver const&) = delete;
+    ScriptedResolver& operator=(ScriptedResolver const&) = delete;
+    ~ScriptedResolver();
+
+    /// The names asked for, repetitions included.
+    [[nodiscard]] std::vector<std::string> const& asked() const { return m_Asked; }
+
+private:
+    friend struct Interposition;
+    Answer m_Answer;
+    std::string m_Address;
+    std::size_t m_Bytes;
+    std::vector<std::string> m_Asked;
+};
+
+/// While it lives the TLS library makes no client contexts, or no sessions, for this thread.
+class FailingTls {
+public:
+    enum class What { kContext, kSession };
+    explicit FailingTls(What what);
+    FailingTls(FailingTls const&) = delete;
+    FailingTls& operator=(FailingTls const&) = delete;
+    ~FailingTls();
+};
+
+}  // namespace kvxtest
+
+#endif

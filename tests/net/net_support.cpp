@@ -1,0 +1,138 @@
+#include "tests/net/net_support.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <iterator>
+#include <stdexcept>
+
+namespace kvxtest {
+
+namespace {
+
+class DescriptorGuard : public testing::EmptyTestEventListener {
+    void OnTestStart(testing::TestInfo const&) override { m_Before = countDescriptors(); }
+
+    void OnTestEnd(testing::TestInfo const& test) override {
+        if (!test.result()->Failed()) {
+            EXPECT_EQ(countDescriptors(), m_Before) << "descriptors left open";
+        }
+    }
+
+    std::size_t m_Before = 0;
+};
+
+class DescriptorEnvironment : public testing::Environment {
+    void SetUp() override { testing::UnitTest::GetInstance()->listeners().Append(new DescriptorGuard); }
+};
+
+// The framework owns and deletes both.
+[[maybe_unused]] testing::Environment* const g_Environment =
+    testing::AddGlobalTestEnvironment(new DescriptorEnvironment);
+
+}  // namespace
+
+CapturedOutput::CapturedOutput(Stream stream)
+    : m_Descriptor(stream == Stream::kOutput ? STDOUT_FILENO : STDERR_FILENO), m_Original(-1), m_File(-1) {
+    std::fflush(stdout);
+    std::fflush(stderr);
+    std::string pattern = (std::filesystem::temp_directory_path() / "kvxtest-XXXXXX").string();
+    m_File = ::mkstemp(pattern.data());
+    if (m_File == -1) {
+        throw std::runtime_error("cannot make a file from " + pattern);
+    }
+    ::unlink(pattern.c_str());
+    m_Original = ::dup(m_Descriptor);
+    ::dup2(m_File, m_Descriptor);
+}
+
+CapturedOutput::~CapturedOutput() {
+    if (m_Original != -1) {
+        ::dup2(m_Original, m_Descriptor);
+        ::close(m_Original);
+    }
+    ::close(m_File);
+}
+
+std::string CapturedOutput::text() {
+    ::dup2(m_Original, m_Descriptor);
+    ::close(m_Original);
+    m_Original = -1;
+    std::string all;
+    char buffer[4096];
+    ::lseek(m_File, 0, SEEK_SET);
+    for (ssize_t count = ::read(m_File, buffer, sizeof buffer); count > 0;
+         count = ::read(m_File, buffer, sizeof buffer)) {
+        all.append(buffer, static_cast<std::size_t>(count));
+    }
+    return all;
+}
+
+void FakeConnection::answer(std::string const& text, std::size_t chunk) {
+    for (std::size_t at = 0; at < text.size(); at += chunk) {
+        m_Chunks.push_back(text.substr(at, chunk));
+    }
+}
+
+std::int32_t FakeConnection::Read(TbStringStream& into) {
+    if (m_Chunks.empty()) {
+        return m_AfterLast;
+    }
+    std::string const chunk = m_Chunks.front();
+    m_Chunks.pop_front();
+    into.put(chunk.c_str());
+    return static_cast<std::int32_t>(chunk.size());
+}
+
+std::int32_t FakeConnection::Write(TbStringStream& from) {
+    m_Written += bytesOf(from);
+    return m_WriteResult;
+}
+
+void OpenSession::enter(int state, KVX_Connection* connection) {
+    m_State = state;
+    m_Connection.reset(connection);
+}
+
+KVX_RequestInfo requestFor(std::string const& url) {
+    KVX_RequestInfo request;
+    EXPECT_NE(SplitUrl(stringOf(url), request), 0) << url;
+    return request;
+}
+
+std::string plainUrl(RawServer const& server, std::string const& path) {
+    return "http://127.0.0.1:" + server.portText() + path;
+}
+
+std::string secureUrl(RawServer const& server, std::string const& path) {
+    return "https://127.0.0.1:" + server.portText() + path;
+}
+
+std::string fetch(std::string const& url) {
+    TbStringStream out;
+    HttpSession(requestFor(url), out);
+    return bytesOf(out);
+}
+
+sockaddr_in addressOf(RawServer const& server) {
+    return addressOf(server.portText());
+}
+
+sockaddr_in addressOf(std::string const& port) {
+    sockaddr_in address = {};
+    EXPECT_EQ(MakeHostAddr("127.0.0.1", stringOf(port), generic(address)), KVX_OK);
+    return address;
+}
+
+void endConnection(KVX_Connection& connection) {
+    EXPECT_EQ(connection.Disconnect(), KVX_OK);
+    int const socket = connection.Detach();
+    if (socket != -1) {
+        ::close(socket);
+    }
+}
+
+}  // namespace kvxtest

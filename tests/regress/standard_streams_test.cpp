@@ -1,0 +1,60 @@
+// What the library must print once killed the host when nobody read the stream any more (SIGPIPE), and once went into
+// the library's own socket when the host had closed standard error, because the socket had been given its number.
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "net/kvxhttp.h"
+#include "tests/support/raw_server.h"
+#include "tests/support/test_support.h"
+
+namespace {
+
+using kvxtest::inChildProcess;
+using kvxtest::Peer;
+using kvxtest::RawServer;
+using kvxtest::thrownCode;
+
+/// The code with which fetching through a proxy that refuses ends.
+std::int32_t refusalThrough(RawServer const& proxy) {
+    KVX_RequestInfo request;
+    SplitUrl("https://shop.example/x", request);
+    request.proxyHost = "127.0.0.1";
+    request.proxyPort = proxy.portText().c_str();
+    return thrownCode([&] {
+        TbStringStream out;
+        HttpSession(request, out);
+    });
+}
+
+TEST(ProxyReply, ThatNobodyReadsDoesNotKillTheProcess) {
+    RawServer const proxy("HTTP/1.0 407 no\r\n\r\n");
+    EXPECT_EQ(inChildProcess([&] {
+                  int ends[2];
+                  if (pipe(ends) != 0 || dup2(ends[1], STDERR_FILENO) < 0) {
+                      return 1;
+                  }
+                  close(ends[0]);
+                  return refusalThrough(proxy) == (KVX_E_HTTP_FAMILY | 407) ? 0 : 1;
+              }),
+              0);
+}
+
+TEST(ProxyReply, NeverGoesIntoTheConnection) {
+    RawServer proxy([&](Peer& peer) {
+        peer.receiveRequest();
+        peer.send("HTTP/1.0 407 no\r\n\r\n");
+        proxy.record(peer.receiveToEnd());
+    });
+    EXPECT_EQ(inChildProcess([&] {
+                  close(STDERR_FILENO);
+                  return refusalThrough(proxy) == (KVX_E_HTTP_FAMILY | 407) ? 0 : 1;
+              }),
+              0);
+    ASSERT_EQ(proxy.records().size(), 1U);
+    EXPECT_EQ(proxy.records()[0], "") << "behind the request";
+}
+
+}  // namespace

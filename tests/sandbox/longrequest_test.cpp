@@ -1,0 +1,106 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <chrono>
+#include <cstddef>
+#include <optional>
+#include <string>
+
+#include "sandbox/requestline.h"
+#include "tests/sandbox/sandboxfixture.h"
+
+/// What arrives on the wire besides the protocol: long lines, odd bytes, other forms of a request.
+namespace {
+
+using namespace sandboxtest;
+using ::testing::HasSubstr;
+
+class WireRequest : public SandboxTest {
+protected:
+    [[nodiscard]] RawAnswer send(std::string const& text) const {
+        return parseAnswer(exchangeRaw(m_Service->plainPort(), text));
+    }
+};
+
+TEST_F(WireRequest, CarriesMessagesOfEverySize) {
+    int number = 0;
+    for (std::size_t const size : {2000u, 8100u, 8192u, 8300u, 16384u, 100000u, 1000000u}) {
+        std::string const token = "t" + std::to_string(number++);
+        std::string const text = m_Merchant.payInit(token, " NOTE=\"" + std::string(size, '\xE9') + "\"");
+        ASSERT_EQ(openPage(text).status, 200) << size;
+        EXPECT_EQ(m_Service->exchanges().back().data, text);
+    }
+}
+
+TEST_F(WireRequest, RefusesALineBeyondTheLimit) {
+    EXPECT_EQ(send("GET /pay?DATA=" + std::string(5 * 1024 * 1024, 'x') + " HTTP/1.0\r\n\r\n").status, 414);
+}
+
+TEST_F(WireRequest, KeepsAPlusInDataAPlus) {
+    EXPECT_EQ(get("/pay?DATA=a+b%2bc&SIGNATURE=00").status, 400);
+    EXPECT_EQ(m_Service->exchanges().back().data, "a+b+c");
+}
+
+TEST_F(WireRequest, UnderstandsTheAbsoluteFormThatProxiesGet) {
+    std::string const data = encode("<KVX MSGTYPE=\"StatusRequest\"/>");
+    EXPECT_EQ(send(merchantGet(m_Service->baseUrl() + "/capture?DATA=" + data)).status, 200);
+    EXPECT_EQ(m_Service->exchanges().back().path, "/capture");
+    EXPECT_EQ(m_Service->exchanges().back().data, "<KVX MSGTYPE=\"StatusRequest\"/>");
+}
+
+TEST_F(WireRequest, IsRefusedWithBareLineFeeds) {
+    EXPECT_EQ(send("GET / HTTP/1.0\n\n").status, 400);
+}
+
+TEST_F(WireRequest, RefusesOtherMethodsAndPaths) {
+    EXPECT_EQ(send("GET /nothing HTTP/1.0\r\n\r\n").status, 404);
+    EXPECT_EQ(send(formPost("/capture", "DATA=x")).status, 404);
+    EXPECT_EQ(send("GET /pay/decision HTTP/1.0\r\n\r\n").status, 404);
+    EXPECT_EQ(send("HEAD /capture HTTP/1.0\r\n\r\n").status, 405);
+    EXPECT_EQ(send("nonsense\r\n\r\n").status, 400);
+}
+
+TEST_F(WireRequest, RefusesALargeForm) {
+    EXPECT_EQ(send(formPost("/pay/decision", std::string(100 * 1024, 'x'))).status, 413);
+}
+
+TEST_F(WireRequest, DoesNotWaitForConnectionsThatSayNothing) {
+    RawConnection const silent(m_Service->plainPort());
+    RawConnection const cut(m_Service->plainPort());
+    cut.send("GET /capture?DATA=");
+    EXPECT_EQ(get("/").status, 200);
+    auto const before = std::chrono::steady_clock::now();
+    m_Service->stop();
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(5));
+    EXPECT_EQ(silent.readToEnd(), "");
+}
+
+TEST_F(WireRequest, RefusesALineThatNeverEnds) {
+    RawConnection const connection(m_Service->plainPort());
+    connection.send("GET / HTTP/1.0");
+    ::shutdown(connection.get(), SHUT_WR);
+    EXPECT_EQ(parseAnswer(connection.readToEnd()).status, 400);
+}
+
+TEST(RequestLine, IsSplitAtItsOuterSpaces) {
+    std::optional<sandbox::RequestLine> const line = sandbox::parseRequestLine("GET /a b?c=d?e HTTP/1.0");
+    ASSERT_TRUE(line);
+    EXPECT_EQ(line->method, "GET");
+    EXPECT_EQ(line->path(), "/a b");
+    EXPECT_EQ(line->query(), "c=d?e");
+    EXPECT_EQ(line->version, "HTTP/1.0");
+}
+
+TEST(RequestLine, LosesSchemeAndAuthority) {
+    EXPECT_EQ(sandbox::parseRequestLine("GET http://h:80/p?q HTTP/1.0")->target, "/p?q");
+    EXPECT_EQ(sandbox::parseRequestLine("GET https://h?q HTTP/1.0")->path(), "/");
+    EXPECT_EQ(sandbox::parseRequestLine("GET http://h HTTP/1.0")->path(), "/");
+}
+
+TEST(RequestLine, NeedsTwoSpaces) {
+    EXPECT_FALSE(sandbox::parseRequestLine(""));
+    EXPECT_FALSE(sandbox::parseRequestLine("GET /"));
+}
+
+}  // namespace

@@ -1,0 +1,137 @@
+#include "tests/support/child_process.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include "tests/support/raw_server.h"
+
+namespace kvxtest {
+
+namespace {
+
+/// Where a program lies. Servers are often installed outside a user's PATH.
+std::string findProgram(std::string const& name) {
+    char const* const path = ::getenv("PATH");
+    std::istringstream directories(std::string(path == nullptr ? "/usr/bin:/bin" : path) + ":/usr/sbin:/sbin");
+    for (std::string directory; std::getline(directories, directory, ':');) {
+        std::string const candidate = directory + "/" + name;
+        if (::access(candidate.c_str(), X_OK) == 0) {
+            return candidate;
+        }
+    }
+    throw std::runtime_error("no program " + name + " (scripts/setup installs it)");
+}
+
+/// Asks until the answer is true or patience is over.
+bool waitUntil(std::function<bool()> const& isSo) {
+    auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(kPatienceSeconds);
+    while (!isSo()) {
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+bool acceptsConnections(std::uint16_t port) {
+    int const socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bool const connected = ::connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    ::close(socket);
+    return connected;
+}
+
+}  // namespace
+
+ChildProcess::ChildProcess(std::vector<std::string> const& arguments, std::string const& directory,
+                           std::string const& logFile)
+    : m_Log(logFile) {
+    std::vector<char*> argv;
+    for (std::string const& argument : arguments) {
+        argv.push_back(const_cast<char*>(argument.c_str()));
+    }
+    argv.push_back(nullptr);
+    std::string const program = findProgram(arguments.front());
+    m_Id = ::fork();
+    if (m_Id == -1) {
+        throw std::runtime_error(std::string("cannot start ") + program + ": " + std::strerror(errno));
+    }
+    if (m_Id == 0) {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        int const log = ::open(logFile.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+        int const nothing = ::open("/dev/null", O_RDONLY);
+        ::dup2(nothing, STDIN_FILENO);
+        ::dup2(log, STDOUT_FILENO);
+        ::dup2(log, STDERR_FILENO);
+        if (::chdir(directory.c_str()) == 0) {
+            ::execv(program.c_str(), argv.data());
+        }
+        ::_exit(127);
+    }
+}
+
+ChildProcess::~ChildProcess() {
+    if (!isRunning()) {
+        return;
+    }
+    ::kill(m_Id, SIGTERM);
+    if (!waitUntil([this] { return !isRunning(); })) {
+        ::kill(m_Id, SIGKILL);
+        ::waitpid(m_Id, nullptr, 0);
+    }
+}
+
+bool ChildProcess::isRunning() {
+    m_Ended = m_Ended || ::waitpid(m_Id, nullptr, WNOHANG) == m_Id;
+    return !m_Ended;
+}
+
+bool ChildProcess::waitForPort(std::uint16_t port) {
+    bool const decided = waitUntil([&] { return !isRunning() || acceptsConnections(port); });
+    return decided && isRunning();
+}
+
+std::string ChildProcess::waitForLine(std::string const& text) {
+    std::string rest;
+    waitUntil([&] {
+        std::string const log = contentOf(m_Log);
+        std::size_t const found = log.find(text);
+        std::size_t const end = found == std::string::npos ? found : log.find('\n', found);
+        if (end != std::string::npos) {
+            rest = log.substr(found + text.size(), end - found - text.size());
+            return true;
+        }
+        return !isRunning();
+    });
+    return rest;
+}
+
+std::uint16_t freePort() {
+    return static_cast<std::uint16_t>(std::stoi(ClosedPort().text()));
+}
+
+std::string contentOf(std::string const& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+}  // namespace kvxtest

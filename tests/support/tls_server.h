@@ -1,0 +1,79 @@
+/// The TLS side of scripted servers, with a certificate made on the spot.
+#ifndef TALLOWIN_TLS_SERVER_H
+#define TALLOWIN_TLS_SERVER_H
+
+#include <openssl/ssl.h>
+
+#include <memory>
+#include <string>
+
+#include "tests/support/raw_server.h"
+
+namespace kvxtest {
+
+struct OpenSslReleaser {
+    void operator()(SSL_CTX* context) const { SSL_CTX_free(context); }
+    void operator()(SSL* session) const { SSL_free(session); }
+    void operator()(X509* certificate) const { X509_free(certificate); }
+    void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
+    void operator()(BIO* bio) const { BIO_free(bio); }
+};
+template <class T>
+using OpenSslHolder = std::unique_ptr<T, OpenSslReleaser>;
+
+/// An RSA key of 2048 bits and a certificate that it signed itself, for "localhost".
+class TlsIdentity {
+public:
+    TlsIdentity();
+
+    [[nodiscard]] X509* certificate() const { return m_Certificate.get(); }
+    [[nodiscard]] EVP_PKEY* key() const { return m_Key.get(); }
+    [[nodiscard]] std::string certificatePem() const;
+    [[nodiscard]] std::string keyPem() const;
+
+    /// The one identity of this process, made when first asked for.
+    static TlsIdentity const& shared();
+
+private:
+    OpenSslHolder<EVP_PKEY> m_Key;
+    OpenSslHolder<X509> m_Certificate;
+};
+
+/// What a TLS peer does out of the ordinary.
+struct TlsOptions {
+    int version = 0;              ///< The only protocol version, such as TLS1_2_VERSION; 0 for any.
+    bool withCertificate = true;  ///< Without one the handshake ends in an alert.
+};
+
+/// Talks TLS over another peer, which it borrows. Check `isReady` before use.
+class TlsPeer : public Peer {
+public:
+    explicit TlsPeer(Peer& plain, TlsOptions const& options = {});
+
+    /// Whether the handshake has succeeded.
+    [[nodiscard]] bool isReady() const { return m_Ready; }
+
+    std::string receive() override;
+    bool send(std::string_view bytes) override;
+
+    /// Tells the client that this is the end; without it the connection just closes.
+    void notifyClose();
+
+private:
+    OpenSslHolder<SSL_CTX> m_Context;
+    OpenSslHolder<SSL> m_Session;
+    bool m_Ready = false;
+};
+
+/// Plays a script with every client that shakes hands.
+class TlsServer : public RawServer {
+public:
+    explicit TlsServer(Script script, TlsOptions const& options = {});
+
+    /// Receives each client's request and sends `answer`.
+    explicit TlsServer(std::string answer, TlsOptions const& options = {});
+};
+
+}  // namespace kvxtest
+
+#endif

@@ -1,0 +1,119 @@
+#include "tests/xml/xmlreference.h"
+#include "tests/xml/xmlsupport.h"
+
+using namespace kvxtest;
+
+namespace {
+
+std::string encoded(std::string const& text) {
+    TbString out("what was there before");
+    XMLEncode(stringOf(text), out);
+    return bytesOf(out);
+}
+
+std::string decoded(std::string const& text) {
+    TbString out("what was there before");
+    XMLDecode(stringOf(text), out);
+    return bytesOf(out);
+}
+
+std::string const kAllBytes = [] {
+    std::string all;
+    for (int i = 0; i < 256; ++i) {
+        all += static_cast<char>(static_cast<unsigned char>(i));
+    }
+    return all;
+}();
+
+}  // namespace
+
+TEST(XmlEncode, ReplacesTheFiveCharacters) {
+    EXPECT_EQ(encoded("a<b & \"c\""), "a&lt;b &amp; &quot;c&quot;");
+    EXPECT_EQ(encoded("'>'"), "&apos;&gt;&apos;");
+    EXPECT_EQ(encoded("&amp;"), "&amp;amp;");
+    EXPECT_EQ(encoded(""), "");
+    EXPECT_EQ(encoded("plain"), "plain");
+}
+
+TEST(XmlEncode, TouchesNoOtherByte) {
+    EXPECT_EQ(encoded(kAllBytes), referenceEncoded(kAllBytes));
+    EXPECT_EQ(encoded(kAllBytes).size(), 256U + 5 + 4 + 5 + 3 + 3);
+}
+
+TEST(XmlEncode, TakesOneStringForBoth) {
+    TbString text("a&b");
+    XMLEncode(text, text);
+    EXPECT_EQ(bytesOf(text), "a&amp;b");
+}
+
+TEST(XmlDecode, IsTheInverse) {
+    EXPECT_EQ(decoded("a&lt;b &amp; &quot;c&quot;"), "a<b & \"c\"");
+    EXPECT_EQ(decoded("&apos;&gt;&apos;"), "'>'");
+    EXPECT_EQ(decoded("&amp;amp;"), "&amp;");
+    EXPECT_EQ(decoded(encoded(kAllBytes)), kAllBytes);
+    EXPECT_EQ(decoded(""), "");
+}
+
+TEST(XmlDecode, DropsUnknownEntities) {
+    EXPECT_EQ(decoded("x&unknown;y"), "xy");
+    EXPECT_EQ(decoded("x&#8364;y"), "xy");
+    EXPECT_EQ(decoded("x&a;y"), "xy");
+    EXPECT_EQ(decoded("x&;y"), "xy");
+    EXPECT_EQ(decoded("x&abcd;y"), "xy");   // fills the window exactly
+    EXPECT_EQ(decoded("x&abcde;y"), "xy");  // one more: the skipped character alone would leave the semicolon
+    EXPECT_EQ(decoded("x&LT;y"), "xy");
+    EXPECT_EQ(decoded("x&nbsp_2.0-a;y"), "xy");
+}
+
+TEST(XmlDecode, EndsWithTheInput) {
+    EXPECT_EQ(decoded("x&lt"), "x<");
+    EXPECT_EQ(decoded("x&quot"), "x\"");
+    EXPECT_EQ(decoded("x&"), "x");
+    EXPECT_EQ(decoded("x&am"), "x");
+    EXPECT_EQ(decoded("x&unkn"), "x");
+    EXPECT_EQ(decoded("x&unkno"), "x");
+    EXPECT_EQ(decoded("x&lt;"), "x<");
+}
+
+// The window of five characters and the one that is skipped behind it are part of the stored format.
+TEST(XmlDecode, KeepsTheWindowOfFiveCharacters) {
+    EXPECT_EQ(decoded("AT & T rest"), "AT st");
+    EXPECT_EQ(decoded("&quotX"), "\"");
+    EXPECT_EQ(decoded("&aposX;"), "';");
+    EXPECT_EQ(decoded("&&amp;"), "");
+    EXPECT_EQ(decoded("&lt b;c"), "c");
+    EXPECT_EQ(decoded("&unknown"), "wn");  // no semicolon: not well formed
+    EXPECT_EQ(decoded("&unkn&own;z"), "own;z");
+    EXPECT_EQ(decoded("&unkno&own;z"), "z");  // the second ampersand begins another one
+    EXPECT_EQ(decoded("&unknow n;z"), "w n;z");
+    EXPECT_EQ(decoded("&unkn:own;z"), "own;z");
+}
+
+TEST(XmlDecode, KeepsBytesOfAnyKind) {
+    std::string const text("a\0b\x80\xff&\0;c", 9);
+    EXPECT_EQ(decoded(text), std::string("a\0b\x80\xff"
+                                         "c",
+                                         6));
+}
+
+TEST(XmlDecode, TakesOneStringForBoth) {
+    TbString text("a&lt;b");
+    XMLDecode(text, text);
+    EXPECT_EQ(bytesOf(text), "a<b");
+}
+
+TEST(XmlDecode, AgreesWithTheReferenceOnRandomText) {
+    SCOPED_TRACE("seed " + std::to_string(testSeed()));
+    Random random;
+    static char const* const kPieces[] = {"&", ";",   "amp", "&amp;", "lt", "&quot", "&#1",
+                                          "a", "bcd", " ",   "\x80",  "#",  "<"};
+    for (int round = 0; round < 20000; ++round) {
+        std::string text;
+        for (std::size_t left = random.below(12); left > 0; --left) {
+            text += kPieces[random.below(std::size(kPieces))];
+        }
+        ASSERT_EQ(decoded(text), referenceDecoded(text)) << text;
+        ASSERT_EQ(encoded(text), referenceEncoded(text)) << text;
+        ASSERT_EQ(decoded(encoded(text)), text);
+    }
+}

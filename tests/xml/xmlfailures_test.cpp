@@ -1,0 +1,215 @@
+// Memory runs out, at every allocation in turn: nothing is lost, nothing is half done, everything goes on working.
+
+#include "tests/xml/xmlsupport.h"
+
+using namespace kvxtest;
+
+namespace {
+
+char const* const kText =
+    "top<KVX A='1' C=3 D E=\"&lt;\" A='a rather long value: it does not fit where the first one stood'>"
+    "<b/>text<c x/><b>another text<d/></b></KVX><KVX/>";
+
+/// An element "P" with attribute, text and children A, B, A.
+xmlElementPtr sample() {
+    return childOf(*parsed("<P a='1' b='2'>text<A n='0'/><B n='1'/><A n='2'/></P>").document.get(), "P");
+}
+
+std::string const kSample = "<P a=\"1\" b=\"2\">text<A n=\"0\"/><B n=\"1\"/><A n=\"2\"/></P>";
+
+/// Fails every allocation of `operation` on a fresh sample. After a failure the sample is as before and the operation
+/// then succeeds; after a success it is `expected`.
+void expectAllOrNothing(std::function<void(xmlElement&)> const& operation, std::string const& expected) {
+    xmlElementPtr element;
+    forEveryFailure([&] { element = sample(); }, [&] { operation(*element.get()); },
+                    [&](bool failed) {
+                        if (failed) {
+                            EXPECT_EQ(written(*element.get()), kSample);
+                            operation(*element.get());
+                        }
+                        EXPECT_EQ(written(*element.get()), expected);
+                        EXPECT_EQ(element->refCount(), 1);
+                    });
+}
+
+}  // namespace
+
+TEST(XmlFailures, ParsingReleasesEverything) {
+    long const runs = survivesEveryFailingAllocation([] {
+        TbStringStream in(kText);
+        xmlElement untouched;
+        xmlElement* out = &untouched;
+        try {
+            EXPECT_EQ(xmlParser().parseText(in, &out), 0);
+        } catch (TBFC_Exception const&) {
+            EXPECT_EQ(out, &untouched);
+            throw;
+        }
+        out->release();
+    });
+    EXPECT_GT(runs, 50);
+}
+
+TEST(XmlFailures, ParsingGoesOnAfterOneFailure) {
+    int code = 0;
+    std::string text;
+    forEveryFailure([&] { code = -1; },
+                    [&] {
+                        TbStringStream in(kText);
+                        xmlElement* out = nullptr;
+                        code = xmlParser().parseText(in, &out);
+                        xmlElementPtr document;
+                        document.adopt(out);
+                        text = written(*out);
+                    },
+                    [&](bool failed) {
+                        EXPECT_TRUE(failed || code == 0);
+                        EXPECT_EQ(parsed(kText).code, 0);
+                    });
+    EXPECT_EQ(text, reparsed(kText));
+}
+
+TEST(XmlFailures, WritingLeavesTheTree) {
+    xmlElementPtr const element = sample();
+    std::string text;
+    forEveryFailure([] {},
+                    [&] {
+                        TbStringStream out;
+                        EXPECT_TRUE(element->toStream(out));
+                        text = bytesOf(out.str());
+                    },
+                    [&](bool) { EXPECT_EQ(written(*element.get()), kSample); });
+    EXPECT_EQ(text, kSample);
+}
+
+TEST(XmlFailures, WritingADeepTreeLeavesTheTree) {
+    std::string text;
+    for (int i = 0; i < 200; ++i) {
+        text = "<a>" + text + "</a>";
+    }
+    xmlElementPtr const document = parsed(text).document;
+    std::string const expected = written(*document.get());
+    survivesEveryFailingAllocation([&] {
+        TbStringStream out;
+        document->toStream(out);
+        EXPECT_EQ(bytesOf(out.str()), expected);
+    });
+    EXPECT_EQ(written(*document.get()), expected);
+}
+
+TEST(XmlFailures, AnAttributeIsSetWholeOrNotAtAll) {
+    expectAllOrNothing([](xmlElement& element) { element.setAttribute("c", "<3>"); },
+                       "<P a=\"1\" b=\"2\" c=\"&lt;3&gt;\">" + kSample.substr(kSample.find("text")));
+    std::string const value(1000, 'x');
+    expectAllOrNothing([&](xmlElement& element) { element.setAttribute("a", stringOf(value)); },
+                       "<P a=\"" + value + "\" b=\"2\">" + kSample.substr(kSample.find("text")));
+}
+
+TEST(XmlFailures, AFirstAttributeIsSetWholeOrNotAtAll) {
+    xmlElementPtr element;
+    forEveryFailure([&] { element = newElement("T"); }, [&] { element->setAttribute("a", "1"); },
+                    [&](bool failed) { EXPECT_EQ(written(*element.get()), failed ? "<T/>" : "<T a=\"1\"/>"); });
+}
+
+TEST(XmlFailures, ReadingAnAttributeLeavesTheElement) {
+    expectAllOrNothing(
+        [](xmlElement& element) {
+            TbString value;
+            EXPECT_TRUE(element.getAttribute("a", value));
+            EXPECT_EQ(bytesOf(value), "1");
+        },
+        kSample);
+}
+
+TEST(XmlFailures, AChildIsInsertedOrNot) {
+    for (char const* const tag : {"A", "C"}) {  // beside others of its tag, and as the first one
+        xmlElementPtr const child = newElement(tag);
+        expectAllOrNothing(
+            [&](xmlElement& element) {
+                xmlElement* const before = child->parent();
+                try {
+                    element.insertChild(child.get());
+                } catch (TBFC_Exception const&) {
+                    EXPECT_EQ(child->parent(), before);
+                    throw;
+                }
+                EXPECT_EQ(child->parent(), &element);
+            },
+            kSample.substr(0, kSample.size() - 4) + "<" + tag + "/></P>");
+        EXPECT_EQ(child->refCount(), 1);
+        EXPECT_EQ(child->parent(), nullptr);
+    }
+}
+
+TEST(XmlFailures, AChildThatNobodyHoldsGoesWithTheFailure) {
+    survivesEveryFailingAllocation([] {
+        xmlElementPtr const parent(new xmlElement("P"));
+        parent->insertChild(new xmlElement("C"));
+    });
+}
+
+TEST(XmlFailures, AChildIsRemovedOrNot) {
+    expectAllOrNothing([](xmlElement& element) { EXPECT_TRUE(element.removeChild("A", 1)); },
+                       "<P a=\"1\" b=\"2\">text<A n=\"0\"/><B n=\"1\"/></P>");
+    // The last one of its tag: the tag goes too.
+    expectAllOrNothing(
+        [](xmlElement& element) {
+            xmlElementPtr const child = childOf(element, "B");
+            try {
+                EXPECT_TRUE(element.removeChild("B", 0));
+            } catch (TBFC_Exception const&) {
+                EXPECT_EQ(child->parent(), &element);
+                throw;
+            }
+            EXPECT_EQ(child->parent(), nullptr);
+        },
+        "<P a=\"1\" b=\"2\">text<A n=\"0\"/><A n=\"2\"/></P>");
+}
+
+TEST(XmlFailures, AnEnumeratorIsMadeOrNot) {
+    expectAllOrNothing(
+        [](xmlElement& element) {
+            xmlElementEnum* raw = nullptr;
+            try {
+                element.enumChildren("B", &raw);
+            } catch (TBFC_Exception const&) {
+                EXPECT_EQ(raw, nullptr);
+                throw;
+            }
+            xmlEnumPtr enumerator;
+            enumerator.adopt(raw);
+            xmlElement* child = nullptr;
+            EXPECT_TRUE(enumerator->getNext(&child));
+            child->release();
+        },
+        kSample);
+}
+
+TEST(XmlFailures, AnElementSurvivesALostText) {
+    xmlElementPtr element;
+    forEveryFailure([&] { element = sample(); },
+                    [&] { element->setText("a text that is much longer than the one before"); },
+                    [&](bool) {
+                        element->setText("text");
+                        EXPECT_EQ(written(*element.get()), kSample);
+                    });
+}
+
+TEST(XmlFailures, EncodingAndDecodingSurvive) {
+    survivesEveryFailingAllocation([] {
+        TbString text("a<b & \"c\"");
+        XMLEncode(text, text);
+        XMLDecode(text, text);
+        EXPECT_EQ(bytesOf(text), "a<b & \"c\"");
+    });
+}
+
+TEST(XmlFailures, FactoriesReportThemAsAnException) {
+    for (TbAllocator const allocate :
+         {&xmlElement::allocate, &xmlElementEnum::allocate, &xmlElementPtr::allocate, &xmlEnumPtr::allocate}) {
+        TbObject* slot = nullptr;
+        FailingAllocation const failing(0, FailingAllocation::Mode::kOnlyThat);
+        EXPECT_EQ(thrownCode([&] { allocate(&slot); }), KVX_E_OUT_OF_MEMORY);
+        EXPECT_EQ(slot, nullptr);
+    }
+}

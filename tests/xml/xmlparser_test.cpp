@@ -1,0 +1,371 @@
+#include "xml/xmlparser.h"
+
+#include "tests/xml/xmlreference.h"
+#include "tests/xml/xmlsupport.h"
+
+using namespace kvxtest;
+
+namespace {
+
+/// A text and what it reads as: the document written again, or "error N".
+struct Case {
+    std::string text;
+    std::string expected;
+};
+
+void expectAll(std::vector<Case> const& cases) {
+    for (Case const& row : cases) {
+        EXPECT_EQ(reparsed(row.text), row.expected) << "from " << row.text;
+        EXPECT_EQ(referenceReparsed(row.text), row.expected) << "by the reference, from " << row.text;
+    }
+}
+
+}  // namespace
+
+TEST(XmlParser, ReadsAnEmptyTextAsAnEmptyDocument) {
+    Parsed const result = parsed("");
+    ASSERT_EQ(result.code, 0);
+    EXPECT_EQ(tagOf(*result.document.get()), "");
+    EXPECT_EQ(textOf(*result.document.get()), "");
+    EXPECT_EQ(result.document->parent(), nullptr);
+    EXPECT_TRUE(enumeratedTags(*result.document.get(), "").empty());
+    TbStringStream unwritten;
+    xmlElement* out = nullptr;
+    EXPECT_EQ(xmlParser().parseText(unwritten, &out), 0);
+    out->release();
+}
+
+TEST(XmlParser, ReadsAttributesInEveryForm) {
+    Parsed const result = parsed("<KVX A='1' C=3 D/>");
+    ASSERT_EQ(result.code, 0);
+    xmlElementPtr const kvx = childOf(*result.document.get(), "KVX");
+    EXPECT_EQ(attributeOf(*kvx.get(), "A"), "1");
+    EXPECT_EQ(attributeOf(*kvx.get(), "C"), "3");
+    EXPECT_EQ(attributeOf(*kvx.get(), "D"), "");
+    EXPECT_EQ(reparsed("<KVX A=\"1\" C=3 D/>"), reparsed("<KVX A='1' C=3 D/>"));
+}
+
+TEST(XmlParser, HandsOneReferenceToTheCaller) {
+    Parsed const result = parsed("<a><b/></a>");
+    ASSERT_EQ(result.code, 0);
+    EXPECT_EQ(result.document->refCount(), 1);
+    xmlElementPtr const a = childOf(*result.document.get(), "a");
+    EXPECT_EQ(a->refCount(), 2);
+    EXPECT_EQ(a->parent(), result.document.get());
+    EXPECT_EQ(childOf(*a.get(), "b")->parent(), a.get());
+}
+
+TEST(XmlParser, GivesItsFourResults) {
+    expectAll({
+        {"<KVX/>", "<KVX/>"},       {"<?xml version='1.0'?><KVX/>", "error 1"},
+        {"<KVX>", "error 2"},       {"</KVX>", "error 3"},
+        {"<a></a></a>", "error 3"}, {"<a/></>", "error 3"},
+        {"<a/ /", "error 1"},       {"<a", "error 2"},
+        {"<a ", "error 2"},         {"<a b", "error 2"},
+        {"<a b ", "error 2"},       {"<a b=", "error 2"},
+        {"<a b='", "error 2"},      {"<a b=\"c", "error 2"},
+        {"<a b=c", "error 2"},      {"<a/", "error 2"},
+        {"<a></", "error 2"},       {"<a></a", "error 2"},
+        {"<a></a ", "error 2"},     {"<", "error 2"},
+        {"</", "error 3"},          {"</>", "error 3"},
+        {"< / ", "error 3"},
+    });
+}
+
+TEST(XmlParser, LeavesTheResultAloneOnFailure) {
+    for (char const* const text : {"<!", "<a>", "</a>", "<a b='1'><c/>text", "<a b='1'><c/>text<!"}) {
+        TbStringStream in(text);
+        xmlElement untouched;
+        xmlElement* out = &untouched;
+        EXPECT_NE(xmlParser().parseText(in, &out), 0) << text;
+        EXPECT_EQ(out, &untouched) << text;
+    }
+}
+
+TEST(XmlParser, RefusesWhatTheDialectDoesNotKnow) {
+    expectAll({
+        {"<a:b/>", "error 1"},
+        {"<a b:c='1'/>", "error 1"},
+        {"<a></a:b>", "error 1"},
+        {"<!-- comment --><a/>", "error 1"},
+        {"<a><![CDATA[x]]></a>", "error 1"},
+        {"<!DOCTYPE a><a/>", "error 1"},
+        {"<a><?pi?></a>", "error 1"},
+        {"<\x80/>", "error 1"},
+        {std::string("<a\0/>", 5), "error 1"},
+        {"<a='1'/>", "error 1"},
+        {"<a 'b'/>", "error 1"},
+        {"<a b'1'/>", "error 1"},
+        {"<a b=/>", "error 1"},
+        {"<a b=>", "error 1"},
+        {"<a b==1/>", "error 1"},
+        {"<a b='1' '2'/>", "error 1"},
+        {"<a =1/>", "error 1"},
+        {"<a b & c/>", "error 1"},
+        {"<a <b/>", "error 1"},
+        {"<a b<", "error 1"},
+        {"<<a/>", "error 1"},
+        {"<>", "error 1"},
+        {"<'a'/>", "error 1"},
+        {"<a//>", "error 1"},
+        {"<a></a b>", "error 1"},
+        {"<a></a / >", "error 1"},
+        {"<a></a/>", "error 1"},
+        {"<a></a=>", "error 1"},
+    });
+}
+
+TEST(XmlParser, KeepsSeveralTopLevelElements) {
+    expectAll({{"<a/><b x='1'/><a/>", "<a/><b x=\"1\"/><a/>"}, {"<a></a>\n<b></b>\n", "\n<a/><b/>"}});
+}
+
+TEST(XmlParser, KeepsClosingWhateverIsOpen) {
+    expectAll({
+        {"<a><b></a></b>", "<a><b/></a>"},
+        {"<a></>", "<a/>"},
+        {"<a></x>", "<a/>"},
+        {"<a></ x >", "<a/>"},
+        {"<a>< / x>", "<a/>"},
+        {"<a></x-.9_Z >", "<a/>"},
+    });
+}
+
+TEST(XmlParser, KeepsClosingAtTheSlashAndIgnoringWhatFollows) {
+    expectAll({
+        {"<a / junk >", "<a/>"},
+        {"<a/junk>", "<a/>"},
+        {"<a b='1'/junk>", "<a b=\"1\"/>"},
+        {"<a b='1'/ >", "<a b=\"1\"/>"},
+        {"<a b=1/>", "<a b=\"1\"/>"},
+        {"<x><a/></x>", "<x><a/></x>"},
+        {"<x></x>", "<x/>"},
+        {"<a b='1' / b='2'>", "error 1"},
+    });
+}
+
+TEST(XmlParser, KeepsAttributesWithoutValueOrQuotes) {
+    expectAll({
+        {"<a b>", "error 2"},
+        {"<a b></a>", "<a b=\"\"/>"},
+        {"<a b ></a>", "<a b=\"\"/>"},
+        {"<a b/>", "<a b=\"\"/>"},
+        {"<a b />", "<a b=\"\"/>"},
+        {"<a b c></a>", "<a b=\"\" c=\"\"/>"},
+        {"<a b  c = 1 d/>", "<a b=\"\" c=\"1\" d=\"\"/>"},
+        {"<a b\n=\t'1'/>", "<a b=\"1\"/>"},
+        {"<a b=1 c=2></a>", "<a b=\"1\" c=\"2\"/>"},
+        {"<a b=1></a>", "<a b=\"1\"/>"},
+        {"<a b=-._x />", "<a b=\"-._x\"/>"},
+        {"<a b=1'/>", "error 1"},
+        {"<a b=1:2/>", "error 1"},
+        {"<a b='1'c='2'/>", "<a b=\"1\" c=\"2\"/>"},
+    });
+}
+
+TEST(XmlParser, KeepsTheLastValueAtTheFirstPlace) {
+    expectAll({{"<a b='1' c='2' b='3'/>", "<a b=\"3\" c=\"2\"/>"}, {"<a b c b=1 />", "<a b=\"1\" c=\"\"/>"}});
+}
+
+TEST(XmlParser, TakesAnyByteInAQuotedValue) {
+    expectAll({
+        {"<a b='\"'/>", "<a b=\"&quot;\"/>"},
+        {"<a b=\"'\"/>", "<a b=\"&apos;\"/>"},
+        {"<a b='<>/=&amp; \n\xff'/>", "<a b=\"&lt;&gt;/=&amp; \n\xff\"/>"},
+        {std::string("<a b='\0'/>", 10), std::string("<a b=\"\0\"/>", 10)},
+        {"<a b=''/>", "<a b=\"\"/>"},
+    });
+}
+
+TEST(XmlParser, KeepsDecodingAttributesButNotText) {
+    Parsed const result = parsed("<a x='&lt;'>&lt;</a>");
+    ASSERT_EQ(result.code, 0);
+    xmlElementPtr const a = childOf(*result.document.get(), "a");
+    EXPECT_EQ(attributeOf(*a.get(), "x"), "<");
+    EXPECT_EQ(textOf(*a.get()), "&lt;");
+    expectAll({
+        {"<a x='&lt;'/>", "<a x=\"&lt;\"/>"},
+        {"<a x='>&unknown;&#65;'/>", "<a x=\"&gt;\"/>"},  // what is read is not always what is written
+        {"<a>&unknown;'\"></a>", "<a>&unknown;'\"></a>"},
+    });
+}
+
+TEST(XmlParser, KeepsTheLastRunOfTextOnly) {
+    Parsed const result = parsed("<a>x<b/>\n</a>");
+    ASSERT_EQ(result.code, 0);
+    EXPECT_EQ(textOf(*childOf(*result.document.get(), "a").get()), "\n");
+    expectAll({
+        {"<a>x<b/>y</a>", "<a>y<b/></a>"},
+        {"<a>x<b/></a>", "<a>x<b/></a>"},  // an empty run replaces nothing
+        {"<a> <b> </b> </a>", "<a> <b> </b></a>"},
+        {"<a>1<b>2<c>3</c></b></a>", "<a>1<b>2<c>3</c></b></a>"},
+    });
+}
+
+TEST(XmlParser, KeepsTextAroundTheTopLevelElements) {
+    expectAll({
+        {"before<a/>", "before<a/>"},
+        {"<a/>between<b/>", "between<a/><b/>"},
+        {"<a/>after", "<a/>"},  // no "<" follows it
+        {"only text", ""},
+        {"\xef\xbb\xbf<a/>", "\xef\xbb\xbf<a/>"},  // a byte-order mark is text
+    });
+}
+
+TEST(XmlParser, TakesAnyByteButLessThanInText) {
+    std::string text;
+    for (int i = 0; i < 256; ++i) {
+        if (i != '<') {
+            text += static_cast<char>(static_cast<unsigned char>(i));
+        }
+    }
+    EXPECT_EQ(reparsed("<a>" + text + "</a>"), "<a>" + text + "</a>");
+}
+
+TEST(XmlParser, TakesNameCharactersOnlyInNames) {
+    std::string const name = "AZaz09.-_";
+    EXPECT_EQ(reparsed("<" + name + " " + name + "=1></" + name + ">"), "<" + name + " " + name + "=\"1\"/>");
+    EXPECT_EQ(reparsed("< \t\r\na/>"), "<a/>");
+}
+
+TEST(XmlParser, StartsAtTheReadPosition) {
+    TbStringStream in("xx<a/>");
+    char skipped = 0;
+    in.get(skipped);
+    in.get(skipped);
+    xmlElement* out = nullptr;
+    ASSERT_EQ(xmlParser().parseText(in, &out), 0);
+    EXPECT_EQ(written(*out), "<a/>");
+    out->release();
+    EXPECT_TRUE(in.atEnd());
+    ASSERT_EQ(xmlParser().parseText(in, &out), 0);
+    EXPECT_EQ(written(*out), "");
+    out->release();
+}
+
+TEST(XmlParser, ServesAnyNumberOfDocuments) {
+    xmlParser parser;
+    static_assert(sizeof(xmlParser) == sizeof(TbRefCounter), "a parser has no data");
+    for (char const* const text : {"<a b='1", "<a>text", "<b/>"}) {
+        TbStringStream in(text);
+        xmlElement* out = nullptr;
+        int const code = parser.parseText(in, &out);
+        EXPECT_EQ(code, std::string(text) == "<b/>" ? 0 : 2);
+        if (out != nullptr) {
+            EXPECT_EQ(written(*out), "<b/>");
+            out->release();
+        }
+    }
+}
+
+TEST(XmlParser, IsCounted) {
+    auto* const parser = new xmlParser;
+    parser->addRef();
+    TbStringStream in("<a/>");
+    xmlElement* out = nullptr;
+    EXPECT_EQ(parser->parseText(in, &out), 0);
+    parser->release();
+    EXPECT_EQ(written(*out), "<a/>");  // nothing in it was the parser's
+    out->release();
+}
+
+TEST(XmlParser, CreatesElements) {
+    xmlElement* out = nullptr;
+    xmlParser().createElement("KVX", &out);
+    EXPECT_EQ(out->refCount(), 1);
+    EXPECT_EQ(out->parent(), nullptr);
+    EXPECT_EQ(written(*out), "<KVX/>");
+    out->release();
+}
+
+TEST(XmlParser, SurvivesADocumentCutAtEveryLength) {
+    std::string const text =
+        "top <KVX A='1' C=3 D E = \"&lt;&unknown;\" F ><b/>t<c x/ y>u<d><h><i><e / f ></d></x ></>\n</KVX>\n<g h=1/>";
+    ASSERT_EQ(parsed(text).code, 0);
+    for (std::size_t length = 0; length <= text.size(); ++length) {
+        std::string const cut = text.substr(0, length);
+        int const code = parsed(cut).code;
+        EXPECT_TRUE(code == 0 || code == 2) << cut;  // what fits as a whole fits in part, but may be unfinished
+        EXPECT_EQ(reparsed(cut), referenceReparsed(cut)) << cut;
+        int const tail = parsed(text.substr(length)).code;
+        EXPECT_TRUE(tail >= 0 && tail <= 3) << text.substr(length);
+        EXPECT_EQ(reparsed(text.substr(length)), referenceReparsed(text.substr(length))) << text.substr(length);
+    }
+}
+
+TEST(XmlParser, AgreesWithTheReferenceOnRandomBytes) {
+    SCOPED_TRACE("seed " + std::to_string(testSeed()));
+    Random random;
+    int accepted = 0;
+    for (int round = 0; round < 20000; ++round) {
+        std::string text;
+        for (std::size_t left = random.below(40); left > 0; --left) {
+            text += random.below(20) == 0 ? random.byte() : random.of("<<<<>>>>//// ==''\"abAB0&;\n");
+        }
+        std::string const expected = referenceReparsed(text);
+        ASSERT_EQ(reparsed(text), expected) << text;
+        accepted += expected.rfind("error", 0) == 0 ? 0 : 1;
+    }
+    EXPECT_GT(accepted, 100);
+}
+
+TEST(XmlParser, AgreesWithTheReferenceOnDamagedDocuments) {
+    SCOPED_TRACE("seed " + std::to_string(testSeed()));
+    Random random;
+    std::string const original = "<KVX A='1' C=3 D><b x=\"&amp;\"/>t<c x/><d>u</d >\n</KVX>";
+    std::string const pieces[] = {"<", ">", "/", "=", "'", "\"", " ", "x", "&", "<a>", "</a>", "<a/>", "\x80"};
+    int accepted = 0;
+    for (int round = 0; round < 20000; ++round) {
+        std::string text = original;
+        for (std::size_t damage = 1 + random.below(3); damage > 0; --damage) {
+            std::size_t const position = random.below(text.size());
+            text.replace(position, random.below(4),
+                         random.below(2) == 0 ? "" : pieces[random.below(std::size(pieces))]);
+        }
+        std::string const expected = referenceReparsed(text);
+        ASSERT_EQ(reparsed(text), expected) << text;
+        accepted += expected.rfind("error", 0) == 0 ? 0 : 1;
+    }
+    EXPECT_GT(accepted, 1000);
+}
+
+namespace {
+
+/// Random elements below `parent`, and what writing them must give.
+std::string grow(Random& random, xmlElement& parent, int levels) {
+    static std::string const kNames = "abcXYZ019.-_";
+    static std::string const kBytes = std::string("ab<>&\"' \n;=/\x80\xff", 14) + std::string(1, '\0');
+    std::string expected;
+    for (std::size_t left = random.below(4); left > 0; --left) {
+        std::string const tag = "t" + random.text(kNames, 3);
+        xmlElementPtr const child = newElement(tag);
+        std::string head = "<" + tag;
+        for (std::size_t number = random.below(4); number > 0; --number) {
+            std::string const name = std::to_string(number) + random.text(kNames, 3);
+            std::string const value = random.text(kBytes, 8);
+            child->setAttribute(stringOf(name), stringOf(value));
+            EXPECT_EQ(attributeOf(*child.get(), name), value);
+            head += " " + name + "=\"" + referenceEncoded(value) + "\"";
+        }
+        std::string content = random.below(2) == 0 ? "" : random.text("ab>&\"' \n;=/\x80", 8);
+        child->setText(stringOf(content));
+        if (levels > 0) {
+            content += grow(random, *child.get(), levels - 1);
+        }
+        parent.insertChild(child.get());
+        expected += content.empty() ? head + "/>" : head + ">" + content + "</" + tag + ">";
+    }
+    return expected;
+}
+
+}  // namespace
+
+TEST(XmlParser, ReadsWhatElementsWrite) {
+    SCOPED_TRACE("seed " + std::to_string(testSeed()));
+    Random random;
+    for (int round = 0; round < 500; ++round) {
+        xmlElementPtr const tree = newElement("");
+        std::string const expected = grow(random, *tree.get(), 4);
+        ASSERT_EQ(written(*tree.get()), expected);
+        ASSERT_EQ(reparsed(expected), expected);
+    }
+}

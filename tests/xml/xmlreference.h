@@ -1,0 +1,37 @@
+/// A second opinion on the dialect: the same rules, written down again in another form and followed step by step.
+#ifndef TALLOWIN_TEST_XMLREFERENCE_H
+#define TALLOWIN_TEST_XMLREFERENCE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace kvxtest {
+
+struct ReferenceRow {
+    std::uint32_t state;
+    std::uint32_t mask;
+    std::uint32_t consume;
+    std::uint32_t next;
+    std::uint32_t action;
+};
+
+/// The transitions, in order of look-up.
+std::vector<ReferenceRow> const& referenceRows();
+
+/// The class of a byte, as its bit.
+std::uint32_t referenceClass(char byte);
+
+/// Index of the row for a byte in a state; the number of rows when there is none.
+std::size_t referenceRowFor(std::uint32_t state, char byte);
+
+/// What parsing `text` and writing the document gives, or "error N".
+std::string referenceReparsed(std::string const& text);
+
+std::string referenceEncoded(std::string const& text);
+std::string referenceDecoded(std::string const& text);
+
+}  // namespace kvxtest
+
+#endif

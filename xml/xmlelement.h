@@ -1,0 +1,193 @@
+/// The element tree that every document and message lives in.
+///
+/// Its free functions are in the static archive only; libtallowin.so shows classes.
+#ifndef TALLOWIN_XMLELEMENT_H
+#define TALLOWIN_XMLELEMENT_H
+
+#include "foundation/tbmap.h"
+#include "foundation/tbmultimap.h"
+#include "foundation/tbptr.h"
+#include "foundation/tbstring.h"
+#include "foundation/tbstringstream.h"
+#include "tallowin/export.h"
+
+class xmlElement;
+class xmlElementEnum;
+
+/// A counted handle on an element.
+class KVX_EXPORT xmlElementPtr : public TbPtr {
+public:
+    xmlElementPtr() = default;
+
+    /// Takes one more reference to `element`; null gives an empty handle.
+    explicit xmlElementPtr(xmlElement* element);
+
+    xmlElementPtr(xmlElementPtr const&) = default;
+    xmlElementPtr& operator=(xmlElementPtr const&) = default;
+    using TbPtr::operator=;
+
+    TbAllocator getAllocator() const override;
+    bool isInstanceOf(char const* className) const override;
+
+    /// The element, borrowed; null when empty.
+    [[nodiscard]] xmlElement* get() const noexcept;
+    xmlElement* operator->() const noexcept { return get(); }
+
+    static void allocate(TbObject** slot);
+};
+
+/// A counted handle on an enumerator.
+class KVX_EXPORT xmlEnumPtr : public TbPtr {
+public:
+    xmlEnumPtr() = default;
+
+    /// Takes one more reference to `enumerator`; null gives an empty handle.
+    explicit xmlEnumPtr(xmlElementEnum* enumerator);
+
+    xmlEnumPtr(xmlEnumPtr const&) = default;
+    xmlEnumPtr& operator=(xmlEnumPtr const&) = default;
+    using TbPtr::operator=;
+
+    TbAllocator getAllocator() const override;
+    bool isInstanceOf(char const* className) const override;
+
+    [[nodiscard]] xmlElementEnum* get() const noexcept;
+    xmlElementEnum* operator->() const noexcept { return get(); }
+
+    static void allocate(TbObject** slot);
+
+private:
+    [[maybe_unused]] std::uint32_t m_Reserved = 0;  ///< Part of the layout; not used.
+};
+
+/// One element: tag, attributes, children, text.
+///
+/// An empty tag marks a nameless container, whose own markup is not written. Attribute values are kept escaped, so
+/// writing needs no escaping; text is kept and written exactly as given. A child is held by one counted reference;
+/// children of all tags form one list in insertion order. Every element handed out carries one reference for the
+/// caller, who releases it. Writing and destroying take stack space that does not depend on the depth of the tree. One
+/// thread at a time per tree. Running out of memory is a TBFC_Exception.
+class KVX_EXPORT xmlElement : public TbFindable {
+public:
+    xmlElement() = default;
+
+    /// An element without children and parent whose tag is `tag`.
+    explicit xmlElement(TbString const& tag) : m_Tag(tag) {}
+
+    xmlElement(xmlElement const&) = delete;
+    xmlElement& operator=(xmlElement const&) = delete;
+    using TbFindable::operator=;
+    ~xmlElement() override;
+
+    TbAllocator getAllocator() const override;
+    bool isInstanceOf(char const* className) const override;
+
+    /// Elements order by their tags.
+    bool operator<(TbFindable const& other) const override;
+    bool operator==(TbFindable const& other) const override;
+
+    /// Stores `value`, escaped, under `name`; a name that is there keeps its place. Always true. On failure the
+    /// attribute is what it was.
+    bool setAttribute(TbString const& name, TbString const& value);
+
+    /// The unescaped value under `name`. False, and `value` untouched, when there is none.
+    bool getAttribute(TbString const& name, TbString& value) const;
+
+    /// Adds `child` after all others and makes this its parent; takes one reference of its own. On failure nothing has
+    /// changed, but a child that nobody else holds is destroyed.
+    /// Requires: a heap object, not null, not this element and none of its ancestors.
+    void insertChild(xmlElement* child);
+
+    /// Drops child `index` (from 0) of those named `tag`; if it lives on, it has no parent. False when there is no such
+    /// child. Enumerators that stand on the child must not be used afterwards. On failure nothing has changed.
+    bool removeChild(TbString const& tag, long index);
+
+    /// `*child` becomes child `index` of those named `tag`, one reference for the caller. False when no child has that
+    /// tag. An index beyond the last raises KVX_E_OUT_OF_RANGE (TBFC_Exception).
+    bool getChild(TbString const& tag, long index, xmlElement** child) const;
+
+    /// `*parent` becomes the parent with one reference for the caller, null for a root. Always true.
+    bool getParent(xmlElement** parent) const;
+
+    /// The parent, borrowed; null for a root.
+    [[nodiscard]] xmlElement* parent() const noexcept { return m_Parent; }
+
+    void getText(TbString& text) const;
+
+    /// Replaces the text, which is not escaped.
+    void setText(TbString const& text);
+
+    /// Always true.
+    bool getTag(TbString& tag) const;
+
+    /// Appends the element with its subtree to `out`, without any white space of its own. Always true. On failure `out`
+    /// keeps what was written.
+    bool toStream(TbStringStream& out) const;
+
+    /// `*enumerator` becomes a new enumerator made with `xmlElementEnum::create`, one reference for the caller.
+    /// Requires: this element is held by a reference.
+    void enumChildren(TbString const& tag, xmlElementEnum** enumerator);
+
+    static void allocate(TbObject** slot);
+
+private:
+    friend class xmlElementEnum;
+
+    static xmlElement& elementAt(TbMapItem const& entry) noexcept;
+    [[nodiscard]] bool hasContent() const noexcept;
+    void writeHead(TbStringStream& out) const;
+    void writeTail(TbStringStream& out) const;
+    void letChildrenGo(xmlElement*& dying);
+
+    TbString m_Tag;
+    TbStrMap m_Attributes;           ///< Values are escaped.
+    TbStrPtrMultimap m_Children;     ///< Tag to xmlElementPtr.
+    xmlElement* m_Parent = nullptr;  ///< Not counted; reset when the parent dies or lets go.
+    TbString m_Text;
+    xmlElement* m_NextDying = nullptr;  ///< Next in the list of elements that a dying ancestor still has to release;
+                                        ///< the last one points to itself. Null outside such a list.
+};
+
+/// Walks over an element's children and keeps the element alive meanwhile.
+///
+/// Deliberate: with a tag it starts at the first child of that tag and then goes on through every later child, whatever
+/// its tag. Callers that want one tag only check each child's.
+class KVX_EXPORT xmlElementEnum : public TbObject {
+public:
+    xmlElementEnum() = default;
+    xmlElementEnum(xmlElementEnum const&) = delete;
+    xmlElementEnum& operator=(xmlElementEnum const&) = delete;
+    using TbObject::operator=;
+
+    TbAllocator getAllocator() const override;
+    bool isInstanceOf(char const* className) const override;
+
+    /// Starts over at the first child of `element`, or at the first named `tag` when that is not empty; there may be
+    /// none. Requires: `element` is held by a reference.
+    void create(xmlElement* element, TbString const& tag);
+
+    /// `*child` becomes the current child, one reference for the caller, and the position moves on. False at the end.
+    bool getNext(xmlElement** child);
+
+    /// Whether the end is reached.
+    [[nodiscard]] bool isEmpty() const noexcept { return m_Position == m_End; }
+
+    static void allocate(TbObject** slot);
+
+private:
+    xmlElementPtr m_Element;
+    TbMapItem const* m_Position = nullptr;  ///< Borrowed from the element's children.
+    TbMapItem const* m_End = nullptr;
+};
+
+/// `out` becomes `in` with the five characters " & ' < > replaced by their entities. The two may be one string.
+void XMLEncode(TbString const& in, TbString& out);
+
+/// The inverse. The two may be one string.
+///
+/// Deliberate: an entity is what stands in the five characters from an ampersand on, or up to a semicolon before that,
+/// and the one character that follows goes with it, whatever it is: "&quotX" is a double quote, "AT & T rest" becomes
+/// "AT st". What is none of the five vanishes; if it is longer but otherwise well formed, through its semicolon.
+void XMLDecode(TbString const& in, TbString& out);
+
+#endif
