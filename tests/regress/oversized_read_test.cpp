@@ -1,6 +1,6 @@
 // A raw read with room for more bytes than there can be memory once failed, because the system refuses such a number;
-// the room is an upper bound, so the file's bytes are the answer. Bounded to a gibibyte it still failed, though only for
-// a buffer less than that below the end of all addresses, as one process's stack in sixteen is.
+// the room is an upper bound, so the file's bytes are the answer. Bounded to a gibibyte it still failed, though only
+// for a buffer less than that below the end of all addresses, as one process's stack in sixteen is.
 
 #include <sys/mman.h>
 
