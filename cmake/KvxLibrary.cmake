@@ -1,6 +1,9 @@
 # The products made of the layers: libtallowin.so, libtallowin.a and the internal archive that tests link.
 
 set(KVX_LAYERS foundation xml core net api)
+if(KVX_JAVA)
+  list(APPEND KVX_LAYERS jni)
+endif()
 set(kvx_objects "")
 set(kvx_seam_objects "")
 foreach(layer IN LISTS KVX_LAYERS)
@@ -27,7 +30,7 @@ target_include_directories(tallowin_static PUBLIC $<BUILD_INTERFACE:${PROJECT_SO
 
 add_library(tallowin_seams STATIC EXCLUDE_FROM_ALL ${kvx_seam_objects})
 target_link_libraries(tallowin_seams PUBLIC OpenSSL::SSL OpenSSL::Crypto PkgConfig::UUID)
-target_compile_definitions(tallowin_seams PUBLIC KVX_TEST_SEAMS)
+target_compile_definitions(tallowin_seams PUBLIC KVX_TEST_SEAMS ${KVX_WIDE_SYSTEM_TYPES})
 target_include_directories(tallowin_seams PUBLIC "${PROJECT_SOURCE_DIR}" "${PROJECT_SOURCE_DIR}/api/include")
 
 include(KvxInstall)

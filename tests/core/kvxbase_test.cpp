@@ -197,7 +197,7 @@ TEST(Exception, BeginsWithItsPositionWhenTheVariableIsSet) {
 }
 
 TEST(Exception, TakesCodesWithAndWithoutSign) {
-    for (long const code : {0x80040202L, static_cast<long>(KVX_E_FILE_NOT_FOUND)}) {
+    for (long const code : {static_cast<long>(0x80040202UL), static_cast<long>(KVX_E_FILE_NOT_FOUND)}) {
         KVX_Exception const failure(code, "", "kvxctx", 1);
         EXPECT_EQ(failure.code(), KVX_E_FILE_NOT_FOUND);
         EXPECT_EQ(bytesOf(failure.text()), "file not found");
@@ -234,7 +234,7 @@ TEST(Exception, HasNoVirtualOperation) {
 TEST(Exception, WritesOneTraceRecordAndNoneWhenCopied) {
     Environment const variable("KVXDEBUG", nullptr);
     TraceRecorder const recorder;
-    KVX_Exception const failure(0x80040203L, "disk", "kvxctx", 212);
+    KVX_Exception const failure(static_cast<long>(0x80040203UL), "disk", "kvxctx", 212);
     KVX_Exception const copy(failure);
     EXPECT_EQ(copy.line(), 212);
     EXPECT_EQ(linesOf(recorder.records()),

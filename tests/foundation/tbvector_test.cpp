@@ -419,14 +419,15 @@ TEST(TbVector, AgreesWithADequeUnderRandomRemovals) {
     for (int step = 0; step < 20000; ++step) {
         std::uint64_t const kind = random() % 8;
         if (kind < 4 || model.empty()) {
-            auto* const element = const_cast<TbString*>(&elements[random() % elements.size()]);
+            auto* const element =
+                const_cast<TbString*>(&elements[static_cast<std::size_t>(random() % elements.size())]);
             vector.push_back(element);
             model.push_back(element);
         } else if (kind < 7) {
             vector.remove(0);
             model.pop_front();
         } else {
-            std::size_t const index = random() % model.size();
+            auto const index = static_cast<std::size_t>(random() % model.size());
             vector.remove(static_cast<std::uint32_t>(index));
             model.erase(model.begin() + static_cast<std::ptrdiff_t>(index));
         }

@@ -38,7 +38,7 @@ TEST(RawQueryValue, TakesAnyRoomForABufferAtTheEndOfAllAddresses) {
     dir.write("three", "abc");
     KVX_Context context;
     context.Open(dir.path().c_str());
-    for (unsigned long const room : {ULONG_MAX, ULONG_MAX / 2, 1UL << 30, page}) {
+    for (unsigned long const room : {ULONG_MAX, ULONG_MAX / 2, 1UL << 30, 4096UL}) {
         unsigned long size = room;
         EXPECT_TRUE(context.QueryValue("three", static_cast<unsigned char*>(last), &size)) << room;
         EXPECT_EQ(size, 3U);
