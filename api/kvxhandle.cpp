@@ -241,13 +241,15 @@ void kvxGiveSlot(KvxKind kind, void* slot) noexcept {
 }
 
 bool kvxIsLiving(KvxKind kind, void const* handle) noexcept {
-    if (handle == nullptr || reinterpret_cast<std::uintptr_t>(handle) % alignof(std::uint32_t) != 0) {
-        return false;
+    if (isInAnyPool(handle)) {
+        return kvxIsLivingInSlot(kind, handle);
     }
-    if (poolOf(kind).numberOf(handle) == kNoSlot && isInAnyPool(handle)) {
-        return false;
-    }
-    return readWord(handle) == kLivingWord;
+    bool const readable = handle != nullptr && reinterpret_cast<std::uintptr_t>(handle) % alignof(std::uint32_t) == 0;
+    return readable && readWord(handle) == kLivingWord;
+}
+
+bool kvxIsLivingInSlot(KvxKind kind, void const* handle) noexcept {
+    return poolOf(kind).numberOf(handle) != kNoSlot && readWord(handle) == kLivingWord;
 }
 
 bool kvxClaimForDestruction(KvxKind kind, void* handle) noexcept {

@@ -1,17 +1,22 @@
 #!/usr/bin/env bash
-# exports.sh promises LIBRARY        the names that must be exported, and those that must not
-# exports.sh compare LIBRARY LIST    all names are those of LIST, no more and no fewer
-# exports.sh list LIBRARY            prints the names; so LIST is made
+# exports.sh promises LIBRARY JAVA        the names that must be exported, and those that must not
+# exports.sh compare LIBRARY JAVA LIST    all names are those of LIST, no more and no fewer
+# exports.sh list LIBRARY                 prints the names; so LIST is made
+# JAVA tells whether the library was built with the native methods of the Java classes: ON or OFF.
 set -euo pipefail
 export LC_ALL=C
-mode=$1 library=$2
+mode=$1 library=$2 java=${3:-ON}
 
 names=$(nm -D --defined-only "$library" | sed -E 's/^[0-9a-f]+ . //; s/@@?TALLOWIN_1$//' | c++filt | sort -u |
           grep -vx TALLOWIN_1)
 
+expected() {
+  if [ "$java" = ON ]; then grep -v '^#' "$1"; else grep -vE '^(#|Java_)' "$1"; fi
+}
+
 compare() {
   local difference
-  difference=$(diff -u --label "$1" --label 'exported now' <(grep -v '^#' "$1") - <<< "$names") || {
+  difference=$(diff -u --label "$1" --label 'exported now' <(expected "$1") - <<< "$names") || {
     printf '%s\n' "$difference"
     echo "When this is meant: $0 list $library, below the head of $1"
     return 1
@@ -19,7 +24,7 @@ compare() {
 }
 
 promises() {
-  local failed=0 flat class
+  local failed=0 flat class methods
   for flat in KVX_GetVersion KVX_GetErrorStringFromResult \
               {Create,Destroy}{ConfigurationSetup,MessageFactory,MessageObject} \
               ConfigurationSetup_{SetConfiguration,Reconfigure,SetOption,GetAttribute,SetAttribute} \
@@ -44,13 +49,28 @@ promises() {
                KVXCIMPL_MessageFactory KVXCIMPL_MessageObject; do
     grep -q "^$class::" <<< "$names" || { echo "$class: no member is exported"; failed=1; }
   done
+  # The native methods, which the virtual machine finds by name.
+  local native class_and_methods
+  for class_and_methods in \
+      'ConfigurationSetup nConstruct nDestruct SetConfiguration Reconfigure SetOption GetAttribute SetAttribute' \
+      'MessageFactory nConstruct nDestruct Open nCreatePayInit nVerifyPayConfirm nCreatePayComplete nCreateRequest' \
+      'MessageObject nConstruct nDestruct Open SetAttribute GetAttribute GetURL Capture nExecute FromString ToString'; do
+    read -ra methods <<< "$class_and_methods"
+    for native in "${methods[@]:1}"; do
+      native=Java_kelvane_tallowin_${methods[0]}_$native
+      if [ "$java" = ON ] && ! grep -qxF -- "$native" <<< "$names"; then
+        echo "$native: is not exported"
+        failed=1
+      fi
+    done
+  done
   # Names that a host program may have for itself.
   if grep -E '^(is[A-Z]|get[A-Z]|TCS|WCS|mbsto|ErrorTable|xmlTable|SplitUrl|IsHttp|Base64|base64|XML|xml[A-Z][A-Za-z]*\(|ICCT|std::|__gnu|operator (new|delete)|AttributeNames|GetTimeDate|MakeHostAddr|HttpSession\(|HttpHostByName|kvx(Call|Run|Make|Create|Destroy|CopyOut|Is|Claim))' <<< "$names"; then
     echo 'these are not for export'
     failed=1
   fi
   # Everything that is no function of the flat face belongs to a class or is one of a few free functions.
-  if grep -vE '^(KVX_|KVXCIMPL_|KvxSignature::|URL_INFO::|TB|Tb|xml[A-Za-z]+::|SockConnection::|SslConnection::|(Create|Destroy)?(ConfigurationSetup|MessageFactory|MessageObject)(_|$)|UrlEncode\(|HttpRequest\(|operator\+\(|tbIsName\(|kvxTakeSlot\(|kvxGiveSlot\(|(vtable|typeinfo|typeinfo name) for )' <<< "$names"; then
+  if grep -vE '^(Java_kelvane_tallowin_|KVX_|KVXCIMPL_|KvxSignature::|URL_INFO::|TB|Tb|xml[A-Za-z]+::|SockConnection::|SslConnection::|(Create|Destroy)?(ConfigurationSetup|MessageFactory|MessageObject)(_|$)|UrlEncode\(|HttpRequest\(|operator\+\(|tbIsName\(|kvxTakeSlot\(|kvxGiveSlot\(|(vtable|typeinfo|typeinfo name) for )' <<< "$names"; then
     echo 'these have not been thought of'
     failed=1
   fi
@@ -59,6 +79,6 @@ promises() {
 
 case $mode in
   promises) promises ;;
-  compare) compare "$3" ;;
+  compare) compare "$4" ;;
   list) printf '%s\n' "$names" ;;
 esac

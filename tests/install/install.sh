@@ -17,7 +17,7 @@ for file in include/tallowin/{tallowin,codes,export,version,cConfigurationSetup,
 done
 
 # What stays inside is not to be found by a user's include either.
-if grep -nE '#include "(foundation|xml|core|net|api)/' "$prefix"/include/tallowin/*.h; then
+if grep -nE '#include "(foundation|xml|core|net|api|jni)/' "$prefix"/include/tallowin/*.h; then
   echo 'an installed header includes a layer'
   missing=1
 fi

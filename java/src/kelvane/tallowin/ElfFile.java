@@ -1,0 +1,142 @@
+package kelvane.tallowin;
+
+import java.io.EOFException;
+import java.io.File;
+import java.io.IOException;
+import java.io.RandomAccessFile;
+import java.nio.ByteBuffer;
+import java.nio.ByteOrder;
+import java.util.Arrays;
+import java.util.List;
+import java.util.Locale;
+
+/**
+ * What the head of a shared library tells: for which machine it was built, and whether the file is whole.
+ *
+ * <p>The system's loader maps a file that was cut short and then kills the process, so the file is looked at first.
+ */
+final class ElfFile {
+    /** Machines by their number in the file, their width, and their names in {@code os.arch}; the first is ours. */
+    private enum Machine {
+        X86(3, 32, "x86", "i386", "i486", "i586", "i686"),
+        ARM(40, 32, "arm"),
+        X86_64(62, 64, "x86_64", "amd64"),
+        AARCH64(183, 64, "aarch64");
+
+        final int number;
+        final int width;
+        final List<String> names;
+
+        Machine(int number, int width, String... names) {
+            this.number = number;
+            this.width = width;
+            this.names = Arrays.asList(names);
+        }
+
+        /** Null for a machine that is not in the table. */
+        static Machine numbered(int number) {
+            return Arrays.stream(values()).filter(machine -> machine.number == number).findAny().orElse(null);
+        }
+
+        /** Null for a machine that is not in the table. */
+        static Machine named(String name) {
+            return Arrays.stream(values()).filter(machine -> machine.names.contains(name)).findAny().orElse(null);
+        }
+    }
+
+    private static final int MAGIC = 0x7F454C46;
+    private static final int LOADED_SEGMENT = 1;
+
+    private final ByteOrder order;
+    private final int width;
+    private final int machineNumber;
+
+    private ElfFile(RandomAccessFile file) throws IOException {
+        ByteBuffer head = bytes(file, 0, 20, ByteOrder.LITTLE_ENDIAN);
+        order = head.get(5) == 2 ? ByteOrder.BIG_ENDIAN : ByteOrder.LITTLE_ENDIAN;
+        width = head.get(4) == 2 ? 64 : 32;
+        machineNumber = Short.toUnsignedInt(head.order(order).getShort(18));
+    }
+
+    /**
+     * Reads the head of {@code library}.
+     *
+     * @throws LoadProblem when the file cannot be read, is no shared library, or was cut short
+     */
+    static ElfFile read(File library) throws LoadProblem {
+        try (RandomAccessFile file = new RandomAccessFile(library, "r")) {
+            if (file.length() < Integer.BYTES || file.readInt() != MAGIC) {
+                throw new LoadProblem("the file is no shared library", "Put the right one in its place.", null);
+            }
+            ElfFile elf = new ElfFile(file);
+            elf.requireSegments(file);
+            return elf;
+        } catch (EOFException cut) {
+            throw new LoadProblem("the file is cut short", "Copy the library again, all of it.", null);
+        } catch (IOException unreadable) {
+            throw new LoadProblem("the file cannot be read", "Make it readable for this user.", unreadable);
+        }
+    }
+
+    /** The name that {@code osArch}, a value of the system property {@code os.arch}, has in the jar. */
+    static String architecture(String osArch) {
+        String name = osArch.toLowerCase(Locale.ROOT);
+        Machine machine = Machine.named(name);
+        return machine == null ? name : machine.names.get(0);
+    }
+
+    /** Whether a JVM on {@code osArch} may load the file; also true when nothing is known of either. */
+    boolean fits(String osArch) {
+        Machine jvm = Machine.named(architecture(osArch));
+        return jvm == Machine.numbered(machineNumber) && (jvm == null || jvm.width == width);
+    }
+
+    /** Describes width and machine of the file. */
+    String target() {
+        Machine machine = Machine.numbered(machineNumber);
+        return width + "-bit " + (machine == null ? "ELF machine " + machineNumber : machine.names.get(0));
+    }
+
+    /** Describes width and machine of a JVM on {@code osArch}. */
+    static String target(String osArch) {
+        Machine machine = Machine.named(architecture(osArch));
+        return (machine == null ? "" : machine.width + "-bit ") + architecture(osArch);
+    }
+
+    /**
+     * Checks that the file holds every byte of the segments that the system's loader will map.
+     *
+     * @throws EOFException when it does not
+     */
+    private void requireSegments(RandomAccessFile file) throws IOException {
+        boolean wide = width == 64;
+        ByteBuffer header = bytes(file, 0, wide ? 64 : 52, order);
+        long table = wide ? header.getLong(32) : Integer.toUnsignedLong(header.getInt(28));
+        int entrySize = Short.toUnsignedInt(header.getShort(wide ? 54 : 42));
+        int entries = Short.toUnsignedInt(header.getShort(wide ? 56 : 44));
+        for (int i = 0; i < entries; i++) {
+            ByteBuffer entry = bytes(file, table + (long) i * entrySize, wide ? 56 : 32, order);
+            long start = wide ? entry.getLong(8) : Integer.toUnsignedLong(entry.getInt(4));
+            long size = wide ? entry.getLong(32) : Integer.toUnsignedLong(entry.getInt(16));
+            if (entry.getInt(0) == LOADED_SEGMENT) {
+                requireInside(file, start, size);
+            }
+        }
+    }
+
+    private static ByteBuffer bytes(RandomAccessFile file, long position, int count, ByteOrder order)
+            throws IOException {
+        requireInside(file, position, count);
+        byte[] bytes = new byte[count];
+        file.seek(position);
+        file.readFully(bytes);
+        return ByteBuffer.wrap(bytes).order(order);
+    }
+
+    /** Positions and sizes come from the file, so they may be anything, negative too. */
+    private static void requireInside(RandomAccessFile file, long position, long count) throws IOException {
+        if (position < 0 || count < 0 || position > file.length() || count > file.length() - position) {
+            throw new EOFException();
+        }
+    }
+}

@@ -1,0 +1,55 @@
+/// The native methods and the texts of their failures.
+#ifndef TALLOWIN_KVXNATIVES_H
+#define TALLOWIN_KVXNATIVES_H
+
+#include <cstddef>
+
+/// Every native method, in the order of the table.
+enum class KvxNative : std::size_t {
+    kSetupConstruct,
+    kSetupDestruct,
+    kSetupSetConfiguration,
+    kSetupReconfigure,
+    kSetupSetOption,
+    kSetupGetAttribute,
+    kSetupSetAttribute,
+    kFactoryConstruct,
+    kFactoryDestruct,
+    kFactoryOpen,
+    kFactoryCreatePayInit,
+    kFactoryVerifyPayConfirm,
+    kFactoryCreatePayComplete,
+    kFactoryCreateRequest,
+    kMessageConstruct,
+    kMessageDestruct,
+    kMessageOpen,
+    kMessageSetAttribute,
+    kMessageGetAttribute,
+    kMessageGetURL,
+    kMessageCapture,
+    kMessageExecute,
+    kMessageFromString,
+    kMessageToString,
+};
+constexpr std::size_t kKvxNativeCount = 24;
+
+/// One row of the table.
+struct KvxNativeTexts {
+    char const* m_Class;          ///< The Java class.
+    char const* m_Method;         ///< The Java method.
+    char const* m_HandlePrefix;   ///< In front of what is wrong with handle or arguments.
+    char const* m_FailurePrefix;  ///< In front of what the call itself reports.
+};
+
+/// The texts of `native`.
+[[nodiscard]] KvxNativeTexts const& kvxTextsOf(KvxNative native) noexcept;
+
+// What stands behind the first prefix. Do not change.
+constexpr char kKvxNoField[] = "member m_Handle not found";
+constexpr char kKvxInvalidHandle[] = "Invalid Handle";
+constexpr char kKvxHandleNotZero[] = "m_Handle != 0";
+constexpr char kKvxNullNameOrValue[] = "Value or Name of the Attribute is NULL";
+constexpr char kKvxNullFileNameOrValue[] = "Value or File, Name or newVal is NULL";
+constexpr char kKvxInUse[] = "object is in use by another thread";
+
+#endif

@@ -1,0 +1,56 @@
+package kelvane.tallowin;
+
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.util.ArrayList;
+import java.util.List;
+
+/** What the build hands to the tests, as system properties. */
+final class Given {
+    private Given() {
+    }
+
+    /** The native library, as a file of its own. */
+    static Path library() {
+        return existing("kvx.test.library");
+    }
+
+    /** The finished jar. */
+    static Path jar() {
+        return existing("kvx.test.jar");
+    }
+
+    /** The directory of the compiled test classes. */
+    static Path testClasses() {
+        return existing("kvx.test.classes");
+    }
+
+    /** The payment service's program. */
+    static Path sandbox() {
+        return existing("kvx.test.sandbox");
+    }
+
+    /** The homes of all virtual machines at hand, this one first. */
+    static List<Path> javaHomes() {
+        List<Path> homes = new ArrayList<>();
+        homes.add(Path.of(System.getProperty("java.home")));
+        for (String home : System.getProperty("kvx.test.jdks", "").split(":")) {
+            if (!home.isEmpty()) {
+                homes.add(Path.of(home));
+            }
+        }
+        return homes;
+    }
+
+    private static Path existing(String property) {
+        String value = System.getProperty(property);
+        if (value == null) {
+            throw new AssertionError("the system property " + property + " is not set");
+        }
+        Path path = Path.of(value);
+        if (!Files.exists(path)) {
+            throw new AssertionError(property + " names nothing that exists: " + path);
+        }
+        return path;
+    }
+}

@@ -1,0 +1,122 @@
+package kelvane.tallowin;
+
+import java.io.File;
+import java.net.URL;
+import java.net.URLClassLoader;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.util.ArrayList;
+import java.util.Arrays;
+import java.util.List;
+import java.util.concurrent.ExecutorService;
+import java.util.concurrent.Executors;
+import java.util.concurrent.Future;
+import java.util.stream.Stream;
+
+/** The program of a virtual machine that {@link LoaderJvm} starts: loads the library in the way its argument names. */
+public final class LoaderProbe {
+    private LoaderProbe() {}
+
+    /** Does what {@code arguments[0]} names and prints what came of it. */
+    public static void main(String[] arguments) throws Exception {
+        switch (arguments[0]) {
+            case "load":
+                System.out.println(outcome());
+                printSurroundings();
+                break;
+            case "outcome":
+                System.out.println(outcome());
+                break;
+            case "twice":
+                String first = outcome();
+                System.setProperty(NativeLibrary.PROPERTY, "a second search would fail here in another way");
+                System.out.println(first.equals(outcome()) ? "twice the same: " + first : "another message");
+                break;
+            case "interrupted":
+                Thread.currentThread().interrupt();
+                System.out.println(outcome() + ", interrupted: " + Thread.interrupted());
+                break;
+            case "loaders":
+                loadInFurtherClassLoaders(Integer.parseInt(arguments[1]));
+                printSurroundings();
+                break;
+            case "hold":
+                hold();
+                break;
+            case "churn":
+                churn(Integer.parseInt(arguments[1]));
+                break;
+            default:
+                throw new IllegalArgumentException(arguments[0]);
+        }
+    }
+
+    /** Loads, in the class loader of this class. */
+    public static String outcome() {
+        try {
+            NativeLibrary.load();
+            return "loaded";
+        } catch (UnsatisfiedLinkError | SecurityException failure) {
+            return failure.getClass().getSimpleName() + ": " + failure.getMessage();
+        }
+    }
+
+    /** Which files of the library are mapped, and what is left in the temporary directory. */
+    private static void printSurroundings() throws Exception {
+        try (Stream<String> mappings = Files.lines(Path.of("/proc/self/maps"))) {
+            mappings.filter(line -> line.contains(NativeLibrary.FILE)).map(line -> line.substring(line.indexOf('/')))
+                    .distinct().forEach(file -> System.out.println("mapped: " + file));
+        }
+        try (Stream<Path> files = Files.list(Path.of(System.getProperty("java.io.tmpdir")))) {
+            files.forEach(file -> System.out.println("left: " + file.getFileName()));
+        }
+    }
+
+    /** All class loaders at once, each asked by two threads. */
+    private static void loadInFurtherClassLoaders(int count) throws Exception {
+        List<URL> path = new ArrayList<>();
+        for (String element : System.getProperty("java.class.path").split(File.pathSeparator)) {
+            path.add(new File(element).toURI().toURL());
+        }
+        ExecutorService threads = Executors.newFixedThreadPool(2 * count);
+        List<Future<?>> outcomes = new ArrayList<>();
+        for (int i = 0; i < count; i++) {
+            URLClassLoader loader =
+                    new URLClassLoader(path.toArray(new URL[0]), ClassLoader.getPlatformClassLoader());
+            Class<?> probe = loader.loadClass(LoaderProbe.class.getName());
+            for (int thread = 0; thread < 2; thread++) {
+                outcomes.add(threads.submit(() -> probe.getMethod("outcome").invoke(null)));
+            }
+        }
+        for (Future<?> outcome : outcomes) {
+            System.out.println("loader: " + outcome.get());
+        }
+        threads.shutdown();
+    }
+
+    /** Stays between extraction and loading until standard input ends. */
+    private static void hold() throws Exception {
+        synchronized (NativeCopy.JVM_WIDE) {
+            try (NativeCopy copy = NativeCopy.extract()) {
+                System.out.println("holding: " + copy.library());
+                System.in.read();
+            }
+        }
+    }
+
+    /** Extracts again and again. Each copy must be whole until it is closed. */
+    private static void churn(int count) throws Exception {
+        byte[] expected = NativeCopy.class.getResourceAsStream(NativeCopy.resource()).readAllBytes();
+        for (int i = 0; i < count; i++) {
+            synchronized (NativeCopy.JVM_WIDE) {
+                try (NativeCopy copy = NativeCopy.extract()) {
+                    byte[] found = Files.readAllBytes(copy.library().toPath());
+                    if (!Arrays.equals(found, expected)) {
+                        throw new IllegalStateException("the copy is damaged");
+                    }
+                }
+            }
+        }
+        System.out.println("churned");
+    }
+}

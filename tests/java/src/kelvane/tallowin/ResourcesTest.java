@@ -1,0 +1,234 @@
+package kelvane.tallowin;
+
+import static org.junit.Assert.assertArrayEquals;
+import static org.junit.Assert.assertEquals;
+import static org.junit.Assert.assertFalse;
+import static org.junit.Assert.assertTrue;
+
+import java.io.DataInputStream;
+import java.io.IOException;
+import java.io.InputStream;
+import java.lang.module.ModuleDescriptor;
+import java.lang.reflect.Modifier;
+import java.nio.charset.StandardCharsets;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.security.MessageDigest;
+import java.util.Arrays;
+import java.util.List;
+import java.util.Set;
+import java.util.TreeSet;
+import java.util.concurrent.TimeUnit;
+import java.util.jar.JarFile;
+import java.util.regex.Matcher;
+import java.util.regex.Pattern;
+import java.util.stream.Collectors;
+import org.junit.After;
+import org.junit.Before;
+import org.junit.Rule;
+import org.junit.Test;
+import org.junit.rules.TemporaryFolder;
+import org.junit.rules.Timeout;
+
+/** What is in the jar, and its use as a named module. */
+public class ResourcesTest {
+    private static final int LIMIT_SECONDS = 60;
+    private static final String NATIVE_IMAGE = "META-INF/native-image/kelvane.tallowin/tallowin/";
+
+    /** Java 11. */
+    private static final int CLASS_FILE_VERSION = 55;
+
+    @Rule
+    public final TemporaryFolder folder = new TemporaryFolder();
+
+    @Rule
+    public final Timeout timeout = new Timeout(4 * LIMIT_SECONDS, TimeUnit.SECONDS);
+
+    private JarFile jar;
+
+    @Before
+    public void open() throws IOException {
+        jar = new JarFile(Given.jar().toFile());
+    }
+
+    @After
+    public void close() throws IOException {
+        jar.close();
+    }
+
+    private Set<String> entries() {
+        return jar.stream().map(entry -> entry.getName()).collect(Collectors.toCollection(TreeSet::new));
+    }
+
+    private byte[] bytesOf(String entry) throws IOException {
+        assertTrue("the jar lacks " + entry, jar.getEntry(entry) != null);
+        try (InputStream input = jar.getInputStream(jar.getEntry(entry))) {
+            return input.readAllBytes();
+        }
+    }
+
+    private String textOf(String entry) throws IOException {
+        return new String(bytesOf(entry), StandardCharsets.UTF_8);
+    }
+
+    @Test
+    public void theModuleExportsThePackageAlone() throws IOException {
+        try (InputStream input = jar.getInputStream(jar.getEntry("module-info.class"))) {
+            ModuleDescriptor module = ModuleDescriptor.read(input);
+            assertEquals("kelvane.tallowin", module.name());
+            assertEquals("[kelvane.tallowin]", module.exports().toString());
+            assertEquals("[java.base]", module.requires().stream().map(ModuleDescriptor.Requires::name)
+                         .collect(Collectors.toList()).toString());
+            assertTrue(module.opens().isEmpty());
+        }
+    }
+
+    @Test
+    public void everyClassRunsOnJavaEleven() throws IOException {
+        int classes = 0;
+        for (String entry : entries()) {
+            if (entry.endsWith(".class")) {
+                ++classes;
+                try (DataInputStream input = new DataInputStream(jar.getInputStream(jar.getEntry(entry)))) {
+                    assertEquals(entry, 0xCAFEBABE, input.readInt());
+                    assertEquals(entry, 0, input.readUnsignedShort());
+                    assertEquals(entry, CLASS_FILE_VERSION, input.readUnsignedShort());
+                }
+            }
+        }
+        assertTrue(classes >= 6);
+    }
+
+    @Test
+    public void nothingButThePackageIsPublic() throws ReflectiveOperationException {
+        Set<String> visible = new TreeSet<>();
+        for (String entry : entries()) {
+            if (entry.startsWith("kelvane/tallowin/") && entry.endsWith(".class")) {
+                String name = entry.substring(0, entry.length() - ".class".length()).replace('/', '.');
+                if (Modifier.isPublic(Class.forName(name, false, getClass().getClassLoader()).getModifiers())) {
+                    visible.add(name.substring(name.lastIndexOf('.') + 1));
+                }
+            }
+        }
+        assertEquals("[ConfigurationSetup, KVXException, MessageFactory, MessageObject]", visible.toString());
+    }
+
+    @Test
+    public void theNativeLibraryIsThereWithItsDigest() throws Exception {
+        List<String> libraries = entries().stream().filter(name -> name.endsWith(".so")).collect(Collectors.toList());
+        assertFalse(libraries.isEmpty());
+        for (String library : libraries) {
+            assertTrue(library, library.matches("kelvane/tallowin/lib/linux-[a-z0-9_]+/libtallowin\\.so"));
+            byte[] content = bytesOf(library);
+            assertArrayEquals(new byte[] {0x7F, 'E', 'L', 'F'}, Arrays.copyOf(content, 4));
+            StringBuilder digest = new StringBuilder();
+            for (byte b : MessageDigest.getInstance("SHA-256").digest(content)) {
+                digest.append(String.format("%02x", b));
+            }
+            assertEquals(library, digest + "\n", textOf(library + ".sha256"));
+        }
+    }
+
+    @Test
+    public void theManifestNamesTheVersion() throws IOException {
+        var attributes = jar.getManifest().getMainAttributes();
+        assertEquals("Tallowin", attributes.getValue("Implementation-Title"));
+        assertTrue(attributes.getValue("Implementation-Version").matches("[0-9]+\\.[0-9]+\\.[0-9]+"));
+    }
+
+    /** What native code looks up by name: class, then member with the types of its parameters. */
+    private static final Set<String> LOOKED_UP = Set.of(
+        "kelvane.tallowin.ConfigurationSetup m_Handle",
+        "kelvane.tallowin.MessageFactory m_Handle",
+        "kelvane.tallowin.MessageObject m_Handle",
+        "kelvane.tallowin.KVXException <init>()",
+        "kelvane.tallowin.KVXException putHR(int)",
+        "kelvane.tallowin.KVXException putErrorMessage(java.lang.String)");
+
+    /** The members that the configuration names, as lists of fields or methods inside a list of classes. */
+    private static Set<String> membersIn(String json) {
+        Set<String> members = new TreeSet<>();
+        String className = "";
+        boolean hasParameters = false;
+        Matcher matcher = Pattern.compile("'name':'([^']*)'(?:,'(fields|methods)'|,'parameterTypes':\\[([^\\]]*)])?")
+                .matcher(json.replaceAll("\\s", "").replace('"', '\''));
+        while (matcher.find()) {
+            if (matcher.group(2) != null) {
+                className = matcher.group(1);
+                hasParameters = matcher.group(2).equals("methods");
+            } else {
+                String parameters = hasParameters ? "(" + matcher.group(3).replace("'", "") + ")" : "";
+                members.add(className + " " + matcher.group(1) + parameters);
+            }
+        }
+        return members;
+    }
+
+    @Test
+    public void nativeImagesKeepExactlyWhatNativeCodeLooksUp() throws Exception {
+        String json = textOf(NATIVE_IMAGE + "jni-config.json");
+        assertEquals(new TreeSet<>(LOOKED_UP), membersIn(json));
+        // Nothing else has a name but the four classes.
+        assertEquals(json, LOOKED_UP.size() + 4, json.split("\"name\"", -1).length - 1);
+        for (String className : NativeMethod.classNames()) {
+            assertEquals(int.class, Variant.classIn(getClass().getClassLoader(), className)
+                         .getDeclaredField("m_Handle").getType());
+        }
+        KVXException.class.getConstructor();
+        assertEquals(void.class, KVXException.class.getMethod("putHR", int.class).getReturnType());
+        assertEquals(void.class, KVXException.class.getMethod("putErrorMessage", String.class).getReturnType());
+    }
+
+    @Test
+    public void nativeImagesKeepTheNativeLibrary() throws IOException {
+        Matcher matcher = Pattern.compile("\"pattern\":\\s*\"([^\"]*)\"").matcher(
+            textOf(NATIVE_IMAGE + "resource-config.json"));
+        assertTrue(matcher.find());
+        Pattern pattern = Pattern.compile(matcher.group(1));
+        Set<String> kept = entries().stream().filter(name -> pattern.matcher(name).matches() && !name.endsWith("/"))
+                .collect(Collectors.toCollection(TreeSet::new));
+        Set<String> wanted = entries().stream().filter(name -> name.contains("libtallowin.so"))
+                .collect(Collectors.toCollection(TreeSet::new));
+        assertEquals(wanted, kept);
+    }
+
+    private static final String SHOP_MODULE = "module shop { requires kelvane.tallowin; }\n";
+
+    private static final String SHOP_PROGRAM =
+        "package shop;\n"
+        + "import kelvane.tallowin.KVXException;\n"
+        + "import kelvane.tallowin.MessageObject;\n"
+        + "public class Shop {\n"
+        + "    public static void main(String[] arguments) throws KVXException {\n"
+        + "        try (MessageObject message = new MessageObject()) {\n"
+        + "            message.FromString(\"<KVX AMOUNT=\\\"12.50\\\"/>\");\n"
+        + "            System.out.print(MessageObject.class.getModule() + \" \");\n"
+        + "            System.out.println(message.GetAttribute(\"AMOUNT\"));\n"
+        + "            message.GetAttribute(\"none\");\n"
+        + "        } catch (KVXException failure) {\n"
+        + "            System.out.println(failure.getMessage());\n"
+        + "        }\n"
+        + "    }\n"
+        + "}\n";
+
+    @Test
+    public void aProgramUsesTheJarAsANamedModule() throws Exception {
+        Path sources = Files.createDirectories(folder.newFolder().toPath().resolve("shop"));
+        Path classes = folder.newFolder().toPath();
+        List<Path> files = List.of(Files.writeString(sources.resolveSibling("module-info.java"), SHOP_MODULE),
+                                   Files.writeString(sources.resolve("Shop.java"), SHOP_PROGRAM));
+        Variant.compile(classes, files, "-p", Given.jar().toString());
+        for (Path home : Given.javaHomes()) {
+            ForkedJvm.Ending ending = new ForkedJvm(home, folder.newFolder().toPath())
+                    .options("-Xcheck:jni", "-p", Given.jar() + ":" + classes)
+                    .run(LIMIT_SECONDS, "-m", "shop/shop.Shop");
+            String told = home + ": " + ending;
+            assertEquals(told, 0, ending.exitCode);
+            assertTrue(told, ending.output.contains("module kelvane.tallowin 12.50\n"));
+            assertTrue(told, ending.output.contains("MessageFactory::GetAttribute(): requested item was not found "
+                                                    + "(0x8004020D)\n"));
+            assertFalse(told, ending.output.contains("in native method"));
+            System.out.println("used as a module by " + home.getFileName());
+        }
+    }
+}

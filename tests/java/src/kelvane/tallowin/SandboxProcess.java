@@ -1,0 +1,166 @@
+package kelvane.tallowin;
+
+import java.io.BufferedReader;
+import java.io.IOException;
+import java.io.InputStream;
+import java.io.InputStreamReader;
+import java.io.OutputStream;
+import java.net.HttpURLConnection;
+import java.net.URI;
+import java.nio.charset.StandardCharsets;
+import java.nio.file.Path;
+import java.util.concurrent.CompletableFuture;
+import java.util.concurrent.TimeUnit;
+import java.util.regex.Matcher;
+import java.util.regex.Pattern;
+import org.junit.rules.ExternalResource;
+import org.junit.rules.TemporaryFolder;
+
+/** The payment service in a process of its own, and the shopper who visits it. */
+final class SandboxProcess extends ExternalResource {
+    static final String USER = "demo";
+    static final String PASSWORD = "demo";
+
+    private static final int LIMIT_SECONDS = 60;
+
+    /** What came back with the shopper. */
+    static final class Returned {
+        /** The address without DATA and SIGNATURE. */
+        final String link;
+
+        /** Percent-encoded still. */
+        final String data;
+
+        final String signature;
+
+        Returned(String link, String data, String signature) {
+            this.link = link;
+            this.data = data;
+            this.signature = signature;
+        }
+    }
+
+    private final TemporaryFolder folder = new TemporaryFolder();
+    private Process process;
+    private String autoUrl;
+    private String serverKeyId;
+
+    /** The set-up address. */
+    String autoUrl() {
+        return autoUrl;
+    }
+
+    String serverKeyId() {
+        return serverKeyId;
+    }
+
+    @Override
+    protected void before() throws Throwable {
+        folder.create();
+        Path data = folder.newFolder().toPath();
+        try {
+            start(data);
+        } catch (Exception | AssertionError failure) {
+            after();
+            throw failure;
+        }
+    }
+
+    private void start(Path data) throws Exception {
+        ProcessBuilder builder = new ProcessBuilder(Given.sandbox().toString(), "--data", data.toString(), "--port",
+                                                    "0", "--account", USER + ":" + PASSWORD, "--json");
+        process = builder.redirectError(ProcessBuilder.Redirect.INHERIT).start();
+        BufferedReader output = new BufferedReader(new InputStreamReader(process.getInputStream(),
+                                                                         StandardCharsets.UTF_8));
+        String line = CompletableFuture.supplyAsync(() -> readLine(output)).get(LIMIT_SECONDS, TimeUnit.SECONDS);
+        autoUrl = value(line, "\"auto\":\"([^\"]*)\"");
+        serverKeyId = value(line, "\"serverKeyId\":\"([^\"]*)\"");
+    }
+
+    @Override
+    protected void after() {
+        try {
+            stop();
+        } finally {
+            folder.delete();
+        }
+    }
+
+    /** Ends the service; a second call does nothing. */
+    void stop() {
+        if (process == null) {
+            return;
+        }
+        process.destroy();
+        try {
+            if (!process.waitFor(LIMIT_SECONDS, TimeUnit.SECONDS)) {
+                throw new AssertionError("the sandbox does not end");
+            }
+        } catch (InterruptedException interrupted) {
+            Thread.currentThread().interrupt();
+        } finally {
+            process.destroyForcibly();
+        }
+    }
+
+    /** Opens the payment page at {@code url} and answers with {@code decision}: pay, decline or cancel. */
+    Returned visit(String url, String decision) throws IOException {
+        HttpURLConnection page = connect(url);
+        String html = page.getResponseCode() == 200 ? read(page) : "";
+        if (html.isEmpty()) {
+            throw new AssertionError("no payment page: " + page.getResponseCode());
+        }
+        String form = "payment=" + field(html, "payment") + "&key=" + field(html, "key") + "&decision=" + decision;
+        HttpURLConnection answer = connect(URI.create(url).resolve("/pay/decision").toString());
+        answer.setDoOutput(true);
+        try (OutputStream body = answer.getOutputStream()) {
+            body.write(form.getBytes(StandardCharsets.US_ASCII));
+        }
+        if (answer.getResponseCode() != HttpURLConnection.HTTP_MOVED_TEMP) {
+            throw new AssertionError("no way back to the shop: " + answer.getResponseCode());
+        }
+        String location = answer.getHeaderField("Location");
+        return new Returned(value(location, "^(.*?)[?&]DATA="), parameter(location, "DATA"),
+                            parameter(location, "SIGNATURE"));
+    }
+
+    /** A parameter of a URL, percent-encoded still. */
+    static String parameter(String url, String name) {
+        return value(url, "[?&]" + name + "=([^&#]*)");
+    }
+
+    private static HttpURLConnection connect(String url) throws IOException {
+        HttpURLConnection connection = (HttpURLConnection) URI.create(url).toURL().openConnection();
+        connection.setInstanceFollowRedirects(false);
+        connection.setConnectTimeout((int) TimeUnit.SECONDS.toMillis(LIMIT_SECONDS));
+        connection.setReadTimeout((int) TimeUnit.SECONDS.toMillis(LIMIT_SECONDS));
+        return connection;
+    }
+
+    private static String read(HttpURLConnection connection) throws IOException {
+        try (InputStream input = connection.getInputStream()) {
+            return new String(input.readAllBytes(), StandardCharsets.UTF_8);
+        }
+    }
+
+    private static String field(String html, String name) {
+        return value(html, "name=\"" + name + "\" value=\"([^\"]*)\"");
+    }
+
+    private static String value(String text, String pattern) {
+        Matcher matcher = Pattern.compile(pattern).matcher(text);
+        if (!matcher.find()) {
+            throw new AssertionError("no " + pattern + " in: " + text);
+        }
+        return matcher.group(1);
+    }
+
+    private static String readLine(BufferedReader output) {
+        try {
+            String line = output.readLine();
+            return line == null ? "nothing" : line;
+        } catch (IOException failure) {
+            throw new AssertionError(failure);
+        }
+    }
+}

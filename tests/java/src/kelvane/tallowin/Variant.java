@@ -1,0 +1,108 @@
+package kelvane.tallowin;
+
+import java.io.IOException;
+import java.net.URL;
+import java.net.URLClassLoader;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.util.ArrayList;
+import java.util.Arrays;
+import java.util.List;
+import javax.tools.JavaCompiler;
+import javax.tools.ToolProvider;
+
+/**
+ * The package's classes once more, in another class loader or virtual machine: with the native methods and a field of
+ * the test's choice, without the rest.
+ */
+final class Variant {
+    /** The field as it is to be. */
+    static final String HANDLE_FIELD = "private int m_Handle;";
+
+    private final Path classes;
+
+    /**
+     * Compiles the classes.
+     *
+     * @param directory       an empty one
+     * @param field           the declaration of the field, or nothing
+     * @param exceptionSource the body of KVXException; null for no such class
+     */
+    Variant(Path directory, String field, String exceptionSource) throws IOException {
+        Path sources = Files.createDirectory(directory.resolve("sources"));
+        classes = Files.createDirectory(directory.resolve("classes"));
+        List<Path> files = new ArrayList<>();
+        for (String className : NativeMethod.classNames()) {
+            files.add(write(sources, className, "public final class " + className + " {\n" + field + "\n"
+                    + "static void load(String path) { System.load(path); }\n" + declarations(className) + "}\n"));
+        }
+        if (exceptionSource != null) {
+            files.add(write(sources, "KVXException", exceptionSource));
+        }
+        compile(classes, files);
+    }
+
+    Path classes() {
+        return classes;
+    }
+
+    /**
+     * A class loader with these classes and a library of its own.
+     *
+     * @param directory where the copy of the library is put: a virtual machine binds a file to one class loader only
+     * @param more      further places of classes
+     */
+    URLClassLoader load(Path directory, Path... more) throws IOException, ReflectiveOperationException {
+        List<URL> places = new ArrayList<>();
+        places.add(classes.toUri().toURL());
+        for (Path place : more) {
+            places.add(place.toUri().toURL());
+        }
+        URLClassLoader loader = new URLClassLoader(places.toArray(new URL[0]), ClassLoader.getPlatformClassLoader());
+        Path library = Files.createTempDirectory(directory, "library").resolve("l.so");
+        loadLibrary(loader, Files.copy(Given.library(), library));
+        return loader;
+    }
+
+    /** Loads {@code library} for the classes of {@code loader}. */
+    static void loadLibrary(ClassLoader loader, Path library) throws ReflectiveOperationException {
+        var load = classIn(loader, "MessageObject").getDeclaredMethod("load", String.class);
+        load.setAccessible(true);
+        load.invoke(null, library.toString());
+    }
+
+    static Class<?> classIn(ClassLoader loader, String className) throws ReflectiveOperationException {
+        return Class.forName("kelvane.tallowin." + className, true, loader);
+    }
+
+    /** Compiles {@code sources} into {@code classes}. */
+    static void compile(Path classes, List<Path> sources, String... options) {
+        JavaCompiler compiler = ToolProvider.getSystemJavaCompiler();
+        if (compiler == null) {
+            throw new AssertionError("this virtual machine has no compiler: a JDK is needed");
+        }
+        List<String> arguments = new ArrayList<>(List.of("--release", "11", "-d", classes.toString()));
+        arguments.addAll(Arrays.asList(options));
+        sources.forEach(source -> arguments.add(source.toString()));
+        if (compiler.run(null, null, null, arguments.toArray(new String[0])) != 0) {
+            throw new AssertionError("not compiled: " + sources);
+        }
+    }
+
+    private static Path write(Path sources, String className, String text) throws IOException {
+        return Files.writeString(sources.resolve(className + ".java"), "package kelvane.tallowin;\n" + text);
+    }
+
+    private static String declarations(String className) {
+        StringBuilder text = new StringBuilder();
+        for (NativeMethod method : NativeMethod.ALL) {
+            if (method.className.equals(className)) {
+                String[] parameters = new String[method.strings];
+                Arrays.setAll(parameters, i -> "String s" + i);
+                text.append("native ").append(method.result.getSimpleName()).append(' ').append(method.name)
+                        .append('(').append(String.join(", ", parameters)).append(");\n");
+            }
+        }
+        return text.toString();
+    }
+}

@@ -1,0 +1,201 @@
+// How failures become exceptions of Java's.
+
+#include <exception>
+#include <new>
+#include <stdexcept>
+
+#include "foundation/tbexception.h"
+#include "jni/kvxjni.h"
+#include "tests/jni/fakejvm.h"
+#include "tests/jni/nativerows.h"
+#include "tests/support/test_support.h"
+
+using namespace kvxtest;
+
+namespace {
+
+KvxOutcome outcomeOf(std::function<void()> const& call) {
+    KvxOutcome outcome;
+    kvxAttempt(outcome, call);
+    return outcome;
+}
+
+/// What stands behind the prefix in an exception made of `outcome`.
+std::string reasonOf(KvxOutcome const& outcome) {
+    FakeJvm jvm;
+    EXPECT_FALSE(kvxReport(jvm.env(), KvxNative::kMessageOpen, outcome));
+    std::string const prefix = "MessageFactory::Open(): ";
+    EXPECT_EQ(jvm.pendingText().substr(0, prefix.size()), prefix);
+    EXPECT_EQ(jvm.pendingCode(), outcome.m_Code);
+    return jvm.pendingText().substr(prefix.size());
+}
+
+}  // namespace
+
+TEST(Raise, ThrowsCodeAndText) {
+    for (std::int32_t const code : {KVX_E_UNEXPECTED, KVX_E_NOT_FOUND, 0, 2, -1, INT32_MIN, INT32_MAX}) {
+        FakeJvm jvm;
+        kvxRaise(jvm.env(), code, "prefix: ", "message");
+        expectRaised(jvm, {}, code, "prefix: message");
+    }
+}
+
+TEST(Raise, ReplacesAnExceptionThatIsPending) {
+    FakeJvm jvm;
+    jvm.makePending("java/lang/NoSuchFieldError");
+    kvxRaise(jvm.env(), KVX_E_NOT_FOUND, "prefix: ", "");
+    expectRaised(jvm, {}, KVX_E_NOT_FOUND, "prefix: ");
+}
+
+TEST(Raise, TakesAnyEncodingAndLength) {
+    std::string const many(100000, '\xe9');
+    std::string expected = "p: ";
+    for (std::size_t i = 0; i < many.size(); ++i) {
+        expected += "\xc3\xa9";
+    }
+    FakeJvm jvm;
+    kvxRaise(jvm.env(), KVX_E_NOT_FOUND, "p: ", many.c_str());
+    expectRaised(jvm, {}, KVX_E_NOT_FOUND, expected);
+}
+
+TEST(Raise, SaysWhatItCanWithoutMemory) {
+    FakeJvm jvm;
+    {
+        FailingAllocation const failing(0, FailingAllocation::Mode::kAllFromThere);
+        kvxRaise(jvm.env(), KVX_E_NOT_FOUND, "prefix: ", "message");
+        EXPECT_GT(FailingAllocation::asked(), 0);
+    }
+    expectRaised(jvm, {}, KVX_E_NOT_FOUND, "prefix: ");
+}
+
+TEST(Raise, EndsTheVirtualMachineWithoutTheClassOrAMethod) {
+    FakeJvm without;
+    without.removeExceptionClass();
+    without.makePending("java/lang/NoSuchFieldError");
+    kvxRaise(without.env(), KVX_E_NOT_FOUND, "", "");
+    EXPECT_EQ(without.fatalErrors(), std::vector<std::string>{"Class kelvane/tallowin/KVXException not found"});
+    for (char const* const method : {"<init>", "putHR", "putErrorMessage"}) {
+        FakeJvm lacking;
+        lacking.removeExceptionMethod(method);
+        kvxRaise(lacking.env(), KVX_E_NOT_FOUND, "", "");
+        EXPECT_EQ(lacking.fatalErrors(), std::vector<std::string>{"Incompatible class kelvane/tallowin/KVXException"});
+    }
+}
+
+TEST(Raise, IsWhatRefusingDoesWithTheHandlesPrefix) {
+    for (NativeRow const& row : nativeRows()) {
+        FakeJvm jvm;
+        EXPECT_FALSE(kvxRefuse(jvm.env(), row.m_Native, "reason"));
+        expectRaised(jvm, {}, KVX_E_UNEXPECTED, std::string(row.m_HandlePrefix) + "reason");
+    }
+}
+
+TEST(Attempt, SucceedsWhenNothingIsThrown) {
+    KvxOutcome const outcome = outcomeOf([] {});
+    EXPECT_TRUE(outcome.m_Succeeded);
+    FakeJvm jvm;
+    EXPECT_TRUE(kvxReport(jvm.env(), KvxNative::kMessageOpen, outcome));
+    expectFine(jvm);
+}
+
+TEST(Attempt, KeepsTheCodeAndTextOfTheCoresException) {
+    KvxOutcome const outcome = outcomeOf([] { throw KVX_Exception(KVX_E_NOT_FOUND, "detail", "kvxctx", 1); });
+    EXPECT_FALSE(outcome.m_Succeeded);
+    EXPECT_EQ(outcome.m_Code, KVX_E_NOT_FOUND);
+    EXPECT_EQ(reasonOf(outcome), "requested item was not found (detail)");
+}
+
+TEST(Attempt, KeepsTheCoresCodeWithoutMemoryForItsText) {
+    auto const thrown = std::make_exception_ptr(KVX_Exception(KVX_E_NOT_FOUND, "detail", "kvxctx", 1));
+    KvxOutcome outcome;
+    {
+        FailingAllocation const failing(0, FailingAllocation::Mode::kAllFromThere);
+        kvxAttempt(outcome, [&] { std::rethrow_exception(thrown); });
+        EXPECT_GT(FailingAllocation::asked(), 0);
+    }
+    EXPECT_FALSE(outcome.m_Succeeded);
+    EXPECT_EQ(outcome.m_Code, KVX_E_NOT_FOUND);
+    EXPECT_EQ(reasonOf(outcome), "out of memory");
+}
+
+TEST(Attempt, GivesEveryOtherExceptionACode) {
+    struct Row {
+        std::function<void()> call;
+        std::int32_t code;
+        char const* reason;
+    };
+    for (Row const& row : {
+             Row{[] { throw TBFC_Exception(KVX_E_OUT_OF_MEMORY); }, KVX_E_OUT_OF_MEMORY, "out of memory"},
+             Row{[] { throw TBFC_Exception(KVX_E_OUT_OF_RANGE); }, KVX_E_OUT_OF_RANGE, "unexpected error"},
+             Row{[] { throw TBFC_Exception(KVX_E_DUPLICATE_KEY); }, KVX_E_DUPLICATE_KEY, "unexpected error"},
+             Row{[] { throw std::bad_alloc(); }, KVX_E_OUT_OF_MEMORY, "out of memory"},
+             Row{[] { throw std::bad_array_new_length(); }, KVX_E_OUT_OF_MEMORY, "out of memory"},
+             Row{[] { throw std::length_error("x"); }, KVX_E_UNEXPECTED, "unexpected error"},
+             Row{[] { throw 7; }, KVX_E_UNEXPECTED, "unexpected error"},
+         }) {
+        KvxOutcome const outcome = outcomeOf(row.call);
+        EXPECT_FALSE(outcome.m_Succeeded);
+        EXPECT_FALSE(outcome.m_Pending);
+        EXPECT_EQ(outcome.m_Code, row.code);
+        EXPECT_EQ(reasonOf(outcome), row.reason);
+    }
+}
+
+TEST(Report, LeavesAnExceptionOfJavasOwnAlone) {
+    KvxOutcome const outcome = outcomeOf([] { throw KvxPendingException{}; });
+    EXPECT_TRUE(outcome.m_Pending);
+    FakeJvm jvm;
+    jvm.makePending("java/lang/OutOfMemoryError");
+    EXPECT_FALSE(kvxReport(jvm.env(), KvxNative::kMessageOpen, outcome));
+    EXPECT_EQ(jvm.pendingClass(), "java/lang/OutOfMemoryError");
+}
+
+TEST(Report, RaisesOneWhenJavaDidNot) {
+    FakeJvm jvm;
+    EXPECT_FALSE(kvxReport(jvm.env(), KvxNative::kMessageOpen, outcomeOf([] { throw KvxPendingException{}; })));
+    expectRaised(jvm, {}, KVX_E_OUT_OF_MEMORY, "MessageFactory::Open(): out of memory");
+}
+
+TEST(JavaText, IsReadByteForByte) {
+    FakeJvm jvm;
+    for (std::string const text : {"", "a", "caf\xc3\xa9", "\xc0\x80", "\xed\xa0\xbd\xed\xb8\x80"}) {
+        EXPECT_EQ(bytesOf(kvxTextOf(jvm.env(), jvm.newString(text))), text);
+    }
+    EXPECT_EQ(bytesOf(kvxTextOf(jvm.env(), nullptr)), "");
+}
+
+TEST(JavaText, GivesItsCharactersBackWithoutMemoryForThem) {
+    FakeJvm jvm;
+    jstring const text = jvm.newString("text");
+    FailingAllocation const failing(0, FailingAllocation::Mode::kAllFromThere);
+    EXPECT_EQ(thrownCode([&] { (void)kvxTextOf(jvm.env(), text); }), KVX_E_OUT_OF_MEMORY);
+}
+
+TEST(JavaText, IsMadeOfAnyText) {
+    FakeJvm jvm;
+    jstring const made = kvxNewString(jvm.env(), KvxNative::kMessageToString, TbString("caf\xe9"));
+    ASSERT_NE(made, nullptr);
+    EXPECT_EQ(jvm.textOf(made), "caf\xc3\xa9");
+    jstring const empty = kvxNewString(jvm.env(), KvxNative::kMessageToString, TbString());
+    ASSERT_NE(empty, nullptr);
+    EXPECT_EQ(jvm.textOf(empty), "");
+    expectFine(jvm);
+}
+
+TEST(JavaText, IsNotMadeWithoutMemory) {
+    FakeJvm jvm;
+    TbString const text("text");
+    FailingAllocation const failing(0, FailingAllocation::Mode::kAllFromThere);
+    EXPECT_EQ(kvxNewString(jvm.env(), KvxNative::kMessageToString, text), nullptr);
+    EXPECT_EQ(jvm.pendingClass(), kExceptionClass);
+    EXPECT_EQ(jvm.pendingCode(), KVX_E_OUT_OF_MEMORY);
+}
+
+TEST(HandleNumber, IsTheAddressInThirtyTwoBits) {
+    auto const numberOf = [](std::uintptr_t address) { return kvxHandleOf(reinterpret_cast<KVX_HANDLE>(address)); };
+    EXPECT_EQ(numberOf(0), 0);
+    EXPECT_EQ(numberOf(0x01234560), 0x01234560);
+    EXPECT_EQ(numberOf(0x7FFFFE00), 0x7FFFFE00);
+    EXPECT_EQ(numberOf(0x80000000), INT32_MIN);
+    EXPECT_EQ(numberOf(0xFFFFFE00), -512);
+}

@@ -1,0 +1,64 @@
+#include "tests/jni/worker.h"
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+
+#include "tests/support/raw_server.h"
+
+namespace kvxtest {
+
+namespace {
+
+constexpr std::chrono::seconds kPatience(kPatienceSeconds);
+
+}  // namespace
+
+Worker::Worker(std::function<void()> const& work)
+    : m_Id(m_Started.get_future()), m_End(m_Done.get_future()), m_Thread([this, work] {
+          m_Started.set_value(static_cast<pid_t>(::syscall(SYS_gettid)));
+          work();
+          m_Done.set_value();
+      }) {}
+
+Worker::~Worker() {
+    if (!finishes()) {
+        std::fputs("a thread of the test does not end\n", stderr);
+        std::abort();
+    }
+    m_Thread.join();
+}
+
+bool Worker::waits() {
+    auto const end = std::chrono::steady_clock::now() + kPatience;
+    while (std::chrono::steady_clock::now() < end &&
+           m_End.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
+        if (isAsleep()) {
+            return true;
+        }
+        std::this_thread::yield();
+    }
+    return false;
+}
+
+bool Worker::finishes() const {
+    return m_End.wait_for(kPatience) == std::future_status::ready;
+}
+
+bool Worker::isAsleep() const {
+    if (m_Id.wait_for(kPatience) != std::future_status::ready) {
+        return false;
+    }
+    std::ifstream file("/proc/self/task/" + std::to_string(m_Id.get()) + "/stat");
+    std::string stat;
+    std::getline(file, stat);
+    std::size_t const name = stat.rfind(") ");  // the name before it may hold anything
+    return name != std::string::npos && stat[name + 2] == 'S';
+}
+
+}  // namespace kvxtest
