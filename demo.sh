@@ -5,12 +5,14 @@ set -euo pipefail
 
 usage() {
   cat <<'TEXT'
-Usage: ./demo.sh [--keep]
+Usage: ./demo.sh [--java] [--keep]
 
 Shows payments from end to end on this machine: an account is set up, a payment URL made, a shopper pays, the shop
 verifies, captures and completes the payment, and refuses what is forged. Everything runs on 127.0.0.1 and goes through
 libtallowin.so. The first run installs missing Debian packages (as root or with sudo) and builds into build/demo.
 
+  --java   a shop written in Java instead: prints its address, to be opened in a browser, and serves until you press
+           Ctrl-C; a JDK is installed when there is none
   --keep   leave the directory with the merchant's files and the payment service's data, and say where it is
   --help   this text
 
@@ -19,8 +21,10 @@ TEXT
 }
 
 keep=no
+java=no
 for argument in "$@"; do
   case "$argument" in
+    --java) java=yes ;;
     --keep) keep=yes ;;
     --help | -h) usage; exit 0 ;;
     *) printf 'demo.sh: unknown option %s\n\n' "$argument" >&2; usage >&2; exit 2 ;;
@@ -114,19 +118,25 @@ trap 'exit 129' HUP
 trap 'exit 130' INT
 trap 'exit 143' TERM
 
+# build_all TARGET...
 build_all() {
   (
     # One build at a time, also when somebody runs this script twice.
     flock 9 &&
       cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKVX_BUILD_TESTS=OFF -DKVX_BUILD_BENCH=OFF &&
-      exec cmake --build "$build" --target tallowin-demo tallowin-sandbox
+      exec cmake --build "$build" --target tallowin-sandbox "$@"
   ) 9>"$build.lock" >"$build_log" 2>&1
 }
 
-"$root/scripts/setup" || fail "the packages that the demonstration needs are not all there"
+if [ "$java" = yes ]; then
+  packages=(--java) target=tallowin_jar
+else
+  packages=() target=tallowin-demo
+fi
+"$root/scripts/setup" "${packages[@]}" || fail "the packages that the demonstration needs are not all there"
 mkdir -p -- "$root/build"
 note "Building (details in ${build_log#"$PWD"/})"
-run build_all || fail_with_log "$build_log" "the build failed"
+run build_all "$target" || fail_with_log "$build_log" "the build failed"
 
 work=$(mktemp -d -- "${TMPDIR:-/tmp}/tallowin-demo.XXXXXX") || fail "no temporary directory could be made"
 coproc service_process { exec "$build/sandbox/tallowin-sandbox" --data "$work/service" --json 2>"$work/service.log"; }
@@ -140,7 +150,14 @@ setup_address=$(sed -n 's/.*"auto":"\([^"]*\)".*/\1/p' <<<"$ready")
 note "The payment service runs (process $service), set-up at $setup_address"
 printf '\n'
 
+if [ "$java" = yes ]; then
+  # The account that a sandbox is born with.
+  show=(env TALLOWIN_PASSWORD=demo java -cp "$build/java/tallowin.jar" "$root/examples/java/Shop.java"
+        "$work/merchant" "$setup_address" demo)
+else
+  show=("$build/examples/tallowin-demo" "$setup_address" "$work/merchant")
+fi
 status=0
-run "$build/examples/tallowin-demo" "$setup_address" "$work/merchant" || status=$?
+run "${show[@]}" || status=$?
 [ "$status" -eq 0 ] || fail_with_log "$work/service.log" "the demonstration did not end as it should (status $status)"
 stop_service || fail_with_log "$work/service.log" "the payment service did not end as it should"

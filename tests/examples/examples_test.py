@@ -1,4 +1,4 @@
-"""The examples and the demonstration against a running sandbox, and the README against the example that it quotes.
+"""The examples and the demonstration against a running sandbox, and the pages that quote examples against them.
 
 CMakeLists.txt tells in the environment where everything is. Every wait is bounded: a watchdog ends a program that
 takes too long, and what is read from it then ends as well.
@@ -110,6 +110,12 @@ class SandboxCase(unittest.TestCase):
         return re.findall(r"<td>([^<]*)</td></tr>", page)
 
 
+def java_example(name):
+    """How an example in Java is started."""
+    return [os.environ["KVX_JAVA_RUN"], "-Xcheck:jni", "-cp", os.environ["KVX_JAR"],
+            ROOT / "examples" / "java" / (name + ".java")]
+
+
 class PaymentStory:
     """What both whole payments, in C and in C++, must do. `program` is the example's path."""
 
@@ -202,9 +208,13 @@ class PaymentInCpp(PaymentStory, SandboxCase):
     program = os.environ["KVX_PAYMENT_CPP"]
 
 
-class QuickstartInC(SandboxCase):
+class QuickstartStory:
+    """What the quickstarts, in C and in Java, must do. `program` is how one is started."""
+
+    program = []
+
     def start(self):
-        return Program(os.environ["KVX_QUICKSTART_C"], self.merchant, self.service)
+        return Program(*self.program, self.merchant, self.service)
 
     def test_captures_what_was_paid(self):
         example = self.start()
@@ -227,7 +237,83 @@ class QuickstartInC(SandboxCase):
         status, out, errors = example.finish(data.replace("19.90", "9.90"), signature)
         self.assertNotEqual(status, 0)
         self.assertEqual(out, "")
-        self.assertIn("result 0x80040214: invalid signature\n", errors)
+        self.assertIn("0x80040214", errors)
+        self.assertIn("invalid signature", errors)
+
+
+class QuickstartInC(QuickstartStory, SandboxCase):
+    program = [os.environ["KVX_QUICKSTART_C"]]
+
+
+class QuickstartInJava(QuickstartStory, SandboxCase):
+    program = java_example("Quickstart")
+
+
+class ShopInJava(SandboxCase):
+    """The shop behind its own web pages."""
+
+    def setUp(self):
+        super().setUp()
+        self.shop = self.start()
+        self.addCleanup(self.stop_shop)
+        line = self.shop.line()
+        self.assertTrue(line.startswith("The shop is open at http://127.0.0.1:"), line)
+        self.address = line.split(" ")[-1]
+
+    def start(self, password="demo"):
+        return Program(*java_example("Shop"), self.merchant, self.service, "demo",
+                       env={**os.environ, "TALLOWIN_PASSWORD": password})
+
+    def stop_shop(self):
+        _, out, errors = self.shop.stop()
+        self.assertEqual((out, errors), ("", ""))
+
+    def buy(self):
+        """Presses the shop's button. Returns the payment URL."""
+        status, location, page = Browser.ask(self.address + "buy", {})
+        self.assertEqual(status, 303, page)
+        return location
+
+    def test_captures_and_completes_what_was_paid(self):
+        status, _, page = Browser.ask(self.browser.decide(self.buy(), "pay"))
+        self.assertEqual((status, "Order 1 is paid" in page), (200, True), page)
+        self.assertEqual(self.states(), ["completed"])
+        self.assertIn("Order 1: CAPTURED", Browser.ask(self.address)[2])
+
+    def test_tells_what_was_not_paid(self):
+        for decision, wanted in (("decline", "declined"), ("cancel", "without paying")):
+            with self.subTest(decision):
+                status, _, page = Browser.ask(self.browser.decide(self.buy(), decision))
+                self.assertEqual((status, wanted in page), (200, True), page)
+        self.assertNotIn("CAPTURED", Browser.ask(self.address)[2])
+
+    def test_refuses_what_is_forged_or_comes_twice(self):
+        first, second = self.buy(), self.buy()
+        paid = self.browser.decide(first, "pay")
+        cancelled = self.browser.decide(second, "cancel").replace("/back?", "/paid?")
+        own = first.replace(self.addresses["pay"], self.address + "paid")
+        self.assertEqual(Browser.ask(paid)[0], 200)
+        for address, reason in ((paid, "has been paid already"),
+                                (cancelled, "RESULT is not"),
+                                (cancelled.replace("cancelled", "authorised"), "0x80040214"),
+                                (own, "MSGTYPE is not"),
+                                (self.address + "paid", "0x80040"),
+                                (self.address + "paid?DATA=%zz", "Bad Request"),
+                                (self.address + "paid?DATA=%3ca%3e&SIGNATURE=00", "0x80040")):
+            with self.subTest(address[:60]):
+                status, _, page = Browser.ask(address)
+                self.assertEqual((status, reason in page), (400, True), page)
+        self.assertEqual(self.states(), ["completed", "cancelled"])
+
+    def test_has_no_other_pages(self):
+        self.assertEqual(Browser.ask(self.address + "admin")[0], 404)
+        self.assertEqual(Browser.ask(self.address + "buy")[0], 404)
+
+    def test_tells_that_the_password_is_wrong(self):
+        self.merchant = self.directory / "another"
+        status, out, errors = self.start("guessed").finish()
+        self.assertEqual((status, out), (1, ""))
+        self.assertIn("0x80040213", errors)
 
 
 class Demonstration(SandboxCase):
@@ -288,15 +374,23 @@ class DemonstrationScript(unittest.TestCase):
         self.assertIn("unknown option --fast", errors)
 
 
-class Readme(unittest.TestCase):
-    def test_quotes_the_quickstart_word_for_word(self):
-        source = (ROOT / "examples" / "c" / "quickstart.c").read_text()
-        marked = re.findall(r"^ */\* \[quickstart\] \*/\n(.*?)^ */\* \[/quickstart\] \*/\n", source,
+class Quotations(unittest.TestCase):
+    """What a page quotes of an example stands there word for word."""
+
+    def check(self, source, comment, page, language):
+        marker = rf"^ *{comment} \[{{}}quickstart\][^\n]*\n"
+        marked = re.findall(marker.format("") + "(.*?)" + marker.format("/"), (ROOT / "examples" / source).read_text(),
                             re.MULTILINE | re.DOTALL)
         self.assertEqual(len(marked), 1)
-        self.assertLessEqual(marked[0].count("\n"), 20)
-        fenced = re.findall(r"^```c\n(.*?)^```$", (ROOT / "README.md").read_text(), re.MULTILINE | re.DOTALL)
+        fenced = re.findall(rf"^```{language}\n(.*?)^```$", (ROOT / page).read_text(), re.MULTILINE | re.DOTALL)
         self.assertIn(marked[0], fenced)
+        return marked[0].count("\n")
+
+    def test_readme_quotes_twenty_lines_of_c(self):
+        self.assertLessEqual(self.check("c/quickstart.c", r"/\*", "README.md", "c"), 20)
+
+    def test_page_for_java_quotes_its_quickstart(self):
+        self.check("java/Quickstart.java", "//", "docs/java.md", "java")
 
 
 if __name__ == "__main__":
