@@ -42,8 +42,8 @@ KVX_EXPORT void kvxGiveSlot(KvxKind kind, void* slot) noexcept;
 /// with the signature word in place.
 [[nodiscard]] bool kvxIsLiving(KvxKind kind, void const* handle) noexcept;
 
-/// Whether `handle` is a living object of `kind` in a slot. Memory outside the slots is never looked at, so any number may
-/// be asked for.
+/// Whether `handle` is a living object of `kind` in a slot. Memory outside the slots is never looked at, so any number
+/// may be asked for.
 [[nodiscard]] bool kvxIsLivingInSlot(KvxKind kind, void const* handle) noexcept;
 
 /// Whether the caller may destroy `handle`: a living object in a slot of `kind`. Clears the signature word, so that
