@@ -151,8 +151,9 @@ note "The payment service runs (process $service), set-up at $setup_address"
 printf '\n'
 
 if [ "$java" = yes ]; then
+  java_run=$(sed -n 's/^KVX_JAVA_RUN:FILEPATH=//p' "$build/CMakeCache.txt")
   # The account that a sandbox is born with.
-  show=(env TALLOWIN_PASSWORD=demo java -cp "$build/java/tallowin.jar" "$root/examples/java/Shop.java"
+  show=(env TALLOWIN_PASSWORD=demo "$java_run" -cp "$build/java/tallowin.jar" "$root/examples/java/Shop.java"
         "$work/merchant" "$setup_address" demo)
 else
   show=("$build/examples/tallowin-demo" "$setup_address" "$work/merchant")

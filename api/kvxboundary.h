@@ -56,11 +56,17 @@ KVX_HANDLE kvxCreate() {
     }
 }
 
+/// Deletes an object that the caller has claimed for destruction.
+template <class Object>
+void kvxDeleteClaimed(KVX_HANDLE object) {
+    delete static_cast<Object*>(object);
+}
+
 /// Destroys a living object of the kind; ignores everything else.
 template <class Object>
 void kvxDestroy(KVX_HANDLE handle) {
     if (kvxClaimForDestruction(Object::kKind, handle)) {
-        delete static_cast<Object*>(handle);
+        kvxDeleteClaimed<Object>(handle);
     }
 }
 

@@ -12,7 +12,7 @@ JNIEXPORT void JNICALL Java_kelvane_tallowin_ConfigurationSetup_nConstruct(JNIEn
 }
 
 JNIEXPORT void JNICALL Java_kelvane_tallowin_ConfigurationSetup_nDestruct(JNIEnv* env, jobject self) {
-    kvxDestruct(env, self, KvxNative::kSetupDestruct, Setup::kKind, DestroyConfigurationSetup);
+    kvxDestruct<Setup>(env, self, KvxNative::kSetupDestruct);
 }
 
 JNIEXPORT void JNICALL Java_kelvane_tallowin_ConfigurationSetup_SetConfiguration(JNIEnv* env, jobject self,

@@ -12,7 +12,7 @@ JNIEXPORT void JNICALL Java_kelvane_tallowin_MessageFactory_nConstruct(JNIEnv* e
 }
 
 JNIEXPORT void JNICALL Java_kelvane_tallowin_MessageFactory_nDestruct(JNIEnv* env, jobject self) {
-    kvxDestruct(env, self, KvxNative::kFactoryDestruct, Factory::kKind, DestroyMessageFactory);
+    kvxDestruct<Factory>(env, self, KvxNative::kFactoryDestruct);
 }
 
 JNIEXPORT void JNICALL Java_kelvane_tallowin_MessageFactory_Open(JNIEnv* env, jobject self, jstring path) {

@@ -12,7 +12,7 @@ JNIEXPORT void JNICALL Java_kelvane_tallowin_MessageObject_nConstruct(JNIEnv* en
 }
 
 JNIEXPORT void JNICALL Java_kelvane_tallowin_MessageObject_nDestruct(JNIEnv* env, jobject self) {
-    kvxDestruct(env, self, KvxNative::kMessageDestruct, Message::kKind, DestroyMessageObject);
+    kvxDestruct<Message>(env, self, KvxNative::kMessageDestruct);
 }
 
 JNIEXPORT void JNICALL Java_kelvane_tallowin_MessageObject_Open(JNIEnv* env, jobject self, jstring path) {

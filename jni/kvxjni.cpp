@@ -1,5 +1,6 @@
 #include "jni/kvxjni.h"
 
+#include <limits>
 #include <new>
 
 #include "foundation/tbexception.h"
@@ -11,6 +12,9 @@ namespace {
 constexpr char kExceptionClass[] = "kelvane/tallowin/KVXException";
 constexpr char kExceptionClassMissing[] = "Class kelvane/tallowin/KVXException not found";
 constexpr char kExceptionClassIncompatible[] = "Incompatible class kelvane/tallowin/KVXException";
+
+/// So many characters of three bytes each fit a signed 32-bit length.
+constexpr jsize kMostCharacters = std::numeric_limits<jsize>::max() / 3;
 
 constexpr char kOutOfMemory[] = "out of memory";
 constexpr char kUnexpected[] = "unexpected error";
@@ -32,6 +36,36 @@ struct ExceptionMembers {
     jmethodID m_PutHR = nullptr;
     jmethodID m_PutErrorMessage = nullptr;
 };
+
+/// Whether the class of the exception is a real one.
+bool isThrowable(JNIEnv* env, jclass type) noexcept {
+    jclass const throwable = env->FindClass("java/lang/Throwable");
+    return throwable != nullptr && env->IsAssignableFrom(type, throwable) != JNI_FALSE;
+}
+
+/// Whether the exception that is pending is the virtual machine's own trouble, such as a lack of memory; it stays
+/// pending then, and nothing is known of the class that was looked for. Else no exception is pending any more.
+bool isMachineInTrouble(JNIEnv* env) noexcept {
+    jthrowable const pending = env->ExceptionOccurred();
+    env->ExceptionClear();
+    if (pending == nullptr) {
+        return false;
+    }
+    jclass const trouble = env->FindClass("java/lang/VirtualMachineError");
+    bool const isTrouble = trouble == nullptr || env->IsInstanceOf(pending, trouble) != JNI_FALSE;
+    if (isTrouble) {
+        env->ExceptionClear();  // where not even this class is to be had
+        env->Throw(pending);
+    }
+    return isTrouble;
+}
+
+/// Ends the virtual machine, unless it is in trouble and says so itself.
+void endMachine(JNIEnv* env, char const* reason) noexcept {
+    if (!isMachineInTrouble(env)) {
+        env->FatalError(reason);
+    }
+}
 
 /// The characters of a Java string, given back at the end.
 class Characters {
@@ -94,14 +128,12 @@ void kvxRaise(JNIEnv* env, std::int32_t code, char const* prefix, char const* me
     env->ExceptionClear();
     jclass const type = env->FindClass(kExceptionClass);
     if (type == nullptr) {
-        env->ExceptionClear();
-        env->FatalError(kExceptionClassMissing);
+        endMachine(env, kExceptionClassMissing);
         return;
     }
     ExceptionMembers const members(env, type);
-    if (!members.areComplete()) {
-        env->ExceptionClear();
-        env->FatalError(kExceptionClassIncompatible);
+    if (!members.areComplete() || !isThrowable(env, type)) {
+        endMachine(env, kExceptionClassIncompatible);
         return;
     }
     throwNew(env, type, members, code, prefix, message);
@@ -165,6 +197,9 @@ jfieldID kvxHandleField(JNIEnv* env, jobject self) noexcept {
 TbString kvxTextOf(JNIEnv* env, jstring text) {
     if (text == nullptr) {
         return mbstoSTRING(nullptr);
+    }
+    if (env->GetStringLength(text) > kMostCharacters) {
+        throw TBFC_Exception(KVX_E_OUT_OF_MEMORY);
     }
     Characters const characters(env, text);
     if (characters.get() == nullptr) {

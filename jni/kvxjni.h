@@ -9,6 +9,7 @@
 
 #include <cstdint>
 
+#include "api/kvxboundary.h"
 #include "api/kvxhandle.h"
 #include "core/kvxbase.h"
 #include "foundation/tbstring.h"
@@ -45,7 +46,9 @@ bool kvxReport(JNIEnv* env, KvxNative native, KvxOutcome const& outcome) noexcep
 /// The field `m_Handle` of `self`; null, with an exception pending, when it has none.
 [[nodiscard]] jfieldID kvxHandleField(JNIEnv* env, jobject self) noexcept;
 
-/// The characters of `text` in modified UTF-8; null counts as "". Throws KvxPendingException when Java has no memory.
+/// The characters of `text` in modified UTF-8; null counts as "". Throws KvxPendingException when Java has no memory,
+/// and KVX_E_OUT_OF_MEMORY (TBFC_Exception) for more than 715 million characters, which virtual machines cut without a
+/// word.
 [[nodiscard]] TbString kvxTextOf(JNIEnv* env, jstring text);
 
 /// A new Java string. Null, with an exception pending, when memory is exhausted.
@@ -57,6 +60,12 @@ void kvxConstruct(JNIEnv* env, jobject self, KvxNative native, KVX_HANDLE (*crea
 /// `nDestruct`: destroys the object of a living handle and ignores any other.
 /// Deliberate: the field keeps its value; the Java object is to be discarded.
 void kvxDestruct(JNIEnv* env, jobject self, KvxNative native, KvxKind kind, void (*destroy)(KVX_HANDLE)) noexcept;
+
+/// The same for an object of the class.
+template <class Object>
+void kvxDestruct(JNIEnv* env, jobject self, KvxNative native) noexcept {
+    kvxDestruct(env, self, native, Object::kKind, kvxDeleteClaimed<Object>);
+}
 
 /// The number under which Java knows `object`.
 [[nodiscard]] inline jint kvxHandleOf(KVX_HANDLE object) noexcept {

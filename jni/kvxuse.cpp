@@ -7,7 +7,7 @@
 namespace {
 
 // Constant-initialised and never destroyed: a virtual machine may end while its threads are in here.
-std::mutex g_Mutex;  ///< Held for a few instructions, and while an object is destroyed.
+std::mutex g_Mutex;  ///< Held for a few instructions.
 pthread_cond_t g_UseEnded = PTHREAD_COND_INITIALIZER;
 KvxUse* g_FirstUse = nullptr;
 
@@ -18,21 +18,18 @@ KVX_HANDLE addressOf(std::int32_t handle) noexcept {
 
 }  // namespace
 
-KvxUse::KvxUse(KvxKind kind, std::int32_t handle) noexcept {
-    KVX_HANDLE const object = addressOf(handle);
+KvxUse::KvxUse(KvxKind kind, std::int32_t handle) noexcept : m_Object(addressOf(handle)) {
     std::lock_guard<std::mutex> const lock(g_Mutex);
-    while (kvxIsLivingInSlot(kind, object)) {
-        if (!isInUse(object)) {
-            m_Object = object;
-            m_Next = g_FirstUse;
-            if (m_Next != nullptr) {
-                m_Next->m_Previous = this;
-            }
-            g_FirstUse = this;
+    join();
+    while (kvxIsLivingInSlot(kind, m_Object)) {
+        if (!isInUse(m_Object, false)) {
+            m_HasTurn = true;
             return;
         }
         ::pthread_cond_wait(&g_UseEnded, g_Mutex.native_handle());
     }
+    leave();
+    m_Object = nullptr;
 }
 
 KvxUse::~KvxUse() {
@@ -40,16 +37,28 @@ KvxUse::~KvxUse() {
         return;
     }
     std::lock_guard<std::mutex> const lock(g_Mutex);
+    leave();
+    ::pthread_cond_broadcast(&g_UseEnded);
+}
+
+void KvxUse::join() noexcept {
+    m_Next = g_FirstUse;
+    if (m_Next != nullptr) {
+        m_Next->m_Previous = this;
+    }
+    g_FirstUse = this;
+}
+
+void KvxUse::leave() noexcept {
     (m_Previous == nullptr ? g_FirstUse : m_Previous->m_Next) = m_Next;
     if (m_Next != nullptr) {
         m_Next->m_Previous = m_Previous;
     }
-    ::pthread_cond_broadcast(&g_UseEnded);
 }
 
-bool KvxUse::isInUse(KVX_HANDLE object) noexcept {
+bool KvxUse::isInUse(KVX_HANDLE object, bool orWaits) noexcept {
     for (KvxUse const* use = g_FirstUse; use != nullptr; use = use->m_Next) {
-        if (use->m_Object == object) {
+        if (use->m_Object == object && (use->m_HasTurn || orWaits)) {
             return true;
         }
     }
@@ -58,13 +67,15 @@ bool KvxUse::isInUse(KVX_HANDLE object) noexcept {
 
 bool kvxDestroyUnlessInUse(KvxKind kind, std::int32_t handle, void (*destroy)(KVX_HANDLE)) noexcept {
     KVX_HANDLE const object = addressOf(handle);
-    std::lock_guard<std::mutex> const lock(g_Mutex);
-    if (!kvxIsLivingInSlot(kind, object)) {
-        return true;
+    {
+        std::lock_guard<std::mutex> const lock(g_Mutex);
+        if (kvxIsLivingInSlot(kind, object) && KvxUse::isInUse(object, true)) {
+            return false;
+        }
+        if (!kvxClaimForDestruction(kind, object)) {
+            return true;
+        }
     }
-    if (KvxUse::isInUse(object)) {
-        return false;
-    }
-    destroy(object);
+    destroy(object);  // outside, because a large message takes its time
     return true;
 }

@@ -40,32 +40,19 @@ public final class Shop {
 
     /** What a shop keeps in its database. */
     private static final class Order {
-        private enum State { WAITING, PAID, CAPTURED }
-
         private final String number;
         private final String token;
-        private State state = State.WAITING;
+
+        /** Guarded by this order. */
+        private boolean isPaid;
 
         private Order(String number, String token) {
             this.number = number;
             this.token = token;
         }
 
-        /** True for the first caller alone, so that an order is paid exactly once. */
-        private synchronized boolean markPaid() {
-            boolean first = state == State.WAITING;
-            if (first) {
-                state = State.PAID;
-            }
-            return first;
-        }
-
-        private synchronized void markCaptured() {
-            state = State.CAPTURED;
-        }
-
-        private synchronized State state() {
-            return state;
+        private synchronized String state() {
+            return isPaid ? "paid" : "not paid yet";
         }
     }
 
@@ -162,11 +149,14 @@ public final class Shop {
             order = orderOf(message);
             id = message.GetAttribute("ID");
         }
-        if (!order.markPaid()) {
-            throw new Refusal("Order " + order.number + " has been paid already");
+        synchronized (order) {
+            if (order.isPaid) {
+                throw new Refusal("Order " + order.number + " has been paid already");
+            }
+            // When this fails the order stays unpaid, and reloading the page tries again.
+            capture(data);
+            order.isPaid = true;
         }
-        capture(data);
-        order.markCaptured();
         complete(id, order.token);
         return "<p>Thank you. Order " + order.number + " is paid.</p>";
     }

@@ -14,6 +14,9 @@ constexpr char kObjectClass[] = "kelvane/tallowin/Object";
 constexpr char kStringClass[] = "java/lang/String";
 constexpr char kClassClass[] = "java/lang/Class";
 constexpr char kOutOfMemoryClass[] = "java/lang/OutOfMemoryError";
+constexpr char kTroubleClass[] = "java/lang/VirtualMachineError";
+constexpr char kThrowableClass[] = "java/lang/Throwable";
+constexpr char const* kOwnClasses[] = {kOutOfMemoryClass, kTroubleClass, kThrowableClass};
 
 /// A field or method with its type; what identifiers point to.
 struct Member {
@@ -124,13 +127,45 @@ struct FakeJvm::Functions {
         if (jvm.enterAndFail("FindClass")) {
             return nullptr;
         }
-        bool const isKnown = std::strcmp(name, kExceptionClass) == 0 ? jvm.m_HasExceptionClass
-                                                                     : std::strcmp(name, kOutOfMemoryClass) == 0;
+        bool const isKnown = std::strcmp(name, kExceptionClass) == 0
+                                 ? jvm.m_HasExceptionClass
+                                 : std::any_of(std::begin(kOwnClasses), std::end(kOwnClasses),
+                                               [&](char const* own) { return std::strcmp(name, own) == 0; });
         if (!isKnown) {
             jvm.makePending("java/lang/NoClassDefFoundError");
             return nullptr;
         }
         return reference<jclass>(jvm.add({kClassClass, name}));
+    }
+
+    static jboolean JNICALL isAssignableFrom(JNIEnv* env, jclass type, jclass wanted) {
+        FakeJvm const& jvm = of(env);
+        jvm.enter("IsAssignableFrom");
+        Object const* const found = jvm.find(type, "IsAssignableFrom");
+        Object const* const base = jvm.find(wanted, "IsAssignableFrom");
+        EXPECT_TRUE(found != nullptr && found->m_Text == kExceptionClass);
+        EXPECT_TRUE(base != nullptr && base->m_Text == kThrowableClass);
+        return jvm.m_IsExceptionThrowable ? JNI_TRUE : JNI_FALSE;
+    }
+
+    static jboolean JNICALL isInstanceOf(JNIEnv* env, jobject object, jclass type) {
+        FakeJvm const& jvm = of(env);
+        jvm.enter("IsInstanceOf");
+        Object const* const found = jvm.find(object, "IsInstanceOf");
+        Object const* const base = jvm.find(type, "IsInstanceOf");
+        EXPECT_TRUE(base != nullptr && base->m_Text == kTroubleClass);
+        return found != nullptr && found->m_Class == kOutOfMemoryClass ? JNI_TRUE : JNI_FALSE;
+    }
+
+    static jthrowable JNICALL exceptionOccurred(JNIEnv* env) {
+        return reference<jthrowable>(const_cast<Object*>(of(env).m_Pending));
+    }
+
+    static jsize JNICALL getStringLength(JNIEnv* env, jstring text) {
+        FakeJvm const& jvm = of(env);
+        jvm.enter("GetStringLength");
+        Object const* const found = jvm.find(text, "GetStringLength");
+        return found == nullptr ? 0 : std::max(found->m_Number, static_cast<jint>(found->m_Text.size()));
     }
 
     static jmethodID JNICALL getMethodId(JNIEnv* env, jclass type, char const* name, char const* methodType) {
@@ -254,6 +289,10 @@ struct FakeJvm::Functions {
             filled.GetMethodID = &getMethodId;
             filled.NewObjectV = &newObject;
             filled.CallVoidMethodV = &callVoidMethod;
+            filled.IsAssignableFrom = &isAssignableFrom;
+            filled.IsInstanceOf = &isInstanceOf;
+            filled.ExceptionOccurred = &exceptionOccurred;
+            filled.GetStringLength = &getStringLength;
             filled.Throw = &throwException;
             filled.ThrowNew = &throwNew;
             filled.ExceptionCheck = &exceptionCheck;
@@ -293,6 +332,10 @@ jint FakeJvm::handleOf(jobject object) const {
 
 jstring FakeJvm::newString(std::string const& text) {
     return Functions::reference<jstring>(add({kStringClass, text}));
+}
+
+jstring FakeJvm::newStringOfLength(jint length) {
+    return Functions::reference<jstring>(add({kStringClass, "", length}));
 }
 
 std::string FakeJvm::textOf(jstring text) const {

@@ -39,11 +39,15 @@ public:
 
     /// A string with these characters in modified UTF-8.
     jstring newString(std::string const& text);
+
+    /// A string that says that it is this long. Its characters cannot be had.
+    jstring newStringOfLength(jint length);
     [[nodiscard]] std::string textOf(jstring text) const;
 
     /// Takes the field `m_Handle`, the class KVXException, or one of its methods out of the world.
     void removeHandleField() { m_HasHandleField = false; }
     void removeExceptionClass() { m_HasExceptionClass = false; }
+    void makeExceptionClassUnthrowable() { m_IsExceptionThrowable = false; }
     void removeExceptionMethod(std::string const& name) { m_ExceptionMethods.erase(name); }
 
     /// How a function fails. A method of Java's that is called has no way but the first.
@@ -79,7 +83,7 @@ private:
         std::string m_Class;
         std::string
             m_Text;         ///< A string's characters, an exception's text, the name of what a class object stands for.
-        jint m_Number = 0;  ///< The handle, or an exception's code.
+        jint m_Number = 0;  ///< The handle, an exception's code, or a length that a string claims.
     };
 
     struct Env : JNIEnv {
@@ -103,6 +107,7 @@ private:
     std::map<char const*, Object const*> m_Characters;  ///< Handed out and not yet given back, with their strings.
     bool m_HasHandleField = true;
     bool m_HasExceptionClass = true;
+    bool m_IsExceptionThrowable = true;
     std::set<std::string> m_ExceptionMethods;
     Object const* m_Pending = nullptr;
     std::vector<std::string> m_FatalErrors;

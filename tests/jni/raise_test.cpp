@@ -82,6 +82,32 @@ TEST(Raise, EndsTheVirtualMachineWithoutTheClassOrAMethod) {
     }
 }
 
+TEST(Raise, EndsTheVirtualMachineWhenTheClassCannotBeThrown) {
+    FakeJvm jvm;
+    jvm.makeExceptionClassUnthrowable();
+    kvxRaise(jvm.env(), KVX_E_CRYPTO, "A(): ", "b");
+    EXPECT_EQ(jvm.fatalErrors(), std::vector<std::string>{"Incompatible class kelvane/tallowin/KVXException"});
+    EXPECT_EQ(jvm.pendingClass(), "");
+}
+
+// A class that could not be looked at for want of memory is not a missing one.
+TEST(Raise, LeavesAnExceptionOfTheVirtualMachinesOwnTrouble) {
+    for (int call = 0; call < 4; ++call) {
+        FakeJvm jvm;
+        jvm.failCall(call, FakeJvm::Failure::kWithException);
+        kvxRaise(jvm.env(), KVX_E_CRYPTO, "A(): ", "b");
+        EXPECT_EQ(jvm.failedFunction(), call == 0 ? "FindClass" : "GetMethodID");
+        EXPECT_EQ(jvm.pendingClass(), "java/lang/OutOfMemoryError");
+        EXPECT_TRUE(jvm.fatalErrors().empty());
+    }
+}
+
+TEST(JavaText, IsRefusedWhenItIsTooLongForTheVirtualMachine) {
+    FakeJvm jvm;
+    EXPECT_EQ(thrownCode([&] { static_cast<void>(kvxTextOf(jvm.env(), jvm.newStringOfLength(0x7FFFFFFF / 3 + 1))); }),
+              KVX_E_OUT_OF_MEMORY);
+}
+
 TEST(Raise, IsWhatRefusingDoesWithTheHandlesPrefix) {
     for (NativeRow const& row : nativeRows()) {
         FakeJvm jvm;

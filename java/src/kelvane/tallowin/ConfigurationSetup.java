@@ -1,5 +1,7 @@
 package kelvane.tallowin;
 
+import java.lang.ref.Reference;
+
 /**
  * Prepares and maintains the configuration directory of an account: registers it with the payment service, and reads and
  * writes single values of its files.
@@ -22,7 +24,8 @@ public final class ConfigurationSetup implements AutoCloseable {
         NativeLibrary.load();
         reclaimer = new Reclaimer(this, handle -> new ConfigurationSetup(handle)::nDestruct);
         nConstruct();
-        reclaimer.hold(this, m_Handle);
+        reclaimer.handle = m_Handle;
+        Reference.reachabilityFence(this);
     }
 
     /** Stands in for the owner of {@code handle} that is no more. */
@@ -82,14 +85,21 @@ public final class ConfigurationSetup implements AutoCloseable {
     /**
      * Destroys the native object. A second call does nothing.
      *
-     * @throws IllegalStateException when another thread is inside a method of this object; it stays open then
+     * @throws IllegalStateException when another thread is inside a method of this object, or waits to be; it stays open then
      */
     @Override
     public synchronized void close() {
-        if (m_Handle != 0) {
-            reclaimer.close(this::nDestruct);
-            m_Handle = 0;
+        if (m_Handle == 0) {
+            return;
         }
+        try {
+            nDestruct();
+            reclaimer.handle = 0;
+            m_Handle = 0;
+        } catch (KVXException inUse) {
+            throw new IllegalStateException(inUse.getErrorMessage(), inUse);
+        }
+        reclaimer.stop();
     }
 
     private native void nConstruct() throws KVXException;

@@ -6,6 +6,8 @@ import java.io.IOException;
 import java.io.RandomAccessFile;
 import java.nio.ByteBuffer;
 import java.nio.ByteOrder;
+import java.nio.charset.StandardCharsets;
+import java.nio.file.Files;
 import java.util.Arrays;
 import java.util.List;
 import java.util.Locale;
@@ -74,7 +76,24 @@ final class ElfFile {
         } catch (EOFException cut) {
             throw new LoadProblem("the file is cut short", "Copy the library again, all of it.", null);
         } catch (IOException unreadable) {
-            throw new LoadProblem("the file cannot be read", "Make it readable for this user.", unreadable);
+            throw unreadable(unreadable);
+        }
+    }
+
+    private static LoadProblem unreadable(IOException origin) {
+        return new LoadProblem("the file cannot be read", "Make it readable for this user.", origin);
+    }
+
+    /**
+     * Whether the name {@code symbol} occurs in {@code library}.
+     *
+     * @throws LoadProblem when the file cannot be read
+     */
+    static boolean names(File library, String symbol) throws LoadProblem {
+        try {
+            return new String(Files.readAllBytes(library.toPath()), StandardCharsets.ISO_8859_1).contains(symbol);
+        } catch (IOException unreadable) {
+            throw unreadable(unreadable);
         }
     }
 

@@ -1,5 +1,6 @@
 package kelvane.tallowin;
 
+import java.io.File;
 import java.util.regex.Matcher;
 import java.util.regex.Pattern;
 
@@ -7,7 +8,10 @@ import java.util.regex.Pattern;
  * Why the library could not be loaded from one place: the cause, what to do about it, and the system's own words.
  */
 final class LoadProblem extends Exception {
-    /** What the system's loader, or the JVM before it, says when it refuses. The first row that fits counts. */
+    /**
+     * What the system's loader, or the JVM before it, says when it refuses. The first row that fits counts. The loader
+     * speaks the user's language, so its words count only where nothing else tells.
+     */
     private enum Refusal {
         TAKEN("already loaded in another classloader",
                 "another class loader of this JVM has loaded this very file",
@@ -22,11 +26,11 @@ final class LoadProblem extends Exception {
                 "this JVM runs on the C library musl, and the library needs the GNU C library (glibc)",
                 "Run the program on a system with glibc, or build the library for this one and name it with -D"
                         + NativeLibrary.PROPERTY + "=PATH."),
-        NEEDS_LIBRARY("(?:^|\\s)([^\\s:/]+): cannot open shared object file",
+        NEEDS_LIBRARY("(?:^|\\s)([^\\s:/]+\\.so[.0-9]*): ",
                 "a library that it needs is missing: %s",
                 "Install it: libssl.so.3 and libcrypto.so.3 belong to OpenSSL 3 (package libssl3), libuuid.so.1 to the "
-                        + "package libuuid1."),
-        NEEDS_VERSION("version `([^']+)' not found",
+                        + "package libuuid1, libstdc++.so.6 to libstdc++6, libgcc_s.so.1 to libgcc-s1."),
+        NEEDS_VERSION("[^/\\w]([A-Z]{2}[A-Z_]*_[0-9.]+)[^/\\w]",
                 "a library that it needs is too old: it lacks %s",
                 "Update this system, or build the library on it and name that with -D" + NativeLibrary.PROPERTY
                         + "=PATH."),
@@ -43,6 +47,10 @@ final class LoadProblem extends Exception {
             this.words = Pattern.compile(words);
             this.cause = cause;
             this.cure = cure;
+        }
+
+        LoadProblem problem(String named, Throwable refusal) {
+            return new LoadProblem(String.format(cause, named), cure, refusal);
         }
     }
 
@@ -65,9 +73,10 @@ final class LoadProblem extends Exception {
      * Explains why the library was not loaded although there is a whole file.
      *
      * @param refusal what came out of {@link System#load}
-     * @param library the head of the file
+     * @param file    the file
+     * @param library its head
      */
-    static LoadProblem of(Throwable refusal, ElfFile library) {
+    static LoadProblem of(Throwable refusal, File file, ElfFile library) {
         if (refusal instanceof IllegalCallerException) {
             Module module = LoadProblem.class.getModule();
             String denied = module.isNamed() ? "the module " + module.getName() : "unnamed modules";
@@ -81,7 +90,7 @@ final class LoadProblem extends Exception {
                     + ElfFile.target(osArch) + " (os.arch " + osArch + ")",
                     "Take the library or the JVM of the other kind.", refusal);
         }
-        return of(refusal);
+        return MountTable.forbidsExecution(file.toPath()) ? Refusal.NO_EXECUTION.problem("", refusal) : of(refusal);
     }
 
     /** Explains the words of {@code refusal} alone. */
@@ -90,7 +99,7 @@ final class LoadProblem extends Exception {
             Matcher words = row.words.matcher(String.valueOf(refusal.getMessage()));
             if (words.find()) {
                 String named = words.groupCount() == 0 ? "" : words.group(1);
-                return new LoadProblem(String.format(row.cause, named), row.cure, refusal);
+                return row.problem(named, refusal);
             }
         }
         throw new AssertionError("the last row fits everything", refusal);

@@ -1,5 +1,7 @@
 package kelvane.tallowin;
 
+import java.lang.ref.Reference;
+
 /**
  * Makes payment messages and verifies confirmations, for one configuration directory.
  *
@@ -22,7 +24,8 @@ public final class MessageFactory implements AutoCloseable {
         NativeLibrary.load();
         reclaimer = new Reclaimer(this, handle -> new MessageFactory(handle)::nDestruct);
         nConstruct();
-        reclaimer.hold(this, m_Handle);
+        reclaimer.handle = m_Handle;
+        Reference.reachabilityFence(this);
     }
 
     /** Stands in for the owner of {@code handle} that is no more. */
@@ -49,7 +52,7 @@ public final class MessageFactory implements AutoCloseable {
      */
     public MessageObject CreatePayInit() throws KVXException {
         MessageObject message = MessageObject.unborn();
-        message.hold(nCreatePayInit());
+        message.m_Handle = message.reclaimer.handle = nCreatePayInit();
         return message;
     }
 
@@ -67,7 +70,7 @@ public final class MessageFactory implements AutoCloseable {
      */
     public MessageObject VerifyPayConfirm(String data, String signature) throws KVXException {
         MessageObject message = MessageObject.unborn();
-        message.hold(nVerifyPayConfirm(data, signature));
+        message.m_Handle = message.reclaimer.handle = nVerifyPayConfirm(data, signature);
         return message;
     }
 
@@ -81,7 +84,7 @@ public final class MessageFactory implements AutoCloseable {
      */
     public MessageObject CreatePayComplete(String id, String token) throws KVXException {
         MessageObject message = MessageObject.unborn();
-        message.hold(nCreatePayComplete(id, token));
+        message.m_Handle = message.reclaimer.handle = nCreatePayComplete(id, token);
         return message;
     }
 
@@ -94,21 +97,28 @@ public final class MessageFactory implements AutoCloseable {
      */
     public MessageObject CreateRequest(String type) throws KVXException {
         MessageObject message = MessageObject.unborn();
-        message.hold(nCreateRequest(type));
+        message.m_Handle = message.reclaimer.handle = nCreateRequest(type);
         return message;
     }
 
     /**
      * Destroys the native object; messages stay. A second call does nothing.
      *
-     * @throws IllegalStateException when another thread is inside a method of this object; it stays open then
+     * @throws IllegalStateException when another thread is inside a method of this object, or waits to be; it stays open then
      */
     @Override
     public synchronized void close() {
-        if (m_Handle != 0) {
-            reclaimer.close(this::nDestruct);
-            m_Handle = 0;
+        if (m_Handle == 0) {
+            return;
         }
+        try {
+            nDestruct();
+            reclaimer.handle = 0;
+            m_Handle = 0;
+        } catch (KVXException inUse) {
+            throw new IllegalStateException(inUse.getErrorMessage(), inUse);
+        }
+        reclaimer.stop();
     }
 
     private native void nConstruct() throws KVXException;

@@ -1,5 +1,7 @@
 package kelvane.tallowin;
 
+import java.lang.ref.Reference;
+
 /**
  * One payment message: made by a {@link MessageFactory}, received as an answer, or built from text.
  *
@@ -7,9 +9,10 @@ package kelvane.tallowin;
  */
 public final class MessageObject implements AutoCloseable {
     /** The native object's address; 0 when there is none. Read and written by the native methods. */
-    private int m_Handle;
+    int m_Handle;
 
-    private final Reclaimer reclaimer;
+    /** Knows the same handle. */
+    final Reclaimer reclaimer;
 
     /**
      * Makes an empty message; {@link #Open} comes next.
@@ -20,7 +23,8 @@ public final class MessageObject implements AutoCloseable {
     public MessageObject() throws KVXException {
         this(Birth.LATER);
         nConstruct();
-        reclaimer.hold(this, m_Handle);
+        reclaimer.handle = m_Handle;
+        Reference.reachabilityFence(this);
     }
 
     private enum Birth { LATER }
@@ -37,17 +41,11 @@ public final class MessageObject implements AutoCloseable {
     }
 
     /**
-     * An object that will {@link #hold} a native one. All that Java can refuse happens here, before there is a native
-     * object that could be lost.
+     * An object that will hold a native one. All that Java can refuse happens here, before there is a native object that
+     * could be lost.
      */
     static MessageObject unborn() {
         return new MessageObject(Birth.LATER);
-    }
-
-    /** Becomes the owner of the native object {@code handle}. */
-    void hold(int handle) {
-        m_Handle = handle;
-        reclaimer.hold(this, handle);
     }
 
     /**
@@ -101,7 +99,7 @@ public final class MessageObject implements AutoCloseable {
      */
     public MessageObject Execute() throws KVXException {
         MessageObject answer = unborn();
-        answer.hold(nExecute());
+        answer.m_Handle = answer.reclaimer.handle = nExecute();
         return answer;
     }
 
@@ -124,14 +122,21 @@ public final class MessageObject implements AutoCloseable {
     /**
      * Destroys the native object. A second call does nothing.
      *
-     * @throws IllegalStateException when another thread is inside a method of this object; it stays open then
+     * @throws IllegalStateException when another thread is inside a method of this object, or waits to be; it stays open then
      */
     @Override
     public synchronized void close() {
-        if (m_Handle != 0) {
-            reclaimer.close(this::nDestruct);
-            m_Handle = 0;
+        if (m_Handle == 0) {
+            return;
         }
+        try {
+            nDestruct();
+            reclaimer.handle = 0;
+            m_Handle = 0;
+        } catch (KVXException inUse) {
+            throw new IllegalStateException(inUse.getErrorMessage(), inUse);
+        }
+        reclaimer.stop();
     }
 
     private native void nConstruct() throws KVXException;

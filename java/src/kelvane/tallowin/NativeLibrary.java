@@ -28,6 +28,9 @@ final class NativeLibrary {
     /** Names the library's file or its directory. */
     static final String PROPERTY = "kelvane.tallowin.library";
 
+    /** A library that was built without a JDK has none of them. */
+    private static final String A_NATIVE_METHOD = "Java_kelvane_tallowin_MessageObject_nConstruct";
+
     private static final String NOT_LOADED = FILE + " cannot be loaded: ";
 
     private static volatile boolean loaded;
@@ -132,7 +135,12 @@ final class NativeLibrary {
         try {
             System.load(library.getPath());
         } catch (UnsatisfiedLinkError | IllegalCallerException refusal) {
-            throw LoadProblem.of(refusal, head);
+            throw LoadProblem.of(refusal, library, head);
+        }
+        if (!ElfFile.names(library, A_NATIVE_METHOD)) {
+            throw new LoadProblem(library + " was built without the native methods of the Java classes",
+                    "Build it where a JDK is installed, or leave -D" + PROPERTY
+                            + " and java.library.path out to use the one in the jar.", null);
         }
     }
 

@@ -1,11 +1,9 @@
 package kelvane.tallowin;
 
 import java.lang.ref.Cleaner;
-import java.lang.ref.Reference;
 
 /**
- * Destroys the native object of an owner: when the owner is closed, or, of an owner that nobody closed, once the garbage
- * collector has found it.
+ * Destroys the native object of an owner that nobody closed, once the garbage collector has found the owner.
  *
  * <p>Knows the handle only, never the owner.
  */
@@ -26,7 +24,14 @@ final class Reclaimer implements Runnable {
 
     private final Heir heir;
     private final Cleaner.Cleanable cleanable;
-    private int handle;
+
+    /**
+     * The handle that the owner holds; 0 for none.
+     *
+     * <p>Owners write it themselves, together with their own: at the end of the stack a call fails, and a handle that is
+     * known here too late is lost, one that is known too long is somebody else's by then.
+     */
+    volatile int handle;
 
     /**
      * Begins to watch over {@code owner}, which holds no native object yet.
@@ -39,41 +44,21 @@ final class Reclaimer implements Runnable {
         this.cleanable = CLEANER.register(owner, this);
     }
 
-    /** {@code owner} now holds {@code newHandle}. It counts as reachable until that is known here. */
-    synchronized void hold(Object owner, int newHandle) {
-        handle = newHandle;
-        Reference.reachabilityFence(owner);
-    }
-
-    /**
-     * The owner destroys its native object itself. There is nothing to watch over any more.
-     *
-     * @throws IllegalStateException when the object is in use; all stays as it was then
-     */
-    void close(Destructor owner) {
-        destruct(owner);
-        forget();
+    /** There is nothing to watch over any more. */
+    void stop() {
         cleanable.clean();
-    }
-
-    private synchronized void forget() {
-        handle = 0;
     }
 
     /** Called by the cleaner, once. */
     @Override
-    public synchronized void run() {
+    public void run() {
         if (handle != 0) {
-            destruct(heir.of(handle));
+            try {
+                heir.of(handle).run();
+            } catch (KVXException inUse) {
+                throw new IllegalStateException(inUse.getErrorMessage(), inUse);
+            }
             handle = 0;
-        }
-    }
-
-    private static void destruct(Destructor owner) {
-        try {
-            owner.run();
-        } catch (KVXException inUse) {
-            throw new IllegalStateException(inUse.getErrorMessage(), inUse);
         }
     }
 }

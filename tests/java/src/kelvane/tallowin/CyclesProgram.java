@@ -7,6 +7,7 @@ import java.util.ArrayList;
 import java.util.HashSet;
 import java.util.List;
 import java.util.Set;
+import java.util.concurrent.TimeUnit;
 
 /**
  * Makes, uses and destroys a million objects; part of them are forgotten instead of closed. Prints what the process
@@ -23,7 +24,7 @@ final class CyclesProgram {
     private static final int FORGOTTEN_EVERY = 10;
 
     private static final int FAILURE_EVERY = 10;
-    private static final int MOST_COLLECTIONS = 1000;
+    private static final int PATIENCE_SECONDS = 60;
 
     private final MessageObject probe = new MessageObject();
     private final List<Forgotten> forgotten = new ArrayList<>(BATCH);
@@ -93,7 +94,8 @@ final class CyclesProgram {
 
     /** Waits until the cleaner has freed all objects of the batch. */
     private void awaitCleaner() throws ReflectiveOperationException {
-        for (int collections = 0; collections < MOST_COLLECTIONS; ++collections) {
+        long end = System.nanoTime() + TimeUnit.SECONDS.toNanos(PATIENCE_SECONDS);
+        while (System.nanoTime() < end) {
             System.gc();
             if (allFreed()) {
                 forgotten.clear();

@@ -113,6 +113,13 @@ public class ExceptionClassTest {
     }
 
     @Test
+    public void withAClassThatCannotBeThrownTheMachineEnds() throws Exception {
+        walkFatal("a KVXException that is no Throwable",
+                  exception(CONSTRUCTOR, PUT_HR, PUT_MESSAGE).replace(" extends Exception", ""), INCOMPATIBLE,
+                  List.of(NativeMethod.named("MessageObject.ToString")));
+    }
+
+    @Test
     public void aClassThatFailsToBeginCountsAsMissing() throws Exception {
         String initialiser = "static { if (true) { throw new IllegalStateException(); } }\n";
         walkFatal("a throwing class initialiser", exception(initialiser, CONSTRUCTOR, PUT_HR, PUT_MESSAGE), MISSING,

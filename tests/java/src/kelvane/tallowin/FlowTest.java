@@ -330,6 +330,9 @@ public class FlowTest {
             setup.SetConfiguration(shop);
             setup.Reconfigure(own.autoUrl(), SandboxProcess.USER, SandboxProcess.PASSWORD);
             own.stop();
+            // Its port may be another service's by now, so its addresses become those of one that never listens.
+            setup.SetOption("VTAUTOURL", LocalServer.refusingBase() + "/auto");
+            setup.SetAttribute("config.xml", "CAPTUREURL", LocalServer.refusingBase() + "/capture");
             assertEquals(Failure.text(0x8004303D, "ConfigurationSetup::Reconfigure(): connection refused (failed to "
                                       + "connect to host)"),
                          Failure.of(() -> setup.Reconfigure("", SandboxProcess.USER, SandboxProcess.PASSWORD)));

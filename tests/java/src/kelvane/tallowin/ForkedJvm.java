@@ -44,7 +44,8 @@ final class ForkedJvm {
         this.javaHome = javaHome;
         this.directory = directory;
         // A machine that is meant to die leaves no core file behind.
-        options("-XX:-CreateCoredumpOnCrash", "-XX:ErrorFile=" + directory.resolve("crash-%p.log"), "-XX:-UsePerfData");
+        options("-XX:-CreateCoredumpOnCrash", "-XX:ErrorFile=" + directory.resolve("crash-%p.log"), "-XX:-UsePerfData",
+                "-Djava.library.path=");
     }
 
     /** The same virtual machine as this one. */

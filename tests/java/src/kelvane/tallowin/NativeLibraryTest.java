@@ -169,6 +169,18 @@ public class NativeLibraryTest {
         assertRefused(machine().set(PROPERTY, unknown).run("load"), "it was built for 64-bit ELF machine 4660");
     }
 
+    /** Such as a system's package brings when it was built without a JDK. */
+    @Test
+    public void refusesALibraryWithoutTheNativeMethodsAndTakesTheJar() throws Exception {
+        String content = new String(Files.readAllBytes(library), StandardCharsets.ISO_8859_1);
+        String without = content.replace("_MessageObject_nConstruct", "_MessageObject_nCon______");
+        assertEquals(content.length(), without.length());
+        Path other = Files.write(work.resolve(FILE), without.getBytes(StandardCharsets.ISO_8859_1));
+        assertRefused(machine().set(PROPERTY, other).run("load"),
+                other + " was built without the native methods of the Java classes", "where a JDK is installed");
+        assertSays(machine().set("java.library.path", work).run("load"), "loaded\n", "(deleted)");
+    }
+
     @Test
     public void namesALibraryThatIsMissing() throws Exception {
         Path needy = Files.write(work.resolve(FILE), patched("libuuid\\.so\\.1", "libuuiX.so.1"));
@@ -216,6 +228,11 @@ public class NativeLibraryTest {
             {"/t/libtallowin.so: cannot open shared object file: Permission denied",
                 "the system's loader refuses it", "built for this system"},
             {"/lib/libc.so.6: version `GLIBC_2.38' not found (required by /t/libtallowin.so)",
+                "it lacks GLIBC_2.38", "Update this system"},
+            // The same in a language that the loader speaks where it is set up.
+            {"/t/libtallowin.so: libssl.so.3: Kann die Shared-Object-Datei nicht \u00f6ffnen: Datei nicht gefunden",
+                "is missing: libssl.so.3", "package libssl3"},
+            {"/lib/libc.so.6: Version \u00bbGLIBC_2.38\u00ab nicht gefunden (ben\u00f6tigt von /t/libtallowin.so)",
                 "it lacks GLIBC_2.38", "Update this system"},
             {"/t/libtallowin.so: /t/libtallowin.so: failed to map segment from shared object: Operation not permitted",
                 "forbids execution", "-Djava.io.tmpdir="},

@@ -326,7 +326,7 @@ public class NativesTest {
         String failure = Failure.of(() -> result[0] = method.call(self, method.allArguments(argument)));
         if (result[0] instanceof Integer) {
             MessageObject made = MessageObject.unborn();
-            made.hold((Integer) result[0]);
+            made.m_Handle = made.reclaimer.handle = (Integer) result[0];
             open.add(made);
             return failure + made.ToString();
         }

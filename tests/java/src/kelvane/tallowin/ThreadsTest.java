@@ -313,8 +313,7 @@ public class ThreadsTest {
             });
             server.awaitRequest();
             // The call itself is the last that knows the object.
-            System.gc();
-            System.gc();
+            new Orphan(new MessageObject()).awaitFreed();
             server.answer(ERROR);
             assertEquals(Failure.text(0x80040213, "ConfigurationSetup::Reconfigure(): the request failed (late)"),
                          result(call));
