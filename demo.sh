@@ -5,14 +5,15 @@ set -euo pipefail
 
 usage() {
   cat <<'TEXT'
-Usage: ./demo.sh [--java] [--keep]
+Usage: ./demo.sh [--shop | --java] [--keep]
 
 Shows payments from end to end on this machine: an account is set up, a payment URL made, a shopper pays, the shop
 verifies, captures and completes the payment, and refuses what is forged. Everything runs on 127.0.0.1 and goes through
 libtallowin.so. The first run installs missing Debian packages (as root or with sudo) and builds into build/demo.
 
-  --java   a shop written in Java instead: prints its address, to be opened in a browser, and serves until you press
-           Ctrl-C; a JDK is installed when there is none
+  --shop   a shop to click through instead: prints its address, to be opened in a browser, and serves until you press
+           Ctrl-C
+  --java   the same with a smaller shop written in Java; a JDK is installed when there is none
   --keep   leave the directory with the merchant's files and the payment service's data, and say where it is
   --help   this text
 
@@ -21,10 +22,10 @@ TEXT
 }
 
 keep=no
-java=no
+show=walk
 for argument in "$@"; do
   case "$argument" in
-    --java) java=yes ;;
+    --shop | --java) show=${argument#--} ;;
     --keep) keep=yes ;;
     --help | -h) usage; exit 0 ;;
     *) printf 'demo.sh: unknown option %s\n\n' "$argument" >&2; usage >&2; exit 2 ;;
@@ -128,11 +129,12 @@ build_all() {
   ) 9>"$build.lock" >"$build_log" 2>&1
 }
 
-if [ "$java" = yes ]; then
-  packages=(--java) target=tallowin_jar
-else
-  packages=() target=tallowin-demo
-fi
+packages=()
+case "$show" in
+  walk) target=tallowin-demo ;;
+  shop) target=tallowin-shop ;;
+  java) target=tallowin_jar packages=(--java) ;;
+esac
 "$root/scripts/setup" "${packages[@]}" || fail "the packages that the demonstration needs are not all there"
 mkdir -p -- "$root/build"
 note "Building (details in ${build_log#"$PWD"/})"
@@ -150,15 +152,17 @@ setup_address=$(sed -n 's/.*"auto":"\([^"]*\)".*/\1/p' <<<"$ready")
 note "The payment service runs (process $service), set-up at $setup_address"
 printf '\n'
 
-if [ "$java" = yes ]; then
-  java_run=$(sed -n 's/^KVX_JAVA_RUN:FILEPATH=//p' "$build/CMakeCache.txt")
-  # The account that a sandbox is born with.
-  show=(env TALLOWIN_PASSWORD=demo "$java_run" -cp "$build/java/tallowin.jar" "$root/examples/java/Shop.java"
-        "$work/merchant" "$setup_address" demo)
-else
-  show=("$build/examples/tallowin-demo" "$setup_address" "$work/merchant")
-fi
+export TALLOWIN_PASSWORD=demo  # of the account that a sandbox is born with
+case "$show" in
+  walk) play=("$build/examples/tallowin-demo" "$setup_address" "$work/merchant") ;;
+  shop) play=("$build/examples/tallowin-shop" "$work/merchant" "$setup_address" demo) ;;
+  java)
+    java_run=$(sed -n 's/^KVX_JAVA_RUN:FILEPATH=//p' "$build/CMakeCache.txt")
+    play=("$java_run" -cp "$build/java/tallowin.jar" "$root/examples/java/Shop.java"
+          "$work/merchant" "$setup_address" demo)
+    ;;
+esac
 status=0
-run "${show[@]}" || status=$?
+run "${play[@]}" || status=$?
 [ "$status" -eq 0 ] || fail_with_log "$work/service.log" "the demonstration did not end as it should (status $status)"
 stop_service || fail_with_log "$work/service.log" "the payment service did not end as it should"

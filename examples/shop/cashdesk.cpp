@@ -1,0 +1,182 @@
+#include "cashdesk.h"
+
+#include <tallowin/tallowin.h>
+
+#include <utility>
+
+#include "../demo/merchanthandle.h"
+#include "../demo/story.h"
+
+namespace storefront {
+
+namespace {
+
+using demo::CopiedText;
+using demo::FactoryHandle;
+using demo::MessageHandle;
+using demo::SetupHandle;
+
+constexpr char kRefused[] = "This confirmation is refused";
+
+/// A function with what it is called for: "MessageObject_SetAttribute (AMOUNT)".
+std::string callFor(char const* function, char const* what) {
+    return std::string(function) + " (" + what + ")";
+}
+
+/// Notes a call. True when it went well: compare with KVX_OK, never with "less than 0".
+bool noted(Calls& calls, std::string const& function, std::int32_t code) {
+    calls.push_back({function, demo::resultText(code)});
+    return code == KVX_OK;
+}
+
+/// A copied text, its call noted. Throws Objection when there is none.
+std::string mustCopy(Calls& calls, std::string const& function, CopiedText const& copied) {
+    if (!noted(calls, function, copied.code)) {
+        throw Objection("The payment could not be prepared", "The payment component answers: " + calls.back().result,
+                        calls, Objection::Shop);
+    }
+    return copied.text;
+}
+
+/// Throws Objection when the call went wrong.
+void must(Calls& calls, std::string const& function, std::int32_t code) {
+    mustCopy(calls, function, {code, ""});
+}
+
+/// Why VerifyPayConfirm does not accept a message.
+std::string whyNotVerified(std::int32_t code) {
+    switch (code) {
+        case KVX_E_MISSING_SIGNATURE:
+            return "It came without a signature, so anybody may have written it.";
+        case KVX_E_INVALID_SIGNATURE:
+            return "The signature does not fit the message: the message was altered after the payment service signed "
+                   "it, or somebody else signed it.";
+        case KVX_E_INVALID_KEY:
+            return "What came as its signature is none.";
+        case KVX_E_NO_KEY_ID:
+        case KVX_E_NOT_FOUND:
+            return "It does not say that the payment service signed it.";
+        case KVX_E_INVALID_FORMAT:
+            return "It is not a message.";
+        default:
+            return "It could not be verified: " + demo::resultText(code);
+    }
+}
+
+/// An attribute that a confirmation must have, and why it is refused when it has another value.
+struct Demand {
+    char const* name;
+    std::string value;
+    std::string otherwise;
+};
+
+void check(MessageHandle const& message, Demand const& demand, Calls& calls) {
+    CopiedText const found = demo::attributeOf(message, demand.name);
+    bool const there = noted(calls, callFor("MessageObject_GetAttribute", demand.name), found.code);
+    if (!there || found.text != demand.value) {
+        throw Objection(
+            kRefused,
+            demand.otherwise + " " + demand.name + " is \"" + found.text + "\", it must be \"" + demand.value + "\".",
+            calls);
+    }
+}
+
+}  // namespace
+
+Payment CashDesk::openPayment(Order const& order, std::string const& orderAddress, Calls& calls) const {
+    FactoryHandle const factory(CreateMessageFactory());
+    MessageHandle payment;
+    must(calls, "MessageFactory_Open", MessageFactory_Open(factory.get(), m_Directory.c_str()));
+    must(calls, "MessageFactory_CreatePayInit", MessageFactory_CreatePayInit(factory.get(), payment.out()));
+    std::pair<char const*, std::string> const attributes[] = {
+        {"ORDERID", order.number},
+        {"AMOUNT", amountText(order.cents)},
+        {"CURRENCY", kCurrency},
+        {"SUCCESSLINK", orderAddress + "/paid"},
+        {"FAILLINK", orderAddress + "/declined"},
+        {"BACKLINK", orderAddress + "/cancelled"},
+    };
+    for (auto const& [name, value] : attributes) {
+        must(calls, callFor("MessageObject_SetAttribute", name),
+             MessageObject_SetAttribute(payment.get(), name, value.c_str()));
+    }
+    Payment opened;
+    opened.token = mustCopy(calls, "MessageObject_GetAttribute (TOKEN)", demo::attributeOf(payment, "TOKEN"));
+    opened.url = mustCopy(calls, "MessageObject_GetURL", demo::urlOf(payment));
+    opened.message = demo::messageText(payment);
+    return opened;
+}
+
+Confirmation CashDesk::verify(Order const& order, std::string const& result, std::string const& data,
+                              std::string const& signature, Calls& calls) const {
+    if (data.find('\0') != std::string::npos) {
+        // The library takes text up to a zero byte, so what stands behind it would go unverified.
+        throw Objection(kRefused, "It holds a zero byte, so it is not a message.");
+    }
+    FactoryHandle const factory(CreateMessageFactory());
+    must(calls, "MessageFactory_Open", MessageFactory_Open(factory.get(), m_Directory.c_str()));
+    MessageHandle message;
+    std::int32_t const code =
+        MessageFactory_VerifyPayConfirm(factory.get(), data.c_str(), signature.c_str(), message.out());
+    if (!noted(calls, "MessageFactory_VerifyPayConfirm", code)) {
+        throw Objection(kRefused, whyNotVerified(code), calls);
+    }
+    SetupHandle const setup(CreateConfigurationSetup());
+    must(calls, "ConfigurationSetup_SetConfiguration",
+         ConfigurationSetup_SetConfiguration(setup.get(), m_Directory.c_str()));
+    std::string const serverKey = mustCopy(
+        calls, "ConfigurationSetup_GetAttribute (VTKEYID)", demo::copiedText([&](std::int32_t* size, char* buffer) {
+            return ConfigurationSetup_GetAttribute(setup.get(), "config.xml", "VTKEYID", size, buffer);
+        }));
+    // A good signature alone proves little: messages of other kinds and orders, and older ones, are signed as well.
+    Demand const demands[] = {
+        {"MSGTYPE", "PayConfirm", "It is genuine, but it confirms nothing."},
+        {"KEYID", serverKey, "It is not the payment service who signed it."},
+        {"ORDERID", order.number, "It is genuine, but it is the confirmation of another order."},
+        {"TOKEN", order.payment.token, "It is genuine, but it is the confirmation of another payment."},
+        {"AMOUNT", amountText(order.cents), "It is over another amount."},
+        {"CURRENCY", kCurrency, "It is over an amount in another currency."},
+        {"RESULT", result, "It tells of another outcome than this address."},
+    };
+    for (Demand const& demand : demands) {
+        check(message, demand, calls);
+    }
+    std::string const id = mustCopy(calls, "MessageObject_GetAttribute (ID)", demo::attributeOf(message, "ID"));
+    return {order.payment.token, id, data, signature};
+}
+
+bool CashDesk::capture(Confirmation const& confirmation, Calls& calls) const {
+    // Only an object that was opened on the directory has our key to sign with; it then gets the confirmation's text.
+    MessageHandle const message(CreateMessageObject());
+    return noted(calls, "MessageObject_Open", MessageObject_Open(message.get(), m_Directory.c_str())) &&
+           noted(calls, "MessageObject_FromString",
+                 MessageObject_FromString(message.get(), confirmation.data.c_str())) &&
+           noted(calls, "MessageObject_Capture", MessageObject_Capture(message.get()));
+}
+
+bool CashDesk::complete(Confirmation const& confirmation, Calls& calls) const {
+    FactoryHandle const factory(CreateMessageFactory());
+    MessageHandle completion;
+    MessageHandle answer;
+    return noted(calls, "MessageFactory_Open", MessageFactory_Open(factory.get(), m_Directory.c_str())) &&
+           noted(calls, "MessageFactory_CreatePayComplete",
+                 MessageFactory_CreatePayComplete(factory.get(), confirmation.id.c_str(), confirmation.token.c_str(),
+                                                  completion.out())) &&
+           noted(calls, "MessageObject_Execute (PayComplete)", MessageObject_Execute(completion.get(), answer.out()));
+}
+
+std::string CashDesk::state(Confirmation const& confirmation, Calls& calls) const {
+    FactoryHandle const factory(CreateMessageFactory());
+    MessageHandle question;
+    MessageHandle answer;
+    bool const answered =
+        noted(calls, "MessageFactory_Open", MessageFactory_Open(factory.get(), m_Directory.c_str())) &&
+        noted(calls, "MessageFactory_CreateRequest (Status)",
+              MessageFactory_CreateRequest(factory.get(), "Status", question.out())) &&
+        noted(calls, "MessageObject_SetAttribute (TOKEN)",
+              MessageObject_SetAttribute(question.get(), "TOKEN", confirmation.token.c_str())) &&
+        noted(calls, "MessageObject_Execute (Status)", MessageObject_Execute(question.get(), answer.out()));
+    return answered ? demo::attributeOf(answer, "STATE").text : "";
+}
+
+}  // namespace storefront

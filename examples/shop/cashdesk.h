@@ -1,0 +1,43 @@
+#pragma once
+
+#include <string>
+
+#include "objection.h"
+#include "orders.h"
+
+namespace storefront {
+
+/// All that the shop asks of the library. Notes every call with its result in `calls`.
+///
+/// Every function works on handles of its own, so any thread may call any of them at any time. Those marked "network"
+/// wait for the service, as long as it takes.
+class CashDesk {
+public:
+    /// `directory` is the configuration directory of the account.
+    explicit CashDesk(std::string directory) : m_Directory(std::move(directory)) {}
+
+    /// Starts a payment for the order's number and amount, over which the visitor comes back to `orderAddress` followed
+    /// by "/paid", "/declined" or "/cancelled". Sends nothing. Throws Objection.
+    Payment openPayment(Order const& order, std::string const& orderAddress, Calls& calls) const;
+
+    /// What is in a message that came back with the visitor, when the service signed it and it is the confirmation of
+    /// the order's latest payment, over the whole amount, with that result ("authorised"). Throws Objection with what
+    /// is wrong otherwise. Whether it has come before is the caller's question.
+    Confirmation verify(Order const& order, std::string const& result, std::string const& data,
+                        std::string const& signature, Calls& calls) const;
+
+    /// Takes the money. Network. False says only that the service did not confirm it; it may have done it.
+    bool capture(Confirmation const& confirmation, Calls& calls) const;
+
+    /// Tells the service that the order has been dealt with. Network.
+    bool complete(Confirmation const& confirmation, Calls& calls) const;
+
+    /// Asks the service how the payment stands: "authorised", "captured", "completed". Network. Empty without an
+    /// answer.
+    std::string state(Confirmation const& confirmation, Calls& calls) const;
+
+private:
+    std::string m_Directory;
+};
+
+}  // namespace storefront

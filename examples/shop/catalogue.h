@@ -1,0 +1,36 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <string>
+
+namespace storefront {
+
+/// The currency of all prices.
+constexpr char kCurrency[] = "EUR";
+
+/// Something to buy.
+struct Article {
+    char const* id;
+    char const* name;
+    char const* description;
+    std::int64_t cents;  ///< The price of one.
+};
+
+/// How many of which article, by the article's id. What nobody wants has no entry, so that "empty" means empty.
+using Quantities = std::map<std::string, int>;
+
+/// Everything the shop sells.
+std::array<Article, 3> const& catalogue();
+
+/// The article of that id, null when there is none.
+Article const* findArticle(std::string const& id);
+
+/// What all of it costs together.
+std::int64_t totalCents(Quantities const& quantities);
+
+/// An amount as people and payment messages write it: "19.90".
+std::string amountText(std::int64_t cents);
+
+}  // namespace storefront

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+
+namespace storefront {
+
+/// `text` as it is written inside HTML, between tags as well as in attribute values. Control characters and bytes that
+/// are no UTF-8 become U+FFFD.
+std::string escaped(std::string const& text);
+
+/// A paragraph of plain text.
+std::string paragraph(std::string const& text);
+
+/// Plain text under a heading, its line breaks kept.
+std::string verbatim(std::string const& heading, std::string const& text);
+
+/// A form without fields: one button that posts to `action`.
+std::string buttonTo(std::string const& action, std::string const& label);
+
+/// A whole page. `title` is plain text, `content` is HTML.
+std::string wholePage(std::string const& title, std::string const& content);
+
+}  // namespace storefront

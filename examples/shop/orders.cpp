@@ -1,0 +1,95 @@
+#include "orders.h"
+
+#include <utility>
+
+#include "randomhex.h"
+
+namespace storefront {
+
+namespace {
+
+bool waitsFor(Order const& order, Confirmation const& confirmation) {
+    return order.state == OrderState::Waiting && order.payment.token == confirmation.token;
+}
+
+void append(Calls& calls, Calls const& more) {
+    calls.insert(calls.end(), more.begin(), more.end());
+}
+
+}  // namespace
+
+std::string Orders::newNumber() {
+    std::string const unguessable = randomHex(2);
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    return std::to_string(++m_Count) + "-" + unguessable;
+}
+
+void Orders::add(Order order) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    m_Orders.emplace(order.number, std::move(order));
+}
+
+std::optional<Order> Orders::find(std::string const& number) const {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    auto const found = m_Orders.find(number);
+    return found == m_Orders.end() ? std::nullopt : std::optional<Order>(found->second);
+}
+
+bool Orders::waitFor(std::string const& number, Payment const& payment, Calls const& calls) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Order& order = m_Orders.at(number);
+    if (order.state != OrderState::Declined && order.state != OrderState::Cancelled) {
+        return false;
+    }
+    order.payment = payment;
+    order.state = OrderState::Waiting;
+    order.confirmation = {};
+    order.calls = calls;
+    return true;
+}
+
+bool Orders::giveUp(std::string const& number, OrderState state, Confirmation const& confirmation, Calls const& calls) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Order& order = m_Orders.at(number);
+    if (!waitsFor(order, confirmation)) {
+        return false;
+    }
+    order.state = state;
+    order.confirmation = confirmation;
+    append(order.calls, calls);
+    return true;
+}
+
+bool Orders::pay(std::string const& number, Confirmation const& confirmation, Calls const& calls) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Order& order = m_Orders.at(number);
+    if (!waitsFor(order, confirmation)) {
+        return false;
+    }
+    order.state = OrderState::Paid;
+    order.settling = true;
+    order.confirmation = confirmation;
+    append(order.calls, calls);
+    return true;
+}
+
+bool Orders::settleAgain(std::string const& number) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Order& order = m_Orders.at(number);
+    bool const unsettled = order.state == OrderState::CaptureFailed || order.state == OrderState::Captured;
+    if (!unsettled || order.settling) {
+        return false;
+    }
+    order.settling = true;
+    return true;
+}
+
+void Orders::settled(std::string const& number, OrderState state, Calls const& calls) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Order& order = m_Orders.at(number);
+    order.state = state;
+    order.settling = false;
+    append(order.calls, calls);
+}
+
+}  // namespace storefront

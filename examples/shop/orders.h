@@ -1,0 +1,80 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "catalogue.h"
+#include "objection.h"
+
+namespace storefront {
+
+/// Where an order stands. `Waiting` leads to `Declined` and `Cancelled`, from which a new payment leads back, or to
+/// `Paid`, from which nothing leads back: then `CaptureFailed` or `Captured`, and in the end `Completed`.
+enum class OrderState { Waiting, Declined, Cancelled, Paid, CaptureFailed, Captured, Completed };
+
+/// A payment at the service, as the shop started it.
+struct Payment {
+    std::string token;    ///< Tells this payment's confirmation from all others.
+    std::string url;      ///< Where the visitor pays.
+    std::string message;  ///< The PayInit message that is in the URL.
+};
+
+/// What came back from the service with the visitor, verified.
+struct Confirmation {
+    std::string token;
+    std::string id;  ///< The payment's name at the service.
+    std::string data;
+    std::string signature;
+};
+
+struct Order {
+    std::string number;  ///< Cannot be guessed: whoever knows an order's address sees the order.
+    std::string visitor;
+    Quantities quantities;
+    std::int64_t cents = 0;
+    Payment payment;  ///< The latest one.
+    OrderState state = OrderState::Waiting;
+    bool settling = false;      ///< Somebody is capturing or completing right now.
+    Confirmation confirmation;  ///< The accepted one of `payment`; empty before.
+    Calls calls;                ///< What the library did for `payment`, oldest first.
+};
+
+/// The orders, as a shop keeps them in its database. All functions may be called by any thread at any time; each
+/// happens as a whole, so of many callers that want to change the same thing one does.
+class Orders {
+public:
+    /// A number that no other order has.
+    std::string newNumber();
+
+    /// Keeps a new order.
+    void add(Order order);
+
+    [[nodiscard]] std::optional<Order> find(std::string const& number) const;
+
+    /// Gives a declined or cancelled order another payment to wait for. False, changing nothing, in any other state.
+    /// Requires: the order exists, here and below.
+    bool waitFor(std::string const& number, Payment const& payment, Calls const& calls);
+
+    /// A confirmation says that the order is not paid. False, changing nothing, when the order does not wait for it.
+    bool giveUp(std::string const& number, OrderState state, Confirmation const& confirmation, Calls const& calls);
+
+    /// A confirmation says that the order is paid. True for the first caller alone, who then is the one to settle it:
+    /// capture, complete, and call settled().
+    bool pay(std::string const& number, Confirmation const& confirmation, Calls const& calls);
+
+    /// True for one caller at a time, for a paid order that is neither completed nor being settled: settle it as above.
+    bool settleAgain(std::string const& number);
+
+    /// Tells how far settling came.
+    void settled(std::string const& number, OrderState state, Calls const& calls);
+
+private:
+    mutable std::mutex m_Mutex;
+    int m_Count = 0;                        ///< Numbers given away. Guarded by m_Mutex, as everything here.
+    std::map<std::string, Order> m_Orders;  ///< By number.
+};
+
+}  // namespace storefront

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <cstddef>
+#include <iomanip>
+#include <random>
+#include <sstream>
+#include <string>
+
+namespace storefront {
+
+/// `words` times eight lower-case hexadecimal digits that nobody can guess.
+inline std::string randomHex(std::size_t words) {
+    std::random_device source;
+    std::ostringstream out;
+    out << std::hex << std::setfill('0');
+    for (std::size_t word = 0; word < words; ++word) {
+        out << std::setw(8) << source();
+    }
+    return out.str();
+}
+
+}  // namespace storefront

@@ -1,0 +1,141 @@
+#include "sales.h"
+
+#include <array>
+#include <utility>
+
+namespace storefront {
+
+namespace {
+
+// clang-format off
+constexpr std::array<WayBack, 3> kWaysBack = {{
+    {"paid",      "authorised", OrderState::Paid},
+    {"declined",  "declined",   OrderState::Declined},
+    {"cancelled", "cancelled",  OrderState::Cancelled},
+}};
+// clang-format on
+
+bool isOpen(OrderState state) {
+    return state == OrderState::Waiting || state == OrderState::Declined || state == OrderState::Cancelled;
+}
+
+/// A genuine confirmation of the order's payment comes too late.
+Objection tooLate(Order const& order, Calls const& calls) {
+    if (isOpen(order.state)) {
+        return {"Order " + order.number + " does not wait for this confirmation",
+                "It is genuine, but how this payment ended is known already.", calls};
+    }
+    return {"Order " + order.number + " has been paid already",
+            "The confirmation is genuine, but it counts once. Nothing has been captured a second time.", calls};
+}
+
+}  // namespace
+
+WayBack const* findWayBack(std::string const& name) {
+    for (WayBack const& way : kWaysBack) {
+        if (name == way.name) {
+            return &way;
+        }
+    }
+    return nullptr;
+}
+
+Sales::Sales(std::string directory, std::string address)
+    : m_Address(std::move(address)), m_Desk(std::move(directory)) {}
+
+Order Sales::order(std::string const& number) const {
+    std::optional<Order> const found = m_Orders.find(number);
+    if (!found) {
+        throw Objection("There is no such order", "This shop knows no order with the number \"" + number + "\".");
+    }
+    return *found;
+}
+
+std::string Sales::checkOut(std::string const& visitor) {
+    Order order;
+    order.visitor = visitor;
+    order.quantities = m_Baskets.of(visitor);
+    if (order.quantities.empty()) {
+        throw Objection("There is nothing to pay for", "The basket is empty.");
+    }
+    order.number = m_Orders.newNumber();
+    order.cents = totalCents(order.quantities);
+    order.payment = m_Desk.openPayment(order, orderAddress(order.number), order.calls);
+    m_Orders.add(order);
+    return order.payment.url;
+}
+
+std::string Sales::payAgain(std::string const& number) {
+    Order const before = order(number);
+    if (before.state == OrderState::Declined || before.state == OrderState::Cancelled) {
+        Calls calls;
+        Payment const payment = m_Desk.openPayment(before, orderAddress(number), calls);
+        m_Orders.waitFor(number, payment, calls);  // false after a second click: then that one's payment is there
+    }
+    Order const now = order(number);
+    if (now.state != OrderState::Waiting) {
+        throw Objection("Order " + number + " cannot be paid now", "It is not waiting for a payment.");
+    }
+    return now.payment.url;
+}
+
+void Sales::comeBack(std::string const& number, WayBack const& way, std::string const& data,
+                     std::string const& signature) {
+    Order const before = order(number);
+    Calls calls;
+    Confirmation const confirmation = m_Desk.verify(before, way.result, data, signature, calls);
+    if (way.state != OrderState::Paid) {
+        bool const reloaded = before.state == way.state;
+        if (!m_Orders.giveUp(number, way.state, confirmation, calls) && !reloaded) {
+            throw tooLate(order(number), calls);
+        }
+        return;
+    }
+    if (!m_Orders.pay(number, confirmation, calls)) {
+        throw tooLate(order(number), calls);
+    }
+    Order const paid = order(number);
+    m_Baskets.emptyAfter(paid.visitor, paid.quantities);
+    settle(paid);
+}
+
+void Sales::tryAgain(std::string const& number) {
+    Order const known = order(number);
+    if (m_Orders.settleAgain(known.number)) {
+        settle(order(number));
+    }
+}
+
+std::string Sales::orderAddress(std::string const& number) const {
+    return m_Address + "/orders/" + number;
+}
+
+/// Requires: the right to settle the order, which ends here in any case.
+void Sales::settle(Order const& order) {
+    OrderState const asBefore = order.state == OrderState::Paid ? OrderState::CaptureFailed : order.state;
+    Calls calls;
+    try {
+        m_Orders.settled(order.number, carryOut(order, calls), calls);
+    } catch (...) {
+        m_Orders.settled(order.number, asBefore, calls);
+        throw;
+    }
+}
+
+OrderState Sales::carryOut(Order const& order, Calls& calls) const {
+    bool captured = order.state == OrderState::Captured;
+    if (order.state == OrderState::CaptureFailed) {
+        // The service may have captured all the same, so it is asked before a repetition.
+        std::string const state = m_Desk.state(order.confirmation, calls);
+        if (state.empty()) {
+            return OrderState::CaptureFailed;
+        }
+        captured = state == "captured" || state == "completed";
+    }
+    if (!captured && !m_Desk.capture(order.confirmation, calls)) {
+        return OrderState::CaptureFailed;
+    }
+    return m_Desk.complete(order.confirmation, calls) ? OrderState::Completed : OrderState::Captured;
+}
+
+}  // namespace storefront

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <string>
+
+#include "baskets.h"
+#include "cashdesk.h"
+#include "orders.h"
+
+namespace storefront {
+
+/// How a visitor comes back from the payment service: the last part of the address, the RESULT that belongs there, and
+/// what becomes of the order.
+struct WayBack {
+    char const* name;
+    char const* result;
+    OrderState state;
+};
+
+/// The way back of that name, null when there is none.
+WayBack const* findWayBack(std::string const& name);
+
+/// Selling, from a full basket to a completed order. All functions may be called by any thread at any time; what the
+/// shop does not carry out is an Objection, after which everything is as before.
+class Sales {
+public:
+    /// `directory` is the configuration directory of the account, `address` the shop's own, up to the port.
+    Sales(std::string directory, std::string address);
+
+    [[nodiscard]] Baskets& baskets() { return m_Baskets; }
+
+    /// Throws Objection when there is no such order.
+    [[nodiscard]] Order order(std::string const& number) const;
+
+    /// Makes an order of the visitor's basket and starts its payment. Returns where the visitor pays. The basket stays
+    /// full until the order is paid.
+    std::string checkOut(std::string const& visitor);
+
+    /// Where the visitor pays an order that waits. A declined or cancelled order gets a new payment first.
+    std::string payAgain(std::string const& number);
+
+    /// The visitor is back from the payment service. A paid order is captured and completed; it is paid exactly once.
+    void comeBack(std::string const& number, WayBack const& way, std::string const& data, std::string const& signature);
+
+    /// Captures and completes a paid order, as far as that is still to be done. Does nothing for any other order.
+    void tryAgain(std::string const& number);
+
+private:
+    [[nodiscard]] std::string orderAddress(std::string const& number) const;
+
+    void settle(Order const& order);
+    [[nodiscard]] OrderState carryOut(Order const& order, Calls& calls) const;
+
+    std::string m_Address;
+    CashDesk m_Desk;
+    Baskets m_Baskets;
+    Orders m_Orders;
+};
+
+}  // namespace storefront

@@ -1,0 +1,120 @@
+#include <pthread.h>
+#include <tallowin/tallowin.h>
+#include <unistd.h>
+
+#include <charconv>
+#include <csignal>
+#include <cstdlib>
+#include <exception>
+#include <iostream>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include "../demo/merchanthandle.h"
+#include "../demo/story.h"
+#include "storefront.h"
+
+namespace {
+
+constexpr int kUsage = 2;
+constexpr int kHighestPort = 65535;
+
+// The library waits for the service without a limit, and so would a shop that ends in the middle of a capture.
+constexpr unsigned kLongestEndSeconds = 10;
+
+char const kHelp[] =
+    "Usage: TALLOWIN_PASSWORD=... tallowin-shop DIRECTORY SERVICE USER [--port N]\n"
+    "\n"
+    "A web shop to click through, on 127.0.0.1. Prints its address and serves until SIGINT or SIGTERM.\n"
+    "\n"
+    "  DIRECTORY  the configuration directory of the account, set up when that has not been done yet\n"
+    "  SERVICE    the payment service's set-up address, such as http://127.0.0.1:8080/auto of a tallowin-sandbox\n"
+    "  USER       the account's user; a sandbox is born with \"demo\", password \"demo\"\n"
+    "  --port N   the shop's port; without it, or with 0, a free one\n"
+    "\n"
+    "Exit status: 0 when it was told to end, 1 when it could not open, 2 for wrong usage.\n";
+
+struct Arguments {
+    std::string directory;
+    std::string service;
+    std::string user;
+    std::string password;
+    int port = 0;
+};
+
+std::optional<int> readPort(std::string const& text) {
+    int port = 0;
+    char const* const end = text.data() + text.size();
+    std::from_chars_result const read = std::from_chars(text.data(), end, port);
+    bool const whole = read.ec == std::errc() && read.ptr == end;
+    return whole && port >= 0 && port <= kHighestPort ? std::optional<int>(port) : std::nullopt;
+}
+
+std::optional<Arguments> readArguments(int argc, char** argv) {
+    char const* const password = std::getenv("TALLOWIN_PASSWORD");
+    bool const withPort = argc == 6 && std::string(argv[4]) == "--port";
+    std::optional<int> const port = withPort ? readPort(argv[5]) : 0;
+    if (password == nullptr || !port || (argc != 4 && !withPort)) {
+        return std::nullopt;
+    }
+    return Arguments{argv[1], argv[2], argv[3], password, *port};
+}
+
+void must(char const* what, std::int32_t code) {
+    if (code != KVX_OK) {
+        throw std::runtime_error(std::string(what) + ": " + demo::resultText(code));
+    }
+}
+
+/// Registers the directory with the service, once in its life: the name of the current key is written last.
+void setUp(Arguments const& arguments) {
+    demo::SetupHandle const setup(CreateConfigurationSetup());
+    must("choosing the directory", ConfigurationSetup_SetConfiguration(setup.get(), arguments.directory.c_str()));
+    demo::CopiedText const key = demo::copiedText([&](std::int32_t* size, char* buffer) {
+        return ConfigurationSetup_GetAttribute(setup.get(), "keys/current", "", size, buffer);
+    });
+    if (key.code != KVX_E_CANNOT_OPEN) {
+        must("reading the name of the current key", key.code);
+        return;
+    }
+    must("registering", ConfigurationSetup_Reconfigure(setup.get(), arguments.service.c_str(), arguments.user.c_str(),
+                                                       arguments.password.c_str()));
+}
+
+void serve(Arguments const& arguments) {
+    sigset_t endings;
+    sigemptyset(&endings);
+    sigaddset(&endings, SIGINT);
+    sigaddset(&endings, SIGTERM);
+    // Blocked before the first thread starts, so that only sigwait() takes them.
+    pthread_sigmask(SIG_BLOCK, &endings, nullptr);
+    storefront::Storefront const shop(arguments.directory, arguments.port);
+    std::cout << "The shop is open at " << shop.address() << "/" << std::endl;
+    int ending = 0;
+    sigwait(&endings, &ending);
+    alarm(kLongestEndSeconds);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::string const first = argc > 1 ? argv[1] : "";
+    if (first == "--help" || first == "-h") {
+        std::cout << kHelp;
+        return EXIT_SUCCESS;
+    }
+    std::optional<Arguments> const arguments = readArguments(argc, argv);
+    if (!arguments) {
+        std::cerr << kHelp;
+        return kUsage;
+    }
+    try {
+        setUp(*arguments);
+        serve(*arguments);
+    } catch (std::exception const& failure) {
+        std::cerr << "tallowin-shop: " << failure.what() << '\n';
+        return EXIT_FAILURE;
+    }
+    return EXIT_SUCCESS;
+}

@@ -1,0 +1,72 @@
+#include "shoppages.h"
+
+#include "baskets.h"
+#include "markup.h"
+
+/// The pages on which one shops. Those of an order have a file of their own.
+namespace storefront {
+
+namespace {
+
+std::string priceText(std::int64_t cents) {
+    return amountText(cents) + " " + kCurrency;
+}
+
+/// A field for a quantity of `article` with the label `label`.
+std::string quantityField(Article const& article, std::string const& name, std::string const& label, int least,
+                          int quantity) {
+    std::string const id = escaped("quantity-of-" + std::string(article.id));
+    return "<label for=\"" + id + "\">" + escaped(label) + "</label> <input id=\"" + id + "\" name=\"" + escaped(name) +
+           "\" type=\"number\" inputmode=\"numeric\" min=\"" + std::to_string(least) + "\" max=\"" +
+           std::to_string(kMostOfOne) + "\" value=\"" + std::to_string(quantity) + "\" required>\n";
+}
+
+std::string offer(Article const& article) {
+    return "<article>\n<h2>" + escaped(article.name) + "</h2>\n" + paragraph(article.description) +
+           paragraph(priceText(article.cents)) +
+           "<form method=\"post\" action=\"/basket/add\">\n<input type=\"hidden\" name=\"article\" value=\"" +
+           escaped(article.id) + "\">\n" +
+           quantityField(article, "quantity", "Quantity of " + std::string(article.name), 1, 1) +
+           "<button>Add to basket</button>\n</form>\n</article>\n";
+}
+
+std::string basketRow(Article const& article, int quantity) {
+    return "<tr><td>" + quantityField(article, kQuantityField + std::string(article.id), article.name, 0, quantity) +
+           "</td><td>" + escaped(priceText(article.cents)) + "</td><td>" +
+           escaped(priceText(article.cents * quantity)) + "</td></tr>\n";
+}
+
+}  // namespace
+
+std::string cataloguePage() {
+    std::string content;
+    for (Article const& article : catalogue()) {
+        content += offer(article);
+    }
+    return wholePage("Catalogue", content);
+}
+
+std::string basketPage(Quantities const& basket) {
+    if (basket.empty()) {
+        return wholePage("Your basket", paragraph("Your basket is empty."));
+    }
+    std::string rows;
+    for (Article const& article : catalogue()) {
+        auto const found = basket.find(article.id);
+        if (found != basket.end()) {
+            rows += basketRow(article, found->second);
+        }
+    }
+    return wholePage(
+        "Your basket",
+        "<form method=\"post\" action=\"/basket/update\">\n<table>\n<thead><tr><th scope=\"col\">Article and "
+        "quantity</th><th scope=\"col\">Each</th><th scope=\"col\">Together</th></tr></thead>\n<tbody>\n" +
+            rows + "</tbody>\n</table>\n" + paragraph("Total: " + priceText(totalCents(basket))) +
+            "<button>Update quantities</button>\n</form>\n" + buttonTo("/checkout", "Check out and pay"));
+}
+
+std::string plainPage(std::string const& title, std::string const& text) {
+    return wholePage(title, paragraph(text));
+}
+
+}  // namespace storefront

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <string>
+
+#include "catalogue.h"
+#include "objection.h"
+#include "orders.h"
+
+namespace storefront {
+
+/// What is before the name of a field for the quantity of an article: "quantity-candle".
+constexpr char kQuantityField[] = "quantity-";
+
+std::string cataloguePage();
+std::string basketPage(Quantities const& basket);
+
+/// An order, and what happened underneath.
+std::string orderPage(Order const& order);
+
+/// What is not carried out, and why. `orderNumber` leads to the order that it was about; empty when there is none.
+std::string objectionPage(Objection const& objection, std::string const& orderNumber);
+
+/// For an address at which there is no page, and for requests that are no good.
+std::string plainPage(std::string const& title, std::string const& text);
+
+}  // namespace storefront

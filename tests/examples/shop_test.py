@@ -1,0 +1,607 @@
+"""The shop behind its own web pages, against a running sandbox.
+
+Uses the programs that CMakeLists.txt tells in the environment, as examples_test.py does; KVX_SHOP is the shop. Every
+wait is bounded, and none is for time to pass.
+"""
+
+import html
+import html.parser
+import http.client
+import http.server
+import json
+import os
+import re
+import signal
+import sqlite3
+import threading
+import unittest
+import urllib.parse
+
+from examples_test import Browser, Program, SandboxCase, parameters
+
+PAGE_SECONDS = 50
+OPENING = "The shop is open at "
+
+
+class Page:
+    """What the shop answered."""
+
+    def __init__(self, status, headers, body):
+        self.status = status
+        self.location = headers.get("Location")
+        self.headers = headers
+        self.body = body
+        self.text = html.unescape(re.sub(r"<style>.*?</style>|<[^>]*>", "", body, flags=re.DOTALL))
+
+    def title(self):
+        return html.unescape(re.search(r"<h1>(.*?)</h1>", self.body).group(1))
+
+
+class Visitor:
+    """A browser that keeps the shop's cookies."""
+
+    def __init__(self, shop):
+        self.shop = shop
+        self.cookies = {}
+
+    def ask(self, address, form=None):
+        """One request, to a path of the shop or an address. Redirects are not followed."""
+        parts = urllib.parse.urlsplit(urllib.parse.urljoin(self.shop, address))
+        connection = http.client.HTTPConnection(parts.hostname, parts.port, timeout=PAGE_SECONDS)
+        headers = {"Cookie": "; ".join(f"{name}={value}" for name, value in self.cookies.items())}
+        if not self.cookies:
+            headers = {}
+        content = None
+        if form is not None:
+            content = urllib.parse.urlencode(form)
+            headers["Content-Type"] = "application/x-www-form-urlencoded"
+        try:
+            connection.request("GET" if form is None else "POST", parts._replace(scheme="", netloc="").geturl(),
+                               content, headers)
+            answer = connection.getresponse()
+            page = Page(answer.status, answer.headers, answer.read().decode())
+        finally:
+            connection.close()
+        for cookie in page.headers.get_all("Set-Cookie", []):
+            name, value = cookie.split(";")[0].split("=", 1)
+            self.cookies[name] = value
+        return page
+
+    def follow(self, page):
+        """Where an answer of the shop sends the browser, inside the shop."""
+        return self.ask(page.location) if page.status == 303 else page
+
+
+class Outline(html.parser.HTMLParser):
+    """What a page is made of, for checks that hold for every page."""
+
+    VOID = {"meta", "input"}
+
+    def __init__(self, page):
+        super().__init__()
+        self.open = []
+        self.tags = []
+        self.strays = []
+        self.feed(page)
+        self.close()
+
+    def handle_starttag(self, tag, attrs):
+        self.tags.append((tag, dict(attrs)))
+        if tag not in self.VOID:
+            self.open.append(tag)
+
+    def handle_endtag(self, tag):
+        if self.open and self.open[-1] == tag:
+            self.open.pop()
+        else:
+            self.strays.append(tag)
+
+    def named(self, name):
+        return [attributes for tag, attributes in self.tags if tag == name]
+
+
+class ShopCase(SandboxCase):
+    """Each test has a shop of its own."""
+
+    def setUp(self):
+        super().setUp()
+        self.shop = self.start()
+        self.addCleanup(self.stop_shop)
+        line = self.shop.line()
+        self.assertRegex(line, "^" + OPENING + r"http://127\.0\.0\.1:\d+/$")
+        self.address = line[len(OPENING):]
+        self.visitor = Visitor(self.address)
+
+    def start(self, *options, password="demo"):
+        return Program(os.environ["KVX_SHOP"], self.merchant, self.service, "demo", *options,
+                       env={**os.environ, "TALLOWIN_PASSWORD": password})
+
+    def stop_shop(self):
+        self.assertEqual(self.shop.stop(), (0, "", ""))
+
+    def check_page(self, page, status, *wanted):
+        """The page has that status, reads so, and is decent HTML."""
+        self.assertEqual(page.status, status, page.text)
+        for text in wanted:
+            self.assertIn(text, page.text)
+        self.assertEqual(page.headers["Content-Type"], "text/html; charset=utf-8")
+        outline = Outline(page.body)
+        self.assertEqual((outline.open, outline.strays), ([], []))
+        self.assertEqual([attributes["lang"] for attributes in outline.named("html")], ["en"])
+        self.assertIn("viewport", [attributes.get("name") for attributes in outline.named("meta")])
+        self.assertEqual([len(outline.named(tag)) for tag in ("title", "main", "h1", "script")], [1, 1, 1, 0])
+        fields = [field["id"] for field in outline.named("input") if field.get("type") != "hidden"]
+        self.assertEqual([label["for"] for label in outline.named("label")], fields)
+        self.assertEqual(len(set(fields)), len(fields))
+        return page
+
+    def add(self, article, quantity, visitor=None):
+        return (visitor or self.visitor).ask("/basket/add", {"article": article, "quantity": quantity})
+
+    def check_out(self, visitor=None):
+        """Returns the payment URL."""
+        page = (visitor or self.visitor).ask("/checkout", {})
+        self.assertEqual(page.status, 303, page.text)
+        self.assertTrue(page.location.startswith(self.addresses["pay"] + "?DATA="), page.location)
+        return page.location
+
+    def buy_candle(self):
+        """A candle in the basket, and at the till. Returns the order's path and the payment URL."""
+        self.assertEqual(self.add("candle", 1).status, 303)
+        url = self.check_out()
+        return self.order_of(url), url
+
+    @staticmethod
+    def order_of(url):
+        return "/orders/" + re.search(r' ORDERID="([^"]*)"', parameters(url)[0]).group(1)
+
+    def order_page(self, path, state, *wanted):
+        page = self.check_page(self.visitor.ask(path), 200, *wanted)
+        self.assertEqual(page.title(), f"Order {path.rpartition('/')[2]}: {state}")
+        return page
+
+    def come_back(self, address, path):
+        """The browser follows the service's address, and what the shop answers leads to the order."""
+        page = self.visitor.ask(address)
+        self.assertEqual((page.status, page.location), (303, path), page.text)
+
+    def captures_and_completions(self):
+        """What reached the service, which has to end before its database tells everything."""
+        self.stop_sandbox()
+        database = sqlite3.connect(self.directory / "service" / "sandbox.db")
+        try:
+            rows = database.execute("SELECT data FROM exchanges WHERE path = '/capture' ORDER BY number").fetchall()
+        finally:
+            database.close()
+        texts = [row[0].decode() if isinstance(row[0], bytes) else row[0] for row in rows]
+        return [re.search(r'MSGTYPE="([^"]*)"', text).group(1) for text in texts]
+
+
+class ShopBasket(ShopCase):
+    def quantities(self):
+        return re.findall(r'name="quantity-(\w+)"[^>]*value="(\d+)"', self.visitor.ask("/basket").body)
+
+    def test_shows_what_can_be_bought(self):
+        page = self.check_page(self.visitor.ask("/"), 200, "Beeswax candle", "19.90 EUR", "49.00 EUR", "8.05 EUR",
+                               "Caf\u00e9 mug", "Brass & oak")
+        self.assertEqual(page.body.count("<button>Add to basket</button>"), 3)
+        self.assertEqual(self.visitor.cookies, {})
+
+    def test_keeps_quantities_for_each_visitor(self):
+        self.check_page(self.visitor.ask("/basket"), 200, "Your basket is empty")
+        for article, quantity in (("candle", 2), ("mug", 3), ("candle", 1)):
+            self.assertEqual(self.add(article, quantity).location, "/basket")
+        self.assertEqual(self.quantities(), [("candle", "3"), ("mug", "3")])
+        self.check_page(self.visitor.ask("/basket"), 200, "59.70 EUR", "24.15 EUR", "Total: 83.85 EUR")
+        self.check_page(Visitor(self.address).ask("/basket"), 200, "Your basket is empty")
+
+    def test_updates_quantities(self):
+        self.add("candle", 2)
+        self.add("candlestick", 1)
+        page = self.visitor.ask("/basket/update", {"quantity-candle": 0, "quantity-candlestick": 99})
+        self.check_page(self.visitor.follow(page), 200, "Total: 4851.00 EUR")
+        self.assertEqual(self.quantities(), [("candlestick", "99")])
+
+    def test_gives_each_visitor_a_name_of_its_own_that_scripts_cannot_read(self):
+        cookies = [self.add("mug", 1, Visitor(self.address)).headers["Set-Cookie"] for _ in range(2)]
+        for cookie in cookies:
+            self.assertRegex(cookie, r"^tallowin-shop-visitor=[0-9a-f]{32}; Path=/; HttpOnly; SameSite=Lax$")
+        self.assertNotEqual(*cookies)
+
+    def test_takes_no_name_that_it_did_not_give(self):
+        self.visitor.cookies["tallowin-shop-visitor"] = "chosen"
+        self.assertEqual(self.add("mug", 1).status, 303)
+        self.assertNotEqual(self.visitor.cookies["tallowin-shop-visitor"], "chosen")
+        self.assertEqual(self.quantities(), [("mug", "1")])
+
+    def test_refuses_odd_input_and_keeps_the_basket(self):
+        self.add("mug", 98)
+        for text in ("", "x", "-1", "1.5", "1e1", "100", "99999999999999999999", " 1", "1 ", "+1", "1\0",
+                     "<script>alert(1)</script>", "\"' onfocus=x", "&lt;", "caf\u00e9 \U0001f56f"):
+            for path, form in (("/basket/add", {"article": "mug", "quantity": text}),
+                               ("/basket/update", {"quantity-mug": text})):
+                with self.subTest(path, text=text):
+                    shown = text.replace("\0", "\ufffd")
+                    self.check_page(self.visitor.ask(path, form), 400, f'"{shown}" is not a whole number from 0 to 99')
+        for article in ("", "lamp", "<b>mug</b>"):
+            self.check_page(self.add(article, 1), 400, f'There is no article "{article}"')
+        self.check_page(self.add("mug", 2), 400, "99 of an article at most")
+        self.assertEqual(self.quantities(), [("mug", "98")])
+
+    def test_shows_bytes_that_are_no_text_as_such(self):
+        for byte in (b"\xff", b"\xc3", b"\xed\xa0\x80", b"\xc0\xaf", b"\xf4\x90\x80\x80", b"\x80", b"\x01\x7f"):
+            with self.subTest(byte):
+                page = self.check_page(self.visitor.ask("/basket/update", {"quantity-mug": byte}), 400, "\ufffd")
+                self.assertEqual(page.text.count("\ufffd"), len(byte))
+
+    def test_has_no_other_pages(self):
+        for address in ("/admin", "/checkout", "/basket/add", "/orders", "/orders/", "/orders/1/settle",
+                        "/orders/<b>", "/orders/1/refund?DATA=x", "/x" * 100):
+            with self.subTest(address):
+                self.check_page(self.visitor.ask(address), 404, "no page at this address")
+
+    def test_refuses_requests_that_are_too_long(self):
+        self.check_page(self.visitor.ask("/basket?" + "x" * 10000), 414, "HTTP calls that 414")
+        self.check_page(self.visitor.ask("/basket/update", {"quantity-mug": "1" * 10000}), 413, "HTTP calls that 413")
+
+
+class ShopPayment(ShopCase):
+    def test_sells_several_articles(self):
+        self.add("candle", 2)
+        self.add("mug", 1)
+        url = self.check_out()
+        path = self.order_of(url)
+        self.assertIn(' AMOUNT="47.85" CURRENCY="EUR"', parameters(url)[0])
+        self.order_page(path, "waiting", "Total: 47.85 EUR")
+        data, signature = parameters(self.browser.decide(url, "pay"))
+        self.come_back(self.address_for(path, "paid", data, signature), path)
+        page = self.order_page(path, "completed", "2 \u00d7 Beeswax candle", "1 \u00d7 Caf\u00e9 mug", url, signature,
+                               'RESULT="authorised"', 'MSGTYPE="PayInit"', "0 ok")
+        for function in ("CreatePayInit", "VerifyPayConfirm", "Capture", "Execute (PayComplete)"):
+            self.assertRegex(page.body, rf"_{re.escape(function)}</td><td>0 ok</td>")
+        self.check_page(self.visitor.ask("/basket"), 200, "Your basket is empty")
+        self.assertEqual(self.states(), ["completed"])
+        self.assertEqual(self.captures_and_completions(), ["PayConfirm", "PayCompleteRequest"])
+
+    def address_for(self, path, way, data, signature):
+        return path + "/" + way + "?" + urllib.parse.urlencode({"DATA": data, "SIGNATURE": signature})
+
+    def test_finds_the_order_of_a_browser_without_cookies(self):
+        path, url = self.buy_candle()
+        page = Visitor(self.address).ask(self.browser.decide(url, "pay"))
+        self.assertEqual((page.status, page.location), (303, path), page.text)
+        self.order_page(path, "completed")
+        self.check_page(self.visitor.ask("/basket"), 200, "Your basket is empty")
+
+    def test_tells_what_was_not_paid_and_takes_another_payment(self):
+        for decision, state in (("decline", "declined"), ("cancel", "cancelled")):
+            with self.subTest(decision):
+                path, first = self.buy_candle()
+                back = self.browser.decide(first, decision)
+                self.come_back(back, path)
+                self.order_page(path, state, "Nothing has been charged", "still in your basket", "Pay again")
+                self.check_page(self.visitor.ask("/basket"), 200, "Total: 19.90 EUR")
+                self.come_back(back, path)  # a page that is loaded again
+                self.order_page(path, state)
+                second = self.visitor.ask(path + "/pay", {}).location
+                self.assertEqual(self.order_of(second), path)
+                tokens = [re.search(r' TOKEN="([^"]*)"', parameters(url)[0]).group(1) for url in (first, second)]
+                self.assertNotEqual(*tokens)
+                self.order_page(path, "waiting")
+                self.check_page(self.visitor.ask(back), 400, "confirmation of another payment")
+                self.order_page(path, "waiting")
+                self.come_back(self.browser.decide(second, "pay"), path)
+                self.order_page(path, "completed")
+                self.check_page(self.visitor.ask(back), 400, "confirmation of another payment")
+                self.order_page(path, "completed")
+                self.check_page(self.visitor.ask("/basket"), 200, "Your basket is empty")
+        self.assertEqual(self.states(), ["declined", "completed", "cancelled", "completed"])
+
+    def test_goes_on_with_the_payment_of_an_order_that_waits(self):
+        path, url = self.buy_candle()
+        self.assertEqual(self.visitor.ask(path + "/pay", {}).location, url)
+
+    def test_keeps_a_basket_that_was_filled_up_during_the_payment(self):
+        path, url = self.buy_candle()
+        self.add("mug", 1)
+        self.come_back(self.browser.decide(url, "pay"), path)
+        self.check_page(self.visitor.ask("/basket"), 200, "Total: 27.95 EUR")
+
+    def test_does_not_check_out_an_empty_basket(self):
+        self.check_page(self.visitor.ask("/checkout", {}), 400, "The basket is empty")
+
+    def test_starts_a_payment_without_the_service(self):
+        """Nothing is sent at checkout, so an absent service shows in the visitor's browser only."""
+        self.stop_sandbox()
+        path, _ = self.buy_candle()
+        self.order_page(path, "waiting")
+
+    def test_tells_that_a_payment_cannot_be_prepared(self):
+        current = self.merchant / "keys" / "current"
+        key = current.read_text()
+        current.unlink()
+        self.add("mug", 1)
+        self.check_page(self.visitor.ask("/checkout", {}), 500, "could not be prepared", "0x80040219",
+                        "MessageFactory_CreatePayInit")
+        self.check_page(self.visitor.ask("/basket"), 200, "Total: 8.05 EUR")
+        current.write_text(key)
+        self.check_out()
+
+
+class ShopRefusals(ShopCase):
+    """What must not get through, each with the reason on the page, and the order as it was."""
+
+    def setUp(self):
+        super().setUp()
+        self.path, self.url = self.buy_candle()
+
+    def refuse(self, address, *reasons, state="waiting"):
+        page = self.check_page(self.visitor.ask(address), 400, *reasons)
+        self.assertNotIn("MessageObject_Capture", page.text)
+        self.order_page(self.path, state)
+
+    def pay(self):
+        """The address with which the payment service sends the visitor back."""
+        return self.browser.decide(self.url, "pay")
+
+    def test_replayed_confirmation(self):
+        paid = self.pay()
+        self.come_back(paid, self.path)
+        self.refuse(paid, "has been paid already", "Nothing has been captured a second time", state="completed")
+        self.assertEqual(self.captures_and_completions(), ["PayConfirm", "PayCompleteRequest"])
+
+    def test_own_payment_message(self):
+        own = self.url.replace(self.addresses["pay"], self.path + "/paid")
+        self.refuse(own, "it confirms nothing", 'MSGTYPE is "PayInit"')
+
+    def test_confirmation_of_another_order(self):
+        other, url = self.buy_candle()
+        paid = self.browser.decide(url, "pay")
+        self.refuse(paid.replace(other, self.path), "confirmation of another order", other.rpartition("/")[2])
+        self.come_back(paid, other)
+        self.order_page(other, "completed")
+
+    def test_altered_messages(self):
+        paid = self.pay()
+        for old, new in (("19%2e90", "1%2e90"), ("authorised", "authorised%20"), ("PayConfirm", "PayConfirn")):
+            with self.subTest(new):
+                altered = paid.replace(old, new)
+                self.assertNotEqual(altered, paid)
+                self.refuse(altered, "altered after the payment service signed it", "0x80040214")
+        self.come_back(paid, self.path)
+
+    def test_outcome_that_was_rewritten(self):
+        cancelled = self.browser.decide(self.url, "cancel")
+        self.refuse(cancelled.replace("/cancelled?", "/paid?"), 'RESULT is "cancelled", it must be "authorised"')
+        self.refuse(cancelled.replace("/cancelled?", "/paid?").replace("%22cancelled%22", "%22authorised%22"),
+                    "altered after the payment service signed it")
+        self.come_back(cancelled, self.path)
+
+    def test_missing_and_useless_signatures(self):
+        paid = self.pay()
+        bare = paid.partition("&SIGNATURE=")[0]
+        for address, reason in ((bare, "without a signature"), (bare + "&SIGNATURE=", "without a signature"),
+                                (bare + "&SIGNATURE=xyz", "its signature is none"),
+                                (bare + "&SIGNATURE=" + "0" * 128, "The signature does not fit")):
+            with self.subTest(address[-20:]):
+                self.refuse(address, "refused", reason)
+        self.come_back(paid, self.path)
+
+    def test_what_is_no_message(self):
+        signature = parameters(self.pay())[1]
+        for data, reason in (("", "not a message"), ("nonsense", "not a message"), ("<a>", "not a message"),
+                             ("<KVX/>", "does not say that the payment service signed it"), ("a\0b", "zero byte"),
+                             ("<KVX MSGTYPE=\"PayConfirm\" KEYID=\"../current\"/>", "refused")):
+            with self.subTest(data):
+                query = urllib.parse.urlencode({"DATA": data, "SIGNATURE": signature})
+                self.refuse(self.path + "/paid?" + query, reason)
+        for query in ("", "?", "?DATA", "?DATA=%", "?DATA=%zz&SIGNATURE=%0", "?SIGNATURE=00"):
+            with self.subTest(query):
+                self.refuse(self.path + "/paid" + query, "refused")
+
+    def test_unknown_order(self):
+        paid = self.pay()
+        for number in ("0", "1", "zzz"):
+            unknown = "/orders/" + number
+            self.refuse(paid.replace(self.path, unknown), f'no order with the number "{number}"')
+            for path, form in ((unknown, None), (unknown + "/pay", {}), (unknown + "/settle", {})):
+                self.check_page(self.visitor.ask(path, form), 400, "There is no such order")
+        self.come_back(paid, self.path)
+
+    def test_paying_what_is_paid(self):
+        self.come_back(self.pay(), self.path)
+        self.check_page(self.visitor.ask(self.path + "/pay", {}), 400, "not waiting for a payment")
+        self.assertEqual(self.visitor.ask(self.path + "/settle", {}).location, self.path)
+        self.assertEqual(self.captures_and_completions(), ["PayConfirm", "PayCompleteRequest"])
+
+    def test_simultaneous_returns_capture_once(self):
+        paid = self.pay()
+        count = 6
+        together = threading.Barrier(count)
+        pages = []
+
+        def come_back():
+            together.wait(PAGE_SECONDS)
+            pages.append(Visitor(self.address).ask(paid))
+
+        threads = [threading.Thread(target=come_back) for _ in range(count)]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join()
+        self.assertEqual(sorted(page.status for page in pages), [303] + [400] * (count - 1))
+        for page in pages:
+            if page.status == 400:
+                self.check_page(page, 400, "has been paid already")
+        self.order_page(self.path, "completed")
+        self.assertEqual(self.captures_and_completions(), ["PayConfirm", "PayCompleteRequest"])
+
+
+class Relay:
+    """Stands between the shop and the service's capture address, and keeps some of what passes by."""
+
+    def __init__(self, capture):
+        self.refused = set()  # types of messages that do not reach the service
+        self.lost = set()  # types of messages whose answers do not come back
+        self.passed = []  # the types of all messages that reached the service
+        relay = self
+
+        class Handler(http.server.BaseHTTPRequestHandler):
+            def do_GET(self):
+                kind = re.search(r'MSGTYPE="([^"]*)"', parameters(self.path)[0]).group(1)
+                if kind in relay.refused:
+                    self.send_error(503)
+                    return
+                relay.passed.append(kind)
+                status, _, body = Browser.ask(capture + "?" + urllib.parse.urlsplit(self.path).query)
+                if kind not in relay.lost:
+                    self.send_response(status)
+                    self.end_headers()
+                    self.wfile.write(body.encode())
+
+            def log_message(self, *_):
+                pass
+
+        self.server = http.server.HTTPServer(("127.0.0.1", 0), Handler)
+        self.address = f"http://127.0.0.1:{self.server.server_port}/capture"
+        self.thread = threading.Thread(target=self.server.serve_forever, args=(0.02,))
+        self.thread.start()
+
+    def close(self):
+        self.server.shutdown()
+        self.server.server_close()
+        self.thread.join()
+
+
+class ShopWithUnreliableService(ShopCase):
+    def setUp(self):
+        super().setUp()
+        self.relay = Relay(self.addresses["capture"])
+        self.addCleanup(self.relay.close)
+        configuration = self.merchant / "config.xml"
+        text = configuration.read_text()
+        self.assertIn(self.addresses["capture"], text)
+        configuration.write_text(text.replace(self.addresses["capture"], self.relay.address))
+        self.path, url = self.buy_candle()
+        self.paid = self.browser.decide(url, "pay")
+
+    def try_again(self):
+        page = self.visitor.ask(self.path + "/settle", {})
+        self.assertEqual((page.status, page.location), (303, self.path), page.text)
+
+    def test_completes_later_and_does_not_capture_again(self):
+        self.relay.refused = {"PayCompleteRequest"}
+        self.come_back(self.paid, self.path)
+        self.order_page(self.path, "captured", "Try again", "0x800421F7")
+        self.try_again()
+        self.order_page(self.path, "captured", "Try again")
+        self.relay.refused = set()
+        self.try_again()
+        self.order_page(self.path, "completed")
+        self.assertEqual(self.relay.passed, ["PayConfirm", "PayCompleteRequest"])
+
+    def test_asks_before_it_captures_again(self):
+        self.relay.lost = {"PayConfirm"}
+        self.come_back(self.paid, self.path)
+        self.order_page(self.path, "capture failed", "Try again")
+        self.assertEqual(self.states(), ["captured"])
+        self.relay.lost = {"StatusRequest"}
+        self.try_again()
+        self.order_page(self.path, "capture failed", "Try again")
+        self.relay.lost = set()
+        self.try_again()
+        self.order_page(self.path, "completed")
+        self.assertEqual(self.relay.passed, ["PayConfirm", "StatusRequest", "StatusRequest", "PayCompleteRequest"])
+
+
+class ShopWithoutService(ShopCase):
+    def restart_sandbox(self):
+        """The same service once more. Its port is another one, so the account has to be told."""
+        old = self.service.rpartition("/")[0]
+        self.stop_sandbox()
+        self.sandbox = Program(os.environ["KVX_SANDBOX"], "--data", self.directory / "service", "--json")
+        self.addresses = json.loads(self.sandbox.line())
+        self.service = self.addresses["auto"]
+        new = self.service.rpartition("/")[0]
+        configuration = self.merchant / "config.xml"
+        text = configuration.read_text()
+        self.assertIn(old, text)
+        configuration.write_text(text.replace(old, new))
+
+    def test_captures_later(self):
+        path, url = self.buy_candle()
+        paid = self.browser.decide(url, "pay")
+        self.stop_sandbox()
+        self.come_back(paid, path)
+        self.order_page(path, "capture failed", "did not confirm the capture", "Try again")
+        self.check_page(self.visitor.ask(paid), 400, "has been paid already")
+        self.come_back_from_settling(path)
+        self.order_page(path, "capture failed", "Try again")
+        self.restart_sandbox()
+        self.come_back_from_settling(path)
+        self.order_page(path, "completed")
+        self.assertEqual(self.states(), ["completed"])
+        self.assertEqual(self.captures_and_completions(), ["StatusRequest", "PayConfirm", "PayCompleteRequest"])
+
+    def come_back_from_settling(self, path):
+        page = self.visitor.ask(path + "/settle", {})
+        self.assertEqual((page.status, page.location), (303, path), page.text)
+
+
+class ShopProgram(ShopCase):
+    def test_ends_with_success_on_either_signal(self):
+        for ending in (signal.SIGTERM, signal.SIGINT):
+            with self.subTest(ending):
+                shop = self.start()
+                self.assertTrue(shop.line().startswith(OPENING))
+                shop.process.send_signal(ending)
+                self.assertEqual(shop.finish(), (0, "", ""))
+
+    def test_sets_up_a_directory_once(self):
+        current = self.merchant / "keys" / "current"
+        key = current.read_text()
+        shop = self.start(password="guessed, and not asked for")
+        self.assertTrue(shop.line().startswith(OPENING))
+        self.assertEqual(shop.stop(), (0, "", ""))
+        self.assertEqual(current.read_text(), key)
+
+    def test_tells_that_the_password_is_wrong(self):
+        self.merchant = self.directory / "another"
+        status, out, errors = self.start(password="guessed").finish()
+        self.assertEqual((status, out), (1, ""))
+        self.assertIn("registering: 0x80040213", errors)
+
+    def test_tells_that_the_service_is_absent(self):
+        self.stop_sandbox()
+        self.merchant = self.directory / "another"
+        status, out, errors = self.start().finish()
+        self.assertEqual((status, out), (1, ""))
+        self.assertIn("registering: 0x8004", errors)
+
+    def test_does_not_share_its_port(self):
+        port = urllib.parse.urlsplit(self.address).port
+        status, out, errors = self.start("--port", port).finish()
+        self.assertEqual((status, out), (1, ""))
+        self.assertIn(f"cannot listen on 127.0.0.1:{port}", errors)
+
+    def test_takes_a_free_port_when_told_so(self):
+        shop = self.start("--port", 0)
+        self.assertTrue(shop.line().startswith(OPENING))
+        self.assertEqual(shop.stop(), (0, "", ""))
+
+    def test_tells_its_usage(self):
+        shop = os.environ["KVX_SHOP"]
+        self.assertEqual(Program(shop).finish()[0], 2)
+        for options in (["--port"], ["--port", "x"], ["--port", "65536"], ["--port", "-1"], ["--fast", "1"],
+                        ["one more"]):
+            with self.subTest(options):
+                status, out, errors = self.start(*options).finish()
+                self.assertEqual((status, out), (2, ""))
+                self.assertIn("Usage:", errors)
+        status, out, errors = Program(shop, "--help").finish()
+        self.assertEqual((status, errors), (0, ""))
+        self.assertIn("Usage:", out)
+
+
+if __name__ == "__main__":
+    unittest.main()
