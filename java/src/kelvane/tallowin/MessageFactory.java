@@ -113,6 +113,7 @@ public final class MessageFactory implements AutoCloseable {
         }
         try {
             nDestruct();
+            // Nothing that can fail comes between: see the field of the reclaimer.
             reclaimer.handle = 0;
             m_Handle = 0;
         } catch (KVXException inUse) {

@@ -131,6 +131,7 @@ public final class MessageObject implements AutoCloseable {
         }
         try {
             nDestruct();
+            // Nothing that can fail comes between: see the field of the reclaimer.
             reclaimer.handle = 0;
             m_Handle = 0;
         } catch (KVXException inUse) {
