@@ -29,7 +29,8 @@ struct KvxOutcome {
 };
 
 /// Throws a KVXException with the code and the text `prefix` + `message`, in place of whatever exception is pending.
-/// Ends the virtual machine when there is no such class or it lacks a method.
+/// Ends the virtual machine when there is no such class, it lacks a method, or it cannot be thrown. A virtual machine
+/// that is out of memory or stack keeps its own error instead.
 ///
 /// `message`  in any encoding; borrowed.
 void kvxRaise(JNIEnv* env, std::int32_t code, char const* prefix, char const* message) noexcept;

@@ -9,10 +9,12 @@
  * that is forgotten is freed some time after the garbage collector has found it, and after a close every method fails
  * with "Invalid Handle".
  *
- * <p>Every failure is a {@link kelvane.tallowin.KVXException} that carries the result code.
+ * <p>Every failure is a {@link kelvane.tallowin.KVXException} that carries the result code; a virtual machine without
+ * memory or stack throws its own error.
  *
  * <p>Different objects may be used by different threads at once. Calls on one object wait for each other; closing an
- * object while another thread is inside one of its methods is an {@link java.lang.IllegalStateException}. Methods of
+ * object while another thread is inside one of its methods, or waits to be, is an
+ * {@link java.lang.IllegalStateException}. Methods of
  * {@link kelvane.tallowin.ConfigurationSetup} and {@link kelvane.tallowin.MessageObject} that talk to the service say so;
  * they block until the service has answered.
  *
