@@ -66,19 +66,24 @@ std::string whyNotVerified(std::int32_t code) {
 /// An attribute that a confirmation must have, and why it is refused when it has another value.
 struct Demand {
     char const* name;
-    std::string value;
+    std::vector<std::string> values;
     std::string otherwise;
 };
 
-void check(MessageHandle const& message, Demand const& demand, Calls& calls) {
+/// Returns the value. Throws Objection when it is none of those that are demanded.
+std::string check(MessageHandle const& message, Demand const& demand, Calls& calls) {
     CopiedText const found = demo::attributeOf(message, demand.name);
     bool const there = noted(calls, callFor("MessageObject_GetAttribute", demand.name), found.code);
-    if (!there || found.text != demand.value) {
-        throw Objection(
-            kRefused,
-            demand.otherwise + " " + demand.name + " is \"" + found.text + "\", it must be \"" + demand.value + "\".",
-            calls);
+    std::string wanted;
+    for (std::string const& value : demand.values) {
+        if (there && found.text == value) {
+            return value;
+        }
+        wanted += (wanted.empty() ? "\"" : " or \"") + value + "\"";
     }
+    throw Objection(kRefused,
+                    demand.otherwise + " " + demand.name + " is \"" + found.text + "\", it must be " + wanted + ".",
+                    calls);
 }
 
 }  // namespace
@@ -107,7 +112,7 @@ Payment CashDesk::openPayment(Order const& order, std::string const& orderAddres
     return opened;
 }
 
-Confirmation CashDesk::verify(Order const& order, std::string const& result, std::string const& data,
+Confirmation CashDesk::verify(Order const& order, std::vector<std::string> const& results, std::string const& data,
                               std::string const& signature, Calls& calls) const {
     if (data.find('\0') != std::string::npos) {
         // The library takes text up to a zero byte, so what stands behind it would go unverified.
@@ -130,19 +135,20 @@ Confirmation CashDesk::verify(Order const& order, std::string const& result, std
         }));
     // A good signature alone proves little: messages of other kinds and orders, and older ones, are signed as well.
     Demand const demands[] = {
-        {"MSGTYPE", "PayConfirm", "It is genuine, but it confirms nothing."},
-        {"KEYID", serverKey, "It is not the payment service who signed it."},
-        {"ORDERID", order.number, "It is genuine, but it is the confirmation of another order."},
-        {"TOKEN", order.payment.token, "It is genuine, but it is the confirmation of another payment."},
-        {"AMOUNT", amountText(order.cents), "It is over another amount."},
-        {"CURRENCY", kCurrency, "It is over an amount in another currency."},
-        {"RESULT", result, "It tells of another outcome than this address."},
+        {"MSGTYPE", {"PayConfirm"}, "It is genuine, but it confirms nothing."},
+        {"KEYID", {serverKey}, "It is not the payment service who signed it."},
+        {"ORDERID", {order.number}, "It is genuine, but it is the confirmation of another order."},
+        {"TOKEN", {order.payment.token}, "It is genuine, but it is the confirmation of another payment."},
+        {"AMOUNT", {amountText(order.cents)}, "It is over another amount."},
+        {"CURRENCY", {kCurrency}, "It is over an amount in another currency."},
     };
     for (Demand const& demand : demands) {
         check(message, demand, calls);
     }
+    std::string const result =
+        check(message, {"RESULT", results, "It tells of another outcome than this address."}, calls);
     std::string const id = mustCopy(calls, "MessageObject_GetAttribute (ID)", demo::attributeOf(message, "ID"));
-    return {order.payment.token, id, data, signature};
+    return {order.payment.token, id, result, data, signature};
 }
 
 bool CashDesk::capture(Confirmation const& confirmation, Calls& calls) const {

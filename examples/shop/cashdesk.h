@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "objection.h"
 #include "orders.h"
@@ -21,9 +22,9 @@ public:
     Payment openPayment(Order const& order, std::string const& orderAddress, Calls& calls) const;
 
     /// What is in a message that came back with the visitor, when the service signed it and it is the confirmation of
-    /// the order's latest payment, over the whole amount, with that result ("authorised"). Throws Objection with what
-    /// is wrong otherwise. Whether it has come before is the caller's question.
-    Confirmation verify(Order const& order, std::string const& result, std::string const& data,
+    /// the order's latest payment, over the whole amount, with one of `results` ("authorised"). Throws Objection with
+    /// what is wrong otherwise. Whether it has come before is the caller's question.
+    Confirmation verify(Order const& order, std::vector<std::string> const& results, std::string const& data,
                         std::string const& signature, Calls& calls) const;
 
     /// Takes the money. Network. False says only that the service did not confirm it; it may have done it.

@@ -38,7 +38,7 @@ std::optional<Order> Orders::find(std::string const& number) const {
 bool Orders::waitFor(std::string const& number, Payment const& payment, Calls const& calls) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Order& order = m_Orders.at(number);
-    if (order.state != OrderState::Declined && order.state != OrderState::Cancelled) {
+    if (!isGivenUp(order.state)) {
         return false;
     }
     order.payment = payment;

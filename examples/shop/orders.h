@@ -11,9 +11,14 @@
 
 namespace storefront {
 
-/// Where an order stands. `Waiting` leads to `Declined` and `Cancelled`, from which a new payment leads back, or to
-/// `Paid`, from which nothing leads back: then `CaptureFailed` or `Captured`, and in the end `Completed`.
-enum class OrderState { Waiting, Declined, Cancelled, Paid, CaptureFailed, Captured, Completed };
+/// Where an order stands. `Waiting` leads to `Declined`, `Expired` and `Cancelled`, from which a new payment leads
+/// back, or to `Paid`, from which nothing leads back: then `CaptureFailed` or `Captured`, and in the end `Completed`.
+enum class OrderState { Waiting, Declined, Expired, Cancelled, Paid, CaptureFailed, Captured, Completed };
+
+/// Whether the payment has come to nothing and another one may be made.
+constexpr bool isGivenUp(OrderState state) {
+    return state == OrderState::Declined || state == OrderState::Expired || state == OrderState::Cancelled;
+}
 
 /// A payment at the service, as the shop started it.
 struct Payment {
@@ -25,7 +30,8 @@ struct Payment {
 /// What came back from the service with the visitor, verified.
 struct Confirmation {
     std::string token;
-    std::string id;  ///< The payment's name at the service.
+    std::string id;      ///< The payment's name at the service.
+    std::string result;  ///< How it ended.
     std::string data;
     std::string signature;
 };
@@ -54,8 +60,8 @@ public:
 
     [[nodiscard]] std::optional<Order> find(std::string const& number) const;
 
-    /// Gives a declined or cancelled order another payment to wait for. False, changing nothing, in any other state.
-    /// Requires: the order exists, here and below.
+    /// Gives an order whose payment came to nothing another one to wait for. False, changing nothing, in any other
+    /// state. Requires: the order exists, here and below.
     bool waitFor(std::string const& number, Payment const& payment, Calls const& calls);
 
     /// A confirmation says that the order is not paid. False, changing nothing, when the order does not wait for it.

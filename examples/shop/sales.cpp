@@ -1,22 +1,44 @@
 #include "sales.h"
 
 #include <array>
+#include <stdexcept>
 #include <utility>
+#include <vector>
 
 namespace storefront {
 
 namespace {
 
 // clang-format off
-constexpr std::array<WayBack, 3> kWaysBack = {{
+constexpr std::array<WayBack, 4> kWaysBack = {{
     {"paid",      "authorised", OrderState::Paid},
     {"declined",  "declined",   OrderState::Declined},
+    {"declined",  "expired",    OrderState::Expired},
     {"cancelled", "cancelled",  OrderState::Cancelled},
 }};
 // clang-format on
 
+std::vector<std::string> resultsAt(std::string const& name) {
+    std::vector<std::string> results;
+    for (WayBack const& way : kWaysBack) {
+        if (name == way.name) {
+            results.emplace_back(way.result);
+        }
+    }
+    return results;
+}
+
+OrderState stateAfter(std::string const& result) {
+    for (WayBack const& way : kWaysBack) {
+        if (result == way.result) {
+            return way.state;
+        }
+    }
+    throw std::logic_error("a result that no way back has");
+}
+
 bool isOpen(OrderState state) {
-    return state == OrderState::Waiting || state == OrderState::Declined || state == OrderState::Cancelled;
+    return state == OrderState::Waiting || isGivenUp(state);
 }
 
 /// A genuine confirmation of the order's payment comes too late.
@@ -30,15 +52,6 @@ Objection tooLate(Order const& order, Calls const& calls) {
 }
 
 }  // namespace
-
-WayBack const* findWayBack(std::string const& name) {
-    for (WayBack const& way : kWaysBack) {
-        if (name == way.name) {
-            return &way;
-        }
-    }
-    return nullptr;
-}
 
 Sales::Sales(std::string directory, std::string address)
     : m_Address(std::move(address)), m_Desk(std::move(directory)) {}
@@ -67,7 +80,7 @@ std::string Sales::checkOut(std::string const& visitor) {
 
 std::string Sales::payAgain(std::string const& number) {
     Order const before = order(number);
-    if (before.state == OrderState::Declined || before.state == OrderState::Cancelled) {
+    if (isGivenUp(before.state)) {
         Calls calls;
         Payment const payment = m_Desk.openPayment(before, orderAddress(number), calls);
         m_Orders.waitFor(number, payment, calls);  // false after a second click: then that one's payment is there
@@ -79,14 +92,15 @@ std::string Sales::payAgain(std::string const& number) {
     return now.payment.url;
 }
 
-void Sales::comeBack(std::string const& number, WayBack const& way, std::string const& data,
+void Sales::comeBack(std::string const& number, std::string const& way, std::string const& data,
                      std::string const& signature) {
     Order const before = order(number);
     Calls calls;
-    Confirmation const confirmation = m_Desk.verify(before, way.result, data, signature, calls);
-    if (way.state != OrderState::Paid) {
-        bool const reloaded = before.state == way.state;
-        if (!m_Orders.giveUp(number, way.state, confirmation, calls) && !reloaded) {
+    Confirmation const confirmation = m_Desk.verify(before, resultsAt(way), data, signature, calls);
+    OrderState const state = stateAfter(confirmation.result);
+    if (state != OrderState::Paid) {
+        bool const reloaded = before.state == state;
+        if (!m_Orders.giveUp(number, state, confirmation, calls) && !reloaded) {
             throw tooLate(order(number), calls);
         }
         return;

@@ -8,16 +8,13 @@
 
 namespace storefront {
 
-/// How a visitor comes back from the payment service: the last part of the address, the RESULT that belongs there, and
+/// How a visitor comes back from the payment service: the last part of the address, a RESULT that belongs there, and
 /// what becomes of the order.
 struct WayBack {
     char const* name;
     char const* result;
     OrderState state;
 };
-
-/// The way back of that name, null when there is none.
-WayBack const* findWayBack(std::string const& name);
 
 /// Selling, from a full basket to a completed order. All functions may be called by any thread at any time; what the
 /// shop does not carry out is an Objection, after which everything is as before.
@@ -38,8 +35,10 @@ public:
     /// Where the visitor pays an order that waits. A declined or cancelled order gets a new payment first.
     std::string payAgain(std::string const& number);
 
-    /// The visitor is back from the payment service. A paid order is captured and completed; it is paid exactly once.
-    void comeBack(std::string const& number, WayBack const& way, std::string const& data, std::string const& signature);
+    /// The visitor is back from the payment service at the order's address that ends in `way`: "paid", "declined" or
+    /// "cancelled". A paid order is captured and completed; it is paid exactly once.
+    void comeBack(std::string const& number, std::string const& way, std::string const& data,
+                  std::string const& signature);
 
     /// Captures and completes a paid order, as far as that is still to be done. Does nothing for any other order.
     void tryAgain(std::string const& number);

@@ -19,6 +19,8 @@ StateText stateText(OrderState state) {
             return {"waiting", "It waits for its payment. Nothing has been charged."};
         case OrderState::Declined:
             return {"declined", "The payment was declined. Nothing has been charged."};
+        case OrderState::Expired:
+            return {"expired", "The time for paying was over. Nothing has been charged."};
         case OrderState::Cancelled:
             return {"cancelled", "The payment was cancelled. Nothing has been charged."};
         case OrderState::Paid:
@@ -40,6 +42,7 @@ std::string nextStep(Order const& order) {
         case OrderState::Waiting:
             return buttonTo(address + "/pay", "Go to the payment");
         case OrderState::Declined:
+        case OrderState::Expired:
         case OrderState::Cancelled:
             return paragraph("What you chose is still in your basket.") + buttonTo(address + "/pay", "Pay again");
         case OrderState::CaptureFailed:

@@ -181,9 +181,9 @@ void Storefront::tryAgain(Request const& request, Reply& reply) {
 
 void Storefront::comeBack(Request const& request, Reply& reply) {
     std::string const number = orderNumberIn(request);
-    WayBack const* const way = findWayBack(request.matches[2].str());
     // DATA is bounded: the HTTP library takes addresses of 8 KB at most.
-    m_Sales.comeBack(number, *way, request.get_param_value("DATA"), request.get_param_value("SIGNATURE"));
+    m_Sales.comeBack(number, request.matches[2].str(), request.get_param_value("DATA"),
+                     request.get_param_value("SIGNATURE"));
     reply.set_redirect("/orders/" + number, kSeeOther);
 }
 
