@@ -147,9 +147,12 @@ exec {service_out}<&"${service_process[0]}"
 ready=''
 read -r -t "$ready_seconds" -u "$service_out" ready ||
   fail_with_log "$work/service.log" "the payment service did not start"
-setup_address=$(sed -n 's/.*"auto":"\([^"]*\)".*/\1/p' <<<"$ready")
-[ -n "$setup_address" ] || fail "the payment service did not tell its address: $ready"
+address_of() { sed -n 's/.*"'"$1"'":"\([^"]*\)".*/\1/p' <<<"$ready"; }
+setup_address=$(address_of auto)
+dashboard=$(address_of dashboard)
+[ -n "$setup_address" ] && [ -n "$dashboard" ] || fail "the payment service did not tell its addresses: $ready"
 note "The payment service runs (process $service), set-up at $setup_address"
+note "Its dashboard is open at $dashboard"
 printf '\n'
 
 export TALLOWIN_PASSWORD=demo  # of the account that a sandbox is born with

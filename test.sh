@@ -3,6 +3,7 @@
 #
 #   ./test.sh               the release build, all tests
 #   ./test.sh --sanitize    all tests under AddressSanitizer + UndefinedBehaviorSanitizer, then under ThreadSanitizer
+#   ./test.sh --browser     the release build of the shop and the sandbox, and the tests that drive a browser
 #   ./test.sh --coverage    all tests, then line and branch coverage of the library
 #   ./test.sh --x86         the 32-bit build and its tests, in a 32-bit Debian of its own (scripts/x86root); needs some GB
 #
@@ -12,6 +13,8 @@ cd "$(dirname "$0")"
 
 jobs=$(nproc)
 started=$SECONDS
+targets=() # to build, everything when empty
+chosen=()  # options of ctest that choose tests
 
 # build_and_test PRESET [PLACE COMMAND...]: configures, builds and tests one preset in PLACE, each step run by COMMAND.
 build_and_test() {
@@ -20,16 +23,23 @@ build_and_test() {
   printf '== %s: configure\n' "$preset"
   "$@" cmake --preset "$preset" -B "$place" -Wno-dev >"$log" 2>&1 || { cat "$log"; return 1; }
   printf '== %s: build\n' "$preset"
-  "$@" cmake --build "$place" --parallel "$jobs" -- --quiet
+  "$@" cmake --build "$place" --parallel "$jobs" "${targets[@]}" -- --quiet
   printf '== %s: test\n' "$preset"
-  "$@" ctest --test-dir "$place" --parallel "$jobs" --output-on-failure --no-tests=error --progress
+  "$@" ctest --test-dir "$place" --parallel "$jobs" --output-on-failure --no-tests=error --progress \
+    "${chosen[@]}"
 }
 
 mode=${1:-}
 mkdir -p build
 case "$mode" in
   "")
-    scripts/setup --java
+    scripts/setup --java --browser
+    build_and_test release
+    ;;
+  --browser)
+    scripts/setup --browser
+    targets=(--target tallowin-shop tallowin-sandbox)
+    chosen=(--label-regex '^browser$')
     build_and_test release
     ;;
   --sanitize)
@@ -50,7 +60,7 @@ case "$mode" in
     build_and_test x86 /build scripts/x86root build/x86-root
     ;;
   *)
-    sed -n '2,9s/^# \{0,1\}//p' "$0"
+    sed -n '2,10s/^# \{0,1\}//p' "$0"
     exit 2
     ;;
 esac

@@ -1,14 +1,15 @@
 #include "sandbox/connection.h"
 
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <openssl/err.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <climits>
 
 namespace sandbox {
@@ -23,7 +24,6 @@ constexpr std::size_t kLargestRest = 1024 * 1024;
 
 Connection::Connection(int socket, SSL_CTX* tls) : m_Socket(socket) {
     int const yes = 1;
-    ::fcntl(socket, F_SETFD, FD_CLOEXEC);
     ::setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &kPatience, sizeof kPatience);
     ::setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &kPatience, sizeof kPatience);
     // Head and body are written apart; they must not wait for each other's acknowledgement.
@@ -35,6 +35,9 @@ Connection::Connection(int socket, SSL_CTX* tls) : m_Socket(socket) {
 }
 
 Connection::~Connection() {
+    if (m_Reset) {
+        return;
+    }
     if (m_Tls && m_Open) {
         SSL_shutdown(m_Tls.get());
     }
@@ -51,7 +54,6 @@ Connection::~Connection() {
         }
         left -= std::min(left, static_cast<std::size_t>(count));
     }
-    ::close(m_Socket);
 }
 
 bool Connection::open() {
@@ -90,6 +92,25 @@ bool Connection::write(char const* from, std::size_t size) {
         size -= static_cast<std::size_t>(count);
     }
     return true;
+}
+
+void Connection::pause(double seconds) const {
+    using Clock = std::chrono::steady_clock;
+    auto const end = Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+    for (;;) {
+        auto const left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
+        pollfd ending{m_Socket, POLLRDHUP, 0};
+        int const result = left > 0 ? ::poll(&ending, 1, static_cast<int>(left)) : 0;
+        if (result >= 0 || errno != EINTR) {
+            return;
+        }
+    }
+}
+
+void Connection::reset() {
+    linger const atOnce{1, 0};
+    ::setsockopt(m_Socket, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
+    m_Reset = true;
 }
 
 }  // namespace sandbox

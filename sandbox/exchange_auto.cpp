@@ -16,10 +16,18 @@ constexpr std::size_t kLongestKeyId = 200;
 
 /// What one request is answered from.
 struct AutoRequest {
-    Site const& site;
+    Call const& call;
     Message const& message;
     std::string const& account;
-    std::string const& baseUrl;
+    Site const& site = call.site;
+    std::string const& baseUrl = call.request.baseUrl;
+
+    [[nodiscard]] bool goesWrong(FaultKind kind) const { return call.fault && call.fault->kind == kind; }
+
+    /// The identifier that is told for that of the key which signs.
+    [[nodiscard]] std::string serverKeyId() const {
+        return goesWrong(FaultKind::StaleKey) ? site.keys.stale()->id : site.keys.current()->id;
+    }
 };
 
 Message answerSetup(AutoRequest const& request) {
@@ -29,7 +37,7 @@ Message answerSetup(AutoRequest const& request) {
         .set("VTURL", request.baseUrl + "/pay")
         .set("CAPTUREURL", request.baseUrl + "/capture")
         .set("KVX.VTAUTOURL", request.baseUrl + "/auto")
-        .set("VTKEYID", request.site.serverKeyId)
+        .set("VTKEYID", request.serverKeyId())
         .set("CUSTOMERID", request.site.store.customerOf(request.account));
     return answer;
 }
@@ -50,13 +58,26 @@ Message answerLoadDefaults(AutoRequest const& request) {
     return answer;
 }
 
-Message answerKeyQuery(AutoRequest const& request) {
-    std::string const keyId = request.message.require("KEYID");
-    if (keyId != request.site.serverKeyId) {
-        throw Refusal("this service has no key '" + keyId + "', its key is '" + request.site.serverKeyId + "'");
+/// The key that a query is answered with.
+KeyRing::Key queriedKey(AutoRequest const& request) {
+    if (request.goesWrong(FaultKind::WrongKey)) {
+        return request.site.keys.impostor();
     }
+    if (request.goesWrong(FaultKind::StaleKey)) {
+        return request.site.keys.stale();
+    }
+    std::string const keyId = request.message.require("KEYID");
+    KeyRing::Key key = request.site.keys.find(keyId);
+    if (!key) {
+        throw Refusal("this service has no key '" + keyId + "', its key is '" + request.site.keys.current()->id + "'");
+    }
+    return key;
+}
+
+Message answerKeyQuery(AutoRequest const& request) {
+    KeyRing::Key const key = queriedKey(request);
     Message answer("KeyQueryResponse");
-    answer.set("KEYID", keyId).set("KEYBLOB", publicKeyBlob(request.site.serverKey.get()));
+    answer.set("KEYID", key->id).set("KEYBLOB", publicKeyBlob(key->key.get()));
     return answer;
 }
 
@@ -77,8 +98,8 @@ Message answerKeyExport(AutoRequest const& request) {
     std::string const blob = request.message.require("KEYBLOB");
     checkKeyId(keyId);
     readPublicKeyBlob(blob);
-    bool const taken = keyId == request.site.serverKeyId ||
-                       request.site.store.addMerchantKey(keyId, {request.account, blob}, request.site.timeText()) ==
+    bool const taken = request.site.keys.find(keyId) != nullptr ||
+                       request.site.store.addMerchantKey(keyId, {request.account, blob}, request.site.clock.text()) ==
                            Store::KeyAdded::Taken;
     if (taken) {
         throw Refusal("KEYID '" + keyId + "' stands for another key already");
@@ -119,13 +140,15 @@ constexpr AutoRow kRequests[] = {
 
 }  // namespace
 
-HttpReply answerAuto(Site const& site, HttpRequest const& request, Exchange& record) {
-    std::string const text = takeData(request, record);
-    std::string const account = checkCredentials(site, request.authorization);
+HttpReply answerAuto(Call const& call) {
+    std::string const text = takeData(call);
+    std::string const account = checkCredentials(call.site, call.request.authorization);
+    call.record.steps.push_back({"The credentials are right", "account " + account});
     Message const message = Message::parse(text);
+    call.record.steps.push_back({"DATA is a message", message.type()});
     for (AutoRow const& row : kRequests) {
         if (message.type() == row.type) {
-            return messageReply(row.answer({site, message, account, request.baseUrl}).text());
+            return messageReply(row.answer({call, message, account}).text());
         }
     }
     throw Refusal("the configuration service knows no request '" + message.type() + "'");

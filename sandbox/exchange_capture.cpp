@@ -2,6 +2,7 @@
 #include <string>
 #include <vector>
 
+#include "sandbox/paymentmoves.h"
 #include "sandbox/refusal.h"
 #include "sandbox/site.h"
 
@@ -46,7 +47,7 @@ void checkRepeated(Message const& message, Payment const& payment, char const* n
 Payment lead(CaptureRequest const& request, std::vector<PaymentState> const& from, PaymentState to,
              std::vector<PaymentState> const& arrived, char const* note) {
     Payment const before = namedPayment(request);
-    bool const moved = request.site.store.advance(before.id, from, {request.site.timeText(), to, note});
+    bool const moved = request.site.store.advance(before.id, from, {request.site.clock.text(), to, note});
     Payment const now = namedPayment(request);
     if (moved) {
         return now;
@@ -83,6 +84,7 @@ Message answerComplete(CaptureRequest const& request) {
 }
 
 Message answerStatus(CaptureRequest const& request) {
+    expireWhenOverdue(request.site, namedPayment(request));
     return statusAnswer("StatusResponse", namedPayment(request));
 }
 
@@ -101,11 +103,11 @@ constexpr CaptureRow kRequests[] = {
 
 }  // namespace
 
-HttpReply answerCapture(Site const& site, HttpRequest const& request, Exchange& record) {
-    SignedMessage const sent = openSignedMessage(site, request, record);
+HttpReply answerCapture(Call const& call) {
+    SignedMessage const sent = openSignedMessage(call);
     for (CaptureRow const& row : kRequests) {
         if (sent.message.type() == row.type) {
-            return messageReply(row.answer({site, sent}).text());
+            return messageReply(row.answer({call.site, sent}).text());
         }
     }
     throw Refusal("the capture service knows no request '" + sent.message.type() + "'");

@@ -1,12 +1,12 @@
-#include <algorithm>
 #include <array>
-#include <cstddef>
 #include <ctime>
 #include <optional>
 #include <string>
 
 #include "sandbox/credentials.h"
+#include "sandbox/links.h"
 #include "sandbox/pages.h"
+#include "sandbox/paymentmoves.h"
 #include "sandbox/refusal.h"
 #include "sandbox/site.h"
 #include "sandbox/utctime.h"
@@ -31,6 +31,9 @@ struct Decision {
     char const* link;
 };
 
+/// What becomes of a payment on which nobody decides in time.
+constexpr Decision kTooLate = {"nothing", PaymentState::Expired, "FAILLINK"};
+
 // clang-format off
 constexpr std::array<Decision, 3> kDecisions = {{
     {"pay",     PaymentState::Authorised, "SUCCESSLINK"},
@@ -44,8 +47,9 @@ void checkExpiration(Site const& site, std::string const& text) {
     if (!expiration) {
         throw Refusal("EXPIRATION is not a time of the form YYYYMMDD hh:mm:ss: '" + text + "'");
     }
-    if (site.clock() > *expiration) {
-        throw Refusal("the payment has expired: EXPIRATION is " + utcText(*expiration) + ", now is " + site.timeText());
+    if (site.clock.now() > *expiration) {
+        throw Refusal("the payment has expired: EXPIRATION is " + utcText(*expiration) + ", now is " +
+                      site.clock.text());
     }
 }
 
@@ -76,14 +80,6 @@ PaymentRecord freshPayment(SignedMessage const& sent) {
     return fresh;
 }
 
-/// `link` with one more piece of query, before a fragment.
-std::string extendLink(std::string const& link, std::string const& query) {
-    std::size_t const end = std::min(link.find('#'), link.size());
-    std::string const address = link.substr(0, end);
-    char const separator = address.find('?') == std::string::npos ? '?' : '&';
-    return address + separator + query + link.substr(end);
-}
-
 Decision const& namedDecision(std::string const& name) {
     for (Decision const& decision : kDecisions) {
         if (name == decision.name) {
@@ -111,48 +107,82 @@ bool wasDecided(PaymentState state, Decision const& decision) {
     return state == decision.state || (settled && decision.state == PaymentState::Authorised);
 }
 
-/// Carries the decision out. The same decision once more (a second click) is harmless. Throws Refusal.
-void decide(Site const& site, Payment const& payment, Decision const& decision) {
-    if (payment.state == PaymentState::Opened) {
-        checkExpiration(site, payment.attribute("EXPIRATION").value_or(""));
-        HistoryEntry const step{site.timeText(), decision.state, std::string("shopper chose ") + decision.name};
-        if (site.store.advance(payment.id, {PaymentState::Opened}, step)) {
-            return;
-        }
+/// Carries the decision out, if it comes in time, and returns the one that holds. The same decision once more (a second
+/// click) is harmless. Throws Refusal.
+Decision const& decide(Site const& site, Payment const& payment, Decision const& decision) {
+    if (payment.state == PaymentState::Opened && !isOverdue(site, payment) &&
+        movePayment(site, payment, {PaymentState::Opened}, decision.state,
+                    std::string("shopper chose ") + decision.name)) {
+        return decision;
     }
+    expireWhenOverdue(site, payment);
     PaymentState const state = site.store.paymentById(payment.id)->payment.state;
+    if (state == kTooLate.state) {
+        return kTooLate;
+    }
     if (!wasDecided(state, decision)) {
         throw Refusal("the payment is " + std::string(stateName(state)) + " already", kConflict);
     }
+    return decision;
+}
+
+/// The address to which `decision` on `payment` leads; empty when the merchant gave none.
+std::string addressAfter(Call const& call, Payment const& payment, Decision const& decision) {
+    std::string const link = payment.attribute(decision.link).value_or("");
+    return link.empty()
+               ? ""
+               : extendLink(link, signedConfirmation(call.site, payment, stateName(decision.state), call.fault));
+}
+
+/// The page of a payment that is decided: nothing more can be done there but to go back to the shop.
+HttpReply answerDecided(Call const& call, Payment const& payment, std::string const& reason) {
+    call.record.verdict = reason;
+    call.record.steps.push_back({"Turned down", reason, false});
+    for (Decision const& decision : kDecisions) {
+        if (wasDecided(payment.state, decision)) {
+            return decidedPage(reason, call.record, addressAfter(call, payment, decision));
+        }
+    }
+    return decidedPage(reason, call.record, addressAfter(call, payment, kTooLate));
 }
 
 }  // namespace
 
-HttpReply answerPay(Site const& site, HttpRequest const& request, Exchange& record) {
-    SignedMessage const sent = openSignedMessage(site, request, record);
+HttpReply answerPay(Call const& call) {
+    Site const& site = call.site;
+    SignedMessage const sent = openSignedMessage(call);
     if (sent.message.type() != "PayInit") {
         throw Refusal("the payment page takes a PayInit, not a '" + sent.message.type() + "'");
+    }
+    if (std::optional<PaymentRecord> const known =
+            site.store.paymentByToken(sent.account, sent.message.require("TOKEN"))) {
+        expireWhenOverdue(site, known->payment);
     }
     checkExpiration(site, sent.message.require("EXPIRATION"));
     for (Decision const& decision : kDecisions) {
         checkLink(sent.message, decision.link);
     }
-    PaymentRecord const payment = site.store.openPayment(freshPayment(sent), site.timeText());
-    // The same message again while nothing is decided is the shopper reloading the page.
-    if (payment.message != sent.text || payment.payment.state != PaymentState::Opened) {
-        throw Refusal("TOKEN was used already, by the payment '" + payment.payment.id + "', which is " +
-                      stateName(payment.payment.state));
+    PaymentRecord const payment = site.store.openPayment(freshPayment(sent), site.clock.text());
+    std::string const reason = "TOKEN was used already, by the payment '" + payment.payment.id + "', which is " +
+                               stateName(payment.payment.state);
+    if (payment.message != sent.text) {
+        throw Refusal(reason);
+    }
+    // The same message again is the shopper reloading the page, or one whose way back to the shop was lost.
+    if (payment.payment.state != PaymentState::Opened) {
+        return answerDecided(call, payment.payment, reason);
     }
     return paymentPage(payment, site.store.customerOf(payment.payment.account));
 }
 
-HttpReply answerDecision(Site const& site, HttpRequest const& request, Exchange&) {
-    Query const form(request.body);
-    Decision const& decision = namedDecision(form.value("decision").value_or(""));
+HttpReply answerDecision(Call const& call) {
+    Site const& site = call.site;
+    Query const form(call.request.body);
+    Decision const& wanted = namedDecision(form.value("decision").value_or(""));
     Payment payment = formPayment(site, form).payment;
-    decide(site, payment, decision);
+    Decision const& decision = decide(site, payment, wanted);
     payment.state = decision.state;
-    std::string const query = site.signedQuery(confirmation(site, payment, stateName(decision.state)));
+    std::string const query = signedConfirmation(site, payment, stateName(decision.state), call.fault);
     std::string const link = payment.attribute(decision.link).value_or("");
     if (link.empty()) {
         return outcomePage(payment, query);

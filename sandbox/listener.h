@@ -4,29 +4,24 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <vector>
 
-#include "sandbox/opensslholders.h"
-#include "sandbox/site.h"
+#include "sandbox/acceptor.h"
+#include "sandbox/faultbook.h"
+#include "sandbox/httpmessages.h"
+#include "sandbox/tlsidentity.h"
 
 namespace sandbox {
 
-/// An address that is answered.
-struct Route {
-    char const* method;  ///< "GET" or "POST".
-    char const* path;
-};
-
-/// One port of 127.0.0.1. Every connection carries one exchange and is closed after it. Paths and queries are handed on
-/// as they came, up to four megabytes.
+/// An HTTP server on one port of 127.0.0.1. Every connection carries one exchange and is closed after it. Paths and
+/// queries are handed on as they came, up to four megabytes.
 class Listener {
 public:
     /// Called by several threads at once; must not throw.
     using Handler = std::function<HttpReply(HttpRequest const& request)>;
 
-    /// Takes the port (0 picks one); connections wait until start(). Null `tls` means plain HTTP. Throws
-    /// std::runtime_error.
-    Listener(std::uint16_t port, TlsContextHolder tls);
+    /// Takes the port (0 picks one); connections wait until start(). `tls` is null for plain HTTP, `faults` for a port
+    /// whose connections never fail; both are borrowed. Throws std::runtime_error.
+    Listener(std::uint16_t port, TlsIdentity const* tls, FaultBook* faults);
 
     /// Stops.
     ~Listener();
@@ -36,15 +31,24 @@ public:
     /// Without a slash at the end.
     [[nodiscard]] std::string baseUrl() const;
 
-    /// Answers the routes with `handler` until stop(). Throws std::runtime_error.
-    void start(std::vector<Route> const& routes, Handler handler);
+    /// Answers requests with `handler` until stop(). Throws std::runtime_error.
+    void start(Handler handler);
+
+    /// See Acceptor::refuseUntil().
+    void refuseUntil(Acceptor::Clock::time_point moment);
 
     /// Lets requests that have arrived finish, closes everything and returns when no thread is left.
     void stop();
 
 private:
     class Server;
+
+    void serve(int socket);
+
+    TlsIdentity const* m_Tls;  ///< Borrowed; null for plain HTTP.
+    FaultBook* m_Faults;       ///< Borrowed; null without faults.
     std::unique_ptr<Server> m_Server;
+    Acceptor m_Acceptor;  ///< Last, so that no connection is served any more when the rest goes.
 };
 
 }  // namespace sandbox

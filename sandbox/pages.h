@@ -1,30 +1,38 @@
 #pragma once
 
 #include <string>
-#include <vector>
 
+#include "sandbox/html.h"
 #include "sandbox/payment.h"
 #include "sandbox/site.h"
 
-/// The HTML pages: plain, without scripts, readable by a screen reader. Everything that comes from outside is escaped.
+/// The HTML pages: plain, without scripts, readable by a screen reader and on a phone. Everything that comes from
+/// outside is escaped.
 namespace sandbox {
 
-/// `text` as HTML text or attribute value. Control bytes become the replacement character, so that they show.
-std::string escapeHtml(std::string const& text);
-
-/// The page on which the shopper decides.
+/// The page on which the shopper decides, in the language of LANGID.
 HttpReply paymentPage(PaymentRecord const& record, std::string const& customer);
 
-/// Tells why a request was turned down and shows the message it held.
+/// Tells why a request was turned down, shows the message it held, and says what the merchant can do.
 HttpReply refusalPage(int status, std::string const& reason, Exchange const& record);
 
-/// Tells the outcome of a payment whose merchant gave no link to return to.
+/// The same for the page of a payment that is decided already, with a link to `address` unless that is empty.
+HttpReply decidedPage(std::string const& reason, Exchange const& record, std::string const& address);
+
+/// Tells the outcome of a payment whose merchant gave no link to return to. `signedQuery` is what such a link would
+/// have been given.
 HttpReply outcomePage(Payment const& payment, std::string const& signedQuery);
 
-/// Where shoppers end whose merchant uses the default links.
+/// Where shoppers end whose merchant uses the default links. A query that cannot be read gives the refusal page.
 HttpReply returnedPage(HttpRequest const& request);
 
-/// All payments and their states.
-HttpReply listPage(std::vector<Payment> const& payments);
+/// AMOUNT and CURRENCY, as far as they are there; `notGiven` stands for the amount.
+std::string amountText(Payment const& payment, std::string const& notGiven);
+
+/// Names and values as a table.
+std::string attributeTable(Attributes const& attributes);
+
+/// The attributes of the message `text` as a table, or why they cannot be shown.
+std::string attributesContent(std::string const& text);
 
 }  // namespace sandbox

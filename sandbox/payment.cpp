@@ -17,6 +17,7 @@ constexpr StateRow kStates[] = {
     {PaymentState::Authorised, "authorised"},  // the shopper pays; the merchant may capture
     {PaymentState::Declined,   "declined"},    // final
     {PaymentState::Cancelled,  "cancelled"},   // final
+    {PaymentState::Expired,    "expired"},     // final: nothing was decided in time
     {PaymentState::Captured,   "captured"},    // the merchant has taken the money
     {PaymentState::Completed,  "completed"},   // final
 };

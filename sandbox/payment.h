@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -9,12 +8,13 @@
 
 namespace sandbox {
 
-/// Where a payment stands. A shopper's decision leads from `Opened` to `Authorised`, `Declined` or `Cancelled`; the
-/// merchant leads an authorised payment on to `Captured` and `Completed`. The names are kept in the database: do not
-/// change them.
-enum class PaymentState { Opened, Authorised, Declined, Cancelled, Captured, Completed };
+/// Where a payment stands. A shopper's decision leads from `Opened` to `Authorised`, `Declined` or `Cancelled`, and
+/// time to `Expired`; the merchant leads an authorised payment on to `Captured` and `Completed`. The names are kept in
+/// the database: do not change them.
+enum class PaymentState { Opened, Authorised, Declined, Cancelled, Expired, Captured, Completed };
 
-/// The lower-case name of `state`: "opened", "authorised", "declined", "cancelled", "captured", "completed".
+/// The lower-case name of `state`: "opened", "authorised", "declined", "cancelled", "expired", "captured",
+/// "completed".
 char const* stateName(PaymentState state);
 
 /// The state of that name. Throws std::runtime_error for any other text.
@@ -38,16 +38,6 @@ struct Payment {
 
     /// The value of the attribute `name`, nothing when the PayInit had none.
     [[nodiscard]] std::optional<std::string> attribute(std::string const& name) const;
-};
-
-/// One request to the protocol's addresses and what the service thought of it.
-struct Exchange {
-    std::int64_t number = 0;  ///< Counts up from 1.
-    std::string time;         ///< UTC, "2024-01-31T23:59:07Z".
-    std::string path;         ///< Without the query.
-    std::string data;         ///< DATA, decoded; empty when it was missing or could not be decoded.
-    std::string signature;    ///< SIGNATURE as it came.
-    std::string verdict;      ///< "ok", or the reason of the refusal.
 };
 
 }  // namespace sandbox

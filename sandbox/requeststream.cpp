@@ -29,8 +29,8 @@ void describe(Lookup lookup, int socket, std::string& ip, int& port) {
 
 }  // namespace
 
-RequestStream::RequestStream(Connection& connection, std::string ahead)
-    : m_Connection(connection), m_Ahead(std::move(ahead)) {}
+RequestStream::RequestStream(Connection& connection, std::string begin, std::string ahead)
+    : m_Connection(connection), m_Received(std::move(begin)), m_Ahead(std::move(ahead)) {}
 
 ssize_t RequestStream::read(char* to, std::size_t size) {
     // The library asks for the head byte by byte, so bytes are fetched in pieces.
@@ -42,6 +42,7 @@ ssize_t RequestStream::read(char* to, std::size_t size) {
         if (count <= 0) {
             return count;
         }
+        m_Received += m_Ahead;
     }
     std::size_t const count = std::min(size, m_Ahead.size() - m_Next);
     m_Ahead.copy(to, count, m_Next);
@@ -50,7 +51,8 @@ ssize_t RequestStream::read(char* to, std::size_t size) {
 }
 
 ssize_t RequestStream::write(char const* from, std::size_t size) {
-    return m_Connection.write(from, size) ? static_cast<ssize_t>(size) : -1;
+    m_Written.append(from, size);
+    return static_cast<ssize_t>(size);
 }
 
 void RequestStream::get_remote_ip_and_port(std::string& ip, int& port) const {

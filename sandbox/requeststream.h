@@ -9,11 +9,17 @@
 
 namespace sandbox {
 
-/// What the HTTP library reads from: bytes that have been read already, then the connection.
+/// What the HTTP library reads from and writes to: bytes that have been read already, then the connection; and a text.
 class RequestStream : public httplib::Stream {
 public:
-    /// `connection` is borrowed; `ahead` has been read from it before.
-    RequestStream(Connection& connection, std::string ahead);
+    /// `connection` is borrowed; `begin` has been read from it before, and is shown to the library as `ahead`.
+    RequestStream(Connection& connection, std::string begin, std::string ahead);
+
+    /// All that came from the connection.
+    [[nodiscard]] std::string const& received() const { return m_Received; }
+
+    /// All that was written; nothing of it has been sent.
+    [[nodiscard]] std::string const& written() const { return m_Written; }
 
     [[nodiscard]] bool is_readable() const override { return true; }
     [[nodiscard]] bool is_writable() const override { return true; }
@@ -25,6 +31,8 @@ public:
 
 private:
     Connection& m_Connection;  ///< Borrowed.
+    std::string m_Received;
+    std::string m_Written;
     std::string m_Ahead;
     std::size_t m_Next = 0;  ///< First byte of m_Ahead that has not been handed out.
 };

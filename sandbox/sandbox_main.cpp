@@ -8,6 +8,7 @@
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <vector>
 
 #include "sandbox/service.h"
 
@@ -16,6 +17,7 @@ namespace {
 struct Arguments {
     sandbox::Options options;
     std::string account = "demo:demo";
+    std::vector<std::string> faults;
     bool json = false;
 };
 
@@ -27,6 +29,13 @@ void describe(CLI::App& program, Arguments& arguments) {
     program.add_flag("--tls", arguments.options.tls, "listen with TLS as well");
     program.add_option("--tls-port", arguments.options.tlsPort, "port of TLS, 0 picks a free one")
         ->capture_default_str();
+    program.add_flag("--proxy", arguments.options.proxy, "run an HTTP proxy as well, for merchants that use one");
+    program.add_option("--proxy-port", arguments.options.proxyPort, "port of the proxy, 0 picks a free one")
+        ->capture_default_str();
+    program.add_option("--control-port", arguments.options.controlPort,
+                       "port of dashboard and control API that faults never touch, 0 picks a free one")
+        ->capture_default_str();
+    program.add_option("--fault", arguments.faults, "a fault to arm: kind,name=value,... (may be given several times)");
     program.add_option("--account", arguments.account, "the merchant's account as user:password")
         ->capture_default_str()
         ->check([](std::string const& text) {
@@ -39,19 +48,27 @@ std::string readyLine(sandbox::Service const& service, Arguments const& argument
     std::string const base = service.baseUrl();
     if (!arguments.json) {
         std::string const tls = arguments.options.tls ? " and " + service.tlsBaseUrl() + "/auto" : "";
-        return "The sandbox is ready: set-up at " + base + "/auto" + tls + ", payments at " + base + "/";
+        std::string const proxy = arguments.options.proxy ? ", proxy at " + service.proxyUrl() : "";
+        return "The sandbox is ready: set-up at " + base + "/auto" + tls + proxy + ", dashboard at " + service.controlUrl() + "/";
     }
     nlohmann::json line = {{"auto", base + "/auto"},
                            {"pay", base + "/pay"},
                            {"capture", base + "/capture"},
                            {"payments", base + "/"},
+                           {"dashboard", service.controlUrl() + "/"},
+                           {"control", service.controlUrl() + "/control"},
                            {"port", service.plainPort()},
+                           {"controlPort", service.controlPort()},
                            {"serverKeyId", service.serverKeyId()},
                            {"data", arguments.options.dataDirectory}};
     if (arguments.options.tls) {
         line["tlsAuto"] = service.tlsBaseUrl() + "/auto";
         line["tlsPort"] = service.tlsPort();
         line["ca"] = service.authorityFile();
+    }
+    if (arguments.options.proxy) {
+        line["proxy"] = service.proxyUrl();
+        line["proxyPort"] = service.proxyPort();
     }
     return line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
@@ -88,6 +105,9 @@ int main(int argc, char** argv) {
     arguments.options.accountUser = arguments.account.substr(0, colon);
     arguments.options.accountPassword = arguments.account.substr(colon + 1);
     try {
+        for (std::string const& fault : arguments.faults) {
+            arguments.options.faults.push_back(sandbox::parseFault(fault));
+        }
         serve(arguments);
     } catch (std::exception const& failure) {
         std::cerr << "tallowin-sandbox: " << failure.what() << '\n';

@@ -6,71 +6,58 @@
 #include <string>
 #include <utility>
 
+#include "sandbox/control.h"
+#include "sandbox/dashboard.h"
 #include "sandbox/datadirectory.h"
 #include "sandbox/listener.h"
+#include "sandbox/notifier.h"
 #include "sandbox/pages.h"
+#include "sandbox/paymentmoves.h"
+#include "sandbox/protocol.h"
+#include "sandbox/proxy.h"
 #include "sandbox/refusal.h"
-#include "sandbox/signature.h"
 #include "sandbox/site.h"
 #include "sandbox/tlsidentity.h"
-#include "sandbox/utctime.h"
+#include "sandbox/wiretext.h"
 
 namespace sandbox {
 
 namespace {
 
 constexpr char kDatabaseFile[] = "sandbox.db";
-constexpr char kServerKeyId[] = "1-SERVER-1";
-
-/// How an address answers a request that is turned down.
-enum class RefusalForm { ErrorMessage, Page };
-
-/// One protocol address; its requests are recorded.
-struct Endpoint {
-    Route route;
-    HttpReply (*answer)(Site const& site, HttpRequest const& request, Exchange& record);
-    RefusalForm refusal;
-};
-
-// clang-format off
-constexpr Endpoint kEndpoints[] = {
-    {{"GET",  "/auto"},         answerAuto,     RefusalForm::ErrorMessage},
-    {{"GET",  "/pay"},          answerPay,      RefusalForm::Page},
-    {{"POST", "/pay/decision"}, answerDecision, RefusalForm::Page},
-    {{"GET",  "/capture"},      answerCapture,  RefusalForm::ErrorMessage},
-};
-// clang-format on
-
-constexpr Route kList{"GET", "/"};
-constexpr Route kReturned{"GET", "/returned"};
-
-/// The stored server key, made when there is none yet.
-StoredServerKey loadServerKey(Store& store, Options const& options, std::string const& time) {
-    if (std::optional<StoredServerKey> stored = store.serverKey()) {
-        return *stored;
-    }
-    StoredServerKey const fresh{kServerKeyId, privateKeyDer(makeSigningKey(options.serverKeyBits).get())};
-    store.addServerKey(fresh, time);
-    return fresh;
-}
-
-Site makeSite(Store& store, Options const& options) {
-    std::function<std::time_t()> clock = options.clock ? options.clock : [] { return std::time(nullptr); };
-    StoredServerKey const key = loadServerKey(store, options, utcText(clock()));
-    store.putAccount(options.accountUser, options.accountPassword);
-    return {store, key.id, readPrivateKeyDer(key.privateDer), std::move(clock)};
-}
+constexpr int kFormKeyBytes = 16;
 
 HttpReply plainReply(int status, std::string const& text) {
     return {status, "text/plain; charset=utf-8", text + "\n"};
 }
 
-std::vector<Route> allRoutes() {
-    std::vector<Route> routes{kList, kReturned};
-    for (Endpoint const& endpoint : kEndpoints) {
-        routes.push_back(endpoint.route);
+HttpReply dispatch(Site const& site, HttpRequest const& request) {
+    if (request.method == "HEAD") {
+        throw Refusal("HEAD is not answered here, because every request counts", 405);
     }
-    return routes;
+    if (std::optional<HttpReply> reply = answerProtocol(site, request)) {
+        return *reply;
+    }
+    if (std::optional<HttpReply> reply = answerControl(site, request)) {
+        return *reply;
+    }
+    if (std::optional<HttpReply> reply = answerDashboard(site, request)) {
+        return *reply;
+    }
+    if (request.method == "GET" && request.path == "/returned") {
+        return returnedPage(request);
+    }
+    throw Refusal("There is nothing here.", 404);
+}
+
+HttpReply answer(Site const& site, HttpRequest const& request) noexcept {
+    try {
+        return dispatch(site, request);
+    } catch (Refusal const& refusal) {
+        return plainReply(refusal.status(), refusal.what());
+    } catch (std::exception const& failure) {
+        return plainReply(500, std::string("The sandbox failed: ") + failure.what());
+    }
 }
 
 }  // namespace
@@ -82,71 +69,77 @@ public:
     explicit Running(Options const& options)
         : m_Directory(options.dataDirectory),
           m_Store(m_Directory.file(kDatabaseFile)),
-          m_Site(makeSite(m_Store, options)),
-          m_Plain(options.port, nullptr) {
+          m_Clock(options.clock),
+          m_Keys(m_Store, m_Clock, options.serverKeyBits),
+          m_Site{m_Store, m_Keys, m_Faults, m_Clock, m_Addresses, m_NotificationAdded, m_FormKey},
+          m_Notifier(m_Site, {options.notificationPatience, options.notificationPauses}),
+          m_Control(options.controlPort, nullptr, nullptr),
+          m_Plain(options.port, nullptr, &m_Faults) {
+        m_Store.putAccount(options.accountUser, options.accountPassword);
         if (options.tls) {
-            m_Tls = std::make_unique<Listener>(options.tlsPort, makeTlsContext(m_Directory));
+            m_TlsIdentity = makeTlsIdentity(m_Directory);
+            m_Tls = std::make_unique<Listener>(options.tlsPort, &m_TlsIdentity, &m_Faults);
+            m_Addresses.tls = m_Tls->baseUrl();
         }
-        auto const handler = [this](HttpRequest const& request) { return answer(request); };
-        m_Plain.start(allRoutes(), handler);
+        if (options.proxy) {
+            m_Proxy = std::make_unique<Proxy>(options.proxyPort, m_Site, options.proxyPatience);
+            m_Addresses.proxy = m_Proxy->baseUrl();
+        }
+        m_Addresses.plain = m_Plain.baseUrl();
+        m_Addresses.control = m_Control.baseUrl();
+        m_Faults.tellRefusals([this](ExchangeKind kind, FaultBook::Moment until) { refuse(kind, until); });
+        for (Fault const& fault : options.faults) {
+            m_Faults.arm(fault);
+        }
+        auto const handler = [this](HttpRequest const& request) { return answer(m_Site, request); };
+        m_Control.start(handler);
+        m_Plain.start(handler);
         if (m_Tls) {
-            m_Tls->start(allRoutes(), handler);
+            m_Tls->start(handler);
         }
+        if (m_Proxy) {
+            m_Proxy->start();
+        }
+        m_Notifier.start();
     }
 
+    ~Running() { m_Faults.tellRefusals(nullptr); }
+    Running(Running const&) = delete;
+    Running& operator=(Running const&) = delete;
+
+    [[nodiscard]] Site const& site() const { return m_Site; }
+    [[nodiscard]] Listener const& control() const { return m_Control; }
     [[nodiscard]] Listener const& plain() const { return m_Plain; }
     [[nodiscard]] Listener const* tls() const { return m_Tls.get(); }
-    [[nodiscard]] Site const& site() const { return m_Site; }
+    [[nodiscard]] Proxy const* proxy() const { return m_Proxy.get(); }
 
 private:
-    HttpReply answer(HttpRequest const& request) noexcept {
-        try {
-            return dispatch(request);
-        } catch (Refusal const& refusal) {
-            return plainReply(refusal.status(), refusal.what());
-        } catch (std::exception const& failure) {
-            return plainReply(500, std::string("The sandbox failed: ") + failure.what());
-        }
-    }
-
-    HttpReply dispatch(HttpRequest const& request) {
-        if (request.method == "HEAD") {
-            throw Refusal("HEAD is not answered here, because every request counts", 405);
-        }
-        if (request.path == kList.path) {
-            return listPage(m_Store.payments());
-        }
-        if (request.path == kReturned.path) {
-            return returnedPage(request);
-        }
-        for (Endpoint const& endpoint : kEndpoints) {
-            if (request.path == endpoint.route.path) {
-                return answerRecorded(endpoint, request);
+    void refuse(ExchangeKind kind, FaultBook::Moment until) {
+        if (kind == ExchangeKind::Proxy) {
+            if (m_Proxy) {
+                m_Proxy->refuseUntil(until);
             }
+            return;
         }
-        throw Refusal("There is nothing here.", 404);
-    }
-
-    HttpReply answerRecorded(Endpoint const& endpoint, HttpRequest const& request) {
-        Exchange record;
-        record.time = m_Site.timeText();
-        record.path = request.path;
-        record.verdict = "ok";
-        HttpReply reply;
-        try {
-            reply = endpoint.answer(m_Site, request, record);
-        } catch (Refusal const& refusal) {
-            record.verdict = refusal.what();
-            reply = endpoint.refusal == RefusalForm::Page ? refusalPage(refusal.status(), refusal.what(), record)
-                                                          : messageReply(errorMessage(refusal.what()));
+        m_Plain.refuseUntil(until);
+        if (m_Tls) {
+            m_Tls->refuseUntil(until);
         }
-        m_Store.addExchange(record);
-        return reply;
     }
 
     DataDirectory m_Directory;
     Store m_Store;
+    ServiceClock m_Clock;
+    KeyRing m_Keys;
+    FaultBook m_Faults;
+    Addresses m_Addresses;
+    std::function<void()> m_NotificationAdded = [this] { m_Notifier.wake(); };
+    std::string m_FormKey = randomHex(kFormKeyBytes);
     Site m_Site;
+    Notifier m_Notifier;
+    std::unique_ptr<Proxy> m_Proxy;  ///< Null without a proxy. Ends after the listeners, to carry their last answers.
+    TlsIdentity m_TlsIdentity;       ///< Empty without TLS.
+    Listener m_Control;
     Listener m_Plain;
     std::unique_ptr<Listener> m_Tls;  ///< Null without TLS.
 };
@@ -174,12 +167,28 @@ std::uint16_t Service::tlsPort() const {
     return m_Running && m_Running->tls() != nullptr ? m_Running->tls()->port() : std::uint16_t{0};
 }
 
+std::uint16_t Service::controlPort() const {
+    return m_Running ? m_Running->control().port() : std::uint16_t{0};
+}
+
+std::uint16_t Service::proxyPort() const {
+    return m_Running && m_Running->proxy() != nullptr ? m_Running->proxy()->port() : std::uint16_t{0};
+}
+
 std::string Service::baseUrl() const {
-    return m_Running ? m_Running->plain().baseUrl() : "";
+    return m_Running ? m_Running->site().addresses.plain : "";
 }
 
 std::string Service::tlsBaseUrl() const {
-    return m_Running && m_Running->tls() != nullptr ? m_Running->tls()->baseUrl() : "";
+    return m_Running ? m_Running->site().addresses.tls : "";
+}
+
+std::string Service::controlUrl() const {
+    return m_Running ? m_Running->site().addresses.control : "";
+}
+
+std::string Service::proxyUrl() const {
+    return m_Running ? m_Running->site().addresses.proxy : "";
 }
 
 std::string Service::authorityFile() const {
@@ -187,18 +196,42 @@ std::string Service::authorityFile() const {
 }
 
 std::string Service::serverKeyId() const {
-    return running().site().serverKeyId;
+    return running().site().keys.current()->id;
+}
+
+std::string Service::rotateServerKey() {
+    return running().site().keys.rotate()->id;
 }
 
 std::vector<Payment> Service::payments() const {
-    return running().site().store.payments();
+    return presentPayments(running().site());
 }
 
 std::vector<Exchange> Service::exchanges() const {
     return running().site().store.exchanges();
 }
 
-Service::Running const& Service::running() const {
+std::vector<Notification> Service::notifications() const {
+    return running().site().store.notifications();
+}
+
+std::int64_t Service::arm(Fault const& fault) {
+    return running().site().faults.arm(fault);
+}
+
+bool Service::liftFault(std::int64_t id) {
+    return running().site().faults.lift(id);
+}
+
+void Service::liftFaults() {
+    running().site().faults.liftAll();
+}
+
+std::vector<ArmedFault> Service::faults() {
+    return running().site().faults.armed();
+}
+
+Service::Running& Service::running() const {
     if (!m_Running) {
         throw std::runtime_error("the sandbox is not running");
     }

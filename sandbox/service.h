@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <ctime>
 #include <functional>
@@ -7,6 +8,9 @@
 #include <string>
 #include <vector>
 
+#include "sandbox/exchange.h"
+#include "sandbox/faultbook.h"
+#include "sandbox/notification.h"
 #include "sandbox/payment.h"
 
 namespace sandbox {
@@ -17,10 +21,19 @@ struct Options {
     std::uint16_t port = 0;                ///< Of plain HTTP; 0 picks a free one.
     bool tls = false;                      ///< Listen with TLS as well.
     std::uint16_t tlsPort = 0;             ///< Of TLS; 0 picks a free one.
+    std::uint16_t controlPort = 0;         ///< Of the port that no fault touches; 0 picks a free one.
+    bool proxy = false;                    ///< Run a proxy as well.
+    std::uint16_t proxyPort = 0;           ///< Of the proxy; 0 picks a free one.
     std::string accountUser = "demo";      ///< The merchant's account, created or given this password at the start.
     std::string accountPassword = "demo";  ///< Kept as a salted hash only.
     unsigned serverKeyBits = 512;          ///< Of the key that signs confirmations, when it is made at the first start.
+    std::vector<Fault> faults = {};        ///< Armed from the start.
     std::function<std::time_t()> clock = {};  ///< The time of day; empty means the system's. Called by many threads.
+    std::chrono::milliseconds proxyPatience{60'000};         ///< For what the proxy forwards to to begin to answer.
+    std::chrono::milliseconds notificationPatience{10'000};  ///< For the merchant's answer to a notification.
+
+    /// Between the attempts to notify a merchant, of which there is one more.
+    std::vector<std::chrono::milliseconds> notificationPauses = {std::chrono::seconds(1), std::chrono::seconds(5)};
 };
 
 /// The payment service, the other side of the merchant's protocol, on 127.0.0.1.
@@ -28,7 +41,7 @@ struct Options {
 /// A service is started and stopped by one thread; in between every other member may be called by any thread. It needs
 /// nothing of the component it stands against. Addresses: `/auto` set-up and keys, `/pay` payment page, `/pay/decision`
 /// the shopper's answer, `/capture` capture and completion, `/returned` where shoppers end who have no shop to go back
-/// to, `/` the list of payments.
+/// to, `/` the dashboard. All ports answer all of them.
 class Service {
 public:
     /// Remembers `options`; nothing is opened yet.
@@ -44,24 +57,34 @@ public:
     /// is left running then. Calling it on a running service throws std::logic_error.
     void start();
 
-    /// Answers the requests that are under way, closes everything and lets go of the data directory. Harmless on a
-    /// service that is not running.
+    /// Answers the requests that are under way, closes everything and lets go of the data directory. A notification that
+    /// is under way is cut and sent again after the next start. Harmless on a service that is not running.
     void stop();
 
-    /// The ports that are listened on; 0 when not running, `tlsPort` also without TLS.
+    /// The ports that are listened on; 0 when not running, `tlsPort` also without TLS, `proxyPort` without a proxy.
     [[nodiscard]] std::uint16_t plainPort() const;
     [[nodiscard]] std::uint16_t tlsPort() const;
+    [[nodiscard]] std::uint16_t controlPort() const;
+    [[nodiscard]] std::uint16_t proxyPort() const;
 
     /// "http://127.0.0.1:PORT" and "https://127.0.0.1:PORT", without a slash at the end; empty when not listened on.
     [[nodiscard]] std::string baseUrl() const;
     [[nodiscard]] std::string tlsBaseUrl() const;
 
+    /// The address that faults never touch.
+    [[nodiscard]] std::string controlUrl() const;
+
+    /// Of the proxy, in the same form; empty without one.
+    [[nodiscard]] std::string proxyUrl() const;
+
     /// The file with the certificate that TLS clients must trust.
     [[nodiscard]] std::string authorityFile() const;
 
-    /// The identifier of the key that signs confirmations. Throws std::runtime_error when not running, as do the next
-    /// two.
+    /// The identifier of the key that signs confirmations. Throws std::runtime_error when not running, as do all below.
     [[nodiscard]] std::string serverKeyId() const;
+
+    /// Makes a new key that signs from now on and returns its identifier.
+    std::string rotateServerKey();
 
     /// All payments, oldest first.
     [[nodiscard]] std::vector<Payment> payments() const;
@@ -69,10 +92,19 @@ public:
     /// All exchanges, oldest first.
     [[nodiscard]] std::vector<Exchange> exchanges() const;
 
+    /// All notifications, oldest first.
+    [[nodiscard]] std::vector<Notification> notifications() const;
+
+    /// See FaultBook.
+    std::int64_t arm(Fault const& fault);
+    bool liftFault(std::int64_t id);
+    void liftFaults();
+    [[nodiscard]] std::vector<ArmedFault> faults();
+
 private:
     class Running;
 
-    [[nodiscard]] Running const& running() const;
+    [[nodiscard]] Running& running() const;
 
     Options m_Options;
     std::unique_ptr<Running> m_Running;  ///< Null when not running.

@@ -4,7 +4,6 @@
 #include <openssl/rsa.h>
 
 #include <cstddef>
-#include <optional>
 #include <stdexcept>
 
 #include "sandbox/refusal.h"
@@ -45,17 +44,6 @@ std::string encodeDer(EVP_PKEY* key, Encode encode) {
     return der;
 }
 
-std::string digestOf(std::string const& text, Widening widening) {
-    std::string const units = widen(text, widening);
-    std::string digest(EVP_MAX_MD_SIZE, '\0');
-    unsigned length = 0;
-    if (EVP_Digest(units.data(), units.size(), bytesOf(digest), &length, EVP_sha1(), nullptr) != 1) {
-        failCrypto("make a digest");
-    }
-    digest.resize(length);
-    return digest;
-}
-
 /// A context for the bare RSA operation: PKCS#1 padding, and no digest named, so no DigestInfo is put in or taken out.
 KeyContextHolder bareOperation(EVP_PKEY* key, int (*initialise)(EVP_PKEY_CTX*)) {
     KeyContextHolder context(EVP_PKEY_CTX_new(key, nullptr));
@@ -77,6 +65,17 @@ std::string widen(std::string const& text, Widening widening) {
         units += high && widening == Widening::Sign ? '\xFF' : '\0';
     }
     return units;
+}
+
+std::string digestOf(std::string const& text, Widening widening) {
+    std::string const units = widen(text, widening);
+    std::string digest(EVP_MAX_MD_SIZE, '\0');
+    unsigned length = 0;
+    if (EVP_Digest(units.data(), units.size(), bytesOf(digest), &length, EVP_sha1(), nullptr) != 1) {
+        failCrypto("make a digest");
+    }
+    digest.resize(length);
+    return digest;
 }
 
 KeyHolder makeSigningKey(unsigned bits) {
@@ -140,10 +139,10 @@ std::string signText(EVP_PKEY* key, std::string const& text, Widening widening) 
     return toHex(signature);
 }
 
-bool verifyText(EVP_PKEY* key, std::string const& text, Widening widening, std::string const& signature) {
+std::optional<std::string> signedDigest(EVP_PKEY* key, std::string const& signature) {
     std::size_t length = static_cast<std::size_t>(EVP_PKEY_get_size(key));
     if (signature.size() != length) {
-        return false;
+        return std::nullopt;
     }
     KeyContextHolder const context = bareOperation(key, EVP_PKEY_verify_recover_init);
     std::string recovered(length, '\0');
@@ -151,10 +150,14 @@ bool verifyText(EVP_PKEY* key, std::string const& text, Widening widening, std::
         EVP_PKEY_verify_recover(context.get(), bytesOf(recovered), &length, bytesOf(signature), signature.size());
     ERR_clear_error();
     if (result != 1) {
-        return false;
+        return std::nullopt;
     }
     recovered.resize(length);
-    return recovered == digestOf(text, widening);
+    return recovered;
+}
+
+bool verifyText(EVP_PKEY* key, std::string const& text, Widening widening, std::string const& signature) {
+    return signedDigest(key, signature) == digestOf(text, widening);
 }
 
 }  // namespace sandbox

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "sandbox/opensslholders.h"
@@ -33,6 +34,13 @@ KeyHolder readPublicKeyBlob(std::string const& blob);
 
 /// The signature of `text` in lower-case hexadecimal. Throws std::runtime_error.
 std::string signText(EVP_PKEY* key, std::string const& text, Widening widening);
+
+/// The SHA-1 digest of the units of `text`.
+std::string digestOf(std::string const& text, Widening widening);
+
+/// The digest that `signature` (bytes, exactly as long as the modulus) holds under `key`, whatever was signed; nothing
+/// when it holds none.
+std::optional<std::string> signedDigest(EVP_PKEY* key, std::string const& signature);
 
 /// Whether `signature` (bytes, exactly as long as the modulus) is one of `text` under `key`.
 bool verifyText(EVP_PKEY* key, std::string const& text, Widening widening, std::string const& signature);

@@ -1,45 +1,45 @@
 #pragma once
 
-#include <ctime>
 #include <functional>
+#include <optional>
 #include <string>
 
-#include "sandbox/opensslholders.h"
-#include "sandbox/payment.h"
+#include "sandbox/faultbook.h"
+#include "sandbox/httpmessages.h"
+#include "sandbox/keyring.h"
+#include "sandbox/serviceclock.h"
 #include "sandbox/store.h"
 
 namespace sandbox {
 
-/// A request as it came in, before any decoding.
-struct HttpRequest {
-    std::string method;
-    std::string path;           ///< Without the query.
-    std::string query;          ///< Without the "?", percent-encoded.
-    std::string authorization;  ///< Value of that header.
-    std::string body;
-    std::string baseUrl;  ///< Of this service on the port that was used, without a slash at the end.
+/// The MSGTYPE of a message whose type is to be wrong.
+inline constexpr char kUnexpectedType[] = "Unexpected";
+
+/// Where the service listens: base addresses without a slash at the end, empty where it does not.
+struct Addresses {
+    std::string plain;
+    std::string tls;
+    std::string control;  ///< Plain HTTP, never touched by faults.
+    std::string proxy;
 };
 
-/// An answer. A non-empty `location` makes it a redirect.
-struct HttpReply {
-    int status = 200;
-    std::string contentType;
-    std::string body;
-    std::string location = {};
-};
-
-/// What the exchanges work on, shared by all threads.
+/// What every part of the service works on, shared by all threads.
 struct Site {
     Store& store;
-    std::string serverKeyId;
-    KeyHolder serverKey;
-    std::function<std::time_t()> clock;
+    KeyRing& keys;
+    FaultBook& faults;
+    ServiceClock& clock;
+    Addresses const& addresses;
+    std::function<void()> const& notificationAdded;  ///< To be called when the store has one more to send.
+    std::string const& formKey;                      ///< Must come back with every form of the dashboard.
+};
 
-    /// The present in the form of the history.
-    [[nodiscard]] std::string timeText() const;
-
-    /// `message` with its signature as the query of a link: "DATA=...&SIGNATURE=...".
-    [[nodiscard]] std::string signedQuery(Message const& message) const;
+/// One request while it is answered.
+struct Call {
+    Site const& site;
+    HttpRequest const& request;
+    Exchange& record;                   ///< Tells in the end what had been read and found so far.
+    std::optional<Fault> const& fault;  ///< What is to go wrong.
 };
 
 /// A message whose signature has been verified.
@@ -49,23 +49,27 @@ struct SignedMessage {
     std::string account;  ///< Owner of the key that signed it.
 };
 
-/// Takes DATA and SIGNATURE out of the query, notes both in `record`, and verifies the signature with the merchant key
-/// that KEYID names. Throws Refusal with the first thing that is wrong.
-SignedMessage openSignedMessage(Site const& site, HttpRequest const& request, Exchange& record);
+/// Takes DATA and SIGNATURE out of the query and verifies the signature with the merchant key that KEYID names. Throws
+/// Refusal with the first thing that is wrong.
+SignedMessage openSignedMessage(Call const& call);
 
-/// Takes DATA out of the query and notes it in `record`. Throws Refusal.
-std::string takeData(HttpRequest const& request, Exchange& record);
+/// Takes DATA out of the query. Throws Refusal.
+std::string takeData(Call const& call);
 
 /// A message as an answer.
 HttpReply messageReply(std::string const& text);
 
-/// The exchanges. Each throws Refusal for a request it turns down; `record` then holds what had been read so far.
-HttpReply answerAuto(Site const& site, HttpRequest const& request, Exchange& record);
-HttpReply answerPay(Site const& site, HttpRequest const& request, Exchange& record);
-HttpReply answerDecision(Site const& site, HttpRequest const& request, Exchange& record);
-HttpReply answerCapture(Site const& site, HttpRequest const& request, Exchange& record);
+/// The exchanges. Each throws Refusal for a request it turns down.
+HttpReply answerAuto(Call const& call);
+HttpReply answerPay(Call const& call);
+HttpReply answerDecision(Call const& call);
+HttpReply answerCapture(Call const& call);
 
-/// The message that confirms `payment` to its merchant, with `result` as its RESULT.
+/// The message that confirms `payment` to its merchant, with `result` as its RESULT, in the name of the current key.
 Message confirmation(Site const& site, Payment const& payment, std::string const& result);
+
+/// The same, signed, as the query of a link: "DATA=...&SIGNATURE=...". `fault` may make it wrong.
+std::string signedConfirmation(Site const& site, Payment const& payment, std::string const& result,
+                               std::optional<Fault> const& fault);
 
 }  // namespace sandbox

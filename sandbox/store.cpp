@@ -10,7 +10,7 @@ namespace sandbox {
 
 namespace {
 
-constexpr std::int64_t kLayout = 1;
+constexpr std::int64_t kLayout = 2;
 constexpr int kSaltBytes = 16;
 constexpr std::int64_t kFirstCustomer = 1001;
 
@@ -51,15 +51,31 @@ constexpr char kTables[] = R"(
         time TEXT NOT NULL,
         state TEXT NOT NULL,
         note TEXT NOT NULL);
+    CREATE TABLE notifications (
+        number INTEGER PRIMARY KEY,
+        payment TEXT NOT NULL REFERENCES payments (id),
+        address BLOB NOT NULL,
+        result TEXT NOT NULL,
+        attempts INTEGER NOT NULL,
+        pending INTEGER NOT NULL,
+        time TEXT NOT NULL,
+        outcome BLOB NOT NULL);
     CREATE TABLE exchanges (
         number INTEGER PRIMARY KEY,
         time TEXT NOT NULL,
+        kind TEXT NOT NULL,
+        order_id BLOB NOT NULL,
         path TEXT NOT NULL,
         data BLOB NOT NULL,
         signature BLOB NOT NULL,
-        verdict BLOB NOT NULL);
+        verdict BLOB NOT NULL,
+        steps TEXT NOT NULL,
+        request BLOB NOT NULL,
+        answer BLOB NOT NULL,
+        fault BLOB NOT NULL,
+        microseconds INTEGER NOT NULL);
     CREATE INDEX history_of_payment ON history (payment, number);
-    PRAGMA user_version = 1;
+    PRAGMA user_version = 2;
 )";
 
 void prepareTables(Database& database, std::string const& path) {
@@ -74,7 +90,7 @@ void prepareTables(Database& database, std::string const& path) {
         database.execute(kTables);
     } else if (layout != kLayout) {
         throw std::runtime_error(path + " has layout " + std::to_string(layout) + ", this sandbox knows layout " +
-                                 std::to_string(kLayout));
+                                 std::to_string(kLayout) + ": choose another data directory");
     }
     transaction.commit();
 }
@@ -125,13 +141,24 @@ std::string Store::customerOf(std::string const& user) {
     return std::to_string(row.numberColumn(0));
 }
 
-std::optional<StoredServerKey> Store::serverKey() {
+std::vector<std::string> Store::accounts() {
     std::lock_guard<std::mutex> const lock(m_Mutex);
-    Statement row = m_Database.prepare("SELECT id, private_der FROM server_keys ORDER BY number DESC LIMIT 1");
-    if (!row.step()) {
-        return std::nullopt;
+    Statement row = m_Database.prepare("SELECT user FROM accounts ORDER BY customer");
+    std::vector<std::string> found;
+    while (row.step()) {
+        found.push_back(row.column(0));
     }
-    return StoredServerKey{row.column(0), row.column(1)};
+    return found;
+}
+
+std::vector<StoredServerKey> Store::serverKeys() {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Statement row = m_Database.prepare("SELECT id, private_der FROM server_keys ORDER BY number");
+    std::vector<StoredServerKey> found;
+    while (row.step()) {
+        found.push_back({row.column(0), row.column(1)});
+    }
+    return found;
 }
 
 void Store::addServerKey(StoredServerKey const& key, std::string const& time) {
@@ -172,25 +199,12 @@ std::optional<MerchantKey> Store::merchantKey(std::string const& id) {
     return MerchantKey{row.column(0), row.column(1)};
 }
 
-void Store::addExchange(Exchange const& exchange) {
+std::vector<PublishedKey> Store::merchantKeys() {
     std::lock_guard<std::mutex> const lock(m_Mutex);
-    m_Database.prepare("INSERT INTO exchanges (time, path, data, signature, verdict) VALUES (?, ?, ?, ?, ?)")
-        .text(exchange.time)
-        .text(exchange.path)
-        .bytes(exchange.data)
-        .bytes(exchange.signature)
-        .bytes(exchange.verdict)
-        .step();
-}
-
-std::vector<Exchange> Store::exchanges() {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    Statement row =
-        m_Database.prepare("SELECT number, time, path, data, signature, verdict FROM exchanges ORDER BY number");
-    std::vector<Exchange> found;
+    Statement row = m_Database.prepare("SELECT id, account, blob, time FROM merchant_keys ORDER BY rowid");
+    std::vector<PublishedKey> found;
     while (row.step()) {
-        found.push_back(
-            {row.numberColumn(0), row.column(1), row.column(2), row.column(3), row.column(4), row.column(5)});
+        found.push_back({row.column(0), {row.column(1), row.column(2)}, row.column(3)});
     }
     return found;
 }

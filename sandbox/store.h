@@ -1,11 +1,14 @@
 #pragma once
 
+#include <cstdint>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "sandbox/database.h"
+#include "sandbox/exchange.h"
+#include "sandbox/notification.h"
 #include "sandbox/payment.h"
 
 namespace sandbox {
@@ -22,6 +25,13 @@ struct MerchantKey {
     std::string blob;
 };
 
+/// A merchant's public key with what is told of it to people.
+struct PublishedKey {
+    std::string id;
+    MerchantKey key;
+    std::string time;
+};
+
 /// A payment with what only the service knows of it.
 struct PaymentRecord {
     Payment payment;
@@ -29,8 +39,8 @@ struct PaymentRecord {
     std::string message;  ///< The PayInit as it came.
 };
 
-/// Accounts, keys, payments with their history and exchanges, in one SQLite file. Every member is one transaction and
-/// may be called by any thread. Failures of the database throw std::runtime_error.
+/// Accounts, keys, payments with their history, notifications and exchanges, in one SQLite file. Every member is one
+/// transaction and may be called by any thread. Failures of the database throw std::runtime_error.
 class Store {
 public:
     enum class Login { Ok, UnknownUser, WrongPassword };
@@ -46,8 +56,11 @@ public:
     /// The customer number of an existing account.
     [[nodiscard]] std::string customerOf(std::string const& user);
 
-    /// The newest server key, nothing when there is none yet.
-    [[nodiscard]] std::optional<StoredServerKey> serverKey();
+    /// The names of all accounts, oldest first.
+    [[nodiscard]] std::vector<std::string> accounts();
+
+    /// Oldest first.
+    [[nodiscard]] std::vector<StoredServerKey> serverKeys();
     void addServerKey(StoredServerKey const& key, std::string const& time);
 
     /// Adds a key to an account. `Known`: it is there already; `Taken`: the identifier stands for another key or
@@ -55,23 +68,47 @@ public:
     KeyAdded addMerchantKey(std::string const& id, MerchantKey const& key, std::string const& time);
     [[nodiscard]] std::optional<MerchantKey> merchantKey(std::string const& id);
 
+    /// Oldest first.
+    [[nodiscard]] std::vector<PublishedKey> merchantKeys();
+
     /// Adds `fresh` unless its account already has a payment with its token. Returns whichever is then stored.
     PaymentRecord openPayment(PaymentRecord const& fresh, std::string const& time);
     [[nodiscard]] std::optional<PaymentRecord> paymentById(std::string const& id);
     [[nodiscard]] std::optional<PaymentRecord> paymentByToken(std::string const& account, std::string const& token);
+
+    /// The ORDERID of any payment with this token, whosever it is; empty when there is none.
+    [[nodiscard]] std::string orderOfToken(std::string const& token);
+
+    /// Oldest first.
     [[nodiscard]] std::vector<Payment> payments();
 
-    /// Leads the payment from one of the states `from` to `step.state` and adds `step` to its history. False, with
-    /// nothing changed, when it is in none of them: of two callers at the same time one gets true.
-    bool advance(std::string const& id, std::vector<PaymentState> const& from, HistoryEntry const& step);
+    /// Leads the payment from one of the states `from` to `step.state`, adds `step` to its history and the notification
+    /// to those that are to be sent. False, with nothing changed, when it is in none of them: of two callers at the
+    /// same time one gets true.
+    bool advance(std::string const& id, std::vector<PaymentState> const& from, HistoryEntry const& step,
+                 std::optional<Notification> const& notification = std::nullopt);
 
-    void addExchange(Exchange const& exchange);
-    [[nodiscard]] std::vector<Exchange> exchanges();
+    /// All notifications, oldest first.
+    [[nodiscard]] std::vector<Notification> notifications();
+
+    /// Keeps what has become of the notification of this number.
+    void updateNotification(Notification const& notification);
+
+    /// Returns the number that the exchange got.
+    std::int64_t addExchange(Exchange const& exchange);
+
+    /// Those with numbers above `after`, oldest first.
+    [[nodiscard]] std::vector<Exchange> exchanges(std::int64_t after = 0);
+
+    /// Of the exchanges the newest `count`, newest first.
+    [[nodiscard]] std::vector<Exchange> latestExchanges(std::int64_t count);
+    [[nodiscard]] std::optional<Exchange> exchange(std::int64_t number);
 
 private:
     std::optional<PaymentRecord> findPayment(Statement& row);
     void insertPayment(PaymentRecord const& fresh, std::string const& time);
     void addHistory(std::string const& id, HistoryEntry const& step);
+    void addNotification(Notification const& notification);
 
     std::mutex m_Mutex;  ///< Held by every public member.
     Database m_Database;

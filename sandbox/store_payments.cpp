@@ -57,7 +57,17 @@ std::vector<Payment> Store::payments() {
     return found;
 }
 
-bool Store::advance(std::string const& id, std::vector<PaymentState> const& from, HistoryEntry const& step) {
+std::string Store::orderOfToken(std::string const& token) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Statement row = m_Database.prepare(
+        "SELECT a.value FROM payments p JOIN payment_attributes a ON a.payment = p.id AND a.name = 'ORDERID' "
+        "WHERE p.token = ? LIMIT 1");
+    row.text(token);
+    return row.step() ? row.column(0) : "";
+}
+
+bool Store::advance(std::string const& id, std::vector<PaymentState> const& from, HistoryEntry const& step,
+                    std::optional<Notification> const& notification) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Transaction transaction(m_Database);
     {
@@ -71,8 +81,34 @@ bool Store::advance(std::string const& id, std::vector<PaymentState> const& from
     }
     m_Database.prepare("UPDATE payments SET state = ? WHERE id = ?").text(stateName(step.state)).text(id).step();
     addHistory(id, step);
+    if (notification) {
+        addNotification(*notification);
+    }
     transaction.commit();
     return true;
+}
+
+std::vector<Notification> Store::notifications() {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Statement row = m_Database.prepare(
+        "SELECT number, payment, address, result, attempts, pending, time, outcome FROM notifications ORDER BY number");
+    std::vector<Notification> found;
+    while (row.step()) {
+        found.push_back({row.numberColumn(0), row.column(1), row.column(2), row.column(3), row.numberColumn(4),
+                         row.numberColumn(5) != 0, row.column(6), row.column(7)});
+    }
+    return found;
+}
+
+void Store::updateNotification(Notification const& notification) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    m_Database.prepare("UPDATE notifications SET attempts = ?, pending = ?, time = ?, outcome = ? WHERE number = ?")
+        .number(notification.attempts)
+        .number(notification.pending ? 1 : 0)
+        .text(notification.time)
+        .bytes(notification.outcome)
+        .number(notification.number)
+        .step();
 }
 
 std::optional<PaymentRecord> Store::findPayment(Statement& row) {
@@ -129,6 +165,21 @@ void Store::addHistory(std::string const& id, HistoryEntry const& step) {
         .text(step.time)
         .text(stateName(step.state))
         .text(step.note)
+        .step();
+}
+
+void Store::addNotification(Notification const& notification) {
+    m_Database
+        .prepare(
+            "INSERT INTO notifications (payment, address, result, attempts, pending, time, outcome) "
+            "VALUES (?, ?, ?, ?, ?, ?, ?)")
+        .text(notification.payment)
+        .bytes(notification.address)
+        .text(notification.result)
+        .number(notification.attempts)
+        .number(notification.pending ? 1 : 0)
+        .text(notification.time)
+        .bytes(notification.outcome)
         .step();
 }
 

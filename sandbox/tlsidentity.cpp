@@ -17,11 +17,16 @@ namespace sandbox {
 namespace {
 
 constexpr char kAuthorityFile[] = "ca.pem";
-constexpr char kCertificateFile[] = "server.pem";
 constexpr char kKeyFile[] = "server-key.pem";
+constexpr char kSoundFile[] = "server.pem";
+constexpr char kExpiredFile[] = "server-expired.pem";
+constexpr char kWrongHostFile[] = "server-wrong-host.pem";
+constexpr char kUnknownAuthorityFile[] = "server-unknown-authority.pem";
 
 constexpr std::size_t kKeyBits = 2048;
-constexpr long kLifetimeSeconds = 10L * 365 * 24 * 60 * 60;
+constexpr long kDay = 24L * 60 * 60;
+constexpr char kOwnHosts[] = "IP:127.0.0.1,DNS:localhost";
+constexpr char kOtherHost[] = "DNS:elsewhere.example";
 constexpr long kX509Version3 = 2;
 
 using Extensions = std::vector<std::pair<int, char const*>>;
@@ -64,9 +69,15 @@ void addExtensions(X509* certificate, X509* issuer, Extensions const& extensions
     }
 }
 
+/// When a certificate is valid, in seconds from now.
+struct Validity {
+    long from = -kDay;
+    long until = 10 * 365 * kDay;
+};
+
 /// A certificate for `key` under `issuer`, or under itself when `issuer` is null.
 CertificateHolder makeCertificate(char const* commonName, EVP_PKEY* key, X509* issuer, EVP_PKEY* issuerKey,
-                                  Extensions const& extensions) {
+                                  Extensions const& extensions, Validity validity = {}) {
     CertificateHolder certificate(X509_new());
     check(certificate != nullptr, "make a certificate");
     X509* const raw = certificate.get();
@@ -75,8 +86,8 @@ CertificateHolder makeCertificate(char const* commonName, EVP_PKEY* key, X509* i
     setSubject(raw, commonName);
     X509* const signer = issuer != nullptr ? issuer : raw;
     check(X509_set_issuer_name(raw, X509_get_subject_name(signer)) == 1, "set the issuer");
-    check(X509_gmtime_adj(X509_getm_notBefore(raw), -24L * 60 * 60) != nullptr, "set the start");
-    check(X509_gmtime_adj(X509_getm_notAfter(raw), kLifetimeSeconds) != nullptr, "set the end");
+    check(X509_gmtime_adj(X509_getm_notBefore(raw), validity.from) != nullptr, "set the start");
+    check(X509_gmtime_adj(X509_getm_notAfter(raw), validity.until) != nullptr, "set the end");
     check(X509_set_pubkey(raw, key) == 1, "set the public key");
     addExtensions(raw, signer, extensions);
     check(X509_sign(raw, issuerKey, EVP_sha256()) > 0, "sign a certificate");
@@ -101,39 +112,54 @@ std::string keyPem(EVP_PKEY* key) {
     return contentOf(bio.get());
 }
 
-void makeIdentity(DataDirectory const& directory) {
-    KeyHolder const authorityKey = makeKey();
-    CertificateHolder const authority =
-        makeCertificate("Tallowin sandbox authority", authorityKey.get(), nullptr, authorityKey.get(),
-                        {{NID_basic_constraints, "critical,CA:TRUE,pathlen:0"},
-                         {NID_key_usage, "critical,keyCertSign,cRLSign"},
-                         {NID_subject_key_identifier, "hash"}});
+/// An authority with its key, for as long as it takes to sign what is under it.
+struct Authority {
+    KeyHolder key = makeKey();
+    CertificateHolder certificate = makeCertificate("Tallowin sandbox authority", key.get(), nullptr, key.get(),
+                                                    {{NID_basic_constraints, "critical,CA:TRUE,pathlen:0"},
+                                                     {NID_key_usage, "critical,keyCertSign,cRLSign"},
+                                                     {NID_subject_key_identifier, "hash"}});
+
+    [[nodiscard]] std::string sign(EVP_PKEY* serverKey, char const* hosts, Validity validity = {}) const {
+        return certificatePem(makeCertificate("Tallowin sandbox", serverKey, certificate.get(), key.get(),
+                                              {{NID_basic_constraints, "critical,CA:FALSE"},
+                                               {NID_key_usage, "critical,digitalSignature,keyEncipherment"},
+                                               {NID_ext_key_usage, "serverAuth"},
+                                               {NID_subject_key_identifier, "hash"},
+                                               {NID_authority_key_identifier, "keyid"},
+                                               {NID_subject_alt_name, hosts}},
+                                              validity)
+                                  .get());
+    }
+};
+
+void makeFiles(DataDirectory const& directory) {
+    Authority const authority;
+    Authority const unknown;
     KeyHolder const serverKey = makeKey();
-    CertificateHolder const server =
-        makeCertificate("Tallowin sandbox", serverKey.get(), authority.get(), authorityKey.get(),
-                        {{NID_basic_constraints, "critical,CA:FALSE"},
-                         {NID_key_usage, "critical,digitalSignature,keyEncipherment"},
-                         {NID_ext_key_usage, "serverAuth"},
-                         {NID_subject_key_identifier, "hash"},
-                         {NID_authority_key_identifier, "keyid"},
-                         {NID_subject_alt_name, "IP:127.0.0.1,DNS:localhost"}});
     directory.write(kKeyFile, keyPem(serverKey.get()));
-    directory.write(kCertificateFile, certificatePem(server.get()));
+    directory.write(kSoundFile, authority.sign(serverKey.get(), kOwnHosts));
+    directory.write(kExpiredFile, authority.sign(serverKey.get(), kOwnHosts, {-2 * kDay, -kDay}));
+    directory.write(kWrongHostFile, authority.sign(serverKey.get(), kOtherHost));
+    directory.write(kUnknownAuthorityFile, unknown.sign(serverKey.get(), kOwnHosts));
     // Last, because its presence says that the set is complete.
-    directory.write(kAuthorityFile, certificatePem(authority.get()));
+    directory.write(kAuthorityFile, certificatePem(authority.certificate.get()));
 }
 
-}  // namespace
-
-TlsContextHolder makeTlsContext(DataDirectory const& directory) {
-    bool const complete = !directory.read(kKeyFile).empty() && !directory.read(kCertificateFile).empty() &&
-                          !directory.read(kAuthorityFile).empty();
-    if (!complete) {
-        makeIdentity(directory);
+bool isComplete(DataDirectory const& directory) {
+    for (char const* name :
+         {kKeyFile, kSoundFile, kExpiredFile, kWrongHostFile, kUnknownAuthorityFile, kAuthorityFile}) {
+        if (directory.read(name).empty()) {
+            return false;
+        }
     }
+    return true;
+}
+
+TlsContextHolder makeContext(DataDirectory const& directory, char const* certificateName) {
     TlsContextHolder context(SSL_CTX_new(TLS_server_method()));
     check(context != nullptr, "make a server context");
-    std::string const certificateFile = directory.file(kCertificateFile);
+    std::string const certificateFile = directory.file(certificateName);
     std::string const keyFile = directory.file(kKeyFile);
     if (SSL_CTX_use_certificate_file(context.get(), certificateFile.c_str(), SSL_FILETYPE_PEM) != 1) {
         fail("use " + certificateFile);
@@ -143,6 +169,29 @@ TlsContextHolder makeTlsContext(DataDirectory const& directory) {
     }
     check(SSL_CTX_set_min_proto_version(context.get(), TLS1_2_VERSION) == 1, "set the lowest TLS version");
     return context;
+}
+
+}  // namespace
+
+SSL_CTX* TlsIdentity::context(std::optional<Fault> const& fault) const {
+    if (fault && fault->kind == FaultKind::TlsExpired) {
+        return expired.get();
+    }
+    if (fault && fault->kind == FaultKind::TlsWrongHost) {
+        return wrongHost.get();
+    }
+    if (fault && fault->kind == FaultKind::TlsUnknownAuthority) {
+        return unknownAuthority.get();
+    }
+    return sound.get();
+}
+
+TlsIdentity makeTlsIdentity(DataDirectory const& directory) {
+    if (!isComplete(directory)) {
+        makeFiles(directory);
+    }
+    return {makeContext(directory, kSoundFile), makeContext(directory, kExpiredFile),
+            makeContext(directory, kWrongHostFile), makeContext(directory, kUnknownAuthorityFile)};
 }
 
 }  // namespace sandbox

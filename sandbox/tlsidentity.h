@@ -1,13 +1,28 @@
 #pragma once
 
+#include <optional>
+
 #include "sandbox/datadirectory.h"
+#include "sandbox/fault.h"
 #include "sandbox/opensslholders.h"
 
 namespace sandbox {
 
-/// A TLS server context for 127.0.0.1 and localhost, from the files server-key.pem and server.pem. When they or ca.pem
-/// are missing, all three are made afresh: an authority of their own (its private key is not kept) and a server
-/// certificate under it. Clients trust ca.pem. Throws std::runtime_error.
-TlsContextHolder makeTlsContext(DataDirectory const& directory);
+/// What a TLS server can show of itself: a sound certificate for 127.0.0.1 and localhost, and some that clients should
+/// not trust.
+struct TlsIdentity {
+    TlsContextHolder sound;
+    TlsContextHolder expired;
+    TlsContextHolder wrongHost;
+    TlsContextHolder unknownAuthority;
+
+    /// The context for a connection that `fault` happens to.
+    [[nodiscard]] SSL_CTX* context(std::optional<Fault> const& fault) const;
+};
+
+/// Server contexts from the files server-key.pem and server*.pem. When one of them or ca.pem is missing, all are made
+/// afresh: an authority of their own (its private key is not kept) and certificates under it. Clients trust ca.pem.
+/// Throws std::runtime_error.
+TlsIdentity makeTlsIdentity(DataDirectory const& directory);
 
 }  // namespace sandbox

@@ -70,7 +70,7 @@ class Browser:
         if status != 200:
             raise AssertionError(f"the payment page answered {status}: {page}")
         form = {name: html.unescape(value)
-                for name, value in re.findall(r'<input type="hidden" name="([^"]*)" value="([^"]*)">', page)}
+                for name, value in re.findall(r'<input type="hidden" name="([^"]*)" value="([^"]*)"/>', page)}
         form["decision"] = decision
         status, location, page = self.ask(urllib.parse.urljoin(url, "/pay/decision"), form)
         if status != 302:
@@ -106,8 +106,8 @@ class SandboxCase(unittest.TestCase):
 
     def states(self):
         """The state of every payment, in the order in which they were opened."""
-        page = Browser.ask(self.addresses["payments"])[2]
-        return re.findall(r"<td>([^<]*)</td></tr>", page)
+        answer = Browser.ask(self.addresses["control"] + "/payments")[2]
+        return [payment["state"] for payment in json.loads(answer)["payments"]]
 
 
 def java_example(name):

@@ -11,10 +11,6 @@ namespace {
 using sandboxtest::parseAnswer;
 using sandboxtest::RawAnswer;
 
-std::string getRequest(std::string const& url) {
-    return "GET " + targetOf(url) + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n";
-}
-
 /// The value of a hidden field of a form.
 std::string field(std::string const& page, std::string const& name) {
     std::string const start = "name=\"" + name + "\" value=\"";
@@ -24,19 +20,23 @@ std::string field(std::string const& page, std::string const& name) {
     return at == std::string::npos ? "" : page.substr(from, page.find('"', from) - from);
 }
 
+}  // namespace
+
+std::string targetOf(std::string const& url) {
+    std::size_t const authority = url.find("://") + 3;
+    return url.substr(url.find('/', authority));
+}
+
+std::string getRequest(std::string const& url) {
+    return "GET " + targetOf(url) + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n";
+}
+
 Returned takeApart(std::string const& location) {
     Returned returned;
     returned.link = location.substr(0, location.find_first_of("?&", location.find("DATA=") - 1));
     returned.data = sandboxtest::decode(sandboxtest::queryValue(location, "DATA"));
     returned.signature = sandboxtest::queryValue(location, "SIGNATURE");
     return returned;
-}
-
-}  // namespace
-
-std::string targetOf(std::string const& url) {
-    std::size_t const authority = url.find("://") + 3;
-    return url.substr(url.find('/', authority));
 }
 
 std::string FlowMessage::get(std::string const& name) const {
@@ -140,12 +140,15 @@ std::string Sandbox::exchange(std::string const& url, std::string const& request
                                     tls ? m_Service.authorityFile() : "");
 }
 
-Returned Sandbox::shopper(std::string const& url, std::string const& decision) const {
+std::string Sandbox::decisionRequest(std::string const& url, std::string const& decision) const {
     RawAnswer const page = parseAnswer(exchange(url, getRequest(url)));
     EXPECT_EQ(page.status, 200) << page.body;
-    std::string const form =
-        "payment=" + field(page.body, "payment") + "&key=" + field(page.body, "key") + "&decision=" + decision;
-    RawAnswer const back = parseAnswer(exchange(url, sandboxtest::formPost("/pay/decision", form)));
+    return sandboxtest::formPost("/pay/decision", "payment=" + field(page.body, "payment") +
+                                                      "&key=" + field(page.body, "key") + "&decision=" + decision);
+}
+
+Returned Sandbox::shopper(std::string const& url, std::string const& decision) const {
+    RawAnswer const back = parseAnswer(exchange(url, decisionRequest(url, decision)));
     EXPECT_EQ(back.status, 302) << back.body;
     return back.status == 302 ? takeApart(back.headers.at("location")) : Returned{};
 }

@@ -87,7 +87,10 @@ public:
     [[nodiscard]] std::string autoUrl() const { return m_Service.baseUrl() + "/auto"; }
     [[nodiscard]] std::string tlsAutoUrl() const { return m_Service.tlsBaseUrl() + "/auto"; }
 
-    /// Opens the page at `url` as a shopper does and takes `decision`: pay, decline or cancel.
+    /// Opens the page at `url` and returns the request that its button for `decision` sends: pay, decline or cancel.
+    [[nodiscard]] std::string decisionRequest(std::string const& url, std::string const& decision) const;
+
+    /// Opens the page at `url` as a shopper does and takes `decision`.
     [[nodiscard]] Returned shopper(std::string const& url, std::string const& decision) const;
 
     /// The status of the page at `url`.
@@ -112,6 +115,12 @@ private:
 
 /// "/path?query" of an absolute URL.
 std::string targetOf(std::string const& url);
+
+/// What a browser sends to open `url`.
+std::string getRequest(std::string const& url);
+
+/// What comes back with a shopper who is sent to `location`.
+Returned takeApart(std::string const& location);
 
 }  // namespace kvxtest
 

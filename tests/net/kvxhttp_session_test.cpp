@@ -120,7 +120,6 @@ TEST(HttpSession, ReceivesAnswersHoweverTheyArrive) {
     std::string const body = answer.substr(answer.find("\r\n\r\n") + 4);
     RawServer::Script const ways[] = {
         [&](Peer& peer) { peer.send(answer); },
-        [&](Peer& peer) { peer.sendBytewise(answer); },
         [&](Peer& peer) {
             for (std::size_t at = 0; at < answer.size(); at += 700) {
                 peer.send(answer.substr(at, 700));
@@ -141,36 +140,11 @@ TEST(HttpSession, ReceivesAnswersHoweverTheyArrive) {
     }
 }
 
-TEST(HttpSession, ReportsEveryStatusOfTheServer) {
-    struct {
-        int m_Status;
-        std::uint32_t m_Code;
-        char const* m_Text;
-    } const cases[] = {
-        {401, 0x80042191U, "access to URL resource denied"},
-        {404, 0x80042194U, "URL resource not found"},
-        {503, 0x800421F7U, "server temporarily unavailable"},
-        {100, 0x80042064U, "ErrorCode = 0x80042064"},
-        {201, 0x800420C9U, "ErrorCode = 0x800420c9"},
-        {302, 0x8004212EU, "ErrorCode = 0x8004212e"},  // redirects are not followed
-        {500, 0x800421F4U, "ErrorCode = 0x800421f4"},
-    };
-    for (auto const& row : cases) {
-        RawServer const server("HTTP/1.0 " + std::to_string(row.m_Status) +
-                               " Reason\r\nLocation: /elsewhere\r\n\r\nbody");
-        Thrown const failure = thrown([&] { fetch(plainUrl(server, "/")); });
-        EXPECT_EQ(bits(failure.code), row.m_Code);
-        EXPECT_EQ(failure.text, row.m_Text);
-        EXPECT_EQ(failure.file, "kvxhttp");
-        EXPECT_EQ(failure.line, 855);
-    }
-}
-
-TEST(HttpSession, LeavesTheOutputAloneWhenItFails) {
-    RawServer const server("HTTP/1.0 404 Not Found\r\n\r\nbody");
-    TbStringStream out("kept");
-    EXPECT_EQ(bits(thrownCode([&] { HttpSession(requestFor(plainUrl(server, "/")), out); })), 0x80042194U);
-    EXPECT_EQ(bytesOf(out), "kept");
+TEST(HttpSession, KeepsRedirectsUnfollowed) {
+    RawServer const server("HTTP/1.0 302 Found\r\nLocation: /elsewhere\r\n\r\nbody");
+    Thrown const failure = thrown([&] { fetch(plainUrl(server, "/")); });
+    EXPECT_EQ(bits(failure.code), 0x8004212EU);
+    EXPECT_EQ(failure.text, "ErrorCode = 0x8004212e");
 }
 
 TEST(HttpSession, ReportsHostsThatCannotBeResolved) {
@@ -201,15 +175,6 @@ TEST(HttpSession, ResolvesTheHostBeforeItLooksAtTheScheme) {
     EXPECT_EQ(bits(thrownCode([] { fetch("httpsx://gateway/x"); })), 0x80042021U);
 }
 
-TEST(HttpSession, ReportsARefusedConnection) {
-    ClosedPort const nobody;
-    for (char const* const scheme : {"http", "https"}) {
-        Thrown const failure = thrown([&] { fetch(std::string(scheme) + "://127.0.0.1:" + nobody.text() + "/x"); });
-        EXPECT_EQ(bits(failure.code), 0x8004303DU);
-        EXPECT_EQ(failure.text, "connection refused (failed to connect to host)");
-    }
-}
-
 TEST(HttpSession, ReportsAHandshakeThatFails) {
     RawServer const server([](Peer& peer) {
         peer.receive();
@@ -224,16 +189,6 @@ TEST(HttpSession, ReportsAHandshakeThatFails) {
     EXPECT_EQ(failure.text, "ErrorCode = 0x8004410b (failed to setup protocol)");
 }
 
-TEST(HttpSession, MeetsACleanlyRefusedHandshakeWhenItWrites) {
-    RawServer const server([](Peer& peer) {
-        peer.receive();
-        peer.finish();
-    });
-    Thrown const failure = thrown([&] { fetch(secureUrl(server, "/")); });
-    EXPECT_EQ(bits(failure.code) & 0xFFFFF000U, 0x80044000U);
-    EXPECT_NE(failure.text.find(" (failed to write to host)"), std::string::npos) << failure.text;
-}
-
 TEST(HttpSession, ReportsAResetWhileReceiving) {
     RawServer const server([](Peer& peer) {
         peer.receiveRequest();
@@ -243,34 +198,6 @@ TEST(HttpSession, ReportsAResetWhileReceiving) {
     Thrown const failure = thrown([&] { fetch(plainUrl(server, "/")); });
     EXPECT_EQ(bits(failure.code), 0x80043036U);
     EXPECT_EQ(failure.text, "connection reset (failed to receive from host)");
-}
-
-TEST(HttpSession, ReportsAnEmptyAnswer) {
-    RawServer const server("");
-    Thrown const failure = thrown([&] { fetch(plainUrl(server, "/")); });
-    EXPECT_EQ(bits(failure.code), 0x80042022U);
-    EXPECT_EQ(failure.text, "ErrorCode = 0x80042022");
-}
-
-TEST(HttpSession, ReceivesAHugeAnswerInLinearTime) {
-    constexpr std::size_t kBlock = 1 << 20;
-    constexpr std::size_t kBlocks = 100;
-    RawServer const server([](Peer& peer) {
-        peer.receiveRequest();
-        peer.send("HTTP/1.0 200 OK\r\n\r\n");
-        std::string const block(kBlock, 'x');
-        for (std::size_t i = 0; i < kBlocks && peer.send(block); ++i) {
-        }
-    });
-    KVX_RequestInfo const request = requestFor(plainUrl(server, "/"));
-    TbStringStream out;
-    {
-        kvxtest::FailingAllocation const counting(-1, kvxtest::FailingAllocation::Mode::kOnlyThat);
-        HttpSession(request, out);
-        // A hundred thousand chunks: the growth is geometric, and no chunk is copied on its own.
-        EXPECT_LT(kvxtest::FailingAllocation::asked(), 200);
-    }
-    EXPECT_EQ(out.length(), kBlock * kBlocks);
 }
 
 TEST(HttpSession, RunsInSeveralThreadsAtOnce) {

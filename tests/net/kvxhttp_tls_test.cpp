@@ -125,18 +125,6 @@ TEST(SslConnection, ReadsAtMostOneChunk) {
     endConnection(connection);
 }
 
-TEST(SslConnection, KeepsCuttingAChunkAtItsFirstZeroByte) {
-    TlsServer const server(std::string("abc\0def", 7));
-    SslConnection connection;
-    connectSecurely(server, connection);
-    TbStringStream request("\r\n\r\n");
-    connection.Write(request);
-    TbStringStream answer;
-    EXPECT_EQ(connection.Read(answer), 7);
-    EXPECT_EQ(bytesOf(answer), "abc");
-    endConnection(connection);
-}
-
 TEST(SslConnection, SendsZerosForWhatFollowsAZeroByte) {
     TlsServer server([&server](Peer& peer) { server.record(peer.receive()); });
     SslConnection connection;
@@ -261,24 +249,6 @@ TEST(SslConnection, KeepsTakingACleanEndInTheHandshakeForSuccess) {
         EXPECT_EQ(bytesOf(text), "abc") << end.m_Name;
         endConnection(connection);
     }
-}
-
-TEST(SslConnection, ReportsAResetWhileReading) {
-    RawServer const server([](Peer& peer) {
-        TlsPeer tls(peer, TlsOptions{TLS1_2_VERSION, true});
-        tls.receiveRequest();
-        peer.reset();
-    });
-    SslConnection connection;
-    connectSecurely(server, connection);
-    TbStringStream request("\r\n\r\n");
-    connection.Write(request);
-    TbStringStream answer("kept");
-    ERR_raise(ERR_LIB_RSA, ERR_R_MALLOC_FAILURE);  // somebody else's, to be ignored
-    EXPECT_EQ(connection.Read(answer), -1);
-    EXPECT_EQ(connection.LastError(), tlsCode(SSL_ERROR_SYSCALL));
-    EXPECT_EQ(bytesOf(answer), "kept");
-    endConnection(connection);
 }
 
 TEST(SslConnection, FailsOnAClosedDirectionWithoutASignal) {

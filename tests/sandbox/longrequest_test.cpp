@@ -62,7 +62,7 @@ TEST_F(WireRequest, RefusesOtherMethodsAndPaths) {
 }
 
 TEST_F(WireRequest, RefusesALargeForm) {
-    EXPECT_EQ(send(formPost("/pay/decision", std::string(100 * 1024, 'x'))).status, 413);
+    EXPECT_EQ(send(formPost("/pay/decision", std::string(1024 * 1024 + 1, 'x'))).status, 413);
 }
 
 TEST_F(WireRequest, DoesNotWaitForConnectionsThatSayNothing) {

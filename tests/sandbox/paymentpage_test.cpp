@@ -53,8 +53,9 @@ TEST_F(PaymentPage, ShowsTheOrderAndRecordsThePayment) {
     RawAnswer const page = openPage(m_Merchant.payInit("t1"));
     EXPECT_EQ(page.status, 200);
     EXPECT_THAT(page.headers.at("content-type"), StartsWith("text/html"));
-    for (char const* part : {"A-17", "12.50 EUR", "demo (customer 1001)", "value=\"pay\"", "value=\"decline\"",
-                             "value=\"cancel\"", "<html lang=\"en\">", "method=\"post\" action=\"/pay/decision\""}) {
+    for (char const* part :
+         {"A-17", "12.50 EUR", "<dd>demo</dd>", "<dd>1001</dd>", "value=\"pay\"", "value=\"decline\"",
+          "value=\"cancel\"", "<html lang=\"en\">", "method=\"post\" action=\"/pay/decision\""}) {
         EXPECT_THAT(page.body, HasSubstr(part));
     }
     EXPECT_THAT(page.body, Not(HasSubstr("<script")));
@@ -74,7 +75,7 @@ TEST_F(PaymentPage, EscapesWhatTheMerchantWrote) {
                                     " TOKEN=\"&lt;t&gt;\" EXPIRATION=\"20991231 23:59:59\" AMOUNT=\"&lt;script&gt;1\""
                                     " CURRENCY=\"&amp;&apos;\" ORDERID=\"&quot;&gt;&lt;b&gt;\x01\""))
             .body;
-    EXPECT_THAT(page, HasSubstr("&quot;&gt;&lt;b&gt;&#xFFFD;"));
+    EXPECT_THAT(page, HasSubstr("&quot;&gt;&lt;b&gt;\u2401"));
     EXPECT_THAT(page, HasSubstr("&lt;script&gt;1 &amp;&#39;"));
     EXPECT_THAT(page, Not(HasSubstr("<script")));
     EXPECT_THAT(page, Not(HasSubstr("<b>")));
@@ -83,9 +84,15 @@ TEST_F(PaymentPage, EscapesWhatTheMerchantWrote) {
     EXPECT_THAT(list, Not(HasSubstr("<b>")));
 }
 
-TEST(EscapeHtml, LeavesNothingThatEndsATextOrAnAttribute) {
-    EXPECT_EQ(sandbox::escapeHtml("<&>\"'"), "&lt;&amp;&gt;&quot;&#39;");
-    EXPECT_EQ(sandbox::escapeHtml(std::string("a\0\x1b\x7f\n\xE9", 6)), "a&#xFFFD;&#xFFFD;&#xFFFD;\n\xE9");
+TEST_F(PaymentPage, SpeaksTheLanguageOfTheMessage) {
+    std::string const page = openPage(m_Merchant.payInit("t1", " LANGID=\"de-AT\"")).body;
+    EXPECT_THAT(page, HasSubstr("<html lang=\"de\">"));
+    EXPECT_THAT(page, HasSubstr("<dt>H\xC3\xA4ndler</dt><dd>demo</dd>"));
+}
+
+TEST_F(PaymentPage, CanBePaidUntilTheExpiration) {
+    EXPECT_THAT(openPage(m_Merchant.payInit("t1")).body,
+                HasSubstr("<time datetime=\"2099-12-31T23:59:59Z\">2099-12-31 23:59:59 UTC</time>"));
 }
 
 TEST_F(PaymentPage, SendsThePayingShopperToTheSuccessLink) {
@@ -184,6 +191,15 @@ TEST_F(PaymentPage, RefusesATokenThatWasUsed) {
     EXPECT_EQ(m_Service->payments().size(), 1u);
 }
 
+TEST_F(PaymentPage, LeadsBackToTheShopWhenThePaymentIsDecided) {
+    std::string const address = press(openPage(m_Merchant.payInit("t1")), "pay").headers.at("location");
+    std::string const link = attributeOf(openPage(m_Merchant.payInit("t1")).body, "href");
+    EXPECT_EQ(link, address);
+    askCapture(m_Merchant.message("PayCompleteRequest", " TOKEN=\"t1\" ID=\"" + m_Service->payments()[0].id + "\""));
+    EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Completed);
+    EXPECT_EQ(attributeOf(openPage(m_Merchant.payInit("t1")).body, "href"), address) << "it stays the confirmation";
+}
+
 TEST_F(PaymentPage, RefusesAnExpiredPayment) {
     std::string const attributes = " TOKEN=\"t\" EXPIRATION=\"20231114 22:13:20\"";
     m_Now = 1700000001;
@@ -193,11 +209,28 @@ TEST_F(PaymentPage, RefusesAnExpiredPayment) {
     EXPECT_EQ(openPage(m_Merchant.message("PayInit", attributes)).status, 200);
 }
 
-TEST_F(PaymentPage, RefusesADecisionAfterTheExpiration) {
-    RawAnswer const page = openPage(m_Merchant.message("PayInit", " TOKEN=\"t\" EXPIRATION=\"20231114 22:13:20\""));
+TEST_F(PaymentPage, AcceptsNoDecisionAfterTheExpiration) {
+    RawAnswer const page = openPage(m_Merchant.message(
+        "PayInit", " TOKEN=\"t\" EXPIRATION=\"20231114 22:13:20\" FAILLINK=\"http://shop.example/no\""));
     m_Now = 1700000001;
-    EXPECT_THAT(press(page, "pay").body, HasSubstr("has expired"));
+    RawAnswer const back = press(page, "pay");
+    EXPECT_EQ(back.status, 302);
+    std::string const location = back.headers.at("location");
+    EXPECT_THAT(location, StartsWith("http://shop.example/no?DATA="));
+    EXPECT_EQ(attributeOf(decode(queryValue(location, "DATA")), "RESULT"), "expired");
+    EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Expired);
+    EXPECT_EQ(m_Service->payments()[0].history.size(), 2u);
+    EXPECT_EQ(press(page, "pay").headers.at("location"), location) << "a second click changes nothing";
+    m_Now = 1700000000;
+    EXPECT_EQ(press(page, "pay").headers.at("location"), location) << "what has expired stays so";
+}
+
+TEST_F(PaymentPage, TellsThatAnUndecidedPaymentHasExpired) {
+    openPage(m_Merchant.message("PayInit", " TOKEN=\"t\" EXPIRATION=\"20231114 22:13:20\""));
     EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Opened);
+    m_Now = 1700000001;
+    EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Expired);
+    EXPECT_EQ(attributeOf(askCapture(m_Merchant.message("StatusRequest", " TOKEN=\"t\"")), "STATE"), "expired");
 }
 
 TEST_F(PaymentPage, RefusesWhatIsNoPayInit) {
@@ -257,14 +290,15 @@ TEST_F(PaymentPage, ListsPaymentsWithTheirStates) {
     press(openPage(m_Merchant.payInit("t1")), "pay");
     openPage(m_Merchant.payInit("t2"));
     std::string const list = get("/").body;
-    EXPECT_THAT(list, HasSubstr("<td>authorised</td>"));
-    EXPECT_THAT(list, HasSubstr("<td>opened</td>"));
+    EXPECT_THAT(list, HasSubstr(">authorised<"));
+    EXPECT_THAT(list, HasSubstr(">opened<"));
 }
 
 TEST_F(PaymentPage, ShowsReturnedShoppersTheMessage) {
     RawAnswer const page = get("/returned?DATA=%3cKVX%2f%3e&SIGNATURE=00");
     EXPECT_EQ(page.status, 200);
     EXPECT_THAT(page.body, HasSubstr("&lt;KVX/&gt;"));
+    EXPECT_EQ(get("/returned?DATA=%zz").status, 400);
 }
 
 }  // namespace

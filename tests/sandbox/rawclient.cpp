@@ -23,31 +23,6 @@ void check(bool success, char const* what) {
     }
 }
 
-std::string overTls(int socket, std::string const& request, std::string const& authorityFile, std::string const& host) {
-    sandbox::TlsContextHolder const context(SSL_CTX_new(TLS_client_method()));
-    check(SSL_CTX_load_verify_locations(context.get(), authorityFile.c_str(), nullptr) == 1, "no authority");
-    SSL_CTX_set_verify(context.get(), SSL_VERIFY_PEER, nullptr);
-    sandbox::TlsHolder const tls(SSL_new(context.get()));
-    X509_VERIFY_PARAM* const rules = SSL_get0_param(tls.get());
-    bool const numeric = host.find_first_not_of("0123456789.") == std::string::npos;
-    check((numeric ? X509_VERIFY_PARAM_set1_ip_asc(rules, host.c_str())
-                   : X509_VERIFY_PARAM_set1_host(rules, host.c_str(), 0)) == 1,
-          "no host");
-    SSL_set_fd(tls.get(), socket);
-    check(SSL_connect(tls.get()) == 1, "the handshake failed");
-    check(SSL_write(tls.get(), request.data(), static_cast<int>(request.size())) > 0, "the request could not be sent");
-    std::string answer;
-    char piece[4096];
-    for (;;) {
-        int const count = SSL_read(tls.get(), piece, sizeof piece);
-        if (count <= 0) {
-            check(SSL_get_error(tls.get(), count) == SSL_ERROR_ZERO_RETURN, "the answer did not end properly");
-            return answer;
-        }
-        answer.append(piece, static_cast<std::size_t>(count));
-    }
-}
-
 /// Base64 as merchants write it: no padding character, missing bits are zero, a whole group "AAAA" after an input whose
 /// length is a multiple of three.
 std::string merchantBase64(std::string const& text) {
@@ -62,6 +37,11 @@ std::string merchantBase64(std::string const& text) {
         }
     }
     return out;
+}
+
+std::string post(std::string const& target, std::string const& type, std::string const& body) {
+    return "POST " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: " + type +
+           "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
 }
 
 }  // namespace
@@ -106,11 +86,37 @@ std::string RawConnection::readToEnd() const {
     }
 }
 
+std::string exchangeTls(int socket, std::string const& request, std::string const& authorityFile,
+                        std::string const& host) {
+    sandbox::TlsContextHolder const context(SSL_CTX_new(TLS_client_method()));
+    check(SSL_CTX_load_verify_locations(context.get(), authorityFile.c_str(), nullptr) == 1, "no authority");
+    SSL_CTX_set_verify(context.get(), SSL_VERIFY_PEER, nullptr);
+    sandbox::TlsHolder const tls(SSL_new(context.get()));
+    X509_VERIFY_PARAM* const rules = SSL_get0_param(tls.get());
+    bool const numeric = host.find_first_not_of("0123456789.") == std::string::npos;
+    check((numeric ? X509_VERIFY_PARAM_set1_ip_asc(rules, host.c_str())
+                   : X509_VERIFY_PARAM_set1_host(rules, host.c_str(), 0)) == 1,
+          "no host");
+    SSL_set_fd(tls.get(), socket);
+    check(SSL_connect(tls.get()) == 1, "the handshake failed");
+    check(SSL_write(tls.get(), request.data(), static_cast<int>(request.size())) > 0, "the request could not be sent");
+    std::string answer;
+    char piece[4096];
+    for (;;) {
+        int const count = SSL_read(tls.get(), piece, sizeof piece);
+        if (count <= 0) {
+            check(SSL_get_error(tls.get(), count) == SSL_ERROR_ZERO_RETURN, "the answer did not end properly");
+            return answer;
+        }
+        answer.append(piece, static_cast<std::size_t>(count));
+    }
+}
+
 std::string exchangeRaw(std::uint16_t port, std::string const& request, std::string const& authorityFile,
                         std::string const& host) {
     RawConnection const connection(port);
     if (!authorityFile.empty()) {
-        return overTls(connection.get(), request, authorityFile, host);
+        return exchangeTls(connection.get(), request, authorityFile, host);
     }
     connection.send(request);
     return connection.readToEnd();
@@ -143,9 +149,16 @@ std::string merchantGet(std::string const& target, std::string const& user, std:
            "\r\nUserAgent: Tallowin Application Component 1.0\r\n\r\n";
 }
 
+std::string jsonPost(std::string const& target, std::string const& body) {
+    return post(target, "application/json", body);
+}
+
+std::string bareRequest(std::string const& method, std::string const& target, std::string const& host) {
+    return method + " " + target + " HTTP/1.1\r\n" + (host.empty() ? "" : "Host: " + host + "\r\n") + "\r\n";
+}
+
 std::string formPost(std::string const& target, std::string const& body) {
-    return "POST " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: application/x-www-form-urlencoded\r\n" +
-           "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+    return post(target, "application/x-www-form-urlencoded", body);
 }
 
 }  // namespace sandboxtest

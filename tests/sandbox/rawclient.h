@@ -40,11 +40,21 @@ struct RawAnswer {
 std::string exchangeRaw(std::uint16_t port, std::string const& request, std::string const& authorityFile = "",
                         std::string const& host = "127.0.0.1");
 
+/// The same with TLS over `socket`, which is connected already and borrowed.
+std::string exchangeTls(int socket, std::string const& request, std::string const& authorityFile,
+                        std::string const& host = "127.0.0.1");
+
 /// Splits an answer; throws std::runtime_error when it is none.
 RawAnswer parseAnswer(std::string const& text);
 
 /// The request of a merchant: HTTP/1.0, no Host, the header UserAgent, Basic credentials in their own Base64.
 std::string merchantGet(std::string const& target, std::string const& user = "", std::string const& password = "");
+
+/// JSON as a client of the control API posts it.
+std::string jsonPost(std::string const& target, std::string const& body);
+
+/// A request without a body. `host` is left out when it is empty.
+std::string bareRequest(std::string const& method, std::string const& target, std::string const& host = "");
 
 /// A form as a browser posts it.
 std::string formPost(std::string const& target, std::string const& body);

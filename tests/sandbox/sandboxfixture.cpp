@@ -5,8 +5,21 @@
 #include <filesystem>
 #include <stdexcept>
 #include <system_error>
+#include <thread>
 
 namespace sandboxtest {
+
+bool comesTrue(std::function<bool()> const& condition) {
+    constexpr std::chrono::milliseconds kBetween{2};
+    auto const end = std::chrono::steady_clock::now() + kPatience;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
+        }
+        std::this_thread::sleep_for(kBetween);
+    }
+    return true;
+}
 
 TemporaryDirectory::TemporaryDirectory() {
     std::string path = (std::filesystem::temp_directory_path() / "tallowin-sandbox-XXXXXX").string();
@@ -34,8 +47,12 @@ sandbox::Options SandboxTest::options() {
 }
 
 void SandboxTest::restart() {
+    restart(options());
+}
+
+void SandboxTest::restart(sandbox::Options const& others) {
     m_Service.reset();
-    m_Service = std::make_unique<sandbox::Service>(options());
+    m_Service = std::make_unique<sandbox::Service>(others);
     m_Service->start();
 }
 

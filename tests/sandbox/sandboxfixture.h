@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <ctime>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -12,6 +14,12 @@
 #include "tests/sandbox/testmerchant.h"
 
 namespace sandboxtest {
+
+/// How long a test waits for what is to come at any moment.
+inline constexpr std::chrono::seconds kPatience{60};
+
+/// Whether `condition` comes true while there is patience.
+bool comesTrue(std::function<bool()> const& condition);
 
 /// A directory that goes with everything in it.
 class TemporaryDirectory {
@@ -34,8 +42,9 @@ protected:
 
     [[nodiscard]] sandbox::Options options();
 
-    /// Starts over on the same data directory.
+    /// Starts over on the same data directory, with options() or others.
     void restart();
+    void restart(sandbox::Options const& others);
 
     /// Sends the merchant's GET and splits the answer.
     [[nodiscard]] RawAnswer get(std::string const& target, std::string const& user = "",

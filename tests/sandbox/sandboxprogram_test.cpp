@@ -8,6 +8,7 @@
 
 #include <csignal>
 #include <cstdint>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
@@ -20,6 +21,7 @@ namespace {
 
 using namespace sandboxtest;
 using ::testing::HasSubstr;
+using ::testing::Not;
 
 /// The running program; killed at the end when it still runs.
 class Program {
@@ -110,12 +112,27 @@ TEST(SandboxProgram, TellsItsAddressesAsJsonAndEndsOnSignals) {
     }
 }
 
+TEST(SandboxProgram, RunsAProxyWhenItIsAskedTo) {
+    TemporaryDirectory const directory;
+    Program program({"--data", directory.path(), "--json", "--proxy", "--proxy-port", "0"});
+    nlohmann::json const line = nlohmann::json::parse(program.line());
+    std::uint16_t const port = line.at("proxyPort");
+    EXPECT_EQ(line.at("proxy"), "http://127.0.0.1:" + std::to_string(port));
+    EXPECT_EQ(parseAnswer(exchangeRaw(port, merchantGet(line.at("payments")))).status, 200);
+    program.signal(SIGTERM);
+    EXPECT_EQ(program.status(), 0);
+}
+
 TEST(SandboxProgram, TellsItsAddressesInWords) {
     TemporaryDirectory const directory;
     Program program({"--data", directory.path()});
-    EXPECT_THAT(program.line(), HasSubstr("set-up at http://127.0.0.1:"));
+    std::string const line = program.line();
+    EXPECT_THAT(line, HasSubstr("set-up at http://127.0.0.1:"));
+    EXPECT_THAT(line, Not(HasSubstr("proxy")));
     program.signal(SIGTERM);
     EXPECT_EQ(program.status(), 0);
+    Program other({"--data", directory.path(), "--proxy"});
+    EXPECT_THAT(other.line(), HasSubstr(", proxy at http://127.0.0.1:"));
 }
 
 TEST(SandboxProgram, RefusesWrongUsage) {
@@ -123,6 +140,32 @@ TEST(SandboxProgram, RefusesWrongUsage) {
     EXPECT_EQ(Program({"--data", "/tmp", "--port", "70000"}).status(), 2);
     EXPECT_EQ(Program({"--data", "/tmp", "--account", "nobody"}).status(), 2);
     EXPECT_EQ(Program({"--help"}).status(), 0);
+}
+
+TEST(SandboxProgram, ArmsTheFaultsThatItIsGiven) {
+    TemporaryDirectory const directory;
+    Program program({"--data", directory.path(), "--json", "--fault", "http-status,exchange=setup,status=404",
+                     "--fault", "error,exchange=setup,text=not now"});
+    std::uint16_t const port = nlohmann::json::parse(program.line()).at("port");
+    std::string const target = "/auto?DATA=" + encode("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>");
+    auto const ask = [&] { return parseAnswer(exchangeRaw(port, merchantGet(target, "demo", "demo"))); };
+    EXPECT_EQ(ask().status, 404);
+    EXPECT_EQ(attributeOf(ask().body, "MESSAGE"), "not now");
+    EXPECT_EQ(attributeOf(ask().body, "MSGTYPE"), "SetupResponse");
+}
+
+TEST(SandboxProgram, RefusesAFaultThatCannotHappen) {
+    TemporaryDirectory const directory;
+    for (auto const& [fault, reason] : std::map<std::string, std::string>{
+             {"explode", "there is no fault 'explode'"},
+             {"drop,exchange=connection", "drop cannot happen to the exchange 'connection'"},
+             {"drop,times=never", "a fault's times must be a whole number, not 'never'"},
+         }) {
+        Program program({"--data", directory.path(), "--fault", "drop", "--fault", fault});
+        EXPECT_THAT(program.line(), HasSubstr("tallowin-sandbox: " + reason));
+        EXPECT_EQ(program.status(), 1);
+    }
+    EXPECT_EQ(Program({"--data", directory.path(), "--fault"}).status(), 2);
 }
 
 TEST(SandboxProgram, TellsWhyItCannotStart) {

@@ -94,15 +94,6 @@ std::string Peer::receiveToEnd() {
     return all;
 }
 
-bool Peer::sendBytewise(std::string_view bytes) {
-    for (char const byte : bytes) {
-        if (!send(std::string_view(&byte, 1))) {
-            return false;
-        }
-    }
-    return true;
-}
-
 void Peer::finish() {
     ::shutdown(m_Socket, SHUT_WR);
     char buffer[4096];

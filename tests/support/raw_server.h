@@ -35,9 +35,6 @@ public:
     /// What the client sends until its end.
     std::string receiveToEnd();
 
-    /// Sends one byte at a time, each as a packet of its own.
-    bool sendBytewise(std::string_view bytes);
-
     /// Ends this direction in good order and waits for the client to end the other one.
     void finish();
 

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "sandbox/site.h"
+
+namespace sandbox {
+
+/// Leads the payment from one of the states `from` to `to` and has its merchant notified of `to` when a NOTIFYADDRESS
+/// was given. False, with nothing changed, when it is in none of them.
+bool movePayment(Site const& site, Payment const& payment, std::vector<PaymentState> const& from, PaymentState to,
+                 std::string const& note);
+
+/// Whether the time to decide on the payment has passed.
+bool isOverdue(Site const& site, Payment const& payment);
+
+/// Makes an undecided payment whose time has passed an expired one.
+void expireWhenOverdue(Site const& site, Payment const& payment);
+
+/// All payments, oldest first, as they are now.
+std::vector<Payment> presentPayments(Site const& site);
+
+}  // namespace sandbox

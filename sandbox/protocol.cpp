@@ -1,0 +1,198 @@
+#include "sandbox/protocol.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstddef>
+#include <string>
+#include <utility>
+
+#include "sandbox/pages.h"
+#include "sandbox/refusal.h"
+#include "sandbox/wiretext.h"
+
+namespace sandbox {
+
+namespace {
+
+constexpr std::size_t kMostKept = 64 * 1024;
+
+/// How an address answers a request that is turned down.
+enum class RefusalForm { ErrorMessage, Page };
+
+/// One address of the protocol.
+struct Endpoint {
+    char const* method;
+    char const* path;
+    HttpReply (*answer)(Call const& call);
+    RefusalForm refusal;
+};
+
+// clang-format off
+constexpr Endpoint kEndpoints[] = {
+    {"GET",  "/auto",         answerAuto,     RefusalForm::ErrorMessage},
+    {"GET",  "/pay",          answerPay,      RefusalForm::Page},
+    {"POST", "/pay/decision", answerDecision, RefusalForm::Page},
+    {"GET",  "/capture",      answerCapture,  RefusalForm::ErrorMessage},
+};
+// clang-format on
+
+struct TypeRow {
+    char const* type;
+    ExchangeKind kind;
+};
+
+// clang-format off
+constexpr TypeRow kTypes[] = {
+    {"SetupRequest",        ExchangeKind::Setup},
+    {"LoadDefaultsRequest", ExchangeKind::Defaults},
+    {"KeyQueryRequest",     ExchangeKind::KeyQuery},
+    {"KeyExportRequest",    ExchangeKind::KeyExport},
+    {"PayInit",             ExchangeKind::Page},
+    {"PayConfirm",          ExchangeKind::Capture},
+    {"PayCompleteRequest",  ExchangeKind::Complete},
+    {"StatusRequest",       ExchangeKind::Status},
+};
+// clang-format on
+
+/// The payment page is asked for whatever the message is; elsewhere its type tells.
+ExchangeKind kindOf(Endpoint const& endpoint, Message const& message) {
+    if (endpoint.answer == answerPay) {
+        return ExchangeKind::Page;
+    }
+    for (TypeRow const& row : kTypes) {
+        if (message.type() == row.type && row.kind != ExchangeKind::Page) {
+            return row.kind;
+        }
+    }
+    return ExchangeKind::Other;
+}
+
+/// Notes what the request is about, from what it says of itself. What cannot be read stays unnoted: telling what is
+/// wrong with the request comes later.
+void identify(Site const& site, Endpoint const& endpoint, HttpRequest const& request, Exchange& record) {
+    record.kind = endpoint.answer == answerPay ? ExchangeKind::Page : ExchangeKind::Other;
+    if (endpoint.answer == answerDecision) {
+        record.kind = ExchangeKind::Decision;
+    }
+    try {
+        if (record.kind == ExchangeKind::Decision) {
+            auto const payment = site.store.paymentById(Query(request.body).value("payment").value_or(""));
+            record.order = payment ? payment->payment.attribute("ORDERID").value_or("") : "";
+            return;
+        }
+        Message const message = Message::parse(Query(request.query).value("DATA").value_or(""));
+        record.kind = kindOf(endpoint, message);
+        std::string const token = message.find("TOKEN").value_or("");
+        record.order = message.find("ORDERID").value_or(token.empty() ? "" : site.store.orderOfToken(token));
+    } catch (Refusal const&) {
+    }
+}
+
+/// What comes instead of the answer when the request is not to be carried out.
+HttpReply failingReply(Fault const& fault) {
+    if (fault.kind == FaultKind::Error) {
+        return messageReply(errorMessage(textOf(fault)));
+    }
+    if (fault.kind == FaultKind::HttpStatus) {
+        return {statusOf(fault), "text/plain; charset=utf-8", textOf(fault) + "\n"};
+    }
+    return {};
+}
+
+HttpReply refusedReply(Endpoint const& endpoint, Refusal const& refusal, Exchange const& record) {
+    if (endpoint.refusal == RefusalForm::Page) {
+        return refusalPage(refusal.status(), refusal.what(), record);
+    }
+    return messageReply(errorMessage(refusal.what()));
+}
+
+/// The answer with another type of message. Confirmations are made wrong where they are signed.
+void mistakeType(HttpReply& reply) {
+    Message const expected = Message::parse(reply.body);
+    Message message(kUnexpectedType);
+    for (auto const& [name, value] : expected.attributes()) {
+        if (name != "MSGTYPE") {
+            message.set(name, value);
+        }
+    }
+    reply.body = message.text();
+}
+
+HttpReply carryOut(Endpoint const& endpoint, Call const& call) {
+    try {
+        HttpReply reply = endpoint.answer(call);
+        if (call.fault && call.fault->kind == FaultKind::WrongType && endpoint.refusal == RefusalForm::ErrorMessage) {
+            mistakeType(reply);
+        }
+        return reply;
+    } catch (Refusal const& refusal) {
+        call.record.verdict = refusal.what();
+        call.record.steps.push_back({"Turned down", refusal.what(), false});
+        return refusedReply(endpoint, refusal, call.record);
+    }
+}
+
+HttpReply answerRecorded(Site const& site, Endpoint const& endpoint, HttpRequest const& request) {
+    auto const begin = std::chrono::steady_clock::now();
+    Exchange record;
+    record.time = site.clock.text();
+    record.path = request.path;
+    record.verdict = "ok";
+    record.request = keptRequest(request.raw);
+    identify(site, endpoint, request, record);
+    std::optional<Fault> const fault = site.faults.take(record.kind, record.order);
+    HttpReply reply;
+    if (fault && !faultRow(fault->kind).carriedOut) {
+        record.verdict = "not looked at";
+        reply = failingReply(*fault);
+    } else {
+        reply = carryOut(endpoint, {site, request, record, fault});
+    }
+    if (fault) {
+        record.fault = faultText(*fault);
+        reply.fault = fault;
+    }
+    reply.log = [&store = site.store, record = std::move(record), begin](std::string const& answer) mutable {
+        record.answer = keptText(answer);
+        record.microseconds =
+            std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - begin).count();
+        store.addExchange(record);
+    };
+    return reply;
+}
+
+}  // namespace
+
+std::optional<HttpReply> answerProtocol(Site const& site, HttpRequest const& request) {
+    for (Endpoint const& endpoint : kEndpoints) {
+        if (request.path == endpoint.path && request.method == endpoint.method) {
+            return answerRecorded(site, endpoint, request);
+        }
+    }
+    return std::nullopt;
+}
+
+std::string keptText(std::string const& text) {
+    return text.size() <= kMostKept ? text : text.substr(0, kMostKept) + "... (cut)";
+}
+
+std::string keptRequest(std::string const& raw) {
+    std::string kept;
+    std::size_t from = 0;
+    bool inHead = true;
+    while (inHead && from < raw.size()) {
+        std::size_t const lineEnd = std::min(raw.find('\n', from), raw.size() - 1) + 1;
+        std::string line = raw.substr(from, lineEnd - from);
+        std::string const name = "authorization:";
+        bool covered = line.size() >= name.size();
+        for (std::size_t at = 0; covered && at < name.size(); ++at) {
+            covered = line[at] == name[at] || line[at] == name[at] - ('a' - 'A');
+        }
+        kept += covered ? "Authorization: (covered)\r\n" : line;
+        inHead = line != "\r\n" && line != "\n";
+        from = lineEnd;
+    }
+    return keptText(kept + raw.substr(std::min(from, raw.size())));
+}
+
+}  // namespace sandbox

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <optional>
+
+#include "sandbox/site.h"
+
+namespace sandbox {
+
+/// Answers a request to one of the addresses of the protocol, lets the fault that is armed for it happen, and records
+/// the exchange. Nothing when the address is none of them.
+std::optional<HttpReply> answerProtocol(Site const& site, HttpRequest const& request);
+
+/// `text` cut to what is kept of a request or an answer.
+std::string keptText(std::string const& text);
+
+/// A request as it is kept: the credentials of its header covered.
+std::string keptRequest(std::string const& raw);
+
+}  // namespace sandbox

@@ -1,0 +1,185 @@
+"""Shoppers in a real browser while the payment service fails: what they see, and that the purchase ends well after all."""
+
+import signal
+import unittest
+
+from walk import WalkCase
+
+
+class ExpiredPayments(WalkCase):
+    def test_decides_too_late(self):
+        order = self.start_buying_a_candle()
+        self.stage.set_clock_ahead(hours=2)
+        self.decide("pay")
+        self.check_order(order, "expired")
+        self.assertEqual(self.payment_states(order), ["expired"])
+        self.stage.set_clock_ahead(hours=0)
+        self.open(order, "order")
+        self.pay_again(order)
+        self.decide("pay")
+        self.check_paid(order)
+        self.assertEqual(self.payment_states(order), ["expired", "completed"])
+
+    def test_opens_the_payment_page_too_late(self):
+        self.stage.set_clock_ahead(hours=2)
+        order = self.start_buying_a_candle()
+        self.assertIn("expired", self.browser.text())
+        self.assertEqual(self.browser.all("button[name=decision]"), [])
+        self.assertEqual(self.payment_states(order), [])
+
+
+class PaymentPageFaults(WalkCase):
+    """The payment page does not come as it should."""
+
+    def fail(self, shown, **fault):
+        """The shopper sees that, tries again from the order's page, and pays."""
+        self.stage.arm(exchange="page", **fault)
+        order = self.start_buying_a_candle()
+        self.assertIn(shown, self.browser.text())
+        self.assertEqual(self.browser.all("button[name=decision]"), [])
+        self.stage.lift_faults()
+        self.open(order, "order")
+        self.pay_again(order)
+        self.decide("pay")
+        self.check_paid(order)
+        self.assertEqual(self.payment_states(order), ["completed"])
+
+    def work(self, **fault):
+        """The shopper can pay all the same."""
+        self.stage.arm(exchange="page", **fault)
+        order = self.start_buying_a_candle()
+        self.decide("pay")
+        self.check_paid(order)
+
+    def test_refused_connection(self):
+        self.put_in_basket("candle", 1)
+        self.stage.arm(kind="refuse")
+        self.press("form[action='/checkout'] button", "payment")
+        order = self.order_to_be_paid()
+        self.assertIn("ERR_CONNECTION_REFUSED", self.browser.text())
+        self.stage.lift_faults()
+        self.open(order, "order")
+        self.pay_again(order)
+        self.decide("pay")
+        self.check_paid(order)
+
+    def test_reset(self):
+        self.fail("ERR_CONNECTION_RESET", kind="reset", times="always")
+
+    def test_drop(self):
+        self.fail("ERR_EMPTY_RESPONSE", kind="drop", times="always")
+
+    def test_stall_before(self):
+        self.fail("ERR_EMPTY_RESPONSE", kind="stall-before", seconds=0.2, times="always")
+
+    def test_status(self):
+        self.fail("Closed for today", kind="http-status", status=503, text="Closed for today")
+
+    def test_truncated(self):
+        self.fail("", kind="truncate", bytes=900)
+
+    def test_delay(self):
+        self.work(kind="delay", seconds=0.5)
+
+    def test_bytewise(self):
+        self.work(kind="bytewise")
+
+    def test_zero_byte(self):
+        self.work(kind="nul-bytes")
+
+    def test_twice(self):
+        self.work(kind="twice")
+
+    def test_huge(self):
+        self.work(kind="huge", megabytes=1)
+
+
+class WayBackFaults(WalkCase):
+    """The shopper has decided, and the way back to the shop fails."""
+
+    def refuse(self, *reasons, **fault):
+        """The shop does not take what comes back for a confirmation."""
+        self.stage.arm(exchange="decision", **fault)
+        order = self.start_buying_a_candle()
+        self.decide("pay")
+        self.check_refused(order, *reasons)
+        self.check_order(order, "waiting")
+        self.assertEqual(self.payment_states(order), ["authorised"])
+        self.come_back_from_the_payment_page(order)
+
+    def come_back_from_the_payment_page(self, order):
+        """The payment was decided, so its page leads straight back to the shop."""
+        self.open(order, "order")
+        self.pay_again(order)
+        self.assertEqual(self.browser.all("button[name=decision]"), [])
+        self.press("main a", "return")
+        self.check_paid(order)
+
+    def test_wrong_signature(self):
+        self.refuse("signature", kind="wrong-signature")
+
+    def test_wrong_key(self):
+        self.refuse("signature", kind="wrong-key")
+
+    def test_stale_key(self):
+        self.refuse("It does not say that the payment service signed it.", kind="stale-key")
+
+    def test_wrong_type(self):
+        self.refuse("MSGTYPE", kind="wrong-type")
+
+    def test_other_order(self):
+        """A fault that is armed for one order leaves another alone."""
+        self.stage.arm(kind="wrong-signature", exchange="decision", order="nobody's", times="always")
+        order = self.start_buying_a_candle()
+        self.decide("pay")
+        self.check_paid(order)
+
+    def test_decision_that_did_not_arrive(self):
+        for fault in ({"kind": "reset"}, {"kind": "http-status", "status": 500, "text": "Out of order"}):
+            with self.subTest(fault["kind"]):
+                self.stage.arm(exchange="decision", times="always", **fault)
+                order = self.start_buying_a_candle()
+                self.decide("pay")
+                self.assertEqual(self.payment_states(order), ["opened"])
+                self.stage.lift_faults()
+                self.open(order, "order")
+                self.pay_again(order)
+                self.decide("pay")
+                self.check_paid(order)
+
+    def test_answer_that_was_lost(self):
+        self.stage.arm(kind="drop", exchange="decision", times="always")
+        order = self.start_buying_a_candle()
+        self.decide("pay")
+        self.assertIn("ERR_EMPTY_RESPONSE", self.browser.text())
+        self.stage.lift_faults()
+        self.assertEqual(self.payment_states(order), ["authorised"])
+        self.come_back_from_the_payment_page(order)
+
+
+class SettlementFaults(WalkCase):
+    """The shop cannot capture or complete at first."""
+
+    FAULTS = ("error", "http-status", "reset", "drop", "truncate", "no-blank-line", "wrong-type")
+
+    def settle_again(self, exchange, state):
+        for kind in self.FAULTS:
+            with self.subTest(kind):
+                self.stage.arm(kind=kind, exchange=exchange)
+                order = self.start_buying_a_candle()
+                self.decide("pay")
+                self.check_order(order, state)
+                self.press(f"form[action='{order}/settle'] button", "order")
+                self.check_order(order, "completed")
+                self.assertEqual(self.payment_states(order), ["completed"])
+
+    def test_capture(self):
+        self.settle_again("capture", "capture failed")
+
+    def test_completion(self):
+        self.settle_again("complete", "captured")
+
+
+if __name__ == "__main__":
+    signal.signal(signal.SIGTERM, signal.default_int_handler)  # so that what runs at the end of the program does
+    unittest.main()

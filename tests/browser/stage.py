@@ -1,0 +1,34 @@
+"""A sandbox and a shop that is its customer, for one walk."""
+
+import json
+import os
+import pathlib
+import tempfile
+
+from server import Server
+
+
+class Stage:
+    """`shop`, `pay` and `payments` are the addresses of the catalogue, the payment page and the list of payments."""
+
+    def __init__(self, clean_up):
+        """`clean_up` takes, as TestCase.addCleanup does, what is to be called when the walk is over."""
+        place = tempfile.TemporaryDirectory(prefix="tallowin-stage-")
+        clean_up(place.cleanup)
+        directory = pathlib.Path(place.name)
+        sandbox = Server([os.environ["KVX_SANDBOX"], "--data", directory / "service", "--port", "0", "--json"],
+                         r"^\{.*\}$", directory / "sandbox.errors")
+        clean_up(end_well, sandbox)
+        addresses = json.loads(sandbox.ready.group())
+        self.pay = addresses["pay"]
+        self.payments = addresses["payments"]
+        shop = Server([os.environ["KVX_SHOP"], directory / "merchant", addresses["auto"], "demo"],
+                      r"^The shop is open at (.*)$", directory / "shop.errors", TALLOWIN_PASSWORD="demo")
+        clean_up(end_well, shop)
+        self.shop = shop.ready.group(1)
+
+
+def end_well(server):
+    ending = server.stop()
+    if ending != (0, ""):
+        raise AssertionError(f"{server.name} ended with {ending}")

@@ -1,0 +1,63 @@
+/// Lets the rows of the fault table happen, for the tests that hold the component to them.
+#ifndef TALLOWIN_FAULTHAPPENING_H
+#define TALLOWIN_FAULTHAPPENING_H
+
+#include <sys/socket.h>
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "sandbox/service.h"
+#include "tests/flow/faulttable.h"
+#include "tests/support/system_calls.h"
+
+namespace kvxtest {
+
+/// Megabytes of the answers that are huge.
+inline constexpr int kMegabytes = 4;
+
+/// The fault of `row`, for one order where the fault can be for one. Throws sandbox::Refusal when it cannot happen.
+sandbox::Fault faultOf(FaultTableRow const& row, std::string const& order = "");
+
+/// Lets the fault of a row happen while it lives. One of a connection is armed right before the component connects for
+/// the exchange of the row. One at a time.
+class HappeningRow {
+public:
+    HappeningRow(sandbox::Service& service, FaultTableRow const& row, std::string const& order = "");
+    HappeningRow(HappeningRow const&) = delete;
+    HappeningRow& operator=(HappeningRow const&) = delete;
+
+    /// Fails the test when it has not happened.
+    ~HappeningRow();
+
+private:
+    static int connect(int socket, sockaddr const* address, socklen_t length);
+
+    static HappeningRow* s_Current;
+
+    sandbox::Service& m_Service;
+    sandbox::Fault m_Fault;
+    std::ptrdiff_t m_ConnectionsBefore = 0;  ///< How many more connections the component makes before the one.
+    SystemCalls m_System;
+};
+
+/// `code`, or its family where the rows name that.
+std::int32_t asInRows(std::int32_t code);
+
+/// What a row is called when it fails.
+std::string nameOf(FaultTableRow const& row);
+
+/// The rows of one exchange without those of its connection, and those of connections of set-ups or payments.
+std::vector<FaultTableRow> rowsOf(sandbox::ExchangeKind exchange);
+std::vector<FaultTableRow> rowsOfConnections(bool ofSetUp);
+
+/// How often the service has carried out such a request.
+long carriedOut(sandbox::Service const& service, sandbox::ExchangeKind kind);
+
+/// How often the payment with this token has come into `state`.
+long timesIn(sandbox::Service const& service, std::string const& token, std::string const& state);
+
+}  // namespace kvxtest
+
+#endif

@@ -1,0 +1,74 @@
+/// What every fault of the sandbox does to a merchant: one row for each fault and each exchange that it can happen to.
+/// The tests hold the component to the rows, and docs/fault-table.md shows them to people.
+#ifndef TALLOWIN_FAULTTABLE_H
+#define TALLOWIN_FAULTTABLE_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "sandbox/fault.h"
+
+namespace kvxtest {
+
+/// What the shopper's browser gets.
+enum class Sees {
+    NotAsked,     ///< No shopper takes part.
+    Whole,        ///< The answer.
+    WrongReturn,  ///< The way back to the shop, with a confirmation that is not what it should be.
+    Nothing,      ///< Not a byte, and the end.
+    Reset,        ///< The connection is reset.
+    Cut,          ///< The beginning of the answer.
+    Status,       ///< Another status, and a text.
+    NoBlankLine,  ///< No empty line between head and body.
+    ZeroByte,     ///< The answer with a zero byte in its body.
+    Twice,        ///< The answer, and all of it again.
+    Huge,         ///< The answer, and blanks.
+};
+
+/// Nobody calls the component, or with nothing.
+inline constexpr std::optional<std::int32_t> kNotCalled = std::nullopt;
+
+struct FaultTableRow {
+    sandbox::ExchangeKind exchange;
+    sandbox::FaultKind kind;
+    bool carriedOut;  ///< Whether the service did what it was asked.
+
+    /// Of the function that made the exchange; for a decision, of verifying what came back. KVX_E_TLS_FAMILY stands for
+    /// the whole family.
+    std::optional<std::int32_t> result;
+
+    /// For a set-up a character each for config.xml, default.xml, the server's key and the merchant's current key: "."
+    /// as before, "n" new, "r" new with what came behind the answer, "f" another than asked for. Else the state of the
+    /// payment, "none" when the service knows of none.
+    char const* left;
+    Sees sees = Sees::NotAsked;
+    char const* details = "";  ///< More of the fault, as it is spelled: "status=200".
+};
+
+/// By exchange, and within one by fault, both in the order of the sandbox.
+std::vector<FaultTableRow> const& faultTable();
+
+/// An exchange that the table leaves out.
+struct LeftOutExchange {
+    sandbox::ExchangeKind exchange;
+    char const* reason;
+};
+std::vector<LeftOutExchange> const& leftOutExchanges();
+
+/// Those that the merchant asks for, so that a connection for them can fail.
+std::vector<sandbox::ExchangeKind> const& merchantExchanges();
+
+bool isOfSetUp(sandbox::ExchangeKind exchange);
+bool isOfShopper(sandbox::ExchangeKind exchange);
+
+/// Whether the fault happens to a connection before its request.
+bool isOfConnection(sandbox::FaultKind kind);
+
+/// The text of docs/fault-table.md.
+std::string faultTablePage();
+
+}  // namespace kvxtest
+
+#endif

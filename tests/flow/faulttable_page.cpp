@@ -1,0 +1,242 @@
+#include <stdexcept>
+
+#include "tallowin/codes.h"
+#include "tests/flow/faulttable.h"
+
+namespace kvxtest {
+
+namespace {
+
+using sandbox::ExchangeKind;
+using sandbox::FaultKind;
+
+constexpr char kHead[] = R"(<!-- Generated from the rows of tests/flow/faulttable.cpp, do not edit. -->
+# When something goes wrong
+
+What becomes of a set-up and of a payment when something goes wrong on the way, for every fault that `tallowin-sandbox`
+makes happen on request: what the component returns, where the payment stands, and what to do.
+
+- **Carried out** tells whether the service did what it was asked. Without its answer a merchant cannot know.
+- The codes are those of [codes.h](../api/include/tallowin/codes.h).
+- There is no limit of time: what stands beside `delay` and the stalls is returned once the service answers or closes,
+  and until then the call waits. There is no limit of size either: what stands beside `huge` holds while memory lasts.
+- `https` does not authenticate the server, so no certificate makes a call fail: see [risks](risks.md#the-network).
+- *Safe* means with this service, where the same request again changes nothing and is answered as at first. Ask your own
+  provider for the same promise before you repeat a capture or a completion.
+
+## The faults
+
+| Fault | What happens |
+|---|---|
+)";
+
+constexpr char kSetUpHead[] = R"(
+## Setting up
+
+`ConfigurationSetup_Reconfigure` on a directory that was set up before, its defaults no longer valid. It makes four
+exchanges: setup, defaults, keyquery (the server's key) and keyexport (the merchant's new key). What earlier exchanges
+brought stays when a later one fails; the merchant's current key changes last. So until a set-up succeeds the merchant
+signs with the old key, which the service still knows.
+
+| Fault | Exchange | Carried out | The component returns | Directory afterwards | What to do |
+|---|---|---|---|---|---|
+)";
+
+constexpr char kShopperHead[] = R"(
+## The shopper
+
+The shopper opens the payment page (page) and pays (decision), which leads back to the shop with the confirmation. The
+component is asked only when a confirmation has come: `MessageFactory_VerifyPayConfirm`.
+
+| Fault | Exchange | Carried out | The browser gets | The component returns | Payment afterwards | What to do |
+|---|---|---|---|---|---|---|
+)";
+
+constexpr char kPaymentHead[] = R"(
+## Capture and completion
+
+`MessageObject_Capture` of an authorised payment, and `MessageObject_Execute` of a completion of a captured one.
+
+| Fault | Exchange | Carried out | The component returns | Payment afterwards | What to do |
+|---|---|---|---|---|---|
+)";
+
+struct CodeName {
+    std::int32_t code;
+    char const* name;
+};
+
+// clang-format off
+constexpr CodeName kCodeNames[] = {
+    {KVX_OK,                  "`KVX_OK`"},
+    {KVX_E_HTTP_BAD_REPLY,    "`KVX_E_HTTP_BAD_REPLY`"},
+    {KVX_E_HTTP_UNAVAILABLE,  "`KVX_E_HTTP_UNAVAILABLE`"},
+    {KVX_E_INVALID_FORMAT,    "`KVX_E_INVALID_FORMAT`"},
+    {KVX_E_INVALID_SIGNATURE, "`KVX_E_INVALID_SIGNATURE`"},
+    {KVX_E_NOT_FOUND,         "`KVX_E_NOT_FOUND`"},
+    {KVX_E_SERVER_ERROR,      "`KVX_E_SERVER_ERROR`"},
+    {KVX_E_SOCKET_REFUSED,    "`KVX_E_SOCKET_REFUSED`"},
+    {KVX_E_SOCKET_RESET,      "`KVX_E_SOCKET_RESET`"},
+    {KVX_E_TLS_FAMILY,        "`KVX_E_TLS_FAMILY` and a reason"},
+    {KVX_E_WRONG_RESPONSE,    "`KVX_E_WRONG_RESPONSE`"},
+};
+
+struct SeesText {
+    Sees sees;
+    char const* text;
+};
+
+constexpr SeesText kSeesTexts[] = {
+    {Sees::Whole,       "the answer"},
+    {Sees::WrongReturn, "the way back to the shop"},
+    {Sees::Nothing,     "nothing"},
+    {Sees::Reset,       "a reset"},
+    {Sees::Cut,         "the beginning of the answer"},
+    {Sees::Status,      "a status and a text"},
+    {Sees::NoBlankLine, "an answer without the empty line"},
+    {Sees::ZeroByte,    "an answer with a zero byte in it"},
+    {Sees::Twice,       "the answer twice"},
+    {Sees::Huge,        "the answer and blanks"},
+};
+// clang-format on
+
+constexpr char kNoConfirmation[] = "(no confirmation)";
+constexpr char kNothingToDo[] = "nothing";
+constexpr char kUnnoticed[] = "nothing shows it";
+
+std::string codeName(std::optional<std::int32_t> const& result) {
+    for (CodeName const& row : kCodeNames) {
+        if (row.code == result) {
+            return row.name;
+        }
+    }
+    throw std::logic_error("a result without a name for people");
+}
+
+std::string seesText(Sees sees) {
+    for (SeesText const& row : kSeesTexts) {
+        if (row.sees == sees) {
+            return row.text;
+        }
+    }
+    throw std::logic_error("a sight without a text");
+}
+
+std::string directoryText(std::string const& left) {
+    char const* const names[] = {"`config.xml`", "`default.xml`", "the server's key", "the merchant's key"};
+    std::string text;
+    for (std::size_t at = 0; at < left.size(); ++at) {
+        if (left[at] != '.') {
+            text += (text.empty() ? "new: " : ", ") + std::string(names[at]);
+            text += left[at] == 'r' ? " with all that came behind it" : left[at] == 'f' ? " (not the right one)" : "";
+        }
+    }
+    return left == "nnnn" ? "all new" : text.empty() ? "as before" : text;
+}
+
+bool isOfTls(FaultKind kind) {
+    return isOfConnection(kind) && kind != FaultKind::Refuse;
+}
+
+std::string whatToDoAfterSetUp(FaultTableRow const& row) {
+    if (row.result != KVX_OK) {
+        return "set up again: safe";
+    }
+    std::string const left = row.left;
+    if (left[0] == 'r') {
+        return "nothing shows it; set up again to be rid of the rest";
+    }
+    if (left[1] == 'r') {
+        return "nothing shows it; remove `default.xml` and set up again to be rid of the rest";
+    }
+    if (left[2] == 'f') {
+        return "nothing shows it until confirmations fail with `KVX_E_INVALID_SIGNATURE`; set up again";
+    }
+    if (left[2] == '.') {
+        return "nothing shows it, on a first set-up until confirmations fail with `KVX_E_NOT_FOUND`; set up again";
+    }
+    return isOfTls(row.kind) ? kUnnoticed : kNothingToDo;
+}
+
+std::string whatToDoAtTheDecision(FaultTableRow const& row) {
+    if (row.result == kNotCalled) {
+        return "let the shopper pay again: safe; or ask for the payment's state";
+    }
+    if (row.result != KVX_OK) {
+        return "hand nothing over; let the shopper pay again: safe; or ask for the payment's state";
+    }
+    return row.kind == FaultKind::WrongType ? "look at `MSGTYPE` before you hand anything over" : kNothingToDo;
+}
+
+std::string whatToDo(FaultTableRow const& row) {
+    if (isOfSetUp(row.exchange)) {
+        return whatToDoAfterSetUp(row);
+    }
+    if (row.exchange == ExchangeKind::Page) {
+        return row.sees == Sees::Whole ? kNothingToDo : "let the shopper load the page again: safe";
+    }
+    if (row.exchange == ExchangeKind::Decision) {
+        return whatToDoAtTheDecision(row);
+    }
+    if (row.result == KVX_OK) {
+        return isOfTls(row.kind) ? kUnnoticed : kNothingToDo;
+    }
+    return row.exchange == ExchangeKind::Capture ? "capture the same confirmation again: safe"
+                                                 : "make the completion anew and send it: safe";
+}
+
+std::string faultName(FaultTableRow const& row) {
+    std::string const details = *row.details != '\0' ? std::string(",") + row.details : "";
+    return std::string("`") + sandbox::faultRow(row.kind).name + details + "`";
+}
+
+/// The columns between "carried out" and "what to do".
+std::string outcome(FaultTableRow const& row) {
+    if (isOfSetUp(row.exchange)) {
+        return codeName(row.result) + " | " + directoryText(row.left);
+    }
+    if (isOfShopper(row.exchange)) {
+        std::string const result = row.result == kNotCalled ? kNoConfirmation : codeName(row.result);
+        return seesText(row.sees) + " | " + result + " | " + row.left;
+    }
+    return codeName(row.result) + " | " + row.left;
+}
+
+using OfSection = bool (*)(ExchangeKind exchange);
+
+std::string section(char const* head, OfSection isOfSection) {
+    std::string text = head;
+    for (FaultTableRow const& row : faultTable()) {
+        if (isOfSection(row.exchange)) {
+            text += "| " + faultName(row) + " | " + sandbox::exchangeName(row.exchange) + " | " +
+                    (row.carriedOut ? "yes" : "no") + " | " + outcome(row) + " | " + whatToDo(row) + " |\n";
+        }
+    }
+    return text;
+}
+
+bool isInTable(FaultKind kind) {
+    for (FaultTableRow const& row : faultTable()) {
+        if (row.kind == kind) {
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+std::string faultTablePage() {
+    std::string page = kHead;
+    for (sandbox::FaultKindRow const& kind : sandbox::allFaultKinds()) {
+        if (isInTable(kind.kind)) {
+            page += std::string("| `") + kind.name + "` | " + kind.meaning + " |\n";
+        }
+    }
+    page += section(kSetUpHead, &isOfSetUp);
+    page += section(kShopperHead, &isOfShopper);
+    page += section(kPaymentHead, [](ExchangeKind exchange) { return !isOfSetUp(exchange) && !isOfShopper(exchange); });
+    return page;
+}
+
+}  // namespace kvxtest

@@ -1,0 +1,179 @@
+// Shoppers on whose way something goes wrong.
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <optional>
+
+#include "sandbox/site.h"
+#include "tests/flow/faulthappening.h"
+#include "tests/flow/flowsupport.h"
+#include "tests/sandbox/rawclient.h"
+
+using namespace kvxtest;
+using sandbox::ExchangeKind;
+using sandbox::FaultKind;
+
+namespace {
+
+struct Received {
+    std::string bytes;
+    bool reset = false;
+};
+
+/// What a browser gets from the service.
+Received receive(sandbox::Service const& service, std::string const& request) {
+    sandboxtest::RawConnection const connection(service.plainPort());
+    connection.send(request);
+    Received received;
+    char piece[16384];
+    ssize_t count = 0;
+    while ((count = ::recv(connection.get(), piece, sizeof piece, 0)) > 0) {
+        received.bytes.append(piece, static_cast<std::size_t>(count));
+    }
+    received.reset = count < 0 && errno == ECONNRESET;
+    EXPECT_TRUE(count == 0 || received.reset) << "the answer does not end";
+    return received;
+}
+
+/// `text` with the first `from` in it replaced.
+std::string replaced(std::string text, std::string const& from, std::string const& to) {
+    std::size_t const at = text.find(from);
+    return at == std::string::npos ? text : text.replace(at, from.size(), to);
+}
+
+/// What came back with the shopper when a browser got these bytes; nothing when they lead nowhere.
+std::optional<Returned> cameBack(std::string const& bytes) {
+    if (bytes.find("\r\n\r\n") == std::string::npos) {
+        return std::nullopt;
+    }
+    sandboxtest::RawAnswer const answer = sandboxtest::parseAnswer(bytes);
+    return answer.status == 302 ? std::optional<Returned>(takeApart(answer.headers.at("location"))) : std::nullopt;
+}
+
+bool isHuge(std::string const& bytes, std::string const& whole) {
+    std::string const body = sandboxtest::parseAnswer(whole).body;
+    std::string const size = std::to_string(kMegabytes << 20);
+    std::string const head = whole.substr(0, whole.size() - body.size());
+    std::string const length = "Content-Length: ";
+    return bytes == replaced(head, length + std::to_string(body.size()), length + size) + body +
+                        std::string((kMegabytes << 20) - body.size(), ' ');
+}
+
+bool isStatus(std::string const& bytes) {
+    constexpr int kUnavailable = 503;
+    return sandboxtest::parseAnswer(bytes).status == kUnavailable;
+}
+
+bool isWrongReturn(std::string const& bytes, std::string const& whole) {
+    std::optional<Returned> const wrong = cameBack(bytes);
+    std::optional<Returned> const right = cameBack(whole);
+    return wrong && right && wrong->link == right->link &&
+           (wrong->data != right->data || wrong->signature != right->signature);
+}
+
+/// Whether a browser that got `received` in the place of `whole` saw what `sees` says.
+bool saw(Sees sees, Received const& received, std::string const& whole) {
+    std::string const& bytes = received.bytes;
+    switch (sees) {
+        case Sees::NotAsked:
+            return false;
+        case Sees::Whole:
+            return bytes == whole;
+        case Sees::WrongReturn:
+            return isWrongReturn(bytes, whole);
+        case Sees::Nothing:
+            return bytes.empty() && !received.reset;
+        case Sees::Reset:
+            return bytes.empty() && received.reset;
+        case Sees::Cut:
+            return !bytes.empty() && bytes.size() < whole.size() && whole.compare(0, bytes.size(), bytes) == 0;
+        case Sees::Status:
+            return isStatus(bytes);
+        case Sees::NoBlankLine:
+            return bytes == replaced(whole, "\r\n\r\n", "\r\n");
+        case Sees::ZeroByte:
+            return bytes.size() == whole.size() + 1 && replaced(bytes, std::string(1, '\0'), "") == whole;
+        case Sees::Twice:
+            return bytes == whole + whole;
+        case Sees::Huge:
+            return isHuge(bytes, whole);
+    }
+    return false;
+}
+
+/// The state of the payment, "none" without one.
+std::string stateOrNone(Sandbox const& sandbox, std::string const& token) {
+    std::string const state = sandbox.stateOf(token);
+    return state.empty() ? "none" : state;
+}
+
+void expectPages(Sandbox& sandbox, Shop const& shop) {
+    for (FaultTableRow const& row : rowsOf(ExchangeKind::Page)) {
+        SCOPED_TRACE(nameOf(row));
+        FlowMessage const payment = shop.payment();
+        std::string const url = payment.url();
+        Received received;
+        {
+            HappeningRow const happening(sandbox.service(), row, payment.get("ORDERID"));
+            received = receive(sandbox.service(), getRequest(url));
+        }
+        EXPECT_EQ(stateOrNone(sandbox, payment.get("TOKEN")), row.left);
+
+        std::string const again = receive(sandbox.service(), getRequest(url)).bytes;
+        EXPECT_TRUE(saw(row.sees, received, again)) << received.bytes.substr(0, again.size() * 2);
+        EXPECT_EQ(shop.verify(sandbox.shopper(url, "pay")), KVX_OK);
+        EXPECT_EQ(sandbox.stateOf(payment.get("TOKEN")), "authorised");
+    }
+}
+
+/// The result of verifying what came back; a confirmation that is accepted tells in its type what it is.
+std::optional<std::int32_t> verifyReturn(Shop const& shop, Received const& received, FaultKind kind) {
+    std::optional<Returned> const returned = cameBack(received.bytes);
+    if (!returned) {
+        return kNotCalled;
+    }
+    std::int32_t const result = shop.verify(*returned);
+    if (result == KVX_OK) {
+        EXPECT_EQ(shop.verified(*returned).get("MSGTYPE"),
+                  kind == FaultKind::WrongType ? sandbox::kUnexpectedType : "PayConfirm");
+    }
+    return result;
+}
+
+void expectDecisions(Sandbox& sandbox, Shop const& shop) {
+    for (FaultTableRow const& row : rowsOf(ExchangeKind::Decision)) {
+        SCOPED_TRACE(nameOf(row));
+        FlowMessage const payment = shop.payment();
+        std::string const token = payment.get("TOKEN");
+        std::string const request = sandbox.decisionRequest(payment.url(), "pay");
+        Received received;
+        {
+            HappeningRow const happening(sandbox.service(), row, payment.get("ORDERID"));
+            received = receive(sandbox.service(), request);
+        }
+        EXPECT_EQ(sandbox.stateOf(token), row.left);
+        EXPECT_EQ(verifyReturn(shop, received, row.kind), row.result);
+
+        Received const again = receive(sandbox.service(), request);
+        EXPECT_TRUE(saw(row.sees, received, again.bytes)) << received.bytes.substr(0, again.bytes.size() * 2);
+        EXPECT_EQ(verifyReturn(shop, again, FaultKind::Bytewise), KVX_OK);
+        EXPECT_EQ(timesIn(sandbox.service(), token, "authorised"), 1);
+    }
+}
+
+}  // namespace
+
+TEST(FaultTable, HoldsForThePage) {
+    Sandbox sandbox;
+    Shop const shop;
+    ASSERT_EQ(shop.setUp(sandbox.autoUrl()), KVX_OK);
+    expectPages(sandbox, shop);
+}
+
+TEST(FaultTable, HoldsForTheDecision) {
+    Sandbox sandbox;
+    Shop const shop;
+    ASSERT_EQ(shop.setUp(sandbox.autoUrl()), KVX_OK);
+    expectDecisions(sandbox, shop);
+}
