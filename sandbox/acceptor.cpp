@@ -9,7 +9,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <exception>
+#include <iostream>
 #include <stdexcept>
+#include <string>
 #include <system_error>
 #include <utility>
 
@@ -196,7 +199,11 @@ void Acceptor::run() {
 }
 
 void Acceptor::serveOne(int socket) {
-    m_Serve(socket);
+    try {
+        m_Serve(socket);
+    } catch (std::exception const& failure) {
+        std::cerr << "a connection to port " + std::to_string(m_Port) + " was dropped: " + failure.what() + "\n";
+    }
     std::lock_guard<std::mutex> const lock(m_Mutex);
     auto const self = m_Serving.find(socket);
     m_Finished.push_back(std::move(self->second));

@@ -19,7 +19,8 @@ class Acceptor {
 public:
     using Clock = std::chrono::steady_clock;
 
-    /// Serves one connection; the socket is borrowed. Called by several threads at once; must not throw.
+    /// Serves one connection; the socket is borrowed. Called by several threads at once. What it throws is told on
+    /// standard error and ends the connection.
     using Serve = std::function<void(int socket)>;
 
     /// Takes the port (0 picks one); connections wait until start(). Throws std::runtime_error.

@@ -34,12 +34,8 @@ std::size_t findData(std::string const& text) {
 Query queryOf(std::string const& text, std::size_t data) {
     std::size_t const mark = text.rfind('?', data);
     std::size_t const from = mark == std::string::npos ? 0 : mark + 1;
-    std::string query = text.substr(from, text.find('#', from) - from);
-    std::string const escaped = "&amp;";
-    for (std::size_t at = query.find(escaped); at != std::string::npos; at = query.find(escaped, at + 1)) {
-        query.replace(at, escaped.size(), "&");
-    }
-    return Query(query);
+    std::string const query = text.substr(from, text.find('#', from) - from);
+    return Query(replaceAll(query, "&amp;", "&"));
 }
 
 std::string bothSignatures(std::string const& inAddress, std::string const& beside) {

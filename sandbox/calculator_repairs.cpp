@@ -15,13 +15,6 @@ bool isHigh(char c) {
     return static_cast<unsigned char>(c) >= 0x80;
 }
 
-std::string replaceAll(std::string text, std::string const& from, std::string const& to) {
-    for (std::size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
-        text.replace(at, from.size(), to);
-    }
-    return text;
-}
-
 std::string withoutEnd(std::string const& text) {
     return text.substr(0, text.find_last_not_of(kBlanks) + 1);
 }

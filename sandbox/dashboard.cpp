@@ -42,11 +42,7 @@ constexpr Route kRoutes[] = {
 /// The fields of a posted form. Forms write a blank as "+" (URL Standard, section 5.2), which queries of the protocol
 /// do not.
 Query formFields(HttpRequest const& request) {
-    std::string body = request.body;
-    for (std::size_t at = body.find('+'); at != std::string::npos; at = body.find('+', at)) {
-        body.replace(at, 1, "%20");
-    }
-    return Query(body);
+    return Query(replaceAll(request.body, "+", "%20"));
 }
 
 HttpReply answerForm(Site const& site, HttpRequest const& request, Route const& route) {

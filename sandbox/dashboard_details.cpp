@@ -158,7 +158,7 @@ HttpReply exchangeDetailsPage(Site const& site, Query const& query) {
     if (!exchange) {
         throw Refusal("There is no exchange '" + text + "'.", kNotFound);
     }
-    return dashboardPage(200, "", "Exchange " + text,
+    return dashboardPage(200, "", "Exchange " + std::to_string(exchange->number),
                          exchangeLinks(site, *exchange) + exchangeData(*exchange) +
                              section("steps", "How the verdict came about", stepsContent(*exchange)) +
                              section("message", "DATA, decoded", messageContent(*exchange)) +

@@ -3,6 +3,7 @@
 #include <httplib.h>
 
 #include <cstddef>
+#include <exception>
 #include <optional>
 #include <utility>
 
@@ -20,10 +21,20 @@ constexpr std::size_t kLongestRequestLine = 4 * 1024 * 1024;
 constexpr std::size_t kLargestBody = 1024 * 1024;
 constexpr int kUnsupportedMediaType = 415;
 
-std::string longLineAnswer() {
-    std::string const text = "The request line is too long.\n";
-    return "HTTP/1.0 414 URI Too Long\r\nConnection: close\r\nContent-Type: text/plain\r\nContent-Length: " +
+/// An answer that the HTTP library has no part in.
+std::string ownAnswer(char const* statusLine, std::string const& text) {
+    return std::string("HTTP/1.0 ") + statusLine +
+           "\r\nConnection: close\r\nContent-Type: text/plain; charset=utf-8\r\nContent-Length: " +
            std::to_string(text.size()) + "\r\n\r\n" + text;
+}
+
+std::string longLineAnswer() {
+    return ownAnswer("414 URI Too Long", "The request line is too long.\n");
+}
+
+/// What was done could not be recorded, which the other side has to know.
+std::string failureAnswer(std::string const& what) {
+    return ownAnswer("500 Internal Server Error", "The sandbox failed: " + what + "\n");
 }
 
 void fill(HttpReply const& reply, httplib::Response& response) {
@@ -125,8 +136,13 @@ public:
         bool closed = false;
         process_request(stream, true, closed, nullptr);
         t_Turn = nullptr;
-        if (turn.reply.log) {
-            turn.reply.log(stream.written());
+        try {
+            if (turn.reply.log) {
+                turn.reply.log(stream.written());
+            }
+        } catch (std::exception const& failure) {
+            deliver(connection, failureAnswer(failure.what()), std::nullopt);
+            return;
         }
         deliver(connection, stream.written(), turn.reply.fault);
     }

@@ -32,8 +32,9 @@ void describe(CLI::App& program, Arguments& arguments) {
     program.add_flag("--proxy", arguments.options.proxy, "run an HTTP proxy as well, for merchants that use one");
     program.add_option("--proxy-port", arguments.options.proxyPort, "port of the proxy, 0 picks a free one")
         ->capture_default_str();
-    program.add_option("--control-port", arguments.options.controlPort,
-                       "port of dashboard and control API that faults never touch, 0 picks a free one")
+    program
+        .add_option("--control-port", arguments.options.controlPort,
+                    "port of dashboard and control API that faults never touch, 0 picks a free one")
         ->capture_default_str();
     program.add_option("--fault", arguments.faults, "a fault to arm: kind,name=value,... (may be given several times)");
     program.add_option("--account", arguments.account, "the merchant's account as user:password")
@@ -49,7 +50,8 @@ std::string readyLine(sandbox::Service const& service, Arguments const& argument
     if (!arguments.json) {
         std::string const tls = arguments.options.tls ? " and " + service.tlsBaseUrl() + "/auto" : "";
         std::string const proxy = arguments.options.proxy ? ", proxy at " + service.proxyUrl() : "";
-        return "The sandbox is ready: set-up at " + base + "/auto" + tls + proxy + ", dashboard at " + service.controlUrl() + "/";
+        return "The sandbox is ready: set-up at " + base + "/auto" + tls + proxy + ", dashboard at " +
+               service.controlUrl() + "/";
     }
     nlohmann::json line = {{"auto", base + "/auto"},
                            {"pay", base + "/pay"},

@@ -57,8 +57,8 @@ public:
     /// is left running then. Calling it on a running service throws std::logic_error.
     void start();
 
-    /// Answers the requests that are under way, closes everything and lets go of the data directory. A notification that
-    /// is under way is cut and sent again after the next start. Harmless on a service that is not running.
+    /// Answers the requests that are under way, closes everything and lets go of the data directory. A notification
+    /// that is under way is cut and sent again after the next start. Harmless on a service that is not running.
     void stop();
 
     /// The ports that are listened on; 0 when not running, `tlsPort` also without TLS, `proxyPort` without a proxy.

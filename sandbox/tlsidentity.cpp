@@ -137,12 +137,13 @@ void makeFiles(DataDirectory const& directory) {
     Authority const authority;
     Authority const unknown;
     KeyHolder const serverKey = makeKey();
+    // An empty file of the authority says that the set is not complete, until all of it is there.
+    directory.write(kAuthorityFile, "");
     directory.write(kKeyFile, keyPem(serverKey.get()));
     directory.write(kSoundFile, authority.sign(serverKey.get(), kOwnHosts));
     directory.write(kExpiredFile, authority.sign(serverKey.get(), kOwnHosts, {-2 * kDay, -kDay}));
     directory.write(kWrongHostFile, authority.sign(serverKey.get(), kOtherHost));
     directory.write(kUnknownAuthorityFile, unknown.sign(serverKey.get(), kOwnHosts));
-    // Last, because its presence says that the set is complete.
     directory.write(kAuthorityFile, certificatePem(authority.certificate.get()));
 }
 

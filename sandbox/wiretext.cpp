@@ -103,6 +103,17 @@ std::optional<std::string> percentDecode(std::string const& text) {
     return out;
 }
 
+std::string replaceAll(std::string const& text, std::string const& from, std::string const& to) {
+    std::string out;
+    std::size_t next = 0;
+    for (std::size_t at = text.find(from); at != std::string::npos; at = text.find(from, next)) {
+        out.append(text, next, at - next);
+        out += to;
+        next = at + from.size();
+    }
+    return out.append(text, next, std::string::npos);
+}
+
 std::optional<std::string> decodeBase64(std::string const& text) {
     if (text.size() % 4 != 0) {
         return std::nullopt;

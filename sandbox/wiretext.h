@@ -23,6 +23,9 @@ std::string percentEncode(std::string const& bytes);
 /// A "+" stays a "+".
 std::optional<std::string> percentDecode(std::string const& text);
 
+/// `text` with `to` in the place of every `from`, which must not be empty.
+std::string replaceAll(std::string const& text, std::string const& from, std::string const& to);
+
 /// The bytes behind Base64 `text` of either form: with "=" padding, or filled up with zero bits ("A"), which includes a
 /// whole group "AAAA" after an input whose length is a multiple of three. Zero bytes at the end are fill and dropped.
 /// Nothing when the length is not a multiple of four or a character is foreign.

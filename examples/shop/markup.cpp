@@ -21,7 +21,8 @@ constexpr char kHead[] =
     ":focus-visible{outline:3px solid #0b4f8a;outline-offset:2px}"
     "article{border-top:1px solid #555}"
     "table{border-collapse:collapse;width:100%}"
-    "th,td{border:1px solid #555;padding:.25rem .5rem;text-align:left;overflow-wrap:anywhere}"
+    "th,td{border:1px solid #555;padding:.25rem .5rem;text-align:left}"
+    "h1,p,.calls td{overflow-wrap:anywhere}"
     "pre{white-space:pre-wrap;overflow-wrap:anywhere;border:1px solid #555;padding:.5rem}</style>\n";
 
 constexpr char kNavigation[] =

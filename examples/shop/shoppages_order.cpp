@@ -70,7 +70,8 @@ std::string callsTable(Calls const& calls) {
     for (Call const& call : calls) {
         rows += "<tr><td>" + escaped(call.function) + "</td><td>" + escaped(call.result) + "</td></tr>\n";
     }
-    return "<table>\n<thead><tr><th scope=\"col\">Function</th><th scope=\"col\">Result</th></tr></thead>\n<tbody>\n" +
+    return "<table class=\"calls\">\n<thead><tr><th scope=\"col\">Function</th><th "
+           "scope=\"col\">Result</th></tr></thead>\n<tbody>\n" +
            rows + "</tbody>\n</table>\n";
 }
 

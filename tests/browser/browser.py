@@ -29,6 +29,7 @@ from server import PATIENCE_SECONDS, Server
 
 COMMAND_SECONDS = PATIENCE_SECONDS + 30  # the driver answers after it has waited for a page
 POLL_SECONDS = 0.05
+DRIVER_TRIES = 10
 MOST_TABS = 40
 SCRIPTS_BLOCKED = 2
 
@@ -81,6 +82,16 @@ class Browser:
         self.base = self.driver.current_window_handle
 
     def start_driver(self):
+        """The driver takes a free port of IPv4 and then wants the same one of IPv6; when that is taken it ends, and
+        another port has to be tried."""
+        for _ in range(DRIVER_TRIES - 1):
+            try:
+                return self.try_to_start_driver()
+            except AssertionError:
+                continue
+        return self.try_to_start_driver()
+
+    def try_to_start_driver(self):
         """On a free port. What chromium writes beside its profile goes to the directory as well."""
         places = ("HOME", "XDG_CACHE_HOME", "XDG_CONFIG_HOME", "XDG_DATA_HOME", "TMPDIR")
         return Server([os.environ["KVX_CHROMEDRIVER"], "--port=0", f"--log-path={self.log}"],

@@ -28,8 +28,10 @@ class Server:
     def wait_until_ready(self, pattern):
         watchdog = threading.Timer(PATIENCE_SECONDS, self.process.kill)
         watchdog.start()
+        lines = []
         try:
             for line in self.process.stdout:
+                lines.append(line)
                 if found := re.search(pattern, line):
                     return found
         finally:

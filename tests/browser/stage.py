@@ -4,8 +4,9 @@ import json
 import os
 import pathlib
 import tempfile
+import urllib.request
 
-from server import Server
+from server import PATIENCE_SECONDS, Server
 
 
 class Stage:
@@ -21,11 +22,29 @@ class Stage:
         clean_up(end_well, sandbox)
         addresses = json.loads(sandbox.ready.group())
         self.pay = addresses["pay"]
-        self.payments = addresses["payments"]
+        self.payments = addresses["dashboard"]
+        self.control = addresses["control"]
         shop = Server([os.environ["KVX_SHOP"], directory / "merchant", addresses["auto"], "demo"],
                       r"^The shop is open at (.*)$", directory / "shop.errors", TALLOWIN_PASSWORD="demo")
         clean_up(end_well, shop)
         self.shop = shop.ready.group(1)
+
+    def arm(self, **fault):
+        """Has the payment service fail: the members of a fault as its control API takes them."""
+        self.ask("POST", "/faults", fault)
+
+    def lift_faults(self):
+        self.ask("DELETE", "/faults")
+
+    def set_clock_ahead(self, hours):
+        """The payment service believes that it is that much later."""
+        self.ask("POST", "/clock", {"ahead": hours * 3600})
+
+    def ask(self, method, path, content=None):
+        body = None if content is None else json.dumps(content).encode()
+        request = urllib.request.Request(self.control + path, body, {"Content-Type": "application/json"}, method=method)
+        with urllib.request.build_opener(urllib.request.ProxyHandler({})).open(request, timeout=PATIENCE_SECONDS):
+            pass
 
 
 def end_well(server):

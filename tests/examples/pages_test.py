@@ -110,5 +110,30 @@ class RehearsedFailures(PageCase):
         return json.loads(get(self.addresses["control"] + "/faults"))["faults"]
 
 
+class SandboxReference(PageCase):
+    def setUp(self):
+        super().setUp()
+        self.page = (ROOT / "docs" / "sandbox.md").read_text()
+
+    def test_page_tells_every_option(self):
+        status, out, _ = self.shell("build/demo/sandbox/tallowin-sandbox --help").finish()
+        self.assertEqual(status, 0)
+        options = set(re.findall(r"^  (--[a-z-]+)", out, re.MULTILINE))
+        self.assertGreater(len(options), 8)
+        self.assertEqual(options, set(re.findall(r"^\| `(--[a-z-]+)", self.page, re.MULTILINE)))
+
+    def test_page_tells_every_kind_of_fault_and_every_member(self):
+        self.serve("build/demo/sandbox/tallowin-sandbox --data service --tls --proxy --port 8480 --control-port 8481")
+        members = re.search(r"^## The line of `--json`\n(.*?)^## ", self.page, re.MULTILINE | re.DOTALL).group(1)
+        told = {name for row in re.findall(r"^\| (`[^|]*) \|", members, re.MULTILINE) for name in row.strip("`").split("`, `")}
+        self.assertEqual(told, set(self.addresses))
+        kinds = json.loads(get(self.addresses["control"] + "/faults/kinds"))["kinds"]
+        self.assertGreater(len(kinds), 20)
+        rows = ["| `{}` | {} | {} | {} | {} |".format(
+            kind["name"], kind["meaning"], "yes" if kind["carriedOut"] else "no", ", ".join(kind["exchanges"]),
+            ", ".join(f"`{parameter}`" for parameter in kind["parameters"])) for kind in kinds]
+        self.assertIn("|---|---|---|---|---|\n" + "\n".join(rows) + "\n<!-- /kinds -->", self.page)
+
+
 if __name__ == "__main__":
     unittest.main()

@@ -426,6 +426,12 @@ TEST(Repairs, SurviveAnyBytes) {
     }
 }
 
+TEST(Repairs, TakeNoLongerForManyDamagesThanForOne) {
+    for (char const piece : {'\n', '\r', '+'}) {
+        EXPECT_GE(repairs(std::string(1024 * 1024, piece)).size(), 3u);
+    }
+}
+
 // --- What people paste
 
 std::string shown(SignedTexts const& texts) {

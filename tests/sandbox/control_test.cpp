@@ -274,6 +274,27 @@ TEST_F(Control, TellsAPaymentFromItsOpeningToItsCapture) {
     EXPECT_EQ(told.at("history").at(2).at("state"), "captured");
 }
 
+TEST_F(Control, TellsTheNotificationsOfEachPayment) {
+    for (char const* token : {"t1", "t2"}) {
+        std::string const address = " NOTIFYADDRESS=\"" + std::string(token) + "@localhost\"";
+        press(openPage(m_Merchant.payInit(token, address)), *(token + 1) == '1' ? "pay" : "decline");
+    }
+    json const payments = tell("/control/payments").at("payments");
+    ASSERT_EQ(payments.size(), 2u);
+    for (json const& told : payments) {
+        ASSERT_EQ(told.at("notifications").size(), 1u) << told;
+        json const notification = told.at("notifications").at(0);
+        EXPECT_EQ(notification.at("payment"), told.at("id"));
+        EXPECT_EQ(notification.at("address"), told.at("token").get<std::string>() + "@localhost");
+        EXPECT_EQ(notification.at("result"), told.at("state"));
+        EXPECT_EQ(notification.at("number"), told.at("token") == "t1" ? 1 : 2);
+        EXPECT_TRUE(notification.at("pending").is_boolean());
+        EXPECT_TRUE(notification.at("attempts").is_number_integer());
+        EXPECT_TRUE(notification.at("outcome").is_string());
+    }
+    EXPECT_EQ(tell("/control").at("counts").at("notifications"), 2);
+}
+
 TEST_F(Control, FiltersPayments) {
     press(openPage(m_Merchant.payInit("t1")), "decline");
     openPage(m_Merchant.message("PayInit", " TOKEN=\"t2\" EXPIRATION=\"20991231 23:59:59\" ORDERID=\"A &amp; + B\""));

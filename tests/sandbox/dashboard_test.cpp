@@ -298,9 +298,10 @@ TEST_F(Dashboard, ShowsNotificationsWithTheirOutcome) {
 
 TEST_F(Dashboard, ShowsAPaymentAsItIsNow) {
     openPage(m_Merchant.message("PayInit", " TOKEN=\"t1\" EXPIRATION=\"20231114 23:13:20\""));
-    EXPECT_EQ(open("/payment?id=" + onlyPayment()).text("//main/dl/div[1]/dd"), "opened");
+    std::string const target = "/payment?id=" + onlyPayment();
+    EXPECT_EQ(open(target).text("//main/dl/div[1]/dd"), "opened");
     m_Now += 3601;
-    EXPECT_EQ(open("/payment?id=" + onlyPayment()).text("//main/dl/div[1]/dd"), "expired");
+    EXPECT_EQ(open(target).text("//main/dl/div[1]/dd"), "expired");
 }
 
 TEST_F(Dashboard, ShowsForeignBytesOfAPaymentAsText) {
@@ -424,6 +425,13 @@ TEST_F(Dashboard, ReadsFormsAsBrowsersWriteThem) {
     EXPECT_EQ(ask(formPost("/faults", body)).status, 303);
     EXPECT_EQ(m_Service->faults().at(0).fault.order, "A 1+2=&");
     EXPECT_EQ(m_Service->faults().at(0).fault.times, 0);
+}
+
+TEST_F(Dashboard, ReadsAFormOfBlanks) {
+    std::string const start = "key=" + formKey() + "&DATA=%3c";
+    RawAnswer const answer = ask(formPost("/calculator", start + std::string(1024 * 1024 - start.size(), '+')));
+    EXPECT_EQ(answer.status, 200);
+    EXPECT_THAT(answer.body, HasSubstr("The signature is not right."));
 }
 
 TEST_F(Dashboard, OffersEveryKindOfFault) {

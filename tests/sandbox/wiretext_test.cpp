@@ -46,6 +46,15 @@ TEST(PercentEncoding, RefusesCutAndForeignDigits) {
     }
 }
 
+TEST(ReplaceAll, PutsOneTextInThePlaceOfAnother) {
+    EXPECT_EQ(replaceAll("", "a", "b"), "");
+    EXPECT_EQ(replaceAll("xyz", "a", "b"), "xyz");
+    EXPECT_EQ(replaceAll("a+b+", "+", "%20"), "a%20b%20");
+    EXPECT_EQ(replaceAll("&amp;amp;&amp;", "&amp;", "&"), "&amp;&");
+    EXPECT_EQ(replaceAll("\n\n", "\n", "\r\n"), "\r\n\r\n");
+    EXPECT_EQ(replaceAll("aaa", "aa", ""), "a");
+}
+
 TEST(Base64, ReadsTheFormWithoutPadding) {
     // Each row: text of the header, bytes.
     struct Row {
