@@ -16,15 +16,23 @@ namespace {
 
 constexpr char kMoment[] = "0.05";
 
+template <class IsWanted>
+std::vector<FaultTableRow> rowsWith(IsWanted isWanted) {
+    std::vector<FaultTableRow> rows;
+    std::copy_if(faultTable().begin(), faultTable().end(), std::back_inserter(rows), isWanted);
+    return rows;
+}
+
 }  // namespace
 
 sandbox::Fault faultOf(FaultTableRow const& row, std::string const& order) {
     sandbox::FaultKindRow const& kind = sandbox::faultRow(row.kind);
     std::string text = kind.name;
-    if (!isOfConnection(row.kind)) {
+    if (!isOfConnection(row)) {
         text += std::string(",exchange=") + sandbox::exchangeName(row.exchange);
-        text += order.empty() ? "" : ",order=" + order;
-        text += (kind.parameters & sandbox::kTakesSeconds) != 0 ? std::string(",seconds=") + kMoment : "";
+        text += order.empty() || row.exchange == ExchangeKind::Proxy ? "" : ",order=" + order;
+        bool const forAMoment = (kind.parameters & sandbox::kTakesSeconds) != 0 && row.kind != FaultKind::Refuse;
+        text += forAMoment ? std::string(",seconds=") + kMoment : "";
         text += (kind.parameters & sandbox::kTakesMegabytes) != 0 ? ",megabytes=" + std::to_string(kMegabytes) : "";
     }
     return sandbox::parseFault(text + (*row.details != '\0' ? "," : "") + row.details);
@@ -34,7 +42,7 @@ HappeningRow* HappeningRow::s_Current = nullptr;
 
 HappeningRow::HappeningRow(sandbox::Service& service, FaultTableRow const& row, std::string const& order)
     : m_Service(service), m_Fault(faultOf(row, order)) {
-    if (!isOfConnection(row.kind)) {
+    if (!isOfConnection(row)) {
         m_Service.arm(m_Fault);
         return;
     }
@@ -64,21 +72,20 @@ std::int32_t asInRows(std::int32_t code) {
 
 std::string nameOf(FaultTableRow const& row) {
     return std::string(sandbox::faultRow(row.kind).name) + " " + row.details + " at " +
-           sandbox::exchangeName(row.exchange);
+           sandbox::exchangeName(row.exchange) + (row.tunnelled ? " in a tunnel" : "");
 }
 
 std::vector<FaultTableRow> rowsOf(ExchangeKind exchange) {
-    std::vector<FaultTableRow> rows;
-    std::copy_if(faultTable().begin(), faultTable().end(), std::back_inserter(rows),
-                 [exchange](auto const& row) { return row.exchange == exchange && !isOfConnection(row.kind); });
-    return rows;
+    return rowsWith([exchange](auto const& row) { return row.exchange == exchange && !isOfConnection(row); });
 }
 
 std::vector<FaultTableRow> rowsOfConnections(bool ofSetUp) {
-    std::vector<FaultTableRow> rows;
-    std::copy_if(faultTable().begin(), faultTable().end(), std::back_inserter(rows),
-                 [ofSetUp](auto const& row) { return isOfConnection(row.kind) && isOfSetUp(row.exchange) == ofSetUp; });
-    return rows;
+    return rowsWith([ofSetUp](auto const& row) { return isOfConnection(row) && isOfSetUp(row.exchange) == ofSetUp; });
+}
+
+std::vector<FaultTableRow> rowsOfProxy(bool tunnelled) {
+    return rowsWith(
+        [tunnelled](auto const& row) { return row.exchange == ExchangeKind::Proxy && row.tunnelled == tunnelled; });
 }
 
 long carriedOut(sandbox::Service const& service, ExchangeKind kind) {

@@ -52,6 +52,9 @@ std::string nameOf(FaultTableRow const& row);
 std::vector<FaultTableRow> rowsOf(sandbox::ExchangeKind exchange);
 std::vector<FaultTableRow> rowsOfConnections(bool ofSetUp);
 
+/// The rows of the proxy that is asked for tunnels, or to forward.
+std::vector<FaultTableRow> rowsOfProxy(bool tunnelled);
+
 /// How often the service has carried out such a request.
 long carriedOut(sandbox::Service const& service, sandbox::ExchangeKind kind);
 

@@ -10,6 +10,9 @@ using E = sandbox::ExchangeKind;
 using F = sandbox::FaultKind;
 using S = Sees;
 
+constexpr std::int32_t kAsksCredentials = KVX_E_HTTP_FAMILY | 407;
+constexpr bool kTunnelled = true;
+
 // clang-format off
 std::vector<FaultTableRow> const kRows = {
     {E::Setup,     F::Refuse,              false, KVX_E_SOCKET_REFUSED,    "...."},
@@ -167,12 +170,39 @@ std::vector<FaultTableRow> const kRows = {
     {E::Complete,  F::Twice,               true,  KVX_OK,                  "completed"},
     {E::Complete,  F::Huge,                true,  KVX_OK,                  "completed"},
     {E::Complete,  F::WrongType,           true,  KVX_E_WRONG_RESPONSE,    "completed"},
+
+    {E::Proxy,     F::Refuse,              false, KVX_E_SOCKET_REFUSED,    "authorised"},
+    {E::Proxy,     F::Refuse,              false, KVX_E_SOCKET_REFUSED,    "authorised",  S::NotAsked, "", kTunnelled},
+    {E::Proxy,     F::ProxyAuthentication, false, kAsksCredentials,        "authorised"},
+    {E::Proxy,     F::ProxyAuthentication, false, kAsksCredentials,        "authorised",  S::NotAsked, "", kTunnelled},
+    {E::Proxy,     F::HttpStatus,          false, KVX_E_HTTP_UNAVAILABLE,  "authorised"},
+    {E::Proxy,     F::HttpStatus,          false, KVX_E_HTTP_UNAVAILABLE,  "authorised",  S::NotAsked, "", kTunnelled},
+    {E::Proxy,     F::Reset,               false, KVX_E_SOCKET_RESET,      "authorised"},
+    {E::Proxy,     F::Reset,               false, KVX_E_SOCKET_RESET,      "authorised",  S::NotAsked, "", kTunnelled},
+    {E::Proxy,     F::Drop,                true,  KVX_E_HTTP_BAD_REPLY,    "captured"},
+    {E::Proxy,     F::Drop,                false, KVX_E_HTTP_BAD_REPLY,    "authorised",  S::NotAsked, "", kTunnelled},
+    {E::Proxy,     F::Delay,               true,  KVX_OK,                  "captured"},
+    {E::Proxy,     F::Delay,               true,  KVX_OK,                  "captured",    S::NotAsked, "", kTunnelled},
+    {E::Proxy,     F::StallBefore,         true,  KVX_E_HTTP_BAD_REPLY,    "captured"},
+    {E::Proxy,     F::StallBefore,         false, KVX_E_HTTP_BAD_REPLY,    "authorised",  S::NotAsked, "", kTunnelled},
+    {E::Proxy,     F::StallInside,         true,  KVX_E_INVALID_FORMAT,    "captured"},
+    {E::Proxy,     F::StallInside,         false, KVX_E_TLS_FAMILY,        "authorised",  S::NotAsked, "", kTunnelled},
+    {E::Proxy,     F::Bytewise,            true,  KVX_OK,                  "captured"},
+    {E::Proxy,     F::Truncate,            true,  KVX_E_INVALID_FORMAT,    "captured"},
+    {E::Proxy,     F::Truncate,            false, KVX_E_TLS_FAMILY,        "authorised",  S::NotAsked, "", kTunnelled},
+    {E::Proxy,     F::NoBlankLine,         true,  KVX_E_HTTP_BAD_REPLY,    "captured"},
+    {E::Proxy,     F::NoBlankLine,         false, KVX_E_TLS_FAMILY,        "authorised",  S::NotAsked, "", kTunnelled},
+    {E::Proxy,     F::NulBytes,            true,  KVX_E_INVALID_FORMAT,    "captured"},
+    {E::Proxy,     F::NulBytes,            false, KVX_E_TLS_FAMILY,        "authorised",  S::NotAsked, "", kTunnelled},
+    {E::Proxy,     F::Twice,               true,  KVX_OK,                  "captured"},
+    {E::Proxy,     F::Twice,               false, KVX_E_TLS_FAMILY,        "authorised",  S::NotAsked, "", kTunnelled},
+    {E::Proxy,     F::Huge,                true,  KVX_OK,                  "captured"},
+    {E::Proxy,     F::Huge,                false, KVX_E_TLS_FAMILY,        "authorised",  S::NotAsked, "", kTunnelled},
 };
 
 std::vector<LeftOutExchange> const kLeftOut = {
     {E::Notification, "goes to the merchant's own server, past the component"},
     {E::Status,       "asked for with the same function as a completion, and as a completion answered"},
-    {E::Proxy,        "no proxy is between the component and the service here"},
     {E::Connection,   "its faults have rows under the exchanges that are connected for"},
     {E::Other,        "the component sends nothing that is none of the others"},
 };
@@ -202,8 +232,9 @@ bool isOfShopper(E exchange) {
     return exchange == E::Page || exchange == E::Decision;
 }
 
-bool isOfConnection(F kind) {
-    return (sandbox::faultRow(kind).exchanges & static_cast<unsigned>(E::Connection)) != 0;
+bool isOfConnection(FaultTableRow const& row) {
+    bool const canBe = (sandbox::faultRow(row.kind).exchanges & static_cast<unsigned>(E::Connection)) != 0;
+    return canBe && row.exchange != E::Proxy;
 }
 
 }  // namespace kvxtest

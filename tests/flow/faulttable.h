@@ -45,10 +45,14 @@ struct FaultTableRow {
     char const* left;
     Sees sees = Sees::NotAsked;
     char const* details = "";  ///< More of the fault, as it is spelled: "status=200".
+    bool tunnelled = false;    ///< At the proxy: it was asked for a tunnel, not to forward the request.
 };
 
 /// By exchange, and within one by fault, both in the order of the sandbox.
 std::vector<FaultTableRow> const& faultTable();
+
+/// A fault that has no row for tunnels, because what comes of it is a matter of chance.
+inline constexpr sandbox::FaultKind kLeftOutOfTunnels = sandbox::FaultKind::Bytewise;
 
 /// An exchange that the table leaves out.
 struct LeftOutExchange {
@@ -63,8 +67,8 @@ std::vector<sandbox::ExchangeKind> const& merchantExchanges();
 bool isOfSetUp(sandbox::ExchangeKind exchange);
 bool isOfShopper(sandbox::ExchangeKind exchange);
 
-/// Whether the fault happens to a connection before its request.
-bool isOfConnection(sandbox::FaultKind kind);
+/// Whether it happens to a connection to the service before its request.
+bool isOfConnection(FaultTableRow const& row);
 
 /// The text of docs/fault-table.md.
 std::string faultTablePage();

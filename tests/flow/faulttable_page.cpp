@@ -61,6 +61,17 @@ constexpr char kPaymentHead[] = R"(
 |---|---|---|---|---|---|
 )";
 
+constexpr char kProxyHead[] = R"(
+## Through a proxy
+
+`MessageObject_Capture` of an authorised payment through a proxy at which something goes wrong. The proxy forwards a
+request to an `http` address; to an `https` address it opens a tunnel (CONNECT). The component judges the answer to
+CONNECT by what the first read brings of it, so what `bytewise` does to a tunnel is a matter of chance: no row.
+
+| Fault | Address | Carried out | The component returns | Payment afterwards | What to do |
+|---|---|---|---|---|---|
+)";
+
 struct CodeName {
     std::int32_t code;
     char const* name;
@@ -70,6 +81,7 @@ struct CodeName {
 constexpr CodeName kCodeNames[] = {
     {KVX_OK,                  "`KVX_OK`"},
     {KVX_E_HTTP_BAD_REPLY,    "`KVX_E_HTTP_BAD_REPLY`"},
+    {KVX_E_HTTP_FAMILY | 407, "`KVX_E_HTTP_FAMILY` and 407"},
     {KVX_E_HTTP_UNAVAILABLE,  "`KVX_E_HTTP_UNAVAILABLE`"},
     {KVX_E_INVALID_FORMAT,    "`KVX_E_INVALID_FORMAT`"},
     {KVX_E_INVALID_SIGNATURE, "`KVX_E_INVALID_SIGNATURE`"},
@@ -135,7 +147,7 @@ std::string directoryText(std::string const& left) {
 }
 
 bool isOfTls(FaultKind kind) {
-    return isOfConnection(kind) && kind != FaultKind::Refuse;
+    return sandbox::faultRow(kind).exchanges == static_cast<unsigned>(ExchangeKind::Connection);
 }
 
 std::string whatToDoAfterSetUp(FaultTableRow const& row) {
@@ -181,13 +193,24 @@ std::string whatToDo(FaultTableRow const& row) {
     if (row.result == KVX_OK) {
         return isOfTls(row.kind) ? kUnnoticed : kNothingToDo;
     }
-    return row.exchange == ExchangeKind::Capture ? "capture the same confirmation again: safe"
-                                                 : "make the completion anew and send it: safe";
+    if (row.kind == FaultKind::ProxyAuthentication) {
+        return "take a proxy that asks for none, then capture the same confirmation again: safe";
+    }
+    return row.exchange == ExchangeKind::Complete ? "make the completion anew and send it: safe"
+                                                  : "capture the same confirmation again: safe";
 }
 
 std::string faultName(FaultTableRow const& row) {
     std::string const details = *row.details != '\0' ? std::string(",") + row.details : "";
     return std::string("`") + sandbox::faultRow(row.kind).name + details + "`";
+}
+
+/// Where it happens: the exchange, or for what address the proxy was asked.
+std::string placeOf(FaultTableRow const& row) {
+    if (row.exchange == ExchangeKind::Proxy) {
+        return row.tunnelled ? "`https`" : "`http`";
+    }
+    return sandbox::exchangeName(row.exchange);
 }
 
 /// The columns between "carried out" and "what to do".
@@ -208,11 +231,15 @@ std::string section(char const* head, OfSection isOfSection) {
     std::string text = head;
     for (FaultTableRow const& row : faultTable()) {
         if (isOfSection(row.exchange)) {
-            text += "| " + faultName(row) + " | " + sandbox::exchangeName(row.exchange) + " | " +
-                    (row.carriedOut ? "yes" : "no") + " | " + outcome(row) + " | " + whatToDo(row) + " |\n";
+            text += "| " + faultName(row) + " | " + placeOf(row) + " | " + (row.carriedOut ? "yes" : "no") + " | " +
+                    outcome(row) + " | " + whatToDo(row) + " |\n";
         }
     }
     return text;
+}
+
+bool isOfSettlement(ExchangeKind exchange) {
+    return exchange == ExchangeKind::Capture || exchange == ExchangeKind::Complete;
 }
 
 bool isInTable(FaultKind kind) {
@@ -235,7 +262,8 @@ std::string faultTablePage() {
     }
     page += section(kSetUpHead, &isOfSetUp);
     page += section(kShopperHead, &isOfShopper);
-    page += section(kPaymentHead, [](ExchangeKind exchange) { return !isOfSetUp(exchange) && !isOfShopper(exchange); });
+    page += section(kPaymentHead, &isOfSettlement);
+    page += section(kProxyHead, [](ExchangeKind exchange) { return exchange == ExchangeKind::Proxy; });
     return page;
 }
 

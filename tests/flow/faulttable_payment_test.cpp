@@ -20,7 +20,7 @@ std::int32_t complete(Shop const& shop, FlowMessage const& confirmation) {
 void expectPayments(Sandbox& sandbox, Shop const& shop, std::vector<FaultTableRow> const& rows) {
     for (FaultTableRow const& row : rows) {
         SCOPED_TRACE(nameOf(row));
-        bool const isCapture = row.exchange == ExchangeKind::Capture;
+        bool const isCapture = row.exchange != ExchangeKind::Complete;
         std::string const done = isCapture ? "captured" : "completed";
         Order const order{"F-" + std::to_string(&row - rows.data()), "12.50", "EUR"};
         Returned const returned = sandbox.shopper(shop.payment(order).url(), "pay");
@@ -65,4 +65,20 @@ TEST(FaultTable, HoldsForConnectionsOfAPayment) {
     Shop const shop;
     ASSERT_EQ(shop.setUp(sandbox.tlsAutoUrl()), KVX_OK);
     expectPayments(sandbox, shop, rowsOfConnections(false));
+}
+
+TEST(FaultTable, HoldsForTheProxy) {
+    Sandbox sandbox;
+    Shop const shop;
+    ASSERT_EQ(shop.setUp(sandbox.autoUrl()), KVX_OK);
+    shop.useProxy(sandbox.service().proxyPort());
+    expectPayments(sandbox, shop, rowsOfProxy(false));
+}
+
+TEST(FaultTable, HoldsForTunnelsThroughTheProxy) {
+    Sandbox sandbox(true);
+    Shop const shop;
+    ASSERT_EQ(shop.setUp(sandbox.tlsAutoUrl()), KVX_OK);
+    shop.useProxy(sandbox.service().proxyPort());
+    expectPayments(sandbox, shop, rowsOfProxy(true));
 }

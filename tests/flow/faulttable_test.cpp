@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
-#include <utility>
+#include <tuple>
 
 #include "tests/flow/faulthappening.h"
 #include "tests/flow/flowsupport.h"
@@ -17,9 +17,10 @@ using sandbox::FaultKind;
 
 namespace {
 
-bool hasRow(ExchangeKind exchange, FaultKind kind) {
-    return std::any_of(faultTable().begin(), faultTable().end(),
-                       [&](auto const& row) { return row.exchange == exchange && row.kind == kind; });
+bool hasRow(ExchangeKind exchange, FaultKind kind, bool tunnelled = false) {
+    return std::any_of(faultTable().begin(), faultTable().end(), [&](auto const& row) {
+        return row.exchange == exchange && row.kind == kind && row.tunnelled == tunnelled;
+    });
 }
 
 bool isLeftOut(ExchangeKind exchange) {
@@ -28,8 +29,9 @@ bool isLeftOut(ExchangeKind exchange) {
 }
 
 /// Where in the order of the sandbox a row stands.
-std::pair<unsigned, std::ptrdiff_t> placeOf(FaultTableRow const& row) {
-    return {static_cast<unsigned>(row.exchange), &sandbox::faultRow(row.kind) - sandbox::allFaultKinds().data()};
+std::tuple<unsigned, std::ptrdiff_t, bool> placeOf(FaultTableRow const& row) {
+    return {static_cast<unsigned>(row.exchange), &sandbox::faultRow(row.kind) - sandbox::allFaultKinds().data(),
+            row.tunnelled};
 }
 
 }  // namespace
@@ -42,8 +44,12 @@ TEST(FaultTable, HasARowForEveryFaultOfEveryExchange) {
                 EXPECT_TRUE(hasRow(exchange, kind.kind)) << kind.name << " at " << sandbox::exchangeName(exchange);
             }
         }
+        bool const canHappenInTunnels = (kind.exchanges & static_cast<unsigned>(ExchangeKind::Proxy)) != 0;
+        EXPECT_EQ(hasRow(ExchangeKind::Proxy, kind.kind, true), canHappenInTunnels && kind.kind != kLeftOutOfTunnels)
+            << kind.name << " in a tunnel";
         for (ExchangeKind const exchange : merchantExchanges()) {
-            EXPECT_TRUE(!isOfConnection(kind.kind) || hasRow(exchange, kind.kind))
+            EXPECT_TRUE((kind.exchanges & static_cast<unsigned>(ExchangeKind::Connection)) == 0 ||
+                        hasRow(exchange, kind.kind))
                 << kind.name << " before " << sandbox::exchangeName(exchange);
         }
     }
@@ -56,6 +62,7 @@ TEST(FaultTable, HasRowsForNothingElseAndInOrder) {
         EXPECT_FALSE(isLeftOut(row.exchange));
         EXPECT_NO_THROW(faultOf(row));
         EXPECT_EQ(row.sees != Sees::NotAsked, isOfShopper(row.exchange));
+        EXPECT_TRUE(!row.tunnelled || row.exchange == ExchangeKind::Proxy);
         EXPECT_TRUE(before == nullptr || placeOf(*before) <= placeOf(row));
         before = &row;
     }

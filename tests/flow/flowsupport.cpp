@@ -62,6 +62,11 @@ std::int32_t Shop::setUp(std::string const& url, std::string const& user, std::s
     return result;
 }
 
+void Shop::useProxy(std::uint16_t port) const {
+    m_Dir.write("settings.xml",
+                "<KVX USEPROXY=\"1\" PROXYHOST=\"127.0.0.1\" PROXYPORT=\"" + std::to_string(port) + "\"/>");
+}
+
 KVX_HANDLE Shop::newFactory() const {
     KVX_HANDLE const factory = CreateMessageFactory();
     EXPECT_EQ(MessageFactory_Open(factory, path().c_str()), KVX_OK);
@@ -127,6 +132,7 @@ sandbox::Options Sandbox::options(std::string const& directory, bool tls) {
     sandbox::Options options;
     options.dataDirectory = directory;
     options.tls = tls;
+    options.proxy = true;
     return options;
 }
 

@@ -58,6 +58,9 @@ public:
     [[nodiscard]] std::int32_t setUp(std::string const& url, std::string const& user = "demo",
                                      std::string const& password = "demo") const;
 
+    /// Sends everything through the proxy on that port from now on.
+    void useProxy(std::uint16_t port) const;
+
     /// A payment for `order`, with links of three kinds back to the shop.
     [[nodiscard]] FlowMessage payment(Order const& order = {}) const;
 
@@ -78,7 +81,7 @@ private:
     KVX_HANDLE newFactory() const;
 };
 
-/// Runs the service on a directory of its own.
+/// Runs the service, with its proxy, on a directory of its own.
 class Sandbox {
 public:
     explicit Sandbox(bool tls = false);
