@@ -53,6 +53,12 @@ void fill(HttpReply const& reply, httplib::Response& response) {
     response.set_content(reply.body, reply.contentType);
 }
 
+/// The library would compress the answer for who accepts that, and then neither the record of the exchange nor a fault
+/// in the middle of the answer would show any of it. It gives no other way to keep it from that.
+void acceptNoCoding(httplib::Request const& request) {
+    const_cast<httplib::Request&>(request).headers.erase("Accept-Encoding");
+}
+
 /// What the library does not hand to its handlers: one request while it is answered by its thread.
 struct Turn {
     RequestStream const& stream;
@@ -83,6 +89,7 @@ public:
                          request.get_header_value("Content-Type"), body, base, t_Turn->stream.received(),
                          request.get_header_value("Host")});
             fill(t_Turn->reply, response);
+            acceptNoCoding(request);
         };
         auto const answer = [respond](httplib::Request const& request, httplib::Response& response) {
             respond(request, response, "");

@@ -72,6 +72,7 @@ class Browser:
         self.log = self.directory / "driver.log"
         self.driver = None
         self.asked = []
+        self.failed = set()
         self.server = self.start_driver()
         atexit.register(self.close)  # an interrupted test closes nothing else
         address = f"http://127.0.0.1:{self.server.ready.group(1)}"
@@ -149,6 +150,7 @@ class Browser:
         self.command("Network.clearBrowserCookies")
         self.command("Network.clearBrowserCache")
         self.asked = []
+        self.failed = set()
 
     def close_window(self):
         self.driver.close()
@@ -164,15 +166,19 @@ class Browser:
         self.command("Emulation.setTouchEmulationEnabled", enabled=True)
 
     def leave(self, action):
-        """Does what leads to another page, and waits until that is there as a whole."""
+        """Does what leads to another page, and waits until all of that is there that comes."""
         before = self.page()
         action()
         # While one page makes room for another, questions about either may fail.
         wait = WebDriverWait(self.driver, PATIENCE_SECONDS, POLL_SECONDS, [WebDriverException])
-        wait.until(lambda _: self.page() != before and self.is_complete(), "no other page came")
+        wait.until(lambda _: self.page() != before and self.has_ended(), "no other page came")
 
-    def is_complete(self):
-        return self.driver.execute_script("return document.readyState") == "complete"
+    def has_ended(self):
+        """Whether all of the page has come, or the rest of it never will: what came of it stays "loading" then."""
+        if self.driver.execute_script("return document.readyState") == "complete":
+            return True
+        self.read_log()
+        return self.page() in self.failed
 
     def page(self):
         """Tells a page from the one before and from itself loaded again."""
@@ -205,17 +211,22 @@ class Browser:
         return self.driver.current_url
 
     def text(self):
-        return self.one("body").text
+        return self.one("html").text  # a page that was cut off in its head has no body
 
     def addresses(self):
         """What the pages of this window asked web servers for, oldest first, redirections included."""
+        self.read_log()
+        return self.asked
+
+    def read_log(self):
         for entry in self.driver.get_log("performance"):
             event = json.loads(entry["message"])["message"]
             if event["method"] == "Network.requestWillBeSent":
                 address = event["params"]["request"]["url"]
                 if urllib.parse.urlsplit(address).scheme in ("http", "https"):
                     self.asked.append(address)
-        return self.asked
+            elif event["method"] == "Network.loadingFailed":
+                self.failed.add(event["params"]["requestId"])  # of a page that is its page()
 
     def size(self):
         """Of the whole page, also of what is to be scrolled to."""

@@ -69,6 +69,15 @@ TEST_F(PaymentPage, ShowsTheOrderAndRecordsThePayment) {
     EXPECT_EQ(payment.history[0].time, "2023-11-14T22:13:20Z");
 }
 
+TEST_F(PaymentPage, IsReadableInTheRecordWhateverTheBrowserAccepts) {
+    std::string request = merchantGet("/pay" + m_Merchant.signedQuery(m_Merchant.payInit("t1")));
+    request.insert(request.size() - 2, "Accept-Encoding: gzip, deflate, br\r\n");
+    std::string const answer = exchangeRaw(m_Service->plainPort(), request);
+    EXPECT_EQ(parseAnswer(answer).headers.count("content-encoding"), 0u);
+    EXPECT_THAT(answer, HasSubstr("<button"));
+    EXPECT_EQ(m_Service->exchanges().back().answer, answer);
+}
+
 TEST_F(PaymentPage, EscapesWhatTheMerchantWrote) {
     std::string const page =
         openPage(m_Merchant.message("PayInit",
