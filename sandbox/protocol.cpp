@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
+#include <exception>
 #include <string>
 #include <utility>
 
@@ -80,7 +82,8 @@ void identify(Site const& site, Endpoint const& endpoint, HttpRequest const& req
             record.order = payment ? payment->payment.attribute("ORDERID").value_or("") : "";
             return;
         }
-        Message const message = Message::parse(Query(request.query).value("DATA").value_or(""));
+        record.data = Query(request.query).value("DATA").value_or("");
+        Message const message = Message::parse(record.data);
         record.kind = kindOf(endpoint, message);
         std::string const token = message.find("TOKEN").value_or("");
         record.order = message.find("ORDERID").value_or(token.empty() ? "" : site.store.orderOfToken(token));
@@ -132,6 +135,20 @@ HttpReply carryOut(Endpoint const& endpoint, Call const& call) {
     }
 }
 
+/// The answer to a request that has been identified, or what a fault or a failure puts in its place.
+HttpReply answerIdentified(Endpoint const& endpoint, Call const& call) {
+    if (call.fault && !faultRow(call.fault->kind).carriedOut) {
+        call.record.verdict = "not looked at";
+        return failingReply(*call.fault);
+    }
+    try {
+        return carryOut(endpoint, call);
+    } catch (std::exception const& failure) {
+        call.record.verdict = std::string("the sandbox failed: ") + failure.what();
+        return failureReply(failure.what());
+    }
+}
+
 HttpReply answerRecorded(Site const& site, Endpoint const& endpoint, HttpRequest const& request) {
     auto const begin = std::chrono::steady_clock::now();
     Exchange record;
@@ -140,23 +157,18 @@ HttpReply answerRecorded(Site const& site, Endpoint const& endpoint, HttpRequest
     record.verdict = "ok";
     record.request = keptRequest(request.raw);
     identify(site, endpoint, request, record);
+    std::int64_t const begun = site.store.beginExchange(record);
     std::optional<Fault> const fault = site.faults.take(record.kind, record.order);
-    HttpReply reply;
-    if (fault && !faultRow(fault->kind).carriedOut) {
-        record.verdict = "not looked at";
-        reply = failingReply(*fault);
-    } else {
-        reply = carryOut(endpoint, {site, request, record, fault});
-    }
+    HttpReply reply = answerIdentified(endpoint, {site, request, record, fault});
     if (fault) {
         record.fault = faultText(*fault);
         reply.fault = fault;
     }
-    reply.log = [&store = site.store, record = std::move(record), begin](std::string const& answer) mutable {
+    reply.log = [&store = site.store, record = std::move(record), begun, begin](std::string const& answer) mutable {
         record.answer = keptText(answer);
         record.microseconds =
             std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - begin).count();
-        store.addExchange(record);
+        store.addExchange(record, begun);
     };
     return reply;
 }
@@ -170,6 +182,10 @@ std::optional<HttpReply> answerProtocol(Site const& site, HttpRequest const& req
         }
     }
     return std::nullopt;
+}
+
+HttpReply failureReply(std::string const& what) {
+    return {500, "text/plain; charset=utf-8", "The sandbox failed: " + what + "\n"};
 }
 
 std::string keptText(std::string const& text) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <optional>
+#include <string>
 
 #include "sandbox/site.h"
 
@@ -9,6 +10,9 @@ namespace sandbox {
 /// Answers a request to one of the addresses of the protocol, lets the fault that is armed for it happen, and records
 /// the exchange. Nothing when the address is none of them.
 std::optional<HttpReply> answerProtocol(Site const& site, HttpRequest const& request);
+
+/// The answer when the service itself has failed with `what`.
+HttpReply failureReply(std::string const& what);
 
 /// `text` cut to what is kept of a request or an answer.
 std::string keptText(std::string const& text);

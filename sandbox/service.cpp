@@ -27,10 +27,6 @@ namespace {
 constexpr char kDatabaseFile[] = "sandbox.db";
 constexpr int kFormKeyBytes = 16;
 
-HttpReply plainReply(int status, std::string const& text) {
-    return {status, "text/plain; charset=utf-8", text + "\n"};
-}
-
 HttpReply dispatch(Site const& site, HttpRequest const& request) {
     if (request.method == "HEAD") {
         throw Refusal("HEAD is not answered here, because every request counts", 405);
@@ -54,9 +50,9 @@ HttpReply answer(Site const& site, HttpRequest const& request) noexcept {
     try {
         return dispatch(site, request);
     } catch (Refusal const& refusal) {
-        return plainReply(refusal.status(), refusal.what());
+        return {refusal.status(), "text/plain; charset=utf-8", std::string(refusal.what()) + "\n"};
     } catch (std::exception const& failure) {
-        return plainReply(500, std::string("The sandbox failed: ") + failure.what());
+        return failureReply(failure.what());
     }
 }
 

@@ -85,7 +85,6 @@ std::string takeData(Call const& call) {
     if (!data || data->empty()) {
         throw Refusal("DATA is missing");
     }
-    call.record.data = *data;
     call.record.steps.push_back({"DATA is percent-encoded", std::to_string(data->size()) + " bytes"});
     return *data;
 }

@@ -10,7 +10,7 @@ namespace sandbox {
 
 namespace {
 
-constexpr std::int64_t kLayout = 2;
+constexpr std::int64_t kLayout = 3;
 constexpr int kSaltBytes = 16;
 constexpr std::int64_t kFirstCustomer = 1001;
 
@@ -74,8 +74,26 @@ constexpr char kTables[] = R"(
         answer BLOB NOT NULL,
         fault BLOB NOT NULL,
         microseconds INTEGER NOT NULL);
+    CREATE TABLE begun_exchanges (
+        number INTEGER PRIMARY KEY,
+        time TEXT NOT NULL,
+        kind TEXT NOT NULL,
+        order_id BLOB NOT NULL,
+        path TEXT NOT NULL,
+        data BLOB NOT NULL,
+        request BLOB NOT NULL);
     CREATE INDEX history_of_payment ON history (payment, number);
-    PRAGMA user_version = 2;
+    PRAGMA user_version = 3;
+)";
+
+// Whether they were carried out, the payments tell.
+constexpr char kEndBegun[] = R"(
+    INSERT INTO exchanges (time, kind, order_id, path, data, signature, verdict, steps, request, answer, fault,
+        microseconds)
+    SELECT time, kind, order_id, path, data, x'', CAST('not answered: the sandbox ended before' AS BLOB), '[]',
+        request, x'', x'', 0
+    FROM begun_exchanges ORDER BY number;
+    DELETE FROM begun_exchanges;
 )";
 
 void prepareTables(Database& database, std::string const& path) {
@@ -92,6 +110,7 @@ void prepareTables(Database& database, std::string const& path) {
         throw std::runtime_error(path + " has layout " + std::to_string(layout) + ", this sandbox knows layout " +
                                  std::to_string(kLayout) + ": choose another data directory");
     }
+    database.execute(kEndBegun);
     transaction.commit();
 }
 

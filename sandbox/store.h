@@ -94,8 +94,12 @@ public:
     /// Keeps what has become of the notification of this number.
     void updateNotification(Notification const& notification);
 
-    /// Returns the number that the exchange got.
-    std::int64_t addExchange(Exchange const& exchange);
+    /// Keeps that a request has come, before it is carried out, and returns what addExchange() takes in the end. When
+    /// the service ends before that, the next one that opens the file makes an exchange without an answer of it.
+    std::int64_t beginExchange(Exchange const& exchange);
+
+    /// Adds an exchange that has ended; `begun` when it was begun before, else 0.
+    void addExchange(Exchange const& exchange, std::int64_t begun = 0);
 
     /// Those with numbers above `after`, oldest first.
     [[nodiscard]] std::vector<Exchange> exchanges(std::int64_t after = 0);

@@ -60,12 +60,31 @@ std::vector<Exchange> readExchanges(Statement& row) {
 
 }  // namespace
 
-std::int64_t Store::addExchange(Exchange const& exchange) {
+std::int64_t Store::beginExchange(Exchange const& exchange) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Statement row = m_Database.prepare(
-        "INSERT INTO exchanges (time, kind, order_id, path, data, signature, verdict, steps, request, answer, fault, "
-        "microseconds) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?) RETURNING number");
+        "INSERT INTO begun_exchanges (time, kind, order_id, path, data, request) VALUES (?, ?, ?, ?, ?, ?) "
+        "RETURNING number");
     row.text(exchange.time)
+        .text(exchangeName(exchange.kind))
+        .bytes(exchange.order)
+        .text(exchange.path)
+        .bytes(exchange.data)
+        .bytes(exchange.request)
+        .step();
+    std::int64_t const number = row.numberColumn(0);
+    row.step();  // to the end, so that the row is committed
+    return number;
+}
+
+void Store::addExchange(Exchange const& exchange, std::int64_t begun) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Transaction transaction(m_Database);
+    m_Database
+        .prepare(
+            "INSERT INTO exchanges (time, kind, order_id, path, data, signature, verdict, steps, request, answer, "
+            "fault, microseconds) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)")
+        .text(exchange.time)
         .text(exchangeName(exchange.kind))
         .bytes(exchange.order)
         .text(exchange.path)
@@ -78,9 +97,8 @@ std::int64_t Store::addExchange(Exchange const& exchange) {
         .bytes(exchange.fault)
         .number(exchange.microseconds)
         .step();
-    std::int64_t const number = row.numberColumn(0);
-    row.step();  // to the end, so that the row is committed
-    return number;
+    m_Database.prepare("DELETE FROM begun_exchanges WHERE number = ?").number(begun).step();
+    transaction.commit();
 }
 
 std::vector<Exchange> Store::exchanges(std::int64_t after) {

@@ -287,8 +287,9 @@ class Records:
             self.histories = collections.defaultdict(list)
             for row in base.execute("SELECT payment, state FROM history ORDER BY number"):
                 self.histories[row["payment"]].append(row["state"])
-            self.exchanges = [(row["path"], row["data"], row["verdict"] == b"ok")
-                              for row in base.execute("SELECT path, data, verdict FROM exchanges ORDER BY number")]
+            # Those that were begun become exchanges without an answer when the service starts again.
+            self.exchanges = [(row["path"], row["data"], row["verdict"] == b"ok") for row in base.execute(
+                "SELECT path, data, verdict FROM exchanges UNION ALL SELECT path, data, x'' FROM begun_exchanges")]
 
 
 class KillDuringPayments(SandboxCase):
@@ -404,7 +405,7 @@ class KillDuringPayments(SandboxCase):
                 order.arrived(None)
 
     def check_exchanges(self, records):
-        """Every answer is on record, and what is on record as done is done."""
+        """Every answer is on record, what is on record as done is done, and of what is done the request is on record."""
         # A form brings no message, and is counted by its path.
         recorded = collections.Counter((path, data if (path, data) in self.log.sent else b"")
                                        for path, data, _ in records.exchanges)
@@ -422,6 +423,25 @@ class KillDuringPayments(SandboxCase):
             if kind in ("PayConfirm", "PayCompleteRequest"):
                 wanted = {"captured", "completed"} if kind == "PayConfirm" else {"completed"}
                 self.assertTrue(wanted.intersection(records.histories[message["ID"]]), message)
+        self.check_requests_of_what_is_done(records)
+
+    def check_requests_of_what_is_done(self, records):
+        asked = collections.defaultdict(set)  # payments, or keys, by the type of the message
+        decisions = 0
+        for path, data, _ in records.exchanges:
+            if (path, data) in self.log.sent and data:
+                message = attributes_of(data)
+                asked[message["MSGTYPE"]].add(message.get("ID") or message.get("TOKEN") or message.get("KEYID"))
+            decisions += path == "/pay/decision"
+        self.assertLessEqual(set(records.keys), asked["KeyExportRequest"])
+        for payment in records.payments:
+            history = records.histories[payment["id"]]
+            self.assertIn(payment["token"], asked["PayInit"])
+            for state, kind in (("captured", "PayConfirm"), ("completed", "PayCompleteRequest")):
+                if state in history:
+                    self.assertIn(payment["id"], asked[kind])
+        decided = sum(len(history) > 1 for history in records.histories.values())
+        self.assertLessEqual(decided, decisions)
 
 
 class KillDuringStart(SandboxCase):
@@ -518,6 +538,18 @@ class KillDuringStart(SandboxCase):
             self.data = self.data.with_name(f"killed-{number}")
             ready = self.end_at_change(number, "--tls", pattern="*.pem*")
             self.assertEqual(self.check_works("t1", "--tls"), expected, f"killed at change {number}, ready: {ready}")
+
+    def test_starts_after_a_kill_while_it_makes_its_certificates_anew(self):
+        """As it does when one of them is missing."""
+        print(f"KVX_KILL_SEED={SEED}", flush=True)
+        expected = self.check_works("t0", "--tls")
+        pems = sorted(self.contents("*.pem"))
+        for number in random.Random(SEED).sample(range(1, 2 * len(pems)), 3):
+            lost = random.Random(f"{SEED} {number}").choice(pems)
+            (self.data / lost).unlink()
+            ready = self.end_at_change(number, "--tls", pattern="*.pem*")
+            self.assertEqual(self.check_works(f"t{number}", "--tls"), expected,
+                             f"killed at change {number} without {lost}, ready: {ready}")
 
     def test_starts_after_kills_at_all_moments_of_many_starts(self):
         collections.deque(self.end_at_every(self.end_at_change, 0))

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "sandbox/database.h"
 #include "tests/sandbox/sandboxfixture.h"
 
 /// The service as a whole: starting, stopping, starting over, TLS.
@@ -51,6 +52,70 @@ TEST_F(SandboxService, KeepsKeysAndPaymentsOverARestart) {
     EXPECT_EQ(m_Service->payments()[0].attribute("ORDERID"), "A-17");
     EXPECT_EQ(m_Service->exchanges().size(), exchanges + 1);
     EXPECT_EQ(attributeOf(askCapture(confirm), "RESULT"), "captured");
+}
+
+TEST_F(SandboxService, TellsOfRequestsThatAKillCutOff) {
+    m_Service.reset();
+    sandbox::Database(m_Directory.path() + "/sandbox.db")
+        .execute(
+            "INSERT INTO begun_exchanges (time, kind, order_id, path, data, request) VALUES "
+            "('2023-11-14T22:13:20Z', 'capture', 'A-17', '/capture', '<KVX/>', 'GET /capture HTTP/1.0')");
+    for (int start = 0; start < 2; ++start) {
+        restart();
+        ASSERT_EQ(m_Service->exchanges().size(), 2u) << "the publishing of the key comes first";
+        sandbox::Exchange const cut = m_Service->exchanges().back();
+        EXPECT_EQ(cut.verdict, "not answered: the sandbox ended before");
+        EXPECT_EQ(cut.time, "2023-11-14T22:13:20Z");
+        EXPECT_EQ(cut.kind, sandbox::ExchangeKind::Capture);
+        EXPECT_EQ(cut.order, "A-17");
+        EXPECT_EQ(cut.path, "/capture");
+        EXPECT_EQ(cut.data, "<KVX/>");
+        EXPECT_EQ(cut.request, "GET /capture HTTP/1.0");
+        EXPECT_EQ(cut.answer, "");
+        EXPECT_TRUE(cut.steps.empty());
+    }
+}
+
+TEST_F(SandboxService, CarriesOutNothingThatItCannotRecord) {
+    std::string const confirm = authorise("t1");
+    std::size_t const exchanges = m_Service->exchanges().size();
+    sandbox::Database database(m_Directory.path() + "/sandbox.db");
+    database.execute("ALTER TABLE begun_exchanges RENAME TO elsewhere");
+    RawAnswer const failed = get("/capture" + m_Merchant.signedQuery(confirm));
+    EXPECT_EQ(failed.status, 500);
+    EXPECT_THAT(failed.body, StartsWith("The sandbox failed: database: no such table"));
+    EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Authorised);
+    database.execute("ALTER TABLE elsewhere RENAME TO begun_exchanges");
+    EXPECT_EQ(m_Service->exchanges().size(), exchanges);
+    EXPECT_EQ(attributeOf(askCapture(confirm), "RESULT"), "captured");
+}
+
+TEST_F(SandboxService, TellsThatItCouldNotRecordWhatItDid) {
+    std::string const confirm = authorise("t1");
+    std::size_t const exchanges = m_Service->exchanges().size();
+    sandbox::Database database(m_Directory.path() + "/sandbox.db");
+    database.execute("ALTER TABLE exchanges RENAME TO elsewhere");
+    RawAnswer const failed = get("/capture" + m_Merchant.signedQuery(confirm));
+    EXPECT_EQ(failed.status, 500);
+    EXPECT_THAT(failed.body, StartsWith("The sandbox failed: database: no such table"));
+    database.execute("ALTER TABLE elsewhere RENAME TO exchanges");
+    EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Captured);
+    restart();
+    ASSERT_EQ(m_Service->exchanges().size(), exchanges + 1);
+    EXPECT_EQ(lastVerdict(), "not answered: the sandbox ended before");
+    EXPECT_EQ(attributeOf(askCapture(confirm), "RESULT"), "captured");
+}
+
+TEST_F(SandboxService, RecordsARequestOnWhichItFails) {
+    std::string const confirm = authorise("t1");
+    sandbox::Database database(m_Directory.path() + "/sandbox.db");
+    database.execute("ALTER TABLE history RENAME TO elsewhere");
+    RawAnswer const failed = get("/capture" + m_Merchant.signedQuery(confirm));
+    EXPECT_EQ(failed.status, 500);
+    EXPECT_THAT(failed.body, StartsWith("The sandbox failed: database: no such table"));
+    EXPECT_THAT(lastVerdict(), StartsWith("the sandbox failed: database: no such table"));
+    database.execute("ALTER TABLE elsewhere RENAME TO history");
+    EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Authorised);
 }
 
 TEST_F(SandboxService, TakesANewPasswordForAKnownAccount) {
