@@ -103,7 +103,7 @@ std::string kindsContent() {
     std::vector<Cells> rows;
     for (FaultKindRow const& row : allFaultKinds()) {
         rows.push_back({whole(row.name), escapeHtml(row.meaning), joined(exchangeNames(row)),
-                        joined(parameterNames(row)), row.carriedOut ? "yes" : "no"});
+                        whole(joined(parameterNames(row))), row.carriedOut ? "yes" : "no"});
     }
     return wideTable("Kinds of faults", {"Kind", "Meaning", "Happens to", "Takes", "Carried out"}, rows);
 }

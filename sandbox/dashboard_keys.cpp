@@ -19,7 +19,7 @@ std::string serverKeysContent(Site const& site) {
     std::string const current = site.keys.current()->id;
     std::vector<Cells> rows;
     for (KeyRing::Key const& key : site.keys.all()) {
-        rows.push_back({whole(key->id), key->id == current ? "signs" : "old",
+        rows.push_back({whole(key->id), whole(key->id == current ? "signs" : "old"),
                         std::to_string(EVP_PKEY_get_bits(key->key.get())), publicKeyBlob(key->key.get())});
     }
     return paragraph("The newest key signs. Old ones are still told to who asks for them.") +

@@ -27,6 +27,12 @@ std::string navigation(std::string const& path) {
     return "<nav aria-label=\"Dashboard\">\n<ul>\n" + entries + "</ul>\n</nav>\n";
 }
 
+/// Identifiers as shops make them stay in one line.
+std::string orderCell(std::string const& order) {
+    constexpr std::size_t kLongestWhole = 32;
+    return order.size() <= kLongestWhole ? whole(order) : escapeHtml(order);
+}
+
 /// "ok" plain, anything else so that it stands out.
 std::string verdictCell(std::string const& verdict) {
     return verdict == "ok" ? "ok" : "<strong>" + escapeHtml(verdict) + "</strong>";
@@ -96,7 +102,7 @@ std::string exchangeTable(std::string const& caption, std::vector<Exchange> cons
     for (Exchange const& exchange : exchanges) {
         std::string const number = std::to_string(exchange.number);
         rows.push_back({link("/exchange?number=" + number, number), whole(exchange.time),
-                        whole(exchangeName(exchange.kind)), escapeHtml(exchange.order), verdictCell(exchange.verdict),
+                        whole(exchangeName(exchange.kind)), orderCell(exchange.order), verdictCell(exchange.verdict),
                         escapeHtml(exchange.fault), whole(duration(exchange.microseconds))});
     }
     return wideTable(caption, {"Number", "Time", "Kind", "Order", "Verdict", "Fault", "Duration"}, rows);

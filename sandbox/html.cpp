@@ -7,6 +7,7 @@ namespace sandbox {
 
 namespace {
 
+constexpr char kCarriageReturn[] = "<small>CR</small>";
 constexpr char kReplacement[] = "\xEF\xBF\xBD";  // U+FFFD
 
 /// The forms of a well-formed UTF-8 sequence (Unicode, table 3-7): the second byte is bounded by the first, all further
@@ -133,8 +134,14 @@ std::string hiddenField(std::string const& name, std::string const& value) {
 }
 
 std::string verbatim(std::string const& text) {
+    // Few fonts have the picture, and it stands at the end of every line of a head.
+    std::string const picture = controlPicture('\r');
+    std::string content = escapeHtml(text);
+    for (std::size_t at = content.find(picture); at != std::string::npos; at = content.find(picture, at)) {
+        content.replace(at, picture.size(), kCarriageReturn);
+    }
     // The inner element keeps a line end at the beginning, which a browser drops right after <pre>.
-    return "<pre><code>" + escapeHtml(text) + "</code></pre>\n";
+    return "<pre><code>" + content + "</code></pre>\n";
 }
 
 }  // namespace sandbox

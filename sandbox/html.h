@@ -42,7 +42,7 @@ std::string entry(std::string const& name, std::string const& content, std::stri
 /// What a form sends back without showing it.
 std::string hiddenField(std::string const& name, std::string const& value);
 
-/// A text as it was sent, down to its line ends.
+/// A text as it was sent, down to its line ends: a carriage return is shown as a small "CR".
 std::string verbatim(std::string const& text);
 
 }  // namespace sandbox

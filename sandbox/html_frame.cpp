@@ -57,6 +57,7 @@ td{white-space:pre-wrap}
 pre{margin:0;padding:.5rem;border:1px solid var(--line);white-space:pre-wrap;
 color:var(--panel-text);background:var(--panel)}
 .attributes+pre{margin-top:.75rem}
+pre small{padding:0 .125rem;border:1px solid var(--line);font-size:.625rem}
 @media (min-width:36rem){
 dl div{display:grid;grid-template-columns:12rem minmax(0,1fr);gap:1rem;align-items:baseline}
 .attributes th:first-child{width:12rem}}

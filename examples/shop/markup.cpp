@@ -19,7 +19,7 @@ constexpr char kHead[] =
     "button,input{font:inherit;padding:.5rem;margin:.25rem 0}input{width:5rem;border:1px solid #555}"
     "button{color:#fff;background:#14532d;border:0;border-radius:.25rem;padding:.5rem 1rem;cursor:pointer}"
     ":focus-visible{outline:3px solid #0b4f8a;outline-offset:2px}"
-    "article{border-top:1px solid #555}"
+    "article{border-top:1px solid #555;padding-bottom:1rem}"
     "table{border-collapse:collapse;width:100%}"
     "th,td{border:1px solid #555;padding:.25rem .5rem;text-align:left}"
     "h1,p,.calls td{overflow-wrap:anywhere}"

@@ -27,7 +27,8 @@ std::string offer(Article const& article) {
            "<form method=\"post\" action=\"/basket/add\">\n<input type=\"hidden\" name=\"article\" value=\"" +
            escaped(article.id) + "\">\n" +
            quantityField(article, "quantity", "Quantity of " + std::string(article.name), 1, 1) +
-           "<button>Add to basket</button>\n</form>\n</article>\n";
+           "<button aria-label=\"Add to basket: " + escaped(article.name) +
+           "\">Add to basket</button>\n</form>\n</article>\n";
 }
 
 std::string basketRow(Article const& article, int quantity) {

@@ -340,8 +340,8 @@ TEST_F(Dashboard, ShowsAnExchange) {
     EXPECT_THAT(page.texts("//section[@aria-labelledby='message']//tbody/tr[3]/*"), ElementsAre("TOKEN", "t1"));
     EXPECT_EQ(page.text("//section[@aria-labelledby='message']/pre"), text);
     EXPECT_THAT(page.text("//section[@aria-labelledby='request']/pre"), StartsWith("GET /pay?DATA="));
-    EXPECT_THAT(page.text("//section[@aria-labelledby='request']/pre"), HasSubstr(" HTTP/1.0\u240D\n"));
-    EXPECT_THAT(page.text("//section[@aria-labelledby='answer']/pre"), StartsWith("HTTP/1.1 200 OK\u240D\n"));
+    EXPECT_THAT(page.text("//section[@aria-labelledby='request']/pre"), HasSubstr(" HTTP/1.0CR\n"));
+    EXPECT_THAT(page.text("//section[@aria-labelledby='answer']/pre"), StartsWith("HTTP/1.1 200 OKCR\n"));
     EXPECT_THAT(page.texts("//main/ul/li/a"),
                 ElementsAre("Previous exchange", "Next exchange", HasSubstr("calculator")));
     EXPECT_THAT(open("/exchange?number=1").texts("//main/ul/li/a/@href"),
@@ -364,14 +364,15 @@ TEST_F(Dashboard, ShowsAnExchangeThatWasNotLookedAt) {
     PageReader const page = open("/exchange?number=2");
     EXPECT_EQ(page.text("//main/dl/div[2]/dd"), "reset,exchange=capture");
     EXPECT_EQ(page.text("//section[@aria-labelledby='steps']/p"), "The request was not looked at.");
-    EXPECT_THAT(page.text("//section[@aria-labelledby='message']/p"), HasSubstr("no DATA"));
-    EXPECT_EQ(page.count("//main/ul/li/a[contains(@href, 'calculator')]"), 0u);
+    EXPECT_THAT(page.texts("//section[@aria-labelledby='message']//tbody/tr/*"), ElementsAre("MSGTYPE", "PayConfirm"));
 }
 
 TEST_F(Dashboard, ShowsRawBytesOfAnExchange) {
     exchangeRaw(m_Service->plainPort(), formPost("/pay/decision", std::string("<b>\0\xFF", 5)));
     PageReader const page = open("/exchange?number=2");
     EXPECT_THAT(page.text("//section[@aria-labelledby='request']/pre"), EndsWith("<b>\u2400\u00FF"));
+    EXPECT_THAT(page.text("//section[@aria-labelledby='message']/p"), HasSubstr("no DATA"));
+    EXPECT_EQ(page.count("//main/ul/li/a[contains(@href, 'calculator')]"), 0u);
 }
 
 TEST_F(Dashboard, TakesAnExchangeToTheCalculator) {

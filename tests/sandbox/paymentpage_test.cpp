@@ -22,7 +22,7 @@ protected:
         RawAnswer const page = openPage(text);
         EXPECT_EQ(page.status, 400) << text;
         EXPECT_THAT(page.body, HasSubstr(sandbox::escapeHtml(reason)));
-        EXPECT_THAT(page.body, HasSubstr(sandbox::escapeHtml(text)));
+        EXPECT_THAT(page.body, HasSubstr(sandbox::verbatim(text)));
         EXPECT_THAT(lastVerdict(), HasSubstr(reason));
         EXPECT_TRUE(m_Service->payments().empty());
     }
