@@ -24,6 +24,7 @@ namespace {
 
 constexpr int kBacklog = 128;
 constexpr std::size_t kMostConnections = 256;
+constexpr std::chrono::seconds kGrace(5);
 constexpr int kPauseMilliseconds = 50;  // before trying again to accept when the system has no room
 
 [[noreturn]] void fail(std::string const& what, int error) {
@@ -123,11 +124,10 @@ void Acceptor::stop() {
     {
         std::lock_guard<std::mutex> const lock(m_Mutex);
         m_Stopping = true;
-        for (auto const& [socket, thread] : m_Serving) {
-            ::shutdown(socket, SHUT_RD);
-        }
+        shutDownServing(SHUT_RD);
         m_Ended.notify_all();
     }
+    m_Ending.raise();
     wake();
     if (m_Thread.joinable()) {
         m_Thread.join();
@@ -138,9 +138,20 @@ void Acceptor::stop() {
             ::shutdown(m_Listener, SHUT_RDWR);
             m_Listening = false;
         }
-        m_Ended.wait(lock, [this] { return m_Serving.empty(); });
+        auto const allServed = [this] { return m_Serving.empty(); };
+        if (!m_Ended.wait_for(lock, kGrace, allServed)) {
+            // Somebody reads slowly or not at all.
+            shutDownServing(SHUT_RDWR);
+            m_Ended.wait(lock, allServed);
+        }
     }
     joinFinished();
+}
+
+void Acceptor::shutDownServing(int direction) {
+    for (auto const& [socket, thread] : m_Serving) {
+        ::shutdown(socket, direction);
+    }
 }
 
 void Acceptor::wake() const {
@@ -176,7 +187,7 @@ bool Acceptor::awaitClient() {
 void Acceptor::run() {
     while (awaitClient()) {
         joinFinished();
-        int const socket = ::accept4(m_Listener, nullptr, nullptr, SOCK_CLOEXEC);
+        int const socket = ::accept4(m_Listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
         if (socket < 0) {
             if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
                 pollfd wait{m_Wake[0], POLLIN, 0};

@@ -10,6 +10,8 @@
 #include <thread>
 #include <vector>
 
+#include "sandbox/endsignal.h"
+
 namespace sandbox {
 
 /// One port of 127.0.0.1 and the connections to it, each served by a thread of its own.
@@ -39,12 +41,17 @@ public:
     /// Refuses connections from now on until `moment`; one that has passed accepts again. What is connected stays so.
     void refuseUntil(Clock::time_point moment);
 
-    /// Accepts nothing more, ends the incoming direction of what is connected, and returns when all is served.
+    /// Accepts nothing more, raises ending(), ends the incoming direction of what is connected, and returns when all is
+    /// served. What is not after five seconds is cut.
     void stop();
+
+    /// Raised by stop(), for what waits while it serves.
+    [[nodiscard]] EndSignal const& ending() const { return m_Ending; }
 
 private:
     void run();
     void listen();
+    void shutDownServing(int direction);
     bool awaitClient();
     void serveOne(int socket);
     void joinFinished();
@@ -53,6 +60,7 @@ private:
     int m_Listener = -1;
     int m_Wake[2] = {-1, -1};  ///< A pipe: what is written to it ends the wait of the thread.
     std::uint16_t m_Port = 0;
+    EndSignal m_Ending;
     Serve m_Serve;
     std::thread m_Thread;
     std::mutex m_Mutex;               ///< Guards all below.

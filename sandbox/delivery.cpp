@@ -73,11 +73,11 @@ void deliver(Connection& connection, std::string const& answer, std::optional<Fa
             send(connection, answer);
             return;
         case FaultKind::StallBefore:
-            connection.pause(secondsOf(*fault));
+            connection.pauseWhileConnected(secondsOf(*fault));
             return;
         case FaultKind::StallInside:
             send(connection, answer.substr(0, bytesBefore(answer, *fault)));
-            connection.pause(secondsOf(*fault));
+            connection.pauseWhileConnected(secondsOf(*fault));
             return;
         case FaultKind::Bytewise:
             sendBytewise(connection, answer);

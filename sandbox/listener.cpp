@@ -32,6 +32,10 @@ std::string longLineAnswer() {
     return ownAnswer("414 URI Too Long", "The request line is too long.\n");
 }
 
+std::string longRequestAnswer() {
+    return ownAnswer("413 Payload Too Large", "The request is too long.\n");
+}
+
 /// What was done could not be recorded, which the other side has to know.
 std::string failureAnswer(std::string const& what) {
     return ownAnswer("500 Internal Server Error", "The sandbox failed: " + what + "\n");
@@ -67,12 +71,6 @@ struct Turn {
 };
 thread_local Turn* t_Turn = nullptr;
 
-void awaitHandshake(int socket) {
-    Connection connection(socket, nullptr);
-    char hello[1];
-    connection.read(hello, sizeof hello);
-}
-
 }  // namespace
 
 /// The server of the HTTP library without its sockets: it reads a request from a stream and writes the answer to it.
@@ -99,8 +97,10 @@ public:
                                               httplib::ContentReader const& read) {
             std::string body;
             auto const keep = [&body](char const* piece, std::size_t size) {
-                body.append(piece, size);
-                return true;
+                // The library knows the size of a body in chunks no sooner.
+                bool const fits = size <= kLargestBody - body.size();
+                body.append(piece, fits ? size : 0);
+                return fits;
             };
             bool const hasBody = request.has_header("Content-Length") || request.has_header("Transfer-Encoding");
             if (request.is_multipart_form_data()) {
@@ -143,6 +143,10 @@ public:
         bool closed = false;
         process_request(stream, true, closed, nullptr);
         t_Turn = nullptr;
+        if (stream.isTooLong()) {
+            deliver(connection, longRequestAnswer(), std::nullopt);
+            return;
+        }
         try {
             if (turn.reply.log) {
                 turn.reply.log(stream.written());
@@ -155,8 +159,8 @@ public:
     }
 };
 
-Listener::Listener(std::uint16_t port, TlsIdentity const* tls, FaultBook* faults)
-    : m_Tls(tls), m_Faults(faults), m_Acceptor(port) {}
+Listener::Listener(std::uint16_t port, TlsIdentity const* tls, FaultBook* faults, std::chrono::milliseconds patience)
+    : m_Tls(tls), m_Faults(faults), m_Patience(patience), m_Acceptor(port) {}
 
 Listener::~Listener() = default;
 
@@ -185,11 +189,14 @@ void Listener::stop() {
 void Listener::serve(int socket) {
     std::optional<Fault> const fault =
         m_Faults != nullptr ? m_Faults->takeForConnection(m_Tls != nullptr) : std::nullopt;
-    if (fault && fault->kind == FaultKind::TlsAbort) {
-        awaitHandshake(socket);
+    bool const aborts = fault && fault->kind == FaultKind::TlsAbort;
+    SSL_CTX* const tls = m_Tls != nullptr && !aborts ? m_Tls->context(fault) : nullptr;
+    Connection connection(socket, tls, m_Acceptor.ending(), m_Patience);
+    if (aborts) {
+        char hello[1];
+        connection.read(hello, sizeof hello);
         return;
     }
-    Connection connection(socket, m_Tls != nullptr ? m_Tls->context(fault) : nullptr);
     if (!connection.open()) {
         return;
     }

@@ -14,6 +14,8 @@ namespace {
 constexpr unsigned kParseOptions = pugi::parse_pi | pugi::parse_comments | pugi::parse_cdata | pugi::parse_declaration |
                                    pugi::parse_doctype | pugi::parse_escapes | pugi::parse_fragment;
 
+constexpr std::size_t kMostAttributes = 256;
+
 constexpr std::array<char const*, 5> kEntities = {"&amp;", "&lt;", "&gt;", "&quot;", "&apos;"};
 
 constexpr char kNameCharacters[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789.-_";
@@ -81,6 +83,9 @@ Message Message::parse(std::string const& text) {
         std::string const name = attribute.name();
         if (name.find_first_not_of(kNameCharacters) != std::string::npos) {
             throw Refusal("the message has an attribute with an unusable name: '" + name + "'");
+        }
+        if (message.m_Attributes.size() == kMostAttributes) {
+            throw Refusal("the message has more than " + std::to_string(kMostAttributes) + " attributes");
         }
         if (message.find(name)) {
             throw Refusal("the message has the attribute " + name + " twice");

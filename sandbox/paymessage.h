@@ -18,7 +18,7 @@ public:
 
     /// Reads a message from another side. Throws Refusal when `text` is anything but one well-formed element KVX (its
     /// content is allowed and ignored), uses an entity besides the five named ones, names an attribute twice or with
-    /// characters other than letters, digits, ".", "-" and "_", or has no MSGTYPE.
+    /// characters other than letters, digits, ".", "-" and "_", has more than 256 of them, or has no MSGTYPE.
     static Message parse(std::string const& text);
 
     /// Appends an attribute; `name` must not be there yet. Returns this message, to be chained.

@@ -102,6 +102,12 @@ HttpReply failingReply(Fault const& fault) {
     return {};
 }
 
+HttpReply otherMethodReply(Endpoint const& endpoint) {
+    HttpReply reply{405, "text/plain; charset=utf-8", std::string(endpoint.path) + " takes " + endpoint.method + ".\n"};
+    reply.allow = endpoint.method;
+    return reply;
+}
+
 HttpReply refusedReply(Endpoint const& endpoint, Refusal const& refusal, Exchange const& record) {
     if (endpoint.refusal == RefusalForm::Page) {
         return refusalPage(refusal.status(), refusal.what(), record);
@@ -177,8 +183,9 @@ HttpReply answerRecorded(Site const& site, Endpoint const& endpoint, HttpRequest
 
 std::optional<HttpReply> answerProtocol(Site const& site, HttpRequest const& request) {
     for (Endpoint const& endpoint : kEndpoints) {
-        if (request.path == endpoint.path && request.method == endpoint.method) {
-            return answerRecorded(site, endpoint, request);
+        if (request.path == endpoint.path) {
+            return request.method == endpoint.method ? answerRecorded(site, endpoint, request)
+                                                     : otherMethodReply(endpoint);
         }
     }
     return std::nullopt;

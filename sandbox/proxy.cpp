@@ -222,7 +222,7 @@ private:
 
 }  // namespace
 
-Proxy::Proxy(std::uint16_t port, Site const& site, std::chrono::milliseconds patience)
+Proxy::Proxy(std::uint16_t port, Site const& site, Patience patience)
     : m_Site(site), m_Patience(patience), m_Acceptor(port) {}
 
 Proxy::~Proxy() {
@@ -242,13 +242,12 @@ void Proxy::refuseUntil(Acceptor::Clock::time_point moment) {
 }
 
 void Proxy::stop() {
-    m_Ending.raise();
     m_Acceptor.stop();
 }
 
 void Proxy::serve(int socket) {
-    Connection connection(socket, nullptr);
-    ProxyTurn(m_Site, connection, m_Patience, m_Ending).serve();
+    Connection connection(socket, nullptr, m_Acceptor.ending(), m_Patience.request);
+    ProxyTurn(m_Site, connection, m_Patience.answer, m_Acceptor.ending()).serve();
 }
 
 }  // namespace sandbox

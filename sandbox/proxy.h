@@ -15,9 +15,13 @@ namespace sandbox {
 /// recorded, and the faults of the exchange "proxy" happen to its answer.
 class Proxy {
 public:
-    /// Takes the port (0 picks one); connections wait until start(). Borrows `site`. A target that has not begun to
-    /// answer after `patience` is given up. Throws std::runtime_error.
-    Proxy(std::uint16_t port, Site const& site, std::chrono::milliseconds patience);
+    struct Patience {
+        std::chrono::milliseconds request;  ///< With a client, until the head of its request is complete.
+        std::chrono::milliseconds answer;   ///< With a target, until it has begun to answer.
+    };
+
+    /// Takes the port (0 picks one); connections wait until start(). Borrows `site`. Throws std::runtime_error.
+    Proxy(std::uint16_t port, Site const& site, Patience patience);
 
     /// Stops.
     ~Proxy();
@@ -40,8 +44,7 @@ private:
     void serve(int socket);
 
     Site const& m_Site;  ///< Borrowed.
-    std::chrono::milliseconds m_Patience;
-    EndSignal m_Ending;
+    Patience m_Patience;
     Acceptor m_Acceptor;  ///< Last, so that no connection is served any more when the rest goes.
 };
 

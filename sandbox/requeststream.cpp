@@ -13,6 +13,9 @@ namespace {
 
 constexpr std::size_t kPieceBytes = 16 * 1024;
 
+/// Of what is read after the first line: the head and the largest body, in chunks that are not too small.
+constexpr std::size_t kMostAfterBegin = 2 * 1024 * 1024;
+
 /// Asks `lookup` (getpeername or getsockname) for one end of the connection.
 template <class Lookup>
 void describe(Lookup lookup, int socket, std::string& ip, int& port) {
@@ -30,11 +33,18 @@ void describe(Lookup lookup, int socket, std::string& ip, int& port) {
 }  // namespace
 
 RequestStream::RequestStream(Connection& connection, std::string begin, std::string ahead)
-    : m_Connection(connection), m_Received(std::move(begin)), m_Ahead(std::move(ahead)) {}
+    : m_Connection(connection),
+      m_MostReceived(begin.size() + kMostAfterBegin),
+      m_Received(std::move(begin)),
+      m_Ahead(std::move(ahead)) {}
 
 ssize_t RequestStream::read(char* to, std::size_t size) {
     // The library asks for the head byte by byte, so bytes are fetched in pieces.
     if (m_Next == m_Ahead.size()) {
+        m_TooLong = m_Received.size() >= m_MostReceived;
+        if (m_TooLong) {
+            return -1;
+        }
         m_Ahead.resize(kPieceBytes);
         m_Next = 0;
         ssize_t const count = m_Connection.read(m_Ahead.data(), m_Ahead.size());

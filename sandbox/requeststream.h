@@ -21,6 +21,9 @@ public:
     /// All that was written; nothing of it has been sent.
     [[nodiscard]] std::string const& written() const { return m_Written; }
 
+    /// Whether more came than any request may hold. What came after that was not read.
+    [[nodiscard]] bool isTooLong() const { return m_TooLong; }
+
     [[nodiscard]] bool is_readable() const override { return true; }
     [[nodiscard]] bool is_writable() const override { return true; }
     ssize_t read(char* to, std::size_t size) override;
@@ -31,9 +34,11 @@ public:
 
 private:
     Connection& m_Connection;  ///< Borrowed.
+    std::size_t m_MostReceived;
     std::string m_Received;
     std::string m_Written;
     std::string m_Ahead;
+    bool m_TooLong = false;
     std::size_t m_Next = 0;  ///< First byte of m_Ahead that has not been handed out.
 };
 

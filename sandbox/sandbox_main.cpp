@@ -28,10 +28,12 @@ void describe(CLI::App& program, Arguments& arguments) {
         ->capture_default_str();
     program.add_flag("--tls", arguments.options.tls, "listen with TLS as well");
     program.add_option("--tls-port", arguments.options.tlsPort, "port of TLS, 0 picks a free one")
-        ->capture_default_str();
+        ->capture_default_str()
+        ->needs("--tls");
     program.add_flag("--proxy", arguments.options.proxy, "run an HTTP proxy as well, for merchants that use one");
     program.add_option("--proxy-port", arguments.options.proxyPort, "port of the proxy, 0 picks a free one")
-        ->capture_default_str();
+        ->capture_default_str()
+        ->needs("--proxy");
     program
         .add_option("--control-port", arguments.options.controlPort,
                     "port of dashboard and control API that faults never touch, 0 picks a free one")
@@ -40,7 +42,7 @@ void describe(CLI::App& program, Arguments& arguments) {
     program.add_option("--account", arguments.account, "the merchant's account as user:password")
         ->capture_default_str()
         ->check([](std::string const& text) {
-            return text.find(':') == std::string::npos ? "must have the form user:password" : "";
+            return text.find(':', 1) == std::string::npos || text[0] == ':' ? "must have the form user:password" : "";
         });
     program.add_flag("--json", arguments.json, "tell the addresses as one line of JSON");
 }
@@ -75,7 +77,7 @@ std::string readyLine(sandbox::Service const& service, Arguments const& argument
     return line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
-/// Runs until SIGINT or SIGTERM.
+/// Runs until SIGINT or SIGTERM. A second one ends the process at once, which loses nothing that was answered.
 void serve(Arguments const& arguments) {
     sigset_t endings;
     sigemptyset(&endings);
@@ -88,6 +90,7 @@ void serve(Arguments const& arguments) {
     std::cout << readyLine(service, arguments) << std::endl;
     int ending = 0;
     sigwait(&endings, &ending);
+    pthread_sigmask(SIG_UNBLOCK, &endings, nullptr);
     service.stop();
 }
 

@@ -69,16 +69,17 @@ public:
           m_Keys(m_Store, m_Clock, options.serverKeyBits),
           m_Site{m_Store, m_Keys, m_Faults, m_Clock, m_Addresses, m_NotificationAdded, m_FormKey},
           m_Notifier(m_Site, {options.notificationPatience, options.notificationPauses}),
-          m_Control(options.controlPort, nullptr, nullptr),
-          m_Plain(options.port, nullptr, &m_Faults) {
+          m_Control(options.controlPort, nullptr, nullptr, options.requestPatience),
+          m_Plain(options.port, nullptr, &m_Faults, options.requestPatience) {
         m_Store.putAccount(options.accountUser, options.accountPassword);
         if (options.tls) {
             m_TlsIdentity = makeTlsIdentity(m_Directory);
-            m_Tls = std::make_unique<Listener>(options.tlsPort, &m_TlsIdentity, &m_Faults);
+            m_Tls = std::make_unique<Listener>(options.tlsPort, &m_TlsIdentity, &m_Faults, options.requestPatience);
             m_Addresses.tls = m_Tls->baseUrl();
         }
         if (options.proxy) {
-            m_Proxy = std::make_unique<Proxy>(options.proxyPort, m_Site, options.proxyPatience);
+            m_Proxy = std::make_unique<Proxy>(options.proxyPort, m_Site,
+                                              Proxy::Patience{options.requestPatience, options.proxyPatience});
             m_Addresses.proxy = m_Proxy->baseUrl();
         }
         m_Addresses.plain = m_Plain.baseUrl();

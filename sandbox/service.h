@@ -29,6 +29,7 @@ struct Options {
     unsigned serverKeyBits = 512;          ///< Of the key that signs confirmations, when it is made at the first start.
     std::vector<Fault> faults = {};        ///< Armed from the start.
     std::function<std::time_t()> clock = {};  ///< The time of day; empty means the system's. Called by many threads.
+    std::chrono::milliseconds requestPatience{30'000};       ///< For a whole request to come.
     std::chrono::milliseconds proxyPatience{60'000};         ///< For what the proxy forwards to to begin to answer.
     std::chrono::milliseconds notificationPatience{10'000};  ///< For the merchant's answer to a notification.
 

@@ -29,7 +29,8 @@ constexpr std::chrono::seconds kPatience{30};
 
 /// Sends back what comes until it ends.
 void echo(int socket) {
-    Connection connection(socket, nullptr);
+    sandbox::EndSignal const never;
+    Connection connection(socket, nullptr, never, kPatience);
     char piece[256];
     for (ssize_t count = connection.read(piece, sizeof piece); count > 0;
          count = connection.read(piece, sizeof piece)) {
@@ -210,7 +211,7 @@ TEST(Acceptor, LetsWhatIsServedFinish) {
     Acceptor acceptor(0);
     std::promise<void> reading;
     acceptor.start([&](int socket) {
-        Connection connection(socket, nullptr);
+        Connection connection(socket, nullptr, acceptor.ending(), kPatience);
         char piece[1];
         reading.set_value();
         EXPECT_EQ(connection.read(piece, sizeof piece), 0) << "stopping ends the incoming direction";
@@ -222,16 +223,99 @@ TEST(Acceptor, LetsWhatIsServedFinish) {
     EXPECT_EQ(connection.readToEnd(), "bye");
 }
 
+TEST(Acceptor, CutsWhatDoesNotFinish) {
+    Acceptor acceptor(0);
+    std::promise<void> writing;
+    acceptor.start([&](int socket) {
+        Connection connection(socket, nullptr, acceptor.ending(), kPatience);
+        std::string const piece(1024 * 1024, 'x');
+        writing.set_value();
+        while (connection.write(piece.data(), piece.size())) {
+        }
+    });
+    RawConnection const connection(acceptor.port());
+    ASSERT_EQ(writing.get_future().wait_for(kPatience), std::future_status::ready);
+    // Somebody who reads, slowly, so that no single write ever waits for long.
+    std::atomic<bool> stopped{false};
+    std::thread reader([&] {
+        std::string piece(64 * 1024, '\0');
+        while (!stopped && ::recv(connection.get(), piece.data(), piece.size(), 0) > 0) {
+        }
+    });
+    acceptor.stop();
+    stopped = true;
+    ::shutdown(connection.get(), SHUT_RDWR);
+    reader.join();
+}
+
+/// Pauses for an hour with a client that calls `leave` at once; whether it is over while there is patience.
+template <class Leave>
+bool endsEarly(void (Connection::*pause)(double) const, Leave leave) {
+    Acceptor acceptor(0);
+    std::promise<void> pausing;
+    std::promise<void> over;
+    acceptor.start([&](int socket) {
+        Connection const connection(socket, nullptr, acceptor.ending(), kPatience);
+        pausing.set_value();
+        (connection.*pause)(3600);
+        over.set_value();
+    });
+    RawConnection const connection(acceptor.port());
+    EXPECT_EQ(pausing.get_future().wait_for(kPatience), std::future_status::ready);
+    leave(acceptor, connection);
+    return over.get_future().wait_for(kPatience) == std::future_status::ready;
+}
+
+void stopAcceptor(Acceptor& acceptor, RawConnection const& /*connection*/) {
+    acceptor.stop();
+}
+
+void endSending(Acceptor& /*acceptor*/, RawConnection const& connection) {
+    ::shutdown(connection.get(), SHUT_WR);
+}
+
+TEST(Connection, PausesUntilTheServiceEnds) {
+    EXPECT_TRUE(endsEarly(&Connection::pause, stopAcceptor));
+    EXPECT_TRUE(endsEarly(&Connection::pauseWhileConnected, stopAcceptor));
+}
+
 TEST(Connection, PausesUntilTheOtherSideLeaves) {
+    EXPECT_TRUE(endsEarly(&Connection::pauseWhileConnected, endSending));
+}
+
+TEST(Connection, PausesForWhoWaitsForAnAnswerAndSaysNothingMore) {
+    Acceptor acceptor(0);
+    acceptor.start([&](int socket) {
+        Connection connection(socket, nullptr, acceptor.ending(), kPatience);
+        char piece[1];
+        EXPECT_EQ(connection.read(piece, sizeof piece), 0);
+        auto const begin = Clock::now();
+        connection.pause(0.05);
+        EXPECT_GE(Clock::now() - begin, std::chrono::milliseconds(50));
+        connection.write("late", 4);
+    });
+    RawConnection const connection(acceptor.port());
+    ::shutdown(connection.get(), SHUT_WR);
+    EXPECT_EQ(connection.readToEnd(), "late");
+}
+
+TEST(Connection, HasNoPatienceForWhoNeverComesToAnEnd) {
     Acceptor acceptor(0);
     std::promise<void> over;
     acceptor.start([&](int socket) {
-        Connection const connection(socket, nullptr);
-        connection.pause(3600);
+        Connection connection(socket, nullptr, acceptor.ending(), std::chrono::milliseconds(200));
+        char piece[1];
+        while (connection.read(piece, sizeof piece) > 0) {
+        }
         over.set_value();
     });
-    { RawConnection const connection(acceptor.port()); }
-    EXPECT_EQ(over.get_future().wait_for(kPatience), std::future_status::ready);
+    RawConnection const connection(acceptor.port());
+    auto ended = over.get_future();
+    auto const deadline = Clock::now() + kPatience;
+    while (ended.wait_for(std::chrono::milliseconds(5)) != std::future_status::ready && Clock::now() < deadline) {
+        ::send(connection.get(), "x", 1, MSG_NOSIGNAL);
+    }
+    EXPECT_LT(Clock::now(), deadline);
 }
 
 }  // namespace

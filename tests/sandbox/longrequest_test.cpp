@@ -55,14 +55,53 @@ TEST_F(WireRequest, IsRefusedWithBareLineFeeds) {
 
 TEST_F(WireRequest, RefusesOtherMethodsAndPaths) {
     EXPECT_EQ(send("GET /nothing HTTP/1.0\r\n\r\n").status, 404);
-    EXPECT_EQ(send(formPost("/capture", "DATA=x")).status, 404);
-    EXPECT_EQ(send("GET /pay/decision HTTP/1.0\r\n\r\n").status, 404);
+    RawAnswer const posted = send(formPost("/capture", "DATA=x"));
+    EXPECT_EQ(posted.status, 405);
+    EXPECT_EQ(posted.headers.at("allow"), "GET");
+    EXPECT_EQ(send("GET /pay/decision HTTP/1.0\r\n\r\n").headers.at("allow"), "POST");
     EXPECT_EQ(send("HEAD /capture HTTP/1.0\r\n\r\n").status, 405);
     EXPECT_EQ(send("nonsense\r\n\r\n").status, 400);
 }
 
 TEST_F(WireRequest, RefusesALargeForm) {
     EXPECT_EQ(send(formPost("/pay/decision", std::string(1024 * 1024 + 1, 'x'))).status, 413);
+}
+
+/// Sends what is answered before all of it has been sent.
+RawAnswer sendTooMuch(std::uint16_t port, std::string const& begin, std::string const& piece) {
+    constexpr int kPieces = 64;
+    RawConnection const connection(port);
+    connection.send(begin);
+    for (int sent = 0; sent<kPieces&& ::send(connection.get(), piece.data(), piece.size(), MSG_NOSIGNAL)> 0; ++sent) {
+    }
+    ::shutdown(connection.get(), SHUT_WR);
+    return parseAnswer(connection.readToEnd());
+}
+
+TEST_F(WireRequest, RefusesAHeadWithoutMeasure) {
+    std::string fields;
+    while (fields.size() < 64 * 1024) {
+        fields += "X-Field: " + std::string(1000, 'x') + "\r\n";
+    }
+    EXPECT_EQ(sendTooMuch(m_Service->plainPort(), "GET /capture HTTP/1.0\r\n", fields).status, 413);
+}
+
+TEST_F(WireRequest, RefusesALargeFormInChunks) {
+    std::string const begin = "POST /pay/decision HTTP/1.1\r\nHost: 127.0.0.1\r\nTransfer-Encoding: chunked\r\n\r\n";
+    std::string const chunk = "10000\r\n" + std::string(0x10000, 'x') + "\r\n";
+    EXPECT_EQ(sendTooMuch(m_Service->plainPort(), begin, chunk).status, 400);
+    EXPECT_TRUE(m_Service->exchanges().size() == 1u) << "the publishing of the key, and nothing else";
+}
+
+TEST_F(WireRequest, RefusesAttributesWithoutNumber) {
+    std::string attributes;
+    for (int i = 0; i < 100000; ++i) {
+        attributes += " a" + std::to_string(i) + "=\"\"";
+    }
+    EXPECT_EQ(get("/pay?DATA=" + encode("<KVX MSGTYPE=\"PayInit\"" + attributes + "/>")).status, 400);
+    EXPECT_EQ(lastVerdict(), "SIGNATURE is missing");
+    EXPECT_EQ(get("/pay?SIGNATURE=00&DATA=" + encode("<KVX MSGTYPE=\"PayInit\"" + attributes + "/>")).status, 400);
+    EXPECT_EQ(lastVerdict(), "the message has more than 256 attributes");
 }
 
 TEST_F(WireRequest, DoesNotWaitForConnectionsThatSayNothing) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <spawn.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -112,6 +113,19 @@ TEST(SandboxProgram, TellsItsAddressesAsJsonAndEndsOnSignals) {
     }
 }
 
+TEST(SandboxProgram, EndsAtOnceOnASecondSignal) {
+    TemporaryDirectory const directory;
+    Program program({"--data", directory.path(), "--json", "--fault", "huge,exchange=setup"});
+    RawConnection const stuck(nlohmann::json::parse(program.line()).at("port"));
+    stuck.send(merchantGet("/auto?DATA=" + encode("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>"), "demo", "demo"));
+    // The answer has begun, nobody reads it, and it does not end for seconds.
+    char byte = 0;
+    ASSERT_EQ(::recv(stuck.get(), &byte, 1, 0), 1);
+    program.signal(SIGTERM);
+    program.signal(SIGINT);
+    EXPECT_EQ(program.status(), -1);
+}
+
 TEST(SandboxProgram, RunsAProxyWhenItIsAskedTo) {
     TemporaryDirectory const directory;
     Program program({"--data", directory.path(), "--json", "--proxy", "--proxy-port", "0"});
@@ -139,6 +153,9 @@ TEST(SandboxProgram, RefusesWrongUsage) {
     EXPECT_EQ(Program({}).status(), 2);
     EXPECT_EQ(Program({"--data", "/tmp", "--port", "70000"}).status(), 2);
     EXPECT_EQ(Program({"--data", "/tmp", "--account", "nobody"}).status(), 2);
+    EXPECT_EQ(Program({"--data", "/tmp", "--account", ":password"}).status(), 2);
+    EXPECT_EQ(Program({"--data", "/tmp", "--tls-port", "0"}).status(), 2);
+    EXPECT_EQ(Program({"--data", "/tmp", "--proxy-port", "0"}).status(), 2);
     EXPECT_EQ(Program({"--help"}).status(), 0);
 }
 
