@@ -86,6 +86,9 @@ void checkKeyId(std::string const& keyId) {
     if (keyId.size() > kLongestKeyId) {
         throw Refusal("KEYID is longer than " + std::to_string(kLongestKeyId) + " bytes");
     }
+    if (keyId == "." || keyId == "..") {
+        throw Refusal("KEYID is the name of a directory");
+    }
     for (char const c : keyId) {
         if (c <= ' ' || c > '~' || c == '/') {
             throw Refusal("KEYID holds a slash, a space or a byte outside ASCII");
@@ -98,7 +101,7 @@ Message answerKeyExport(AutoRequest const& request) {
     std::string const blob = request.message.require("KEYBLOB");
     checkKeyId(keyId);
     readPublicKeyBlob(blob);
-    bool const taken = request.site.keys.find(keyId) != nullptr ||
+    bool const taken = KeyRing::reserves(keyId) ||
                        request.site.store.addMerchantKey(keyId, {request.account, blob}, request.site.clock.text()) ==
                            Store::KeyAdded::Taken;
     if (taken) {

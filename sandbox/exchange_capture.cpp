@@ -42,11 +42,23 @@ void checkRepeated(Message const& message, Payment const& payment, char const* n
     }
 }
 
+/// Who repeats what came back with the shopper repeats its RESULT, or that of the first capture. Throws Refusal.
+void checkResult(Message const& message) {
+    std::string const result = message.find("RESULT").value_or("");
+    if (!result.empty() && result != stateName(PaymentState::Authorised) &&
+        result != stateName(PaymentState::Captured)) {
+        throw Refusal("RESULT is '" + result + "', there is nothing to capture");
+    }
+}
+
 /// Leads the payment on. When it is not in one of the states `from` it must have arrived already, which makes a
 /// repetition harmless. Throws Refusal otherwise. Returns the payment as it then is.
 Payment lead(CaptureRequest const& request, std::vector<PaymentState> const& from, PaymentState to,
              std::vector<PaymentState> const& arrived, char const* note) {
     Payment const before = namedPayment(request);
+    for (char const* name : {"AMOUNT", "CURRENCY", "ORDERID"}) {
+        checkRepeated(request.sent.message, before, name);
+    }
     bool const moved = request.site.store.advance(before.id, from, {request.site.clock.text(), to, note});
     Payment const now = namedPayment(request);
     if (moved) {
@@ -61,9 +73,7 @@ Payment lead(CaptureRequest const& request, std::vector<PaymentState> const& fro
 }
 
 Message answerConfirm(CaptureRequest const& request) {
-    Payment const payment = namedPayment(request);
-    checkRepeated(request.sent.message, payment, "AMOUNT");
-    checkRepeated(request.sent.message, payment, "CURRENCY");
+    checkResult(request.sent.message);
     // Completing a payment settles it as well, so a capture that comes after it finds it done.
     Payment const captured = lead(request, {PaymentState::Authorised}, PaymentState::Captured,
                                   {PaymentState::Captured, PaymentState::Completed}, "captured by the merchant");

@@ -1,4 +1,5 @@
 #include <array>
+#include <cstddef>
 #include <ctime>
 #include <optional>
 #include <string>
@@ -17,6 +18,7 @@ namespace sandbox {
 
 namespace {
 
+constexpr int kBadRequest = 400;
 constexpr int kNotFound = 404;
 constexpr int kForbidden = 403;
 constexpr int kConflict = 409;
@@ -42,14 +44,10 @@ constexpr std::array<Decision, 3> kDecisions = {{
 }};
 // clang-format on
 
-void checkExpiration(Site const& site, std::string const& text) {
-    std::optional<std::time_t> const expiration = parseExpiration(text);
-    if (!expiration) {
+/// Throws Refusal when it is no time, even one that has passed.
+void checkExpiration(std::string const& text) {
+    if (!parseExpiration(text)) {
         throw Refusal("EXPIRATION is not a time of the form YYYYMMDD hh:mm:ss: '" + text + "'");
-    }
-    if (site.clock.now() > *expiration) {
-        throw Refusal("the payment has expired: EXPIRATION is " + utcText(*expiration) + ", now is " +
-                      site.clock.text());
     }
 }
 
@@ -61,6 +59,10 @@ void checkLink(Message const& message, char const* name) {
     }
     if (link.compare(0, 7, "http://") != 0 && link.compare(0, 8, "https://") != 0) {
         throw Refusal(std::string(name) + " is not an address that begins with http:// or https://");
+    }
+    std::size_t const host = link.find("://") + 3;
+    if (host == link.size() || std::string(":/?#").find(link[host]) != std::string::npos) {
+        throw Refusal(std::string(name) + " names no host");
     }
     for (char const c : link) {
         if (c <= ' ' || c > '~') {
@@ -101,6 +103,11 @@ PaymentRecord formPayment(Site const& site, Query const& form) {
     return *record;
 }
 
+PaymentState presentState(Site const& site, Payment const& payment) {
+    expireWhenOverdue(site, payment);
+    return site.store.paymentById(payment.id)->payment.state;
+}
+
 /// Whether a payment in `state` was once led there by `decision`.
 bool wasDecided(PaymentState state, Decision const& decision) {
     bool const settled = state == PaymentState::Captured || state == PaymentState::Completed;
@@ -108,22 +115,18 @@ bool wasDecided(PaymentState state, Decision const& decision) {
 }
 
 /// Carries the decision out, if it comes in time, and returns the one that holds. The same decision once more (a second
-/// click) is harmless. Throws Refusal.
-Decision const& decide(Site const& site, Payment const& payment, Decision const& decision) {
+/// click) is harmless. Null when the payment is decided otherwise.
+Decision const* decide(Site const& site, Payment const& payment, Decision const& decision) {
     if (payment.state == PaymentState::Opened && !isOverdue(site, payment) &&
         movePayment(site, payment, {PaymentState::Opened}, decision.state,
                     std::string("shopper chose ") + decision.name)) {
-        return decision;
+        return &decision;
     }
-    expireWhenOverdue(site, payment);
-    PaymentState const state = site.store.paymentById(payment.id)->payment.state;
+    PaymentState const state = presentState(site, payment);
     if (state == kTooLate.state) {
-        return kTooLate;
+        return &kTooLate;
     }
-    if (!wasDecided(state, decision)) {
-        throw Refusal("the payment is " + std::string(stateName(state)) + " already", kConflict);
-    }
-    return decision;
+    return wasDecided(state, decision) ? &decision : nullptr;
 }
 
 /// The address to which `decision` on `payment` leads; empty when the merchant gave none.
@@ -134,16 +137,30 @@ std::string addressAfter(Call const& call, Payment const& payment, Decision cons
                : extendLink(link, signedConfirmation(call.site, payment, stateName(decision.state), call.fault));
 }
 
-/// The page of a payment that is decided: nothing more can be done there but to go back to the shop.
-HttpReply answerDecided(Call const& call, Payment const& payment, std::string const& reason) {
+std::string usedTokenReason(Payment const& payment) {
+    return "TOKEN was used already, by the payment '" + payment.id + "', which is " + stateName(payment.state);
+}
+
+/// Why nobody can decide on a payment that is not open any more.
+std::string reasonToRefuse(Site const& site, Payment const& payment) {
+    if (payment.state == kTooLate.state) {
+        std::optional<std::time_t> const expiration = parseExpiration(payment.attribute("EXPIRATION").value_or(""));
+        return "the payment has expired: EXPIRATION is " + utcText(expiration.value()) + ", now is " +
+               site.clock.text();
+    }
+    return usedTokenReason(payment);
+}
+
+/// The page of a payment on which nobody can decide any more: there is nothing to do but to go back to the shop.
+HttpReply answerDecided(Call const& call, int status, PaymentRecord const& record, std::string const& reason) {
+    Payment const& payment = record.payment;
     call.record.verdict = reason;
     call.record.steps.push_back({"Turned down", reason, false});
+    Decision const* made = &kTooLate;
     for (Decision const& decision : kDecisions) {
-        if (wasDecided(payment.state, decision)) {
-            return decidedPage(reason, call.record, addressAfter(call, payment, decision));
-        }
+        made = wasDecided(payment.state, decision) ? &decision : made;
     }
-    return decidedPage(reason, call.record, addressAfter(call, payment, kTooLate));
+    return decidedPage(status, record, reason, addressAfter(call, payment, *made));
 }
 
 }  // namespace
@@ -154,40 +171,42 @@ HttpReply answerPay(Call const& call) {
     if (sent.message.type() != "PayInit") {
         throw Refusal("the payment page takes a PayInit, not a '" + sent.message.type() + "'");
     }
-    if (std::optional<PaymentRecord> const known =
-            site.store.paymentByToken(sent.account, sent.message.require("TOKEN"))) {
-        expireWhenOverdue(site, known->payment);
-    }
-    checkExpiration(site, sent.message.require("EXPIRATION"));
+    checkExpiration(sent.message.require("EXPIRATION"));
     for (Decision const& decision : kDecisions) {
         checkLink(sent.message, decision.link);
     }
-    PaymentRecord const payment = site.store.openPayment(freshPayment(sent), site.clock.text());
-    std::string const reason = "TOKEN was used already, by the payment '" + payment.payment.id + "', which is " +
-                               stateName(payment.payment.state);
-    if (payment.message != sent.text) {
-        throw Refusal(reason);
+    PaymentRecord record = site.store.openPayment(freshPayment(sent), site.clock.text());
+    Payment& payment = record.payment;
+    payment.state = presentState(site, payment);
+    if (record.message != sent.text) {
+        throw Refusal(usedTokenReason(payment));
     }
     // The same message again is the shopper reloading the page, or one whose way back to the shop was lost.
-    if (payment.payment.state != PaymentState::Opened) {
-        return answerDecided(call, payment.payment, reason);
+    if (payment.state != PaymentState::Opened) {
+        return answerDecided(call, kBadRequest, record, reasonToRefuse(site, payment));
     }
-    return paymentPage(payment, site.store.customerOf(payment.payment.account));
+    return paymentPage(record, site.store.customerOf(payment.account));
 }
 
 HttpReply answerDecision(Call const& call) {
     Site const& site = call.site;
     Query const form(call.request.body);
     Decision const& wanted = namedDecision(form.value("decision").value_or(""));
-    Payment payment = formPayment(site, form).payment;
-    Decision const& decision = decide(site, payment, wanted);
-    payment.state = decision.state;
-    std::string const query = signedConfirmation(site, payment, stateName(decision.state), call.fault);
-    std::string const link = payment.attribute(decision.link).value_or("");
+    PaymentRecord record = formPayment(site, form);
+    Payment& payment = record.payment;
+    Decision const* const decision = decide(site, payment, wanted);
+    if (decision == nullptr) {
+        payment.state = presentState(site, payment);
+        return answerDecided(call, kConflict, record,
+                             "the payment is " + std::string(stateName(payment.state)) + " already");
+    }
+    payment.state = decision->state;
+    std::string const query = signedConfirmation(site, payment, stateName(decision->state), call.fault);
+    std::string const link = payment.attribute(decision->link).value_or("");
     if (link.empty()) {
         return outcomePage(payment, query);
     }
-    return {kFound, "text/plain", "The payment is " + std::string(stateName(decision.state)) + ".\n",
+    return {kFound, "text/plain", "The payment is " + std::string(stateName(decision->state)) + ".\n",
             extendLink(link, query)};
 }
 

@@ -57,6 +57,10 @@ KeyRing::Key KeyRing::stale() {
     return std::make_shared<ServerKey const>(ServerKey{std::string(kIdentifierStart) + "0", makeSigningKey(m_Bits)});
 }
 
+bool KeyRing::reserves(std::string const& id) {
+    return id.compare(0, sizeof kIdentifierStart - 1, kIdentifierStart) == 0;
+}
+
 KeyRing::Key KeyRing::impostor() {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     return std::make_shared<ServerKey const>(ServerKey{m_Keys.back()->id, makeSigningKey(m_Bits)});

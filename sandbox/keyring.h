@@ -41,6 +41,9 @@ public:
     /// The key before the current one; without a rotation one that nobody has been told of, named "1-SERVER-0".
     [[nodiscard]] Key stale();
 
+    /// Whether keys of this service have, or may get, such an identifier.
+    static bool reserves(std::string const& id);
+
     /// A key under the identifier of the current one that is not the current one.
     [[nodiscard]] Key impostor();
 

@@ -16,8 +16,8 @@ HttpReply paymentPage(PaymentRecord const& record, std::string const& customer);
 /// Tells why a request was turned down, shows the message it held, and says what the merchant can do.
 HttpReply refusalPage(int status, std::string const& reason, Exchange const& record);
 
-/// The same for the page of a payment that is decided already, with a link to `address` unless that is empty.
-HttpReply decidedPage(std::string const& reason, Exchange const& record, std::string const& address);
+/// The same for a payment on which nobody can decide any more, with a link to `address` unless that is empty.
+HttpReply decidedPage(int status, PaymentRecord const& record, std::string const& reason, std::string const& address);
 
 /// Tells the outcome of a payment whose merchant gave no link to return to. `signedQuery` is what such a link would
 /// have been given.

@@ -69,12 +69,12 @@ HttpReply refusalPage(int status, std::string const& reason, Exchange const& rec
                         (record.signature.empty() ? "" : signatureSection(record.signature)));
 }
 
-HttpReply decidedPage(std::string const& reason, Exchange const& record, std::string const& address) {
+HttpReply decidedPage(int status, PaymentRecord const& record, std::string const& reason, std::string const& address) {
+    bool const tooLate = record.payment.state == PaymentState::Expired;
     std::string const link = "<p><a href=\"" + escapeHtml(address) + "\">Back to the shop</a></p>\n";
-    return htmlPage(400, "The payment is decided already",
-                    (address.empty() ? "" : link) +
-                        section("reason", "Why it cannot be decided again", paragraph(reason)) +
-                        messageSections(record.data));
+    return htmlPage(status, tooLate ? "The payment has expired" : "The payment is decided already",
+                    (address.empty() ? "" : link) + section("reason", "Why it cannot be decided", paragraph(reason)) +
+                        messageSections(record.message));
 }
 
 HttpReply outcomePage(Payment const& payment, std::string const& signedQuery) {

@@ -69,6 +69,13 @@ ExchangeKind kindOf(Endpoint const& endpoint, Message const& message) {
     return ExchangeKind::Other;
 }
 
+/// The order of the payment that the message names by its token, which is one of the account that the key belongs to.
+std::string orderOf(Site const& site, Message const& message) {
+    std::optional<MerchantKey> const key = site.store.merchantKey(message.find("KEYID").value_or(""));
+    std::optional<std::string> const token = message.find("TOKEN");
+    return key && token ? site.store.orderOfToken(key->account, *token) : "";
+}
+
 /// Notes what the request is about, from what it says of itself. What cannot be read stays unnoted: telling what is
 /// wrong with the request comes later.
 void identify(Site const& site, Endpoint const& endpoint, HttpRequest const& request, Exchange& record) {
@@ -85,8 +92,7 @@ void identify(Site const& site, Endpoint const& endpoint, HttpRequest const& req
         record.data = Query(request.query).value("DATA").value_or("");
         Message const message = Message::parse(record.data);
         record.kind = kindOf(endpoint, message);
-        std::string const token = message.find("TOKEN").value_or("");
-        record.order = message.find("ORDERID").value_or(token.empty() ? "" : site.store.orderOfToken(token));
+        record.order = message.find("ORDERID").value_or(orderOf(site, message));
     } catch (Refusal const&) {
     }
 }
@@ -164,7 +170,9 @@ HttpReply answerRecorded(Site const& site, Endpoint const& endpoint, HttpRequest
     record.request = keptRequest(request.raw);
     identify(site, endpoint, request, record);
     std::int64_t const begun = site.store.beginExchange(record);
-    std::optional<Fault> const fault = site.faults.take(record.kind, record.order);
+    // The control port has no faults, and uses none up.
+    bool const mayFail = request.baseUrl != site.addresses.control;
+    std::optional<Fault> const fault = mayFail ? site.faults.take(record.kind, record.order) : std::nullopt;
     HttpReply reply = answerIdentified(endpoint, {site, request, record, fault});
     if (fault) {
         record.fault = faultText(*fault);

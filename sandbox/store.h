@@ -76,8 +76,8 @@ public:
     [[nodiscard]] std::optional<PaymentRecord> paymentById(std::string const& id);
     [[nodiscard]] std::optional<PaymentRecord> paymentByToken(std::string const& account, std::string const& token);
 
-    /// The ORDERID of any payment with this token, whosever it is; empty when there is none.
-    [[nodiscard]] std::string orderOfToken(std::string const& token);
+    /// The ORDERID of the payment with this token; empty when there is none.
+    [[nodiscard]] std::string orderOfToken(std::string const& account, std::string const& token);
 
     /// Oldest first.
     [[nodiscard]] std::vector<Payment> payments();

@@ -57,12 +57,12 @@ std::vector<Payment> Store::payments() {
     return found;
 }
 
-std::string Store::orderOfToken(std::string const& token) {
+std::string Store::orderOfToken(std::string const& account, std::string const& token) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Statement row = m_Database.prepare(
         "SELECT a.value FROM payments p JOIN payment_attributes a ON a.payment = p.id AND a.name = 'ORDERID' "
-        "WHERE p.token = ? LIMIT 1");
-    row.text(token);
+        "WHERE p.account = ? AND p.token = ?");
+    row.text(account).text(token);
     return row.step() ? row.column(0) : "";
 }
 
@@ -156,7 +156,7 @@ void Store::insertPayment(PaymentRecord const& fresh, std::string const& time) {
             .bytes(value)
             .step();
     }
-    addHistory(payment.id, {time, payment.state, "payment page shown"});
+    addHistory(payment.id, {time, payment.state, "payment page asked for"});
 }
 
 void Store::addHistory(std::string const& id, HistoryEntry const& step) {

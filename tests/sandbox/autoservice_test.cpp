@@ -65,6 +65,8 @@ TEST_F(AutoService, RefusesAnotherKeyUnderAKnownIdentifier) {
     TestMerchant const other("other");
     EXPECT_THAT(exportReason(m_Merchant.keyId(), other.blob()), HasSubstr("another key already"));
     EXPECT_THAT(exportReason(m_Service->serverKeyId(), other.blob()), HasSubstr("another key already"));
+    // What the next rotation will need.
+    EXPECT_THAT(exportReason("1-SERVER-2", other.blob()), HasSubstr("another key already"));
 }
 
 TEST_F(AutoService, RefusesUnusableKeys) {
@@ -75,6 +77,8 @@ TEST_F(AutoService, RefusesUnusableKeys) {
     EXPECT_THAT(exportReason("k", blob + "00"), HasSubstr("bytes after"));
     EXPECT_THAT(exportReason("../k", blob), HasSubstr("KEYID holds"));
     EXPECT_THAT(exportReason("k\xE9", blob), HasSubstr("KEYID holds"));
+    EXPECT_THAT(exportReason(".", blob), HasSubstr("name of a directory"));
+    EXPECT_THAT(exportReason("..", blob), HasSubstr("name of a directory"));
     EXPECT_THAT(exportReason(std::string(201, 'k'), blob), HasSubstr("KEYID is longer"));
 }
 

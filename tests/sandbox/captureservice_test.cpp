@@ -73,6 +73,8 @@ TEST_F(CaptureService, RefusesAWrongAmountCurrencyOrIdentifier) {
     EXPECT_THAT(reason(" AMOUNT=\"\""), HasSubstr("AMOUNT is ''"));
     EXPECT_THAT(reason(" AMOUNT=\"12.50\" CURRENCY=\"USD\""), HasSubstr("CURRENCY is 'USD'"));
     EXPECT_THAT(reason(" ID=\"P0\""), HasSubstr("ID and TOKEN name different payments"));
+    EXPECT_THAT(reason(" ORDERID=\"A-18\""), HasSubstr("ORDERID is 'A-18', the payment has 'A-17'"));
+    EXPECT_THAT(reason(" RESULT=\"declined\""), HasSubstr("RESULT is 'declined', there is nothing to capture"));
     EXPECT_EQ(payment().state, PaymentState::Authorised);
     EXPECT_EQ(reason(" AMOUNT=\"12.50\""), "");
 }
@@ -122,6 +124,19 @@ TEST_F(CaptureService, RefusesToCompleteWithoutIdentifierOrAuthorisation) {
     EXPECT_THAT(reasonOf(askCapture(m_Merchant.message("PayCompleteRequest", " TOKEN=\"t1\""))),
                 HasSubstr("needs the attribute ID"));
     EXPECT_THAT(reasonOf(askCapture(named("PayCompleteRequest"))), HasSubstr("is opened, it cannot be completed"));
+}
+
+TEST_F(CaptureService, RefusesToCompleteAnotherAmountCurrencyOrOrder) {
+    authorise("t1");
+    std::string const id = " TOKEN=\"t1\" ID=\"" + payment().id + "\"";
+    auto const reason = [&](std::string const& more) {
+        return reasonOf(askCapture(m_Merchant.message("PayCompleteRequest", id + more)));
+    };
+    EXPECT_THAT(reason(" AMOUNT=\"12.51\""), HasSubstr("AMOUNT is '12.51', the payment has '12.50'"));
+    EXPECT_THAT(reason(" CURRENCY=\"USD\""), HasSubstr("CURRENCY is 'USD'"));
+    EXPECT_THAT(reason(" ORDERID=\"A-18\""), HasSubstr("ORDERID is 'A-18'"));
+    EXPECT_EQ(payment().state, PaymentState::Authorised);
+    EXPECT_EQ(reason(" AMOUNT=\"12.50\" CURRENCY=\"EUR\" ORDERID=\"A-17\""), "");
 }
 
 TEST_F(CaptureService, TellsTheStatus) {

@@ -270,7 +270,7 @@ TEST_F(Control, TellsAPaymentFromItsOpeningToItsCapture) {
     EXPECT_EQ(told.at("attributes").at(0), (json{{"name", "MSGTYPE"}, {"value", "PayInit"}}));
     ASSERT_EQ(told.at("history").size(), 3u);
     EXPECT_EQ(told.at("history").at(0),
-              (json{{"time", "2023-11-14T22:13:20Z"}, {"state", "opened"}, {"note", "payment page shown"}}));
+              (json{{"time", "2023-11-14T22:13:20Z"}, {"state", "opened"}, {"note", "payment page asked for"}}));
     EXPECT_EQ(told.at("history").at(2).at("state"), "captured");
 }
 
@@ -493,7 +493,9 @@ TEST_F(Control, SetsTheClockAheadSoThatPaymentsExpire) {
     EXPECT_THAT(late.body, HasSubstr("has expired"));
     post("/control/clock", {{"ahead", 0}}, 200);
     EXPECT_EQ(payment("order=A-17").at("state"), "expired");
-    EXPECT_EQ(openPage(m_Merchant.message("PayInit", " TOKEN=\"t2\" EXPIRATION=\"20231114 23:13:20\"")).status, 200);
+    EXPECT_EQ(openPage(m_Merchant.message("PayInit", " TOKEN=\"t2\" EXPIRATION=\"20231114 23:13:20\"")).status, 400)
+        << "what has expired stays so";
+    EXPECT_EQ(openPage(m_Merchant.message("PayInit", " TOKEN=\"t3\" EXPIRATION=\"20231114 23:13:20\"")).status, 200);
 }
 
 TEST_F(Control, RefusesClocksOutOfRange) {

@@ -389,6 +389,36 @@ TEST_F(FaultOnTheWire, HappensToItsExchangeAndOrderAlone) {
     EXPECT_EQ(m_Service->faults().size(), 1u);
 }
 
+TEST_F(FaultOnTheWire, HappensToAnOrderOfTheAccountThatAsks) {
+    // Both accounts have a payment with this token.
+    m_Service->arm(parseFault("error,exchange=status,order=B-1"));
+    parseAnswer(exchangeRaw(m_Service->controlPort(), jsonPost("/control/accounts", R"({"user":"b","password":"p"})")));
+    TestMerchant const other("0-1002-other");
+    askAuto("<KVX MSGTYPE=\"KeyExportRequest\" KEYID=\"0-1002-other\" KEYBLOB=\"" + other.blob() + "\"/>", "b", "p");
+    auto const ask = [this](TestMerchant const& merchant) {
+        return attributeOf(
+            get("/capture" + merchant.signedQuery(merchant.message("StatusRequest", " TOKEN=\"t1\""))).body, "MSGTYPE");
+    };
+    openPage(m_Merchant.payInit("t1"));
+    std::string const payInit =
+        other.message("PayInit", " TOKEN=\"t1\" ORDERID=\"B-1\" EXPIRATION=\"20991231 23:59:59\"");
+    EXPECT_EQ(get("/pay" + other.signedQuery(payInit)).status, 200);
+    EXPECT_EQ(ask(m_Merchant), "StatusResponse");
+    EXPECT_EQ(ask(other), "Error");
+    EXPECT_EQ(ask(other), "StatusResponse");
+}
+
+TEST_F(FaultOnTheWire, LeavesTheControlPortAlone) {
+    m_Service->arm(parseFault("drop,exchange=setup"));
+    std::string const request =
+        merchantGet("/auto?DATA=" + encode("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>"), "demo", "demo");
+    EXPECT_EQ(parseAnswer(exchangeRaw(m_Service->controlPort(), request)).status, 200);
+    EXPECT_EQ(m_Service->faults().size(), 1u);
+    RawConnection const connection(m_Service->plainPort());
+    connection.send(request);
+    EXPECT_EQ(receive(connection).bytes, "");
+}
+
 TEST_F(FaultOnTheWire, LeavesTheControlPortAloneWhenConnectionsAreRefused) {
     m_Service->arm(parseFault("refuse"));
     EXPECT_THROW(RawConnection(m_Service->plainPort()), std::runtime_error);

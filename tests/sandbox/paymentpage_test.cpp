@@ -165,6 +165,8 @@ TEST_F(PaymentPage, RefusesAnotherDecisionAfterTheFirst) {
     RawAnswer const answer = press(page, "pay");
     EXPECT_EQ(answer.status, 409);
     EXPECT_THAT(answer.body, HasSubstr("declined already"));
+    EXPECT_THAT(attributeOf(answer.body, "href"), StartsWith("http://shop.example/failed?DATA="));
+    EXPECT_THAT(answer.body, HasSubstr("<th scope=\"row\">TOKEN</th><td>t1</td>"));
     EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Declined);
 }
 
@@ -209,13 +211,38 @@ TEST_F(PaymentPage, LeadsBackToTheShopWhenThePaymentIsDecided) {
     EXPECT_EQ(attributeOf(openPage(m_Merchant.payInit("t1")).body, "href"), address) << "it stays the confirmation";
 }
 
-TEST_F(PaymentPage, RefusesAnExpiredPayment) {
-    std::string const attributes = " TOKEN=\"t\" EXPIRATION=\"20231114 22:13:20\"";
+TEST_F(PaymentPage, LeadsBackToTheShopWhoComesTooLate) {
+    std::string const text = m_Merchant.message(
+        "PayInit", " TOKEN=\"t\" EXPIRATION=\"20231114 22:13:20\" FAILLINK=\"http://shop.example/no\"");
     m_Now = 1700000001;
-    expectRefused(m_Merchant.message("PayInit", attributes),
-                  "has expired: EXPIRATION is 2023-11-14T22:13:20Z, now is 2023-11-14T22:13:21Z");
+    RawAnswer const page = openPage(text);
+    EXPECT_EQ(page.status, 400);
+    EXPECT_THAT(page.body, HasSubstr("The payment has expired"));
+    EXPECT_THAT(page.body, HasSubstr("EXPIRATION is 2023-11-14T22:13:20Z, now is 2023-11-14T22:13:21Z"));
+    EXPECT_THAT(page.body, Not(HasSubstr("<button")));
+    std::string const link = attributeOf(page.body, "href");
+    EXPECT_THAT(link, StartsWith("http://shop.example/no?DATA="));
+    EXPECT_EQ(attributeOf(decode(queryValue(link, "DATA")), "RESULT"), "expired");
+    EXPECT_TRUE(verifies(serverBlob(), decode(queryValue(link, "DATA")), queryValue(link, "SIGNATURE")));
+    ASSERT_EQ(m_Service->payments().size(), 1u);
+    EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Expired);
     m_Now = 1700000000;
-    EXPECT_EQ(openPage(m_Merchant.message("PayInit", attributes)).status, 200);
+    EXPECT_EQ(attributeOf(openPage(text).body, "href"), link) << "what has expired stays so";
+}
+
+TEST_F(PaymentPage, CanBeOpenedUntilTheExpiration) {
+    EXPECT_EQ(openPage(m_Merchant.message("PayInit", " TOKEN=\"t\" EXPIRATION=\"20231114 22:13:20\"")).status, 200);
+}
+
+TEST_F(PaymentPage, LeadsBackWhoPaidInTimeAndLoadsThePageLater) {
+    std::string const text = m_Merchant.message(
+        "PayInit", " TOKEN=\"t\" EXPIRATION=\"20231114 22:13:20\" SUCCESSLINK=\"http://shop.example/ok\"");
+    std::string const address = press(openPage(text), "pay").headers.at("location");
+    m_Now = 1700000001;
+    RawAnswer const page = openPage(text);
+    EXPECT_THAT(page.body, HasSubstr("The payment is decided already"));
+    EXPECT_THAT(page.body, HasSubstr("which is authorised"));
+    EXPECT_EQ(attributeOf(page.body, "href"), address);
 }
 
 TEST_F(PaymentPage, AcceptsNoDecisionAfterTheExpiration) {
@@ -258,6 +285,11 @@ TEST_F(PaymentPage, RefusesLinksThatAreNoHttpAddresses) {
         expectRefused(m_Merchant.message("PayInit", " TOKEN=\"t\" EXPIRATION=\"20991231 23:59:59\" FAILLINK=\"" +
                                                         std::string(link) + "\""),
                       "FAILLINK is not an address");
+    }
+    for (char const* link : {"http://", "https://", "http:///x", "http://:80/", "http://?a", "http://#a"}) {
+        expectRefused(m_Merchant.message("PayInit", " TOKEN=\"t\" EXPIRATION=\"20991231 23:59:59\" BACKLINK=\"" +
+                                                        std::string(link) + "\""),
+                      "BACKLINK names no host");
     }
     expectRefused(m_Merchant.message("PayInit",
                                      " TOKEN=\"t\" EXPIRATION=\"20991231 23:59:59\""
