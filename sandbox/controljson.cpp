@@ -115,11 +115,8 @@ json paymentJson(Payment const& payment, std::vector<Notification> const& notifi
 }
 
 json exchangeJson(Exchange const& exchange) {
-    json out = {{"number", exchange.number},
-                {"time", exchange.time},
-                {"kind", exchangeName(exchange.kind)},
-                {"steps", json::array()},
-                {"microseconds", exchange.microseconds}};
+    json out = {{"number", exchange.number}, {"time", exchange.time},         {"kind", exchangeName(exchange.kind)},
+                {"steps", json::array()},    {"delivery", exchange.delivery}, {"microseconds", exchange.microseconds}};
     putBytes(out, "order", exchange.order);
     putBytes(out, "path", exchange.path);
     putBytes(out, "verdict", exchange.verdict);

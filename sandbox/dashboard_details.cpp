@@ -8,6 +8,7 @@
 #include "sandbox/pages.h"
 #include "sandbox/paymentmoves.h"
 #include "sandbox/refusal.h"
+#include "sandbox/utctime.h"
 
 /// The pages about one payment and about one exchange.
 namespace sandbox {
@@ -119,7 +120,8 @@ std::string exchangeData(Exchange const& exchange) {
            entry("Fault", escapeHtml(exchange.fault.empty() ? "none" : exchange.fault)) +
            entry("Kind", exchangeName(exchange.kind)) + entry("Path", escapeHtml(exchange.path)) +
            entry("Order", escapeHtml(exchange.order.empty() ? "not known" : exchange.order)) +
-           entry("Time", exchange.time) + entry("Duration", duration(exchange.microseconds)) + "</dl>\n";
+           entry("Time", exchange.time) + entry("Duration", millisecondsText(exchange.microseconds)) +
+           (exchange.delivery.empty() ? "" : entry("The client got", escapeHtml(exchange.delivery))) + "</dl>\n";
 }
 
 std::string stepsContent(Exchange const& exchange) {

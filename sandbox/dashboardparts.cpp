@@ -2,6 +2,7 @@
 
 #include <cstddef>
 
+#include "sandbox/utctime.h"
 #include "sandbox/wiretext.h"
 
 namespace sandbox {
@@ -103,7 +104,7 @@ std::string exchangeTable(std::string const& caption, std::vector<Exchange> cons
         std::string const number = std::to_string(exchange.number);
         rows.push_back({link("/exchange?number=" + number, number), whole(exchange.time),
                         whole(exchangeName(exchange.kind)), orderCell(exchange.order), verdictCell(exchange.verdict),
-                        escapeHtml(exchange.fault), whole(duration(exchange.microseconds))});
+                        escapeHtml(exchange.fault), whole(millisecondsText(exchange.microseconds))});
     }
     return wideTable(caption, {"Number", "Time", "Kind", "Order", "Verdict", "Fault", "Duration"}, rows);
 }
@@ -114,10 +115,6 @@ std::string joined(std::vector<std::string> const& names) {
         text += (text.empty() ? "" : ", ") + name;
     }
     return text;
-}
-
-std::string duration(std::int64_t microseconds) {
-    return std::to_string(microseconds / 1000) + "." + std::to_string(microseconds % 1000 / 100) + " ms";
 }
 
 }  // namespace sandbox

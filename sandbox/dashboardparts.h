@@ -49,7 +49,4 @@ std::string exchangeTable(std::string const& caption, std::vector<Exchange> cons
 /// The names with commas between them.
 std::string joined(std::vector<std::string> const& names);
 
-/// "1.5 ms".
-std::string duration(std::int64_t microseconds);
-
 }  // namespace sandbox

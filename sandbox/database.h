@@ -42,6 +42,9 @@ public:
     /// Runs statements without parameters or results. Throws std::runtime_error.
     void execute(char const* sql);
 
+    /// The number of the row that was added last.
+    [[nodiscard]] std::int64_t lastNumber() const { return sqlite3_last_insert_rowid(m_Database.get()); }
+
     Statement prepare(char const* sql) { return Statement(m_Database.get(), sql); }
 
 private:

@@ -24,10 +24,14 @@ std::size_t bytesBefore(std::string const& answer, Fault const& fault) {
     return std::min(answer.size(), fault.bytes ? static_cast<std::size_t>(*fault.bytes) : middle);
 }
 
-void sendBytewise(Connection& connection, std::string const& answer) {
+void sendBytewise(Connection& connection, std::string const& answer, double seconds) {
     for (char const& byte : answer) {
         if (!connection.write(&byte, 1)) {
             return;
+        }
+        if (seconds > 0) {
+            // Without it a reader who is not at once there gets many together.
+            connection.pause(seconds);
         }
     }
 }
@@ -80,7 +84,7 @@ void deliver(Connection& connection, std::string const& answer, std::optional<Fa
             connection.pauseWhileConnected(secondsOf(*fault));
             return;
         case FaultKind::Bytewise:
-            sendBytewise(connection, answer);
+            sendBytewise(connection, answer, secondsOf(*fault));
             return;
         case FaultKind::Truncate:
             send(connection, answer.substr(0, bytesBefore(answer, *fault)));

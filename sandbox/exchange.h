@@ -30,6 +30,7 @@ struct Exchange {
     std::string request;            ///< As it came, head and body, the password covered; cut when it is very long.
     std::string answer;             ///< As it was made, before any fault; cut when it is very long.
     std::string fault;              ///< The fault that happened to it, as faultText() writes it; empty without.
+    std::string delivery;           ///< What the other side got of the answer when a fault happened; empty without.
     std::int64_t microseconds = 0;  ///< From the complete request to the complete answer.
 };
 

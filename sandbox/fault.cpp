@@ -24,7 +24,10 @@ constexpr unsigned kConfirming = bit(ExchangeKind::Decision) | bit(ExchangeKind:
 constexpr unsigned kAnswered =
     kAsked | bit(ExchangeKind::Page) | bit(ExchangeKind::Decision) | bit(ExchangeKind::Proxy);
 constexpr unsigned kConnecting = bit(ExchangeKind::Connection);
+constexpr unsigned kWithOrder = kConfirming | bit(ExchangeKind::Page) | bit(ExchangeKind::Capture) |
+                                bit(ExchangeKind::Complete) | bit(ExchangeKind::Status);
 
+constexpr char kTextField[] = ",text=";
 constexpr double kLongestSeconds = 3600;
 constexpr std::int64_t kLargestMegabytes = 4096;
 
@@ -56,8 +59,8 @@ std::vector<FaultKindRow> const kKinds = {
      "nothing comes, the connection stays open for some time and closes"},
     {FaultKind::StallInside,         "stall-inside",          kAnswered, kTakesSeconds | kTakesBytes, true,
      "the answer begins, then nothing more comes, the connection stays open for some time and closes"},
-    {FaultKind::Bytewise,            "bytewise",              kAnswered, 0, true,
-     "the answer comes one byte at a time"},
+    {FaultKind::Bytewise,            "bytewise",              kAnswered, kTakesSeconds, true,
+     "the answer comes one byte at a time, with a millisecond or so many seconds between two"},
     {FaultKind::Truncate,            "truncate",              kAnswered, kTakesBytes, true,
      "the connection closes in the middle of the answer"},
     {FaultKind::NoBlankLine,         "no-blank-line",         kAnswered, 0, true,
@@ -203,7 +206,11 @@ std::optional<FaultKind> faultFromName(std::string_view name) {
 double secondsOf(Fault const& fault) {
     constexpr double kDelay = 5;
     constexpr double kStall = 60;
-    return fault.seconds.value_or(fault.kind == FaultKind::Delay ? kDelay : kStall);
+    constexpr double kBetweenBytes = 0.001;
+    double const otherwise = fault.kind == FaultKind::Delay      ? kDelay
+                             : fault.kind == FaultKind::Bytewise ? kBetweenBytes
+                                                                 : kStall;
+    return fault.seconds.value_or(otherwise);
 }
 
 int statusOf(Fault const& fault) {
@@ -242,6 +249,9 @@ void checkFault(Fault const& fault) {
     bool const before = row.kind == FaultKind::Refuse || row.exchanges == kConnecting;
     if (before && !fault.order.empty()) {
         throw Refusal(std::string(row.name) + " happens before the request is read, so it cannot be for one order");
+    }
+    if (fault.exchange && !fault.order.empty() && (kWithOrder & bit(*fault.exchange)) == 0) {
+        throw Refusal(std::string("the exchange '") + exchangeName(*fault.exchange) + "' is about no order");
     }
     if (row.kind == FaultKind::Refuse && fault.times > 1) {
         throw Refusal("refused connections cannot be counted: give seconds, or lift it");
@@ -287,7 +297,8 @@ Fault parseFault(std::string const& text) {
     std::string const kind = text.substr(0, from);
     FaultFields fields;
     while (from != std::string::npos) {
-        std::size_t const to = text.find(',', from + 1);
+        bool const takesRest = text.compare(from, sizeof kTextField - 1, kTextField) == 0;
+        std::size_t const to = takesRest ? std::string::npos : text.find(',', from + 1);
         std::string const field = text.substr(from + 1, to == std::string::npos ? to : to - from - 1);
         std::size_t const equals = field.find('=');
         if (equals == std::string::npos) {
@@ -322,11 +333,11 @@ std::string faultText(Fault const& fault) {
     if (fault.status) {
         add("status", std::to_string(*fault.status));
     }
-    if (fault.text) {
-        add("text", *fault.text);
-    }
     if (fault.megabytes) {
         add("megabytes", std::to_string(*fault.megabytes));
+    }
+    if (fault.text) {
+        add("text", *fault.text);
     }
     return out;
 }

@@ -99,7 +99,8 @@ using FaultFields = std::vector<std::pair<std::string, std::string>>;
 Fault makeFault(std::string const& kind, FaultFields const& fields);
 
 /// Reads "kind,name=value,...": the names are exchange, order, times (a number or "always"), seconds, bytes, status,
-/// text, megabytes; "truncate,exchange=capture,order=A-1,bytes=40". A value holds no comma. Throws Refusal.
+/// text, megabytes; "truncate,exchange=capture,order=A-1,bytes=40". A value holds no comma, but that of text, which
+/// goes to the end. Throws Refusal.
 Fault parseFault(std::string const& text);
 
 /// The form that parseFault() reads, with every parameter that was given.

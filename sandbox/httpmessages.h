@@ -1,6 +1,7 @@
 #pragma once
 
-#include <functional>
+#include <cstddef>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -21,16 +22,36 @@ struct HttpRequest {
     std::string host = {};  ///< Value of that header.
 };
 
+/// What became of an answer that was sent.
+struct Delivery {
+    std::size_t bytes = 0;
+    bool reset = false;
+};
+
+/// Keeps what became of a request.
+class ExchangeLog {
+public:
+    ExchangeLog() = default;
+    virtual ~ExchangeLog() = default;
+    ExchangeLog(ExchangeLog const&) = delete;
+    ExchangeLog& operator=(ExchangeLog const&) = delete;
+
+    /// Called with all bytes of the answer before it is sent.
+    virtual void answered(std::string const& answer) = 0;
+
+    /// Called when it has been sent, as far as it was.
+    virtual void delivered(Delivery const& delivery) = 0;
+};
+
 /// An answer. A non-empty `location` makes it a redirect.
 struct HttpReply {
     int status = 200;
     std::string contentType;
     std::string body;
     std::string location = {};
-    std::string allow = {};           ///< The methods that the address has, of a status 405.
-    std::optional<Fault> fault = {};  ///< How it is to be sent.
-    std::function<void(std::string const& answer)> log =
-        {};  ///< When set, called with all its bytes before it is sent.
+    std::string allow = {};                 ///< The methods that the address has, of a status 405.
+    std::optional<Fault> fault = {};        ///< How it is to be sent.
+    std::shared_ptr<ExchangeLog> log = {};  ///< Null when nothing is kept.
 };
 
 }  // namespace sandbox

@@ -149,13 +149,16 @@ public:
         }
         try {
             if (turn.reply.log) {
-                turn.reply.log(stream.written());
+                turn.reply.log->answered(stream.written());
             }
         } catch (std::exception const& failure) {
             deliver(connection, failureAnswer(failure.what()), std::nullopt);
             return;
         }
         deliver(connection, stream.written(), turn.reply.fault);
+        if (turn.reply.log) {
+            turn.reply.log->delivered({connection.written(), connection.isReset()});
+        }
     }
 };
 

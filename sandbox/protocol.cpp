@@ -5,11 +5,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <exception>
+#include <memory>
 #include <string>
 #include <utility>
 
 #include "sandbox/pages.h"
 #include "sandbox/refusal.h"
+#include "sandbox/utctime.h"
 #include "sandbox/wiretext.h"
 
 namespace sandbox {
@@ -147,6 +149,31 @@ HttpReply carryOut(Endpoint const& endpoint, Call const& call) {
     }
 }
 
+/// Adds an exchange when it has ended.
+class Record : public ExchangeLog {
+public:
+    Record(Store& store, Exchange exchange, std::int64_t begun, std::chrono::steady_clock::time_point begin)
+        : m_Store(store), m_Exchange(std::move(exchange)), m_Begun(begun), m_Begin(begin) {}
+
+    void answered(std::string const& answer) override {
+        m_Exchange.answer = keptText(answer);
+        m_Exchange.microseconds = microsecondsSince(m_Begin);
+        m_Exchange.number = m_Store.addExchange(m_Exchange, m_Begun);
+    }
+
+    void delivered(Delivery const& delivery) override {
+        if (!m_Exchange.fault.empty()) {
+            m_Store.noteDelivery(m_Exchange.number, deliveryText(delivery, microsecondsSince(m_Begin)));
+        }
+    }
+
+private:
+    Store& m_Store;  ///< Borrowed.
+    Exchange m_Exchange;
+    std::int64_t m_Begun;
+    std::chrono::steady_clock::time_point m_Begin;
+};
+
 /// The answer to a request that has been identified, or what a fault or a failure puts in its place.
 HttpReply answerIdentified(Endpoint const& endpoint, Call const& call) {
     if (call.fault && !faultRow(call.fault->kind).carriedOut) {
@@ -178,12 +205,7 @@ HttpReply answerRecorded(Site const& site, Endpoint const& endpoint, HttpRequest
         record.fault = faultText(*fault);
         reply.fault = fault;
     }
-    reply.log = [&store = site.store, record = std::move(record), begun, begin](std::string const& answer) mutable {
-        record.answer = keptText(answer);
-        record.microseconds =
-            std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - begin).count();
-        store.addExchange(record, begun);
-    };
+    reply.log = std::make_shared<Record>(site.store, std::move(record), begun, begin);
     return reply;
 }
 
@@ -201,6 +223,15 @@ std::optional<HttpReply> answerProtocol(Site const& site, HttpRequest const& req
 
 HttpReply failureReply(std::string const& what) {
     return {500, "text/plain; charset=utf-8", "The sandbox failed: " + what + "\n"};
+}
+
+std::int64_t microsecondsSince(std::chrono::steady_clock::time_point begin) {
+    return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - begin).count();
+}
+
+std::string deliveryText(Delivery const& delivery, std::int64_t microseconds) {
+    return std::to_string(delivery.bytes) + " bytes, then " + (delivery.reset ? "a reset" : "the end") + ", after " +
+           millisecondsText(microseconds);
 }
 
 std::string keptText(std::string const& text) {

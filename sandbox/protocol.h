@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -13,6 +15,11 @@ std::optional<HttpReply> answerProtocol(Site const& site, HttpRequest const& req
 
 /// The answer when the service itself has failed with `what`.
 HttpReply failureReply(std::string const& what);
+
+std::int64_t microsecondsSince(std::chrono::steady_clock::time_point begin);
+
+/// What became of an answer, in words.
+std::string deliveryText(Delivery const& delivery, std::int64_t microseconds);
 
 /// `text` cut to what is kept of a request or an answer.
 std::string keptText(std::string const& text);

@@ -202,12 +202,16 @@ private:
         record(text);
         m_Answering = true;
         deliver(m_Connection, text, m_Fault);
+        if (m_Fault) {
+            m_Site.store.noteDelivery(m_Record.number, deliveryText({m_Connection.written(), m_Connection.isReset()},
+                                                                    microsecondsSince(m_Begin)));
+        }
     }
 
     void record(std::string const& answer) {
         m_Record.answer = keptText(answer);
-        m_Record.microseconds = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - m_Begin).count();
-        m_Site.store.addExchange(m_Record);
+        m_Record.microseconds = microsecondsSince(m_Begin);
+        m_Record.number = m_Site.store.addExchange(m_Record);
     }
 
     Site const& m_Site;        ///< Borrowed, as is all that has an "&".

@@ -73,6 +73,7 @@ constexpr char kTables[] = R"(
         request BLOB NOT NULL,
         answer BLOB NOT NULL,
         fault BLOB NOT NULL,
+        delivery TEXT NOT NULL DEFAULT '',
         microseconds INTEGER NOT NULL);
     CREATE TABLE begun_exchanges (
         number INTEGER PRIMARY KEY,

@@ -99,7 +99,11 @@ public:
     std::int64_t beginExchange(Exchange const& exchange);
 
     /// Adds an exchange that has ended; `begun` when it was begun before, else 0.
-    void addExchange(Exchange const& exchange, std::int64_t begun = 0);
+    /// Returns the number that the exchange got.
+    std::int64_t addExchange(Exchange const& exchange, std::int64_t begun = 0);
+
+    /// Keeps what became of the answer of the exchange of that number.
+    void noteDelivery(std::int64_t number, std::string const& delivery);
 
     /// Those with numbers above `after`, oldest first.
     [[nodiscard]] std::vector<Exchange> exchanges(std::int64_t after = 0);

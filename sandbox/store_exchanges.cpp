@@ -8,13 +8,16 @@ namespace sandbox {
 namespace {
 
 constexpr char kAfter[] =
-    "SELECT number, time, kind, order_id, path, data, signature, verdict, steps, request, answer, fault, microseconds "
+    "SELECT number, time, kind, order_id, path, data, signature, verdict, steps, request, answer, fault, delivery, "
+    "microseconds "
     "FROM exchanges WHERE number > ? ORDER BY number";
 constexpr char kLatest[] =
-    "SELECT number, time, kind, order_id, path, data, signature, verdict, steps, request, answer, fault, microseconds "
+    "SELECT number, time, kind, order_id, path, data, signature, verdict, steps, request, answer, fault, delivery, "
+    "microseconds "
     "FROM exchanges ORDER BY number DESC LIMIT ?";
 constexpr char kOne[] =
-    "SELECT number, time, kind, order_id, path, data, signature, verdict, steps, request, answer, fault, microseconds "
+    "SELECT number, time, kind, order_id, path, data, signature, verdict, steps, request, answer, fault, delivery, "
+    "microseconds "
     "FROM exchanges WHERE number = ?";
 
 /// What was found can be any bytes, which JSON cannot hold.
@@ -52,7 +55,8 @@ std::vector<Exchange> readExchanges(Statement& row) {
         exchange.request = row.column(9);
         exchange.answer = row.column(10);
         exchange.fault = row.column(11);
-        exchange.microseconds = row.numberColumn(12);
+        exchange.delivery = row.column(12);
+        exchange.microseconds = row.numberColumn(13);
         found.push_back(std::move(exchange));
     }
     return found;
@@ -62,22 +66,19 @@ std::vector<Exchange> readExchanges(Statement& row) {
 
 std::int64_t Store::beginExchange(Exchange const& exchange) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
-    Statement row = m_Database.prepare(
-        "INSERT INTO begun_exchanges (time, kind, order_id, path, data, request) VALUES (?, ?, ?, ?, ?, ?) "
-        "RETURNING number");
-    row.text(exchange.time)
+    m_Database
+        .prepare("INSERT INTO begun_exchanges (time, kind, order_id, path, data, request) VALUES (?, ?, ?, ?, ?, ?)")
+        .text(exchange.time)
         .text(exchangeName(exchange.kind))
         .bytes(exchange.order)
         .text(exchange.path)
         .bytes(exchange.data)
         .bytes(exchange.request)
         .step();
-    std::int64_t const number = row.numberColumn(0);
-    row.step();  // to the end, so that the row is committed
-    return number;
+    return m_Database.lastNumber();
 }
 
-void Store::addExchange(Exchange const& exchange, std::int64_t begun) {
+std::int64_t Store::addExchange(Exchange const& exchange, std::int64_t begun) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Transaction transaction(m_Database);
     m_Database
@@ -97,8 +98,15 @@ void Store::addExchange(Exchange const& exchange, std::int64_t begun) {
         .bytes(exchange.fault)
         .number(exchange.microseconds)
         .step();
+    std::int64_t const number = m_Database.lastNumber();
     m_Database.prepare("DELETE FROM begun_exchanges WHERE number = ?").number(begun).step();
     transaction.commit();
+    return number;
+}
+
+void Store::noteDelivery(std::int64_t number, std::string const& delivery) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    m_Database.prepare("UPDATE exchanges SET delivery = ? WHERE number = ?").text(delivery).number(number).step();
 }
 
 std::vector<Exchange> Store::exchanges(std::int64_t after) {

@@ -43,4 +43,8 @@ std::string utcText(std::time_t moment) {
     return text;
 }
 
+std::string millisecondsText(std::int64_t microseconds) {
+    return std::to_string(microseconds / 1000) + "." + std::to_string(microseconds % 1000 / 100) + " ms";
+}
+
 }  // namespace sandbox

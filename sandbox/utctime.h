@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <ctime>
 #include <optional>
 #include <string>
@@ -12,5 +13,8 @@ std::optional<std::time_t> parseExpiration(std::string const& text);
 
 /// A moment like "2024-01-31T23:59:07Z", for the history and the exchanges.
 std::string utcText(std::time_t moment);
+
+/// A span of time for people, "12.3 ms".
+std::string millisecondsText(std::int64_t microseconds);
 
 }  // namespace sandbox

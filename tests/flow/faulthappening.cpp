@@ -31,7 +31,8 @@ sandbox::Fault faultOf(FaultTableRow const& row, std::string const& order) {
     if (!isOfConnection(row)) {
         text += std::string(",exchange=") + sandbox::exchangeName(row.exchange);
         text += order.empty() || row.exchange == ExchangeKind::Proxy ? "" : ",order=" + order;
-        bool const forAMoment = (kind.parameters & sandbox::kTakesSeconds) != 0 && row.kind != FaultKind::Refuse;
+        bool const forAMoment = (kind.parameters & sandbox::kTakesSeconds) != 0 && row.kind != FaultKind::Refuse &&
+                                row.kind != FaultKind::Bytewise;
         text += forAMoment ? std::string(",seconds=") + kMoment : "";
         text += (kind.parameters & sandbox::kTakesMegabytes) != 0 ? ",megabytes=" + std::to_string(kMegabytes) : "";
     }

@@ -188,6 +188,7 @@ std::vector<FaultTableRow> const kRows = {
     {E::Proxy,     F::StallInside,         true,  KVX_E_INVALID_FORMAT,    "captured"},
     {E::Proxy,     F::StallInside,         false, KVX_E_TLS_FAMILY,        "authorised",  S::NotAsked, "", kTunnelled},
     {E::Proxy,     F::Bytewise,            true,  KVX_OK,                  "captured"},
+    {E::Proxy,     F::Bytewise,            false, KVX_E_HTTP_BAD_REPLY,    "authorised",  S::NotAsked, "seconds=0.5", kTunnelled},
     {E::Proxy,     F::Truncate,            true,  KVX_E_INVALID_FORMAT,    "captured"},
     {E::Proxy,     F::Truncate,            false, KVX_E_TLS_FAMILY,        "authorised",  S::NotAsked, "", kTunnelled},
     {E::Proxy,     F::NoBlankLine,         true,  KVX_E_HTTP_BAD_REPLY,    "captured"},

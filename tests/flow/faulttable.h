@@ -51,9 +51,6 @@ struct FaultTableRow {
 /// By exchange, and within one by fault, both in the order of the sandbox.
 std::vector<FaultTableRow> const& faultTable();
 
-/// A fault that has no row for tunnels, because what comes of it is a matter of chance.
-inline constexpr sandbox::FaultKind kLeftOutOfTunnels = sandbox::FaultKind::Bytewise;
-
 /// An exchange that the table leaves out.
 struct LeftOutExchange {
     sandbox::ExchangeKind exchange;

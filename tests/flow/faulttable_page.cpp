@@ -66,7 +66,7 @@ constexpr char kProxyHead[] = R"(
 
 `MessageObject_Capture` of an authorised payment through a proxy at which something goes wrong. The proxy forwards a
 request to an `http` address; to an `https` address it opens a tunnel (CONNECT). The component judges the answer to
-CONNECT by what the first read brings of it, so what `bytewise` does to a tunnel is a matter of chance: no row.
+CONNECT by what the first read brings of it.
 
 | Fault | Address | Carried out | The component returns | Payment afterwards | What to do |
 |---|---|---|---|---|---|

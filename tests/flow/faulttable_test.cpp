@@ -45,8 +45,7 @@ TEST(FaultTable, HasARowForEveryFaultOfEveryExchange) {
             }
         }
         bool const canHappenInTunnels = (kind.exchanges & static_cast<unsigned>(ExchangeKind::Proxy)) != 0;
-        EXPECT_EQ(hasRow(ExchangeKind::Proxy, kind.kind, true), canHappenInTunnels && kind.kind != kLeftOutOfTunnels)
-            << kind.name << " in a tunnel";
+        EXPECT_EQ(hasRow(ExchangeKind::Proxy, kind.kind, true), canHappenInTunnels) << kind.name << " in a tunnel";
         for (ExchangeKind const exchange : merchantExchanges()) {
             EXPECT_TRUE((kind.exchanges & static_cast<unsigned>(ExchangeKind::Connection)) == 0 ||
                         hasRow(exchange, kind.kind))

@@ -28,6 +28,7 @@ using sandbox::FaultKindRow;
 using sandbox::parseFault;
 using sandbox::Refusal;
 using ::testing::HasSubstr;
+using ::testing::StartsWith;
 
 /// The reason why `text` is no fault; empty when it is one.
 std::string refusalOf(std::string const& text) {
@@ -92,6 +93,7 @@ TEST(FaultText, IsReadAndWrittenAlike) {
              "http-status,exchange=status,status=100,text=",
              "http-status,status=999,text=two = words",
              "error,order=a b=c,text=<&>\"'",
+             "error,times=2,text=not today, or tomorrow,times=3",
              "huge,exchange=proxy,megabytes=4096",
              "refuse,seconds=1.5",
              "refuse,exchange=proxy",
@@ -162,6 +164,8 @@ TEST(FaultText, IsRefusedWithAReason) {
         {"refuse,order=A-1", "cannot be for one order"},
         {"tls-abort,order=A-1", "cannot be for one order"},
         {"refuse,times=2", "refused connections cannot be counted"},
+        {"drop,exchange=setup,order=A-1", "the exchange 'setup' is about no order"},
+        {"reset,exchange=proxy,order=A-1", "the exchange 'proxy' is about no order"},
     };
     for (auto const& row : cases) {
         EXPECT_THAT(refusalOf(row.text), HasSubstr(row.reason)) << row.text;
@@ -314,7 +318,40 @@ TEST_F(FaultOnTheWire, StallEndsEarlyWhenTheServiceStops) {
 }
 
 TEST_F(FaultOnTheWire, BytewiseIsTheSameAnswer) {
+    EXPECT_EQ(bytes("bytewise,seconds=0"), m_Whole);
+}
+
+TEST_F(FaultOnTheWire, BytewiseLeavesTimeBetweenTwoBytes) {
+    auto const begin = std::chrono::steady_clock::now();
     EXPECT_EQ(bytes("bytewise"), m_Whole);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(m_Whole.size()));
+    m_Service->arm(parseFault("bytewise,seconds=60"));
+    RawConnection const connection(m_Service->plainPort());
+    connection.send(request());
+    char piece[16];
+    EXPECT_EQ(::recv(connection.get(), piece, sizeof piece, 0), 1);
+}
+
+TEST_F(FaultOnTheWire, IsOnRecordWithWhatTheClientGot) {
+    struct {
+        char const* fault;
+        std::string delivery;
+    } const cases[] = {
+        {"", ""},
+        {"drop", "0 bytes, then the end, after "},
+        {"reset", "0 bytes, then a reset, after "},
+        {"truncate,bytes=9", "9 bytes, then the end, after "},
+        {"nul-bytes", std::to_string(m_Whole.size() + 1) + " bytes, then the end, after "},
+        {"twice", std::to_string(2 * m_Whole.size()) + " bytes, then the end, after "},
+        {"delay,seconds=0.05", std::to_string(m_Whole.size()) + " bytes, then the end, after "},
+    };
+    for (auto const& row : cases) {
+        EXPECT_LE(ask(row.fault).bytes.size(), 2 * m_Whole.size());
+        EXPECT_TRUE(comesTrue([&] { return m_Service->exchanges().back().delivery.empty() == row.delivery.empty(); }));
+        EXPECT_THAT(m_Service->exchanges().back().delivery, StartsWith(row.delivery)) << row.fault;
+    }
+    std::string const late = m_Service->exchanges().back().delivery;
+    EXPECT_GE(std::stod(late.substr(late.find("after ") + 6)), 50) << late;
 }
 
 TEST_F(FaultOnTheWire, TruncateCutsAnywhere) {
