@@ -125,6 +125,11 @@ std::string exchangeData(Exchange const& exchange) {
 }
 
 std::string stepsContent(Exchange const& exchange) {
+    if (exchange.kind == ExchangeKind::Notification) {
+        return paragraph(
+            "A notification has no steps, because this service makes the request itself. The verdict tells what the "
+            "merchant answered, or that nothing was sent.");
+    }
     if (exchange.steps.empty()) {
         return paragraph("The request was not looked at.");
     }

@@ -367,6 +367,16 @@ TEST_F(Dashboard, ShowsAnExchangeThatWasNotLookedAt) {
     EXPECT_THAT(page.texts("//section[@aria-labelledby='message']//tbody/tr/*"), ElementsAre("MSGTYPE", "PayConfirm"));
 }
 
+TEST_F(Dashboard, TellsWhyANotificationHasNoSteps) {
+    m_Service->arm(sandbox::parseFault("drop,exchange=notification"));
+    press(openPage(m_Merchant.payInit("t1", " NOTIFYADDRESS=\"http://127.0.0.1:1/\"")), "pay");
+    ASSERT_TRUE(comesTrue([this] { return m_Service->exchanges().size() == 4; }));
+    PageReader const page = open("/exchange?number=4");
+    EXPECT_THAT(page.texts("//main/dl//dd"), Contains("notification"));
+    EXPECT_THAT(page.text("//section[@aria-labelledby='steps']/p"),
+                StartsWith("A notification has no steps, because this service makes the request itself."));
+}
+
 TEST_F(Dashboard, ShowsRawBytesOfAnExchange) {
     exchangeRaw(m_Service->plainPort(), formPost("/pay/decision", std::string("<b>\0\xFF", 5)));
     PageReader const page = open("/exchange?number=2");
