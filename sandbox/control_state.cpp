@@ -9,6 +9,7 @@
 
 #include "sandbox/controljson.h"
 #include "sandbox/controlroutes.h"
+#include "sandbox/notifier.h"
 #include "sandbox/paymentmoves.h"
 #include "sandbox/refusal.h"
 #include "sandbox/signature.h"
@@ -180,6 +181,7 @@ void setClockAhead(Site const& site, std::int64_t seconds) {
                       " seconds, which is ten years");
     }
     site.clock.setAhead(seconds);
+    site.notifier.wake();
 }
 
 }  // namespace sandbox

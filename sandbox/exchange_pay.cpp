@@ -6,6 +6,7 @@
 
 #include "sandbox/credentials.h"
 #include "sandbox/links.h"
+#include "sandbox/notifier.h"
 #include "sandbox/pages.h"
 #include "sandbox/paymentmoves.h"
 #include "sandbox/refusal.h"
@@ -178,6 +179,9 @@ HttpReply answerPay(Call const& call) {
     PaymentRecord record = site.store.openPayment(freshPayment(sent), site.clock.text());
     Payment& payment = record.payment;
     payment.state = presentState(site, payment);
+    if (payment.state == PaymentState::Opened) {
+        site.notifier.watch(payment);
+    }
     if (record.message != sent.text) {
         throw Refusal(usedTokenReason(payment));
     }

@@ -8,6 +8,7 @@
 #include "sandbox/httptext.h"
 #include "sandbox/links.h"
 #include "sandbox/localsocket.h"
+#include "sandbox/paymentmoves.h"
 #include "sandbox/protocol.h"
 #include "sandbox/refusal.h"
 #include "sandbox/relay.h"
@@ -117,6 +118,33 @@ Clock::duration delayOf(Fault const& fault) {
     return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(secondsOf(fault)));
 }
 
+/// What an address shares with those that must wait for one another. Nothing is sent to an address that cannot be read.
+std::string laneOf(std::string const& address) {
+    try {
+        return parseHttpAddress(address).place.text();
+    } catch (Refusal const&) {
+        return "";
+    }
+}
+
+/// The oldest of `waiting` that is due and has none of the same payment before it; the end when there is none. Then
+/// `next` becomes the moment at which the first one is due, if that comes before it.
+template <class Waiting>
+typename Waiting::iterator firstDue(Waiting& waiting, Clock::time_point now, Clock::time_point& next) {
+    std::set<std::string> heldUp;
+    for (auto each = waiting.begin(); each != waiting.end(); ++each) {
+        auto const& [number, pending] = *each;
+        if (!heldUp.insert(pending.notification.payment).second) {
+            continue;
+        }
+        if (pending.due <= now) {
+            return each;
+        }
+        next = std::min(next, pending.due);
+    }
+    return waiting.end();
+}
+
 }  // namespace
 
 Notifier::Notifier(Site const& site, Patience patience) : m_Site(site), m_Patience(std::move(patience)) {}
@@ -126,13 +154,27 @@ Notifier::~Notifier() {
 }
 
 void Notifier::start() {
+    for (Payment const& payment : m_Site.store.payments(PaymentState::Opened)) {
+        watch(payment);
+    }
     SignalsBlocked const blocked;
-    m_Thread = std::thread([this] { run(); });
+    m_Threads.emplace_back([this] { run(); });
+    while (m_Threads.size() <= kSenders) {
+        m_Threads.emplace_back([this] { runSender(); });
+    }
 }
 
 void Notifier::wake() {
     std::lock_guard<std::mutex> const lock(m_Mutex);
-    m_Added = true;
+    m_Woken = true;
+    m_Changed.notify_one();
+}
+
+void Notifier::watch(Payment const& payment) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    // While others are watched the clock is looked at anyway.
+    m_Woken = m_Woken || m_Watched.empty();
+    m_Watched.emplace(expirationOf(payment), payment.id);
     m_Changed.notify_one();
 }
 
@@ -142,65 +184,132 @@ void Notifier::stop() {
         std::lock_guard<std::mutex> const lock(m_Mutex);
         m_Stopping = true;
         m_Changed.notify_one();
+        m_Assigned.notify_all();
     }
-    if (m_Thread.joinable()) {
-        m_Thread.join();
+    for (std::thread& thread : m_Threads) {
+        thread.join();
     }
+    m_Threads.clear();
 }
 
 void Notifier::run() {
     std::unique_lock<std::mutex> lock(m_Mutex);
     while (!m_Stopping) {
-        m_Added = false;
+        m_Woken = false;
         lock.unlock();
-        Clock::time_point const next = sendDue();
+        Clock::time_point const nextLook = look();
         lock.lock();
-        m_Changed.wait_until(lock, next, [this] { return m_Stopping || m_Added; });
+        Clock::time_point const next = std::min(nextLook, assignDue());
+        m_Changed.wait_until(lock, next, [this] { return m_Stopping || m_Woken; });
     }
 }
 
-/// Returns when the next attempt is due.
-Clock::time_point Notifier::sendDue() {
-    Clock::time_point next = Clock::time_point::max();
+/// Finds what has come about. Returns when to do that again.
+Notifier::Clock::time_point Notifier::look() {
     try {
-        for (Notification const& notification : m_Site.store.notifications()) {
-            if (m_Ending.raised()) {
-                break;
-            }
-            if (!notification.pending) {
-                continue;
-            }
-            Plan& plan = m_Plans[notification.number];
-            if (plan.due <= Clock::now()) {
-                // In case of a failure: no merchant is asked over and over because that could not be kept.
-                plan.due = Clock::time_point::max();
-                if (!send(notification, plan)) {
-                    m_Plans.erase(notification.number);
-                    continue;
-                }
-            }
-            next = std::min(next, plan.due);
-        }
+        takeAdded();
+        expireOverdue();
     } catch (std::exception const&) {
-        // The store failed, so this can be told nowhere. What is not settled there stays pending until the next start.
-        next = Clock::now() + kPauseWithoutStore;
+        // The store failed, so this can be told nowhere.
+        return Clock::now() + kPauseWithoutStore;
+    }
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    return m_Watched.empty() ? Clock::time_point::max() : Clock::now() + m_Patience.clock;
+}
+
+void Notifier::expireOverdue() {
+    std::unique_lock<std::mutex> lock(m_Mutex);
+    while (!m_Stopping && !m_Watched.empty() && m_Site.clock.now() > m_Watched.begin()->first) {
+        auto const overdue = m_Watched.begin();
+        std::string const id = overdue->second;
+        lock.unlock();
+        if (expireWhenOverdue(m_Site, m_Site.store.paymentById(id).value().payment)) {
+            return;  // the clock was set back meanwhile
+        }
+        lock.lock();
+        m_Watched.erase(overdue);
+    }
+}
+
+void Notifier::takeAdded() {
+    for (Notification const& notification : m_Site.store.notifications(m_LastTaken)) {
+        if (notification.pending) {
+            std::lock_guard<std::mutex> const lock(m_Mutex);
+            m_Lanes[laneOf(notification.address)].waiting[notification.number].notification = notification;
+        }
+        m_LastTaken = notification.number;
+    }
+}
+
+/// Hands one notification of each lane that is not busy to the senders, if one is due. Returns when the next one is.
+Notifier::Clock::time_point Notifier::assignDue() {
+    Clock::time_point const now = Clock::now();
+    Clock::time_point next = Clock::time_point::max();
+    for (auto& [name, lane] : m_Lanes) {
+        if (lane.busy) {
+            continue;  // whoever sends calls when it is done
+        }
+        auto const due = firstDue(lane.waiting, now, next);
+        if (due != lane.waiting.end()) {
+            m_Errands.push_back({name, std::move(due->second)});
+            lane.waiting.erase(due);
+            lane.busy = true;
+            m_Assigned.notify_one();
+        }
     }
     return next;
 }
 
+void Notifier::runSender() {
+    std::unique_lock<std::mutex> lock(m_Mutex);
+    for (;;) {
+        m_Assigned.wait(lock, [this] { return m_Stopping || !m_Errands.empty(); });
+        if (m_Stopping) {
+            return;
+        }
+        Errand errand = std::move(m_Errands.front());
+        m_Errands.pop_front();
+        lock.unlock();
+        bool const unsettled = sendOnce(errand.pending);
+        lock.lock();
+        Lane& lane = m_Lanes.at(errand.lane);
+        lane.busy = false;
+        if (unsettled) {
+            lane.waiting[errand.pending.notification.number] = std::move(errand.pending);
+        } else if (lane.waiting.empty()) {
+            m_Lanes.erase(errand.lane);
+        }
+        m_Woken = true;
+        m_Changed.notify_one();
+    }
+}
+
 /// False when it is settled.
-bool Notifier::send(Notification notification, Plan& plan) {
+bool Notifier::sendOnce(Pending& pending) {
+    // In case of a failure: no merchant is asked over and over because that could not be kept.
+    pending.due = Clock::time_point::max();
+    try {
+        return send(pending);
+    } catch (std::exception const&) {
+        // The store failed, so this can be told nowhere. What is not settled there stays pending until the next start.
+        return true;
+    }
+}
+
+/// False when it is settled.
+bool Notifier::send(Pending& pending) {
+    Notification& notification = pending.notification;
     if (std::optional<std::string> const reason = obstacle(notification.address)) {
         return settle(notification, "not sent: " + *reason);
     }
     Payment const payment = m_Site.store.paymentById(notification.payment).value().payment;
     std::string const order = payment.attribute("ORDERID").value_or("");
-    std::optional<Fault> fault = std::exchange(plan.delay, std::nullopt);
+    std::optional<Fault> fault = std::exchange(pending.delay, std::nullopt);
     if (!fault) {
         fault = m_Site.faults.take(ExchangeKind::Notification, order);
         if (fault && fault->kind == FaultKind::Delay) {
-            plan.delay = fault;
-            plan.due = Clock::now() + delayOf(*fault);
+            pending.delay = fault;
+            pending.due = Clock::now() + delayOf(*fault);
             return true;
         }
     }
@@ -212,11 +321,12 @@ bool Notifier::send(Notification notification, Plan& plan) {
         m_Site.store.addExchange(record);
         return settle(notification, "not sent: the fault " + record.fault + " happened");
     }
-    return attempt(notification, plan, query, record, fault && fault->kind == FaultKind::Twice);
+    return attempt(pending, query, record, fault && fault->kind == FaultKind::Twice);
 }
 
 /// False when it is settled.
-bool Notifier::attempt(Notification& notification, Plan& plan, std::string const& query, Exchange& record, bool twice) {
+bool Notifier::attempt(Pending& pending, std::string const& query, Exchange& record, bool twice) {
+    Notification& notification = pending.notification;
     HttpAddress const address = parseHttpAddress(extendLink(notification.address, query));
     Asked best = askRecorded(m_Site, address, m_Patience.answer, m_Ending, record);
     if (twice) {
@@ -235,7 +345,7 @@ bool Notifier::attempt(Notification& notification, Plan& plan, std::string const
         return settle(notification, "given up: " + best.verdict);
     }
     keep(notification, "to be tried again: " + best.verdict);
-    plan.due = Clock::now() + m_Patience.pauses[failures - 1];
+    pending.due = Clock::now() + m_Patience.pauses[failures - 1];
     return true;
 }
 

@@ -1,7 +1,9 @@
 #include "sandbox/paymentmoves.h"
 
-#include <ctime>
+#include <limits>
+#include <optional>
 
+#include "sandbox/notifier.h"
 #include "sandbox/utctime.h"
 
 namespace sandbox {
@@ -18,20 +20,29 @@ bool movePayment(Site const& site, Payment const& payment, std::vector<PaymentSt
     }
     bool const moved = site.store.advance(payment.id, from, {site.clock.text(), to, note}, notification);
     if (moved && notification) {
-        site.notificationAdded();
+        site.notifier.wake();
     }
     return moved;
 }
 
-bool isOverdue(Site const& site, Payment const& payment) {
-    std::optional<std::time_t> const expiration = parseExpiration(payment.attribute("EXPIRATION").value_or(""));
-    return !expiration || site.clock.now() > *expiration;
+std::time_t expirationOf(Payment const& payment) {
+    return parseExpiration(payment.attribute("EXPIRATION").value_or(""))
+        .value_or(std::numeric_limits<std::time_t>::min());
 }
 
-void expireWhenOverdue(Site const& site, Payment const& payment) {
-    if (payment.state == PaymentState::Opened && isOverdue(site, payment)) {
-        movePayment(site, payment, {PaymentState::Opened}, PaymentState::Expired, "not decided in time");
+bool isOverdue(Site const& site, Payment const& payment) {
+    return site.clock.now() > expirationOf(payment);
+}
+
+bool expireWhenOverdue(Site const& site, Payment const& payment) {
+    if (payment.state != PaymentState::Opened) {
+        return false;
     }
+    if (!isOverdue(site, payment)) {
+        return true;
+    }
+    movePayment(site, payment, {PaymentState::Opened}, PaymentState::Expired, "not decided in time");
+    return false;
 }
 
 std::vector<Payment> presentPayments(Site const& site) {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <optional>
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -13,11 +13,14 @@ namespace sandbox {
 bool movePayment(Site const& site, Payment const& payment, std::vector<PaymentState> const& from, PaymentState to,
                  std::string const& note);
 
+/// The last second in which the payment can be decided; long past when it names none that can be read.
+std::time_t expirationOf(Payment const& payment);
+
 /// Whether the time to decide on the payment has passed.
 bool isOverdue(Site const& site, Payment const& payment);
 
-/// Makes an undecided payment whose time has passed an expired one.
-void expireWhenOverdue(Site const& site, Payment const& payment);
+/// Makes an undecided payment whose time has passed an expired one. True when it is undecided and in time.
+bool expireWhenOverdue(Site const& site, Payment const& payment);
 
 /// All payments, oldest first, as they are now.
 std::vector<Payment> presentPayments(Site const& site);

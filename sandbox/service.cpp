@@ -67,8 +67,8 @@ public:
           m_Store(m_Directory.file(kDatabaseFile)),
           m_Clock(options.clock),
           m_Keys(m_Store, m_Clock, options.serverKeyBits),
-          m_Site{m_Store, m_Keys, m_Faults, m_Clock, m_Addresses, m_NotificationAdded, m_FormKey},
-          m_Notifier(m_Site, {options.notificationPatience, options.notificationPauses}),
+          m_Site{m_Store, m_Keys, m_Faults, m_Clock, m_Addresses, m_Notifier, m_FormKey},
+          m_Notifier(m_Site, {options.notificationPatience, options.notificationPauses, options.clockPace}),
           m_Control(options.controlPort, nullptr, nullptr, options.requestPatience),
           m_Plain(options.port, nullptr, &m_Faults, options.requestPatience) {
         m_Store.putAccount(options.accountUser, options.accountPassword);
@@ -130,7 +130,6 @@ private:
     KeyRing m_Keys;
     FaultBook m_Faults;
     Addresses m_Addresses;
-    std::function<void()> m_NotificationAdded = [this] { m_Notifier.wake(); };
     std::string m_FormKey = randomHex(kFormKeyBytes);
     Site m_Site;
     Notifier m_Notifier;
@@ -202,6 +201,10 @@ std::string Service::rotateServerKey() {
 
 std::vector<Payment> Service::payments() const {
     return presentPayments(running().site());
+}
+
+void Service::clockMoved() {
+    running().site().notifier.wake();
 }
 
 std::vector<Exchange> Service::exchanges() const {

@@ -33,6 +33,9 @@ struct Options {
     std::chrono::milliseconds proxyPatience{60'000};         ///< For what the proxy forwards to to begin to answer.
     std::chrono::milliseconds notificationPatience{10'000};  ///< For the merchant's answer to a notification.
 
+    /// Between two looks at the time of day while a payment can expire.
+    std::chrono::milliseconds clockPace{1'000};
+
     /// Between the attempts to notify a merchant, of which there is one more.
     std::vector<std::chrono::milliseconds> notificationPauses = {std::chrono::seconds(1), std::chrono::seconds(5)};
 };
@@ -86,6 +89,9 @@ public:
 
     /// Makes a new key that signs from now on and returns its identifier.
     std::string rotateServerKey();
+
+    /// Tells that `Options::clock` has jumped: payments whose time has passed expire now, not at the next look at it.
+    void clockMoved();
 
     /// All payments, oldest first.
     [[nodiscard]] std::vector<Payment> payments() const;

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <functional>
 #include <optional>
 #include <string>
 
@@ -11,6 +10,8 @@
 #include "sandbox/store.h"
 
 namespace sandbox {
+
+class Notifier;
 
 /// The MSGTYPE of a message whose type is to be wrong.
 inline constexpr char kUnexpectedType[] = "Unexpected";
@@ -30,8 +31,8 @@ struct Site {
     FaultBook& faults;
     ServiceClock& clock;
     Addresses const& addresses;
-    std::function<void()> const& notificationAdded;  ///< To be called when the store has one more to send.
-    std::string const& formKey;                      ///< Must come back with every form of the dashboard.
+    Notifier& notifier;
+    std::string const& formKey;  ///< Must come back with every form of the dashboard.
 };
 
 /// One request while it is answered.

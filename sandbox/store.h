@@ -79,8 +79,8 @@ public:
     /// The ORDERID of the payment with this token; empty when there is none.
     [[nodiscard]] std::string orderOfToken(std::string const& account, std::string const& token);
 
-    /// Oldest first.
-    [[nodiscard]] std::vector<Payment> payments();
+    /// All, or those in one state, oldest first.
+    [[nodiscard]] std::vector<Payment> payments(std::optional<PaymentState> state = std::nullopt);
 
     /// Leads the payment from one of the states `from` to `step.state`, adds `step` to its history and the notification
     /// to those that are to be sent. False, with nothing changed, when it is in none of them: of two callers at the
@@ -88,8 +88,8 @@ public:
     bool advance(std::string const& id, std::vector<PaymentState> const& from, HistoryEntry const& step,
                  std::optional<Notification> const& notification = std::nullopt);
 
-    /// All notifications, oldest first.
-    [[nodiscard]] std::vector<Notification> notifications();
+    /// Those with numbers above `after`, oldest first.
+    [[nodiscard]] std::vector<Notification> notifications(std::int64_t after = 0);
 
     /// Keeps what has become of the notification of this number.
     void updateNotification(Notification const& notification);

@@ -42,9 +42,10 @@ std::optional<PaymentRecord> Store::paymentByToken(std::string const& account, s
     return findPayment(row);
 }
 
-std::vector<Payment> Store::payments() {
+std::vector<Payment> Store::payments(std::optional<PaymentState> state) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
-    Statement identifiers = m_Database.prepare("SELECT id FROM payments ORDER BY number");
+    Statement identifiers = m_Database.prepare("SELECT id FROM payments WHERE ? IN ('', state) ORDER BY number");
+    identifiers.text(state ? stateName(*state) : "");
     std::vector<Payment> found;
     while (identifiers.step()) {
         Statement row = m_Database.prepare(kById);
@@ -88,10 +89,12 @@ bool Store::advance(std::string const& id, std::vector<PaymentState> const& from
     return true;
 }
 
-std::vector<Notification> Store::notifications() {
+std::vector<Notification> Store::notifications(std::int64_t after) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Statement row = m_Database.prepare(
-        "SELECT number, payment, address, result, attempts, pending, time, outcome FROM notifications ORDER BY number");
+        "SELECT number, payment, address, result, attempts, pending, time, outcome FROM notifications "
+        "WHERE number > ? ORDER BY number");
+    row.number(after);
     std::vector<Notification> found;
     while (row.step()) {
         found.push_back({row.numberColumn(0), row.column(1), row.column(2), row.column(3), row.numberColumn(4),

@@ -6,13 +6,17 @@
 #include <condition_variable>
 #include <cstddef>
 #include <functional>
+#include <future>
+#include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include "sandbox/database.h"
+#include "sandbox/notifier.h"
 #include "tests/sandbox/sandboxfixture.h"
 #include "tests/support/raw_server.h"
 
@@ -47,6 +51,15 @@ public:
     /// Leaves the request unanswered until it is given up.
     static Script hangs() {
         return [](Peer& peer) { peer.receiveToEnd(); };
+    }
+
+    /// Leaves the request unanswered until `released` is ready.
+    static Script answersLate(std::shared_future<void> released, std::string answer) {
+        return [released = std::move(released), answer = std::move(answer)](Peer& peer) {
+            if (released.wait_for(kPatience) == std::future_status::ready) {
+                peer.send(answer);
+            }
+        };
     }
 
     [[nodiscard]] std::string address() const { return "http://127.0.0.1:" + m_Server.portText() + "/notified?shop=7"; }
@@ -179,6 +192,104 @@ TEST_F(PaymentNotification, TellsThatAPaymentHasExpired) {
     EXPECT_EQ(m_Service->payments().at(0).state, sandbox::PaymentState::Expired);
     EXPECT_EQ(attributeOf(dataOf(shop.request()), "RESULT"), "expired");
     EXPECT_EQ(awaitSettled().outcome, "delivered: 200");
+}
+
+/// Payments that expire within the hour, of a service that looks at the clock as often as a test says.
+class NotificationOfExpiration : public PaymentNotification {
+protected:
+    NotificationOfExpiration() { restartWithPace(std::chrono::hours(1)); }
+
+    void restartWithPace(std::chrono::milliseconds pace) {
+        sandbox::Options others = options();
+        others.clockPace = pace;
+        restart(others);
+    }
+
+    void openBriefly(std::string const& address, std::string const& token = "t1") const {
+        EXPECT_EQ(openPage(m_Merchant.message("PayInit", " TOKEN=\"" + token +
+                                                             "\" EXPIRATION=\"20231114 23:13:20\" NOTIFYADDRESS=\"" +
+                                                             address + "\""))
+                      .status,
+                  200);
+    }
+
+    static constexpr std::time_t kPast = 1700000000 + 3601;  ///< The first second in which they are expired.
+};
+
+TEST_F(NotificationOfExpiration, ComesWithoutAnybodyLooking) {
+    Shop shop({Shop::answers(answerWith(200))});
+    restartWithPace(std::chrono::milliseconds(5));
+    openBriefly(shop.address());
+    m_Now = kPast;
+    EXPECT_EQ(attributeOf(dataOf(shop.request()), "RESULT"), "expired");
+    EXPECT_EQ(awaitSettled().outcome, "delivered: 200");
+}
+
+TEST_F(NotificationOfExpiration, ComesWhenTheClockIsSetAhead) {
+    Shop shop({Shop::answers(answerWith(200))});
+    openBriefly(shop.address());
+    exchangeRaw(m_Service->controlPort(), jsonPost("/control/clock", R"({"ahead": 3600})"));
+    EXPECT_TRUE(m_Service->notifications().empty()) << "the last second is not over";
+    exchangeRaw(m_Service->controlPort(), jsonPost("/control/clock", R"({"ahead": 3601})"));
+    EXPECT_EQ(attributeOf(dataOf(shop.request()), "RESULT"), "expired");
+}
+
+TEST_F(NotificationOfExpiration, ComesWhenTheClockHasMoved) {
+    Shop shop({Shop::answers(answerWith(200))});
+    openBriefly(shop.address());
+    m_Now = kPast;
+    m_Service->clockMoved();
+    EXPECT_EQ(attributeOf(dataOf(shop.request()), "RESULT"), "expired");
+}
+
+TEST_F(NotificationOfExpiration, ComesAfterTheNextStart) {
+    Shop shop({Shop::answers(answerWith(200))});
+    openBriefly(shop.address(), "t1");
+    openBriefly(shop.address(), "t2");
+    m_Service->stop();
+    m_Now = kPast;
+    m_Service->start();
+    EXPECT_EQ(awaitSettled(0).result, "expired");
+    EXPECT_EQ(awaitSettled(1).result, "expired");
+    EXPECT_EQ(shop.requests(2).size(), 2u);
+}
+
+TEST_F(NotificationOfExpiration, DoesNotComeForWhatWasDecidedInTime) {
+    Shop shop({Shop::answers(answerWith(200))});
+    payNotified(shop.address(), "t1");
+    EXPECT_EQ(awaitSettled(0).result, "authorised");
+    // The second one shows that the first one has been passed over.
+    openBriefly(shop.address(), "t2");
+    m_Now = 5'000'000'000;
+    m_Service->clockMoved();
+    EXPECT_EQ(awaitSettled(1).payment, m_Service->payments().at(1).id);
+    EXPECT_EQ(m_Service->payments().at(0).state, sandbox::PaymentState::Authorised);
+    EXPECT_EQ(shop.requests(2).size(), 2u);
+}
+
+TEST_F(NotificationOfExpiration, ComesOnceHoweverManyLook) {
+    constexpr std::size_t kPayments = 20;
+    Shop shop({Shop::answers(answerWith(200))});
+    for (std::size_t i = 0; i < kPayments; ++i) {
+        openBriefly(shop.address(), "t" + std::to_string(i));
+    }
+    m_Now = kPast;
+    std::vector<std::thread> lookers;
+    for (int i = 0; i < 3; ++i) {
+        lookers.emplace_back([this] {
+            m_Service->clockMoved();
+            static_cast<void>(m_Service->payments());
+        });
+    }
+    for (std::thread& looker : lookers) {
+        looker.join();
+    }
+    EXPECT_EQ(shop.requests(kPayments).size(), kPayments);
+    EXPECT_EQ(awaitSettled(kPayments - 1).outcome, "delivered: 200");
+    EXPECT_EQ(m_Service->notifications().size(), kPayments);
+    for (sandbox::Payment const& payment : m_Service->payments()) {
+        EXPECT_EQ(payment.history.size(), 2u) << payment.id;
+    }
 }
 
 TEST_F(PaymentNotification, TellsNothingUnaskedAndNothingThatTheMerchantDid) {
@@ -345,6 +456,75 @@ TEST_F(PaymentNotification, WaitsBetweenAttemptsAndLetsOthersPass) {
               first.outcome);
     EXPECT_EQ(failing.requests(2).size(), 2u);
     EXPECT_EQ(other.requests(1).size(), 1u);
+}
+
+TEST_F(PaymentNotification, DoesNotWaitForMerchantsElsewhere) {
+    std::promise<void> release;
+    std::shared_future<void> const released(release.get_future());
+    std::vector<std::unique_ptr<Shop>> slow;
+    for (std::size_t i = 0; i < sandbox::Notifier::kSenders; ++i) {
+        slow.push_back(std::make_unique<Shop>(
+            std::vector<Shop::Script>{Shop::answersLate(released, answerWith(200)), Shop::answers(answerWith(200))}));
+    }
+    Shop quick({Shop::answers(answerWith(200))});
+    for (std::size_t i = 1; i < slow.size(); ++i) {
+        payNotified(slow[i]->address(), "slow" + std::to_string(i));
+        EXPECT_NE(slow[i]->request(), "");
+    }
+    payNotified(slow[1]->address(), "second");
+    payNotified(quick.address(), "quick");
+    EXPECT_EQ(awaitSettled(slow.size()).outcome, "delivered: 200") << "one of the threads is still free";
+    payNotified(slow[0]->address(), "slow");
+    EXPECT_NE(slow[0]->request(), "");
+    payNotified(quick.address(), "late");
+    EXPECT_EQ(quick.requests(1).size(), 1u) << "there are no more threads than these";
+    EXPECT_EQ(slow[1]->requests(1).size(), 1u) << "at one place one at a time";
+    release.set_value();
+    EXPECT_EQ(quick.requests(2).size(), 2u);
+    EXPECT_EQ(slow[1]->requests(2).size(), 2u);
+    for (std::size_t i = 0; i < slow.size() + 3; ++i) {
+        EXPECT_EQ(awaitSettled(i).attempts, 1) << i;
+    }
+}
+
+TEST_F(PaymentNotification, ComesInOrderForOnePayment) {
+    restartWithPauses({std::chrono::hours(1), std::chrono::hours(1)});
+    Shop shop({Shop::answers(answerWith(500)), Shop::answers(answerWith(500)), Shop::answers(answerWith(200))});
+    payNotified(shop.address(), "t1");
+    EXPECT_TRUE(await([](Notification const& notification) { return notification.attempts == 1; }).pending);
+    m_Service->stop();
+    sandbox::Database(m_Directory.path() + "/sandbox.db")
+        .execute(
+            "INSERT INTO notifications (payment, address, result, attempts, pending, time, outcome) "
+            "SELECT payment, address, 'captured', 0, 1, '', '' FROM notifications");
+    m_Service->start();
+    EXPECT_TRUE(await([](Notification const& notification) { return notification.attempts == 2; }).pending);
+    payNotified(shop.address(), "t2");
+    EXPECT_EQ(awaitSettled(2).outcome, "delivered: 200");
+    EXPECT_EQ(m_Service->notifications().at(1).attempts, 0) << "the one before it is not settled";
+    m_Service->stop();
+    m_Service->start();
+    EXPECT_EQ(awaitSettled(1).outcome, "delivered: 200");
+    std::vector<std::string> const requests = shop.requests(5);
+    ASSERT_EQ(requests.size(), 5u);
+    EXPECT_EQ(attributeOf(dataOf(requests[3]), "RESULT"), "authorised");
+    EXPECT_EQ(attributeOf(dataOf(requests[4]), "RESULT"), "captured");
+}
+
+TEST_F(PaymentNotification, IsCutEverywhereWhenTheServiceStops) {
+    std::vector<std::unique_ptr<Shop>> shops;
+    for (std::size_t i = 0; i < 3; ++i) {
+        shops.push_back(
+            std::make_unique<Shop>(std::vector<Shop::Script>{Shop::hangs(), Shop::answers(answerWith(200))}));
+        payNotified(shops[i]->address(), "t" + std::to_string(i));
+        EXPECT_NE(shops[i]->request(), "");
+    }
+    m_Service->stop();
+    m_Service->start();
+    for (std::size_t i = 0; i < shops.size(); ++i) {
+        EXPECT_EQ(awaitSettled(i).attempts, 1);
+        EXPECT_EQ(shops[i]->requests(2).size(), 2u);
+    }
 }
 
 TEST_F(PaymentNotification, IsSentAfterTheNextStartWhenTheServiceStopsBefore) {
