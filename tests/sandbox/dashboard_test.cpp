@@ -370,10 +370,16 @@ TEST_F(Dashboard, ShowsAnExchangeThatWasNotLookedAt) {
 TEST_F(Dashboard, TellsWhyANotificationHasNoSteps) {
     m_Service->arm(sandbox::parseFault("drop,exchange=notification"));
     press(openPage(m_Merchant.payInit("t1", " NOTIFYADDRESS=\"http://127.0.0.1:1/\"")), "pay");
-    ASSERT_TRUE(comesTrue([this] { return m_Service->exchanges().size() == 4; }));
-    PageReader const page = open("/exchange?number=4");
-    EXPECT_THAT(page.texts("//main/dl//dd"), Contains("notification"));
-    EXPECT_THAT(page.text("//section[@aria-labelledby='steps']/p"),
+    std::string number;
+    ASSERT_TRUE(comesTrue([&] {
+        for (sandbox::Exchange const& exchange : m_Service->exchanges()) {
+            if (exchange.kind == sandbox::ExchangeKind::Notification) {
+                number = std::to_string(exchange.number);
+            }
+        }
+        return !number.empty();
+    }));
+    EXPECT_THAT(open("/exchange?number=" + number).text("//section[@aria-labelledby='steps']/p"),
                 StartsWith("A notification has no steps, because this service makes the request itself."));
 }
 
