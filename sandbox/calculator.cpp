@@ -215,6 +215,19 @@ std::string nameOf(Digested digested) {
     return "its bytes as they are, one each, as nobody signs here";
 }
 
+std::string nameOf(std::string const& keyId, std::string const& account) {
+    return "the key " + quoted(keyId) + " of " + keyOwner(account);
+}
+
+bool isMessage(std::string const& text) {
+    try {
+        Message::parse(text);
+        return true;
+    } catch (Refusal const&) {
+        return false;
+    }
+}
+
 /// Empty for the wrapping that is right, and for one that cannot be told.
 std::string faultOf(Wrapping wrapping, std::size_t contentBytes) {
     switch (wrapping) {
@@ -241,7 +254,8 @@ std::string faultOf(Wrapping wrapping, std::size_t contentBytes) {
 /// Fills in a Calculation step by step.
 class Calculator {
 public:
-    Calculator(std::vector<KnownKey> const& keys, Calculation& out) : m_Keys(keys), m_Out(out) {}
+    Calculator(std::vector<KnownKey> const& keys, Recall const& recall, Calculation& out)
+        : m_Keys(keys), m_Recall(recall), m_Out(out) {}
 
     void run() {
         if (m_Out.data.empty()) {
@@ -327,12 +341,58 @@ private:
         if (m_Out.key) {
             compareUnderNamedKey(signature, attempts);
         }
-        if (m_Out.matches.empty()) {
-            return remark(Finding::NothingFits,
-                          "SIGNATURE is one of DATA under none of the " + std::to_string(m_Keys.size()) +
-                              " keys known here, extended in either way, with any one of the common damages undone.");
+        if (!m_Out.matches.empty()) {
+            return explain(bestMatch());
         }
-        explain(bestMatch());
+        Attempt const* holding = nullptr;
+        for (Attempt const& attempt : attempts) {
+            bool const holds = attempt.opened.content.size() == kDigestBytes;
+            if (holds && (holding == nullptr || isNamed(attempt.key.id, attempt.key.account))) {
+                holding = &attempt;
+            }
+        }
+        return holding != nullptr ? recallOriginal(*holding) : nothingFits("");
+    }
+
+    void nothingFits(std::string const& more) {
+        remark(Finding::NothingFits,
+               "SIGNATURE is one of DATA under none of the " + std::to_string(m_Keys.size()) +
+                   " keys known here, extended in either way, with any one of the common damages undone." + more);
+    }
+
+    /// `attempt` found a digest that is not of DATA.
+    void recallOriginal(Attempt const& attempt) {
+        KnownKey const& key = attempt.key;
+        std::optional<SeenMessage> seen = m_Recall(key, attempt.opened.content);
+        if (!seen) {
+            std::string const count = std::to_string(kMostRecalled);
+            return nothingFits(" Nor is it that of another message which was seen here: the newest " + count +
+                               " payments and the newest " + count + " exchanges were looked at.");
+        }
+        Digested const digested = Digests(seen->text).find(attempt.opened.content, signedBy(key)).value();
+        remark(Finding::OtherMessage, "SIGNATURE is that of another message, which was seen here: " + seen->origin +
+                                          ". It was made under " + nameOf(key.id, key.account) + ".");
+        m_Out.original = SignedOriginal{std::move(*seen), {}};
+        compareWith(*m_Out.original);
+        explainFaults({key.id, key.account, digested, attempt.opened.wrapping, attempt.zerosLost, ""}, "that message");
+    }
+
+    void compareWith(SignedOriginal& original) {
+        std::string const& text = original.seen.text;
+        if (!m_Out.message || !isMessage(text)) {
+            return remark(Finding::OtherMessage,
+                          "What differs cannot be told by attributes, because not both of them can be read.");
+        }
+        original.differences = differences(Message::parse(text).attributes(), m_Out.message->attributes());
+        if (original.differences.empty()) {
+            return remark(Finding::OtherMessage, "No attribute of it was changed, added or lost: " +
+                                                     differenceInWriting(text, m_Out.data) + ".");
+        }
+        std::string names;
+        for (Difference const& difference : original.differences) {
+            names += (names.empty() ? "" : ", ") + difference.name;
+        }
+        remark(Finding::OtherMessage, "DATA differs from it in: " + names + ".");
     }
 
     void compareUnderNamedKey(std::string const& signature, std::vector<Attempt> const& attempts) {
@@ -379,24 +439,35 @@ private:
     /// The one under the key that KEYID names, if it is among them.
     [[nodiscard]] Match const& bestMatch() const {
         for (Match const& match : m_Out.matches) {
-            if (isNamed(match)) {
+            if (isNamed(match.keyId, match.account)) {
                 return match;
             }
         }
         return m_Out.matches.front();
     }
 
-    [[nodiscard]] bool isNamed(Match const& match) const {
-        return m_Out.key && match.keyId == m_Out.key->id && match.account == m_Out.key->account;
+    [[nodiscard]] bool isNamed(std::string const& keyId, std::string const& account) const {
+        return m_Out.key && keyId == m_Out.key->id && account == m_Out.key->account;
     }
 
     void explain(Match const& match) {
-        std::string const under = "under the key " + quoted(match.keyId) + " of " + keyOwner(match.account);
+        std::string const under = "under " + nameOf(match.keyId, match.account);
         if (!match.repair.empty()) {
             remark(Finding::Damaged, "It verifies " + under + " once " + match.repair + ".");
         }
-        if (!isNamed(match) && !m_Out.keyId.empty()) {
-            remark(Finding::WrongKey, "It verifies " + under + ", not under the one that KEYID names.");
+        explainFaults(match, "DATA");
+        bool const harmless = m_Out.remarks.empty() || (m_Out.remarks.size() == 1 && has(Finding::KeyOld));
+        if (harmless) {
+            m_Out.right = true;
+            remark(Finding::Right, "SIGNATURE is one of DATA " + under + ", with " + nameOf(match.digested) + ".");
+        }
+    }
+
+    /// Tells what is wrong with a signature of `what`.
+    void explainFaults(Match const& match, std::string const& what) {
+        if (!isNamed(match.keyId, match.account) && !m_Out.keyId.empty()) {
+            remark(Finding::WrongKey,
+                   "It verifies under " + nameOf(match.keyId, match.account) + ", not under the one that KEYID names.");
         }
         if (match.zerosLost) {
             remark(Finding::WrongLength, "It verifies once the zero bytes missing before SIGNATURE are put back.");
@@ -406,18 +477,14 @@ private:
         }
         Digested const expected = match.account.empty() ? Digested::SignExtended : Digested::ZeroExtended;
         if (match.digested != expected) {
-            remark(Finding::WrongWidening, "What was signed is DATA with " + nameOf(match.digested) + ". Of " +
-                                               keyOwner(match.account) + " it must be DATA with " + nameOf(expected) +
-                                               ".");
-        }
-        bool const harmless = m_Out.remarks.empty() || (m_Out.remarks.size() == 1 && has(Finding::KeyOld));
-        if (harmless) {
-            m_Out.right = true;
-            remark(Finding::Right, "SIGNATURE is one of DATA " + under + ", with " + nameOf(match.digested) + ".");
+            remark(Finding::WrongWidening, "What was signed is " + what + " with " + nameOf(match.digested) + ". Of " +
+                                               keyOwner(match.account) + " it must be " + what + " with " +
+                                               nameOf(expected) + ".");
         }
     }
 
     std::vector<KnownKey> const& m_Keys;
+    Recall const& m_Recall;
     Calculation& m_Out;
 };
 
@@ -439,11 +506,12 @@ std::vector<KnownKey> knownKeys(Site const& site) {
     return keys;
 }
 
-Calculation calculate(std::vector<KnownKey> const& keys, std::string const& data, std::string const& signature) {
+Calculation calculate(std::vector<KnownKey> const& keys, std::string const& data, std::string const& signature,
+                      Recall const& recall) {
     Calculation out;
     out.data = data;
     out.signature = signature;
-    Calculator(keys, out).run();
+    Calculator(keys, recall, out).run();
     return out;
 }
 

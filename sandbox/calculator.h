@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -69,6 +71,7 @@ enum class Finding {
     WrongWidening,   ///< It verifies over other units.
     WrongKey,        ///< It verifies under another key than KEYID names.
     Damaged,         ///< It verifies once something is done to DATA.
+    OtherMessage,    ///< It is that of another message, which was seen here.
     NothingFits,     ///< It verifies in no way that was tried.
     Right,           ///< Nothing is wrong.
 };
@@ -76,6 +79,42 @@ enum class Finding {
 struct Remark {
     Finding finding = Finding::Right;
     std::string text;  ///< For people, one or two sentences.
+};
+
+/// A message that was signed here, or that came here.
+struct SeenMessage {
+    std::string text;
+    std::string origin;  ///< For people: "the PayInit of the payment P1".
+    std::string page;    ///< Of the dashboard, where more is told.
+};
+
+/// Looks for a message whose digest, zero-extended or sign-extended, is what a signature holds under `key`.
+using Recall = std::function<std::optional<SeenMessage>(KnownKey const& key, std::string const& digest)>;
+
+/// How many payments are looked at for it, and how many exchanges, the newest ones each.
+inline constexpr std::int64_t kMostRecalled = 1000;
+
+/// The Recall among the messages of `site`: of the newest payments, the confirmations that were signed for them, and
+/// DATA of the newest exchanges.
+std::optional<SeenMessage> recallSeen(Site const& site, KnownKey const& key, std::string const& digest);
+
+/// An attribute that is not the same in two messages.
+struct Difference {
+    std::string name;
+    std::optional<std::string> inSigned;  ///< Nothing where it is missing.
+    std::optional<std::string> inData;
+};
+
+/// All of them: those of `inSigned` in its order, then what `inData` has besides.
+std::vector<Difference> differences(Attributes const& inSigned, Attributes const& inData);
+
+/// What differs in two messages that are not written the same though they have no differences(), for people.
+std::string differenceInWriting(std::string const& inSigned, std::string const& inData);
+
+/// The message that was signed in the place of DATA.
+struct SignedOriginal {
+    SeenMessage seen;
+    std::vector<Difference> differences;
 };
 
 /// All that was found out. What could not be found out is empty.
@@ -89,13 +128,15 @@ struct Calculation {
     std::string signDigest;       ///< The same sign-extended, as the service signs.
     std::string heldDigest;       ///< That SIGNATURE holds under `key`, in hexadecimal; any length.
     std::vector<Match> matches;   ///< Of DATA as it is, else of the first repair that has some.
+    std::optional<SignedOriginal> original;
     std::vector<Remark> remarks;  ///< In the order in which to read them, never empty.
     bool right = false;           ///< Whether it verifies for whoever follows the protocol.
 };
 
 /// Looks at the decoded DATA and at SIGNATURE as it was sent. Of the damages that DATA may have suffered on its way one
-/// at a time is undone, see calculator_repairs.cpp.
-Calculation calculate(std::vector<KnownKey> const& keys, std::string const& data, std::string const& signature);
+/// at a time is undone, see calculator_repairs.cpp. When nothing fits, `recall` is asked for what was signed.
+Calculation calculate(std::vector<KnownKey> const& keys, std::string const& data, std::string const& signature,
+                      Recall const& recall);
 
 /// DATA, decoded, and SIGNATURE.
 struct SignedTexts {

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -91,16 +92,33 @@ std::string matchesContent(Calculation const& result) {
     return wideTable("Where SIGNATURE verifies", {"Key", "Owner", "Bytes", "DATA"}, rows);
 }
 
+std::string valueCell(std::optional<std::string> const& value) {
+    return value ? escapeHtml(*value) : "<em>not there</em>";
+}
+
+std::string originalContent(SignedOriginal const& original) {
+    std::vector<Cells> rows;
+    for (Difference const& difference : original.differences) {
+        rows.push_back({escapeHtml(difference.name), valueCell(difference.inSigned), valueCell(difference.inData)});
+    }
+    return "<p>It was seen here: " + link(original.seen.page, original.seen.origin) + ".</p>\n" +
+           (rows.empty() ? "" : wideTable("What differs", {"Attribute", "In what was signed", "In DATA"}, rows)) +
+           attributesContent(original.seen.text) + verbatim(original.seen.text);
+}
+
 std::string resultContent(Calculation const& result) {
     std::string const data = result.data.empty() ? "" : attributesContent(result.data) + verbatim(result.data);
     return section("verdict", "What is right, what differs", remarksContent(result)) +
+           (result.original ? section("original", "What was signed", originalContent(*result.original)) : "") +
            section("comparison", "What was compared", comparisonContent(result)) +
            section("matches", "Ways in which it verifies", matchesContent(result)) +
            (data.empty() ? "" : section("message", "DATA, decoded", data));
 }
 
 HttpReply resultPage(Site const& site, SignedTexts const& texts) {
-    Calculation const result = calculate(knownKeys(site), texts.data, texts.signature);
+    Calculation const result =
+        calculate(knownKeys(site), texts.data, texts.signature,
+                  [&site](KnownKey const& key, std::string const& digest) { return recallSeen(site, key, digest); });
     return dashboardPage(
         200, kPath, "Signature calculator",
         resultContent(result) +

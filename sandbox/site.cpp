@@ -50,17 +50,6 @@ void copyIfGiven(Payment const& payment, char const* name, Message& to) {
     }
 }
 
-Message confirmationBy(std::string const& keyId, std::string const& type, Payment const& payment,
-                       std::string const& result) {
-    Message message(type);
-    message.set("KEYID", keyId).set("ID", payment.id).set("TOKEN", payment.token);
-    copyIfGiven(payment, "AMOUNT", message);
-    copyIfGiven(payment, "CURRENCY", message);
-    copyIfGiven(payment, "ORDERID", message);
-    message.set("RESULT", result);
-    return message;
-}
-
 /// A signature with its last bit the other way round.
 std::string flipLastBit(std::string const& signature) {
     std::string bytes = fromHex(signature).value();
@@ -109,13 +98,24 @@ HttpReply messageReply(std::string const& text) {
 }
 
 Message confirmation(Site const& site, Payment const& payment, std::string const& result) {
-    return confirmationBy(site.keys.current()->id, "PayConfirm", payment, result);
+    return confirmationBy(site.keys.current()->id, kConfirmationType, payment, result);
+}
+
+Message confirmationBy(std::string const& keyId, std::string const& type, Payment const& payment,
+                       std::string const& result) {
+    Message message(type);
+    message.set("KEYID", keyId).set("ID", payment.id).set("TOKEN", payment.token);
+    copyIfGiven(payment, "AMOUNT", message);
+    copyIfGiven(payment, "CURRENCY", message);
+    copyIfGiven(payment, "ORDERID", message);
+    message.set("RESULT", result);
+    return message;
 }
 
 std::string signedConfirmation(Site const& site, Payment const& payment, std::string const& result,
                                std::optional<Fault> const& fault) {
     KeyRing::Key const key = signingKey(site, fault);
-    char const* const type = fault && fault->kind == FaultKind::WrongType ? kUnexpectedType : "PayConfirm";
+    char const* const type = fault && fault->kind == FaultKind::WrongType ? kUnexpectedType : kConfirmationType;
     std::string const text = confirmationBy(key->id, type, payment, result).text();
     std::string signature = signText(key->key.get(), text, Widening::Sign);
     if (fault && fault->kind == FaultKind::WrongSignature) {

@@ -13,6 +13,9 @@ namespace sandbox {
 
 class Notifier;
 
+/// The MSGTYPE of a confirmation.
+inline constexpr char kConfirmationType[] = "PayConfirm";
+
 /// The MSGTYPE of a message whose type is to be wrong.
 inline constexpr char kUnexpectedType[] = "Unexpected";
 
@@ -69,7 +72,11 @@ HttpReply answerCapture(Call const& call);
 /// The message that confirms `payment` to its merchant, with `result` as its RESULT, in the name of the current key.
 Message confirmation(Site const& site, Payment const& payment, std::string const& result);
 
-/// The same, signed, as the query of a link: "DATA=...&SIGNATURE=...". `fault` may make it wrong.
+/// The same in the name of any key, with any MSGTYPE.
+Message confirmationBy(std::string const& keyId, std::string const& type, Payment const& payment,
+                       std::string const& result);
+
+/// The confirmation, signed, as the query of a link: "DATA=...&SIGNATURE=...". `fault` may make it wrong.
 std::string signedConfirmation(Site const& site, Payment const& payment, std::string const& result,
                                std::optional<Fault> const& fault);
 

@@ -4,6 +4,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "sandbox/database.h"
@@ -82,6 +83,9 @@ public:
     /// All, or those in one state, oldest first.
     [[nodiscard]] std::vector<Payment> payments(std::optional<PaymentState> state = std::nullopt);
 
+    /// Of the payments the newest `count`, newest first, without those whose message has more than `longest` bytes.
+    [[nodiscard]] std::vector<PaymentRecord> latestPayments(std::int64_t count, std::int64_t longest);
+
     /// Leads the payment from one of the states `from` to `step.state`, adds `step` to its history and the notification
     /// to those that are to be sent. False, with nothing changed, when it is in none of them: of two callers at the
     /// same time one gets true.
@@ -111,6 +115,11 @@ public:
     /// Of the exchanges the newest `count`, newest first.
     [[nodiscard]] std::vector<Exchange> latestExchanges(std::int64_t count);
     [[nodiscard]] std::optional<Exchange> exchange(std::int64_t number);
+
+    /// The number and DATA of the newest `count` exchanges, newest first, without those whose DATA is empty or has more
+    /// than `longest` bytes.
+    [[nodiscard]] std::vector<std::pair<std::int64_t, std::string>> latestData(std::int64_t count,
+                                                                               std::int64_t longest);
 
 private:
     std::optional<PaymentRecord> findPayment(Statement& row);

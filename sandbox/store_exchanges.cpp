@@ -131,4 +131,17 @@ std::optional<Exchange> Store::exchange(std::int64_t number) {
     return found.empty() ? std::nullopt : std::optional<Exchange>(found.front());
 }
 
+std::vector<std::pair<std::int64_t, std::string>> Store::latestData(std::int64_t count, std::int64_t longest) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Statement row = m_Database.prepare(
+        "SELECT number, data FROM (SELECT number, data FROM exchanges ORDER BY number DESC LIMIT ?) "
+        "WHERE length(data) BETWEEN 1 AND ? ORDER BY number DESC");
+    row.number(count).number(longest);
+    std::vector<std::pair<std::int64_t, std::string>> found;
+    while (row.step()) {
+        found.emplace_back(row.numberColumn(0), row.column(1));
+    }
+    return found;
+}
+
 }  // namespace sandbox

@@ -58,6 +58,21 @@ std::vector<Payment> Store::payments(std::optional<PaymentState> state) {
     return found;
 }
 
+std::vector<PaymentRecord> Store::latestPayments(std::int64_t count, std::int64_t longest) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Statement identifiers = m_Database.prepare(
+        "SELECT id FROM (SELECT number, id, message FROM payments ORDER BY number DESC LIMIT ?) "
+        "WHERE length(message) <= ? ORDER BY number DESC");
+    identifiers.number(count).number(longest);
+    std::vector<PaymentRecord> found;
+    while (identifiers.step()) {
+        Statement row = m_Database.prepare(kById);
+        row.text(identifiers.column(0));
+        found.push_back(findPayment(row).value());
+    }
+    return found;
+}
+
 std::string Store::orderOfToken(std::string const& account, std::string const& token) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Statement row = m_Database.prepare(

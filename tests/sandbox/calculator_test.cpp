@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -40,7 +41,14 @@ protected:
     [[nodiscard]] EVP_PKEY* bigKey() const { return m_Keys[3].key.get(); }
 
     [[nodiscard]] Calculation of(std::string const& data, std::string const& signature) const {
-        return calculate(m_Keys, data, signature);
+        return calculate(m_Keys, data, signature, [this](KnownKey const&, std::string const& digest) {
+            for (std::string const& text : m_Seen) {
+                if (digest == digestOf(text, Widening::Zero) || digest == digestOf(text, Widening::Sign)) {
+                    return std::optional<SeenMessage>({text, "what was seen", "/seen"});
+                }
+            }
+            return std::optional<SeenMessage>();
+        });
     }
 
     /// The calculation for `sent` under a signature of `signedText` by the merchant.
@@ -66,6 +74,7 @@ protected:
 
     TestMerchant m_Merchant{"0-1001-testkey"};
     std::vector<KnownKey> m_Keys;
+    std::vector<std::string> m_Seen;  ///< Messages that the service remembers.
     std::string const m_Text = "<KVX MSGTYPE=\"PayInit\" KEYID=\"0-1001-testkey\" NOTE=\"Caf\xE9\"/>";
     std::string const m_Plain = "<KVX MSGTYPE=\"PayInit\" KEYID=\"0-1001-testkey\" NOTE=\"Tea\"/>";
     std::string const m_Confirm = "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"1-SERVER-2\" NOTE=\"Caf\xE9\"/>";
@@ -346,6 +355,121 @@ TEST_F(Calculate, PrefersTheNamedKeyAmongSeveral) {
     EXPECT_TRUE(result.right);
     EXPECT_EQ(result.matches.size(), 2u);
     EXPECT_THAT(textsOf(result), HasSubstr("copycat"));
+}
+
+// --- Another message
+
+/// The differences as "NAME: signed, pasted", with "-" for what is missing.
+std::vector<std::string> differencesOf(Calculation const& result) {
+    std::vector<std::string> texts;
+    for (Difference const& difference : result.original.value().differences) {
+        texts.push_back(difference.name + ": " + difference.inSigned.value_or("-") + ", " +
+                        difference.inData.value_or("-"));
+    }
+    return texts;
+}
+
+constexpr char kOrdered[] =
+    R"(<KVX MSGTYPE="PayInit" KEYID="0-1001-testkey" AMOUNT="19.90" NOTE="&lt;a b&gt;" ORDERID="A-17"/>)";
+
+TEST_F(Calculate, NamesTheAttributeThatWasChanged) {
+    m_Seen = {m_Text, kOrdered};
+    std::string const sent = sandbox::replaceAll(kOrdered, "19.90", "29.90");
+    Calculation const result = of(sent, m_Merchant.sign(kOrdered));
+    EXPECT_FALSE(result.right);
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::OtherDigest, Finding::OtherMessage, Finding::OtherMessage));
+    EXPECT_THAT(textsOf(result),
+                HasSubstr("SIGNATURE is that of another message, which was seen here: what was seen. It was made under "
+                          "the key '0-1001-testkey' of the merchant demo."));
+    EXPECT_THAT(textsOf(result), HasSubstr("DATA differs from it in: AMOUNT."));
+    EXPECT_EQ(result.original.value().seen.text, kOrdered);
+    EXPECT_EQ(result.original->seen.page, "/seen");
+    EXPECT_THAT(differencesOf(result), ElementsAre("AMOUNT: 19.90, 29.90"));
+}
+
+TEST_F(Calculate, NamesAttributesThatWereAddedOrLost) {
+    m_Seen = {kOrdered};
+    std::string const sent =
+        R"(<KVX NEW="" MSGTYPE="PayInit" KEYID="0-1001-testkey" NOTE="&lt;a b&gt;" ORDERID="A-17 " MORE="&amp;"/>)";
+    Calculation const result = of(sent, m_Merchant.sign(kOrdered));
+    EXPECT_THAT(differencesOf(result),
+                ElementsAre("AMOUNT: 19.90, -", "ORDERID: A-17, A-17 ", "NEW: -, ", "MORE: -, &"));
+    EXPECT_THAT(textsOf(result), HasSubstr("differs from it in: AMOUNT, ORDERID, NEW, MORE."));
+}
+
+TEST_F(Calculate, TellsWhatDiffersWithoutAnotherAttribute) {
+    m_Seen = {kOrdered};
+    struct Row {
+        char const* sent;
+        char const* difference;
+    };
+    for (
+        Row const& row : {
+            Row{R"(<KVX KEYID="0-1001-testkey" MSGTYPE="PayInit" AMOUNT="19.90" NOTE="&lt;a b&gt;" ORDERID="A-17"/>)",
+                "the attributes stand in another order"},
+            Row{R"(<KVX  MSGTYPE="PayInit" KEYID="0-1001-testkey" AMOUNT="19.90" NOTE="&lt;a b&gt;" ORDERID="A-17" />)",
+                "only the white space around the attributes differs"},
+            Row{R"(<KVX MSGTYPE="PayInit" KEYID="0-1001-testkey" AMOUNT="19.90" NOTE="&lt;a b>" ORDERID="A-17"/>)",
+                "only the way of writing differs"},
+            Row{R"(<KVX MSGTYPE='PayInit' KEYID="0-1001-testkey" AMOUNT="19.90" NOTE="&lt;a b&gt;" ORDERID="A-17"/>)",
+                "only the way of writing differs"},
+            Row{R"(<KVX MSGTYPE="PayInit" KEYID="0-1001-testkey" AMOUNT="19.90" NOTE="&lt;a b&gt;" ORDERID="A-17"></KVX>)",
+                "only the way of writing differs"},
+        }) {
+        Calculation const result = of(row.sent, m_Merchant.sign(kOrdered));
+        EXPECT_THAT(findingsOf(result), ElementsAre(Finding::OtherDigest, Finding::OtherMessage, Finding::OtherMessage))
+            << row.sent;
+        EXPECT_THAT(textsOf(result),
+                    HasSubstr(std::string("No attribute of it was changed, added or lost: ") + row.difference))
+            << row.sent;
+        EXPECT_THAT(differencesOf(result), IsEmpty()) << row.sent;
+    }
+}
+
+TEST_F(Calculate, TellsWhichKeyAndWideningTheOtherMessageHas) {
+    m_Seen = {m_Confirm, m_Text};
+    std::string const otherNote = sandbox::replaceAll(m_Confirm, "Caf", "Tea");
+    Calculation const confirm = of(otherNote, signText(serverKey(), m_Confirm, Widening::Sign));
+    EXPECT_THAT(findingsOf(confirm), ElementsAre(Finding::OtherDigest, Finding::OtherMessage, Finding::OtherMessage));
+    EXPECT_THAT(textsOf(confirm), HasSubstr("under the key '1-SERVER-2' of this service."));
+    EXPECT_THAT(differencesOf(confirm), ElementsAre("NOTE: Caf\xE9, Tea\xE9"));
+    Calculation const widened = of(m_Plain, m_Merchant.sign(m_Text, true));
+    EXPECT_THAT(findingsOf(widened), ElementsAre(Finding::OtherDigest, Finding::OtherMessage, Finding::OtherMessage,
+                                                 Finding::WrongWidening));
+    EXPECT_THAT(textsOf(widened), HasSubstr("What was signed is that message with its bytes sign-extended"));
+    std::string const otherKey = sandbox::replaceAll(m_Text, "0-1001-testkey", "1-SERVER-2");
+    Calculation const named = of(otherKey, m_Merchant.sign(m_Text));
+    EXPECT_THAT(findingsOf(named),
+                ElementsAre(Finding::Unreadable, Finding::OtherMessage, Finding::OtherMessage, Finding::WrongKey));
+    EXPECT_THAT(differencesOf(named), ElementsAre("KEYID: 0-1001-testkey, 1-SERVER-2"));
+}
+
+TEST_F(Calculate, ShowsTheOtherMessageWhenItCannotBeCompared) {
+    m_Seen = {kOrdered, "<KVX"};
+    Calculation const cut = of(std::string(kOrdered).substr(0, 40), m_Merchant.sign(kOrdered));
+    EXPECT_THAT(findingsOf(cut), ElementsAre(Finding::NoMessage, Finding::OtherMessage, Finding::OtherMessage));
+    EXPECT_THAT(textsOf(cut), HasSubstr("cannot be told by attributes"));
+    EXPECT_EQ(cut.original.value().seen.text, kOrdered);
+    EXPECT_THAT(textsOf(of(kOrdered, m_Merchant.sign("<KVX"))), HasSubstr("cannot be told by attributes"));
+}
+
+TEST_F(Calculate, AsksForTheOtherMessageOnlyWhenNothingFits) {
+    m_Seen = {kOrdered};
+    EXPECT_FALSE(of(kOrdered, m_Merchant.sign(kOrdered)).original);
+    EXPECT_FALSE(of(std::string(kOrdered) + "\n", m_Merchant.sign(kOrdered)).original);
+    Calculation const unseen = of(kOrdered, m_Merchant.sign(m_Text));
+    EXPECT_FALSE(unseen.original);
+    EXPECT_THAT(findingsOf(unseen), ElementsAre(Finding::OtherDigest, Finding::NothingFits));
+    EXPECT_THAT(textsOf(unseen), HasSubstr("Nor is it that of another message which was seen here"));
+    EXPECT_THAT(textsOf(of(kOrdered, TestMerchant("nobody").sign(kOrdered))), Not(HasSubstr("Nor is it")));
+}
+
+TEST_F(Calculate, PrefersTheNamedKeyForTheOtherMessageToo) {
+    m_Keys.push_back({"0-1003-copy", "copycat", false, readPublicKeyBlob(m_Merchant.blob())});
+    m_Seen = {sandbox::replaceAll(kOrdered, "0-1001-testkey", "0-1003-copy")};
+    Calculation const result = of(sandbox::replaceAll(m_Seen[0], "19.90", "29.90"), m_Merchant.sign(m_Seen[0]));
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::OtherDigest, Finding::OtherMessage, Finding::OtherMessage));
+    EXPECT_THAT(textsOf(result), HasSubstr("'0-1003-copy' of the merchant copycat"));
 }
 
 // --- Damages on the way

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "sandbox/fault.h"
+#include "sandbox/wiretext.h"
 #include "tests/sandbox/pagereader.h"
 #include "tests/sandbox/sandboxfixture.h"
 
@@ -608,6 +609,81 @@ TEST_F(Dashboard, ExplainsWhatDiffers) {
     PageReader const half = open("/calculator?SIGNATURE=00");
     EXPECT_THAT(half.texts("//section[@aria-labelledby='verdict']//li"), ElementsAre("There is no DATA."));
     EXPECT_EQ(half.count("//section[@aria-labelledby='message']"), 0u);
+}
+
+/// The page of the calculator for what was signed, under what was sent in its place.
+class DashboardCalculator : public Dashboard {
+protected:
+    [[nodiscard]] PageReader calculate(std::string const& sent, std::string const& signature) const {
+        return open("/calculator?DATA=" + encode(sent) + "&SIGNATURE=" + signature);
+    }
+
+    /// `text` with the amount of the order raised.
+    [[nodiscard]] static std::string raised(std::string text) { return text.replace(text.find("12.50"), 5, "92.50"); }
+
+    static void expectRaised(PageReader const& page, std::string const& original) {
+        EXPECT_EQ(page.text("//section[@aria-labelledby='original']/pre"),
+                  sandbox::replaceAll(original, "\xE9", "\u00E9"));
+        EXPECT_THAT(page.texts("//section[@aria-labelledby='original']/div//tbody/tr/*"),
+                    ElementsAre("AMOUNT", "12.50", "92.50"));
+        EXPECT_THAT(page.texts("//section[@aria-labelledby='verdict']//li"),
+                    Contains("DATA differs from it in: AMOUNT."));
+    }
+};
+
+TEST_F(DashboardCalculator, ShowsWhatWasSignedInAPayInit) {
+    std::string const text = m_Merchant.payInit("t1", " NOTE=\"Caf\xE9\"");
+    PageReader const unseen = calculate(raised(text), m_Merchant.sign(text));
+    EXPECT_EQ(unseen.count("//section[@aria-labelledby='original']"), 0u);
+    openPage(text);
+    openPage(m_Merchant.payInit("t2"));
+    PageReader const page = calculate(raised(text), m_Merchant.sign(text));
+    EXPECT_EQ(page.text("//section[@aria-labelledby='original']/p/a"),
+              "the PayInit of the payment " + m_Service->payments().at(0).id);
+    EXPECT_EQ(page.text("//section[@aria-labelledby='original']/p/a/@href"),
+              "/payment?id=" + m_Service->payments().at(0).id);
+    expectRaised(page, text);
+    PageReader const missing =
+        calculate("<KVX MSGTYPE=\"PayInit\" KEYID=\"" + m_Merchant.keyId() + "\"/>", m_Merchant.sign(text));
+    EXPECT_THAT(missing.texts("//section[@aria-labelledby='original']/div//td[2]"), ::testing::Each("not there"));
+}
+
+TEST_F(DashboardCalculator, ShowsWhatWasSignedInAConfirmation) {
+    for (char const* fault : {"", "wrong-type,exchange=decision", "stale-key,exchange=decision"}) {
+        if (*fault != '\0') {
+            m_Service->rotateServerKey();
+            m_Service->arm(sandbox::parseFault(fault));
+        }
+        // A merchant without links sees it on a page only.
+        std::string const token = std::string("t") + fault;
+        PageReader const outcome(press(openPage(m_Merchant.message("PayInit", " TOKEN=\"" + token +
+                                                                                  "\" EXPIRATION=\"20991231 23:59:59\" "
+                                                                                  "AMOUNT=\"12.50\" ORDERID=\"\xE9\"")),
+                                       "decline")
+                                     .body);
+        std::string const query = "?" + outcome.text("//section[@aria-labelledby='query']/pre");
+        std::string const confirm = decode(queryValue(query, "DATA"));
+        PageReader const page = calculate(raised(confirm), queryValue(query, "SIGNATURE"));
+        expectRaised(page, confirm);
+        EXPECT_THAT(page.text("//section[@aria-labelledby='original']/p/a"), StartsWith("a confirmation of ")) << fault;
+    }
+}
+
+TEST_F(DashboardCalculator, ShowsWhatWasSignedInAnyExchange) {
+    std::string const text = m_Merchant.message("PayConfirm", " TOKEN=\"t1\" AMOUNT=\"12.50\" NOTE=\"\xE9\"");
+    EXPECT_EQ(attributeOf(askCapture(text), "MSGTYPE"), "Error");
+    PageReader const page = calculate(raised(text), m_Merchant.sign(text));
+    expectRaised(page, text);
+    EXPECT_EQ(page.text("//section[@aria-labelledby='original']/p/a"), "the DATA of the exchange 2");
+    EXPECT_EQ(page.text("//section[@aria-labelledby='original']/p/a/@href"), "/exchange?number=2");
+}
+
+TEST_F(DashboardCalculator, PassesOverWhatIsVeryLong) {
+    std::string const text =
+        m_Merchant.message("PayConfirm", " AMOUNT=\"12.50\" NOTE=\"" + std::string(16 * 1024, 'x') + "\"");
+    askCapture(text);
+    PageReader const page = calculate(raised(text), m_Merchant.sign(text));
+    EXPECT_EQ(page.count("//section[@aria-labelledby='original']"), 0u);
 }
 
 TEST_F(Dashboard, TellsWhatKindOfKeyIsNamed) {
