@@ -114,9 +114,12 @@ Payment CashDesk::openPayment(Order const& order, std::string const& orderAddres
 
 Confirmation CashDesk::verify(Order const& order, std::vector<std::string> const& results, std::string const& data,
                               std::string const& signature, Calls& calls) const {
+    // The library takes text up to a zero byte, so what stands behind it would go unverified.
     if (data.find('\0') != std::string::npos) {
-        // The library takes text up to a zero byte, so what stands behind it would go unverified.
         throw Objection(kRefused, "It holds a zero byte, so it is not a message.");
+    }
+    if (signature.find('\0') != std::string::npos) {
+        throw Objection(kRefused, "What came as its signature holds a zero byte, so it is none.");
     }
     FactoryHandle const factory(CreateMessageFactory());
     must(calls, "MessageFactory_Open", MessageFactory_Open(factory.get(), m_Directory.c_str()));

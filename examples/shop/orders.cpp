@@ -24,9 +24,19 @@ std::string Orders::newNumber() {
     return std::to_string(++m_Count) + "-" + unguessable;
 }
 
-void Orders::add(Order order) {
+std::string Orders::add(Order order) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
-    m_Orders.emplace(order.number, std::move(order));
+    auto const [made, isFirst] = m_Made.try_emplace({order.visitor, order.key}, order.number);
+    if (isFirst) {
+        m_Orders.emplace(order.number, std::move(order));
+    }
+    return made->second;
+}
+
+std::optional<std::string> Orders::madeWith(std::string const& visitor, std::string const& key) const {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    auto const made = m_Made.find({visitor, key});
+    return made == m_Made.end() ? std::nullopt : std::optional<std::string>(made->second);
 }
 
 std::optional<Order> Orders::find(std::string const& number) const {

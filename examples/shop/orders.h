@@ -5,6 +5,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "catalogue.h"
 #include "objection.h"
@@ -39,6 +40,7 @@ struct Confirmation {
 struct Order {
     std::string number;  ///< Cannot be guessed: whoever knows an order's address sees the order.
     std::string visitor;
+    std::string key;  ///< Of the visitor's form that made the order; makes no other one.
     Quantities quantities;
     std::int64_t cents = 0;
     Payment payment;  ///< The latest one.
@@ -55,8 +57,12 @@ public:
     /// A number that no other order has.
     std::string newNumber();
 
-    /// Keeps a new order.
-    void add(Order order);
+    /// Keeps a new order, unless the visitor has made one with the same key. Returns the number of the order that is
+    /// kept; of many callers with one key all get the same.
+    std::string add(Order order);
+
+    /// The number of the order that the visitor made with the key.
+    [[nodiscard]] std::optional<std::string> madeWith(std::string const& visitor, std::string const& key) const;
 
     [[nodiscard]] std::optional<Order> find(std::string const& number) const;
 
@@ -81,6 +87,7 @@ private:
     mutable std::mutex m_Mutex;
     int m_Count = 0;                        ///< Numbers given away. Guarded by m_Mutex, as everything here.
     std::map<std::string, Order> m_Orders;  ///< By number.
+    std::map<std::pair<std::string, std::string>, std::string> m_Made;  ///< Numbers, by visitor and key.
 };
 
 }  // namespace storefront

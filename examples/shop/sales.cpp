@@ -59,14 +59,22 @@ Sales::Sales(std::string directory, std::string address)
 Order Sales::order(std::string const& number) const {
     std::optional<Order> const found = m_Orders.find(number);
     if (!found) {
-        throw Objection("There is no such order", "This shop knows no order with the number \"" + number + "\".");
+        throw Objection("There is no such order", "This shop knows no order with the number \"" + number + "\".", {},
+                        Objection::Unknown);
     }
     return *found;
 }
 
-std::string Sales::checkOut(std::string const& visitor) {
+std::string Sales::checkOut(std::string const& visitor, std::string const& key) {
+    if (key.empty()) {
+        throw Objection("Nothing has been ordered", "The request did not come from the page of the basket.");
+    }
+    if (std::optional<std::string> const made = m_Orders.madeWith(visitor, key)) {
+        return orderAddress(*made);
+    }
     Order order;
     order.visitor = visitor;
+    order.key = key;
     order.quantities = m_Baskets.of(visitor);
     if (order.quantities.empty()) {
         throw Objection("There is nothing to pay for", "The basket is empty.");
@@ -74,8 +82,8 @@ std::string Sales::checkOut(std::string const& visitor) {
     order.number = m_Orders.newNumber();
     order.cents = totalCents(order.quantities);
     order.payment = m_Desk.openPayment(order, orderAddress(order.number), order.calls);
-    m_Orders.add(order);
-    return order.payment.url;
+    std::string const kept = m_Orders.add(order);
+    return kept == order.number ? order.payment.url : orderAddress(kept);
 }
 
 std::string Sales::payAgain(std::string const& number) {

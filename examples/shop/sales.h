@@ -29,8 +29,9 @@ public:
     [[nodiscard]] Order order(std::string const& number) const;
 
     /// Makes an order of the visitor's basket and starts its payment. Returns where the visitor pays. The basket stays
-    /// full until the order is paid.
-    std::string checkOut(std::string const& visitor);
+    /// full until the order is paid. `key` is that of the form: when the visitor has sent it before, on a second click
+    /// or after going back, nothing is made and the address of the order that it made comes back.
+    std::string checkOut(std::string const& visitor, std::string const& key);
 
     /// Where the visitor pays an order that waits. A declined or cancelled order gets a new payment first.
     std::string payAgain(std::string const& number);

@@ -10,6 +10,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 
 #include "../demo/merchanthandle.h"
 #include "../demo/story.h"
@@ -70,7 +71,12 @@ void must(char const* what, std::int32_t code) {
 /// Registers the directory with the service, once in its life: the name of the current key is written last.
 void setUp(Arguments const& arguments) {
     demo::SetupHandle const setup(CreateConfigurationSetup());
-    must("choosing the directory", ConfigurationSetup_SetConfiguration(setup.get(), arguments.directory.c_str()));
+    std::int32_t const chosen = ConfigurationSetup_SetConfiguration(setup.get(), arguments.directory.c_str());
+    if (chosen > 0) {  // the system's errno
+        throw std::runtime_error("the directory \"" + arguments.directory +
+                                 "\" cannot be made: " + std::generic_category().message(chosen));
+    }
+    must("choosing the directory", chosen);
     demo::CopiedText const key = demo::copiedText([&](std::int32_t* size, char* buffer) {
         return ConfigurationSetup_GetAttribute(setup.get(), "keys/current", "", size, buffer);
     });

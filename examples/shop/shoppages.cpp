@@ -21,11 +21,14 @@ std::string quantityField(Article const& article, std::string const& name, std::
            std::to_string(kMostOfOne) + "\" value=\"" + std::to_string(quantity) + "\" required>\n";
 }
 
+std::string hiddenField(std::string const& name, std::string const& value) {
+    return "<input type=\"hidden\" name=\"" + escaped(name) + "\" value=\"" + escaped(value) + "\">\n";
+}
+
 std::string offer(Article const& article) {
     return "<article>\n<h2>" + escaped(article.name) + "</h2>\n" + paragraph(article.description) +
-           paragraph(priceText(article.cents)) +
-           "<form method=\"post\" action=\"/basket/add\">\n<input type=\"hidden\" name=\"article\" value=\"" +
-           escaped(article.id) + "\">\n" +
+           paragraph(priceText(article.cents)) + "<form method=\"post\" action=\"/basket/add\">\n" +
+           hiddenField("article", article.id) +
            quantityField(article, "quantity", "Quantity of " + std::string(article.name), 1, 1) +
            "<button aria-label=\"Add to basket: " + escaped(article.name) +
            "\">Add to basket</button>\n</form>\n</article>\n";
@@ -47,7 +50,7 @@ std::string cataloguePage() {
     return wholePage("Catalogue", content);
 }
 
-std::string basketPage(Quantities const& basket) {
+std::string basketPage(Quantities const& basket, std::string const& key) {
     if (basket.empty()) {
         return wholePage("Your basket", paragraph("Your basket is empty."));
     }
@@ -63,7 +66,8 @@ std::string basketPage(Quantities const& basket) {
         "<form method=\"post\" action=\"/basket/update\">\n<table>\n<thead><tr><th scope=\"col\">Article and "
         "quantity</th><th scope=\"col\">Each</th><th scope=\"col\">Together</th></tr></thead>\n<tbody>\n" +
             rows + "</tbody>\n</table>\n" + paragraph("Total: " + priceText(totalCents(basket))) +
-            "<button>Update quantities</button>\n</form>\n" + buttonTo("/checkout", "Check out and pay"));
+            "<button>Update quantities</button>\n</form>\n<form method=\"post\" action=\"/checkout\">" +
+            hiddenField(kKeyField, key) + "<button>Check out and pay</button></form>\n");
 }
 
 std::string plainPage(std::string const& title, std::string const& text) {

@@ -11,8 +11,13 @@ namespace storefront {
 /// What is before the name of a field for the quantity of an article: "quantity-candle".
 constexpr char kQuantityField[] = "quantity-";
 
+/// The field that holds the key of the form that makes an order.
+constexpr char kKeyField[] = "key";
+
 std::string cataloguePage();
-std::string basketPage(Quantities const& basket);
+
+/// `key` goes with the form that makes an order: another one for every page.
+std::string basketPage(Quantities const& basket, std::string const& key);
 
 /// An order, and what happened underneath.
 std::string orderPage(Order const& order);

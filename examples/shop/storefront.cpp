@@ -6,6 +6,7 @@
 #include <optional>
 #include <stdexcept>
 
+#include "randomhex.h"
 #include "shoppages.h"
 
 namespace storefront {
@@ -21,6 +22,7 @@ constexpr char kHtml[] = "text/html; charset=utf-8";
 constexpr int kSeeOther = 303;
 constexpr int kNotFound = 404;
 constexpr int kServerError = 500;
+constexpr std::size_t kKeyWords = 4;
 constexpr std::size_t kLargestForm = 8192;
 constexpr std::size_t kRequestsPerConnection = 1;
 constexpr std::chrono::seconds kStartPatience{60};
@@ -45,6 +47,15 @@ std::string visitorOf(Request const& request) {
 /// The order that an address names; empty when it names none.
 std::string orderNumberIn(Request const& request) {
     return request.matches.size() > 1 ? request.matches[1].str() : "";
+}
+
+/// Refuses a parameter that comes twice: whoever reads the request elsewhere might take the other value for it.
+void requireSingleParameters(Request const& request) {
+    for (auto const& [name, value] : request.params) {
+        if (request.params.count(name) > 1) {
+            throw Objection("This request is no good", "The parameter \"" + name + "\" comes more than once.");
+        }
+    }
 }
 
 /// Gives what failed without a page of its own one.
@@ -131,6 +142,7 @@ void Storefront::addPages() {
 httplib::Server::Handler Storefront::page(void (Storefront::*answer)(Request const&, Reply&)) {
     return [this, answer](Request const& request, Reply& reply) {
         try {
+            requireSingleParameters(request);
             (this->*answer)(request, reply);
         } catch (Objection const& objection) {
             send(reply, objectionPage(objection, orderNumberIn(request)), objection.fault());
@@ -158,11 +170,11 @@ void Storefront::updateBasket(Request const& request, Reply& reply) {
 }
 
 void Storefront::showBasket(Request const& request, Reply& reply) {
-    send(reply, basketPage(m_Sales.baskets().of(visitorOf(request))));
+    send(reply, basketPage(m_Sales.baskets().of(visitorOf(request)), randomHex(kKeyWords)));
 }
 
 void Storefront::checkOut(Request const& request, Reply& reply) {
-    reply.set_redirect(m_Sales.checkOut(visitorOf(request)), kSeeOther);
+    reply.set_redirect(m_Sales.checkOut(visitorOf(request), request.get_param_value(kKeyField)), kSeeOther);
 }
 
 void Storefront::showOrder(Request const& request, Reply& reply) {

@@ -140,10 +140,34 @@ class ShopCase(SandboxCase):
 
     def check_out(self, visitor=None):
         """Returns the payment URL."""
-        page = (visitor or self.visitor).ask("/checkout", {})
+        page = self.order_with(self.checkout_key(visitor), visitor)
         self.assertEqual(page.status, 303, page.text)
         self.assertTrue(page.location.startswith(self.addresses["pay"] + "?DATA="), page.location)
         return page.location
+
+    def checkout_key(self, visitor=None):
+        """From the form on the basket's page."""
+        return re.search(r'name="key" value="([0-9a-f]{32})"', (visitor or self.visitor).ask("/basket").body).group(1)
+
+    def order_with(self, key, visitor=None):
+        return (visitor or self.visitor).ask("/checkout", {"key": key})
+
+    @staticmethod
+    def together(count, ask):
+        """Calls `ask` that many times at once. Returns what it returned."""
+        ready = threading.Barrier(count)
+        answers = []
+
+        def ask_with_the_others():
+            ready.wait(PAGE_SECONDS)
+            answers.append(ask())
+
+        threads = [threading.Thread(target=ask_with_the_others) for _ in range(count)]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join()
+        return answers
 
     def buy_candle(self):
         """A candle in the basket, and at the till. Returns the order's path and the payment URL."""
@@ -184,7 +208,7 @@ class ShopBasket(ShopCase):
     def test_shows_what_can_be_bought(self):
         page = self.check_page(self.visitor.ask("/"), 200, "Beeswax candle", "19.90 EUR", "49.00 EUR", "8.05 EUR",
                                "Caf\u00e9 mug", "Brass & oak")
-        self.assertEqual(page.body.count("<button>Add to basket</button>"), 3)
+        self.assertEqual(page.body.count(">Add to basket</button>"), 3)
         self.assertEqual(self.visitor.cookies, {})
 
     def test_keeps_quantities_for_each_visitor(self):
@@ -308,7 +332,38 @@ class ShopPayment(ShopCase):
         self.check_page(self.visitor.ask("/basket"), 200, "Total: 27.95 EUR")
 
     def test_does_not_check_out_an_empty_basket(self):
-        self.check_page(self.visitor.ask("/checkout", {}), 400, "The basket is empty")
+        self.check_page(self.order_with("any"), 400, "The basket is empty")
+
+    def test_makes_one_order_of_one_form(self):
+        self.add("candle", 1)
+        key = self.checkout_key()
+        pages = self.together(4, lambda: self.order_with(key))
+        self.assertEqual([page.status for page in pages], [303] * 4)
+        urls = [page.location for page in pages if page.location.startswith(self.addresses["pay"])]
+        self.assertEqual(len(urls), 1)
+        path = self.order_of(urls[0])
+        self.assertEqual({page.location for page in pages} - set(urls),
+                         {urllib.parse.urljoin(self.address, path)})
+        self.come_back(self.browser.decide(urls[0], "pay"), path)
+        self.come_back_to_order(self.order_with(key), path)
+        self.assertEqual(self.states(), ["completed"])
+
+    def come_back_to_order(self, page, path):
+        self.assertEqual((page.status, page.location), (303, urllib.parse.urljoin(self.address, path)), page.text)
+
+    def test_makes_no_order_without_a_form(self):
+        self.add("candle", 1)
+        for form in ({}, {"key": ""}):
+            self.check_page(self.visitor.ask("/checkout", form), 400, "did not come from the page of the basket")
+
+    def test_keeps_the_forms_of_visitors_apart(self):
+        path, _ = self.buy_candle()
+        other = Visitor(self.address)
+        self.add("mug", 1, other)
+        page = self.order_with("the same", other)
+        self.add("candle", 1)
+        orders = {self.order_of(answer.location) for answer in (page, self.order_with("the same"))}
+        self.assertEqual(len(orders | {path}), 3)
 
     def test_starts_a_payment_without_the_service(self):
         """Nothing is sent at checkout, so an absent service shows in the visitor's browser only."""
@@ -321,7 +376,7 @@ class ShopPayment(ShopCase):
         key = current.read_text()
         current.unlink()
         self.add("mug", 1)
-        self.check_page(self.visitor.ask("/checkout", {}), 500, "could not be prepared", "0x80040219",
+        self.check_page(self.order_with("1"), 500, "could not be prepared", "0x80040219",
                         "MessageFactory_CreatePayInit")
         self.check_page(self.visitor.ask("/basket"), 200, "Total: 8.05 EUR")
         current.write_text(key)
@@ -335,8 +390,8 @@ class ShopRefusals(ShopCase):
         super().setUp()
         self.path, self.url = self.buy_candle()
 
-    def refuse(self, address, *reasons, state="waiting"):
-        page = self.check_page(self.visitor.ask(address), 400, *reasons)
+    def refuse(self, address, *reasons, state="waiting", status=400):
+        page = self.check_page(self.visitor.ask(address), status, *reasons)
         self.assertNotIn("MessageObject_Capture", page.text)
         self.order_page(self.path, state)
 
@@ -382,6 +437,7 @@ class ShopRefusals(ShopCase):
         bare = paid.partition("&SIGNATURE=")[0]
         for address, reason in ((bare, "without a signature"), (bare + "&SIGNATURE=", "without a signature"),
                                 (bare + "&SIGNATURE=xyz", "its signature is none"),
+                                (paid + "%00", "zero byte"), (paid + "%0000", "zero byte"),
                                 (bare + "&SIGNATURE=" + "0" * 128, "The signature does not fit")):
             with self.subTest(address[-20:]):
                 self.refuse(address, "refused", reason)
@@ -399,13 +455,22 @@ class ShopRefusals(ShopCase):
             with self.subTest(query):
                 self.refuse(self.path + "/paid" + query, "refused")
 
+    def test_parameters_that_come_twice(self):
+        paid = self.pay()
+        for addition in ("&DATA=x", "&SIGNATURE=0", "&DATA="):
+            with self.subTest(addition):
+                self.refuse(paid + addition, "This request is no good", "comes more than once")
+        self.check_page(self.visitor.ask("/basket/add", [("article", "mug"), ("quantity", 1), ("quantity", 2)]), 400,
+                        '"quantity" comes more than once')
+        self.come_back(paid, self.path)
+
     def test_unknown_order(self):
         paid = self.pay()
         for number in ("0", "1", "zzz"):
             unknown = "/orders/" + number
-            self.refuse(paid.replace(self.path, unknown), f'no order with the number "{number}"')
+            self.refuse(paid.replace(self.path, unknown), f'no order with the number "{number}"', status=404)
             for path, form in ((unknown, None), (unknown + "/pay", {}), (unknown + "/settle", {})):
-                self.check_page(self.visitor.ask(path, form), 400, "There is no such order")
+                self.check_page(self.visitor.ask(path, form), 404, "There is no such order")
         self.come_back(paid, self.path)
 
     def test_paying_what_is_paid(self):
@@ -416,20 +481,8 @@ class ShopRefusals(ShopCase):
 
     def test_simultaneous_returns_capture_once(self):
         paid = self.pay()
-        count = 6
-        together = threading.Barrier(count)
-        pages = []
-
-        def come_back():
-            together.wait(PAGE_SECONDS)
-            pages.append(Visitor(self.address).ask(paid))
-
-        threads = [threading.Thread(target=come_back) for _ in range(count)]
-        for thread in threads:
-            thread.start()
-        for thread in threads:
-            thread.join()
-        self.assertEqual(sorted(page.status for page in pages), [303] + [400] * (count - 1))
+        pages = self.together(6, lambda: Visitor(self.address).ask(paid))
+        self.assertEqual(sorted(page.status for page in pages), [303] + [400] * 5)
         for page in pages:
             if page.status == 400:
                 self.check_page(page, 400, "has been paid already")
@@ -570,6 +623,12 @@ class ShopProgram(ShopCase):
         status, out, errors = self.start(password="guessed").finish()
         self.assertEqual((status, out), (1, ""))
         self.assertIn("registering: 0x80040213", errors)
+
+    def test_tells_that_the_directory_cannot_be_made(self):
+        self.merchant = self.directory / "nowhere" / "merchant"
+        status, out, errors = self.start().finish()
+        self.assertEqual((status, out), (1, ""))
+        self.assertIn(f'the directory "{self.merchant}" cannot be made: No such file or directory', errors)
 
     def test_tells_that_the_service_is_absent(self):
         self.stop_sandbox()
