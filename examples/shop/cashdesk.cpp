@@ -107,6 +107,8 @@ Payment CashDesk::openPayment(Order const& order, std::string const& orderAddres
     }
     Payment opened;
     opened.token = mustCopy(calls, "MessageObject_GetAttribute (TOKEN)", demo::attributeOf(payment, "TOKEN"));
+    opened.expiration =
+        mustCopy(calls, "MessageObject_GetAttribute (EXPIRATION)", demo::attributeOf(payment, "EXPIRATION"));
     opened.url = mustCopy(calls, "MessageObject_GetURL", demo::urlOf(payment));
     opened.message = demo::messageText(payment);
     return opened;
@@ -136,22 +138,25 @@ Confirmation CashDesk::verify(Order const& order, std::vector<std::string> const
         calls, "ConfigurationSetup_GetAttribute (VTKEYID)", demo::copiedText([&](std::int32_t* size, char* buffer) {
             return ConfigurationSetup_GetAttribute(setup.get(), "config.xml", "VTKEYID", size, buffer);
         }));
+    std::vector<std::string> tokens = order.overtaken;
+    tokens.push_back(order.payment.token);
     // A good signature alone proves little: messages of other kinds and orders, and older ones, are signed as well.
     Demand const demands[] = {
         {"MSGTYPE", {"PayConfirm"}, "It is genuine, but it confirms nothing."},
         {"KEYID", {serverKey}, "It is not the payment service who signed it."},
         {"ORDERID", {order.number}, "It is genuine, but it is the confirmation of another order."},
-        {"TOKEN", {order.payment.token}, "It is genuine, but it is the confirmation of another payment."},
+        {"TOKEN", tokens, "It is genuine, but it is the confirmation of another payment."},
         {"AMOUNT", {amountText(order.cents)}, "It is over another amount."},
         {"CURRENCY", {kCurrency}, "It is over an amount in another currency."},
     };
     for (Demand const& demand : demands) {
         check(message, demand, calls);
     }
+    std::string const token = demo::attributeOf(message, "TOKEN").text;
     std::string const result =
         check(message, {"RESULT", results, "It tells of another outcome than this address."}, calls);
     std::string const id = mustCopy(calls, "MessageObject_GetAttribute (ID)", demo::attributeOf(message, "ID"));
-    return {order.payment.token, id, result, data, signature};
+    return {token, id, result, data, signature};
 }
 
 bool CashDesk::capture(Confirmation const& confirmation, Calls& calls) const {
@@ -174,7 +179,7 @@ bool CashDesk::complete(Confirmation const& confirmation, Calls& calls) const {
            noted(calls, "MessageObject_Execute (PayComplete)", MessageObject_Execute(completion.get(), answer.out()));
 }
 
-std::string CashDesk::state(Confirmation const& confirmation, Calls& calls) const {
+std::string CashDesk::state(std::string const& token, Calls& calls) const {
     FactoryHandle const factory(CreateMessageFactory());
     MessageHandle question;
     MessageHandle answer;
@@ -183,7 +188,7 @@ std::string CashDesk::state(Confirmation const& confirmation, Calls& calls) cons
         noted(calls, "MessageFactory_CreateRequest (Status)",
               MessageFactory_CreateRequest(factory.get(), "Status", question.out())) &&
         noted(calls, "MessageObject_SetAttribute (TOKEN)",
-              MessageObject_SetAttribute(question.get(), "TOKEN", confirmation.token.c_str())) &&
+              MessageObject_SetAttribute(question.get(), "TOKEN", token.c_str())) &&
         noted(calls, "MessageObject_Execute (Status)", MessageObject_Execute(question.get(), answer.out()));
     return answered ? demo::attributeOf(answer, "STATE").text : "";
 }

@@ -22,8 +22,8 @@ public:
     Payment openPayment(Order const& order, std::string const& orderAddress, Calls& calls) const;
 
     /// What is in a message that came back with the visitor, when the service signed it and it is the confirmation of
-    /// the order's latest payment, over the whole amount, with one of `results` ("authorised"). Throws Objection with
-    /// what is wrong otherwise. Whether it has come before is the caller's question.
+    /// the order's latest payment or one that it overtook, over the whole amount, with one of `results` ("authorised").
+    /// Throws Objection with what is wrong otherwise. Whether it has come before is the caller's question.
     Confirmation verify(Order const& order, std::vector<std::string> const& results, std::string const& data,
                         std::string const& signature, Calls& calls) const;
 
@@ -34,8 +34,8 @@ public:
     bool complete(Confirmation const& confirmation, Calls& calls) const;
 
     /// Asks the service how the payment stands: "authorised", "captured", "completed". Network. Empty without an
-    /// answer.
-    std::string state(Confirmation const& confirmation, Calls& calls) const;
+    /// answer, and when the service does not know it.
+    std::string state(std::string const& token, Calls& calls) const;
 
 private:
     std::string m_Directory;

@@ -1,5 +1,6 @@
 #include "orders.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "randomhex.h"
@@ -10,6 +11,16 @@ namespace {
 
 bool waitsFor(Order const& order, Confirmation const& confirmation) {
     return order.state == OrderState::Waiting && order.payment.token == confirmation.token;
+}
+
+bool contains(std::vector<std::string> const& texts, std::string const& text) {
+    return std::find(texts.begin(), texts.end(), text) != texts.end();
+}
+
+/// Deliberate: a payment that another one overtook still pays an open order. The visitor may have paid just in time,
+/// and the confirmation came late.
+bool canBePaidBy(Order const& order, Confirmation const& confirmation) {
+    return waitsFor(order, confirmation) || (isOpen(order.state) && contains(order.overtaken, confirmation.token));
 }
 
 void append(Calls& calls, Calls const& more) {
@@ -45,11 +56,15 @@ std::optional<Order> Orders::find(std::string const& number) const {
     return found == m_Orders.end() ? std::nullopt : std::optional<Order>(found->second);
 }
 
-bool Orders::waitFor(std::string const& number, Payment const& payment, Calls const& calls) {
+bool Orders::waitFor(std::string const& number, std::string const& instead, Payment const& payment,
+                     Calls const& calls) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Order& order = m_Orders.at(number);
-    if (!isGivenUp(order.state)) {
+    if (!isOpen(order.state) || order.payment.token != instead) {
         return false;
+    }
+    if (order.state == OrderState::Waiting) {
+        order.overtaken.push_back(instead);
     }
     order.payment = payment;
     order.state = OrderState::Waiting;
@@ -73,7 +88,11 @@ bool Orders::giveUp(std::string const& number, OrderState state, Confirmation co
 bool Orders::pay(std::string const& number, Confirmation const& confirmation, Calls const& calls) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Order& order = m_Orders.at(number);
-    if (!waitsFor(order, confirmation)) {
+    if (!canBePaidBy(order, confirmation)) {
+        bool const another = !isOpen(order.state) && order.confirmation.token != confirmation.token;
+        if (another && !contains(order.surplus, confirmation.id)) {
+            order.surplus.push_back(confirmation.id);
+        }
         return false;
     }
     order.state = OrderState::Paid;

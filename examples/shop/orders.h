@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "catalogue.h"
 #include "objection.h"
@@ -21,11 +22,17 @@ constexpr bool isGivenUp(OrderState state) {
     return state == OrderState::Declined || state == OrderState::Expired || state == OrderState::Cancelled;
 }
 
+/// Whether the order can still be paid.
+constexpr bool isOpen(OrderState state) {
+    return state == OrderState::Waiting || isGivenUp(state);
+}
+
 /// A payment at the service, as the shop started it.
 struct Payment {
-    std::string token;    ///< Tells this payment's confirmation from all others.
-    std::string url;      ///< Where the visitor pays.
-    std::string message;  ///< The PayInit message that is in the URL.
+    std::string token;       ///< Tells this payment's confirmation from all others.
+    std::string url;         ///< Where the visitor pays.
+    std::string message;     ///< The PayInit message that is in the URL.
+    std::string expiration;  ///< When it is too late to pay, as UTC in the form "YYYYMMDD HH:MM:SS".
 };
 
 /// What came back from the service with the visitor, verified.
@@ -43,10 +50,12 @@ struct Order {
     std::string key;  ///< Of the visitor's form that made the order; makes no other one.
     Quantities quantities;
     std::int64_t cents = 0;
-    Payment payment;  ///< The latest one.
+    Payment payment;                     ///< The latest one.
+    std::vector<std::string> overtaken;  ///< Tokens of earlier ones that ran out of time, their end unknown.
+    std::vector<std::string> surplus;    ///< Ids of payments that were authorised beside the one that is captured.
     OrderState state = OrderState::Waiting;
     bool settling = false;      ///< Somebody is capturing or completing right now.
-    Confirmation confirmation;  ///< The accepted one of `payment`; empty before.
+    Confirmation confirmation;  ///< The accepted one, of `payment` or of one that it overtook; empty before.
     Calls calls;                ///< What the library did for `payment`, oldest first.
 };
 
@@ -66,15 +75,17 @@ public:
 
     [[nodiscard]] std::optional<Order> find(std::string const& number) const;
 
-    /// Gives an order whose payment came to nothing another one to wait for. False, changing nothing, in any other
-    /// state. Requires: the order exists, here and below.
-    bool waitFor(std::string const& number, Payment const& payment, Calls const& calls);
+    /// Gives an order another payment to wait for, instead of the latest one with the token `instead`, which came to
+    /// nothing or ran out of time. False, changing nothing, when the order is paid or has a later payment. Requires:
+    /// the order exists, here and below.
+    bool waitFor(std::string const& number, std::string const& instead, Payment const& payment, Calls const& calls);
 
     /// A confirmation says that the order is not paid. False, changing nothing, when the order does not wait for it.
     bool giveUp(std::string const& number, OrderState state, Confirmation const& confirmation, Calls const& calls);
 
-    /// A confirmation says that the order is paid. True for the first caller alone, who then is the one to settle it:
-    /// capture, complete, and call settled().
+    /// A confirmation says that the order is paid, by the payment it waits for or by one that was overtaken. True for
+    /// the first caller alone, who then is the one to settle it: capture, complete, and call settled(). An order that
+    /// another payment has paid keeps in mind that this one is authorised as well.
     bool pay(std::string const& number, Confirmation const& confirmation, Calls const& calls);
 
     /// True for one caller at a time, for a paid order that is neither completed nor being settled: settle it as above.

@@ -1,6 +1,7 @@
 #include "sales.h"
 
 #include <array>
+#include <ctime>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -37,15 +38,31 @@ OrderState stateAfter(std::string const& result) {
     throw std::logic_error("a result that no way back has");
 }
 
-bool isOpen(OrderState state) {
-    return state == OrderState::Waiting || isGivenUp(state);
+/// Whether the time for paying is over, by the shop's own clock.
+bool isTooLate(Payment const& payment) {
+    std::time_t const now = std::time(nullptr);
+    std::tm parts{};
+    gmtime_r(&now, &parts);
+    char text[32] = "";
+    std::strftime(text, sizeof text, "%Y%m%d %H:%M:%S", &parts);
+    return text > payment.expiration;
+}
+
+bool isCaptured(std::string const& stateAtService) {
+    return stateAtService == "captured" || stateAtService == "completed";
 }
 
 /// A genuine confirmation of the order's payment comes too late.
-Objection tooLate(Order const& order, Calls const& calls) {
+Objection tooLate(Order const& order, Confirmation const& confirmation, Calls const& calls) {
     if (isOpen(order.state)) {
         return {"Order " + order.number + " does not wait for this confirmation",
-                "It is genuine, but how this payment ended is known already.", calls};
+                "It is genuine, but how this payment ended is known already, or another has taken its place.", calls};
+    }
+    if (order.confirmation.token != confirmation.token) {
+        return {"Order " + order.number + " has been paid already",
+                "Another payment has paid it. This one, " + confirmation.id +
+                    ", is not captured: nothing is charged for it.",
+                calls};
     }
     return {"Order " + order.number + " has been paid already",
             "The confirmation is genuine, but it counts once. Nothing has been captured a second time.", calls};
@@ -88,10 +105,11 @@ std::string Sales::checkOut(std::string const& visitor, std::string const& key) 
 
 std::string Sales::payAgain(std::string const& number) {
     Order const before = order(number);
-    if (isGivenUp(before.state)) {
-        Calls calls;
+    Calls calls;
+    if (isGivenUp(before.state) || waitsInVain(before, calls)) {
         Payment const payment = m_Desk.openPayment(before, orderAddress(number), calls);
-        m_Orders.waitFor(number, payment, calls);  // false after a second click: then that one's payment is there
+        // false after a second click: then that one's payment is there
+        m_Orders.waitFor(number, before.payment.token, payment, calls);
     }
     Order const now = order(number);
     if (now.state != OrderState::Waiting) {
@@ -109,12 +127,12 @@ void Sales::comeBack(std::string const& number, std::string const& way, std::str
     if (state != OrderState::Paid) {
         bool const reloaded = before.state == state;
         if (!m_Orders.giveUp(number, state, confirmation, calls) && !reloaded) {
-            throw tooLate(order(number), calls);
+            throw tooLate(order(number), confirmation, calls);
         }
         return;
     }
     if (!m_Orders.pay(number, confirmation, calls)) {
-        throw tooLate(order(number), calls);
+        throw tooLate(order(number), confirmation, calls);
     }
     Order const paid = order(number);
     m_Baskets.emptyAfter(paid.visitor, paid.quantities);
@@ -130,6 +148,16 @@ void Sales::tryAgain(std::string const& number) {
 
 std::string Sales::orderAddress(std::string const& number) const {
     return m_Address + "/orders/" + number;
+}
+
+/// Whether the order's payment ran out of time. One that the service has as authorised did not: its page leads the
+/// visitor back. Without an answer a new payment is made all the same; the old one can still come in, as overtaken.
+bool Sales::waitsInVain(Order const& order, Calls& calls) const {
+    if (order.state != OrderState::Waiting || !isTooLate(order.payment)) {
+        return false;
+    }
+    std::string const state = m_Desk.state(order.payment.token, calls);
+    return state != "authorised" && !isCaptured(state);
 }
 
 /// Requires: the right to settle the order, which ends here in any case.
@@ -148,11 +176,11 @@ OrderState Sales::carryOut(Order const& order, Calls& calls) const {
     bool captured = order.state == OrderState::Captured;
     if (order.state == OrderState::CaptureFailed) {
         // The service may have captured all the same, so it is asked before a repetition.
-        std::string const state = m_Desk.state(order.confirmation, calls);
+        std::string const state = m_Desk.state(order.confirmation.token, calls);
         if (state.empty()) {
             return OrderState::CaptureFailed;
         }
-        captured = state == "captured" || state == "completed";
+        captured = isCaptured(state);
     }
     if (!captured && !m_Desk.capture(order.confirmation, calls)) {
         return OrderState::CaptureFailed;

@@ -33,7 +33,8 @@ public:
     /// or after going back, nothing is made and the address of the order that it made comes back.
     std::string checkOut(std::string const& visitor, std::string const& key);
 
-    /// Where the visitor pays an order that waits. A declined or cancelled order gets a new payment first.
+    /// Where the visitor pays an order that waits. An order whose payment was declined or cancelled, or ran out of time
+    /// without being paid, gets a new payment first. Network.
     std::string payAgain(std::string const& number);
 
     /// The visitor is back from the payment service at the order's address that ends in `way`: "paid", "declined" or
@@ -47,6 +48,7 @@ public:
 private:
     [[nodiscard]] std::string orderAddress(std::string const& number) const;
 
+    [[nodiscard]] bool waitsInVain(Order const& order, Calls& calls) const;
     void settle(Order const& order);
     [[nodiscard]] OrderState carryOut(Order const& order, Calls& calls) const;
 

@@ -65,6 +65,16 @@ std::string articlesOf(Order const& order) {
     return "<ul>\n" + items + "</ul>\n" + paragraph("Total: " + amountText(order.cents) + " " + kCurrency);
 }
 
+std::string surplusOf(Order const& order) {
+    std::string told;
+    for (std::string const& id : order.surplus) {
+        told += paragraph("Payment " + id +
+                          " was authorised as well. It is not captured, so nothing is charged for it; the payment "
+                          "service can release it.");
+    }
+    return told;
+}
+
 std::string callsTable(Calls const& calls) {
     std::string rows;
     for (Call const& call : calls) {
@@ -79,7 +89,7 @@ std::string callsTable(Calls const& calls) {
 
 std::string orderPage(Order const& order) {
     StateText const state = stateText(order.state);
-    std::string content = paragraph(state.meaning) + nextStep(order) + articlesOf(order) +
+    std::string content = paragraph(state.meaning) + nextStep(order) + surplusOf(order) + articlesOf(order) +
                           "<h2>What happened underneath</h2>\n" +
                           verbatim("The payment message", demo::spread(order.payment.message)) +
                           verbatim("The payment URL, with the message and its signature", order.payment.url);

@@ -32,6 +32,17 @@ class ExpiredPayments(WalkCase):
         self.check_paid(order)
         self.assertEqual(sorted(self.payment_states(order)), ["completed", "expired"])
 
+    def test_pays_from_the_order_page_when_it_was_too_late(self):
+        self.stage.set_seconds_to_pay(-3600)
+        order = self.start_buying_a_candle()
+        self.assertEqual(self.browser.all("button[name=decision]"), [])
+        self.stage.set_seconds_to_pay(3600)
+        self.open(order, "order")
+        self.pay_again(order)
+        self.decide("pay")
+        self.check_paid(order)
+        self.assertEqual(sorted(self.payment_states(order)), ["completed", "expired"])
+
 
 class PaymentPageFaults(WalkCase):
     """The payment page does not come as it should."""

@@ -3,6 +3,7 @@
 import json
 import os
 import pathlib
+import re
 import tempfile
 import urllib.request
 
@@ -17,6 +18,7 @@ class Stage:
         place = tempfile.TemporaryDirectory(prefix="tallowin-stage-")
         clean_up(place.cleanup)
         directory = pathlib.Path(place.name)
+        self.merchant = directory / "merchant"
         sandbox = Server([os.environ["KVX_SANDBOX"], "--data", directory / "service", "--port", "0", "--json"],
                          r"^\{.*\}$", directory / "sandbox.errors")
         clean_up(end_well, sandbox)
@@ -24,7 +26,7 @@ class Stage:
         self.pay = addresses["pay"]
         self.payments = addresses["dashboard"]
         self.control = addresses["control"]
-        shop = Server([os.environ["KVX_SHOP"], directory / "merchant", addresses["auto"], "demo"],
+        shop = Server([os.environ["KVX_SHOP"], self.merchant, addresses["auto"], "demo"],
                       r"^The shop is open at (.*)$", directory / "shop.errors", TALLOWIN_PASSWORD="demo")
         clean_up(end_well, shop)
         self.shop = shop.ready.group(1)
@@ -39,6 +41,14 @@ class Stage:
     def set_clock_ahead(self, hours):
         """The payment service believes that it is that much later."""
         self.ask("POST", "/clock", {"ahead": hours * 3600})
+
+    def set_seconds_to_pay(self, seconds):
+        """For the shop's next payments. With less than none their time is over from the beginning."""
+        defaults = self.merchant / "default.xml"
+        text, changed = re.subn('PAYINITTTL="[^"]*"', f'PAYINITTTL="{seconds}"', defaults.read_text())
+        if changed != 1:
+            raise AssertionError(f"the account's defaults do not tell how long one can pay: {text}")
+        defaults.write_text(text)
 
     def ask(self, method, path, content=None):
         body = None if content is None else json.dumps(content).encode()

@@ -383,6 +383,87 @@ class ShopPayment(ShopCase):
         self.check_out()
 
 
+class ShopLatePayment(ShopCase):
+    """The shop's clock says that the time for paying is over."""
+
+    def setUp(self):
+        super().setUp()
+        self.set_clock_ahead(hours=-2)  # the service takes until an hour ago for the future
+        self.set_seconds_to_pay("3600", "-3600")
+        self.path, self.late = self.buy_candle()
+        self.set_seconds_to_pay("-3600", "3600")
+
+    def set_clock_ahead(self, hours):
+        """The payment service believes that it is that much later."""
+        control = urllib.parse.urlsplit(self.addresses["control"])
+        connection = http.client.HTTPConnection(control.hostname, control.port, timeout=PAGE_SECONDS)
+        try:
+            connection.request("POST", control.path + "/clock", json.dumps({"ahead": hours * 3600}),
+                               {"Content-Type": "application/json"})
+            self.assertEqual(connection.getresponse().status, 200)
+        finally:
+            connection.close()
+
+    def set_seconds_to_pay(self, old, new):
+        defaults = self.merchant / "default.xml"
+        text = defaults.read_text()
+        self.assertIn(f'PAYINITTTL="{old}"', text)
+        defaults.write_text(text.replace(f'PAYINITTTL="{old}"', f'PAYINITTTL="{new}"'))
+
+    def pay_again(self):
+        page = self.visitor.ask(self.path + "/pay", {})
+        self.assertEqual(page.status, 303, page.text)
+        return page.location
+
+    def check_paid_once(self, surplus):
+        """The order is paid, and its page tells of the other payment that is authorised."""
+        self.check_page(self.visitor.ask(surplus), 400, "Another payment has paid it", "nothing is charged for it")
+        page = self.order_page(self.path, "completed")
+        self.assertEqual(len(re.findall("Payment P[0-9a-f]+ was authorised as well", page.text)), 1)
+        self.assertEqual(sorted(self.states()), ["authorised", "completed"])
+        self.assertEqual(self.captures_and_completions(), ["StatusRequest", "PayConfirm", "PayCompleteRequest"])
+
+    def test_makes_a_new_payment(self):
+        self.order_page(self.path, "waiting", "Go to the payment")
+        urls = self.together(4, self.pay_again)
+        self.assertEqual(len(set(urls)), 1)
+        self.assertNotEqual(urls[0], self.late)
+        self.assertEqual(self.order_of(urls[0]), self.path)
+        self.assertEqual(self.pay_again(), urls[0])
+        self.come_back(self.browser.decide(urls[0], "pay"), self.path)
+        self.order_page(self.path, "completed")
+
+    def test_goes_back_to_a_payment_that_was_authorised_in_time(self):
+        paid = self.browser.decide(self.late, "pay")
+        self.assertEqual(self.pay_again(), self.late)
+        self.come_back(paid, self.path)
+        self.order_page(self.path, "completed")
+
+    def test_takes_a_late_confirmation_of_the_old_payment(self):
+        new = self.pay_again()
+        self.come_back(self.browser.decide(self.late, "pay"), self.path)
+        self.order_page(self.path, "completed")
+        self.check_paid_once(self.browser.decide(new, "pay"))
+
+    def test_keeps_a_late_confirmation_in_mind_when_the_new_payment_has_paid(self):
+        self.come_back(self.browser.decide(self.pay_again(), "pay"), self.path)
+        late = self.browser.decide(self.late, "pay")
+        self.check_page(self.visitor.ask(late), 400, "has been paid already")
+        self.check_paid_once(late)
+
+    def test_captures_one_of_two_payments_that_come_at_once(self):
+        confirmations = [self.browser.decide(url, "pay") for url in (self.pay_again(), self.late)]
+        pages = self.together(2, lambda: self.visitor.ask(confirmations.pop()))
+        self.assertEqual(sorted(page.status for page in pages), [303, 400])
+        self.assertEqual(self.captures_and_completions(), ["StatusRequest", "PayConfirm", "PayCompleteRequest"])
+
+    def test_keeps_waiting_when_the_old_payment_is_declined(self):
+        new = self.pay_again()
+        self.check_page(self.visitor.ask(self.browser.decide(self.late, "decline")), 400, "another has taken its place")
+        self.order_page(self.path, "waiting")
+        self.come_back(self.browser.decide(new, "pay"), self.path)
+
+
 class ShopRefusals(ShopCase):
     """What must not get through, each with the reason on the page, and the order as it was."""
 
