@@ -54,13 +54,23 @@ std::string whyNotVerified(std::int32_t code) {
         case KVX_E_INVALID_KEY:
             return "What came as its signature is none.";
         case KVX_E_NO_KEY_ID:
-        case KVX_E_NOT_FOUND:
             return "It does not say that the payment service signed it.";
         case KVX_E_INVALID_FORMAT:
             return "It is not a message.";
         default:
             return "It could not be verified: " + demo::resultText(code);
     }
+}
+
+CopiedText fromDirectory(SetupHandle const& setup, std::string const& file, char const* name) {
+    return demo::copiedText([&](std::int32_t* size, char* buffer) {
+        return ConfigurationSetup_GetAttribute(setup.get(), file.c_str(), name, size, buffer);
+    });
+}
+
+/// Requires: a message that names `key` was verified, so it is a name and not a way out of the directory.
+bool isOwnKey(SetupHandle const& setup, std::string const& key) {
+    return fromDirectory(setup, "keys/private/" + key, "").code != KVX_E_CANNOT_OPEN;
 }
 
 /// An attribute that a confirmation must have, and why it is refused when it has another value.
@@ -91,7 +101,7 @@ std::string check(MessageHandle const& message, Demand const& demand, Calls& cal
 Payment CashDesk::openPayment(Order const& order, std::string const& orderAddress, Calls& calls) const {
     FactoryHandle const factory(CreateMessageFactory());
     MessageHandle payment;
-    must(calls, "MessageFactory_Open", MessageFactory_Open(factory.get(), m_Directory.c_str()));
+    must(calls, "MessageFactory_Open", MessageFactory_Open(factory.get(), m_Account.directory().c_str()));
     must(calls, "MessageFactory_CreatePayInit", MessageFactory_CreatePayInit(factory.get(), payment.out()));
     std::pair<char const*, std::string> const attributes[] = {
         {"ORDERID", order.number},
@@ -114,6 +124,40 @@ Payment CashDesk::openPayment(Order const& order, std::string const& orderAddres
     return opened;
 }
 
+/// A message, verified, unless a key signed it that may be one which the service has made since the set-up.
+struct CashDesk::Reading {
+    bool byUnknownKey = false;
+    std::string serverKey;  ///< The name of the service's key, as far as the directory knows.
+    std::unique_ptr<MessageHandle> message;
+};
+
+/// Throws Objection when it is clear that the message is no good.
+CashDesk::Reading CashDesk::read(std::string const& data, std::string const& signature, Calls& calls) const {
+    Reading reading;
+    reading.message = std::make_unique<MessageHandle>();
+    FactoryHandle const factory(CreateMessageFactory());
+    must(calls, "MessageFactory_Open", MessageFactory_Open(factory.get(), m_Account.directory().c_str()));
+    std::int32_t const code =
+        MessageFactory_VerifyPayConfirm(factory.get(), data.c_str(), signature.c_str(), reading.message->out());
+    bool const verified = noted(calls, "MessageFactory_VerifyPayConfirm", code);
+    reading.byUnknownKey = code == KVX_E_NOT_FOUND;
+    if (reading.byUnknownKey) {
+        return reading;
+    }
+    if (!verified) {
+        throw Objection(kRefused, whyNotVerified(code), calls);
+    }
+    SetupHandle const setup(CreateConfigurationSetup());
+    must(calls, "ConfigurationSetup_SetConfiguration",
+         ConfigurationSetup_SetConfiguration(setup.get(), m_Account.directory().c_str()));
+    reading.serverKey =
+        mustCopy(calls, "ConfigurationSetup_GetAttribute (VTKEYID)", fromDirectory(setup, "config.xml", "VTKEYID"));
+    std::string const key = demo::attributeOf(*reading.message, "KEYID").text;
+    // What our own key signed, as every payment message in a visitor's address, tells nothing of the service's keys.
+    reading.byUnknownKey = key != reading.serverKey && !isOwnKey(setup, key);
+    return reading;
+}
+
 Confirmation CashDesk::verify(Order const& order, std::vector<std::string> const& results, std::string const& data,
                               std::string const& signature, Calls& calls) const {
     // The library takes text up to a zero byte, so what stands behind it would go unverified.
@@ -123,27 +167,21 @@ Confirmation CashDesk::verify(Order const& order, std::vector<std::string> const
     if (signature.find('\0') != std::string::npos) {
         throw Objection(kRefused, "What came as its signature holds a zero byte, so it is none.");
     }
-    FactoryHandle const factory(CreateMessageFactory());
-    must(calls, "MessageFactory_Open", MessageFactory_Open(factory.get(), m_Directory.c_str()));
-    MessageHandle message;
-    std::int32_t const code =
-        MessageFactory_VerifyPayConfirm(factory.get(), data.c_str(), signature.c_str(), message.out());
-    if (!noted(calls, "MessageFactory_VerifyPayConfirm", code)) {
-        throw Objection(kRefused, whyNotVerified(code), calls);
+    Reading reading = read(data, signature, calls);
+    if (reading.byUnknownKey) {
+        m_Account.setUpAgain(calls);
+        reading = read(data, signature, calls);
     }
-    SetupHandle const setup(CreateConfigurationSetup());
-    must(calls, "ConfigurationSetup_SetConfiguration",
-         ConfigurationSetup_SetConfiguration(setup.get(), m_Directory.c_str()));
-    std::string const serverKey = mustCopy(
-        calls, "ConfigurationSetup_GetAttribute (VTKEYID)", demo::copiedText([&](std::int32_t* size, char* buffer) {
-            return ConfigurationSetup_GetAttribute(setup.get(), "config.xml", "VTKEYID", size, buffer);
-        }));
+    if (reading.byUnknownKey) {
+        throw Objection(kRefused, "It is signed by a key which the payment service does not name as its own.", calls);
+    }
+    MessageHandle const& message = *reading.message;
     std::vector<std::string> tokens = order.overtaken;
     tokens.push_back(order.payment.token);
     // A good signature alone proves little: messages of other kinds and orders, and older ones, are signed as well.
     Demand const demands[] = {
         {"MSGTYPE", {"PayConfirm"}, "It is genuine, but it confirms nothing."},
-        {"KEYID", {serverKey}, "It is not the payment service who signed it."},
+        {"KEYID", {reading.serverKey}, "It is not the payment service who signed it."},
         {"ORDERID", {order.number}, "It is genuine, but it is the confirmation of another order."},
         {"TOKEN", tokens, "It is genuine, but it is the confirmation of another payment."},
         {"AMOUNT", {amountText(order.cents)}, "It is over another amount."},
@@ -162,7 +200,7 @@ Confirmation CashDesk::verify(Order const& order, std::vector<std::string> const
 bool CashDesk::capture(Confirmation const& confirmation, Calls& calls) const {
     // Only an object that was opened on the directory has our key to sign with; it then gets the confirmation's text.
     MessageHandle const message(CreateMessageObject());
-    return noted(calls, "MessageObject_Open", MessageObject_Open(message.get(), m_Directory.c_str())) &&
+    return noted(calls, "MessageObject_Open", MessageObject_Open(message.get(), m_Account.directory().c_str())) &&
            noted(calls, "MessageObject_FromString",
                  MessageObject_FromString(message.get(), confirmation.data.c_str())) &&
            noted(calls, "MessageObject_Capture", MessageObject_Capture(message.get()));
@@ -172,7 +210,7 @@ bool CashDesk::complete(Confirmation const& confirmation, Calls& calls) const {
     FactoryHandle const factory(CreateMessageFactory());
     MessageHandle completion;
     MessageHandle answer;
-    return noted(calls, "MessageFactory_Open", MessageFactory_Open(factory.get(), m_Directory.c_str())) &&
+    return noted(calls, "MessageFactory_Open", MessageFactory_Open(factory.get(), m_Account.directory().c_str())) &&
            noted(calls, "MessageFactory_CreatePayComplete",
                  MessageFactory_CreatePayComplete(factory.get(), confirmation.id.c_str(), confirmation.token.c_str(),
                                                   completion.out())) &&
@@ -184,7 +222,7 @@ std::string CashDesk::state(std::string const& token, Calls& calls) const {
     MessageHandle question;
     MessageHandle answer;
     bool const answered =
-        noted(calls, "MessageFactory_Open", MessageFactory_Open(factory.get(), m_Directory.c_str())) &&
+        noted(calls, "MessageFactory_Open", MessageFactory_Open(factory.get(), m_Account.directory().c_str())) &&
         noted(calls, "MessageFactory_CreateRequest (Status)",
               MessageFactory_CreateRequest(factory.get(), "Status", question.out())) &&
         noted(calls, "MessageObject_SetAttribute (TOKEN)",

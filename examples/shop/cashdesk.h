@@ -1,8 +1,10 @@
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "merchantaccount.h"
 #include "objection.h"
 #include "orders.h"
 
@@ -14,8 +16,8 @@ namespace storefront {
 /// wait for the service, as long as it takes.
 class CashDesk {
 public:
-    /// `directory` is the configuration directory of the account.
-    explicit CashDesk(std::string directory) : m_Directory(std::move(directory)) {}
+    /// Borrows `account`.
+    explicit CashDesk(MerchantAccount& account) : m_Account(account) {}
 
     /// Starts a payment for the order's number and amount, over which the visitor comes back to `orderAddress` followed
     /// by "/paid", "/declined" or "/cancelled". Sends nothing. Throws Objection.
@@ -23,7 +25,8 @@ public:
 
     /// What is in a message that came back with the visitor, when the service signed it and it is the confirmation of
     /// the order's latest payment or one that it overtook, over the whole amount, with one of `results` ("authorised").
-    /// Throws Objection with what is wrong otherwise. Whether it has come before is the caller's question.
+    /// Throws Objection with what is wrong otherwise. Whether it has come before is the caller's question. Network,
+    /// when a key signed it that the service may have made meanwhile.
     Confirmation verify(Order const& order, std::vector<std::string> const& results, std::string const& data,
                         std::string const& signature, Calls& calls) const;
 
@@ -38,7 +41,11 @@ public:
     std::string state(std::string const& token, Calls& calls) const;
 
 private:
-    std::string m_Directory;
+    struct Reading;
+
+    [[nodiscard]] Reading read(std::string const& data, std::string const& signature, Calls& calls) const;
+
+    MerchantAccount& m_Account;
 };
 
 }  // namespace storefront

@@ -70,8 +70,7 @@ Objection tooLate(Order const& order, Confirmation const& confirmation, Calls co
 
 }  // namespace
 
-Sales::Sales(std::string directory, std::string address)
-    : m_Address(std::move(address)), m_Desk(std::move(directory)) {}
+Sales::Sales(MerchantAccount& account, std::string address) : m_Address(std::move(address)), m_Desk(account) {}
 
 Order Sales::order(std::string const& number) const {
     std::optional<Order> const found = m_Orders.find(number);

@@ -20,8 +20,8 @@ struct WayBack {
 /// shop does not carry out is an Objection, after which everything is as before.
 class Sales {
 public:
-    /// `directory` is the configuration directory of the account, `address` the shop's own, up to the port.
-    Sales(std::string directory, std::string address);
+    /// Borrows `account`. `address` is the shop's own, up to the port.
+    Sales(MerchantAccount& account, std::string address);
 
     [[nodiscard]] Baskets& baskets() { return m_Baskets; }
 

@@ -1,5 +1,4 @@
 #include <pthread.h>
-#include <tallowin/tallowin.h>
 #include <unistd.h>
 
 #include <charconv>
@@ -8,12 +7,9 @@
 #include <exception>
 #include <iostream>
 #include <optional>
-#include <stdexcept>
 #include <string>
-#include <system_error>
 
-#include "../demo/merchanthandle.h"
-#include "../demo/story.h"
+#include "merchantaccount.h"
 #include "storefront.h"
 
 namespace {
@@ -62,40 +58,14 @@ std::optional<Arguments> readArguments(int argc, char** argv) {
     return Arguments{argv[1], argv[2], argv[3], password, *port};
 }
 
-void must(char const* what, std::int32_t code) {
-    if (code != KVX_OK) {
-        throw std::runtime_error(std::string(what) + ": " + demo::resultText(code));
-    }
-}
-
-/// Registers the directory with the service, once in its life: the name of the current key is written last.
-void setUp(Arguments const& arguments) {
-    demo::SetupHandle const setup(CreateConfigurationSetup());
-    std::int32_t const chosen = ConfigurationSetup_SetConfiguration(setup.get(), arguments.directory.c_str());
-    if (chosen > 0) {  // the system's errno
-        throw std::runtime_error("the directory \"" + arguments.directory +
-                                 "\" cannot be made: " + std::generic_category().message(chosen));
-    }
-    must("choosing the directory", chosen);
-    demo::CopiedText const key = demo::copiedText([&](std::int32_t* size, char* buffer) {
-        return ConfigurationSetup_GetAttribute(setup.get(), "keys/current", "", size, buffer);
-    });
-    if (key.code != KVX_E_CANNOT_OPEN) {
-        must("reading the name of the current key", key.code);
-        return;
-    }
-    must("registering", ConfigurationSetup_Reconfigure(setup.get(), arguments.service.c_str(), arguments.user.c_str(),
-                                                       arguments.password.c_str()));
-}
-
-void serve(Arguments const& arguments) {
+void serve(storefront::MerchantAccount& account, int port) {
     sigset_t endings;
     sigemptyset(&endings);
     sigaddset(&endings, SIGINT);
     sigaddset(&endings, SIGTERM);
     // Blocked before the first thread starts, so that only sigwait() takes them.
     pthread_sigmask(SIG_BLOCK, &endings, nullptr);
-    storefront::Storefront const shop(arguments.directory, arguments.port);
+    storefront::Storefront const shop(account, port);
     std::cout << "The shop is open at " << shop.address() << "/" << std::endl;
     int ending = 0;
     sigwait(&endings, &ending);
@@ -116,8 +86,10 @@ int main(int argc, char** argv) {
         return kUsage;
     }
     try {
-        setUp(*arguments);
-        serve(*arguments);
+        storefront::MerchantAccount account(arguments->directory, arguments->service, arguments->user,
+                                            arguments->password);
+        account.setUpOnce();
+        serve(account, arguments->port);
     } catch (std::exception const& failure) {
         std::cerr << "tallowin-shop: " << failure.what() << '\n';
         return EXIT_FAILURE;

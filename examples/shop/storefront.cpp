@@ -75,7 +75,7 @@ httplib::Server::HandlerResponse explainFailure(Request const&, Response& reply)
 
 }  // namespace
 
-Storefront::Storefront(std::string const& directory, int port) : m_Port(listenOn(port)), m_Sales(directory, address()) {
+Storefront::Storefront(MerchantAccount& account, int port) : m_Port(listenOn(port)), m_Sales(account, address()) {
     addPages();
     m_Thread = std::thread([this] { m_Http.listen_after_bind(); });
     // The server can be stopped only once it runs; that it answers shows that it does.

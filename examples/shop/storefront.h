@@ -12,9 +12,9 @@ namespace storefront {
 /// The shop's web server on 127.0.0.1, from construction to destruction.
 class Storefront {
 public:
-    /// Opens the shop on `port`, 0 for a free one; `directory` is the configuration directory of the account. Throws
-    /// std::runtime_error when that is not possible.
-    Storefront(std::string const& directory, int port);
+    /// Opens the shop on `port`, 0 for a free one. Borrows `account`, which is set up. Throws std::runtime_error when
+    /// that is not possible.
+    Storefront(MerchantAccount& account, int port);
 
     /// Answers what has been asked, then closes.
     ~Storefront();

@@ -144,7 +144,7 @@ class WayBackFaults(WalkCase):
         self.refuse("signature", kind="wrong-key")
 
     def test_stale_key(self):
-        self.refuse("It does not say that the payment service signed it.", kind="stale-key")
+        self.refuse("It is signed by a key which the payment service does not name as its own.", kind="stale-key")
 
     def test_wrong_type(self):
         self.refuse("MSGTYPE", kind="wrong-type")

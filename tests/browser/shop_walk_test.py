@@ -64,6 +64,12 @@ class Purchase(WalkCase):
         self.check_paid(order)
         self.assertEqual(self.payment_states(order), ["completed"])
 
+    def test_pays_after_the_payment_service_changed_its_key(self):
+        order = self.start_buying_a_candle()
+        self.stage.ask("POST", "/keys/rotate", {})
+        self.decide("pay")
+        self.check_paid(order)
+
     def test_pays_once_when_returning_twice(self):
         order = self.start_buying_a_candle()
         self.decide("pay")

@@ -119,6 +119,19 @@ class ShopCase(SandboxCase):
     def stop_shop(self):
         self.assertEqual(self.shop.stop(), (0, "", ""))
 
+    def control(self, path, content=None):
+        """Asks the control API, or has it change something. Returns its answer."""
+        control = urllib.parse.urlsplit(self.addresses["control"])
+        connection = http.client.HTTPConnection(control.hostname, control.port, timeout=PAGE_SECONDS)
+        try:
+            connection.request("GET" if content is None else "POST", control.path + path, json.dumps(content),
+                               {"Content-Type": "application/json"})
+            answer = connection.getresponse()
+            self.assertIn(answer.status, (200, 201))
+            return json.load(answer)
+        finally:
+            connection.close()
+
     def check_page(self, page, status, *wanted):
         """The page has that status, reads so, and is decent HTML."""
         self.assertEqual(page.status, status, page.text)
@@ -388,21 +401,10 @@ class ShopLatePayment(ShopCase):
 
     def setUp(self):
         super().setUp()
-        self.set_clock_ahead(hours=-2)  # the service takes until an hour ago for the future
+        self.control("/clock", {"ahead": -2 * 3600})  # the service takes an hour ago for the future
         self.set_seconds_to_pay("3600", "-3600")
         self.path, self.late = self.buy_candle()
         self.set_seconds_to_pay("-3600", "3600")
-
-    def set_clock_ahead(self, hours):
-        """The payment service believes that it is that much later."""
-        control = urllib.parse.urlsplit(self.addresses["control"])
-        connection = http.client.HTTPConnection(control.hostname, control.port, timeout=PAGE_SECONDS)
-        try:
-            connection.request("POST", control.path + "/clock", json.dumps({"ahead": hours * 3600}),
-                               {"Content-Type": "application/json"})
-            self.assertEqual(connection.getresponse().status, 200)
-        finally:
-            connection.close()
 
     def set_seconds_to_pay(self, old, new):
         defaults = self.merchant / "default.xml"
@@ -462,6 +464,64 @@ class ShopLatePayment(ShopCase):
         self.check_page(self.visitor.ask(self.browser.decide(self.late, "decline")), 400, "another has taken its place")
         self.order_page(self.path, "waiting")
         self.come_back(self.browser.decide(new, "pay"), self.path)
+
+
+class ShopKeys(ShopCase):
+    """The payment service signs with a key that it has made since the shop's directory was set up."""
+
+    NOT_THE_SERVICE = "a key which the payment service does not name as its own"
+
+    def set_ups(self):
+        """How often the shop has asked for the account's configuration."""
+        return [exchange["kind"] for exchange in self.control("/exchanges")["exchanges"]].count("setup")
+
+    def test_learns_the_new_key(self):
+        path, url = self.buy_candle()
+        self.control("/keys/rotate", {})
+        self.come_back(self.browser.decide(url, "pay"), path)
+        self.order_page(path, "completed", "ConfigurationSetup_Reconfigure")
+        self.assertEqual(self.set_ups(), 2)
+
+    def test_learns_the_new_key_after_a_new_start(self):
+        path, url = self.buy_candle()
+        self.come_back(self.browser.decide(url, "pay"), path)
+        self.control("/keys/rotate", {})
+        self.stop_shop()
+        self.shop = self.start()
+        self.address = self.shop.line()[len(OPENING):]
+        self.visitor = Visitor(self.address)
+        path, url = self.buy_candle()
+        self.come_back(self.browser.decide(url, "pay"), path)
+        self.order_page(path, "completed")
+
+    def test_learns_the_new_key_once_for_many_visitors(self):
+        self.control("/keys/rotate", {})
+        orders = [self.buy_candle() for _ in range(4)]
+        confirmations = [self.browser.decide(url, "pay") for _, url in orders]
+        pages = self.together(len(orders), lambda: self.visitor.ask(confirmations.pop()))
+        self.assertEqual({(page.status, page.location) for page in pages}, {(303, path) for path, _ in orders})
+        self.assertEqual(self.set_ups(), 2)
+
+    def test_does_not_ask_for_every_forgery(self):
+        path, _ = self.buy_candle()
+        for key in ("nobody", "1-SERVER-0", "../current", "nobody"):
+            query = urllib.parse.urlencode({"DATA": f'<KVX MSGTYPE="PayConfirm" KEYID="{key}"/>', "SIGNATURE": "00"})
+            self.check_page(self.visitor.ask(path + "/paid?" + query), 400, self.NOT_THE_SERVICE)
+        self.assertEqual(self.set_ups(), 2)
+
+    def test_does_not_ask_when_its_own_message_comes_back(self):
+        path, url = self.buy_candle()
+        own = url.replace(self.addresses["pay"], path + "/paid")
+        self.check_page(self.visitor.ask(own), 400, "it confirms nothing")
+        self.assertEqual(self.set_ups(), 1)
+
+    def test_tells_that_it_cannot_ask(self):
+        path, url = self.buy_candle()
+        self.control("/keys/rotate", {})
+        paid = self.browser.decide(url, "pay")
+        self.control("/accounts", {"user": "demo", "password": "changed"})
+        self.check_page(self.visitor.ask(paid), 400, self.NOT_THE_SERVICE, "ConfigurationSetup_Reconfigure0x80040213")
+        self.order_page(path, "waiting")
 
 
 class ShopRefusals(ShopCase):

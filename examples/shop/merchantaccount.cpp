@@ -1,0 +1,61 @@
+#include "merchantaccount.h"
+
+#include <tallowin/tallowin.h>
+
+#include <cstdint>
+#include <stdexcept>
+#include <system_error>
+
+#include "../demo/merchanthandle.h"
+#include "../demo/story.h"
+
+namespace storefront {
+
+namespace {
+
+constexpr std::chrono::seconds kPause{30};
+constexpr std::chrono::seconds kPatience{5};
+
+void must(char const* what, std::int32_t code) {
+    if (code != KVX_OK) {
+        throw std::runtime_error(std::string(what) + ": " + demo::resultText(code));
+    }
+}
+
+}  // namespace
+
+void MerchantAccount::setUpOnce() {
+    demo::SetupHandle const setup(CreateConfigurationSetup());
+    std::int32_t const chosen = ConfigurationSetup_SetConfiguration(setup.get(), m_Directory.c_str());
+    if (chosen > 0) {  // the system's errno
+        throw std::runtime_error("the directory \"" + m_Directory +
+                                 "\" cannot be made: " + std::generic_category().message(chosen));
+    }
+    must("choosing the directory", chosen);
+    // The name of the current key is written last.
+    demo::CopiedText const key = demo::copiedText([&](std::int32_t* size, char* buffer) {
+        return ConfigurationSetup_GetAttribute(setup.get(), "keys/current", "", size, buffer);
+    });
+    if (key.code != KVX_E_CANNOT_OPEN) {
+        must("reading the name of the current key", key.code);
+        return;
+    }
+    must("registering",
+         ConfigurationSetup_Reconfigure(setup.get(), m_Service.c_str(), m_User.c_str(), m_Password.c_str()));
+}
+
+void MerchantAccount::setUpAgain(Calls& calls) {
+    std::unique_lock<std::timed_mutex> const turn(m_Mutex, kPatience);
+    if (!turn || std::chrono::steady_clock::now() < m_Next) {
+        return;
+    }
+    demo::SetupHandle const setup(CreateConfigurationSetup());
+    std::int32_t code = ConfigurationSetup_SetConfiguration(setup.get(), m_Directory.c_str());
+    if (code == KVX_OK) {
+        code = ConfigurationSetup_Reconfigure(setup.get(), m_Service.c_str(), m_User.c_str(), m_Password.c_str());
+    }
+    calls.push_back({"ConfigurationSetup_Reconfigure", demo::resultText(code)});
+    m_Next = std::chrono::steady_clock::now() + kPause;
+}
+
+}  // namespace storefront

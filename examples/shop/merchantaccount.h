@@ -1,0 +1,44 @@
+#pragma once
+
+#include <chrono>
+#include <mutex>
+#include <string>
+#include <utility>
+
+#include "objection.h"
+
+namespace storefront {
+
+/// A merchant's account at the payment service, and its configuration directory. Any thread may call any function at
+/// any time.
+class MerchantAccount {
+public:
+    /// `service` is the service's set-up address.
+    MerchantAccount(std::string directory, std::string service, std::string user, std::string password)
+        : m_Directory(std::move(directory)),
+          m_Service(std::move(service)),
+          m_User(std::move(user)),
+          m_Password(std::move(password)) {}
+
+    [[nodiscard]] std::string const& directory() const { return m_Directory; }
+
+    /// Registers the directory with the service when that has not been done in the directory's life. Network. Throws
+    /// std::runtime_error.
+    void setUpOnce();
+
+    /// Registers once more, which imports the key that the service signs with now. Network.
+    ///
+    /// Whoever has a visitor's address can make the shop call this, so it happens twice a minute at most: meanwhile
+    /// callers get what the last time brought. A caller waits for one that is under way, but not for long.
+    void setUpAgain(Calls& calls);
+
+private:
+    std::string m_Directory;
+    std::string m_Service;
+    std::string m_User;
+    std::string m_Password;
+    std::timed_mutex m_Mutex;                           ///< Held during a set-up.
+    std::chrono::steady_clock::time_point m_Next = {};  ///< Before this there is no other. Guarded by m_Mutex.
+};
+
+}  // namespace storefront
