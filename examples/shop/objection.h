@@ -19,7 +19,7 @@ using Calls = std::vector<Call>;
 class Objection : public std::exception {
 public:
     /// Whose mistake it is, as a status of HTTP.
-    enum Fault { Visitor = 400, Unknown = 404, Shop = 500 };
+    enum Fault { Visitor = 400, Unknown = 404, Shop = 500, Busy = 503 };
 
     Objection(std::string title, std::string reason, Calls calls = {}, Fault fault = Visitor)
         : m_Title(std::move(title)), m_Reason(std::move(reason)), m_Calls(std::move(calls)), m_Fault(fault) {}

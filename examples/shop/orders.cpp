@@ -113,6 +113,17 @@ bool Orders::settleAgain(std::string const& number) {
     return true;
 }
 
+std::vector<std::string> Orders::inSettlement() const {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    std::vector<std::string> numbers;
+    for (auto const& [number, order] : m_Orders) {
+        if (order.settling) {
+            numbers.push_back(number);
+        }
+    }
+    return numbers;
+}
+
 void Orders::settled(std::string const& number, OrderState state, Calls const& calls) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Order& order = m_Orders.at(number);

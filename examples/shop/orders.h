@@ -91,6 +91,9 @@ public:
     /// True for one caller at a time, for a paid order that is neither completed nor being settled: settle it as above.
     bool settleAgain(std::string const& number);
 
+    /// The numbers of the orders that are being settled right now.
+    [[nodiscard]] std::vector<std::string> inSettlement() const;
+
     /// Tells how far settling came.
     void settled(std::string const& number, OrderState state, Calls const& calls);
 

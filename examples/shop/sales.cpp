@@ -151,9 +151,14 @@ std::string Sales::orderAddress(std::string const& number) const {
 
 /// Whether the order's payment ran out of time. One that the service has as authorised did not: its page leads the
 /// visitor back. Without an answer a new payment is made all the same; the old one can still come in, as overtaken.
-bool Sales::waitsInVain(Order const& order, Calls& calls) const {
+bool Sales::waitsInVain(Order const& order, Calls& calls) {
     if (order.state != OrderState::Waiting || !isTooLate(order.payment)) {
         return false;
+    }
+    Turn const turn(m_TurnsTaken);
+    if (!turn) {
+        throw Objection("Please try again in a minute", "The payment service is slow, and others wait for it already.",
+                        {}, Objection::Busy);
     }
     std::string const state = m_Desk.state(order.payment.token, calls);
     return state != "authorised" && !isCaptured(state);
@@ -163,6 +168,11 @@ bool Sales::waitsInVain(Order const& order, Calls& calls) const {
 void Sales::settle(Order const& order) {
     OrderState const asBefore = order.state == OrderState::Paid ? OrderState::CaptureFailed : order.state;
     Calls calls;
+    Turn const turn(m_TurnsTaken);
+    if (!turn) {
+        m_Orders.settled(order.number, asBefore, {{"MessageObject_Capture", "not called, too many others wait"}});
+        return;
+    }
     try {
         m_Orders.settled(order.number, carryOut(order, calls), calls);
     } catch (...) {

@@ -1,10 +1,13 @@
 #pragma once
 
+#include <atomic>
 #include <string>
+#include <vector>
 
 #include "baskets.h"
 #include "cashdesk.h"
 #include "orders.h"
+#include "turn.h"
 
 namespace storefront {
 
@@ -45,10 +48,13 @@ public:
     /// Captures and completes a paid order, as far as that is still to be done. Does nothing for any other order.
     void tryAgain(std::string const& number);
 
+    /// The orders that are being captured or completed right now.
+    [[nodiscard]] std::vector<std::string> inSettlement() const { return m_Orders.inSettlement(); }
+
 private:
     [[nodiscard]] std::string orderAddress(std::string const& number) const;
 
-    [[nodiscard]] bool waitsInVain(Order const& order, Calls& calls) const;
+    [[nodiscard]] bool waitsInVain(Order const& order, Calls& calls);
     void settle(Order const& order);
     [[nodiscard]] OrderState carryOut(Order const& order, Calls& calls) const;
 
@@ -56,6 +62,7 @@ private:
     CashDesk m_Desk;
     Baskets m_Baskets;
     Orders m_Orders;
+    std::atomic<int> m_TurnsTaken{0};  ///< How many wait for the service; see Turn.
 };
 
 }  // namespace storefront

@@ -1,13 +1,14 @@
 #include <pthread.h>
-#include <unistd.h>
 
 #include <charconv>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "merchantaccount.h"
 #include "storefront.h"
@@ -17,8 +18,9 @@ namespace {
 constexpr int kUsage = 2;
 constexpr int kHighestPort = 65535;
 
-// The library waits for the service without a limit, and so would a shop that ends in the middle of a capture.
-constexpr unsigned kLongestEndSeconds = 10;
+// The library waits for the service without a limit, and so would a shop that ends in the middle of a capture. Longer
+// than a visitor may take to send a request.
+constexpr std::chrono::seconds kLongestEnd{7};
 
 char const kHelp[] =
     "Usage: TALLOWIN_PASSWORD=... tallowin-shop DIRECTORY SERVICE USER [--port N]\n"
@@ -29,6 +31,9 @@ char const kHelp[] =
     "  SERVICE    the payment service's set-up address, such as http://127.0.0.1:8080/auto of a tallowin-sandbox\n"
     "  USER       the account's user; a sandbox is born with \"demo\", password \"demo\"\n"
     "  --port N   the shop's port; without it, or with 0, a free one\n"
+    "\n"
+    "When it is told to end in the middle of a capture that the service does not answer, it says on standard error\n"
+    "which orders were not finished: orders live in memory.\n"
     "\n"
     "Exit status: 0 when it was told to end, 1 when it could not open, 2 for wrong usage.\n";
 
@@ -58,6 +63,16 @@ std::optional<Arguments> readArguments(int argc, char** argv) {
     return Arguments{argv[1], argv[2], argv[3], password, *port};
 }
 
+/// Ends the program at once: threads still wait for the service, for ever perhaps.
+[[noreturn]] void leaveUnfinished(std::vector<std::string> const& orders) {
+    std::cerr << "tallowin-shop: ended before everything was answered\n";
+    for (std::string const& order : orders) {
+        std::cerr << "tallowin-shop: order " << order
+                  << " is paid, but its capture is not confirmed: ask the payment service how it stands\n";
+    }
+    std::_Exit(EXIT_SUCCESS);
+}
+
 void serve(storefront::MerchantAccount& account, int port) {
     sigset_t endings;
     sigemptyset(&endings);
@@ -65,11 +80,13 @@ void serve(storefront::MerchantAccount& account, int port) {
     sigaddset(&endings, SIGTERM);
     // Blocked before the first thread starts, so that only sigwait() takes them.
     pthread_sigmask(SIG_BLOCK, &endings, nullptr);
-    storefront::Storefront const shop(account, port);
+    storefront::Storefront shop(account, port);
     std::cout << "The shop is open at " << shop.address() << "/" << std::endl;
     int ending = 0;
     sigwait(&endings, &ending);
-    alarm(kLongestEndSeconds);
+    if (!shop.close(kLongestEnd)) {
+        leaveUnfinished(shop.inSettlement());
+    }
 }
 
 }  // namespace

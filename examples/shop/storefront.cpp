@@ -24,7 +24,6 @@ constexpr int kNotFound = 404;
 constexpr int kServerError = 500;
 constexpr std::size_t kKeyWords = 4;
 constexpr std::size_t kLargestForm = 8192;
-constexpr std::size_t kRequestsPerConnection = 1;
 constexpr std::chrono::seconds kStartPatience{60};
 
 void send(Response& reply, std::string const& page, int status = 200) {
@@ -77,20 +76,24 @@ httplib::Server::HandlerResponse explainFailure(Request const&, Response& reply)
 
 Storefront::Storefront(MerchantAccount& account, int port) : m_Port(listenOn(port)), m_Sales(account, address()) {
     addPages();
-    m_Thread = std::thread([this] { m_Http.listen_after_bind(); });
+    m_Serving = std::async(std::launch::async, [this] { m_Http.listen_after_bind(); });
     // The server can be stopped only once it runs; that it answers shows that it does.
     httplib::Client self(kHost, m_Port);
     self.set_read_timeout(kStartPatience);
     if (!self.Get("/")) {
         m_Http.stop();
-        m_Thread.join();
         throw std::runtime_error("the shop does not answer at " + address());
     }
 }
 
 Storefront::~Storefront() {
     m_Http.stop();
-    m_Thread.join();
+    m_Serving.wait();
+}
+
+bool Storefront::close(std::chrono::seconds patience) {
+    m_Http.stop();
+    return m_Serving.wait_for(patience) == std::future_status::ready;
 }
 
 std::string Storefront::address() const {
@@ -113,8 +116,6 @@ int Storefront::listenOn(int port) {
 
 void Storefront::addPages() {
     m_Http.set_payload_max_length(kLargestForm);
-    // A connection that a browser keeps for later would hold up the end of the shop.
-    m_Http.set_keep_alive_max_count(kRequestsPerConnection);
     // The address of an order is its key, so it is told to nobody else.
     m_Http.set_default_headers(
         {{"Cache-Control", "no-store"},

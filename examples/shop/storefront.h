@@ -1,10 +1,11 @@
 #pragma once
 
-#include <httplib.h>
-
+#include <chrono>
+#include <future>
 #include <string>
-#include <thread>
+#include <vector>
 
+#include "boundedserver.h"
 #include "sales.h"
 
 namespace storefront {
@@ -16,13 +17,19 @@ public:
     /// that is not possible.
     Storefront(MerchantAccount& account, int port);
 
-    /// Answers what has been asked, then closes.
+    /// Answers what has been asked, then closes, however long the payment service lets that wait.
     ~Storefront();
     Storefront(Storefront const&) = delete;
     Storefront& operator=(Storefront const&) = delete;
 
     /// The shop's address, up to the port.
     [[nodiscard]] std::string address() const;
+
+    /// Closes. False when what has been asked is not answered within `patience`.
+    [[nodiscard]] bool close(std::chrono::seconds patience);
+
+    /// The orders that are being captured or completed right now.
+    [[nodiscard]] std::vector<std::string> inSettlement() const { return m_Sales.inSettlement(); }
 
 private:
     using Request = httplib::Request;
@@ -42,10 +49,10 @@ private:
     void comeBack(Request const& request, Reply& reply);
     std::string knownVisitor(Request const& request, Reply& reply);
 
-    httplib::Server m_Http;
+    BoundedServer m_Http;
     int m_Port;
     Sales m_Sales;
-    std::thread m_Thread;
+    std::future<void> m_Serving;  ///< Ready when everything is answered and closed.
 };
 
 }  // namespace storefront

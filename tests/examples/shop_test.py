@@ -10,8 +10,10 @@ import http.client
 import http.server
 import json
 import os
+import pathlib
 import re
 import signal
+import socket
 import sqlite3
 import threading
 import unittest
@@ -637,12 +639,19 @@ class Relay:
     def __init__(self, capture):
         self.refused = set()  # types of messages that do not reach the service
         self.lost = set()  # types of messages whose answers do not come back
+        self.held = set()  # types of messages that wait until release(), and do not reach the service
+        self.holding = threading.Semaphore(0)  # one for each that waits or has waited
+        self.released = threading.Event()
         self.passed = []  # the types of all messages that reached the service
         relay = self
 
         class Handler(http.server.BaseHTTPRequestHandler):
             def do_GET(self):
                 kind = re.search(r'MSGTYPE="([^"]*)"', parameters(self.path)[0]).group(1)
+                if kind in relay.held:
+                    relay.holding.release()
+                    relay.released.wait(PAGE_SECONDS)
+                    return
                 if kind in relay.refused:
                     self.send_error(503)
                     return
@@ -656,12 +665,23 @@ class Relay:
             def log_message(self, *_):
                 pass
 
-        self.server = http.server.HTTPServer(("127.0.0.1", 0), Handler)
+        self.server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
         self.address = f"http://127.0.0.1:{self.server.server_port}/capture"
         self.thread = threading.Thread(target=self.server.serve_forever, args=(0.02,))
         self.thread.start()
 
+    def wait_until_holding(self, count):
+        for _ in range(count):
+            if not self.holding.acquire(timeout=PAGE_SECONDS):
+                raise AssertionError("fewer messages came than expected")
+
+    def release(self):
+        """Lets what is held go without an answer, and holds nothing more."""
+        self.held = set()
+        self.released.set()
+
     def close(self):
+        self.release()
         self.server.shutdown()
         self.server.server_close()
         self.thread.join()
@@ -706,6 +726,99 @@ class ShopWithUnreliableService(ShopCase):
         self.try_again()
         self.order_page(self.path, "completed")
         self.assertEqual(self.relay.passed, ["PayConfirm", "StatusRequest", "StatusRequest", "PayCompleteRequest"])
+
+
+    def test_stays_open_while_captures_stall(self):
+        """As many orders as may wait for the service at once do; another one is told to try again."""
+        others = [self.buy_candle() for _ in range(8)]
+        stalled = [(path, self.browser.decide(url, "pay")) for path, url in others]
+        self.relay.held = {"PayConfirm"}
+        threads = [threading.Thread(target=self.come_back, args=(paid, path)) for path, paid in stalled]
+        for thread in threads:
+            thread.start()
+        self.relay.wait_until_holding(len(stalled))
+        self.come_back(self.paid, self.path)
+        self.order_page(self.path, "capture failed", "not called, too many others wait", "Try again")
+        self.check_page(self.visitor.ask("/"), 200, "Beeswax candle")
+        self.order_page(stalled[0][0], "paid", "is being captured")
+        self.relay.release()
+        for thread in threads:
+            thread.join()
+        for self.path in [self.path, *(path for path, _ in stalled)]:
+            self.try_again()
+            self.order_page(self.path, "completed")
+        self.assertEqual(self.states(), ["completed"] * 9)
+
+    def test_ends_with_success_while_a_capture_stalls(self):
+        shop = self.start()
+        visitor = Visitor(shop.line()[len(OPENING):])
+        self.add("candle", 1, visitor)
+        url = self.check_out(visitor)
+        paid = self.browser.decide(url, "pay")
+        self.relay.held = {"PayConfirm"}
+        thread = threading.Thread(target=lambda: self.assertRaises(OSError, visitor.ask, paid))
+        thread.start()
+        self.relay.wait_until_holding(1)
+        status, out, errors = shop.stop()
+        thread.join()
+        self.assertEqual((status, out), (0, ""))
+        self.assertIn(f"order {self.order_of(url).rpartition('/')[2]} is paid, but its capture is not confirmed",
+                      errors)
+
+
+class ShopUnderPressure(ShopCase):
+    """Clients that want more of the shop than is good for the others."""
+
+    def connect(self, text):
+        place = urllib.parse.urlsplit(self.address)
+        connection = socket.create_connection((place.hostname, place.port), timeout=PAGE_SECONDS)
+        self.addCleanup(connection.close)
+        connection.sendall(text)
+        return connection
+
+    def most_memory(self):
+        """The most that the shop has used so far, in KB."""
+        status = pathlib.Path(f"/proc/{self.shop.process.pid}/status").read_text()
+        return int(re.search(r"VmHWM:\s*(\d+) kB", status).group(1))
+
+    def test_clients_that_never_finish_their_requests(self):
+        clients = [self.connect(b"GET / HTTP/1.1\r\nX: ") for _ in range(80)]
+        ended = threading.Event()
+
+        def go_on():
+            while not ended.wait(0.1):
+                for client in clients:
+                    try:
+                        client.send(b"x")
+                    except OSError:
+                        pass  # the shop has given it up
+
+        thread = threading.Thread(target=go_on)
+        thread.start()
+        try:
+            self.check_page(self.visitor.ask("/"), 200, "Beeswax candle")
+        finally:
+            ended.set()
+            thread.join()
+
+    def test_requests_without_measure(self):
+        chunk = b"x" * 65536
+        requests = {
+            "headers": (b"GET / HTTP/1.1\r\n", (b"X: " + b"x" * 1000 + b"\r\n") * 64),
+            "one header": (b"GET / HTTP/1.1\r\nX: ", chunk),
+            "address": (b"GET /", chunk),
+            "chunks": (b"POST /basket/add HTTP/1.1\r\nContent-Type: text/plain\r\nTransfer-Encoding: chunked\r\n\r\n",
+                       b"10000\r\n" + chunk + b"\r\n"),
+        }
+        for name, (start, more) in requests.items():
+            with self.subTest(name):
+                before = self.most_memory()
+                client = self.connect(start)
+                with self.assertRaises(OSError):
+                    for _ in range(1024):
+                        client.sendall(more)
+                self.assertLess(self.most_memory() - before, 16384)
+        self.check_page(self.visitor.ask("/"), 200, "Beeswax candle")
 
 
 class ShopWithoutService(ShopCase):
