@@ -110,6 +110,7 @@ Payment CashDesk::openPayment(Order const& order, std::string const& orderAddres
         {"SUCCESSLINK", orderAddress + "/paid"},
         {"FAILLINK", orderAddress + "/declined"},
         {"BACKLINK", orderAddress + "/cancelled"},
+        {"NOTIFYADDRESS", orderAddress + "/notified"},
     };
     for (auto const& [name, value] : attributes) {
         must(calls, callFor("MessageObject_SetAttribute", name),

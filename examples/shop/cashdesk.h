@@ -20,13 +20,14 @@ public:
     explicit CashDesk(MerchantAccount& account) : m_Account(account) {}
 
     /// Starts a payment for the order's number and amount, over which the visitor comes back to `orderAddress` followed
-    /// by "/paid", "/declined" or "/cancelled". Sends nothing. Throws Objection.
+    /// by "/paid", "/declined" or "/cancelled", and about which the service tells the shop at "/notified". Sends
+    /// nothing. Throws Objection.
     Payment openPayment(Order const& order, std::string const& orderAddress, Calls& calls) const;
 
-    /// What is in a message that came back with the visitor, when the service signed it and it is the confirmation of
-    /// the order's latest payment or one that it overtook, over the whole amount, with one of `results` ("authorised").
-    /// Throws Objection with what is wrong otherwise. Whether it has come before is the caller's question. Network,
-    /// when a key signed it that the service may have made meanwhile.
+    /// What is in a message that came back with the visitor or by itself, when the service signed it and it is the
+    /// confirmation of the order's latest payment or one that it overtook, over the whole amount, with one of `results`
+    /// ("authorised"). Throws Objection with what is wrong otherwise. Whether it has come before is the caller's
+    /// question. Network, when a key signed it that the service may have made meanwhile.
     Confirmation verify(Order const& order, std::vector<std::string> const& results, std::string const& data,
                         std::string const& signature, Calls& calls) const;
 

@@ -69,11 +69,13 @@ bool Orders::waitFor(std::string const& number, std::string const& instead, Paym
     order.payment = payment;
     order.state = OrderState::Waiting;
     order.confirmation = {};
+    order.received.clear();
     order.calls = calls;
     return true;
 }
 
-bool Orders::giveUp(std::string const& number, OrderState state, Confirmation const& confirmation, Calls const& calls) {
+bool Orders::giveUp(std::string const& number, OrderState state, Messenger messenger, Confirmation const& confirmation,
+                    Calls const& calls) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Order& order = m_Orders.at(number);
     if (!waitsFor(order, confirmation)) {
@@ -81,11 +83,12 @@ bool Orders::giveUp(std::string const& number, OrderState state, Confirmation co
     }
     order.state = state;
     order.confirmation = confirmation;
+    order.received[messenger] = confirmation;
     append(order.calls, calls);
     return true;
 }
 
-bool Orders::pay(std::string const& number, Confirmation const& confirmation, Calls const& calls) {
+bool Orders::pay(std::string const& number, Messenger messenger, Confirmation const& confirmation, Calls const& calls) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Order& order = m_Orders.at(number);
     if (!canBePaidBy(order, confirmation)) {
@@ -98,8 +101,21 @@ bool Orders::pay(std::string const& number, Confirmation const& confirmation, Ca
     order.state = OrderState::Paid;
     order.settling = true;
     order.confirmation = confirmation;
+    order.received[messenger] = confirmation;
     append(order.calls, calls);
     return true;
+}
+
+bool Orders::meet(std::string const& number, Messenger messenger, Confirmation const& confirmation) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Order& order = m_Orders.at(number);
+    Confirmation const& accepted = order.confirmation;
+    if (accepted.token != confirmation.token || accepted.id != confirmation.id ||
+        accepted.result != confirmation.result) {
+        return false;
+    }
+    bool const first = order.received.emplace(messenger, confirmation).second;
+    return first || messenger == Messenger::Service || isOpen(order.state);
 }
 
 bool Orders::settleAgain(std::string const& number) {

@@ -35,7 +35,10 @@ struct Payment {
     std::string expiration;  ///< When it is too late to pay, as UTC in the form "YYYYMMDD HH:MM:SS".
 };
 
-/// What came back from the service with the visitor, verified.
+/// Who brought a confirmation: the visitor that came back, or the payment service itself.
+enum class Messenger { Visitor, Service };
+
+/// What the service says of a payment, verified.
 struct Confirmation {
     std::string token;
     std::string id;      ///< The payment's name at the service.
@@ -56,7 +59,8 @@ struct Order {
     OrderState state = OrderState::Waiting;
     bool settling = false;      ///< Somebody is capturing or completing right now.
     Confirmation confirmation;  ///< The accepted one, of `payment` or of one that it overtook; empty before.
-    Calls calls;                ///< What the library did for `payment`, oldest first.
+    std::map<Messenger, Confirmation> received;  ///< The accepted one as each messenger brought it.
+    Calls calls;                                 ///< What the library did for `payment`, oldest first.
 };
 
 /// The orders, as a shop keeps them in its database. All functions may be called by any thread at any time; each
@@ -81,12 +85,18 @@ public:
     bool waitFor(std::string const& number, std::string const& instead, Payment const& payment, Calls const& calls);
 
     /// A confirmation says that the order is not paid. False, changing nothing, when the order does not wait for it.
-    bool giveUp(std::string const& number, OrderState state, Confirmation const& confirmation, Calls const& calls);
+    bool giveUp(std::string const& number, OrderState state, Messenger messenger, Confirmation const& confirmation,
+                Calls const& calls);
 
     /// A confirmation says that the order is paid, by the payment it waits for or by one that was overtaken. True for
     /// the first caller alone, who then is the one to settle it: capture, complete, and call settled(). An order that
     /// another payment has paid keeps in mind that this one is authorised as well.
-    bool pay(std::string const& number, Confirmation const& confirmation, Calls const& calls);
+    bool pay(std::string const& number, Messenger messenger, Confirmation const& confirmation, Calls const& calls);
+
+    /// Whether a confirmation says the same as the one that was accepted, and is no replay. The service may tell as
+    /// often as it likes. A visitor may come back once when the order is paid, and may load the page again when it is
+    /// not.
+    bool meet(std::string const& number, Messenger messenger, Confirmation const& confirmation);
 
     /// True for one caller at a time, for a paid order that is neither completed nor being settled: settle it as above.
     bool settleAgain(std::string const& number);

@@ -119,23 +119,15 @@ std::string Sales::payAgain(std::string const& number) {
 
 void Sales::comeBack(std::string const& number, std::string const& way, std::string const& data,
                      std::string const& signature) {
-    Order const before = order(number);
-    Calls calls;
-    Confirmation const confirmation = m_Desk.verify(before, resultsAt(way), data, signature, calls);
-    OrderState const state = stateAfter(confirmation.result);
-    if (state != OrderState::Paid) {
-        bool const reloaded = before.state == state;
-        if (!m_Orders.giveUp(number, state, confirmation, calls) && !reloaded) {
-            throw tooLate(order(number), confirmation, calls);
-        }
-        return;
+    receive(number, Messenger::Visitor, resultsAt(way), data, signature);
+}
+
+void Sales::takeNotification(std::string const& number, std::string const& data, std::string const& signature) {
+    std::vector<std::string> results;
+    for (WayBack const& way : kWaysBack) {
+        results.emplace_back(way.result);
     }
-    if (!m_Orders.pay(number, confirmation, calls)) {
-        throw tooLate(order(number), confirmation, calls);
-    }
-    Order const paid = order(number);
-    m_Baskets.emptyAfter(paid.visitor, paid.quantities);
-    settle(paid);
+    receive(number, Messenger::Service, results, data, signature);
 }
 
 void Sales::tryAgain(std::string const& number) {
@@ -147,6 +139,24 @@ void Sales::tryAgain(std::string const& number) {
 
 std::string Sales::orderAddress(std::string const& number) const {
     return m_Address + "/orders/" + number;
+}
+
+/// Carries out what a confirmation with one of `results` says.
+void Sales::receive(std::string const& number, Messenger messenger, std::vector<std::string> const& results,
+                    std::string const& data, std::string const& signature) {
+    Calls calls;
+    Confirmation const confirmation = m_Desk.verify(order(number), results, data, signature, calls);
+    OrderState const state = stateAfter(confirmation.result);
+    bool const isFirst = state == OrderState::Paid ? m_Orders.pay(number, messenger, confirmation, calls)
+                                                   : m_Orders.giveUp(number, state, messenger, confirmation, calls);
+    if (!isFirst && !m_Orders.meet(number, messenger, confirmation)) {
+        throw tooLate(order(number), confirmation, calls);
+    }
+    if (isFirst && state == OrderState::Paid) {
+        Order const paid = order(number);
+        m_Baskets.emptyAfter(paid.visitor, paid.quantities);
+        settle(paid);
+    }
 }
 
 /// Whether the order's payment ran out of time. One that the service has as authorised did not: its page leads the

@@ -41,9 +41,14 @@ public:
     std::string payAgain(std::string const& number);
 
     /// The visitor is back from the payment service at the order's address that ends in `way`: "paid", "declined" or
-    /// "cancelled". A paid order is captured and completed; it is paid exactly once.
+    /// "cancelled". A paid order is captured and completed; it is paid exactly once. A visitor
+    /// whose confirmation the service itself has brought before comes back to an order that is paid.
     void comeBack(std::string const& number, std::string const& way, std::string const& data,
                   std::string const& signature);
+
+    /// The payment service tells by itself how the order's payment ended, with what it gives the visitor as well.
+    /// Whichever comes first is carried out; the other one changes nothing.
+    void takeNotification(std::string const& number, std::string const& data, std::string const& signature);
 
     /// Captures and completes a paid order, as far as that is still to be done. Does nothing for any other order.
     void tryAgain(std::string const& number);
@@ -55,6 +60,8 @@ private:
     [[nodiscard]] std::string orderAddress(std::string const& number) const;
 
     [[nodiscard]] bool waitsInVain(Order const& order, Calls& calls);
+    void receive(std::string const& number, Messenger messenger, std::vector<std::string> const& results,
+                 std::string const& data, std::string const& signature);
     void settle(Order const& order);
     [[nodiscard]] OrderState carryOut(Order const& order, Calls& calls) const;
 

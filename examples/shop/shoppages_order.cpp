@@ -93,9 +93,11 @@ std::string orderPage(Order const& order) {
                           "<h2>What happened underneath</h2>\n" +
                           verbatim("The payment message", demo::spread(order.payment.message)) +
                           verbatim("The payment URL, with the message and its signature", order.payment.url);
-    if (!order.confirmation.data.empty()) {
-        content += verbatim("DATA that came back with you", demo::spread(order.confirmation.data)) +
-                   verbatim("SIGNATURE that came back with you", order.confirmation.signature);
+    for (auto const& [messenger, confirmation] : order.received) {
+        std::string const how =
+            messenger == Messenger::Visitor ? "that came back with you" : "that came by notification";
+        content += verbatim("DATA " + how, demo::spread(confirmation.data)) +
+                   verbatim("SIGNATURE " + how, confirmation.signature);
     }
     content += "<h3>Calls of the library</h3>\n" + callsTable(order.calls);
     return wholePage("Order " + order.number + ": " + state.name, content);

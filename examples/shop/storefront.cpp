@@ -137,6 +137,7 @@ void Storefront::addPages() {
     m_Http.Post("/orders/([0-9a-z-]{1,32})/pay", page(&Storefront::payAgain));
     m_Http.Post("/orders/([0-9a-z-]{1,32})/settle", page(&Storefront::tryAgain));
     m_Http.Get("/orders/([0-9a-z-]{1,32})/(paid|declined|cancelled)", page(&Storefront::comeBack));
+    m_Http.Get("/orders/([0-9a-z-]{1,32})/notified", page(&Storefront::takeNotification));
 }
 
 /// A page that explains every Objection.
@@ -198,6 +199,13 @@ void Storefront::comeBack(Request const& request, Reply& reply) {
     m_Sales.comeBack(number, request.matches[2].str(), request.get_param_value("DATA"),
                      request.get_param_value("SIGNATURE"));
     reply.set_redirect("/orders/" + number, kSeeOther);
+}
+
+/// The payment service asks for this address: it tells again when the status is none of success.
+void Storefront::takeNotification(Request const& request, Reply& reply) {
+    m_Sales.takeNotification(orderNumberIn(request), request.get_param_value("DATA"),
+                             request.get_param_value("SIGNATURE"));
+    reply.set_content("taken\n", "text/plain");
 }
 
 /// The visitor that sent the request. A browser without a basket gets one, and a cookie for it. The cookie is not

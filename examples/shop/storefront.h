@@ -47,6 +47,7 @@ private:
     void payAgain(Request const& request, Reply& reply);
     void tryAgain(Request const& request, Reply& reply);
     void comeBack(Request const& request, Reply& reply);
+    void takeNotification(Request const& request, Reply& reply);
     std::string knownVisitor(Request const& request, Reply& reply);
 
     BoundedServer m_Http;

@@ -169,6 +169,18 @@ class WayBackFaults(WalkCase):
                 self.decide("pay")
                 self.check_paid(order)
 
+    def test_answer_that_was_lost_is_told_by_notification(self):
+        self.stage.let_notifications_through()
+        self.stage.arm(kind="drop", exchange="decision", times="always")
+        order = self.start_buying_a_candle()
+        self.decide("pay")
+        self.assertIn("ERR_EMPTY_RESPONSE", self.browser.text())
+        self.wait_for_completion(order)
+        self.check_paid(order)
+        self.assertIn("DATA that came by notification", self.browser.text())
+        self.assertNotIn("DATA that came back with you", self.browser.text())
+        self.assertEqual(self.payment_states(order), ["completed"])
+
     def test_answer_that_was_lost(self):
         self.stage.arm(kind="drop", exchange="decision", times="always")
         order = self.start_buying_a_candle()

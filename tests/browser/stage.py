@@ -23,6 +23,7 @@ class Stage:
                          r"^\{.*\}$", directory / "sandbox.errors")
         clean_up(end_well, sandbox)
         addresses = json.loads(sandbox.ready.group())
+        self.notifies = False
         self.pay = addresses["pay"]
         self.payments = addresses["dashboard"]
         self.control = addresses["control"]
@@ -30,13 +31,22 @@ class Stage:
                       r"^The shop is open at (.*)$", directory / "shop.errors", TALLOWIN_PASSWORD="demo")
         clean_up(end_well, shop)
         self.shop = shop.ready.group(1)
+        self.lift_faults()
 
     def arm(self, **fault):
         """Has the payment service fail: the members of a fault as its control API takes them."""
         self.ask("POST", "/faults", fault)
 
     def lift_faults(self):
+        """The payment service does as it should, except that the shop hears from it through the shopper alone: what it
+        tells by itself would come at its own time."""
         self.ask("DELETE", "/faults")
+        if not self.notifies:
+            self.arm(kind="drop", exchange="notification", times="always")
+
+    def let_notifications_through(self):
+        self.notifies = True
+        self.lift_faults()
 
     def set_clock_ahead(self, hours):
         """The payment service believes that it is that much later."""

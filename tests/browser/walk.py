@@ -8,6 +8,7 @@ import os
 import pathlib
 import re
 import shutil
+import time
 import unittest
 import urllib.parse
 
@@ -15,6 +16,7 @@ from selenium.common.exceptions import WebDriverException
 from selenium.webdriver.common.by import By
 
 from browser import Browser
+from server import PATIENCE_SECONDS
 from stage import Stage
 
 
@@ -129,6 +131,15 @@ class WalkCase(unittest.TestCase):
         """The shop shows this order in this state."""
         self.assertEqual(self.browser.address(), urllib.parse.urljoin(self.stage.shop, order))
         self.assertEqual(self.browser.one("h1").text, f"Order {order.rpartition('/')[2]}: {state}")
+
+    def wait_for_completion(self, order):
+        """The shopper loads the order's page again until it is completed."""
+        deadline = time.monotonic() + PATIENCE_SECONDS
+        while time.monotonic() < deadline:
+            self.open(order, "order")
+            if self.browser.one("h1").text.endswith(": completed"):
+                return
+        self.check_order(order, "completed")
 
     def check_paid(self, order):
         """The shop shows this order as paid and captured, and does not offer to pay it once more."""

@@ -107,6 +107,8 @@ class ShopCase(SandboxCase):
 
     def setUp(self):
         super().setUp()
+        # What the payment service tells by itself would come at its own time.
+        self.control("/faults", {"kind": "drop", "exchange": "notification", "times": "always"})
         self.shop = self.start()
         self.addCleanup(self.stop_shop)
         line = self.shop.line()
@@ -524,6 +526,86 @@ class ShopKeys(ShopCase):
         self.control("/accounts", {"user": "demo", "password": "changed"})
         self.check_page(self.visitor.ask(paid), 400, self.NOT_THE_SERVICE, "ConfigurationSetup_Reconfigure0x80040213")
         self.order_page(path, "waiting")
+
+
+class ShopNotifications(ShopCase):
+    """The payment service tells the shop by itself, with what it gives the visitor as well."""
+
+    def setUp(self):
+        super().setUp()
+        self.path, self.url = self.buy_candle()
+        self.notices = self.path + "/notified"
+
+    def decide(self, decision):
+        """Returns how the visitor comes back, and how the service notifies."""
+        back = self.browser.decide(self.url, decision)
+        return back, self.notices + "?" + urllib.parse.urlsplit(back).query
+
+    def notify(self, notice):
+        page = Visitor(self.address).ask(notice)
+        self.assertEqual((page.status, page.text), (200, "taken\n"))
+
+    def test_pays_although_the_visitor_does_not_come_back(self):
+        _, notice = self.decide("pay")
+        self.notify(notice)
+        page = self.order_page(self.path, "completed", "DATA that came by notification")
+        self.assertNotIn("that came back with you", page.text)
+        self.check_page(self.visitor.ask("/basket"), 200, "Your basket is empty")
+        self.notify(notice)
+        self.assertEqual(self.captures_and_completions(), ["PayConfirm", "PayCompleteRequest"])
+
+    def test_lets_the_visitor_come_back_once_after_it(self):
+        back, notice = self.decide("pay")
+        self.notify(notice)
+        self.come_back(back, self.path)
+        self.order_page(self.path, "completed", "DATA that came by notification", "DATA that came back with you")
+        self.check_page(self.visitor.ask(back), 400, "has been paid already")
+        self.assertEqual(self.captures_and_completions(), ["PayConfirm", "PayCompleteRequest"])
+
+    def test_takes_it_after_the_visitor_came_back(self):
+        back, notice = self.decide("pay")
+        self.come_back(back, self.path)
+        self.notify(notice)
+        self.order_page(self.path, "completed", "DATA that came by notification", "DATA that came back with you")
+        self.check_page(self.visitor.ask(back), 400, "has been paid already")
+        self.assertEqual(self.captures_and_completions(), ["PayConfirm", "PayCompleteRequest"])
+
+    def test_captures_once_when_all_come_at_once(self):
+        back, notice = self.decide("pay")
+        addresses = [back, back, notice, notice, notice]
+        pages = self.together(len(addresses), lambda: Visitor(self.address).ask(addresses.pop()))
+        self.assertEqual(sorted(page.status for page in pages), [200, 200, 200, 303, 400])
+        self.assertEqual(self.captures_and_completions(), ["PayConfirm", "PayCompleteRequest"])
+
+    def test_tells_of_a_decline(self):
+        back, notice = self.decide("decline")
+        self.notify(notice)
+        self.order_page(self.path, "declined", "DATA that came by notification", "Pay again")
+        self.come_back(back, self.path)
+        self.notify(notice)
+        self.assertEqual(self.visitor.ask(self.path + "/pay", {}).status, 303)
+        self.check_page(self.visitor.ask(notice), 400, "confirmation of another payment")
+        self.order_page(self.path, "waiting")
+
+    def test_is_checked_as_what_a_visitor_brings(self):
+        other, _ = self.buy_candle()
+        _, notice = self.decide("pay")
+        own = self.url.replace(self.addresses["pay"], self.notices)
+        for address, status, reason in ((own, 400, "it confirms nothing"),
+                                        (notice.replace("19%2e90", "1%2e90"), 400, "altered"),
+                                        (notice.partition("&SIGNATURE=")[0], 400, "without a signature"),
+                                        (notice + "&DATA=x", 400, "more than once"),
+                                        (notice.replace(self.path, other), 400, "confirmation of another order"),
+                                        (notice.replace(self.path, "/orders/0"), 404, "There is no such order")):
+            with self.subTest(reason):
+                self.check_page(self.visitor.ask(address), status, reason)
+        self.order_page(self.path, "waiting")
+        self.order_page(other, "waiting")
+        self.notify(notice)
+
+    def test_comes_to_the_address_in_the_payment_message(self):
+        address = urllib.parse.urljoin(self.address, self.notices)
+        self.assertIn(f' NOTIFYADDRESS="{address}"', parameters(self.url)[0])
 
 
 class ShopRefusals(ShopCase):
