@@ -192,6 +192,17 @@ class ShopCase(SandboxCase):
         url = self.check_out()
         return self.order_of(url), url
 
+    def buy_candle_too_late(self):
+        """The same, with a time for paying that is over by the shop's clock. The next payments have time enough."""
+        defaults = self.merchant / "default.xml"
+        text = defaults.read_text()
+        self.assertIn('PAYINITTTL="3600"', text)
+        defaults.write_text(text.replace('PAYINITTTL="3600"', 'PAYINITTTL="-3600"'))
+        try:
+            return self.buy_candle()
+        finally:
+            defaults.write_text(text)
+
     @staticmethod
     def order_of(url):
         return "/orders/" + re.search(r' ORDERID="([^"]*)"', parameters(url)[0]).group(1)
@@ -406,15 +417,7 @@ class ShopLatePayment(ShopCase):
     def setUp(self):
         super().setUp()
         self.control("/clock", {"ahead": -2 * 3600})  # the service takes an hour ago for the future
-        self.set_seconds_to_pay("3600", "-3600")
-        self.path, self.late = self.buy_candle()
-        self.set_seconds_to_pay("-3600", "3600")
-
-    def set_seconds_to_pay(self, old, new):
-        defaults = self.merchant / "default.xml"
-        text = defaults.read_text()
-        self.assertIn(f'PAYINITTTL="{old}"', text)
-        defaults.write_text(text.replace(f'PAYINITTTL="{old}"', f'PAYINITTTL="{new}"'))
+        self.path, self.late = self.buy_candle_too_late()
 
     def pay_again(self):
         page = self.visitor.ask(self.path + "/pay", {})
@@ -812,6 +815,7 @@ class ShopWithUnreliableService(ShopCase):
 
     def test_stays_open_while_captures_stall(self):
         """As many orders as may wait for the service at once do; another one is told to try again."""
+        late, late_url = self.buy_candle_too_late()
         others = [self.buy_candle() for _ in range(8)]
         stalled = [(path, self.browser.decide(url, "pay")) for path, url in others]
         self.relay.held = {"PayConfirm"}
@@ -823,9 +827,11 @@ class ShopWithUnreliableService(ShopCase):
         self.order_page(self.path, "capture failed", "not called, too many others wait", "Try again")
         self.check_page(self.visitor.ask("/"), 200, "Beeswax candle")
         self.order_page(stalled[0][0], "paid", "is being captured")
+        self.check_page(self.visitor.ask(late + "/pay", {}), 503, "try again in a minute")
         self.relay.release()
         for thread in threads:
             thread.join()
+        self.assertNotIn(self.visitor.ask(late + "/pay", {}).location, (None, late_url))
         for self.path in [self.path, *(path for path, _ in stalled)]:
             self.try_again()
             self.order_page(self.path, "completed")
