@@ -73,7 +73,9 @@ Payment lead(CaptureRequest const& request, std::vector<PaymentState> const& fro
 }
 
 Message answerConfirm(CaptureRequest const& request) {
-    checkResult(request.sent.message);
+    if (namedPayment(request).state == PaymentState::Authorised) {
+        checkResult(request.sent.message);
+    }
     // Completing a payment settles it as well, so a capture that comes after it finds it done.
     Payment const captured = lead(request, {PaymentState::Authorised}, PaymentState::Captured,
                                   {PaymentState::Captured, PaymentState::Completed}, "captured by the merchant");

@@ -292,12 +292,17 @@ class ProtocolStory:
         self.check_refused("TOKEN was used already", self.account.open_page, text, self.signer)
         self.assertEqual(self.state(), "authorised")
 
-    def test_refuses_a_payment_that_has_expired(self):
-        for expiration, reason in (("20000101 00:00:00", "has expired"), ("20991231", "is not a time"),
-                                   ("20990229 00:00:00", "is not a time"), (None, "needs the attribute EXPIRATION")):
+    def test_refuses_a_payment_without_a_time_of_its_end(self):
+        for expiration, reason in (("20991231", "is not a time"), ("20990229 00:00:00", "is not a time"),
+                                   (None, "needs the attribute EXPIRATION")):
             text = pay_init(self.signer, self.token, EXPIRATION=expiration)
             self.check_refused(reason, self.account.open_page, text, self.signer)
         self.check_refused("no payment with the TOKEN", self.state)
+
+    def test_refuses_a_payment_that_has_expired(self):
+        text = pay_init(self.signer, self.token, EXPIRATION="20000101 00:00:00")
+        self.check_refused("has expired", self.account.open_page, text, self.signer)
+        self.assertEqual(self.state(), "expired")
 
     # Signatures and keys of merchants
 
