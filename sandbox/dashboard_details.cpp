@@ -121,7 +121,7 @@ std::string exchangeData(Exchange const& exchange) {
            entry("Kind", exchangeName(exchange.kind)) + entry("Path", escapeHtml(exchange.path)) +
            entry("Order", escapeHtml(exchange.order.empty() ? "not known" : exchange.order)) +
            entry("Time", exchange.time) + entry("Duration", millisecondsText(exchange.microseconds)) +
-           (exchange.delivery.empty() ? "" : entry("The client got", escapeHtml(exchange.delivery))) + "</dl>\n";
+           (exchange.delivery.empty() ? "" : entry("What was sent", escapeHtml(exchange.delivery))) + "</dl>\n";
 }
 
 std::string stepsContent(Exchange const& exchange) {
@@ -131,7 +131,8 @@ std::string stepsContent(Exchange const& exchange) {
             "merchant answered, or that nothing was sent.");
     }
     if (exchange.steps.empty()) {
-        return paragraph("The request was not looked at.");
+        return paragraph(exchange.verdict == "not looked at" ? "The request was not looked at."
+                                                             : "No steps are on record, only the verdict.");
     }
     std::vector<Cells> rows;
     for (CheckStep const& step : exchange.steps) {
@@ -165,12 +166,15 @@ HttpReply exchangeDetailsPage(Site const& site, Query const& query) {
     if (!exchange) {
         throw Refusal("There is no exchange '" + text + "'.", kNotFound);
     }
+    bool const fromMerchant = exchange->kind != ExchangeKind::Notification;
     return dashboardPage(200, "", "Exchange " + std::to_string(exchange->number),
                          exchangeLinks(site, *exchange) + exchangeData(*exchange) +
                              section("steps", "How the verdict came about", stepsContent(*exchange)) +
                              section("message", "DATA, decoded", messageContent(*exchange)) +
-                             section("request", "The request as it came", verbatim(exchange->request)) +
-                             section("answer", "The answer before any fault", verbatim(exchange->answer)));
+                             section("request", fromMerchant ? "The request as it came" : "The request as it was sent",
+                                     verbatim(exchange->request)) +
+                             section("answer", fromMerchant ? "The answer before any fault" : "The merchant's answer",
+                                     verbatim(exchange->answer)));
 }
 
 }  // namespace sandbox

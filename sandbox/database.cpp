@@ -14,7 +14,8 @@ namespace sandbox {
 namespace {
 
 [[noreturn]] void fail(sqlite3* database) {
-    throw std::runtime_error(std::string("database: ") + sqlite3_errmsg(database));
+    throw std::runtime_error(std::string("database: ") + sqlite3_errmsg(database) + " (" +
+                             sqlite3_db_filename(database, "main") + ")");
 }
 
 /// SQLite would create the file readable for everyone; it holds private keys.

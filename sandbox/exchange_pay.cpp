@@ -198,6 +198,8 @@ HttpReply answerDecision(Call const& call) {
     Decision const& wanted = namedDecision(form.value("decision").value_or(""));
     PaymentRecord record = formPayment(site, form);
     Payment& payment = record.payment;
+    call.record.steps.push_back({"The form came from the payment page", "payment " + payment.id});
+    call.record.steps.push_back({"The shopper decided", wanted.name});
     Decision const* const decision = decide(site, payment, wanted);
     if (decision == nullptr) {
         payment.state = presentState(site, payment);

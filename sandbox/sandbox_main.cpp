@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <exception>
+#include <filesystem>
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -110,6 +111,8 @@ int main(int argc, char** argv) {
     arguments.options.accountUser = arguments.account.substr(0, colon);
     arguments.options.accountPassword = arguments.account.substr(colon + 1);
     try {
+        std::string& directory = arguments.options.dataDirectory;
+        directory = directory.empty() ? "" : std::filesystem::absolute(directory).string();
         for (std::string const& fault : arguments.faults) {
             arguments.options.faults.push_back(sandbox::parseFault(fault));
         }

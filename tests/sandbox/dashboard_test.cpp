@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "sandbox/database.h"
 #include "sandbox/fault.h"
 #include "sandbox/wiretext.h"
 #include "tests/sandbox/pagereader.h"
@@ -380,8 +381,40 @@ TEST_F(Dashboard, TellsWhyANotificationHasNoSteps) {
         }
         return !number.empty();
     }));
-    EXPECT_THAT(open("/exchange?number=" + number).text("//section[@aria-labelledby='steps']/p"),
+    PageReader const page = open("/exchange?number=" + number);
+    EXPECT_THAT(page.text("//section[@aria-labelledby='steps']/p"),
                 StartsWith("A notification has no steps, because this service makes the request itself."));
+    EXPECT_EQ(page.text("//h2[@id='request']"), "The request as it was sent");
+    EXPECT_EQ(page.text("//h2[@id='answer']"), "The merchant's answer");
+}
+
+TEST_F(Dashboard, TellsWhatWasSentOfAnAnswer) {
+    m_Service->arm(sandbox::parseFault("truncate,exchange=status,bytes=9"));
+    exchangeRaw(m_Service->plainPort(),
+                merchantGet("/capture" + m_Merchant.signedQuery(m_Merchant.message("StatusRequest", " TOKEN=\"t1\""))));
+    PageReader const page = open("/exchange?number=2");
+    EXPECT_EQ(page.text("//main/dl/div[8]/dt"), "What was sent");
+    EXPECT_THAT(page.text("//main/dl/div[8]/dd"), StartsWith("9 bytes, then the end, after "));
+}
+
+TEST_F(Dashboard, TellsHowADecisionCameAbout) {
+    press(openPage(m_Merchant.payInit("t1")), "decline");
+    PageReader const page = open("/exchange?number=3");
+    EXPECT_THAT(page.texts(tableRow("steps", 1)),
+                ElementsAre("The form came from the payment page", "payment " + m_Service->payments()[0].id, "yes"));
+    EXPECT_THAT(page.texts(tableRow("steps", 2)), ElementsAre("The shopper decided", "decline", "yes"));
+}
+
+TEST_F(Dashboard, TellsThatARequestWasCutOff) {
+    m_Service.reset();
+    sandbox::Database(m_Directory.path() + "/sandbox.db")
+        .execute(
+            "INSERT INTO begun_exchanges (time, kind, order_id, path, data, request) VALUES "
+            "('2023-11-14T22:13:20Z', 'capture', '', '/capture', '', 'GET /capture HTTP/1.0')");
+    restart();
+    PageReader const page = open("/exchange?number=2");
+    EXPECT_EQ(page.text("//main/dl/div[1]/dd"), "not answered: the sandbox ended before");
+    EXPECT_EQ(page.text("//section[@aria-labelledby='steps']/p"), "No steps are on record, only the verdict.");
 }
 
 TEST_F(Dashboard, ShowsRawBytesOfAnExchange) {

@@ -9,6 +9,7 @@
 
 #include <csignal>
 #include <cstdint>
+#include <filesystem>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
@@ -135,6 +136,18 @@ TEST(SandboxProgram, RunsAProxyWhenItIsAskedTo) {
     EXPECT_EQ(parseAnswer(exchangeRaw(port, merchantGet(line.at("payments")))).status, 200);
     program.signal(SIGTERM);
     EXPECT_EQ(program.status(), 0);
+}
+
+TEST(SandboxProgram, TellsWhereItsFilesAreFromEverywhere) {
+    TemporaryDirectory const directory;
+    std::string const relative = std::filesystem::relative(directory.path()).string();
+    Program program({"--data", relative, "--json", "--tls"});
+    nlohmann::json const line = nlohmann::json::parse(program.line());
+    for (char const* name : {"data", "ca"}) {
+        std::filesystem::path const place = line.at(name).get<std::string>();
+        EXPECT_TRUE(place.is_absolute()) << place;
+        EXPECT_TRUE(std::filesystem::exists(place)) << place;
+    }
 }
 
 TEST(SandboxProgram, TellsItsAddressesInWords) {

@@ -84,6 +84,7 @@ TEST_F(SandboxService, CarriesOutNothingThatItCannotRecord) {
     RawAnswer const failed = get("/capture" + m_Merchant.signedQuery(confirm));
     EXPECT_EQ(failed.status, 500);
     EXPECT_THAT(failed.body, StartsWith("The sandbox failed: database: no such table"));
+    EXPECT_THAT(failed.body, HasSubstr("/sandbox.db)"));
     EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Authorised);
     database.execute("ALTER TABLE elsewhere RENAME TO begun_exchanges");
     EXPECT_EQ(m_Service->exchanges().size(), exchanges);
