@@ -13,6 +13,7 @@ import pathlib
 import select
 import shutil
 import signal
+import subprocess
 import tempfile
 import time
 import urllib.parse
@@ -64,15 +65,18 @@ class Browser:
     """One chromium with its driver, from construction to close().
 
     A window has to be opened before the rest is used. It starts without the cookies and the cache of those before.
+    `authority` is the file with a certificate that it trusts besides those that it is born with, None for none.
     """
 
-    def __init__(self):
+    def __init__(self, authority=None):
         self.place = tempfile.TemporaryDirectory(prefix="tallowin-browser-")
         self.directory = pathlib.Path(self.place.name)
         self.log = self.directory / "driver.log"
         self.driver = None
         self.asked = []
         self.failed = set()
+        if authority:
+            self.trust(authority)
         self.server = self.start_driver()
         atexit.register(self.close)  # an interrupted test closes nothing else
         address = f"http://127.0.0.1:{self.server.ready.group(1)}"
@@ -81,6 +85,14 @@ class Browser:
         self.driver = webdriver.Remote(connection, options=self.options())
         self.driver.set_page_load_timeout(PATIENCE_SECONDS)
         self.base = self.driver.current_window_handle
+
+    def trust(self, authority):
+        """Puts it where chromium looks in the home directory that it will have."""
+        store = self.directory / ".pki" / "nssdb"
+        store.mkdir(parents=True)
+        certutil = [os.environ["KVX_CERTUTIL"], "-d", f"sql:{store}"]
+        for command in (["-N", "--empty-password"], ["-A", "-n", "authority", "-t", "C,,", "-i", str(authority)]):
+            subprocess.run(certutil + command, check=True, stdin=subprocess.DEVNULL, timeout=PATIENCE_SECONDS)
 
     def start_driver(self):
         """The driver takes a free port of IPv4 and then wants the same one of IPv6; when that is taken it ends, and

@@ -3,6 +3,7 @@
 import signal
 import unittest
 
+from stage import Certificates
 from walk import WalkCase
 
 
@@ -114,6 +115,47 @@ class PaymentPageFaults(WalkCase):
 
     def test_huge(self):
         self.work(kind="huge", megabytes=1)
+
+
+class SecurePageFaults(WalkCase):
+    """The payment page is on an address of https, and the browser trusts the authority of the payment service."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.certificates = Certificates(cls.addClassCleanup)
+        super().setUpClass()
+
+    def try_again(self, shown, kind):
+        """The browser shows that instead of the page. The shopper pays once it is over."""
+        self.put_in_basket("candle", 1)
+        self.stage.arm(kind=kind, times="always")
+        self.press("form[action='/checkout'] button", "payment")
+        order = self.order_to_be_paid()
+        self.assertIn(shown, self.browser.text())
+        self.assertEqual(self.browser.all("button[name=decision]"), [])
+        self.stage.lift_faults()
+        self.open(order, "order")
+        self.pay_again(order)
+        self.decide("pay")
+        self.check_paid(order)
+
+    def test_pays(self):
+        order = self.start_buying_a_candle()
+        self.assertTrue(self.browser.address().startswith("https://"))
+        self.decide("pay")
+        self.check_paid(order)
+
+    def test_expired_certificate(self):
+        self.try_again("ERR_CERT_DATE_INVALID", "tls-expired")
+
+    def test_certificate_for_another_host(self):
+        self.try_again("ERR_CERT_COMMON_NAME_INVALID", "tls-wrong-host")
+
+    def test_certificate_from_an_unknown_authority(self):
+        self.try_again("ERR_CERT_AUTHORITY_INVALID", "tls-unknown-authority")
+
+    def test_aborted_handshake(self):
+        self.try_again("ERR_CONNECTION_CLOSED", "tls-abort")
 
 
 class WayBackFaults(WalkCase):

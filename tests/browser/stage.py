@@ -4,30 +4,52 @@ import json
 import os
 import pathlib
 import re
+import shutil
 import tempfile
+import urllib.parse
 import urllib.request
 
 from server import PATIENCE_SECONDS, Server
 
 
+class Certificates:
+    """What a sandbox needs for TLS, made by one that ran for a moment. `authority` is what its clients must trust."""
+
+    def __init__(self, clean_up):
+        place = tempfile.TemporaryDirectory(prefix="tallowin-certificates-")
+        clean_up(place.cleanup)
+        directory = pathlib.Path(place.name)
+        self.files = directory / "service"
+        end_well(start_sandbox(directory, self.files, "--tls"))
+        self.authority = self.files / "ca.pem"
+
+    def copy(self, to):
+        to.mkdir(mode=0o700)
+        for file in self.files.glob("*.pem"):
+            shutil.copy2(file, to)
+
+
 class Stage:
     """`shop`, `pay` and `payments` are the addresses of the catalogue, the payment page and the list of payments."""
 
-    def __init__(self, clean_up):
-        """`clean_up` takes, as TestCase.addCleanup does, what is to be called when the walk is over."""
+    def __init__(self, clean_up, certificates=None):
+        """`clean_up` takes, as TestCase.addCleanup does, what is to be called when the walk is over. With certificates
+        shop and shopper reach the sandbox through TLS."""
         place = tempfile.TemporaryDirectory(prefix="tallowin-stage-")
         clean_up(place.cleanup)
         directory = pathlib.Path(place.name)
         self.merchant = directory / "merchant"
-        sandbox = Server([os.environ["KVX_SANDBOX"], "--data", directory / "service", "--port", "0", "--json"],
-                         r"^\{.*\}$", directory / "sandbox.errors")
+        if certificates:
+            certificates.copy(directory / "service")
+        sandbox = start_sandbox(directory, directory / "service", *(["--tls"] if certificates else []))
         clean_up(end_well, sandbox)
         addresses = json.loads(sandbox.ready.group())
+        auto = addresses["tlsAuto" if certificates else "auto"]
         self.notifies = False
-        self.pay = addresses["pay"]
+        self.pay = urllib.parse.urljoin(auto, "pay")
         self.payments = addresses["dashboard"]
         self.control = addresses["control"]
-        shop = Server([os.environ["KVX_SHOP"], self.merchant, addresses["auto"], "demo"],
+        shop = Server([os.environ["KVX_SHOP"], self.merchant, auto, "demo"],
                       r"^The shop is open at (.*)$", directory / "shop.errors", TALLOWIN_PASSWORD="demo")
         clean_up(end_well, shop)
         self.shop = shop.ready.group(1)
@@ -65,6 +87,11 @@ class Stage:
         request = urllib.request.Request(self.control + path, body, {"Content-Type": "application/json"}, method=method)
         with urllib.request.build_opener(urllib.request.ProxyHandler({})).open(request, timeout=PATIENCE_SECONDS):
             pass
+
+
+def start_sandbox(directory, data, *options):
+    command = [os.environ["KVX_SANDBOX"], "--data", data, "--port", "0", "--json", *options]
+    return Server(command, r"^\{.*\}$", directory / "sandbox.errors")
 
 
 def end_well(server):

@@ -27,9 +27,11 @@ class WalkCase(unittest.TestCase):
     shop, "/orders/...".
     """
 
+    certificates = None
+
     @classmethod
     def setUpClass(cls):
-        cls.browser = Browser()
+        cls.browser = Browser(cls.certificates and cls.certificates.authority)
         cls.addClassCleanup(cls.browser.close)
 
     def __init__(self, method):
@@ -44,7 +46,7 @@ class WalkCase(unittest.TestCase):
         album = os.environ.get("KVX_BROWSER_SCREENSHOTS")
         self.album = pathlib.Path(album, name) if album else None
         self.pages_seen = 0
-        self.stage = Stage(self.addCleanup)
+        self.stage = Stage(self.addCleanup, self.certificates)
         self.browser.open_window()
         self.addCleanup(self.browser.close_window)
 
