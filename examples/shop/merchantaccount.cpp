@@ -2,7 +2,6 @@
 
 #include <tallowin/tallowin.h>
 
-#include <cstdint>
 #include <stdexcept>
 #include <system_error>
 
@@ -45,17 +44,30 @@ void MerchantAccount::setUpOnce() {
 }
 
 void MerchantAccount::setUpAgain(Calls& calls) {
-    std::unique_lock<std::timed_mutex> const turn(m_Mutex, kPatience);
-    if (!turn || std::chrono::steady_clock::now() < m_Next) {
+    std::unique_lock<std::mutex> lock(m_Mutex);
+    if (m_SettingUp) {
+        m_Ended.wait_for(lock, kPatience, [this] { return !m_SettingUp; });
         return;
     }
-    demo::SetupHandle const setup(CreateConfigurationSetup());
-    std::int32_t code = ConfigurationSetup_SetConfiguration(setup.get(), m_Directory.c_str());
-    if (code == KVX_OK) {
-        code = ConfigurationSetup_Reconfigure(setup.get(), m_Service.c_str(), m_User.c_str(), m_Password.c_str());
+    if (std::chrono::steady_clock::now() < m_Next) {
+        return;
     }
-    calls.push_back({"ConfigurationSetup_Reconfigure", demo::resultText(code)});
+    m_SettingUp = true;
+    lock.unlock();
+    std::int32_t const code = setUp();
+    lock.lock();
+    m_SettingUp = false;
     m_Next = std::chrono::steady_clock::now() + kPause;
+    m_Ended.notify_all();
+    calls.push_back({"ConfigurationSetup_Reconfigure", demo::resultText(code)});
+}
+
+std::int32_t MerchantAccount::setUp() const {
+    demo::SetupHandle const setup(CreateConfigurationSetup());
+    std::int32_t const chosen = ConfigurationSetup_SetConfiguration(setup.get(), m_Directory.c_str());
+    return chosen != KVX_OK
+               ? chosen
+               : ConfigurationSetup_Reconfigure(setup.get(), m_Service.c_str(), m_User.c_str(), m_Password.c_str());
 }
 
 }  // namespace storefront

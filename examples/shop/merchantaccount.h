@@ -1,6 +1,8 @@
 #pragma once
 
 #include <chrono>
+#include <condition_variable>
+#include <cstdint>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -33,12 +35,16 @@ public:
     void setUpAgain(Calls& calls);
 
 private:
+    [[nodiscard]] std::int32_t setUp() const;
+
     std::string m_Directory;
     std::string m_Service;
     std::string m_User;
     std::string m_Password;
-    std::timed_mutex m_Mutex;                           ///< Held during a set-up.
-    std::chrono::steady_clock::time_point m_Next = {};  ///< Before this there is no other. Guarded by m_Mutex.
+    std::mutex m_Mutex;               ///< Guards all below.
+    std::condition_variable m_Ended;  ///< A set-up has ended.
+    bool m_SettingUp = false;
+    std::chrono::steady_clock::time_point m_Next = {};  ///< Before this there is no other.
 };
 
 }  // namespace storefront
