@@ -120,15 +120,23 @@ void Acceptor::refuseUntil(Clock::time_point moment) {
     wake();
 }
 
-void Acceptor::stop() {
+void Acceptor::beginStop() {
     {
         std::lock_guard<std::mutex> const lock(m_Mutex);
+        if (m_Stopping) {
+            return;
+        }
         m_Stopping = true;
+        m_CutAt = Clock::now() + kGrace;
         shutDownServing(SHUT_RD);
         m_Ended.notify_all();
     }
     m_Ending.raise();
     wake();
+}
+
+void Acceptor::stop() {
+    beginStop();
     if (m_Thread.joinable()) {
         m_Thread.join();
     }
@@ -139,7 +147,7 @@ void Acceptor::stop() {
             m_Listening = false;
         }
         auto const allServed = [this] { return m_Serving.empty(); };
-        if (!m_Ended.wait_for(lock, kGrace, allServed)) {
+        if (!m_Ended.wait_until(lock, m_CutAt, allServed)) {
             // Somebody reads slowly or not at all.
             shutDownServing(SHUT_RDWR);
             m_Ended.wait(lock, allServed);

@@ -41,11 +41,13 @@ public:
     /// Refuses connections from now on until `moment`; one that has passed accepts again. What is connected stays so.
     void refuseUntil(Clock::time_point moment);
 
-    /// Accepts nothing more, raises ending(), ends the incoming direction of what is connected, and returns when all is
-    /// served. What is not after five seconds is cut.
+    /// Accepts nothing more, raises ending(), and ends the incoming direction of what is connected.
+    void beginStop();
+
+    /// The same, and returns when all is served. What is not within five seconds of the first of these calls is cut.
     void stop();
 
-    /// Raised by stop(), for what waits while it serves.
+    /// Raised by beginStop(), for what waits while it serves.
     [[nodiscard]] EndSignal const& ending() const { return m_Ending; }
 
 private:
@@ -68,6 +70,7 @@ private:
     Clock::time_point m_RefusesUntil{};
     bool m_Listening = false;
     bool m_Stopping = false;
+    Clock::time_point m_CutAt{};           ///< Once it is stopping.
     std::map<int, std::thread> m_Serving;  ///< By socket.
     std::vector<std::thread> m_Finished;   ///< Have served and are to be joined.
 };

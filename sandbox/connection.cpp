@@ -19,6 +19,11 @@ constexpr std::chrono::seconds kPatience(10);
 constexpr std::chrono::seconds kPatienceAtTheEnd(1);
 constexpr std::size_t kLargestRest = 1024 * 1024;
 
+Connection::Clock::time_point momentIn(double seconds) {
+    std::chrono::duration<double> const time(seconds);
+    return Connection::Clock::now() + std::chrono::duration_cast<Connection::Clock::duration>(time);
+}
+
 int sizeForTls(std::size_t size) {
     return static_cast<int>(std::min<std::size_t>(size, INT_MAX));
 }
@@ -42,7 +47,7 @@ short wantedEvent(SSL const* tls, int result, short event) {
 }  // namespace
 
 Connection::Connection(int socket, SSL_CTX* tls, EndSignal const& ending, Clock::duration patience)
-    : m_Socket(socket), m_Ending(ending), m_RequestBy(Clock::now() + patience) {
+    : m_Socket(socket), m_Ending(ending), m_Patience(patience), m_RequestBy(Clock::now() + patience) {
     int const yes = 1;
     // Head and body are written apart; they must not wait for each other's acknowledgement.
     ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
@@ -138,17 +143,20 @@ bool Connection::await(short event) const {
 }
 
 void Connection::pause(double seconds) const {
-    wait(seconds, 0);
+    Clock::time_point const end = momentIn(seconds);
+    if (wait(end, POLLRDHUP)) {
+        wait(std::min(end, Clock::now() + m_Patience), 0);
+    }
 }
 
 void Connection::pauseWhileConnected(double seconds) const {
-    wait(seconds, POLLRDHUP);
+    wait(momentIn(seconds), POLLRDHUP);
 }
 
-void Connection::wait(double seconds, short event) const {
-    auto const time = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+/// Whether the event, or a failure of the connection, came before `until` and before the end of the service.
+bool Connection::wait(Clock::time_point until, short event) const {
     std::array<pollfd, 2> waits = {pollfd{m_Socket, event, 0}, pollfd{-1, 0, 0}};
-    m_Ending.await(waits, Clock::now() + time);
+    return m_Ending.await(waits, until) == EndSignal::Wait::Ready && !m_Ending.raised();
 }
 
 void Connection::reset() {

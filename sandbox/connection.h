@@ -36,7 +36,8 @@ public:
     /// Writes everything; false when that fails.
     bool write(char const* from, std::size_t size);
 
-    /// Waits that long, or until the end of the service.
+    /// Waits that long, or until the end of the service. For who sends nothing more no longer than there is patience
+    /// for a request: it waits for the answer, or has gone, which looks the same.
     void pause(double seconds) const;
 
     /// The same, but no longer than the other side may still send something.
@@ -55,10 +56,11 @@ private:
     template <class Step>
     ssize_t persist(short event, Step step);
     bool await(short event) const;
-    void wait(double seconds, short event) const;
+    bool wait(Clock::time_point until, short event) const;
 
     int m_Socket;  ///< Borrowed.
     EndSignal const& m_Ending;
+    Clock::duration m_Patience;
     Clock::time_point m_RequestBy;
     TlsHolder m_Tls;  ///< Null on a plain connection.
     std::size_t m_Written = 0;

@@ -14,6 +14,7 @@ namespace {
 
 constexpr int kNotFound = 404;
 constexpr int kMethodNotAllowed = 405;
+constexpr int kFailed = 500;
 
 /// One method of one address.
 struct Route {
@@ -91,6 +92,8 @@ std::optional<HttpReply> answerControl(Site const& site, HttpRequest const& requ
         return answerRoute(site, request);
     } catch (Refusal const& refusal) {
         return errorReply(refusal.status(), refusal.what());
+    } catch (std::exception const& failure) {
+        return errorReply(kFailed, std::string("the sandbox failed: ") + failure.what());
     }
 }
 

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <optional>
 #include <string>
 #include <vector>
@@ -42,13 +43,16 @@ void checkRepeated(Message const& message, Payment const& payment, char const* n
     }
 }
 
-/// Who repeats what came back with the shopper repeats its RESULT, or that of the first capture. Throws Refusal.
-void checkResult(Message const& message) {
+/// Who repeats what came back with the shopper, or an answer of the capture service, repeats its RESULT. Throws
+/// Refusal.
+void checkResult(Message const& message, Payment const& payment) {
     std::string const result = message.find("RESULT").value_or("");
-    if (!result.empty() && result != stateName(PaymentState::Authorised) &&
-        result != stateName(PaymentState::Captured)) {
-        throw Refusal("RESULT is '" + result + "', there is nothing to capture");
+    for (PaymentState const state : {PaymentState::Authorised, PaymentState::Captured, PaymentState::Completed}) {
+        if (result.empty() || result == stateName(state)) {
+            return;
+        }
     }
+    throw Refusal("RESULT is '" + result + "', the payment is " + stateName(payment.state));
 }
 
 /// Leads the payment on. When it is not in one of the states `from` it must have arrived already, which makes a
@@ -58,6 +62,9 @@ Payment lead(CaptureRequest const& request, std::vector<PaymentState> const& fro
     Payment const before = namedPayment(request);
     for (char const* name : {"AMOUNT", "CURRENCY", "ORDERID"}) {
         checkRepeated(request.sent.message, before, name);
+    }
+    if (std::find(from.begin(), from.end(), before.state) != from.end()) {
+        checkResult(request.sent.message, before);
     }
     bool const moved = request.site.store.advance(before.id, from, {request.site.clock.text(), to, note});
     Payment const now = namedPayment(request);
@@ -73,9 +80,6 @@ Payment lead(CaptureRequest const& request, std::vector<PaymentState> const& fro
 }
 
 Message answerConfirm(CaptureRequest const& request) {
-    if (namedPayment(request).state == PaymentState::Authorised) {
-        checkResult(request.sent.message);
-    }
     // Completing a payment settles it as well, so a capture that comes after it finds it done.
     Payment const captured = lead(request, {PaymentState::Authorised}, PaymentState::Captured,
                                   {PaymentState::Captured, PaymentState::Completed}, "captured by the merchant");

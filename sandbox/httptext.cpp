@@ -1,6 +1,9 @@
 #include "sandbox/httptext.h"
 
+#include <strings.h>
+
 #include <charconv>
+#include <cstdlib>
 
 namespace sandbox {
 
@@ -56,6 +59,18 @@ std::optional<int> statusOfAnswer(std::string const& answer) {
     std::from_chars_result const read =
         std::from_chars(answer.data() + space + 1, answer.data() + answer.size(), status);
     return read.ec == std::errc() ? std::optional<int>(status) : std::nullopt;
+}
+
+bool isWholeAnswer(std::string const& answer) {
+    std::optional<std::size_t> const body = bodyBegin(answer);
+    std::string const name = "content-length:";
+    for (std::size_t at = answer.find('\n'); body && at + 1 < *body; at = answer.find('\n', at + 1)) {
+        char const* const line = answer.c_str() + at + 1;
+        if (::strncasecmp(line, name.c_str(), name.size()) == 0) {
+            return std::strtoull(line + name.size(), nullptr, 10) <= answer.size() - *body;
+        }
+    }
+    return false;
 }
 
 std::string textAnswer(int status, std::string const& text, std::string const& fields) {

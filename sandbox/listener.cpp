@@ -185,6 +185,10 @@ void Listener::refuseUntil(Acceptor::Clock::time_point moment) {
     m_Acceptor.refuseUntil(moment);
 }
 
+void Listener::beginStop() {
+    m_Acceptor.beginStop();
+}
+
 void Listener::stop() {
     m_Acceptor.stop();
 }

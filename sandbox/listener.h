@@ -38,6 +38,9 @@ public:
     /// See Acceptor::refuseUntil().
     void refuseUntil(Acceptor::Clock::time_point moment);
 
+    /// Accepts no more requests.
+    void beginStop();
+
     /// Lets requests that have arrived finish, closes everything and returns when no thread is left.
     void stop();
 

@@ -74,7 +74,8 @@ Asked ask(HttpAddress const& address, std::chrono::milliseconds patience, EndSig
         LocalSocket const socket(address.place, deadline, ending);
         Flow up(Flow::kNowhere, socket.get(), requestText(address), Flow::AtEnd::Leave);
         Flow down(socket.get(), Flow::kNowhere, "", Flow::AtEnd::Leave);
-        Outcome const outcome = carry(up, down, deadline, ending);
+        down.endWhen(isWholeAnswer);
+        Outcome const outcome = carry(up, down, {deadline, patience}, ending);
         asked.answer = down.begin();
         asked.status = statusOfAnswer(asked.answer);
         asked.verdict =

@@ -159,7 +159,7 @@ private:
         }
         Flow up(m_Connection.socket(), target.get(), request.ahead, Flow::AtEnd::Tell);
         Flow down(target.get(), m_Connection.socket(), "", Flow::AtEnd::Tell);
-        carry(up, down, Clock::time_point::max(), m_Ending);
+        carry(up, down, {Clock::time_point::max(), m_Patience}, m_Ending);
         if (!down.ended()) {
             // A mere end would say that this was all.
             m_Connection.reset();
@@ -173,7 +173,7 @@ private:
         Flow up(m_Connection.socket(), target.get(), head + request.ahead, Flow::AtEnd::Tell);
         // An answer that a fault happens to is collected first; any other goes on as it comes.
         Flow down(target.get(), m_Fault ? Flow::kNowhere : m_Connection.socket(), "", Flow::AtEnd::Leave);
-        Outcome const outcome = carry(up, down, answerBy, m_Ending);
+        Outcome const outcome = carry(up, down, {answerBy, m_Patience}, m_Ending);
         std::string const body = up.begin().size() > head.size() ? up.begin().substr(head.size()) : "";
         m_Record.request = keptRequest(request.line + request.fields + body);
         finish(outcome, address.place, down.begin());

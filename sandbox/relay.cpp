@@ -51,6 +51,7 @@ bool Flow::read() {
     }
     m_SourceEnded = count == 0;
     take(piece.data(), static_cast<std::size_t>(count));
+    m_SourceEnded = m_SourceEnded || (m_IsWhole != nullptr && m_IsWhole(m_Begin));
     tellEnd();
     return true;
 }
@@ -85,8 +86,9 @@ void Flow::tellEnd() {
     }
 }
 
-Outcome carry(Flow& up, Flow& down, EndSignal::Clock::time_point answerBy, EndSignal const& ending) {
+Outcome carry(Flow& up, Flow& down, ConversationLimits const& limits, EndSignal const& ending) {
     int roundsLeft = kLastRounds;
+    EndSignal::Clock::time_point quietUntil = EndSignal::Clock::time_point::max();
     while (!isOver(up, down)) {
         bool const stopping = ending.raised();
         if (stopping && --roundsLeft < 0) {
@@ -97,7 +99,10 @@ Outcome carry(Flow& up, Flow& down, EndSignal::Clock::time_point answerBy, EndSi
             waitFor(up.to(), down.wantsToRead() && up.started(), up.wantsToWrite()),
         };
         bool const answering = down.started() && down.to() != Flow::kNowhere;
-        switch (ending.await(waits, answering ? EndSignal::Clock::time_point::max() : answerBy)) {
+        if (up.ended()) {
+            quietUntil = EndSignal::Clock::now() + limits.silence;
+        }
+        switch (ending.await(waits, answering ? quietUntil : std::min(limits.answerBy, quietUntil))) {
             case EndSignal::Wait::Ready:
                 break;
             case EndSignal::Wait::TooLate:

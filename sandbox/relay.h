@@ -44,6 +44,9 @@ public:
     bool read();
     bool write();
 
+    /// Makes what comes from the source complete once `isWhole` says so of all that came, whether it ends or not.
+    void endWhen(bool (*isWhole)(std::string const& text)) { m_IsWhole = isWhole; }
+
     /// Carries nothing more.
     void abandon();
 
@@ -56,6 +59,7 @@ private:
     AtEnd m_AtEnd;
     std::string m_Waiting;  ///< Has been read and not yet written. Empty without a destination.
     std::string m_Begin;
+    bool (*m_IsWhole)(std::string const& text) = nullptr;  ///< Null when only its end tells.
     bool m_SourceEnded;
     bool m_Overflowed = false;
 };
@@ -63,10 +67,18 @@ private:
 /// How a conversation went.
 enum class Outcome { Complete, ClientLost, TargetLost, TooLate, TooLong, Stopped };
 
+/// How long a conversation may take.
+struct ConversationLimits {
+    EndSignal::Clock::time_point answerBy;  ///< Something must have come down by then, and all of it when it is kept.
+
+    /// Between two signs of life once nothing more comes up: who asks waits for the answer, or has gone, which looks
+    /// the same.
+    EndSignal::Clock::duration silence;
+};
+
 /// Carries `up`, from who asks to who answers, and `down`, the way back. Nothing goes down before something has come
-/// up. The conversation is over when `down` has ended; when its destination is told that, both must have ended. By
-/// `answerBy` something must have come down, and all of it when it is kept. Once `ending` is raised, only what is at
-/// hand is carried.
-Outcome carry(Flow& up, Flow& down, EndSignal::Clock::time_point answerBy, EndSignal const& ending);
+/// up. The conversation is over when `down` has ended; when its destination is told that, both must have ended. Once
+/// `ending` is raised, only what is at hand is carried.
+Outcome carry(Flow& up, Flow& down, ConversationLimits const& limits, EndSignal const& ending);
 
 }  // namespace sandbox

@@ -100,7 +100,15 @@ public:
         m_Notifier.start();
     }
 
-    ~Running() { m_Faults.tellRefusals(nullptr); }
+    ~Running() {
+        m_Faults.tellRefusals(nullptr);
+        // All at once, so that none goes on while another one ends. The proxy ends last.
+        m_Control.beginStop();
+        m_Plain.beginStop();
+        if (m_Tls) {
+            m_Tls->beginStop();
+        }
+    }
     Running(Running const&) = delete;
     Running& operator=(Running const&) = delete;
 

@@ -174,7 +174,10 @@ Confirmation CashDesk::verify(Order const& order, std::vector<std::string> const
         reading = read(data, signature, calls);
     }
     if (reading.byUnknownKey) {
-        throw Objection(kRefused, "It is signed by a key which the payment service does not name as its own.", calls);
+        throw Objection(kRefused,
+                        "It is signed by a key which the payment service does not name as its own. If it has changed "
+                        "its key since you paid, go on from the order's page.",
+                        calls);
     }
     MessageHandle const& message = *reading.message;
     std::vector<std::string> tokens = order.overtaken;

@@ -13,7 +13,9 @@ namespace storefront {
 namespace {
 
 constexpr std::chrono::seconds kPause{30};
+constexpr std::chrono::seconds kPauseAfterFailure{2};
 constexpr std::chrono::seconds kPatience{5};
+constexpr int kMostWaiting = 8;
 
 void must(char const* what, std::int32_t code) {
     if (code != KVX_OK) {
@@ -46,7 +48,11 @@ void MerchantAccount::setUpOnce() {
 void MerchantAccount::setUpAgain(Calls& calls) {
     std::unique_lock<std::mutex> lock(m_Mutex);
     if (m_SettingUp) {
-        m_Ended.wait_for(lock, kPatience, [this] { return !m_SettingUp; });
+        if (m_Waiting < kMostWaiting) {
+            ++m_Waiting;
+            m_Ended.wait_for(lock, kPatience, [this] { return !m_SettingUp; });
+            --m_Waiting;
+        }
         return;
     }
     if (std::chrono::steady_clock::now() < m_Next) {
@@ -57,7 +63,7 @@ void MerchantAccount::setUpAgain(Calls& calls) {
     std::int32_t const code = setUp();
     lock.lock();
     m_SettingUp = false;
-    m_Next = std::chrono::steady_clock::now() + kPause;
+    m_Next = std::chrono::steady_clock::now() + (code == KVX_OK ? kPause : kPauseAfterFailure);
     m_Ended.notify_all();
     calls.push_back({"ConfigurationSetup_Reconfigure", demo::resultText(code)});
 }

@@ -30,8 +30,9 @@ public:
 
     /// Registers once more, which imports the key that the service signs with now. Network.
     ///
-    /// Whoever has a visitor's address can make the shop call this, so it happens twice a minute at most: meanwhile
-    /// callers get what the last time brought. A caller waits for one that is under way, but not for long.
+    /// Whoever has a visitor's address can make the shop call this, so after a success there is none for half a minute:
+    /// meanwhile callers get what the last time brought. A few callers wait for one that is under way, but not for
+    /// long.
     void setUpAgain(Calls& calls);
 
 private:
@@ -44,6 +45,7 @@ private:
     std::mutex m_Mutex;               ///< Guards all below.
     std::condition_variable m_Ended;  ///< A set-up has ended.
     bool m_SettingUp = false;
+    int m_Waiting = 0;                                  ///< So many wait for it.
     std::chrono::steady_clock::time_point m_Next = {};  ///< Before this there is no other.
 };
 

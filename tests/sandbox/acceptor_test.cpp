@@ -299,6 +299,18 @@ TEST(Connection, PausesForWhoWaitsForAnAnswerAndSaysNothingMore) {
     EXPECT_EQ(connection.readToEnd(), "late");
 }
 
+TEST(Connection, DoesNotPauseForEverForWhoMayHaveGone) {
+    Acceptor acceptor(0);
+    std::promise<void> over;
+    acceptor.start([&](int socket) {
+        Connection const connection(socket, nullptr, acceptor.ending(), std::chrono::milliseconds(50));
+        connection.pause(3600);
+        over.set_value();
+    });
+    { RawConnection const gone(acceptor.port()); }
+    EXPECT_EQ(over.get_future().wait_for(kPatience), std::future_status::ready);
+}
+
 TEST(Connection, HasNoPatienceForWhoNeverComesToAnEnd) {
     Acceptor acceptor(0);
     std::promise<void> over;

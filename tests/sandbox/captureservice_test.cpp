@@ -74,7 +74,7 @@ TEST_F(CaptureService, RefusesAWrongAmountCurrencyOrIdentifier) {
     EXPECT_THAT(reason(" AMOUNT=\"12.50\" CURRENCY=\"USD\""), HasSubstr("CURRENCY is 'USD'"));
     EXPECT_THAT(reason(" ID=\"P0\""), HasSubstr("ID and TOKEN name different payments"));
     EXPECT_THAT(reason(" ORDERID=\"A-18\""), HasSubstr("ORDERID is 'A-18', the payment has 'A-17'"));
-    EXPECT_THAT(reason(" RESULT=\"declined\""), HasSubstr("RESULT is 'declined', there is nothing to capture"));
+    EXPECT_THAT(reason(" RESULT=\"declined\""), HasSubstr("RESULT is 'declined', the payment is authorised"));
     EXPECT_EQ(payment().state, PaymentState::Authorised);
     EXPECT_EQ(reason(" AMOUNT=\"12.50\""), "");
 }
@@ -135,6 +135,7 @@ TEST_F(CaptureService, RefusesToCompleteAnotherAmountCurrencyOrOrder) {
     EXPECT_THAT(reason(" AMOUNT=\"12.51\""), HasSubstr("AMOUNT is '12.51', the payment has '12.50'"));
     EXPECT_THAT(reason(" CURRENCY=\"USD\""), HasSubstr("CURRENCY is 'USD'"));
     EXPECT_THAT(reason(" ORDERID=\"A-18\""), HasSubstr("ORDERID is 'A-18'"));
+    EXPECT_THAT(reason(" RESULT=\"AUTHORISED\""), HasSubstr("RESULT is 'AUTHORISED', the payment is authorised"));
     EXPECT_EQ(payment().state, PaymentState::Authorised);
     EXPECT_EQ(reason(" AMOUNT=\"12.50\" CURRENCY=\"EUR\" ORDERID=\"A-17\""), "");
 }

@@ -104,6 +104,23 @@ TEST_F(WireRequest, RefusesAttributesWithoutNumber) {
     EXPECT_EQ(lastVerdict(), "the message has more than 256 attributes");
 }
 
+TEST_F(WireRequest, TellsWhoExpectsItToGoOn) {
+    std::string const body = "payment=P0&key=x&decision=pay";
+    RawConnection const connection(m_Service->plainPort());
+    connection.send(
+        "POST /pay/decision HTTP/1.1\r\nHost: 127.0.0.1\r\nExpect: 100-continue\r\n"
+        "Content-Type: application/x-www-form-urlencoded\r\nContent-Length: " +
+        std::to_string(body.size()) + "\r\n\r\n");
+    std::string const goOn = "HTTP/1.1 100 Continue\r\n\r\n";
+    std::string told(goOn.size(), '\0');
+    ASSERT_EQ(::recv(connection.get(), told.data(), told.size(), MSG_WAITALL), static_cast<ssize_t>(told.size()));
+    EXPECT_EQ(told, goOn);
+    connection.send(body);
+    std::string const answer = connection.readToEnd();
+    EXPECT_EQ(parseAnswer(answer).status, 404);
+    EXPECT_EQ(m_Service->exchanges().back().answer, answer);
+}
+
 TEST_F(WireRequest, DoesNotWaitForConnectionsThatSayNothing) {
     RawConnection const silent(m_Service->plainPort());
     RawConnection const cut(m_Service->plainPort());

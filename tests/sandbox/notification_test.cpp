@@ -408,6 +408,18 @@ TEST_F(PaymentNotification, IsContentWithTheHeadOfAnAnswerThatDoesNotEnd) {
     EXPECT_EQ(awaitSettled().outcome, "delivered: 204");
 }
 
+TEST_F(PaymentNotification, TakesAnAnswerForWholeWhenItsLengthHasCome) {
+    restartWithPauses({}, std::chrono::hours(1));
+    Shop shop({[](Peer& peer) {
+        peer.send("HTTP/1.1 200 OK\r\ncontent-length: 4\r\n\r\ndo");
+        peer.send("ne");
+        peer.receiveToEnd();
+    }});
+    payNotified(shop.address());
+    EXPECT_EQ(awaitSettled().outcome, "delivered: 200");
+    EXPECT_THAT(m_Service->exchanges().back().answer, HasSubstr("\r\n\r\ndone"));
+}
+
 TEST_F(PaymentNotification, SendsToThisMachineOverHttpOnly) {
     struct Row {
         char const* address;

@@ -456,6 +456,21 @@ std::string receivedOf(std::function<std::string()> const& read) {
     }
 }
 
+TEST_F(SandboxProxy, GivesUpATargetThatSaysNothingToWhoEnded) {
+    sandbox::Options impatient = options();
+    impatient.proxyPatience = std::chrono::milliseconds(50);
+    restartWithProxy(impatient);
+    Event over;
+    RawServer target([&over](Peer& peer) {
+        peer.receiveToEnd();
+        over.await();
+    });
+    Tunnel const tunnel(m_Service->proxyPort(), target.portText());
+    tunnel.end();
+    EXPECT_EQ(receivedOf([&tunnel] { return tunnel.readToEnd(); }), kReset);
+    over.happen();
+}
+
 TEST_F(SandboxProxy, LetsFaultsHappenToTheAnswerToConnect) {
     std::string const whole = kEstablished;
     std::string const status =

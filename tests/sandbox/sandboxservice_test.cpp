@@ -1,11 +1,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <future>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -105,6 +107,32 @@ TEST_F(SandboxService, TellsThatItCouldNotRecordWhatItDid) {
     ASSERT_EQ(m_Service->exchanges().size(), exchanges + 1);
     EXPECT_EQ(lastVerdict(), "not answered: the sandbox ended before");
     EXPECT_EQ(attributeOf(askCapture(confirm), "RESULT"), "captured");
+}
+
+TEST_F(SandboxService, FailsInTheFormOfTheControlApiThere) {
+    sandbox::Database(m_Directory.path() + "/sandbox.db").execute("ALTER TABLE payments RENAME TO gone");
+    RawAnswer const failed = parseAnswer(exchangeRaw(m_Service->controlPort(), merchantGet("/control/payments")));
+    EXPECT_EQ(failed.status, 500);
+    EXPECT_THAT(failed.body, HasSubstr("\"error\": \"the sandbox failed: database: no such table"));
+}
+
+TEST_F(SandboxService, EndsOnAllPortsAtOnce) {
+    m_Service->arm(sandbox::parseFault("stall-before,exchange=setup"));
+    RawConnection const stuck(m_Service->plainPort());
+    stuck.send(merchantGet("/auto?DATA=" + encode("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>"), "demo", "demo"));
+    // An answer that nobody reads keeps one port from ending.
+    m_Service->arm(sandbox::parseFault("huge,exchange=keyquery"));
+    RawConnection const unread(m_Service->plainPort());
+    unread.send(
+        merchantGet("/auto?DATA=" + encode("<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"1-SERVER-1\"/>"), "demo", "demo"));
+    char byte = 0;
+    ASSERT_EQ(::recv(unread.get(), &byte, 1, 0), 1);
+    RawConnection const control(m_Service->controlPort());
+    std::future<void> const stopped = std::async(std::launch::async, [this] { m_Service->stop(); });
+    // What says nothing on another port is ended before that one is cut.
+    EXPECT_EQ(control.readToEnd(), "");
+    EXPECT_EQ(stuck.readToEnd(), "");
+    EXPECT_EQ(stopped.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
 }
 
 TEST_F(SandboxService, RecordsARequestOnWhichItFails) {
