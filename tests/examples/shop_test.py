@@ -427,6 +427,9 @@ class ShopLatePayment(ShopCase):
     def check_paid_once(self, surplus):
         """The order is paid, and its page tells of the other payment that is authorised."""
         self.check_page(self.visitor.ask(surplus), 400, "Another payment has paid it", "nothing is charged for it")
+        # The service need not tell of it again.
+        notice = self.path + "/notified?" + urllib.parse.urlsplit(surplus).query
+        self.assertEqual(self.visitor.ask(notice).status, 200)
         page = self.order_page(self.path, "completed")
         self.assertEqual(len(re.findall("Payment P[0-9a-f]+ was authorised as well", page.text)), 1)
         self.assertEqual(sorted(self.states()), ["authorised", "completed"])
