@@ -54,11 +54,7 @@ class PaymentPageFaults(WalkCase):
         order = self.start_buying_a_candle()
         self.assertRegex(self.browser.text(), shown or "^$")
         self.assertEqual(self.browser.all("button[name=decision]"), [])
-        self.stage.lift_faults()
-        self.open(order, "order")
-        self.pay_again(order)
-        self.decide("pay")
-        self.check_paid(order)
+        self.pay_after_all(order)
         self.assertEqual(self.payment_states(order), ["completed"])
 
     def work(self, **fault):
@@ -74,11 +70,7 @@ class PaymentPageFaults(WalkCase):
         self.press("form[action='/checkout'] button", "payment")
         order = self.order_to_be_paid()
         self.assertIn("ERR_CONNECTION_REFUSED", self.browser.text())
-        self.stage.lift_faults()
-        self.open(order, "order")
-        self.pay_again(order)
-        self.decide("pay")
-        self.check_paid(order)
+        self.pay_after_all(order)
 
     def test_reset(self):
         self.try_again("ERR_CONNECTION_RESET", kind="reset", times="always")
@@ -133,11 +125,7 @@ class SecurePageFaults(WalkCase):
         order = self.order_to_be_paid()
         self.assertIn(shown, self.browser.text())
         self.assertEqual(self.browser.all("button[name=decision]"), [])
-        self.stage.lift_faults()
-        self.open(order, "order")
-        self.pay_again(order)
-        self.decide("pay")
-        self.check_paid(order)
+        self.pay_after_all(order)
 
     def test_pays(self):
         order = self.start_buying_a_candle()
@@ -205,11 +193,7 @@ class WayBackFaults(WalkCase):
                 order = self.start_buying_a_candle()
                 self.decide("pay")
                 self.assertEqual(self.payment_states(order), ["opened"])
-                self.stage.lift_faults()
-                self.open(order, "order")
-                self.pay_again(order)
-                self.decide("pay")
-                self.check_paid(order)
+                self.pay_after_all(order)
 
     def test_answer_that_was_lost_is_told_by_notification(self):
         self.stage.let_notifications_through()

@@ -109,6 +109,14 @@ class WalkCase(unittest.TestCase):
         self.press(f"form[action='{order}/pay'] button", "payment")
         self.assertEqual(self.order_to_be_paid(), order)
 
+    def pay_after_all(self, order):
+        """From the order's page, once nothing fails any more."""
+        self.stage.lift_faults()
+        self.open(order, "order")
+        self.pay_again(order)
+        self.decide("pay")
+        self.check_paid(order)
+
     # What a shopper sees.
 
     def offer(self, article):
