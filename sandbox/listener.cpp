@@ -17,7 +17,6 @@ namespace sandbox {
 
 namespace {
 
-constexpr std::size_t kLongestRequestLine = 4 * 1024 * 1024;
 constexpr std::size_t kLargestBody = 1024 * 1024;
 constexpr int kUnsupportedMediaType = 415;
 
@@ -155,9 +154,10 @@ public:
             deliver(connection, failureAnswer(failure.what()), std::nullopt);
             return;
         }
+        std::size_t const before = connection.written();
         deliver(connection, stream.written(), turn.reply.fault);
         if (turn.reply.log) {
-            turn.reply.log->delivered({connection.written(), connection.isReset()});
+            turn.reply.log->delivered({connection.written() - before, connection.isReset()});
         }
     }
 };
@@ -207,7 +207,7 @@ void Listener::serve(int socket) {
     if (!connection.open()) {
         return;
     }
-    std::string text = readFirstLine(connection, kLongestRequestLine);
+    std::string text = readFirstLine(connection);
     if (text.size() > kLongestRequestLine && text.find('\n') == std::string::npos) {
         deliver(connection, longLineAnswer(), std::nullopt);
         return;

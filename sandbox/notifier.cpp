@@ -96,7 +96,7 @@ Asked askRecorded(Site const& site, HttpAddress const& address, std::chrono::mil
     record.request = keptText(requestText(address));
     Clock::time_point const begin = Clock::now();
     Asked asked = ask(address, patience, ending);
-    record.microseconds = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - begin).count();
+    record.microseconds = microsecondsSince(begin);
     record.answer = keptText(asked.answer);
     record.verdict = asked.verdict;
     site.store.addExchange(record);

@@ -16,6 +16,7 @@ std::optional<HttpReply> answerProtocol(Site const& site, HttpRequest const& req
 /// The answer when the service itself has failed with `what`.
 HttpReply failureReply(std::string const& what);
 
+/// For the timing of an exchange.
 std::int64_t microsecondsSince(std::chrono::steady_clock::time_point begin);
 
 /// What became of an answer, in words.

@@ -22,7 +22,6 @@ namespace {
 
 using Clock = EndSignal::Clock;
 
-constexpr std::size_t kLongestRequestLine = 4 * 1024 * 1024;
 constexpr int kAuthenticate = 407;
 constexpr int kLineTooLong = 414;
 constexpr int kFailed = 500;
@@ -85,7 +84,7 @@ public:
 
     void serve() {
         try {
-            std::string text = readFirstLine(m_Connection, kLongestRequestLine);
+            std::string text = readFirstLine(m_Connection);
             if (!text.empty()) {
                 answerOrRefuse(std::move(text));
             }

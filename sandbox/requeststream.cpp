@@ -79,11 +79,11 @@ void RequestStream::get_local_ip_and_port(std::string& ip, int& port) const {
     describe(::getsockname, m_Connection.socket(), ip, port);
 }
 
-std::string readFirstLine(Connection& connection, std::size_t limit) {
+std::string readFirstLine(Connection& connection) {
     std::string text;
     char piece[kPieceBytes];
     std::size_t searched = 0;
-    while (text.size() <= limit && text.find('\n', searched) == std::string::npos) {
+    while (text.size() <= kLongestRequestLine && text.find('\n', searched) == std::string::npos) {
         searched = text.size();
         ssize_t const count = connection.read(piece, sizeof piece);
         if (count <= 0) {

@@ -147,15 +147,20 @@ TEST(Acceptor, StopsWhileItRefuses) {
     acceptor.stop();
 }
 
-TEST(Acceptor, ServesHundredsAtOnce) {
-    // More than have a thread at one time; the rest waits at the door.
+/// More than have a thread at one time; the rest waits at the door.
+std::vector<std::unique_ptr<RawConnection>> connectHundreds(Acceptor const& acceptor) {
     constexpr std::size_t kMany = 300;
-    Acceptor acceptor(0);
-    acceptor.start(&echo);
     std::vector<std::unique_ptr<RawConnection>> connections;
     for (std::size_t number = 0; number < kMany; ++number) {
         connections.push_back(std::make_unique<RawConnection>(acceptor.port()));
     }
+    return connections;
+}
+
+TEST(Acceptor, ServesHundredsAtOnce) {
+    Acceptor acceptor(0);
+    acceptor.start(&echo);
+    std::vector<std::unique_ptr<RawConnection>> connections = connectHundreds(acceptor);
     for (std::unique_ptr<RawConnection>& connection : connections) {
         EXPECT_TRUE(isServed(*connection));
         connection.reset();
@@ -163,13 +168,9 @@ TEST(Acceptor, ServesHundredsAtOnce) {
 }
 
 TEST(Acceptor, StopsWithHundredsAtOnce) {
-    constexpr std::size_t kMany = 300;
     Acceptor acceptor(0);
     acceptor.start(&echo);
-    std::vector<std::unique_ptr<RawConnection>> connections;
-    for (std::size_t number = 0; number < kMany; ++number) {
-        connections.push_back(std::make_unique<RawConnection>(acceptor.port()));
-    }
+    std::vector<std::unique_ptr<RawConnection>> const connections = connectHundreds(acceptor);
     auto const begin = Clock::now();
     acceptor.stop();
     EXPECT_LT(Clock::now() - begin, 2 * kPatience);
