@@ -2,8 +2,8 @@
 #ifndef TALLOWIN_CCONFIGURATIONSETUP_H
 #define TALLOWIN_CCONFIGURATIONSETUP_H
 
-#include "api/kvxhandle.h"
-#include "core/kvxctx.h"
+#include "tallowin/kvxctx.h"
+#include "tallowin/kvxhandle.h"
 
 /// Prepares and maintains the configuration directory of one merchant account.
 ///

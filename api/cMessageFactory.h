@@ -4,8 +4,8 @@
 
 #include <memory>
 
-#include "api/kvxhandle.h"
-#include "foundation/tbstring.h"
+#include "tallowin/kvxhandle.h"
+#include "tallowin/tbstring.h"
 
 class KVXCIMPL_MessageObject;
 

@@ -2,8 +2,8 @@
 #ifndef TALLOWIN_CMESSAGEOBJECT_H
 #define TALLOWIN_CMESSAGEOBJECT_H
 
-#include "api/kvxhandle.h"
-#include "core/kvxctx.h"
+#include "tallowin/kvxctx.h"
+#include "tallowin/kvxhandle.h"
 
 /// One payment message together with the context it is bound to.
 ///

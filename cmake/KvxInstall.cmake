@@ -1,49 +1,18 @@
 # Public headers, packages, installation.
 #
-# Inside the tree an include names its layer ("xml/xmlelement.h"). Users get all headers side by side in one folder,
-# tallowin/, with includes to match. The folder is laid out in the build tree first, so that examples and tests use the
-# headers exactly as they install.
+# include/tallowin/ is what users get: the C headers, and links to the headers of the layers that make up the C++ face.
+# These include each other by the names that users have ("tallowin/xmlelement.h"), so they are installed as they are.
 
-set(KVX_PUBLIC_HEADERS
-  api/include/tallowin/codes.h
-  api/include/tallowin/export.h
-  api/include/tallowin/tallowin.h
-  api/include/tallowin/version.h
-  foundation/tbexception.h
-  foundation/tbmap.h
-  foundation/tbmultimap.h
-  foundation/tbobject.h
-  foundation/tbptr.h
-  foundation/tbrbtree.h
-  foundation/tbstring.h
-  foundation/tbstringstream.h
-  foundation/tbstrptr.h
-  foundation/tbvector.h
-  xml/xmlelement.h
-  xml/xmlparser.h
-  xml/xmlquery.h
-  core/icct.h
-  core/kvxbase.h
-  core/kvxctx.h
-  net/kvxhttp.h
-  net/kvxurl.h
-  api/cConfigurationSetup.h
-  api/cMessageFactory.h
-  api/cMessageObject.h
-  api/kvxhandle.h
-)
-set(KVX_STAGED_INCLUDES "${PROJECT_BINARY_DIR}/include")
-set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${KVX_PUBLIC_HEADERS})
-foreach(header IN LISTS KVX_PUBLIC_HEADERS)
-  get_filename_component(name "${header}" NAME)
-  file(READ "${header}" text)
-  string(REGEX REPLACE "#include \"(foundation|xml|core|net|api|tallowin)/([^\"]+)\"" "#include \"\\2\"" text "${text}")
-  file(CONFIGURE OUTPUT "${KVX_STAGED_INCLUDES}/tallowin/${name}" CONTENT "${text}" @ONLY)
+file(GLOB public_headers RELATIVE "${PROJECT_SOURCE_DIR}" CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/include/tallowin/*.h")
+set(KVX_PUBLIC_HEADERS "")
+foreach(header IN LISTS public_headers)
+  file(REAL_PATH "${PROJECT_SOURCE_DIR}/${header}" header)
+  list(APPEND KVX_PUBLIC_HEADERS "${header}")
 endforeach()
 
 install(TARGETS tallowin tallowin_static EXPORT tallowinTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(DIRECTORY "${KVX_STAGED_INCLUDES}/tallowin" DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES ${KVX_PUBLIC_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tallowin)
 
 include(CMakePackageConfigHelpers)
 set(KVX_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/tallowin)

@@ -14,8 +14,7 @@ endforeach()
 add_library(tallowin SHARED ${kvx_objects})
 set_target_properties(tallowin PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
 target_link_libraries(tallowin PRIVATE OpenSSL::SSL OpenSSL::Crypto PkgConfig::UUID)
-target_include_directories(tallowin INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/api/include>
-                                              $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/include>
+target_include_directories(tallowin INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
                                               $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 set(KVX_EXPORT_LIST "${PROJECT_SOURCE_DIR}/cmake/tallowin.map")
 target_link_options(tallowin PRIVATE "-Wl,--version-script=${KVX_EXPORT_LIST}" -Wl,--no-undefined)
@@ -25,12 +24,12 @@ add_library(tallowin_static STATIC ${kvx_objects})
 set_target_properties(tallowin_static PROPERTIES OUTPUT_NAME tallowin)
 target_link_libraries(tallowin_static PUBLIC OpenSSL::SSL OpenSSL::Crypto PkgConfig::UUID)
 target_include_directories(tallowin_static PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
-                                                  $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/api/include>
+                                                  $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
                                                   $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 
 add_library(tallowin_seams STATIC EXCLUDE_FROM_ALL ${kvx_seam_objects})
 target_link_libraries(tallowin_seams PUBLIC OpenSSL::SSL OpenSSL::Crypto PkgConfig::UUID)
 target_compile_definitions(tallowin_seams PUBLIC KVX_TEST_SEAMS ${KVX_WIDE_SYSTEM_TYPES})
-target_include_directories(tallowin_seams PUBLIC "${PROJECT_SOURCE_DIR}" "${PROJECT_SOURCE_DIR}/api/include")
+target_include_directories(tallowin_seams PUBLIC "${PROJECT_SOURCE_DIR}" "${PROJECT_SOURCE_DIR}/include")
 
 include(KvxInstall)

@@ -6,9 +6,9 @@
 
 #include <cstdint>
 
-#include "foundation/tbstring.h"
 #include "tallowin/codes.h"
 #include "tallowin/export.h"
+#include "tallowin/tbstring.h"
 
 /// One row of the text table.
 struct KVX_ErrorRow {

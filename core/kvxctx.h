@@ -6,10 +6,10 @@
 
 #include <cstdint>
 
-#include "core/kvxbase.h"
-#include "foundation/tbstring.h"
-#include "foundation/tbstringstream.h"
-#include "xml/xmlelement.h"
+#include "tallowin/kvxbase.h"
+#include "tallowin/tbstring.h"
+#include "tallowin/tbstringstream.h"
+#include "tallowin/xmlelement.h"
 
 class KVX_Context;
 struct KVX_Settings;

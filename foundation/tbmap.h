@@ -2,8 +2,8 @@
 #ifndef TALLOWIN_TBMAP_H
 #define TALLOWIN_TBMAP_H
 
-#include "foundation/tbrbtree.h"
-#include "foundation/tbstring.h"
+#include "tallowin/tbrbtree.h"
+#include "tallowin/tbstring.h"
 
 // Deliberate: containers hide inherited overloads; which one a call finds is part of their behaviour.
 #pragma GCC diagnostic push

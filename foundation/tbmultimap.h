@@ -2,9 +2,9 @@
 #ifndef TALLOWIN_TBMULTIMAP_H
 #define TALLOWIN_TBMULTIMAP_H
 
-#include "foundation/tbmap.h"
-#include "foundation/tbptr.h"
-#include "foundation/tbstrptr.h"
+#include "tallowin/tbmap.h"
+#include "tallowin/tbptr.h"
+#include "tallowin/tbstrptr.h"
 
 // Deliberate: containers hide inherited overloads; which one a call finds is part of their behaviour.
 #pragma GCC diagnostic push

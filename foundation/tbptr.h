@@ -2,7 +2,7 @@
 #ifndef TALLOWIN_TBPTR_H
 #define TALLOWIN_TBPTR_H
 
-#include "foundation/tbobject.h"
+#include "tallowin/tbobject.h"
 
 /// Holds at most one counted reference to its target.
 ///

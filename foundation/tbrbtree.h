@@ -2,7 +2,7 @@
 #ifndef TALLOWIN_TBRBTREE_H
 #define TALLOWIN_TBRBTREE_H
 
-#include "foundation/tbvector.h"
+#include "tallowin/tbvector.h"
 
 // Deliberate: containers hide inherited overloads; which one a call finds is part of their behaviour.
 #pragma GCC diagnostic push

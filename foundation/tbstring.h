@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "foundation/tbobject.h"
+#include "tallowin/tbobject.h"
 
 /// Bytes before the first zero; 0 for null.
 std::size_t TCSLEN(char const* text) noexcept;

@@ -2,7 +2,7 @@
 #ifndef TALLOWIN_TBSTRINGSTREAM_H
 #define TALLOWIN_TBSTRINGSTREAM_H
 
-#include "foundation/tbstring.h"
+#include "tallowin/tbstring.h"
 
 /// Text that is written piecewise at the end and read byte by byte from the front.
 ///

@@ -2,8 +2,8 @@
 #ifndef TALLOWIN_TBSTRPTR_H
 #define TALLOWIN_TBSTRPTR_H
 
-#include "foundation/tbptr.h"
-#include "foundation/tbstring.h"
+#include "tallowin/tbptr.h"
+#include "tallowin/tbstring.h"
 
 /// Pairs a key with a TbPtr, so that counted objects can be kept in ordered containers.
 ///

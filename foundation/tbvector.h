@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "foundation/tbobject.h"
+#include "tallowin/tbobject.h"
 
 // Deliberate: containers hide inherited overloads; which one a call finds is part of their behaviour.
 #pragma GCC diagnostic push

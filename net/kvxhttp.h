@@ -8,11 +8,11 @@
 #include <cstdint>
 #include <memory>
 
-#include "foundation/tbstring.h"
-#include "foundation/tbstringstream.h"
-#include "net/kvxurl.h"
 #include "tallowin/codes.h"
 #include "tallowin/export.h"
+#include "tallowin/kvxurl.h"
+#include "tallowin/tbstring.h"
+#include "tallowin/tbstringstream.h"
 
 struct sockaddr;
 struct ssl_ctx_st;

@@ -6,9 +6,9 @@
 
 #include <cstdint>
 
-#include "foundation/tbstring.h"
-#include "foundation/tbstringstream.h"
 #include "tallowin/export.h"
+#include "tallowin/tbstring.h"
+#include "tallowin/tbstringstream.h"
 
 /// A URL in its parts; all empty until SplitUrl fills them.
 struct KVX_EXPORT URL_INFO {

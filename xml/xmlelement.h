@@ -4,12 +4,12 @@
 #ifndef TALLOWIN_XMLELEMENT_H
 #define TALLOWIN_XMLELEMENT_H
 
-#include "foundation/tbmap.h"
-#include "foundation/tbmultimap.h"
-#include "foundation/tbptr.h"
-#include "foundation/tbstring.h"
-#include "foundation/tbstringstream.h"
 #include "tallowin/export.h"
+#include "tallowin/tbmap.h"
+#include "tallowin/tbmultimap.h"
+#include "tallowin/tbptr.h"
+#include "tallowin/tbstring.h"
+#include "tallowin/tbstringstream.h"
 
 class xmlElement;
 class xmlElementEnum;

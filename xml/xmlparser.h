@@ -6,11 +6,11 @@
 
 #include <cstdint>
 
-#include "foundation/tbobject.h"
-#include "foundation/tbstring.h"
-#include "foundation/tbstringstream.h"
 #include "tallowin/export.h"
-#include "xml/xmlelement.h"
+#include "tallowin/tbobject.h"
+#include "tallowin/tbstring.h"
+#include "tallowin/tbstringstream.h"
+#include "tallowin/xmlelement.h"
 
 /// The classes of characters, one bit each. Every byte has exactly one.
 enum xmlSymbol : std::uint32_t {

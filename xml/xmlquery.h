@@ -6,8 +6,8 @@
 
 #include <cstdint>
 
-#include "foundation/tbstring.h"
-#include "xml/xmlelement.h"
+#include "tallowin/tbstring.h"
+#include "tallowin/xmlelement.h"
 
 /// Walks from `start` down the part of `path` that names child elements; what is left names an attribute.
 ///

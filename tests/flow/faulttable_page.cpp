@@ -17,7 +17,7 @@ What becomes of a set-up and of a payment when something goes wrong on the way, 
 makes happen on request: what the component returns, where the payment stands, and what to do.
 
 - **Carried out** tells whether the service did what it was asked. Without its answer a merchant cannot know.
-- The codes are those of [codes.h](../api/include/tallowin/codes.h).
+- The codes are those of [codes.h](../include/tallowin/codes.h).
 - There is no limit of time: what stands beside `delay` and the stalls is returned once the service answers or closes,
   and until then the call waits. There is no limit of size either: what stands beside `huge` holds while memory lasts.
 - `https` does not authenticate the server, so no certificate makes a call fail: see [risks](risks.md#the-network).

@@ -1,0 +1,1 @@
+../../xml/xmlparser.h
