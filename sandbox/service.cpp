@@ -6,19 +6,19 @@
 #include <string>
 #include <utility>
 
-#include "sandbox/control.h"
-#include "sandbox/dashboard.h"
-#include "sandbox/datadirectory.h"
-#include "sandbox/listener.h"
-#include "sandbox/notifier.h"
-#include "sandbox/pages.h"
-#include "sandbox/paymentmoves.h"
-#include "sandbox/protocol.h"
-#include "sandbox/proxy.h"
-#include "sandbox/refusal.h"
-#include "sandbox/site.h"
-#include "sandbox/tlsidentity.h"
-#include "sandbox/wiretext.h"
+#include "sandbox/control/control.h"
+#include "sandbox/dashboard/dashboard.h"
+#include "sandbox/http/listener.h"
+#include "sandbox/http/tlsidentity.h"
+#include "sandbox/pages/shopperpages.h"
+#include "sandbox/proxy/proxy.h"
+#include "sandbox/service/notifier.h"
+#include "sandbox/service/paymentmoves.h"
+#include "sandbox/service/protocol.h"
+#include "sandbox/service/site.h"
+#include "sandbox/store/datadirectory.h"
+#include "sandbox/text/refusal.h"
+#include "sandbox/text/wiretext.h"
 
 namespace sandbox {
 

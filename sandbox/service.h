@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TALLOWIN_SANDBOX_SERVICE_H
+#define TALLOWIN_SANDBOX_SERVICE_H
 
 #include <chrono>
 #include <cstdint>
@@ -8,10 +9,10 @@
 #include <string>
 #include <vector>
 
-#include "sandbox/exchange.h"
-#include "sandbox/faultbook.h"
-#include "sandbox/notification.h"
-#include "sandbox/payment.h"
+#include "sandbox/faults/faultbook.h"
+#include "sandbox/store/exchange.h"
+#include "sandbox/store/notification.h"
+#include "sandbox/store/storedpayment.h"
 
 namespace sandbox {
 
@@ -118,3 +119,5 @@ private:
 };
 
 }  // namespace sandbox
+
+#endif  // TALLOWIN_SANDBOX_SERVICE_H

@@ -9,7 +9,7 @@
 #include <string>
 
 #include "sandbox/service.h"
-#include "tests/sandbox/sandboxfixture.h"
+#include "tests/sandbox/support/sandboxfixture.h"
 
 extern char** environ;
 

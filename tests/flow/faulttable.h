@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "sandbox/fault.h"
+#include "sandbox/faults/fault.h"
 
 namespace kvxtest {
 

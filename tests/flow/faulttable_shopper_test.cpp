@@ -5,10 +5,10 @@
 #include <cerrno>
 #include <optional>
 
-#include "sandbox/site.h"
+#include "sandbox/service/site.h"
 #include "tests/flow/faulthappening.h"
 #include "tests/flow/flowsupport.h"
-#include "tests/sandbox/rawclient.h"
+#include "tests/sandbox/support/rawclient.h"
 
 using namespace kvxtest;
 using sandbox::ExchangeKind;

@@ -1,8 +1,8 @@
 #include "tests/flow/flowsupport.h"
 
 #include "tests/api/apisupport.h"
-#include "tests/sandbox/rawclient.h"
-#include "tests/sandbox/testmerchant.h"
+#include "tests/sandbox/support/rawclient.h"
+#include "tests/sandbox/support/testmerchant.h"
 
 namespace kvxtest {
 

@@ -1,7 +1,7 @@
 // Whole payments, from the set-up of the account to the completion.
 
 #include "tests/flow/flowsupport.h"
-#include "tests/sandbox/testmerchant.h"
+#include "tests/sandbox/support/testmerchant.h"
 
 using namespace kvxtest;
 

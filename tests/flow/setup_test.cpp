@@ -5,7 +5,7 @@
 #include <iterator>
 
 #include "tests/flow/flowsupport.h"
-#include "tests/sandbox/rawclient.h"
+#include "tests/sandbox/support/rawclient.h"
 #include "tests/support/raw_server.h"
 
 using namespace kvxtest;

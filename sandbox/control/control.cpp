@@ -1,0 +1,100 @@
+#include "sandbox/control/control.h"
+
+#include <cstddef>
+#include <string>
+
+#include "sandbox/control/controlguards.h"
+#include "sandbox/control/controljson.h"
+#include "sandbox/control/controlroutes.h"
+#include "sandbox/text/refusal.h"
+
+namespace sandbox {
+
+namespace {
+
+constexpr int kNotFound = 404;
+constexpr int kMethodNotAllowed = 405;
+constexpr int kFailed = 500;
+
+/// One method of one address.
+struct Route {
+    char const* method;
+    char const* path;  ///< A "#" at the end stands for digits.
+    HttpReply (*answer)(Site const& site, HttpRequest const& request);
+};
+
+// clang-format off
+constexpr Route kRoutes[] = {
+    {"GET",    "/control",              tellService},
+    {"GET",    "/control/faults",       tellFaults},
+    {"POST",   "/control/faults",       armFault},
+    {"DELETE", "/control/faults",       liftAllFaults},
+    {"GET",    "/control/faults/kinds", tellFaultKinds},
+    {"DELETE", "/control/faults/#",     liftFault},
+    {"GET",    "/control/payments",     tellPayments},
+    {"GET",    "/control/exchanges",    tellExchanges},
+    {"GET",    "/control/keys",         tellKeys},
+    {"POST",   "/control/keys/rotate",  rotateKey},
+    {"POST",   "/control/accounts",     putAccount},
+    {"POST",   "/control/clock",        setClock},
+};
+// clang-format on
+
+bool isBelow(std::string const& path, std::string const& parent) {
+    return path == parent || path.compare(0, parent.size() + 1, parent + "/") == 0;
+}
+
+bool matches(std::string const& pattern, std::string const& path) {
+    if (pattern.back() != '#') {
+        return path == pattern;
+    }
+    std::size_t const start = pattern.size() - 1;
+    return path.size() > start && path.compare(0, start, pattern, 0, start) == 0 &&
+           path.find_first_not_of("0123456789", start) == std::string::npos;
+}
+
+HttpReply errorReply(int status, std::string const& reason) {
+    nlohmann::json content = nlohmann::json::object();
+    putBytes(content, "error", reason);
+    return jsonReply(status, content);
+}
+
+HttpReply answerRoute(Site const& site, HttpRequest const& request) {
+    refuseForeignHost(request);
+    std::string allowed;
+    for (Route const& route : kRoutes) {
+        if (!matches(route.path, request.path)) {
+            continue;
+        }
+        if (request.method == route.method) {
+            if (request.method == "POST") {
+                requireJson(request);
+            }
+            return route.answer(site, request);
+        }
+        allowed += (allowed.empty() ? "" : ", ") + std::string(route.method);
+    }
+    if (allowed.empty()) {
+        throw Refusal("there is nothing at " + request.path, kNotFound);
+    }
+    HttpReply reply = errorReply(kMethodNotAllowed, request.path + " knows " + allowed + ", not " + request.method);
+    reply.allow = allowed;
+    return reply;
+}
+
+}  // namespace
+
+std::optional<HttpReply> answerControl(Site const& site, HttpRequest const& request) {
+    if (!isBelow(request.path, "/control")) {
+        return std::nullopt;
+    }
+    try {
+        return answerRoute(site, request);
+    } catch (Refusal const& refusal) {
+        return errorReply(refusal.status(), refusal.what());
+    } catch (std::exception const& failure) {
+        return errorReply(kFailed, std::string("the sandbox failed: ") + failure.what());
+    }
+}
+
+}  // namespace sandbox

@@ -1,0 +1,49 @@
+#include "sandbox/control/controlguards.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <string>
+
+#include "sandbox/text/refusal.h"
+
+namespace sandbox {
+
+namespace {
+
+constexpr int kForbidden = 403;
+constexpr int kUnsupportedMediaType = 415;
+
+/// ASCII only, whatever the locale is.
+std::string lowerCase(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+    return text;
+}
+
+/// `host` without a port.
+std::string nameOf(std::string const& host) {
+    std::size_t const colon = host.find(':');
+    bool const numbered =
+        colon != std::string::npos && host.find_first_not_of("0123456789", colon + 1) == std::string::npos;
+    return numbered ? host.substr(0, colon) : host;
+}
+
+}  // namespace
+
+void refuseForeignHost(HttpRequest const& request) {
+    std::string const name = lowerCase(nameOf(request.host));
+    if (!request.host.empty() && name != "127.0.0.1" && name != "localhost") {
+        throw Refusal("This service answers under 127.0.0.1 and localhost, not under '" + request.host + "'.",
+                      kForbidden);
+    }
+}
+
+void requireJson(HttpRequest const& request) {
+    std::string type = lowerCase(request.contentType.substr(0, request.contentType.find(';')));
+    type.erase(type.find_last_not_of(" \t") + 1);
+    if (type != "application/json") {
+        throw Refusal("the request must have the header Content-Type: application/json", kUnsupportedMediaType);
+    }
+}
+
+}  // namespace sandbox

@@ -1,0 +1,111 @@
+#include <algorithm>
+#include <cstddef>
+#include <utility>
+
+#include "sandbox/crypto/signature.h"
+#include "sandbox/dashboard/calculator.h"
+
+/// Which message was signed when it was not DATA, and what makes it another one.
+namespace sandbox {
+
+namespace {
+
+// Longer ones are passed over, so that looking through all of them stays a matter of a second.
+constexpr std::int64_t kLongestRecalled = 16 * 1024;
+
+bool hasDigest(std::string const& text, std::string const& digest) {
+    return digestOf(text, Widening::Zero) == digest || digestOf(text, Widening::Sign) == digest;
+}
+
+/// The confirmation of `payment` that has this digest, as the service signs them under the key `keyId`, faults
+/// included. Nothing when there is none.
+std::optional<std::string> findConfirmation(std::string const& keyId, Payment const& payment,
+                                            std::string const& digest) {
+    for (HistoryEntry const& step : payment.history) {
+        for (char const* type : {kConfirmationType, kUnexpectedType}) {
+            std::string text = confirmationBy(keyId, type, payment, stateName(step.state)).text();
+            if (hasDigest(text, digest)) {
+                return text;
+            }
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> valueOf(Attributes const& attributes, std::string const& name) {
+    for (auto const& [present, value] : attributes) {
+        if (present == name) {
+            return value;
+        }
+    }
+    return std::nullopt;
+}
+
+/// `text` without what stands between its attributes: blanks in values stay.
+std::string withoutBlanksBetween(std::string const& text) {
+    std::string out;
+    char quote = '\0';
+    for (char const c : text) {
+        bool const isBlank = c == ' ' || c == '\t' || c == '\r' || c == '\n';
+        if (quote != '\0' || !isBlank) {
+            out += c;
+        }
+        if (quote == '\0' && (c == '"' || c == '\'')) {
+            quote = c;
+        } else if (c == quote) {
+            quote = '\0';
+        }
+    }
+    return out;
+}
+
+}  // namespace
+
+std::optional<SeenMessage> recallSeen(Site const& site, KnownKey const& key, std::string const& digest) {
+    for (PaymentRecord const& record : site.store.latestPayments(kMostRecalled, kLongestRecalled)) {
+        std::string const page = "/payment?id=" + record.payment.id;
+        if (hasDigest(record.message, digest)) {
+            return SeenMessage{record.message, "the PayInit of the payment " + record.payment.id, page};
+        }
+        std::optional<std::string> confirmation =
+            key.ofService() ? findConfirmation(key.id, record.payment, digest) : std::nullopt;
+        if (confirmation) {
+            return SeenMessage{std::move(*confirmation), "a confirmation of the payment " + record.payment.id, page};
+        }
+    }
+    for (auto const& [number, data] : site.store.latestData(kMostRecalled, kLongestRecalled)) {
+        if (hasDigest(data, digest)) {
+            std::string const text = std::to_string(number);
+            return SeenMessage{data, "the DATA of the exchange " + text, "/exchange?number=" + text};
+        }
+    }
+    return std::nullopt;
+}
+
+std::vector<Difference> differences(Attributes const& inSigned, Attributes const& inData) {
+    std::vector<Difference> found;
+    for (auto const& [name, value] : inSigned) {
+        std::optional<std::string> other = valueOf(inData, name);
+        if (other != value) {
+            found.push_back({name, value, std::move(other)});
+        }
+    }
+    for (auto const& [name, value] : inData) {
+        if (!valueOf(inSigned, name)) {
+            found.push_back({name, std::nullopt, value});
+        }
+    }
+    return found;
+}
+
+std::string differenceInWriting(std::string const& inSigned, std::string const& inData) {
+    if (Message::parse(inSigned).attributes() != Message::parse(inData).attributes()) {
+        return "the attributes stand in another order";
+    }
+    if (withoutBlanksBetween(inSigned) == withoutBlanksBetween(inData)) {
+        return "only the white space around the attributes differs";
+    }
+    return "only the way of writing differs, as in the escapes, the quotation marks or the end of the element";
+}
+
+}  // namespace sandbox

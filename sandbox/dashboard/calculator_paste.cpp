@@ -1,0 +1,76 @@
+#include <algorithm>
+#include <cstddef>
+
+#include "sandbox/dashboard/calculator.h"
+#include "sandbox/text/refusal.h"
+#include "sandbox/text/wiretext.h"
+
+/// Reading what people paste into the calculator.
+namespace sandbox {
+
+namespace {
+
+constexpr char kBlanks[] = " \t\r\n";
+
+std::string without(std::string text, std::string const& characters) {
+    text.erase(std::remove_if(text.begin(), text.end(),
+                              [&characters](char c) { return characters.find(c) != std::string::npos; }),
+               text.end());
+    return text;
+}
+
+/// Where "DATA=" begins a piece of a query; npos when it does not.
+std::size_t findData(std::string const& text) {
+    constexpr char kName[] = "DATA=";
+    std::size_t at = text.find(kName);
+    // The semicolon ends the "&amp;" of an address that was copied out of HTML.
+    while (at != std::string::npos && at > 0 && std::string("?&;").find(text[at - 1]) == std::string::npos) {
+        at = text.find(kName, at + 1);
+    }
+    return at;
+}
+
+/// The query of the address `text`, in which DATA stands at `data`.
+Query queryOf(std::string const& text, std::size_t data) {
+    std::size_t const mark = text.rfind('?', data);
+    std::size_t const from = mark == std::string::npos ? 0 : mark + 1;
+    std::string const query = text.substr(from, text.find('#', from) - from);
+    return Query(replaceAll(query, "&amp;", "&"));
+}
+
+std::string bothSignatures(std::string const& inAddress, std::string const& beside) {
+    if (!inAddress.empty() && !beside.empty() && inAddress != beside) {
+        throw Refusal("SIGNATURE stands in the address and beside it, and the two differ: leave one of them out");
+    }
+    return inAddress.empty() ? beside : inAddress;
+}
+
+}  // namespace
+
+SignedTexts readPasted(std::string const& data, std::string const& signature) {
+    SignedTexts texts{data, without(signature, kBlanks)};
+    std::size_t const begin = data.find_first_not_of(kBlanks);
+    if (begin == std::string::npos) {
+        texts.data.clear();
+        return texts;
+    }
+    if (data[begin] == '<') {
+        return texts;
+    }
+    // A long line comes out of a mail or a terminal with line ends in it.
+    std::string const packed = without(data.substr(begin, data.find_last_not_of(kBlanks) + 1 - begin), "\r\n");
+    std::size_t const at = findData(packed);
+    if (at != std::string::npos) {
+        Query const query = queryOf(packed, at);
+        return {query.value("DATA").value_or(""),
+                bothSignatures(query.value("SIGNATURE").value_or(""), texts.signature)};
+    }
+    std::optional<std::string> const decoded = percentDecode(packed);
+    if (!decoded) {
+        throw Refusal("DATA is not well-formed percent-encoding");
+    }
+    texts.data = *decoded;
+    return texts;
+}
+
+}  // namespace sandbox

@@ -1,0 +1,210 @@
+#include <cstddef>
+#include <utility>
+
+#include "sandbox/dashboard/calculator.h"
+#include "sandbox/text/wiretext.h"
+
+/// The damages that a message is known to suffer between two programs, undone one by one.
+namespace sandbox {
+
+namespace {
+
+constexpr char kBlanks[] = " \t\r\n";
+
+bool isHigh(char c) {
+    return static_cast<unsigned char>(c) >= 0x80;
+}
+
+std::string withoutEnd(std::string const& text) {
+    return text.substr(0, text.find_last_not_of(kBlanks) + 1);
+}
+
+std::string withoutEnds(std::string const& text) {
+    std::size_t const from = text.find_first_not_of(kBlanks);
+    return from == std::string::npos ? "" : withoutEnd(text.substr(from));
+}
+
+std::string withLineFeed(std::string const& text) {
+    return text + "\n";
+}
+
+std::string withLineEnd(std::string const& text) {
+    return text + "\r\n";
+}
+
+std::string plusToBlank(std::string const& text) {
+    return replaceAll(text, "+", " ");
+}
+
+/// `text` with `change` applied to each byte between quotation marks.
+template <class Change>
+std::string changeValues(std::string const& text, Change change) {
+    std::string out;
+    bool inValue = false;
+    for (char const c : text) {
+        inValue = inValue != (c == '"');
+        if (inValue && c != '"') {
+            out += change(c);
+        } else {
+            out += c;
+        }
+    }
+    return out;
+}
+
+std::string blankToPlus(std::string const& text) {
+    return changeValues(text, [](char c) { return std::string(1, c == ' ' ? '+' : c); });
+}
+
+std::string decodeAgain(std::string const& text) {
+    return percentDecode(text).value_or(text);
+}
+
+/// What an address inside of a message has encoded: everything but printable ASCII, and the percent sign.
+bool isEncodedInAddresses(char c) {
+    return c <= ' ' || c > '~' || c == '%';
+}
+
+std::string encodeAgain(std::string const& text) {
+    return changeValues(text, [](char c) {
+        std::string const one(1, c);
+        return isEncodedInAddresses(c) ? percentEncode(one) : one;
+    });
+}
+
+std::string encodeAgainInUpperCase(std::string const& text) {
+    return changeValues(text, [](char c) {
+        std::string const one(1, c);
+        if (!isEncodedInAddresses(c)) {
+            return one;
+        }
+        std::string encoded = percentEncode(one);
+        for (char& digit : encoded) {
+            digit = digit >= 'a' ? static_cast<char>(digit - 'a' + 'A') : digit;
+        }
+        return encoded;
+    });
+}
+
+std::string lineFeedsOnly(std::string const& text) {
+    return replaceAll(text, "\r\n", "\n");
+}
+
+std::string fullLineEnds(std::string const& text) {
+    return replaceAll(lineFeedsOnly(text), "\n", "\r\n");
+}
+
+std::string returnsToLineFeeds(std::string const& text) {
+    return replaceAll(text, "\r", "\n");
+}
+
+struct Entity {
+    char const* name;
+    char const* character;
+};
+
+constexpr Entity kEntities[] = {
+    {"&amp;", "&"}, {"&lt;", "<"}, {"&gt;", ">"}, {"&quot;", "\""}, {"&apos;", "'"}, {"&#39;", "'"}, {"&#34;", "\""},
+};
+
+/// The entity that stands at `at`, null for none.
+Entity const* entityAt(std::string const& text, std::size_t at) {
+    for (Entity const& entity : kEntities) {
+        if (text.compare(at, std::char_traits<char>::length(entity.name), entity.name) == 0) {
+            return &entity;
+        }
+    }
+    return nullptr;
+}
+
+std::string unescapeHtml(std::string const& text) {
+    std::string out;
+    std::size_t at = 0;
+    while (at < text.size()) {
+        Entity const* const entity = entityAt(text, at);
+        out += entity != nullptr ? std::string(entity->character) : text.substr(at, 1);
+        at += entity != nullptr ? std::char_traits<char>::length(entity->name) : 1;
+    }
+    return out;
+}
+
+std::string escapeAmpersands(std::string const& text) {
+    std::string out;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        out += text[at] == '&' && entityAt(text, at) == nullptr ? "&amp;" : text.substr(at, 1);
+    }
+    return out;
+}
+
+std::string latin1ToUtf8(std::string const& text) {
+    std::string out;
+    for (char const c : text) {
+        if (!isHigh(c)) {
+            out += c;
+            continue;
+        }
+        auto const byte = static_cast<unsigned char>(c);
+        out += static_cast<char>(0xC0 | byte >> 6);
+        out += static_cast<char>(0x80 | (byte & 0x3F));
+    }
+    return out;
+}
+
+/// Unchanged when `text` is not UTF-8 or has characters that Latin-1 does not have.
+std::string utf8ToLatin1(std::string const& text) {
+    std::string out;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        if (!isHigh(text[at])) {
+            out += text[at];
+            continue;
+        }
+        bool const hasTwo = text[at] == '\xC2' || text[at] == '\xC3';
+        if (!hasTwo || at + 1 == text.size() || (static_cast<unsigned char>(text[at + 1]) & 0xC0) != 0x80) {
+            return text;
+        }
+        out += static_cast<char>((text[at] & 0x03) << 6 | (text[at + 1] & 0x3F));
+        ++at;
+    }
+    return out;
+}
+
+struct RepairRow {
+    std::string (*repair)(std::string const& text);
+    char const* description;
+};
+
+// clang-format off
+constexpr RepairRow kRepairs[] = {
+    {withoutEnd,             "the blanks and line ends behind it are cut"},
+    {withoutEnds,            "the blanks and line ends around it are cut"},
+    {withLineFeed,           "a line feed is put behind it"},
+    {withLineEnd,            "a carriage return and a line feed are put behind it"},
+    {lineFeedsOnly,          "its line ends become line feeds alone"},
+    {fullLineEnds,           "its line ends become carriage returns with line feeds"},
+    {returnsToLineFeeds,     "its carriage returns become line feeds"},
+    {plusToBlank,            "each + in it is taken for a blank"},
+    {blankToPlus,            "each blank in its values is taken for a +"},
+    {decodeAgain,            "its percent-encoding is undone once more: it was encoded twice"},
+    {encodeAgain,            "its values are percent-encoded again, in lower case: it was decoded twice"},
+    {encodeAgainInUpperCase, "its values are percent-encoded again, in upper case: it was decoded twice"},
+    {unescapeHtml,           "its HTML escapes are undone"},
+    {escapeAmpersands,       "its bare ampersands become &amp;"},
+    {latin1ToUtf8,           "it is recoded from Latin-1 to UTF-8"},
+    {utf8ToLatin1,           "it is recoded from UTF-8 to Latin-1"},
+};
+// clang-format on
+
+}  // namespace
+
+std::vector<Repair> repairs(std::string const& data) {
+    std::vector<Repair> found;
+    for (RepairRow const& row : kRepairs) {
+        std::string text = row.repair(data);
+        if (text != data) {
+            found.push_back({std::move(text), row.description});
+        }
+    }
+    return found;
+}
+
+}  // namespace sandbox

@@ -1,0 +1,96 @@
+#include "sandbox/dashboard/dashboard.h"
+
+#include <cstddef>
+#include <string>
+
+#include "sandbox/control/controlguards.h"
+#include "sandbox/crypto/credentials.h"
+#include "sandbox/dashboard/dashboardparts.h"
+#include "sandbox/dashboard/dashboardroutes.h"
+#include "sandbox/text/refusal.h"
+
+namespace sandbox {
+
+namespace {
+
+constexpr int kForbidden = 403;
+constexpr int kMethodNotAllowed = 405;
+
+/// One method of one page.
+struct Route {
+    char const* method;
+    char const* path;
+    HttpReply (*answer)(Site const& site, Query const& fields);
+};
+
+// clang-format off
+constexpr Route kRoutes[] = {
+    {"GET",  "/",            overviewPage},
+    {"GET",  "/payment",     paymentDetailsPage},
+    {"GET",  "/exchange",    exchangeDetailsPage},
+    {"GET",  "/faults",      faultsPage},
+    {"POST", "/faults",      armByForm},
+    {"POST", "/faults/lift", liftByForm},
+    {"GET",  "/keys",        keysPage},
+    {"POST", "/keys/rotate", rotateByForm},
+    {"POST", "/keys/clock",  setClockByForm},
+    {"GET",  "/calculator",  calculatorPage},
+    {"POST", "/calculator",  calculateByForm},
+};
+// clang-format on
+
+/// The fields of a posted form. Forms write a blank as "+" (URL Standard, section 5.2), which queries of the protocol
+/// do not.
+Query formFields(HttpRequest const& request) {
+    return Query(replaceAll(request.body, "+", "%20"));
+}
+
+HttpReply answerForm(Site const& site, HttpRequest const& request, Route const& route) {
+    Query const form = formFields(request);
+    if (!equalSecrets(form.value("key").value_or(""), site.formKey)) {
+        throw Refusal(
+            "The form did not come from a page of this service, or the service was started anew since. "
+            "Open the page again and send its form.",
+            kForbidden);
+    }
+    return route.answer(site, form);
+}
+
+HttpReply answerRoute(Site const& site, HttpRequest const& request, Route const& route) {
+    refuseForeignHost(request);
+    if (request.method == "POST") {
+        return answerForm(site, request, route);
+    }
+    return route.answer(site, Query(request.query));
+}
+
+HttpReply refusalReply(int status, std::string const& reason) {
+    return dashboardPage(status, "", "This cannot be shown", problemNotice(reason));
+}
+
+}  // namespace
+
+std::optional<HttpReply> answerDashboard(Site const& site, HttpRequest const& request) {
+    std::string allowed;
+    for (Route const& route : kRoutes) {
+        if (request.path != route.path) {
+            continue;
+        }
+        if (request.method == route.method) {
+            try {
+                return answerRoute(site, request, route);
+            } catch (Refusal const& refusal) {
+                return refusalReply(refusal.status(), refusal.what());
+            }
+        }
+        allowed += (allowed.empty() ? "" : ", ") + std::string(route.method);
+    }
+    if (allowed.empty()) {
+        return std::nullopt;
+    }
+    HttpReply reply = refusalReply(kMethodNotAllowed, request.path + " knows " + allowed + ", not " + request.method);
+    reply.allow = allowed;
+    return reply;
+}
+
+}  // namespace sandbox

@@ -1,0 +1,120 @@
+#include "sandbox/dashboard/dashboardparts.h"
+
+#include <cstddef>
+
+#include "sandbox/text/utctime.h"
+#include "sandbox/text/wiretext.h"
+
+namespace sandbox {
+
+namespace {
+
+constexpr int kSeeOther = 303;
+
+struct NavigationRow {
+    char const* path;
+    char const* text;
+};
+
+constexpr NavigationRow kNavigation[] = {
+    {"/", "Overview"}, {"/faults", "Faults"}, {"/keys", "Keys and clock"}, {"/calculator", "Signature calculator"}};
+
+std::string navigation(std::string const& path) {
+    std::string entries;
+    for (NavigationRow const& row : kNavigation) {
+        std::string const here = path == row.path ? " aria-current=\"page\"" : "";
+        entries += std::string("<li><a href=\"") + row.path + "\"" + here + ">" + row.text + "</a></li>\n";
+    }
+    return "<nav aria-label=\"Dashboard\">\n<ul>\n" + entries + "</ul>\n</nav>\n";
+}
+
+/// Identifiers as shops make them stay in one line.
+std::string orderCell(std::string const& order) {
+    constexpr std::size_t kLongestWhole = 32;
+    return order.size() <= kLongestWhole ? whole(order) : escapeHtml(order);
+}
+
+/// "ok" plain, anything else so that it stands out.
+std::string verdictCell(std::string const& verdict) {
+    return verdict == "ok" ? "ok" : "<strong>" + escapeHtml(verdict) + "</strong>";
+}
+
+}  // namespace
+
+HttpReply dashboardPage(int status, std::string const& path, std::string const& title, std::string const& content,
+                        std::string const& headContent) {
+    return htmlPage(status, title, content, languageFor("en"), {headContent, navigation(path)});
+}
+
+HttpReply seeOther(std::string const& path) {
+    return {kSeeOther, "text/plain; charset=utf-8", "Done, see " + path + ".\n", path};
+}
+
+std::string link(std::string const& address, std::string const& text) {
+    return "<a href=\"" + escapeHtml(address) + "\">" + escapeHtml(text) + "</a>";
+}
+
+std::string whole(std::string const& text) {
+    return "<span class=\"whole\">" + escapeHtml(text) + "</span>";
+}
+
+std::string wideTable(std::string const& caption, std::vector<std::string> const& columns,
+                      std::vector<Cells> const& rows) {
+    std::string const name = escapeHtml(caption);
+    // What scrolls takes the focus, so that a keyboard scrolls it too.
+    std::string html = "<div class=\"wide\" role=\"region\" aria-label=\"" + name + "\" tabindex=\"0\">\n<table>\n" +
+                       "<caption>" + name + "</caption>\n<thead><tr>";
+    for (std::string const& column : columns) {
+        html += "<th scope=\"col\">" + escapeHtml(column) + "</th>";
+    }
+    html += "</tr></thead>\n<tbody>\n";
+    for (Cells const& cells : rows) {
+        html += "<tr><th scope=\"row\">" + cells.front() + "</th>";
+        for (std::size_t i = 1; i < cells.size(); ++i) {
+            html += "<td>" + cells[i] + "</td>";
+        }
+        html += "</tr>\n";
+    }
+    return html + "</tbody>\n</table>\n</div>\n";
+}
+
+std::string problemNotice(std::string const& problem) {
+    return problem.empty() ? "" : "<p class=\"problem\" role=\"alert\">" + escapeHtml(problem) + "</p>\n";
+}
+
+std::string dashboardForm(Site const& site, std::string const& action, std::string const& content,
+                          std::string const& problem) {
+    return problemNotice(problem) + "<form method=\"post\" action=\"" + action + "\">\n" +
+           hiddenField("key", site.formKey) + content + "</form>";
+}
+
+std::string textField(std::string const& label, std::string const& name, std::string const& value) {
+    return "<label>" + escapeHtml(label) + "\n<input name=\"" + name + "\" value=\"" + escapeHtml(value) +
+           "\" autocomplete=\"off\"/></label>\n";
+}
+
+std::string button(std::string const& label, std::string const& name, std::string const& value) {
+    std::string const sent = name.empty() ? "" : " name=\"" + name + "\" value=\"" + escapeHtml(value) + "\"";
+    return "<button" + sent + ">" + escapeHtml(label) + "</button>\n";
+}
+
+std::string exchangeTable(std::string const& caption, std::vector<Exchange> const& exchanges) {
+    std::vector<Cells> rows;
+    for (Exchange const& exchange : exchanges) {
+        std::string const number = std::to_string(exchange.number);
+        rows.push_back({link("/exchange?number=" + number, number), whole(exchange.time),
+                        whole(exchangeName(exchange.kind)), orderCell(exchange.order), verdictCell(exchange.verdict),
+                        escapeHtml(exchange.fault), whole(millisecondsText(exchange.microseconds))});
+    }
+    return wideTable(caption, {"Number", "Time", "Kind", "Order", "Verdict", "Fault", "Duration"}, rows);
+}
+
+std::string joined(std::vector<std::string> const& names) {
+    std::string text;
+    for (std::string const& name : names) {
+        text += (text.empty() ? "" : ", ") + name;
+    }
+    return text;
+}
+
+}  // namespace sandbox

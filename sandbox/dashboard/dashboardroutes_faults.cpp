@@ -1,0 +1,158 @@
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "sandbox/control/controlroutes.h"
+#include "sandbox/dashboard/dashboardparts.h"
+#include "sandbox/dashboard/dashboardroutes.h"
+#include "sandbox/text/refusal.h"
+
+/// The page on which faults are armed and lifted.
+namespace sandbox {
+
+namespace {
+
+constexpr char kPath[] = "/faults";
+
+/// A detail of a fault as the form asks for it.
+struct DetailRow {
+    char const* name;  ///< As in parseFault().
+    char const* label;
+    char const* preset;
+};
+
+// clang-format off
+constexpr DetailRow kDetails[] = {
+    {"order",     "Order (empty: any)",                    ""},
+    {"times",     "Times (a number, or: always)",          "1"},
+    {"seconds",   "Seconds",                               ""},
+    {"bytes",     "Bytes before it",  ""},
+    {"status",    "HTTP status",                           ""},
+    {"text",      "Text of the answer",                    ""},
+    {"megabytes", "Megabytes",                             ""},
+};
+// clang-format on
+
+/// `chosen` is selected; each option is a value and what it says.
+std::string selectField(std::string const& label, std::string const& name, std::string const& chosen,
+                        std::vector<std::pair<std::string, std::string>> const& options) {
+    std::string html = "<label class=\"full\">" + escapeHtml(label) + "\n<select name=\"" + name + "\">\n";
+    for (auto const& [value, text] : options) {
+        html += "<option value=\"" + value + "\"" + (value == chosen ? " selected=\"selected\"" : "") + ">" +
+                escapeHtml(text) + "</option>\n";
+    }
+    return html + "</select></label>\n";
+}
+
+std::string kindField(std::string const& chosen) {
+    std::vector<std::pair<std::string, std::string>> options;
+    for (FaultKindRow const& row : allFaultKinds()) {
+        options.emplace_back(row.name, std::string(row.name) + ": " + row.meaning);
+    }
+    return selectField("Kind", "kind", chosen, options);
+}
+
+std::string exchangeField(std::string const& chosen) {
+    unsigned possible = 0;
+    for (FaultKindRow const& row : allFaultKinds()) {
+        possible |= row.exchanges;
+    }
+    std::vector<std::pair<std::string, std::string>> options = {{"any", "any that the kind can happen to"}};
+    for (ExchangeKind const kind : allExchangeKinds()) {
+        if ((possible & static_cast<unsigned>(kind)) != 0) {
+            options.emplace_back(exchangeName(kind), exchangeName(kind));
+        }
+    }
+    return selectField("Exchange", "exchange", chosen, options);
+}
+
+/// `form` holds what had been filled in.
+std::string armContent(Site const& site, Query const& form, std::string const& problem) {
+    std::string fields =
+        kindField(form.value("kind").value_or("")) + exchangeField(form.value("exchange").value_or(""));
+    for (DetailRow const& row : kDetails) {
+        fields += textField(row.label, row.name, form.value(row.name).value_or(row.preset));
+    }
+    return paragraph("Leave empty what is not to be given. The table below tells which kind takes what.") +
+           dashboardForm(site, kPath, fields + button("Arm"), problem);
+}
+
+std::string timesText(ArmedFault const& armed) {
+    return std::to_string(armed.happened) +
+           (armed.fault.times == 0 ? ", until it is lifted" : " of " + std::to_string(armed.fault.times));
+}
+
+std::string armedContent(Site const& site, std::string const& problem) {
+    std::vector<ArmedFault> const all = site.faults.armed();
+    if (all.empty()) {
+        return problemNotice(problem) + paragraph("No fault is armed.");
+    }
+    std::vector<Cells> rows;
+    for (ArmedFault const& armed : all) {
+        std::string const id = std::to_string(armed.id);
+        rows.push_back({id, escapeHtml(faultText(armed.fault)), whole(timesText(armed)),
+                        dashboardForm(site, "/faults/lift", hiddenField("id", id) + button("Lift fault " + id))});
+    }
+    return problemNotice(problem) +
+           wideTable("Armed faults, oldest first", {"Fault", "What", "Happened", "Lift"}, rows) +
+           dashboardForm(site, "/faults/lift", button("Lift all", "id", "all"));
+}
+
+std::string kindsContent() {
+    std::vector<Cells> rows;
+    for (FaultKindRow const& row : allFaultKinds()) {
+        rows.push_back({whole(row.name), escapeHtml(row.meaning), joined(exchangeNames(row)),
+                        whole(joined(parameterNames(row))), row.carriedOut ? "yes" : "no"});
+    }
+    return wideTable("Kinds of faults", {"Kind", "Meaning", "Happens to", "Takes", "Carried out"}, rows);
+}
+
+HttpReply page(Site const& site, int status, Query const& form, std::string const& armProblem,
+               std::string const& liftProblem) {
+    return dashboardPage(status, kPath, "Faults",
+                         section("armed", "What is armed", armedContent(site, liftProblem)) +
+                             section("arm", "Arm a fault", armContent(site, form, armProblem)) +
+                             section("kinds", "What can go wrong", kindsContent()));
+}
+
+/// The fault that a form describes. Throws Refusal.
+Fault readForm(Query const& form) {
+    FaultFields fields = {{"exchange", form.value("exchange").value_or("any")}};
+    for (DetailRow const& row : kDetails) {
+        std::string const value = form.value(row.name).value_or("");
+        if (!value.empty()) {
+            fields.emplace_back(row.name, value);
+        }
+    }
+    return makeFault(form.value("kind").value_or(""), fields);
+}
+
+}  // namespace
+
+HttpReply faultsPage(Site const& site, Query const&) {
+    return page(site, 200, Query(""), "", "");
+}
+
+HttpReply armByForm(Site const& site, Query const& form) {
+    try {
+        site.faults.arm(readForm(form));
+    } catch (Refusal const& refusal) {
+        return page(site, refusal.status(), form, refusal.what(), "");
+    }
+    return seeOther(kPath);
+}
+
+HttpReply liftByForm(Site const& site, Query const& form) {
+    std::string const id = form.value("id").value_or("");
+    if (id == "all") {
+        site.faults.liftAll();
+        return seeOther(kPath);
+    }
+    if (!liftNamedFault(site, id)) {
+        return page(site, 400, Query(""), "", "No fault '" + id + "' is armed: it has happened, or was lifted.");
+    }
+    return seeOther(kPath);
+}
+
+}  // namespace sandbox

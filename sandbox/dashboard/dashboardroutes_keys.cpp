@@ -1,0 +1,82 @@
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "sandbox/control/controlroutes.h"
+#include "sandbox/crypto/signature.h"
+#include "sandbox/dashboard/dashboardparts.h"
+#include "sandbox/dashboard/dashboardroutes.h"
+#include "sandbox/text/refusal.h"
+
+/// The page of keys and of the clock.
+namespace sandbox {
+
+namespace {
+
+constexpr char kPath[] = "/keys";
+
+std::string serverKeysContent(Site const& site) {
+    std::string const current = site.keys.current()->id;
+    std::vector<Cells> rows;
+    for (KeyRing::Key const& key : site.keys.all()) {
+        rows.push_back({whole(key->id), whole(key->id == current ? "signs" : "old"),
+                        std::to_string(EVP_PKEY_get_bits(key->key.get())), publicKeyBlob(key->key.get())});
+    }
+    return paragraph("The newest key signs. Old ones are still told to who asks for them.") +
+           wideTable("Keys of this service, oldest first", {"Key", "Use", "Bits", "Public half"}, rows) +
+           dashboardForm(site, "/keys/rotate", button("Make a new key"));
+}
+
+std::string merchantKeysContent(Site const& site) {
+    std::vector<Cells> rows;
+    for (PublishedKey const& published : site.store.merchantKeys()) {
+        rows.push_back({escapeHtml(published.id), escapeHtml(published.key.account), whole(published.time),
+                        std::to_string(EVP_PKEY_get_bits(readPublicKeyBlob(published.key.blob).get()))});
+    }
+    if (rows.empty()) {
+        return paragraph("No merchant has published a key yet.");
+    }
+    return wideTable("Keys of merchants, oldest first", {"Key", "Account", "Published", "Bits"}, rows);
+}
+
+std::string clockContent(Site const& site, std::string const& filledIn, std::string const& problem) {
+    return "<dl>\n" + entry("Present", site.clock.text()) + entry("Seconds ahead", std::to_string(site.clock.ahead())) +
+           "</dl>\n" +
+           dashboardForm(site, "/keys/clock",
+                         textField("Seconds ahead (negative: back)", "ahead", filledIn) + button("Set the clock"),
+                         problem);
+}
+
+HttpReply page(Site const& site, int status, std::string const& filledIn, std::string const& problem) {
+    return dashboardPage(status, kPath, "Keys and clock",
+                         section("server", "Keys of this service", serverKeysContent(site)) +
+                             section("merchants", "Keys of merchants", merchantKeysContent(site)) +
+                             section("clock", "Clock", clockContent(site, filledIn, problem)));
+}
+
+}  // namespace
+
+HttpReply keysPage(Site const& site, Query const&) {
+    return page(site, 200, std::to_string(site.clock.ahead()), "");
+}
+
+HttpReply rotateByForm(Site const& site, Query const&) {
+    site.keys.rotate();
+    return seeOther(kPath);
+}
+
+HttpReply setClockByForm(Site const& site, Query const& form) {
+    std::string const text = form.value("ahead").value_or("");
+    try {
+        std::optional<std::int64_t> const seconds = wholeNumber(text);
+        if (!seconds) {
+            throw Refusal("the seconds must be a whole number, not '" + text + "'");
+        }
+        setClockAhead(site, *seconds);
+    } catch (Refusal const& refusal) {
+        return page(site, refusal.status(), text, refusal.what());
+    }
+    return seeOther(kPath);
+}
+
+}  // namespace sandbox

@@ -1,0 +1,81 @@
+#include <algorithm>
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "sandbox/dashboard/dashboardparts.h"
+#include "sandbox/dashboard/dashboardroutes.h"
+#include "sandbox/pages/shopperpages.h"
+#include "sandbox/service/paymentmoves.h"
+
+/// The first page of the dashboard.
+namespace sandbox {
+
+namespace {
+
+constexpr char kNotGiven[] = "not given";
+constexpr std::size_t kMostPayments = 100;
+constexpr std::int64_t kMostExchanges = 50;
+
+std::string addressEntry(std::string const& name, std::string const& base, std::string const& path) {
+    return base.empty() ? "" : entry(name, "<code>" + escapeHtml(base + path) + "</code>");
+}
+
+std::string setUpContent(Site const& site) {
+    Addresses const& addresses = site.addresses;
+    return paragraph(
+               "Set a merchant up with an address for set-up, the name of an account and its password. It fetches "
+               "all other addresses and this service's key from there, and publishes its own key.") +
+           "<dl>\n" + addressEntry("Set-up", addresses.plain, "/auto") +
+           addressEntry("Set-up over TLS", addresses.tls, "/auto") + addressEntry("HTTP proxy", addresses.proxy, "") +
+           addressEntry("Control API", addresses.control, "/control") +
+           entry("Accounts", escapeHtml(joined(site.store.accounts()))) +
+           entry("Key that signs", escapeHtml(site.keys.current()->id)) +
+           entry("Present", escapeHtml(site.clock.text())) + "</dl>\n";
+}
+
+std::string paymentsContent(Site const& site) {
+    std::vector<Payment> payments = presentPayments(site);
+    if (payments.empty()) {
+        return paragraph("There are no payments yet.");
+    }
+    std::reverse(payments.begin(), payments.end());
+    std::size_t const count = payments.size();
+    payments.resize(std::min(count, kMostPayments));
+    std::vector<Cells> rows;
+    for (Payment const& payment : payments) {
+        std::string const order = payment.attribute("ORDERID").value_or("");
+        rows.push_back({link("/payment?id=" + payment.id, payment.id),
+                        payment.history.empty() ? "" : whole(payment.history.front().time),
+                        escapeHtml(order.empty() ? kNotGiven : order), escapeHtml(amountText(payment, kNotGiven)),
+                        escapeHtml(payment.account), whole(stateName(payment.state))});
+    }
+    std::string const more = count == payments.size()
+                                 ? ""
+                                 : paragraph("These are the newest " + std::to_string(payments.size()) + " of " +
+                                             std::to_string(count) + ". The control API tells all of them.");
+    return wideTable("Payments, newest first", {"Payment", "Opened", "Order", "Amount", "Merchant", "State"}, rows) +
+           more;
+}
+
+std::string exchangesContent(Site const& site) {
+    std::vector<Exchange> const exchanges = site.store.latestExchanges(kMostExchanges);
+    if (exchanges.empty()) {
+        return paragraph("There were no exchanges yet.");
+    }
+    return exchangeTable("The newest exchanges", exchanges);
+}
+
+}  // namespace
+
+HttpReply overviewPage(Site const& site, Query const& query) {
+    bool const live = query.value("live") == "1";
+    std::string const content =
+        "<p>" + (live ? link("/", "Stop loading this page again and again") : link("/?live=1", "Watch live")) +
+        "</p>\n" + section("payments", "Payments", paymentsContent(site)) +
+        section("exchanges", "Exchanges", exchangesContent(site)) +
+        section("set-up", "Set a merchant up", setUpContent(site));
+    return dashboardPage(200, "/", "Overview", content, live ? "<meta http-equiv=\"refresh\" content=\"2\"/>\n" : "");
+}
+
+}  // namespace sandbox

@@ -1,0 +1,68 @@
+#ifndef TALLOWIN_SANDBOX_FAULTS_FAULTBOOK_H
+#define TALLOWIN_SANDBOX_FAULTS_FAULTBOOK_H
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "sandbox/faults/fault.h"
+
+namespace sandbox {
+
+/// A fault that waits for its exchange.
+struct ArmedFault {
+    std::int64_t id = 0;  ///< Counts up from 1.
+    Fault fault = {};
+    std::int64_t happened = 0;                                ///< How often so far.
+    std::chrono::steady_clock::time_point refusesUntil = {};  ///< Of refused connections; max() until it is lifted.
+};
+
+/// The faults that are armed, in memory only: a service begins without. Every member may be called by any thread.
+class FaultBook {
+public:
+    using Moment = std::chrono::steady_clock::time_point;
+
+    /// Told until when connections of the kind (Connection or Proxy) are to be refused whenever that changes; a moment
+    /// that has passed means not at all. Not called by two threads at once.
+    using RefusalListener = std::function<void(ExchangeKind kind, Moment until)>;
+
+    /// `listener` is null or called until it is replaced by null.
+    void tellRefusals(RefusalListener listener);
+
+    /// Arms `fault` and returns its identifier. Throws Refusal when it cannot happen.
+    std::int64_t arm(Fault const& fault);
+
+    /// False when none has this identifier.
+    bool lift(std::int64_t id);
+    void liftAll();
+
+    /// Those that may still happen, oldest first.
+    [[nodiscard]] std::vector<ArmedFault> armed();
+
+    /// The oldest fault that is armed for an exchange of this kind and order, counted as having happened.
+    std::optional<Fault> take(ExchangeKind kind, std::string const& order);
+
+    /// The same for a connection before its request; the faults of TLS are for connections under TLS.
+    std::optional<Fault> takeForConnection(bool tls);
+
+private:
+    template <class Matches>
+    std::optional<Fault> takeFirst(Matches matches);
+
+    void forgetPast();
+    void announceRefusals();
+
+    std::mutex m_Mutex;       ///< Guards all below.
+    std::mutex m_Announcing;  ///< Held while the listener is told. Taken before m_Mutex.
+    RefusalListener m_Listener;
+    std::vector<ArmedFault> m_Armed;
+    std::int64_t m_LastId = 0;
+};
+
+}  // namespace sandbox
+
+#endif  // TALLOWIN_SANDBOX_FAULTS_FAULTBOOK_H

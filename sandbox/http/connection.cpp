@@ -1,0 +1,168 @@
+#include "sandbox/http/connection.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <openssl/err.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+
+namespace sandbox {
+
+namespace {
+
+constexpr std::chrono::seconds kPatience(10);
+constexpr std::chrono::seconds kPatienceAtTheEnd(1);
+constexpr std::size_t kLargestRest = 1024 * 1024;
+
+Connection::Clock::time_point momentIn(double seconds) {
+    std::chrono::duration<double> const time(seconds);
+    return Connection::Clock::now() + std::chrono::duration_cast<Connection::Clock::duration>(time);
+}
+
+int sizeForTls(std::size_t size) {
+    return static_cast<int>(std::min<std::size_t>(size, INT_MAX));
+}
+
+/// The event to wait for after a call that got nowhere; 0 when it never will. `tls` is null for a plain connection,
+/// whose calls can only want `event`.
+short wantedEvent(SSL const* tls, int result, short event) {
+    if (tls == nullptr) {
+        return result < 0 && (errno == EAGAIN || errno == EINTR) ? event : short{0};
+    }
+    switch (SSL_get_error(tls, result)) {
+        case SSL_ERROR_WANT_READ:
+            return POLLIN;
+        case SSL_ERROR_WANT_WRITE:
+            return POLLOUT;
+        default:
+            return 0;
+    }
+}
+
+}  // namespace
+
+Connection::Connection(int socket, SSL_CTX* tls, EndSignal const& ending, Clock::duration patience)
+    : m_Socket(socket), m_Ending(ending), m_Patience(patience), m_RequestBy(Clock::now() + patience) {
+    int const yes = 1;
+    // Head and body are written apart; they must not wait for each other's acknowledgement.
+    ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
+    if (tls != nullptr) {
+        m_Tls.reset(SSL_new(tls));
+        SSL_set_mode(m_Tls.get(), SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
+    }
+    m_Open = tls == nullptr;
+}
+
+Connection::~Connection() {
+    if (m_Reset) {
+        return;
+    }
+    if (m_Tls && m_Open) {
+        SSL_shutdown(m_Tls.get());
+    }
+    ERR_clear_error();
+    ::shutdown(m_Socket, SHUT_WR);
+    // Closing with unread bytes would reset the connection and could destroy the answer on its way.
+    m_RequestBy = Clock::now() + kPatienceAtTheEnd;
+    char rest[4096];
+    std::size_t left = kLargestRest;
+    while (left > 0) {
+        ssize_t const count = ::recv(m_Socket, rest, sizeof rest, 0);
+        if (count == 0 || (count < 0 && (wantedEvent(nullptr, -1, POLLIN) == 0 || !await(POLLIN)))) {
+            break;
+        }
+        left -= std::min(left, static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    }
+}
+
+bool Connection::open() {
+    if (m_Open) {
+        return true;
+    }
+    m_Open = m_Tls && SSL_set_fd(m_Tls.get(), m_Socket) == 1 &&
+             persist(POLLIN, [this] { return SSL_accept(m_Tls.get()); }) == 1;
+    return m_Open;
+}
+
+ssize_t Connection::read(char* to, std::size_t size) {
+    ssize_t const count = persist(POLLIN, [this, to, size]() -> ssize_t {
+        return m_Tls ? SSL_read(m_Tls.get(), to, sizeForTls(size)) : ::recv(m_Socket, to, size, 0);
+    });
+    bool const ended = m_Tls && count < 0 && (SSL_get_shutdown(m_Tls.get()) & SSL_RECEIVED_SHUTDOWN) != 0;
+    return ended ? 0 : count;
+}
+
+bool Connection::write(char const* from, std::size_t size) {
+    while (size > 0) {
+        ssize_t const count = persist(POLLOUT, [this, from, size]() -> ssize_t {
+            return m_Tls ? SSL_write(m_Tls.get(), from, sizeForTls(size)) : ::send(m_Socket, from, size, MSG_NOSIGNAL);
+        });
+        if (count <= 0) {
+            return false;
+        }
+        from += count;
+        size -= static_cast<std::size_t>(count);
+        m_Written += static_cast<std::size_t>(count);
+    }
+    return true;
+}
+
+/// Repeats `step`, which returns what recv() and SSL_read() do, until it gets somewhere or there is no more patience.
+template <class Step>
+ssize_t Connection::persist(short event, Step step) {
+    for (;;) {
+        ERR_clear_error();
+        auto const result = step();
+        if (result > 0) {
+            return result;
+        }
+        short const wanted = wantedEvent(m_Tls.get(), static_cast<int>(result), event);
+        if (wanted == 0 || !await(wanted)) {
+            return m_Tls || result != 0 ? -1 : 0;
+        }
+    }
+}
+
+/// False when there is no more patience.
+bool Connection::await(short event) const {
+    Clock::time_point const now = Clock::now();
+    Clock::time_point const deadline = event == POLLIN ? std::min(now + kPatience, m_RequestBy) : now + kPatience;
+    for (;;) {
+        auto const left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        pollfd socket{m_Socket, event, 0};
+        int const happened = left > 0 ? ::poll(&socket, 1, static_cast<int>(left)) : 0;
+        if (happened >= 0 || errno != EINTR) {
+            return happened > 0;
+        }
+    }
+}
+
+void Connection::pause(double seconds) const {
+    Clock::time_point const end = momentIn(seconds);
+    if (wait(end, POLLRDHUP)) {
+        wait(std::min(end, Clock::now() + m_Patience), 0);
+    }
+}
+
+void Connection::pauseWhileConnected(double seconds) const {
+    wait(momentIn(seconds), POLLRDHUP);
+}
+
+/// Whether the event, or a failure of the connection, came before `until` and before the end of the service.
+bool Connection::wait(Clock::time_point until, short event) const {
+    std::array<pollfd, 2> waits = {pollfd{m_Socket, event, 0}, pollfd{-1, 0, 0}};
+    return m_Ending.await(waits, until) == EndSignal::Wait::Ready && !m_Ending.raised();
+}
+
+void Connection::reset() {
+    linger const atOnce{1, 0};
+    ::setsockopt(m_Socket, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
+    m_Reset = true;
+}
+
+}  // namespace sandbox

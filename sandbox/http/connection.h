@@ -1,0 +1,74 @@
+#ifndef TALLOWIN_SANDBOX_HTTP_CONNECTION_H
+#define TALLOWIN_SANDBOX_HTTP_CONNECTION_H
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstddef>
+#include <string>
+
+#include "sandbox/crypto/opensslholders.h"
+#include "sandbox/http/endsignal.h"
+
+namespace sandbox {
+
+/// One accepted socket, plain or under TLS, that carries one request and its answer. Reads and writes wait ten seconds
+/// at most, and all reads together no longer than there is patience for a request. Used by one thread; only shutting
+/// the socket down may come from another.
+class Connection {
+public:
+    using Clock = EndSignal::Clock;
+
+    /// Borrows `socket`, which does not block and is to be closed after this. `tls` is borrowed and null for a plain
+    /// connection. `ending` is borrowed; it ends pauses.
+    Connection(int socket, SSL_CTX* tls, EndSignal const& ending, Clock::duration patience);
+
+    /// Ends the conversation so that what was written arrives.
+    ~Connection();
+    Connection(Connection const&) = delete;
+    Connection& operator=(Connection const&) = delete;
+
+    /// The TLS handshake, if there is one to make; false when it fails.
+    bool open();
+
+    /// Bytes read, 0 at the end, negative on failure.
+    ssize_t read(char* to, std::size_t size);
+
+    /// Writes everything; false when that fails.
+    bool write(char const* from, std::size_t size);
+
+    /// Waits that long, or until the end of the service. For who sends nothing more no longer than there is patience
+    /// for a request: it waits for the answer, or has gone, which looks the same.
+    void pause(double seconds) const;
+
+    /// The same, but no longer than the other side may still send something.
+    void pauseWhileConnected(double seconds) const;
+
+    /// Sees to it that the other side finds the connection reset when the socket is closed.
+    void reset();
+
+    [[nodiscard]] int socket() const { return m_Socket; }
+
+    /// How many bytes were written, and whether a reset is what comes next.
+    [[nodiscard]] std::size_t written() const { return m_Written; }
+    [[nodiscard]] bool isReset() const { return m_Reset; }
+
+private:
+    template <class Step>
+    ssize_t persist(short event, Step step);
+    bool await(short event) const;
+    bool wait(Clock::time_point until, short event) const;
+
+    int m_Socket;  ///< Borrowed.
+    EndSignal const& m_Ending;
+    Clock::duration m_Patience;
+    Clock::time_point m_RequestBy;
+    TlsHolder m_Tls;  ///< Null on a plain connection.
+    std::size_t m_Written = 0;
+    bool m_Open = false;
+    bool m_Reset = false;
+};
+
+}  // namespace sandbox
+
+#endif  // TALLOWIN_SANDBOX_HTTP_CONNECTION_H

@@ -1,0 +1,18 @@
+#ifndef TALLOWIN_SANDBOX_HTTP_DELIVERY_H
+#define TALLOWIN_SANDBOX_HTTP_DELIVERY_H
+
+#include <optional>
+#include <string>
+
+#include "sandbox/faults/fault.h"
+#include "sandbox/http/connection.h"
+
+namespace sandbox {
+
+/// Sends `answer`, head and body, the way `fault` wants it. Faults that concern what an answer says are of no concern
+/// here. Waits end early when the client goes or the service stops.
+void deliver(Connection& connection, std::string const& answer, std::optional<Fault> const& fault);
+
+}  // namespace sandbox
+
+#endif  // TALLOWIN_SANDBOX_HTTP_DELIVERY_H

@@ -1,0 +1,37 @@
+#ifndef TALLOWIN_SANDBOX_HTTP_ENDSIGNAL_H
+#define TALLOWIN_SANDBOX_HTTP_ENDSIGNAL_H
+
+#include <poll.h>
+
+#include <array>
+#include <chrono>
+
+namespace sandbox {
+
+/// Ends the waits of other threads on their sockets, once and for good. May be used by any thread.
+class EndSignal {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    enum class Wait { Ready, TooLate, Ended };
+
+    /// Throws std::runtime_error.
+    EndSignal();
+    ~EndSignal();
+    EndSignal(EndSignal const&) = delete;
+    EndSignal& operator=(EndSignal const&) = delete;
+
+    void raise() const;
+    [[nodiscard]] bool raised() const;
+
+    /// Waits until something of what `sockets` ask for has happened, which `revents` then tell, until `deadline` (max()
+    /// never comes), or until the signal is raised. What has happened already comes before an end.
+    Wait await(std::array<pollfd, 2>& sockets, Clock::time_point deadline) const;
+
+private:
+    int m_Event;  ///< Owned; readable once the signal is raised.
+};
+
+}  // namespace sandbox
+
+#endif  // TALLOWIN_SANDBOX_HTTP_ENDSIGNAL_H

@@ -1,0 +1,82 @@
+#include "sandbox/http/httptext.h"
+
+#include <strings.h>
+
+#include <charconv>
+#include <cstdlib>
+
+namespace sandbox {
+
+namespace {
+
+struct StatusRow {
+    int status;
+    char const* phrase;
+};
+
+// clang-format off
+constexpr StatusRow kPhrases[] = {
+    {400, "Bad Request"},
+    {403, "Forbidden"},
+    {407, "Proxy Authentication Required"},
+    {414, "URI Too Long"},
+    {500, "Internal Server Error"},
+    {502, "Bad Gateway"},
+    {503, "Service Unavailable"},
+    {504, "Gateway Timeout"},
+};
+// clang-format on
+
+char const* phraseOf(int status) {
+    for (StatusRow const& row : kPhrases) {
+        if (row.status == status) {
+            return row.phrase;
+        }
+    }
+    return "Fault";
+}
+
+}  // namespace
+
+std::optional<std::size_t> bodyBegin(std::string const& text) {
+    for (std::size_t at = text.find('\n'); at != std::string::npos; at = text.find('\n', at + 1)) {
+        if (text.compare(at + 1, 1, "\n") == 0) {
+            return at + 2;
+        }
+        if (text.compare(at + 1, 2, "\r\n") == 0) {
+            return at + 3;
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<int> statusOfAnswer(std::string const& answer) {
+    std::size_t const space = answer.find(' ');
+    if (answer.compare(0, 5, "HTTP/") != 0 || space > answer.find('\n') || !bodyBegin(answer)) {
+        return std::nullopt;
+    }
+    int status = 0;
+    std::from_chars_result const read =
+        std::from_chars(answer.data() + space + 1, answer.data() + answer.size(), status);
+    return read.ec == std::errc() ? std::optional<int>(status) : std::nullopt;
+}
+
+bool isWholeAnswer(std::string const& answer) {
+    std::optional<std::size_t> const body = bodyBegin(answer);
+    std::string const name = "content-length:";
+    for (std::size_t at = answer.find('\n'); body && at + 1 < *body; at = answer.find('\n', at + 1)) {
+        char const* const line = answer.c_str() + at + 1;
+        if (::strncasecmp(line, name.c_str(), name.size()) == 0) {
+            return std::strtoull(line + name.size(), nullptr, 10) <= answer.size() - *body;
+        }
+    }
+    return false;
+}
+
+std::string textAnswer(int status, std::string const& text, std::string const& fields) {
+    return "HTTP/1.0 " + std::to_string(status) + " " + phraseOf(status) + "\r\nConnection: close\r\n" + fields +
+           "Content-Type: text/plain; charset=utf-8\r\nContent-Length: " + std::to_string(text.size() + 1) +
+           "\r\n\r\n" + text + "\n";
+}
+
+}  // namespace sandbox

@@ -1,0 +1,102 @@
+#include "sandbox/http/links.h"
+
+#include <arpa/inet.h>
+#include <strings.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cstddef>
+
+#include "sandbox/text/refusal.h"
+
+namespace sandbox {
+
+namespace {
+
+constexpr char kScheme[] = "http://";
+constexpr std::uint16_t kHttpPort = 80;
+constexpr int kForbidden = 403;
+constexpr std::size_t kLongestName = 200;  // of a host in an answer, which is to stay short
+
+std::uint16_t parsePort(std::string const& text) {
+    std::uint16_t port = 0;
+    char const* const end = text.data() + text.size();
+    std::from_chars_result const read = std::from_chars(text.data(), end, port);
+    if (read.ec != std::errc() || read.ptr != end || port == 0) {
+        throw Refusal("the port in the address is not a number between 1 and 65535");
+    }
+    return port;
+}
+
+void checkCharacters(std::string const& text) {
+    for (char const c : text) {
+        if (c <= ' ' || c > '~') {
+            throw Refusal("the address holds a space or a byte outside ASCII");
+        }
+    }
+}
+
+}  // namespace
+
+std::string extendLink(std::string const& link, std::string const& query) {
+    std::size_t const end = std::min(link.find('#'), link.size());
+    std::string const address = link.substr(0, end);
+    char const separator = address.find('?') == std::string::npos ? '?' : '&';
+    return address + separator + query + link.substr(end);
+}
+
+std::string Place::text() const {
+    return host + ":" + std::to_string(port);
+}
+
+Place parsePlace(std::string const& text, std::optional<std::uint16_t> usualPort) {
+    checkCharacters(text);
+    if (text.find('@') != std::string::npos) {
+        throw Refusal("the address holds a user name");
+    }
+    std::size_t const colon = text.rfind(':');
+    // The colons of an IPv6 address stand inside of brackets.
+    bool const named = colon != std::string::npos && text.find(']', colon) == std::string::npos;
+    if (!named && !usualPort) {
+        throw Refusal("the address has no port");
+    }
+    Place place;
+    place.host = named ? text.substr(0, colon) : text;
+    place.port = named ? parsePort(text.substr(colon + 1)) : *usualPort;
+    if (place.host.empty()) {
+        throw Refusal("the address has no host");
+    }
+    return place;
+}
+
+HttpAddress parseHttpAddress(std::string const& text) {
+    std::size_t const begin = sizeof kScheme - 1;
+    if (text.compare(0, begin, kScheme) != 0) {
+        throw Refusal("the address does not begin with http://");
+    }
+    checkCharacters(text);
+    std::size_t const placeEnd = std::min(text.find_first_of("/?#", begin), text.size());
+    std::size_t const end = std::min(text.find('#', placeEnd), text.size());
+    HttpAddress address{parsePlace(text.substr(begin, placeEnd - begin), kHttpPort),
+                        text.substr(placeEnd, end - placeEnd)};
+    if (address.target.empty() || address.target[0] != '/') {
+        address.target.insert(0, 1, '/');
+    }
+    return address;
+}
+
+in_addr localAddress(std::string const& host) {
+    constexpr std::uint32_t kLoopback = 127;
+    in_addr address{};
+    if (::strcasecmp(host.c_str(), "localhost") == 0) {
+        address.s_addr = htonl(INADDR_LOOPBACK);
+        return address;
+    }
+    if (::inet_pton(AF_INET, host.c_str(), &address) != 1 || ntohl(address.s_addr) >> 24U != kLoopback) {
+        throw Refusal("'" + host.substr(0, kLongestName) + "' is not this machine, and the sandbox reaches no other",
+                      kForbidden);
+    }
+    return address;
+}
+
+}  // namespace sandbox

@@ -1,0 +1,62 @@
+#ifndef TALLOWIN_SANDBOX_HTTP_LISTENER_H
+#define TALLOWIN_SANDBOX_HTTP_LISTENER_H
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "sandbox/faults/faultbook.h"
+#include "sandbox/http/acceptor.h"
+#include "sandbox/http/httpmessages.h"
+#include "sandbox/http/tlsidentity.h"
+
+namespace sandbox {
+
+/// An HTTP server on one port of 127.0.0.1. Every connection carries one exchange and is closed after it. Paths and
+/// queries are handed on as they came, up to four megabytes.
+class Listener {
+public:
+    /// Called by several threads at once; must not throw.
+    using Handler = std::function<HttpReply(HttpRequest const& request)>;
+
+    /// Takes the port (0 picks one); connections wait until start(). `tls` is null for plain HTTP, `faults` for a port
+    /// whose connections never fail; both are borrowed. A request that is not complete after `patience` is given up.
+    /// Throws std::runtime_error.
+    Listener(std::uint16_t port, TlsIdentity const* tls, FaultBook* faults, std::chrono::milliseconds patience);
+
+    /// Stops.
+    ~Listener();
+
+    [[nodiscard]] std::uint16_t port() const;
+
+    /// Without a slash at the end.
+    [[nodiscard]] std::string baseUrl() const;
+
+    /// Answers requests with `handler` until stop(). Throws std::runtime_error.
+    void start(Handler handler);
+
+    /// See Acceptor::refuseUntil().
+    void refuseUntil(Acceptor::Clock::time_point moment);
+
+    /// Accepts no more requests.
+    void beginStop();
+
+    /// Lets requests that have arrived finish, closes everything and returns when no thread is left.
+    void stop();
+
+private:
+    class Server;
+
+    void serve(int socket);
+
+    TlsIdentity const* m_Tls;  ///< Borrowed; null for plain HTTP.
+    FaultBook* m_Faults;       ///< Borrowed; null without faults.
+    std::chrono::milliseconds m_Patience;
+    std::unique_ptr<Server> m_Server;
+    Acceptor m_Acceptor;  ///< Last, so that no connection is served any more when the rest goes.
+};
+
+}  // namespace sandbox
+
+#endif  // TALLOWIN_SANDBOX_HTTP_LISTENER_H

@@ -1,0 +1,72 @@
+#include "sandbox/http/localsocket.h"
+
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <string>
+#include <system_error>
+
+#include "sandbox/text/refusal.h"
+
+namespace sandbox {
+
+namespace {
+
+constexpr int kBadGateway = 502;
+constexpr int kUnavailable = 503;
+constexpr int kTooLate = 504;
+
+/// 0, or the error with which connecting ended. Throws Refusal when it did not end.
+int awaitConnected(int socket, Place const& place, EndSignal::Clock::time_point deadline, EndSignal const& ending) {
+    std::array<pollfd, 2> waits = {pollfd{socket, POLLOUT, 0}, pollfd{-1, 0, 0}};
+    switch (ending.await(waits, deadline)) {
+        case EndSignal::Wait::Ready:
+            break;
+        case EndSignal::Wait::TooLate:
+            throw Refusal(place.text() + " does not take the connection", kTooLate);
+        case EndSignal::Wait::Ended:
+            throw Refusal("the sandbox is stopping", kUnavailable);
+    }
+    int error = 0;
+    socklen_t length = sizeof error;
+    ::getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &length);
+    return error;
+}
+
+}  // namespace
+
+LocalSocket::LocalSocket(Place const& place, EndSignal::Clock::time_point deadline, EndSignal const& ending)
+    : m_Socket(-1) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr = localAddress(place.host);
+    address.sin_port = htons(place.port);
+    m_Socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (m_Socket < 0) {
+        throw Refusal("no socket: " + std::generic_category().message(errno), kUnavailable);
+    }
+    int const yes = 1;
+    ::setsockopt(m_Socket, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
+    try {
+        int error = 0;
+        if (::connect(m_Socket, reinterpret_cast<sockaddr const*>(&address), sizeof address) != 0) {
+            error = errno == EINPROGRESS ? awaitConnected(m_Socket, place, deadline, ending) : errno;
+        }
+        if (error != 0) {
+            throw Refusal("no connection to " + place.text() + ": " + std::generic_category().message(error),
+                          kBadGateway);
+        }
+    } catch (...) {
+        ::close(m_Socket);
+        throw;
+    }
+}
+
+LocalSocket::~LocalSocket() {
+    ::close(m_Socket);
+}
+
+}  // namespace sandbox

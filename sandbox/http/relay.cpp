@@ -1,0 +1,133 @@
+#include "sandbox/http/relay.h"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <utility>
+
+namespace sandbox {
+
+namespace {
+
+constexpr std::size_t kPieceBytes = 64 * 1024;
+constexpr std::size_t kMostRemembered = 128 * 1024;  // of what goes on to a destination
+constexpr std::size_t kMostKept = 8 * 1024 * 1024;
+constexpr int kLastRounds = 64;
+
+/// Whether a call on a socket that does not block has failed for good.
+bool isBroken() {
+    return errno != EAGAIN && errno != EINTR;
+}
+
+/// poll() would tell an end over and over that nobody is waiting for.
+pollfd waitFor(int socket, bool reading, bool writing) {
+    short const events = static_cast<short>((reading ? POLLIN : 0) | (writing ? POLLOUT : 0));
+    return {events != 0 ? socket : Flow::kNowhere, events, 0};
+}
+
+/// Whether to try what was waited for; what is wrong with the connection shows in trying.
+bool isDue(pollfd const& wait, int event) {
+    return (wait.events & event) != 0 && (wait.revents & (event | POLLERR | POLLHUP)) != 0;
+}
+
+bool isOver(Flow const& up, Flow const& down) {
+    return down.ended() && (down.atEnd() == Flow::AtEnd::Leave || up.ended());
+}
+
+}  // namespace
+
+Flow::Flow(int from, int to, std::string ahead, AtEnd atEnd)
+    : m_From(from), m_To(to), m_AtEnd(atEnd), m_SourceEnded(from == kNowhere) {
+    take(ahead.data(), ahead.size());
+}
+
+bool Flow::read() {
+    std::array<char, kPieceBytes> piece;
+    ssize_t const count = ::recv(m_From, piece.data(), piece.size(), MSG_DONTWAIT);
+    if (count < 0) {
+        return !isBroken();
+    }
+    m_SourceEnded = count == 0;
+    take(piece.data(), static_cast<std::size_t>(count));
+    m_SourceEnded = m_SourceEnded || (m_IsWhole != nullptr && m_IsWhole(m_Begin));
+    tellEnd();
+    return true;
+}
+
+bool Flow::write() {
+    ssize_t const count = ::send(m_To, m_Waiting.data(), m_Waiting.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (count < 0) {
+        return !isBroken();
+    }
+    m_Waiting.erase(0, static_cast<std::size_t>(count));
+    tellEnd();
+    return true;
+}
+
+void Flow::abandon() {
+    m_SourceEnded = true;
+    m_Waiting.clear();
+}
+
+void Flow::take(char const* bytes, std::size_t size) {
+    std::size_t const most = m_To == kNowhere ? kMostKept : kMostRemembered;
+    m_Overflowed = m_To == kNowhere && size > most - m_Begin.size();
+    m_Begin.append(bytes, std::min(size, most - m_Begin.size()));
+    if (m_To != kNowhere) {
+        m_Waiting.append(bytes, size);
+    }
+}
+
+void Flow::tellEnd() {
+    if (ended() && m_AtEnd == AtEnd::Tell) {
+        ::shutdown(m_To, SHUT_WR);
+    }
+}
+
+Outcome carry(Flow& up, Flow& down, ConversationLimits const& limits, EndSignal const& ending) {
+    int roundsLeft = kLastRounds;
+    EndSignal::Clock::time_point quietUntil = EndSignal::Clock::time_point::max();
+    while (!isOver(up, down)) {
+        bool const stopping = ending.raised();
+        if (stopping && --roundsLeft < 0) {
+            return Outcome::Stopped;
+        }
+        std::array<pollfd, 2> waits = {
+            waitFor(up.from(), up.wantsToRead() && !stopping, down.wantsToWrite()),
+            waitFor(up.to(), down.wantsToRead() && up.started(), up.wantsToWrite()),
+        };
+        bool const answering = down.started() && down.to() != Flow::kNowhere;
+        if (up.ended()) {
+            quietUntil = EndSignal::Clock::now() + limits.silence;
+        }
+        switch (ending.await(waits, answering ? quietUntil : std::min(limits.answerBy, quietUntil))) {
+            case EndSignal::Wait::Ready:
+                break;
+            case EndSignal::Wait::TooLate:
+                return Outcome::TooLate;
+            case EndSignal::Wait::Ended:
+                return Outcome::Stopped;
+        }
+        auto const [client, target] = waits;
+        if (isDue(target, POLLOUT) && !up.write()) {
+            // Its answer may be there all the same: who refuses a request need not read all of it.
+            up.abandon();
+        }
+        // Who stops the service ends the client's direction as well, and the target must not hear of that.
+        bool const clientGone = isDue(client, POLLIN) && !ending.raised() && !up.read();
+        if (clientGone || (isDue(client, POLLOUT) && !down.write())) {
+            return Outcome::ClientLost;
+        }
+        if (isDue(target, POLLIN) && !down.read()) {
+            return Outcome::TargetLost;
+        }
+        if (down.overflowed()) {
+            return Outcome::TooLong;
+        }
+    }
+    return Outcome::Complete;
+}
+
+}  // namespace sandbox

@@ -1,0 +1,87 @@
+#ifndef TALLOWIN_SANDBOX_HTTP_RELAY_H
+#define TALLOWIN_SANDBOX_HTTP_RELAY_H
+
+#include <cstddef>
+#include <string>
+
+#include "sandbox/http/endsignal.h"
+
+/// Carrying a conversation between two sockets.
+namespace sandbox {
+
+/// One direction of a conversation. Without a source it carries what it was given at first, without a destination it
+/// keeps what comes. Used by one thread.
+class Flow {
+public:
+    /// In the place of a socket.
+    static constexpr int kNowhere = -1;
+
+    /// Whether the destination is told that the source has ended (half-close).
+    enum class AtEnd { Tell, Leave };
+
+    /// Both sockets are borrowed. `ahead` came from the source before.
+    Flow(int from, int to, std::string ahead, AtEnd atEnd);
+
+    [[nodiscard]] int from() const { return m_From; }
+    [[nodiscard]] int to() const { return m_To; }
+    [[nodiscard]] AtEnd atEnd() const { return m_AtEnd; }
+
+    [[nodiscard]] bool wantsToRead() const { return !m_SourceEnded && (m_To == kNowhere || m_Waiting.empty()); }
+    [[nodiscard]] bool wantsToWrite() const { return !m_Waiting.empty(); }
+
+    /// Whether the source has said something, or ended.
+    [[nodiscard]] bool started() const { return m_SourceEnded || !m_Begin.empty(); }
+
+    /// Whether the source has ended and everything has arrived.
+    [[nodiscard]] bool ended() const { return m_SourceEnded && m_Waiting.empty(); }
+
+    /// Without a destination: more came than is kept.
+    [[nodiscard]] bool overflowed() const { return m_Overflowed; }
+
+    /// The beginning of all that came, or all of it; what came before included.
+    [[nodiscard]] std::string const& begin() const { return m_Begin; }
+
+    /// Reads or writes as much as goes without waiting. False when the connection is broken.
+    bool read();
+    bool write();
+
+    /// Makes what comes from the source complete once `isWhole` says so of all that came, whether it ends or not.
+    void endWhen(bool (*isWhole)(std::string const& text)) { m_IsWhole = isWhole; }
+
+    /// Carries nothing more.
+    void abandon();
+
+private:
+    void take(char const* bytes, std::size_t size);
+    void tellEnd();
+
+    int m_From;
+    int m_To;
+    AtEnd m_AtEnd;
+    std::string m_Waiting;  ///< Has been read and not yet written. Empty without a destination.
+    std::string m_Begin;
+    bool (*m_IsWhole)(std::string const& text) = nullptr;  ///< Null when only its end tells.
+    bool m_SourceEnded;
+    bool m_Overflowed = false;
+};
+
+/// How a conversation went.
+enum class Outcome { Complete, ClientLost, TargetLost, TooLate, TooLong, Stopped };
+
+/// How long a conversation may take.
+struct ConversationLimits {
+    EndSignal::Clock::time_point answerBy;  ///< Something must have come down by then, and all of it when it is kept.
+
+    /// Between two signs of life once nothing more comes up: who asks waits for the answer, or has gone, which looks
+    /// the same.
+    EndSignal::Clock::duration silence;
+};
+
+/// Carries `up`, from who asks to who answers, and `down`, the way back. Nothing goes down before something has come
+/// up. The conversation is over when `down` has ended; when its destination is told that, both must have ended. Once
+/// `ending` is raised, only what is at hand is carried.
+Outcome carry(Flow& up, Flow& down, ConversationLimits const& limits, EndSignal const& ending);
+
+}  // namespace sandbox
+
+#endif  // TALLOWIN_SANDBOX_HTTP_RELAY_H

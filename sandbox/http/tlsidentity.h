@@ -1,0 +1,31 @@
+#ifndef TALLOWIN_SANDBOX_HTTP_TLSIDENTITY_H
+#define TALLOWIN_SANDBOX_HTTP_TLSIDENTITY_H
+
+#include <optional>
+
+#include "sandbox/crypto/opensslholders.h"
+#include "sandbox/faults/fault.h"
+#include "sandbox/store/datadirectory.h"
+
+namespace sandbox {
+
+/// What a TLS server can show of itself: a sound certificate for 127.0.0.1 and localhost, and some that clients should
+/// not trust.
+struct TlsIdentity {
+    TlsContextHolder sound;
+    TlsContextHolder expired;
+    TlsContextHolder wrongHost;
+    TlsContextHolder unknownAuthority;
+
+    /// The context for a connection that `fault` happens to.
+    [[nodiscard]] SSL_CTX* context(std::optional<Fault> const& fault) const;
+};
+
+/// Server contexts from the files server-key.pem and server*.pem. When one of them or ca.pem is missing, all are made
+/// afresh: an authority of their own (its private key is not kept) and certificates under it. Clients trust ca.pem.
+/// Throws std::runtime_error.
+TlsIdentity makeTlsIdentity(DataDirectory const& directory);
+
+}  // namespace sandbox
+
+#endif  // TALLOWIN_SANDBOX_HTTP_TLSIDENTITY_H

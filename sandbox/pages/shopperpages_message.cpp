@@ -1,0 +1,116 @@
+#include <optional>
+
+#include "sandbox/pages/shopperpages.h"
+#include "sandbox/text/paymessage.h"
+#include "sandbox/text/refusal.h"
+#include "sandbox/text/wiretext.h"
+
+/// The pages that show a message, in English: they speak to whoever builds the shop.
+namespace sandbox {
+
+namespace {
+
+/// What to do about a refusal.
+struct Advice {
+    int status;
+    char const* text;
+};
+
+// clang-format off
+constexpr Advice kAdvice[] = {
+    {403, "Open the payment page again from the shop and use the buttons on it."},
+    {404, "Check that the address or the form belongs to this service, and open the payment page again from the shop."},
+    {409, "Look up the state of the payment before sending anything more for it: it stays as it is."},
+};
+// clang-format on
+
+constexpr char kAdviceWithMessage[] =
+    "Compare the reason with the message below, correct what it names, then make a new message, sign it, and send the "
+    "shopper here again.";
+constexpr char kAdviceWithoutMessage[] =
+    "Compare the reason with the address or the form that was sent, which held no message to show here, then start "
+    "from the shop again.";
+
+char const* adviceFor(int status, bool hasMessage) {
+    for (Advice const& advice : kAdvice) {
+        if (advice.status == status) {
+            return advice.text;
+        }
+    }
+    return hasMessage ? kAdviceWithMessage : kAdviceWithoutMessage;
+}
+
+std::string messageSections(std::string const& data) {
+    return section("message", "The message", attributesContent(data)) +
+           section("data", "DATA, decoded", verbatim(data));
+}
+
+std::string signatureSection(std::string const& signature) {
+    return section("signature", "SIGNATURE", verbatim(signature));
+}
+
+/// The sections for what a signed query holds. Throws Refusal when it cannot be taken apart.
+std::string signedSections(std::string const& signedQuery) {
+    Query const query(signedQuery);
+    std::optional<std::string> const data = query.value("DATA");
+    std::optional<std::string> const signature = query.value("SIGNATURE");
+    return (data ? messageSections(*data) : paragraph("There is no DATA in the address.")) +
+           (signature ? signatureSection(*signature) : paragraph("There is no SIGNATURE in the address."));
+}
+
+}  // namespace
+
+HttpReply refusalPage(int status, std::string const& reason, Exchange const& record) {
+    bool const hasMessage = !record.data.empty();
+    return htmlPage(status, "The request was turned down",
+                    section("reason", "Why", paragraph(reason)) +
+                        section("advice", "What the merchant can do", paragraph(adviceFor(status, hasMessage))) +
+                        (hasMessage ? messageSections(record.data) : "") +
+                        (record.signature.empty() ? "" : signatureSection(record.signature)));
+}
+
+HttpReply decidedPage(int status, PaymentRecord const& record, std::string const& reason, std::string const& address) {
+    bool const tooLate = record.payment.state == PaymentState::Expired;
+    std::string const link = "<p><a href=\"" + escapeHtml(address) + "\">Back to the shop</a></p>\n";
+    return htmlPage(status, tooLate ? "The payment has expired" : "The payment is decided already",
+                    (address.empty() ? "" : link) + section("reason", "Why it cannot be decided", paragraph(reason)) +
+                        messageSections(record.message));
+}
+
+HttpReply outcomePage(Payment const& payment, std::string const& signedQuery) {
+    return htmlPage(200, "The payment is " + std::string(stateName(payment.state)),
+                    paragraph("The merchant gave no link to return to. This is what such a link would have carried.") +
+                        signedSections(signedQuery) + section("query", "As a query", verbatim(signedQuery)));
+}
+
+HttpReply returnedPage(HttpRequest const& request) {
+    try {
+        return htmlPage(200, "Back at the shop",
+                        paragraph("The shop would go on here: it verifies this message and looks at its RESULT. "
+                                  "Nothing has been verified by this page.") +
+                            signedSections(request.query));
+    } catch (Refusal const& refusal) {
+        return refusalPage(refusal.status(), refusal.what(), {});
+    }
+}
+
+std::string attributeTable(Attributes const& attributes) {
+    std::string rows;
+    for (auto const& [name, value] : attributes) {
+        rows += "<tr><th scope=\"row\">" + escapeHtml(name) + "</th><td>" + escapeHtml(value) + "</td></tr>\n";
+    }
+    return "<table class=\"attributes\">\n<caption>Attributes</caption>\n<thead><tr><th "
+           "scope=\"col\">Attribute</th><th scope=\"col\">Value</th></tr>"
+           "</thead>\n<tbody>\n" +
+           rows + "</tbody>\n</table>\n";
+}
+
+std::string attributesContent(std::string const& text) {
+    try {
+        return attributeTable(Message::parse(text).attributes());
+    } catch (Refusal const& refusal) {
+        return paragraph(std::string("Its attributes cannot be read: ") + refusal.what() + ".");
+    }
+}
+
+}  // namespace sandbox

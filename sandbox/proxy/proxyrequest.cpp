@@ -1,0 +1,86 @@
+#include "sandbox/proxy/proxyrequest.h"
+
+#include <strings.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <optional>
+
+#include "sandbox/http/httptext.h"
+#include "sandbox/http/requestline.h"
+#include "sandbox/text/refusal.h"
+
+namespace sandbox {
+
+namespace {
+
+constexpr std::size_t kLongestFields = 64 * 1024;
+
+/// Reads on until the head is complete and returns its length. Throws Refusal when it does not become so.
+std::size_t completeHead(Connection& connection, std::string& text) {
+    std::size_t const longest = text.find('\n') + kLongestFields;
+    std::optional<std::size_t> end = bodyBegin(text);
+    while (!end) {
+        if (text.size() > longest) {
+            throw Refusal("the head of the request is too long");
+        }
+        char piece[4096];
+        ssize_t const count = connection.read(piece, sizeof piece);
+        if (count <= 0) {
+            throw Refusal("the request ended within its head");
+        }
+        text.append(piece, static_cast<std::size_t>(count));
+        end = bodyBegin(text);
+    }
+    return *end;
+}
+
+/// The proxy neither passes on nor keeps what is for itself alone.
+std::string withoutProxyCredentials(std::string const& fields) {
+    std::string const name = "Proxy-Authorization:";
+    std::string kept;
+    std::size_t from = 0;
+    while (from < fields.size()) {
+        std::size_t const to = std::min(fields.find('\n', from), fields.size() - 1) + 1;
+        if (::strncasecmp(fields.c_str() + from, name.c_str(), name.size()) != 0) {
+            kept.append(fields, from, to - from);
+        }
+        from = to;
+    }
+    return kept;
+}
+
+/// Splits the first line, given without its line end. Throws Refusal.
+ProxyRequest splitLine(std::string const& line) {
+    std::optional<RequestLine> const parsed = parseRequestLine(line);
+    if (!parsed || parsed->method.empty() || (parsed->version != "HTTP/1.0" && parsed->version != "HTTP/1.1")) {
+        throw Refusal("the request line does not have the form METHOD ADDRESS HTTP/1.0");
+    }
+    std::size_t const from = parsed->method.size() + 1;
+    ProxyRequest request;
+    request.method = parsed->method;
+    // The parsed target has lost the place that it is at.
+    request.target = line.substr(from, line.size() - from - parsed->version.size() - 1);
+    if (request.target.compare(0, 1, "/") == 0) {
+        throw Refusal("this is a proxy: it takes an address that begins with http://, or CONNECT and host:port");
+    }
+    return request;
+}
+
+}  // namespace
+
+ProxyRequest readProxyRequest(Connection& connection, std::string text) {
+    std::size_t const lineEnd = text.find('\n');
+    if (lineEnd == std::string::npos) {
+        throw Refusal("the request ended within its first line");
+    }
+    std::size_t const length = lineEnd > 0 && text[lineEnd - 1] == '\r' ? lineEnd - 1 : lineEnd;
+    ProxyRequest request = splitLine(text.substr(0, length));
+    std::size_t const end = completeHead(connection, text);
+    request.line = text.substr(0, lineEnd + 1);
+    request.fields = withoutProxyCredentials(text.substr(lineEnd + 1, end - lineEnd - 1));
+    request.ahead = text.substr(end);
+    return request;
+}
+
+}  // namespace sandbox

@@ -1,0 +1,24 @@
+#ifndef TALLOWIN_SANDBOX_PROXY_PROXYREQUEST_H
+#define TALLOWIN_SANDBOX_PROXY_PROXYREQUEST_H
+
+#include <string>
+
+#include "sandbox/http/connection.h"
+
+namespace sandbox {
+
+/// A request to the proxy, in the parts that the proxy tells apart.
+struct ProxyRequest {
+    std::string line;    ///< The first line, with its line end.
+    std::string method;  ///< In it.
+    std::string target;  ///< In it, as it came.
+    std::string fields;  ///< The header lines and the empty one, without the credentials for the proxy.
+    std::string ahead;   ///< What came behind the head together with it.
+};
+
+/// Reads the head of a request whose beginning, its first line if there is one, is `text`. Throws Refusal.
+ProxyRequest readProxyRequest(Connection& connection, std::string text);
+
+}  // namespace sandbox
+
+#endif  // TALLOWIN_SANDBOX_PROXY_PROXYREQUEST_H

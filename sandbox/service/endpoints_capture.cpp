@@ -1,0 +1,132 @@
+#include <algorithm>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "sandbox/service/paymentmoves.h"
+#include "sandbox/service/site.h"
+#include "sandbox/text/refusal.h"
+
+/// What a merchant asks of a payment from server to server, signed with the merchant's key.
+namespace sandbox {
+
+namespace {
+
+/// What one request is answered from.
+struct CaptureRequest {
+    Site const& site;
+    SignedMessage const& sent;
+};
+
+/// The payment of the merchant that TOKEN names; an ID, when given, must agree. Throws Refusal.
+Payment namedPayment(CaptureRequest const& request) {
+    Message const& message = request.sent.message;
+    std::string const token = message.require("TOKEN");
+    std::optional<PaymentRecord> const record = request.site.store.paymentByToken(request.sent.account, token);
+    if (!record) {
+        throw Refusal("there is no payment with the TOKEN '" + token + "'");
+    }
+    std::optional<std::string> const id = message.find("ID");
+    if (id && *id != record->payment.id) {
+        throw Refusal("ID and TOKEN name different payments: the payment with this TOKEN is '" + record->payment.id +
+                      "', not '" + *id + "'");
+    }
+    return record->payment;
+}
+
+/// An attribute that is repeated must have the value of the order. Throws Refusal.
+void checkRepeated(Message const& message, Payment const& payment, char const* name) {
+    std::optional<std::string> const repeated = message.find(name);
+    std::string const ordered = payment.attribute(name).value_or("");
+    if (repeated && *repeated != ordered) {
+        throw Refusal(std::string(name) + " is '" + *repeated + "', the payment has '" + ordered + "'");
+    }
+}
+
+/// Who repeats what came back with the shopper, or an answer of the capture service, repeats its RESULT. Throws
+/// Refusal.
+void checkResult(Message const& message, Payment const& payment) {
+    std::string const result = message.find("RESULT").value_or("");
+    for (PaymentState const state : {PaymentState::Authorised, PaymentState::Captured, PaymentState::Completed}) {
+        if (result.empty() || result == stateName(state)) {
+            return;
+        }
+    }
+    throw Refusal("RESULT is '" + result + "', the payment is " + stateName(payment.state));
+}
+
+/// Leads the payment on. When it is not in one of the states `from` it must have arrived already, which makes a
+/// repetition harmless. Throws Refusal otherwise. Returns the payment as it then is.
+Payment lead(CaptureRequest const& request, std::vector<PaymentState> const& from, PaymentState to,
+             std::vector<PaymentState> const& arrived, char const* note) {
+    Payment const before = namedPayment(request);
+    for (char const* name : {"AMOUNT", "CURRENCY", "ORDERID"}) {
+        checkRepeated(request.sent.message, before, name);
+    }
+    if (std::find(from.begin(), from.end(), before.state) != from.end()) {
+        checkResult(request.sent.message, before);
+    }
+    bool const moved = request.site.store.advance(before.id, from, {request.site.clock.text(), to, note});
+    Payment const now = namedPayment(request);
+    if (moved) {
+        return now;
+    }
+    for (PaymentState const state : arrived) {
+        if (now.state == state) {
+            return now;
+        }
+    }
+    throw Refusal("the payment is " + std::string(stateName(now.state)) + ", it cannot be " + stateName(to));
+}
+
+Message answerConfirm(CaptureRequest const& request) {
+    // Completing a payment settles it as well, so a capture that comes after it finds it done.
+    Payment const captured = lead(request, {PaymentState::Authorised}, PaymentState::Captured,
+                                  {PaymentState::Captured, PaymentState::Completed}, "captured by the merchant");
+    return confirmation(request.site, captured, stateName(PaymentState::Captured));
+}
+
+Message statusAnswer(char const* type, Payment const& payment) {
+    Message answer(type);
+    answer.set("ID", payment.id).set("TOKEN", payment.token).set("STATE", stateName(payment.state));
+    return answer;
+}
+
+Message answerComplete(CaptureRequest const& request) {
+    request.sent.message.require("ID");
+    return statusAnswer("PayCompleteResponse",
+                        lead(request, {PaymentState::Authorised, PaymentState::Captured}, PaymentState::Completed,
+                             {PaymentState::Completed}, "completed by the merchant"));
+}
+
+Message answerStatus(CaptureRequest const& request) {
+    expireWhenOverdue(request.site, namedPayment(request));
+    return statusAnswer("StatusResponse", namedPayment(request));
+}
+
+struct CaptureRow {
+    char const* type;
+    Message (*answer)(CaptureRequest const& request);
+};
+
+// clang-format off
+constexpr CaptureRow kRequests[] = {
+    {"PayConfirm",         answerConfirm},
+    {"PayCompleteRequest", answerComplete},
+    {"StatusRequest",      answerStatus},
+};
+// clang-format on
+
+}  // namespace
+
+HttpReply answerCapture(Call const& call) {
+    SignedMessage const sent = openSignedMessage(call);
+    for (CaptureRow const& row : kRequests) {
+        if (sent.message.type() == row.type) {
+            return messageReply(row.answer({call.site, sent}).text());
+        }
+    }
+    throw Refusal("the capture service knows no request '" + sent.message.type() + "'");
+}
+
+}  // namespace sandbox

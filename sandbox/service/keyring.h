@@ -1,0 +1,63 @@
+#ifndef TALLOWIN_SANDBOX_SERVICE_KEYRING_H
+#define TALLOWIN_SANDBOX_SERVICE_KEYRING_H
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "sandbox/crypto/opensslholders.h"
+#include "sandbox/service/serviceclock.h"
+#include "sandbox/store/store.h"
+
+namespace sandbox {
+
+/// A key that the service signs confirmations with, or once did.
+struct ServerKey {
+    std::string id;
+    KeyHolder key;
+};
+
+/// The service's own keys, kept in the store. Old ones are still told to who asks for them. May be used by any thread.
+class KeyRing {
+public:
+    using Key = std::shared_ptr<ServerKey const>;
+
+    /// Reads the keys of `store` and makes the first one of `bits` bits when there is none. Borrows both arguments.
+    /// Throws std::runtime_error.
+    KeyRing(Store& store, ServiceClock const& clock, unsigned bits);
+
+    /// The newest key, which signs.
+    [[nodiscard]] Key current() const;
+
+    /// The key of that identifier, null when there is none.
+    [[nodiscard]] Key find(std::string const& id) const;
+
+    /// Oldest first.
+    [[nodiscard]] std::vector<Key> all() const;
+
+    /// Makes a new key the current one and returns it. Throws std::runtime_error.
+    Key rotate();
+
+    /// The key before the current one; without a rotation one that nobody has been told of, named "1-SERVER-0".
+    [[nodiscard]] Key stale();
+
+    /// Whether keys of this service have, or may get, such an identifier.
+    static bool reserves(std::string const& id);
+
+    /// A key under the identifier of the current one that is not the current one.
+    [[nodiscard]] Key impostor();
+
+private:
+    Key add(std::size_t number);
+
+    Store& m_Store;               ///< Borrowed.
+    ServiceClock const& m_Clock;  ///< Borrowed.
+    unsigned m_Bits;
+    mutable std::mutex m_Mutex;
+    std::vector<Key> m_Keys;  ///< Oldest first, never empty. Guarded by m_Mutex.
+};
+
+}  // namespace sandbox
+
+#endif  // TALLOWIN_SANDBOX_SERVICE_KEYRING_H

@@ -1,0 +1,120 @@
+#ifndef TALLOWIN_SANDBOX_SERVICE_NOTIFIER_H
+#define TALLOWIN_SANDBOX_SERVICE_NOTIFIER_H
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "sandbox/http/endsignal.h"
+#include "sandbox/service/site.h"
+
+namespace sandbox {
+
+/// Sends the notifications that are pending in the store, on threads of its own: those it finds at the start and those
+/// that are added later. A merchant who does not answer with a status of 200 to 299 is asked again. Only http addresses
+/// on this machine are contacted. Every attempt is recorded; a notification is pending in the store until it is
+/// settled.
+///
+/// What goes to one host and port is sent one after the other, and of one payment the oldest notification first. What
+/// goes elsewhere does not wait for it, as long as one of the kSenders threads is free.
+///
+/// It also makes undecided payments expired when their time has passed, whether anybody looks at them or not.
+class Notifier {
+public:
+    using Clock = EndSignal::Clock;
+
+    /// At so many places at once merchants are asked.
+    static constexpr std::size_t kSenders = 8;
+
+    /// How long things may take.
+    struct Patience {
+        std::chrono::milliseconds answer;               ///< For a merchant's answer.
+        std::vector<std::chrono::milliseconds> pauses;  ///< After each attempt that failed. There is one attempt more.
+        std::chrono::milliseconds clock;  ///< Between two looks at the site's clock while a payment can expire.
+    };
+
+    /// Borrows `site`. Throws std::runtime_error.
+    Notifier(Site const& site, Patience patience);
+
+    /// Stops.
+    ~Notifier();
+    Notifier(Notifier const&) = delete;
+    Notifier& operator=(Notifier const&) = delete;
+
+    /// Begins to send, and to watch the payments of the store that are undecided. Throws std::runtime_error.
+    void start();
+
+    /// Tells that the store has a notification more, or that the site's clock was set. May be called by any thread at
+    /// any time.
+    void wake();
+
+    /// Makes `payment` expired when it is still undecided once its time has passed. As wake().
+    void watch(Payment const& payment);
+
+    /// Cuts what is under way, which stays pending, and returns when the threads have ended.
+    void stop();
+
+private:
+    /// A notification that is not settled.
+    struct Pending {
+        Notification notification = {};
+        Clock::time_point due = {};
+        std::optional<Fault> delay = {};  ///< Has been waited for; happens to the next attempt.
+    };
+
+    /// The way to one host and port.
+    struct Lane {
+        std::map<std::int64_t, Pending> waiting = {};  ///< By number.
+        bool busy = false;                             ///< One of them is out of `waiting`, being sent.
+    };
+
+    /// One that is taken out of its lane to be sent.
+    struct Errand {
+        std::string lane;
+        Pending pending;
+    };
+
+    void run();
+    Clock::time_point look();
+    void expireOverdue();
+    void takeAdded();
+    Clock::time_point assignDue();
+    void runSender();
+    bool sendOnce(Pending& pending);
+    bool send(Pending& pending);
+    bool attempt(Pending& pending, std::string const& query, Exchange& record, bool twice);
+    bool settle(Notification& notification, std::string const& outcome);
+    void keep(Notification& notification, std::string const& outcome);
+
+    Site const& m_Site;  ///< Borrowed.
+    Patience m_Patience;
+    EndSignal m_Ending;
+    std::vector<std::thread> m_Threads;
+    std::int64_t m_LastTaken = 0;  ///< Number of the newest notification taken from the store. Used by run() alone.
+
+    std::mutex m_Mutex;  ///< Guards all below. Nothing of the site is called under it but its clock.
+    std::condition_variable m_Changed;
+    std::condition_variable m_Assigned;
+    std::map<std::string, Lane> m_Lanes;  ///< By "host:port".
+    std::deque<Errand> m_Errands;         ///< For which no thread was free yet.
+
+    /// When the time of payments is over, and their identifiers. Those that are decided in time stay until then, too.
+    std::set<std::pair<std::time_t, std::string>> m_Watched;
+    bool m_Woken = false;
+    bool m_Stopping = false;
+};
+
+}  // namespace sandbox
+
+#endif  // TALLOWIN_SANDBOX_SERVICE_NOTIFIER_H

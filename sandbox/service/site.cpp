@@ -1,0 +1,127 @@
+#include "sandbox/service/site.h"
+
+#include <optional>
+#include <utility>
+
+#include "sandbox/crypto/signature.h"
+#include "sandbox/text/refusal.h"
+#include "sandbox/text/wiretext.h"
+
+namespace sandbox {
+
+namespace {
+
+/// The bytes of the signature. Throws Refusal.
+std::string takeSignature(Query const& query, Exchange& record) {
+    std::optional<std::string> const text = query.value("SIGNATURE");
+    if (!text || text->empty()) {
+        throw Refusal("SIGNATURE is missing");
+    }
+    record.signature = *text;
+    std::optional<std::string> bytes = fromHex(*text);
+    if (!bytes) {
+        throw Refusal("SIGNATURE is not lower-case hexadecimal");
+    }
+    record.steps.push_back({"SIGNATURE is hexadecimal", std::to_string(bytes->size()) + " bytes"});
+    return *bytes;
+}
+
+/// Throws Refusal, and tells what is wrong as far as that can be found out.
+void checkSignature(std::string const& keyId, std::string const& blob, std::string const& text,
+                    std::string const& signature, Exchange& record) {
+    KeyHolder const key = readPublicKeyBlob(blob);
+    std::optional<std::string> const held = signedDigest(key.get(), signature);
+    std::string const expected = digestOf(text, Widening::Zero);
+    bool const good = held == expected;
+    record.steps.push_back({"Digest of DATA, each byte zero-extended to two", toHex(expected)});
+    record.steps.push_back({"Digest that SIGNATURE holds", held ? toHex(*held) : "none under this key", good});
+    if (good) {
+        return;
+    }
+    if (verifyText(key.get(), text, Widening::Sign, signature)) {
+        throw Refusal("SIGNATURE was made over sign-extended bytes, a merchant signs zero-extended ones");
+    }
+    throw Refusal("SIGNATURE is not one of DATA under the key '" + keyId + "'");
+}
+
+void copyIfGiven(Payment const& payment, char const* name, Message& to) {
+    if (std::optional<std::string> const value = payment.attribute(name)) {
+        to.set(name, *value);
+    }
+}
+
+/// A signature with its last bit the other way round.
+std::string flipLastBit(std::string const& signature) {
+    std::string bytes = fromHex(signature).value();
+    bytes.back() = static_cast<char>(static_cast<unsigned char>(bytes.back()) ^ 1U);
+    return toHex(bytes);
+}
+
+KeyRing::Key signingKey(Site const& site, std::optional<Fault> const& fault) {
+    if (fault && fault->kind == FaultKind::WrongKey) {
+        return site.keys.impostor();
+    }
+    if (fault && fault->kind == FaultKind::StaleKey) {
+        return site.keys.stale();
+    }
+    return site.keys.current();
+}
+
+}  // namespace
+
+std::string takeData(Call const& call) {
+    std::optional<std::string> const data = Query(call.request.query).value("DATA");
+    if (!data || data->empty()) {
+        throw Refusal("DATA is missing");
+    }
+    call.record.steps.push_back({"DATA is percent-encoded", std::to_string(data->size()) + " bytes"});
+    return *data;
+}
+
+SignedMessage openSignedMessage(Call const& call) {
+    std::string const text = takeData(call);
+    std::string const signature = takeSignature(Query(call.request.query), call.record);
+    Message message = Message::parse(text);
+    call.record.steps.push_back({"DATA is a message", message.type()});
+    std::string const keyId = message.require("KEYID");
+    std::optional<MerchantKey> const key = call.site.store.merchantKey(keyId);
+    if (!key) {
+        throw Refusal("KEYID names no merchant key that was published here: '" + keyId + "'");
+    }
+    call.record.steps.push_back({"KEYID names a key", keyId + " of the account " + key->account});
+    checkSignature(keyId, key->blob, text, signature, call.record);
+    return {std::move(message), text, key->account};
+}
+
+HttpReply messageReply(std::string const& text) {
+    return {200, "text/xml", text};
+}
+
+Message confirmation(Site const& site, Payment const& payment, std::string const& result) {
+    return confirmationBy(site.keys.current()->id, kConfirmationType, payment, result);
+}
+
+Message confirmationBy(std::string const& keyId, std::string const& type, Payment const& payment,
+                       std::string const& result) {
+    Message message(type);
+    message.set("KEYID", keyId).set("ID", payment.id).set("TOKEN", payment.token);
+    copyIfGiven(payment, "AMOUNT", message);
+    copyIfGiven(payment, "CURRENCY", message);
+    copyIfGiven(payment, "ORDERID", message);
+    message.set("RESULT", result);
+    return message;
+}
+
+std::string signedConfirmation(Site const& site, Payment const& payment, std::string const& result,
+                               std::optional<Fault> const& fault) {
+    KeyRing::Key const key = signingKey(site, fault);
+    char const* const type = fault && fault->kind == FaultKind::WrongType ? kUnexpectedType : kConfirmationType;
+    std::string const text = confirmationBy(key->id, type, payment, result).text();
+    std::string signature = signText(key->key.get(), text, Widening::Sign);
+    if (fault && fault->kind == FaultKind::WrongSignature) {
+        signature = flipLastBit(signature);
+    }
+    return "DATA=" + percentEncode(text) + "&SIGNATURE=" + signature;
+}
+
+}  // namespace sandbox

@@ -1,0 +1,86 @@
+#ifndef TALLOWIN_SANDBOX_SERVICE_SITE_H
+#define TALLOWIN_SANDBOX_SERVICE_SITE_H
+
+#include <optional>
+#include <string>
+
+#include "sandbox/faults/faultbook.h"
+#include "sandbox/http/httpmessages.h"
+#include "sandbox/service/keyring.h"
+#include "sandbox/service/serviceclock.h"
+#include "sandbox/store/store.h"
+
+namespace sandbox {
+
+class Notifier;
+
+/// The MSGTYPE of a confirmation.
+inline constexpr char kConfirmationType[] = "PayConfirm";
+
+/// The MSGTYPE of a message whose type is to be wrong.
+inline constexpr char kUnexpectedType[] = "Unexpected";
+
+/// Where the service listens: base addresses without a slash at the end, empty where it does not.
+struct Addresses {
+    std::string plain;
+    std::string tls;
+    std::string control;  ///< Plain HTTP, never touched by faults.
+    std::string proxy;
+};
+
+/// What every part of the service works on, shared by all threads.
+struct Site {
+    Store& store;
+    KeyRing& keys;
+    FaultBook& faults;
+    ServiceClock& clock;
+    Addresses const& addresses;
+    Notifier& notifier;
+    std::string const& formKey;  ///< Must come back with every form of the dashboard.
+};
+
+/// One request while it is answered.
+struct Call {
+    Site const& site;
+    HttpRequest const& request;
+    Exchange& record;                   ///< Tells in the end what had been read and found so far.
+    std::optional<Fault> const& fault;  ///< What is to go wrong.
+};
+
+/// A message whose signature has been verified.
+struct SignedMessage {
+    Message message;
+    std::string text;     ///< The message as it was signed.
+    std::string account;  ///< Owner of the key that signed it.
+};
+
+/// Takes DATA and SIGNATURE out of the query and verifies the signature with the merchant key that KEYID names. Throws
+/// Refusal with the first thing that is wrong.
+SignedMessage openSignedMessage(Call const& call);
+
+/// Takes DATA out of the query. Throws Refusal.
+std::string takeData(Call const& call);
+
+/// A message as an answer.
+HttpReply messageReply(std::string const& text);
+
+/// The exchanges. Each throws Refusal for a request it turns down.
+HttpReply answerAuto(Call const& call);
+HttpReply answerPay(Call const& call);
+HttpReply answerDecision(Call const& call);
+HttpReply answerCapture(Call const& call);
+
+/// The message that confirms `payment` to its merchant, with `result` as its RESULT, in the name of the current key.
+Message confirmation(Site const& site, Payment const& payment, std::string const& result);
+
+/// The same in the name of any key, with any MSGTYPE.
+Message confirmationBy(std::string const& keyId, std::string const& type, Payment const& payment,
+                       std::string const& result);
+
+/// The confirmation, signed, as the query of a link: "DATA=...&SIGNATURE=...". `fault` may make it wrong.
+std::string signedConfirmation(Site const& site, Payment const& payment, std::string const& result,
+                               std::optional<Fault> const& fault);
+
+}  // namespace sandbox
+
+#endif  // TALLOWIN_SANDBOX_SERVICE_SITE_H

@@ -1,0 +1,123 @@
+#include "sandbox/store/database.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <stdexcept>
+#include <system_error>
+
+namespace sandbox {
+
+namespace {
+
+[[noreturn]] void fail(sqlite3* database) {
+    throw std::runtime_error(std::string("database: ") + sqlite3_errmsg(database) + " (" +
+                             sqlite3_db_filename(database, "main") + ")");
+}
+
+/// SQLite would create the file readable for everyone; it holds private keys.
+void createPrivate(std::string const& path) {
+    int const file = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR);
+    if (file < 0) {
+        throw std::runtime_error("cannot open " + path + ": " + std::generic_category().message(errno));
+    }
+    ::close(file);
+}
+
+sqlite3* openFile(std::string const& path) {
+    createPrivate(path);
+    sqlite3* database = nullptr;
+    if (sqlite3_open_v2(path.c_str(), &database, SQLITE_OPEN_READWRITE | SQLITE_OPEN_FULLMUTEX, nullptr) != SQLITE_OK) {
+        std::string const reason = database != nullptr ? sqlite3_errmsg(database) : "out of memory";
+        sqlite3_close(database);
+        throw std::runtime_error("cannot open " + path + ": " + reason);
+    }
+    return database;
+}
+
+}  // namespace
+
+Statement::Statement(sqlite3* database, char const* sql) {
+    sqlite3_stmt* statement = nullptr;
+    if (sqlite3_prepare_v2(database, sql, -1, &statement, nullptr) != SQLITE_OK) {
+        fail(database);
+    }
+    m_Statement.reset(statement);
+}
+
+void Statement::check(int result) const {
+    if (result != SQLITE_OK) {
+        fail(sqlite3_db_handle(m_Statement.get()));
+    }
+}
+
+Statement& Statement::text(std::string const& value) {
+    check(sqlite3_bind_text64(m_Statement.get(), ++m_Bound, value.data(), value.size(), SQLITE_TRANSIENT, SQLITE_UTF8));
+    return *this;
+}
+
+Statement& Statement::bytes(std::string const& value) {
+    check(sqlite3_bind_blob64(m_Statement.get(), ++m_Bound, value.data(), value.size(), SQLITE_TRANSIENT));
+    return *this;
+}
+
+Statement& Statement::number(std::int64_t value) {
+    check(sqlite3_bind_int64(m_Statement.get(), ++m_Bound, value));
+    return *this;
+}
+
+bool Statement::step() {
+    int const result = sqlite3_step(m_Statement.get());
+    if (result == SQLITE_ROW) {
+        return true;
+    }
+    if (result != SQLITE_DONE) {
+        fail(sqlite3_db_handle(m_Statement.get()));
+    }
+    return false;
+}
+
+std::string Statement::column(int index) const {
+    void const* const data = sqlite3_column_blob(m_Statement.get(), index);
+    int const length = sqlite3_column_bytes(m_Statement.get(), index);
+    if (data == nullptr) {
+        return "";
+    }
+    return std::string(static_cast<char const*>(data), static_cast<std::size_t>(length));
+}
+
+std::int64_t Statement::numberColumn(int index) const {
+    return sqlite3_column_int64(m_Statement.get(), index);
+}
+
+Database::Database(std::string const& path) : m_Database(openFile(path)) {
+    sqlite3_busy_timeout(m_Database.get(), 5000);
+    execute("PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA foreign_keys = ON");
+}
+
+void Database::execute(char const* sql) {
+    if (sqlite3_exec(m_Database.get(), sql, nullptr, nullptr, nullptr) != SQLITE_OK) {
+        fail(m_Database.get());
+    }
+}
+
+Transaction::~Transaction() {
+    if (!m_Open) {
+        return;
+    }
+    try {
+        m_Database.execute("ROLLBACK");
+    } catch (std::runtime_error const&) {
+        // SQLite has rolled back by itself, which is what was wanted; the failure that led here is on its way.
+    }
+}
+
+void Transaction::commit() {
+    m_Database.execute("COMMIT");
+    m_Open = false;
+}
+
+}  // namespace sandbox

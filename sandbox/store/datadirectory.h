@@ -1,0 +1,35 @@
+#ifndef TALLOWIN_SANDBOX_STORE_DATADIRECTORY_H
+#define TALLOWIN_SANDBOX_STORE_DATADIRECTORY_H
+
+#include <string>
+
+namespace sandbox {
+
+/// The directory that keeps everything, created when it is missing and held by one service at a time.
+class DataDirectory {
+public:
+    /// Creates `path` (mode 0700; its parent must exist) and takes the lock file in it. Throws std::runtime_error when
+    /// that fails or another service holds the lock.
+    explicit DataDirectory(std::string const& path);
+    ~DataDirectory();
+    DataDirectory(DataDirectory const&) = delete;
+    DataDirectory& operator=(DataDirectory const&) = delete;
+
+    /// The path of `name` in the directory.
+    [[nodiscard]] std::string file(std::string const& name) const { return m_Path + "/" + name; }
+
+    /// The bytes of the file `name`, empty when it does not exist. Throws std::runtime_error when it cannot be read.
+    [[nodiscard]] std::string read(std::string const& name) const;
+
+    /// Replaces the file `name` (mode 0600) as a whole: a reader sees the old or the new one. Throws
+    /// std::runtime_error.
+    void write(std::string const& name, std::string const& content) const;
+
+private:
+    std::string m_Path;
+    int m_Lock;  ///< Owned; holds an exclusive lock while open.
+};
+
+}  // namespace sandbox
+
+#endif  // TALLOWIN_SANDBOX_STORE_DATADIRECTORY_H

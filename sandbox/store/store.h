@@ -1,0 +1,137 @@
+#ifndef TALLOWIN_SANDBOX_STORE_STORE_H
+#define TALLOWIN_SANDBOX_STORE_STORE_H
+
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "sandbox/store/database.h"
+#include "sandbox/store/exchange.h"
+#include "sandbox/store/notification.h"
+#include "sandbox/store/storedpayment.h"
+
+namespace sandbox {
+
+/// The service's own key as it is stored.
+struct StoredServerKey {
+    std::string id;
+    std::string privateDer;
+};
+
+/// A merchant's public key.
+struct MerchantKey {
+    std::string account;
+    std::string blob;
+};
+
+/// A merchant's public key with what is told of it to people.
+struct PublishedKey {
+    std::string id;
+    MerchantKey key;
+    std::string time;
+};
+
+/// A payment with what only the service knows of it.
+struct PaymentRecord {
+    Payment payment;
+    std::string formKey;  ///< Must come back with the shopper's decision.
+    std::string message;  ///< The PayInit as it came.
+};
+
+/// Accounts, keys, payments with their history, notifications and exchanges, in one SQLite file. Every member is one
+/// transaction and may be called by any thread. Failures of the database throw std::runtime_error.
+class Store {
+public:
+    enum class Login { Ok, UnknownUser, WrongPassword };
+    enum class KeyAdded { New, Known, Taken };
+
+    /// Opens the file, creating or checking its tables. A file of another layout throws std::runtime_error.
+    explicit Store(std::string const& path);
+
+    /// Creates the account or gives it a new password.
+    void putAccount(std::string const& user, std::string const& password);
+    [[nodiscard]] Login checkAccount(std::string const& user, std::string const& password);
+
+    /// The customer number of an existing account.
+    [[nodiscard]] std::string customerOf(std::string const& user);
+
+    /// The names of all accounts, oldest first.
+    [[nodiscard]] std::vector<std::string> accounts();
+
+    /// Oldest first.
+    [[nodiscard]] std::vector<StoredServerKey> serverKeys();
+    void addServerKey(StoredServerKey const& key, std::string const& time);
+
+    /// Adds a key to an account. `Known`: it is there already; `Taken`: the identifier stands for another key or
+    /// belongs to another account. Nothing changes in both cases.
+    KeyAdded addMerchantKey(std::string const& id, MerchantKey const& key, std::string const& time);
+    [[nodiscard]] std::optional<MerchantKey> merchantKey(std::string const& id);
+
+    /// Oldest first.
+    [[nodiscard]] std::vector<PublishedKey> merchantKeys();
+
+    /// Adds `fresh` unless its account already has a payment with its token. Returns whichever is then stored.
+    PaymentRecord openPayment(PaymentRecord const& fresh, std::string const& time);
+    [[nodiscard]] std::optional<PaymentRecord> paymentById(std::string const& id);
+    [[nodiscard]] std::optional<PaymentRecord> paymentByToken(std::string const& account, std::string const& token);
+
+    /// The ORDERID of the payment with this token; empty when there is none.
+    [[nodiscard]] std::string orderOfToken(std::string const& account, std::string const& token);
+
+    /// All, or those in one state, oldest first.
+    [[nodiscard]] std::vector<Payment> payments(std::optional<PaymentState> state = std::nullopt);
+
+    /// Of the payments the newest `count`, newest first, without those whose message has more than `longest` bytes.
+    [[nodiscard]] std::vector<PaymentRecord> latestPayments(std::int64_t count, std::int64_t longest);
+
+    /// Leads the payment from one of the states `from` to `step.state`, adds `step` to its history and the notification
+    /// to those that are to be sent. False, with nothing changed, when it is in none of them: of two callers at the
+    /// same time one gets true.
+    bool advance(std::string const& id, std::vector<PaymentState> const& from, HistoryEntry const& step,
+                 std::optional<Notification> const& notification = std::nullopt);
+
+    /// Those with numbers above `after`, oldest first.
+    [[nodiscard]] std::vector<Notification> notifications(std::int64_t after = 0);
+
+    /// Keeps what has become of the notification of this number.
+    void updateNotification(Notification const& notification);
+
+    /// Keeps that a request has come, before it is carried out, and returns what addExchange() takes in the end. When
+    /// the service ends before that, the next one that opens the file makes an exchange without an answer of it.
+    std::int64_t beginExchange(Exchange const& exchange);
+
+    /// Adds an exchange that has ended; `begun` when it was begun before, else 0.
+    /// Returns the number that the exchange got.
+    std::int64_t addExchange(Exchange const& exchange, std::int64_t begun = 0);
+
+    /// Keeps what became of the answer of the exchange of that number.
+    void noteDelivery(std::int64_t number, std::string const& delivery);
+
+    /// Those with numbers above `after`, oldest first.
+    [[nodiscard]] std::vector<Exchange> exchanges(std::int64_t after = 0);
+
+    /// Of the exchanges the newest `count`, newest first.
+    [[nodiscard]] std::vector<Exchange> latestExchanges(std::int64_t count);
+    [[nodiscard]] std::optional<Exchange> exchange(std::int64_t number);
+
+    /// The number and DATA of the newest `count` exchanges, newest first, without those whose DATA is empty or has more
+    /// than `longest` bytes.
+    [[nodiscard]] std::vector<std::pair<std::int64_t, std::string>> latestData(std::int64_t count,
+                                                                               std::int64_t longest);
+
+private:
+    std::optional<PaymentRecord> findPayment(Statement& row);
+    void insertPayment(PaymentRecord const& fresh, std::string const& time);
+    void addHistory(std::string const& id, HistoryEntry const& step);
+    void addNotification(Notification const& notification);
+
+    std::mutex m_Mutex;  ///< Held by every public member.
+    Database m_Database;
+};
+
+}  // namespace sandbox
+
+#endif  // TALLOWIN_SANDBOX_STORE_STORE_H

@@ -1,0 +1,147 @@
+#include <nlohmann/json.hpp>
+
+#include "sandbox/store/store.h"
+#include "sandbox/text/wiretext.h"
+
+namespace sandbox {
+
+namespace {
+
+constexpr char kAfter[] =
+    "SELECT number, time, kind, order_id, path, data, signature, verdict, steps, request, answer, fault, delivery, "
+    "microseconds "
+    "FROM exchanges WHERE number > ? ORDER BY number";
+constexpr char kLatest[] =
+    "SELECT number, time, kind, order_id, path, data, signature, verdict, steps, request, answer, fault, delivery, "
+    "microseconds "
+    "FROM exchanges ORDER BY number DESC LIMIT ?";
+constexpr char kOne[] =
+    "SELECT number, time, kind, order_id, path, data, signature, verdict, steps, request, answer, fault, delivery, "
+    "microseconds "
+    "FROM exchanges WHERE number = ?";
+
+/// What was found can be any bytes, which JSON cannot hold.
+std::string stepsText(std::vector<CheckStep> const& steps) {
+    nlohmann::json list = nlohmann::json::array();
+    for (CheckStep const& step : steps) {
+        list.push_back({{"what", toHex(step.what)}, {"found", toHex(step.found)}, {"good", step.good}});
+    }
+    return list.dump();
+}
+
+std::vector<CheckStep> stepsFromText(std::string const& text) {
+    std::vector<CheckStep> steps;
+    for (nlohmann::json const& step : nlohmann::json::parse(text)) {
+        steps.push_back({fromHex(step.at("what").get<std::string>()).value(),
+                         fromHex(step.at("found").get<std::string>()).value(), step.at("good").get<bool>()});
+    }
+    return steps;
+}
+
+/// Reads the columns of the queries above.
+std::vector<Exchange> readExchanges(Statement& row) {
+    std::vector<Exchange> found;
+    while (row.step()) {
+        Exchange exchange;
+        exchange.number = row.numberColumn(0);
+        exchange.time = row.column(1);
+        exchange.kind = exchangeFromName(row.column(2)).value_or(ExchangeKind::Other);
+        exchange.order = row.column(3);
+        exchange.path = row.column(4);
+        exchange.data = row.column(5);
+        exchange.signature = row.column(6);
+        exchange.verdict = row.column(7);
+        exchange.steps = stepsFromText(row.column(8));
+        exchange.request = row.column(9);
+        exchange.answer = row.column(10);
+        exchange.fault = row.column(11);
+        exchange.delivery = row.column(12);
+        exchange.microseconds = row.numberColumn(13);
+        found.push_back(std::move(exchange));
+    }
+    return found;
+}
+
+}  // namespace
+
+std::int64_t Store::beginExchange(Exchange const& exchange) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    m_Database
+        .prepare("INSERT INTO begun_exchanges (time, kind, order_id, path, data, request) VALUES (?, ?, ?, ?, ?, ?)")
+        .text(exchange.time)
+        .text(exchangeName(exchange.kind))
+        .bytes(exchange.order)
+        .text(exchange.path)
+        .bytes(exchange.data)
+        .bytes(exchange.request)
+        .step();
+    return m_Database.lastNumber();
+}
+
+std::int64_t Store::addExchange(Exchange const& exchange, std::int64_t begun) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Transaction transaction(m_Database);
+    m_Database
+        .prepare(
+            "INSERT INTO exchanges (time, kind, order_id, path, data, signature, verdict, steps, request, answer, "
+            "fault, microseconds) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)")
+        .text(exchange.time)
+        .text(exchangeName(exchange.kind))
+        .bytes(exchange.order)
+        .text(exchange.path)
+        .bytes(exchange.data)
+        .bytes(exchange.signature)
+        .bytes(exchange.verdict)
+        .text(stepsText(exchange.steps))
+        .bytes(exchange.request)
+        .bytes(exchange.answer)
+        .bytes(exchange.fault)
+        .number(exchange.microseconds)
+        .step();
+    std::int64_t const number = m_Database.lastNumber();
+    m_Database.prepare("DELETE FROM begun_exchanges WHERE number = ?").number(begun).step();
+    transaction.commit();
+    return number;
+}
+
+void Store::noteDelivery(std::int64_t number, std::string const& delivery) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    m_Database.prepare("UPDATE exchanges SET delivery = ? WHERE number = ?").text(delivery).number(number).step();
+}
+
+std::vector<Exchange> Store::exchanges(std::int64_t after) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Statement row = m_Database.prepare(kAfter);
+    row.number(after);
+    return readExchanges(row);
+}
+
+std::vector<Exchange> Store::latestExchanges(std::int64_t count) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Statement row = m_Database.prepare(kLatest);
+    row.number(count);
+    return readExchanges(row);
+}
+
+std::optional<Exchange> Store::exchange(std::int64_t number) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Statement row = m_Database.prepare(kOne);
+    row.number(number);
+    std::vector<Exchange> const found = readExchanges(row);
+    return found.empty() ? std::nullopt : std::optional<Exchange>(found.front());
+}
+
+std::vector<std::pair<std::int64_t, std::string>> Store::latestData(std::int64_t count, std::int64_t longest) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Statement row = m_Database.prepare(
+        "SELECT number, data FROM (SELECT number, data FROM exchanges ORDER BY number DESC LIMIT ?) "
+        "WHERE length(data) BETWEEN 1 AND ? ORDER BY number DESC");
+    row.number(count).number(longest);
+    std::vector<std::pair<std::int64_t, std::string>> found;
+    while (row.step()) {
+        found.emplace_back(row.numberColumn(0), row.column(1));
+    }
+    return found;
+}
+
+}  // namespace sandbox

@@ -1,0 +1,204 @@
+#include <algorithm>
+#include <cstdint>
+#include <stdexcept>
+
+#include "sandbox/store/store.h"
+
+namespace sandbox {
+
+namespace {
+
+// The columns that findPayment() reads.
+constexpr char kById[] = "SELECT id, account, token, state, form_key, message FROM payments WHERE id = ?";
+constexpr char kByToken[] =
+    "SELECT id, account, token, state, form_key, message FROM payments WHERE account = ? AND token = ?";
+
+}  // namespace
+
+PaymentRecord Store::openPayment(PaymentRecord const& fresh, std::string const& time) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Transaction transaction(m_Database);
+    Statement row = m_Database.prepare(kByToken);
+    row.text(fresh.payment.account).text(fresh.payment.token);
+    if (std::optional<PaymentRecord> stored = findPayment(row)) {
+        return *stored;
+    }
+    insertPayment(fresh, time);
+    transaction.commit();
+    return fresh;
+}
+
+std::optional<PaymentRecord> Store::paymentById(std::string const& id) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Statement row = m_Database.prepare(kById);
+    row.text(id);
+    return findPayment(row);
+}
+
+std::optional<PaymentRecord> Store::paymentByToken(std::string const& account, std::string const& token) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Statement row = m_Database.prepare(kByToken);
+    row.text(account).text(token);
+    return findPayment(row);
+}
+
+std::vector<Payment> Store::payments(std::optional<PaymentState> state) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Statement identifiers = m_Database.prepare("SELECT id FROM payments WHERE ? IN ('', state) ORDER BY number");
+    identifiers.text(state ? stateName(*state) : "");
+    std::vector<Payment> found;
+    while (identifiers.step()) {
+        Statement row = m_Database.prepare(kById);
+        row.text(identifiers.column(0));
+        std::optional<PaymentRecord> const record = findPayment(row);
+        if (record) {
+            found.push_back(record->payment);
+        }
+    }
+    return found;
+}
+
+std::vector<PaymentRecord> Store::latestPayments(std::int64_t count, std::int64_t longest) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Statement identifiers = m_Database.prepare(
+        "SELECT id FROM (SELECT number, id, message FROM payments ORDER BY number DESC LIMIT ?) "
+        "WHERE length(message) <= ? ORDER BY number DESC");
+    identifiers.number(count).number(longest);
+    std::vector<PaymentRecord> found;
+    while (identifiers.step()) {
+        Statement row = m_Database.prepare(kById);
+        row.text(identifiers.column(0));
+        found.push_back(findPayment(row).value());
+    }
+    return found;
+}
+
+std::string Store::orderOfToken(std::string const& account, std::string const& token) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Statement row = m_Database.prepare(
+        "SELECT a.value FROM payments p JOIN payment_attributes a ON a.payment = p.id AND a.name = 'ORDERID' "
+        "WHERE p.account = ? AND p.token = ?");
+    row.text(account).text(token);
+    return row.step() ? row.column(0) : "";
+}
+
+bool Store::advance(std::string const& id, std::vector<PaymentState> const& from, HistoryEntry const& step,
+                    std::optional<Notification> const& notification) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Transaction transaction(m_Database);
+    {
+        Statement row = m_Database.prepare("SELECT state FROM payments WHERE id = ?");
+        if (!row.text(id).step()) {
+            return false;
+        }
+        if (std::find(from.begin(), from.end(), stateFromName(row.column(0))) == from.end()) {
+            return false;
+        }
+    }
+    m_Database.prepare("UPDATE payments SET state = ? WHERE id = ?").text(stateName(step.state)).text(id).step();
+    addHistory(id, step);
+    if (notification) {
+        addNotification(*notification);
+    }
+    transaction.commit();
+    return true;
+}
+
+std::vector<Notification> Store::notifications(std::int64_t after) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Statement row = m_Database.prepare(
+        "SELECT number, payment, address, result, attempts, pending, time, outcome FROM notifications "
+        "WHERE number > ? ORDER BY number");
+    row.number(after);
+    std::vector<Notification> found;
+    while (row.step()) {
+        found.push_back({row.numberColumn(0), row.column(1), row.column(2), row.column(3), row.numberColumn(4),
+                         row.numberColumn(5) != 0, row.column(6), row.column(7)});
+    }
+    return found;
+}
+
+void Store::updateNotification(Notification const& notification) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    m_Database.prepare("UPDATE notifications SET attempts = ?, pending = ?, time = ?, outcome = ? WHERE number = ?")
+        .number(notification.attempts)
+        .number(notification.pending ? 1 : 0)
+        .text(notification.time)
+        .bytes(notification.outcome)
+        .number(notification.number)
+        .step();
+}
+
+std::optional<PaymentRecord> Store::findPayment(Statement& row) {
+    if (!row.step()) {
+        return std::nullopt;
+    }
+    PaymentRecord record;
+    Payment& payment = record.payment;
+    payment.id = row.column(0);
+    payment.account = row.column(1);
+    payment.token = row.column(2);
+    payment.state = stateFromName(row.column(3));
+    record.formKey = row.column(4);
+    record.message = row.column(5);
+    Statement attributes =
+        m_Database.prepare("SELECT name, value FROM payment_attributes WHERE payment = ? ORDER BY position");
+    attributes.text(payment.id);
+    while (attributes.step()) {
+        payment.attributes.emplace_back(attributes.column(0), attributes.column(1));
+    }
+    Statement history = m_Database.prepare("SELECT time, state, note FROM history WHERE payment = ? ORDER BY number");
+    history.text(payment.id);
+    while (history.step()) {
+        payment.history.push_back({history.column(0), stateFromName(history.column(1)), history.column(2)});
+    }
+    return record;
+}
+
+void Store::insertPayment(PaymentRecord const& fresh, std::string const& time) {
+    Payment const& payment = fresh.payment;
+    m_Database.prepare("INSERT INTO payments (id, account, token, state, form_key, message) VALUES (?, ?, ?, ?, ?, ?)")
+        .text(payment.id)
+        .text(payment.account)
+        .text(payment.token)
+        .text(stateName(payment.state))
+        .text(fresh.formKey)
+        .bytes(fresh.message)
+        .step();
+    std::int64_t position = 0;
+    for (auto const& [name, value] : payment.attributes) {
+        m_Database.prepare("INSERT INTO payment_attributes (payment, position, name, value) VALUES (?, ?, ?, ?)")
+            .text(payment.id)
+            .number(position++)
+            .text(name)
+            .bytes(value)
+            .step();
+    }
+    addHistory(payment.id, {time, payment.state, "payment page asked for"});
+}
+
+void Store::addHistory(std::string const& id, HistoryEntry const& step) {
+    m_Database.prepare("INSERT INTO history (payment, time, state, note) VALUES (?, ?, ?, ?)")
+        .text(id)
+        .text(step.time)
+        .text(stateName(step.state))
+        .text(step.note)
+        .step();
+}
+
+void Store::addNotification(Notification const& notification) {
+    m_Database
+        .prepare(
+            "INSERT INTO notifications (payment, address, result, attempts, pending, time, outcome) "
+            "VALUES (?, ?, ?, ?, ?, ?, ?)")
+        .text(notification.payment)
+        .bytes(notification.address)
+        .text(notification.result)
+        .number(notification.attempts)
+        .number(notification.pending ? 1 : 0)
+        .text(notification.time)
+        .bytes(notification.outcome)
+        .step();
+}
+
+}  // namespace sandbox

@@ -1,0 +1,46 @@
+#ifndef TALLOWIN_SANDBOX_STORE_STOREDPAYMENT_H
+#define TALLOWIN_SANDBOX_STORE_STOREDPAYMENT_H
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "sandbox/text/paymessage.h"
+
+namespace sandbox {
+
+/// Where a payment stands. A shopper's decision leads from `Opened` to `Authorised`, `Declined` or `Cancelled`, and
+/// time to `Expired`; the merchant leads an authorised payment on to `Captured` and `Completed`. The names are kept in
+/// the database: do not change them.
+enum class PaymentState { Opened, Authorised, Declined, Cancelled, Expired, Captured, Completed };
+
+/// The lower-case name of `state`: "opened", "authorised", "declined", "cancelled", "expired", "captured",
+/// "completed".
+char const* stateName(PaymentState state);
+
+/// The state of that name. Throws std::runtime_error for any other text.
+PaymentState stateFromName(std::string const& name);
+
+/// One step in the life of a payment.
+struct HistoryEntry {
+    std::string time;  ///< UTC, "2024-01-31T23:59:07Z".
+    PaymentState state = PaymentState::Opened;
+    std::string note;
+};
+
+/// One payment as the service keeps it.
+struct Payment {
+    std::string id;
+    std::string account;  ///< User name of the merchant's account.
+    std::string token;
+    PaymentState state = PaymentState::Opened;
+    Attributes attributes;              ///< Of the PayInit message, in its order, unescaped.
+    std::vector<HistoryEntry> history;  ///< Oldest first.
+
+    /// The value of the attribute `name`, nothing when the PayInit had none.
+    [[nodiscard]] std::optional<std::string> attribute(std::string const& name) const;
+};
+
+}  // namespace sandbox
+
+#endif  // TALLOWIN_SANDBOX_STORE_STOREDPAYMENT_H

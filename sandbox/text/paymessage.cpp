@@ -1,0 +1,139 @@
+#include "sandbox/text/paymessage.h"
+
+#include <array>
+#include <cstddef>
+#include <pugixml.hpp>
+
+#include "sandbox/text/refusal.h"
+
+namespace sandbox {
+
+namespace {
+
+// Everything is kept as a node, so that what does not belong into a message shows; values are not normalised.
+constexpr unsigned kParseOptions = pugi::parse_pi | pugi::parse_comments | pugi::parse_cdata | pugi::parse_declaration |
+                                   pugi::parse_doctype | pugi::parse_escapes | pugi::parse_fragment;
+
+constexpr std::size_t kMostAttributes = 256;
+
+constexpr std::array<char const*, 5> kEntities = {"&amp;", "&lt;", "&gt;", "&quot;", "&apos;"};
+
+constexpr char kNameCharacters[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789.-_";
+
+void checkEntities(std::string const& text) {
+    for (std::size_t at = text.find('&'); at != std::string::npos; at = text.find('&', at + 1)) {
+        bool known = false;
+        for (char const* entity : kEntities) {
+            known = known || text.compare(at, std::char_traits<char>::length(entity), entity) == 0;
+        }
+        if (!known) {
+            throw Refusal("the message holds an unknown entity at byte " + std::to_string(at));
+        }
+    }
+}
+
+void appendEscaped(std::string& out, std::string const& value) {
+    for (char const c : value) {
+        switch (c) {
+            case '&':
+                out += "&amp;";
+                break;
+            case '<':
+                out += "&lt;";
+                break;
+            case '>':
+                out += "&gt;";
+                break;
+            case '"':
+                out += "&quot;";
+                break;
+            case '\'':
+                out += "&apos;";
+                break;
+            default:
+                out += c;
+        }
+    }
+}
+
+}  // namespace
+
+Message::Message(std::string const& type) {
+    set("MSGTYPE", type);
+}
+
+Message Message::parse(std::string const& text) {
+    if (text.find('\0') != std::string::npos) {
+        throw Refusal("the message holds a zero byte");
+    }
+    checkEntities(text);
+    pugi::xml_document document;
+    pugi::xml_parse_result const result =
+        document.load_buffer(text.data(), text.size(), kParseOptions, pugi::encoding_utf8);
+    if (!result) {
+        throw Refusal("the message is not well-formed XML: " + std::string(result.description()) + " at byte " +
+                      std::to_string(result.offset));
+    }
+    pugi::xml_node const root = document.first_child();
+    if (root.type() != pugi::node_element || root.next_sibling() || std::string(root.name()) != "KVX") {
+        throw Refusal("the message is not exactly one element KVX");
+    }
+    Message message;
+    for (pugi::xml_attribute const& attribute : root.attributes()) {
+        std::string const name = attribute.name();
+        if (name.find_first_not_of(kNameCharacters) != std::string::npos) {
+            throw Refusal("the message has an attribute with an unusable name: '" + name + "'");
+        }
+        if (message.m_Attributes.size() == kMostAttributes) {
+            throw Refusal("the message has more than " + std::to_string(kMostAttributes) + " attributes");
+        }
+        if (message.find(name)) {
+            throw Refusal("the message has the attribute " + name + " twice");
+        }
+        message.set(name, attribute.value());
+    }
+    if (!message.find("MSGTYPE")) {
+        throw Refusal("the message has no MSGTYPE");
+    }
+    return message;
+}
+
+Message& Message::set(std::string const& name, std::string const& value) {
+    m_Attributes.emplace_back(name, value);
+    return *this;
+}
+
+std::optional<std::string> Message::find(std::string const& name) const {
+    for (auto const& [present, value] : m_Attributes) {
+        if (present == name) {
+            return value;
+        }
+    }
+    return std::nullopt;
+}
+
+std::string Message::require(std::string const& name) const {
+    std::optional<std::string> const value = find(name);
+    if (!value || value->empty()) {
+        throw Refusal(type() + " needs the attribute " + name);
+    }
+    return *value;
+}
+
+std::string Message::text() const {
+    std::string out = "<KVX";
+    for (auto const& [name, value] : m_Attributes) {
+        out += ' ';
+        out += name;
+        out += "=\"";
+        appendEscaped(out, value);
+        out += '"';
+    }
+    return out + "/>";
+}
+
+std::string errorMessage(std::string const& reason) {
+    return Message("Error").set("MESSAGE", reason).text();
+}
+
+}  // namespace sandbox

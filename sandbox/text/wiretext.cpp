@@ -1,0 +1,188 @@
+#include "sandbox/text/wiretext.h"
+
+#include <openssl/rand.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <stdexcept>
+
+#include "sandbox/text/refusal.h"
+
+namespace sandbox {
+
+namespace {
+
+constexpr char kHexDigits[] = "0123456789abcdef";
+constexpr char kBase64Digits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+void appendHex(std::string& out, unsigned char byte) {
+    out += kHexDigits[byte >> 4];
+    out += kHexDigits[byte & 15];
+}
+
+/// The value of a digit, or -1.
+int hexValue(char digit, bool upperToo) {
+    if (digit >= '0' && digit <= '9') {
+        return digit - '0';
+    }
+    if (digit >= 'a' && digit <= 'f') {
+        return digit - 'a' + 10;
+    }
+    if (upperToo && digit >= 'A' && digit <= 'F') {
+        return digit - 'A' + 10;
+    }
+    return -1;
+}
+
+bool isLetterOrDigit(char c) {
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9');
+}
+
+}  // namespace
+
+std::string toHex(std::string const& bytes) {
+    std::string out;
+    out.reserve(bytes.size() * 2);
+    for (char const c : bytes) {
+        appendHex(out, static_cast<unsigned char>(c));
+    }
+    return out;
+}
+
+std::optional<std::string> fromHex(std::string const& text) {
+    if (text.size() % 2 != 0) {
+        return std::nullopt;
+    }
+    std::string out;
+    out.reserve(text.size() / 2);
+    for (std::size_t i = 0; i < text.size(); i += 2) {
+        int const high = hexValue(text[i], false);
+        int const low = hexValue(text[i + 1], false);
+        if (high < 0 || low < 0) {
+            return std::nullopt;
+        }
+        out += static_cast<char>(high * 16 + low);
+    }
+    return out;
+}
+
+std::string percentEncode(std::string const& bytes) {
+    std::string out;
+    out.reserve(bytes.size() * 3);
+    for (char const c : bytes) {
+        if (isLetterOrDigit(c)) {
+            out += c;
+            continue;
+        }
+        out += '%';
+        appendHex(out, static_cast<unsigned char>(c));
+    }
+    return out;
+}
+
+std::optional<std::string> percentDecode(std::string const& text) {
+    std::string out;
+    out.reserve(text.size());
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] != '%') {
+            out += text[i];
+            continue;
+        }
+        if (text.size() - i < 3) {
+            return std::nullopt;
+        }
+        int const high = hexValue(text[i + 1], true);
+        int const low = hexValue(text[i + 2], true);
+        if (high < 0 || low < 0) {
+            return std::nullopt;
+        }
+        out += static_cast<char>(high * 16 + low);
+        i += 2;
+    }
+    return out;
+}
+
+std::string replaceAll(std::string const& text, std::string const& from, std::string const& to) {
+    std::string out;
+    std::size_t next = 0;
+    for (std::size_t at = text.find(from); at != std::string::npos; at = text.find(from, next)) {
+        out.append(text, next, at - next);
+        out += to;
+        next = at + from.size();
+    }
+    return out.append(text, next, std::string::npos);
+}
+
+std::optional<std::string> decodeBase64(std::string const& text) {
+    if (text.size() % 4 != 0) {
+        return std::nullopt;
+    }
+    std::size_t digits = text.size();
+    for (int padding = 0; padding < 2 && digits > 0 && text[digits - 1] == '='; ++padding) {
+        --digits;
+    }
+    std::string const alphabet = kBase64Digits;
+    std::string out;
+    std::uint32_t bits = 0;
+    for (std::size_t i = 0; i < digits; ++i) {
+        std::size_t const value = alphabet.find(text[i]);
+        if (value == std::string::npos) {
+            return std::nullopt;
+        }
+        bits = (bits << 6) | static_cast<std::uint32_t>(value);
+        if (i % 4 != 0) {
+            unsigned const unread = 6 - 2 * static_cast<unsigned>(i % 4);
+            out += static_cast<char>((bits >> unread) & 0xFF);
+        }
+    }
+    std::size_t const lastByte = out.find_last_not_of('\0');
+    out.erase(lastByte == std::string::npos ? 0 : lastByte + 1);
+    return out;
+}
+
+Query::Query(std::string const& text) {
+    std::size_t from = 0;
+    while (from < text.size()) {
+        std::size_t const to = std::min(text.find('&', from), text.size());
+        std::string const piece = text.substr(from, to - from);
+        std::size_t const equals = piece.find('=');
+        if (equals == std::string::npos) {
+            m_Pieces.emplace_back(piece, "");
+        } else {
+            m_Pieces.emplace_back(piece.substr(0, equals), piece.substr(equals + 1));
+        }
+        from = to + 1;
+    }
+}
+
+std::optional<std::string> Query::value(std::string const& name) const {
+    std::string const* found = nullptr;
+    for (auto const& [pieceName, pieceValue] : m_Pieces) {
+        if (pieceName != name) {
+            continue;
+        }
+        if (found != nullptr) {
+            throw Refusal(name + " stands in the query twice");
+        }
+        found = &pieceValue;
+    }
+    if (found == nullptr) {
+        return std::nullopt;
+    }
+    std::optional<std::string> decoded = percentDecode(*found);
+    if (!decoded) {
+        throw Refusal(name + " is not well-formed percent-encoding");
+    }
+    return decoded;
+}
+
+std::string randomHex(int count) {
+    std::string bytes(static_cast<std::size_t>(count), '\0');
+    if (RAND_bytes(reinterpret_cast<unsigned char*>(bytes.data()), count) != 1) {
+        throw std::runtime_error("the random generator failed");
+    }
+    return toHex(bytes);
+}
+
+}  // namespace sandbox

@@ -1,0 +1,53 @@
+#ifndef TALLOWIN_SANDBOX_TEXT_WIRETEXT_H
+#define TALLOWIN_SANDBOX_TEXT_WIRETEXT_H
+
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+/// The text forms in which bytes travel: hexadecimal, percent-encoding, Base64 of the Basic header, query strings.
+/// All functions are pure; strings are bytes.
+namespace sandbox {
+
+/// Two lower-case hexadecimal digits for each byte.
+std::string toHex(std::string const& bytes);
+
+/// The bytes behind `text`; nothing when the length is odd or a character is not "0".."9" or "a".."f".
+/// Deliberate: upper case is refused, because the other side only writes lower case and a change of that should show.
+std::optional<std::string> fromHex(std::string const& text);
+
+/// Every byte that is not an ASCII letter or digit becomes "%" and two lower-case hexadecimal digits.
+std::string percentEncode(std::string const& bytes);
+
+/// Undoes percent-encoding with digits of either case; nothing when a "%" is not followed by two digits.
+/// A "+" stays a "+".
+std::optional<std::string> percentDecode(std::string const& text);
+
+/// `text` with `to` in the place of every `from`, which must not be empty.
+std::string replaceAll(std::string const& text, std::string const& from, std::string const& to);
+
+/// The bytes behind Base64 `text` of either form: with "=" padding, or filled up with zero bits ("A"), which includes a
+/// whole group "AAAA" after an input whose length is a multiple of three. Zero bytes at the end are fill and dropped.
+/// Nothing when the length is not a multiple of four or a character is foreign.
+std::optional<std::string> decodeBase64(std::string const& text);
+
+/// A query string in its order, names and values still percent-encoded. A piece without "=" has an empty value.
+class Query {
+public:
+    explicit Query(std::string const& text);
+
+    /// The decoded value under `name`; nothing when it is absent. Throws Refusal when it stands there twice or is not
+    /// well-formed percent-encoding.
+    [[nodiscard]] std::optional<std::string> value(std::string const& name) const;
+
+private:
+    std::vector<std::pair<std::string, std::string>> m_Pieces;
+};
+
+/// `count` bytes of a cryptographic generator in hexadecimal. Throws std::runtime_error when the generator fails.
+std::string randomHex(int count);
+
+}  // namespace sandbox
+
+#endif  // TALLOWIN_SANDBOX_TEXT_WIRETEXT_H

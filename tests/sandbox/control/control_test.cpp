@@ -1,0 +1,610 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "sandbox/faults/fault.h"
+#include "tests/sandbox/support/sandboxfixture.h"
+
+/// The control API: every address, every error.
+namespace {
+
+using namespace sandboxtest;
+using nlohmann::json;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+class Control : public SandboxTest {
+protected:
+    [[nodiscard]] RawAnswer ask(std::string const& request) const {
+        return parseAnswer(exchangeRaw(m_Service->controlPort(), request));
+    }
+
+    /// The content of an answer that must have this status.
+    json content(std::string const& request, int status) const {
+        RawAnswer const answer = ask(request);
+        EXPECT_EQ(answer.status, status) << answer.body;
+        EXPECT_EQ(answer.headers.at("content-type"), "application/json");
+        return json::parse(answer.body);
+    }
+
+    [[nodiscard]] json tell(std::string const& target) const { return content(bareRequest("GET", target), 200); }
+
+    json post(std::string const& target, json const& body, int status = 201) const {
+        return content(jsonPost(target, body.dump()), status);
+    }
+
+    /// The reason of a refusal with this status.
+    std::string refusal(std::string const& request, int status) const {
+        return content(request, status).at("error").get<std::string>();
+    }
+
+    [[nodiscard]] json payment(std::string const& filter) const {
+        json const payments = tell("/control/payments?" + filter).at("payments");
+        EXPECT_EQ(payments.size(), 1u) << filter;
+        return payments.at(0);
+    }
+
+    [[nodiscard]] json lastExchange() const { return tell("/control/exchanges").at("exchanges").back(); }
+
+    /// The value of an attribute as the control API tells it.
+    static std::string attribute(json const& payment, std::string const& name) {
+        for (json const& entry : payment.at("attributes")) {
+            if (entry.at("name") == name) {
+                return entry.at("value").get<std::string>();
+            }
+        }
+        return "(none)";
+    }
+};
+
+// --- The service
+
+TEST_F(Control, TellsAddressesKeyClockAndCounts) {
+    openPage(m_Merchant.payInit("t1"));
+    post("/control/faults", {{"kind", "drop"}});
+    json const service = tell("/control");
+    EXPECT_EQ(service.at("addresses"), (json{{"plain", m_Service->baseUrl()}, {"control", m_Service->controlUrl()}}));
+    EXPECT_EQ(service.at("serverKeyId"), m_Service->serverKeyId());
+    EXPECT_EQ(service.at("clock"), (json{{"present", "2023-11-14T22:13:20Z"}, {"ahead", 0}}));
+    EXPECT_EQ(service.at("counts"), (json{{"accounts", 1},
+                                          {"payments", 1},
+                                          {"notifications", 0},
+                                          {"exchanges", 2},
+                                          {"serverKeys", 1},
+                                          {"merchantKeys", 1},
+                                          {"faults", 1}}));
+}
+
+TEST_F(Control, TellsTheAddressesThatThereAre) {
+    sandbox::Options all = options();
+    all.tls = true;
+    all.proxy = true;
+    restart(all);
+    json const addresses = tell("/control").at("addresses");
+    EXPECT_EQ(addresses.at("tls"), m_Service->tlsBaseUrl());
+    EXPECT_THAT(addresses.at("proxy").get<std::string>(), HasSubstr("http://127.0.0.1:"));
+    std::string const overTls =
+        exchangeRaw(m_Service->tlsPort(), bareRequest("GET", "/control"), m_Service->authorityFile());
+    EXPECT_EQ(json::parse(parseAnswer(overTls).body).at("addresses"), addresses);
+    std::string const plain = exchangeRaw(m_Service->plainPort(), bareRequest("GET", "/control"));
+    EXPECT_EQ(json::parse(parseAnswer(plain).body).at("addresses"), addresses);
+}
+
+// --- Faults
+
+TEST_F(Control, ArmsAFaultSeesItHappenAndLiftsIt) {
+    json const armed =
+        post("/control/faults", {{"kind", "error"}, {"exchange", "setup"}, {"times", 2}, {"text", "no"}});
+    EXPECT_EQ(armed, (json{{"id", 1},
+                           {"kind", "error"},
+                           {"exchange", "setup"},
+                           {"order", ""},
+                           {"times", 2},
+                           {"text", "no"},
+                           {"happened", 0}}));
+    EXPECT_EQ(tell("/control/faults"), (json{{"faults", {armed}}}));
+    std::string const setup = "<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>";
+    EXPECT_EQ(reasonOf(askAuto(setup)), "no");
+    EXPECT_EQ(lastExchange().at("fault"), "error,exchange=setup,times=2,text=no");
+    EXPECT_EQ(lastExchange().at("verdict"), "not looked at");
+    EXPECT_EQ(tell("/control/faults").at("faults").at(0).at("happened"), 1);
+    EXPECT_EQ(content(bareRequest("DELETE", "/control/faults/1"), 200), (json{{"faults", json::array()}}));
+    EXPECT_EQ(attributeOf(askAuto(setup), "MSGTYPE"), "SetupResponse");
+    EXPECT_EQ(lastExchange().at("fault"), "");
+}
+
+TEST_F(Control, ForgetsAFaultThatHasHappenedOftenEnough) {
+    post("/control/faults", {{"kind", "error"}, {"exchange", "setup"}});
+    EXPECT_NE(reasonOf(askAuto("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>")), "");
+    EXPECT_EQ(tell("/control/faults"), (json{{"faults", json::array()}}));
+    EXPECT_THAT(refusal(bareRequest("DELETE", "/control/faults/1"), 404), HasSubstr("no fault '1'"));
+}
+
+TEST_F(Control, CountsAFaultThatStays) {
+    post("/control/faults", {{"kind", "error"}, {"exchange", "setup"}, {"times", "always"}});
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_NE(reasonOf(askAuto("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>")), "");
+    }
+    json const fault = tell("/control/faults").at("faults").at(0);
+    EXPECT_EQ(fault.at("times"), "always");
+    EXPECT_EQ(fault.at("happened"), 3);
+}
+
+TEST_F(Control, LiftsOneAndAll) {
+    for (int i = 0; i < 3; ++i) {
+        post("/control/faults", {{"kind", "reset"}, {"order", "A-" + std::to_string(i)}});
+    }
+    json const left = content(bareRequest("DELETE", "/control/faults/2"), 200).at("faults");
+    ASSERT_EQ(left.size(), 2u);
+    EXPECT_EQ(left.at(0).at("order"), "A-0");
+    EXPECT_EQ(left.at(1).at("order"), "A-2");
+    EXPECT_EQ(content(bareRequest("DELETE", "/control/faults"), 200).at("faults"), json::array());
+    EXPECT_EQ(m_Service->faults().size(), 0u);
+    for (char const* id : {"1", "0", "99999999999999999999"}) {
+        EXPECT_THAT(refusal(bareRequest("DELETE", std::string("/control/faults/") + id), 404), HasSubstr(id));
+    }
+}
+
+TEST_F(Control, ArmsWhatWasAskedFor) {
+    for (json const& asked :
+         {json{{"kind", "truncate"}, {"exchange", "capture"}, {"order", "A-1"}, {"bytes", 40}},
+          json{{"kind", "delay"}, {"seconds", 0.25}, {"times", "always"}}, json{{"kind", "delay"}, {"seconds", 3}},
+          json{{"kind", "http-status"}, {"exchange", "any"}, {"status", 500}, {"text", "a,b=c\n\u00e9"}},
+          json{{"kind", "huge"}, {"megabytes", 2}, {"times", 9007199254740993}},
+          json{{"kind", "refuse"}, {"exchange", "proxy"}, {"seconds", 0.0}}}) {
+        json const armed = post("/control/faults", asked);
+        for (auto const& [name, value] : asked.items()) {
+            EXPECT_EQ(armed.at(name), value) << asked;
+        }
+        EXPECT_EQ(armed.size(), asked.size() + 2 + (asked.contains("exchange") ? 0 : 1) +
+                                    (asked.contains("order") ? 0 : 1) + (asked.contains("times") ? 0 : 1))
+            << armed;
+    }
+    EXPECT_EQ(m_Service->faults().at(1).fault.seconds, 0.25);
+    EXPECT_EQ(m_Service->faults().at(3).fault.text, "a,b=c\n\u00e9");
+}
+
+TEST_F(Control, RefusesFaultsWithTheReason) {
+    struct Row {
+        char const* body;
+        char const* reason;
+    };
+    for (Row const& row : {
+             Row{"", "not JSON"},
+             {"{", "not JSON"},
+             {"{\"kind\":\"drop\"} x", "as byte 17 shows"},
+             {"{\"kind\":\"\xE9\"}", "not JSON"},
+             {"[]", "not a JSON object"},
+             {"\"drop\"", "not a JSON object"},
+             {"{}", "'kind' must be there"},
+             {"{\"kind\":1}", "'kind' must be there and a string"},
+             {"{\"kind\":\"burn\"}", "there is no fault 'burn'"},
+             {"{\"kind\":\"drop\",\"Order\":\"A\"}", "there is no member 'Order'"},
+             {"{\"kind\":\"drop\",\"id\":1}", "there is no member 'id'"},
+             {"{\"kind\":\"drop\",\"exchange\":1}", "'exchange' must be a string"},
+             {"{\"kind\":\"drop\",\"exchange\":null}", "'exchange' must be a string"},
+             {"{\"kind\":\"drop\",\"exchange\":\"refund\"}", "no exchange 'refund'"},
+             {"{\"kind\":\"drop\",\"exchange\":\"connection\"}",
+              "drop cannot happen to the exchange 'connection', only to: "},
+             {"{\"kind\":\"drop\",\"order\":17}", "'order' must be a string"},
+             {"{\"kind\":\"drop\",\"times\":\"often\"}", "'times' must be a whole number or \"always\""},
+             {"{\"kind\":\"drop\",\"times\":\"1\"}", "'times' must be a whole number or \"always\""},
+             {"{\"kind\":\"drop\",\"times\":1.5}", "'times' must be"},
+             {"{\"kind\":\"drop\",\"times\":0}", "times must be a number from 1"},
+             {"{\"kind\":\"drop\",\"times\":-1}", "times must be a number from 1"},
+             {"{\"kind\":\"drop\",\"times\":18446744073709551615}", "times must be a whole number"},
+             {"{\"kind\":\"drop\",\"seconds\":1}", "drop takes no seconds"},
+             {"{\"kind\":\"delay\",\"seconds\":\"1\"}", "'seconds' must be a number"},
+             {"{\"kind\":\"delay\",\"seconds\":3601}", "between 0 and 3600"},
+             {"{\"kind\":\"delay\",\"seconds\":-0.5}", "between 0 and 3600"},
+             {"{\"kind\":\"delay\",\"bytes\":1}", "delay takes no bytes"},
+             {"{\"kind\":\"truncate\",\"bytes\":1.0}", "'bytes' must be a whole number"},
+             {"{\"kind\":\"truncate\",\"bytes\":-1}", "0 or more"},
+             {"{\"kind\":\"http-status\",\"status\":99}", "between 100 and 999"},
+             {"{\"kind\":\"http-status\",\"status\":4294967496}", "between 100 and 999"},
+             {"{\"kind\":\"http-status\",\"status\":true}", "'status' must be a whole number"},
+             {"{\"kind\":\"error\",\"text\":[]}", "'text' must be a string"},
+             {"{\"kind\":\"huge\",\"megabytes\":0}", "between 1 and 4096"},
+             {"{\"kind\":\"huge\",\"megabytes\":4097}", "between 1 and 4096"},
+             {"{\"kind\":\"tls-abort\",\"order\":\"A\"}", "cannot be for one order"},
+             {"{\"kind\":\"refuse\",\"times\":2}", "cannot be counted"},
+         }) {
+        EXPECT_THAT(refusal(jsonPost("/control/faults", row.body), 400), HasSubstr(row.reason)) << row.body;
+    }
+    EXPECT_THAT(m_Service->faults(), IsEmpty());
+}
+
+TEST_F(Control, TellsAllKindsOfFaults) {
+    json const kinds = tell("/control/faults/kinds").at("kinds");
+    ASSERT_EQ(kinds.size(), sandbox::allFaultKinds().size());
+    for (std::size_t i = 0; i < kinds.size(); ++i) {
+        sandbox::FaultKindRow const& row = sandbox::allFaultKinds()[i];
+        EXPECT_EQ(kinds[i].at("name"), row.name);
+        EXPECT_EQ(kinds[i].at("meaning"), row.meaning);
+        EXPECT_EQ(kinds[i].at("carriedOut"), row.carriedOut);
+        unsigned exchanges = 0;
+        for (json const& name : kinds[i].at("exchanges")) {
+            exchanges |= static_cast<unsigned>(sandbox::exchangeFromName(name.get<std::string>()).value());
+        }
+        EXPECT_EQ(exchanges, row.exchanges) << row.name;
+        EXPECT_EQ(kinds[i].at("parameters").empty(), row.parameters == 0) << row.name;
+    }
+    EXPECT_EQ(kinds.at(0).at("parameters"), json{"seconds"});
+}
+
+TEST_F(Control, ArmsEveryKindWithWhatItTakes) {
+    json const values = {{"seconds", 1.5}, {"bytes", 10}, {"status", 404}, {"text", "x"}, {"megabytes", 3}};
+    json const kinds = tell("/control/faults/kinds").at("kinds");
+    ASSERT_FALSE(kinds.empty());
+    for (json const& kind : kinds) {
+        for (json const& exchange : kind.at("exchanges")) {
+            json fault = {{"kind", kind.at("name")}, {"exchange", exchange}};
+            for (json const& parameter : kind.at("parameters")) {
+                fault[parameter.get<std::string>()] = values.at(parameter.get<std::string>());
+            }
+            json const armed = post("/control/faults", fault);
+            EXPECT_EQ(content(bareRequest("DELETE", "/control/faults/" + armed.at("id").dump()), 200).at("faults"),
+                      json::array());
+        }
+    }
+}
+
+// --- Payments and exchanges
+
+TEST_F(Control, TellsAPaymentFromItsOpeningToItsCapture) {
+    std::string const confirm = authorise("t1");
+    EXPECT_EQ(payment("order=A-17").at("state"), "authorised");
+    askCapture(confirm);
+    json const told = payment("order=A-17");
+    EXPECT_EQ(told.at("id"), m_Service->payments().at(0).id);
+    EXPECT_EQ(told.at("account"), "demo");
+    EXPECT_EQ(told.at("token"), "t1");
+    EXPECT_EQ(told.at("state"), "captured");
+    EXPECT_EQ(told.at("notifications"), json::array());
+    EXPECT_EQ(attribute(told, "AMOUNT"), "12.50");
+    EXPECT_EQ(told.at("attributes").at(0), (json{{"name", "MSGTYPE"}, {"value", "PayInit"}}));
+    ASSERT_EQ(told.at("history").size(), 3u);
+    EXPECT_EQ(told.at("history").at(0),
+              (json{{"time", "2023-11-14T22:13:20Z"}, {"state", "opened"}, {"note", "payment page asked for"}}));
+    EXPECT_EQ(told.at("history").at(2).at("state"), "captured");
+}
+
+TEST_F(Control, TellsTheNotificationsOfEachPayment) {
+    for (char const* token : {"t1", "t2"}) {
+        std::string const address = " NOTIFYADDRESS=\"" + std::string(token) + "@localhost\"";
+        press(openPage(m_Merchant.payInit(token, address)), *(token + 1) == '1' ? "pay" : "decline");
+    }
+    json const payments = tell("/control/payments").at("payments");
+    ASSERT_EQ(payments.size(), 2u);
+    for (json const& told : payments) {
+        ASSERT_EQ(told.at("notifications").size(), 1u) << told;
+        json const notification = told.at("notifications").at(0);
+        EXPECT_EQ(notification.at("payment"), told.at("id"));
+        EXPECT_EQ(notification.at("address"), told.at("token").get<std::string>() + "@localhost");
+        EXPECT_EQ(notification.at("result"), told.at("state"));
+        EXPECT_EQ(notification.at("number"), told.at("token") == "t1" ? 1 : 2);
+        EXPECT_TRUE(notification.at("pending").is_boolean());
+        EXPECT_TRUE(notification.at("attempts").is_number_integer());
+        EXPECT_TRUE(notification.at("outcome").is_string());
+    }
+    EXPECT_EQ(tell("/control").at("counts").at("notifications"), 2);
+}
+
+TEST_F(Control, FiltersPayments) {
+    press(openPage(m_Merchant.payInit("t1")), "decline");
+    openPage(m_Merchant.message("PayInit", " TOKEN=\"t2\" EXPIRATION=\"20991231 23:59:59\" ORDERID=\"A &amp; + B\""));
+    openPage(m_Merchant.message("PayInit", " TOKEN=\"t3\" EXPIRATION=\"20991231 23:59:59\""));
+    auto const tokens = [this](std::string const& query) {
+        std::vector<std::string> found;
+        json const answer = tell("/control/payments" + query);
+        for (json const& told : answer.at("payments")) {
+            found.push_back(told.at("token").get<std::string>());
+        }
+        return found;
+    };
+    EXPECT_THAT(tokens(""), ElementsAre("t1", "t2", "t3"));
+    EXPECT_THAT(tokens("?order=A-17"), ElementsAre("t1"));
+    EXPECT_THAT(tokens("?order=A%20%26%20+%20B"), ElementsAre("t2"));
+    EXPECT_THAT(tokens("?order="), ElementsAre("t3"));
+    EXPECT_THAT(tokens("?order=a-17"), IsEmpty());
+    EXPECT_THAT(tokens("?state=opened"), ElementsAre("t2", "t3"));
+    EXPECT_THAT(tokens("?state=declined&order=A-17"), ElementsAre("t1"));
+    EXPECT_THAT(tokens("?state=opened&order=A-17"), IsEmpty());
+    EXPECT_THAT(tokens("?id=" + m_Service->payments().at(1).id), ElementsAre("t2"));
+    EXPECT_THAT(tokens("?id=nothing"), IsEmpty());
+    EXPECT_THAT(refusal(bareRequest("GET", "/control/payments?state=Opened"), 400), HasSubstr("state 'Opened'"));
+    EXPECT_THAT(refusal(bareRequest("GET", "/control/payments?order=%zz"), 400), HasSubstr("percent-encoding"));
+    EXPECT_THAT(refusal(bareRequest("GET", "/control/payments?id=1&id=2"), 400), HasSubstr("twice"));
+}
+
+TEST_F(Control, TellsBytesThatAreNotUtf8InASecondMember) {
+    openPage(m_Merchant.message("PayInit",
+                                " TOKEN=\"t\xFF\" EXPIRATION=\"20991231 23:59:59\" ORDERID=\"Caf\xE9\""
+                                " DESCRIPTION=\"Caf\xC3\xA9 \x01\""));
+    json const told = tell("/control/payments").at("payments").at(0);
+    EXPECT_EQ(told.at("token"), "t\uFFFD");
+    EXPECT_EQ(told.at("tokenHex"), "74ff");
+    json const order = told.at("attributes").at(4);
+    EXPECT_EQ(order, (json{{"name", "ORDERID"}, {"value", "Caf\uFFFD"}, {"valueHex", "436166e9"}}));
+    EXPECT_EQ(told.at("attributes").at(5), (json{{"name", "DESCRIPTION"}, {"value", "Caf\u00e9 \u0001"}}));
+    json const exchange = lastExchange();
+    EXPECT_EQ(exchange.at("order"), "Caf\uFFFD");
+    EXPECT_EQ(exchange.at("orderHex"), "436166e9");
+    EXPECT_THAT(exchange.at("data").get<std::string>(), HasSubstr("Caf\uFFFD"));
+    EXPECT_THAT(exchange.at("dataHex").get<std::string>(), HasSubstr("436166e9"));
+    EXPECT_FALSE(exchange.contains("signatureHex"));
+    EXPECT_EQ(payment("order=Caf%e9").at("tokenHex"), "74ff");
+}
+
+TEST_F(Control, TellsZeroBytes) {
+    std::string const data = "<KVX MSGTYPE=\"PayInit\"/>" + std::string(1, '\0');
+    openPage(data);
+    json const exchange = lastExchange();
+    EXPECT_EQ(exchange.at("data"), data);
+    EXPECT_FALSE(exchange.contains("dataHex"));
+    EXPECT_THAT(exchange.at("verdict").get<std::string>(), HasSubstr("zero byte"));
+    exchangeRaw(m_Service->plainPort(), formPost("/pay/decision", std::string("a\0b\xFF", 4)));
+    json const posted = lastExchange();
+    EXPECT_THAT(posted.at("request").get<std::string>(), ::testing::EndsWith(std::string("a\0b", 3) + "\uFFFD"));
+    EXPECT_THAT(posted.at("requestHex").get<std::string>(), ::testing::EndsWith("0d0a610062ff"));
+}
+
+TEST_F(Control, TellsAnExchangeCompletely) {
+    std::string const text = m_Merchant.payInit("t1");
+    std::string const signature = m_Merchant.sign(text);
+    openPage(text);
+    json const told = lastExchange();
+    EXPECT_EQ(told.at("number"), 2);
+    EXPECT_EQ(told.at("time"), "2023-11-14T22:13:20Z");
+    EXPECT_EQ(told.at("kind"), "page");
+    EXPECT_EQ(told.at("order"), "A-17");
+    EXPECT_EQ(told.at("path"), "/pay");
+    EXPECT_EQ(told.at("verdict"), "ok");
+    EXPECT_EQ(told.at("fault"), "");
+    EXPECT_EQ(told.at("data"), text);
+    EXPECT_EQ(told.at("signature"), signature);
+    EXPECT_GT(told.at("microseconds").get<std::int64_t>(), 0);
+    EXPECT_THAT(told.at("request").get<std::string>(), HasSubstr("SIGNATURE=" + signature + " HTTP/1.0\r\n"));
+    EXPECT_THAT(told.at("request").get<std::string>(), HasSubstr("Authorization: (covered)"));
+    EXPECT_THAT(told.at("answer").get<std::string>(), ::testing::StartsWith("HTTP/1.1 200 OK\r\n"));
+    ASSERT_GT(told.at("steps").size(), 4u);
+    EXPECT_EQ(told.at("steps").at(2), (json{{"what", "DATA is a message"}, {"found", "PayInit"}, {"good", true}}));
+}
+
+TEST_F(Control, TellsExchangesAfterANumber) {
+    openPage(m_Merchant.payInit("t1"));
+    openPage(m_Merchant.payInit("t2"));
+    auto const numbers = [this](std::string const& query) {
+        std::vector<int> found;
+        json const answer = tell("/control/exchanges" + query);
+        for (json const& told : answer.at("exchanges")) {
+            found.push_back(told.at("number").get<int>());
+        }
+        return found;
+    };
+    EXPECT_THAT(numbers(""), ElementsAre(1, 2, 3));
+    EXPECT_THAT(numbers("?after=0"), ElementsAre(1, 2, 3));
+    EXPECT_THAT(numbers("?after=-5"), ElementsAre(1, 2, 3));
+    EXPECT_THAT(numbers("?after=2"), ElementsAre(3));
+    EXPECT_THAT(numbers("?after=3"), IsEmpty());
+    for (char const* bad : {"x", "", "1.5", "99999999999999999999", "1%20"}) {
+        EXPECT_THAT(refusal(bareRequest("GET", std::string("/control/exchanges?after=") + bad), 400),
+                    HasSubstr("the number of an exchange"))
+            << bad;
+    }
+}
+
+// --- Keys
+
+TEST_F(Control, TellsKeys) {
+    json const keys = tell("/control/keys");
+    ASSERT_EQ(keys.at("server").size(), 1u);
+    EXPECT_EQ(keys.at("server").at(0).at("id"), m_Service->serverKeyId());
+    EXPECT_EQ(keys.at("server").at(0).at("current"), true);
+    EXPECT_EQ(keys.at("server").at(0).at("bits"), 512);
+    std::string const answer = askAuto("<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"" + m_Service->serverKeyId() + "\"/>");
+    EXPECT_EQ(keys.at("server").at(0).at("blob"), attributeOf(answer, "KEYBLOB"));
+    EXPECT_EQ(
+        keys.at("merchants"),
+        (json{{{"id", m_Merchant.keyId()}, {"account", "demo"}, {"time", "2023-11-14T22:13:20Z"}, {"bits", 512}}}));
+}
+
+TEST_F(Control, RotatesTheKeyThatSigns) {
+    std::string const old = m_Service->serverKeyId();
+    std::string const query = "<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"" + old + "\"/>";
+    std::string const oldBlob = attributeOf(askAuto(query), "KEYBLOB");
+    std::string const fresh = post("/control/keys/rotate", json::object()).at("id").get<std::string>();
+    EXPECT_NE(fresh, old);
+    EXPECT_EQ(m_Service->serverKeyId(), fresh);
+    EXPECT_EQ(attributeOf(askAuto(query), "KEYBLOB"), oldBlob);
+    json const keys = tell("/control/keys").at("server");
+    ASSERT_EQ(keys.size(), 2u);
+    EXPECT_EQ(keys.at(0).at("current"), false);
+    EXPECT_EQ(keys.at(1).at("current"), true);
+    RawAnswer const back = press(openPage(m_Merchant.payInit("t1")), "pay");
+    std::string const confirm = decode(queryValue(back.headers.at("location"), "DATA"));
+    std::string const signature = queryValue(back.headers.at("location"), "SIGNATURE");
+    EXPECT_EQ(attributeOf(confirm, "KEYID"), fresh);
+    EXPECT_TRUE(verifies(keys.at(1).at("blob").get<std::string>(), confirm, signature));
+    EXPECT_FALSE(verifies(oldBlob, confirm, signature));
+    EXPECT_EQ(attributeOf(askAuto("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>"), "VTKEYID"), fresh);
+}
+
+TEST_F(Control, RotatesWithoutABody) {
+    std::string const head = "POST /control/keys/rotate HTTP/1.1\r\nContent-Type: application/json\r\n";
+    content(head + "\r\n", 201);
+    content(head + "Content-Length: 0\r\n\r\n", 201);
+    EXPECT_EQ(tell("/control/keys").at("server").size(), 3u);
+    EXPECT_THAT(refusal(jsonPost("/control/keys/rotate", "{\"bits\":1024}"), 400), HasSubstr("no member 'bits'"));
+    EXPECT_EQ(tell("/control/keys").at("server").size(), 3u);
+}
+
+// --- Accounts and clock
+
+TEST_F(Control, CreatesAnAccountAndChangesItsPassword) {
+    std::string const setup = "<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>";
+    EXPECT_THAT(reasonOf(askAuto(setup, "shop", "one")), HasSubstr("no account"));
+    EXPECT_EQ(post("/control/accounts", {{"user", "shop"}, {"password", "one"}}),
+              (json{{"user", "shop"}, {"customer", "1002"}}));
+    EXPECT_EQ(attributeOf(askAuto(setup, "shop", "one"), "CUSTOMERID"), "1002");
+    EXPECT_EQ(post("/control/accounts", {{"user", "shop"}, {"password", "two:2"}}, 200).at("customer"), "1002");
+    EXPECT_THAT(reasonOf(askAuto(setup, "shop", "one")), HasSubstr("password"));
+    EXPECT_EQ(attributeOf(askAuto(setup, "shop", "two:2"), "CUSTOMERID"), "1002");
+    EXPECT_EQ(tell("/control").at("counts").at("accounts"), 2);
+}
+
+TEST_F(Control, RefusesAccountsThatNobodyCouldUse) {
+    struct Row {
+        char const* body;
+        char const* reason;
+    };
+    for (Row const& row : {
+             Row{"{}", "'user' must be there"},
+             {"{\"user\":\"a\"}", "'password' must be there"},
+             {"{\"user\":1,\"password\":\"p\"}", "'user' must be there and a string"},
+             {"{\"user\":\"a\",\"password\":null}", "'password' must be there and a string"},
+             {"{\"user\":\"\",\"password\":\"p\"}", "must have a name"},
+             {"{\"user\":\"a:b\",\"password\":\"p\"}", "no colon"},
+             {"{\"user\":\"a\\u0000\",\"password\":\"p\"}", "zero byte"},
+             {"{\"user\":\"a\",\"password\":\"p\\u0000\"}", "zero byte"},
+             {"{\"user\":\"a\",\"password\":\"p\",\"admin\":true}", "no member 'admin'"},
+         }) {
+        EXPECT_THAT(refusal(jsonPost("/control/accounts", row.body), 400), HasSubstr(row.reason)) << row.body;
+    }
+    EXPECT_EQ(tell("/control").at("counts").at("accounts"), 1);
+}
+
+TEST_F(Control, SetsTheClockAheadSoThatPaymentsExpire) {
+    std::string const inAnHour = " TOKEN=\"t1\" EXPIRATION=\"20231114 23:13:20\" ORDERID=\"A-17\"";
+    RawAnswer const page = openPage(m_Merchant.message("PayInit", inAnHour));
+    EXPECT_EQ(page.status, 200);
+    EXPECT_EQ(post("/control/clock", {{"ahead", 3600}}, 200),
+              (json{{"present", "2023-11-14T23:13:20Z"}, {"ahead", 3600}}));
+    EXPECT_EQ(payment("order=A-17").at("state"), "opened");
+    post("/control/clock", {{"ahead", 3601}}, 200);
+    EXPECT_EQ(payment("order=A-17").at("state"), "expired");
+    RawAnswer const late = openPage(m_Merchant.message("PayInit", " TOKEN=\"t2\" EXPIRATION=\"20231114 23:13:20\""));
+    EXPECT_EQ(late.status, 400);
+    EXPECT_THAT(late.body, HasSubstr("has expired"));
+    post("/control/clock", {{"ahead", 0}}, 200);
+    EXPECT_EQ(payment("order=A-17").at("state"), "expired");
+    EXPECT_EQ(openPage(m_Merchant.message("PayInit", " TOKEN=\"t2\" EXPIRATION=\"20231114 23:13:20\"")).status, 400)
+        << "what has expired stays so";
+    EXPECT_EQ(openPage(m_Merchant.message("PayInit", " TOKEN=\"t3\" EXPIRATION=\"20231114 23:13:20\"")).status, 200);
+}
+
+TEST_F(Control, RefusesClocksOutOfRange) {
+    struct Row {
+        char const* body;
+        char const* reason;
+    };
+    for (Row const& row : {
+             Row{"{}", "'ahead' must be there"},
+             {"{\"ahead\":\"1\"}", "a whole number"},
+             {"{\"ahead\":1.5}", "a whole number"},
+             {"{\"ahead\":315360001}", "ten years"},
+             {"{\"ahead\":-315360001}", "ten years"},
+             {"{\"ahead\":18446744073709551615}", "at most 64 bits"},
+             {"{\"ahead\":1e400}", "beyond all range"},
+             {"{\"ahead\":1,\"unit\":\"h\"}", "no member 'unit'"},
+         }) {
+        EXPECT_THAT(refusal(jsonPost("/control/clock", row.body), 400), HasSubstr(row.reason)) << row.body;
+    }
+    EXPECT_EQ(tell("/control").at("clock").at("ahead"), 0);
+    EXPECT_EQ(post("/control/clock", {{"ahead", -315360000}}, 200).at("present"), "2013-11-16T22:13:20Z");
+    EXPECT_EQ(post("/control/clock", {{"ahead", 315360000}}, 200).at("ahead"), 315360000);
+}
+
+// --- What keeps other pages out, and what is not there
+
+TEST_F(Control, TakesNothingButJson) {
+    for (char const* type : {"text/plain", "application/x-www-form-urlencoded", "", "application/jsonx",
+                             "text/plain; charset=application/json", "text/json"}) {
+        for (char const* path : {"/control/faults", "/control/keys/rotate", "/control/accounts", "/control/clock"}) {
+            std::string const body = "{}";
+            std::string const line = *type == '\0' ? "" : std::string("Content-Type: ") + type + "\r\n";
+            EXPECT_THAT(
+                refusal(std::string("POST ") + path + " HTTP/1.1\r\n" + line + "Content-Length: 2\r\n\r\n{}", 415),
+                HasSubstr("application/json"))
+                << type << path;
+        }
+    }
+    EXPECT_EQ(tell("/control/keys").at("server").size(), 1u);
+    for (char const* type : {"application/json; charset=utf-8", "Application/JSON", "application/json ;x=y"}) {
+        content(std::string("POST /control/keys/rotate HTTP/1.1\r\nContent-Type: ") + type +
+                    "\r\nContent-Length: 2\r\n\r\n{}",
+                201);
+    }
+}
+
+TEST_F(Control, AnswersToNamesOfThisMachineOnly) {
+    for (char const* host : {"evil.example", "evil.example:80", "127.0.0.1.evil.example", "localhost.evil.example:1",
+                             "127.0.0.2", "[::1]", "127.0.0.1:80:80", "127.0.0.1@evil", ":80"}) {
+        EXPECT_THAT(refusal(bareRequest("GET", "/control", host), 403), HasSubstr(host));
+        EXPECT_THAT(refusal(bareRequest("DELETE", "/control/faults", host), 403), HasSubstr(host));
+    }
+    for (char const* host : {"127.0.0.1", "localhost", "127.0.0.1:8080", "LocalHost:1", "localhost:"}) {
+        content(bareRequest("GET", "/control", host), 200);
+    }
+    EXPECT_EQ(ask("GET /control HTTP/1.0\r\n\r\n").status, 200);
+    post("/control/faults", {{"kind", "drop"}});
+    refusal(bareRequest("DELETE", "/control/faults", "evil.example"), 403);
+    EXPECT_EQ(m_Service->faults().size(), 1u);
+}
+
+TEST_F(Control, NeverAllowsOtherSites) {
+    RawAnswer const answer =
+        ask("OPTIONS /control/faults/1 HTTP/1.1\r\nHost: 127.0.0.1\r\nOrigin: http://evil.example\r\n"
+            "Access-Control-Request-Method: DELETE\r\n\r\n");
+    EXPECT_EQ(answer.status, 405);
+    for (auto const& [name, value] : answer.headers) {
+        EXPECT_EQ(name.find("access-control"), std::string::npos) << name << ": " << value;
+    }
+}
+
+TEST_F(Control, TellsWhatIsNotThere) {
+    for (char const* path : {"/control/", "/control/fault", "/control/faults/", "/control/faults/x",
+                             "/control/faults/1/2", "/control/keys/rotate/x", "/control/exchange"}) {
+        EXPECT_THAT(refusal(bareRequest("GET", path), 404), HasSubstr(path));
+    }
+    EXPECT_EQ(ask(bareRequest("GET", "/controls")).headers.at("content-type"), "text/plain; charset=utf-8");
+}
+
+TEST_F(Control, TellsTheMethodsOfAnAddress) {
+    struct Row {
+        char const* path;
+        char const* allowed;
+    };
+    for (Row const& row : {Row{"/control", "GET"},
+                           {"/control/faults", "GET, POST, DELETE"},
+                           {"/control/faults/7", "DELETE"},
+                           {"/control/faults/kinds", "GET"},
+                           {"/control/payments", "GET"},
+                           {"/control/exchanges", "GET"},
+                           {"/control/keys", "GET"},
+                           {"/control/keys/rotate", "POST"},
+                           {"/control/accounts", "POST"},
+                           {"/control/clock", "POST"}}) {
+        for (char const* method : {"GET", "POST", "DELETE", "PUT", "PATCH", "OPTIONS"}) {
+            if (std::string(row.allowed).find(method) != std::string::npos) {
+                continue;
+            }
+            RawAnswer const answer = ask(bareRequest(method, row.path));
+            EXPECT_EQ(answer.status, 405) << method << row.path;
+            EXPECT_EQ(answer.headers.at("allow"), row.allowed);
+            EXPECT_THAT(json::parse(answer.body).at("error").get<std::string>(), HasSubstr(method));
+        }
+    }
+}
+
+TEST_F(Control, RefusesBodiesThatAreTooLarge) {
+    EXPECT_EQ(ask(jsonPost("/control/faults", std::string(1024 * 1024 + 1, ' '))).status, 413);
+    EXPECT_THAT(refusal(jsonPost("/control/faults", std::string(1024 * 1024, ' ')), 400), HasSubstr("not JSON"));
+}
+
+}  // namespace

@@ -1,0 +1,617 @@
+#include "sandbox/dashboard/calculator.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <openssl/rsa.h>
+
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "sandbox/crypto/signature.h"
+#include "sandbox/text/refusal.h"
+#include "sandbox/text/wiretext.h"
+#include "tests/sandbox/support/testmerchant.h"
+
+/// What the calculator finds out about signed messages.
+namespace {
+
+using namespace sandbox;
+using sandboxtest::TestMerchant;
+using ::testing::Contains;
+using ::testing::Each;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+
+/// A service with two keys, two merchants with one each, and what they sign.
+class Calculate : public ::testing::Test {
+protected:
+    Calculate() {
+        m_Keys.push_back({"1-SERVER-1", "", false, makeSigningKey(512)});
+        m_Keys.push_back({"1-SERVER-2", "", true, makeSigningKey(512)});
+        m_Keys.push_back({m_Merchant.keyId(), "demo", false, readPublicKeyBlob(m_Merchant.blob())});
+        m_Keys.push_back({"0-1002-big", "other", false, makeSigningKey(1024)});
+    }
+
+    [[nodiscard]] EVP_PKEY* serverKey() const { return m_Keys[1].key.get(); }
+    [[nodiscard]] EVP_PKEY* bigKey() const { return m_Keys[3].key.get(); }
+
+    [[nodiscard]] Calculation of(std::string const& data, std::string const& signature) const {
+        return calculate(m_Keys, data, signature, [this](KnownKey const&, std::string const& digest) {
+            for (std::string const& text : m_Seen) {
+                if (digest == digestOf(text, Widening::Zero) || digest == digestOf(text, Widening::Sign)) {
+                    return std::optional<SeenMessage>({text, "what was seen", "/seen"});
+                }
+            }
+            return std::optional<SeenMessage>();
+        });
+    }
+
+    /// The calculation for `sent` under a signature of `signedText` by the merchant.
+    [[nodiscard]] Calculation afterDamage(std::string const& signedText, std::string const& sent) const {
+        return of(sent, m_Merchant.sign(signedText));
+    }
+
+    /// RSA with the key of 1024 bits over `block`, with a padding of the library.
+    [[nodiscard]] std::string signBlock(std::string const& block, int padding) const {
+        KeyContextHolder const context(EVP_PKEY_CTX_new(bigKey(), nullptr));
+        std::size_t length = 128;
+        std::string signature(length, '\0');
+        EXPECT_EQ(EVP_PKEY_sign_init(context.get()), 1);
+        EXPECT_EQ(EVP_PKEY_CTX_set_rsa_padding(context.get(), padding), 1);
+        if (padding == RSA_PKCS1_PSS_PADDING) {
+            EXPECT_EQ(EVP_PKEY_CTX_set_signature_md(context.get(), EVP_sha1()), 1);
+        }
+        EXPECT_EQ(EVP_PKEY_sign(context.get(), reinterpret_cast<unsigned char*>(signature.data()), &length,
+                                reinterpret_cast<unsigned char const*>(block.data()), block.size()),
+                  1);
+        return toHex(signature);
+    }
+
+    TestMerchant m_Merchant{"0-1001-testkey"};
+    std::vector<KnownKey> m_Keys;
+    std::vector<std::string> m_Seen;  ///< Messages that the service remembers.
+    std::string const m_Text = "<KVX MSGTYPE=\"PayInit\" KEYID=\"0-1001-testkey\" NOTE=\"Caf\xE9\"/>";
+    std::string const m_Plain = "<KVX MSGTYPE=\"PayInit\" KEYID=\"0-1001-testkey\" NOTE=\"Tea\"/>";
+    std::string const m_Confirm = "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"1-SERVER-2\" NOTE=\"Caf\xE9\"/>";
+    std::string const m_BigText = "<KVX MSGTYPE=\"PayInit\" KEYID=\"0-1002-big\" NOTE=\"Caf\xE9\"/>";
+};
+
+std::vector<Finding> findingsOf(Calculation const& result) {
+    std::vector<Finding> findings;
+    for (Remark const& remark : result.remarks) {
+        findings.push_back(remark.finding);
+    }
+    return findings;
+}
+
+std::string textsOf(Calculation const& result) {
+    std::string texts;
+    for (Remark const& remark : result.remarks) {
+        texts += remark.text + "\n";
+    }
+    return texts;
+}
+
+/// Where a damage was undone; empty when none was, or more than one thing is wrong with the match.
+std::string repairOf(Calculation const& result) {
+    if (result.right || result.matches.size() != 1 || result.matches[0].keyId != "0-1001-testkey" ||
+        result.matches[0].digested != Digested::ZeroExtended || result.matches[0].wrapping != Wrapping::Bare) {
+        return "";
+    }
+    EXPECT_THAT(findingsOf(result), Contains(Finding::Damaged));
+    EXPECT_THAT(textsOf(result), HasSubstr("once " + result.matches[0].repair));
+    return result.matches[0].repair;
+}
+
+// --- What is right
+
+TEST_F(Calculate, FindsAMerchantsSignatureRight) {
+    Calculation const result = of(m_Text, m_Merchant.sign(m_Text));
+    EXPECT_TRUE(result.right);
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::Right));
+    ASSERT_TRUE(result.key);
+    EXPECT_EQ(result.key->account, "demo");
+    EXPECT_EQ(result.keyId, "0-1001-testkey");
+    EXPECT_EQ(result.message->find("NOTE"), "Caf\xE9");
+    EXPECT_EQ(result.heldDigest, result.zeroDigest);
+    EXPECT_NE(result.zeroDigest, result.signDigest);
+    ASSERT_EQ(result.matches.size(), 1u);
+    EXPECT_EQ(result.matches[0].digested, Digested::ZeroExtended);
+    EXPECT_EQ(result.matches[0].repair, "");
+    EXPECT_THAT(textsOf(result), HasSubstr("the merchant demo"));
+}
+
+TEST_F(Calculate, FindsTheServicesSignatureRight) {
+    Calculation const result = of(m_Confirm, signText(serverKey(), m_Confirm, Widening::Sign));
+    EXPECT_TRUE(result.right);
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::Right));
+    EXPECT_TRUE(result.key->ofService());
+    EXPECT_TRUE(result.key->current);
+    EXPECT_EQ(result.heldDigest, result.signDigest);
+    EXPECT_THAT(textsOf(result), HasSubstr("this service"));
+}
+
+TEST_F(Calculate, FindsBothRightInPlainAscii) {
+    EXPECT_TRUE(of(m_Plain, m_Merchant.sign(m_Plain)).right);
+    EXPECT_TRUE(of(m_Plain, m_Merchant.sign(m_Plain, true)).right);
+    std::string const confirm = "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"1-SERVER-2\"/>";
+    Calculation const result = of(confirm, signText(serverKey(), confirm, Widening::Zero));
+    EXPECT_TRUE(result.right);
+    EXPECT_EQ(result.matches.at(0).digested, Digested::SignExtended);
+    EXPECT_EQ(result.zeroDigest, result.signDigest);
+}
+
+TEST_F(Calculate, GivesTheDigestsOfTheCommandLine) {
+    // printf 'a\0\351\0' | sha1sum, and with \351\377
+    Calculation const result = of("a\xE9", "");
+    EXPECT_EQ(result.zeroDigest, "2820e15aa1975cd1903b8024868aaa2033d2a2a9");
+    EXPECT_EQ(result.signDigest, "8025c09662631a1993bb93b0acd4e6f06a79067e");
+}
+
+TEST_F(Calculate, TellsThatAKeyOfTheServiceIsOld) {
+    std::string const text = "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"1-SERVER-1\"/>";
+    Calculation const result = of(text, signText(m_Keys[0].key.get(), text, Widening::Sign));
+    EXPECT_TRUE(result.right);
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::KeyOld, Finding::Right));
+    EXPECT_FALSE(result.key->current);
+}
+
+// --- What is missing or cannot be read
+
+TEST_F(Calculate, TellsWhatIsMissing) {
+    EXPECT_THAT(findingsOf(of("", "00")), ElementsAre(Finding::DataMissing));
+    EXPECT_THAT(findingsOf(of(m_Text, "")), ElementsAre(Finding::SignatureMissing));
+    EXPECT_EQ(of(m_Text, "").zeroDigest.size(), 40u);
+    EXPECT_EQ(of(m_Text, "").keyId, "0-1001-testkey");
+}
+
+TEST_F(Calculate, TellsThatDataIsNoMessage) {
+    for (std::string const data : {"<KVX", "hello", "<KVX MSGTYPE=\"a\" MSGTYPE=\"b\"/>"}) {
+        Calculation const result = of(data, m_Merchant.sign(data));
+        EXPECT_THAT(findingsOf(result), ElementsAre(Finding::NoMessage)) << data;
+        EXPECT_FALSE(result.right);
+        EXPECT_FALSE(result.message);
+        EXPECT_EQ(result.matches.size(), 1u);
+    }
+    std::string const withZero("<KVX MSGTYPE=\"a\"/>\0", 19);
+    EXPECT_THAT(textsOf(of(withZero, m_Merchant.sign(withZero))), HasSubstr("zero byte"));
+}
+
+TEST_F(Calculate, TellsThatNoKeyIsNamed) {
+    std::string const text = "<KVX MSGTYPE=\"PayInit\"/>";
+    Calculation const result = of(text, m_Merchant.sign(text));
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::KeyIdMissing));
+    EXPECT_FALSE(result.right);
+    EXPECT_EQ(result.matches.at(0).keyId, "0-1001-testkey");
+}
+
+TEST_F(Calculate, TellsThatTheKeyIsUnknown) {
+    std::string const text = "<KVX MSGTYPE=\"PayInit\" KEYID=\"nobody\"/>";
+    Calculation const result = of(text, TestMerchant("nobody").sign(text));
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::KeyUnknown, Finding::NothingFits));
+    EXPECT_FALSE(result.key);
+    EXPECT_THAT(textsOf(result), HasSubstr("none of the 4 keys"));
+}
+
+TEST_F(Calculate, TellsThatSignatureIsNotHexadecimal) {
+    Calculation const odd = of(m_Text, m_Merchant.sign(m_Text).substr(1));
+    EXPECT_THAT(findingsOf(odd), ElementsAre(Finding::NotHexadecimal));
+    EXPECT_THAT(textsOf(odd), HasSubstr("127 hexadecimal digits"));
+    Calculation const foreign = of(m_Text, "0x12");
+    EXPECT_THAT(findingsOf(foreign), ElementsAre(Finding::NotHexadecimal));
+    EXPECT_THAT(textsOf(foreign), HasSubstr("character number 2"));
+}
+
+// --- What differs in the signature
+
+TEST_F(Calculate, TellsUpperCase) {
+    std::string upper = m_Merchant.sign(m_Text);
+    for (char& c : upper) {
+        c = c >= 'a' ? static_cast<char>(c - 'a' + 'A') : c;
+    }
+    ASSERT_NE(upper, m_Merchant.sign(m_Text));
+    Calculation const result = of(m_Text, upper);
+    EXPECT_FALSE(result.right);
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::UpperCase));
+    EXPECT_EQ(result.matches.size(), 1u);
+    EXPECT_EQ(result.heldDigest, result.zeroDigest);
+}
+
+TEST_F(Calculate, TellsAWrongLength) {
+    Calculation const cut = of(m_Text, m_Merchant.sign(m_Text).substr(0, 126));
+    EXPECT_THAT(findingsOf(cut), ElementsAre(Finding::WrongLength, Finding::Unreadable, Finding::NothingFits));
+    EXPECT_THAT(textsOf(cut), HasSubstr("63 bytes, but the key '0-1001-testkey' of 512 bits makes signatures of 64"));
+    Calculation const longer = of(m_Text, m_Merchant.sign(m_Text) + "00");
+    EXPECT_THAT(findingsOf(longer), ElementsAre(Finding::WrongLength, Finding::NothingFits));
+    EXPECT_EQ(longer.heldDigest, "");
+}
+
+TEST_F(Calculate, FindsLostZeroBytesBeforeTheSignature) {
+    std::string text;
+    std::string signature;
+    for (int tries = 0; tries < 10000 && signature.compare(0, 2, "00") != 0; ++tries) {
+        text = "<KVX MSGTYPE=\"PayInit\" KEYID=\"0-1001-testkey\" N=\"" + std::to_string(tries) + "\"/>";
+        signature = m_Merchant.sign(text);
+    }
+    ASSERT_EQ(signature.compare(0, 2, "00"), 0) << "no such signature found";
+    EXPECT_TRUE(of(text, signature).right);
+    Calculation const result = of(text, signature.substr(2));
+    EXPECT_FALSE(result.right);
+    EXPECT_THAT(findingsOf(result), Each(Finding::WrongLength));
+    EXPECT_TRUE(result.matches.at(0).zerosLost);
+    EXPECT_THAT(textsOf(result), HasSubstr("zero bytes missing before SIGNATURE"));
+}
+
+TEST_F(Calculate, TellsAChangedSignature) {
+    std::string signature = m_Merchant.sign(m_Text);
+    signature.back() = signature.back() == '0' ? '1' : '0';
+    Calculation const result = of(m_Text, signature);
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::Unreadable, Finding::NothingFits));
+    EXPECT_EQ(result.heldDigest, "");
+    EXPECT_THAT(result.matches, IsEmpty());
+}
+
+TEST_F(Calculate, TellsThatSomethingElseWasSigned) {
+    Calculation const result = of(m_Text, m_Merchant.sign("something else"));
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::OtherDigest, Finding::NothingFits));
+    EXPECT_EQ(result.heldDigest, toHex(digestOf("something else", Widening::Zero)));
+}
+
+TEST_F(Calculate, TellsADigestInfo) {
+    std::string const wrapped = fromHex("3021300906052b0e03021a05000414").value() + digestOf(m_BigText, Widening::Zero);
+    Calculation const result = of(m_BigText, signBlock(wrapped, RSA_PKCS1_PADDING));
+    EXPECT_FALSE(result.right);
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::WrongWrapping));
+    EXPECT_EQ(result.matches.at(0).wrapping, Wrapping::DigestInfo);
+    EXPECT_EQ(result.heldDigest, result.zeroDigest);
+    EXPECT_THAT(textsOf(result), HasSubstr("35 bytes"));
+}
+
+TEST_F(Calculate, TellsOtherContent) {
+    Calculation const result = of(m_BigText, signBlock(std::string(32, 'x'), RSA_PKCS1_PADDING));
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::WrongWrapping, Finding::NothingFits));
+    EXPECT_EQ(result.heldDigest, toHex(std::string(32, 'x')));
+    EXPECT_THAT(textsOf(result), HasSubstr("32 bytes"));
+    // As long as a DigestInfo, but none.
+    EXPECT_THAT(textsOf(of(m_BigText, signBlock(std::string(35, 'x'), RSA_PKCS1_PADDING))),
+                HasSubstr("holds 35 bytes"));
+}
+
+TEST_F(Calculate, TellsForeignPadding) {
+    std::string const digest = digestOf(m_BigText, Widening::Zero);
+    Calculation const unpadded = of(m_BigText, signBlock(std::string(108, '\0') + digest, RSA_NO_PADDING));
+    EXPECT_THAT(findingsOf(unpadded), ElementsAre(Finding::WrongWrapping));
+    EXPECT_EQ(unpadded.matches.at(0).wrapping, Wrapping::Unpadded);
+    EXPECT_EQ(unpadded.heldDigest, unpadded.zeroDigest);
+    Calculation const pss = of(m_BigText, signBlock(digest, RSA_PKCS1_PSS_PADDING));
+    EXPECT_THAT(findingsOf(pss), ElementsAre(Finding::WrongWrapping));
+    EXPECT_EQ(pss.matches.at(0).wrapping, Wrapping::Pss);
+    EXPECT_THAT(textsOf(pss), HasSubstr("PSS"));
+    Calculation const encryption =
+        of(m_BigText, signBlock(std::string("\0\2", 2) + std::string(105, 'p') + '\0' + digest, RSA_NO_PADDING));
+    EXPECT_THAT(findingsOf(encryption), ElementsAre(Finding::WrongWrapping, Finding::NothingFits));
+    EXPECT_THAT(textsOf(encryption), HasSubstr("type 2"));
+    for (Calculation const& result : {unpadded, pss, encryption}) {
+        EXPECT_FALSE(result.right);
+    }
+}
+
+// --- What differs in keys and widening
+
+TEST_F(Calculate, TellsTheWrongWidening) {
+    Calculation const merchant = of(m_Text, m_Merchant.sign(m_Text, true));
+    EXPECT_FALSE(merchant.right);
+    EXPECT_THAT(findingsOf(merchant), ElementsAre(Finding::OtherDigest, Finding::WrongWidening));
+    EXPECT_EQ(merchant.matches.at(0).digested, Digested::SignExtended);
+    EXPECT_EQ(merchant.heldDigest, merchant.signDigest);
+    Calculation const service = of(m_Confirm, signText(serverKey(), m_Confirm, Widening::Zero));
+    EXPECT_FALSE(service.right);
+    EXPECT_THAT(findingsOf(service), ElementsAre(Finding::OtherDigest, Finding::WrongWidening));
+    EXPECT_EQ(service.matches.at(0).digested, Digested::ZeroExtended);
+}
+
+TEST_F(Calculate, TellsThatBytesWereNotWidened) {
+    std::string digest(20, '\0');
+    EVP_Digest(m_BigText.data(), m_BigText.size(), reinterpret_cast<unsigned char*>(digest.data()), nullptr, EVP_sha1(),
+               nullptr);
+    Calculation const result = of(m_BigText, signBlock(digest, RSA_PKCS1_PADDING));
+    EXPECT_FALSE(result.right);
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::OtherDigest, Finding::WrongWidening));
+    EXPECT_EQ(result.matches.at(0).digested, Digested::Bytes);
+}
+
+TEST_F(Calculate, FindsTheKeyThatDidSign) {
+    std::string const server = signText(serverKey(), m_Text, Widening::Sign);
+    Calculation const result = of(m_Text, server);
+    EXPECT_FALSE(result.right);
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::Unreadable, Finding::WrongKey));
+    EXPECT_EQ(result.matches.at(0).keyId, "1-SERVER-2");
+    EXPECT_EQ(result.matches.at(0).account, "");
+    EXPECT_THAT(textsOf(result), HasSubstr("'1-SERVER-2' of this service"));
+    Calculation const merchant = of(m_Confirm, m_Merchant.sign(m_Confirm));
+    EXPECT_THAT(findingsOf(merchant), ElementsAre(Finding::Unreadable, Finding::WrongKey));
+    EXPECT_EQ(merchant.matches.at(0).account, "demo");
+    // A key of another size.
+    Calculation const big = of(m_Text, signText(bigKey(), m_Text, Widening::Zero));
+    EXPECT_THAT(findingsOf(big), ElementsAre(Finding::WrongLength, Finding::WrongKey));
+    EXPECT_EQ(big.matches.at(0).keyId, "0-1002-big");
+}
+
+TEST_F(Calculate, FindsTheKeyOfAMessageWithAnUnknownOne) {
+    std::string const text = "<KVX MSGTYPE=\"PayInit\" KEYID=\"nobody\"/>";
+    Calculation const result = of(text, m_Merchant.sign(text));
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::KeyUnknown, Finding::WrongKey));
+}
+
+TEST_F(Calculate, PrefersTheNamedKeyAmongSeveral) {
+    m_Keys.push_back({"0-1003-copy", "copycat", false, m_Keys[2].key});
+    std::string const text = "<KVX MSGTYPE=\"PayInit\" KEYID=\"0-1003-copy\"/>";
+    Calculation const result = of(text, m_Merchant.sign(text));
+    EXPECT_TRUE(result.right);
+    EXPECT_EQ(result.matches.size(), 2u);
+    EXPECT_THAT(textsOf(result), HasSubstr("copycat"));
+}
+
+// --- Another message
+
+/// The differences as "NAME: signed, pasted", with "-" for what is missing.
+std::vector<std::string> differencesOf(Calculation const& result) {
+    std::vector<std::string> texts;
+    for (Difference const& difference : result.original.value().differences) {
+        texts.push_back(difference.name + ": " + difference.inSigned.value_or("-") + ", " +
+                        difference.inData.value_or("-"));
+    }
+    return texts;
+}
+
+constexpr char kOrdered[] =
+    R"(<KVX MSGTYPE="PayInit" KEYID="0-1001-testkey" AMOUNT="19.90" NOTE="&lt;a b&gt;" ORDERID="A-17"/>)";
+
+TEST_F(Calculate, NamesTheAttributeThatWasChanged) {
+    m_Seen = {m_Text, kOrdered};
+    std::string const sent = sandbox::replaceAll(kOrdered, "19.90", "29.90");
+    Calculation const result = of(sent, m_Merchant.sign(kOrdered));
+    EXPECT_FALSE(result.right);
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::OtherDigest, Finding::OtherMessage, Finding::OtherMessage));
+    EXPECT_THAT(textsOf(result),
+                HasSubstr("SIGNATURE is that of another message, which was seen here: what was seen. It was made under "
+                          "the key '0-1001-testkey' of the merchant demo."));
+    EXPECT_THAT(textsOf(result), HasSubstr("DATA differs from it in: AMOUNT."));
+    EXPECT_EQ(result.original.value().seen.text, kOrdered);
+    EXPECT_EQ(result.original->seen.page, "/seen");
+    EXPECT_THAT(differencesOf(result), ElementsAre("AMOUNT: 19.90, 29.90"));
+}
+
+TEST_F(Calculate, NamesAttributesThatWereAddedOrLost) {
+    m_Seen = {kOrdered};
+    std::string const sent =
+        R"(<KVX NEW="" MSGTYPE="PayInit" KEYID="0-1001-testkey" NOTE="&lt;a b&gt;" ORDERID="A-17 " MORE="&amp;"/>)";
+    Calculation const result = of(sent, m_Merchant.sign(kOrdered));
+    EXPECT_THAT(differencesOf(result),
+                ElementsAre("AMOUNT: 19.90, -", "ORDERID: A-17, A-17 ", "NEW: -, ", "MORE: -, &"));
+    EXPECT_THAT(textsOf(result), HasSubstr("differs from it in: AMOUNT, ORDERID, NEW, MORE."));
+}
+
+TEST_F(Calculate, TellsWhatDiffersWithoutAnotherAttribute) {
+    m_Seen = {kOrdered};
+    struct Row {
+        char const* sent;
+        char const* difference;
+    };
+    for (
+        Row const& row : {
+            Row{R"(<KVX KEYID="0-1001-testkey" MSGTYPE="PayInit" AMOUNT="19.90" NOTE="&lt;a b&gt;" ORDERID="A-17"/>)",
+                "the attributes stand in another order"},
+            Row{R"(<KVX  MSGTYPE="PayInit" KEYID="0-1001-testkey" AMOUNT="19.90" NOTE="&lt;a b&gt;" ORDERID="A-17" />)",
+                "only the white space around the attributes differs"},
+            Row{R"(<KVX MSGTYPE="PayInit" KEYID="0-1001-testkey" AMOUNT="19.90" NOTE="&lt;a b>" ORDERID="A-17"/>)",
+                "only the way of writing differs"},
+            Row{R"(<KVX MSGTYPE='PayInit' KEYID="0-1001-testkey" AMOUNT="19.90" NOTE="&lt;a b&gt;" ORDERID="A-17"/>)",
+                "only the way of writing differs"},
+            Row{R"(<KVX MSGTYPE="PayInit" KEYID="0-1001-testkey" AMOUNT="19.90" NOTE="&lt;a b&gt;" ORDERID="A-17"></KVX>)",
+                "only the way of writing differs"},
+        }) {
+        Calculation const result = of(row.sent, m_Merchant.sign(kOrdered));
+        EXPECT_THAT(findingsOf(result), ElementsAre(Finding::OtherDigest, Finding::OtherMessage, Finding::OtherMessage))
+            << row.sent;
+        EXPECT_THAT(textsOf(result),
+                    HasSubstr(std::string("No attribute of it was changed, added or lost: ") + row.difference))
+            << row.sent;
+        EXPECT_THAT(differencesOf(result), IsEmpty()) << row.sent;
+    }
+}
+
+TEST_F(Calculate, TellsWhichKeyAndWideningTheOtherMessageHas) {
+    m_Seen = {m_Confirm, m_Text};
+    std::string const otherNote = sandbox::replaceAll(m_Confirm, "Caf", "Tea");
+    Calculation const confirm = of(otherNote, signText(serverKey(), m_Confirm, Widening::Sign));
+    EXPECT_THAT(findingsOf(confirm), ElementsAre(Finding::OtherDigest, Finding::OtherMessage, Finding::OtherMessage));
+    EXPECT_THAT(textsOf(confirm), HasSubstr("under the key '1-SERVER-2' of this service."));
+    EXPECT_THAT(differencesOf(confirm), ElementsAre("NOTE: Caf\xE9, Tea\xE9"));
+    Calculation const widened = of(m_Plain, m_Merchant.sign(m_Text, true));
+    EXPECT_THAT(findingsOf(widened), ElementsAre(Finding::OtherDigest, Finding::OtherMessage, Finding::OtherMessage,
+                                                 Finding::WrongWidening));
+    EXPECT_THAT(textsOf(widened), HasSubstr("What was signed is that message with its bytes sign-extended"));
+    std::string const otherKey = sandbox::replaceAll(m_Text, "0-1001-testkey", "1-SERVER-2");
+    Calculation const named = of(otherKey, m_Merchant.sign(m_Text));
+    EXPECT_THAT(findingsOf(named),
+                ElementsAre(Finding::Unreadable, Finding::OtherMessage, Finding::OtherMessage, Finding::WrongKey));
+    EXPECT_THAT(differencesOf(named), ElementsAre("KEYID: 0-1001-testkey, 1-SERVER-2"));
+}
+
+TEST_F(Calculate, ShowsTheOtherMessageWhenItCannotBeCompared) {
+    m_Seen = {kOrdered, "<KVX"};
+    Calculation const cut = of(std::string(kOrdered).substr(0, 40), m_Merchant.sign(kOrdered));
+    EXPECT_THAT(findingsOf(cut), ElementsAre(Finding::NoMessage, Finding::OtherMessage, Finding::OtherMessage));
+    EXPECT_THAT(textsOf(cut), HasSubstr("cannot be told by attributes"));
+    EXPECT_EQ(cut.original.value().seen.text, kOrdered);
+    EXPECT_THAT(textsOf(of(kOrdered, m_Merchant.sign("<KVX"))), HasSubstr("cannot be told by attributes"));
+}
+
+TEST_F(Calculate, AsksForTheOtherMessageOnlyWhenNothingFits) {
+    m_Seen = {kOrdered};
+    EXPECT_FALSE(of(kOrdered, m_Merchant.sign(kOrdered)).original);
+    EXPECT_FALSE(of(std::string(kOrdered) + "\n", m_Merchant.sign(kOrdered)).original);
+    Calculation const unseen = of(kOrdered, m_Merchant.sign(m_Text));
+    EXPECT_FALSE(unseen.original);
+    EXPECT_THAT(findingsOf(unseen), ElementsAre(Finding::OtherDigest, Finding::NothingFits));
+    EXPECT_THAT(textsOf(unseen), HasSubstr("Nor is it that of another message which was seen here"));
+    EXPECT_THAT(textsOf(of(kOrdered, TestMerchant("nobody").sign(kOrdered))), Not(HasSubstr("Nor is it")));
+}
+
+TEST_F(Calculate, PrefersTheNamedKeyForTheOtherMessageToo) {
+    m_Keys.push_back({"0-1003-copy", "copycat", false, readPublicKeyBlob(m_Merchant.blob())});
+    m_Seen = {sandbox::replaceAll(kOrdered, "0-1001-testkey", "0-1003-copy")};
+    Calculation const result = of(sandbox::replaceAll(m_Seen[0], "19.90", "29.90"), m_Merchant.sign(m_Seen[0]));
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::OtherDigest, Finding::OtherMessage, Finding::OtherMessage));
+    EXPECT_THAT(textsOf(result), HasSubstr("'0-1003-copy' of the merchant copycat"));
+}
+
+// --- Damages on the way
+
+TEST_F(Calculate, UndoesEachDamage) {
+    std::string const head = "<KVX MSGTYPE=\"PayInit\" KEYID=\"0-1001-testkey\" NOTE=\"";
+    struct Row {
+        char const* name;
+        std::string signedText;
+        std::string sent;
+        char const* repair;
+    };
+    for (Row const& row : {
+             Row{"a blank became +", head + "a b\"/>",
+                 "<KVX+MSGTYPE=\"PayInit\"+KEYID=\"0-1001-testkey\"+NOTE=\"a+b\"/>",
+                 "each + in it is taken for a blank"},
+             {"a + became a blank", head + "a+b\"/>", head + "a b\"/>", "each blank in its values is taken for a +"},
+             {"encoded twice", head + "a%b\"/>", percentEncode(head + "a%b\"/>"), "it was encoded twice"},
+             {"decoded twice", head + "http://a/?x=%c3%a9%20%25\"/>", head + "http://a/?x=\xC3\xA9 %\"/>",
+              "in lower case: it was decoded twice"},
+             {"decoded twice, upper case", head + "http://a/?x=%C3%A9\"/>", head + "http://a/?x=\xC3\xA9\"/>",
+              "in upper case: it was decoded twice"},
+             {"line feeds became full line ends", head + "a\nb\"/>", head + "a\r\nb\"/>", "line feeds alone"},
+             {"full line ends lost a half", head + "a\r\nb\"/>", head + "a\nb\"/>", "carriage returns with line feeds"},
+             {"line feeds became carriage returns", head + "a\nb\"/>", head + "a\rb\"/>",
+              "carriage returns become line feeds"},
+             {"a line feed came behind", head + "a\"/>", head + "a\"/>\n", "behind it are cut"},
+             {"a line end came behind", head + "a\"/>", head + "a\"/>\r\n", "behind it are cut"},
+             {"blanks came behind", head + "a\"/>", head + "a\"/> \t ", "behind it are cut"},
+             {"blanks came before", head + "a\"/>", "  " + head + "a\"/>\n", "around it are cut"},
+             {"a line feed was lost", head + "a\"/>\n", head + "a\"/>", "a line feed is put behind it"},
+             {"a line end was lost", head + "a\"/>\r\n", head + "a\"/>", "a carriage return and a line feed"},
+             {"escaped for HTML", head + "&lt;a&gt; &amp; 'b'\"/>",
+              "&lt;KVX MSGTYPE=&quot;PayInit&quot; KEYID=&quot;0-1001-testkey&quot; NOTE=&quot;&amp;lt;a&amp;gt; "
+              "&amp;amp; "
+              "&#39;b&#39;&quot;/&gt;",
+              "its HTML escapes are undone"},
+             {"ampersands escaped once more", head + "a &amp; b\"/>", head + "a &amp;amp; b\"/>",
+              "its HTML escapes are undone"},
+             {"an escape undone", head + "a &amp; b\"/>", head + "a & b\"/>", "its bare ampersands become &amp;"},
+             {"Latin-1 became UTF-8", head + "Caf\xE9 \xFF\"/>", head + "Caf\xC3\xA9 \xC3\xBF\"/>",
+              "from UTF-8 to Latin-1"},
+             {"UTF-8 became Latin-1", head + "Caf\xC3\xA9 \xC3\xBF\"/>", head + "Caf\xE9 \xFF\"/>",
+              "from Latin-1 to UTF-8"},
+         }) {
+        EXPECT_THAT(repairOf(afterDamage(row.signedText, row.sent)), HasSubstr(row.repair)) << row.name;
+        EXPECT_TRUE(of(row.signedText, m_Merchant.sign(row.signedText)).right) << row.name;
+    }
+}
+
+TEST_F(Calculate, TellsDamageAndWrongKeyTogether) {
+    Calculation const result = of(m_Text + "\n", signText(serverKey(), m_Text, Widening::Sign));
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::Unreadable, Finding::Damaged, Finding::WrongKey));
+    EXPECT_EQ(result.matches.at(0).keyId, "1-SERVER-2");
+}
+
+TEST_F(Calculate, DoesNotUndoWhatIsRight) {
+    // The message is right as it is, so no repair of it is looked at.
+    std::string const text = "<KVX MSGTYPE=\"PayInit\" KEYID=\"0-1001-testkey\" NOTE=\"a+b%20&amp;amp;\"/>\n";
+    Calculation const result = of(text, m_Merchant.sign(text));
+    EXPECT_TRUE(result.right);
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::Right));
+}
+
+TEST(Repairs, LeaveOutWhatChangesNothing) {
+    for (Repair const& repair : repairs("<KVX/>")) {
+        EXPECT_NE(repair.text, "<KVX/>") << repair.description;
+    }
+    EXPECT_EQ(repairs("<KVX/>").size(), 2u);  // both put a line end behind it
+}
+
+TEST(Repairs, SurviveAnyBytes) {
+    for (int first = 0; first < 256; ++first) {
+        for (int second = 0; second < 256; ++second) {
+            std::string const pair{static_cast<char>(first), static_cast<char>(second)};
+            ASSERT_GE(repairs(pair).size(), 2u);
+        }
+    }
+}
+
+TEST(Repairs, TakeNoLongerForManyDamagesThanForOne) {
+    for (char const piece : {'\n', '\r', '+'}) {
+        EXPECT_GE(repairs(std::string(1024 * 1024, piece)).size(), 3u);
+    }
+}
+
+// --- What people paste
+
+std::string shown(SignedTexts const& texts) {
+    return texts.data + "|" + texts.signature;
+}
+
+TEST(ReadPasted, TakesDataInEveryForm) {
+    struct Row {
+        char const* data;
+        char const* signature;
+        char const* result;
+    };
+    for (Row const& row : {
+             Row{"<KVX A=\"%20+\"/>", "00ff", "<KVX A=\"%20+\"/>|00ff"},
+             {" <KVX/>\r\n", "00", " <KVX/>\r\n|00"},  // blanks may be what is wrong
+             {"%3cKVX%2F%3e", " 00 ", "<KVX/>|00"},
+             {" %3cKVX\r\n%2f%3e\n", "0\n0\r\n", "<KVX/>|00"},
+             {"a+b", "", "a+b|"},
+             {"DATA=%3cKVX%2f%3e", "00", "<KVX/>|00"},
+             {"DATA=%3cKVX%2f%3e&SIGNATURE=00", "", "<KVX/>|00"},
+             {"DATA=%3cKVX%2f%3e&SIGNATURE=00", "00", "<KVX/>|00"},
+             {"http://shop/ok?cart=7&DATA=%3c&SIGNATURE=0a#top", "", "<|0a"},
+             {"http://shop/ok?SIGNATURE=0a&DATA=%3c", "", "<|0a"},
+             {"http://shop/ok?DATA=%3c&amp;SIGNATURE=0a", "", "<|0a"},
+             {"http://shop/ok?cart=7&amp;DATA=%3c&amp;SIGNATURE=0a", "", "<|0a"},
+             {"?DATA=%3c", "", "<|"},
+             {"XDATA=%3c", "", "XDATA=<|"},  // the name of something else
+             {"", "00", "|00"},
+             {" \r\n", "", "|"},
+             {"<KVX NOTE=\"http://x/?DATA=a\"/>", "", "<KVX NOTE=\"http://x/?DATA=a\"/>|"},
+         }) {
+        EXPECT_EQ(shown(readPasted(row.data, row.signature)), row.result) << row.data;
+    }
+}
+
+TEST(ReadPasted, RefusesWhatIsAmbiguousOrBroken) {
+    struct Row {
+        char const* data;
+        char const* signature;
+        char const* reason;
+    };
+    for (Row const& row : {
+             Row{"%3", "", "not well-formed percent-encoding"},
+             {"%zz", "", "not well-formed percent-encoding"},
+             {"?DATA=%zz", "", "DATA is not well-formed"},
+             {"?DATA=a&DATA=b", "", "DATA stands in the query twice"},
+             {"?DATA=a&SIGNATURE=1&SIGNATURE=2", "", "SIGNATURE stands in the query twice"},
+             {"?DATA=a&SIGNATURE=00", "01", "the two differ"},
+         }) {
+        try {
+            readPasted(row.data, row.signature);
+            ADD_FAILURE() << row.data;
+        } catch (Refusal const& refusal) {
+            EXPECT_THAT(refusal.what(), HasSubstr(row.reason)) << row.data;
+        }
+    }
+}
+
+}  // namespace

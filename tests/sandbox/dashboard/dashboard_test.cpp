@@ -1,0 +1,761 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "sandbox/faults/fault.h"
+#include "sandbox/store/database.h"
+#include "sandbox/text/wiretext.h"
+#include "tests/sandbox/support/pagereader.h"
+#include "tests/sandbox/support/sandboxfixture.h"
+
+/// The pages of the dashboard: every address, every form, every error.
+namespace {
+
+using namespace sandboxtest;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+using Fields = std::map<std::string, std::string>;
+
+/// Everything that could break a page, as a value of an attribute, and how it is to be read there.
+constexpr char kNasty[] = "&lt;script&gt;alert(1)&lt;/script&gt;&amp;&quot;&apos;\xE9\x80\x1B";
+constexpr char kNastyShown[] = "<script>alert(1)</script>&\"'\u00E9\uFFFD\u241B";
+
+class Dashboard : public SandboxTest {
+protected:
+    [[nodiscard]] RawAnswer ask(std::string const& request) const {
+        return parseAnswer(exchangeRaw(m_Service->controlPort(), request));
+    }
+
+    /// The page at `target`, which must have this status.
+    [[nodiscard]] PageReader open(std::string const& target, int status = 200) const {
+        RawAnswer const answer = ask(bareRequest("GET", target));
+        EXPECT_EQ(answer.status, status) << target;
+        EXPECT_EQ(answer.headers.at("content-type"), "text/html; charset=utf-8") << target;
+        EXPECT_TRUE(isCleanUtf8(answer.body)) << target;
+        return PageReader(answer.body);
+    }
+
+    [[nodiscard]] RawAnswer submit(std::string const& target, Fields const& fields) const {
+        std::string body;
+        for (auto const& [name, value] : fields) {
+            body += (body.empty() ? "" : "&") + name + "=" + encode(value);
+        }
+        return ask(formPost(target, body));
+    }
+
+    [[nodiscard]] std::string formKey() const { return open("/calculator").text("//form/input[@name='key']/@value"); }
+
+    /// Submits a form with the right key.
+    [[nodiscard]] RawAnswer fill(std::string const& target, Fields fields) const {
+        fields["key"] = formKey();
+        return submit(target, fields);
+    }
+
+    void openNastyPayment() const {
+        openPage(m_Merchant.message("PayInit", std::string(" TOKEN=\"") + kNasty + "\" ORDERID=\"" + kNasty +
+                                                   "\" AMOUNT=\"" + kNasty + "\" EXPIRATION=\"20991231 23:59:59\""));
+    }
+
+    [[nodiscard]] std::string onlyPayment() const { return m_Service->payments().at(0).id; }
+};
+
+std::string tableRow(std::string const& section, int row) {
+    return "//section[@aria-labelledby='" + section + "']//tbody/tr[" + std::to_string(row) + "]/*";
+}
+
+// --- What all pages have in common
+
+class EveryDashboardPage : public Dashboard {
+protected:
+    EveryDashboardPage() {
+        askCapture(authorise("t1"));
+        openNastyPayment();
+        EXPECT_EQ(openPage(std::string("<KVX MSGTYPE=\"PayInit\" KEYID=\"\xFF\"/>")).status, 400);
+        m_Service->arm(sandbox::parseFault("error,exchange=setup,times=always,text=<b>\xE9"));
+        m_Pages = {"/",
+                   "/?live=1",
+                   "/payment?id=" + m_Service->payments().at(0).id,
+                   "/payment?id=" + m_Service->payments().at(1).id,
+                   "/faults",
+                   "/keys",
+                   "/calculator",
+                   "/calculator?DATA=" + encode(m_Merchant.payInit("t1")) + "&SIGNATURE=00",
+                   "/calculator?DATA=%00%ff%3cscript%3e&SIGNATURE=%00%ff%3cscript%3e"};
+        for (std::size_t number = 1; number <= m_Service->exchanges().size(); ++number) {
+            m_Pages.push_back("/exchange?number=" + std::to_string(number));
+        }
+    }
+
+    std::vector<std::string> m_Pages;
+};
+
+TEST_F(EveryDashboardPage, IsAPageWithNavigationAndHeadingsInOrder) {
+    for (std::string const& target : m_Pages) {
+        SCOPED_TRACE(target);
+        PageReader const page = open(target);
+        EXPECT_THAT(page.texts("//header/nav[@aria-label]/ul/li/a/@href"),
+                    ElementsAre("/", "/faults", "/keys", "/calculator"));
+        EXPECT_LE(page.count("//nav//a[@aria-current='page']"), 1u);
+        EXPECT_EQ(page.count("//h1"), 1u);
+        EXPECT_EQ(page.count("/html/body/main/*[1][self::h1]"), 1u);
+        EXPECT_THAT(page.text("/html/head/title"), StartsWith(page.text("//h1")));
+        EXPECT_EQ(page.count("//h3 | //h4"), 0u);
+        EXPECT_EQ(page.count("//h2"), page.count("/html/body/main/section[@aria-labelledby=h2/@id]"));
+        std::vector<std::string> const ids = page.texts("//@id");
+        EXPECT_EQ(std::set<std::string>(ids.begin(), ids.end()).size(), ids.size());
+    }
+}
+
+TEST_F(EveryDashboardPage, NamesItsTablesCellsAndFields) {
+    for (std::string const& target : m_Pages) {
+        SCOPED_TRACE(target);
+        PageReader const page = open(target);
+        EXPECT_EQ(page.count("//table"), page.count("//table[caption[string(.)!='']][thead/tr/th[@scope='col']]"));
+        EXPECT_EQ(page.count("//tbody/tr"), page.count("//tbody/tr[th[@scope='row'][string(.)!='']]"));
+        EXPECT_EQ(page.count("//th"), page.count("//th[@scope]"));
+        EXPECT_EQ(page.count("//table[not(@class)]"),
+                  page.count("//div[@class='wide'][@tabindex='0'][@aria-label]/table"));
+        EXPECT_EQ(page.count("//table[count(tbody/tr) != count(tbody/tr[count(*)=count(../../thead/tr/th)])]"), 0u);
+        EXPECT_EQ(page.count("//input[@type='hidden'] | //label/input | //label/select | //label/textarea"),
+                  page.count("//input | //select | //textarea"));
+        EXPECT_EQ(page.count("//button"), page.count("//button[string(.)!='']"));
+        EXPECT_EQ(page.count("//dd"), page.count("//dl/div/dt[string(.)!='']"));
+        EXPECT_EQ(page.count("//form"), page.count("//form[@method='post'][input[@name='key']]"));
+    }
+}
+
+TEST_F(EveryDashboardPage, RunsAndLoadsNothing) {
+    for (std::string const& target : m_Pages) {
+        SCOPED_TRACE(target);
+        PageReader const page = open(target);
+        EXPECT_EQ(page.count("//script | //b | //img | //link | //iframe | //object | //@src"), 0u);
+        EXPECT_EQ(page.count("//main//style | //@style | //@*[starts-with(name(), 'on')]"), 0u);
+        EXPECT_EQ(page.count("//@href[not(starts-with(., '/'))]"), 0u);
+        EXPECT_EQ(page.count("//@action[not(starts-with(., '/'))]"), 0u);
+    }
+}
+
+TEST_F(EveryDashboardPage, LinksToPagesThatAreThere) {
+    std::set<std::string> targets;
+    for (std::string const& target : m_Pages) {
+        for (std::string const& link : open(target).texts("//@href")) {
+            targets.insert(link);
+        }
+    }
+    EXPECT_GE(targets.size(), m_Pages.size());
+    for (std::string const& target : targets) {
+        EXPECT_EQ(ask(bareRequest("GET", target)).status, 200) << target;
+    }
+}
+
+TEST_F(EveryDashboardPage, IsForNamesOfThisMachineOnly) {
+    for (std::string const& target : m_Pages) {
+        RawAnswer const answer = ask(bareRequest("GET", target, "evil.example"));
+        EXPECT_EQ(answer.status, 403) << target;
+        EXPECT_THAT(PageReader(answer.body).text("//main/p[@role='alert']"), HasSubstr("evil.example"));
+        EXPECT_THAT(answer.body, Not(HasSubstr(formKey())));
+        EXPECT_EQ(ask(bareRequest("GET", target, "localhost:1")).status, 200) << target;
+    }
+}
+
+TEST_F(Dashboard, RefusesOtherMethods) {
+    for (auto const& [path, allowed] : std::vector<std::pair<std::string, std::string>>{{"/", "GET"},
+                                                                                        {"/payment", "GET"},
+                                                                                        {"/exchange", "GET"},
+                                                                                        {"/faults", "GET, POST"},
+                                                                                        {"/faults/lift", "POST"},
+                                                                                        {"/keys", "GET"},
+                                                                                        {"/keys/rotate", "POST"},
+                                                                                        {"/keys/clock", "POST"},
+                                                                                        {"/calculator", "GET, POST"}}) {
+        for (char const* method : {"GET", "POST", "PUT", "DELETE"}) {
+            if (allowed.find(method) != std::string::npos) {
+                continue;
+            }
+            RawAnswer const answer = ask(bareRequest(method, path));
+            EXPECT_EQ(answer.status, 405) << method << path;
+            EXPECT_EQ(answer.headers.at("allow"), allowed) << path;
+            EXPECT_THAT(PageReader(answer.body).text("//main/p"), HasSubstr(method));
+        }
+    }
+}
+
+// --- The overview
+
+TEST_F(Dashboard, TellsHowToSetAMerchantUp) {
+    sandbox::Options all = options();
+    all.tls = true;
+    all.proxy = true;
+    restart(all);
+    PageReader const page = open("/");
+    std::vector<std::string> const values = page.texts("//section[@aria-labelledby='set-up']//dd");
+    EXPECT_THAT(values, Contains(m_Service->baseUrl() + "/auto"));
+    EXPECT_THAT(values, Contains(m_Service->tlsBaseUrl() + "/auto"));
+    EXPECT_THAT(values, Contains(m_Service->controlUrl() + "/control"));
+    EXPECT_THAT(values, Contains("demo"));
+    EXPECT_THAT(values, Contains(m_Service->serverKeyId()));
+    EXPECT_THAT(values, Contains("2023-11-14T22:13:20Z"));
+    EXPECT_THAT(page.texts("//section[@aria-labelledby='set-up']//dt"), Contains("HTTP proxy"));
+    restart();
+    EXPECT_THAT(open("/").texts("//section[@aria-labelledby='set-up']//dt"),
+                ElementsAre("Set-up", "Control API", "Accounts", "Key that signs", "Present"));
+}
+
+TEST_F(Dashboard, ShowsPaymentsNewestFirst) {
+    EXPECT_EQ(open("/").text("//section[@aria-labelledby='payments']/p"), "There are no payments yet.");
+    press(openPage(m_Merchant.payInit("t1")), "pay");
+    m_Now += 60;
+    openPage(m_Merchant.message("PayInit", " TOKEN=\"t2\" EXPIRATION=\"20991231 23:59:59\""));
+    PageReader const page = open("/");
+    std::vector<sandbox::Payment> const payments = m_Service->payments();
+    EXPECT_THAT(page.texts(tableRow("payments", 1)),
+                ElementsAre(payments.at(1).id, "2023-11-14T22:14:20Z", "not given", "not given", "demo", "opened"));
+    EXPECT_THAT(page.texts(tableRow("payments", 2)),
+                ElementsAre(payments.at(0).id, "2023-11-14T22:13:20Z", "A-17", "12.50 EUR", "demo", "authorised"));
+    EXPECT_EQ(page.text(tableRow("payments", 1) + "/a/@href"), "/payment?id=" + payments.at(1).id);
+}
+
+TEST_F(Dashboard, ShowsAsManyPaymentsAsCanBeRead) {
+    for (int i = 0; i < 101; ++i) {
+        openPage(m_Merchant.payInit("t" + std::to_string(i)));
+    }
+    PageReader const page = open("/");
+    EXPECT_EQ(page.count("//section[@aria-labelledby='payments']//tbody/tr"), 100u);
+    EXPECT_EQ(page.text(tableRow("payments", 1) + "[1]"), m_Service->payments().back().id);
+    EXPECT_THAT(page.text("//section[@aria-labelledby='payments']/p"), HasSubstr("100 of 101"));
+}
+
+TEST_F(Dashboard, ShowsTheNewestExchanges) {
+    openPage(m_Merchant.payInit("t1"));
+    m_Service->arm(sandbox::parseFault("http-status,exchange=page"));
+    openPage(m_Merchant.payInit("t2"));
+    PageReader const page = open("/");
+    std::vector<std::string> const failed = page.texts(tableRow("exchanges", 1));
+    ASSERT_EQ(failed.size(), 7u);
+    EXPECT_THAT(std::vector<std::string>(failed.begin(), failed.end() - 1),
+                ElementsAre("3", "2023-11-14T22:13:20Z", "page", "A-17", "not looked at", "http-status,exchange=page"));
+    EXPECT_THAT(failed.back(), EndsWith(" ms"));
+    EXPECT_EQ(page.text(tableRow("exchanges", 1) + "/a/@href"), "/exchange?number=3");
+    EXPECT_EQ(page.text(tableRow("exchanges", 1) + "/strong"), "not looked at");
+    EXPECT_THAT(page.texts(tableRow("exchanges", 2)), Contains("ok"));
+    for (int i = 0; i < 50; ++i) {
+        EXPECT_EQ(get("/capture").status, 200);
+    }
+    PageReader const later = open("/");
+    EXPECT_EQ(later.count("//section[@aria-labelledby='exchanges']//tbody/tr"), 50u);
+    EXPECT_EQ(later.text(tableRow("exchanges", 1) + "[1]"), "53");
+    EXPECT_EQ(later.text(tableRow("exchanges", 50) + "[1]"), "4");
+}
+
+TEST_F(Dashboard, CanBeWatchedLive) {
+    PageReader const still = open("/");
+    EXPECT_EQ(still.count("//meta[@http-equiv='refresh']"), 0u);
+    EXPECT_EQ(still.text("//main/p/a[@href='/?live=1']"), "Watch live");
+    PageReader const live = open("/?live=1");
+    EXPECT_EQ(live.text("/html/head/meta[@http-equiv='refresh']/@content"), "2");
+    EXPECT_EQ(live.count("//main/p/a[@href='/']"), 1u);
+    EXPECT_EQ(live.count("//main/p/a[@href='/?live=1']"), 0u);
+    EXPECT_EQ(open("/?live=0").count("//meta[@http-equiv='refresh']"), 0u);
+    EXPECT_THAT(open("/?live=%zz", 400).text("//main/p"), HasSubstr("percent-encoding"));
+}
+
+// --- One payment
+
+TEST_F(Dashboard, ShowsAPayment) {
+    askCapture(authorise("t1"));
+    openPage(m_Merchant.payInit("t2"));
+    PageReader const page = open("/payment?id=" + onlyPayment());
+    EXPECT_EQ(page.text("//h1"), "Payment " + onlyPayment());
+    EXPECT_THAT(page.texts("//main/dl//dd"), ElementsAre("captured", "12.50 EUR", "A-17", "demo", "t1", onlyPayment()));
+    EXPECT_THAT(page.texts(tableRow("history", 2)),
+                ElementsAre("2023-11-14T22:13:20Z", "authorised", "shopper chose pay"));
+    EXPECT_EQ(page.count("//section[@aria-labelledby='history']//tbody/tr"), 3u);
+    EXPECT_THAT(page.text("//section[@aria-labelledby='notifications']/p"), HasSubstr("no NOTIFYADDRESS"));
+    EXPECT_THAT(page.texts("//section[@aria-labelledby='attributes']//tbody/tr[3]/*"), ElementsAre("TOKEN", "t1"));
+    // The page, the decision and the capture, and nothing of the other payment of the same order.
+    EXPECT_THAT(page.texts("//section[@aria-labelledby='exchanges']//tbody/tr/th/a/@href"),
+                ElementsAre("/exchange?number=2", "/exchange?number=3", "/exchange?number=4"));
+}
+
+TEST_F(Dashboard, ShowsNotificationsWithTheirOutcome) {
+    press(openPage(m_Merchant.payInit("t1", " NOTIFYADDRESS=\"merchant@localhost\"")), "pay");
+    PageReader const page = open("/payment?id=" + onlyPayment());
+    std::vector<std::string> const cells = page.texts(tableRow("notifications", 1));
+    ASSERT_EQ(cells.size(), 6u);
+    EXPECT_EQ(cells[0], "authorised");
+    EXPECT_EQ(cells[1], "merchant@localhost");
+}
+
+TEST_F(Dashboard, ShowsAPaymentAsItIsNow) {
+    openPage(m_Merchant.message("PayInit", " TOKEN=\"t1\" EXPIRATION=\"20231114 23:13:20\""));
+    std::string const target = "/payment?id=" + onlyPayment();
+    EXPECT_EQ(open(target).text("//main/dl/div[1]/dd"), "opened");
+    m_Now += 3601;
+    EXPECT_EQ(open(target).text("//main/dl/div[1]/dd"), "expired");
+}
+
+TEST_F(Dashboard, ShowsForeignBytesOfAPaymentAsText) {
+    openNastyPayment();
+    PageReader const page = open("/payment?id=" + onlyPayment());
+    std::vector<std::string> const values = page.texts("//main/dl//dd");
+    EXPECT_EQ(values.at(1), kNastyShown);
+    EXPECT_EQ(values.at(2), kNastyShown);
+    EXPECT_EQ(values.at(4), kNastyShown);
+    EXPECT_THAT(page.texts("//section[@aria-labelledby='attributes']//td"), Contains(kNastyShown));
+    EXPECT_THAT(open("/").texts(tableRow("payments", 1)), Contains(kNastyShown));
+}
+
+TEST_F(Dashboard, TellsThatThereIsNoSuchPaymentOrExchange) {
+    for (char const* target : {"/payment", "/payment?id=", "/payment?id=%3cb%3e%00", "/exchange",
+                               "/exchange?number=", "/exchange?number=x", "/exchange?number=0", "/exchange?number=99",
+                               "/exchange?number=99999999999999999999", "/exchange?number=1%20"}) {
+        EXPECT_THAT(open(target, 404).text("//main/p[@role='alert']"), StartsWith("There is no ")) << target;
+    }
+}
+
+// --- One exchange
+
+TEST_F(Dashboard, ShowsAnExchange) {
+    std::string const text = m_Merchant.payInit("t1");
+    openPage(text);
+    openPage(m_Merchant.payInit("t2"));
+    PageReader const page = open("/exchange?number=2");
+    EXPECT_EQ(page.text("//h1"), "Exchange 2");
+    std::vector<std::string> const values = page.texts("//main/dl//dd");
+    ASSERT_EQ(values.size(), 7u);
+    EXPECT_THAT(std::vector<std::string>(values.begin(), values.end() - 1),
+                ElementsAre("ok", "none", "page", "/pay", "A-17", "2023-11-14T22:13:20Z"));
+    EXPECT_THAT(page.texts(tableRow("steps", 3)), ElementsAre("DATA is a message", "PayInit", "yes"));
+    EXPECT_THAT(page.texts("//section[@aria-labelledby='steps']//tbody/tr/td[2]"), ::testing::Each("yes"));
+    EXPECT_THAT(page.texts("//section[@aria-labelledby='message']//tbody/tr[3]/*"), ElementsAre("TOKEN", "t1"));
+    EXPECT_EQ(page.text("//section[@aria-labelledby='message']/pre"), text);
+    EXPECT_THAT(page.text("//section[@aria-labelledby='request']/pre"), StartsWith("GET /pay?DATA="));
+    EXPECT_THAT(page.text("//section[@aria-labelledby='request']/pre"), HasSubstr(" HTTP/1.0CR\n"));
+    EXPECT_THAT(page.text("//section[@aria-labelledby='answer']/pre"), StartsWith("HTTP/1.1 200 OKCR\n"));
+    EXPECT_THAT(page.texts("//main/ul/li/a"),
+                ElementsAre("Previous exchange", "Next exchange", HasSubstr("calculator")));
+    EXPECT_THAT(open("/exchange?number=1").texts("//main/ul/li/a/@href"),
+                ElementsAre("/exchange?number=2", HasSubstr("/calculator?")));
+    EXPECT_THAT(open("/exchange?number=3").texts("//main/ul/li/a/@href"),
+                ElementsAre("/exchange?number=2", HasSubstr("/calculator?")));
+}
+
+TEST_F(Dashboard, ShowsWhatWasWrongWithAnExchange) {
+    std::string const text = m_Merchant.payInit("t1");
+    EXPECT_EQ(get("/pay?DATA=" + encode(text) + "&SIGNATURE=" + m_Merchant.sign(text, true) + "00").status, 400);
+    PageReader const page = open("/exchange?number=2");
+    EXPECT_THAT(page.text("//main/dl/div[1]/dd/strong"), HasSubstr("not one of DATA"));
+    EXPECT_THAT(page.texts("//section[@aria-labelledby='steps']//strong"), Contains("no"));
+}
+
+TEST_F(Dashboard, ShowsAnExchangeThatWasNotLookedAt) {
+    m_Service->arm(sandbox::parseFault("reset,exchange=capture"));
+    EXPECT_THROW(get("/capture?DATA=" + encode("<KVX MSGTYPE=\"PayConfirm\"/>")), std::runtime_error);
+    PageReader const page = open("/exchange?number=2");
+    EXPECT_EQ(page.text("//main/dl/div[2]/dd"), "reset,exchange=capture");
+    EXPECT_EQ(page.text("//section[@aria-labelledby='steps']/p"), "The request was not looked at.");
+    EXPECT_THAT(page.texts("//section[@aria-labelledby='message']//tbody/tr/*"), ElementsAre("MSGTYPE", "PayConfirm"));
+}
+
+TEST_F(Dashboard, TellsWhyANotificationHasNoSteps) {
+    m_Service->arm(sandbox::parseFault("drop,exchange=notification"));
+    press(openPage(m_Merchant.payInit("t1", " NOTIFYADDRESS=\"http://127.0.0.1:1/\"")), "pay");
+    std::string number;
+    ASSERT_TRUE(comesTrue([&] {
+        for (sandbox::Exchange const& exchange : m_Service->exchanges()) {
+            if (exchange.kind == sandbox::ExchangeKind::Notification) {
+                number = std::to_string(exchange.number);
+            }
+        }
+        return !number.empty();
+    }));
+    PageReader const page = open("/exchange?number=" + number);
+    EXPECT_THAT(page.text("//section[@aria-labelledby='steps']/p"),
+                StartsWith("A notification has no steps, because this service makes the request itself."));
+    EXPECT_EQ(page.text("//h2[@id='request']"), "The request as it was sent");
+    EXPECT_EQ(page.text("//h2[@id='answer']"), "The merchant's answer");
+}
+
+TEST_F(Dashboard, TellsWhatWasSentOfAnAnswer) {
+    m_Service->arm(sandbox::parseFault("truncate,exchange=status,bytes=9"));
+    exchangeRaw(m_Service->plainPort(),
+                merchantGet("/capture" + m_Merchant.signedQuery(m_Merchant.message("StatusRequest", " TOKEN=\"t1\""))));
+    PageReader const page = open("/exchange?number=2");
+    EXPECT_EQ(page.text("//main/dl/div[8]/dt"), "What was sent");
+    EXPECT_THAT(page.text("//main/dl/div[8]/dd"), StartsWith("9 bytes, then the end, after "));
+}
+
+TEST_F(Dashboard, TellsHowADecisionCameAbout) {
+    press(openPage(m_Merchant.payInit("t1")), "decline");
+    PageReader const page = open("/exchange?number=3");
+    EXPECT_THAT(page.texts(tableRow("steps", 1)),
+                ElementsAre("The form came from the payment page", "payment " + m_Service->payments()[0].id, "yes"));
+    EXPECT_THAT(page.texts(tableRow("steps", 2)), ElementsAre("The shopper decided", "decline", "yes"));
+}
+
+TEST_F(Dashboard, TellsThatARequestWasCutOff) {
+    m_Service.reset();
+    sandbox::Database(m_Directory.path() + "/sandbox.db")
+        .execute(
+            "INSERT INTO begun_exchanges (time, kind, order_id, path, data, request) VALUES "
+            "('2023-11-14T22:13:20Z', 'capture', '', '/capture', '', 'GET /capture HTTP/1.0')");
+    restart();
+    PageReader const page = open("/exchange?number=2");
+    EXPECT_EQ(page.text("//main/dl/div[1]/dd"), "not answered: the sandbox ended before");
+    EXPECT_EQ(page.text("//section[@aria-labelledby='steps']/p"), "No steps are on record, only the verdict.");
+}
+
+TEST_F(Dashboard, ShowsRawBytesOfAnExchange) {
+    exchangeRaw(m_Service->plainPort(), formPost("/pay/decision", std::string("<b>\0\xFF", 5)));
+    PageReader const page = open("/exchange?number=2");
+    EXPECT_THAT(page.text("//section[@aria-labelledby='request']/pre"), EndsWith("<b>\u2400\u00FF"));
+    EXPECT_THAT(page.text("//section[@aria-labelledby='message']/p"), HasSubstr("no DATA"));
+    EXPECT_EQ(page.count("//main/ul/li/a[contains(@href, 'calculator')]"), 0u);
+}
+
+TEST_F(Dashboard, TakesAnExchangeToTheCalculator) {
+    std::string const text = m_Merchant.payInit("t1", " NOTE=\"a+b%20&amp;\xE9\n\"");
+    openPage(text);
+    std::string const target = open("/exchange?number=2").text("//a[contains(@href, 'calculator?')]/@href");
+    PageReader const page = open(target);
+    EXPECT_EQ(page.text("//section[@aria-labelledby='verdict']/p"), "The signature is right.");
+    EXPECT_EQ(page.text("//textarea[@name='SIGNATURE']"), "\n" + m_Merchant.sign(text));
+}
+
+// --- Faults
+
+TEST_F(Dashboard, ArmsAndLiftsFaults) {
+    EXPECT_EQ(open("/faults").text("//section[@aria-labelledby='armed']/p"), "No fault is armed.");
+    RawAnswer const armed = fill("/faults", {{"kind", "error"},
+                                             {"exchange", "setup"},
+                                             {"order", ""},
+                                             {"times", "2"},
+                                             {"seconds", ""},
+                                             {"bytes", ""},
+                                             {"status", ""},
+                                             {"text", "a, <b> + c"},
+                                             {"megabytes", ""}});
+    EXPECT_EQ(armed.status, 303);
+    EXPECT_EQ(armed.headers.at("location"), "/faults");
+    EXPECT_EQ(fill("/faults", {{"kind", "drop"}, {"order", "A 1"}}).status, 303);
+    EXPECT_EQ(reasonOf(askAuto("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>")), "a, <b> + c");
+    PageReader const page = open("/faults");
+    EXPECT_THAT(page.texts(tableRow("armed", 1)),
+                ElementsAre("1", "error,exchange=setup,times=2,text=a, <b> + c", "1 of 2", HasSubstr("Lift fault 1")));
+    EXPECT_EQ(page.text(tableRow("armed", 2) + "[2]"), "drop,order=A 1");
+    EXPECT_EQ(page.text(tableRow("armed", 2) + "//input[@name='id']/@value"), "2");
+    EXPECT_EQ(fill("/faults/lift", {{"id", "1"}}).status, 303);
+    ASSERT_EQ(m_Service->faults().size(), 1u);
+    EXPECT_EQ(m_Service->faults()[0].id, 2);
+    RawAnswer const gone = fill("/faults/lift", {{"id", "1"}});
+    EXPECT_EQ(gone.status, 400);
+    EXPECT_THAT(PageReader(gone.body).text("//section[@aria-labelledby='armed']/p[@role='alert']"),
+                HasSubstr("No fault '1' is armed"));
+    EXPECT_EQ(open("/faults").text("//button[@name='id']/@value"), "all");
+    EXPECT_EQ(fill("/faults/lift", {{"id", "all"}}).status, 303);
+    EXPECT_THAT(m_Service->faults(), IsEmpty());
+    for (char const* id : {"", "x", "1x", "-1", "99999999999999999999"}) {
+        EXPECT_EQ(fill("/faults/lift", {{"id", id}}).status, 400) << id;
+    }
+}
+
+TEST_F(Dashboard, ReadsFormsAsBrowsersWriteThem) {
+    std::string const body = "key=" + formKey() + "&kind=drop&exchange=any&order=A+1%2B2%3D%26&times=always";
+    EXPECT_EQ(ask(formPost("/faults", body)).status, 303);
+    EXPECT_EQ(m_Service->faults().at(0).fault.order, "A 1+2=&");
+    EXPECT_EQ(m_Service->faults().at(0).fault.times, 0);
+}
+
+TEST_F(Dashboard, ReadsAFormOfBlanks) {
+    std::string const start = "key=" + formKey() + "&DATA=%3c";
+    RawAnswer const answer = ask(formPost("/calculator", start + std::string(1024 * 1024 - start.size(), '+')));
+    EXPECT_EQ(answer.status, 200);
+    EXPECT_THAT(answer.body, HasSubstr("The signature is not right."));
+}
+
+TEST_F(Dashboard, OffersEveryKindOfFault) {
+    PageReader const page = open("/faults");
+    std::vector<std::string> const values = page.texts("//select[@name='kind']/option/@value");
+    std::vector<std::string> const rows = page.texts("//section[@aria-labelledby='kinds']//tbody/tr/th");
+    ASSERT_EQ(values.size(), sandbox::allFaultKinds().size());
+    EXPECT_EQ(values, rows);
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        EXPECT_EQ(values[i], sandbox::allFaultKinds()[i].name);
+        EXPECT_THAT(page.texts("//select[@name='kind']/option").at(i), HasSubstr(sandbox::allFaultKinds()[i].meaning));
+    }
+    std::vector<std::string> const exchanges = page.texts("//select[@name='exchange']/option/@value");
+    EXPECT_EQ(exchanges.front(), "any");
+    EXPECT_EQ(exchanges.size(), 13u);  // "other" has no faults
+    EXPECT_THAT(exchanges, Not(Contains("other")));
+    EXPECT_THAT(page.texts("//section[@aria-labelledby='arm']//label/input/@name"),
+                ElementsAre("order", "times", "seconds", "bytes", "status", "text", "megabytes"));
+}
+
+TEST_F(Dashboard, KeepsWhatWasFilledInWhenAFaultIsRefused) {
+    RawAnswer const answer = fill(
+        "/faults",
+        {{"kind", "truncate"}, {"exchange", "capture"}, {"order", "\"<A-1>"}, {"times", "often"}, {"bytes", "4\0030"}});
+    EXPECT_EQ(answer.status, 400);
+    PageReader const page(answer.body);
+    EXPECT_THAT(page.text("//section[@aria-labelledby='arm']/p[@role='alert']"),
+                HasSubstr("times must be a whole number"));
+    EXPECT_EQ(page.text("//select[@name='kind']/option[@selected]/@value"), "truncate");
+    EXPECT_EQ(page.text("//select[@name='exchange']/option[@selected]/@value"), "capture");
+    EXPECT_EQ(page.text("//input[@name='order']/@value"), "\"<A-1>");
+    EXPECT_EQ(page.text("//input[@name='times']/@value"), "often");
+    EXPECT_EQ(page.text("//input[@name='bytes']/@value"), "4\u24030");
+    EXPECT_THAT(m_Service->faults(), IsEmpty());
+}
+
+TEST_F(Dashboard, RefusesImpossibleFaultsWithTheReason) {
+    struct Row {
+        Fields fields;
+        char const* reason;
+    };
+    for (Row const& row : {Row{{}, "there is no fault ''"}, Row{{{"kind", "burn"}}, "there is no fault 'burn'"},
+                           Row{{{"kind", "drop"}, {"exchange", "connection"}}, "only to: setup"},
+                           Row{{{"kind", "drop"}, {"exchange", ""}}, "no exchange ''"},
+                           Row{{{"kind", "drop"}, {"times", "0"}}, "from 1"},
+                           Row{{{"kind", "delay"}, {"seconds", "soon"}}, "must be a number, not 'soon'"},
+                           Row{{{"kind", "delay"}, {"bytes", "1"}}, "delay takes no bytes"}}) {
+        RawAnswer const answer = fill("/faults", row.fields);
+        EXPECT_EQ(answer.status, 400);
+        EXPECT_THAT(PageReader(answer.body).text("//p[@role='alert']"), HasSubstr(row.reason));
+    }
+    RawAnswer const twice = ask(formPost("/faults", "kind=drop&kind=drop&key=" + formKey()));
+    EXPECT_EQ(twice.status, 400);
+    EXPECT_THAT(PageReader(twice.body).text("//p[@role='alert']"), HasSubstr("twice"));
+}
+
+// --- Forms of other sites
+
+TEST_F(Dashboard, RefusesFormsWithoutItsKey) {
+    m_Service->arm(sandbox::parseFault("drop"));
+    std::string const key = formKey();
+    std::string const old = [this, &key] {
+        restart();
+        EXPECT_NE(formKey(), key);
+        return key;
+    }();
+    m_Service->arm(sandbox::parseFault("drop"));
+    for (std::string const path : {"/faults", "/faults/lift", "/keys/rotate", "/keys/clock", "/calculator"}) {
+        for (Fields fields : {Fields{}, {{"key", ""}}, {{"key", old}}, {{"key", formKey() + "0"}}}) {
+            fields.insert({{"kind", "drop"}, {"id", "all"}, {"ahead", "60"}, {"DATA", "a"}});
+            RawAnswer const answer = submit(path, fields);
+            EXPECT_EQ(answer.status, 403) << path;
+            EXPECT_THAT(PageReader(answer.body).text("//p[@role='alert']"), HasSubstr("did not come from a page"));
+        }
+        RawAnswer const foreign =
+            ask("POST " + path + " HTTP/1.1\r\nHost: evil.example\r\nContent-Length: 36\r\n\r\nkey=" + formKey());
+        EXPECT_EQ(foreign.status, 403) << path;
+    }
+    EXPECT_EQ(m_Service->faults().size(), 1u);
+    EXPECT_EQ(m_Service->serverKeyId(), "1-SERVER-1");
+    EXPECT_EQ(open("/keys").text("//section[@aria-labelledby='clock']//dl/div[2]/dd"), "0");
+}
+
+// --- Keys and clock
+
+TEST_F(Dashboard, ShowsAndRotatesKeys) {
+    PageReader const before = open("/keys");
+    EXPECT_THAT(before.texts(tableRow("server", 1)), ElementsAre("1-SERVER-1", "signs", "512", StartsWith("3048")));
+    EXPECT_THAT(before.texts(tableRow("merchants", 1)),
+                ElementsAre(m_Merchant.keyId(), "demo", "2023-11-14T22:13:20Z", "512"));
+    RawAnswer const rotated = fill("/keys/rotate", {});
+    EXPECT_EQ(rotated.status, 303);
+    EXPECT_EQ(rotated.headers.at("location"), "/keys");
+    EXPECT_EQ(m_Service->serverKeyId(), "1-SERVER-2");
+    PageReader const after = open("/keys");
+    EXPECT_THAT(after.texts("//section[@aria-labelledby='server']//tbody/tr/td[1]"), ElementsAre("old", "signs"));
+}
+
+TEST_F(Dashboard, SetsTheClock) {
+    RawAnswer const set = fill("/keys/clock", {{"ahead", "3600"}});
+    EXPECT_EQ(set.status, 303);
+    EXPECT_EQ(set.headers.at("location"), "/keys");
+    PageReader const page = open("/keys");
+    EXPECT_THAT(page.texts("//section[@aria-labelledby='clock']//dd"), ElementsAre("2023-11-14T23:13:20Z", "3600"));
+    EXPECT_EQ(page.text("//input[@name='ahead']/@value"), "3600");
+    EXPECT_EQ(fill("/keys/clock", {{"ahead", "-60"}}).status, 303);
+    for (char const* bad : {"", "soon", "1.5", "315360001", "-315360001", "99999999999999999999"}) {
+        RawAnswer const answer = fill("/keys/clock", {{"ahead", bad}});
+        EXPECT_EQ(answer.status, 400) << bad;
+        PageReader const refused(answer.body);
+        EXPECT_EQ(refused.count("//section[@aria-labelledby='clock']/p[@role='alert']"), 1u) << bad;
+        EXPECT_EQ(refused.text("//input[@name='ahead']/@value"), bad);
+        EXPECT_EQ(refused.text("//section[@aria-labelledby='clock']//dl/div[2]/dd"), "-60") << bad;
+    }
+}
+
+// --- The calculator
+
+TEST_F(Dashboard, CalculatesWhatIsPasted) {
+    std::string const text = m_Merchant.payInit("t1", " NOTE=\"Caf\xE9\"");
+    PageReader const empty = open("/calculator");
+    EXPECT_EQ(empty.count("//section"), 1u);
+    std::string const address = "http://shop.example/ok?cart=1&" + m_Merchant.signedQuery(text).substr(1);
+    for (Fields const& fields : {Fields{{"DATA", text}, {"SIGNATURE", m_Merchant.sign(text)}},
+                                 Fields{{"DATA", encode(text)}, {"SIGNATURE", m_Merchant.sign(text) + "\r\n"}},
+                                 Fields{{"DATA", address}, {"SIGNATURE", ""}}}) {
+        RawAnswer const answer = fill("/calculator", fields);
+        EXPECT_EQ(answer.status, 200);
+        PageReader const page(answer.body);
+        EXPECT_EQ(page.text("//section[@aria-labelledby='verdict']/p"), "The signature is right.");
+        EXPECT_EQ(page.text("//section[@aria-labelledby='comparison']//dl/div[1]/dd"),
+                  m_Merchant.keyId() + " of the merchant demo, 512 bits");
+        EXPECT_EQ(page.text("//section[@aria-labelledby='comparison']//dl/div[2]/dd"),
+                  page.text("//section[@aria-labelledby='comparison']//dl/div[4]/dd"));
+        EXPECT_THAT(page.texts(tableRow("matches", 1)),
+                    ElementsAre(m_Merchant.keyId(), "the merchant demo", "zero-extended", "as it is"));
+        EXPECT_THAT(page.texts("//section[@aria-labelledby='message']//tbody/tr[3]/*"), ElementsAre("TOKEN", "t1"));
+        // What stands in the field afterwards gives the same result again.
+        std::string const kept = page.text("//textarea[@name='DATA']").substr(1);
+        RawAnswer const again =
+            fill("/calculator", {{"DATA", kept}, {"SIGNATURE", page.text("//textarea[@name='SIGNATURE']").substr(1)}});
+        EXPECT_EQ(PageReader(again.body).text("//section[@aria-labelledby='verdict']/p"), "The signature is right.");
+    }
+}
+
+TEST_F(Dashboard, ExplainsWhatDiffers) {
+    std::string const text = m_Merchant.payInit("t1");
+    PageReader const page = open("/calculator?DATA=" + encode(text + "\n") + "&SIGNATURE=" + m_Merchant.sign(text));
+    EXPECT_EQ(page.text("//section[@aria-labelledby='verdict']/p"), "The signature is not right.");
+    EXPECT_THAT(page.texts("//section[@aria-labelledby='verdict']//li"),
+                ElementsAre(HasSubstr("digest"), HasSubstr("once the blanks and line ends behind it are cut")));
+    EXPECT_THAT(page.texts(tableRow("matches", 1)).back(), HasSubstr("behind it are cut"));
+    PageReader const unknown =
+        open("/calculator?DATA=" + encode("<KVX MSGTYPE=\"a\" KEYID=\"<x>\"/>") + "&SIGNATURE=00");
+    EXPECT_THAT(unknown.texts("//section[@aria-labelledby='verdict']//li"),
+                Contains(HasSubstr("KEYID '<x>' names neither")));
+    PageReader const half = open("/calculator?SIGNATURE=00");
+    EXPECT_THAT(half.texts("//section[@aria-labelledby='verdict']//li"), ElementsAre("There is no DATA."));
+    EXPECT_EQ(half.count("//section[@aria-labelledby='message']"), 0u);
+}
+
+/// The page of the calculator for what was signed, under what was sent in its place.
+class DashboardCalculator : public Dashboard {
+protected:
+    [[nodiscard]] PageReader calculate(std::string const& sent, std::string const& signature) const {
+        return open("/calculator?DATA=" + encode(sent) + "&SIGNATURE=" + signature);
+    }
+
+    /// `text` with the amount of the order raised.
+    [[nodiscard]] static std::string raised(std::string text) { return text.replace(text.find("12.50"), 5, "92.50"); }
+
+    static void expectRaised(PageReader const& page, std::string const& original) {
+        EXPECT_EQ(page.text("//section[@aria-labelledby='original']/pre"),
+                  sandbox::replaceAll(original, "\xE9", "\u00E9"));
+        EXPECT_THAT(page.texts("//section[@aria-labelledby='original']/div//tbody/tr/*"),
+                    ElementsAre("AMOUNT", "12.50", "92.50"));
+        EXPECT_THAT(page.texts("//section[@aria-labelledby='verdict']//li"),
+                    Contains("DATA differs from it in: AMOUNT."));
+    }
+};
+
+TEST_F(DashboardCalculator, ShowsWhatWasSignedInAPayInit) {
+    std::string const text = m_Merchant.payInit("t1", " NOTE=\"Caf\xE9\"");
+    PageReader const unseen = calculate(raised(text), m_Merchant.sign(text));
+    EXPECT_EQ(unseen.count("//section[@aria-labelledby='original']"), 0u);
+    openPage(text);
+    openPage(m_Merchant.payInit("t2"));
+    PageReader const page = calculate(raised(text), m_Merchant.sign(text));
+    EXPECT_EQ(page.text("//section[@aria-labelledby='original']/p/a"),
+              "the PayInit of the payment " + m_Service->payments().at(0).id);
+    EXPECT_EQ(page.text("//section[@aria-labelledby='original']/p/a/@href"),
+              "/payment?id=" + m_Service->payments().at(0).id);
+    expectRaised(page, text);
+    PageReader const missing =
+        calculate("<KVX MSGTYPE=\"PayInit\" KEYID=\"" + m_Merchant.keyId() + "\"/>", m_Merchant.sign(text));
+    EXPECT_THAT(missing.texts("//section[@aria-labelledby='original']/div//td[2]"), ::testing::Each("not there"));
+}
+
+TEST_F(DashboardCalculator, ShowsWhatWasSignedInAConfirmation) {
+    for (char const* fault : {"", "wrong-type,exchange=decision", "stale-key,exchange=decision"}) {
+        if (*fault != '\0') {
+            m_Service->rotateServerKey();
+            m_Service->arm(sandbox::parseFault(fault));
+        }
+        // A merchant without links sees it on a page only.
+        std::string const token = std::string("t") + fault;
+        PageReader const outcome(press(openPage(m_Merchant.message("PayInit", " TOKEN=\"" + token +
+                                                                                  "\" EXPIRATION=\"20991231 23:59:59\" "
+                                                                                  "AMOUNT=\"12.50\" ORDERID=\"\xE9\"")),
+                                       "decline")
+                                     .body);
+        std::string const query = "?" + outcome.text("//section[@aria-labelledby='query']/pre");
+        std::string const confirm = decode(queryValue(query, "DATA"));
+        PageReader const page = calculate(raised(confirm), queryValue(query, "SIGNATURE"));
+        expectRaised(page, confirm);
+        EXPECT_THAT(page.text("//section[@aria-labelledby='original']/p/a"), StartsWith("a confirmation of ")) << fault;
+    }
+}
+
+TEST_F(DashboardCalculator, ShowsWhatWasSignedInAnyExchange) {
+    std::string const text = m_Merchant.message("PayConfirm", " TOKEN=\"t1\" AMOUNT=\"12.50\" NOTE=\"\xE9\"");
+    EXPECT_EQ(attributeOf(askCapture(text), "MSGTYPE"), "Error");
+    PageReader const page = calculate(raised(text), m_Merchant.sign(text));
+    expectRaised(page, text);
+    EXPECT_EQ(page.text("//section[@aria-labelledby='original']/p/a"), "the DATA of the exchange 2");
+    EXPECT_EQ(page.text("//section[@aria-labelledby='original']/p/a/@href"), "/exchange?number=2");
+}
+
+TEST_F(DashboardCalculator, PassesOverWhatIsVeryLong) {
+    std::string const text =
+        m_Merchant.message("PayConfirm", " AMOUNT=\"12.50\" NOTE=\"" + std::string(16 * 1024, 'x') + "\"");
+    askCapture(text);
+    PageReader const page = calculate(raised(text), m_Merchant.sign(text));
+    EXPECT_EQ(page.count("//section[@aria-labelledby='original']"), 0u);
+}
+
+TEST_F(Dashboard, TellsWhatKindOfKeyIsNamed) {
+    EXPECT_EQ(fill("/keys/rotate", {}).status, 303);
+    auto const named = [this](std::string const& keyId) {
+        std::string const text = "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"" + keyId + "\"/>";
+        return open("/calculator?DATA=" + encode(text)).text("//section[@aria-labelledby='comparison']//dl/div[1]/dd");
+    };
+    EXPECT_EQ(named("1-SERVER-1"), "1-SERVER-1 of this service, old, 512 bits");
+    EXPECT_EQ(named("1-SERVER-2"), "1-SERVER-2 of this service, signs now, 512 bits");
+    EXPECT_EQ(named("x"), "x, which nobody has");
+    EXPECT_EQ(named(""), "none can be read");
+}
+
+TEST_F(Dashboard, KeepsWhatWasPastedWhenItCannotBeRead) {
+    RawAnswer const answer = fill("/calculator", {{"DATA", "%zz<\xE9"}, {"SIGNATURE", "\"00"}});
+    EXPECT_EQ(answer.status, 400);
+    PageReader const page(answer.body);
+    EXPECT_THAT(page.text("//p[@role='alert']"), HasSubstr("percent-encoding"));
+    EXPECT_EQ(page.text("//textarea[@name='DATA']"), "\n%zz<\u00E9");
+    EXPECT_EQ(page.text("//textarea[@name='SIGNATURE']"), "\n\"00");
+}
+
+TEST_F(Dashboard, CalculatesLongMessages) {
+    std::string const text = m_Merchant.payInit("t1", " NOTE=\"" + std::string(300000, 'x') + "\"");
+    RawAnswer const answer = fill("/calculator", {{"DATA", text}, {"SIGNATURE", m_Merchant.sign(text)}});
+    EXPECT_EQ(PageReader(answer.body).text("//section[@aria-labelledby='verdict']/p"), "The signature is right.");
+    EXPECT_EQ(fill("/calculator", {{"DATA", std::string(1024 * 1024, 'x')}}).status, 413);
+}
+
+TEST_F(Dashboard, TakesNoFormsInParts) {
+    std::string const body =
+        "--x\r\nContent-Disposition: form-data; name=\"key\"\r\n\r\n" + formKey() + "\r\n--x--\r\n";
+    RawAnswer const answer =
+        ask("POST /keys/rotate HTTP/1.1\r\nContent-Type: multipart/form-data; boundary=x\r\n"
+            "Content-Length: " +
+            std::to_string(body.size()) + "\r\n\r\n" + body);
+    EXPECT_EQ(answer.status, 415);
+    EXPECT_EQ(m_Service->serverKeyId(), "1-SERVER-1");
+}
+
+}  // namespace

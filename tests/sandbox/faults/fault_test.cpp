@@ -1,0 +1,581 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include "sandbox/faults/fault.h"
+#include "sandbox/service/site.h"
+#include "sandbox/text/refusal.h"
+#include "tests/sandbox/support/sandboxfixture.h"
+
+/// Faults: as texts, and as what a client gets when they happen.
+namespace {
+
+using namespace sandboxtest;
+using sandbox::ExchangeKind;
+using sandbox::Fault;
+using sandbox::FaultKind;
+using sandbox::FaultKindRow;
+using sandbox::parseFault;
+using sandbox::Refusal;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+/// The reason why `text` is no fault; empty when it is one.
+std::string refusalOf(std::string const& text) {
+    try {
+        parseFault(text);
+        return "";
+    } catch (Refusal const& refusal) {
+        return refusal.what();
+    }
+}
+
+TEST(FaultKinds, HaveNamesMeaningsAndExchanges) {
+    std::set<std::string> names;
+    for (FaultKindRow const& row : sandbox::allFaultKinds()) {
+        EXPECT_TRUE(names.insert(row.name).second) << row.name;
+        EXPECT_EQ(sandbox::faultFromName(row.name), row.kind);
+        EXPECT_EQ(&sandbox::faultRow(row.kind), &row);
+        EXPECT_STRNE(row.meaning, "") << row.name;
+        EXPECT_NE(row.exchanges, 0u) << row.name;
+    }
+    for (char const* const other : {"", "drop ", "Drop", "refused"}) {
+        EXPECT_EQ(sandbox::faultFromName(other), std::nullopt) << other;
+    }
+}
+
+TEST(FaultKinds, HappenToTheirExchangesAlone) {
+    for (FaultKindRow const& row : sandbox::allFaultKinds()) {
+        EXPECT_EQ(refusalOf(row.name), "");
+        for (ExchangeKind const exchange : sandbox::allExchangeKinds()) {
+            bool const canHappen = (row.exchanges & static_cast<unsigned>(exchange)) != 0;
+            std::string const text = std::string(row.name) + ",exchange=" + sandbox::exchangeName(exchange);
+            EXPECT_EQ(refusalOf(text).empty(), canHappen) << text;
+        }
+    }
+}
+
+TEST(FaultKinds, TakeTheirParametersAlone) {
+    struct {
+        unsigned parameter;
+        char const* text;
+    } const parameters[] = {
+        {sandbox::kTakesSeconds, ",seconds=1"},     {sandbox::kTakesBytes, ",bytes=1"},
+        {sandbox::kTakesStatus, ",status=404"},     {sandbox::kTakesText, ",text=out of order"},
+        {sandbox::kTakesMegabytes, ",megabytes=1"},
+    };
+    for (FaultKindRow const& row : sandbox::allFaultKinds()) {
+        for (auto const& parameter : parameters) {
+            std::string const text = std::string(row.name) + parameter.text;
+            EXPECT_EQ(refusalOf(text).empty(), (row.parameters & parameter.parameter) != 0) << text;
+        }
+    }
+}
+
+TEST(FaultText, IsReadAndWrittenAlike) {
+    for (char const* const text : {
+             "drop",
+             "truncate,exchange=capture,order=A-1,bytes=40",
+             "truncate,bytes=0",
+             "delay,times=3,seconds=0.25",
+             "delay,times=always",
+             "stall-inside,exchange=page,seconds=3600,bytes=9223372036854775807",
+             "http-status,exchange=status,status=100,text=",
+             "http-status,status=999,text=two = words",
+             "error,order=a b=c,text=<&>\"'",
+             "error,times=2,text=not today, or tomorrow,times=3",
+             "huge,exchange=proxy,megabytes=4096",
+             "refuse,seconds=1.5",
+             "refuse,exchange=proxy",
+             "wrong-key,exchange=keyquery",
+         }) {
+        EXPECT_EQ(refusalOf(text), "");
+        EXPECT_EQ(sandbox::faultText(parseFault(text)), text);
+    }
+}
+
+TEST(FaultText, HasOtherSpellings) {
+    struct {
+        char const* text;
+        char const* written;
+    } const cases[] = {
+        {"drop,times=1", "drop"},
+        {"drop,exchange=any", "drop"},
+        {"drop,order=", "drop"},
+        {"delay,seconds=1e1", "delay,seconds=10"},
+        {"truncate,bytes=007", "truncate,bytes=7"},
+        {"drop,times=2,exchange=page", "drop,exchange=page,times=2"},
+        {"drop,times=2,times=3", "drop,times=3"},  // the last one counts
+    };
+    for (auto const& row : cases) {
+        EXPECT_EQ(sandbox::faultText(parseFault(row.text)), row.written) << row.text;
+    }
+}
+
+TEST(FaultText, IsRefusedWithAReason) {
+    struct {
+        char const* text;
+        char const* reason;
+    } const cases[] = {
+        {"", "there is no fault ''"},
+        {"explode", "there is no fault 'explode'"},
+        {" drop", "there is no fault ' drop'"},
+        {"drop,", "have the form name=value, not ''"},
+        {"drop,,times=2", "have the form name=value, not ''"},
+        {"drop,times", "have the form name=value, not 'times'"},
+        {"drop,colour=red", "a fault has no 'colour'"},
+        {"drop,Times=2", "a fault has no 'Times'"},
+        {"drop,exchange=", "there is no exchange ''"},
+        {"drop,exchange=captures", "there is no exchange 'captures'"},
+        {"wrong-signature,exchange=capture", "only to: decision, notification"},
+        {"error,exchange=page", "error cannot happen to the exchange 'page'"},
+        {"tls-expired,exchange=capture", "only to: connection"},
+        {"drop,times=0", "a fault's times must be"},
+        {"drop,times=-1", "a fault's times must be"},
+        {"drop,times=two", "a fault's times must be a whole number, not 'two'"},
+        {"drop,times=1.5", "a fault's times must be a whole number"},
+        {"drop,times=", "a fault's times must be a whole number, not ''"},
+        {"drop,times=99999999999999999999", "a fault's times must be a whole number"},
+        {"delay,seconds=", "a fault's seconds must be a number, not ''"},
+        {"delay,seconds=-1", "a fault's seconds must be between"},
+        {"delay,seconds=3600.5", "a fault's seconds must be between"},
+        {"delay,seconds=nan", "a fault's seconds must be a number"},
+        {"delay,seconds=inf", "a fault's seconds must be a number"},
+        {"delay,seconds=1s", "a fault's seconds must be a number"},
+        {"truncate,bytes=-1", "a fault's bytes must be 0 or more"},
+        {"truncate,bytes=+1", "a fault's bytes must be a whole number"},
+        {"truncate,bytes=0x10", "a fault's bytes must be a whole number"},
+        {"http-status,status=99", "a fault's status must be between 100 and 999"},
+        {"http-status,status=1000", "a fault's status must be between 100 and 999"},
+        {"http-status,status=4294967696", "a fault's status must be between 100 and 999"},
+        {"huge,megabytes=0", "a fault's megabytes must be between"},
+        {"huge,megabytes=4097", "a fault's megabytes must be between"},
+        {"drop,seconds=1", "drop takes no seconds"},
+        {"refuse,order=A-1", "cannot be for one order"},
+        {"tls-abort,order=A-1", "cannot be for one order"},
+        {"refuse,times=2", "refused connections cannot be counted"},
+        {"drop,exchange=setup,order=A-1", "the exchange 'setup' is about no order"},
+        {"reset,exchange=proxy,order=A-1", "the exchange 'proxy' is about no order"},
+    };
+    for (auto const& row : cases) {
+        EXPECT_THAT(refusalOf(row.text), HasSubstr(row.reason)) << row.text;
+    }
+}
+
+TEST(Fault, IsCheckedAsARecordToo) {
+    double const notNumbers[] = {std::numeric_limits<double>::quiet_NaN(), std::numeric_limits<double>::infinity(),
+                                 -0.1};
+    for (double const seconds : notNumbers) {
+        Fault fault;
+        fault.kind = FaultKind::Delay;
+        fault.seconds = seconds;
+        EXPECT_THROW(sandbox::checkFault(fault), Refusal) << seconds;
+    }
+    Fault backwards;
+    backwards.times = -1;
+    EXPECT_THROW(sandbox::checkFault(backwards), Refusal);
+}
+
+TEST(Fault, HasValuesForWhatIsNotGiven) {
+    EXPECT_EQ(sandbox::secondsOf(parseFault("delay")), 5);
+    EXPECT_EQ(sandbox::secondsOf(parseFault("stall-before")), 60);
+    EXPECT_EQ(sandbox::secondsOf(parseFault("stall-inside,seconds=0.5")), 0.5);
+    EXPECT_EQ(sandbox::statusOf(parseFault("http-status")), 503);
+    EXPECT_EQ(sandbox::statusOf(parseFault("http-status,status=404")), 404);
+    EXPECT_EQ(sandbox::textOf(parseFault("error,text=")), "");
+    EXPECT_NE(sandbox::textOf(parseFault("error")), "");
+    EXPECT_EQ(sandbox::megabytesOf(parseFault("huge")), 1024);
+    EXPECT_EQ(sandbox::megabytesOf(parseFault("huge,megabytes=2")), 2);
+}
+
+/// Bytes, and how they ended.
+struct Received {
+    std::string bytes;
+    int error = 0;  ///< 0 for an orderly end.
+};
+
+Received receive(RawConnection const& connection) {
+    Received received;
+    char piece[16384];
+    ssize_t count = 0;
+    while ((count = ::recv(connection.get(), piece, sizeof piece, 0)) > 0) {
+        received.bytes.append(piece, static_cast<std::size_t>(count));
+    }
+    received.error = count < 0 ? errno : 0;
+    return received;
+}
+
+/// A service whose answer to one and the same request is known.
+class FaultOnTheWire : public SandboxTest {
+protected:
+    FaultOnTheWire() : m_Whole(ask("").bytes) {
+        EXPECT_THAT(m_Whole, HasSubstr("KeyQueryResponse"));
+        m_Head = m_Whole.find("\r\n\r\n") + 4;
+    }
+
+    [[nodiscard]] std::string request() const {
+        std::string const text = "<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"" + m_Service->serverKeyId() + "\"/>";
+        return merchantGet("/auto?DATA=" + encode(text), "demo", "demo");
+    }
+
+    /// What comes back while the fault of that text happens; without one for "".
+    [[nodiscard]] Received ask(std::string const& fault) const {
+        if (!fault.empty()) {
+            m_Service->arm(parseFault(fault));
+        }
+        RawConnection const connection(m_Service->plainPort());
+        connection.send(request());
+        return receive(connection);
+    }
+
+    /// The same with an orderly end.
+    [[nodiscard]] std::string bytes(std::string const& fault) const {
+        Received const received = ask(fault);
+        EXPECT_EQ(received.error, 0) << fault;
+        EXPECT_TRUE(m_Service->faults().empty()) << fault;
+        return received.bytes;
+    }
+
+    /// Waits until the fault that is armed has begun to happen.
+    void awaitFault() const {
+        auto const begin = std::chrono::steady_clock::now();
+        while (!m_Service->faults().empty()) {
+            ASSERT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30));
+            std::this_thread::yield();
+        }
+    }
+
+    std::string m_Whole;
+    std::size_t m_Head = 0;  ///< Bytes of the head, its empty line included.
+};
+
+TEST_F(FaultOnTheWire, HttpStatusIsAStatusAndAText) {
+    RawAnswer const plain = parseAnswer(bytes("http-status"));
+    EXPECT_EQ(plain.status, 503);
+    EXPECT_EQ(plain.body, "the sandbox was told to turn this request down\n");
+    RawAnswer const given = parseAnswer(bytes("http-status,status=418,text=a = b"));
+    EXPECT_EQ(given.status, 418);
+    EXPECT_EQ(given.body, "a = b\n");
+    EXPECT_EQ(lastVerdict(), "not looked at");
+}
+
+TEST_F(FaultOnTheWire, ErrorIsAMessage) {
+    EXPECT_EQ(reasonOf(parseAnswer(bytes("error")).body), "the sandbox was told to turn this request down");
+    EXPECT_EQ(reasonOf(parseAnswer(bytes("error,text=<&>\"'")).body), "<&>\"'");
+    EXPECT_EQ(lastVerdict(), "not looked at");
+}
+
+TEST_F(FaultOnTheWire, ResetIsSeenByTheOtherSide) {
+    Received const received = ask("reset");
+    EXPECT_EQ(received.bytes, "");
+    EXPECT_EQ(received.error, ECONNRESET);
+    EXPECT_EQ(lastVerdict(), "not looked at");
+}
+
+TEST_F(FaultOnTheWire, DropIsAnOrderlyEndOfACarriedOutRequest) {
+    EXPECT_EQ(bytes("drop"), "");
+    EXPECT_EQ(lastVerdict(), "ok");
+    EXPECT_EQ(m_Service->exchanges().back().answer, m_Whole) << "as it would have been";
+    EXPECT_EQ(m_Service->exchanges().back().fault, "drop");
+}
+
+TEST_F(FaultOnTheWire, DelayLastsAsLongAsItIsTold) {
+    auto const begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(bytes("delay,seconds=0.2"), m_Whole);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(200));
+}
+
+TEST_F(FaultOnTheWire, StallEndsInOrder) {
+    auto const begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(bytes("stall-before,seconds=0.2"), "");
+    EXPECT_EQ(bytes("stall-inside,seconds=0.2,bytes=30"), m_Whole.substr(0, 30));
+    EXPECT_EQ(bytes("stall-inside,seconds=0"), m_Whole.substr(0, m_Head + (m_Whole.size() - m_Head) / 2));
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(400));
+}
+
+TEST_F(FaultOnTheWire, StallEndsEarlyWhenTheServiceStops) {
+    for (char const* const fault : {"stall-before,seconds=60", "stall-inside,seconds=60", "delay,seconds=60"}) {
+        m_Service->arm(parseFault(fault));
+        RawConnection const connection(m_Service->plainPort());
+        connection.send(request());
+        awaitFault();
+        auto const begin = std::chrono::steady_clock::now();
+        m_Service->stop();
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30)) << fault;
+        EXPECT_EQ(receive(connection).error, 0) << fault;
+        restart();
+    }
+}
+
+TEST_F(FaultOnTheWire, BytewiseIsTheSameAnswer) {
+    EXPECT_EQ(bytes("bytewise,seconds=0"), m_Whole);
+}
+
+TEST_F(FaultOnTheWire, BytewiseLeavesTimeBetweenTwoBytes) {
+    auto const begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(bytes("bytewise"), m_Whole);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(m_Whole.size()));
+    m_Service->arm(parseFault("bytewise,seconds=60"));
+    RawConnection const connection(m_Service->plainPort());
+    connection.send(request());
+    char piece[16];
+    EXPECT_EQ(::recv(connection.get(), piece, sizeof piece, 0), 1);
+}
+
+TEST_F(FaultOnTheWire, IsOnRecordWithWhatTheClientGot) {
+    struct {
+        char const* fault;
+        std::string delivery;
+    } const cases[] = {
+        {"", ""},
+        {"drop", "0 bytes, then the end, after "},
+        {"reset", "0 bytes, then a reset, after "},
+        {"truncate,bytes=9", "9 bytes, then the end, after "},
+        {"nul-bytes", std::to_string(m_Whole.size() + 1) + " bytes, then the end, after "},
+        {"twice", std::to_string(2 * m_Whole.size()) + " bytes, then the end, after "},
+        {"delay,seconds=0.05", std::to_string(m_Whole.size()) + " bytes, then the end, after "},
+    };
+    for (auto const& row : cases) {
+        EXPECT_LE(ask(row.fault).bytes.size(), 2 * m_Whole.size());
+        EXPECT_TRUE(comesTrue([&] { return m_Service->exchanges().back().delivery.empty() == row.delivery.empty(); }));
+        EXPECT_THAT(m_Service->exchanges().back().delivery, StartsWith(row.delivery)) << row.fault;
+    }
+    std::string const late = m_Service->exchanges().back().delivery;
+    EXPECT_GE(std::stod(late.substr(late.find("after ") + 6)), 50) << late;
+}
+
+TEST_F(FaultOnTheWire, TruncateCutsAnywhere) {
+    for (std::size_t const length : {std::size_t{0}, std::size_t{1}, std::size_t{9}, m_Head - 1, m_Head, m_Head + 1,
+                                     m_Whole.size() - 1, m_Whole.size(), m_Whole.size() + 1, std::size_t{1} << 62U}) {
+        EXPECT_EQ(bytes("truncate,bytes=" + std::to_string(length)), m_Whole.substr(0, length)) << length;
+    }
+    EXPECT_EQ(bytes("truncate"), m_Whole.substr(0, m_Head + (m_Whole.size() - m_Head) / 2));
+}
+
+TEST_F(FaultOnTheWire, NoBlankLineLeavesTheRestAlone) {
+    EXPECT_EQ(bytes("no-blank-line"), m_Whole.substr(0, m_Head - 2) + m_Whole.substr(m_Head));
+}
+
+TEST_F(FaultOnTheWire, NulBytesStandWhereTheyAreTold) {
+    std::string const zero(1, '\0');
+    for (std::size_t const at : {std::size_t{0}, std::size_t{9}, m_Head, m_Whole.size()}) {
+        EXPECT_EQ(bytes("nul-bytes,bytes=" + std::to_string(at)), m_Whole.substr(0, at) + zero + m_Whole.substr(at))
+            << at;
+    }
+    EXPECT_EQ(bytes("nul-bytes,bytes=" + std::to_string(m_Whole.size() + 5)), m_Whole + zero);
+    std::size_t const middle = m_Head + (m_Whole.size() - m_Head) / 2;
+    EXPECT_EQ(bytes("nul-bytes"), m_Whole.substr(0, middle) + zero + m_Whole.substr(middle));
+}
+
+TEST_F(FaultOnTheWire, TwiceIsTheWholeAnswerAgain) {
+    EXPECT_EQ(bytes("twice"), m_Whole + m_Whole);
+}
+
+TEST_F(FaultOnTheWire, HugeAgreesWithItsOwnLength) {
+    constexpr std::size_t kSize = std::size_t{2} << 20U;
+    RawAnswer const answer = parseAnswer(bytes("huge,megabytes=2"));
+    EXPECT_EQ(answer.headers.at("content-length"), std::to_string(kSize));
+    std::string const body = m_Whole.substr(m_Head);
+    EXPECT_TRUE(answer.body == body + std::string(kSize - body.size(), ' '));
+}
+
+TEST_F(FaultOnTheWire, WrongTypeLeavesTheRestOfTheMessage) {
+    RawAnswer const answer = parseAnswer(bytes("wrong-type"));
+    EXPECT_EQ(attributeOf(answer.body, "MSGTYPE"), sandbox::kUnexpectedType);
+    for (char const* const name : {"KEYID", "KEYBLOB"}) {
+        EXPECT_EQ(attributeOf(answer.body, name), attributeOf(m_Whole, name));
+    }
+}
+
+TEST_F(FaultOnTheWire, WrongAndStaleKeysAreAnswered) {
+    RawAnswer const wrong = parseAnswer(bytes("wrong-key"));
+    EXPECT_EQ(attributeOf(wrong.body, "KEYID"), m_Service->serverKeyId());
+    EXPECT_NE(attributeOf(wrong.body, "KEYBLOB"), attributeOf(m_Whole, "KEYBLOB"));
+    RawAnswer const unknown = parseAnswer(bytes("stale-key"));
+    EXPECT_EQ(attributeOf(unknown.body, "KEYID"), "1-SERVER-0") << "before the first";
+    std::string const first = m_Service->serverKeyId();
+    m_Service->rotateServerKey();
+    RawAnswer const stale = parseAnswer(bytes("stale-key"));
+    EXPECT_EQ(attributeOf(stale.body, "KEYID"), first);
+    EXPECT_EQ(attributeOf(stale.body, "KEYBLOB"), attributeOf(m_Whole, "KEYBLOB"));
+    m_Service->arm(parseFault("stale-key,exchange=setup"));
+    EXPECT_EQ(attributeOf(askAuto("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>"), "VTKEYID"), first);
+}
+
+TEST_F(FaultOnTheWire, HappensToItsExchangeAndOrderAlone) {
+    m_Service->arm(parseFault("drop,exchange=capture"));
+    m_Service->arm(parseFault("drop,order=B-2"));
+    EXPECT_EQ(ask("").bytes, m_Whole);
+    std::string const confirm = authorise("t1");
+    EXPECT_EQ(m_Service->faults().size(), 2u);
+    RawConnection const connection(m_Service->plainPort());
+    connection.send(merchantGet("/capture" + m_Merchant.signedQuery(confirm)));
+    EXPECT_EQ(receive(connection).bytes, "");
+    EXPECT_EQ(m_Service->payments().at(0).state, sandbox::PaymentState::Captured);
+    EXPECT_EQ(attributeOf(askCapture(confirm), "RESULT"), "captured");
+    EXPECT_EQ(m_Service->faults().size(), 1u);
+}
+
+TEST_F(FaultOnTheWire, HappensToAnOrderOfTheAccountThatAsks) {
+    // Both accounts have a payment with this token.
+    m_Service->arm(parseFault("error,exchange=status,order=B-1"));
+    parseAnswer(exchangeRaw(m_Service->controlPort(), jsonPost("/control/accounts", R"({"user":"b","password":"p"})")));
+    TestMerchant const other("0-1002-other");
+    askAuto("<KVX MSGTYPE=\"KeyExportRequest\" KEYID=\"0-1002-other\" KEYBLOB=\"" + other.blob() + "\"/>", "b", "p");
+    auto const ask = [this](TestMerchant const& merchant) {
+        return attributeOf(
+            get("/capture" + merchant.signedQuery(merchant.message("StatusRequest", " TOKEN=\"t1\""))).body, "MSGTYPE");
+    };
+    openPage(m_Merchant.payInit("t1"));
+    std::string const payInit =
+        other.message("PayInit", " TOKEN=\"t1\" ORDERID=\"B-1\" EXPIRATION=\"20991231 23:59:59\"");
+    EXPECT_EQ(get("/pay" + other.signedQuery(payInit)).status, 200);
+    EXPECT_EQ(ask(m_Merchant), "StatusResponse");
+    EXPECT_EQ(ask(other), "Error");
+    EXPECT_EQ(ask(other), "StatusResponse");
+}
+
+TEST_F(FaultOnTheWire, LeavesTheControlPortAlone) {
+    m_Service->arm(parseFault("drop,exchange=setup"));
+    std::string const request =
+        merchantGet("/auto?DATA=" + encode("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>"), "demo", "demo");
+    EXPECT_EQ(parseAnswer(exchangeRaw(m_Service->controlPort(), request)).status, 200);
+    EXPECT_EQ(m_Service->faults().size(), 1u);
+    RawConnection const connection(m_Service->plainPort());
+    connection.send(request);
+    EXPECT_EQ(receive(connection).bytes, "");
+}
+
+TEST_F(FaultOnTheWire, LeavesTheControlPortAloneWhenConnectionsAreRefused) {
+    m_Service->arm(parseFault("refuse"));
+    EXPECT_THROW(RawConnection(m_Service->plainPort()), std::runtime_error);
+    EXPECT_EQ(parseAnswer(exchangeRaw(m_Service->controlPort(), merchantGet("/"))).status, 200);
+    m_Service->liftFaults();
+    EXPECT_EQ(ask("").bytes, m_Whole);
+}
+
+/// How the confirmation that the shopper brings back verifies under the server's keys.
+class FaultyConfirmation : public SandboxTest {
+protected:
+    struct Confirmation {
+        std::string text;
+        std::string signature;
+    };
+
+    [[nodiscard]] Confirmation confirm(std::string const& fault, std::string const& token) {
+        RawAnswer const page = openPage(m_Merchant.payInit(token));
+        m_Service->arm(parseFault(fault));
+        RawAnswer const back = press(page, "pay");
+        EXPECT_EQ(back.status, 302) << back.body;
+        EXPECT_EQ(m_Service->payments().back().state, sandbox::PaymentState::Authorised);
+        std::string const location = back.headers.at("location");
+        return {decode(queryValue(location, "DATA")), queryValue(location, "SIGNATURE")};
+    }
+
+    [[nodiscard]] bool isSigned(Confirmation const& confirmation, std::string const& keyId) const {
+        std::string const blob =
+            attributeOf(askAuto("<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"" + keyId + "\"/>"), "KEYBLOB");
+        return verifies(blob, confirmation.text, confirmation.signature);
+    }
+};
+
+TEST_F(FaultyConfirmation, IsWrongInOneWayOnly) {
+    std::string const first = m_Service->serverKeyId();
+    std::string const now = m_Service->rotateServerKey();
+    Confirmation const type = confirm("wrong-type,exchange=decision", "t1");
+    EXPECT_EQ(attributeOf(type.text, "MSGTYPE"), sandbox::kUnexpectedType);
+    EXPECT_TRUE(isSigned(type, now));
+
+    Confirmation const signature = confirm("wrong-signature,exchange=decision", "t2");
+    EXPECT_EQ(attributeOf(signature.text, "MSGTYPE"), "PayConfirm");
+    EXPECT_EQ(attributeOf(signature.text, "KEYID"), now);
+    EXPECT_FALSE(isSigned(signature, now));
+    std::string const digits = "0123456789abcdef";
+    Confirmation mended = signature;
+    mended.signature.back() = digits[digits.find(signature.signature.back()) ^ 1U];
+    EXPECT_TRUE(isSigned(mended, now)) << "one bit";
+
+    Confirmation const key = confirm("wrong-key,exchange=decision", "t3");
+    EXPECT_EQ(attributeOf(key.text, "KEYID"), now);
+    EXPECT_FALSE(isSigned(key, now));
+    EXPECT_FALSE(isSigned(key, first));
+
+    Confirmation const stale = confirm("stale-key,exchange=decision", "t4");
+    EXPECT_EQ(attributeOf(stale.text, "KEYID"), first);
+    EXPECT_TRUE(isSigned(stale, first));
+}
+
+/// What a client that looks at certificates thinks of the service.
+class FaultyHandshake : public SandboxTest {
+protected:
+    void SetUp() override {
+        sandbox::Options tls = options();
+        tls.tls = true;
+        restart(tls);
+    }
+
+    /// The result of verifying the certificate; -1 when the handshake does not get there.
+    [[nodiscard]] long verifyResult(std::string const& fault) const {
+        if (!fault.empty()) {
+            m_Service->arm(parseFault(fault));
+        }
+        RawConnection const connection(m_Service->tlsPort());
+        sandbox::TlsContextHolder const context(SSL_CTX_new(TLS_client_method()));
+        SSL_CTX_load_verify_locations(context.get(), m_Service->authorityFile().c_str(), nullptr);
+        sandbox::TlsHolder const tls(SSL_new(context.get()));
+        X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(tls.get()), "127.0.0.1");
+        SSL_set_fd(tls.get(), connection.get());
+        return SSL_connect(tls.get()) == 1 ? SSL_get_verify_result(tls.get()) : -1;
+    }
+};
+
+TEST_F(FaultyHandshake, IsWrongInOneWayOnly) {
+    EXPECT_EQ(verifyResult(""), X509_V_OK);
+    EXPECT_EQ(verifyResult("tls-expired"), X509_V_ERR_CERT_HAS_EXPIRED);
+    EXPECT_EQ(verifyResult("tls-wrong-host"), X509_V_ERR_IP_ADDRESS_MISMATCH);
+    EXPECT_NE(verifyResult("tls-unknown-authority"), X509_V_OK);
+    EXPECT_EQ(verifyResult("tls-abort"), -1);
+    EXPECT_TRUE(m_Service->faults().empty());
+    EXPECT_EQ(verifyResult(""), X509_V_OK);
+}
+
+TEST_F(FaultyHandshake, IsNoConcernOfPlainConnections) {
+    m_Service->arm(parseFault("tls-abort"));
+    EXPECT_EQ(get("/").status, 200);
+    EXPECT_EQ(verifyResult(""), -1);
+}
+
+TEST_F(FaultyHandshake, IsSoundWhenTheAnswerIsWrong) {
+    std::string const text = "<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"" + m_Service->serverKeyId() + "\"/>";
+    std::string const request = merchantGet("/auto?DATA=" + encode(text), "demo", "demo");
+    auto const ask = [&] { return exchangeRaw(m_Service->tlsPort(), request, m_Service->authorityFile()); };
+    std::string const whole = ask();
+    struct {
+        char const* fault;
+        std::string answer;
+    } const cases[] = {
+        {"drop", ""},
+        {"bytewise", whole},
+        {"truncate,bytes=20", whole.substr(0, 20)},
+        {"stall-inside,seconds=0,bytes=20", whole.substr(0, 20)},
+        {"twice", whole + whole},
+    };
+    for (auto const& row : cases) {
+        m_Service->arm(parseFault(row.fault));
+        EXPECT_EQ(ask(), row.answer) << row.fault;
+    }
+    m_Service->arm(parseFault("reset"));
+    EXPECT_THROW(ask(), std::runtime_error);
+}
+
+}  // namespace

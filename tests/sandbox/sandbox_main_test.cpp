@@ -1,0 +1,208 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "tests/sandbox/support/sandboxfixture.h"
+
+/// The program around the service, run as a process.
+namespace {
+
+using namespace sandboxtest;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+/// The running program; killed at the end when it still runs.
+class Program {
+public:
+    explicit Program(std::vector<std::string> arguments) {
+        int ends[2];
+        if (::pipe2(ends, O_CLOEXEC) != 0) {
+            throw std::runtime_error("no pipe");
+        }
+        m_Output = ends[0];
+        arguments.insert(arguments.begin(), SANDBOX_PROGRAM);
+        std::vector<char*> raw;
+        for (std::string& argument : arguments) {
+            raw.push_back(argument.data());
+        }
+        raw.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
+        posix_spawn_file_actions_adddup2(&actions, ends[1], STDERR_FILENO);
+        int const result = ::posix_spawn(&m_Process, SANDBOX_PROGRAM, &actions, nullptr, raw.data(), environ);
+        posix_spawn_file_actions_destroy(&actions);
+        ::close(ends[1]);
+        if (result != 0) {
+            ::close(m_Output);
+            throw std::runtime_error("the program did not start");
+        }
+    }
+
+    ~Program() {
+        if (m_Process > 0) {
+            ::kill(m_Process, SIGKILL);
+            ::waitpid(m_Process, nullptr, 0);
+        }
+        ::close(m_Output);
+    }
+    Program(Program const&) = delete;
+    Program& operator=(Program const&) = delete;
+
+    /// The next line of output, or what there was at its end. Waits thirty seconds at most.
+    std::string line() {
+        std::string text;
+        pollfd waiting{m_Output, POLLIN, 0};
+        char c = 0;
+        while (::poll(&waiting, 1, 30000) == 1 && ::read(m_Output, &c, 1) == 1 && c != '\n') {
+            text += c;
+        }
+        return text;
+    }
+
+    void signal(int number) const { ::kill(m_Process, number); }
+
+    /// The exit status; -1 when a signal ended it. The output ends with the process, within thirty seconds.
+    int status() {
+        pollfd waiting{m_Output, POLLIN, 0};
+        char rest[256];
+        while (::poll(&waiting, 1, 30000) == 1 && ::read(m_Output, rest, sizeof rest) > 0) {
+        }
+        int state = 0;
+        ::waitpid(m_Process, &state, 0);
+        m_Process = 0;
+        return WIFEXITED(state) ? WEXITSTATUS(state) : -1;
+    }
+
+private:
+    pid_t m_Process = 0;
+    int m_Output = -1;
+};
+
+TEST(SandboxProgram, TellsItsAddressesAsJsonAndEndsOnSignals) {
+    for (int const ending : {SIGTERM, SIGINT}) {
+        TemporaryDirectory const directory;
+        Program program({"--data", directory.path(), "--json", "--tls", "--account", "shop:p:w"});
+        nlohmann::json const line = nlohmann::json::parse(program.line());
+        std::uint16_t const port = line.at("port");
+        std::string const base = "http://127.0.0.1:" + std::to_string(port);
+        EXPECT_EQ(line.at("auto"), base + "/auto");
+        EXPECT_EQ(line.at("pay"), base + "/pay");
+        EXPECT_EQ(line.at("capture"), base + "/capture");
+        EXPECT_EQ(line.at("payments"), base + "/");
+        EXPECT_EQ(line.at("ca"), directory.path() + "/ca.pem");
+        std::string const target = "/auto?DATA=" + encode("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>");
+        EXPECT_THAT(exchangeRaw(port, merchantGet(target, "shop", "p:w")), HasSubstr("SetupResponse"));
+        EXPECT_THAT(exchangeRaw(line.at("tlsPort"), merchantGet(target, "shop", "p:w"), line.at("ca")),
+                    HasSubstr(line.at("serverKeyId").get<std::string>()));
+        program.signal(ending);
+        EXPECT_EQ(program.status(), 0);
+    }
+}
+
+TEST(SandboxProgram, EndsAtOnceOnASecondSignal) {
+    TemporaryDirectory const directory;
+    Program program({"--data", directory.path(), "--json", "--fault", "huge,exchange=setup"});
+    RawConnection const stuck(nlohmann::json::parse(program.line()).at("port"));
+    stuck.send(merchantGet("/auto?DATA=" + encode("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>"), "demo", "demo"));
+    // The answer has begun, nobody reads it, and it does not end for seconds.
+    char byte = 0;
+    ASSERT_EQ(::recv(stuck.get(), &byte, 1, 0), 1);
+    program.signal(SIGTERM);
+    program.signal(SIGINT);
+    EXPECT_EQ(program.status(), -1);
+}
+
+TEST(SandboxProgram, RunsAProxyWhenItIsAskedTo) {
+    TemporaryDirectory const directory;
+    Program program({"--data", directory.path(), "--json", "--proxy", "--proxy-port", "0"});
+    nlohmann::json const line = nlohmann::json::parse(program.line());
+    std::uint16_t const port = line.at("proxyPort");
+    EXPECT_EQ(line.at("proxy"), "http://127.0.0.1:" + std::to_string(port));
+    EXPECT_EQ(parseAnswer(exchangeRaw(port, merchantGet(line.at("payments")))).status, 200);
+    program.signal(SIGTERM);
+    EXPECT_EQ(program.status(), 0);
+}
+
+TEST(SandboxProgram, TellsWhereItsFilesAreFromEverywhere) {
+    TemporaryDirectory const directory;
+    std::string const relative = std::filesystem::relative(directory.path()).string();
+    Program program({"--data", relative, "--json", "--tls"});
+    nlohmann::json const line = nlohmann::json::parse(program.line());
+    for (char const* name : {"data", "ca"}) {
+        std::filesystem::path const place = line.at(name).get<std::string>();
+        EXPECT_TRUE(place.is_absolute()) << place;
+        EXPECT_TRUE(std::filesystem::exists(place)) << place;
+    }
+}
+
+TEST(SandboxProgram, TellsItsAddressesInWords) {
+    TemporaryDirectory const directory;
+    Program program({"--data", directory.path()});
+    std::string const line = program.line();
+    EXPECT_THAT(line, HasSubstr("set-up at http://127.0.0.1:"));
+    EXPECT_THAT(line, Not(HasSubstr("proxy")));
+    program.signal(SIGTERM);
+    EXPECT_EQ(program.status(), 0);
+    Program other({"--data", directory.path(), "--proxy"});
+    EXPECT_THAT(other.line(), HasSubstr(", proxy at http://127.0.0.1:"));
+}
+
+TEST(SandboxProgram, RefusesWrongUsage) {
+    EXPECT_EQ(Program({}).status(), 2);
+    EXPECT_EQ(Program({"--data", "/tmp", "--port", "70000"}).status(), 2);
+    EXPECT_EQ(Program({"--data", "/tmp", "--account", "nobody"}).status(), 2);
+    EXPECT_EQ(Program({"--data", "/tmp", "--account", ":password"}).status(), 2);
+    EXPECT_EQ(Program({"--data", "/tmp", "--tls-port", "0"}).status(), 2);
+    EXPECT_EQ(Program({"--data", "/tmp", "--proxy-port", "0"}).status(), 2);
+    EXPECT_EQ(Program({"--help"}).status(), 0);
+}
+
+TEST(SandboxProgram, ArmsTheFaultsThatItIsGiven) {
+    TemporaryDirectory const directory;
+    Program program({"--data", directory.path(), "--json", "--fault", "http-status,exchange=setup,status=404",
+                     "--fault", "error,exchange=setup,text=not now"});
+    std::uint16_t const port = nlohmann::json::parse(program.line()).at("port");
+    std::string const target = "/auto?DATA=" + encode("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>");
+    auto const ask = [&] { return parseAnswer(exchangeRaw(port, merchantGet(target, "demo", "demo"))); };
+    EXPECT_EQ(ask().status, 404);
+    EXPECT_EQ(attributeOf(ask().body, "MESSAGE"), "not now");
+    EXPECT_EQ(attributeOf(ask().body, "MSGTYPE"), "SetupResponse");
+}
+
+TEST(SandboxProgram, RefusesAFaultThatCannotHappen) {
+    TemporaryDirectory const directory;
+    for (auto const& [fault, reason] : std::map<std::string, std::string>{
+             {"explode", "there is no fault 'explode'"},
+             {"drop,exchange=connection", "drop cannot happen to the exchange 'connection'"},
+             {"drop,times=never", "a fault's times must be a whole number, not 'never'"},
+         }) {
+        Program program({"--data", directory.path(), "--fault", "drop", "--fault", fault});
+        EXPECT_THAT(program.line(), HasSubstr("tallowin-sandbox: " + reason));
+        EXPECT_EQ(program.status(), 1);
+    }
+    EXPECT_EQ(Program({"--data", directory.path(), "--fault"}).status(), 2);
+}
+
+TEST(SandboxProgram, TellsWhyItCannotStart) {
+    TemporaryDirectory const directory;
+    Program program({"--data", directory.path() + "/missing/data"});
+    EXPECT_THAT(program.line(), HasSubstr("cannot create the data directory"));
+    EXPECT_EQ(program.status(), 1);
+}
+
+}  // namespace

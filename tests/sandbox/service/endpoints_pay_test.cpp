@@ -1,0 +1,345 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <string>
+
+#include "sandbox/pages/shopperpages.h"
+#include "tests/sandbox/support/sandboxfixture.h"
+
+/// The payment page and the shopper's way back, over a real socket.
+namespace {
+
+using namespace sandboxtest;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+class PaymentPage : public SandboxTest {
+protected:
+    /// The page that refuses `text`; the exchange must have been recorded with `reason`.
+    void expectRefused(std::string const& text, std::string const& reason) const {
+        RawAnswer const page = openPage(text);
+        EXPECT_EQ(page.status, 400) << text;
+        EXPECT_THAT(page.body, HasSubstr(sandbox::escapeHtml(reason)));
+        EXPECT_THAT(page.body, HasSubstr(sandbox::verbatim(text)));
+        EXPECT_THAT(lastVerdict(), HasSubstr(reason));
+        EXPECT_TRUE(m_Service->payments().empty());
+    }
+
+    [[nodiscard]] std::string serverBlob() const {
+        return attributeOf(askAuto("<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"" + m_Service->serverKeyId() + "\"/>"),
+                           "KEYBLOB");
+    }
+
+    void expectSignedReturn(RawAnswer const& answer, std::string const& link, std::string const& result) const {
+        ASSERT_EQ(answer.status, 302) << answer.body;
+        std::string const location = answer.headers.at("location");
+        EXPECT_THAT(location, StartsWith(link + "DATA=%3cKVX%20MSGTYPE%3d%22PayConfirm%22%20"));
+        std::string const data = decode(queryValue(location, "DATA"));
+        EXPECT_EQ(attributeOf(data, "MSGTYPE"), "PayConfirm");
+        EXPECT_EQ(attributeOf(data, "KEYID"), m_Service->serverKeyId());
+        EXPECT_EQ(attributeOf(data, "ID"), m_Service->payments().back().id);
+        EXPECT_EQ(attributeOf(data, "TOKEN"), m_Service->payments().back().token);
+        EXPECT_EQ(attributeOf(data, "AMOUNT"), "12.50");
+        EXPECT_EQ(attributeOf(data, "CURRENCY"), "EUR");
+        EXPECT_EQ(attributeOf(data, "ORDERID"), "A-17");
+        EXPECT_EQ(attributeOf(data, "RESULT"), result);
+        EXPECT_TRUE(verifies(serverBlob(), data, queryValue(location, "SIGNATURE")));
+    }
+};
+
+TEST_F(PaymentPage, ShowsTheOrderAndRecordsThePayment) {
+    RawAnswer const page = openPage(m_Merchant.payInit("t1"));
+    EXPECT_EQ(page.status, 200);
+    EXPECT_THAT(page.headers.at("content-type"), StartsWith("text/html"));
+    for (char const* part :
+         {"A-17", "12.50 EUR", "<dd>demo</dd>", "<dd>1001</dd>", "value=\"pay\"", "value=\"decline\"",
+          "value=\"cancel\"", "<html lang=\"en\">", "method=\"post\" action=\"/pay/decision\""}) {
+        EXPECT_THAT(page.body, HasSubstr(part));
+    }
+    EXPECT_THAT(page.body, Not(HasSubstr("<script")));
+    ASSERT_EQ(m_Service->payments().size(), 1u);
+    sandbox::Payment const payment = m_Service->payments()[0];
+    EXPECT_EQ(payment.state, sandbox::PaymentState::Opened);
+    EXPECT_EQ(payment.token, "t1");
+    EXPECT_EQ(payment.account, "demo");
+    EXPECT_EQ(payment.attribute("AMOUNT"), "12.50");
+    ASSERT_EQ(payment.history.size(), 1u);
+    EXPECT_EQ(payment.history[0].time, "2023-11-14T22:13:20Z");
+}
+
+TEST_F(PaymentPage, IsReadableInTheRecordWhateverTheBrowserAccepts) {
+    std::string request = merchantGet("/pay" + m_Merchant.signedQuery(m_Merchant.payInit("t1")));
+    request.insert(request.size() - 2, "Accept-Encoding: gzip, deflate, br\r\n");
+    std::string const answer = exchangeRaw(m_Service->plainPort(), request);
+    EXPECT_EQ(parseAnswer(answer).headers.count("content-encoding"), 0u);
+    EXPECT_THAT(answer, HasSubstr("<button"));
+    EXPECT_EQ(m_Service->exchanges().back().answer, answer);
+}
+
+TEST_F(PaymentPage, EscapesWhatTheMerchantWrote) {
+    std::string const page =
+        openPage(m_Merchant.message("PayInit",
+                                    " TOKEN=\"&lt;t&gt;\" EXPIRATION=\"20991231 23:59:59\" AMOUNT=\"&lt;script&gt;1\""
+                                    " CURRENCY=\"&amp;&apos;\" ORDERID=\"&quot;&gt;&lt;b&gt;\x01\""))
+            .body;
+    EXPECT_THAT(page, HasSubstr("&quot;&gt;&lt;b&gt;\u2401"));
+    EXPECT_THAT(page, HasSubstr("&lt;script&gt;1 &amp;&#39;"));
+    EXPECT_THAT(page, Not(HasSubstr("<script")));
+    EXPECT_THAT(page, Not(HasSubstr("<b>")));
+    std::string const list = get("/").body;
+    EXPECT_THAT(list, HasSubstr("&quot;&gt;&lt;b&gt;"));
+    EXPECT_THAT(list, Not(HasSubstr("<b>")));
+}
+
+TEST_F(PaymentPage, SpeaksTheLanguageOfTheMessage) {
+    std::string const page = openPage(m_Merchant.payInit("t1", " LANGID=\"de-AT\"")).body;
+    EXPECT_THAT(page, HasSubstr("<html lang=\"de\">"));
+    EXPECT_THAT(page, HasSubstr("<dt>H\xC3\xA4ndler</dt><dd>demo</dd>"));
+}
+
+TEST_F(PaymentPage, CanBePaidUntilTheExpiration) {
+    EXPECT_THAT(openPage(m_Merchant.payInit("t1")).body,
+                HasSubstr("<time datetime=\"2099-12-31T23:59:59Z\">2099-12-31 23:59:59 UTC</time>"));
+}
+
+TEST_F(PaymentPage, SendsThePayingShopperToTheSuccessLink) {
+    RawAnswer const answer = press(openPage(m_Merchant.payInit("t1")), "pay");
+    expectSignedReturn(answer, "http://shop.example/ok?", "authorised");
+    EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Authorised);
+    EXPECT_EQ(m_Service->payments()[0].history.size(), 2u);
+}
+
+TEST_F(PaymentPage, SendsTheDecliningShopperToTheFailLinkBeforeItsFragment) {
+    RawAnswer const answer = press(openPage(m_Merchant.payInit("t1")), "decline");
+    expectSignedReturn(answer, "http://shop.example/failed?", "declined");
+    EXPECT_THAT(answer.headers.at("location"), ::testing::EndsWith("#top"));
+    EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Declined);
+}
+
+TEST_F(PaymentPage, ExtendsTheQueryOfTheBackLink) {
+    RawAnswer const answer = press(openPage(m_Merchant.payInit("t1")), "cancel");
+    expectSignedReturn(answer, "http://shop.example/back?cart=7&", "cancelled");
+    EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Cancelled);
+}
+
+TEST_F(PaymentPage, SignsHighBytesSoThatTheMerchantVerifiesThem) {
+    RawAnswer const page = openPage(
+        m_Merchant.message("PayInit",
+                           " TOKEN=\"t\" EXPIRATION=\"20991231 23:59:59\" ORDERID=\"Caf\xE9 \x80 &amp; \xC3\xA9\""
+                           " SUCCESSLINK=\"http://shop.example/\""));
+    ASSERT_EQ(page.status, 200) << page.body;
+    std::string const location = press(page, "pay").headers.at("location");
+    std::string const data = decode(queryValue(location, "DATA"));
+    EXPECT_EQ(attributeOf(data, "ORDERID"), "Caf\xE9 \x80 & \xC3\xA9");
+    EXPECT_TRUE(verifies(serverBlob(), data, queryValue(location, "SIGNATURE")));
+}
+
+TEST_F(PaymentPage, LeavesOutWhatTheOrderDidNotName) {
+    RawAnswer const page = openPage(m_Merchant.message(
+        "PayInit", " TOKEN=\"t\" EXPIRATION=\"20991231 23:59:59\" SUCCESSLINK=\"http://shop.example/\""));
+    std::string const data = decode(queryValue(press(page, "pay").headers.at("location"), "DATA"));
+    EXPECT_EQ(data, "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"" + m_Service->serverKeyId() + "\" ID=\"" +
+                        m_Service->payments()[0].id + "\" TOKEN=\"t\" RESULT=\"authorised\"/>");
+}
+
+TEST_F(PaymentPage, ShowsTheOutcomeWhenThereIsNoLink) {
+    RawAnswer const page = openPage(m_Merchant.message("PayInit", " TOKEN=\"t\" EXPIRATION=\"20991231 23:59:59\""));
+    RawAnswer const answer = press(page, "pay");
+    EXPECT_EQ(answer.status, 200);
+    EXPECT_THAT(answer.body, HasSubstr("The payment is authorised"));
+    EXPECT_THAT(answer.body, HasSubstr("DATA=%3cKVX"));
+}
+
+TEST_F(PaymentPage, RepeatsTheSameDecision) {
+    RawAnswer const page = openPage(m_Merchant.payInit("t1"));
+    std::string const first = press(page, "pay").headers.at("location");
+    EXPECT_EQ(press(page, "pay").headers.at("location"), first);
+    EXPECT_EQ(m_Service->payments()[0].history.size(), 2u);
+}
+
+TEST_F(PaymentPage, RefusesAnotherDecisionAfterTheFirst) {
+    RawAnswer const page = openPage(m_Merchant.payInit("t1"));
+    press(page, "decline");
+    RawAnswer const answer = press(page, "pay");
+    EXPECT_EQ(answer.status, 409);
+    EXPECT_THAT(answer.body, HasSubstr("declined already"));
+    EXPECT_THAT(attributeOf(answer.body, "href"), StartsWith("http://shop.example/failed?DATA="));
+    EXPECT_THAT(answer.body, HasSubstr("<th scope=\"row\">TOKEN</th><td>t1</td>"));
+    EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Declined);
+}
+
+TEST_F(PaymentPage, RefusesAForeignForm) {
+    openPage(m_Merchant.payInit("t1"));
+    std::string const id = m_Service->payments()[0].id;
+    struct Row {
+        std::string body;
+        int status;
+    };
+    for (Row const& row :
+         {Row{"payment=" + id + "&key=" + std::string(32, '0') + "&decision=pay", 403},
+          Row{"payment=" + id + "&key=&decision=pay", 403}, Row{"payment=" + id + "&decision=pay", 403},
+          Row{"payment=P0&key=x&decision=pay", 404}, Row{"", 400}, Row{"payment=" + id + "&decision=refund", 400}}) {
+        RawAnswer const answer = parseAnswer(exchangeRaw(m_Service->plainPort(), formPost("/pay/decision", row.body)));
+        EXPECT_EQ(answer.status, row.status) << row.body;
+    }
+    EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Opened);
+}
+
+TEST_F(PaymentPage, ShowsAReloadedPageOfAnOpenPaymentAgain) {
+    EXPECT_EQ(openPage(m_Merchant.payInit("t1")).body, openPage(m_Merchant.payInit("t1")).body);
+    EXPECT_EQ(m_Service->payments().size(), 1u);
+}
+
+TEST_F(PaymentPage, RefusesATokenThatWasUsed) {
+    RawAnswer const page = openPage(m_Merchant.payInit("t1"));
+    EXPECT_THAT(openPage(m_Merchant.payInit("t1", " NOTE=\"another\"")).body, HasSubstr("TOKEN was used already"));
+    press(page, "pay");
+    RawAnswer const again = openPage(m_Merchant.payInit("t1"));
+    EXPECT_EQ(again.status, 400);
+    EXPECT_THAT(again.body, HasSubstr("which is authorised"));
+    EXPECT_EQ(m_Service->payments().size(), 1u);
+}
+
+TEST_F(PaymentPage, LeadsBackToTheShopWhenThePaymentIsDecided) {
+    std::string const address = press(openPage(m_Merchant.payInit("t1")), "pay").headers.at("location");
+    std::string const link = attributeOf(openPage(m_Merchant.payInit("t1")).body, "href");
+    EXPECT_EQ(link, address);
+    askCapture(m_Merchant.message("PayCompleteRequest", " TOKEN=\"t1\" ID=\"" + m_Service->payments()[0].id + "\""));
+    EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Completed);
+    EXPECT_EQ(attributeOf(openPage(m_Merchant.payInit("t1")).body, "href"), address) << "it stays the confirmation";
+}
+
+TEST_F(PaymentPage, LeadsBackToTheShopWhoComesTooLate) {
+    std::string const text = m_Merchant.message(
+        "PayInit", " TOKEN=\"t\" EXPIRATION=\"20231114 22:13:20\" FAILLINK=\"http://shop.example/no\"");
+    m_Now = 1700000001;
+    RawAnswer const page = openPage(text);
+    EXPECT_EQ(page.status, 400);
+    EXPECT_THAT(page.body, HasSubstr("The payment has expired"));
+    EXPECT_THAT(page.body, HasSubstr("EXPIRATION is 2023-11-14T22:13:20Z, now is 2023-11-14T22:13:21Z"));
+    EXPECT_THAT(page.body, Not(HasSubstr("<button")));
+    std::string const link = attributeOf(page.body, "href");
+    EXPECT_THAT(link, StartsWith("http://shop.example/no?DATA="));
+    EXPECT_EQ(attributeOf(decode(queryValue(link, "DATA")), "RESULT"), "expired");
+    EXPECT_TRUE(verifies(serverBlob(), decode(queryValue(link, "DATA")), queryValue(link, "SIGNATURE")));
+    ASSERT_EQ(m_Service->payments().size(), 1u);
+    EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Expired);
+    m_Now = 1700000000;
+    EXPECT_EQ(attributeOf(openPage(text).body, "href"), link) << "what has expired stays so";
+}
+
+TEST_F(PaymentPage, CanBeOpenedUntilTheExpiration) {
+    EXPECT_EQ(openPage(m_Merchant.message("PayInit", " TOKEN=\"t\" EXPIRATION=\"20231114 22:13:20\"")).status, 200);
+}
+
+TEST_F(PaymentPage, LeadsBackWhoPaidInTimeAndLoadsThePageLater) {
+    std::string const text = m_Merchant.message(
+        "PayInit", " TOKEN=\"t\" EXPIRATION=\"20231114 22:13:20\" SUCCESSLINK=\"http://shop.example/ok\"");
+    std::string const address = press(openPage(text), "pay").headers.at("location");
+    m_Now = 1700000001;
+    RawAnswer const page = openPage(text);
+    EXPECT_THAT(page.body, HasSubstr("The payment is decided already"));
+    EXPECT_THAT(page.body, HasSubstr("which is authorised"));
+    EXPECT_EQ(attributeOf(page.body, "href"), address);
+}
+
+TEST_F(PaymentPage, AcceptsNoDecisionAfterTheExpiration) {
+    RawAnswer const page = openPage(m_Merchant.message(
+        "PayInit", " TOKEN=\"t\" EXPIRATION=\"20231114 22:13:20\" FAILLINK=\"http://shop.example/no\""));
+    m_Now = 1700000001;
+    RawAnswer const back = press(page, "pay");
+    EXPECT_EQ(back.status, 302);
+    std::string const location = back.headers.at("location");
+    EXPECT_THAT(location, StartsWith("http://shop.example/no?DATA="));
+    EXPECT_EQ(attributeOf(decode(queryValue(location, "DATA")), "RESULT"), "expired");
+    EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Expired);
+    EXPECT_EQ(m_Service->payments()[0].history.size(), 2u);
+    EXPECT_EQ(press(page, "pay").headers.at("location"), location) << "a second click changes nothing";
+    m_Now = 1700000000;
+    EXPECT_EQ(press(page, "pay").headers.at("location"), location) << "what has expired stays so";
+}
+
+TEST_F(PaymentPage, TellsThatAnUndecidedPaymentHasExpired) {
+    openPage(m_Merchant.message("PayInit", " TOKEN=\"t\" EXPIRATION=\"20231114 22:13:20\""));
+    EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Opened);
+    m_Now = 1700000001;
+    EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Expired);
+    EXPECT_EQ(attributeOf(askCapture(m_Merchant.message("StatusRequest", " TOKEN=\"t\"")), "STATE"), "expired");
+}
+
+TEST_F(PaymentPage, RefusesWhatIsNoPayInit) {
+    expectRefused(m_Merchant.message("PayConfirm", " TOKEN=\"t\""), "takes a PayInit, not a 'PayConfirm'");
+    expectRefused(m_Merchant.message("PayInit", " TOKEN=\"t\""), "needs the attribute EXPIRATION");
+    expectRefused(m_Merchant.message("PayInit", " TOKEN=\"t\" EXPIRATION=\"tomorrow\""), "EXPIRATION is not a time");
+    expectRefused(m_Merchant.message("PayInit", " EXPIRATION=\"20991231 23:59:59\""), "needs the attribute TOKEN");
+    expectRefused("<KVX MSGTYPE=\"PayInit\"/>", "needs the attribute KEYID");
+    expectRefused("<KVX MSGTYPE=\"PayInit\" KEYID=\"0-x\"/>", "KEYID names no merchant key");
+    expectRefused("<KVX MSGTYPE=\"PayInit\" KEYID=\"" + m_Service->serverKeyId() + "\"/>", "names no merchant key");
+    expectRefused("<KVX", "not well-formed");
+}
+
+TEST_F(PaymentPage, RefusesLinksThatAreNoHttpAddresses) {
+    for (char const* link : {"javascript:alert(1)", "//shop.example/", "/ok", "HTTP://shop.example/", "ftp://x/"}) {
+        expectRefused(m_Merchant.message("PayInit", " TOKEN=\"t\" EXPIRATION=\"20991231 23:59:59\" FAILLINK=\"" +
+                                                        std::string(link) + "\""),
+                      "FAILLINK is not an address");
+    }
+    for (char const* link : {"http://", "https://", "http:///x", "http://:80/", "http://?a", "http://#a"}) {
+        expectRefused(m_Merchant.message("PayInit", " TOKEN=\"t\" EXPIRATION=\"20991231 23:59:59\" BACKLINK=\"" +
+                                                        std::string(link) + "\""),
+                      "BACKLINK names no host");
+    }
+    expectRefused(m_Merchant.message("PayInit",
+                                     " TOKEN=\"t\" EXPIRATION=\"20991231 23:59:59\""
+                                     " SUCCESSLINK=\"http://x/\r\nSet-Cookie: a=b\""),
+                  "SUCCESSLINK holds a space");
+}
+
+TEST_F(PaymentPage, TellsWhyASignatureIsRefused) {
+    std::string const text = m_Merchant.message("PayInit", " TOKEN=\"t\" EXPIRATION=\"20991231 23:59:59\" A=\"\xE9\"");
+    std::string const target = "/pay?DATA=" + encode(text);
+    std::string const good = m_Merchant.sign(text);
+    struct Row {
+        std::string query;
+        char const* reason;
+    };
+    for (Row const& row :
+         {Row{"", "SIGNATURE is missing"}, Row{"&SIGNATURE=", "SIGNATURE is missing"},
+          Row{"&SIGNATURE=xyz", "not lower-case hexadecimal"}, Row{"&SIGNATURE=" + good.substr(2), "not one of DATA"},
+          Row{"&SIGNATURE=" + m_Merchant.sign(text + " "), "not one of DATA"},
+          Row{"&SIGNATURE=" + TestMerchant("x").sign(text), "not one of DATA"},
+          Row{"&SIGNATURE=" + m_Merchant.sign(text, true), "sign-extended bytes"},
+          Row{"&SIGNATURE=" + good + "&SIGNATURE=" + good, "SIGNATURE stands in the query twice"}}) {
+        RawAnswer const page = get(target + row.query);
+        EXPECT_EQ(page.status, 400);
+        EXPECT_THAT(page.body, HasSubstr(row.reason));
+        EXPECT_THAT(page.body, HasSubstr(sandbox::escapeHtml(text)));
+    }
+    EXPECT_EQ(get(target + "&SIGNATURE=" + good).status, 200);
+}
+
+TEST_F(PaymentPage, RefusesTheMessageOfAnotherMerchantsKey) {
+    TestMerchant const other(m_Merchant.keyId());
+    RawAnswer const page = get("/pay" + other.signedQuery(m_Merchant.payInit("t1")));
+    EXPECT_THAT(page.body, HasSubstr("is not one of DATA under the key &#39;" + m_Merchant.keyId()));
+}
+
+TEST_F(PaymentPage, ListsPaymentsWithTheirStates) {
+    EXPECT_THAT(get("/").body, HasSubstr("no payments yet"));
+    press(openPage(m_Merchant.payInit("t1")), "pay");
+    openPage(m_Merchant.payInit("t2"));
+    std::string const list = get("/").body;
+    EXPECT_THAT(list, HasSubstr(">authorised<"));
+    EXPECT_THAT(list, HasSubstr(">opened<"));
+}
+
+TEST_F(PaymentPage, ShowsReturnedShoppersTheMessage) {
+    RawAnswer const page = get("/returned?DATA=%3cKVX%2f%3e&SIGNATURE=00");
+    EXPECT_EQ(page.status, 200);
+    EXPECT_THAT(page.body, HasSubstr("&lt;KVX/&gt;"));
+    EXPECT_EQ(get("/returned?DATA=%zz").status, 400);
+}
+
+}  // namespace

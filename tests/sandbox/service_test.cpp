@@ -1,0 +1,266 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include <csignal>
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <future>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "sandbox/store/database.h"
+#include "tests/sandbox/support/sandboxfixture.h"
+
+/// The service as a whole: starting, stopping, starting over, TLS.
+namespace {
+
+using namespace sandboxtest;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+class SandboxService : public SandboxTest {};
+
+class TlsSandboxService : public SandboxTest {
+protected:
+    void SetUp() override {
+        sandbox::Options tls = options();
+        tls.tls = true;
+        m_Service.reset();
+        m_Service = std::make_unique<sandbox::Service>(tls);
+        m_Service->start();
+    }
+
+    [[nodiscard]] RawAnswer getTls(std::string const& target, std::string const& host = "127.0.0.1") const {
+        return parseAnswer(
+            exchangeRaw(m_Service->tlsPort(), merchantGet(target, "demo", "demo"), m_Service->authorityFile(), host));
+    }
+};
+
+TEST_F(SandboxService, KeepsKeysAndPaymentsOverARestart) {
+    std::string const query = "<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"" + m_Service->serverKeyId() + "\"/>";
+    std::string const serverKey = askAuto(query);
+    std::string const confirm = authorise("t1");
+    std::vector<sandbox::HistoryEntry> const history = m_Service->payments().at(0).history;
+    std::size_t const exchanges = m_Service->exchanges().size();
+    restart();
+    EXPECT_EQ(askAuto(query), serverKey);
+    ASSERT_EQ(m_Service->payments().size(), 1u);
+    EXPECT_EQ(m_Service->payments()[0].history.size(), history.size());
+    EXPECT_EQ(m_Service->payments()[0].attribute("ORDERID"), "A-17");
+    EXPECT_EQ(m_Service->exchanges().size(), exchanges + 1);
+    EXPECT_EQ(attributeOf(askCapture(confirm), "RESULT"), "captured");
+}
+
+TEST_F(SandboxService, TellsOfRequestsThatAKillCutOff) {
+    m_Service.reset();
+    sandbox::Database(m_Directory.path() + "/sandbox.db")
+        .execute(
+            "INSERT INTO begun_exchanges (time, kind, order_id, path, data, request) VALUES "
+            "('2023-11-14T22:13:20Z', 'capture', 'A-17', '/capture', '<KVX/>', 'GET /capture HTTP/1.0')");
+    for (int start = 0; start < 2; ++start) {
+        restart();
+        ASSERT_EQ(m_Service->exchanges().size(), 2u) << "the publishing of the key comes first";
+        sandbox::Exchange const cut = m_Service->exchanges().back();
+        EXPECT_EQ(cut.verdict, "not answered: the sandbox ended before");
+        EXPECT_EQ(cut.time, "2023-11-14T22:13:20Z");
+        EXPECT_EQ(cut.kind, sandbox::ExchangeKind::Capture);
+        EXPECT_EQ(cut.order, "A-17");
+        EXPECT_EQ(cut.path, "/capture");
+        EXPECT_EQ(cut.data, "<KVX/>");
+        EXPECT_EQ(cut.request, "GET /capture HTTP/1.0");
+        EXPECT_EQ(cut.answer, "");
+        EXPECT_TRUE(cut.steps.empty());
+    }
+}
+
+TEST_F(SandboxService, CarriesOutNothingThatItCannotRecord) {
+    std::string const confirm = authorise("t1");
+    std::size_t const exchanges = m_Service->exchanges().size();
+    sandbox::Database database(m_Directory.path() + "/sandbox.db");
+    database.execute("ALTER TABLE begun_exchanges RENAME TO elsewhere");
+    RawAnswer const failed = get("/capture" + m_Merchant.signedQuery(confirm));
+    EXPECT_EQ(failed.status, 500);
+    EXPECT_THAT(failed.body, StartsWith("The sandbox failed: database: no such table"));
+    EXPECT_THAT(failed.body, HasSubstr("/sandbox.db)"));
+    EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Authorised);
+    database.execute("ALTER TABLE elsewhere RENAME TO begun_exchanges");
+    EXPECT_EQ(m_Service->exchanges().size(), exchanges);
+    EXPECT_EQ(attributeOf(askCapture(confirm), "RESULT"), "captured");
+}
+
+TEST_F(SandboxService, TellsThatItCouldNotRecordWhatItDid) {
+    std::string const confirm = authorise("t1");
+    std::size_t const exchanges = m_Service->exchanges().size();
+    sandbox::Database database(m_Directory.path() + "/sandbox.db");
+    database.execute("ALTER TABLE exchanges RENAME TO elsewhere");
+    RawAnswer const failed = get("/capture" + m_Merchant.signedQuery(confirm));
+    EXPECT_EQ(failed.status, 500);
+    EXPECT_THAT(failed.body, StartsWith("The sandbox failed: database: no such table"));
+    database.execute("ALTER TABLE elsewhere RENAME TO exchanges");
+    EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Captured);
+    restart();
+    ASSERT_EQ(m_Service->exchanges().size(), exchanges + 1);
+    EXPECT_EQ(lastVerdict(), "not answered: the sandbox ended before");
+    EXPECT_EQ(attributeOf(askCapture(confirm), "RESULT"), "captured");
+}
+
+TEST_F(SandboxService, FailsInTheFormOfTheControlApiThere) {
+    sandbox::Database(m_Directory.path() + "/sandbox.db").execute("ALTER TABLE payments RENAME TO gone");
+    RawAnswer const failed = parseAnswer(exchangeRaw(m_Service->controlPort(), merchantGet("/control/payments")));
+    EXPECT_EQ(failed.status, 500);
+    EXPECT_THAT(failed.body, HasSubstr("\"error\": \"the sandbox failed: database: no such table"));
+}
+
+TEST_F(SandboxService, EndsOnAllPortsAtOnce) {
+    m_Service->arm(sandbox::parseFault("stall-before,exchange=setup"));
+    RawConnection const stuck(m_Service->plainPort());
+    stuck.send(merchantGet("/auto?DATA=" + encode("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>"), "demo", "demo"));
+    // An answer that nobody reads keeps one port from ending.
+    m_Service->arm(sandbox::parseFault("huge,exchange=keyquery"));
+    RawConnection const unread(m_Service->plainPort());
+    unread.send(
+        merchantGet("/auto?DATA=" + encode("<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"1-SERVER-1\"/>"), "demo", "demo"));
+    char byte = 0;
+    ASSERT_EQ(::recv(unread.get(), &byte, 1, 0), 1);
+    RawConnection const control(m_Service->controlPort());
+    std::future<void> const stopped = std::async(std::launch::async, [this] { m_Service->stop(); });
+    // What says nothing on another port is ended before that one is cut.
+    EXPECT_EQ(control.readToEnd(), "");
+    EXPECT_EQ(stuck.readToEnd(), "");
+    EXPECT_EQ(stopped.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+}
+
+TEST_F(SandboxService, RecordsARequestOnWhichItFails) {
+    std::string const confirm = authorise("t1");
+    sandbox::Database database(m_Directory.path() + "/sandbox.db");
+    database.execute("ALTER TABLE history RENAME TO elsewhere");
+    RawAnswer const failed = get("/capture" + m_Merchant.signedQuery(confirm));
+    EXPECT_EQ(failed.status, 500);
+    EXPECT_THAT(failed.body, StartsWith("The sandbox failed: database: no such table"));
+    EXPECT_THAT(lastVerdict(), StartsWith("the sandbox failed: database: no such table"));
+    database.execute("ALTER TABLE elsewhere RENAME TO history");
+    EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Authorised);
+}
+
+TEST_F(SandboxService, TakesANewPasswordForAKnownAccount) {
+    sandbox::Options changed = options();
+    changed.accountPassword = "new";
+    m_Service.reset();
+    m_Service = std::make_unique<sandbox::Service>(changed);
+    m_Service->start();
+    std::string const setup = "<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>";
+    EXPECT_THAT(reasonOf(askAuto(setup, "demo", "demo")), HasSubstr("password"));
+    EXPECT_EQ(attributeOf(askAuto(setup, "demo", "new"), "CUSTOMERID"), "1001");
+}
+
+TEST_F(SandboxService, StopsAndStartsAgain) {
+    std::uint16_t const port = m_Service->plainPort();
+    m_Service->stop();
+    m_Service->stop();
+    EXPECT_EQ(m_Service->plainPort(), 0);
+    EXPECT_EQ(m_Service->baseUrl(), "");
+    EXPECT_THROW(m_Service->payments(), std::runtime_error);
+    EXPECT_THROW(exchangeRaw(port, "GET / HTTP/1.0\r\n\r\n"), std::runtime_error);
+    m_Service->start();
+    EXPECT_EQ(get("/").status, 200);
+    EXPECT_THROW(m_Service->start(), std::logic_error);
+}
+
+TEST_F(SandboxService, RefusesAPortThatIsTaken) {
+    TemporaryDirectory const other;
+    sandbox::Options second = options();
+    second.dataDirectory = other.path();
+    second.port = m_Service->plainPort();
+    sandbox::Service service(second);
+    try {
+        service.start();
+        FAIL() << "two services on one port";
+    } catch (std::runtime_error const& error) {
+        EXPECT_THAT(error.what(), HasSubstr("cannot listen on 127.0.0.1:" + std::to_string(second.port)));
+    }
+    EXPECT_EQ(service.plainPort(), 0);
+}
+
+TEST_F(SandboxService, LetsGoOfThePortWhenTlsCannotStart) {
+    std::uint16_t const port = m_Service->plainPort();
+    TemporaryDirectory const other;
+    sandbox::Options blocking = options();
+    blocking.dataDirectory = other.path();
+    sandbox::Service blocker(blocking);
+    blocker.start();
+    m_Service->stop();
+    sandbox::Options blocked = options();
+    blocked.port = port;
+    blocked.tls = true;
+    blocked.tlsPort = blocker.plainPort();
+    EXPECT_THROW(sandbox::Service(blocked).start(), std::runtime_error);
+    blocked.tls = false;
+    sandbox::Service again(blocked);
+    again.start();
+    EXPECT_EQ(again.plainPort(), port);
+}
+
+TEST_F(SandboxService, RefusesADataDirectoryThatIsInUse) {
+    sandbox::Service second(options());
+    EXPECT_THROW(second.start(), std::runtime_error);
+}
+
+TEST_F(SandboxService, LeavesSigpipeToTheProcess) {
+    struct sigaction before {};
+    struct sigaction custom {};
+    custom.sa_handler = [](int) {};
+    ::sigaction(SIGPIPE, &custom, &before);
+    restart();
+    struct sigaction now {};
+    ::sigaction(SIGPIPE, &before, &now);
+    EXPECT_EQ(now.sa_handler, custom.sa_handler);
+}
+
+TEST_F(SandboxService, KeepsItsFilesFromOthers) {
+    struct stat status {};
+    ASSERT_EQ(::stat((m_Directory.path() + "/sandbox.db").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 077, 0u);
+}
+
+TEST_F(TlsSandboxService, IsTrustedThroughItsAuthorityUnderBothNames) {
+    EXPECT_EQ(getTls("/").status, 200);
+    EXPECT_EQ(getTls("/", "localhost").status, 200);
+    EXPECT_THROW(getTls("/", "example.com"), std::runtime_error);
+    EXPECT_NE(m_Service->tlsPort(), m_Service->plainPort());
+}
+
+TEST_F(TlsSandboxService, AnswersSetupWithAddressesOfTheSameKind) {
+    std::string const target = "/auto?DATA=" + encode("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>");
+    std::string const overTls = getTls(target).body;
+    std::string const base = "https://127.0.0.1:" + std::to_string(m_Service->tlsPort());
+    EXPECT_EQ(attributeOf(overTls, "VTURL"), base + "/pay");
+    EXPECT_EQ(attributeOf(overTls, "CAPTUREURL"), base + "/capture");
+    EXPECT_EQ(attributeOf(overTls, "KVX.VTAUTOURL"), base + "/auto");
+    EXPECT_THAT(attributeOf(get(target, "demo", "demo").body, "VTURL"), StartsWith("http://"));
+}
+
+TEST_F(TlsSandboxService, CarriesLongMessages) {
+    std::string const text = m_Merchant.payInit("t1", " NOTE=\"" + std::string(100000, 'x') + "\"");
+    EXPECT_EQ(getTls("/pay" + m_Merchant.signedQuery(text)).status, 200);
+}
+
+TEST_F(TlsSandboxService, KeepsItsCertificatesOverARestart) {
+    TemporaryDirectory const copy;
+    std::string const kept = copy.path() + "/ca.pem";
+    std::filesystem::copy_file(m_Service->authorityFile(), kept);
+    SetUp();
+    RawAnswer const answer = parseAnswer(exchangeRaw(m_Service->tlsPort(), merchantGet("/"), kept));
+    EXPECT_EQ(answer.status, 200);
+}
+
+TEST_F(TlsSandboxService, SurvivesPlainTalkOnTheTlsPort) {
+    EXPECT_THROW(parseAnswer(exchangeRaw(m_Service->tlsPort(), merchantGet("/"))), std::runtime_error);
+    EXPECT_EQ(getTls("/").status, 200);
+}
+
+}  // namespace

@@ -1,0 +1,126 @@
+#include "sandbox/store/datadirectory.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <fstream>
+#include <stdexcept>
+#include <string>
+
+#include "sandbox/store/store.h"
+#include "tests/sandbox/support/sandboxfixture.h"
+
+namespace {
+
+using namespace sandbox;
+using sandboxtest::TemporaryDirectory;
+using ::testing::HasSubstr;
+
+std::string reasonFor(std::string const& path) {
+    try {
+        DataDirectory const directory(path);
+    } catch (std::runtime_error const& error) {
+        return error.what();
+    }
+    return "";
+}
+
+TEST(DataDirectory, IsCreatedForItsOwnerOnly) {
+    TemporaryDirectory const temporary;
+    DataDirectory const directory(temporary.path() + "/data");
+    struct stat status {};
+    ASSERT_EQ(::stat((temporary.path() + "/data").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0700u);
+}
+
+TEST(DataDirectory, IsHeldByOneAtATime) {
+    TemporaryDirectory const temporary;
+    {
+        DataDirectory const first(temporary.path());
+        EXPECT_THAT(reasonFor(temporary.path()), HasSubstr("another sandbox is running"));
+    }
+    EXPECT_EQ(reasonFor(temporary.path()), "");
+}
+
+TEST(DataDirectory, TellsWhyItCannotBeUsed) {
+    TemporaryDirectory const temporary;
+    EXPECT_THAT(reasonFor(""), HasSubstr("no data directory"));
+    EXPECT_THAT(reasonFor(temporary.path() + "/missing/data"), HasSubstr("No such file or directory"));
+    std::ofstream(temporary.path() + "/file") << "x";
+    EXPECT_THAT(reasonFor(temporary.path() + "/file"), HasSubstr("Not a directory"));
+}
+
+TEST(DataDirectory, ReplacesFilesForTheirOwnerOnly) {
+    TemporaryDirectory const temporary;
+    DataDirectory const directory(temporary.path());
+    EXPECT_EQ(directory.read("name"), "");
+    directory.write("name", "first, and longer");
+    directory.write("name", "second");
+    EXPECT_EQ(directory.read("name"), "second");
+    struct stat status {};
+    ASSERT_EQ(::stat(directory.file("name").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0600u);
+}
+
+TEST(Store, RefusesAFileThatIsNoDatabase) {
+    TemporaryDirectory const temporary;
+    std::string const path = temporary.path() + "/sandbox.db";
+    std::ofstream(path) << std::string(4096, 'x');
+    EXPECT_THROW(Store{path}, std::runtime_error);
+}
+
+TEST(Store, RefusesAnotherLayout) {
+    TemporaryDirectory const temporary;
+    std::string const path = temporary.path() + "/sandbox.db";
+    Database(path).execute("PRAGMA user_version = 99");
+    try {
+        Store const store(path);
+        FAIL() << "accepted";
+    } catch (std::runtime_error const& error) {
+        EXPECT_THAT(error.what(), HasSubstr("has layout 99"));
+    }
+}
+
+TEST(Store, LetsOneOfTwoCallersAdvanceAPayment) {
+    TemporaryDirectory const temporary;
+    Store store(temporary.path() + "/sandbox.db");
+    store.putAccount("u", "p");
+    PaymentRecord record;
+    record.payment.id = "P1";
+    record.payment.account = "u";
+    record.payment.token = "t";
+    store.openPayment(record, "now");
+    HistoryEntry const step{"later", PaymentState::Authorised, "note"};
+    EXPECT_TRUE(store.advance("P1", {PaymentState::Opened}, step));
+    EXPECT_FALSE(store.advance("P1", {PaymentState::Opened}, step));
+    EXPECT_FALSE(store.advance("P2", {PaymentState::Opened}, step));
+    EXPECT_EQ(store.paymentById("P1")->payment.history.size(), 2u);
+}
+
+TEST(Store, KeepsTokensOfAccountsApart) {
+    TemporaryDirectory const temporary;
+    Store store(temporary.path() + "/sandbox.db");
+    PaymentRecord record;
+    record.payment.token = "t";
+    for (char const* user : {"one", "two"}) {
+        store.putAccount(user, "p");
+        record.payment.id = std::string("P-") + user;
+        record.payment.account = user;
+        EXPECT_EQ(store.openPayment(record, "now").payment.id, record.payment.id);
+    }
+    record.payment.id = "P-three";
+    EXPECT_EQ(store.openPayment(record, "now").payment.id, "P-two");
+    EXPECT_EQ(store.customerOf("one"), "1001");
+    EXPECT_EQ(store.customerOf("two"), "1002");
+}
+
+TEST(PaymentStates, HaveNamesThatLeadBack) {
+    for (PaymentState const state : {PaymentState::Opened, PaymentState::Authorised, PaymentState::Declined,
+                                     PaymentState::Cancelled, PaymentState::Captured, PaymentState::Completed}) {
+        EXPECT_EQ(stateFromName(stateName(state)), state);
+    }
+    EXPECT_THROW(stateFromName("paid"), std::runtime_error);
+}
+
+}  // namespace
