@@ -16,43 +16,44 @@
 namespace {
 
 struct Arguments {
-    sandbox::Options options;
-    std::string account = "demo:demo";
-    std::vector<std::string> faults;
-    bool json = false;
+    sandbox::Options m_Options;
+    std::string m_Account = "demo:demo";
+    std::vector<std::string> m_Faults;
+    bool m_Json = false;
 };
 
 void describe(CLI::App& program, Arguments& arguments) {
-    program.add_option("--data", arguments.options.dataDirectory, "directory for database, keys and certificates")
+    program.add_option("--data", arguments.m_Options.m_DataDirectory, "directory for database, keys and certificates")
         ->required();
-    program.add_option("--port", arguments.options.port, "port of plain HTTP, 0 picks a free one")
+    program.add_option("--port", arguments.m_Options.m_Port, "port of plain HTTP, 0 picks a free one")
         ->capture_default_str();
-    program.add_flag("--tls", arguments.options.tls, "listen with TLS as well");
-    program.add_option("--tls-port", arguments.options.tlsPort, "port of TLS, 0 picks a free one")
+    program.add_flag("--tls", arguments.m_Options.m_Tls, "listen with TLS as well");
+    program.add_option("--tls-port", arguments.m_Options.m_TlsPort, "port of TLS, 0 picks a free one")
         ->capture_default_str()
         ->needs("--tls");
-    program.add_flag("--proxy", arguments.options.proxy, "run an HTTP proxy as well, for merchants that use one");
-    program.add_option("--proxy-port", arguments.options.proxyPort, "port of the proxy, 0 picks a free one")
+    program.add_flag("--proxy", arguments.m_Options.m_Proxy, "run an HTTP proxy as well, for merchants that use one");
+    program.add_option("--proxy-port", arguments.m_Options.m_ProxyPort, "port of the proxy, 0 picks a free one")
         ->capture_default_str()
         ->needs("--proxy");
     program
-        .add_option("--control-port", arguments.options.controlPort,
+        .add_option("--control-port", arguments.m_Options.m_ControlPort,
                     "port of dashboard and control API that faults never touch, 0 picks a free one")
         ->capture_default_str();
-    program.add_option("--fault", arguments.faults, "a fault to arm: kind,name=value,... (may be given several times)");
-    program.add_option("--account", arguments.account, "the merchant's account as user:password")
+    program.add_option("--fault", arguments.m_Faults,
+                       "a fault to arm: kind,name=value,... (may be given several times)");
+    program.add_option("--account", arguments.m_Account, "the merchant's account as user:password")
         ->capture_default_str()
         ->check([](std::string const& text) {
             return text.find(':', 1) == std::string::npos || text[0] == ':' ? "must have the form user:password" : "";
         });
-    program.add_flag("--json", arguments.json, "tell the addresses as one line of JSON");
+    program.add_flag("--json", arguments.m_Json, "tell the addresses as one line of JSON");
 }
 
 std::string readyLine(sandbox::Service const& service, Arguments const& arguments) {
     std::string const base = service.baseUrl();
-    if (!arguments.json) {
-        std::string const tls = arguments.options.tls ? " and " + service.tlsBaseUrl() + "/auto" : "";
-        std::string const proxy = arguments.options.proxy ? ", proxy at " + service.proxyUrl() : "";
+    if (!arguments.m_Json) {
+        std::string const tls = arguments.m_Options.m_Tls ? " and " + service.tlsBaseUrl() + "/auto" : "";
+        std::string const proxy = arguments.m_Options.m_Proxy ? ", proxy at " + service.proxyUrl() : "";
         return "The sandbox is ready: set-up at " + base + "/auto" + tls + proxy + ", dashboard at " +
                service.controlUrl() + "/";
     }
@@ -65,13 +66,13 @@ std::string readyLine(sandbox::Service const& service, Arguments const& argument
                            {"port", service.plainPort()},
                            {"controlPort", service.controlPort()},
                            {"serverKeyId", service.serverKeyId()},
-                           {"data", arguments.options.dataDirectory}};
-    if (arguments.options.tls) {
+                           {"data", arguments.m_Options.m_DataDirectory}};
+    if (arguments.m_Options.m_Tls) {
         line["tlsAuto"] = service.tlsBaseUrl() + "/auto";
         line["tlsPort"] = service.tlsPort();
         line["ca"] = service.authorityFile();
     }
-    if (arguments.options.proxy) {
+    if (arguments.m_Options.m_Proxy) {
         line["proxy"] = service.proxyUrl();
         line["proxyPort"] = service.proxyPort();
     }
@@ -86,7 +87,7 @@ void serve(Arguments const& arguments) {
     sigaddset(&endings, SIGTERM);
     // Blocked before the first thread starts, so that only sigwait() takes them.
     pthread_sigmask(SIG_BLOCK, &endings, nullptr);
-    sandbox::Service service(arguments.options);
+    sandbox::Service service(arguments.m_Options);
     service.start();
     std::cout << readyLine(service, arguments) << std::endl;
     int ending = 0;
@@ -107,14 +108,14 @@ int main(int argc, char** argv) {
         constexpr int kUsage = 2;
         return program.exit(error) == 0 ? 0 : kUsage;
     }
-    std::size_t const colon = arguments.account.find(':');
-    arguments.options.accountUser = arguments.account.substr(0, colon);
-    arguments.options.accountPassword = arguments.account.substr(colon + 1);
+    std::size_t const colon = arguments.m_Account.find(':');
+    arguments.m_Options.m_AccountUser = arguments.m_Account.substr(0, colon);
+    arguments.m_Options.m_AccountPassword = arguments.m_Account.substr(colon + 1);
     try {
-        std::string& directory = arguments.options.dataDirectory;
+        std::string& directory = arguments.m_Options.m_DataDirectory;
         directory = directory.empty() ? "" : std::filesystem::absolute(directory).string();
-        for (std::string const& fault : arguments.faults) {
-            arguments.options.faults.push_back(sandbox::parseFault(fault));
+        for (std::string const& fault : arguments.m_Faults) {
+            arguments.m_Options.m_Faults.push_back(sandbox::parseFault(fault));
         }
         serve(arguments);
     } catch (std::exception const& failure) {

@@ -28,7 +28,7 @@ constexpr char kDatabaseFile[] = "sandbox.db";
 constexpr int kFormKeyBytes = 16;
 
 HttpReply dispatch(Site const& site, HttpRequest const& request) {
-    if (request.method == "HEAD") {
+    if (request.m_Method == "HEAD") {
         throw Refusal("HEAD is not answered here, because every request counts", 405);
     }
     if (std::optional<HttpReply> reply = answerProtocol(site, request)) {
@@ -40,7 +40,7 @@ HttpReply dispatch(Site const& site, HttpRequest const& request) {
     if (std::optional<HttpReply> reply = answerDashboard(site, request)) {
         return *reply;
     }
-    if (request.method == "GET" && request.path == "/returned") {
+    if (request.m_Method == "GET" && request.m_Path == "/returned") {
         return returnedPage(request);
     }
     throw Refusal("There is nothing here.", 404);
@@ -63,29 +63,29 @@ HttpReply answer(Site const& site, HttpRequest const& request) noexcept {
 class Service::Running {
 public:
     explicit Running(Options const& options)
-        : m_Directory(options.dataDirectory),
+        : m_Directory(options.m_DataDirectory),
           m_Store(m_Directory.file(kDatabaseFile)),
-          m_Clock(options.clock),
-          m_Keys(m_Store, m_Clock, options.serverKeyBits),
+          m_Clock(options.m_Clock),
+          m_Keys(m_Store, m_Clock, options.m_ServerKeyBits),
           m_Site{m_Store, m_Keys, m_Faults, m_Clock, m_Addresses, m_Notifier, m_FormKey},
-          m_Notifier(m_Site, {options.notificationPatience, options.notificationPauses, options.clockPace}),
-          m_Control(options.controlPort, nullptr, nullptr, options.requestPatience),
-          m_Plain(options.port, nullptr, &m_Faults, options.requestPatience) {
-        m_Store.putAccount(options.accountUser, options.accountPassword);
-        if (options.tls) {
+          m_Notifier(m_Site, {options.m_NotificationPatience, options.m_NotificationPauses, options.m_ClockPace}),
+          m_Control(options.m_ControlPort, nullptr, nullptr, options.m_RequestPatience),
+          m_Plain(options.m_Port, nullptr, &m_Faults, options.m_RequestPatience) {
+        m_Store.putAccount(options.m_AccountUser, options.m_AccountPassword);
+        if (options.m_Tls) {
             m_TlsIdentity = makeTlsIdentity(m_Directory);
-            m_Tls = std::make_unique<Listener>(options.tlsPort, &m_TlsIdentity, &m_Faults, options.requestPatience);
-            m_Addresses.tls = m_Tls->baseUrl();
+            m_Tls = std::make_unique<Listener>(options.m_TlsPort, &m_TlsIdentity, &m_Faults, options.m_RequestPatience);
+            m_Addresses.m_Tls = m_Tls->baseUrl();
         }
-        if (options.proxy) {
-            m_Proxy = std::make_unique<Proxy>(options.proxyPort, m_Site,
-                                              Proxy::Patience{options.requestPatience, options.proxyPatience});
-            m_Addresses.proxy = m_Proxy->baseUrl();
+        if (options.m_Proxy) {
+            m_Proxy = std::make_unique<Proxy>(options.m_ProxyPort, m_Site,
+                                              Proxy::Patience{options.m_RequestPatience, options.m_ProxyPatience});
+            m_Addresses.m_Proxy = m_Proxy->baseUrl();
         }
-        m_Addresses.plain = m_Plain.baseUrl();
-        m_Addresses.control = m_Control.baseUrl();
+        m_Addresses.m_Plain = m_Plain.baseUrl();
+        m_Addresses.m_Control = m_Control.baseUrl();
         m_Faults.tellRefusals([this](ExchangeKind kind, FaultBook::Moment until) { refuse(kind, until); });
-        for (Fault const& fault : options.faults) {
+        for (Fault const& fault : options.m_Faults) {
             m_Faults.arm(fault);
         }
         auto const handler = [this](HttpRequest const& request) { return answer(m_Site, request); };
@@ -120,7 +120,7 @@ public:
 
 private:
     void refuse(ExchangeKind kind, FaultBook::Moment until) {
-        if (kind == ExchangeKind::Proxy) {
+        if (kind == ExchangeKind::kProxy) {
             if (m_Proxy) {
                 m_Proxy->refuseUntil(until);
             }
@@ -180,31 +180,31 @@ std::uint16_t Service::proxyPort() const {
 }
 
 std::string Service::baseUrl() const {
-    return m_Running ? m_Running->site().addresses.plain : "";
+    return m_Running ? m_Running->site().m_Addresses.m_Plain : "";
 }
 
 std::string Service::tlsBaseUrl() const {
-    return m_Running ? m_Running->site().addresses.tls : "";
+    return m_Running ? m_Running->site().m_Addresses.m_Tls : "";
 }
 
 std::string Service::controlUrl() const {
-    return m_Running ? m_Running->site().addresses.control : "";
+    return m_Running ? m_Running->site().m_Addresses.m_Control : "";
 }
 
 std::string Service::proxyUrl() const {
-    return m_Running ? m_Running->site().addresses.proxy : "";
+    return m_Running ? m_Running->site().m_Addresses.m_Proxy : "";
 }
 
 std::string Service::authorityFile() const {
-    return m_Options.dataDirectory + "/ca.pem";
+    return m_Options.m_DataDirectory + "/ca.pem";
 }
 
 std::string Service::serverKeyId() const {
-    return running().site().keys.current()->id;
+    return running().site().m_Keys.current()->m_Id;
 }
 
 std::string Service::rotateServerKey() {
-    return running().site().keys.rotate()->id;
+    return running().site().m_Keys.rotate()->m_Id;
 }
 
 std::vector<Payment> Service::payments() const {
@@ -212,31 +212,31 @@ std::vector<Payment> Service::payments() const {
 }
 
 void Service::clockMoved() {
-    running().site().notifier.wake();
+    running().site().m_Notifier.wake();
 }
 
 std::vector<Exchange> Service::exchanges() const {
-    return running().site().store.exchanges();
+    return running().site().m_Store.exchanges();
 }
 
 std::vector<Notification> Service::notifications() const {
-    return running().site().store.notifications();
+    return running().site().m_Store.notifications();
 }
 
 std::int64_t Service::arm(Fault const& fault) {
-    return running().site().faults.arm(fault);
+    return running().site().m_Faults.arm(fault);
 }
 
 bool Service::liftFault(std::int64_t id) {
-    return running().site().faults.lift(id);
+    return running().site().m_Faults.lift(id);
 }
 
 void Service::liftFaults() {
-    running().site().faults.liftAll();
+    running().site().m_Faults.liftAll();
 }
 
 std::vector<ArmedFault> Service::faults() {
-    return running().site().faults.armed();
+    return running().site().m_Faults.armed();
 }
 
 Service::Running& Service::running() const {

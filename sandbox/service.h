@@ -18,27 +18,27 @@ namespace sandbox {
 
 /// What a service is started with.
 struct Options {
-    std::string dataDirectory;             ///< Created when missing; its parent must exist.
-    std::uint16_t port = 0;                ///< Of plain HTTP; 0 picks a free one.
-    bool tls = false;                      ///< Listen with TLS as well.
-    std::uint16_t tlsPort = 0;             ///< Of TLS; 0 picks a free one.
-    std::uint16_t controlPort = 0;         ///< Of the port that no fault touches; 0 picks a free one.
-    bool proxy = false;                    ///< Run a proxy as well.
-    std::uint16_t proxyPort = 0;           ///< Of the proxy; 0 picks a free one.
-    std::string accountUser = "demo";      ///< The merchant's account, created or given this password at the start.
-    std::string accountPassword = "demo";  ///< Kept as a salted hash only.
-    unsigned serverKeyBits = 512;          ///< Of the key that signs confirmations, when it is made at the first start.
-    std::vector<Fault> faults = {};        ///< Armed from the start.
-    std::function<std::time_t()> clock = {};  ///< The time of day; empty means the system's. Called by many threads.
-    std::chrono::milliseconds requestPatience{30'000};       ///< For a whole request to come.
-    std::chrono::milliseconds proxyPatience{60'000};         ///< For what the proxy forwards to to begin to answer.
-    std::chrono::milliseconds notificationPatience{10'000};  ///< For the merchant's answer to a notification.
+    std::string m_DataDirectory;             ///< Created when missing; its parent must exist.
+    std::uint16_t m_Port = 0;                ///< Of plain HTTP; 0 picks a free one.
+    bool m_Tls = false;                      ///< Listen with TLS as well.
+    std::uint16_t m_TlsPort = 0;             ///< Of TLS; 0 picks a free one.
+    std::uint16_t m_ControlPort = 0;         ///< Of the port that no fault touches; 0 picks a free one.
+    bool m_Proxy = false;                    ///< Run a proxy as well.
+    std::uint16_t m_ProxyPort = 0;           ///< Of the proxy; 0 picks a free one.
+    std::string m_AccountUser = "demo";      ///< The merchant's account, created or given this password at the start.
+    std::string m_AccountPassword = "demo";  ///< Kept as a salted hash only.
+    unsigned m_ServerKeyBits = 512;    ///< Of the key that signs confirmations, when it is made at the first start.
+    std::vector<Fault> m_Faults = {};  ///< Armed from the start.
+    std::function<std::time_t()> m_Clock = {};  ///< The time of day; empty means the system's. Called by many threads.
+    std::chrono::milliseconds m_RequestPatience{30'000};       ///< For a whole request to come.
+    std::chrono::milliseconds m_ProxyPatience{60'000};         ///< For what the proxy forwards to to begin to answer.
+    std::chrono::milliseconds m_NotificationPatience{10'000};  ///< For the merchant's answer to a notification.
 
     /// Between two looks at the time of day while a payment can expire.
-    std::chrono::milliseconds clockPace{1'000};
+    std::chrono::milliseconds m_ClockPace{1'000};
 
     /// Between the attempts to notify a merchant, of which there is one more.
-    std::vector<std::chrono::milliseconds> notificationPauses = {std::chrono::seconds(1), std::chrono::seconds(5)};
+    std::vector<std::chrono::milliseconds> m_NotificationPauses = {std::chrono::seconds(1), std::chrono::seconds(5)};
 };
 
 /// The payment service, the other side of the merchant's protocol, on 127.0.0.1.

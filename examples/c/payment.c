@@ -13,8 +13,8 @@
 #include <string.h>
 #include <tallowin/tallowin.h>
 
-static char const amount[] = "19.90";
-static char const currency[] = "EUR";
+static char const kAmount[] = "19.90";
+static char const kCurrency[] = "EUR";
 
 /* Whether a call went well; tells what went wrong otherwise. Compare with KVX_OK, never with "less than 0". */
 static int ok(char const* what, int32_t code) {
@@ -62,8 +62,8 @@ static int start_payment(KVX_HANDLE factory, char* token, int32_t token_size) {
     KVX_HANDLE payment = NULL;
     int done = ok("creating a payment", MessageFactory_CreatePayInit(factory, &payment)) &&
                ok("setting ORDERID", MessageObject_SetAttribute(payment, "ORDERID", "1001")) &&
-               ok("setting AMOUNT", MessageObject_SetAttribute(payment, "AMOUNT", amount)) &&
-               ok("setting CURRENCY", MessageObject_SetAttribute(payment, "CURRENCY", currency)) &&
+               ok("setting AMOUNT", MessageObject_SetAttribute(payment, "AMOUNT", kAmount)) &&
+               ok("setting CURRENCY", MessageObject_SetAttribute(payment, "CURRENCY", kCurrency)) &&
                ok("reading TOKEN", MessageObject_GetAttribute(payment, "TOKEN", &token_size, token)) &&
                print_url(payment);
     DestroyMessageObject(payment);
@@ -114,8 +114,8 @@ static int is_paid(KVX_HANDLE factory, char const* data, char const* signature, 
                    int32_t id_size) {
     KVX_HANDLE message = NULL;
     int paid = ok("verifying", MessageFactory_VerifyPayConfirm(factory, data, signature, &message)) &&
-               is(message, "MSGTYPE", "PayConfirm") && is(message, "TOKEN", token) && is(message, "AMOUNT", amount) &&
-               is(message, "CURRENCY", currency) && is(message, "RESULT", "authorised") &&
+               is(message, "MSGTYPE", "PayConfirm") && is(message, "TOKEN", token) && is(message, "AMOUNT", kAmount) &&
+               is(message, "CURRENCY", kCurrency) && is(message, "RESULT", "authorised") &&
                ok("reading ID", MessageObject_GetAttribute(message, "ID", &id_size, id));
     DestroyMessageObject(message);
     return paid;

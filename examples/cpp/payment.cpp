@@ -33,8 +33,8 @@ using MessagePtr = std::unique_ptr<KVXCIMPL_MessageObject>;
 
 /// What the shopper's browser brought back, percent-decoded.
 struct Confirmation {
-    std::string data;
-    std::string signature;
+    std::string m_Data;
+    std::string m_Signature;
 };
 
 /// Registers the directory with the service, once in its life: the name of the current key is written last.
@@ -102,7 +102,7 @@ void mustBe(KVXCIMPL_MessageObject& message, char const* name, TbString const& w
 /// payment, over the whole amount, and say that it was paid; cancelled payments are confirmed as well. Returns the
 /// payment's identifier.
 TbString mustBePaid(KVXCIMPL_MessageFactory& factory, Confirmation const& back, TbString const& token) {
-    MessagePtr const message(factory.VerifyPayConfirm(back.data.c_str(), back.signature.c_str()));
+    MessagePtr const message(factory.VerifyPayConfirm(back.m_Data.c_str(), back.m_Signature.c_str()));
     mustBe(*message, "MSGTYPE", "PayConfirm");
     mustBe(*message, "TOKEN", token);
     mustBe(*message, "AMOUNT", kAmount);
@@ -118,7 +118,7 @@ TbString mustBePaid(KVXCIMPL_MessageFactory& factory, Confirmation const& back, 
 void capture(char const* directory, Confirmation const& confirmation) {
     KVXCIMPL_MessageObject message;
     message.Open(directory);
-    message.FromString(confirmation.data.c_str());
+    message.FromString(confirmation.m_Data.c_str());
     message.Capture();
 }
 

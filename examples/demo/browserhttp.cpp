@@ -32,8 +32,8 @@ public:
         wanted.ai_family = AF_UNSPEC;
         wanted.ai_socktype = SOCK_STREAM;
         addrinfo* list = nullptr;
-        check(getaddrinfo(address.host.c_str(), address.port.c_str(), &wanted, &list) == 0,
-              "there is no host " + address.host);
+        check(getaddrinfo(address.m_Host.c_str(), address.m_Port.c_str(), &wanted, &list) == 0,
+              "there is no host " + address.m_Host);
         std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> const found(list, freeaddrinfo);
         m_Number = ::socket(found->ai_family, found->ai_socktype | SOCK_CLOEXEC, found->ai_protocol);
         check(m_Number >= 0, "no socket");
@@ -41,7 +41,7 @@ public:
         ::setsockopt(m_Number, SOL_SOCKET, SO_SNDTIMEO, &kPatience, sizeof kPatience);
         if (::connect(m_Number, found->ai_addr, found->ai_addrlen) != 0) {
             ::close(m_Number);
-            throw std::runtime_error("nobody answers at " + address.host + ":" + address.port);
+            throw std::runtime_error("nobody answers at " + address.m_Host + ":" + address.m_Port);
         }
     }
     ~Socket() { ::close(m_Number); }
@@ -93,11 +93,11 @@ Answer readAnswer(std::string const& text) {
     std::string const head = text.substr(0, end);
     Answer answer;
     std::istringstream statusLine(head.substr(head.find(' ')));
-    check(static_cast<bool>(statusLine >> answer.status), "this HTTP answer has no status");
-    answer.location = headerValue(head, "Location");
-    answer.body = text.substr(end + 4);
+    check(static_cast<bool>(statusLine >> answer.m_Status), "this HTTP answer has no status");
+    answer.m_Location = headerValue(head, "Location");
+    answer.m_Body = text.substr(end + 4);
     std::string const length = headerValue(head, "Content-Length");
-    check(length.empty() || length == std::to_string(answer.body.size()), "the answer is not whole");
+    check(length.empty() || length == std::to_string(answer.m_Body.size()), "the answer is not whole");
     return answer;
 }
 
@@ -118,11 +118,11 @@ Address splitAddress(std::string const& url) {
 Answer fetch(std::string const& url, std::string const& form) {
     Address const address = splitAddress(url);
     Socket const connection(address);
-    std::string const tail = " HTTP/1.0\r\nHost: " + address.host + ":" + address.port + "\r\n";
+    std::string const tail = " HTTP/1.0\r\nHost: " + address.m_Host + ":" + address.m_Port + "\r\n";
     if (form.empty()) {
-        connection.send("GET " + address.target + tail + "\r\n");
+        connection.send("GET " + address.m_Target + tail + "\r\n");
     } else {
-        connection.send("POST " + address.target + tail +
+        connection.send("POST " + address.m_Target + tail +
                         "Content-Type: application/x-www-form-urlencoded\r\nContent-Length: " +
                         std::to_string(form.size()) + "\r\n\r\n" + form);
     }

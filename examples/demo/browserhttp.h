@@ -6,9 +6,9 @@ namespace demo {
 
 /// An absolute address, split for a client.
 struct Address {
-    std::string host;    ///< "127.0.0.1"
-    std::string port;    ///< "8080"; "80" when the address names none.
-    std::string target;  ///< "/pay?DATA=...", at least "/".
+    std::string m_Host;    ///< "127.0.0.1"
+    std::string m_Port;    ///< "8080"; "80" when the address names none.
+    std::string m_Target;  ///< "/pay?DATA=...", at least "/".
 };
 
 /// Throws std::runtime_error when `url` is no plain HTTP address.
@@ -16,9 +16,9 @@ Address splitAddress(std::string const& url);
 
 /// What a browser gets.
 struct Answer {
-    int status = 0;
-    std::string location;  ///< Where a redirect leads, byte for byte as it was sent, else empty.
-    std::string body;
+    int m_Status = 0;
+    std::string m_Location;  ///< Where a redirect leads, byte for byte as it was sent, else empty.
+    std::string m_Body;
 };
 
 /// Fetches `url`. With a `form`, posts that as a form's content. Redirects are not followed. Waits ten seconds at most

@@ -33,8 +33,8 @@ using MessageHandle = Handle<DestroyMessageObject>;
 
 /// A text that the library copied out, or why it did not.
 struct CopiedText {
-    std::int32_t code = KVX_OK;
-    std::string text;
+    std::int32_t m_Code = KVX_OK;
+    std::string m_Text;
 };
 
 /// Asks `copyOut(size, buffer)` how much room it needs, then for the text.
@@ -66,10 +66,10 @@ inline CopiedText urlOf(MessageHandle const& message) {
 inline std::string messageText(MessageHandle const& message) {
     CopiedText const copied = copiedText(
         [&](std::int32_t* size, char* buffer) { return MessageObject_ToString(message.get(), size, buffer); });
-    if (copied.code != KVX_OK) {
+    if (copied.m_Code != KVX_OK) {
         throw std::runtime_error("the object holds no message");
     }
-    return copied.text;
+    return copied.m_Text;
 }
 
 }  // namespace demo

@@ -7,9 +7,9 @@ namespace demo {
 
 /// What a shopper brought along to one of the shop's pages, percent-decoded.
 struct Visit {
-    std::string path;
-    std::string data;
-    std::string signature;
+    std::string m_Path;
+    std::string m_Data;
+    std::string m_Signature;
 };
 
 /// The shop's own web server on a free port of 127.0.0.1, to which shoppers come back. It answers every page and keeps

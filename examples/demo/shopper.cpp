@@ -98,13 +98,13 @@ std::string queryValue(std::string const& url, std::string const& name) {
 }
 
 Answer press(Form const& form, std::string const& decision) {
-    for (auto const& [name, value] : form.decisions) {
+    for (auto const& [name, value] : form.m_Decisions) {
         if (value == decision) {
             std::string content = percentEncoded(name) + "=" + percentEncoded(value);
-            for (auto const& [fieldName, fieldValue] : form.fields) {
+            for (auto const& [fieldName, fieldValue] : form.m_Fields) {
                 content += "&" + percentEncoded(fieldName) + "=" + percentEncoded(fieldValue);
             }
-            return fetch(form.action, content);
+            return fetch(form.m_Action, content);
         }
     }
     throw std::runtime_error("the page has no button for \"" + decision + "\"");
@@ -117,12 +117,12 @@ Form readForm(std::string const& url, std::string const& page) {
     }
     Form form;
     Address const address = splitAddress(url);
-    form.action = "http://" + address.host + ":" + address.port + valueIn(forms[0], "action");
+    form.m_Action = "http://" + address.m_Host + ":" + address.m_Port + valueIn(forms[0], "action");
     for (std::string const& tag : tagsOf(page, "input")) {
-        form.fields.emplace_back(valueIn(tag, "name"), valueIn(tag, "value"));
+        form.m_Fields.emplace_back(valueIn(tag, "name"), valueIn(tag, "value"));
     }
     for (std::string const& tag : tagsOf(page, "button")) {
-        form.decisions.emplace_back(valueIn(tag, "name"), valueIn(tag, "value"));
+        form.m_Decisions.emplace_back(valueIn(tag, "name"), valueIn(tag, "value"));
     }
     return form;
 }

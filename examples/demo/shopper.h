@@ -17,9 +17,9 @@ std::string queryValue(std::string const& url, std::string const& name);
 
 /// The form of a payment page.
 struct Form {
-    std::string action;                                          ///< Absolute.
-    std::vector<std::pair<std::string, std::string>> fields;     ///< Hidden ones, name and value.
-    std::vector<std::pair<std::string, std::string>> decisions;  ///< Buttons, name and value.
+    std::string m_Action;                                          ///< Absolute.
+    std::vector<std::pair<std::string, std::string>> m_Fields;     ///< Hidden ones, name and value.
+    std::vector<std::pair<std::string, std::string>> m_Decisions;  ///< Buttons, name and value.
 };
 
 /// The form on `page`, which came from `url`.

@@ -58,12 +58,12 @@ std::string spread(std::string const& message) {
 
 void Story::chapter(std::string const& title) {
     std::cout << '\n' << painted(kBold, std::to_string(++m_Chapters) + ". " + title) << "\n\n";
-    m_Last = Told::Chapter;
+    m_Last = Told::kChapter;
 }
 
 void Story::say(std::string const& text) {
-    std::cout << (m_Last == Told::Chapter ? "" : "\n");
-    m_Last = Told::Paragraph;
+    std::cout << (m_Last == Told::kChapter ? "" : "\n");
+    m_Last = Told::kParagraph;
     std::istringstream words(text);
     std::string line = kMargin;
     std::string word;
@@ -81,8 +81,8 @@ void Story::say(std::string const& text) {
 }
 
 void Story::show(std::string const& label, std::string const& text) {
-    std::cout << (m_Last == Told::Chapter ? "" : "\n") << kMargin << label << '\n';
-    m_Last = Told::Block;
+    std::cout << (m_Last == Told::kChapter ? "" : "\n") << kMargin << label << '\n';
+    m_Last = Told::kBlock;
     std::istringstream lines(text);
     std::string line;
     while (std::getline(lines, line)) {
@@ -94,9 +94,9 @@ void Story::step(std::string const& action, std::string const& result, std::stri
                  std::string const& happened) {
     bool const asExpected = result == expected;
     m_Steps.push_back({action, result, asExpected ? happened : "expected: " + expected, asExpected});
-    std::cout << (m_Last == Told::Block ? "\n" : "") << kMargin << "-> " << action << ": "
-              << painted(asExpected ? kGreen : kRed, result) << " (" << m_Steps.back().happened << ")" << std::endl;
-    m_Last = Told::Step;
+    std::cout << (m_Last == Told::kBlock ? "\n" : "") << kMargin << "-> " << action << ": "
+              << painted(asExpected ? kGreen : kRed, result) << " (" << m_Steps.back().m_Happened << ")" << std::endl;
+    m_Last = Told::kStep;
     if (!asExpected) {
         throw Unexpected(action + " ended with \"" + result + "\", expected was \"" + expected + "\"");
     }
@@ -111,9 +111,9 @@ void Story::table() const {
     std::size_t resultWidth = 0;
     std::size_t happenedWidth = 0;
     for (Step const& step : m_Steps) {
-        actionWidth = std::max(actionWidth, step.action.size());
-        resultWidth = std::max(resultWidth, step.result.size());
-        happenedWidth = std::max(happenedWidth, step.happened.size());
+        actionWidth = std::max(actionWidth, step.m_Action.size());
+        resultWidth = std::max(resultWidth, step.m_Result.size());
+        happenedWidth = std::max(happenedWidth, step.m_Happened.size());
     }
     std::cout << '\n'
               << painted(kBold, " #  " + padded("step", actionWidth) + "  " + padded("result", resultWidth) + "  " +
@@ -122,9 +122,9 @@ void Story::table() const {
               << std::string(4 + actionWidth + 2 + resultWidth + 2 + happenedWidth, '-') << '\n';
     for (std::size_t at = 0; at < m_Steps.size(); ++at) {
         Step const& step = m_Steps[at];
-        std::cout << std::setw(2) << at + 1 << "  " << padded(step.action, actionWidth) << "  "
-                  << painted(step.asExpected ? kGreen : kRed, padded(step.result, resultWidth)) << "  " << step.happened
-                  << '\n';
+        std::cout << std::setw(2) << at + 1 << "  " << padded(step.m_Action, actionWidth) << "  "
+                  << painted(step.m_AsExpected ? kGreen : kRed, padded(step.m_Result, resultWidth)) << "  "
+                  << step.m_Happened << '\n';
     }
     std::cout << std::flush;
 }

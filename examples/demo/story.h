@@ -49,19 +49,19 @@ public:
     [[nodiscard]] std::size_t steps() const { return m_Steps.size(); }
 
 private:
-    enum class Told { Chapter, Paragraph, Block, Step };
+    enum class Told { kChapter, kParagraph, kBlock, kStep };
 
     struct Step {
-        std::string action;
-        std::string result;
-        std::string happened;
-        bool asExpected;
+        std::string m_Action;
+        std::string m_Result;
+        std::string m_Happened;
+        bool m_AsExpected;
     };
 
     [[nodiscard]] std::string painted(char const* colour, std::string const& text) const;
 
     bool m_Colours;
-    Told m_Last = Told::Chapter;  ///< Decides where an empty line goes.
+    Told m_Last = Told::kChapter;  ///< Decides where an empty line goes.
     int m_Chapters = 0;
     std::vector<Step> m_Steps;
 };

@@ -34,33 +34,33 @@ void Walk::setUp() {
     m_Story.chapter("The merchant sets up its account");
     m_Story.say(
         "A merchant has an account at a payment service, here the sandbox. Its side of it lives in the directory " +
-        m_Scene.directory);
+        m_Scene.m_Directory);
     SetupHandle const setup(CreateConfigurationSetup());
     m_Story.call("ConfigurationSetup_SetConfiguration",
-                 ConfigurationSetup_SetConfiguration(setup.get(), m_Scene.directory.c_str()), KVX_OK,
+                 ConfigurationSetup_SetConfiguration(setup.get(), m_Scene.m_Directory.c_str()), KVX_OK,
                  "the directory is made");
-    m_Story.say("Registering asks " + m_Scene.service +
+    m_Story.say("Registering asks " + m_Scene.m_Service +
                 " for the account's configuration, with user and password. "
                 "First with a wrong one:");
     m_Story.call("ConfigurationSetup_Reconfigure",
-                 ConfigurationSetup_Reconfigure(setup.get(), m_Scene.service.c_str(), kUser, "guessed"),
+                 ConfigurationSetup_Reconfigure(setup.get(), m_Scene.m_Service.c_str(), kUser, "guessed"),
                  KVX_E_SERVER_ERROR, "a wrong password: the service refuses");
     m_Story.call("ConfigurationSetup_Reconfigure",
-                 ConfigurationSetup_Reconfigure(setup.get(), m_Scene.service.c_str(), kUser, kPassword), KVX_OK,
+                 ConfigurationSetup_Reconfigure(setup.get(), m_Scene.m_Service.c_str(), kUser, kPassword), KVX_OK,
                  "registered, keys exchanged");
     showDirectory();
     CopiedText const payUrl = copiedText([&](std::int32_t* size, char* buffer) {
         return ConfigurationSetup_GetAttribute(setup.get(), "config.xml", "VTURL", size, buffer);
     });
-    m_Story.call("ConfigurationSetup_GetAttribute", payUrl.code, KVX_OK, "shoppers pay at " + payUrl.text);
+    m_Story.call("ConfigurationSetup_GetAttribute", payUrl.m_Code, KVX_OK, "shoppers pay at " + payUrl.m_Text);
 }
 
 void Walk::showDirectory() const {
     namespace fs = std::filesystem;
     std::vector<std::string> lines;
-    for (fs::directory_entry const& entry : fs::recursive_directory_iterator(m_Scene.directory)) {
+    for (fs::directory_entry const& entry : fs::recursive_directory_iterator(m_Scene.m_Directory)) {
         if (entry.is_regular_file()) {
-            lines.push_back(fs::relative(entry.path(), m_Scene.directory).string() + "  (" +
+            lines.push_back(fs::relative(entry.path(), m_Scene.m_Directory).string() + "  (" +
                             std::to_string(entry.file_size()) + " bytes)");
         }
     }
@@ -75,10 +75,10 @@ void Walk::showDirectory() const {
 
 void Walk::makePaymentUrl() {
     m_Story.chapter("A shopper buys a book: the shop makes a payment URL");
-    m_Story.call("MessageFactory_Open", MessageFactory_Open(m_Factory.get(), m_Scene.directory.c_str()), KVX_OK,
+    m_Story.call("MessageFactory_Open", MessageFactory_Open(m_Factory.get(), m_Scene.m_Directory.c_str()), KVX_OK,
                  "the shop works with this directory");
     openPayment(m_Book);
-    m_Story.say("The shop keeps the TOKEN with order " + m_Book.number +
+    m_Story.say("The shop keeps the TOKEN with order " + m_Book.m_Number +
                 " and sends the shopper's browser to the URL. "
                 "Nothing has been sent to the service by the shop itself.");
 }
@@ -86,11 +86,11 @@ void Walk::makePaymentUrl() {
 void Walk::openPayment(Order& order) {
     MessageHandle payment;
     m_Story.call("MessageFactory_CreatePayInit", MessageFactory_CreatePayInit(m_Factory.get(), payment.out()), KVX_OK,
-                 "a payment for order " + order.number);
+                 "a payment for order " + order.m_Number);
     std::vector<std::pair<char const*, std::string>> const attributes = {
-        {"ORDERID", order.number},
-        {"AMOUNT", order.amount},
-        {"CURRENCY", order.currency},
+        {"ORDERID", order.m_Number},
+        {"AMOUNT", order.m_Amount},
+        {"CURRENCY", order.m_Currency},
         {"SUCCESSLINK", m_Shop.link(kPaidPage)},
         {"FAILLINK", m_Shop.link(kDeclinedPage)},
         {"BACKLINK", m_Shop.link(kCancelledPage)},
@@ -99,17 +99,17 @@ void Walk::openPayment(Order& order) {
     for (auto const& [name, value] : attributes) {
         code = code == KVX_OK ? MessageObject_SetAttribute(payment.get(), name, value.c_str()) : code;
     }
-    m_Story.call("MessageObject_SetAttribute", code, KVX_OK, order.amount + " " + order.currency + ", ways back");
+    m_Story.call("MessageObject_SetAttribute", code, KVX_OK, order.m_Amount + " " + order.m_Currency + ", ways back");
     CopiedText const token = attributeOf(payment, "TOKEN");
-    m_Story.call("MessageObject_GetAttribute", token.code, KVX_OK, "TOKEN " + token.text);
+    m_Story.call("MessageObject_GetAttribute", token.m_Code, KVX_OK, "TOKEN " + token.m_Text);
     CopiedText const url = urlOf(payment);
-    m_Story.call("MessageObject_GetURL", url.code, KVX_OK,
-                 "signed, " + std::to_string(url.text.size()) + " characters");
-    order.token = token.text;
-    order.url = url.text;
+    m_Story.call("MessageObject_GetURL", url.m_Code, KVX_OK,
+                 "signed, " + std::to_string(url.m_Text.size()) + " characters");
+    order.m_Token = token.m_Text;
+    order.m_Url = url.m_Text;
     m_Story.show("The message:", spread(messageText(payment)));
-    m_Story.show("Its signature by our key:", queryValue(order.url, "SIGNATURE"));
-    m_Story.show("Both as the payment URL:", order.url);
+    m_Story.show("Its signature by our key:", queryValue(order.m_Url, "SIGNATURE"));
+    m_Story.show("Both as the payment URL:", order.m_Url);
 }
 
 void Walk::letShopperPay() {
@@ -119,28 +119,28 @@ void Walk::letShopperPay() {
 }
 
 Answer Walk::openPage(Order const& order) {
-    Answer const page = fetch(order.url);
-    m_Story.step("browser: GET payment URL", std::to_string(page.status), "200", "the service shows its page");
-    m_Story.show("The page reads:", visibleText(page.body));
+    Answer const page = fetch(order.m_Url);
+    m_Story.step("browser: GET payment URL", std::to_string(page.m_Status), "200", "the service shows its page");
+    m_Story.show("The page reads:", visibleText(page.m_Body));
     return page;
 }
 
 Visit Walk::decide(Order const& order, Answer const& page, std::string const& decision, std::string const& backAt) {
-    Form const form = readForm(order.url, page.body);
-    m_Story.say("The shopper presses the button \"" + decision + "\": POST " + form.action);
+    Form const form = readForm(order.m_Url, page.m_Body);
+    m_Story.say("The shopper presses the button \"" + decision + "\": POST " + form.m_Action);
     Answer const sentBack = press(form, decision);
-    m_Story.step("browser: POST decision", std::to_string(sentBack.status), "302", "decision: " + decision);
-    m_Story.show("The service sends the browser back to the shop:", sentBack.location);
-    Answer const welcome = fetch(sentBack.location);
+    m_Story.step("browser: POST decision", std::to_string(sentBack.m_Status), "302", "decision: " + decision);
+    m_Story.show("The service sends the browser back to the shop:", sentBack.m_Location);
+    Answer const welcome = fetch(sentBack.m_Location);
     Visit visit = m_Shop.latest();
-    m_Story.step("browser: GET " + visit.path, std::to_string(welcome.status), "200", "the shopper is back");
-    m_Story.step("shop: which page", visit.path, backAt, "where our links lead");
+    m_Story.step("browser: GET " + visit.m_Path, std::to_string(welcome.m_Status), "200", "the shopper is back");
+    m_Story.step("shop: which page", visit.m_Path, backAt, "where our links lead");
     return visit;
 }
 
 void Walk::showConfirmation(Visit const& visit) const {
-    m_Story.show("The shop's web server got DATA, percent-decoded:", spread(visit.data));
-    m_Story.show("and SIGNATURE, said to be the service's:", visit.signature);
+    m_Story.show("The shop's web server got DATA, percent-decoded:", spread(visit.m_Data));
+    m_Story.show("and SIGNATURE, said to be the service's:", visit.m_Signature);
 }
 
 void Walk::verifyConfirmation() {
@@ -150,31 +150,31 @@ void Walk::verifyConfirmation() {
         "verified with the service's key, and only if it is about this very order, paid in full.");
     MessageHandle confirmation;
     m_Story.call("MessageFactory_VerifyPayConfirm",
-                 MessageFactory_VerifyPayConfirm(m_Factory.get(), m_BookPaid.data.c_str(), m_BookPaid.signature.c_str(),
-                                                 confirmation.out()),
+                 MessageFactory_VerifyPayConfirm(m_Factory.get(), m_BookPaid.m_Data.c_str(),
+                                                 m_BookPaid.m_Signature.c_str(), confirmation.out()),
                  KVX_OK, "the service signed this text");
     m_Story.step("shop: MSGTYPE TOKEN AMOUNT CURRENCY RESULT", judge(confirmation, m_Book), "accepted",
                  "the order is paid, the book is sent");
-    m_Book.delivered = true;
+    m_Book.m_Delivered = true;
 }
 
 std::string Walk::judge(MessageHandle const& message, Order const& order) {
     std::vector<std::pair<char const*, std::string>> const musts = {{"MSGTYPE", "PayConfirm"},
-                                                                    {"TOKEN", order.token},
-                                                                    {"AMOUNT", order.amount},
-                                                                    {"CURRENCY", order.currency},
+                                                                    {"TOKEN", order.m_Token},
+                                                                    {"AMOUNT", order.m_Amount},
+                                                                    {"CURRENCY", order.m_Currency},
                                                                     {"RESULT", "authorised"}};
     for (auto const& [name, must] : musts) {
         CopiedText const value = attributeOf(message, name);
-        if (value.code != KVX_OK) {
+        if (value.m_Code != KVX_OK) {
             return std::string("refused: no ") + name;
         }
-        if (value.text != must) {
+        if (value.m_Text != must) {
             bool const opaque = std::string(name) == "TOKEN";
-            return std::string("refused: ") + name + (opaque ? " of another order" : " is " + value.text);
+            return std::string("refused: ") + name + (opaque ? " of another order" : " is " + value.m_Text);
         }
     }
-    return order.delivered ? "refused: delivered already" : "accepted";
+    return order.m_Delivered ? "refused: delivered already" : "accepted";
 }
 
 void Walk::capture() {
@@ -191,24 +191,25 @@ void Walk::capture() {
 }
 
 void Walk::fillForCapture(MessageHandle& message, Visit const& confirmation) {
-    m_Story.call("MessageObject_Open", MessageObject_Open(message.get(), m_Scene.directory.c_str()), KVX_OK,
+    m_Story.call("MessageObject_Open", MessageObject_Open(message.get(), m_Scene.m_Directory.c_str()), KVX_OK,
                  "an object with our key");
-    m_Story.call("MessageObject_FromString", MessageObject_FromString(message.get(), confirmation.data.c_str()), KVX_OK,
-                 "the confirmation's text");
+    m_Story.call("MessageObject_FromString", MessageObject_FromString(message.get(), confirmation.m_Data.c_str()),
+                 KVX_OK, "the confirmation's text");
 }
 
 void Walk::complete() {
     m_Story.chapter("The shop completes the payment");
     MessageHandle confirmation;
     m_Story.call("MessageFactory_VerifyPayConfirm",
-                 MessageFactory_VerifyPayConfirm(m_Factory.get(), m_BookPaid.data.c_str(), m_BookPaid.signature.c_str(),
-                                                 confirmation.out()),
+                 MessageFactory_VerifyPayConfirm(m_Factory.get(), m_BookPaid.m_Data.c_str(),
+                                                 m_BookPaid.m_Signature.c_str(), confirmation.out()),
                  KVX_OK, "to read the payment's ID");
-    std::string const id = attributeOf(confirmation, "ID").text;
+    std::string const id = attributeOf(confirmation, "ID").m_Text;
     MessageHandle completion;
-    m_Story.call("MessageFactory_CreatePayComplete",
-                 MessageFactory_CreatePayComplete(m_Factory.get(), id.c_str(), m_Book.token.c_str(), completion.out()),
-                 KVX_OK, "ID " + id);
+    m_Story.call(
+        "MessageFactory_CreatePayComplete",
+        MessageFactory_CreatePayComplete(m_Factory.get(), id.c_str(), m_Book.m_Token.c_str(), completion.out()), KVX_OK,
+        "ID " + id);
     MessageHandle completed;
     m_Story.call("MessageObject_Execute", MessageObject_Execute(completion.get(), completed.out()), KVX_OK,
                  "sent, PayCompleteResponse came back");
@@ -221,12 +222,13 @@ void Walk::askState(Order const& order, std::string const& expected) {
     m_Story.call("MessageFactory_CreateRequest",
                  MessageFactory_CreateRequest(m_Factory.get(), "Status", question.out()), KVX_OK,
                  "how does a payment stand?");
-    m_Story.call("MessageObject_SetAttribute", MessageObject_SetAttribute(question.get(), "TOKEN", order.token.c_str()),
-                 KVX_OK, "that of order " + order.number);
+    m_Story.call("MessageObject_SetAttribute",
+                 MessageObject_SetAttribute(question.get(), "TOKEN", order.m_Token.c_str()), KVX_OK,
+                 "that of order " + order.m_Number);
     MessageHandle status;
     m_Story.call("MessageObject_Execute", MessageObject_Execute(question.get(), status.out()), KVX_OK,
                  "sent, StatusResponse came back");
-    m_Story.step("shop: STATE of the payment", attributeOf(status, "STATE").text, expected, "says the service");
+    m_Story.step("shop: STATE of the payment", attributeOf(status, "STATE").m_Text, expected, "says the service");
 }
 
 void Walk::letShopperCancel() {

@@ -11,18 +11,18 @@ namespace demo {
 
 /// What the shop knows of one purchase.
 struct Order {
-    std::string number;
-    std::string amount;
-    std::string currency;
-    std::string token;       ///< Of its payment; ties the confirmation to this order.
-    std::string url;         ///< The payment URL.
-    bool delivered = false;  ///< Goods have left the house, never to do so again for this order.
+    std::string m_Number;
+    std::string m_Amount;
+    std::string m_Currency;
+    std::string m_Token;       ///< Of its payment; ties the confirmation to this order.
+    std::string m_Url;         ///< The payment URL.
+    bool m_Delivered = false;  ///< Goods have left the house, never to do so again for this order.
 };
 
 /// Where everything happens.
 struct Scene {
-    std::string service;    ///< Address of the payment service's set-up.
-    std::string directory;  ///< The merchant's configuration directory; its parent exists.
+    std::string m_Service;    ///< Address of the payment service's set-up.
+    std::string m_Directory;  ///< The merchant's configuration directory; its parent exists.
 };
 
 /// A merchant and its shoppers, from the first set-up to the last refused trick. Every method is a chapter and relies

@@ -25,18 +25,18 @@ void Walk::refuseForgeries() {
     m_Story.say(
         "The second shopper wants the lamp without paying and edits the address in her browser: \"cancelled\" "
         "becomes \"authorised\". Others try other things.");
-    mustRefuse("RESULT rewritten", altered(m_LampCancelled.data, "RESULT=\"cancelled\"", "RESULT=\"authorised\""),
-               m_LampCancelled.signature, KVX_E_INVALID_SIGNATURE);
-    mustRefuse("AMOUNT rewritten", altered(m_BookPaid.data, "AMOUNT=\"" + m_Book.amount, "AMOUNT=\"1.00"),
-               m_BookPaid.signature, KVX_E_INVALID_SIGNATURE);
-    mustRefuse("one space added", m_BookPaid.data + " ", m_BookPaid.signature, KVX_E_INVALID_SIGNATURE);
-    mustRefuse("another's signature", m_BookPaid.data, m_LampCancelled.signature, KVX_E_INVALID_SIGNATURE);
-    mustRefuse("signature of nonsense", m_BookPaid.data, "not a signature", KVX_E_INVALID_KEY);
-    mustRefuse("no signature", m_BookPaid.data, "", KVX_E_MISSING_SIGNATURE);
-    mustRefuse("no message", "<html>paid</html>", m_BookPaid.signature, KVX_E_INVALID_FORMAT);
+    mustRefuse("RESULT rewritten", altered(m_LampCancelled.m_Data, "RESULT=\"cancelled\"", "RESULT=\"authorised\""),
+               m_LampCancelled.m_Signature, KVX_E_INVALID_SIGNATURE);
+    mustRefuse("AMOUNT rewritten", altered(m_BookPaid.m_Data, "AMOUNT=\"" + m_Book.m_Amount, "AMOUNT=\"1.00"),
+               m_BookPaid.m_Signature, KVX_E_INVALID_SIGNATURE);
+    mustRefuse("one space added", m_BookPaid.m_Data + " ", m_BookPaid.m_Signature, KVX_E_INVALID_SIGNATURE);
+    mustRefuse("another's signature", m_BookPaid.m_Data, m_LampCancelled.m_Signature, KVX_E_INVALID_SIGNATURE);
+    mustRefuse("signature of nonsense", m_BookPaid.m_Data, "not a signature", KVX_E_INVALID_KEY);
+    mustRefuse("no signature", m_BookPaid.m_Data, "", KVX_E_MISSING_SIGNATURE);
+    mustRefuse("no message", "<html>paid</html>", m_BookPaid.m_Signature, KVX_E_INVALID_FORMAT);
     m_Story.say("A cheaper lamp is tried on the way to the service as well: AMOUNT changed inside the payment URL.");
-    std::string const cheaper = altered(m_Lamp.url, "249%2e00", "2%2e00");
-    m_Story.step("browser: GET altered payment URL", std::to_string(fetch(cheaper).status), "400",
+    std::string const cheaper = altered(m_Lamp.m_Url, "249%2e00", "2%2e00");
+    m_Story.step("browser: GET altered payment URL", std::to_string(fetch(cheaper).m_Status), "400",
                  "the service refuses as well");
 }
 
@@ -47,7 +47,7 @@ void Walk::refuseMisuse() {
         "about is for the shop to check, and it does:");
     mustReject("shop: the book's confirmation, for the lamp", m_BookPaid, m_Lamp, "refused: TOKEN of another order");
     mustReject("shop: the book's confirmation, once more", m_BookPaid, m_Book, "refused: delivered already");
-    Visit const ownPayment{"", percentDecoded(queryValue(m_Lamp.url, "DATA")), queryValue(m_Lamp.url, "SIGNATURE")};
+    Visit const ownPayment{"", percentDecoded(queryValue(m_Lamp.m_Url, "DATA")), queryValue(m_Lamp.m_Url, "SIGNATURE")};
     mustReject("shop: our own payment message sent back", ownPayment, m_Lamp, "refused: MSGTYPE is PayInit");
 }
 
@@ -61,10 +61,10 @@ void Walk::mustRefuse(std::string const& trick, std::string const& data, std::st
 
 void Walk::mustReject(std::string const& trick, Visit const& visit, Order const& order, std::string const& objection) {
     MessageHandle message;
-    m_Story.call(
-        "MessageFactory_VerifyPayConfirm",
-        MessageFactory_VerifyPayConfirm(m_Factory.get(), visit.data.c_str(), visit.signature.c_str(), message.out()),
-        KVX_OK, "the signature is genuine");
+    m_Story.call("MessageFactory_VerifyPayConfirm",
+                 MessageFactory_VerifyPayConfirm(m_Factory.get(), visit.m_Data.c_str(), visit.m_Signature.c_str(),
+                                                 message.out()),
+                 KVX_OK, "the signature is genuine");
     m_Story.step(trick, judge(message, order), objection, "no goods for that");
 }
 

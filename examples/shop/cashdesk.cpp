@@ -31,11 +31,11 @@ bool noted(Calls& calls, std::string const& function, std::int32_t code) {
 
 /// A copied text, its call noted. Throws Objection when there is none.
 std::string mustCopy(Calls& calls, std::string const& function, CopiedText const& copied) {
-    if (!noted(calls, function, copied.code)) {
-        throw Objection("The payment could not be prepared", "The payment component answers: " + calls.back().result,
-                        calls, Objection::Shop);
+    if (!noted(calls, function, copied.m_Code)) {
+        throw Objection("The payment could not be prepared", "The payment component answers: " + calls.back().m_Result,
+                        calls, Objection::kShop);
     }
-    return copied.text;
+    return copied.m_Text;
 }
 
 /// Throws Objection when the call went wrong.
@@ -70,30 +70,30 @@ CopiedText fromDirectory(SetupHandle const& setup, std::string const& file, char
 
 /// Requires: a message that names `key` was verified, so it is a name and not a way out of the directory.
 bool isOwnKey(SetupHandle const& setup, std::string const& key) {
-    return fromDirectory(setup, "keys/private/" + key, "").code != KVX_E_CANNOT_OPEN;
+    return fromDirectory(setup, "keys/private/" + key, "").m_Code != KVX_E_CANNOT_OPEN;
 }
 
 /// An attribute that a confirmation must have, and why it is refused when it has another value.
 struct Demand {
-    char const* name;
-    std::vector<std::string> values;
-    std::string otherwise;
+    char const* m_Name;
+    std::vector<std::string> m_Values;
+    std::string m_Otherwise;
 };
 
 /// Returns the value. Throws Objection when it is none of those that are demanded.
 std::string check(MessageHandle const& message, Demand const& demand, Calls& calls) {
-    CopiedText const found = demo::attributeOf(message, demand.name);
-    bool const there = noted(calls, callFor("MessageObject_GetAttribute", demand.name), found.code);
+    CopiedText const found = demo::attributeOf(message, demand.m_Name);
+    bool const there = noted(calls, callFor("MessageObject_GetAttribute", demand.m_Name), found.m_Code);
     std::string wanted;
-    for (std::string const& value : demand.values) {
-        if (there && found.text == value) {
+    for (std::string const& value : demand.m_Values) {
+        if (there && found.m_Text == value) {
             return value;
         }
         wanted += (wanted.empty() ? "\"" : " or \"") + value + "\"";
     }
-    throw Objection(kRefused,
-                    demand.otherwise + " " + demand.name + " is \"" + found.text + "\", it must be " + wanted + ".",
-                    calls);
+    throw Objection(
+        kRefused, demand.m_Otherwise + " " + demand.m_Name + " is \"" + found.m_Text + "\", it must be " + wanted + ".",
+        calls);
 }
 
 }  // namespace
@@ -104,8 +104,8 @@ Payment CashDesk::openPayment(Order const& order, std::string const& orderAddres
     must(calls, "MessageFactory_Open", MessageFactory_Open(factory.get(), m_Account.directory().c_str()));
     must(calls, "MessageFactory_CreatePayInit", MessageFactory_CreatePayInit(factory.get(), payment.out()));
     std::pair<char const*, std::string> const attributes[] = {
-        {"ORDERID", order.number},
-        {"AMOUNT", amountText(order.cents)},
+        {"ORDERID", order.m_Number},
+        {"AMOUNT", amountText(order.m_Cents)},
         {"CURRENCY", kCurrency},
         {"SUCCESSLINK", orderAddress + "/paid"},
         {"FAILLINK", orderAddress + "/declined"},
@@ -117,32 +117,32 @@ Payment CashDesk::openPayment(Order const& order, std::string const& orderAddres
              MessageObject_SetAttribute(payment.get(), name, value.c_str()));
     }
     Payment opened;
-    opened.token = mustCopy(calls, "MessageObject_GetAttribute (TOKEN)", demo::attributeOf(payment, "TOKEN"));
-    opened.expiration =
+    opened.m_Token = mustCopy(calls, "MessageObject_GetAttribute (TOKEN)", demo::attributeOf(payment, "TOKEN"));
+    opened.m_Expiration =
         mustCopy(calls, "MessageObject_GetAttribute (EXPIRATION)", demo::attributeOf(payment, "EXPIRATION"));
-    opened.url = mustCopy(calls, "MessageObject_GetURL", demo::urlOf(payment));
-    opened.message = demo::messageText(payment);
+    opened.m_Url = mustCopy(calls, "MessageObject_GetURL", demo::urlOf(payment));
+    opened.m_Message = demo::messageText(payment);
     return opened;
 }
 
 /// A message, verified, unless a key signed it that may be one which the service has made since the set-up.
 struct CashDesk::Reading {
-    bool byUnknownKey = false;
-    std::string serverKey;  ///< The name of the service's key, as far as the directory knows.
-    std::unique_ptr<MessageHandle> message;
+    bool m_ByUnknownKey = false;
+    std::string m_ServerKey;  ///< The name of the service's key, as far as the directory knows.
+    std::unique_ptr<MessageHandle> m_Message;
 };
 
 /// Throws Objection when it is clear that the message is no good.
 CashDesk::Reading CashDesk::read(std::string const& data, std::string const& signature, Calls& calls) const {
     Reading reading;
-    reading.message = std::make_unique<MessageHandle>();
+    reading.m_Message = std::make_unique<MessageHandle>();
     FactoryHandle const factory(CreateMessageFactory());
     must(calls, "MessageFactory_Open", MessageFactory_Open(factory.get(), m_Account.directory().c_str()));
     std::int32_t const code =
-        MessageFactory_VerifyPayConfirm(factory.get(), data.c_str(), signature.c_str(), reading.message->out());
+        MessageFactory_VerifyPayConfirm(factory.get(), data.c_str(), signature.c_str(), reading.m_Message->out());
     bool const verified = noted(calls, "MessageFactory_VerifyPayConfirm", code);
-    reading.byUnknownKey = code == KVX_E_NOT_FOUND;
-    if (reading.byUnknownKey) {
+    reading.m_ByUnknownKey = code == KVX_E_NOT_FOUND;
+    if (reading.m_ByUnknownKey) {
         return reading;
     }
     if (!verified) {
@@ -151,11 +151,11 @@ CashDesk::Reading CashDesk::read(std::string const& data, std::string const& sig
     SetupHandle const setup(CreateConfigurationSetup());
     must(calls, "ConfigurationSetup_SetConfiguration",
          ConfigurationSetup_SetConfiguration(setup.get(), m_Account.directory().c_str()));
-    reading.serverKey =
+    reading.m_ServerKey =
         mustCopy(calls, "ConfigurationSetup_GetAttribute (VTKEYID)", fromDirectory(setup, "config.xml", "VTKEYID"));
-    std::string const key = demo::attributeOf(*reading.message, "KEYID").text;
+    std::string const key = demo::attributeOf(*reading.m_Message, "KEYID").m_Text;
     // What our own key signed, as every payment message in a visitor's address, tells nothing of the service's keys.
-    reading.byUnknownKey = key != reading.serverKey && !isOwnKey(setup, key);
+    reading.m_ByUnknownKey = key != reading.m_ServerKey && !isOwnKey(setup, key);
     return reading;
 }
 
@@ -169,32 +169,32 @@ Confirmation CashDesk::verify(Order const& order, std::vector<std::string> const
         throw Objection(kRefused, "What came as its signature holds a zero byte, so it is none.");
     }
     Reading reading = read(data, signature, calls);
-    if (reading.byUnknownKey) {
+    if (reading.m_ByUnknownKey) {
         m_Account.setUpAgain(calls);
         reading = read(data, signature, calls);
     }
-    if (reading.byUnknownKey) {
+    if (reading.m_ByUnknownKey) {
         throw Objection(kRefused,
                         "It is signed by a key which the payment service does not name as its own. If it has changed "
                         "its key since you paid, go on from the order's page.",
                         calls);
     }
-    MessageHandle const& message = *reading.message;
-    std::vector<std::string> tokens = order.overtaken;
-    tokens.push_back(order.payment.token);
+    MessageHandle const& message = *reading.m_Message;
+    std::vector<std::string> tokens = order.m_Overtaken;
+    tokens.push_back(order.m_Payment.m_Token);
     // A good signature alone proves little: messages of other kinds and orders, and older ones, are signed as well.
     Demand const demands[] = {
         {"MSGTYPE", {"PayConfirm"}, "It is genuine, but it confirms nothing."},
-        {"KEYID", {reading.serverKey}, "It is not the payment service who signed it."},
-        {"ORDERID", {order.number}, "It is genuine, but it is the confirmation of another order."},
+        {"KEYID", {reading.m_ServerKey}, "It is not the payment service who signed it."},
+        {"ORDERID", {order.m_Number}, "It is genuine, but it is the confirmation of another order."},
         {"TOKEN", tokens, "It is genuine, but it is the confirmation of another payment."},
-        {"AMOUNT", {amountText(order.cents)}, "It is over another amount."},
+        {"AMOUNT", {amountText(order.m_Cents)}, "It is over another amount."},
         {"CURRENCY", {kCurrency}, "It is over an amount in another currency."},
     };
     for (Demand const& demand : demands) {
         check(message, demand, calls);
     }
-    std::string const token = demo::attributeOf(message, "TOKEN").text;
+    std::string const token = demo::attributeOf(message, "TOKEN").m_Text;
     std::string const result =
         check(message, {"RESULT", results, "It tells of another outcome than this address."}, calls);
     std::string const id = mustCopy(calls, "MessageObject_GetAttribute (ID)", demo::attributeOf(message, "ID"));
@@ -206,7 +206,7 @@ bool CashDesk::capture(Confirmation const& confirmation, Calls& calls) const {
     MessageHandle const message(CreateMessageObject());
     return noted(calls, "MessageObject_Open", MessageObject_Open(message.get(), m_Account.directory().c_str())) &&
            noted(calls, "MessageObject_FromString",
-                 MessageObject_FromString(message.get(), confirmation.data.c_str())) &&
+                 MessageObject_FromString(message.get(), confirmation.m_Data.c_str())) &&
            noted(calls, "MessageObject_Capture", MessageObject_Capture(message.get()));
 }
 
@@ -216,8 +216,8 @@ bool CashDesk::complete(Confirmation const& confirmation, Calls& calls) const {
     MessageHandle answer;
     return noted(calls, "MessageFactory_Open", MessageFactory_Open(factory.get(), m_Account.directory().c_str())) &&
            noted(calls, "MessageFactory_CreatePayComplete",
-                 MessageFactory_CreatePayComplete(factory.get(), confirmation.id.c_str(), confirmation.token.c_str(),
-                                                  completion.out())) &&
+                 MessageFactory_CreatePayComplete(factory.get(), confirmation.m_Id.c_str(),
+                                                  confirmation.m_Token.c_str(), completion.out())) &&
            noted(calls, "MessageObject_Execute (PayComplete)", MessageObject_Execute(completion.get(), answer.out()));
 }
 
@@ -232,7 +232,7 @@ std::string CashDesk::state(std::string const& token, Calls& calls) const {
         noted(calls, "MessageObject_SetAttribute (TOKEN)",
               MessageObject_SetAttribute(question.get(), "TOKEN", token.c_str())) &&
         noted(calls, "MessageObject_Execute (Status)", MessageObject_Execute(question.get(), answer.out()));
-    return answered ? demo::attributeOf(answer, "STATE").text : "";
+    return answered ? demo::attributeOf(answer, "STATE").m_Text : "";
 }
 
 }  // namespace storefront

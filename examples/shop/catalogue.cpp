@@ -22,7 +22,7 @@ std::array<Article, 3> const& catalogue() {
 
 Article const* findArticle(std::string const& id) {
     for (Article const& article : kArticles) {
-        if (id == article.id) {
+        if (id == article.m_Id) {
             return &article;
         }
     }
@@ -33,7 +33,7 @@ std::int64_t totalCents(Quantities const& quantities) {
     std::int64_t total = 0;
     for (auto const& [id, quantity] : quantities) {
         Article const* const article = findArticle(id);
-        total += article == nullptr ? 0 : article->cents * quantity;
+        total += article == nullptr ? 0 : article->m_Cents * quantity;
     }
     return total;
 }

@@ -12,10 +12,10 @@ constexpr char kCurrency[] = "EUR";
 
 /// Something to buy.
 struct Article {
-    char const* id;
-    char const* name;
-    char const* description;
-    std::int64_t cents;  ///< The price of one.
+    char const* m_Id;
+    char const* m_Name;
+    char const* m_Description;
+    std::int64_t m_Cents;  ///< The price of one.
 };
 
 /// How many of which article, by the article's id. What nobody wants has no entry, so that "empty" means empty.

@@ -30,8 +30,8 @@ constexpr char kNavigation[] =
 
 /// How long a sequence is that begins with `lead`, and the smallest number that needs that many bytes.
 struct Form {
-    std::size_t length;
-    std::uint32_t smallest;
+    std::size_t m_Length;
+    std::uint32_t m_Smallest;
 };
 
 Form formOf(unsigned char lead) {
@@ -51,11 +51,11 @@ Form formOf(unsigned char lead) {
 std::size_t sequenceAt(std::string const& text, std::size_t at) {
     unsigned char const lead = static_cast<unsigned char>(text[at]);
     Form const form = formOf(lead);
-    if (form.length < 2 || text.size() - at < form.length) {
-        return form.length == 1 ? 1 : 0;
+    if (form.m_Length < 2 || text.size() - at < form.m_Length) {
+        return form.m_Length == 1 ? 1 : 0;
     }
-    std::uint32_t value = lead & (0x7FU >> form.length);
-    for (std::size_t next = at + 1; next < at + form.length; ++next) {
+    std::uint32_t value = lead & (0x7FU >> form.m_Length);
+    for (std::size_t next = at + 1; next < at + form.m_Length; ++next) {
         unsigned char const byte = static_cast<unsigned char>(text[next]);
         if ((byte & 0xC0) != 0x80) {
             return 0;
@@ -63,7 +63,7 @@ std::size_t sequenceAt(std::string const& text, std::size_t at) {
         value = value << 6 | (byte & 0x3FU);
     }
     bool const surrogate = value >= 0xD800 && value <= 0xDFFF;
-    return value < form.smallest || value > 0x10FFFF || surrogate ? 0 : form.length;
+    return value < form.m_Smallest || value > 0x10FFFF || surrogate ? 0 : form.m_Length;
 }
 
 bool isControl(char c) {

@@ -37,8 +37,8 @@ void MerchantAccount::setUpOnce() {
     demo::CopiedText const key = demo::copiedText([&](std::int32_t* size, char* buffer) {
         return ConfigurationSetup_GetAttribute(setup.get(), "keys/current", "", size, buffer);
     });
-    if (key.code != KVX_E_CANNOT_OPEN) {
-        must("reading the name of the current key", key.code);
+    if (key.m_Code != KVX_E_CANNOT_OPEN) {
+        must("reading the name of the current key", key.m_Code);
         return;
     }
     must("registering",

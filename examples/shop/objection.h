@@ -9,8 +9,8 @@ namespace storefront {
 
 /// What a call of the library did, for the pages that show what happens underneath.
 struct Call {
-    std::string function;
-    std::string result;  ///< Code and text.
+    std::string m_Function;
+    std::string m_Result;  ///< Code and text.
 };
 
 using Calls = std::vector<Call>;
@@ -19,9 +19,9 @@ using Calls = std::vector<Call>;
 class Objection : public std::exception {
 public:
     /// Whose mistake it is, as a status of HTTP.
-    enum Fault { Visitor = 400, Unknown = 404, Shop = 500, Busy = 503 };
+    enum Fault { kVisitor = 400, kUnknown = 404, kShop = 500, kBusy = 503 };
 
-    Objection(std::string title, std::string reason, Calls calls = {}, Fault fault = Visitor)
+    Objection(std::string title, std::string reason, Calls calls = {}, Fault fault = kVisitor)
         : m_Title(std::move(title)), m_Reason(std::move(reason)), m_Calls(std::move(calls)), m_Fault(fault) {}
 
     [[nodiscard]] char const* what() const noexcept override { return m_Reason.c_str(); }

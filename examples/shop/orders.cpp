@@ -10,7 +10,7 @@ namespace storefront {
 namespace {
 
 bool waitsFor(Order const& order, Confirmation const& confirmation) {
-    return order.state == OrderState::Waiting && order.payment.token == confirmation.token;
+    return order.m_State == OrderState::kWaiting && order.m_Payment.m_Token == confirmation.m_Token;
 }
 
 bool contains(std::vector<std::string> const& texts, std::string const& text) {
@@ -20,7 +20,8 @@ bool contains(std::vector<std::string> const& texts, std::string const& text) {
 /// Deliberate: a payment that another one overtook still pays an open order. The visitor may have paid just in time,
 /// and the confirmation came late.
 bool canBePaidBy(Order const& order, Confirmation const& confirmation) {
-    return waitsFor(order, confirmation) || (isOpen(order.state) && contains(order.overtaken, confirmation.token));
+    return waitsFor(order, confirmation) ||
+           (isOpen(order.m_State) && contains(order.m_Overtaken, confirmation.m_Token));
 }
 
 void append(Calls& calls, Calls const& more) {
@@ -37,9 +38,9 @@ std::string Orders::newNumber() {
 
 std::string Orders::add(Order order) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
-    auto const [made, isFirst] = m_Made.try_emplace({order.visitor, order.key}, order.number);
+    auto const [made, isFirst] = m_Made.try_emplace({order.m_Visitor, order.m_Key}, order.m_Number);
     if (isFirst) {
-        m_Orders.emplace(order.number, std::move(order));
+        m_Orders.emplace(order.m_Number, std::move(order));
     }
     return made->second;
 }
@@ -60,17 +61,17 @@ bool Orders::waitFor(std::string const& number, std::string const& instead, Paym
                      Calls const& calls) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Order& order = m_Orders.at(number);
-    if (!isOpen(order.state) || order.payment.token != instead) {
+    if (!isOpen(order.m_State) || order.m_Payment.m_Token != instead) {
         return false;
     }
-    if (order.state == OrderState::Waiting) {
-        order.overtaken.push_back(instead);
+    if (order.m_State == OrderState::kWaiting) {
+        order.m_Overtaken.push_back(instead);
     }
-    order.payment = payment;
-    order.state = OrderState::Waiting;
-    order.confirmation = {};
-    order.received.clear();
-    order.calls = calls;
+    order.m_Payment = payment;
+    order.m_State = OrderState::kWaiting;
+    order.m_Confirmation = {};
+    order.m_Received.clear();
+    order.m_Calls = calls;
     return true;
 }
 
@@ -81,10 +82,10 @@ bool Orders::giveUp(std::string const& number, OrderState state, Messenger messe
     if (!waitsFor(order, confirmation)) {
         return false;
     }
-    order.state = state;
-    order.confirmation = confirmation;
-    order.received[messenger] = confirmation;
-    append(order.calls, calls);
+    order.m_State = state;
+    order.m_Confirmation = confirmation;
+    order.m_Received[messenger] = confirmation;
+    append(order.m_Calls, calls);
     return true;
 }
 
@@ -92,40 +93,40 @@ bool Orders::pay(std::string const& number, Messenger messenger, Confirmation co
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Order& order = m_Orders.at(number);
     if (!canBePaidBy(order, confirmation)) {
-        bool const another = !isOpen(order.state) && order.confirmation.token != confirmation.token;
-        if (another && !contains(order.surplus, confirmation.id)) {
-            order.surplus.push_back(confirmation.id);
+        bool const another = !isOpen(order.m_State) && order.m_Confirmation.m_Token != confirmation.m_Token;
+        if (another && !contains(order.m_Surplus, confirmation.m_Id)) {
+            order.m_Surplus.push_back(confirmation.m_Id);
         }
         return false;
     }
-    order.state = OrderState::Paid;
-    order.settling = true;
-    order.confirmation = confirmation;
-    order.received[messenger] = confirmation;
-    append(order.calls, calls);
+    order.m_State = OrderState::kPaid;
+    order.m_Settling = true;
+    order.m_Confirmation = confirmation;
+    order.m_Received[messenger] = confirmation;
+    append(order.m_Calls, calls);
     return true;
 }
 
 bool Orders::meet(std::string const& number, Messenger messenger, Confirmation const& confirmation) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Order& order = m_Orders.at(number);
-    Confirmation const& accepted = order.confirmation;
-    if (accepted.token != confirmation.token || accepted.id != confirmation.id ||
-        accepted.result != confirmation.result) {
+    Confirmation const& accepted = order.m_Confirmation;
+    if (accepted.m_Token != confirmation.m_Token || accepted.m_Id != confirmation.m_Id ||
+        accepted.m_Result != confirmation.m_Result) {
         return false;
     }
-    bool const first = order.received.emplace(messenger, confirmation).second;
-    return first || messenger == Messenger::Service || isOpen(order.state);
+    bool const first = order.m_Received.emplace(messenger, confirmation).second;
+    return first || messenger == Messenger::kService || isOpen(order.m_State);
 }
 
 bool Orders::settleAgain(std::string const& number) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Order& order = m_Orders.at(number);
-    bool const unsettled = order.state == OrderState::CaptureFailed || order.state == OrderState::Captured;
-    if (!unsettled || order.settling) {
+    bool const unsettled = order.m_State == OrderState::kCaptureFailed || order.m_State == OrderState::kCaptured;
+    if (!unsettled || order.m_Settling) {
         return false;
     }
-    order.settling = true;
+    order.m_Settling = true;
     return true;
 }
 
@@ -133,7 +134,7 @@ std::vector<std::string> Orders::inSettlement() const {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     std::vector<std::string> numbers;
     for (auto const& [number, order] : m_Orders) {
-        if (order.settling) {
+        if (order.m_Settling) {
             numbers.push_back(number);
         }
     }
@@ -143,9 +144,9 @@ std::vector<std::string> Orders::inSettlement() const {
 void Orders::settled(std::string const& number, OrderState state, Calls const& calls) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Order& order = m_Orders.at(number);
-    order.state = state;
-    order.settling = false;
-    append(order.calls, calls);
+    order.m_State = state;
+    order.m_Settling = false;
+    append(order.m_Calls, calls);
 }
 
 }  // namespace storefront

@@ -15,52 +15,52 @@ namespace storefront {
 
 /// Where an order stands. `Waiting` leads to `Declined`, `Expired` and `Cancelled`, from which a new payment leads
 /// back, or to `Paid`, from which nothing leads back: then `CaptureFailed` or `Captured`, and in the end `Completed`.
-enum class OrderState { Waiting, Declined, Expired, Cancelled, Paid, CaptureFailed, Captured, Completed };
+enum class OrderState { kWaiting, kDeclined, kExpired, kCancelled, kPaid, kCaptureFailed, kCaptured, kCompleted };
 
 /// Whether the payment has come to nothing and another one may be made.
 constexpr bool isGivenUp(OrderState state) {
-    return state == OrderState::Declined || state == OrderState::Expired || state == OrderState::Cancelled;
+    return state == OrderState::kDeclined || state == OrderState::kExpired || state == OrderState::kCancelled;
 }
 
 /// Whether the order can still be paid.
 constexpr bool isOpen(OrderState state) {
-    return state == OrderState::Waiting || isGivenUp(state);
+    return state == OrderState::kWaiting || isGivenUp(state);
 }
 
 /// A payment at the service, as the shop started it.
 struct Payment {
-    std::string token;       ///< Tells this payment's confirmation from all others.
-    std::string url;         ///< Where the visitor pays.
-    std::string message;     ///< The PayInit message that is in the URL.
-    std::string expiration;  ///< When it is too late to pay, as UTC in the form "YYYYMMDD HH:MM:SS".
+    std::string m_Token;       ///< Tells this payment's confirmation from all others.
+    std::string m_Url;         ///< Where the visitor pays.
+    std::string m_Message;     ///< The PayInit message that is in the URL.
+    std::string m_Expiration;  ///< When it is too late to pay, as UTC in the form "YYYYMMDD HH:MM:SS".
 };
 
 /// Who brought a confirmation: the visitor that came back, or the payment service itself.
-enum class Messenger { Visitor, Service };
+enum class Messenger { kVisitor, kService };
 
 /// What the service says of a payment, verified.
 struct Confirmation {
-    std::string token;
-    std::string id;      ///< The payment's name at the service.
-    std::string result;  ///< How it ended.
-    std::string data;
-    std::string signature;
+    std::string m_Token;
+    std::string m_Id;      ///< The payment's name at the service.
+    std::string m_Result;  ///< How it ended.
+    std::string m_Data;
+    std::string m_Signature;
 };
 
 struct Order {
-    std::string number;  ///< Cannot be guessed: whoever knows an order's address sees the order.
-    std::string visitor;
-    std::string key;  ///< Of the visitor's form that made the order; makes no other one.
-    Quantities quantities;
-    std::int64_t cents = 0;
-    Payment payment;                     ///< The latest one.
-    std::vector<std::string> overtaken;  ///< Tokens of earlier ones that ran out of time, their end unknown.
-    std::vector<std::string> surplus;    ///< Ids of payments that were authorised beside the one that is captured.
-    OrderState state = OrderState::Waiting;
-    bool settling = false;      ///< Somebody is capturing or completing right now.
-    Confirmation confirmation;  ///< The accepted one, of `payment` or of one that it overtook; empty before.
-    std::map<Messenger, Confirmation> received;  ///< The accepted one as each messenger brought it.
-    Calls calls;                                 ///< What the library did for `payment`, oldest first.
+    std::string m_Number;  ///< Cannot be guessed: whoever knows an order's address sees the order.
+    std::string m_Visitor;
+    std::string m_Key;  ///< Of the visitor's form that made the order; makes no other one.
+    Quantities m_Quantities;
+    std::int64_t m_Cents = 0;
+    Payment m_Payment;                     ///< The latest one.
+    std::vector<std::string> m_Overtaken;  ///< Tokens of earlier ones that ran out of time, their end unknown.
+    std::vector<std::string> m_Surplus;    ///< Ids of payments that were authorised beside the one that is captured.
+    OrderState m_State = OrderState::kWaiting;
+    bool m_Settling = false;      ///< Somebody is capturing or completing right now.
+    Confirmation m_Confirmation;  ///< The accepted one, of `payment` or of one that it overtook; empty before.
+    std::map<Messenger, Confirmation> m_Received;  ///< The accepted one as each messenger brought it.
+    Calls m_Calls;                                 ///< What the library did for `payment`, oldest first.
 };
 
 /// The orders, as a shop keeps them in its database. All functions may be called by any thread at any time; each

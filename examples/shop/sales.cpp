@@ -12,18 +12,18 @@ namespace {
 
 // clang-format off
 constexpr std::array<WayBack, 4> kWaysBack = {{
-    {"paid",      "authorised", OrderState::Paid},
-    {"declined",  "declined",   OrderState::Declined},
-    {"declined",  "expired",    OrderState::Expired},
-    {"cancelled", "cancelled",  OrderState::Cancelled},
+    {"paid",      "authorised", OrderState::kPaid},
+    {"declined",  "declined",   OrderState::kDeclined},
+    {"declined",  "expired",    OrderState::kExpired},
+    {"cancelled", "cancelled",  OrderState::kCancelled},
 }};
 // clang-format on
 
 std::vector<std::string> resultsAt(std::string const& name) {
     std::vector<std::string> results;
     for (WayBack const& way : kWaysBack) {
-        if (name == way.name) {
-            results.emplace_back(way.result);
+        if (name == way.m_Name) {
+            results.emplace_back(way.m_Result);
         }
     }
     return results;
@@ -31,8 +31,8 @@ std::vector<std::string> resultsAt(std::string const& name) {
 
 OrderState stateAfter(std::string const& result) {
     for (WayBack const& way : kWaysBack) {
-        if (result == way.result) {
-            return way.state;
+        if (result == way.m_Result) {
+            return way.m_State;
         }
     }
     throw std::logic_error("a result that no way back has");
@@ -45,7 +45,7 @@ bool isTooLate(Payment const& payment) {
     gmtime_r(&now, &parts);
     char text[32] = "";
     std::strftime(text, sizeof text, "%Y%m%d %H:%M:%S", &parts);
-    return text > payment.expiration;
+    return text > payment.m_Expiration;
 }
 
 bool isCaptured(std::string const& stateAtService) {
@@ -54,17 +54,17 @@ bool isCaptured(std::string const& stateAtService) {
 
 /// A genuine confirmation of the order's payment comes too late.
 Objection tooLate(Order const& order, Confirmation const& confirmation, Calls const& calls) {
-    if (isOpen(order.state)) {
-        return {"Order " + order.number + " does not wait for this confirmation",
+    if (isOpen(order.m_State)) {
+        return {"Order " + order.m_Number + " does not wait for this confirmation",
                 "It is genuine, but how this payment ended is known already, or another has taken its place.", calls};
     }
-    if (order.confirmation.token != confirmation.token) {
-        return {"Order " + order.number + " has been paid already",
-                "Another payment has paid it. This one, " + confirmation.id +
+    if (order.m_Confirmation.m_Token != confirmation.m_Token) {
+        return {"Order " + order.m_Number + " has been paid already",
+                "Another payment has paid it. This one, " + confirmation.m_Id +
                     ", is not captured: nothing is charged for it.",
                 calls};
     }
-    return {"Order " + order.number + " has been paid already",
+    return {"Order " + order.m_Number + " has been paid already",
             "The confirmation is genuine, but it counts once. Nothing has been captured a second time.", calls};
 }
 
@@ -76,7 +76,7 @@ Order Sales::order(std::string const& number) const {
     std::optional<Order> const found = m_Orders.find(number);
     if (!found) {
         throw Objection("There is no such order", "This shop knows no order with the number \"" + number + "\".", {},
-                        Objection::Unknown);
+                        Objection::kUnknown);
     }
     return *found;
 }
@@ -89,50 +89,50 @@ std::string Sales::checkOut(std::string const& visitor, std::string const& key) 
         return orderAddress(*made);
     }
     Order order;
-    order.visitor = visitor;
-    order.key = key;
-    order.quantities = m_Baskets.of(visitor);
-    if (order.quantities.empty()) {
+    order.m_Visitor = visitor;
+    order.m_Key = key;
+    order.m_Quantities = m_Baskets.of(visitor);
+    if (order.m_Quantities.empty()) {
         throw Objection("There is nothing to pay for", "The basket is empty.");
     }
-    order.number = m_Orders.newNumber();
-    order.cents = totalCents(order.quantities);
-    order.payment = m_Desk.openPayment(order, orderAddress(order.number), order.calls);
+    order.m_Number = m_Orders.newNumber();
+    order.m_Cents = totalCents(order.m_Quantities);
+    order.m_Payment = m_Desk.openPayment(order, orderAddress(order.m_Number), order.m_Calls);
     std::string const kept = m_Orders.add(order);
-    return kept == order.number ? order.payment.url : orderAddress(kept);
+    return kept == order.m_Number ? order.m_Payment.m_Url : orderAddress(kept);
 }
 
 std::string Sales::payAgain(std::string const& number) {
     Order const before = order(number);
     Calls calls;
-    if (isGivenUp(before.state) || waitsInVain(before, calls)) {
+    if (isGivenUp(before.m_State) || waitsInVain(before, calls)) {
         Payment const payment = m_Desk.openPayment(before, orderAddress(number), calls);
         // false after a second click: then that one's payment is there
-        m_Orders.waitFor(number, before.payment.token, payment, calls);
+        m_Orders.waitFor(number, before.m_Payment.m_Token, payment, calls);
     }
     Order const now = order(number);
-    if (now.state != OrderState::Waiting) {
+    if (now.m_State != OrderState::kWaiting) {
         throw Objection("Order " + number + " cannot be paid now", "It is not waiting for a payment.");
     }
-    return now.payment.url;
+    return now.m_Payment.m_Url;
 }
 
 void Sales::comeBack(std::string const& number, std::string const& way, std::string const& data,
                      std::string const& signature) {
-    receive(number, Messenger::Visitor, resultsAt(way), data, signature);
+    receive(number, Messenger::kVisitor, resultsAt(way), data, signature);
 }
 
 void Sales::takeNotification(std::string const& number, std::string const& data, std::string const& signature) {
     std::vector<std::string> results;
     for (WayBack const& way : kWaysBack) {
-        results.emplace_back(way.result);
+        results.emplace_back(way.m_Result);
     }
-    receive(number, Messenger::Service, results, data, signature);
+    receive(number, Messenger::kService, results, data, signature);
 }
 
 void Sales::tryAgain(std::string const& number) {
     Order const known = order(number);
-    if (m_Orders.settleAgain(known.number)) {
+    if (m_Orders.settleAgain(known.m_Number)) {
         settle(order(number));
     }
 }
@@ -146,17 +146,17 @@ void Sales::receive(std::string const& number, Messenger messenger, std::vector<
                     std::string const& data, std::string const& signature) {
     Calls calls;
     Confirmation const confirmation = m_Desk.verify(order(number), results, data, signature, calls);
-    OrderState const state = stateAfter(confirmation.result);
-    bool const isFirst = state == OrderState::Paid ? m_Orders.pay(number, messenger, confirmation, calls)
-                                                   : m_Orders.giveUp(number, state, messenger, confirmation, calls);
+    OrderState const state = stateAfter(confirmation.m_Result);
+    bool const isFirst = state == OrderState::kPaid ? m_Orders.pay(number, messenger, confirmation, calls)
+                                                    : m_Orders.giveUp(number, state, messenger, confirmation, calls);
     bool const counts = isFirst || m_Orders.meet(number, messenger, confirmation);
     // The service would tell of a payment that counts no more again and again, though it is heard.
-    if (!counts && messenger == Messenger::Visitor) {
+    if (!counts && messenger == Messenger::kVisitor) {
         throw tooLate(order(number), confirmation, calls);
     }
-    if (isFirst && state == OrderState::Paid) {
+    if (isFirst && state == OrderState::kPaid) {
         Order const paid = order(number);
-        m_Baskets.emptyAfter(paid.visitor, paid.quantities);
+        m_Baskets.emptyAfter(paid.m_Visitor, paid.m_Quantities);
         settle(paid);
     }
 }
@@ -164,49 +164,49 @@ void Sales::receive(std::string const& number, Messenger messenger, std::vector<
 /// Whether the order's payment ran out of time. One that the service has as authorised did not: its page leads the
 /// visitor back. Without an answer a new payment is made all the same; the old one can still come in, as overtaken.
 bool Sales::waitsInVain(Order const& order, Calls& calls) {
-    if (order.state != OrderState::Waiting || !isTooLate(order.payment)) {
+    if (order.m_State != OrderState::kWaiting || !isTooLate(order.m_Payment)) {
         return false;
     }
     Turn const turn(m_TurnsTaken);
     if (!turn) {
         throw Objection("Please try again in a minute", "The payment service is slow, and others wait for it already.",
-                        {}, Objection::Busy);
+                        {}, Objection::kBusy);
     }
-    std::string const state = m_Desk.state(order.payment.token, calls);
+    std::string const state = m_Desk.state(order.m_Payment.m_Token, calls);
     return state != "authorised" && !isCaptured(state);
 }
 
 /// Requires: the right to settle the order, which ends here in any case.
 void Sales::settle(Order const& order) {
-    OrderState const asBefore = order.state == OrderState::Paid ? OrderState::CaptureFailed : order.state;
+    OrderState const asBefore = order.m_State == OrderState::kPaid ? OrderState::kCaptureFailed : order.m_State;
     Calls calls;
     Turn const turn(m_TurnsTaken);
     if (!turn) {
-        m_Orders.settled(order.number, asBefore, {{"MessageObject_Capture", "not called, too many others wait"}});
+        m_Orders.settled(order.m_Number, asBefore, {{"MessageObject_Capture", "not called, too many others wait"}});
         return;
     }
     try {
-        m_Orders.settled(order.number, carryOut(order, calls), calls);
+        m_Orders.settled(order.m_Number, carryOut(order, calls), calls);
     } catch (...) {
-        m_Orders.settled(order.number, asBefore, calls);
+        m_Orders.settled(order.m_Number, asBefore, calls);
         throw;
     }
 }
 
 OrderState Sales::carryOut(Order const& order, Calls& calls) const {
-    bool captured = order.state == OrderState::Captured;
-    if (order.state == OrderState::CaptureFailed) {
+    bool captured = order.m_State == OrderState::kCaptured;
+    if (order.m_State == OrderState::kCaptureFailed) {
         // The service may have captured all the same, so it is asked before a repetition.
-        std::string const state = m_Desk.state(order.confirmation.token, calls);
+        std::string const state = m_Desk.state(order.m_Confirmation.m_Token, calls);
         if (state.empty()) {
-            return OrderState::CaptureFailed;
+            return OrderState::kCaptureFailed;
         }
         captured = isCaptured(state);
     }
-    if (!captured && !m_Desk.capture(order.confirmation, calls)) {
-        return OrderState::CaptureFailed;
+    if (!captured && !m_Desk.capture(order.m_Confirmation, calls)) {
+        return OrderState::kCaptureFailed;
     }
-    return m_Desk.complete(order.confirmation, calls) ? OrderState::Completed : OrderState::Captured;
+    return m_Desk.complete(order.m_Confirmation, calls) ? OrderState::kCompleted : OrderState::kCaptured;
 }
 
 }  // namespace storefront

@@ -14,9 +14,9 @@ namespace storefront {
 /// How a visitor comes back from the payment service: the last part of the address, a RESULT that belongs there, and
 /// what becomes of the order.
 struct WayBack {
-    char const* name;
-    char const* result;
-    OrderState state;
+    char const* m_Name;
+    char const* m_Result;
+    OrderState m_State;
 };
 
 /// Selling, from a full basket to a completed order. All functions may be called by any thread at any time; what the

@@ -38,11 +38,11 @@ char const kHelp[] =
     "Exit status: 0 when it was told to end, 1 when it could not open, 2 for wrong usage.\n";
 
 struct Arguments {
-    std::string directory;
-    std::string service;
-    std::string user;
-    std::string password;
-    int port = 0;
+    std::string m_Directory;
+    std::string m_Service;
+    std::string m_User;
+    std::string m_Password;
+    int m_Port = 0;
 };
 
 std::optional<int> readPort(std::string const& text) {
@@ -103,10 +103,10 @@ int main(int argc, char** argv) {
         return kUsage;
     }
     try {
-        storefront::MerchantAccount account(arguments->directory, arguments->service, arguments->user,
-                                            arguments->password);
+        storefront::MerchantAccount account(arguments->m_Directory, arguments->m_Service, arguments->m_User,
+                                            arguments->m_Password);
         account.setUpOnce();
-        serve(account, arguments->port);
+        serve(account, arguments->m_Port);
     } catch (std::exception const& failure) {
         std::cerr << "tallowin-shop: " << failure.what() << '\n';
         return EXIT_FAILURE;

@@ -15,7 +15,7 @@ std::string priceText(std::int64_t cents) {
 /// A field for a quantity of `article` with the label `label`.
 std::string quantityField(Article const& article, std::string const& name, std::string const& label, int least,
                           int quantity) {
-    std::string const id = escaped("quantity-of-" + std::string(article.id));
+    std::string const id = escaped("quantity-of-" + std::string(article.m_Id));
     return "<label for=\"" + id + "\">" + escaped(label) + "</label> <input id=\"" + id + "\" name=\"" + escaped(name) +
            "\" type=\"number\" inputmode=\"numeric\" min=\"" + std::to_string(least) + "\" max=\"" +
            std::to_string(kMostOfOne) + "\" value=\"" + std::to_string(quantity) + "\" required>\n";
@@ -26,18 +26,19 @@ std::string hiddenField(std::string const& name, std::string const& value) {
 }
 
 std::string offer(Article const& article) {
-    return "<article>\n<h2>" + escaped(article.name) + "</h2>\n" + paragraph(article.description) +
-           paragraph(priceText(article.cents)) + "<form method=\"post\" action=\"/basket/add\">\n" +
-           hiddenField("article", article.id) +
-           quantityField(article, "quantity", "Quantity of " + std::string(article.name), 1, 1) +
-           "<button aria-label=\"Add to basket: " + escaped(article.name) +
+    return "<article>\n<h2>" + escaped(article.m_Name) + "</h2>\n" + paragraph(article.m_Description) +
+           paragraph(priceText(article.m_Cents)) + "<form method=\"post\" action=\"/basket/add\">\n" +
+           hiddenField("article", article.m_Id) +
+           quantityField(article, "quantity", "Quantity of " + std::string(article.m_Name), 1, 1) +
+           "<button aria-label=\"Add to basket: " + escaped(article.m_Name) +
            "\">Add to basket</button>\n</form>\n</article>\n";
 }
 
 std::string basketRow(Article const& article, int quantity) {
-    return "<tr><td>" + quantityField(article, kQuantityField + std::string(article.id), article.name, 0, quantity) +
-           "</td><td>" + escaped(priceText(article.cents)) + "</td><td>" +
-           escaped(priceText(article.cents * quantity)) + "</td></tr>\n";
+    return "<tr><td>" +
+           quantityField(article, kQuantityField + std::string(article.m_Id), article.m_Name, 0, quantity) +
+           "</td><td>" + escaped(priceText(article.m_Cents)) + "</td><td>" +
+           escaped(priceText(article.m_Cents * quantity)) + "</td></tr>\n";
 }
 
 }  // namespace
@@ -56,7 +57,7 @@ std::string basketPage(Quantities const& basket, std::string const& key) {
     }
     std::string rows;
     for (Article const& article : catalogue()) {
-        auto const found = basket.find(article.id);
+        auto const found = basket.find(article.m_Id);
         if (found != basket.end()) {
             rows += basketRow(article, found->second);
         }

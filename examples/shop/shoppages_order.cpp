@@ -9,27 +9,27 @@ namespace {
 
 /// An order's state in one word or two, and what it means for the visitor.
 struct StateText {
-    char const* name;
-    char const* meaning;
+    char const* m_Name;
+    char const* m_Meaning;
 };
 
 StateText stateText(OrderState state) {
     switch (state) {
-        case OrderState::Waiting:
+        case OrderState::kWaiting:
             return {"waiting", "It waits for its payment. Nothing has been charged."};
-        case OrderState::Declined:
+        case OrderState::kDeclined:
             return {"declined", "The payment was declined. Nothing has been charged."};
-        case OrderState::Expired:
+        case OrderState::kExpired:
             return {"expired", "The time for paying was over. Nothing has been charged."};
-        case OrderState::Cancelled:
+        case OrderState::kCancelled:
             return {"cancelled", "The payment was cancelled. Nothing has been charged."};
-        case OrderState::Paid:
+        case OrderState::kPaid:
             return {"paid", "The payment is authorised and is being captured. Reload this page to see how it went on."};
-        case OrderState::CaptureFailed:
+        case OrderState::kCaptureFailed:
             return {"capture failed", "The payment is authorised, but the service did not confirm the capture."};
-        case OrderState::Captured:
+        case OrderState::kCaptured:
             return {"captured", "The money has been taken, but the service has not been told of the completion yet."};
-        case OrderState::Completed:
+        case OrderState::kCompleted:
             return {"completed", "Thank you. The order is paid and on its way."};
     }
     return {"unknown", ""};
@@ -37,18 +37,18 @@ StateText stateText(OrderState state) {
 
 /// What the visitor can do now.
 std::string nextStep(Order const& order) {
-    std::string const address = "/orders/" + order.number;
-    switch (order.state) {
-        case OrderState::Waiting:
+    std::string const address = "/orders/" + order.m_Number;
+    switch (order.m_State) {
+        case OrderState::kWaiting:
             return buttonTo(address + "/pay", "Go to the payment");
-        case OrderState::Declined:
-        case OrderState::Expired:
-        case OrderState::Cancelled:
+        case OrderState::kDeclined:
+        case OrderState::kExpired:
+        case OrderState::kCancelled:
             return paragraph("What you chose is still in your basket.") + buttonTo(address + "/pay", "Pay again");
-        case OrderState::CaptureFailed:
-        case OrderState::Captured:
-            return order.settling ? paragraph("It is being tried again right now.")
-                                  : buttonTo(address + "/settle", "Try again");
+        case OrderState::kCaptureFailed:
+        case OrderState::kCaptured:
+            return order.m_Settling ? paragraph("It is being tried again right now.")
+                                    : buttonTo(address + "/settle", "Try again");
         default:
             return "";
     }
@@ -57,17 +57,17 @@ std::string nextStep(Order const& order) {
 std::string articlesOf(Order const& order) {
     std::string items;
     for (Article const& article : catalogue()) {
-        auto const found = order.quantities.find(article.id);
-        if (found != order.quantities.end()) {
-            items += "<li>" + std::to_string(found->second) + " &times; " + escaped(article.name) + "</li>\n";
+        auto const found = order.m_Quantities.find(article.m_Id);
+        if (found != order.m_Quantities.end()) {
+            items += "<li>" + std::to_string(found->second) + " &times; " + escaped(article.m_Name) + "</li>\n";
         }
     }
-    return "<ul>\n" + items + "</ul>\n" + paragraph("Total: " + amountText(order.cents) + " " + kCurrency);
+    return "<ul>\n" + items + "</ul>\n" + paragraph("Total: " + amountText(order.m_Cents) + " " + kCurrency);
 }
 
 std::string surplusOf(Order const& order) {
     std::string told;
-    for (std::string const& id : order.surplus) {
+    for (std::string const& id : order.m_Surplus) {
         told += paragraph("Payment " + id +
                           " was authorised as well. It is not captured, so nothing is charged for it; the payment "
                           "service can release it.");
@@ -78,7 +78,7 @@ std::string surplusOf(Order const& order) {
 std::string callsTable(Calls const& calls) {
     std::string rows;
     for (Call const& call : calls) {
-        rows += "<tr><td>" + escaped(call.function) + "</td><td>" + escaped(call.result) + "</td></tr>\n";
+        rows += "<tr><td>" + escaped(call.m_Function) + "</td><td>" + escaped(call.m_Result) + "</td></tr>\n";
     }
     return "<table class=\"calls\">\n<thead><tr><th scope=\"col\">Function</th><th "
            "scope=\"col\">Result</th></tr></thead>\n<tbody>\n" +
@@ -88,19 +88,19 @@ std::string callsTable(Calls const& calls) {
 }  // namespace
 
 std::string orderPage(Order const& order) {
-    StateText const state = stateText(order.state);
-    std::string content = paragraph(state.meaning) + nextStep(order) + surplusOf(order) + articlesOf(order) +
+    StateText const state = stateText(order.m_State);
+    std::string content = paragraph(state.m_Meaning) + nextStep(order) + surplusOf(order) + articlesOf(order) +
                           "<h2>What happened underneath</h2>\n" +
-                          verbatim("The payment message", demo::spread(order.payment.message)) +
-                          verbatim("The payment URL, with the message and its signature", order.payment.url);
-    for (auto const& [messenger, confirmation] : order.received) {
+                          verbatim("The payment message", demo::spread(order.m_Payment.m_Message)) +
+                          verbatim("The payment URL, with the message and its signature", order.m_Payment.m_Url);
+    for (auto const& [messenger, confirmation] : order.m_Received) {
         std::string const how =
-            messenger == Messenger::Visitor ? "that came back with you" : "that came by notification";
-        content += verbatim("DATA " + how, demo::spread(confirmation.data)) +
-                   verbatim("SIGNATURE " + how, confirmation.signature);
+            messenger == Messenger::kVisitor ? "that came back with you" : "that came by notification";
+        content += verbatim("DATA " + how, demo::spread(confirmation.m_Data)) +
+                   verbatim("SIGNATURE " + how, confirmation.m_Signature);
     }
-    content += "<h3>Calls of the library</h3>\n" + callsTable(order.calls);
-    return wholePage("Order " + order.number + ": " + state.name, content);
+    content += "<h3>Calls of the library</h3>\n" + callsTable(order.m_Calls);
+    return wholePage("Order " + order.m_Number + ": " + state.m_Name, content);
 }
 
 std::string objectionPage(Objection const& objection, std::string const& orderNumber) {

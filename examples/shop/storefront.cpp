@@ -162,9 +162,9 @@ void Storefront::updateBasket(Request const& request, Reply& reply) {
     std::string const visitor = knownVisitor(request, reply);
     Quantities wanted;
     for (Article const& article : catalogue()) {
-        std::string const field = kQuantityField + std::string(article.id);
+        std::string const field = kQuantityField + std::string(article.m_Id);
         if (request.has_param(field.c_str())) {
-            wanted[article.id] = readQuantity(request.get_param_value(field.c_str()));
+            wanted[article.m_Id] = readQuantity(request.get_param_value(field.c_str()));
         }
     }
     m_Sales.baskets().set(visitor, wanted);

@@ -18,9 +18,9 @@ constexpr int kFailed = 500;
 
 /// One method of one address.
 struct Route {
-    char const* method;
-    char const* path;  ///< A "#" at the end stands for digits.
-    HttpReply (*answer)(Site const& site, HttpRequest const& request);
+    char const* m_Method;
+    char const* m_Path;  ///< A "#" at the end stands for digits.
+    HttpReply (*m_Answer)(Site const& site, HttpRequest const& request);
 };
 
 // clang-format off
@@ -63,29 +63,29 @@ HttpReply answerRoute(Site const& site, HttpRequest const& request) {
     refuseForeignHost(request);
     std::string allowed;
     for (Route const& route : kRoutes) {
-        if (!matches(route.path, request.path)) {
+        if (!matches(route.m_Path, request.m_Path)) {
             continue;
         }
-        if (request.method == route.method) {
-            if (request.method == "POST") {
+        if (request.m_Method == route.m_Method) {
+            if (request.m_Method == "POST") {
                 requireJson(request);
             }
-            return route.answer(site, request);
+            return route.m_Answer(site, request);
         }
-        allowed += (allowed.empty() ? "" : ", ") + std::string(route.method);
+        allowed += (allowed.empty() ? "" : ", ") + std::string(route.m_Method);
     }
     if (allowed.empty()) {
-        throw Refusal("there is nothing at " + request.path, kNotFound);
+        throw Refusal("there is nothing at " + request.m_Path, kNotFound);
     }
-    HttpReply reply = errorReply(kMethodNotAllowed, request.path + " knows " + allowed + ", not " + request.method);
-    reply.allow = allowed;
+    HttpReply reply = errorReply(kMethodNotAllowed, request.m_Path + " knows " + allowed + ", not " + request.m_Method);
+    reply.m_Allow = allowed;
     return reply;
 }
 
 }  // namespace
 
 std::optional<HttpReply> answerControl(Site const& site, HttpRequest const& request) {
-    if (!isBelow(request.path, "/control")) {
+    if (!isBelow(request.m_Path, "/control")) {
         return std::nullopt;
     }
     try {

@@ -31,15 +31,15 @@ std::string nameOf(std::string const& host) {
 }  // namespace
 
 void refuseForeignHost(HttpRequest const& request) {
-    std::string const name = lowerCase(nameOf(request.host));
-    if (!request.host.empty() && name != "127.0.0.1" && name != "localhost") {
-        throw Refusal("This service answers under 127.0.0.1 and localhost, not under '" + request.host + "'.",
+    std::string const name = lowerCase(nameOf(request.m_Host));
+    if (!request.m_Host.empty() && name != "127.0.0.1" && name != "localhost") {
+        throw Refusal("This service answers under 127.0.0.1 and localhost, not under '" + request.m_Host + "'.",
                       kForbidden);
     }
 }
 
 void requireJson(HttpRequest const& request) {
-    std::string type = lowerCase(request.contentType.substr(0, request.contentType.find(';')));
+    std::string type = lowerCase(request.m_ContentType.substr(0, request.m_ContentType.find(';')));
     type.erase(type.find_last_not_of(" \t") + 1);
     if (type != "application/json") {
         throw Refusal("the request must have the header Content-Type: application/json", kUnsupportedMediaType);

@@ -15,9 +15,9 @@ using nlohmann::json;
 
 /// What a member of a fault besides its kind must be.
 struct FaultMember {
-    char const* name;
-    bool (*fits)(json const& value);
-    char const* type;
+    char const* m_Name;
+    bool (*m_Fits)(json const& value);
+    char const* m_Type;
 };
 
 bool isText(json const& value) {
@@ -50,9 +50,9 @@ constexpr FaultMember kDetails[] = {
 // clang-format on
 
 json stepJson(CheckStep const& step) {
-    json out = {{"good", step.good}};
-    putBytes(out, "what", step.what);
-    putBytes(out, "found", step.found);
+    json out = {{"good", step.m_Good}};
+    putBytes(out, "what", step.m_What);
+    putBytes(out, "found", step.m_Found);
     return out;
 }
 
@@ -83,31 +83,32 @@ void putBytes(json& object, std::string const& name, std::string const& bytes) {
 }
 
 json notificationJson(Notification const& notification) {
-    json out = {{"number", notification.number},     {"payment", notification.payment}, {"result", notification.result},
-                {"attempts", notification.attempts}, {"pending", notification.pending}, {"time", notification.time}};
-    putBytes(out, "address", notification.address);
-    putBytes(out, "outcome", notification.outcome);
+    json out = {{"number", notification.m_Number},   {"payment", notification.m_Payment},
+                {"result", notification.m_Result},   {"attempts", notification.m_Attempts},
+                {"pending", notification.m_Pending}, {"time", notification.m_Time}};
+    putBytes(out, "address", notification.m_Address);
+    putBytes(out, "outcome", notification.m_Outcome);
     return out;
 }
 
 json paymentJson(Payment const& payment, std::vector<Notification> const& notifications) {
-    json out = {{"id", payment.id},
-                {"state", stateName(payment.state)},
+    json out = {{"id", payment.m_Id},
+                {"state", stateName(payment.m_State)},
                 {"attributes", json::array()},
                 {"history", json::array()},
                 {"notifications", json::array()}};
-    putBytes(out, "account", payment.account);
-    putBytes(out, "token", payment.token);
-    for (auto const& [name, value] : payment.attributes) {
+    putBytes(out, "account", payment.m_Account);
+    putBytes(out, "token", payment.m_Token);
+    for (auto const& [name, value] : payment.m_Attributes) {
         json attribute = {{"name", name}};
         putBytes(attribute, "value", value);
         out["attributes"].push_back(std::move(attribute));
     }
-    for (HistoryEntry const& step : payment.history) {
-        out["history"].push_back({{"time", step.time}, {"state", stateName(step.state)}, {"note", step.note}});
+    for (HistoryEntry const& step : payment.m_History) {
+        out["history"].push_back({{"time", step.m_Time}, {"state", stateName(step.m_State)}, {"note", step.m_Note}});
     }
     for (Notification const& notification : notifications) {
-        if (notification.payment == payment.id) {
+        if (notification.m_Payment == payment.m_Id) {
             out["notifications"].push_back(notificationJson(notification));
         }
     }
@@ -115,54 +116,55 @@ json paymentJson(Payment const& payment, std::vector<Notification> const& notifi
 }
 
 json exchangeJson(Exchange const& exchange) {
-    json out = {{"number", exchange.number}, {"time", exchange.time},         {"kind", exchangeName(exchange.kind)},
-                {"steps", json::array()},    {"delivery", exchange.delivery}, {"microseconds", exchange.microseconds}};
-    putBytes(out, "order", exchange.order);
-    putBytes(out, "path", exchange.path);
-    putBytes(out, "verdict", exchange.verdict);
-    putBytes(out, "fault", exchange.fault);
-    putBytes(out, "data", exchange.data);
-    putBytes(out, "signature", exchange.signature);
-    putBytes(out, "request", exchange.request);
-    putBytes(out, "answer", exchange.answer);
-    for (CheckStep const& step : exchange.steps) {
+    json out = {{"number", exchange.m_Number},           {"time", exchange.m_Time},
+                {"kind", exchangeName(exchange.m_Kind)}, {"steps", json::array()},
+                {"delivery", exchange.m_Delivery},       {"microseconds", exchange.m_Microseconds}};
+    putBytes(out, "order", exchange.m_Order);
+    putBytes(out, "path", exchange.m_Path);
+    putBytes(out, "verdict", exchange.m_Verdict);
+    putBytes(out, "fault", exchange.m_Fault);
+    putBytes(out, "data", exchange.m_Data);
+    putBytes(out, "signature", exchange.m_Signature);
+    putBytes(out, "request", exchange.m_Request);
+    putBytes(out, "answer", exchange.m_Answer);
+    for (CheckStep const& step : exchange.m_Steps) {
         out["steps"].push_back(stepJson(step));
     }
     return out;
 }
 
 json faultJson(ArmedFault const& armed) {
-    Fault const& fault = armed.fault;
-    json out = {{"id", armed.id},
-                {"happened", armed.happened},
-                {"kind", faultRow(fault.kind).name},
-                {"exchange", fault.exchange ? exchangeName(*fault.exchange) : "any"}};
-    putBytes(out, "order", fault.order);
-    out["times"] = fault.times == 0 ? json("always") : json(fault.times);
-    if (fault.seconds) {
-        out["seconds"] = *fault.seconds;
+    Fault const& fault = armed.m_Fault;
+    json out = {{"id", armed.m_Id},
+                {"happened", armed.m_Happened},
+                {"kind", faultRow(fault.m_Kind).m_Name},
+                {"exchange", fault.m_Exchange ? exchangeName(*fault.m_Exchange) : "any"}};
+    putBytes(out, "order", fault.m_Order);
+    out["times"] = fault.m_Times == 0 ? json("always") : json(fault.m_Times);
+    if (fault.m_Seconds) {
+        out["seconds"] = *fault.m_Seconds;
     }
-    if (fault.bytes) {
-        out["bytes"] = *fault.bytes;
+    if (fault.m_Bytes) {
+        out["bytes"] = *fault.m_Bytes;
     }
-    if (fault.status) {
-        out["status"] = *fault.status;
+    if (fault.m_Status) {
+        out["status"] = *fault.m_Status;
     }
-    if (fault.text) {
-        putBytes(out, "text", *fault.text);
+    if (fault.m_Text) {
+        putBytes(out, "text", *fault.m_Text);
     }
-    if (fault.megabytes) {
-        out["megabytes"] = *fault.megabytes;
+    if (fault.m_Megabytes) {
+        out["megabytes"] = *fault.m_Megabytes;
     }
     return out;
 }
 
 json faultKindJson(FaultKindRow const& row) {
-    return {{"name", row.name},
-            {"meaning", row.meaning},
+    return {{"name", row.m_Name},
+            {"meaning", row.m_Meaning},
             {"exchanges", exchangeNames(row)},
             {"parameters", parameterNames(row)},
-            {"carriedOut", row.carriedOut}};
+            {"carriedOut", row.m_CarriedOut}};
 }
 
 json readObject(std::string const& body, std::vector<std::string> const& allowed) {
@@ -199,20 +201,20 @@ std::int64_t requireNumber(json const& object, std::string const& name) {
 Fault readFault(std::string const& body) {
     std::vector<std::string> allowed = {"kind"};
     for (FaultMember const& member : kDetails) {
-        allowed.emplace_back(member.name);
+        allowed.emplace_back(member.m_Name);
     }
     json const object = readObject(body, allowed);
     std::string const kind = requireText(object, "kind");
     FaultFields fields;
     for (FaultMember const& member : kDetails) {
-        auto const found = object.find(member.name);
+        auto const found = object.find(member.m_Name);
         if (found == object.end()) {
             continue;
         }
-        if (!member.fits(*found)) {
-            throw Refusal(std::string("the member '") + member.name + "' must be " + member.type);
+        if (!member.m_Fits(*found)) {
+            throw Refusal(std::string("the member '") + member.m_Name + "' must be " + member.m_Type);
         }
-        fields.emplace_back(member.name, found->is_string() ? found->get<std::string>() : found->dump());
+        fields.emplace_back(member.m_Name, found->is_string() ? found->get<std::string>() : found->dump());
     }
     return makeFault(kind, fields);
 }

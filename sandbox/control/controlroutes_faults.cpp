@@ -17,7 +17,7 @@ constexpr int kNotFound = 404;
 
 HttpReply tellFaults(Site const& site, HttpRequest const&) {
     nlohmann::json faults = nlohmann::json::array();
-    for (ArmedFault const& armed : site.faults.armed()) {
+    for (ArmedFault const& armed : site.m_Faults.armed()) {
         faults.push_back(faultJson(armed));
     }
     return jsonReply(200, {{"faults", faults}});
@@ -33,13 +33,13 @@ HttpReply tellFaultKinds(Site const&, HttpRequest const&) {
 
 HttpReply armFault(Site const& site, HttpRequest const& request) {
     ArmedFault armed;
-    armed.fault = readFault(request.body);
-    armed.id = site.faults.arm(armed.fault);
+    armed.m_Fault = readFault(request.m_Body);
+    armed.m_Id = site.m_Faults.arm(armed.m_Fault);
     return jsonReply(kCreated, faultJson(armed));
 }
 
 HttpReply liftFault(Site const& site, HttpRequest const& request) {
-    std::string const name = request.path.substr(request.path.rfind('/') + 1);
+    std::string const name = request.m_Path.substr(request.m_Path.rfind('/') + 1);
     if (!liftNamedFault(site, name)) {
         throw Refusal("no fault '" + name + "' is armed", kNotFound);
     }
@@ -48,11 +48,11 @@ HttpReply liftFault(Site const& site, HttpRequest const& request) {
 
 bool liftNamedFault(Site const& site, std::string const& text) {
     std::optional<std::int64_t> const id = wholeNumber(text);
-    return id && site.faults.lift(*id);
+    return id && site.m_Faults.lift(*id);
 }
 
 HttpReply liftAllFaults(Site const& site, HttpRequest const& request) {
-    site.faults.liftAll();
+    site.m_Faults.liftAll();
     return tellFaults(site, request);
 }
 

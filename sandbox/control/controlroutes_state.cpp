@@ -23,55 +23,55 @@ namespace {
 constexpr int kCreated = 201;
 
 nlohmann::json addressesJson(Addresses const& addresses) {
-    nlohmann::json out = {{"plain", addresses.plain}, {"control", addresses.control}};
-    if (!addresses.tls.empty()) {
-        out["tls"] = addresses.tls;
+    nlohmann::json out = {{"plain", addresses.m_Plain}, {"control", addresses.m_Control}};
+    if (!addresses.m_Tls.empty()) {
+        out["tls"] = addresses.m_Tls;
     }
-    if (!addresses.proxy.empty()) {
-        out["proxy"] = addresses.proxy;
+    if (!addresses.m_Proxy.empty()) {
+        out["proxy"] = addresses.m_Proxy;
     }
     return out;
 }
 
 nlohmann::json clockJson(Site const& site) {
-    return {{"present", site.clock.text()}, {"ahead", site.clock.ahead()}};
+    return {{"present", site.m_Clock.text()}, {"ahead", site.m_Clock.ahead()}};
 }
 
 /// Exchanges are numbered from 1 and never removed.
 std::int64_t exchangeCount(Site const& site) {
-    std::vector<Exchange> const latest = site.store.latestExchanges(1);
-    return latest.empty() ? 0 : latest.front().number;
+    std::vector<Exchange> const latest = site.m_Store.latestExchanges(1);
+    return latest.empty() ? 0 : latest.front().m_Number;
 }
 
 nlohmann::json countsJson(Site const& site) {
-    return {{"accounts", site.store.accounts().size()},
-            {"payments", site.store.payments().size()},
-            {"notifications", site.store.notifications().size()},
+    return {{"accounts", site.m_Store.accounts().size()},
+            {"payments", site.m_Store.payments().size()},
+            {"notifications", site.m_Store.notifications().size()},
             {"exchanges", exchangeCount(site)},
-            {"serverKeys", site.keys.all().size()},
-            {"merchantKeys", site.store.merchantKeys().size()},
-            {"faults", site.faults.armed().size()}};
+            {"serverKeys", site.m_Keys.all().size()},
+            {"merchantKeys", site.m_Store.merchantKeys().size()},
+            {"faults", site.m_Faults.armed().size()}};
 }
 
 /// What a query asks of payments; nothing for any.
 struct PaymentFilter {
-    std::optional<std::string> order;
-    std::optional<std::string> id;
-    std::optional<std::string> state;
+    std::optional<std::string> m_Order;
+    std::optional<std::string> m_Id;
+    std::optional<std::string> m_State;
 
     [[nodiscard]] bool admits(Payment const& payment) const {
-        return (!id || payment.id == *id) && (!state || stateName(payment.state) == *state) &&
-               (!order || payment.attribute("ORDERID").value_or("") == *order);
+        return (!m_Id || payment.m_Id == *m_Id) && (!m_State || stateName(payment.m_State) == *m_State) &&
+               (!m_Order || payment.attribute("ORDERID").value_or("") == *m_Order);
     }
 };
 
 PaymentFilter readFilter(Query const& query) {
     PaymentFilter const filter{query.value("order"), query.value("id"), query.value("state")};
-    if (filter.state) {
+    if (filter.m_State) {
         try {
-            stateFromName(*filter.state);
+            stateFromName(*filter.m_State);
         } catch (std::runtime_error const&) {
-            throw Refusal("no payment has the state '" + *filter.state + "'");
+            throw Refusal("no payment has the state '" + *filter.m_State + "'");
         }
     }
     return filter;
@@ -98,16 +98,16 @@ void checkAccount(std::string const& user, std::string const& password) {
 }  // namespace
 
 HttpReply tellService(Site const& site, HttpRequest const&) {
-    return jsonReply(200, {{"addresses", addressesJson(site.addresses)},
-                           {"serverKeyId", site.keys.current()->id},
+    return jsonReply(200, {{"addresses", addressesJson(site.m_Addresses)},
+                           {"serverKeyId", site.m_Keys.current()->m_Id},
                            {"clock", clockJson(site)},
                            {"counts", countsJson(site)}});
 }
 
 HttpReply tellPayments(Site const& site, HttpRequest const& request) {
-    PaymentFilter const filter = readFilter(Query(request.query));
+    PaymentFilter const filter = readFilter(Query(request.m_Query));
     std::vector<Payment> const all = presentPayments(site);
-    std::vector<Notification> const notifications = site.store.notifications();
+    std::vector<Notification> const notifications = site.m_Store.notifications();
     nlohmann::json payments = nlohmann::json::array();
     for (Payment const& payment : all) {
         if (filter.admits(payment)) {
@@ -119,7 +119,7 @@ HttpReply tellPayments(Site const& site, HttpRequest const& request) {
 
 HttpReply tellExchanges(Site const& site, HttpRequest const& request) {
     nlohmann::json exchanges = nlohmann::json::array();
-    for (Exchange const& exchange : site.store.exchanges(readAfter(Query(request.query)))) {
+    for (Exchange const& exchange : site.m_Store.exchanges(readAfter(Query(request.m_Query)))) {
         exchanges.push_back(exchangeJson(exchange));
     }
     return jsonReply(200, {{"exchanges", exchanges}});
@@ -127,44 +127,44 @@ HttpReply tellExchanges(Site const& site, HttpRequest const& request) {
 
 HttpReply tellKeys(Site const& site, HttpRequest const&) {
     nlohmann::json server = nlohmann::json::array();
-    std::string const current = site.keys.current()->id;
-    for (KeyRing::Key const& key : site.keys.all()) {
-        server.push_back({{"id", key->id},
-                          {"current", key->id == current},
-                          {"bits", EVP_PKEY_get_bits(key->key.get())},
-                          {"blob", publicKeyBlob(key->key.get())}});
+    std::string const current = site.m_Keys.current()->m_Id;
+    for (KeyRing::Key const& key : site.m_Keys.all()) {
+        server.push_back({{"id", key->m_Id},
+                          {"current", key->m_Id == current},
+                          {"bits", EVP_PKEY_get_bits(key->m_Key.get())},
+                          {"blob", publicKeyBlob(key->m_Key.get())}});
     }
     nlohmann::json merchants = nlohmann::json::array();
-    for (PublishedKey const& published : site.store.merchantKeys()) {
-        nlohmann::json key = {{"id", published.id},
-                              {"time", published.time},
-                              {"bits", EVP_PKEY_get_bits(readPublicKeyBlob(published.key.blob).get())}};
-        putBytes(key, "account", published.key.account);
+    for (PublishedKey const& published : site.m_Store.merchantKeys()) {
+        nlohmann::json key = {{"id", published.m_Id},
+                              {"time", published.m_Time},
+                              {"bits", EVP_PKEY_get_bits(readPublicKeyBlob(published.m_Key.m_Blob).get())}};
+        putBytes(key, "account", published.m_Key.m_Account);
         merchants.push_back(std::move(key));
     }
     return jsonReply(200, {{"server", server}, {"merchants", merchants}});
 }
 
 HttpReply rotateKey(Site const& site, HttpRequest const& request) {
-    if (!request.body.empty()) {
-        readObject(request.body, {});
+    if (!request.m_Body.empty()) {
+        readObject(request.m_Body, {});
     }
-    return jsonReply(kCreated, {{"id", site.keys.rotate()->id}});
+    return jsonReply(kCreated, {{"id", site.m_Keys.rotate()->m_Id}});
 }
 
 HttpReply putAccount(Site const& site, HttpRequest const& request) {
-    nlohmann::json const object = readObject(request.body, {"user", "password"});
+    nlohmann::json const object = readObject(request.m_Body, {"user", "password"});
     std::string const user = requireText(object, "user");
     std::string const password = requireText(object, "password");
     checkAccount(user, password);
-    std::vector<std::string> const known = site.store.accounts();
+    std::vector<std::string> const known = site.m_Store.accounts();
     bool const isNew = std::find(known.begin(), known.end(), user) == known.end();
-    site.store.putAccount(user, password);
-    return jsonReply(isNew ? kCreated : 200, {{"user", user}, {"customer", site.store.customerOf(user)}});
+    site.m_Store.putAccount(user, password);
+    return jsonReply(isNew ? kCreated : 200, {{"user", user}, {"customer", site.m_Store.customerOf(user)}});
 }
 
 HttpReply setClock(Site const& site, HttpRequest const& request) {
-    setClockAhead(site, requireNumber(readObject(request.body, {"ahead"}), "ahead"));
+    setClockAhead(site, requireNumber(readObject(request.m_Body, {"ahead"}), "ahead"));
     return jsonReply(200, clockJson(site));
 }
 
@@ -180,8 +180,8 @@ void setClockAhead(Site const& site, std::int64_t seconds) {
         throw Refusal("the clock can be set ahead or back by up to " + std::to_string(kFarthestAhead) +
                       " seconds, which is ten years");
     }
-    site.clock.setAhead(seconds);
-    site.notifier.wake();
+    site.m_Clock.setAhead(seconds);
+    site.m_Notifier.wake();
 }
 
 }  // namespace sandbox

@@ -6,8 +6,8 @@
 namespace sandbox {
 
 struct Credentials {
-    std::string user;
-    std::string password;
+    std::string m_User;
+    std::string m_Password;
 };
 
 /// The credentials of an Authorization header ("Basic " and Base64 of user:password). Throws Refusal with what is wrong

@@ -62,7 +62,7 @@ std::string widen(std::string const& text, Widening widening) {
     for (char const c : text) {
         bool const high = static_cast<unsigned char>(c) >= 0x80;
         units += c;
-        units += high && widening == Widening::Sign ? '\xFF' : '\0';
+        units += high && widening == Widening::kSign ? '\xFF' : '\0';
     }
     return units;
 }

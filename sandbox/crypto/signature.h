@@ -14,7 +14,7 @@ namespace sandbox {
 ///
 /// Deliberate: the two directions differ. A merchant signs zero-extended units and verifies sign-extended ones, so this
 /// service verifies with `Zero` and signs with `Sign`.
-enum class Widening { Zero, Sign };
+enum class Widening { kZero, kSign };
 
 /// The units of `text`, two bytes a character, no terminator.
 std::string widen(std::string const& text, Widening widening);

@@ -23,8 +23,8 @@ constexpr char kDigestInfoStart[] = "3021300906052b0e03021a05000414";
 
 /// SIGNATURE as a key opens it.
 struct Opened {
-    Wrapping wrapping = Wrapping::Unknown;
-    std::string content;  ///< The digest without what it is wrapped in; empty when there is none.
+    Wrapping m_Wrapping = Wrapping::kUnknown;
+    std::string m_Content;  ///< The digest without what it is wrapped in; empty when there is none.
 };
 
 unsigned char const* bytesOf(std::string const& text) {
@@ -36,8 +36,8 @@ unsigned char* bytesOf(std::string& text) {
 }
 
 std::string digestOf(std::string const& text, Digested digested) {
-    if (digested != Digested::Bytes) {
-        return sandbox::digestOf(text, digested == Digested::SignExtended ? Widening::Sign : Widening::Zero);
+    if (digested != Digested::kBytes) {
+        return sandbox::digestOf(text, digested == Digested::kSignExtended ? Widening::kSign : Widening::kZero);
     }
     std::string digest(kDigestBytes, '\0');
     if (EVP_Digest(text.data(), text.size(), bytesOf(digest), nullptr, EVP_sha1(), nullptr) != 1) {
@@ -48,16 +48,16 @@ std::string digestOf(std::string const& text, Digested digested) {
 
 /// What the owner of a key signs.
 Digested signedBy(KnownKey const& key) {
-    return key.ofService() ? Digested::SignExtended : Digested::ZeroExtended;
+    return key.ofService() ? Digested::kSignExtended : Digested::kZeroExtended;
 }
 
 std::size_t sizeOf(KnownKey const& key) {
-    return static_cast<std::size_t>(EVP_PKEY_get_size(key.key.get()));
+    return static_cast<std::size_t>(EVP_PKEY_get_size(key.m_Key.get()));
 }
 
 /// The result of the RSA operation, padding and all; empty when there is none.
 std::string rawBlock(KnownKey const& key, std::string const& signature) {
-    KeyContextHolder const context(EVP_PKEY_CTX_new(key.key.get(), nullptr));
+    KeyContextHolder const context(EVP_PKEY_CTX_new(key.m_Key.get(), nullptr));
     std::size_t length = sizeOf(key);
     std::string block(length, '\0');
     bool const done =
@@ -69,7 +69,7 @@ std::string rawBlock(KnownKey const& key, std::string const& signature) {
 }
 
 bool verifiesAsPss(KnownKey const& key, std::string const& digest, std::string const& signature) {
-    KeyContextHolder const context(EVP_PKEY_CTX_new(key.key.get(), nullptr));
+    KeyContextHolder const context(EVP_PKEY_CTX_new(key.m_Key.get(), nullptr));
     bool const good =
         context && EVP_PKEY_verify_init(context.get()) == 1 &&
         EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PSS_PADDING) == 1 &&
@@ -86,32 +86,32 @@ Opened openForeign(KnownKey const& key, std::string const& signature) {
         return {};
     }
     if (block[0] == '\0' && block[1] == '\2') {
-        return {Wrapping::Encryption, ""};
+        return {Wrapping::kEncryption, ""};
     }
     std::size_t const before = block.size() - kDigestBytes;
     if (block.find_first_not_of('\0') >= before) {
-        return {Wrapping::Unpadded, block.substr(before)};
+        return {Wrapping::kUnpadded, block.substr(before)};
     }
     return {};
 }
 
 /// `signature` is as long as the modulus.
 Opened openUnder(KnownKey const& key, std::string const& signature) {
-    std::optional<std::string> const content = signedDigest(key.key.get(), signature);
+    std::optional<std::string> const content = signedDigest(key.m_Key.get(), signature);
     if (!content) {
         return openForeign(key, signature);
     }
     if (content->size() == kDigestBytes) {
-        return {Wrapping::Bare, *content};
+        return {Wrapping::kBare, *content};
     }
     std::string const start = fromHex(kDigestInfoStart).value();
     if (content->size() == start.size() + kDigestBytes && content->compare(0, start.size(), start) == 0) {
-        return {Wrapping::DigestInfo, content->substr(start.size())};
+        return {Wrapping::kDigestInfo, content->substr(start.size())};
     }
-    return {Wrapping::OtherContent, *content};
+    return {Wrapping::kOtherContent, *content};
 }
 
-constexpr std::array<Digested, 3> kAllDigested = {Digested::ZeroExtended, Digested::SignExtended, Digested::Bytes};
+constexpr std::array<Digested, 3> kAllDigested = {Digested::kZeroExtended, Digested::kSignExtended, Digested::kBytes};
 
 /// The digests of one text.
 class Digests {
@@ -139,10 +139,10 @@ private:
 
 /// What one key makes of SIGNATURE.
 struct Attempt {
-    KnownKey const& key;
-    std::string signature;  ///< As long as the modulus.
-    bool zerosLost;
-    Opened opened;
+    KnownKey const& m_Key;
+    std::string m_Signature;  ///< As long as the modulus.
+    bool m_ZerosLost;
+    Opened m_Opened;
 };
 
 std::vector<Attempt> openUnderAll(std::vector<KnownKey> const& keys, std::string const& signature) {
@@ -161,10 +161,10 @@ std::vector<Match> matchesOf(std::vector<Attempt> const& attempts, std::string c
     Digests const digests(text);
     std::vector<Match> matches;
     for (Attempt const& attempt : attempts) {
-        std::optional<Digested> const digested = digests.find(attempt.opened.content, signedBy(attempt.key));
+        std::optional<Digested> const digested = digests.find(attempt.m_Opened.m_Content, signedBy(attempt.m_Key));
         if (digested) {
-            matches.push_back(
-                {attempt.key.id, attempt.key.account, *digested, attempt.opened.wrapping, attempt.zerosLost, repair});
+            matches.push_back({attempt.m_Key.m_Id, attempt.m_Key.m_Account, *digested, attempt.m_Opened.m_Wrapping,
+                               attempt.m_ZerosLost, repair});
         }
     }
     return matches;
@@ -175,10 +175,10 @@ std::vector<Match> pssMatchesOf(std::vector<Attempt> const& attempts, std::strin
     std::vector<Match> matches;
     for (Attempt const& attempt : attempts) {
         for (Digested const digested : kAllDigested) {
-            if (attempt.opened.wrapping == Wrapping::Unknown &&
-                verifiesAsPss(attempt.key, digestOf(text, digested), attempt.signature)) {
+            if (attempt.m_Opened.m_Wrapping == Wrapping::kUnknown &&
+                verifiesAsPss(attempt.m_Key, digestOf(text, digested), attempt.m_Signature)) {
                 matches.push_back(
-                    {attempt.key.id, attempt.key.account, digested, Wrapping::Pss, attempt.zerosLost, ""});
+                    {attempt.m_Key.m_Id, attempt.m_Key.m_Account, digested, Wrapping::kPss, attempt.m_ZerosLost, ""});
             }
         }
     }
@@ -194,7 +194,7 @@ std::vector<Match> findMatches(std::vector<Attempt> const& attempts, std::string
         if (!matches.empty()) {
             break;
         }
-        matches = matchesOf(attempts, repair.text, repair.description);
+        matches = matchesOf(attempts, repair.m_Text, repair.m_Description);
     }
     return matches;
 }
@@ -205,11 +205,11 @@ std::string quoted(std::string const& text) {
 
 std::string nameOf(Digested digested) {
     switch (digested) {
-        case Digested::ZeroExtended:
+        case Digested::kZeroExtended:
             return "its bytes zero-extended to two, as merchants sign";
-        case Digested::SignExtended:
+        case Digested::kSignExtended:
             return "its bytes sign-extended to two, as this service signs";
-        case Digested::Bytes:
+        case Digested::kBytes:
             break;
     }
     return "its bytes as they are, one each, as nobody signs here";
@@ -231,21 +231,21 @@ bool isMessage(std::string const& text) {
 /// Empty for the wrapping that is right, and for one that cannot be told.
 std::string faultOf(Wrapping wrapping, std::size_t contentBytes) {
     switch (wrapping) {
-        case Wrapping::DigestInfo:
+        case Wrapping::kDigestInfo:
             return "The digest in SIGNATURE is wrapped in a DigestInfo, 35 bytes in all. Here the 20 bytes of the "
                    "digest "
                    "are signed alone.";
-        case Wrapping::OtherContent:
+        case Wrapping::kOtherContent:
             return "SIGNATURE holds " + std::to_string(contentBytes) +
                    " bytes, where the 20 of a SHA-1 digest are right.";
-        case Wrapping::Encryption:
+        case Wrapping::kEncryption:
             return "The padding of SIGNATURE is of type 2, which is for encryption. That of a signature is of type 1.";
-        case Wrapping::Unpadded:
+        case Wrapping::kUnpadded:
             return "SIGNATURE holds 20 bytes without padding. Here they are padded as in PKCS #1 v1.5, type 1.";
-        case Wrapping::Pss:
+        case Wrapping::kPss:
             return "SIGNATURE is padded with PSS. Here it is padded as in PKCS #1 v1.5, type 1.";
-        case Wrapping::Bare:
-        case Wrapping::Unknown:
+        case Wrapping::kBare:
+        case Wrapping::kUnknown:
             break;
     }
     return "";
@@ -258,11 +258,11 @@ public:
         : m_Keys(keys), m_Recall(recall), m_Out(out) {}
 
     void run() {
-        if (m_Out.data.empty()) {
-            return remark(Finding::DataMissing, "There is no DATA.");
+        if (m_Out.m_Data.empty()) {
+            return remark(Finding::kDataMissing, "There is no DATA.");
         }
-        m_Out.zeroDigest = toHex(digestOf(m_Out.data, Digested::ZeroExtended));
-        m_Out.signDigest = toHex(digestOf(m_Out.data, Digested::SignExtended));
+        m_Out.m_ZeroDigest = toHex(digestOf(m_Out.m_Data, Digested::kZeroExtended));
+        m_Out.m_SignDigest = toHex(digestOf(m_Out.m_Data, Digested::kSignExtended));
         readMessage();
         if (std::optional<std::string> const signature = readSignature()) {
             compare(*signature);
@@ -270,11 +270,11 @@ public:
     }
 
 private:
-    void remark(Finding finding, std::string const& text) { m_Out.remarks.push_back({finding, text}); }
+    void remark(Finding finding, std::string const& text) { m_Out.m_Remarks.push_back({finding, text}); }
 
     [[nodiscard]] bool has(Finding finding) const {
-        for (Remark const& present : m_Out.remarks) {
-            if (present.finding == finding) {
+        for (Remark const& present : m_Out.m_Remarks) {
+            if (present.m_Finding == finding) {
                 return true;
             }
         }
@@ -283,53 +283,53 @@ private:
 
     void readMessage() {
         try {
-            m_Out.message = Message::parse(m_Out.data);
+            m_Out.m_Message = Message::parse(m_Out.m_Data);
         } catch (Refusal const& refusal) {
-            return remark(Finding::NoMessage, std::string("DATA is no message: ") + refusal.what() + ".");
+            return remark(Finding::kNoMessage, std::string("DATA is no message: ") + refusal.what() + ".");
         }
-        m_Out.keyId = m_Out.message->find("KEYID").value_or("");
-        if (m_Out.keyId.empty()) {
-            return remark(Finding::KeyIdMissing,
+        m_Out.m_KeyId = m_Out.m_Message->find("KEYID").value_or("");
+        if (m_Out.m_KeyId.empty()) {
+            return remark(Finding::kKeyIdMissing,
                           "The message has no KEYID, so nobody can tell whose signature it needs.");
         }
         for (KnownKey const& key : m_Keys) {
-            if (key.id == m_Out.keyId && !m_Out.key) {
-                m_Out.key = key;
+            if (key.m_Id == m_Out.m_KeyId && !m_Out.m_Key) {
+                m_Out.m_Key = key;
             }
         }
-        if (!m_Out.key) {
-            return remark(Finding::KeyUnknown, "KEYID " + quoted(m_Out.keyId) +
-                                                   " names neither a key of this service nor one that a merchant "
-                                                   "published here.");
+        if (!m_Out.m_Key) {
+            return remark(Finding::kKeyUnknown, "KEYID " + quoted(m_Out.m_KeyId) +
+                                                    " names neither a key of this service nor one that a merchant "
+                                                    "published here.");
         }
-        if (m_Out.key->ofService() && !m_Out.key->current) {
-            remark(Finding::KeyOld, "KEYID " + quoted(m_Out.keyId) +
-                                        " names an old key of this service, which signs with another one now.");
+        if (m_Out.m_Key->ofService() && !m_Out.m_Key->m_Current) {
+            remark(Finding::kKeyOld, "KEYID " + quoted(m_Out.m_KeyId) +
+                                         " names an old key of this service, which signs with another one now.");
         }
     }
 
     /// SIGNATURE in bytes, as far as it can be read.
     std::optional<std::string> readSignature() {
-        std::string lower = m_Out.signature;
+        std::string lower = m_Out.m_Signature;
         for (char& c : lower) {
             c = c >= 'A' && c <= 'F' ? static_cast<char>(c - 'A' + 'a') : c;
         }
         std::optional<std::string> const bytes = fromHex(lower);
         if (lower.empty()) {
-            remark(Finding::SignatureMissing, "There is no SIGNATURE.");
+            remark(Finding::kSignatureMissing, "There is no SIGNATURE.");
             return std::nullopt;
         }
         if (!bytes) {
             std::size_t const foreign = lower.find_first_not_of("0123456789abcdef");
-            remark(Finding::NotHexadecimal,
+            remark(Finding::kNotHexadecimal,
                    foreign == std::string::npos
                        ? "SIGNATURE has " + std::to_string(lower.size()) + " hexadecimal digits, an odd number."
                        : "SIGNATURE is not hexadecimal: its character number " + std::to_string(foreign + 1) +
                              " is no digit.");
             return std::nullopt;
         }
-        if (lower != m_Out.signature) {
-            remark(Finding::UpperCase,
+        if (lower != m_Out.m_Signature) {
+            remark(Finding::kUpperCase,
                    "SIGNATURE has hexadecimal digits in upper case. Here only lower case is taken.");
         }
         return bytes;
@@ -337,17 +337,17 @@ private:
 
     void compare(std::string const& signature) {
         std::vector<Attempt> const attempts = openUnderAll(m_Keys, signature);
-        m_Out.matches = findMatches(attempts, m_Out.data);
-        if (m_Out.key) {
+        m_Out.m_Matches = findMatches(attempts, m_Out.m_Data);
+        if (m_Out.m_Key) {
             compareUnderNamedKey(signature, attempts);
         }
-        if (!m_Out.matches.empty()) {
+        if (!m_Out.m_Matches.empty()) {
             return explain(bestMatch());
         }
         Attempt const* holding = nullptr;
         for (Attempt const& attempt : attempts) {
-            bool const holds = attempt.opened.content.size() == kDigestBytes;
-            if (holds && (holding == nullptr || isNamed(attempt.key.id, attempt.key.account))) {
+            bool const holds = attempt.m_Opened.m_Content.size() == kDigestBytes;
+            if (holds && (holding == nullptr || isNamed(attempt.m_Key.m_Id, attempt.m_Key.m_Account))) {
                 holding = &attempt;
             }
         }
@@ -355,81 +355,82 @@ private:
     }
 
     void nothingFits(std::string const& more) {
-        remark(Finding::NothingFits,
+        remark(Finding::kNothingFits,
                "SIGNATURE is one of DATA under none of the " + std::to_string(m_Keys.size()) +
                    " keys known here, extended in either way, with any one of the common damages undone." + more);
     }
 
     /// `attempt` found a digest that is not of DATA.
     void recallOriginal(Attempt const& attempt) {
-        KnownKey const& key = attempt.key;
-        std::optional<SeenMessage> seen = m_Recall(key, attempt.opened.content);
+        KnownKey const& key = attempt.m_Key;
+        std::optional<SeenMessage> seen = m_Recall(key, attempt.m_Opened.m_Content);
         if (!seen) {
             std::string const count = std::to_string(kMostRecalled);
             return nothingFits(" Nor is it that of another message which was seen here: the newest " + count +
                                " payments and the newest " + count + " exchanges were looked at.");
         }
-        Digested const digested = Digests(seen->text).find(attempt.opened.content, signedBy(key)).value();
-        remark(Finding::OtherMessage, "SIGNATURE is that of another message, which was seen here: " + seen->origin +
-                                          ". It was made under " + nameOf(key.id, key.account) + ".");
-        m_Out.original = SignedOriginal{std::move(*seen), {}};
-        compareWith(*m_Out.original);
-        explainFaults({key.id, key.account, digested, attempt.opened.wrapping, attempt.zerosLost, ""}, "that message");
+        Digested const digested = Digests(seen->m_Text).find(attempt.m_Opened.m_Content, signedBy(key)).value();
+        remark(Finding::kOtherMessage, "SIGNATURE is that of another message, which was seen here: " + seen->m_Origin +
+                                           ". It was made under " + nameOf(key.m_Id, key.m_Account) + ".");
+        m_Out.m_Original = SignedOriginal{std::move(*seen), {}};
+        compareWith(*m_Out.m_Original);
+        explainFaults({key.m_Id, key.m_Account, digested, attempt.m_Opened.m_Wrapping, attempt.m_ZerosLost, ""},
+                      "that message");
     }
 
     void compareWith(SignedOriginal& original) {
-        std::string const& text = original.seen.text;
-        if (!m_Out.message || !isMessage(text)) {
-            return remark(Finding::OtherMessage,
+        std::string const& text = original.m_Seen.m_Text;
+        if (!m_Out.m_Message || !isMessage(text)) {
+            return remark(Finding::kOtherMessage,
                           "What differs cannot be told by attributes, because not both of them can be read.");
         }
-        original.differences = differences(Message::parse(text).attributes(), m_Out.message->attributes());
-        if (original.differences.empty()) {
-            return remark(Finding::OtherMessage, "No attribute of it was changed, added or lost: " +
-                                                     differenceInWriting(text, m_Out.data) + ".");
+        original.m_Differences = differences(Message::parse(text).attributes(), m_Out.m_Message->attributes());
+        if (original.m_Differences.empty()) {
+            return remark(Finding::kOtherMessage, "No attribute of it was changed, added or lost: " +
+                                                      differenceInWriting(text, m_Out.m_Data) + ".");
         }
         std::string names;
-        for (Difference const& difference : original.differences) {
-            names += (names.empty() ? "" : ", ") + difference.name;
+        for (Difference const& difference : original.m_Differences) {
+            names += (names.empty() ? "" : ", ") + difference.m_Name;
         }
-        remark(Finding::OtherMessage, "DATA differs from it in: " + names + ".");
+        remark(Finding::kOtherMessage, "DATA differs from it in: " + names + ".");
     }
 
     void compareUnderNamedKey(std::string const& signature, std::vector<Attempt> const& attempts) {
-        KnownKey const& key = *m_Out.key;
+        KnownKey const& key = *m_Out.m_Key;
         std::size_t const size = sizeOf(key);
         if (signature.size() != size) {
-            remark(Finding::WrongLength, "SIGNATURE has " + std::to_string(signature.size()) + " bytes, but the key " +
-                                             quoted(key.id) + " of " + std::to_string(key.bits()) +
-                                             " bits makes signatures of " + std::to_string(size) + ".");
+            remark(Finding::kWrongLength, "SIGNATURE has " + std::to_string(signature.size()) + " bytes, but the key " +
+                                              quoted(key.m_Id) + " of " + std::to_string(key.bits()) +
+                                              " bits makes signatures of " + std::to_string(size) + ".");
         }
         for (Attempt const& attempt : attempts) {
-            if (attempt.key.key == key.key) {
+            if (attempt.m_Key.m_Key == key.m_Key) {
                 describe(attempt);
             }
         }
     }
 
     void describe(Attempt const& attempt) {
-        Opened const& opened = attempt.opened;
-        m_Out.heldDigest = toHex(opened.content);
-        std::string const fault = faultOf(opened.wrapping, opened.content.size());
+        Opened const& opened = attempt.m_Opened;
+        m_Out.m_HeldDigest = toHex(opened.m_Content);
+        std::string const fault = faultOf(opened.m_Wrapping, opened.m_Content.size());
         if (!fault.empty()) {
-            remark(Finding::WrongWrapping, fault);
-        } else if (opened.wrapping == Wrapping::Unknown && !isMatch(attempt.key)) {
-            remark(Finding::Unreadable, "Under the key " + quoted(attempt.key.id) +
-                                            " SIGNATURE holds nothing: another key made it, or it was changed.");
+            remark(Finding::kWrongWrapping, fault);
+        } else if (opened.m_Wrapping == Wrapping::kUnknown && !isMatch(attempt.m_Key)) {
+            remark(Finding::kUnreadable, "Under the key " + quoted(attempt.m_Key.m_Id) +
+                                             " SIGNATURE holds nothing: another key made it, or it was changed.");
         }
-        bool const holdsDigest = opened.content.size() == kDigestBytes;
-        if (holdsDigest && opened.content != digestOf(m_Out.data, signedBy(attempt.key))) {
-            remark(Finding::OtherDigest,
-                   "The digest in SIGNATURE is another than that of DATA, " + nameOf(signedBy(attempt.key)) + ".");
+        bool const holdsDigest = opened.m_Content.size() == kDigestBytes;
+        if (holdsDigest && opened.m_Content != digestOf(m_Out.m_Data, signedBy(attempt.m_Key))) {
+            remark(Finding::kOtherDigest,
+                   "The digest in SIGNATURE is another than that of DATA, " + nameOf(signedBy(attempt.m_Key)) + ".");
         }
     }
 
     [[nodiscard]] bool isMatch(KnownKey const& key) const {
-        for (Match const& match : m_Out.matches) {
-            if (match.keyId == key.id && match.account == key.account) {
+        for (Match const& match : m_Out.m_Matches) {
+            if (match.m_KeyId == key.m_Id && match.m_Account == key.m_Account) {
                 return true;
             }
         }
@@ -438,48 +439,48 @@ private:
 
     /// The one under the key that KEYID names, if it is among them.
     [[nodiscard]] Match const& bestMatch() const {
-        for (Match const& match : m_Out.matches) {
-            if (isNamed(match.keyId, match.account)) {
+        for (Match const& match : m_Out.m_Matches) {
+            if (isNamed(match.m_KeyId, match.m_Account)) {
                 return match;
             }
         }
-        return m_Out.matches.front();
+        return m_Out.m_Matches.front();
     }
 
     [[nodiscard]] bool isNamed(std::string const& keyId, std::string const& account) const {
-        return m_Out.key && keyId == m_Out.key->id && account == m_Out.key->account;
+        return m_Out.m_Key && keyId == m_Out.m_Key->m_Id && account == m_Out.m_Key->m_Account;
     }
 
     void explain(Match const& match) {
-        std::string const under = "under " + nameOf(match.keyId, match.account);
-        if (!match.repair.empty()) {
-            remark(Finding::Damaged, "It verifies " + under + " once " + match.repair + ".");
+        std::string const under = "under " + nameOf(match.m_KeyId, match.m_Account);
+        if (!match.m_Repair.empty()) {
+            remark(Finding::kDamaged, "It verifies " + under + " once " + match.m_Repair + ".");
         }
         explainFaults(match, "DATA");
-        bool const harmless = m_Out.remarks.empty() || (m_Out.remarks.size() == 1 && has(Finding::KeyOld));
+        bool const harmless = m_Out.m_Remarks.empty() || (m_Out.m_Remarks.size() == 1 && has(Finding::kKeyOld));
         if (harmless) {
-            m_Out.right = true;
-            remark(Finding::Right, "SIGNATURE is one of DATA " + under + ", with " + nameOf(match.digested) + ".");
+            m_Out.m_Right = true;
+            remark(Finding::kRight, "SIGNATURE is one of DATA " + under + ", with " + nameOf(match.m_Digested) + ".");
         }
     }
 
     /// Tells what is wrong with a signature of `what`.
     void explainFaults(Match const& match, std::string const& what) {
-        if (!isNamed(match.keyId, match.account) && !m_Out.keyId.empty()) {
-            remark(Finding::WrongKey,
-                   "It verifies under " + nameOf(match.keyId, match.account) + ", not under the one that KEYID names.");
+        if (!isNamed(match.m_KeyId, match.m_Account) && !m_Out.m_KeyId.empty()) {
+            remark(Finding::kWrongKey, "It verifies under " + nameOf(match.m_KeyId, match.m_Account) +
+                                           ", not under the one that KEYID names.");
         }
-        if (match.zerosLost) {
-            remark(Finding::WrongLength, "It verifies once the zero bytes missing before SIGNATURE are put back.");
+        if (match.m_ZerosLost) {
+            remark(Finding::kWrongLength, "It verifies once the zero bytes missing before SIGNATURE are put back.");
         }
-        if (match.wrapping != Wrapping::Bare && !has(Finding::WrongWrapping)) {
-            remark(Finding::WrongWrapping, faultOf(match.wrapping, kDigestBytes));
+        if (match.m_Wrapping != Wrapping::kBare && !has(Finding::kWrongWrapping)) {
+            remark(Finding::kWrongWrapping, faultOf(match.m_Wrapping, kDigestBytes));
         }
-        Digested const expected = match.account.empty() ? Digested::SignExtended : Digested::ZeroExtended;
-        if (match.digested != expected) {
-            remark(Finding::WrongWidening, "What was signed is " + what + " with " + nameOf(match.digested) + ". Of " +
-                                               keyOwner(match.account) + " it must be " + what + " with " +
-                                               nameOf(expected) + ".");
+        Digested const expected = match.m_Account.empty() ? Digested::kSignExtended : Digested::kZeroExtended;
+        if (match.m_Digested != expected) {
+            remark(Finding::kWrongWidening, "What was signed is " + what + " with " + nameOf(match.m_Digested) +
+                                                ". Of " + keyOwner(match.m_Account) + " it must be " + what + " with " +
+                                                nameOf(expected) + ".");
         }
     }
 
@@ -496,12 +497,12 @@ std::string keyOwner(std::string const& account) {
 
 std::vector<KnownKey> knownKeys(Site const& site) {
     std::vector<KnownKey> keys;
-    std::string const current = site.keys.current()->id;
-    for (KeyRing::Key const& key : site.keys.all()) {
-        keys.push_back({key->id, "", key->id == current, std::shared_ptr<EVP_PKEY>(key, key->key.get())});
+    std::string const current = site.m_Keys.current()->m_Id;
+    for (KeyRing::Key const& key : site.m_Keys.all()) {
+        keys.push_back({key->m_Id, "", key->m_Id == current, std::shared_ptr<EVP_PKEY>(key, key->m_Key.get())});
     }
-    for (PublishedKey const& published : site.store.merchantKeys()) {
-        keys.push_back({published.id, published.key.account, false, readPublicKeyBlob(published.key.blob)});
+    for (PublishedKey const& published : site.m_Store.merchantKeys()) {
+        keys.push_back({published.m_Id, published.m_Key.m_Account, false, readPublicKeyBlob(published.m_Key.m_Blob)});
     }
     return keys;
 }
@@ -509,8 +510,8 @@ std::vector<KnownKey> knownKeys(Site const& site) {
 Calculation calculate(std::vector<KnownKey> const& keys, std::string const& data, std::string const& signature,
                       Recall const& recall) {
     Calculation out;
-    out.data = data;
-    out.signature = signature;
+    out.m_Data = data;
+    out.m_Signature = signature;
     Calculator(keys, recall, out).run();
     return out;
 }

@@ -17,13 +17,13 @@ namespace sandbox {
 
 /// A key that signatures are tried under.
 struct KnownKey {
-    std::string id;
-    std::string account;            ///< Of the merchant; empty for a key of the service.
-    bool current = false;           ///< Whether the service signs with it now.
-    std::shared_ptr<EVP_PKEY> key;  ///< The public half is used.
+    std::string m_Id;
+    std::string m_Account;            ///< Of the merchant; empty for a key of the service.
+    bool m_Current = false;           ///< Whether the service signs with it now.
+    std::shared_ptr<EVP_PKEY> m_Key;  ///< The public half is used.
 
-    [[nodiscard]] bool ofService() const { return account.empty(); }
-    [[nodiscard]] int bits() const { return EVP_PKEY_get_bits(key.get()); }
+    [[nodiscard]] bool ofService() const { return m_Account.empty(); }
+    [[nodiscard]] int bits() const { return EVP_PKEY_get_bits(m_Key.get()); }
 };
 
 /// Whose key one is whose KnownKey::account is `account`, for people.
@@ -33,60 +33,60 @@ std::string keyOwner(std::string const& account);
 std::vector<KnownKey> knownKeys(Site const& site);
 
 /// What of a text was digested: its units of 16 bits, or its bytes as they are, which nobody should sign.
-enum class Digested { ZeroExtended, SignExtended, Bytes };
+enum class Digested { kZeroExtended, kSignExtended, kBytes };
 
 /// What the RSA operation with a public key makes of a signature.
 enum class Wrapping {
-    Bare,          ///< Padding of type 1 around 20 bytes: what is signed here.
-    DigestInfo,    ///< Padding of type 1 around a DigestInfo with a SHA-1 digest, 35 bytes.
-    OtherContent,  ///< Padding of type 1 around anything else.
-    Encryption,    ///< Padding of type 2, which is for encryption.
-    Unpadded,      ///< Zero bytes before 20 others.
-    Pss,           ///< PSS around a digest of DATA.
-    Unknown,       ///< None of these: made with another key, or changed.
+    kBare,          ///< Padding of type 1 around 20 bytes: what is signed here.
+    kDigestInfo,    ///< Padding of type 1 around a DigestInfo with a SHA-1 digest, 35 bytes.
+    kOtherContent,  ///< Padding of type 1 around anything else.
+    kEncryption,    ///< Padding of type 2, which is for encryption.
+    kUnpadded,      ///< Zero bytes before 20 others.
+    kPss,           ///< PSS around a digest of DATA.
+    kUnknown,       ///< None of these: made with another key, or changed.
 };
 
 /// One way in which SIGNATURE turns out to be one of DATA.
 struct Match {
-    std::string keyId;
-    std::string account;  ///< As in KnownKey.
-    Digested digested = Digested::ZeroExtended;
-    Wrapping wrapping = Wrapping::Bare;
-    bool zerosLost = false;  ///< Zero bytes had to be put before SIGNATURE.
-    std::string repair;      ///< What had to be done to DATA, "each + is taken for a blank"; empty: nothing.
+    std::string m_KeyId;
+    std::string m_Account;  ///< As in KnownKey.
+    Digested m_Digested = Digested::kZeroExtended;
+    Wrapping m_Wrapping = Wrapping::kBare;
+    bool m_ZerosLost = false;  ///< Zero bytes had to be put before SIGNATURE.
+    std::string m_Repair;      ///< What had to be done to DATA, "each + is taken for a blank"; empty: nothing.
 };
 
 enum class Finding {
-    DataMissing,
-    SignatureMissing,
-    NoMessage,       ///< DATA cannot be read as a message.
-    KeyIdMissing,    ///< The message names no key.
-    KeyUnknown,      ///< KEYID names a key that was never here.
-    KeyOld,          ///< KEYID names a key of the service that does not sign any more. Harmless.
-    NotHexadecimal,  ///< SIGNATURE is not hexadecimal at all.
-    UpperCase,       ///< SIGNATURE has upper-case digits.
-    WrongLength,     ///< SIGNATURE is not as long as the key's modulus.
-    WrongWrapping,   ///< SIGNATURE is padded or wrapped in another way than ours.
-    Unreadable,      ///< SIGNATURE holds nothing under the key: made with another one, or changed.
-    OtherDigest,     ///< SIGNATURE holds a digest, and another one than that of DATA.
-    WrongWidening,   ///< It verifies over other units.
-    WrongKey,        ///< It verifies under another key than KEYID names.
-    Damaged,         ///< It verifies once something is done to DATA.
-    OtherMessage,    ///< It is that of another message, which was seen here.
-    NothingFits,     ///< It verifies in no way that was tried.
-    Right,           ///< Nothing is wrong.
+    kDataMissing,
+    kSignatureMissing,
+    kNoMessage,       ///< DATA cannot be read as a message.
+    kKeyIdMissing,    ///< The message names no key.
+    kKeyUnknown,      ///< KEYID names a key that was never here.
+    kKeyOld,          ///< KEYID names a key of the service that does not sign any more. Harmless.
+    kNotHexadecimal,  ///< SIGNATURE is not hexadecimal at all.
+    kUpperCase,       ///< SIGNATURE has upper-case digits.
+    kWrongLength,     ///< SIGNATURE is not as long as the key's modulus.
+    kWrongWrapping,   ///< SIGNATURE is padded or wrapped in another way than ours.
+    kUnreadable,      ///< SIGNATURE holds nothing under the key: made with another one, or changed.
+    kOtherDigest,     ///< SIGNATURE holds a digest, and another one than that of DATA.
+    kWrongWidening,   ///< It verifies over other units.
+    kWrongKey,        ///< It verifies under another key than KEYID names.
+    kDamaged,         ///< It verifies once something is done to DATA.
+    kOtherMessage,    ///< It is that of another message, which was seen here.
+    kNothingFits,     ///< It verifies in no way that was tried.
+    kRight,           ///< Nothing is wrong.
 };
 
 struct Remark {
-    Finding finding = Finding::Right;
-    std::string text;  ///< For people, one or two sentences.
+    Finding m_Finding = Finding::kRight;
+    std::string m_Text;  ///< For people, one or two sentences.
 };
 
 /// A message that was signed here, or that came here.
 struct SeenMessage {
-    std::string text;
-    std::string origin;  ///< For people: "the PayInit of the payment P1".
-    std::string page;    ///< Of the dashboard, where more is told.
+    std::string m_Text;
+    std::string m_Origin;  ///< For people: "the PayInit of the payment P1".
+    std::string m_Page;    ///< Of the dashboard, where more is told.
 };
 
 /// Looks for a message whose digest, zero-extended or sign-extended, is what a signature holds under `key`.
@@ -101,9 +101,9 @@ std::optional<SeenMessage> recallSeen(Site const& site, KnownKey const& key, std
 
 /// An attribute that is not the same in two messages.
 struct Difference {
-    std::string name;
-    std::optional<std::string> inSigned;  ///< Nothing where it is missing.
-    std::optional<std::string> inData;
+    std::string m_Name;
+    std::optional<std::string> m_InSigned;  ///< Nothing where it is missing.
+    std::optional<std::string> m_InData;
 };
 
 /// All of them: those of `inSigned` in its order, then what `inData` has besides.
@@ -114,24 +114,24 @@ std::string differenceInWriting(std::string const& inSigned, std::string const& 
 
 /// The message that was signed in the place of DATA.
 struct SignedOriginal {
-    SeenMessage seen;
-    std::vector<Difference> differences;
+    SeenMessage m_Seen;
+    std::vector<Difference> m_Differences;
 };
 
 /// All that was found out. What could not be found out is empty.
 struct Calculation {
-    std::string data;
-    std::string signature;
-    std::optional<Message> message;
-    std::string keyId;
-    std::optional<KnownKey> key;  ///< That KEYID names.
-    std::string zeroDigest;       ///< SHA-1 in hexadecimal of DATA zero-extended, as merchants sign.
-    std::string signDigest;       ///< The same sign-extended, as the service signs.
-    std::string heldDigest;       ///< That SIGNATURE holds under `key`, in hexadecimal; any length.
-    std::vector<Match> matches;   ///< Of DATA as it is, else of the first repair that has some.
-    std::optional<SignedOriginal> original;
-    std::vector<Remark> remarks;  ///< In the order in which to read them, never empty.
-    bool right = false;           ///< Whether it verifies for whoever follows the protocol.
+    std::string m_Data;
+    std::string m_Signature;
+    std::optional<Message> m_Message;
+    std::string m_KeyId;
+    std::optional<KnownKey> m_Key;  ///< That KEYID names.
+    std::string m_ZeroDigest;       ///< SHA-1 in hexadecimal of DATA zero-extended, as merchants sign.
+    std::string m_SignDigest;       ///< The same sign-extended, as the service signs.
+    std::string m_HeldDigest;       ///< That SIGNATURE holds under `key`, in hexadecimal; any length.
+    std::vector<Match> m_Matches;   ///< Of DATA as it is, else of the first repair that has some.
+    std::optional<SignedOriginal> m_Original;
+    std::vector<Remark> m_Remarks;  ///< In the order in which to read them, never empty.
+    bool m_Right = false;           ///< Whether it verifies for whoever follows the protocol.
 };
 
 /// Looks at the decoded DATA and at SIGNATURE as it was sent. Of the damages that DATA may have suffered on its way one
@@ -141,8 +141,8 @@ Calculation calculate(std::vector<KnownKey> const& keys, std::string const& data
 
 /// DATA, decoded, and SIGNATURE.
 struct SignedTexts {
-    std::string data;
-    std::string signature;
+    std::string m_Data;
+    std::string m_Signature;
 };
 
 /// Takes what people paste: DATA as a message, percent-encoded, or within a whole address or query that has SIGNATURE
@@ -152,8 +152,8 @@ SignedTexts readPasted(std::string const& data, std::string const& signature);
 
 /// A damage that DATA may have suffered, undone.
 struct Repair {
-    std::string text;         ///< DATA as it may have been.
-    std::string description;  ///< What was done, to be put behind "once": "each + is taken for a blank".
+    std::string m_Text;         ///< DATA as it may have been.
+    std::string m_Description;  ///< What was done, to be put behind "once": "each + is taken for a blank".
 };
 
 /// Every repair that changes `data`.

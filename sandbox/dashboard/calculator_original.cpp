@@ -14,16 +14,16 @@ namespace {
 constexpr std::int64_t kLongestRecalled = 16 * 1024;
 
 bool hasDigest(std::string const& text, std::string const& digest) {
-    return digestOf(text, Widening::Zero) == digest || digestOf(text, Widening::Sign) == digest;
+    return digestOf(text, Widening::kZero) == digest || digestOf(text, Widening::kSign) == digest;
 }
 
 /// The confirmation of `payment` that has this digest, as the service signs them under the key `keyId`, faults
 /// included. Nothing when there is none.
 std::optional<std::string> findConfirmation(std::string const& keyId, Payment const& payment,
                                             std::string const& digest) {
-    for (HistoryEntry const& step : payment.history) {
+    for (HistoryEntry const& step : payment.m_History) {
         for (char const* type : {kConfirmationType, kUnexpectedType}) {
-            std::string text = confirmationBy(keyId, type, payment, stateName(step.state)).text();
+            std::string text = confirmationBy(keyId, type, payment, stateName(step.m_State)).text();
             if (hasDigest(text, digest)) {
                 return text;
             }
@@ -62,18 +62,19 @@ std::string withoutBlanksBetween(std::string const& text) {
 }  // namespace
 
 std::optional<SeenMessage> recallSeen(Site const& site, KnownKey const& key, std::string const& digest) {
-    for (PaymentRecord const& record : site.store.latestPayments(kMostRecalled, kLongestRecalled)) {
-        std::string const page = "/payment?id=" + record.payment.id;
-        if (hasDigest(record.message, digest)) {
-            return SeenMessage{record.message, "the PayInit of the payment " + record.payment.id, page};
+    for (PaymentRecord const& record : site.m_Store.latestPayments(kMostRecalled, kLongestRecalled)) {
+        std::string const page = "/payment?id=" + record.m_Payment.m_Id;
+        if (hasDigest(record.m_Message, digest)) {
+            return SeenMessage{record.m_Message, "the PayInit of the payment " + record.m_Payment.m_Id, page};
         }
         std::optional<std::string> confirmation =
-            key.ofService() ? findConfirmation(key.id, record.payment, digest) : std::nullopt;
+            key.ofService() ? findConfirmation(key.m_Id, record.m_Payment, digest) : std::nullopt;
         if (confirmation) {
-            return SeenMessage{std::move(*confirmation), "a confirmation of the payment " + record.payment.id, page};
+            return SeenMessage{std::move(*confirmation), "a confirmation of the payment " + record.m_Payment.m_Id,
+                               page};
         }
     }
-    for (auto const& [number, data] : site.store.latestData(kMostRecalled, kLongestRecalled)) {
+    for (auto const& [number, data] : site.m_Store.latestData(kMostRecalled, kLongestRecalled)) {
         if (hasDigest(data, digest)) {
             std::string const text = std::to_string(number);
             return SeenMessage{data, "the DATA of the exchange " + text, "/exchange?number=" + text};

@@ -51,7 +51,7 @@ SignedTexts readPasted(std::string const& data, std::string const& signature) {
     SignedTexts texts{data, without(signature, kBlanks)};
     std::size_t const begin = data.find_first_not_of(kBlanks);
     if (begin == std::string::npos) {
-        texts.data.clear();
+        texts.m_Data.clear();
         return texts;
     }
     if (data[begin] == '<') {
@@ -63,13 +63,13 @@ SignedTexts readPasted(std::string const& data, std::string const& signature) {
     if (at != std::string::npos) {
         Query const query = queryOf(packed, at);
         return {query.value("DATA").value_or(""),
-                bothSignatures(query.value("SIGNATURE").value_or(""), texts.signature)};
+                bothSignatures(query.value("SIGNATURE").value_or(""), texts.m_Signature)};
     }
     std::optional<std::string> const decoded = percentDecode(packed);
     if (!decoded) {
         throw Refusal("DATA is not well-formed percent-encoding");
     }
-    texts.data = *decoded;
+    texts.m_Data = *decoded;
     return texts;
 }
 

@@ -99,8 +99,8 @@ std::string returnsToLineFeeds(std::string const& text) {
 }
 
 struct Entity {
-    char const* name;
-    char const* character;
+    char const* m_Name;
+    char const* m_Character;
 };
 
 constexpr Entity kEntities[] = {
@@ -110,7 +110,7 @@ constexpr Entity kEntities[] = {
 /// The entity that stands at `at`, null for none.
 Entity const* entityAt(std::string const& text, std::size_t at) {
     for (Entity const& entity : kEntities) {
-        if (text.compare(at, std::char_traits<char>::length(entity.name), entity.name) == 0) {
+        if (text.compare(at, std::char_traits<char>::length(entity.m_Name), entity.m_Name) == 0) {
             return &entity;
         }
     }
@@ -122,8 +122,8 @@ std::string unescapeHtml(std::string const& text) {
     std::size_t at = 0;
     while (at < text.size()) {
         Entity const* const entity = entityAt(text, at);
-        out += entity != nullptr ? std::string(entity->character) : text.substr(at, 1);
-        at += entity != nullptr ? std::char_traits<char>::length(entity->name) : 1;
+        out += entity != nullptr ? std::string(entity->m_Character) : text.substr(at, 1);
+        at += entity != nullptr ? std::char_traits<char>::length(entity->m_Name) : 1;
     }
     return out;
 }
@@ -169,8 +169,8 @@ std::string utf8ToLatin1(std::string const& text) {
 }
 
 struct RepairRow {
-    std::string (*repair)(std::string const& text);
-    char const* description;
+    std::string (*m_Repair)(std::string const& text);
+    char const* m_Description;
 };
 
 // clang-format off
@@ -199,9 +199,9 @@ constexpr RepairRow kRepairs[] = {
 std::vector<Repair> repairs(std::string const& data) {
     std::vector<Repair> found;
     for (RepairRow const& row : kRepairs) {
-        std::string text = row.repair(data);
+        std::string text = row.m_Repair(data);
         if (text != data) {
-            found.push_back({std::move(text), row.description});
+            found.push_back({std::move(text), row.m_Description});
         }
     }
     return found;

@@ -18,9 +18,9 @@ constexpr int kMethodNotAllowed = 405;
 
 /// One method of one page.
 struct Route {
-    char const* method;
-    char const* path;
-    HttpReply (*answer)(Site const& site, Query const& fields);
+    char const* m_Method;
+    char const* m_Path;
+    HttpReply (*m_Answer)(Site const& site, Query const& fields);
 };
 
 // clang-format off
@@ -42,26 +42,26 @@ constexpr Route kRoutes[] = {
 /// The fields of a posted form. Forms write a blank as "+" (URL Standard, section 5.2), which queries of the protocol
 /// do not.
 Query formFields(HttpRequest const& request) {
-    return Query(replaceAll(request.body, "+", "%20"));
+    return Query(replaceAll(request.m_Body, "+", "%20"));
 }
 
 HttpReply answerForm(Site const& site, HttpRequest const& request, Route const& route) {
     Query const form = formFields(request);
-    if (!equalSecrets(form.value("key").value_or(""), site.formKey)) {
+    if (!equalSecrets(form.value("key").value_or(""), site.m_FormKey)) {
         throw Refusal(
             "The form did not come from a page of this service, or the service was started anew since. "
             "Open the page again and send its form.",
             kForbidden);
     }
-    return route.answer(site, form);
+    return route.m_Answer(site, form);
 }
 
 HttpReply answerRoute(Site const& site, HttpRequest const& request, Route const& route) {
     refuseForeignHost(request);
-    if (request.method == "POST") {
+    if (request.m_Method == "POST") {
         return answerForm(site, request, route);
     }
-    return route.answer(site, Query(request.query));
+    return route.m_Answer(site, Query(request.m_Query));
 }
 
 HttpReply refusalReply(int status, std::string const& reason) {
@@ -73,23 +73,24 @@ HttpReply refusalReply(int status, std::string const& reason) {
 std::optional<HttpReply> answerDashboard(Site const& site, HttpRequest const& request) {
     std::string allowed;
     for (Route const& route : kRoutes) {
-        if (request.path != route.path) {
+        if (request.m_Path != route.m_Path) {
             continue;
         }
-        if (request.method == route.method) {
+        if (request.m_Method == route.m_Method) {
             try {
                 return answerRoute(site, request, route);
             } catch (Refusal const& refusal) {
                 return refusalReply(refusal.status(), refusal.what());
             }
         }
-        allowed += (allowed.empty() ? "" : ", ") + std::string(route.method);
+        allowed += (allowed.empty() ? "" : ", ") + std::string(route.m_Method);
     }
     if (allowed.empty()) {
         return std::nullopt;
     }
-    HttpReply reply = refusalReply(kMethodNotAllowed, request.path + " knows " + allowed + ", not " + request.method);
-    reply.allow = allowed;
+    HttpReply reply =
+        refusalReply(kMethodNotAllowed, request.m_Path + " knows " + allowed + ", not " + request.m_Method);
+    reply.m_Allow = allowed;
     return reply;
 }
 

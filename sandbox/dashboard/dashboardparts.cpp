@@ -12,8 +12,8 @@ namespace {
 constexpr int kSeeOther = 303;
 
 struct NavigationRow {
-    char const* path;
-    char const* text;
+    char const* m_Path;
+    char const* m_Text;
 };
 
 constexpr NavigationRow kNavigation[] = {
@@ -22,8 +22,8 @@ constexpr NavigationRow kNavigation[] = {
 std::string navigation(std::string const& path) {
     std::string entries;
     for (NavigationRow const& row : kNavigation) {
-        std::string const here = path == row.path ? " aria-current=\"page\"" : "";
-        entries += std::string("<li><a href=\"") + row.path + "\"" + here + ">" + row.text + "</a></li>\n";
+        std::string const here = path == row.m_Path ? " aria-current=\"page\"" : "";
+        entries += std::string("<li><a href=\"") + row.m_Path + "\"" + here + ">" + row.m_Text + "</a></li>\n";
     }
     return "<nav aria-label=\"Dashboard\">\n<ul>\n" + entries + "</ul>\n</nav>\n";
 }
@@ -85,7 +85,7 @@ std::string problemNotice(std::string const& problem) {
 std::string dashboardForm(Site const& site, std::string const& action, std::string const& content,
                           std::string const& problem) {
     return problemNotice(problem) + "<form method=\"post\" action=\"" + action + "\">\n" +
-           hiddenField("key", site.formKey) + content + "</form>";
+           hiddenField("key", site.m_FormKey) + content + "</form>";
 }
 
 std::string textField(std::string const& label, std::string const& name, std::string const& value) {
@@ -101,10 +101,11 @@ std::string button(std::string const& label, std::string const& name, std::strin
 std::string exchangeTable(std::string const& caption, std::vector<Exchange> const& exchanges) {
     std::vector<Cells> rows;
     for (Exchange const& exchange : exchanges) {
-        std::string const number = std::to_string(exchange.number);
-        rows.push_back({link("/exchange?number=" + number, number), whole(exchange.time),
-                        whole(exchangeName(exchange.kind)), orderCell(exchange.order), verdictCell(exchange.verdict),
-                        escapeHtml(exchange.fault), whole(millisecondsText(exchange.microseconds))});
+        std::string const number = std::to_string(exchange.m_Number);
+        rows.push_back({link("/exchange?number=" + number, number), whole(exchange.m_Time),
+                        whole(exchangeName(exchange.m_Kind)), orderCell(exchange.m_Order),
+                        verdictCell(exchange.m_Verdict), escapeHtml(exchange.m_Fault),
+                        whole(millisecondsText(exchange.m_Microseconds))});
     }
     return wideTable(caption, {"Number", "Time", "Kind", "Order", "Verdict", "Fault", "Duration"}, rows);
 }

@@ -38,20 +38,20 @@ std::string formContent(Site const& site, std::string const& data, std::string c
 
 std::string remarksContent(Calculation const& result) {
     std::string items;
-    for (Remark const& remark : result.remarks) {
-        items += "<li>" + escapeHtml(remark.text) + "</li>\n";
+    for (Remark const& remark : result.m_Remarks) {
+        items += "<li>" + escapeHtml(remark.m_Text) + "</li>\n";
     }
-    std::string const verdict = result.right ? "The signature is right." : "The signature is not right.";
+    std::string const verdict = result.m_Right ? "The signature is right." : "The signature is not right.";
     return "<p><strong>" + verdict + "</strong></p>\n<ul>\n" + items + "</ul>\n";
 }
 
 std::string keyText(Calculation const& result) {
-    if (!result.key) {
-        return result.keyId.empty() ? "none can be read" : result.keyId + ", which nobody has";
+    if (!result.m_Key) {
+        return result.m_KeyId.empty() ? "none can be read" : result.m_KeyId + ", which nobody has";
     }
-    std::string const use = !result.key->ofService() ? "" : result.key->current ? ", signs now" : ", old";
-    return result.keyId + " of " + keyOwner(result.key->account) + use + ", " + std::to_string(result.key->bits()) +
-           " bits";
+    std::string const use = !result.m_Key->ofService() ? "" : result.m_Key->m_Current ? ", signs now" : ", old";
+    return result.m_KeyId + " of " + keyOwner(result.m_Key->m_Account) + use + ", " +
+           std::to_string(result.m_Key->bits()) + " bits";
 }
 
 std::string codeEntry(std::string const& name, std::string const& text, std::string const& otherwise) {
@@ -63,31 +63,31 @@ std::string comparisonContent(Calculation const& result) {
                "A merchant signs the SHA-1 digest of DATA with each byte zero-extended to two, this service with "
                "each byte sign-extended.") +
            "<dl>\n" + entry("KEYID names", escapeHtml(keyText(result))) +
-           codeEntry("Zero-extended", result.zeroDigest, "none") +
-           codeEntry("Sign-extended", result.signDigest, "none") +
-           codeEntry("In SIGNATURE", result.heldDigest, "none that can be read") + "</dl>\n";
+           codeEntry("Zero-extended", result.m_ZeroDigest, "none") +
+           codeEntry("Sign-extended", result.m_SignDigest, "none") +
+           codeEntry("In SIGNATURE", result.m_HeldDigest, "none that can be read") + "</dl>\n";
 }
 
 char const* nameOf(Digested digested) {
     switch (digested) {
-        case Digested::ZeroExtended:
+        case Digested::kZeroExtended:
             return "zero-extended";
-        case Digested::SignExtended:
+        case Digested::kSignExtended:
             return "sign-extended";
-        case Digested::Bytes:
+        case Digested::kBytes:
             break;
     }
     return "not extended";
 }
 
 std::string matchesContent(Calculation const& result) {
-    if (result.matches.empty()) {
+    if (result.m_Matches.empty()) {
         return paragraph("None was found.");
     }
     std::vector<Cells> rows;
-    for (Match const& match : result.matches) {
-        rows.push_back({escapeHtml(match.keyId), escapeHtml(keyOwner(match.account)), nameOf(match.digested),
-                        escapeHtml(match.repair.empty() ? "as it is" : "once " + match.repair)});
+    for (Match const& match : result.m_Matches) {
+        rows.push_back({escapeHtml(match.m_KeyId), escapeHtml(keyOwner(match.m_Account)), nameOf(match.m_Digested),
+                        escapeHtml(match.m_Repair.empty() ? "as it is" : "once " + match.m_Repair)});
     }
     return wideTable("Where SIGNATURE verifies", {"Key", "Owner", "Bytes", "DATA"}, rows);
 }
@@ -98,18 +98,19 @@ std::string valueCell(std::optional<std::string> const& value) {
 
 std::string originalContent(SignedOriginal const& original) {
     std::vector<Cells> rows;
-    for (Difference const& difference : original.differences) {
-        rows.push_back({escapeHtml(difference.name), valueCell(difference.inSigned), valueCell(difference.inData)});
+    for (Difference const& difference : original.m_Differences) {
+        rows.push_back(
+            {escapeHtml(difference.m_Name), valueCell(difference.m_InSigned), valueCell(difference.m_InData)});
     }
-    return "<p>It was seen here: " + link(original.seen.page, original.seen.origin) + ".</p>\n" +
+    return "<p>It was seen here: " + link(original.m_Seen.m_Page, original.m_Seen.m_Origin) + ".</p>\n" +
            (rows.empty() ? "" : wideTable("What differs", {"Attribute", "In what was signed", "In DATA"}, rows)) +
-           attributesContent(original.seen.text) + verbatim(original.seen.text);
+           attributesContent(original.m_Seen.m_Text) + verbatim(original.m_Seen.m_Text);
 }
 
 std::string resultContent(Calculation const& result) {
-    std::string const data = result.data.empty() ? "" : attributesContent(result.data) + verbatim(result.data);
+    std::string const data = result.m_Data.empty() ? "" : attributesContent(result.m_Data) + verbatim(result.m_Data);
     return section("verdict", "What is right, what differs", remarksContent(result)) +
-           (result.original ? section("original", "What was signed", originalContent(*result.original)) : "") +
+           (result.m_Original ? section("original", "What was signed", originalContent(*result.m_Original)) : "") +
            section("comparison", "What was compared", comparisonContent(result)) +
            section("matches", "Ways in which it verifies", matchesContent(result)) +
            (data.empty() ? "" : section("message", "DATA, decoded", data));
@@ -117,31 +118,31 @@ std::string resultContent(Calculation const& result) {
 
 HttpReply resultPage(Site const& site, SignedTexts const& texts) {
     Calculation const result =
-        calculate(knownKeys(site), texts.data, texts.signature,
+        calculate(knownKeys(site), texts.m_Data, texts.m_Signature,
                   [&site](KnownKey const& key, std::string const& digest) { return recallSeen(site, key, digest); });
     return dashboardPage(
         200, kPath, "Signature calculator",
         resultContent(result) +
-            section("form", "DATA and SIGNATURE", formContent(site, fieldText(texts.data), texts.signature, "")));
+            section("form", "DATA and SIGNATURE", formContent(site, fieldText(texts.m_Data), texts.m_Signature, "")));
 }
 
 HttpReply formPage(Site const& site, int status, SignedTexts const& filledIn, std::string const& problem) {
     return dashboardPage(
         status, kPath, "Signature calculator",
-        section("form", "DATA and SIGNATURE", formContent(site, filledIn.data, filledIn.signature, problem)));
+        section("form", "DATA and SIGNATURE", formContent(site, filledIn.m_Data, filledIn.m_Signature, problem)));
 }
 
 }  // namespace
 
 HttpReply calculatorPage(Site const& site, Query const& query) {
     SignedTexts const texts{query.value("DATA").value_or(""), query.value("SIGNATURE").value_or("")};
-    return texts.data.empty() && texts.signature.empty() ? formPage(site, 200, texts, "") : resultPage(site, texts);
+    return texts.m_Data.empty() && texts.m_Signature.empty() ? formPage(site, 200, texts, "") : resultPage(site, texts);
 }
 
 HttpReply calculateByForm(Site const& site, Query const& form) {
     SignedTexts const pasted{form.value("DATA").value_or(""), form.value("SIGNATURE").value_or("")};
     try {
-        return resultPage(site, readPasted(pasted.data, pasted.signature));
+        return resultPage(site, readPasted(pasted.m_Data, pasted.m_Signature));
     } catch (Refusal const& refusal) {
         return formPage(site, refusal.status(), pasted, refusal.what());
     }

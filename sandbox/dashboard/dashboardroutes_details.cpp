@@ -20,38 +20,39 @@ constexpr int kNotFound = 404;
 
 /// The payment as it is now. Throws Refusal.
 Payment presentPayment(Site const& site, std::string const& id) {
-    std::optional<PaymentRecord> const stored = site.store.paymentById(id);
+    std::optional<PaymentRecord> const stored = site.m_Store.paymentById(id);
     if (!stored) {
         throw Refusal("There is no payment '" + id + "'.", kNotFound);
     }
-    expireWhenOverdue(site, stored->payment);
-    return site.store.paymentById(id)->payment;
+    expireWhenOverdue(site, stored->m_Payment);
+    return site.m_Store.paymentById(id)->m_Payment;
 }
 
 std::string paymentData(Payment const& payment) {
     std::string const order = payment.attribute("ORDERID").value_or("");
-    return "<dl>\n" + entry("State", "<strong>" + std::string(stateName(payment.state)) + "</strong>") +
+    return "<dl>\n" + entry("State", "<strong>" + std::string(stateName(payment.m_State)) + "</strong>") +
            entry("Amount", escapeHtml(amountText(payment, kNotGiven))) +
            entry("Order", escapeHtml(order.empty() ? kNotGiven : order)) +
-           entry("Merchant", escapeHtml(payment.account)) + entry("Token", escapeHtml(payment.token)) +
-           entry("Payment", escapeHtml(payment.id)) + "</dl>\n";
+           entry("Merchant", escapeHtml(payment.m_Account)) + entry("Token", escapeHtml(payment.m_Token)) +
+           entry("Payment", escapeHtml(payment.m_Id)) + "</dl>\n";
 }
 
 std::string historyContent(Payment const& payment) {
     std::vector<Cells> rows;
-    for (HistoryEntry const& step : payment.history) {
-        rows.push_back({whole(step.time), whole(stateName(step.state)), escapeHtml(step.note)});
+    for (HistoryEntry const& step : payment.m_History) {
+        rows.push_back({whole(step.m_Time), whole(stateName(step.m_State)), escapeHtml(step.m_Note)});
     }
     return wideTable("History, oldest first", {"Time", "State", "How"}, rows);
 }
 
 std::string notificationsContent(Site const& site, Payment const& payment) {
     std::vector<Cells> rows;
-    for (Notification const& notification : site.store.notifications()) {
-        if (notification.payment == payment.id) {
-            rows.push_back({escapeHtml(notification.result), escapeHtml(notification.address),
-                            whole(notification.pending ? "to be sent" : "done"), std::to_string(notification.attempts),
-                            whole(notification.time), escapeHtml(notification.outcome)});
+    for (Notification const& notification : site.m_Store.notifications()) {
+        if (notification.m_Payment == payment.m_Id) {
+            rows.push_back({escapeHtml(notification.m_Result), escapeHtml(notification.m_Address),
+                            whole(notification.m_Pending ? "to be sent" : "done"),
+                            std::to_string(notification.m_Attempts), whole(notification.m_Time),
+                            escapeHtml(notification.m_Outcome)});
         }
     }
     if (rows.empty()) {
@@ -63,25 +64,25 @@ std::string notificationsContent(Site const& site, Payment const& payment) {
 
 /// Exchanges name their payment in different ways, some by its order only, which others can share.
 bool isAbout(Exchange const& exchange, Payment const& payment) {
-    for (std::string const* text : {&exchange.data, &exchange.request, &exchange.answer}) {
-        if (text->find(payment.id) != std::string::npos) {
+    for (std::string const* text : {&exchange.m_Data, &exchange.m_Request, &exchange.m_Answer}) {
+        if (text->find(payment.m_Id) != std::string::npos) {
             return true;
         }
     }
     try {
-        std::optional<std::string> const token = Message::parse(exchange.data).find("TOKEN");
+        std::optional<std::string> const token = Message::parse(exchange.m_Data).find("TOKEN");
         if (token) {
-            return *token == payment.token;
+            return *token == payment.m_Token;
         }
     } catch (Refusal const&) {
         // What cannot be read names no token.
     }
-    return !exchange.order.empty() && exchange.order == payment.attribute("ORDERID").value_or("");
+    return !exchange.m_Order.empty() && exchange.m_Order == payment.attribute("ORDERID").value_or("");
 }
 
 std::string exchangesContent(Site const& site, Payment const& payment) {
     std::vector<Exchange> found;
-    for (Exchange& exchange : site.store.exchanges()) {
+    for (Exchange& exchange : site.m_Store.exchanges()) {
         if (isAbout(exchange, payment)) {
             found.push_back(std::move(exchange));
         }
@@ -96,7 +97,7 @@ std::string exchangesContent(Site const& site, Payment const& payment) {
 std::string neighbours(Site const& site, std::int64_t number) {
     std::string links;
     for (auto const& [neighbour, text] : {std::pair(number - 1, "Previous exchange"), {number + 1, "Next exchange"}}) {
-        if (site.store.exchange(neighbour)) {
+        if (site.m_Store.exchange(neighbour)) {
             links += "<li>" + link("/exchange?number=" + std::to_string(neighbour), text) + "</li>\n";
         }
     }
@@ -104,77 +105,78 @@ std::string neighbours(Site const& site, std::int64_t number) {
 }
 
 std::string exchangeLinks(Site const& site, Exchange const& exchange) {
-    std::string links = neighbours(site, exchange.number);
-    if (!exchange.data.empty()) {
-        links +=
-            "<li>" +
-            link("/calculator?DATA=" + percentEncode(exchange.data) + "&SIGNATURE=" + percentEncode(exchange.signature),
-                 "Take DATA and SIGNATURE to the calculator") +
-            "</li>\n";
+    std::string links = neighbours(site, exchange.m_Number);
+    if (!exchange.m_Data.empty()) {
+        links += "<li>" +
+                 link("/calculator?DATA=" + percentEncode(exchange.m_Data) +
+                          "&SIGNATURE=" + percentEncode(exchange.m_Signature),
+                      "Take DATA and SIGNATURE to the calculator") +
+                 "</li>\n";
     }
     return links.empty() ? "" : "<ul>\n" + links + "</ul>\n";
 }
 
 std::string exchangeData(Exchange const& exchange) {
-    return "<dl>\n" + entry("Verdict", "<strong>" + escapeHtml(exchange.verdict) + "</strong>") +
-           entry("Fault", escapeHtml(exchange.fault.empty() ? "none" : exchange.fault)) +
-           entry("Kind", exchangeName(exchange.kind)) + entry("Path", escapeHtml(exchange.path)) +
-           entry("Order", escapeHtml(exchange.order.empty() ? "not known" : exchange.order)) +
-           entry("Time", exchange.time) + entry("Duration", millisecondsText(exchange.microseconds)) +
-           (exchange.delivery.empty() ? "" : entry("What was sent", escapeHtml(exchange.delivery))) + "</dl>\n";
+    return "<dl>\n" + entry("Verdict", "<strong>" + escapeHtml(exchange.m_Verdict) + "</strong>") +
+           entry("Fault", escapeHtml(exchange.m_Fault.empty() ? "none" : exchange.m_Fault)) +
+           entry("Kind", exchangeName(exchange.m_Kind)) + entry("Path", escapeHtml(exchange.m_Path)) +
+           entry("Order", escapeHtml(exchange.m_Order.empty() ? "not known" : exchange.m_Order)) +
+           entry("Time", exchange.m_Time) + entry("Duration", millisecondsText(exchange.m_Microseconds)) +
+           (exchange.m_Delivery.empty() ? "" : entry("What was sent", escapeHtml(exchange.m_Delivery))) + "</dl>\n";
 }
 
 std::string stepsContent(Exchange const& exchange) {
-    if (exchange.kind == ExchangeKind::Notification) {
+    if (exchange.m_Kind == ExchangeKind::kNotification) {
         return paragraph(
             "A notification has no steps, because this service makes the request itself. The verdict tells what the "
             "merchant answered, or that nothing was sent.");
     }
-    if (exchange.steps.empty()) {
-        return paragraph(exchange.verdict == "not looked at" ? "The request was not looked at."
-                                                             : "No steps are on record, only the verdict.");
+    if (exchange.m_Steps.empty()) {
+        return paragraph(exchange.m_Verdict == "not looked at" ? "The request was not looked at."
+                                                               : "No steps are on record, only the verdict.");
     }
     std::vector<Cells> rows;
-    for (CheckStep const& step : exchange.steps) {
-        rows.push_back({escapeHtml(step.what), escapeHtml(step.found), step.good ? "yes" : "<strong>no</strong>"});
+    for (CheckStep const& step : exchange.m_Steps) {
+        rows.push_back(
+            {escapeHtml(step.m_What), escapeHtml(step.m_Found), step.m_Good ? "yes" : "<strong>no</strong>"});
     }
     return wideTable("What was looked at, in this order", {"What", "Found", "As it should be"}, rows);
 }
 
 std::string messageContent(Exchange const& exchange) {
-    if (exchange.data.empty()) {
+    if (exchange.m_Data.empty()) {
         return paragraph("The request held no DATA that could be decoded.");
     }
-    return attributesContent(exchange.data) + verbatim(exchange.data);
+    return attributesContent(exchange.m_Data) + verbatim(exchange.m_Data);
 }
 
 }  // namespace
 
 HttpReply paymentDetailsPage(Site const& site, Query const& query) {
     Payment const payment = presentPayment(site, query.value("id").value_or(""));
-    return dashboardPage(200, "", "Payment " + payment.id,
+    return dashboardPage(200, "", "Payment " + payment.m_Id,
                          paymentData(payment) + section("history", "History", historyContent(payment)) +
                              section("notifications", "Notifications", notificationsContent(site, payment)) +
-                             section("attributes", "What the merchant sent", attributeTable(payment.attributes)) +
+                             section("attributes", "What the merchant sent", attributeTable(payment.m_Attributes)) +
                              section("exchanges", "Exchanges", exchangesContent(site, payment)));
 }
 
 HttpReply exchangeDetailsPage(Site const& site, Query const& query) {
     std::string const text = query.value("number").value_or("");
     std::optional<std::int64_t> const number = wholeNumber(text);
-    std::optional<Exchange> const exchange = number ? site.store.exchange(*number) : std::nullopt;
+    std::optional<Exchange> const exchange = number ? site.m_Store.exchange(*number) : std::nullopt;
     if (!exchange) {
         throw Refusal("There is no exchange '" + text + "'.", kNotFound);
     }
-    bool const fromMerchant = exchange->kind != ExchangeKind::Notification;
-    return dashboardPage(200, "", "Exchange " + std::to_string(exchange->number),
+    bool const fromMerchant = exchange->m_Kind != ExchangeKind::kNotification;
+    return dashboardPage(200, "", "Exchange " + std::to_string(exchange->m_Number),
                          exchangeLinks(site, *exchange) + exchangeData(*exchange) +
                              section("steps", "How the verdict came about", stepsContent(*exchange)) +
                              section("message", "DATA, decoded", messageContent(*exchange)) +
                              section("request", fromMerchant ? "The request as it came" : "The request as it was sent",
-                                     verbatim(exchange->request)) +
+                                     verbatim(exchange->m_Request)) +
                              section("answer", fromMerchant ? "The answer before any fault" : "The merchant's answer",
-                                     verbatim(exchange->answer)));
+                                     verbatim(exchange->m_Answer)));
 }
 
 }  // namespace sandbox

@@ -17,9 +17,9 @@ constexpr char kPath[] = "/faults";
 
 /// A detail of a fault as the form asks for it.
 struct DetailRow {
-    char const* name;  ///< As in parseFault().
-    char const* label;
-    char const* preset;
+    char const* m_Name;  ///< As in parseFault().
+    char const* m_Label;
+    char const* m_Preset;
 };
 
 // clang-format off
@@ -48,7 +48,7 @@ std::string selectField(std::string const& label, std::string const& name, std::
 std::string kindField(std::string const& chosen) {
     std::vector<std::pair<std::string, std::string>> options;
     for (FaultKindRow const& row : allFaultKinds()) {
-        options.emplace_back(row.name, std::string(row.name) + ": " + row.meaning);
+        options.emplace_back(row.m_Name, std::string(row.m_Name) + ": " + row.m_Meaning);
     }
     return selectField("Kind", "kind", chosen, options);
 }
@@ -56,7 +56,7 @@ std::string kindField(std::string const& chosen) {
 std::string exchangeField(std::string const& chosen) {
     unsigned possible = 0;
     for (FaultKindRow const& row : allFaultKinds()) {
-        possible |= row.exchanges;
+        possible |= row.m_Exchanges;
     }
     std::vector<std::pair<std::string, std::string>> options = {{"any", "any that the kind can happen to"}};
     for (ExchangeKind const kind : allExchangeKinds()) {
@@ -72,26 +72,26 @@ std::string armContent(Site const& site, Query const& form, std::string const& p
     std::string fields =
         kindField(form.value("kind").value_or("")) + exchangeField(form.value("exchange").value_or(""));
     for (DetailRow const& row : kDetails) {
-        fields += textField(row.label, row.name, form.value(row.name).value_or(row.preset));
+        fields += textField(row.m_Label, row.m_Name, form.value(row.m_Name).value_or(row.m_Preset));
     }
     return paragraph("Leave empty what is not to be given. The table below tells which kind takes what.") +
            dashboardForm(site, kPath, fields + button("Arm"), problem);
 }
 
 std::string timesText(ArmedFault const& armed) {
-    return std::to_string(armed.happened) +
-           (armed.fault.times == 0 ? ", until it is lifted" : " of " + std::to_string(armed.fault.times));
+    return std::to_string(armed.m_Happened) +
+           (armed.m_Fault.m_Times == 0 ? ", until it is lifted" : " of " + std::to_string(armed.m_Fault.m_Times));
 }
 
 std::string armedContent(Site const& site, std::string const& problem) {
-    std::vector<ArmedFault> const all = site.faults.armed();
+    std::vector<ArmedFault> const all = site.m_Faults.armed();
     if (all.empty()) {
         return problemNotice(problem) + paragraph("No fault is armed.");
     }
     std::vector<Cells> rows;
     for (ArmedFault const& armed : all) {
-        std::string const id = std::to_string(armed.id);
-        rows.push_back({id, escapeHtml(faultText(armed.fault)), whole(timesText(armed)),
+        std::string const id = std::to_string(armed.m_Id);
+        rows.push_back({id, escapeHtml(faultText(armed.m_Fault)), whole(timesText(armed)),
                         dashboardForm(site, "/faults/lift", hiddenField("id", id) + button("Lift fault " + id))});
     }
     return problemNotice(problem) +
@@ -102,8 +102,8 @@ std::string armedContent(Site const& site, std::string const& problem) {
 std::string kindsContent() {
     std::vector<Cells> rows;
     for (FaultKindRow const& row : allFaultKinds()) {
-        rows.push_back({whole(row.name), escapeHtml(row.meaning), joined(exchangeNames(row)),
-                        whole(joined(parameterNames(row))), row.carriedOut ? "yes" : "no"});
+        rows.push_back({whole(row.m_Name), escapeHtml(row.m_Meaning), joined(exchangeNames(row)),
+                        whole(joined(parameterNames(row))), row.m_CarriedOut ? "yes" : "no"});
     }
     return wideTable("Kinds of faults", {"Kind", "Meaning", "Happens to", "Takes", "Carried out"}, rows);
 }
@@ -120,9 +120,9 @@ HttpReply page(Site const& site, int status, Query const& form, std::string cons
 Fault readForm(Query const& form) {
     FaultFields fields = {{"exchange", form.value("exchange").value_or("any")}};
     for (DetailRow const& row : kDetails) {
-        std::string const value = form.value(row.name).value_or("");
+        std::string const value = form.value(row.m_Name).value_or("");
         if (!value.empty()) {
-            fields.emplace_back(row.name, value);
+            fields.emplace_back(row.m_Name, value);
         }
     }
     return makeFault(form.value("kind").value_or(""), fields);
@@ -136,7 +136,7 @@ HttpReply faultsPage(Site const& site, Query const&) {
 
 HttpReply armByForm(Site const& site, Query const& form) {
     try {
-        site.faults.arm(readForm(form));
+        site.m_Faults.arm(readForm(form));
     } catch (Refusal const& refusal) {
         return page(site, refusal.status(), form, refusal.what(), "");
     }
@@ -146,7 +146,7 @@ HttpReply armByForm(Site const& site, Query const& form) {
 HttpReply liftByForm(Site const& site, Query const& form) {
     std::string const id = form.value("id").value_or("");
     if (id == "all") {
-        site.faults.liftAll();
+        site.m_Faults.liftAll();
         return seeOther(kPath);
     }
     if (!liftNamedFault(site, id)) {

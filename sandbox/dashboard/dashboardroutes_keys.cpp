@@ -16,11 +16,11 @@ namespace {
 constexpr char kPath[] = "/keys";
 
 std::string serverKeysContent(Site const& site) {
-    std::string const current = site.keys.current()->id;
+    std::string const current = site.m_Keys.current()->m_Id;
     std::vector<Cells> rows;
-    for (KeyRing::Key const& key : site.keys.all()) {
-        rows.push_back({whole(key->id), whole(key->id == current ? "signs" : "old"),
-                        std::to_string(EVP_PKEY_get_bits(key->key.get())), publicKeyBlob(key->key.get())});
+    for (KeyRing::Key const& key : site.m_Keys.all()) {
+        rows.push_back({whole(key->m_Id), whole(key->m_Id == current ? "signs" : "old"),
+                        std::to_string(EVP_PKEY_get_bits(key->m_Key.get())), publicKeyBlob(key->m_Key.get())});
     }
     return paragraph("The newest key signs. Old ones are still told to who asks for them.") +
            wideTable("Keys of this service, oldest first", {"Key", "Use", "Bits", "Public half"}, rows) +
@@ -29,9 +29,9 @@ std::string serverKeysContent(Site const& site) {
 
 std::string merchantKeysContent(Site const& site) {
     std::vector<Cells> rows;
-    for (PublishedKey const& published : site.store.merchantKeys()) {
-        rows.push_back({escapeHtml(published.id), escapeHtml(published.key.account), whole(published.time),
-                        std::to_string(EVP_PKEY_get_bits(readPublicKeyBlob(published.key.blob).get()))});
+    for (PublishedKey const& published : site.m_Store.merchantKeys()) {
+        rows.push_back({escapeHtml(published.m_Id), escapeHtml(published.m_Key.m_Account), whole(published.m_Time),
+                        std::to_string(EVP_PKEY_get_bits(readPublicKeyBlob(published.m_Key.m_Blob).get()))});
     }
     if (rows.empty()) {
         return paragraph("No merchant has published a key yet.");
@@ -40,8 +40,8 @@ std::string merchantKeysContent(Site const& site) {
 }
 
 std::string clockContent(Site const& site, std::string const& filledIn, std::string const& problem) {
-    return "<dl>\n" + entry("Present", site.clock.text()) + entry("Seconds ahead", std::to_string(site.clock.ahead())) +
-           "</dl>\n" +
+    return "<dl>\n" + entry("Present", site.m_Clock.text()) +
+           entry("Seconds ahead", std::to_string(site.m_Clock.ahead())) + "</dl>\n" +
            dashboardForm(site, "/keys/clock",
                          textField("Seconds ahead (negative: back)", "ahead", filledIn) + button("Set the clock"),
                          problem);
@@ -57,11 +57,11 @@ HttpReply page(Site const& site, int status, std::string const& filledIn, std::s
 }  // namespace
 
 HttpReply keysPage(Site const& site, Query const&) {
-    return page(site, 200, std::to_string(site.clock.ahead()), "");
+    return page(site, 200, std::to_string(site.m_Clock.ahead()), "");
 }
 
 HttpReply rotateByForm(Site const& site, Query const&) {
-    site.keys.rotate();
+    site.m_Keys.rotate();
     return seeOther(kPath);
 }
 

@@ -22,16 +22,17 @@ std::string addressEntry(std::string const& name, std::string const& base, std::
 }
 
 std::string setUpContent(Site const& site) {
-    Addresses const& addresses = site.addresses;
+    Addresses const& addresses = site.m_Addresses;
     return paragraph(
                "Set a merchant up with an address for set-up, the name of an account and its password. It fetches "
                "all other addresses and this service's key from there, and publishes its own key.") +
-           "<dl>\n" + addressEntry("Set-up", addresses.plain, "/auto") +
-           addressEntry("Set-up over TLS", addresses.tls, "/auto") + addressEntry("HTTP proxy", addresses.proxy, "") +
-           addressEntry("Control API", addresses.control, "/control") +
-           entry("Accounts", escapeHtml(joined(site.store.accounts()))) +
-           entry("Key that signs", escapeHtml(site.keys.current()->id)) +
-           entry("Present", escapeHtml(site.clock.text())) + "</dl>\n";
+           "<dl>\n" + addressEntry("Set-up", addresses.m_Plain, "/auto") +
+           addressEntry("Set-up over TLS", addresses.m_Tls, "/auto") +
+           addressEntry("HTTP proxy", addresses.m_Proxy, "") +
+           addressEntry("Control API", addresses.m_Control, "/control") +
+           entry("Accounts", escapeHtml(joined(site.m_Store.accounts()))) +
+           entry("Key that signs", escapeHtml(site.m_Keys.current()->m_Id)) +
+           entry("Present", escapeHtml(site.m_Clock.text())) + "</dl>\n";
 }
 
 std::string paymentsContent(Site const& site) {
@@ -45,10 +46,10 @@ std::string paymentsContent(Site const& site) {
     std::vector<Cells> rows;
     for (Payment const& payment : payments) {
         std::string const order = payment.attribute("ORDERID").value_or("");
-        rows.push_back({link("/payment?id=" + payment.id, payment.id),
-                        payment.history.empty() ? "" : whole(payment.history.front().time),
+        rows.push_back({link("/payment?id=" + payment.m_Id, payment.m_Id),
+                        payment.m_History.empty() ? "" : whole(payment.m_History.front().m_Time),
                         escapeHtml(order.empty() ? kNotGiven : order), escapeHtml(amountText(payment, kNotGiven)),
-                        escapeHtml(payment.account), whole(stateName(payment.state))});
+                        escapeHtml(payment.m_Account), whole(stateName(payment.m_State))});
     }
     std::string const more = count == payments.size()
                                  ? ""
@@ -59,7 +60,7 @@ std::string paymentsContent(Site const& site) {
 }
 
 std::string exchangesContent(Site const& site) {
-    std::vector<Exchange> const exchanges = site.store.latestExchanges(kMostExchanges);
+    std::vector<Exchange> const exchanges = site.m_Store.latestExchanges(kMostExchanges);
     if (exchanges.empty()) {
         return paragraph("There were no exchanges yet.");
     }

@@ -7,25 +7,25 @@ namespace sandbox {
 namespace {
 
 struct KindRow {
-    ExchangeKind kind;
-    char const* name;
+    ExchangeKind m_Kind;
+    char const* m_Name;
 };
 
 // clang-format off
 constexpr KindRow kKinds[] = {
-    {ExchangeKind::Setup,        "setup"},
-    {ExchangeKind::Defaults,     "defaults"},
-    {ExchangeKind::KeyQuery,     "keyquery"},
-    {ExchangeKind::KeyExport,    "keyexport"},
-    {ExchangeKind::Page,         "page"},
-    {ExchangeKind::Decision,     "decision"},
-    {ExchangeKind::Notification, "notification"},
-    {ExchangeKind::Capture,      "capture"},
-    {ExchangeKind::Complete,     "complete"},
-    {ExchangeKind::Status,       "status"},
-    {ExchangeKind::Proxy,        "proxy"},
-    {ExchangeKind::Connection,   "connection"},
-    {ExchangeKind::Other,        "other"},
+    {ExchangeKind::kSetup,        "setup"},
+    {ExchangeKind::kDefaults,     "defaults"},
+    {ExchangeKind::kKeyQuery,     "keyquery"},
+    {ExchangeKind::kKeyExport,    "keyexport"},
+    {ExchangeKind::kPage,         "page"},
+    {ExchangeKind::kDecision,     "decision"},
+    {ExchangeKind::kNotification, "notification"},
+    {ExchangeKind::kCapture,      "capture"},
+    {ExchangeKind::kComplete,     "complete"},
+    {ExchangeKind::kStatus,       "status"},
+    {ExchangeKind::kProxy,        "proxy"},
+    {ExchangeKind::kConnection,   "connection"},
+    {ExchangeKind::kOther,        "other"},
 };
 // clang-format on
 
@@ -33,8 +33,8 @@ constexpr KindRow kKinds[] = {
 
 char const* exchangeName(ExchangeKind kind) {
     for (KindRow const& row : kKinds) {
-        if (row.kind == kind) {
-            return row.name;
+        if (row.m_Kind == kind) {
+            return row.m_Name;
         }
     }
     throw std::logic_error("an exchange without a name");
@@ -42,8 +42,8 @@ char const* exchangeName(ExchangeKind kind) {
 
 std::optional<ExchangeKind> exchangeFromName(std::string const& name) {
     for (KindRow const& row : kKinds) {
-        if (name == row.name) {
-            return row.kind;
+        if (name == row.m_Name) {
+            return row.m_Kind;
         }
     }
     return std::nullopt;
@@ -52,7 +52,7 @@ std::optional<ExchangeKind> exchangeFromName(std::string const& name) {
 std::vector<ExchangeKind> allExchangeKinds() {
     std::vector<ExchangeKind> kinds;
     for (KindRow const& row : kKinds) {
-        kinds.push_back(row.kind);
+        kinds.push_back(row.m_Kind);
     }
     return kinds;
 }

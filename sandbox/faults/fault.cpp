@@ -17,15 +17,15 @@ constexpr unsigned bit(ExchangeKind kind) {
     return static_cast<unsigned>(kind);
 }
 
-constexpr unsigned kAsked = bit(ExchangeKind::Setup) | bit(ExchangeKind::Defaults) | bit(ExchangeKind::KeyQuery) |
-                            bit(ExchangeKind::KeyExport) | bit(ExchangeKind::Capture) | bit(ExchangeKind::Complete) |
-                            bit(ExchangeKind::Status);
-constexpr unsigned kConfirming = bit(ExchangeKind::Decision) | bit(ExchangeKind::Notification);
+constexpr unsigned kAsked = bit(ExchangeKind::kSetup) | bit(ExchangeKind::kDefaults) | bit(ExchangeKind::kKeyQuery) |
+                            bit(ExchangeKind::kKeyExport) | bit(ExchangeKind::kCapture) | bit(ExchangeKind::kComplete) |
+                            bit(ExchangeKind::kStatus);
+constexpr unsigned kConfirming = bit(ExchangeKind::kDecision) | bit(ExchangeKind::kNotification);
 constexpr unsigned kAnswered =
-    kAsked | bit(ExchangeKind::Page) | bit(ExchangeKind::Decision) | bit(ExchangeKind::Proxy);
-constexpr unsigned kConnecting = bit(ExchangeKind::Connection);
-constexpr unsigned kWithOrder = kConfirming | bit(ExchangeKind::Page) | bit(ExchangeKind::Capture) |
-                                bit(ExchangeKind::Complete) | bit(ExchangeKind::Status);
+    kAsked | bit(ExchangeKind::kPage) | bit(ExchangeKind::kDecision) | bit(ExchangeKind::kProxy);
+constexpr unsigned kConnecting = bit(ExchangeKind::kConnection);
+constexpr unsigned kWithOrder = kConfirming | bit(ExchangeKind::kPage) | bit(ExchangeKind::kCapture) |
+                                bit(ExchangeKind::kComplete) | bit(ExchangeKind::kStatus);
 
 constexpr char kTextField[] = ",text=";
 constexpr double kLongestSeconds = 3600;
@@ -33,59 +33,59 @@ constexpr std::int64_t kLargestMegabytes = 4096;
 
 // clang-format off
 std::vector<FaultKindRow> const kKinds = {
-    {FaultKind::Refuse,              "refuse",                kConnecting | bit(ExchangeKind::Proxy), kTakesSeconds, false,
+    {FaultKind::kRefuse,              "refuse",                kConnecting | bit(ExchangeKind::kProxy), kTakesSeconds, false,
      "connections are refused, for some seconds or until it is lifted"},
-    {FaultKind::TlsExpired,          "tls-expired",           kConnecting, 0, false,
+    {FaultKind::kTlsExpired,          "tls-expired",           kConnecting, 0, false,
      "the certificate of the server has expired"},
-    {FaultKind::TlsWrongHost,        "tls-wrong-host",        kConnecting, 0, false,
+    {FaultKind::kTlsWrongHost,        "tls-wrong-host",        kConnecting, 0, false,
      "the certificate is for another host"},
-    {FaultKind::TlsUnknownAuthority, "tls-unknown-authority", kConnecting, 0, false,
+    {FaultKind::kTlsUnknownAuthority, "tls-unknown-authority", kConnecting, 0, false,
      "the certificate is from an authority that nobody knows"},
-    {FaultKind::TlsAbort,            "tls-abort",             kConnecting, 0, false,
+    {FaultKind::kTlsAbort,            "tls-abort",             kConnecting, 0, false,
      "the connection ends in the middle of the TLS handshake"},
-    {FaultKind::ProxyAuthentication, "proxy-407",             bit(ExchangeKind::Proxy), 0, false,
+    {FaultKind::kProxyAuthentication, "proxy-407",             bit(ExchangeKind::kProxy), 0, false,
      "the proxy asks for credentials (status 407)"},
-    {FaultKind::HttpStatus,          "http-status",           kAnswered, kTakesStatus | kTakesText, false,
+    {FaultKind::kHttpStatus,          "http-status",           kAnswered, kTakesStatus | kTakesText, false,
      "the answer is an HTTP status and a text for people"},
-    {FaultKind::Error,               "error",                 kAsked, kTakesText, false,
+    {FaultKind::kError,               "error",                 kAsked, kTakesText, false,
      "the answer is a message of the type Error"},
-    {FaultKind::Reset,               "reset",                 kAnswered, 0, false,
+    {FaultKind::kReset,               "reset",                 kAnswered, 0, false,
      "the connection is reset, without an answer"},
-    {FaultKind::Drop,                "drop",                  kAnswered | bit(ExchangeKind::Notification), 0, true,
+    {FaultKind::kDrop,                "drop",                  kAnswered | bit(ExchangeKind::kNotification), 0, true,
      "the request is carried out, then the connection closes without an answer; a notification is not sent"},
-    {FaultKind::Delay,               "delay",                 kAnswered | bit(ExchangeKind::Notification), kTakesSeconds, true,
+    {FaultKind::kDelay,               "delay",                 kAnswered | bit(ExchangeKind::kNotification), kTakesSeconds, true,
      "the answer comes late"},
-    {FaultKind::StallBefore,         "stall-before",          kAnswered, kTakesSeconds, true,
+    {FaultKind::kStallBefore,         "stall-before",          kAnswered, kTakesSeconds, true,
      "nothing comes, the connection stays open for some time and closes"},
-    {FaultKind::StallInside,         "stall-inside",          kAnswered, kTakesSeconds | kTakesBytes, true,
+    {FaultKind::kStallInside,         "stall-inside",          kAnswered, kTakesSeconds | kTakesBytes, true,
      "the answer begins, then nothing more comes, the connection stays open for some time and closes"},
-    {FaultKind::Bytewise,            "bytewise",              kAnswered, kTakesSeconds, true,
+    {FaultKind::kBytewise,            "bytewise",              kAnswered, kTakesSeconds, true,
      "the answer comes one byte at a time, with a millisecond or so many seconds between two"},
-    {FaultKind::Truncate,            "truncate",              kAnswered, kTakesBytes, true,
+    {FaultKind::kTruncate,            "truncate",              kAnswered, kTakesBytes, true,
      "the connection closes in the middle of the answer"},
-    {FaultKind::NoBlankLine,         "no-blank-line",         kAnswered, 0, true,
+    {FaultKind::kNoBlankLine,         "no-blank-line",         kAnswered, 0, true,
      "the empty line between the head and the body of the answer is missing"},
-    {FaultKind::NulBytes,            "nul-bytes",             kAnswered, kTakesBytes, true,
+    {FaultKind::kNulBytes,            "nul-bytes",             kAnswered, kTakesBytes, true,
      "a zero byte stands in the middle of the answer"},
-    {FaultKind::Twice,               "twice",                 kAnswered | bit(ExchangeKind::Notification), 0, true,
+    {FaultKind::kTwice,               "twice",                 kAnswered | bit(ExchangeKind::kNotification), 0, true,
      "the whole answer comes twice on the same connection; a notification is sent twice"},
-    {FaultKind::Huge,                "huge",                  kAnswered, kTakesMegabytes, true,
+    {FaultKind::kHuge,                "huge",                  kAnswered, kTakesMegabytes, true,
      "the body of the answer is followed by blanks up to a size of 1 GB"},
-    {FaultKind::WrongType,           "wrong-type",            kAsked | kConfirming, 0, true,
+    {FaultKind::kWrongType,           "wrong-type",            kAsked | kConfirming, 0, true,
      "the MSGTYPE of the message is another than expected"},
-    {FaultKind::WrongSignature,      "wrong-signature",       kConfirming, 0, true,
+    {FaultKind::kWrongSignature,      "wrong-signature",       kConfirming, 0, true,
      "one bit of the signature of the confirmation is wrong"},
-    {FaultKind::WrongKey,            "wrong-key",             kConfirming | bit(ExchangeKind::KeyQuery), 0, true,
+    {FaultKind::kWrongKey,            "wrong-key",             kConfirming | bit(ExchangeKind::kKeyQuery), 0, true,
      "the confirmation is signed with another key than it names; a key query is answered with another key"},
-    {FaultKind::StaleKey,            "stale-key",
-     kConfirming | bit(ExchangeKind::Setup) | bit(ExchangeKind::KeyQuery), 0, true,
+    {FaultKind::kStaleKey,            "stale-key",
+     kConfirming | bit(ExchangeKind::kSetup) | bit(ExchangeKind::kKeyQuery), 0, true,
      "an old identifier of the server's key is named, as after a rotation"},
 };
 // clang-format on
 
 struct ParameterRow {
-    FaultParameter parameter;
-    char const* name;
+    FaultParameter m_Parameter;
+    char const* m_Name;
 };
 
 constexpr ParameterRow kParameters[] = {
@@ -96,15 +96,15 @@ constexpr ParameterRow kParameters[] = {
 bool isGiven(Fault const& fault, FaultParameter parameter) {
     switch (parameter) {
         case kTakesSeconds:
-            return fault.seconds.has_value();
+            return fault.m_Seconds.has_value();
         case kTakesBytes:
-            return fault.bytes.has_value();
+            return fault.m_Bytes.has_value();
         case kTakesStatus:
-            return fault.status.has_value();
+            return fault.m_Status.has_value();
         case kTakesText:
-            return fault.text.has_value();
+            return fault.m_Text.has_value();
         case kTakesMegabytes:
-            return fault.megabytes.has_value();
+            return fault.m_Megabytes.has_value();
     }
     return false;
 }
@@ -146,27 +146,27 @@ double readSeconds(std::string const& text) {
 
 void readField(Fault& fault, std::string const& name, std::string const& value) {
     if (name == "exchange") {
-        fault.exchange = exchangeFromName(value);
-        if (!fault.exchange && value != "any") {
+        fault.m_Exchange = exchangeFromName(value);
+        if (!fault.m_Exchange && value != "any") {
             throw Refusal("there is no exchange '" + value + "'");
         }
     } else if (name == "order") {
-        fault.order = value;
+        fault.m_Order = value;
     } else if (name == "times") {
-        fault.times = value == "always" ? 0 : readNumber(name, value);
-        checkRange(value == "always" || fault.times > 0, "times", "a number from 1 or \"always\"");
+        fault.m_Times = value == "always" ? 0 : readNumber(name, value);
+        checkRange(value == "always" || fault.m_Times > 0, "times", "a number from 1 or \"always\"");
     } else if (name == "seconds") {
-        fault.seconds = readSeconds(value);
+        fault.m_Seconds = readSeconds(value);
     } else if (name == "bytes") {
-        fault.bytes = readNumber(name, value);
+        fault.m_Bytes = readNumber(name, value);
     } else if (name == "status") {
         std::int64_t const status = readNumber(name, value);
         checkRange(status >= 100 && status <= 999, "status", "between 100 and 999");
-        fault.status = static_cast<int>(status);
+        fault.m_Status = static_cast<int>(status);
     } else if (name == "text") {
-        fault.text = value;
+        fault.m_Text = value;
     } else if (name == "megabytes") {
-        fault.megabytes = readNumber(name, value);
+        fault.m_Megabytes = readNumber(name, value);
     } else {
         throw Refusal("a fault has no '" + name + "'");
     }
@@ -187,7 +187,7 @@ std::vector<FaultKindRow> const& allFaultKinds() {
 
 FaultKindRow const& faultRow(FaultKind kind) {
     for (FaultKindRow const& row : kKinds) {
-        if (row.kind == kind) {
+        if (row.m_Kind == kind) {
             return row;
         }
     }
@@ -196,8 +196,8 @@ FaultKindRow const& faultRow(FaultKind kind) {
 
 std::optional<FaultKind> faultFromName(std::string_view name) {
     for (FaultKindRow const& row : kKinds) {
-        if (name == row.name) {
-            return row.kind;
+        if (name == row.m_Name) {
+            return row.m_Kind;
         }
     }
     return std::nullopt;
@@ -207,53 +207,53 @@ double secondsOf(Fault const& fault) {
     constexpr double kDelay = 5;
     constexpr double kStall = 60;
     constexpr double kBetweenBytes = 0.001;
-    double const otherwise = fault.kind == FaultKind::Delay      ? kDelay
-                             : fault.kind == FaultKind::Bytewise ? kBetweenBytes
-                                                                 : kStall;
-    return fault.seconds.value_or(otherwise);
+    double const otherwise = fault.m_Kind == FaultKind::kDelay      ? kDelay
+                             : fault.m_Kind == FaultKind::kBytewise ? kBetweenBytes
+                                                                    : kStall;
+    return fault.m_Seconds.value_or(otherwise);
 }
 
 int statusOf(Fault const& fault) {
     constexpr int kUnavailable = 503;
-    return fault.status.value_or(kUnavailable);
+    return fault.m_Status.value_or(kUnavailable);
 }
 
 std::string textOf(Fault const& fault) {
-    return fault.text.value_or("the sandbox was told to turn this request down");
+    return fault.m_Text.value_or("the sandbox was told to turn this request down");
 }
 
 std::int64_t megabytesOf(Fault const& fault) {
     constexpr std::int64_t kGigabyte = 1024;
-    return fault.megabytes.value_or(kGigabyte);
+    return fault.m_Megabytes.value_or(kGigabyte);
 }
 
 void checkFault(Fault const& fault) {
-    FaultKindRow const& row = faultRow(fault.kind);
-    if (fault.exchange && (row.exchanges & bit(*fault.exchange)) == 0) {
-        throw Refusal(std::string(row.name) + " cannot happen to the exchange '" + exchangeName(*fault.exchange) +
+    FaultKindRow const& row = faultRow(fault.m_Kind);
+    if (fault.m_Exchange && (row.m_Exchanges & bit(*fault.m_Exchange)) == 0) {
+        throw Refusal(std::string(row.m_Name) + " cannot happen to the exchange '" + exchangeName(*fault.m_Exchange) +
                       "', only to: " + exchangesOf(row));
     }
     for (ParameterRow const& parameter : kParameters) {
-        if (isGiven(fault, parameter.parameter) && (row.parameters & parameter.parameter) == 0) {
-            throw Refusal(std::string(row.name) + " takes no " + parameter.name);
+        if (isGiven(fault, parameter.m_Parameter) && (row.m_Parameters & parameter.m_Parameter) == 0) {
+            throw Refusal(std::string(row.m_Name) + " takes no " + parameter.m_Name);
         }
     }
-    checkRange(fault.times >= 0, "times", "a number from 1 or \"always\"");
-    double const seconds = fault.seconds.value_or(1);
+    checkRange(fault.m_Times >= 0, "times", "a number from 1 or \"always\"");
+    double const seconds = fault.m_Seconds.value_or(1);
     checkRange(std::isfinite(seconds) && seconds >= 0 && seconds <= kLongestSeconds, "seconds", "between 0 and 3600");
-    checkRange(fault.bytes.value_or(0) >= 0, "bytes", "0 or more");
+    checkRange(fault.m_Bytes.value_or(0) >= 0, "bytes", "0 or more");
     int const status = statusOf(fault);
     checkRange(status >= 100 && status <= 999, "status", "between 100 and 999");
     std::int64_t const megabytes = megabytesOf(fault);
     checkRange(megabytes > 0 && megabytes <= kLargestMegabytes, "megabytes", "between 1 and 4096");
-    bool const before = row.kind == FaultKind::Refuse || row.exchanges == kConnecting;
-    if (before && !fault.order.empty()) {
-        throw Refusal(std::string(row.name) + " happens before the request is read, so it cannot be for one order");
+    bool const before = row.m_Kind == FaultKind::kRefuse || row.m_Exchanges == kConnecting;
+    if (before && !fault.m_Order.empty()) {
+        throw Refusal(std::string(row.m_Name) + " happens before the request is read, so it cannot be for one order");
     }
-    if (fault.exchange && !fault.order.empty() && (kWithOrder & bit(*fault.exchange)) == 0) {
-        throw Refusal(std::string("the exchange '") + exchangeName(*fault.exchange) + "' is about no order");
+    if (fault.m_Exchange && !fault.m_Order.empty() && (kWithOrder & bit(*fault.m_Exchange)) == 0) {
+        throw Refusal(std::string("the exchange '") + exchangeName(*fault.m_Exchange) + "' is about no order");
     }
-    if (row.kind == FaultKind::Refuse && fault.times > 1) {
+    if (row.m_Kind == FaultKind::kRefuse && fault.m_Times > 1) {
         throw Refusal("refused connections cannot be counted: give seconds, or lift it");
     }
 }
@@ -261,7 +261,7 @@ void checkFault(Fault const& fault) {
 std::vector<std::string> exchangeNames(FaultKindRow const& row) {
     std::vector<std::string> names;
     for (ExchangeKind const kind : allExchangeKinds()) {
-        if ((row.exchanges & bit(kind)) != 0) {
+        if ((row.m_Exchanges & bit(kind)) != 0) {
             names.emplace_back(exchangeName(kind));
         }
     }
@@ -271,8 +271,8 @@ std::vector<std::string> exchangeNames(FaultKindRow const& row) {
 std::vector<std::string> parameterNames(FaultKindRow const& row) {
     std::vector<std::string> names;
     for (ParameterRow const& parameter : kParameters) {
-        if ((row.parameters & parameter.parameter) != 0) {
-            names.emplace_back(parameter.name);
+        if ((row.m_Parameters & parameter.m_Parameter) != 0) {
+            names.emplace_back(parameter.m_Name);
         }
     }
     return names;
@@ -284,7 +284,7 @@ Fault makeFault(std::string const& kind, FaultFields const& fields) {
         throw Refusal("there is no fault '" + kind + "'");
     }
     Fault fault;
-    fault.kind = *named;
+    fault.m_Kind = *named;
     for (auto const& [name, value] : fields) {
         readField(fault, name, value);
     }
@@ -311,33 +311,33 @@ Fault parseFault(std::string const& text) {
 }
 
 std::string faultText(Fault const& fault) {
-    std::string out = faultRow(fault.kind).name;
+    std::string out = faultRow(fault.m_Kind).m_Name;
     auto const add = [&out](char const* name, std::string const& value) {
         out += "," + std::string(name) + "=" + value;
     };
-    if (fault.exchange) {
-        add("exchange", exchangeName(*fault.exchange));
+    if (fault.m_Exchange) {
+        add("exchange", exchangeName(*fault.m_Exchange));
     }
-    if (!fault.order.empty()) {
-        add("order", fault.order);
+    if (!fault.m_Order.empty()) {
+        add("order", fault.m_Order);
     }
-    if (fault.times != 1) {
-        add("times", fault.times == 0 ? "always" : std::to_string(fault.times));
+    if (fault.m_Times != 1) {
+        add("times", fault.m_Times == 0 ? "always" : std::to_string(fault.m_Times));
     }
-    if (fault.seconds) {
-        add("seconds", decimal(*fault.seconds));
+    if (fault.m_Seconds) {
+        add("seconds", decimal(*fault.m_Seconds));
     }
-    if (fault.bytes) {
-        add("bytes", std::to_string(*fault.bytes));
+    if (fault.m_Bytes) {
+        add("bytes", std::to_string(*fault.m_Bytes));
     }
-    if (fault.status) {
-        add("status", std::to_string(*fault.status));
+    if (fault.m_Status) {
+        add("status", std::to_string(*fault.m_Status));
     }
-    if (fault.megabytes) {
-        add("megabytes", std::to_string(*fault.megabytes));
+    if (fault.m_Megabytes) {
+        add("megabytes", std::to_string(*fault.m_Megabytes));
     }
-    if (fault.text) {
-        add("text", *fault.text);
+    if (fault.m_Text) {
+        add("text", *fault.m_Text);
     }
     return out;
 }

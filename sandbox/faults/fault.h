@@ -14,42 +14,42 @@ namespace sandbox {
 
 /// What can be made to go wrong. The table of all of them is allFaultKinds().
 enum class FaultKind {
-    Refuse,
-    TlsExpired,
-    TlsWrongHost,
-    TlsUnknownAuthority,
-    TlsAbort,
-    ProxyAuthentication,
-    HttpStatus,
-    Error,
-    Reset,
-    Drop,
-    Delay,
-    StallBefore,
-    StallInside,
-    Bytewise,
-    Truncate,
-    NoBlankLine,
-    NulBytes,
-    Twice,
-    Huge,
-    WrongType,
-    WrongSignature,
-    WrongKey,
-    StaleKey,
+    kRefuse,
+    kTlsExpired,
+    kTlsWrongHost,
+    kTlsUnknownAuthority,
+    kTlsAbort,
+    kProxyAuthentication,
+    kHttpStatus,
+    kError,
+    kReset,
+    kDrop,
+    kDelay,
+    kStallBefore,
+    kStallInside,
+    kBytewise,
+    kTruncate,
+    kNoBlankLine,
+    kNulBytes,
+    kTwice,
+    kHuge,
+    kWrongType,
+    kWrongSignature,
+    kWrongKey,
+    kStaleKey,
 };
 
 /// A fault that is to happen, and to whom.
 struct Fault {
-    FaultKind kind = FaultKind::Drop;
-    std::optional<ExchangeKind> exchange = {};   ///< Nothing: any that the kind can happen to.
-    std::string order = {};                      ///< ORDERID of the payment; empty: any, or none.
-    std::int64_t times = 1;                      ///< How often; 0: until it is lifted.
-    std::optional<double> seconds = {};          ///< How long, of the kinds that take time.
-    std::optional<std::int64_t> bytes = {};      ///< How much of the answer comes before it.
-    std::optional<int> status = {};              ///< HTTP status.
-    std::optional<std::string> text = {};        ///< What the answer says.
-    std::optional<std::int64_t> megabytes = {};  ///< Size of the answer.
+    FaultKind m_Kind = FaultKind::kDrop;
+    std::optional<ExchangeKind> m_Exchange = {};   ///< Nothing: any that the kind can happen to.
+    std::string m_Order = {};                      ///< ORDERID of the payment; empty: any, or none.
+    std::int64_t m_Times = 1;                      ///< How often; 0: until it is lifted.
+    std::optional<double> m_Seconds = {};          ///< How long, of the kinds that take time.
+    std::optional<std::int64_t> m_Bytes = {};      ///< How much of the answer comes before it.
+    std::optional<int> m_Status = {};              ///< HTTP status.
+    std::optional<std::string> m_Text = {};        ///< What the answer says.
+    std::optional<std::int64_t> m_Megabytes = {};  ///< Size of the answer.
 };
 
 /// The parameters of a fault, as bits of a set.
@@ -63,12 +63,12 @@ enum FaultParameter : unsigned {
 
 /// One kind of fault, as it is named and described to people.
 struct FaultKindRow {
-    FaultKind kind;
-    char const* name;
-    unsigned exchanges;   ///< The ExchangeKind values it can happen to.
-    unsigned parameters;  ///< Of FaultParameter.
-    bool carriedOut;      ///< Whether the service does what it was asked, so that a payment moves on.
-    char const* meaning;
+    FaultKind m_Kind;
+    char const* m_Name;
+    unsigned m_Exchanges;   ///< The ExchangeKind values it can happen to.
+    unsigned m_Parameters;  ///< Of FaultParameter.
+    bool m_CarriedOut;      ///< Whether the service does what it was asked, so that a payment moves on.
+    char const* m_Meaning;
 };
 
 /// All kinds, in the order in which people should read them.

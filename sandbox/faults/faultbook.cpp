@@ -11,15 +11,17 @@ namespace {
 using Steady = std::chrono::steady_clock;
 
 bool canHappenTo(Fault const& fault, ExchangeKind kind) {
-    unsigned const exchanges = fault.exchange ? static_cast<unsigned>(*fault.exchange) : faultRow(fault.kind).exchanges;
+    unsigned const exchanges =
+        fault.m_Exchange ? static_cast<unsigned>(*fault.m_Exchange) : faultRow(fault.m_Kind).m_Exchanges;
     return (exchanges & static_cast<unsigned>(kind)) != 0;
 }
 
 FaultBook::Moment endOfRefusal(Fault const& fault) {
-    if (!fault.seconds) {
+    if (!fault.m_Seconds) {
         return FaultBook::Moment::max();
     }
-    return Steady::now() + std::chrono::duration_cast<Steady::duration>(std::chrono::duration<double>(*fault.seconds));
+    return Steady::now() +
+           std::chrono::duration_cast<Steady::duration>(std::chrono::duration<double>(*fault.m_Seconds));
 }
 
 }  // namespace
@@ -35,13 +37,13 @@ std::int64_t FaultBook::arm(Fault const& fault) {
     {
         std::lock_guard<std::mutex> const lock(m_Mutex);
         ArmedFault armed;
-        armed.id = ++m_LastId;
-        armed.fault = fault;
-        if (fault.kind == FaultKind::Refuse) {
-            armed.refusesUntil = endOfRefusal(fault);
+        armed.m_Id = ++m_LastId;
+        armed.m_Fault = fault;
+        if (fault.m_Kind == FaultKind::kRefuse) {
+            armed.m_RefusesUntil = endOfRefusal(fault);
         }
         m_Armed.push_back(armed);
-        id = armed.id;
+        id = armed.m_Id;
     }
     announceRefusals();
     return id;
@@ -52,7 +54,7 @@ bool FaultBook::lift(std::int64_t id) {
     {
         std::lock_guard<std::mutex> const lock(m_Mutex);
         auto const at =
-            std::find_if(m_Armed.begin(), m_Armed.end(), [id](ArmedFault const& armed) { return armed.id == id; });
+            std::find_if(m_Armed.begin(), m_Armed.end(), [id](ArmedFault const& armed) { return armed.m_Id == id; });
         found = at != m_Armed.end();
         if (found) {
             m_Armed.erase(at);
@@ -78,7 +80,7 @@ std::vector<ArmedFault> FaultBook::armed() {
 
 std::optional<Fault> FaultBook::take(ExchangeKind kind, std::string const& order) {
     return takeFirst([kind, &order](Fault const& fault) {
-        return canHappenTo(fault, kind) && (fault.order.empty() || fault.order == order);
+        return canHappenTo(fault, kind) && (fault.m_Order.empty() || fault.m_Order == order);
     });
 }
 
@@ -86,7 +88,7 @@ std::optional<Fault> FaultBook::takeForConnection(bool tls) {
     if (!tls) {
         return std::nullopt;
     }
-    return takeFirst([](Fault const& fault) { return canHappenTo(fault, ExchangeKind::Connection); });
+    return takeFirst([](Fault const& fault) { return canHappenTo(fault, ExchangeKind::kConnection); });
 }
 
 template <class Matches>
@@ -94,12 +96,12 @@ std::optional<Fault> FaultBook::takeFirst(Matches matches) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     for (std::size_t at = 0; at < m_Armed.size(); ++at) {
         // A refused connection happens to nobody who is heard of.
-        if (m_Armed[at].fault.kind == FaultKind::Refuse || !matches(m_Armed[at].fault)) {
+        if (m_Armed[at].m_Fault.m_Kind == FaultKind::kRefuse || !matches(m_Armed[at].m_Fault)) {
             continue;
         }
-        ++m_Armed[at].happened;
-        Fault const fault = m_Armed[at].fault;
-        if (m_Armed[at].happened == fault.times) {
+        ++m_Armed[at].m_Happened;
+        Fault const fault = m_Armed[at].m_Fault;
+        if (m_Armed[at].m_Happened == fault.m_Times) {
             m_Armed.erase(m_Armed.begin() + static_cast<std::ptrdiff_t>(at));
         }
         return fault;
@@ -111,7 +113,7 @@ void FaultBook::forgetPast() {
     Moment const now = Steady::now();
     m_Armed.erase(std::remove_if(m_Armed.begin(), m_Armed.end(),
                                  [now](ArmedFault const& armed) {
-                                     return armed.fault.kind == FaultKind::Refuse && armed.refusesUntil <= now;
+                                     return armed.m_Fault.m_Kind == FaultKind::kRefuse && armed.m_RefusesUntil <= now;
                                  }),
                   m_Armed.end());
 }
@@ -121,15 +123,15 @@ void FaultBook::announceRefusals() {
     Moment connection{};
     Moment proxy{};
     for (ArmedFault const& armed : this->armed()) {
-        if (armed.fault.kind == FaultKind::Refuse) {
-            bool const ofProxy = armed.fault.exchange == ExchangeKind::Proxy;
+        if (armed.m_Fault.m_Kind == FaultKind::kRefuse) {
+            bool const ofProxy = armed.m_Fault.m_Exchange == ExchangeKind::kProxy;
             Moment& until = ofProxy ? proxy : connection;
-            until = std::max(until, armed.refusesUntil);
+            until = std::max(until, armed.m_RefusesUntil);
         }
     }
     if (m_Listener) {
-        m_Listener(ExchangeKind::Connection, connection);
-        m_Listener(ExchangeKind::Proxy, proxy);
+        m_Listener(ExchangeKind::kConnection, connection);
+        m_Listener(ExchangeKind::kProxy, proxy);
     }
 }
 

@@ -15,10 +15,10 @@ namespace sandbox {
 
 /// A fault that waits for its exchange.
 struct ArmedFault {
-    std::int64_t id = 0;  ///< Counts up from 1.
-    Fault fault = {};
-    std::int64_t happened = 0;                                ///< How often so far.
-    std::chrono::steady_clock::time_point refusesUntil = {};  ///< Of refused connections; max() until it is lifted.
+    std::int64_t m_Id = 0;  ///< Counts up from 1.
+    Fault m_Fault = {};
+    std::int64_t m_Happened = 0;                                ///< How often so far.
+    std::chrono::steady_clock::time_point m_RefusesUntil = {};  ///< Of refused connections; max() until it is lifted.
 };
 
 /// The faults that are armed, in memory only: a service begins without. Every member may be called by any thread.

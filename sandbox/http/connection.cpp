@@ -156,7 +156,7 @@ void Connection::pauseWhileConnected(double seconds) const {
 /// Whether the event, or a failure of the connection, came before `until` and before the end of the service.
 bool Connection::wait(Clock::time_point until, short event) const {
     std::array<pollfd, 2> waits = {pollfd{m_Socket, event, 0}, pollfd{-1, 0, 0}};
-    return m_Ending.await(waits, until) == EndSignal::Wait::Ready && !m_Ending.raised();
+    return m_Ending.await(waits, until) == EndSignal::Wait::kReady && !m_Ending.raised();
 }
 
 void Connection::reset() {

@@ -21,7 +21,7 @@ std::size_t bodyOf(std::string const& answer) {
 std::size_t bytesBefore(std::string const& answer, Fault const& fault) {
     std::size_t const body = bodyOf(answer);
     std::size_t const middle = body + (answer.size() - body) / 2;
-    return std::min(answer.size(), fault.bytes ? static_cast<std::size_t>(*fault.bytes) : middle);
+    return std::min(answer.size(), fault.m_Bytes ? static_cast<std::size_t>(*fault.m_Bytes) : middle);
 }
 
 void sendBytewise(Connection& connection, std::string const& answer, double seconds) {
@@ -66,41 +66,41 @@ void deliver(Connection& connection, std::string const& answer, std::optional<Fa
         send(connection, answer);
         return;
     }
-    switch (fault->kind) {
-        case FaultKind::Reset:
+    switch (fault->m_Kind) {
+        case FaultKind::kReset:
             connection.reset();
             return;
-        case FaultKind::Drop:
+        case FaultKind::kDrop:
             return;
-        case FaultKind::Delay:
+        case FaultKind::kDelay:
             connection.pause(secondsOf(*fault));
             send(connection, answer);
             return;
-        case FaultKind::StallBefore:
+        case FaultKind::kStallBefore:
             connection.pauseWhileConnected(secondsOf(*fault));
             return;
-        case FaultKind::StallInside:
+        case FaultKind::kStallInside:
             send(connection, answer.substr(0, bytesBefore(answer, *fault)));
             connection.pauseWhileConnected(secondsOf(*fault));
             return;
-        case FaultKind::Bytewise:
+        case FaultKind::kBytewise:
             sendBytewise(connection, answer, secondsOf(*fault));
             return;
-        case FaultKind::Truncate:
+        case FaultKind::kTruncate:
             send(connection, answer.substr(0, bytesBefore(answer, *fault)));
             return;
-        case FaultKind::NoBlankLine: {
+        case FaultKind::kNoBlankLine: {
             std::size_t const body = bodyOf(answer);
             send(connection, answer.substr(0, body - std::min<std::size_t>(body, 2)) + answer.substr(body));
             return;
         }
-        case FaultKind::NulBytes:
+        case FaultKind::kNulBytes:
             send(connection, std::string(answer).insert(bytesBefore(answer, *fault), 1, '\0'));
             return;
-        case FaultKind::Twice:
+        case FaultKind::kTwice:
             send(connection, answer + answer);
             return;
-        case FaultKind::Huge:
+        case FaultKind::kHuge:
             sendHuge(connection, answer, megabytesOf(*fault));
             return;
         default:

@@ -54,10 +54,10 @@ EndSignal::Wait EndSignal::await(std::array<pollfd, 2>& sockets, Clock::time_poi
         sockets = {waits[0], waits[1]};
         if (happened > 0) {
             bool const ready = sockets[0].revents != 0 || sockets[1].revents != 0;
-            return ready ? Wait::Ready : Wait::Ended;
+            return ready ? Wait::kReady : Wait::kEnded;
         }
         if (happened == 0 && deadline <= Clock::now()) {
-            return Wait::TooLate;
+            return Wait::kTooLate;
         }
     }
 }

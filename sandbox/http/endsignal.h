@@ -13,7 +13,7 @@ class EndSignal {
 public:
     using Clock = std::chrono::steady_clock;
 
-    enum class Wait { Ready, TooLate, Ended };
+    enum class Wait { kReady, kTooLate, kEnded };
 
     /// Throws std::runtime_error.
     EndSignal();

@@ -12,21 +12,21 @@ namespace sandbox {
 
 /// A request as it came in, before any decoding.
 struct HttpRequest {
-    std::string method;
-    std::string path;           ///< Without the query.
-    std::string query;          ///< Without the "?", percent-encoded.
-    std::string authorization;  ///< Value of that header.
-    std::string contentType;    ///< Value of that header.
-    std::string body;
-    std::string baseUrl;    ///< Of this service on the port that was used, without a slash at the end.
-    std::string raw;        ///< All of it, byte for byte.
-    std::string host = {};  ///< Value of that header.
+    std::string m_Method;
+    std::string m_Path;           ///< Without the query.
+    std::string m_Query;          ///< Without the "?", percent-encoded.
+    std::string m_Authorization;  ///< Value of that header.
+    std::string m_ContentType;    ///< Value of that header.
+    std::string m_Body;
+    std::string m_BaseUrl;    ///< Of this service on the port that was used, without a slash at the end.
+    std::string m_Raw;        ///< All of it, byte for byte.
+    std::string m_Host = {};  ///< Value of that header.
 };
 
 /// What became of an answer that was sent.
 struct Delivery {
-    std::size_t bytes = 0;
-    bool reset = false;
+    std::size_t m_Bytes = 0;
+    bool m_Reset = false;
 };
 
 /// Keeps what became of a request.
@@ -46,13 +46,13 @@ public:
 
 /// An answer. A non-empty `location` makes it a redirect.
 struct HttpReply {
-    int status = 200;
-    std::string contentType;
-    std::string body;
-    std::string location = {};
-    std::string allow = {};                 ///< The methods that the address has, of a status 405.
-    std::optional<Fault> fault = {};        ///< How it is to be sent.
-    std::shared_ptr<ExchangeLog> log = {};  ///< Null when nothing is kept.
+    int m_Status = 200;
+    std::string m_ContentType;
+    std::string m_Body;
+    std::string m_Location = {};
+    std::string m_Allow = {};                 ///< The methods that the address has, of a status 405.
+    std::optional<Fault> m_Fault = {};        ///< How it is to be sent.
+    std::shared_ptr<ExchangeLog> m_Log = {};  ///< Null when nothing is kept.
 };
 
 }  // namespace sandbox

@@ -10,8 +10,8 @@ namespace sandbox {
 namespace {
 
 struct StatusRow {
-    int status;
-    char const* phrase;
+    int m_Status;
+    char const* m_Phrase;
 };
 
 // clang-format off
@@ -29,8 +29,8 @@ constexpr StatusRow kPhrases[] = {
 
 char const* phraseOf(int status) {
     for (StatusRow const& row : kPhrases) {
-        if (row.status == status) {
-            return row.phrase;
+        if (row.m_Status == status) {
+            return row.m_Phrase;
         }
     }
     return "Fault";

@@ -46,7 +46,7 @@ std::string extendLink(std::string const& link, std::string const& query) {
 }
 
 std::string Place::text() const {
-    return host + ":" + std::to_string(port);
+    return m_Host + ":" + std::to_string(m_Port);
 }
 
 Place parsePlace(std::string const& text, std::optional<std::uint16_t> usualPort) {
@@ -61,9 +61,9 @@ Place parsePlace(std::string const& text, std::optional<std::uint16_t> usualPort
         throw Refusal("the address has no port");
     }
     Place place;
-    place.host = named ? text.substr(0, colon) : text;
-    place.port = named ? parsePort(text.substr(colon + 1)) : *usualPort;
-    if (place.host.empty()) {
+    place.m_Host = named ? text.substr(0, colon) : text;
+    place.m_Port = named ? parsePort(text.substr(colon + 1)) : *usualPort;
+    if (place.m_Host.empty()) {
         throw Refusal("the address has no host");
     }
     return place;
@@ -79,8 +79,8 @@ HttpAddress parseHttpAddress(std::string const& text) {
     std::size_t const end = std::min(text.find('#', placeEnd), text.size());
     HttpAddress address{parsePlace(text.substr(begin, placeEnd - begin), kHttpPort),
                         text.substr(placeEnd, end - placeEnd)};
-    if (address.target.empty() || address.target[0] != '/') {
-        address.target.insert(0, 1, '/');
+    if (address.m_Target.empty() || address.m_Target[0] != '/') {
+        address.m_Target.insert(0, 1, '/');
     }
     return address;
 }

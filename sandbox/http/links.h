@@ -15,8 +15,8 @@ std::string extendLink(std::string const& link, std::string const& query);
 
 /// A host and one of its ports.
 struct Place {
-    std::string host;
-    std::uint16_t port = 0;
+    std::string m_Host;
+    std::uint16_t m_Port = 0;
 
     /// "host:port".
     [[nodiscard]] std::string text() const;
@@ -27,8 +27,8 @@ Place parsePlace(std::string const& text, std::optional<std::uint16_t> usualPort
 
 /// An address of plain HTTP.
 struct HttpAddress {
-    Place place;
-    std::string target;  ///< Path and query as they stand there; begins with a slash.
+    Place m_Place;
+    std::string m_Target;  ///< Path and query as they stand there; begins with a slash.
 };
 
 /// Reads "http://host:port/path?query"; a fragment is dropped. Throws Refusal for anything that could not stand in a

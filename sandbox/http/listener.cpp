@@ -41,19 +41,19 @@ std::string failureAnswer(std::string const& what) {
 }
 
 void fill(HttpReply const& reply, httplib::Response& response) {
-    response.status = reply.status;
-    if (!reply.location.empty()) {
-        response.set_redirect(reply.location, reply.status);
+    response.status = reply.m_Status;
+    if (!reply.m_Location.empty()) {
+        response.set_redirect(reply.m_Location, reply.m_Status);
     }
-    if (!reply.allow.empty()) {
-        response.set_header("Allow", reply.allow);
+    if (!reply.m_Allow.empty()) {
+        response.set_header("Allow", reply.m_Allow);
     }
     response.set_header("Cache-Control", "no-store");
     response.set_header("Content-Security-Policy",
                         "default-src 'none'; style-src 'unsafe-inline'; frame-ancestors 'none'; base-uri 'none'");
     response.set_header("Referrer-Policy", "no-referrer");
     response.set_header("X-Content-Type-Options", "nosniff");
-    response.set_content(reply.body, reply.contentType);
+    response.set_content(reply.m_Body, reply.m_ContentType);
 }
 
 /// The library would compress the answer for who accepts that, and then neither the record of the exchange nor a fault
@@ -64,9 +64,9 @@ void acceptNoCoding(httplib::Request const& request) {
 
 /// What the library does not hand to its handlers: one request while it is answered by its thread.
 struct Turn {
-    RequestStream const& stream;
-    std::string const& target;  ///< As it came.
-    HttpReply reply = {};       ///< Of the handler; as it was born when the library answers by itself.
+    RequestStream const& m_Stream;
+    std::string const& m_Target;  ///< As it came.
+    HttpReply m_Reply = {};       ///< Of the handler; as it was born when the library answers by itself.
 };
 thread_local Turn* t_Turn = nullptr;
 
@@ -80,12 +80,12 @@ public:
         auto const respond = [handler = std::move(handler), base = std::move(base)](httplib::Request const& request,
                                                                                     httplib::Response& response,
                                                                                     std::string const& body) {
-            RequestLine const line{request.method, t_Turn->target, request.version};
-            t_Turn->reply =
+            RequestLine const line{request.method, t_Turn->m_Target, request.version};
+            t_Turn->m_Reply =
                 handler({request.method, line.path(), line.query(), request.get_header_value("Authorization"),
-                         request.get_header_value("Content-Type"), body, base, t_Turn->stream.received(),
+                         request.get_header_value("Content-Type"), body, base, t_Turn->m_Stream.received(),
                          request.get_header_value("Host")});
-            fill(t_Turn->reply, response);
+            fill(t_Turn->m_Reply, response);
             acceptNoCoding(request);
         };
         auto const answer = [respond](httplib::Request const& request, httplib::Response& response) {
@@ -132,8 +132,8 @@ public:
         if (lineEnd != std::string::npos) {
             std::size_t const length = lineEnd > 0 && text[lineEnd - 1] == '\r' ? lineEnd - 1 : lineEnd;
             if (std::optional<RequestLine> const line = parseRequestLine(text.substr(0, length))) {
-                target = line->target;
-                text.replace(0, length, line->method + " " + line->path() + " " + line->version);
+                target = line->m_Target;
+                text.replace(0, length, line->m_Method + " " + line->path() + " " + line->m_Version);
             }
         }
         RequestStream stream(connection, begin, std::move(text));
@@ -147,17 +147,17 @@ public:
             return;
         }
         try {
-            if (turn.reply.log) {
-                turn.reply.log->answered(stream.written());
+            if (turn.m_Reply.m_Log) {
+                turn.m_Reply.m_Log->answered(stream.written());
             }
         } catch (std::exception const& failure) {
             deliver(connection, failureAnswer(failure.what()), std::nullopt);
             return;
         }
         std::size_t const before = connection.written();
-        deliver(connection, stream.written(), turn.reply.fault);
-        if (turn.reply.log) {
-            turn.reply.log->delivered({connection.written() - before, connection.isReset()});
+        deliver(connection, stream.written(), turn.m_Reply.m_Fault);
+        if (turn.m_Reply.m_Log) {
+            turn.m_Reply.m_Log->delivered({connection.written() - before, connection.isReset()});
         }
     }
 };
@@ -196,7 +196,7 @@ void Listener::stop() {
 void Listener::serve(int socket) {
     std::optional<Fault> const fault =
         m_Faults != nullptr ? m_Faults->takeForConnection(m_Tls != nullptr) : std::nullopt;
-    bool const aborts = fault && fault->kind == FaultKind::TlsAbort;
+    bool const aborts = fault && fault->m_Kind == FaultKind::kTlsAbort;
     SSL_CTX* const tls = m_Tls != nullptr && !aborts ? m_Tls->context(fault) : nullptr;
     Connection connection(socket, tls, m_Acceptor.ending(), m_Patience);
     if (aborts) {

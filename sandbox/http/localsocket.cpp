@@ -23,11 +23,11 @@ constexpr int kTooLate = 504;
 int awaitConnected(int socket, Place const& place, EndSignal::Clock::time_point deadline, EndSignal const& ending) {
     std::array<pollfd, 2> waits = {pollfd{socket, POLLOUT, 0}, pollfd{-1, 0, 0}};
     switch (ending.await(waits, deadline)) {
-        case EndSignal::Wait::Ready:
+        case EndSignal::Wait::kReady:
             break;
-        case EndSignal::Wait::TooLate:
+        case EndSignal::Wait::kTooLate:
             throw Refusal(place.text() + " does not take the connection", kTooLate);
-        case EndSignal::Wait::Ended:
+        case EndSignal::Wait::kEnded:
             throw Refusal("the sandbox is stopping", kUnavailable);
     }
     int error = 0;
@@ -42,8 +42,8 @@ LocalSocket::LocalSocket(Place const& place, EndSignal::Clock::time_point deadli
     : m_Socket(-1) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_addr = localAddress(place.host);
-    address.sin_port = htons(place.port);
+    address.sin_addr = localAddress(place.m_Host);
+    address.sin_port = htons(place.m_Port);
     m_Socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (m_Socket < 0) {
         throw Refusal("no socket: " + std::generic_category().message(errno), kUnavailable);

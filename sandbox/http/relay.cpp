@@ -33,7 +33,7 @@ bool isDue(pollfd const& wait, int event) {
 }
 
 bool isOver(Flow const& up, Flow const& down) {
-    return down.ended() && (down.atEnd() == Flow::AtEnd::Leave || up.ended());
+    return down.ended() && (down.atEnd() == Flow::AtEnd::kLeave || up.ended());
 }
 
 }  // namespace
@@ -81,7 +81,7 @@ void Flow::take(char const* bytes, std::size_t size) {
 }
 
 void Flow::tellEnd() {
-    if (ended() && m_AtEnd == AtEnd::Tell) {
+    if (ended() && m_AtEnd == AtEnd::kTell) {
         ::shutdown(m_To, SHUT_WR);
     }
 }
@@ -92,7 +92,7 @@ Outcome carry(Flow& up, Flow& down, ConversationLimits const& limits, EndSignal 
     while (!isOver(up, down)) {
         bool const stopping = ending.raised();
         if (stopping && --roundsLeft < 0) {
-            return Outcome::Stopped;
+            return Outcome::kStopped;
         }
         std::array<pollfd, 2> waits = {
             waitFor(up.from(), up.wantsToRead() && !stopping, down.wantsToWrite()),
@@ -100,15 +100,15 @@ Outcome carry(Flow& up, Flow& down, ConversationLimits const& limits, EndSignal 
         };
         bool const answering = down.started() && down.to() != Flow::kNowhere;
         if (up.ended()) {
-            quietUntil = EndSignal::Clock::now() + limits.silence;
+            quietUntil = EndSignal::Clock::now() + limits.m_Silence;
         }
-        switch (ending.await(waits, answering ? quietUntil : std::min(limits.answerBy, quietUntil))) {
-            case EndSignal::Wait::Ready:
+        switch (ending.await(waits, answering ? quietUntil : std::min(limits.m_AnswerBy, quietUntil))) {
+            case EndSignal::Wait::kReady:
                 break;
-            case EndSignal::Wait::TooLate:
-                return Outcome::TooLate;
-            case EndSignal::Wait::Ended:
-                return Outcome::Stopped;
+            case EndSignal::Wait::kTooLate:
+                return Outcome::kTooLate;
+            case EndSignal::Wait::kEnded:
+                return Outcome::kStopped;
         }
         auto const [client, target] = waits;
         if (isDue(target, POLLOUT) && !up.write()) {
@@ -118,16 +118,16 @@ Outcome carry(Flow& up, Flow& down, ConversationLimits const& limits, EndSignal 
         // Who stops the service ends the client's direction as well, and the target must not hear of that.
         bool const clientGone = isDue(client, POLLIN) && !ending.raised() && !up.read();
         if (clientGone || (isDue(client, POLLOUT) && !down.write())) {
-            return Outcome::ClientLost;
+            return Outcome::kClientLost;
         }
         if (isDue(target, POLLIN) && !down.read()) {
-            return Outcome::TargetLost;
+            return Outcome::kTargetLost;
         }
         if (down.overflowed()) {
-            return Outcome::TooLong;
+            return Outcome::kTooLong;
         }
     }
-    return Outcome::Complete;
+    return Outcome::kComplete;
 }
 
 }  // namespace sandbox

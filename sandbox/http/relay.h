@@ -17,7 +17,7 @@ public:
     static constexpr int kNowhere = -1;
 
     /// Whether the destination is told that the source has ended (half-close).
-    enum class AtEnd { Tell, Leave };
+    enum class AtEnd { kTell, kLeave };
 
     /// Both sockets are borrowed. `ahead` came from the source before.
     Flow(int from, int to, std::string ahead, AtEnd atEnd);
@@ -66,15 +66,15 @@ private:
 };
 
 /// How a conversation went.
-enum class Outcome { Complete, ClientLost, TargetLost, TooLate, TooLong, Stopped };
+enum class Outcome { kComplete, kClientLost, kTargetLost, kTooLate, kTooLong, kStopped };
 
 /// How long a conversation may take.
 struct ConversationLimits {
-    EndSignal::Clock::time_point answerBy;  ///< Something must have come down by then, and all of it when it is kept.
+    EndSignal::Clock::time_point m_AnswerBy;  ///< Something must have come down by then, and all of it when it is kept.
 
     /// Between two signs of life once nothing more comes up: who asks waits for the answer, or has gone, which looks
     /// the same.
-    EndSignal::Clock::duration silence;
+    EndSignal::Clock::duration m_Silence;
 };
 
 /// Carries `up`, from who asks to who answers, and `down`, the way back. Nothing goes down before something has come

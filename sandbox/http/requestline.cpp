@@ -21,13 +21,13 @@ std::string originForm(std::string const& target) {
 }  // namespace
 
 std::string RequestLine::path() const {
-    std::string const path = target.substr(0, target.find('?'));
+    std::string const path = m_Target.substr(0, m_Target.find('?'));
     return path.empty() ? "/" : path;
 }
 
 std::string RequestLine::query() const {
-    std::size_t const mark = target.find('?');
-    return mark == std::string::npos ? "" : target.substr(mark + 1);
+    std::size_t const mark = m_Target.find('?');
+    return mark == std::string::npos ? "" : m_Target.substr(mark + 1);
 }
 
 std::optional<RequestLine> parseRequestLine(std::string const& line) {

@@ -8,9 +8,9 @@ namespace sandbox {
 
 /// The first line of a request, in its three parts.
 struct RequestLine {
-    std::string method;
-    std::string target;  ///< As it came, but without scheme and authority when it had them.
-    std::string version;
+    std::string m_Method;
+    std::string m_Target;  ///< As it came, but without scheme and authority when it had them.
+    std::string m_Version;
 
     /// The target up to the query; "/" when that is empty.
     [[nodiscard]] std::string path() const;

@@ -71,8 +71,8 @@ void addExtensions(X509* certificate, X509* issuer, Extensions const& extensions
 
 /// When a certificate is valid, in seconds from now.
 struct Validity {
-    long from = -kDay;
-    long until = 10 * 365 * kDay;
+    long m_From = -kDay;
+    long m_Until = 10 * 365 * kDay;
 };
 
 /// A certificate for `key` under `issuer`, or under itself when `issuer` is null.
@@ -86,8 +86,8 @@ CertificateHolder makeCertificate(char const* commonName, EVP_PKEY* key, X509* i
     setSubject(raw, commonName);
     X509* const signer = issuer != nullptr ? issuer : raw;
     check(X509_set_issuer_name(raw, X509_get_subject_name(signer)) == 1, "set the issuer");
-    check(X509_gmtime_adj(X509_getm_notBefore(raw), validity.from) != nullptr, "set the start");
-    check(X509_gmtime_adj(X509_getm_notAfter(raw), validity.until) != nullptr, "set the end");
+    check(X509_gmtime_adj(X509_getm_notBefore(raw), validity.m_From) != nullptr, "set the start");
+    check(X509_gmtime_adj(X509_getm_notAfter(raw), validity.m_Until) != nullptr, "set the end");
     check(X509_set_pubkey(raw, key) == 1, "set the public key");
     addExtensions(raw, signer, extensions);
     check(X509_sign(raw, issuerKey, EVP_sha256()) > 0, "sign a certificate");
@@ -114,14 +114,14 @@ std::string keyPem(EVP_PKEY* key) {
 
 /// An authority with its key, for as long as it takes to sign what is under it.
 struct Authority {
-    KeyHolder key = makeKey();
-    CertificateHolder certificate = makeCertificate("Tallowin sandbox authority", key.get(), nullptr, key.get(),
-                                                    {{NID_basic_constraints, "critical,CA:TRUE,pathlen:0"},
-                                                     {NID_key_usage, "critical,keyCertSign,cRLSign"},
-                                                     {NID_subject_key_identifier, "hash"}});
+    KeyHolder m_Key = makeKey();
+    CertificateHolder m_Certificate = makeCertificate("Tallowin sandbox authority", m_Key.get(), nullptr, m_Key.get(),
+                                                      {{NID_basic_constraints, "critical,CA:TRUE,pathlen:0"},
+                                                       {NID_key_usage, "critical,keyCertSign,cRLSign"},
+                                                       {NID_subject_key_identifier, "hash"}});
 
     [[nodiscard]] std::string sign(EVP_PKEY* serverKey, char const* hosts, Validity validity = {}) const {
-        return certificatePem(makeCertificate("Tallowin sandbox", serverKey, certificate.get(), key.get(),
+        return certificatePem(makeCertificate("Tallowin sandbox", serverKey, m_Certificate.get(), m_Key.get(),
                                               {{NID_basic_constraints, "critical,CA:FALSE"},
                                                {NID_key_usage, "critical,digitalSignature,keyEncipherment"},
                                                {NID_ext_key_usage, "serverAuth"},
@@ -144,7 +144,7 @@ void makeFiles(DataDirectory const& directory) {
     directory.write(kExpiredFile, authority.sign(serverKey.get(), kOwnHosts, {-2 * kDay, -kDay}));
     directory.write(kWrongHostFile, authority.sign(serverKey.get(), kOtherHost));
     directory.write(kUnknownAuthorityFile, unknown.sign(serverKey.get(), kOwnHosts));
-    directory.write(kAuthorityFile, certificatePem(authority.certificate.get()));
+    directory.write(kAuthorityFile, certificatePem(authority.m_Certificate.get()));
 }
 
 bool isComplete(DataDirectory const& directory) {
@@ -175,16 +175,16 @@ TlsContextHolder makeContext(DataDirectory const& directory, char const* certifi
 }  // namespace
 
 SSL_CTX* TlsIdentity::context(std::optional<Fault> const& fault) const {
-    if (fault && fault->kind == FaultKind::TlsExpired) {
-        return expired.get();
+    if (fault && fault->m_Kind == FaultKind::kTlsExpired) {
+        return m_Expired.get();
     }
-    if (fault && fault->kind == FaultKind::TlsWrongHost) {
-        return wrongHost.get();
+    if (fault && fault->m_Kind == FaultKind::kTlsWrongHost) {
+        return m_WrongHost.get();
     }
-    if (fault && fault->kind == FaultKind::TlsUnknownAuthority) {
-        return unknownAuthority.get();
+    if (fault && fault->m_Kind == FaultKind::kTlsUnknownAuthority) {
+        return m_UnknownAuthority.get();
     }
-    return sound.get();
+    return m_Sound.get();
 }
 
 TlsIdentity makeTlsIdentity(DataDirectory const& directory) {

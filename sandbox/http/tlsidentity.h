@@ -12,10 +12,10 @@ namespace sandbox {
 /// What a TLS server can show of itself: a sound certificate for 127.0.0.1 and localhost, and some that clients should
 /// not trust.
 struct TlsIdentity {
-    TlsContextHolder sound;
-    TlsContextHolder expired;
-    TlsContextHolder wrongHost;
-    TlsContextHolder unknownAuthority;
+    TlsContextHolder m_Sound;
+    TlsContextHolder m_Expired;
+    TlsContextHolder m_WrongHost;
+    TlsContextHolder m_UnknownAuthority;
 
     /// The context for a connection that `fault` happens to.
     [[nodiscard]] SSL_CTX* context(std::optional<Fault> const& fault) const;

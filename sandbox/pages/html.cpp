@@ -13,9 +13,9 @@ constexpr char kReplacement[] = "\xEF\xBF\xBD";  // U+FFFD
 /// The forms of a well-formed UTF-8 sequence (Unicode, table 3-7): the second byte is bounded by the first, all further
 /// bytes are 0x80 to 0xBF.
 struct SequenceForm {
-    unsigned char firstFrom, firstTo;
-    unsigned char secondFrom, secondTo;
-    std::size_t length;
+    unsigned char m_FirstFrom, m_FirstTo;
+    unsigned char m_SecondFrom, m_SecondTo;
+    std::size_t m_Length;
 };
 
 // clang-format off
@@ -39,15 +39,15 @@ bool within(unsigned char byte, unsigned char from, unsigned char to) {
 /// The length of the well-formed sequence at the beginning of `bytes`, 0 when there is none.
 std::size_t sequenceLength(unsigned char const* bytes, std::size_t available) {
     for (SequenceForm const& form : kForms) {
-        if (!within(bytes[0], form.firstFrom, form.firstTo)) {
+        if (!within(bytes[0], form.m_FirstFrom, form.m_FirstTo)) {
             continue;
         }
         bool formed =
-            form.length <= available && (form.length == 1 || within(bytes[1], form.secondFrom, form.secondTo));
-        for (std::size_t i = 2; formed && i < form.length; ++i) {
+            form.m_Length <= available && (form.m_Length == 1 || within(bytes[1], form.m_SecondFrom, form.m_SecondTo));
+        for (std::size_t i = 2; formed && i < form.m_Length; ++i) {
             formed = within(bytes[i], 0x80, 0xBF);
         }
-        return formed ? form.length : 0;
+        return formed ? form.m_Length : 0;
     }
     return 0;
 }

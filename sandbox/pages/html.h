@@ -22,8 +22,8 @@ std::string escapeHtml(std::string const& text);
 
 /// What the frame of a page holds besides its title, as HTML.
 struct FrameParts {
-    std::string head;        ///< Elements for `head`.
-    std::string navigation;  ///< Stands above the page. A page that has it may be broad.
+    std::string m_Head;        ///< Elements for `head`.
+    std::string m_Navigation;  ///< Stands above the page. A page that has it may be broad.
 };
 
 /// A whole page around `content`, which is HTML. `title` is text, and the heading of the page too. The frame says in

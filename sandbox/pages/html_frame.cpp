@@ -73,15 +73,15 @@ constexpr char kPolicy[] = "default-src 'none'; style-src 'unsafe-inline'";
 HttpReply htmlPage(int status, std::string const& title, std::string const& content, Language const& language,
                    FrameParts const& parts) {
     std::string const shown = escapeHtml(title);
-    std::string html = std::string("<!DOCTYPE html>\n<html lang=\"") + language.tag + "\">\n";
+    std::string html = std::string("<!DOCTYPE html>\n<html lang=\"") + language.m_Tag + "\">\n";
     html += "<head>\n<meta charset=\"utf-8\"/>\n";
     html += "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\"/>\n";
     html += "<meta http-equiv=\"Content-Security-Policy\" content=\"" + escapeHtml(kPolicy) + "\"/>\n";
-    html += "<title>" + shown + " - " + kName + "</title>\n<style>" + kStyleSheet + "</style>\n" + parts.head +
+    html += "<title>" + shown + " - " + kName + "</title>\n<style>" + kStyleSheet + "</style>\n" + parts.m_Head +
             "</head>\n<body>\n";
-    std::string const breadth = parts.navigation.empty() ? "" : " class=\"broad\"";
-    html += "<header>\n<p" + breadth + "><strong>" + kName + "</strong> " + escapeHtml(language[PageText::Notice]) +
-            "</p>\n" + parts.navigation + "</header>\n";
+    std::string const breadth = parts.m_Navigation.empty() ? "" : " class=\"broad\"";
+    html += "<header>\n<p" + breadth + "><strong>" + kName + "</strong> " + escapeHtml(language[PageText::kNotice]) +
+            "</p>\n" + parts.m_Navigation + "</header>\n";
     html += "<main" + breadth + ">\n<h1>" + shown + "</h1>\n" + content + "</main>\n</body>\n</html>\n";
     return {status, "text/html; charset=utf-8", html};
 }

@@ -7,118 +7,118 @@ namespace {
 // "\u00A0" keeps a French colon on the line of its word.
 // clang-format off
 constexpr PageTextTable kEnglish = {{
-    {PageText::Title,           "Payment"},
-    {PageText::Notice,          "This is a sandbox: no money moves."},
-    {PageText::OrderHeading,    "Your order"},
-    {PageText::Order,           "Order"},
-    {PageText::Description,     "Description"},
-    {PageText::Amount,          "Amount"},
-    {PageText::Merchant,        "Merchant"},
-    {PageText::MerchantNumber,  "Merchant number"},
-    {PageText::PayableUntil,    "Can be paid until"},
-    {PageText::PaymentNumber,   "Payment number"},
-    {PageText::NotGiven,        "not given"},
-    {PageText::DecisionHeading, "Your decision"},
-    {PageText::Pay,             "Pay"},
-    {PageText::Decline,         "Decline"},
-    {PageText::Cancel,          "Cancel and go back"},
+    {PageText::kTitle,           "Payment"},
+    {PageText::kNotice,          "This is a sandbox: no money moves."},
+    {PageText::kOrderHeading,    "Your order"},
+    {PageText::kOrder,           "Order"},
+    {PageText::kDescription,     "Description"},
+    {PageText::kAmount,          "Amount"},
+    {PageText::kMerchant,        "Merchant"},
+    {PageText::kMerchantNumber,  "Merchant number"},
+    {PageText::kPayableUntil,    "Can be paid until"},
+    {PageText::kPaymentNumber,   "Payment number"},
+    {PageText::kNotGiven,        "not given"},
+    {PageText::kDecisionHeading, "Your decision"},
+    {PageText::kPay,             "Pay"},
+    {PageText::kDecline,         "Decline"},
+    {PageText::kCancel,          "Cancel and go back"},
 }};
 
 constexpr PageTextTable kGerman = {{
-    {PageText::Title,           "Zahlung"},
-    {PageText::Notice,          "Dies ist eine Testumgebung: Es fließt kein Geld."},
-    {PageText::OrderHeading,    "Ihre Bestellung"},
-    {PageText::Order,           "Bestellung"},
-    {PageText::Description,     "Beschreibung"},
-    {PageText::Amount,          "Betrag"},
-    {PageText::Merchant,        "Händler"},
-    {PageText::MerchantNumber,  "Händlernummer"},
-    {PageText::PayableUntil,    "Zahlbar bis"},
-    {PageText::PaymentNumber,   "Zahlungsnummer"},
-    {PageText::NotGiven,        "nicht angegeben"},
-    {PageText::DecisionHeading, "Ihre Entscheidung"},
-    {PageText::Pay,             "Bezahlen"},
-    {PageText::Decline,         "Ablehnen"},
-    {PageText::Cancel,          "Abbrechen und zurückgehen"},
+    {PageText::kTitle,           "Zahlung"},
+    {PageText::kNotice,          "Dies ist eine Testumgebung: Es fließt kein Geld."},
+    {PageText::kOrderHeading,    "Ihre Bestellung"},
+    {PageText::kOrder,           "Bestellung"},
+    {PageText::kDescription,     "Beschreibung"},
+    {PageText::kAmount,          "Betrag"},
+    {PageText::kMerchant,        "Händler"},
+    {PageText::kMerchantNumber,  "Händlernummer"},
+    {PageText::kPayableUntil,    "Zahlbar bis"},
+    {PageText::kPaymentNumber,   "Zahlungsnummer"},
+    {PageText::kNotGiven,        "nicht angegeben"},
+    {PageText::kDecisionHeading, "Ihre Entscheidung"},
+    {PageText::kPay,             "Bezahlen"},
+    {PageText::kDecline,         "Ablehnen"},
+    {PageText::kCancel,          "Abbrechen und zurückgehen"},
 }};
 
 constexpr PageTextTable kFrench = {{
-    {PageText::Title,           "Paiement"},
-    {PageText::Notice,          "Ceci est un environnement de test\u00A0: aucun argent n’est transféré."},
-    {PageText::OrderHeading,    "Votre commande"},
-    {PageText::Order,           "Commande"},
-    {PageText::Description,     "Désignation"},
-    {PageText::Amount,          "Montant"},
-    {PageText::Merchant,        "Commerçant"},
-    {PageText::MerchantNumber,  "Numéro de commerçant"},
-    {PageText::PayableUntil,    "Payable jusqu’au"},
-    {PageText::PaymentNumber,   "Numéro de paiement"},
-    {PageText::NotGiven,        "non renseigné"},
-    {PageText::DecisionHeading, "Votre décision"},
-    {PageText::Pay,             "Payer"},
-    {PageText::Decline,         "Refuser"},
-    {PageText::Cancel,          "Annuler et revenir"},
+    {PageText::kTitle,           "Paiement"},
+    {PageText::kNotice,          "Ceci est un environnement de test\u00A0: aucun argent n’est transféré."},
+    {PageText::kOrderHeading,    "Votre commande"},
+    {PageText::kOrder,           "Commande"},
+    {PageText::kDescription,     "Désignation"},
+    {PageText::kAmount,          "Montant"},
+    {PageText::kMerchant,        "Commerçant"},
+    {PageText::kMerchantNumber,  "Numéro de commerçant"},
+    {PageText::kPayableUntil,    "Payable jusqu’au"},
+    {PageText::kPaymentNumber,   "Numéro de paiement"},
+    {PageText::kNotGiven,        "non renseigné"},
+    {PageText::kDecisionHeading, "Votre décision"},
+    {PageText::kPay,             "Payer"},
+    {PageText::kDecline,         "Refuser"},
+    {PageText::kCancel,          "Annuler et revenir"},
 }};
 
 constexpr PageTextTable kSpanish = {{
-    {PageText::Title,           "Pago"},
-    {PageText::Notice,          "Este es un entorno de pruebas: no se transfiere dinero."},
-    {PageText::OrderHeading,    "Su pedido"},
-    {PageText::Order,           "Pedido"},
-    {PageText::Description,     "Descripción"},
-    {PageText::Amount,          "Importe"},
-    {PageText::Merchant,        "Comercio"},
-    {PageText::MerchantNumber,  "Número de comercio"},
-    {PageText::PayableUntil,    "Se puede pagar hasta"},
-    {PageText::PaymentNumber,   "Número de pago"},
-    {PageText::NotGiven,        "sin indicar"},
-    {PageText::DecisionHeading, "Su decisión"},
-    {PageText::Pay,             "Pagar"},
-    {PageText::Decline,         "Rechazar"},
-    {PageText::Cancel,          "Cancelar y volver"},
+    {PageText::kTitle,           "Pago"},
+    {PageText::kNotice,          "Este es un entorno de pruebas: no se transfiere dinero."},
+    {PageText::kOrderHeading,    "Su pedido"},
+    {PageText::kOrder,           "Pedido"},
+    {PageText::kDescription,     "Descripción"},
+    {PageText::kAmount,          "Importe"},
+    {PageText::kMerchant,        "Comercio"},
+    {PageText::kMerchantNumber,  "Número de comercio"},
+    {PageText::kPayableUntil,    "Se puede pagar hasta"},
+    {PageText::kPaymentNumber,   "Número de pago"},
+    {PageText::kNotGiven,        "sin indicar"},
+    {PageText::kDecisionHeading, "Su decisión"},
+    {PageText::kPay,             "Pagar"},
+    {PageText::kDecline,         "Rechazar"},
+    {PageText::kCancel,          "Cancelar y volver"},
 }};
 
 constexpr PageTextTable kItalian = {{
-    {PageText::Title,           "Pagamento"},
-    {PageText::Notice,          "Questo è un ambiente di prova: non viene trasferito denaro."},
-    {PageText::OrderHeading,    "Il suo ordine"},
-    {PageText::Order,           "Ordine"},
-    {PageText::Description,     "Descrizione"},
-    {PageText::Amount,          "Importo"},
-    {PageText::Merchant,        "Esercente"},
-    {PageText::MerchantNumber,  "Codice esercente"},
-    {PageText::PayableUntil,    "Pagabile fino al"},
-    {PageText::PaymentNumber,   "Numero del pagamento"},
-    {PageText::NotGiven,        "non indicato"},
-    {PageText::DecisionHeading, "La sua decisione"},
-    {PageText::Pay,             "Paga"},
-    {PageText::Decline,         "Rifiuta"},
-    {PageText::Cancel,          "Annulla e torna indietro"},
+    {PageText::kTitle,           "Pagamento"},
+    {PageText::kNotice,          "Questo è un ambiente di prova: non viene trasferito denaro."},
+    {PageText::kOrderHeading,    "Il suo ordine"},
+    {PageText::kOrder,           "Ordine"},
+    {PageText::kDescription,     "Descrizione"},
+    {PageText::kAmount,          "Importo"},
+    {PageText::kMerchant,        "Esercente"},
+    {PageText::kMerchantNumber,  "Codice esercente"},
+    {PageText::kPayableUntil,    "Pagabile fino al"},
+    {PageText::kPaymentNumber,   "Numero del pagamento"},
+    {PageText::kNotGiven,        "non indicato"},
+    {PageText::kDecisionHeading, "La sua decisione"},
+    {PageText::kPay,             "Paga"},
+    {PageText::kDecline,         "Rifiuta"},
+    {PageText::kCancel,          "Annulla e torna indietro"},
 }};
 
 constexpr PageTextTable kDutch = {{
-    {PageText::Title,           "Betaling"},
-    {PageText::Notice,          "Dit is een testomgeving: er wordt geen geld overgemaakt."},
-    {PageText::OrderHeading,    "Uw bestelling"},
-    {PageText::Order,           "Bestelling"},
-    {PageText::Description,     "Omschrijving"},
-    {PageText::Amount,          "Bedrag"},
-    {PageText::Merchant,        "Verkoper"},
-    {PageText::MerchantNumber,  "Verkopersnummer"},
-    {PageText::PayableUntil,    "Te betalen tot"},
-    {PageText::PaymentNumber,   "Betalingsnummer"},
-    {PageText::NotGiven,        "niet opgegeven"},
-    {PageText::DecisionHeading, "Uw beslissing"},
-    {PageText::Pay,             "Betalen"},
-    {PageText::Decline,         "Weigeren"},
-    {PageText::Cancel,          "Annuleren en teruggaan"},
+    {PageText::kTitle,           "Betaling"},
+    {PageText::kNotice,          "Dit is een testomgeving: er wordt geen geld overgemaakt."},
+    {PageText::kOrderHeading,    "Uw bestelling"},
+    {PageText::kOrder,           "Bestelling"},
+    {PageText::kDescription,     "Omschrijving"},
+    {PageText::kAmount,          "Bedrag"},
+    {PageText::kMerchant,        "Verkoper"},
+    {PageText::kMerchantNumber,  "Verkopersnummer"},
+    {PageText::kPayableUntil,    "Te betalen tot"},
+    {PageText::kPaymentNumber,   "Betalingsnummer"},
+    {PageText::kNotGiven,        "niet opgegeven"},
+    {PageText::kDecisionHeading, "Uw beslissing"},
+    {PageText::kPay,             "Betalen"},
+    {PageText::kDecline,         "Weigeren"},
+    {PageText::kCancel,          "Annuleren en teruggaan"},
 }};
 // clang-format on
 
 /// Whether every text stands in its row: a row that is missing or empty, or in another place, makes it false.
 constexpr bool isComplete(PageTextTable const& table) {
     for (std::size_t i = 0; i < table.size(); ++i) {
-        if (static_cast<std::size_t>(table[i].id) != i || table[i].text == nullptr || *table[i].text == '\0') {
+        if (static_cast<std::size_t>(table[i].m_Id) != i || table[i].m_Text == nullptr || *table[i].m_Text == '\0') {
             return false;
         }
     }
@@ -138,7 +138,7 @@ constexpr std::array<Language, kLanguageCount> kLanguages = {{
 
 constexpr bool areComplete(std::array<Language, kLanguageCount> const& languages) {
     for (Language const& language : languages) {
-        if (!isComplete(language.texts)) {
+        if (!isComplete(language.m_Texts)) {
             return false;
         }
     }
@@ -167,7 +167,7 @@ std::array<Language, kLanguageCount> const& allLanguages() {
 Language const& languageFor(std::string const& langId) {
     std::string const tag = primaryTag(langId);
     for (Language const& language : kLanguages) {
-        if (tag == language.tag) {
+        if (tag == language.m_Tag) {
             return language;
         }
     }

@@ -9,39 +9,39 @@ namespace sandbox {
 
 /// What the payment page says, in the order of the tables.
 enum class PageText {
-    Title,
-    Notice,  ///< That this is a sandbox, where no money moves.
-    OrderHeading,
-    Order,
-    Description,
-    Amount,
-    Merchant,
-    MerchantNumber,
-    PayableUntil,
-    PaymentNumber,
-    NotGiven,  ///< In the place of a value that the merchant left out.
-    DecisionHeading,
-    Pay,
-    Decline,
-    Cancel
+    kTitle,
+    kNotice,  ///< That this is a sandbox, where no money moves.
+    kOrderHeading,
+    kOrder,
+    kDescription,
+    kAmount,
+    kMerchant,
+    kMerchantNumber,
+    kPayableUntil,
+    kPaymentNumber,
+    kNotGiven,  ///< In the place of a value that the merchant left out.
+    kDecisionHeading,
+    kPay,
+    kDecline,
+    kCancel
 };
 
-constexpr std::size_t kPageTextCount = static_cast<std::size_t>(PageText::Cancel) + 1;
+constexpr std::size_t kPageTextCount = static_cast<std::size_t>(PageText::kCancel) + 1;
 
 /// One text in one language: UTF-8, not escaped.
 struct PageTextRow {
-    PageText id = PageText::Title;
-    char const* text = nullptr;
+    PageText m_Id = PageText::kTitle;
+    char const* m_Text = nullptr;
 };
 
 using PageTextTable = std::array<PageTextRow, kPageTextCount>;
 
 /// A language of the payment page. There are only those of allLanguages(), and they live for ever.
 struct Language {
-    char const* tag;  ///< For the attribute `lang` (BCP 47), lower case.
-    PageTextTable const& texts;
+    char const* m_Tag;  ///< For the attribute `lang` (BCP 47), lower case.
+    PageTextTable const& m_Texts;
 
-    [[nodiscard]] char const* operator[](PageText id) const { return texts[static_cast<std::size_t>(id)].text; }
+    [[nodiscard]] char const* operator[](PageText id) const { return m_Texts[static_cast<std::size_t>(id)].m_Text; }
 };
 
 constexpr std::size_t kLanguageCount = 6;

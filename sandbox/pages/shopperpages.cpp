@@ -33,33 +33,34 @@ std::string expirationContent(std::string const& text) {
 }
 
 std::string orderData(Payment const& payment, std::string const& customer, Language const& language) {
-    std::string const notGiven = language[PageText::NotGiven];
+    std::string const notGiven = language[PageText::kNotGiven];
     std::string const description = valueOr(payment, "DESCRIPTION", "");
     return "<dl>\n" +
-           entry(language[PageText::Amount], escapeHtml(amountText(payment, notGiven)), "<dd class=\"amount\">") +
-           entry(language[PageText::Order], escapeHtml(valueOr(payment, "ORDERID", notGiven))) +
-           (description.empty() ? "" : entry(language[PageText::Description], escapeHtml(description))) +
-           entry(language[PageText::Merchant], escapeHtml(payment.account)) +
-           entry(language[PageText::MerchantNumber], escapeHtml(customer)) +
-           entry(language[PageText::PayableUntil], expirationContent(valueOr(payment, "EXPIRATION", notGiven))) +
-           entry(language[PageText::PaymentNumber], escapeHtml(payment.id)) + "</dl>\n";
+           entry(language[PageText::kAmount], escapeHtml(amountText(payment, notGiven)), "<dd class=\"amount\">") +
+           entry(language[PageText::kOrder], escapeHtml(valueOr(payment, "ORDERID", notGiven))) +
+           (description.empty() ? "" : entry(language[PageText::kDescription], escapeHtml(description))) +
+           entry(language[PageText::kMerchant], escapeHtml(payment.m_Account)) +
+           entry(language[PageText::kMerchantNumber], escapeHtml(customer)) +
+           entry(language[PageText::kPayableUntil], expirationContent(valueOr(payment, "EXPIRATION", notGiven))) +
+           entry(language[PageText::kPaymentNumber], escapeHtml(payment.m_Id)) + "</dl>\n";
 }
 
 std::string decisionForm(PaymentRecord const& record, Language const& language) {
-    return "<form method=\"post\" action=\"/pay/decision\">\n" + hiddenField("payment", record.payment.id) +
-           hiddenField("key", record.formKey) + decisionButton("pay", language[PageText::Pay], " class=\"primary\"") +
-           decisionButton("decline", language[PageText::Decline]) +
-           decisionButton("cancel", language[PageText::Cancel]) + "</form>\n";
+    return "<form method=\"post\" action=\"/pay/decision\">\n" + hiddenField("payment", record.m_Payment.m_Id) +
+           hiddenField("key", record.m_FormKey) +
+           decisionButton("pay", language[PageText::kPay], " class=\"primary\"") +
+           decisionButton("decline", language[PageText::kDecline]) +
+           decisionButton("cancel", language[PageText::kCancel]) + "</form>\n";
 }
 
 }  // namespace
 
 HttpReply paymentPage(PaymentRecord const& record, std::string const& customer) {
-    Payment const& payment = record.payment;
+    Payment const& payment = record.m_Payment;
     Language const& language = languageFor(valueOr(payment, "LANGID", ""));
-    return htmlPage(200, language[PageText::Title],
-                    section("order", language[PageText::OrderHeading], orderData(payment, customer, language)) +
-                        section("decision", language[PageText::DecisionHeading], decisionForm(record, language)),
+    return htmlPage(200, language[PageText::kTitle],
+                    section("order", language[PageText::kOrderHeading], orderData(payment, customer, language)) +
+                        section("decision", language[PageText::kDecisionHeading], decisionForm(record, language)),
                     language);
 }
 

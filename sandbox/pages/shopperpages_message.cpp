@@ -12,8 +12,8 @@ namespace {
 
 /// What to do about a refusal.
 struct Advice {
-    int status;
-    char const* text;
+    int m_Status;
+    char const* m_Text;
 };
 
 // clang-format off
@@ -33,8 +33,8 @@ constexpr char kAdviceWithoutMessage[] =
 
 char const* adviceFor(int status, bool hasMessage) {
     for (Advice const& advice : kAdvice) {
-        if (advice.status == status) {
-            return advice.text;
+        if (advice.m_Status == status) {
+            return advice.m_Text;
         }
     }
     return hasMessage ? kAdviceWithMessage : kAdviceWithoutMessage;
@@ -61,24 +61,24 @@ std::string signedSections(std::string const& signedQuery) {
 }  // namespace
 
 HttpReply refusalPage(int status, std::string const& reason, Exchange const& record) {
-    bool const hasMessage = !record.data.empty();
+    bool const hasMessage = !record.m_Data.empty();
     return htmlPage(status, "The request was turned down",
                     section("reason", "Why", paragraph(reason)) +
                         section("advice", "What the merchant can do", paragraph(adviceFor(status, hasMessage))) +
-                        (hasMessage ? messageSections(record.data) : "") +
-                        (record.signature.empty() ? "" : signatureSection(record.signature)));
+                        (hasMessage ? messageSections(record.m_Data) : "") +
+                        (record.m_Signature.empty() ? "" : signatureSection(record.m_Signature)));
 }
 
 HttpReply decidedPage(int status, PaymentRecord const& record, std::string const& reason, std::string const& address) {
-    bool const tooLate = record.payment.state == PaymentState::Expired;
+    bool const tooLate = record.m_Payment.m_State == PaymentState::kExpired;
     std::string const link = "<p><a href=\"" + escapeHtml(address) + "\">Back to the shop</a></p>\n";
     return htmlPage(status, tooLate ? "The payment has expired" : "The payment is decided already",
                     (address.empty() ? "" : link) + section("reason", "Why it cannot be decided", paragraph(reason)) +
-                        messageSections(record.message));
+                        messageSections(record.m_Message));
 }
 
 HttpReply outcomePage(Payment const& payment, std::string const& signedQuery) {
-    return htmlPage(200, "The payment is " + std::string(stateName(payment.state)),
+    return htmlPage(200, "The payment is " + std::string(stateName(payment.m_State)),
                     paragraph("The merchant gave no link to return to. This is what such a link would have carried.") +
                         signedSections(signedQuery) + section("query", "As a query", verbatim(signedQuery)));
 }
@@ -88,7 +88,7 @@ HttpReply returnedPage(HttpRequest const& request) {
         return htmlPage(200, "Back at the shop",
                         paragraph("The shop would go on here: it verifies this message and looks at its RESULT. "
                                   "Nothing has been verified by this page.") +
-                            signedSections(request.query));
+                            signedSections(request.m_Query));
     } catch (Refusal const& refusal) {
         return refusalPage(refusal.status(), refusal.what(), {});
     }

@@ -34,11 +34,11 @@ constexpr char kEstablished[] = "HTTP/1.0 200 Connection established\r\n\r\n";
 
 /// What comes instead of the answer when nothing is to be asked of the target.
 std::string failingAnswer(Fault const& fault) {
-    switch (fault.kind) {
-        case FaultKind::ProxyAuthentication:
+    switch (fault.m_Kind) {
+        case FaultKind::kProxyAuthentication:
             return textAnswer(kAuthenticate, "the proxy asks for credentials",
                               "Proxy-Authenticate: Basic realm=\"sandbox\"\r\n");
-        case FaultKind::HttpStatus:
+        case FaultKind::kHttpStatus:
             return textAnswer(statusOf(fault), textOf(fault));
         default:
             return "";
@@ -46,15 +46,15 @@ std::string failingAnswer(Fault const& fault) {
 }
 
 bool leavesTunnel(FaultKind kind) {
-    return kind == FaultKind::Delay || kind == FaultKind::Bytewise;
+    return kind == FaultKind::kDelay || kind == FaultKind::kBytewise;
 }
 
 /// The answer to a request of which nothing has been answered.
 Refusal refusalOf(Outcome outcome, Place const& place) {
     switch (outcome) {
-        case Outcome::TooLate:
+        case Outcome::kTooLate:
             return Refusal(place.text() + " does not answer", kTooLate);
-        case Outcome::TooLong:
+        case Outcome::kTooLong:
             return Refusal("the answer of " + place.text() + " is too long for a fault", kBadGateway);
         default:
             return Refusal("the sandbox is stopping", kUnavailable);
@@ -63,9 +63,9 @@ Refusal refusalOf(Outcome outcome, Place const& place) {
 
 char const* lossOf(Outcome outcome) {
     switch (outcome) {
-        case Outcome::ClientLost:
+        case Outcome::kClientLost:
             return "the client reset the connection";
-        case Outcome::TargetLost:
+        case Outcome::kTargetLost:
             return "the target reset the connection";
         default:
             return "the sandbox stopped within the answer";
@@ -77,9 +77,9 @@ class ProxyTurn {
 public:
     ProxyTurn(Site const& site, Connection& connection, std::chrono::milliseconds patience, EndSignal const& ending)
         : m_Site(site), m_Connection(connection), m_Patience(patience), m_Ending(ending) {
-        m_Record.kind = ExchangeKind::Proxy;
-        m_Record.time = site.clock.text();
-        m_Record.verdict = "ok";
+        m_Record.m_Kind = ExchangeKind::kProxy;
+        m_Record.m_Time = site.m_Clock.text();
+        m_Record.m_Verdict = "ok";
     }
 
     void serve() {
@@ -101,31 +101,31 @@ public:
 private:
     void answerOrRefuse(std::string text) {
         try {
-            m_Record.request = keptRequest(text.substr(0, text.find('\n')));
+            m_Record.m_Request = keptRequest(text.substr(0, text.find('\n')));
             if (text.size() > kLongestRequestLine && text.find('\n') == std::string::npos) {
                 throw Refusal("the request line is too long", kLineTooLong);
             }
             ProxyRequest const request = readProxyRequest(m_Connection, std::move(text));
             m_Begin = Clock::now();
-            m_Record.request = keptRequest(request.line + request.fields + request.ahead);
-            request.method == "CONNECT" ? answerConnect(request) : answerPlain(request);
+            m_Record.m_Request = keptRequest(request.m_Line + request.m_Fields + request.m_Ahead);
+            request.m_Method == "CONNECT" ? answerConnect(request) : answerPlain(request);
         } catch (Refusal const& refusal) {
-            m_Record.verdict = refusal.what();
+            m_Record.m_Verdict = refusal.what();
             answer(textAnswer(refusal.status(), refusal.what()));
         }
     }
 
     void answerConnect(ProxyRequest const& request) {
-        Place const place = parsePlace(request.target, std::nullopt);
-        m_Record.path = keptText("CONNECT " + place.text());
+        Place const place = parsePlace(request.m_Target, std::nullopt);
+        m_Record.m_Path = keptText("CONNECT " + place.text());
         if (!failsBefore()) {
             tunnel(place, request);
         }
     }
 
     void answerPlain(ProxyRequest const& request) {
-        HttpAddress const address = parseHttpAddress(request.target);
-        m_Record.path = keptText(request.target.substr(0, request.target.find('?')));
+        HttpAddress const address = parseHttpAddress(request.m_Target);
+        m_Record.m_Path = keptText(request.m_Target.substr(0, request.m_Target.find('?')));
         if (!failsBefore()) {
             forward(address, request);
         }
@@ -133,31 +133,31 @@ private:
 
     /// Takes the fault that is armed for this request; true when it has been answered without the target.
     bool failsBefore() {
-        m_Fault = m_Site.faults.take(ExchangeKind::Proxy, "");
+        m_Fault = m_Site.m_Faults.take(ExchangeKind::kProxy, "");
         if (!m_Fault) {
             return false;
         }
-        m_Record.fault = faultText(*m_Fault);
-        if (faultRow(m_Fault->kind).carriedOut) {
+        m_Record.m_Fault = faultText(*m_Fault);
+        if (faultRow(m_Fault->m_Kind).m_CarriedOut) {
             return false;
         }
-        m_Record.verdict = "not looked at";
+        m_Record.m_Verdict = "not looked at";
         answer(failingAnswer(*m_Fault));
         return true;
     }
 
     void tunnel(Place const& place, ProxyRequest const& request) {
         LocalSocket const target(place, Clock::now() + m_Patience, m_Ending);
-        if (m_Fault && !m_Fault->bytes) {
+        if (m_Fault && !m_Fault->m_Bytes) {
             // Unless told otherwise the middle of an answer is that of its body, and here is none.
-            m_Fault->bytes = sizeof kEstablished / 2;
+            m_Fault->m_Bytes = sizeof kEstablished / 2;
         }
         answer(kEstablished);
-        if (m_Fault && !leavesTunnel(m_Fault->kind)) {
+        if (m_Fault && !leavesTunnel(m_Fault->m_Kind)) {
             return;
         }
-        Flow up(m_Connection.socket(), target.get(), request.ahead, Flow::AtEnd::Tell);
-        Flow down(target.get(), m_Connection.socket(), "", Flow::AtEnd::Tell);
+        Flow up(m_Connection.socket(), target.get(), request.m_Ahead, Flow::AtEnd::kTell);
+        Flow down(target.get(), m_Connection.socket(), "", Flow::AtEnd::kTell);
         carry(up, down, {Clock::time_point::max(), m_Patience}, m_Ending);
         if (!down.ended()) {
             // A mere end would say that this was all.
@@ -167,29 +167,29 @@ private:
 
     void forward(HttpAddress const& address, ProxyRequest const& request) {
         Clock::time_point const answerBy = Clock::now() + m_Patience;
-        LocalSocket const target(address.place, answerBy, m_Ending);
-        std::string const head = request.method + " " + address.target + " HTTP/1.0\r\n" + request.fields;
-        Flow up(m_Connection.socket(), target.get(), head + request.ahead, Flow::AtEnd::Tell);
+        LocalSocket const target(address.m_Place, answerBy, m_Ending);
+        std::string const head = request.m_Method + " " + address.m_Target + " HTTP/1.0\r\n" + request.m_Fields;
+        Flow up(m_Connection.socket(), target.get(), head + request.m_Ahead, Flow::AtEnd::kTell);
         // An answer that a fault happens to is collected first; any other goes on as it comes.
-        Flow down(target.get(), m_Fault ? Flow::kNowhere : m_Connection.socket(), "", Flow::AtEnd::Leave);
+        Flow down(target.get(), m_Fault ? Flow::kNowhere : m_Connection.socket(), "", Flow::AtEnd::kLeave);
         Outcome const outcome = carry(up, down, {answerBy, m_Patience}, m_Ending);
         std::string const body = up.begin().size() > head.size() ? up.begin().substr(head.size()) : "";
-        m_Record.request = keptRequest(request.line + request.fields + body);
-        finish(outcome, address.place, down.begin());
+        m_Record.m_Request = keptRequest(request.m_Line + request.m_Fields + body);
+        finish(outcome, address.m_Place, down.begin());
     }
 
     /// `answered` has been sent unless there is a fault.
     void finish(Outcome outcome, Place const& place, std::string const& answered) {
-        bool const lost = outcome == Outcome::ClientLost || outcome == Outcome::TargetLost;
+        bool const lost = outcome == Outcome::kClientLost || outcome == Outcome::kTargetLost;
         m_Answering = !m_Fault && !answered.empty();
-        if (outcome == Outcome::Complete && m_Fault) {
+        if (outcome == Outcome::kComplete && m_Fault) {
             answer(answered);
-        } else if (outcome == Outcome::Complete) {
+        } else if (outcome == Outcome::kComplete) {
             record(answered);
         } else if (lost || m_Answering) {
             // A client that found a mere end would take what it has for all of it.
             m_Connection.reset();
-            m_Record.verdict = lossOf(outcome);
+            m_Record.m_Verdict = lossOf(outcome);
             record(answered);
         } else {
             throw refusalOf(outcome, place);
@@ -202,15 +202,16 @@ private:
         m_Answering = true;
         deliver(m_Connection, text, m_Fault);
         if (m_Fault) {
-            m_Site.store.noteDelivery(m_Record.number, deliveryText({m_Connection.written(), m_Connection.isReset()},
-                                                                    microsecondsSince(m_Begin)));
+            m_Site.m_Store.noteDelivery(
+                m_Record.m_Number,
+                deliveryText({m_Connection.written(), m_Connection.isReset()}, microsecondsSince(m_Begin)));
         }
     }
 
     void record(std::string const& answer) {
-        m_Record.answer = keptText(answer);
-        m_Record.microseconds = microsecondsSince(m_Begin);
-        m_Record.number = m_Site.store.addExchange(m_Record);
+        m_Record.m_Answer = keptText(answer);
+        m_Record.m_Microseconds = microsecondsSince(m_Begin);
+        m_Record.m_Number = m_Site.m_Store.addExchange(m_Record);
     }
 
     Site const& m_Site;        ///< Borrowed, as is all that has an "&".
@@ -249,8 +250,8 @@ void Proxy::stop() {
 }
 
 void Proxy::serve(int socket) {
-    Connection connection(socket, nullptr, m_Acceptor.ending(), m_Patience.request);
-    ProxyTurn(m_Site, connection, m_Patience.answer, m_Acceptor.ending()).serve();
+    Connection connection(socket, nullptr, m_Acceptor.ending(), m_Patience.m_Request);
+    ProxyTurn(m_Site, connection, m_Patience.m_Answer, m_Acceptor.ending()).serve();
 }
 
 }  // namespace sandbox

@@ -17,8 +17,8 @@ namespace sandbox {
 class Proxy {
 public:
     struct Patience {
-        std::chrono::milliseconds request;  ///< With a client, until the head of its request is complete.
-        std::chrono::milliseconds answer;   ///< With a target, until it has begun to answer.
+        std::chrono::milliseconds m_Request;  ///< With a client, until the head of its request is complete.
+        std::chrono::milliseconds m_Answer;   ///< With a target, until it has begun to answer.
     };
 
     /// Takes the port (0 picks one); connections wait until start(). Borrows `site`. Throws std::runtime_error.

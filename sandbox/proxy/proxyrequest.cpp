@@ -53,15 +53,15 @@ std::string withoutProxyCredentials(std::string const& fields) {
 /// Splits the first line, given without its line end. Throws Refusal.
 ProxyRequest splitLine(std::string const& line) {
     std::optional<RequestLine> const parsed = parseRequestLine(line);
-    if (!parsed || parsed->method.empty() || (parsed->version != "HTTP/1.0" && parsed->version != "HTTP/1.1")) {
+    if (!parsed || parsed->m_Method.empty() || (parsed->m_Version != "HTTP/1.0" && parsed->m_Version != "HTTP/1.1")) {
         throw Refusal("the request line does not have the form METHOD ADDRESS HTTP/1.0");
     }
-    std::size_t const from = parsed->method.size() + 1;
+    std::size_t const from = parsed->m_Method.size() + 1;
     ProxyRequest request;
-    request.method = parsed->method;
+    request.m_Method = parsed->m_Method;
     // The parsed target has lost the place that it is at.
-    request.target = line.substr(from, line.size() - from - parsed->version.size() - 1);
-    if (request.target.compare(0, 1, "/") == 0) {
+    request.m_Target = line.substr(from, line.size() - from - parsed->m_Version.size() - 1);
+    if (request.m_Target.compare(0, 1, "/") == 0) {
         throw Refusal("this is a proxy: it takes an address that begins with http://, or CONNECT and host:port");
     }
     return request;
@@ -77,9 +77,9 @@ ProxyRequest readProxyRequest(Connection& connection, std::string text) {
     std::size_t const length = lineEnd > 0 && text[lineEnd - 1] == '\r' ? lineEnd - 1 : lineEnd;
     ProxyRequest request = splitLine(text.substr(0, length));
     std::size_t const end = completeHead(connection, text);
-    request.line = text.substr(0, lineEnd + 1);
-    request.fields = withoutProxyCredentials(text.substr(lineEnd + 1, end - lineEnd - 1));
-    request.ahead = text.substr(end);
+    request.m_Line = text.substr(0, lineEnd + 1);
+    request.m_Fields = withoutProxyCredentials(text.substr(lineEnd + 1, end - lineEnd - 1));
+    request.m_Ahead = text.substr(end);
     return request;
 }
 

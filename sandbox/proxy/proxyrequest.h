@@ -9,11 +9,11 @@ namespace sandbox {
 
 /// A request to the proxy, in the parts that the proxy tells apart.
 struct ProxyRequest {
-    std::string line;    ///< The first line, with its line end.
-    std::string method;  ///< In it.
-    std::string target;  ///< In it, as it came.
-    std::string fields;  ///< The header lines and the empty one, without the credentials for the proxy.
-    std::string ahead;   ///< What came behind the head together with it.
+    std::string m_Line;    ///< The first line, with its line end.
+    std::string m_Method;  ///< In it.
+    std::string m_Target;  ///< In it, as it came.
+    std::string m_Fields;  ///< The header lines and the empty one, without the credentials for the proxy.
+    std::string m_Ahead;   ///< What came behind the head together with it.
 };
 
 /// Reads the head of a request whose beginning, its first line if there is one, is `text`. Throws Refusal.

@@ -16,34 +16,34 @@ constexpr std::size_t kLongestKeyId = 200;
 
 /// What one request is answered from.
 struct AutoRequest {
-    Call const& call;
-    Message const& message;
-    std::string const& account;
-    Site const& site = call.site;
-    std::string const& baseUrl = call.request.baseUrl;
+    Call const& m_Call;
+    Message const& m_Message;
+    std::string const& m_Account;
+    Site const& m_Site = m_Call.m_Site;
+    std::string const& m_BaseUrl = m_Call.m_Request.m_BaseUrl;
 
-    [[nodiscard]] bool goesWrong(FaultKind kind) const { return call.fault && call.fault->kind == kind; }
+    [[nodiscard]] bool goesWrong(FaultKind kind) const { return m_Call.m_Fault && m_Call.m_Fault->m_Kind == kind; }
 
     /// The identifier that is told for that of the key which signs.
     [[nodiscard]] std::string serverKeyId() const {
-        return goesWrong(FaultKind::StaleKey) ? site.keys.stale()->id : site.keys.current()->id;
+        return goesWrong(FaultKind::kStaleKey) ? m_Site.m_Keys.stale()->m_Id : m_Site.m_Keys.current()->m_Id;
     }
 };
 
 Message answerSetup(AutoRequest const& request) {
-    request.message.require("VERSION");
+    request.m_Message.require("VERSION");
     Message answer("SetupResponse");
     answer.set("VERSION", "1")
-        .set("VTURL", request.baseUrl + "/pay")
-        .set("CAPTUREURL", request.baseUrl + "/capture")
-        .set("KVX.VTAUTOURL", request.baseUrl + "/auto")
+        .set("VTURL", request.m_BaseUrl + "/pay")
+        .set("CAPTUREURL", request.m_BaseUrl + "/capture")
+        .set("KVX.VTAUTOURL", request.m_BaseUrl + "/auto")
         .set("VTKEYID", request.serverKeyId())
-        .set("CUSTOMERID", request.site.store.customerOf(request.account));
+        .set("CUSTOMERID", request.m_Site.m_Store.customerOf(request.m_Account));
     return answer;
 }
 
 Message answerLoadDefaults(AutoRequest const& request) {
-    std::string const returned = request.baseUrl + "/returned";
+    std::string const returned = request.m_BaseUrl + "/returned";
     Message answer("LoadDefaultsResponse");
     answer.set("KVX.ISVALID", "yes")
         .set("PAYINITTTL", "3600")
@@ -60,16 +60,17 @@ Message answerLoadDefaults(AutoRequest const& request) {
 
 /// The key that a query is answered with.
 KeyRing::Key queriedKey(AutoRequest const& request) {
-    if (request.goesWrong(FaultKind::WrongKey)) {
-        return request.site.keys.impostor();
+    if (request.goesWrong(FaultKind::kWrongKey)) {
+        return request.m_Site.m_Keys.impostor();
     }
-    if (request.goesWrong(FaultKind::StaleKey)) {
-        return request.site.keys.stale();
+    if (request.goesWrong(FaultKind::kStaleKey)) {
+        return request.m_Site.m_Keys.stale();
     }
-    std::string const keyId = request.message.require("KEYID");
-    KeyRing::Key key = request.site.keys.find(keyId);
+    std::string const keyId = request.m_Message.require("KEYID");
+    KeyRing::Key key = request.m_Site.m_Keys.find(keyId);
     if (!key) {
-        throw Refusal("this service has no key '" + keyId + "', its key is '" + request.site.keys.current()->id + "'");
+        throw Refusal("this service has no key '" + keyId + "', its key is '" + request.m_Site.m_Keys.current()->m_Id +
+                      "'");
     }
     return key;
 }
@@ -77,7 +78,7 @@ KeyRing::Key queriedKey(AutoRequest const& request) {
 Message answerKeyQuery(AutoRequest const& request) {
     KeyRing::Key const key = queriedKey(request);
     Message answer("KeyQueryResponse");
-    answer.set("KEYID", key->id).set("KEYBLOB", publicKeyBlob(key->key.get()));
+    answer.set("KEYID", key->m_Id).set("KEYBLOB", publicKeyBlob(key->m_Key.get()));
     return answer;
 }
 
@@ -97,13 +98,13 @@ void checkKeyId(std::string const& keyId) {
 }
 
 Message answerKeyExport(AutoRequest const& request) {
-    std::string const keyId = request.message.require("KEYID");
-    std::string const blob = request.message.require("KEYBLOB");
+    std::string const keyId = request.m_Message.require("KEYID");
+    std::string const blob = request.m_Message.require("KEYBLOB");
     checkKeyId(keyId);
     readPublicKeyBlob(blob);
     bool const taken = KeyRing::reserves(keyId) ||
-                       request.site.store.addMerchantKey(keyId, {request.account, blob}, request.site.clock.text()) ==
-                           Store::KeyAdded::Taken;
+                       request.m_Site.m_Store.addMerchantKey(keyId, {request.m_Account, blob},
+                                                             request.m_Site.m_Clock.text()) == Store::KeyAdded::kTaken;
     if (taken) {
         throw Refusal("KEYID '" + keyId + "' stands for another key already");
     }
@@ -115,21 +116,21 @@ Message answerKeyExport(AutoRequest const& request) {
 /// The account that the credentials open. Throws Refusal.
 std::string checkCredentials(Site const& site, std::string const& header) {
     Credentials const credentials = readBasicHeader(header);
-    switch (site.store.checkAccount(credentials.user, credentials.password)) {
-        case Store::Login::Ok:
-            return credentials.user;
-        case Store::Login::UnknownUser:
-            throw Refusal(credentials.user.empty() ? "the credentials name no user"
-                                                   : "there is no account '" + credentials.user + "'");
-        case Store::Login::WrongPassword:
+    switch (site.m_Store.checkAccount(credentials.m_User, credentials.m_Password)) {
+        case Store::Login::kOk:
+            return credentials.m_User;
+        case Store::Login::kUnknownUser:
+            throw Refusal(credentials.m_User.empty() ? "the credentials name no user"
+                                                     : "there is no account '" + credentials.m_User + "'");
+        case Store::Login::kWrongPassword:
             break;
     }
-    throw Refusal("the password of the account '" + credentials.user + "' is another");
+    throw Refusal("the password of the account '" + credentials.m_User + "' is another");
 }
 
 struct AutoRow {
-    char const* type;
-    Message (*answer)(AutoRequest const& request);
+    char const* m_Type;
+    Message (*m_Answer)(AutoRequest const& request);
 };
 
 // clang-format off
@@ -145,13 +146,13 @@ constexpr AutoRow kRequests[] = {
 
 HttpReply answerAuto(Call const& call) {
     std::string const text = takeData(call);
-    std::string const account = checkCredentials(call.site, call.request.authorization);
-    call.record.steps.push_back({"The credentials are right", "account " + account});
+    std::string const account = checkCredentials(call.m_Site, call.m_Request.m_Authorization);
+    call.m_Record.m_Steps.push_back({"The credentials are right", "account " + account});
     Message const message = Message::parse(text);
-    call.record.steps.push_back({"DATA is a message", message.type()});
+    call.m_Record.m_Steps.push_back({"DATA is a message", message.type()});
     for (AutoRow const& row : kRequests) {
-        if (message.type() == row.type) {
-            return messageReply(row.answer({call, message, account}).text());
+        if (message.type() == row.m_Type) {
+            return messageReply(row.m_Answer({call, message, account}).text());
         }
     }
     throw Refusal("the configuration service knows no request '" + message.type() + "'");

@@ -14,24 +14,24 @@ namespace {
 
 /// What one request is answered from.
 struct CaptureRequest {
-    Site const& site;
-    SignedMessage const& sent;
+    Site const& m_Site;
+    SignedMessage const& m_Sent;
 };
 
 /// The payment of the merchant that TOKEN names; an ID, when given, must agree. Throws Refusal.
 Payment namedPayment(CaptureRequest const& request) {
-    Message const& message = request.sent.message;
+    Message const& message = request.m_Sent.m_Message;
     std::string const token = message.require("TOKEN");
-    std::optional<PaymentRecord> const record = request.site.store.paymentByToken(request.sent.account, token);
+    std::optional<PaymentRecord> const record = request.m_Site.m_Store.paymentByToken(request.m_Sent.m_Account, token);
     if (!record) {
         throw Refusal("there is no payment with the TOKEN '" + token + "'");
     }
     std::optional<std::string> const id = message.find("ID");
-    if (id && *id != record->payment.id) {
-        throw Refusal("ID and TOKEN name different payments: the payment with this TOKEN is '" + record->payment.id +
-                      "', not '" + *id + "'");
+    if (id && *id != record->m_Payment.m_Id) {
+        throw Refusal("ID and TOKEN name different payments: the payment with this TOKEN is '" +
+                      record->m_Payment.m_Id + "', not '" + *id + "'");
     }
-    return record->payment;
+    return record->m_Payment;
 }
 
 /// An attribute that is repeated must have the value of the order. Throws Refusal.
@@ -47,12 +47,12 @@ void checkRepeated(Message const& message, Payment const& payment, char const* n
 /// Refusal.
 void checkResult(Message const& message, Payment const& payment) {
     std::string const result = message.find("RESULT").value_or("");
-    for (PaymentState const state : {PaymentState::Authorised, PaymentState::Captured, PaymentState::Completed}) {
+    for (PaymentState const state : {PaymentState::kAuthorised, PaymentState::kCaptured, PaymentState::kCompleted}) {
         if (result.empty() || result == stateName(state)) {
             return;
         }
     }
-    throw Refusal("RESULT is '" + result + "', the payment is " + stateName(payment.state));
+    throw Refusal("RESULT is '" + result + "', the payment is " + stateName(payment.m_State));
 }
 
 /// Leads the payment on. When it is not in one of the states `from` it must have arrived already, which makes a
@@ -61,52 +61,52 @@ Payment lead(CaptureRequest const& request, std::vector<PaymentState> const& fro
              std::vector<PaymentState> const& arrived, char const* note) {
     Payment const before = namedPayment(request);
     for (char const* name : {"AMOUNT", "CURRENCY", "ORDERID"}) {
-        checkRepeated(request.sent.message, before, name);
+        checkRepeated(request.m_Sent.m_Message, before, name);
     }
-    if (std::find(from.begin(), from.end(), before.state) != from.end()) {
-        checkResult(request.sent.message, before);
+    if (std::find(from.begin(), from.end(), before.m_State) != from.end()) {
+        checkResult(request.m_Sent.m_Message, before);
     }
-    bool const moved = request.site.store.advance(before.id, from, {request.site.clock.text(), to, note});
+    bool const moved = request.m_Site.m_Store.advance(before.m_Id, from, {request.m_Site.m_Clock.text(), to, note});
     Payment const now = namedPayment(request);
     if (moved) {
         return now;
     }
     for (PaymentState const state : arrived) {
-        if (now.state == state) {
+        if (now.m_State == state) {
             return now;
         }
     }
-    throw Refusal("the payment is " + std::string(stateName(now.state)) + ", it cannot be " + stateName(to));
+    throw Refusal("the payment is " + std::string(stateName(now.m_State)) + ", it cannot be " + stateName(to));
 }
 
 Message answerConfirm(CaptureRequest const& request) {
     // Completing a payment settles it as well, so a capture that comes after it finds it done.
-    Payment const captured = lead(request, {PaymentState::Authorised}, PaymentState::Captured,
-                                  {PaymentState::Captured, PaymentState::Completed}, "captured by the merchant");
-    return confirmation(request.site, captured, stateName(PaymentState::Captured));
+    Payment const captured = lead(request, {PaymentState::kAuthorised}, PaymentState::kCaptured,
+                                  {PaymentState::kCaptured, PaymentState::kCompleted}, "captured by the merchant");
+    return confirmation(request.m_Site, captured, stateName(PaymentState::kCaptured));
 }
 
 Message statusAnswer(char const* type, Payment const& payment) {
     Message answer(type);
-    answer.set("ID", payment.id).set("TOKEN", payment.token).set("STATE", stateName(payment.state));
+    answer.set("ID", payment.m_Id).set("TOKEN", payment.m_Token).set("STATE", stateName(payment.m_State));
     return answer;
 }
 
 Message answerComplete(CaptureRequest const& request) {
-    request.sent.message.require("ID");
+    request.m_Sent.m_Message.require("ID");
     return statusAnswer("PayCompleteResponse",
-                        lead(request, {PaymentState::Authorised, PaymentState::Captured}, PaymentState::Completed,
-                             {PaymentState::Completed}, "completed by the merchant"));
+                        lead(request, {PaymentState::kAuthorised, PaymentState::kCaptured}, PaymentState::kCompleted,
+                             {PaymentState::kCompleted}, "completed by the merchant"));
 }
 
 Message answerStatus(CaptureRequest const& request) {
-    expireWhenOverdue(request.site, namedPayment(request));
+    expireWhenOverdue(request.m_Site, namedPayment(request));
     return statusAnswer("StatusResponse", namedPayment(request));
 }
 
 struct CaptureRow {
-    char const* type;
-    Message (*answer)(CaptureRequest const& request);
+    char const* m_Type;
+    Message (*m_Answer)(CaptureRequest const& request);
 };
 
 // clang-format off
@@ -122,11 +122,11 @@ constexpr CaptureRow kRequests[] = {
 HttpReply answerCapture(Call const& call) {
     SignedMessage const sent = openSignedMessage(call);
     for (CaptureRow const& row : kRequests) {
-        if (sent.message.type() == row.type) {
-            return messageReply(row.answer({call.site, sent}).text());
+        if (sent.m_Message.type() == row.m_Type) {
+            return messageReply(row.m_Answer({call.m_Site, sent}).text());
         }
     }
-    throw Refusal("the capture service knows no request '" + sent.message.type() + "'");
+    throw Refusal("the capture service knows no request '" + sent.m_Message.type() + "'");
 }
 
 }  // namespace sandbox

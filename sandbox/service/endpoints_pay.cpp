@@ -29,19 +29,19 @@ constexpr int kFormKeyBytes = 16;
 
 /// What the shopper can answer, what becomes of the payment, and the attribute of the PayInit that tells where to go.
 struct Decision {
-    char const* name;
-    PaymentState state;
-    char const* link;
+    char const* m_Name;
+    PaymentState m_State;
+    char const* m_Link;
 };
 
 /// What becomes of a payment on which nobody decides in time.
-constexpr Decision kTooLate = {"nothing", PaymentState::Expired, "FAILLINK"};
+constexpr Decision kTooLate = {"nothing", PaymentState::kExpired, "FAILLINK"};
 
 // clang-format off
 constexpr std::array<Decision, 3> kDecisions = {{
-    {"pay",     PaymentState::Authorised, "SUCCESSLINK"},
-    {"decline", PaymentState::Declined,   "FAILLINK"},
-    {"cancel",  PaymentState::Cancelled,  "BACKLINK"},
+    {"pay",     PaymentState::kAuthorised, "SUCCESSLINK"},
+    {"decline", PaymentState::kDeclined,   "FAILLINK"},
+    {"cancel",  PaymentState::kCancelled,  "BACKLINK"},
 }};
 // clang-format on
 
@@ -74,18 +74,18 @@ void checkLink(Message const& message, char const* name) {
 
 PaymentRecord freshPayment(SignedMessage const& sent) {
     PaymentRecord fresh;
-    fresh.payment.id = "P" + randomHex(kIdBytes);
-    fresh.payment.account = sent.account;
-    fresh.payment.token = sent.message.require("TOKEN");
-    fresh.payment.attributes = sent.message.attributes();
-    fresh.formKey = randomHex(kFormKeyBytes);
-    fresh.message = sent.text;
+    fresh.m_Payment.m_Id = "P" + randomHex(kIdBytes);
+    fresh.m_Payment.m_Account = sent.m_Account;
+    fresh.m_Payment.m_Token = sent.m_Message.require("TOKEN");
+    fresh.m_Payment.m_Attributes = sent.m_Message.attributes();
+    fresh.m_FormKey = randomHex(kFormKeyBytes);
+    fresh.m_Message = sent.m_Text;
     return fresh;
 }
 
 Decision const& namedDecision(std::string const& name) {
     for (Decision const& decision : kDecisions) {
-        if (name == decision.name) {
+        if (name == decision.m_Name) {
             return decision;
         }
     }
@@ -94,11 +94,11 @@ Decision const& namedDecision(std::string const& name) {
 
 /// The payment that a form came from. Throws Refusal.
 PaymentRecord formPayment(Site const& site, Query const& form) {
-    std::optional<PaymentRecord> const record = site.store.paymentById(form.value("payment").value_or(""));
+    std::optional<PaymentRecord> const record = site.m_Store.paymentById(form.value("payment").value_or(""));
     if (!record) {
         throw Refusal("there is no such payment", kNotFound);
     }
-    if (!equalSecrets(form.value("key").value_or(""), record->formKey)) {
+    if (!equalSecrets(form.value("key").value_or(""), record->m_FormKey)) {
         throw Refusal("the form did not come from the payment page", kForbidden);
     }
     return *record;
@@ -106,25 +106,25 @@ PaymentRecord formPayment(Site const& site, Query const& form) {
 
 PaymentState presentState(Site const& site, Payment const& payment) {
     expireWhenOverdue(site, payment);
-    return site.store.paymentById(payment.id)->payment.state;
+    return site.m_Store.paymentById(payment.m_Id)->m_Payment.m_State;
 }
 
 /// Whether a payment in `state` was once led there by `decision`.
 bool wasDecided(PaymentState state, Decision const& decision) {
-    bool const settled = state == PaymentState::Captured || state == PaymentState::Completed;
-    return state == decision.state || (settled && decision.state == PaymentState::Authorised);
+    bool const settled = state == PaymentState::kCaptured || state == PaymentState::kCompleted;
+    return state == decision.m_State || (settled && decision.m_State == PaymentState::kAuthorised);
 }
 
 /// Carries the decision out, if it comes in time, and returns the one that holds. The same decision once more (a second
 /// click) is harmless. Null when the payment is decided otherwise.
 Decision const* decide(Site const& site, Payment const& payment, Decision const& decision) {
-    if (payment.state == PaymentState::Opened && !isOverdue(site, payment) &&
-        movePayment(site, payment, {PaymentState::Opened}, decision.state,
-                    std::string("shopper chose ") + decision.name)) {
+    if (payment.m_State == PaymentState::kOpened && !isOverdue(site, payment) &&
+        movePayment(site, payment, {PaymentState::kOpened}, decision.m_State,
+                    std::string("shopper chose ") + decision.m_Name)) {
         return &decision;
     }
     PaymentState const state = presentState(site, payment);
-    if (state == kTooLate.state) {
+    if (state == kTooLate.m_State) {
         return &kTooLate;
     }
     return wasDecided(state, decision) ? &decision : nullptr;
@@ -132,34 +132,34 @@ Decision const* decide(Site const& site, Payment const& payment, Decision const&
 
 /// The address to which `decision` on `payment` leads; empty when the merchant gave none.
 std::string addressAfter(Call const& call, Payment const& payment, Decision const& decision) {
-    std::string const link = payment.attribute(decision.link).value_or("");
+    std::string const link = payment.attribute(decision.m_Link).value_or("");
     return link.empty()
                ? ""
-               : extendLink(link, signedConfirmation(call.site, payment, stateName(decision.state), call.fault));
+               : extendLink(link, signedConfirmation(call.m_Site, payment, stateName(decision.m_State), call.m_Fault));
 }
 
 std::string usedTokenReason(Payment const& payment) {
-    return "TOKEN was used already, by the payment '" + payment.id + "', which is " + stateName(payment.state);
+    return "TOKEN was used already, by the payment '" + payment.m_Id + "', which is " + stateName(payment.m_State);
 }
 
 /// Why nobody can decide on a payment that is not open any more.
 std::string reasonToRefuse(Site const& site, Payment const& payment) {
-    if (payment.state == kTooLate.state) {
+    if (payment.m_State == kTooLate.m_State) {
         std::optional<std::time_t> const expiration = parseExpiration(payment.attribute("EXPIRATION").value_or(""));
         return "the payment has expired: EXPIRATION is " + utcText(expiration.value()) + ", now is " +
-               site.clock.text();
+               site.m_Clock.text();
     }
     return usedTokenReason(payment);
 }
 
 /// The page of a payment on which nobody can decide any more: there is nothing to do but to go back to the shop.
 HttpReply answerDecided(Call const& call, int status, PaymentRecord const& record, std::string const& reason) {
-    Payment const& payment = record.payment;
-    call.record.verdict = reason;
-    call.record.steps.push_back({"Turned down", reason, false});
+    Payment const& payment = record.m_Payment;
+    call.m_Record.m_Verdict = reason;
+    call.m_Record.m_Steps.push_back({"Turned down", reason, false});
     Decision const* made = &kTooLate;
     for (Decision const& decision : kDecisions) {
-        made = wasDecided(payment.state, decision) ? &decision : made;
+        made = wasDecided(payment.m_State, decision) ? &decision : made;
     }
     return decidedPage(status, record, reason, addressAfter(call, payment, *made));
 }
@@ -167,52 +167,52 @@ HttpReply answerDecided(Call const& call, int status, PaymentRecord const& recor
 }  // namespace
 
 HttpReply answerPay(Call const& call) {
-    Site const& site = call.site;
+    Site const& site = call.m_Site;
     SignedMessage const sent = openSignedMessage(call);
-    if (sent.message.type() != "PayInit") {
-        throw Refusal("the payment page takes a PayInit, not a '" + sent.message.type() + "'");
+    if (sent.m_Message.type() != "PayInit") {
+        throw Refusal("the payment page takes a PayInit, not a '" + sent.m_Message.type() + "'");
     }
-    checkExpiration(sent.message.require("EXPIRATION"));
+    checkExpiration(sent.m_Message.require("EXPIRATION"));
     for (Decision const& decision : kDecisions) {
-        checkLink(sent.message, decision.link);
+        checkLink(sent.m_Message, decision.m_Link);
     }
-    PaymentRecord record = site.store.openPayment(freshPayment(sent), site.clock.text());
-    Payment& payment = record.payment;
-    payment.state = presentState(site, payment);
-    if (payment.state == PaymentState::Opened) {
-        site.notifier.watch(payment);
+    PaymentRecord record = site.m_Store.openPayment(freshPayment(sent), site.m_Clock.text());
+    Payment& payment = record.m_Payment;
+    payment.m_State = presentState(site, payment);
+    if (payment.m_State == PaymentState::kOpened) {
+        site.m_Notifier.watch(payment);
     }
-    if (record.message != sent.text) {
+    if (record.m_Message != sent.m_Text) {
         throw Refusal(usedTokenReason(payment));
     }
     // The same message again is the shopper reloading the page, or one whose way back to the shop was lost.
-    if (payment.state != PaymentState::Opened) {
+    if (payment.m_State != PaymentState::kOpened) {
         return answerDecided(call, kBadRequest, record, reasonToRefuse(site, payment));
     }
-    return paymentPage(record, site.store.customerOf(payment.account));
+    return paymentPage(record, site.m_Store.customerOf(payment.m_Account));
 }
 
 HttpReply answerDecision(Call const& call) {
-    Site const& site = call.site;
-    Query const form(call.request.body);
+    Site const& site = call.m_Site;
+    Query const form(call.m_Request.m_Body);
     Decision const& wanted = namedDecision(form.value("decision").value_or(""));
     PaymentRecord record = formPayment(site, form);
-    Payment& payment = record.payment;
-    call.record.steps.push_back({"The form came from the payment page", "payment " + payment.id});
-    call.record.steps.push_back({"The shopper decided", wanted.name});
+    Payment& payment = record.m_Payment;
+    call.m_Record.m_Steps.push_back({"The form came from the payment page", "payment " + payment.m_Id});
+    call.m_Record.m_Steps.push_back({"The shopper decided", wanted.m_Name});
     Decision const* const decision = decide(site, payment, wanted);
     if (decision == nullptr) {
-        payment.state = presentState(site, payment);
+        payment.m_State = presentState(site, payment);
         return answerDecided(call, kConflict, record,
-                             "the payment is " + std::string(stateName(payment.state)) + " already");
+                             "the payment is " + std::string(stateName(payment.m_State)) + " already");
     }
-    payment.state = decision->state;
-    std::string const query = signedConfirmation(site, payment, stateName(decision->state), call.fault);
-    std::string const link = payment.attribute(decision->link).value_or("");
+    payment.m_State = decision->m_State;
+    std::string const query = signedConfirmation(site, payment, stateName(decision->m_State), call.m_Fault);
+    std::string const link = payment.attribute(decision->m_Link).value_or("");
     if (link.empty()) {
         return outcomePage(payment, query);
     }
-    return {kFound, "text/plain", "The payment is " + std::string(stateName(decision->state)) + ".\n",
+    return {kFound, "text/plain", "The payment is " + std::string(stateName(decision->m_State)) + ".\n",
             extendLink(link, query)};
 }
 

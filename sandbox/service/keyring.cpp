@@ -18,7 +18,8 @@ constexpr char kIdentifierStart[] = "1-SERVER-";
 KeyRing::KeyRing(Store& store, ServiceClock const& clock, unsigned bits)
     : m_Store(store), m_Clock(clock), m_Bits(bits) {
     for (StoredServerKey const& stored : store.serverKeys()) {
-        m_Keys.push_back(std::make_shared<ServerKey const>(ServerKey{stored.id, readPrivateKeyDer(stored.privateDer)}));
+        m_Keys.push_back(
+            std::make_shared<ServerKey const>(ServerKey{stored.m_Id, readPrivateKeyDer(stored.m_PrivateDer)}));
     }
     if (m_Keys.empty()) {
         add(1);
@@ -32,7 +33,7 @@ KeyRing::Key KeyRing::current() const {
 
 KeyRing::Key KeyRing::find(std::string const& id) const {
     for (Key const& key : all()) {
-        if (key->id == id) {
+        if (key->m_Id == id) {
             return key;
         }
     }
@@ -63,13 +64,13 @@ bool KeyRing::reserves(std::string const& id) {
 
 KeyRing::Key KeyRing::impostor() {
     std::lock_guard<std::mutex> const lock(m_Mutex);
-    return std::make_shared<ServerKey const>(ServerKey{m_Keys.back()->id, makeSigningKey(m_Bits)});
+    return std::make_shared<ServerKey const>(ServerKey{m_Keys.back()->m_Id, makeSigningKey(m_Bits)});
 }
 
 KeyRing::Key KeyRing::add(std::size_t number) {
     Key key =
         std::make_shared<ServerKey const>(ServerKey{kIdentifierStart + std::to_string(number), makeSigningKey(m_Bits)});
-    m_Store.addServerKey({key->id, privateKeyDer(key->key.get())}, m_Clock.text());
+    m_Store.addServerKey({key->m_Id, privateKeyDer(key->m_Key.get())}, m_Clock.text());
     m_Keys.push_back(key);
     return key;
 }

@@ -14,8 +14,8 @@ namespace sandbox {
 
 /// A key that the service signs confirmations with, or once did.
 struct ServerKey {
-    std::string id;
-    KeyHolder key;
+    std::string m_Id;
+    KeyHolder m_Key;
 };
 
 /// The service's own keys, kept in the store. Old ones are still told to who asks for them. May be used by any thread.

@@ -31,7 +31,7 @@ std::optional<std::string> obstacle(std::string const& address) {
         return "it would be mailed to " + address;
     }
     try {
-        localAddress(parseHttpAddress(address).place.host);
+        localAddress(parseHttpAddress(address).m_Place.m_Host);
         return std::nullopt;
     } catch (Refusal const& refusal) {
         return refusal.what();
@@ -41,11 +41,11 @@ std::optional<std::string> obstacle(std::string const& address) {
 /// What is wrong with an answer that has no status.
 std::string lackOf(Outcome outcome, std::string const& answer) {
     switch (outcome) {
-        case Outcome::TargetLost:
+        case Outcome::kTargetLost:
             return "the merchant reset the connection";
-        case Outcome::TooLate:
+        case Outcome::kTooLate:
             return "the merchant did not answer in time";
-        case Outcome::Stopped:
+        case Outcome::kStopped:
             return "the sandbox stopped before the merchant answered";
         default:
             return answer.empty() ? "the merchant closed the connection without an answer"
@@ -54,37 +54,37 @@ std::string lackOf(Outcome outcome, std::string const& answer) {
 }
 
 std::string requestText(HttpAddress const& address) {
-    return "GET " + address.target + " HTTP/1.0\r\nHost: " + address.place.text() +
+    return "GET " + address.m_Target + " HTTP/1.0\r\nHost: " + address.m_Place.text() +
            "\r\nUser-Agent: tallowin-sandbox\r\nConnection: close\r\n\r\n";
 }
 
 /// What came of one request to a merchant.
 struct Asked {
-    std::string answer = {};
-    std::optional<int> status = {};
-    std::string verdict = {};  ///< "ok", or what is wrong.
+    std::string m_Answer = {};
+    std::optional<int> m_Status = {};
+    std::string m_Verdict = {};  ///< "ok", or what is wrong.
 
-    [[nodiscard]] bool good() const { return verdict == "ok"; }
+    [[nodiscard]] bool good() const { return m_Verdict == "ok"; }
 };
 
 Asked ask(HttpAddress const& address, std::chrono::milliseconds patience, EndSignal const& ending) {
     Clock::time_point const deadline = Clock::now() + patience;
     Asked asked;
     try {
-        LocalSocket const socket(address.place, deadline, ending);
-        Flow up(Flow::kNowhere, socket.get(), requestText(address), Flow::AtEnd::Leave);
-        Flow down(socket.get(), Flow::kNowhere, "", Flow::AtEnd::Leave);
+        LocalSocket const socket(address.m_Place, deadline, ending);
+        Flow up(Flow::kNowhere, socket.get(), requestText(address), Flow::AtEnd::kLeave);
+        Flow down(socket.get(), Flow::kNowhere, "", Flow::AtEnd::kLeave);
         down.endWhen(isWholeAnswer);
         Outcome const outcome = carry(up, down, {deadline, patience}, ending);
-        asked.answer = down.begin();
-        asked.status = statusOfAnswer(asked.answer);
-        asked.verdict =
-            asked.status ? "the merchant answered " + std::to_string(*asked.status) : lackOf(outcome, asked.answer);
+        asked.m_Answer = down.begin();
+        asked.m_Status = statusOfAnswer(asked.m_Answer);
+        asked.m_Verdict = asked.m_Status ? "the merchant answered " + std::to_string(*asked.m_Status)
+                                         : lackOf(outcome, asked.m_Answer);
     } catch (Refusal const& refusal) {
-        asked.verdict = refusal.what();
+        asked.m_Verdict = refusal.what();
     }
-    if (asked.status && *asked.status >= kFirstGood && *asked.status < kFirstOther) {
-        asked.verdict = "ok";
+    if (asked.m_Status && *asked.m_Status >= kFirstGood && *asked.m_Status < kFirstOther) {
+        asked.m_Verdict = "ok";
     }
     return asked;
 }
@@ -92,26 +92,26 @@ Asked ask(HttpAddress const& address, std::chrono::milliseconds patience, EndSig
 /// Asks once and records that as `record`.
 Asked askRecorded(Site const& site, HttpAddress const& address, std::chrono::milliseconds patience,
                   EndSignal const& ending, Exchange& record) {
-    record.time = site.clock.text();
-    record.request = keptText(requestText(address));
+    record.m_Time = site.m_Clock.text();
+    record.m_Request = keptText(requestText(address));
     Clock::time_point const begin = Clock::now();
     Asked asked = ask(address, patience, ending);
-    record.microseconds = microsecondsSince(begin);
-    record.answer = keptText(asked.answer);
-    record.verdict = asked.verdict;
-    site.store.addExchange(record);
+    record.m_Microseconds = microsecondsSince(begin);
+    record.m_Answer = keptText(asked.m_Answer);
+    record.m_Verdict = asked.m_Verdict;
+    site.m_Store.addExchange(record);
     return asked;
 }
 
 Exchange recordOf(Notification const& notification, std::string const& order, std::string const& query,
                   std::optional<Fault> const& fault) {
     Exchange record;
-    record.kind = ExchangeKind::Notification;
-    record.order = order;
-    record.path = notification.address.substr(0, notification.address.find_first_of("?#"));
-    record.data = Query(query).value("DATA").value();
-    record.signature = Query(query).value("SIGNATURE").value();
-    record.fault = fault ? faultText(*fault) : "";
+    record.m_Kind = ExchangeKind::kNotification;
+    record.m_Order = order;
+    record.m_Path = notification.m_Address.substr(0, notification.m_Address.find_first_of("?#"));
+    record.m_Data = Query(query).value("DATA").value();
+    record.m_Signature = Query(query).value("SIGNATURE").value();
+    record.m_Fault = fault ? faultText(*fault) : "";
     return record;
 }
 
@@ -122,7 +122,7 @@ Clock::duration delayOf(Fault const& fault) {
 /// What an address shares with those that must wait for one another. Nothing is sent to an address that cannot be read.
 std::string laneOf(std::string const& address) {
     try {
-        return parseHttpAddress(address).place.text();
+        return parseHttpAddress(address).m_Place.text();
     } catch (Refusal const&) {
         return "";
     }
@@ -135,13 +135,13 @@ typename Waiting::iterator firstDue(Waiting& waiting, Clock::time_point now, Clo
     std::set<std::string> heldUp;
     for (auto each = waiting.begin(); each != waiting.end(); ++each) {
         auto const& [number, pending] = *each;
-        if (!heldUp.insert(pending.notification.payment).second) {
+        if (!heldUp.insert(pending.m_Notification.m_Payment).second) {
             continue;
         }
-        if (pending.due <= now) {
+        if (pending.m_Due <= now) {
             return each;
         }
-        next = std::min(next, pending.due);
+        next = std::min(next, pending.m_Due);
     }
     return waiting.end();
 }
@@ -155,7 +155,7 @@ Notifier::~Notifier() {
 }
 
 void Notifier::start() {
-    for (Payment const& payment : m_Site.store.payments(PaymentState::Opened)) {
+    for (Payment const& payment : m_Site.m_Store.payments(PaymentState::kOpened)) {
         watch(payment);
     }
     SignalsBlocked const blocked;
@@ -175,7 +175,7 @@ void Notifier::watch(Payment const& payment) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     // While others are watched the clock is looked at anyway.
     m_Woken = m_Woken || m_Watched.empty();
-    m_Watched.emplace(expirationOf(payment), payment.id);
+    m_Watched.emplace(expirationOf(payment), payment.m_Id);
     m_Changed.notify_one();
 }
 
@@ -215,16 +215,16 @@ Notifier::Clock::time_point Notifier::look() {
         return Clock::now() + kPauseWithoutStore;
     }
     std::lock_guard<std::mutex> const lock(m_Mutex);
-    return m_Watched.empty() ? Clock::time_point::max() : Clock::now() + m_Patience.clock;
+    return m_Watched.empty() ? Clock::time_point::max() : Clock::now() + m_Patience.m_Clock;
 }
 
 void Notifier::expireOverdue() {
     std::unique_lock<std::mutex> lock(m_Mutex);
-    while (!m_Stopping && !m_Watched.empty() && m_Site.clock.now() > m_Watched.begin()->first) {
+    while (!m_Stopping && !m_Watched.empty() && m_Site.m_Clock.now() > m_Watched.begin()->first) {
         auto const overdue = m_Watched.begin();
         std::string const id = overdue->second;
         lock.unlock();
-        if (expireWhenOverdue(m_Site, m_Site.store.paymentById(id).value().payment)) {
+        if (expireWhenOverdue(m_Site, m_Site.m_Store.paymentById(id).value().m_Payment)) {
             return;  // the clock was set back meanwhile
         }
         lock.lock();
@@ -233,12 +233,12 @@ void Notifier::expireOverdue() {
 }
 
 void Notifier::takeAdded() {
-    for (Notification const& notification : m_Site.store.notifications(m_LastTaken)) {
-        if (notification.pending) {
+    for (Notification const& notification : m_Site.m_Store.notifications(m_LastTaken)) {
+        if (notification.m_Pending) {
             std::lock_guard<std::mutex> const lock(m_Mutex);
-            m_Lanes[laneOf(notification.address)].waiting[notification.number].notification = notification;
+            m_Lanes[laneOf(notification.m_Address)].m_Waiting[notification.m_Number].m_Notification = notification;
         }
-        m_LastTaken = notification.number;
+        m_LastTaken = notification.m_Number;
     }
 }
 
@@ -247,14 +247,14 @@ Notifier::Clock::time_point Notifier::assignDue() {
     Clock::time_point const now = Clock::now();
     Clock::time_point next = Clock::time_point::max();
     for (auto& [name, lane] : m_Lanes) {
-        if (lane.busy) {
+        if (lane.m_Busy) {
             continue;  // whoever sends calls when it is done
         }
-        auto const due = firstDue(lane.waiting, now, next);
-        if (due != lane.waiting.end()) {
+        auto const due = firstDue(lane.m_Waiting, now, next);
+        if (due != lane.m_Waiting.end()) {
             m_Errands.push_back({name, std::move(due->second)});
-            lane.waiting.erase(due);
-            lane.busy = true;
+            lane.m_Waiting.erase(due);
+            lane.m_Busy = true;
             m_Assigned.notify_one();
         }
     }
@@ -271,14 +271,14 @@ void Notifier::runSender() {
         Errand errand = std::move(m_Errands.front());
         m_Errands.pop_front();
         lock.unlock();
-        bool const unsettled = sendOnce(errand.pending);
+        bool const unsettled = sendOnce(errand.m_Pending);
         lock.lock();
-        Lane& lane = m_Lanes.at(errand.lane);
-        lane.busy = false;
+        Lane& lane = m_Lanes.at(errand.m_Lane);
+        lane.m_Busy = false;
         if (unsettled) {
-            lane.waiting[errand.pending.notification.number] = std::move(errand.pending);
-        } else if (lane.waiting.empty()) {
-            m_Lanes.erase(errand.lane);
+            lane.m_Waiting[errand.m_Pending.m_Notification.m_Number] = std::move(errand.m_Pending);
+        } else if (lane.m_Waiting.empty()) {
+            m_Lanes.erase(errand.m_Lane);
         }
         m_Woken = true;
         m_Changed.notify_one();
@@ -288,7 +288,7 @@ void Notifier::runSender() {
 /// False when it is settled.
 bool Notifier::sendOnce(Pending& pending) {
     // In case of a failure: no merchant is asked over and over because that could not be kept.
-    pending.due = Clock::time_point::max();
+    pending.m_Due = Clock::time_point::max();
     try {
         return send(pending);
     } catch (std::exception const&) {
@@ -299,68 +299,68 @@ bool Notifier::sendOnce(Pending& pending) {
 
 /// False when it is settled.
 bool Notifier::send(Pending& pending) {
-    Notification& notification = pending.notification;
-    if (std::optional<std::string> const reason = obstacle(notification.address)) {
+    Notification& notification = pending.m_Notification;
+    if (std::optional<std::string> const reason = obstacle(notification.m_Address)) {
         return settle(notification, "not sent: " + *reason);
     }
-    Payment const payment = m_Site.store.paymentById(notification.payment).value().payment;
+    Payment const payment = m_Site.m_Store.paymentById(notification.m_Payment).value().m_Payment;
     std::string const order = payment.attribute("ORDERID").value_or("");
-    std::optional<Fault> fault = std::exchange(pending.delay, std::nullopt);
+    std::optional<Fault> fault = std::exchange(pending.m_Delay, std::nullopt);
     if (!fault) {
-        fault = m_Site.faults.take(ExchangeKind::Notification, order);
-        if (fault && fault->kind == FaultKind::Delay) {
-            pending.delay = fault;
-            pending.due = Clock::now() + delayOf(*fault);
+        fault = m_Site.m_Faults.take(ExchangeKind::kNotification, order);
+        if (fault && fault->m_Kind == FaultKind::kDelay) {
+            pending.m_Delay = fault;
+            pending.m_Due = Clock::now() + delayOf(*fault);
             return true;
         }
     }
-    std::string const query = signedConfirmation(m_Site, payment, notification.result, fault);
+    std::string const query = signedConfirmation(m_Site, payment, notification.m_Result, fault);
     Exchange record = recordOf(notification, order, query, fault);
-    if (fault && fault->kind == FaultKind::Drop) {
-        record.time = m_Site.clock.text();
-        record.verdict = "not sent";
-        m_Site.store.addExchange(record);
-        return settle(notification, "not sent: the fault " + record.fault + " happened");
+    if (fault && fault->m_Kind == FaultKind::kDrop) {
+        record.m_Time = m_Site.m_Clock.text();
+        record.m_Verdict = "not sent";
+        m_Site.m_Store.addExchange(record);
+        return settle(notification, "not sent: the fault " + record.m_Fault + " happened");
     }
-    return attempt(pending, query, record, fault && fault->kind == FaultKind::Twice);
+    return attempt(pending, query, record, fault && fault->m_Kind == FaultKind::kTwice);
 }
 
 /// False when it is settled.
 bool Notifier::attempt(Pending& pending, std::string const& query, Exchange& record, bool twice) {
-    Notification& notification = pending.notification;
-    HttpAddress const address = parseHttpAddress(extendLink(notification.address, query));
-    Asked best = askRecorded(m_Site, address, m_Patience.answer, m_Ending, record);
+    Notification& notification = pending.m_Notification;
+    HttpAddress const address = parseHttpAddress(extendLink(notification.m_Address, query));
+    Asked best = askRecorded(m_Site, address, m_Patience.m_Answer, m_Ending, record);
     if (twice) {
-        Asked const second = askRecorded(m_Site, address, m_Patience.answer, m_Ending, record);
+        Asked const second = askRecorded(m_Site, address, m_Patience.m_Answer, m_Ending, record);
         best = best.good() ? best : second;
     }
     if (!best.good() && m_Ending.raised()) {
         return true;
     }
-    ++notification.attempts;
+    ++notification.m_Attempts;
     if (best.good()) {
-        return settle(notification, "delivered: " + std::to_string(*best.status));
+        return settle(notification, "delivered: " + std::to_string(*best.m_Status));
     }
-    auto const failures = static_cast<std::size_t>(notification.attempts);
-    if (failures > m_Patience.pauses.size()) {
-        return settle(notification, "given up: " + best.verdict);
+    auto const failures = static_cast<std::size_t>(notification.m_Attempts);
+    if (failures > m_Patience.m_Pauses.size()) {
+        return settle(notification, "given up: " + best.m_Verdict);
     }
-    keep(notification, "to be tried again: " + best.verdict);
-    pending.due = Clock::now() + m_Patience.pauses[failures - 1];
+    keep(notification, "to be tried again: " + best.m_Verdict);
+    pending.m_Due = Clock::now() + m_Patience.m_Pauses[failures - 1];
     return true;
 }
 
 /// Always false.
 bool Notifier::settle(Notification& notification, std::string const& outcome) {
-    notification.pending = false;
+    notification.m_Pending = false;
     keep(notification, outcome);
     return false;
 }
 
 void Notifier::keep(Notification& notification, std::string const& outcome) {
-    notification.time = m_Site.clock.text();
-    notification.outcome = outcome;
-    m_Site.store.updateNotification(notification);
+    notification.m_Time = m_Site.m_Clock.text();
+    notification.m_Outcome = outcome;
+    m_Site.m_Store.updateNotification(notification);
 }
 
 }  // namespace sandbox

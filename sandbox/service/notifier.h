@@ -39,9 +39,10 @@ public:
 
     /// How long things may take.
     struct Patience {
-        std::chrono::milliseconds answer;               ///< For a merchant's answer.
-        std::vector<std::chrono::milliseconds> pauses;  ///< After each attempt that failed. There is one attempt more.
-        std::chrono::milliseconds clock;  ///< Between two looks at the site's clock while a payment can expire.
+        std::chrono::milliseconds m_Answer;  ///< For a merchant's answer.
+        std::vector<std::chrono::milliseconds>
+            m_Pauses;                       ///< After each attempt that failed. There is one attempt more.
+        std::chrono::milliseconds m_Clock;  ///< Between two looks at the site's clock while a payment can expire.
     };
 
     /// Borrows `site`. Throws std::runtime_error.
@@ -68,21 +69,21 @@ public:
 private:
     /// A notification that is not settled.
     struct Pending {
-        Notification notification = {};
-        Clock::time_point due = {};
-        std::optional<Fault> delay = {};  ///< Has been waited for; happens to the next attempt.
+        Notification m_Notification = {};
+        Clock::time_point m_Due = {};
+        std::optional<Fault> m_Delay = {};  ///< Has been waited for; happens to the next attempt.
     };
 
     /// The way to one host and port.
     struct Lane {
-        std::map<std::int64_t, Pending> waiting = {};  ///< By number.
-        bool busy = false;                             ///< One of them is out of `waiting`, being sent.
+        std::map<std::int64_t, Pending> m_Waiting = {};  ///< By number.
+        bool m_Busy = false;                             ///< One of them is out of `waiting`, being sent.
     };
 
     /// One that is taken out of its lane to be sent.
     struct Errand {
-        std::string lane;
-        Pending pending;
+        std::string m_Lane;
+        Pending m_Pending;
     };
 
     void run();

@@ -14,13 +14,13 @@ bool movePayment(Site const& site, Payment const& payment, std::vector<PaymentSt
     std::string const address = payment.attribute("NOTIFYADDRESS").value_or("");
     if (!address.empty()) {
         notification.emplace();
-        notification->payment = payment.id;
-        notification->address = address;
-        notification->result = stateName(to);
+        notification->m_Payment = payment.m_Id;
+        notification->m_Address = address;
+        notification->m_Result = stateName(to);
     }
-    bool const moved = site.store.advance(payment.id, from, {site.clock.text(), to, note}, notification);
+    bool const moved = site.m_Store.advance(payment.m_Id, from, {site.m_Clock.text(), to, note}, notification);
     if (moved && notification) {
-        site.notifier.wake();
+        site.m_Notifier.wake();
     }
     return moved;
 }
@@ -31,25 +31,25 @@ std::time_t expirationOf(Payment const& payment) {
 }
 
 bool isOverdue(Site const& site, Payment const& payment) {
-    return site.clock.now() > expirationOf(payment);
+    return site.m_Clock.now() > expirationOf(payment);
 }
 
 bool expireWhenOverdue(Site const& site, Payment const& payment) {
-    if (payment.state != PaymentState::Opened) {
+    if (payment.m_State != PaymentState::kOpened) {
         return false;
     }
     if (!isOverdue(site, payment)) {
         return true;
     }
-    movePayment(site, payment, {PaymentState::Opened}, PaymentState::Expired, "not decided in time");
+    movePayment(site, payment, {PaymentState::kOpened}, PaymentState::kExpired, "not decided in time");
     return false;
 }
 
 std::vector<Payment> presentPayments(Site const& site) {
-    for (Payment const& payment : site.store.payments()) {
+    for (Payment const& payment : site.m_Store.payments()) {
         expireWhenOverdue(site, payment);
     }
-    return site.store.payments();
+    return site.m_Store.payments();
 }
 
 }  // namespace sandbox

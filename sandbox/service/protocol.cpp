@@ -21,103 +21,104 @@ namespace {
 constexpr std::size_t kMostKept = 64 * 1024;
 
 /// How an address answers a request that is turned down.
-enum class RefusalForm { ErrorMessage, Page };
+enum class RefusalForm { kErrorMessage, kPage };
 
 /// One address of the protocol.
 struct Endpoint {
-    char const* method;
-    char const* path;
-    HttpReply (*answer)(Call const& call);
-    RefusalForm refusal;
+    char const* m_Method;
+    char const* m_Path;
+    HttpReply (*m_Answer)(Call const& call);
+    RefusalForm m_Refusal;
 };
 
 // clang-format off
 constexpr Endpoint kEndpoints[] = {
-    {"GET",  "/auto",         answerAuto,     RefusalForm::ErrorMessage},
-    {"GET",  "/pay",          answerPay,      RefusalForm::Page},
-    {"POST", "/pay/decision", answerDecision, RefusalForm::Page},
-    {"GET",  "/capture",      answerCapture,  RefusalForm::ErrorMessage},
+    {"GET",  "/auto",         answerAuto,     RefusalForm::kErrorMessage},
+    {"GET",  "/pay",          answerPay,      RefusalForm::kPage},
+    {"POST", "/pay/decision", answerDecision, RefusalForm::kPage},
+    {"GET",  "/capture",      answerCapture,  RefusalForm::kErrorMessage},
 };
 // clang-format on
 
 struct TypeRow {
-    char const* type;
-    ExchangeKind kind;
+    char const* m_Type;
+    ExchangeKind m_Kind;
 };
 
 // clang-format off
 constexpr TypeRow kTypes[] = {
-    {"SetupRequest",        ExchangeKind::Setup},
-    {"LoadDefaultsRequest", ExchangeKind::Defaults},
-    {"KeyQueryRequest",     ExchangeKind::KeyQuery},
-    {"KeyExportRequest",    ExchangeKind::KeyExport},
-    {"PayInit",             ExchangeKind::Page},
-    {"PayConfirm",          ExchangeKind::Capture},
-    {"PayCompleteRequest",  ExchangeKind::Complete},
-    {"StatusRequest",       ExchangeKind::Status},
+    {"SetupRequest",        ExchangeKind::kSetup},
+    {"LoadDefaultsRequest", ExchangeKind::kDefaults},
+    {"KeyQueryRequest",     ExchangeKind::kKeyQuery},
+    {"KeyExportRequest",    ExchangeKind::kKeyExport},
+    {"PayInit",             ExchangeKind::kPage},
+    {"PayConfirm",          ExchangeKind::kCapture},
+    {"PayCompleteRequest",  ExchangeKind::kComplete},
+    {"StatusRequest",       ExchangeKind::kStatus},
 };
 // clang-format on
 
 /// The payment page is asked for whatever the message is; elsewhere its type tells.
 ExchangeKind kindOf(Endpoint const& endpoint, Message const& message) {
-    if (endpoint.answer == answerPay) {
-        return ExchangeKind::Page;
+    if (endpoint.m_Answer == answerPay) {
+        return ExchangeKind::kPage;
     }
     for (TypeRow const& row : kTypes) {
-        if (message.type() == row.type && row.kind != ExchangeKind::Page) {
-            return row.kind;
+        if (message.type() == row.m_Type && row.m_Kind != ExchangeKind::kPage) {
+            return row.m_Kind;
         }
     }
-    return ExchangeKind::Other;
+    return ExchangeKind::kOther;
 }
 
 /// The order of the payment that the message names by its token, which is one of the account that the key belongs to.
 std::string orderOf(Site const& site, Message const& message) {
-    std::optional<MerchantKey> const key = site.store.merchantKey(message.find("KEYID").value_or(""));
+    std::optional<MerchantKey> const key = site.m_Store.merchantKey(message.find("KEYID").value_or(""));
     std::optional<std::string> const token = message.find("TOKEN");
-    return key && token ? site.store.orderOfToken(key->account, *token) : "";
+    return key && token ? site.m_Store.orderOfToken(key->m_Account, *token) : "";
 }
 
 /// Notes what the request is about, from what it says of itself. What cannot be read stays unnoted: telling what is
 /// wrong with the request comes later.
 void identify(Site const& site, Endpoint const& endpoint, HttpRequest const& request, Exchange& record) {
-    record.kind = endpoint.answer == answerPay ? ExchangeKind::Page : ExchangeKind::Other;
-    if (endpoint.answer == answerDecision) {
-        record.kind = ExchangeKind::Decision;
+    record.m_Kind = endpoint.m_Answer == answerPay ? ExchangeKind::kPage : ExchangeKind::kOther;
+    if (endpoint.m_Answer == answerDecision) {
+        record.m_Kind = ExchangeKind::kDecision;
     }
     try {
-        if (record.kind == ExchangeKind::Decision) {
-            auto const payment = site.store.paymentById(Query(request.body).value("payment").value_or(""));
-            record.order = payment ? payment->payment.attribute("ORDERID").value_or("") : "";
+        if (record.m_Kind == ExchangeKind::kDecision) {
+            auto const payment = site.m_Store.paymentById(Query(request.m_Body).value("payment").value_or(""));
+            record.m_Order = payment ? payment->m_Payment.attribute("ORDERID").value_or("") : "";
             return;
         }
-        record.data = Query(request.query).value("DATA").value_or("");
-        Message const message = Message::parse(record.data);
-        record.kind = kindOf(endpoint, message);
-        record.order = message.find("ORDERID").value_or(orderOf(site, message));
+        record.m_Data = Query(request.m_Query).value("DATA").value_or("");
+        Message const message = Message::parse(record.m_Data);
+        record.m_Kind = kindOf(endpoint, message);
+        record.m_Order = message.find("ORDERID").value_or(orderOf(site, message));
     } catch (Refusal const&) {
     }
 }
 
 /// What comes instead of the answer when the request is not to be carried out.
 HttpReply failingReply(Fault const& fault) {
-    if (fault.kind == FaultKind::Error) {
+    if (fault.m_Kind == FaultKind::kError) {
         return messageReply(errorMessage(textOf(fault)));
     }
-    if (fault.kind == FaultKind::HttpStatus) {
+    if (fault.m_Kind == FaultKind::kHttpStatus) {
         return {statusOf(fault), "text/plain; charset=utf-8", textOf(fault) + "\n"};
     }
     return {};
 }
 
 HttpReply otherMethodReply(Endpoint const& endpoint) {
-    HttpReply reply{405, "text/plain; charset=utf-8", std::string(endpoint.path) + " takes " + endpoint.method + ".\n"};
-    reply.allow = endpoint.method;
+    HttpReply reply{405, "text/plain; charset=utf-8",
+                    std::string(endpoint.m_Path) + " takes " + endpoint.m_Method + ".\n"};
+    reply.m_Allow = endpoint.m_Method;
     return reply;
 }
 
 HttpReply refusedReply(Endpoint const& endpoint, Refusal const& refusal, Exchange const& record) {
-    if (endpoint.refusal == RefusalForm::Page) {
+    if (endpoint.m_Refusal == RefusalForm::kPage) {
         return refusalPage(refusal.status(), refusal.what(), record);
     }
     return messageReply(errorMessage(refusal.what()));
@@ -125,27 +126,28 @@ HttpReply refusedReply(Endpoint const& endpoint, Refusal const& refusal, Exchang
 
 /// The answer with another type of message. Confirmations are made wrong where they are signed.
 void mistakeType(HttpReply& reply) {
-    Message const expected = Message::parse(reply.body);
+    Message const expected = Message::parse(reply.m_Body);
     Message message(kUnexpectedType);
     for (auto const& [name, value] : expected.attributes()) {
         if (name != "MSGTYPE") {
             message.set(name, value);
         }
     }
-    reply.body = message.text();
+    reply.m_Body = message.text();
 }
 
 HttpReply carryOut(Endpoint const& endpoint, Call const& call) {
     try {
-        HttpReply reply = endpoint.answer(call);
-        if (call.fault && call.fault->kind == FaultKind::WrongType && endpoint.refusal == RefusalForm::ErrorMessage) {
+        HttpReply reply = endpoint.m_Answer(call);
+        if (call.m_Fault && call.m_Fault->m_Kind == FaultKind::kWrongType &&
+            endpoint.m_Refusal == RefusalForm::kErrorMessage) {
             mistakeType(reply);
         }
         return reply;
     } catch (Refusal const& refusal) {
-        call.record.verdict = refusal.what();
-        call.record.steps.push_back({"Turned down", refusal.what(), false});
-        return refusedReply(endpoint, refusal, call.record);
+        call.m_Record.m_Verdict = refusal.what();
+        call.m_Record.m_Steps.push_back({"Turned down", refusal.what(), false});
+        return refusedReply(endpoint, refusal, call.m_Record);
     }
 }
 
@@ -156,14 +158,14 @@ public:
         : m_Store(store), m_Exchange(std::move(exchange)), m_Begun(begun), m_Begin(begin) {}
 
     void answered(std::string const& answer) override {
-        m_Exchange.answer = keptText(answer);
-        m_Exchange.microseconds = microsecondsSince(m_Begin);
-        m_Exchange.number = m_Store.addExchange(m_Exchange, m_Begun);
+        m_Exchange.m_Answer = keptText(answer);
+        m_Exchange.m_Microseconds = microsecondsSince(m_Begin);
+        m_Exchange.m_Number = m_Store.addExchange(m_Exchange, m_Begun);
     }
 
     void delivered(Delivery const& delivery) override {
-        if (!m_Exchange.fault.empty()) {
-            m_Store.noteDelivery(m_Exchange.number, deliveryText(delivery, microsecondsSince(m_Begin)));
+        if (!m_Exchange.m_Fault.empty()) {
+            m_Store.noteDelivery(m_Exchange.m_Number, deliveryText(delivery, microsecondsSince(m_Begin)));
         }
     }
 
@@ -176,14 +178,14 @@ private:
 
 /// The answer to a request that has been identified, or what a fault or a failure puts in its place.
 HttpReply answerIdentified(Endpoint const& endpoint, Call const& call) {
-    if (call.fault && !faultRow(call.fault->kind).carriedOut) {
-        call.record.verdict = "not looked at";
-        return failingReply(*call.fault);
+    if (call.m_Fault && !faultRow(call.m_Fault->m_Kind).m_CarriedOut) {
+        call.m_Record.m_Verdict = "not looked at";
+        return failingReply(*call.m_Fault);
     }
     try {
         return carryOut(endpoint, call);
     } catch (std::exception const& failure) {
-        call.record.verdict = std::string("the sandbox failed: ") + failure.what();
+        call.m_Record.m_Verdict = std::string("the sandbox failed: ") + failure.what();
         return failureReply(failure.what());
     }
 }
@@ -191,21 +193,21 @@ HttpReply answerIdentified(Endpoint const& endpoint, Call const& call) {
 HttpReply answerRecorded(Site const& site, Endpoint const& endpoint, HttpRequest const& request) {
     auto const begin = std::chrono::steady_clock::now();
     Exchange record;
-    record.time = site.clock.text();
-    record.path = request.path;
-    record.verdict = "ok";
-    record.request = keptRequest(request.raw);
+    record.m_Time = site.m_Clock.text();
+    record.m_Path = request.m_Path;
+    record.m_Verdict = "ok";
+    record.m_Request = keptRequest(request.m_Raw);
     identify(site, endpoint, request, record);
-    std::int64_t const begun = site.store.beginExchange(record);
+    std::int64_t const begun = site.m_Store.beginExchange(record);
     // The control port has no faults, and uses none up.
-    bool const mayFail = request.baseUrl != site.addresses.control;
-    std::optional<Fault> const fault = mayFail ? site.faults.take(record.kind, record.order) : std::nullopt;
+    bool const mayFail = request.m_BaseUrl != site.m_Addresses.m_Control;
+    std::optional<Fault> const fault = mayFail ? site.m_Faults.take(record.m_Kind, record.m_Order) : std::nullopt;
     HttpReply reply = answerIdentified(endpoint, {site, request, record, fault});
     if (fault) {
-        record.fault = faultText(*fault);
-        reply.fault = fault;
+        record.m_Fault = faultText(*fault);
+        reply.m_Fault = fault;
     }
-    reply.log = std::make_shared<Record>(site.store, std::move(record), begun, begin);
+    reply.m_Log = std::make_shared<Record>(site.m_Store, std::move(record), begun, begin);
     return reply;
 }
 
@@ -213,9 +215,9 @@ HttpReply answerRecorded(Site const& site, Endpoint const& endpoint, HttpRequest
 
 std::optional<HttpReply> answerProtocol(Site const& site, HttpRequest const& request) {
     for (Endpoint const& endpoint : kEndpoints) {
-        if (request.path == endpoint.path) {
-            return request.method == endpoint.method ? answerRecorded(site, endpoint, request)
-                                                     : otherMethodReply(endpoint);
+        if (request.m_Path == endpoint.m_Path) {
+            return request.m_Method == endpoint.m_Method ? answerRecorded(site, endpoint, request)
+                                                         : otherMethodReply(endpoint);
         }
     }
     return std::nullopt;
@@ -230,8 +232,8 @@ std::int64_t microsecondsSince(std::chrono::steady_clock::time_point begin) {
 }
 
 std::string deliveryText(Delivery const& delivery, std::int64_t microseconds) {
-    return std::to_string(delivery.bytes) + " bytes, then " + (delivery.reset ? "a reset" : "the end") + ", after " +
-           millisecondsText(microseconds);
+    return std::to_string(delivery.m_Bytes) + " bytes, then " + (delivery.m_Reset ? "a reset" : "the end") +
+           ", after " + millisecondsText(microseconds);
 }
 
 std::string keptText(std::string const& text) {

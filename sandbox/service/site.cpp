@@ -17,12 +17,12 @@ std::string takeSignature(Query const& query, Exchange& record) {
     if (!text || text->empty()) {
         throw Refusal("SIGNATURE is missing");
     }
-    record.signature = *text;
+    record.m_Signature = *text;
     std::optional<std::string> bytes = fromHex(*text);
     if (!bytes) {
         throw Refusal("SIGNATURE is not lower-case hexadecimal");
     }
-    record.steps.push_back({"SIGNATURE is hexadecimal", std::to_string(bytes->size()) + " bytes"});
+    record.m_Steps.push_back({"SIGNATURE is hexadecimal", std::to_string(bytes->size()) + " bytes"});
     return *bytes;
 }
 
@@ -31,14 +31,14 @@ void checkSignature(std::string const& keyId, std::string const& blob, std::stri
                     std::string const& signature, Exchange& record) {
     KeyHolder const key = readPublicKeyBlob(blob);
     std::optional<std::string> const held = signedDigest(key.get(), signature);
-    std::string const expected = digestOf(text, Widening::Zero);
+    std::string const expected = digestOf(text, Widening::kZero);
     bool const good = held == expected;
-    record.steps.push_back({"Digest of DATA, each byte zero-extended to two", toHex(expected)});
-    record.steps.push_back({"Digest that SIGNATURE holds", held ? toHex(*held) : "none under this key", good});
+    record.m_Steps.push_back({"Digest of DATA, each byte zero-extended to two", toHex(expected)});
+    record.m_Steps.push_back({"Digest that SIGNATURE holds", held ? toHex(*held) : "none under this key", good});
     if (good) {
         return;
     }
-    if (verifyText(key.get(), text, Widening::Sign, signature)) {
+    if (verifyText(key.get(), text, Widening::kSign, signature)) {
         throw Refusal("SIGNATURE was made over sign-extended bytes, a merchant signs zero-extended ones");
     }
     throw Refusal("SIGNATURE is not one of DATA under the key '" + keyId + "'");
@@ -58,39 +58,39 @@ std::string flipLastBit(std::string const& signature) {
 }
 
 KeyRing::Key signingKey(Site const& site, std::optional<Fault> const& fault) {
-    if (fault && fault->kind == FaultKind::WrongKey) {
-        return site.keys.impostor();
+    if (fault && fault->m_Kind == FaultKind::kWrongKey) {
+        return site.m_Keys.impostor();
     }
-    if (fault && fault->kind == FaultKind::StaleKey) {
-        return site.keys.stale();
+    if (fault && fault->m_Kind == FaultKind::kStaleKey) {
+        return site.m_Keys.stale();
     }
-    return site.keys.current();
+    return site.m_Keys.current();
 }
 
 }  // namespace
 
 std::string takeData(Call const& call) {
-    std::optional<std::string> const data = Query(call.request.query).value("DATA");
+    std::optional<std::string> const data = Query(call.m_Request.m_Query).value("DATA");
     if (!data || data->empty()) {
         throw Refusal("DATA is missing");
     }
-    call.record.steps.push_back({"DATA is percent-encoded", std::to_string(data->size()) + " bytes"});
+    call.m_Record.m_Steps.push_back({"DATA is percent-encoded", std::to_string(data->size()) + " bytes"});
     return *data;
 }
 
 SignedMessage openSignedMessage(Call const& call) {
     std::string const text = takeData(call);
-    std::string const signature = takeSignature(Query(call.request.query), call.record);
+    std::string const signature = takeSignature(Query(call.m_Request.m_Query), call.m_Record);
     Message message = Message::parse(text);
-    call.record.steps.push_back({"DATA is a message", message.type()});
+    call.m_Record.m_Steps.push_back({"DATA is a message", message.type()});
     std::string const keyId = message.require("KEYID");
-    std::optional<MerchantKey> const key = call.site.store.merchantKey(keyId);
+    std::optional<MerchantKey> const key = call.m_Site.m_Store.merchantKey(keyId);
     if (!key) {
         throw Refusal("KEYID names no merchant key that was published here: '" + keyId + "'");
     }
-    call.record.steps.push_back({"KEYID names a key", keyId + " of the account " + key->account});
-    checkSignature(keyId, key->blob, text, signature, call.record);
-    return {std::move(message), text, key->account};
+    call.m_Record.m_Steps.push_back({"KEYID names a key", keyId + " of the account " + key->m_Account});
+    checkSignature(keyId, key->m_Blob, text, signature, call.m_Record);
+    return {std::move(message), text, key->m_Account};
 }
 
 HttpReply messageReply(std::string const& text) {
@@ -98,13 +98,13 @@ HttpReply messageReply(std::string const& text) {
 }
 
 Message confirmation(Site const& site, Payment const& payment, std::string const& result) {
-    return confirmationBy(site.keys.current()->id, kConfirmationType, payment, result);
+    return confirmationBy(site.m_Keys.current()->m_Id, kConfirmationType, payment, result);
 }
 
 Message confirmationBy(std::string const& keyId, std::string const& type, Payment const& payment,
                        std::string const& result) {
     Message message(type);
-    message.set("KEYID", keyId).set("ID", payment.id).set("TOKEN", payment.token);
+    message.set("KEYID", keyId).set("ID", payment.m_Id).set("TOKEN", payment.m_Token);
     copyIfGiven(payment, "AMOUNT", message);
     copyIfGiven(payment, "CURRENCY", message);
     copyIfGiven(payment, "ORDERID", message);
@@ -115,10 +115,10 @@ Message confirmationBy(std::string const& keyId, std::string const& type, Paymen
 std::string signedConfirmation(Site const& site, Payment const& payment, std::string const& result,
                                std::optional<Fault> const& fault) {
     KeyRing::Key const key = signingKey(site, fault);
-    char const* const type = fault && fault->kind == FaultKind::WrongType ? kUnexpectedType : kConfirmationType;
-    std::string const text = confirmationBy(key->id, type, payment, result).text();
-    std::string signature = signText(key->key.get(), text, Widening::Sign);
-    if (fault && fault->kind == FaultKind::WrongSignature) {
+    char const* const type = fault && fault->m_Kind == FaultKind::kWrongType ? kUnexpectedType : kConfirmationType;
+    std::string const text = confirmationBy(key->m_Id, type, payment, result).text();
+    std::string signature = signText(key->m_Key.get(), text, Widening::kSign);
+    if (fault && fault->m_Kind == FaultKind::kWrongSignature) {
         signature = flipLastBit(signature);
     }
     return "DATA=" + percentEncode(text) + "&SIGNATURE=" + signature;

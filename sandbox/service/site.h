@@ -22,36 +22,36 @@ inline constexpr char kUnexpectedType[] = "Unexpected";
 
 /// Where the service listens: base addresses without a slash at the end, empty where it does not.
 struct Addresses {
-    std::string plain;
-    std::string tls;
-    std::string control;  ///< Plain HTTP, never touched by faults.
-    std::string proxy;
+    std::string m_Plain;
+    std::string m_Tls;
+    std::string m_Control;  ///< Plain HTTP, never touched by faults.
+    std::string m_Proxy;
 };
 
 /// What every part of the service works on, shared by all threads.
 struct Site {
-    Store& store;
-    KeyRing& keys;
-    FaultBook& faults;
-    ServiceClock& clock;
-    Addresses const& addresses;
-    Notifier& notifier;
-    std::string const& formKey;  ///< Must come back with every form of the dashboard.
+    Store& m_Store;
+    KeyRing& m_Keys;
+    FaultBook& m_Faults;
+    ServiceClock& m_Clock;
+    Addresses const& m_Addresses;
+    Notifier& m_Notifier;
+    std::string const& m_FormKey;  ///< Must come back with every form of the dashboard.
 };
 
 /// One request while it is answered.
 struct Call {
-    Site const& site;
-    HttpRequest const& request;
-    Exchange& record;                   ///< Tells in the end what had been read and found so far.
-    std::optional<Fault> const& fault;  ///< What is to go wrong.
+    Site const& m_Site;
+    HttpRequest const& m_Request;
+    Exchange& m_Record;                   ///< Tells in the end what had been read and found so far.
+    std::optional<Fault> const& m_Fault;  ///< What is to go wrong.
 };
 
 /// A message whose signature has been verified.
 struct SignedMessage {
-    Message message;
-    std::string text;     ///< The message as it was signed.
-    std::string account;  ///< Owner of the key that signed it.
+    Message m_Message;
+    std::string m_Text;     ///< The message as it was signed.
+    std::string m_Account;  ///< Owner of the key that signed it.
 };
 
 /// Takes DATA and SIGNATURE out of the query and verifies the signature with the merchant key that KEYID names. Throws

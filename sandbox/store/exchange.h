@@ -11,28 +11,28 @@ namespace sandbox {
 
 /// One step of looking at a request: what was looked at, what was found, and whether that is as it should be.
 struct CheckStep {
-    std::string what;
-    std::string found;
-    bool good = true;
+    std::string m_What;
+    std::string m_Found;
+    bool m_Good = true;
 };
 
 /// One request to the protocol's addresses, or to the proxy, and what the service thought of it. The texts are bytes
 /// without an encoding.
 struct Exchange {
-    std::int64_t number = 0;  ///< Counts up from 1.
-    std::string time;         ///< UTC, "2024-01-31T23:59:07Z".
-    ExchangeKind kind = ExchangeKind::Other;
-    std::string order;              ///< ORDERID of the payment it is about, as far as that could be told.
-    std::string path;               ///< Without the query.
-    std::string data;               ///< DATA, decoded; empty when it was missing or could not be decoded.
-    std::string signature;          ///< SIGNATURE as it came.
-    std::string verdict;            ///< "ok", or the reason of the refusal.
-    std::vector<CheckStep> steps;   ///< How the verdict came about.
-    std::string request;            ///< As it came, head and body, the password covered; cut when it is very long.
-    std::string answer;             ///< As it was made, before any fault; cut when it is very long.
-    std::string fault;              ///< The fault that happened to it, as faultText() writes it; empty without.
-    std::string delivery;           ///< What the other side got of the answer when a fault happened; empty without.
-    std::int64_t microseconds = 0;  ///< From the complete request to the complete answer.
+    std::int64_t m_Number = 0;  ///< Counts up from 1.
+    std::string m_Time;         ///< UTC, "2024-01-31T23:59:07Z".
+    ExchangeKind m_Kind = ExchangeKind::kOther;
+    std::string m_Order;              ///< ORDERID of the payment it is about, as far as that could be told.
+    std::string m_Path;               ///< Without the query.
+    std::string m_Data;               ///< DATA, decoded; empty when it was missing or could not be decoded.
+    std::string m_Signature;          ///< SIGNATURE as it came.
+    std::string m_Verdict;            ///< "ok", or the reason of the refusal.
+    std::vector<CheckStep> m_Steps;   ///< How the verdict came about.
+    std::string m_Request;            ///< As it came, head and body, the password covered; cut when it is very long.
+    std::string m_Answer;             ///< As it was made, before any fault; cut when it is very long.
+    std::string m_Fault;              ///< The fault that happened to it, as faultText() writes it; empty without.
+    std::string m_Delivery;           ///< What the other side got of the answer when a fault happened; empty without.
+    std::int64_t m_Microseconds = 0;  ///< From the complete request to the complete answer.
 };
 
 }  // namespace sandbox

@@ -144,12 +144,12 @@ Store::Login Store::checkAccount(std::string const& user, std::string const& pas
         std::lock_guard<std::mutex> const lock(m_Mutex);
         Statement row = m_Database.prepare("SELECT salt, hash FROM accounts WHERE user = ?");
         if (!row.text(user).step()) {
-            return Login::UnknownUser;
+            return Login::kUnknownUser;
         }
         salt = row.column(0);
         hash = row.column(1);
     }
-    return equalSecrets(hashPassword(salt, password), hash) ? Login::Ok : Login::WrongPassword;
+    return equalSecrets(hashPassword(salt, password), hash) ? Login::kOk : Login::kWrongPassword;
 }
 
 std::string Store::customerOf(std::string const& user) {
@@ -184,8 +184,8 @@ std::vector<StoredServerKey> Store::serverKeys() {
 void Store::addServerKey(StoredServerKey const& key, std::string const& time) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     m_Database.prepare("INSERT INTO server_keys (id, private_der, time) VALUES (?, ?, ?)")
-        .text(key.id)
-        .bytes(key.privateDer)
+        .text(key.m_Id)
+        .bytes(key.m_PrivateDer)
         .text(time)
         .step();
 }
@@ -196,18 +196,18 @@ Store::KeyAdded Store::addMerchantKey(std::string const& id, MerchantKey const& 
     {
         Statement row = m_Database.prepare("SELECT account, blob FROM merchant_keys WHERE id = ?");
         if (row.text(id).step()) {
-            bool const same = row.column(0) == key.account && row.column(1) == key.blob;
-            return same ? KeyAdded::Known : KeyAdded::Taken;
+            bool const same = row.column(0) == key.m_Account && row.column(1) == key.m_Blob;
+            return same ? KeyAdded::kKnown : KeyAdded::kTaken;
         }
     }
     m_Database.prepare("INSERT INTO merchant_keys (id, account, blob, time) VALUES (?, ?, ?, ?)")
         .text(id)
-        .text(key.account)
-        .text(key.blob)
+        .text(key.m_Account)
+        .text(key.m_Blob)
         .text(time)
         .step();
     transaction.commit();
-    return KeyAdded::New;
+    return KeyAdded::kNew;
 }
 
 std::optional<MerchantKey> Store::merchantKey(std::string const& id) {

@@ -17,36 +17,36 @@ namespace sandbox {
 
 /// The service's own key as it is stored.
 struct StoredServerKey {
-    std::string id;
-    std::string privateDer;
+    std::string m_Id;
+    std::string m_PrivateDer;
 };
 
 /// A merchant's public key.
 struct MerchantKey {
-    std::string account;
-    std::string blob;
+    std::string m_Account;
+    std::string m_Blob;
 };
 
 /// A merchant's public key with what is told of it to people.
 struct PublishedKey {
-    std::string id;
-    MerchantKey key;
-    std::string time;
+    std::string m_Id;
+    MerchantKey m_Key;
+    std::string m_Time;
 };
 
 /// A payment with what only the service knows of it.
 struct PaymentRecord {
-    Payment payment;
-    std::string formKey;  ///< Must come back with the shopper's decision.
-    std::string message;  ///< The PayInit as it came.
+    Payment m_Payment;
+    std::string m_FormKey;  ///< Must come back with the shopper's decision.
+    std::string m_Message;  ///< The PayInit as it came.
 };
 
 /// Accounts, keys, payments with their history, notifications and exchanges, in one SQLite file. Every member is one
 /// transaction and may be called by any thread. Failures of the database throw std::runtime_error.
 class Store {
 public:
-    enum class Login { Ok, UnknownUser, WrongPassword };
-    enum class KeyAdded { New, Known, Taken };
+    enum class Login { kOk, kUnknownUser, kWrongPassword };
+    enum class KeyAdded { kNew, kKnown, kTaken };
 
     /// Opens the file, creating or checking its tables. A file of another layout throws std::runtime_error.
     explicit Store(std::string const& path);

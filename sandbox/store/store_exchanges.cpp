@@ -24,7 +24,7 @@ constexpr char kOne[] =
 std::string stepsText(std::vector<CheckStep> const& steps) {
     nlohmann::json list = nlohmann::json::array();
     for (CheckStep const& step : steps) {
-        list.push_back({{"what", toHex(step.what)}, {"found", toHex(step.found)}, {"good", step.good}});
+        list.push_back({{"what", toHex(step.m_What)}, {"found", toHex(step.m_Found)}, {"good", step.m_Good}});
     }
     return list.dump();
 }
@@ -43,20 +43,20 @@ std::vector<Exchange> readExchanges(Statement& row) {
     std::vector<Exchange> found;
     while (row.step()) {
         Exchange exchange;
-        exchange.number = row.numberColumn(0);
-        exchange.time = row.column(1);
-        exchange.kind = exchangeFromName(row.column(2)).value_or(ExchangeKind::Other);
-        exchange.order = row.column(3);
-        exchange.path = row.column(4);
-        exchange.data = row.column(5);
-        exchange.signature = row.column(6);
-        exchange.verdict = row.column(7);
-        exchange.steps = stepsFromText(row.column(8));
-        exchange.request = row.column(9);
-        exchange.answer = row.column(10);
-        exchange.fault = row.column(11);
-        exchange.delivery = row.column(12);
-        exchange.microseconds = row.numberColumn(13);
+        exchange.m_Number = row.numberColumn(0);
+        exchange.m_Time = row.column(1);
+        exchange.m_Kind = exchangeFromName(row.column(2)).value_or(ExchangeKind::kOther);
+        exchange.m_Order = row.column(3);
+        exchange.m_Path = row.column(4);
+        exchange.m_Data = row.column(5);
+        exchange.m_Signature = row.column(6);
+        exchange.m_Verdict = row.column(7);
+        exchange.m_Steps = stepsFromText(row.column(8));
+        exchange.m_Request = row.column(9);
+        exchange.m_Answer = row.column(10);
+        exchange.m_Fault = row.column(11);
+        exchange.m_Delivery = row.column(12);
+        exchange.m_Microseconds = row.numberColumn(13);
         found.push_back(std::move(exchange));
     }
     return found;
@@ -68,12 +68,12 @@ std::int64_t Store::beginExchange(Exchange const& exchange) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     m_Database
         .prepare("INSERT INTO begun_exchanges (time, kind, order_id, path, data, request) VALUES (?, ?, ?, ?, ?, ?)")
-        .text(exchange.time)
-        .text(exchangeName(exchange.kind))
-        .bytes(exchange.order)
-        .text(exchange.path)
-        .bytes(exchange.data)
-        .bytes(exchange.request)
+        .text(exchange.m_Time)
+        .text(exchangeName(exchange.m_Kind))
+        .bytes(exchange.m_Order)
+        .text(exchange.m_Path)
+        .bytes(exchange.m_Data)
+        .bytes(exchange.m_Request)
         .step();
     return m_Database.lastNumber();
 }
@@ -85,18 +85,18 @@ std::int64_t Store::addExchange(Exchange const& exchange, std::int64_t begun) {
         .prepare(
             "INSERT INTO exchanges (time, kind, order_id, path, data, signature, verdict, steps, request, answer, "
             "fault, microseconds) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)")
-        .text(exchange.time)
-        .text(exchangeName(exchange.kind))
-        .bytes(exchange.order)
-        .text(exchange.path)
-        .bytes(exchange.data)
-        .bytes(exchange.signature)
-        .bytes(exchange.verdict)
-        .text(stepsText(exchange.steps))
-        .bytes(exchange.request)
-        .bytes(exchange.answer)
-        .bytes(exchange.fault)
-        .number(exchange.microseconds)
+        .text(exchange.m_Time)
+        .text(exchangeName(exchange.m_Kind))
+        .bytes(exchange.m_Order)
+        .text(exchange.m_Path)
+        .bytes(exchange.m_Data)
+        .bytes(exchange.m_Signature)
+        .bytes(exchange.m_Verdict)
+        .text(stepsText(exchange.m_Steps))
+        .bytes(exchange.m_Request)
+        .bytes(exchange.m_Answer)
+        .bytes(exchange.m_Fault)
+        .number(exchange.m_Microseconds)
         .step();
     std::int64_t const number = m_Database.lastNumber();
     m_Database.prepare("DELETE FROM begun_exchanges WHERE number = ?").number(begun).step();

@@ -19,7 +19,7 @@ PaymentRecord Store::openPayment(PaymentRecord const& fresh, std::string const& 
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Transaction transaction(m_Database);
     Statement row = m_Database.prepare(kByToken);
-    row.text(fresh.payment.account).text(fresh.payment.token);
+    row.text(fresh.m_Payment.m_Account).text(fresh.m_Payment.m_Token);
     if (std::optional<PaymentRecord> stored = findPayment(row)) {
         return *stored;
     }
@@ -52,7 +52,7 @@ std::vector<Payment> Store::payments(std::optional<PaymentState> state) {
         row.text(identifiers.column(0));
         std::optional<PaymentRecord> const record = findPayment(row);
         if (record) {
-            found.push_back(record->payment);
+            found.push_back(record->m_Payment);
         }
     }
     return found;
@@ -95,7 +95,7 @@ bool Store::advance(std::string const& id, std::vector<PaymentState> const& from
             return false;
         }
     }
-    m_Database.prepare("UPDATE payments SET state = ? WHERE id = ?").text(stateName(step.state)).text(id).step();
+    m_Database.prepare("UPDATE payments SET state = ? WHERE id = ?").text(stateName(step.m_State)).text(id).step();
     addHistory(id, step);
     if (notification) {
         addNotification(*notification);
@@ -121,11 +121,11 @@ std::vector<Notification> Store::notifications(std::int64_t after) {
 void Store::updateNotification(Notification const& notification) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     m_Database.prepare("UPDATE notifications SET attempts = ?, pending = ?, time = ?, outcome = ? WHERE number = ?")
-        .number(notification.attempts)
-        .number(notification.pending ? 1 : 0)
-        .text(notification.time)
-        .bytes(notification.outcome)
-        .number(notification.number)
+        .number(notification.m_Attempts)
+        .number(notification.m_Pending ? 1 : 0)
+        .text(notification.m_Time)
+        .bytes(notification.m_Outcome)
+        .number(notification.m_Number)
         .step();
 }
 
@@ -134,55 +134,55 @@ std::optional<PaymentRecord> Store::findPayment(Statement& row) {
         return std::nullopt;
     }
     PaymentRecord record;
-    Payment& payment = record.payment;
-    payment.id = row.column(0);
-    payment.account = row.column(1);
-    payment.token = row.column(2);
-    payment.state = stateFromName(row.column(3));
-    record.formKey = row.column(4);
-    record.message = row.column(5);
+    Payment& payment = record.m_Payment;
+    payment.m_Id = row.column(0);
+    payment.m_Account = row.column(1);
+    payment.m_Token = row.column(2);
+    payment.m_State = stateFromName(row.column(3));
+    record.m_FormKey = row.column(4);
+    record.m_Message = row.column(5);
     Statement attributes =
         m_Database.prepare("SELECT name, value FROM payment_attributes WHERE payment = ? ORDER BY position");
-    attributes.text(payment.id);
+    attributes.text(payment.m_Id);
     while (attributes.step()) {
-        payment.attributes.emplace_back(attributes.column(0), attributes.column(1));
+        payment.m_Attributes.emplace_back(attributes.column(0), attributes.column(1));
     }
     Statement history = m_Database.prepare("SELECT time, state, note FROM history WHERE payment = ? ORDER BY number");
-    history.text(payment.id);
+    history.text(payment.m_Id);
     while (history.step()) {
-        payment.history.push_back({history.column(0), stateFromName(history.column(1)), history.column(2)});
+        payment.m_History.push_back({history.column(0), stateFromName(history.column(1)), history.column(2)});
     }
     return record;
 }
 
 void Store::insertPayment(PaymentRecord const& fresh, std::string const& time) {
-    Payment const& payment = fresh.payment;
+    Payment const& payment = fresh.m_Payment;
     m_Database.prepare("INSERT INTO payments (id, account, token, state, form_key, message) VALUES (?, ?, ?, ?, ?, ?)")
-        .text(payment.id)
-        .text(payment.account)
-        .text(payment.token)
-        .text(stateName(payment.state))
-        .text(fresh.formKey)
-        .bytes(fresh.message)
+        .text(payment.m_Id)
+        .text(payment.m_Account)
+        .text(payment.m_Token)
+        .text(stateName(payment.m_State))
+        .text(fresh.m_FormKey)
+        .bytes(fresh.m_Message)
         .step();
     std::int64_t position = 0;
-    for (auto const& [name, value] : payment.attributes) {
+    for (auto const& [name, value] : payment.m_Attributes) {
         m_Database.prepare("INSERT INTO payment_attributes (payment, position, name, value) VALUES (?, ?, ?, ?)")
-            .text(payment.id)
+            .text(payment.m_Id)
             .number(position++)
             .text(name)
             .bytes(value)
             .step();
     }
-    addHistory(payment.id, {time, payment.state, "payment page asked for"});
+    addHistory(payment.m_Id, {time, payment.m_State, "payment page asked for"});
 }
 
 void Store::addHistory(std::string const& id, HistoryEntry const& step) {
     m_Database.prepare("INSERT INTO history (payment, time, state, note) VALUES (?, ?, ?, ?)")
         .text(id)
-        .text(step.time)
-        .text(stateName(step.state))
-        .text(step.note)
+        .text(step.m_Time)
+        .text(stateName(step.m_State))
+        .text(step.m_Note)
         .step();
 }
 
@@ -191,13 +191,13 @@ void Store::addNotification(Notification const& notification) {
         .prepare(
             "INSERT INTO notifications (payment, address, result, attempts, pending, time, outcome) "
             "VALUES (?, ?, ?, ?, ?, ?, ?)")
-        .text(notification.payment)
-        .bytes(notification.address)
-        .text(notification.result)
-        .number(notification.attempts)
-        .number(notification.pending ? 1 : 0)
-        .text(notification.time)
-        .bytes(notification.outcome)
+        .text(notification.m_Payment)
+        .bytes(notification.m_Address)
+        .text(notification.m_Result)
+        .number(notification.m_Attempts)
+        .number(notification.m_Pending ? 1 : 0)
+        .text(notification.m_Time)
+        .bytes(notification.m_Outcome)
         .step();
 }
 

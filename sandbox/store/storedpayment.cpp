@@ -7,19 +7,19 @@ namespace sandbox {
 namespace {
 
 struct StateRow {
-    PaymentState state;
-    char const* name;
+    PaymentState m_State;
+    char const* m_Name;
 };
 
 // clang-format off
 constexpr StateRow kStates[] = {
-    {PaymentState::Opened,     "opened"},      // shown to the shopper, not decided
-    {PaymentState::Authorised, "authorised"},  // the shopper pays; the merchant may capture
-    {PaymentState::Declined,   "declined"},    // final
-    {PaymentState::Cancelled,  "cancelled"},   // final
-    {PaymentState::Expired,    "expired"},     // final: nothing was decided in time
-    {PaymentState::Captured,   "captured"},    // the merchant has taken the money
-    {PaymentState::Completed,  "completed"},   // final
+    {PaymentState::kOpened,     "opened"},      // shown to the shopper, not decided
+    {PaymentState::kAuthorised, "authorised"},  // the shopper pays; the merchant may capture
+    {PaymentState::kDeclined,   "declined"},    // final
+    {PaymentState::kCancelled,  "cancelled"},   // final
+    {PaymentState::kExpired,    "expired"},     // final: nothing was decided in time
+    {PaymentState::kCaptured,   "captured"},    // the merchant has taken the money
+    {PaymentState::kCompleted,  "completed"},   // final
 };
 // clang-format on
 
@@ -27,8 +27,8 @@ constexpr StateRow kStates[] = {
 
 char const* stateName(PaymentState state) {
     for (StateRow const& row : kStates) {
-        if (row.state == state) {
-            return row.name;
+        if (row.m_State == state) {
+            return row.m_Name;
         }
     }
     throw std::logic_error("a payment state without a name");
@@ -36,15 +36,15 @@ char const* stateName(PaymentState state) {
 
 PaymentState stateFromName(std::string const& name) {
     for (StateRow const& row : kStates) {
-        if (name == row.name) {
-            return row.state;
+        if (name == row.m_Name) {
+            return row.m_State;
         }
     }
     throw std::runtime_error("the database holds an unknown payment state: " + name);
 }
 
 std::optional<std::string> Payment::attribute(std::string const& name) const {
-    for (auto const& [present, value] : attributes) {
+    for (auto const& [present, value] : m_Attributes) {
         if (present == name) {
             return value;
         }

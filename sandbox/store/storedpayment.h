@@ -12,7 +12,7 @@ namespace sandbox {
 /// Where a payment stands. A shopper's decision leads from `Opened` to `Authorised`, `Declined` or `Cancelled`, and
 /// time to `Expired`; the merchant leads an authorised payment on to `Captured` and `Completed`. The names are kept in
 /// the database: do not change them.
-enum class PaymentState { Opened, Authorised, Declined, Cancelled, Expired, Captured, Completed };
+enum class PaymentState { kOpened, kAuthorised, kDeclined, kCancelled, kExpired, kCaptured, kCompleted };
 
 /// The lower-case name of `state`: "opened", "authorised", "declined", "cancelled", "expired", "captured",
 /// "completed".
@@ -23,19 +23,19 @@ PaymentState stateFromName(std::string const& name);
 
 /// One step in the life of a payment.
 struct HistoryEntry {
-    std::string time;  ///< UTC, "2024-01-31T23:59:07Z".
-    PaymentState state = PaymentState::Opened;
-    std::string note;
+    std::string m_Time;  ///< UTC, "2024-01-31T23:59:07Z".
+    PaymentState m_State = PaymentState::kOpened;
+    std::string m_Note;
 };
 
 /// One payment as the service keeps it.
 struct Payment {
-    std::string id;
-    std::string account;  ///< User name of the merchant's account.
-    std::string token;
-    PaymentState state = PaymentState::Opened;
-    Attributes attributes;              ///< Of the PayInit message, in its order, unescaped.
-    std::vector<HistoryEntry> history;  ///< Oldest first.
+    std::string m_Id;
+    std::string m_Account;  ///< User name of the merchant's account.
+    std::string m_Token;
+    PaymentState m_State = PaymentState::kOpened;
+    Attributes m_Attributes;              ///< Of the PayInit message, in its order, unescaped.
+    std::vector<HistoryEntry> m_History;  ///< Oldest first.
 
     /// The value of the attribute `name`, nothing when the PayInit had none.
     [[nodiscard]] std::optional<std::string> attribute(std::string const& name) const;

@@ -23,14 +23,14 @@ std::string addressText(void const* address) {
     return text.str();
 }
 
-Outputs::Outputs() : out(&m_Mark) {
-    std::memset(buffer, kByteMark, sizeof buffer);
+Outputs::Outputs() : m_Out(&m_Mark) {
+    std::memset(m_Buffer, kByteMark, sizeof m_Buffer);
 }
 
 void Outputs::expectUntouched(std::string const& what) const {
-    EXPECT_EQ(size, kSizeMark) << what;
-    EXPECT_TRUE(std::all_of(std::begin(buffer), std::end(buffer), [](char c) { return c == kByteMark; })) << what;
-    EXPECT_EQ(out, &m_Mark) << what;
+    EXPECT_EQ(m_Size, kSizeMark) << what;
+    EXPECT_TRUE(std::all_of(std::begin(m_Buffer), std::end(m_Buffer), [](char c) { return c == kByteMark; })) << what;
+    EXPECT_EQ(m_Out, &m_Mark) << what;
 }
 
 std::vector<FlatFunction> const& flatFunctions() {
@@ -43,35 +43,35 @@ std::vector<FlatFunction> const& flatFunctions() {
         {"ConfigurationSetup_SetOption", Kind::kSetup,
          [](KVX_HANDLE h, Outputs&) { return ConfigurationSetup_SetOption(h, "UserName", "u"); }},
         {"ConfigurationSetup_GetAttribute", Kind::kSetup,
-         [](KVX_HANDLE h, Outputs& o) { return ConfigurationSetup_GetAttribute(h, "f", "n", &o.size, o.buffer); }},
+         [](KVX_HANDLE h, Outputs& o) { return ConfigurationSetup_GetAttribute(h, "f", "n", &o.m_Size, o.m_Buffer); }},
         {"ConfigurationSetup_SetAttribute", Kind::kSetup,
          [](KVX_HANDLE h, Outputs&) { return ConfigurationSetup_SetAttribute(h, "f", "n", "v"); }},
         {"MessageFactory_Open", Kind::kFactory,
          [](KVX_HANDLE h, Outputs&) { return MessageFactory_Open(h, "/"); }},
         {"MessageFactory_CreatePayInit", Kind::kFactory,
-         [](KVX_HANDLE h, Outputs& o) { return MessageFactory_CreatePayInit(h, &o.out); }},
+         [](KVX_HANDLE h, Outputs& o) { return MessageFactory_CreatePayInit(h, &o.m_Out); }},
         {"MessageFactory_VerifyPayConfirm", Kind::kFactory,
-         [](KVX_HANDLE h, Outputs& o) { return MessageFactory_VerifyPayConfirm(h, "d", "s", &o.out); }},
+         [](KVX_HANDLE h, Outputs& o) { return MessageFactory_VerifyPayConfirm(h, "d", "s", &o.m_Out); }},
         {"MessageFactory_CreatePayComplete", Kind::kFactory,
-         [](KVX_HANDLE h, Outputs& o) { return MessageFactory_CreatePayComplete(h, "i", "t", &o.out); }},
+         [](KVX_HANDLE h, Outputs& o) { return MessageFactory_CreatePayComplete(h, "i", "t", &o.m_Out); }},
         {"MessageFactory_CreateRequest", Kind::kFactory,
-         [](KVX_HANDLE h, Outputs& o) { return MessageFactory_CreateRequest(h, "T", &o.out); }},
+         [](KVX_HANDLE h, Outputs& o) { return MessageFactory_CreateRequest(h, "T", &o.m_Out); }},
         {"MessageObject_Open", Kind::kMessage,
          [](KVX_HANDLE h, Outputs&) { return MessageObject_Open(h, "/"); }},
         {"MessageObject_SetAttribute", Kind::kMessage,
          [](KVX_HANDLE h, Outputs&) { return MessageObject_SetAttribute(h, "n", "v"); }},
         {"MessageObject_GetAttribute", Kind::kMessage,
-         [](KVX_HANDLE h, Outputs& o) { return MessageObject_GetAttribute(h, "n", &o.size, o.buffer); }},
+         [](KVX_HANDLE h, Outputs& o) { return MessageObject_GetAttribute(h, "n", &o.m_Size, o.m_Buffer); }},
         {"MessageObject_GetURL", Kind::kMessage,
-         [](KVX_HANDLE h, Outputs& o) { return MessageObject_GetURL(h, &o.size, o.buffer); }},
+         [](KVX_HANDLE h, Outputs& o) { return MessageObject_GetURL(h, &o.m_Size, o.m_Buffer); }},
         {"MessageObject_Capture", Kind::kMessage,
          [](KVX_HANDLE h, Outputs&) { return MessageObject_Capture(h); }},
         {"MessageObject_Execute", Kind::kMessage,
-         [](KVX_HANDLE h, Outputs& o) { return MessageObject_Execute(h, &o.out); }},
+         [](KVX_HANDLE h, Outputs& o) { return MessageObject_Execute(h, &o.m_Out); }},
         {"MessageObject_FromString", Kind::kMessage,
          [](KVX_HANDLE h, Outputs&) { return MessageObject_FromString(h, "<KVX/>"); }},
         {"MessageObject_ToString", Kind::kMessage,
-         [](KVX_HANDLE h, Outputs& o) { return MessageObject_ToString(h, &o.size, o.buffer); }},
+         [](KVX_HANDLE h, Outputs& o) { return MessageObject_ToString(h, &o.m_Size, o.m_Buffer); }},
     };
     // clang-format on
     return functions;
@@ -146,9 +146,9 @@ std::string urlOf(KVX_HANDLE message) {
 std::set<void*> addressesOf(KindFunctions const& kind, int count) {
     std::set<void*> addresses;
     for (int i = 0; i < count; ++i) {
-        KVX_HANDLE const handle = kind.create();
+        KVX_HANDLE const handle = kind.m_Create();
         addresses.insert(handle);
-        kind.destroy(handle);
+        kind.m_Destroy(handle);
     }
     return addresses;
 }
@@ -158,8 +158,8 @@ std::set<void*> wholeCycle(KindFunctions const& kind) {
     std::set<void*> addresses;
     void* first = nullptr;
     for (int i = 0; i < kMost; ++i) {
-        KVX_HANDLE const handle = kind.create();
-        kind.destroy(handle);
+        KVX_HANDLE const handle = kind.m_Create();
+        kind.m_Destroy(handle);
         if (handle == first) {
             return addresses;
         }

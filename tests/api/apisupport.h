@@ -65,9 +65,9 @@ struct Outputs {
 
     Outputs();
 
-    std::int32_t size = kSizeMark;
-    char buffer[128];
-    KVX_HANDLE out;
+    std::int32_t m_Size = kSizeMark;
+    char m_Buffer[128];
+    KVX_HANDLE m_Out;
 
     /// Fails the test when anything has been written.
     void expectUntouched(std::string const& what) const;
@@ -80,9 +80,9 @@ enum class Kind { kSetup, kFactory, kMessage };
 
 /// A flat function that takes a handle.
 struct FlatFunction {
-    char const* name;
-    Kind kind;
-    std::int32_t (*call)(KVX_HANDLE handle, Outputs& outputs);
+    char const* m_Name;
+    Kind m_Kind;
+    std::int32_t (*m_Call)(KVX_HANDLE handle, Outputs& outputs);
 };
 
 /// All of them, called with harmless arguments.
@@ -90,10 +90,10 @@ std::vector<FlatFunction> const& flatFunctions();
 
 /// Creates and destroys objects of a kind.
 struct KindFunctions {
-    char const* name;
-    Kind kind;
-    KVX_HANDLE (*create)();
-    void (*destroy)(KVX_HANDLE);
+    char const* m_Name;
+    Kind m_Kind;
+    KVX_HANDLE (*m_Create)();
+    void (*m_Destroy)(KVX_HANDLE);
 };
 std::vector<KindFunctions> const& allKinds();
 

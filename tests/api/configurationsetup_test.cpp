@@ -69,7 +69,7 @@ TEST(ConfigurationSetup, KeepsAnEmptyValueFromBeingWrittenAndSucceeds) {
 TEST(ConfigurationSetup, RefusesEverythingButOptionsBeforeADirectoryIsChosen) {
     SetupHandle const setup;
     Outputs outputs;
-    EXPECT_EQ(ConfigurationSetup_GetAttribute(setup.get(), "config.xml", "VTURL", &outputs.size, outputs.buffer),
+    EXPECT_EQ(ConfigurationSetup_GetAttribute(setup.get(), "config.xml", "VTURL", &outputs.m_Size, outputs.m_Buffer),
               KVX_E_NO_CONTEXT);
     EXPECT_EQ(ConfigurationSetup_SetAttribute(setup.get(), "config.xml", "VTURL", "v"), KVX_E_NO_CONTEXT);
     EXPECT_EQ(ConfigurationSetup_Reconfigure(setup.get(), "http://127.0.0.1:1/auto", "u", "p"), KVX_E_NO_CONTEXT);
@@ -85,10 +85,10 @@ TEST(ConfigurationSetup, TellsTheFailuresOfValuesApart) {
     SetupHandle const setup;
     ASSERT_EQ(ConfigurationSetup_SetConfiguration(setup.get(), account.path().c_str()), KVX_OK);
     struct Row {
-        char const* file;
-        char const* name;
-        std::int32_t get;
-        std::int32_t set;
+        char const* m_File;
+        char const* m_Name;
+        std::int32_t m_Get;
+        std::int32_t m_Set;
     };
     // clang-format off
     Row const rows[] = {
@@ -107,14 +107,15 @@ TEST(ConfigurationSetup, TellsTheFailuresOfValuesApart) {
     // clang-format on
     for (Row const& row : rows) {
         Outputs outputs;
-        EXPECT_EQ(ConfigurationSetup_GetAttribute(setup.get(), row.file, row.name, &outputs.size, outputs.buffer),
-                  row.get)
-            << row.file << " " << row.name;
-        outputs.expectUntouched(std::string(row.file) + " " + row.name);
+        EXPECT_EQ(
+            ConfigurationSetup_GetAttribute(setup.get(), row.m_File, row.m_Name, &outputs.m_Size, outputs.m_Buffer),
+            row.m_Get)
+            << row.m_File << " " << row.m_Name;
+        outputs.expectUntouched(std::string(row.m_File) + " " + row.m_Name);
     }
     for (Row const& row : rows) {
-        EXPECT_EQ(ConfigurationSetup_SetAttribute(setup.get(), row.file, row.name, "v"), row.set)
-            << row.file << " " << row.name;
+        EXPECT_EQ(ConfigurationSetup_SetAttribute(setup.get(), row.m_File, row.m_Name, "v"), row.m_Set)
+            << row.m_File << " " << row.m_Name;
     }
     EXPECT_EQ(account.read("broken.xml"), "<KVX A=");
     EXPECT_FALSE(account.exists("missing.xml"));
@@ -126,10 +127,10 @@ TEST(ConfigurationSetup, NamesItsSourceAndLineForAMissingValue) {
     setup.SetConfiguration(stringOf(account.path()));
     TbString value("before");
     Thrown const failure = thrown([&] { setup.GetAttribute("config.xml", "NONE", value); });
-    EXPECT_EQ(failure.code, KVX_E_NOT_FOUND);
-    EXPECT_EQ(failure.text, "requested item was not found");
-    EXPECT_EQ(failure.file, "cConfigurationSetup");
-    EXPECT_EQ(failure.line, 42);
+    EXPECT_EQ(failure.m_Code, KVX_E_NOT_FOUND);
+    EXPECT_EQ(failure.m_Text, "requested item was not found");
+    EXPECT_EQ(failure.m_File, "cConfigurationSetup");
+    EXPECT_EQ(failure.m_Line, 42);
     setup.GetAttribute("config.xml", "VTKEYID", value);
     EXPECT_EQ(bytesOf(value), "server");
 }
@@ -147,8 +148,8 @@ TEST(ConfigurationSetup, KnowsThreeOptions) {
     EXPECT_EQ(ConfigurationSetup_SetOption(setup.get(), nullptr, nullptr), KVX_E_INVALID_OPTION);
     KVXCIMPL_ConfigurationSetup object;
     Thrown const failure = thrown([&] { object.SetOption("nonsense", ""); });
-    EXPECT_EQ(failure.file, "kvxctx");
-    EXPECT_EQ(failure.line, 38);
+    EXPECT_EQ(failure.m_File, "kvxctx");
+    EXPECT_EQ(failure.m_Line, 38);
 }
 
 TEST(ConfigurationSetup, CreatesTheLastDirectoryOfItsPathOnly) {
@@ -171,7 +172,7 @@ TEST(ConfigurationSetup, KeepsReportingAFailedDirectoryAsASmallPositiveNumberAnd
     EXPECT_LT(result, 4096);
     Outputs outputs;
     // Not "no context": the path is in place, only the file is missing.
-    EXPECT_EQ(ConfigurationSetup_GetAttribute(setup.get(), "config.xml", "A", &outputs.size, outputs.buffer),
+    EXPECT_EQ(ConfigurationSetup_GetAttribute(setup.get(), "config.xml", "A", &outputs.m_Size, outputs.m_Buffer),
               KVX_E_CANNOT_OPEN);
     outputs.expectUntouched("failed directory");
 }
@@ -192,7 +193,7 @@ TEST(ConfigurationSetup, CountsNullTextsAsEmpty) {
     ASSERT_EQ(ConfigurationSetup_SetConfiguration(setup.get(), account.path().c_str()), KVX_OK);
     EXPECT_EQ(valueOf(setup.get(), "keys/current", nullptr), "own");
     Outputs outputs;
-    EXPECT_EQ(ConfigurationSetup_GetAttribute(setup.get(), nullptr, nullptr, &outputs.size, outputs.buffer),
+    EXPECT_EQ(ConfigurationSetup_GetAttribute(setup.get(), nullptr, nullptr, &outputs.m_Size, outputs.m_Buffer),
               KVX_E_CANNOT_OPEN);
     EXPECT_EQ(ConfigurationSetup_SetAttribute(setup.get(), nullptr, nullptr, nullptr), KVX_OK);
     EXPECT_EQ(ConfigurationSetup_SetAttribute(setup.get(), nullptr, nullptr, "v"), KVX_E_CANNOT_OPEN);
@@ -262,6 +263,6 @@ TEST(Reconfigure, TellsTheServersReasonThroughTheClass) {
     KVXCIMPL_ConfigurationSetup setup;
     setup.SetConfiguration(stringOf(dir.path()));
     Thrown const failure = thrown([&] { setup.Reconfigure(stringOf(autoUrl(server)), "us", "pw"); });
-    EXPECT_EQ(failure.code, KVX_E_SERVER_ERROR);
-    EXPECT_EQ(failure.text, "the request failed (not today)");
+    EXPECT_EQ(failure.m_Code, KVX_E_SERVER_ERROR);
+    EXPECT_EQ(failure.m_Text, "the request failed (not today)");
 }

@@ -13,9 +13,9 @@ namespace {
 class CopyOutTest : public testing::Test {
 protected:
     struct Source {
-        std::string name;
-        std::string text;
-        CopyOut call;
+        std::string m_Name;
+        std::string m_Text;
+        CopyOut m_Call;
     };
 
     CopyOutTest() {
@@ -51,30 +51,30 @@ protected:
 
 TEST_F(CopyOutTest, AsksTwiceAsItShould) {
     for (Source const& source : m_Sources) {
-        EXPECT_EQ(copiedOut(source.call), source.text) << source.name;
+        EXPECT_EQ(copiedOut(source.m_Call), source.m_Text) << source.m_Name;
     }
 }
 
 TEST_F(CopyOutTest, CopiesOnlyWhatFitsWholeAndAlwaysTellsTheNeed) {
     for (Source const& source : m_Sources) {
-        auto const need = static_cast<std::int32_t>(source.text.size()) + 1;
+        auto const need = static_cast<std::int32_t>(source.m_Text.size()) + 1;
         struct Row {
-            std::int32_t size;
-            bool fits;
+            std::int32_t m_Size;
+            bool m_Fits;
         };
         for (Row const row : {Row{INT_MIN, false}, Row{-1, false}, Row{0, false}, Row{1, false}, Row{need - 1, false},
                               Row{need, true}, Row{need + 1, true}, Row{INT_MAX, true}}) {
-            std::string const what = source.name + " with size " + std::to_string(row.size);
-            std::string buffer(source.text.size() + 8, '#');
-            std::int32_t size = row.size;
-            EXPECT_EQ(source.call(&size, buffer.data()), row.fits ? KVX_OK : KVX_E_BUFFER_TOO_SMALL) << what;
+            std::string const what = source.m_Name + " with size " + std::to_string(row.m_Size);
+            std::string buffer(source.m_Text.size() + 8, '#');
+            std::int32_t size = row.m_Size;
+            EXPECT_EQ(source.m_Call(&size, buffer.data()), row.m_Fits ? KVX_OK : KVX_E_BUFFER_TOO_SMALL) << what;
             EXPECT_EQ(size, need) << what;
-            std::string const expected =
-                row.fits ? source.text + std::string(1, '\0') + "#######" : std::string(source.text.size() + 8, '#');
+            std::string const expected = row.m_Fits ? source.m_Text + std::string(1, '\0') + "#######"
+                                                    : std::string(source.m_Text.size() + 8, '#');
             EXPECT_EQ(buffer, expected) << what;
 
-            size = row.size;
-            EXPECT_EQ(source.call(&size, nullptr), row.fits ? KVX_OK : KVX_E_BUFFER_TOO_SMALL) << what;
+            size = row.m_Size;
+            EXPECT_EQ(source.m_Call(&size, nullptr), row.m_Fits ? KVX_OK : KVX_E_BUFFER_TOO_SMALL) << what;
             EXPECT_EQ(size, need) << what << " without a buffer";
         }
     }
@@ -83,9 +83,9 @@ TEST_F(CopyOutTest, CopiesOnlyWhatFitsWholeAndAlwaysTellsTheNeed) {
 TEST_F(CopyOutTest, WithoutASizeIsTooSmallAndWritesNothing) {
     for (Source const& source : m_Sources) {
         Outputs outputs;
-        EXPECT_EQ(source.call(nullptr, outputs.buffer), KVX_E_BUFFER_TOO_SMALL) << source.name;
-        EXPECT_EQ(source.call(nullptr, nullptr), KVX_E_BUFFER_TOO_SMALL) << source.name;
-        outputs.expectUntouched(source.name);
+        EXPECT_EQ(source.m_Call(nullptr, outputs.m_Buffer), KVX_E_BUFFER_TOO_SMALL) << source.m_Name;
+        EXPECT_EQ(source.m_Call(nullptr, nullptr), KVX_E_BUFFER_TOO_SMALL) << source.m_Name;
+        outputs.expectUntouched(source.m_Name);
     }
 }
 
@@ -131,12 +131,12 @@ TEST_F(CopyOutTest, LeavesTheSizeAloneWhenTheCallFails) {
     for (std::int32_t const given : {-1, 0, 5, 1000}) {
         std::int32_t size = given;
         Outputs outputs;
-        EXPECT_EQ(ConfigurationSetup_GetAttribute(m_Setup.get(), "config.xml", "NONE", &size, outputs.buffer),
+        EXPECT_EQ(ConfigurationSetup_GetAttribute(m_Setup.get(), "config.xml", "NONE", &size, outputs.m_Buffer),
                   KVX_E_NOT_FOUND);
-        EXPECT_EQ(MessageObject_GetAttribute(m_Message.get(), "NONE", &size, outputs.buffer), KVX_E_NOT_FOUND);
+        EXPECT_EQ(MessageObject_GetAttribute(m_Message.get(), "NONE", &size, outputs.m_Buffer), KVX_E_NOT_FOUND);
         MessageHandle const empty;
-        EXPECT_EQ(MessageObject_ToString(empty.get(), &size, outputs.buffer), KVX_E_UNEXPECTED);
-        EXPECT_EQ(MessageObject_GetURL(empty.get(), &size, outputs.buffer), KVX_E_UNEXPECTED);
+        EXPECT_EQ(MessageObject_ToString(empty.get(), &size, outputs.m_Buffer), KVX_E_UNEXPECTED);
+        EXPECT_EQ(MessageObject_GetURL(empty.get(), &size, outputs.m_Buffer), KVX_E_UNEXPECTED);
         EXPECT_EQ(size, given);
         outputs.expectUntouched("failing calls");
     }
@@ -147,7 +147,7 @@ TEST_F(CopyOutTest, KeepsACodeForMissingMemoryInToStringAlone) {
         int thrown = 0;
         int returned = 0;
         for (long number = 0;; ++number) {
-            ASSERT_LT(number, 10000) << source.name;
+            ASSERT_LT(number, 10000) << source.m_Name;
             Outputs outputs;
             std::int32_t result = 0;
             bool failed = false;
@@ -155,7 +155,7 @@ TEST_F(CopyOutTest, KeepsACodeForMissingMemoryInToStringAlone) {
             {
                 FailingAllocation const failing(number, FailingAllocation::Mode::kOnlyThat);
                 try {
-                    result = source.call(&outputs.size, outputs.buffer);
+                    result = source.m_Call(&outputs.m_Size, outputs.m_Buffer);
                 } catch (TBFC_Exception const& failure) {
                     EXPECT_EQ(failure.code(), KVX_E_OUT_OF_MEMORY);
                     failed = true;
@@ -167,14 +167,14 @@ TEST_F(CopyOutTest, KeepsACodeForMissingMemoryInToStringAlone) {
             }
             if (failed) {
                 ++thrown;
-                outputs.expectUntouched(source.name);
+                outputs.expectUntouched(source.m_Name);
             } else {
-                EXPECT_EQ(result, KVX_E_OUT_OF_MEMORY) << source.name;
+                EXPECT_EQ(result, KVX_E_OUT_OF_MEMORY) << source.m_Name;
                 ++returned;
-                outputs.expectUntouched(source.name);
+                outputs.expectUntouched(source.m_Name);
             }
         }
-        EXPECT_GT(thrown, 0) << source.name;
-        EXPECT_EQ(returned, source.name == "MessageObject_ToString" ? 1 : 0) << source.name;
+        EXPECT_GT(thrown, 0) << source.m_Name;
+        EXPECT_EQ(returned, source.m_Name == "MessageObject_ToString" ? 1 : 0) << source.m_Name;
     }
 }

@@ -13,8 +13,8 @@ constexpr char kText[] = "invalid signature";
 constexpr std::int32_t kNeed = sizeof kText;
 
 struct Copied {
-    std::int32_t size;
-    char const* expected;  ///< Null: nothing is written.
+    std::int32_t m_Size;
+    char const* m_Expected;  ///< Null: nothing is written.
 };
 
 }  // namespace
@@ -34,14 +34,14 @@ TEST(ErrorText, CopiesAsMuchAsFitsAndTellsTheNeed) {
     };
     for (Copied const& row : rows) {
         Outputs outputs;
-        std::int32_t size = row.size;
-        EXPECT_EQ(KVX_GetErrorStringFromResult(KVX_E_INVALID_SIGNATURE, &size, outputs.buffer), 1) << row.size;
-        EXPECT_EQ(size, kNeed) << row.size;
-        if (row.expected == nullptr) {
-            outputs.expectUntouched("size " + std::to_string(row.size));
+        std::int32_t size = row.m_Size;
+        EXPECT_EQ(KVX_GetErrorStringFromResult(KVX_E_INVALID_SIGNATURE, &size, outputs.m_Buffer), 1) << row.m_Size;
+        EXPECT_EQ(size, kNeed) << row.m_Size;
+        if (row.m_Expected == nullptr) {
+            outputs.expectUntouched("size " + std::to_string(row.m_Size));
         } else {
-            EXPECT_STREQ(outputs.buffer, row.expected) << row.size;
-            EXPECT_EQ(outputs.buffer[std::strlen(row.expected) + 1], Outputs::kByteMark) << row.size;
+            EXPECT_STREQ(outputs.m_Buffer, row.m_Expected) << row.m_Size;
+            EXPECT_EQ(outputs.m_Buffer[std::strlen(row.m_Expected) + 1], Outputs::kByteMark) << row.m_Size;
         }
     }
 }
@@ -56,7 +56,7 @@ TEST(ErrorText, TellsTheNeedWithoutABuffer) {
 
 TEST(ErrorText, KeepsAnsweringANullSizeLikeAnUnknownCode) {
     Outputs outputs;
-    EXPECT_EQ(KVX_GetErrorStringFromResult(KVX_E_INVALID_SIGNATURE, nullptr, outputs.buffer), 0);
+    EXPECT_EQ(KVX_GetErrorStringFromResult(KVX_E_INVALID_SIGNATURE, nullptr, outputs.m_Buffer), 0);
     EXPECT_EQ(KVX_GetErrorStringFromResult(KVX_E_INVALID_SIGNATURE, nullptr, nullptr), 0);
     outputs.expectUntouched("null size");
 }
@@ -67,7 +67,7 @@ TEST(ErrorText, OfACodeWithoutOneTouchesNothing) {
           KVX_E_CANNOT_OPEN, KVX_E_OUT_OF_RANGE, KVX_E_DUPLICATE_KEY, KVX_E_HTTP_BAD_URL, KVX_E_HTTP_UNKNOWN_SCHEME,
           KVX_E_HTTP_BAD_REPLY, KVX_E_HTTP_STATE, KVX_E_HTTP_FAMILY, KVX_E_SOCKET_FAMILY, KVX_E_TLS_FAMILY}) {
         Outputs outputs;
-        EXPECT_EQ(KVX_GetErrorStringFromResult(code, &outputs.size, outputs.buffer), 0) << code;
+        EXPECT_EQ(KVX_GetErrorStringFromResult(code, &outputs.m_Size, outputs.m_Buffer), 0) << code;
         EXPECT_EQ(KVX_GetErrorStringFromResult(code, nullptr, nullptr), 0) << code;
         outputs.expectUntouched("code " + std::to_string(code));
     }

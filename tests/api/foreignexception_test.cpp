@@ -56,13 +56,13 @@ TEST(ForeignException, PassesThroughTheFlatFunctions) {
 
     auto const made = [](std::int32_t result, Outputs const& outputs) {
         if (result == KVX_OK) {
-            DestroyMessageObject(outputs.out);
+            DestroyMessageObject(outputs.m_Out);
         }
         return result;
     };
     struct Row {
-        char const* name;
-        std::function<std::int32_t(Outputs&)> call;
+        char const* m_Name;
+        std::function<std::int32_t(Outputs&)> m_Call;
     };
     std::vector<Row> const rows = {
         {"SetConfiguration",
@@ -71,19 +71,19 @@ TEST(ForeignException, PassesThroughTheFlatFunctions) {
         {"SetAttribute",
          [&](Outputs&) { return ConfigurationSetup_SetAttribute(setup.get(), "config.xml", "NEW", "1"); }},
         {"Open", [&](Outputs&) { return MessageFactory_Open(factory.get(), account.path().c_str()); }},
-        {"CreatePayInit", [&](Outputs& o) { return made(MessageFactory_CreatePayInit(factory.get(), &o.out), o); }},
+        {"CreatePayInit", [&](Outputs& o) { return made(MessageFactory_CreatePayInit(factory.get(), &o.m_Out), o); }},
         {"VerifyPayConfirm",
          [&](Outputs& o) {
-             return made(MessageFactory_VerifyPayConfirm(factory.get(), kConfirmation, signature.c_str(), &o.out), o);
+             return made(MessageFactory_VerifyPayConfirm(factory.get(), kConfirmation, signature.c_str(), &o.m_Out), o);
          }},
         {"CreatePayComplete",
-         [&](Outputs& o) { return made(MessageFactory_CreatePayComplete(factory.get(), "i", "t", &o.out), o); }},
+         [&](Outputs& o) { return made(MessageFactory_CreatePayComplete(factory.get(), "i", "t", &o.m_Out), o); }},
         {"CreateRequest",
-         [&](Outputs& o) { return made(MessageFactory_CreateRequest(factory.get(), "T", &o.out), o); }},
+         [&](Outputs& o) { return made(MessageFactory_CreateRequest(factory.get(), "T", &o.m_Out), o); }},
         {"SetAttribute", [&](Outputs&) { return MessageObject_SetAttribute(message.get(), "MSGTYPE", "T"); }},
     };
     for (Row const& row : rows) {
-        EXPECT_GT(expectMemoryExhaustionPasses(row.name, row.call), 0) << row.name;
+        EXPECT_GT(expectMemoryExhaustionPasses(row.m_Name, row.m_Call), 0) << row.m_Name;
     }
 }
 

@@ -13,10 +13,10 @@ namespace {
 /// Calls every function of `kind` with `handle` and expects a refusal that touches nothing.
 void expectRefused(Kind kind, KVX_HANDLE handle, std::string const& what) {
     for (FlatFunction const& function : flatFunctions()) {
-        if (function.kind == kind) {
+        if (function.m_Kind == kind) {
             Outputs outputs;
-            EXPECT_EQ(function.call(handle, outputs), KVX_E_BAD_HANDLE) << function.name << " with " << what;
-            outputs.expectUntouched(std::string(function.name) + " with " + what);
+            EXPECT_EQ(function.m_Call(handle, outputs), KVX_E_BAD_HANDLE) << function.m_Name << " with " << what;
+            outputs.expectUntouched(std::string(function.m_Name) + " with " + what);
         }
     }
 }
@@ -42,9 +42,9 @@ char* bytesAt(KVX_HANDLE handle) {
 
 TEST(Handle, OfALivingObjectIsAccepted) {
     for (KindFunctions const& kind : allKinds()) {
-        OwnedHandle const handle(kind.create(), kind.destroy);
+        OwnedHandle const handle(kind.m_Create(), kind.m_Destroy);
         ASSERT_NE(handle.get(), nullptr);
-        EXPECT_TRUE(isAccepted(kind.kind, handle.get())) << kind.name;
+        EXPECT_TRUE(isAccepted(kind.m_Kind, handle.get())) << kind.m_Name;
     }
 }
 
@@ -54,24 +54,24 @@ TEST(Handle, TableHoldsAllFunctions) {
 
 TEST(Handle, NullIsRefusedByEveryFunction) {
     for (KindFunctions const& kind : allKinds()) {
-        expectRefused(kind.kind, nullptr, "null");
+        expectRefused(kind.m_Kind, nullptr, "null");
     }
 }
 
 TEST(Handle, OfADestroyedObjectIsRefusedByEveryFunction) {
     for (KindFunctions const& kind : allKinds()) {
-        KVX_HANDLE const handle = kind.create();
-        kind.destroy(handle);
-        expectRefused(kind.kind, handle, "a destroyed handle");
+        KVX_HANDLE const handle = kind.m_Create();
+        kind.m_Destroy(handle);
+        expectRefused(kind.m_Kind, handle, "a destroyed handle");
     }
 }
 
 TEST(Handle, IsRefusedLongAfterItsObjectWasDestroyed) {
     for (KindFunctions const& kind : allKinds()) {
-        KVX_HANDLE const handle = kind.create();
-        kind.destroy(handle);
+        KVX_HANDLE const handle = kind.m_Create();
+        kind.m_Destroy(handle);
         addressesOf(kind, 1000);
-        expectRefused(kind.kind, handle, "a handle destroyed long ago");
+        expectRefused(kind.m_Kind, handle, "a handle destroyed long ago");
     }
 }
 
@@ -91,10 +91,10 @@ TEST(Handle, OfAnObjectThatItsOwnClassDestroyedIsRefused) {
 TEST(Handle, OfEveryOtherKindIsRefusedByEveryFunction) {
     for (KindFunctions const& own : allKinds()) {
         for (KindFunctions const& other : allKinds()) {
-            if (own.kind != other.kind) {
-                OwnedHandle const handle(other.create(), other.destroy);
-                expectRefused(own.kind, handle.get(), std::string("the handle of a ") + other.name);
-                EXPECT_TRUE(isAccepted(other.kind, handle.get())) << other.name;
+            if (own.m_Kind != other.m_Kind) {
+                OwnedHandle const handle(other.m_Create(), other.m_Destroy);
+                expectRefused(own.m_Kind, handle.get(), std::string("the handle of a ") + other.m_Name);
+                EXPECT_TRUE(isAccepted(other.m_Kind, handle.get())) << other.m_Name;
             }
         }
     }
@@ -105,16 +105,17 @@ TEST(Handle, ToMemoryWithoutTheSignatureWordIsRefused) {
     for (std::uint32_t const word : {0U, 1U, 0xAFFEAFFFU, 0x2FFEAFFEU, 0xFEAFFEAFU, 0xFFFFFFFFU}) {
         words[0] = word;
         for (KindFunctions const& kind : allKinds()) {
-            expectRefused(kind.kind, words.data(), "the word " + std::to_string(word));
+            expectRefused(kind.m_Kind, words.data(), "the word " + std::to_string(word));
         }
     }
 }
 
 TEST(Handle, IntoTheMiddleOfAnObjectIsRefused) {
     for (KindFunctions const& kind : allKinds()) {
-        OwnedHandle const handle(kind.create(), kind.destroy);
+        OwnedHandle const handle(kind.m_Create(), kind.m_Destroy);
         for (int const offset : {1, 2, 3, 4, 8, 16, 63, 64, 128, 256, 511}) {
-            expectRefused(kind.kind, bytesAt(handle.get()) + offset, "an address inside, at " + std::to_string(offset));
+            expectRefused(kind.m_Kind, bytesAt(handle.get()) + offset,
+                          "an address inside, at " + std::to_string(offset));
         }
     }
 }
@@ -127,18 +128,18 @@ TEST(Handle, IntoTheMiddleIsRefusedEvenOfAnObjectThatHoldsTheSignatureWord) {
     static_assert(sizeof(KVXCIMPL_MessageObject) <= kFree * sizeof(std::uint32_t));
     words[kFree] = 0xAFFEAFFEU;
     for (KindFunctions const& kind : allKinds()) {
-        expectRefused(kind.kind, words + kFree, "the word inside a slot");
+        expectRefused(kind.m_Kind, words + kFree, "the word inside a slot");
     }
     words[kFree] = 0;
 }
 
 TEST(Handle, ToASlotThatNeverHeldAnObjectIsRefused) {
     for (KindFunctions const& kind : allKinds()) {
-        OwnedHandle const handle(kind.create(), kind.destroy);
+        OwnedHandle const handle(kind.m_Create(), kind.m_Destroy);
         for (int slots = 1; slots <= 4; ++slots) {
             KVX_HANDLE const other = bytesAt(handle.get()) + 512 * slots;
-            if (!isAccepted(kind.kind, other)) {
-                expectRefused(kind.kind, other, "a free slot");
+            if (!isAccepted(kind.m_Kind, other)) {
+                expectRefused(kind.m_Kind, other, "a free slot");
             }
         }
     }
@@ -185,31 +186,32 @@ TEST(Handle, OfACxxObjectWorksThroughBothFaces) {
 
 TEST(DestroyFunction, IgnoresNull) {
     for (KindFunctions const& kind : allKinds()) {
-        kind.destroy(nullptr);
+        kind.m_Destroy(nullptr);
     }
 }
 
 TEST(DestroyFunction, IgnoresASecondCall) {
     for (KindFunctions const& kind : allKinds()) {
-        KVX_HANDLE const first = kind.create();
-        kind.destroy(first);
-        kind.destroy(first);
-        OwnedHandle const second(kind.create(), kind.destroy);
-        OwnedHandle const third(kind.create(), kind.destroy);
-        EXPECT_NE(second.get(), third.get()) << kind.name;
-        kind.destroy(first);
-        EXPECT_TRUE(isAccepted(kind.kind, second.get())) << kind.name;
-        EXPECT_TRUE(isAccepted(kind.kind, third.get())) << kind.name;
+        KVX_HANDLE const first = kind.m_Create();
+        kind.m_Destroy(first);
+        kind.m_Destroy(first);
+        OwnedHandle const second(kind.m_Create(), kind.m_Destroy);
+        OwnedHandle const third(kind.m_Create(), kind.m_Destroy);
+        EXPECT_NE(second.get(), third.get()) << kind.m_Name;
+        kind.m_Destroy(first);
+        EXPECT_TRUE(isAccepted(kind.m_Kind, second.get())) << kind.m_Name;
+        EXPECT_TRUE(isAccepted(kind.m_Kind, third.get())) << kind.m_Name;
     }
 }
 
 TEST(DestroyFunction, IgnoresAHandleOfAnotherKind) {
     for (KindFunctions const& own : allKinds()) {
-        OwnedHandle const handle(own.create(), own.destroy);
+        OwnedHandle const handle(own.m_Create(), own.m_Destroy);
         for (KindFunctions const& other : allKinds()) {
-            if (own.kind != other.kind) {
-                other.destroy(handle.get());
-                EXPECT_TRUE(isAccepted(own.kind, handle.get())) << own.name << " after destroying a " << other.name;
+            if (own.m_Kind != other.m_Kind) {
+                other.m_Destroy(handle.get());
+                EXPECT_TRUE(isAccepted(own.m_Kind, handle.get()))
+                    << own.m_Name << " after destroying a " << other.m_Name;
             }
         }
     }
@@ -229,11 +231,11 @@ TEST(DestroyFunction, IgnoresAnObjectThatItDidNotMake) {
 
 TEST(DestroyFunction, IgnoresAnAddressInsideAnObject) {
     for (KindFunctions const& kind : allKinds()) {
-        OwnedHandle const handle(kind.create(), kind.destroy);
+        OwnedHandle const handle(kind.m_Create(), kind.m_Destroy);
         for (int const offset : {1, 4, 8, 256}) {
-            kind.destroy(bytesAt(handle.get()) + offset);
+            kind.m_Destroy(bytesAt(handle.get()) + offset);
         }
-        EXPECT_TRUE(isAccepted(kind.kind, handle.get())) << kind.name;
+        EXPECT_TRUE(isAccepted(kind.m_Kind, handle.get())) << kind.m_Name;
     }
 }
 

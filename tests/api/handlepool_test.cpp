@@ -19,13 +19,13 @@ public:
     Living& operator=(Living const&) = delete;
     ~Living() {
         for (KVX_HANDLE const handle : m_Handles) {
-            m_Kind.destroy(handle);
+            m_Kind.m_Destroy(handle);
         }
     }
 
     /// One more; null when there is no memory.
     KVX_HANDLE create() {
-        KVX_HANDLE const handle = m_Kind.create();
+        KVX_HANDLE const handle = m_Kind.m_Create();
         if (handle != nullptr) {
             m_Handles.push_back(handle);
         }
@@ -47,7 +47,7 @@ TEST(HandlePool, GivesAddressesThatArePositiveIn32Bits) {
         for (int i = 0; i < 5000; ++i) {
             auto const address = reinterpret_cast<std::uintptr_t>(living.create());
             ASSERT_NE(address, 0U);
-            ASSERT_LE(address, static_cast<std::uintptr_t>(std::numeric_limits<std::int32_t>::max())) << kind.name;
+            ASSERT_LE(address, static_cast<std::uintptr_t>(std::numeric_limits<std::int32_t>::max())) << kind.m_Name;
         }
     }
 }
@@ -58,7 +58,7 @@ TEST(HandlePool, GivesLivingObjectsDifferentAddressesAcrossKinds) {
     for (KindFunctions const& kind : allKinds()) {
         kinds.push_back(std::make_unique<Living>(kind));
         for (int i = 0; i < 3000; ++i) {
-            EXPECT_TRUE(addresses.insert(kinds.back()->create()).second) << kind.name;
+            EXPECT_TRUE(addresses.insert(kinds.back()->create()).second) << kind.m_Name;
         }
     }
 }
@@ -70,10 +70,10 @@ TEST(HandlePool, DoesNotReuseAnAddressDuringTheNext1024Creations) {
         for (std::size_t i = wholeCycle(kind).size(); i > 0; --i) {
             others.create();
         }
-        KVX_HANDLE const old = kind.create();
-        kind.destroy(old);
-        EXPECT_EQ(addressesOf(kind, kQuarantine).count(old), 0U) << kind.name;
-        EXPECT_EQ(addressesOf(kind, 1).count(old), 1U) << kind.name << ", but then it is";
+        KVX_HANDLE const old = kind.m_Create();
+        kind.m_Destroy(old);
+        EXPECT_EQ(addressesOf(kind, kQuarantine).count(old), 0U) << kind.m_Name;
+        EXPECT_EQ(addressesOf(kind, 1).count(old), 1U) << kind.m_Name << ", but then it is";
     }
 }
 
@@ -81,10 +81,10 @@ TEST(HandlePool, ReusesTheAddressThatHasBeenFreeLongest) {
     KindFunctions const& kind = allKinds().back();
     auto const others = static_cast<int>(wholeCycle(kind).size()) - 1;
     EXPECT_GE(others, kQuarantine);
-    KVX_HANDLE const old = kind.create();
-    kind.destroy(old);
+    KVX_HANDLE const old = kind.m_Create();
+    kind.m_Destroy(old);
     EXPECT_EQ(addressesOf(kind, others).count(old), 0U);
-    OwnedHandle const next(kind.create(), kind.destroy);
+    OwnedHandle const next(kind.m_Create(), kind.m_Destroy);
     EXPECT_EQ(next.get(), old);
 }
 
@@ -92,9 +92,9 @@ TEST(HandlePool, DoesNotGrowOverAMillionCreations) {
     for (KindFunctions const& kind : allKinds()) {
         std::set<void*> const before = wholeCycle(kind);
         for (int i = 0; i < 1000000; ++i) {
-            kind.destroy(kind.create());
+            kind.m_Destroy(kind.m_Create());
         }
-        EXPECT_EQ(wholeCycle(kind), before) << kind.name;
+        EXPECT_EQ(wholeCycle(kind), before) << kind.m_Name;
     }
 }
 
@@ -108,11 +108,11 @@ TEST(HandlePool, ServesManyThreadsAtOnce) {
         threads.emplace_back([&mine] {
             for (int round = 0; round < kRounds; ++round) {
                 KindFunctions const& kind = allKinds()[static_cast<std::size_t>(round) % 3];
-                KVX_HANDLE const passing = kind.create();
+                KVX_HANDLE const passing = kind.m_Create();
                 ASSERT_NE(passing, nullptr);
                 mine.push_back(CreateMessageObject());
                 ASSERT_EQ(MessageObject_FromString(mine.back(), "<KVX A=\"1\"/>"), KVX_OK);
-                kind.destroy(passing);
+                kind.m_Destroy(passing);
                 if (mine.size() > kAtOnce) {
                     KVX_HANDLE const oldest = mine.front();
                     mine.erase(mine.begin());
@@ -145,10 +145,10 @@ TEST(HandlePool, ExhaustedMakesTheCreateFunctionsReturnNull) {
             FailingAllocation const failing(0, FailingAllocation::Mode::kAllFromThere);
             while (living.create() != nullptr) {
             }
-            EXPECT_EQ(kind.create(), nullptr) << kind.name;
+            EXPECT_EQ(kind.m_Create(), nullptr) << kind.m_Name;
         }
         EXPECT_GE(living.handles().size(), 256U) << "what was mapped is used up first";
-        EXPECT_NE(living.create(), nullptr) << kind.name << " once there is memory again";
+        EXPECT_NE(living.create(), nullptr) << kind.m_Name << " once there is memory again";
     }
 }
 

@@ -16,10 +16,10 @@ std::string payInitText(std::string const& token, std::string const& rest) {
 /// The codes that the four creating functions end with, and that they write no handle then.
 void expectAllFail(KVX_HANDLE factory, std::int32_t code) {
     Outputs outputs;
-    EXPECT_EQ(MessageFactory_CreatePayInit(factory, &outputs.out), code);
-    EXPECT_EQ(MessageFactory_VerifyPayConfirm(factory, kConfirmation, "00", &outputs.out), code);
-    EXPECT_EQ(MessageFactory_CreatePayComplete(factory, "i", "t", &outputs.out), code);
-    EXPECT_EQ(MessageFactory_CreateRequest(factory, "T", &outputs.out), code);
+    EXPECT_EQ(MessageFactory_CreatePayInit(factory, &outputs.m_Out), code);
+    EXPECT_EQ(MessageFactory_VerifyPayConfirm(factory, kConfirmation, "00", &outputs.m_Out), code);
+    EXPECT_EQ(MessageFactory_CreatePayComplete(factory, "i", "t", &outputs.m_Out), code);
+    EXPECT_EQ(MessageFactory_CreateRequest(factory, "T", &outputs.m_Out), code);
     outputs.expectUntouched("failing calls");
 }
 
@@ -46,7 +46,7 @@ TEST(MessageFactory, KeepsCreatingTheLastDirectoryOfAWrongPath) {
     TempDir const dir;
     FactoryHandle const factory(dir.file("shop"));
     Outputs outputs;
-    EXPECT_EQ(MessageFactory_CreatePayInit(factory.get(), &outputs.out), KVX_E_CANNOT_OPEN);
+    EXPECT_EQ(MessageFactory_CreatePayInit(factory.get(), &outputs.m_Out), KVX_E_CANNOT_OPEN);
     EXPECT_TRUE(dir.exists("shop"));
     outputs.expectUntouched("no current key");
 }
@@ -145,15 +145,15 @@ TEST(PayInit, FailsOnMalformedDefaults) {
     for (char const* const text : {"<KVX", "", "<OTHER/>", "<KVX A=\"1\">"}) {
         account.write("default.xml", text);
         Outputs outputs;
-        EXPECT_EQ(MessageFactory_CreatePayInit(factory.get(), &outputs.out), KVX_E_INVALID_FORMAT) << text;
+        EXPECT_EQ(MessageFactory_CreatePayInit(factory.get(), &outputs.m_Out), KVX_E_INVALID_FORMAT) << text;
         outputs.expectUntouched(text);
     }
 }
 
 TEST(PayInit, ReadsItsLifetimeAsADecimalNumberOfSeconds) {
     struct Row {
-        char const* ttl;
-        char const* expiration;
+        char const* m_Ttl;
+        char const* m_Expiration;
     };
     // clang-format off
     Row const rows[] = {
@@ -183,10 +183,10 @@ TEST(PayInit, ReadsItsLifetimeAsADecimalNumberOfSeconds) {
     FixedTime const time(kNow);
     FactoryHandle const factory(account.path());
     for (Row const& row : rows) {
-        account.setDefaults(std::string(" PAYINITTTL=\"") + row.ttl + "\"");
+        account.setDefaults(std::string(" PAYINITTTL=\"") + row.m_Ttl + "\"");
         MadeMessage message;
-        ASSERT_EQ(MessageFactory_CreatePayInit(factory.get(), message.out()), KVX_OK) << row.ttl;
-        EXPECT_EQ(attribute(message.get(), "EXPIRATION"), row.expiration) << "'" << row.ttl << "'";
+        ASSERT_EQ(MessageFactory_CreatePayInit(factory.get(), message.out()), KVX_OK) << row.m_Ttl;
+        EXPECT_EQ(attribute(message.get(), "EXPIRATION"), row.m_Expiration) << "'" << row.m_Ttl << "'";
     }
 }
 
@@ -214,9 +214,9 @@ TEST(PayInit, OpensTheAccountFirstAndThenTheMessage) {
     auto const opened = trace.of("OPEN CONTEXT");
     ASSERT_EQ(opened.size(), 2U);
     for (auto const& record : opened) {
-        EXPECT_EQ(record.detail, account.path());
-        EXPECT_EQ(record.file, "kvxctx");
-        EXPECT_EQ(record.line, 23);
+        EXPECT_EQ(record.m_Detail, account.path());
+        EXPECT_EQ(record.m_File, "kvxctx");
+        EXPECT_EQ(record.m_Line, 23);
     }
 }
 
@@ -264,18 +264,18 @@ TEST(CreateRequest, RefusesNoTypeBeforeAnythingIsDone) {
     for (char const* const type : {"", static_cast<char const*>(nullptr)}) {
         Outputs outputs;
         TraceRecorder const trace;
-        EXPECT_EQ(MessageFactory_CreateRequest(factory.get(), type, &outputs.out), KVX_E_NO_MESSAGE_TYPE);
+        EXPECT_EQ(MessageFactory_CreateRequest(factory.get(), type, &outputs.m_Out), KVX_E_NO_MESSAGE_TYPE);
         outputs.expectUntouched("no type");
         ASSERT_EQ(trace.records().size(), 1U) << "the refusal itself";
-        EXPECT_EQ(trace.records()[0].event, "EXCEPTION");
+        EXPECT_EQ(trace.records()[0].m_Event, "EXCEPTION");
     }
     EXPECT_FALSE(dir.exists("shop"));
     KVXCIMPL_MessageFactory object;
     Thrown const failure = thrown([&] { (void)object.CreateRequest(""); });
-    EXPECT_EQ(failure.code, KVX_E_NO_MESSAGE_TYPE);
-    EXPECT_EQ(failure.text, "ErrorCode = 0x80040218");
-    EXPECT_EQ(failure.file, "cMessageFactory");
-    EXPECT_EQ(failure.line, 121);
+    EXPECT_EQ(failure.m_Code, KVX_E_NO_MESSAGE_TYPE);
+    EXPECT_EQ(failure.m_Text, "ErrorCode = 0x80040218");
+    EXPECT_EQ(failure.m_File, "cMessageFactory");
+    EXPECT_EQ(failure.m_Line, 121);
 }
 
 TEST(CreateRequest, KeepsOpeningASecondContext) {
@@ -313,10 +313,10 @@ TEST(VerifyPayConfirm, TellsItsFailuresApart) {
     FactoryHandle const factory(account.path());
     std::string const good = account.sign(kConfirmation);
     struct Row {
-        char const* what;
-        char const* data;
-        char const* signature;
-        std::int32_t code;
+        char const* m_What;
+        char const* m_Data;
+        char const* m_Signature;
+        std::int32_t m_Code;
     };
     // clang-format off
     Row const rows[] = {
@@ -339,9 +339,10 @@ TEST(VerifyPayConfirm, TellsItsFailuresApart) {
     // clang-format on
     for (Row const& row : rows) {
         Outputs outputs;
-        EXPECT_EQ(MessageFactory_VerifyPayConfirm(factory.get(), row.data, row.signature, &outputs.out), row.code)
-            << row.what;
-        outputs.expectUntouched(row.what);
+        EXPECT_EQ(MessageFactory_VerifyPayConfirm(factory.get(), row.m_Data, row.m_Signature, &outputs.m_Out),
+                  row.m_Code)
+            << row.m_What;
+        outputs.expectUntouched(row.m_What);
     }
 }
 

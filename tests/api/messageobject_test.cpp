@@ -22,16 +22,16 @@ public:
 /// Expects the refusal of an object that may hand out no URL, through both faces.
 void expectNoUrl(KVX_HANDLE message, std::string const& what) {
     Outputs outputs;
-    EXPECT_EQ(MessageObject_GetURL(message, &outputs.size, outputs.buffer), KVX_E_UNEXPECTED) << what;
+    EXPECT_EQ(MessageObject_GetURL(message, &outputs.m_Size, outputs.m_Buffer), KVX_E_UNEXPECTED) << what;
     EXPECT_EQ(MessageObject_GetURL(message, nullptr, nullptr), KVX_E_UNEXPECTED) << what;
     outputs.expectUntouched(what);
 
     TbString url("before");
     Thrown const failure = thrown([&] { static_cast<KVXCIMPL_MessageObject*>(message)->GetURL(url); });
-    EXPECT_EQ(failure.code, KVX_E_UNEXPECTED) << what;
-    EXPECT_EQ(failure.text, "unexpected error") << what;
-    EXPECT_EQ(failure.file, "cMessageObject") << what;
-    EXPECT_EQ(failure.line, 29) << what;
+    EXPECT_EQ(failure.m_Code, KVX_E_UNEXPECTED) << what;
+    EXPECT_EQ(failure.m_Text, "unexpected error") << what;
+    EXPECT_EQ(failure.m_File, "cMessageObject") << what;
+    EXPECT_EQ(failure.m_Line, 29) << what;
     EXPECT_EQ(bytesOf(url), "before") << what;
 }
 
@@ -41,10 +41,10 @@ TEST(MessageObject, IsEmptyUntilItIsOpenedOrFilled) {
     MessageHandle const message;
     Outputs outputs;
     EXPECT_EQ(MessageObject_SetAttribute(message.get(), "A", "1"), KVX_E_UNEXPECTED);
-    EXPECT_EQ(MessageObject_GetAttribute(message.get(), "A", &outputs.size, outputs.buffer), KVX_E_UNEXPECTED);
-    EXPECT_EQ(MessageObject_ToString(message.get(), &outputs.size, outputs.buffer), KVX_E_UNEXPECTED);
+    EXPECT_EQ(MessageObject_GetAttribute(message.get(), "A", &outputs.m_Size, outputs.m_Buffer), KVX_E_UNEXPECTED);
+    EXPECT_EQ(MessageObject_ToString(message.get(), &outputs.m_Size, outputs.m_Buffer), KVX_E_UNEXPECTED);
     EXPECT_EQ(MessageObject_Capture(message.get()), KVX_E_UNEXPECTED);
-    EXPECT_EQ(MessageObject_Execute(message.get(), &outputs.out), KVX_E_UNEXPECTED);
+    EXPECT_EQ(MessageObject_Execute(message.get(), &outputs.m_Out), KVX_E_UNEXPECTED);
     outputs.expectUntouched("an empty object");
 }
 
@@ -91,7 +91,7 @@ TEST(MessageObject, SetsReplacesAndReadsAttributes) {
     EXPECT_EQ(textOf(message.get()),
               "<KVX MSGTYPE=\"T\" KEYID=\"own\" A=\"&lt;1&gt; &amp; &quot;2&quot; &apos;3&apos;\" B=\"\xc3\xa9\"/>");
     Outputs outputs;
-    EXPECT_EQ(MessageObject_GetAttribute(message.get(), "a", &outputs.size, outputs.buffer), KVX_E_NOT_FOUND);
+    EXPECT_EQ(MessageObject_GetAttribute(message.get(), "a", &outputs.m_Size, outputs.m_Buffer), KVX_E_NOT_FOUND);
     outputs.expectUntouched("another name");
 }
 
@@ -150,15 +150,15 @@ TEST(GetURL, PassesTheCoresCodesForAMessageThatMayHaveOne) {
     MadeMessage message;
     ASSERT_EQ(MessageFactory_CreatePayInit(factory.get(), message.out()), KVX_OK);
     struct Row {
-        char const* config;
-        std::int32_t code;
+        char const* m_Config;
+        std::int32_t m_Code;
     };
     for (Row const row : {Row{"<KVX/>", KVX_E_NO_CONFIGURATION}, Row{"<KVX VTURL=\"\"/>", KVX_E_NO_CONFIGURATION},
                           Row{"<KVX VTURL=\"nowhere\"/>", KVX_E_INVALID_URL}, Row{"broken", KVX_E_INVALID_FORMAT}}) {
-        account.write("config.xml", row.config);
+        account.write("config.xml", row.m_Config);
         Outputs outputs;
-        EXPECT_EQ(MessageObject_GetURL(message.get(), &outputs.size, outputs.buffer), row.code) << row.config;
-        outputs.expectUntouched(row.config);
+        EXPECT_EQ(MessageObject_GetURL(message.get(), &outputs.m_Size, outputs.m_Buffer), row.m_Code) << row.m_Config;
+        outputs.expectUntouched(row.m_Config);
     }
     account.setAddress("http://h");
     account.write("keys/private/own", "no key");
@@ -211,7 +211,7 @@ TEST(FromString, DropsTheOldMessageBeforeItReadsTheNewOne) {
         OpenedMessage const message(account);
         EXPECT_EQ(MessageObject_FromString(message.get(), text), KVX_E_INVALID_FORMAT) << text;
         Outputs outputs;
-        EXPECT_EQ(MessageObject_ToString(message.get(), &outputs.size, outputs.buffer), KVX_E_UNEXPECTED) << text;
+        EXPECT_EQ(MessageObject_ToString(message.get(), &outputs.m_Size, outputs.m_Buffer), KVX_E_UNEXPECTED) << text;
         EXPECT_EQ(MessageObject_SetAttribute(message.get(), "A", "1"), KVX_E_UNEXPECTED) << text;
         outputs.expectUntouched(text);
         EXPECT_EQ(MessageObject_FromString(message.get(), "<KVX/>"), KVX_OK) << "the object goes on to work";
@@ -222,10 +222,10 @@ TEST(FromString, DropsTheOldMessageBeforeItReadsTheNewOne) {
 TEST(ToString, NamesItsSourceAndLineWithoutAMessage) {
     KVXCIMPL_MessageObject message;
     Thrown const failure = thrown([&] { (void)message.ToString(); });
-    EXPECT_EQ(failure.code, KVX_E_UNEXPECTED);
-    EXPECT_EQ(failure.text, "unexpected error");
-    EXPECT_EQ(failure.file, "cMessageObject");
-    EXPECT_EQ(failure.line, 91);
+    EXPECT_EQ(failure.m_Code, KVX_E_UNEXPECTED);
+    EXPECT_EQ(failure.m_Text, "unexpected error");
+    EXPECT_EQ(failure.m_File, "cMessageObject");
+    EXPECT_EQ(failure.m_Line, 91);
 }
 
 TEST(MessageObject, WorksOnADirectoryThatWasNeverOpenedAsFarAsNoneIsNeeded) {
@@ -233,7 +233,7 @@ TEST(MessageObject, WorksOnADirectoryThatWasNeverOpenedAsFarAsNoneIsNeeded) {
     ASSERT_EQ(MessageObject_FromString(message.get(), R"(<KVX MSGTYPE="T" TOKEN="t"/>)"), KVX_OK);
     Outputs outputs;
     EXPECT_EQ(MessageObject_Capture(message.get()), KVX_E_NO_CONTEXT);
-    EXPECT_EQ(MessageObject_Execute(message.get(), &outputs.out), KVX_E_NO_CONTEXT);
+    EXPECT_EQ(MessageObject_Execute(message.get(), &outputs.m_Out), KVX_E_NO_CONTEXT);
     expectNoUrl(message.get(), "no directory");
     outputs.expectUntouched("no directory");
 }
@@ -249,18 +249,18 @@ TEST(Capture, ChecksTheAddressBeforeTheToken) {
 
 TEST(Capture, SendsTheSignedMessageAndWantsAConfirmation) {
     struct Row {
-        char const* answer;
-        std::int32_t code;
+        char const* m_Answer;
+        std::int32_t m_Code;
     };
     for (Row const row :
          {Row{R"(<KVX MSGTYPE="PayConfirm"/>)", KVX_OK}, Row{R"(<KVX MSGTYPE="PayComplete"/>)", KVX_E_WRONG_RESPONSE},
           Row{R"(<KVX MSGTYPE="Error" MESSAGE="no"/>)", KVX_E_SERVER_ERROR}, Row{"hello", KVX_E_INVALID_FORMAT}}) {
-        RawServer server(httpAnswer(row.answer));
+        RawServer server(httpAnswer(row.m_Answer));
         AccountDir const account;
         account.setAddress(urlOfServer(server));
         OpenedMessage const message(account);
         ASSERT_EQ(MessageObject_FromString(message.get(), kConfirmation), KVX_OK);
-        EXPECT_EQ(MessageObject_Capture(message.get()), row.code) << row.answer;
+        EXPECT_EQ(MessageObject_Capture(message.get()), row.m_Code) << row.m_Answer;
         KVX_Context context;
         std::string const text = textOf(message.get());
         ASSERT_EQ(server.records().size(), 1U);
@@ -304,7 +304,7 @@ TEST(Execute, KeepsTheChangedTypeForTheNextTime) {
     MadeMessage answer;
     ASSERT_EQ(MessageObject_Execute(request.get(), answer.out()), KVX_OK);
     Outputs outputs;
-    EXPECT_EQ(MessageObject_Execute(request.get(), &outputs.out), KVX_E_WRONG_RESPONSE);
+    EXPECT_EQ(MessageObject_Execute(request.get(), &outputs.m_Out), KVX_E_WRONG_RESPONSE);
     EXPECT_EQ(attribute(request.get(), "MSGTYPE"), "TRequestRequest");
     outputs.expectUntouched("the second time");
 }
@@ -338,7 +338,7 @@ TEST(Execute, LeavesNothingBehindWhenItFails) {
     expectNoSlotIsLost(20, [&] {
         request->SetAttribute("MSGTYPE", "T");
         Outputs outputs;
-        EXPECT_EQ(MessageObject_Execute(request.get(), &outputs.out), KVX_E_SERVER_ERROR);
+        EXPECT_EQ(MessageObject_Execute(request.get(), &outputs.m_Out), KVX_E_SERVER_ERROR);
         outputs.expectUntouched("a refused request");
     });
     EXPECT_EQ(TbRefCounter::m_nTotalRef, living);

@@ -37,7 +37,7 @@ int main(int argc, char** argv) {
         sandboxtest::TemporaryDirectory const data;
         sandboxtest::TemporaryDirectory const shop;
         sandbox::Options options;
-        options.dataDirectory = data.path();
+        options.m_DataDirectory = data.path();
         sandbox::Service service(options);
         service.start();
         return run(argv[1], shop.path(), service.baseUrl() + "/auto");

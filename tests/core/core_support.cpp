@@ -54,7 +54,7 @@ void Account::writeOwnKey(std::string const& keyId) const {
 
 std::vector<std::string> Account::filesIn(std::string const& folder) const {
     std::vector<std::string> names;
-    for (auto const& entry : std::filesystem::directory_iterator(dir.file(folder))) {
+    for (auto const& entry : std::filesystem::directory_iterator(m_Dir.file(folder))) {
         names.push_back(entry.path().filename());
     }
     std::sort(names.begin(), names.end());
@@ -168,8 +168,8 @@ std::vector<std::string> linesOf(std::vector<TraceRecorder::Record> const& recor
     std::vector<std::string> lines;
     for (TraceRecorder::Record const& record : records) {
         char numbers[64];
-        std::snprintf(numbers, sizeof numbers, ":%ld:%x:", record.line, static_cast<unsigned>(record.code));
-        lines.push_back(record.file + numbers + record.event + ":" + record.detail);
+        std::snprintf(numbers, sizeof numbers, ":%ld:%x:", record.m_Line, static_cast<unsigned>(record.m_Code));
+        lines.push_back(record.m_File + numbers + record.m_Event + ":" + record.m_Detail);
     }
     return lines;
 }

@@ -15,12 +15,12 @@ namespace kvxtest {
 /// A configuration directory with a context opened on it.
 class Account {
 public:
-    Account() { context.Open(path()); }
+    Account() { m_Context.Open(path()); }
 
-    [[nodiscard]] char const* path() const { return dir.path().c_str(); }
-    void write(std::string const& name, std::string const& content) const { dir.write(name, content); }
-    [[nodiscard]] std::string read(std::string const& name) const { return dir.read(name); }
-    [[nodiscard]] bool exists(std::string const& name) const { return dir.exists(name); }
+    [[nodiscard]] char const* path() const { return m_Dir.path().c_str(); }
+    void write(std::string const& name, std::string const& content) const { m_Dir.write(name, content); }
+    [[nodiscard]] std::string read(std::string const& name) const { return m_Dir.read(name); }
+    [[nodiscard]] bool exists(std::string const& name) const { return m_Dir.exists(name); }
 
     /// Stores the test key of 512 bits under `keyId`: its public half, and the private one too for an own key.
     void writeServerKey(std::string const& keyId) const;
@@ -32,8 +32,8 @@ public:
     /// Whether writing has left a file of its own behind in `folder`.
     [[nodiscard]] bool hasTemporaryFile(std::string const& folder = "") const;
 
-    TempDir dir;
-    KVX_Context context;
+    TempDir m_Dir;
+    KVX_Context m_Context;
 };
 
 /// Content of the file `name` below the folder of test data.

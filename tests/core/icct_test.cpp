@@ -30,16 +30,16 @@
 namespace {
 
 struct LibraryCalls {
-    std::string failing;  ///< Name of the function to fail; empty: none.
-    int seedings = 0;
-    std::vector<unsigned char> seed;
-    int methodObjects = 0;
-    int generatedBits = 0;
-    unsigned long generatedExponent = 0;
-    int additions = 0;
-    unsigned char* additionTarget = nullptr;
-    int additionResult = 0;   ///< What the library answered.
-    int additionSurplus = 0;  ///< Added to that.
+    std::string m_Failing;  ///< Name of the function to fail; empty: none.
+    int m_Seedings = 0;
+    std::vector<unsigned char> m_Seed;
+    int m_MethodObjects = 0;
+    int m_GeneratedBits = 0;
+    unsigned long m_GeneratedExponent = 0;
+    int m_Additions = 0;
+    unsigned char* m_AdditionTarget = nullptr;
+    int m_AdditionResult = 0;   ///< What the library answered.
+    int m_AdditionSurplus = 0;  ///< Added to that.
 };
 
 LibraryCalls& Calls() {
@@ -48,7 +48,7 @@ LibraryCalls& Calls() {
 }
 
 bool Fails(char const* function) {
-    return Calls().failing == function;
+    return Calls().m_Failing == function;
 }
 
 template <typename Function>
@@ -75,13 +75,13 @@ public:
 
 INTERPOSED void RAND_seed(void const* buf, int num) {
     auto const* const bytes = static_cast<unsigned char const*>(buf);
-    ++Calls().seedings;
-    Calls().seed.assign(bytes, bytes + num);
+    ++Calls().m_Seedings;
+    Calls().m_Seed.assign(bytes, bytes + num);
     LibraryFunction<void(void const*, int)>("RAND_seed")(buf, num);
 }
 
 INTERPOSED RSA* RSA_new_method(ENGINE* engine) {
-    ++Calls().methodObjects;
+    ++Calls().m_MethodObjects;
     return Fails("RSA_new_method") ? nullptr : LibraryFunction<RSA*(ENGINE*)>("RSA_new_method")(engine);
 }
 
@@ -98,8 +98,8 @@ INTERPOSED int BN_set_word(BIGNUM* a, BN_ULONG w) {
 }
 
 INTERPOSED int RSA_generate_key_ex(RSA* rsa, int bits, BIGNUM* e, BN_GENCB* cb) {
-    Calls().generatedBits = bits;
-    Calls().generatedExponent = BN_get_word(e);
+    Calls().m_GeneratedBits = bits;
+    Calls().m_GeneratedExponent = BN_get_word(e);
     return Fails("RSA_generate_key_ex")
                ? 0
                : LibraryFunction<int(RSA*, int, BIGNUM*, BN_GENCB*)>("RSA_generate_key_ex")(rsa, bits, e, cb);
@@ -116,11 +116,11 @@ INTERPOSED int i2d_RSAPrivateKey(RSA const* a, unsigned char** out) {
 }
 
 INTERPOSED int RSA_padding_add_none(unsigned char* to, int tlen, unsigned char const* f, int fl) {
-    ++Calls().additions;
-    Calls().additionTarget = to;
-    Calls().additionResult =
+    ++Calls().m_Additions;
+    Calls().m_AdditionTarget = to;
+    Calls().m_AdditionResult =
         LibraryFunction<int(unsigned char*, int, unsigned char const*, int)>("RSA_padding_add_none")(to, tlen, f, fl);
-    return Calls().additionResult + Calls().additionSurplus;
+    return Calls().m_AdditionResult + Calls().m_AdditionSurplus;
 }
 
 // Fails after writing the digest, so that only the result tells.
@@ -177,20 +177,20 @@ int Length(Bytes const& bytes) {
 /// What a call left behind: its result and the two outputs. `buffer` has 2048 bytes, `kUntouched` where nothing was
 /// written.
 struct Outcome {
-    int result = 0;
-    Bytes buffer = Bytes(2048, kUntouched);
-    unsigned long length = kUntouchedLength;
+    int m_Result = 0;
+    Bytes m_Buffer = Bytes(2048, kUntouched);
+    unsigned long m_Length = kUntouchedLength;
 
-    Bytes Output() const { return Cut(buffer, length); }
+    Bytes Output() const { return Cut(m_Buffer, m_Length); }
     bool BufferIsUntouched() const {
-        return std::all_of(buffer.begin(), buffer.end(), [](unsigned char byte) { return byte == kUntouched; });
+        return std::all_of(m_Buffer.begin(), m_Buffer.end(), [](unsigned char byte) { return byte == kUntouched; });
     }
 };
 
 Outcome Sign(Bytes const& key, Bytes data) {
     Outcome outcome;
-    outcome.result =
-        ICCT_Signature(key.data(), Length(key), data.data(), data.size(), outcome.buffer.data(), &outcome.length);
+    outcome.m_Result =
+        ICCT_Signature(key.data(), Length(key), data.data(), data.size(), outcome.m_Buffer.data(), &outcome.m_Length);
     return outcome;
 }
 
@@ -200,34 +200,34 @@ int Verify(Bytes const& key, Bytes data, Bytes signature) {
 
 Outcome Encrypt(Bytes key, Bytes plain, unsigned long room = 2048) {
     Outcome outcome;
-    outcome.length = room;
-    outcome.result =
-        ICCT_CryptDigest(key.data(), Length(key), plain.data(), plain.size(), outcome.buffer.data(), &outcome.length);
+    outcome.m_Length = room;
+    outcome.m_Result = ICCT_CryptDigest(key.data(), Length(key), plain.data(), plain.size(), outcome.m_Buffer.data(),
+                                        &outcome.m_Length);
     return outcome;
 }
 
 Outcome Decrypt(Bytes key, Bytes encrypted) {
     Outcome outcome;
-    outcome.result = ICCT_DecryptDigest(key.data(), Length(key), encrypted.data(), encrypted.size(),
-                                        outcome.buffer.data(), &outcome.length);
+    outcome.m_Result = ICCT_DecryptDigest(key.data(), Length(key), encrypted.data(), encrypted.size(),
+                                          outcome.m_Buffer.data(), &outcome.m_Length);
     return outcome;
 }
 
 struct KeyPair {
-    int result = 0;
-    Bytes publicBuffer = Bytes(4096, kUntouched);
-    Bytes privateBuffer = Bytes(4096, kUntouched);
-    int publicLength = 0;
-    int privateLength = 0;
+    int m_Result = 0;
+    Bytes m_PublicBuffer = Bytes(4096, kUntouched);
+    Bytes m_PrivateBuffer = Bytes(4096, kUntouched);
+    int m_PublicLength = 0;
+    int m_PrivateLength = 0;
 
-    Bytes Public() const { return Cut(publicBuffer, static_cast<std::size_t>(publicLength)); }
-    Bytes Private() const { return Cut(privateBuffer, static_cast<std::size_t>(privateLength)); }
+    Bytes Public() const { return Cut(m_PublicBuffer, static_cast<std::size_t>(m_PublicLength)); }
+    Bytes Private() const { return Cut(m_PrivateBuffer, static_cast<std::size_t>(m_PrivateLength)); }
 };
 
 KeyPair Generate(Bytes seed = {}) {
     KeyPair pair;
-    pair.result = ICCT_GenerateKeys(pair.publicBuffer.data(), &pair.publicLength, pair.privateBuffer.data(),
-                                    &pair.privateLength, seed.empty() ? nullptr : seed.data(), Length(seed));
+    pair.m_Result = ICCT_GenerateKeys(pair.m_PublicBuffer.data(), &pair.m_PublicLength, pair.m_PrivateBuffer.data(),
+                                      &pair.m_PrivateLength, seed.empty() ? nullptr : seed.data(), Length(seed));
     return pair;
 }
 
@@ -312,30 +312,30 @@ private:
 
 /// One of the five functions with everything but the key fixed and right.
 struct KeyedCall {
-    char const* name;
-    bool wantsPrivateKey;
-    int (*call)(Bytes const& key);
+    char const* m_Name;
+    bool m_WantsPrivateKey;
+    int (*m_Call)(Bytes const& key);
 };
 
 std::vector<KeyedCall> KeyedCalls() {
     return {
-        {"ICCT_Signature", true, [](Bytes const& key) { return Sign(key, Text("abc")).result; }},
+        {"ICCT_Signature", true, [](Bytes const& key) { return Sign(key, Text("abc")).m_Result; }},
         {"ICCT_Verify", false,
          [](Bytes const& key) {
              static Bytes const signature = Vector("key512-abc.signature");
              return Verify(key, Text("abc"), signature);
          }},
-        {"ICCT_CryptDigest", false, [](Bytes const& key) { return Encrypt(key, Text("abc")).result; }},
+        {"ICCT_CryptDigest", false, [](Bytes const& key) { return Encrypt(key, Text("abc")).m_Result; }},
         {"ICCT_DecryptDigest", true,
          [](Bytes const& key) {
              static Bytes const encrypted = Vector("key512-hello.encrypted");
-             return Decrypt(key, encrypted).result;
+             return Decrypt(key, encrypted).m_Result;
          }},
     };
 }
 
 Bytes RightKey(KeyedCall const& function) {
-    return Vector(function.wantsPrivateKey ? "key512.private" : "key512.public");
+    return Vector(function.m_WantsPrivateKey ? "key512.private" : "key512.public");
 }
 
 // ---- Interface
@@ -362,11 +362,11 @@ TEST(GenerateKeys, MakesDerPairsOf512BitsWithExponent65537) {
     for (int round = 0; round < 20; ++round) {
         SCOPED_TRACE(round);
         KeyPair const pair = Generate();
-        ASSERT_EQ(pair.result, 0);
-        EXPECT_EQ(DerLength(pair.publicBuffer), static_cast<std::size_t>(pair.publicLength));
-        EXPECT_EQ(DerLength(pair.privateBuffer), static_cast<std::size_t>(pair.privateLength));
-        EXPECT_LT(pair.publicLength, 100);
-        EXPECT_LT(pair.privateLength, 400);
+        ASSERT_EQ(pair.m_Result, 0);
+        EXPECT_EQ(DerLength(pair.m_PublicBuffer), static_cast<std::size_t>(pair.m_PublicLength));
+        EXPECT_EQ(DerLength(pair.m_PrivateBuffer), static_cast<std::size_t>(pair.m_PrivateLength));
+        EXPECT_LT(pair.m_PublicLength, 100);
+        EXPECT_LT(pair.m_PrivateLength, 400);
 
         PkeyHolder const publicKey = PublicPkey(pair.Public());
         PkeyHolder const privateKey = PrivatePkey(pair.Private());
@@ -386,39 +386,40 @@ TEST(GenerateKeys, MakesDerPairsOf512BitsWithExponent65537) {
 TEST(GenerateKeys, MakesKeysThatSignAndVerify) {
     KeyPair const pair = Generate();
     KeyPair const other = Generate();
-    ASSERT_EQ(pair.result, 0);
+    ASSERT_EQ(pair.m_Result, 0);
     Outcome const signature = Sign(pair.Private(), Text("an order"));
-    ASSERT_EQ(signature.result, 0);
-    EXPECT_EQ(signature.length, 64U);
+    ASSERT_EQ(signature.m_Result, 0);
+    EXPECT_EQ(signature.m_Length, 64U);
     EXPECT_EQ(Verify(pair.Public(), Text("an order"), signature.Output()), 0);
     EXPECT_EQ(Verify(other.Public(), Text("an order"), signature.Output()), -1);
 }
 
 TEST(GenerateKeys, WritesNothingBehindTheBlobs) {
     KeyPair const pair = Generate();
-    ASSERT_EQ(pair.result, 0);
+    ASSERT_EQ(pair.m_Result, 0);
     auto const isUntouched = [](unsigned char byte) { return byte == kUntouched; };
-    EXPECT_TRUE(std::all_of(pair.publicBuffer.begin() + pair.publicLength, pair.publicBuffer.end(), isUntouched));
-    EXPECT_TRUE(std::all_of(pair.privateBuffer.begin() + pair.privateLength, pair.privateBuffer.end(), isUntouched));
+    EXPECT_TRUE(std::all_of(pair.m_PublicBuffer.begin() + pair.m_PublicLength, pair.m_PublicBuffer.end(), isUntouched));
+    EXPECT_TRUE(
+        std::all_of(pair.m_PrivateBuffer.begin() + pair.m_PrivateLength, pair.m_PrivateBuffer.end(), isUntouched));
 }
 
 TEST(GenerateKeys, DoesNotCallTheSeedingRoutineWithSeedLengthZero) {
     LibraryCallsGuard const guard;
-    EXPECT_EQ(Generate().result, 0);
-    EXPECT_EQ(Calls().seedings, 0);
+    EXPECT_EQ(Generate().m_Result, 0);
+    EXPECT_EQ(Calls().m_Seedings, 0);
     KeyPair pair;
     unsigned char seed = 1;
-    EXPECT_EQ(ICCT_GenerateKeys(pair.publicBuffer.data(), &pair.publicLength, pair.privateBuffer.data(),
-                                &pair.privateLength, &seed, 0),
+    EXPECT_EQ(ICCT_GenerateKeys(pair.m_PublicBuffer.data(), &pair.m_PublicLength, pair.m_PrivateBuffer.data(),
+                                &pair.m_PrivateLength, &seed, 0),
               0);
-    EXPECT_EQ(Calls().seedings, 0);
+    EXPECT_EQ(Calls().m_Seedings, 0);
 }
 
 TEST(GenerateKeys, HandsASeedToTheSeedingRoutineOnce) {
     LibraryCallsGuard const guard;
-    EXPECT_EQ(Generate(Text("seed")).result, 0);
-    EXPECT_EQ(Calls().seedings, 1);
-    EXPECT_EQ(Calls().seed, Text("seed"));
+    EXPECT_EQ(Generate(Text("seed")).m_Result, 0);
+    EXPECT_EQ(Calls().m_Seedings, 1);
+    EXPECT_EQ(Calls().m_Seed, Text("seed"));
 }
 
 TEST(GenerateKeys, DoesNotRepeatAKeyForTheSameSeed) {
@@ -427,16 +428,16 @@ TEST(GenerateKeys, DoesNotRepeatAKeyForTheSameSeed) {
 
 TEST(GenerateKeys, AsksTheLibraryFor512BitsAnd65537) {
     LibraryCallsGuard const guard;
-    EXPECT_EQ(Generate().result, 0);
-    EXPECT_EQ(Calls().generatedBits, 512);
-    EXPECT_EQ(Calls().generatedExponent, 65537U);
+    EXPECT_EQ(Generate().m_Result, 0);
+    EXPECT_EQ(Calls().m_GeneratedBits, 512);
+    EXPECT_EQ(Calls().m_GeneratedExponent, 65537U);
 }
 
 // Nothing uses the object; the call is part of the fixed sequence. A leak of it shows under the memory checkers.
 TEST(GenerateKeys, KeepsMakingOneUnusedObject) {
     LibraryCallsGuard const guard;
-    EXPECT_EQ(Generate().result, 0);
-    EXPECT_EQ(Calls().methodObjects, 1);
+    EXPECT_EQ(Generate().m_Result, 0);
+    EXPECT_EQ(Calls().m_MethodObjects, 1);
 }
 
 // The library refuses an input shorter than its target, so the call adds 0 and leaves an error in the queue.
@@ -444,75 +445,75 @@ TEST(GenerateKeys, KeepsAddingThePaddingResultToThePrivateLength) {
     LibraryCallsGuard const guard;
     ERR_clear_error();
     KeyPair const pair = Generate();
-    ASSERT_EQ(pair.result, 0);
-    EXPECT_EQ(Calls().additions, 1);
-    EXPECT_EQ(Calls().additionTarget, pair.privateBuffer.data() + pair.privateLength);
-    EXPECT_EQ(Calls().additionResult, 0);
+    ASSERT_EQ(pair.m_Result, 0);
+    EXPECT_EQ(Calls().m_Additions, 1);
+    EXPECT_EQ(Calls().m_AdditionTarget, pair.m_PrivateBuffer.data() + pair.m_PrivateLength);
+    EXPECT_EQ(Calls().m_AdditionResult, 0);
     EXPECT_EQ(ERR_GET_REASON(ERR_peek_last_error()), RSA_R_DATA_TOO_SMALL_FOR_KEY_SIZE);
     ERR_clear_error();
 
-    Calls().additionSurplus = 1;
+    Calls().m_AdditionSurplus = 1;
     KeyPair const longer = Generate();
-    EXPECT_EQ(longer.result, 0);
-    EXPECT_EQ(static_cast<std::size_t>(longer.privateLength), DerLength(longer.privateBuffer) + 1);
+    EXPECT_EQ(longer.m_Result, 0);
+    EXPECT_EQ(static_cast<std::size_t>(longer.m_PrivateLength), DerLength(longer.m_PrivateBuffer) + 1);
 }
 
 TEST(GenerateKeys, FailsWithEachStepThatFails) {
     for (char const* const step : {"RSA_new_method", "RSA_new", "BN_new", "BN_set_word", "RSA_generate_key_ex"}) {
         SCOPED_TRACE(step);
         LibraryCallsGuard const guard;
-        Calls().failing = step;
+        Calls().m_Failing = step;
         KeyPair const pair = Generate();
-        EXPECT_EQ(pair.result, -1);
-        EXPECT_EQ(pair.publicLength, 0);
-        EXPECT_EQ(pair.privateLength, 0);
+        EXPECT_EQ(pair.m_Result, -1);
+        EXPECT_EQ(pair.m_PublicLength, 0);
+        EXPECT_EQ(pair.m_PrivateLength, 0);
     }
 }
 
 TEST(GenerateKeys, StoresTheEncodersResultAlsoWhenItIsAFailure) {
     LibraryCallsGuard const guard;
-    Calls().failing = "i2d_RSAPublicKey";
+    Calls().m_Failing = "i2d_RSAPublicKey";
     KeyPair const first = Generate();
-    EXPECT_EQ(first.result, -1);
-    EXPECT_EQ(first.publicLength, -1);
-    EXPECT_EQ(first.privateLength, 0);
+    EXPECT_EQ(first.m_Result, -1);
+    EXPECT_EQ(first.m_PublicLength, -1);
+    EXPECT_EQ(first.m_PrivateLength, 0);
 
-    Calls().failing = "i2d_RSAPrivateKey";
+    Calls().m_Failing = "i2d_RSAPrivateKey";
     KeyPair const second = Generate();
-    EXPECT_EQ(second.result, -1);
-    EXPECT_EQ(static_cast<std::size_t>(second.publicLength), DerLength(second.publicBuffer));
-    EXPECT_EQ(second.privateLength, -1);
-    EXPECT_EQ(Calls().additions, 0);
+    EXPECT_EQ(second.m_Result, -1);
+    EXPECT_EQ(static_cast<std::size_t>(second.m_PublicLength), DerLength(second.m_PublicBuffer));
+    EXPECT_EQ(second.m_PrivateLength, -1);
+    EXPECT_EQ(Calls().m_Additions, 0);
 }
 
 TEST(GenerateKeys, FailsWithoutARandomGenerator) {
     WithoutAlgorithms const guard;
-    EXPECT_EQ(Generate().result, -1);
+    EXPECT_EQ(Generate().m_Result, -1);
     ERR_clear_error();
 }
 
 TEST(GenerateKeys, RefusesNullPointersAndNegativeSeedLengths) {
     LibraryCallsGuard const guard;
     KeyPair pair;
-    unsigned char* const pub = pair.publicBuffer.data();
-    unsigned char* const priv = pair.privateBuffer.data();
+    unsigned char* const pub = pair.m_PublicBuffer.data();
+    unsigned char* const priv = pair.m_PrivateBuffer.data();
     unsigned char seed = 1;
-    EXPECT_EQ(ICCT_GenerateKeys(nullptr, &pair.publicLength, priv, &pair.privateLength, nullptr, 0), -1);
-    EXPECT_EQ(ICCT_GenerateKeys(pub, nullptr, priv, &pair.privateLength, nullptr, 0), -1);
-    EXPECT_EQ(ICCT_GenerateKeys(pub, &pair.publicLength, nullptr, &pair.privateLength, nullptr, 0), -1);
-    EXPECT_EQ(ICCT_GenerateKeys(pub, &pair.publicLength, priv, nullptr, nullptr, 0), -1);
-    EXPECT_EQ(ICCT_GenerateKeys(pub, &pair.publicLength, priv, &pair.privateLength, nullptr, 1), -1);
-    EXPECT_EQ(ICCT_GenerateKeys(pub, &pair.publicLength, priv, &pair.privateLength, &seed, -1), -1);
-    EXPECT_EQ(ICCT_GenerateKeys(pub, &pair.publicLength, priv, &pair.privateLength, &seed, INT_MIN), -1);
-    EXPECT_EQ(Calls().seedings, 0);
+    EXPECT_EQ(ICCT_GenerateKeys(nullptr, &pair.m_PublicLength, priv, &pair.m_PrivateLength, nullptr, 0), -1);
+    EXPECT_EQ(ICCT_GenerateKeys(pub, nullptr, priv, &pair.m_PrivateLength, nullptr, 0), -1);
+    EXPECT_EQ(ICCT_GenerateKeys(pub, &pair.m_PublicLength, nullptr, &pair.m_PrivateLength, nullptr, 0), -1);
+    EXPECT_EQ(ICCT_GenerateKeys(pub, &pair.m_PublicLength, priv, nullptr, nullptr, 0), -1);
+    EXPECT_EQ(ICCT_GenerateKeys(pub, &pair.m_PublicLength, priv, &pair.m_PrivateLength, nullptr, 1), -1);
+    EXPECT_EQ(ICCT_GenerateKeys(pub, &pair.m_PublicLength, priv, &pair.m_PrivateLength, &seed, -1), -1);
+    EXPECT_EQ(ICCT_GenerateKeys(pub, &pair.m_PublicLength, priv, &pair.m_PrivateLength, &seed, INT_MIN), -1);
+    EXPECT_EQ(Calls().m_Seedings, 0);
 }
 
 // ---- Known answers
 
 struct KnownSignature {
-    char const* key;
-    Bytes data;
-    char const* signature;
+    char const* m_Key;
+    Bytes m_Data;
+    char const* m_Signature;
 };
 
 std::vector<KnownSignature> KnownSignatures() {
@@ -526,18 +527,18 @@ std::vector<KnownSignature> KnownSignatures() {
 
 TEST(Signature, IsByteForByteThatOfTheCommandLineTool) {
     for (KnownSignature const& known : KnownSignatures()) {
-        SCOPED_TRACE(known.signature);
-        Outcome const signature = Sign(Vector(std::string(known.key) + ".private"), known.data);
-        EXPECT_EQ(signature.result, 0);
-        EXPECT_EQ(signature.Output(), Vector(known.signature));
+        SCOPED_TRACE(known.m_Signature);
+        Outcome const signature = Sign(Vector(std::string(known.m_Key) + ".private"), known.m_Data);
+        EXPECT_EQ(signature.m_Result, 0);
+        EXPECT_EQ(signature.Output(), Vector(known.m_Signature));
     }
 }
 
 TEST(Signature, StaysWithinTheModulus) {
     Outcome const signature = Sign(Vector("key512.private"), Text("abc"));
-    ASSERT_EQ(signature.result, 0);
-    ASSERT_EQ(signature.length, 64U);
-    EXPECT_TRUE(std::all_of(signature.buffer.begin() + 64, signature.buffer.end(),
+    ASSERT_EQ(signature.m_Result, 0);
+    ASSERT_EQ(signature.m_Length, 64U);
+    EXPECT_TRUE(std::all_of(signature.m_Buffer.begin() + 64, signature.m_Buffer.end(),
                             [](unsigned char byte) { return byte == kUntouched; }));
 }
 
@@ -622,7 +623,7 @@ TEST(SignAndVerify, AgreeOverDataOfAnyLength) {
             data[i] = static_cast<unsigned char>(i * 7 + i / 256);
         }
         Outcome const signature = Sign(privateKey, data);
-        ASSERT_EQ(signature.result, 0);
+        ASSERT_EQ(signature.m_Result, 0);
         EXPECT_EQ(Verify(publicKey, data, signature.Output()), 0);
     }
 }
@@ -631,7 +632,7 @@ TEST(SignAndVerify, AgreeOverDataOfAnyLength) {
 
 TEST(KeyBlob, IsAcceptedByEveryFunctionWhenWhole) {
     for (KeyedCall const& function : KeyedCalls()) {
-        EXPECT_EQ(function.call(RightKey(function)), 0) << function.name;
+        EXPECT_EQ(function.m_Call(RightKey(function)), 0) << function.m_Name;
     }
 }
 
@@ -639,15 +640,15 @@ TEST(KeyBlob, IsRefusedByEveryFunctionWhenCutAtAnyLength) {
     for (KeyedCall const& function : KeyedCalls()) {
         Bytes const key = RightKey(function);
         for (std::size_t length = 0; length < key.size(); ++length) {
-            ASSERT_EQ(function.call(Cut(key, length)), -1) << function.name << ", length " << length;
+            ASSERT_EQ(function.m_Call(Cut(key, length)), -1) << function.m_Name << ", length " << length;
         }
     }
 }
 
 TEST(KeyBlob, IsRefusedByEveryFunctionInAnyOtherForm) {
     struct {
-        char const* what;
-        Bytes blob;
+        char const* m_What;
+        Bytes m_Blob;
     } const rows[] = {
         {"PKCS#8", Vector("key512.pkcs8")},
         {"SubjectPublicKeyInfo", Vector("key512.spki")},
@@ -658,10 +659,10 @@ TEST(KeyBlob, IsRefusedByEveryFunctionInAnyOtherForm) {
     };
     for (KeyedCall const& function : KeyedCalls()) {
         for (auto const& row : rows) {
-            EXPECT_EQ(function.call(row.blob), -1) << function.name << ", " << row.what;
+            EXPECT_EQ(function.m_Call(row.m_Blob), -1) << function.m_Name << ", " << row.m_What;
         }
-        Bytes const wrongHalf = Vector(function.wantsPrivateKey ? "key512.public" : "key512.private");
-        EXPECT_EQ(function.call(wrongHalf), -1) << function.name << ", the other half";
+        Bytes const wrongHalf = Vector(function.m_WantsPrivateKey ? "key512.public" : "key512.private");
+        EXPECT_EQ(function.m_Call(wrongHalf), -1) << function.m_Name << ", the other half";
     }
 }
 
@@ -670,7 +671,7 @@ TEST(KeyBlob, KeepsBeingAcceptedWithBytesBehindIt) {
         for (std::size_t const extra : {1U, 100U}) {
             Bytes key = RightKey(function);
             key.insert(key.end(), extra, 0x30);
-            EXPECT_EQ(function.call(key), 0) << function.name << ", " << extra;
+            EXPECT_EQ(function.m_Call(key), 0) << function.m_Name << ", " << extra;
         }
     }
 }
@@ -682,14 +683,14 @@ TEST(KeyBlob, MayHoldAbsurdNumbers) {
     Bytes const even(64, 0x7E);
     Bytes const large(200, 0x7F);
     for (KeyedCall const& function : KeyedCalls()) {
-        SCOPED_TRACE(function.name);
+        SCOPED_TRACE(function.m_Name);
         for (Bytes const& modulus : {zero, one, negative, even, large}) {
             for (Bytes const& exponent : {zero, one, negative, large}) {
                 std::vector<Bytes> const numbers =
-                    function.wantsPrivateKey ? std::vector<Bytes>{zero,    modulus,  exponent, exponent, modulus,
-                                                                  modulus, exponent, exponent, exponent}
-                                             : std::vector<Bytes>{modulus, exponent};
-                int const result = function.call(KeyOf(numbers));
+                    function.m_WantsPrivateKey ? std::vector<Bytes>{zero,    modulus,  exponent, exponent, modulus,
+                                                                    modulus, exponent, exponent, exponent}
+                                               : std::vector<Bytes>{modulus, exponent};
+                int const result = function.m_Call(KeyOf(numbers));
                 EXPECT_TRUE(result == 0 || result == -1);
             }
         }
@@ -711,9 +712,9 @@ TEST(KeyBlob, IsReadSafelyWithAnyDamagedByte) {
         Bytes damaged = key;
         damaged[i] = static_cast<unsigned char>(damaged[i] ^ 0xFF);
         Outcome const signature = Sign(damaged, Text("abc"));
-        ASSERT_TRUE(signature.result == 0 || signature.result == -1) << "byte " << i;
+        ASSERT_TRUE(signature.m_Result == 0 || signature.m_Result == -1) << "byte " << i;
         Outcome const plain = Decrypt(damaged, encrypted);
-        ASSERT_TRUE(plain.result == 0 || plain.result == -1) << "byte " << i;
+        ASSERT_TRUE(plain.m_Result == 0 || plain.m_Result == -1) << "byte " << i;
     }
 }
 
@@ -721,8 +722,8 @@ TEST(KeyBlob, IsReadSafelyWithAnyDamagedByte) {
 
 TEST(Signature, RefusesKeysAbove8192Bits) {
     Outcome const outcome = Sign(Vector("key8200.private"), Text("abc"));
-    EXPECT_EQ(outcome.result, -1);
-    EXPECT_EQ(outcome.length, kUntouchedLength);
+    EXPECT_EQ(outcome.m_Result, -1);
+    EXPECT_EQ(outcome.m_Length, kUntouchedLength);
     EXPECT_TRUE(outcome.BufferIsUntouched());
 }
 
@@ -731,24 +732,24 @@ TEST(Signature, KeepsStoringTheFailedResultAsLength) {
     Bytes const modulus(30, 0x7F);  // too small for a padded digest
     Bytes const one{0x01};
     Outcome const outcome = Sign(KeyOf({{0x00}, modulus, one, one, one, one, one, one, one}), Text("abc"));
-    EXPECT_EQ(outcome.result, -1);
-    EXPECT_EQ(outcome.length, ULONG_MAX);
+    EXPECT_EQ(outcome.m_Result, -1);
+    EXPECT_EQ(outcome.m_Length, ULONG_MAX);
 }
 
 TEST(Signature, LeavesTheOutputsAloneWhenTheKeyIsRefused) {
     Outcome const outcome = Sign(Vector("key512.public"), Text("abc"));
-    EXPECT_EQ(outcome.result, -1);
-    EXPECT_EQ(outcome.length, kUntouchedLength);
+    EXPECT_EQ(outcome.m_Result, -1);
+    EXPECT_EQ(outcome.m_Length, kUntouchedLength);
     EXPECT_TRUE(outcome.BufferIsUntouched());
 }
 
 TEST(Signature, FailsWithoutADigest) {
     Bytes const key = Vector("key512.private");
     LibraryCallsGuard const guard;
-    Calls().failing = "SHA1";
+    Calls().m_Failing = "SHA1";
     Outcome const outcome = Sign(key, Text("abc"));
-    EXPECT_EQ(outcome.result, -1);
-    EXPECT_EQ(outcome.length, kUntouchedLength);
+    EXPECT_EQ(outcome.m_Result, -1);
+    EXPECT_EQ(outcome.m_Length, kUntouchedLength);
     EXPECT_TRUE(outcome.BufferIsUntouched());
 }
 
@@ -757,7 +758,7 @@ TEST(Verify, FailsWithoutADigest) {
     Bytes const signature = Vector("key512-abc.signature");
     {
         LibraryCallsGuard const guard;
-        Calls().failing = "SHA1";
+        Calls().m_Failing = "SHA1";
         EXPECT_EQ(Verify(key, Text("abc"), signature), -1);
     }
     EXPECT_EQ(Verify(key, Text("abc"), signature), 0);
@@ -838,7 +839,7 @@ TEST(Verify, DoesNotCutLengthsTo32Bits) {
 
 TEST(CryptDigest, RoundTripsEveryLengthThatFits) {
     KeyPair const pair = Generate();
-    ASSERT_EQ(pair.result, 0);
+    ASSERT_EQ(pair.m_Result, 0);
     for (std::size_t length = 0; length <= 64 - 11; ++length) {
         SCOPED_TRACE(length);
         Bytes plain(length);
@@ -846,18 +847,18 @@ TEST(CryptDigest, RoundTripsEveryLengthThatFits) {
             plain[i] = static_cast<unsigned char>(i);
         }
         Outcome const encrypted = Encrypt(pair.Public(), plain);
-        ASSERT_EQ(encrypted.result, 0);
-        ASSERT_EQ(encrypted.length, 64U);
+        ASSERT_EQ(encrypted.m_Result, 0);
+        ASSERT_EQ(encrypted.m_Length, 64U);
         Outcome const decrypted = Decrypt(pair.Private(), encrypted.Output());
-        ASSERT_EQ(decrypted.result, 0);
+        ASSERT_EQ(decrypted.m_Result, 0);
         ASSERT_EQ(decrypted.Output(), plain);
     }
 }
 
 TEST(CryptDigest, RefusesMoreThanTheKeyHolds) {
     Outcome const outcome = Encrypt(Vector("key512.public"), Bytes(64 - 10));
-    EXPECT_EQ(outcome.result, -1);
-    EXPECT_EQ(outcome.length, 2048U);
+    EXPECT_EQ(outcome.m_Result, -1);
+    EXPECT_EQ(outcome.m_Length, 2048U);
     EXPECT_TRUE(outcome.BufferIsUntouched());
 }
 
@@ -865,32 +866,32 @@ TEST(CryptDigest, LeavesTheOutputsAloneWhenTheRoomIsTooSmall) {
     Bytes const key = Vector("key512.public");
     for (unsigned long const room : {0UL, 1UL, 63UL}) {
         Outcome const outcome = Encrypt(key, Text("hello"), room);
-        EXPECT_EQ(outcome.result, -1);
-        EXPECT_EQ(outcome.length, room);
+        EXPECT_EQ(outcome.m_Result, -1);
+        EXPECT_EQ(outcome.m_Length, room);
         EXPECT_TRUE(outcome.BufferIsUntouched());
     }
 }
 
 TEST(CryptDigest, NeedsRoomForTheModulusOnly) {
-    EXPECT_EQ(Encrypt(Vector("key512.public"), Text("hello"), 64).result, 0);
+    EXPECT_EQ(Encrypt(Vector("key512.public"), Text("hello"), 64).m_Result, 0);
 }
 
 // Room is compared unsigned and never narrowed, unlike the lengths of what is read.
 TEST(CryptDigest, KeepsAcceptingAnyLargeRoom) {
     for (unsigned long const room : {kTooLong, ULONG_MAX}) {
         Outcome const outcome = Encrypt(Vector("key512.public"), Text("hello"), room);
-        EXPECT_EQ(outcome.result, 0);
-        EXPECT_EQ(outcome.length, 64U);
+        EXPECT_EQ(outcome.m_Result, 0);
+        EXPECT_EQ(outcome.m_Length, 64U);
     }
 }
 
 TEST(CryptDigest, AcceptsKeysUpTo8192BitsOnly) {
     Outcome const largest = Encrypt(Vector("key8192.public"), Text("hello"));
-    EXPECT_EQ(largest.result, 0);
-    EXPECT_EQ(largest.length, 1024U);
+    EXPECT_EQ(largest.m_Result, 0);
+    EXPECT_EQ(largest.m_Length, 1024U);
     Outcome const tooLarge = Encrypt(Vector("key8200.public"), Text("hello"));
-    EXPECT_EQ(tooLarge.result, -1);
-    EXPECT_EQ(tooLarge.length, 2048U);
+    EXPECT_EQ(tooLarge.m_Result, -1);
+    EXPECT_EQ(tooLarge.m_Length, 2048U);
     EXPECT_TRUE(tooLarge.BufferIsUntouched());
 }
 
@@ -898,7 +899,7 @@ TEST(CryptDigest, FailsWithoutARandomGenerator) {
     Bytes const key = Vector("key512.public");
     WithoutAlgorithms const guard;
     Outcome const outcome = Encrypt(key, Text("hello"));
-    EXPECT_EQ(outcome.result, -1);
+    EXPECT_EQ(outcome.m_Result, -1);
     EXPECT_TRUE(outcome.BufferIsUntouched());
     ERR_clear_error();
 }
@@ -924,7 +925,7 @@ TEST(CryptDigest, RefusesNullPointersAndLengthsOutOfRange) {
 
 TEST(DecryptDigest, ReadsWhatTheCommandLineToolEncrypted) {
     Outcome const outcome = Decrypt(Vector("key512.private"), Vector("key512-hello.encrypted"));
-    EXPECT_EQ(outcome.result, 0);
+    EXPECT_EQ(outcome.m_Result, 0);
     EXPECT_EQ(outcome.Output(), Text("hello"));
 }
 
@@ -935,15 +936,15 @@ TEST(DecryptDigest, KeepsStoringTheFailedResultAsLength) {
     tooLong.push_back(0);
     for (Bytes const& encrypted : {tooLong, Bytes(64, 0xFF), Bytes(4096, 0xFF)}) {
         Outcome const outcome = Decrypt(key, encrypted);
-        EXPECT_EQ(outcome.result, -1);
-        EXPECT_EQ(outcome.length, ULONG_MAX);
+        EXPECT_EQ(outcome.m_Result, -1);
+        EXPECT_EQ(outcome.m_Length, ULONG_MAX);
     }
 }
 
 TEST(DecryptDigest, LeavesTheOutputsAloneWhenTheKeyIsRefused) {
     Outcome const outcome = Decrypt(Vector("key512.public"), Vector("key512-hello.encrypted"));
-    EXPECT_EQ(outcome.result, -1);
-    EXPECT_EQ(outcome.length, kUntouchedLength);
+    EXPECT_EQ(outcome.m_Result, -1);
+    EXPECT_EQ(outcome.m_Length, kUntouchedLength);
     EXPECT_TRUE(outcome.BufferIsUntouched());
 }
 
@@ -998,13 +999,13 @@ TEST(ErrorQueue, KeepsEarlierEntriesThroughSuccesses) {
     Bytes const encrypted = Vector("key512-hello.encrypted");
     Bytes const signature = Vector("key512-abc.signature");
     StartQueueWithMarker();
-    EXPECT_EQ(Sign(privateKey, Text("abc")).result, 0);
+    EXPECT_EQ(Sign(privateKey, Text("abc")).m_Result, 0);
     EXPECT_EQ(Verify(publicKey, Text("abc"), signature), 0);
-    EXPECT_EQ(Encrypt(publicKey, Text("abc")).result, 0);
-    EXPECT_EQ(Decrypt(privateKey, encrypted).result, 0);
+    EXPECT_EQ(Encrypt(publicKey, Text("abc")).m_Result, 0);
+    EXPECT_EQ(Decrypt(privateKey, encrypted).m_Result, 0);
     EXPECT_TRUE(QueueStartsWithMarker());
     EXPECT_EQ(ERR_peek_last_error(), ERR_peek_error());
-    EXPECT_EQ(Generate().result, 0);
+    EXPECT_EQ(Generate().m_Result, 0);
     EXPECT_TRUE(QueueStartsWithMarker());
     ERR_clear_error();
 }

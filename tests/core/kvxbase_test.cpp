@@ -40,8 +40,8 @@ private:
 };
 
 struct Row {
-    std::uint32_t code;
-    char const* text;
+    std::uint32_t m_Code;
+    char const* m_Text;
 };
 
 // clang-format off
@@ -98,8 +98,8 @@ std::string textOf(long code, char const* detail = "", char const* file = "kvxct
 TEST(ErrorTable, HoldsThe34TextsInTheirOrder) {
     std::size_t index = 0;
     for (Row const& row : kTexts) {
-        EXPECT_EQ(static_cast<std::uint32_t>(ErrorTable[index].m_Code), row.code) << index;
-        EXPECT_STREQ(ErrorTable[index].m_Text, row.text) << index;
+        EXPECT_EQ(static_cast<std::uint32_t>(ErrorTable[index].m_Code), row.m_Code) << index;
+        EXPECT_STREQ(ErrorTable[index].m_Text, row.m_Text) << index;
         ++index;
     }
     EXPECT_EQ(index, 34U);
@@ -109,8 +109,8 @@ TEST(ErrorTable, HoldsThe34TextsInTheirOrder) {
 TEST(GetErrorStringFromResult, FindsEveryText) {
     for (Row const& row : kTexts) {
         TbString text("before");
-        EXPECT_TRUE(KVX_ErrorLookup::GetErrorStringFromResult(static_cast<std::int32_t>(row.code), text));
-        EXPECT_EQ(bytesOf(text), row.text) << std::hex << row.code;
+        EXPECT_TRUE(KVX_ErrorLookup::GetErrorStringFromResult(static_cast<std::int32_t>(row.m_Code), text));
+        EXPECT_EQ(bytesOf(text), row.m_Text) << std::hex << row.m_Code;
     }
 }
 
@@ -131,8 +131,8 @@ TEST(GetErrorStringFromResult, NeverFindsSuccess) {
 TEST(GetErrorStringFromResult, TakesCodesWithAndWithoutSign) {
     for (Row const& row : kTexts) {
         TbString text;
-        EXPECT_TRUE(KVX_ErrorLookup::GetErrorStringFromResult(static_cast<long>(row.code), text)) << row.text;
-        EXPECT_EQ(bytesOf(text), row.text);
+        EXPECT_TRUE(KVX_ErrorLookup::GetErrorStringFromResult(static_cast<long>(row.m_Code), text)) << row.m_Text;
+        EXPECT_EQ(bytesOf(text), row.m_Text);
     }
 }
 
@@ -182,7 +182,7 @@ TEST(Exception, NamesEveryCodeWithoutTextInHexadecimal) {
 TEST(Exception, NeverNamesItsPositionWithoutTheVariable) {
     Environment const variable("KVXDEBUG", nullptr);
     for (Row const& row : kTexts) {
-        EXPECT_EQ(textOf(static_cast<std::int32_t>(row.code)), row.text);
+        EXPECT_EQ(textOf(static_cast<std::int32_t>(row.m_Code)), row.m_Text);
     }
 }
 
@@ -260,8 +260,8 @@ TEST(TraceLog, WritesNothingAnywhereWithoutASink) {
 
 TEST(ExportedLookup, CopiesAsMuchAsFitsAndTellsTheNeed) {
     struct Case {
-        std::int32_t size;
-        char const* expected;  // the buffer afterwards; '?' is untouched
+        std::int32_t m_Size;
+        char const* m_Expected;  // the buffer afterwards; '?' is untouched
     };
     // "invalid URL" needs 12 bytes.
     Case const cases[] = {
@@ -277,10 +277,10 @@ TEST(ExportedLookup, CopiesAsMuchAsFitsAndTellsTheNeed) {
     };
     for (Case const& row : cases) {
         char buffer[16] = "???????????????";
-        std::int32_t size = row.size;
-        EXPECT_EQ(KVX_GetErrorStringFromResult(KVX_E_INVALID_URL, &size, buffer), 1) << row.size;
-        EXPECT_EQ(size, 12) << row.size;
-        EXPECT_STREQ(buffer, row.expected) << row.size;
+        std::int32_t size = row.m_Size;
+        EXPECT_EQ(KVX_GetErrorStringFromResult(KVX_E_INVALID_URL, &size, buffer), 1) << row.m_Size;
+        EXPECT_EQ(size, 12) << row.m_Size;
+        EXPECT_STREQ(buffer, row.m_Expected) << row.m_Size;
     }
 }
 

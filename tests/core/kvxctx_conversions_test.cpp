@@ -57,9 +57,9 @@ std::string encoded(std::string const& text) {
 }
 
 struct Decoded {
-    std::int32_t code;
-    unsigned long size;
-    std::string bytes;  ///< The whole buffer; '?' where it is untouched.
+    std::int32_t m_Code;
+    unsigned long m_Size;
+    std::string m_Bytes;  ///< The whole buffer; '?' where it is untouched.
 };
 
 Decoded decode(std::string const& hex, unsigned long capacity) {
@@ -132,11 +132,11 @@ TEST(BufferToHex, RefusesALengthWhoseTextWouldNotFit) {
 
 TEST(HexToBuffer, DecodesAndRefuses) {
     struct Case {
-        char const* hex;
-        unsigned long capacity;
-        std::int32_t code;
-        unsigned long size;
-        std::string bytes;
+        char const* m_Hex;
+        unsigned long m_Capacity;
+        std::int32_t m_Code;
+        unsigned long m_Size;
+        std::string m_Bytes;
     };
     Case const cases[] = {
         {"", 0, KVX_OK, 0, "????????"},
@@ -159,27 +159,27 @@ TEST(HexToBuffer, DecodesAndRefuses) {
         {"-1", 4, KVX_E_COMMAND_FAILED, 4, "????????"},
     };
     for (Case const& row : cases) {
-        Decoded const result = decode(row.hex, row.capacity);
-        EXPECT_EQ(result.code, row.code) << row.hex;
-        EXPECT_EQ(result.size, row.size) << row.hex;
-        EXPECT_EQ(result.bytes, row.bytes) << row.hex;
+        Decoded const result = decode(row.m_Hex, row.m_Capacity);
+        EXPECT_EQ(result.m_Code, row.m_Code) << row.m_Hex;
+        EXPECT_EQ(result.m_Size, row.m_Size) << row.m_Hex;
+        EXPECT_EQ(result.m_Bytes, row.m_Bytes) << row.m_Hex;
     }
 }
 
 TEST(HexToBuffer, StoresTheFirstByteBeforeItFindsTheBufferTooSmall) {
     Decoded const result = decode("0011", 1);
-    EXPECT_EQ(result.code, KVX_E_BUFFER_TOO_SMALL);
-    EXPECT_EQ(result.size, 1UL);
-    EXPECT_EQ(result.bytes, std::string("\0???????", 8));
+    EXPECT_EQ(result.m_Code, KVX_E_BUFFER_TOO_SMALL);
+    EXPECT_EQ(result.m_Size, 1UL);
+    EXPECT_EQ(result.m_Bytes, std::string("\0???????", 8));
 }
 
 TEST(HexToBuffer, KnowsExactlyTheHexadecimalDigits) {
     for (int value = 0; value < 256; ++value) {
         Decoded const result = decode(std::string(1, static_cast<char>(value)) + "0", 1);
         bool const isDigit = value != 0 && std::strchr("0123456789abcdefABCDEF", value) != nullptr;
-        EXPECT_EQ(result.code, isDigit ? KVX_OK : KVX_E_COMMAND_FAILED) << value;
+        EXPECT_EQ(result.m_Code, isDigit ? KVX_OK : KVX_E_COMMAND_FAILED) << value;
         if (isDigit) {
-            EXPECT_EQ(static_cast<unsigned char>(result.bytes[0]),
+            EXPECT_EQ(static_cast<unsigned char>(result.m_Bytes[0]),
                       std::stoi(std::string(1, static_cast<char>(value)), nullptr, 16) * 16);
         }
     }
@@ -200,13 +200,13 @@ TEST(HexToBuffer, ReadsWhatBufferToHexWrites) {
 
 TEST(SlToBackSl, ReplacesEverySlash) {
     struct Case {
-        char const* text;
-        char const* expected;
+        char const* m_Text;
+        char const* m_Expected;
     };
     for (Case const& row : {Case{"", ""}, Case{"/", "\\"}, Case{"a/b//c/", "a\\b\\\\c\\"}, Case{"a\\b", "a\\b"}}) {
-        TbString text(row.text);
+        TbString text(row.m_Text);
         KVX_Context().SlToBackSl(text);
-        EXPECT_EQ(bytesOf(text), row.expected);
+        EXPECT_EQ(bytesOf(text), row.m_Expected);
     }
     TbString none;
     KVX_Context().SlToBackSl(none);
@@ -233,9 +233,9 @@ TEST(CreateUuid, MakesTenThousandDifferentIdentifiers) {
 
 TEST(TimeStamp, IsTheUtcTime) {
     struct Case {
-        std::int64_t now;
-        double seconds;
-        char const* expected;
+        std::int64_t m_Now;
+        double m_Seconds;
+        char const* m_Expected;
     };
     Case const cases[] = {
         {1706745547, 0, "20240131 23:59:07"},     {0, 0, "19700101 00:00:00"},
@@ -246,12 +246,12 @@ TEST(TimeStamp, IsTheUtcTime) {
         {4294967296, 0, "21060207 06:28:16"},
     };
     for (Case const& row : cases) {
-        auto const now = static_cast<std::time_t>(row.now);
-        if (now != row.now) {
+        auto const now = static_cast<std::time_t>(row.m_Now);
+        if (now != row.m_Now) {
             continue;  // no time where time_t has 32 bits
         }
         Clock const clock(now);
-        EXPECT_EQ(bytesOf(GetTimeDate(row.seconds)), row.expected) << row.now << " " << row.seconds;
+        EXPECT_EQ(bytesOf(GetTimeDate(row.m_Seconds)), row.m_Expected) << row.m_Now << " " << row.m_Seconds;
     }
 }
 
@@ -268,8 +268,8 @@ TEST(TimeStamp, IgnoresTheLocalTimeZone) {
 TEST(TimeStamp, StaysWithinFourDigitsOfYear) {
     double const infinity = std::numeric_limits<double>::infinity();
     struct Case {
-        double seconds;
-        char const* expected;
+        double m_Seconds;
+        char const* m_Expected;
     };
     Case const cases[] = {
         {std::nan(""), "20240131 23:59:07"},
@@ -291,7 +291,7 @@ TEST(TimeStamp, StaysWithinFourDigitsOfYear) {
     };
     Clock const clock(1706745547);
     for (Case const& row : cases) {
-        EXPECT_EQ(bytesOf(GetTimeDate(row.seconds)), row.expected) << row.seconds;
+        EXPECT_EQ(bytesOf(GetTimeDate(row.m_Seconds)), row.m_Expected) << row.m_Seconds;
     }
 }
 

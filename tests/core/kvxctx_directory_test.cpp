@@ -53,11 +53,11 @@ TEST(Context, StartsWithoutAPath) {
 
 TEST(Context, KeepsPathAndOptionsInACopy) {
     Account account;
-    account.context.SetOption("UserName", "u");
-    account.context.SetOption("Password", "p");
-    KVX_Context copy(account.context);
+    account.m_Context.SetOption("UserName", "u");
+    account.m_Context.SetOption("Password", "p");
+    KVX_Context copy(account.m_Context);
     KVX_Context assigned;
-    assigned = account.context;
+    assigned = account.m_Context;
     for (KVX_Context* context : {&copy, &assigned}) {
         EXPECT_EQ(bytesOf(context->GetPath()), account.path());
         EXPECT_EQ(credentialsOf(*context), "u:p@");
@@ -113,7 +113,7 @@ TEST(OpenContext, KeepsATrailingSeparator) {
     TraceRecorder const recorder;
     context.UpdateFile("file", "content");
     EXPECT_EQ(dir.read("file"), "content");
-    EXPECT_EQ(recorder.records().at(0).detail, dir.path() + "//file");
+    EXPECT_EQ(recorder.records().at(0).m_Detail, dir.path() + "//file");
     TbString value;
     EXPECT_TRUE(context.QueryValue("file", "", value));
     EXPECT_EQ(bytesOf(value), "content");
@@ -123,9 +123,9 @@ TEST(OpenContext, FailsWithTheSystemsOwnErrorNumber) {
     TempDir dir;
     dir.write("file", "x");
     struct Case {
-        std::string path;
-        std::int32_t code;
-        std::string text;
+        std::string m_Path;
+        std::int32_t m_Code;
+        std::string m_Text;
     };
     Case const cases[] = {
         {dir.file("missing/account"), 2, "ErrorCode = 0x2"},
@@ -136,12 +136,12 @@ TEST(OpenContext, FailsWithTheSystemsOwnErrorNumber) {
     };
     for (Case const& row : cases) {
         KVX_Context context;
-        Thrown const failure = thrown([&] { context.Open(row.path.c_str()); });
-        EXPECT_EQ(failure.code, row.code) << row.path;
-        EXPECT_EQ(failure.text, row.text + kCannotCreate) << row.path;
-        EXPECT_EQ(failure.file, "kvxbase");
-        EXPECT_EQ(failure.line, 55);
-        EXPECT_EQ(bytesOf(context.GetPath()), row.path) << "the path is kept";
+        Thrown const failure = thrown([&] { context.Open(row.m_Path.c_str()); });
+        EXPECT_EQ(failure.m_Code, row.m_Code) << row.m_Path;
+        EXPECT_EQ(failure.m_Text, row.m_Text + kCannotCreate) << row.m_Path;
+        EXPECT_EQ(failure.m_File, "kvxbase");
+        EXPECT_EQ(failure.m_Line, 55);
+        EXPECT_EQ(bytesOf(context.GetPath()), row.m_Path) << "the path is kept";
     }
     EXPECT_EQ(dir.read("file"), "x");
 }
@@ -170,12 +170,12 @@ TEST(OpenContext, TracesTheCurrentDirectoryForAnEmptyPath) {
 TEST(OpenContext, ReplacesThePathAndKeepsTheOptions) {
     Account account;
     TempDir other;
-    account.context.SetOption("UserName", "u");
-    account.context.SetOption("Password", "p");
-    account.context.Open(other.file("second").c_str());
-    EXPECT_EQ(bytesOf(account.context.GetPath()), other.file("second"));
+    account.m_Context.SetOption("UserName", "u");
+    account.m_Context.SetOption("Password", "p");
+    account.m_Context.Open(other.file("second").c_str());
+    EXPECT_EQ(bytesOf(account.m_Context.GetPath()), other.file("second"));
     EXPECT_TRUE(other.exists("second"));
-    EXPECT_EQ(credentialsOf(account.context), "u:p@");
+    EXPECT_EQ(credentialsOf(account.m_Context), "u:p@");
 }
 
 TEST(OpenContext, FailsInADirectoryThatIsTooDeepToBeNamed) {
@@ -189,8 +189,8 @@ TEST(OpenContext, FailsInADirectoryThatIsTooDeepToBeNamed) {
     KVX_Context context;
     EXPECT_EQ(bytesOf(context.GetDefaultConfiguration()), "");
     Thrown const failure = thrown([&] { context.Open(""); });
-    EXPECT_EQ(failure.code, 2);
-    EXPECT_EQ(failure.text, std::string("ErrorCode = 0x2") + kCannotCreate);
+    EXPECT_EQ(failure.m_Code, 2);
+    EXPECT_EQ(failure.m_Text, std::string("ErrorCode = 0x2") + kCannotCreate);
     EXPECT_EQ(bytesOf(context.GetPath()), "");
 }
 
@@ -269,8 +269,8 @@ TEST(CreatePath, ReportsTheErrorOfTheCreation) {
     TempDir dir;
     KVX_Context context;
     Thrown const failure = thrown([&] { context.CreatePath(dir.file("x").c_str()); });
-    EXPECT_EQ(failure.code, ENOSPC);
-    EXPECT_EQ(failure.text, std::string("ErrorCode = 0x1c") + kCannotCreate);
+    EXPECT_EQ(failure.m_Code, ENOSPC);
+    EXPECT_EQ(failure.m_Text, std::string("ErrorCode = 0x1c") + kCannotCreate);
 }
 
 TEST(CreatePath, LeavesNoDirectoryOpen) {
@@ -302,10 +302,10 @@ TEST(SetOption, RefusesEveryOtherName) {
     for (char const* name : names) {
         TraceRecorder const recorder;
         Thrown const failure = thrown([&] { context.SetOption(name, "value"); });
-        EXPECT_EQ(failure.code, KVX_E_INVALID_OPTION) << name;
-        EXPECT_EQ(failure.text, "invalid option");
-        EXPECT_EQ(failure.file, "kvxctx");
-        EXPECT_EQ(failure.line, 38);
+        EXPECT_EQ(failure.m_Code, KVX_E_INVALID_OPTION) << name;
+        EXPECT_EQ(failure.m_Text, "invalid option");
+        EXPECT_EQ(failure.m_File, "kvxctx");
+        EXPECT_EQ(failure.m_Line, 38);
         EXPECT_EQ(linesOf(recorder.records()), std::vector<std::string>{"kvxctx:38:80040207:EXCEPTION:invalid option"});
     }
     EXPECT_EQ(credentialsOf(context), "");

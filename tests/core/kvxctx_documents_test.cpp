@@ -15,31 +15,31 @@ struct Parsed {
     explicit Parsed(std::string const& text) {
         xmlElement* element = nullptr;
         KVX_Context().XmlFromString(stringOf(text), &element);
-        holder.adopt(element);
+        m_Holder.adopt(element);
     }
 
     [[nodiscard]] std::string text() const {
         TbStringStream out;
-        holder->toStream(out);
+        m_Holder->toStream(out);
         return bytesOf(out.str());
     }
 
-    xmlElementPtr holder;
+    xmlElementPtr m_Holder;
 };
 
 std::string query(Account& account, char const* file, char const* name) {
     TbString value("untouched");
-    bool const found = account.context.QueryValue(file, name, value);
+    bool const found = account.m_Context.QueryValue(file, name, value);
     return (found ? "true:" : "false:") + bytesOf(value);
 }
 
 void expectFailure(std::function<void()> const& call, std::int32_t code, std::string const& file, long line,
                    std::string const& text) {
     Thrown const failure = thrown(call);
-    EXPECT_EQ(failure.code, code);
-    EXPECT_EQ(failure.file, file);
-    EXPECT_EQ(failure.line, line);
-    EXPECT_EQ(failure.text, text);
+    EXPECT_EQ(failure.m_Code, code);
+    EXPECT_EQ(failure.m_File, file);
+    EXPECT_EQ(failure.m_Line, line);
+    EXPECT_EQ(failure.m_Text, text);
 }
 
 /// The highest descriptor that leads to `path`; -1 without one.
@@ -64,8 +64,8 @@ TEST(XmlFromString, HandsOutTheFirstTopLevelElement) {
 
 TEST(XmlFromString, LeavesTheElementAloneInTheWorld) {
     Parsed const parsed("<KVX/>");
-    xmlElement* parent = parsed.holder.get();
-    parsed.holder->getParent(&parent);
+    xmlElement* parent = parsed.m_Holder.get();
+    parsed.m_Holder->getParent(&parent);
     EXPECT_EQ(parent, nullptr);
 }
 
@@ -156,10 +156,10 @@ TEST(QueryValue, RefusesAMalformedFile) {
     Account account;
     TbString value;
     account.write("config.xml", "<KVX A=\"1\"");
-    expectFailure([&] { account.context.QueryValue("config.xml", "A", value); }, KVX_E_INVALID_FORMAT, "kvxctx", 46,
+    expectFailure([&] { account.m_Context.QueryValue("config.xml", "A", value); }, KVX_E_INVALID_FORMAT, "kvxctx", 46,
                   "invalid file format");
     account.write("config.xml", "<OTHER><KVX A=\"1\"/></OTHER>");
-    expectFailure([&] { account.context.QueryValue("config.xml", "A", value); }, KVX_E_INVALID_FORMAT, "kvxctx", 49,
+    expectFailure([&] { account.m_Context.QueryValue("config.xml", "A", value); }, KVX_E_INVALID_FORMAT, "kvxctx", 49,
                   "invalid file format");
 }
 
@@ -167,20 +167,20 @@ TEST(QueryValue, RaisesTheReadersCodeForAMissingFile) {
     Account account;
     TbString value("untouched");
     for (char const* name : {"", "A"}) {
-        Thrown const failure = thrown([&] { account.context.QueryValue("missing.xml", name, value); });
-        EXPECT_EQ(failure.code, KVX_E_CANNOT_OPEN);
-        EXPECT_EQ(failure.file, "kvxurl");
-        EXPECT_EQ(failure.text, "ErrorCode = 0x80040219");
+        Thrown const failure = thrown([&] { account.m_Context.QueryValue("missing.xml", name, value); });
+        EXPECT_EQ(failure.m_Code, KVX_E_CANNOT_OPEN);
+        EXPECT_EQ(failure.m_File, "kvxurl");
+        EXPECT_EQ(failure.m_Text, "ErrorCode = 0x80040219");
     }
     EXPECT_EQ(bytesOf(value), "untouched");
 }
 
 TEST(QueryValue, CannotOpenADirectory) {
     Account account;
-    std::filesystem::create_directories(account.dir.file("keys/private"));
+    std::filesystem::create_directories(account.m_Dir.file("keys/private"));
     TbString value;
     for (char const* name : {"keys/private/", "keys/private", "keys", ""}) {
-        EXPECT_EQ(thrownCode([&] { account.context.QueryValue(name, "", value); }), KVX_E_CANNOT_OPEN) << name;
+        EXPECT_EQ(thrownCode([&] { account.m_Context.QueryValue(name, "", value); }), KVX_E_CANNOT_OPEN) << name;
     }
 }
 
@@ -204,8 +204,8 @@ TEST(QueryValue, FailsWhenReadingFails) {
         return -1;
     };
     TbString value;
-    EXPECT_EQ(thrownCode([&] { account.context.QueryValue("config.xml", "", value); }), KVX_E_FILE_IO);
-    EXPECT_EQ(thrownCode([&] { account.context.QueryValueOrAbsent("config.xml", "", value); }), KVX_E_FILE_IO);
+    EXPECT_EQ(thrownCode([&] { account.m_Context.QueryValue("config.xml", "", value); }), KVX_E_FILE_IO);
+    EXPECT_EQ(thrownCode([&] { account.m_Context.QueryValueOrAbsent("config.xml", "", value); }), KVX_E_FILE_IO);
 }
 
 TEST(QueryValue, SurvivesInterruptionsAndShortReads) {
@@ -224,33 +224,34 @@ TEST(QueryValue, SurvivesInterruptionsAndShortReads) {
     EXPECT_EQ(query(account, "config.xml", ""), "true:" + content);
     unsigned char bytes[100];
     unsigned long size = sizeof bytes;
-    EXPECT_TRUE(account.context.QueryValue("config.xml", bytes, &size));
+    EXPECT_TRUE(account.m_Context.QueryValue("config.xml", bytes, &size));
     EXPECT_EQ(std::string(reinterpret_cast<char*>(bytes), size), content);
 }
 
 TEST(QueryValueOrAbsent, TurnsExactlyAMissingFileIntoFalse) {
     Account account;
     TbString value("untouched");
-    EXPECT_FALSE(account.context.QueryValueOrAbsent("missing.xml", "A", value));
-    EXPECT_FALSE(account.context.QueryValueOrAbsent("missing.xml", "", value));
+    EXPECT_FALSE(account.m_Context.QueryValueOrAbsent("missing.xml", "A", value));
+    EXPECT_FALSE(account.m_Context.QueryValueOrAbsent("missing.xml", "", value));
     EXPECT_EQ(bytesOf(value), "untouched");
     account.write("config.xml", "<KVX A=\"1\"/>");
-    EXPECT_TRUE(account.context.QueryValueOrAbsent("config.xml", "A", value));
+    EXPECT_TRUE(account.m_Context.QueryValueOrAbsent("config.xml", "A", value));
     EXPECT_EQ(bytesOf(value), "1");
-    EXPECT_FALSE(account.context.QueryValueOrAbsent("config.xml", "B", value));
+    EXPECT_FALSE(account.m_Context.QueryValueOrAbsent("config.xml", "B", value));
     account.write("config.xml", "<KVX");
-    EXPECT_EQ(thrownCode([&] { account.context.QueryValueOrAbsent("config.xml", "A", value); }), KVX_E_INVALID_FORMAT);
+    EXPECT_EQ(thrownCode([&] { account.m_Context.QueryValueOrAbsent("config.xml", "A", value); }),
+              KVX_E_INVALID_FORMAT);
 }
 
 TEST(QueryValueOrAbsent, TracesTheExceptionItSwallows) {
     Account account;
     TraceRecorder const recorder;
     TbString value;
-    account.context.QueryValueOrAbsent("missing.xml", "A", value);
+    account.m_Context.QueryValueOrAbsent("missing.xml", "A", value);
     ASSERT_EQ(recorder.records().size(), 1U);
-    EXPECT_EQ(recorder.records()[0].event, "EXCEPTION");
-    EXPECT_EQ(recorder.records()[0].code, KVX_E_CANNOT_OPEN);
-    EXPECT_EQ(recorder.records()[0].detail, "ErrorCode = 0x80040219");
+    EXPECT_EQ(recorder.records()[0].m_Event, "EXCEPTION");
+    EXPECT_EQ(recorder.records()[0].m_Code, KVX_E_CANNOT_OPEN);
+    EXPECT_EQ(recorder.records()[0].m_Detail, "ErrorCode = 0x80040219");
 }
 
 TEST(RawQueryValue, ReadsBytesUpToTheSizeAndKeepsCuttingLongerFilesSilently) {
@@ -258,16 +259,16 @@ TEST(RawQueryValue, ReadsBytesUpToTheSizeAndKeepsCuttingLongerFilesSilently) {
     std::string const content("ab\0c\xFF", 5);
     account.write("file", content);
     struct Case {
-        unsigned long size;
-        unsigned long expected;
+        unsigned long m_Size;
+        unsigned long m_Expected;
     };
     for (Case const& row : {Case{0, 0}, Case{1, 1}, Case{4, 4}, Case{5, 5}, Case{6, 5}, Case{16, 5}}) {
         unsigned char buffer[17] = "????????????????";
-        unsigned long size = row.size;
-        EXPECT_TRUE(account.context.QueryValue("file", buffer, &size));
-        EXPECT_EQ(size, row.expected) << row.size;
+        unsigned long size = row.m_Size;
+        EXPECT_TRUE(account.m_Context.QueryValue("file", buffer, &size));
+        EXPECT_EQ(size, row.m_Expected) << row.m_Size;
         std::string const bytes(reinterpret_cast<char*>(buffer), 16);
-        EXPECT_EQ(bytes, content.substr(0, row.expected) + std::string(16 - row.expected, '?')) << row.size;
+        EXPECT_EQ(bytes, content.substr(0, row.m_Expected) + std::string(16 - row.m_Expected, '?')) << row.m_Size;
     }
 }
 
@@ -275,9 +276,9 @@ TEST(RawQueryValue, AnswersFalseWhenTheFileCannotBeOpened) {
     Account account;
     unsigned char buffer[4] = {1, 2, 3, 4};
     unsigned long size = 4;
-    std::filesystem::create_directory(account.dir.file("directory"));
+    std::filesystem::create_directory(account.m_Dir.file("directory"));
     for (char const* name : {"missing", "directory", "", "missing/file"}) {
-        EXPECT_FALSE(account.context.QueryValue(name, buffer, &size)) << name;
+        EXPECT_FALSE(account.m_Context.QueryValue(name, buffer, &size)) << name;
         EXPECT_EQ(size, 4UL);
         EXPECT_EQ(buffer[0], 1);
     }
@@ -302,7 +303,7 @@ TEST(RawQueryValue, FailsWhenReadingFailsAndClosesTheFile) {
     };
     unsigned char buffer[4];
     unsigned long size = 4;
-    expectFailure([&] { account.context.QueryValue("file", buffer, &size); }, KVX_E_FILE_IO, "kvxctx", 131,
+    expectFailure([&] { account.m_Context.QueryValue("file", buffer, &size); }, KVX_E_FILE_IO, "kvxctx", 131,
                   "file I/O error");
     EXPECT_EQ(countDescriptors(), before);
 }
@@ -310,19 +311,19 @@ TEST(RawQueryValue, FailsWhenReadingFailsAndClosesTheFile) {
 TEST(SetValue, SetsOneAttributeAndKeepsTheRest) {
     Account account;
     account.write("config.xml", "<KVX A=\"1\" B=\"2\"><CHILD C=\"3\"/>text</KVX>");
-    account.context.SetValue("config.xml", "A", "<new>", false);
+    account.m_Context.SetValue("config.xml", "A", "<new>", false);
     EXPECT_EQ(account.read("config.xml"), "<KVX A=\"&lt;new&gt;\" B=\"2\">text<CHILD C=\"3\"/></KVX>");
-    account.context.SetValue("config.xml", "KVX.ISVALID", "yes", true);
+    account.m_Context.SetValue("config.xml", "KVX.ISVALID", "yes", true);
     EXPECT_EQ(query(account, "config.xml", "KVX.ISVALID"), "true:yes");
     EXPECT_EQ(query(account, "config.xml", "A"), "true:<new>");
-    account.context.SetValue("config.xml", "B", "", false);
+    account.m_Context.SetValue("config.xml", "B", "", false);
     EXPECT_EQ(query(account, "config.xml", "B"), "false:");
 }
 
 TEST(SetValue, KeepsOnlyTheElementOfADocument) {
     Account account;
     account.write("config.xml", "lead<OTHER/><KVX A=\"1\"/><KVX A=\"2\"/>");
-    account.context.SetValue("config.xml", "B", "2", false);
+    account.m_Context.SetValue("config.xml", "B", "2", false);
     EXPECT_EQ(account.read("config.xml"), "<KVX A=\"1\" B=\"2\"/>");
 }
 
@@ -330,9 +331,9 @@ TEST(SetValue, ReplacesWhatIsNoDocumentOnlyWhenAskedTo) {
     for (char const* content : {"", "no document", "<KVX", "<OTHER/>", "<OTHER><KVX/></OTHER>"}) {
         Account account;
         account.write("config.xml", content);
-        EXPECT_EQ(thrownCode([&] { account.context.SetValue("config.xml", "A", "1", false); }), KVX_E_INVALID_FORMAT);
+        EXPECT_EQ(thrownCode([&] { account.m_Context.SetValue("config.xml", "A", "1", false); }), KVX_E_INVALID_FORMAT);
         EXPECT_EQ(account.read("config.xml"), content);
-        account.context.SetValue("config.xml", "A", "1", true);
+        account.m_Context.SetValue("config.xml", "A", "1", true);
         EXPECT_EQ(account.read("config.xml"), "<KVX A=\"1\"/>") << content;
     }
 }
@@ -340,7 +341,7 @@ TEST(SetValue, ReplacesWhatIsNoDocumentOnlyWhenAskedTo) {
 TEST(SetValue, NeverMakesAFile) {
     Account account;
     for (bool const create : {false, true}) {
-        EXPECT_EQ(thrownCode([&] { account.context.SetValue("config.xml", "A", "1", create); }), KVX_E_CANNOT_OPEN);
+        EXPECT_EQ(thrownCode([&] { account.m_Context.SetValue("config.xml", "A", "1", create); }), KVX_E_CANNOT_OPEN);
         EXPECT_FALSE(account.exists("config.xml"));
     }
 }
@@ -357,7 +358,7 @@ TEST(SetValue, KeepsRewritingTheFileForANameThatLeadsNowhere) {
     Account account;
     account.write("config.xml", "<KVX  A = \"1\" ></KVX>");
     TraceRecorder const recorder;
-    account.context.SetValue("config.xml", "CHILD(.0).A", "2", false);
+    account.m_Context.SetValue("config.xml", "CHILD(.0).A", "2", false);
     EXPECT_EQ(account.read("config.xml"), "<KVX A=\"1\"/>");
     EXPECT_EQ(recorder.of("UPDATE").size(), 1U);
 }
@@ -366,23 +367,23 @@ TEST(SetValue, TracesTheSwallowedExceptionAndTheUpdate) {
     Account account;
     account.write("config.xml", "");
     TraceRecorder const recorder;
-    account.context.SetValue("config.xml", "A", "1", true);
+    account.m_Context.SetValue("config.xml", "A", "1", true);
     EXPECT_EQ(linesOf(recorder.records()),
               (std::vector<std::string>{"kvxctx:49:80040204:EXCEPTION:invalid file format",
-                                        "kvxctx:217:0:UPDATE:" + account.dir.file("config.xml")}));
+                                        "kvxctx:217:0:UPDATE:" + account.m_Dir.file("config.xml")}));
 }
 
 TEST(TextUpdateFile, WritesAndTraces) {
     Account account;
     TraceRecorder const recorder;
     std::string const content("a\0\xFF\n", 4);
-    account.context.UpdateFile("keys.txt", stringOf(content));
+    account.m_Context.UpdateFile("keys.txt", stringOf(content));
     EXPECT_EQ(account.read("keys.txt"), content);
-    account.context.UpdateFile("keys.txt", "s");
+    account.m_Context.UpdateFile("keys.txt", "s");
     EXPECT_EQ(account.read("keys.txt"), "s");
-    account.context.UpdateFile("keys.txt", TbString());
+    account.m_Context.UpdateFile("keys.txt", TbString());
     EXPECT_EQ(account.read("keys.txt"), "");
-    std::string const line = "kvxctx:217:0:UPDATE:" + account.dir.file("keys.txt");
+    std::string const line = "kvxctx:217:0:UPDATE:" + account.m_Dir.file("keys.txt");
     EXPECT_EQ(linesOf(recorder.records()), (std::vector<std::string>{line, line, line}));
 }
 
@@ -393,13 +394,13 @@ TEST(TextUpdateFile, RefusesAnUnopenedContext) {
 
 TEST(TextUpdateFile, FailsWhereTheFileCannotBeOpened) {
     Account account;
-    std::filesystem::create_directory(account.dir.file("directory"));
+    std::filesystem::create_directory(account.m_Dir.file("directory"));
     account.write("file", "x");
     for (std::string const& name :
          {std::string("missing/file"), std::string("directory"), std::string("directory/"), std::string(),
           std::string("file/below"), std::string(300, 'x'), std::string("file/")}) {
         TraceRecorder const recorder;
-        expectFailure([&] { account.context.UpdateFile(name.c_str(), "new"); }, KVX_E_FILE_NOT_FOUND, "kvxctx", 205,
+        expectFailure([&] { account.m_Context.UpdateFile(name.c_str(), "new"); }, KVX_E_FILE_NOT_FOUND, "kvxctx", 205,
                       "file not found");
         EXPECT_TRUE(recorder.of("UPDATE").empty());
     }
@@ -413,11 +414,11 @@ TEST(BinaryUpdateFile, SucceedsForNoByteAndForOne) {
     unsigned char bytes[] = {'a', 'b'};
     std::size_t const before = countDescriptors();
     TraceRecorder const recorder;
-    account.context.UpdateFile("file", bytes, 1UL);
+    account.m_Context.UpdateFile("file", bytes, 1UL);
     EXPECT_EQ(account.read("file"), "a");
-    account.context.UpdateFile("file", bytes, 0UL);
+    account.m_Context.UpdateFile("file", bytes, 0UL);
     EXPECT_EQ(account.read("file"), "");
-    account.context.UpdateFile("file", nullptr, 0UL);
+    account.m_Context.UpdateFile("file", nullptr, 0UL);
     EXPECT_EQ(account.read("file"), "");
     EXPECT_EQ(countDescriptors(), before);
     EXPECT_TRUE(recorder.records().empty()) << "it is only a message, not a trace record";
@@ -427,10 +428,10 @@ TEST(BinaryUpdateFile, KeepsReportingLongerWritesAsFailuresAndLeavesTheFileOpen)
     Account account;
     unsigned char bytes[] = {'a', '\0', 'c'};
     for (unsigned long const length : {2UL, 3UL}) {
-        expectFailure([&] { account.context.UpdateFile("file", bytes, length); }, KVX_E_FILE_IO, "kvxctx", 181,
+        expectFailure([&] { account.m_Context.UpdateFile("file", bytes, length); }, KVX_E_FILE_IO, "kvxctx", 181,
                       "file I/O error");
         EXPECT_EQ(account.read("file"), std::string("a\0c", length)) << "the data has reached the file";
-        int const left = descriptorOf(account.dir.file("file"));
+        int const left = descriptorOf(account.m_Dir.file("file"));
         ASSERT_NE(left, -1);
         EXPECT_NE(::fcntl(left, F_GETFD) & FD_CLOEXEC, 0);
         ::close(left);
@@ -445,16 +446,16 @@ TEST(BinaryUpdateFile, FailsWhenAByteCannotBeWritten) {
         return -1;
     };
     unsigned char byte = 'a';
-    expectFailure([&] { account.context.UpdateFile("file", &byte, 1UL); }, KVX_E_FILE_IO, "kvxctx", 181,
+    expectFailure([&] { account.m_Context.UpdateFile("file", &byte, 1UL); }, KVX_E_FILE_IO, "kvxctx", 181,
                   "file I/O error");
-    ::close(descriptorOf(account.dir.file("file")));
+    ::close(descriptorOf(account.m_Dir.file("file")));
 }
 
 TEST(BinaryUpdateFile, FailsWhereTheFileCannotBeOpened) {
     Account account;
     unsigned char byte = 'a';
     for (char const* name : {"missing/file", "", "."}) {
-        expectFailure([&] { account.context.UpdateFile(name, &byte, 1UL); }, KVX_E_FILE_NOT_FOUND, "kvxctx", 178,
+        expectFailure([&] { account.m_Context.UpdateFile(name, &byte, 1UL); }, KVX_E_FILE_NOT_FOUND, "kvxctx", 178,
                       "file not found");
     }
 }

@@ -13,19 +13,20 @@ namespace {
 
 std::string signedBy(Account& account, std::string const& data, std::string const& keyId) {
     TbString signature;
-    account.context.SignData(stringOf(data), stringOf(keyId), signature);
+    account.m_Context.SignData(stringOf(data), stringOf(keyId), signature);
     return bytesOf(signature);
 }
 
 /// The code that verifying ends in.
 std::int32_t verified(Account& account, std::string const& data, std::string const& keyId,
                       std::string const& signature) {
-    return thrownCode([&] { account.context.VerifyData(stringOf(data), stringOf(keyId), stringOf(signature)); });
+    return thrownCode([&] { account.m_Context.VerifyData(stringOf(data), stringOf(keyId), stringOf(signature)); });
 }
 
 std::int32_t signingCode(Account& account, std::string const& data, std::string const& keyId) {
     TbString signature("untouched");
-    std::int32_t const code = thrownCode([&] { account.context.SignData(stringOf(data), stringOf(keyId), signature); });
+    std::int32_t const code =
+        thrownCode([&] { account.m_Context.SignData(stringOf(data), stringOf(keyId), signature); });
     EXPECT_EQ(bytesOf(signature) == "untouched", code != KVX_OK);
     return code;
 }
@@ -61,14 +62,14 @@ private:
 };
 
 void makeKeyDirectories(Account const& account) {
-    std::filesystem::create_directories(account.dir.file("keys/public"));
-    std::filesystem::create_directories(account.dir.file("keys/private"));
+    std::filesystem::create_directories(account.m_Dir.file("keys/public"));
+    std::filesystem::create_directories(account.m_Dir.file("keys/private"));
 }
 
 void expectPlain(Thrown const& failure, std::int32_t code, std::string const& text) {
-    EXPECT_EQ(failure.code, code);
-    EXPECT_EQ(failure.text, text) << "without a detail";
-    EXPECT_EQ(failure.file, "kvxctx");
+    EXPECT_EQ(failure.m_Code, code);
+    EXPECT_EQ(failure.m_Text, text) << "without a detail";
+    EXPECT_EQ(failure.m_File, "kvxctx");
 }
 
 }  // namespace
@@ -78,11 +79,11 @@ TEST(GenKey, StoresBothHalvesAsHexadecimalTextThePublicOneFirst) {
     makeKeyDirectories(account);
     TraceRecorder const recorder;
     TbString keyId("0-1-abc");
-    account.context.GenKey(keyId);
+    account.m_Context.GenKey(keyId);
     EXPECT_EQ(bytesOf(keyId), "0-1-abc");
     EXPECT_EQ(linesOf(recorder.records()),
-              (std::vector<std::string>{"kvxctx:217:0:UPDATE:" + account.dir.file("keys/public/0-1-abc"),
-                                        "kvxctx:217:0:UPDATE:" + account.dir.file("keys/private/0-1-abc")}));
+              (std::vector<std::string>{"kvxctx:217:0:UPDATE:" + account.m_Dir.file("keys/public/0-1-abc"),
+                                        "kvxctx:217:0:UPDATE:" + account.m_Dir.file("keys/private/0-1-abc")}));
     std::string const publicHalf = account.read("keys/public/0-1-abc");
     std::string const privateHalf = account.read("keys/private/0-1-abc");
     EXPECT_EQ(publicHalf.find_first_not_of("0123456789abcdef"), std::string::npos);
@@ -98,8 +99,8 @@ TEST(GenKey, MakesAPairThatFits) {
     makeKeyDirectories(account);
     TbString keyId("a");
     TbString other("b");
-    account.context.GenKey(keyId);
-    account.context.GenKey(other);
+    account.m_Context.GenKey(keyId);
+    account.m_Context.GenKey(other);
     std::string const signature = signedBy(account, "text", "a");
     EXPECT_EQ(signature.size(), 128U);
     EXPECT_EQ(verified(account, "text", "a", signature), KVX_OK);
@@ -111,7 +112,7 @@ TEST(GenKey, ReplacesAKeyAtOnce) {
     account.writeOwnKey("a");
     TbString keyId("a");
     std::string const before = signedBy(account, "text", "a");
-    account.context.GenKey(keyId);
+    account.m_Context.GenKey(keyId);
     EXPECT_NE(signedBy(account, "text", "a"), before);
     EXPECT_EQ(verified(account, "text", "a", before), KVX_E_INVALID_SIGNATURE);
 }
@@ -123,7 +124,7 @@ TEST(GenKey, FailsWithoutRandomnessAndWritesNothing) {
     {
         NoRandomness const none;
         TbString keyId("a");
-        failure = thrown([&] { account.context.GenKey(keyId); });
+        failure = thrown([&] { account.m_Context.GenKey(keyId); });
     }
     expectPlain(failure, KVX_E_CRYPTO, "cryptographic error");
     EXPECT_TRUE(account.filesIn("keys/public").empty());
@@ -133,11 +134,11 @@ TEST(GenKey, FailsWithoutRandomnessAndWritesNothing) {
 TEST(GenKey, FailsWithoutDirectories) {
     Account account;
     TbString keyId("a");
-    Thrown const failure = thrown([&] { account.context.GenKey(keyId); });
+    Thrown const failure = thrown([&] { account.m_Context.GenKey(keyId); });
     expectPlain(failure, KVX_E_FILE_NOT_FOUND, "file not found");
-    EXPECT_EQ(failure.line, 205);
-    std::filesystem::create_directories(account.dir.file("keys/public"));
-    EXPECT_EQ(thrownCode([&] { account.context.GenKey(keyId); }), KVX_E_FILE_NOT_FOUND);
+    EXPECT_EQ(failure.m_Line, 205);
+    std::filesystem::create_directories(account.m_Dir.file("keys/public"));
+    EXPECT_EQ(thrownCode([&] { account.m_Context.GenKey(keyId); }), KVX_E_FILE_NOT_FOUND);
     EXPECT_TRUE(account.exists("keys/public/a")) << "the first half stays when the second cannot be written";
 }
 
@@ -180,7 +181,7 @@ TEST(SignData, HasNoKeyForAnUnknownIdentifier) {
         EXPECT_EQ(signingCode(account, "text", keyId), KVX_E_NOT_FOUND) << keyId;
     }
     TbString signature;
-    expectPlain(thrown([&] { account.context.SignData("text", "unknown", signature); }), KVX_E_NOT_FOUND,
+    expectPlain(thrown([&] { account.m_Context.SignData("text", "unknown", signature); }), KVX_E_NOT_FOUND,
                 "requested item was not found");
     EXPECT_EQ(verified(account, "text", "imported", signedElsewhere("text", Widening::kWithSign)), KVX_OK)
         << "an imported key can verify";
@@ -189,8 +190,8 @@ TEST(SignData, HasNoKeyForAnUnknownIdentifier) {
 TEST(SignData, RefusesUnusableKeyFiles) {
     std::string const key = hexFile("rsa/key512.private.hex");
     struct Case {
-        std::string content;
-        std::int32_t code;
+        std::string m_Content;
+        std::int32_t m_Code;
     };
     Case const cases[] = {
         {"no key", KVX_E_INVALID_KEY},
@@ -211,8 +212,8 @@ TEST(SignData, RefusesUnusableKeyFiles) {
     };
     for (Case const& row : cases) {
         Account account;
-        account.write("keys/private/own", row.content);
-        EXPECT_EQ(signingCode(account, "text", "own"), row.code) << row.content;
+        account.write("keys/private/own", row.m_Content);
+        EXPECT_EQ(signingCode(account, "text", "own"), row.m_Code) << row.m_Content;
     }
 }
 
@@ -230,7 +231,7 @@ TEST(SignData, PassesEveryOtherFailureOfTheReading) {
     TbString signature;
     Thrown const unopened = thrown([&] { context.SignData("text", "own", signature); });
     expectPlain(unopened, KVX_E_NO_CONTEXT, "no context present");
-    EXPECT_EQ(unopened.line, 71);
+    EXPECT_EQ(unopened.m_Line, 71);
 
     Account account;
     account.writeOwnKey("own");
@@ -331,7 +332,7 @@ TEST(VerifyData, KeepsTheCodeOfABadKeyForASignatureThatIsNoHexadecimalText) {
         EXPECT_EQ(verified(account, dataFile("signing/plain.txt"), "server", text), KVX_E_INVALID_KEY);
     }
     EXPECT_EQ(verified(account, "x", "server", std::string(2 * 4096, '0')), KVX_E_INVALID_SIGNATURE) << "room for 4096";
-    Thrown const failure = thrown([&] { account.context.VerifyData("x", "server", "g"); });
+    Thrown const failure = thrown([&] { account.m_Context.VerifyData("x", "server", "g"); });
     expectPlain(failure, KVX_E_INVALID_KEY, "invalid key blob");
 }
 
@@ -340,8 +341,8 @@ TEST(VerifyData, RefusesUnusableKeyFiles) {
     std::string const text = dataFile("signing/plain.txt");
     std::string const signature = hexFile("signing/plain.signature.hex");
     struct Case {
-        std::string content;
-        std::int32_t code;
+        std::string m_Content;
+        std::int32_t m_Code;
     };
     Case const cases[] = {
         {"no key", KVX_E_INVALID_KEY},
@@ -360,8 +361,8 @@ TEST(VerifyData, RefusesUnusableKeyFiles) {
     };
     for (Case const& row : cases) {
         Account account;
-        account.write("keys/public/server", row.content);
-        EXPECT_EQ(verified(account, text, "server", signature), row.code) << row.content;
+        account.write("keys/public/server", row.m_Content);
+        EXPECT_EQ(verified(account, text, "server", signature), row.m_Code) << row.m_Content;
     }
 }
 
@@ -371,9 +372,9 @@ TEST(VerifyData, ChecksTheKeyBeforeTheSignatureText) {
     account.write("keys/public/server", "");
     EXPECT_EQ(verified(account, "x", "server", "g"), KVX_E_INVALID_KEY);
     EXPECT_EQ(verified(account, "x", "server", "00"), KVX_E_INVALID_SIGNATURE);
-    Thrown const failure = thrown([&] { account.context.VerifyData("x", "missing", "00"); });
+    Thrown const failure = thrown([&] { account.m_Context.VerifyData("x", "missing", "00"); });
     expectPlain(failure, KVX_E_NOT_FOUND, "requested item was not found");
-    expectPlain(thrown([&] { account.context.VerifyData("x", "server", "00"); }), KVX_E_INVALID_SIGNATURE,
+    expectPlain(thrown([&] { account.m_Context.VerifyData("x", "server", "00"); }), KVX_E_INVALID_SIGNATURE,
                 "invalid signature");
 }
 
@@ -390,7 +391,7 @@ TEST(VerifyData, RefusesAnUnopenedContext) {
     KVX_Context context;
     Thrown const failure = thrown([&] { context.VerifyData("x", "server", "00"); });
     expectPlain(failure, KVX_E_NO_CONTEXT, "no context present");
-    EXPECT_EQ(failure.line, 71);
+    EXPECT_EQ(failure.m_Line, 71);
 }
 
 TEST(VerifyData, ReadsTheKeyAgainEachTime) {
@@ -401,7 +402,7 @@ TEST(VerifyData, ReadsTheKeyAgainEachTime) {
     EXPECT_EQ(verified(account, text, "server", signature), KVX_OK);
     account.write("keys/public/server", hexFile("sandbox/key-public.hex"));
     EXPECT_EQ(verified(account, text, "server", signature), KVX_E_INVALID_SIGNATURE);
-    std::filesystem::remove(account.dir.file("keys/public/server"));
+    std::filesystem::remove(account.m_Dir.file("keys/public/server"));
     EXPECT_EQ(verified(account, text, "server", signature), KVX_E_NOT_FOUND);
 }
 

@@ -29,7 +29,7 @@ struct Merchant : Account {
         write("keys/current", "own");
         write("config.xml", "<KVX VTURL=\"https://pay.example/page\" VERSION=\"1\"/>");
     }
-    WithoutSync quick;
+    WithoutSync m_Quick;
 };
 
 /// Fails each allocation of `call` in turn; there must be some.
@@ -63,8 +63,8 @@ TEST(ExhaustedMemory, LeavesAFileWholeWhenSettingAValue) {
     Merchant account;
     std::string const before = account.read("config.xml");
     failsCleanly([&] {
-        account.context.SetValue("config.xml", "A", "a longer value than the string keeps in reserve, or so it seems",
-                                 true);
+        account.m_Context.SetValue("config.xml", "A", "a longer value than the string keeps in reserve, or so it seems",
+                                   true);
         std::string const after = account.read("config.xml");
         EXPECT_EQ(after.substr(0, 10), before.substr(0, 10));
         EXPECT_EQ(after.substr(after.size() - 2), "/>");
@@ -76,7 +76,7 @@ TEST(ExhaustedMemory, FailsReplacingWhatIsNoDocumentCleanly) {
     Merchant account;
     failsCleanly([&] {
         account.write("config.xml", "");
-        account.context.SetValue("config.xml", "A", "1", true);
+        account.m_Context.SetValue("config.xml", "A", "1", true);
     });
     EXPECT_EQ(account.read("config.xml"), "<KVX A=\"1\"/>");
 }
@@ -85,11 +85,11 @@ TEST(ExhaustedMemory, FailsLookingValuesUpCleanly) {
     Merchant account;
     failsCleanly([&] {
         TbString value;
-        EXPECT_TRUE(account.context.QueryValue("config.xml", "VTURL", value));
-        EXPECT_FALSE(account.context.QueryValueOrAbsent("missing.xml", "VTURL", value));
+        EXPECT_TRUE(account.m_Context.QueryValue("config.xml", "VTURL", value));
+        EXPECT_FALSE(account.m_Context.QueryValueOrAbsent("missing.xml", "VTURL", value));
         unsigned char byte = 0;
         unsigned long size = 1;
-        EXPECT_TRUE(account.context.QueryValue("config.xml", &byte, &size));
+        EXPECT_TRUE(account.m_Context.QueryValue("config.xml", &byte, &size));
     });
 }
 
@@ -110,18 +110,18 @@ TEST(ExhaustedMemory, FailsSigningAndVerifyingCleanly) {
     Merchant account;
     failsCleanly([&] {
         TbString signature;
-        account.context.SignData("some text", "own", signature);
-        account.context.VerifyData("some text", "own", signature);
+        account.m_Context.SignData("some text", "own", signature);
+        account.m_Context.VerifyData("some text", "own", signature);
     });
 }
 
 TEST(ExhaustedMemory, LeavesWholeKeysOrNone) {
     Merchant account;
     failsCleanly([&] {
-        std::filesystem::remove(account.dir.file("keys/public/new"));
-        std::filesystem::remove(account.dir.file("keys/private/new"));
+        std::filesystem::remove(account.m_Dir.file("keys/public/new"));
+        std::filesystem::remove(account.m_Dir.file("keys/private/new"));
         TbString keyId("new");
-        account.context.GenKey(keyId);
+        account.m_Context.GenKey(keyId);
     });
     EXPECT_FALSE(account.hasTemporaryFile("keys/public"));
     EXPECT_FALSE(account.hasTemporaryFile("keys/private"));
@@ -131,7 +131,7 @@ TEST(ExhaustedMemory, FailsMakingAPaymentUrlCleanly) {
     Merchant account;
     failsCleanly([&] {
         KVX_Message message;
-        message.Create(&account.context, "PayComplete");
+        message.Create(&account.m_Context, "PayComplete");
         message.SetAttribute("AMOUNT", "12.50");
         TbString url;
         message.GetURL(url);
@@ -147,7 +147,7 @@ TEST(ExhaustedMemory, FailsOpeningAConfirmationCleanly) {
     std::string const signature = hexFile("signing/confirm.signature.hex");
     failsCleanly([&] {
         KVX_Message message;
-        message.Open(&account.context, data.c_str(), signature.c_str());
+        message.Open(&account.m_Context, data.c_str(), signature.c_str());
     });
 }
 
@@ -157,8 +157,8 @@ TEST(ExhaustedMemory, FailsASetupCleanly) {
     account.write("settings.xml", "<KVX TRACEOPT=\"none\"/>");
     std::string const url = server.url("/auto");
     failsCleanly([&] {
-        account.context.SetOption("VTAUTOURL", url.c_str());
-        account.context.Setup();
+        account.m_Context.SetOption("VTAUTOURL", url.c_str());
+        account.m_Context.Setup();
     });
     EXPECT_FALSE(account.hasTemporaryFile());
     EXPECT_EQ(account.read("config.xml"), "<KVX MSGTYPE=\"SetupResponse\" VERSION=\"2\"/>");
@@ -173,10 +173,10 @@ TEST(ExhaustedMemory, FailsPublishingAndImportingCleanly) {
     failsCleanly([&] {
         TbString own("own");
         TbString imported("vt");
-        account.context.SetOption("VTAUTOURL", exportUrl.c_str());
-        account.context.PublishKey(own);
-        account.context.SetOption("VTAUTOURL", queryUrl.c_str());
-        account.context.ImportKey(imported);
+        account.m_Context.SetOption("VTAUTOURL", exportUrl.c_str());
+        account.m_Context.PublishKey(own);
+        account.m_Context.SetOption("VTAUTOURL", queryUrl.c_str());
+        account.m_Context.ImportKey(imported);
     });
     EXPECT_EQ(account.read("keys/current"), "own");
     EXPECT_EQ(account.read("keys/public/vt"), "00");

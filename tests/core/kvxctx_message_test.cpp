@@ -34,14 +34,14 @@ std::string attribute(KVX_Message& message, char const* name) {
 
 std::int32_t opened(Account& account, std::string const& data, std::string const& signature) {
     KVX_Message message;
-    return thrownCode([&] { message.Open(&account.context, stringOf(data), stringOf(signature)); });
+    return thrownCode([&] { message.Open(&account.m_Context, stringOf(data), stringOf(signature)); });
 }
 
 void expectFailure(std::function<void()> const& call, std::int32_t code, std::string const& text) {
     Thrown const failure = thrown(call);
-    EXPECT_EQ(failure.code, code);
-    EXPECT_EQ(failure.text, text);
-    EXPECT_EQ(failure.file, "kvxctx");
+    EXPECT_EQ(failure.m_Code, code);
+    EXPECT_EQ(failure.m_Text, text);
+    EXPECT_EQ(failure.m_File, "kvxctx");
 }
 
 }  // namespace
@@ -58,7 +58,7 @@ TEST(AttributeNames, AreTheEightThatPaymentsTakeFromTheDefaults) {
 TEST(CreateMessage, StartsWithTypeAndKey) {
     Merchant account;
     KVX_Message message;
-    message.Create(&account.context, "PayInit");
+    message.Create(&account.m_Context, "PayInit");
     EXPECT_EQ(textOf(message), "<KVX MSGTYPE=\"PayInit\" KEYID=\"own\"/>");
     message.SetAttribute("AMOUNT", "12.50");
     message.SetAttribute("TEXT", "a & \"b\" <c>");
@@ -71,11 +71,11 @@ TEST(CreateMessage, StartsWithTypeAndKey) {
 TEST(CreateMessage, AddsThePathToACompletionOnly) {
     Merchant account;
     KVX_Message message;
-    message.Create(&account.context, "PayComplete");
+    message.Create(&account.m_Context, "PayComplete");
     EXPECT_EQ(textOf(message),
-              "<KVX MSGTYPE=\"PayComplete\" KEYID=\"own\" CONFIGPATH=\"" + account.dir.path() + "\"/>");
+              "<KVX MSGTYPE=\"PayComplete\" KEYID=\"own\" CONFIGPATH=\"" + account.m_Dir.path() + "\"/>");
     for (char const* type : {"PayInit", "PayConfirm", "paycomplete", "PayCompleted", "ERROR", ""}) {
-        message.Create(&account.context, type);
+        message.Create(&account.m_Context, type);
         EXPECT_EQ(textOf(message), std::string("<KVX MSGTYPE=\"") + type + "\" KEYID=\"own\"/>");
     }
 }
@@ -84,10 +84,10 @@ TEST(CreateMessage, TakesTheWholeContentOfTheCurrentKeyFile) {
     Merchant account;
     KVX_Message message;
     account.write("keys/current", "own\n");
-    message.Create(&account.context, "PayInit");
+    message.Create(&account.m_Context, "PayInit");
     EXPECT_EQ(attribute(message, "KEYID"), "own\n");
     account.write("keys/current", "");
-    message.Create(&account.context, "PayInit");
+    message.Create(&account.m_Context, "PayInit");
     EXPECT_EQ(textOf(message), "<KVX MSGTYPE=\"PayInit\" KEYID=\"\"/>");
     TbString url;
     EXPECT_EQ(thrownCode([&] { message.GetURL(url); }), KVX_E_NOT_FOUND) << "signing with no key fails";
@@ -95,20 +95,20 @@ TEST(CreateMessage, TakesTheWholeContentOfTheCurrentKeyFile) {
 
 TEST(CreateMessage, KeepsAPayInitBehindWhenTheCurrentKeyIsMissing) {
     Merchant account;
-    std::filesystem::remove(account.dir.file("keys/current"));
+    std::filesystem::remove(account.m_Dir.file("keys/current"));
     KVX_Message message;
-    Thrown const failure = thrown([&] { message.Create(&account.context, "PayComplete"); });
-    EXPECT_EQ(failure.code, KVX_E_CANNOT_OPEN);
-    EXPECT_EQ(failure.file, "kvxurl");
+    Thrown const failure = thrown([&] { message.Create(&account.m_Context, "PayComplete"); });
+    EXPECT_EQ(failure.m_Code, KVX_E_CANNOT_OPEN);
+    EXPECT_EQ(failure.m_File, "kvxurl");
     EXPECT_EQ(textOf(message), "<KVX MSGTYPE=\"PayInit\"/>");
 }
 
 TEST(CreateMessage, DropsTheMessageBefore) {
     Merchant account;
     KVX_Message message;
-    message.Create(&account.context, "PayInit");
+    message.Create(&account.m_Context, "PayInit");
     message.SetAttribute("A", "1");
-    message.Create(&account.context, "PayInit");
+    message.Create(&account.m_Context, "PayInit");
     EXPECT_EQ(textOf(message), "<KVX MSGTYPE=\"PayInit\" KEYID=\"own\"/>");
     KVX_Context unopened;
     EXPECT_EQ(thrownCode([&] { message.Create(&unopened, "PayInit"); }), KVX_E_NO_CONTEXT);
@@ -125,9 +125,9 @@ TEST(Message, GuardsAgainstAMissingContext) {
 TEST(Message, IsNotReadyBeforeItHasAnElement) {
     Merchant account;
     KVX_Message fresh;
-    KVX_Message bound(&account.context);
+    KVX_Message bound(&account.m_Context);
     KVX_Message failed;
-    EXPECT_EQ(thrownCode([&] { failed.Open(&account.context, "no message", ""); }), KVX_E_INVALID_FORMAT);
+    EXPECT_EQ(thrownCode([&] { failed.Open(&account.m_Context, "no message", ""); }), KVX_E_INVALID_FORMAT);
     for (KVX_Message* message : {&fresh, &bound, &failed}) {
         TbString value("untouched");
         expectFailure([&] { message->SetAttribute("A", "1"); }, KVX_E_UNEXPECTED, "unexpected error");
@@ -144,7 +144,7 @@ TEST(Message, IsNotReadyBeforeItHasAnElement) {
 TEST(MessageAttributes, AreReadBackOrMissing) {
     Merchant account;
     KVX_Message message;
-    message.Create(&account.context, "PayInit");
+    message.Create(&account.m_Context, "PayInit");
     message.SetAttribute("EMPTY", "");
     message.SetAttribute("TEXT", "<\xE9&'\">");
     EXPECT_EQ(attribute(message, "EMPTY"), "");
@@ -158,13 +158,13 @@ TEST(MessageAttributes, AreReadBackOrMissing) {
 TEST(OpenMessage, AcceptsWhatTheServerSigned) {
     Merchant account;
     KVX_Message message;
-    message.Open(&account.context, dataFile("signing/confirm.txt").c_str(),
+    message.Open(&account.m_Context, dataFile("signing/confirm.txt").c_str(),
                  hexFile("signing/confirm.signature.hex").c_str());
     EXPECT_EQ(attribute(message, "TOKEN"), "t-1");
     EXPECT_EQ(attribute(message, "SHOP"), "Caf\xE9");
     EXPECT_EQ(textOf(message),
               "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"server\" TOKEN=\"t-1\" SHOP=\"Caf\xE9\" CONFIGPATH=\"" +
-                  account.dir.path() + "\"/>");
+                  account.m_Dir.path() + "\"/>");
 }
 
 TEST(OpenMessage, AddsThePathToAConfirmationOnlyAndAfterVerifying) {
@@ -172,7 +172,7 @@ TEST(OpenMessage, AddsThePathToAConfirmationOnlyAndAfterVerifying) {
     for (char const* type : {"PayConfirm", "PayInit", "payconfirm", "Error", ""}) {
         std::string const text = std::string("<KVX MSGTYPE=\"") + type + "\" KEYID=\"server\"/>";
         KVX_Message message;
-        message.Open(&account.context, text.c_str(), signedElsewhere(text, Widening::kWithSign).c_str());
+        message.Open(&account.m_Context, text.c_str(), signedElsewhere(text, Widening::kWithSign).c_str());
         TbString path;
         EXPECT_EQ(thrownCode([&] { message.GetAttribute("CONFIGPATH", path); }),
                   std::string(type) == "PayConfirm" ? KVX_OK : KVX_E_NOT_FOUND)
@@ -186,8 +186,8 @@ TEST(OpenMessage, ReplacesAPathThatTheMessageBrought) {
     Merchant account;
     std::string const text = "<KVX CONFIGPATH=\"/elsewhere\" MSGTYPE=\"PayConfirm\" KEYID=\"server\"/>";
     KVX_Message message;
-    message.Open(&account.context, text.c_str(), signedElsewhere(text, Widening::kWithSign).c_str());
-    EXPECT_EQ(attribute(message, "CONFIGPATH"), account.dir.path());
+    message.Open(&account.m_Context, text.c_str(), signedElsewhere(text, Widening::kWithSign).c_str());
+    EXPECT_EQ(attribute(message, "CONFIGPATH"), account.m_Dir.path());
 }
 
 TEST(OpenMessage, VerifiesTheTextExactlyAsReceived) {
@@ -211,7 +211,7 @@ TEST(OpenMessage, VerifiesTheTextExactlyAsReceived) {
 TEST(OpenMessage, KeepsAcceptingAnyTypeAndAnyKeyOfTheDirectory) {
     Merchant account;
     KVX_Message message;
-    message.Create(&account.context, "PayInit");
+    message.Create(&account.m_Context, "PayInit");
     TbString url;
     message.GetURL(url);
     std::string const text = percentDecoded(queryValue(bytesOf(url), "DATA"));
@@ -222,20 +222,20 @@ TEST(OpenMessage, KeepsAcceptingAnyTypeAndAnyKeyOfTheDirectory) {
 TEST(OpenMessage, ChecksFormatThenSignatureThenKeyIdentifierThenKey) {
     Merchant account;
     KVX_Message message;
-    expectFailure([&] { message.Open(&account.context, "no message", ""); }, KVX_E_INVALID_FORMAT,
+    expectFailure([&] { message.Open(&account.m_Context, "no message", ""); }, KVX_E_INVALID_FORMAT,
                   "invalid file format");
-    Thrown const unsignedMessage = thrown([&] { message.Open(&account.context, "<KVX/>", ""); });
-    EXPECT_EQ(unsignedMessage.code, KVX_E_MISSING_SIGNATURE);
-    EXPECT_EQ(unsignedMessage.text, "missing signature");
-    EXPECT_EQ(unsignedMessage.file, "kvxctx");
-    EXPECT_EQ(unsignedMessage.line, 722);
-    expectFailure([&] { message.Open(&account.context, "<KVX/>", "g"); }, KVX_E_NO_KEY_ID,
+    Thrown const unsignedMessage = thrown([&] { message.Open(&account.m_Context, "<KVX/>", ""); });
+    EXPECT_EQ(unsignedMessage.m_Code, KVX_E_MISSING_SIGNATURE);
+    EXPECT_EQ(unsignedMessage.m_Text, "missing signature");
+    EXPECT_EQ(unsignedMessage.m_File, "kvxctx");
+    EXPECT_EQ(unsignedMessage.m_Line, 722);
+    expectFailure([&] { message.Open(&account.m_Context, "<KVX/>", "g"); }, KVX_E_NO_KEY_ID,
                   "no key identifier specified");
-    expectFailure([&] { message.Open(&account.context, "<KVX KEYID=\"unknown\"/>", "g"); }, KVX_E_NOT_FOUND,
+    expectFailure([&] { message.Open(&account.m_Context, "<KVX KEYID=\"unknown\"/>", "g"); }, KVX_E_NOT_FOUND,
                   "requested item was not found");
-    expectFailure([&] { message.Open(&account.context, "<KVX KEYID=\"server\"/>", "g"); }, KVX_E_INVALID_KEY,
+    expectFailure([&] { message.Open(&account.m_Context, "<KVX KEYID=\"server\"/>", "g"); }, KVX_E_INVALID_KEY,
                   "invalid key blob");
-    expectFailure([&] { message.Open(&account.context, "<KVX KEYID=\"server\"/>", "00"); }, KVX_E_INVALID_SIGNATURE,
+    expectFailure([&] { message.Open(&account.m_Context, "<KVX KEYID=\"server\"/>", "00"); }, KVX_E_INVALID_SIGNATURE,
                   "invalid signature");
 }
 
@@ -248,8 +248,8 @@ TEST(OpenMessage, HasNoElementAfterAFailure) {
     Merchant account;
     for (char const* data : {"<KVX/>", "<KVX KEYID=\"server\"/>", "no message"}) {
         KVX_Message message;
-        message.Create(&account.context, "PayInit");
-        EXPECT_NE(thrownCode([&] { message.Open(&account.context, data, "00"); }), KVX_OK);
+        message.Create(&account.m_Context, "PayInit");
+        EXPECT_NE(thrownCode([&] { message.Open(&account.m_Context, data, "00"); }), KVX_OK);
         EXPECT_EQ(textOf(message), "no element");
     }
 }
@@ -257,9 +257,9 @@ TEST(OpenMessage, HasNoElementAfterAFailure) {
 TEST(OpenMessage, KeepsTheKeyIdentifierOfAnEarlierCreation) {
     Merchant account;
     KVX_Message message;
-    message.Create(&account.context, "ERROR");
+    message.Create(&account.m_Context, "ERROR");
     std::string const text = kConfirmation;
-    message.Open(&account.context, text.c_str(), signedElsewhere(text, Widening::kWithSign).c_str());
+    message.Open(&account.m_Context, text.c_str(), signedElsewhere(text, Widening::kWithSign).c_str());
     TbString url;
     EXPECT_NO_THROW(message.GetURL(url)) << "it still signs with the own key";
     message.FromString("<KVX KEYID=\"x\"/>");
@@ -270,7 +270,7 @@ TEST(OpenMessage, HasNoKeyForIdentifiersThatLeaveTheDirectory) {
     Merchant account;
     TempDir attacker;
     attacker.write("key", hexFile("rsa/key512.public.hex"));
-    std::string const relative = std::filesystem::relative(attacker.file("key"), account.dir.file("keys/public"));
+    std::string const relative = std::filesystem::relative(attacker.file("key"), account.m_Dir.file("keys/public"));
     account.write("key", hexFile("rsa/key512.public.hex"));
     for (std::string const& keyId :
          {relative, std::string("../../key"), std::string("../public/server"), std::string("./server"),
@@ -293,7 +293,7 @@ TEST(OpenMessage, ReadsEveryOtherOddIdentifierAsAFileName) {
 TEST(MessageUrl, HoldsTheSignedTextAndTheSignature) {
     Merchant account;
     KVX_Message message;
-    message.Create(&account.context, "PayInit");
+    message.Create(&account.m_Context, "PayInit");
     message.SetAttribute("AMOUNT", "12.50");
     TbString url;
     message.GetURL(url);
@@ -309,7 +309,7 @@ TEST(MessageUrl, HoldsTheSignedTextAndTheSignature) {
 TEST(MessageUrl, EscapesEverythingThatIsNoLetterOrDigit) {
     Merchant account;
     KVX_Message message;
-    message.Create(&account.context, "PayInit");
+    message.Create(&account.m_Context, "PayInit");
     std::string all = " &=?#/+";
     for (int value = 1; value < 256; ++value) {
         all += static_cast<char>(value);
@@ -326,10 +326,10 @@ TEST(MessageUrl, EscapesEverythingThatIsNoLetterOrDigit) {
 
 TEST(MessageUrl, CarriesTheSessionsCredentials) {
     Merchant account;
-    account.context.SetOption("UserName", "u");
-    account.context.SetOption("Password", "p");
+    account.m_Context.SetOption("UserName", "u");
+    account.m_Context.SetOption("Password", "p");
     KVX_Message message;
-    message.Create(&account.context, "PayInit");
+    message.Create(&account.m_Context, "PayInit");
     TbString url;
     message.GetURL(url);
     EXPECT_EQ(bytesOf(url).rfind("https://u:p@pay.example/page?DATA=", 0), 0U);
@@ -338,7 +338,7 @@ TEST(MessageUrl, CarriesTheSessionsCredentials) {
 TEST(MessageUrl, IsWholeWhateverTheStringHeldBefore) {
     Merchant account;
     KVX_Message message;
-    message.Create(&account.context, "PayInit");
+    message.Create(&account.m_Context, "PayInit");
     TbString fresh;
     message.GetURL(fresh);
     TbString reused(std::string(10, 'x').c_str());
@@ -351,8 +351,8 @@ TEST(MessageUrl, IsWholeWhateverTheStringHeldBefore) {
 TEST(MessageUrl, NeedsTheAddressBeforeTheKey) {
     Merchant account;
     KVX_Message message;
-    message.Create(&account.context, "PayInit");
-    std::filesystem::remove_all(account.dir.file("keys"));
+    message.Create(&account.m_Context, "PayInit");
+    std::filesystem::remove_all(account.m_Dir.file("keys"));
     TbString url("untouched");
     for (char const* configuration : {"<KVX/>", "<KVX VTURL=\"\"/>", "<KVX CAPTUREURL=\"http://x/\"/>"}) {
         account.write("config.xml", configuration);
@@ -364,7 +364,7 @@ TEST(MessageUrl, NeedsTheAddressBeforeTheKey) {
     EXPECT_EQ(thrownCode([&] { message.GetURL(url); }), KVX_E_INVALID_URL);
     account.write("config.xml", "<KVX");
     EXPECT_EQ(thrownCode([&] { message.GetURL(url); }), KVX_E_INVALID_FORMAT);
-    std::filesystem::remove(account.dir.file("config.xml"));
+    std::filesystem::remove(account.m_Dir.file("config.xml"));
     EXPECT_EQ(thrownCode([&] { message.GetURL(url); }), KVX_E_CANNOT_OPEN);
     EXPECT_EQ(bytesOf(url), "untouched");
 }
@@ -372,7 +372,7 @@ TEST(MessageUrl, NeedsTheAddressBeforeTheKey) {
 TEST(MessageUrl, KeepsUsingTheKeyThatWasCurrentAtTheCreation) {
     Merchant account;
     KVX_Message message;
-    message.Create(&account.context, "PayInit");
+    message.Create(&account.m_Context, "PayInit");
     account.write("keys/current", "next");
     TbString url;
     EXPECT_NO_THROW(message.GetURL(url));
@@ -383,7 +383,7 @@ TEST(MessageUrl, KeepsUsingTheKeyThatWasCurrentAtTheCreation) {
 TEST(MessageText, IsReplacedAndGetsTheKeyIdentifierHeld) {
     Merchant account;
     KVX_Message message;
-    message.Create(&account.context, "ERROR");
+    message.Create(&account.m_Context, "ERROR");
     message.FromString("<KVX KEYID=\"x\" MSGTYPE=\"PayConfirm\"/>");
     EXPECT_EQ(textOf(message), "<KVX KEYID=\"own\" MSGTYPE=\"PayConfirm\"/>");
     message.FromString("<KVX MSGTYPE=\"PayConfirm\"><A/></KVX>");
@@ -398,7 +398,7 @@ TEST(MessageText, IsReplacedAndGetsTheKeyIdentifierHeld) {
 TEST(MessageText, IsDroppedBeforeABadOneIsParsed) {
     Merchant account;
     KVX_Message message;
-    message.Create(&account.context, "ERROR");
+    message.Create(&account.m_Context, "ERROR");
     expectFailure([&] { message.FromString("no message"); }, KVX_E_INVALID_FORMAT, "invalid file format");
     EXPECT_EQ(textOf(message), "no element");
 }

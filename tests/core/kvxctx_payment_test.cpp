@@ -19,7 +19,7 @@ struct Merchant : Account {
 
 /// A confirmation as a merchant captures it: created first, then filled.
 void fill(KVX_Message& message, Account& account, char const* text) {
-    message.Create(&account.context, "ERROR");
+    message.Create(&account.m_Context, "ERROR");
     message.FromString(text);
 }
 
@@ -33,8 +33,8 @@ constexpr char kCaptured[] = "<KVX MSGTYPE=\"PayConfirm\" STATUS=\"captured\"/>"
 constexpr char kCompleted[] = "<KVX MSGTYPE=\"PayCompleteResponse\" STATUS=\"done\"/>";
 
 struct Refusal {
-    char const* answer;
-    std::int32_t code;
+    char const* m_Answer;
+    std::int32_t m_Code;
 };
 
 constexpr Refusal kRefusals[] = {
@@ -72,10 +72,10 @@ TEST(Capture, NeedsATokenButNoValueInIt) {
     KVX_Message message;
     fill(message, account, "<KVX MSGTYPE=\"PayConfirm\"/>");
     Thrown const failure = thrown([&] { message.Capture(); });
-    EXPECT_EQ(failure.code, KVX_E_UNEXPECTED);
-    EXPECT_EQ(failure.text, "unexpected error");
-    EXPECT_EQ(failure.file, "kvxctx");
-    EXPECT_EQ(failure.line, 620);
+    EXPECT_EQ(failure.m_Code, KVX_E_UNEXPECTED);
+    EXPECT_EQ(failure.m_Text, "unexpected error");
+    EXPECT_EQ(failure.m_File, "kvxctx");
+    EXPECT_EQ(failure.m_Line, 620);
     fill(message, account, "<KVX MSGTYPE=\"PayConfirm\" TOKEN=\"\"/>");
     EXPECT_NO_THROW(message.Capture());
     EXPECT_EQ(server.requests().size(), 1U) << "nothing was sent without the token";
@@ -89,12 +89,12 @@ TEST(Capture, LooksForTheAddressBeforeTheToken) {
         account.write("config.xml", configuration);
         fill(message, account, "<KVX MSGTYPE=\"PayConfirm\"/>");
         Thrown const failure = thrown([&] { message.Capture(); });
-        EXPECT_EQ(failure.code, KVX_E_NO_CONFIGURATION) << "without both it is the address";
-        EXPECT_EQ(failure.text, "no configuration found");
+        EXPECT_EQ(failure.m_Code, KVX_E_NO_CONFIGURATION) << "without both it is the address";
+        EXPECT_EQ(failure.m_Text, "no configuration found");
         fill(message, account, "<KVX MSGTYPE=\"PayConfirm\" TOKEN=\"t\"/>");
         EXPECT_EQ(thrownCode([&] { message.Capture(); }), KVX_E_NO_CONFIGURATION);
     }
-    std::filesystem::remove(account.dir.file("config.xml"));
+    std::filesystem::remove(account.m_Dir.file("config.xml"));
     EXPECT_EQ(thrownCode([&] { message.Capture(); }), KVX_E_CANNOT_OPEN);
     account.write("config.xml", "<KVX");
     EXPECT_EQ(thrownCode([&] { message.Capture(); }), KVX_E_INVALID_FORMAT);
@@ -106,7 +106,7 @@ TEST(Capture, FailsInSigningForAMessageThatWasOnlyOpened) {
     Merchant account(server);
     std::string const text = "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"server\" TOKEN=\"t\"/>";
     KVX_Message message;
-    message.Open(&account.context, text.c_str(), signedElsewhere(text, Widening::kWithSign).c_str());
+    message.Open(&account.m_Context, text.c_str(), signedElsewhere(text, Widening::kWithSign).c_str());
     EXPECT_EQ(thrownCode([&] { message.Capture(); }), KVX_E_NOT_FOUND);
     EXPECT_TRUE(server.requests().empty());
 }
@@ -128,17 +128,17 @@ TEST(Capture, SendsNothingWhenSigningFails) {
 
 TEST(Capture, AcceptsAConfirmationAlone) {
     for (Refusal const& row : kRefusals) {
-        ExchangeServer server({row.answer});
+        ExchangeServer server({row.m_Answer});
         Merchant account(server);
         KVX_Message message;
         fill(message, account, "<KVX MSGTYPE=\"PayConfirm\" TOKEN=\"t\"/>");
-        EXPECT_EQ(thrownCode([&] { message.Capture(); }), row.code) << row.answer;
+        EXPECT_EQ(thrownCode([&] { message.Capture(); }), row.m_Code) << row.m_Answer;
     }
     ExchangeServer server({"<KVX MSGTYPE=\"Error\" MESSAGE=\"expired\"/>"});
     Merchant account(server);
     KVX_Message message;
     fill(message, account, "<KVX MSGTYPE=\"PayConfirm\" TOKEN=\"t\"/>");
-    EXPECT_EQ(thrown([&] { message.Capture(); }).text, "the request failed (expired)");
+    EXPECT_EQ(thrown([&] { message.Capture(); }).m_Text, "the request failed (expired)");
 }
 
 TEST(Capture, SendsAnyTypeUnchanged) {
@@ -154,13 +154,13 @@ TEST(Request, SendsTheRequestTypeAndTakesTheResponse) {
     ExchangeServer server({kCompleted});
     Merchant account(server);
     KVX_Message message;
-    message.Create(&account.context, "PayComplete");
+    message.Create(&account.m_Context, "PayComplete");
     message.SetAttribute("ID", "17");
     message.SetAttribute("TOKEN", "t");
     KVX_Message response;
     message.Request(response);
     EXPECT_EQ(textOf(response), kCompleted);
-    std::string const text = "<KVX MSGTYPE=\"PayCompleteRequest\" KEYID=\"own\" CONFIGPATH=\"" + account.dir.path() +
+    std::string const text = "<KVX MSGTYPE=\"PayCompleteRequest\" KEYID=\"own\" CONFIGPATH=\"" + account.m_Dir.path() +
                              "\" ID=\"17\" TOKEN=\"t\"/>";
     EXPECT_EQ(textOf(message), text);
     EXPECT_EQ(server.messages(), std::vector<std::string>{text});
@@ -171,7 +171,7 @@ TEST(Request, KeepsTheChangedTypeForASecondOne) {
     ExchangeServer server({kCompleted, "<KVX MSGTYPE=\"PayCompleteRequestResponse\"/>"});
     Merchant account(server);
     KVX_Message message;
-    message.Create(&account.context, "PayComplete");
+    message.Create(&account.m_Context, "PayComplete");
     KVX_Message response;
     message.Request(response);
     message.Request(response);
@@ -193,14 +193,14 @@ TEST(Request, ChangesTheTypeBeforeItLooksForTheAddress) {
     ExchangeServer server({kCompleted});
     Merchant account(server);
     KVX_Message response;
-    response.Create(&account.context, "before");
+    response.Create(&account.m_Context, "before");
     for (char const* configuration : {"<KVX/>", "<KVX CAPTUREURL=\"\"/>"}) {
         account.write("config.xml", configuration);
         KVX_Message message;
-        message.Create(&account.context, "X");
+        message.Create(&account.m_Context, "X");
         Thrown const failure = thrown([&] { message.Request(response); });
-        EXPECT_EQ(failure.code, KVX_E_NO_CONFIGURATION);
-        EXPECT_EQ(failure.text, "no configuration found");
+        EXPECT_EQ(failure.m_Code, KVX_E_NO_CONFIGURATION);
+        EXPECT_EQ(failure.m_Text, "no configuration found");
         EXPECT_EQ(textOf(message), "<KVX MSGTYPE=\"XRequest\" KEYID=\"own\"/>");
     }
     EXPECT_EQ(textOf(response), "<KVX MSGTYPE=\"before\" KEYID=\"own\"/>");
@@ -209,13 +209,13 @@ TEST(Request, ChangesTheTypeBeforeItLooksForTheAddress) {
 
 TEST(Request, LeavesTheResponseAloneOnFailure) {
     for (Refusal const& row : kRefusals) {
-        ExchangeServer server({row.answer});
+        ExchangeServer server({row.m_Answer});
         Merchant account(server);
         KVX_Message message;
-        message.Create(&account.context, "PayComplete");
+        message.Create(&account.m_Context, "PayComplete");
         KVX_Message response;
-        response.Create(&account.context, "before");
-        EXPECT_EQ(thrownCode([&] { message.Request(response); }), row.code) << row.answer;
+        response.Create(&account.m_Context, "before");
+        EXPECT_EQ(thrownCode([&] { message.Request(response); }), row.m_Code) << row.m_Answer;
         EXPECT_EQ(textOf(response), "<KVX MSGTYPE=\"before\" KEYID=\"own\"/>");
         EXPECT_NE(textOf(message).find("MSGTYPE=\"PayCompleteRequest\""), std::string::npos);
     }
@@ -225,10 +225,10 @@ TEST(Request, ExpectsTheOriginalTypeWithResponse) {
     ExchangeServer server({"<KVX MSGTYPE=\"PayCompleteRequestResponse\"/>"});
     Merchant account(server);
     KVX_Message message;
-    message.Create(&account.context, "PayComplete");
+    message.Create(&account.m_Context, "PayComplete");
     KVX_Message response;
     EXPECT_EQ(
-        thrown([&] { message.Request(response); }).text,
+        thrown([&] { message.Request(response); }).m_Text,
         "request failed (Response MSGTYPE: received 'PayCompleteRequestResponse', expected 'PayCompleteResponse')");
 }
 
@@ -236,8 +236,8 @@ TEST(Request, SendsNothingWhenSigningFails) {
     ExchangeServer server({kCompleted});
     Merchant account(server);
     KVX_Message message;
-    message.Create(&account.context, "PayComplete");
-    std::filesystem::remove(account.dir.file("keys/private/own"));
+    message.Create(&account.m_Context, "PayComplete");
+    std::filesystem::remove(account.m_Dir.file("keys/private/own"));
     KVX_Message response;
     EXPECT_EQ(thrownCode([&] { message.Request(response); }), KVX_E_NOT_FOUND);
     EXPECT_TRUE(server.requests().empty());
@@ -249,14 +249,14 @@ TEST(Request, LeavesContextAndKeyOfTheResponseAlone) {
     Merchant other(server);
     other.write("keys/current", "other");
     KVX_Message message;
-    message.Create(&account.context, "PayComplete");
+    message.Create(&account.m_Context, "PayComplete");
     KVX_Message response;
-    response.Create(&other.context, "before");
+    response.Create(&other.m_Context, "before");
     message.Request(response);
     response.FromString("<KVX/>");
     EXPECT_EQ(textOf(response), "<KVX KEYID=\"other\"/>");
     KVX_Message unbound;
-    message.Create(&account.context, "PayComplete");
+    message.Create(&account.m_Context, "PayComplete");
     message.Request(unbound);
     TbString url;
     EXPECT_EQ(thrownCode([&] { unbound.GetURL(url); }), KVX_E_NO_CONTEXT);
@@ -266,7 +266,7 @@ TEST(Request, MayTakeItsAnswerItself) {
     ExchangeServer server({kCompleted});
     Merchant account(server);
     KVX_Message message;
-    message.Create(&account.context, "PayComplete");
+    message.Create(&account.m_Context, "PayComplete");
     message.Request(message);
     EXPECT_EQ(textOf(message), kCompleted);
 }

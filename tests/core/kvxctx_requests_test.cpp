@@ -45,9 +45,9 @@ TEST(RequestToUrl, JoinsBaseMessageAndSignature) {
 
 TEST(RequestToUrl, PutsCredentialsBeforeTheHost) {
     struct Case {
-        char const* user;
-        char const* password;
-        char const* expected;
+        char const* m_User;
+        char const* m_Password;
+        char const* m_Expected;
     };
     Case const cases[] = {
         {"", "", "http://host/p?DATA=m"},
@@ -57,8 +57,8 @@ TEST(RequestToUrl, PutsCredentialsBeforeTheHost) {
         {"a@b", "c:d/e", "http://a@b:c:d/e@host/p?DATA=m"},
     };
     for (Case const& row : cases) {
-        KVX_Context context = withCredentials(row.user, row.password);
-        EXPECT_EQ(urlOf(context, "http://host/p", "m"), row.expected);
+        KVX_Context context = withCredentials(row.m_User, row.m_Password);
+        EXPECT_EQ(urlOf(context, "http://host/p", "m"), row.m_Expected);
     }
 }
 
@@ -66,9 +66,9 @@ TEST(RequestToUrl, RefusesABaseWithoutScheme) {
     KVX_Context context;
     for (char const* base : {"", "host/path", "://host/path", "://", "http:/host", "http//host", "mailto:x"}) {
         Thrown const failure = thrown([&] { urlOf(context, base, "m"); });
-        EXPECT_EQ(failure.code, KVX_E_INVALID_URL) << base;
-        EXPECT_EQ(failure.text, "invalid URL");
-        EXPECT_EQ(failure.file, "kvxctx");
+        EXPECT_EQ(failure.m_Code, KVX_E_INVALID_URL) << base;
+        EXPECT_EQ(failure.m_Text, "invalid URL");
+        EXPECT_EQ(failure.m_File, "kvxctx");
     }
 }
 
@@ -82,8 +82,8 @@ TEST(RequestToUrl, AcceptsABaseThatEndsBehindTheScheme) {
 TEST(RequestToUrl, KeepsCountingTheTextThatTheUrlHeldBefore) {
     // The separator stands at 4, so seven characters of text before leave none of the rest.
     struct Case {
-        std::size_t before;
-        char const* rest;
+        std::size_t m_Before;
+        char const* m_Rest;
     };
     Case const cases[] = {
         {0, "host/path"}, {1, "host/path"},  {4, "host/path"},  {6, "host/path"},    {7, ""}, {8, "h"}, {9, "ho"},
@@ -91,9 +91,9 @@ TEST(RequestToUrl, KeepsCountingTheTextThatTheUrlHeldBefore) {
     };
     KVX_Context context;
     for (Case const& row : cases) {
-        EXPECT_EQ(urlOf(context, "http://host/path", "m", "s", std::string(row.before, 'x')),
-                  std::string("http://") + row.rest + "?DATA=m&SIGNATURE=s")
-            << row.before;
+        EXPECT_EQ(urlOf(context, "http://host/path", "m", "s", std::string(row.m_Before, 'x')),
+                  std::string("http://") + row.m_Rest + "?DATA=m&SIGNATURE=s")
+            << row.m_Before;
     }
     EXPECT_EQ(urlOf(context, "http://", "m", "", std::string(9, 'x')), "http://?DATA=m");
 }
@@ -118,31 +118,31 @@ TEST(RequestToUrl, KeepsZeroBytes) {
 }
 
 TEST(CheckResponseMsgType, AcceptsTheExpectedType) {
-    EXPECT_EQ(checked("<KVX MSGTYPE=\"SetupResponse\"/>", "SetupResponse").code, KVX_OK);
-    EXPECT_EQ(checked("<KVX/>", "").code, KVX_OK);
+    EXPECT_EQ(checked("<KVX MSGTYPE=\"SetupResponse\"/>", "SetupResponse").m_Code, KVX_OK);
+    EXPECT_EQ(checked("<KVX/>", "").m_Code, KVX_OK);
 }
 
 TEST(CheckResponseMsgType, RaisesTheServersError) {
     Thrown const failure =
         checked("<KVX MSGTYPE=\"Error\" MESSAGE=\"no such &lt;account&gt; 100%s\"/>", "SetupResponse");
-    EXPECT_EQ(failure.code, KVX_E_SERVER_ERROR);
-    EXPECT_EQ(failure.text, "the request failed (no such <account> 100%s)");
-    EXPECT_EQ(failure.file, "kvxctx");
+    EXPECT_EQ(failure.m_Code, KVX_E_SERVER_ERROR);
+    EXPECT_EQ(failure.m_Text, "the request failed (no such <account> 100%s)");
+    EXPECT_EQ(failure.m_File, "kvxctx");
 }
 
 TEST(CheckResponseMsgType, HasNoDetailForAnErrorWithoutMessage) {
-    EXPECT_EQ(checked("<KVX MSGTYPE=\"Error\"/>", "SetupResponse").text, "the request failed");
-    EXPECT_EQ(checked("<KVX MSGTYPE=\"Error\" MESSAGE=\"\"/>", "SetupResponse").text, "the request failed");
+    EXPECT_EQ(checked("<KVX MSGTYPE=\"Error\"/>", "SetupResponse").m_Text, "the request failed");
+    EXPECT_EQ(checked("<KVX MSGTYPE=\"Error\" MESSAGE=\"\"/>", "SetupResponse").m_Text, "the request failed");
 }
 
 TEST(CheckResponseMsgType, TakesErrorForAnErrorEvenWhereItIsExpected) {
-    EXPECT_EQ(checked("<KVX MSGTYPE=\"Error\" MESSAGE=\"m\"/>", "Error").code, KVX_E_SERVER_ERROR);
+    EXPECT_EQ(checked("<KVX MSGTYPE=\"Error\" MESSAGE=\"m\"/>", "Error").m_Code, KVX_E_SERVER_ERROR);
 }
 
 TEST(CheckResponseMsgType, NamesBothTypesWhenTheyDiffer) {
     struct Case {
-        char const* response;
-        char const* received;
+        char const* m_Response;
+        char const* m_Received;
     };
     Case const cases[] = {
         {"<KVX MSGTYPE=\"Other\"/>", "Other"},
@@ -155,10 +155,10 @@ TEST(CheckResponseMsgType, NamesBothTypesWhenTheyDiffer) {
         {"<KVX MESSAGE=\"m\"/>", ""},
     };
     for (Case const& row : cases) {
-        Thrown const failure = checked(row.response, "SetupResponse");
-        EXPECT_EQ(failure.code, KVX_E_WRONG_RESPONSE);
-        EXPECT_EQ(failure.text, std::string("request failed (Response MSGTYPE: received '") + row.received +
-                                    "', expected 'SetupResponse')");
-        EXPECT_EQ(failure.file, "kvxctx");
+        Thrown const failure = checked(row.m_Response, "SetupResponse");
+        EXPECT_EQ(failure.m_Code, KVX_E_WRONG_RESPONSE);
+        EXPECT_EQ(failure.m_Text, std::string("request failed (Response MSGTYPE: received '") + row.m_Received +
+                                      "', expected 'SetupResponse')");
+        EXPECT_EQ(failure.m_File, "kvxctx");
     }
 }

@@ -41,8 +41,8 @@ std::int32_t fetchCode(KVX_Context& context, char const* url = "http://127.0.0.1
 
 TEST(Settings, ChooseAProxy) {
     struct Case {
-        char const* settings;  ///< Null: no file.
-        int port;
+        char const* m_Settings;  ///< Null: no file.
+        int m_Port;
     };
     Case const cases[] = {
         {nullptr, 7},
@@ -62,22 +62,22 @@ TEST(Settings, ChooseAProxy) {
     };
     for (Case const& row : cases) {
         Account account;
-        if (row.settings != nullptr) {
-            account.write("settings.xml", row.settings);
+        if (row.m_Settings != nullptr) {
+            account.write("settings.xml", row.m_Settings);
         }
         NoNetwork const none;
-        EXPECT_EQ(fetchCode(account.context), KVX_E_SOCKET_REFUSED);
-        EXPECT_EQ(g_Port, row.port) << (row.settings == nullptr ? "none" : row.settings);
+        EXPECT_EQ(fetchCode(account.m_Context), KVX_E_SOCKET_REFUSED);
+        EXPECT_EQ(g_Port, row.m_Port) << (row.m_Settings == nullptr ? "none" : row.m_Settings);
     }
 }
 
 TEST(Settings, AreReadAgainEachTime) {
     Account account;
     NoNetwork const none;
-    fetchCode(account.context);
+    fetchCode(account.m_Context);
     EXPECT_EQ(g_Port, 7);
     account.write("settings.xml", "<KVX USEPROXY=\"1\" PROXYHOST=\"127.0.0.1\" PROXYPORT=\"9\"/>");
-    fetchCode(account.context);
+    fetchCode(account.m_Context);
     EXPECT_EQ(g_Port, 9);
 }
 
@@ -86,10 +86,10 @@ TEST(Settings, AreNeverIgnoredWhenMalformed) {
         Account account;
         account.write("settings.xml", settings);
         NoNetwork const none;
-        EXPECT_EQ(fetchCode(account.context), KVX_E_INVALID_FORMAT) << settings;
+        EXPECT_EQ(fetchCode(account.m_Context), KVX_E_INVALID_FORMAT) << settings;
         EXPECT_EQ(g_Connections, 0);
-        std::filesystem::remove(account.dir.file("settings.xml"));
-        EXPECT_EQ(fetchCode(account.context), KVX_E_SOCKET_REFUSED) << "and the context is usable afterwards";
+        std::filesystem::remove(account.m_Dir.file("settings.xml"));
+        EXPECT_EQ(fetchCode(account.m_Context), KVX_E_SOCKET_REFUSED) << "and the context is usable afterwards";
     }
 }
 
@@ -98,7 +98,7 @@ TEST(Settings, DoNotMatterForLocalFiles) {
     account.write("settings.xml", "<KVX");
     account.write("config.xml", "<KVX A=\"1\"/>");
     TbString value;
-    EXPECT_TRUE(account.context.QueryValue("config.xml", "A", value));
+    EXPECT_TRUE(account.m_Context.QueryValue("config.xml", "A", value));
 }
 
 TEST(Settings, NeedAnOpenedContext) {
@@ -111,7 +111,7 @@ TEST(Settings, NeedAnOpenedContext) {
 TEST(Settings, AreReadAfterTheUrlHasBeenSplit) {
     Account account;
     account.write("settings.xml", "<KVX");
-    EXPECT_EQ(fetchCode(account.context, "https-shop/config.xml"), KVX_E_HTTP_BAD_URL);
+    EXPECT_EQ(fetchCode(account.m_Context, "https-shop/config.xml"), KVX_E_HTTP_BAD_URL);
 }
 
 TEST(Settings, TurnTheRawTraceOn) {
@@ -120,7 +120,7 @@ TEST(Settings, TurnTheRawTraceOn) {
     account.write("settings.xml", "<KVX TRACEOPT=\"x,rawhttp\"/>");
     testing::internal::CaptureStdout();
     TbStringStream out;
-    account.context.StreamFromURL(server.url("/file").c_str(), out);
+    account.m_Context.StreamFromURL(server.url("/file").c_str(), out);
     std::string const printed = testing::internal::GetCapturedStdout();
     EXPECT_EQ(printed, "\n" + server.requests().at(0) + "\n\n\n" + answerWith("body") + "\n\n");
     EXPECT_EQ(bytesOf(out.str()), "body");
@@ -132,7 +132,7 @@ TEST(Settings, AreQuietWithoutTheRawTrace) {
     account.write("settings.xml", "<KVX TRACEOPT=\"RAWHTTP\"/>");
     testing::internal::CaptureStdout();
     TbStringStream out;
-    account.context.StreamFromURL(server.url("/file").c_str(), out);
+    account.m_Context.StreamFromURL(server.url("/file").c_str(), out);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
 }
 

@@ -40,16 +40,16 @@ std::string requestWith(std::string const& path, std::string const& message, cha
 
 /// An account whose option names the server.
 struct Configured : Account {
-    explicit Configured(ExchangeServer const& server) { context.SetOption("VTAUTOURL", server.url("/auto").c_str()); }
+    explicit Configured(ExchangeServer const& server) { m_Context.SetOption("VTAUTOURL", server.url("/auto").c_str()); }
 };
 
 /// The records of the core's own events, network and exceptions left out.
 std::vector<std::string> eventsOf(TraceRecorder const& recorder) {
     std::vector<std::string> events;
     for (TraceRecorder::Record const& record : recorder.records()) {
-        if (record.file == "kvxctx" && record.event != "EXCEPTION") {
-            events.push_back(record.event + ":" + record.detail);
-            EXPECT_EQ(record.code, KVX_OK);
+        if (record.m_File == "kvxctx" && record.m_Event != "EXCEPTION") {
+            events.push_back(record.m_Event + ":" + record.m_Detail);
+            EXPECT_EQ(record.m_Code, KVX_OK);
         }
     }
     return events;
@@ -73,13 +73,13 @@ void publishKey(KVX_Context& context) {
 }
 
 struct Exchange {
-    char const* name;
-    Operation run;
-    char const* answer;
-    char const* expectedType;
-    std::int32_t codeWithoutEndpoint;
-    char const* textWithoutEndpoint;
-    char const* written;
+    char const* m_Name;
+    Operation m_Run;
+    char const* m_Answer;
+    char const* m_ExpectedType;
+    std::int32_t m_CodeWithoutEndpoint;
+    char const* m_TextWithoutEndpoint;
+    char const* m_Written;
 };
 
 Exchange const kExchanges[] = {
@@ -94,7 +94,7 @@ Exchange const kExchanges[] = {
 /// What every exchange needs on disk.
 void prepare(Account const& account) {
     account.write("keys/public/own", "30480241");
-    std::filesystem::create_directories(account.dir.file("keys/private"));
+    std::filesystem::create_directories(account.m_Dir.file("keys/private"));
 }
 
 }  // namespace
@@ -104,17 +104,17 @@ TEST(Setup, SendsItsVersionAndStoresTheWholeAnswer) {
     ExchangeServer server({body});
     Configured account(server);
     TraceRecorder const recorder;
-    account.context.Setup();
+    account.m_Context.Setup();
     EXPECT_EQ(account.read("config.xml"), body);
-    EXPECT_EQ(eventsOf(recorder), std::vector<std::string>{"UPDATE:" + account.dir.file("config.xml")});
+    EXPECT_EQ(eventsOf(recorder), std::vector<std::string>{"UPDATE:" + account.m_Dir.file("config.xml")});
     EXPECT_EQ(server.requests(),
               std::vector<std::string>{requestWith("/auto", "<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>")});
 }
 
 TEST(Setup, SendsTheVersionOfTheConfiguration) {
     struct Case {
-        char const* configuration;
-        char const* version;
+        char const* m_Configuration;
+        char const* m_Version;
     };
     Case const cases[] = {{"<KVX VERSION=\"42\"/>", "42"},
                           {"<KVX VERSION=\"\"/>", "0"},
@@ -123,19 +123,19 @@ TEST(Setup, SendsTheVersionOfTheConfiguration) {
     for (Case const& row : cases) {
         ExchangeServer server({kSetupAnswer});
         Configured account(server);
-        account.write("config.xml", row.configuration);
-        account.context.Setup();
+        account.write("config.xml", row.m_Configuration);
+        account.m_Context.Setup();
         EXPECT_EQ(server.messages(), std::vector<std::string>{std::string("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"") +
-                                                              row.version + "\"/>"});
+                                                              row.m_Version + "\"/>"});
     }
 }
 
 TEST(Setup, SendsCredentialsInTheAuthority) {
     ExchangeServer server({kSetupAnswer});
     Configured account(server);
-    account.context.SetOption("UserName", "alice");
-    account.context.SetOption("Password", "pw");
-    account.context.Setup();
+    account.m_Context.SetOption("UserName", "alice");
+    account.m_Context.SetOption("Password", "pw");
+    account.m_Context.Setup();
     EXPECT_EQ(server.requests(), std::vector<std::string>{requestWith(
                                      "/auto", "<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>", "YWxpY2U6cHcA")});
 }
@@ -144,10 +144,10 @@ TEST(LoadDefaults, StoresTheWholeAnswerAndTraces) {
     ExchangeServer server({kDefaultsAnswer});
     Configured account(server);
     TraceRecorder const recorder;
-    account.context.LoadDefaults();
+    account.m_Context.LoadDefaults();
     EXPECT_EQ(account.read("default.xml"), kDefaultsAnswer);
     EXPECT_EQ(eventsOf(recorder),
-              (std::vector<std::string>{"UPDATE:" + account.dir.file("default.xml"), "LOAD DEFAULTS:"}));
+              (std::vector<std::string>{"UPDATE:" + account.m_Dir.file("default.xml"), "LOAD DEFAULTS:"}));
     EXPECT_EQ(server.requests(),
               std::vector<std::string>{requestWith("/auto", "<KVX MSGTYPE=\"LoadDefaultsRequest\"/>")});
 }
@@ -158,11 +158,11 @@ TEST(ImportKey, StoresTheKeyAndTraces) {
     prepare(account);
     TraceRecorder const recorder;
     TbString keyId("vt-1");
-    account.context.ImportKey(keyId);
+    account.m_Context.ImportKey(keyId);
     EXPECT_EQ(bytesOf(keyId), "vt-1");
     EXPECT_EQ(account.read("keys/public/vt-1"), "30<48");
     EXPECT_EQ(eventsOf(recorder),
-              (std::vector<std::string>{"UPDATE:" + account.dir.file("keys/public/vt-1"), "IMPORT:"}));
+              (std::vector<std::string>{"UPDATE:" + account.m_Dir.file("keys/public/vt-1"), "IMPORT:"}));
     EXPECT_EQ(server.requests(),
               std::vector<std::string>{requestWith("/auto", "<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"vt-1\"/>")});
 }
@@ -172,7 +172,7 @@ TEST(ImportKey, StoresTheKeyUnderTheAnsweredIdentifier) {
     Configured account(server);
     prepare(account);
     TbString keyId("vt-1");
-    account.context.ImportKey(keyId);
+    account.m_Context.ImportKey(keyId);
     EXPECT_EQ(bytesOf(keyId), "vt-2");
     EXPECT_EQ(account.filesIn("keys/public"), (std::vector<std::string>{"own", "vt-2"}));
     EXPECT_EQ(account.read("keys/public/vt-2"), "3048");
@@ -183,7 +183,7 @@ TEST(ImportKey, TakesAbsentAttributesAsAskedAndAsEmpty) {
     Configured account(server);
     prepare(account);
     TbString keyId("vt-1");
-    account.context.ImportKey(keyId);
+    account.m_Context.ImportKey(keyId);
     EXPECT_EQ(bytesOf(keyId), "vt-1");
     EXPECT_EQ(account.read("keys/public/vt-1"), "");
 }
@@ -194,14 +194,14 @@ TEST(ImportKey, CannotOpenAFileOutsideTheKeyDirectory) {
             {std::string("<KVX MSGTYPE=\"KeyQueryResponse\" KEYBLOB=\"3048\" KEYID=\"") + answered + "\"/>"});
         Configured account(server);
         prepare(account);
-        std::filesystem::create_directories(account.dir.file("keys/public/a"));
+        std::filesystem::create_directories(account.m_Dir.file("keys/public/a"));
         TraceRecorder const recorder;
         TbString keyId("vt-1");
-        Thrown const failure = thrown([&] { account.context.ImportKey(keyId); });
-        EXPECT_EQ(failure.code, KVX_E_FILE_NOT_FOUND) << answered;
-        EXPECT_EQ(failure.text, "file not found");
-        EXPECT_EQ(failure.file, "kvxctx");
-        EXPECT_EQ(failure.line, 205);
+        Thrown const failure = thrown([&] { account.m_Context.ImportKey(keyId); });
+        EXPECT_EQ(failure.m_Code, KVX_E_FILE_NOT_FOUND) << answered;
+        EXPECT_EQ(failure.m_Text, "file not found");
+        EXPECT_EQ(failure.m_File, "kvxctx");
+        EXPECT_EQ(failure.m_Line, 205);
         EXPECT_TRUE(eventsOf(recorder).empty());
         EXPECT_EQ(account.filesIn("keys/public"), (std::vector<std::string>{"a", "own"}));
         EXPECT_TRUE(account.filesIn("keys/public/a").empty());
@@ -218,9 +218,10 @@ TEST(PublishKey, SendsThePublicHalfAndMakesTheKeyCurrent) {
     account.write("keys/public/own", "30\n<48>");
     TraceRecorder const recorder;
     TbString keyId("own");
-    account.context.PublishKey(keyId);
+    account.m_Context.PublishKey(keyId);
     EXPECT_EQ(account.read("keys/current"), "own");
-    EXPECT_EQ(eventsOf(recorder), (std::vector<std::string>{"UPDATE:" + account.dir.file("keys/current"), "PUBLISH:"}));
+    EXPECT_EQ(eventsOf(recorder),
+              (std::vector<std::string>{"UPDATE:" + account.m_Dir.file("keys/current"), "PUBLISH:"}));
     EXPECT_EQ(server.requests(),
               std::vector<std::string>{requestWith(
                   "/auto", "<KVX MSGTYPE=\"KeyExportRequest\" KEYID=\"own\" KEYBLOB=\"30\n&lt;48&gt;\"/>")});
@@ -232,10 +233,10 @@ TEST(PublishKey, SendsNothingWithoutTheKeyFile) {
     prepare(account);
     for (char const* name : {"missing", "", "."}) {
         TbString keyId(name);
-        Thrown const failure = thrown([&] { account.context.PublishKey(keyId); });
-        EXPECT_EQ(failure.code, KVX_E_KEY_NOT_FOUND) << name;
-        EXPECT_EQ(failure.text, "the requested key was not found");
-        EXPECT_EQ(failure.file, "kvxctx");
+        Thrown const failure = thrown([&] { account.m_Context.PublishKey(keyId); });
+        EXPECT_EQ(failure.m_Code, KVX_E_KEY_NOT_FOUND) << name;
+        EXPECT_EQ(failure.m_Text, "the requested key was not found");
+        EXPECT_EQ(failure.m_File, "kvxctx");
     }
     EXPECT_FALSE(account.exists("keys/current"));
     EXPECT_TRUE(server.requests().empty());
@@ -244,9 +245,9 @@ TEST(PublishKey, SendsNothingWithoutTheKeyFile) {
 TEST(PublishKey, LooksForTheEndpointBeforeTheKeyFile) {
     Account account;
     TbString keyId("missing");
-    EXPECT_EQ(thrownCode([&] { account.context.PublishKey(keyId); }), KVX_E_NO_ENDPOINT);
-    account.context.SetOption("VTAUTOURL", "http://127.0.0.1:1/");
-    EXPECT_EQ(thrownCode([&] { account.context.PublishKey(keyId); }), KVX_E_KEY_NOT_FOUND);
+    EXPECT_EQ(thrownCode([&] { account.m_Context.PublishKey(keyId); }), KVX_E_NO_ENDPOINT);
+    account.m_Context.SetOption("VTAUTOURL", "http://127.0.0.1:1/");
+    EXPECT_EQ(thrownCode([&] { account.m_Context.PublishKey(keyId); }), KVX_E_KEY_NOT_FOUND);
 }
 
 TEST(Exchanges, FailWithTheirOwnCodeWithoutAnEndpoint) {
@@ -258,27 +259,27 @@ TEST(Exchanges, FailWithTheirOwnCodeWithoutAnEndpoint) {
             if (configuration[0] != '\0') {
                 account.write("config.xml", configuration);
             }
-            account.context.SetOption("VTAUTOURL", "");
-            Thrown const failure = thrown([&] { exchange.run(account.context); });
-            EXPECT_EQ(failure.code, exchange.codeWithoutEndpoint) << exchange.name << configuration;
-            EXPECT_EQ(failure.text, exchange.textWithoutEndpoint);
-            EXPECT_EQ(failure.file, "kvxctx");
+            account.m_Context.SetOption("VTAUTOURL", "");
+            Thrown const failure = thrown([&] { exchange.m_Run(account.m_Context); });
+            EXPECT_EQ(failure.m_Code, exchange.m_CodeWithoutEndpoint) << exchange.m_Name << configuration;
+            EXPECT_EQ(failure.m_Text, exchange.m_TextWithoutEndpoint);
+            EXPECT_EQ(failure.m_File, "kvxctx");
         }
     }
 }
 
 TEST(Exchanges, ReadTheEndpointFromTheConfigurationUnlessTheOptionNamesOne) {
     for (Exchange const& exchange : kExchanges) {
-        ExchangeServer server({exchange.answer});
+        ExchangeServer server({exchange.m_Answer});
         Account account;
         prepare(account);
         std::string const configuration = "<KVX KVX.VTAUTOURL=\"" + server.url("/configured") + "\"/>";
         account.write("config.xml", configuration);
-        exchange.run(account.context);
+        exchange.m_Run(account.m_Context);
         account.write("config.xml", configuration);
-        account.context.SetOption("VTAUTOURL", server.url("/option").c_str());
-        exchange.run(account.context);
-        ASSERT_EQ(server.requests().size(), 2U) << exchange.name;
+        account.m_Context.SetOption("VTAUTOURL", server.url("/option").c_str());
+        exchange.m_Run(account.m_Context);
+        ASSERT_EQ(server.requests().size(), 2U) << exchange.m_Name;
         EXPECT_EQ(server.requests()[0].rfind("GET /configured?DATA=", 0), 0U);
         EXPECT_EQ(server.requests()[1].rfind("GET /option?DATA=", 0), 0U);
     }
@@ -286,11 +287,11 @@ TEST(Exchanges, ReadTheEndpointFromTheConfigurationUnlessTheOptionNamesOne) {
 
 TEST(Exchanges, AreNotSigned) {
     for (Exchange const& exchange : kExchanges) {
-        ExchangeServer server({exchange.answer});
+        ExchangeServer server({exchange.m_Answer});
         Configured account(server);
         prepare(account);
-        exchange.run(account.context);
-        EXPECT_EQ(server.requests().at(0).find("SIGNATURE"), std::string::npos) << exchange.name;
+        exchange.m_Run(account.m_Context);
+        EXPECT_EQ(server.requests().at(0).find("SIGNATURE"), std::string::npos) << exchange.m_Name;
     }
 }
 
@@ -299,16 +300,16 @@ TEST(Exchanges, PassAMalformedConfiguration) {
         Account account;
         prepare(account);
         account.write("config.xml", "<KVX");
-        EXPECT_EQ(thrownCode([&] { exchange.run(account.context); }), KVX_E_INVALID_FORMAT) << exchange.name;
+        EXPECT_EQ(thrownCode([&] { exchange.m_Run(account.m_Context); }), KVX_E_INVALID_FORMAT) << exchange.m_Name;
     }
 }
 
 TEST(Exchanges, RefuseAnUnopenedContext) {
     for (Exchange const& exchange : kExchanges) {
         KVX_Context context;
-        Thrown const failure = thrown([&] { exchange.run(context); });
-        EXPECT_EQ(failure.code, KVX_E_NO_CONTEXT) << exchange.name;
-        EXPECT_EQ(failure.line, 71);
+        Thrown const failure = thrown([&] { exchange.m_Run(context); });
+        EXPECT_EQ(failure.m_Code, KVX_E_NO_CONTEXT) << exchange.m_Name;
+        EXPECT_EQ(failure.m_Line, 71);
     }
 }
 
@@ -316,8 +317,8 @@ TEST(Exchanges, RefuseABaseAddressWithoutScheme) {
     for (Exchange const& exchange : kExchanges) {
         Account account;
         prepare(account);
-        account.context.SetOption("VTAUTOURL", "127.0.0.1/auto");
-        EXPECT_EQ(thrownCode([&] { exchange.run(account.context); }), KVX_E_INVALID_URL) << exchange.name;
+        account.m_Context.SetOption("VTAUTOURL", "127.0.0.1/auto");
+        EXPECT_EQ(thrownCode([&] { exchange.m_Run(account.m_Context); }), KVX_E_INVALID_URL) << exchange.m_Name;
     }
 }
 
@@ -325,16 +326,16 @@ TEST(Exchanges, KeepNeedingASlashBehindTheHost) {
     for (Exchange const& exchange : kExchanges) {
         Account account;
         prepare(account);
-        account.context.SetOption("VTAUTOURL", "http://127.0.0.1");
-        EXPECT_EQ(thrownCode([&] { exchange.run(account.context); }), KVX_E_HTTP_NAME_LOOKUP) << exchange.name;
+        account.m_Context.SetOption("VTAUTOURL", "http://127.0.0.1");
+        EXPECT_EQ(thrownCode([&] { exchange.m_Run(account.m_Context); }), KVX_E_HTTP_NAME_LOOKUP) << exchange.m_Name;
     }
 }
 
 TEST(Exchanges, WriteAndTraceNothingUnlessTheAnswerIsRight) {
     struct Case {
-        std::string answer;
-        std::int32_t code;
-        std::string text;
+        std::string m_Answer;
+        std::int32_t m_Code;
+        std::string m_Text;
     };
     Case const cases[] = {
         {kError, KVX_E_SERVER_ERROR, "the request failed (not today)"},
@@ -351,20 +352,20 @@ TEST(Exchanges, WriteAndTraceNothingUnlessTheAnswerIsRight) {
     };
     for (Exchange const& exchange : kExchanges) {
         for (Case const& row : cases) {
-            ExchangeServer server({row.answer});
+            ExchangeServer server({row.m_Answer});
             Configured account(server);
             prepare(account);
-            account.write(exchange.written, "<KVX A=\"old\"/>");
+            account.write(exchange.m_Written, "<KVX A=\"old\"/>");
             TraceRecorder const recorder;
-            Thrown const failure = thrown([&] { exchange.run(account.context); });
-            std::string text = row.text;
+            Thrown const failure = thrown([&] { exchange.m_Run(account.m_Context); });
+            std::string text = row.m_Text;
             if (text.find('%') != std::string::npos) {
-                text.replace(text.find('%'), 1, exchange.expectedType);
+                text.replace(text.find('%'), 1, exchange.m_ExpectedType);
             }
-            EXPECT_EQ(failure.code, row.code) << exchange.name << ": " << row.answer;
-            EXPECT_EQ(failure.text, text) << exchange.name << ": " << row.answer;
+            EXPECT_EQ(failure.m_Code, row.m_Code) << exchange.m_Name << ": " << row.m_Answer;
+            EXPECT_EQ(failure.m_Text, text) << exchange.m_Name << ": " << row.m_Answer;
             EXPECT_TRUE(eventsOf(recorder).empty());
-            EXPECT_EQ(account.read(exchange.written), "<KVX A=\"old\"/>");
+            EXPECT_EQ(account.read(exchange.m_Written), "<KVX A=\"old\"/>");
         }
     }
 }
@@ -374,16 +375,16 @@ TEST(Exchanges, FailWhenNobodyAnswers) {
     for (Exchange const& exchange : kExchanges) {
         Account account;
         prepare(account);
-        account.context.SetOption("VTAUTOURL", ("http://127.0.0.1:" + port.text() + "/auto").c_str());
-        Thrown const failure = thrown([&] { exchange.run(account.context); });
-        EXPECT_EQ(failure.code, KVX_E_SOCKET_REFUSED) << exchange.name;
-        EXPECT_EQ(failure.text, "connection refused (failed to connect to host)");
+        account.m_Context.SetOption("VTAUTOURL", ("http://127.0.0.1:" + port.text() + "/auto").c_str());
+        Thrown const failure = thrown([&] { exchange.m_Run(account.m_Context); });
+        EXPECT_EQ(failure.m_Code, KVX_E_SOCKET_REFUSED) << exchange.m_Name;
+        EXPECT_EQ(failure.m_Text, "connection refused (failed to connect to host)");
     }
 }
 
 TEST(Exchanges, TraceNothingWhenTheAnswerCannotBeStored) {
     for (Exchange const& exchange : kExchanges) {
-        ExchangeServer server({exchange.answer});
+        ExchangeServer server({exchange.m_Answer});
         Configured account(server);
         prepare(account);
         SystemCalls calls;
@@ -392,9 +393,9 @@ TEST(Exchanges, TraceNothingWhenTheAnswerCannotBeStored) {
             return -1;
         };
         TraceRecorder const recorder;
-        Thrown const failure = thrown([&] { exchange.run(account.context); });
-        EXPECT_EQ(failure.code, KVX_E_FILE_IO) << exchange.name;
-        EXPECT_EQ(failure.line, 212);
+        Thrown const failure = thrown([&] { exchange.m_Run(account.m_Context); });
+        EXPECT_EQ(failure.m_Code, KVX_E_FILE_IO) << exchange.m_Name;
+        EXPECT_EQ(failure.m_Line, 212);
         EXPECT_TRUE(eventsOf(recorder).empty());
     }
 }
@@ -403,7 +404,7 @@ TEST(Exchanges, AcceptBytesAbove127InAnAnswer) {
     std::string const body = "<KVX MSGTYPE=\"SetupResponse\" NAME=\"Caf\xE9 \xC3\xA9\"/>";
     ExchangeServer server({body});
     Configured account(server);
-    account.context.Setup();
+    account.m_Context.Setup();
     EXPECT_EQ(account.read("config.xml"), body);
 }
 
@@ -411,13 +412,13 @@ namespace {
 
 /// A server for a whole set-up with these answers, some of which a test replaces.
 struct Answers {
-    std::string setup = kSetupAnswer;
-    std::string defaults = kDefaultsAnswer;
-    std::string key = kKeyAnswer;
-    std::string exported = kExportAnswer;
+    std::string m_Setup = kSetupAnswer;
+    std::string m_Defaults = kDefaultsAnswer;
+    std::string m_Key = kKeyAnswer;
+    std::string m_Exported = kExportAnswer;
 
-    [[nodiscard]] std::vector<std::string> all() const { return {setup, defaults, key, exported}; }
-    [[nodiscard]] std::vector<std::string> withoutDefaults() const { return {setup, key, exported}; }
+    [[nodiscard]] std::vector<std::string> all() const { return {m_Setup, m_Defaults, m_Key, m_Exported}; }
+    [[nodiscard]] std::vector<std::string> withoutDefaults() const { return {m_Setup, m_Key, m_Exported}; }
 };
 
 std::vector<std::string> typesOf(std::vector<std::string> const& messages) {
@@ -435,7 +436,7 @@ TEST(Reconfigure, BringsAnEmptyDirectoryIntoWorkingOrder) {
     ExchangeServer server(Answers().all());
     Configured account(server);
     TraceRecorder const recorder;
-    account.context.Reconfigure();
+    account.m_Context.Reconfigure();
 
     std::string const keyId = account.read("keys/current");
     ASSERT_EQ(keyId.size(), 7 + 32U) << keyId;
@@ -449,7 +450,7 @@ TEST(Reconfigure, BringsAnEmptyDirectoryIntoWorkingOrder) {
     EXPECT_EQ(account.read("default.xml"), kDefaultsAnswer);
     EXPECT_EQ(account.read("keys/public/vt-1"), "3048");
 
-    std::string const update = "UPDATE:" + account.dir.path() + "/";
+    std::string const update = "UPDATE:" + account.m_Dir.path() + "/";
     EXPECT_EQ(eventsOf(recorder),
               (std::vector<std::string>{"START RECONFIGURE:", update + "config.xml", update + "default.xml",
                                         "LOAD DEFAULTS:", update + "keys/public/vt-1",
@@ -475,16 +476,16 @@ TEST(Reconfigure, WritesEachResultBeforeItAsksForTheNext) {
         state += account.exists("keys/private") ? std::to_string(account.filesIn("keys/private").size()) : "?";
         seen.push_back(state);
     });
-    account.context.SetOption("VTAUTOURL", server.url("/auto").c_str());
-    account.context.Reconfigure();
+    account.m_Context.SetOption("VTAUTOURL", server.url("/auto").c_str());
+    account.m_Context.Reconfigure();
     EXPECT_EQ(server.requests().size(), 4U);
     EXPECT_EQ(seen, (std::vector<std::string>{"----0", "x---0", "xx--0", "xxx-1"}));
 }
 
 TEST(Reconfigure, LoadsTheDefaultsUnlessTheyAreValid) {
     struct Case {
-        char const* defaults;
-        bool loads;
+        char const* m_Defaults;
+        bool m_Loads;
     };
     Case const cases[] = {
         {"<KVX KVX.ISVALID=\"yes\"/>", false}, {"<KVX KVX.ISVALID=\"no\"/>", true},
@@ -493,16 +494,16 @@ TEST(Reconfigure, LoadsTheDefaultsUnlessTheyAreValid) {
         {"<KVX ISVALID=\"yes\"/>", true},      {"<KVX/>", true},
     };
     for (Case const& row : cases) {
-        ExchangeServer server(row.loads ? Answers().all() : Answers().withoutDefaults());
+        ExchangeServer server(row.m_Loads ? Answers().all() : Answers().withoutDefaults());
         Configured account(server);
-        account.write("default.xml", row.defaults);
-        account.context.Reconfigure();
+        account.write("default.xml", row.m_Defaults);
+        account.m_Context.Reconfigure();
         std::vector<std::string> expected{"SetupRequest", "LoadDefaultsRequest", "KeyQueryRequest", "KeyExportRequest"};
-        if (!row.loads) {
+        if (!row.m_Loads) {
             expected.erase(expected.begin() + 1);
         }
-        EXPECT_EQ(typesOf(server.messages()), expected) << row.defaults;
-        EXPECT_EQ(account.read("default.xml"), row.loads ? kDefaultsAnswer : row.defaults);
+        EXPECT_EQ(typesOf(server.messages()), expected) << row.m_Defaults;
+        EXPECT_EQ(account.read("default.xml"), row.m_Loads ? kDefaultsAnswer : row.m_Defaults);
     }
 }
 
@@ -511,7 +512,7 @@ TEST(Reconfigure, StopsAtMalformedDefaultsBeforeItSendsAnything) {
     Configured account(server);
     account.write("default.xml", "<KVX");
     TraceRecorder const recorder;
-    EXPECT_EQ(thrownCode([&] { account.context.Reconfigure(); }), KVX_E_INVALID_FORMAT);
+    EXPECT_EQ(thrownCode([&] { account.m_Context.Reconfigure(); }), KVX_E_INVALID_FORMAT);
     EXPECT_EQ(eventsOf(recorder), std::vector<std::string>{"START RECONFIGURE:"});
     EXPECT_TRUE(server.requests().empty());
     EXPECT_TRUE(account.exists("keys/private"));
@@ -522,9 +523,9 @@ TEST(Reconfigure, MakesAndPublishesAnotherKeyEachTime) {
     ExchangeServer server(
         {kSetupAnswer, kDefaultsAnswer, kKeyAnswer, kExportAnswer, kSetupAnswer, kKeyAnswer, kExportAnswer});
     Configured account(server);
-    account.context.Reconfigure();
+    account.m_Context.Reconfigure();
     std::string const first = account.read("keys/current");
-    account.context.Reconfigure();
+    account.m_Context.Reconfigure();
     std::string const second = account.read("keys/current");
     EXPECT_NE(first, second);
     EXPECT_TRUE(account.exists("keys/private/" + first)) << "old keys stay";
@@ -538,7 +539,7 @@ TEST(Reconfigure, UsesTheAddressThatTheNewConfigurationNames) {
         {"<KVX MSGTYPE=\"SetupResponse\" VTKEYID=\"vt-1\" KVX.VTAUTOURL=\"" + rest.url("/second") + "\"/>"});
     Account account;
     account.write("config.xml", "<KVX KVX.VTAUTOURL=\"" + named.url("/first") + "\"/>");
-    account.context.Reconfigure();
+    account.m_Context.Reconfigure();
     EXPECT_EQ(named.requests().size(), 1U);
     ASSERT_EQ(rest.requests().size(), 3U);
     for (std::string const& request : rest.requests()) {
@@ -548,10 +549,10 @@ TEST(Reconfigure, UsesTheAddressThatTheNewConfigurationNames) {
 
 TEST(Reconfigure, NamesTheKeyWithoutACustomer) {
     Answers answers;
-    answers.setup = "<KVX MSGTYPE=\"SetupResponse\" VTKEYID=\"vt-1\"/>";
+    answers.m_Setup = "<KVX MSGTYPE=\"SetupResponse\" VTKEYID=\"vt-1\"/>";
     ExchangeServer server(answers.all());
     Configured account(server);
-    account.context.Reconfigure();
+    account.m_Context.Reconfigure();
     std::string const keyId = account.read("keys/current");
     EXPECT_EQ(keyId.substr(0, 3), "0--");
     EXPECT_EQ(keyId.size(), 3 + 32U);
@@ -561,48 +562,48 @@ TEST(Reconfigure, RefusesAnUnopenedContext) {
     KVX_Context context;
     TraceRecorder const recorder;
     Thrown const failure = thrown([&] { context.Reconfigure(); });
-    EXPECT_EQ(failure.code, KVX_E_NO_CONTEXT);
-    EXPECT_EQ(failure.text, "no context present");
-    EXPECT_EQ(failure.file, "kvxctx");
+    EXPECT_EQ(failure.m_Code, KVX_E_NO_CONTEXT);
+    EXPECT_EQ(failure.m_Text, "no context present");
+    EXPECT_EQ(failure.m_File, "kvxctx");
     EXPECT_TRUE(eventsOf(recorder).empty());
 }
 
 TEST(Reconfigure, CreatesTheThreeDirectoriesInOrderBeforeAnythingElse) {
     struct Case {
-        char const* blocking;
-        std::vector<std::string> inKeys;
+        char const* m_Blocking;
+        std::vector<std::string> m_InKeys;
     };
     Case const cases[] = {{"keys", {}}, {"keys/private", {"private"}}, {"keys/public", {"private", "public"}}};
     for (Case const& row : cases) {
         ExchangeServer server(Answers().all());
         Configured account(server);
-        account.write(row.blocking, "a file");
+        account.write(row.m_Blocking, "a file");
         TraceRecorder const recorder;
-        Thrown const failure = thrown([&] { account.context.Reconfigure(); });
-        EXPECT_EQ(failure.code, 17);
-        EXPECT_EQ(failure.file, "kvxbase");
-        EXPECT_EQ(failure.line, 55);
+        Thrown const failure = thrown([&] { account.m_Context.Reconfigure(); });
+        EXPECT_EQ(failure.m_Code, 17);
+        EXPECT_EQ(failure.m_File, "kvxbase");
+        EXPECT_EQ(failure.m_Line, 55);
         EXPECT_TRUE(eventsOf(recorder).empty());
         EXPECT_TRUE(server.requests().empty());
-        if (std::strcmp(row.blocking, "keys") != 0) {
-            EXPECT_EQ(account.filesIn("keys"), row.inKeys);
+        if (std::strcmp(row.m_Blocking, "keys") != 0) {
+            EXPECT_EQ(account.filesIn("keys"), row.m_InKeys);
         }
     }
 }
 
 TEST(Reconfigure, FailsWithoutAnEndpoint) {
     Account account;
-    EXPECT_EQ(thrownCode([&] { account.context.Reconfigure(); }), KVX_E_NO_CONFIGURATION);
+    EXPECT_EQ(thrownCode([&] { account.m_Context.Reconfigure(); }), KVX_E_NO_CONFIGURATION);
 }
 
 TEST(Reconfigure, KeepsWhatEarlierStepsWrote) {
     struct Case {
-        char const* name;
-        Answers answers;
-        std::int32_t code;
-        std::size_t requests;
-        std::vector<std::string> events;  ///< Details left out.
-        std::size_t ownKeys;
+        char const* m_Name;
+        Answers m_Answers;
+        std::int32_t m_Code;
+        std::size_t m_Requests;
+        std::vector<std::string> m_Events;  ///< Details left out.
+        std::size_t m_OwnKeys;
     };
     auto const with = [](std::string Answers::*which, std::string const& answer) {
         Answers answers;
@@ -610,74 +611,74 @@ TEST(Reconfigure, KeepsWhatEarlierStepsWrote) {
         return answers;
     };
     Case const cases[] = {
-        {"set-up refused", with(&Answers::setup, kError), KVX_E_SERVER_ERROR, 1, {"START RECONFIGURE"}, 0},
+        {"set-up refused", with(&Answers::m_Setup, kError), KVX_E_SERVER_ERROR, 1, {"START RECONFIGURE"}, 0},
         {"defaults refused",
-         with(&Answers::defaults, kError),
+         with(&Answers::m_Defaults, kError),
          KVX_E_SERVER_ERROR,
          2,
          {"START RECONFIGURE", "UPDATE"},
          0},
         {"no server key named",
-         with(&Answers::setup, "<KVX MSGTYPE=\"SetupResponse\" CUSTOMERID=\"1\"/>"),
+         with(&Answers::m_Setup, "<KVX MSGTYPE=\"SetupResponse\" CUSTOMERID=\"1\"/>"),
          KVX_E_NO_CONFIGURATION,
          2,
          {"START RECONFIGURE", "UPDATE", "UPDATE", "LOAD DEFAULTS"},
          0},
         {"server key named by nothing",
-         with(&Answers::setup, "<KVX MSGTYPE=\"SetupResponse\" VTKEYID=\"\"/>"),
+         with(&Answers::m_Setup, "<KVX MSGTYPE=\"SetupResponse\" VTKEYID=\"\"/>"),
          KVX_E_NO_CONFIGURATION,
          2,
          {"START RECONFIGURE", "UPDATE", "UPDATE", "LOAD DEFAULTS"},
          0},
         {"server key refused",
-         with(&Answers::key, kError),
+         with(&Answers::m_Key, kError),
          KVX_E_SERVER_ERROR,
          3,
          {"START RECONFIGURE", "UPDATE", "UPDATE", "LOAD DEFAULTS"},
          0},
         {"server key of another directory",
-         with(&Answers::key, "<KVX MSGTYPE=\"KeyQueryResponse\" KEYID=\"../current\" KEYBLOB=\"x\"/>"),
+         with(&Answers::m_Key, "<KVX MSGTYPE=\"KeyQueryResponse\" KEYID=\"../current\" KEYBLOB=\"x\"/>"),
          KVX_E_FILE_NOT_FOUND,
          3,
          {"START RECONFIGURE", "UPDATE", "UPDATE", "LOAD DEFAULTS"},
          0},
         {"customer of another directory",
-         with(&Answers::setup, "<KVX MSGTYPE=\"SetupResponse\" VTKEYID=\"vt-1\" CUSTOMERID=\"/../../x\"/>"),
+         with(&Answers::m_Setup, "<KVX MSGTYPE=\"SetupResponse\" VTKEYID=\"vt-1\" CUSTOMERID=\"/../../x\"/>"),
          KVX_E_FILE_NOT_FOUND,
          3,
          {"START RECONFIGURE", "UPDATE", "UPDATE", "LOAD DEFAULTS", "UPDATE", "IMPORT"},
          0},
         {"own key refused",
-         with(&Answers::exported, kError),
+         with(&Answers::m_Exported, kError),
          KVX_E_SERVER_ERROR,
          4,
          {"START RECONFIGURE", "UPDATE", "UPDATE", "LOAD DEFAULTS", "UPDATE", "IMPORT", "UPDATE", "UPDATE"},
          1},
         {"own key answered wrongly",
-         with(&Answers::exported, kKeyAnswer),
+         with(&Answers::m_Exported, kKeyAnswer),
          KVX_E_WRONG_RESPONSE,
          4,
          {"START RECONFIGURE", "UPDATE", "UPDATE", "LOAD DEFAULTS", "UPDATE", "IMPORT", "UPDATE", "UPDATE"},
          1},
     };
     for (Case const& row : cases) {
-        SCOPED_TRACE(row.name);
-        ExchangeServer server(row.answers.all());
+        SCOPED_TRACE(row.m_Name);
+        ExchangeServer server(row.m_Answers.all());
         Configured account(server);
         account.write("keys/current", "previous");
         TraceRecorder const recorder;
-        EXPECT_EQ(thrownCode([&] { account.context.Reconfigure(); }), row.code);
+        EXPECT_EQ(thrownCode([&] { account.m_Context.Reconfigure(); }), row.m_Code);
         std::vector<std::string> events;
         for (std::string const& event : eventsOf(recorder)) {
             events.push_back(event.substr(0, event.find(':')));
         }
-        EXPECT_EQ(events, row.events);
-        EXPECT_EQ(server.requests().size(), row.requests);
-        EXPECT_EQ(account.exists("config.xml"), row.events.size() > 1);
-        EXPECT_EQ(account.exists("default.xml"), row.events.size() > 2);
-        EXPECT_EQ(account.exists("keys/public/vt-1"), row.events.size() > 4);
-        EXPECT_EQ(account.filesIn("keys/private").size(), row.ownKeys);
-        EXPECT_EQ(account.filesIn("keys/public").size(), row.ownKeys + (row.events.size() > 4 ? 1 : 0));
+        EXPECT_EQ(events, row.m_Events);
+        EXPECT_EQ(server.requests().size(), row.m_Requests);
+        EXPECT_EQ(account.exists("config.xml"), row.m_Events.size() > 1);
+        EXPECT_EQ(account.exists("default.xml"), row.m_Events.size() > 2);
+        EXPECT_EQ(account.exists("keys/public/vt-1"), row.m_Events.size() > 4);
+        EXPECT_EQ(account.filesIn("keys/private").size(), row.m_OwnKeys);
+        EXPECT_EQ(account.filesIn("keys/public").size(), row.m_OwnKeys + (row.m_Events.size() > 4 ? 1 : 0));
         EXPECT_EQ(account.read("keys/current"), "previous");
         EXPECT_EQ(account.filesIn("keys"), (std::vector<std::string>{"current", "private", "public"}));
     }
@@ -686,11 +687,11 @@ TEST(Reconfigure, KeepsWhatEarlierStepsWrote) {
 TEST(Reconfigure, CannotStoreAServerKeyThatTheConfigurationNamesOutsideTheDirectory) {
     for (char const* named : {"../current", "../../x", "a/b", "..", "."}) {
         Answers answers;
-        answers.setup = std::string("<KVX MSGTYPE=\"SetupResponse\" VTKEYID=\"") + named + "\"/>";
-        answers.key = "<KVX MSGTYPE=\"KeyQueryResponse\" KEYBLOB=\"x\"/>";
+        answers.m_Setup = std::string("<KVX MSGTYPE=\"SetupResponse\" VTKEYID=\"") + named + "\"/>";
+        answers.m_Key = "<KVX MSGTYPE=\"KeyQueryResponse\" KEYBLOB=\"x\"/>";
         ExchangeServer server(answers.all());
         Configured account(server);
-        EXPECT_EQ(thrownCode([&] { account.context.Reconfigure(); }), KVX_E_FILE_NOT_FOUND) << named;
+        EXPECT_EQ(thrownCode([&] { account.m_Context.Reconfigure(); }), KVX_E_FILE_NOT_FOUND) << named;
         EXPECT_EQ(server.requests().size(), 3U);
         EXPECT_EQ(account.filesIn("keys"), (std::vector<std::string>{"private", "public"}));
         EXPECT_TRUE(account.filesIn("keys/public").empty());
@@ -700,12 +701,12 @@ TEST(Reconfigure, CannotStoreAServerKeyThatTheConfigurationNamesOutsideTheDirect
 
 TEST(Reconfigure, MakesNoKeyOutsideTheDirectoryForACustomerThatNamesOne) {
     Answers answers;
-    answers.setup = "<KVX MSGTYPE=\"SetupResponse\" VTKEYID=\"vt-1\" CUSTOMERID=\"/../../../x\"/>";
+    answers.m_Setup = "<KVX MSGTYPE=\"SetupResponse\" VTKEYID=\"vt-1\" CUSTOMERID=\"/../../../x\"/>";
     ExchangeServer server(answers.all());
     Configured account(server);
-    std::filesystem::create_directories(account.dir.file("keys/public/0-"));
-    std::filesystem::create_directories(account.dir.file("keys/private/0-"));
-    EXPECT_EQ(thrownCode([&] { account.context.Reconfigure(); }), KVX_E_FILE_NOT_FOUND);
+    std::filesystem::create_directories(account.m_Dir.file("keys/public/0-"));
+    std::filesystem::create_directories(account.m_Dir.file("keys/private/0-"));
+    EXPECT_EQ(thrownCode([&] { account.m_Context.Reconfigure(); }), KVX_E_FILE_NOT_FOUND);
     EXPECT_EQ(server.requests().size(), 3U);
     EXPECT_EQ(account.filesIn(""), (std::vector<std::string>{"config.xml", "default.xml", "keys"}));
     EXPECT_EQ(account.filesIn("keys"), (std::vector<std::string>{"private", "public"}));
@@ -716,7 +717,7 @@ TEST(ImportKey, CannotOpenAFileWhoseNameHoldsAZeroByte) {
     Configured account(server);
     prepare(account);
     TbString keyId = stringOf(std::string("a\0b", 3));
-    EXPECT_EQ(thrownCode([&] { account.context.ImportKey(keyId); }), KVX_E_FILE_NOT_FOUND);
+    EXPECT_EQ(thrownCode([&] { account.m_Context.ImportKey(keyId); }), KVX_E_FILE_NOT_FOUND);
     EXPECT_EQ(account.filesIn("keys/public"), std::vector<std::string>{"own"});
 }
 
@@ -732,7 +733,7 @@ TEST(Reconfigure, LeavesThePublicHalfWhenThePrivateOneCannotBeWritten) {
         }
         return ::open(path, flags, mode);
     };
-    EXPECT_EQ(thrownCode([&] { account.context.Reconfigure(); }), KVX_E_FILE_NOT_FOUND);
+    EXPECT_EQ(thrownCode([&] { account.m_Context.Reconfigure(); }), KVX_E_FILE_NOT_FOUND);
     EXPECT_EQ(server.requests().size(), 3U);
     EXPECT_EQ(account.filesIn("keys/public").size(), 2U);
     EXPECT_TRUE(account.filesIn("keys/private").empty());
@@ -742,11 +743,11 @@ TEST(Reconfigure, LeavesThePublicHalfWhenThePrivateOneCannotBeWritten) {
 TEST(Reconfigure, FailsLastWhenTheCurrentKeyCannotBeSwitched) {
     ExchangeServer server(Answers().all());
     Configured account(server);
-    std::filesystem::create_directories(account.dir.file("keys/current"));
+    std::filesystem::create_directories(account.m_Dir.file("keys/current"));
     TraceRecorder const recorder;
-    Thrown const failure = thrown([&] { account.context.Reconfigure(); });
-    EXPECT_EQ(failure.code, KVX_E_FILE_NOT_FOUND);
-    EXPECT_EQ(failure.line, 205);
+    Thrown const failure = thrown([&] { account.m_Context.Reconfigure(); });
+    EXPECT_EQ(failure.m_Code, KVX_E_FILE_NOT_FOUND);
+    EXPECT_EQ(failure.m_Line, 205);
     EXPECT_EQ(server.requests().size(), 4U);
     EXPECT_TRUE(recorder.of("PUBLISH").empty());
     EXPECT_TRUE(recorder.of("RECONFIGURE OK").empty());

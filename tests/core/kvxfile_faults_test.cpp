@@ -37,12 +37,12 @@ constexpr char const* kNames[] = {"lstat",  "access", "opendir", "open",   "floc
 
 /// What happens to the calls.
 struct Plan {
-    Call failing = kCalls;         ///< The call that fails; none.
-    int number = 0;                ///< Which one of its kind, from 0.
-    int error = 0;                 ///< Its errno.
-    bool always = false;           ///< All later ones of its kind fail as well.
-    std::size_t chunk = SIZE_MAX;  ///< Most bytes that one write takes.
-    int killAt = -1;               ///< The process dies instead of its call with this number, of any kind, from 0.
+    Call m_Failing = kCalls;         ///< The call that fails; none.
+    int m_Number = 0;                ///< Which one of its kind, from 0.
+    int m_Error = 0;                 ///< Its errno.
+    bool m_Always = false;           ///< All later ones of its kind fail as well.
+    std::size_t m_Chunk = SIZE_MAX;  ///< Most bytes that one write takes.
+    int m_KillAt = -1;               ///< The process dies instead of its call with this number, of any kind, from 0.
 };
 
 Plan g_Plan;
@@ -51,14 +51,14 @@ int g_Steps = 0;
 
 /// Counts a call; true when it is to fail.
 bool fails(Call call) {
-    if (g_Steps++ == g_Plan.killAt) {
+    if (g_Steps++ == g_Plan.m_KillAt) {
         ::kill(::getpid(), SIGKILL);
     }
     int const number = g_Counts[call]++;
-    if (call != g_Plan.failing || (g_Plan.always ? number < g_Plan.number : number != g_Plan.number)) {
+    if (call != g_Plan.m_Failing || (g_Plan.m_Always ? number < g_Plan.m_Number : number != g_Plan.m_Number)) {
         return false;
     }
-    errno = g_Plan.error;
+    errno = g_Plan.m_Error;
     return true;
 }
 
@@ -82,9 +82,9 @@ public:
         m_Calls->fchmod = [](int file, mode_t mode) { return fails(kFchmod) ? -1 : ::fchmod(file, mode); };
         m_Calls->write = [](int file, void const* data, std::size_t bytes) -> ssize_t {
             if (fails(kWrite)) {
-                return g_Plan.error == 0 ? 0 : -1;
+                return g_Plan.m_Error == 0 ? 0 : -1;
             }
-            return ::write(file, data, std::min(bytes, g_Plan.chunk));
+            return ::write(file, data, std::min(bytes, g_Plan.m_Chunk));
         };
         m_Calls->fsync = [](int file) { return fails(kFsync) ? -1 : ::fsync(file); };
         m_Calls->rename = [](char const* from, char const* to) { return fails(kRename) ? -1 : ::rename(from, to); };
@@ -107,44 +107,44 @@ constexpr char kOld[] = "the old content";
 constexpr char kNew[] = "a new and somewhat longer content";
 
 struct Case {
-    Call call;
-    int number;
-    int error;
-    std::int32_t code;
-    char const* content;  ///< Afterwards; null: no file.
+    Call m_Call;
+    int m_Number;
+    int m_Error;
+    std::int32_t m_Code;
+    char const* m_Content;  ///< Afterwards; null: no file.
 };
 
 void run(Case const& row, bool hasOld, std::size_t chunk = SIZE_MAX) {
-    SCOPED_TRACE(std::string(kNames[row.call]) + " number " + std::to_string(row.number) + ", error " +
-                 std::to_string(row.error) + (hasOld ? ", old file" : ", no old file"));
+    SCOPED_TRACE(std::string(kNames[row.m_Call]) + " number " + std::to_string(row.m_Number) + ", error " +
+                 std::to_string(row.m_Error) + (hasOld ? ", old file" : ", no old file"));
     Account account;
     if (hasOld) {
         account.write("config.xml", kOld);
-        ::chmod(account.dir.file("config.xml").c_str(), 0640);
+        ::chmod(account.m_Dir.file("config.xml").c_str(), 0640);
     }
     std::size_t const before = countDescriptors();
     Thrown failure;
     {
         Plan plan;
-        plan.failing = row.call;
-        plan.number = row.number;
-        plan.error = row.error;
-        plan.chunk = chunk;
+        plan.m_Failing = row.m_Call;
+        plan.m_Number = row.m_Number;
+        plan.m_Error = row.m_Error;
+        plan.m_Chunk = chunk;
         Faults const faults(plan);
-        failure = thrown([&] { account.context.UpdateFile("config.xml", kNew); });
+        failure = thrown([&] { account.m_Context.UpdateFile("config.xml", kNew); });
     }
-    EXPECT_GT(g_Counts[row.call], row.number) << "the call was never made";
-    EXPECT_EQ(failure.code, row.code) << failure.text;
-    if (row.code != KVX_OK) {
-        EXPECT_EQ(failure.file, "kvxctx");
-        EXPECT_EQ(failure.line, row.code == KVX_E_FILE_NOT_FOUND ? 205 : 212);
+    EXPECT_GT(g_Counts[row.m_Call], row.m_Number) << "the call was never made";
+    EXPECT_EQ(failure.m_Code, row.m_Code) << failure.m_Text;
+    if (row.m_Code != KVX_OK) {
+        EXPECT_EQ(failure.m_File, "kvxctx");
+        EXPECT_EQ(failure.m_Line, row.m_Code == KVX_E_FILE_NOT_FOUND ? 205 : 212);
     }
-    if (row.content == nullptr) {
+    if (row.m_Content == nullptr) {
         EXPECT_FALSE(account.exists("config.xml"));
     } else {
-        EXPECT_EQ(account.read("config.xml"), row.content);
+        EXPECT_EQ(account.read("config.xml"), row.m_Content);
         struct stat status = {};
-        ::stat(account.dir.file("config.xml").c_str(), &status);
+        ::stat(account.m_Dir.file("config.xml").c_str(), &status);
         EXPECT_EQ(status.st_mode & 0777, hasOld ? mode_t{0640} : mode_t{0644});
     }
     EXPECT_FALSE(account.hasTemporaryFile());
@@ -234,9 +234,9 @@ TEST(ReplaceFileFaults, GoOnAfterShortWrites) {
 
 TEST(ReplaceFileFaults, AreNoticedWhenWritingInPlace) {
     struct InPlace {
-        Call call;
-        int error;
-        std::int32_t code;
+        Call m_Call;
+        int m_Error;
+        std::int32_t m_Code;
     };
     InPlace const cases[] = {
         {kWrite, ENOSPC, KVX_E_FILE_IO},       {kFsync, EIO, KVX_E_FILE_IO}, {kClose, EIO, KVX_E_FILE_IO},
@@ -246,16 +246,16 @@ TEST(ReplaceFileFaults, AreNoticedWhenWritingInPlace) {
     for (InPlace const& row : cases) {
         Account account;
         // A device is never replaced.
-        std::filesystem::create_symlink("/dev/null", account.dir.file("config.xml"));
+        std::filesystem::create_symlink("/dev/null", account.m_Dir.file("config.xml"));
         Plan plan;
-        plan.failing = row.call;
-        plan.error = row.error;
+        plan.m_Failing = row.m_Call;
+        plan.m_Error = row.m_Error;
         std::int32_t code = 0;
         {
             Faults const faults(plan);
-            code = thrownCode([&] { account.context.UpdateFile("config.xml", kNew); });
+            code = thrownCode([&] { account.m_Context.UpdateFile("config.xml", kNew); });
         }
-        EXPECT_EQ(code, row.code) << kNames[row.call] << " " << row.error;
+        EXPECT_EQ(code, row.m_Code) << kNames[row.m_Call] << " " << row.m_Error;
     }
 }
 
@@ -272,11 +272,11 @@ TEST(ReplaceFileFaults, LeaveAFileThatCannotBeRemovedToTheNextWriter) {
             errno = EIO;
             return -1;
         };
-        EXPECT_EQ(thrownCode([&] { account.context.UpdateFile("config.xml", kNew); }), KVX_E_FILE_IO);
+        EXPECT_EQ(thrownCode([&] { account.m_Context.UpdateFile("config.xml", kNew); }), KVX_E_FILE_IO);
     }
     EXPECT_TRUE(account.hasTemporaryFile());
     EXPECT_EQ(account.read("config.xml"), kOld);
-    account.context.UpdateFile("config.xml", kNew);
+    account.m_Context.UpdateFile("config.xml", kNew);
     EXPECT_FALSE(account.hasTemporaryFile());
     EXPECT_EQ(account.read("config.xml"), kNew);
 }
@@ -291,10 +291,10 @@ TEST(ReplaceFileFaults, LeaveOneContentWholeWhereverTheWriterIsKilled) {
         account.write("config.xml", kOld);
         int const status = inChildProcess([&] {
             Plan plan;
-            plan.killAt = step;
-            plan.chunk = 5;
+            plan.m_KillAt = step;
+            plan.m_Chunk = 5;
             Faults const faults(plan);
-            account.context.UpdateFile("config.xml", kNew);
+            account.m_Context.UpdateFile("config.xml", kNew);
             return 0;
         });
         finished = status == 0;
@@ -304,7 +304,7 @@ TEST(ReplaceFileFaults, LeaveOneContentWholeWhereverTheWriterIsKilled) {
         sawOld = sawOld || content == kOld;
         sawLeftover = sawLeftover || account.hasTemporaryFile();
 
-        account.context.UpdateFile("config.xml", "next");
+        account.m_Context.UpdateFile("config.xml", "next");
         EXPECT_FALSE(account.hasTemporaryFile()) << "killed at step " << step;
         EXPECT_EQ(account.read("config.xml"), "next");
     }
@@ -318,15 +318,15 @@ TEST(ReplaceFileFaults, NeverShowAHalfWrittenKeyWhereverTheWriterIsKilled) {
     for (bool finished = false; !finished; ++step) {
         ASSERT_LT(step, 200);
         Account account;
-        std::filesystem::create_directories(account.dir.file("keys/public"));
-        std::filesystem::create_directories(account.dir.file("keys/private"));
+        std::filesystem::create_directories(account.m_Dir.file("keys/public"));
+        std::filesystem::create_directories(account.m_Dir.file("keys/private"));
         int const status = inChildProcess([&] {
             Plan plan;
-            plan.killAt = step;
-            plan.chunk = 100;
+            plan.m_KillAt = step;
+            plan.m_Chunk = 100;
             Faults const faults(plan);
             TbString keyId("id");
-            account.context.GenKey(keyId);
+            account.m_Context.GenKey(keyId);
             return 0;
         });
         finished = status == 0;

@@ -56,13 +56,13 @@ int updateUnprivileged(std::string const& path, std::string const& file, std::st
         KVX_Context context;
         context.Open(path.c_str());
         Thrown const failure = thrown([&] { context.UpdateFile(file.c_str(), content.c_str()); });
-        switch (failure.code) {
+        switch (failure.m_Code) {
             case KVX_OK:
                 return kWritten;
             case KVX_E_FILE_NOT_FOUND:
-                return failure.line == 205 ? kNotOpened : kOther;
+                return failure.m_Line == 205 ? kNotOpened : kOther;
             case KVX_E_FILE_IO:
-                return failure.line == 212 ? kNotWritten : kOther;
+                return failure.m_Line == 212 ? kNotWritten : kOther;
             default:
                 return kOther;
         }
@@ -74,18 +74,18 @@ int updateUnprivileged(std::string const& path, std::string const& file, std::st
 TEST(ReplaceFile, GivesANewFileTheUsualModeUnderTheUmask) {
     Account account;
     Umask const mask(027);
-    account.context.UpdateFile("config.xml", "x");
-    EXPECT_EQ(modeOf(account.dir.file("config.xml")), mode_t{0640});
+    account.m_Context.UpdateFile("config.xml", "x");
+    EXPECT_EQ(modeOf(account.m_Dir.file("config.xml")), mode_t{0640});
 }
 
 TEST(ReplaceFile, KeepsTheModeOfTheOldFile) {
     Account account;
     for (mode_t const mode : {0600U, 0640U, 0666U, 0744U, 0200U}) {
         account.write("config.xml", "old");
-        ::chmod(account.dir.file("config.xml").c_str(), mode);
-        account.context.UpdateFile("config.xml", "new");
-        EXPECT_EQ(modeOf(account.dir.file("config.xml")), mode);
-        ::chmod(account.dir.file("config.xml").c_str(), 0600);
+        ::chmod(account.m_Dir.file("config.xml").c_str(), mode);
+        account.m_Context.UpdateFile("config.xml", "new");
+        EXPECT_EQ(modeOf(account.m_Dir.file("config.xml")), mode);
+        ::chmod(account.m_Dir.file("config.xml").c_str(), 0600);
         EXPECT_EQ(account.read("config.xml"), "new");
     }
 }
@@ -96,10 +96,10 @@ TEST(ReplaceFile, KeepsTheOwnerOfTheOldFile) {
     }
     Account account;
     account.write("config.xml", "old");
-    ASSERT_EQ(::chown(account.dir.file("config.xml").c_str(), kNobody, kNobody), 0);
-    ::chmod(account.dir.file("config.xml").c_str(), 0640);
-    account.context.UpdateFile("config.xml", "new");
-    struct stat const status = statusOf(account.dir.file("config.xml"));
+    ASSERT_EQ(::chown(account.m_Dir.file("config.xml").c_str(), kNobody, kNobody), 0);
+    ::chmod(account.m_Dir.file("config.xml").c_str(), 0640);
+    account.m_Context.UpdateFile("config.xml", "new");
+    struct stat const status = statusOf(account.m_Dir.file("config.xml"));
     EXPECT_EQ(status.st_uid, kNobody);
     EXPECT_EQ(status.st_gid, kNobody);
     EXPECT_EQ(status.st_mode & 07777, mode_t{0640});
@@ -109,8 +109,8 @@ TEST(ReplaceFile, KeepsTheOwnerOfTheOldFile) {
 TEST(ReplaceFile, PutsANewFileInThePlaceOfTheOldOne) {
     Account account;
     account.write("config.xml", "old");
-    int const open = ::open(account.dir.file("config.xml").c_str(), O_RDONLY | O_CLOEXEC);
-    account.context.UpdateFile("config.xml", "new");
+    int const open = ::open(account.m_Dir.file("config.xml").c_str(), O_RDONLY | O_CLOEXEC);
+    account.m_Context.UpdateFile("config.xml", "new");
     char bytes[4] = {};
     EXPECT_EQ(::read(open, bytes, 3), 3);
     EXPECT_STREQ(bytes, "old") << "a reader goes on with the file it opened";
@@ -123,12 +123,12 @@ TEST(ReplaceFile, FollowsSymbolicLinks) {
     Account account;
     TempDir elsewhere;
     elsewhere.write("target", "old");
-    std::filesystem::create_symlink(elsewhere.file("target"), account.dir.file("absolute"));
-    std::filesystem::create_symlink("absolute", account.dir.file("relative"));
-    account.context.UpdateFile("relative", "new");
+    std::filesystem::create_symlink(elsewhere.file("target"), account.m_Dir.file("absolute"));
+    std::filesystem::create_symlink("absolute", account.m_Dir.file("relative"));
+    account.m_Context.UpdateFile("relative", "new");
     EXPECT_EQ(elsewhere.read("target"), "new");
-    EXPECT_TRUE(S_ISLNK(statusOf(account.dir.file("absolute")).st_mode));
-    EXPECT_TRUE(S_ISLNK(statusOf(account.dir.file("relative")).st_mode));
+    EXPECT_TRUE(S_ISLNK(statusOf(account.m_Dir.file("absolute")).st_mode));
+    EXPECT_TRUE(S_ISLNK(statusOf(account.m_Dir.file("relative")).st_mode));
     EXPECT_EQ(account.filesIn(""), (std::vector<std::string>{"absolute", "relative"}));
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(elsewhere.path()), {}), 1);
 }
@@ -136,34 +136,34 @@ TEST(ReplaceFile, FollowsSymbolicLinks) {
 TEST(ReplaceFile, MakesTheMissingTargetOfALink) {
     Account account;
     TempDir elsewhere;
-    std::filesystem::create_symlink(elsewhere.file("target"), account.dir.file("link"));
-    account.context.UpdateFile("link", "new");
+    std::filesystem::create_symlink(elsewhere.file("target"), account.m_Dir.file("link"));
+    account.m_Context.UpdateFile("link", "new");
     EXPECT_EQ(elsewhere.read("target"), "new");
-    EXPECT_TRUE(S_ISLNK(statusOf(account.dir.file("link")).st_mode));
+    EXPECT_TRUE(S_ISLNK(statusOf(account.m_Dir.file("link")).st_mode));
 }
 
 TEST(ReplaceFile, CannotOpenALinkThatLeadsNowhere) {
     Account account;
-    std::filesystem::create_symlink("loop", account.dir.file("loop"));
-    std::filesystem::create_symlink("/nowhere/file", account.dir.file("away"));
-    std::filesystem::create_symlink(account.path(), account.dir.file("directory"));
+    std::filesystem::create_symlink("loop", account.m_Dir.file("loop"));
+    std::filesystem::create_symlink("/nowhere/file", account.m_Dir.file("away"));
+    std::filesystem::create_symlink(account.path(), account.m_Dir.file("directory"));
     for (char const* name : {"loop", "away", "directory"}) {
-        EXPECT_EQ(thrownCode([&] { account.context.UpdateFile(name, "x"); }), KVX_E_FILE_NOT_FOUND) << name;
+        EXPECT_EQ(thrownCode([&] { account.m_Context.UpdateFile(name, "x"); }), KVX_E_FILE_NOT_FOUND) << name;
     }
 }
 
 TEST(ReplaceFile, WritesDevicesInPlaceAndNoticesThatTheyAreFull) {
     Account account;
-    std::filesystem::create_symlink("/dev/null", account.dir.file("null"));
-    std::filesystem::create_symlink("/dev/full", account.dir.file("full"));
-    account.context.UpdateFile("null", "x");
+    std::filesystem::create_symlink("/dev/null", account.m_Dir.file("null"));
+    std::filesystem::create_symlink("/dev/full", account.m_Dir.file("full"));
+    account.m_Context.UpdateFile("null", "x");
     for (std::size_t const length : {std::size_t{1}, std::size_t{100}, std::size_t{1000000}}) {
         TraceRecorder const recorder;
-        Thrown const failure = thrown([&] { account.context.UpdateFile("full", std::string(length, 'x').c_str()); });
-        EXPECT_EQ(failure.code, KVX_E_FILE_IO);
-        EXPECT_EQ(failure.file, "kvxctx");
-        EXPECT_EQ(failure.line, 212);
-        EXPECT_EQ(failure.text, "file I/O error");
+        Thrown const failure = thrown([&] { account.m_Context.UpdateFile("full", std::string(length, 'x').c_str()); });
+        EXPECT_EQ(failure.m_Code, KVX_E_FILE_IO);
+        EXPECT_EQ(failure.m_File, "kvxctx");
+        EXPECT_EQ(failure.m_Line, 212);
+        EXPECT_EQ(failure.m_Text, "file I/O error");
         EXPECT_TRUE(recorder.of("UPDATE").empty());
     }
     EXPECT_TRUE(std::filesystem::is_character_file("/dev/full"));
@@ -172,24 +172,24 @@ TEST(ReplaceFile, WritesDevicesInPlaceAndNoticesThatTheyAreFull) {
 
 TEST(ReplaceFile, WritesAPipeInPlace) {
     Account account;
-    ASSERT_EQ(::mkfifo(account.dir.file("pipe").c_str(), 0600), 0);
+    ASSERT_EQ(::mkfifo(account.m_Dir.file("pipe").c_str(), 0600), 0);
     std::string received;
-    int const reader = ::open(account.dir.file("pipe").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    account.context.UpdateFile("pipe", "through");
+    int const reader = ::open(account.m_Dir.file("pipe").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    account.m_Context.UpdateFile("pipe", "through");
     char bytes[100];
     ssize_t const count = ::read(reader, bytes, sizeof bytes);
     ::close(reader);
     ASSERT_EQ(count, 7);
     EXPECT_EQ(std::string(bytes, 7), "through");
-    EXPECT_TRUE(S_ISFIFO(statusOf(account.dir.file("pipe")).st_mode));
+    EXPECT_TRUE(S_ISFIFO(statusOf(account.m_Dir.file("pipe")).st_mode));
 }
 
 TEST(ReplaceFile, BearsPrivateKeysForTheirOwnerOnly) {
     static mode_t s_Asked = 0;
     s_Asked = 0;
     Account account;
-    std::filesystem::create_directories(account.dir.file("keys/private"));
-    std::filesystem::create_directories(account.dir.file("keys/public"));
+    std::filesystem::create_directories(account.m_Dir.file("keys/private"));
+    std::filesystem::create_directories(account.m_Dir.file("keys/public"));
     Umask const mask(0);
     SystemCalls calls;
     calls->open = [](char const* path, int flags, mode_t mode) {
@@ -198,23 +198,23 @@ TEST(ReplaceFile, BearsPrivateKeysForTheirOwnerOnly) {
         }
         return ::open(path, flags, mode);
     };
-    account.context.UpdateFile("keys/private/id", "secret");
-    EXPECT_EQ(modeOf(account.dir.file("keys/private/id")), mode_t{0600});
+    account.m_Context.UpdateFile("keys/private/id", "secret");
+    EXPECT_EQ(modeOf(account.m_Dir.file("keys/private/id")), mode_t{0600});
     EXPECT_EQ(s_Asked, mode_t{0600}) << "from its first instant";
 
     unsigned char byte = 'x';
-    account.context.UpdateFile("keys/private/raw", &byte, 1UL);
-    EXPECT_EQ(modeOf(account.dir.file("keys/private/raw")), mode_t{0600});
-    account.context.UpdateFile("keys/public/id", "public");
-    EXPECT_EQ(modeOf(account.dir.file("keys/public/id")), mode_t{0666});
+    account.m_Context.UpdateFile("keys/private/raw", &byte, 1UL);
+    EXPECT_EQ(modeOf(account.m_Dir.file("keys/private/raw")), mode_t{0600});
+    account.m_Context.UpdateFile("keys/public/id", "public");
+    EXPECT_EQ(modeOf(account.m_Dir.file("keys/public/id")), mode_t{0666});
 }
 
 TEST(ReplaceFile, KeepsTheModeOfAnExistingPrivateKey) {
     Account account;
     account.write("keys/private/id", "old");
-    ::chmod(account.dir.file("keys/private/id").c_str(), 0640);
-    account.context.UpdateFile("keys/private/id", "new");
-    EXPECT_EQ(modeOf(account.dir.file("keys/private/id")), mode_t{0640});
+    ::chmod(account.m_Dir.file("keys/private/id").c_str(), 0640);
+    account.m_Context.UpdateFile("keys/private/id", "new");
+    EXPECT_EQ(modeOf(account.m_Dir.file("keys/private/id")), mode_t{0640});
 }
 
 TEST(ReplaceFile, WritesInPlaceWhereTheDirectoryIsNotWritable) {
@@ -266,8 +266,8 @@ TEST(ReplaceFile, RemovesWhatDeadWritersLeftAndNothingElse) {
     account.write(".tallowin-notes", "mine");
     account.write("tallowin-1-0.tmp", "mine");
     account.write("x.tmp", "mine");
-    std::filesystem::create_directory(account.dir.file(".tallowin-d.tmp"));
-    account.context.UpdateFile("config.xml", "new");
+    std::filesystem::create_directory(account.m_Dir.file(".tallowin-d.tmp"));
+    account.m_Context.UpdateFile("config.xml", "new");
     EXPECT_EQ(account.filesIn(""), (std::vector<std::string>{".tallowin-d.tmp", ".tallowin-notes", "config.xml",
                                                              "tallowin-1-0.tmp", "x.tmp"}));
 }
@@ -276,8 +276,8 @@ TEST(ReplaceFile, RemovesNoLinkAndTouchesNothingBehindIt) {
     Account account;
     TempDir elsewhere;
     elsewhere.write("target", "mine");
-    std::filesystem::create_symlink(elsewhere.file("target"), account.dir.file(".tallowin-1-0.tmp"));
-    account.context.UpdateFile("config.xml", "new");
+    std::filesystem::create_symlink(elsewhere.file("target"), account.m_Dir.file(".tallowin-1-0.tmp"));
+    account.m_Context.UpdateFile("config.xml", "new");
     EXPECT_EQ(elsewhere.read("target"), "mine");
 }
 
@@ -286,7 +286,7 @@ TEST(ReplaceFile, LeavesALivingWritersFileAlone) {
     static int s_Renames = 0;
     s_Renames = 0;
     Account account;
-    KVX_Context other(account.context);
+    KVX_Context other(account.m_Context);
     s_Other = &other;
     SystemCalls calls;
     // While the first writer is about to take the name over, a second one writes in the same directory.
@@ -296,7 +296,7 @@ TEST(ReplaceFile, LeavesALivingWritersFileAlone) {
         }
         return ::rename(from, to);
     };
-    account.context.UpdateFile("first", "1");
+    account.m_Context.UpdateFile("first", "1");
     EXPECT_EQ(account.filesIn(""), (std::vector<std::string>{"first", "second"}));
     EXPECT_EQ(account.read("first"), "1");
 }
@@ -317,7 +317,7 @@ TEST(ReplaceFile, StartsAgainWhenItsNewFileIsClearedAwayBeforeItIsLocked) {
         }
         return ::flock(file, operation);
     };
-    account.context.UpdateFile("config.xml", "new");
+    account.m_Context.UpdateFile("config.xml", "new");
     EXPECT_EQ(s_Locks, 2);
     EXPECT_EQ(account.read("config.xml"), "new");
     EXPECT_EQ(account.filesIn(""), std::vector<std::string>{"config.xml"});
@@ -335,7 +335,7 @@ TEST(ReplaceFile, TakesAnotherNameWhenOneIsTaken) {
         }
         return ::open(path, flags, mode);
     };
-    account.context.UpdateFile("config.xml", "new");
+    account.m_Context.UpdateFile("config.xml", "new");
     EXPECT_EQ(s_Opens, 4);
     EXPECT_EQ(account.read("config.xml"), "new");
 }
@@ -349,11 +349,11 @@ TEST(ReplaceFile, OpensEveryDescriptorCloseOnExec) {
         s_AllClosed = s_AllClosed && (flags & O_CLOEXEC) != 0;
         return ::open(path, flags, mode);
     };
-    account.context.SetValue("config.xml", "A", "1", false);
+    account.m_Context.SetValue("config.xml", "A", "1", false);
     unsigned char byte = 0;
     unsigned long size = 1;
-    account.context.QueryValue("config.xml", &byte, &size);
-    account.context.UpdateFile("raw", &byte, 1UL);
+    account.m_Context.QueryValue("config.xml", &byte, &size);
+    account.m_Context.UpdateFile("raw", &byte, 1UL);
     EXPECT_TRUE(s_AllClosed);
 }
 
@@ -364,7 +364,7 @@ TEST(ReplaceFile, ShowsReadersTheOldOrTheNewContentWhole) {
     pid_t const writer = ::fork();
     if (writer == 0) {
         for (int i = 0; i < 300; ++i) {
-            if (thrownCode([&] { account.context.UpdateFile("config.xml", contents[1 - i % 2].c_str()); }) != 0) {
+            if (thrownCode([&] { account.m_Context.UpdateFile("config.xml", contents[1 - i % 2].c_str()); }) != 0) {
                 ::_exit(1);
             }
         }
@@ -376,7 +376,7 @@ TEST(ReplaceFile, ShowsReadersTheOldOrTheNewContentWhole) {
     char last = 'a';
     while (::waitpid(writer, &status, WNOHANG) == 0) {
         TbString value;
-        ASSERT_TRUE(account.context.QueryValue("config.xml", "", value));
+        ASSERT_TRUE(account.m_Context.QueryValue("config.xml", "", value));
         std::string const bytes = bytesOf(value);
         ASSERT_TRUE(bytes == contents[0] || bytes == contents[1]) << "a torn file of " << bytes.size() << " bytes";
         changes += bytes[0] != last ? 1 : 0;

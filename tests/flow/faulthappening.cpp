@@ -26,17 +26,17 @@ std::vector<FaultTableRow> rowsWith(IsWanted isWanted) {
 }  // namespace
 
 sandbox::Fault faultOf(FaultTableRow const& row, std::string const& order) {
-    sandbox::FaultKindRow const& kind = sandbox::faultRow(row.kind);
-    std::string text = kind.name;
+    sandbox::FaultKindRow const& kind = sandbox::faultRow(row.m_Kind);
+    std::string text = kind.m_Name;
     if (!isOfConnection(row)) {
-        text += std::string(",exchange=") + sandbox::exchangeName(row.exchange);
-        text += order.empty() || row.exchange == ExchangeKind::Proxy ? "" : ",order=" + order;
-        bool const forAMoment = (kind.parameters & sandbox::kTakesSeconds) != 0 && row.kind != FaultKind::Refuse &&
-                                row.kind != FaultKind::Bytewise;
+        text += std::string(",exchange=") + sandbox::exchangeName(row.m_Exchange);
+        text += order.empty() || row.m_Exchange == ExchangeKind::kProxy ? "" : ",order=" + order;
+        bool const forAMoment = (kind.m_Parameters & sandbox::kTakesSeconds) != 0 && row.m_Kind != FaultKind::kRefuse &&
+                                row.m_Kind != FaultKind::kBytewise;
         text += forAMoment ? std::string(",seconds=") + kMoment : "";
-        text += (kind.parameters & sandbox::kTakesMegabytes) != 0 ? ",megabytes=" + std::to_string(kMegabytes) : "";
+        text += (kind.m_Parameters & sandbox::kTakesMegabytes) != 0 ? ",megabytes=" + std::to_string(kMegabytes) : "";
     }
-    return sandbox::parseFault(text + (*row.details != '\0' ? "," : "") + row.details);
+    return sandbox::parseFault(text + (*row.m_Details != '\0' ? "," : "") + row.m_Details);
 }
 
 HappeningRow* HappeningRow::s_Current = nullptr;
@@ -48,14 +48,15 @@ HappeningRow::HappeningRow(sandbox::Service& service, FaultTableRow const& row, 
         return;
     }
     auto const& all = merchantExchanges();
-    m_ConnectionsBefore = isOfSetUp(row.exchange) ? std::find(all.begin(), all.end(), row.exchange) - all.begin() : 0;
+    m_ConnectionsBefore =
+        isOfSetUp(row.m_Exchange) ? std::find(all.begin(), all.end(), row.m_Exchange) - all.begin() : 0;
     s_Current = this;
     m_System->connect = &HappeningRow::connect;
 }
 
 HappeningRow::~HappeningRow() {
     // Refused connections are not counted, everything else happens once and is gone.
-    EXPECT_EQ(m_Service.faults().empty(), m_Fault.kind != FaultKind::Refuse) << "it did not happen";
+    EXPECT_EQ(m_Service.faults().empty(), m_Fault.m_Kind != FaultKind::kRefuse) << "it did not happen";
     m_Service.liftFaults();
 }
 
@@ -72,35 +73,36 @@ std::int32_t asInRows(std::int32_t code) {
 }
 
 std::string nameOf(FaultTableRow const& row) {
-    return std::string(sandbox::faultRow(row.kind).name) + " " + row.details + " at " +
-           sandbox::exchangeName(row.exchange) + (row.tunnelled ? " in a tunnel" : "");
+    return std::string(sandbox::faultRow(row.m_Kind).m_Name) + " " + row.m_Details + " at " +
+           sandbox::exchangeName(row.m_Exchange) + (row.m_Tunnelled ? " in a tunnel" : "");
 }
 
 std::vector<FaultTableRow> rowsOf(ExchangeKind exchange) {
-    return rowsWith([exchange](auto const& row) { return row.exchange == exchange && !isOfConnection(row); });
+    return rowsWith([exchange](auto const& row) { return row.m_Exchange == exchange && !isOfConnection(row); });
 }
 
 std::vector<FaultTableRow> rowsOfConnections(bool ofSetUp) {
-    return rowsWith([ofSetUp](auto const& row) { return isOfConnection(row) && isOfSetUp(row.exchange) == ofSetUp; });
+    return rowsWith([ofSetUp](auto const& row) { return isOfConnection(row) && isOfSetUp(row.m_Exchange) == ofSetUp; });
 }
 
 std::vector<FaultTableRow> rowsOfProxy(bool tunnelled) {
-    return rowsWith(
-        [tunnelled](auto const& row) { return row.exchange == ExchangeKind::Proxy && row.tunnelled == tunnelled; });
+    return rowsWith([tunnelled](auto const& row) {
+        return row.m_Exchange == ExchangeKind::kProxy && row.m_Tunnelled == tunnelled;
+    });
 }
 
 long carriedOut(sandbox::Service const& service, ExchangeKind kind) {
     std::vector<sandbox::Exchange> const all = service.exchanges();
     return std::count_if(all.begin(), all.end(), [kind](sandbox::Exchange const& exchange) {
-        return exchange.kind == kind && exchange.verdict == "ok";
+        return exchange.m_Kind == kind && exchange.m_Verdict == "ok";
     });
 }
 
 long timesIn(sandbox::Service const& service, std::string const& token, std::string const& state) {
     long count = 0;
     for (sandbox::Payment const& payment : service.payments()) {
-        for (sandbox::HistoryEntry const& entry : payment.history) {
-            count += payment.token == token && sandbox::stateName(entry.state) == state ? 1 : 0;
+        for (sandbox::HistoryEntry const& entry : payment.m_History) {
+            count += payment.m_Token == token && sandbox::stateName(entry.m_State) == state ? 1 : 0;
         }
     }
     return count;

@@ -14,38 +14,38 @@ namespace kvxtest {
 
 /// What the shopper's browser gets.
 enum class Sees {
-    NotAsked,     ///< No shopper takes part.
-    Whole,        ///< The answer.
-    WrongReturn,  ///< The way back to the shop, with a confirmation that is not what it should be.
-    Nothing,      ///< Not a byte, and the end.
-    Reset,        ///< The connection is reset.
-    Cut,          ///< The beginning of the answer.
-    Status,       ///< Another status, and a text.
-    NoBlankLine,  ///< No empty line between head and body.
-    ZeroByte,     ///< The answer with a zero byte in its body.
-    Twice,        ///< The answer, and all of it again.
-    Huge,         ///< The answer, and blanks.
+    kNotAsked,     ///< No shopper takes part.
+    kWhole,        ///< The answer.
+    kWrongReturn,  ///< The way back to the shop, with a confirmation that is not what it should be.
+    kNothing,      ///< Not a byte, and the end.
+    kReset,        ///< The connection is reset.
+    kCut,          ///< The beginning of the answer.
+    kStatus,       ///< Another status, and a text.
+    kNoBlankLine,  ///< No empty line between head and body.
+    kZeroByte,     ///< The answer with a zero byte in its body.
+    kTwice,        ///< The answer, and all of it again.
+    kHuge,         ///< The answer, and blanks.
 };
 
 /// Nobody calls the component, or with nothing.
 inline constexpr std::optional<std::int32_t> kNotCalled = std::nullopt;
 
 struct FaultTableRow {
-    sandbox::ExchangeKind exchange;
-    sandbox::FaultKind kind;
-    bool carriedOut;  ///< Whether the service did what it was asked.
+    sandbox::ExchangeKind m_Exchange;
+    sandbox::FaultKind m_Kind;
+    bool m_CarriedOut;  ///< Whether the service did what it was asked.
 
     /// Of the function that made the exchange; for a decision, of verifying what came back. KVX_E_TLS_FAMILY stands for
     /// the whole family.
-    std::optional<std::int32_t> result;
+    std::optional<std::int32_t> m_Result;
 
     /// For a set-up a character each for config.xml, default.xml, the server's key and the merchant's current key: "."
     /// as before, "n" new, "r" new with what came behind the answer, "f" another than asked for. Else the state of the
     /// payment, "none" when the service knows of none.
-    char const* left;
-    Sees sees = Sees::NotAsked;
-    char const* details = "";  ///< More of the fault, as it is spelled: "status=200".
-    bool tunnelled = false;    ///< At the proxy: it was asked for a tunnel, not to forward the request.
+    char const* m_Left;
+    Sees m_Sees = Sees::kNotAsked;
+    char const* m_Details = "";  ///< More of the fault, as it is spelled: "status=200".
+    bool m_Tunnelled = false;    ///< At the proxy: it was asked for a tunnel, not to forward the request.
 };
 
 /// By exchange, and within one by fault, both in the order of the sandbox.
@@ -53,8 +53,8 @@ std::vector<FaultTableRow> const& faultTable();
 
 /// An exchange that the table leaves out.
 struct LeftOutExchange {
-    sandbox::ExchangeKind exchange;
-    char const* reason;
+    sandbox::ExchangeKind m_Exchange;
+    char const* m_Reason;
 };
 std::vector<LeftOutExchange> const& leftOutExchanges();
 

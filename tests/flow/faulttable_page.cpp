@@ -73,8 +73,8 @@ CONNECT by what the first read brings of it.
 )";
 
 struct CodeName {
-    std::int32_t code;
-    char const* name;
+    std::int32_t m_Code;
+    char const* m_Name;
 };
 
 // clang-format off
@@ -94,21 +94,21 @@ constexpr CodeName kCodeNames[] = {
 };
 
 struct SeesText {
-    Sees sees;
-    char const* text;
+    Sees m_Sees;
+    char const* m_Text;
 };
 
 constexpr SeesText kSeesTexts[] = {
-    {Sees::Whole,       "the answer"},
-    {Sees::WrongReturn, "the way back to the shop"},
-    {Sees::Nothing,     "nothing"},
-    {Sees::Reset,       "a reset"},
-    {Sees::Cut,         "the beginning of the answer"},
-    {Sees::Status,      "a status and a text"},
-    {Sees::NoBlankLine, "an answer without the empty line"},
-    {Sees::ZeroByte,    "an answer with a zero byte in it"},
-    {Sees::Twice,       "the answer twice"},
-    {Sees::Huge,        "the answer and blanks"},
+    {Sees::kWhole,       "the answer"},
+    {Sees::kWrongReturn, "the way back to the shop"},
+    {Sees::kNothing,     "nothing"},
+    {Sees::kReset,       "a reset"},
+    {Sees::kCut,         "the beginning of the answer"},
+    {Sees::kStatus,      "a status and a text"},
+    {Sees::kNoBlankLine, "an answer without the empty line"},
+    {Sees::kZeroByte,    "an answer with a zero byte in it"},
+    {Sees::kTwice,       "the answer twice"},
+    {Sees::kHuge,        "the answer and blanks"},
 };
 // clang-format on
 
@@ -118,8 +118,8 @@ constexpr char kUnnoticed[] = "nothing shows it";
 
 std::string codeName(std::optional<std::int32_t> const& result) {
     for (CodeName const& row : kCodeNames) {
-        if (row.code == result) {
-            return row.name;
+        if (row.m_Code == result) {
+            return row.m_Name;
         }
     }
     throw std::logic_error("a result without a name for people");
@@ -127,8 +127,8 @@ std::string codeName(std::optional<std::int32_t> const& result) {
 
 std::string seesText(Sees sees) {
     for (SeesText const& row : kSeesTexts) {
-        if (row.sees == sees) {
-            return row.text;
+        if (row.m_Sees == sees) {
+            return row.m_Text;
         }
     }
     throw std::logic_error("a sight without a text");
@@ -147,14 +147,14 @@ std::string directoryText(std::string const& left) {
 }
 
 bool isOfTls(FaultKind kind) {
-    return sandbox::faultRow(kind).exchanges == static_cast<unsigned>(ExchangeKind::Connection);
+    return sandbox::faultRow(kind).m_Exchanges == static_cast<unsigned>(ExchangeKind::kConnection);
 }
 
 std::string whatToDoAfterSetUp(FaultTableRow const& row) {
-    if (row.result != KVX_OK) {
+    if (row.m_Result != KVX_OK) {
         return "set up again: safe";
     }
-    std::string const left = row.left;
+    std::string const left = row.m_Left;
     if (left[0] == 'r') {
         return "nothing shows it; set up again to be rid of the rest";
     }
@@ -167,62 +167,62 @@ std::string whatToDoAfterSetUp(FaultTableRow const& row) {
     if (left[2] == '.') {
         return "nothing shows it, on a first set-up until confirmations fail with `KVX_E_NOT_FOUND`; set up again";
     }
-    return isOfTls(row.kind) ? kUnnoticed : kNothingToDo;
+    return isOfTls(row.m_Kind) ? kUnnoticed : kNothingToDo;
 }
 
 std::string whatToDoAtTheDecision(FaultTableRow const& row) {
-    if (row.result == kNotCalled) {
+    if (row.m_Result == kNotCalled) {
         return "let the shopper pay again: safe; or ask for the payment's state";
     }
-    if (row.result != KVX_OK) {
+    if (row.m_Result != KVX_OK) {
         return "hand nothing over; let the shopper pay again: safe; or ask for the payment's state";
     }
-    return row.kind == FaultKind::WrongType ? "look at `MSGTYPE` before you hand anything over" : kNothingToDo;
+    return row.m_Kind == FaultKind::kWrongType ? "look at `MSGTYPE` before you hand anything over" : kNothingToDo;
 }
 
 std::string whatToDo(FaultTableRow const& row) {
-    if (isOfSetUp(row.exchange)) {
+    if (isOfSetUp(row.m_Exchange)) {
         return whatToDoAfterSetUp(row);
     }
-    if (row.exchange == ExchangeKind::Page) {
-        return row.sees == Sees::Whole ? kNothingToDo : "let the shopper load the page again: safe";
+    if (row.m_Exchange == ExchangeKind::kPage) {
+        return row.m_Sees == Sees::kWhole ? kNothingToDo : "let the shopper load the page again: safe";
     }
-    if (row.exchange == ExchangeKind::Decision) {
+    if (row.m_Exchange == ExchangeKind::kDecision) {
         return whatToDoAtTheDecision(row);
     }
-    if (row.result == KVX_OK) {
-        return isOfTls(row.kind) ? kUnnoticed : kNothingToDo;
+    if (row.m_Result == KVX_OK) {
+        return isOfTls(row.m_Kind) ? kUnnoticed : kNothingToDo;
     }
-    if (row.kind == FaultKind::ProxyAuthentication) {
+    if (row.m_Kind == FaultKind::kProxyAuthentication) {
         return "take a proxy that asks for none, then capture the same confirmation again: safe";
     }
-    return row.exchange == ExchangeKind::Complete ? "make the completion anew and send it: safe"
-                                                  : "capture the same confirmation again: safe";
+    return row.m_Exchange == ExchangeKind::kComplete ? "make the completion anew and send it: safe"
+                                                     : "capture the same confirmation again: safe";
 }
 
 std::string faultName(FaultTableRow const& row) {
-    std::string const details = *row.details != '\0' ? std::string(",") + row.details : "";
-    return std::string("`") + sandbox::faultRow(row.kind).name + details + "`";
+    std::string const details = *row.m_Details != '\0' ? std::string(",") + row.m_Details : "";
+    return std::string("`") + sandbox::faultRow(row.m_Kind).m_Name + details + "`";
 }
 
 /// Where it happens: the exchange, or for what address the proxy was asked.
 std::string placeOf(FaultTableRow const& row) {
-    if (row.exchange == ExchangeKind::Proxy) {
-        return row.tunnelled ? "`https`" : "`http`";
+    if (row.m_Exchange == ExchangeKind::kProxy) {
+        return row.m_Tunnelled ? "`https`" : "`http`";
     }
-    return sandbox::exchangeName(row.exchange);
+    return sandbox::exchangeName(row.m_Exchange);
 }
 
 /// The columns between "carried out" and "what to do".
 std::string outcome(FaultTableRow const& row) {
-    if (isOfSetUp(row.exchange)) {
-        return codeName(row.result) + " | " + directoryText(row.left);
+    if (isOfSetUp(row.m_Exchange)) {
+        return codeName(row.m_Result) + " | " + directoryText(row.m_Left);
     }
-    if (isOfShopper(row.exchange)) {
-        std::string const result = row.result == kNotCalled ? kNoConfirmation : codeName(row.result);
-        return seesText(row.sees) + " | " + result + " | " + row.left;
+    if (isOfShopper(row.m_Exchange)) {
+        std::string const result = row.m_Result == kNotCalled ? kNoConfirmation : codeName(row.m_Result);
+        return seesText(row.m_Sees) + " | " + result + " | " + row.m_Left;
     }
-    return codeName(row.result) + " | " + row.left;
+    return codeName(row.m_Result) + " | " + row.m_Left;
 }
 
 using OfSection = bool (*)(ExchangeKind exchange);
@@ -230,8 +230,8 @@ using OfSection = bool (*)(ExchangeKind exchange);
 std::string section(char const* head, OfSection isOfSection) {
     std::string text = head;
     for (FaultTableRow const& row : faultTable()) {
-        if (isOfSection(row.exchange)) {
-            text += "| " + faultName(row) + " | " + placeOf(row) + " | " + (row.carriedOut ? "yes" : "no") + " | " +
+        if (isOfSection(row.m_Exchange)) {
+            text += "| " + faultName(row) + " | " + placeOf(row) + " | " + (row.m_CarriedOut ? "yes" : "no") + " | " +
                     outcome(row) + " | " + whatToDo(row) + " |\n";
         }
     }
@@ -239,12 +239,12 @@ std::string section(char const* head, OfSection isOfSection) {
 }
 
 bool isOfSettlement(ExchangeKind exchange) {
-    return exchange == ExchangeKind::Capture || exchange == ExchangeKind::Complete;
+    return exchange == ExchangeKind::kCapture || exchange == ExchangeKind::kComplete;
 }
 
 bool isInTable(FaultKind kind) {
     for (FaultTableRow const& row : faultTable()) {
-        if (row.kind == kind) {
+        if (row.m_Kind == kind) {
             return true;
         }
     }
@@ -256,14 +256,14 @@ bool isInTable(FaultKind kind) {
 std::string faultTablePage() {
     std::string page = kHead;
     for (sandbox::FaultKindRow const& kind : sandbox::allFaultKinds()) {
-        if (isInTable(kind.kind)) {
-            page += std::string("| `") + kind.name + "` | " + kind.meaning + " |\n";
+        if (isInTable(kind.m_Kind)) {
+            page += std::string("| `") + kind.m_Name + "` | " + kind.m_Meaning + " |\n";
         }
     }
     page += section(kSetUpHead, &isOfSetUp);
     page += section(kShopperHead, &isOfShopper);
     page += section(kPaymentHead, &isOfSettlement);
-    page += section(kProxyHead, [](ExchangeKind exchange) { return exchange == ExchangeKind::Proxy; });
+    page += section(kProxyHead, [](ExchangeKind exchange) { return exchange == ExchangeKind::kProxy; });
     return page;
 }
 

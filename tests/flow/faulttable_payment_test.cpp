@@ -20,22 +20,22 @@ std::int32_t complete(Shop const& shop, FlowMessage const& confirmation) {
 void expectPayments(Sandbox& sandbox, Shop const& shop, std::vector<FaultTableRow> const& rows) {
     for (FaultTableRow const& row : rows) {
         SCOPED_TRACE(nameOf(row));
-        bool const isCapture = row.exchange != ExchangeKind::Complete;
+        bool const isCapture = row.m_Exchange != ExchangeKind::kComplete;
         std::string const done = isCapture ? "captured" : "completed";
         Order const order{"F-" + std::to_string(&row - rows.data()), "12.50", "EUR"};
         Returned const returned = sandbox.shopper(shop.payment(order).url(), "pay");
         FlowMessage const confirmation = shop.verified(returned);
         std::string const token = confirmation.get("TOKEN");
-        auto const ask = [&] { return isCapture ? shop.capture(returned.data) : complete(shop, confirmation); };
+        auto const ask = [&] { return isCapture ? shop.capture(returned.m_Data) : complete(shop, confirmation); };
         if (!isCapture) {
-            ASSERT_EQ(shop.capture(returned.data), KVX_OK);
+            ASSERT_EQ(shop.capture(returned.m_Data), KVX_OK);
         }
         {
-            HappeningRow const happening(sandbox.service(), row, order.id);
-            EXPECT_EQ(asInRows(ask()), row.result);
+            HappeningRow const happening(sandbox.service(), row, order.m_Id);
+            EXPECT_EQ(asInRows(ask()), row.m_Result);
         }
-        EXPECT_EQ(sandbox.stateOf(token), row.left);
-        EXPECT_EQ(timesIn(sandbox.service(), token, done), row.carriedOut ? 1 : 0);
+        EXPECT_EQ(sandbox.stateOf(token), row.m_Left);
+        EXPECT_EQ(timesIn(sandbox.service(), token, done), row.m_CarriedOut ? 1 : 0);
 
         EXPECT_EQ(ask(), KVX_OK);
         EXPECT_EQ(sandbox.stateOf(token), done);
@@ -50,14 +50,14 @@ TEST(FaultTable, HoldsForTheCapture) {
     Sandbox sandbox;
     Shop const shop;
     ASSERT_EQ(shop.setUp(sandbox.autoUrl()), KVX_OK);
-    expectPayments(sandbox, shop, rowsOf(ExchangeKind::Capture));
+    expectPayments(sandbox, shop, rowsOf(ExchangeKind::kCapture));
 }
 
 TEST(FaultTable, HoldsForTheCompletion) {
     Sandbox sandbox;
     Shop const shop;
     ASSERT_EQ(shop.setUp(sandbox.autoUrl()), KVX_OK);
-    expectPayments(sandbox, shop, rowsOf(ExchangeKind::Complete));
+    expectPayments(sandbox, shop, rowsOf(ExchangeKind::kComplete));
 }
 
 TEST(FaultTable, HoldsForConnectionsOfAPayment) {

@@ -19,7 +19,7 @@ public:
                    {"default.xml", "<KVX KVX.ISVALID=\"no\"/>", ""},
                    {"keys/public/" + sandbox.service().serverKeyId(), "an old key", ""}};
         for (File& file : m_Files) {
-            file.fresh = m_Shop.dir().read(file.name);
+            file.m_Fresh = m_Shop.dir().read(file.m_Name);
         }
     }
 
@@ -29,7 +29,7 @@ public:
     /// Makes everything old, so that what is written from now on can be told from it.
     void age() {
         for (File const& file : m_Files) {
-            m_Shop.dir().write(file.name, file.old);
+            m_Shop.dir().write(file.m_Name, file.m_Old);
         }
         m_Current = m_Shop.dir().read(kCurrent);
     }
@@ -38,7 +38,7 @@ public:
     [[nodiscard]] std::string written() const {
         std::string all;
         for (File const& file : m_Files) {
-            all += look(file, m_Shop.dir().read(file.name));
+            all += look(file, m_Shop.dir().read(file.m_Name));
         }
         return all + (m_Shop.dir().read(kCurrent) == m_Current ? '.' : 'n');
     }
@@ -56,19 +56,19 @@ public:
 
 private:
     struct File {
-        std::string name;
-        std::string old;
-        std::string fresh;
+        std::string m_Name;
+        std::string m_Old;
+        std::string m_Fresh;
     };
 
     static char look(File const& file, std::string const& content) {
-        if (content == file.old) {
+        if (content == file.m_Old) {
             return '.';
         }
-        if (content.compare(0, file.fresh.size(), file.fresh) == 0) {
-            return content.size() == file.fresh.size() ? 'n' : 'r';
+        if (content.compare(0, file.m_Fresh.size(), file.m_Fresh) == 0) {
+            return content.size() == file.m_Fresh.size() ? 'n' : 'r';
         }
-        return content.size() == file.fresh.size() ? 'f' : '?';
+        return content.size() == file.m_Fresh.size() ? 'f' : '?';
     }
 
     static constexpr char kCurrent[] = "keys/current";
@@ -84,18 +84,18 @@ void expectSetUps(Sandbox& sandbox, std::string const& url, std::vector<FaultTab
     for (FaultTableRow const& row : rows) {
         SCOPED_TRACE(nameOf(row));
         watched.age();
-        long const before = carriedOut(sandbox.service(), row.exchange);
+        long const before = carriedOut(sandbox.service(), row.m_Exchange);
         {
             HappeningRow const happening(sandbox.service(), row);
-            EXPECT_EQ(asInRows(watched.setUp()), row.result);
+            EXPECT_EQ(asInRows(watched.setUp()), row.m_Result);
         }
-        EXPECT_EQ(watched.written(), row.left);
-        EXPECT_EQ(carriedOut(sandbox.service(), row.exchange) - before, row.carriedOut ? 1 : 0);
+        EXPECT_EQ(watched.written(), row.m_Left);
+        EXPECT_EQ(carriedOut(sandbox.service(), row.m_Exchange) - before, row.m_CarriedOut ? 1 : 0);
         watched.expectNothingHalf();
 
         // Defaults that are valid are not fetched again, whatever stands behind them.
         EXPECT_EQ(watched.setUp(), KVX_OK);
-        EXPECT_EQ(watched.written(), row.left[1] == 'r' ? "nrnn" : "nnnn");
+        EXPECT_EQ(watched.written(), row.m_Left[1] == 'r' ? "nrnn" : "nnnn");
         watched.expectNothingHalf();
     }
     EXPECT_EQ(watched.shop().verify(sandbox.shopper(watched.shop().payment().url(), "pay")), KVX_OK);
@@ -105,22 +105,22 @@ void expectSetUps(Sandbox& sandbox, std::string const& url, std::vector<FaultTab
 
 TEST(FaultTable, HoldsForSettingUp) {
     Sandbox sandbox;
-    expectSetUps(sandbox, sandbox.autoUrl(), rowsOf(ExchangeKind::Setup));
+    expectSetUps(sandbox, sandbox.autoUrl(), rowsOf(ExchangeKind::kSetup));
 }
 
 TEST(FaultTable, HoldsForTheDefaults) {
     Sandbox sandbox;
-    expectSetUps(sandbox, sandbox.autoUrl(), rowsOf(ExchangeKind::Defaults));
+    expectSetUps(sandbox, sandbox.autoUrl(), rowsOf(ExchangeKind::kDefaults));
 }
 
 TEST(FaultTable, HoldsForTheServersKey) {
     Sandbox sandbox;
-    expectSetUps(sandbox, sandbox.autoUrl(), rowsOf(ExchangeKind::KeyQuery));
+    expectSetUps(sandbox, sandbox.autoUrl(), rowsOf(ExchangeKind::kKeyQuery));
 }
 
 TEST(FaultTable, HoldsForTheMerchantsKey) {
     Sandbox sandbox;
-    expectSetUps(sandbox, sandbox.autoUrl(), rowsOf(ExchangeKind::KeyExport));
+    expectSetUps(sandbox, sandbox.autoUrl(), rowsOf(ExchangeKind::kKeyExport));
 }
 
 TEST(FaultTable, HoldsForConnectionsOfASetUp) {

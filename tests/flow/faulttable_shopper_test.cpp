@@ -17,8 +17,8 @@ using sandbox::FaultKind;
 namespace {
 
 struct Received {
-    std::string bytes;
-    bool reset = false;
+    std::string m_Bytes;
+    bool m_Reset = false;
 };
 
 /// What a browser gets from the service.
@@ -29,10 +29,10 @@ Received receive(sandbox::Service const& service, std::string const& request) {
     char piece[16384];
     ssize_t count = 0;
     while ((count = ::recv(connection.get(), piece, sizeof piece, 0)) > 0) {
-        received.bytes.append(piece, static_cast<std::size_t>(count));
+        received.m_Bytes.append(piece, static_cast<std::size_t>(count));
     }
-    received.reset = count < 0 && errno == ECONNRESET;
-    EXPECT_TRUE(count == 0 || received.reset) << "the answer does not end";
+    received.m_Reset = count < 0 && errno == ECONNRESET;
+    EXPECT_TRUE(count == 0 || received.m_Reset) << "the answer does not end";
     return received;
 }
 
@@ -48,11 +48,11 @@ std::optional<Returned> cameBack(std::string const& bytes) {
         return std::nullopt;
     }
     sandboxtest::RawAnswer const answer = sandboxtest::parseAnswer(bytes);
-    return answer.status == 302 ? std::optional<Returned>(takeApart(answer.headers.at("location"))) : std::nullopt;
+    return answer.m_Status == 302 ? std::optional<Returned>(takeApart(answer.m_Headers.at("location"))) : std::nullopt;
 }
 
 bool isHuge(std::string const& bytes, std::string const& whole) {
-    std::string const body = sandboxtest::parseAnswer(whole).body;
+    std::string const body = sandboxtest::parseAnswer(whole).m_Body;
     std::string const size = std::to_string(kMegabytes << 20);
     std::string const head = whole.substr(0, whole.size() - body.size());
     std::string const length = "Content-Length: ";
@@ -62,41 +62,41 @@ bool isHuge(std::string const& bytes, std::string const& whole) {
 
 bool isStatus(std::string const& bytes) {
     constexpr int kUnavailable = 503;
-    return sandboxtest::parseAnswer(bytes).status == kUnavailable;
+    return sandboxtest::parseAnswer(bytes).m_Status == kUnavailable;
 }
 
 bool isWrongReturn(std::string const& bytes, std::string const& whole) {
     std::optional<Returned> const wrong = cameBack(bytes);
     std::optional<Returned> const right = cameBack(whole);
-    return wrong && right && wrong->link == right->link &&
-           (wrong->data != right->data || wrong->signature != right->signature);
+    return wrong && right && wrong->m_Link == right->m_Link &&
+           (wrong->m_Data != right->m_Data || wrong->m_Signature != right->m_Signature);
 }
 
 /// Whether a browser that got `received` in the place of `whole` saw what `sees` says.
 bool saw(Sees sees, Received const& received, std::string const& whole) {
-    std::string const& bytes = received.bytes;
+    std::string const& bytes = received.m_Bytes;
     switch (sees) {
-        case Sees::NotAsked:
+        case Sees::kNotAsked:
             return false;
-        case Sees::Whole:
+        case Sees::kWhole:
             return bytes == whole;
-        case Sees::WrongReturn:
+        case Sees::kWrongReturn:
             return isWrongReturn(bytes, whole);
-        case Sees::Nothing:
-            return bytes.empty() && !received.reset;
-        case Sees::Reset:
-            return bytes.empty() && received.reset;
-        case Sees::Cut:
+        case Sees::kNothing:
+            return bytes.empty() && !received.m_Reset;
+        case Sees::kReset:
+            return bytes.empty() && received.m_Reset;
+        case Sees::kCut:
             return !bytes.empty() && bytes.size() < whole.size() && whole.compare(0, bytes.size(), bytes) == 0;
-        case Sees::Status:
+        case Sees::kStatus:
             return isStatus(bytes);
-        case Sees::NoBlankLine:
+        case Sees::kNoBlankLine:
             return bytes == replaced(whole, "\r\n\r\n", "\r\n");
-        case Sees::ZeroByte:
+        case Sees::kZeroByte:
             return bytes.size() == whole.size() + 1 && replaced(bytes, std::string(1, '\0'), "") == whole;
-        case Sees::Twice:
+        case Sees::kTwice:
             return bytes == whole + whole;
-        case Sees::Huge:
+        case Sees::kHuge:
             return isHuge(bytes, whole);
     }
     return false;
@@ -109,7 +109,7 @@ std::string stateOrNone(Sandbox const& sandbox, std::string const& token) {
 }
 
 void expectPages(Sandbox& sandbox, Shop const& shop) {
-    for (FaultTableRow const& row : rowsOf(ExchangeKind::Page)) {
+    for (FaultTableRow const& row : rowsOf(ExchangeKind::kPage)) {
         SCOPED_TRACE(nameOf(row));
         FlowMessage const payment = shop.payment();
         std::string const url = payment.url();
@@ -118,10 +118,10 @@ void expectPages(Sandbox& sandbox, Shop const& shop) {
             HappeningRow const happening(sandbox.service(), row, payment.get("ORDERID"));
             received = receive(sandbox.service(), getRequest(url));
         }
-        EXPECT_EQ(stateOrNone(sandbox, payment.get("TOKEN")), row.left);
+        EXPECT_EQ(stateOrNone(sandbox, payment.get("TOKEN")), row.m_Left);
 
-        std::string const again = receive(sandbox.service(), getRequest(url)).bytes;
-        EXPECT_TRUE(saw(row.sees, received, again)) << received.bytes.substr(0, again.size() * 2);
+        std::string const again = receive(sandbox.service(), getRequest(url)).m_Bytes;
+        EXPECT_TRUE(saw(row.m_Sees, received, again)) << received.m_Bytes.substr(0, again.size() * 2);
         EXPECT_EQ(shop.verify(sandbox.shopper(url, "pay")), KVX_OK);
         EXPECT_EQ(sandbox.stateOf(payment.get("TOKEN")), "authorised");
     }
@@ -129,20 +129,20 @@ void expectPages(Sandbox& sandbox, Shop const& shop) {
 
 /// The result of verifying what came back; a confirmation that is accepted tells in its type what it is.
 std::optional<std::int32_t> verifyReturn(Shop const& shop, Received const& received, FaultKind kind) {
-    std::optional<Returned> const returned = cameBack(received.bytes);
+    std::optional<Returned> const returned = cameBack(received.m_Bytes);
     if (!returned) {
         return kNotCalled;
     }
     std::int32_t const result = shop.verify(*returned);
     if (result == KVX_OK) {
         EXPECT_EQ(shop.verified(*returned).get("MSGTYPE"),
-                  kind == FaultKind::WrongType ? sandbox::kUnexpectedType : "PayConfirm");
+                  kind == FaultKind::kWrongType ? sandbox::kUnexpectedType : "PayConfirm");
     }
     return result;
 }
 
 void expectDecisions(Sandbox& sandbox, Shop const& shop) {
-    for (FaultTableRow const& row : rowsOf(ExchangeKind::Decision)) {
+    for (FaultTableRow const& row : rowsOf(ExchangeKind::kDecision)) {
         SCOPED_TRACE(nameOf(row));
         FlowMessage const payment = shop.payment();
         std::string const token = payment.get("TOKEN");
@@ -152,12 +152,12 @@ void expectDecisions(Sandbox& sandbox, Shop const& shop) {
             HappeningRow const happening(sandbox.service(), row, payment.get("ORDERID"));
             received = receive(sandbox.service(), request);
         }
-        EXPECT_EQ(sandbox.stateOf(token), row.left);
-        EXPECT_EQ(verifyReturn(shop, received, row.kind), row.result);
+        EXPECT_EQ(sandbox.stateOf(token), row.m_Left);
+        EXPECT_EQ(verifyReturn(shop, received, row.m_Kind), row.m_Result);
 
         Received const again = receive(sandbox.service(), request);
-        EXPECT_TRUE(saw(row.sees, received, again.bytes)) << received.bytes.substr(0, again.bytes.size() * 2);
-        EXPECT_EQ(verifyReturn(shop, again, FaultKind::Bytewise), KVX_OK);
+        EXPECT_TRUE(saw(row.m_Sees, received, again.m_Bytes)) << received.m_Bytes.substr(0, again.m_Bytes.size() * 2);
+        EXPECT_EQ(verifyReturn(shop, again, FaultKind::kBytewise), KVX_OK);
         EXPECT_EQ(timesIn(sandbox.service(), token, "authorised"), 1);
     }
 }

@@ -19,19 +19,19 @@ namespace {
 
 bool hasRow(ExchangeKind exchange, FaultKind kind, bool tunnelled = false) {
     return std::any_of(faultTable().begin(), faultTable().end(), [&](auto const& row) {
-        return row.exchange == exchange && row.kind == kind && row.tunnelled == tunnelled;
+        return row.m_Exchange == exchange && row.m_Kind == kind && row.m_Tunnelled == tunnelled;
     });
 }
 
 bool isLeftOut(ExchangeKind exchange) {
     return std::any_of(leftOutExchanges().begin(), leftOutExchanges().end(),
-                       [&](auto const& leftOut) { return leftOut.exchange == exchange; });
+                       [&](auto const& leftOut) { return leftOut.m_Exchange == exchange; });
 }
 
 /// Where in the order of the sandbox a row stands.
 std::tuple<unsigned, std::ptrdiff_t, bool> placeOf(FaultTableRow const& row) {
-    return {static_cast<unsigned>(row.exchange), &sandbox::faultRow(row.kind) - sandbox::allFaultKinds().data(),
-            row.tunnelled};
+    return {static_cast<unsigned>(row.m_Exchange), &sandbox::faultRow(row.m_Kind) - sandbox::allFaultKinds().data(),
+            row.m_Tunnelled};
 }
 
 }  // namespace
@@ -39,17 +39,17 @@ std::tuple<unsigned, std::ptrdiff_t, bool> placeOf(FaultTableRow const& row) {
 TEST(FaultTable, HasARowForEveryFaultOfEveryExchange) {
     for (sandbox::FaultKindRow const& kind : sandbox::allFaultKinds()) {
         for (ExchangeKind const exchange : sandbox::allExchangeKinds()) {
-            bool const canHappen = (kind.exchanges & static_cast<unsigned>(exchange)) != 0;
+            bool const canHappen = (kind.m_Exchanges & static_cast<unsigned>(exchange)) != 0;
             if (canHappen && !isLeftOut(exchange)) {
-                EXPECT_TRUE(hasRow(exchange, kind.kind)) << kind.name << " at " << sandbox::exchangeName(exchange);
+                EXPECT_TRUE(hasRow(exchange, kind.m_Kind)) << kind.m_Name << " at " << sandbox::exchangeName(exchange);
             }
         }
-        bool const canHappenInTunnels = (kind.exchanges & static_cast<unsigned>(ExchangeKind::Proxy)) != 0;
-        EXPECT_EQ(hasRow(ExchangeKind::Proxy, kind.kind, true), canHappenInTunnels) << kind.name << " in a tunnel";
+        bool const canHappenInTunnels = (kind.m_Exchanges & static_cast<unsigned>(ExchangeKind::kProxy)) != 0;
+        EXPECT_EQ(hasRow(ExchangeKind::kProxy, kind.m_Kind, true), canHappenInTunnels) << kind.m_Name << " in a tunnel";
         for (ExchangeKind const exchange : merchantExchanges()) {
-            EXPECT_TRUE((kind.exchanges & static_cast<unsigned>(ExchangeKind::Connection)) == 0 ||
-                        hasRow(exchange, kind.kind))
-                << kind.name << " before " << sandbox::exchangeName(exchange);
+            EXPECT_TRUE((kind.m_Exchanges & static_cast<unsigned>(ExchangeKind::kConnection)) == 0 ||
+                        hasRow(exchange, kind.m_Kind))
+                << kind.m_Name << " before " << sandbox::exchangeName(exchange);
         }
     }
 }
@@ -58,15 +58,15 @@ TEST(FaultTable, HasRowsForNothingElseAndInOrder) {
     FaultTableRow const* before = nullptr;
     for (FaultTableRow const& row : faultTable()) {
         SCOPED_TRACE(nameOf(row));
-        EXPECT_FALSE(isLeftOut(row.exchange));
+        EXPECT_FALSE(isLeftOut(row.m_Exchange));
         EXPECT_NO_THROW(faultOf(row));
-        EXPECT_EQ(row.sees != Sees::NotAsked, isOfShopper(row.exchange));
-        EXPECT_TRUE(!row.tunnelled || row.exchange == ExchangeKind::Proxy);
+        EXPECT_EQ(row.m_Sees != Sees::kNotAsked, isOfShopper(row.m_Exchange));
+        EXPECT_TRUE(!row.m_Tunnelled || row.m_Exchange == ExchangeKind::kProxy);
         EXPECT_TRUE(before == nullptr || placeOf(*before) <= placeOf(row));
         before = &row;
     }
     for (LeftOutExchange const& leftOut : leftOutExchanges()) {
-        EXPECT_STRNE(leftOut.reason, "") << sandbox::exchangeName(leftOut.exchange);
+        EXPECT_STRNE(leftOut.m_Reason, "") << sandbox::exchangeName(leftOut.m_Exchange);
     }
 }
 
@@ -88,20 +88,20 @@ TEST(FaultTable, KeepsACutAnswerFromBeingASuccess) {
     Shop const shop;
     ASSERT_EQ(shop.setUp(sandbox.autoUrl()), KVX_OK);
     Returned const returned = sandbox.shopper(shop.payment().url(), "pay");
-    ASSERT_EQ(shop.capture(returned.data), KVX_OK);
-    auto const length = static_cast<std::int64_t>(sandbox.service().exchanges().back().answer.size());
-    for (FaultKind const kind : {FaultKind::Truncate, FaultKind::NulBytes}) {
+    ASSERT_EQ(shop.capture(returned.m_Data), KVX_OK);
+    auto const length = static_cast<std::int64_t>(sandbox.service().exchanges().back().m_Answer.size());
+    for (FaultKind const kind : {FaultKind::kTruncate, FaultKind::kNulBytes}) {
         sandbox::Fault fault;
-        fault.kind = kind;
-        fault.exchange = ExchangeKind::Capture;
+        fault.m_Kind = kind;
+        fault.m_Exchange = ExchangeKind::kCapture;
         for (std::int64_t bytes = length - 1; bytes >= 0; bytes -= bytes > length - kStep ? 1 : kStep) {
-            fault.bytes = bytes;
+            fault.m_Bytes = bytes;
             sandbox.service().arm(fault);
-            EXPECT_NE(shop.capture(returned.data), KVX_OK) << sandbox::faultText(fault);
+            EXPECT_NE(shop.capture(returned.m_Data), KVX_OK) << sandbox::faultText(fault);
         }
-        fault.bytes = length;
+        fault.m_Bytes = length;
         sandbox.service().arm(fault);
-        EXPECT_EQ(shop.capture(returned.data), KVX_OK);
+        EXPECT_EQ(shop.capture(returned.m_Data), KVX_OK);
     }
 }
 
@@ -114,7 +114,7 @@ TEST(FaultTable, KeepsAZeroByteInALongAnswerUnnoticed) {
     FlowMessage const payment = shop.payment({std::string(5000, 'x'), "12.50", "EUR"});
     Returned const returned = sandbox.shopper(payment.url(), "pay");
     sandbox.service().arm(sandbox::parseFault("nul-bytes,exchange=capture,bytes=1500"));
-    EXPECT_EQ(shop.capture(returned.data), KVX_OK);
+    EXPECT_EQ(shop.capture(returned.m_Data), KVX_OK);
     EXPECT_EQ(sandbox.stateOf(payment.get("TOKEN")), "captured");
 }
 
@@ -181,6 +181,6 @@ TEST(UnsignedAnswer, KeepsBeingBelieved) {
     Returned const returned = sandbox.shopper(payment.url(), "pay");
     sandbox.service().arm(
         sandbox::parseFault("http-status,exchange=capture,status=200,text=<KVX MSGTYPE=\"PayConfirm\"/>"));
-    EXPECT_EQ(shop.capture(returned.data), KVX_OK);
+    EXPECT_EQ(shop.capture(returned.m_Data), KVX_OK);
     EXPECT_EQ(sandbox.stateOf(payment.get("TOKEN")), "authorised");
 }

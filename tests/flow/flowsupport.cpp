@@ -33,9 +33,9 @@ std::string getRequest(std::string const& url) {
 
 Returned takeApart(std::string const& location) {
     Returned returned;
-    returned.link = location.substr(0, location.find_first_of("?&", location.find("DATA=") - 1));
-    returned.data = sandboxtest::decode(sandboxtest::queryValue(location, "DATA"));
-    returned.signature = sandboxtest::queryValue(location, "SIGNATURE");
+    returned.m_Link = location.substr(0, location.find_first_of("?&", location.find("DATA=") - 1));
+    returned.m_Data = sandboxtest::decode(sandboxtest::queryValue(location, "DATA"));
+    returned.m_Signature = sandboxtest::queryValue(location, "SIGNATURE");
     return returned;
 }
 
@@ -82,9 +82,9 @@ FlowMessage Shop::payment(Order const& order) const {
     message.set("SUCCESSLINK", "http://shop.example/paid");
     message.set("FAILLINK", "http://shop.example/failed");
     message.set("BACKLINK", "http://shop.example/back");
-    message.set("ORDERID", order.id);
-    message.set("AMOUNT", order.amount);
-    message.set("CURRENCY", order.currency);
+    message.set("ORDERID", order.m_Id);
+    message.set("AMOUNT", order.m_Amount);
+    message.set("CURRENCY", order.m_Currency);
     return message;
 }
 
@@ -92,7 +92,7 @@ std::int32_t Shop::verify(Returned const& returned) const {
     KVX_HANDLE const factory = newFactory();
     KVX_HANDLE made = nullptr;
     std::int32_t const result =
-        MessageFactory_VerifyPayConfirm(factory, returned.data.c_str(), returned.signature.c_str(), &made);
+        MessageFactory_VerifyPayConfirm(factory, returned.m_Data.c_str(), returned.m_Signature.c_str(), &made);
     EXPECT_EQ(made != nullptr, result == KVX_OK);
     DestroyMessageObject(made);
     DestroyMessageFactory(factory);
@@ -102,9 +102,9 @@ std::int32_t Shop::verify(Returned const& returned) const {
 FlowMessage Shop::verified(Returned const& returned) const {
     KVX_HANDLE const factory = newFactory();
     KVX_HANDLE made = nullptr;
-    EXPECT_EQ(MessageFactory_VerifyPayConfirm(factory, returned.data.c_str(), returned.signature.c_str(), &made),
+    EXPECT_EQ(MessageFactory_VerifyPayConfirm(factory, returned.m_Data.c_str(), returned.m_Signature.c_str(), &made),
               KVX_OK)
-        << returned.data;
+        << returned.m_Data;
     DestroyMessageFactory(factory);
     return FlowMessage(made);
 }
@@ -130,9 +130,9 @@ FlowMessage Shop::completion(std::string const& id, std::string const& token) co
 
 sandbox::Options Sandbox::options(std::string const& directory, bool tls) {
     sandbox::Options options;
-    options.dataDirectory = directory;
-    options.tls = tls;
-    options.proxy = true;
+    options.m_DataDirectory = directory;
+    options.m_Tls = tls;
+    options.m_Proxy = true;
     return options;
 }
 
@@ -148,25 +148,25 @@ std::string Sandbox::exchange(std::string const& url, std::string const& request
 
 std::string Sandbox::decisionRequest(std::string const& url, std::string const& decision) const {
     RawAnswer const page = parseAnswer(exchange(url, getRequest(url)));
-    EXPECT_EQ(page.status, 200) << page.body;
-    return sandboxtest::formPost("/pay/decision", "payment=" + field(page.body, "payment") +
-                                                      "&key=" + field(page.body, "key") + "&decision=" + decision);
+    EXPECT_EQ(page.m_Status, 200) << page.m_Body;
+    return sandboxtest::formPost("/pay/decision", "payment=" + field(page.m_Body, "payment") +
+                                                      "&key=" + field(page.m_Body, "key") + "&decision=" + decision);
 }
 
 Returned Sandbox::shopper(std::string const& url, std::string const& decision) const {
     RawAnswer const back = parseAnswer(exchange(url, decisionRequest(url, decision)));
-    EXPECT_EQ(back.status, 302) << back.body;
-    return back.status == 302 ? takeApart(back.headers.at("location")) : Returned{};
+    EXPECT_EQ(back.m_Status, 302) << back.m_Body;
+    return back.m_Status == 302 ? takeApart(back.m_Headers.at("location")) : Returned{};
 }
 
 int Sandbox::statusOf(std::string const& url) const {
-    return parseAnswer(exchange(url, getRequest(url))).status;
+    return parseAnswer(exchange(url, getRequest(url))).m_Status;
 }
 
 std::string Sandbox::stateOf(std::string const& token) const {
     for (sandbox::Payment const& payment : m_Service.payments()) {
-        if (payment.token == token) {
-            return sandbox::stateName(payment.state);
+        if (payment.m_Token == token) {
+            return sandbox::stateName(payment.m_State);
         }
     }
     return "";
@@ -175,13 +175,13 @@ std::string Sandbox::stateOf(std::string const& token) const {
 long Sandbox::accepted(std::string const& path) const {
     long count = 0;
     for (sandbox::Exchange const& exchange : m_Service.exchanges()) {
-        count += exchange.path == path && exchange.verdict == "ok" ? 1 : 0;
+        count += exchange.m_Path == path && exchange.m_Verdict == "ok" ? 1 : 0;
     }
     return count;
 }
 
 std::string Sandbox::lastVerdict() const {
-    return m_Service.exchanges().back().verdict;
+    return m_Service.exchanges().back().m_Verdict;
 }
 
 }  // namespace kvxtest

@@ -34,16 +34,16 @@ private:
 
 /// What came back with the shopper.
 struct Returned {
-    std::string link;       ///< The address without DATA and SIGNATURE.
-    std::string data;       ///< Decoded.
-    std::string signature;  ///< As it came.
+    std::string m_Link;       ///< The address without DATA and SIGNATURE.
+    std::string m_Data;       ///< Decoded.
+    std::string m_Signature;  ///< As it came.
 };
 
 /// The order that all tests sell.
 struct Order {
-    std::string id = "A-17";
-    std::string amount = "12.50";
-    std::string currency = "EUR";
+    std::string m_Id = "A-17";
+    std::string m_Amount = "12.50";
+    std::string m_Currency = "EUR";
 };
 
 /// A merchant: one configuration directory, used through the flat functions alone.

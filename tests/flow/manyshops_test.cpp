@@ -28,9 +28,9 @@ TEST(ManyThreads, PayOnOneDirectoryAtOnce) {
                 Returned const returned = sandbox.shopper(payment.url(), "pay");
                 FlowMessage const confirmation = shop.verified(returned);
                 EXPECT_EQ(confirmation.get("TOKEN"), token);
-                EXPECT_EQ(confirmation.get("ORDERID"), order.id);
-                EXPECT_EQ(confirmation.get("AMOUNT"), order.amount);
-                EXPECT_EQ(shop.capture(returned.data), KVX_OK);
+                EXPECT_EQ(confirmation.get("ORDERID"), order.m_Id);
+                EXPECT_EQ(confirmation.get("AMOUNT"), order.m_Amount);
+                EXPECT_EQ(shop.capture(returned.m_Data), KVX_OK);
                 FlowMessage const completion = shop.completion(confirmation.get("ID"), token);
                 KVX_HANDLE answer = nullptr;
                 EXPECT_EQ(MessageObject_Execute(completion.handle(), &answer), KVX_OK);

@@ -11,23 +11,23 @@ namespace {
 void expectConfirms(FlowMessage const& confirmation, FlowMessage const& payment, Order const& order) {
     EXPECT_EQ(confirmation.get("MSGTYPE"), "PayConfirm");
     EXPECT_EQ(confirmation.get("TOKEN"), payment.get("TOKEN"));
-    EXPECT_EQ(confirmation.get("AMOUNT"), order.amount);
-    EXPECT_EQ(confirmation.get("CURRENCY"), order.currency);
-    EXPECT_EQ(confirmation.get("ORDERID"), order.id);
+    EXPECT_EQ(confirmation.get("AMOUNT"), order.m_Amount);
+    EXPECT_EQ(confirmation.get("CURRENCY"), order.m_Currency);
+    EXPECT_EQ(confirmation.get("ORDERID"), order.m_Id);
 }
 
 /// Runs one payment from its URL to its completion.
 void payInFull(Sandbox const& sandbox, Shop const& shop, Order const& order) {
     FlowMessage const payment = shop.payment(order);
     Returned const returned = sandbox.shopper(payment.url(), "pay");
-    EXPECT_EQ(returned.link, "http://shop.example/paid");
+    EXPECT_EQ(returned.m_Link, "http://shop.example/paid");
 
     FlowMessage const confirmation = shop.verified(returned);
     expectConfirms(confirmation, payment, order);
     EXPECT_EQ(confirmation.get("RESULT"), "authorised");
     EXPECT_EQ(sandbox.stateOf(payment.get("TOKEN")), "authorised");
 
-    EXPECT_EQ(shop.capture(returned.data), KVX_OK) << sandbox.lastVerdict();
+    EXPECT_EQ(shop.capture(returned.m_Data), KVX_OK) << sandbox.lastVerdict();
     EXPECT_EQ(sandbox.stateOf(payment.get("TOKEN")), "captured");
 
     FlowMessage const completion = shop.completion(confirmation.get("ID"), payment.get("TOKEN"));
@@ -72,11 +72,11 @@ TEST(Payment, ThatTheShopperDeclinesIsConfirmedAsDeclined) {
     ASSERT_EQ(shop.setUp(sandbox.autoUrl()), KVX_OK);
     FlowMessage const payment = shop.payment();
     Returned const returned = sandbox.shopper(payment.url(), "decline");
-    EXPECT_EQ(returned.link, "http://shop.example/failed");
+    EXPECT_EQ(returned.m_Link, "http://shop.example/failed");
     FlowMessage const confirmation = shop.verified(returned);
     expectConfirms(confirmation, payment, {});
     EXPECT_EQ(confirmation.get("RESULT"), "declined");
-    EXPECT_EQ(shop.capture(returned.data), KVX_E_SERVER_ERROR);
+    EXPECT_EQ(shop.capture(returned.m_Data), KVX_E_SERVER_ERROR);
     EXPECT_EQ(sandbox.stateOf(payment.get("TOKEN")), "declined");
 }
 
@@ -86,7 +86,7 @@ TEST(Payment, ThatTheShopperCancelsIsConfirmedAsCancelled) {
     ASSERT_EQ(shop.setUp(sandbox.autoUrl()), KVX_OK);
     FlowMessage const payment = shop.payment();
     Returned const returned = sandbox.shopper(payment.url(), "cancel");
-    EXPECT_EQ(returned.link, "http://shop.example/back");
+    EXPECT_EQ(returned.m_Link, "http://shop.example/back");
     FlowMessage const confirmation = shop.verified(returned);
     EXPECT_EQ(confirmation.get("RESULT"), "cancelled");
     FlowMessage const completion = shop.completion(confirmation.get("ID"), payment.get("TOKEN"));
@@ -176,8 +176,8 @@ TEST(Payment, IsCapturedOnlyByAnObjectThatWasOpenedForSigning) {
     EXPECT_EQ(MessageObject_Capture(confirmation.handle()), KVX_E_NOT_FOUND);
     EXPECT_EQ(sandbox.stateOf(payment.get("TOKEN")), "authorised");
     EXPECT_EQ(sandbox.accepted("/capture"), before) << "nothing was sent";
-    EXPECT_EQ(shop.capture(returned.data), KVX_OK);
-    EXPECT_EQ(shop.capture(returned.data), KVX_OK) << "capturing again changes nothing";
+    EXPECT_EQ(shop.capture(returned.m_Data), KVX_OK);
+    EXPECT_EQ(shop.capture(returned.m_Data), KVX_OK) << "capturing again changes nothing";
     EXPECT_EQ(sandbox.stateOf(payment.get("TOKEN")), "captured");
 }
 
@@ -187,7 +187,7 @@ TEST(Payment, CannotBeCapturedWithAnotherAmount) {
     ASSERT_EQ(shop.setUp(sandbox.autoUrl()), KVX_OK);
     FlowMessage const payment = shop.payment();
     Returned const returned = sandbox.shopper(payment.url(), "pay");
-    FlowMessage const capture = shop.filled(returned.data);
+    FlowMessage const capture = shop.filled(returned.m_Data);
     capture.set("AMOUNT", "99.00");
     EXPECT_EQ(MessageObject_Capture(capture.handle()), KVX_E_SERVER_ERROR);
     EXPECT_EQ(sandbox.stateOf(payment.get("TOKEN")), "authorised");

@@ -98,22 +98,22 @@ TEST(SetUp, WithAnotherAddressIsRefused) {
 
 TEST(SetUp, ThatBreaksOffKeepsWhatItHasAndCanBeRepeated) {
     struct Row {
-        int permitted;
-        bool config;
-        bool defaults;
-        long publicKeys;
+        int m_Permitted;
+        bool m_Config;
+        bool m_Defaults;
+        long m_PublicKeys;
     };
     for (Row const row :
          {Row{0, false, false, 0}, Row{1, true, false, 0}, Row{2, true, true, 0}, Row{3, true, true, 2}}) {
         Sandbox sandbox;
         Shop const shop;
         {
-            Gate const gate(sandbox, row.permitted);
-            EXPECT_EQ(shop.setUp(gate.autoUrl()), KVX_E_HTTP_BAD_REPLY) << row.permitted;
+            Gate const gate(sandbox, row.m_Permitted);
+            EXPECT_EQ(shop.setUp(gate.autoUrl()), KVX_E_HTTP_BAD_REPLY) << row.m_Permitted;
         }
-        EXPECT_EQ(shop.dir().exists("config.xml"), row.config) << row.permitted;
-        EXPECT_EQ(shop.dir().exists("default.xml"), row.defaults) << row.permitted;
-        EXPECT_EQ(filesIn(shop.dir().file("keys/public")), row.publicKeys) << row.permitted;
+        EXPECT_EQ(shop.dir().exists("config.xml"), row.m_Config) << row.m_Permitted;
+        EXPECT_EQ(shop.dir().exists("default.xml"), row.m_Defaults) << row.m_Permitted;
+        EXPECT_EQ(filesIn(shop.dir().file("keys/public")), row.m_PublicKeys) << row.m_Permitted;
         EXPECT_FALSE(shop.dir().exists("keys/current")) << "changes last";
         ASSERT_EQ(shop.setUp(sandbox.autoUrl()), KVX_OK);
         EXPECT_EQ(shop.verify(sandbox.shopper(shop.payment().url(), "pay")), KVX_OK);
@@ -138,7 +138,7 @@ TEST(ServiceDown, IsTheSocketsCodeAtEveryStep) {
     std::string const autoUrl = sandbox.autoUrl();
     FlowMessage const payment = shop.payment();
     Returned const returned = sandbox.shopper(payment.url(), "pay");
-    FlowMessage const capture = shop.filled(returned.data);
+    FlowMessage const capture = shop.filled(returned.m_Data);
     sandbox.service().stop();
 
     EXPECT_EQ(late.setUp(autoUrl), KVX_E_SOCKET_REFUSED);

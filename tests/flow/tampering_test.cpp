@@ -34,90 +34,90 @@ bool isRefusal(std::int32_t code) {
 }  // namespace
 
 TEST_F(Tampering, WithAnyByteOfTheTextIsRefused) {
-    for (std::size_t at = 0; at < m_Genuine.data.size(); ++at) {
+    for (std::size_t at = 0; at < m_Genuine.m_Data.size(); ++at) {
         for (char const mask : {'\x01', '\x20', '\x7f'}) {
             Returned changed = m_Genuine;
-            changed.data[at] = static_cast<char>(changed.data[at] ^ mask);
-            EXPECT_PRED1(isRefusal, m_Shop.verify(changed)) << "byte " << at << ": " << changed.data;
+            changed.m_Data[at] = static_cast<char>(changed.m_Data[at] ^ mask);
+            EXPECT_PRED1(isRefusal, m_Shop.verify(changed)) << "byte " << at << ": " << changed.m_Data;
         }
     }
 }
 
 TEST_F(Tampering, ByLeavingAnyByteOutOrPuttingOneInIsRefused) {
-    for (std::size_t at = 0; at < m_Genuine.data.size(); ++at) {
+    for (std::size_t at = 0; at < m_Genuine.m_Data.size(); ++at) {
         Returned shorter = m_Genuine;
-        shorter.data.erase(at, 1);
+        shorter.m_Data.erase(at, 1);
         EXPECT_PRED1(isRefusal, m_Shop.verify(shorter)) << "without byte " << at;
         Returned longer = m_Genuine;
-        longer.data.insert(at, 1, ' ');
+        longer.m_Data.insert(at, 1, ' ');
         EXPECT_PRED1(isRefusal, m_Shop.verify(longer)) << "with a space at " << at;
     }
 }
 
 TEST_F(Tampering, ByCuttingTheTextAnywhereIsRefused) {
-    for (std::size_t length = 0; length < m_Genuine.data.size(); ++length) {
+    for (std::size_t length = 0; length < m_Genuine.m_Data.size(); ++length) {
         Returned cut = m_Genuine;
-        cut.data.resize(length);
+        cut.m_Data.resize(length);
         EXPECT_PRED1(isRefusal, m_Shop.verify(cut)) << length;
     }
     Returned longer = m_Genuine;
-    longer.data += "\n";
+    longer.m_Data += "\n";
     EXPECT_EQ(m_Shop.verify(longer), KVX_E_INVALID_SIGNATURE);
 }
 
 TEST_F(Tampering, WithAnyDigitOfTheSignatureIsRefused) {
-    for (std::size_t at = 0; at < m_Genuine.signature.size(); ++at) {
+    for (std::size_t at = 0; at < m_Genuine.m_Signature.size(); ++at) {
         for (char const digit : {'0', '1', '8', 'f'}) {
-            if (m_Genuine.signature[at] != digit) {
+            if (m_Genuine.m_Signature[at] != digit) {
                 Returned changed = m_Genuine;
-                changed.signature[at] = digit;
+                changed.m_Signature[at] = digit;
                 EXPECT_EQ(m_Shop.verify(changed), KVX_E_INVALID_SIGNATURE) << "digit " << at;
             }
         }
         Returned changed = m_Genuine;
-        changed.signature[at] = 'g';
+        changed.m_Signature[at] = 'g';
         EXPECT_EQ(m_Shop.verify(changed), KVX_E_INVALID_KEY) << "no digit at " << at;
     }
 }
 
 TEST_F(Tampering, ByCuttingTheSignatureAnywhereIsRefused) {
-    for (std::size_t length = 0; length < m_Genuine.signature.size(); ++length) {
+    for (std::size_t length = 0; length < m_Genuine.m_Signature.size(); ++length) {
         Returned cut = m_Genuine;
-        cut.signature.resize(length);
+        cut.m_Signature.resize(length);
         EXPECT_EQ(m_Shop.verify(cut), length == 0 ? KVX_E_MISSING_SIGNATURE : KVX_E_INVALID_SIGNATURE) << length;
     }
     Returned longer = m_Genuine;
-    longer.signature += "00";
+    longer.m_Signature += "00";
     EXPECT_EQ(m_Shop.verify(longer), KVX_E_INVALID_SIGNATURE);
 }
 
 TEST_F(Tampering, KeepsOtherSpellingsOfTheSignatureAcceptable) {
     // So a signature's text identifies nothing.
     Returned upper = m_Genuine;
-    for (char& digit : upper.signature) {
+    for (char& digit : upper.m_Signature) {
         ASSERT_TRUE(isHexDigit(digit));
         digit = digit >= 'a' ? static_cast<char>(digit - 'a' + 'A') : digit;
     }
-    ASSERT_NE(upper.signature, m_Genuine.signature);
+    ASSERT_NE(upper.m_Signature, m_Genuine.m_Signature);
     EXPECT_EQ(m_Shop.verify(upper), KVX_OK);
     Returned odd = m_Genuine;
-    odd.signature += "7";
+    odd.m_Signature += "7";
     EXPECT_EQ(m_Shop.verify(odd), KVX_OK);
 }
 
 TEST_F(Tampering, WithTheSignatureOfAnotherConfirmationIsRefused) {
     Returned const other = m_Sandbox.shopper(m_Shop.payment().url(), "pay");
-    EXPECT_EQ(m_Shop.verify({"", m_Genuine.data, other.signature}), KVX_E_INVALID_SIGNATURE);
-    EXPECT_EQ(m_Shop.verify({"", other.data, m_Genuine.signature}), KVX_E_INVALID_SIGNATURE);
+    EXPECT_EQ(m_Shop.verify({"", m_Genuine.m_Data, other.m_Signature}), KVX_E_INVALID_SIGNATURE);
+    EXPECT_EQ(m_Shop.verify({"", other.m_Data, m_Genuine.m_Signature}), KVX_E_INVALID_SIGNATURE);
 }
 
 TEST_F(Tampering, ByNamingTheMerchantsOwnKeyIsRefused) {
     std::string const own = m_Shop.dir().read("keys/current");
     std::string const server = m_Sandbox.service().serverKeyId();
     Returned changed = m_Genuine;
-    std::size_t const at = changed.data.find(server);
+    std::size_t const at = changed.m_Data.find(server);
     ASSERT_NE(at, std::string::npos);
-    changed.data.replace(at, server.size(), own);
+    changed.m_Data.replace(at, server.size(), own);
     EXPECT_EQ(m_Shop.verify(changed), KVX_E_INVALID_SIGNATURE);
 }
 
@@ -126,7 +126,7 @@ TEST_F(Tampering, ByNamingAKeyOutsideTheDirectoryFindsNone) {
     for (std::string const& keyId : {"../public/" + server, "./" + server, std::string(".."), std::string("."),
                                      std::string("/dev/zero"), std::string("")}) {
         Returned changed = m_Genuine;
-        changed.data.replace(changed.data.find(server), server.size(), keyId);
+        changed.m_Data.replace(changed.m_Data.find(server), server.size(), keyId);
         EXPECT_EQ(m_Shop.verify(changed), KVX_E_NOT_FOUND) << keyId;
     }
 }

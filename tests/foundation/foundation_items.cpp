@@ -12,32 +12,32 @@ TbFindable const& orderingItem(TbFindable const& item) {
 }
 
 struct Walk {
-    TbRBTree const& tree;
-    std::vector<TbFindable const*> items;
-    std::string fault;
-    int longest = 0;
+    TbRBTree const& m_Tree;
+    std::vector<TbFindable const*> m_Items;
+    std::string m_Fault;
+    int m_Longest = 0;
 
     /// The black height of `node`, the sentinel counted as one.
     int visit(TbTreeNode const* node, bool isAboveRed, int depth) {
         if (node == nullptr) {
-            fault = "an absent child is null instead of the sentinel";
+            m_Fault = "an absent child is null instead of the sentinel";
             return 0;
         }
-        if (tree.isSentinel(node)) {
+        if (m_Tree.isSentinel(node)) {
             if (node->isRed() || node->left() != nullptr || node->right() != nullptr) {
-                fault = "the sentinel is red or has children";
+                m_Fault = "the sentinel is red or has children";
             }
-            longest = std::max(longest, depth);
+            m_Longest = std::max(m_Longest, depth);
             return 1;
         }
         if (isAboveRed && node->isRed()) {
-            fault = "a red node below a red one";
+            m_Fault = "a red node below a red one";
         }
         int const left = visit(node->left(), node->isRed(), depth + 1);
-        items.push_back(node->item());
+        m_Items.push_back(node->item());
         int const right = visit(node->right(), node->isRed(), depth + 1);
         if (left != right) {
-            fault = "black heights " + std::to_string(left) + " and " + std::to_string(right);
+            m_Fault = "black heights " + std::to_string(left) + " and " + std::to_string(right);
         }
         return left + (node->isRed() ? 0 : 1);
     }
@@ -96,7 +96,7 @@ std::vector<TbFindable const*> itemsInOrder(TbRBTree const& tree) {
     if (tree.root() != nullptr) {
         walk.visit(tree.root(), false, 0);
     }
-    return walk.items;
+    return walk.m_Items;
 }
 
 std::vector<int> numbersInOrder(TbRBTree const& tree) {
@@ -120,15 +120,15 @@ testing::AssertionResult isSoundTree(TbRBTree const& tree) {
     if (tree.root()->isRed()) {
         return testing::AssertionFailure() << "red root";
     }
-    if (!walk.fault.empty()) {
-        return testing::AssertionFailure() << walk.fault;
+    if (!walk.m_Fault.empty()) {
+        return testing::AssertionFailure() << walk.m_Fault;
     }
-    if (walk.longest > 2 * blackHeight) {
-        return testing::AssertionFailure() << "a way of " << walk.longest << " nodes at black height " << blackHeight;
+    if (walk.m_Longest > 2 * blackHeight) {
+        return testing::AssertionFailure() << "a way of " << walk.m_Longest << " nodes at black height " << blackHeight;
     }
-    for (std::size_t i = 1; i < walk.items.size(); ++i) {
-        TbFindable const& before = orderingItem(*walk.items[i - 1]);
-        TbFindable const& after = orderingItem(*walk.items[i]);
+    for (std::size_t i = 1; i < walk.m_Items.size(); ++i) {
+        TbFindable const& before = orderingItem(*walk.m_Items[i - 1]);
+        TbFindable const& after = orderingItem(*walk.m_Items[i]);
         if (!(before < after) || after < before || before == after) {
             return testing::AssertionFailure() << "elements " << i - 1 << " and " << i << " do not ascend";
         }

@@ -358,8 +358,8 @@ TEST(TbMapItem, CopiesItsItemAndStaysInItsList) {
 TEST(TbMap, PutLeavesNoTraceWhenAnAllocationFails) {
     Entries const before = {"c=vc", "a=va", "b=vb"};
     struct {
-        char const* name;
-        std::function<void(TbStrMap&)> act;
+        char const* m_Name;
+        std::function<void(TbStrMap&)> m_Act;
     } const rows[] = {
         {"put", [](TbStrMap& map) { map.put(pairOf("new", "")); }},
         {"insert", [](TbStrMap& map) { map.insert(pairOf("new", "")); }},
@@ -367,12 +367,12 @@ TEST(TbMap, PutLeavesNoTraceWhenAnAllocationFails) {
         {"operator[] of the base", [](TbStrMap& map) { static_cast<TbMap&>(map)[pairOf("new", "")]; }},
     };
     for (auto const& row : rows) {
-        SCOPED_TRACE(row.name);
+        SCOPED_TRACE(row.m_Name);
         long const failures = failEachAllocation<TbStrMap>(
             [] {
                 return strMapOf({"c", "a", "b"});
             },
-            row.act,
+            row.m_Act,
             [&](TbStrMap& map, bool hasFailed) {
                 EXPECT_TRUE(isSoundTree(map));
                 Entries expected = before;
@@ -448,7 +448,7 @@ public:
         } else if (choice < 90) {
             remove(key);
         } else if (choice < 98) {
-            EXPECT_EQ(m_Map->find(stringOf(key)), m_Model.count(key) != 0 ? m_Model[key].entry : nullptr);
+            EXPECT_EQ(m_Map->find(stringOf(key)), m_Model.count(key) != 0 ? m_Model[key].m_Entry : nullptr);
         } else if (choice == 98) {
             copyOver();
         } else if (m_Random() % 8 == 0) {
@@ -464,14 +464,14 @@ public:
         auto inTree = itemsInOrder(*m_Map);
         std::size_t place = 0;
         for (auto const& [key, element] : m_Model) {
-            ASSERT_EQ(inTree[place++], element.entry) << "stored elements stay where they are";
+            ASSERT_EQ(inTree[place++], element.m_Entry) << "stored elements stay where they are";
         }
         TbMapItem const* last = nullptr;
         auto expected = m_Order.begin();
         for (TbMapItem const* entry = m_Map->begin(); entry != m_Map->end(); entry = entry->next(), ++expected) {
             ASSERT_NE(expected, m_Order.end());
             ASSERT_EQ(keyOf(*entry), *expected);
-            ASSERT_EQ(valueOf(*entry), m_Model[*expected].value);
+            ASSERT_EQ(valueOf(*entry), m_Model[*expected].m_Value);
             ASSERT_EQ(entry->previous(), last);
             last = entry;
         }
@@ -485,8 +485,8 @@ public:
 
 private:
     struct Element {
-        TbFindable const* entry = nullptr;
-        std::string value;
+        TbFindable const* m_Entry = nullptr;
+        std::string m_Value;
     };
 
     void put(std::string const& key, std::string const& value) {
@@ -517,8 +517,8 @@ private:
         m_Map = std::move(copy);
         for (auto& [key, element] : m_Model) {
             TbFindable const* const moved = m_Map->find(stringOf(key));
-            EXPECT_NE(moved, element.entry);
-            element.entry = moved;
+            EXPECT_NE(moved, element.m_Entry);
+            element.m_Entry = moved;
         }
     }
 
@@ -536,7 +536,7 @@ void MapBesideModel<TbMap>::lookUp(std::string const& key, std::string const& va
         m_Model[key] = {m_Map->find(stringOf(key)), value};
         m_Order.push_back(key);
     }
-    EXPECT_EQ(&found, static_cast<TbMapItem const*>(m_Model[key].entry)->item());
+    EXPECT_EQ(&found, static_cast<TbMapItem const*>(m_Model[key].m_Entry)->item());
 }
 
 template <>
@@ -544,12 +544,12 @@ void MapBesideModel<TbStrMap>::lookUp(std::string const& key, std::string const&
     TbString& found = (*m_Map)[stringOf(key)];
     if (m_Model.count(key) == 0) {
         EXPECT_EQ(found.length(), 0U);
-        m_Model[key].entry = m_Map->find(stringOf(key));
+        m_Model[key].m_Entry = m_Map->find(stringOf(key));
         m_Order.push_back(key);
     }
-    EXPECT_EQ(bytesOf(found), m_Model[key].value);
+    EXPECT_EQ(bytesOf(found), m_Model[key].m_Value);
     found = stringOf(value);
-    m_Model[key].value = value;
+    m_Model[key].m_Value = value;
 }
 
 template <class Map>

@@ -113,9 +113,9 @@ TEST(TbMultimap, GrowsTheVectorOfAKeyBeyondItsFirstFive) {
 
 TEST(TbMultimap, RemovesOneEntryByItsIndex) {
     struct {
-        long index;
-        bool isRemoved;
-        Entries left;
+        long m_Index;
+        bool m_IsRemoved;
+        Entries m_Left;
     } const rows[] = {
         {0, true, {"b=2", "b=3"}},
         {1, true, {"b=1", "b=3"}},
@@ -130,12 +130,12 @@ TEST(TbMultimap, RemovesOneEntryByItsIndex) {
 #endif
     };
     for (auto const& row : rows) {
-        SCOPED_TRACE(row.index);
+        SCOPED_TRACE(row.m_Index);
         std::unique_ptr<TbMultimap> const map = multimapOf({{"b", 1}, {"b", 2}, {"b", 3}});
-        EXPECT_EQ(map->remove(TbString("b"), row.index), row.isRemoved);
-        EXPECT_EQ(entriesUnder(*map, "b"), row.left);
-        EXPECT_EQ(entriesOf(*map), row.left);
-        EXPECT_EQ(map->count(), row.left.size());
+        EXPECT_EQ(map->remove(TbString("b"), row.m_Index), row.m_IsRemoved);
+        EXPECT_EQ(entriesUnder(*map, "b"), row.m_Left);
+        EXPECT_EQ(entriesOf(*map), row.m_Left);
+        EXPECT_EQ(map->count(), row.m_Left.size());
         EXPECT_FALSE(map->remove(TbString("absent"), 0));
     }
 }
@@ -248,26 +248,26 @@ TEST(TbMultimap, ComparesPlainElementsWithThePairsThatLookUpsMake) {
 struct ReadyVector {
     explicit ReadyVector(std::vector<std::pair<std::string, int>> const& entries) {
         for (auto const& [key, number] : entries) {
-            items.push_back(std::make_unique<TbMapItem>(new TbKeyValue(pairOf(key, number))));
-            vector.push_back(items.back().get());
+            m_Items.push_back(std::make_unique<TbMapItem>(new TbKeyValue(pairOf(key, number))));
+            m_Vector.push_back(m_Items.back().get());
         }
     }
     void release() {
-        for (auto& item : items) {
+        for (auto& item : m_Items) {
             static_cast<void>(item.release());
         }
     }
-    std::vector<std::unique_ptr<TbMapItem>> items;
-    TbFindableVector vector;
+    std::vector<std::unique_ptr<TbMapItem>> m_Items;
+    TbFindableVector m_Vector;
 };
 
 TEST(TbMultimap, TakesAReadyVectorForANewKey) {
     std::unique_ptr<TbMultimap> const map = multimapOf({{"a", 1}});
     ReadyVector ready({{"b", 2}, {"b", 3}});
-    TbFindable* const stored = map->put(ready.vector);
-    EXPECT_NE(stored, &ready.vector);
+    TbFindable* const stored = map->put(ready.m_Vector);
+    EXPECT_NE(stored, &ready.m_Vector);
     EXPECT_EQ(map->find(TbString("b")), stored);
-    EXPECT_EQ(static_cast<TbFindableVector*>(stored)->at(0), ready.items[0].get()) << "the entries are the map's now";
+    EXPECT_EQ(static_cast<TbFindableVector*>(stored)->at(0), ready.m_Items[0].get()) << "the entries are the map's now";
     ready.release();
     EXPECT_EQ(map->count(), 3U);
     EXPECT_EQ(entriesOf(*map), (Entries{"a=1", "b=2", "b=3"}));
@@ -285,11 +285,11 @@ TEST(TbMultimap, RefusesAReadyVectorForAKeyThatIsThere) {
         std::unique_ptr<TbMultimap> const map = multimapOf({{"a", 1}, {"a", 2}, {"b", 3}});
         ReadyVector const ready(entries);
         std::int32_t const living = TbRefCounter::m_nTotalRef;
-        EXPECT_EQ(thrownCode([&] { map->put(ready.vector); }), KVX_E_DUPLICATE_KEY);
+        EXPECT_EQ(thrownCode([&] { map->put(ready.m_Vector); }), KVX_E_DUPLICATE_KEY);
         EXPECT_EQ(TbRefCounter::m_nTotalRef, living) << "its entries stay with the caller";
         EXPECT_EQ(map->count(), 3U);
         EXPECT_EQ(entriesOf(*map), (Entries{"a=1", "a=2", "b=3"}));
-        EXPECT_EQ(ready.vector.count(), entries.size());
+        EXPECT_EQ(ready.m_Vector.count(), entries.size());
     }
 }
 
@@ -492,25 +492,25 @@ TEST(TbStrPtrMultimap, PutLeavesNoTraceWhenAnAllocationFails) {
 TEST(TbMultimap, RemoveLeavesNoTraceWhenAnAllocationFails) {
     Entries const before = {"a=1", "b=2", "a=3", "c=4"};
     struct {
-        char const* name;
-        std::function<void(TbMultimap&)> act;
-        Entries after;
+        char const* m_Name;
+        std::function<void(TbMultimap&)> m_Act;
+        Entries m_After;
     } const rows[] = {
         {"key", [](TbMultimap& map) { map.remove(TbString("a")); }, {"b=2", "c=4"}},
         {"last entry", [](TbMultimap& map) { map.remove(TbString("b"), 0); }, {"a=1", "a=3", "c=4"}},
         {"one of several", [](TbMultimap& map) { map.remove(TbString("a"), 1); }, {"a=1", "b=2", "c=4"}},
     };
     for (auto const& row : rows) {
-        SCOPED_TRACE(row.name);
+        SCOPED_TRACE(row.m_Name);
         failEachAllocation<TbMultimap>(
             [] {
                 return multimapOf({{"a", 1}, {"b", 2}, {"a", 3}, {"c", 4}});
             },
-            row.act,
+            row.m_Act,
             [&](TbMultimap& map, bool hasFailed) {
                 EXPECT_TRUE(isSoundTree(map));
-                EXPECT_EQ(entriesOf(map), hasFailed ? before : row.after);
-                EXPECT_EQ(map.count(), hasFailed ? before.size() : row.after.size());
+                EXPECT_EQ(entriesOf(map), hasFailed ? before : row.m_After);
+                EXPECT_EQ(map.count(), hasFailed ? before.size() : row.m_After.size());
             });
     }
 }
@@ -531,7 +531,7 @@ TEST(TbMultimap, LookUpAndReadyVectorLeaveNoTraceWhenAnAllocationFails) {
         bool isReached = false;
         {
             kvxtest::FailingAllocation const failing(number, kvxtest::FailingAllocation::Mode::kOnlyThat);
-            std::int32_t const code = thrownCode([&] { map->put(ready.vector); });
+            std::int32_t const code = thrownCode([&] { map->put(ready.m_Vector); });
             isReached = kvxtest::FailingAllocation::asked() > number;
             EXPECT_EQ(code, isReached ? KVX_E_OUT_OF_MEMORY : 0);
         }
@@ -630,10 +630,10 @@ public:
             ASSERT_EQ(entries->count(), m_Model.count(key->first));
             auto element = key;
             for (std::uint32_t i = 0; i < entries->count(); ++i, ++element) {
-                if (element->second.address == nullptr) {
-                    element->second.address = entries->at(i);
+                if (element->second.m_Address == nullptr) {
+                    element->second.m_Address = entries->at(i);
                 }
-                ASSERT_EQ(entries->at(i), element->second.address) << "stored entries stay where they are";
+                ASSERT_EQ(entries->at(i), element->second.m_Address) << "stored entries stay where they are";
                 ASSERT_EQ(describe(*entries->at(i)), describe(*element));
             }
         }
@@ -644,15 +644,15 @@ public:
 
 private:
     struct Element {
-        int number;  ///< 0 for the pair that a look-up made.
-        TbFindable const* address;
+        int m_Number;  ///< 0 for the pair that a look-up made.
+        TbFindable const* m_Address;
     };
     using Model = std::multimap<std::string, Element, LengthFirst>;
 
     using TextOf = std::string;
     static TextOf describe(TbFindable const& entry) { return ::describe(entry); }
     static TextOf describe(typename Model::value_type const& element) {
-        return element.first + "=" + (element.second.number == 0 ? "" : std::to_string(element.second.number));
+        return element.first + "=" + (element.second.m_Number == 0 ? "" : std::to_string(element.second.m_Number));
     }
 
     void remember(std::string const& key, int number, bool isListed) {
@@ -681,10 +681,10 @@ private:
         }
         ReadyVector ready(entries);
         if (m_Model.count(key) != 0) {
-            EXPECT_EQ(thrownCode([&] { m_Map->put(ready.vector); }), KVX_E_DUPLICATE_KEY);
+            EXPECT_EQ(thrownCode([&] { m_Map->put(ready.m_Vector); }), KVX_E_DUPLICATE_KEY);
             return;
         }
-        m_Map->put(ready.vector);
+        m_Map->put(ready.m_Vector);
         ready.release();
         for (auto const& entry : entries) {
             remember(key, entry.second, true);
@@ -717,7 +717,7 @@ private:
         }
         m_Map = std::move(copy);
         for (auto& element : m_Model) {
-            element.second.address = nullptr;
+            element.second.m_Address = nullptr;
         }
     }
 

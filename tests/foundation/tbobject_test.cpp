@@ -23,10 +23,10 @@ using kvxtest::Witness;
 
 /// One class: how to make it, its factory, and the names it answers to through the inherited operation.
 struct ClassRow {
-    char const* name;
-    std::function<TbObject*()> make;
-    TbAllocator factory;
-    std::set<std::string> accepted;
+    char const* m_Name;
+    std::function<TbObject*()> m_Make;
+    TbAllocator m_Factory;
+    std::set<std::string> m_Accepted;
 };
 
 std::vector<ClassRow> const& classRows() {
@@ -68,26 +68,27 @@ std::vector<std::string> allNames() {
                                       "?",
                                       "TbObject "};
     for (ClassRow const& row : classRows()) {
-        names.emplace_back(row.name);
+        names.emplace_back(row.m_Name);
     }
     return names;
 }
 
 TEST(IsInstanceOf, AnswersForEveryClassAndEveryName) {
     for (ClassRow const& row : classRows()) {
-        std::unique_ptr<TbObject> const object(row.make());
+        std::unique_ptr<TbObject> const object(row.m_Make());
         for (std::string const& name : allNames()) {
-            EXPECT_EQ(object->isInstanceOf(name.c_str()), row.accepted.count(name) != 0) << row.name << " / " << name;
+            EXPECT_EQ(object->isInstanceOf(name.c_str()), row.m_Accepted.count(name) != 0)
+                << row.m_Name << " / " << name;
         }
-        EXPECT_FALSE(object->isInstanceOf(nullptr)) << row.name;
+        EXPECT_FALSE(object->isInstanceOf(nullptr)) << row.m_Name;
     }
 }
 
 TEST(IsInstanceOf, NeverAcceptsTheRootOrTheEmptyName) {
     for (ClassRow const& row : classRows()) {
-        std::unique_ptr<TbObject> const object(row.make());
-        EXPECT_FALSE(object->isInstanceOf("TbRefCounter")) << row.name;
-        EXPECT_FALSE(object->isInstanceOf("")) << row.name;
+        std::unique_ptr<TbObject> const object(row.m_Make());
+        EXPECT_FALSE(object->isInstanceOf("TbRefCounter")) << row.m_Name;
+        EXPECT_FALSE(object->isInstanceOf("")) << row.m_Name;
     }
 }
 
@@ -113,14 +114,14 @@ TEST(IsInstanceOf, KeepsTheMultimapsOwnNonConstOperationApart) {
 
 TEST(GetAllocator, GivesEveryClassItsOwnFactory) {
     for (ClassRow const& row : classRows()) {
-        std::unique_ptr<TbObject> const object(row.make());
-        EXPECT_EQ(object->getAllocator(), row.factory) << row.name;
+        std::unique_ptr<TbObject> const object(row.m_Make());
+        EXPECT_EQ(object->getAllocator(), row.m_Factory) << row.m_Name;
         TbObject* slot = nullptr;
         object->getAllocator()(&slot);
         std::unique_ptr<TbObject> const fresh(slot);
-        ASSERT_NE(fresh, nullptr) << row.name;
-        EXPECT_EQ(fresh->getAllocator(), row.factory) << row.name;
-        EXPECT_EQ(fresh->refCount(), 0) << row.name;
+        ASSERT_NE(fresh, nullptr) << row.m_Name;
+        EXPECT_EQ(fresh->getAllocator(), row.m_Factory) << row.m_Name;
+        EXPECT_EQ(fresh->refCount(), 0) << row.m_Name;
     }
 }
 
@@ -129,8 +130,8 @@ TEST(Allocate, DestroysWhatTheSlotHoldsEvenIfItIsCounted) {
         bool isGone = false;
         TbObject* slot = new Witness(&isGone);
         slot->addRef();
-        row.factory(&slot);
-        EXPECT_TRUE(isGone) << row.name;
+        row.m_Factory(&slot);
+        EXPECT_TRUE(isGone) << row.m_Name;
         ASSERT_NE(slot, nullptr);
         delete slot;
     }
@@ -140,15 +141,15 @@ TEST(Allocate, RaisesOutOfMemoryAndLeavesTheSlotEmpty) {
     for (ClassRow const& row : classRows()) {
         TbObject* slot = new TbString("old");
         FailingAllocation const failing(0, FailingAllocation::Mode::kAllFromThere);
-        EXPECT_EQ(thrownCode([&] { row.factory(&slot); }), KVX_E_OUT_OF_MEMORY) << row.name;
-        EXPECT_EQ(slot, nullptr) << row.name;
+        EXPECT_EQ(thrownCode([&] { row.m_Factory(&slot); }), KVX_E_OUT_OF_MEMORY) << row.m_Name;
+        EXPECT_EQ(slot, nullptr) << row.m_Name;
     }
 }
 
 TEST(New, RaisesOutOfMemoryForEveryClass) {
     for (ClassRow const& row : classRows()) {
         FailingAllocation const failing(0, FailingAllocation::Mode::kAllFromThere);
-        EXPECT_EQ(thrownCode([&] { delete row.make(); }), KVX_E_OUT_OF_MEMORY) << row.name;
+        EXPECT_EQ(thrownCode([&] { delete row.m_Make(); }), KVX_E_OUT_OF_MEMORY) << row.m_Name;
     }
 }
 
@@ -173,7 +174,7 @@ TEST(TotalRef, ReturnsToItsStartAfterAnyMixOfObjects) {
         std::vector<std::unique_ptr<TbObject>> objects;
         for (int round = 0; round < 3; ++round) {
             for (ClassRow const& row : classRows()) {
-                objects.emplace_back(row.make());
+                objects.emplace_back(row.m_Make());
             }
         }
         EXPECT_GE(TbRefCounter::m_nTotalRef, start + static_cast<std::int32_t>(objects.size()));

@@ -224,8 +224,8 @@ TEST(TbRBTree, ExtendsAPathToTheSuccessor) {
 TEST(TbRBTree, CountsHalvings) {
     long const bits = static_cast<long>(sizeof(long)) * CHAR_BIT;
     struct {
-        long number;
-        long expected;
+        long m_Number;
+        long m_Expected;
     } const rows[] = {
         {0, 0},
         {1, 0},
@@ -247,7 +247,7 @@ TEST(TbRBTree, CountsHalvings) {
         {LONG_MIN, bits - 1},
     };
     for (auto const& row : rows) {
-        EXPECT_EQ(TbRBTree::ROUND_LOG(row.number), row.expected) << row.number;
+        EXPECT_EQ(TbRBTree::ROUND_LOG(row.m_Number), row.m_Expected) << row.m_Number;
     }
 }
 
@@ -389,9 +389,9 @@ public:
 
 /// Three red nodes, 1 to 3, linked by the test.
 struct ThreeNodes {
-    TbTreeNode a{IntItem(1), nullptr, nullptr};
-    TbTreeNode b{IntItem(2), nullptr, nullptr};
-    TbTreeNode c{IntItem(3), nullptr, nullptr};
+    TbTreeNode m_A{IntItem(1), nullptr, nullptr};
+    TbTreeNode m_B{IntItem(2), nullptr, nullptr};
+    TbTreeNode m_C{IntItem(3), nullptr, nullptr};
 };
 
 TEST(Rotation, TurnsASubtreeOnceOrTwiceAndRecoloursOnDemand) {
@@ -432,9 +432,9 @@ TEST(ChangeColor, SplitsABlackNodeWithTwoRedChildrenOnly) {
     ThreeNodes nodes;
     auto top = std::make_unique<TbTreeNode>();
     EXPECT_FALSE(OpenTree::changeColor(top.get())) << "no children at all";
-    TbTreeNode red(IntItem(9), &nodes.a, &nodes.b);
+    TbTreeNode red(IntItem(9), &nodes.m_A, &nodes.m_B);
     EXPECT_FALSE(OpenTree::changeColor(&red)) << "red itself";
-    EXPECT_TRUE(nodes.a.isRed());
+    EXPECT_TRUE(nodes.m_A.isRed());
 
     // A black node with two red children comes from a tree of three.
     std::unique_ptr<TbRBTree> const tree = treeOf({2, 1, 3});

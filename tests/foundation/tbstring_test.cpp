@@ -49,9 +49,9 @@ TEST(TcsCpy, CopiesWithTheTerminator) {
 
 TEST(TcsNCpy, KeepsCopyingOneByteMoreThanItsCount) {
     struct {
-        char const* source;
-        std::uint32_t count;
-        char const* expected;  // all eight bytes
+        char const* m_Source;
+        std::uint32_t m_Count;
+        char const* m_Expected;  // all eight bytes
     } const rows[] = {
         {"abcdef", 3, "abcdxxx"}, {"abcdef", 0, "axxxxxx"},
         {"abcdef", 5, "abcdefx"}, {"ab", 5, "ab\0xxxx"},  // stops after the terminator
@@ -60,17 +60,17 @@ TEST(TcsNCpy, KeepsCopyingOneByteMoreThanItsCount) {
     };
     for (auto const& row : rows) {
         char target[8] = "xxxxxxx";
-        EXPECT_EQ(TCSNCPY(target, row.source, row.count), target);
-        EXPECT_EQ(std::memcmp(target, row.expected, 8), 0) << row.source << " / " << row.count;
+        EXPECT_EQ(TCSNCPY(target, row.m_Source, row.m_Count), target);
+        EXPECT_EQ(std::memcmp(target, row.m_Expected, 8), 0) << row.m_Source << " / " << row.m_Count;
     }
 }
 
 TEST(TcsNCmp, AnswersExactlyMinusOneZeroOrOne) {
     struct {
-        char const* left;
-        char const* right;
-        std::uint32_t count;
-        std::int32_t expected;
+        char const* m_Left;
+        char const* m_Right;
+        std::uint32_t m_Count;
+        std::int32_t m_Expected;
     } const rows[] = {
         {nullptr, nullptr, TbString::npos, 0},
         {nullptr, "", TbString::npos, -1},
@@ -100,9 +100,9 @@ TEST(TcsNCmp, AnswersExactlyMinusOneZeroOrOne) {
         {"a\0b", "a\0c", TbString::npos, 0},
     };
     for (auto const& row : rows) {
-        EXPECT_EQ(TCSNCMP(row.left, row.right, row.count), row.expected)
-            << (row.left == nullptr ? "null" : row.left) << " / " << (row.right == nullptr ? "null" : row.right)
-            << " / " << row.count;
+        EXPECT_EQ(TCSNCMP(row.m_Left, row.m_Right, row.m_Count), row.m_Expected)
+            << (row.m_Left == nullptr ? "null" : row.m_Left) << " / " << (row.m_Right == nullptr ? "null" : row.m_Right)
+            << " / " << row.m_Count;
     }
 }
 
@@ -125,11 +125,11 @@ TEST(MbsToString, TakesNullAsEmptyWithABuffer) {
 
 /// One operation on a string that starts as `start`, and what it leaves.
 struct OperationRow {
-    char const* name;
-    char const* start;  ///< Null: a string without a buffer.
-    std::function<void(TbString&)> operate;
-    std::string expected;
-    bool hasBuffer;
+    char const* m_Name;
+    char const* m_Start;  ///< Null: a string without a buffer.
+    std::function<void(TbString&)> m_Operate;
+    std::string m_Expected;
+    bool m_HasBuffer;
 };
 
 TEST(TbString, OperationsLeaveContentsAndBufferAsListed) {
@@ -183,12 +183,12 @@ TEST(TbString, OperationsLeaveContentsAndBufferAsListed) {
     };
     // clang-format on
     for (OperationRow const& row : rows) {
-        SCOPED_TRACE(row.name);
-        TbString text(row.start);
-        row.operate(text);
-        EXPECT_EQ(bytesOf(text), row.expected);
-        EXPECT_EQ(text.length(), row.expected.size());
-        EXPECT_EQ(text.buffer() != nullptr, row.hasBuffer);
+        SCOPED_TRACE(row.m_Name);
+        TbString text(row.m_Start);
+        row.m_Operate(text);
+        EXPECT_EQ(bytesOf(text), row.m_Expected);
+        EXPECT_EQ(text.length(), row.m_Expected.size());
+        EXPECT_EQ(text.buffer() != nullptr, row.m_HasBuffer);
         expectSound(text);
     }
 }
@@ -277,9 +277,9 @@ TEST(TbString, SizesEveryNewBufferToItsTextPlusTheSlack) {
 
 TEST(TbString, OrdersLengthFirst) {
     struct {
-        char const* left;
-        char const* right;
-        std::int32_t sign;
+        char const* m_Left;
+        char const* m_Right;
+        std::int32_t m_Sign;
     } const rows[] = {
         {"b", "aa", -1},     {"zz", "aaa", -1},    {"aa", "b", 1},     {"abc", "abd", -1}, {"abd", "abc", 1},
         {"abc", "abc", 0},   {"", "\x80", -1},     {"\xE9", "a", -1},  {"a", "\xE9", 1},   {"", "", 0},
@@ -287,17 +287,17 @@ TEST(TbString, OrdersLengthFirst) {
         {"\xE9z", "ab", -1}, {"\x80z", "\xFF", 1},
     };
     for (auto const& row : rows) {
-        SCOPED_TRACE(std::string(row.left == nullptr ? "null" : row.left) + " / " +
-                     (row.right == nullptr ? "null" : row.right));
-        TbString const left(row.left);
-        TbString const right(row.right);
+        SCOPED_TRACE(std::string(row.m_Left == nullptr ? "null" : row.m_Left) + " / " +
+                     (row.m_Right == nullptr ? "null" : row.m_Right));
+        TbString const left(row.m_Left);
+        TbString const right(row.m_Right);
         std::int32_t const result = left.compare(right);
-        EXPECT_EQ(result < 0 ? -1 : result > 0 ? 1 : 0, row.sign);
+        EXPECT_EQ(result < 0 ? -1 : result > 0 ? 1 : 0, row.m_Sign);
         TbFindable const& asFindable = left;
-        EXPECT_EQ(asFindable < right, row.sign < 0);
-        EXPECT_EQ(asFindable == static_cast<TbFindable const&>(right), row.sign == 0);
-        EXPECT_EQ(left == right, row.sign == 0);
-        EXPECT_EQ(left != right, row.sign != 0);
+        EXPECT_EQ(asFindable < right, row.m_Sign < 0);
+        EXPECT_EQ(asFindable == static_cast<TbFindable const&>(right), row.m_Sign == 0);
+        EXPECT_EQ(left == right, row.m_Sign == 0);
+        EXPECT_EQ(left != right, row.m_Sign != 0);
     }
 }
 
@@ -310,9 +310,9 @@ TEST(TbString, ComparesByTheDifferenceOfTheLengths) {
 TEST(TbString, KeepsComparingWithATextByLetters) {
     // The asymmetry is wanted: against a C string no length counts.
     struct {
-        char const* text;
-        char const* other;
-        std::int32_t expected;
+        char const* m_Text;
+        char const* m_Other;
+        std::int32_t m_Expected;
     } const rows[] = {
         {"b", "aa", 1},  // length first it would be less
         {"aa", "b", -1},   {"abc", "abc", 0},     {"abc", "abd", -1},
@@ -322,12 +322,12 @@ TEST(TbString, KeepsComparingWithATextByLetters) {
         {"", "abcd", -1},  {"\xE9", "a", -1},
     };
     for (auto const& row : rows) {
-        SCOPED_TRACE(std::string(row.text == nullptr ? "null" : row.text) + " / " +
-                     (row.other == nullptr ? "null" : row.other));
-        TbString const text(row.text);
-        EXPECT_EQ(text.compare(row.other), row.expected);
-        EXPECT_EQ(text == row.other, row.expected == 0);
-        EXPECT_EQ(text != row.other, row.expected != 0);
+        SCOPED_TRACE(std::string(row.m_Text == nullptr ? "null" : row.m_Text) + " / " +
+                     (row.m_Other == nullptr ? "null" : row.m_Other));
+        TbString const text(row.m_Text);
+        EXPECT_EQ(text.compare(row.m_Other), row.m_Expected);
+        EXPECT_EQ(text == row.m_Other, row.m_Expected == 0);
+        EXPECT_EQ(text != row.m_Other, row.m_Expected != 0);
     }
 }
 
@@ -377,10 +377,10 @@ TEST(TbString, NposHasAllBitsSet) {
 
 TEST(TbString, FindsTexts) {
     struct {
-        char const* text;
-        char const* what;
-        std::uint32_t from;
-        std::uint32_t expected;
+        char const* m_Text;
+        char const* m_What;
+        std::uint32_t m_From;
+        std::uint32_t m_Expected;
     } const rows[] = {
         {"abcabc", "bc", 0, 1},
         {"abcabc", "bc", 2, 4},
@@ -396,8 +396,8 @@ TEST(TbString, FindsTexts) {
         {"abc", "c", TbString::npos, TbString::npos},
     };
     for (auto const& row : rows) {
-        EXPECT_EQ(TbString(row.text).find(row.what, row.from), row.expected)
-            << (row.text == nullptr ? "null" : row.text) << " / " << (row.what == nullptr ? "null" : row.what);
+        EXPECT_EQ(TbString(row.m_Text).find(row.m_What, row.m_From), row.m_Expected)
+            << (row.m_Text == nullptr ? "null" : row.m_Text) << " / " << (row.m_What == nullptr ? "null" : row.m_What);
     }
     EXPECT_EQ(stringOf(std::string("a\0bc", 4)).find("c"), 3U) << "zero bytes are bytes like others";
 }

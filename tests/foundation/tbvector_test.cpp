@@ -363,20 +363,20 @@ TEST(TbStack, ShowsItsTopAndRefusesToWhenEmpty) {
 struct Numbers {
     explicit Numbers(std::vector<int> const& numbers) {
         for (int const number : numbers) {
-            items.push_back(std::make_unique<IntItem>(number));
-            vector.push_back(items.back().get());
+            m_Items.push_back(std::make_unique<IntItem>(number));
+            m_Vector.push_back(m_Items.back().get());
         }
     }
-    std::vector<std::unique_ptr<IntItem>> items;
-    TbFindableVector vector;
+    std::vector<std::unique_ptr<IntItem>> m_Items;
+    TbFindableVector m_Vector;
 };
 
 TEST(TbFindableVector, KeepsAnOrderOfFirstElementsAndCounts) {
     struct {
-        std::vector<int> left;
-        std::vector<int> right;
-        bool isLess;
-        bool isEqual;
+        std::vector<int> m_Left;
+        std::vector<int> m_Right;
+        bool m_IsLess;
+        bool m_IsEqual;
     } const rows[] =
         {
             {{}, {}, false, false},  // an empty one is unequal to another empty one
@@ -389,21 +389,21 @@ TEST(TbFindableVector, KeepsAnOrderOfFirstElementsAndCounts) {
             {{1, 9}, {1, 0}, false, true},
         };
     for (auto const& row : rows) {
-        Numbers const left(row.left);
-        Numbers const right(row.right);
-        TbFindable const& asFindable = left.vector;
+        Numbers const left(row.m_Left);
+        Numbers const right(row.m_Right);
+        TbFindable const& asFindable = left.m_Vector;
         SCOPED_TRACE("row " + std::to_string(&row - rows));
-        EXPECT_EQ(asFindable < right.vector, row.isLess);
-        EXPECT_EQ(asFindable == right.vector, row.isEqual);
+        EXPECT_EQ(asFindable < right.m_Vector, row.m_IsLess);
+        EXPECT_EQ(asFindable == right.m_Vector, row.m_IsEqual);
     }
 }
 
 TEST(TbFindableVector, KeepsComparingWithABareElementByItsFirst) {
     Numbers const vector({3, 7});
-    EXPECT_TRUE(vector.vector == IntItem(3));
-    EXPECT_FALSE(vector.vector == IntItem(7));
-    EXPECT_TRUE(vector.vector < IntItem(4));
-    EXPECT_FALSE(vector.vector < IntItem(3));
+    EXPECT_TRUE(vector.m_Vector == IntItem(3));
+    EXPECT_FALSE(vector.m_Vector == IntItem(7));
+    EXPECT_TRUE(vector.m_Vector < IntItem(4));
+    EXPECT_FALSE(vector.m_Vector < IntItem(3));
     TbFindableVector const empty;
     EXPECT_TRUE(empty < IntItem(0));
     EXPECT_FALSE(empty == IntItem(0));

@@ -146,9 +146,9 @@ TEST(Attempt, KeepsTheCoresCodeWithoutMemoryForItsText) {
 
 TEST(Attempt, GivesEveryOtherExceptionACode) {
     struct Row {
-        std::function<void()> call;
-        std::int32_t code;
-        char const* reason;
+        std::function<void()> m_Call;
+        std::int32_t m_Code;
+        char const* m_Reason;
     };
     for (Row const& row : {
              Row{[] { throw TBFC_Exception(KVX_E_OUT_OF_MEMORY); }, KVX_E_OUT_OF_MEMORY, "out of memory"},
@@ -159,11 +159,11 @@ TEST(Attempt, GivesEveryOtherExceptionACode) {
              Row{[] { throw std::length_error("x"); }, KVX_E_UNEXPECTED, "unexpected error"},
              Row{[] { throw 7; }, KVX_E_UNEXPECTED, "unexpected error"},
          }) {
-        KvxOutcome const outcome = outcomeOf(row.call);
+        KvxOutcome const outcome = outcomeOf(row.m_Call);
         EXPECT_FALSE(outcome.m_Succeeded);
         EXPECT_FALSE(outcome.m_Pending);
-        EXPECT_EQ(outcome.m_Code, row.code);
-        EXPECT_EQ(reasonOf(outcome), row.reason);
+        EXPECT_EQ(outcome.m_Code, row.m_Code);
+        EXPECT_EQ(reasonOf(outcome), row.m_Reason);
     }
 }
 

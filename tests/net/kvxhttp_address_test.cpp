@@ -102,18 +102,18 @@ TEST(HttpHostByName, TracesWhatItFound) {
     EXPECT_EQ(HttpHostByName("gateway"), inet_addr("10.0.0.7"));
     ASSERT_EQ(trace.records().size(), 1U);
     TraceRecorder::Record const& record = trace.records().front();
-    EXPECT_EQ(record.event, "DNS LOOKUP");
-    EXPECT_EQ(record.detail, "gateway -> 10.0.0.7");
-    EXPECT_EQ(record.code, 0);
-    EXPECT_EQ(record.file, "kvxhttp");
-    EXPECT_EQ(record.line, 347);
+    EXPECT_EQ(record.m_Event, "DNS LOOKUP");
+    EXPECT_EQ(record.m_Detail, "gateway -> 10.0.0.7");
+    EXPECT_EQ(record.m_Code, 0);
+    EXPECT_EQ(record.m_File, "kvxhttp");
+    EXPECT_EQ(record.m_Line, 347);
 }
 
 TEST(HttpHostByName, PrintsTheBytesOfAnAddressUnsigned) {
     ScriptedResolver const resolver(Answer::kAddress, "255.128.0.200");
     TraceRecorder const trace;
     EXPECT_EQ(HttpHostByName("gateway"), inet_addr("255.128.0.200"));
-    EXPECT_EQ(trace.of("DNS LOOKUP").at(0).detail, "gateway -> 255.128.0.200");
+    EXPECT_EQ(trace.of("DNS LOOKUP").at(0).m_Detail, "gateway -> 255.128.0.200");
 }
 
 TEST(HttpHostByName, TracesANameWithoutAnAddress) {
@@ -122,11 +122,11 @@ TEST(HttpHostByName, TracesANameWithoutAnAddress) {
     EXPECT_EQ(HttpHostByName("gateway"), 0xFFFFFFFFU);
     ASSERT_EQ(trace.records().size(), 1U);
     TraceRecorder::Record const& record = trace.records().front();
-    EXPECT_EQ(record.event, "DNS LOOKUP");
-    EXPECT_EQ(record.detail, "failed to lookup host");
-    EXPECT_EQ(static_cast<std::uint32_t>(record.code), 0x80042021U);
-    EXPECT_EQ(record.file, "kvxhttp");
-    EXPECT_EQ(record.line, 338);
+    EXPECT_EQ(record.m_Event, "DNS LOOKUP");
+    EXPECT_EQ(record.m_Detail, "failed to lookup host");
+    EXPECT_EQ(static_cast<std::uint32_t>(record.m_Code), 0x80042021U);
+    EXPECT_EQ(record.m_File, "kvxhttp");
+    EXPECT_EQ(record.m_Line, 338);
 }
 
 TEST(HttpHostByName, KeepsSilentAboutANameThatNobodyKnows) {

@@ -79,10 +79,10 @@ TEST(SocketFaults, ReportsThemThroughTheSession) {
         return -1;
     };
     Thrown const plain = thrown([] { fetch("http://127.0.0.1:1/x"); });
-    EXPECT_EQ(bits(plain.code), 0x80043009U);
-    EXPECT_EQ(plain.text, "ErrorCode = 0x80043009 (failed to connect to host)");
+    EXPECT_EQ(bits(plain.m_Code), 0x80043009U);
+    EXPECT_EQ(plain.m_Text, "ErrorCode = 0x80043009 (failed to connect to host)");
     Thrown const secure = thrown([] { fetch("https://127.0.0.1:1/x"); });
-    EXPECT_EQ(bits(secure.code), 0x80043000U);
+    EXPECT_EQ(bits(secure.m_Code), 0x80043000U);
 }
 
 TEST(ConnectFaults, AsksForAStreamSocketAndPassesSixteenBytes) {
@@ -137,8 +137,8 @@ TEST(ConnectFaults, ReportsTheFiveThatHaveTexts) {
         for (char const* const url : {"http://127.0.0.1:1/x", "https://127.0.0.1:1/x"}) {
             g_Errno = row.m_Errno;
             Thrown const failure = thrown([url] { fetch(url); });
-            EXPECT_EQ(bits(failure.code), row.m_Code);
-            EXPECT_EQ(failure.text, row.m_Text);
+            EXPECT_EQ(bits(failure.m_Code), row.m_Code);
+            EXPECT_EQ(failure.m_Text, row.m_Text);
         }
     }
 }
@@ -158,7 +158,7 @@ TEST(ConnectFaults, ReportsHowAnInterruptedConnectEnds) {
     system->connect = &interruptedConnect;
     for (char const* const scheme : {"http", "https"}) {
         Thrown const failure = thrown([&] { fetch(std::string(scheme) + "://127.0.0.1:" + nobody.text() + "/x"); });
-        EXPECT_EQ(bits(failure.code), 0x8004303DU);
+        EXPECT_EQ(bits(failure.m_Code), 0x8004303DU);
     }
 }
 
@@ -197,8 +197,8 @@ TEST(SendFaults, ReportsEveryErrorByItsPublishedNumber) {
     for (auto const& row : cases) {
         g_Errno = row.m_Errno;
         Thrown const failure = thrown([&] { fetch(plainUrl(server, "/")); });
-        EXPECT_EQ(bits(failure.code), 0x80043000U | row.m_Bsd) << std::strerror(row.m_Errno);
-        EXPECT_NE(failure.text.find(" (failed to write to host)"), std::string::npos) << failure.text;
+        EXPECT_EQ(bits(failure.m_Code), 0x80043000U | row.m_Bsd) << std::strerror(row.m_Errno);
+        EXPECT_NE(failure.m_Text.find(" (failed to write to host)"), std::string::npos) << failure.m_Text;
     }
 }
 
@@ -216,8 +216,8 @@ TEST(SendFaults, ReportsThemFromAProxy) {
         TbStringStream out;
         HttpSession(request, out);
     });
-    EXPECT_EQ(bits(failure.code), 0x80043035U);
-    EXPECT_EQ(failure.text, "connection aborted");
+    EXPECT_EQ(bits(failure.m_Code), 0x80043035U);
+    EXPECT_EQ(failure.m_Text, "connection aborted");
 }
 
 TEST(SendFaults, SendsAgainAfterASignal) {
@@ -278,8 +278,8 @@ TEST(ReceiveFaults, AreReported) {
         return -1;
     };
     Thrown const failure = thrown([&] { fetch(plainUrl(server, "/")); });
-    EXPECT_EQ(bits(failure.code), 0x8004303CU);
-    EXPECT_EQ(failure.text, "connection timeout (failed to receive from host)");
+    EXPECT_EQ(bits(failure.m_Code), 0x8004303CU);
+    EXPECT_EQ(failure.m_Text, "connection timeout (failed to receive from host)");
 }
 
 TEST(ShutdownFaults, ChangeNothing) {

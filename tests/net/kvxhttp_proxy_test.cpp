@@ -100,13 +100,13 @@ TEST(Proxy, IsTracedForPlainUrls) {
     TraceRecorder const trace;
     EXPECT_EQ(fetchThrough(proxy, "http://shop.example/x"), "body");
     ASSERT_EQ(trace.records().size(), 2U);
-    EXPECT_EQ(trace.records().at(0).event, "URL OPEN");
-    EXPECT_EQ(trace.records().at(0).detail, "http://shop.example:80");
+    EXPECT_EQ(trace.records().at(0).m_Event, "URL OPEN");
+    EXPECT_EQ(trace.records().at(0).m_Detail, "http://shop.example:80");
     TraceRecorder::Record const& record = trace.records().at(1);
-    EXPECT_EQ(record.event, "USE PROXY");
-    EXPECT_EQ(record.detail, "127.0.0.1:" + proxy.portText());
-    EXPECT_EQ(record.code, 0);
-    EXPECT_EQ(record.file, "kvxhttp");
+    EXPECT_EQ(record.m_Event, "USE PROXY");
+    EXPECT_EQ(record.m_Detail, "127.0.0.1:" + proxy.portText());
+    EXPECT_EQ(record.m_Code, 0);
+    EXPECT_EQ(record.m_File, "kvxhttp");
 }
 
 TEST(Proxy, IsTracedForSecureUrls) {
@@ -117,14 +117,14 @@ TEST(Proxy, IsTracedForSecureUrls) {
     TraceRecorder const trace;
     EXPECT_EQ(fetchThrough(proxy, "https://shop.example/x"), "body");
     ASSERT_EQ(trace.records().size(), 4U);
-    EXPECT_EQ(trace.records().at(1).event, "USE PROXY");
+    EXPECT_EQ(trace.records().at(1).m_Event, "USE PROXY");
     TraceRecorder::Record const& record = trace.records().at(2);
-    EXPECT_EQ(record.event, "HTTP CONNECT");
-    EXPECT_EQ(record.detail, "");
-    EXPECT_EQ(record.code, 0);
-    EXPECT_EQ(record.file, "kvxhttp");
-    EXPECT_EQ(record.line, 719);
-    EXPECT_EQ(trace.records().at(3).event, "USE SSL");
+    EXPECT_EQ(record.m_Event, "HTTP CONNECT");
+    EXPECT_EQ(record.m_Detail, "");
+    EXPECT_EQ(record.m_Code, 0);
+    EXPECT_EQ(record.m_File, "kvxhttp");
+    EXPECT_EQ(record.m_Line, 719);
+    EXPECT_EQ(trace.records().at(3).m_Event, "USE SSL");
 }
 
 TEST(Proxy, IsResolvedInsteadOfTheHost) {
@@ -146,8 +146,8 @@ TEST(Proxy, ReportsThatItCannotBeResolved) {
         TbStringStream out;
         HttpSession(request, out);
     });
-    EXPECT_EQ(bits(failure.code), 0x80042021U);
-    EXPECT_EQ(failure.text, "DNS lookup failed (the proxy address is invalid or could not be resolved)");
+    EXPECT_EQ(bits(failure.m_Code), 0x80042021U);
+    EXPECT_EQ(failure.m_Text, "DNS lookup failed (the proxy address is invalid or could not be resolved)");
     EXPECT_TRUE(trace.of("USE PROXY").empty());
 }
 
@@ -160,8 +160,8 @@ TEST(Proxy, ReportsSchemesThatItDoesNotKnow) {
         TbStringStream out;
         HttpSession(request, out);
     });
-    EXPECT_EQ(bits(failure.code), 0x80042020U);
-    EXPECT_EQ(failure.text, "ErrorCode = 0x80042020 (the protocol type of the URL is unknown)");
+    EXPECT_EQ(bits(failure.m_Code), 0x80042020U);
+    EXPECT_EQ(failure.m_Text, "ErrorCode = 0x80042020 (the protocol type of the URL is unknown)");
 }
 
 TEST(Proxy, ReportsARefusedConnection) {
@@ -173,8 +173,8 @@ TEST(Proxy, ReportsARefusedConnection) {
         TbStringStream out;
         HttpSession(request, out);
     });
-    EXPECT_EQ(bits(failure.code), 0x8004303DU);
-    EXPECT_EQ(failure.text, "connection refused (failed to connect to host)");
+    EXPECT_EQ(bits(failure.m_Code), 0x8004303DU);
+    EXPECT_EQ(failure.m_Text, "connection refused (failed to connect to host)");
 }
 
 TEST(ProxyConnect, RefusesATableOfReplies) {
@@ -204,9 +204,9 @@ TEST(ProxyConnect, RefusesATableOfReplies) {
         CapturedOutput printed(CapturedOutput::Stream::kError);
         Thrown const failure = thrown([&] { fetchThrough(proxy, "https://shop.example/x"); });
         EXPECT_EQ(printed.text(), "Proxy response:\n" + row.m_Reply + "\n");
-        EXPECT_EQ(bits(failure.code), row.m_Code) << row.m_Reply;
-        EXPECT_EQ(failure.text.find('('), std::string::npos) << failure.text;
-        EXPECT_EQ(failure.file, "kvxhttp");
+        EXPECT_EQ(bits(failure.m_Code), row.m_Code) << row.m_Reply;
+        EXPECT_EQ(failure.m_Text.find('('), std::string::npos) << failure.m_Text;
+        EXPECT_EQ(failure.m_File, "kvxhttp");
     }
 }
 
@@ -243,8 +243,8 @@ TEST(ProxyConnect, ReportsAResetInsteadOfAReply) {
         peer.reset();
     });
     Thrown const failure = thrown([&] { fetchThrough(proxy, "https://shop.example/x"); });
-    EXPECT_EQ(bits(failure.code), 0x80043036U);
-    EXPECT_EQ(failure.text, "connection reset");
+    EXPECT_EQ(bits(failure.m_Code), 0x80043036U);
+    EXPECT_EQ(failure.m_Text, "connection reset");
 }
 
 TEST(ProxyConnect, ReportsAHandshakeThatFailsInsideTheTunnel) {
@@ -259,8 +259,8 @@ TEST(ProxyConnect, ReportsAHandshakeThatFailsInsideTheTunnel) {
     CapturedOutput printed;
     Thrown const failure = thrown([&] { fetchThrough(proxy, "https://shop.example/x"); });
     EXPECT_EQ(printed.text(), "SSL ERROR: connect failed\n");
-    EXPECT_EQ(bits(failure.code) & 0xFFFFF000U, 0x80044000U);
-    EXPECT_NE(failure.text.find(" (failed to setup protocol)"), std::string::npos);
+    EXPECT_EQ(bits(failure.m_Code) & 0xFFFFF000U, 0x80044000U);
+    EXPECT_NE(failure.m_Text.find(" (failed to setup protocol)"), std::string::npos);
 }
 
 TEST(ProxyConnect, SurvivesFailingAllocations) {

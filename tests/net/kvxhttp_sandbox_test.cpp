@@ -67,8 +67,8 @@ protected:
 private:
     static sandbox::Options options(std::string const& directory, bool tls) {
         sandbox::Options options;
-        options.dataDirectory = directory;
-        options.tls = tls;
+        options.m_DataDirectory = directory;
+        options.m_Tls = tls;
         return options;
     }
 
@@ -105,10 +105,10 @@ TEST_F(FaultySession, ReportsEveryStatusOfTheServer) {
     for (auto const& row : cases) {
         arm("http-status,exchange=keyquery,status=" + std::to_string(row.m_Status));
         Thrown const failure = thrown([&] { fetch(url("http")); });
-        EXPECT_EQ(bits(failure.code), row.m_Code);
-        EXPECT_EQ(failure.text, row.m_Text);
-        EXPECT_EQ(failure.file, "kvxhttp");
-        EXPECT_EQ(failure.line, 855);
+        EXPECT_EQ(bits(failure.m_Code), row.m_Code);
+        EXPECT_EQ(failure.m_Text, row.m_Text);
+        EXPECT_EQ(failure.m_File, "kvxhttp");
+        EXPECT_EQ(failure.m_Line, 855);
     }
 }
 
@@ -123,23 +123,23 @@ TEST_F(FaultySecureSession, ReportsARefusedConnection) {
     arm("refuse");
     for (char const* const scheme : {"http", "https"}) {
         Thrown const failure = thrown([&] { fetch(url(scheme)); });
-        EXPECT_EQ(bits(failure.code), 0x8004303DU);
-        EXPECT_EQ(failure.text, "connection refused (failed to connect to host)");
+        EXPECT_EQ(bits(failure.m_Code), 0x8004303DU);
+        EXPECT_EQ(failure.m_Text, "connection refused (failed to connect to host)");
     }
 }
 
 TEST_F(FaultySecureSession, MeetsACleanlyRefusedHandshakeWhenItWrites) {
     arm("tls-abort");
     Thrown const failure = thrown([&] { fetch(url("https")); });
-    EXPECT_EQ(bits(failure.code) & 0xFFFFF000U, 0x80044000U);
-    EXPECT_NE(failure.text.find(" (failed to write to host)"), std::string::npos) << failure.text;
+    EXPECT_EQ(bits(failure.m_Code) & 0xFFFFF000U, 0x80044000U);
+    EXPECT_NE(failure.m_Text.find(" (failed to write to host)"), std::string::npos) << failure.m_Text;
 }
 
 TEST_F(FaultySession, ReportsAnEmptyAnswer) {
     arm("drop,exchange=keyquery");
     Thrown const failure = thrown([&] { fetch(url("http")); });
-    EXPECT_EQ(bits(failure.code), 0x80042022U);
-    EXPECT_EQ(failure.text, "ErrorCode = 0x80042022");
+    EXPECT_EQ(bits(failure.m_Code), 0x80042022U);
+    EXPECT_EQ(failure.m_Text, "ErrorCode = 0x80042022");
 }
 
 TEST_F(FaultySession, ReceivesAHugeAnswerInLinearTime) {

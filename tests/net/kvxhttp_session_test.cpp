@@ -87,11 +87,11 @@ TEST(HttpSession, TracesItsStart) {
     fetch(plainUrl(server, "/x"));
     ASSERT_EQ(trace.records().size(), 1U);
     TraceRecorder::Record const& record = trace.records().front();
-    EXPECT_EQ(record.event, "URL OPEN");
-    EXPECT_EQ(record.detail, "http://127.0.0.1:" + server.portText());
-    EXPECT_EQ(record.code, 0);
-    EXPECT_EQ(record.file, "kvxhttp");
-    EXPECT_EQ(record.line, 885);
+    EXPECT_EQ(record.m_Event, "URL OPEN");
+    EXPECT_EQ(record.m_Detail, "http://127.0.0.1:" + server.portText());
+    EXPECT_EQ(record.m_Code, 0);
+    EXPECT_EQ(record.m_File, "kvxhttp");
+    EXPECT_EQ(record.m_Line, 885);
 }
 
 TEST(HttpSession, TracesItsStartBeforeAnythingFails) {
@@ -99,9 +99,9 @@ TEST(HttpSession, TracesItsStartBeforeAnythingFails) {
     TraceRecorder const trace;
     EXPECT_EQ(bits(thrownCode([] { fetch("http://gateway/x"); })), 0x80042021U);
     ASSERT_EQ(trace.records().size(), 2U);
-    EXPECT_EQ(trace.records().at(0).event, "URL OPEN");
-    EXPECT_EQ(trace.records().at(0).detail, "http://gateway:80");
-    EXPECT_EQ(trace.records().at(1).event, "EXCEPTION");
+    EXPECT_EQ(trace.records().at(0).m_Event, "URL OPEN");
+    EXPECT_EQ(trace.records().at(0).m_Detail, "http://gateway:80");
+    EXPECT_EQ(trace.records().at(1).m_Event, "EXCEPTION");
 }
 
 TEST(HttpSession, TracesNameLookUpAndTlsInOrder) {
@@ -110,9 +110,9 @@ TEST(HttpSession, TracesNameLookUpAndTlsInOrder) {
     TraceRecorder const trace;
     fetch("https://gateway:" + server.portText() + "/x");
     ASSERT_EQ(trace.records().size(), 3U);
-    EXPECT_EQ(trace.records().at(0).event, "URL OPEN");
-    EXPECT_EQ(trace.records().at(1).event, "DNS LOOKUP");
-    EXPECT_EQ(trace.records().at(2).event, "USE SSL");
+    EXPECT_EQ(trace.records().at(0).m_Event, "URL OPEN");
+    EXPECT_EQ(trace.records().at(1).m_Event, "DNS LOOKUP");
+    EXPECT_EQ(trace.records().at(2).m_Event, "USE SSL");
 }
 
 TEST(HttpSession, ReceivesAnswersHoweverTheyArrive) {
@@ -143,16 +143,16 @@ TEST(HttpSession, ReceivesAnswersHoweverTheyArrive) {
 TEST(HttpSession, KeepsRedirectsUnfollowed) {
     RawServer const server("HTTP/1.0 302 Found\r\nLocation: /elsewhere\r\n\r\nbody");
     Thrown const failure = thrown([&] { fetch(plainUrl(server, "/")); });
-    EXPECT_EQ(bits(failure.code), 0x8004212EU);
-    EXPECT_EQ(failure.text, "ErrorCode = 0x8004212e");
+    EXPECT_EQ(bits(failure.m_Code), 0x8004212EU);
+    EXPECT_EQ(failure.m_Text, "ErrorCode = 0x8004212e");
 }
 
 TEST(HttpSession, ReportsHostsThatCannotBeResolved) {
     ScriptedResolver const resolver(ScriptedResolver::Answer::kUnknown);
     Thrown const failure = thrown([] { fetch("http://gateway/x"); });
-    EXPECT_EQ(bits(failure.code), 0x80042021U);
-    EXPECT_EQ(failure.text, "DNS lookup failed (the host address is invalid or could not be resolved)");
-    EXPECT_EQ(failure.file, "kvxhttp");
+    EXPECT_EQ(bits(failure.m_Code), 0x80042021U);
+    EXPECT_EQ(failure.m_Text, "DNS lookup failed (the host address is invalid or could not be resolved)");
+    EXPECT_EQ(failure.m_File, "kvxhttp");
 }
 
 TEST(HttpSession, KeepsNeedingASlashBehindTheHost) {
@@ -165,8 +165,8 @@ TEST(HttpSession, KeepsNeedingASlashBehindTheHost) {
 TEST(HttpSession, ReportsSchemesThatItDoesNotKnow) {
     for (char const* const url : {"httpsx://127.0.0.1/x", "HTTP://127.0.0.1/x", "ftp://127.0.0.1/x"}) {
         Thrown const failure = thrown([url] { fetch(url); });
-        EXPECT_EQ(bits(failure.code), 0x80042020U) << url;
-        EXPECT_EQ(failure.text, "ErrorCode = 0x80042020 (the protocol type of the URL is unknown)") << url;
+        EXPECT_EQ(bits(failure.m_Code), 0x80042020U) << url;
+        EXPECT_EQ(failure.m_Text, "ErrorCode = 0x80042020 (the protocol type of the URL is unknown)") << url;
     }
 }
 
@@ -185,8 +185,8 @@ TEST(HttpSession, ReportsAHandshakeThatFails) {
     Thrown const failure = thrown([&] { fetch(secureUrl(server, "/")); });
     EXPECT_EQ(printed.text(), "SSL ERROR: connect failed\n");
     std::uint32_t const code = 0x80044000U | SSL_R_WRONG_VERSION_NUMBER;
-    EXPECT_EQ(bits(failure.code), code);
-    EXPECT_EQ(failure.text, "ErrorCode = 0x8004410b (failed to setup protocol)");
+    EXPECT_EQ(bits(failure.m_Code), code);
+    EXPECT_EQ(failure.m_Text, "ErrorCode = 0x8004410b (failed to setup protocol)");
 }
 
 TEST(HttpSession, ReportsAResetWhileReceiving) {
@@ -196,8 +196,8 @@ TEST(HttpSession, ReportsAResetWhileReceiving) {
         peer.reset();
     });
     Thrown const failure = thrown([&] { fetch(plainUrl(server, "/")); });
-    EXPECT_EQ(bits(failure.code), 0x80043036U);
-    EXPECT_EQ(failure.text, "connection reset (failed to receive from host)");
+    EXPECT_EQ(bits(failure.m_Code), 0x80043036U);
+    EXPECT_EQ(failure.m_Text, "connection reset (failed to receive from host)");
 }
 
 TEST(HttpSession, RunsInSeveralThreadsAtOnce) {
@@ -270,14 +270,14 @@ TEST(KVX_HttpSession, RefusesStepsOutOfOrder) {
             session.m_Response.put(kAnswer);
             Thrown const failure = thrown([&] { step.m_Call(session); });
             if (state == step.m_Required) {
-                EXPECT_EQ(failure.code, 0) << failure.text;
+                EXPECT_EQ(failure.m_Code, 0) << failure.m_Text;
                 EXPECT_EQ(session.m_State, state == 4 ? 4 : state + 1);
                 continue;
             }
-            EXPECT_EQ(bits(failure.code), 0x80042023U);
-            EXPECT_EQ(failure.text,
+            EXPECT_EQ(bits(failure.m_Code), 0x80042023U);
+            EXPECT_EQ(failure.m_Text,
                       std::string("ErrorCode = 0x80042023 (invalid session state during ") + step.m_Name + ")");
-            EXPECT_EQ(failure.file, "kvxhttp");
+            EXPECT_EQ(failure.m_File, "kvxhttp");
             EXPECT_EQ(session.m_State, state);
         }
     }
@@ -313,8 +313,8 @@ TEST(KVX_HttpSession, ReportsWhatItCannotSend) {
         connection->m_WriteResult = result;
         session.enter(2, connection);
         Thrown const failure = thrown([&] { session.SendRequest(); });
-        EXPECT_EQ(bits(failure.code), 0x80043036U);
-        EXPECT_EQ(failure.text, "connection reset (failed to write to host)");
+        EXPECT_EQ(bits(failure.m_Code), 0x80043036U);
+        EXPECT_EQ(failure.m_Text, "connection reset (failed to write to host)");
         EXPECT_EQ(session.m_State, 2);
     }
 }
@@ -337,8 +337,8 @@ TEST(KVX_HttpSession, ReportsWhatItCannotReceive) {
     connection->m_AfterLast = -1;
     session.enter(3, connection);
     Thrown const failure = thrown([&] { session.ReceiveResponse(); });
-    EXPECT_EQ(bits(failure.code), 0x80043036U);
-    EXPECT_EQ(failure.text, "connection reset (failed to receive from host)");
+    EXPECT_EQ(bits(failure.m_Code), 0x80043036U);
+    EXPECT_EQ(failure.m_Text, "connection reset (failed to receive from host)");
     EXPECT_EQ(session.m_State, 3);
 }
 

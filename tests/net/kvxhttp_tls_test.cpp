@@ -86,11 +86,11 @@ TEST(SslConnection, TracesItsUse) {
     connectSecurely(server, connection);
     ASSERT_EQ(trace.records().size(), 1U);
     TraceRecorder::Record const& record = trace.records().front();
-    EXPECT_EQ(record.event, "USE SSL");
-    EXPECT_EQ(record.detail, "");
-    EXPECT_EQ(record.code, 0);
-    EXPECT_EQ(record.file, "kvxhttp");
-    EXPECT_EQ(record.line, 419);
+    EXPECT_EQ(record.m_Event, "USE SSL");
+    EXPECT_EQ(record.m_Detail, "");
+    EXPECT_EQ(record.m_Code, 0);
+    EXPECT_EQ(record.m_File, "kvxhttp");
+    EXPECT_EQ(record.m_Line, 419);
     endConnection(connection);
 }
 

@@ -73,9 +73,9 @@ TEST_F(StreamFromURL, ReportsFilesThatCannotBeOpened) {
     for (std::string const& path : {m_Directory.file("missing"), m_Directory.path(), std::string("ftp://host/x"),
                                     std::string("HTTP://host/x"), std::string()}) {
         Thrown const failure = thrown([&] { read(path); });
-        EXPECT_EQ(bits(failure.code), 0x80040219U) << path;
-        EXPECT_EQ(failure.text, "ErrorCode = 0x80040219") << path;
-        EXPECT_EQ(failure.file, "kvxurl") << path;
+        EXPECT_EQ(bits(failure.m_Code), 0x80040219U) << path;
+        EXPECT_EQ(failure.m_Text, "ErrorCode = 0x80040219") << path;
+        EXPECT_EQ(failure.m_File, "kvxurl") << path;
     }
 }
 
@@ -95,9 +95,9 @@ TEST_F(StreamFromURL, FetchesUrlsWithoutSettings) {
 TEST_F(StreamFromURL, ReportsUrlsThatCannotBeSplit) {
     for (char const* const url : {"http:x", "http:/host/x", "https-shop/config.xml", "https shop"}) {
         Thrown const failure = thrown([&] { read(url); });
-        EXPECT_EQ(bits(failure.code), 0x80042019U) << url;
-        EXPECT_EQ(failure.text, "ErrorCode = 0x80042019") << url;
-        EXPECT_EQ(failure.file, "kvxurl") << url;
+        EXPECT_EQ(bits(failure.m_Code), 0x80042019U) << url;
+        EXPECT_EQ(failure.m_Text, "ErrorCode = 0x80042019") << url;
+        EXPECT_EQ(failure.m_File, "kvxurl") << url;
     }
 }
 
@@ -132,7 +132,7 @@ TEST_F(StreamFromURL, ContactsAProxyWithoutAPortOn8080) {
     TraceRecorder const trace;
     EXPECT_EQ(bits(thrownCode([&] { read("http://shop.example/x"); })), 0x8004303DU);
     EXPECT_EQ(s_Port, 8080);
-    EXPECT_EQ(trace.of("USE PROXY").at(0).detail, "127.0.0.1:8080");
+    EXPECT_EQ(trace.of("USE PROXY").at(0).m_Detail, "127.0.0.1:8080");
 }
 
 TEST_F(StreamFromURL, UsesNoProxyUnlessSwitchedOn) {
@@ -180,8 +180,8 @@ TEST_F(StreamFromURL, ReadsTheSettingsAnewEveryTime) {
 TEST_F(StreamFromURL, ReportsTheStatusOfTheServer) {
     RawServer const server("HTTP/1.0 404 Not Found\r\n\r\n");
     Thrown const failure = thrown([&] { read(plainUrl(server, "/x")); });
-    EXPECT_EQ(bits(failure.code), 0x80042194U);
-    EXPECT_EQ(failure.line, 855);
+    EXPECT_EQ(bits(failure.m_Code), 0x80042194U);
+    EXPECT_EQ(failure.m_Line, 855);
 }
 
 TEST_F(StreamFromURL, KeepsReadingCredentialsThatCannotBeSplit) {

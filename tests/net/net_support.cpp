@@ -30,7 +30,7 @@ class DescriptorEnvironment : public testing::Environment {
 };
 
 // The framework owns and deletes both.
-[[maybe_unused]] testing::Environment* const g_Environment =
+[[maybe_unused]] testing::Environment* const kGEnvironment =
     testing::AddGlobalTestEnvironment(new DescriptorEnvironment);
 
 }  // namespace

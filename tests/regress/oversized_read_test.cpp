@@ -26,11 +26,11 @@ TEST(RawQueryValue, TakesAnyRoomAsAnUpperBound) {
 }
 
 TEST(RawQueryValue, TakesAnyRoomForABufferAtTheEndOfAllAddresses) {
-    constexpr std::uintptr_t page = 4096;
+    constexpr std::uintptr_t kPage = 4096;
     std::uintptr_t const end = sizeof(void*) == 8 ? std::uintptr_t{1} << 47 : std::uintptr_t{0xFFFFE000U};
     void* last = MAP_FAILED;
-    for (std::uintptr_t address = end - page; last == MAP_FAILED && address > end - 65536 * page; address -= page) {
-        last = ::mmap(reinterpret_cast<void*>(address), page, PROT_READ | PROT_WRITE,
+    for (std::uintptr_t address = end - kPage; last == MAP_FAILED && address > end - 65536 * kPage; address -= kPage) {
+        last = ::mmap(reinterpret_cast<void*>(address), kPage, PROT_READ | PROT_WRITE,
                       MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
     }
     ASSERT_NE(last, MAP_FAILED);
@@ -44,7 +44,7 @@ TEST(RawQueryValue, TakesAnyRoomForABufferAtTheEndOfAllAddresses) {
         EXPECT_EQ(size, 3U);
         EXPECT_EQ(std::memcmp(last, "abc", 3), 0);
     }
-    ::munmap(last, page);
+    ::munmap(last, kPage);
 }
 
 TEST(RawQueryValue, ReadsAFileThatSpansPagesIntoABufferThatStartsInsideOne) {

@@ -29,7 +29,7 @@ class TlsSandboxService : public SandboxTest {
 protected:
     void SetUp() override {
         sandbox::Options tls = options();
-        tls.tls = true;
+        tls.m_Tls = true;
         m_Service.reset();
         m_Service = std::make_unique<sandbox::Service>(tls);
         m_Service->start();
@@ -45,12 +45,12 @@ TEST_F(SandboxService, KeepsKeysAndPaymentsOverARestart) {
     std::string const query = "<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"" + m_Service->serverKeyId() + "\"/>";
     std::string const serverKey = askAuto(query);
     std::string const confirm = authorise("t1");
-    std::vector<sandbox::HistoryEntry> const history = m_Service->payments().at(0).history;
+    std::vector<sandbox::HistoryEntry> const history = m_Service->payments().at(0).m_History;
     std::size_t const exchanges = m_Service->exchanges().size();
     restart();
     EXPECT_EQ(askAuto(query), serverKey);
     ASSERT_EQ(m_Service->payments().size(), 1u);
-    EXPECT_EQ(m_Service->payments()[0].history.size(), history.size());
+    EXPECT_EQ(m_Service->payments()[0].m_History.size(), history.size());
     EXPECT_EQ(m_Service->payments()[0].attribute("ORDERID"), "A-17");
     EXPECT_EQ(m_Service->exchanges().size(), exchanges + 1);
     EXPECT_EQ(attributeOf(askCapture(confirm), "RESULT"), "captured");
@@ -66,15 +66,15 @@ TEST_F(SandboxService, TellsOfRequestsThatAKillCutOff) {
         restart();
         ASSERT_EQ(m_Service->exchanges().size(), 2u) << "the publishing of the key comes first";
         sandbox::Exchange const cut = m_Service->exchanges().back();
-        EXPECT_EQ(cut.verdict, "not answered: the sandbox ended before");
-        EXPECT_EQ(cut.time, "2023-11-14T22:13:20Z");
-        EXPECT_EQ(cut.kind, sandbox::ExchangeKind::Capture);
-        EXPECT_EQ(cut.order, "A-17");
-        EXPECT_EQ(cut.path, "/capture");
-        EXPECT_EQ(cut.data, "<KVX/>");
-        EXPECT_EQ(cut.request, "GET /capture HTTP/1.0");
-        EXPECT_EQ(cut.answer, "");
-        EXPECT_TRUE(cut.steps.empty());
+        EXPECT_EQ(cut.m_Verdict, "not answered: the sandbox ended before");
+        EXPECT_EQ(cut.m_Time, "2023-11-14T22:13:20Z");
+        EXPECT_EQ(cut.m_Kind, sandbox::ExchangeKind::kCapture);
+        EXPECT_EQ(cut.m_Order, "A-17");
+        EXPECT_EQ(cut.m_Path, "/capture");
+        EXPECT_EQ(cut.m_Data, "<KVX/>");
+        EXPECT_EQ(cut.m_Request, "GET /capture HTTP/1.0");
+        EXPECT_EQ(cut.m_Answer, "");
+        EXPECT_TRUE(cut.m_Steps.empty());
     }
 }
 
@@ -84,10 +84,10 @@ TEST_F(SandboxService, CarriesOutNothingThatItCannotRecord) {
     sandbox::Database database(m_Directory.path() + "/sandbox.db");
     database.execute("ALTER TABLE begun_exchanges RENAME TO elsewhere");
     RawAnswer const failed = get("/capture" + m_Merchant.signedQuery(confirm));
-    EXPECT_EQ(failed.status, 500);
-    EXPECT_THAT(failed.body, StartsWith("The sandbox failed: database: no such table"));
-    EXPECT_THAT(failed.body, HasSubstr("/sandbox.db)"));
-    EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Authorised);
+    EXPECT_EQ(failed.m_Status, 500);
+    EXPECT_THAT(failed.m_Body, StartsWith("The sandbox failed: database: no such table"));
+    EXPECT_THAT(failed.m_Body, HasSubstr("/sandbox.db)"));
+    EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kAuthorised);
     database.execute("ALTER TABLE elsewhere RENAME TO begun_exchanges");
     EXPECT_EQ(m_Service->exchanges().size(), exchanges);
     EXPECT_EQ(attributeOf(askCapture(confirm), "RESULT"), "captured");
@@ -99,10 +99,10 @@ TEST_F(SandboxService, TellsThatItCouldNotRecordWhatItDid) {
     sandbox::Database database(m_Directory.path() + "/sandbox.db");
     database.execute("ALTER TABLE exchanges RENAME TO elsewhere");
     RawAnswer const failed = get("/capture" + m_Merchant.signedQuery(confirm));
-    EXPECT_EQ(failed.status, 500);
-    EXPECT_THAT(failed.body, StartsWith("The sandbox failed: database: no such table"));
+    EXPECT_EQ(failed.m_Status, 500);
+    EXPECT_THAT(failed.m_Body, StartsWith("The sandbox failed: database: no such table"));
     database.execute("ALTER TABLE elsewhere RENAME TO exchanges");
-    EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Captured);
+    EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kCaptured);
     restart();
     ASSERT_EQ(m_Service->exchanges().size(), exchanges + 1);
     EXPECT_EQ(lastVerdict(), "not answered: the sandbox ended before");
@@ -112,8 +112,8 @@ TEST_F(SandboxService, TellsThatItCouldNotRecordWhatItDid) {
 TEST_F(SandboxService, FailsInTheFormOfTheControlApiThere) {
     sandbox::Database(m_Directory.path() + "/sandbox.db").execute("ALTER TABLE payments RENAME TO gone");
     RawAnswer const failed = parseAnswer(exchangeRaw(m_Service->controlPort(), merchantGet("/control/payments")));
-    EXPECT_EQ(failed.status, 500);
-    EXPECT_THAT(failed.body, HasSubstr("\"error\": \"the sandbox failed: database: no such table"));
+    EXPECT_EQ(failed.m_Status, 500);
+    EXPECT_THAT(failed.m_Body, HasSubstr("\"error\": \"the sandbox failed: database: no such table"));
 }
 
 TEST_F(SandboxService, EndsOnAllPortsAtOnce) {
@@ -140,16 +140,16 @@ TEST_F(SandboxService, RecordsARequestOnWhichItFails) {
     sandbox::Database database(m_Directory.path() + "/sandbox.db");
     database.execute("ALTER TABLE history RENAME TO elsewhere");
     RawAnswer const failed = get("/capture" + m_Merchant.signedQuery(confirm));
-    EXPECT_EQ(failed.status, 500);
-    EXPECT_THAT(failed.body, StartsWith("The sandbox failed: database: no such table"));
+    EXPECT_EQ(failed.m_Status, 500);
+    EXPECT_THAT(failed.m_Body, StartsWith("The sandbox failed: database: no such table"));
     EXPECT_THAT(lastVerdict(), StartsWith("the sandbox failed: database: no such table"));
     database.execute("ALTER TABLE elsewhere RENAME TO history");
-    EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Authorised);
+    EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kAuthorised);
 }
 
 TEST_F(SandboxService, TakesANewPasswordForAKnownAccount) {
     sandbox::Options changed = options();
-    changed.accountPassword = "new";
+    changed.m_AccountPassword = "new";
     m_Service.reset();
     m_Service = std::make_unique<sandbox::Service>(changed);
     m_Service->start();
@@ -167,21 +167,21 @@ TEST_F(SandboxService, StopsAndStartsAgain) {
     EXPECT_THROW(m_Service->payments(), std::runtime_error);
     EXPECT_THROW(exchangeRaw(port, "GET / HTTP/1.0\r\n\r\n"), std::runtime_error);
     m_Service->start();
-    EXPECT_EQ(get("/").status, 200);
+    EXPECT_EQ(get("/").m_Status, 200);
     EXPECT_THROW(m_Service->start(), std::logic_error);
 }
 
 TEST_F(SandboxService, RefusesAPortThatIsTaken) {
     TemporaryDirectory const other;
     sandbox::Options second = options();
-    second.dataDirectory = other.path();
-    second.port = m_Service->plainPort();
+    second.m_DataDirectory = other.path();
+    second.m_Port = m_Service->plainPort();
     sandbox::Service service(second);
     try {
         service.start();
         FAIL() << "two services on one port";
     } catch (std::runtime_error const& error) {
-        EXPECT_THAT(error.what(), HasSubstr("cannot listen on 127.0.0.1:" + std::to_string(second.port)));
+        EXPECT_THAT(error.what(), HasSubstr("cannot listen on 127.0.0.1:" + std::to_string(second.m_Port)));
     }
     EXPECT_EQ(service.plainPort(), 0);
 }
@@ -190,16 +190,16 @@ TEST_F(SandboxService, LetsGoOfThePortWhenTlsCannotStart) {
     std::uint16_t const port = m_Service->plainPort();
     TemporaryDirectory const other;
     sandbox::Options blocking = options();
-    blocking.dataDirectory = other.path();
+    blocking.m_DataDirectory = other.path();
     sandbox::Service blocker(blocking);
     blocker.start();
     m_Service->stop();
     sandbox::Options blocked = options();
-    blocked.port = port;
-    blocked.tls = true;
-    blocked.tlsPort = blocker.plainPort();
+    blocked.m_Port = port;
+    blocked.m_Tls = true;
+    blocked.m_TlsPort = blocker.plainPort();
     EXPECT_THROW(sandbox::Service(blocked).start(), std::runtime_error);
-    blocked.tls = false;
+    blocked.m_Tls = false;
     sandbox::Service again(blocked);
     again.start();
     EXPECT_EQ(again.plainPort(), port);
@@ -228,25 +228,25 @@ TEST_F(SandboxService, KeepsItsFilesFromOthers) {
 }
 
 TEST_F(TlsSandboxService, IsTrustedThroughItsAuthorityUnderBothNames) {
-    EXPECT_EQ(getTls("/").status, 200);
-    EXPECT_EQ(getTls("/", "localhost").status, 200);
+    EXPECT_EQ(getTls("/").m_Status, 200);
+    EXPECT_EQ(getTls("/", "localhost").m_Status, 200);
     EXPECT_THROW(getTls("/", "example.com"), std::runtime_error);
     EXPECT_NE(m_Service->tlsPort(), m_Service->plainPort());
 }
 
 TEST_F(TlsSandboxService, AnswersSetupWithAddressesOfTheSameKind) {
     std::string const target = "/auto?DATA=" + encode("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>");
-    std::string const overTls = getTls(target).body;
+    std::string const overTls = getTls(target).m_Body;
     std::string const base = "https://127.0.0.1:" + std::to_string(m_Service->tlsPort());
     EXPECT_EQ(attributeOf(overTls, "VTURL"), base + "/pay");
     EXPECT_EQ(attributeOf(overTls, "CAPTUREURL"), base + "/capture");
     EXPECT_EQ(attributeOf(overTls, "KVX.VTAUTOURL"), base + "/auto");
-    EXPECT_THAT(attributeOf(get(target, "demo", "demo").body, "VTURL"), StartsWith("http://"));
+    EXPECT_THAT(attributeOf(get(target, "demo", "demo").m_Body, "VTURL"), StartsWith("http://"));
 }
 
 TEST_F(TlsSandboxService, CarriesLongMessages) {
     std::string const text = m_Merchant.payInit("t1", " NOTE=\"" + std::string(100000, 'x') + "\"");
-    EXPECT_EQ(getTls("/pay" + m_Merchant.signedQuery(text)).status, 200);
+    EXPECT_EQ(getTls("/pay" + m_Merchant.signedQuery(text)).m_Status, 200);
 }
 
 TEST_F(TlsSandboxService, KeepsItsCertificatesOverARestart) {
@@ -255,12 +255,12 @@ TEST_F(TlsSandboxService, KeepsItsCertificatesOverARestart) {
     std::filesystem::copy_file(m_Service->authorityFile(), kept);
     SetUp();
     RawAnswer const answer = parseAnswer(exchangeRaw(m_Service->tlsPort(), merchantGet("/"), kept));
-    EXPECT_EQ(answer.status, 200);
+    EXPECT_EQ(answer.m_Status, 200);
 }
 
 TEST_F(TlsSandboxService, SurvivesPlainTalkOnTheTlsPort) {
     EXPECT_THROW(parseAnswer(exchangeRaw(m_Service->tlsPort(), merchantGet("/"))), std::runtime_error);
-    EXPECT_EQ(getTls("/").status, 200);
+    EXPECT_EQ(getTls("/").m_Status, 200);
 }
 
 }  // namespace

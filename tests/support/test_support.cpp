@@ -151,7 +151,7 @@ std::vector<TraceRecorder::Record> const& TraceRecorder::records() const {
 std::vector<TraceRecorder::Record> TraceRecorder::of(std::string const& event) const {
     std::vector<Record> found;
     for (Record const& record : g_Records) {
-        if (record.event == event) {
+        if (record.m_Event == event) {
             found.push_back(record);
         }
     }
@@ -160,8 +160,8 @@ std::vector<TraceRecorder::Record> TraceRecorder::of(std::string const& event) c
 
 void onStackOf(std::size_t stackBytes, std::function<void()> const& call) {
     struct Work {
-        std::function<void()> const& call;
-        std::exception_ptr failure;
+        std::function<void()> const& m_Call;
+        std::exception_ptr m_Failure;
     } work{call, nullptr};
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
@@ -172,9 +172,9 @@ void onStackOf(std::size_t stackBytes, std::function<void()> const& call) {
         [](void* argument) -> void* {
             auto* const todo = static_cast<Work*>(argument);
             try {
-                todo->call();
+                todo->m_Call();
             } catch (...) {
-                todo->failure = std::current_exception();
+                todo->m_Failure = std::current_exception();
             }
             return nullptr;
         },
@@ -182,8 +182,8 @@ void onStackOf(std::size_t stackBytes, std::function<void()> const& call) {
     pthread_attr_destroy(&attributes);
     ASSERT_EQ(started, 0);
     pthread_join(thread, nullptr);
-    if (work.failure) {
-        std::rethrow_exception(work.failure);
+    if (work.m_Failure) {
+        std::rethrow_exception(work.m_Failure);
     }
 }
 

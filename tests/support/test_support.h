@@ -20,10 +20,10 @@ std::int32_t thrownCode(std::function<void()> const& call);
 
 /// What a KVX_Exception said. All zero and empty when none was thrown.
 struct Thrown {
-    std::int32_t code = 0;
-    std::string text;
-    std::string file;
-    std::int32_t line = 0;
+    std::int32_t m_Code = 0;
+    std::string m_Text;
+    std::string m_File;
+    std::int32_t m_Line = 0;
 };
 Thrown thrown(std::function<void()> const& call);
 
@@ -76,11 +76,11 @@ private:
 class TraceRecorder {
 public:
     struct Record {
-        std::string file;
-        long line;
-        std::int32_t code;
-        std::string event;
-        std::string detail;
+        std::string m_File;
+        long m_Line;
+        std::int32_t m_Code;
+        std::string m_Event;
+        std::string m_Detail;
     };
     TraceRecorder();
     TraceRecorder(TraceRecorder const&) = delete;

@@ -64,13 +64,13 @@ TlsIdentity const& TlsIdentity::shared() {
 
 TlsPeer::TlsPeer(Peer& plain, TlsOptions const& options) : Peer(-1), m_Context(SSL_CTX_new(TLS_server_method())) {
     require(m_Context != nullptr, "server context");
-    if (options.withCertificate) {
+    if (options.m_WithCertificate) {
         SSL_CTX_use_certificate(m_Context.get(), TlsIdentity::shared().certificate());
         SSL_CTX_use_PrivateKey(m_Context.get(), TlsIdentity::shared().key());
     }
-    if (options.version != 0) {
-        SSL_CTX_set_min_proto_version(m_Context.get(), options.version);
-        SSL_CTX_set_max_proto_version(m_Context.get(), options.version);
+    if (options.m_Version != 0) {
+        SSL_CTX_set_min_proto_version(m_Context.get(), options.m_Version);
+        SSL_CTX_set_max_proto_version(m_Context.get(), options.m_Version);
     }
     m_Session.reset(SSL_new(m_Context.get()));
     require(m_Session != nullptr && SSL_set_fd(m_Session.get(), plain.socket()) == 1, "server session");

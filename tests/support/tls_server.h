@@ -41,8 +41,8 @@ private:
 
 /// What a TLS peer does out of the ordinary.
 struct TlsOptions {
-    int version = 0;              ///< The only protocol version, such as TLS1_2_VERSION; 0 for any.
-    bool withCertificate = true;  ///< Without one the handshake ends in an alert.
+    int m_Version = 0;              ///< The only protocol version, such as TLS1_2_VERSION; 0 for any.
+    bool m_WithCertificate = true;  ///< Without one the handshake ends in an alert.
 };
 
 /// Talks TLS over another peer, which it borrows. Check `isReady` before use.

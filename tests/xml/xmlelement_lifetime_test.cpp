@@ -55,7 +55,7 @@ TEST(XmlLifetime, ASurvivingChildHasNoParent) {
     xmlElementPtr child;
     xmlElementPtr grandchild;
     {
-        xmlElementPtr const root = parsed("<a><b><c/></b><d/></a>").document;
+        xmlElementPtr const root = parsed("<a><b><c/></b><d/></a>").m_Document;
         child = childOf(*childOf(*root.get(), "a").get(), "b");
         grandchild = childOf(*child.get(), "c");
     }
@@ -133,17 +133,17 @@ TEST(XmlDepth, AMillionLevelsParseAreWrittenAndDieOnASmallStack) {
     std::string const expected = repeated("<a>", kDeep - 1) + "<a/>" + repeated("</a>", kDeep - 1);
     onStackOf(kSmallStack, [&] {
         Parsed result = parsed(text);
-        ASSERT_EQ(result.code, 0);
-        EXPECT_TRUE(written(*result.document.get()) == expected);
-        result.document.reset();
+        ASSERT_EQ(result.m_Code, 0);
+        EXPECT_TRUE(written(*result.m_Document.get()) == expected);
+        result.m_Document.reset();
     });
 }
 
 TEST(XmlDepth, AnUnfinishedDocumentOfAMillionLevelsDiesOnASmallStack) {
     std::string const text = repeated("<a>", kDeep);
     onStackOf(kSmallStack, [&] {
-        EXPECT_EQ(parsed(text).code, 2);
-        EXPECT_EQ(parsed(text + "<!").code, 1);
+        EXPECT_EQ(parsed(text).m_Code, 2);
+        EXPECT_EQ(parsed(text + "<!").m_Code, 1);
     });
 }
 
@@ -151,8 +151,8 @@ TEST(XmlDepth, ARemovedSubtreeDiesOnASmallStack) {
     std::string const text = "<r>" + repeated("<a>", kDeep / 4) + repeated("</>", kDeep / 4) + "</r>";
     onStackOf(kSmallStack, [&] {
         Parsed const result = parsed(text);
-        ASSERT_EQ(result.code, 0);
-        xmlElementPtr const root = childOf(*result.document.get(), "r");
+        ASSERT_EQ(result.m_Code, 0);
+        xmlElementPtr const root = childOf(*result.m_Document.get(), "r");
         EXPECT_TRUE(root->removeChild("a", 0));
         EXPECT_EQ(written(*root.get()), "<r/>");
     });

@@ -233,8 +233,8 @@ TEST(XmlElement, KeepsCopyingNothing) {
 
 TEST(XmlClasses, NameThemselvesAndTheirBases) {
     struct Case {
-        TbObject const& object;
-        Tags accepted;
+        TbObject const& m_Object;
+        Tags m_Accepted;
     };
     xmlElementPtr const element = newElement("T");
     xmlEnumPtr const enumerator(new xmlElementEnum);
@@ -248,15 +248,16 @@ TEST(XmlClasses, NameThemselvesAndTheirBases) {
         for (char const* const name :
              {"xmlElement", "xmlElementPtr", "xmlElementEnum", "xmlEnumPtr", "TbFindable", "TbPtr", "TbObject",
               "TbRefCounter", "TbString", "", "xmlelement", "xmlElementX"}) {
-            bool const isAccepted = std::find(row.accepted.begin(), row.accepted.end(), name) != row.accepted.end();
-            EXPECT_EQ(row.object.isInstanceOf(name), isAccepted) << row.accepted[0] << " as " << name;
+            bool const isAccepted =
+                std::find(row.m_Accepted.begin(), row.m_Accepted.end(), name) != row.m_Accepted.end();
+            EXPECT_EQ(row.m_Object.isInstanceOf(name), isAccepted) << row.m_Accepted[0] << " as " << name;
         }
-        EXPECT_FALSE(row.object.isInstanceOf(nullptr));
+        EXPECT_FALSE(row.m_Object.isInstanceOf(nullptr));
         TbObject* fresh = nullptr;
-        row.object.getAllocator()(&fresh);
-        EXPECT_TRUE(fresh->isInstanceOf(row.accepted[0].c_str()));
+        row.m_Object.getAllocator()(&fresh);
+        EXPECT_TRUE(fresh->isInstanceOf(row.m_Accepted[0].c_str()));
         EXPECT_EQ(fresh->refCount(), 0);
-        row.object.getAllocator()(&fresh);  // destroys the first one
+        row.m_Object.getAllocator()(&fresh);  // destroys the first one
         delete fresh;
     }
 }

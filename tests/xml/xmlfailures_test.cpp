@@ -12,7 +12,7 @@ char const* const kText =
 
 /// An element "P" with attribute, text and children A, B, A.
 xmlElementPtr sample() {
-    return childOf(*parsed("<P a='1' b='2'>text<A n='0'/><B n='1'/><A n='2'/></P>").document.get(), "P");
+    return childOf(*parsed("<P a='1' b='2'>text<A n='0'/><B n='1'/><A n='2'/></P>").m_Document.get(), "P");
 }
 
 std::string const kSample = "<P a=\"1\" b=\"2\">text<A n=\"0\"/><B n=\"1\"/><A n=\"2\"/></P>";
@@ -64,7 +64,7 @@ TEST(XmlFailures, ParsingGoesOnAfterOneFailure) {
                     },
                     [&](bool failed) {
                         EXPECT_TRUE(failed || code == 0);
-                        EXPECT_EQ(parsed(kText).code, 0);
+                        EXPECT_EQ(parsed(kText).m_Code, 0);
                     });
     EXPECT_EQ(text, reparsed(kText));
 }
@@ -87,7 +87,7 @@ TEST(XmlFailures, WritingADeepTreeLeavesTheTree) {
     for (int i = 0; i < 200; ++i) {
         text = "<a>" + text + "</a>";
     }
-    xmlElementPtr const document = parsed(text).document;
+    xmlElementPtr const document = parsed(text).m_Document;
     std::string const expected = written(*document.get());
     survivesEveryFailingAllocation([&] {
         TbStringStream out;

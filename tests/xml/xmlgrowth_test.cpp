@@ -20,8 +20,8 @@ constexpr std::size_t kManyKeys = kMillion;
 #endif
 
 struct Cost {
-    std::uint64_t calls = 0;
-    std::uint64_t bytes = 0;
+    std::uint64_t m_Calls = 0;
+    std::uint64_t m_Bytes = 0;
 };
 
 /// What parsing, writing and reading again cost.
@@ -43,8 +43,9 @@ void expectLinear(std::size_t small, std::size_t large, std::function<std::strin
     Cost const first = costOf(make(small));
     Cost const second = costOf(make(large));
     std::uint64_t const times = large / small;
-    EXPECT_LT(second.calls * 4, first.calls * times * 5) << first.calls << " then " << second.calls << " allocations";
-    EXPECT_LT(second.bytes * 4, first.bytes * times * 5) << first.bytes << " then " << second.bytes << " bytes";
+    EXPECT_LT(second.m_Calls * 4, first.m_Calls * times * 5)
+        << first.m_Calls << " then " << second.m_Calls << " allocations";
+    EXPECT_LT(second.m_Bytes * 4, first.m_Bytes * times * 5) << first.m_Bytes << " then " << second.m_Bytes << " bytes";
 }
 
 /// `count` pieces, each with its number.
@@ -120,7 +121,7 @@ TEST(XmlGrowth, AMillionLevels) {
 TEST(XmlGrowth, ManyRunsOfText) {
     // Every run replaces the one before.
     std::string const text = "<a>" + numbered("text ", "<b/>", kMillion / 4) + "</a>";
-    EXPECT_EQ(parsed(text).code, 0);
+    EXPECT_EQ(parsed(text).m_Code, 0);
 }
 
 TEST(XmlGrowth, ManyAmpersandsWithoutSemicolon) {

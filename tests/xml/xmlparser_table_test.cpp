@@ -18,8 +18,8 @@ char byteOf(int number) {
 
 /// A beginning of a document that ends in a state, and is good so far.
 struct Beginning {
-    std::uint32_t state;
-    std::string text;
+    std::uint32_t m_State;
+    std::string m_Text;
 };
 
 /// States that are left without reading anything (18, 19, 20, 25, and 30's end) are reached by their one character.
@@ -67,11 +67,11 @@ TEST(XmlTable, HasTheRowsInTheirOrder) {
     std::vector<ReferenceRow> const& expected = referenceRows();
     ASSERT_EQ(expected.size(), kRows);
     for (std::size_t i = 0; i < kRows; ++i) {
-        EXPECT_EQ(xmlTable[i].m_State, expected[i].state) << "row " << i;
-        EXPECT_EQ(xmlTable[i].m_Symbols & 511U, expected[i].mask) << "row " << i;
-        EXPECT_EQ(xmlTable[i].m_Consume, expected[i].consume) << "row " << i;
-        EXPECT_EQ(xmlTable[i].m_Next, expected[i].next) << "row " << i;
-        EXPECT_EQ(xmlTable[i].m_Action, expected[i].action) << "row " << i;
+        EXPECT_EQ(xmlTable[i].m_State, expected[i].m_State) << "row " << i;
+        EXPECT_EQ(xmlTable[i].m_Symbols & 511U, expected[i].m_Mask) << "row " << i;
+        EXPECT_EQ(xmlTable[i].m_Consume, expected[i].m_Consume) << "row " << i;
+        EXPECT_EQ(xmlTable[i].m_Next, expected[i].m_Next) << "row " << i;
+        EXPECT_EQ(xmlTable[i].m_Action, expected[i].m_Action) << "row " << i;
     }
     EXPECT_EQ(xmlTable[kRows].m_State, 0U);
 }
@@ -148,11 +148,11 @@ TEST(XmlTable, DrivesTheParser) {
     int accepted = 0;
     for (Beginning const& beginning : beginnings()) {
         for (int number = 0; number < 256; ++number) {
-            taken.insert(referenceRowFor(beginning.state, byteOf(number)));
+            taken.insert(referenceRowFor(beginning.m_State, byteOf(number)));
             for (std::string const& ending : endings()) {
-                std::string const text = beginning.text + byteOf(number) + ending;
+                std::string const text = beginning.m_Text + byteOf(number) + ending;
                 std::string const expected = referenceReparsed(text);
-                ASSERT_EQ(reparsed(text), expected) << "state " << beginning.state << ": " << text;
+                ASSERT_EQ(reparsed(text), expected) << "state " << beginning.m_State << ": " << text;
                 accepted += expected.rfind("error", 0) == 0 ? 0 : 1;
             }
         }
@@ -170,8 +170,8 @@ TEST(XmlTable, DrivesTheParser) {
 // For each row one text that is right only if the row does what it says.
 TEST(XmlTable, EveryRowHasItsEffect) {
     struct Effect {
-        char const* text;
-        char const* expected;
+        char const* m_Text;
+        char const* m_Expected;
     };
     static constexpr Effect kEffects[] = {
         {"t<a/>", "t<a/>"},                        // 1 <
@@ -222,6 +222,6 @@ TEST(XmlTable, EveryRowHasItsEffect) {
     };
     static_assert(std::size(kEffects) == kRows);
     for (std::size_t i = 0; i < kRows; ++i) {
-        EXPECT_EQ(reparsed(kEffects[i].text), kEffects[i].expected) << "row " << i << ": " << kEffects[i].text;
+        EXPECT_EQ(reparsed(kEffects[i].m_Text), kEffects[i].m_Expected) << "row " << i << ": " << kEffects[i].m_Text;
     }
 }

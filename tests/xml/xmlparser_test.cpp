@@ -9,14 +9,14 @@ namespace {
 
 /// A text and what it reads as: the document written again, or "error N".
 struct Case {
-    std::string text;
-    std::string expected;
+    std::string m_Text;
+    std::string m_Expected;
 };
 
 void expectAll(std::vector<Case> const& cases) {
     for (Case const& row : cases) {
-        EXPECT_EQ(reparsed(row.text), row.expected) << "from " << row.text;
-        EXPECT_EQ(referenceReparsed(row.text), row.expected) << "by the reference, from " << row.text;
+        EXPECT_EQ(reparsed(row.m_Text), row.m_Expected) << "from " << row.m_Text;
+        EXPECT_EQ(referenceReparsed(row.m_Text), row.m_Expected) << "by the reference, from " << row.m_Text;
     }
 }
 
@@ -24,11 +24,11 @@ void expectAll(std::vector<Case> const& cases) {
 
 TEST(XmlParser, ReadsAnEmptyTextAsAnEmptyDocument) {
     Parsed const result = parsed("");
-    ASSERT_EQ(result.code, 0);
-    EXPECT_EQ(tagOf(*result.document.get()), "");
-    EXPECT_EQ(textOf(*result.document.get()), "");
-    EXPECT_EQ(result.document->parent(), nullptr);
-    EXPECT_TRUE(enumeratedTags(*result.document.get(), "").empty());
+    ASSERT_EQ(result.m_Code, 0);
+    EXPECT_EQ(tagOf(*result.m_Document.get()), "");
+    EXPECT_EQ(textOf(*result.m_Document.get()), "");
+    EXPECT_EQ(result.m_Document->parent(), nullptr);
+    EXPECT_TRUE(enumeratedTags(*result.m_Document.get(), "").empty());
     TbStringStream unwritten;
     xmlElement* out = nullptr;
     EXPECT_EQ(xmlParser().parseText(unwritten, &out), 0);
@@ -37,8 +37,8 @@ TEST(XmlParser, ReadsAnEmptyTextAsAnEmptyDocument) {
 
 TEST(XmlParser, ReadsAttributesInEveryForm) {
     Parsed const result = parsed("<KVX A='1' C=3 D/>");
-    ASSERT_EQ(result.code, 0);
-    xmlElementPtr const kvx = childOf(*result.document.get(), "KVX");
+    ASSERT_EQ(result.m_Code, 0);
+    xmlElementPtr const kvx = childOf(*result.m_Document.get(), "KVX");
     EXPECT_EQ(attributeOf(*kvx.get(), "A"), "1");
     EXPECT_EQ(attributeOf(*kvx.get(), "C"), "3");
     EXPECT_EQ(attributeOf(*kvx.get(), "D"), "");
@@ -47,11 +47,11 @@ TEST(XmlParser, ReadsAttributesInEveryForm) {
 
 TEST(XmlParser, HandsOneReferenceToTheCaller) {
     Parsed const result = parsed("<a><b/></a>");
-    ASSERT_EQ(result.code, 0);
-    EXPECT_EQ(result.document->refCount(), 1);
-    xmlElementPtr const a = childOf(*result.document.get(), "a");
+    ASSERT_EQ(result.m_Code, 0);
+    EXPECT_EQ(result.m_Document->refCount(), 1);
+    xmlElementPtr const a = childOf(*result.m_Document.get(), "a");
     EXPECT_EQ(a->refCount(), 2);
-    EXPECT_EQ(a->parent(), result.document.get());
+    EXPECT_EQ(a->parent(), result.m_Document.get());
     EXPECT_EQ(childOf(*a.get(), "b")->parent(), a.get());
 }
 
@@ -178,8 +178,8 @@ TEST(XmlParser, TakesAnyByteInAQuotedValue) {
 
 TEST(XmlParser, KeepsDecodingAttributesButNotText) {
     Parsed const result = parsed("<a x='&lt;'>&lt;</a>");
-    ASSERT_EQ(result.code, 0);
-    xmlElementPtr const a = childOf(*result.document.get(), "a");
+    ASSERT_EQ(result.m_Code, 0);
+    xmlElementPtr const a = childOf(*result.m_Document.get(), "a");
     EXPECT_EQ(attributeOf(*a.get(), "x"), "<");
     EXPECT_EQ(textOf(*a.get()), "&lt;");
     expectAll({
@@ -191,8 +191,8 @@ TEST(XmlParser, KeepsDecodingAttributesButNotText) {
 
 TEST(XmlParser, KeepsTheLastRunOfTextOnly) {
     Parsed const result = parsed("<a>x<b/>\n</a>");
-    ASSERT_EQ(result.code, 0);
-    EXPECT_EQ(textOf(*childOf(*result.document.get(), "a").get()), "\n");
+    ASSERT_EQ(result.m_Code, 0);
+    EXPECT_EQ(textOf(*childOf(*result.m_Document.get(), "a").get()), "\n");
     expectAll({
         {"<a>x<b/>y</a>", "<a>y<b/></a>"},
         {"<a>x<b/></a>", "<a>x<b/></a>"},  // an empty run replaces nothing
@@ -280,13 +280,13 @@ TEST(XmlParser, CreatesElements) {
 TEST(XmlParser, SurvivesADocumentCutAtEveryLength) {
     std::string const text =
         "top <KVX A='1' C=3 D E = \"&lt;&unknown;\" F ><b/>t<c x/ y>u<d><h><i><e / f ></d></x ></>\n</KVX>\n<g h=1/>";
-    ASSERT_EQ(parsed(text).code, 0);
+    ASSERT_EQ(parsed(text).m_Code, 0);
     for (std::size_t length = 0; length <= text.size(); ++length) {
         std::string const cut = text.substr(0, length);
-        int const code = parsed(cut).code;
+        int const code = parsed(cut).m_Code;
         EXPECT_TRUE(code == 0 || code == 2) << cut;  // what fits as a whole fits in part, but may be unfinished
         EXPECT_EQ(reparsed(cut), referenceReparsed(cut)) << cut;
-        int const tail = parsed(text.substr(length)).code;
+        int const tail = parsed(text.substr(length)).m_Code;
         EXPECT_TRUE(tail >= 0 && tail <= 3) << text.substr(length);
         EXPECT_EQ(reparsed(text.substr(length)), referenceReparsed(text.substr(length))) << text.substr(length);
     }

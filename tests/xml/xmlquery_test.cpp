@@ -7,18 +7,18 @@ using namespace kvxtest;
 namespace {
 
 struct Queried {
-    std::int32_t status = -1;
-    std::string path;
-    xmlElementPtr found;
+    std::int32_t m_Status = -1;
+    std::string m_Path;
+    xmlElementPtr m_Found;
 };
 
 Queried queried(xmlElementPtr const& start, std::string const& path) {
     TbString rest(stringOf(path));
     xmlElement* found = nullptr;
     Queried result;
-    result.status = xmlQuerySubElement(start.get(), rest, &found);
-    result.path = bytesOf(rest);
-    result.found.adopt(found);
+    result.m_Status = xmlQuerySubElement(start.get(), rest, &found);
+    result.m_Path = bytesOf(rest);
+    result.m_Found.adopt(found);
     return result;
 }
 
@@ -39,9 +39,9 @@ TEST(XmlQuery, GivesTheStartAndTheWholeKeyWithoutSeparator) {
     xmlElementPtr const root = sample();
     for (std::string const key : {"", "A", "KVX.VTAUTOURL", "a(b)c", "a(", "a)", "(", ".", ".(", "a( .0)", "a.(0)"}) {
         Queried const result = queried(root, key);
-        EXPECT_EQ(result.status, 0) << key;
-        EXPECT_EQ(result.found.get(), root.get()) << key;
-        EXPECT_EQ(result.path, key);
+        EXPECT_EQ(result.m_Status, 0) << key;
+        EXPECT_EQ(result.m_Found.get(), root.get()) << key;
+        EXPECT_EQ(result.m_Path, key);
     }
 }
 
@@ -52,16 +52,16 @@ TEST(XmlQuery, AddsOneReferenceForTheCaller) {
         EXPECT_EQ(root->refCount(), 2);
     }
     EXPECT_EQ(root->refCount(), 1);
-    EXPECT_EQ(queried(root, "A(.0)").status, 1);
-    EXPECT_EQ(queried(root, "A(.0").status, 3);
+    EXPECT_EQ(queried(root, "A(.0)").m_Status, 1);
+    EXPECT_EQ(queried(root, "A(.0").m_Status, 3);
     EXPECT_EQ(root->refCount(), 1);
 }
 
 // The index text begins with the separator's own full stop, so no key walks down. Written files rely on it.
 TEST(XmlQuery, KeepsRefusingEveryKeyWithTheSeparator) {
     struct Case {
-        char const* key;
-        std::int32_t status;
+        char const* m_Key;
+        std::int32_t m_Status;
     };
     static constexpr Case kCases[] = {
         {"A(.0)", 1}, {"A(.0)B", 1}, {"A(.0).B", 1}, {"A(.)", 1},     {"(.)", 1},         {"A(.x)", 1},
@@ -69,14 +69,14 @@ TEST(XmlQuery, KeepsRefusingEveryKeyWithTheSeparator) {
     };
     xmlElementPtr const root = sample();
     for (Case const& row : kCases) {
-        Queried const result = queried(root, row.key);
-        EXPECT_EQ(result.status, row.status) << row.key;
-        EXPECT_EQ(result.path, row.key) << "changed on failure";
-        EXPECT_EQ(result.found.get(), nullptr) << row.key;
+        Queried const result = queried(root, row.m_Key);
+        EXPECT_EQ(result.m_Status, row.m_Status) << row.m_Key;
+        EXPECT_EQ(result.m_Path, row.m_Key) << "changed on failure";
+        EXPECT_EQ(result.m_Found.get(), nullptr) << row.m_Key;
         TbString value("untouched");
-        EXPECT_FALSE(xmlGetAttributeEx(root.get(), row.key, value)) << row.key;
+        EXPECT_FALSE(xmlGetAttributeEx(root.get(), row.m_Key, value)) << row.m_Key;
         EXPECT_EQ(bytesOf(value), "untouched");
-        EXPECT_FALSE(xmlSetAttributeEx(root.get(), row.key, "x")) << row.key;
+        EXPECT_FALSE(xmlSetAttributeEx(root.get(), row.m_Key, "x")) << row.m_Key;
     }
     EXPECT_EQ(written(*root.get()), written(*sample().get()));
 }
@@ -154,9 +154,9 @@ TEST(XmlQuery, ChangesNothingWhenMemoryRunsOut) {
 
 TEST(XmlAtoi, ReadsDigitsUpToTheFirstOtherCharacter) {
     struct Case {
-        char const* text;
-        bool isNumber;
-        int value;
+        char const* m_Text;
+        bool m_IsNumber;
+        int m_Value;
     };
     static constexpr Case kCases[] = {
         {"0042", true, 42},  {"4a", false, 4},
@@ -169,8 +169,8 @@ TEST(XmlAtoi, ReadsDigitsUpToTheFirstOtherCharacter) {
     };
     for (Case const& row : kCases) {
         int value = 77;
-        EXPECT_EQ(xmlAtoi(row.text, value), row.isNumber) << row.text;
-        EXPECT_EQ(value, row.value) << row.text;
+        EXPECT_EQ(xmlAtoi(row.m_Text, value), row.m_IsNumber) << row.m_Text;
+        EXPECT_EQ(value, row.m_Value) << row.m_Text;
     }
     int value = 77;
     EXPECT_FALSE(xmlAtoi(stringOf(std::string("1\0", 2)), value));

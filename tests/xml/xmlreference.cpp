@@ -40,36 +40,37 @@ std::uint32_t classNamed(char name) {
 }
 
 struct Node {
-    std::string tag;
-    std::vector<std::pair<std::string, std::string>> attributes;
-    std::string text;
-    std::vector<std::unique_ptr<Node>> children;
-    Node* parent = nullptr;
+    std::string m_Tag;
+    std::vector<std::pair<std::string, std::string>> m_Attributes;
+    std::string m_Text;
+    std::vector<std::unique_ptr<Node>> m_Children;
+    Node* m_Parent = nullptr;
 };
 
 void setAttribute(Node& node, std::string const& name, std::string const& value) {
-    for (auto& [present, old] : node.attributes) {
+    for (auto& [present, old] : node.m_Attributes) {
         if (present == name) {
             old = value;
             return;
         }
     }
-    node.attributes.emplace_back(name, value);
+    node.m_Attributes.emplace_back(name, value);
 }
 
 std::string written(Node const& node) {
-    std::string content = node.text;
-    for (auto const& child : node.children) {
+    std::string content = node.m_Text;
+    for (auto const& child : node.m_Children) {
         content += written(*child);
     }
-    if (node.tag.empty()) {
+    if (node.m_Tag.empty()) {
         return content;
     }
-    std::string head = "<" + node.tag;
-    for (auto const& [name, value] : node.attributes) {
+    std::string head = "<" + node.m_Tag;
+    for (auto const& [name, value] : node.m_Attributes) {
         head += " " + name + "=\"" + referenceEncoded(value) + "\"";
     }
-    return node.text.empty() && node.children.empty() ? head + "/>" : head + ">" + content + "</" + node.tag + ">";
+    return node.m_Text.empty() && node.m_Children.empty() ? head + "/>"
+                                                          : head + ">" + content + "</" + node.m_Tag + ">";
 }
 
 }  // namespace
@@ -80,9 +81,9 @@ std::vector<ReferenceRow> const& referenceRows() {
         std::istringstream in(kRows);
         std::string characters;
         char consume = 0;
-        for (ReferenceRow row{}; in >> row.state >> characters >> consume >> row.next >> row.action;) {
-            row.mask = characters[0] == '!' ? 511 - classNamed(characters[1]) : classNamed(characters[0]);
-            row.consume = consume == '+' ? 1 : 0;
+        for (ReferenceRow row{}; in >> row.m_State >> characters >> consume >> row.m_Next >> row.m_Action;) {
+            row.m_Mask = characters[0] == '!' ? 511 - classNamed(characters[1]) : classNamed(characters[0]);
+            row.m_Consume = consume == '+' ? 1 : 0;
             result.push_back(row);
         }
         return result;
@@ -103,7 +104,7 @@ std::uint32_t referenceClass(char byte) {
 std::size_t referenceRowFor(std::uint32_t state, char byte) {
     std::size_t index = 0;
     for (ReferenceRow const& row : referenceRows()) {
-        if (row.state == state && (row.mask & referenceClass(byte)) != 0) {
+        if (row.m_State == state && (row.m_Mask & referenceClass(byte)) != 0) {
             break;
         }
         ++index;
@@ -123,21 +124,21 @@ std::string referenceReparsed(std::string const& text) {
             return "error 1";
         }
         ReferenceRow const& row = referenceRows()[index];
-        switch (row.action) {
+        switch (row.m_Action) {
             case 2:
                 token += text[position];
                 break;
             case 5:
-                current->children.push_back(std::make_unique<Node>());
-                current->children.back()->parent = current;
-                current = current->children.back().get();
-                current->tag = token;
+                current->m_Children.push_back(std::make_unique<Node>());
+                current->m_Children.back()->m_Parent = current;
+                current = current->m_Children.back().get();
+                current->m_Tag = token;
                 break;
             case 6:
                 name = token;
                 break;
             case 7:
-                current = current->parent;
+                current = current->m_Parent;
                 if (current == nullptr) {
                     return "error 3";
                 }
@@ -146,16 +147,16 @@ std::string referenceReparsed(std::string const& text) {
                 setAttribute(*current, name, referenceDecoded(token));
                 break;
             case 9:
-                current->text = token.empty() ? current->text : token;
+                current->m_Text = token.empty() ? current->m_Text : token;
                 break;
             default:
                 break;
         }
-        if (row.action != 2) {
+        if (row.m_Action != 2) {
             token.clear();
         }
-        state = row.next;
-        position += row.consume;
+        state = row.m_Next;
+        position += row.m_Consume;
     }
     return state == 1 && current == &document ? written(document) : "error 2";
 }

@@ -10,11 +10,11 @@
 namespace kvxtest {
 
 struct ReferenceRow {
-    std::uint32_t state;
-    std::uint32_t mask;
-    std::uint32_t consume;
-    std::uint32_t next;
-    std::uint32_t action;
+    std::uint32_t m_State;
+    std::uint32_t m_Mask;
+    std::uint32_t m_Consume;
+    std::uint32_t m_Next;
+    std::uint32_t m_Action;
 };
 
 /// The transitions, in order of look-up.

@@ -27,9 +27,9 @@ Parsed parsed(std::string const& text) {
     TbStringStream in(stringOf(text));
     xmlElement* out = nullptr;
     Parsed result;
-    result.code = xmlParser().parseText(in, &out);
-    EXPECT_EQ(result.code == 0, out != nullptr);
-    result.document.adopt(out);
+    result.m_Code = xmlParser().parseText(in, &out);
+    EXPECT_EQ(result.m_Code == 0, out != nullptr);
+    result.m_Document.adopt(out);
     return result;
 }
 
@@ -41,7 +41,7 @@ std::string written(xmlElement const& element) {
 
 std::string reparsed(std::string const& text) {
     Parsed const result = parsed(text);
-    return result.code == 0 ? written(*result.document.get()) : "error " + std::to_string(result.code);
+    return result.m_Code == 0 ? written(*result.m_Document.get()) : "error " + std::to_string(result.m_Code);
 }
 
 xmlElementPtr childOf(xmlElement const& element, std::string const& tag, long index) {

@@ -19,8 +19,8 @@ xmlElementPtr newElement(std::string const& tag);
 
 /// What the parser made of a text: its result, and the document when that is 0.
 struct Parsed {
-    int code = -1;
-    xmlElementPtr document;
+    int m_Code = -1;
+    xmlElementPtr m_Document;
 };
 Parsed parsed(std::string const& text);
 

@@ -27,9 +27,9 @@ protected:
     /// The content of an answer that must have this status.
     json content(std::string const& request, int status) const {
         RawAnswer const answer = ask(request);
-        EXPECT_EQ(answer.status, status) << answer.body;
-        EXPECT_EQ(answer.headers.at("content-type"), "application/json");
-        return json::parse(answer.body);
+        EXPECT_EQ(answer.m_Status, status) << answer.m_Body;
+        EXPECT_EQ(answer.m_Headers.at("content-type"), "application/json");
+        return json::parse(answer.m_Body);
     }
 
     [[nodiscard]] json tell(std::string const& target) const { return content(bareRequest("GET", target), 200); }
@@ -82,17 +82,17 @@ TEST_F(Control, TellsAddressesKeyClockAndCounts) {
 
 TEST_F(Control, TellsTheAddressesThatThereAre) {
     sandbox::Options all = options();
-    all.tls = true;
-    all.proxy = true;
+    all.m_Tls = true;
+    all.m_Proxy = true;
     restart(all);
     json const addresses = tell("/control").at("addresses");
     EXPECT_EQ(addresses.at("tls"), m_Service->tlsBaseUrl());
     EXPECT_THAT(addresses.at("proxy").get<std::string>(), HasSubstr("http://127.0.0.1:"));
     std::string const overTls =
         exchangeRaw(m_Service->tlsPort(), bareRequest("GET", "/control"), m_Service->authorityFile());
-    EXPECT_EQ(json::parse(parseAnswer(overTls).body).at("addresses"), addresses);
+    EXPECT_EQ(json::parse(parseAnswer(overTls).m_Body).at("addresses"), addresses);
     std::string const plain = exchangeRaw(m_Service->plainPort(), bareRequest("GET", "/control"));
-    EXPECT_EQ(json::parse(parseAnswer(plain).body).at("addresses"), addresses);
+    EXPECT_EQ(json::parse(parseAnswer(plain).m_Body).at("addresses"), addresses);
 }
 
 // --- Faults
@@ -165,14 +165,14 @@ TEST_F(Control, ArmsWhatWasAskedFor) {
                                     (asked.contains("order") ? 0 : 1) + (asked.contains("times") ? 0 : 1))
             << armed;
     }
-    EXPECT_EQ(m_Service->faults().at(1).fault.seconds, 0.25);
-    EXPECT_EQ(m_Service->faults().at(3).fault.text, "a,b=c\n\u00e9");
+    EXPECT_EQ(m_Service->faults().at(1).m_Fault.m_Seconds, 0.25);
+    EXPECT_EQ(m_Service->faults().at(3).m_Fault.m_Text, "a,b=c\n\u00e9");
 }
 
 TEST_F(Control, RefusesFaultsWithTheReason) {
     struct Row {
-        char const* body;
-        char const* reason;
+        char const* m_Body;
+        char const* m_Reason;
     };
     for (Row const& row : {
              Row{"", "not JSON"},
@@ -214,7 +214,7 @@ TEST_F(Control, RefusesFaultsWithTheReason) {
              {"{\"kind\":\"tls-abort\",\"order\":\"A\"}", "cannot be for one order"},
              {"{\"kind\":\"refuse\",\"times\":2}", "cannot be counted"},
          }) {
-        EXPECT_THAT(refusal(jsonPost("/control/faults", row.body), 400), HasSubstr(row.reason)) << row.body;
+        EXPECT_THAT(refusal(jsonPost("/control/faults", row.m_Body), 400), HasSubstr(row.m_Reason)) << row.m_Body;
     }
     EXPECT_THAT(m_Service->faults(), IsEmpty());
 }
@@ -224,15 +224,15 @@ TEST_F(Control, TellsAllKindsOfFaults) {
     ASSERT_EQ(kinds.size(), sandbox::allFaultKinds().size());
     for (std::size_t i = 0; i < kinds.size(); ++i) {
         sandbox::FaultKindRow const& row = sandbox::allFaultKinds()[i];
-        EXPECT_EQ(kinds[i].at("name"), row.name);
-        EXPECT_EQ(kinds[i].at("meaning"), row.meaning);
-        EXPECT_EQ(kinds[i].at("carriedOut"), row.carriedOut);
+        EXPECT_EQ(kinds[i].at("name"), row.m_Name);
+        EXPECT_EQ(kinds[i].at("meaning"), row.m_Meaning);
+        EXPECT_EQ(kinds[i].at("carriedOut"), row.m_CarriedOut);
         unsigned exchanges = 0;
         for (json const& name : kinds[i].at("exchanges")) {
             exchanges |= static_cast<unsigned>(sandbox::exchangeFromName(name.get<std::string>()).value());
         }
-        EXPECT_EQ(exchanges, row.exchanges) << row.name;
-        EXPECT_EQ(kinds[i].at("parameters").empty(), row.parameters == 0) << row.name;
+        EXPECT_EQ(exchanges, row.m_Exchanges) << row.m_Name;
+        EXPECT_EQ(kinds[i].at("parameters").empty(), row.m_Parameters == 0) << row.m_Name;
     }
     EXPECT_EQ(kinds.at(0).at("parameters"), json{"seconds"});
 }
@@ -261,7 +261,7 @@ TEST_F(Control, TellsAPaymentFromItsOpeningToItsCapture) {
     EXPECT_EQ(payment("order=A-17").at("state"), "authorised");
     askCapture(confirm);
     json const told = payment("order=A-17");
-    EXPECT_EQ(told.at("id"), m_Service->payments().at(0).id);
+    EXPECT_EQ(told.at("id"), m_Service->payments().at(0).m_Id);
     EXPECT_EQ(told.at("account"), "demo");
     EXPECT_EQ(told.at("token"), "t1");
     EXPECT_EQ(told.at("state"), "captured");
@@ -315,7 +315,7 @@ TEST_F(Control, FiltersPayments) {
     EXPECT_THAT(tokens("?state=opened"), ElementsAre("t2", "t3"));
     EXPECT_THAT(tokens("?state=declined&order=A-17"), ElementsAre("t1"));
     EXPECT_THAT(tokens("?state=opened&order=A-17"), IsEmpty());
-    EXPECT_THAT(tokens("?id=" + m_Service->payments().at(1).id), ElementsAre("t2"));
+    EXPECT_THAT(tokens("?id=" + m_Service->payments().at(1).m_Id), ElementsAre("t2"));
     EXPECT_THAT(tokens("?id=nothing"), IsEmpty());
     EXPECT_THAT(refusal(bareRequest("GET", "/control/payments?state=Opened"), 400), HasSubstr("state 'Opened'"));
     EXPECT_THAT(refusal(bareRequest("GET", "/control/payments?order=%zz"), 400), HasSubstr("percent-encoding"));
@@ -427,8 +427,8 @@ TEST_F(Control, RotatesTheKeyThatSigns) {
     EXPECT_EQ(keys.at(0).at("current"), false);
     EXPECT_EQ(keys.at(1).at("current"), true);
     RawAnswer const back = press(openPage(m_Merchant.payInit("t1")), "pay");
-    std::string const confirm = decode(queryValue(back.headers.at("location"), "DATA"));
-    std::string const signature = queryValue(back.headers.at("location"), "SIGNATURE");
+    std::string const confirm = decode(queryValue(back.m_Headers.at("location"), "DATA"));
+    std::string const signature = queryValue(back.m_Headers.at("location"), "SIGNATURE");
     EXPECT_EQ(attributeOf(confirm, "KEYID"), fresh);
     EXPECT_TRUE(verifies(keys.at(1).at("blob").get<std::string>(), confirm, signature));
     EXPECT_FALSE(verifies(oldBlob, confirm, signature));
@@ -460,8 +460,8 @@ TEST_F(Control, CreatesAnAccountAndChangesItsPassword) {
 
 TEST_F(Control, RefusesAccountsThatNobodyCouldUse) {
     struct Row {
-        char const* body;
-        char const* reason;
+        char const* m_Body;
+        char const* m_Reason;
     };
     for (Row const& row : {
              Row{"{}", "'user' must be there"},
@@ -474,7 +474,7 @@ TEST_F(Control, RefusesAccountsThatNobodyCouldUse) {
              {"{\"user\":\"a\",\"password\":\"p\\u0000\"}", "zero byte"},
              {"{\"user\":\"a\",\"password\":\"p\",\"admin\":true}", "no member 'admin'"},
          }) {
-        EXPECT_THAT(refusal(jsonPost("/control/accounts", row.body), 400), HasSubstr(row.reason)) << row.body;
+        EXPECT_THAT(refusal(jsonPost("/control/accounts", row.m_Body), 400), HasSubstr(row.m_Reason)) << row.m_Body;
     }
     EXPECT_EQ(tell("/control").at("counts").at("accounts"), 1);
 }
@@ -482,26 +482,26 @@ TEST_F(Control, RefusesAccountsThatNobodyCouldUse) {
 TEST_F(Control, SetsTheClockAheadSoThatPaymentsExpire) {
     std::string const inAnHour = " TOKEN=\"t1\" EXPIRATION=\"20231114 23:13:20\" ORDERID=\"A-17\"";
     RawAnswer const page = openPage(m_Merchant.message("PayInit", inAnHour));
-    EXPECT_EQ(page.status, 200);
+    EXPECT_EQ(page.m_Status, 200);
     EXPECT_EQ(post("/control/clock", {{"ahead", 3600}}, 200),
               (json{{"present", "2023-11-14T23:13:20Z"}, {"ahead", 3600}}));
     EXPECT_EQ(payment("order=A-17").at("state"), "opened");
     post("/control/clock", {{"ahead", 3601}}, 200);
     EXPECT_EQ(payment("order=A-17").at("state"), "expired");
     RawAnswer const late = openPage(m_Merchant.message("PayInit", " TOKEN=\"t2\" EXPIRATION=\"20231114 23:13:20\""));
-    EXPECT_EQ(late.status, 400);
-    EXPECT_THAT(late.body, HasSubstr("has expired"));
+    EXPECT_EQ(late.m_Status, 400);
+    EXPECT_THAT(late.m_Body, HasSubstr("has expired"));
     post("/control/clock", {{"ahead", 0}}, 200);
     EXPECT_EQ(payment("order=A-17").at("state"), "expired");
-    EXPECT_EQ(openPage(m_Merchant.message("PayInit", " TOKEN=\"t2\" EXPIRATION=\"20231114 23:13:20\"")).status, 400)
+    EXPECT_EQ(openPage(m_Merchant.message("PayInit", " TOKEN=\"t2\" EXPIRATION=\"20231114 23:13:20\"")).m_Status, 400)
         << "what has expired stays so";
-    EXPECT_EQ(openPage(m_Merchant.message("PayInit", " TOKEN=\"t3\" EXPIRATION=\"20231114 23:13:20\"")).status, 200);
+    EXPECT_EQ(openPage(m_Merchant.message("PayInit", " TOKEN=\"t3\" EXPIRATION=\"20231114 23:13:20\"")).m_Status, 200);
 }
 
 TEST_F(Control, RefusesClocksOutOfRange) {
     struct Row {
-        char const* body;
-        char const* reason;
+        char const* m_Body;
+        char const* m_Reason;
     };
     for (Row const& row : {
              Row{"{}", "'ahead' must be there"},
@@ -513,7 +513,7 @@ TEST_F(Control, RefusesClocksOutOfRange) {
              {"{\"ahead\":1e400}", "beyond all range"},
              {"{\"ahead\":1,\"unit\":\"h\"}", "no member 'unit'"},
          }) {
-        EXPECT_THAT(refusal(jsonPost("/control/clock", row.body), 400), HasSubstr(row.reason)) << row.body;
+        EXPECT_THAT(refusal(jsonPost("/control/clock", row.m_Body), 400), HasSubstr(row.m_Reason)) << row.m_Body;
     }
     EXPECT_EQ(tell("/control").at("clock").at("ahead"), 0);
     EXPECT_EQ(post("/control/clock", {{"ahead", -315360000}}, 200).at("present"), "2013-11-16T22:13:20Z");
@@ -551,7 +551,7 @@ TEST_F(Control, AnswersToNamesOfThisMachineOnly) {
     for (char const* host : {"127.0.0.1", "localhost", "127.0.0.1:8080", "LocalHost:1", "localhost:"}) {
         content(bareRequest("GET", "/control", host), 200);
     }
-    EXPECT_EQ(ask("GET /control HTTP/1.0\r\n\r\n").status, 200);
+    EXPECT_EQ(ask("GET /control HTTP/1.0\r\n\r\n").m_Status, 200);
     post("/control/faults", {{"kind", "drop"}});
     refusal(bareRequest("DELETE", "/control/faults", "evil.example"), 403);
     EXPECT_EQ(m_Service->faults().size(), 1u);
@@ -561,8 +561,8 @@ TEST_F(Control, NeverAllowsOtherSites) {
     RawAnswer const answer =
         ask("OPTIONS /control/faults/1 HTTP/1.1\r\nHost: 127.0.0.1\r\nOrigin: http://evil.example\r\n"
             "Access-Control-Request-Method: DELETE\r\n\r\n");
-    EXPECT_EQ(answer.status, 405);
-    for (auto const& [name, value] : answer.headers) {
+    EXPECT_EQ(answer.m_Status, 405);
+    for (auto const& [name, value] : answer.m_Headers) {
         EXPECT_EQ(name.find("access-control"), std::string::npos) << name << ": " << value;
     }
 }
@@ -572,13 +572,13 @@ TEST_F(Control, TellsWhatIsNotThere) {
                              "/control/faults/1/2", "/control/keys/rotate/x", "/control/exchange"}) {
         EXPECT_THAT(refusal(bareRequest("GET", path), 404), HasSubstr(path));
     }
-    EXPECT_EQ(ask(bareRequest("GET", "/controls")).headers.at("content-type"), "text/plain; charset=utf-8");
+    EXPECT_EQ(ask(bareRequest("GET", "/controls")).m_Headers.at("content-type"), "text/plain; charset=utf-8");
 }
 
 TEST_F(Control, TellsTheMethodsOfAnAddress) {
     struct Row {
-        char const* path;
-        char const* allowed;
+        char const* m_Path;
+        char const* m_Allowed;
     };
     for (Row const& row : {Row{"/control", "GET"},
                            {"/control/faults", "GET, POST, DELETE"},
@@ -591,19 +591,19 @@ TEST_F(Control, TellsTheMethodsOfAnAddress) {
                            {"/control/accounts", "POST"},
                            {"/control/clock", "POST"}}) {
         for (char const* method : {"GET", "POST", "DELETE", "PUT", "PATCH", "OPTIONS"}) {
-            if (std::string(row.allowed).find(method) != std::string::npos) {
+            if (std::string(row.m_Allowed).find(method) != std::string::npos) {
                 continue;
             }
-            RawAnswer const answer = ask(bareRequest(method, row.path));
-            EXPECT_EQ(answer.status, 405) << method << row.path;
-            EXPECT_EQ(answer.headers.at("allow"), row.allowed);
-            EXPECT_THAT(json::parse(answer.body).at("error").get<std::string>(), HasSubstr(method));
+            RawAnswer const answer = ask(bareRequest(method, row.m_Path));
+            EXPECT_EQ(answer.m_Status, 405) << method << row.m_Path;
+            EXPECT_EQ(answer.m_Headers.at("allow"), row.m_Allowed);
+            EXPECT_THAT(json::parse(answer.m_Body).at("error").get<std::string>(), HasSubstr(method));
         }
     }
 }
 
 TEST_F(Control, RefusesBodiesThatAreTooLarge) {
-    EXPECT_EQ(ask(jsonPost("/control/faults", std::string(1024 * 1024 + 1, ' '))).status, 413);
+    EXPECT_EQ(ask(jsonPost("/control/faults", std::string(1024 * 1024 + 1, ' '))).m_Status, 413);
     EXPECT_THAT(refusal(jsonPost("/control/faults", std::string(1024 * 1024, ' ')), 400), HasSubstr("not JSON"));
 }
 

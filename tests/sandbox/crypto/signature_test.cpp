@@ -37,17 +37,17 @@ std::string reasonFor(std::string const& blob) {
 }
 
 TEST(Widen, MakesLittleEndianUnitsOfEitherKind) {
-    EXPECT_EQ(widen("a\xE9", Widening::Zero), std::string("a\0\xE9\0", 4));
-    EXPECT_EQ(widen("a\xE9", Widening::Sign), std::string("a\0\xE9\xFF", 4));
-    EXPECT_EQ(widen("\x7f\x80", Widening::Sign), std::string("\x7f\0\x80\xFF", 4));
-    EXPECT_EQ(widen("", Widening::Sign), "");
+    EXPECT_EQ(widen("a\xE9", Widening::kZero), std::string("a\0\xE9\0", 4));
+    EXPECT_EQ(widen("a\xE9", Widening::kSign), std::string("a\0\xE9\xFF", 4));
+    EXPECT_EQ(widen("\x7f\x80", Widening::kSign), std::string("\x7f\0\x80\xFF", 4));
+    EXPECT_EQ(widen("", Widening::kSign), "");
 }
 
 TEST(SignText, GivesTheAnswersOfTheCommandLine) {
     KeyHolder const key = vectorKey();
     std::string const message = vectorFile("message.txt");
-    EXPECT_EQ(signText(key.get(), message, Widening::Zero), vectorFile("signature-zero.hex"));
-    EXPECT_EQ(signText(key.get(), message, Widening::Sign), vectorFile("signature-sign.hex"));
+    EXPECT_EQ(signText(key.get(), message, Widening::kZero), vectorFile("signature-zero.hex"));
+    EXPECT_EQ(signText(key.get(), message, Widening::kSign), vectorFile("signature-sign.hex"));
 }
 
 TEST(VerifyText, AcceptsTheAnswersOfTheCommandLineUnderTheRightWideningOnly) {
@@ -55,16 +55,16 @@ TEST(VerifyText, AcceptsTheAnswersOfTheCommandLineUnderTheRightWideningOnly) {
     std::string const message = vectorFile("message.txt");
     std::string const zero = fromHex(vectorFile("signature-zero.hex")).value();
     std::string const sign = fromHex(vectorFile("signature-sign.hex")).value();
-    EXPECT_TRUE(verifyText(key.get(), message, Widening::Zero, zero));
-    EXPECT_TRUE(verifyText(key.get(), message, Widening::Sign, sign));
-    EXPECT_FALSE(verifyText(key.get(), message, Widening::Zero, sign));
-    EXPECT_FALSE(verifyText(key.get(), message, Widening::Sign, zero));
+    EXPECT_TRUE(verifyText(key.get(), message, Widening::kZero, zero));
+    EXPECT_TRUE(verifyText(key.get(), message, Widening::kSign, sign));
+    EXPECT_FALSE(verifyText(key.get(), message, Widening::kZero, sign));
+    EXPECT_FALSE(verifyText(key.get(), message, Widening::kSign, zero));
 }
 
 TEST(VerifyText, RefusesADigestInfo) {
     KeyHolder const key = readPublicKeyBlob(vectorFile("key-public.hex"));
     std::string const signature = fromHex(vectorFile("signature-digestinfo.hex")).value();
-    EXPECT_FALSE(verifyText(key.get(), vectorFile("message.txt"), Widening::Zero, signature));
+    EXPECT_FALSE(verifyText(key.get(), vectorFile("message.txt"), Widening::kZero, signature));
 }
 
 TEST(VerifyText, RefusesEveryFlippedBitAndEveryOtherLength) {
@@ -74,13 +74,13 @@ TEST(VerifyText, RefusesEveryFlippedBitAndEveryOtherLength) {
     for (std::size_t bit = 0; bit < good.size() * 8; ++bit) {
         std::string bad = good;
         bad[bit / 8] = static_cast<char>(bad[bit / 8] ^ (1 << (bit % 8)));
-        EXPECT_FALSE(verifyText(key.get(), message, Widening::Zero, bad)) << bit;
+        EXPECT_FALSE(verifyText(key.get(), message, Widening::kZero, bad)) << bit;
     }
     for (std::size_t length = 0; length < good.size(); ++length) {
-        EXPECT_FALSE(verifyText(key.get(), message, Widening::Zero, good.substr(0, length))) << length;
+        EXPECT_FALSE(verifyText(key.get(), message, Widening::kZero, good.substr(0, length))) << length;
     }
-    EXPECT_FALSE(verifyText(key.get(), message, Widening::Zero, good + '\0'));
-    EXPECT_FALSE(verifyText(key.get(), message, Widening::Zero, '\0' + good));
+    EXPECT_FALSE(verifyText(key.get(), message, Widening::kZero, good + '\0'));
+    EXPECT_FALSE(verifyText(key.get(), message, Widening::kZero, '\0' + good));
 }
 
 TEST(VerifyText, RefusesASignatureWithoutItsLeadingZero) {
@@ -89,12 +89,12 @@ TEST(VerifyText, RefusesASignatureWithoutItsLeadingZero) {
     std::string signature;
     for (int tries = 0; tries < 10000 && signature.compare(0, 2, "00") != 0; ++tries) {
         message += 'm';
-        signature = signText(key.get(), message, Widening::Zero);
+        signature = signText(key.get(), message, Widening::kZero);
     }
     std::string const bytes = fromHex(signature).value();
     ASSERT_EQ(bytes[0], '\0') << "no such signature found";
-    EXPECT_TRUE(verifyText(key.get(), message, Widening::Zero, bytes));
-    EXPECT_FALSE(verifyText(key.get(), message, Widening::Zero, bytes.substr(1)));
+    EXPECT_TRUE(verifyText(key.get(), message, Widening::kZero, bytes));
+    EXPECT_FALSE(verifyText(key.get(), message, Widening::kZero, bytes.substr(1)));
 }
 
 TEST(VerifyText, RefusesEveryChangedByteOfTheMessage) {
@@ -104,9 +104,9 @@ TEST(VerifyText, RefusesEveryChangedByteOfTheMessage) {
     for (std::size_t i = 0; i < message.size(); ++i) {
         std::string changed = message;
         changed[i] = static_cast<char>(changed[i] ^ 1);
-        EXPECT_FALSE(verifyText(key.get(), changed, Widening::Zero, good)) << i;
+        EXPECT_FALSE(verifyText(key.get(), changed, Widening::kZero, good)) << i;
     }
-    EXPECT_FALSE(verifyText(key.get(), message + " ", Widening::Zero, good));
+    EXPECT_FALSE(verifyText(key.get(), message + " ", Widening::kZero, good));
 }
 
 TEST(PublicKeyBlob, IsTheOneOfTheCommandLine) {

@@ -37,13 +37,13 @@ protected:
         m_Keys.push_back({"0-1002-big", "other", false, makeSigningKey(1024)});
     }
 
-    [[nodiscard]] EVP_PKEY* serverKey() const { return m_Keys[1].key.get(); }
-    [[nodiscard]] EVP_PKEY* bigKey() const { return m_Keys[3].key.get(); }
+    [[nodiscard]] EVP_PKEY* serverKey() const { return m_Keys[1].m_Key.get(); }
+    [[nodiscard]] EVP_PKEY* bigKey() const { return m_Keys[3].m_Key.get(); }
 
     [[nodiscard]] Calculation of(std::string const& data, std::string const& signature) const {
         return calculate(m_Keys, data, signature, [this](KnownKey const&, std::string const& digest) {
             for (std::string const& text : m_Seen) {
-                if (digest == digestOf(text, Widening::Zero) || digest == digestOf(text, Widening::Sign)) {
+                if (digest == digestOf(text, Widening::kZero) || digest == digestOf(text, Widening::kSign)) {
                     return std::optional<SeenMessage>({text, "what was seen", "/seen"});
                 }
             }
@@ -83,100 +83,101 @@ protected:
 
 std::vector<Finding> findingsOf(Calculation const& result) {
     std::vector<Finding> findings;
-    for (Remark const& remark : result.remarks) {
-        findings.push_back(remark.finding);
+    for (Remark const& remark : result.m_Remarks) {
+        findings.push_back(remark.m_Finding);
     }
     return findings;
 }
 
 std::string textsOf(Calculation const& result) {
     std::string texts;
-    for (Remark const& remark : result.remarks) {
-        texts += remark.text + "\n";
+    for (Remark const& remark : result.m_Remarks) {
+        texts += remark.m_Text + "\n";
     }
     return texts;
 }
 
 /// Where a damage was undone; empty when none was, or more than one thing is wrong with the match.
 std::string repairOf(Calculation const& result) {
-    if (result.right || result.matches.size() != 1 || result.matches[0].keyId != "0-1001-testkey" ||
-        result.matches[0].digested != Digested::ZeroExtended || result.matches[0].wrapping != Wrapping::Bare) {
+    if (result.m_Right || result.m_Matches.size() != 1 || result.m_Matches[0].m_KeyId != "0-1001-testkey" ||
+        result.m_Matches[0].m_Digested != Digested::kZeroExtended ||
+        result.m_Matches[0].m_Wrapping != Wrapping::kBare) {
         return "";
     }
-    EXPECT_THAT(findingsOf(result), Contains(Finding::Damaged));
-    EXPECT_THAT(textsOf(result), HasSubstr("once " + result.matches[0].repair));
-    return result.matches[0].repair;
+    EXPECT_THAT(findingsOf(result), Contains(Finding::kDamaged));
+    EXPECT_THAT(textsOf(result), HasSubstr("once " + result.m_Matches[0].m_Repair));
+    return result.m_Matches[0].m_Repair;
 }
 
 // --- What is right
 
 TEST_F(Calculate, FindsAMerchantsSignatureRight) {
     Calculation const result = of(m_Text, m_Merchant.sign(m_Text));
-    EXPECT_TRUE(result.right);
-    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::Right));
-    ASSERT_TRUE(result.key);
-    EXPECT_EQ(result.key->account, "demo");
-    EXPECT_EQ(result.keyId, "0-1001-testkey");
-    EXPECT_EQ(result.message->find("NOTE"), "Caf\xE9");
-    EXPECT_EQ(result.heldDigest, result.zeroDigest);
-    EXPECT_NE(result.zeroDigest, result.signDigest);
-    ASSERT_EQ(result.matches.size(), 1u);
-    EXPECT_EQ(result.matches[0].digested, Digested::ZeroExtended);
-    EXPECT_EQ(result.matches[0].repair, "");
+    EXPECT_TRUE(result.m_Right);
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kRight));
+    ASSERT_TRUE(result.m_Key);
+    EXPECT_EQ(result.m_Key->m_Account, "demo");
+    EXPECT_EQ(result.m_KeyId, "0-1001-testkey");
+    EXPECT_EQ(result.m_Message->find("NOTE"), "Caf\xE9");
+    EXPECT_EQ(result.m_HeldDigest, result.m_ZeroDigest);
+    EXPECT_NE(result.m_ZeroDigest, result.m_SignDigest);
+    ASSERT_EQ(result.m_Matches.size(), 1u);
+    EXPECT_EQ(result.m_Matches[0].m_Digested, Digested::kZeroExtended);
+    EXPECT_EQ(result.m_Matches[0].m_Repair, "");
     EXPECT_THAT(textsOf(result), HasSubstr("the merchant demo"));
 }
 
 TEST_F(Calculate, FindsTheServicesSignatureRight) {
-    Calculation const result = of(m_Confirm, signText(serverKey(), m_Confirm, Widening::Sign));
-    EXPECT_TRUE(result.right);
-    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::Right));
-    EXPECT_TRUE(result.key->ofService());
-    EXPECT_TRUE(result.key->current);
-    EXPECT_EQ(result.heldDigest, result.signDigest);
+    Calculation const result = of(m_Confirm, signText(serverKey(), m_Confirm, Widening::kSign));
+    EXPECT_TRUE(result.m_Right);
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kRight));
+    EXPECT_TRUE(result.m_Key->ofService());
+    EXPECT_TRUE(result.m_Key->m_Current);
+    EXPECT_EQ(result.m_HeldDigest, result.m_SignDigest);
     EXPECT_THAT(textsOf(result), HasSubstr("this service"));
 }
 
 TEST_F(Calculate, FindsBothRightInPlainAscii) {
-    EXPECT_TRUE(of(m_Plain, m_Merchant.sign(m_Plain)).right);
-    EXPECT_TRUE(of(m_Plain, m_Merchant.sign(m_Plain, true)).right);
+    EXPECT_TRUE(of(m_Plain, m_Merchant.sign(m_Plain)).m_Right);
+    EXPECT_TRUE(of(m_Plain, m_Merchant.sign(m_Plain, true)).m_Right);
     std::string const confirm = "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"1-SERVER-2\"/>";
-    Calculation const result = of(confirm, signText(serverKey(), confirm, Widening::Zero));
-    EXPECT_TRUE(result.right);
-    EXPECT_EQ(result.matches.at(0).digested, Digested::SignExtended);
-    EXPECT_EQ(result.zeroDigest, result.signDigest);
+    Calculation const result = of(confirm, signText(serverKey(), confirm, Widening::kZero));
+    EXPECT_TRUE(result.m_Right);
+    EXPECT_EQ(result.m_Matches.at(0).m_Digested, Digested::kSignExtended);
+    EXPECT_EQ(result.m_ZeroDigest, result.m_SignDigest);
 }
 
 TEST_F(Calculate, GivesTheDigestsOfTheCommandLine) {
     // printf 'a\0\351\0' | sha1sum, and with \351\377
     Calculation const result = of("a\xE9", "");
-    EXPECT_EQ(result.zeroDigest, "2820e15aa1975cd1903b8024868aaa2033d2a2a9");
-    EXPECT_EQ(result.signDigest, "8025c09662631a1993bb93b0acd4e6f06a79067e");
+    EXPECT_EQ(result.m_ZeroDigest, "2820e15aa1975cd1903b8024868aaa2033d2a2a9");
+    EXPECT_EQ(result.m_SignDigest, "8025c09662631a1993bb93b0acd4e6f06a79067e");
 }
 
 TEST_F(Calculate, TellsThatAKeyOfTheServiceIsOld) {
     std::string const text = "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"1-SERVER-1\"/>";
-    Calculation const result = of(text, signText(m_Keys[0].key.get(), text, Widening::Sign));
-    EXPECT_TRUE(result.right);
-    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::KeyOld, Finding::Right));
-    EXPECT_FALSE(result.key->current);
+    Calculation const result = of(text, signText(m_Keys[0].m_Key.get(), text, Widening::kSign));
+    EXPECT_TRUE(result.m_Right);
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kKeyOld, Finding::kRight));
+    EXPECT_FALSE(result.m_Key->m_Current);
 }
 
 // --- What is missing or cannot be read
 
 TEST_F(Calculate, TellsWhatIsMissing) {
-    EXPECT_THAT(findingsOf(of("", "00")), ElementsAre(Finding::DataMissing));
-    EXPECT_THAT(findingsOf(of(m_Text, "")), ElementsAre(Finding::SignatureMissing));
-    EXPECT_EQ(of(m_Text, "").zeroDigest.size(), 40u);
-    EXPECT_EQ(of(m_Text, "").keyId, "0-1001-testkey");
+    EXPECT_THAT(findingsOf(of("", "00")), ElementsAre(Finding::kDataMissing));
+    EXPECT_THAT(findingsOf(of(m_Text, "")), ElementsAre(Finding::kSignatureMissing));
+    EXPECT_EQ(of(m_Text, "").m_ZeroDigest.size(), 40u);
+    EXPECT_EQ(of(m_Text, "").m_KeyId, "0-1001-testkey");
 }
 
 TEST_F(Calculate, TellsThatDataIsNoMessage) {
     for (std::string const data : {"<KVX", "hello", "<KVX MSGTYPE=\"a\" MSGTYPE=\"b\"/>"}) {
         Calculation const result = of(data, m_Merchant.sign(data));
-        EXPECT_THAT(findingsOf(result), ElementsAre(Finding::NoMessage)) << data;
-        EXPECT_FALSE(result.right);
-        EXPECT_FALSE(result.message);
-        EXPECT_EQ(result.matches.size(), 1u);
+        EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kNoMessage)) << data;
+        EXPECT_FALSE(result.m_Right);
+        EXPECT_FALSE(result.m_Message);
+        EXPECT_EQ(result.m_Matches.size(), 1u);
     }
     std::string const withZero("<KVX MSGTYPE=\"a\"/>\0", 19);
     EXPECT_THAT(textsOf(of(withZero, m_Merchant.sign(withZero))), HasSubstr("zero byte"));
@@ -185,25 +186,25 @@ TEST_F(Calculate, TellsThatDataIsNoMessage) {
 TEST_F(Calculate, TellsThatNoKeyIsNamed) {
     std::string const text = "<KVX MSGTYPE=\"PayInit\"/>";
     Calculation const result = of(text, m_Merchant.sign(text));
-    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::KeyIdMissing));
-    EXPECT_FALSE(result.right);
-    EXPECT_EQ(result.matches.at(0).keyId, "0-1001-testkey");
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kKeyIdMissing));
+    EXPECT_FALSE(result.m_Right);
+    EXPECT_EQ(result.m_Matches.at(0).m_KeyId, "0-1001-testkey");
 }
 
 TEST_F(Calculate, TellsThatTheKeyIsUnknown) {
     std::string const text = "<KVX MSGTYPE=\"PayInit\" KEYID=\"nobody\"/>";
     Calculation const result = of(text, TestMerchant("nobody").sign(text));
-    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::KeyUnknown, Finding::NothingFits));
-    EXPECT_FALSE(result.key);
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kKeyUnknown, Finding::kNothingFits));
+    EXPECT_FALSE(result.m_Key);
     EXPECT_THAT(textsOf(result), HasSubstr("none of the 4 keys"));
 }
 
 TEST_F(Calculate, TellsThatSignatureIsNotHexadecimal) {
     Calculation const odd = of(m_Text, m_Merchant.sign(m_Text).substr(1));
-    EXPECT_THAT(findingsOf(odd), ElementsAre(Finding::NotHexadecimal));
+    EXPECT_THAT(findingsOf(odd), ElementsAre(Finding::kNotHexadecimal));
     EXPECT_THAT(textsOf(odd), HasSubstr("127 hexadecimal digits"));
     Calculation const foreign = of(m_Text, "0x12");
-    EXPECT_THAT(findingsOf(foreign), ElementsAre(Finding::NotHexadecimal));
+    EXPECT_THAT(findingsOf(foreign), ElementsAre(Finding::kNotHexadecimal));
     EXPECT_THAT(textsOf(foreign), HasSubstr("character number 2"));
 }
 
@@ -216,19 +217,19 @@ TEST_F(Calculate, TellsUpperCase) {
     }
     ASSERT_NE(upper, m_Merchant.sign(m_Text));
     Calculation const result = of(m_Text, upper);
-    EXPECT_FALSE(result.right);
-    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::UpperCase));
-    EXPECT_EQ(result.matches.size(), 1u);
-    EXPECT_EQ(result.heldDigest, result.zeroDigest);
+    EXPECT_FALSE(result.m_Right);
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kUpperCase));
+    EXPECT_EQ(result.m_Matches.size(), 1u);
+    EXPECT_EQ(result.m_HeldDigest, result.m_ZeroDigest);
 }
 
 TEST_F(Calculate, TellsAWrongLength) {
     Calculation const cut = of(m_Text, m_Merchant.sign(m_Text).substr(0, 126));
-    EXPECT_THAT(findingsOf(cut), ElementsAre(Finding::WrongLength, Finding::Unreadable, Finding::NothingFits));
+    EXPECT_THAT(findingsOf(cut), ElementsAre(Finding::kWrongLength, Finding::kUnreadable, Finding::kNothingFits));
     EXPECT_THAT(textsOf(cut), HasSubstr("63 bytes, but the key '0-1001-testkey' of 512 bits makes signatures of 64"));
     Calculation const longer = of(m_Text, m_Merchant.sign(m_Text) + "00");
-    EXPECT_THAT(findingsOf(longer), ElementsAre(Finding::WrongLength, Finding::NothingFits));
-    EXPECT_EQ(longer.heldDigest, "");
+    EXPECT_THAT(findingsOf(longer), ElementsAre(Finding::kWrongLength, Finding::kNothingFits));
+    EXPECT_EQ(longer.m_HeldDigest, "");
 }
 
 TEST_F(Calculate, FindsLostZeroBytesBeforeTheSignature) {
@@ -239,11 +240,11 @@ TEST_F(Calculate, FindsLostZeroBytesBeforeTheSignature) {
         signature = m_Merchant.sign(text);
     }
     ASSERT_EQ(signature.compare(0, 2, "00"), 0) << "no such signature found";
-    EXPECT_TRUE(of(text, signature).right);
+    EXPECT_TRUE(of(text, signature).m_Right);
     Calculation const result = of(text, signature.substr(2));
-    EXPECT_FALSE(result.right);
-    EXPECT_THAT(findingsOf(result), Each(Finding::WrongLength));
-    EXPECT_TRUE(result.matches.at(0).zerosLost);
+    EXPECT_FALSE(result.m_Right);
+    EXPECT_THAT(findingsOf(result), Each(Finding::kWrongLength));
+    EXPECT_TRUE(result.m_Matches.at(0).m_ZerosLost);
     EXPECT_THAT(textsOf(result), HasSubstr("zero bytes missing before SIGNATURE"));
 }
 
@@ -251,31 +252,32 @@ TEST_F(Calculate, TellsAChangedSignature) {
     std::string signature = m_Merchant.sign(m_Text);
     signature.back() = signature.back() == '0' ? '1' : '0';
     Calculation const result = of(m_Text, signature);
-    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::Unreadable, Finding::NothingFits));
-    EXPECT_EQ(result.heldDigest, "");
-    EXPECT_THAT(result.matches, IsEmpty());
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kUnreadable, Finding::kNothingFits));
+    EXPECT_EQ(result.m_HeldDigest, "");
+    EXPECT_THAT(result.m_Matches, IsEmpty());
 }
 
 TEST_F(Calculate, TellsThatSomethingElseWasSigned) {
     Calculation const result = of(m_Text, m_Merchant.sign("something else"));
-    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::OtherDigest, Finding::NothingFits));
-    EXPECT_EQ(result.heldDigest, toHex(digestOf("something else", Widening::Zero)));
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kOtherDigest, Finding::kNothingFits));
+    EXPECT_EQ(result.m_HeldDigest, toHex(digestOf("something else", Widening::kZero)));
 }
 
 TEST_F(Calculate, TellsADigestInfo) {
-    std::string const wrapped = fromHex("3021300906052b0e03021a05000414").value() + digestOf(m_BigText, Widening::Zero);
+    std::string const wrapped =
+        fromHex("3021300906052b0e03021a05000414").value() + digestOf(m_BigText, Widening::kZero);
     Calculation const result = of(m_BigText, signBlock(wrapped, RSA_PKCS1_PADDING));
-    EXPECT_FALSE(result.right);
-    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::WrongWrapping));
-    EXPECT_EQ(result.matches.at(0).wrapping, Wrapping::DigestInfo);
-    EXPECT_EQ(result.heldDigest, result.zeroDigest);
+    EXPECT_FALSE(result.m_Right);
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kWrongWrapping));
+    EXPECT_EQ(result.m_Matches.at(0).m_Wrapping, Wrapping::kDigestInfo);
+    EXPECT_EQ(result.m_HeldDigest, result.m_ZeroDigest);
     EXPECT_THAT(textsOf(result), HasSubstr("35 bytes"));
 }
 
 TEST_F(Calculate, TellsOtherContent) {
     Calculation const result = of(m_BigText, signBlock(std::string(32, 'x'), RSA_PKCS1_PADDING));
-    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::WrongWrapping, Finding::NothingFits));
-    EXPECT_EQ(result.heldDigest, toHex(std::string(32, 'x')));
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kWrongWrapping, Finding::kNothingFits));
+    EXPECT_EQ(result.m_HeldDigest, toHex(std::string(32, 'x')));
     EXPECT_THAT(textsOf(result), HasSubstr("32 bytes"));
     // As long as a DigestInfo, but none.
     EXPECT_THAT(textsOf(of(m_BigText, signBlock(std::string(35, 'x'), RSA_PKCS1_PADDING))),
@@ -283,21 +285,21 @@ TEST_F(Calculate, TellsOtherContent) {
 }
 
 TEST_F(Calculate, TellsForeignPadding) {
-    std::string const digest = digestOf(m_BigText, Widening::Zero);
+    std::string const digest = digestOf(m_BigText, Widening::kZero);
     Calculation const unpadded = of(m_BigText, signBlock(std::string(108, '\0') + digest, RSA_NO_PADDING));
-    EXPECT_THAT(findingsOf(unpadded), ElementsAre(Finding::WrongWrapping));
-    EXPECT_EQ(unpadded.matches.at(0).wrapping, Wrapping::Unpadded);
-    EXPECT_EQ(unpadded.heldDigest, unpadded.zeroDigest);
+    EXPECT_THAT(findingsOf(unpadded), ElementsAre(Finding::kWrongWrapping));
+    EXPECT_EQ(unpadded.m_Matches.at(0).m_Wrapping, Wrapping::kUnpadded);
+    EXPECT_EQ(unpadded.m_HeldDigest, unpadded.m_ZeroDigest);
     Calculation const pss = of(m_BigText, signBlock(digest, RSA_PKCS1_PSS_PADDING));
-    EXPECT_THAT(findingsOf(pss), ElementsAre(Finding::WrongWrapping));
-    EXPECT_EQ(pss.matches.at(0).wrapping, Wrapping::Pss);
+    EXPECT_THAT(findingsOf(pss), ElementsAre(Finding::kWrongWrapping));
+    EXPECT_EQ(pss.m_Matches.at(0).m_Wrapping, Wrapping::kPss);
     EXPECT_THAT(textsOf(pss), HasSubstr("PSS"));
     Calculation const encryption =
         of(m_BigText, signBlock(std::string("\0\2", 2) + std::string(105, 'p') + '\0' + digest, RSA_NO_PADDING));
-    EXPECT_THAT(findingsOf(encryption), ElementsAre(Finding::WrongWrapping, Finding::NothingFits));
+    EXPECT_THAT(findingsOf(encryption), ElementsAre(Finding::kWrongWrapping, Finding::kNothingFits));
     EXPECT_THAT(textsOf(encryption), HasSubstr("type 2"));
     for (Calculation const& result : {unpadded, pss, encryption}) {
-        EXPECT_FALSE(result.right);
+        EXPECT_FALSE(result.m_Right);
     }
 }
 
@@ -305,14 +307,14 @@ TEST_F(Calculate, TellsForeignPadding) {
 
 TEST_F(Calculate, TellsTheWrongWidening) {
     Calculation const merchant = of(m_Text, m_Merchant.sign(m_Text, true));
-    EXPECT_FALSE(merchant.right);
-    EXPECT_THAT(findingsOf(merchant), ElementsAre(Finding::OtherDigest, Finding::WrongWidening));
-    EXPECT_EQ(merchant.matches.at(0).digested, Digested::SignExtended);
-    EXPECT_EQ(merchant.heldDigest, merchant.signDigest);
-    Calculation const service = of(m_Confirm, signText(serverKey(), m_Confirm, Widening::Zero));
-    EXPECT_FALSE(service.right);
-    EXPECT_THAT(findingsOf(service), ElementsAre(Finding::OtherDigest, Finding::WrongWidening));
-    EXPECT_EQ(service.matches.at(0).digested, Digested::ZeroExtended);
+    EXPECT_FALSE(merchant.m_Right);
+    EXPECT_THAT(findingsOf(merchant), ElementsAre(Finding::kOtherDigest, Finding::kWrongWidening));
+    EXPECT_EQ(merchant.m_Matches.at(0).m_Digested, Digested::kSignExtended);
+    EXPECT_EQ(merchant.m_HeldDigest, merchant.m_SignDigest);
+    Calculation const service = of(m_Confirm, signText(serverKey(), m_Confirm, Widening::kZero));
+    EXPECT_FALSE(service.m_Right);
+    EXPECT_THAT(findingsOf(service), ElementsAre(Finding::kOtherDigest, Finding::kWrongWidening));
+    EXPECT_EQ(service.m_Matches.at(0).m_Digested, Digested::kZeroExtended);
 }
 
 TEST_F(Calculate, TellsThatBytesWereNotWidened) {
@@ -320,40 +322,40 @@ TEST_F(Calculate, TellsThatBytesWereNotWidened) {
     EVP_Digest(m_BigText.data(), m_BigText.size(), reinterpret_cast<unsigned char*>(digest.data()), nullptr, EVP_sha1(),
                nullptr);
     Calculation const result = of(m_BigText, signBlock(digest, RSA_PKCS1_PADDING));
-    EXPECT_FALSE(result.right);
-    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::OtherDigest, Finding::WrongWidening));
-    EXPECT_EQ(result.matches.at(0).digested, Digested::Bytes);
+    EXPECT_FALSE(result.m_Right);
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kOtherDigest, Finding::kWrongWidening));
+    EXPECT_EQ(result.m_Matches.at(0).m_Digested, Digested::kBytes);
 }
 
 TEST_F(Calculate, FindsTheKeyThatDidSign) {
-    std::string const server = signText(serverKey(), m_Text, Widening::Sign);
+    std::string const server = signText(serverKey(), m_Text, Widening::kSign);
     Calculation const result = of(m_Text, server);
-    EXPECT_FALSE(result.right);
-    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::Unreadable, Finding::WrongKey));
-    EXPECT_EQ(result.matches.at(0).keyId, "1-SERVER-2");
-    EXPECT_EQ(result.matches.at(0).account, "");
+    EXPECT_FALSE(result.m_Right);
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kUnreadable, Finding::kWrongKey));
+    EXPECT_EQ(result.m_Matches.at(0).m_KeyId, "1-SERVER-2");
+    EXPECT_EQ(result.m_Matches.at(0).m_Account, "");
     EXPECT_THAT(textsOf(result), HasSubstr("'1-SERVER-2' of this service"));
     Calculation const merchant = of(m_Confirm, m_Merchant.sign(m_Confirm));
-    EXPECT_THAT(findingsOf(merchant), ElementsAre(Finding::Unreadable, Finding::WrongKey));
-    EXPECT_EQ(merchant.matches.at(0).account, "demo");
+    EXPECT_THAT(findingsOf(merchant), ElementsAre(Finding::kUnreadable, Finding::kWrongKey));
+    EXPECT_EQ(merchant.m_Matches.at(0).m_Account, "demo");
     // A key of another size.
-    Calculation const big = of(m_Text, signText(bigKey(), m_Text, Widening::Zero));
-    EXPECT_THAT(findingsOf(big), ElementsAre(Finding::WrongLength, Finding::WrongKey));
-    EXPECT_EQ(big.matches.at(0).keyId, "0-1002-big");
+    Calculation const big = of(m_Text, signText(bigKey(), m_Text, Widening::kZero));
+    EXPECT_THAT(findingsOf(big), ElementsAre(Finding::kWrongLength, Finding::kWrongKey));
+    EXPECT_EQ(big.m_Matches.at(0).m_KeyId, "0-1002-big");
 }
 
 TEST_F(Calculate, FindsTheKeyOfAMessageWithAnUnknownOne) {
     std::string const text = "<KVX MSGTYPE=\"PayInit\" KEYID=\"nobody\"/>";
     Calculation const result = of(text, m_Merchant.sign(text));
-    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::KeyUnknown, Finding::WrongKey));
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kKeyUnknown, Finding::kWrongKey));
 }
 
 TEST_F(Calculate, PrefersTheNamedKeyAmongSeveral) {
-    m_Keys.push_back({"0-1003-copy", "copycat", false, m_Keys[2].key});
+    m_Keys.push_back({"0-1003-copy", "copycat", false, m_Keys[2].m_Key});
     std::string const text = "<KVX MSGTYPE=\"PayInit\" KEYID=\"0-1003-copy\"/>";
     Calculation const result = of(text, m_Merchant.sign(text));
-    EXPECT_TRUE(result.right);
-    EXPECT_EQ(result.matches.size(), 2u);
+    EXPECT_TRUE(result.m_Right);
+    EXPECT_EQ(result.m_Matches.size(), 2u);
     EXPECT_THAT(textsOf(result), HasSubstr("copycat"));
 }
 
@@ -362,9 +364,9 @@ TEST_F(Calculate, PrefersTheNamedKeyAmongSeveral) {
 /// The differences as "NAME: signed, pasted", with "-" for what is missing.
 std::vector<std::string> differencesOf(Calculation const& result) {
     std::vector<std::string> texts;
-    for (Difference const& difference : result.original.value().differences) {
-        texts.push_back(difference.name + ": " + difference.inSigned.value_or("-") + ", " +
-                        difference.inData.value_or("-"));
+    for (Difference const& difference : result.m_Original.value().m_Differences) {
+        texts.push_back(difference.m_Name + ": " + difference.m_InSigned.value_or("-") + ", " +
+                        difference.m_InData.value_or("-"));
     }
     return texts;
 }
@@ -376,14 +378,14 @@ TEST_F(Calculate, NamesTheAttributeThatWasChanged) {
     m_Seen = {m_Text, kOrdered};
     std::string const sent = sandbox::replaceAll(kOrdered, "19.90", "29.90");
     Calculation const result = of(sent, m_Merchant.sign(kOrdered));
-    EXPECT_FALSE(result.right);
-    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::OtherDigest, Finding::OtherMessage, Finding::OtherMessage));
+    EXPECT_FALSE(result.m_Right);
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kOtherDigest, Finding::kOtherMessage, Finding::kOtherMessage));
     EXPECT_THAT(textsOf(result),
                 HasSubstr("SIGNATURE is that of another message, which was seen here: what was seen. It was made under "
                           "the key '0-1001-testkey' of the merchant demo."));
     EXPECT_THAT(textsOf(result), HasSubstr("DATA differs from it in: AMOUNT."));
-    EXPECT_EQ(result.original.value().seen.text, kOrdered);
-    EXPECT_EQ(result.original->seen.page, "/seen");
+    EXPECT_EQ(result.m_Original.value().m_Seen.m_Text, kOrdered);
+    EXPECT_EQ(result.m_Original->m_Seen.m_Page, "/seen");
     EXPECT_THAT(differencesOf(result), ElementsAre("AMOUNT: 19.90, 29.90"));
 }
 
@@ -400,8 +402,8 @@ TEST_F(Calculate, NamesAttributesThatWereAddedOrLost) {
 TEST_F(Calculate, TellsWhatDiffersWithoutAnotherAttribute) {
     m_Seen = {kOrdered};
     struct Row {
-        char const* sent;
-        char const* difference;
+        char const* m_Sent;
+        char const* m_Difference;
     };
     for (
         Row const& row : {
@@ -416,50 +418,52 @@ TEST_F(Calculate, TellsWhatDiffersWithoutAnotherAttribute) {
             Row{R"(<KVX MSGTYPE="PayInit" KEYID="0-1001-testkey" AMOUNT="19.90" NOTE="&lt;a b&gt;" ORDERID="A-17"></KVX>)",
                 "only the way of writing differs"},
         }) {
-        Calculation const result = of(row.sent, m_Merchant.sign(kOrdered));
-        EXPECT_THAT(findingsOf(result), ElementsAre(Finding::OtherDigest, Finding::OtherMessage, Finding::OtherMessage))
-            << row.sent;
+        Calculation const result = of(row.m_Sent, m_Merchant.sign(kOrdered));
+        EXPECT_THAT(findingsOf(result),
+                    ElementsAre(Finding::kOtherDigest, Finding::kOtherMessage, Finding::kOtherMessage))
+            << row.m_Sent;
         EXPECT_THAT(textsOf(result),
-                    HasSubstr(std::string("No attribute of it was changed, added or lost: ") + row.difference))
-            << row.sent;
-        EXPECT_THAT(differencesOf(result), IsEmpty()) << row.sent;
+                    HasSubstr(std::string("No attribute of it was changed, added or lost: ") + row.m_Difference))
+            << row.m_Sent;
+        EXPECT_THAT(differencesOf(result), IsEmpty()) << row.m_Sent;
     }
 }
 
 TEST_F(Calculate, TellsWhichKeyAndWideningTheOtherMessageHas) {
     m_Seen = {m_Confirm, m_Text};
     std::string const otherNote = sandbox::replaceAll(m_Confirm, "Caf", "Tea");
-    Calculation const confirm = of(otherNote, signText(serverKey(), m_Confirm, Widening::Sign));
-    EXPECT_THAT(findingsOf(confirm), ElementsAre(Finding::OtherDigest, Finding::OtherMessage, Finding::OtherMessage));
+    Calculation const confirm = of(otherNote, signText(serverKey(), m_Confirm, Widening::kSign));
+    EXPECT_THAT(findingsOf(confirm),
+                ElementsAre(Finding::kOtherDigest, Finding::kOtherMessage, Finding::kOtherMessage));
     EXPECT_THAT(textsOf(confirm), HasSubstr("under the key '1-SERVER-2' of this service."));
     EXPECT_THAT(differencesOf(confirm), ElementsAre("NOTE: Caf\xE9, Tea\xE9"));
     Calculation const widened = of(m_Plain, m_Merchant.sign(m_Text, true));
-    EXPECT_THAT(findingsOf(widened), ElementsAre(Finding::OtherDigest, Finding::OtherMessage, Finding::OtherMessage,
-                                                 Finding::WrongWidening));
+    EXPECT_THAT(findingsOf(widened), ElementsAre(Finding::kOtherDigest, Finding::kOtherMessage, Finding::kOtherMessage,
+                                                 Finding::kWrongWidening));
     EXPECT_THAT(textsOf(widened), HasSubstr("What was signed is that message with its bytes sign-extended"));
     std::string const otherKey = sandbox::replaceAll(m_Text, "0-1001-testkey", "1-SERVER-2");
     Calculation const named = of(otherKey, m_Merchant.sign(m_Text));
     EXPECT_THAT(findingsOf(named),
-                ElementsAre(Finding::Unreadable, Finding::OtherMessage, Finding::OtherMessage, Finding::WrongKey));
+                ElementsAre(Finding::kUnreadable, Finding::kOtherMessage, Finding::kOtherMessage, Finding::kWrongKey));
     EXPECT_THAT(differencesOf(named), ElementsAre("KEYID: 0-1001-testkey, 1-SERVER-2"));
 }
 
 TEST_F(Calculate, ShowsTheOtherMessageWhenItCannotBeCompared) {
     m_Seen = {kOrdered, "<KVX"};
     Calculation const cut = of(std::string(kOrdered).substr(0, 40), m_Merchant.sign(kOrdered));
-    EXPECT_THAT(findingsOf(cut), ElementsAre(Finding::NoMessage, Finding::OtherMessage, Finding::OtherMessage));
+    EXPECT_THAT(findingsOf(cut), ElementsAre(Finding::kNoMessage, Finding::kOtherMessage, Finding::kOtherMessage));
     EXPECT_THAT(textsOf(cut), HasSubstr("cannot be told by attributes"));
-    EXPECT_EQ(cut.original.value().seen.text, kOrdered);
+    EXPECT_EQ(cut.m_Original.value().m_Seen.m_Text, kOrdered);
     EXPECT_THAT(textsOf(of(kOrdered, m_Merchant.sign("<KVX"))), HasSubstr("cannot be told by attributes"));
 }
 
 TEST_F(Calculate, AsksForTheOtherMessageOnlyWhenNothingFits) {
     m_Seen = {kOrdered};
-    EXPECT_FALSE(of(kOrdered, m_Merchant.sign(kOrdered)).original);
-    EXPECT_FALSE(of(std::string(kOrdered) + "\n", m_Merchant.sign(kOrdered)).original);
+    EXPECT_FALSE(of(kOrdered, m_Merchant.sign(kOrdered)).m_Original);
+    EXPECT_FALSE(of(std::string(kOrdered) + "\n", m_Merchant.sign(kOrdered)).m_Original);
     Calculation const unseen = of(kOrdered, m_Merchant.sign(m_Text));
-    EXPECT_FALSE(unseen.original);
-    EXPECT_THAT(findingsOf(unseen), ElementsAre(Finding::OtherDigest, Finding::NothingFits));
+    EXPECT_FALSE(unseen.m_Original);
+    EXPECT_THAT(findingsOf(unseen), ElementsAre(Finding::kOtherDigest, Finding::kNothingFits));
     EXPECT_THAT(textsOf(unseen), HasSubstr("Nor is it that of another message which was seen here"));
     EXPECT_THAT(textsOf(of(kOrdered, TestMerchant("nobody").sign(kOrdered))), Not(HasSubstr("Nor is it")));
 }
@@ -468,7 +472,7 @@ TEST_F(Calculate, PrefersTheNamedKeyForTheOtherMessageToo) {
     m_Keys.push_back({"0-1003-copy", "copycat", false, readPublicKeyBlob(m_Merchant.blob())});
     m_Seen = {sandbox::replaceAll(kOrdered, "0-1001-testkey", "0-1003-copy")};
     Calculation const result = of(sandbox::replaceAll(m_Seen[0], "19.90", "29.90"), m_Merchant.sign(m_Seen[0]));
-    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::OtherDigest, Finding::OtherMessage, Finding::OtherMessage));
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kOtherDigest, Finding::kOtherMessage, Finding::kOtherMessage));
     EXPECT_THAT(textsOf(result), HasSubstr("'0-1003-copy' of the merchant copycat"));
 }
 
@@ -477,10 +481,10 @@ TEST_F(Calculate, PrefersTheNamedKeyForTheOtherMessageToo) {
 TEST_F(Calculate, UndoesEachDamage) {
     std::string const head = "<KVX MSGTYPE=\"PayInit\" KEYID=\"0-1001-testkey\" NOTE=\"";
     struct Row {
-        char const* name;
-        std::string signedText;
-        std::string sent;
-        char const* repair;
+        char const* m_Name;
+        std::string m_SignedText;
+        std::string m_Sent;
+        char const* m_Repair;
     };
     for (Row const& row : {
              Row{"a blank became +", head + "a b\"/>",
@@ -515,28 +519,28 @@ TEST_F(Calculate, UndoesEachDamage) {
              {"UTF-8 became Latin-1", head + "Caf\xC3\xA9 \xC3\xBF\"/>", head + "Caf\xE9 \xFF\"/>",
               "from Latin-1 to UTF-8"},
          }) {
-        EXPECT_THAT(repairOf(afterDamage(row.signedText, row.sent)), HasSubstr(row.repair)) << row.name;
-        EXPECT_TRUE(of(row.signedText, m_Merchant.sign(row.signedText)).right) << row.name;
+        EXPECT_THAT(repairOf(afterDamage(row.m_SignedText, row.m_Sent)), HasSubstr(row.m_Repair)) << row.m_Name;
+        EXPECT_TRUE(of(row.m_SignedText, m_Merchant.sign(row.m_SignedText)).m_Right) << row.m_Name;
     }
 }
 
 TEST_F(Calculate, TellsDamageAndWrongKeyTogether) {
-    Calculation const result = of(m_Text + "\n", signText(serverKey(), m_Text, Widening::Sign));
-    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::Unreadable, Finding::Damaged, Finding::WrongKey));
-    EXPECT_EQ(result.matches.at(0).keyId, "1-SERVER-2");
+    Calculation const result = of(m_Text + "\n", signText(serverKey(), m_Text, Widening::kSign));
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kUnreadable, Finding::kDamaged, Finding::kWrongKey));
+    EXPECT_EQ(result.m_Matches.at(0).m_KeyId, "1-SERVER-2");
 }
 
 TEST_F(Calculate, DoesNotUndoWhatIsRight) {
     // The message is right as it is, so no repair of it is looked at.
     std::string const text = "<KVX MSGTYPE=\"PayInit\" KEYID=\"0-1001-testkey\" NOTE=\"a+b%20&amp;amp;\"/>\n";
     Calculation const result = of(text, m_Merchant.sign(text));
-    EXPECT_TRUE(result.right);
-    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::Right));
+    EXPECT_TRUE(result.m_Right);
+    EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kRight));
 }
 
 TEST(Repairs, LeaveOutWhatChangesNothing) {
     for (Repair const& repair : repairs("<KVX/>")) {
-        EXPECT_NE(repair.text, "<KVX/>") << repair.description;
+        EXPECT_NE(repair.m_Text, "<KVX/>") << repair.m_Description;
     }
     EXPECT_EQ(repairs("<KVX/>").size(), 2u);  // both put a line end behind it
 }
@@ -559,14 +563,14 @@ TEST(Repairs, TakeNoLongerForManyDamagesThanForOne) {
 // --- What people paste
 
 std::string shown(SignedTexts const& texts) {
-    return texts.data + "|" + texts.signature;
+    return texts.m_Data + "|" + texts.m_Signature;
 }
 
 TEST(ReadPasted, TakesDataInEveryForm) {
     struct Row {
-        char const* data;
-        char const* signature;
-        char const* result;
+        char const* m_Data;
+        char const* m_Signature;
+        char const* m_Result;
     };
     for (Row const& row : {
              Row{"<KVX A=\"%20+\"/>", "00ff", "<KVX A=\"%20+\"/>|00ff"},
@@ -587,15 +591,15 @@ TEST(ReadPasted, TakesDataInEveryForm) {
              {" \r\n", "", "|"},
              {"<KVX NOTE=\"http://x/?DATA=a\"/>", "", "<KVX NOTE=\"http://x/?DATA=a\"/>|"},
          }) {
-        EXPECT_EQ(shown(readPasted(row.data, row.signature)), row.result) << row.data;
+        EXPECT_EQ(shown(readPasted(row.m_Data, row.m_Signature)), row.m_Result) << row.m_Data;
     }
 }
 
 TEST(ReadPasted, RefusesWhatIsAmbiguousOrBroken) {
     struct Row {
-        char const* data;
-        char const* signature;
-        char const* reason;
+        char const* m_Data;
+        char const* m_Signature;
+        char const* m_Reason;
     };
     for (Row const& row : {
              Row{"%3", "", "not well-formed percent-encoding"},
@@ -606,10 +610,10 @@ TEST(ReadPasted, RefusesWhatIsAmbiguousOrBroken) {
              {"?DATA=a&SIGNATURE=00", "01", "the two differ"},
          }) {
         try {
-            readPasted(row.data, row.signature);
-            ADD_FAILURE() << row.data;
+            readPasted(row.m_Data, row.m_Signature);
+            ADD_FAILURE() << row.m_Data;
         } catch (Refusal const& refusal) {
-            EXPECT_THAT(refusal.what(), HasSubstr(row.reason)) << row.data;
+            EXPECT_THAT(refusal.what(), HasSubstr(row.m_Reason)) << row.m_Data;
         }
     }
 }

@@ -41,10 +41,10 @@ protected:
     /// The page at `target`, which must have this status.
     [[nodiscard]] PageReader open(std::string const& target, int status = 200) const {
         RawAnswer const answer = ask(bareRequest("GET", target));
-        EXPECT_EQ(answer.status, status) << target;
-        EXPECT_EQ(answer.headers.at("content-type"), "text/html; charset=utf-8") << target;
-        EXPECT_TRUE(isCleanUtf8(answer.body)) << target;
-        return PageReader(answer.body);
+        EXPECT_EQ(answer.m_Status, status) << target;
+        EXPECT_EQ(answer.m_Headers.at("content-type"), "text/html; charset=utf-8") << target;
+        EXPECT_TRUE(isCleanUtf8(answer.m_Body)) << target;
+        return PageReader(answer.m_Body);
     }
 
     [[nodiscard]] RawAnswer submit(std::string const& target, Fields const& fields) const {
@@ -68,7 +68,7 @@ protected:
                                                    "\" AMOUNT=\"" + kNasty + "\" EXPIRATION=\"20991231 23:59:59\""));
     }
 
-    [[nodiscard]] std::string onlyPayment() const { return m_Service->payments().at(0).id; }
+    [[nodiscard]] std::string onlyPayment() const { return m_Service->payments().at(0).m_Id; }
 };
 
 std::string tableRow(std::string const& section, int row) {
@@ -82,12 +82,12 @@ protected:
     EveryDashboardPage() {
         askCapture(authorise("t1"));
         openNastyPayment();
-        EXPECT_EQ(openPage(std::string("<KVX MSGTYPE=\"PayInit\" KEYID=\"\xFF\"/>")).status, 400);
+        EXPECT_EQ(openPage(std::string("<KVX MSGTYPE=\"PayInit\" KEYID=\"\xFF\"/>")).m_Status, 400);
         m_Service->arm(sandbox::parseFault("error,exchange=setup,times=always,text=<b>\xE9"));
         m_Pages = {"/",
                    "/?live=1",
-                   "/payment?id=" + m_Service->payments().at(0).id,
-                   "/payment?id=" + m_Service->payments().at(1).id,
+                   "/payment?id=" + m_Service->payments().at(0).m_Id,
+                   "/payment?id=" + m_Service->payments().at(1).m_Id,
                    "/faults",
                    "/keys",
                    "/calculator",
@@ -156,17 +156,17 @@ TEST_F(EveryDashboardPage, LinksToPagesThatAreThere) {
     }
     EXPECT_GE(targets.size(), m_Pages.size());
     for (std::string const& target : targets) {
-        EXPECT_EQ(ask(bareRequest("GET", target)).status, 200) << target;
+        EXPECT_EQ(ask(bareRequest("GET", target)).m_Status, 200) << target;
     }
 }
 
 TEST_F(EveryDashboardPage, IsForNamesOfThisMachineOnly) {
     for (std::string const& target : m_Pages) {
         RawAnswer const answer = ask(bareRequest("GET", target, "evil.example"));
-        EXPECT_EQ(answer.status, 403) << target;
-        EXPECT_THAT(PageReader(answer.body).text("//main/p[@role='alert']"), HasSubstr("evil.example"));
-        EXPECT_THAT(answer.body, Not(HasSubstr(formKey())));
-        EXPECT_EQ(ask(bareRequest("GET", target, "localhost:1")).status, 200) << target;
+        EXPECT_EQ(answer.m_Status, 403) << target;
+        EXPECT_THAT(PageReader(answer.m_Body).text("//main/p[@role='alert']"), HasSubstr("evil.example"));
+        EXPECT_THAT(answer.m_Body, Not(HasSubstr(formKey())));
+        EXPECT_EQ(ask(bareRequest("GET", target, "localhost:1")).m_Status, 200) << target;
     }
 }
 
@@ -185,9 +185,9 @@ TEST_F(Dashboard, RefusesOtherMethods) {
                 continue;
             }
             RawAnswer const answer = ask(bareRequest(method, path));
-            EXPECT_EQ(answer.status, 405) << method << path;
-            EXPECT_EQ(answer.headers.at("allow"), allowed) << path;
-            EXPECT_THAT(PageReader(answer.body).text("//main/p"), HasSubstr(method));
+            EXPECT_EQ(answer.m_Status, 405) << method << path;
+            EXPECT_EQ(answer.m_Headers.at("allow"), allowed) << path;
+            EXPECT_THAT(PageReader(answer.m_Body).text("//main/p"), HasSubstr(method));
         }
     }
 }
@@ -196,8 +196,8 @@ TEST_F(Dashboard, RefusesOtherMethods) {
 
 TEST_F(Dashboard, TellsHowToSetAMerchantUp) {
     sandbox::Options all = options();
-    all.tls = true;
-    all.proxy = true;
+    all.m_Tls = true;
+    all.m_Proxy = true;
     restart(all);
     PageReader const page = open("/");
     std::vector<std::string> const values = page.texts("//section[@aria-labelledby='set-up']//dd");
@@ -221,10 +221,10 @@ TEST_F(Dashboard, ShowsPaymentsNewestFirst) {
     PageReader const page = open("/");
     std::vector<sandbox::Payment> const payments = m_Service->payments();
     EXPECT_THAT(page.texts(tableRow("payments", 1)),
-                ElementsAre(payments.at(1).id, "2023-11-14T22:14:20Z", "not given", "not given", "demo", "opened"));
+                ElementsAre(payments.at(1).m_Id, "2023-11-14T22:14:20Z", "not given", "not given", "demo", "opened"));
     EXPECT_THAT(page.texts(tableRow("payments", 2)),
-                ElementsAre(payments.at(0).id, "2023-11-14T22:13:20Z", "A-17", "12.50 EUR", "demo", "authorised"));
-    EXPECT_EQ(page.text(tableRow("payments", 1) + "/a/@href"), "/payment?id=" + payments.at(1).id);
+                ElementsAre(payments.at(0).m_Id, "2023-11-14T22:13:20Z", "A-17", "12.50 EUR", "demo", "authorised"));
+    EXPECT_EQ(page.text(tableRow("payments", 1) + "/a/@href"), "/payment?id=" + payments.at(1).m_Id);
 }
 
 TEST_F(Dashboard, ShowsAsManyPaymentsAsCanBeRead) {
@@ -233,7 +233,7 @@ TEST_F(Dashboard, ShowsAsManyPaymentsAsCanBeRead) {
     }
     PageReader const page = open("/");
     EXPECT_EQ(page.count("//section[@aria-labelledby='payments']//tbody/tr"), 100u);
-    EXPECT_EQ(page.text(tableRow("payments", 1) + "[1]"), m_Service->payments().back().id);
+    EXPECT_EQ(page.text(tableRow("payments", 1) + "[1]"), m_Service->payments().back().m_Id);
     EXPECT_THAT(page.text("//section[@aria-labelledby='payments']/p"), HasSubstr("100 of 101"));
 }
 
@@ -251,7 +251,7 @@ TEST_F(Dashboard, ShowsTheNewestExchanges) {
     EXPECT_EQ(page.text(tableRow("exchanges", 1) + "/strong"), "not looked at");
     EXPECT_THAT(page.texts(tableRow("exchanges", 2)), Contains("ok"));
     for (int i = 0; i < 50; ++i) {
-        EXPECT_EQ(get("/capture").status, 200);
+        EXPECT_EQ(get("/capture").m_Status, 200);
     }
     PageReader const later = open("/");
     EXPECT_EQ(later.count("//section[@aria-labelledby='exchanges']//tbody/tr"), 50u);
@@ -354,7 +354,7 @@ TEST_F(Dashboard, ShowsAnExchange) {
 
 TEST_F(Dashboard, ShowsWhatWasWrongWithAnExchange) {
     std::string const text = m_Merchant.payInit("t1");
-    EXPECT_EQ(get("/pay?DATA=" + encode(text) + "&SIGNATURE=" + m_Merchant.sign(text, true) + "00").status, 400);
+    EXPECT_EQ(get("/pay?DATA=" + encode(text) + "&SIGNATURE=" + m_Merchant.sign(text, true) + "00").m_Status, 400);
     PageReader const page = open("/exchange?number=2");
     EXPECT_THAT(page.text("//main/dl/div[1]/dd/strong"), HasSubstr("not one of DATA"));
     EXPECT_THAT(page.texts("//section[@aria-labelledby='steps']//strong"), Contains("no"));
@@ -375,8 +375,8 @@ TEST_F(Dashboard, TellsWhyANotificationHasNoSteps) {
     std::string number;
     ASSERT_TRUE(comesTrue([&] {
         for (sandbox::Exchange const& exchange : m_Service->exchanges()) {
-            if (exchange.kind == sandbox::ExchangeKind::Notification) {
-                number = std::to_string(exchange.number);
+            if (exchange.m_Kind == sandbox::ExchangeKind::kNotification) {
+                number = std::to_string(exchange.m_Number);
             }
         }
         return !number.empty();
@@ -401,7 +401,7 @@ TEST_F(Dashboard, TellsHowADecisionCameAbout) {
     press(openPage(m_Merchant.payInit("t1")), "decline");
     PageReader const page = open("/exchange?number=3");
     EXPECT_THAT(page.texts(tableRow("steps", 1)),
-                ElementsAre("The form came from the payment page", "payment " + m_Service->payments()[0].id, "yes"));
+                ElementsAre("The form came from the payment page", "payment " + m_Service->payments()[0].m_Id, "yes"));
     EXPECT_THAT(page.texts(tableRow("steps", 2)), ElementsAre("The shopper decided", "decline", "yes"));
 }
 
@@ -447,42 +447,42 @@ TEST_F(Dashboard, ArmsAndLiftsFaults) {
                                              {"status", ""},
                                              {"text", "a, <b> + c"},
                                              {"megabytes", ""}});
-    EXPECT_EQ(armed.status, 303);
-    EXPECT_EQ(armed.headers.at("location"), "/faults");
-    EXPECT_EQ(fill("/faults", {{"kind", "drop"}, {"order", "A 1"}}).status, 303);
+    EXPECT_EQ(armed.m_Status, 303);
+    EXPECT_EQ(armed.m_Headers.at("location"), "/faults");
+    EXPECT_EQ(fill("/faults", {{"kind", "drop"}, {"order", "A 1"}}).m_Status, 303);
     EXPECT_EQ(reasonOf(askAuto("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>")), "a, <b> + c");
     PageReader const page = open("/faults");
     EXPECT_THAT(page.texts(tableRow("armed", 1)),
                 ElementsAre("1", "error,exchange=setup,times=2,text=a, <b> + c", "1 of 2", HasSubstr("Lift fault 1")));
     EXPECT_EQ(page.text(tableRow("armed", 2) + "[2]"), "drop,order=A 1");
     EXPECT_EQ(page.text(tableRow("armed", 2) + "//input[@name='id']/@value"), "2");
-    EXPECT_EQ(fill("/faults/lift", {{"id", "1"}}).status, 303);
+    EXPECT_EQ(fill("/faults/lift", {{"id", "1"}}).m_Status, 303);
     ASSERT_EQ(m_Service->faults().size(), 1u);
-    EXPECT_EQ(m_Service->faults()[0].id, 2);
+    EXPECT_EQ(m_Service->faults()[0].m_Id, 2);
     RawAnswer const gone = fill("/faults/lift", {{"id", "1"}});
-    EXPECT_EQ(gone.status, 400);
-    EXPECT_THAT(PageReader(gone.body).text("//section[@aria-labelledby='armed']/p[@role='alert']"),
+    EXPECT_EQ(gone.m_Status, 400);
+    EXPECT_THAT(PageReader(gone.m_Body).text("//section[@aria-labelledby='armed']/p[@role='alert']"),
                 HasSubstr("No fault '1' is armed"));
     EXPECT_EQ(open("/faults").text("//button[@name='id']/@value"), "all");
-    EXPECT_EQ(fill("/faults/lift", {{"id", "all"}}).status, 303);
+    EXPECT_EQ(fill("/faults/lift", {{"id", "all"}}).m_Status, 303);
     EXPECT_THAT(m_Service->faults(), IsEmpty());
     for (char const* id : {"", "x", "1x", "-1", "99999999999999999999"}) {
-        EXPECT_EQ(fill("/faults/lift", {{"id", id}}).status, 400) << id;
+        EXPECT_EQ(fill("/faults/lift", {{"id", id}}).m_Status, 400) << id;
     }
 }
 
 TEST_F(Dashboard, ReadsFormsAsBrowsersWriteThem) {
     std::string const body = "key=" + formKey() + "&kind=drop&exchange=any&order=A+1%2B2%3D%26&times=always";
-    EXPECT_EQ(ask(formPost("/faults", body)).status, 303);
-    EXPECT_EQ(m_Service->faults().at(0).fault.order, "A 1+2=&");
-    EXPECT_EQ(m_Service->faults().at(0).fault.times, 0);
+    EXPECT_EQ(ask(formPost("/faults", body)).m_Status, 303);
+    EXPECT_EQ(m_Service->faults().at(0).m_Fault.m_Order, "A 1+2=&");
+    EXPECT_EQ(m_Service->faults().at(0).m_Fault.m_Times, 0);
 }
 
 TEST_F(Dashboard, ReadsAFormOfBlanks) {
     std::string const start = "key=" + formKey() + "&DATA=%3c";
     RawAnswer const answer = ask(formPost("/calculator", start + std::string(1024 * 1024 - start.size(), '+')));
-    EXPECT_EQ(answer.status, 200);
-    EXPECT_THAT(answer.body, HasSubstr("The signature is not right."));
+    EXPECT_EQ(answer.m_Status, 200);
+    EXPECT_THAT(answer.m_Body, HasSubstr("The signature is not right."));
 }
 
 TEST_F(Dashboard, OffersEveryKindOfFault) {
@@ -492,8 +492,9 @@ TEST_F(Dashboard, OffersEveryKindOfFault) {
     ASSERT_EQ(values.size(), sandbox::allFaultKinds().size());
     EXPECT_EQ(values, rows);
     for (std::size_t i = 0; i < values.size(); ++i) {
-        EXPECT_EQ(values[i], sandbox::allFaultKinds()[i].name);
-        EXPECT_THAT(page.texts("//select[@name='kind']/option").at(i), HasSubstr(sandbox::allFaultKinds()[i].meaning));
+        EXPECT_EQ(values[i], sandbox::allFaultKinds()[i].m_Name);
+        EXPECT_THAT(page.texts("//select[@name='kind']/option").at(i),
+                    HasSubstr(sandbox::allFaultKinds()[i].m_Meaning));
     }
     std::vector<std::string> const exchanges = page.texts("//select[@name='exchange']/option/@value");
     EXPECT_EQ(exchanges.front(), "any");
@@ -507,8 +508,8 @@ TEST_F(Dashboard, KeepsWhatWasFilledInWhenAFaultIsRefused) {
     RawAnswer const answer = fill(
         "/faults",
         {{"kind", "truncate"}, {"exchange", "capture"}, {"order", "\"<A-1>"}, {"times", "often"}, {"bytes", "4\0030"}});
-    EXPECT_EQ(answer.status, 400);
-    PageReader const page(answer.body);
+    EXPECT_EQ(answer.m_Status, 400);
+    PageReader const page(answer.m_Body);
     EXPECT_THAT(page.text("//section[@aria-labelledby='arm']/p[@role='alert']"),
                 HasSubstr("times must be a whole number"));
     EXPECT_EQ(page.text("//select[@name='kind']/option[@selected]/@value"), "truncate");
@@ -521,8 +522,8 @@ TEST_F(Dashboard, KeepsWhatWasFilledInWhenAFaultIsRefused) {
 
 TEST_F(Dashboard, RefusesImpossibleFaultsWithTheReason) {
     struct Row {
-        Fields fields;
-        char const* reason;
+        Fields m_Fields;
+        char const* m_Reason;
     };
     for (Row const& row : {Row{{}, "there is no fault ''"}, Row{{{"kind", "burn"}}, "there is no fault 'burn'"},
                            Row{{{"kind", "drop"}, {"exchange", "connection"}}, "only to: setup"},
@@ -530,13 +531,13 @@ TEST_F(Dashboard, RefusesImpossibleFaultsWithTheReason) {
                            Row{{{"kind", "drop"}, {"times", "0"}}, "from 1"},
                            Row{{{"kind", "delay"}, {"seconds", "soon"}}, "must be a number, not 'soon'"},
                            Row{{{"kind", "delay"}, {"bytes", "1"}}, "delay takes no bytes"}}) {
-        RawAnswer const answer = fill("/faults", row.fields);
-        EXPECT_EQ(answer.status, 400);
-        EXPECT_THAT(PageReader(answer.body).text("//p[@role='alert']"), HasSubstr(row.reason));
+        RawAnswer const answer = fill("/faults", row.m_Fields);
+        EXPECT_EQ(answer.m_Status, 400);
+        EXPECT_THAT(PageReader(answer.m_Body).text("//p[@role='alert']"), HasSubstr(row.m_Reason));
     }
     RawAnswer const twice = ask(formPost("/faults", "kind=drop&kind=drop&key=" + formKey()));
-    EXPECT_EQ(twice.status, 400);
-    EXPECT_THAT(PageReader(twice.body).text("//p[@role='alert']"), HasSubstr("twice"));
+    EXPECT_EQ(twice.m_Status, 400);
+    EXPECT_THAT(PageReader(twice.m_Body).text("//p[@role='alert']"), HasSubstr("twice"));
 }
 
 // --- Forms of other sites
@@ -554,12 +555,12 @@ TEST_F(Dashboard, RefusesFormsWithoutItsKey) {
         for (Fields fields : {Fields{}, {{"key", ""}}, {{"key", old}}, {{"key", formKey() + "0"}}}) {
             fields.insert({{"kind", "drop"}, {"id", "all"}, {"ahead", "60"}, {"DATA", "a"}});
             RawAnswer const answer = submit(path, fields);
-            EXPECT_EQ(answer.status, 403) << path;
-            EXPECT_THAT(PageReader(answer.body).text("//p[@role='alert']"), HasSubstr("did not come from a page"));
+            EXPECT_EQ(answer.m_Status, 403) << path;
+            EXPECT_THAT(PageReader(answer.m_Body).text("//p[@role='alert']"), HasSubstr("did not come from a page"));
         }
         RawAnswer const foreign =
             ask("POST " + path + " HTTP/1.1\r\nHost: evil.example\r\nContent-Length: 36\r\n\r\nkey=" + formKey());
-        EXPECT_EQ(foreign.status, 403) << path;
+        EXPECT_EQ(foreign.m_Status, 403) << path;
     }
     EXPECT_EQ(m_Service->faults().size(), 1u);
     EXPECT_EQ(m_Service->serverKeyId(), "1-SERVER-1");
@@ -574,8 +575,8 @@ TEST_F(Dashboard, ShowsAndRotatesKeys) {
     EXPECT_THAT(before.texts(tableRow("merchants", 1)),
                 ElementsAre(m_Merchant.keyId(), "demo", "2023-11-14T22:13:20Z", "512"));
     RawAnswer const rotated = fill("/keys/rotate", {});
-    EXPECT_EQ(rotated.status, 303);
-    EXPECT_EQ(rotated.headers.at("location"), "/keys");
+    EXPECT_EQ(rotated.m_Status, 303);
+    EXPECT_EQ(rotated.m_Headers.at("location"), "/keys");
     EXPECT_EQ(m_Service->serverKeyId(), "1-SERVER-2");
     PageReader const after = open("/keys");
     EXPECT_THAT(after.texts("//section[@aria-labelledby='server']//tbody/tr/td[1]"), ElementsAre("old", "signs"));
@@ -583,16 +584,16 @@ TEST_F(Dashboard, ShowsAndRotatesKeys) {
 
 TEST_F(Dashboard, SetsTheClock) {
     RawAnswer const set = fill("/keys/clock", {{"ahead", "3600"}});
-    EXPECT_EQ(set.status, 303);
-    EXPECT_EQ(set.headers.at("location"), "/keys");
+    EXPECT_EQ(set.m_Status, 303);
+    EXPECT_EQ(set.m_Headers.at("location"), "/keys");
     PageReader const page = open("/keys");
     EXPECT_THAT(page.texts("//section[@aria-labelledby='clock']//dd"), ElementsAre("2023-11-14T23:13:20Z", "3600"));
     EXPECT_EQ(page.text("//input[@name='ahead']/@value"), "3600");
-    EXPECT_EQ(fill("/keys/clock", {{"ahead", "-60"}}).status, 303);
+    EXPECT_EQ(fill("/keys/clock", {{"ahead", "-60"}}).m_Status, 303);
     for (char const* bad : {"", "soon", "1.5", "315360001", "-315360001", "99999999999999999999"}) {
         RawAnswer const answer = fill("/keys/clock", {{"ahead", bad}});
-        EXPECT_EQ(answer.status, 400) << bad;
-        PageReader const refused(answer.body);
+        EXPECT_EQ(answer.m_Status, 400) << bad;
+        PageReader const refused(answer.m_Body);
         EXPECT_EQ(refused.count("//section[@aria-labelledby='clock']/p[@role='alert']"), 1u) << bad;
         EXPECT_EQ(refused.text("//input[@name='ahead']/@value"), bad);
         EXPECT_EQ(refused.text("//section[@aria-labelledby='clock']//dl/div[2]/dd"), "-60") << bad;
@@ -610,8 +611,8 @@ TEST_F(Dashboard, CalculatesWhatIsPasted) {
                                  Fields{{"DATA", encode(text)}, {"SIGNATURE", m_Merchant.sign(text) + "\r\n"}},
                                  Fields{{"DATA", address}, {"SIGNATURE", ""}}}) {
         RawAnswer const answer = fill("/calculator", fields);
-        EXPECT_EQ(answer.status, 200);
-        PageReader const page(answer.body);
+        EXPECT_EQ(answer.m_Status, 200);
+        PageReader const page(answer.m_Body);
         EXPECT_EQ(page.text("//section[@aria-labelledby='verdict']/p"), "The signature is right.");
         EXPECT_EQ(page.text("//section[@aria-labelledby='comparison']//dl/div[1]/dd"),
                   m_Merchant.keyId() + " of the merchant demo, 512 bits");
@@ -624,7 +625,7 @@ TEST_F(Dashboard, CalculatesWhatIsPasted) {
         std::string const kept = page.text("//textarea[@name='DATA']").substr(1);
         RawAnswer const again =
             fill("/calculator", {{"DATA", kept}, {"SIGNATURE", page.text("//textarea[@name='SIGNATURE']").substr(1)}});
-        EXPECT_EQ(PageReader(again.body).text("//section[@aria-labelledby='verdict']/p"), "The signature is right.");
+        EXPECT_EQ(PageReader(again.m_Body).text("//section[@aria-labelledby='verdict']/p"), "The signature is right.");
     }
 }
 
@@ -672,9 +673,9 @@ TEST_F(DashboardCalculator, ShowsWhatWasSignedInAPayInit) {
     openPage(m_Merchant.payInit("t2"));
     PageReader const page = calculate(raised(text), m_Merchant.sign(text));
     EXPECT_EQ(page.text("//section[@aria-labelledby='original']/p/a"),
-              "the PayInit of the payment " + m_Service->payments().at(0).id);
+              "the PayInit of the payment " + m_Service->payments().at(0).m_Id);
     EXPECT_EQ(page.text("//section[@aria-labelledby='original']/p/a/@href"),
-              "/payment?id=" + m_Service->payments().at(0).id);
+              "/payment?id=" + m_Service->payments().at(0).m_Id);
     expectRaised(page, text);
     PageReader const missing =
         calculate("<KVX MSGTYPE=\"PayInit\" KEYID=\"" + m_Merchant.keyId() + "\"/>", m_Merchant.sign(text));
@@ -693,7 +694,7 @@ TEST_F(DashboardCalculator, ShowsWhatWasSignedInAConfirmation) {
                                                                                   "\" EXPIRATION=\"20991231 23:59:59\" "
                                                                                   "AMOUNT=\"12.50\" ORDERID=\"\xE9\"")),
                                        "decline")
-                                     .body);
+                                     .m_Body);
         std::string const query = "?" + outcome.text("//section[@aria-labelledby='query']/pre");
         std::string const confirm = decode(queryValue(query, "DATA"));
         PageReader const page = calculate(raised(confirm), queryValue(query, "SIGNATURE"));
@@ -720,7 +721,7 @@ TEST_F(DashboardCalculator, PassesOverWhatIsVeryLong) {
 }
 
 TEST_F(Dashboard, TellsWhatKindOfKeyIsNamed) {
-    EXPECT_EQ(fill("/keys/rotate", {}).status, 303);
+    EXPECT_EQ(fill("/keys/rotate", {}).m_Status, 303);
     auto const named = [this](std::string const& keyId) {
         std::string const text = "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"" + keyId + "\"/>";
         return open("/calculator?DATA=" + encode(text)).text("//section[@aria-labelledby='comparison']//dl/div[1]/dd");
@@ -733,8 +734,8 @@ TEST_F(Dashboard, TellsWhatKindOfKeyIsNamed) {
 
 TEST_F(Dashboard, KeepsWhatWasPastedWhenItCannotBeRead) {
     RawAnswer const answer = fill("/calculator", {{"DATA", "%zz<\xE9"}, {"SIGNATURE", "\"00"}});
-    EXPECT_EQ(answer.status, 400);
-    PageReader const page(answer.body);
+    EXPECT_EQ(answer.m_Status, 400);
+    PageReader const page(answer.m_Body);
     EXPECT_THAT(page.text("//p[@role='alert']"), HasSubstr("percent-encoding"));
     EXPECT_EQ(page.text("//textarea[@name='DATA']"), "\n%zz<\u00E9");
     EXPECT_EQ(page.text("//textarea[@name='SIGNATURE']"), "\n\"00");
@@ -743,8 +744,8 @@ TEST_F(Dashboard, KeepsWhatWasPastedWhenItCannotBeRead) {
 TEST_F(Dashboard, CalculatesLongMessages) {
     std::string const text = m_Merchant.payInit("t1", " NOTE=\"" + std::string(300000, 'x') + "\"");
     RawAnswer const answer = fill("/calculator", {{"DATA", text}, {"SIGNATURE", m_Merchant.sign(text)}});
-    EXPECT_EQ(PageReader(answer.body).text("//section[@aria-labelledby='verdict']/p"), "The signature is right.");
-    EXPECT_EQ(fill("/calculator", {{"DATA", std::string(1024 * 1024, 'x')}}).status, 413);
+    EXPECT_EQ(PageReader(answer.m_Body).text("//section[@aria-labelledby='verdict']/p"), "The signature is right.");
+    EXPECT_EQ(fill("/calculator", {{"DATA", std::string(1024 * 1024, 'x')}}).m_Status, 413);
 }
 
 TEST_F(Dashboard, TakesNoFormsInParts) {
@@ -754,7 +755,7 @@ TEST_F(Dashboard, TakesNoFormsInParts) {
         ask("POST /keys/rotate HTTP/1.1\r\nContent-Type: multipart/form-data; boundary=x\r\n"
             "Content-Length: " +
             std::to_string(body.size()) + "\r\n\r\n" + body);
-    EXPECT_EQ(answer.status, 415);
+    EXPECT_EQ(answer.m_Status, 415);
     EXPECT_EQ(m_Service->serverKeyId(), "1-SERVER-1");
 }
 

@@ -43,11 +43,11 @@ std::string refusalOf(std::string const& text) {
 TEST(FaultKinds, HaveNamesMeaningsAndExchanges) {
     std::set<std::string> names;
     for (FaultKindRow const& row : sandbox::allFaultKinds()) {
-        EXPECT_TRUE(names.insert(row.name).second) << row.name;
-        EXPECT_EQ(sandbox::faultFromName(row.name), row.kind);
-        EXPECT_EQ(&sandbox::faultRow(row.kind), &row);
-        EXPECT_STRNE(row.meaning, "") << row.name;
-        EXPECT_NE(row.exchanges, 0u) << row.name;
+        EXPECT_TRUE(names.insert(row.m_Name).second) << row.m_Name;
+        EXPECT_EQ(sandbox::faultFromName(row.m_Name), row.m_Kind);
+        EXPECT_EQ(&sandbox::faultRow(row.m_Kind), &row);
+        EXPECT_STRNE(row.m_Meaning, "") << row.m_Name;
+        EXPECT_NE(row.m_Exchanges, 0u) << row.m_Name;
     }
     for (char const* const other : {"", "drop ", "Drop", "refused"}) {
         EXPECT_EQ(sandbox::faultFromName(other), std::nullopt) << other;
@@ -56,10 +56,10 @@ TEST(FaultKinds, HaveNamesMeaningsAndExchanges) {
 
 TEST(FaultKinds, HappenToTheirExchangesAlone) {
     for (FaultKindRow const& row : sandbox::allFaultKinds()) {
-        EXPECT_EQ(refusalOf(row.name), "");
+        EXPECT_EQ(refusalOf(row.m_Name), "");
         for (ExchangeKind const exchange : sandbox::allExchangeKinds()) {
-            bool const canHappen = (row.exchanges & static_cast<unsigned>(exchange)) != 0;
-            std::string const text = std::string(row.name) + ",exchange=" + sandbox::exchangeName(exchange);
+            bool const canHappen = (row.m_Exchanges & static_cast<unsigned>(exchange)) != 0;
+            std::string const text = std::string(row.m_Name) + ",exchange=" + sandbox::exchangeName(exchange);
             EXPECT_EQ(refusalOf(text).empty(), canHappen) << text;
         }
     }
@@ -67,8 +67,8 @@ TEST(FaultKinds, HappenToTheirExchangesAlone) {
 
 TEST(FaultKinds, TakeTheirParametersAlone) {
     struct {
-        unsigned parameter;
-        char const* text;
+        unsigned m_Parameter;
+        char const* m_Text;
     } const parameters[] = {
         {sandbox::kTakesSeconds, ",seconds=1"},     {sandbox::kTakesBytes, ",bytes=1"},
         {sandbox::kTakesStatus, ",status=404"},     {sandbox::kTakesText, ",text=out of order"},
@@ -76,8 +76,8 @@ TEST(FaultKinds, TakeTheirParametersAlone) {
     };
     for (FaultKindRow const& row : sandbox::allFaultKinds()) {
         for (auto const& parameter : parameters) {
-            std::string const text = std::string(row.name) + parameter.text;
-            EXPECT_EQ(refusalOf(text).empty(), (row.parameters & parameter.parameter) != 0) << text;
+            std::string const text = std::string(row.m_Name) + parameter.m_Text;
+            EXPECT_EQ(refusalOf(text).empty(), (row.m_Parameters & parameter.m_Parameter) != 0) << text;
         }
     }
 }
@@ -106,8 +106,8 @@ TEST(FaultText, IsReadAndWrittenAlike) {
 
 TEST(FaultText, HasOtherSpellings) {
     struct {
-        char const* text;
-        char const* written;
+        char const* m_Text;
+        char const* m_Written;
     } const cases[] = {
         {"drop,times=1", "drop"},
         {"drop,exchange=any", "drop"},
@@ -118,14 +118,14 @@ TEST(FaultText, HasOtherSpellings) {
         {"drop,times=2,times=3", "drop,times=3"},  // the last one counts
     };
     for (auto const& row : cases) {
-        EXPECT_EQ(sandbox::faultText(parseFault(row.text)), row.written) << row.text;
+        EXPECT_EQ(sandbox::faultText(parseFault(row.m_Text)), row.m_Written) << row.m_Text;
     }
 }
 
 TEST(FaultText, IsRefusedWithAReason) {
     struct {
-        char const* text;
-        char const* reason;
+        char const* m_Text;
+        char const* m_Reason;
     } const cases[] = {
         {"", "there is no fault ''"},
         {"explode", "there is no fault 'explode'"},
@@ -168,7 +168,7 @@ TEST(FaultText, IsRefusedWithAReason) {
         {"reset,exchange=proxy,order=A-1", "the exchange 'proxy' is about no order"},
     };
     for (auto const& row : cases) {
-        EXPECT_THAT(refusalOf(row.text), HasSubstr(row.reason)) << row.text;
+        EXPECT_THAT(refusalOf(row.m_Text), HasSubstr(row.m_Reason)) << row.m_Text;
     }
 }
 
@@ -177,12 +177,12 @@ TEST(Fault, IsCheckedAsARecordToo) {
                                  -0.1};
     for (double const seconds : notNumbers) {
         Fault fault;
-        fault.kind = FaultKind::Delay;
-        fault.seconds = seconds;
+        fault.m_Kind = FaultKind::kDelay;
+        fault.m_Seconds = seconds;
         EXPECT_THROW(sandbox::checkFault(fault), Refusal) << seconds;
     }
     Fault backwards;
-    backwards.times = -1;
+    backwards.m_Times = -1;
     EXPECT_THROW(sandbox::checkFault(backwards), Refusal);
 }
 
@@ -200,8 +200,8 @@ TEST(Fault, HasValuesForWhatIsNotGiven) {
 
 /// Bytes, and how they ended.
 struct Received {
-    std::string bytes;
-    int error = 0;  ///< 0 for an orderly end.
+    std::string m_Bytes;
+    int m_Error = 0;  ///< 0 for an orderly end.
 };
 
 Received receive(RawConnection const& connection) {
@@ -209,16 +209,16 @@ Received receive(RawConnection const& connection) {
     char piece[16384];
     ssize_t count = 0;
     while ((count = ::recv(connection.get(), piece, sizeof piece, 0)) > 0) {
-        received.bytes.append(piece, static_cast<std::size_t>(count));
+        received.m_Bytes.append(piece, static_cast<std::size_t>(count));
     }
-    received.error = count < 0 ? errno : 0;
+    received.m_Error = count < 0 ? errno : 0;
     return received;
 }
 
 /// A service whose answer to one and the same request is known.
 class FaultOnTheWire : public SandboxTest {
 protected:
-    FaultOnTheWire() : m_Whole(ask("").bytes) {
+    FaultOnTheWire() : m_Whole(ask("").m_Bytes) {
         EXPECT_THAT(m_Whole, HasSubstr("KeyQueryResponse"));
         m_Head = m_Whole.find("\r\n\r\n") + 4;
     }
@@ -241,9 +241,9 @@ protected:
     /// The same with an orderly end.
     [[nodiscard]] std::string bytes(std::string const& fault) const {
         Received const received = ask(fault);
-        EXPECT_EQ(received.error, 0) << fault;
+        EXPECT_EQ(received.m_Error, 0) << fault;
         EXPECT_TRUE(m_Service->faults().empty()) << fault;
-        return received.bytes;
+        return received.m_Bytes;
     }
 
     /// Waits until the fault that is armed has begun to happen.
@@ -261,32 +261,32 @@ protected:
 
 TEST_F(FaultOnTheWire, HttpStatusIsAStatusAndAText) {
     RawAnswer const plain = parseAnswer(bytes("http-status"));
-    EXPECT_EQ(plain.status, 503);
-    EXPECT_EQ(plain.body, "the sandbox was told to turn this request down\n");
+    EXPECT_EQ(plain.m_Status, 503);
+    EXPECT_EQ(plain.m_Body, "the sandbox was told to turn this request down\n");
     RawAnswer const given = parseAnswer(bytes("http-status,status=418,text=a = b"));
-    EXPECT_EQ(given.status, 418);
-    EXPECT_EQ(given.body, "a = b\n");
+    EXPECT_EQ(given.m_Status, 418);
+    EXPECT_EQ(given.m_Body, "a = b\n");
     EXPECT_EQ(lastVerdict(), "not looked at");
 }
 
 TEST_F(FaultOnTheWire, ErrorIsAMessage) {
-    EXPECT_EQ(reasonOf(parseAnswer(bytes("error")).body), "the sandbox was told to turn this request down");
-    EXPECT_EQ(reasonOf(parseAnswer(bytes("error,text=<&>\"'")).body), "<&>\"'");
+    EXPECT_EQ(reasonOf(parseAnswer(bytes("error")).m_Body), "the sandbox was told to turn this request down");
+    EXPECT_EQ(reasonOf(parseAnswer(bytes("error,text=<&>\"'")).m_Body), "<&>\"'");
     EXPECT_EQ(lastVerdict(), "not looked at");
 }
 
 TEST_F(FaultOnTheWire, ResetIsSeenByTheOtherSide) {
     Received const received = ask("reset");
-    EXPECT_EQ(received.bytes, "");
-    EXPECT_EQ(received.error, ECONNRESET);
+    EXPECT_EQ(received.m_Bytes, "");
+    EXPECT_EQ(received.m_Error, ECONNRESET);
     EXPECT_EQ(lastVerdict(), "not looked at");
 }
 
 TEST_F(FaultOnTheWire, DropIsAnOrderlyEndOfACarriedOutRequest) {
     EXPECT_EQ(bytes("drop"), "");
     EXPECT_EQ(lastVerdict(), "ok");
-    EXPECT_EQ(m_Service->exchanges().back().answer, m_Whole) << "as it would have been";
-    EXPECT_EQ(m_Service->exchanges().back().fault, "drop");
+    EXPECT_EQ(m_Service->exchanges().back().m_Answer, m_Whole) << "as it would have been";
+    EXPECT_EQ(m_Service->exchanges().back().m_Fault, "drop");
 }
 
 TEST_F(FaultOnTheWire, DelayLastsAsLongAsItIsTold) {
@@ -312,7 +312,7 @@ TEST_F(FaultOnTheWire, StallEndsEarlyWhenTheServiceStops) {
         auto const begin = std::chrono::steady_clock::now();
         m_Service->stop();
         EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30)) << fault;
-        EXPECT_EQ(receive(connection).error, 0) << fault;
+        EXPECT_EQ(receive(connection).m_Error, 0) << fault;
         restart();
     }
 }
@@ -334,8 +334,8 @@ TEST_F(FaultOnTheWire, BytewiseLeavesTimeBetweenTwoBytes) {
 
 TEST_F(FaultOnTheWire, IsOnRecordWithWhatTheClientGot) {
     struct {
-        char const* fault;
-        std::string delivery;
+        char const* m_Fault;
+        std::string m_Delivery;
     } const cases[] = {
         {"", ""},
         {"drop", "0 bytes, then the end, after "},
@@ -346,11 +346,12 @@ TEST_F(FaultOnTheWire, IsOnRecordWithWhatTheClientGot) {
         {"delay,seconds=0.05", std::to_string(m_Whole.size()) + " bytes, then the end, after "},
     };
     for (auto const& row : cases) {
-        EXPECT_LE(ask(row.fault).bytes.size(), 2 * m_Whole.size());
-        EXPECT_TRUE(comesTrue([&] { return m_Service->exchanges().back().delivery.empty() == row.delivery.empty(); }));
-        EXPECT_THAT(m_Service->exchanges().back().delivery, StartsWith(row.delivery)) << row.fault;
+        EXPECT_LE(ask(row.m_Fault).m_Bytes.size(), 2 * m_Whole.size());
+        EXPECT_TRUE(
+            comesTrue([&] { return m_Service->exchanges().back().m_Delivery.empty() == row.m_Delivery.empty(); }));
+        EXPECT_THAT(m_Service->exchanges().back().m_Delivery, StartsWith(row.m_Delivery)) << row.m_Fault;
     }
-    std::string const late = m_Service->exchanges().back().delivery;
+    std::string const late = m_Service->exchanges().back().m_Delivery;
     EXPECT_GE(std::stod(late.substr(late.find("after ") + 6)), 50) << late;
 }
 
@@ -384,30 +385,30 @@ TEST_F(FaultOnTheWire, TwiceIsTheWholeAnswerAgain) {
 TEST_F(FaultOnTheWire, HugeAgreesWithItsOwnLength) {
     constexpr std::size_t kSize = std::size_t{2} << 20U;
     RawAnswer const answer = parseAnswer(bytes("huge,megabytes=2"));
-    EXPECT_EQ(answer.headers.at("content-length"), std::to_string(kSize));
+    EXPECT_EQ(answer.m_Headers.at("content-length"), std::to_string(kSize));
     std::string const body = m_Whole.substr(m_Head);
-    EXPECT_TRUE(answer.body == body + std::string(kSize - body.size(), ' '));
+    EXPECT_TRUE(answer.m_Body == body + std::string(kSize - body.size(), ' '));
 }
 
 TEST_F(FaultOnTheWire, WrongTypeLeavesTheRestOfTheMessage) {
     RawAnswer const answer = parseAnswer(bytes("wrong-type"));
-    EXPECT_EQ(attributeOf(answer.body, "MSGTYPE"), sandbox::kUnexpectedType);
+    EXPECT_EQ(attributeOf(answer.m_Body, "MSGTYPE"), sandbox::kUnexpectedType);
     for (char const* const name : {"KEYID", "KEYBLOB"}) {
-        EXPECT_EQ(attributeOf(answer.body, name), attributeOf(m_Whole, name));
+        EXPECT_EQ(attributeOf(answer.m_Body, name), attributeOf(m_Whole, name));
     }
 }
 
 TEST_F(FaultOnTheWire, WrongAndStaleKeysAreAnswered) {
     RawAnswer const wrong = parseAnswer(bytes("wrong-key"));
-    EXPECT_EQ(attributeOf(wrong.body, "KEYID"), m_Service->serverKeyId());
-    EXPECT_NE(attributeOf(wrong.body, "KEYBLOB"), attributeOf(m_Whole, "KEYBLOB"));
+    EXPECT_EQ(attributeOf(wrong.m_Body, "KEYID"), m_Service->serverKeyId());
+    EXPECT_NE(attributeOf(wrong.m_Body, "KEYBLOB"), attributeOf(m_Whole, "KEYBLOB"));
     RawAnswer const unknown = parseAnswer(bytes("stale-key"));
-    EXPECT_EQ(attributeOf(unknown.body, "KEYID"), "1-SERVER-0") << "before the first";
+    EXPECT_EQ(attributeOf(unknown.m_Body, "KEYID"), "1-SERVER-0") << "before the first";
     std::string const first = m_Service->serverKeyId();
     m_Service->rotateServerKey();
     RawAnswer const stale = parseAnswer(bytes("stale-key"));
-    EXPECT_EQ(attributeOf(stale.body, "KEYID"), first);
-    EXPECT_EQ(attributeOf(stale.body, "KEYBLOB"), attributeOf(m_Whole, "KEYBLOB"));
+    EXPECT_EQ(attributeOf(stale.m_Body, "KEYID"), first);
+    EXPECT_EQ(attributeOf(stale.m_Body, "KEYBLOB"), attributeOf(m_Whole, "KEYBLOB"));
     m_Service->arm(parseFault("stale-key,exchange=setup"));
     EXPECT_EQ(attributeOf(askAuto("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>"), "VTKEYID"), first);
 }
@@ -415,13 +416,13 @@ TEST_F(FaultOnTheWire, WrongAndStaleKeysAreAnswered) {
 TEST_F(FaultOnTheWire, HappensToItsExchangeAndOrderAlone) {
     m_Service->arm(parseFault("drop,exchange=capture"));
     m_Service->arm(parseFault("drop,order=B-2"));
-    EXPECT_EQ(ask("").bytes, m_Whole);
+    EXPECT_EQ(ask("").m_Bytes, m_Whole);
     std::string const confirm = authorise("t1");
     EXPECT_EQ(m_Service->faults().size(), 2u);
     RawConnection const connection(m_Service->plainPort());
     connection.send(merchantGet("/capture" + m_Merchant.signedQuery(confirm)));
-    EXPECT_EQ(receive(connection).bytes, "");
-    EXPECT_EQ(m_Service->payments().at(0).state, sandbox::PaymentState::Captured);
+    EXPECT_EQ(receive(connection).m_Bytes, "");
+    EXPECT_EQ(m_Service->payments().at(0).m_State, sandbox::PaymentState::kCaptured);
     EXPECT_EQ(attributeOf(askCapture(confirm), "RESULT"), "captured");
     EXPECT_EQ(m_Service->faults().size(), 1u);
 }
@@ -434,12 +435,13 @@ TEST_F(FaultOnTheWire, HappensToAnOrderOfTheAccountThatAsks) {
     askAuto("<KVX MSGTYPE=\"KeyExportRequest\" KEYID=\"0-1002-other\" KEYBLOB=\"" + other.blob() + "\"/>", "b", "p");
     auto const ask = [this](TestMerchant const& merchant) {
         return attributeOf(
-            get("/capture" + merchant.signedQuery(merchant.message("StatusRequest", " TOKEN=\"t1\""))).body, "MSGTYPE");
+            get("/capture" + merchant.signedQuery(merchant.message("StatusRequest", " TOKEN=\"t1\""))).m_Body,
+            "MSGTYPE");
     };
     openPage(m_Merchant.payInit("t1"));
     std::string const payInit =
         other.message("PayInit", " TOKEN=\"t1\" ORDERID=\"B-1\" EXPIRATION=\"20991231 23:59:59\"");
-    EXPECT_EQ(get("/pay" + other.signedQuery(payInit)).status, 200);
+    EXPECT_EQ(get("/pay" + other.signedQuery(payInit)).m_Status, 200);
     EXPECT_EQ(ask(m_Merchant), "StatusResponse");
     EXPECT_EQ(ask(other), "Error");
     EXPECT_EQ(ask(other), "StatusResponse");
@@ -449,43 +451,43 @@ TEST_F(FaultOnTheWire, LeavesTheControlPortAlone) {
     m_Service->arm(parseFault("drop,exchange=setup"));
     std::string const request =
         merchantGet("/auto?DATA=" + encode("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>"), "demo", "demo");
-    EXPECT_EQ(parseAnswer(exchangeRaw(m_Service->controlPort(), request)).status, 200);
+    EXPECT_EQ(parseAnswer(exchangeRaw(m_Service->controlPort(), request)).m_Status, 200);
     EXPECT_EQ(m_Service->faults().size(), 1u);
     RawConnection const connection(m_Service->plainPort());
     connection.send(request);
-    EXPECT_EQ(receive(connection).bytes, "");
+    EXPECT_EQ(receive(connection).m_Bytes, "");
 }
 
 TEST_F(FaultOnTheWire, LeavesTheControlPortAloneWhenConnectionsAreRefused) {
     m_Service->arm(parseFault("refuse"));
     EXPECT_THROW(RawConnection(m_Service->plainPort()), std::runtime_error);
-    EXPECT_EQ(parseAnswer(exchangeRaw(m_Service->controlPort(), merchantGet("/"))).status, 200);
+    EXPECT_EQ(parseAnswer(exchangeRaw(m_Service->controlPort(), merchantGet("/"))).m_Status, 200);
     m_Service->liftFaults();
-    EXPECT_EQ(ask("").bytes, m_Whole);
+    EXPECT_EQ(ask("").m_Bytes, m_Whole);
 }
 
 /// How the confirmation that the shopper brings back verifies under the server's keys.
 class FaultyConfirmation : public SandboxTest {
 protected:
     struct Confirmation {
-        std::string text;
-        std::string signature;
+        std::string m_Text;
+        std::string m_Signature;
     };
 
     [[nodiscard]] Confirmation confirm(std::string const& fault, std::string const& token) {
         RawAnswer const page = openPage(m_Merchant.payInit(token));
         m_Service->arm(parseFault(fault));
         RawAnswer const back = press(page, "pay");
-        EXPECT_EQ(back.status, 302) << back.body;
-        EXPECT_EQ(m_Service->payments().back().state, sandbox::PaymentState::Authorised);
-        std::string const location = back.headers.at("location");
+        EXPECT_EQ(back.m_Status, 302) << back.m_Body;
+        EXPECT_EQ(m_Service->payments().back().m_State, sandbox::PaymentState::kAuthorised);
+        std::string const location = back.m_Headers.at("location");
         return {decode(queryValue(location, "DATA")), queryValue(location, "SIGNATURE")};
     }
 
     [[nodiscard]] bool isSigned(Confirmation const& confirmation, std::string const& keyId) const {
         std::string const blob =
             attributeOf(askAuto("<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"" + keyId + "\"/>"), "KEYBLOB");
-        return verifies(blob, confirmation.text, confirmation.signature);
+        return verifies(blob, confirmation.m_Text, confirmation.m_Signature);
     }
 };
 
@@ -493,25 +495,25 @@ TEST_F(FaultyConfirmation, IsWrongInOneWayOnly) {
     std::string const first = m_Service->serverKeyId();
     std::string const now = m_Service->rotateServerKey();
     Confirmation const type = confirm("wrong-type,exchange=decision", "t1");
-    EXPECT_EQ(attributeOf(type.text, "MSGTYPE"), sandbox::kUnexpectedType);
+    EXPECT_EQ(attributeOf(type.m_Text, "MSGTYPE"), sandbox::kUnexpectedType);
     EXPECT_TRUE(isSigned(type, now));
 
     Confirmation const signature = confirm("wrong-signature,exchange=decision", "t2");
-    EXPECT_EQ(attributeOf(signature.text, "MSGTYPE"), "PayConfirm");
-    EXPECT_EQ(attributeOf(signature.text, "KEYID"), now);
+    EXPECT_EQ(attributeOf(signature.m_Text, "MSGTYPE"), "PayConfirm");
+    EXPECT_EQ(attributeOf(signature.m_Text, "KEYID"), now);
     EXPECT_FALSE(isSigned(signature, now));
     std::string const digits = "0123456789abcdef";
     Confirmation mended = signature;
-    mended.signature.back() = digits[digits.find(signature.signature.back()) ^ 1U];
+    mended.m_Signature.back() = digits[digits.find(signature.m_Signature.back()) ^ 1U];
     EXPECT_TRUE(isSigned(mended, now)) << "one bit";
 
     Confirmation const key = confirm("wrong-key,exchange=decision", "t3");
-    EXPECT_EQ(attributeOf(key.text, "KEYID"), now);
+    EXPECT_EQ(attributeOf(key.m_Text, "KEYID"), now);
     EXPECT_FALSE(isSigned(key, now));
     EXPECT_FALSE(isSigned(key, first));
 
     Confirmation const stale = confirm("stale-key,exchange=decision", "t4");
-    EXPECT_EQ(attributeOf(stale.text, "KEYID"), first);
+    EXPECT_EQ(attributeOf(stale.m_Text, "KEYID"), first);
     EXPECT_TRUE(isSigned(stale, first));
 }
 
@@ -520,7 +522,7 @@ class FaultyHandshake : public SandboxTest {
 protected:
     void SetUp() override {
         sandbox::Options tls = options();
-        tls.tls = true;
+        tls.m_Tls = true;
         restart(tls);
     }
 
@@ -551,7 +553,7 @@ TEST_F(FaultyHandshake, IsWrongInOneWayOnly) {
 
 TEST_F(FaultyHandshake, IsNoConcernOfPlainConnections) {
     m_Service->arm(parseFault("tls-abort"));
-    EXPECT_EQ(get("/").status, 200);
+    EXPECT_EQ(get("/").m_Status, 200);
     EXPECT_EQ(verifyResult(""), -1);
 }
 
@@ -561,8 +563,8 @@ TEST_F(FaultyHandshake, IsSoundWhenTheAnswerIsWrong) {
     auto const ask = [&] { return exchangeRaw(m_Service->tlsPort(), request, m_Service->authorityFile()); };
     std::string const whole = ask();
     struct {
-        char const* fault;
-        std::string answer;
+        char const* m_Fault;
+        std::string m_Answer;
     } const cases[] = {
         {"drop", ""},
         {"bytewise", whole},
@@ -571,8 +573,8 @@ TEST_F(FaultyHandshake, IsSoundWhenTheAnswerIsWrong) {
         {"twice", whole + whole},
     };
     for (auto const& row : cases) {
-        m_Service->arm(parseFault(row.fault));
-        EXPECT_EQ(ask(), row.answer) << row.fault;
+        m_Service->arm(parseFault(row.m_Fault));
+        EXPECT_EQ(ask(), row.m_Answer) << row.m_Fault;
     }
     m_Service->arm(parseFault("reset"));
     EXPECT_THROW(ask(), std::runtime_error);

@@ -35,7 +35,7 @@ std::string takeForConnection(FaultBook& book, bool tls) {
 TEST(FaultBook, BeginsEmpty) {
     FaultBook book;
     EXPECT_TRUE(book.armed().empty());
-    EXPECT_EQ(take(book, ExchangeKind::Capture), "none");
+    EXPECT_EQ(take(book, ExchangeKind::kCapture), "none");
     EXPECT_EQ(takeForConnection(book, true), "none");
     EXPECT_FALSE(book.lift(1));
 }
@@ -45,41 +45,41 @@ TEST(FaultBook, GivesTheOldestThatMatches) {
     book.arm(parseFault("drop,exchange=capture"));
     book.arm(parseFault("reset"));
     book.arm(parseFault("twice,exchange=capture"));
-    EXPECT_EQ(take(book, ExchangeKind::Setup), "reset");
-    EXPECT_EQ(take(book, ExchangeKind::Capture), "drop,exchange=capture");
-    EXPECT_EQ(take(book, ExchangeKind::Setup), "none");
-    EXPECT_EQ(take(book, ExchangeKind::Capture), "twice,exchange=capture");
-    EXPECT_EQ(take(book, ExchangeKind::Capture), "none");
+    EXPECT_EQ(take(book, ExchangeKind::kSetup), "reset");
+    EXPECT_EQ(take(book, ExchangeKind::kCapture), "drop,exchange=capture");
+    EXPECT_EQ(take(book, ExchangeKind::kSetup), "none");
+    EXPECT_EQ(take(book, ExchangeKind::kCapture), "twice,exchange=capture");
+    EXPECT_EQ(take(book, ExchangeKind::kCapture), "none");
 }
 
 TEST(FaultBook, KeepsAFaultForItsOrder) {
     FaultBook book;
     book.arm(parseFault("drop,order=A-1"));
-    EXPECT_EQ(take(book, ExchangeKind::Capture, "A-2"), "none");
-    EXPECT_EQ(take(book, ExchangeKind::Capture, ""), "none");
-    EXPECT_EQ(take(book, ExchangeKind::Capture, "A-1"), "drop,order=A-1");
+    EXPECT_EQ(take(book, ExchangeKind::kCapture, "A-2"), "none");
+    EXPECT_EQ(take(book, ExchangeKind::kCapture, ""), "none");
+    EXPECT_EQ(take(book, ExchangeKind::kCapture, "A-1"), "drop,order=A-1");
     book.arm(parseFault("drop"));
-    EXPECT_EQ(take(book, ExchangeKind::Capture, "A-2"), "drop");
+    EXPECT_EQ(take(book, ExchangeKind::kCapture, "A-2"), "drop");
 }
 
 TEST(FaultBook, KeepsAFaultForTheExchangesItCanHappenTo) {
     FaultBook book;
     book.arm(parseFault("wrong-signature"));
     book.arm(parseFault("error"));
-    EXPECT_EQ(take(book, ExchangeKind::Page), "none");
-    EXPECT_EQ(take(book, ExchangeKind::Other), "none");
-    EXPECT_EQ(take(book, ExchangeKind::Status), "error");
-    EXPECT_EQ(take(book, ExchangeKind::Decision), "wrong-signature");
+    EXPECT_EQ(take(book, ExchangeKind::kPage), "none");
+    EXPECT_EQ(take(book, ExchangeKind::kOther), "none");
+    EXPECT_EQ(take(book, ExchangeKind::kStatus), "error");
+    EXPECT_EQ(take(book, ExchangeKind::kDecision), "wrong-signature");
 }
 
 TEST(FaultBook, LetsAFaultHappenSoManyTimes) {
     FaultBook book;
     book.arm(parseFault("drop,times=3"));
     for (std::int64_t times = 1; times <= 3; ++times) {
-        EXPECT_EQ(take(book, ExchangeKind::Capture), "drop,times=3");
-        EXPECT_EQ(book.armed().empty() ? 3 : book.armed().at(0).happened, times);
+        EXPECT_EQ(take(book, ExchangeKind::kCapture), "drop,times=3");
+        EXPECT_EQ(book.armed().empty() ? 3 : book.armed().at(0).m_Happened, times);
     }
-    EXPECT_EQ(take(book, ExchangeKind::Capture), "none");
+    EXPECT_EQ(take(book, ExchangeKind::kCapture), "none");
 }
 
 TEST(FaultBook, LetsAFaultHappenUntilItIsLifted) {
@@ -88,12 +88,12 @@ TEST(FaultBook, LetsAFaultHappenUntilItIsLifted) {
     std::int64_t const once = book.arm(parseFault("reset"));
     EXPECT_LT(always, once);
     for (int times = 0; times < 100; ++times) {
-        EXPECT_EQ(take(book, ExchangeKind::Page), "drop,times=always");
+        EXPECT_EQ(take(book, ExchangeKind::kPage), "drop,times=always");
     }
-    EXPECT_EQ(book.armed().at(0).happened, 100);
+    EXPECT_EQ(book.armed().at(0).m_Happened, 100);
     EXPECT_TRUE(book.lift(always));
     EXPECT_FALSE(book.lift(always));
-    EXPECT_EQ(take(book, ExchangeKind::Page), "reset");
+    EXPECT_EQ(take(book, ExchangeKind::kPage), "reset");
     EXPECT_FALSE(book.lift(once)) << "it has happened";
 }
 
@@ -103,15 +103,15 @@ TEST(FaultBook, ForgetsAllAtOnceAndNumbersOn) {
     std::int64_t const second = book.arm(parseFault("refuse"));
     book.liftAll();
     EXPECT_TRUE(book.armed().empty());
-    EXPECT_EQ(take(book, ExchangeKind::Page), "none");
+    EXPECT_EQ(take(book, ExchangeKind::kPage), "none");
     EXPECT_EQ(book.arm(parseFault("drop")), second + 1);
 }
 
 TEST(FaultBook, RefusesWhatCannotHappen) {
     FaultBook book;
     Fault fault;
-    fault.kind = sandbox::FaultKind::WrongSignature;
-    fault.exchange = ExchangeKind::Capture;
+    fault.m_Kind = sandbox::FaultKind::kWrongSignature;
+    fault.m_Exchange = ExchangeKind::kCapture;
     EXPECT_THROW(book.arm(fault), sandbox::Refusal);
     EXPECT_TRUE(book.armed().empty());
 }
@@ -123,7 +123,7 @@ TEST(FaultBook, LeavesConnectionsWithoutTlsAlone) {
     book.arm(parseFault("tls-expired"));
     book.arm(parseFault("tls-abort"));
     EXPECT_EQ(takeForConnection(book, false), "none");
-    EXPECT_EQ(take(book, ExchangeKind::Setup), "drop");
+    EXPECT_EQ(take(book, ExchangeKind::kSetup), "drop");
     EXPECT_EQ(takeForConnection(book, true), "tls-expired");
     EXPECT_EQ(takeForConnection(book, true), "tls-abort");
     EXPECT_EQ(takeForConnection(book, true), "none");
@@ -139,7 +139,7 @@ TEST(FaultBook, CountsForManyThreadsAtOnce) {
     for (int number = 0; number < 4; ++number) {
         threads.emplace_back([&] {
             for (int i = 0; i < kTimes; ++i) {
-                happened += book.take(ExchangeKind::Capture, "") ? 1 : 0;
+                happened += book.take(ExchangeKind::kCapture, "") ? 1 : 0;
                 book.arm(parseFault("reset,exchange=page"));
             }
         });
@@ -158,7 +158,9 @@ protected:
         m_Book.tellRefusals([this](ExchangeKind kind, FaultBook::Moment until) { m_Until[kind] = until; });
     }
 
-    [[nodiscard]] bool areRefused(ExchangeKind kind = ExchangeKind::Connection) { return m_Until[kind] > Clock::now(); }
+    [[nodiscard]] bool areRefused(ExchangeKind kind = ExchangeKind::kConnection) {
+        return m_Until[kind] > Clock::now();
+    }
 
     FaultBook m_Book;
     std::map<ExchangeKind, FaultBook::Moment> m_Until;
@@ -166,8 +168,8 @@ protected:
 
 TEST_F(Refusals, LastUntilTheyAreLifted) {
     std::int64_t const id = m_Book.arm(parseFault("refuse"));
-    EXPECT_EQ(m_Until[ExchangeKind::Connection], FaultBook::Moment::max());
-    EXPECT_FALSE(areRefused(ExchangeKind::Proxy));
+    EXPECT_EQ(m_Until[ExchangeKind::kConnection], FaultBook::Moment::max());
+    EXPECT_FALSE(areRefused(ExchangeKind::kProxy));
     m_Book.lift(id);
     EXPECT_FALSE(areRefused());
     m_Book.arm(parseFault("refuse"));
@@ -178,14 +180,14 @@ TEST_F(Refusals, LastUntilTheyAreLifted) {
 TEST_F(Refusals, OfTheProxyAreItsOwn) {
     m_Book.arm(parseFault("refuse,exchange=proxy"));
     EXPECT_FALSE(areRefused());
-    EXPECT_TRUE(areRefused(ExchangeKind::Proxy));
+    EXPECT_TRUE(areRefused(ExchangeKind::kProxy));
 }
 
 TEST_F(Refusals, LastForSomeSeconds) {
     auto const begin = Clock::now();
     m_Book.arm(parseFault("refuse,seconds=100"));
-    EXPECT_GE(m_Until[ExchangeKind::Connection], begin + std::chrono::seconds(100));
-    EXPECT_LE(m_Until[ExchangeKind::Connection], Clock::now() + std::chrono::seconds(100));
+    EXPECT_GE(m_Until[ExchangeKind::kConnection], begin + std::chrono::seconds(100));
+    EXPECT_LE(m_Until[ExchangeKind::kConnection], Clock::now() + std::chrono::seconds(100));
 }
 
 TEST_F(Refusals, EndByThemselves) {
@@ -201,12 +203,12 @@ TEST_F(Refusals, EndByThemselves) {
 
 TEST_F(Refusals, LastAsLongAsTheLongest) {
     std::int64_t const hour = m_Book.arm(parseFault("refuse,seconds=3600"));
-    FaultBook::Moment const endOfHour = m_Until[ExchangeKind::Connection];
+    FaultBook::Moment const endOfHour = m_Until[ExchangeKind::kConnection];
     std::int64_t const minute = m_Book.arm(parseFault("refuse,seconds=60"));
-    EXPECT_EQ(m_Until[ExchangeKind::Connection], endOfHour);
+    EXPECT_EQ(m_Until[ExchangeKind::kConnection], endOfHour);
     m_Book.lift(hour);
     EXPECT_TRUE(areRefused());
-    EXPECT_LT(m_Until[ExchangeKind::Connection], endOfHour);
+    EXPECT_LT(m_Until[ExchangeKind::kConnection], endOfHour);
     m_Book.lift(minute);
     EXPECT_FALSE(areRefused());
 }

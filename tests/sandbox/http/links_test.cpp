@@ -18,10 +18,10 @@ TEST(ExtendLink, AddsToTheQueryBeforeAFragment) {
 
 TEST(ParseHttpAddress, TellsPlaceAndTarget) {
     struct Row {
-        char const* text;
-        char const* host;
-        int port;
-        char const* target;
+        char const* m_Text;
+        char const* m_Host;
+        int m_Port;
+        char const* m_Target;
     };
     for (Row const& row : {
              Row{"http://a", "a", 80, "/"},
@@ -33,10 +33,10 @@ TEST(ParseHttpAddress, TellsPlaceAndTarget) {
              Row{"http://[::1]", "[::1]", 80, "/"},
              Row{"http://[::1]:81/", "[::1]", 81, "/"},
          }) {
-        sandbox::HttpAddress const address = sandbox::parseHttpAddress(row.text);
-        EXPECT_EQ(address.place.host, row.host) << row.text;
-        EXPECT_EQ(address.place.port, row.port) << row.text;
-        EXPECT_EQ(address.target, row.target) << row.text;
+        sandbox::HttpAddress const address = sandbox::parseHttpAddress(row.m_Text);
+        EXPECT_EQ(address.m_Place.m_Host, row.m_Host) << row.m_Text;
+        EXPECT_EQ(address.m_Place.m_Port, row.m_Port) << row.m_Text;
+        EXPECT_EQ(address.m_Target, row.m_Target) << row.m_Text;
     }
 }
 

@@ -28,43 +28,43 @@ TEST_F(WireRequest, CarriesMessagesOfEverySize) {
     for (std::size_t const size : {2000u, 8100u, 8192u, 8300u, 16384u, 100000u, 1000000u}) {
         std::string const token = "t" + std::to_string(number++);
         std::string const text = m_Merchant.payInit(token, " NOTE=\"" + std::string(size, '\xE9') + "\"");
-        ASSERT_EQ(openPage(text).status, 200) << size;
-        EXPECT_EQ(m_Service->exchanges().back().data, text);
+        ASSERT_EQ(openPage(text).m_Status, 200) << size;
+        EXPECT_EQ(m_Service->exchanges().back().m_Data, text);
     }
 }
 
 TEST_F(WireRequest, RefusesALineBeyondTheLimit) {
-    EXPECT_EQ(send("GET /pay?DATA=" + std::string(5 * 1024 * 1024, 'x') + " HTTP/1.0\r\n\r\n").status, 414);
+    EXPECT_EQ(send("GET /pay?DATA=" + std::string(5 * 1024 * 1024, 'x') + " HTTP/1.0\r\n\r\n").m_Status, 414);
 }
 
 TEST_F(WireRequest, KeepsAPlusInDataAPlus) {
-    EXPECT_EQ(get("/pay?DATA=a+b%2bc&SIGNATURE=00").status, 400);
-    EXPECT_EQ(m_Service->exchanges().back().data, "a+b+c");
+    EXPECT_EQ(get("/pay?DATA=a+b%2bc&SIGNATURE=00").m_Status, 400);
+    EXPECT_EQ(m_Service->exchanges().back().m_Data, "a+b+c");
 }
 
 TEST_F(WireRequest, UnderstandsTheAbsoluteFormThatProxiesGet) {
     std::string const data = encode("<KVX MSGTYPE=\"StatusRequest\"/>");
-    EXPECT_EQ(send(merchantGet(m_Service->baseUrl() + "/capture?DATA=" + data)).status, 200);
-    EXPECT_EQ(m_Service->exchanges().back().path, "/capture");
-    EXPECT_EQ(m_Service->exchanges().back().data, "<KVX MSGTYPE=\"StatusRequest\"/>");
+    EXPECT_EQ(send(merchantGet(m_Service->baseUrl() + "/capture?DATA=" + data)).m_Status, 200);
+    EXPECT_EQ(m_Service->exchanges().back().m_Path, "/capture");
+    EXPECT_EQ(m_Service->exchanges().back().m_Data, "<KVX MSGTYPE=\"StatusRequest\"/>");
 }
 
 TEST_F(WireRequest, IsRefusedWithBareLineFeeds) {
-    EXPECT_EQ(send("GET / HTTP/1.0\n\n").status, 400);
+    EXPECT_EQ(send("GET / HTTP/1.0\n\n").m_Status, 400);
 }
 
 TEST_F(WireRequest, RefusesOtherMethodsAndPaths) {
-    EXPECT_EQ(send("GET /nothing HTTP/1.0\r\n\r\n").status, 404);
+    EXPECT_EQ(send("GET /nothing HTTP/1.0\r\n\r\n").m_Status, 404);
     RawAnswer const posted = send(formPost("/capture", "DATA=x"));
-    EXPECT_EQ(posted.status, 405);
-    EXPECT_EQ(posted.headers.at("allow"), "GET");
-    EXPECT_EQ(send("GET /pay/decision HTTP/1.0\r\n\r\n").headers.at("allow"), "POST");
-    EXPECT_EQ(send("HEAD /capture HTTP/1.0\r\n\r\n").status, 405);
-    EXPECT_EQ(send("nonsense\r\n\r\n").status, 400);
+    EXPECT_EQ(posted.m_Status, 405);
+    EXPECT_EQ(posted.m_Headers.at("allow"), "GET");
+    EXPECT_EQ(send("GET /pay/decision HTTP/1.0\r\n\r\n").m_Headers.at("allow"), "POST");
+    EXPECT_EQ(send("HEAD /capture HTTP/1.0\r\n\r\n").m_Status, 405);
+    EXPECT_EQ(send("nonsense\r\n\r\n").m_Status, 400);
 }
 
 TEST_F(WireRequest, RefusesALargeForm) {
-    EXPECT_EQ(send(formPost("/pay/decision", std::string(1024 * 1024 + 1, 'x'))).status, 413);
+    EXPECT_EQ(send(formPost("/pay/decision", std::string(1024 * 1024 + 1, 'x'))).m_Status, 413);
 }
 
 /// Sends what is answered before all of it has been sent.
@@ -83,13 +83,13 @@ TEST_F(WireRequest, RefusesAHeadWithoutMeasure) {
     while (fields.size() < 64 * 1024) {
         fields += "X-Field: " + std::string(1000, 'x') + "\r\n";
     }
-    EXPECT_EQ(sendTooMuch(m_Service->plainPort(), "GET /capture HTTP/1.0\r\n", fields).status, 413);
+    EXPECT_EQ(sendTooMuch(m_Service->plainPort(), "GET /capture HTTP/1.0\r\n", fields).m_Status, 413);
 }
 
 TEST_F(WireRequest, RefusesALargeFormInChunks) {
     std::string const begin = "POST /pay/decision HTTP/1.1\r\nHost: 127.0.0.1\r\nTransfer-Encoding: chunked\r\n\r\n";
     std::string const chunk = "10000\r\n" + std::string(0x10000, 'x') + "\r\n";
-    EXPECT_EQ(sendTooMuch(m_Service->plainPort(), begin, chunk).status, 400);
+    EXPECT_EQ(sendTooMuch(m_Service->plainPort(), begin, chunk).m_Status, 400);
     EXPECT_TRUE(m_Service->exchanges().size() == 1u) << "the publishing of the key, and nothing else";
 }
 
@@ -98,9 +98,9 @@ TEST_F(WireRequest, RefusesAttributesWithoutNumber) {
     for (int i = 0; i < 100000; ++i) {
         attributes += " a" + std::to_string(i) + "=\"\"";
     }
-    EXPECT_EQ(get("/pay?DATA=" + encode("<KVX MSGTYPE=\"PayInit\"" + attributes + "/>")).status, 400);
+    EXPECT_EQ(get("/pay?DATA=" + encode("<KVX MSGTYPE=\"PayInit\"" + attributes + "/>")).m_Status, 400);
     EXPECT_EQ(lastVerdict(), "SIGNATURE is missing");
-    EXPECT_EQ(get("/pay?SIGNATURE=00&DATA=" + encode("<KVX MSGTYPE=\"PayInit\"" + attributes + "/>")).status, 400);
+    EXPECT_EQ(get("/pay?SIGNATURE=00&DATA=" + encode("<KVX MSGTYPE=\"PayInit\"" + attributes + "/>")).m_Status, 400);
     EXPECT_EQ(lastVerdict(), "the message has more than 256 attributes");
 }
 
@@ -117,15 +117,15 @@ TEST_F(WireRequest, TellsWhoExpectsItToGoOn) {
     EXPECT_EQ(told, goOn);
     connection.send(body);
     std::string const answer = connection.readToEnd();
-    EXPECT_EQ(parseAnswer(answer).status, 404);
-    EXPECT_EQ(m_Service->exchanges().back().answer, answer);
+    EXPECT_EQ(parseAnswer(answer).m_Status, 404);
+    EXPECT_EQ(m_Service->exchanges().back().m_Answer, answer);
 }
 
 TEST_F(WireRequest, DoesNotWaitForConnectionsThatSayNothing) {
     RawConnection const silent(m_Service->plainPort());
     RawConnection const cut(m_Service->plainPort());
     cut.send("GET /capture?DATA=");
-    EXPECT_EQ(get("/").status, 200);
+    EXPECT_EQ(get("/").m_Status, 200);
     auto const before = std::chrono::steady_clock::now();
     m_Service->stop();
     EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(5));
@@ -136,20 +136,20 @@ TEST_F(WireRequest, RefusesALineThatNeverEnds) {
     RawConnection const connection(m_Service->plainPort());
     connection.send("GET / HTTP/1.0");
     ::shutdown(connection.get(), SHUT_WR);
-    EXPECT_EQ(parseAnswer(connection.readToEnd()).status, 400);
+    EXPECT_EQ(parseAnswer(connection.readToEnd()).m_Status, 400);
 }
 
 TEST(RequestLine, IsSplitAtItsOuterSpaces) {
     std::optional<sandbox::RequestLine> const line = sandbox::parseRequestLine("GET /a b?c=d?e HTTP/1.0");
     ASSERT_TRUE(line);
-    EXPECT_EQ(line->method, "GET");
+    EXPECT_EQ(line->m_Method, "GET");
     EXPECT_EQ(line->path(), "/a b");
     EXPECT_EQ(line->query(), "c=d?e");
-    EXPECT_EQ(line->version, "HTTP/1.0");
+    EXPECT_EQ(line->m_Version, "HTTP/1.0");
 }
 
 TEST(RequestLine, LosesSchemeAndAuthority) {
-    EXPECT_EQ(sandbox::parseRequestLine("GET http://h:80/p?q HTTP/1.0")->target, "/p?q");
+    EXPECT_EQ(sandbox::parseRequestLine("GET http://h:80/p?q HTTP/1.0")->m_Target, "/p?q");
     EXPECT_EQ(sandbox::parseRequestLine("GET https://h?q HTTP/1.0")->path(), "/");
     EXPECT_EQ(sandbox::parseRequestLine("GET http://h HTTP/1.0")->path(), "/");
 }

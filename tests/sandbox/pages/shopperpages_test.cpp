@@ -34,12 +34,12 @@ std::string const kNastyShown =
 
 sandbox::PaymentRecord sampleRecord(sandbox::Attributes attributes) {
     sandbox::PaymentRecord record;
-    record.payment.id = "P0123456789abcdef";
-    record.payment.account = "demo";
-    record.payment.token = "t1";
-    record.payment.attributes = std::move(attributes);
-    record.payment.history = {{"2024-01-31T23:59:07Z", sandbox::PaymentState::Opened, ""}};
-    record.formKey = "00112233445566778899aabbccddeeff";
+    record.m_Payment.m_Id = "P0123456789abcdef";
+    record.m_Payment.m_Account = "demo";
+    record.m_Payment.m_Token = "t1";
+    record.m_Payment.m_Attributes = std::move(attributes);
+    record.m_Payment.m_History = {{"2024-01-31T23:59:07Z", sandbox::PaymentState::kOpened, ""}};
+    record.m_FormKey = "00112233445566778899aabbccddeeff";
     return record;
 }
 
@@ -49,19 +49,19 @@ sandbox::Attributes sampleOrder(std::string const& langId = "") {
 }
 
 PageReader paymentPageOf(sandbox::Attributes const& attributes) {
-    return PageReader(sandbox::paymentPage(sampleRecord(attributes), "1001").body);
+    return PageReader(sandbox::paymentPage(sampleRecord(attributes), "1001").m_Body);
 }
 
 sandbox::Exchange sampleExchange(std::string const& data, std::string const& signature) {
     sandbox::Exchange exchange;
-    exchange.data = data;
-    exchange.signature = signature;
+    exchange.m_Data = data;
+    exchange.m_Signature = signature;
     return exchange;
 }
 
 sandbox::HttpReply returnedWith(std::string const& query) {
     sandbox::HttpRequest request;
-    request.query = query;
+    request.m_Query = query;
     return sandbox::returnedPage(request);
 }
 
@@ -69,14 +69,14 @@ constexpr char kMessage[] = R"(<KVX MSGTYPE="PayConfirm" ORDERID="A &amp; B" RES
 
 /// Every page in every form it takes, named.
 std::vector<std::pair<std::string, sandbox::HttpReply>> allPages() {
-    sandbox::Payment const payment = sampleRecord(sampleOrder()).payment;
+    sandbox::Payment const payment = sampleRecord(sampleOrder()).m_Payment;
     sandbox::PaymentRecord nasty = sampleRecord({{"ORDERID", kNasty},
                                                  {"AMOUNT", kNasty},
                                                  {"CURRENCY", kNasty},
                                                  {"DESCRIPTION", kNasty},
                                                  {"EXPIRATION", kNasty},
                                                  {"LANGID", kNasty}});
-    nasty.payment.id = nasty.payment.account = nasty.formKey = kNasty;
+    nasty.m_Payment.m_Id = nasty.m_Payment.m_Account = nasty.m_FormKey = kNasty;
     std::string const signedQuery = "DATA=" + encode(kMessage) + "&SIGNATURE=00ff";
     std::string const nastyQuery = "DATA=" + encode(kNasty) + "&SIGNATURE=" + encode(kNasty);
     std::vector<std::pair<std::string, sandbox::HttpReply>> pages = {
@@ -88,14 +88,14 @@ std::vector<std::pair<std::string, sandbox::HttpReply>> allPages() {
         {"refusal, nasty value",
          sandbox::refusalPage(409, kNasty, sampleExchange("<KVX MSGTYPE=\"&lt;\xE9\x01&quot;\"/>", "00"))},
         {"outcome", sandbox::outcomePage(payment, signedQuery)},
-        {"outcome, nasty", sandbox::outcomePage(nasty.payment, nastyQuery)},
+        {"outcome, nasty", sandbox::outcomePage(nasty.m_Payment, nastyQuery)},
         {"returned", returnedWith(signedQuery)},
         {"returned with nothing", returnedWith("")},
         {"returned, nasty", returnedWith(nastyQuery)},
         {"returned, unreadable", returnedWith("DATA=%zz")}};
     for (sandbox::Language const& language : sandbox::allLanguages()) {
-        pages.emplace_back(std::string("payment in ") + language.tag,
-                           sandbox::paymentPage(sampleRecord(sampleOrder(language.tag)), "1001"));
+        pages.emplace_back(std::string("payment in ") + language.m_Tag,
+                           sandbox::paymentPage(sampleRecord(sampleOrder(language.m_Tag)), "1001"));
     }
     return pages;
 }
@@ -104,8 +104,8 @@ std::vector<std::pair<std::string, sandbox::HttpReply>> allPages() {
 
 TEST(EscapeHtml, ShowsEveryByteOfEveryKind) {
     struct Row {
-        std::string bytes;
-        std::string html;
+        std::string m_Bytes;
+        std::string m_Html;
     };
     for (Row const& row : {Row{"", ""},
                            {"A-17", "A-17"},
@@ -132,7 +132,7 @@ TEST(EscapeHtml, ShowsEveryByteOfEveryKind) {
                            {"\xE2\x82", "â\uFFFD"},                       // cut off
                            {"\xC3<", "Ã&lt;"},                            // no sequence swallows what ends a text
                            {"\xE2\x82\"", "â\uFFFD&quot;"}}) {
-        EXPECT_EQ(sandbox::escapeHtml(row.bytes), row.html) << ::testing::PrintToString(row.bytes);
+        EXPECT_EQ(sandbox::escapeHtml(row.m_Bytes), row.m_Html) << ::testing::PrintToString(row.m_Bytes);
     }
 }
 
@@ -159,16 +159,16 @@ TEST(EscapeHtml, KeepsAValueOf100KilobytesToTheLastByte) {
 TEST(EveryPage, IsWellFormedAndClean) {
     for (auto const& [name, reply] : allPages()) {
         SCOPED_TRACE(name);
-        EXPECT_EQ(reply.contentType, "text/html; charset=utf-8");
-        EXPECT_NO_THROW(PageReader(reply.body));
-        EXPECT_TRUE(isCleanUtf8(reply.body));
+        EXPECT_EQ(reply.m_ContentType, "text/html; charset=utf-8");
+        EXPECT_NO_THROW(PageReader(reply.m_Body));
+        EXPECT_TRUE(isCleanUtf8(reply.m_Body));
     }
 }
 
 TEST(EveryPage, TellsItsLanguageCharacterSetAndWidth) {
     for (auto const& [name, reply] : allPages()) {
         SCOPED_TRACE(name);
-        PageReader const page(reply.body);
+        PageReader const page(reply.m_Body);
         EXPECT_EQ(page.text("/html/@lang").size(), 2u);
         EXPECT_EQ(page.text("/html/head/meta[1]/@charset"), "utf-8");
         EXPECT_EQ(page.text("/html/head/meta[@name='viewport']/@content"), "width=device-width, initial-scale=1");
@@ -179,7 +179,7 @@ TEST(EveryPage, TellsItsLanguageCharacterSetAndWidth) {
 TEST(EveryPage, HasItsLandmarksAndHeadingsInOrder) {
     for (auto const& [name, reply] : allPages()) {
         SCOPED_TRACE(name);
-        PageReader const page(reply.body);
+        PageReader const page(reply.m_Body);
         EXPECT_EQ(page.count("//header"), 1u);
         EXPECT_EQ(page.count("//main"), 1u);
         EXPECT_EQ(page.count("/html/body/*[not(self::header or self::main)]"), 0u);
@@ -194,7 +194,7 @@ TEST(EveryPage, HasItsLandmarksAndHeadingsInOrder) {
 TEST(EveryPage, NamesWhatItRefersToOnce) {
     for (auto const& [name, reply] : allPages()) {
         SCOPED_TRACE(name);
-        PageReader const page(reply.body);
+        PageReader const page(reply.m_Body);
         std::vector<std::string> const names = page.texts("//@id");
         std::set<std::string> const unique(names.begin(), names.end());
         EXPECT_EQ(unique.size(), names.size());
@@ -207,7 +207,7 @@ TEST(EveryPage, NamesWhatItRefersToOnce) {
 TEST(EveryPage, GivesDataItsNames) {
     for (auto const& [name, reply] : allPages()) {
         SCOPED_TRACE(name);
-        PageReader const page(reply.body);
+        PageReader const page(reply.m_Body);
         EXPECT_EQ(page.count("//dt"), page.count("//dl/div[count(*)=2]/dt[string(.)!='']/following-sibling::dd"));
         EXPECT_EQ(page.count("//dd"), page.count("//dt"));
         EXPECT_EQ(page.count("//table"), page.count("//table[thead/tr/th[@scope='col']]"));
@@ -220,7 +220,7 @@ TEST(EveryPage, GivesDataItsNames) {
 TEST(EveryPage, RunsAndLoadsNothing) {
     for (auto const& [name, reply] : allPages()) {
         SCOPED_TRACE(name);
-        PageReader const page(reply.body);
+        PageReader const page(reply.m_Body);
         EXPECT_EQ(page.count("//script | //img | //link | //iframe | //object | //@src | //@href | //@style"), 0u);
         EXPECT_EQ(page.count("//@*[starts-with(name(), 'on')]"), 0u);
         EXPECT_THAT(page.text("//style"), Not(HasSubstr("url(")));
@@ -232,10 +232,10 @@ TEST(EveryPage, RunsAndLoadsNothing) {
 TEST(EveryPage, SaysThatNoMoneyMoves) {
     for (auto const& [name, reply] : allPages()) {
         SCOPED_TRACE(name);
-        PageReader const page(reply.body);
+        PageReader const page(reply.m_Body);
         sandbox::Language const& language = sandbox::languageFor(page.text("/html/@lang"));
-        EXPECT_EQ(page.text("/html/@lang"), language.tag);
-        EXPECT_THAT(page.text("//header/p"), HasSubstr(language[PageText::Notice]));
+        EXPECT_EQ(page.text("/html/@lang"), language.m_Tag);
+        EXPECT_THAT(page.text("//header/p"), HasSubstr(language[PageText::kNotice]));
     }
 }
 
@@ -246,8 +246,8 @@ protected:
     /// The value of `property` in the rule for `selector` outside of all media blocks, empty when it is not set.
     [[nodiscard]] std::string value(std::string const& selector, std::string const& property) const {
         for (StyleRule const& rule : m_Rules) {
-            if (rule.selector == selector && rule.media.empty() && rule.declarations.count(property) > 0) {
-                return rule.declarations.at(property);
+            if (rule.m_Selector == selector && rule.m_Media.empty() && rule.m_Declarations.count(property) > 0) {
+                return rule.m_Declarations.at(property);
             }
         }
         return "";
@@ -257,8 +257,8 @@ protected:
     [[nodiscard]] std::map<std::string, std::string> palette(std::string const& media) const {
         std::map<std::string, std::string> colours;
         for (StyleRule const& rule : m_Rules) {
-            if (rule.selector == ":root" && rule.media == media) {
-                colours.insert(rule.declarations.begin(), rule.declarations.end());
+            if (rule.m_Selector == ":root" && rule.m_Media == media) {
+                colours.insert(rule.m_Declarations.begin(), rule.m_Declarations.end());
             }
         }
         colours.erase("color-scheme");
@@ -290,7 +290,7 @@ TEST(ContrastRatio, IsThatOfTheStandard) {
 
 TEST_F(StyleSheet, IsTheSameOnEveryPage) {
     for (auto const& [name, reply] : allPages()) {
-        EXPECT_EQ(PageReader(reply.body).text("//style"), m_Sheet) << name;
+        EXPECT_EQ(PageReader(reply.m_Body).text("//style"), m_Sheet) << name;
     }
 }
 
@@ -315,8 +315,8 @@ TEST_F(StyleSheet, HasEnoughContrastInBothSchemes) {
         int texts = 0;
         int lines = 0;
         for (StyleRule const& rule : m_Rules) {
-            SCOPED_TRACE(media + " " + rule.selector);
-            std::map<std::string, std::string> const& set = rule.declarations;
+            SCOPED_TRACE(media + " " + rule.m_Selector);
+            std::map<std::string, std::string> const& set = rule.m_Declarations;
             // Text on a background that another rule sets could not be computed here.
             ASSERT_EQ(set.count("color"), set.count("background"));
             if (set.count("color") > 0) {
@@ -338,11 +338,11 @@ TEST_F(StyleSheet, HasEnoughContrastInBothSchemes) {
 
 TEST_F(StyleSheet, UsesNoOtherColours) {
     for (StyleRule const& rule : m_Rules) {
-        for (auto const& [property, declared] : rule.declarations) {
-            if (rule.selector != ":root") {
-                EXPECT_THAT(declared, Not(HasSubstr("#"))) << rule.selector;
-                EXPECT_THAT(declared, Not(HasSubstr("rgb"))) << rule.selector;
-                EXPECT_NE(property, "opacity") << rule.selector;
+        for (auto const& [property, declared] : rule.m_Declarations) {
+            if (rule.m_Selector != ":root") {
+                EXPECT_THAT(declared, Not(HasSubstr("#"))) << rule.m_Selector;
+                EXPECT_THAT(declared, Not(HasSubstr("rgb"))) << rule.m_Selector;
+                EXPECT_NE(property, "opacity") << rule.m_Selector;
             }
         }
     }
@@ -360,8 +360,8 @@ TEST_F(StyleSheet, MakesButtonsBigAndTheFirstOneStandOutWithoutItsColour) {
 TEST_F(StyleSheet, ShowsTheFocus) {
     EXPECT_EQ(value(":focus-visible", "outline"), "3px solid var(--focus)");
     for (StyleRule const& rule : m_Rules) {
-        if (rule.selector != ":focus-visible") {
-            EXPECT_EQ(rule.declarations.count("outline"), 0u) << rule.selector;
+        if (rule.m_Selector != ":focus-visible") {
+            EXPECT_EQ(rule.m_Declarations.count("outline"), 0u) << rule.m_Selector;
         }
     }
 }
@@ -372,11 +372,11 @@ TEST_F(StyleSheet, WrapsEverythingEverywhere) {
         EXPECT_EQ(value(selector, "white-space"), "pre-wrap") << selector;  // line ends show, and lines wrap
     }
     for (StyleRule const& rule : m_Rules) {
-        SCOPED_TRACE(rule.media + " " + rule.selector);
-        EXPECT_EQ(rule.declarations.count("overflow-wrap") > 0, rule.selector == "body");
-        EXPECT_EQ(rule.declarations.count("min-width") > 0, rule.selector == ".wide table");
-        if (rule.media.empty() && rule.declarations.count("width") > 0) {
-            EXPECT_THAT(rule.declarations.at("width"), ::testing::EndsWith("%"));
+        SCOPED_TRACE(rule.m_Media + " " + rule.m_Selector);
+        EXPECT_EQ(rule.m_Declarations.count("overflow-wrap") > 0, rule.m_Selector == "body");
+        EXPECT_EQ(rule.m_Declarations.count("min-width") > 0, rule.m_Selector == ".wide table");
+        if (rule.m_Media.empty() && rule.m_Declarations.count("width") > 0) {
+            EXPECT_THAT(rule.m_Declarations.at("width"), ::testing::EndsWith("%"));
         }
     }
     EXPECT_EQ(value(".wide", "overflow-x"), "auto");
@@ -399,25 +399,25 @@ TEST(Languages, EachHasItsOwnTexts) {
 
 TEST(Languages, AreNamedByTheFirstPartOfLangId) {
     struct Row {
-        char const* langId;
-        char const* tag;
+        char const* m_LangId;
+        char const* m_Tag;
     };
     for (Row const& row :
          {Row{"en", "en"},      {"de", "de"},  {"fr", "fr"},     {"es", "es"},      {"it", "it"},    {"nl", "nl"},
           {"DE", "de"},         {"dE", "de"},  {"de-AT", "de"},  {"de_AT", "de"},   {"NL_be", "nl"}, {"fr-CH", "fr"},
           {"de-CH-1996", "de"}, {"de-", "de"}, {"", "en"},       {"pt", "en"},      {"deu", "en"},   {"d", "en"},
           {" de", "en"},        {"-de", "en"}, {"german", "en"}, {"\xC3\xA9", "en"}}) {
-        PageReader const page = paymentPageOf(sampleOrder(row.langId));
-        EXPECT_EQ(page.text("/html/@lang"), row.tag) << row.langId;
-        EXPECT_EQ(page.text("//h1"), sandbox::languageFor(row.tag)[PageText::Title]) << row.langId;
+        PageReader const page = paymentPageOf(sampleOrder(row.m_LangId));
+        EXPECT_EQ(page.text("/html/@lang"), row.m_Tag) << row.m_LangId;
+        EXPECT_EQ(page.text("//h1"), sandbox::languageFor(row.m_Tag)[PageText::kTitle]) << row.m_LangId;
     }
     EXPECT_EQ(paymentPageOf({}).text("/html/@lang"), "en");
 }
 
 TEST(Languages, SayEverythingOnThePaymentPage) {
     for (sandbox::Language const& language : sandbox::allLanguages()) {
-        SCOPED_TRACE(language.tag);
-        PageReader const page = paymentPageOf({{"LANGID", language.tag}, {"DESCRIPTION", "Tea"}});
+        SCOPED_TRACE(language.m_Tag);
+        PageReader const page = paymentPageOf({{"LANGID", language.m_Tag}, {"DESCRIPTION", "Tea"}});
         std::set<std::string> shown;
         for (char const* path : {"//h1", "//h2", "//dt", "//button", "//header/p/text()", "//dd[@class]"}) {
             for (std::string const& text : page.texts(path)) {
@@ -482,8 +482,8 @@ TEST(PaymentPageContent, HasOneFormWithThePrimaryButtonFirst) {
 TEST(RefusalPage, SaysWhyAndShowsTheMessageItRead) {
     sandbox::HttpReply const reply =
         sandbox::refusalPage(409, "the payment is declined already", sampleExchange(kMessage, "00ff"));
-    EXPECT_EQ(reply.status, 409);
-    PageReader const page(reply.body);
+    EXPECT_EQ(reply.m_Status, 409);
+    PageReader const page(reply.m_Body);
     EXPECT_EQ(page.text("//h1"), "The request was turned down");
     EXPECT_EQ(page.text("//section[@aria-labelledby='reason']/p"), "the payment is declined already");
     EXPECT_THAT(page.texts("//tbody/tr/th"), ElementsAre("MSGTYPE", "ORDERID", "RESULT"));
@@ -493,7 +493,7 @@ TEST(RefusalPage, SaysWhyAndShowsTheMessageItRead) {
 }
 
 TEST(RefusalPage, TellsWhyAMessageHasNoTable) {
-    PageReader const page(sandbox::refusalPage(400, "SIGNATURE is missing", sampleExchange("<KVX", "")).body);
+    PageReader const page(sandbox::refusalPage(400, "SIGNATURE is missing", sampleExchange("<KVX", "")).m_Body);
     EXPECT_EQ(page.count("//table"), 0u);
     EXPECT_THAT(page.text("//section[@aria-labelledby='message']/p"), HasSubstr("not well-formed"));
     EXPECT_EQ(page.text("//section[@aria-labelledby='data']/pre"), "<KVX");
@@ -502,14 +502,14 @@ TEST(RefusalPage, TellsWhyAMessageHasNoTable) {
 
 TEST(RefusalPage, KeepsRawTextToItsFirstLineEnd) {
     std::string const text = "\n\n<KVX MSGTYPE=\"" + std::string(100000, 'x') + "\"/>\n";
-    PageReader const page(sandbox::refusalPage(400, "x", sampleExchange(text, kNasty)).body);
+    PageReader const page(sandbox::refusalPage(400, "x", sampleExchange(text, kNasty)).m_Body);
     EXPECT_EQ(page.text("//section[@aria-labelledby='data']/pre/code"), text);
     EXPECT_EQ(page.text("//section[@aria-labelledby='signature']/pre/code"), kNastyShown);
 }
 
 TEST(RefusalPage, AdvisesByStatusAndMessage) {
     auto const advice = [](int status, std::string const& data) {
-        PageReader const page(sandbox::refusalPage(status, "x", sampleExchange(data, "")).body);
+        PageReader const page(sandbox::refusalPage(status, "x", sampleExchange(data, "")).m_Body);
         return page.text("//section[@aria-labelledby='advice']/p");
     };
     EXPECT_THAT(advice(400, kMessage), HasSubstr("the message below"));
@@ -518,30 +518,30 @@ TEST(RefusalPage, AdvisesByStatusAndMessage) {
     EXPECT_THAT(advice(404, ""), HasSubstr("belongs to this service"));
     EXPECT_THAT(advice(409, ""), HasSubstr("stays as it is"));
     EXPECT_EQ(advice(503, ""), advice(400, ""));
-    EXPECT_THAT(PageReader(sandbox::refusalPage(400, "x", {}).body).texts("//pre"), IsEmpty());
+    EXPECT_THAT(PageReader(sandbox::refusalPage(400, "x", {}).m_Body).texts("//pre"), IsEmpty());
 }
 
 TEST(OutcomePage, ShowsTheMessageAndItsRawForms) {
-    sandbox::Payment payment = sampleRecord(sampleOrder()).payment;
-    payment.state = sandbox::PaymentState::Authorised;
+    sandbox::Payment payment = sampleRecord(sampleOrder()).m_Payment;
+    payment.m_State = sandbox::PaymentState::kAuthorised;
     std::string const query = "DATA=" + encode(kMessage) + "&SIGNATURE=00ff";
     sandbox::HttpReply const reply = sandbox::outcomePage(payment, query);
-    EXPECT_EQ(reply.status, 200);
-    PageReader const page(reply.body);
+    EXPECT_EQ(reply.m_Status, 200);
+    PageReader const page(reply.m_Body);
     EXPECT_EQ(page.text("//h1"), "The payment is authorised");
     EXPECT_THAT(page.texts("//tbody/tr/td"), ElementsAre("PayConfirm", "A & B", "authorised"));
     EXPECT_THAT(page.texts("//pre"), ElementsAre(kMessage, "00ff", query));
 }
 
 TEST(ReturnedPage, ShowsTheMessageAndTheSignature) {
-    PageReader const page(returnedWith("DATA=" + encode(kMessage) + "&SIGNATURE=00ff").body);
+    PageReader const page(returnedWith("DATA=" + encode(kMessage) + "&SIGNATURE=00ff").m_Body);
     EXPECT_THAT(page.texts("//tbody/tr/th"), ElementsAre("MSGTYPE", "ORDERID", "RESULT"));
     EXPECT_THAT(page.texts("//tbody/tr/td"), ElementsAre("PayConfirm", "A & B", "authorised"));
     EXPECT_THAT(page.texts("//pre"), ElementsAre(kMessage, "00ff"));
 }
 
 TEST(ReturnedPage, SaysWhatIsMissing) {
-    PageReader const page(returnedWith("").body);
+    PageReader const page(returnedWith("").m_Body);
     EXPECT_THAT(page.texts("//main/p"),
                 ElementsAre(HasSubstr("RESULT"), HasSubstr("no DATA"), HasSubstr("no SIGNATURE")));
     EXPECT_EQ(page.count("//pre"), 0u);
@@ -550,8 +550,8 @@ TEST(ReturnedPage, SaysWhatIsMissing) {
 TEST(ReturnedPage, RefusesAQueryThatCannotBeRead) {
     for (char const* query : {"DATA=%zz", "DATA=a&DATA=b", "SIGNATURE=1&SIGNATURE=2"}) {
         sandbox::HttpReply const reply = returnedWith(query);
-        EXPECT_EQ(reply.status, 400) << query;
-        EXPECT_EQ(PageReader(reply.body).text("//h1"), "The request was turned down") << query;
+        EXPECT_EQ(reply.m_Status, 400) << query;
+        EXPECT_EQ(PageReader(reply.m_Body).text("//h1"), "The request was turned down") << query;
     }
 }
 

@@ -89,7 +89,7 @@ protected:
     SandboxProxy() { restartWithProxy(options()); }
 
     void restartWithProxy(sandbox::Options options) {
-        options.proxy = true;
+        options.m_Proxy = true;
         restart(options);
     }
 
@@ -106,7 +106,7 @@ class TlsSandboxProxy : public SandboxProxy {
 protected:
     TlsSandboxProxy() {
         sandbox::Options tls = options();
-        tls.tls = true;
+        tls.m_Tls = true;
         restartWithProxy(tls);
     }
 
@@ -117,9 +117,9 @@ std::string const kSetup = "/auto?DATA=" + encode("<KVX MSGTYPE=\"SetupRequest\"
 
 TEST_F(SandboxProxy, ForwardsAnyMethodInOriginFormAndTheRestAsItCame) {
     struct Row {
-        char const* before;  ///< Of the place.
-        char const* after;
-        char const* forwarded;
+        char const* m_Before;  ///< Of the place.
+        char const* m_After;
+        char const* m_Forwarded;
     };
     for (Row const& row : {
              Row{"GET http://", "/a%20b?c=%2f+d HTTP/1.0\r\nUserAgent: x\r\n\r\n",
@@ -137,42 +137,42 @@ TEST_F(SandboxProxy, ForwardsAnyMethodInOriginFormAndTheRestAsItCame) {
             peer.send("HTTP/1.0 299 Odd\r\n\r\nb\n\xE9");
         });
         Client const client(m_Service->proxyPort());
-        client.send(row.before + ("127.0.0.1:" + target.portText()) + row.after);
+        client.send(row.m_Before + ("127.0.0.1:" + target.portText()) + row.m_After);
         client.end();
         EXPECT_EQ(client.readToEnd(), "HTTP/1.0 299 Odd\r\n\r\nb\n\xE9");
-        EXPECT_EQ(target.records(), std::vector<std::string>{row.forwarded});
+        EXPECT_EQ(target.records(), std::vector<std::string>{row.m_Forwarded});
     }
 }
 
 TEST_F(SandboxProxy, CarriesTheMerchantsPlainRequests) {
     for (std::string const& host : {"127.0.0.1:" + plainPort(), "LocalHost:" + plainPort()}) {
         std::string const answer = ask(merchantGet("http://" + host + kSetup, "demo", "demo"));
-        EXPECT_EQ(attributeOf(parseAnswer(answer).body, "MSGTYPE"), "SetupResponse");
+        EXPECT_EQ(attributeOf(parseAnswer(answer).m_Body, "MSGTYPE"), "SetupResponse");
         sandbox::Exchange const exchange = lastExchange();
-        EXPECT_EQ(exchange.kind, sandbox::ExchangeKind::Proxy);
-        EXPECT_EQ(exchange.path, "http://" + host + "/auto");
-        EXPECT_EQ(exchange.answer, answer);
-        EXPECT_EQ(exchange.verdict, "ok");
-        EXPECT_EQ(exchange.fault, "");
-        EXPECT_EQ(exchange.time, "2023-11-14T22:13:20Z");
-        EXPECT_GT(exchange.microseconds, 0);
-        EXPECT_THAT(exchange.request, StartsWith("GET http://" + host + kSetup + " HTTP/1.0\r\n"));
-        EXPECT_THAT(exchange.request, HasSubstr("\r\nAuthorization: (covered)\r\n"));
+        EXPECT_EQ(exchange.m_Kind, sandbox::ExchangeKind::kProxy);
+        EXPECT_EQ(exchange.m_Path, "http://" + host + "/auto");
+        EXPECT_EQ(exchange.m_Answer, answer);
+        EXPECT_EQ(exchange.m_Verdict, "ok");
+        EXPECT_EQ(exchange.m_Fault, "");
+        EXPECT_EQ(exchange.m_Time, "2023-11-14T22:13:20Z");
+        EXPECT_GT(exchange.m_Microseconds, 0);
+        EXPECT_THAT(exchange.m_Request, StartsWith("GET http://" + host + kSetup + " HTTP/1.0\r\n"));
+        EXPECT_THAT(exchange.m_Request, HasSubstr("\r\nAuthorization: (covered)\r\n"));
         std::vector<sandbox::Exchange> const all = m_Service->exchanges();
-        EXPECT_EQ(all.at(all.size() - 2).kind, sandbox::ExchangeKind::Setup);
+        EXPECT_EQ(all.at(all.size() - 2).m_Kind, sandbox::ExchangeKind::kSetup);
     }
 }
 
 TEST_F(SandboxProxy, CarriesLongRequestsAndAnswers) {
     std::string const text = m_Merchant.payInit("t1", " NOTE=\"" + std::string(1000000, 'x') + "\"");
     std::string const target = m_Service->baseUrl() + "/pay" + m_Merchant.signedQuery(text);
-    EXPECT_EQ(parseAnswer(ask(merchantGet(target))).status, 200);
-    EXPECT_LT(lastExchange().request.size(), 100000u);
+    EXPECT_EQ(parseAnswer(ask(merchantGet(target))).m_Status, 200);
+    EXPECT_LT(lastExchange().m_Request.size(), 100000u);
     EXPECT_EQ(m_Service->payments().at(0).attribute("NOTE"), std::string(1000000, 'x'));
     std::string const body(5000000, 'y');
     RawServer const server("HTTP/1.0 200 OK\r\n\r\n" + body);
-    EXPECT_EQ(parseAnswer(ask(getFrom(server.portText()))).body, body);
-    EXPECT_LT(lastExchange().answer.size(), 100000u);
+    EXPECT_EQ(parseAnswer(ask(getFrom(server.portText()))).m_Body, body);
+    EXPECT_LT(lastExchange().m_Answer.size(), 100000u);
 }
 
 TEST_F(SandboxProxy, KeepsTheCredentialsForItselfToItself) {
@@ -180,7 +180,7 @@ TEST_F(SandboxProxy, KeepsTheCredentialsForItselfToItself) {
     std::string const begin = "GET http://127.0.0.1:" + target.portText() + "/ HTTP/1.0\r\n";
     ask(begin + "A: b\r\nproxy-AUTHORIZATION: Basic c2VjcmV0\r\nAuthorization: mine\r\n\r\n");
     EXPECT_EQ(target.records().at(0), "GET / HTTP/1.0\r\nA: b\r\nAuthorization: mine\r\n\r\n");
-    EXPECT_EQ(lastExchange().request, begin + "A: b\r\nAuthorization: (covered)\r\n\r\n");
+    EXPECT_EQ(lastExchange().m_Request, begin + "A: b\r\nAuthorization: (covered)\r\n\r\n");
 }
 
 TEST_F(SandboxProxy, KeepsTheBodyOfARequestInTheRecord) {
@@ -195,7 +195,7 @@ TEST_F(SandboxProxy, KeepsTheBodyOfARequestInTheRecord) {
     client.send("second");
     client.end();
     EXPECT_EQ(client.readToEnd(), "");
-    EXPECT_THAT(lastExchange().request, ::testing::EndsWith("\r\n\r\nfirst second"));
+    EXPECT_THAT(lastExchange().m_Request, ::testing::EndsWith("\r\n\r\nfirst second"));
 }
 
 TEST_F(TlsSandboxProxy, TunnelsTls) {
@@ -204,13 +204,13 @@ TEST_F(TlsSandboxProxy, TunnelsTls) {
         client.send("CONNECT " + host + " HTTP/1.0\r\nPragma: no-cache\r\nUserAgent: x\r\n\r\n");
         ASSERT_EQ(client.receive(), kEstablished);
         sandbox::Exchange const exchange = lastExchange();
-        EXPECT_EQ(exchange.path, "CONNECT " + host);
-        EXPECT_EQ(exchange.request, "CONNECT " + host + " HTTP/1.0\r\nPragma: no-cache\r\nUserAgent: x\r\n\r\n");
-        EXPECT_EQ(exchange.answer, kEstablished);
-        EXPECT_EQ(exchange.verdict, "ok");
+        EXPECT_EQ(exchange.m_Path, "CONNECT " + host);
+        EXPECT_EQ(exchange.m_Request, "CONNECT " + host + " HTTP/1.0\r\nPragma: no-cache\r\nUserAgent: x\r\n\r\n");
+        EXPECT_EQ(exchange.m_Answer, kEstablished);
+        EXPECT_EQ(exchange.m_Verdict, "ok");
         std::string const answer =
             exchangeTls(client.get(), merchantGet(kSetup, "demo", "demo"), m_Service->authorityFile());
-        EXPECT_EQ(attributeOf(parseAnswer(answer).body, "MSGTYPE"), "SetupResponse");
+        EXPECT_EQ(attributeOf(parseAnswer(answer).m_Body, "MSGTYPE"), "SetupResponse");
     }
 }
 
@@ -296,7 +296,7 @@ TEST_F(SandboxProxy, PassesOnThatAConnectionWasReset) {
     tunnel.send("x");
     EXPECT_THROW((void)tunnel.readToEnd(), std::runtime_error);
     EXPECT_THROW(ask(getFrom(target.portText())), std::runtime_error);
-    EXPECT_EQ(lastExchange().verdict, "the target reset the connection");
+    EXPECT_EQ(lastExchange().m_Verdict, "the target reset the connection");
     RawServer halfway([](Peer& peer) {
         peer.receive();
         peer.send("HTTP/1.0 200 OK\r\n\r\nhalf");
@@ -308,7 +308,7 @@ TEST_F(SandboxProxy, PassesOnThatAConnectionWasReset) {
     EXPECT_EQ(client.receive(23), "HTTP/1.0 200 OK\r\n\r\nhalf");
     client.send("more");
     EXPECT_THROW((void)client.readToEnd(), std::runtime_error);
-    EXPECT_EQ(lastExchange().answer, "HTTP/1.0 200 OK\r\n\r\nhalf");
+    EXPECT_EQ(lastExchange().m_Answer, "HTTP/1.0 200 OK\r\n\r\nhalf");
 }
 
 TEST_F(SandboxProxy, DeliversAnAnswerThatDidNotWaitForTheWholeRequest) {
@@ -329,20 +329,20 @@ TEST_F(SandboxProxy, ReachesThisMachineOnly) {
         for (std::string const& request : {"GET http://" + std::string(place) + "/ HTTP/1.0\r\n\r\n",
                                            "CONNECT " + std::string(place) + " HTTP/1.0\r\n\r\n"}) {
             RawAnswer const answer = parseAnswer(ask(request));
-            EXPECT_EQ(answer.status, 403) << request;
-            EXPECT_THAT(answer.body, HasSubstr("is not this machine, and the sandbox reaches no other")) << request;
-            EXPECT_EQ(lastExchange().verdict + "\n", answer.body);
-            EXPECT_THAT(lastExchange().path, HasSubstr(place));
+            EXPECT_EQ(answer.m_Status, 403) << request;
+            EXPECT_THAT(answer.m_Body, HasSubstr("is not this machine, and the sandbox reaches no other")) << request;
+            EXPECT_EQ(lastExchange().m_Verdict + "\n", answer.m_Body);
+            EXPECT_THAT(lastExchange().m_Path, HasSubstr(place));
         }
     }
-    EXPECT_EQ(parseAnswer(ask("GET http://[::1] HTTP/1.0\r\n\r\n")).status, 403);
+    EXPECT_EQ(parseAnswer(ask("GET http://[::1] HTTP/1.0\r\n\r\n")).m_Status, 403);
 }
 
 TEST_F(SandboxProxy, RefusesWhatIsNoRequestToAProxy) {
     struct Row {
-        char const* head;
-        char const* reason;
-        int status = 400;
+        char const* m_Head;
+        char const* m_Reason;
+        int m_Status = 400;
     };
     for (Row const& row : {
              Row{"GET /auto HTTP/1.0\r\n\r\n", "this is a proxy"},
@@ -370,19 +370,19 @@ TEST_F(SandboxProxy, RefusesWhatIsNoRequestToAProxy) {
              Row{"GET http://127.0.0.1/ HTTP/1.0\r\nA: b\r\n", "within its head"},
          }) {
         Client const client(m_Service->proxyPort());
-        client.send(row.head);
+        client.send(row.m_Head);
         client.end();
         RawAnswer const answer = parseAnswer(client.readToEnd());
-        EXPECT_EQ(answer.status, row.status) << row.head;
-        EXPECT_THAT(answer.body, HasSubstr(row.reason)) << row.head;
-        EXPECT_EQ(lastExchange().verdict + "\n", answer.body) << row.head;
+        EXPECT_EQ(answer.m_Status, row.m_Status) << row.m_Head;
+        EXPECT_THAT(answer.m_Body, HasSubstr(row.m_Reason)) << row.m_Head;
+        EXPECT_EQ(lastExchange().m_Verdict + "\n", answer.m_Body) << row.m_Head;
     }
 }
 
 TEST_F(SandboxProxy, RefusesHeadsWithoutMeasure) {
-    EXPECT_EQ(parseAnswer(ask("GET http://127.0.0.1/" + std::string(5 * 1024 * 1024, 'x'))).status, 414);
+    EXPECT_EQ(parseAnswer(ask("GET http://127.0.0.1/" + std::string(5 * 1024 * 1024, 'x'))).m_Status, 414);
     EXPECT_THAT(ask("GET http://127.0.0.1/ HTTP/1.0\r\n" + std::string(70000, 'x')), HasSubstr("too long"));
-    EXPECT_LT(lastExchange().request.size(), 100000u);
+    EXPECT_LT(lastExchange().m_Request.size(), 100000u);
 }
 
 TEST_F(SandboxProxy, MakesNothingOfAConnectionWithoutARequest) {
@@ -397,15 +397,15 @@ TEST_F(SandboxProxy, TellsThatNobodyListens) {
     ClosedPort const closed;
     for (std::string const& request : {getFrom(closed.text()), connectTo(closed.text())}) {
         RawAnswer const answer = parseAnswer(ask(request));
-        EXPECT_EQ(answer.status, 502);
-        EXPECT_THAT(answer.body, HasSubstr("no connection to 127.0.0.1:" + closed.text()));
-        EXPECT_EQ(lastExchange().verdict + "\n", answer.body);
+        EXPECT_EQ(answer.m_Status, 502);
+        EXPECT_THAT(answer.m_Body, HasSubstr("no connection to 127.0.0.1:" + closed.text()));
+        EXPECT_EQ(lastExchange().m_Verdict + "\n", answer.m_Body);
     }
 }
 
 TEST_F(SandboxProxy, GivesUpATargetThatDoesNotAnswer) {
     sandbox::Options impatient = options();
-    impatient.proxyPatience = std::chrono::milliseconds(50);
+    impatient.m_ProxyPatience = std::chrono::milliseconds(50);
     restartWithProxy(impatient);
     RawServer silent([](Peer& peer) { peer.receiveToEnd(); });
     for (char const* fault : {"", "delay,exchange=proxy,seconds=0"}) {
@@ -413,15 +413,15 @@ TEST_F(SandboxProxy, GivesUpATargetThatDoesNotAnswer) {
             arm(fault);
         }
         RawAnswer const answer = parseAnswer(ask(getFrom(silent.portText())));
-        EXPECT_EQ(answer.status, 504);
-        EXPECT_THAT(answer.body, HasSubstr("does not answer"));
-        EXPECT_EQ(lastExchange().verdict + "\n", answer.body);
+        EXPECT_EQ(answer.m_Status, 504);
+        EXPECT_THAT(answer.m_Body, HasSubstr("does not answer"));
+        EXPECT_EQ(lastExchange().m_Verdict + "\n", answer.m_Body);
     }
 }
 
 TEST_F(SandboxProxy, GivesUpATargetThatDoesNotAccept) {
     sandbox::Options impatient = options();
-    impatient.proxyPatience = std::chrono::milliseconds(50);
+    impatient.m_ProxyPatience = std::chrono::milliseconds(50);
     restartWithProxy(impatient);
     // A port whose queue of one is full.
     int const listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -438,8 +438,8 @@ TEST_F(SandboxProxy, GivesUpATargetThatDoesNotAccept) {
         RawConnection const first(port);
         for (std::string const& request : {getFrom(std::to_string(port)), connectTo(std::to_string(port))}) {
             RawAnswer const answer = parseAnswer(ask(request));
-            EXPECT_EQ(answer.status, 504) << answer.body;
-            EXPECT_THAT(answer.body, HasSubstr("does not take the connection"));
+            EXPECT_EQ(answer.m_Status, 504) << answer.m_Body;
+            EXPECT_THAT(answer.m_Body, HasSubstr("does not take the connection"));
         }
     }
     ::close(listener);
@@ -458,7 +458,7 @@ std::string receivedOf(std::function<std::string()> const& read) {
 
 TEST_F(SandboxProxy, GivesUpATargetThatSaysNothingToWhoEnded) {
     sandbox::Options impatient = options();
-    impatient.proxyPatience = std::chrono::milliseconds(50);
+    impatient.m_ProxyPatience = std::chrono::milliseconds(50);
     restartWithProxy(impatient);
     Event over;
     RawServer target([&over](Peer& peer) {
@@ -481,10 +481,10 @@ TEST_F(SandboxProxy, LetsFaultsHappenToTheAnswerToConnect) {
         "Proxy-Authenticate: Basic realm=\"sandbox\"\r\nContent-Type: text/plain; charset=utf-8\r\n"
         "Content-Length: 31\r\n\r\nthe proxy asks for credentials\n";
     struct Row {
-        char const* fault;
-        std::string answer;
-        bool contacted;
-        bool tunnel;
+        char const* m_Fault;
+        std::string m_Answer;
+        bool m_Contacted;
+        bool m_Tunnel;
     };
     for (Row const& row : {
              Row{"proxy-407", asking, false, false},
@@ -507,21 +507,21 @@ TEST_F(SandboxProxy, LetsFaultsHappenToTheAnswerToConnect) {
             target.record("contact");
             peer.send(peer.receiveToEnd());
         });
-        arm(row.fault);
+        arm(row.m_Fault);
         std::size_t const before = m_Service->exchanges().size();
         Client const client(m_Service->proxyPort());
         client.send(connectTo(target.portText()));
-        if (row.tunnel) {
-            EXPECT_EQ(client.receive(row.answer.size()), row.answer) << row.fault;
+        if (row.m_Tunnel) {
+            EXPECT_EQ(client.receive(row.m_Answer.size()), row.m_Answer) << row.m_Fault;
             client.send("through");
             client.end();
         }
         std::string const rest = receivedOf([&client] { return client.readToEnd(); });
-        EXPECT_EQ(rest, row.tunnel ? "through" : row.answer) << row.fault;
-        EXPECT_EQ(target.records().size(), row.contacted ? 1u : 0u) << row.fault;
-        EXPECT_EQ(m_Service->exchanges().size(), before + 1) << row.fault;
-        EXPECT_EQ(lastExchange().fault, row.fault);
-        EXPECT_EQ(lastExchange().verdict, row.contacted ? "ok" : "not looked at") << row.fault;
+        EXPECT_EQ(rest, row.m_Tunnel ? "through" : row.m_Answer) << row.m_Fault;
+        EXPECT_EQ(target.records().size(), row.m_Contacted ? 1u : 0u) << row.m_Fault;
+        EXPECT_EQ(m_Service->exchanges().size(), before + 1) << row.m_Fault;
+        EXPECT_EQ(lastExchange().m_Fault, row.m_Fault);
+        EXPECT_EQ(lastExchange().m_Verdict, row.m_Contacted ? "ok" : "not looked at") << row.m_Fault;
         EXPECT_TRUE(m_Service->faults().empty());
     }
 }
@@ -530,9 +530,9 @@ TEST_F(SandboxProxy, LetsFaultsHappenToWhatItForwards) {
     std::string const head = "HTTP/1.0 200 OK\r\nContent-Length: 4\r\n\r\n";
     std::string const whole = head + "body";
     struct Row {
-        char const* fault;
-        std::string answer;
-        bool contacted;
+        char const* m_Fault;
+        std::string m_Answer;
+        bool m_Contacted;
     };
     for (Row const& row : {
              Row{"reset,exchange=proxy", kReset, false},
@@ -550,20 +550,20 @@ TEST_F(SandboxProxy, LetsFaultsHappenToWhatItForwards) {
                  "HTTP/1.0 200 OK\r\nContent-Length: 1048576\r\n\r\nbody" + std::string(1024 * 1024 - 4, ' '), true},
          }) {
         RawServer target(whole);
-        arm(row.fault);
-        EXPECT_EQ(receivedOf([&] { return ask(getFrom(target.portText())); }), row.answer) << row.fault;
-        EXPECT_EQ(lastExchange().answer, row.contacted ? whole : "") << row.fault;
-        EXPECT_EQ(lastExchange().fault, row.fault);
-        EXPECT_EQ(lastExchange().verdict, row.contacted ? "ok" : "not looked at") << row.fault;
-        EXPECT_EQ(ask(getFrom(target.portText())), whole) << row.fault;
-        EXPECT_EQ(target.records().size(), row.contacted ? 2u : 1u) << row.fault;
+        arm(row.m_Fault);
+        EXPECT_EQ(receivedOf([&] { return ask(getFrom(target.portText())); }), row.m_Answer) << row.m_Fault;
+        EXPECT_EQ(lastExchange().m_Answer, row.m_Contacted ? whole : "") << row.m_Fault;
+        EXPECT_EQ(lastExchange().m_Fault, row.m_Fault);
+        EXPECT_EQ(lastExchange().m_Verdict, row.m_Contacted ? "ok" : "not looked at") << row.m_Fault;
+        EXPECT_EQ(ask(getFrom(target.portText())), whole) << row.m_Fault;
+        EXPECT_EQ(target.records().size(), row.m_Contacted ? 2u : 1u) << row.m_Fault;
     }
     arm("proxy-407");
     RawAnswer const asking = parseAnswer(ask(getFrom(plainPort())));
-    EXPECT_EQ(asking.status, 407);
-    EXPECT_EQ(asking.headers.at("proxy-authenticate"), "Basic realm=\"sandbox\"");
+    EXPECT_EQ(asking.m_Status, 407);
+    EXPECT_EQ(asking.m_Headers.at("proxy-authenticate"), "Basic realm=\"sandbox\"");
     arm("http-status,exchange=proxy,status=299,text=so");
-    EXPECT_EQ(parseAnswer(ask(getFrom(plainPort()))).status, 299);
+    EXPECT_EQ(parseAnswer(ask(getFrom(plainPort()))).m_Status, 299);
 }
 
 TEST_F(SandboxProxy, WaitsInAFaultUntilTheMerchantGoes) {
@@ -581,8 +581,8 @@ TEST_F(SandboxProxy, WaitsInAFaultUntilTheMerchantGoes) {
 TEST_F(SandboxProxy, HasAFaultHappenToItsRefusalsToo) {
     arm("truncate,exchange=proxy,bytes=8");
     EXPECT_EQ(ask("GET http://example.com/ HTTP/1.0\r\n\r\n"), "HTTP/1.0");
-    EXPECT_THAT(lastExchange().answer, StartsWith("HTTP/1.0 403 Forbidden\r\n"));
-    EXPECT_THAT(lastExchange().verdict, HasSubstr("not this machine"));
+    EXPECT_THAT(lastExchange().m_Answer, StartsWith("HTTP/1.0 403 Forbidden\r\n"));
+    EXPECT_THAT(lastExchange().m_Verdict, HasSubstr("not this machine"));
 }
 
 TEST_F(SandboxProxy, CannotLetFaultsHappenToAnswersWithoutMeasure) {
@@ -592,19 +592,19 @@ TEST_F(SandboxProxy, CannotLetFaultsHappenToAnswersWithoutMeasure) {
     });
     arm("truncate,exchange=proxy,bytes=100000000");
     RawAnswer const answer = parseAnswer(ask(getFrom(target.portText())));
-    EXPECT_EQ(answer.status, 502);
-    EXPECT_THAT(answer.body, HasSubstr("too long for a fault"));
+    EXPECT_EQ(answer.m_Status, 502);
+    EXPECT_THAT(answer.m_Body, HasSubstr("too long for a fault"));
 }
 
 TEST_F(SandboxProxy, RefusesConnectionsOnRequestAndTheListenersDoNot) {
     std::int64_t const refusal = m_Service->arm(sandbox::parseFault("refuse,exchange=proxy"));
     EXPECT_THROW(ask(getFrom(plainPort())), std::runtime_error);
-    EXPECT_EQ(get("/").status, 200);
+    EXPECT_EQ(get("/").m_Status, 200);
     EXPECT_TRUE(m_Service->liftFault(refusal));
-    EXPECT_EQ(parseAnswer(ask("GET " + m_Service->baseUrl() + "/ HTTP/1.0\r\n\r\n")).status, 200);
+    EXPECT_EQ(parseAnswer(ask("GET " + m_Service->baseUrl() + "/ HTTP/1.0\r\n\r\n")).m_Status, 200);
     m_Service->arm(sandbox::parseFault("refuse"));
     EXPECT_THROW((void)get("/"), std::runtime_error);
-    EXPECT_EQ(parseAnswer(ask("GET " + m_Service->baseUrl() + "/ HTTP/1.0\r\n\r\n")).status, 502);
+    EXPECT_EQ(parseAnswer(ask("GET " + m_Service->baseUrl() + "/ HTTP/1.0\r\n\r\n")).m_Status, 502);
 }
 
 TEST_F(TlsSandboxProxy, LetsFaultsOfTlsThroughToTheMerchant) {
@@ -615,7 +615,7 @@ TEST_F(TlsSandboxProxy, LetsFaultsOfTlsThroughToTheMerchant) {
 
 TEST_F(SandboxProxy, EndsWithTheServiceWhateverIsUnderWay) {
     sandbox::Options patient = options();
-    patient.proxyPatience = std::chrono::hours(1);
+    patient.m_ProxyPatience = std::chrono::hours(1);
     restartWithProxy(patient);
     Event asked;
     RawServer silent([&asked](Peer& peer) {
@@ -631,7 +631,7 @@ TEST_F(SandboxProxy, EndsWithTheServiceWhateverIsUnderWay) {
     m_Service->stop();
     EXPECT_EQ(m_Service->proxyPort(), 0);
     EXPECT_EQ(m_Service->proxyUrl(), "");
-    EXPECT_EQ(parseAnswer(waiting.readToEnd()).status, 503);
+    EXPECT_EQ(parseAnswer(waiting.readToEnd()).m_Status, 503);
     EXPECT_THROW((void)tunnel.readToEnd(), std::runtime_error);
 }
 
@@ -655,8 +655,8 @@ TEST_F(SandboxProxy, AnswersNothingThatItCannotRecord) {
     sandbox::Database(m_Directory.path() + "/sandbox.db").execute("ALTER TABLE exchanges RENAME TO elsewhere");
     RawServer target("HTTP/1.0 200 OK\r\n\r\nbody");
     RawAnswer const answer = parseAnswer(ask(connectTo(target.portText())));
-    EXPECT_EQ(answer.status, 500);
-    EXPECT_THAT(answer.body, StartsWith("The sandbox failed: database: no such table"));
+    EXPECT_EQ(answer.m_Status, 500);
+    EXPECT_THAT(answer.m_Body, StartsWith("The sandbox failed: database: no such table"));
     // This answer is on its way already, so the merchant must see that it is not to be trusted.
     EXPECT_THROW(ask(getFrom(target.portText())), std::runtime_error);
 }
@@ -665,13 +665,13 @@ TEST_F(SandboxProxy, IsThereWhenItIsAskedForOnThePortThatIsAskedFor) {
     EXPECT_EQ(m_Service->proxyUrl(), "http://127.0.0.1:" + std::to_string(m_Service->proxyPort()));
     TemporaryDirectory const other;
     sandbox::Options second = options();
-    second.dataDirectory = other.path();
-    second.proxyPort = m_Service->proxyPort();
+    second.m_DataDirectory = other.path();
+    second.m_ProxyPort = m_Service->proxyPort();
     sandbox::Service without(second);
     without.start();
     EXPECT_EQ(without.proxyPort(), 0);
     EXPECT_EQ(without.proxyUrl(), "");
-    second.proxy = true;
+    second.m_Proxy = true;
     without.stop();
     EXPECT_THROW(sandbox::Service(second).start(), std::runtime_error);
 }

@@ -94,8 +94,8 @@ TEST_F(AutoService, RefusesUnknownTypesAndMalformedMessages) {
     EXPECT_THAT(reasonOf(askAuto("<KVX MSGTYPE=\"TeaRequest\"/>")), HasSubstr("knows no request 'TeaRequest'"));
     EXPECT_THAT(reasonOf(askAuto("<KVX MSGTYPE=\"SetupRequest\"")), HasSubstr("not well-formed"));
     EXPECT_THAT(reasonOf(askAuto("hello")), HasSubstr("not exactly one element"));
-    EXPECT_THAT(reasonOf(get("/auto").body), HasSubstr("DATA is missing"));
-    EXPECT_THAT(reasonOf(get("/auto?DATA=%3").body), HasSubstr("not well-formed percent-encoding"));
+    EXPECT_THAT(reasonOf(get("/auto").m_Body), HasSubstr("DATA is missing"));
+    EXPECT_THAT(reasonOf(get("/auto?DATA=%3").m_Body), HasSubstr("not well-formed percent-encoding"));
 }
 
 TEST_F(AutoService, TellsWhatIsWrongWithTheCredentials) {
@@ -109,7 +109,7 @@ TEST_F(AutoService, TellsWhatIsWrongWithTheCredentials) {
 TEST_F(AutoService, TellsWhatIsWrongWithTheAuthorizationHeader) {
     auto const reasonWith = [this](std::string const& header) {
         std::string const request = "GET /auto?DATA=x HTTP/1.0\r\n" + header + "\r\n";
-        return reasonOf(parseAnswer(exchangeRaw(m_Service->plainPort(), request)).body);
+        return reasonOf(parseAnswer(exchangeRaw(m_Service->plainPort(), request)).m_Body);
     };
     EXPECT_THAT(reasonWith(""), HasSubstr("no Authorization header"));
     EXPECT_THAT(reasonWith("Authorization: Bearer x\r\n"), HasSubstr("not of the scheme Basic"));
@@ -128,9 +128,9 @@ TEST_F(AutoService, AnswersBytesThatANarrowParserReads) {
 TEST_F(AutoService, ClosesTheConnectionAndTellsTheLength) {
     std::string const text = "<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>";
     RawAnswer const answer = get("/auto?DATA=" + encode(text), "demo", "demo");
-    EXPECT_EQ(answer.headers.at("content-length"), std::to_string(answer.body.size()));
-    EXPECT_EQ(answer.headers.at("connection"), "close");
-    EXPECT_EQ(answer.headers.count("transfer-encoding"), 0u);
+    EXPECT_EQ(answer.m_Headers.at("content-length"), std::to_string(answer.m_Body.size()));
+    EXPECT_EQ(answer.m_Headers.at("connection"), "close");
+    EXPECT_EQ(answer.m_Headers.count("transfer-encoding"), 0u);
 }
 
 TEST_F(AutoService, RecordsEveryExchangeWithItsVerdict) {
@@ -140,11 +140,11 @@ TEST_F(AutoService, RecordsEveryExchangeWithItsVerdict) {
     askAuto(text, "demo", "wrong");
     std::vector<sandbox::Exchange> const exchanges = m_Service->exchanges();
     ASSERT_EQ(exchanges.size(), before + 2);
-    EXPECT_EQ(exchanges[before].path, "/auto");
-    EXPECT_EQ(exchanges[before].data, text);
-    EXPECT_EQ(exchanges[before].verdict, "ok");
-    EXPECT_EQ(exchanges[before].time, "2023-11-14T22:13:20Z");
-    EXPECT_THAT(exchanges[before + 1].verdict, HasSubstr("password"));
+    EXPECT_EQ(exchanges[before].m_Path, "/auto");
+    EXPECT_EQ(exchanges[before].m_Data, text);
+    EXPECT_EQ(exchanges[before].m_Verdict, "ok");
+    EXPECT_EQ(exchanges[before].m_Time, "2023-11-14T22:13:20Z");
+    EXPECT_THAT(exchanges[before + 1].m_Verdict, HasSubstr("password"));
 }
 
 }  // namespace

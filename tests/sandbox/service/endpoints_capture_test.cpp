@@ -20,15 +20,15 @@ protected:
     [[nodiscard]] sandbox::Payment payment() const { return m_Service->payments().at(0); }
 
     [[nodiscard]] std::string named(std::string const& type, std::string const& more = "") const {
-        return m_Merchant.message(type, " ID=\"" + payment().id + "\" TOKEN=\"" + payment().token + "\"" + more);
+        return m_Merchant.message(type, " ID=\"" + payment().m_Id + "\" TOKEN=\"" + payment().m_Token + "\"" + more);
     }
 };
 
 TEST_F(CaptureService, CapturesAnAuthorisedPayment) {
     std::string const answer = askCapture(authorise("t1"));
-    EXPECT_EQ(answer, "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"" + m_Service->serverKeyId() + "\" ID=\"" + payment().id +
+    EXPECT_EQ(answer, "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"" + m_Service->serverKeyId() + "\" ID=\"" + payment().m_Id +
                           "\" TOKEN=\"t1\" AMOUNT=\"12.50\" CURRENCY=\"EUR\" ORDERID=\"A-17\" RESULT=\"captured\"/>");
-    EXPECT_EQ(payment().state, PaymentState::Captured);
+    EXPECT_EQ(payment().m_State, PaymentState::kCaptured);
     EXPECT_EQ(lastVerdict(), "ok");
 }
 
@@ -36,7 +36,7 @@ TEST_F(CaptureService, AnswersARepeatedCaptureAlike) {
     std::string const confirm = authorise("t1");
     std::string const first = askCapture(confirm);
     EXPECT_EQ(askCapture(confirm), first);
-    EXPECT_EQ(payment().history.size(), 3u);
+    EXPECT_EQ(payment().m_History.size(), 3u);
 }
 
 TEST_F(CaptureService, CapturesOnceWhenAskedAtTheSameTime) {
@@ -52,7 +52,7 @@ TEST_F(CaptureService, CapturesOnceWhenAskedAtTheSameTime) {
     for (std::string const& answer : answers) {
         EXPECT_EQ(attributeOf(answer, "RESULT"), "captured") << answer;
     }
-    EXPECT_EQ(payment().history.size(), 3u);
+    EXPECT_EQ(payment().m_History.size(), 3u);
 }
 
 TEST_F(CaptureService, RefusesToCaptureWhatIsNotAuthorised) {
@@ -61,7 +61,7 @@ TEST_F(CaptureService, RefusesToCaptureWhatIsNotAuthorised) {
     EXPECT_THAT(reasonOf(askCapture(capture)), HasSubstr("is opened, it cannot be captured"));
     press(page, "decline");
     EXPECT_THAT(reasonOf(askCapture(capture)), HasSubstr("is declined, it cannot be captured"));
-    EXPECT_EQ(payment().state, PaymentState::Declined);
+    EXPECT_EQ(payment().m_State, PaymentState::kDeclined);
 }
 
 TEST_F(CaptureService, RefusesAWrongAmountCurrencyOrIdentifier) {
@@ -75,7 +75,7 @@ TEST_F(CaptureService, RefusesAWrongAmountCurrencyOrIdentifier) {
     EXPECT_THAT(reason(" ID=\"P0\""), HasSubstr("ID and TOKEN name different payments"));
     EXPECT_THAT(reason(" ORDERID=\"A-18\""), HasSubstr("ORDERID is 'A-18', the payment has 'A-17'"));
     EXPECT_THAT(reason(" RESULT=\"declined\""), HasSubstr("RESULT is 'declined', the payment is authorised"));
-    EXPECT_EQ(payment().state, PaymentState::Authorised);
+    EXPECT_EQ(payment().m_State, PaymentState::kAuthorised);
     EXPECT_EQ(reason(" AMOUNT=\"12.50\""), "");
 }
 
@@ -93,11 +93,11 @@ TEST_F(CaptureService, RefusesAMessageUnderTheServersKey) {
 
 TEST_F(CaptureService, RefusesMissingAndWrongSignatures) {
     std::string const text = authorise("t1");
-    EXPECT_THAT(reasonOf(get("/capture?DATA=" + encode(text)).body), HasSubstr("SIGNATURE is missing"));
-    EXPECT_THAT(reasonOf(get("/capture?DATA=" + encode(text) + "&SIGNATURE=" + m_Merchant.sign(text + "x")).body),
+    EXPECT_THAT(reasonOf(get("/capture?DATA=" + encode(text)).m_Body), HasSubstr("SIGNATURE is missing"));
+    EXPECT_THAT(reasonOf(get("/capture?DATA=" + encode(text) + "&SIGNATURE=" + m_Merchant.sign(text + "x")).m_Body),
                 HasSubstr("not one of DATA"));
-    EXPECT_THAT(reasonOf(get("/capture").body), HasSubstr("DATA is missing"));
-    EXPECT_EQ(payment().state, PaymentState::Authorised);
+    EXPECT_THAT(reasonOf(get("/capture").m_Body), HasSubstr("DATA is missing"));
+    EXPECT_EQ(payment().m_State, PaymentState::kAuthorised);
 }
 
 TEST_F(CaptureService, CompletesAnAuthorisedOrCapturedPayment) {
@@ -107,14 +107,14 @@ TEST_F(CaptureService, CompletesAnAuthorisedOrCapturedPayment) {
         if (captureFirst) {
             askCapture(confirm);
         }
-        std::string const id = m_Service->payments().back().id;
+        std::string const id = m_Service->payments().back().m_Id;
         std::string const text =
             m_Merchant.message("PayCompleteRequest", " CONFIGPATH=\"/x\" ID=\"" + id + "\" TOKEN=\"" + token + "\"");
         std::string const expected =
             "<KVX MSGTYPE=\"PayCompleteResponse\" ID=\"" + id + "\" TOKEN=\"" + token + "\" STATE=\"completed\"/>";
         EXPECT_EQ(askCapture(text), expected);
         EXPECT_EQ(askCapture(text), expected) << "repeated";
-        EXPECT_EQ(m_Service->payments().back().state, PaymentState::Completed);
+        EXPECT_EQ(m_Service->payments().back().m_State, PaymentState::kCompleted);
         EXPECT_EQ(attributeOf(askCapture(confirm), "RESULT"), "captured") << "captured after completion";
     }
 }
@@ -128,7 +128,7 @@ TEST_F(CaptureService, RefusesToCompleteWithoutIdentifierOrAuthorisation) {
 
 TEST_F(CaptureService, RefusesToCompleteAnotherAmountCurrencyOrOrder) {
     authorise("t1");
-    std::string const id = " TOKEN=\"t1\" ID=\"" + payment().id + "\"";
+    std::string const id = " TOKEN=\"t1\" ID=\"" + payment().m_Id + "\"";
     auto const reason = [&](std::string const& more) {
         return reasonOf(askCapture(m_Merchant.message("PayCompleteRequest", id + more)));
     };
@@ -136,14 +136,14 @@ TEST_F(CaptureService, RefusesToCompleteAnotherAmountCurrencyOrOrder) {
     EXPECT_THAT(reason(" CURRENCY=\"USD\""), HasSubstr("CURRENCY is 'USD'"));
     EXPECT_THAT(reason(" ORDERID=\"A-18\""), HasSubstr("ORDERID is 'A-18'"));
     EXPECT_THAT(reason(" RESULT=\"AUTHORISED\""), HasSubstr("RESULT is 'AUTHORISED', the payment is authorised"));
-    EXPECT_EQ(payment().state, PaymentState::Authorised);
+    EXPECT_EQ(payment().m_State, PaymentState::kAuthorised);
     EXPECT_EQ(reason(" AMOUNT=\"12.50\" CURRENCY=\"EUR\" ORDERID=\"A-17\""), "");
 }
 
 TEST_F(CaptureService, TellsTheStatus) {
     openPage(m_Merchant.payInit("t1"));
     EXPECT_EQ(askCapture(m_Merchant.message("StatusRequest", " TOKEN=\"t1\"")),
-              "<KVX MSGTYPE=\"StatusResponse\" ID=\"" + payment().id + "\" TOKEN=\"t1\" STATE=\"opened\"/>");
+              "<KVX MSGTYPE=\"StatusResponse\" ID=\"" + payment().m_Id + "\" TOKEN=\"t1\" STATE=\"opened\"/>");
 }
 
 TEST_F(CaptureService, RefusesUnknownTypes) {
@@ -156,14 +156,14 @@ TEST_F(CaptureService, AcceptsHighBytesSignedAsAMerchantDoes) {
     authorise("t1");
     std::string const text = m_Merchant.message("PayConfirm", " TOKEN=\"t1\" NOTE=\"Caf\xE9 \xFF\x80\"");
     EXPECT_EQ(attributeOf(askCapture(text), "RESULT"), "captured");
-    EXPECT_EQ(m_Service->exchanges().back().data, text);
+    EXPECT_EQ(m_Service->exchanges().back().m_Data, text);
 }
 
 TEST_F(CaptureService, KeepsMerchantsApart) {
     authorise("t1");
     sandbox::Options second = options();
-    second.accountUser = "eve";
-    second.accountPassword = "e";
+    second.m_AccountUser = "eve";
+    second.m_AccountPassword = "e";
     m_Service.reset();
     m_Service = std::make_unique<sandbox::Service>(second);
     m_Service->start();
@@ -173,8 +173,8 @@ TEST_F(CaptureService, KeepsMerchantsApart) {
                          "eve", "e")),
         "");
     std::string const text = eve.message("PayConfirm", " TOKEN=\"t1\"");
-    EXPECT_THAT(reasonOf(get("/capture" + eve.signedQuery(text)).body), HasSubstr("no payment with the TOKEN"));
-    EXPECT_EQ(payment().state, PaymentState::Authorised);
+    EXPECT_THAT(reasonOf(get("/capture" + eve.signedQuery(text)).m_Body), HasSubstr("no payment with the TOKEN"));
+    EXPECT_EQ(payment().m_State, PaymentState::kAuthorised);
 }
 
 }  // namespace

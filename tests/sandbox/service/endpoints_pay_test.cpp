@@ -20,9 +20,9 @@ protected:
     /// The page that refuses `text`; the exchange must have been recorded with `reason`.
     void expectRefused(std::string const& text, std::string const& reason) const {
         RawAnswer const page = openPage(text);
-        EXPECT_EQ(page.status, 400) << text;
-        EXPECT_THAT(page.body, HasSubstr(sandbox::escapeHtml(reason)));
-        EXPECT_THAT(page.body, HasSubstr(sandbox::verbatim(text)));
+        EXPECT_EQ(page.m_Status, 400) << text;
+        EXPECT_THAT(page.m_Body, HasSubstr(sandbox::escapeHtml(reason)));
+        EXPECT_THAT(page.m_Body, HasSubstr(sandbox::verbatim(text)));
         EXPECT_THAT(lastVerdict(), HasSubstr(reason));
         EXPECT_TRUE(m_Service->payments().empty());
     }
@@ -33,14 +33,14 @@ protected:
     }
 
     void expectSignedReturn(RawAnswer const& answer, std::string const& link, std::string const& result) const {
-        ASSERT_EQ(answer.status, 302) << answer.body;
-        std::string const location = answer.headers.at("location");
+        ASSERT_EQ(answer.m_Status, 302) << answer.m_Body;
+        std::string const location = answer.m_Headers.at("location");
         EXPECT_THAT(location, StartsWith(link + "DATA=%3cKVX%20MSGTYPE%3d%22PayConfirm%22%20"));
         std::string const data = decode(queryValue(location, "DATA"));
         EXPECT_EQ(attributeOf(data, "MSGTYPE"), "PayConfirm");
         EXPECT_EQ(attributeOf(data, "KEYID"), m_Service->serverKeyId());
-        EXPECT_EQ(attributeOf(data, "ID"), m_Service->payments().back().id);
-        EXPECT_EQ(attributeOf(data, "TOKEN"), m_Service->payments().back().token);
+        EXPECT_EQ(attributeOf(data, "ID"), m_Service->payments().back().m_Id);
+        EXPECT_EQ(attributeOf(data, "TOKEN"), m_Service->payments().back().m_Token);
         EXPECT_EQ(attributeOf(data, "AMOUNT"), "12.50");
         EXPECT_EQ(attributeOf(data, "CURRENCY"), "EUR");
         EXPECT_EQ(attributeOf(data, "ORDERID"), "A-17");
@@ -51,31 +51,31 @@ protected:
 
 TEST_F(PaymentPage, ShowsTheOrderAndRecordsThePayment) {
     RawAnswer const page = openPage(m_Merchant.payInit("t1"));
-    EXPECT_EQ(page.status, 200);
-    EXPECT_THAT(page.headers.at("content-type"), StartsWith("text/html"));
+    EXPECT_EQ(page.m_Status, 200);
+    EXPECT_THAT(page.m_Headers.at("content-type"), StartsWith("text/html"));
     for (char const* part :
          {"A-17", "12.50 EUR", "<dd>demo</dd>", "<dd>1001</dd>", "value=\"pay\"", "value=\"decline\"",
           "value=\"cancel\"", "<html lang=\"en\">", "method=\"post\" action=\"/pay/decision\""}) {
-        EXPECT_THAT(page.body, HasSubstr(part));
+        EXPECT_THAT(page.m_Body, HasSubstr(part));
     }
-    EXPECT_THAT(page.body, Not(HasSubstr("<script")));
+    EXPECT_THAT(page.m_Body, Not(HasSubstr("<script")));
     ASSERT_EQ(m_Service->payments().size(), 1u);
     sandbox::Payment const payment = m_Service->payments()[0];
-    EXPECT_EQ(payment.state, sandbox::PaymentState::Opened);
-    EXPECT_EQ(payment.token, "t1");
-    EXPECT_EQ(payment.account, "demo");
+    EXPECT_EQ(payment.m_State, sandbox::PaymentState::kOpened);
+    EXPECT_EQ(payment.m_Token, "t1");
+    EXPECT_EQ(payment.m_Account, "demo");
     EXPECT_EQ(payment.attribute("AMOUNT"), "12.50");
-    ASSERT_EQ(payment.history.size(), 1u);
-    EXPECT_EQ(payment.history[0].time, "2023-11-14T22:13:20Z");
+    ASSERT_EQ(payment.m_History.size(), 1u);
+    EXPECT_EQ(payment.m_History[0].m_Time, "2023-11-14T22:13:20Z");
 }
 
 TEST_F(PaymentPage, IsReadableInTheRecordWhateverTheBrowserAccepts) {
     std::string request = merchantGet("/pay" + m_Merchant.signedQuery(m_Merchant.payInit("t1")));
     request.insert(request.size() - 2, "Accept-Encoding: gzip, deflate, br\r\n");
     std::string const answer = exchangeRaw(m_Service->plainPort(), request);
-    EXPECT_EQ(parseAnswer(answer).headers.count("content-encoding"), 0u);
+    EXPECT_EQ(parseAnswer(answer).m_Headers.count("content-encoding"), 0u);
     EXPECT_THAT(answer, HasSubstr("<button"));
-    EXPECT_EQ(m_Service->exchanges().back().answer, answer);
+    EXPECT_EQ(m_Service->exchanges().back().m_Answer, answer);
 }
 
 TEST_F(PaymentPage, EscapesWhatTheMerchantWrote) {
@@ -83,45 +83,45 @@ TEST_F(PaymentPage, EscapesWhatTheMerchantWrote) {
         openPage(m_Merchant.message("PayInit",
                                     " TOKEN=\"&lt;t&gt;\" EXPIRATION=\"20991231 23:59:59\" AMOUNT=\"&lt;script&gt;1\""
                                     " CURRENCY=\"&amp;&apos;\" ORDERID=\"&quot;&gt;&lt;b&gt;\x01\""))
-            .body;
+            .m_Body;
     EXPECT_THAT(page, HasSubstr("&quot;&gt;&lt;b&gt;\u2401"));
     EXPECT_THAT(page, HasSubstr("&lt;script&gt;1 &amp;&#39;"));
     EXPECT_THAT(page, Not(HasSubstr("<script")));
     EXPECT_THAT(page, Not(HasSubstr("<b>")));
-    std::string const list = get("/").body;
+    std::string const list = get("/").m_Body;
     EXPECT_THAT(list, HasSubstr("&quot;&gt;&lt;b&gt;"));
     EXPECT_THAT(list, Not(HasSubstr("<b>")));
 }
 
 TEST_F(PaymentPage, SpeaksTheLanguageOfTheMessage) {
-    std::string const page = openPage(m_Merchant.payInit("t1", " LANGID=\"de-AT\"")).body;
+    std::string const page = openPage(m_Merchant.payInit("t1", " LANGID=\"de-AT\"")).m_Body;
     EXPECT_THAT(page, HasSubstr("<html lang=\"de\">"));
     EXPECT_THAT(page, HasSubstr("<dt>H\xC3\xA4ndler</dt><dd>demo</dd>"));
 }
 
 TEST_F(PaymentPage, CanBePaidUntilTheExpiration) {
-    EXPECT_THAT(openPage(m_Merchant.payInit("t1")).body,
+    EXPECT_THAT(openPage(m_Merchant.payInit("t1")).m_Body,
                 HasSubstr("<time datetime=\"2099-12-31T23:59:59Z\">2099-12-31 23:59:59 UTC</time>"));
 }
 
 TEST_F(PaymentPage, SendsThePayingShopperToTheSuccessLink) {
     RawAnswer const answer = press(openPage(m_Merchant.payInit("t1")), "pay");
     expectSignedReturn(answer, "http://shop.example/ok?", "authorised");
-    EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Authorised);
-    EXPECT_EQ(m_Service->payments()[0].history.size(), 2u);
+    EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kAuthorised);
+    EXPECT_EQ(m_Service->payments()[0].m_History.size(), 2u);
 }
 
 TEST_F(PaymentPage, SendsTheDecliningShopperToTheFailLinkBeforeItsFragment) {
     RawAnswer const answer = press(openPage(m_Merchant.payInit("t1")), "decline");
     expectSignedReturn(answer, "http://shop.example/failed?", "declined");
-    EXPECT_THAT(answer.headers.at("location"), ::testing::EndsWith("#top"));
-    EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Declined);
+    EXPECT_THAT(answer.m_Headers.at("location"), ::testing::EndsWith("#top"));
+    EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kDeclined);
 }
 
 TEST_F(PaymentPage, ExtendsTheQueryOfTheBackLink) {
     RawAnswer const answer = press(openPage(m_Merchant.payInit("t1")), "cancel");
     expectSignedReturn(answer, "http://shop.example/back?cart=7&", "cancelled");
-    EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Cancelled);
+    EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kCancelled);
 }
 
 TEST_F(PaymentPage, SignsHighBytesSoThatTheMerchantVerifiesThem) {
@@ -129,8 +129,8 @@ TEST_F(PaymentPage, SignsHighBytesSoThatTheMerchantVerifiesThem) {
         m_Merchant.message("PayInit",
                            " TOKEN=\"t\" EXPIRATION=\"20991231 23:59:59\" ORDERID=\"Caf\xE9 \x80 &amp; \xC3\xA9\""
                            " SUCCESSLINK=\"http://shop.example/\""));
-    ASSERT_EQ(page.status, 200) << page.body;
-    std::string const location = press(page, "pay").headers.at("location");
+    ASSERT_EQ(page.m_Status, 200) << page.m_Body;
+    std::string const location = press(page, "pay").m_Headers.at("location");
     std::string const data = decode(queryValue(location, "DATA"));
     EXPECT_EQ(attributeOf(data, "ORDERID"), "Caf\xE9 \x80 & \xC3\xA9");
     EXPECT_TRUE(verifies(serverBlob(), data, queryValue(location, "SIGNATURE")));
@@ -139,76 +139,77 @@ TEST_F(PaymentPage, SignsHighBytesSoThatTheMerchantVerifiesThem) {
 TEST_F(PaymentPage, LeavesOutWhatTheOrderDidNotName) {
     RawAnswer const page = openPage(m_Merchant.message(
         "PayInit", " TOKEN=\"t\" EXPIRATION=\"20991231 23:59:59\" SUCCESSLINK=\"http://shop.example/\""));
-    std::string const data = decode(queryValue(press(page, "pay").headers.at("location"), "DATA"));
+    std::string const data = decode(queryValue(press(page, "pay").m_Headers.at("location"), "DATA"));
     EXPECT_EQ(data, "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"" + m_Service->serverKeyId() + "\" ID=\"" +
-                        m_Service->payments()[0].id + "\" TOKEN=\"t\" RESULT=\"authorised\"/>");
+                        m_Service->payments()[0].m_Id + "\" TOKEN=\"t\" RESULT=\"authorised\"/>");
 }
 
 TEST_F(PaymentPage, ShowsTheOutcomeWhenThereIsNoLink) {
     RawAnswer const page = openPage(m_Merchant.message("PayInit", " TOKEN=\"t\" EXPIRATION=\"20991231 23:59:59\""));
     RawAnswer const answer = press(page, "pay");
-    EXPECT_EQ(answer.status, 200);
-    EXPECT_THAT(answer.body, HasSubstr("The payment is authorised"));
-    EXPECT_THAT(answer.body, HasSubstr("DATA=%3cKVX"));
+    EXPECT_EQ(answer.m_Status, 200);
+    EXPECT_THAT(answer.m_Body, HasSubstr("The payment is authorised"));
+    EXPECT_THAT(answer.m_Body, HasSubstr("DATA=%3cKVX"));
 }
 
 TEST_F(PaymentPage, RepeatsTheSameDecision) {
     RawAnswer const page = openPage(m_Merchant.payInit("t1"));
-    std::string const first = press(page, "pay").headers.at("location");
-    EXPECT_EQ(press(page, "pay").headers.at("location"), first);
-    EXPECT_EQ(m_Service->payments()[0].history.size(), 2u);
+    std::string const first = press(page, "pay").m_Headers.at("location");
+    EXPECT_EQ(press(page, "pay").m_Headers.at("location"), first);
+    EXPECT_EQ(m_Service->payments()[0].m_History.size(), 2u);
 }
 
 TEST_F(PaymentPage, RefusesAnotherDecisionAfterTheFirst) {
     RawAnswer const page = openPage(m_Merchant.payInit("t1"));
     press(page, "decline");
     RawAnswer const answer = press(page, "pay");
-    EXPECT_EQ(answer.status, 409);
-    EXPECT_THAT(answer.body, HasSubstr("declined already"));
-    EXPECT_THAT(attributeOf(answer.body, "href"), StartsWith("http://shop.example/failed?DATA="));
-    EXPECT_THAT(answer.body, HasSubstr("<th scope=\"row\">TOKEN</th><td>t1</td>"));
-    EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Declined);
+    EXPECT_EQ(answer.m_Status, 409);
+    EXPECT_THAT(answer.m_Body, HasSubstr("declined already"));
+    EXPECT_THAT(attributeOf(answer.m_Body, "href"), StartsWith("http://shop.example/failed?DATA="));
+    EXPECT_THAT(answer.m_Body, HasSubstr("<th scope=\"row\">TOKEN</th><td>t1</td>"));
+    EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kDeclined);
 }
 
 TEST_F(PaymentPage, RefusesAForeignForm) {
     openPage(m_Merchant.payInit("t1"));
-    std::string const id = m_Service->payments()[0].id;
+    std::string const id = m_Service->payments()[0].m_Id;
     struct Row {
-        std::string body;
-        int status;
+        std::string m_Body;
+        int m_Status;
     };
     for (Row const& row :
          {Row{"payment=" + id + "&key=" + std::string(32, '0') + "&decision=pay", 403},
           Row{"payment=" + id + "&key=&decision=pay", 403}, Row{"payment=" + id + "&decision=pay", 403},
           Row{"payment=P0&key=x&decision=pay", 404}, Row{"", 400}, Row{"payment=" + id + "&decision=refund", 400}}) {
-        RawAnswer const answer = parseAnswer(exchangeRaw(m_Service->plainPort(), formPost("/pay/decision", row.body)));
-        EXPECT_EQ(answer.status, row.status) << row.body;
+        RawAnswer const answer =
+            parseAnswer(exchangeRaw(m_Service->plainPort(), formPost("/pay/decision", row.m_Body)));
+        EXPECT_EQ(answer.m_Status, row.m_Status) << row.m_Body;
     }
-    EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Opened);
+    EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kOpened);
 }
 
 TEST_F(PaymentPage, ShowsAReloadedPageOfAnOpenPaymentAgain) {
-    EXPECT_EQ(openPage(m_Merchant.payInit("t1")).body, openPage(m_Merchant.payInit("t1")).body);
+    EXPECT_EQ(openPage(m_Merchant.payInit("t1")).m_Body, openPage(m_Merchant.payInit("t1")).m_Body);
     EXPECT_EQ(m_Service->payments().size(), 1u);
 }
 
 TEST_F(PaymentPage, RefusesATokenThatWasUsed) {
     RawAnswer const page = openPage(m_Merchant.payInit("t1"));
-    EXPECT_THAT(openPage(m_Merchant.payInit("t1", " NOTE=\"another\"")).body, HasSubstr("TOKEN was used already"));
+    EXPECT_THAT(openPage(m_Merchant.payInit("t1", " NOTE=\"another\"")).m_Body, HasSubstr("TOKEN was used already"));
     press(page, "pay");
     RawAnswer const again = openPage(m_Merchant.payInit("t1"));
-    EXPECT_EQ(again.status, 400);
-    EXPECT_THAT(again.body, HasSubstr("which is authorised"));
+    EXPECT_EQ(again.m_Status, 400);
+    EXPECT_THAT(again.m_Body, HasSubstr("which is authorised"));
     EXPECT_EQ(m_Service->payments().size(), 1u);
 }
 
 TEST_F(PaymentPage, LeadsBackToTheShopWhenThePaymentIsDecided) {
-    std::string const address = press(openPage(m_Merchant.payInit("t1")), "pay").headers.at("location");
-    std::string const link = attributeOf(openPage(m_Merchant.payInit("t1")).body, "href");
+    std::string const address = press(openPage(m_Merchant.payInit("t1")), "pay").m_Headers.at("location");
+    std::string const link = attributeOf(openPage(m_Merchant.payInit("t1")).m_Body, "href");
     EXPECT_EQ(link, address);
-    askCapture(m_Merchant.message("PayCompleteRequest", " TOKEN=\"t1\" ID=\"" + m_Service->payments()[0].id + "\""));
-    EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Completed);
-    EXPECT_EQ(attributeOf(openPage(m_Merchant.payInit("t1")).body, "href"), address) << "it stays the confirmation";
+    askCapture(m_Merchant.message("PayCompleteRequest", " TOKEN=\"t1\" ID=\"" + m_Service->payments()[0].m_Id + "\""));
+    EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kCompleted);
+    EXPECT_EQ(attributeOf(openPage(m_Merchant.payInit("t1")).m_Body, "href"), address) << "it stays the confirmation";
 }
 
 TEST_F(PaymentPage, LeadsBackToTheShopWhoComesTooLate) {
@@ -216,33 +217,33 @@ TEST_F(PaymentPage, LeadsBackToTheShopWhoComesTooLate) {
         "PayInit", " TOKEN=\"t\" EXPIRATION=\"20231114 22:13:20\" FAILLINK=\"http://shop.example/no\"");
     m_Now = 1700000001;
     RawAnswer const page = openPage(text);
-    EXPECT_EQ(page.status, 400);
-    EXPECT_THAT(page.body, HasSubstr("The payment has expired"));
-    EXPECT_THAT(page.body, HasSubstr("EXPIRATION is 2023-11-14T22:13:20Z, now is 2023-11-14T22:13:21Z"));
-    EXPECT_THAT(page.body, Not(HasSubstr("<button")));
-    std::string const link = attributeOf(page.body, "href");
+    EXPECT_EQ(page.m_Status, 400);
+    EXPECT_THAT(page.m_Body, HasSubstr("The payment has expired"));
+    EXPECT_THAT(page.m_Body, HasSubstr("EXPIRATION is 2023-11-14T22:13:20Z, now is 2023-11-14T22:13:21Z"));
+    EXPECT_THAT(page.m_Body, Not(HasSubstr("<button")));
+    std::string const link = attributeOf(page.m_Body, "href");
     EXPECT_THAT(link, StartsWith("http://shop.example/no?DATA="));
     EXPECT_EQ(attributeOf(decode(queryValue(link, "DATA")), "RESULT"), "expired");
     EXPECT_TRUE(verifies(serverBlob(), decode(queryValue(link, "DATA")), queryValue(link, "SIGNATURE")));
     ASSERT_EQ(m_Service->payments().size(), 1u);
-    EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Expired);
+    EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kExpired);
     m_Now = 1700000000;
-    EXPECT_EQ(attributeOf(openPage(text).body, "href"), link) << "what has expired stays so";
+    EXPECT_EQ(attributeOf(openPage(text).m_Body, "href"), link) << "what has expired stays so";
 }
 
 TEST_F(PaymentPage, CanBeOpenedUntilTheExpiration) {
-    EXPECT_EQ(openPage(m_Merchant.message("PayInit", " TOKEN=\"t\" EXPIRATION=\"20231114 22:13:20\"")).status, 200);
+    EXPECT_EQ(openPage(m_Merchant.message("PayInit", " TOKEN=\"t\" EXPIRATION=\"20231114 22:13:20\"")).m_Status, 200);
 }
 
 TEST_F(PaymentPage, LeadsBackWhoPaidInTimeAndLoadsThePageLater) {
     std::string const text = m_Merchant.message(
         "PayInit", " TOKEN=\"t\" EXPIRATION=\"20231114 22:13:20\" SUCCESSLINK=\"http://shop.example/ok\"");
-    std::string const address = press(openPage(text), "pay").headers.at("location");
+    std::string const address = press(openPage(text), "pay").m_Headers.at("location");
     m_Now = 1700000001;
     RawAnswer const page = openPage(text);
-    EXPECT_THAT(page.body, HasSubstr("The payment is decided already"));
-    EXPECT_THAT(page.body, HasSubstr("which is authorised"));
-    EXPECT_EQ(attributeOf(page.body, "href"), address);
+    EXPECT_THAT(page.m_Body, HasSubstr("The payment is decided already"));
+    EXPECT_THAT(page.m_Body, HasSubstr("which is authorised"));
+    EXPECT_EQ(attributeOf(page.m_Body, "href"), address);
 }
 
 TEST_F(PaymentPage, AcceptsNoDecisionAfterTheExpiration) {
@@ -250,22 +251,22 @@ TEST_F(PaymentPage, AcceptsNoDecisionAfterTheExpiration) {
         "PayInit", " TOKEN=\"t\" EXPIRATION=\"20231114 22:13:20\" FAILLINK=\"http://shop.example/no\""));
     m_Now = 1700000001;
     RawAnswer const back = press(page, "pay");
-    EXPECT_EQ(back.status, 302);
-    std::string const location = back.headers.at("location");
+    EXPECT_EQ(back.m_Status, 302);
+    std::string const location = back.m_Headers.at("location");
     EXPECT_THAT(location, StartsWith("http://shop.example/no?DATA="));
     EXPECT_EQ(attributeOf(decode(queryValue(location, "DATA")), "RESULT"), "expired");
-    EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Expired);
-    EXPECT_EQ(m_Service->payments()[0].history.size(), 2u);
-    EXPECT_EQ(press(page, "pay").headers.at("location"), location) << "a second click changes nothing";
+    EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kExpired);
+    EXPECT_EQ(m_Service->payments()[0].m_History.size(), 2u);
+    EXPECT_EQ(press(page, "pay").m_Headers.at("location"), location) << "a second click changes nothing";
     m_Now = 1700000000;
-    EXPECT_EQ(press(page, "pay").headers.at("location"), location) << "what has expired stays so";
+    EXPECT_EQ(press(page, "pay").m_Headers.at("location"), location) << "what has expired stays so";
 }
 
 TEST_F(PaymentPage, TellsThatAnUndecidedPaymentHasExpired) {
     openPage(m_Merchant.message("PayInit", " TOKEN=\"t\" EXPIRATION=\"20231114 22:13:20\""));
-    EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Opened);
+    EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kOpened);
     m_Now = 1700000001;
-    EXPECT_EQ(m_Service->payments()[0].state, sandbox::PaymentState::Expired);
+    EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kExpired);
     EXPECT_EQ(attributeOf(askCapture(m_Merchant.message("StatusRequest", " TOKEN=\"t\"")), "STATE"), "expired");
 }
 
@@ -302,8 +303,8 @@ TEST_F(PaymentPage, TellsWhyASignatureIsRefused) {
     std::string const target = "/pay?DATA=" + encode(text);
     std::string const good = m_Merchant.sign(text);
     struct Row {
-        std::string query;
-        char const* reason;
+        std::string m_Query;
+        char const* m_Reason;
     };
     for (Row const& row :
          {Row{"", "SIGNATURE is missing"}, Row{"&SIGNATURE=", "SIGNATURE is missing"},
@@ -312,34 +313,34 @@ TEST_F(PaymentPage, TellsWhyASignatureIsRefused) {
           Row{"&SIGNATURE=" + TestMerchant("x").sign(text), "not one of DATA"},
           Row{"&SIGNATURE=" + m_Merchant.sign(text, true), "sign-extended bytes"},
           Row{"&SIGNATURE=" + good + "&SIGNATURE=" + good, "SIGNATURE stands in the query twice"}}) {
-        RawAnswer const page = get(target + row.query);
-        EXPECT_EQ(page.status, 400);
-        EXPECT_THAT(page.body, HasSubstr(row.reason));
-        EXPECT_THAT(page.body, HasSubstr(sandbox::escapeHtml(text)));
+        RawAnswer const page = get(target + row.m_Query);
+        EXPECT_EQ(page.m_Status, 400);
+        EXPECT_THAT(page.m_Body, HasSubstr(row.m_Reason));
+        EXPECT_THAT(page.m_Body, HasSubstr(sandbox::escapeHtml(text)));
     }
-    EXPECT_EQ(get(target + "&SIGNATURE=" + good).status, 200);
+    EXPECT_EQ(get(target + "&SIGNATURE=" + good).m_Status, 200);
 }
 
 TEST_F(PaymentPage, RefusesTheMessageOfAnotherMerchantsKey) {
     TestMerchant const other(m_Merchant.keyId());
     RawAnswer const page = get("/pay" + other.signedQuery(m_Merchant.payInit("t1")));
-    EXPECT_THAT(page.body, HasSubstr("is not one of DATA under the key &#39;" + m_Merchant.keyId()));
+    EXPECT_THAT(page.m_Body, HasSubstr("is not one of DATA under the key &#39;" + m_Merchant.keyId()));
 }
 
 TEST_F(PaymentPage, ListsPaymentsWithTheirStates) {
-    EXPECT_THAT(get("/").body, HasSubstr("no payments yet"));
+    EXPECT_THAT(get("/").m_Body, HasSubstr("no payments yet"));
     press(openPage(m_Merchant.payInit("t1")), "pay");
     openPage(m_Merchant.payInit("t2"));
-    std::string const list = get("/").body;
+    std::string const list = get("/").m_Body;
     EXPECT_THAT(list, HasSubstr(">authorised<"));
     EXPECT_THAT(list, HasSubstr(">opened<"));
 }
 
 TEST_F(PaymentPage, ShowsReturnedShoppersTheMessage) {
     RawAnswer const page = get("/returned?DATA=%3cKVX%2f%3e&SIGNATURE=00");
-    EXPECT_EQ(page.status, 200);
-    EXPECT_THAT(page.body, HasSubstr("&lt;KVX/&gt;"));
-    EXPECT_EQ(get("/returned?DATA=%zz").status, 400);
+    EXPECT_EQ(page.m_Status, 200);
+    EXPECT_THAT(page.m_Body, HasSubstr("&lt;KVX/&gt;"));
+    EXPECT_EQ(get("/returned?DATA=%zz").m_Status, 400);
 }
 
 }  // namespace

@@ -101,8 +101,8 @@ protected:
     void restartWithPauses(std::vector<std::chrono::milliseconds> const& pauses,
                            std::chrono::milliseconds patience = std::chrono::hours(1)) {
         sandbox::Options hurried = options();
-        hurried.notificationPauses = pauses;
-        hurried.notificationPatience = patience;
+        hurried.m_NotificationPauses = pauses;
+        hurried.m_NotificationPatience = patience;
         restart(hurried);
     }
 
@@ -112,7 +112,7 @@ protected:
     }
 
     void payNotified(std::string const& address, std::string const& token = "t1") const {
-        ASSERT_EQ(press(openNotified(address, token), "pay").status, 302);
+        ASSERT_EQ(press(openNotified(address, token), "pay").m_Status, 302);
     }
 
     /// The notification of this number once it is as `condition` wants it.
@@ -126,13 +126,13 @@ protected:
     }
 
     [[nodiscard]] Notification awaitSettled(std::size_t index = 0) const {
-        return await([](Notification const& notification) { return !notification.pending; }, index);
+        return await([](Notification const& notification) { return !notification.m_Pending; }, index);
     }
 
     [[nodiscard]] std::vector<sandbox::Exchange> sent() const {
         std::vector<sandbox::Exchange> found;
         for (sandbox::Exchange const& exchange : m_Service->exchanges()) {
-            if (exchange.kind == ExchangeKind::Notification) {
+            if (exchange.m_Kind == ExchangeKind::kNotification) {
                 found.push_back(exchange);
             }
         }
@@ -156,42 +156,42 @@ std::string signatureOf(std::string const& request) {
 
 TEST_F(PaymentNotification, TellsEveryDecision) {
     struct Row {
-        char const* decision;
-        char const* result;
+        char const* m_Decision;
+        char const* m_Result;
     };
     std::size_t number = 0;
     for (Row const& row : {Row{"pay", "authorised"}, Row{"decline", "declined"}, Row{"cancel", "cancelled"}}) {
         Shop shop({Shop::answers(answerWith(200))});
-        ASSERT_EQ(press(openNotified(shop.address(), row.decision), row.decision).status, 302);
+        ASSERT_EQ(press(openNotified(shop.address(), row.m_Decision), row.m_Decision).m_Status, 302);
         std::string const request = shop.request();
         EXPECT_THAT(request, StartsWith("GET /notified?shop=7&DATA=%3cKVX%20MSGTYPE%3d%22PayConfirm%22%20"));
         EXPECT_THAT(request, HasSubstr(" HTTP/1.0\r\nHost: " + shop.place() + "\r\n"));
         std::string const data = dataOf(request);
         EXPECT_EQ(attributeOf(data, "KEYID"), m_Service->serverKeyId());
-        EXPECT_EQ(attributeOf(data, "TOKEN"), row.decision);
-        EXPECT_EQ(attributeOf(data, "ID"), m_Service->payments().at(number).id);
+        EXPECT_EQ(attributeOf(data, "TOKEN"), row.m_Decision);
+        EXPECT_EQ(attributeOf(data, "ID"), m_Service->payments().at(number).m_Id);
         EXPECT_EQ(attributeOf(data, "AMOUNT"), "12.50");
         EXPECT_EQ(attributeOf(data, "CURRENCY"), "EUR");
         EXPECT_EQ(attributeOf(data, "ORDERID"), "A-17");
-        EXPECT_EQ(attributeOf(data, "RESULT"), row.result);
+        EXPECT_EQ(attributeOf(data, "RESULT"), row.m_Result);
         EXPECT_TRUE(verifies(blobOf(m_Service->serverKeyId()), data, signatureOf(request)));
         Notification const notification = awaitSettled(number++);
-        EXPECT_EQ(notification.outcome, "delivered: 200");
-        EXPECT_EQ(notification.attempts, 1);
-        EXPECT_EQ(notification.result, row.result);
-        EXPECT_EQ(notification.time, "2023-11-14T22:13:20Z");
+        EXPECT_EQ(notification.m_Outcome, "delivered: 200");
+        EXPECT_EQ(notification.m_Attempts, 1);
+        EXPECT_EQ(notification.m_Result, row.m_Result);
+        EXPECT_EQ(notification.m_Time, "2023-11-14T22:13:20Z");
         EXPECT_EQ(shop.requests(1).size(), 1u);
     }
 }
 
 TEST_F(PaymentNotification, TellsThatAPaymentHasExpired) {
     Shop shop({Shop::answers(answerWith(200))});
-    EXPECT_EQ(openNotified(shop.address()).status, 200);
+    EXPECT_EQ(openNotified(shop.address()).m_Status, 200);
     EXPECT_TRUE(m_Service->notifications().empty());
     m_Now = 5'000'000'000;
-    EXPECT_EQ(m_Service->payments().at(0).state, sandbox::PaymentState::Expired);
+    EXPECT_EQ(m_Service->payments().at(0).m_State, sandbox::PaymentState::kExpired);
     EXPECT_EQ(attributeOf(dataOf(shop.request()), "RESULT"), "expired");
-    EXPECT_EQ(awaitSettled().outcome, "delivered: 200");
+    EXPECT_EQ(awaitSettled().m_Outcome, "delivered: 200");
 }
 
 /// Payments that expire within the hour, of a service that looks at the clock as often as a test says.
@@ -201,7 +201,7 @@ protected:
 
     void restartWithPace(std::chrono::milliseconds pace) {
         sandbox::Options others = options();
-        others.clockPace = pace;
+        others.m_ClockPace = pace;
         restart(others);
     }
 
@@ -209,7 +209,7 @@ protected:
         EXPECT_EQ(openPage(m_Merchant.message("PayInit", " TOKEN=\"" + token +
                                                              "\" EXPIRATION=\"20231114 23:13:20\" NOTIFYADDRESS=\"" +
                                                              address + "\""))
-                      .status,
+                      .m_Status,
                   200);
     }
 
@@ -222,7 +222,7 @@ TEST_F(NotificationOfExpiration, ComesWithoutAnybodyLooking) {
     openBriefly(shop.address());
     m_Now = kPast;
     EXPECT_EQ(attributeOf(dataOf(shop.request()), "RESULT"), "expired");
-    EXPECT_EQ(awaitSettled().outcome, "delivered: 200");
+    EXPECT_EQ(awaitSettled().m_Outcome, "delivered: 200");
 }
 
 TEST_F(NotificationOfExpiration, ComesWhenTheClockIsSetAhead) {
@@ -249,21 +249,21 @@ TEST_F(NotificationOfExpiration, ComesAfterTheNextStart) {
     m_Service->stop();
     m_Now = kPast;
     m_Service->start();
-    EXPECT_EQ(awaitSettled(0).result, "expired");
-    EXPECT_EQ(awaitSettled(1).result, "expired");
+    EXPECT_EQ(awaitSettled(0).m_Result, "expired");
+    EXPECT_EQ(awaitSettled(1).m_Result, "expired");
     EXPECT_EQ(shop.requests(2).size(), 2u);
 }
 
 TEST_F(NotificationOfExpiration, DoesNotComeForWhatWasDecidedInTime) {
     Shop shop({Shop::answers(answerWith(200))});
     payNotified(shop.address(), "t1");
-    EXPECT_EQ(awaitSettled(0).result, "authorised");
+    EXPECT_EQ(awaitSettled(0).m_Result, "authorised");
     // The second one shows that the first one has been passed over.
     openBriefly(shop.address(), "t2");
     m_Now = 5'000'000'000;
     m_Service->clockMoved();
-    EXPECT_EQ(awaitSettled(1).payment, m_Service->payments().at(1).id);
-    EXPECT_EQ(m_Service->payments().at(0).state, sandbox::PaymentState::Authorised);
+    EXPECT_EQ(awaitSettled(1).m_Payment, m_Service->payments().at(1).m_Id);
+    EXPECT_EQ(m_Service->payments().at(0).m_State, sandbox::PaymentState::kAuthorised);
     EXPECT_EQ(shop.requests(2).size(), 2u);
 }
 
@@ -285,10 +285,10 @@ TEST_F(NotificationOfExpiration, ComesOnceHoweverManyLook) {
         looker.join();
     }
     EXPECT_EQ(shop.requests(kPayments).size(), kPayments);
-    EXPECT_EQ(awaitSettled(kPayments - 1).outcome, "delivered: 200");
+    EXPECT_EQ(awaitSettled(kPayments - 1).m_Outcome, "delivered: 200");
     EXPECT_EQ(m_Service->notifications().size(), kPayments);
     for (sandbox::Payment const& payment : m_Service->payments()) {
-        EXPECT_EQ(payment.history.size(), 2u) << payment.id;
+        EXPECT_EQ(payment.m_History.size(), 2u) << payment.m_Id;
     }
 }
 
@@ -297,7 +297,7 @@ TEST_F(PaymentNotification, TellsNothingUnaskedAndNothingThatTheMerchantDid) {
     EXPECT_TRUE(m_Service->notifications().empty());
     Shop shop({Shop::answers(answerWith(200))});
     payNotified(shop.address());
-    EXPECT_EQ(awaitSettled().outcome, "delivered: 200");
+    EXPECT_EQ(awaitSettled().m_Outcome, "delivered: 200");
     std::string confirm = dataOf(shop.request());
     std::string const key = m_Service->serverKeyId();
     confirm.replace(confirm.find(key), key.size(), m_Merchant.keyId());
@@ -312,26 +312,26 @@ TEST_F(PaymentNotification, LetsTheMerchantCaptureFromWithinIt) {
         peer.send(answerWith(200));
     }});
     payNotified(shop.address());
-    EXPECT_EQ(awaitSettled().outcome, "delivered: 200");
+    EXPECT_EQ(awaitSettled().m_Outcome, "delivered: 200");
     EXPECT_EQ(attributeOf(captured, "RESULT"), "captured");
 }
 
 TEST_F(PaymentNotification, RecordsWhatWasSentAndAnswered) {
     Shop shop({Shop::answers(answerWith(202))});
     payNotified(shop.address() + "#part");
-    EXPECT_EQ(awaitSettled().outcome, "delivered: 202");
+    EXPECT_EQ(awaitSettled().m_Outcome, "delivered: 202");
     ASSERT_EQ(sent().size(), 1u);
     sandbox::Exchange const exchange = sent()[0];
-    EXPECT_EQ(exchange.order, "A-17");
-    EXPECT_EQ(exchange.path, "http://" + shop.place() + "/notified");
-    EXPECT_EQ(exchange.request, shop.request());
-    EXPECT_EQ(exchange.data, dataOf(shop.request()));
-    EXPECT_EQ(exchange.signature, signatureOf(shop.request()));
-    EXPECT_EQ(exchange.answer, answerWith(202));
-    EXPECT_EQ(exchange.verdict, "ok");
-    EXPECT_EQ(exchange.fault, "");
-    EXPECT_EQ(exchange.time, "2023-11-14T22:13:20Z");
-    EXPECT_GT(exchange.microseconds, 0);
+    EXPECT_EQ(exchange.m_Order, "A-17");
+    EXPECT_EQ(exchange.m_Path, "http://" + shop.place() + "/notified");
+    EXPECT_EQ(exchange.m_Request, shop.request());
+    EXPECT_EQ(exchange.m_Data, dataOf(shop.request()));
+    EXPECT_EQ(exchange.m_Signature, signatureOf(shop.request()));
+    EXPECT_EQ(exchange.m_Answer, answerWith(202));
+    EXPECT_EQ(exchange.m_Verdict, "ok");
+    EXPECT_EQ(exchange.m_Fault, "");
+    EXPECT_EQ(exchange.m_Time, "2023-11-14T22:13:20Z");
+    EXPECT_GT(exchange.m_Microseconds, 0);
     EXPECT_THAT(shop.request(), Not(HasSubstr("part")));
 }
 
@@ -339,26 +339,26 @@ TEST_F(PaymentNotification, AsksThreeTimes) {
     Shop shop({Shop::answers(answerWith(500))});
     payNotified(shop.address());
     Notification const notification = awaitSettled();
-    EXPECT_EQ(notification.outcome, "given up: the merchant answered 500");
-    EXPECT_EQ(notification.attempts, 3);
+    EXPECT_EQ(notification.m_Outcome, "given up: the merchant answered 500");
+    EXPECT_EQ(notification.m_Attempts, 3);
     EXPECT_EQ(shop.requests(3).size(), 3u);
     EXPECT_EQ(shop.requests(3)[0], shop.requests(3)[2]);
     ASSERT_EQ(sent().size(), 3u);
-    EXPECT_EQ(sent()[1].verdict, "the merchant answered 500");
+    EXPECT_EQ(sent()[1].m_Verdict, "the merchant answered 500");
 }
 
 TEST_F(PaymentNotification, DeliversAtALaterAttempt) {
     Shop shop({Shop::answers(answerWith(500)), Shop::answers(answerWith(302)), Shop::answers(answerWith(299))});
     payNotified(shop.address());
     Notification const notification = awaitSettled();
-    EXPECT_EQ(notification.outcome, "delivered: 299");
-    EXPECT_EQ(notification.attempts, 3);
+    EXPECT_EQ(notification.m_Outcome, "delivered: 299");
+    EXPECT_EQ(notification.m_Attempts, 3);
 }
 
 TEST_F(PaymentNotification, TakesOnlyAGoodAnswerForOne) {
     struct Row {
-        Shop::Script script;
-        char const* outcome;
+        Shop::Script m_Script;
+        char const* m_Outcome;
     };
     std::size_t index = 0;
     for (Row const& row : {
@@ -376,17 +376,17 @@ TEST_F(PaymentNotification, TakesOnlyAGoodAnswerForOne) {
              Row{Shop::answers("HTTP/1.0 200\n\n"), "delivered: 200"},
              Row{Shop::answers("HTTP/1.0 200 OK\r\n\r\n" + std::string(9 * 1024 * 1024, 'x')), "delivered: 200"},
          }) {
-        Shop shop({row.script});
+        Shop shop({row.m_Script});
         payNotified(shop.address(), "t" + std::to_string(index));
-        EXPECT_EQ(awaitSettled(index++).outcome, row.outcome);
+        EXPECT_EQ(awaitSettled(index++).m_Outcome, row.m_Outcome);
     }
-    EXPECT_LT(sent().back().answer.size(), 100000u);
+    EXPECT_LT(sent().back().m_Answer.size(), 100000u);
 }
 
 TEST_F(PaymentNotification, GivesUpWhereNobodyListens) {
     ClosedPort const closed;
     payNotified("http://localhost:" + closed.text());
-    EXPECT_THAT(awaitSettled().outcome, StartsWith("given up: no connection to localhost:" + closed.text() + ": "));
+    EXPECT_THAT(awaitSettled().m_Outcome, StartsWith("given up: no connection to localhost:" + closed.text() + ": "));
     EXPECT_EQ(sent().size(), 3u);
 }
 
@@ -394,7 +394,7 @@ TEST_F(PaymentNotification, DoesNotWaitForASlowMerchantForEver) {
     restartWithPauses({}, std::chrono::milliseconds(50));
     Shop shop({Shop::hangs()});
     payNotified(shop.address());
-    EXPECT_EQ(awaitSettled().outcome, "given up: the merchant did not answer in time");
+    EXPECT_EQ(awaitSettled().m_Outcome, "given up: the merchant did not answer in time");
 }
 
 TEST_F(PaymentNotification, IsContentWithTheHeadOfAnAnswerThatDoesNotEnd) {
@@ -405,7 +405,7 @@ TEST_F(PaymentNotification, IsContentWithTheHeadOfAnAnswerThatDoesNotEnd) {
         peer.receiveToEnd();
     }});
     payNotified(shop.address());
-    EXPECT_EQ(awaitSettled().outcome, "delivered: 204");
+    EXPECT_EQ(awaitSettled().m_Outcome, "delivered: 204");
 }
 
 TEST_F(PaymentNotification, TakesAnAnswerForWholeWhenItsLengthHasCome) {
@@ -416,14 +416,14 @@ TEST_F(PaymentNotification, TakesAnAnswerForWholeWhenItsLengthHasCome) {
         peer.receiveToEnd();
     }});
     payNotified(shop.address());
-    EXPECT_EQ(awaitSettled().outcome, "delivered: 200");
-    EXPECT_THAT(m_Service->exchanges().back().answer, HasSubstr("\r\n\r\ndone"));
+    EXPECT_EQ(awaitSettled().m_Outcome, "delivered: 200");
+    EXPECT_THAT(m_Service->exchanges().back().m_Answer, HasSubstr("\r\n\r\ndone"));
 }
 
 TEST_F(PaymentNotification, SendsToThisMachineOverHttpOnly) {
     struct Row {
-        char const* address;
-        char const* outcome;
+        char const* m_Address;
+        char const* m_Outcome;
     };
     std::size_t index = 0;
     for (Row const& row : {
@@ -443,10 +443,10 @@ TEST_F(PaymentNotification, SendsToThisMachineOverHttpOnly) {
              Row{"http://127.0.0.1/\xC3\xA9", "not sent: the address holds a space or a byte outside ASCII"},
              Row{"http://127.0.0.1/\r\nX: y", "not sent: the address holds a space or a byte outside ASCII"},
          }) {
-        payNotified(row.address, "t" + std::to_string(index));
+        payNotified(row.m_Address, "t" + std::to_string(index));
         Notification const notification = awaitSettled(index++);
-        EXPECT_EQ(notification.outcome, row.outcome);
-        EXPECT_EQ(notification.attempts, 0);
+        EXPECT_EQ(notification.m_Outcome, row.m_Outcome);
+        EXPECT_EQ(notification.m_Attempts, 0);
     }
     EXPECT_TRUE(sent().empty());
 }
@@ -455,17 +455,17 @@ TEST_F(PaymentNotification, WaitsBetweenAttemptsAndLetsOthersPass) {
     restartWithPauses({std::chrono::hours(1), std::chrono::hours(1)});
     Shop failing({Shop::answers(answerWith(500))});
     payNotified(failing.address(), "t1");
-    Notification const first = await([](Notification const& notification) { return notification.attempts == 1; });
-    EXPECT_TRUE(first.pending);
-    EXPECT_EQ(first.outcome, "to be tried again: the merchant answered 500");
+    Notification const first = await([](Notification const& notification) { return notification.m_Attempts == 1; });
+    EXPECT_TRUE(first.m_Pending);
+    EXPECT_EQ(first.m_Outcome, "to be tried again: the merchant answered 500");
     Shop other({Shop::answers(answerWith(200))});
     payNotified(other.address(), "t2");
-    EXPECT_EQ(awaitSettled(1).outcome, "delivered: 200");
+    EXPECT_EQ(awaitSettled(1).m_Outcome, "delivered: 200");
     EXPECT_EQ(failing.requests(1).size(), 1u);
     // The next start does not wait, and counts on.
     restartWithPauses({std::chrono::hours(1), std::chrono::hours(1)});
-    EXPECT_EQ(await([](Notification const& notification) { return notification.attempts == 2; }).outcome,
-              first.outcome);
+    EXPECT_EQ(await([](Notification const& notification) { return notification.m_Attempts == 2; }).m_Outcome,
+              first.m_Outcome);
     EXPECT_EQ(failing.requests(2).size(), 2u);
     EXPECT_EQ(other.requests(1).size(), 1u);
 }
@@ -485,7 +485,7 @@ TEST_F(PaymentNotification, DoesNotWaitForMerchantsElsewhere) {
     }
     payNotified(slow[1]->address(), "second");
     payNotified(quick.address(), "quick");
-    EXPECT_EQ(awaitSettled(slow.size()).outcome, "delivered: 200") << "one of the threads is still free";
+    EXPECT_EQ(awaitSettled(slow.size()).m_Outcome, "delivered: 200") << "one of the threads is still free";
     payNotified(slow[0]->address(), "slow");
     EXPECT_NE(slow[0]->request(), "");
     payNotified(quick.address(), "late");
@@ -495,7 +495,7 @@ TEST_F(PaymentNotification, DoesNotWaitForMerchantsElsewhere) {
     EXPECT_EQ(quick.requests(2).size(), 2u);
     EXPECT_EQ(slow[1]->requests(2).size(), 2u);
     for (std::size_t i = 0; i < slow.size() + 3; ++i) {
-        EXPECT_EQ(awaitSettled(i).attempts, 1) << i;
+        EXPECT_EQ(awaitSettled(i).m_Attempts, 1) << i;
     }
 }
 
@@ -503,20 +503,20 @@ TEST_F(PaymentNotification, ComesInOrderForOnePayment) {
     restartWithPauses({std::chrono::hours(1), std::chrono::hours(1)});
     Shop shop({Shop::answers(answerWith(500)), Shop::answers(answerWith(500)), Shop::answers(answerWith(200))});
     payNotified(shop.address(), "t1");
-    EXPECT_TRUE(await([](Notification const& notification) { return notification.attempts == 1; }).pending);
+    EXPECT_TRUE(await([](Notification const& notification) { return notification.m_Attempts == 1; }).m_Pending);
     m_Service->stop();
     sandbox::Database(m_Directory.path() + "/sandbox.db")
         .execute(
             "INSERT INTO notifications (payment, address, result, attempts, pending, time, outcome) "
             "SELECT payment, address, 'captured', 0, 1, '', '' FROM notifications");
     m_Service->start();
-    EXPECT_TRUE(await([](Notification const& notification) { return notification.attempts == 2; }).pending);
+    EXPECT_TRUE(await([](Notification const& notification) { return notification.m_Attempts == 2; }).m_Pending);
     payNotified(shop.address(), "t2");
-    EXPECT_EQ(awaitSettled(2).outcome, "delivered: 200");
-    EXPECT_EQ(m_Service->notifications().at(1).attempts, 0) << "the one before it is not settled";
+    EXPECT_EQ(awaitSettled(2).m_Outcome, "delivered: 200");
+    EXPECT_EQ(m_Service->notifications().at(1).m_Attempts, 0) << "the one before it is not settled";
     m_Service->stop();
     m_Service->start();
-    EXPECT_EQ(awaitSettled(1).outcome, "delivered: 200");
+    EXPECT_EQ(awaitSettled(1).m_Outcome, "delivered: 200");
     std::vector<std::string> const requests = shop.requests(5);
     ASSERT_EQ(requests.size(), 5u);
     EXPECT_EQ(attributeOf(dataOf(requests[3]), "RESULT"), "authorised");
@@ -534,7 +534,7 @@ TEST_F(PaymentNotification, IsCutEverywhereWhenTheServiceStops) {
     m_Service->stop();
     m_Service->start();
     for (std::size_t i = 0; i < shops.size(); ++i) {
-        EXPECT_EQ(awaitSettled(i).attempts, 1);
+        EXPECT_EQ(awaitSettled(i).m_Attempts, 1);
         EXPECT_EQ(shops[i]->requests(2).size(), 2u);
     }
 }
@@ -546,11 +546,11 @@ TEST_F(PaymentNotification, IsSentAfterTheNextStartWhenTheServiceStopsBefore) {
     m_Service->stop();
     m_Service->start();
     Notification const notification = awaitSettled();
-    EXPECT_EQ(notification.outcome, "delivered: 200");
-    EXPECT_EQ(notification.attempts, 1);
+    EXPECT_EQ(notification.m_Outcome, "delivered: 200");
+    EXPECT_EQ(notification.m_Attempts, 1);
     EXPECT_EQ(shop.requests(2).at(1), cut);
     ASSERT_EQ(sent().size(), 2u);
-    EXPECT_EQ(sent()[0].verdict, "the sandbox stopped before the merchant answered");
+    EXPECT_EQ(sent()[0].m_Verdict, "the sandbox stopped before the merchant answered");
 }
 
 TEST_F(PaymentNotification, IsNotSentByAServiceThatCannotStart) {
@@ -560,8 +560,8 @@ TEST_F(PaymentNotification, IsNotSentByAServiceThatCannotStart) {
     m_Service->stop();
     RawServer const blocker("");
     sandbox::Options blocked = options();
-    blocked.proxy = true;
-    blocked.proxyPort = blocker.port();
+    blocked.m_Proxy = true;
+    blocked.m_ProxyPort = blocker.port();
     EXPECT_THROW(sandbox::Service(blocked).start(), std::runtime_error);
     EXPECT_EQ(shop.requests(1).size(), 1u);
 }
@@ -580,8 +580,8 @@ TEST_F(PaymentNotification, IsNotRepeatedBecauseItsOutcomeCannotBeKept) {
     EXPECT_EQ(shop.requests(2).size(), 2u);
     sandbox::Database(file).execute("DROP TRIGGER broken");
     m_Service->start();
-    EXPECT_EQ(awaitSettled(0).outcome, "delivered: 200");
-    EXPECT_EQ(awaitSettled(1).outcome, "delivered: 200");
+    EXPECT_EQ(awaitSettled(0).m_Outcome, "delivered: 200");
+    EXPECT_EQ(awaitSettled(1).m_Outcome, "delivered: 200");
 }
 
 TEST_F(PaymentNotification, IsNotSentByFaultOfDrop) {
@@ -589,14 +589,14 @@ TEST_F(PaymentNotification, IsNotSentByFaultOfDrop) {
     Shop shop({Shop::answers(answerWith(200))});
     payNotified(shop.address(), "t1");
     Notification const notification = awaitSettled();
-    EXPECT_EQ(notification.outcome, "not sent: the fault drop,exchange=notification,order=A-17 happened");
-    EXPECT_EQ(notification.attempts, 0);
+    EXPECT_EQ(notification.m_Outcome, "not sent: the fault drop,exchange=notification,order=A-17 happened");
+    EXPECT_EQ(notification.m_Attempts, 0);
     ASSERT_EQ(sent().size(), 1u);
-    EXPECT_EQ(sent()[0].verdict, "not sent");
-    EXPECT_EQ(sent()[0].request, "");
-    EXPECT_EQ(sent()[0].fault, "drop,exchange=notification,order=A-17");
+    EXPECT_EQ(sent()[0].m_Verdict, "not sent");
+    EXPECT_EQ(sent()[0].m_Request, "");
+    EXPECT_EQ(sent()[0].m_Fault, "drop,exchange=notification,order=A-17");
     payNotified(shop.address(), "t2");
-    EXPECT_EQ(awaitSettled(1).outcome, "delivered: 200");
+    EXPECT_EQ(awaitSettled(1).m_Outcome, "delivered: 200");
     EXPECT_EQ(shop.requests(1).size(), 1u);
 }
 
@@ -605,35 +605,35 @@ TEST_F(PaymentNotification, IsSentTwiceOncePerFault) {
     Shop shop({Shop::answers(answerWith(200)), Shop::answers(answerWith(500)), Shop::answers(answerWith(200))});
     payNotified(shop.address(), "t1");
     Notification const notification = awaitSettled();
-    EXPECT_EQ(notification.outcome, "delivered: 200");
-    EXPECT_EQ(notification.attempts, 1);
+    EXPECT_EQ(notification.m_Outcome, "delivered: 200");
+    EXPECT_EQ(notification.m_Attempts, 1);
     payNotified(shop.address(), "t2");
-    EXPECT_EQ(awaitSettled(1).outcome, "delivered: 200");
+    EXPECT_EQ(awaitSettled(1).m_Outcome, "delivered: 200");
     std::vector<std::string> const requests = shop.requests(3);
     ASSERT_EQ(requests.size(), 3u);
     EXPECT_EQ(requests[0], requests[1]);
     EXPECT_NE(requests[0], requests[2]);
     ASSERT_EQ(sent().size(), 3u);
-    EXPECT_EQ(sent()[1].fault, "twice,exchange=notification");
-    EXPECT_EQ(sent()[1].verdict, "the merchant answered 500");
-    EXPECT_EQ(sent()[2].fault, "");
+    EXPECT_EQ(sent()[1].m_Fault, "twice,exchange=notification");
+    EXPECT_EQ(sent()[1].m_Verdict, "the merchant answered 500");
+    EXPECT_EQ(sent()[2].m_Fault, "");
 }
 
 TEST_F(PaymentNotification, IsLateByFaultOfDelay) {
     arm("delay,exchange=notification,seconds=0");
     Shop shop({Shop::answers(answerWith(200))});
     payNotified(shop.address(), "t1");
-    EXPECT_EQ(awaitSettled().outcome, "delivered: 200");
-    EXPECT_EQ(sent().at(0).fault, "delay,exchange=notification,seconds=0");
+    EXPECT_EQ(awaitSettled().m_Outcome, "delivered: 200");
+    EXPECT_EQ(sent().at(0).m_Fault, "delay,exchange=notification,seconds=0");
     arm("delay,exchange=notification,order=A-17,seconds=3600");
     payNotified(shop.address(), "t2");
     ASSERT_TRUE(comesTrue([this] { return m_Service->faults().empty(); }));
     // A late one holds up no other, and not the end of the service.
     payNotified(shop.address(), "t3");
-    EXPECT_EQ(awaitSettled(2).outcome, "delivered: 200");
-    EXPECT_TRUE(m_Service->notifications().at(1).pending);
+    EXPECT_EQ(awaitSettled(2).m_Outcome, "delivered: 200");
+    EXPECT_TRUE(m_Service->notifications().at(1).m_Pending);
     restartWithPauses({});
-    EXPECT_EQ(awaitSettled(1).outcome, "delivered: 200");
+    EXPECT_EQ(awaitSettled(1).m_Outcome, "delivered: 200");
     EXPECT_EQ(shop.requests(3).size(), 3u);
 }
 
@@ -641,10 +641,10 @@ TEST_F(PaymentNotification, IsWrongByFault) {
     std::string const current = m_Service->serverKeyId();
     std::string const blob = blobOf(current);
     struct Row {
-        char const* fault;
-        char const* type;
-        std::string keyId;
-        bool verified;
+        char const* m_Fault;
+        char const* m_Type;
+        std::string m_KeyId;
+        bool m_Verified;
     };
     std::size_t index = 0;
     for (Row const& row : {
@@ -654,17 +654,17 @@ TEST_F(PaymentNotification, IsWrongByFault) {
              Row{"stale-key,exchange=notification", "PayConfirm", "1-SERVER-0", false},
              Row{"", "PayConfirm", current, true},
          }) {
-        if (*row.fault != '\0') {
-            arm(row.fault);
+        if (*row.m_Fault != '\0') {
+            arm(row.m_Fault);
         }
         Shop shop({Shop::answers(answerWith(200))});
         payNotified(shop.address(), "t" + std::to_string(index));
         std::string const data = dataOf(shop.request());
-        EXPECT_EQ(attributeOf(data, "MSGTYPE"), row.type) << row.fault;
-        EXPECT_EQ(attributeOf(data, "KEYID"), row.keyId) << row.fault;
-        EXPECT_EQ(verifies(blob, data, signatureOf(shop.request())), row.verified) << row.fault;
-        EXPECT_EQ(awaitSettled(index).outcome, "delivered: 200") << row.fault;
-        EXPECT_EQ(sent().at(index++).fault, row.fault);
+        EXPECT_EQ(attributeOf(data, "MSGTYPE"), row.m_Type) << row.m_Fault;
+        EXPECT_EQ(attributeOf(data, "KEYID"), row.m_KeyId) << row.m_Fault;
+        EXPECT_EQ(verifies(blob, data, signatureOf(shop.request())), row.m_Verified) << row.m_Fault;
+        EXPECT_EQ(awaitSettled(index).m_Outcome, "delivered: 200") << row.m_Fault;
+        EXPECT_EQ(sent().at(index++).m_Fault, row.m_Fault);
     }
 }
 
@@ -672,7 +672,7 @@ TEST_F(PaymentNotification, IsNotMadeWrongByAFaultForAnotherOrder) {
     arm("drop,exchange=notification,order=A-18");
     Shop shop({Shop::answers(answerWith(200))});
     payNotified(shop.address());
-    EXPECT_EQ(awaitSettled().outcome, "delivered: 200");
+    EXPECT_EQ(awaitSettled().m_Outcome, "delivered: 200");
     EXPECT_EQ(m_Service->faults().size(), 1u);
 }
 

@@ -87,37 +87,37 @@ TEST(Store, LetsOneOfTwoCallersAdvanceAPayment) {
     Store store(temporary.path() + "/sandbox.db");
     store.putAccount("u", "p");
     PaymentRecord record;
-    record.payment.id = "P1";
-    record.payment.account = "u";
-    record.payment.token = "t";
+    record.m_Payment.m_Id = "P1";
+    record.m_Payment.m_Account = "u";
+    record.m_Payment.m_Token = "t";
     store.openPayment(record, "now");
-    HistoryEntry const step{"later", PaymentState::Authorised, "note"};
-    EXPECT_TRUE(store.advance("P1", {PaymentState::Opened}, step));
-    EXPECT_FALSE(store.advance("P1", {PaymentState::Opened}, step));
-    EXPECT_FALSE(store.advance("P2", {PaymentState::Opened}, step));
-    EXPECT_EQ(store.paymentById("P1")->payment.history.size(), 2u);
+    HistoryEntry const step{"later", PaymentState::kAuthorised, "note"};
+    EXPECT_TRUE(store.advance("P1", {PaymentState::kOpened}, step));
+    EXPECT_FALSE(store.advance("P1", {PaymentState::kOpened}, step));
+    EXPECT_FALSE(store.advance("P2", {PaymentState::kOpened}, step));
+    EXPECT_EQ(store.paymentById("P1")->m_Payment.m_History.size(), 2u);
 }
 
 TEST(Store, KeepsTokensOfAccountsApart) {
     TemporaryDirectory const temporary;
     Store store(temporary.path() + "/sandbox.db");
     PaymentRecord record;
-    record.payment.token = "t";
+    record.m_Payment.m_Token = "t";
     for (char const* user : {"one", "two"}) {
         store.putAccount(user, "p");
-        record.payment.id = std::string("P-") + user;
-        record.payment.account = user;
-        EXPECT_EQ(store.openPayment(record, "now").payment.id, record.payment.id);
+        record.m_Payment.m_Id = std::string("P-") + user;
+        record.m_Payment.m_Account = user;
+        EXPECT_EQ(store.openPayment(record, "now").m_Payment.m_Id, record.m_Payment.m_Id);
     }
-    record.payment.id = "P-three";
-    EXPECT_EQ(store.openPayment(record, "now").payment.id, "P-two");
+    record.m_Payment.m_Id = "P-three";
+    EXPECT_EQ(store.openPayment(record, "now").m_Payment.m_Id, "P-two");
     EXPECT_EQ(store.customerOf("one"), "1001");
     EXPECT_EQ(store.customerOf("two"), "1002");
 }
 
 TEST(PaymentStates, HaveNamesThatLeadBack) {
-    for (PaymentState const state : {PaymentState::Opened, PaymentState::Authorised, PaymentState::Declined,
-                                     PaymentState::Cancelled, PaymentState::Captured, PaymentState::Completed}) {
+    for (PaymentState const state : {PaymentState::kOpened, PaymentState::kAuthorised, PaymentState::kDeclined,
+                                     PaymentState::kCancelled, PaymentState::kCaptured, PaymentState::kCompleted}) {
         EXPECT_EQ(stateFromName(stateName(state)), state);
     }
     EXPECT_THROW(stateFromName("paid"), std::runtime_error);

@@ -31,9 +31,9 @@ private:
 
 /// One rule of a style sheet.
 struct StyleRule {
-    std::string media;  ///< Condition of the @media block around it, empty outside of one.
-    std::string selector;
-    std::map<std::string, std::string> declarations;
+    std::string m_Media;  ///< Condition of the @media block around it, empty outside of one.
+    std::string m_Selector;
+    std::map<std::string, std::string> m_Declarations;
 };
 
 /// The rules of `sheet` in their order. Throws std::runtime_error for what it does not understand: it knows rules, and

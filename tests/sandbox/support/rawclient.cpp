@@ -127,8 +127,8 @@ RawAnswer parseAnswer(std::string const& text) {
     std::size_t const headEnd = text.find("\r\n\r\n");
     check(space != std::string::npos && headEnd != std::string::npos, "the answer is no HTTP");
     RawAnswer answer;
-    answer.status = std::stoi(text.substr(space + 1));
-    answer.body = text.substr(headEnd + 4);
+    answer.m_Status = std::stoi(text.substr(space + 1));
+    answer.m_Body = text.substr(headEnd + 4);
     std::size_t from = text.find("\r\n") + 2;
     while (from < headEnd) {
         std::size_t const to = text.find("\r\n", from);
@@ -138,7 +138,7 @@ RawAnswer parseAnswer(std::string const& text) {
         std::string name = line.substr(0, colon);
         std::transform(name.begin(), name.end(), name.begin(),
                        [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-        answer.headers[name] = line.substr(colon + 2);
+        answer.m_Headers[name] = line.substr(colon + 2);
         from = to + 2;
     }
     return answer;

@@ -30,9 +30,9 @@ private:
 };
 
 struct RawAnswer {
-    int status = 0;
-    std::map<std::string, std::string> headers;  ///< Names in lower case.
-    std::string body;
+    int m_Status = 0;
+    std::map<std::string, std::string> m_Headers;  ///< Names in lower case.
+    std::string m_Body;
 };
 
 /// Sends `request` to the port of 127.0.0.1 and reads until the other side closes; every wait ends after ten seconds.

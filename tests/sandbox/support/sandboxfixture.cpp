@@ -41,8 +41,8 @@ SandboxTest::SandboxTest() {
 
 sandbox::Options SandboxTest::options() {
     sandbox::Options options;
-    options.dataDirectory = m_Directory.path();
-    options.clock = [this] { return m_Now.load(); };
+    options.m_DataDirectory = m_Directory.path();
+    options.m_Clock = [this] { return m_Now.load(); };
     return options;
 }
 
@@ -62,8 +62,8 @@ RawAnswer SandboxTest::get(std::string const& target, std::string const& user, s
 
 std::string SandboxTest::askAuto(std::string const& text, std::string const& user, std::string const& password) const {
     RawAnswer const answer = get("/auto?DATA=" + encode(text), user, password);
-    EXPECT_EQ(answer.status, 200);
-    return answer.body;
+    EXPECT_EQ(answer.m_Status, 200);
+    return answer.m_Body;
 }
 
 void SandboxTest::publishKey() const {
@@ -79,8 +79,8 @@ RawAnswer SandboxTest::openPage(std::string const& text) const {
 RawAnswer SandboxTest::press(RawAnswer const& page, std::string const& decision) const {
     auto const field = [&page](std::string const& name) {
         std::string const start = "name=\"" + name + "\" value=\"";
-        std::size_t const from = page.body.find(start) + start.size();
-        return page.body.substr(from, page.body.find('"', from) - from);
+        std::size_t const from = page.m_Body.find(start) + start.size();
+        return page.m_Body.substr(from, page.m_Body.find('"', from) - from);
     };
     std::string const body = "payment=" + field("payment") + "&key=" + field("key") + "&decision=" + decision;
     return parseAnswer(exchangeRaw(m_Service->plainPort(), formPost("/pay/decision", body)));
@@ -88,14 +88,14 @@ RawAnswer SandboxTest::press(RawAnswer const& page, std::string const& decision)
 
 std::string SandboxTest::askCapture(std::string const& text) const {
     RawAnswer const answer = get("/capture" + m_Merchant.signedQuery(text));
-    EXPECT_EQ(answer.status, 200);
-    return answer.body;
+    EXPECT_EQ(answer.m_Status, 200);
+    return answer.m_Body;
 }
 
 std::string SandboxTest::authorise(std::string const& token) const {
     RawAnswer const back = press(openPage(m_Merchant.payInit(token)), "pay");
-    EXPECT_EQ(back.status, 302) << back.body;
-    std::string confirm = decode(queryValue(back.headers.at("location"), "DATA"));
+    EXPECT_EQ(back.m_Status, 302) << back.m_Body;
+    std::string confirm = decode(queryValue(back.m_Headers.at("location"), "DATA"));
     std::string const serverKey = "KEYID=\"" + m_Service->serverKeyId() + "\"";
     return confirm.replace(confirm.find(serverKey), serverKey.size(), "KEYID=\"" + m_Merchant.keyId() + "\"");
 }
@@ -105,7 +105,7 @@ std::string SandboxTest::reasonOf(std::string const& body) {
 }
 
 std::string SandboxTest::lastVerdict() const {
-    return m_Service->exchanges().back().verdict;
+    return m_Service->exchanges().back().m_Verdict;
 }
 
 }  // namespace sandboxtest

@@ -58,12 +58,12 @@ TEST(ReplaceAll, PutsOneTextInThePlaceOfAnother) {
 TEST(Base64, ReadsTheFormWithoutPadding) {
     // Each row: text of the header, bytes.
     struct Row {
-        char const* text;
-        char const* bytes;
+        char const* m_Text;
+        char const* m_Bytes;
     };
     for (Row const& row : {Row{"AAAA", ""}, Row{"OgAA", ":"}, Row{"YWIA", "ab"}, Row{"YWJjAAAA", "abc"},
                            Row{"ZGVtbzpkZW1vAAAA", "demo:demo"}}) {
-        EXPECT_EQ(decodeBase64(row.text), row.bytes) << row.text;
+        EXPECT_EQ(decodeBase64(row.m_Text), row.m_Bytes) << row.m_Text;
     }
 }
 
