@@ -2,8 +2,8 @@
 ///
 /// A program registers its work, then calls `run`. All its benchmarks run in one go, their repetitions in random order,
 /// so that whatever else the machine does falls on all of them alike. Printed are ratios of medians, never times.
-#ifndef TALLOWIN_BENCH_SUPPORT_H
-#define TALLOWIN_BENCH_SUPPORT_H
+#ifndef TALLOWIN_BENCH_BENCH_SUPPORT_H
+#define TALLOWIN_BENCH_BENCH_SUPPORT_H
 
 #include <cstddef>
 #include <functional>

@@ -2,8 +2,8 @@
 ///
 /// Nothing unwinds into the virtual machine: every failure becomes a kelvane.tallowin.KVXException. Local references
 /// are left to the virtual machine, which frees them when a native method returns.
-#ifndef TALLOWIN_KVXJNI_H
-#define TALLOWIN_KVXJNI_H
+#ifndef TALLOWIN_JNI_KVXJNI_H
+#define TALLOWIN_JNI_KVXJNI_H
 
 #include <jni.h>
 

@@ -1,6 +1,6 @@
 /// Text for `NewStringUTF`.
-#ifndef TALLOWIN_KVXMODIFIEDUTF8_H
-#define TALLOWIN_KVXMODIFIEDUTF8_H
+#ifndef TALLOWIN_JNI_KVXMODIFIEDUTF8_H
+#define TALLOWIN_JNI_KVXMODIFIEDUTF8_H
 
 #include "foundation/tbstring.h"
 

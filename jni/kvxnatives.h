@@ -1,6 +1,6 @@
 /// The native methods and the texts of their failures.
-#ifndef TALLOWIN_KVXNATIVES_H
-#define TALLOWIN_KVXNATIVES_H
+#ifndef TALLOWIN_JNI_KVXNATIVES_H
+#define TALLOWIN_JNI_KVXNATIVES_H
 
 #include <cstddef>
 

@@ -1,6 +1,6 @@
 /// Which objects are inside a call from Java.
-#ifndef TALLOWIN_KVXUSE_H
-#define TALLOWIN_KVXUSE_H
+#ifndef TALLOWIN_JNI_KVXUSE_H
+#define TALLOWIN_JNI_KVXUSE_H
 
 #include <cstdint>
 

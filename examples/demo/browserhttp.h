@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TALLOWIN_EXAMPLES_DEMO_BROWSERHTTP_H
+#define TALLOWIN_EXAMPLES_DEMO_BROWSERHTTP_H
 
 #include <string>
 
@@ -26,3 +27,5 @@ struct Answer {
 Answer fetch(std::string const& url, std::string const& form = "");
 
 }  // namespace demo
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TALLOWIN_EXAMPLES_DEMO_MERCHANTHANDLE_H
+#define TALLOWIN_EXAMPLES_DEMO_MERCHANTHANDLE_H
 
 #include <tallowin/tallowin.h>
 
@@ -73,3 +74,5 @@ inline std::string messageText(MessageHandle const& message) {
 }
 
 }  // namespace demo
+
+#endif

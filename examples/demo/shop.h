@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TALLOWIN_EXAMPLES_DEMO_SHOP_H
+#define TALLOWIN_EXAMPLES_DEMO_SHOP_H
 
 #include <memory>
 #include <string>
@@ -35,3 +36,5 @@ private:
 };
 
 }  // namespace demo
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TALLOWIN_EXAMPLES_DEMO_SHOPPER_H
+#define TALLOWIN_EXAMPLES_DEMO_SHOPPER_H
 
 #include <string>
 #include <utility>
@@ -32,3 +33,5 @@ Answer press(Form const& form, std::string const& decision);
 std::string visibleText(std::string const& page);
 
 }  // namespace demo
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TALLOWIN_EXAMPLES_DEMO_STORY_H
+#define TALLOWIN_EXAMPLES_DEMO_STORY_H
 
 #include <cstdint>
 #include <stdexcept>
@@ -67,3 +68,5 @@ private:
 };
 
 }  // namespace demo
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TALLOWIN_EXAMPLES_DEMO_WALK_H
+#define TALLOWIN_EXAMPLES_DEMO_WALK_H
 
 #include <string>
 
@@ -78,3 +79,5 @@ private:
 };
 
 }  // namespace demo
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TALLOWIN_EXAMPLES_SHOP_BASKETS_H
+#define TALLOWIN_EXAMPLES_SHOP_BASKETS_H
 
 #include <map>
 #include <mutex>
@@ -45,3 +46,5 @@ private:
 };
 
 }  // namespace storefront
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TALLOWIN_EXAMPLES_SHOP_BOUNDEDSERVER_H
+#define TALLOWIN_EXAMPLES_SHOP_BOUNDEDSERVER_H
 
 #include <httplib.h>
 
@@ -17,3 +18,5 @@ private:
 };
 
 }  // namespace storefront
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TALLOWIN_EXAMPLES_SHOP_CASHDESK_H
+#define TALLOWIN_EXAMPLES_SHOP_CASHDESK_H
 
 #include <memory>
 #include <string>
@@ -50,3 +51,5 @@ private:
 };
 
 }  // namespace storefront
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TALLOWIN_EXAMPLES_SHOP_CATALOGUE_H
+#define TALLOWIN_EXAMPLES_SHOP_CATALOGUE_H
 
 #include <array>
 #include <cstdint>
@@ -34,3 +35,5 @@ std::int64_t totalCents(Quantities const& quantities);
 std::string amountText(std::int64_t cents);
 
 }  // namespace storefront
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TALLOWIN_EXAMPLES_SHOP_MARKUP_H
+#define TALLOWIN_EXAMPLES_SHOP_MARKUP_H
 
 #include <string>
 
@@ -21,3 +22,5 @@ std::string buttonTo(std::string const& action, std::string const& label);
 std::string wholePage(std::string const& title, std::string const& content);
 
 }  // namespace storefront
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TALLOWIN_EXAMPLES_SHOP_MERCHANTACCOUNT_H
+#define TALLOWIN_EXAMPLES_SHOP_MERCHANTACCOUNT_H
 
 #include <chrono>
 #include <condition_variable>
@@ -50,3 +51,5 @@ private:
 };
 
 }  // namespace storefront
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TALLOWIN_EXAMPLES_SHOP_OBJECTION_H
+#define TALLOWIN_EXAMPLES_SHOP_OBJECTION_H
 
 #include <exception>
 #include <string>
@@ -42,3 +43,5 @@ private:
 };
 
 }  // namespace storefront
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TALLOWIN_EXAMPLES_SHOP_ORDERS_H
+#define TALLOWIN_EXAMPLES_SHOP_ORDERS_H
 
 #include <cstdint>
 #include <map>
@@ -115,3 +116,5 @@ private:
 };
 
 }  // namespace storefront
+
+#endif

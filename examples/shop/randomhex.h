@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TALLOWIN_EXAMPLES_SHOP_RANDOMHEX_H
+#define TALLOWIN_EXAMPLES_SHOP_RANDOMHEX_H
 
 #include <cstddef>
 #include <iomanip>
@@ -20,3 +21,5 @@ inline std::string randomHex(std::size_t words) {
 }
 
 }  // namespace storefront
+
+#endif

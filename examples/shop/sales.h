@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TALLOWIN_EXAMPLES_SHOP_SALES_H
+#define TALLOWIN_EXAMPLES_SHOP_SALES_H
 
 #include <atomic>
 #include <string>
@@ -73,3 +74,5 @@ private:
 };
 
 }  // namespace storefront
+
+#endif

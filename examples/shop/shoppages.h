@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TALLOWIN_EXAMPLES_SHOP_SHOPPAGES_H
+#define TALLOWIN_EXAMPLES_SHOP_SHOPPAGES_H
 
 #include <string>
 
@@ -29,3 +30,5 @@ std::string objectionPage(Objection const& objection, std::string const& orderNu
 std::string plainPage(std::string const& title, std::string const& text);
 
 }  // namespace storefront
+
+#endif

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TALLOWIN_EXAMPLES_SHOP_STOREFRONT_H
+#define TALLOWIN_EXAMPLES_SHOP_STOREFRONT_H
 
 #include <chrono>
 #include <future>
@@ -57,3 +58,5 @@ private:
 };
 
 }  // namespace storefront
+
+#endif

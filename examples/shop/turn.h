@@ -1,4 +1,5 @@
-#pragma once
+#ifndef TALLOWIN_EXAMPLES_SHOP_TURN_H
+#define TALLOWIN_EXAMPLES_SHOP_TURN_H
 
 #include <atomic>
 
@@ -25,3 +26,5 @@ private:
 };
 
 }  // namespace storefront
+
+#endif

@@ -1,6 +1,6 @@
 /// What the tests of the flat functions and the public objects share.
-#ifndef TALLOWIN_APISUPPORT_H
-#define TALLOWIN_APISUPPORT_H
+#ifndef TALLOWIN_TESTS_API_APISUPPORT_H
+#define TALLOWIN_TESTS_API_APISUPPORT_H
 
 #include <cstdint>
 #include <functional>

@@ -1,6 +1,6 @@
 /// What the tests of the core share: accounts in directories of their own, test keys, scripted payment servers.
-#ifndef TALLOWIN_CORE_SUPPORT_H
-#define TALLOWIN_CORE_SUPPORT_H
+#ifndef TALLOWIN_TESTS_CORE_CORE_SUPPORT_H
+#define TALLOWIN_TESTS_CORE_CORE_SUPPORT_H
 
 #include <functional>
 #include <string>

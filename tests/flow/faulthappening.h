@@ -1,6 +1,6 @@
 /// Lets the rows of the fault table happen, for the tests that hold the component to them.
-#ifndef TALLOWIN_FAULTHAPPENING_H
-#define TALLOWIN_FAULTHAPPENING_H
+#ifndef TALLOWIN_TESTS_FLOW_FAULTHAPPENING_H
+#define TALLOWIN_TESTS_FLOW_FAULTHAPPENING_H
 
 #include <sys/socket.h>
 

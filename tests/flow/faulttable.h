@@ -1,7 +1,7 @@
 /// What every fault of the sandbox does to a merchant: one row for each fault and each exchange that it can happen to.
 /// The tests hold the component to the rows, and docs/fault-table.md shows them to people.
-#ifndef TALLOWIN_FAULTTABLE_H
-#define TALLOWIN_FAULTTABLE_H
+#ifndef TALLOWIN_TESTS_FLOW_FAULTTABLE_H
+#define TALLOWIN_TESTS_FLOW_FAULTTABLE_H
 
 #include <cstdint>
 #include <optional>

@@ -1,6 +1,6 @@
 /// A shop, a shopper and the payment service, for tests of whole payments.
-#ifndef TALLOWIN_FLOWSUPPORT_H
-#define TALLOWIN_FLOWSUPPORT_H
+#ifndef TALLOWIN_TESTS_FLOW_FLOWSUPPORT_H
+#define TALLOWIN_TESTS_FLOW_FLOWSUPPORT_H
 
 #include <cstdint>
 #include <string>

@@ -1,6 +1,6 @@
 /// What the tests of the foundation share: elements of a known order, and looks into the containers.
-#ifndef TALLOWIN_FOUNDATION_ITEMS_H
-#define TALLOWIN_FOUNDATION_ITEMS_H
+#ifndef TALLOWIN_TESTS_FOUNDATION_FOUNDATION_ITEMS_H
+#define TALLOWIN_TESTS_FOUNDATION_FOUNDATION_ITEMS_H
 
 #include <gtest/gtest.h>
 

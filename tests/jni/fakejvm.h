@@ -1,6 +1,6 @@
 /// A stand-in for the virtual machine, as far as native methods can see it.
-#ifndef TALLOWIN_FAKEJVM_H
-#define TALLOWIN_FAKEJVM_H
+#ifndef TALLOWIN_TESTS_JNI_FAKEJVM_H
+#define TALLOWIN_TESTS_JNI_FAKEJVM_H
 
 #include <jni.h>
 

@@ -1,6 +1,6 @@
 /// Every native method, how to call it, and its texts, written down a second time.
-#ifndef TALLOWIN_NATIVEROWS_H
-#define TALLOWIN_NATIVEROWS_H
+#ifndef TALLOWIN_TESTS_JNI_NATIVEROWS_H
+#define TALLOWIN_TESTS_JNI_NATIVEROWS_H
 
 #include <jni.h>
 

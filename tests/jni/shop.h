@@ -1,6 +1,6 @@
 /// A merchant's account and its payment server, with which every native method succeeds.
-#ifndef TALLOWIN_JNI_SHOP_H
-#define TALLOWIN_JNI_SHOP_H
+#ifndef TALLOWIN_TESTS_JNI_SHOP_H
+#define TALLOWIN_TESTS_JNI_SHOP_H
 
 #include <array>
 #include <string>

@@ -1,6 +1,6 @@
 /// Threads whose waiting can be observed.
-#ifndef TALLOWIN_JNI_WORKER_H
-#define TALLOWIN_JNI_WORKER_H
+#ifndef TALLOWIN_TESTS_JNI_WORKER_H
+#define TALLOWIN_TESTS_JNI_WORKER_H
 
 #include <sys/types.h>
 

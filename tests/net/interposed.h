@@ -1,6 +1,6 @@
 /// Stands in for functions of other libraries that the network layer calls, so that tests decide what they answer.
-#ifndef TALLOWIN_INTERPOSED_H
-#define TALLOWIN_INTERPOSED_H
+#ifndef TALLOWIN_TESTS_NET_INTERPOSED_H
+#define TALLOWIN_TESTS_NET_INTERPOSED_H
 
 #include <cstddef>
 #include <string>

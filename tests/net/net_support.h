@@ -1,7 +1,7 @@
 /// What the tests of the network layer share. Linking it also holds every test of the program to leaving no descriptor
 /// open.
-#ifndef TALLOWIN_NET_SUPPORT_H
-#define TALLOWIN_NET_SUPPORT_H
+#ifndef TALLOWIN_TESTS_NET_NET_SUPPORT_H
+#define TALLOWIN_TESTS_NET_NET_SUPPORT_H
 
 #include <netinet/in.h>
 

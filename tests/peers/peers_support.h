@@ -1,6 +1,6 @@
 /// Real servers as peers: nginx, tinyproxy and the TLS server of the openssl program.
-#ifndef TALLOWIN_PEERS_SUPPORT_H
-#define TALLOWIN_PEERS_SUPPORT_H
+#ifndef TALLOWIN_TESTS_PEERS_PEERS_SUPPORT_H
+#define TALLOWIN_TESTS_PEERS_PEERS_SUPPORT_H
 
 #include <cstdint>
 #include <memory>

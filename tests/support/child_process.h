@@ -1,6 +1,6 @@
 /// Real programs as peers of a test.
-#ifndef TALLOWIN_CHILD_PROCESS_H
-#define TALLOWIN_CHILD_PROCESS_H
+#ifndef TALLOWIN_TESTS_SUPPORT_CHILD_PROCESS_H
+#define TALLOWIN_TESTS_SUPPORT_CHILD_PROCESS_H
 
 #include <sys/types.h>
 

@@ -1,6 +1,6 @@
 /// A server of scripted bytes on 127.0.0.1, for tests that need a real peer.
-#ifndef TALLOWIN_RAW_SERVER_H
-#define TALLOWIN_RAW_SERVER_H
+#ifndef TALLOWIN_TESTS_SUPPORT_RAW_SERVER_H
+#define TALLOWIN_TESTS_SUPPORT_RAW_SERVER_H
 
 #include <cstdint>
 #include <functional>

@@ -1,6 +1,6 @@
 /// Lets tests stand in for the operating system.
-#ifndef TALLOWIN_SYSTEM_CALLS_H
-#define TALLOWIN_SYSTEM_CALLS_H
+#ifndef TALLOWIN_TESTS_SUPPORT_SYSTEM_CALLS_H
+#define TALLOWIN_TESTS_SUPPORT_SYSTEM_CALLS_H
 
 #include "foundation/tbsystem.h"
 

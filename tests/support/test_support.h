@@ -1,6 +1,6 @@
 /// What the tests of all layers share.
-#ifndef TALLOWIN_TEST_SUPPORT_H
-#define TALLOWIN_TEST_SUPPORT_H
+#ifndef TALLOWIN_TESTS_SUPPORT_TEST_SUPPORT_H
+#define TALLOWIN_TESTS_SUPPORT_TEST_SUPPORT_H
 
 #include <gtest/gtest.h>
 

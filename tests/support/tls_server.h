@@ -1,6 +1,6 @@
 /// The TLS side of scripted servers, with a certificate made on the spot.
-#ifndef TALLOWIN_TLS_SERVER_H
-#define TALLOWIN_TLS_SERVER_H
+#ifndef TALLOWIN_TESTS_SUPPORT_TLS_SERVER_H
+#define TALLOWIN_TESTS_SUPPORT_TLS_SERVER_H
 
 #include <openssl/ssl.h>
 

@@ -1,6 +1,6 @@
 /// A second opinion on the dialect: the same rules, written down again in another form and followed step by step.
-#ifndef TALLOWIN_TEST_XMLREFERENCE_H
-#define TALLOWIN_TEST_XMLREFERENCE_H
+#ifndef TALLOWIN_TESTS_XML_XMLREFERENCE_H
+#define TALLOWIN_TESTS_XML_XMLREFERENCE_H
 
 #include <cstddef>
 #include <cstdint>

@@ -1,6 +1,6 @@
 /// What the tests of the XML layer share.
-#ifndef TALLOWIN_TEST_XMLSUPPORT_H
-#define TALLOWIN_TEST_XMLSUPPORT_H
+#ifndef TALLOWIN_TESTS_XML_XMLSUPPORT_H
+#define TALLOWIN_TESTS_XML_XMLSUPPORT_H
 
 #include <cstdint>
 #include <functional>
