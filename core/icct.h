@@ -9,9 +9,9 @@
 /// - A public key is a PKCS#1 `RSAPublicKey`, a private key a PKCS#1 `RSAPrivateKey` (RFC 8017, appendix A.1). PKCS#8,
 ///   `SubjectPublicKeyInfo` and PEM are refused. Bytes behind the DER structure are ignored.
 /// - Padding is PKCS#1 v1.5 throughout.
-/// - A signature is the private-key operation on the bare 20-byte SHA-1 digest. Deliberate: there is no DigestInfo
-/// around
-///   the digest, so these signatures and those of a standard SHA-1 with RSA routine do not verify as each other.
+/// - A signature is the private-key operation on the bare 20-byte SHA-1 digest.
+///   Deliberate: no DigestInfo surrounds the digest, so these signatures and those of a standard SHA-1 with RSA routine
+///   do not verify as each other.
 ///
 /// All functions return 0, or -1 for every failure; none throws. All lengths are bytes. All pointers are borrowed. A
 /// null pointer is -1, save for data of length 0 and a seed of length 0. A negative length, or one above `INT_MAX`, is

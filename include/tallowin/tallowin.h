@@ -11,16 +11,24 @@
  * RESULT     KVX_OK (exactly 0) or a result code; <tallowin/codes.h> names them. Test for `!= KVX_OK`, never for `< 0`:
  *            functions that open a directory may return the system's errno, a small positive number, when it cannot be
  *            created. Outputs are written on success only, save sizes.
+ *
  * HANDLES    owned by the caller from the creating call to the matching Destroy. A null, destroyed or otherwise wrong
- *            handle, one of another kind included, is answered with KVX_E_BAD_HANDLE; nothing is touched.
+ *            handle, one of another kind included, returns KVX_E_BAD_HANDLE; nothing is touched.
+ *
  * STRINGS    NUL-terminated `const char*`, any encoding (the component sees bytes), borrowed for the call. Null is "".
+ *
  * BUFFERS    `size` in: bytes at `buffer`; out: bytes needed, terminator included, on success and when too small. Null
  *            `size` or too few bytes: KVX_E_BUFFER_TOO_SMALL, nothing is copied. Null `buffer` with enough bytes:
- * KVX_OK, nothing is copied. So ask once with size 0, then again with what it says. THREADS    no locks: one handle is
- * used by one thread at a time. Different handles may be used by different threads at once, also on one directory.
- * Functions marked "network" block until the server answers or closes; there is no time limit. Functions marked "files"
- * read or write the configuration directory. MEMORY     no C++ exception leaves these functions but TBFC_Exception,
- * when memory is exhausted; a C program ends then. The Create functions return null instead.
+ *            KVX_OK, nothing is copied. So call once with size 0, then again with the size returned.
+ *
+ * THREADS    no locks: one handle is used by one thread at a time. Different handles may be used by different threads
+ *            at once, also on one directory. Functions marked "network" block until the server answers or closes; there
+ *            is no time limit. Functions marked "files" read or write the configuration directory.
+ *
+ * MEMORY     when memory is exhausted, the C++ exception TBFC_Exception leaves the functions below and ends a C
+ * program. Three kinds differ: functions that create an object without a handle return null, MessageObject_ToString may
+ * return KVX_E_OUT_OF_MEMORY, and the Destroy functions and KVX_GetVersion need no memory. No KVX_Exception leaves any
+ * function: it is returned as its result code.
  */
 #ifndef TALLOWIN_H
 #define TALLOWIN_H
