@@ -1,6 +1,6 @@
 /// The configuration setup object.
-#ifndef TALLOWIN_CCONFIGURATIONSETUP_H
-#define TALLOWIN_CCONFIGURATIONSETUP_H
+#ifndef TALLOWIN_API_CCONFIGURATIONSETUP_H
+#define TALLOWIN_API_CCONFIGURATIONSETUP_H
 
 #include "tallowin/kvxctx.h"
 #include "tallowin/kvxhandle.h"

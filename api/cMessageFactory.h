@@ -1,6 +1,6 @@
 /// The message factory object.
-#ifndef TALLOWIN_CMESSAGEFACTORY_H
-#define TALLOWIN_CMESSAGEFACTORY_H
+#ifndef TALLOWIN_API_CMESSAGEFACTORY_H
+#define TALLOWIN_API_CMESSAGEFACTORY_H
 
 #include <memory>
 

@@ -1,6 +1,6 @@
 /// The message object.
-#ifndef TALLOWIN_CMESSAGEOBJECT_H
-#define TALLOWIN_CMESSAGEOBJECT_H
+#ifndef TALLOWIN_API_CMESSAGEOBJECT_H
+#define TALLOWIN_API_CMESSAGEOBJECT_H
 
 #include "tallowin/kvxctx.h"
 #include "tallowin/kvxhandle.h"

@@ -1,6 +1,6 @@
 /// What every flat function does around its call. Internal: not installed.
-#ifndef TALLOWIN_KVXBOUNDARY_H
-#define TALLOWIN_KVXBOUNDARY_H
+#ifndef TALLOWIN_API_KVXBOUNDARY_H
+#define TALLOWIN_API_KVXBOUNDARY_H
 
 #include <cassert>
 #include <cstdint>

@@ -1,6 +1,6 @@
 /// Public objects: their signature word, the memory they live in, and what makes a handle valid.
-#ifndef TALLOWIN_KVXHANDLE_H
-#define TALLOWIN_KVXHANDLE_H
+#ifndef TALLOWIN_API_KVXHANDLE_H
+#define TALLOWIN_API_KVXHANDLE_H
 
 #include <cstddef>
 #include <cstdint>

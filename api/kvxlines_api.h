@@ -1,6 +1,6 @@
 /// Published source names and lines of the public objects. Do not change. Internal: not installed.
-#ifndef TALLOWIN_KVXLINES_API_H
-#define TALLOWIN_KVXLINES_API_H
+#ifndef TALLOWIN_API_KVXLINES_API_H
+#define TALLOWIN_API_KVXLINES_API_H
 
 namespace kvx {
 

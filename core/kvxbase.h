@@ -1,8 +1,8 @@
 /// Result codes and their texts, the exception that carries them, the trace hook.
 ///
 /// Its free functions are in the static archive only; libtallowin.so shows classes.
-#ifndef TALLOWIN_KVXBASE_H
-#define TALLOWIN_KVXBASE_H
+#ifndef TALLOWIN_CORE_KVXBASE_H
+#define TALLOWIN_CORE_KVXBASE_H
 
 #include <cstdint>
 

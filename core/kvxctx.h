@@ -1,8 +1,8 @@
 /// The account context and the payment message.
 ///
 /// Its free functions are in the static archive only; libtallowin.so shows classes.
-#ifndef TALLOWIN_KVXCTX_H
-#define TALLOWIN_KVXCTX_H
+#ifndef TALLOWIN_CORE_KVXCTX_H
+#define TALLOWIN_CORE_KVXCTX_H
 
 #include <cstdint>
 

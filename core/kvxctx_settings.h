@@ -1,6 +1,6 @@
 /// The one place where "settings.xml" is read. Internal: not installed.
-#ifndef TALLOWIN_KVXCTX_SETTINGS_H
-#define TALLOWIN_KVXCTX_SETTINGS_H
+#ifndef TALLOWIN_CORE_KVXCTX_SETTINGS_H
+#define TALLOWIN_CORE_KVXCTX_SETTINGS_H
 
 #include "foundation/tbstring.h"
 

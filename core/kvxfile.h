@@ -1,6 +1,6 @@
 /// Files of the configuration directory: read whole, replaced whole and durably. Internal: not installed.
-#ifndef TALLOWIN_KVXFILE_H
-#define TALLOWIN_KVXFILE_H
+#ifndef TALLOWIN_CORE_KVXFILE_H
+#define TALLOWIN_CORE_KVXFILE_H
 
 #include <sys/types.h>
 

@@ -1,6 +1,6 @@
 /// Key identifiers that come from outside. Internal: not installed.
-#ifndef TALLOWIN_KVXIDENTIFIER_H
-#define TALLOWIN_KVXIDENTIFIER_H
+#ifndef TALLOWIN_CORE_KVXIDENTIFIER_H
+#define TALLOWIN_CORE_KVXIDENTIFIER_H
 
 #include "foundation/tbstring.h"
 

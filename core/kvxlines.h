@@ -1,8 +1,8 @@
 /// Published source names and lines of the core. They travel inside exceptions and trace records and callers may know
 /// them, so they are constants: moving code changes nothing. Numbers below the rule are published; do not change.
 /// Internal: not installed.
-#ifndef TALLOWIN_KVXLINES_H
-#define TALLOWIN_KVXLINES_H
+#ifndef TALLOWIN_CORE_KVXLINES_H
+#define TALLOWIN_CORE_KVXLINES_H
 
 namespace kvx {
 

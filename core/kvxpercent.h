@@ -1,6 +1,6 @@
 /// Percent-encoding of one byte, for messages and for URLs. Internal: not installed.
-#ifndef TALLOWIN_KVXPERCENT_H
-#define TALLOWIN_KVXPERCENT_H
+#ifndef TALLOWIN_CORE_KVXPERCENT_H
+#define TALLOWIN_CORE_KVXPERCENT_H
 
 #include <cctype>
 #include <cstdint>

@@ -1,6 +1,6 @@
 /// Wiping of what may hold a private key. Internal: not installed.
-#ifndef TALLOWIN_KVXWIPE_H
-#define TALLOWIN_KVXWIPE_H
+#ifndef TALLOWIN_CORE_KVXWIPE_H
+#define TALLOWIN_CORE_KVXWIPE_H
 
 #include <openssl/crypto.h>
 

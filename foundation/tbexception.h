@@ -1,6 +1,6 @@
 /// The one exception of the foundation classes.
-#ifndef TALLOWIN_TBEXCEPTION_H
-#define TALLOWIN_TBEXCEPTION_H
+#ifndef TALLOWIN_FOUNDATION_TBEXCEPTION_H
+#define TALLOWIN_FOUNDATION_TBEXCEPTION_H
 
 #include <cstdint>
 

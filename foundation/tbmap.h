@@ -1,6 +1,6 @@
 /// Maps with unique keys that remember the order of insertion.
-#ifndef TALLOWIN_TBMAP_H
-#define TALLOWIN_TBMAP_H
+#ifndef TALLOWIN_FOUNDATION_TBMAP_H
+#define TALLOWIN_FOUNDATION_TBMAP_H
 
 #include "tallowin/tbrbtree.h"
 #include "tallowin/tbstring.h"

@@ -1,6 +1,6 @@
 /// The seam for allocation, and blocks that know their size. Internal: not installed.
-#ifndef TALLOWIN_TBMEMORY_H
-#define TALLOWIN_TBMEMORY_H
+#ifndef TALLOWIN_FOUNDATION_TBMEMORY_H
+#define TALLOWIN_FOUNDATION_TBMEMORY_H
 
 #include <cstddef>
 

@@ -1,6 +1,6 @@
 /// Maps with several entries under one key.
-#ifndef TALLOWIN_TBMULTIMAP_H
-#define TALLOWIN_TBMULTIMAP_H
+#ifndef TALLOWIN_FOUNDATION_TBMULTIMAP_H
+#define TALLOWIN_FOUNDATION_TBMULTIMAP_H
 
 #include "tallowin/tbmap.h"
 #include "tallowin/tbptr.h"

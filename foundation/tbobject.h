@@ -1,6 +1,6 @@
 /// The object model: reference counting, class names as text, factories, copying through a virtual `assign`.
-#ifndef TALLOWIN_TBOBJECT_H
-#define TALLOWIN_TBOBJECT_H
+#ifndef TALLOWIN_FOUNDATION_TBOBJECT_H
+#define TALLOWIN_FOUNDATION_TBOBJECT_H
 
 #include <cstddef>
 #include <cstdint>

@@ -1,6 +1,6 @@
 /// Helpers of the containers. Internal: not installed.
-#ifndef TALLOWIN_TBOWNED_H
-#define TALLOWIN_TBOWNED_H
+#ifndef TALLOWIN_FOUNDATION_TBOWNED_H
+#define TALLOWIN_FOUNDATION_TBOWNED_H
 
 #include <memory>
 

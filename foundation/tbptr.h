@@ -1,6 +1,6 @@
 /// Counted handles.
-#ifndef TALLOWIN_TBPTR_H
-#define TALLOWIN_TBPTR_H
+#ifndef TALLOWIN_FOUNDATION_TBPTR_H
+#define TALLOWIN_FOUNDATION_TBPTR_H
 
 #include "tallowin/tbobject.h"
 

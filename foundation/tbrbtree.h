@@ -1,6 +1,6 @@
 /// An ordered set of orderable objects.
-#ifndef TALLOWIN_TBRBTREE_H
-#define TALLOWIN_TBRBTREE_H
+#ifndef TALLOWIN_FOUNDATION_TBRBTREE_H
+#define TALLOWIN_FOUNDATION_TBRBTREE_H
 
 #include "tallowin/tbvector.h"
 

@@ -1,8 +1,8 @@
 /// The one string type, and null-tolerant replacements of the standard string routines.
 ///
 /// Its free functions are in the static archive only; libtallowin.so shows classes.
-#ifndef TALLOWIN_TBSTRING_H
-#define TALLOWIN_TBSTRING_H
+#ifndef TALLOWIN_FOUNDATION_TBSTRING_H
+#define TALLOWIN_FOUNDATION_TBSTRING_H
 
 #include <cstddef>
 #include <cstdint>

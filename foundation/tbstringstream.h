@@ -1,6 +1,6 @@
 /// A string with a read cursor.
-#ifndef TALLOWIN_TBSTRINGSTREAM_H
-#define TALLOWIN_TBSTRINGSTREAM_H
+#ifndef TALLOWIN_FOUNDATION_TBSTRINGSTREAM_H
+#define TALLOWIN_FOUNDATION_TBSTRINGSTREAM_H
 
 #include "tallowin/tbstring.h"
 

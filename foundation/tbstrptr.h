@@ -1,6 +1,6 @@
 /// A string key with a counted value.
-#ifndef TALLOWIN_TBSTRPTR_H
-#define TALLOWIN_TBSTRPTR_H
+#ifndef TALLOWIN_FOUNDATION_TBSTRPTR_H
+#define TALLOWIN_FOUNDATION_TBSTRPTR_H
 
 #include "tallowin/tbptr.h"
 #include "tallowin/tbstring.h"

@@ -1,6 +1,6 @@
 /// The seam for operating-system calls. Internal: not installed.
-#ifndef TALLOWIN_TBSYSTEM_H
-#define TALLOWIN_TBSYSTEM_H
+#ifndef TALLOWIN_FOUNDATION_TBSYSTEM_H
+#define TALLOWIN_FOUNDATION_TBSYSTEM_H
 
 #include <dirent.h>
 #include <fcntl.h>

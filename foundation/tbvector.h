@@ -1,6 +1,6 @@
 /// Growable arrays of object pointers.
-#ifndef TALLOWIN_TBVECTOR_H
-#define TALLOWIN_TBVECTOR_H
+#ifndef TALLOWIN_FOUNDATION_TBVECTOR_H
+#define TALLOWIN_FOUNDATION_TBVECTOR_H
 
 #include <cstdint>
 

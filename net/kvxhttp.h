@@ -1,8 +1,8 @@
 /// Host addresses, connections, the HTTP/1.0 session.
 ///
 /// Of its free functions libtallowin.so shows HttpRequest alone; the static archive has them all.
-#ifndef TALLOWIN_KVXHTTP_H
-#define TALLOWIN_KVXHTTP_H
+#ifndef TALLOWIN_NET_KVXHTTP_H
+#define TALLOWIN_NET_KVXHTTP_H
 
 #include <cstddef>
 #include <cstdint>

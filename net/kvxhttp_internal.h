@@ -1,6 +1,6 @@
 /// What the sources of kvxhttp share. Internal: not installed.
-#ifndef TALLOWIN_KVXHTTP_INTERNAL_H
-#define TALLOWIN_KVXHTTP_INTERNAL_H
+#ifndef TALLOWIN_NET_KVXHTTP_INTERNAL_H
+#define TALLOWIN_NET_KVXHTTP_INTERNAL_H
 
 #include <csignal>
 #include <cstdint>

@@ -1,7 +1,7 @@
 /// Published source names and lines of the network layer. They travel inside exceptions and trace records and callers
 /// may know them, so they are constants: moving code changes nothing. Internal: not installed.
-#ifndef TALLOWIN_KVXHTTPLINES_H
-#define TALLOWIN_KVXHTTPLINES_H
+#ifndef TALLOWIN_NET_KVXHTTPLINES_H
+#define TALLOWIN_NET_KVXHTTPLINES_H
 
 namespace kvx {
 

@@ -1,8 +1,8 @@
 /// URLs and encodings.
 ///
 /// Of its free functions libtallowin.so shows UrlEncode alone; the static archive has them all.
-#ifndef TALLOWIN_KVXURL_H
-#define TALLOWIN_KVXURL_H
+#ifndef TALLOWIN_NET_KVXURL_H
+#define TALLOWIN_NET_KVXURL_H
 
 #include <cstdint>
 

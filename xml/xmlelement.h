@@ -1,8 +1,8 @@
 /// The element tree that every document and message lives in.
 ///
 /// Its free functions are in the static archive only; libtallowin.so shows classes.
-#ifndef TALLOWIN_XMLELEMENT_H
-#define TALLOWIN_XMLELEMENT_H
+#ifndef TALLOWIN_XML_XMLELEMENT_H
+#define TALLOWIN_XML_XMLELEMENT_H
 
 #include "tallowin/export.h"
 #include "tallowin/tbmap.h"

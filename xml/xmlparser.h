@@ -1,8 +1,8 @@
 /// Text to element trees: a table-driven state machine for a narrow dialect of XML.
 ///
 /// Its free functions are in the static archive only; libtallowin.so shows classes.
-#ifndef TALLOWIN_XMLPARSER_H
-#define TALLOWIN_XMLPARSER_H
+#ifndef TALLOWIN_XML_XMLPARSER_H
+#define TALLOWIN_XML_XMLPARSER_H
 
 #include <cstdint>
 

@@ -1,8 +1,8 @@
 /// Values in an element tree, addressed by one text key.
 ///
 /// Its free functions are in the static archive only; libtallowin.so shows classes.
-#ifndef TALLOWIN_XMLQUERY_H
-#define TALLOWIN_XMLQUERY_H
+#ifndef TALLOWIN_XML_XMLQUERY_H
+#define TALLOWIN_XML_XMLQUERY_H
 
 #include <cstdint>
 
