@@ -17,16 +17,9 @@ bool canOpenDirectory(char const* path) {
 
 }  // namespace
 
-KVX_Context::KVX_Context(KVX_Context const& other)
-    : m_Path(other.m_Path), m_UserName(other.m_UserName), m_Password(other.m_Password), m_AutoUrl(other.m_AutoUrl) {}
+KVX_Context::KVX_Context(KVX_Context const&) = default;
 
-KVX_Context& KVX_Context::operator=(KVX_Context const& other) {
-    m_Path = other.m_Path;
-    m_UserName = other.m_UserName;
-    m_Password = other.m_Password;
-    m_AutoUrl = other.m_AutoUrl;
-    return *this;
-}
+KVX_Context& KVX_Context::operator=(KVX_Context const&) = default;
 
 void KVX_Context::Open(TbString const& path) {
     m_Path = path.isEmpty() ? GetDefaultConfiguration() : path;

@@ -168,11 +168,10 @@ private:
     KVX_Settings readSettings();
     friend class KVX_Message;
 
-    TbString m_Path;                 ///< As given; empty while not open.
-    TbString m_UserName;             ///< Option "UserName".
-    TbString m_Password;             ///< Option "Password".
-    TbString m_AutoUrl;              ///< Option "VTAUTOURL".
-    bool m_ReadingSettings = false;  ///< Set while "settings.xml" is read, which must not need itself.
+    TbString m_Path;      ///< As given; empty while not open.
+    TbString m_UserName;  ///< Option "UserName".
+    TbString m_Password;  ///< Option "Password".
+    TbString m_AutoUrl;   ///< Option "VTAUTOURL".
 };
 
 /// One payment message: a "KVX" element bound to the context that signs or verifies it.

@@ -2,24 +2,13 @@
 
 #include "core/kvxctx.h"
 #include "core/kvxlines.h"
+#include "net/kvxurl.h"
 #include "xml/xmlquery.h"
 
 namespace {
 
 constexpr char kFile[] = "settings.xml";
 constexpr char kDefaultProxyPort[] = "8080";
-
-/// While it lives the settings are being read.
-class ReadingGuard {
-public:
-    explicit ReadingGuard(bool& flag) : m_Flag(flag) { m_Flag = true; }
-    ReadingGuard(ReadingGuard const&) = delete;
-    ReadingGuard& operator=(ReadingGuard const&) = delete;
-    ~ReadingGuard() { m_Flag = false; }
-
-private:
-    bool& m_Flag;
-};
 
 /// An attribute that counts only with a value.
 bool read(xmlElement* root, char const* name, TbString& value) {
@@ -29,11 +18,10 @@ bool read(xmlElement* root, char const* name, TbString& value) {
 }  // namespace
 
 KVX_Settings KVX_Context::readSettings() {
-    // A directory whose path reads like a URL would fetch its settings through itself, for ever.
-    if (m_ReadingSettings) {
-        throw KVX_Exception(KVX_E_HTTP_BAD_URL, "", kvx::kSourceCtx, kvx::kLineSettingsReentry);
+    // A directory whose path reads like a URL has no settings: they would have to be fetched, which needs them.
+    if (IsHttp(pathOf(kFile))) {
+        throw KVX_Exception(KVX_E_HTTP_BAD_URL, "", kvx::kSourceUrl, kvx::kLineSplitUrl);
     }
-    ReadingGuard const guard(m_ReadingSettings);
     KVX_Settings settings;
     TbString text;
     if (!QueryValueOrAbsent(kFile, "", text)) {

@@ -9,6 +9,7 @@ namespace kvx {
 // clang-format off
 inline constexpr char const* kSourceBase = "kvxbase";
 inline constexpr char const* kSourceCtx  = "kvxctx";
+inline constexpr char const* kSourceUrl  = "kvxurl";
 
 inline constexpr long kLineCreatePath            = 55;   // kvxbase: mkdir failed
 
@@ -65,7 +66,10 @@ inline constexpr long kLineRequestNoElement      = 648;
 inline constexpr long kLineRequestNoUrl          = 661;
 inline constexpr long kLineOpenNoKeyId           = 729;
 inline constexpr long kLineNoMessageContext      = 740;
-inline constexpr long kLineSettingsReentry       = 752;
+
+// kvxurl:
+inline constexpr long kLineOpenFile              = 41;
+inline constexpr long kLineSplitUrl              = 52;
 // clang-format on
 
 }  // namespace kvx

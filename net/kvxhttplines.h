@@ -7,7 +7,6 @@ namespace kvx {
 
 // clang-format off
 inline constexpr char const* kSourceHttp = "kvxhttp";
-inline constexpr char const* kSourceUrl  = "kvxurl";
 
 inline constexpr long kLineLookupFailed          = 338;  // trace "DNS LOOKUP", no address
 inline constexpr long kLineLookupDone            = 347;  // trace "DNS LOOKUP", found
@@ -37,10 +36,6 @@ inline constexpr long kLineReceive               = 825;
 inline constexpr long kLineExtractState          = 836;
 inline constexpr long kLineReplyNoStatus         = 843;
 inline constexpr long kLineReplyNoBody           = 850;
-
-// kvxurl:
-inline constexpr long kLineOpenFile              = 41;
-inline constexpr long kLineSplitUrl              = 52;
 // clang-format on
 
 }  // namespace kvx

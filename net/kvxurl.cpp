@@ -3,15 +3,9 @@
 #include <cctype>
 #include <cstring>
 
-#include "core/kvxbase.h"
-#include "core/kvxctx.h"
-#include "core/kvxctx_settings.h"
-#include "core/kvxfile.h"
-#include "net/kvxhttp.h"
-#include "net/kvxhttplines.h"
-
 namespace {
 
+/// Results of `SplitUrl`.
 constexpr std::int32_t kRefused = 0;
 constexpr std::int32_t kReachedEnd = -1;
 
@@ -99,22 +93,4 @@ std::int32_t SplitUrl(TbString const& url, URL_INFO& info) {
 
 bool IsHttp(TbString const& url) {
     return TCSNCMP(url.c_str(), "http:", kPrefix) == 0 || TCSNCMP(url.c_str(), "https", kPrefix) == 0;
-}
-
-void KVX_Context::StreamFromURL(TbString const& url, TbStringStream& out) {
-    if (!IsHttp(url)) {
-        if (!kvxReadFile(url.c_str(), out)) {
-            throw KVX_Exception(KVX_E_CANNOT_OPEN, "", kvx::kSourceUrl, kvx::kLineOpenFile);
-        }
-        return;
-    }
-    KVX_RequestInfo request;
-    if (SplitUrl(url, request) == kRefused) {
-        throw KVX_Exception(KVX_E_HTTP_BAD_URL, "", kvx::kSourceUrl, kvx::kLineSplitUrl);
-    }
-    KVX_Settings const settings = readSettings();
-    request.proxyHost = settings.m_ProxyHost;
-    request.proxyPort = settings.m_ProxyPort;
-    request.traceOptions = settings.m_Trace;
-    HttpSession(request, out);
 }

@@ -1,0 +1,34 @@
+// The one door to documents and answers: an HTTP or HTTPS URL is fetched, anything else is the path of a local file.
+
+#include "core/kvxctx.h"
+#include "core/kvxctx_settings.h"
+#include "core/kvxfile.h"
+#include "core/kvxlines.h"
+#include "net/kvxhttp.h"
+#include "net/kvxurl.h"
+
+namespace {
+
+void readLocalFile(TbString const& path, TbStringStream& out) {
+    if (!kvxReadFile(path.c_str(), out)) {
+        throw KVX_Exception(KVX_E_CANNOT_OPEN, "", kvx::kSourceUrl, kvx::kLineOpenFile);
+    }
+}
+
+}  // namespace
+
+void KVX_Context::StreamFromURL(TbString const& url, TbStringStream& out) {
+    if (!IsHttp(url)) {
+        readLocalFile(url, out);
+        return;
+    }
+    KVX_RequestInfo request;
+    if (SplitUrl(url, request) == 0) {
+        throw KVX_Exception(KVX_E_HTTP_BAD_URL, "", kvx::kSourceUrl, kvx::kLineSplitUrl);
+    }
+    KVX_Settings const settings = readSettings();
+    request.proxyHost = settings.m_ProxyHost;
+    request.proxyPort = settings.m_ProxyPort;
+    request.traceOptions = settings.m_Trace;
+    HttpSession(request, out);
+}
