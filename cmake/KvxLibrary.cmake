@@ -1,6 +1,6 @@
 # The products made of the layers: libtallowin.so, libtallowin.a and the internal archive that tests link.
 
-set(KVX_LAYERS foundation xml core net api)
+set(KVX_LAYERS foundation xml base net core api)
 if(KVX_JAVA)
   list(APPEND KVX_LAYERS jni)
 endif()
