@@ -1,12 +1,11 @@
 #include "api/kvxhandle.h"
 
-#include <sys/mman.h>
-
 #include <atomic>
 #include <mutex>
 
 #include "foundation/tbexception.h"
 #include "foundation/tbmemory.h"
+#include "foundation/tbsystem.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/asan_interface.h>
@@ -49,7 +48,8 @@ void allowUse([[maybe_unused]] void* slot) noexcept {
 }
 
 void* mapAt(void* where, std::size_t bytes, int flags) noexcept {
-    void* const memory = ::mmap(where, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | flags, -1, 0);
+    void* const memory =
+        tbSystem().mmap(where, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | flags, -1, 0);
     return memory == MAP_FAILED ? nullptr : memory;
 }
 
@@ -73,7 +73,7 @@ void* mapLow(std::size_t bytes) noexcept {
             return memory;
         }
         if (memory != nullptr) {
-            ::munmap(memory, bytes);  // a kernel that takes the address as a hint only
+            tbSystem().munmap(memory, bytes);  // a kernel that takes the address as a hint only
         }
     }
     return nullptr;

@@ -12,7 +12,7 @@ constexpr mode_t kDirectoryMode = 0777;
 
 bool canOpenDirectory(char const* path) {
     DIR* const directory = tbSystem().opendir(path);
-    return directory != nullptr && ::closedir(directory) == 0;
+    return directory != nullptr && tbSystem().closedir(directory) == 0;
 }
 
 }  // namespace

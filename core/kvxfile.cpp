@@ -12,6 +12,7 @@
 #include "core/kvxbase.h"
 #include "core/kvxlines.h"
 #include "core/kvxwipe.h"
+#include "foundation/tbreleaser.h"
 #include "foundation/tbsystem.h"
 
 namespace {
@@ -24,14 +25,10 @@ constexpr std::size_t kReadChunk = 8192;
 /// A divisor of every page size, a power of two.
 constexpr std::size_t kPage = 4096;
 
-struct DirectoryCloser {
-    void operator()(DIR* directory) const noexcept { ::closedir(directory); }
-};
-using Directory = std::unique_ptr<DIR, DirectoryCloser>;
-
-struct MallocReleaser {
-    void operator()(char* memory) const noexcept { std::free(memory); }
-};
+void closeDirectory(DIR* directory) noexcept {
+    tbSystem().closedir(directory);
+}
+using Directory = std::unique_ptr<DIR, TbReleaser<closeDirectory>>;
 
 int openFile(char const* path, int flags, mode_t mode = 0) {
     return tbAwayFromStandardStreams(
@@ -62,7 +59,7 @@ void removeLeftovers(TbString const& directory) {
     if (entries == nullptr) {
         return;
     }
-    while (dirent const* entry = ::readdir(entries.get())) {
+    while (dirent const* entry = tbSystem().readdir(entries.get())) {
         if (!isTemporaryName(entry->d_name)) {
             continue;
         }
@@ -162,7 +159,7 @@ bool takeOverStatus(int file, struct ::stat const& old) {
         return false;
     }
     bool const isForeign = fresh.st_uid != old.st_uid || fresh.st_gid != old.st_gid;
-    if (isForeign && ::fchown(file, old.st_uid, old.st_gid) != 0) {
+    if (isForeign && tbSystem().fchown(file, old.st_uid, old.st_gid) != 0) {
         return false;
     }
     return tbSystem().fchmod(file, old.st_mode & kPermissions) == 0;
@@ -285,9 +282,9 @@ KvxWriteResult kvxReplaceFile(char const* path, void const* data, std::size_t by
     if (tbSystem().lstat(path, &old) != 0) {
         return replaceBeside(path, data, bytes, mode, nullptr);
     }
-    std::unique_ptr<char, MallocReleaser> resolved;
+    std::unique_ptr<char, TbReleaser<std::free>> resolved;
     if (S_ISLNK(old.st_mode)) {
-        resolved.reset(::realpath(path, nullptr));
+        resolved.reset(tbSystem().realpath(path, nullptr));
         if (resolved == nullptr || tbSystem().lstat(resolved.get(), &old) != 0) {
             return writeInPlace(path, data, bytes, mode);
         }

@@ -4,24 +4,33 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <netdb.h>
+#include <poll.h>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 
-/// Every call into the operating system that can fail goes through this table.
+/// The calls into the operating system that can fail: files, directories, sockets, name lookup, the clock, mappings.
 ///
-/// It is constant in the shipped library. In test builds a test replaces single entries to make calls fail.
+/// The table is constant in the shipped library. In test builds a test replaces single entries to make calls fail.
+///
+/// Outside the table: reads and writes of a TLS connection, and the random bytes of keys and identifiers, which OpenSSL
+/// and libuuid fetch themselves; printing to standard output and error, whose result is ignored; `getpid` and the
+/// signal mask of the calling thread, which cannot fail; mutexes. Memory has a seam of its own, foundation/tbmemory.h.
 struct TbSystemCalls {
     static int openFile(char const* path, int flags, mode_t mode) { return ::open(path, flags, mode); }
     static int status(int file, struct ::stat* result) { return ::fstat(file, result); }
     /// Judges by the effective user, as opening does.
     static int mayAccess(char const* path, int mode) { return ::faccessat(AT_FDCWD, path, mode, AT_EACCESS); }
     static int linkStatus(char const* path, struct ::stat* result) { return ::lstat(path, result); }
+    static int duplicateFrom(int file, int least) { return ::fcntl(file, F_DUPFD_CLOEXEC, least); }
 
     int (*open)(char const* path, int flags, mode_t mode) = &openFile;
     int (*close)(int file) = &::close;
@@ -31,20 +40,32 @@ struct TbSystemCalls {
     int (*fstat)(int file, struct ::stat* result) = &status;
     int (*lstat)(char const* path, struct ::stat* result) = &linkStatus;
     int (*fchmod)(int file, mode_t mode) = &::fchmod;
+    int (*fchown)(int file, uid_t owner, gid_t group) = &::fchown;
+    /// A copy of `file` with a number from `least` up, closed on exec.
+    int (*dupFrom)(int file, int least) = &duplicateFrom;
     int (*flock)(int file, int operation) = &::flock;
     int (*access)(char const* path, int mode) = &mayAccess;
     int (*rename)(char const* from, char const* to) = &::rename;
     int (*unlink)(char const* path) = &::unlink;
     int (*mkdir)(char const* path, mode_t mode) = &::mkdir;
     DIR* (*opendir)(char const* path) = &::opendir;
+    dirent* (*readdir)(DIR* directory) = &::readdir;
+    int (*closedir)(DIR* directory) = &::closedir;
+    char* (*realpath)(char const* path, char* resolved) = &::realpath;
     char* (*getcwd)(char* buffer, std::size_t bytes) = &::getcwd;
     std::time_t (*time)(std::time_t* result) = &::time;
+    void* (*mmap)(void* where, std::size_t bytes, int access, int flags, int file, off_t offset) = &::mmap;
+    int (*munmap)(void* memory, std::size_t bytes) = &::munmap;
 
     int (*socket)(int domain, int type, int protocol) = &::socket;
     int (*connect)(int socket, sockaddr const* address, socklen_t length) = &::connect;
     ssize_t (*send)(int socket, void const* buffer, std::size_t bytes, int flags) = &::send;
     ssize_t (*recv)(int socket, void* buffer, std::size_t bytes, int flags) = &::recv;
     int (*shutdown)(int socket, int how) = &::shutdown;
+    int (*poll)(pollfd* files, nfds_t count, int milliseconds) = &::poll;
+    int (*getsockopt)(int socket, int level, int option, void* value, socklen_t* length) = &::getsockopt;
+    int (*gethostbyname_r)(char const* host, hostent* entry, char* memory, std::size_t bytes, hostent** answer,
+                           int* reason) = &::gethostbyname_r;
 };
 
 #ifdef KVX_TEST_SEAMS
@@ -65,7 +86,7 @@ inline int tbAwayFromStandardStreams(int file) noexcept {
     if (file < STDIN_FILENO || file > STDERR_FILENO) {
         return file;
     }
-    int const moved = ::fcntl(file, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    int const moved = tbSystem().dupFrom(file, STDERR_FILENO + 1);
     int const failure = errno;
     tbSystem().close(file);
     errno = failure;
