@@ -7,15 +7,6 @@
 #include "api/kvxlines_api.h"
 #include "foundation/tbmemory.h"
 
-namespace {
-
-struct MemoryReleaser {
-    void operator()(char* memory) const noexcept { tbRelease(memory); }
-};
-using TemporaryText = std::unique_ptr<char, MemoryReleaser>;
-
-}  // namespace
-
 KVXCIMPL_MessageObject::KVXCIMPL_MessageObject() : m_Message(&m_Context) {
     m_Signature.set();
 }
@@ -132,7 +123,7 @@ int32_t MessageObject_ToString(KVX_HANDLE handle, int32_t* size, char* buffer) {
         TbString const text = object.ToString();
         // Deliberate: this function alone copies through a buffer of its own, whose absence has a code and leaves the
         // size alone.
-        TemporaryText const copy(static_cast<char*>(tbAllocate(std::size_t{text.length()} * 2 + 2)));
+        TbMemoryHolder const copy(static_cast<char*>(tbAllocate(std::size_t{text.length()} * 2 + 2)));
         if (copy == nullptr) {
             return KVX_E_OUT_OF_MEMORY;
         }

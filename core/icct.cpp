@@ -10,6 +10,8 @@
 #include <cstring>
 #include <memory>
 
+#include "foundation/tbreleaser.h"
+
 // The low-level RSA interface is deprecated since OpenSSL 3.0, and still the one that does exactly what is wanted:
 // PKCS#1 blobs and nothing else, and the RSA operation on a digest without a DigestInfo. It is used in this file only.
 #pragma GCC diagnostic push
@@ -26,15 +28,12 @@ constexpr int kMaxVerifyModulus = 128;
 /// Bytes of the largest modulus for signing and encrypting, the room that callers keep for a result.
 constexpr int kMaxModulus = 1024;
 
-struct FreeRsa {
-    void operator()(RSA* key) const noexcept { RSA_free(key); }
-};
-using RsaHolder = std::unique_ptr<RSA, FreeRsa>;
-
-struct FreeBignum {
-    void operator()(BIGNUM* number) const noexcept { BN_free(number); }
-};
-using BignumHolder = std::unique_ptr<BIGNUM, FreeBignum>;
+/// Stands for RSA_free, which is deprecated wherever it is named.
+void freeRsa(RSA* key) noexcept {
+    RSA_free(key);
+}
+using RsaHolder = std::unique_ptr<RSA, TbReleaser<freeRsa>>;
+using BignumHolder = std::unique_ptr<BIGNUM, TbReleaser<BN_free>>;
 
 /// Cleans up the random generator at the end of a key generation. An empty statement in OpenSSL 3, which manages its
 /// generators itself; tearing the whole library down instead would break the host process.

@@ -4,7 +4,6 @@
 #include "core/kvxctx.h"
 #include "core/kvxlines.h"
 #include "core/kvxwipe.h"
-#include "foundation/tbexception.h"
 #include "foundation/tbmemory.h"
 
 namespace {
@@ -20,29 +19,25 @@ public:
     /// Deliberate: signing widens without sign, verifying with sign. They agree on 7-bit text only.
     enum class Sign { kIgnored, kExtended };
 
-    WidenedText(TbString const& text, Sign sign) : m_Length(2 * static_cast<unsigned long>(text.length())) {
-        m_Units = static_cast<unsigned char*>(tbAllocate(static_cast<std::size_t>(m_Length) + 2));
-        if (m_Units == nullptr) {
-            throw TBFC_Exception(KVX_E_OUT_OF_MEMORY);
-        }
+    WidenedText(TbString const& text, Sign sign)
+        : m_Length(2 * static_cast<unsigned long>(text.length())),
+          m_Units(tbHoldMemory(static_cast<std::size_t>(m_Length) + 2)) {
+        unsigned char* const units = bytes();
         for (std::uint32_t i = 0; i < text.length(); ++i) {
             auto const byte = static_cast<unsigned char>(text[i]);
-            m_Units[2 * std::size_t{i}] = byte;
-            m_Units[2 * std::size_t{i} + 1] = sign == Sign::kExtended && byte >= 0x80 ? 0xFF : 0;
+            units[2 * std::size_t{i}] = byte;
+            units[2 * std::size_t{i} + 1] = sign == Sign::kExtended && byte >= 0x80 ? 0xFF : 0;
         }
-        m_Units[m_Length] = 0;
-        m_Units[m_Length + 1] = 0;
+        units[m_Length] = 0;
+        units[m_Length + 1] = 0;
     }
-    WidenedText(WidenedText const&) = delete;
-    WidenedText& operator=(WidenedText const&) = delete;
-    ~WidenedText() { tbRelease(m_Units); }
 
-    [[nodiscard]] unsigned char* bytes() const { return m_Units; }
+    [[nodiscard]] unsigned char* bytes() const { return reinterpret_cast<unsigned char*>(m_Units.get()); }
     [[nodiscard]] unsigned long length() const { return m_Length; }
 
 private:
     unsigned long m_Length;  ///< Without the terminating unit.
-    unsigned char* m_Units;  ///< Owned.
+    TbMemoryHolder m_Units;
 };
 
 [[noreturn]] void fail(std::int32_t code, long line) {

@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "foundation/tbexception.h"
+
 namespace {
 
 /// Stands right before the usable bytes of a block, also after the front of the block has moved.
@@ -78,6 +80,14 @@ void* tbReallocate(void* memory, std::size_t bytes) noexcept {
 
 void tbRelease(void* memory) noexcept {
     std::free(memory);
+}
+
+TbMemoryHolder tbHoldMemory(std::size_t bytes) {
+    TbMemoryHolder memory(static_cast<char*>(tbAllocate(bytes)));
+    if (memory == nullptr) {
+        throw TBFC_Exception(KVX_E_OUT_OF_MEMORY);
+    }
+    return memory;
 }
 
 void* tbResizeBlock(void* block, std::size_t bytes) noexcept {

@@ -3,11 +3,20 @@
 #define TALLOWIN_FOUNDATION_TBMEMORY_H
 
 #include <cstddef>
+#include <memory>
+
+#include "foundation/tbreleaser.h"
 
 /// Every allocation of the library comes through these three. Null when memory is exhausted, also for a test's sake.
 [[nodiscard]] void* tbAllocate(std::size_t bytes) noexcept;
 [[nodiscard]] void* tbReallocate(void* memory, std::size_t bytes) noexcept;
 void tbRelease(void* memory) noexcept;
+
+/// Owns memory from tbAllocate.
+using TbMemoryHolder = std::unique_ptr<char, TbReleaser<tbRelease>>;
+
+/// `bytes` bytes in a holder. Raises KVX_E_OUT_OF_MEMORY (TBFC_Exception).
+[[nodiscard]] TbMemoryHolder tbHoldMemory(std::size_t bytes);
 
 #ifdef KVX_TEST_SEAMS
 /// Test builds only: asked before every allocation; false makes it fail. Null lets all pass.

@@ -7,8 +7,9 @@
 
 #include "core/kvxbase.h"
 #include "foundation/tbsystem.h"
-#include "net/kvxhttp_internal.h"
+#include "net/kvxdecimal.h"
 #include "net/kvxhttplines.h"
+#include "net/kvxsocket.h"
 
 namespace {
 

@@ -6,8 +6,10 @@
 #include <cstring>
 
 #include "core/kvxbase.h"
+#include "foundation/tbmemory.h"
+#include "foundation/tbsystem.h"
+#include "net/kvxdecimal.h"
 #include "net/kvxhttp.h"
-#include "net/kvxhttp_internal.h"
 #include "net/kvxhttplines.h"
 
 namespace {
@@ -23,9 +25,9 @@ public:
     explicit HostEntry(char const* host) {
         int failure = 0;
         for (std::size_t bytes = kFirstLookupBuffer;; bytes *= 2) {
-            m_Memory = HoldMemory(bytes);
+            m_Memory = tbHoldMemory(bytes);
             int reason = 0;
-            failure = ::gethostbyname_r(host, &m_Storage, m_Memory.get(), bytes, &m_Answer, &reason);
+            failure = tbSystem().gethostbyname_r(host, &m_Storage, m_Memory.get(), bytes, &m_Answer, &reason);
             if (failure != ERANGE) {
                 break;
             }

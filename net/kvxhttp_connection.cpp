@@ -4,7 +4,8 @@
 
 #include "foundation/tbsystem.h"
 #include "net/kvxhttp.h"
-#include "net/kvxhttp_internal.h"
+#include "net/kvxhttp_errno.h"
+#include "net/kvxsocket.h"
 
 KVX_Connection::~KVX_Connection() = default;
 

@@ -1,6 +1,6 @@
-#include <cerrno>
+#include "net/kvxhttp_errno.h"
 
-#include "net/kvxhttp_internal.h"
+#include <cerrno>
 
 namespace {
 

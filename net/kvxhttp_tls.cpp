@@ -8,8 +8,9 @@
 #include "core/kvxbase.h"
 #include "foundation/tbsystem.h"
 #include "net/kvxhttp.h"
-#include "net/kvxhttp_internal.h"
+#include "net/kvxhttp_errno.h"
 #include "net/kvxhttplines.h"
+#include "net/kvxsocket.h"
 
 namespace {
 

@@ -1,25 +1,14 @@
-#include "net/kvxhttp_internal.h"
+#include "net/kvxsocket.h"
 
 #include <netinet/in.h>
-#include <poll.h>
 
 #include <cerrno>
 #include <cstring>
 #include <ctime>
-#include <limits>
 
-#include "foundation/tbexception.h"
 #include "foundation/tbsystem.h"
 
 namespace {
-
-bool isSpace(char character) {
-    return character == ' ' || (character >= '\t' && character <= '\r');
-}
-
-bool isDigit(char character) {
-    return character >= '0' && character <= '9';
-}
 
 sigset_t onlySigPipe() {
     sigset_t set;
@@ -31,12 +20,12 @@ sigset_t onlySigPipe() {
 /// Waits until a connect that a signal interrupted is over, and returns how it ended.
 int finishConnect(int socket) {
     pollfd waiting = {socket, POLLOUT, 0};
-    if (tbRetryInterrupted([&waiting] { return ::poll(&waiting, 1, -1); }) == -1) {
+    if (tbRetryInterrupted([&waiting] { return tbSystem().poll(&waiting, 1, -1); }) == -1) {
         return -1;
     }
     int failure = 0;
     socklen_t length = sizeof failure;
-    if (::getsockopt(socket, SOL_SOCKET, SO_ERROR, &failure, &length) == -1) {
+    if (tbSystem().getsockopt(socket, SOL_SOCKET, SO_ERROR, &failure, &length) == -1) {
         return -1;
     }
     if (failure != 0) {
@@ -47,25 +36,6 @@ int finishConnect(int socket) {
 }
 
 }  // namespace
-
-std::int32_t DecimalNumber(char const* text) noexcept {
-    using Limits = std::numeric_limits<std::int32_t>;
-    while (isSpace(*text)) {
-        ++text;
-    }
-    bool const negative = *text == '-';
-    if (*text == '-' || *text == '+') {
-        ++text;
-    }
-    std::int64_t number = 0;
-    for (; isDigit(*text); ++text) {
-        number = number * 10 + (*text - '0');
-        if (number > Limits::max()) {
-            return negative ? Limits::min() : Limits::max();
-        }
-    }
-    return static_cast<std::int32_t>(negative ? -number : number);
-}
 
 SigPipeGuard::SigPipeGuard() noexcept {
     int const failure = errno;
@@ -88,17 +58,9 @@ SigPipeGuard::~SigPipeGuard() {
     errno = failure;
 }
 
-TbMemoryHolder HoldMemory(std::size_t bytes) {
-    TbMemoryHolder memory(static_cast<char*>(tbAllocate(bytes)));
-    if (memory == nullptr) {
-        throw TBFC_Exception(KVX_E_OUT_OF_MEMORY);
-    }
-    return memory;
-}
-
 TbMemoryHolder CopyForSending(TbString const& text) {
     std::size_t const size = std::size_t{text.length()} + 1;
-    TbMemoryHolder copy = HoldMemory(size);
+    TbMemoryHolder copy = tbHoldMemory(size);
     std::size_t const used = TCSLEN(text.buffer());
     std::memcpy(copy.get(), text.c_str(), used);
     std::memset(copy.get() + used, 0, size - used);

@@ -1,0 +1,9 @@
+/// Error numbers of sockets in result codes. Internal: not installed.
+#ifndef TALLOWIN_NET_KVXHTTP_ERRNO_H
+#define TALLOWIN_NET_KVXHTTP_ERRNO_H
+
+/// The number that BSD systems give to the system's error `number`. Numbers without a place among the socket errors
+/// pass as they are.
+[[nodiscard]] int BsdErrno(int number) noexcept;
+
+#endif

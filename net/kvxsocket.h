@@ -1,0 +1,35 @@
+/// Sockets, and the signal that writing to one may raise. Internal: not installed.
+#ifndef TALLOWIN_NET_KVXSOCKET_H
+#define TALLOWIN_NET_KVXSOCKET_H
+
+#include <csignal>
+
+#include "foundation/tbmemory.h"
+#include "foundation/tbstring.h"
+
+struct sockaddr;
+
+/// A new TCP socket, closed on exec; -1 and `errno` on failure.
+[[nodiscard]] int MakeSocket() noexcept;
+
+/// Connects `socket` to `address`; -1 and `errno` on failure. A signal does not end it.
+[[nodiscard]] int ConnectSocket(int socket, sockaddr const* address) noexcept;
+
+/// The bytes to send for `text`: all of it, with zeros from its first zero byte on.
+[[nodiscard]] TbMemoryHolder CopyForSending(TbString const& text);
+
+/// Keeps a write to a closed peer from raising SIGPIPE, for the calling thread alone: blocks the signal for its own
+/// lifetime and takes away one that was raised meanwhile. Leaves `errno` alone.
+class SigPipeGuard {
+public:
+    SigPipeGuard() noexcept;
+    SigPipeGuard(SigPipeGuard const&) = delete;
+    SigPipeGuard& operator=(SigPipeGuard const&) = delete;
+    ~SigPipeGuard();
+
+private:
+    sigset_t m_Before;         ///< The thread's mask as found.
+    bool m_WasPending = true;  ///< A signal that was pending before stays pending.
+};
+
+#endif
