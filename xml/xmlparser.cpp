@@ -3,6 +3,8 @@
 #include <array>
 #include <iterator>
 
+#include "xml/xmlholder.h"
+
 namespace {
 
 /// Results of `parseText`.
@@ -129,7 +131,7 @@ public:
     explicit Document(xmlParser& parser) : m_Parser(parser) {
         xmlElement* top = nullptr;
         m_Parser.createElement("", &top);
-        m_Top.adopt(top);
+        m_Top = xmlAdopt(top);
         m_Current = top;
     }
 
@@ -157,8 +159,7 @@ public:
         if (m_State != kText || m_Current != m_Top.get()) {
             return kUnexpectedEnd;
         }
-        m_Top->addRef();
-        *out = m_Top.get();
+        xmlHandOut(m_Top, out);
         return kParsed;
     }
 
@@ -191,8 +192,7 @@ private:
     void openElement() {
         xmlElement* created = nullptr;
         m_Parser.createElement(m_Token, &created);
-        xmlElementPtr child;
-        child.adopt(created);
+        xmlElementPtr const child = xmlAdopt(created);
         m_Current->insertChild(created);
         m_Current = created;
     }

@@ -1,5 +1,7 @@
 #include "xml/xmlquery.h"
 
+#include "xml/xmlholder.h"
+
 namespace {
 
 /// Parts a child's tag from its index.
@@ -35,7 +37,7 @@ Status walk(xmlElement* start, TbString& path, xmlElementPtr& found) {
         if (!current->getChild(path.substring(position, separator - position), index, &child)) {
             return kNoChild;
         }
-        current.adopt(child);
+        current = xmlAdopt(child);
         position = closing + 2;
     }
 }
@@ -46,8 +48,7 @@ std::int32_t xmlQuerySubElement(xmlElement* start, TbString& path, xmlElement** 
     xmlElementPtr element;
     Status const status = walk(start, path, element);
     if (status == kFound) {
-        element->addRef();
-        *found = element.get();
+        xmlHandOut(element, found);
     }
     return status;
 }
