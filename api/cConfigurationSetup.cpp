@@ -30,7 +30,7 @@ void KVXCIMPL_ConfigurationSetup::SetOption(TbString const& name, TbString const
 
 void KVXCIMPL_ConfigurationSetup::GetAttribute(TbString const& file, TbString const& name, TbString& value) {
     if (!m_Context.QueryValue(file, name, value)) {
-        throw KVX_Exception(KVX_E_NOT_FOUND, "", kvx::kSourceConfigurationSetup, kvx::kLineSetupAttributeNotFound);
+        kvx::kSourceConfigurationSetup.fail(KVX_E_NOT_FOUND, kvx::kLineSetupAttributeNotFound);
     }
 }
 

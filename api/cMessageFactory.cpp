@@ -6,12 +6,12 @@
 #include "api/cMessageObject.h"
 #include "api/kvxboundary.h"
 #include "api/kvxlines_api.h"
+#include "core/kvxdirectory.h"
+#include "core/kvxdocument.h"
 
 namespace {
 
 using OwnedMessage = std::unique_ptr<KVXCIMPL_MessageObject>;
-
-constexpr char kDefaultsFile[] = "default.xml";
 
 /// How long a payment stays open, in seconds, when the account's defaults do not say.
 constexpr char kDefaultTtl[] = "86400";
@@ -19,13 +19,10 @@ constexpr char kDefaultTtl[] = "86400";
 /// Copies the attributes that the account's defaults carry, empty ones too.
 void copyDefaults(KVX_Context& account, KVX_Message& message) {
     TbString text;
-    if (!account.QueryValueOrAbsent(kDefaultsFile, "", text)) {
+    if (!account.QueryValueOrAbsent(kvx::kDefaultsFile, "", text)) {
         return;
     }
-    xmlElement* parsed = nullptr;
-    account.XmlFromString(text, &parsed);
-    xmlElementPtr defaults;
-    defaults.adopt(parsed);
+    xmlElementPtr const defaults = kvxParseDocument(text);
     for (char const* const* name = AttributeNames; *name != nullptr; ++name) {
         TbString value;
         if (defaults->getAttribute(*name, value)) {
@@ -55,7 +52,7 @@ KVXCIMPL_MessageObject* KVXCIMPL_MessageFactory::CreatePayInit() {
     object->m_Message.SetAttribute("TOKEN", object->m_Context.CreateUuid());
     copyDefaults(account, object->m_Message);
     TbString ttl;
-    if (!account.QueryValueOrAbsent(kDefaultsFile, "PAYINITTTL", ttl)) {
+    if (!account.QueryValueOrAbsent(kvx::kDefaultsFile, "PAYINITTTL", ttl)) {
         ttl = kDefaultTtl;
     }
     object->m_Message.SetAttribute("EXPIRATION", GetTimeDate(std::strtod(ttl.c_str(), nullptr)));
@@ -78,7 +75,7 @@ KVXCIMPL_MessageObject* KVXCIMPL_MessageFactory::CreatePayComplete(TbString cons
 
 KVXCIMPL_MessageObject* KVXCIMPL_MessageFactory::CreateRequest(TbString const& type) {
     if (type.isEmpty()) {
-        throw KVX_Exception(KVX_E_NO_MESSAGE_TYPE, "", kvx::kSourceMessageFactory, kvx::kLineRequestWithoutType);
+        kvx::kSourceMessageFactory.fail(KVX_E_NO_MESSAGE_TYPE, kvx::kLineRequestWithoutType);
     }
     OwnedMessage object(new KVXCIMPL_MessageObject);
     object->m_Context.Open(m_Path);

@@ -45,7 +45,7 @@ void KVXCIMPL_MessageObject::GetURL(TbString& url) {
         }
     }
     if (m_Outgoing == 0) {
-        throw KVX_Exception(KVX_E_UNEXPECTED, "", kvx::kSourceMessageObject, kvx::kLineUrlOfForeignMessage);
+        kvx::kSourceMessageObject.fail(KVX_E_UNEXPECTED, kvx::kLineUrlOfForeignMessage);
     }
     url = computed;
 }
@@ -68,7 +68,7 @@ void KVXCIMPL_MessageObject::FromString(TbString const& text) {
 TbString KVXCIMPL_MessageObject::ToString() {
     TbString text;
     if (!m_Message.ToString(text)) {
-        throw KVX_Exception(KVX_E_UNEXPECTED, "", kvx::kSourceMessageObject, kvx::kLineNoText);
+        kvx::kSourceMessageObject.fail(KVX_E_UNEXPECTED, kvx::kLineNoText);
     }
     return text;
 }

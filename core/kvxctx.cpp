@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "core/kvxlines.h"
+#include "core/kvxlines_core.h"
 #include "foundation/tbsystem.h"
 
 namespace {
@@ -23,7 +23,7 @@ KVX_Context& KVX_Context::operator=(KVX_Context const&) = default;
 
 void KVX_Context::Open(TbString const& path) {
     m_Path = path.isEmpty() ? GetDefaultConfiguration() : path;
-    KVX_TraceLog::Write(kvx::kSourceCtx, kvx::kLineOpen, KVX_OK, "OPEN CONTEXT", m_Path);
+    kvx::kSourceCtx.trace(kvx::kLineOpen, "OPEN CONTEXT", m_Path);
     CreatePath(m_Path);
 }
 
@@ -41,8 +41,7 @@ void KVX_Context::CreatePath(TbString const& path) {
         // Another process may have created it in between.
         if (error != EEXIST || !canOpenDirectory(path.c_str())) {
             // Deliberate: the code is the system's own errno.
-            throw KVX_Exception(error, "KVX_Context::CreatePath(): failed to create directory", kvx::kSourceBase,
-                                kvx::kLineCreatePath);
+            kvx::kSourceBase.fail(error, kvx::kLineCreatePath, "KVX_Context::CreatePath(): failed to create directory");
         }
     }
     LogMessage("CREATE PATH: " + path);
@@ -56,7 +55,7 @@ void KVX_Context::SetOption(TbString const& name, TbString const& value) {
     } else if (name == TbString("VTAUTOURL")) {
         m_AutoUrl = value;
     } else {
-        throw KVX_Exception(KVX_E_INVALID_OPTION, "", kvx::kSourceCtx, kvx::kLineSetOption);
+        kvx::kSourceCtx.fail(KVX_E_INVALID_OPTION, kvx::kLineSetOption);
     }
 }
 

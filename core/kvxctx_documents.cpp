@@ -1,30 +1,24 @@
 // Documents, values and files of the configuration directory.
 
 #include "core/kvxctx.h"
+#include "core/kvxdirectory.h"
+#include "core/kvxdocument.h"
 #include "core/kvxfile.h"
-#include "core/kvxlines.h"
+#include "core/kvxlines_core.h"
 #include "foundation/tbsystem.h"
+#include "xml/xmlholder.h"
 #include "xml/xmlparser.h"
 #include "xml/xmlquery.h"
 
 namespace {
 
 constexpr char kRootTag[] = "KVX";
-constexpr char kPrivateKeys[] = "keys/private/";
 constexpr mode_t kFileMode = 0666;
 constexpr mode_t kPrivateFileMode = 0600;
 
 /// Private keys are nobody else's from their first instant.
 mode_t modeOfNew(TbString const& file) {
-    return file.find(kPrivateKeys) == 0 ? kPrivateFileMode : kFileMode;
-}
-
-xmlElementPtr newElement(TbString const& tag) {
-    xmlElement* element = nullptr;
-    xmlParser().createElement(tag, &element);
-    xmlElementPtr holder;
-    holder.adopt(element);
-    return holder;
+    return kvx::isPrivateKeyFile(file) ? kPrivateFileMode : kFileMode;
 }
 
 /// The result of `query`; false when the file it reads does not exist. Every other failure passes.
@@ -40,41 +34,54 @@ bool orAbsent(Query query) {
     }
 }
 
-/// Hands the holder's element to a caller, with a reference of its own.
-void handOut(xmlElementPtr const& holder, xmlElement** out) {
-    holder->addRef();
-    *out = holder.get();
-}
-
 }  // namespace
 
-void KVX_Context::XmlFromStream(TbStringStream& in, xmlElement** out) {
+xmlElementPtr kvxParseDocument(TbStringStream& in) {
     xmlElement* parsed = nullptr;
     if (xmlParser().parseText(in, &parsed) != 0) {
-        throw KVX_Exception(KVX_E_INVALID_FORMAT, "", kvx::kSourceCtx, kvx::kLineParse);
+        kvx::kSourceCtx.fail(KVX_E_INVALID_FORMAT, kvx::kLineParse);
     }
-    xmlElementPtr document;
-    document.adopt(parsed);
-    if (!document->getChild(kRootTag, 0, out)) {
-        throw KVX_Exception(KVX_E_INVALID_FORMAT, "", kvx::kSourceCtx, kvx::kLineNoKvxElement);
+    xmlElementPtr const document = xmlAdopt(parsed);
+    xmlElement* root = nullptr;
+    if (!document->getChild(kRootTag, 0, &root)) {
+        kvx::kSourceCtx.fail(KVX_E_INVALID_FORMAT, kvx::kLineNoKvxElement);
     }
+    return xmlAdopt(root);
+}
+
+xmlElementPtr kvxParseDocument(TbString const& text) {
+    TbStringStream stream(text);
+    return kvxParseDocument(stream);
+}
+
+xmlElementPtr kvxNewDocument() {
+    xmlElement* created = nullptr;
+    xmlParser().createElement(kRootTag, &created);
+    return xmlAdopt(created);
+}
+
+void KVX_Context::XmlFromStream(TbStringStream& in, xmlElement** out) {
+    xmlHandOut(kvxParseDocument(in), out);
 }
 
 void KVX_Context::XmlFromString(TbString const& text, xmlElement** out) {
-    TbStringStream stream(text);
-    XmlFromStream(stream, out);
+    xmlHandOut(kvxParseDocument(text), out);
+}
+
+xmlElementPtr KVX_Context::request(TbString const& msgType) {
+    xmlElementPtr const document = kvxNewDocument();
+    document->setAttribute("MSGTYPE", msgType);
+    return document;
 }
 
 std::int32_t KVX_Context::XmlCreateRequest(TbString const& msgType, xmlElement** out) {
-    xmlElementPtr const request = newElement(kRootTag);
-    request->setAttribute("MSGTYPE", msgType);
-    handOut(request, out);
+    xmlHandOut(request(msgType), out);
     return 0;
 }
 
 void KVX_Context::readFile(TbString const& file, TbStringStream& content) {
     if (m_Path.isEmpty()) {
-        throw KVX_Exception(KVX_E_NO_CONTEXT, "", kvx::kSourceCtx, kvx::kLineQueryNoContext);
+        kvx::kSourceCtx.fail(KVX_E_NO_CONTEXT, kvx::kLineQueryNoContext);
     }
     StreamFromURL(pathOf(file), content);
 }
@@ -93,10 +100,7 @@ bool KVX_Context::QueryValue(TbString const& file, TbString const& name, TbStrin
         value = content.str();
         return true;
     }
-    xmlElement* parsed = nullptr;
-    XmlFromStream(content, &parsed);
-    xmlElementPtr root;
-    root.adopt(parsed);
+    xmlElementPtr const root = kvxParseDocument(content);
     return xmlGetAttributeEx(root.get(), name, value) && !value.isEmpty();
 }
 
@@ -106,7 +110,7 @@ bool KVX_Context::QueryValueOrAbsent(TbString const& file, TbString const& name,
 
 bool KVX_Context::QueryValue(TbString const& file, unsigned char* buffer, unsigned long* size) {
     if (m_Path.isEmpty()) {
-        throw KVX_Exception(KVX_E_NO_CONTEXT, "", kvx::kSourceCtx, kvx::kLineRawQueryNoContext);
+        kvx::kSourceCtx.fail(KVX_E_NO_CONTEXT, kvx::kLineRawQueryNoContext);
     }
     KvxDescriptor const input(kvxOpenForReading(pathOf(file).c_str()));
     if (!input.isOpen()) {
@@ -114,7 +118,7 @@ bool KVX_Context::QueryValue(TbString const& file, unsigned char* buffer, unsign
     }
     ssize_t const count = kvxReadUpTo(input.get(), buffer, *size);
     if (count < 0) {
-        throw KVX_Exception(KVX_E_FILE_IO, "", kvx::kSourceCtx, kvx::kLineRawQueryRead);
+        kvx::kSourceCtx.fail(KVX_E_FILE_IO, kvx::kLineRawQueryRead);
     }
     *size = static_cast<unsigned long>(count);
     return true;
@@ -125,14 +129,12 @@ void KVX_Context::SetValue(TbString const& file, TbString const& name, TbString 
     QueryValue(file, "", text);
     xmlElementPtr root;
     try {
-        xmlElement* parsed = nullptr;
-        XmlFromString(text, &parsed);
-        root.adopt(parsed);
+        root = kvxParseDocument(text);
     } catch (KVX_Exception const& failure) {
         if (!create || failure.code() != KVX_E_INVALID_FORMAT) {
             throw;
         }
-        root = newElement(kRootTag);
+        root = kvxNewDocument();
     }
     // Deliberate: a name that leads nowhere is not reported, and the file is rewritten all the same.
     xmlSetAttributeEx(root.get(), name, value);
@@ -144,9 +146,9 @@ void KVX_Context::SetValue(TbString const& file, TbString const& name, TbString 
 void KVX_Context::replaceFile(TbString const& file, TbString const& content) {
     switch (kvxReplaceFile(pathOf(file).c_str(), content.c_str(), content.length(), modeOfNew(file))) {
         case KvxWriteResult::kCannotOpen:
-            throw KVX_Exception(KVX_E_FILE_NOT_FOUND, "", kvx::kSourceCtx, kvx::kLineUpdateOpen);
+            kvx::kSourceCtx.fail(KVX_E_FILE_NOT_FOUND, kvx::kLineUpdateOpen);
         case KvxWriteResult::kCannotWrite:
-            throw KVX_Exception(KVX_E_FILE_IO, "", kvx::kSourceCtx, kvx::kLineUpdateWrite);
+            kvx::kSourceCtx.fail(KVX_E_FILE_IO, kvx::kLineUpdateWrite);
         case KvxWriteResult::kDone:
             break;
     }
@@ -154,28 +156,28 @@ void KVX_Context::replaceFile(TbString const& file, TbString const& content) {
 
 void KVX_Context::UpdateFile(TbString const& file, TbString const& content) {
     if (m_Path.isEmpty()) {
-        throw KVX_Exception(KVX_E_NO_CONTEXT, "", kvx::kSourceCtx, kvx::kLineUpdateNoContext);
+        kvx::kSourceCtx.fail(KVX_E_NO_CONTEXT, kvx::kLineUpdateNoContext);
     }
     replaceFile(file, content);
-    KVX_TraceLog::Write(kvx::kSourceCtx, kvx::kLineUpdateTrace, KVX_OK, "UPDATE", pathOf(file));
+    kvx::kSourceCtx.trace(kvx::kLineUpdateTrace, "UPDATE", pathOf(file));
 }
 
 void KVX_Context::UpdateFile(TbString const& file, unsigned char* buffer, unsigned long length) {
     if (m_Path.isEmpty()) {
-        throw KVX_Exception(KVX_E_NO_CONTEXT, "", kvx::kSourceCtx, kvx::kLineUpdateRawNoContext);
+        kvx::kSourceCtx.fail(KVX_E_NO_CONTEXT, kvx::kLineUpdateRawNoContext);
     }
     TbString const path = pathOf(file);
     KvxDescriptor output(tbRetryInterrupted(
         [&] { return tbSystem().open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, modeOfNew(file)); }));
     if (!output.isOpen()) {
-        throw KVX_Exception(KVX_E_FILE_NOT_FOUND, "", kvx::kSourceCtx, kvx::kLineUpdateRawOpen);
+        kvx::kSourceCtx.fail(KVX_E_FILE_NOT_FOUND, kvx::kLineUpdateRawOpen);
     }
     // Deliberate: the buffer counts as one item, and one is compared with the length; so every longer write is reported
     // as a failure after its data has reached the file, which is left open.
     unsigned long const written = length > 0 && kvxWriteAll(output.get(), buffer, length) ? 1 : 0;
     if (written != length) {
         output.release();
-        throw KVX_Exception(KVX_E_FILE_IO, "", kvx::kSourceCtx, kvx::kLineUpdateRawWrite);
+        kvx::kSourceCtx.fail(KVX_E_FILE_IO, kvx::kLineUpdateRawWrite);
     }
     output.close();
     LogMessage("UPDATE: " + path);

@@ -2,7 +2,8 @@
 
 #include "core/icct.h"
 #include "core/kvxctx.h"
-#include "core/kvxlines.h"
+#include "core/kvxdirectory.h"
+#include "core/kvxlines_core.h"
 #include "core/kvxwipe.h"
 #include "foundation/tbmemory.h"
 
@@ -40,18 +41,6 @@ private:
     TbMemoryHolder m_Units;
 };
 
-[[noreturn]] void fail(std::int32_t code, long line) {
-    throw KVX_Exception(code, "", kvx::kSourceCtx, line);
-}
-
-TbString publicKeyFile(TbString const& keyId) {
-    return "keys/public/" + keyId;
-}
-
-TbString privateKeyFile(TbString const& keyId) {
-    return "keys/private/" + keyId;
-}
-
 }  // namespace
 
 void KVX_Context::GenKey(TbString& keyId) {
@@ -60,54 +49,54 @@ void KVX_Context::GenKey(TbString& keyId) {
     int publicLength = 0;
     int privateLength = 0;
     if (ICCT_GenerateKeys(publicKey.m_Bytes, &publicLength, privateKey.m_Bytes, &privateLength, nullptr, 0) != 0) {
-        fail(KVX_E_CRYPTO, kvx::kLineGenKey);
+        kvx::kSourceCtx.fail(KVX_E_CRYPTO, kvx::kLineGenKey);
     }
     TbString const publicHex = BufferToHex(publicKey.m_Bytes, static_cast<unsigned long>(publicLength));
     TbString privateHex = BufferToHex(privateKey.m_Bytes, static_cast<unsigned long>(privateLength));
     KvxTextWiper const wiper(privateHex);
-    UpdateFile(publicKeyFile(keyId), publicHex);
-    UpdateFile(privateKeyFile(keyId), privateHex);
+    UpdateFile(kvx::publicKeyFile(keyId), publicHex);
+    UpdateFile(kvx::privateKeyFile(keyId), privateHex);
 }
 
 void KVX_Context::SignData(TbString const& data, TbString const& keyId, TbString& signature) {
     TbStringStream keyText;
     KvxTextWiper const wiper(keyText);
-    if (!readFileOrAbsent(privateKeyFile(keyId), keyText)) {
-        fail(KVX_E_NOT_FOUND, kvx::kLineSignNoKey);
+    if (!readFileOrAbsent(kvx::privateKeyFile(keyId), keyText)) {
+        kvx::kSourceCtx.fail(KVX_E_NOT_FOUND, kvx::kLineSignNoKey);
     }
     WidenedText const widened(data, WidenedText::Sign::kIgnored);
     KvxWipedBuffer<kKeyBytes> key;
     unsigned long keyLength = sizeof key.m_Bytes;
     if (HexToBuffer(keyText.str(), key.m_Bytes, &keyLength) != KVX_OK) {
-        fail(KVX_E_INVALID_KEY, kvx::kLineSignKeyBlob);
+        kvx::kSourceCtx.fail(KVX_E_INVALID_KEY, kvx::kLineSignKeyBlob);
     }
     unsigned char bytes[kOwnSignatureBytes];
     unsigned long length = sizeof bytes;
     if (ICCT_Signature(key.m_Bytes, static_cast<int>(keyLength), widened.bytes(), widened.length(), bytes, &length) !=
         0) {
-        fail(KVX_E_CRYPTO, kvx::kLineSignFailed);
+        kvx::kSourceCtx.fail(KVX_E_CRYPTO, kvx::kLineSignFailed);
     }
     signature = BufferToHex(bytes, length);
 }
 
 void KVX_Context::VerifyData(TbString const& data, TbString const& keyId, TbString const& signature) {
     TbStringStream keyText;
-    if (!readFileOrAbsent(publicKeyFile(keyId), keyText)) {
-        fail(KVX_E_NOT_FOUND, kvx::kLineVerifyNoKey);
+    if (!readFileOrAbsent(kvx::publicKeyFile(keyId), keyText)) {
+        kvx::kSourceCtx.fail(KVX_E_NOT_FOUND, kvx::kLineVerifyNoKey);
     }
     unsigned char key[kKeyBytes];
     unsigned long keyLength = sizeof key;
     if (HexToBuffer(keyText.str(), key, &keyLength) != KVX_OK) {
-        fail(KVX_E_INVALID_KEY, kvx::kLineVerifyKeyBlob);
+        kvx::kSourceCtx.fail(KVX_E_INVALID_KEY, kvx::kLineVerifyKeyBlob);
     }
     unsigned char bytes[kSignatureBytes];
     unsigned long length = sizeof bytes;
     // Deliberate: a signature that is no hexadecimal text has the code of a bad key.
     if (HexToBuffer(signature, bytes, &length) != KVX_OK) {
-        fail(KVX_E_INVALID_KEY, kvx::kLineVerifySignatureText);
+        kvx::kSourceCtx.fail(KVX_E_INVALID_KEY, kvx::kLineVerifySignatureText);
     }
     WidenedText const widened(data, WidenedText::Sign::kExtended);
     if (ICCT_Verify(key, static_cast<int>(keyLength), widened.bytes(), widened.length(), bytes, length) != 0) {
-        fail(KVX_E_INVALID_SIGNATURE, kvx::kLineVerifyFailed);
+        kvx::kSourceCtx.fail(KVX_E_INVALID_SIGNATURE, kvx::kLineVerifyFailed);
     }
 }

@@ -1,8 +1,10 @@
 // Payment messages.
 
 #include "core/kvxctx.h"
+#include "core/kvxdirectory.h"
+#include "core/kvxdocument.h"
 #include "core/kvxidentifier.h"
-#include "core/kvxlines.h"
+#include "core/kvxlines_core.h"
 
 // clang-format off
 char const* const AttributeNames[] = {
@@ -18,33 +20,23 @@ char const* const AttributeNames[] = {
 };
 // clang-format on
 
-namespace {
-
-constexpr char kConfigFile[] = "config.xml";
-
-[[noreturn]] void fail(std::int32_t code, long line) {
-    throw KVX_Exception(code, "", kvx::kSourceCtx, line);
-}
-
-}  // namespace
-
 KVX_Context& KVX_Message::boundContext() const {
     if (m_Context == nullptr) {
-        fail(KVX_E_NO_CONTEXT, kvx::kLineNoMessageContext);
+        kvx::kSourceCtx.fail(KVX_E_NO_CONTEXT, kvx::kLineNoMessageContext);
     }
     return *m_Context;
 }
 
 void KVX_Message::requireElement(long line) const {
     if (m_Element.get() == nullptr) {
-        fail(KVX_E_UNEXPECTED, line);
+        kvx::kSourceCtx.fail(KVX_E_UNEXPECTED, line);
     }
 }
 
 TbString KVX_Message::configured(TbString const& name, long line) const {
     TbString value;
-    if (!boundContext().QueryValue(kConfigFile, name, value)) {
-        fail(KVX_E_NO_CONFIGURATION, line);
+    if (!boundContext().QueryValue(kvx::kConfigFile, name, value)) {
+        kvx::kSourceCtx.fail(KVX_E_NO_CONFIGURATION, line);
     }
     return value;
 }
@@ -55,11 +47,9 @@ void KVX_Message::Create(KVX_Context* context, TbString const& msgType) {
     KVX_Context& account = boundContext();
     // Deliberate: every message starts as a "PayInit" and gets its own type afterwards, which fixes the attributes'
     // order.
-    xmlElement* created = nullptr;
-    account.XmlCreateRequest("PayInit", &created);
-    m_Element.adopt(created);
-    if (!account.QueryValue("keys/current", "", m_KeyId)) {
-        fail(KVX_E_NO_KEY_ID, kvx::kLineCreateKeyId);
+    m_Element = account.request("PayInit");
+    if (!account.QueryValue(kvx::kCurrentKeyFile, "", m_KeyId)) {
+        kvx::kSourceCtx.fail(KVX_E_NO_KEY_ID, kvx::kLineCreateKeyId);
     }
     m_Element->setAttribute("MSGTYPE", msgType);
     m_Element->setAttribute("KEYID", m_KeyId);
@@ -72,20 +62,17 @@ void KVX_Message::Open(KVX_Context* context, TbString const& data, TbString cons
     m_Element.reset();
     m_Context = context;
     KVX_Context& account = boundContext();
-    xmlElement* parsed = nullptr;
-    account.XmlFromString(data, &parsed);
-    xmlElementPtr element;
-    element.adopt(parsed);
+    xmlElementPtr const element = kvxParseDocument(data);
     if (signature.isEmpty()) {
-        fail(KVX_E_MISSING_SIGNATURE, kvx::kLineMissingSignature);
+        kvx::kSourceCtx.fail(KVX_E_MISSING_SIGNATURE, kvx::kLineMissingSignature);
     }
     TbString keyId;
     if (!element->getAttribute("KEYID", keyId)) {
-        fail(KVX_E_NO_KEY_ID, kvx::kLineOpenNoKeyId);
+        kvx::kSourceCtx.fail(KVX_E_NO_KEY_ID, kvx::kLineOpenNoKeyId);
     }
     // The shopper chose this name: it must not lead out of the key directory.
     if (!kvxNamesFileInDirectory(keyId)) {
-        fail(KVX_E_NOT_FOUND, kvx::kLineVerifyNoKey);
+        kvx::kSourceCtx.fail(KVX_E_NOT_FOUND, kvx::kLineVerifyNoKey);
     }
     account.VerifyData(data, keyId, signature);
     TbString type;
@@ -103,7 +90,7 @@ void KVX_Message::SetAttribute(TbString const& name, TbString const& value) {
 void KVX_Message::GetAttribute(TbString const& name, TbString& value) {
     requireElement(kvx::kLineAttributeNoElement);
     if (!m_Element->getAttribute(name, value)) {
-        fail(KVX_E_NOT_FOUND, kvx::kLineAttributeNotFound);
+        kvx::kSourceCtx.fail(KVX_E_NOT_FOUND, kvx::kLineAttributeNotFound);
     }
 }
 
@@ -133,7 +120,7 @@ void KVX_Message::Capture() {
     TbString const captureUrl = configured("CAPTUREURL", kvx::kLineCaptureNoUrl);
     TbString token;
     if (!m_Element->getAttribute("TOKEN", token)) {
-        fail(KVX_E_UNEXPECTED, kvx::kLineCaptureToken);
+        kvx::kSourceCtx.fail(KVX_E_UNEXPECTED, kvx::kLineCaptureToken);
     }
     sendSigned(captureUrl, text, "PayConfirm");
 }
@@ -164,8 +151,7 @@ bool KVX_Message::ToString(TbString& text) const {
 
 void KVX_Message::FromString(TbString const& text) {
     m_Element.reset();
-    xmlElement* parsed = nullptr;
-    boundContext().XmlFromString(text, &parsed);
-    m_Element.adopt(parsed);
+    boundContext();  // a message without one is refused, whatever the text
+    m_Element = kvxParseDocument(text);
     m_Element->setAttribute("KEYID", m_KeyId);
 }

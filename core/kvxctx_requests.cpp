@@ -1,7 +1,8 @@
 // Request URLs and the check of answers.
 
 #include "core/kvxctx.h"
-#include "core/kvxlines.h"
+#include "core/kvxdocument.h"
+#include "core/kvxlines_core.h"
 
 namespace {
 
@@ -13,7 +14,7 @@ constexpr std::uint32_t kAuthorityLength = sizeof kAuthority - 1;
 void KVX_Context::RequestToURL(TbString const& baseUrl, TbStringStream& message, TbString signature, TbString& url) {
     std::uint32_t const position = baseUrl.find(kAuthority);
     if (position == TbString::npos || position == 0) {
-        throw KVX_Exception(KVX_E_INVALID_URL, "", kvx::kSourceCtx, kvx::kLineRequestUrl);
+        kvx::kSourceCtx.fail(KVX_E_INVALID_URL, kvx::kLineRequestUrl);
     }
     std::uint32_t const begin = position + kAuthorityLength;
     // Deliberate: what stands in `url` already decides how much of the rest is taken; from an empty one the count wraps
@@ -43,12 +44,11 @@ void KVX_Context::CheckResponseMsgType(xmlElement* response, TbString const& exp
     if (type == TbString("Error")) {
         TbString message("");
         response->getAttribute("MESSAGE", message);
-        throw KVX_Exception(KVX_E_SERVER_ERROR, message, kvx::kSourceCtx, kvx::kLineResponseError);
+        kvx::kSourceCtx.fail(KVX_E_SERVER_ERROR, kvx::kLineResponseError, message);
     }
     if (type != expected) {
-        throw KVX_Exception(KVX_E_WRONG_RESPONSE,
-                            "Response MSGTYPE: received '" + type + "', expected '" + expected + "'", kvx::kSourceCtx,
-                            kvx::kLineResponseType);
+        kvx::kSourceCtx.fail(KVX_E_WRONG_RESPONSE, kvx::kLineResponseType,
+                             "Response MSGTYPE: received '" + type + "', expected '" + expected + "'");
     }
 }
 
@@ -57,10 +57,7 @@ xmlElementPtr KVX_Context::exchange(TbString const& baseUrl, TbStringStream& mes
     TbString url;
     RequestToURL(baseUrl, message, signature, url);
     StreamFromURL(url, answer);
-    xmlElement* parsed = nullptr;
-    XmlFromStream(answer, &parsed);
-    xmlElementPtr response;
-    response.adopt(parsed);
+    xmlElementPtr response = kvxParseDocument(answer);
     CheckResponseMsgType(response.get(), expectedType);
     return response;
 }

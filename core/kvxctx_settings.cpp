@@ -1,13 +1,14 @@
 #include "core/kvxctx_settings.h"
 
 #include "core/kvxctx.h"
-#include "core/kvxlines.h"
+#include "core/kvxdirectory.h"
+#include "core/kvxdocument.h"
+#include "core/kvxlines_core.h"
 #include "net/kvxurl.h"
 #include "xml/xmlquery.h"
 
 namespace {
 
-constexpr char kFile[] = "settings.xml";
 constexpr char kDefaultProxyPort[] = "8080";
 
 /// An attribute that counts only with a value.
@@ -19,18 +20,15 @@ bool read(xmlElement* root, char const* name, TbString& value) {
 
 KVX_Settings KVX_Context::readSettings() {
     // A directory whose path reads like a URL has no settings: they would have to be fetched, which needs them.
-    if (IsHttp(pathOf(kFile))) {
-        throw KVX_Exception(KVX_E_HTTP_BAD_URL, "", kvx::kSourceUrl, kvx::kLineSplitUrl);
+    if (IsHttp(pathOf(kvx::kSettingsFile))) {
+        kvx::kSourceUrl.fail(KVX_E_HTTP_BAD_URL, kvx::kLineSplitUrl);
     }
     KVX_Settings settings;
     TbString text;
-    if (!QueryValueOrAbsent(kFile, "", text)) {
+    if (!QueryValueOrAbsent(kvx::kSettingsFile, "", text)) {
         return settings;
     }
-    xmlElement* parsed = nullptr;
-    XmlFromString(text, &parsed);
-    xmlElementPtr root;
-    root.adopt(parsed);
+    xmlElementPtr const root = kvxParseDocument(text);
 
     TbString value;
     if (read(root.get(), "USEPROXY", value) && value == TbString("1") && read(root.get(), "PROXYHOST", value)) {

@@ -1,23 +1,17 @@
 // The exchanges that bring a configuration directory into working order.
 
 #include "core/kvxctx.h"
+#include "core/kvxdirectory.h"
 #include "core/kvxidentifier.h"
-#include "core/kvxlines.h"
+#include "core/kvxlines_core.h"
 
 namespace {
-
-constexpr char kConfigFile[] = "config.xml";
-constexpr char kDefaultsFile[] = "default.xml";
 
 /// An identifier that a server chose names a file to be written: one that would leave its directory cannot be opened.
 void requireWritable(TbString const& keyId) {
     if (!kvxNamesFileInDirectory(keyId)) {
-        throw KVX_Exception(KVX_E_FILE_NOT_FOUND, "", kvx::kSourceCtx, kvx::kLineUpdateOpen);
+        kvx::kSourceCtx.fail(KVX_E_FILE_NOT_FOUND, kvx::kLineUpdateOpen);
     }
-}
-
-void trace(long line, char const* event) {
-    KVX_TraceLog::Write(kvx::kSourceCtx, line, KVX_OK, event, "");
 }
 
 }  // namespace
@@ -27,18 +21,10 @@ TbString KVX_Context::endpoint(std::int32_t codeWhenMissing, long line) {
         return m_AutoUrl;
     }
     TbString url;
-    if (!QueryValueOrAbsent(kConfigFile, "KVX.VTAUTOURL", url)) {
-        throw KVX_Exception(codeWhenMissing, "", kvx::kSourceCtx, line);
+    if (!QueryValueOrAbsent(kvx::kConfigFile, "KVX.VTAUTOURL", url)) {
+        kvx::kSourceCtx.fail(codeWhenMissing, line);
     }
     return url;
-}
-
-xmlElementPtr KVX_Context::request(TbString const& msgType) {
-    xmlElement* created = nullptr;
-    XmlCreateRequest(msgType, &created);
-    xmlElementPtr root;
-    root.adopt(created);
-    return root;
 }
 
 xmlElementPtr KVX_Context::exchangeUnsigned(TbString const& url, xmlElementPtr const& request,
@@ -51,22 +37,22 @@ xmlElementPtr KVX_Context::exchangeUnsigned(TbString const& url, xmlElementPtr c
 void KVX_Context::Setup() {
     TbString const url = endpoint(KVX_E_NO_CONFIGURATION, kvx::kLineSetupEndpoint);
     TbString version;
-    if (!QueryValueOrAbsent(kConfigFile, "VERSION", version)) {
+    if (!QueryValueOrAbsent(kvx::kConfigFile, "VERSION", version)) {
         version = "0";
     }
     xmlElementPtr const message = request("SetupRequest");
     message->setAttribute("VERSION", version);
     TbStringStream answer;
     exchangeUnsigned(url, message, "SetupResponse", answer);
-    UpdateFile(kConfigFile, answer.str());
+    UpdateFile(kvx::kConfigFile, answer.str());
 }
 
 void KVX_Context::LoadDefaults() {
     TbString const url = endpoint(KVX_E_NO_ENDPOINT, kvx::kLineDefaultsEndpoint);
     TbStringStream answer;
     exchangeUnsigned(url, request("LoadDefaultsRequest"), "LoadDefaultsResponse", answer);
-    UpdateFile(kDefaultsFile, answer.str());
-    trace(kvx::kLineDefaultsTrace, "LOAD DEFAULTS");
+    UpdateFile(kvx::kDefaultsFile, answer.str());
+    kvx::kSourceCtx.trace(kvx::kLineDefaultsTrace, "LOAD DEFAULTS");
 }
 
 void KVX_Context::ImportKey(TbString& keyId) {
@@ -79,53 +65,54 @@ void KVX_Context::ImportKey(TbString& keyId) {
     response->getAttribute("KEYID", keyId);
     response->getAttribute("KEYBLOB", blob);
     requireWritable(keyId);
-    UpdateFile("keys/public/" + keyId, blob);
-    trace(kvx::kLineImportTrace, "IMPORT");
+    UpdateFile(kvx::publicKeyFile(keyId), blob);
+    kvx::kSourceCtx.trace(kvx::kLineImportTrace, "IMPORT");
 }
 
 void KVX_Context::PublishKey(TbString& keyId) {
     TbString const url = endpoint(KVX_E_NO_ENDPOINT, kvx::kLinePublishEndpoint);
     TbString blob;
-    if (!QueryValueOrAbsent("keys/public/" + keyId, "", blob)) {
-        throw KVX_Exception(KVX_E_KEY_NOT_FOUND, "", kvx::kSourceCtx, kvx::kLinePublishKey);
+    if (!QueryValueOrAbsent(kvx::publicKeyFile(keyId), "", blob)) {
+        kvx::kSourceCtx.fail(KVX_E_KEY_NOT_FOUND, kvx::kLinePublishKey);
     }
     xmlElementPtr const message = request("KeyExportRequest");
     message->setAttribute("KEYID", keyId);
     message->setAttribute("KEYBLOB", blob);
     TbStringStream answer;
     exchangeUnsigned(url, message, "KeyExportResponse", answer);
-    UpdateFile("keys/current", keyId);
-    trace(kvx::kLinePublishTrace, "PUBLISH");
+    UpdateFile(kvx::kCurrentKeyFile, keyId);
+    kvx::kSourceCtx.trace(kvx::kLinePublishTrace, "PUBLISH");
 }
 
 void KVX_Context::Reconfigure() {
     if (m_Path.isEmpty()) {
-        throw KVX_Exception(KVX_E_NO_CONTEXT, "", kvx::kSourceCtx, kvx::kLineReconfigureNoContext);
+        kvx::kSourceCtx.fail(KVX_E_NO_CONTEXT, kvx::kLineReconfigureNoContext);
     }
-    CreatePath(m_Path + "/keys");
-    CreatePath(m_Path + "/keys/private");
-    CreatePath(m_Path + "/keys/public");
-    trace(kvx::kLineReconfigureStart, "START RECONFIGURE");
+    CreatePath(pathOf(kvx::kKeysDirectory));
+    CreatePath(pathOf(kvx::kPrivateKeysDirectory));
+    CreatePath(pathOf(kvx::kPublicKeysDirectory));
+    kvx::kSourceCtx.trace(kvx::kLineReconfigureStart, "START RECONFIGURE");
 
     TbString isValid;
-    bool const hasDefaults = QueryValueOrAbsent(kDefaultsFile, "KVX.ISVALID", isValid) && isValid == TbString("yes");
+    bool const hasDefaults =
+        QueryValueOrAbsent(kvx::kDefaultsFile, "KVX.ISVALID", isValid) && isValid == TbString("yes");
     Setup();
     if (!hasDefaults) {
         LoadDefaults();
     }
     TbString serverKeyId;
-    if (!QueryValue(kConfigFile, "VTKEYID", serverKeyId)) {
-        throw KVX_Exception(KVX_E_NO_CONFIGURATION, "", kvx::kSourceCtx, kvx::kLineReconfigureKeyId);
+    if (!QueryValue(kvx::kConfigFile, "VTKEYID", serverKeyId)) {
+        kvx::kSourceCtx.fail(KVX_E_NO_CONFIGURATION, kvx::kLineReconfigureKeyId);
     }
     ImportKey(serverKeyId);
 
     TbString customerId("");
     TbString version;
-    QueryValue(kConfigFile, "CUSTOMERID", customerId);
-    QueryValue(kConfigFile, "VERSION", version);  // Deliberate: read and not used further
+    QueryValue(kvx::kConfigFile, "CUSTOMERID", customerId);
+    QueryValue(kvx::kConfigFile, "VERSION", version);  // Deliberate: read and not used further
     TbString keyId = "0-" + customerId + "-" + CreateUuid();
     requireWritable(keyId);
     GenKey(keyId);
     PublishKey(keyId);
-    trace(kvx::kLineReconfigureOk, "RECONFIGURE OK");
+    kvx::kSourceCtx.trace(kvx::kLineReconfigureOk, "RECONFIGURE OK");
 }

@@ -3,15 +3,20 @@
 #include "core/kvxctx.h"
 #include "core/kvxctx_settings.h"
 #include "core/kvxfile.h"
-#include "core/kvxlines.h"
+#include "core/kvxlines_core.h"
 #include "net/kvxhttp.h"
 #include "net/kvxurl.h"
 
 namespace {
 
 void readLocalFile(TbString const& path, TbStringStream& out) {
-    if (!kvxReadFile(path.c_str(), out)) {
-        throw KVX_Exception(KVX_E_CANNOT_OPEN, "", kvx::kSourceUrl, kvx::kLineOpenFile);
+    switch (kvxReadFile(path.c_str(), out)) {
+        case KvxReadResult::kCannotOpen:
+            kvx::kSourceUrl.fail(KVX_E_CANNOT_OPEN, kvx::kLineOpenFile);
+        case KvxReadResult::kCannotRead:
+            kvx::kSourceCtx.fail(KVX_E_FILE_IO, kvx::kLineReadFile);
+        case KvxReadResult::kDone:
+            break;
     }
 }
 
@@ -24,7 +29,7 @@ void KVX_Context::StreamFromURL(TbString const& url, TbStringStream& out) {
     }
     KVX_RequestInfo request;
     if (SplitUrl(url, request) == 0) {
-        throw KVX_Exception(KVX_E_HTTP_BAD_URL, "", kvx::kSourceUrl, kvx::kLineSplitUrl);
+        kvx::kSourceUrl.fail(KVX_E_HTTP_BAD_URL, kvx::kLineSplitUrl);
     }
     KVX_Settings const settings = readSettings();
     request.proxyHost = settings.m_ProxyHost;

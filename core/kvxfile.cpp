@@ -9,8 +9,6 @@
 #include <limits>
 #include <memory>
 
-#include "core/kvxbase.h"
-#include "core/kvxlines.h"
 #include "core/kvxwipe.h"
 #include "foundation/tbreleaser.h"
 #include "foundation/tbsystem.h"
@@ -219,10 +217,10 @@ int kvxOpenForReading(char const* path) noexcept {
     return file.release();
 }
 
-bool kvxReadFile(char const* path, TbStringStream& out) {
+KvxReadResult kvxReadFile(char const* path, TbStringStream& out) {
     KvxDescriptor const file(kvxOpenForReading(path));
     if (!file.isOpen()) {
-        return false;
+        return KvxReadResult::kCannotOpen;
     }
     // The whole file at once where its size is known, so that no outgrown copy of a key stays in memory.
     struct ::stat status = {};
@@ -235,10 +233,10 @@ bool kvxReadFile(char const* path, TbStringStream& out) {
         ssize_t const count =
             tbRetryInterrupted([&] { return tbSystem().read(file.get(), chunk.m_Bytes, sizeof chunk.m_Bytes); });
         if (count < 0) {
-            throw KVX_Exception(KVX_E_FILE_IO, "", kvx::kSourceCtx, kvx::kLineReadFile);
+            return KvxReadResult::kCannotRead;
         }
         if (count == 0) {
-            return true;
+            return KvxReadResult::kDone;
         }
         out.put(reinterpret_cast<char const*>(chunk.m_Bytes), static_cast<std::uint32_t>(count));
     }

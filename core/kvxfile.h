@@ -34,8 +34,14 @@ private:
 /// Opens `path` for reading, close-on-exec. A directory cannot be opened.
 int kvxOpenForReading(char const* path) noexcept;
 
-/// Appends the whole file to `out`. False when it cannot be opened. Raises KVX_E_FILE_IO when reading fails.
-bool kvxReadFile(char const* path, TbStringStream& out);
+enum class KvxReadResult {
+    kDone,
+    kCannotOpen,
+    kCannotRead,  ///< What was read before stands in the output.
+};
+
+/// Appends the whole file to `out`.
+[[nodiscard]] KvxReadResult kvxReadFile(char const* path, TbStringStream& out);
 
 /// Reads up to `bytes` bytes; fewer only at the end of the file. -1 on failure. `bytes` may be more than the buffer has
 /// room for, as long as the file is not.

@@ -1,23 +1,23 @@
-/// Published source names and lines of the core. They travel inside exceptions and trace records and callers may know
-/// them, so they are constants: moving code changes nothing. Numbers below the rule are published; do not change.
+/// The published sources and lines of the core; core/kvxsource.h says why they are constants. Do not change.
 /// Internal: not installed.
-#ifndef TALLOWIN_CORE_KVXLINES_H
-#define TALLOWIN_CORE_KVXLINES_H
+#ifndef TALLOWIN_CORE_KVXLINES_CORE_H
+#define TALLOWIN_CORE_KVXLINES_CORE_H
+
+#include "core/kvxsource.h"
 
 namespace kvx {
 
 // clang-format off
-inline constexpr char const* kSourceBase = "kvxbase";
-inline constexpr char const* kSourceCtx  = "kvxctx";
-inline constexpr char const* kSourceUrl  = "kvxurl";
+inline constexpr KvxSource kSourceBase{"kvxbase"};
+inline constexpr long kLineCreatePath            = 55;   // mkdir failed
 
-inline constexpr long kLineCreatePath            = 55;   // kvxbase: mkdir failed
-
+inline constexpr KvxSource kSourceCtx{"kvxctx"};
 inline constexpr long kLineOpen                  = 23;   // trace "OPEN CONTEXT"
 inline constexpr long kLineSetOption             = 38;   // unknown option
 inline constexpr long kLineParse                 = 46;   // parser error
 inline constexpr long kLineNoKvxElement          = 49;   // document without "KVX"
 inline constexpr long kLineQueryNoContext        = 71;   // text look-up, empty path
+inline constexpr long kLineReadFile              = 98;   // local file, read failed
 inline constexpr long kLineRawQueryNoContext     = 112;  // raw read, empty path
 inline constexpr long kLineRawQueryRead          = 131;  // raw read failed
 inline constexpr long kLineUpdateRawNoContext    = 166;  // binary write, empty path
@@ -27,49 +27,46 @@ inline constexpr long kLineUpdateNoContext       = 193;  // text write, empty pa
 inline constexpr long kLineUpdateOpen            = 205;  // text write, cannot open
 inline constexpr long kLineUpdateWrite           = 212;  // text write, short
 inline constexpr long kLineUpdateTrace           = 217;  // trace "UPDATE"
+inline constexpr long kLineGenKey                = 240;  // key generation failed
+inline constexpr long kLineSignNoKey             = 255;  // no private key
+inline constexpr long kLineSignKeyBlob           = 263;  // private key is no hexadecimal text
+inline constexpr long kLineSignFailed            = 269;  // signing failed
+inline constexpr long kLineVerifyNoKey           = 284;  // no public key
+inline constexpr long kLineVerifyKeyBlob         = 291;  // public key is no hexadecimal text
+inline constexpr long kLineVerifySignatureText   = 296;  // signature is no hexadecimal text
+inline constexpr long kLineVerifyFailed          = 304;  // signature does not fit
+inline constexpr long kLineRequestUrl            = 322;  // base URL without "://"
+inline constexpr long kLineResponseError         = 348;  // the server answered with an error message
+inline constexpr long kLineResponseType          = 352;  // the server answered with another type
+inline constexpr long kLineSetupEndpoint         = 371;  // configuration, no server address
+inline constexpr long kLineDefaultsEndpoint      = 402;  // defaults, no server address
+inline constexpr long kLineDefaultsTrace         = 421;  // trace "LOAD DEFAULTS"
+inline constexpr long kLineImportEndpoint        = 432;  // key import, no server address
+inline constexpr long kLineImportTrace           = 457;  // trace "IMPORT"
+inline constexpr long kLinePublishEndpoint       = 468;  // key publication, no server address
+inline constexpr long kLinePublishKey            = 475;  // no such key to publish
+inline constexpr long kLinePublishTrace          = 497;  // trace "PUBLISH"
+inline constexpr long kLineReconfigureNoContext  = 508;  // set-up, empty path
+inline constexpr long kLineReconfigureStart      = 516;  // trace "START RECONFIGURE"
+inline constexpr long kLineReconfigureKeyId      = 529;  // configuration without "VTKEYID"
+inline constexpr long kLineReconfigureOk         = 545;  // trace "RECONFIGURE OK"
+inline constexpr long kLineCreateKeyId           = 563;  // new message, empty "keys/current"
+inline constexpr long kLineAttributeNoElement    = 579;  // attribute of an empty message
+inline constexpr long kLineAttributeNotFound     = 588;  // no such attribute
+inline constexpr long kLineUrlNoElement          = 594;  // URL of an empty message
+inline constexpr long kLineUrlNoConfiguration    = 601;  // configuration without "VTURL"
+inline constexpr long kLineCaptureNoElement      = 608;  // capture of an empty message
+inline constexpr long kLineCaptureNoUrl          = 615;  // capture, configuration without "CAPTUREURL"
 inline constexpr long kLineCaptureToken          = 620;  // capture without "TOKEN"
+inline constexpr long kLineRequestNoElement      = 648;  // request of an empty message
+inline constexpr long kLineRequestNoUrl          = 661;  // request, configuration without "CAPTUREURL"
 inline constexpr long kLineMissingSignature      = 722;  // confirmation without signature
+inline constexpr long kLineOpenNoKeyId           = 729;  // confirmation without "KEYID"
+inline constexpr long kLineNoMessageContext      = 740;  // message without context
 
-// Not published before; kept stable all the same.
-inline constexpr long kLineReadFile              = 98;
-inline constexpr long kLineGenKey                = 240;
-inline constexpr long kLineSignNoKey             = 255;
-inline constexpr long kLineSignKeyBlob           = 263;
-inline constexpr long kLineSignFailed            = 269;
-inline constexpr long kLineVerifyNoKey           = 284;
-inline constexpr long kLineVerifyKeyBlob         = 291;
-inline constexpr long kLineVerifySignatureText   = 296;
-inline constexpr long kLineVerifyFailed          = 304;
-inline constexpr long kLineRequestUrl            = 322;
-inline constexpr long kLineResponseError         = 348;
-inline constexpr long kLineResponseType          = 352;
-inline constexpr long kLineSetupEndpoint         = 371;
-inline constexpr long kLineDefaultsEndpoint      = 402;
-inline constexpr long kLineDefaultsTrace         = 421;
-inline constexpr long kLineImportEndpoint        = 432;
-inline constexpr long kLineImportTrace           = 457;
-inline constexpr long kLinePublishEndpoint       = 468;
-inline constexpr long kLinePublishKey            = 475;
-inline constexpr long kLinePublishTrace          = 497;
-inline constexpr long kLineReconfigureNoContext  = 508;
-inline constexpr long kLineReconfigureStart      = 516;
-inline constexpr long kLineReconfigureKeyId      = 529;
-inline constexpr long kLineReconfigureOk         = 545;
-inline constexpr long kLineCreateKeyId           = 563;
-inline constexpr long kLineAttributeNoElement    = 579;
-inline constexpr long kLineAttributeNotFound     = 588;
-inline constexpr long kLineUrlNoElement          = 594;
-inline constexpr long kLineUrlNoConfiguration    = 601;
-inline constexpr long kLineCaptureNoElement      = 608;
-inline constexpr long kLineCaptureNoUrl          = 615;
-inline constexpr long kLineRequestNoElement      = 648;
-inline constexpr long kLineRequestNoUrl          = 661;
-inline constexpr long kLineOpenNoKeyId           = 729;
-inline constexpr long kLineNoMessageContext      = 740;
-
-// kvxurl:
-inline constexpr long kLineOpenFile              = 41;
-inline constexpr long kLineSplitUrl              = 52;
+inline constexpr KvxSource kSourceUrl{"kvxurl"};
+inline constexpr long kLineOpenFile              = 41;   // local file, cannot open
+inline constexpr long kLineSplitUrl              = 52;   // malformed URL
 // clang-format on
 
 }  // namespace kvx

@@ -5,24 +5,15 @@
 #include <cstdio>
 #include <cstring>
 
-#include "core/kvxbase.h"
 #include "foundation/tbsystem.h"
 #include "net/kvxdecimal.h"
-#include "net/kvxhttplines.h"
+#include "net/kvxlines_net.h"
 #include "net/kvxsocket.h"
 
 namespace {
 
 constexpr std::int32_t kStatusOk = 200;
 constexpr char kEndOfHeader[] = "\r\n\r\n";
-
-[[noreturn]] void fail(std::int32_t code, char const* message, long line) {
-    throw KVX_Exception(code, message, kvx::kSourceHttp, line);
-}
-
-void trace(long line, char const* event, TbString const& detail) {
-    KVX_TraceLog::Write(kvx::kSourceHttp, line, KVX_OK, event, detail);
-}
 
 /// Prints foreign text between fixed ones, at once: the host program may keep buffers of its own. Nobody may be
 /// reading.
@@ -89,13 +80,13 @@ bool KVX_HttpSession::isTraced() const {
 
 void KVX_HttpSession::requireState(int state, char const* step, long line) const {
     if (m_State != state) {
-        throw KVX_Exception(KVX_E_HTTP_STATE, TbString("invalid session state during ") + step, kvx::kSourceHttp, line);
+        kvx::kSourceHttp.fail(KVX_E_HTTP_STATE, line, TbString("invalid session state during ") + step);
     }
 }
 
 void KVX_HttpSession::requireKnownScheme(long line) const {
     if (!isSecure() && m_Record.scheme != "http") {
-        fail(KVX_E_HTTP_UNKNOWN_SCHEME, "the protocol type of the URL is unknown", line);
+        kvx::kSourceHttp.fail(KVX_E_HTTP_UNKNOWN_SCHEME, line, "the protocol type of the URL is unknown");
     }
 }
 
@@ -106,15 +97,16 @@ void KVX_HttpSession::ConnectNetwork() {
     if (usesProxy()) {
         std::int32_t const code = MakeHostAddr(m_Record.proxyHost, m_Record.proxyPort, target);
         if (code != KVX_OK) {
-            fail(code, "the proxy address is invalid or could not be resolved", kvx::kLineProxyAddress);
+            kvx::kSourceHttp.fail(code, kvx::kLineProxyAddress,
+                                  "the proxy address is invalid or could not be resolved");
         }
-        trace(kvx::kLineUseProxy, "USE PROXY", m_Record.proxyHost + ":" + m_Record.proxyPort);
+        kvx::kSourceHttp.trace(kvx::kLineUseProxy, "USE PROXY", m_Record.proxyHost + ":" + m_Record.proxyPort);
         requireKnownScheme(kvx::kLineProxyScheme);
         m_Connection.reset(new SockConnection);
     } else {
         std::int32_t const code = MakeHostAddr(m_Record.host, m_Record.port, target);
         if (code != KVX_OK) {
-            fail(code, "the host address is invalid or could not be resolved", kvx::kLineHostAddress);
+            kvx::kSourceHttp.fail(code, kvx::kLineHostAddress, "the host address is invalid or could not be resolved");
         }
         requireKnownScheme(kvx::kLineScheme);
         if (isSecure()) {
@@ -125,20 +117,20 @@ void KVX_HttpSession::ConnectNetwork() {
     }
     std::int32_t const connected = m_Connection->Connect(target);
     if (connected != KVX_OK) {
-        fail(connected, "failed to connect to host", kvx::kLineConnect);
+        kvx::kSourceHttp.fail(connected, kvx::kLineConnect, "failed to connect to host");
     }
     if (usesProxy() && isSecure()) {
         ProxyConnect();
     }
     std::int32_t const ready = m_Connection->Setup();
     if (ready != KVX_OK) {
-        fail(ready, "failed to setup protocol", kvx::kLineSetup);
+        kvx::kSourceHttp.fail(ready, kvx::kLineSetup, "failed to setup protocol");
     }
     m_State = kConnected;
 }
 
 void KVX_HttpSession::ProxyConnect() {
-    trace(kvx::kLineHttpConnect, "HTTP CONNECT", "");
+    kvx::kSourceHttp.trace(kvx::kLineHttpConnect, "HTTP CONNECT");
     TbStringStream request;
     request.put("CONNECT ");
     request.put(m_Record.host);
@@ -148,19 +140,19 @@ void KVX_HttpSession::ProxyConnect() {
     request.put(m_UserAgent);
     request.put(kEndOfHeader);
     if (m_Connection->Write(request) < 0) {
-        fail(m_Connection->LastError(), "", kvx::kLineProxyWrite);
+        kvx::kSourceHttp.fail(m_Connection->LastError(), kvx::kLineProxyWrite);
     }
     TbStringStream reply;
     if (m_Connection->Read(reply) < 0) {
-        fail(m_Connection->LastError(), "", kvx::kLineProxyRead);
+        kvx::kSourceHttp.fail(m_Connection->LastError(), kvx::kLineProxyRead);
     }
     print(stderr, "Proxy response:\n", reply, "\n");
     std::int32_t const status = proxyStatus(reply);
     if (status == 0) {
-        fail(KVX_E_HTTP_BAD_REPLY, "", kvx::kLineProxyReply);
+        kvx::kSourceHttp.fail(KVX_E_HTTP_BAD_REPLY, kvx::kLineProxyReply);
     }
     if (status != kStatusOk) {
-        fail(KVX_E_HTTP_FAMILY | status, "", kvx::kLineProxyStatus);
+        kvx::kSourceHttp.fail(KVX_E_HTTP_FAMILY | status, kvx::kLineProxyStatus);
     }
     std::unique_ptr<KVX_Connection, ConnectionCloser> tunnel(new SslConnection);
     tunnel->Attach(m_Connection->Detach());
@@ -192,7 +184,7 @@ void KVX_HttpSession::BuildRequest() {
 void KVX_HttpSession::SendRequest() {
     requireState(kBuilt, "SendRequest", kvx::kLineSendState);
     if (m_Connection->Write(m_Request) < 0) {
-        fail(m_Connection->LastError(), "failed to write to host", kvx::kLineSend);
+        kvx::kSourceHttp.fail(m_Connection->LastError(), kvx::kLineSend, "failed to write to host");
     }
     m_State = kSent;
 }
@@ -203,7 +195,7 @@ void KVX_HttpSession::ReceiveResponse() {
     do {
         received = m_Connection->Read(m_Response);
         if (received < 0) {
-            fail(m_Connection->LastError(), "failed to receive from host", kvx::kLineReceive);
+            kvx::kSourceHttp.fail(m_Connection->LastError(), kvx::kLineReceive, "failed to receive from host");
         }
     } while (received != 0);
     m_State = kReceived;
@@ -218,14 +210,14 @@ void KVX_HttpSession::ExtractResponse(TbStringStream& out) {
     std::uint32_t const space = m_Response.find(" ");
     std::int32_t const status = space == TbString::npos ? 0 : DecimalNumber(m_Response.c_str() + space + 1);
     if (status == 0) {
-        fail(KVX_E_HTTP_BAD_REPLY, "", kvx::kLineReplyNoStatus);
+        kvx::kSourceHttp.fail(KVX_E_HTTP_BAD_REPLY, kvx::kLineReplyNoStatus);
     }
     if (status != kStatusOk) {
-        fail(KVX_E_HTTP_FAMILY | status, "", kvx::kLineReplyStatus);
+        kvx::kSourceHttp.fail(KVX_E_HTTP_FAMILY | status, kvx::kLineReplyStatus);
     }
     std::uint32_t const endOfHeader = m_Response.find(kEndOfHeader, space);
     if (endOfHeader == TbString::npos) {
-        fail(KVX_E_HTTP_BAD_REPLY, "", kvx::kLineReplyNoBody);
+        kvx::kSourceHttp.fail(KVX_E_HTTP_BAD_REPLY, kvx::kLineReplyNoBody);
     }
     std::uint32_t const body = endOfHeader + static_cast<std::uint32_t>(std::strlen(kEndOfHeader));
     out.put(m_Response.c_str() + body, m_Response.length() - body);
@@ -233,7 +225,7 @@ void KVX_HttpSession::ExtractResponse(TbStringStream& out) {
 
 void HttpSession(KVX_RequestInfo const& request, TbStringStream& out) {
     KVX_HttpSession session(request);
-    trace(kvx::kLineUrlOpen, "URL OPEN", request.scheme + "://" + request.host + ":" + request.port);
+    kvx::kSourceHttp.trace(kvx::kLineUrlOpen, "URL OPEN", request.scheme + "://" + request.host + ":" + request.port);
     session.ConnectNetwork();
     session.BuildRequest();
     session.SendRequest();

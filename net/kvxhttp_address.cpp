@@ -5,12 +5,11 @@
 #include <cerrno>
 #include <cstring>
 
-#include "core/kvxbase.h"
 #include "foundation/tbmemory.h"
 #include "foundation/tbsystem.h"
 #include "net/kvxdecimal.h"
 #include "net/kvxhttp.h"
-#include "net/kvxhttplines.h"
+#include "net/kvxlines_net.h"
 
 namespace {
 
@@ -55,15 +54,14 @@ std::uint32_t HttpHostByName(char const* host) {
     }
     char const* const first = entry.answer()->h_addr_list[0];
     if (first == nullptr) {
-        KVX_TraceLog::Write(kvx::kSourceHttp, kvx::kLineLookupFailed, KVX_E_HTTP_NAME_LOOKUP, "DNS LOOKUP",
-                            "failed to lookup host");
+        kvx::kSourceHttp.trace(kvx::kLineLookupFailed, "DNS LOOKUP", "failed to lookup host", KVX_E_HTTP_NAME_LOOKUP);
         return kNoAddress;
     }
     std::uint32_t address = 0;
     std::memcpy(&address, first, sizeof address);
     char dotted[INET_ADDRSTRLEN] = {};
     ::inet_ntop(AF_INET, &address, dotted, sizeof dotted);
-    KVX_TraceLog::Write(kvx::kSourceHttp, kvx::kLineLookupDone, KVX_OK, "DNS LOOKUP", TbString(host) + " -> " + dotted);
+    kvx::kSourceHttp.trace(kvx::kLineLookupDone, "DNS LOOKUP", TbString(host) + " -> " + dotted);
     return address;
 }
 

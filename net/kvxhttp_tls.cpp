@@ -5,11 +5,10 @@
 #include <climits>
 #include <cstdio>
 
-#include "core/kvxbase.h"
 #include "foundation/tbsystem.h"
 #include "net/kvxhttp.h"
 #include "net/kvxhttp_errno.h"
-#include "net/kvxhttplines.h"
+#include "net/kvxlines_net.h"
 #include "net/kvxsocket.h"
 
 namespace {
@@ -146,7 +145,7 @@ int SslConnection::handshake() {
 }
 
 std::int32_t SslConnection::Setup() {
-    KVX_TraceLog::Write(kvx::kSourceHttp, kvx::kLineUseSsl, KVX_OK, "USE SSL", "");
+    kvx::kSourceHttp.trace(kvx::kLineUseSsl, "USE SSL");
     m_LastResult = handshake();
     if (m_LastResult != -1) {
         return KVX_OK;

@@ -1,0 +1,36 @@
+/// Where exceptions and trace records come from. Internal: not installed.
+#ifndef TALLOWIN_CORE_KVXSOURCE_H
+#define TALLOWIN_CORE_KVXSOURCE_H
+
+#include "core/kvxbase.h"
+
+/// A source as exceptions and trace records name it, with its two ways to report.
+///
+/// Names and lines are published: callers read them from KVX_Exception, from the prefix of texts under KVXDEBUG and
+/// from trace records, and support logs keep them. So they are constants of the layer (kvxlines_core.h, kvxlines_net.h,
+/// kvxlines_api.h), not `__FILE__` and `__LINE__`: moving code changes nothing, and a line in a log means the same
+/// condition in every release. Do not change a number; a new condition takes one that its source has not used.
+class KvxSource {
+public:
+    explicit constexpr KvxSource(char const* name) : m_Name(name) {}
+
+    /// Throws a KVX_Exception. Nothing is allocated before the arguments are evaluated: `code` may depend on `errno`.
+    [[noreturn]] void fail(std::int32_t code, long line, char const* detail = "") const {
+        throw KVX_Exception(code, detail, m_Name, line);
+    }
+
+    /// The same with a composed detail.
+    [[noreturn]] void fail(std::int32_t code, long line, TbString const& detail) const {
+        throw KVX_Exception(code, detail, m_Name, line);
+    }
+
+    /// Writes a trace record.
+    void trace(long line, char const* event, TbString const& detail = TbString(), std::int32_t code = KVX_OK) const {
+        KVX_TraceLog::Write(m_Name, line, code, event, detail);
+    }
+
+private:
+    char const* m_Name;  ///< Without directory and extension.
+};
+
+#endif
