@@ -1,3 +1,9 @@
+// The message factory and its flat functions.
+//
+// Every creating call makes an object, opens a context of its own on the path and fills the message; an object that
+// fails on the way is freed. A new payment gets, in this order: type and key id, token, defaults, expiration.
+// Odd: a plain request opens a second context, which shows in the trace.
+
 #include "api/cMessageFactory.h"
 
 #include <cstdlib>

@@ -1,3 +1,9 @@
+// The message object and its flat functions.
+//
+// The members pass on to the context and the message inside; the flat functions convert arguments and copy results
+// out through api/kvxboundary.h. Odd: GetURL computes a URL before it checks whether this object may hand one out, and
+// the flat ToString copies through a buffer of its own.
+
 #include "api/cMessageObject.h"
 
 #include <cstring>

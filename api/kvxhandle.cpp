@@ -1,3 +1,11 @@
+// Pools of slots for public objects, and the checks of handles.
+//
+// Each kind has a pool of chunks, mapped below 2 GiB where the system can, never unmapped. A handle is looked up by its
+// address alone: chunk, slot boundary, then the signature word. Free slots form a queue, so a slot is reused late and a
+// stale handle meets a zero word; the queue stands in a table behind the slots. Finding a slot takes no lock; taking
+// and giving one back holds the pool's mutex for a few instructions. Handles outside all pools are objects that C++
+// callers built elsewhere.
+
 #include "api/kvxhandle.h"
 
 #include <atomic>

@@ -1,3 +1,10 @@
+// The five RSA functions over OpenSSL.
+//
+// Each function checks its arguments, decodes the DER key, performs one operation and lets holders free the key. The
+// limits differ on purpose: verifying accepts keys up to 1024 bits, signing and encrypting up to 8192, decrypting any.
+// Lengths are cast to int after IsUsable has bounded them. Odd: a failed signing or decrypting stores -1 as the
+// length, and key generation adds the result of a refused padding call, which is 0.
+
 #include "core/icct.h"
 
 #include <openssl/bn.h>

@@ -1,3 +1,9 @@
+// The table of texts, the exception, the lookup and the trace hook.
+//
+// A lookup takes the first row with the code; the order of the rows is therefore part of the table. An exception
+// composes its text once, in its constructor: prefix under KVXDEBUG, text or "ErrorCode = 0x...", detail in
+// parentheses; then it writes its own trace record. Trace records go nowhere outside test builds.
+
 #include "core/kvxbase.h"
 
 #include <cstdio>

@@ -1,4 +1,8 @@
 // Encodings, identifiers and time stamps.
+//
+// Percent-encoding asks the current locale which bytes are letters and digits. Key text is converted in buffers that
+// are sized at once or wiped, so that no outgrown copy of a key stays in memory. A new identifier prints the bytes of a
+// UUID in the order of a little-endian structure, which others parse. Time stamps clamp to the years 0 to 9999.
 
 #include <uuid/uuid.h>
 

@@ -1,4 +1,9 @@
 // Keys and signatures.
+//
+// A signature covers the text widened to 16-bit units. Signing: read the private key's hexadecimal text, convert,
+// widen, sign, return hexadecimal text. Verifying: the same with the public key and the signature's text. Private keys
+// pass through wiped buffers only. Odd: signing widens bytes without sign and verifying with sign, so own signatures
+// over bytes of 0x80 and above do not verify here.
 
 #include "core/icct.h"
 #include "core/kvxctx.h"

@@ -1,4 +1,8 @@
 // Payment messages.
+//
+// Create and Open bind a message to its context and fill it; the other members require that. Sending works in this
+// order: write the element as text, read the target address from the configuration, sign the text, exchange. Odd: a
+// new message is a "PayInit" first, which fixes the order of its attributes, and Request leaves its type changed.
 
 #include "core/kvxctx.h"
 #include "core/kvxdirectory.h"

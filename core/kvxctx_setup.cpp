@@ -1,4 +1,9 @@
-// The exchanges that bring a configuration directory into working order.
+// The exchanges that set up a configuration directory.
+//
+// Reconfigure runs them in order: directories, configuration, defaults unless valid, the server's key, a new own key
+// and its publication. Each step writes its file before the next begins, and "keys/current" is written last, so that a
+// failure anywhere leaves the old signing key in use. The server chooses key ids; one that is no plain file name is
+// refused before it is used as a path.
 
 #include "core/kvxctx.h"
 #include "core/kvxdirectory.h"

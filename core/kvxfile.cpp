@@ -1,3 +1,10 @@
+// Reading and replacing files.
+//
+// kvxReplaceFile prefers a new file beside the target: remove left-overs, create and lock a temporary file, take over
+// owner and mode, write, synchronise, rename, synchronise the directory. Where that is impossible but the target may be
+// written (no permission in the directory, a mount point, a symbolic link to nowhere), it writes in place. A lock marks
+// a temporary file as in use; a file without one belonged to a dead process and is removed by the next writer.
+
 #include "core/kvxfile.h"
 
 #include <algorithm>

@@ -1,3 +1,10 @@
+// Pairs, map items, the insertion list, TbMap and TbStrMap.
+//
+// The tree stores TbMapItems, each around one owned item, usually a pair. All comparisons go through the key inside:
+// tbKeyOf unwraps map items and pairs, so a bare key, a pair and a map item are found by each other. Two rules are
+// odd: a string is compared with strings only, and a bare string that a caller put into a TbStrMap is replaced by a
+// pair as soon as it is looked up.
+
 #include "foundation/tbmap.h"
 
 #include <utility>

@@ -1,3 +1,9 @@
+// The allocation seam and growing blocks.
+//
+// A block has a header right before its first usable byte, with the usable size and the number of bytes that were
+// dropped from its front. A block grows in this order: use the room it has, move the contents back over the dropped
+// front, reallocate with half the size on top. Every allocation asks the gate first in test builds.
+
 #include "foundation/tbmemory.h"
 
 #include <cstdint>

@@ -1,3 +1,10 @@
+// TbMultimap and TbStrPtrMultimap.
+//
+// The tree holds one vector per distinct key, and a vector is found by its first entry. Most entries are map items in
+// the insertion list; entries that operator[] makes are bare pairs outside the list, so copying and destroying treat
+// both kinds. An entry's vector leaves the tree before its entries are destroyed, because the tree compares by them.
+// The count is kept by hand: the tree counts vectors, the multimap counts entries.
+
 #include "foundation/tbmultimap.h"
 
 #include "foundation/tbexception.h"

@@ -1,3 +1,10 @@
+// The null-tolerant string routines, then TbString.
+//
+// The published capacity follows its own rule (need plus 65) and is not the size of the block behind it, which
+// foundation/tbmemory.h grows geometrically; after a failed growth the capacity may even be the larger one. Texts that
+// lie in the string's own buffer are accepted everywhere: such an assignment builds a second string and swaps, such an
+// append goes by offset.
+
 #include "foundation/tbstring.h"
 
 #include <algorithm>

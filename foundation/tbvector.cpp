@@ -1,3 +1,9 @@
+// TbContainer, TbFindableContainer and the vectors built on them.
+//
+// TbVector and TbFindableVector have different bases and the same fields, so their operations are templates over those
+// fields (growSlots, pushSlot, removeSlot ...), and the members call them. Odd: a count can be assigned to a container
+// without elements behind it; usable() bounds every access by the block that is really there.
+
 #include "foundation/tbvector.h"
 
 #include <algorithm>

@@ -1,3 +1,10 @@
+// The HTTP/1.0 session.
+//
+// Five steps in a fixed order: connect, build, send, receive, extract; each checks the state that its predecessor left.
+// Connecting goes to the host or the proxy, tunnels through a proxy for https, then shakes hands. The response ends
+// where the server closes; nothing reads a length. Odd: a proxy's reply to a tunnel is always printed to standard
+// error, and the header that names the component is "UserAgent", without a hyphen.
+
 #include "net/kvxhttp.h"
 
 #include <netinet/in.h>

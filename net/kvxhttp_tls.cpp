@@ -1,3 +1,9 @@
+// TLS connections.
+//
+// Every call on the session goes through run(): it clears the thread's error queue, repeats a call that a signal
+// interrupted, and records kind and reason of a failure, because LastError is asked later. The peer is not verified.
+// Odd: a peer that closes cleanly during the handshake counts as connected, and the next call finds out.
+
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 

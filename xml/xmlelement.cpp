@@ -1,3 +1,9 @@
+// Element handles, elements and enumerators.
+//
+// Children are entries of a multimap from tag to handle, in insertion order. Neither writing nor destroying recurses:
+// toStream keeps the open entries on a stack, and a dying element collects the children of its whole subtree in a list
+// that runs through the elements themselves. Attribute values are escaped when set and unescaped when read.
+
 #include "xml/xmlelement.h"
 
 #include "foundation/tbexception.h"

@@ -1,3 +1,9 @@
+// Encoding and decoding of the five entities.
+//
+// Encoding replaces five characters. Decoding looks at a window of five bytes from each ampersand on: a known name in
+// it becomes its character, any other vanishes, with the rules that the header states for XMLDecode. Both build the
+// result in a string of their own, so input and output may be one string.
+
 #include <cstring>
 
 #include "xml/xmlelement.h"

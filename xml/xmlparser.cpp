@@ -1,3 +1,10 @@
+// The parser: its table, the document under construction, the loop over the text.
+//
+// xmlTable is the whole grammar. For each character the loop takes the first row of the current state that names the
+// character's class, performs the row's action on the document (collect, open, name, set, close) and goes to the next
+// state; some rows look at the same character again. A missing row is an error. The numbers of states and actions are
+// part of the table's contract and have gaps.
+
 #include "xml/xmlparser.h"
 
 #include <array>
