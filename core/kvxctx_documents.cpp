@@ -1,9 +1,9 @@
 // Documents, values and files of the configuration directory.
 //
 // Values are read through the URL stream, which refuses a directory path that reads like a URL; raw reads and all
-// writes use local files only. Text is written by replacing the whole file (core/kvxfile.h), bytes in place. Odd: the binary
-// UpdateFile reports every write of two or more bytes as a failure, and a value without a place in the document is not
-// reported at all.
+// writes use local files only. Text is written by replacing the whole file (core/kvxfile.h), bytes in place. Odd: the
+// binary UpdateFile reports every write of two or more bytes as a failure, and a value without a place in the document
+// is not reported at all.
 
 #include "core/kvxctx.h"
 #include "core/kvxdirectory.h"

@@ -1,8 +1,8 @@
 // The red-black tree: nodes, search, insertion, removal, rebalancing.
 //
 // Nodes have no parent link. Insertion and removal record the way down on a stack and rebalance along it; removal
-// searches a parent from the root, because rotations make its stack stale. Everything that can fail happens before the first
-// link changes. Odd: elements compare through their own operators, which for vectors give no strict order; so the
+// searches a parent from the root, because rotations make its stack stale. Everything that can fail happens before the
+// first link changes. Odd: elements compare through their own operators, which for vectors give no strict order; so the
 // stored element decides where a vector goes, and rotations find sides by address instead of comparing.
 
 #include "foundation/tbrbtree.h"
