@@ -1,4 +1,4 @@
-/// The one exception of the foundation classes.
+/// The exception of the foundation classes.
 #ifndef TALLOWIN_FOUNDATION_TBEXCEPTION_H
 #define TALLOWIN_FOUNDATION_TBEXCEPTION_H
 
@@ -7,7 +7,7 @@
 #include "tallowin/codes.h"
 #include "tallowin/export.h"
 
-/// Thrown by value by strings, containers and factories. It owns no memory, so that it can tell that there is none.
+/// Thrown by value by strings, containers and factories. It owns no memory, so that it can report that there is none.
 ///
 /// Codes in use: KVX_E_OUT_OF_MEMORY, KVX_E_OUT_OF_RANGE, KVX_E_DUPLICATE_KEY. No virtual operation, no base class.
 class KVX_EXPORT TBFC_Exception {
@@ -18,12 +18,12 @@ public:
     /// The result code, as the signed value that the other layers use.
     [[nodiscard]] std::int32_t code() const noexcept { return static_cast<std::int32_t>(m_Code); }
 
-    /// Zero-terminated; empty unless somebody has written it. Borrowed from this object.
+    /// NUL-terminated, empty. Borrowed from this object.
     [[nodiscard]] char const* text() const noexcept { return m_Text; }
 
 private:
     std::uint32_t m_Code;   ///< The result code's bits.
-    char m_Text[256] = {};  ///< Zero-terminated; nothing in the library writes it.
+    char m_Text[256] = {};  ///< NUL-terminated; nothing in the library writes it.
 };
 
 #endif

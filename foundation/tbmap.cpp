@@ -19,8 +19,9 @@ bool areComparable(TbFindable const& left, TbFindable const& right) {
     return !tbIs<TbString>(left, "TbString") || tbIs<TbString>(right, "TbString");
 }
 
-/// What the item of a map item is compared with when `other` comes along; null when it cannot be. Pairs look into each
-/// other themselves; any other item meets the key of a pair, so that both may stand in one tree.
+/// The object to compare the item of a map item with, for a comparison with `other`; null when they cannot be compared.
+/// Pairs unwrap each other themselves; any other item is compared with the key of a pair, so that both may be in one
+/// tree.
 TbFindable const* counterpartOf(TbFindable const* item, TbFindable const& other) {
     TbFindable const* const probe =
         tbIs<TbMapItem>(other, "TbMapItem") ? static_cast<TbMapItem const&>(other).item() : &other;

@@ -43,8 +43,8 @@ private:
     TbFindable* m_Value = nullptr;  ///< Owned.
 };
 
-/// An element of a map: the owned item, and its neighbours in the order of insertion. Ordered by the item; compared
-/// with something that is no map item, the item is compared with it directly.
+/// An element of a map: the owned item, and its neighbours in the order of insertion. Ordered by the item; anything
+/// that is no map item is compared with the item directly.
 class KVX_EXPORT TbMapItem : public TbFindable {
 public:
     TbMapItem() = default;
@@ -89,17 +89,17 @@ struct KVX_EXPORT TbInsertionList {
     /// Adds `item` at the end.
     void append(TbMapItem* item) noexcept;
 
-    /// Takes `item` out. Requires: it is in this list.
+    /// Removes `item`. Requires: it is in this list.
     void unlink(TbMapItem* item) noexcept;
 
     TbMapItem* m_First = nullptr;
     TbMapItem* m_Last = nullptr;
 };
 
-/// Elements with unique keys, found by key, iterated in the order in which they were put.
+/// Elements with unique keys, found by key, iterated in insertion order.
 ///
 /// Deliberate: iteration never follows the keys, so that documents keep the order in which their fields were set.
-/// What the tree stores are TbMapItems; `find` and `put` return them, `operator[]` returns the item inside.
+/// The tree stores TbMapItems; `find` and `put` return them, `operator[]` returns the item inside.
 class KVX_EXPORT TbMap : public TbRBTree {
 public:
     TbMap() = default;
@@ -129,13 +129,13 @@ public:
     /// `put`, without the result.
     virtual void insert(TbFindable const& item);
 
-    /// The element inserted first, null in an empty map; go on with `next()` until `end()`.
+    /// The element inserted first, null in an empty map; iterate with `next()` until `end()`.
     virtual TbMapItem* begin();
 
-    /// Null: what follows the last element.
+    /// Null, the end of the iteration.
     virtual TbMapItem* end();
 
-    /// The same for a map that is only read.
+    /// The same for a constant map.
     [[nodiscard]] TbMapItem const* first() const noexcept { return m_List.m_First; }
 
     static void allocate(TbObject** slot);
@@ -148,7 +148,7 @@ private:
     TbInsertionList m_List;
 };
 
-/// Strings to strings. A look-up by `operator[]` creates what is missing; `find` does not.
+/// Strings to strings. `operator[]` creates a missing entry; `find` does not.
 class KVX_EXPORT TbStrMap : public TbMap {
 public:
     TbStrMap() = default;
@@ -159,7 +159,7 @@ public:
     TbAllocator getAllocator() const override;
     bool isInstanceOf(char const* className) const override;
 
-    /// The value under `key`, empty when it had none; to be read or assigned. Borrowed.
+    /// The value under `key`, to be read or assigned; a new empty one when there was none. Borrowed.
     virtual TbString& operator[](TbString const& key);
 
     static void allocate(TbObject** slot);

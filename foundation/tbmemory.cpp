@@ -14,7 +14,7 @@
 
 namespace {
 
-/// Stands right before the usable bytes of a block, also after the front of the block has moved.
+/// Lies right before the usable bytes of a block, also after the front of the block has moved.
 struct BlockHeader {
     std::size_t m_Size;     ///< Usable bytes.
     std::size_t m_Dropped;  ///< Bytes that the front has moved from where it began.
@@ -32,7 +32,7 @@ BlockHeader const* headerOf(void const* block) {
     return static_cast<BlockHeader const*>(block) - 1;
 }
 
-/// What the allocator handed out for `block`.
+/// The address that the allocator returned for `block`.
 void* memoryOf(void* block) {
     return static_cast<char*>(block) - headerOf(block)->m_Dropped - kPrefix;
 }
@@ -105,7 +105,7 @@ void* tbResizeBlock(void* block, std::size_t bytes) noexcept {
     if (bytes <= present) {
         return block;
     }
-    // A gap that is small beside the contents is not worth moving them for; there will be as much room without it.
+    // Moving the contents over a small gap is not worth it; reallocating makes as much room.
     std::size_t const dropped = headerOf(block)->m_Dropped;
     if (dropped >= present / 2 && bytes <= present + dropped) {
         return withoutGap(block);

@@ -7,7 +7,7 @@
 
 #include "foundation/tbreleaser.h"
 
-/// Every allocation of the library comes through these three. Null when memory is exhausted, also for a test's sake.
+/// All allocations of the library use these three. Null when memory is exhausted or a test makes the allocation fail.
 [[nodiscard]] void* tbAllocate(std::size_t bytes) noexcept;
 [[nodiscard]] void* tbReallocate(void* memory, std::size_t bytes) noexcept;
 void tbRelease(void* memory) noexcept;
@@ -19,15 +19,15 @@ using TbMemoryHolder = std::unique_ptr<char, TbReleaser<tbRelease>>;
 [[nodiscard]] TbMemoryHolder tbHoldMemory(std::size_t bytes);
 
 #ifdef KVX_TEST_SEAMS
-/// Test builds only: asked before every allocation; false makes it fail. Null lets all pass.
+/// Test builds only: called before every allocation; false makes it fail. A null gate lets all succeed.
 using TbAllocationGate = bool (*)(std::size_t bytes);
 void tbSetAllocationGate(TbAllocationGate gate) noexcept;
 #endif
 
-/// A block that knows its size, for buffers that grow.
+/// Blocks that know their size, for buffers that grow.
 ///
-/// A growing container publishes a capacity that rises by a fixed slack. Were the memory behind it moved at every such
-/// step, filling it would take quadratic time; so a block that is made larger gets half its size on top.
+/// A growing container publishes a capacity that rises by a fixed slack. Moving the memory at every such step would
+/// take quadratic time, so a block that grows gets half its size on top.
 
 /// Makes room for `bytes` bytes at `block` (null for a new one). Keeps the contents; the result may lie elsewhere.
 /// Null on failure: then `block` is untouched.
@@ -36,11 +36,11 @@ void tbSetAllocationGate(TbAllocationGate gate) noexcept;
 /// The bytes that may be used at `block`; 0 for null.
 [[nodiscard]] std::size_t tbBlockSize(void const* block) noexcept;
 
-/// Gives up the first `bytes` bytes of the contents without moving the others; returns where those begin. The room
-/// comes back with a later growth. Requires: a multiple of a pointer's size, not more than the block holds.
+/// Drops the first `bytes` bytes of the contents without moving the others and returns where those begin. A later
+/// growth reuses the room. Requires: a multiple of a pointer's size, not more than the block holds.
 [[nodiscard]] void* tbDropFront(void* block, std::size_t bytes) noexcept;
 
-/// Gives the block back. Null is ignored.
+/// Releases the block. Null is ignored.
 void tbReleaseBlock(void* block) noexcept;
 
 #endif

@@ -10,10 +10,10 @@
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Woverloaded-virtual"
 
-/// Entries under keys, several per key, iterated in the order in which they were put, whatever their key.
+/// Entries under keys, several per key, iterated in insertion order across all keys.
 ///
 /// The tree stores one TbFindableVector per distinct key; `find` and `operator[]` return it, borrowed. Its entries are
-/// TbMapItems. A key without entries is gone. `count()` counts entries, not keys.
+/// TbMapItems. A key disappears with its last entry. `count()` counts entries, not keys.
 class KVX_EXPORT TbMultimap : public TbRBTree {
 public:
     TbMultimap() = default;
@@ -31,8 +31,8 @@ public:
     using TbRBTree::clear;
 
     /// Stores a copy of `item` as the last entry of its key and of the order; returns its TbMapItem, borrowed.
-    /// A TbFindableVector with entries becomes the vector of a new key, its entries owned by the map from then on;
-    /// returned is the stored vector. Raises KVX_E_DUPLICATE_KEY when the key is there, KVX_E_OUT_OF_RANGE for an empty
+    /// A TbFindableVector with entries becomes the vector of a new key, its entries owned by the map from then on; the
+    /// stored vector is returned. Raises KVX_E_DUPLICATE_KEY when the key is there, KVX_E_OUT_OF_RANGE for an empty
     /// vector; its entries stay with the caller then.
     TbFindable* put(TbFindable const& item) override;
 
@@ -41,7 +41,7 @@ public:
 
     void clear(TbTreeNode* node) override;
 
-    /// Deliberate: not const, hence another operation than the inherited one, which goes on to answer as a TbRBTree.
+    /// Deliberate: not const, so it does not override the inherited operation, which still reports a TbRBTree.
     virtual bool isInstanceOf(char const* className);
 
     /// The entries of `key`; a vector with one TbKeyValue of copies of `key` and "" is stored when there are none.
@@ -53,13 +53,13 @@ public:
     /// `put`, without the result.
     virtual void insert(TbFindable const& item);
 
-    /// The entry inserted first, null in an empty map; go on with `next()` until `end()`.
+    /// The entry inserted first, null in an empty map; iterate with `next()` until `end()`.
     virtual TbMapItem* begin();
 
-    /// Null: what follows the last entry.
+    /// Null, the end of the iteration.
     virtual TbMapItem* end();
 
-    /// The same for a map that is only read.
+    /// The same for a constant map.
     [[nodiscard]] TbMapItem const* first() const noexcept { return m_List.m_First; }
 
     static void allocate(TbObject** slot);

@@ -10,14 +10,14 @@
 
 class TbObject;
 
-/// A class's factory: destroys what `*slot` holds, whatever counts it, then stores a new empty object there.
+/// A class's factory: destroys the object in `*slot`, regardless of its count, then stores a new empty object there.
 /// Raises KVX_E_OUT_OF_MEMORY (TBFC_Exception) when there is no memory; `*slot` is null then.
 using TbAllocator = void (*)(TbObject** slot);
 
 /// The root: counts the references to itself, and all living objects together.
 ///
-/// A new object has count 0 and belongs to whoever made it until a TbPtr takes it. One object may be used by one thread
-/// at a time; different objects may live in different threads, for which the common counter is changed atomically.
+/// A new object has count 0 and belongs to its creator until a TbPtr takes it. One object may be used by one thread at
+/// a time; different objects may be used by different threads, so the common counter is changed atomically.
 class KVX_EXPORT TbRefCounter {
 public:
     TbRefCounter() noexcept { countLiving(1); }
@@ -25,7 +25,7 @@ public:
     /// A copy is an object of its own: its count starts at 0.
     TbRefCounter(TbRefCounter const&) noexcept { countLiving(1); }
 
-    /// Assignment copies no count: the references to both objects stay what they are.
+    /// Assignment leaves both counts unchanged.
     TbRefCounter& operator=(TbRefCounter const&) noexcept { return *this; }
 
     virtual ~TbRefCounter();
@@ -33,7 +33,7 @@ public:
     /// Adds one reference.
     void addRef() noexcept { ++m_RefCount; }
 
-    /// Takes one reference away; destroys the object through its virtual destructor when none is left.
+    /// Drops one reference; destroys the object through its virtual destructor when none is left.
     void release() {
         if (--m_RefCount == 0) {
             delete this;
@@ -43,7 +43,8 @@ public:
     /// References held now.
     [[nodiscard]] std::int32_t refCount() const noexcept { return m_RefCount; }
 
-    /// All living objects of all derived classes, embedded ones included. Back at its start when nothing leaks.
+    /// Number of living objects of all derived classes, embedded ones included. Returns to its start when nothing
+    /// leaks.
     static std::int32_t m_nTotalRef;
 
     /// Raise KVX_E_OUT_OF_MEMORY (TBFC_Exception) instead of std::bad_alloc.
@@ -61,7 +62,7 @@ private:
     std::int32_t m_RefCount = 0;  ///< Never negative.
 };
 
-/// An object that knows its class: by name, by factory, by copying.
+/// An object that knows its class: name, factory and copying.
 class KVX_EXPORT TbObject : public TbRefCounter {
 public:
     TbObject() = default;
@@ -83,7 +84,7 @@ public:
     static void allocate(TbObject** slot);
 };
 
-/// An object that can be ordered. Containers call both operators; here both answer false.
+/// An object that can be ordered. Containers call both operators; here both return false.
 class KVX_EXPORT TbFindable : public TbObject {
 public:
     TbFindable() = default;
@@ -108,7 +109,7 @@ void tbAllocateInto(TbObject** slot) {
     *slot = new T;
 }
 
-/// Whether the class name asked for is a class's own.
+/// Whether `name` is `own`. Null never is.
 KVX_EXPORT bool tbIsName(char const* name, char const* own) noexcept;
 
 #endif

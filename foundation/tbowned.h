@@ -24,14 +24,14 @@ bool tbIsContainerPart(TbAllocator allocator) noexcept;
 
 /// Whether `object` is a `T`, one of the classes that containers are made of, called `className`.
 ///
-/// A class's factory tells it from all others without comparing names; names are asked for classes that others derive.
+/// The factory identifies a class without comparing names; names decide for classes that users derive.
 template <class T>
 bool tbIs(TbObject const& object, char const* className) {
     TbAllocator const allocator = object.getAllocator();
     return allocator == &T::allocate || (!tbIsContainerPart(allocator) && object.isInstanceOf(className));
 }
 
-/// What an element is ordered by: the item of a map item, the key of a pair, or the element itself. Borrowed.
+/// The key that orders an element: the item of a map item, the key of a pair, or the element itself. Borrowed.
 TbFindable const& tbKeyOf(TbFindable const& element);
 
 #endif

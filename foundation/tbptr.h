@@ -28,7 +28,7 @@ public:
     /// The target, borrowed; null when empty.
     [[nodiscard]] TbRefCounter* target() const noexcept { return m_Target; }
 
-    /// Releases the old target and takes over the one reference to `target` that the caller holds.
+    /// Releases the old target and takes over the caller's reference to `target`.
     void adopt(TbRefCounter* target);
 
     /// Releases the target; the pointer is empty afterwards.

@@ -25,8 +25,7 @@ TbTreeNode* popNode(TbStack& path) {
     return node;
 }
 
-/// The element to search with: a vector of entries stands for its first one, because two vectors compare by their
-/// counts too.
+/// The element to search with: for a vector of entries its first one, because two vectors compare by their counts too.
 TbFindable const& probeOf(TbFindable const& element) {
     if (!tbIs<TbFindableVector>(element, "TbFindableVector")) {
         return element;
@@ -35,8 +34,8 @@ TbFindable const& probeOf(TbFindable const& element) {
     return vector.count() == 0 ? element : *vector.at(0);
 }
 
-/// Whether `fresh`, which is not equal to `present`, belongs left of it. An element's own operator decides; a vector
-/// has none that could, so there the stored one is asked.
+/// Whether `fresh`, which is not equal to `present`, belongs left of it. The operator of `fresh` decides; a vector has
+/// no usable one, so there the operator of `present` decides.
 bool belongsLeft(TbFindable const& fresh, TbFindable const& present) {
     TbFindable const& probe = probeOf(fresh);
     return &probe == &fresh ? fresh < present : !(present < probe);
@@ -303,12 +302,12 @@ void TbRBTree::restoreBalance(TbStack& path) {
                 reds = 1;
                 m_Last = top;
             } else {
-                // Sides are told by identity, not by comparing elements: what vectors answer depends on their counts.
+                // Sides are found by identity, not by comparing elements: comparing vectors depends on their counts.
                 reds = 0;
                 bool const isRight = top->m_Right == node;
                 bool const twice = (isRight ? node->m_Left : node->m_Right) == m_Last;
                 TbTreeNode* const newTop = isRight ? rotateLeft(top, twice, true) : rotateRight(top, twice, true);
-                // Deliberate: the walk goes on to the root although nothing is left to repair.
+                // Deliberate: the walk continues to the root although nothing is left to repair.
                 replaceChild(path.count() == 0 ? nullptr : asNode(path.peek()), top, newTop);
             }
         }
@@ -357,7 +356,7 @@ TbFindable* TbRBTree::detach(TbFindable const& probe) {
     TbTreeNode* const parent = path->count() == 0 ? nullptr : asNode(path->peek());
     TbTreeNode* const child = victim->m_Left == m_Sentinel ? victim->m_Right : victim->m_Left;
 
-    // The items change places instead of being copied, so that addresses handed out earlier stay good.
+    // The items are swapped instead of copied, so that addresses handed out earlier stay valid.
     std::swap(target->m_Item, victim->m_Item);
     replaceChild(parent, victim.get(), child);
     path->push_back(child);

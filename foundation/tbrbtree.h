@@ -17,7 +17,7 @@ public:
     /// A red node that holds its own copy of `item`.
     TbTreeNode(TbFindable const& item, TbTreeNode* left, TbTreeNode* right);
 
-    /// A red node that takes `item` over; it is destroyed even if this fails. Requires: a heap object, not null.
+    /// A red node that takes `item` over; `item` is destroyed even on failure. Requires: a heap object, not null.
     TbTreeNode(TbFindable* item, TbTreeNode* left, TbTreeNode* right) noexcept;
 
     TbTreeNode(TbTreeNode const&) = delete;
@@ -53,13 +53,13 @@ private:
     TbFindable* m_Item = nullptr;   ///< Owned.
 };
 
-/// Elements in the order of their own operators, each key once, in a red-black tree without parent links: what climbs
-/// records its way down on a stack of nodes.
+/// Elements in the order of their own operators, each key once, in a red-black tree without parent links: operations
+/// that climb record the way down on a stack of nodes.
 ///
 /// Elements are copied in. Element comparisons go through the stored element's operators when searching, so a probe may
-/// be a bare key that the elements know how to compare with. The sentinel comes with the first element and holds the
-/// text "__dummy", which is reserved: do not store it. Allocation failures are TBFC_Exception and leave the tree as it
-/// was. One thread at a time.
+/// be a bare key that the elements can compare with. The sentinel is created with the first element and holds the
+/// reserved text "__dummy": do not store it. Allocation failures are TBFC_Exception and leave the tree as it was. One
+/// thread at a time.
 class KVX_EXPORT TbRBTree : public TbContainer {
 public:
     TbRBTree() = default;
@@ -91,8 +91,8 @@ public:
     /// The stored element equal to `probe`, borrowed, or null.
     virtual TbFindable* find(TbFindable const& probe) const;
 
-    /// A new stack of the nodes from the root to the one equal to `probe`, that on top; owned by the caller.
-    /// Null when there is none.
+    /// A new stack of the nodes from the root to the node equal to `probe`, which is on top; owned by the caller.
+    /// Null when no node is equal.
     [[nodiscard]] TbStack* pathTo(TbFindable const& probe) const;
 
     /// Pushes the way from the node on top of `path` to its in-order successor. Returns `path`.
@@ -102,7 +102,7 @@ public:
     /// The root node; null when the tree is empty.
     [[nodiscard]] TbTreeNode const* root() const noexcept { return m_Root; }
 
-    /// Whether `node` stands for an absent child.
+    /// Whether `node` represents an absent child.
     [[nodiscard]] bool isSentinel(TbTreeNode const* node) const noexcept { return node == m_Sentinel; }
 
     /// How often `number` can be halved before it is 0, minus one: floor(log2) from 1 up; 0 for 0 and -1.
@@ -114,13 +114,13 @@ protected:
     /// `put` for an item that is taken over; destroyed on failure.
     TbFindable* putOwned(TbFindable* item);
 
-    /// Takes the element equal to `probe` out of the tree and hands it to the caller; null when there is none.
+    /// Removes the element equal to `probe` and hands it to the caller; null when there is none.
     [[nodiscard]] TbFindable* detach(TbFindable const& probe);
 
-    /// Told about every item of a subtree just before it is destroyed.
+    /// Called for every item of a subtree just before it is destroyed.
     using ItemDisposer = void (*)(TbRBTree& tree, TbFindable& item);
 
-    /// `clear(node)` with a word to `dispose` (may be null) about every item. The tree is empty after its root.
+    /// `clear(node)`, calling `dispose` (may be null) for every item. Empties the tree when `node` is the root.
     void destroyBelow(TbTreeNode* node, ItemDisposer dispose);
 
     [[nodiscard]] TbTreeNode* rootNode() noexcept { return m_Root; }
@@ -134,13 +134,13 @@ protected:
     /// Splits a black node with two red children: swaps their colours. False, and no change, for any other node.
     static bool changeColor(TbTreeNode* node);
 
-    /// Repairs the way up after an insertion; `path` holds the nodes above and including the new one's parent, then it.
+    /// Repairs the path upwards after an insertion; `path` holds the nodes from the root to the new one.
     void restoreBalance(TbStack& path);
 
     /// A single rotation at `node`, left for 0, right for 1, without colours, linked into the tree.
     void makeBalance(TbTreeNode* node, int direction);
 
-    /// Repairs the way up after a black node was unlinked; the node that took its place is on top of `path`.
+    /// Repairs the path upwards after a black node was unlinked; the node that replaced it is on top of `path`.
     void fixup(TbStack& path);
 
 private:

@@ -17,7 +17,7 @@
 
 namespace {
 
-/// What a new capacity holds beyond the characters: the terminator and 64 bytes of slack.
+/// Bytes of a new capacity beyond the characters: the terminator and 64 of slack.
 constexpr std::uint64_t kSlack = 65;
 
 std::uint32_t lengthOf(char const* text) {
@@ -137,7 +137,7 @@ void TbString::grow(std::uint32_t extra) {
         }
         m_Capacity = static_cast<std::uint32_t>(wanted);
     }
-    // After a failed growth the published capacity may be out of reach for good; this request need not be.
+    // After a failed growth the published capacity may never be reached; this request may be smaller.
     auto const bytes = static_cast<std::size_t>(std::min<std::uint64_t>(m_Capacity, wanted));
     auto* const buffer = static_cast<char*>(tbResizeBlock(m_Buffer, bytes));
     if (buffer == nullptr) {

@@ -1,4 +1,4 @@
-/// The one string type, and null-tolerant replacements of the standard string routines.
+/// The string type, and null-tolerant replacements of the standard string routines.
 ///
 /// Its free functions are in the static archive only; libtallowin.so shows classes.
 #ifndef TALLOWIN_FOUNDATION_TBSTRING_H
@@ -20,7 +20,7 @@ char* TCSCPY(char* target, char const* source) noexcept;
 char* TCSNCPY(char* target, char const* source, std::uint32_t count) noexcept;
 
 /// Compares at most `count` characters (TbString::npos: no limit) as signed bytes: exactly -1, 0 or 1.
-/// Null equals null only, and orders before every text, whatever `count`.
+/// Null equals null only, and orders before every text for any `count`.
 std::int32_t TCSNCMP(char const* left, char const* right, std::uint32_t count) noexcept;
 
 /// Converts a wide text to the locale's multibyte form, at most `count` bytes, as the platform's `wcstombs` does.
@@ -69,7 +69,7 @@ public:
     bool operator!=(TbString const& other) const { return compare(other) != 0; }
     bool operator!=(char const* text) const { return compare(text) != 0; }
 
-    /// Copies the first `count` bytes of `text`; what follows a zero byte among them is filled with zeros.
+    /// Copies the first `count` bytes of `text`; bytes after a zero byte among them become zeros.
     /// Null leaves the string empty. `text` may lie in this string's own buffer.
     TbString& assign(char const* text, std::uint32_t count);
 
@@ -94,8 +94,8 @@ public:
     /// Deliberate: the capacity grows to the need plus 65, never by doubling, and stays raised when memory runs out.
     void grow(std::uint32_t extra);
 
-    /// Lexicographic against NUL-terminated `text`: -1, 0, 1. Null gives this string's length; a string without a
-    /// buffer gives minus the length of `text`.
+    /// Lexicographic against NUL-terminated `text`: -1, 0, 1. For null it returns this string's length; for a string
+    /// without a buffer, minus the length of `text`.
     [[nodiscard]] std::int32_t compare(char const* text) const noexcept;
 
     /// Length first: the difference of the lengths when they differ, else -1, 0, 1.

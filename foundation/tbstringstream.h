@@ -6,9 +6,9 @@
 
 /// Text that is written piecewise at the end and read byte by byte from the front.
 ///
-/// A new stream is at its end. Writing clears the at-end flag, so text written after the reader met the end becomes
-/// readable from where it stopped. A reader tests `atEnd()` after each `get`: a zero byte is delivered like any other.
-/// Deliberate: it answers `isInstanceOf` as a TbString and adds no virtual operation; assigning through the TbString
+/// A new stream is at its end. Writing clears the at-end flag, so text written after the reader reached the end becomes
+/// readable from there. A reader tests `atEnd()` after each `get`: a zero byte is delivered like any other.
+/// Deliberate: `isInstanceOf` reports a TbString, and no virtual operation is added; assigning through the TbString
 /// part leaves cursor and flag alone, so fill it with `put` only.
 class KVX_EXPORT TbStringStream : public TbString {
 public:
@@ -73,7 +73,7 @@ public:
     /// Whether the last read found no more bytes.
     [[nodiscard]] bool atEnd() const { return m_AtEnd; }
 
-    /// All text written, whatever has been read.
+    /// All text written, read or not.
     [[nodiscard]] TbString const& str() const { return *this; }
 
 private:

@@ -7,8 +7,8 @@
 
 /// Pairs a key with a TbPtr, so that counted objects can be kept in ordered containers.
 ///
-/// Ordered by key alone, in TbString's length-first order. A bare TbString serves as a probe, and so does a pair or a
-/// map item around a string; anything else is neither less nor equal.
+/// Ordered by key alone, in TbString's length-first order. A bare TbString, or a pair or map item around a string,
+/// serves as a probe; anything else is neither less nor equal.
 class KVX_EXPORT TbStrPtr : public TbFindable {
 public:
     TbStrPtr() = default;

@@ -27,7 +27,7 @@
 struct TbSystemCalls {
     static int openFile(char const* path, int flags, mode_t mode) { return ::open(path, flags, mode); }
     static int status(int file, struct ::stat* result) { return ::fstat(file, result); }
-    /// Judges by the effective user, as opening does.
+    /// Uses the effective user, as opening does.
     static int mayAccess(char const* path, int mode) { return ::faccessat(AT_FDCWD, path, mode, AT_EACCESS); }
     static int linkStatus(char const* path, struct ::stat* result) { return ::lstat(path, result); }
     static int duplicateFrom(int file, int least) { return ::fcntl(file, F_DUPFD_CLOEXEC, least); }
@@ -79,9 +79,8 @@ inline TbSystemCalls const& tbSystem() noexcept {
 }
 #endif
 
-/// Moves `file` off the numbers of standard input, output and error, where others write what they have to say: in a
-/// process that closed them, they are the first to be given out. -1 passes; -1 and `errno` when there is no other
-/// number.
+/// Moves `file` to a number above standard input, output and error. A process that closed those gets their numbers for
+/// new files, and other code still prints to them. -1 passes; returns -1 and `errno` when no other number is free.
 inline int tbAwayFromStandardStreams(int file) noexcept {
     if (file < STDIN_FILENO || file > STDERR_FILENO) {
         return file;
@@ -93,7 +92,7 @@ inline int tbAwayFromStandardStreams(int file) noexcept {
     return moved;
 }
 
-/// Repeats `call` while a signal interrupts it: a profiler's or a virtual machine's signals must not cost a payment.
+/// Repeats `call` while a signal interrupts it: signals of a profiler or virtual machine must not fail a payment.
 template <class Call>
 auto tbRetryInterrupted(Call call) -> decltype(call()) {
     for (;;) {

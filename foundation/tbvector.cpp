@@ -21,7 +21,7 @@ constexpr std::uint64_t kSlack = 16;
 
 // The operations of both vectors, over their fields.
 
-/// The elements that memory stands behind: all, unless a bare count was assigned to the container.
+/// The number of elements with memory behind them: all, unless a bare count was assigned to the container.
 template <class T>
 std::uint32_t usable(T** elements, std::uint32_t count) {
     return static_cast<std::uint32_t>(std::min<std::size_t>(count, tbBlockSize(elements) / sizeof(T*)));
@@ -52,7 +52,7 @@ void growSlots(T**& elements, std::uint32_t count, std::uint32_t& capacity, std:
         }
         capacity = static_cast<std::uint32_t>(wanted);
     }
-    // After a failed growth the published capacity may be out of reach for good; this request need not be.
+    // After a failed growth the published capacity may never be reached; this request may be smaller.
     reserve(elements, count, static_cast<std::uint32_t>(std::min<std::uint64_t>(capacity, wanted)));
 }
 
@@ -73,11 +73,11 @@ T* slotAt(T** elements, std::uint32_t count, std::uint32_t index) {
     return elements[index];
 }
 
-/// Fills fresh slots with the elements of another vector. There is room for what is really there, which may be more
-/// than a capacity says that was assigned without elements.
+/// Fills fresh slots with the elements of another vector. Makes room for the elements that are really there; they may
+/// be more than a capacity that was assigned without elements.
 template <class T>
 void copySlots(T**& elements, std::uint32_t& count, std::uint32_t capacity, T** source, std::uint32_t sourceCount) {
-    // Asked before there is anything to release: a constructor that fails destroys nothing.
+    // Checked before there is anything to release: a constructor that fails destroys nothing.
     if (usable(source, sourceCount) < sourceCount) {
         throw TBFC_Exception(KVX_E_OUT_OF_RANGE);
     }
@@ -96,7 +96,7 @@ void removeSlot(T**& elements, std::uint32_t& count, std::uint32_t index) {
     }
     --count;
     if (index == 0) {
-        // Nothing moves, so that emptying a vector from its front is no slower than from its end.
+        // Nothing moves: emptying a vector from its front is as fast as from its end.
         elements = static_cast<T**>(tbDropFront(elements, sizeof(T*)));
         return;
     }

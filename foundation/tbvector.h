@@ -22,7 +22,7 @@ public:
     using TbObject::assign;
     bool isInstanceOf(char const* className) const override;
 
-    /// Copies count and capacity alone; elements that are counted but not there are KVX_E_OUT_OF_RANGE.
+    /// Copies count and capacity alone; accessing a counted element that is not there raises KVX_E_OUT_OF_RANGE.
     /// Deliberate: another operation than `assign(TbObject const&)`, and the one a non-const argument finds here.
     virtual TbObject& assign(TbObject& other);
 
@@ -52,8 +52,8 @@ public:
     using TbFindable::assign;
     bool isInstanceOf(char const* className) const override;
 
-    /// Copies count and capacity alone; elements that are counted but not there are KVX_E_OUT_OF_RANGE.
-    /// Deliberate: another operation than `assign(TbObject const&)`, and the one a non-const argument finds here.
+    /// Copies count and capacity alone; accessing a counted element that is not there raises KVX_E_OUT_OF_RANGE.
+    /// Deliberate: overloads `assign(TbObject const&)` and is chosen here for a non-const argument.
     virtual TbObject& assign(TbObject& other);
 
     /// Count and capacity become 0.
@@ -105,10 +105,10 @@ public:
     /// Adds `element` at the end.
     void push_back(TbObject* element);
 
-    /// Takes the last element off. Requires: `count()` > 0, which is not checked in release builds.
+    /// Removes the last element. Requires: `count()` > 0, which is not checked in release builds.
     void pop_back();
 
-    /// Takes element `index` out; the later ones move down in order. Raises KVX_E_OUT_OF_RANGE.
+    /// Removes element `index`; later ones move down in order. Raises KVX_E_OUT_OF_RANGE.
     void remove(std::uint32_t index);
 
     static void allocate(TbObject** slot);
@@ -137,8 +137,8 @@ public:
 
 /// Pointers to orderable objects; a TbVector otherwise.
 ///
-/// Deliberate: the order looks at first elements only, and counts and empty vectors give answers that are no strict
-/// order. The operators say which.
+/// Deliberate: only first elements are compared, and counts and empty vectors make the results no strict order; see the
+/// operators.
 class KVX_EXPORT TbFindableVector : public TbFindableContainer {
 public:
     TbFindableVector() = default;

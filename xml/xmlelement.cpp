@@ -46,7 +46,7 @@ void xmlEnumPtr::allocate(TbObject** slot) {
 }
 
 xmlElement::~xmlElement() {
-    // Children die one after another from a list, never inside each other, so that a deep tree needs no deep stack.
+    // Children are destroyed one after another from a list, never inside each other: a deep tree needs no deep stack.
     xmlElement* dying = nullptr;
     letChildrenGo(dying);
     while (dying != nullptr) {
@@ -60,7 +60,7 @@ xmlElement::~xmlElement() {
     }
 }
 
-/// Empties the children; each one goes onto the list `dying` with a reference, once.
+/// Removes all children and adds each, once and with a reference, to the list `dying`.
 void xmlElement::letChildrenGo(xmlElement*& dying) {
     for (TbMapItem const* entry = m_Children.first(); entry != nullptr; entry = entry->next()) {
         xmlElement& child = elementAt(*entry);
@@ -95,7 +95,7 @@ bool xmlElement::operator==(TbFindable const& other) const {
 bool xmlElement::setAttribute(TbString const& name, TbString const& value) {
     TbString escaped;
     XMLEncode(value, escaped);
-    // Pairs are exchanged whole: running out of memory must not leave a name with half a value.
+    // Pairs are replaced whole: running out of memory must not leave a name with half a value.
     TbKeyValue const fresh(name, escaped);
     auto const* const entry = static_cast<TbMapItem*>(m_Attributes.find(name));
     if (entry == nullptr) {
@@ -174,7 +174,7 @@ bool xmlElement::getTag(TbString& tag) const {
     return true;
 }
 
-/// Whether anything stands between start tag and end tag.
+/// Whether there is text or a child between start tag and end tag.
 bool xmlElement::hasContent() const noexcept {
     return !m_Text.isEmpty() || m_Children.count() != 0;
 }
@@ -197,7 +197,7 @@ void xmlElement::writeHead(TbStringStream& out) const {
     out.put(m_Text);
 }
 
-/// Writes what follows the children.
+/// Writes the end tag.
 void xmlElement::writeTail(TbStringStream& out) const {
     if (!m_Tag.isEmpty() && hasContent()) {
         out.put("</");

@@ -65,8 +65,8 @@ private:
 /// An empty tag marks a nameless container, whose own markup is not written. Attribute values are kept escaped, so
 /// writing needs no escaping; text is kept and written exactly as given. A child is held by one counted reference;
 /// children of all tags form one list in insertion order. Every element handed out carries one reference for the
-/// caller, who releases it. Writing and destroying take stack space that does not depend on the depth of the tree. One
-/// thread at a time per tree. Running out of memory is a TBFC_Exception.
+/// caller, to be released. Writing and destroying need stack space that does not depend on the depth of the tree. One
+/// thread at a time per tree. Running out of memory raises a TBFC_Exception.
 class KVX_EXPORT xmlElement : public TbFindable {
 public:
     xmlElement() = default;
@@ -86,20 +86,20 @@ public:
     bool operator<(TbFindable const& other) const override;
     bool operator==(TbFindable const& other) const override;
 
-    /// Stores `value`, escaped, under `name`; a name that is there keeps its place. Always true. On failure the
-    /// attribute is what it was.
+    /// Stores `value`, escaped, under `name`; a name already present keeps its place. Always true. On failure the
+    /// attribute is unchanged.
     bool setAttribute(TbString const& name, TbString const& value);
 
     /// The unescaped value under `name`. False, and `value` untouched, when there is none.
     bool getAttribute(TbString const& name, TbString& value) const;
 
     /// Adds `child` after all others and makes this its parent; takes one reference of its own. On failure nothing has
-    /// changed, but a child that nobody else holds is destroyed.
+    /// changed, but a child without other references is destroyed.
     /// Requires: a heap object, not null, not this element and none of its ancestors.
     void insertChild(xmlElement* child);
 
-    /// Drops child `index` (from 0) of those named `tag`; if it lives on, it has no parent. False when there is no such
-    /// child. Enumerators that stand on the child must not be used afterwards. On failure nothing has changed.
+    /// Drops child `index` (from 0) of those named `tag`; if it stays alive, it has no parent. False when there is no
+    /// such child. Enumerators positioned on the child must not be used afterwards. On failure nothing has changed.
     bool removeChild(TbString const& tag, long index);
 
     /// `*child` becomes child `index` of those named `tag`, one reference for the caller. False when no child has that
@@ -121,7 +121,7 @@ public:
     bool getTag(TbString& tag) const;
 
     /// Appends the element with its subtree to `out`, without any white space of its own. Always true. On failure `out`
-    /// keeps what was written.
+    /// keeps the part already written.
     bool toStream(TbStringStream& out) const;
 
     /// `*enumerator` becomes a new enumerator made with `xmlElementEnum::create`, one reference for the caller.
@@ -148,10 +148,10 @@ private:
                                         ///< the last one points to itself. Null outside such a list.
 };
 
-/// Walks over an element's children and keeps the element alive meanwhile.
+/// Iterates over an element's children and keeps the element alive meanwhile.
 ///
-/// Deliberate: with a tag it starts at the first child of that tag and then goes on through every later child, whatever
-/// its tag. Callers that want one tag only check each child's.
+/// Deliberate: with a tag it starts at the first child of that tag and continues through every later child of any tag.
+/// Callers that want one tag check each child's.
 class KVX_EXPORT xmlElementEnum : public TbObject {
 public:
     xmlElementEnum() = default;
@@ -185,9 +185,9 @@ void XMLEncode(TbString const& in, TbString& out);
 
 /// The inverse. The two may be one string.
 ///
-/// Deliberate: an entity is what stands in the five characters from an ampersand on, or up to a semicolon before that,
-/// and the one character that follows goes with it, whatever it is: "&quotX" is a double quote, "AT & T rest" becomes
-/// "AT st". What is none of the five vanishes; if it is longer but otherwise well formed, through its semicolon.
+/// Deliberate: an entity is the text from an ampersand to a semicolon or for five characters, whichever is shorter, and
+/// the next character of any kind is dropped with it: "&quotX" is a double quote, "AT & T rest" becomes "AT st". An
+/// unknown entity vanishes; a longer but otherwise well-formed one vanishes through its semicolon.
 void XMLDecode(TbString const& in, TbString& out);
 
 #endif

@@ -18,10 +18,10 @@ struct Entity {
 
 constexpr Entity kEntities[] = {{'&', "&amp"}, {'<', "&lt"}, {'>', "&gt"}, {'"', "&quot"}, {'\'', "&apos"}};
 
-/// Bytes that decoding looks at from an ampersand on.
+/// Bytes that decoding examines from an ampersand on.
 constexpr std::uint32_t kWindow = 5;
 
-/// The row of an entity that must be written for `character`; null for one that stands for itself.
+/// The entity to be written for `character`; null for a character that is written as it is.
 Entity const* entityFor(char character) {
     for (Entity const& entity : kEntities) {
         if (entity.m_Character == character) {
@@ -41,8 +41,8 @@ Entity const* entityNamed(char const* text, std::uint32_t length) {
     return nullptr;
 }
 
-/// The end of the entity of unknown name that fills the window from `ampersand` to `end`: where its semicolon stands,
-/// or `end` when no name up to a semicolon follows the ampersand. Never looks beyond a second ampersand.
+/// The end of an unknown entity that fills the window from `ampersand` to `end`: the position of its semicolon, or
+/// `end` when no name up to a semicolon follows the ampersand. Never reads beyond a second ampersand.
 std::uint32_t endOfUnknown(TbString const& in, std::uint32_t ampersand, std::uint32_t end) {
     std::uint32_t position = ampersand + 1;
     while (position < in.length() && (isAlnum(in[position]) != 0 || in[position] == '#')) {
@@ -51,7 +51,7 @@ std::uint32_t endOfUnknown(TbString const& in, std::uint32_t ampersand, std::uin
     return position > end && position < in.length() && in[position] == ';' ? position : end;
 }
 
-/// Decodes what begins at the ampersand at `position`, into `out`. Returns the position after it.
+/// Decodes the entity at `position` into `out`. Returns the position after it.
 std::uint32_t decodeEntity(TbString const& in, std::uint32_t position, TbString& out) {
     std::uint32_t end = position + 1;
     while (end < in.length() && in[end] != ';' && end - position < kWindow) {

@@ -119,7 +119,7 @@ static_assert(sizeof(xmlTableRow) == 5 * sizeof(std::uint32_t), "five fields of 
 
 namespace {
 
-/// For every state the index of its first row, where the search may begin; that of the end row for unused numbers.
+/// The index of the first row of every state, where the search begins; of the end row for unused numbers.
 constexpr std::array<std::size_t, kStateCount> firstRows() {
     std::array<std::size_t, kStateCount> rows{};
     for (std::size_t state = 0; state < rows.size(); ++state) {
@@ -132,7 +132,7 @@ constexpr std::array<std::size_t, kStateCount> firstRows() {
 
 constexpr std::array<std::size_t, kStateCount> kFirstRow = firstRows();
 
-/// One document on its way through the table.
+/// One document under construction.
 class Document {
 public:
     explicit Document(xmlParser& parser) : m_Parser(parser) {
@@ -142,7 +142,7 @@ public:
         m_Current = top;
     }
 
-    /// Feeds one character; kParsed to go on. `again` tells whether the character must be fed once more.
+    /// Feeds one character; returns kParsed to continue. Sets `again` when the character must be fed once more.
     Result feed(char character, bool& again) {
         xmlTableRow const* const row = getTabEntry(xmlTable + kFirstRow[m_State], m_State, character);
         if (row == nullptr) {

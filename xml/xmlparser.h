@@ -29,18 +29,18 @@ enum xmlSymbol : std::uint32_t {
 struct xmlTableRow {
     std::uint32_t m_State;    ///< In which state; 0 ends the table.
     std::uint32_t m_Symbols;  ///< For which classes of characters, or-ed.
-    std::uint32_t m_Consume;  ///< 1: go on to the next character. 0: the same one is looked at again in the next state.
+    std::uint32_t m_Consume;  ///< 1: continue with the next character. 0: the next state reads the same one again.
     std::uint32_t m_Next;     ///< The next state.
-    std::uint32_t m_Action;   ///< What is done on the way; the numbers stand beside the table.
+    std::uint32_t m_Action;   ///< What is done with the character; the numbers are defined beside the table.
 };
 
-/// The whole grammar, ended by a row with state 0. Rows of one state stand together; the first that fits is taken.
+/// The whole grammar, ended by a row with state 0. Rows of one state are adjacent; the first that fits is taken.
 extern xmlTableRow const xmlTable[];
 
 /// 1 for TAB, LF, CR and space, else 0.
 int isSpace(char character) noexcept;
 
-/// 1 for ASCII letters and digits, full stop, hyphen and underscore, else 0. Whatever the locale.
+/// 1 for ASCII letters and digits, full stop, hyphen and underscore, else 0. Independent of the locale.
 int isAlnum(char character) noexcept;
 
 /// The class of `character`.
@@ -53,10 +53,10 @@ xmlTableRow const* getTabEntry(xmlTableRow const* table, std::uint32_t state, ch
 ///
 /// The dialect knows elements, attributes and text, nothing else: no declaration, comment, CDATA section, DOCTYPE, and
 /// no colon in a name.
-/// Deliberate: end tags close whatever element is open, whatever name they give; a "/" in a start tag closes the
-/// element and a name up to ">" is ignored; attributes may lack their value or the quotes around it; text is stored as
-/// read, only attribute values are decoded; an element keeps the last run of text before a "<", so white space after a
-/// child replaces the text before it; text after the last tag is dropped; several top-level elements are accepted.
+/// Deliberate: an end tag closes the open element, whatever its own name; a "/" in a start tag closes the element and a
+/// name up to ">" is ignored; attributes may lack their value or the quotes around it; text is stored as read, only
+/// attribute values are decoded; an element keeps the last run of text before a "<", so white space after a child
+/// replaces the text before it; text after the last tag is dropped; several top-level elements are accepted.
 class KVX_EXPORT xmlParser : public TbRefCounter {
 public:
     xmlParser() = default;

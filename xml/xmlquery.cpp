@@ -4,7 +4,7 @@
 
 namespace {
 
-/// Parts a child's tag from its index.
+/// Separates a child's tag from its index.
 constexpr char const* kSeparator = "(.";
 
 enum Status : std::int32_t { kFound = 0, kBadIndex = 1, kMalformed = 3, kNoChild = 4 };
@@ -31,8 +31,8 @@ Status walk(xmlElement* start, TbString& path, xmlElementPtr& found) {
         if (!xmlAtoi(path.substring(indexStart, closing - indexStart), index)) {
             return kBadIndex;
         }
-        // Deliberate: no key gets here, because the index text begins with the full stop of the separator. The step
-        // is complete all the same, as part of the path language.
+        // Deliberate: no key reaches this line, because the index text begins with the full stop of the separator.
+        // The step is implemented all the same, as part of the path language.
         xmlElement* child = nullptr;
         if (!current->getChild(path.substring(position, separator - position), index, &child)) {
             return kNoChild;

@@ -9,7 +9,7 @@
 #include "tallowin/tbstring.h"
 #include "tallowin/xmlelement.h"
 
-/// Walks from `start` down the part of `path` that names child elements; what is left names an attribute.
+/// Walks from `start` down the part of `path` that names child elements; the rest names an attribute.
 ///
 /// 0: `*found` is the element reached, one reference for the caller, and `path` is the rest, possibly empty. Otherwise
 /// both are untouched: 1 for a bad index, 3 for a missing closing parenthesis, 4 for a missing child. An index beyond
@@ -27,7 +27,7 @@ bool xmlGetAttributeEx(xmlElement* start, TbString const& key, TbString& value);
 /// ever created. Requires: `start` is held by a reference.
 bool xmlSetAttributeEx(xmlElement* start, TbString const& key, TbString const& value);
 
-/// Reads decimal digits into `value`, from 0 on. False at the first other character: `value` keeps what was read so
+/// Reads decimal digits into `value`, from 0 on. False at the first other character: `value` holds the number read so
 /// far. An empty text is 0. Deliberate: no sign, and too large numbers wrap around without notice.
 bool xmlAtoi(TbString const& text, int& value);
 
