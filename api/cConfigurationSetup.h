@@ -19,7 +19,7 @@ public:
     /// Chooses the directory; see KVX_Context::Open.
     void SetConfiguration(TbString const& path);
 
-    /// Takes over the server's address unless `url` is empty, then the credentials, then runs the set-up.
+    /// Stores the server's address unless `url` is empty, then the credentials, then runs the set-up.
     void Reconfigure(TbString const& url, TbString const& user, TbString const& password);
 
     /// See KVX_Context::SetOption.

@@ -19,10 +19,10 @@ namespace {
 
 using OwnedMessage = std::unique_ptr<KVXCIMPL_MessageObject>;
 
-/// How long a payment stays open, in seconds, when the account's defaults do not say.
+/// Seconds that a payment stays open when the account's defaults set no time.
 constexpr char kDefaultTtl[] = "86400";
 
-/// Copies the attributes that the account's defaults carry, empty ones too.
+/// Copies the attributes in the account's defaults, empty ones too.
 void copyDefaults(KVX_Context& account, KVX_Message& message) {
     TbString text;
     if (!account.QueryValueOrAbsent(kvx::kDefaultsFile, "", text)) {
@@ -85,7 +85,7 @@ KVXCIMPL_MessageObject* KVXCIMPL_MessageFactory::CreateRequest(TbString const& t
     }
     OwnedMessage object(new KVXCIMPL_MessageObject);
     object->m_Context.Open(m_Path);
-    // Deliberate: a second context is opened on the path and dropped; it shows in the trace.
+    // Deliberate: a second context is opened on the path and dropped; the trace shows it.
     KVX_Context().Open(m_Path);
     object->startOutgoing(type);
     return object.release();

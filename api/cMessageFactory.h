@@ -11,9 +11,9 @@ class KVXCIMPL_MessageObject;
 
 /// Makes message objects for one configuration directory.
 ///
-/// It notes the path only: every call opens a context of its own and nothing is kept between calls. Objects returned
-/// are owned by the caller, do not refer back to the factory, and are freed when the call that makes them fails. The
-/// factory's address is its handle. Failures are KVX_Exception, memory exhaustion TBFC_Exception. One thread at a time.
+/// Stores the path only: every call opens a context of its own and nothing is kept between calls. Returned objects are
+/// owned by the caller and do not refer to the factory; a call that fails frees its object. The factory's address is
+/// its handle. Failures are KVX_Exception, memory exhaustion TBFC_Exception. One thread at a time.
 class KVX_EXPORT KVXCIMPL_MessageFactory {
 public:
     KVXCIMPL_MessageFactory();
@@ -21,7 +21,7 @@ public:
     KVXCIMPL_MessageFactory& operator=(KVXCIMPL_MessageFactory const&) = delete;
     ~KVXCIMPL_MessageFactory();
 
-    /// Notes the directory.
+    /// Stores the directory.
     void Open(TbString const& path);
 
     /// A payment with a fresh token, the account's defaults and an expiry time.

@@ -17,7 +17,7 @@ public:
     ~KVXCIMPL_MessageObject();
 
     /// Opens the directory and starts a message.
-    /// Deliberate: of the type "ERROR", until FromString or SetAttribute fill it.
+    /// Deliberate: of the type "ERROR", until FromString or SetAttribute change it.
     void Open(TbString const& path);
 
     void SetAttribute(TbString const& name, TbString const& value);
@@ -28,7 +28,7 @@ public:
 
     void Capture();
 
-    /// Sends the message as a request; the answer is owned by the caller.
+    /// Sends the message as a request; the response is owned by the caller.
     [[nodiscard]] KVXCIMPL_MessageObject* Execute();
 
     /// Replaces the message by the parsed `text`, keeping the signing key. Needs no directory.

@@ -1,4 +1,4 @@
-/// What every flat function does around its call. Internal: not installed.
+/// The boundary of the flat functions: handles, exceptions, copied texts. Internal: not installed.
 #ifndef TALLOWIN_API_KVXBOUNDARY_H
 #define TALLOWIN_API_KVXBOUNDARY_H
 
@@ -13,7 +13,7 @@
 #include "tallowin/tallowin.h"
 
 /// Refuses a handle that is no living `Object`, runs `call` with the object and returns its code. A KVX_Exception
-/// becomes its code; anything else passes.
+/// becomes its code; other exceptions pass.
 template <class Object, class Call>
 std::int32_t kvxCall(KVX_HANDLE handle, Call call) {
     if (!kvxIsLiving(Object::kKind, handle)) {
@@ -35,7 +35,7 @@ std::int32_t kvxRun(KVX_HANDLE handle, Call call) {
     });
 }
 
-/// The same for a `call` that makes an object, which `*out` receives. Not written on failure.
+/// The same for a `call` that makes an object, stored in `*out`; on failure `*out` is left alone.
 template <class Object, class Call>
 std::int32_t kvxMake(KVX_HANDLE handle, KVX_HANDLE* out, Call call) {
     return kvxCall<Object>(handle, [&](Object& object) {
@@ -62,7 +62,7 @@ void kvxDeleteClaimed(KVX_HANDLE object) {
     delete static_cast<Object*>(object);
 }
 
-/// Destroys a living object of the kind; ignores everything else.
+/// Destroys a living object of the kind; ignores all other handles.
 template <class Object>
 void kvxDestroy(KVX_HANDLE handle) {
     if (kvxClaimForDestruction(Object::kKind, handle)) {

@@ -27,12 +27,12 @@ constexpr std::uint32_t kLivingWord = 0xAFFEAFFE;
 constexpr std::uint32_t kFirstChunkSlots = 256;
 constexpr std::uint32_t kMostChunks = 20;
 
-/// Free slots that are kept unused, so that a stale handle meets a zero word and not another object.
+/// Free slots that are kept unused, so that a stale handle finds a zero word and not another object.
 constexpr std::uint32_t kQuarantine = 1024;
 
 constexpr std::uint32_t kNoSlot = 0xFFFFFFFFU;
 
-/// Room for the largest public object; a power of two, so that a slot's address tells its number.
+/// Room for the largest public object; a power of two, so that a slot's number follows from its address.
 constexpr std::size_t kSlotBytes = 512;
 
 constexpr std::uintptr_t kTwoGiB = std::uintptr_t{1} << 31;
@@ -61,7 +61,7 @@ void* mapAt(void* where, std::size_t bytes, int flags) noexcept {
     return memory == MAP_FAILED ? nullptr : memory;
 }
 
-/// Fresh zeroed memory whose addresses fit 31 bits, or at the worst 32. Null when there is none.
+/// Fresh zeroed memory whose addresses fit 31 bits, or else 32. Null when there is none.
 void* mapLow(std::size_t bytes) noexcept {
     void* const probe = tbAllocate(1);  // takes part in failing-allocation tests like any other allocation
     if (probe == nullptr) {
@@ -89,8 +89,8 @@ void* mapLow(std::size_t bytes) noexcept {
 
 /// The slots of one kind. Constant-initialised and never destroyed: objects may die in exit handlers.
 ///
-/// Chunks are only ever added; finding a slot by its address takes no lock. Which slots are free stands in a table
-/// behind each chunk's slots, not in the slots, whose first word stays 0.
+/// Chunks are only ever added; finding a slot by its address takes no lock. A table behind each chunk's slots links the
+/// free ones; the slots themselves stay untouched, their first word 0.
 class Pool {
 public:
     constexpr Pool() = default;

@@ -1,4 +1,4 @@
-/// Public objects: their signature word, the memory they live in, and what makes a handle valid.
+/// Public objects: their signature word, their memory, and the checks of their handles.
 #ifndef TALLOWIN_API_KVXHANDLE_H
 #define TALLOWIN_API_KVXHANDLE_H
 
@@ -13,7 +13,7 @@ enum class KvxKind { kConfigurationSetup, kMessageFactory, kMessageObject };
 /// The first member of every public object: 0xAFFEAFFE while it lives, 0 before and after.
 class KVX_EXPORT KvxSignature {
 public:
-    /// Atomic, like all that touches the word: a stale handle to this place may be in use by another thread.
+    /// Atomic, like every access to the word: another thread may be using a stale handle to this place.
     KvxSignature() noexcept { __atomic_store_n(&m_Word, 0U, __ATOMIC_RELAXED); }
     KvxSignature(KvxSignature const&) = delete;
     KvxSignature& operator=(KvxSignature const&) = delete;
@@ -31,23 +31,23 @@ private:
 /// Memory for one object of `kind`. Raises KVX_E_OUT_OF_MEMORY (TBFC_Exception).
 ///
 /// Objects of a kind live in slots of their own, below 2 GiB, so that an address fits a Java int as a positive number.
-/// The slots are never given back to the system and are reused late, so a stale handle is refused, not followed. Any
+/// The slots are never returned to the system and are reused late, so a stale handle is refused, not followed. Any
 /// thread.
 KVX_EXPORT void* kvxTakeSlot(KvxKind kind, std::size_t bytes);
 
-/// Gives the slot back. Null is ignored. Any thread.
+/// Returns the slot to its pool. Null is ignored. Any thread.
 KVX_EXPORT void kvxGiveSlot(KvxKind kind, void* slot) noexcept;
 
 /// Whether `handle` is a living object of `kind`: in a slot of that kind, or built by a C++ caller outside all slots,
 /// with the signature word in place.
 [[nodiscard]] bool kvxIsLiving(KvxKind kind, void const* handle) noexcept;
 
-/// Whether `handle` is a living object of `kind` in a slot. Memory outside the slots is never looked at, so any number
-/// may be asked for.
+/// Whether `handle` is a living object of `kind` in a slot. Memory outside the slots is never read, so any number is
+/// accepted.
 [[nodiscard]] bool kvxIsLivingInSlot(KvxKind kind, void const* handle) noexcept;
 
 /// Whether the caller may destroy `handle`: a living object in a slot of `kind`. Clears the signature word, so that
-/// only one of several callers is told so.
+/// only one of several callers gets true.
 [[nodiscard]] bool kvxClaimForDestruction(KvxKind kind, void* handle) noexcept;
 
 #endif

@@ -1,4 +1,4 @@
-// What the library says about itself and its codes.
+// The flat functions without a handle: the version and the texts of result codes.
 
 #include <cstring>
 
@@ -14,7 +14,7 @@ int KVX_GetErrorStringFromResult(int32_t code, int32_t* size, char* buffer) {
     if (!KVX_ErrorLookup::GetErrorStringFromResult(code, text)) {
         return 0;
     }
-    // Deliberate: a null size is answered like an unknown code.
+    // Deliberate: a null size gives the result of an unknown code.
     if (size == nullptr) {
         return 0;
     }

@@ -19,8 +19,8 @@
 
 #include "foundation/tbreleaser.h"
 
-// The low-level RSA interface is deprecated since OpenSSL 3.0, and still the one that does exactly what is wanted:
-// PKCS#1 blobs and nothing else, and the RSA operation on a digest without a DigestInfo. It is used in this file only.
+// The low-level RSA interface is deprecated since OpenSSL 3.0, but it alone does exactly what is wanted: PKCS#1 blobs
+// and nothing else, and the RSA operation on a digest without a DigestInfo. This file alone uses it.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 

@@ -49,7 +49,7 @@
 [[nodiscard]] int ICCT_CryptDigest(unsigned char* pubKey, int pubKeyLen, unsigned char* in, unsigned long inLen,
                                    unsigned char* out, unsigned long* outLen) noexcept;
 
-/// Decrypts what ICCT_CryptDigest() made, with the private key.
+/// Decrypts a result of ICCT_CryptDigest() with the private key.
 ///
 /// `*outLen` is an output alone: it receives the length of the result, or `ULONG_MAX` when the RSA operation itself
 /// failed; `out` may then have been written. Earlier failures leave both alone.

@@ -53,7 +53,7 @@ static_assert(std::size(ErrorTable) == 34 + 1, "34 texts and the end");
 
 namespace {
 
-/// `value` as the format says; the formats in use need no more than 20 characters.
+/// `value` in `format`; the formats in use need no more than 20 characters.
 template <class Number>
 TbString formatted(char const* format, Number value) {
     char digits[32];

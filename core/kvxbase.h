@@ -1,6 +1,6 @@
 /// Result codes and their texts, the exception that carries them, the trace hook.
 ///
-/// Its free functions are in the static archive only; libtallowin.so shows classes.
+/// Its free functions are in the static archive only; libtallowin.so exports classes.
 #ifndef TALLOWIN_CORE_KVXBASE_H
 #define TALLOWIN_CORE_KVXBASE_H
 
@@ -16,7 +16,7 @@ struct KVX_ErrorRow {
     char const* m_Text;
 };
 
-/// The texts of the result codes, in the order in which they are looked up, ended by a row with code 0.
+/// The texts of the result codes, in the order of lookup, ended by a row with code 0.
 extern KVX_ErrorRow const ErrorTable[];
 
 /// The exception of core, net and api: a result code, a ready text and the published source position.
@@ -57,14 +57,14 @@ public:
     /// Assigns the text of `code` to `text`. False, and `text` untouched, for a code without one; so for 0.
     static bool GetErrorStringFromResult(long code, TbString& text);
 
-    /// Whether the environment variable KVXDEBUG is set, to whatever; read at every call.
+    /// Whether the environment variable KVXDEBUG is set, to any value; read at every call.
     static bool UseExtendedErrorInfo();
 };
 
 /// The hook for trace records.
 class KVX_EXPORT KVX_TraceLog {
 public:
-    /// Records nothing. The core calls it at fixed points.
+    /// Records nothing. Called at fixed points.
     ///
     /// `file`, `line`  published position. `code` 0 unless the event is a failure. `event` a heading such as
     /// "OPEN CONTEXT". `detail` may be empty.
@@ -72,7 +72,7 @@ public:
 };
 
 #ifdef KVX_TEST_SEAMS
-/// Test builds only: is handed every trace record. Null hands them to nobody.
+/// Test builds only: receives every trace record. Null: none.
 using KVX_TraceSink = void (*)(char const* file, long line, long code, TbString const& event, TbString const& detail);
 void KVX_SetTraceSink(KVX_TraceSink sink) noexcept;
 #endif

@@ -1,6 +1,6 @@
 /// The account context and the payment message.
 ///
-/// Its free functions are in the static archive only; libtallowin.so shows classes.
+/// Its free functions are in the static archive only; libtallowin.so exports classes.
 #ifndef TALLOWIN_CORE_KVXCTX_H
 #define TALLOWIN_CORE_KVXCTX_H
 
@@ -14,8 +14,8 @@
 class KVX_Context;
 struct KVX_Settings;
 
-/// The current UTC time plus `seconds`, truncated to whole ones, as "YYYYMMDD HH:MM:SS". What is not finite counts as
-/// 0; times outside the years 0000 to 9999 become the nearest inside.
+/// The current UTC time plus `seconds`, truncated to whole ones, as "YYYYMMDD HH:MM:SS". A number that is not finite
+/// counts as 0; times outside the years 0000 to 9999 become the nearest inside.
 TbString GetTimeDate(double seconds);
 
 /// The attributes that a new payment takes from the account's defaults, in this order; a null entry ends the list.
@@ -23,9 +23,9 @@ extern char const* const AttributeNames[];
 
 /// One merchant account: its configuration directory and the options of this session.
 ///
-/// Everything else is done through it: values and files, keys and signatures, requests to the server. Nothing is
-/// cached; every call reads the files anew. All failures are KVX_Exception, save memory exhaustion (TBFC_Exception). A
-/// context is used by one thread at a time; different contexts, also on one directory, by different threads at once.
+/// All work goes through it: values and files, keys and signatures, requests to the server. Caches nothing; every call
+/// reads the files anew. All failures raise KVX_Exception, save memory exhaustion (TBFC_Exception). A context is used
+/// by one thread at a time; different contexts, also on one directory, by different threads at once.
 class KVX_EXPORT KVX_Context {
 public:
     KVX_Context() = default;
@@ -54,7 +54,7 @@ public:
     /// Sets "UserName", "Password" or "VTAUTOURL". Any other name: KVX_E_INVALID_OPTION.
     void SetOption(TbString const& name, TbString const& value);
 
-    /// Does nothing: the one hook for informational messages, which are deliberately written nowhere.
+    /// Does nothing. Deliberate: the hook for informational messages writes them nowhere.
     void LogMessage(TbString const& text);
 
     // Documents and values.
@@ -77,7 +77,7 @@ public:
     /// Deliberate: a longer file is cut silently.
     bool QueryValue(TbString const& file, unsigned char* buffer, unsigned long* size);
 
-    /// As the text `QueryValue`, but a missing file is false too. Every other failure passes.
+    /// As the text `QueryValue`, but a missing file is false too. Other failures are raised.
     bool QueryValueOrAbsent(TbString const& file, TbString const& name, TbString& value);
 
     /// Sets one attribute and rewrites the file. `create` replaces the content of an existing file that is no document;
@@ -116,22 +116,22 @@ public:
 
     // Keys and signatures.
 
-    /// Makes a key pair and stores both halves under `keyId`. KVX_E_CRYPTO, or what `UpdateFile` raises.
+    /// Makes a key pair and stores both halves under `keyId`. KVX_E_CRYPTO, and the codes of `UpdateFile`.
     void GenKey(TbString& keyId);
 
     /// Signs `data` with the private key `keyId`; `signature` receives hexadecimal text.
     /// KVX_E_NOT_FOUND, KVX_E_INVALID_KEY, KVX_E_CRYPTO.
     void SignData(TbString const& data, TbString const& keyId, TbString& signature);
 
-    /// Returns when `signature` fits `data` under the public key `keyId`, raises KVX_E_INVALID_SIGNATURE when it does
-    /// not. KVX_E_NOT_FOUND, KVX_E_INVALID_KEY (also for a signature that is no hexadecimal text).
+    /// Returns when `signature` matches `data` under the public key `keyId`, else raises KVX_E_INVALID_SIGNATURE.
+    /// KVX_E_NOT_FOUND, KVX_E_INVALID_KEY (also for a signature that is no hexadecimal text).
     void VerifyData(TbString const& data, TbString const& keyId, TbString const& signature);
 
     // Requests.
 
     /// Builds `url` = `baseUrl` with the session's credentials + "?DATA=" + encoded message + "&SIGNATURE=" +
     /// signature, the last only when there is one. Requires: `url` is empty. KVX_E_INVALID_URL. Deliberate: characters
-    /// already in `url` change how much of `baseUrl` is taken.
+    /// already in `url` change how much of `baseUrl` is used.
     void RequestToURL(TbString const& baseUrl, TbStringStream& message, TbString signature, TbString& url);
 
     /// Returns when "MSGTYPE" of `response` is `expected`. KVX_E_SERVER_ERROR with the server's text for an error
@@ -144,14 +144,14 @@ public:
     /// Fetches the account's defaults into "default.xml".
     void LoadDefaults();
 
-    /// Fetches the server's public key `keyId`, which then names what the server answered with.
+    /// Fetches the server's public key `keyId`; `keyId` becomes the key id in the response.
     void ImportKey(TbString& keyId);
 
     /// Sends the public half of the own key `keyId` to the server and makes it the current key.
     void PublishKey(TbString& keyId);
 
-    /// Runs the whole set-up: directories, configuration, defaults unless valid, server key, a new own key. What
-    /// earlier steps wrote stays when a later one fails; "keys/current" changes last.
+    /// Runs the whole set-up: directories, configuration, defaults unless valid, server key, a new own key. Files
+    /// written by earlier steps stay when a later one fails; "keys/current" changes last.
     void Reconfigure();
 
 private:
@@ -193,7 +193,7 @@ public:
 
     /// Takes an incoming message over after its signature has been verified over `data` exactly as received.
     ///
-    /// KVX_E_INVALID_FORMAT, then KVX_E_MISSING_SIGNATURE, KVX_E_NO_KEY_ID, then what VerifyData raises.
+    /// KVX_E_INVALID_FORMAT, then KVX_E_MISSING_SIGNATURE, KVX_E_NO_KEY_ID, then the codes of VerifyData.
     /// A message of ANY type and by ANY key of the directory is accepted, the merchant's own messages included: callers
     /// check "MSGTYPE", "TOKEN" and the amount themselves.
     void Open(KVX_Context* context, TbString const& data, TbString const& signature);
@@ -204,13 +204,13 @@ public:
     /// Reads an attribute. KVX_E_UNEXPECTED before Create or Open, KVX_E_NOT_FOUND.
     void GetAttribute(TbString const& name, TbString& value);
 
-    /// The signed payment URL. Sends nothing. KVX_E_UNEXPECTED, KVX_E_NO_CONFIGURATION, what SignData raises.
+    /// The signed payment URL. Sends nothing. KVX_E_UNEXPECTED, KVX_E_NO_CONFIGURATION, the codes of SignData.
     void GetURL(TbString& url);
 
-    /// Sends the message to the capture address and requires a "PayConfirm" answer.
+    /// Sends the message to the capture address and requires a "PayConfirm" response.
     void Capture();
 
-    /// Sends the message as type T + "Request"; `response` takes the answer of type T + "Response".
+    /// Sends the message as type T + "Request"; `response` receives the response of type T + "Response".
     /// Deliberate: this message's type stays changed, so a second call sends T + "RequestRequest".
     void Request(KVX_Message& response);
 

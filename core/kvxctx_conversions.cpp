@@ -35,8 +35,8 @@ int valueOfHexDigit(char digit) {
     return digit >= 'a' && digit <= 'f' ? digit - 'a' + 10 : -1;
 }
 
-/// Which byte of an identifier stands at which place of its text: the leading fields are read as little-endian numbers.
-/// Others parse these identifiers. Do not change.
+/// The index of the identifier's byte at each place of its text: the leading fields are read as little-endian numbers.
+/// Other programs parse these identifiers. Do not change.
 constexpr int kUuidOrder[] = {3, 2, 1, 0, 5, 4, 7, 6, 8, 9, 10, 11, 12, 13, 14, 15};
 
 // The first second of year 0 and the last of year 9999, in UTC.
@@ -59,7 +59,7 @@ TbString KVX_Context::BufferToHex(unsigned char* buffer, unsigned long length) {
         throw TBFC_Exception(KVX_E_OUT_OF_MEMORY);
     }
     TbString hex("");
-    // At once, so that no outgrown copy of a key stays in memory.
+    // Grown at once, so that no outgrown copy of a key stays in memory.
     hex.grow(2 * static_cast<std::uint32_t>(length));
     for (unsigned long i = 0; i < length; ++i) {
         appendHex(hex, buffer[i]);

@@ -21,12 +21,12 @@ constexpr char kRootTag[] = "KVX";
 constexpr mode_t kFileMode = 0666;
 constexpr mode_t kPrivateFileMode = 0600;
 
-/// Private keys are nobody else's from their first instant.
+/// New private keys are created readable by their owner alone.
 mode_t modeOfNew(TbString const& file) {
     return kvx::isPrivateKeyFile(file) ? kPrivateFileMode : kFileMode;
 }
 
-/// The result of `query`; false when the file it reads does not exist. Every other failure passes.
+/// The result of `query`; false when the file it reads cannot be opened. Other failures are raised.
 template <class Query>
 bool orAbsent(Query query) {
     try {
@@ -141,7 +141,7 @@ void KVX_Context::SetValue(TbString const& file, TbString const& name, TbString 
         }
         root = kvxNewDocument();
     }
-    // Deliberate: a name that leads nowhere is not reported, and the file is rewritten all the same.
+    // Deliberate: a name without a place in the document is not reported, and the file is rewritten all the same.
     xmlSetAttributeEx(root.get(), name, value);
     TbStringStream out;
     root->toStream(out);

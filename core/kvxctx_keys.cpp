@@ -19,7 +19,7 @@ constexpr std::size_t kKeyBytes = 1024;
 constexpr std::size_t kOwnSignatureBytes = 1024;
 constexpr std::size_t kSignatureBytes = 4096;
 
-/// What is signed for a text: each byte as one 16-bit little-endian unit, without a terminating one.
+/// The signed form of a text: each byte as one 16-bit little-endian unit, without a terminating one.
 class WidenedText {
 public:
     /// Deliberate: signing widens without sign, verifying with sign. They agree on 7-bit text only.

@@ -74,7 +74,7 @@ void KVX_Message::Open(KVX_Context* context, TbString const& data, TbString cons
     if (!element->getAttribute("KEYID", keyId)) {
         kvx::kSourceCtx.fail(KVX_E_NO_KEY_ID, kvx::kLineOpenNoKeyId);
     }
-    // The shopper chose this name: it must not lead out of the key directory.
+    // The shopper chose this name: it must stay in the key directory.
     if (!kvxNamesFileInDirectory(keyId)) {
         kvx::kSourceCtx.fail(KVX_E_NOT_FOUND, kvx::kLineVerifyNoKey);
     }

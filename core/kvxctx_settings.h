@@ -1,10 +1,10 @@
-/// The one place where "settings.xml" is read. Internal: not installed.
+/// The settings of "settings.xml". Internal: not installed.
 #ifndef TALLOWIN_CORE_KVXCTX_SETTINGS_H
 #define TALLOWIN_CORE_KVXCTX_SETTINGS_H
 
 #include "foundation/tbstring.h"
 
-/// What the merchant's local settings say about connections.
+/// The merchant's local settings for connections.
 struct KVX_Settings {
     TbString m_ProxyHost;  ///< Empty: no proxy.
     TbString m_ProxyPort;  ///< Decimal text; "8080" when the settings name a proxy without a port.

@@ -12,7 +12,7 @@
 
 namespace {
 
-/// An identifier that a server chose names a file to be written: one that would leave its directory cannot be opened.
+/// A key id from the server names a file to be written: one that would leave its directory is refused.
 void requireWritable(TbString const& keyId) {
     if (!kvxNamesFileInDirectory(keyId)) {
         kvx::kSourceCtx.fail(KVX_E_FILE_NOT_FOUND, kvx::kLineUpdateOpen);

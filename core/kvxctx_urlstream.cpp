@@ -1,4 +1,4 @@
-// The one door to documents and answers: an HTTP or HTTPS URL is fetched, anything else is the path of a local file.
+// The stream behind documents and responses: fetches an HTTP or HTTPS URL, reads anything else as a local file.
 
 #include "core/kvxctx.h"
 #include "core/kvxctx_settings.h"

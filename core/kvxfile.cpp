@@ -58,7 +58,7 @@ bool isTemporaryName(char const* name) {
            std::strcmp(name + length - suffix, kTemporarySuffix) == 0;
 }
 
-/// Removes new files in `directory` whose writers died: a living writer holds a lock on its own.
+/// Removes temporary files of dead writers from `directory`: a living writer holds a lock on its file.
 void removeLeftovers(TbString const& directory) {
     Directory const entries(tbSystem().opendir(directory.c_str()));
     if (entries == nullptr) {
@@ -76,11 +76,11 @@ void removeLeftovers(TbString const& directory) {
     }
 }
 
-/// A new file beside the target. It is locked while it is written, and gone unless it took the target's name.
+/// A new file beside the target. Locked while it is written; removed unless it was renamed to the target.
 class TemporaryFile {
 public:
     TemporaryFile(TbString const& directory, mode_t mode) : m_File(-1) {
-        // A file that another process cleared away before it was locked is made anew.
+        // Another process may remove the file before it is locked; then another one is made.
         for (int attempt = 0; attempt < kAttempts && !create(directory, mode); ++attempt) {
         }
     }
@@ -106,7 +106,7 @@ public:
 private:
     static constexpr int kAttempts = 16;
 
-    /// False when another attempt may do.
+    /// False when another attempt may succeed.
     bool create(TbString const& directory, mode_t mode) {
         static std::atomic<unsigned> s_Number{0};
         char name[64];
@@ -157,7 +157,7 @@ KvxWriteResult writeInPlace(char const* path, void const* data, std::size_t byte
     return written && flushed && closed ? KvxWriteResult::kDone : KvxWriteResult::kCannotWrite;
 }
 
-/// Gives `file` the mode, and where it differs the owner, of the file it replaces.
+/// Sets the mode of `file`, and where it differs the owner, to those of the file it replaces.
 bool takeOverStatus(int file, struct ::stat const& old) {
     struct ::stat fresh = {};
     if (tbSystem().fstat(file, &fresh) != 0) {
@@ -185,7 +185,7 @@ KvxWriteResult replaceBeside(char const* path, void const* data, std::size_t byt
         if (mayWriteInPlace(error)) {
             return writeInPlace(path, data, bytes, mode);
         }
-        // A file that is there could be opened; it is the room for its new content that is missing.
+        // An existing file could be opened; only the room for its new content is missing.
         return old != nullptr && isOutOfSpace(error) ? KvxWriteResult::kCannotWrite : KvxWriteResult::kCannotOpen;
     }
     if (old != nullptr && !takeOverStatus(fresh.get(), *old)) {
@@ -195,8 +195,8 @@ KvxWriteResult replaceBeside(char const* path, void const* data, std::size_t byt
         return KvxWriteResult::kCannotWrite;
     }
     if (!fresh.renameTo(path)) {
-        // In a directory with the sticky bit a stranger's file may be written but not replaced; neither may a file that
-        // is a mount point, as containers have them.
+        // In a directory with the sticky bit, another user's file may be written but not replaced; the same holds for a
+        // mount point, which containers make of single files.
         return mayWriteInPlace(errno) || errno == EBUSY ? writeInPlace(path, data, bytes, mode)
                                                         : KvxWriteResult::kCannotWrite;
     }
@@ -211,7 +211,7 @@ bool KvxDescriptor::close() noexcept {
     }
     int const file = m_File;
     m_File = -1;
-    // Not repeated when interrupted: the descriptor is gone then.
+    // Not repeated when interrupted: the descriptor is closed then.
     return tbSystem().close(file) == 0 || errno == EINTR;
 }
 
@@ -229,7 +229,7 @@ KvxReadResult kvxReadFile(char const* path, TbStringStream& out) {
     if (!file.isOpen()) {
         return KvxReadResult::kCannotOpen;
     }
-    // The whole file at once where its size is known, so that no outgrown copy of a key stays in memory.
+    // Grown at once where the file's size is known, so that no outgrown copy of a key stays in memory.
     struct ::stat status = {};
     if (tbSystem().fstat(file.get(), &status) == 0 && status.st_size > 0 &&
         status.st_size < std::numeric_limits<std::int32_t>::max()) {
@@ -252,8 +252,8 @@ KvxReadResult kvxReadFile(char const* path, TbStringStream& out) {
 ssize_t kvxReadUpTo(int file, void* buffer, std::size_t bytes) noexcept {
     std::size_t done = 0;
     while (done < bytes) {
-        // A caller may name more room than the buffer has, and the system refuses a read that would reach past the end
-        // of all addresses. No read goes beyond the page it starts in, so only room that the file fills is ever named.
+        // A caller may pass a size larger than the buffer, and the system refuses a read past the end of all addresses.
+        // Each read ends with the page it starts in, so the system sees only room that the file fills.
         char* const next = static_cast<char*>(buffer) + done;
         std::size_t const restOfPage = kPage - (reinterpret_cast<std::uintptr_t>(next) & (kPage - 1));
         ssize_t const count =

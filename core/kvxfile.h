@@ -17,7 +17,7 @@ public:
     [[nodiscard]] int get() const noexcept { return m_File; }
     [[nodiscard]] bool isOpen() const noexcept { return m_File >= 0; }
 
-    /// Hands the descriptor to the caller.
+    /// Passes the descriptor to the caller.
     int release() noexcept {
         int const file = m_File;
         m_File = -1;
@@ -37,7 +37,7 @@ int kvxOpenForReading(char const* path) noexcept;
 enum class KvxReadResult {
     kDone,
     kCannotOpen,
-    kCannotRead,  ///< What was read before stands in the output.
+    kCannotRead,  ///< The output holds the part that was read.
 };
 
 /// Appends the whole file to `out`.
@@ -53,16 +53,16 @@ bool kvxWriteAll(int file, void const* data, std::size_t bytes) noexcept;
 enum class KvxWriteResult {
     kDone,
     kCannotOpen,   ///< Nothing was touched.
-    kCannotWrite,  ///< The old content stays where the file could be replaced as a whole. When the directory alone
-                   ///< could not be brought to disk, the new content stands and may not outlive a crash of the machine.
+    kCannotWrite,  ///< The old content stays where the file could be replaced as a whole. When only the directory
+                   ///< could not be synchronised, the new content is there and may not survive a crash of the machine.
 };
 
 /// Replaces the content of `path` by `bytes` bytes at `data`.
 ///
 /// A new file beside it takes its name once the data is on disk, so a reader, a kill or a full disk finds the old or
 /// the new content whole. Owner and mode of the old file are kept; a new one gets `mode` less the process's umask. A
-/// symbolic link is followed. Where the target is no regular file, or no file can be made beside it, it is written in
-/// place. Files that dead processes left behind in the directory go.
+/// symbolic link is followed. A target that is no regular file, or that no file can be made beside, is written in
+/// place. Temporary files of dead processes in the directory are removed.
 KvxWriteResult kvxReplaceFile(char const* path, void const* data, std::size_t bytes, mode_t mode);
 
 #endif

@@ -1,4 +1,4 @@
-/// Key identifiers that come from outside. Internal: not installed.
+/// Key ids from outside. Internal: not installed.
 #ifndef TALLOWIN_CORE_KVXIDENTIFIER_H
 #define TALLOWIN_CORE_KVXIDENTIFIER_H
 
@@ -6,8 +6,8 @@
 
 /// Whether `keyId`, used as a file name, stays in its directory: no "/", no zero byte, not "." or "..".
 ///
-/// A shopper's message or a server's answer names keys before any signature has been checked. No identifier that the
-/// system makes fails this.
+/// A shopper's message or a server's response names keys before any signature has been checked. Every key id that the
+/// component makes passes.
 inline bool kvxNamesFileInDirectory(TbString const& keyId) {
     if (keyId == TbString(".") || keyId == TbString("..")) {
         return false;

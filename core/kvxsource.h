@@ -1,4 +1,4 @@
-/// Where exceptions and trace records come from. Internal: not installed.
+/// Sources of exceptions and trace records. Internal: not installed.
 #ifndef TALLOWIN_CORE_KVXSOURCE_H
 #define TALLOWIN_CORE_KVXSOURCE_H
 

@@ -1,4 +1,4 @@
-/// Wiping of what may hold a private key. Internal: not installed.
+/// Wiping of memory that may hold a private key. Internal: not installed.
 #ifndef TALLOWIN_CORE_KVXWIPE_H
 #define TALLOWIN_CORE_KVXWIPE_H
 

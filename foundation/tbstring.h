@@ -1,6 +1,6 @@
 /// The string type, and null-tolerant replacements of the standard string routines.
 ///
-/// Its free functions are in the static archive only; libtallowin.so shows classes.
+/// Its free functions are in the static archive only; libtallowin.so exports classes.
 #ifndef TALLOWIN_FOUNDATION_TBSTRING_H
 #define TALLOWIN_FOUNDATION_TBSTRING_H
 

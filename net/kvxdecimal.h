@@ -1,4 +1,4 @@
-/// Decimal numbers in what servers and settings say. Internal: not installed.
+/// Decimal numbers in responses and settings. Internal: not installed.
 #ifndef TALLOWIN_NET_KVXDECIMAL_H
 #define TALLOWIN_NET_KVXDECIMAL_H
 

@@ -22,8 +22,8 @@ namespace {
 constexpr std::int32_t kStatusOk = 200;
 constexpr char kEndOfHeader[] = "\r\n\r\n";
 
-/// Prints foreign text between fixed ones, at once: the host program may keep buffers of its own. Nobody may be
-/// reading.
+/// Prints foreign text between fixed texts and flushes: the host program may have buffers of its own. The reader may
+/// have closed its end.
 void print(FILE* stream, char const* before, TbString const& text, char const* after) {
     SigPipeGuard const guard;
     static_cast<void>(std::fputs(before, stream));

@@ -1,6 +1,6 @@
 /// Host addresses, connections, the HTTP/1.0 session.
 ///
-/// Of its free functions libtallowin.so shows HttpRequest alone; the static archive has them all.
+/// Of its free functions libtallowin.so exports HttpRequest alone; the static archive has them all.
 #ifndef TALLOWIN_NET_KVXHTTP_H
 #define TALLOWIN_NET_KVXHTTP_H
 
@@ -22,20 +22,20 @@ struct ssl_st;
 /// bytes stay as they are. Requires: room for a `sockaddr_in`.
 ///
 /// Returns KVX_OK, or KVX_E_HTTP_NAME_LOOKUP with `address` untouched. "255.255.255.255" is such a failure. A port that
-/// is no number is 0; of a larger one the low 16 bits count. May run out of memory (TBFC_Exception). Blocks.
+/// is no number is 0; of a port above 65535 the low 16 bits count. May run out of memory (TBFC_Exception). Blocks.
 [[nodiscard]] std::int32_t MakeHostAddr(TbString const& host, TbString const& port, sockaddr* address);
 
 /// Resolves `host` (NUL-terminated, borrowed) and returns its first IPv4 address in network byte order, or 0xFFFFFFFF.
 ///
-/// Traces "DNS LOOKUP". Deliberate: a name that nobody knows leaves no trace; one that is known and has no address
-/// does. May run out of memory (TBFC_Exception). Blocks.
+/// Traces "DNS LOOKUP". Deliberate: an unknown name leaves no trace; a known name without an address does. May run out
+/// of memory (TBFC_Exception). Blocks.
 [[nodiscard]] std::uint32_t HttpHostByName(char const* host);
 
 /// A byte pipe to one peer, owned by the session that uses it.
 ///
 /// Life: made without a socket; `Connect`, or `Attach` of another connection's socket; `Setup`; one `Write`; `Read`
-/// until 0 or -1; `Disconnect`; destroyed. Destroying it does not close the socket: whoever ends a connection takes the
-/// descriptor with `Detach` and closes it. Everything blocks, without any limit of time. One thread at a time.
+/// until 0 or -1; `Disconnect`; destroyed. Destroying it does not close the socket: to end a connection, take the
+/// descriptor with `Detach` and close it. Everything blocks, without a timeout. One thread at a time.
 /// No operation throws, save for memory exhaustion (TBFC_Exception). No write raises SIGPIPE.
 class KVX_EXPORT KVX_Connection {
 public:
@@ -55,7 +55,7 @@ public:
     /// Returns how many were received, cut or not; 0 when the peer has finished; -1 on failure, `into` untouched.
     virtual std::int32_t Read(TbStringStream& into) = 0;
 
-    /// Sends all that `from` holds, whatever has been read of it; bytes behind its first zero byte go out as zeros.
+    /// Sends the whole text of `from`, read or not; bytes behind its first zero byte are sent as zeros.
     /// A negative result is a failure.
     virtual std::int32_t Write(TbStringStream& from) = 0;
 
@@ -68,7 +68,7 @@ public:
     /// Gives up the socket and returns its descriptor; -1 when there is none.
     virtual int Detach() = 0;
 
-    /// What is left to do on a connected socket. Returns KVX_OK or a code.
+    /// Finishes the set-up of a connected socket. Returns KVX_OK or a code.
     virtual std::int32_t Setup() = 0;
 
     /// Raise KVX_E_OUT_OF_MEMORY (TBFC_Exception) instead of std::bad_alloc.
@@ -129,7 +129,7 @@ public:
     int Detach() override;
 
     /// Runs the handshake. Traces "USE SSL"; a failure prints "SSL ERROR: connect failed" to standard output.
-    /// Deliberate: a peer that ends cleanly instead of shaking hands is no failure; the next operation finds out.
+    /// Deliberate: a peer that closes cleanly instead of shaking hands is no failure; the next operation fails.
     std::int32_t Setup() override;
 
 private:
@@ -155,7 +155,7 @@ private:
     int m_Reason = 0;                                        ///< Its reason number, 0 when there is none.
 };
 
-/// Everything one session needs to know.
+/// The input of one session.
 struct KVX_EXPORT KVX_RequestInfo : URL_INFO {
     TbString proxyHost;     ///< Empty: no proxy.
     TbString proxyPort;     ///< Decimal text.
@@ -163,10 +163,10 @@ struct KVX_EXPORT KVX_RequestInfo : URL_INFO {
     TbString traceOptions;  ///< With "rawhttp" in it request and response are printed to standard output.
 };
 
-/// One HTTP/1.0 GET exchange, in five steps to be called once each and in order.
+/// One HTTP/1.0 GET exchange in five steps, each called once and in order.
 ///
-/// Every step throws KVX_Exception: KVX_E_HTTP_STATE when it is not its turn, else as it says. The session ends with
-/// its destruction, after whatever step, which closes the connection. One thread at a time.
+/// Every step throws KVX_Exception: KVX_E_HTTP_STATE when called out of order, else its own codes. Destroying the
+/// session, after any step, closes the connection. One thread at a time.
 class KVX_EXPORT KVX_HttpSession {
 public:
     /// `request` is borrowed for the session's life.
@@ -176,8 +176,9 @@ public:
     virtual ~KVX_HttpSession();
 
     /// Connects to the host or the proxy, tunnels and shakes hands as the scheme needs.
-    /// KVX_E_HTTP_NAME_LOOKUP before KVX_E_HTTP_UNKNOWN_SCHEME, what the connection reports, and for a tunnel
-    /// KVX_E_HTTP_BAD_REPLY or KVX_E_HTTP_FAMILY | the proxy's status. A proxy's reply goes to standard error always.
+    /// KVX_E_HTTP_NAME_LOOKUP before KVX_E_HTTP_UNKNOWN_SCHEME, the codes of the connection, and for a tunnel
+    /// KVX_E_HTTP_BAD_REPLY or KVX_E_HTTP_FAMILY | the proxy's status. A proxy's reply is always printed to standard
+    /// error.
     void ConnectNetwork();
 
     /// Builds the request text.
@@ -186,14 +187,14 @@ public:
     /// Sends it.
     void SendRequest();
 
-    /// Receives until the peer has finished, without any limit.
+    /// Receives until the peer closes, without a limit.
     void ReceiveResponse();
 
     /// Appends the body of the response to `out`.
     /// KVX_E_HTTP_BAD_REPLY: no status, or no end of header in a 200 reply. KVX_E_HTTP_FAMILY | status: any but 200.
     void ExtractResponse(TbStringStream& out);
 
-    /// How the component names itself. On the wire. Do not change.
+    /// The component's name in requests. On the wire. Do not change.
     static char const* const m_UserAgent;
 
     /// Raise KVX_E_OUT_OF_MEMORY (TBFC_Exception) instead of std::bad_alloc.
@@ -206,7 +207,7 @@ protected:
         void operator()(KVX_Connection* connection) const noexcept;
     };
 
-    /// What has been done so far; each step requires its predecessor's.
+    /// The steps done so far; each step requires its predecessor's state.
     enum State : int { kCreated = 0, kConnected = 1, kBuilt = 2, kSent = 3, kReceived = 4 };
 
     void ProxyConnect();
@@ -225,8 +226,8 @@ private:
     void requireKnownScheme(long line) const;
 };
 
-/// Runs a whole session over `request`, without proxy and trace, and appends the body of the answer to `out`.
-/// Throws what the steps of KVX_HttpSession throw. Traces "URL OPEN". Blocks.
+/// Runs a whole session over `request`, without proxy and trace, and appends the body of the response to `out`.
+/// Throws the exceptions of the steps of KVX_HttpSession. Traces "URL OPEN". Blocks.
 void HttpSession(URL_INFO const& request, TbStringStream& out);
 
 /// The same with the proxy and the trace options that `request` names.

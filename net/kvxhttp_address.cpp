@@ -13,12 +13,12 @@
 
 namespace {
 
-/// What address look-ups answer for "none".
+/// The result of address look-ups without an address.
 constexpr std::uint32_t kNoAddress = 0xFFFFFFFFU;
 
 constexpr std::size_t kFirstLookupBuffer = 1024;
 
-/// The resolver's answer for a name, with the memory that it lies in.
+/// The resolver's result for a name, with its memory.
 class HostEntry {
 public:
     explicit HostEntry(char const* host) {
@@ -66,7 +66,8 @@ std::uint32_t HttpHostByName(char const* host) {
 }
 
 std::int32_t MakeHostAddr(TbString const& host, TbString const& port, sockaddr* address) {
-    // Deliberate: the old, generous reader of addresses ("127.1" and "1" are some), whose failure is all bits set.
+    // Deliberate: the old, lenient reader of addresses ("127.1" and "1" are valid), which returns all bits set on
+    // failure.
     std::uint32_t ip = ::inet_addr(host.c_str());
     if (ip == kNoAddress) {
         ip = HttpHostByName(host.c_str());

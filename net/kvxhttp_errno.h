@@ -2,8 +2,7 @@
 #ifndef TALLOWIN_NET_KVXHTTP_ERRNO_H
 #define TALLOWIN_NET_KVXHTTP_ERRNO_H
 
-/// The number that BSD systems give to the system's error `number`. Numbers without a place among the socket errors
-/// pass as they are.
+/// The number that BSD systems give to the system's error `number`. Numbers that are no socket errors pass unchanged.
 [[nodiscard]] int BsdErrno(int number) noexcept;
 
 #endif

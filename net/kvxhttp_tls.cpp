@@ -22,12 +22,12 @@ namespace {
 /// How much of a reason number fits beside the family.
 constexpr int kReasonMask = 0xFFF;
 
-/// Whether a failed call only wants to be made again. The socket blocks, so nothing but a signal makes it ask.
+/// Whether a failed call only needs repeating. The socket blocks, so only a signal causes that.
 bool wasInterrupted(int kind, int failure) {
     return (kind == SSL_ERROR_WANT_READ || kind == SSL_ERROR_WANT_WRITE) && failure == EINTR;
 }
 
-/// Whether the peer has ended the connection in good order, with or without saying so.
+/// Whether the peer has closed the connection cleanly, with or without a close notification.
 bool isCleanEnd(int kind, int reason) {
     return kind == SSL_ERROR_ZERO_RETURN || (kind == SSL_ERROR_SSL && reason == SSL_R_UNEXPECTED_EOF_WHILE_READING);
 }
@@ -54,11 +54,11 @@ SslConnection::SslConnection() {
 
 SslConnection::~SslConnection() = default;
 
-/// Makes one call on the TLS session and records why it failed. The result is that of the call, -1 for every negative
+/// Makes one call on the TLS session and records why it failed. Returns the result of the call; -1 for every negative
 /// one and without a session.
 ///
-/// The queue of the TLS library is per thread and others leave entries in it, so it is emptied before each call. What
-/// decides is the result alone.
+/// The error queue of the TLS library is per thread and other code leaves entries in it, so it is emptied before each
+/// call. The result alone decides.
 template <class Call>
 int SslConnection::run(Call call) {
     if (m_Session == nullptr) {
@@ -111,7 +111,7 @@ std::int32_t SslConnection::Read(TbStringStream& into) {
 
 std::int32_t SslConnection::Write(TbStringStream& from) {
     TbMemoryHolder copy = CopyForSending(from.str());
-    // One call takes no more than an int can say; what is longer becomes negative there and is refused.
+    // One call takes an int; a longer text becomes a negative length and is refused.
     auto const length = static_cast<int>(from.length());
     m_LastResult = run([&](SSL* session) { return SSL_write(session, copy.get(), length); });
     int const failure = errno;
@@ -157,7 +157,7 @@ std::int32_t SslConnection::Setup() {
         return KVX_OK;
     }
     int const failure = errno;
-    SigPipeGuard const guard;  // nobody may be reading
+    SigPipeGuard const guard;  // the reader may have closed its end
     static_cast<void>(std::printf("%s\n", "SSL ERROR: connect failed"));
     static_cast<void>(std::fflush(stdout));
     errno = failure;

@@ -17,7 +17,7 @@ sigset_t onlySigPipe() {
     return set;
 }
 
-/// Waits until a connect that a signal interrupted is over, and returns how it ended.
+/// Waits for the end of a connect that a signal interrupted, and returns its result.
 int finishConnect(int socket) {
     pollfd waiting = {socket, POLLOUT, 0};
     if (tbRetryInterrupted([&waiting] { return tbSystem().poll(&waiting, 1, -1); }) == -1) {

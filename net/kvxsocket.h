@@ -1,4 +1,4 @@
-/// Sockets, and the signal that writing to one may raise. Internal: not installed.
+/// Sockets, and the signal that writing to them may raise. Internal: not installed.
 #ifndef TALLOWIN_NET_KVXSOCKET_H
 #define TALLOWIN_NET_KVXSOCKET_H
 
@@ -12,7 +12,7 @@ struct sockaddr;
 /// A new TCP socket, closed on exec; -1 and `errno` on failure.
 [[nodiscard]] int MakeSocket() noexcept;
 
-/// Connects `socket` to `address`; -1 and `errno` on failure. A signal does not end it.
+/// Connects `socket` to `address`; -1 and `errno` on failure. Continues after a signal.
 [[nodiscard]] int ConnectSocket(int socket, sockaddr const* address) noexcept;
 
 /// The bytes to send for `text`: all of it, with zeros from its first zero byte on.

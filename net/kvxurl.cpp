@@ -23,7 +23,7 @@ bool takeUpTo(char const* ends, char const* from, char const*& at, TbString& fie
     return true;
 }
 
-/// Whether an "@" stands before the first "?".
+/// Whether there is an "@" before the first "?".
 bool hasUserInformation(char const* authority) {
     return authority[std::strcspn(authority, "@?")] == '@';
 }
@@ -64,7 +64,7 @@ std::int32_t SplitUrl(TbString const& url, URL_INFO& info) {
         return kReachedEnd;
     }
 
-    // Deliberate: the first character of the authority is never examined, whatever it is.
+    // Deliberate: the first character of the authority is never examined.
     char const* mark = at++;
     if (hasUserInformation(mark)) {
         if (!takeUpTo(":", mark, at, info.user)) {

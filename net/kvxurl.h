@@ -1,6 +1,6 @@
 /// URLs and encodings.
 ///
-/// Of its free functions libtallowin.so shows UrlEncode alone; the static archive has them all.
+/// Of its free functions libtallowin.so exports UrlEncode alone; the static archive has them all.
 #ifndef TALLOWIN_NET_KVXURL_H
 #define TALLOWIN_NET_KVXURL_H
 
@@ -23,19 +23,20 @@ struct KVX_EXPORT URL_INFO {
 /// Splits `url` into `info`, which it does not empty first.
 ///
 /// Returns nonzero (all bits set) when the end of the text was reached, 0 when the scheme or the "//" is malformed;
-/// `info` keeps what was filled so far. A nonzero result does not promise a host: a URL that ends inside the authority,
-/// or whose user has no password, leaves the later fields empty. Letters and digits are those of the current locale.
+/// `info` keeps the fields filled so far. A nonzero result does not promise a host: a URL that ends inside the
+/// authority, or whose user has no password, leaves the later fields empty. Letters and digits are those of the current
+/// locale.
 std::int32_t SplitUrl(TbString const& url, URL_INFO& info);
 
 /// Whether `url` begins with "http:" or with "https".
-/// Deliberate: the colon after "https" is not looked at; upper case is not accepted.
+/// Deliberate: the colon after "https" is not checked; upper case is not accepted.
 bool IsHttp(TbString const& url);
 
-/// Percent-encodes what `in` holds from its read position, up to its end or a zero byte, onto `out`: letters and digits
-/// of the current locale pass, all else becomes "%" and two lower-case hexadecimal digits. Both borrowed.
+/// Percent-encodes `in` from its read position to its end or a zero byte and appends to `out`: letters and digits of
+/// the current locale pass, all other bytes become "%" and two lower-case hexadecimal digits. Both borrowed.
 KVX_EXPORT void UrlEncode(TbStringStream* in, TbStringStream* out);
 
-/// Encodes what `in` holds from its read position onto `out` in the Base64 alphabet. Both borrowed.
+/// Encodes `in` from its read position in the Base64 alphabet and appends to `out`. Both borrowed.
 /// Deliberate: the input ends at a zero byte or one of 0x80 and above; there is never "=": missing bits are zero, and
 /// an input whose length divides by three gets "AAAA" on top.
 void Base64Encode(TbStringStream* in, TbStringStream* out);

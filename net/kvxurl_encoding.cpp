@@ -6,7 +6,7 @@ char const base64_table[65] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvw
 
 namespace {
 
-/// The bytes of a stream for Base64Encode. The end, once met, is the end for good; every byte behind it is 0.
+/// The bytes of a stream for Base64Encode. After the end every byte is 0.
 class SevenBitReader {
 public:
     explicit SevenBitReader(TbStringStream& in) : m_In(in) {}
@@ -47,7 +47,7 @@ void UrlEncode(TbStringStream* in, TbStringStream* out) {
 
 void Base64Encode(TbStringStream* in, TbStringStream* out) {
     SevenBitReader reader(*in);
-    // Deliberate: the end is looked for behind a whole group only, so there is always one that holds it.
+    // Deliberate: the end is checked after a whole group only, so there is always a group that holds it.
     while (!reader.hasEnded()) {
         unsigned const first = reader.next();
         unsigned const second = reader.next();

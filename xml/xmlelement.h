@@ -1,6 +1,6 @@
 /// The element tree that every document and message lives in.
 ///
-/// Its free functions are in the static archive only; libtallowin.so shows classes.
+/// Its free functions are in the static archive only; libtallowin.so exports classes.
 #ifndef TALLOWIN_XML_XMLELEMENT_H
 #define TALLOWIN_XML_XMLELEMENT_H
 

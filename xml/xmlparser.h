@@ -1,6 +1,6 @@
 /// Text to element trees: a table-driven state machine for a narrow dialect of XML.
 ///
-/// Its free functions are in the static archive only; libtallowin.so shows classes.
+/// Its free functions are in the static archive only; libtallowin.so exports classes.
 #ifndef TALLOWIN_XML_XMLPARSER_H
 #define TALLOWIN_XML_XMLPARSER_H
 

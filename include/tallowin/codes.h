@@ -1,9 +1,9 @@
 /* Result codes: signed 32-bit values, the same in C, C++ and Java. Success is exactly 0.
  *
- * Every failure of the component has the top bit set. Two things follow that a caller must know:
- *  - Directory creation reports the operating system's own errno, a small POSITIVE number. So test for `!= KVX_OK`,
- *    never for `< 0`.
- *  - The three families below carry a number of their own in the low 12 bits (HTTP status, socket error, TLS reason).
+ * The component's own failures have the top bit set. A directory that cannot be created is reported with the operating
+ * system's errno instead, a small POSITIVE number. So test for `!= KVX_OK`, never for `< 0`.
+ *
+ * The three families below carry a number of their own in the low 12 bits: HTTP status, socket error, TLS reason.
  *
  * The numbers are published. Do not change.
  */

@@ -1,4 +1,4 @@
-/* What libtallowin.so shows to its users. Everything that is not marked stays inside the library. */
+/* Marks the names that libtallowin.so exports. Everything else stays inside the library. */
 #ifndef TALLOWIN_EXPORT_H
 #define TALLOWIN_EXPORT_H
 

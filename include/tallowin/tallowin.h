@@ -1,12 +1,12 @@
 /* Tallowin: the merchant's side of a hosted payment. The flat functions, plain C99.
  *
- * Three kinds of objects, each known by a handle:
+ * Three kinds of objects, each used through a handle:
  *
  *   configuration setup   prepares the configuration directory of one merchant account
  *   message factory       makes payment messages and verifies confirmations for one directory
  *   message object        one message: its attributes, its payment URL, its requests to the server
  *
- * What holds for all functions, and is not repeated below:
+ * These rules hold for all functions and are not repeated below:
  *
  * RESULT     KVX_OK (exactly 0) or a result code; <tallowin/codes.h> names them. Test for `!= KVX_OK`, never for `< 0`:
  *            functions that open a directory may return the system's errno, a small positive number, when it cannot be
@@ -58,8 +58,8 @@ KVX_EXPORT char const* KVX_GetVersion(void);
  * `buffer`  receives the text, cut to `*size` - 1 bytes when it is smaller, always terminated. May be null.
  *
  * Returns 1; 0 for a code without a text (so for 0) or a null `size`, touching nothing. With a size of 0 or less
- * nothing is copied and `*size` still tells the need. Unlike the functions below it cuts instead of refusing. Any
- * thread. */
+ * nothing is copied and `*size` still receives the need. Unlike the functions below it cuts a long text instead of
+ * refusing. Any thread. */
 KVX_EXPORT int KVX_GetErrorStringFromResult(int32_t code, int32_t* size, char* buffer);
 
 /* ---- Configuration setup ---------------------------------------------------------------------------------------- */
@@ -67,21 +67,22 @@ KVX_EXPORT int KVX_GetErrorStringFromResult(int32_t code, int32_t* size, char* b
 /* A new object without a directory. Null when memory is exhausted. */
 KVX_EXPORT KVX_HANDLE CreateConfigurationSetup(void);
 
-/* Destroys the object. Null and anything that is no living configuration setup are ignored. */
+/* Destroys the object. Ignores null and anything that is no living configuration setup. */
 KVX_EXPORT void DestroyConfigurationSetup(KVX_HANDLE handle);
 
 /* Chooses the configuration directory, "" for the current one, and creates it when its parent exists. Files.
- * Comes first: until then every other call but SetOption fails with KVX_E_NO_CONTEXT. */
+ * Call it first: until then every other call but SetOption fails with KVX_E_NO_CONTEXT. */
 KVX_EXPORT int32_t ConfigurationSetup_SetConfiguration(KVX_HANDLE handle, char const* path);
 
 /* Registers with the payment server: loads the account's configuration and defaults, imports the server's key, makes a
  * new key pair and publishes its public half. Files, network.
  *
- * `url`       address of the server's configuration service, with a "/" after the host; "" keeps the known one.
+ * `url`       address of the server's configuration service, with a "/" after the host; "" uses the option
+ *             "VTAUTOURL", else the address in "config.xml".
  * `user`, `password`  the account's credentials; they travel inside request addresses.
  *
- * KVX_E_NO_CONFIGURATION when no address is known; KVX_E_SERVER_ERROR when the server refuses; the socket, TLS and HTTP
- * codes. What earlier steps wrote stays; the current key changes last. */
+ * KVX_E_NO_CONFIGURATION when there is no address; KVX_E_SERVER_ERROR when the server refuses; the socket, TLS and HTTP
+ * codes. Files written by earlier steps stay; the current key changes last. */
 KVX_EXPORT int32_t ConfigurationSetup_Reconfigure(KVX_HANDLE handle, char const* url, char const* user,
                                                   char const* password);
 
@@ -103,10 +104,10 @@ KVX_EXPORT int32_t ConfigurationSetup_SetAttribute(KVX_HANDLE handle, char const
 /* A new factory without a directory. Null when memory is exhausted. */
 KVX_EXPORT KVX_HANDLE CreateMessageFactory(void);
 
-/* Destroys the factory; its messages live on. Null and anything that is no living factory are ignored. */
+/* Destroys the factory; its messages live on. Ignores null and anything that is no living factory. */
 KVX_EXPORT void DestroyMessageFactory(KVX_HANDLE handle);
 
-/* Notes the configuration directory. Nothing is read: a wrong path shows at the first creating call. */
+/* Stores the path of the configuration directory. Reads nothing: a wrong path fails at the first creating call. */
 KVX_EXPORT int32_t MessageFactory_Open(KVX_HANDLE handle, char const* path);
 
 /* A new payment: type "PayInit", a fresh "TOKEN", the account's defaults, "EXPIRATION". Files.
@@ -119,8 +120,8 @@ KVX_EXPORT int32_t MessageFactory_CreatePayInit(KVX_HANDLE handle, KVX_HANDLE* o
  * `*out`               receives a message object, owned by the caller.
  *
  * KVX_OK says only that a key of the directory signed this text. ANY message type passes, also the merchant's own
- * payment messages, which the shopper has seen. So go on to check, before goods leave the house: "MSGTYPE" is
- * "PayConfirm"; "TOKEN" is the token of this very order, not yet used; amount and currency are the order's.
+ * payment messages, which the shopper has seen. So check before the goods are shipped: "MSGTYPE" is "PayConfirm";
+ * "TOKEN" is the token of this very order, not yet used; amount and currency are the order's.
  *
  * KVX_E_INVALID_FORMAT, KVX_E_MISSING_SIGNATURE, KVX_E_NO_KEY_ID, KVX_E_NOT_FOUND (unknown key), KVX_E_INVALID_KEY,
  * KVX_E_INVALID_SIGNATURE. */
@@ -141,7 +142,7 @@ KVX_EXPORT int32_t MessageFactory_CreateRequest(KVX_HANDLE handle, char const* t
 /* A new, empty object. Null when memory is exhausted. */
 KVX_EXPORT KVX_HANDLE CreateMessageObject(void);
 
-/* Destroys the object. Null and anything that is no living message object are ignored. */
+/* Destroys the object. Ignores null and anything that is no living message object. */
 KVX_EXPORT void DestroyMessageObject(KVX_HANDLE handle);
 
 /* Binds the object to a configuration directory; it then holds a message of type "ERROR" until it is filled. Files.
@@ -154,17 +155,17 @@ KVX_EXPORT int32_t MessageObject_SetAttribute(KVX_HANDLE handle, char const* nam
 /* Copies the value of an attribute. KVX_E_NOT_FOUND, leaving `*size` alone. KVX_E_UNEXPECTED: no message yet. */
 KVX_EXPORT int32_t MessageObject_GetAttribute(KVX_HANDLE handle, char const* name, int32_t* size, char* buffer);
 
-/* Copies the signed payment URL, to which the shopper's browser is sent. Sends nothing itself. Files.
+/* Copies the signed payment URL for the shopper's browser. Sends nothing itself. Files.
  * KVX_E_UNEXPECTED: not a message that a factory's Create function made. KVX_E_NO_CONFIGURATION: no "VTURL". */
 KVX_EXPORT int32_t MessageObject_GetURL(KVX_HANDLE handle, int32_t* size, char* buffer);
 
-/* Sends the message, signed, to the capture address and requires a "PayConfirm" answer. Files, network.
+/* Sends the message, signed, to the capture address and requires a "PayConfirm" response. Files, network.
  * KVX_E_NO_CONFIGURATION: no "CAPTUREURL". KVX_E_UNEXPECTED: no "TOKEN". KVX_E_SERVER_ERROR, KVX_E_WRONG_RESPONSE, the
- * socket, TLS and HTTP codes: after these the payment may have been captured all the same; ask the server. */
+ * socket, TLS and HTTP codes: after these the payment may have been captured all the same; query the server. */
 KVX_EXPORT int32_t MessageObject_Capture(KVX_HANDLE handle);
 
 /* Sends the message, signed, as a request of its type T: T + "Request"; requires T + "Response". Files, network.
- * `*out` receives the answer, owned by the caller. Codes as MessageObject_Capture.
+ * `*out` receives the response, owned by the caller. Codes as MessageObject_Capture.
  * Deliberate: this object's type stays T + "Request", so it is sent once only. */
 KVX_EXPORT int32_t MessageObject_Execute(KVX_HANDLE handle, KVX_HANDLE* out);
 

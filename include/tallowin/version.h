@@ -1,4 +1,4 @@
-/* The version of these headers. KVX_GetVersion() tells that of the library in use. */
+/* The version of these headers. KVX_GetVersion() returns the version of the library in use. */
 #ifndef TALLOWIN_VERSION_H
 #define TALLOWIN_VERSION_H
 
