@@ -46,4 +46,57 @@ TEST(TbSystem, ReachesTheOperatingSystem) {
     EXPECT_EQ(tbSystem().close(file), 0);
 }
 
+int g_Closed = -1;
+
+/// Puts a table back at the end of a test.
+class TableGuard {
+public:
+    TableGuard() : m_Before(tbSystem()) {}
+    TableGuard(TableGuard const&) = delete;
+    TableGuard& operator=(TableGuard const&) = delete;
+    ~TableGuard() { tbSystem() = m_Before; }
+
+private:
+    TbSystemCalls m_Before;
+};
+
+TEST(TbAwayFromStandardStreams, LeavesOtherNumbersAndFailuresAlone) {
+    TableGuard const guard;
+    tbSystem().dupFrom = [](int, int) { return 99; };
+    for (int const file : {-1, 3, 4, 1000}) {
+        EXPECT_EQ(tbAwayFromStandardStreams(file), file);
+    }
+}
+
+TEST(TbAwayFromStandardStreams, MovesTheFirstThreeNumbersAndClosesThem) {
+    TableGuard const guard;
+    tbSystem().dupFrom = [](int, int least) { return least + 4; };
+    tbSystem().close = [](int file) {
+        g_Closed = file;
+        return 0;
+    };
+    for (int const file : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        g_Closed = -1;
+        EXPECT_EQ(tbAwayFromStandardStreams(file), 7);
+        EXPECT_EQ(g_Closed, file);
+    }
+}
+
+TEST(TbAwayFromStandardStreams, ReportsThatNoNumberIsFreeAndClosesTheFile) {
+    TableGuard const guard;
+    tbSystem().dupFrom = [](int, int) {
+        errno = EMFILE;
+        return -1;
+    };
+    tbSystem().close = [](int file) {
+        g_Closed = file;
+        errno = EIO;
+        return -1;
+    };
+    g_Closed = -1;
+    EXPECT_EQ(tbAwayFromStandardStreams(STDOUT_FILENO), -1);
+    EXPECT_EQ(errno, EMFILE);
+    EXPECT_EQ(g_Closed, STDOUT_FILENO);
+}
+
 }  // namespace

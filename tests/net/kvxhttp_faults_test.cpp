@@ -175,6 +175,26 @@ TEST(ConnectFaults, ReportsAnInterruptedConnectWithoutASocket) {
     endConnection(connection);
 }
 
+TEST(ConnectFaults, ReportsThatTheEndOfAnInterruptedConnectCannotBeFound) {
+    RawServer const server(kAnswer);
+    {
+        SystemCalls system;
+        system->connect = &interruptedConnect;
+        system->poll = [](pollfd*, nfds_t, int) {
+            errno = ENOBUFS;
+            return -1;
+        };
+        EXPECT_EQ(bits(thrown([&] { fetch(plainUrl(server, "/")); }).m_Code), 0x80043037U);
+    }
+    SystemCalls system;
+    system->connect = &interruptedConnect;
+    system->getsockopt = [](int, int, int, void*, socklen_t*) {
+        errno = ENOPROTOOPT;
+        return -1;
+    };
+    EXPECT_EQ(bits(thrown([&] { fetch(plainUrl(server, "/")); }).m_Code), 0x8004302AU);
+}
+
 TEST(SendFaults, ReportsEveryErrorByItsPublishedNumber) {
     struct {
         int m_Errno;
