@@ -17,7 +17,7 @@
 #include "sandbox/service/protocol.h"
 #include "sandbox/service/site.h"
 #include "sandbox/store/datadirectory.h"
-#include "sandbox/text/refusal.h"
+#include "sandbox/text/httperror.h"
 #include "sandbox/text/wiretext.h"
 
 namespace sandbox {
@@ -29,7 +29,7 @@ constexpr int kFormKeyBytes = 16;
 
 HttpReply dispatch(Site const& site, HttpRequest const& request) {
     if (request.m_Method == "HEAD") {
-        throw Refusal("HEAD is not answered here, because every request counts", 405);
+        throw HttpError("HEAD is not answered here, because every request counts", 405);
     }
     if (std::optional<HttpReply> reply = answerProtocol(site, request)) {
         return *reply;
@@ -43,14 +43,14 @@ HttpReply dispatch(Site const& site, HttpRequest const& request) {
     if (request.m_Method == "GET" && request.m_Path == "/returned") {
         return returnedPage(request);
     }
-    throw Refusal("There is nothing here.", 404);
+    throw HttpError("There is nothing here.", 404);
 }
 
 HttpReply answer(Site const& site, HttpRequest const& request) noexcept {
     try {
         return dispatch(site, request);
-    } catch (Refusal const& refusal) {
-        return {refusal.status(), "text/plain; charset=utf-8", std::string(refusal.what()) + "\n"};
+    } catch (HttpError const& error) {
+        return {error.status(), "text/plain; charset=utf-8", std::string(error.what()) + "\n"};
     } catch (std::exception const& failure) {
         return failureReply(failure.what());
     }

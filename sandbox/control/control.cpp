@@ -6,7 +6,7 @@
 #include "sandbox/control/controlguards.h"
 #include "sandbox/control/controljson.h"
 #include "sandbox/control/controlroutes.h"
-#include "sandbox/text/refusal.h"
+#include "sandbox/text/httperror.h"
 
 namespace sandbox {
 
@@ -75,7 +75,7 @@ HttpReply answerRoute(Site const& site, HttpRequest const& request) {
         allowed += (allowed.empty() ? "" : ", ") + std::string(route.m_Method);
     }
     if (allowed.empty()) {
-        throw Refusal("there is nothing at " + request.m_Path, kNotFound);
+        throw HttpError("there is nothing at " + request.m_Path, kNotFound);
     }
     HttpReply reply = errorReply(kMethodNotAllowed, request.m_Path + " knows " + allowed + ", not " + request.m_Method);
     reply.m_Allow = allowed;
@@ -90,8 +90,8 @@ std::optional<HttpReply> answerControl(Site const& site, HttpRequest const& requ
     }
     try {
         return answerRoute(site, request);
-    } catch (Refusal const& refusal) {
-        return errorReply(refusal.status(), refusal.what());
+    } catch (HttpError const& error) {
+        return errorReply(error.status(), error.what());
     } catch (std::exception const& failure) {
         return errorReply(kFailed, std::string("the sandbox failed: ") + failure.what());
     }

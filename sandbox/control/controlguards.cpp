@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <string>
 
-#include "sandbox/text/refusal.h"
+#include "sandbox/text/httperror.h"
 
 namespace sandbox {
 
@@ -33,8 +33,8 @@ std::string nameOf(std::string const& host) {
 void refuseForeignHost(HttpRequest const& request) {
     std::string const name = lowerCase(nameOf(request.m_Host));
     if (!request.m_Host.empty() && name != "127.0.0.1" && name != "localhost") {
-        throw Refusal("This service answers under 127.0.0.1 and localhost, not under '" + request.m_Host + "'.",
-                      kForbidden);
+        throw HttpError("This service answers under 127.0.0.1 and localhost, not under '" + request.m_Host + "'.",
+                        kForbidden);
     }
 }
 
@@ -42,7 +42,7 @@ void requireJson(HttpRequest const& request) {
     std::string type = lowerCase(request.m_ContentType.substr(0, request.m_ContentType.find(';')));
     type.erase(type.find_last_not_of(" \t") + 1);
     if (type != "application/json") {
-        throw Refusal("the request must have the header Content-Type: application/json", kUnsupportedMediaType);
+        throw HttpError("the request must have the header Content-Type: application/json", kUnsupportedMediaType);
     }
 }
 

@@ -4,7 +4,7 @@
 #include <limits>
 #include <utility>
 
-#include "sandbox/text/refusal.h"
+#include "sandbox/text/httperror.h"
 #include "sandbox/text/wiretext.h"
 
 namespace sandbox {
@@ -60,9 +60,9 @@ json parse(std::string const& body) {
     try {
         return json::parse(body);
     } catch (json::parse_error const& error) {
-        throw Refusal("the body is not JSON, as byte " + std::to_string(error.byte) + " shows");
+        throw HttpError("the body is not JSON, as byte " + std::to_string(error.byte) + " shows");
     } catch (json::out_of_range const&) {
-        throw Refusal("the body holds a number beyond all range");
+        throw HttpError("the body holds a number beyond all range");
     }
 }
 
@@ -170,11 +170,11 @@ json faultKindJson(FaultKindRow const& row) {
 json readObject(std::string const& body, std::vector<std::string> const& allowed) {
     json object = parse(body);
     if (!object.is_object()) {
-        throw Refusal("the body is not a JSON object");
+        throw HttpError("the body is not a JSON object");
     }
     for (auto const& [name, value] : object.items()) {
         if (std::find(allowed.begin(), allowed.end(), name) == allowed.end()) {
-            throw Refusal("there is no member '" + name + "' here");
+            throw HttpError("there is no member '" + name + "' here");
         }
     }
     return object;
@@ -183,7 +183,7 @@ json readObject(std::string const& body, std::vector<std::string> const& allowed
 std::string requireText(json const& object, std::string const& name) {
     auto const found = object.find(name);
     if (found == object.end() || !found->is_string()) {
-        throw Refusal("the member '" + name + "' must be there and a string");
+        throw HttpError("the member '" + name + "' must be there and a string");
     }
     return found->get<std::string>();
 }
@@ -193,7 +193,7 @@ std::int64_t requireNumber(json const& object, std::string const& name) {
     constexpr auto kLargest = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
     if (found == object.end() || !found->is_number_integer() ||
         (found->is_number_unsigned() && found->get<std::uint64_t>() > kLargest)) {
-        throw Refusal("the member '" + name + "' must be there and a whole number of at most 64 bits");
+        throw HttpError("the member '" + name + "' must be there and a whole number of at most 64 bits");
     }
     return found->get<std::int64_t>();
 }
@@ -212,7 +212,7 @@ Fault readFault(std::string const& body) {
             continue;
         }
         if (!member.m_Fits(*found)) {
-            throw Refusal(std::string("the member '") + member.m_Name + "' must be " + member.m_Type);
+            throw HttpError(std::string("the member '") + member.m_Name + "' must be " + member.m_Type);
         }
         fields.emplace_back(member.m_Name, found->is_string() ? found->get<std::string>() : found->dump());
     }

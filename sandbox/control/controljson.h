@@ -32,14 +32,14 @@ nlohmann::json exchangeJson(Exchange const& exchange);
 nlohmann::json faultJson(ArmedFault const& armed);
 nlohmann::json faultKindJson(FaultKindRow const& row);
 
-/// The object that `body` holds. Throws Refusal when it holds anything else, or a member that is not in `allowed`.
+/// The object that `body` holds. Throws HttpError when it holds anything else, or a member that is not in `allowed`.
 nlohmann::json readObject(std::string const& body, std::vector<std::string> const& allowed);
 
-/// A member of an object. Throws Refusal when it is absent or of another type.
+/// A member of an object. Throws HttpError when it is absent or of another type.
 std::string requireText(nlohmann::json const& object, std::string const& name);
 std::int64_t requireNumber(nlohmann::json const& object, std::string const& name);
 
-/// The fault that `body` describes. Throws Refusal.
+/// The fault that `body` describes. Throws HttpError.
 Fault readFault(std::string const& body);
 
 }  // namespace sandbox

@@ -7,7 +7,7 @@
 
 #include "sandbox/service/site.h"
 
-/// The addresses of the control API, one function each. They throw Refusal.
+/// The addresses of the control API, one function each. They throw HttpError.
 namespace sandbox {
 
 HttpReply tellService(Site const& site, HttpRequest const& request);
@@ -33,7 +33,7 @@ bool liftNamedFault(Site const& site, std::string const& text);
 /// By how many seconds the clock can be set ahead or back.
 inline constexpr std::int64_t kFarthestAhead = std::int64_t{10} * 365 * 24 * 60 * 60;
 
-/// Sets the clock ahead. Throws Refusal beyond kFarthestAhead.
+/// Sets the clock ahead. Throws HttpError beyond kFarthestAhead.
 void setClockAhead(Site const& site, std::int64_t seconds);
 
 }  // namespace sandbox

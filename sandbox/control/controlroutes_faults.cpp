@@ -3,7 +3,7 @@
 
 #include "sandbox/control/controljson.h"
 #include "sandbox/control/controlroutes.h"
-#include "sandbox/text/refusal.h"
+#include "sandbox/text/httperror.h"
 
 /// Faults in the control API.
 namespace sandbox {
@@ -41,7 +41,7 @@ HttpReply armFault(Site const& site, HttpRequest const& request) {
 HttpReply liftFault(Site const& site, HttpRequest const& request) {
     std::string const name = request.m_Path.substr(request.m_Path.rfind('/') + 1);
     if (!liftNamedFault(site, name)) {
-        throw Refusal("no fault '" + name + "' is armed", kNotFound);
+        throw HttpError("no fault '" + name + "' is armed", kNotFound);
     }
     return tellFaults(site, request);
 }

@@ -12,7 +12,7 @@
 #include "sandbox/crypto/signature.h"
 #include "sandbox/service/notifier.h"
 #include "sandbox/service/paymentmoves.h"
-#include "sandbox/text/refusal.h"
+#include "sandbox/text/httperror.h"
 #include "sandbox/text/wiretext.h"
 
 /// What the control API tells and changes besides faults.
@@ -71,7 +71,7 @@ PaymentFilter readFilter(Query const& query) {
         try {
             stateFromName(*filter.m_State);
         } catch (std::runtime_error const&) {
-            throw Refusal("no payment has the state '" + *filter.m_State + "'");
+            throw HttpError("no payment has the state '" + *filter.m_State + "'");
         }
     }
     return filter;
@@ -81,17 +81,17 @@ std::int64_t readAfter(Query const& query) {
     std::string const text = query.value("after").value_or("0");
     std::optional<std::int64_t> const after = wholeNumber(text);
     if (!after) {
-        throw Refusal("after must be the number of an exchange, not '" + text + "'");
+        throw HttpError("after must be the number of an exchange, not '" + text + "'");
     }
     return *after;
 }
 
 void checkAccount(std::string const& user, std::string const& password) {
     if (user.empty() || user.find(':') != std::string::npos) {
-        throw Refusal("a user must have a name, and no colon in it: the credentials end it there");
+        throw HttpError("a user must have a name, and no colon in it: the credentials end it there");
     }
     if (user.find('\0') != std::string::npos || password.find('\0') != std::string::npos) {
-        throw Refusal("neither user nor password can hold a zero byte: merchants cannot send it");
+        throw HttpError("neither user nor password can hold a zero byte: merchants cannot send it");
     }
 }
 
@@ -177,8 +177,8 @@ std::optional<std::int64_t> wholeNumber(std::string const& text) {
 
 void setClockAhead(Site const& site, std::int64_t seconds) {
     if (seconds < -kFarthestAhead || seconds > kFarthestAhead) {
-        throw Refusal("the clock can be set ahead or back by up to " + std::to_string(kFarthestAhead) +
-                      " seconds, which is ten years");
+        throw HttpError("the clock can be set ahead or back by up to " + std::to_string(kFarthestAhead) +
+                        " seconds, which is ten years");
     }
     site.m_Clock.setAhead(seconds);
     site.m_Notifier.wake();

@@ -7,7 +7,7 @@
 #include <optional>
 #include <stdexcept>
 
-#include "sandbox/text/refusal.h"
+#include "sandbox/text/httperror.h"
 #include "sandbox/text/wiretext.h"
 
 namespace sandbox {
@@ -22,18 +22,18 @@ constexpr int kHashBytes = 32;
 Credentials readBasicHeader(std::string const& header) {
     std::string const scheme = "Basic ";
     if (header.empty()) {
-        throw Refusal("the request has no Authorization header");
+        throw HttpError("the request has no Authorization header");
     }
     if (header.compare(0, scheme.size(), scheme) != 0) {
-        throw Refusal("the Authorization header is not of the scheme Basic");
+        throw HttpError("the Authorization header is not of the scheme Basic");
     }
     std::optional<std::string> const text = decodeBase64(header.substr(scheme.size()));
     if (!text) {
-        throw Refusal("the Authorization header is not Base64");
+        throw HttpError("the Authorization header is not Base64");
     }
     std::size_t const colon = text->find(':');
     if (colon == std::string::npos) {
-        throw Refusal("the Authorization header holds no colon between user and password");
+        throw HttpError("the Authorization header holds no colon between user and password");
     }
     return {text->substr(0, colon), text->substr(colon + 1)};
 }

@@ -10,8 +10,8 @@ struct Credentials {
     std::string m_Password;
 };
 
-/// The credentials of an Authorization header ("Basic " and Base64 of user:password). Throws Refusal with what is wrong
-/// with the header; `header` empty means there was none.
+/// The credentials of an Authorization header ("Basic " and Base64 of user:password). Throws HttpError with what is
+/// wrong with the header; `header` empty means there was none.
 Credentials readBasicHeader(std::string const& header);
 
 /// A slow salted hash of `password`. Throws std::runtime_error.

@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <stdexcept>
 
-#include "sandbox/text/refusal.h"
+#include "sandbox/text/httperror.h"
 #include "sandbox/text/wiretext.h"
 
 namespace sandbox {
@@ -106,23 +106,23 @@ std::string publicKeyBlob(EVP_PKEY* key) {
 KeyHolder readPublicKeyBlob(std::string const& blob) {
     std::optional<std::string> const der = fromHex(blob);
     if (!der || der->empty()) {
-        throw Refusal("the key blob is not lower-case hexadecimal");
+        throw HttpError("the key blob is not lower-case hexadecimal");
     }
     unsigned char const* from = bytesOf(*der);
     KeyHolder key(d2i_PublicKey(EVP_PKEY_RSA, nullptr, &from, static_cast<long>(der->size())));
     ERR_clear_error();
     if (!key) {
-        throw Refusal("the key blob is not an RSAPublicKey");
+        throw HttpError("the key blob is not an RSAPublicKey");
     }
     if (from != bytesOf(*der) + der->size()) {
-        throw Refusal("the key blob has bytes after the RSAPublicKey");
+        throw HttpError("the key blob has bytes after the RSAPublicKey");
     }
     int const bits = EVP_PKEY_get_bits(key.get());
     if (bits < kSmallestKeyBits || bits > kLargestKeyBits) {
-        throw Refusal("the key blob holds a key of " + std::to_string(bits) + " bits, outside 512 to 4096");
+        throw HttpError("the key blob holds a key of " + std::to_string(bits) + " bits, outside 512 to 4096");
     }
     if (publicKeyBlob(key.get()) != blob) {
-        throw Refusal("the key blob is not in DER");
+        throw HttpError("the key blob is not in DER");
     }
     return key;
 }

@@ -29,7 +29,7 @@ KeyHolder readPrivateKeyDer(std::string const& der);
 /// The public half as it is handed out: lower-case hexadecimal of DER PKCS#1 RSAPublicKey. Throws std::runtime_error.
 std::string publicKeyBlob(EVP_PKEY* key);
 
-/// Reads such a blob. Throws Refusal with the reason: no lower-case hexadecimal, no RSAPublicKey, bytes after it,
+/// Reads such a blob. Throws HttpError with the reason: no lower-case hexadecimal, no RSAPublicKey, bytes after it,
 /// another encoding than DER, a size outside 512..4096 bits.
 KeyHolder readPublicKeyBlob(std::string const& blob);
 

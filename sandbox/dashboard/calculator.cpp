@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "sandbox/crypto/signature.h"
-#include "sandbox/text/refusal.h"
+#include "sandbox/text/httperror.h"
 #include "sandbox/text/wiretext.h"
 
 namespace sandbox {
@@ -223,7 +223,7 @@ bool isMessage(std::string const& text) {
     try {
         Message::parse(text);
         return true;
-    } catch (Refusal const&) {
+    } catch (HttpError const&) {
         return false;
     }
 }
@@ -284,8 +284,8 @@ private:
     void readMessage() {
         try {
             m_Out.m_Message = Message::parse(m_Out.m_Data);
-        } catch (Refusal const& refusal) {
-            return remark(Finding::kNoMessage, std::string("DATA is no message: ") + refusal.what() + ".");
+        } catch (HttpError const& error) {
+            return remark(Finding::kNoMessage, std::string("DATA is no message: ") + error.what() + ".");
         }
         m_Out.m_KeyId = m_Out.m_Message->find("KEYID").value_or("");
         if (m_Out.m_KeyId.empty()) {

@@ -146,7 +146,7 @@ struct SignedTexts {
 };
 
 /// Takes what people paste: DATA as a message, percent-encoded, or within a whole address or query that has SIGNATURE
-/// too; SIGNATURE alone with blanks around it. Throws Refusal when DATA cannot be decoded, stands there twice, or
+/// too; SIGNATURE alone with blanks around it. Throws HttpError when DATA cannot be decoded, stands there twice, or
 /// comes with two different SIGNATUREs.
 SignedTexts readPasted(std::string const& data, std::string const& signature);
 

@@ -2,7 +2,7 @@
 #include <cstddef>
 
 #include "sandbox/dashboard/calculator.h"
-#include "sandbox/text/refusal.h"
+#include "sandbox/text/httperror.h"
 #include "sandbox/text/wiretext.h"
 
 /// Reading what people paste into the calculator.
@@ -40,7 +40,7 @@ Query queryOf(std::string const& text, std::size_t data) {
 
 std::string bothSignatures(std::string const& inAddress, std::string const& beside) {
     if (!inAddress.empty() && !beside.empty() && inAddress != beside) {
-        throw Refusal("SIGNATURE stands in the address and beside it, and the two differ: leave one of them out");
+        throw HttpError("SIGNATURE stands in the address and beside it, and the two differ: leave one of them out");
     }
     return inAddress.empty() ? beside : inAddress;
 }
@@ -67,7 +67,7 @@ SignedTexts readPasted(std::string const& data, std::string const& signature) {
     }
     std::optional<std::string> const decoded = percentDecode(packed);
     if (!decoded) {
-        throw Refusal("DATA is not well-formed percent-encoding");
+        throw HttpError("DATA is not well-formed percent-encoding");
     }
     texts.m_Data = *decoded;
     return texts;

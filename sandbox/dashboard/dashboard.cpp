@@ -7,7 +7,7 @@
 #include "sandbox/crypto/credentials.h"
 #include "sandbox/dashboard/dashboardparts.h"
 #include "sandbox/dashboard/dashboardroutes.h"
-#include "sandbox/text/refusal.h"
+#include "sandbox/text/httperror.h"
 
 namespace sandbox {
 
@@ -48,7 +48,7 @@ Query formFields(HttpRequest const& request) {
 HttpReply answerForm(Site const& site, HttpRequest const& request, Route const& route) {
     Query const form = formFields(request);
     if (!equalSecrets(form.value("key").value_or(""), site.m_FormKey)) {
-        throw Refusal(
+        throw HttpError(
             "The form did not come from a page of this service, or the service was started anew since. "
             "Open the page again and send its form.",
             kForbidden);
@@ -64,7 +64,7 @@ HttpReply answerRoute(Site const& site, HttpRequest const& request, Route const&
     return route.m_Answer(site, Query(request.m_Query));
 }
 
-HttpReply refusalReply(int status, std::string const& reason) {
+HttpReply errorResponse(int status, std::string const& reason) {
     return dashboardPage(status, "", "This cannot be shown", problemNotice(reason));
 }
 
@@ -79,8 +79,8 @@ std::optional<HttpReply> answerDashboard(Site const& site, HttpRequest const& re
         if (request.m_Method == route.m_Method) {
             try {
                 return answerRoute(site, request, route);
-            } catch (Refusal const& refusal) {
-                return refusalReply(refusal.status(), refusal.what());
+            } catch (HttpError const& error) {
+                return errorResponse(error.status(), error.what());
             }
         }
         allowed += (allowed.empty() ? "" : ", ") + std::string(route.m_Method);
@@ -89,7 +89,7 @@ std::optional<HttpReply> answerDashboard(Site const& site, HttpRequest const& re
         return std::nullopt;
     }
     HttpReply reply =
-        refusalReply(kMethodNotAllowed, request.m_Path + " knows " + allowed + ", not " + request.m_Method);
+        errorResponse(kMethodNotAllowed, request.m_Path + " knows " + allowed + ", not " + request.m_Method);
     reply.m_Allow = allowed;
     return reply;
 }

@@ -4,7 +4,7 @@
 #include "sandbox/service/site.h"
 #include "sandbox/text/wiretext.h"
 
-/// The pages of the dashboard, one function each. They throw Refusal. Those that take a Query are given the fields of
+/// The pages of the dashboard, one function each. They throw HttpError. Those that take a Query are given the fields of
 /// the query or of the form; the key of a form has been checked.
 namespace sandbox {
 

@@ -7,7 +7,7 @@
 #include "sandbox/dashboard/dashboardparts.h"
 #include "sandbox/dashboard/dashboardroutes.h"
 #include "sandbox/pages/shopperpages.h"
-#include "sandbox/text/refusal.h"
+#include "sandbox/text/httperror.h"
 
 /// The page that takes a signed message apart.
 namespace sandbox {
@@ -143,8 +143,8 @@ HttpReply calculateByForm(Site const& site, Query const& form) {
     SignedTexts const pasted{form.value("DATA").value_or(""), form.value("SIGNATURE").value_or("")};
     try {
         return resultPage(site, readPasted(pasted.m_Data, pasted.m_Signature));
-    } catch (Refusal const& refusal) {
-        return formPage(site, refusal.status(), pasted, refusal.what());
+    } catch (HttpError const& error) {
+        return formPage(site, error.status(), pasted, error.what());
     }
 }
 

@@ -7,7 +7,7 @@
 #include "sandbox/dashboard/dashboardroutes.h"
 #include "sandbox/pages/shopperpages.h"
 #include "sandbox/service/paymentmoves.h"
-#include "sandbox/text/refusal.h"
+#include "sandbox/text/httperror.h"
 #include "sandbox/text/utctime.h"
 
 /// The pages about one payment and about one exchange.
@@ -18,11 +18,11 @@ namespace {
 constexpr char kNotGiven[] = "not given";
 constexpr int kNotFound = 404;
 
-/// The payment as it is now. Throws Refusal.
+/// The payment as it is now. Throws HttpError.
 Payment presentPayment(Site const& site, std::string const& id) {
     std::optional<PaymentRecord> const stored = site.m_Store.paymentById(id);
     if (!stored) {
-        throw Refusal("There is no payment '" + id + "'.", kNotFound);
+        throw HttpError("There is no payment '" + id + "'.", kNotFound);
     }
     expireWhenOverdue(site, stored->m_Payment);
     return site.m_Store.paymentById(id)->m_Payment;
@@ -74,7 +74,7 @@ bool isAbout(Exchange const& exchange, Payment const& payment) {
         if (token) {
             return *token == payment.m_Token;
         }
-    } catch (Refusal const&) {
+    } catch (HttpError const&) {
         // What cannot be read names no token.
     }
     return !exchange.m_Order.empty() && exchange.m_Order == payment.attribute("ORDERID").value_or("");
@@ -166,7 +166,7 @@ HttpReply exchangeDetailsPage(Site const& site, Query const& query) {
     std::optional<std::int64_t> const number = wholeNumber(text);
     std::optional<Exchange> const exchange = number ? site.m_Store.exchange(*number) : std::nullopt;
     if (!exchange) {
-        throw Refusal("There is no exchange '" + text + "'.", kNotFound);
+        throw HttpError("There is no exchange '" + text + "'.", kNotFound);
     }
     bool const fromMerchant = exchange->m_Kind != ExchangeKind::kNotification;
     return dashboardPage(200, "", "Exchange " + std::to_string(exchange->m_Number),

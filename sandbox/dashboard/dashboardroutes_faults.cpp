@@ -6,7 +6,7 @@
 #include "sandbox/control/controlroutes.h"
 #include "sandbox/dashboard/dashboardparts.h"
 #include "sandbox/dashboard/dashboardroutes.h"
-#include "sandbox/text/refusal.h"
+#include "sandbox/text/httperror.h"
 
 /// The page on which faults are armed and lifted.
 namespace sandbox {
@@ -116,7 +116,7 @@ HttpReply page(Site const& site, int status, Query const& form, std::string cons
                              section("kinds", "What can go wrong", kindsContent()));
 }
 
-/// The fault that a form describes. Throws Refusal.
+/// The fault that a form describes. Throws HttpError.
 Fault readForm(Query const& form) {
     FaultFields fields = {{"exchange", form.value("exchange").value_or("any")}};
     for (DetailRow const& row : kDetails) {
@@ -137,8 +137,8 @@ HttpReply faultsPage(Site const& site, Query const&) {
 HttpReply armByForm(Site const& site, Query const& form) {
     try {
         site.m_Faults.arm(readForm(form));
-    } catch (Refusal const& refusal) {
-        return page(site, refusal.status(), form, refusal.what(), "");
+    } catch (HttpError const& error) {
+        return page(site, error.status(), form, error.what(), "");
     }
     return seeOther(kPath);
 }

@@ -6,7 +6,7 @@
 #include "sandbox/crypto/signature.h"
 #include "sandbox/dashboard/dashboardparts.h"
 #include "sandbox/dashboard/dashboardroutes.h"
-#include "sandbox/text/refusal.h"
+#include "sandbox/text/httperror.h"
 
 /// The page of keys and of the clock.
 namespace sandbox {
@@ -70,11 +70,11 @@ HttpReply setClockByForm(Site const& site, Query const& form) {
     try {
         std::optional<std::int64_t> const seconds = wholeNumber(text);
         if (!seconds) {
-            throw Refusal("the seconds must be a whole number, not '" + text + "'");
+            throw HttpError("the seconds must be a whole number, not '" + text + "'");
         }
         setClockAhead(site, *seconds);
-    } catch (Refusal const& refusal) {
-        return page(site, refusal.status(), text, refusal.what());
+    } catch (HttpError const& error) {
+        return page(site, error.status(), text, error.what());
     }
     return seeOther(kPath);
 }

@@ -7,7 +7,7 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "sandbox/text/refusal.h"
+#include "sandbox/text/httperror.h"
 
 namespace sandbox {
 
@@ -111,7 +111,7 @@ bool isGiven(Fault const& fault, FaultParameter parameter) {
 
 void checkRange(bool good, char const* name, std::string const& range) {
     if (!good) {
-        throw Refusal(std::string("a fault's ") + name + " must be " + range);
+        throw HttpError(std::string("a fault's ") + name + " must be " + range);
     }
 }
 
@@ -123,13 +123,13 @@ std::string exchangesOf(FaultKindRow const& row) {
     return names;
 }
 
-/// A whole number; Refusal when `text` is none.
+/// A whole number; HttpError when `text` is none.
 std::int64_t readNumber(std::string const& name, std::string const& text) {
     std::int64_t number = 0;
     char const* const end = text.data() + text.size();
     std::from_chars_result const read = std::from_chars(text.data(), end, number);
     if (read.ec != std::errc() || read.ptr != end) {
-        throw Refusal("a fault's " + name + " must be a whole number, not '" + text + "'");
+        throw HttpError("a fault's " + name + " must be a whole number, not '" + text + "'");
     }
     return number;
 }
@@ -139,7 +139,7 @@ double readSeconds(std::string const& text) {
     in.imbue(std::locale::classic());
     double number = 0;
     if (!(in >> number) || in.peek() != std::istringstream::traits_type::eof()) {
-        throw Refusal("a fault's seconds must be a number, not '" + text + "'");
+        throw HttpError("a fault's seconds must be a number, not '" + text + "'");
     }
     return number;
 }
@@ -148,7 +148,7 @@ void readField(Fault& fault, std::string const& name, std::string const& value) 
     if (name == "exchange") {
         fault.m_Exchange = exchangeFromName(value);
         if (!fault.m_Exchange && value != "any") {
-            throw Refusal("there is no exchange '" + value + "'");
+            throw HttpError("there is no exchange '" + value + "'");
         }
     } else if (name == "order") {
         fault.m_Order = value;
@@ -168,7 +168,7 @@ void readField(Fault& fault, std::string const& name, std::string const& value) 
     } else if (name == "megabytes") {
         fault.m_Megabytes = readNumber(name, value);
     } else {
-        throw Refusal("a fault has no '" + name + "'");
+        throw HttpError("a fault has no '" + name + "'");
     }
 }
 
@@ -230,12 +230,12 @@ std::int64_t megabytesOf(Fault const& fault) {
 void checkFault(Fault const& fault) {
     FaultKindRow const& row = faultRow(fault.m_Kind);
     if (fault.m_Exchange && (row.m_Exchanges & bit(*fault.m_Exchange)) == 0) {
-        throw Refusal(std::string(row.m_Name) + " cannot happen to the exchange '" + exchangeName(*fault.m_Exchange) +
-                      "', only to: " + exchangesOf(row));
+        throw HttpError(std::string(row.m_Name) + " cannot happen to the exchange '" + exchangeName(*fault.m_Exchange) +
+                        "', only to: " + exchangesOf(row));
     }
     for (ParameterRow const& parameter : kParameters) {
         if (isGiven(fault, parameter.m_Parameter) && (row.m_Parameters & parameter.m_Parameter) == 0) {
-            throw Refusal(std::string(row.m_Name) + " takes no " + parameter.m_Name);
+            throw HttpError(std::string(row.m_Name) + " takes no " + parameter.m_Name);
         }
     }
     checkRange(fault.m_Times >= 0, "times", "a number from 1 or \"always\"");
@@ -248,13 +248,13 @@ void checkFault(Fault const& fault) {
     checkRange(megabytes > 0 && megabytes <= kLargestMegabytes, "megabytes", "between 1 and 4096");
     bool const before = row.m_Kind == FaultKind::kRefuse || row.m_Exchanges == kConnecting;
     if (before && !fault.m_Order.empty()) {
-        throw Refusal(std::string(row.m_Name) + " happens before the request is read, so it cannot be for one order");
+        throw HttpError(std::string(row.m_Name) + " happens before the request is read, so it cannot be for one order");
     }
     if (fault.m_Exchange && !fault.m_Order.empty() && (kWithOrder & bit(*fault.m_Exchange)) == 0) {
-        throw Refusal(std::string("the exchange '") + exchangeName(*fault.m_Exchange) + "' is about no order");
+        throw HttpError(std::string("the exchange '") + exchangeName(*fault.m_Exchange) + "' is about no order");
     }
     if (row.m_Kind == FaultKind::kRefuse && fault.m_Times > 1) {
-        throw Refusal("refused connections cannot be counted: give seconds, or lift it");
+        throw HttpError("refused connections cannot be counted: give seconds, or lift it");
     }
 }
 
@@ -281,7 +281,7 @@ std::vector<std::string> parameterNames(FaultKindRow const& row) {
 Fault makeFault(std::string const& kind, FaultFields const& fields) {
     std::optional<FaultKind> const named = faultFromName(kind);
     if (!named) {
-        throw Refusal("there is no fault '" + kind + "'");
+        throw HttpError("there is no fault '" + kind + "'");
     }
     Fault fault;
     fault.m_Kind = *named;
@@ -302,7 +302,7 @@ Fault parseFault(std::string const& text) {
         std::string const field = text.substr(from + 1, to == std::string::npos ? to : to - from - 1);
         std::size_t const equals = field.find('=');
         if (equals == std::string::npos) {
-            throw Refusal("a fault's details have the form name=value, not '" + field + "'");
+            throw HttpError("a fault's details have the form name=value, not '" + field + "'");
         }
         fields.emplace_back(field.substr(0, equals), field.substr(equals + 1));
         from = to;

@@ -85,8 +85,8 @@ int statusOf(Fault const& fault);
 std::string textOf(Fault const& fault);
 std::int64_t megabytesOf(Fault const& fault);
 
-/// Throws Refusal when the fault cannot happen: a kind on an exchange that has no such thing, a parameter that the kind
-/// does not take, a number out of its range.
+/// Throws HttpError when the fault cannot happen: a kind on an exchange that has no such thing, a parameter that the
+/// kind does not take, a number out of its range.
 void checkFault(Fault const& fault);
 
 /// The names of the exchanges that the kind can happen to, and of the parameters that it takes.
@@ -96,12 +96,12 @@ std::vector<std::string> parameterNames(FaultKindRow const& row);
 /// Names and values of a fault's details in the form that parseFault() reads.
 using FaultFields = std::vector<std::pair<std::string, std::string>>;
 
-/// The fault of the kind that is named `kind` with these details. Throws Refusal.
+/// The fault of the kind that is named `kind` with these details. Throws HttpError.
 Fault makeFault(std::string const& kind, FaultFields const& fields);
 
 /// Reads "kind,name=value,...": the names are exchange, order, times (a number or "always"), seconds, bytes, status,
 /// text, megabytes; "truncate,exchange=capture,order=A-1,bytes=40". A value holds no comma, but that of text, which
-/// goes to the end. Throws Refusal.
+/// goes to the end. Throws HttpError.
 Fault parseFault(std::string const& text);
 
 /// The form that parseFault() reads, with every parameter that was given.

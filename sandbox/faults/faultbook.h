@@ -33,7 +33,7 @@ public:
     /// `listener` is null or called until it is replaced by null.
     void tellRefusals(RefusalListener listener);
 
-    /// Arms `fault` and returns its identifier. Throws Refusal when it cannot happen.
+    /// Arms `fault` and returns its identifier. Throws HttpError when it cannot happen.
     std::int64_t arm(Fault const& fault);
 
     /// False when none has this identifier.

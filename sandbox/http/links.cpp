@@ -7,7 +7,7 @@
 #include <charconv>
 #include <cstddef>
 
-#include "sandbox/text/refusal.h"
+#include "sandbox/text/httperror.h"
 
 namespace sandbox {
 
@@ -23,7 +23,7 @@ std::uint16_t parsePort(std::string const& text) {
     char const* const end = text.data() + text.size();
     std::from_chars_result const read = std::from_chars(text.data(), end, port);
     if (read.ec != std::errc() || read.ptr != end || port == 0) {
-        throw Refusal("the port in the address is not a number between 1 and 65535");
+        throw HttpError("the port in the address is not a number between 1 and 65535");
     }
     return port;
 }
@@ -31,7 +31,7 @@ std::uint16_t parsePort(std::string const& text) {
 void checkCharacters(std::string const& text) {
     for (char const c : text) {
         if (c <= ' ' || c > '~') {
-            throw Refusal("the address holds a space or a byte outside ASCII");
+            throw HttpError("the address holds a space or a byte outside ASCII");
         }
     }
 }
@@ -52,19 +52,19 @@ std::string Place::text() const {
 Place parsePlace(std::string const& text, std::optional<std::uint16_t> usualPort) {
     checkCharacters(text);
     if (text.find('@') != std::string::npos) {
-        throw Refusal("the address holds a user name");
+        throw HttpError("the address holds a user name");
     }
     std::size_t const colon = text.rfind(':');
     // The colons of an IPv6 address stand inside of brackets.
     bool const named = colon != std::string::npos && text.find(']', colon) == std::string::npos;
     if (!named && !usualPort) {
-        throw Refusal("the address has no port");
+        throw HttpError("the address has no port");
     }
     Place place;
     place.m_Host = named ? text.substr(0, colon) : text;
     place.m_Port = named ? parsePort(text.substr(colon + 1)) : *usualPort;
     if (place.m_Host.empty()) {
-        throw Refusal("the address has no host");
+        throw HttpError("the address has no host");
     }
     return place;
 }
@@ -72,7 +72,7 @@ Place parsePlace(std::string const& text, std::optional<std::uint16_t> usualPort
 HttpAddress parseHttpAddress(std::string const& text) {
     std::size_t const begin = sizeof kScheme - 1;
     if (text.compare(0, begin, kScheme) != 0) {
-        throw Refusal("the address does not begin with http://");
+        throw HttpError("the address does not begin with http://");
     }
     checkCharacters(text);
     std::size_t const placeEnd = std::min(text.find_first_of("/?#", begin), text.size());
@@ -93,8 +93,8 @@ in_addr localAddress(std::string const& host) {
         return address;
     }
     if (::inet_pton(AF_INET, host.c_str(), &address) != 1 || ntohl(address.s_addr) >> 24U != kLoopback) {
-        throw Refusal("'" + host.substr(0, kLongestName) + "' is not this machine, and the sandbox reaches no other",
-                      kForbidden);
+        throw HttpError("'" + host.substr(0, kLongestName) + "' is not this machine, and the sandbox reaches no other",
+                        kForbidden);
     }
     return address;
 }

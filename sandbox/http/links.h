@@ -22,7 +22,7 @@ struct Place {
     [[nodiscard]] std::string text() const;
 };
 
-/// Reads "host:port"; the port may be missing when there is a `usualPort`. Throws Refusal.
+/// Reads "host:port"; the port may be missing when there is a `usualPort`. Throws HttpError.
 Place parsePlace(std::string const& text, std::optional<std::uint16_t> usualPort);
 
 /// An address of plain HTTP.
@@ -31,11 +31,11 @@ struct HttpAddress {
     std::string m_Target;  ///< Path and query as they stand there; begins with a slash.
 };
 
-/// Reads "http://host:port/path?query"; a fragment is dropped. Throws Refusal for anything that could not stand in a
+/// Reads "http://host:port/path?query"; a fragment is dropped. Throws HttpError for anything that could not stand in a
 /// request as it is.
 HttpAddress parseHttpAddress(std::string const& text);
 
-/// The address of a host that is this machine: "localhost" or a number of 127.0.0.0/8. Throws Refusal (403) for every
+/// The address of a host that is this machine: "localhost" or a number of 127.0.0.0/8. Throws HttpError (403) for every
 /// other.
 in_addr localAddress(std::string const& host);
 

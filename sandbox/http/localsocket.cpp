@@ -9,7 +9,7 @@
 #include <string>
 #include <system_error>
 
-#include "sandbox/text/refusal.h"
+#include "sandbox/text/httperror.h"
 
 namespace sandbox {
 
@@ -19,16 +19,16 @@ constexpr int kBadGateway = 502;
 constexpr int kUnavailable = 503;
 constexpr int kTooLate = 504;
 
-/// 0, or the error with which connecting ended. Throws Refusal when it did not end.
+/// 0, or the error with which connecting ended. Throws HttpError when it did not end.
 int awaitConnected(int socket, Place const& place, EndSignal::Clock::time_point deadline, EndSignal const& ending) {
     std::array<pollfd, 2> waits = {pollfd{socket, POLLOUT, 0}, pollfd{-1, 0, 0}};
     switch (ending.await(waits, deadline)) {
         case EndSignal::Wait::kReady:
             break;
         case EndSignal::Wait::kTooLate:
-            throw Refusal(place.text() + " does not take the connection", kTooLate);
+            throw HttpError(place.text() + " does not take the connection", kTooLate);
         case EndSignal::Wait::kEnded:
-            throw Refusal("the sandbox is stopping", kUnavailable);
+            throw HttpError("the sandbox is stopping", kUnavailable);
     }
     int error = 0;
     socklen_t length = sizeof error;
@@ -46,7 +46,7 @@ LocalSocket::LocalSocket(Place const& place, EndSignal::Clock::time_point deadli
     address.sin_port = htons(place.m_Port);
     m_Socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (m_Socket < 0) {
-        throw Refusal("no socket: " + std::generic_category().message(errno), kUnavailable);
+        throw HttpError("no socket: " + std::generic_category().message(errno), kUnavailable);
     }
     int const yes = 1;
     ::setsockopt(m_Socket, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
@@ -56,8 +56,8 @@ LocalSocket::LocalSocket(Place const& place, EndSignal::Clock::time_point deadli
             error = errno == EINPROGRESS ? awaitConnected(m_Socket, place, deadline, ending) : errno;
         }
         if (error != 0) {
-            throw Refusal("no connection to " + place.text() + ": " + std::generic_category().message(error),
-                          kBadGateway);
+            throw HttpError("no connection to " + place.text() + ": " + std::generic_category().message(error),
+                            kBadGateway);
         }
     } catch (...) {
         ::close(m_Socket);

@@ -9,7 +9,7 @@ namespace sandbox {
 /// A connection to another program on this machine.
 class LocalSocket {
 public:
-    /// Connects. Throws Refusal: 403 when the place is elsewhere, 502 when nobody listens there, 504 when it has not
+    /// Connects. Throws HttpError: 403 when the place is elsewhere, 502 when nobody listens there, 504 when it has not
     /// come about by `deadline`, 503 when `ending` was raised before.
     LocalSocket(Place const& place, EndSignal::Clock::time_point deadline, EndSignal const& ending);
     ~LocalSocket();

@@ -17,7 +17,7 @@ namespace sandbox {
 HttpReply paymentPage(PaymentRecord const& record, std::string const& customer);
 
 /// Tells why a request was turned down, shows the message it held, and says what the merchant can do.
-HttpReply refusalPage(int status, std::string const& reason, Exchange const& record);
+HttpReply errorPage(int status, std::string const& reason, Exchange const& record);
 
 /// The same for a payment on which nobody can decide any more, with a link to `address` unless that is empty.
 HttpReply decidedPage(int status, PaymentRecord const& record, std::string const& reason, std::string const& address);

@@ -1,8 +1,8 @@
 #include <optional>
 
 #include "sandbox/pages/shopperpages.h"
+#include "sandbox/text/httperror.h"
 #include "sandbox/text/paymessage.h"
-#include "sandbox/text/refusal.h"
 #include "sandbox/text/wiretext.h"
 
 /// The pages that show a message, in English: they speak to whoever builds the shop.
@@ -49,7 +49,7 @@ std::string signatureSection(std::string const& signature) {
     return section("signature", "SIGNATURE", verbatim(signature));
 }
 
-/// The sections for what a signed query holds. Throws Refusal when it cannot be taken apart.
+/// The sections for what a signed query holds. Throws HttpError when it cannot be taken apart.
 std::string signedSections(std::string const& signedQuery) {
     Query const query(signedQuery);
     std::optional<std::string> const data = query.value("DATA");
@@ -60,7 +60,7 @@ std::string signedSections(std::string const& signedQuery) {
 
 }  // namespace
 
-HttpReply refusalPage(int status, std::string const& reason, Exchange const& record) {
+HttpReply errorPage(int status, std::string const& reason, Exchange const& record) {
     bool const hasMessage = !record.m_Data.empty();
     return htmlPage(status, "The request was turned down",
                     section("reason", "Why", paragraph(reason)) +
@@ -89,8 +89,8 @@ HttpReply returnedPage(HttpRequest const& request) {
                         paragraph("The shop would go on here: it verifies this message and looks at its RESULT. "
                                   "Nothing has been verified by this page.") +
                             signedSections(request.m_Query));
-    } catch (Refusal const& refusal) {
-        return refusalPage(refusal.status(), refusal.what(), {});
+    } catch (HttpError const& error) {
+        return errorPage(error.status(), error.what(), {});
     }
 }
 
@@ -108,8 +108,8 @@ std::string attributeTable(Attributes const& attributes) {
 std::string attributesContent(std::string const& text) {
     try {
         return attributeTable(Message::parse(text).attributes());
-    } catch (Refusal const& refusal) {
-        return paragraph(std::string("Its attributes cannot be read: ") + refusal.what() + ".");
+    } catch (HttpError const& error) {
+        return paragraph(std::string("Its attributes cannot be read: ") + error.what() + ".");
     }
 }
 

@@ -14,7 +14,7 @@
 #include "sandbox/http/requeststream.h"
 #include "sandbox/proxy/proxyrequest.h"
 #include "sandbox/service/protocol.h"
-#include "sandbox/text/refusal.h"
+#include "sandbox/text/httperror.h"
 
 namespace sandbox {
 
@@ -50,14 +50,14 @@ bool leavesTunnel(FaultKind kind) {
 }
 
 /// The answer to a request of which nothing has been answered.
-Refusal refusalOf(Outcome outcome, Place const& place) {
+HttpError errorFor(Outcome outcome, Place const& place) {
     switch (outcome) {
         case Outcome::kTooLate:
-            return Refusal(place.text() + " does not answer", kTooLate);
+            return HttpError(place.text() + " does not answer", kTooLate);
         case Outcome::kTooLong:
-            return Refusal("the answer of " + place.text() + " is too long for a fault", kBadGateway);
+            return HttpError("the answer of " + place.text() + " is too long for a fault", kBadGateway);
         default:
-            return Refusal("the sandbox is stopping", kUnavailable);
+            return HttpError("the sandbox is stopping", kUnavailable);
     }
 }
 
@@ -103,15 +103,15 @@ private:
         try {
             m_Record.m_Request = keptRequest(text.substr(0, text.find('\n')));
             if (text.size() > kLongestRequestLine && text.find('\n') == std::string::npos) {
-                throw Refusal("the request line is too long", kLineTooLong);
+                throw HttpError("the request line is too long", kLineTooLong);
             }
             ProxyRequest const request = readProxyRequest(m_Connection, std::move(text));
             m_Begin = Clock::now();
             m_Record.m_Request = keptRequest(request.m_Line + request.m_Fields + request.m_Ahead);
             request.m_Method == "CONNECT" ? answerConnect(request) : answerPlain(request);
-        } catch (Refusal const& refusal) {
-            m_Record.m_Verdict = refusal.what();
-            answer(textAnswer(refusal.status(), refusal.what()));
+        } catch (HttpError const& error) {
+            m_Record.m_Verdict = error.what();
+            answer(textAnswer(error.status(), error.what()));
         }
     }
 
@@ -192,7 +192,7 @@ private:
             m_Record.m_Verdict = lossOf(outcome);
             record(answered);
         } else {
-            throw refusalOf(outcome, place);
+            throw errorFor(outcome, place);
         }
     }
 

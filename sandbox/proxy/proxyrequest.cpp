@@ -8,7 +8,7 @@
 
 #include "sandbox/http/httptext.h"
 #include "sandbox/http/requestline.h"
-#include "sandbox/text/refusal.h"
+#include "sandbox/text/httperror.h"
 
 namespace sandbox {
 
@@ -16,18 +16,18 @@ namespace {
 
 constexpr std::size_t kLongestFields = 64 * 1024;
 
-/// Reads on until the head is complete and returns its length. Throws Refusal when it does not become so.
+/// Reads on until the head is complete and returns its length. Throws HttpError when it does not become so.
 std::size_t completeHead(Connection& connection, std::string& text) {
     std::size_t const longest = text.find('\n') + kLongestFields;
     std::optional<std::size_t> end = bodyBegin(text);
     while (!end) {
         if (text.size() > longest) {
-            throw Refusal("the head of the request is too long");
+            throw HttpError("the head of the request is too long");
         }
         char piece[4096];
         ssize_t const count = connection.read(piece, sizeof piece);
         if (count <= 0) {
-            throw Refusal("the request ended within its head");
+            throw HttpError("the request ended within its head");
         }
         text.append(piece, static_cast<std::size_t>(count));
         end = bodyBegin(text);
@@ -50,11 +50,11 @@ std::string withoutProxyCredentials(std::string const& fields) {
     return kept;
 }
 
-/// Splits the first line, given without its line end. Throws Refusal.
+/// Splits the first line, given without its line end. Throws HttpError.
 ProxyRequest splitLine(std::string const& line) {
     std::optional<RequestLine> const parsed = parseRequestLine(line);
     if (!parsed || parsed->m_Method.empty() || (parsed->m_Version != "HTTP/1.0" && parsed->m_Version != "HTTP/1.1")) {
-        throw Refusal("the request line does not have the form METHOD ADDRESS HTTP/1.0");
+        throw HttpError("the request line does not have the form METHOD ADDRESS HTTP/1.0");
     }
     std::size_t const from = parsed->m_Method.size() + 1;
     ProxyRequest request;
@@ -62,7 +62,7 @@ ProxyRequest splitLine(std::string const& line) {
     // The parsed target has lost the place that it is at.
     request.m_Target = line.substr(from, line.size() - from - parsed->m_Version.size() - 1);
     if (request.m_Target.compare(0, 1, "/") == 0) {
-        throw Refusal("this is a proxy: it takes an address that begins with http://, or CONNECT and host:port");
+        throw HttpError("this is a proxy: it takes an address that begins with http://, or CONNECT and host:port");
     }
     return request;
 }
@@ -72,7 +72,7 @@ ProxyRequest splitLine(std::string const& line) {
 ProxyRequest readProxyRequest(Connection& connection, std::string text) {
     std::size_t const lineEnd = text.find('\n');
     if (lineEnd == std::string::npos) {
-        throw Refusal("the request ended within its first line");
+        throw HttpError("the request ended within its first line");
     }
     std::size_t const length = lineEnd > 0 && text[lineEnd - 1] == '\r' ? lineEnd - 1 : lineEnd;
     ProxyRequest request = splitLine(text.substr(0, length));

@@ -16,7 +16,7 @@ struct ProxyRequest {
     std::string m_Ahead;   ///< What came behind the head together with it.
 };
 
-/// Reads the head of a request whose beginning, its first line if there is one, is `text`. Throws Refusal.
+/// Reads the head of a request whose beginning, its first line if there is one, is `text`. Throws HttpError.
 ProxyRequest readProxyRequest(Connection& connection, std::string text);
 
 }  // namespace sandbox

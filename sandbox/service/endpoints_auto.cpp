@@ -4,7 +4,7 @@
 #include "sandbox/crypto/credentials.h"
 #include "sandbox/crypto/signature.h"
 #include "sandbox/service/site.h"
-#include "sandbox/text/refusal.h"
+#include "sandbox/text/httperror.h"
 
 /// The automatic configuration service: set-up, defaults and keys. Its requests carry Basic credentials instead of a
 /// signature, since the merchant has no key yet.
@@ -69,8 +69,8 @@ KeyRing::Key queriedKey(AutoRequest const& request) {
     std::string const keyId = request.m_Message.require("KEYID");
     KeyRing::Key key = request.m_Site.m_Keys.find(keyId);
     if (!key) {
-        throw Refusal("this service has no key '" + keyId + "', its key is '" + request.m_Site.m_Keys.current()->m_Id +
-                      "'");
+        throw HttpError("this service has no key '" + keyId + "', its key is '" +
+                        request.m_Site.m_Keys.current()->m_Id + "'");
     }
     return key;
 }
@@ -85,14 +85,14 @@ Message answerKeyQuery(AutoRequest const& request) {
 /// The other side uses the identifier as the name of a file.
 void checkKeyId(std::string const& keyId) {
     if (keyId.size() > kLongestKeyId) {
-        throw Refusal("KEYID is longer than " + std::to_string(kLongestKeyId) + " bytes");
+        throw HttpError("KEYID is longer than " + std::to_string(kLongestKeyId) + " bytes");
     }
     if (keyId == "." || keyId == "..") {
-        throw Refusal("KEYID is the name of a directory");
+        throw HttpError("KEYID is the name of a directory");
     }
     for (char const c : keyId) {
         if (c <= ' ' || c > '~' || c == '/') {
-            throw Refusal("KEYID holds a slash, a space or a byte outside ASCII");
+            throw HttpError("KEYID holds a slash, a space or a byte outside ASCII");
         }
     }
 }
@@ -106,26 +106,26 @@ Message answerKeyExport(AutoRequest const& request) {
                        request.m_Site.m_Store.addMerchantKey(keyId, {request.m_Account, blob},
                                                              request.m_Site.m_Clock.text()) == Store::KeyAdded::kTaken;
     if (taken) {
-        throw Refusal("KEYID '" + keyId + "' stands for another key already");
+        throw HttpError("KEYID '" + keyId + "' stands for another key already");
     }
     Message answer("KeyExportResponse");
     answer.set("KEYID", keyId);
     return answer;
 }
 
-/// The account that the credentials open. Throws Refusal.
+/// The account that the credentials open. Throws HttpError.
 std::string checkCredentials(Site const& site, std::string const& header) {
     Credentials const credentials = readBasicHeader(header);
     switch (site.m_Store.checkAccount(credentials.m_User, credentials.m_Password)) {
         case Store::Login::kOk:
             return credentials.m_User;
         case Store::Login::kUnknownUser:
-            throw Refusal(credentials.m_User.empty() ? "the credentials name no user"
-                                                     : "there is no account '" + credentials.m_User + "'");
+            throw HttpError(credentials.m_User.empty() ? "the credentials name no user"
+                                                       : "there is no account '" + credentials.m_User + "'");
         case Store::Login::kWrongPassword:
             break;
     }
-    throw Refusal("the password of the account '" + credentials.m_User + "' is another");
+    throw HttpError("the password of the account '" + credentials.m_User + "' is another");
 }
 
 struct AutoRow {
@@ -155,7 +155,7 @@ HttpReply answerAuto(Call const& call) {
             return messageReply(row.m_Answer({call, message, account}).text());
         }
     }
-    throw Refusal("the configuration service knows no request '" + message.type() + "'");
+    throw HttpError("the configuration service knows no request '" + message.type() + "'");
 }
 
 }  // namespace sandbox

@@ -5,7 +5,7 @@
 
 #include "sandbox/service/paymentmoves.h"
 #include "sandbox/service/site.h"
-#include "sandbox/text/refusal.h"
+#include "sandbox/text/httperror.h"
 
 /// What a merchant asks of a payment from server to server, signed with the merchant's key.
 namespace sandbox {
@@ -18,33 +18,33 @@ struct CaptureRequest {
     SignedMessage const& m_Sent;
 };
 
-/// The payment of the merchant that TOKEN names; an ID, when given, must agree. Throws Refusal.
+/// The payment of the merchant that TOKEN names; an ID, when given, must agree. Throws HttpError.
 Payment namedPayment(CaptureRequest const& request) {
     Message const& message = request.m_Sent.m_Message;
     std::string const token = message.require("TOKEN");
     std::optional<PaymentRecord> const record = request.m_Site.m_Store.paymentByToken(request.m_Sent.m_Account, token);
     if (!record) {
-        throw Refusal("there is no payment with the TOKEN '" + token + "'");
+        throw HttpError("there is no payment with the TOKEN '" + token + "'");
     }
     std::optional<std::string> const id = message.find("ID");
     if (id && *id != record->m_Payment.m_Id) {
-        throw Refusal("ID and TOKEN name different payments: the payment with this TOKEN is '" +
-                      record->m_Payment.m_Id + "', not '" + *id + "'");
+        throw HttpError("ID and TOKEN name different payments: the payment with this TOKEN is '" +
+                        record->m_Payment.m_Id + "', not '" + *id + "'");
     }
     return record->m_Payment;
 }
 
-/// An attribute that is repeated must have the value of the order. Throws Refusal.
+/// An attribute that is repeated must have the value of the order. Throws HttpError.
 void checkRepeated(Message const& message, Payment const& payment, char const* name) {
     std::optional<std::string> const repeated = message.find(name);
     std::string const ordered = payment.attribute(name).value_or("");
     if (repeated && *repeated != ordered) {
-        throw Refusal(std::string(name) + " is '" + *repeated + "', the payment has '" + ordered + "'");
+        throw HttpError(std::string(name) + " is '" + *repeated + "', the payment has '" + ordered + "'");
     }
 }
 
 /// Who repeats what came back with the shopper, or an answer of the capture service, repeats its RESULT. Throws
-/// Refusal.
+/// HttpError.
 void checkResult(Message const& message, Payment const& payment) {
     std::string const result = message.find("RESULT").value_or("");
     for (PaymentState const state : {PaymentState::kAuthorised, PaymentState::kCaptured, PaymentState::kCompleted}) {
@@ -52,11 +52,11 @@ void checkResult(Message const& message, Payment const& payment) {
             return;
         }
     }
-    throw Refusal("RESULT is '" + result + "', the payment is " + stateName(payment.m_State));
+    throw HttpError("RESULT is '" + result + "', the payment is " + stateName(payment.m_State));
 }
 
 /// Leads the payment on. When it is not in one of the states `from` it must have arrived already, which makes a
-/// repetition harmless. Throws Refusal otherwise. Returns the payment as it then is.
+/// repetition harmless. Throws HttpError otherwise. Returns the payment as it then is.
 Payment lead(CaptureRequest const& request, std::vector<PaymentState> const& from, PaymentState to,
              std::vector<PaymentState> const& arrived, char const* note) {
     Payment const before = namedPayment(request);
@@ -76,7 +76,7 @@ Payment lead(CaptureRequest const& request, std::vector<PaymentState> const& fro
             return now;
         }
     }
-    throw Refusal("the payment is " + std::string(stateName(now.m_State)) + ", it cannot be " + stateName(to));
+    throw HttpError("the payment is " + std::string(stateName(now.m_State)) + ", it cannot be " + stateName(to));
 }
 
 Message answerConfirm(CaptureRequest const& request) {
@@ -126,7 +126,7 @@ HttpReply answerCapture(Call const& call) {
             return messageReply(row.m_Answer({call.m_Site, sent}).text());
         }
     }
-    throw Refusal("the capture service knows no request '" + sent.m_Message.type() + "'");
+    throw HttpError("the capture service knows no request '" + sent.m_Message.type() + "'");
 }
 
 }  // namespace sandbox

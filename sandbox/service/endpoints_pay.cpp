@@ -10,7 +10,7 @@
 #include "sandbox/service/notifier.h"
 #include "sandbox/service/paymentmoves.h"
 #include "sandbox/service/site.h"
-#include "sandbox/text/refusal.h"
+#include "sandbox/text/httperror.h"
 #include "sandbox/text/utctime.h"
 #include "sandbox/text/wiretext.h"
 
@@ -45,10 +45,10 @@ constexpr std::array<Decision, 3> kDecisions = {{
 }};
 // clang-format on
 
-/// Throws Refusal when it is no time, even one that has passed.
+/// Throws HttpError when it is no time, even one that has passed.
 void checkExpiration(std::string const& text) {
     if (!parseExpiration(text)) {
-        throw Refusal("EXPIRATION is not a time of the form YYYYMMDD hh:mm:ss: '" + text + "'");
+        throw HttpError("EXPIRATION is not a time of the form YYYYMMDD hh:mm:ss: '" + text + "'");
     }
 }
 
@@ -59,15 +59,15 @@ void checkLink(Message const& message, char const* name) {
         return;
     }
     if (link.compare(0, 7, "http://") != 0 && link.compare(0, 8, "https://") != 0) {
-        throw Refusal(std::string(name) + " is not an address that begins with http:// or https://");
+        throw HttpError(std::string(name) + " is not an address that begins with http:// or https://");
     }
     std::size_t const host = link.find("://") + 3;
     if (host == link.size() || std::string(":/?#").find(link[host]) != std::string::npos) {
-        throw Refusal(std::string(name) + " names no host");
+        throw HttpError(std::string(name) + " names no host");
     }
     for (char const c : link) {
         if (c <= ' ' || c > '~') {
-            throw Refusal(std::string(name) + " holds a space or a byte outside ASCII");
+            throw HttpError(std::string(name) + " holds a space or a byte outside ASCII");
         }
     }
 }
@@ -89,17 +89,17 @@ Decision const& namedDecision(std::string const& name) {
             return decision;
         }
     }
-    throw Refusal("the decision is none of pay, decline and cancel");
+    throw HttpError("the decision is none of pay, decline and cancel");
 }
 
-/// The payment that a form came from. Throws Refusal.
+/// The payment that a form came from. Throws HttpError.
 PaymentRecord formPayment(Site const& site, Query const& form) {
     std::optional<PaymentRecord> const record = site.m_Store.paymentById(form.value("payment").value_or(""));
     if (!record) {
-        throw Refusal("there is no such payment", kNotFound);
+        throw HttpError("there is no such payment", kNotFound);
     }
     if (!equalSecrets(form.value("key").value_or(""), record->m_FormKey)) {
-        throw Refusal("the form did not come from the payment page", kForbidden);
+        throw HttpError("the form did not come from the payment page", kForbidden);
     }
     return *record;
 }
@@ -170,7 +170,7 @@ HttpReply answerPay(Call const& call) {
     Site const& site = call.m_Site;
     SignedMessage const sent = openSignedMessage(call);
     if (sent.m_Message.type() != "PayInit") {
-        throw Refusal("the payment page takes a PayInit, not a '" + sent.m_Message.type() + "'");
+        throw HttpError("the payment page takes a PayInit, not a '" + sent.m_Message.type() + "'");
     }
     checkExpiration(sent.m_Message.require("EXPIRATION"));
     for (Decision const& decision : kDecisions) {
@@ -183,7 +183,7 @@ HttpReply answerPay(Call const& call) {
         site.m_Notifier.watch(payment);
     }
     if (record.m_Message != sent.m_Text) {
-        throw Refusal(usedTokenReason(payment));
+        throw HttpError(usedTokenReason(payment));
     }
     // The same message again is the shopper reloading the page, or one whose way back to the shop was lost.
     if (payment.m_State != PaymentState::kOpened) {

@@ -12,7 +12,7 @@
 #include "sandbox/http/signalguards.h"
 #include "sandbox/service/paymentmoves.h"
 #include "sandbox/service/protocol.h"
-#include "sandbox/text/refusal.h"
+#include "sandbox/text/httperror.h"
 #include "sandbox/text/wiretext.h"
 
 namespace sandbox {
@@ -33,8 +33,8 @@ std::optional<std::string> obstacle(std::string const& address) {
     try {
         localAddress(parseHttpAddress(address).m_Place.m_Host);
         return std::nullopt;
-    } catch (Refusal const& refusal) {
-        return refusal.what();
+    } catch (HttpError const& error) {
+        return error.what();
     }
 }
 
@@ -80,8 +80,8 @@ Asked ask(HttpAddress const& address, std::chrono::milliseconds patience, EndSig
         asked.m_Status = statusOfAnswer(asked.m_Answer);
         asked.m_Verdict = asked.m_Status ? "the merchant answered " + std::to_string(*asked.m_Status)
                                          : lackOf(outcome, asked.m_Answer);
-    } catch (Refusal const& refusal) {
-        asked.m_Verdict = refusal.what();
+    } catch (HttpError const& error) {
+        asked.m_Verdict = error.what();
     }
     if (asked.m_Status && *asked.m_Status >= kFirstGood && *asked.m_Status < kFirstOther) {
         asked.m_Verdict = "ok";
@@ -123,7 +123,7 @@ Clock::duration delayOf(Fault const& fault) {
 std::string laneOf(std::string const& address) {
     try {
         return parseHttpAddress(address).m_Place.text();
-    } catch (Refusal const&) {
+    } catch (HttpError const&) {
         return "";
     }
 }

@@ -10,7 +10,7 @@
 #include <utility>
 
 #include "sandbox/pages/shopperpages.h"
-#include "sandbox/text/refusal.h"
+#include "sandbox/text/httperror.h"
 #include "sandbox/text/utctime.h"
 #include "sandbox/text/wiretext.h"
 
@@ -21,22 +21,22 @@ namespace {
 constexpr std::size_t kMostKept = 64 * 1024;
 
 /// How an address answers a request that is turned down.
-enum class RefusalForm { kErrorMessage, kPage };
+enum class ErrorForm { kErrorMessage, kPage };
 
 /// One address of the protocol.
 struct Endpoint {
     char const* m_Method;
     char const* m_Path;
     HttpReply (*m_Answer)(Call const& call);
-    RefusalForm m_Refusal;
+    ErrorForm m_ErrorForm;
 };
 
 // clang-format off
 constexpr Endpoint kEndpoints[] = {
-    {"GET",  "/auto",         answerAuto,     RefusalForm::kErrorMessage},
-    {"GET",  "/pay",          answerPay,      RefusalForm::kPage},
-    {"POST", "/pay/decision", answerDecision, RefusalForm::kPage},
-    {"GET",  "/capture",      answerCapture,  RefusalForm::kErrorMessage},
+    {"GET",  "/auto",         answerAuto,     ErrorForm::kErrorMessage},
+    {"GET",  "/pay",          answerPay,      ErrorForm::kPage},
+    {"POST", "/pay/decision", answerDecision, ErrorForm::kPage},
+    {"GET",  "/capture",      answerCapture,  ErrorForm::kErrorMessage},
 };
 // clang-format on
 
@@ -95,7 +95,7 @@ void identify(Site const& site, Endpoint const& endpoint, HttpRequest const& req
         Message const message = Message::parse(record.m_Data);
         record.m_Kind = kindOf(endpoint, message);
         record.m_Order = message.find("ORDERID").value_or(orderOf(site, message));
-    } catch (Refusal const&) {
+    } catch (HttpError const&) {
     }
 }
 
@@ -117,11 +117,11 @@ HttpReply otherMethodReply(Endpoint const& endpoint) {
     return reply;
 }
 
-HttpReply refusedReply(Endpoint const& endpoint, Refusal const& refusal, Exchange const& record) {
-    if (endpoint.m_Refusal == RefusalForm::kPage) {
-        return refusalPage(refusal.status(), refusal.what(), record);
+HttpReply errorReplyTo(Endpoint const& endpoint, HttpError const& error, Exchange const& record) {
+    if (endpoint.m_ErrorForm == ErrorForm::kPage) {
+        return errorPage(error.status(), error.what(), record);
     }
-    return messageReply(errorMessage(refusal.what()));
+    return messageReply(errorMessage(error.what()));
 }
 
 /// The answer with another type of message. Confirmations are made wrong where they are signed.
@@ -140,14 +140,14 @@ HttpReply carryOut(Endpoint const& endpoint, Call const& call) {
     try {
         HttpReply reply = endpoint.m_Answer(call);
         if (call.m_Fault && call.m_Fault->m_Kind == FaultKind::kWrongType &&
-            endpoint.m_Refusal == RefusalForm::kErrorMessage) {
+            endpoint.m_ErrorForm == ErrorForm::kErrorMessage) {
             mistakeType(reply);
         }
         return reply;
-    } catch (Refusal const& refusal) {
-        call.m_Record.m_Verdict = refusal.what();
-        call.m_Record.m_Steps.push_back({"Turned down", refusal.what(), false});
-        return refusedReply(endpoint, refusal, call.m_Record);
+    } catch (HttpError const& error) {
+        call.m_Record.m_Verdict = error.what();
+        call.m_Record.m_Steps.push_back({"Turned down", error.what(), false});
+        return errorReplyTo(endpoint, error, call.m_Record);
     }
 }
 

@@ -4,29 +4,29 @@
 #include <utility>
 
 #include "sandbox/crypto/signature.h"
-#include "sandbox/text/refusal.h"
+#include "sandbox/text/httperror.h"
 #include "sandbox/text/wiretext.h"
 
 namespace sandbox {
 
 namespace {
 
-/// The bytes of the signature. Throws Refusal.
+/// The bytes of the signature. Throws HttpError.
 std::string takeSignature(Query const& query, Exchange& record) {
     std::optional<std::string> const text = query.value("SIGNATURE");
     if (!text || text->empty()) {
-        throw Refusal("SIGNATURE is missing");
+        throw HttpError("SIGNATURE is missing");
     }
     record.m_Signature = *text;
     std::optional<std::string> bytes = fromHex(*text);
     if (!bytes) {
-        throw Refusal("SIGNATURE is not lower-case hexadecimal");
+        throw HttpError("SIGNATURE is not lower-case hexadecimal");
     }
     record.m_Steps.push_back({"SIGNATURE is hexadecimal", std::to_string(bytes->size()) + " bytes"});
     return *bytes;
 }
 
-/// Throws Refusal, and tells what is wrong as far as that can be found out.
+/// Throws HttpError, and tells what is wrong as far as that can be found out.
 void checkSignature(std::string const& keyId, std::string const& blob, std::string const& text,
                     std::string const& signature, Exchange& record) {
     KeyHolder const key = readPublicKeyBlob(blob);
@@ -39,9 +39,9 @@ void checkSignature(std::string const& keyId, std::string const& blob, std::stri
         return;
     }
     if (verifyText(key.get(), text, Widening::kSign, signature)) {
-        throw Refusal("SIGNATURE was made over sign-extended bytes, a merchant signs zero-extended ones");
+        throw HttpError("SIGNATURE was made over sign-extended bytes, a merchant signs zero-extended ones");
     }
-    throw Refusal("SIGNATURE is not one of DATA under the key '" + keyId + "'");
+    throw HttpError("SIGNATURE is not one of DATA under the key '" + keyId + "'");
 }
 
 void copyIfGiven(Payment const& payment, char const* name, Message& to) {
@@ -72,7 +72,7 @@ KeyRing::Key signingKey(Site const& site, std::optional<Fault> const& fault) {
 std::string takeData(Call const& call) {
     std::optional<std::string> const data = Query(call.m_Request.m_Query).value("DATA");
     if (!data || data->empty()) {
-        throw Refusal("DATA is missing");
+        throw HttpError("DATA is missing");
     }
     call.m_Record.m_Steps.push_back({"DATA is percent-encoded", std::to_string(data->size()) + " bytes"});
     return *data;
@@ -86,7 +86,7 @@ SignedMessage openSignedMessage(Call const& call) {
     std::string const keyId = message.require("KEYID");
     std::optional<MerchantKey> const key = call.m_Site.m_Store.merchantKey(keyId);
     if (!key) {
-        throw Refusal("KEYID names no merchant key that was published here: '" + keyId + "'");
+        throw HttpError("KEYID names no merchant key that was published here: '" + keyId + "'");
     }
     call.m_Record.m_Steps.push_back({"KEYID names a key", keyId + " of the account " + key->m_Account});
     checkSignature(keyId, key->m_Blob, text, signature, call.m_Record);

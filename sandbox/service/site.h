@@ -55,16 +55,16 @@ struct SignedMessage {
 };
 
 /// Takes DATA and SIGNATURE out of the query and verifies the signature with the merchant key that KEYID names. Throws
-/// Refusal with the first thing that is wrong.
+/// HttpError with the first thing that is wrong.
 SignedMessage openSignedMessage(Call const& call);
 
-/// Takes DATA out of the query. Throws Refusal.
+/// Takes DATA out of the query. Throws HttpError.
 std::string takeData(Call const& call);
 
 /// A message as an answer.
 HttpReply messageReply(std::string const& text);
 
-/// The exchanges. Each throws Refusal for a request it turns down.
+/// The exchanges. Each throws HttpError for a request it turns down.
 HttpReply answerAuto(Call const& call);
 HttpReply answerPay(Call const& call);
 HttpReply answerDecision(Call const& call);

@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <pugixml.hpp>
 
-#include "sandbox/text/refusal.h"
+#include "sandbox/text/httperror.h"
 
 namespace sandbox {
 
@@ -27,7 +27,7 @@ void checkEntities(std::string const& text) {
             known = known || text.compare(at, std::char_traits<char>::length(entity), entity) == 0;
         }
         if (!known) {
-            throw Refusal("the message holds an unknown entity at byte " + std::to_string(at));
+            throw HttpError("the message holds an unknown entity at byte " + std::to_string(at));
         }
     }
 }
@@ -64,36 +64,36 @@ Message::Message(std::string const& type) {
 
 Message Message::parse(std::string const& text) {
     if (text.find('\0') != std::string::npos) {
-        throw Refusal("the message holds a zero byte");
+        throw HttpError("the message holds a zero byte");
     }
     checkEntities(text);
     pugi::xml_document document;
     pugi::xml_parse_result const result =
         document.load_buffer(text.data(), text.size(), kParseOptions, pugi::encoding_utf8);
     if (!result) {
-        throw Refusal("the message is not well-formed XML: " + std::string(result.description()) + " at byte " +
-                      std::to_string(result.offset));
+        throw HttpError("the message is not well-formed XML: " + std::string(result.description()) + " at byte " +
+                        std::to_string(result.offset));
     }
     pugi::xml_node const root = document.first_child();
     if (root.type() != pugi::node_element || root.next_sibling() || std::string(root.name()) != "KVX") {
-        throw Refusal("the message is not exactly one element KVX");
+        throw HttpError("the message is not exactly one element KVX");
     }
     Message message;
     for (pugi::xml_attribute const& attribute : root.attributes()) {
         std::string const name = attribute.name();
         if (name.find_first_not_of(kNameCharacters) != std::string::npos) {
-            throw Refusal("the message has an attribute with an unusable name: '" + name + "'");
+            throw HttpError("the message has an attribute with an unusable name: '" + name + "'");
         }
         if (message.m_Attributes.size() == kMostAttributes) {
-            throw Refusal("the message has more than " + std::to_string(kMostAttributes) + " attributes");
+            throw HttpError("the message has more than " + std::to_string(kMostAttributes) + " attributes");
         }
         if (message.find(name)) {
-            throw Refusal("the message has the attribute " + name + " twice");
+            throw HttpError("the message has the attribute " + name + " twice");
         }
         message.set(name, attribute.value());
     }
     if (!message.find("MSGTYPE")) {
-        throw Refusal("the message has no MSGTYPE");
+        throw HttpError("the message has no MSGTYPE");
     }
     return message;
 }
@@ -115,7 +115,7 @@ std::optional<std::string> Message::find(std::string const& name) const {
 std::string Message::require(std::string const& name) const {
     std::optional<std::string> const value = find(name);
     if (!value || value->empty()) {
-        throw Refusal(type() + " needs the attribute " + name);
+        throw HttpError(type() + " needs the attribute " + name);
     }
     return *value;
 }

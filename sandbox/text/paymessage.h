@@ -17,7 +17,7 @@ public:
     /// A message with the one attribute MSGTYPE.
     explicit Message(std::string const& type);
 
-    /// Reads a message from another side. Throws Refusal when `text` is anything but one well-formed element KVX (its
+    /// Reads a message from another side. Throws HttpError when `text` is anything but one well-formed element KVX (its
     /// content is allowed and ignored), uses an entity besides the five named ones, names an attribute twice or with
     /// characters other than letters, digits, ".", "-" and "_", has more than 256 of them, or has no MSGTYPE.
     static Message parse(std::string const& text);
@@ -28,7 +28,7 @@ public:
     /// The value under `name`, nothing when it is absent.
     [[nodiscard]] std::optional<std::string> find(std::string const& name) const;
 
-    /// The value under `name`. Throws Refusal when it is absent or empty.
+    /// The value under `name`. Throws HttpError when it is absent or empty.
     std::string require(std::string const& name) const;
 
     /// The value of MSGTYPE.

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <stdexcept>
 
-#include "sandbox/text/refusal.h"
+#include "sandbox/text/httperror.h"
 
 namespace sandbox {
 
@@ -163,7 +163,7 @@ std::optional<std::string> Query::value(std::string const& name) const {
             continue;
         }
         if (found != nullptr) {
-            throw Refusal(name + " stands in the query twice");
+            throw HttpError(name + " stands in the query twice");
         }
         found = &pieceValue;
     }
@@ -172,7 +172,7 @@ std::optional<std::string> Query::value(std::string const& name) const {
     }
     std::optional<std::string> decoded = percentDecode(*found);
     if (!decoded) {
-        throw Refusal(name + " is not well-formed percent-encoding");
+        throw HttpError(name + " is not well-formed percent-encoding");
     }
     return decoded;
 }

@@ -37,7 +37,7 @@ class Query {
 public:
     explicit Query(std::string const& text);
 
-    /// The decoded value under `name`; nothing when it is absent. Throws Refusal when it stands there twice or is not
+    /// The decoded value under `name`; nothing when it is absent. Throws HttpError when it stands there twice or is not
     /// well-formed percent-encoding.
     [[nodiscard]] std::optional<std::string> value(std::string const& name) const;
 

@@ -17,7 +17,7 @@ namespace kvxtest {
 /// Megabytes of the answers that are huge.
 inline constexpr int kMegabytes = 4;
 
-/// The fault of `row`, for one order where the fault can be for one. Throws sandbox::Refusal when it cannot happen.
+/// The fault of `row`, for one order where the fault can be for one. Throws sandbox::HttpError when it cannot happen.
 sandbox::Fault faultOf(FaultTableRow const& row, std::string const& order = "");
 
 /// Lets the fault of a row happen while it lives. One of a connection is armed right before the component connects for

@@ -39,7 +39,7 @@ protected:
     }
 
     /// The reason of a refusal with this status.
-    std::string refusal(std::string const& request, int status) const {
+    std::string error(std::string const& request, int status) const {
         return content(request, status).at("error").get<std::string>();
     }
 
@@ -122,7 +122,7 @@ TEST_F(Control, ForgetsAFaultThatHasHappenedOftenEnough) {
     post("/control/faults", {{"kind", "error"}, {"exchange", "setup"}});
     EXPECT_NE(reasonOf(askAuto("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>")), "");
     EXPECT_EQ(tell("/control/faults"), (json{{"faults", json::array()}}));
-    EXPECT_THAT(refusal(bareRequest("DELETE", "/control/faults/1"), 404), HasSubstr("no fault '1'"));
+    EXPECT_THAT(error(bareRequest("DELETE", "/control/faults/1"), 404), HasSubstr("no fault '1'"));
 }
 
 TEST_F(Control, CountsAFaultThatStays) {
@@ -146,7 +146,7 @@ TEST_F(Control, LiftsOneAndAll) {
     EXPECT_EQ(content(bareRequest("DELETE", "/control/faults"), 200).at("faults"), json::array());
     EXPECT_EQ(m_Service->faults().size(), 0u);
     for (char const* id : {"1", "0", "99999999999999999999"}) {
-        EXPECT_THAT(refusal(bareRequest("DELETE", std::string("/control/faults/") + id), 404), HasSubstr(id));
+        EXPECT_THAT(error(bareRequest("DELETE", std::string("/control/faults/") + id), 404), HasSubstr(id));
     }
 }
 
@@ -214,7 +214,7 @@ TEST_F(Control, RefusesFaultsWithTheReason) {
              {"{\"kind\":\"tls-abort\",\"order\":\"A\"}", "cannot be for one order"},
              {"{\"kind\":\"refuse\",\"times\":2}", "cannot be counted"},
          }) {
-        EXPECT_THAT(refusal(jsonPost("/control/faults", row.m_Body), 400), HasSubstr(row.m_Reason)) << row.m_Body;
+        EXPECT_THAT(error(jsonPost("/control/faults", row.m_Body), 400), HasSubstr(row.m_Reason)) << row.m_Body;
     }
     EXPECT_THAT(m_Service->faults(), IsEmpty());
 }
@@ -317,9 +317,9 @@ TEST_F(Control, FiltersPayments) {
     EXPECT_THAT(tokens("?state=opened&order=A-17"), IsEmpty());
     EXPECT_THAT(tokens("?id=" + m_Service->payments().at(1).m_Id), ElementsAre("t2"));
     EXPECT_THAT(tokens("?id=nothing"), IsEmpty());
-    EXPECT_THAT(refusal(bareRequest("GET", "/control/payments?state=Opened"), 400), HasSubstr("state 'Opened'"));
-    EXPECT_THAT(refusal(bareRequest("GET", "/control/payments?order=%zz"), 400), HasSubstr("percent-encoding"));
-    EXPECT_THAT(refusal(bareRequest("GET", "/control/payments?id=1&id=2"), 400), HasSubstr("twice"));
+    EXPECT_THAT(error(bareRequest("GET", "/control/payments?state=Opened"), 400), HasSubstr("state 'Opened'"));
+    EXPECT_THAT(error(bareRequest("GET", "/control/payments?order=%zz"), 400), HasSubstr("percent-encoding"));
+    EXPECT_THAT(error(bareRequest("GET", "/control/payments?id=1&id=2"), 400), HasSubstr("twice"));
 }
 
 TEST_F(Control, TellsBytesThatAreNotUtf8InASecondMember) {
@@ -393,7 +393,7 @@ TEST_F(Control, TellsExchangesAfterANumber) {
     EXPECT_THAT(numbers("?after=2"), ElementsAre(3));
     EXPECT_THAT(numbers("?after=3"), IsEmpty());
     for (char const* bad : {"x", "", "1.5", "99999999999999999999", "1%20"}) {
-        EXPECT_THAT(refusal(bareRequest("GET", std::string("/control/exchanges?after=") + bad), 400),
+        EXPECT_THAT(error(bareRequest("GET", std::string("/control/exchanges?after=") + bad), 400),
                     HasSubstr("the number of an exchange"))
             << bad;
     }
@@ -440,7 +440,7 @@ TEST_F(Control, RotatesWithoutABody) {
     content(head + "\r\n", 201);
     content(head + "Content-Length: 0\r\n\r\n", 201);
     EXPECT_EQ(tell("/control/keys").at("server").size(), 3u);
-    EXPECT_THAT(refusal(jsonPost("/control/keys/rotate", "{\"bits\":1024}"), 400), HasSubstr("no member 'bits'"));
+    EXPECT_THAT(error(jsonPost("/control/keys/rotate", "{\"bits\":1024}"), 400), HasSubstr("no member 'bits'"));
     EXPECT_EQ(tell("/control/keys").at("server").size(), 3u);
 }
 
@@ -474,7 +474,7 @@ TEST_F(Control, RefusesAccountsThatNobodyCouldUse) {
              {"{\"user\":\"a\",\"password\":\"p\\u0000\"}", "zero byte"},
              {"{\"user\":\"a\",\"password\":\"p\",\"admin\":true}", "no member 'admin'"},
          }) {
-        EXPECT_THAT(refusal(jsonPost("/control/accounts", row.m_Body), 400), HasSubstr(row.m_Reason)) << row.m_Body;
+        EXPECT_THAT(error(jsonPost("/control/accounts", row.m_Body), 400), HasSubstr(row.m_Reason)) << row.m_Body;
     }
     EXPECT_EQ(tell("/control").at("counts").at("accounts"), 1);
 }
@@ -513,7 +513,7 @@ TEST_F(Control, RefusesClocksOutOfRange) {
              {"{\"ahead\":1e400}", "beyond all range"},
              {"{\"ahead\":1,\"unit\":\"h\"}", "no member 'unit'"},
          }) {
-        EXPECT_THAT(refusal(jsonPost("/control/clock", row.m_Body), 400), HasSubstr(row.m_Reason)) << row.m_Body;
+        EXPECT_THAT(error(jsonPost("/control/clock", row.m_Body), 400), HasSubstr(row.m_Reason)) << row.m_Body;
     }
     EXPECT_EQ(tell("/control").at("clock").at("ahead"), 0);
     EXPECT_EQ(post("/control/clock", {{"ahead", -315360000}}, 200).at("present"), "2013-11-16T22:13:20Z");
@@ -529,7 +529,7 @@ TEST_F(Control, TakesNothingButJson) {
             std::string const body = "{}";
             std::string const line = *type == '\0' ? "" : std::string("Content-Type: ") + type + "\r\n";
             EXPECT_THAT(
-                refusal(std::string("POST ") + path + " HTTP/1.1\r\n" + line + "Content-Length: 2\r\n\r\n{}", 415),
+                error(std::string("POST ") + path + " HTTP/1.1\r\n" + line + "Content-Length: 2\r\n\r\n{}", 415),
                 HasSubstr("application/json"))
                 << type << path;
         }
@@ -545,15 +545,15 @@ TEST_F(Control, TakesNothingButJson) {
 TEST_F(Control, AnswersToNamesOfThisMachineOnly) {
     for (char const* host : {"evil.example", "evil.example:80", "127.0.0.1.evil.example", "localhost.evil.example:1",
                              "127.0.0.2", "[::1]", "127.0.0.1:80:80", "127.0.0.1@evil", ":80"}) {
-        EXPECT_THAT(refusal(bareRequest("GET", "/control", host), 403), HasSubstr(host));
-        EXPECT_THAT(refusal(bareRequest("DELETE", "/control/faults", host), 403), HasSubstr(host));
+        EXPECT_THAT(error(bareRequest("GET", "/control", host), 403), HasSubstr(host));
+        EXPECT_THAT(error(bareRequest("DELETE", "/control/faults", host), 403), HasSubstr(host));
     }
     for (char const* host : {"127.0.0.1", "localhost", "127.0.0.1:8080", "LocalHost:1", "localhost:"}) {
         content(bareRequest("GET", "/control", host), 200);
     }
     EXPECT_EQ(ask("GET /control HTTP/1.0\r\n\r\n").m_Status, 200);
     post("/control/faults", {{"kind", "drop"}});
-    refusal(bareRequest("DELETE", "/control/faults", "evil.example"), 403);
+    error(bareRequest("DELETE", "/control/faults", "evil.example"), 403);
     EXPECT_EQ(m_Service->faults().size(), 1u);
 }
 
@@ -570,7 +570,7 @@ TEST_F(Control, NeverAllowsOtherSites) {
 TEST_F(Control, TellsWhatIsNotThere) {
     for (char const* path : {"/control/", "/control/fault", "/control/faults/", "/control/faults/x",
                              "/control/faults/1/2", "/control/keys/rotate/x", "/control/exchange"}) {
-        EXPECT_THAT(refusal(bareRequest("GET", path), 404), HasSubstr(path));
+        EXPECT_THAT(error(bareRequest("GET", path), 404), HasSubstr(path));
     }
     EXPECT_EQ(ask(bareRequest("GET", "/controls")).m_Headers.at("content-type"), "text/plain; charset=utf-8");
 }
@@ -604,7 +604,7 @@ TEST_F(Control, TellsTheMethodsOfAnAddress) {
 
 TEST_F(Control, RefusesBodiesThatAreTooLarge) {
     EXPECT_EQ(ask(jsonPost("/control/faults", std::string(1024 * 1024 + 1, ' '))).m_Status, 413);
-    EXPECT_THAT(refusal(jsonPost("/control/faults", std::string(1024 * 1024, ' ')), 400), HasSubstr("not JSON"));
+    EXPECT_THAT(error(jsonPost("/control/faults", std::string(1024 * 1024, ' ')), 400), HasSubstr("not JSON"));
 }
 
 }  // namespace

@@ -8,7 +8,7 @@
 #include <iterator>
 #include <string>
 
-#include "sandbox/text/refusal.h"
+#include "sandbox/text/httperror.h"
 #include "sandbox/text/wiretext.h"
 
 namespace {
@@ -30,8 +30,8 @@ KeyHolder vectorKey() {
 std::string reasonFor(std::string const& blob) {
     try {
         readPublicKeyBlob(blob);
-    } catch (Refusal const& refusal) {
-        return refusal.what();
+    } catch (HttpError const& error) {
+        return error.what();
     }
     return "";
 }

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "sandbox/crypto/signature.h"
-#include "sandbox/text/refusal.h"
+#include "sandbox/text/httperror.h"
 #include "sandbox/text/wiretext.h"
 #include "tests/sandbox/support/testmerchant.h"
 
@@ -612,8 +612,8 @@ TEST(ReadPasted, RefusesWhatIsAmbiguousOrBroken) {
         try {
             readPasted(row.m_Data, row.m_Signature);
             ADD_FAILURE() << row.m_Data;
-        } catch (Refusal const& refusal) {
-            EXPECT_THAT(refusal.what(), HasSubstr(row.m_Reason)) << row.m_Data;
+        } catch (HttpError const& error) {
+            EXPECT_THAT(error.what(), HasSubstr(row.m_Reason)) << row.m_Data;
         }
     }
 }

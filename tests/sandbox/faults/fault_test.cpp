@@ -14,7 +14,7 @@
 
 #include "sandbox/faults/fault.h"
 #include "sandbox/service/site.h"
-#include "sandbox/text/refusal.h"
+#include "sandbox/text/httperror.h"
 #include "tests/sandbox/support/sandboxfixture.h"
 
 /// Faults: as texts, and as what a client gets when they happen.
@@ -25,18 +25,18 @@ using sandbox::ExchangeKind;
 using sandbox::Fault;
 using sandbox::FaultKind;
 using sandbox::FaultKindRow;
+using sandbox::HttpError;
 using sandbox::parseFault;
-using sandbox::Refusal;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
 /// The reason why `text` is no fault; empty when it is one.
-std::string refusalOf(std::string const& text) {
+std::string errorFor(std::string const& text) {
     try {
         parseFault(text);
         return "";
-    } catch (Refusal const& refusal) {
-        return refusal.what();
+    } catch (HttpError const& error) {
+        return error.what();
     }
 }
 
@@ -56,11 +56,11 @@ TEST(FaultKinds, HaveNamesMeaningsAndExchanges) {
 
 TEST(FaultKinds, HappenToTheirExchangesAlone) {
     for (FaultKindRow const& row : sandbox::allFaultKinds()) {
-        EXPECT_EQ(refusalOf(row.m_Name), "");
+        EXPECT_EQ(errorFor(row.m_Name), "");
         for (ExchangeKind const exchange : sandbox::allExchangeKinds()) {
             bool const canHappen = (row.m_Exchanges & static_cast<unsigned>(exchange)) != 0;
             std::string const text = std::string(row.m_Name) + ",exchange=" + sandbox::exchangeName(exchange);
-            EXPECT_EQ(refusalOf(text).empty(), canHappen) << text;
+            EXPECT_EQ(errorFor(text).empty(), canHappen) << text;
         }
     }
 }
@@ -77,7 +77,7 @@ TEST(FaultKinds, TakeTheirParametersAlone) {
     for (FaultKindRow const& row : sandbox::allFaultKinds()) {
         for (auto const& parameter : parameters) {
             std::string const text = std::string(row.m_Name) + parameter.m_Text;
-            EXPECT_EQ(refusalOf(text).empty(), (row.m_Parameters & parameter.m_Parameter) != 0) << text;
+            EXPECT_EQ(errorFor(text).empty(), (row.m_Parameters & parameter.m_Parameter) != 0) << text;
         }
     }
 }
@@ -99,7 +99,7 @@ TEST(FaultText, IsReadAndWrittenAlike) {
              "refuse,exchange=proxy",
              "wrong-key,exchange=keyquery",
          }) {
-        EXPECT_EQ(refusalOf(text), "");
+        EXPECT_EQ(errorFor(text), "");
         EXPECT_EQ(sandbox::faultText(parseFault(text)), text);
     }
 }
@@ -168,7 +168,7 @@ TEST(FaultText, IsRefusedWithAReason) {
         {"reset,exchange=proxy,order=A-1", "the exchange 'proxy' is about no order"},
     };
     for (auto const& row : cases) {
-        EXPECT_THAT(refusalOf(row.m_Text), HasSubstr(row.m_Reason)) << row.m_Text;
+        EXPECT_THAT(errorFor(row.m_Text), HasSubstr(row.m_Reason)) << row.m_Text;
     }
 }
 
@@ -179,11 +179,11 @@ TEST(Fault, IsCheckedAsARecordToo) {
         Fault fault;
         fault.m_Kind = FaultKind::kDelay;
         fault.m_Seconds = seconds;
-        EXPECT_THROW(sandbox::checkFault(fault), Refusal) << seconds;
+        EXPECT_THROW(sandbox::checkFault(fault), HttpError) << seconds;
     }
     Fault backwards;
     backwards.m_Times = -1;
-    EXPECT_THROW(sandbox::checkFault(backwards), Refusal);
+    EXPECT_THROW(sandbox::checkFault(backwards), HttpError);
 }
 
 TEST(Fault, HasValuesForWhatIsNotGiven) {

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "sandbox/faults/faultbook.h"
-#include "sandbox/text/refusal.h"
+#include "sandbox/text/httperror.h"
 
 /// Which fault happens to whom, how often and until when.
 namespace {
@@ -112,7 +112,7 @@ TEST(FaultBook, RefusesWhatCannotHappen) {
     Fault fault;
     fault.m_Kind = sandbox::FaultKind::kWrongSignature;
     fault.m_Exchange = ExchangeKind::kCapture;
-    EXPECT_THROW(book.arm(fault), sandbox::Refusal);
+    EXPECT_THROW(book.arm(fault), sandbox::HttpError);
     EXPECT_TRUE(book.armed().empty());
 }
 

@@ -82,11 +82,11 @@ std::vector<std::pair<std::string, sandbox::HttpReply>> allPages() {
     std::vector<std::pair<std::string, sandbox::HttpReply>> pages = {
         {"payment without anything", sandbox::paymentPage(sampleRecord({}), "")},
         {"payment, nasty", sandbox::paymentPage(nasty, kNasty)},
-        {"refusal without a message", sandbox::refusalPage(404, "there is no such payment", {})},
-        {"refusal", sandbox::refusalPage(400, "SIGNATURE is missing", sampleExchange(kMessage, ""))},
-        {"refusal, nasty", sandbox::refusalPage(400, kNasty, sampleExchange(kNasty, kNasty))},
+        {"refusal without a message", sandbox::errorPage(404, "there is no such payment", {})},
+        {"refusal", sandbox::errorPage(400, "SIGNATURE is missing", sampleExchange(kMessage, ""))},
+        {"refusal, nasty", sandbox::errorPage(400, kNasty, sampleExchange(kNasty, kNasty))},
         {"refusal, nasty value",
-         sandbox::refusalPage(409, kNasty, sampleExchange("<KVX MSGTYPE=\"&lt;\xE9\x01&quot;\"/>", "00"))},
+         sandbox::errorPage(409, kNasty, sampleExchange("<KVX MSGTYPE=\"&lt;\xE9\x01&quot;\"/>", "00"))},
         {"outcome", sandbox::outcomePage(payment, signedQuery)},
         {"outcome, nasty", sandbox::outcomePage(nasty.m_Payment, nastyQuery)},
         {"returned", returnedWith(signedQuery)},
@@ -479,9 +479,9 @@ TEST(PaymentPageContent, HasOneFormWithThePrimaryButtonFirst) {
 
 // --- The pages that show a message
 
-TEST(RefusalPage, SaysWhyAndShowsTheMessageItRead) {
+TEST(ErrorPage, SaysWhyAndShowsTheMessageItRead) {
     sandbox::HttpReply const reply =
-        sandbox::refusalPage(409, "the payment is declined already", sampleExchange(kMessage, "00ff"));
+        sandbox::errorPage(409, "the payment is declined already", sampleExchange(kMessage, "00ff"));
     EXPECT_EQ(reply.m_Status, 409);
     PageReader const page(reply.m_Body);
     EXPECT_EQ(page.text("//h1"), "The request was turned down");
@@ -492,24 +492,24 @@ TEST(RefusalPage, SaysWhyAndShowsTheMessageItRead) {
     EXPECT_EQ(page.text("//section[@aria-labelledby='signature']/pre"), "00ff");
 }
 
-TEST(RefusalPage, TellsWhyAMessageHasNoTable) {
-    PageReader const page(sandbox::refusalPage(400, "SIGNATURE is missing", sampleExchange("<KVX", "")).m_Body);
+TEST(ErrorPage, TellsWhyAMessageHasNoTable) {
+    PageReader const page(sandbox::errorPage(400, "SIGNATURE is missing", sampleExchange("<KVX", "")).m_Body);
     EXPECT_EQ(page.count("//table"), 0u);
     EXPECT_THAT(page.text("//section[@aria-labelledby='message']/p"), HasSubstr("not well-formed"));
     EXPECT_EQ(page.text("//section[@aria-labelledby='data']/pre"), "<KVX");
     EXPECT_EQ(page.count("//section[@aria-labelledby='signature']"), 0u);
 }
 
-TEST(RefusalPage, KeepsRawTextToItsFirstLineEnd) {
+TEST(ErrorPage, KeepsRawTextToItsFirstLineEnd) {
     std::string const text = "\n\n<KVX MSGTYPE=\"" + std::string(100000, 'x') + "\"/>\n";
-    PageReader const page(sandbox::refusalPage(400, "x", sampleExchange(text, kNasty)).m_Body);
+    PageReader const page(sandbox::errorPage(400, "x", sampleExchange(text, kNasty)).m_Body);
     EXPECT_EQ(page.text("//section[@aria-labelledby='data']/pre/code"), text);
     EXPECT_EQ(page.text("//section[@aria-labelledby='signature']/pre/code"), kNastyShown);
 }
 
-TEST(RefusalPage, AdvisesByStatusAndMessage) {
+TEST(ErrorPage, AdvisesByStatusAndMessage) {
     auto const advice = [](int status, std::string const& data) {
-        PageReader const page(sandbox::refusalPage(status, "x", sampleExchange(data, "")).m_Body);
+        PageReader const page(sandbox::errorPage(status, "x", sampleExchange(data, "")).m_Body);
         return page.text("//section[@aria-labelledby='advice']/p");
     };
     EXPECT_THAT(advice(400, kMessage), HasSubstr("the message below"));
@@ -518,7 +518,7 @@ TEST(RefusalPage, AdvisesByStatusAndMessage) {
     EXPECT_THAT(advice(404, ""), HasSubstr("belongs to this service"));
     EXPECT_THAT(advice(409, ""), HasSubstr("stays as it is"));
     EXPECT_EQ(advice(503, ""), advice(400, ""));
-    EXPECT_THAT(PageReader(sandbox::refusalPage(400, "x", {}).m_Body).texts("//pre"), IsEmpty());
+    EXPECT_THAT(PageReader(sandbox::errorPage(400, "x", {}).m_Body).texts("//pre"), IsEmpty());
 }
 
 TEST(OutcomePage, ShowsTheMessageAndItsRawForms) {

@@ -597,10 +597,10 @@ TEST_F(SandboxProxy, CannotLetFaultsHappenToAnswersWithoutMeasure) {
 }
 
 TEST_F(SandboxProxy, RefusesConnectionsOnRequestAndTheListenersDoNot) {
-    std::int64_t const refusal = m_Service->arm(sandbox::parseFault("refuse,exchange=proxy"));
+    std::int64_t const error = m_Service->arm(sandbox::parseFault("refuse,exchange=proxy"));
     EXPECT_THROW(ask(getFrom(plainPort())), std::runtime_error);
     EXPECT_EQ(get("/").m_Status, 200);
-    EXPECT_TRUE(m_Service->liftFault(refusal));
+    EXPECT_TRUE(m_Service->liftFault(error));
     EXPECT_EQ(parseAnswer(ask("GET " + m_Service->baseUrl() + "/ HTTP/1.0\r\n\r\n")).m_Status, 200);
     m_Service->arm(sandbox::parseFault("refuse"));
     EXPECT_THROW((void)get("/"), std::runtime_error);

@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <string>
 
-#include "sandbox/text/refusal.h"
+#include "sandbox/text/httperror.h"
 
 namespace {
 
@@ -16,8 +16,8 @@ using ::testing::HasSubstr;
 std::string reasonFor(std::string const& text) {
     try {
         Message::parse(text);
-    } catch (Refusal const& refusal) {
-        return refusal.what();
+    } catch (HttpError const& error) {
+        return error.what();
     }
     return "";
 }
@@ -80,8 +80,8 @@ TEST(Message, RefusesAMissingTypeAndZeroBytes) {
 TEST(Message, RequiresValuesThatAreNotEmpty) {
     Message const message = Message::parse("<KVX MSGTYPE=\"T\" A=\"\" B=\"1\"/>");
     EXPECT_EQ(message.require("B"), "1");
-    EXPECT_THROW(message.require("A"), Refusal);
-    EXPECT_THROW(message.require("C"), Refusal);
+    EXPECT_THROW(message.require("A"), HttpError);
+    EXPECT_THROW(message.require("C"), HttpError);
 }
 
 }  // namespace

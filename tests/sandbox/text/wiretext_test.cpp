@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "sandbox/text/refusal.h"
+#include "sandbox/text/httperror.h"
 
 namespace {
 
@@ -94,12 +94,12 @@ TEST(Query, KeepsAnEqualsSignInsideTheValue) {
 }
 
 TEST(Query, RefusesARepeatedName) {
-    EXPECT_THROW(Query("DATA=1&DATA=1").value("DATA"), Refusal);
+    EXPECT_THROW(Query("DATA=1&DATA=1").value("DATA"), HttpError);
 }
 
 TEST(Query, RefusesBrokenEncodingOfTheNameAskedFor) {
     Query const query("DATA=%zz&OK=1");
-    EXPECT_THROW(query.value("DATA"), Refusal);
+    EXPECT_THROW(query.value("DATA"), HttpError);
     EXPECT_EQ(query.value("OK"), "1");
 }
 

@@ -1,0 +1,25 @@
+#ifndef TALLOWIN_SANDBOX_TEXT_HTTPERROR_H
+#define TALLOWIN_SANDBOX_TEXT_HTTPERROR_H
+
+#include <stdexcept>
+#include <string>
+
+namespace sandbox {
+
+/// A request that the service turns down: an HTTP status and a text. The text is sent to the client as it is, so it
+/// names what was wrong and never holds a secret.
+class HttpError : public std::runtime_error {
+public:
+    explicit HttpError(std::string const& reason, int httpStatus = 400)
+        : std::runtime_error(reason), m_Status(httpStatus) {}
+
+    /// The status of the page that shows the error. Errors sent as a message have the status 200.
+    [[nodiscard]] int status() const { return m_Status; }
+
+private:
+    int m_Status;
+};
+
+}  // namespace sandbox
+
+#endif  // TALLOWIN_SANDBOX_TEXT_HTTPERROR_H
