@@ -20,13 +20,14 @@ constexpr int kUnavailable = 503;
 constexpr int kTooLate = 504;
 
 /// 0, or the error with which connecting ended. Throws HttpError when it did not end.
-int awaitConnected(int socket, Place const& place, EndSignal::Clock::time_point deadline, EndSignal const& ending) {
+int awaitConnected(int socket, HostPort const& hostPort, EndSignal::Clock::time_point deadline,
+                   EndSignal const& ending) {
     std::array<pollfd, 2> waits = {pollfd{socket, POLLOUT, 0}, pollfd{-1, 0, 0}};
     switch (ending.await(waits, deadline)) {
         case EndSignal::Wait::kReady:
             break;
         case EndSignal::Wait::kTooLate:
-            throw HttpError(place.text() + " does not take the connection", kTooLate);
+            throw HttpError(hostPort.text() + " does not take the connection", kTooLate);
         case EndSignal::Wait::kEnded:
             throw HttpError("the sandbox is stopping", kUnavailable);
     }
@@ -38,12 +39,12 @@ int awaitConnected(int socket, Place const& place, EndSignal::Clock::time_point 
 
 }  // namespace
 
-LocalSocket::LocalSocket(Place const& place, EndSignal::Clock::time_point deadline, EndSignal const& ending)
+LocalSocket::LocalSocket(HostPort const& hostPort, EndSignal::Clock::time_point deadline, EndSignal const& ending)
     : m_Socket(-1) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_addr = localAddress(place.m_Host);
-    address.sin_port = htons(place.m_Port);
+    address.sin_addr = localAddress(hostPort.m_Host);
+    address.sin_port = htons(hostPort.m_Port);
     m_Socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (m_Socket < 0) {
         throw HttpError("no socket: " + std::generic_category().message(errno), kUnavailable);
@@ -53,10 +54,10 @@ LocalSocket::LocalSocket(Place const& place, EndSignal::Clock::time_point deadli
     try {
         int error = 0;
         if (::connect(m_Socket, reinterpret_cast<sockaddr const*>(&address), sizeof address) != 0) {
-            error = errno == EINPROGRESS ? awaitConnected(m_Socket, place, deadline, ending) : errno;
+            error = errno == EINPROGRESS ? awaitConnected(m_Socket, hostPort, deadline, ending) : errno;
         }
         if (error != 0) {
-            throw HttpError("no connection to " + place.text() + ": " + std::generic_category().message(error),
+            throw HttpError("no connection to " + hostPort.text() + ": " + std::generic_category().message(error),
                             kBadGateway);
         }
     } catch (...) {

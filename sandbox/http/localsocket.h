@@ -2,16 +2,16 @@
 #define TALLOWIN_SANDBOX_HTTP_LOCALSOCKET_H
 
 #include "sandbox/http/endsignal.h"
-#include "sandbox/http/links.h"
+#include "sandbox/http/hostport.h"
 
 namespace sandbox {
 
 /// A connection to another program on this machine.
 class LocalSocket {
 public:
-    /// Connects. Throws HttpError: 403 when the place is elsewhere, 502 when nobody listens there, 504 when it has not
-    /// come about by `deadline`, 503 when `ending` was raised before.
-    LocalSocket(Place const& place, EndSignal::Clock::time_point deadline, EndSignal const& ending);
+    /// Connects. Throws HttpError: 403 when the host is not this machine, 502 when nothing listens there, 504 when it
+    /// has not come about by `deadline`, 503 when `ending` was raised before.
+    LocalSocket(HostPort const& hostPort, EndSignal::Clock::time_point deadline, EndSignal const& ending);
     ~LocalSocket();
     LocalSocket(LocalSocket const&) = delete;
     LocalSocket& operator=(LocalSocket const&) = delete;

@@ -13,7 +13,7 @@ namespace sandbox {
 /// keeps what comes. Used by one thread.
 class Flow {
 public:
-    /// In the place of a socket.
+    /// Stands for "no socket".
     static constexpr int kNowhere = -1;
 
     /// Whether the destination is told that the source has ended (half-close).

@@ -26,7 +26,7 @@ HttpReply decidedPage(int status, PaymentRecord const& record, std::string const
 /// have been given.
 HttpReply outcomePage(Payment const& payment, std::string const& signedQuery);
 
-/// Where shoppers end whose merchant uses the default links. A query that cannot be read gives the refusal page.
+/// Where shoppers end whose merchant uses the default links. A query that cannot be read gives the error page.
 HttpReply returnedPage(HttpRequest const& request);
 
 /// AMOUNT and CURRENCY, as far as they are there; `notGiven` stands for the amount.

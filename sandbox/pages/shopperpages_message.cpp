@@ -10,7 +10,7 @@ namespace sandbox {
 
 namespace {
 
-/// What to do about a refusal.
+/// What to do about an error.
 struct Advice {
     int m_Status;
     char const* m_Text;

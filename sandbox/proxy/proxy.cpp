@@ -7,8 +7,8 @@
 
 #include "sandbox/http/connection.h"
 #include "sandbox/http/delivery.h"
+#include "sandbox/http/hostport.h"
 #include "sandbox/http/httptext.h"
-#include "sandbox/http/links.h"
 #include "sandbox/http/localsocket.h"
 #include "sandbox/http/relay.h"
 #include "sandbox/http/requeststream.h"
@@ -50,12 +50,12 @@ bool leavesTunnel(FaultKind kind) {
 }
 
 /// The answer to a request of which nothing has been answered.
-HttpError errorFor(Outcome outcome, Place const& place) {
+HttpError errorFor(Outcome outcome, HostPort const& hostPort) {
     switch (outcome) {
         case Outcome::kTooLate:
-            return HttpError(place.text() + " does not answer", kTooLate);
+            return HttpError(hostPort.text() + " does not answer", kTooLate);
         case Outcome::kTooLong:
-            return HttpError("the answer of " + place.text() + " is too long for a fault", kBadGateway);
+            return HttpError("the answer of " + hostPort.text() + " is too long for a fault", kBadGateway);
         default:
             return HttpError("the sandbox is stopping", kUnavailable);
     }
@@ -116,10 +116,10 @@ private:
     }
 
     void answerConnect(ProxyRequest const& request) {
-        Place const place = parsePlace(request.m_Target, std::nullopt);
-        m_Record.m_Path = keptText("CONNECT " + place.text());
+        HostPort const hostPort = parseHostPort(request.m_Target, std::nullopt);
+        m_Record.m_Path = keptText("CONNECT " + hostPort.text());
         if (!failsBefore()) {
-            tunnel(place, request);
+            tunnel(hostPort, request);
         }
     }
 
@@ -146,8 +146,8 @@ private:
         return true;
     }
 
-    void tunnel(Place const& place, ProxyRequest const& request) {
-        LocalSocket const target(place, Clock::now() + m_Patience, m_Ending);
+    void tunnel(HostPort const& hostPort, ProxyRequest const& request) {
+        LocalSocket const target(hostPort, Clock::now() + m_Patience, m_Ending);
         if (m_Fault && !m_Fault->m_Bytes) {
             // Unless told otherwise the middle of an answer is that of its body, and here is none.
             m_Fault->m_Bytes = sizeof kEstablished / 2;
@@ -167,7 +167,7 @@ private:
 
     void forward(HttpAddress const& address, ProxyRequest const& request) {
         Clock::time_point const answerBy = Clock::now() + m_Patience;
-        LocalSocket const target(address.m_Place, answerBy, m_Ending);
+        LocalSocket const target(address.m_HostPort, answerBy, m_Ending);
         std::string const head = request.m_Method + " " + address.m_Target + " HTTP/1.0\r\n" + request.m_Fields;
         Flow up(m_Connection.socket(), target.get(), head + request.m_Ahead, Flow::AtEnd::kTell);
         // An answer that a fault happens to is collected first; any other goes on as it comes.
@@ -175,11 +175,11 @@ private:
         Outcome const outcome = carry(up, down, {answerBy, m_Patience}, m_Ending);
         std::string const body = up.begin().size() > head.size() ? up.begin().substr(head.size()) : "";
         m_Record.m_Request = keptRequest(request.m_Line + request.m_Fields + body);
-        finish(outcome, address.m_Place, down.begin());
+        finish(outcome, address.m_HostPort, down.begin());
     }
 
     /// `answered` has been sent unless there is a fault.
-    void finish(Outcome outcome, Place const& place, std::string const& answered) {
+    void finish(Outcome outcome, HostPort const& hostPort, std::string const& answered) {
         bool const lost = outcome == Outcome::kClientLost || outcome == Outcome::kTargetLost;
         m_Answering = !m_Fault && !answered.empty();
         if (outcome == Outcome::kComplete && m_Fault) {
@@ -192,7 +192,7 @@ private:
             m_Record.m_Verdict = lossOf(outcome);
             record(answered);
         } else {
-            throw errorFor(outcome, place);
+            throw errorFor(outcome, hostPort);
         }
     }
 

@@ -59,7 +59,7 @@ ProxyRequest splitLine(std::string const& line) {
     std::size_t const from = parsed->m_Method.size() + 1;
     ProxyRequest request;
     request.m_Method = parsed->m_Method;
-    // The parsed target has lost the place that it is at.
+    // The parsed target has lost its scheme and its authority.
     request.m_Target = line.substr(from, line.size() - from - parsed->m_Version.size() - 1);
     if (request.m_Target.compare(0, 1, "/") == 0) {
         throw HttpError("this is a proxy: it takes an address that begins with http://, or CONNECT and host:port");

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "sandbox/crypto/credentials.h"
-#include "sandbox/http/links.h"
+#include "sandbox/http/hostport.h"
 #include "sandbox/pages/shopperpages.h"
 #include "sandbox/service/notifier.h"
 #include "sandbox/service/paymentmoves.h"

@@ -5,8 +5,8 @@
 #include <exception>
 #include <utility>
 
+#include "sandbox/http/hostport.h"
 #include "sandbox/http/httptext.h"
-#include "sandbox/http/links.h"
 #include "sandbox/http/localsocket.h"
 #include "sandbox/http/relay.h"
 #include "sandbox/http/signalguards.h"
@@ -31,7 +31,7 @@ std::optional<std::string> obstacle(std::string const& address) {
         return "it would be mailed to " + address;
     }
     try {
-        localAddress(parseHttpAddress(address).m_Place.m_Host);
+        localAddress(parseHttpAddress(address).m_HostPort.m_Host);
         return std::nullopt;
     } catch (HttpError const& error) {
         return error.what();
@@ -54,7 +54,7 @@ std::string lackOf(Outcome outcome, std::string const& answer) {
 }
 
 std::string requestText(HttpAddress const& address) {
-    return "GET " + address.m_Target + " HTTP/1.0\r\nHost: " + address.m_Place.text() +
+    return "GET " + address.m_Target + " HTTP/1.0\r\nHost: " + address.m_HostPort.text() +
            "\r\nUser-Agent: tallowin-sandbox\r\nConnection: close\r\n\r\n";
 }
 
@@ -71,7 +71,7 @@ Asked ask(HttpAddress const& address, std::chrono::milliseconds patience, EndSig
     Clock::time_point const deadline = Clock::now() + patience;
     Asked asked;
     try {
-        LocalSocket const socket(address.m_Place, deadline, ending);
+        LocalSocket const socket(address.m_HostPort, deadline, ending);
         Flow up(Flow::kNowhere, socket.get(), requestText(address), Flow::AtEnd::kLeave);
         Flow down(socket.get(), Flow::kNowhere, "", Flow::AtEnd::kLeave);
         down.endWhen(isWholeAnswer);
@@ -122,7 +122,7 @@ Clock::duration delayOf(Fault const& fault) {
 /// What an address shares with those that must wait for one another. Nothing is sent to an address that cannot be read.
 std::string laneOf(std::string const& address) {
     try {
-        return parseHttpAddress(address).m_Place.text();
+        return parseHttpAddress(address).m_HostPort.text();
     } catch (HttpError const&) {
         return "";
     }

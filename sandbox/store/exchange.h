@@ -26,7 +26,7 @@ struct Exchange {
     std::string m_Path;               ///< Without the query.
     std::string m_Data;               ///< DATA, decoded; empty when it was missing or could not be decoded.
     std::string m_Signature;          ///< SIGNATURE as it came.
-    std::string m_Verdict;            ///< "ok", or the reason of the refusal.
+    std::string m_Verdict;            ///< "ok", or the reason of the error.
     std::vector<CheckStep> m_Steps;   ///< How the verdict came about.
     std::string m_Request;            ///< As it came, head and body, the password covered; cut when it is very long.
     std::string m_Answer;             ///< As it was made, before any fault; cut when it is very long.

@@ -144,9 +144,9 @@ TEST(SandboxProgram, TellsWhereItsFilesAreFromEverywhere) {
     Program program({"--data", relative, "--json", "--tls"});
     nlohmann::json const line = nlohmann::json::parse(program.line());
     for (char const* name : {"data", "ca"}) {
-        std::filesystem::path const place = line.at(name).get<std::string>();
-        EXPECT_TRUE(place.is_absolute()) << place;
-        EXPECT_TRUE(std::filesystem::exists(place)) << place;
+        std::filesystem::path const path = line.at(name).get<std::string>();
+        EXPECT_TRUE(path.is_absolute()) << path;
+        EXPECT_TRUE(std::filesystem::exists(path)) << path;
     }
 }
 

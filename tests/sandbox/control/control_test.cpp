@@ -38,7 +38,7 @@ protected:
         return content(jsonPost(target, body.dump()), status);
     }
 
-    /// The reason of a refusal with this status.
+    /// The text of an error with this status.
     std::string error(std::string const& request, int status) const {
         return content(request, status).at("error").get<std::string>();
     }

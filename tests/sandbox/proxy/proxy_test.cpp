@@ -323,16 +323,16 @@ TEST_F(SandboxProxy, DeliversAnAnswerThatDidNotWaitForTheWholeRequest) {
 }
 
 TEST_F(SandboxProxy, ReachesThisMachineOnly) {
-    for (char const* place : {"example.com:80", "10.0.0.1:80", "128.0.0.1:80", "126.255.255.255:80", "0.0.0.0:80",
-                              "127.1:80", "127.0.0.1.example.com:80", "localhost.example:80", "[::1]:80",
-                              "2130706433:80", "127.0.0.01:80", "0x7f.0.0.1:80"}) {
-        for (std::string const& request : {"GET http://" + std::string(place) + "/ HTTP/1.0\r\n\r\n",
-                                           "CONNECT " + std::string(place) + " HTTP/1.0\r\n\r\n"}) {
+    for (char const* hostPort : {"example.com:80", "10.0.0.1:80", "128.0.0.1:80", "126.255.255.255:80", "0.0.0.0:80",
+                                 "127.1:80", "127.0.0.1.example.com:80", "localhost.example:80", "[::1]:80",
+                                 "2130706433:80", "127.0.0.01:80", "0x7f.0.0.1:80"}) {
+        for (std::string const& request : {"GET http://" + std::string(hostPort) + "/ HTTP/1.0\r\n\r\n",
+                                           "CONNECT " + std::string(hostPort) + " HTTP/1.0\r\n\r\n"}) {
             RawAnswer const answer = parseAnswer(ask(request));
             EXPECT_EQ(answer.m_Status, 403) << request;
             EXPECT_THAT(answer.m_Body, HasSubstr("is not this machine, and the sandbox reaches no other")) << request;
             EXPECT_EQ(lastExchange().m_Verdict + "\n", answer.m_Body);
-            EXPECT_THAT(lastExchange().m_Path, HasSubstr(place));
+            EXPECT_THAT(lastExchange().m_Path, HasSubstr(hostPort));
         }
     }
     EXPECT_EQ(parseAnswer(ask("GET http://[::1] HTTP/1.0\r\n\r\n")).m_Status, 403);

@@ -63,7 +63,7 @@ public:
     }
 
     [[nodiscard]] std::string address() const { return "http://127.0.0.1:" + m_Server.portText() + "/notified?shop=7"; }
-    [[nodiscard]] std::string place() const { return "127.0.0.1:" + m_Server.portText(); }
+    [[nodiscard]] std::string hostPort() const { return "127.0.0.1:" + m_Server.portText(); }
 
     /// The first `count` requests as soon as they are there; fewer when patience is over.
     std::vector<std::string> requests(std::size_t count) {
@@ -165,7 +165,7 @@ TEST_F(PaymentNotification, TellsEveryDecision) {
         ASSERT_EQ(press(openNotified(shop.address(), row.m_Decision), row.m_Decision).m_Status, 302);
         std::string const request = shop.request();
         EXPECT_THAT(request, StartsWith("GET /notified?shop=7&DATA=%3cKVX%20MSGTYPE%3d%22PayConfirm%22%20"));
-        EXPECT_THAT(request, HasSubstr(" HTTP/1.0\r\nHost: " + shop.place() + "\r\n"));
+        EXPECT_THAT(request, HasSubstr(" HTTP/1.0\r\nHost: " + shop.hostPort() + "\r\n"));
         std::string const data = dataOf(request);
         EXPECT_EQ(attributeOf(data, "KEYID"), m_Service->serverKeyId());
         EXPECT_EQ(attributeOf(data, "TOKEN"), row.m_Decision);
@@ -323,7 +323,7 @@ TEST_F(PaymentNotification, RecordsWhatWasSentAndAnswered) {
     ASSERT_EQ(sent().size(), 1u);
     sandbox::Exchange const exchange = sent()[0];
     EXPECT_EQ(exchange.m_Order, "A-17");
-    EXPECT_EQ(exchange.m_Path, "http://" + shop.place() + "/notified");
+    EXPECT_EQ(exchange.m_Path, "http://" + shop.hostPort() + "/notified");
     EXPECT_EQ(exchange.m_Request, shop.request());
     EXPECT_EQ(exchange.m_Data, dataOf(shop.request()));
     EXPECT_EQ(exchange.m_Signature, signatureOf(shop.request()));

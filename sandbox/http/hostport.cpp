@@ -1,4 +1,4 @@
-#include "sandbox/http/links.h"
+#include "sandbox/http/hostport.h"
 
 #include <arpa/inet.h>
 #include <strings.h>
@@ -45,11 +45,11 @@ std::string extendLink(std::string const& link, std::string const& query) {
     return address + separator + query + link.substr(end);
 }
 
-std::string Place::text() const {
+std::string HostPort::text() const {
     return m_Host + ":" + std::to_string(m_Port);
 }
 
-Place parsePlace(std::string const& text, std::optional<std::uint16_t> usualPort) {
+HostPort parseHostPort(std::string const& text, std::optional<std::uint16_t> usualPort) {
     checkCharacters(text);
     if (text.find('@') != std::string::npos) {
         throw HttpError("the address holds a user name");
@@ -60,13 +60,13 @@ Place parsePlace(std::string const& text, std::optional<std::uint16_t> usualPort
     if (!named && !usualPort) {
         throw HttpError("the address has no port");
     }
-    Place place;
-    place.m_Host = named ? text.substr(0, colon) : text;
-    place.m_Port = named ? parsePort(text.substr(colon + 1)) : *usualPort;
-    if (place.m_Host.empty()) {
+    HostPort hostPort;
+    hostPort.m_Host = named ? text.substr(0, colon) : text;
+    hostPort.m_Port = named ? parsePort(text.substr(colon + 1)) : *usualPort;
+    if (hostPort.m_Host.empty()) {
         throw HttpError("the address has no host");
     }
-    return place;
+    return hostPort;
 }
 
 HttpAddress parseHttpAddress(std::string const& text) {
@@ -75,10 +75,10 @@ HttpAddress parseHttpAddress(std::string const& text) {
         throw HttpError("the address does not begin with http://");
     }
     checkCharacters(text);
-    std::size_t const placeEnd = std::min(text.find_first_of("/?#", begin), text.size());
-    std::size_t const end = std::min(text.find('#', placeEnd), text.size());
-    HttpAddress address{parsePlace(text.substr(begin, placeEnd - begin), kHttpPort),
-                        text.substr(placeEnd, end - placeEnd)};
+    std::size_t const hostPortEnd = std::min(text.find_first_of("/?#", begin), text.size());
+    std::size_t const end = std::min(text.find('#', hostPortEnd), text.size());
+    HttpAddress address{parseHostPort(text.substr(begin, hostPortEnd - begin), kHttpPort),
+                        text.substr(hostPortEnd, end - hostPortEnd)};
     if (address.m_Target.empty() || address.m_Target[0] != '/') {
         address.m_Target.insert(0, 1, '/');
     }

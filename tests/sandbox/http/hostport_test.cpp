@@ -1,4 +1,4 @@
-#include "sandbox/http/links.h"
+#include "sandbox/http/hostport.h"
 
 #include <gtest/gtest.h>
 
@@ -34,8 +34,8 @@ TEST(ParseHttpAddress, TellsPlaceAndTarget) {
              Row{"http://[::1]:81/", "[::1]", 81, "/"},
          }) {
         sandbox::HttpAddress const address = sandbox::parseHttpAddress(row.m_Text);
-        EXPECT_EQ(address.m_Place.m_Host, row.m_Host) << row.m_Text;
-        EXPECT_EQ(address.m_Place.m_Port, row.m_Port) << row.m_Text;
+        EXPECT_EQ(address.m_HostPort.m_Host, row.m_Host) << row.m_Text;
+        EXPECT_EQ(address.m_HostPort.m_Port, row.m_Port) << row.m_Text;
         EXPECT_EQ(address.m_Target, row.m_Target) << row.m_Text;
     }
 }

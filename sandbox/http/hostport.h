@@ -1,5 +1,5 @@
-#ifndef TALLOWIN_SANDBOX_HTTP_LINKS_H
-#define TALLOWIN_SANDBOX_HTTP_LINKS_H
+#ifndef TALLOWIN_SANDBOX_HTTP_HOSTPORT_H
+#define TALLOWIN_SANDBOX_HTTP_HOSTPORT_H
 
 #include <netinet/in.h>
 
@@ -14,7 +14,7 @@ namespace sandbox {
 std::string extendLink(std::string const& link, std::string const& query);
 
 /// A host and one of its ports.
-struct Place {
+struct HostPort {
     std::string m_Host;
     std::uint16_t m_Port = 0;
 
@@ -23,11 +23,11 @@ struct Place {
 };
 
 /// Reads "host:port"; the port may be missing when there is a `usualPort`. Throws HttpError.
-Place parsePlace(std::string const& text, std::optional<std::uint16_t> usualPort);
+HostPort parseHostPort(std::string const& text, std::optional<std::uint16_t> usualPort);
 
 /// An address of plain HTTP.
 struct HttpAddress {
-    Place m_Place;
+    HostPort m_HostPort;
     std::string m_Target;  ///< Path and query as they stand there; begins with a slash.
 };
 
@@ -41,4 +41,4 @@ in_addr localAddress(std::string const& host);
 
 }  // namespace sandbox
 
-#endif  // TALLOWIN_SANDBOX_HTTP_LINKS_H
+#endif  // TALLOWIN_SANDBOX_HTTP_HOSTPORT_H
