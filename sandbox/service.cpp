@@ -68,18 +68,18 @@ public:
           m_Clock(options.m_Clock),
           m_Keys(m_Store, m_Clock, options.m_ServerKeyBits),
           m_Site{m_Store, m_Keys, m_Faults, m_Clock, m_Addresses, m_Notifier, m_FormKey},
-          m_Notifier(m_Site, {options.m_NotificationPatience, options.m_NotificationPauses, options.m_ClockPace}),
-          m_Control(options.m_ControlPort, nullptr, nullptr, options.m_RequestPatience),
-          m_Plain(options.m_Port, nullptr, &m_Faults, options.m_RequestPatience) {
+          m_Notifier(m_Site, {options.m_NotificationTimeout, options.m_NotificationBackoff, options.m_ClockInterval}),
+          m_Control(options.m_ControlPort, nullptr, nullptr, options.m_RequestTimeout),
+          m_Plain(options.m_Port, nullptr, &m_Faults, options.m_RequestTimeout) {
         m_Store.putAccount(options.m_AccountUser, options.m_AccountPassword);
         if (options.m_Tls) {
             m_TlsIdentity = makeTlsIdentity(m_Directory);
-            m_Tls = std::make_unique<Listener>(options.m_TlsPort, &m_TlsIdentity, &m_Faults, options.m_RequestPatience);
+            m_Tls = std::make_unique<Listener>(options.m_TlsPort, &m_TlsIdentity, &m_Faults, options.m_RequestTimeout);
             m_Addresses.m_Tls = m_Tls->baseUrl();
         }
         if (options.m_Proxy) {
             m_Proxy = std::make_unique<Proxy>(options.m_ProxyPort, m_Site,
-                                              Proxy::Patience{options.m_RequestPatience, options.m_ProxyPatience});
+                                              Proxy::Timeouts{options.m_RequestTimeout, options.m_ProxyTimeout});
             m_Addresses.m_Proxy = m_Proxy->baseUrl();
         }
         m_Addresses.m_Plain = m_Plain.baseUrl();

@@ -30,15 +30,15 @@ struct Options {
     unsigned m_ServerKeyBits = 512;    ///< Of the key that signs confirmations, when it is made at the first start.
     std::vector<Fault> m_Faults = {};  ///< Armed from the start.
     std::function<std::time_t()> m_Clock = {};  ///< The time of day; empty means the system's. Called by many threads.
-    std::chrono::milliseconds m_RequestPatience{30'000};       ///< For a whole request to come.
-    std::chrono::milliseconds m_ProxyPatience{60'000};         ///< For what the proxy forwards to to begin to answer.
-    std::chrono::milliseconds m_NotificationPatience{10'000};  ///< For the merchant's answer to a notification.
+    std::chrono::milliseconds m_RequestTimeout{30'000};       ///< For a whole request to come.
+    std::chrono::milliseconds m_ProxyTimeout{60'000};         ///< For what the proxy forwards to to begin to answer.
+    std::chrono::milliseconds m_NotificationTimeout{10'000};  ///< For the merchant's answer to a notification.
 
     /// Between two looks at the time of day while a payment can expire.
-    std::chrono::milliseconds m_ClockPace{1'000};
+    std::chrono::milliseconds m_ClockInterval{1'000};
 
     /// Between the attempts to notify a merchant, of which there is one more.
-    std::vector<std::chrono::milliseconds> m_NotificationPauses = {std::chrono::seconds(1), std::chrono::seconds(5)};
+    std::vector<std::chrono::milliseconds> m_NotificationBackoff = {std::chrono::seconds(1), std::chrono::seconds(5)};
 };
 
 /// The payment service, the other side of the merchant's protocol, on 127.0.0.1.

@@ -59,7 +59,7 @@ std::uint16_t portOf(int socket) {
 }
 
 /// Milliseconds from now to `moment`, rounded up; -1 when it never comes.
-int patienceUntil(Acceptor::Clock::time_point moment) {
+int pollTimeoutUntil(Acceptor::Clock::time_point moment) {
     if (moment == Acceptor::Clock::time_point::max()) {
         return -1;
     }
@@ -169,7 +169,7 @@ void Acceptor::wake() const {
 
 bool Acceptor::awaitClient() {
     pollfd waits[2] = {{m_Wake[0], POLLIN, 0}, {m_Listener, POLLIN, 0}};
-    int patience = -1;
+    int timeout = -1;
     nfds_t count = 2;
     {
         std::unique_lock<std::mutex> lock(m_Mutex);
@@ -181,11 +181,11 @@ bool Acceptor::awaitClient() {
             if (m_RefusesUntil <= Clock::now()) {
                 listen();
             }
-            patience = patienceUntil(m_RefusesUntil);
+            timeout = pollTimeoutUntil(m_RefusesUntil);
             count = m_Listening ? 2 : 1;
         }
     }
-    ::poll(waits, count, patience);
+    ::poll(waits, count, timeout);
     char drained[64];
     while (::read(m_Wake[0], drained, sizeof drained) > 0) {
     }

@@ -15,8 +15,8 @@ namespace sandbox {
 
 namespace {
 
-constexpr std::chrono::seconds kPatience(10);
-constexpr std::chrono::seconds kPatienceAtTheEnd(1);
+constexpr std::chrono::seconds kIoTimeout(10);
+constexpr std::chrono::seconds kClosingTimeout(1);
 constexpr std::size_t kLargestRest = 1024 * 1024;
 
 Connection::Clock::time_point momentIn(double seconds) {
@@ -46,8 +46,8 @@ short wantedEvent(SSL const* tls, int result, short event) {
 
 }  // namespace
 
-Connection::Connection(int socket, SSL_CTX* tls, EndSignal const& ending, Clock::duration patience)
-    : m_Socket(socket), m_Ending(ending), m_Patience(patience), m_RequestBy(Clock::now() + patience) {
+Connection::Connection(int socket, SSL_CTX* tls, EndSignal const& ending, Clock::duration timeout)
+    : m_Socket(socket), m_Ending(ending), m_RequestTimeout(timeout), m_RequestBy(Clock::now() + timeout) {
     int const yes = 1;
     // Head and body are written apart; they must not wait for each other's acknowledgement.
     ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
@@ -68,7 +68,7 @@ Connection::~Connection() {
     ERR_clear_error();
     ::shutdown(m_Socket, SHUT_WR);
     // Closing with unread bytes would reset the connection and could destroy the answer on its way.
-    m_RequestBy = Clock::now() + kPatienceAtTheEnd;
+    m_RequestBy = Clock::now() + kClosingTimeout;
     char rest[4096];
     std::size_t left = kLargestRest;
     while (left > 0) {
@@ -112,7 +112,7 @@ bool Connection::write(char const* from, std::size_t size) {
     return true;
 }
 
-/// Repeats `step`, which returns what recv() and SSL_read() do, until it gets somewhere or there is no more patience.
+/// Repeats `step`, which returns what recv() and SSL_read() do, until it gets somewhere or the time is over.
 template <class Step>
 ssize_t Connection::persist(short event, Step step) {
     for (;;) {
@@ -128,10 +128,10 @@ ssize_t Connection::persist(short event, Step step) {
     }
 }
 
-/// False when there is no more patience.
+/// False when the time is over.
 bool Connection::await(short event) const {
     Clock::time_point const now = Clock::now();
-    Clock::time_point const deadline = event == POLLIN ? std::min(now + kPatience, m_RequestBy) : now + kPatience;
+    Clock::time_point const deadline = event == POLLIN ? std::min(now + kIoTimeout, m_RequestBy) : now + kIoTimeout;
     for (;;) {
         auto const left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
         pollfd socket{m_Socket, event, 0};
@@ -145,7 +145,7 @@ bool Connection::await(short event) const {
 void Connection::pause(double seconds) const {
     Clock::time_point const end = momentIn(seconds);
     if (wait(end, POLLRDHUP)) {
-        wait(std::min(end, Clock::now() + m_Patience), 0);
+        wait(std::min(end, Clock::now() + m_RequestTimeout), 0);
     }
 }
 

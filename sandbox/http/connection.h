@@ -13,7 +13,7 @@
 namespace sandbox {
 
 /// One accepted socket, plain or under TLS, that carries one request and its answer. Reads and writes wait ten seconds
-/// at most, and all reads together no longer than there is patience for a request. Used by one thread; only shutting
+/// at most, and all reads together no longer than the request timeout. Used by one thread; only shutting
 /// the socket down may come from another.
 class Connection {
 public:
@@ -21,7 +21,7 @@ public:
 
     /// Borrows `socket`, which does not block and is to be closed after this. `tls` is borrowed and null for a plain
     /// connection. `ending` is borrowed; it ends pauses.
-    Connection(int socket, SSL_CTX* tls, EndSignal const& ending, Clock::duration patience);
+    Connection(int socket, SSL_CTX* tls, EndSignal const& ending, Clock::duration timeout);
 
     /// Ends the conversation so that what was written arrives.
     ~Connection();
@@ -37,8 +37,8 @@ public:
     /// Writes everything; false when that fails.
     bool write(char const* from, std::size_t size);
 
-    /// Waits that long, or until the end of the service. For who sends nothing more no longer than there is patience
-    /// for a request: it waits for the answer, or has gone, which looks the same.
+    /// Waits that long, or until the end of the service. When the client has ended its direction, at most the request
+    /// timeout: it waits for the response or has gone, which looks the same.
     void pause(double seconds) const;
 
     /// The same, but no longer than the other side may still send something.
@@ -61,7 +61,7 @@ private:
 
     int m_Socket;  ///< Borrowed.
     EndSignal const& m_Ending;
-    Clock::duration m_Patience;
+    Clock::duration m_RequestTimeout;
     Clock::time_point m_RequestBy;
     TlsHolder m_Tls;  ///< Null on a plain connection.
     std::size_t m_Written = 0;

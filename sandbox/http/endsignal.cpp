@@ -14,7 +14,7 @@ namespace sandbox {
 namespace {
 
 /// The time up to `moment` as poll() wants it.
-int patienceUntil(EndSignal::Clock::time_point moment) {
+int pollTimeoutUntil(EndSignal::Clock::time_point moment) {
     constexpr std::int64_t kLongest = 3'600'000;
     if (moment == EndSignal::Clock::time_point::max()) {
         return -1;
@@ -47,7 +47,7 @@ bool EndSignal::raised() const {
 EndSignal::Wait EndSignal::await(std::array<pollfd, 2>& sockets, Clock::time_point deadline) const {
     for (;;) {
         std::array<pollfd, 3> waits = {sockets[0], sockets[1], pollfd{m_Event, POLLIN, 0}};
-        int const happened = ::poll(waits.data(), waits.size(), patienceUntil(deadline));
+        int const happened = ::poll(waits.data(), waits.size(), pollTimeoutUntil(deadline));
         if (happened < 0 && errno != EINTR) {
             throw std::runtime_error("cannot wait: " + std::generic_category().message(errno));
         }
@@ -57,7 +57,7 @@ EndSignal::Wait EndSignal::await(std::array<pollfd, 2>& sockets, Clock::time_poi
             return ready ? Wait::kReady : Wait::kEnded;
         }
         if (happened == 0 && deadline <= Clock::now()) {
-            return Wait::kTooLate;
+            return Wait::kTimedOut;
         }
     }
 }

@@ -13,7 +13,7 @@ class EndSignal {
 public:
     using Clock = std::chrono::steady_clock;
 
-    enum class Wait { kReady, kTooLate, kEnded };
+    enum class Wait { kReady, kTimedOut, kEnded };
 
     /// Throws std::runtime_error.
     EndSignal();

@@ -162,8 +162,8 @@ public:
     }
 };
 
-Listener::Listener(std::uint16_t port, TlsIdentity const* tls, FaultBook* faults, std::chrono::milliseconds patience)
-    : m_Tls(tls), m_Faults(faults), m_Patience(patience), m_Acceptor(port) {}
+Listener::Listener(std::uint16_t port, TlsIdentity const* tls, FaultBook* faults, std::chrono::milliseconds timeout)
+    : m_Tls(tls), m_Faults(faults), m_RequestTimeout(timeout), m_Acceptor(port) {}
 
 Listener::~Listener() = default;
 
@@ -198,7 +198,7 @@ void Listener::serve(int socket) {
         m_Faults != nullptr ? m_Faults->takeForConnection(m_Tls != nullptr) : std::nullopt;
     bool const aborts = fault && fault->m_Kind == FaultKind::kTlsAbort;
     SSL_CTX* const tls = m_Tls != nullptr && !aborts ? m_Tls->context(fault) : nullptr;
-    Connection connection(socket, tls, m_Acceptor.ending(), m_Patience);
+    Connection connection(socket, tls, m_Acceptor.ending(), m_RequestTimeout);
     if (aborts) {
         char hello[1];
         connection.read(hello, sizeof hello);

@@ -21,9 +21,9 @@ public:
     using Handler = std::function<HttpReply(HttpRequest const& request)>;
 
     /// Takes the port (0 picks one); connections wait until start(). `tls` is null for plain HTTP, `faults` for a port
-    /// whose connections never fail; both are borrowed. A request that is not complete after `patience` is given up.
+    /// whose connections never fail; both are borrowed. A request that is not complete after `timeout` is given up.
     /// Throws std::runtime_error.
-    Listener(std::uint16_t port, TlsIdentity const* tls, FaultBook* faults, std::chrono::milliseconds patience);
+    Listener(std::uint16_t port, TlsIdentity const* tls, FaultBook* faults, std::chrono::milliseconds timeout);
 
     /// Stops.
     ~Listener();
@@ -52,7 +52,7 @@ private:
 
     TlsIdentity const* m_Tls;  ///< Borrowed; null for plain HTTP.
     FaultBook* m_Faults;       ///< Borrowed; null without faults.
-    std::chrono::milliseconds m_Patience;
+    std::chrono::milliseconds m_RequestTimeout;
     std::unique_ptr<Server> m_Server;
     Acceptor m_Acceptor;  ///< Last, so that no connection is served any more when the rest goes.
 };

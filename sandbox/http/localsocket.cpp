@@ -26,7 +26,7 @@ int awaitConnected(int socket, HostPort const& hostPort, EndSignal::Clock::time_
     switch (ending.await(waits, deadline)) {
         case EndSignal::Wait::kReady:
             break;
-        case EndSignal::Wait::kTooLate:
+        case EndSignal::Wait::kTimedOut:
             throw HttpError(hostPort.text() + " does not take the connection", kTooLate);
         case EndSignal::Wait::kEnded:
             throw HttpError("the sandbox is stopping", kUnavailable);

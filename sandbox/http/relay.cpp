@@ -86,7 +86,7 @@ void Flow::tellEnd() {
     }
 }
 
-Outcome carry(Flow& up, Flow& down, ConversationLimits const& limits, EndSignal const& ending) {
+Outcome carry(Flow& up, Flow& down, RelayTimeouts const& timeouts, EndSignal const& ending) {
     int roundsLeft = kLastRounds;
     EndSignal::Clock::time_point quietUntil = EndSignal::Clock::time_point::max();
     while (!isOver(up, down)) {
@@ -100,13 +100,13 @@ Outcome carry(Flow& up, Flow& down, ConversationLimits const& limits, EndSignal 
         };
         bool const answering = down.started() && down.to() != Flow::kNowhere;
         if (up.ended()) {
-            quietUntil = EndSignal::Clock::now() + limits.m_Silence;
+            quietUntil = EndSignal::Clock::now() + timeouts.m_IdleTimeout;
         }
-        switch (ending.await(waits, answering ? quietUntil : std::min(limits.m_AnswerBy, quietUntil))) {
+        switch (ending.await(waits, answering ? quietUntil : std::min(timeouts.m_ResponseBy, quietUntil))) {
             case EndSignal::Wait::kReady:
                 break;
-            case EndSignal::Wait::kTooLate:
-                return Outcome::kTooLate;
+            case EndSignal::Wait::kTimedOut:
+                return Outcome::kTimedOut;
             case EndSignal::Wait::kEnded:
                 return Outcome::kStopped;
         }

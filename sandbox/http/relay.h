@@ -66,21 +66,22 @@ private:
 };
 
 /// How a conversation went.
-enum class Outcome { kComplete, kClientLost, kTargetLost, kTooLate, kTooLong, kStopped };
+enum class Outcome { kComplete, kClientLost, kTargetLost, kTimedOut, kTooLong, kStopped };
 
 /// How long a conversation may take.
-struct ConversationLimits {
-    EndSignal::Clock::time_point m_AnswerBy;  ///< Something must have come down by then, and all of it when it is kept.
+struct RelayTimeouts {
+    EndSignal::Clock::time_point
+        m_ResponseBy;  ///< Something must have come down by then, and all of it when it is kept.
 
     /// Between two signs of life once nothing more comes up: who asks waits for the answer, or has gone, which looks
     /// the same.
-    EndSignal::Clock::duration m_Silence;
+    EndSignal::Clock::duration m_IdleTimeout;
 };
 
 /// Carries `up`, from who asks to who answers, and `down`, the way back. Nothing goes down before something has come
 /// up. The conversation is over when `down` has ended; when its destination is told that, both must have ended. Once
 /// `ending` is raised, only what is at hand is carried.
-Outcome carry(Flow& up, Flow& down, ConversationLimits const& limits, EndSignal const& ending);
+Outcome carry(Flow& up, Flow& down, RelayTimeouts const& timeouts, EndSignal const& ending);
 
 }  // namespace sandbox
 

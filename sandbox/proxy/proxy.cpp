@@ -52,7 +52,7 @@ bool leavesTunnel(FaultKind kind) {
 /// The answer to a request of which nothing has been answered.
 HttpError errorFor(Outcome outcome, HostPort const& hostPort) {
     switch (outcome) {
-        case Outcome::kTooLate:
+        case Outcome::kTimedOut:
             return HttpError(hostPort.text() + " does not answer", kTooLate);
         case Outcome::kTooLong:
             return HttpError("the answer of " + hostPort.text() + " is too long for a fault", kBadGateway);
@@ -75,8 +75,8 @@ char const* lossOf(Outcome outcome) {
 /// One request while it is served.
 class ProxyTurn {
 public:
-    ProxyTurn(Site const& site, Connection& connection, std::chrono::milliseconds patience, EndSignal const& ending)
-        : m_Site(site), m_Connection(connection), m_Patience(patience), m_Ending(ending) {
+    ProxyTurn(Site const& site, Connection& connection, std::chrono::milliseconds timeout, EndSignal const& ending)
+        : m_Site(site), m_Connection(connection), m_Timeout(timeout), m_Ending(ending) {
         m_Record.m_Kind = ExchangeKind::kProxy;
         m_Record.m_Time = site.m_Clock.text();
         m_Record.m_Verdict = "ok";
@@ -147,7 +147,7 @@ private:
     }
 
     void tunnel(HostPort const& hostPort, ProxyRequest const& request) {
-        LocalSocket const target(hostPort, Clock::now() + m_Patience, m_Ending);
+        LocalSocket const target(hostPort, Clock::now() + m_Timeout, m_Ending);
         if (m_Fault && !m_Fault->m_Bytes) {
             // Unless told otherwise the middle of an answer is that of its body, and here is none.
             m_Fault->m_Bytes = sizeof kEstablished / 2;
@@ -158,7 +158,7 @@ private:
         }
         Flow up(m_Connection.socket(), target.get(), request.m_Ahead, Flow::AtEnd::kTell);
         Flow down(target.get(), m_Connection.socket(), "", Flow::AtEnd::kTell);
-        carry(up, down, {Clock::time_point::max(), m_Patience}, m_Ending);
+        carry(up, down, {Clock::time_point::max(), m_Timeout}, m_Ending);
         if (!down.ended()) {
             // A mere end would say that this was all.
             m_Connection.reset();
@@ -166,13 +166,13 @@ private:
     }
 
     void forward(HttpAddress const& address, ProxyRequest const& request) {
-        Clock::time_point const answerBy = Clock::now() + m_Patience;
+        Clock::time_point const answerBy = Clock::now() + m_Timeout;
         LocalSocket const target(address.m_HostPort, answerBy, m_Ending);
         std::string const head = request.m_Method + " " + address.m_Target + " HTTP/1.0\r\n" + request.m_Fields;
         Flow up(m_Connection.socket(), target.get(), head + request.m_Ahead, Flow::AtEnd::kTell);
         // An answer that a fault happens to is collected first; any other goes on as it comes.
         Flow down(target.get(), m_Fault ? Flow::kNowhere : m_Connection.socket(), "", Flow::AtEnd::kLeave);
-        Outcome const outcome = carry(up, down, {answerBy, m_Patience}, m_Ending);
+        Outcome const outcome = carry(up, down, {answerBy, m_Timeout}, m_Ending);
         std::string const body = up.begin().size() > head.size() ? up.begin().substr(head.size()) : "";
         m_Record.m_Request = keptRequest(request.m_Line + request.m_Fields + body);
         finish(outcome, address.m_HostPort, down.begin());
@@ -216,7 +216,7 @@ private:
 
     Site const& m_Site;        ///< Borrowed, as is all that has an "&".
     Connection& m_Connection;  ///< To the client.
-    std::chrono::milliseconds m_Patience;
+    std::chrono::milliseconds m_Timeout;
     EndSignal const& m_Ending;
     Clock::time_point m_Begin = Clock::now();  ///< When the request was complete.
     Exchange m_Record;
@@ -226,8 +226,8 @@ private:
 
 }  // namespace
 
-Proxy::Proxy(std::uint16_t port, Site const& site, Patience patience)
-    : m_Site(site), m_Patience(patience), m_Acceptor(port) {}
+Proxy::Proxy(std::uint16_t port, Site const& site, Timeouts timeouts)
+    : m_Site(site), m_Timeouts(timeouts), m_Acceptor(port) {}
 
 Proxy::~Proxy() {
     stop();
@@ -250,8 +250,8 @@ void Proxy::stop() {
 }
 
 void Proxy::serve(int socket) {
-    Connection connection(socket, nullptr, m_Acceptor.ending(), m_Patience.m_Request);
-    ProxyTurn(m_Site, connection, m_Patience.m_Answer, m_Acceptor.ending()).serve();
+    Connection connection(socket, nullptr, m_Acceptor.ending(), m_Timeouts.m_Request);
+    ProxyTurn(m_Site, connection, m_Timeouts.m_Response, m_Acceptor.ending()).serve();
 }
 
 }  // namespace sandbox

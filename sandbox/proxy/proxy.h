@@ -16,13 +16,13 @@ namespace sandbox {
 /// recorded, and the faults of the exchange "proxy" happen to its answer.
 class Proxy {
 public:
-    struct Patience {
-        std::chrono::milliseconds m_Request;  ///< With a client, until the head of its request is complete.
-        std::chrono::milliseconds m_Answer;   ///< With a target, until it has begun to answer.
+    struct Timeouts {
+        std::chrono::milliseconds m_Request;   ///< With a client, until the head of its request is complete.
+        std::chrono::milliseconds m_Response;  ///< With a target, until it has begun to answer.
     };
 
     /// Takes the port (0 picks one); connections wait until start(). Borrows `site`. Throws std::runtime_error.
-    Proxy(std::uint16_t port, Site const& site, Patience patience);
+    Proxy(std::uint16_t port, Site const& site, Timeouts timeouts);
 
     /// Stops.
     ~Proxy();
@@ -45,7 +45,7 @@ private:
     void serve(int socket);
 
     Site const& m_Site;  ///< Borrowed.
-    Patience m_Patience;
+    Timeouts m_Timeouts;
     Acceptor m_Acceptor;  ///< Last, so that no connection is served any more when the rest goes.
 };
 

@@ -43,7 +43,7 @@ std::string lackOf(Outcome outcome, std::string const& answer) {
     switch (outcome) {
         case Outcome::kTargetLost:
             return "the merchant reset the connection";
-        case Outcome::kTooLate:
+        case Outcome::kTimedOut:
             return "the merchant did not answer in time";
         case Outcome::kStopped:
             return "the sandbox stopped before the merchant answered";
@@ -67,15 +67,15 @@ struct Asked {
     [[nodiscard]] bool good() const { return m_Verdict == "ok"; }
 };
 
-Asked ask(HttpAddress const& address, std::chrono::milliseconds patience, EndSignal const& ending) {
-    Clock::time_point const deadline = Clock::now() + patience;
+Asked ask(HttpAddress const& address, std::chrono::milliseconds timeout, EndSignal const& ending) {
+    Clock::time_point const deadline = Clock::now() + timeout;
     Asked asked;
     try {
         LocalSocket const socket(address.m_HostPort, deadline, ending);
         Flow up(Flow::kNowhere, socket.get(), requestText(address), Flow::AtEnd::kLeave);
         Flow down(socket.get(), Flow::kNowhere, "", Flow::AtEnd::kLeave);
         down.endWhen(isWholeAnswer);
-        Outcome const outcome = carry(up, down, {deadline, patience}, ending);
+        Outcome const outcome = carry(up, down, {deadline, timeout}, ending);
         asked.m_Answer = down.begin();
         asked.m_Status = statusOfAnswer(asked.m_Answer);
         asked.m_Verdict = asked.m_Status ? "the merchant answered " + std::to_string(*asked.m_Status)
@@ -90,12 +90,12 @@ Asked ask(HttpAddress const& address, std::chrono::milliseconds patience, EndSig
 }
 
 /// Asks once and records that as `record`.
-Asked askRecorded(Site const& site, HttpAddress const& address, std::chrono::milliseconds patience,
+Asked askRecorded(Site const& site, HttpAddress const& address, std::chrono::milliseconds timeout,
                   EndSignal const& ending, Exchange& record) {
     record.m_Time = site.m_Clock.text();
     record.m_Request = keptText(requestText(address));
     Clock::time_point const begin = Clock::now();
-    Asked asked = ask(address, patience, ending);
+    Asked asked = ask(address, timeout, ending);
     record.m_Microseconds = microsecondsSince(begin);
     record.m_Answer = keptText(asked.m_Answer);
     record.m_Verdict = asked.m_Verdict;
@@ -148,7 +148,7 @@ typename Waiting::iterator firstDue(Waiting& waiting, Clock::time_point now, Clo
 
 }  // namespace
 
-Notifier::Notifier(Site const& site, Patience patience) : m_Site(site), m_Patience(std::move(patience)) {}
+Notifier::Notifier(Site const& site, Timeouts timeouts) : m_Site(site), m_Timeouts(std::move(timeouts)) {}
 
 Notifier::~Notifier() {
     stop();
@@ -215,7 +215,7 @@ Notifier::Clock::time_point Notifier::look() {
         return Clock::now() + kPauseWithoutStore;
     }
     std::lock_guard<std::mutex> const lock(m_Mutex);
-    return m_Watched.empty() ? Clock::time_point::max() : Clock::now() + m_Patience.m_Clock;
+    return m_Watched.empty() ? Clock::time_point::max() : Clock::now() + m_Timeouts.m_ClockInterval;
 }
 
 void Notifier::expireOverdue() {
@@ -329,9 +329,9 @@ bool Notifier::send(Pending& pending) {
 bool Notifier::attempt(Pending& pending, std::string const& query, Exchange& record, bool twice) {
     Notification& notification = pending.m_Notification;
     HttpAddress const address = parseHttpAddress(extendLink(notification.m_Address, query));
-    Asked best = askRecorded(m_Site, address, m_Patience.m_Answer, m_Ending, record);
+    Asked best = askRecorded(m_Site, address, m_Timeouts.m_Response, m_Ending, record);
     if (twice) {
-        Asked const second = askRecorded(m_Site, address, m_Patience.m_Answer, m_Ending, record);
+        Asked const second = askRecorded(m_Site, address, m_Timeouts.m_Response, m_Ending, record);
         best = best.good() ? best : second;
     }
     if (!best.good() && m_Ending.raised()) {
@@ -342,11 +342,11 @@ bool Notifier::attempt(Pending& pending, std::string const& query, Exchange& rec
         return settle(notification, "delivered: " + std::to_string(*best.m_Status));
     }
     auto const failures = static_cast<std::size_t>(notification.m_Attempts);
-    if (failures > m_Patience.m_Pauses.size()) {
+    if (failures > m_Timeouts.m_Backoff.size()) {
         return settle(notification, "given up: " + best.m_Verdict);
     }
     keep(notification, "to be tried again: " + best.m_Verdict);
-    pending.m_Due = Clock::now() + m_Patience.m_Pauses[failures - 1];
+    pending.m_Due = Clock::now() + m_Timeouts.m_Backoff[failures - 1];
     return true;
 }
 

@@ -38,15 +38,16 @@ public:
     static constexpr std::size_t kSenders = 8;
 
     /// How long things may take.
-    struct Patience {
-        std::chrono::milliseconds m_Answer;  ///< For a merchant's answer.
+    struct Timeouts {
+        std::chrono::milliseconds m_Response;  ///< For a merchant's answer.
         std::vector<std::chrono::milliseconds>
-            m_Pauses;                       ///< After each attempt that failed. There is one attempt more.
-        std::chrono::milliseconds m_Clock;  ///< Between two looks at the site's clock while a payment can expire.
+            m_Backoff;  ///< After each attempt that failed. There is one attempt more.
+        std::chrono::milliseconds
+            m_ClockInterval;  ///< Between two looks at the site's clock while a payment can expire.
     };
 
     /// Borrows `site`. Throws std::runtime_error.
-    Notifier(Site const& site, Patience patience);
+    Notifier(Site const& site, Timeouts timeouts);
 
     /// Stops.
     ~Notifier();
@@ -99,7 +100,7 @@ private:
     void keep(Notification& notification, std::string const& outcome);
 
     Site const& m_Site;  ///< Borrowed.
-    Patience m_Patience;
+    Timeouts m_Timeouts;
     EndSignal m_Ending;
     std::vector<std::thread> m_Threads;
     std::int64_t m_LastTaken = 0;  ///< Number of the newest notification taken from the store. Used by run() alone.

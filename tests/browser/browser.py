@@ -26,9 +26,9 @@ from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
 from selenium.webdriver.support.wait import WebDriverWait
 
-from server import PATIENCE_SECONDS, Server
+from server import TIMEOUT_SECONDS, Server
 
-COMMAND_SECONDS = PATIENCE_SECONDS + 30  # the driver answers after it has waited for a page
+COMMAND_SECONDS = TIMEOUT_SECONDS + 30  # the driver answers after it has waited for a page
 POLL_SECONDS = 0.05
 DRIVER_TRIES = 10
 MOST_TABS = 40
@@ -83,7 +83,7 @@ class Browser:
         connection = ChromiumRemoteConnection(address, "goog", "chrome", ignore_proxy=True)
         connection.set_timeout(COMMAND_SECONDS)
         self.driver = webdriver.Remote(connection, options=self.options())
-        self.driver.set_page_load_timeout(PATIENCE_SECONDS)
+        self.driver.set_page_load_timeout(TIMEOUT_SECONDS)
         self.base = self.driver.current_window_handle
 
     def trust(self, authority):
@@ -92,7 +92,7 @@ class Browser:
         store.mkdir(parents=True)
         certutil = [os.environ["KVX_CERTUTIL"], "-d", f"sql:{store}"]
         for command in (["-N", "--empty-password"], ["-A", "-n", "authority", "-t", "C,,", "-i", str(authority)]):
-            subprocess.run(certutil + command, check=True, stdin=subprocess.DEVNULL, timeout=PATIENCE_SECONDS)
+            subprocess.run(certutil + command, check=True, stdin=subprocess.DEVNULL, timeout=TIMEOUT_SECONDS)
 
     def start_driver(self):
         """The driver takes a free port of IPv4 and then wants the same one of IPv6; when that is taken it ends, and
@@ -135,7 +135,7 @@ class Browser:
 
     def end_processes(self):
         self.server.stop()
-        deadline = time.monotonic() + PATIENCE_SECONDS
+        deadline = time.monotonic() + TIMEOUT_SECONDS
         while left := self.processes():
             if not ends(left[0], deadline):
                 break
@@ -182,7 +182,7 @@ class Browser:
         before = self.page()
         action()
         # While one page makes room for another, questions about either may fail.
-        wait = WebDriverWait(self.driver, PATIENCE_SECONDS, POLL_SECONDS, [WebDriverException])
+        wait = WebDriverWait(self.driver, TIMEOUT_SECONDS, POLL_SECONDS, [WebDriverException])
         wait.until(lambda _: self.page() != before and self.has_ended(), "no other page came")
 
     def has_ended(self):
@@ -276,4 +276,4 @@ def kill(process):
         os.kill(process, signal.SIGKILL)
     except ProcessLookupError:
         return  # it ended with the one that was killed before
-    ends(process, time.monotonic() + PATIENCE_SECONDS)
+    ends(process, time.monotonic() + TIMEOUT_SECONDS)

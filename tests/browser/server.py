@@ -5,7 +5,7 @@ import re
 import subprocess
 import threading
 
-PATIENCE_SECONDS = 60
+TIMEOUT_SECONDS = 60
 
 
 class Server:
@@ -26,7 +26,7 @@ class Server:
         self.ready = self.wait_until_ready(ready)
 
     def wait_until_ready(self, pattern):
-        watchdog = threading.Timer(PATIENCE_SECONDS, self.process.kill)
+        watchdog = threading.Timer(TIMEOUT_SECONDS, self.process.kill)
         watchdog.start()
         lines = []
         try:
@@ -37,7 +37,7 @@ class Server:
         finally:
             watchdog.cancel()
         self.process.kill()
-        self.process.wait(PATIENCE_SECONDS)
+        self.process.wait(TIMEOUT_SECONDS)
         self.process.stdout.close()
         raise AssertionError(f"{self.name} did not start: {self.errors.read_text(errors='replace')}")
 
@@ -45,7 +45,7 @@ class Server:
         """Ends it. Returns its status and what it had to complain about."""
         self.process.terminate()
         try:
-            status = self.process.wait(PATIENCE_SECONDS)
+            status = self.process.wait(TIMEOUT_SECONDS)
         finally:
             self.process.kill()  # nothing when it has ended
             self.process.wait()

@@ -9,7 +9,7 @@ import tempfile
 import urllib.parse
 import urllib.request
 
-from server import PATIENCE_SECONDS, Server
+from server import TIMEOUT_SECONDS, Server
 
 
 class Certificates:
@@ -85,7 +85,7 @@ class Stage:
     def ask(self, method, path, content=None):
         body = None if content is None else json.dumps(content).encode()
         request = urllib.request.Request(self.control + path, body, {"Content-Type": "application/json"}, method=method)
-        with urllib.request.build_opener(urllib.request.ProxyHandler({})).open(request, timeout=PATIENCE_SECONDS):
+        with urllib.request.build_opener(urllib.request.ProxyHandler({})).open(request, timeout=TIMEOUT_SECONDS):
             pass
 
 

@@ -16,7 +16,7 @@ from selenium.common.exceptions import WebDriverException
 from selenium.webdriver.common.by import By
 
 from browser import Browser
-from server import PATIENCE_SECONDS
+from server import TIMEOUT_SECONDS
 from stage import Stage
 
 
@@ -144,7 +144,7 @@ class WalkCase(unittest.TestCase):
 
     def wait_for_completion(self, order):
         """The shopper loads the order's page again until it is completed."""
-        deadline = time.monotonic() + PATIENCE_SECONDS
+        deadline = time.monotonic() + TIMEOUT_SECONDS
         while time.monotonic() < deadline:
             self.open(order, "order")
             if self.browser.one("h1").text.endswith(": completed"):

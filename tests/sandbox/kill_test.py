@@ -20,7 +20,7 @@ import unittest
 import urllib.parse
 
 from merchant import ANSWER_SECONDS, Account, PrivateKey, Refused, Signer, Transport, attributes_of, query_of
-from sandboxprocess import PATIENCE_SECONDS, SandboxCase, trusting
+from sandboxprocess import TIMEOUT_SECONDS, SandboxCase, trusting
 
 LEAST_ROUNDS = 5
 SECONDS = 20  # in which there are as many more as fit
@@ -464,7 +464,7 @@ class KillDuringStart(SandboxCase):
         """Starts, and kills at that change of the files named so. Returns whether the service was ready before."""
         seen = self.contents(pattern)
         sandbox = self.start(*options)
-        deadline = time.monotonic() + PATIENCE_SECONDS
+        deadline = time.monotonic() + TIMEOUT_SECONDS
         ready = False
         while number > 0 and not ready:
             self.assertLess(time.monotonic(), deadline)
@@ -480,7 +480,7 @@ class KillDuringStart(SandboxCase):
         """Starts, and kills at that transaction. Returns whether the service was ready before."""
         sandbox = self.start()
         log_index = self.data / "sandbox.db-shm"
-        deadline = time.monotonic() + PATIENCE_SECONDS
+        deadline = time.monotonic() + TIMEOUT_SECONDS
         while not (log_index.exists() and log_index.stat().st_size) and not sandbox.poll_line():
             self.assertLess(time.monotonic(), deadline)
         ready = kill_at_commit(sandbox, log_index, number, sandbox.poll_line) > 0

@@ -25,12 +25,12 @@ using sandbox::Connection;
 using sandboxtest::RawConnection;
 using Clock = Acceptor::Clock;
 
-constexpr std::chrono::seconds kPatience{30};
+constexpr std::chrono::seconds kTimeout{30};
 
 /// Sends back what comes until it ends.
 void echo(int socket) {
     sandbox::EndSignal const never;
-    Connection connection(socket, nullptr, never, kPatience);
+    Connection connection(socket, nullptr, never, kTimeout);
     char piece[256];
     for (ssize_t count = connection.read(piece, sizeof piece); count > 0;
          count = connection.read(piece, sizeof piece)) {
@@ -127,7 +127,7 @@ TEST(Acceptor, AcceptsAgainByItselfWhenTheTimeHasCome) {
     Clock::time_point const end = Clock::now() + std::chrono::milliseconds(200);
     acceptor.refuseUntil(end);
     while (isRefused(acceptor.port())) {
-        ASSERT_LT(Clock::now(), end + kPatience);
+        ASSERT_LT(Clock::now(), end + kTimeout);
         std::this_thread::yield();
     }
     EXPECT_GE(Clock::now(), end);
@@ -140,7 +140,7 @@ TEST(Acceptor, StopsWhileItRefuses) {
     acceptor.refuseUntil(Clock::time_point::max());
     auto const begin = Clock::now();
     acceptor.stop();
-    EXPECT_LT(Clock::now() - begin, kPatience);
+    EXPECT_LT(Clock::now() - begin, kTimeout);
     EXPECT_TRUE(isRefused(acceptor.port()));
     acceptor.refuseUntil({});
     EXPECT_TRUE(isRefused(acceptor.port())) << "it has stopped for good";
@@ -173,7 +173,7 @@ TEST(Acceptor, StopsWithHundredsAtOnce) {
     std::vector<std::unique_ptr<RawConnection>> const connections = connectHundreds(acceptor);
     auto const begin = Clock::now();
     acceptor.stop();
-    EXPECT_LT(Clock::now() - begin, 2 * kPatience);
+    EXPECT_LT(Clock::now() - begin, 2 * kTimeout);
     EXPECT_TRUE(isRefused(acceptor.port()));
 }
 
@@ -196,7 +196,7 @@ TEST(Acceptor, StopsUnderLoad) {
             });
         }
         auto const begin = Clock::now();
-        while (served < 10 * kClients && Clock::now() - begin < kPatience) {
+        while (served < 10 * kClients && Clock::now() - begin < kTimeout) {
             std::this_thread::yield();
         }
         EXPECT_GE(served, 10 * kClients);
@@ -212,14 +212,14 @@ TEST(Acceptor, LetsWhatIsServedFinish) {
     Acceptor acceptor(0);
     std::promise<void> reading;
     acceptor.start([&](int socket) {
-        Connection connection(socket, nullptr, acceptor.ending(), kPatience);
+        Connection connection(socket, nullptr, acceptor.ending(), kTimeout);
         char piece[1];
         reading.set_value();
         EXPECT_EQ(connection.read(piece, sizeof piece), 0) << "stopping ends the incoming direction";
         EXPECT_TRUE(connection.write("bye", 3));
     });
     RawConnection const connection(acceptor.port());
-    ASSERT_EQ(reading.get_future().wait_for(kPatience), std::future_status::ready);
+    ASSERT_EQ(reading.get_future().wait_for(kTimeout), std::future_status::ready);
     acceptor.stop();
     EXPECT_EQ(connection.readToEnd(), "bye");
 }
@@ -228,14 +228,14 @@ TEST(Acceptor, CutsWhatDoesNotFinish) {
     Acceptor acceptor(0);
     std::promise<void> writing;
     acceptor.start([&](int socket) {
-        Connection connection(socket, nullptr, acceptor.ending(), kPatience);
+        Connection connection(socket, nullptr, acceptor.ending(), kTimeout);
         std::string const piece(1024 * 1024, 'x');
         writing.set_value();
         while (connection.write(piece.data(), piece.size())) {
         }
     });
     RawConnection const connection(acceptor.port());
-    ASSERT_EQ(writing.get_future().wait_for(kPatience), std::future_status::ready);
+    ASSERT_EQ(writing.get_future().wait_for(kTimeout), std::future_status::ready);
     // Somebody who reads, slowly, so that no single write ever waits for long.
     std::atomic<bool> stopped{false};
     std::thread reader([&] {
@@ -249,22 +249,22 @@ TEST(Acceptor, CutsWhatDoesNotFinish) {
     reader.join();
 }
 
-/// Pauses for an hour with a client that calls `leave` at once; whether it is over while there is patience.
+/// Pauses for an hour with a client that calls `leave` at once; whether it is over within the timeout.
 template <class Leave>
 bool endsEarly(void (Connection::*pause)(double) const, Leave leave) {
     Acceptor acceptor(0);
     std::promise<void> pausing;
     std::promise<void> over;
     acceptor.start([&](int socket) {
-        Connection const connection(socket, nullptr, acceptor.ending(), kPatience);
+        Connection const connection(socket, nullptr, acceptor.ending(), kTimeout);
         pausing.set_value();
         (connection.*pause)(3600);
         over.set_value();
     });
     RawConnection const connection(acceptor.port());
-    EXPECT_EQ(pausing.get_future().wait_for(kPatience), std::future_status::ready);
+    EXPECT_EQ(pausing.get_future().wait_for(kTimeout), std::future_status::ready);
     leave(acceptor, connection);
-    return over.get_future().wait_for(kPatience) == std::future_status::ready;
+    return over.get_future().wait_for(kTimeout) == std::future_status::ready;
 }
 
 void stopAcceptor(Acceptor& acceptor, RawConnection const& /*connection*/) {
@@ -287,7 +287,7 @@ TEST(Connection, PausesUntilTheOtherSideLeaves) {
 TEST(Connection, PausesForWhoWaitsForAnAnswerAndSaysNothingMore) {
     Acceptor acceptor(0);
     acceptor.start([&](int socket) {
-        Connection connection(socket, nullptr, acceptor.ending(), kPatience);
+        Connection connection(socket, nullptr, acceptor.ending(), kTimeout);
         char piece[1];
         EXPECT_EQ(connection.read(piece, sizeof piece), 0);
         auto const begin = Clock::now();
@@ -309,10 +309,10 @@ TEST(Connection, DoesNotPauseForEverForWhoMayHaveGone) {
         over.set_value();
     });
     { RawConnection const gone(acceptor.port()); }
-    EXPECT_EQ(over.get_future().wait_for(kPatience), std::future_status::ready);
+    EXPECT_EQ(over.get_future().wait_for(kTimeout), std::future_status::ready);
 }
 
-TEST(Connection, HasNoPatienceForWhoNeverComesToAnEnd) {
+TEST(Connection, GivesUpAClientThatNeverComesToAnEnd) {
     Acceptor acceptor(0);
     std::promise<void> over;
     acceptor.start([&](int socket) {
@@ -324,7 +324,7 @@ TEST(Connection, HasNoPatienceForWhoNeverComesToAnEnd) {
     });
     RawConnection const connection(acceptor.port());
     auto ended = over.get_future();
-    auto const deadline = Clock::now() + kPatience;
+    auto const deadline = Clock::now() + kTimeout;
     while (ended.wait_for(std::chrono::milliseconds(5)) != std::future_status::ready && Clock::now() < deadline) {
         ::send(connection.get(), "x", 1, MSG_NOSIGNAL);
     }

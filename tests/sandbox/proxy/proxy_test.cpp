@@ -78,7 +78,7 @@ public:
 class Event {
 public:
     void happen() { m_Promise.set_value(); }
-    bool await() { return m_Promise.get_future().wait_for(kPatience) == std::future_status::ready; }
+    bool await() { return m_Promise.get_future().wait_for(kTimeout) == std::future_status::ready; }
 
 private:
     std::promise<void> m_Promise;
@@ -404,9 +404,9 @@ TEST_F(SandboxProxy, TellsThatNobodyListens) {
 }
 
 TEST_F(SandboxProxy, GivesUpATargetThatDoesNotAnswer) {
-    sandbox::Options impatient = options();
-    impatient.m_ProxyPatience = std::chrono::milliseconds(50);
-    restartWithProxy(impatient);
+    sandbox::Options hurried = options();
+    hurried.m_ProxyTimeout = std::chrono::milliseconds(50);
+    restartWithProxy(hurried);
     RawServer silent([](Peer& peer) { peer.receiveToEnd(); });
     for (char const* fault : {"", "delay,exchange=proxy,seconds=0"}) {
         if (*fault != '\0') {
@@ -420,9 +420,9 @@ TEST_F(SandboxProxy, GivesUpATargetThatDoesNotAnswer) {
 }
 
 TEST_F(SandboxProxy, GivesUpATargetThatDoesNotAccept) {
-    sandbox::Options impatient = options();
-    impatient.m_ProxyPatience = std::chrono::milliseconds(50);
-    restartWithProxy(impatient);
+    sandbox::Options hurried = options();
+    hurried.m_ProxyTimeout = std::chrono::milliseconds(50);
+    restartWithProxy(hurried);
     // A port whose queue of one is full.
     int const listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
@@ -457,9 +457,9 @@ std::string receivedOf(std::function<std::string()> const& read) {
 }
 
 TEST_F(SandboxProxy, GivesUpATargetThatSaysNothingToWhoEnded) {
-    sandbox::Options impatient = options();
-    impatient.m_ProxyPatience = std::chrono::milliseconds(50);
-    restartWithProxy(impatient);
+    sandbox::Options hurried = options();
+    hurried.m_ProxyTimeout = std::chrono::milliseconds(50);
+    restartWithProxy(hurried);
     Event over;
     RawServer target([&over](Peer& peer) {
         peer.receiveToEnd();
@@ -614,9 +614,9 @@ TEST_F(TlsSandboxProxy, LetsFaultsOfTlsThroughToTheMerchant) {
 }
 
 TEST_F(SandboxProxy, EndsWithTheServiceWhateverIsUnderWay) {
-    sandbox::Options patient = options();
-    patient.m_ProxyPatience = std::chrono::hours(1);
-    restartWithProxy(patient);
+    sandbox::Options unhurried = options();
+    unhurried.m_ProxyTimeout = std::chrono::hours(1);
+    restartWithProxy(unhurried);
     Event asked;
     RawServer silent([&asked](Peer& peer) {
         peer.receive();

@@ -56,7 +56,7 @@ public:
     /// Leaves the request unanswered until `released` is ready.
     static Script answersLate(std::shared_future<void> released, std::string answer) {
         return [released = std::move(released), answer = std::move(answer)](Peer& peer) {
-            if (released.wait_for(kPatience) == std::future_status::ready) {
+            if (released.wait_for(kTimeout) == std::future_status::ready) {
                 peer.send(answer);
             }
         };
@@ -65,10 +65,10 @@ public:
     [[nodiscard]] std::string address() const { return "http://127.0.0.1:" + m_Server.portText() + "/notified?shop=7"; }
     [[nodiscard]] std::string hostPort() const { return "127.0.0.1:" + m_Server.portText(); }
 
-    /// The first `count` requests as soon as they are there; fewer when patience is over.
+    /// The first `count` requests as soon as they are there; fewer when the timeout passes.
     std::vector<std::string> requests(std::size_t count) {
         std::unique_lock<std::mutex> lock(m_Mutex);
-        m_Changed.wait_for(lock, kPatience, [this, count] { return m_Requests.size() >= count; });
+        m_Changed.wait_for(lock, kTimeout, [this, count] { return m_Requests.size() >= count; });
         return m_Requests;
     }
 
@@ -96,13 +96,13 @@ private:
 
 class PaymentNotification : public SandboxTest {
 protected:
-    PaymentNotification() { restartWithPauses({std::chrono::milliseconds(0), std::chrono::milliseconds(0)}); }
+    PaymentNotification() { restartWithBackoff({std::chrono::milliseconds(0), std::chrono::milliseconds(0)}); }
 
-    void restartWithPauses(std::vector<std::chrono::milliseconds> const& pauses,
-                           std::chrono::milliseconds patience = std::chrono::hours(1)) {
+    void restartWithBackoff(std::vector<std::chrono::milliseconds> const& backoff,
+                            std::chrono::milliseconds timeout = std::chrono::hours(1)) {
         sandbox::Options hurried = options();
-        hurried.m_NotificationPauses = pauses;
-        hurried.m_NotificationPatience = patience;
+        hurried.m_NotificationBackoff = backoff;
+        hurried.m_NotificationTimeout = timeout;
         restart(hurried);
     }
 
@@ -197,11 +197,11 @@ TEST_F(PaymentNotification, TellsThatAPaymentHasExpired) {
 /// Payments that expire within the hour, of a service that looks at the clock as often as a test says.
 class NotificationOfExpiration : public PaymentNotification {
 protected:
-    NotificationOfExpiration() { restartWithPace(std::chrono::hours(1)); }
+    NotificationOfExpiration() { restartWithClockInterval(std::chrono::hours(1)); }
 
-    void restartWithPace(std::chrono::milliseconds pace) {
+    void restartWithClockInterval(std::chrono::milliseconds interval) {
         sandbox::Options others = options();
-        others.m_ClockPace = pace;
+        others.m_ClockInterval = interval;
         restart(others);
     }
 
@@ -218,7 +218,7 @@ protected:
 
 TEST_F(NotificationOfExpiration, ComesWithoutAnybodyLooking) {
     Shop shop({Shop::answers(answerWith(200))});
-    restartWithPace(std::chrono::milliseconds(5));
+    restartWithClockInterval(std::chrono::milliseconds(5));
     openBriefly(shop.address());
     m_Now = kPast;
     EXPECT_EQ(attributeOf(dataOf(shop.request()), "RESULT"), "expired");
@@ -391,7 +391,7 @@ TEST_F(PaymentNotification, GivesUpWhereNobodyListens) {
 }
 
 TEST_F(PaymentNotification, DoesNotWaitForASlowMerchantForEver) {
-    restartWithPauses({}, std::chrono::milliseconds(50));
+    restartWithBackoff({}, std::chrono::milliseconds(50));
     Shop shop({Shop::hangs()});
     payNotified(shop.address());
     EXPECT_EQ(awaitSettled().m_Outcome, "given up: the merchant did not answer in time");
@@ -399,7 +399,7 @@ TEST_F(PaymentNotification, DoesNotWaitForASlowMerchantForEver) {
 
 TEST_F(PaymentNotification, IsContentWithTheHeadOfAnAnswerThatDoesNotEnd) {
     // Enough attempts for a machine that is slow to give this answer, too.
-    restartWithPauses(std::vector<std::chrono::milliseconds>(50), std::chrono::milliseconds(100));
+    restartWithBackoff(std::vector<std::chrono::milliseconds>(50), std::chrono::milliseconds(100));
     Shop shop({[](Peer& peer) {
         peer.send("HTTP/1.1 204 Fine\r\nConnection: keep-alive\r\n\r\n");
         peer.receiveToEnd();
@@ -409,7 +409,7 @@ TEST_F(PaymentNotification, IsContentWithTheHeadOfAnAnswerThatDoesNotEnd) {
 }
 
 TEST_F(PaymentNotification, TakesAnAnswerForWholeWhenItsLengthHasCome) {
-    restartWithPauses({}, std::chrono::hours(1));
+    restartWithBackoff({}, std::chrono::hours(1));
     Shop shop({[](Peer& peer) {
         peer.send("HTTP/1.1 200 OK\r\ncontent-length: 4\r\n\r\ndo");
         peer.send("ne");
@@ -452,7 +452,7 @@ TEST_F(PaymentNotification, SendsToThisMachineOverHttpOnly) {
 }
 
 TEST_F(PaymentNotification, WaitsBetweenAttemptsAndLetsOthersPass) {
-    restartWithPauses({std::chrono::hours(1), std::chrono::hours(1)});
+    restartWithBackoff({std::chrono::hours(1), std::chrono::hours(1)});
     Shop failing({Shop::answers(answerWith(500))});
     payNotified(failing.address(), "t1");
     Notification const first = await([](Notification const& notification) { return notification.m_Attempts == 1; });
@@ -463,7 +463,7 @@ TEST_F(PaymentNotification, WaitsBetweenAttemptsAndLetsOthersPass) {
     EXPECT_EQ(awaitSettled(1).m_Outcome, "delivered: 200");
     EXPECT_EQ(failing.requests(1).size(), 1u);
     // The next start does not wait, and counts on.
-    restartWithPauses({std::chrono::hours(1), std::chrono::hours(1)});
+    restartWithBackoff({std::chrono::hours(1), std::chrono::hours(1)});
     EXPECT_EQ(await([](Notification const& notification) { return notification.m_Attempts == 2; }).m_Outcome,
               first.m_Outcome);
     EXPECT_EQ(failing.requests(2).size(), 2u);
@@ -500,7 +500,7 @@ TEST_F(PaymentNotification, DoesNotWaitForMerchantsElsewhere) {
 }
 
 TEST_F(PaymentNotification, ComesInOrderForOnePayment) {
-    restartWithPauses({std::chrono::hours(1), std::chrono::hours(1)});
+    restartWithBackoff({std::chrono::hours(1), std::chrono::hours(1)});
     Shop shop({Shop::answers(answerWith(500)), Shop::answers(answerWith(500)), Shop::answers(answerWith(200))});
     payNotified(shop.address(), "t1");
     EXPECT_TRUE(await([](Notification const& notification) { return notification.m_Attempts == 1; }).m_Pending);
@@ -632,7 +632,7 @@ TEST_F(PaymentNotification, IsLateByFaultOfDelay) {
     payNotified(shop.address(), "t3");
     EXPECT_EQ(awaitSettled(2).m_Outcome, "delivered: 200");
     EXPECT_TRUE(m_Service->notifications().at(1).m_Pending);
-    restartWithPauses({});
+    restartWithBackoff({});
     EXPECT_EQ(awaitSettled(1).m_Outcome, "delivered: 200");
     EXPECT_EQ(shop.requests(3).size(), 3u);
 }

@@ -47,9 +47,9 @@ std::string post(std::string const& target, std::string const& type, std::string
 }  // namespace
 
 RawConnection::RawConnection(std::uint16_t port) : m_Number(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    timeval const patience{10, 0};
-    ::setsockopt(m_Number, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-    ::setsockopt(m_Number, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+    timeval const timeout{10, 0};
+    ::setsockopt(m_Number, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    ::setsockopt(m_Number, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);

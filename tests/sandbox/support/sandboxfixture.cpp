@@ -11,7 +11,7 @@ namespace sandboxtest {
 
 bool comesTrue(std::function<bool()> const& condition) {
     constexpr std::chrono::milliseconds kBetween{2};
-    auto const end = std::chrono::steady_clock::now() + kPatience;
+    auto const end = std::chrono::steady_clock::now() + kTimeout;
     while (!condition()) {
         if (std::chrono::steady_clock::now() > end) {
             return false;

@@ -17,9 +17,9 @@
 namespace sandboxtest {
 
 /// How long a test waits for what is to come at any moment.
-inline constexpr std::chrono::seconds kPatience{60};
+inline constexpr std::chrono::seconds kTimeout{60};
 
-/// Whether `condition` comes true while there is patience.
+/// Whether `condition` comes true within kTimeout.
 bool comesTrue(std::function<bool()> const& condition);
 
 /// A directory that goes with everything in it.

@@ -11,7 +11,7 @@ import tempfile
 import time
 import unittest
 
-PATIENCE_SECONDS = 60
+TIMEOUT_SECONDS = 60
 
 
 class SandboxProcess:
@@ -34,7 +34,7 @@ class SandboxProcess:
 
     def addresses(self):
         """What the program tells once it is ready."""
-        deadline = time.monotonic() + PATIENCE_SECONDS
+        deadline = time.monotonic() + TIMEOUT_SECONDS
         while not self.poll_line(max(0, deadline - time.monotonic())):
             if time.monotonic() > deadline:
                 raise AssertionError(f"the sandbox did not tell its addresses in time: {self.line!r}")
@@ -45,7 +45,7 @@ class SandboxProcess:
     def finish(self):
         """Waits for the end. Returns the exit status, what it wrote after its addresses, and its errors."""
         try:
-            out, errors = self.process.communicate(timeout=PATIENCE_SECONDS)
+            out, errors = self.process.communicate(timeout=TIMEOUT_SECONDS)
         except subprocess.TimeoutExpired as late:
             self.end_session()
             raise AssertionError("the sandbox did not end, or left a process behind") from late
@@ -73,7 +73,7 @@ class SandboxProcess:
         """Whatever state it is in, it is gone afterwards."""
         if self.process.returncode is None:
             self.end_session()
-            self.process.wait(PATIENCE_SECONDS)
+            self.process.wait(TIMEOUT_SECONDS)
         self.process.stdout.close()
         self.process.stderr.close()
 
