@@ -15,7 +15,7 @@
 #include "sandbox/service/notifier.h"
 #include "sandbox/service/paymentmoves.h"
 #include "sandbox/service/protocol.h"
-#include "sandbox/service/site.h"
+#include "sandbox/service/services.h"
 #include "sandbox/store/datadirectory.h"
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/wiretext.h"
@@ -27,17 +27,17 @@ namespace {
 constexpr char kDatabaseFile[] = "sandbox.db";
 constexpr int kFormKeyBytes = 16;
 
-HttpReply dispatch(Site const& site, HttpRequest const& request) {
+HttpReply dispatch(Services const& services, HttpRequest const& request) {
     if (request.m_Method == "HEAD") {
         throw HttpError("HEAD is not answered here, because every request counts", 405);
     }
-    if (std::optional<HttpReply> reply = answerProtocol(site, request)) {
+    if (std::optional<HttpReply> reply = answerProtocol(services, request)) {
         return *reply;
     }
-    if (std::optional<HttpReply> reply = answerControl(site, request)) {
+    if (std::optional<HttpReply> reply = answerControl(services, request)) {
         return *reply;
     }
-    if (std::optional<HttpReply> reply = answerDashboard(site, request)) {
+    if (std::optional<HttpReply> reply = answerDashboard(services, request)) {
         return *reply;
     }
     if (request.m_Method == "GET" && request.m_Path == "/returned") {
@@ -46,9 +46,9 @@ HttpReply dispatch(Site const& site, HttpRequest const& request) {
     throw HttpError("There is nothing here.", 404);
 }
 
-HttpReply answer(Site const& site, HttpRequest const& request) noexcept {
+HttpReply answer(Services const& services, HttpRequest const& request) noexcept {
     try {
-        return dispatch(site, request);
+        return dispatch(services, request);
     } catch (HttpError const& error) {
         return {error.status(), "text/plain; charset=utf-8", std::string(error.what()) + "\n"};
     } catch (std::exception const& failure) {
@@ -67,8 +67,9 @@ public:
           m_Store(m_Directory.file(kDatabaseFile)),
           m_Clock(options.m_Clock),
           m_Keys(m_Store, m_Clock, options.m_ServerKeyBits),
-          m_Site{m_Store, m_Keys, m_Faults, m_Clock, m_Addresses, m_Notifier, m_FormKey},
-          m_Notifier(m_Site, {options.m_NotificationTimeout, options.m_NotificationBackoff, options.m_ClockInterval}),
+          m_Services{m_Store, m_Keys, m_Faults, m_Clock, m_Addresses, m_Notifier, m_FormKey},
+          m_Notifier(m_Services,
+                     {options.m_NotificationTimeout, options.m_NotificationBackoff, options.m_ClockInterval}),
           m_Control(options.m_ControlPort, nullptr, nullptr, options.m_RequestTimeout),
           m_Plain(options.m_Port, nullptr, &m_Faults, options.m_RequestTimeout) {
         m_Store.putAccount(options.m_AccountUser, options.m_AccountPassword);
@@ -78,7 +79,7 @@ public:
             m_Addresses.m_Tls = m_Tls->baseUrl();
         }
         if (options.m_Proxy) {
-            m_Proxy = std::make_unique<Proxy>(options.m_ProxyPort, m_Site,
+            m_Proxy = std::make_unique<Proxy>(options.m_ProxyPort, m_Services,
                                               Proxy::Timeouts{options.m_RequestTimeout, options.m_ProxyTimeout});
             m_Addresses.m_Proxy = m_Proxy->baseUrl();
         }
@@ -88,7 +89,7 @@ public:
         for (Fault const& fault : options.m_Faults) {
             m_Faults.arm(fault);
         }
-        auto const handler = [this](HttpRequest const& request) { return answer(m_Site, request); };
+        auto const handler = [this](HttpRequest const& request) { return answer(m_Services, request); };
         m_Control.start(handler);
         m_Plain.start(handler);
         if (m_Tls) {
@@ -112,7 +113,7 @@ public:
     Running(Running const&) = delete;
     Running& operator=(Running const&) = delete;
 
-    [[nodiscard]] Site const& site() const { return m_Site; }
+    [[nodiscard]] Services const& services() const { return m_Services; }
     [[nodiscard]] Listener const& control() const { return m_Control; }
     [[nodiscard]] Listener const& plain() const { return m_Plain; }
     [[nodiscard]] Listener const* tls() const { return m_Tls.get(); }
@@ -139,7 +140,7 @@ private:
     FaultBook m_Faults;
     Addresses m_Addresses;
     std::string m_FormKey = randomHex(kFormKeyBytes);
-    Site m_Site;
+    Services m_Services;
     Notifier m_Notifier;
     std::unique_ptr<Proxy> m_Proxy;  ///< Null without a proxy. Ends after the listeners, to carry their last answers.
     TlsIdentity m_TlsIdentity;       ///< Empty without TLS.
@@ -180,19 +181,19 @@ std::uint16_t Service::proxyPort() const {
 }
 
 std::string Service::baseUrl() const {
-    return m_Running ? m_Running->site().m_Addresses.m_Plain : "";
+    return m_Running ? m_Running->services().m_Addresses.m_Plain : "";
 }
 
 std::string Service::tlsBaseUrl() const {
-    return m_Running ? m_Running->site().m_Addresses.m_Tls : "";
+    return m_Running ? m_Running->services().m_Addresses.m_Tls : "";
 }
 
 std::string Service::controlUrl() const {
-    return m_Running ? m_Running->site().m_Addresses.m_Control : "";
+    return m_Running ? m_Running->services().m_Addresses.m_Control : "";
 }
 
 std::string Service::proxyUrl() const {
-    return m_Running ? m_Running->site().m_Addresses.m_Proxy : "";
+    return m_Running ? m_Running->services().m_Addresses.m_Proxy : "";
 }
 
 std::string Service::authorityFile() const {
@@ -200,43 +201,43 @@ std::string Service::authorityFile() const {
 }
 
 std::string Service::serverKeyId() const {
-    return running().site().m_Keys.current()->m_Id;
+    return running().services().m_Keys.current()->m_Id;
 }
 
 std::string Service::rotateServerKey() {
-    return running().site().m_Keys.rotate()->m_Id;
+    return running().services().m_Keys.rotate()->m_Id;
 }
 
 std::vector<Payment> Service::payments() const {
-    return presentPayments(running().site());
+    return presentPayments(running().services());
 }
 
 void Service::clockMoved() {
-    running().site().m_Notifier.wake();
+    running().services().m_Notifier.wake();
 }
 
 std::vector<Exchange> Service::exchanges() const {
-    return running().site().m_Store.exchanges();
+    return running().services().m_Store.exchanges();
 }
 
 std::vector<Notification> Service::notifications() const {
-    return running().site().m_Store.notifications();
+    return running().services().m_Store.notifications();
 }
 
 std::int64_t Service::arm(Fault const& fault) {
-    return running().site().m_Faults.arm(fault);
+    return running().services().m_Faults.arm(fault);
 }
 
 bool Service::liftFault(std::int64_t id) {
-    return running().site().m_Faults.lift(id);
+    return running().services().m_Faults.lift(id);
 }
 
 void Service::liftFaults() {
-    running().site().m_Faults.liftAll();
+    running().services().m_Faults.liftAll();
 }
 
 std::vector<ArmedFault> Service::faults() {
-    return running().site().m_Faults.armed();
+    return running().services().m_Faults.armed();
 }
 
 Service::Running& Service::running() const {

@@ -20,7 +20,7 @@ constexpr int kFailed = 500;
 struct Route {
     char const* m_Method;
     char const* m_Path;  ///< A "#" at the end stands for digits.
-    HttpReply (*m_Answer)(Site const& site, HttpRequest const& request);
+    HttpReply (*m_Answer)(Services const& services, HttpRequest const& request);
 };
 
 // clang-format off
@@ -59,7 +59,7 @@ HttpReply errorReply(int status, std::string const& reason) {
     return jsonReply(status, content);
 }
 
-HttpReply answerRoute(Site const& site, HttpRequest const& request) {
+HttpReply answerRoute(Services const& services, HttpRequest const& request) {
     refuseForeignHost(request);
     std::string allowed;
     for (Route const& route : kRoutes) {
@@ -70,7 +70,7 @@ HttpReply answerRoute(Site const& site, HttpRequest const& request) {
             if (request.m_Method == "POST") {
                 requireJson(request);
             }
-            return route.m_Answer(site, request);
+            return route.m_Answer(services, request);
         }
         allowed += (allowed.empty() ? "" : ", ") + std::string(route.m_Method);
     }
@@ -84,12 +84,12 @@ HttpReply answerRoute(Site const& site, HttpRequest const& request) {
 
 }  // namespace
 
-std::optional<HttpReply> answerControl(Site const& site, HttpRequest const& request) {
+std::optional<HttpReply> answerControl(Services const& services, HttpRequest const& request) {
     if (!isBelow(request.m_Path, "/control")) {
         return std::nullopt;
     }
     try {
-        return answerRoute(site, request);
+        return answerRoute(services, request);
     } catch (HttpError const& error) {
         return errorReply(error.status(), error.what());
     } catch (std::exception const& failure) {

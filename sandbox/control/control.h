@@ -3,7 +3,7 @@
 
 #include <optional>
 
-#include "sandbox/service/site.h"
+#include "sandbox/service/services.h"
 
 namespace sandbox {
 
@@ -25,7 +25,7 @@ namespace sandbox {
 ///     POST   /control/keys/rotate    makes a new key
 ///     POST   /control/accounts       creates an account or changes its password
 ///     POST   /control/clock          sets the clock ahead
-std::optional<HttpReply> answerControl(Site const& site, HttpRequest const& request);
+std::optional<HttpReply> answerControl(Services const& services, HttpRequest const& request);
 
 }  // namespace sandbox
 

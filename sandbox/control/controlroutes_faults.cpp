@@ -15,15 +15,15 @@ constexpr int kNotFound = 404;
 
 }  // namespace
 
-HttpReply tellFaults(Site const& site, HttpRequest const&) {
+HttpReply tellFaults(Services const& services, HttpRequest const&) {
     nlohmann::json faults = nlohmann::json::array();
-    for (ArmedFault const& armed : site.m_Faults.armed()) {
+    for (ArmedFault const& armed : services.m_Faults.armed()) {
         faults.push_back(faultJson(armed));
     }
     return jsonReply(200, {{"faults", faults}});
 }
 
-HttpReply tellFaultKinds(Site const&, HttpRequest const&) {
+HttpReply tellFaultKinds(Services const&, HttpRequest const&) {
     nlohmann::json kinds = nlohmann::json::array();
     for (FaultKindRow const& row : allFaultKinds()) {
         kinds.push_back(faultKindJson(row));
@@ -31,29 +31,29 @@ HttpReply tellFaultKinds(Site const&, HttpRequest const&) {
     return jsonReply(200, {{"kinds", kinds}});
 }
 
-HttpReply armFault(Site const& site, HttpRequest const& request) {
+HttpReply armFault(Services const& services, HttpRequest const& request) {
     ArmedFault armed;
     armed.m_Fault = readFault(request.m_Body);
-    armed.m_Id = site.m_Faults.arm(armed.m_Fault);
+    armed.m_Id = services.m_Faults.arm(armed.m_Fault);
     return jsonReply(kCreated, faultJson(armed));
 }
 
-HttpReply liftFault(Site const& site, HttpRequest const& request) {
+HttpReply liftFault(Services const& services, HttpRequest const& request) {
     std::string const name = request.m_Path.substr(request.m_Path.rfind('/') + 1);
-    if (!liftNamedFault(site, name)) {
+    if (!liftNamedFault(services, name)) {
         throw HttpError("no fault '" + name + "' is armed", kNotFound);
     }
-    return tellFaults(site, request);
+    return tellFaults(services, request);
 }
 
-bool liftNamedFault(Site const& site, std::string const& text) {
+bool liftNamedFault(Services const& services, std::string const& text) {
     std::optional<std::int64_t> const id = wholeNumber(text);
-    return id && site.m_Faults.lift(*id);
+    return id && services.m_Faults.lift(*id);
 }
 
-HttpReply liftAllFaults(Site const& site, HttpRequest const& request) {
-    site.m_Faults.liftAll();
-    return tellFaults(site, request);
+HttpReply liftAllFaults(Services const& services, HttpRequest const& request) {
+    services.m_Faults.liftAll();
+    return tellFaults(services, request);
 }
 
 }  // namespace sandbox

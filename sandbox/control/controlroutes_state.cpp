@@ -33,24 +33,24 @@ nlohmann::json addressesJson(Addresses const& addresses) {
     return out;
 }
 
-nlohmann::json clockJson(Site const& site) {
-    return {{"present", site.m_Clock.text()}, {"ahead", site.m_Clock.ahead()}};
+nlohmann::json clockJson(Services const& services) {
+    return {{"present", services.m_Clock.text()}, {"ahead", services.m_Clock.ahead()}};
 }
 
 /// Exchanges are numbered from 1 and never removed.
-std::int64_t exchangeCount(Site const& site) {
-    std::vector<Exchange> const latest = site.m_Store.latestExchanges(1);
+std::int64_t exchangeCount(Services const& services) {
+    std::vector<Exchange> const latest = services.m_Store.latestExchanges(1);
     return latest.empty() ? 0 : latest.front().m_Number;
 }
 
-nlohmann::json countsJson(Site const& site) {
-    return {{"accounts", site.m_Store.accounts().size()},
-            {"payments", site.m_Store.payments().size()},
-            {"notifications", site.m_Store.notifications().size()},
-            {"exchanges", exchangeCount(site)},
-            {"serverKeys", site.m_Keys.all().size()},
-            {"merchantKeys", site.m_Store.merchantKeys().size()},
-            {"faults", site.m_Faults.armed().size()}};
+nlohmann::json countsJson(Services const& services) {
+    return {{"accounts", services.m_Store.accounts().size()},
+            {"payments", services.m_Store.payments().size()},
+            {"notifications", services.m_Store.notifications().size()},
+            {"exchanges", exchangeCount(services)},
+            {"serverKeys", services.m_Keys.all().size()},
+            {"merchantKeys", services.m_Store.merchantKeys().size()},
+            {"faults", services.m_Faults.armed().size()}};
 }
 
 /// What a query asks of payments; nothing for any.
@@ -97,17 +97,17 @@ void checkAccount(std::string const& user, std::string const& password) {
 
 }  // namespace
 
-HttpReply tellService(Site const& site, HttpRequest const&) {
-    return jsonReply(200, {{"addresses", addressesJson(site.m_Addresses)},
-                           {"serverKeyId", site.m_Keys.current()->m_Id},
-                           {"clock", clockJson(site)},
-                           {"counts", countsJson(site)}});
+HttpReply tellService(Services const& services, HttpRequest const&) {
+    return jsonReply(200, {{"addresses", addressesJson(services.m_Addresses)},
+                           {"serverKeyId", services.m_Keys.current()->m_Id},
+                           {"clock", clockJson(services)},
+                           {"counts", countsJson(services)}});
 }
 
-HttpReply tellPayments(Site const& site, HttpRequest const& request) {
+HttpReply tellPayments(Services const& services, HttpRequest const& request) {
     PaymentFilter const filter = readFilter(Query(request.m_Query));
-    std::vector<Payment> const all = presentPayments(site);
-    std::vector<Notification> const notifications = site.m_Store.notifications();
+    std::vector<Payment> const all = presentPayments(services);
+    std::vector<Notification> const notifications = services.m_Store.notifications();
     nlohmann::json payments = nlohmann::json::array();
     for (Payment const& payment : all) {
         if (filter.admits(payment)) {
@@ -117,25 +117,25 @@ HttpReply tellPayments(Site const& site, HttpRequest const& request) {
     return jsonReply(200, {{"payments", payments}});
 }
 
-HttpReply tellExchanges(Site const& site, HttpRequest const& request) {
+HttpReply tellExchanges(Services const& services, HttpRequest const& request) {
     nlohmann::json exchanges = nlohmann::json::array();
-    for (Exchange const& exchange : site.m_Store.exchanges(readAfter(Query(request.m_Query)))) {
+    for (Exchange const& exchange : services.m_Store.exchanges(readAfter(Query(request.m_Query)))) {
         exchanges.push_back(exchangeJson(exchange));
     }
     return jsonReply(200, {{"exchanges", exchanges}});
 }
 
-HttpReply tellKeys(Site const& site, HttpRequest const&) {
+HttpReply tellKeys(Services const& services, HttpRequest const&) {
     nlohmann::json server = nlohmann::json::array();
-    std::string const current = site.m_Keys.current()->m_Id;
-    for (KeyRing::Key const& key : site.m_Keys.all()) {
+    std::string const current = services.m_Keys.current()->m_Id;
+    for (KeyRing::Key const& key : services.m_Keys.all()) {
         server.push_back({{"id", key->m_Id},
                           {"current", key->m_Id == current},
                           {"bits", EVP_PKEY_get_bits(key->m_Key.get())},
                           {"blob", publicKeyBlob(key->m_Key.get())}});
     }
     nlohmann::json merchants = nlohmann::json::array();
-    for (PublishedKey const& published : site.m_Store.merchantKeys()) {
+    for (PublishedKey const& published : services.m_Store.merchantKeys()) {
         nlohmann::json key = {{"id", published.m_Id},
                               {"time", published.m_Time},
                               {"bits", EVP_PKEY_get_bits(readPublicKeyBlob(published.m_Key.m_Blob).get())}};
@@ -145,27 +145,27 @@ HttpReply tellKeys(Site const& site, HttpRequest const&) {
     return jsonReply(200, {{"server", server}, {"merchants", merchants}});
 }
 
-HttpReply rotateKey(Site const& site, HttpRequest const& request) {
+HttpReply rotateKey(Services const& services, HttpRequest const& request) {
     if (!request.m_Body.empty()) {
         readObject(request.m_Body, {});
     }
-    return jsonReply(kCreated, {{"id", site.m_Keys.rotate()->m_Id}});
+    return jsonReply(kCreated, {{"id", services.m_Keys.rotate()->m_Id}});
 }
 
-HttpReply putAccount(Site const& site, HttpRequest const& request) {
+HttpReply putAccount(Services const& services, HttpRequest const& request) {
     nlohmann::json const object = readObject(request.m_Body, {"user", "password"});
     std::string const user = requireText(object, "user");
     std::string const password = requireText(object, "password");
     checkAccount(user, password);
-    std::vector<std::string> const known = site.m_Store.accounts();
+    std::vector<std::string> const known = services.m_Store.accounts();
     bool const isNew = std::find(known.begin(), known.end(), user) == known.end();
-    site.m_Store.putAccount(user, password);
-    return jsonReply(isNew ? kCreated : 200, {{"user", user}, {"customer", site.m_Store.customerOf(user)}});
+    services.m_Store.putAccount(user, password);
+    return jsonReply(isNew ? kCreated : 200, {{"user", user}, {"customer", services.m_Store.customerOf(user)}});
 }
 
-HttpReply setClock(Site const& site, HttpRequest const& request) {
-    setClockAhead(site, requireNumber(readObject(request.m_Body, {"ahead"}), "ahead"));
-    return jsonReply(200, clockJson(site));
+HttpReply setClock(Services const& services, HttpRequest const& request) {
+    setClockAhead(services, requireNumber(readObject(request.m_Body, {"ahead"}), "ahead"));
+    return jsonReply(200, clockJson(services));
 }
 
 std::optional<std::int64_t> wholeNumber(std::string const& text) {
@@ -175,13 +175,13 @@ std::optional<std::int64_t> wholeNumber(std::string const& text) {
     return read.ec == std::errc() && read.ptr == end ? std::optional<std::int64_t>(number) : std::nullopt;
 }
 
-void setClockAhead(Site const& site, std::int64_t seconds) {
+void setClockAhead(Services const& services, std::int64_t seconds) {
     if (seconds < -kFarthestAhead || seconds > kFarthestAhead) {
         throw HttpError("the clock can be set ahead or back by up to " + std::to_string(kFarthestAhead) +
                         " seconds, which is ten years");
     }
-    site.m_Clock.setAhead(seconds);
-    site.m_Notifier.wake();
+    services.m_Clock.setAhead(seconds);
+    services.m_Notifier.wake();
 }
 
 }  // namespace sandbox

@@ -495,13 +495,13 @@ std::string keyOwner(std::string const& account) {
     return account.empty() ? "this service" : "the merchant " + account;
 }
 
-std::vector<KnownKey> knownKeys(Site const& site) {
+std::vector<KnownKey> knownKeys(Services const& services) {
     std::vector<KnownKey> keys;
-    std::string const current = site.m_Keys.current()->m_Id;
-    for (KeyRing::Key const& key : site.m_Keys.all()) {
+    std::string const current = services.m_Keys.current()->m_Id;
+    for (KeyRing::Key const& key : services.m_Keys.all()) {
         keys.push_back({key->m_Id, "", key->m_Id == current, std::shared_ptr<EVP_PKEY>(key, key->m_Key.get())});
     }
-    for (PublishedKey const& published : site.m_Store.merchantKeys()) {
+    for (PublishedKey const& published : services.m_Store.merchantKeys()) {
         keys.push_back({published.m_Id, published.m_Key.m_Account, false, readPublicKeyBlob(published.m_Key.m_Blob)});
     }
     return keys;

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "sandbox/crypto/opensslholders.h"
-#include "sandbox/service/site.h"
+#include "sandbox/service/services.h"
 #include "sandbox/text/paymessage.h"
 
 /// Takes a signed message apart, and finds out why its signature does not verify.
@@ -30,7 +30,7 @@ struct KnownKey {
 std::string keyOwner(std::string const& account);
 
 /// All keys of the service, then those of the merchants.
-std::vector<KnownKey> knownKeys(Site const& site);
+std::vector<KnownKey> knownKeys(Services const& services);
 
 /// What of a text was digested: its units of 16 bits, or its bytes as they are, which nobody should sign.
 enum class Digested { kZeroExtended, kSignExtended, kBytes };
@@ -95,9 +95,9 @@ using Recall = std::function<std::optional<SeenMessage>(KnownKey const& key, std
 /// How many payments are looked at for it, and how many exchanges, the newest ones each.
 inline constexpr std::int64_t kMostRecalled = 1000;
 
-/// The Recall among the messages of `site`: of the newest payments, the confirmations that were signed for them, and
-/// DATA of the newest exchanges.
-std::optional<SeenMessage> recallSeen(Site const& site, KnownKey const& key, std::string const& digest);
+/// The Recall among the messages of `services`: of the newest payments, the confirmations that were signed for them,
+/// and DATA of the newest exchanges.
+std::optional<SeenMessage> recallSeen(Services const& services, KnownKey const& key, std::string const& digest);
 
 /// An attribute that is not the same in two messages.
 struct Difference {

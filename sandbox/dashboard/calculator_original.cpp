@@ -61,8 +61,8 @@ std::string withoutBlanksBetween(std::string const& text) {
 
 }  // namespace
 
-std::optional<SeenMessage> recallSeen(Site const& site, KnownKey const& key, std::string const& digest) {
-    for (PaymentRecord const& record : site.m_Store.latestPayments(kMostRecalled, kLongestRecalled)) {
+std::optional<SeenMessage> recallSeen(Services const& services, KnownKey const& key, std::string const& digest) {
+    for (PaymentRecord const& record : services.m_Store.latestPayments(kMostRecalled, kLongestRecalled)) {
         std::string const page = "/payment?id=" + record.m_Payment.m_Id;
         if (hasDigest(record.m_Message, digest)) {
             return SeenMessage{record.m_Message, "the PayInit of the payment " + record.m_Payment.m_Id, page};
@@ -74,7 +74,7 @@ std::optional<SeenMessage> recallSeen(Site const& site, KnownKey const& key, std
                                page};
         }
     }
-    for (auto const& [number, data] : site.m_Store.latestData(kMostRecalled, kLongestRecalled)) {
+    for (auto const& [number, data] : services.m_Store.latestData(kMostRecalled, kLongestRecalled)) {
         if (hasDigest(data, digest)) {
             std::string const text = std::to_string(number);
             return SeenMessage{data, "the DATA of the exchange " + text, "/exchange?number=" + text};

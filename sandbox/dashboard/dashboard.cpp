@@ -20,7 +20,7 @@ constexpr int kMethodNotAllowed = 405;
 struct Route {
     char const* m_Method;
     char const* m_Path;
-    HttpReply (*m_Answer)(Site const& site, Query const& fields);
+    HttpReply (*m_Answer)(Services const& services, Query const& fields);
 };
 
 // clang-format off
@@ -45,23 +45,23 @@ Query formFields(HttpRequest const& request) {
     return Query(replaceAll(request.m_Body, "+", "%20"));
 }
 
-HttpReply answerForm(Site const& site, HttpRequest const& request, Route const& route) {
+HttpReply answerForm(Services const& services, HttpRequest const& request, Route const& route) {
     Query const form = formFields(request);
-    if (!equalSecrets(form.value("key").value_or(""), site.m_FormKey)) {
+    if (!equalSecrets(form.value("key").value_or(""), services.m_FormKey)) {
         throw HttpError(
             "The form did not come from a page of this service, or the service was started anew since. "
             "Open the page again and send its form.",
             kForbidden);
     }
-    return route.m_Answer(site, form);
+    return route.m_Answer(services, form);
 }
 
-HttpReply answerRoute(Site const& site, HttpRequest const& request, Route const& route) {
+HttpReply answerRoute(Services const& services, HttpRequest const& request, Route const& route) {
     refuseForeignHost(request);
     if (request.m_Method == "POST") {
-        return answerForm(site, request, route);
+        return answerForm(services, request, route);
     }
-    return route.m_Answer(site, Query(request.m_Query));
+    return route.m_Answer(services, Query(request.m_Query));
 }
 
 HttpReply errorResponse(int status, std::string const& reason) {
@@ -70,7 +70,7 @@ HttpReply errorResponse(int status, std::string const& reason) {
 
 }  // namespace
 
-std::optional<HttpReply> answerDashboard(Site const& site, HttpRequest const& request) {
+std::optional<HttpReply> answerDashboard(Services const& services, HttpRequest const& request) {
     std::string allowed;
     for (Route const& route : kRoutes) {
         if (request.m_Path != route.m_Path) {
@@ -78,7 +78,7 @@ std::optional<HttpReply> answerDashboard(Site const& site, HttpRequest const& re
         }
         if (request.m_Method == route.m_Method) {
             try {
-                return answerRoute(site, request, route);
+                return answerRoute(services, request, route);
             } catch (HttpError const& error) {
                 return errorResponse(error.status(), error.what());
             }

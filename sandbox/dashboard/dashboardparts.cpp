@@ -82,10 +82,10 @@ std::string problemNotice(std::string const& problem) {
     return problem.empty() ? "" : "<p class=\"problem\" role=\"alert\">" + escapeHtml(problem) + "</p>\n";
 }
 
-std::string dashboardForm(Site const& site, std::string const& action, std::string const& content,
+std::string dashboardForm(Services const& services, std::string const& action, std::string const& content,
                           std::string const& problem) {
     return problemNotice(problem) + "<form method=\"post\" action=\"" + action + "\">\n" +
-           hiddenField("key", site.m_FormKey) + content + "</form>";
+           hiddenField("key", services.m_FormKey) + content + "</form>";
 }
 
 std::string textField(std::string const& label, std::string const& name, std::string const& value) {

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "sandbox/pages/html.h"
-#include "sandbox/service/site.h"
+#include "sandbox/service/services.h"
 #include "sandbox/store/exchange.h"
 
 /// What the pages of the dashboard are made of. Arguments are text unless they are called `content` or are cells,
@@ -35,8 +35,8 @@ std::string wideTable(std::string const& caption, std::vector<std::string> const
 /// What is wrong with a form, to be put before it; empty for an empty `problem`.
 std::string problemNotice(std::string const& problem);
 
-/// A form that posts to `action` with the key of the site. When there is a `problem` it is told before the form.
-std::string dashboardForm(Site const& site, std::string const& action, std::string const& content,
+/// A form that posts to `action` with `m_FormKey`. When there is a `problem` it is told before the form.
+std::string dashboardForm(Services const& services, std::string const& action, std::string const& content,
                           std::string const& problem = "");
 
 /// A labelled line of text to fill in.

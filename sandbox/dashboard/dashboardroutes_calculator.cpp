@@ -24,7 +24,7 @@ std::string fieldText(std::string const& data) {
     return safe ? data : percentEncode(data);
 }
 
-std::string formContent(Site const& site, std::string const& data, std::string const& signature,
+std::string formContent(Services const& services, std::string const& data, std::string const& signature,
                         std::string const& problem) {
     std::string const fields =
         "<label class=\"full\">DATA: the message, percent-encoded or not, or a whole address\n"
@@ -33,7 +33,7 @@ std::string formContent(Site const& site, std::string const& data, std::string c
         "<label class=\"full\">SIGNATURE (not needed when the address holds it)\n"
         "<textarea name=\"SIGNATURE\" rows=\"3\">\n" +
         escapeHtml(signature) + "</textarea></label>\n" + button("Calculate");
-    return dashboardForm(site, kPath, fields, problem);
+    return dashboardForm(services, kPath, fields, problem);
 }
 
 std::string remarksContent(Calculation const& result) {
@@ -116,35 +116,36 @@ std::string resultContent(Calculation const& result) {
            (data.empty() ? "" : section("message", "DATA, decoded", data));
 }
 
-HttpReply resultPage(Site const& site, SignedTexts const& texts) {
-    Calculation const result =
-        calculate(knownKeys(site), texts.m_Data, texts.m_Signature,
-                  [&site](KnownKey const& key, std::string const& digest) { return recallSeen(site, key, digest); });
+HttpReply resultPage(Services const& services, SignedTexts const& texts) {
+    Calculation const result = calculate(
+        knownKeys(services), texts.m_Data, texts.m_Signature,
+        [&services](KnownKey const& key, std::string const& digest) { return recallSeen(services, key, digest); });
     return dashboardPage(
         200, kPath, "Signature calculator",
-        resultContent(result) +
-            section("form", "DATA and SIGNATURE", formContent(site, fieldText(texts.m_Data), texts.m_Signature, "")));
+        resultContent(result) + section("form", "DATA and SIGNATURE",
+                                        formContent(services, fieldText(texts.m_Data), texts.m_Signature, "")));
 }
 
-HttpReply formPage(Site const& site, int status, SignedTexts const& filledIn, std::string const& problem) {
+HttpReply formPage(Services const& services, int status, SignedTexts const& filledIn, std::string const& problem) {
     return dashboardPage(
         status, kPath, "Signature calculator",
-        section("form", "DATA and SIGNATURE", formContent(site, filledIn.m_Data, filledIn.m_Signature, problem)));
+        section("form", "DATA and SIGNATURE", formContent(services, filledIn.m_Data, filledIn.m_Signature, problem)));
 }
 
 }  // namespace
 
-HttpReply calculatorPage(Site const& site, Query const& query) {
+HttpReply calculatorPage(Services const& services, Query const& query) {
     SignedTexts const texts{query.value("DATA").value_or(""), query.value("SIGNATURE").value_or("")};
-    return texts.m_Data.empty() && texts.m_Signature.empty() ? formPage(site, 200, texts, "") : resultPage(site, texts);
+    return texts.m_Data.empty() && texts.m_Signature.empty() ? formPage(services, 200, texts, "")
+                                                             : resultPage(services, texts);
 }
 
-HttpReply calculateByForm(Site const& site, Query const& form) {
+HttpReply calculateByForm(Services const& services, Query const& form) {
     SignedTexts const pasted{form.value("DATA").value_or(""), form.value("SIGNATURE").value_or("")};
     try {
-        return resultPage(site, readPasted(pasted.m_Data, pasted.m_Signature));
+        return resultPage(services, readPasted(pasted.m_Data, pasted.m_Signature));
     } catch (HttpError const& error) {
-        return formPage(site, error.status(), pasted, error.what());
+        return formPage(services, error.status(), pasted, error.what());
     }
 }
 

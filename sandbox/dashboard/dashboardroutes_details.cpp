@@ -19,13 +19,13 @@ constexpr char kNotGiven[] = "not given";
 constexpr int kNotFound = 404;
 
 /// The payment as it is now. Throws HttpError.
-Payment presentPayment(Site const& site, std::string const& id) {
-    std::optional<PaymentRecord> const stored = site.m_Store.paymentById(id);
+Payment presentPayment(Services const& services, std::string const& id) {
+    std::optional<PaymentRecord> const stored = services.m_Store.paymentById(id);
     if (!stored) {
         throw HttpError("There is no payment '" + id + "'.", kNotFound);
     }
-    expireWhenOverdue(site, stored->m_Payment);
-    return site.m_Store.paymentById(id)->m_Payment;
+    expireWhenOverdue(services, stored->m_Payment);
+    return services.m_Store.paymentById(id)->m_Payment;
 }
 
 std::string paymentData(Payment const& payment) {
@@ -45,9 +45,9 @@ std::string historyContent(Payment const& payment) {
     return wideTable("History, oldest first", {"Time", "State", "How"}, rows);
 }
 
-std::string notificationsContent(Site const& site, Payment const& payment) {
+std::string notificationsContent(Services const& services, Payment const& payment) {
     std::vector<Cells> rows;
-    for (Notification const& notification : site.m_Store.notifications()) {
+    for (Notification const& notification : services.m_Store.notifications()) {
         if (notification.m_Payment == payment.m_Id) {
             rows.push_back({escapeHtml(notification.m_Result), escapeHtml(notification.m_Address),
                             whole(notification.m_Pending ? "to be sent" : "done"),
@@ -80,9 +80,9 @@ bool isAbout(Exchange const& exchange, Payment const& payment) {
     return !exchange.m_Order.empty() && exchange.m_Order == payment.attribute("ORDERID").value_or("");
 }
 
-std::string exchangesContent(Site const& site, Payment const& payment) {
+std::string exchangesContent(Services const& services, Payment const& payment) {
     std::vector<Exchange> found;
-    for (Exchange& exchange : site.m_Store.exchanges()) {
+    for (Exchange& exchange : services.m_Store.exchanges()) {
         if (isAbout(exchange, payment)) {
             found.push_back(std::move(exchange));
         }
@@ -94,18 +94,18 @@ std::string exchangesContent(Site const& site, Payment const& payment) {
 }
 
 /// Links to the exchanges before and after, as far as they are there.
-std::string neighbours(Site const& site, std::int64_t number) {
+std::string neighbours(Services const& services, std::int64_t number) {
     std::string links;
     for (auto const& [neighbour, text] : {std::pair(number - 1, "Previous exchange"), {number + 1, "Next exchange"}}) {
-        if (site.m_Store.exchange(neighbour)) {
+        if (services.m_Store.exchange(neighbour)) {
             links += "<li>" + link("/exchange?number=" + std::to_string(neighbour), text) + "</li>\n";
         }
     }
     return links;
 }
 
-std::string exchangeLinks(Site const& site, Exchange const& exchange) {
-    std::string links = neighbours(site, exchange.m_Number);
+std::string exchangeLinks(Services const& services, Exchange const& exchange) {
+    std::string links = neighbours(services, exchange.m_Number);
     if (!exchange.m_Data.empty()) {
         links += "<li>" +
                  link("/calculator?DATA=" + percentEncode(exchange.m_Data) +
@@ -152,25 +152,25 @@ std::string messageContent(Exchange const& exchange) {
 
 }  // namespace
 
-HttpReply paymentDetailsPage(Site const& site, Query const& query) {
-    Payment const payment = presentPayment(site, query.value("id").value_or(""));
+HttpReply paymentDetailsPage(Services const& services, Query const& query) {
+    Payment const payment = presentPayment(services, query.value("id").value_or(""));
     return dashboardPage(200, "", "Payment " + payment.m_Id,
                          paymentData(payment) + section("history", "History", historyContent(payment)) +
-                             section("notifications", "Notifications", notificationsContent(site, payment)) +
+                             section("notifications", "Notifications", notificationsContent(services, payment)) +
                              section("attributes", "What the merchant sent", attributeTable(payment.m_Attributes)) +
-                             section("exchanges", "Exchanges", exchangesContent(site, payment)));
+                             section("exchanges", "Exchanges", exchangesContent(services, payment)));
 }
 
-HttpReply exchangeDetailsPage(Site const& site, Query const& query) {
+HttpReply exchangeDetailsPage(Services const& services, Query const& query) {
     std::string const text = query.value("number").value_or("");
     std::optional<std::int64_t> const number = wholeNumber(text);
-    std::optional<Exchange> const exchange = number ? site.m_Store.exchange(*number) : std::nullopt;
+    std::optional<Exchange> const exchange = number ? services.m_Store.exchange(*number) : std::nullopt;
     if (!exchange) {
         throw HttpError("There is no exchange '" + text + "'.", kNotFound);
     }
     bool const fromMerchant = exchange->m_Kind != ExchangeKind::kNotification;
     return dashboardPage(200, "", "Exchange " + std::to_string(exchange->m_Number),
-                         exchangeLinks(site, *exchange) + exchangeData(*exchange) +
+                         exchangeLinks(services, *exchange) + exchangeData(*exchange) +
                              section("steps", "How the verdict came about", stepsContent(*exchange)) +
                              section("message", "DATA, decoded", messageContent(*exchange)) +
                              section("request", fromMerchant ? "The request as it came" : "The request as it was sent",

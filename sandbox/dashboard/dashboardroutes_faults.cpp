@@ -68,14 +68,14 @@ std::string exchangeField(std::string const& chosen) {
 }
 
 /// `form` holds what had been filled in.
-std::string armContent(Site const& site, Query const& form, std::string const& problem) {
+std::string armContent(Services const& services, Query const& form, std::string const& problem) {
     std::string fields =
         kindField(form.value("kind").value_or("")) + exchangeField(form.value("exchange").value_or(""));
     for (DetailRow const& row : kDetails) {
         fields += textField(row.m_Label, row.m_Name, form.value(row.m_Name).value_or(row.m_Preset));
     }
     return paragraph("Leave empty what is not to be given. The table below tells which kind takes what.") +
-           dashboardForm(site, kPath, fields + button("Arm"), problem);
+           dashboardForm(services, kPath, fields + button("Arm"), problem);
 }
 
 std::string timesText(ArmedFault const& armed) {
@@ -83,8 +83,8 @@ std::string timesText(ArmedFault const& armed) {
            (armed.m_Fault.m_Times == 0 ? ", until it is lifted" : " of " + std::to_string(armed.m_Fault.m_Times));
 }
 
-std::string armedContent(Site const& site, std::string const& problem) {
-    std::vector<ArmedFault> const all = site.m_Faults.armed();
+std::string armedContent(Services const& services, std::string const& problem) {
+    std::vector<ArmedFault> const all = services.m_Faults.armed();
     if (all.empty()) {
         return problemNotice(problem) + paragraph("No fault is armed.");
     }
@@ -92,11 +92,11 @@ std::string armedContent(Site const& site, std::string const& problem) {
     for (ArmedFault const& armed : all) {
         std::string const id = std::to_string(armed.m_Id);
         rows.push_back({id, escapeHtml(faultText(armed.m_Fault)), whole(timesText(armed)),
-                        dashboardForm(site, "/faults/lift", hiddenField("id", id) + button("Lift fault " + id))});
+                        dashboardForm(services, "/faults/lift", hiddenField("id", id) + button("Lift fault " + id))});
     }
     return problemNotice(problem) +
            wideTable("Armed faults, oldest first", {"Fault", "What", "Happened", "Lift"}, rows) +
-           dashboardForm(site, "/faults/lift", button("Lift all", "id", "all"));
+           dashboardForm(services, "/faults/lift", button("Lift all", "id", "all"));
 }
 
 std::string kindsContent() {
@@ -108,11 +108,11 @@ std::string kindsContent() {
     return wideTable("Kinds of faults", {"Kind", "Meaning", "Happens to", "Takes", "Carried out"}, rows);
 }
 
-HttpReply page(Site const& site, int status, Query const& form, std::string const& armProblem,
+HttpReply page(Services const& services, int status, Query const& form, std::string const& armProblem,
                std::string const& liftProblem) {
     return dashboardPage(status, kPath, "Faults",
-                         section("armed", "What is armed", armedContent(site, liftProblem)) +
-                             section("arm", "Arm a fault", armContent(site, form, armProblem)) +
+                         section("armed", "What is armed", armedContent(services, liftProblem)) +
+                             section("arm", "Arm a fault", armContent(services, form, armProblem)) +
                              section("kinds", "What can go wrong", kindsContent()));
 }
 
@@ -130,27 +130,27 @@ Fault readForm(Query const& form) {
 
 }  // namespace
 
-HttpReply faultsPage(Site const& site, Query const&) {
-    return page(site, 200, Query(""), "", "");
+HttpReply faultsPage(Services const& services, Query const&) {
+    return page(services, 200, Query(""), "", "");
 }
 
-HttpReply armByForm(Site const& site, Query const& form) {
+HttpReply armByForm(Services const& services, Query const& form) {
     try {
-        site.m_Faults.arm(readForm(form));
+        services.m_Faults.arm(readForm(form));
     } catch (HttpError const& error) {
-        return page(site, error.status(), form, error.what(), "");
+        return page(services, error.status(), form, error.what(), "");
     }
     return seeOther(kPath);
 }
 
-HttpReply liftByForm(Site const& site, Query const& form) {
+HttpReply liftByForm(Services const& services, Query const& form) {
     std::string const id = form.value("id").value_or("");
     if (id == "all") {
-        site.m_Faults.liftAll();
+        services.m_Faults.liftAll();
         return seeOther(kPath);
     }
-    if (!liftNamedFault(site, id)) {
-        return page(site, 400, Query(""), "", "No fault '" + id + "' is armed: it has happened, or was lifted.");
+    if (!liftNamedFault(services, id)) {
+        return page(services, 400, Query(""), "", "No fault '" + id + "' is armed: it has happened, or was lifted.");
     }
     return seeOther(kPath);
 }

@@ -15,21 +15,21 @@ namespace {
 
 constexpr char kPath[] = "/keys";
 
-std::string serverKeysContent(Site const& site) {
-    std::string const current = site.m_Keys.current()->m_Id;
+std::string serverKeysContent(Services const& services) {
+    std::string const current = services.m_Keys.current()->m_Id;
     std::vector<Cells> rows;
-    for (KeyRing::Key const& key : site.m_Keys.all()) {
+    for (KeyRing::Key const& key : services.m_Keys.all()) {
         rows.push_back({whole(key->m_Id), whole(key->m_Id == current ? "signs" : "old"),
                         std::to_string(EVP_PKEY_get_bits(key->m_Key.get())), publicKeyBlob(key->m_Key.get())});
     }
     return paragraph("The newest key signs. Old ones are still told to who asks for them.") +
            wideTable("Keys of this service, oldest first", {"Key", "Use", "Bits", "Public half"}, rows) +
-           dashboardForm(site, "/keys/rotate", button("Make a new key"));
+           dashboardForm(services, "/keys/rotate", button("Make a new key"));
 }
 
-std::string merchantKeysContent(Site const& site) {
+std::string merchantKeysContent(Services const& services) {
     std::vector<Cells> rows;
-    for (PublishedKey const& published : site.m_Store.merchantKeys()) {
+    for (PublishedKey const& published : services.m_Store.merchantKeys()) {
         rows.push_back({escapeHtml(published.m_Id), escapeHtml(published.m_Key.m_Account), whole(published.m_Time),
                         std::to_string(EVP_PKEY_get_bits(readPublicKeyBlob(published.m_Key.m_Blob).get()))});
     }
@@ -39,42 +39,42 @@ std::string merchantKeysContent(Site const& site) {
     return wideTable("Keys of merchants, oldest first", {"Key", "Account", "Published", "Bits"}, rows);
 }
 
-std::string clockContent(Site const& site, std::string const& filledIn, std::string const& problem) {
-    return "<dl>\n" + entry("Present", site.m_Clock.text()) +
-           entry("Seconds ahead", std::to_string(site.m_Clock.ahead())) + "</dl>\n" +
-           dashboardForm(site, "/keys/clock",
+std::string clockContent(Services const& services, std::string const& filledIn, std::string const& problem) {
+    return "<dl>\n" + entry("Present", services.m_Clock.text()) +
+           entry("Seconds ahead", std::to_string(services.m_Clock.ahead())) + "</dl>\n" +
+           dashboardForm(services, "/keys/clock",
                          textField("Seconds ahead (negative: back)", "ahead", filledIn) + button("Set the clock"),
                          problem);
 }
 
-HttpReply page(Site const& site, int status, std::string const& filledIn, std::string const& problem) {
+HttpReply page(Services const& services, int status, std::string const& filledIn, std::string const& problem) {
     return dashboardPage(status, kPath, "Keys and clock",
-                         section("server", "Keys of this service", serverKeysContent(site)) +
-                             section("merchants", "Keys of merchants", merchantKeysContent(site)) +
-                             section("clock", "Clock", clockContent(site, filledIn, problem)));
+                         section("server", "Keys of this service", serverKeysContent(services)) +
+                             section("merchants", "Keys of merchants", merchantKeysContent(services)) +
+                             section("clock", "Clock", clockContent(services, filledIn, problem)));
 }
 
 }  // namespace
 
-HttpReply keysPage(Site const& site, Query const&) {
-    return page(site, 200, std::to_string(site.m_Clock.ahead()), "");
+HttpReply keysPage(Services const& services, Query const&) {
+    return page(services, 200, std::to_string(services.m_Clock.ahead()), "");
 }
 
-HttpReply rotateByForm(Site const& site, Query const&) {
-    site.m_Keys.rotate();
+HttpReply rotateByForm(Services const& services, Query const&) {
+    services.m_Keys.rotate();
     return seeOther(kPath);
 }
 
-HttpReply setClockByForm(Site const& site, Query const& form) {
+HttpReply setClockByForm(Services const& services, Query const& form) {
     std::string const text = form.value("ahead").value_or("");
     try {
         std::optional<std::int64_t> const seconds = wholeNumber(text);
         if (!seconds) {
             throw HttpError("the seconds must be a whole number, not '" + text + "'");
         }
-        setClockAhead(site, *seconds);
+        setClockAhead(services, *seconds);
     } catch (HttpError const& error) {
-        return page(site, error.status(), text, error.what());
+        return page(services, error.status(), text, error.what());
     }
     return seeOther(kPath);
 }

@@ -21,8 +21,8 @@ std::string addressEntry(std::string const& name, std::string const& base, std::
     return base.empty() ? "" : entry(name, "<code>" + escapeHtml(base + path) + "</code>");
 }
 
-std::string setUpContent(Site const& site) {
-    Addresses const& addresses = site.m_Addresses;
+std::string setUpContent(Services const& services) {
+    Addresses const& addresses = services.m_Addresses;
     return paragraph(
                "Set a merchant up with an address for set-up, the name of an account and its password. It fetches "
                "all other addresses and this service's key from there, and publishes its own key.") +
@@ -30,13 +30,13 @@ std::string setUpContent(Site const& site) {
            addressEntry("Set-up over TLS", addresses.m_Tls, "/auto") +
            addressEntry("HTTP proxy", addresses.m_Proxy, "") +
            addressEntry("Control API", addresses.m_Control, "/control") +
-           entry("Accounts", escapeHtml(joined(site.m_Store.accounts()))) +
-           entry("Key that signs", escapeHtml(site.m_Keys.current()->m_Id)) +
-           entry("Present", escapeHtml(site.m_Clock.text())) + "</dl>\n";
+           entry("Accounts", escapeHtml(joined(services.m_Store.accounts()))) +
+           entry("Key that signs", escapeHtml(services.m_Keys.current()->m_Id)) +
+           entry("Present", escapeHtml(services.m_Clock.text())) + "</dl>\n";
 }
 
-std::string paymentsContent(Site const& site) {
-    std::vector<Payment> payments = presentPayments(site);
+std::string paymentsContent(Services const& services) {
+    std::vector<Payment> payments = presentPayments(services);
     if (payments.empty()) {
         return paragraph("There are no payments yet.");
     }
@@ -59,8 +59,8 @@ std::string paymentsContent(Site const& site) {
            more;
 }
 
-std::string exchangesContent(Site const& site) {
-    std::vector<Exchange> const exchanges = site.m_Store.latestExchanges(kMostExchanges);
+std::string exchangesContent(Services const& services) {
+    std::vector<Exchange> const exchanges = services.m_Store.latestExchanges(kMostExchanges);
     if (exchanges.empty()) {
         return paragraph("There were no exchanges yet.");
     }
@@ -69,13 +69,13 @@ std::string exchangesContent(Site const& site) {
 
 }  // namespace
 
-HttpReply overviewPage(Site const& site, Query const& query) {
+HttpReply overviewPage(Services const& services, Query const& query) {
     bool const live = query.value("live") == "1";
     std::string const content =
         "<p>" + (live ? link("/", "Stop loading this page again and again") : link("/?live=1", "Watch live")) +
-        "</p>\n" + section("payments", "Payments", paymentsContent(site)) +
-        section("exchanges", "Exchanges", exchangesContent(site)) +
-        section("set-up", "Set a merchant up", setUpContent(site));
+        "</p>\n" + section("payments", "Payments", paymentsContent(services)) +
+        section("exchanges", "Exchanges", exchangesContent(services)) +
+        section("set-up", "Set a merchant up", setUpContent(services));
     return dashboardPage(200, "/", "Overview", content, live ? "<meta http-equiv=\"refresh\" content=\"2\"/>\n" : "");
 }
 

@@ -75,10 +75,11 @@ char const* lossOf(Outcome outcome) {
 /// One request while it is served.
 class ProxyTurn {
 public:
-    ProxyTurn(Site const& site, Connection& connection, std::chrono::milliseconds timeout, EndSignal const& ending)
-        : m_Site(site), m_Connection(connection), m_Timeout(timeout), m_Ending(ending) {
+    ProxyTurn(Services const& services, Connection& connection, std::chrono::milliseconds timeout,
+              EndSignal const& ending)
+        : m_Services(services), m_Connection(connection), m_Timeout(timeout), m_Ending(ending) {
         m_Record.m_Kind = ExchangeKind::kProxy;
-        m_Record.m_Time = site.m_Clock.text();
+        m_Record.m_Time = services.m_Clock.text();
         m_Record.m_Verdict = "ok";
     }
 
@@ -133,7 +134,7 @@ private:
 
     /// Takes the fault that is armed for this request; true when it has been answered without the target.
     bool failsBefore() {
-        m_Fault = m_Site.m_Faults.take(ExchangeKind::kProxy, "");
+        m_Fault = m_Services.m_Faults.take(ExchangeKind::kProxy, "");
         if (!m_Fault) {
             return false;
         }
@@ -202,7 +203,7 @@ private:
         m_Answering = true;
         deliver(m_Connection, text, m_Fault);
         if (m_Fault) {
-            m_Site.m_Store.noteDelivery(
+            m_Services.m_Store.noteDelivery(
                 m_Record.m_Number,
                 deliveryText({m_Connection.written(), m_Connection.isReset()}, microsecondsSince(m_Begin)));
         }
@@ -211,11 +212,11 @@ private:
     void record(std::string const& answer) {
         m_Record.m_Answer = keptText(answer);
         m_Record.m_Microseconds = microsecondsSince(m_Begin);
-        m_Record.m_Number = m_Site.m_Store.addExchange(m_Record);
+        m_Record.m_Number = m_Services.m_Store.addExchange(m_Record);
     }
 
-    Site const& m_Site;        ///< Borrowed, as is all that has an "&".
-    Connection& m_Connection;  ///< To the client.
+    Services const& m_Services;  ///< Borrowed, as is all that has an "&".
+    Connection& m_Connection;    ///< To the client.
     std::chrono::milliseconds m_Timeout;
     EndSignal const& m_Ending;
     Clock::time_point m_Begin = Clock::now();  ///< When the request was complete.
@@ -226,8 +227,8 @@ private:
 
 }  // namespace
 
-Proxy::Proxy(std::uint16_t port, Site const& site, Timeouts timeouts)
-    : m_Site(site), m_Timeouts(timeouts), m_Acceptor(port) {}
+Proxy::Proxy(std::uint16_t port, Services const& services, Timeouts timeouts)
+    : m_Services(services), m_Timeouts(timeouts), m_Acceptor(port) {}
 
 Proxy::~Proxy() {
     stop();
@@ -251,7 +252,7 @@ void Proxy::stop() {
 
 void Proxy::serve(int socket) {
     Connection connection(socket, nullptr, m_Acceptor.ending(), m_Timeouts.m_Request);
-    ProxyTurn(m_Site, connection, m_Timeouts.m_Response, m_Acceptor.ending()).serve();
+    ProxyTurn(m_Services, connection, m_Timeouts.m_Response, m_Acceptor.ending()).serve();
 }
 
 }  // namespace sandbox

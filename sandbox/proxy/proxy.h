@@ -7,7 +7,7 @@
 
 #include "sandbox/http/acceptor.h"
 #include "sandbox/http/endsignal.h"
-#include "sandbox/service/site.h"
+#include "sandbox/service/services.h"
 
 namespace sandbox {
 
@@ -21,8 +21,8 @@ public:
         std::chrono::milliseconds m_Response;  ///< With a target, until it has begun to answer.
     };
 
-    /// Takes the port (0 picks one); connections wait until start(). Borrows `site`. Throws std::runtime_error.
-    Proxy(std::uint16_t port, Site const& site, Timeouts timeouts);
+    /// Takes the port (0 picks one); connections wait until start(). Borrows `services`. Throws std::runtime_error.
+    Proxy(std::uint16_t port, Services const& services, Timeouts timeouts);
 
     /// Stops.
     ~Proxy();
@@ -44,7 +44,7 @@ public:
 private:
     void serve(int socket);
 
-    Site const& m_Site;  ///< Borrowed.
+    Services const& m_Services;  ///< Borrowed.
     Timeouts m_Timeouts;
     Acceptor m_Acceptor;  ///< Last, so that no connection is served any more when the rest goes.
 };

@@ -3,7 +3,7 @@
 
 #include "sandbox/crypto/credentials.h"
 #include "sandbox/crypto/signature.h"
-#include "sandbox/service/site.h"
+#include "sandbox/service/services.h"
 #include "sandbox/text/httperror.h"
 
 /// The automatic configuration service: set-up, defaults and keys. Its requests carry Basic credentials instead of a
@@ -19,14 +19,14 @@ struct AutoRequest {
     Call const& m_Call;
     Message const& m_Message;
     std::string const& m_Account;
-    Site const& m_Site = m_Call.m_Site;
+    Services const& m_Services = m_Call.m_Services;
     std::string const& m_BaseUrl = m_Call.m_Request.m_BaseUrl;
 
     [[nodiscard]] bool goesWrong(FaultKind kind) const { return m_Call.m_Fault && m_Call.m_Fault->m_Kind == kind; }
 
     /// The identifier that is told for that of the key which signs.
     [[nodiscard]] std::string serverKeyId() const {
-        return goesWrong(FaultKind::kStaleKey) ? m_Site.m_Keys.stale()->m_Id : m_Site.m_Keys.current()->m_Id;
+        return goesWrong(FaultKind::kStaleKey) ? m_Services.m_Keys.stale()->m_Id : m_Services.m_Keys.current()->m_Id;
     }
 };
 
@@ -38,7 +38,7 @@ Message answerSetup(AutoRequest const& request) {
         .set("CAPTUREURL", request.m_BaseUrl + "/capture")
         .set("KVX.VTAUTOURL", request.m_BaseUrl + "/auto")
         .set("VTKEYID", request.serverKeyId())
-        .set("CUSTOMERID", request.m_Site.m_Store.customerOf(request.m_Account));
+        .set("CUSTOMERID", request.m_Services.m_Store.customerOf(request.m_Account));
     return answer;
 }
 
@@ -61,16 +61,16 @@ Message answerLoadDefaults(AutoRequest const& request) {
 /// The key that a query is answered with.
 KeyRing::Key queriedKey(AutoRequest const& request) {
     if (request.goesWrong(FaultKind::kWrongKey)) {
-        return request.m_Site.m_Keys.impostor();
+        return request.m_Services.m_Keys.impostor();
     }
     if (request.goesWrong(FaultKind::kStaleKey)) {
-        return request.m_Site.m_Keys.stale();
+        return request.m_Services.m_Keys.stale();
     }
     std::string const keyId = request.m_Message.require("KEYID");
-    KeyRing::Key key = request.m_Site.m_Keys.find(keyId);
+    KeyRing::Key key = request.m_Services.m_Keys.find(keyId);
     if (!key) {
         throw HttpError("this service has no key '" + keyId + "', its key is '" +
-                        request.m_Site.m_Keys.current()->m_Id + "'");
+                        request.m_Services.m_Keys.current()->m_Id + "'");
     }
     return key;
 }
@@ -102,9 +102,9 @@ Message answerKeyExport(AutoRequest const& request) {
     std::string const blob = request.m_Message.require("KEYBLOB");
     checkKeyId(keyId);
     readPublicKeyBlob(blob);
-    bool const taken = KeyRing::reserves(keyId) ||
-                       request.m_Site.m_Store.addMerchantKey(keyId, {request.m_Account, blob},
-                                                             request.m_Site.m_Clock.text()) == Store::KeyAdded::kTaken;
+    bool const taken = KeyRing::reserves(keyId) || request.m_Services.m_Store.addMerchantKey(
+                                                       keyId, {request.m_Account, blob},
+                                                       request.m_Services.m_Clock.text()) == Store::KeyAdded::kTaken;
     if (taken) {
         throw HttpError("KEYID '" + keyId + "' stands for another key already");
     }
@@ -114,9 +114,9 @@ Message answerKeyExport(AutoRequest const& request) {
 }
 
 /// The account that the credentials open. Throws HttpError.
-std::string checkCredentials(Site const& site, std::string const& header) {
+std::string checkCredentials(Services const& services, std::string const& header) {
     Credentials const credentials = readBasicHeader(header);
-    switch (site.m_Store.checkAccount(credentials.m_User, credentials.m_Password)) {
+    switch (services.m_Store.checkAccount(credentials.m_User, credentials.m_Password)) {
         case Store::Login::kOk:
             return credentials.m_User;
         case Store::Login::kUnknownUser:
@@ -146,7 +146,7 @@ constexpr AutoRow kRequests[] = {
 
 HttpReply answerAuto(Call const& call) {
     std::string const text = takeData(call);
-    std::string const account = checkCredentials(call.m_Site, call.m_Request.m_Authorization);
+    std::string const account = checkCredentials(call.m_Services, call.m_Request.m_Authorization);
     call.m_Record.m_Steps.push_back({"The credentials are right", "account " + account});
     Message const message = Message::parse(text);
     call.m_Record.m_Steps.push_back({"DATA is a message", message.type()});

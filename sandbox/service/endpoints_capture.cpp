@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "sandbox/service/paymentmoves.h"
-#include "sandbox/service/site.h"
+#include "sandbox/service/services.h"
 #include "sandbox/text/httperror.h"
 
 /// What a merchant asks of a payment from server to server, signed with the merchant's key.
@@ -14,7 +14,7 @@ namespace {
 
 /// What one request is answered from.
 struct CaptureRequest {
-    Site const& m_Site;
+    Services const& m_Services;
     SignedMessage const& m_Sent;
 };
 
@@ -22,7 +22,8 @@ struct CaptureRequest {
 Payment namedPayment(CaptureRequest const& request) {
     Message const& message = request.m_Sent.m_Message;
     std::string const token = message.require("TOKEN");
-    std::optional<PaymentRecord> const record = request.m_Site.m_Store.paymentByToken(request.m_Sent.m_Account, token);
+    std::optional<PaymentRecord> const record =
+        request.m_Services.m_Store.paymentByToken(request.m_Sent.m_Account, token);
     if (!record) {
         throw HttpError("there is no payment with the TOKEN '" + token + "'");
     }
@@ -66,7 +67,8 @@ Payment lead(CaptureRequest const& request, std::vector<PaymentState> const& fro
     if (std::find(from.begin(), from.end(), before.m_State) != from.end()) {
         checkResult(request.m_Sent.m_Message, before);
     }
-    bool const moved = request.m_Site.m_Store.advance(before.m_Id, from, {request.m_Site.m_Clock.text(), to, note});
+    bool const moved =
+        request.m_Services.m_Store.advance(before.m_Id, from, {request.m_Services.m_Clock.text(), to, note});
     Payment const now = namedPayment(request);
     if (moved) {
         return now;
@@ -83,7 +85,7 @@ Message answerConfirm(CaptureRequest const& request) {
     // Completing a payment settles it as well, so a capture that comes after it finds it done.
     Payment const captured = lead(request, {PaymentState::kAuthorised}, PaymentState::kCaptured,
                                   {PaymentState::kCaptured, PaymentState::kCompleted}, "captured by the merchant");
-    return confirmation(request.m_Site, captured, stateName(PaymentState::kCaptured));
+    return confirmation(request.m_Services, captured, stateName(PaymentState::kCaptured));
 }
 
 Message statusAnswer(char const* type, Payment const& payment) {
@@ -100,7 +102,7 @@ Message answerComplete(CaptureRequest const& request) {
 }
 
 Message answerStatus(CaptureRequest const& request) {
-    expireWhenOverdue(request.m_Site, namedPayment(request));
+    expireWhenOverdue(request.m_Services, namedPayment(request));
     return statusAnswer("StatusResponse", namedPayment(request));
 }
 
@@ -123,7 +125,7 @@ HttpReply answerCapture(Call const& call) {
     SignedMessage const sent = openSignedMessage(call);
     for (CaptureRow const& row : kRequests) {
         if (sent.m_Message.type() == row.m_Type) {
-            return messageReply(row.m_Answer({call.m_Site, sent}).text());
+            return messageReply(row.m_Answer({call.m_Services, sent}).text());
         }
     }
     throw HttpError("the capture service knows no request '" + sent.m_Message.type() + "'");

@@ -9,7 +9,7 @@
 #include "sandbox/pages/shopperpages.h"
 #include "sandbox/service/notifier.h"
 #include "sandbox/service/paymentmoves.h"
-#include "sandbox/service/site.h"
+#include "sandbox/service/services.h"
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/utctime.h"
 #include "sandbox/text/wiretext.h"
@@ -93,8 +93,8 @@ Decision const& namedDecision(std::string const& name) {
 }
 
 /// The payment that a form came from. Throws HttpError.
-PaymentRecord formPayment(Site const& site, Query const& form) {
-    std::optional<PaymentRecord> const record = site.m_Store.paymentById(form.value("payment").value_or(""));
+PaymentRecord formPayment(Services const& services, Query const& form) {
+    std::optional<PaymentRecord> const record = services.m_Store.paymentById(form.value("payment").value_or(""));
     if (!record) {
         throw HttpError("there is no such payment", kNotFound);
     }
@@ -104,9 +104,9 @@ PaymentRecord formPayment(Site const& site, Query const& form) {
     return *record;
 }
 
-PaymentState presentState(Site const& site, Payment const& payment) {
-    expireWhenOverdue(site, payment);
-    return site.m_Store.paymentById(payment.m_Id)->m_Payment.m_State;
+PaymentState presentState(Services const& services, Payment const& payment) {
+    expireWhenOverdue(services, payment);
+    return services.m_Store.paymentById(payment.m_Id)->m_Payment.m_State;
 }
 
 /// Whether a payment in `state` was once led there by `decision`.
@@ -117,13 +117,13 @@ bool wasDecided(PaymentState state, Decision const& decision) {
 
 /// Carries the decision out, if it comes in time, and returns the one that holds. The same decision once more (a second
 /// click) is harmless. Null when the payment is decided otherwise.
-Decision const* decide(Site const& site, Payment const& payment, Decision const& decision) {
-    if (payment.m_State == PaymentState::kOpened && !isOverdue(site, payment) &&
-        movePayment(site, payment, {PaymentState::kOpened}, decision.m_State,
+Decision const* decide(Services const& services, Payment const& payment, Decision const& decision) {
+    if (payment.m_State == PaymentState::kOpened && !isOverdue(services, payment) &&
+        movePayment(services, payment, {PaymentState::kOpened}, decision.m_State,
                     std::string("shopper chose ") + decision.m_Name)) {
         return &decision;
     }
-    PaymentState const state = presentState(site, payment);
+    PaymentState const state = presentState(services, payment);
     if (state == kTooLate.m_State) {
         return &kTooLate;
     }
@@ -133,9 +133,9 @@ Decision const* decide(Site const& site, Payment const& payment, Decision const&
 /// The address to which `decision` on `payment` leads; empty when the merchant gave none.
 std::string addressAfter(Call const& call, Payment const& payment, Decision const& decision) {
     std::string const link = payment.attribute(decision.m_Link).value_or("");
-    return link.empty()
-               ? ""
-               : extendLink(link, signedConfirmation(call.m_Site, payment, stateName(decision.m_State), call.m_Fault));
+    return link.empty() ? ""
+                        : extendLink(link, signedConfirmation(call.m_Services, payment, stateName(decision.m_State),
+                                                              call.m_Fault));
 }
 
 std::string usedTokenReason(Payment const& payment) {
@@ -143,11 +143,11 @@ std::string usedTokenReason(Payment const& payment) {
 }
 
 /// Why nobody can decide on a payment that is not open any more.
-std::string reasonToRefuse(Site const& site, Payment const& payment) {
+std::string reasonToRefuse(Services const& services, Payment const& payment) {
     if (payment.m_State == kTooLate.m_State) {
         std::optional<std::time_t> const expiration = parseExpiration(payment.attribute("EXPIRATION").value_or(""));
         return "the payment has expired: EXPIRATION is " + utcText(expiration.value()) + ", now is " +
-               site.m_Clock.text();
+               services.m_Clock.text();
     }
     return usedTokenReason(payment);
 }
@@ -167,7 +167,7 @@ HttpReply answerDecided(Call const& call, int status, PaymentRecord const& recor
 }  // namespace
 
 HttpReply answerPay(Call const& call) {
-    Site const& site = call.m_Site;
+    Services const& services = call.m_Services;
     SignedMessage const sent = openSignedMessage(call);
     if (sent.m_Message.type() != "PayInit") {
         throw HttpError("the payment page takes a PayInit, not a '" + sent.m_Message.type() + "'");
@@ -176,38 +176,38 @@ HttpReply answerPay(Call const& call) {
     for (Decision const& decision : kDecisions) {
         checkLink(sent.m_Message, decision.m_Link);
     }
-    PaymentRecord record = site.m_Store.openPayment(freshPayment(sent), site.m_Clock.text());
+    PaymentRecord record = services.m_Store.openPayment(freshPayment(sent), services.m_Clock.text());
     Payment& payment = record.m_Payment;
-    payment.m_State = presentState(site, payment);
+    payment.m_State = presentState(services, payment);
     if (payment.m_State == PaymentState::kOpened) {
-        site.m_Notifier.watch(payment);
+        services.m_Notifier.watch(payment);
     }
     if (record.m_Message != sent.m_Text) {
         throw HttpError(usedTokenReason(payment));
     }
     // The same message again is the shopper reloading the page, or one whose way back to the shop was lost.
     if (payment.m_State != PaymentState::kOpened) {
-        return answerDecided(call, kBadRequest, record, reasonToRefuse(site, payment));
+        return answerDecided(call, kBadRequest, record, reasonToRefuse(services, payment));
     }
-    return paymentPage(record, site.m_Store.customerOf(payment.m_Account));
+    return paymentPage(record, services.m_Store.customerOf(payment.m_Account));
 }
 
 HttpReply answerDecision(Call const& call) {
-    Site const& site = call.m_Site;
+    Services const& services = call.m_Services;
     Query const form(call.m_Request.m_Body);
     Decision const& wanted = namedDecision(form.value("decision").value_or(""));
-    PaymentRecord record = formPayment(site, form);
+    PaymentRecord record = formPayment(services, form);
     Payment& payment = record.m_Payment;
     call.m_Record.m_Steps.push_back({"The form came from the payment page", "payment " + payment.m_Id});
     call.m_Record.m_Steps.push_back({"The shopper decided", wanted.m_Name});
-    Decision const* const decision = decide(site, payment, wanted);
+    Decision const* const decision = decide(services, payment, wanted);
     if (decision == nullptr) {
-        payment.m_State = presentState(site, payment);
+        payment.m_State = presentState(services, payment);
         return answerDecided(call, kConflict, record,
                              "the payment is " + std::string(stateName(payment.m_State)) + " already");
     }
     payment.m_State = decision->m_State;
-    std::string const query = signedConfirmation(site, payment, stateName(decision->m_State), call.m_Fault);
+    std::string const query = signedConfirmation(services, payment, stateName(decision->m_State), call.m_Fault);
     std::string const link = payment.attribute(decision->m_Link).value_or("");
     if (link.empty()) {
         return outcomePage(payment, query);

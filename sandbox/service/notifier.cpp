@@ -90,16 +90,16 @@ Asked ask(HttpAddress const& address, std::chrono::milliseconds timeout, EndSign
 }
 
 /// Asks once and records that as `record`.
-Asked askRecorded(Site const& site, HttpAddress const& address, std::chrono::milliseconds timeout,
+Asked askRecorded(Services const& services, HttpAddress const& address, std::chrono::milliseconds timeout,
                   EndSignal const& ending, Exchange& record) {
-    record.m_Time = site.m_Clock.text();
+    record.m_Time = services.m_Clock.text();
     record.m_Request = keptText(requestText(address));
     Clock::time_point const begin = Clock::now();
     Asked asked = ask(address, timeout, ending);
     record.m_Microseconds = microsecondsSince(begin);
     record.m_Answer = keptText(asked.m_Answer);
     record.m_Verdict = asked.m_Verdict;
-    site.m_Store.addExchange(record);
+    services.m_Store.addExchange(record);
     return asked;
 }
 
@@ -148,14 +148,15 @@ typename Waiting::iterator firstDue(Waiting& waiting, Clock::time_point now, Clo
 
 }  // namespace
 
-Notifier::Notifier(Site const& site, Timeouts timeouts) : m_Site(site), m_Timeouts(std::move(timeouts)) {}
+Notifier::Notifier(Services const& services, Timeouts timeouts)
+    : m_Services(services), m_Timeouts(std::move(timeouts)) {}
 
 Notifier::~Notifier() {
     stop();
 }
 
 void Notifier::start() {
-    for (Payment const& payment : m_Site.m_Store.payments(PaymentState::kOpened)) {
+    for (Payment const& payment : m_Services.m_Store.payments(PaymentState::kOpened)) {
         watch(payment);
     }
     SignalsBlocked const blocked;
@@ -220,11 +221,11 @@ Notifier::Clock::time_point Notifier::look() {
 
 void Notifier::expireOverdue() {
     std::unique_lock<std::mutex> lock(m_Mutex);
-    while (!m_Stopping && !m_Watched.empty() && m_Site.m_Clock.now() > m_Watched.begin()->first) {
+    while (!m_Stopping && !m_Watched.empty() && m_Services.m_Clock.now() > m_Watched.begin()->first) {
         auto const overdue = m_Watched.begin();
         std::string const id = overdue->second;
         lock.unlock();
-        if (expireWhenOverdue(m_Site, m_Site.m_Store.paymentById(id).value().m_Payment)) {
+        if (expireWhenOverdue(m_Services, m_Services.m_Store.paymentById(id).value().m_Payment)) {
             return;  // the clock was set back meanwhile
         }
         lock.lock();
@@ -233,7 +234,7 @@ void Notifier::expireOverdue() {
 }
 
 void Notifier::takeAdded() {
-    for (Notification const& notification : m_Site.m_Store.notifications(m_LastTaken)) {
+    for (Notification const& notification : m_Services.m_Store.notifications(m_LastTaken)) {
         if (notification.m_Pending) {
             std::lock_guard<std::mutex> const lock(m_Mutex);
             m_Lanes[laneOf(notification.m_Address)].m_Waiting[notification.m_Number].m_Notification = notification;
@@ -303,23 +304,23 @@ bool Notifier::send(Pending& pending) {
     if (std::optional<std::string> const reason = obstacle(notification.m_Address)) {
         return settle(notification, "not sent: " + *reason);
     }
-    Payment const payment = m_Site.m_Store.paymentById(notification.m_Payment).value().m_Payment;
+    Payment const payment = m_Services.m_Store.paymentById(notification.m_Payment).value().m_Payment;
     std::string const order = payment.attribute("ORDERID").value_or("");
     std::optional<Fault> fault = std::exchange(pending.m_Delay, std::nullopt);
     if (!fault) {
-        fault = m_Site.m_Faults.take(ExchangeKind::kNotification, order);
+        fault = m_Services.m_Faults.take(ExchangeKind::kNotification, order);
         if (fault && fault->m_Kind == FaultKind::kDelay) {
             pending.m_Delay = fault;
             pending.m_Due = Clock::now() + delayOf(*fault);
             return true;
         }
     }
-    std::string const query = signedConfirmation(m_Site, payment, notification.m_Result, fault);
+    std::string const query = signedConfirmation(m_Services, payment, notification.m_Result, fault);
     Exchange record = recordOf(notification, order, query, fault);
     if (fault && fault->m_Kind == FaultKind::kDrop) {
-        record.m_Time = m_Site.m_Clock.text();
+        record.m_Time = m_Services.m_Clock.text();
         record.m_Verdict = "not sent";
-        m_Site.m_Store.addExchange(record);
+        m_Services.m_Store.addExchange(record);
         return settle(notification, "not sent: the fault " + record.m_Fault + " happened");
     }
     return attempt(pending, query, record, fault && fault->m_Kind == FaultKind::kTwice);
@@ -329,9 +330,9 @@ bool Notifier::send(Pending& pending) {
 bool Notifier::attempt(Pending& pending, std::string const& query, Exchange& record, bool twice) {
     Notification& notification = pending.m_Notification;
     HttpAddress const address = parseHttpAddress(extendLink(notification.m_Address, query));
-    Asked best = askRecorded(m_Site, address, m_Timeouts.m_Response, m_Ending, record);
+    Asked best = askRecorded(m_Services, address, m_Timeouts.m_Response, m_Ending, record);
     if (twice) {
-        Asked const second = askRecorded(m_Site, address, m_Timeouts.m_Response, m_Ending, record);
+        Asked const second = askRecorded(m_Services, address, m_Timeouts.m_Response, m_Ending, record);
         best = best.good() ? best : second;
     }
     if (!best.good() && m_Ending.raised()) {
@@ -358,9 +359,9 @@ bool Notifier::settle(Notification& notification, std::string const& outcome) {
 }
 
 void Notifier::keep(Notification& notification, std::string const& outcome) {
-    notification.m_Time = m_Site.m_Clock.text();
+    notification.m_Time = m_Services.m_Clock.text();
     notification.m_Outcome = outcome;
-    m_Site.m_Store.updateNotification(notification);
+    m_Services.m_Store.updateNotification(notification);
 }
 
 }  // namespace sandbox

@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "sandbox/http/endsignal.h"
-#include "sandbox/service/site.h"
+#include "sandbox/service/services.h"
 
 namespace sandbox {
 
@@ -43,11 +43,11 @@ public:
         std::vector<std::chrono::milliseconds>
             m_Backoff;  ///< After each attempt that failed. There is one attempt more.
         std::chrono::milliseconds
-            m_ClockInterval;  ///< Between two looks at the site's clock while a payment can expire.
+            m_ClockInterval;  ///< Between two looks at the service clock while a payment can expire.
     };
 
-    /// Borrows `site`. Throws std::runtime_error.
-    Notifier(Site const& site, Timeouts timeouts);
+    /// Borrows `services`. Throws std::runtime_error.
+    Notifier(Services const& services, Timeouts timeouts);
 
     /// Stops.
     ~Notifier();
@@ -57,7 +57,7 @@ public:
     /// Begins to send, and to watch the payments of the store that are undecided. Throws std::runtime_error.
     void start();
 
-    /// Tells that the store has a notification more, or that the site's clock was set. May be called by any thread at
+    /// Tells that the store has a notification more, or that the service clock was set. May be called by any thread at
     /// any time.
     void wake();
 
@@ -99,13 +99,13 @@ private:
     bool settle(Notification& notification, std::string const& outcome);
     void keep(Notification& notification, std::string const& outcome);
 
-    Site const& m_Site;  ///< Borrowed.
+    Services const& m_Services;  ///< Borrowed.
     Timeouts m_Timeouts;
     EndSignal m_Ending;
     std::vector<std::thread> m_Threads;
     std::int64_t m_LastTaken = 0;  ///< Number of the newest notification taken from the store. Used by run() alone.
 
-    std::mutex m_Mutex;  ///< Guards all below. Nothing of the site is called under it but its clock.
+    std::mutex m_Mutex;  ///< Guards all below. No service but the clock is called under it.
     std::condition_variable m_Changed;
     std::condition_variable m_Assigned;
     std::map<std::string, Lane> m_Lanes;  ///< By "host:port".

@@ -8,8 +8,8 @@
 
 namespace sandbox {
 
-bool movePayment(Site const& site, Payment const& payment, std::vector<PaymentState> const& from, PaymentState to,
-                 std::string const& note) {
+bool movePayment(Services const& services, Payment const& payment, std::vector<PaymentState> const& from,
+                 PaymentState to, std::string const& note) {
     std::optional<Notification> notification;
     std::string const address = payment.attribute("NOTIFYADDRESS").value_or("");
     if (!address.empty()) {
@@ -18,9 +18,9 @@ bool movePayment(Site const& site, Payment const& payment, std::vector<PaymentSt
         notification->m_Address = address;
         notification->m_Result = stateName(to);
     }
-    bool const moved = site.m_Store.advance(payment.m_Id, from, {site.m_Clock.text(), to, note}, notification);
+    bool const moved = services.m_Store.advance(payment.m_Id, from, {services.m_Clock.text(), to, note}, notification);
     if (moved && notification) {
-        site.m_Notifier.wake();
+        services.m_Notifier.wake();
     }
     return moved;
 }
@@ -30,26 +30,26 @@ std::time_t expirationOf(Payment const& payment) {
         .value_or(std::numeric_limits<std::time_t>::min());
 }
 
-bool isOverdue(Site const& site, Payment const& payment) {
-    return site.m_Clock.now() > expirationOf(payment);
+bool isOverdue(Services const& services, Payment const& payment) {
+    return services.m_Clock.now() > expirationOf(payment);
 }
 
-bool expireWhenOverdue(Site const& site, Payment const& payment) {
+bool expireWhenOverdue(Services const& services, Payment const& payment) {
     if (payment.m_State != PaymentState::kOpened) {
         return false;
     }
-    if (!isOverdue(site, payment)) {
+    if (!isOverdue(services, payment)) {
         return true;
     }
-    movePayment(site, payment, {PaymentState::kOpened}, PaymentState::kExpired, "not decided in time");
+    movePayment(services, payment, {PaymentState::kOpened}, PaymentState::kExpired, "not decided in time");
     return false;
 }
 
-std::vector<Payment> presentPayments(Site const& site) {
-    for (Payment const& payment : site.m_Store.payments()) {
-        expireWhenOverdue(site, payment);
+std::vector<Payment> presentPayments(Services const& services) {
+    for (Payment const& payment : services.m_Store.payments()) {
+        expireWhenOverdue(services, payment);
     }
-    return site.m_Store.payments();
+    return services.m_Store.payments();
 }
 
 }  // namespace sandbox

@@ -5,26 +5,26 @@
 #include <string>
 #include <vector>
 
-#include "sandbox/service/site.h"
+#include "sandbox/service/services.h"
 
 namespace sandbox {
 
 /// Leads the payment from one of the states `from` to `to` and has its merchant notified of `to` when a NOTIFYADDRESS
 /// was given. False, with nothing changed, when it is in none of them.
-bool movePayment(Site const& site, Payment const& payment, std::vector<PaymentState> const& from, PaymentState to,
-                 std::string const& note);
+bool movePayment(Services const& services, Payment const& payment, std::vector<PaymentState> const& from,
+                 PaymentState to, std::string const& note);
 
 /// The last second in which the payment can be decided; long past when it names none that can be read.
 std::time_t expirationOf(Payment const& payment);
 
 /// Whether the time to decide on the payment has passed.
-bool isOverdue(Site const& site, Payment const& payment);
+bool isOverdue(Services const& services, Payment const& payment);
 
 /// Makes an undecided payment whose time has passed an expired one. True when it is undecided and in time.
-bool expireWhenOverdue(Site const& site, Payment const& payment);
+bool expireWhenOverdue(Services const& services, Payment const& payment);
 
 /// All payments, oldest first, as they are now.
-std::vector<Payment> presentPayments(Site const& site);
+std::vector<Payment> presentPayments(Services const& services);
 
 }  // namespace sandbox
 

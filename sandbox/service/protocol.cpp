@@ -72,29 +72,29 @@ ExchangeKind kindOf(Endpoint const& endpoint, Message const& message) {
 }
 
 /// The order of the payment that the message names by its token, which is one of the account that the key belongs to.
-std::string orderOf(Site const& site, Message const& message) {
-    std::optional<MerchantKey> const key = site.m_Store.merchantKey(message.find("KEYID").value_or(""));
+std::string orderOf(Services const& services, Message const& message) {
+    std::optional<MerchantKey> const key = services.m_Store.merchantKey(message.find("KEYID").value_or(""));
     std::optional<std::string> const token = message.find("TOKEN");
-    return key && token ? site.m_Store.orderOfToken(key->m_Account, *token) : "";
+    return key && token ? services.m_Store.orderOfToken(key->m_Account, *token) : "";
 }
 
 /// Notes what the request is about, from what it says of itself. What cannot be read stays unnoted: telling what is
 /// wrong with the request comes later.
-void identify(Site const& site, Endpoint const& endpoint, HttpRequest const& request, Exchange& record) {
+void identify(Services const& services, Endpoint const& endpoint, HttpRequest const& request, Exchange& record) {
     record.m_Kind = endpoint.m_Answer == answerPay ? ExchangeKind::kPage : ExchangeKind::kOther;
     if (endpoint.m_Answer == answerDecision) {
         record.m_Kind = ExchangeKind::kDecision;
     }
     try {
         if (record.m_Kind == ExchangeKind::kDecision) {
-            auto const payment = site.m_Store.paymentById(Query(request.m_Body).value("payment").value_or(""));
+            auto const payment = services.m_Store.paymentById(Query(request.m_Body).value("payment").value_or(""));
             record.m_Order = payment ? payment->m_Payment.attribute("ORDERID").value_or("") : "";
             return;
         }
         record.m_Data = Query(request.m_Query).value("DATA").value_or("");
         Message const message = Message::parse(record.m_Data);
         record.m_Kind = kindOf(endpoint, message);
-        record.m_Order = message.find("ORDERID").value_or(orderOf(site, message));
+        record.m_Order = message.find("ORDERID").value_or(orderOf(services, message));
     } catch (HttpError const&) {
     }
 }
@@ -190,33 +190,33 @@ HttpReply answerIdentified(Endpoint const& endpoint, Call const& call) {
     }
 }
 
-HttpReply answerRecorded(Site const& site, Endpoint const& endpoint, HttpRequest const& request) {
+HttpReply answerRecorded(Services const& services, Endpoint const& endpoint, HttpRequest const& request) {
     auto const begin = std::chrono::steady_clock::now();
     Exchange record;
-    record.m_Time = site.m_Clock.text();
+    record.m_Time = services.m_Clock.text();
     record.m_Path = request.m_Path;
     record.m_Verdict = "ok";
     record.m_Request = keptRequest(request.m_Raw);
-    identify(site, endpoint, request, record);
-    std::int64_t const begun = site.m_Store.beginExchange(record);
+    identify(services, endpoint, request, record);
+    std::int64_t const begun = services.m_Store.beginExchange(record);
     // The control port has no faults, and uses none up.
-    bool const mayFail = request.m_BaseUrl != site.m_Addresses.m_Control;
-    std::optional<Fault> const fault = mayFail ? site.m_Faults.take(record.m_Kind, record.m_Order) : std::nullopt;
-    HttpReply reply = answerIdentified(endpoint, {site, request, record, fault});
+    bool const mayFail = request.m_BaseUrl != services.m_Addresses.m_Control;
+    std::optional<Fault> const fault = mayFail ? services.m_Faults.take(record.m_Kind, record.m_Order) : std::nullopt;
+    HttpReply reply = answerIdentified(endpoint, {services, request, record, fault});
     if (fault) {
         record.m_Fault = faultText(*fault);
         reply.m_Fault = fault;
     }
-    reply.m_Log = std::make_shared<Record>(site.m_Store, std::move(record), begun, begin);
+    reply.m_Log = std::make_shared<Record>(services.m_Store, std::move(record), begun, begin);
     return reply;
 }
 
 }  // namespace
 
-std::optional<HttpReply> answerProtocol(Site const& site, HttpRequest const& request) {
+std::optional<HttpReply> answerProtocol(Services const& services, HttpRequest const& request) {
     for (Endpoint const& endpoint : kEndpoints) {
         if (request.m_Path == endpoint.m_Path) {
-            return request.m_Method == endpoint.m_Method ? answerRecorded(site, endpoint, request)
+            return request.m_Method == endpoint.m_Method ? answerRecorded(services, endpoint, request)
                                                          : otherMethodReply(endpoint);
         }
     }

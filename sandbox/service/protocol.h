@@ -6,13 +6,13 @@
 #include <optional>
 #include <string>
 
-#include "sandbox/service/site.h"
+#include "sandbox/service/services.h"
 
 namespace sandbox {
 
 /// Answers a request to one of the addresses of the protocol, lets the fault that is armed for it happen, and records
 /// the exchange. Nothing when the address is none of them.
-std::optional<HttpReply> answerProtocol(Site const& site, HttpRequest const& request);
+std::optional<HttpReply> answerProtocol(Services const& services, HttpRequest const& request);
 
 /// The answer when the service itself has failed with `what`.
 HttpReply failureReply(std::string const& what);

@@ -1,5 +1,5 @@
-#ifndef TALLOWIN_SANDBOX_SERVICE_SITE_H
-#define TALLOWIN_SANDBOX_SERVICE_SITE_H
+#ifndef TALLOWIN_SANDBOX_SERVICE_SERVICES_H
+#define TALLOWIN_SANDBOX_SERVICE_SERVICES_H
 
 #include <optional>
 #include <string>
@@ -29,7 +29,7 @@ struct Addresses {
 };
 
 /// What every part of the service works on, shared by all threads.
-struct Site {
+struct Services {
     Store& m_Store;
     KeyRing& m_Keys;
     FaultBook& m_Faults;
@@ -41,7 +41,7 @@ struct Site {
 
 /// One request while it is answered.
 struct Call {
-    Site const& m_Site;
+    Services const& m_Services;
     HttpRequest const& m_Request;
     Exchange& m_Record;                   ///< Tells in the end what had been read and found so far.
     std::optional<Fault> const& m_Fault;  ///< What is to go wrong.
@@ -71,16 +71,16 @@ HttpReply answerDecision(Call const& call);
 HttpReply answerCapture(Call const& call);
 
 /// The message that confirms `payment` to its merchant, with `result` as its RESULT, in the name of the current key.
-Message confirmation(Site const& site, Payment const& payment, std::string const& result);
+Message confirmation(Services const& services, Payment const& payment, std::string const& result);
 
 /// The same in the name of any key, with any MSGTYPE.
 Message confirmationBy(std::string const& keyId, std::string const& type, Payment const& payment,
                        std::string const& result);
 
 /// The confirmation, signed, as the query of a link: "DATA=...&SIGNATURE=...". `fault` may make it wrong.
-std::string signedConfirmation(Site const& site, Payment const& payment, std::string const& result,
+std::string signedConfirmation(Services const& services, Payment const& payment, std::string const& result,
                                std::optional<Fault> const& fault);
 
 }  // namespace sandbox
 
-#endif  // TALLOWIN_SANDBOX_SERVICE_SITE_H
+#endif  // TALLOWIN_SANDBOX_SERVICE_SERVICES_H

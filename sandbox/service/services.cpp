@@ -1,4 +1,4 @@
-#include "sandbox/service/site.h"
+#include "sandbox/service/services.h"
 
 #include <optional>
 #include <utility>
@@ -57,14 +57,14 @@ std::string flipLastBit(std::string const& signature) {
     return toHex(bytes);
 }
 
-KeyRing::Key signingKey(Site const& site, std::optional<Fault> const& fault) {
+KeyRing::Key signingKey(Services const& services, std::optional<Fault> const& fault) {
     if (fault && fault->m_Kind == FaultKind::kWrongKey) {
-        return site.m_Keys.impostor();
+        return services.m_Keys.impostor();
     }
     if (fault && fault->m_Kind == FaultKind::kStaleKey) {
-        return site.m_Keys.stale();
+        return services.m_Keys.stale();
     }
-    return site.m_Keys.current();
+    return services.m_Keys.current();
 }
 
 }  // namespace
@@ -84,7 +84,7 @@ SignedMessage openSignedMessage(Call const& call) {
     Message message = Message::parse(text);
     call.m_Record.m_Steps.push_back({"DATA is a message", message.type()});
     std::string const keyId = message.require("KEYID");
-    std::optional<MerchantKey> const key = call.m_Site.m_Store.merchantKey(keyId);
+    std::optional<MerchantKey> const key = call.m_Services.m_Store.merchantKey(keyId);
     if (!key) {
         throw HttpError("KEYID names no merchant key that was published here: '" + keyId + "'");
     }
@@ -97,8 +97,8 @@ HttpReply messageReply(std::string const& text) {
     return {200, "text/xml", text};
 }
 
-Message confirmation(Site const& site, Payment const& payment, std::string const& result) {
-    return confirmationBy(site.m_Keys.current()->m_Id, kConfirmationType, payment, result);
+Message confirmation(Services const& services, Payment const& payment, std::string const& result) {
+    return confirmationBy(services.m_Keys.current()->m_Id, kConfirmationType, payment, result);
 }
 
 Message confirmationBy(std::string const& keyId, std::string const& type, Payment const& payment,
@@ -112,9 +112,9 @@ Message confirmationBy(std::string const& keyId, std::string const& type, Paymen
     return message;
 }
 
-std::string signedConfirmation(Site const& site, Payment const& payment, std::string const& result,
+std::string signedConfirmation(Services const& services, Payment const& payment, std::string const& result,
                                std::optional<Fault> const& fault) {
-    KeyRing::Key const key = signingKey(site, fault);
+    KeyRing::Key const key = signingKey(services, fault);
     char const* const type = fault && fault->m_Kind == FaultKind::kWrongType ? kUnexpectedType : kConfirmationType;
     std::string const text = confirmationBy(key->m_Id, type, payment, result).text();
     std::string signature = signText(key->m_Key.get(), text, Widening::kSign);
