@@ -16,13 +16,15 @@ constexpr std::size_t kLongestKeyId = 200;
 
 /// What one request is answered from.
 struct AutoRequest {
-    Call const& m_Call;
+    RequestContext const& m_Context;
     Message const& m_Message;
     std::string const& m_Account;
-    Services const& m_Services = m_Call.m_Services;
-    std::string const& m_BaseUrl = m_Call.m_Request.m_BaseUrl;
+    Services const& m_Services = m_Context.m_Services;
+    std::string const& m_BaseUrl = m_Context.m_Request.m_BaseUrl;
 
-    [[nodiscard]] bool goesWrong(FaultKind kind) const { return m_Call.m_Fault && m_Call.m_Fault->m_Kind == kind; }
+    [[nodiscard]] bool goesWrong(FaultKind kind) const {
+        return m_Context.m_Fault && m_Context.m_Fault->m_Kind == kind;
+    }
 
     /// The identifier that is told for that of the key which signs.
     [[nodiscard]] std::string serverKeyId() const {
@@ -144,15 +146,15 @@ constexpr AutoRow kRequests[] = {
 
 }  // namespace
 
-HttpReply answerAuto(Call const& call) {
-    std::string const text = takeData(call);
-    std::string const account = checkCredentials(call.m_Services, call.m_Request.m_Authorization);
-    call.m_Record.m_Steps.push_back({"The credentials are right", "account " + account});
+HttpReply answerAuto(RequestContext const& context) {
+    std::string const text = takeData(context);
+    std::string const account = checkCredentials(context.m_Services, context.m_Request.m_Authorization);
+    context.m_Exchange.m_Steps.push_back({"The credentials are right", "account " + account});
     Message const message = Message::parse(text);
-    call.m_Record.m_Steps.push_back({"DATA is a message", message.type()});
+    context.m_Exchange.m_Steps.push_back({"DATA is a message", message.type()});
     for (AutoRow const& row : kRequests) {
         if (message.type() == row.m_Type) {
-            return messageReply(row.m_Answer({call, message, account}).text());
+            return messageReply(row.m_Answer({context, message, account}).text());
         }
     }
     throw HttpError("the configuration service knows no request '" + message.type() + "'");

@@ -121,11 +121,11 @@ constexpr CaptureRow kRequests[] = {
 
 }  // namespace
 
-HttpReply answerCapture(Call const& call) {
-    SignedMessage const sent = openSignedMessage(call);
+HttpReply answerCapture(RequestContext const& context) {
+    SignedMessage const sent = openSignedMessage(context);
     for (CaptureRow const& row : kRequests) {
         if (sent.m_Message.type() == row.m_Type) {
-            return messageReply(row.m_Answer({call.m_Services, sent}).text());
+            return messageReply(row.m_Answer({context.m_Services, sent}).text());
         }
     }
     throw HttpError("the capture service knows no request '" + sent.m_Message.type() + "'");

@@ -131,11 +131,11 @@ Decision const* decide(Services const& services, Payment const& payment, Decisio
 }
 
 /// The address to which `decision` on `payment` leads; empty when the merchant gave none.
-std::string addressAfter(Call const& call, Payment const& payment, Decision const& decision) {
+std::string addressAfter(RequestContext const& context, Payment const& payment, Decision const& decision) {
     std::string const link = payment.attribute(decision.m_Link).value_or("");
     return link.empty() ? ""
-                        : extendLink(link, signedConfirmation(call.m_Services, payment, stateName(decision.m_State),
-                                                              call.m_Fault));
+                        : extendLink(link, signedConfirmation(context.m_Services, payment, stateName(decision.m_State),
+                                                              context.m_Fault));
 }
 
 std::string usedTokenReason(Payment const& payment) {
@@ -153,22 +153,23 @@ std::string reasonToRefuse(Services const& services, Payment const& payment) {
 }
 
 /// The page of a payment on which nobody can decide any more: there is nothing to do but to go back to the shop.
-HttpReply answerDecided(Call const& call, int status, PaymentRecord const& record, std::string const& reason) {
+HttpReply answerDecided(RequestContext const& context, int status, PaymentRecord const& record,
+                        std::string const& reason) {
     Payment const& payment = record.m_Payment;
-    call.m_Record.m_Verdict = reason;
-    call.m_Record.m_Steps.push_back({"Turned down", reason, false});
+    context.m_Exchange.m_Verdict = reason;
+    context.m_Exchange.m_Steps.push_back({"Turned down", reason, false});
     Decision const* made = &kTooLate;
     for (Decision const& decision : kDecisions) {
         made = wasDecided(payment.m_State, decision) ? &decision : made;
     }
-    return decidedPage(status, record, reason, addressAfter(call, payment, *made));
+    return decidedPage(status, record, reason, addressAfter(context, payment, *made));
 }
 
 }  // namespace
 
-HttpReply answerPay(Call const& call) {
-    Services const& services = call.m_Services;
-    SignedMessage const sent = openSignedMessage(call);
+HttpReply answerPay(RequestContext const& context) {
+    Services const& services = context.m_Services;
+    SignedMessage const sent = openSignedMessage(context);
     if (sent.m_Message.type() != "PayInit") {
         throw HttpError("the payment page takes a PayInit, not a '" + sent.m_Message.type() + "'");
     }
@@ -187,27 +188,27 @@ HttpReply answerPay(Call const& call) {
     }
     // The same message again is the shopper reloading the page, or one whose way back to the shop was lost.
     if (payment.m_State != PaymentState::kOpened) {
-        return answerDecided(call, kBadRequest, record, reasonToRefuse(services, payment));
+        return answerDecided(context, kBadRequest, record, reasonToRefuse(services, payment));
     }
     return paymentPage(record, services.m_Store.customerOf(payment.m_Account));
 }
 
-HttpReply answerDecision(Call const& call) {
-    Services const& services = call.m_Services;
-    Query const form(call.m_Request.m_Body);
+HttpReply answerDecision(RequestContext const& context) {
+    Services const& services = context.m_Services;
+    Query const form(context.m_Request.m_Body);
     Decision const& wanted = namedDecision(form.value("decision").value_or(""));
     PaymentRecord record = formPayment(services, form);
     Payment& payment = record.m_Payment;
-    call.m_Record.m_Steps.push_back({"The form came from the payment page", "payment " + payment.m_Id});
-    call.m_Record.m_Steps.push_back({"The shopper decided", wanted.m_Name});
+    context.m_Exchange.m_Steps.push_back({"The form came from the payment page", "payment " + payment.m_Id});
+    context.m_Exchange.m_Steps.push_back({"The shopper decided", wanted.m_Name});
     Decision const* const decision = decide(services, payment, wanted);
     if (decision == nullptr) {
         payment.m_State = presentState(services, payment);
-        return answerDecided(call, kConflict, record,
+        return answerDecided(context, kConflict, record,
                              "the payment is " + std::string(stateName(payment.m_State)) + " already");
     }
     payment.m_State = decision->m_State;
-    std::string const query = signedConfirmation(services, payment, stateName(decision->m_State), call.m_Fault);
+    std::string const query = signedConfirmation(services, payment, stateName(decision->m_State), context.m_Fault);
     std::string const link = payment.attribute(decision->m_Link).value_or("");
     if (link.empty()) {
         return outcomePage(payment, query);

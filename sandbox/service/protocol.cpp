@@ -27,7 +27,7 @@ enum class ErrorForm { kErrorMessage, kPage };
 struct Endpoint {
     char const* m_Method;
     char const* m_Path;
-    HttpReply (*m_Answer)(Call const& call);
+    HttpReply (*m_Answer)(RequestContext const& context);
     ErrorForm m_ErrorForm;
 };
 
@@ -136,18 +136,18 @@ void mistakeType(HttpReply& reply) {
     reply.m_Body = message.text();
 }
 
-HttpReply carryOut(Endpoint const& endpoint, Call const& call) {
+HttpReply carryOut(Endpoint const& endpoint, RequestContext const& context) {
     try {
-        HttpReply reply = endpoint.m_Answer(call);
-        if (call.m_Fault && call.m_Fault->m_Kind == FaultKind::kWrongType &&
+        HttpReply reply = endpoint.m_Answer(context);
+        if (context.m_Fault && context.m_Fault->m_Kind == FaultKind::kWrongType &&
             endpoint.m_ErrorForm == ErrorForm::kErrorMessage) {
             mistakeType(reply);
         }
         return reply;
     } catch (HttpError const& error) {
-        call.m_Record.m_Verdict = error.what();
-        call.m_Record.m_Steps.push_back({"Turned down", error.what(), false});
-        return errorReplyTo(endpoint, error, call.m_Record);
+        context.m_Exchange.m_Verdict = error.what();
+        context.m_Exchange.m_Steps.push_back({"Turned down", error.what(), false});
+        return errorReplyTo(endpoint, error, context.m_Exchange);
     }
 }
 
@@ -177,15 +177,15 @@ private:
 };
 
 /// The answer to a request that has been identified, or what a fault or a failure puts in its place.
-HttpReply answerIdentified(Endpoint const& endpoint, Call const& call) {
-    if (call.m_Fault && !faultRow(call.m_Fault->m_Kind).m_CarriedOut) {
-        call.m_Record.m_Verdict = "not looked at";
-        return failingReply(*call.m_Fault);
+HttpReply answerIdentified(Endpoint const& endpoint, RequestContext const& context) {
+    if (context.m_Fault && !faultRow(context.m_Fault->m_Kind).m_CarriedOut) {
+        context.m_Exchange.m_Verdict = "not looked at";
+        return failingReply(*context.m_Fault);
     }
     try {
-        return carryOut(endpoint, call);
+        return carryOut(endpoint, context);
     } catch (std::exception const& failure) {
-        call.m_Record.m_Verdict = std::string("the sandbox failed: ") + failure.what();
+        context.m_Exchange.m_Verdict = std::string("the sandbox failed: ") + failure.what();
         return failureReply(failure.what());
     }
 }

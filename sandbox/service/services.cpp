@@ -69,27 +69,27 @@ KeyRing::Key signingKey(Services const& services, std::optional<Fault> const& fa
 
 }  // namespace
 
-std::string takeData(Call const& call) {
-    std::optional<std::string> const data = Query(call.m_Request.m_Query).value("DATA");
+std::string takeData(RequestContext const& context) {
+    std::optional<std::string> const data = Query(context.m_Request.m_Query).value("DATA");
     if (!data || data->empty()) {
         throw HttpError("DATA is missing");
     }
-    call.m_Record.m_Steps.push_back({"DATA is percent-encoded", std::to_string(data->size()) + " bytes"});
+    context.m_Exchange.m_Steps.push_back({"DATA is percent-encoded", std::to_string(data->size()) + " bytes"});
     return *data;
 }
 
-SignedMessage openSignedMessage(Call const& call) {
-    std::string const text = takeData(call);
-    std::string const signature = takeSignature(Query(call.m_Request.m_Query), call.m_Record);
+SignedMessage openSignedMessage(RequestContext const& context) {
+    std::string const text = takeData(context);
+    std::string const signature = takeSignature(Query(context.m_Request.m_Query), context.m_Exchange);
     Message message = Message::parse(text);
-    call.m_Record.m_Steps.push_back({"DATA is a message", message.type()});
+    context.m_Exchange.m_Steps.push_back({"DATA is a message", message.type()});
     std::string const keyId = message.require("KEYID");
-    std::optional<MerchantKey> const key = call.m_Services.m_Store.merchantKey(keyId);
+    std::optional<MerchantKey> const key = context.m_Services.m_Store.merchantKey(keyId);
     if (!key) {
         throw HttpError("KEYID names no merchant key that was published here: '" + keyId + "'");
     }
-    call.m_Record.m_Steps.push_back({"KEYID names a key", keyId + " of the account " + key->m_Account});
-    checkSignature(keyId, key->m_Blob, text, signature, call.m_Record);
+    context.m_Exchange.m_Steps.push_back({"KEYID names a key", keyId + " of the account " + key->m_Account});
+    checkSignature(keyId, key->m_Blob, text, signature, context.m_Exchange);
     return {std::move(message), text, key->m_Account};
 }
 

@@ -40,10 +40,10 @@ struct Services {
 };
 
 /// One request while it is answered.
-struct Call {
+struct RequestContext {
     Services const& m_Services;
     HttpRequest const& m_Request;
-    Exchange& m_Record;                   ///< Tells in the end what had been read and found so far.
+    Exchange& m_Exchange;                 ///< Tells in the end what had been read and found so far.
     std::optional<Fault> const& m_Fault;  ///< What is to go wrong.
 };
 
@@ -56,19 +56,19 @@ struct SignedMessage {
 
 /// Takes DATA and SIGNATURE out of the query and verifies the signature with the merchant key that KEYID names. Throws
 /// HttpError with the first thing that is wrong.
-SignedMessage openSignedMessage(Call const& call);
+SignedMessage openSignedMessage(RequestContext const& context);
 
 /// Takes DATA out of the query. Throws HttpError.
-std::string takeData(Call const& call);
+std::string takeData(RequestContext const& context);
 
 /// A message as an answer.
 HttpReply messageReply(std::string const& text);
 
 /// The exchanges. Each throws HttpError for a request it turns down.
-HttpReply answerAuto(Call const& call);
-HttpReply answerPay(Call const& call);
-HttpReply answerDecision(Call const& call);
-HttpReply answerCapture(Call const& call);
+HttpReply answerAuto(RequestContext const& context);
+HttpReply answerPay(RequestContext const& context);
+HttpReply answerDecision(RequestContext const& context);
+HttpReply answerCapture(RequestContext const& context);
 
 /// The message that confirms `payment` to its merchant, with `result` as its RESULT, in the name of the current key.
 Message confirmation(Services const& services, Payment const& payment, std::string const& result);
