@@ -85,7 +85,7 @@ public:
         }
         m_Addresses.m_Plain = m_Plain.baseUrl();
         m_Addresses.m_Control = m_Control.baseUrl();
-        m_Faults.tellRefusals([this](ExchangeKind kind, FaultBook::Moment until) { refuse(kind, until); });
+        m_Faults.setRefusalListener([this](ExchangeKind kind, FaultRegistry::Moment until) { refuse(kind, until); });
         for (Fault const& fault : options.m_Faults) {
             m_Faults.arm(fault);
         }
@@ -102,7 +102,7 @@ public:
     }
 
     ~Running() {
-        m_Faults.tellRefusals(nullptr);
+        m_Faults.setRefusalListener(nullptr);
         // All at once, so that none goes on while another one ends. The proxy ends last.
         m_Control.beginStop();
         m_Plain.beginStop();
@@ -120,7 +120,7 @@ public:
     [[nodiscard]] Proxy const* proxy() const { return m_Proxy.get(); }
 
 private:
-    void refuse(ExchangeKind kind, FaultBook::Moment until) {
+    void refuse(ExchangeKind kind, FaultRegistry::Moment until) {
         if (kind == ExchangeKind::kProxy) {
             if (m_Proxy) {
                 m_Proxy->refuseUntil(until);
@@ -137,7 +137,7 @@ private:
     Store m_Store;
     ServiceClock m_Clock;
     KeyRing m_Keys;
-    FaultBook m_Faults;
+    FaultRegistry m_Faults;
     Addresses m_Addresses;
     std::string m_FormKey = randomHex(kFormKeyBytes);
     Services m_Services;

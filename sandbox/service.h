@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "sandbox/faults/faultbook.h"
+#include "sandbox/faults/faultregistry.h"
 #include "sandbox/store/exchange.h"
 #include "sandbox/store/notification.h"
 #include "sandbox/store/storedpayment.h"
@@ -103,7 +103,7 @@ public:
     /// All notifications, oldest first.
     [[nodiscard]] std::vector<Notification> notifications() const;
 
-    /// See FaultBook.
+    /// See FaultRegistry.
     std::int64_t arm(Fault const& fault);
     bool liftFault(std::int64_t id);
     void liftFaults();

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "sandbox/faults/faultbook.h"
+#include "sandbox/faults/faultregistry.h"
 #include "sandbox/http/httpmessages.h"
 #include "sandbox/store/exchange.h"
 #include "sandbox/store/notification.h"

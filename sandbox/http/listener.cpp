@@ -162,7 +162,7 @@ public:
     }
 };
 
-Listener::Listener(std::uint16_t port, TlsIdentity const* tls, FaultBook* faults, std::chrono::milliseconds timeout)
+Listener::Listener(std::uint16_t port, TlsIdentity const* tls, FaultRegistry* faults, std::chrono::milliseconds timeout)
     : m_Tls(tls), m_Faults(faults), m_RequestTimeout(timeout), m_Acceptor(port) {}
 
 Listener::~Listener() = default;

@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-#include "sandbox/faults/faultbook.h"
+#include "sandbox/faults/faultregistry.h"
 #include "sandbox/http/acceptor.h"
 #include "sandbox/http/httpmessages.h"
 #include "sandbox/http/tlsidentity.h"
@@ -23,7 +23,7 @@ public:
     /// Takes the port (0 picks one); connections wait until start(). `tls` is null for plain HTTP, `faults` for a port
     /// whose connections never fail; both are borrowed. A request that is not complete after `timeout` is given up.
     /// Throws std::runtime_error.
-    Listener(std::uint16_t port, TlsIdentity const* tls, FaultBook* faults, std::chrono::milliseconds timeout);
+    Listener(std::uint16_t port, TlsIdentity const* tls, FaultRegistry* faults, std::chrono::milliseconds timeout);
 
     /// Stops.
     ~Listener();
@@ -51,7 +51,7 @@ private:
     void serve(int socket);
 
     TlsIdentity const* m_Tls;  ///< Borrowed; null for plain HTTP.
-    FaultBook* m_Faults;       ///< Borrowed; null without faults.
+    FaultRegistry* m_Faults;   ///< Borrowed; null without faults.
     std::chrono::milliseconds m_RequestTimeout;
     std::unique_ptr<Server> m_Server;
     Acceptor m_Acceptor;  ///< Last, so that no connection is served any more when the rest goes.

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "sandbox/faults/faultbook.h"
+#include "sandbox/faults/faultregistry.h"
 #include "sandbox/http/httpmessages.h"
 #include "sandbox/service/keyring.h"
 #include "sandbox/service/serviceclock.h"
@@ -32,7 +32,7 @@ struct Addresses {
 struct Services {
     Store& m_Store;
     KeyRing& m_Keys;
-    FaultBook& m_Faults;
+    FaultRegistry& m_Faults;
     ServiceClock& m_Clock;
     Addresses const& m_Addresses;
     Notifier& m_Notifier;

@@ -1,4 +1,4 @@
-#include "sandbox/faults/faultbook.h"
+#include "sandbox/faults/faultregistry.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -16,9 +16,9 @@ bool canHappenTo(Fault const& fault, ExchangeKind kind) {
     return (exchanges & static_cast<unsigned>(kind)) != 0;
 }
 
-FaultBook::Moment endOfRefusal(Fault const& fault) {
+FaultRegistry::Moment refusedUntil(Fault const& fault) {
     if (!fault.m_Seconds) {
-        return FaultBook::Moment::max();
+        return FaultRegistry::Moment::max();
     }
     return Steady::now() +
            std::chrono::duration_cast<Steady::duration>(std::chrono::duration<double>(*fault.m_Seconds));
@@ -26,12 +26,12 @@ FaultBook::Moment endOfRefusal(Fault const& fault) {
 
 }  // namespace
 
-void FaultBook::tellRefusals(RefusalListener listener) {
-    std::lock_guard<std::mutex> const announcing(m_Announcing);
+void FaultRegistry::setRefusalListener(RefusalListener listener) {
+    std::lock_guard<std::mutex> const notifying(m_Notifying);
     m_Listener = std::move(listener);
 }
 
-std::int64_t FaultBook::arm(Fault const& fault) {
+std::int64_t FaultRegistry::arm(Fault const& fault) {
     checkFault(fault);
     std::int64_t id = 0;
     {
@@ -40,16 +40,16 @@ std::int64_t FaultBook::arm(Fault const& fault) {
         armed.m_Id = ++m_LastId;
         armed.m_Fault = fault;
         if (fault.m_Kind == FaultKind::kRefuse) {
-            armed.m_RefusesUntil = endOfRefusal(fault);
+            armed.m_RefusesUntil = refusedUntil(fault);
         }
         m_Armed.push_back(armed);
         id = armed.m_Id;
     }
-    announceRefusals();
+    notifyRefusalListener();
     return id;
 }
 
-bool FaultBook::lift(std::int64_t id) {
+bool FaultRegistry::lift(std::int64_t id) {
     bool found = false;
     {
         std::lock_guard<std::mutex> const lock(m_Mutex);
@@ -60,31 +60,31 @@ bool FaultBook::lift(std::int64_t id) {
             m_Armed.erase(at);
         }
     }
-    announceRefusals();
+    notifyRefusalListener();
     return found;
 }
 
-void FaultBook::liftAll() {
+void FaultRegistry::liftAll() {
     {
         std::lock_guard<std::mutex> const lock(m_Mutex);
         m_Armed.clear();
     }
-    announceRefusals();
+    notifyRefusalListener();
 }
 
-std::vector<ArmedFault> FaultBook::armed() {
+std::vector<ArmedFault> FaultRegistry::armed() {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     forgetPast();
     return m_Armed;
 }
 
-std::optional<Fault> FaultBook::take(ExchangeKind kind, std::string const& order) {
+std::optional<Fault> FaultRegistry::take(ExchangeKind kind, std::string const& order) {
     return takeFirst([kind, &order](Fault const& fault) {
         return canHappenTo(fault, kind) && (fault.m_Order.empty() || fault.m_Order == order);
     });
 }
 
-std::optional<Fault> FaultBook::takeForConnection(bool tls) {
+std::optional<Fault> FaultRegistry::takeForConnection(bool tls) {
     if (!tls) {
         return std::nullopt;
     }
@@ -92,7 +92,7 @@ std::optional<Fault> FaultBook::takeForConnection(bool tls) {
 }
 
 template <class Matches>
-std::optional<Fault> FaultBook::takeFirst(Matches matches) {
+std::optional<Fault> FaultRegistry::takeFirst(Matches matches) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     for (std::size_t at = 0; at < m_Armed.size(); ++at) {
         // A refused connection happens to nobody who is heard of.
@@ -109,7 +109,7 @@ std::optional<Fault> FaultBook::takeFirst(Matches matches) {
     return std::nullopt;
 }
 
-void FaultBook::forgetPast() {
+void FaultRegistry::forgetPast() {
     Moment const now = Steady::now();
     m_Armed.erase(std::remove_if(m_Armed.begin(), m_Armed.end(),
                                  [now](ArmedFault const& armed) {
@@ -118,8 +118,8 @@ void FaultBook::forgetPast() {
                   m_Armed.end());
 }
 
-void FaultBook::announceRefusals() {
-    std::lock_guard<std::mutex> const announcing(m_Announcing);
+void FaultRegistry::notifyRefusalListener() {
+    std::lock_guard<std::mutex> const notifying(m_Notifying);
     Moment connection{};
     Moment proxy{};
     for (ArmedFault const& armed : this->armed()) {

@@ -1,5 +1,5 @@
-#ifndef TALLOWIN_SANDBOX_FAULTS_FAULTBOOK_H
-#define TALLOWIN_SANDBOX_FAULTS_FAULTBOOK_H
+#ifndef TALLOWIN_SANDBOX_FAULTS_FAULTREGISTRY_H
+#define TALLOWIN_SANDBOX_FAULTS_FAULTREGISTRY_H
 
 #include <chrono>
 #include <cstdint>
@@ -22,7 +22,7 @@ struct ArmedFault {
 };
 
 /// The faults that are armed, in memory only: a service begins without. Every member may be called by any thread.
-class FaultBook {
+class FaultRegistry {
 public:
     using Moment = std::chrono::steady_clock::time_point;
 
@@ -31,7 +31,7 @@ public:
     using RefusalListener = std::function<void(ExchangeKind kind, Moment until)>;
 
     /// `listener` is null or called until it is replaced by null.
-    void tellRefusals(RefusalListener listener);
+    void setRefusalListener(RefusalListener listener);
 
     /// Arms `fault` and returns its identifier. Throws HttpError when it cannot happen.
     std::int64_t arm(Fault const& fault);
@@ -54,10 +54,10 @@ private:
     std::optional<Fault> takeFirst(Matches matches);
 
     void forgetPast();
-    void announceRefusals();
+    void notifyRefusalListener();
 
-    std::mutex m_Mutex;       ///< Guards all below.
-    std::mutex m_Announcing;  ///< Held while the listener is told. Taken before m_Mutex.
+    std::mutex m_Mutex;      ///< Guards all below.
+    std::mutex m_Notifying;  ///< Held while the listener is told. Taken before m_Mutex.
     RefusalListener m_Listener;
     std::vector<ArmedFault> m_Armed;
     std::int64_t m_LastId = 0;
@@ -65,4 +65,4 @@ private:
 
 }  // namespace sandbox
 
-#endif  // TALLOWIN_SANDBOX_FAULTS_FAULTBOOK_H
+#endif  // TALLOWIN_SANDBOX_FAULTS_FAULTREGISTRY_H
