@@ -62,15 +62,15 @@ std::string withoutBlanksBetween(std::string const& text) {
 }  // namespace
 
 std::optional<SeenMessage> recallSeen(Services const& services, KnownKey const& key, std::string const& digest) {
-    for (PaymentRecord const& record : services.m_Store.latestPayments(kMostRecalled, kLongestRecalled)) {
-        std::string const page = "/payment?id=" + record.m_Payment.m_Id;
-        if (hasDigest(record.m_Message, digest)) {
-            return SeenMessage{record.m_Message, "the PayInit of the payment " + record.m_Payment.m_Id, page};
+    for (StoredPayment const& stored : services.m_Store.latestPayments(kMostRecalled, kLongestRecalled)) {
+        std::string const page = "/payment?id=" + stored.m_Payment.m_Id;
+        if (hasDigest(stored.m_Message, digest)) {
+            return SeenMessage{stored.m_Message, "the PayInit of the payment " + stored.m_Payment.m_Id, page};
         }
         std::optional<std::string> confirmation =
-            key.ofService() ? findConfirmation(key.m_Id, record.m_Payment, digest) : std::nullopt;
+            key.ofService() ? findConfirmation(key.m_Id, stored.m_Payment, digest) : std::nullopt;
         if (confirmation) {
-            return SeenMessage{std::move(*confirmation), "a confirmation of the payment " + record.m_Payment.m_Id,
+            return SeenMessage{std::move(*confirmation), "a confirmation of the payment " + stored.m_Payment.m_Id,
                                page};
         }
     }

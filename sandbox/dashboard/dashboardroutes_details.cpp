@@ -20,7 +20,7 @@ constexpr int kNotFound = 404;
 
 /// The payment as it is now. Throws HttpError.
 Payment presentPayment(Services const& services, std::string const& id) {
-    std::optional<PaymentRecord> const stored = services.m_Store.paymentById(id);
+    std::optional<StoredPayment> const stored = services.m_Store.paymentById(id);
     if (!stored) {
         throw HttpError("There is no payment '" + id + "'.", kNotFound);
     }

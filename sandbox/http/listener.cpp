@@ -35,7 +35,7 @@ std::string longRequestAnswer() {
     return ownAnswer("413 Payload Too Large", "The request is too long.\n");
 }
 
-/// What was done could not be recorded, which the other side has to know.
+/// The exchange could not be stored, which the client has to know.
 std::string failureAnswer(std::string const& what) {
     return ownAnswer("500 Internal Server Error", "The sandbox failed: " + what + "\n");
 }

@@ -45,9 +45,9 @@ std::string orderData(Payment const& payment, std::string const& customer, Langu
            entry(language[PageText::kPaymentNumber], escapeHtml(payment.m_Id)) + "</dl>\n";
 }
 
-std::string decisionForm(PaymentRecord const& record, Language const& language) {
-    return "<form method=\"post\" action=\"/pay/decision\">\n" + hiddenField("payment", record.m_Payment.m_Id) +
-           hiddenField("key", record.m_FormKey) +
+std::string decisionForm(StoredPayment const& stored, Language const& language) {
+    return "<form method=\"post\" action=\"/pay/decision\">\n" + hiddenField("payment", stored.m_Payment.m_Id) +
+           hiddenField("key", stored.m_FormKey) +
            decisionButton("pay", language[PageText::kPay], " class=\"primary\"") +
            decisionButton("decline", language[PageText::kDecline]) +
            decisionButton("cancel", language[PageText::kCancel]) + "</form>\n";
@@ -55,12 +55,12 @@ std::string decisionForm(PaymentRecord const& record, Language const& language) 
 
 }  // namespace
 
-HttpReply paymentPage(PaymentRecord const& record, std::string const& customer) {
-    Payment const& payment = record.m_Payment;
+HttpReply paymentPage(StoredPayment const& stored, std::string const& customer) {
+    Payment const& payment = stored.m_Payment;
     Language const& language = languageFor(valueOr(payment, "LANGID", ""));
     return htmlPage(200, language[PageText::kTitle],
                     section("order", language[PageText::kOrderHeading], orderData(payment, customer, language)) +
-                        section("decision", language[PageText::kDecisionHeading], decisionForm(record, language)),
+                        section("decision", language[PageText::kDecisionHeading], decisionForm(stored, language)),
                     language);
 }
 

@@ -14,13 +14,13 @@
 namespace sandbox {
 
 /// The page on which the shopper decides, in the language of LANGID.
-HttpReply paymentPage(PaymentRecord const& record, std::string const& customer);
+HttpReply paymentPage(StoredPayment const& stored, std::string const& customer);
 
 /// Tells why a request was turned down, shows the message it held, and says what the merchant can do.
-HttpReply errorPage(int status, std::string const& reason, Exchange const& record);
+HttpReply errorPage(int status, std::string const& reason, Exchange const& exchange);
 
 /// The same for a payment on which nobody can decide any more, with a link to `address` unless that is empty.
-HttpReply decidedPage(int status, PaymentRecord const& record, std::string const& reason, std::string const& address);
+HttpReply decidedPage(int status, StoredPayment const& stored, std::string const& reason, std::string const& address);
 
 /// Tells the outcome of a payment whose merchant gave no link to return to. `signedQuery` is what such a link would
 /// have been given.

@@ -60,21 +60,21 @@ std::string signedSections(std::string const& signedQuery) {
 
 }  // namespace
 
-HttpReply errorPage(int status, std::string const& reason, Exchange const& record) {
-    bool const hasMessage = !record.m_Data.empty();
+HttpReply errorPage(int status, std::string const& reason, Exchange const& exchange) {
+    bool const hasMessage = !exchange.m_Data.empty();
     return htmlPage(status, "The request was turned down",
                     section("reason", "Why", paragraph(reason)) +
                         section("advice", "What the merchant can do", paragraph(adviceFor(status, hasMessage))) +
-                        (hasMessage ? messageSections(record.m_Data) : "") +
-                        (record.m_Signature.empty() ? "" : signatureSection(record.m_Signature)));
+                        (hasMessage ? messageSections(exchange.m_Data) : "") +
+                        (exchange.m_Signature.empty() ? "" : signatureSection(exchange.m_Signature)));
 }
 
-HttpReply decidedPage(int status, PaymentRecord const& record, std::string const& reason, std::string const& address) {
-    bool const tooLate = record.m_Payment.m_State == PaymentState::kExpired;
+HttpReply decidedPage(int status, StoredPayment const& stored, std::string const& reason, std::string const& address) {
+    bool const tooLate = stored.m_Payment.m_State == PaymentState::kExpired;
     std::string const link = "<p><a href=\"" + escapeHtml(address) + "\">Back to the shop</a></p>\n";
     return htmlPage(status, tooLate ? "The payment has expired" : "The payment is decided already",
                     (address.empty() ? "" : link) + section("reason", "Why it cannot be decided", paragraph(reason)) +
-                        messageSections(record.m_Message));
+                        messageSections(stored.m_Message));
 }
 
 HttpReply outcomePage(Payment const& payment, std::string const& signedQuery) {

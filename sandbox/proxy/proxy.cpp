@@ -78,9 +78,9 @@ public:
     ProxyTurn(Services const& services, Connection& connection, std::chrono::milliseconds timeout,
               EndSignal const& ending)
         : m_Services(services), m_Connection(connection), m_Timeout(timeout), m_Ending(ending) {
-        m_Record.m_Kind = ExchangeKind::kProxy;
-        m_Record.m_Time = services.m_Clock.text();
-        m_Record.m_Verdict = "ok";
+        m_Exchange.m_Kind = ExchangeKind::kProxy;
+        m_Exchange.m_Time = services.m_Clock.text();
+        m_Exchange.m_Verdict = "ok";
     }
 
     void serve() {
@@ -102,23 +102,23 @@ public:
 private:
     void answerOrRefuse(std::string text) {
         try {
-            m_Record.m_Request = keptRequest(text.substr(0, text.find('\n')));
+            m_Exchange.m_Request = keptRequest(text.substr(0, text.find('\n')));
             if (text.size() > kLongestRequestLine && text.find('\n') == std::string::npos) {
                 throw HttpError("the request line is too long", kLineTooLong);
             }
             ProxyRequest const request = readProxyRequest(m_Connection, std::move(text));
             m_Begin = Clock::now();
-            m_Record.m_Request = keptRequest(request.m_Line + request.m_Fields + request.m_Ahead);
+            m_Exchange.m_Request = keptRequest(request.m_Line + request.m_Fields + request.m_Ahead);
             request.m_Method == "CONNECT" ? answerConnect(request) : answerPlain(request);
         } catch (HttpError const& error) {
-            m_Record.m_Verdict = error.what();
+            m_Exchange.m_Verdict = error.what();
             answer(textAnswer(error.status(), error.what()));
         }
     }
 
     void answerConnect(ProxyRequest const& request) {
         HostPort const hostPort = parseHostPort(request.m_Target, std::nullopt);
-        m_Record.m_Path = keptText("CONNECT " + hostPort.text());
+        m_Exchange.m_Path = keptText("CONNECT " + hostPort.text());
         if (!failsBefore()) {
             tunnel(hostPort, request);
         }
@@ -126,7 +126,7 @@ private:
 
     void answerPlain(ProxyRequest const& request) {
         HttpAddress const address = parseHttpAddress(request.m_Target);
-        m_Record.m_Path = keptText(request.m_Target.substr(0, request.m_Target.find('?')));
+        m_Exchange.m_Path = keptText(request.m_Target.substr(0, request.m_Target.find('?')));
         if (!failsBefore()) {
             forward(address, request);
         }
@@ -138,11 +138,11 @@ private:
         if (!m_Fault) {
             return false;
         }
-        m_Record.m_Fault = faultText(*m_Fault);
+        m_Exchange.m_Fault = faultText(*m_Fault);
         if (faultRow(m_Fault->m_Kind).m_CarriedOut) {
             return false;
         }
-        m_Record.m_Verdict = "not looked at";
+        m_Exchange.m_Verdict = "not looked at";
         answer(failingAnswer(*m_Fault));
         return true;
     }
@@ -175,7 +175,7 @@ private:
         Flow down(target.get(), m_Fault ? Flow::kNowhere : m_Connection.socket(), "", Flow::AtEnd::kLeave);
         Outcome const outcome = carry(up, down, {answerBy, m_Timeout}, m_Ending);
         std::string const body = up.begin().size() > head.size() ? up.begin().substr(head.size()) : "";
-        m_Record.m_Request = keptRequest(request.m_Line + request.m_Fields + body);
+        m_Exchange.m_Request = keptRequest(request.m_Line + request.m_Fields + body);
         finish(outcome, address.m_HostPort, down.begin());
     }
 
@@ -186,12 +186,12 @@ private:
         if (outcome == Outcome::kComplete && m_Fault) {
             answer(answered);
         } else if (outcome == Outcome::kComplete) {
-            record(answered);
+            storeExchange(answered);
         } else if (lost || m_Answering) {
             // A client that found a mere end would take what it has for all of it.
             m_Connection.reset();
-            m_Record.m_Verdict = lossOf(outcome);
-            record(answered);
+            m_Exchange.m_Verdict = lossOf(outcome);
+            storeExchange(answered);
         } else {
             throw errorFor(outcome, hostPort);
         }
@@ -199,20 +199,20 @@ private:
 
     /// Records the exchange and sends the answer the way the fault wants it.
     void answer(std::string const& text) {
-        record(text);
+        storeExchange(text);
         m_Answering = true;
         deliver(m_Connection, text, m_Fault);
         if (m_Fault) {
             m_Services.m_Store.noteDelivery(
-                m_Record.m_Number,
+                m_Exchange.m_Number,
                 deliveryText({m_Connection.written(), m_Connection.isReset()}, microsecondsSince(m_Begin)));
         }
     }
 
-    void record(std::string const& answer) {
-        m_Record.m_Answer = keptText(answer);
-        m_Record.m_Microseconds = microsecondsSince(m_Begin);
-        m_Record.m_Number = m_Services.m_Store.addExchange(m_Record);
+    void storeExchange(std::string const& answer) {
+        m_Exchange.m_Answer = keptText(answer);
+        m_Exchange.m_Microseconds = microsecondsSince(m_Begin);
+        m_Exchange.m_Number = m_Services.m_Store.addExchange(m_Exchange);
     }
 
     Services const& m_Services;  ///< Borrowed, as is all that has an "&".
@@ -220,7 +220,7 @@ private:
     std::chrono::milliseconds m_Timeout;
     EndSignal const& m_Ending;
     Clock::time_point m_Begin = Clock::now();  ///< When the request was complete.
-    Exchange m_Record;
+    Exchange m_Exchange;
     std::optional<Fault> m_Fault;
     bool m_Answering = false;  ///< Something of the answer has been sent.
 };

@@ -13,7 +13,7 @@ namespace sandbox {
 
 /// An HTTP/1.0 proxy on one port of 127.0.0.1, for merchants that use one. It reaches programs on this machine only:
 /// plain requests with an absolute address, and tunnels (CONNECT). Every connection carries one request; each is
-/// recorded, and the faults of the exchange "proxy" happen to its answer.
+/// stored as an exchange, and the faults of the exchange "proxy" happen to its answer.
 class Proxy {
 public:
     struct Timeouts {

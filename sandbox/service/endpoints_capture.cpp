@@ -22,17 +22,17 @@ struct CaptureRequest {
 Payment namedPayment(CaptureRequest const& request) {
     Message const& message = request.m_Sent.m_Message;
     std::string const token = message.require("TOKEN");
-    std::optional<PaymentRecord> const record =
+    std::optional<StoredPayment> const stored =
         request.m_Services.m_Store.paymentByToken(request.m_Sent.m_Account, token);
-    if (!record) {
+    if (!stored) {
         throw HttpError("there is no payment with the TOKEN '" + token + "'");
     }
     std::optional<std::string> const id = message.find("ID");
-    if (id && *id != record->m_Payment.m_Id) {
+    if (id && *id != stored->m_Payment.m_Id) {
         throw HttpError("ID and TOKEN name different payments: the payment with this TOKEN is '" +
-                        record->m_Payment.m_Id + "', not '" + *id + "'");
+                        stored->m_Payment.m_Id + "', not '" + *id + "'");
     }
-    return record->m_Payment;
+    return stored->m_Payment;
 }
 
 /// An attribute that is repeated must have the value of the order. Throws HttpError.

@@ -72,8 +72,8 @@ void checkLink(Message const& message, char const* name) {
     }
 }
 
-PaymentRecord freshPayment(SignedMessage const& sent) {
-    PaymentRecord fresh;
+StoredPayment freshPayment(SignedMessage const& sent) {
+    StoredPayment fresh;
     fresh.m_Payment.m_Id = "P" + randomHex(kIdBytes);
     fresh.m_Payment.m_Account = sent.m_Account;
     fresh.m_Payment.m_Token = sent.m_Message.require("TOKEN");
@@ -93,15 +93,15 @@ Decision const& namedDecision(std::string const& name) {
 }
 
 /// The payment that a form came from. Throws HttpError.
-PaymentRecord formPayment(Services const& services, Query const& form) {
-    std::optional<PaymentRecord> const record = services.m_Store.paymentById(form.value("payment").value_or(""));
-    if (!record) {
+StoredPayment formPayment(Services const& services, Query const& form) {
+    std::optional<StoredPayment> const stored = services.m_Store.paymentById(form.value("payment").value_or(""));
+    if (!stored) {
         throw HttpError("there is no such payment", kNotFound);
     }
-    if (!equalSecrets(form.value("key").value_or(""), record->m_FormKey)) {
+    if (!equalSecrets(form.value("key").value_or(""), stored->m_FormKey)) {
         throw HttpError("the form did not come from the payment page", kForbidden);
     }
-    return *record;
+    return *stored;
 }
 
 PaymentState presentState(Services const& services, Payment const& payment) {
@@ -153,16 +153,16 @@ std::string reasonToRefuse(Services const& services, Payment const& payment) {
 }
 
 /// The page of a payment on which nobody can decide any more: there is nothing to do but to go back to the shop.
-HttpReply answerDecided(RequestContext const& context, int status, PaymentRecord const& record,
+HttpReply answerDecided(RequestContext const& context, int status, StoredPayment const& stored,
                         std::string const& reason) {
-    Payment const& payment = record.m_Payment;
+    Payment const& payment = stored.m_Payment;
     context.m_Exchange.m_Verdict = reason;
     context.m_Exchange.m_Steps.push_back({"Turned down", reason, false});
     Decision const* made = &kTooLate;
     for (Decision const& decision : kDecisions) {
         made = wasDecided(payment.m_State, decision) ? &decision : made;
     }
-    return decidedPage(status, record, reason, addressAfter(context, payment, *made));
+    return decidedPage(status, stored, reason, addressAfter(context, payment, *made));
 }
 
 }  // namespace
@@ -177,34 +177,34 @@ HttpReply answerPay(RequestContext const& context) {
     for (Decision const& decision : kDecisions) {
         checkLink(sent.m_Message, decision.m_Link);
     }
-    PaymentRecord record = services.m_Store.openPayment(freshPayment(sent), services.m_Clock.text());
-    Payment& payment = record.m_Payment;
+    StoredPayment stored = services.m_Store.openPayment(freshPayment(sent), services.m_Clock.text());
+    Payment& payment = stored.m_Payment;
     payment.m_State = presentState(services, payment);
     if (payment.m_State == PaymentState::kOpened) {
         services.m_Notifier.watch(payment);
     }
-    if (record.m_Message != sent.m_Text) {
+    if (stored.m_Message != sent.m_Text) {
         throw HttpError(usedTokenReason(payment));
     }
     // The same message again is the shopper reloading the page, or one whose way back to the shop was lost.
     if (payment.m_State != PaymentState::kOpened) {
-        return answerDecided(context, kBadRequest, record, reasonToRefuse(services, payment));
+        return answerDecided(context, kBadRequest, stored, reasonToRefuse(services, payment));
     }
-    return paymentPage(record, services.m_Store.customerOf(payment.m_Account));
+    return paymentPage(stored, services.m_Store.customerOf(payment.m_Account));
 }
 
 HttpReply answerDecision(RequestContext const& context) {
     Services const& services = context.m_Services;
     Query const form(context.m_Request.m_Body);
     Decision const& wanted = namedDecision(form.value("decision").value_or(""));
-    PaymentRecord record = formPayment(services, form);
-    Payment& payment = record.m_Payment;
+    StoredPayment stored = formPayment(services, form);
+    Payment& payment = stored.m_Payment;
     context.m_Exchange.m_Steps.push_back({"The form came from the payment page", "payment " + payment.m_Id});
     context.m_Exchange.m_Steps.push_back({"The shopper decided", wanted.m_Name});
     Decision const* const decision = decide(services, payment, wanted);
     if (decision == nullptr) {
         payment.m_State = presentState(services, payment);
-        return answerDecided(context, kConflict, record,
+        return answerDecided(context, kConflict, stored,
                              "the payment is " + std::string(stateName(payment.m_State)) + " already");
     }
     payment.m_State = decision->m_State;

@@ -89,30 +89,30 @@ Asked ask(HttpAddress const& address, std::chrono::milliseconds timeout, EndSign
     return asked;
 }
 
-/// Asks once and records that as `record`.
-Asked askRecorded(Services const& services, HttpAddress const& address, std::chrono::milliseconds timeout,
-                  EndSignal const& ending, Exchange& record) {
-    record.m_Time = services.m_Clock.text();
-    record.m_Request = keptText(requestText(address));
+/// Sends one request and stores it as `exchange`.
+Asked sendLogged(Services const& services, HttpAddress const& address, std::chrono::milliseconds timeout,
+                 EndSignal const& ending, Exchange& exchange) {
+    exchange.m_Time = services.m_Clock.text();
+    exchange.m_Request = keptText(requestText(address));
     Clock::time_point const begin = Clock::now();
     Asked asked = ask(address, timeout, ending);
-    record.m_Microseconds = microsecondsSince(begin);
-    record.m_Answer = keptText(asked.m_Answer);
-    record.m_Verdict = asked.m_Verdict;
-    services.m_Store.addExchange(record);
+    exchange.m_Microseconds = microsecondsSince(begin);
+    exchange.m_Answer = keptText(asked.m_Answer);
+    exchange.m_Verdict = asked.m_Verdict;
+    services.m_Store.addExchange(exchange);
     return asked;
 }
 
-Exchange recordOf(Notification const& notification, std::string const& order, std::string const& query,
-                  std::optional<Fault> const& fault) {
-    Exchange record;
-    record.m_Kind = ExchangeKind::kNotification;
-    record.m_Order = order;
-    record.m_Path = notification.m_Address.substr(0, notification.m_Address.find_first_of("?#"));
-    record.m_Data = Query(query).value("DATA").value();
-    record.m_Signature = Query(query).value("SIGNATURE").value();
-    record.m_Fault = fault ? faultText(*fault) : "";
-    return record;
+Exchange exchangeOf(Notification const& notification, std::string const& order, std::string const& query,
+                    std::optional<Fault> const& fault) {
+    Exchange exchange;
+    exchange.m_Kind = ExchangeKind::kNotification;
+    exchange.m_Order = order;
+    exchange.m_Path = notification.m_Address.substr(0, notification.m_Address.find_first_of("?#"));
+    exchange.m_Data = Query(query).value("DATA").value();
+    exchange.m_Signature = Query(query).value("SIGNATURE").value();
+    exchange.m_Fault = fault ? faultText(*fault) : "";
+    return exchange;
 }
 
 Clock::duration delayOf(Fault const& fault) {
@@ -316,23 +316,23 @@ bool Notifier::send(Pending& pending) {
         }
     }
     std::string const query = signedConfirmation(m_Services, payment, notification.m_Result, fault);
-    Exchange record = recordOf(notification, order, query, fault);
+    Exchange exchange = exchangeOf(notification, order, query, fault);
     if (fault && fault->m_Kind == FaultKind::kDrop) {
-        record.m_Time = m_Services.m_Clock.text();
-        record.m_Verdict = "not sent";
-        m_Services.m_Store.addExchange(record);
-        return settle(notification, "not sent: the fault " + record.m_Fault + " happened");
+        exchange.m_Time = m_Services.m_Clock.text();
+        exchange.m_Verdict = "not sent";
+        m_Services.m_Store.addExchange(exchange);
+        return settle(notification, "not sent: the fault " + exchange.m_Fault + " happened");
     }
-    return attempt(pending, query, record, fault && fault->m_Kind == FaultKind::kTwice);
+    return attempt(pending, query, exchange, fault && fault->m_Kind == FaultKind::kTwice);
 }
 
 /// False when it is settled.
-bool Notifier::attempt(Pending& pending, std::string const& query, Exchange& record, bool twice) {
+bool Notifier::attempt(Pending& pending, std::string const& query, Exchange& exchange, bool twice) {
     Notification& notification = pending.m_Notification;
     HttpAddress const address = parseHttpAddress(extendLink(notification.m_Address, query));
-    Asked best = askRecorded(m_Services, address, m_Timeouts.m_Response, m_Ending, record);
+    Asked best = sendLogged(m_Services, address, m_Timeouts.m_Response, m_Ending, exchange);
     if (twice) {
-        Asked const second = askRecorded(m_Services, address, m_Timeouts.m_Response, m_Ending, record);
+        Asked const second = sendLogged(m_Services, address, m_Timeouts.m_Response, m_Ending, exchange);
         best = best.good() ? best : second;
     }
     if (!best.good() && m_Ending.raised()) {

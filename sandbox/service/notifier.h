@@ -23,8 +23,8 @@ namespace sandbox {
 
 /// Sends the notifications that are pending in the store, on threads of its own: those it finds at the start and those
 /// that are added later. A merchant who does not answer with a status of 200 to 299 is asked again. Only http addresses
-/// on this machine are contacted. Every attempt is recorded; a notification is pending in the store until it is
-/// settled.
+/// on this machine are contacted. Every attempt is stored as an exchange; a notification is pending in the store until
+/// it is settled.
 ///
 /// What goes to one host and port is sent one after the other, and of one payment the oldest notification first. What
 /// goes elsewhere does not wait for it, as long as one of the kSenders threads is free.
@@ -95,7 +95,7 @@ private:
     void runSender();
     bool sendOnce(Pending& pending);
     bool send(Pending& pending);
-    bool attempt(Pending& pending, std::string const& query, Exchange& record, bool twice);
+    bool attempt(Pending& pending, std::string const& query, Exchange& exchange, bool twice);
     bool settle(Notification& notification, std::string const& outcome);
     void keep(Notification& notification, std::string const& outcome);
 

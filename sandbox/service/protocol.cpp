@@ -80,21 +80,21 @@ std::string orderOf(Services const& services, Message const& message) {
 
 /// Notes what the request is about, from what it says of itself. What cannot be read stays unnoted: telling what is
 /// wrong with the request comes later.
-void identify(Services const& services, Endpoint const& endpoint, HttpRequest const& request, Exchange& record) {
-    record.m_Kind = endpoint.m_Answer == answerPay ? ExchangeKind::kPage : ExchangeKind::kOther;
+void identify(Services const& services, Endpoint const& endpoint, HttpRequest const& request, Exchange& exchange) {
+    exchange.m_Kind = endpoint.m_Answer == answerPay ? ExchangeKind::kPage : ExchangeKind::kOther;
     if (endpoint.m_Answer == answerDecision) {
-        record.m_Kind = ExchangeKind::kDecision;
+        exchange.m_Kind = ExchangeKind::kDecision;
     }
     try {
-        if (record.m_Kind == ExchangeKind::kDecision) {
+        if (exchange.m_Kind == ExchangeKind::kDecision) {
             auto const payment = services.m_Store.paymentById(Query(request.m_Body).value("payment").value_or(""));
-            record.m_Order = payment ? payment->m_Payment.attribute("ORDERID").value_or("") : "";
+            exchange.m_Order = payment ? payment->m_Payment.attribute("ORDERID").value_or("") : "";
             return;
         }
-        record.m_Data = Query(request.m_Query).value("DATA").value_or("");
-        Message const message = Message::parse(record.m_Data);
-        record.m_Kind = kindOf(endpoint, message);
-        record.m_Order = message.find("ORDERID").value_or(orderOf(services, message));
+        exchange.m_Data = Query(request.m_Query).value("DATA").value_or("");
+        Message const message = Message::parse(exchange.m_Data);
+        exchange.m_Kind = kindOf(endpoint, message);
+        exchange.m_Order = message.find("ORDERID").value_or(orderOf(services, message));
     } catch (HttpError const&) {
     }
 }
@@ -117,9 +117,9 @@ HttpReply otherMethodReply(Endpoint const& endpoint) {
     return reply;
 }
 
-HttpReply errorReplyTo(Endpoint const& endpoint, HttpError const& error, Exchange const& record) {
+HttpReply errorReplyTo(Endpoint const& endpoint, HttpError const& error, Exchange const& exchange) {
     if (endpoint.m_ErrorForm == ErrorForm::kPage) {
-        return errorPage(error.status(), error.what(), record);
+        return errorPage(error.status(), error.what(), exchange);
     }
     return messageReply(errorMessage(error.what()));
 }
@@ -152,9 +152,9 @@ HttpReply carryOut(Endpoint const& endpoint, RequestContext const& context) {
 }
 
 /// Adds an exchange when it has ended.
-class Record : public ExchangeLog {
+class StoredExchangeLog : public ExchangeLog {
 public:
-    Record(Store& store, Exchange exchange, std::int64_t begun, std::chrono::steady_clock::time_point begin)
+    StoredExchangeLog(Store& store, Exchange exchange, std::int64_t begun, std::chrono::steady_clock::time_point begin)
         : m_Store(store), m_Exchange(std::move(exchange)), m_Begun(begun), m_Begin(begin) {}
 
     void answered(std::string const& answer) override {
@@ -190,24 +190,25 @@ HttpReply answerIdentified(Endpoint const& endpoint, RequestContext const& conte
     }
 }
 
-HttpReply answerRecorded(Services const& services, Endpoint const& endpoint, HttpRequest const& request) {
+HttpReply answerLogged(Services const& services, Endpoint const& endpoint, HttpRequest const& request) {
     auto const begin = std::chrono::steady_clock::now();
-    Exchange record;
-    record.m_Time = services.m_Clock.text();
-    record.m_Path = request.m_Path;
-    record.m_Verdict = "ok";
-    record.m_Request = keptRequest(request.m_Raw);
-    identify(services, endpoint, request, record);
-    std::int64_t const begun = services.m_Store.beginExchange(record);
+    Exchange exchange;
+    exchange.m_Time = services.m_Clock.text();
+    exchange.m_Path = request.m_Path;
+    exchange.m_Verdict = "ok";
+    exchange.m_Request = keptRequest(request.m_Raw);
+    identify(services, endpoint, request, exchange);
+    std::int64_t const begun = services.m_Store.beginExchange(exchange);
     // The control port has no faults, and uses none up.
     bool const mayFail = request.m_BaseUrl != services.m_Addresses.m_Control;
-    std::optional<Fault> const fault = mayFail ? services.m_Faults.take(record.m_Kind, record.m_Order) : std::nullopt;
-    HttpReply reply = answerIdentified(endpoint, {services, request, record, fault});
+    std::optional<Fault> const fault =
+        mayFail ? services.m_Faults.take(exchange.m_Kind, exchange.m_Order) : std::nullopt;
+    HttpReply reply = answerIdentified(endpoint, {services, request, exchange, fault});
     if (fault) {
-        record.m_Fault = faultText(*fault);
+        exchange.m_Fault = faultText(*fault);
         reply.m_Fault = fault;
     }
-    reply.m_Log = std::make_shared<Record>(services.m_Store, std::move(record), begun, begin);
+    reply.m_Log = std::make_shared<StoredExchangeLog>(services.m_Store, std::move(exchange), begun, begin);
     return reply;
 }
 
@@ -216,7 +217,7 @@ HttpReply answerRecorded(Services const& services, Endpoint const& endpoint, Htt
 std::optional<HttpReply> answerProtocol(Services const& services, HttpRequest const& request) {
     for (Endpoint const& endpoint : kEndpoints) {
         if (request.m_Path == endpoint.m_Path) {
-            return request.m_Method == endpoint.m_Method ? answerRecorded(services, endpoint, request)
+            return request.m_Method == endpoint.m_Method ? answerLogged(services, endpoint, request)
                                                          : otherMethodReply(endpoint);
         }
     }

@@ -10,7 +10,7 @@
 
 namespace sandbox {
 
-/// Answers a request to one of the addresses of the protocol, lets the fault that is armed for it happen, and records
+/// Answers a request to one of the addresses of the protocol, lets the fault that is armed for it happen, and stores
 /// the exchange. Nothing when the address is none of them.
 std::optional<HttpReply> answerProtocol(Services const& services, HttpRequest const& request);
 

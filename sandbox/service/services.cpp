@@ -12,29 +12,29 @@ namespace sandbox {
 namespace {
 
 /// The bytes of the signature. Throws HttpError.
-std::string takeSignature(Query const& query, Exchange& record) {
+std::string takeSignature(Query const& query, Exchange& exchange) {
     std::optional<std::string> const text = query.value("SIGNATURE");
     if (!text || text->empty()) {
         throw HttpError("SIGNATURE is missing");
     }
-    record.m_Signature = *text;
+    exchange.m_Signature = *text;
     std::optional<std::string> bytes = fromHex(*text);
     if (!bytes) {
         throw HttpError("SIGNATURE is not lower-case hexadecimal");
     }
-    record.m_Steps.push_back({"SIGNATURE is hexadecimal", std::to_string(bytes->size()) + " bytes"});
+    exchange.m_Steps.push_back({"SIGNATURE is hexadecimal", std::to_string(bytes->size()) + " bytes"});
     return *bytes;
 }
 
 /// Throws HttpError, and tells what is wrong as far as that can be found out.
 void checkSignature(std::string const& keyId, std::string const& blob, std::string const& text,
-                    std::string const& signature, Exchange& record) {
+                    std::string const& signature, Exchange& exchange) {
     KeyHolder const key = readPublicKeyBlob(blob);
     std::optional<std::string> const held = signedDigest(key.get(), signature);
     std::string const expected = digestOf(text, Widening::kZero);
     bool const good = held == expected;
-    record.m_Steps.push_back({"Digest of DATA, each byte zero-extended to two", toHex(expected)});
-    record.m_Steps.push_back({"Digest that SIGNATURE holds", held ? toHex(*held) : "none under this key", good});
+    exchange.m_Steps.push_back({"Digest of DATA, each byte zero-extended to two", toHex(expected)});
+    exchange.m_Steps.push_back({"Digest that SIGNATURE holds", held ? toHex(*held) : "none under this key", good});
     if (good) {
         return;
     }

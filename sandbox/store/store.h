@@ -35,7 +35,7 @@ struct PublishedKey {
 };
 
 /// A payment with what only the service knows of it.
-struct PaymentRecord {
+struct StoredPayment {
     Payment m_Payment;
     std::string m_FormKey;  ///< Must come back with the shopper's decision.
     std::string m_Message;  ///< The PayInit as it came.
@@ -74,9 +74,9 @@ public:
     [[nodiscard]] std::vector<PublishedKey> merchantKeys();
 
     /// Adds `fresh` unless its account already has a payment with its token. Returns whichever is then stored.
-    PaymentRecord openPayment(PaymentRecord const& fresh, std::string const& time);
-    [[nodiscard]] std::optional<PaymentRecord> paymentById(std::string const& id);
-    [[nodiscard]] std::optional<PaymentRecord> paymentByToken(std::string const& account, std::string const& token);
+    StoredPayment openPayment(StoredPayment const& fresh, std::string const& time);
+    [[nodiscard]] std::optional<StoredPayment> paymentById(std::string const& id);
+    [[nodiscard]] std::optional<StoredPayment> paymentByToken(std::string const& account, std::string const& token);
 
     /// The ORDERID of the payment with this token; empty when there is none.
     [[nodiscard]] std::string orderOfToken(std::string const& account, std::string const& token);
@@ -85,7 +85,7 @@ public:
     [[nodiscard]] std::vector<Payment> payments(std::optional<PaymentState> state = std::nullopt);
 
     /// Of the payments the newest `count`, newest first, without those whose message has more than `longest` bytes.
-    [[nodiscard]] std::vector<PaymentRecord> latestPayments(std::int64_t count, std::int64_t longest);
+    [[nodiscard]] std::vector<StoredPayment> latestPayments(std::int64_t count, std::int64_t longest);
 
     /// Leads the payment from one of the states `from` to `step.state`, adds `step` to its history and the notification
     /// to those that are to be sent. False, with nothing changed, when it is in none of them: of two callers at the
@@ -123,8 +123,8 @@ public:
                                                                                std::int64_t longest);
 
 private:
-    std::optional<PaymentRecord> findPayment(Statement& row);
-    void insertPayment(PaymentRecord const& fresh, std::string const& time);
+    std::optional<StoredPayment> findPayment(Statement& row);
+    void insertPayment(StoredPayment const& fresh, std::string const& time);
     void addHistory(std::string const& id, HistoryEntry const& step);
     void addNotification(Notification const& notification);
 

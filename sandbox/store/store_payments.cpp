@@ -15,12 +15,12 @@ constexpr char kByToken[] =
 
 }  // namespace
 
-PaymentRecord Store::openPayment(PaymentRecord const& fresh, std::string const& time) {
+StoredPayment Store::openPayment(StoredPayment const& fresh, std::string const& time) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Transaction transaction(m_Database);
     Statement row = m_Database.prepare(kByToken);
     row.text(fresh.m_Payment.m_Account).text(fresh.m_Payment.m_Token);
-    if (std::optional<PaymentRecord> stored = findPayment(row)) {
+    if (std::optional<StoredPayment> stored = findPayment(row)) {
         return *stored;
     }
     insertPayment(fresh, time);
@@ -28,14 +28,14 @@ PaymentRecord Store::openPayment(PaymentRecord const& fresh, std::string const& 
     return fresh;
 }
 
-std::optional<PaymentRecord> Store::paymentById(std::string const& id) {
+std::optional<StoredPayment> Store::paymentById(std::string const& id) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Statement row = m_Database.prepare(kById);
     row.text(id);
     return findPayment(row);
 }
 
-std::optional<PaymentRecord> Store::paymentByToken(std::string const& account, std::string const& token) {
+std::optional<StoredPayment> Store::paymentByToken(std::string const& account, std::string const& token) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Statement row = m_Database.prepare(kByToken);
     row.text(account).text(token);
@@ -50,21 +50,21 @@ std::vector<Payment> Store::payments(std::optional<PaymentState> state) {
     while (identifiers.step()) {
         Statement row = m_Database.prepare(kById);
         row.text(identifiers.column(0));
-        std::optional<PaymentRecord> const record = findPayment(row);
-        if (record) {
-            found.push_back(record->m_Payment);
+        std::optional<StoredPayment> const stored = findPayment(row);
+        if (stored) {
+            found.push_back(stored->m_Payment);
         }
     }
     return found;
 }
 
-std::vector<PaymentRecord> Store::latestPayments(std::int64_t count, std::int64_t longest) {
+std::vector<StoredPayment> Store::latestPayments(std::int64_t count, std::int64_t longest) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Statement identifiers = m_Database.prepare(
         "SELECT id FROM (SELECT number, id, message FROM payments ORDER BY number DESC LIMIT ?) "
         "WHERE length(message) <= ? ORDER BY number DESC");
     identifiers.number(count).number(longest);
-    std::vector<PaymentRecord> found;
+    std::vector<StoredPayment> found;
     while (identifiers.step()) {
         Statement row = m_Database.prepare(kById);
         row.text(identifiers.column(0));
@@ -129,18 +129,18 @@ void Store::updateNotification(Notification const& notification) {
         .step();
 }
 
-std::optional<PaymentRecord> Store::findPayment(Statement& row) {
+std::optional<StoredPayment> Store::findPayment(Statement& row) {
     if (!row.step()) {
         return std::nullopt;
     }
-    PaymentRecord record;
-    Payment& payment = record.m_Payment;
+    StoredPayment stored;
+    Payment& payment = stored.m_Payment;
     payment.m_Id = row.column(0);
     payment.m_Account = row.column(1);
     payment.m_Token = row.column(2);
     payment.m_State = stateFromName(row.column(3));
-    record.m_FormKey = row.column(4);
-    record.m_Message = row.column(5);
+    stored.m_FormKey = row.column(4);
+    stored.m_Message = row.column(5);
     Statement attributes =
         m_Database.prepare("SELECT name, value FROM payment_attributes WHERE payment = ? ORDER BY position");
     attributes.text(payment.m_Id);
@@ -152,10 +152,10 @@ std::optional<PaymentRecord> Store::findPayment(Statement& row) {
     while (history.step()) {
         payment.m_History.push_back({history.column(0), stateFromName(history.column(1)), history.column(2)});
     }
-    return record;
+    return stored;
 }
 
-void Store::insertPayment(PaymentRecord const& fresh, std::string const& time) {
+void Store::insertPayment(StoredPayment const& fresh, std::string const& time) {
     Payment const& payment = fresh.m_Payment;
     m_Database.prepare("INSERT INTO payments (id, account, token, state, form_key, message) VALUES (?, ?, ?, ?, ?, ?)")
         .text(payment.m_Id)

@@ -21,7 +21,7 @@ using sandbox::FaultRegistry;
 using sandbox::parseFault;
 using Clock = std::chrono::steady_clock;
 
-/// The text of what the book takes for an exchange; "none" without.
+/// The text of what the registry takes for an exchange; "none" without.
 std::string take(FaultRegistry& registry, ExchangeKind kind, std::string const& order = "") {
     std::optional<Fault> const fault = registry.take(kind, order);
     return fault ? sandbox::faultText(*fault) : "none";

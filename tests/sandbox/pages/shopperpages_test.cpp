@@ -32,15 +32,15 @@ std::string const kNasty(kNastyBytes, sizeof kNastyBytes - 1);
 std::string const kNastyShown =
     "</dd><script>alert(\"1\")</script>&amp;'\u2400\u241B\u2421\u00E9\uFFFD\u00E9\u00E2\uFFFD]]>-->";
 
-sandbox::PaymentRecord sampleRecord(sandbox::Attributes attributes) {
-    sandbox::PaymentRecord record;
-    record.m_Payment.m_Id = "P0123456789abcdef";
-    record.m_Payment.m_Account = "demo";
-    record.m_Payment.m_Token = "t1";
-    record.m_Payment.m_Attributes = std::move(attributes);
-    record.m_Payment.m_History = {{"2024-01-31T23:59:07Z", sandbox::PaymentState::kOpened, ""}};
-    record.m_FormKey = "00112233445566778899aabbccddeeff";
-    return record;
+sandbox::StoredPayment samplePayment(sandbox::Attributes attributes) {
+    sandbox::StoredPayment stored;
+    stored.m_Payment.m_Id = "P0123456789abcdef";
+    stored.m_Payment.m_Account = "demo";
+    stored.m_Payment.m_Token = "t1";
+    stored.m_Payment.m_Attributes = std::move(attributes);
+    stored.m_Payment.m_History = {{"2024-01-31T23:59:07Z", sandbox::PaymentState::kOpened, ""}};
+    stored.m_FormKey = "00112233445566778899aabbccddeeff";
+    return stored;
 }
 
 sandbox::Attributes sampleOrder(std::string const& langId = "") {
@@ -49,7 +49,7 @@ sandbox::Attributes sampleOrder(std::string const& langId = "") {
 }
 
 PageReader paymentPageOf(sandbox::Attributes const& attributes) {
-    return PageReader(sandbox::paymentPage(sampleRecord(attributes), "1001").m_Body);
+    return PageReader(sandbox::paymentPage(samplePayment(attributes), "1001").m_Body);
 }
 
 sandbox::Exchange sampleExchange(std::string const& data, std::string const& signature) {
@@ -69,18 +69,18 @@ constexpr char kMessage[] = R"(<KVX MSGTYPE="PayConfirm" ORDERID="A &amp; B" RES
 
 /// Every page in every form it takes, named.
 std::vector<std::pair<std::string, sandbox::HttpReply>> allPages() {
-    sandbox::Payment const payment = sampleRecord(sampleOrder()).m_Payment;
-    sandbox::PaymentRecord nasty = sampleRecord({{"ORDERID", kNasty},
-                                                 {"AMOUNT", kNasty},
-                                                 {"CURRENCY", kNasty},
-                                                 {"DESCRIPTION", kNasty},
-                                                 {"EXPIRATION", kNasty},
-                                                 {"LANGID", kNasty}});
+    sandbox::Payment const payment = samplePayment(sampleOrder()).m_Payment;
+    sandbox::StoredPayment nasty = samplePayment({{"ORDERID", kNasty},
+                                                  {"AMOUNT", kNasty},
+                                                  {"CURRENCY", kNasty},
+                                                  {"DESCRIPTION", kNasty},
+                                                  {"EXPIRATION", kNasty},
+                                                  {"LANGID", kNasty}});
     nasty.m_Payment.m_Id = nasty.m_Payment.m_Account = nasty.m_FormKey = kNasty;
     std::string const signedQuery = "DATA=" + encode(kMessage) + "&SIGNATURE=00ff";
     std::string const nastyQuery = "DATA=" + encode(kNasty) + "&SIGNATURE=" + encode(kNasty);
     std::vector<std::pair<std::string, sandbox::HttpReply>> pages = {
-        {"payment without anything", sandbox::paymentPage(sampleRecord({}), "")},
+        {"payment without anything", sandbox::paymentPage(samplePayment({}), "")},
         {"payment, nasty", sandbox::paymentPage(nasty, kNasty)},
         {"error without a message", sandbox::errorPage(404, "there is no such payment", {})},
         {"error", sandbox::errorPage(400, "SIGNATURE is missing", sampleExchange(kMessage, ""))},
@@ -95,7 +95,7 @@ std::vector<std::pair<std::string, sandbox::HttpReply>> allPages() {
         {"returned, unreadable", returnedWith("DATA=%zz")}};
     for (sandbox::Language const& language : sandbox::allLanguages()) {
         pages.emplace_back(std::string("payment in ") + language.m_Tag,
-                           sandbox::paymentPage(sampleRecord(sampleOrder(language.m_Tag)), "1001"));
+                           sandbox::paymentPage(samplePayment(sampleOrder(language.m_Tag)), "1001"));
     }
     return pages;
 }
@@ -522,7 +522,7 @@ TEST(ErrorPage, AdvisesByStatusAndMessage) {
 }
 
 TEST(OutcomePage, ShowsTheMessageAndItsRawForms) {
-    sandbox::Payment payment = sampleRecord(sampleOrder()).m_Payment;
+    sandbox::Payment payment = samplePayment(sampleOrder()).m_Payment;
     payment.m_State = sandbox::PaymentState::kAuthorised;
     std::string const query = "DATA=" + encode(kMessage) + "&SIGNATURE=00ff";
     sandbox::HttpReply const reply = sandbox::outcomePage(payment, query);

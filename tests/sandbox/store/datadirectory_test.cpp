@@ -86,11 +86,11 @@ TEST(Store, LetsOneOfTwoCallersAdvanceAPayment) {
     TemporaryDirectory const temporary;
     Store store(temporary.path() + "/sandbox.db");
     store.putAccount("u", "p");
-    PaymentRecord record;
-    record.m_Payment.m_Id = "P1";
-    record.m_Payment.m_Account = "u";
-    record.m_Payment.m_Token = "t";
-    store.openPayment(record, "now");
+    StoredPayment stored;
+    stored.m_Payment.m_Id = "P1";
+    stored.m_Payment.m_Account = "u";
+    stored.m_Payment.m_Token = "t";
+    store.openPayment(stored, "now");
     HistoryEntry const step{"later", PaymentState::kAuthorised, "note"};
     EXPECT_TRUE(store.advance("P1", {PaymentState::kOpened}, step));
     EXPECT_FALSE(store.advance("P1", {PaymentState::kOpened}, step));
@@ -101,16 +101,16 @@ TEST(Store, LetsOneOfTwoCallersAdvanceAPayment) {
 TEST(Store, KeepsTokensOfAccountsApart) {
     TemporaryDirectory const temporary;
     Store store(temporary.path() + "/sandbox.db");
-    PaymentRecord record;
-    record.m_Payment.m_Token = "t";
+    StoredPayment stored;
+    stored.m_Payment.m_Token = "t";
     for (char const* user : {"one", "two"}) {
         store.putAccount(user, "p");
-        record.m_Payment.m_Id = std::string("P-") + user;
-        record.m_Payment.m_Account = user;
-        EXPECT_EQ(store.openPayment(record, "now").m_Payment.m_Id, record.m_Payment.m_Id);
+        stored.m_Payment.m_Id = std::string("P-") + user;
+        stored.m_Payment.m_Account = user;
+        EXPECT_EQ(store.openPayment(stored, "now").m_Payment.m_Id, stored.m_Payment.m_Id);
     }
-    record.m_Payment.m_Id = "P-three";
-    EXPECT_EQ(store.openPayment(record, "now").m_Payment.m_Id, "P-two");
+    stored.m_Payment.m_Id = "P-three";
+    EXPECT_EQ(store.openPayment(stored, "now").m_Payment.m_Id, "P-two");
     EXPECT_EQ(store.customerOf("one"), "1001");
     EXPECT_EQ(store.customerOf("two"), "1002");
 }
