@@ -73,10 +73,10 @@ char const* lossOf(Outcome outcome) {
 }
 
 /// One request while it is served.
-class ProxyTurn {
+class ProxySession {
 public:
-    ProxyTurn(Services const& services, Connection& connection, std::chrono::milliseconds timeout,
-              EndSignal const& ending)
+    ProxySession(Services const& services, Connection& connection, std::chrono::milliseconds timeout,
+                 EndSignal const& ending)
         : m_Services(services), m_Connection(connection), m_Timeout(timeout), m_Ending(ending) {
         m_Exchange.m_Kind = ExchangeKind::kProxy;
         m_Exchange.m_Time = services.m_Clock.text();
@@ -252,7 +252,7 @@ void Proxy::stop() {
 
 void Proxy::serve(int socket) {
     Connection connection(socket, nullptr, m_Acceptor.ending(), m_Timeouts.m_Request);
-    ProxyTurn(m_Services, connection, m_Timeouts.m_Response, m_Acceptor.ending()).serve();
+    ProxySession(m_Services, connection, m_Timeouts.m_Response, m_Acceptor.ending()).serve();
 }
 
 }  // namespace sandbox

@@ -26,7 +26,7 @@ constexpr int kFirstGood = 200;
 constexpr int kFirstOther = 300;
 
 /// Why nothing can be sent to `address`; nothing when it can.
-std::optional<std::string> obstacle(std::string const& address) {
+std::optional<std::string> whyUnreachable(std::string const& address) {
     if (address.find('@') != std::string::npos && address.find("://") == std::string::npos) {
         return "it would be mailed to " + address;
     }
@@ -39,7 +39,7 @@ std::optional<std::string> obstacle(std::string const& address) {
 }
 
 /// What is wrong with an answer that has no status.
-std::string lackOf(Outcome outcome, std::string const& answer) {
+std::string whyNoStatus(Outcome outcome, std::string const& answer) {
     switch (outcome) {
         case Outcome::kTargetLost:
             return "the merchant reset the connection";
@@ -59,7 +59,7 @@ std::string requestText(HttpAddress const& address) {
 }
 
 /// What came of one request to a merchant.
-struct Asked {
+struct Attempt {
     std::string m_Answer = {};
     std::optional<int> m_Status = {};
     std::string m_Verdict = {};  ///< "ok", or what is wrong.
@@ -67,40 +67,40 @@ struct Asked {
     [[nodiscard]] bool good() const { return m_Verdict == "ok"; }
 };
 
-Asked ask(HttpAddress const& address, std::chrono::milliseconds timeout, EndSignal const& ending) {
+Attempt sendRequest(HttpAddress const& address, std::chrono::milliseconds timeout, EndSignal const& ending) {
     Clock::time_point const deadline = Clock::now() + timeout;
-    Asked asked;
+    Attempt attempt;
     try {
         LocalSocket const socket(address.m_HostPort, deadline, ending);
         Flow up(Flow::kNowhere, socket.get(), requestText(address), Flow::AtEnd::kLeave);
         Flow down(socket.get(), Flow::kNowhere, "", Flow::AtEnd::kLeave);
         down.endWhen(isWholeAnswer);
         Outcome const outcome = carry(up, down, {deadline, timeout}, ending);
-        asked.m_Answer = down.begin();
-        asked.m_Status = statusOfAnswer(asked.m_Answer);
-        asked.m_Verdict = asked.m_Status ? "the merchant answered " + std::to_string(*asked.m_Status)
-                                         : lackOf(outcome, asked.m_Answer);
+        attempt.m_Answer = down.begin();
+        attempt.m_Status = statusOfAnswer(attempt.m_Answer);
+        attempt.m_Verdict = attempt.m_Status ? "the merchant answered " + std::to_string(*attempt.m_Status)
+                                             : whyNoStatus(outcome, attempt.m_Answer);
     } catch (HttpError const& error) {
-        asked.m_Verdict = error.what();
+        attempt.m_Verdict = error.what();
     }
-    if (asked.m_Status && *asked.m_Status >= kFirstGood && *asked.m_Status < kFirstOther) {
-        asked.m_Verdict = "ok";
+    if (attempt.m_Status && *attempt.m_Status >= kFirstGood && *attempt.m_Status < kFirstOther) {
+        attempt.m_Verdict = "ok";
     }
-    return asked;
+    return attempt;
 }
 
 /// Sends one request and stores it as `exchange`.
-Asked sendLogged(Services const& services, HttpAddress const& address, std::chrono::milliseconds timeout,
-                 EndSignal const& ending, Exchange& exchange) {
+Attempt sendLogged(Services const& services, HttpAddress const& address, std::chrono::milliseconds timeout,
+                   EndSignal const& ending, Exchange& exchange) {
     exchange.m_Time = services.m_Clock.text();
     exchange.m_Request = keptText(requestText(address));
     Clock::time_point const begin = Clock::now();
-    Asked asked = ask(address, timeout, ending);
+    Attempt attempt = sendRequest(address, timeout, ending);
     exchange.m_Microseconds = microsecondsSince(begin);
-    exchange.m_Answer = keptText(asked.m_Answer);
-    exchange.m_Verdict = asked.m_Verdict;
+    exchange.m_Answer = keptText(attempt.m_Answer);
+    exchange.m_Verdict = attempt.m_Verdict;
     services.m_Store.addExchange(exchange);
-    return asked;
+    return attempt;
 }
 
 Exchange exchangeOf(Notification const& notification, std::string const& order, std::string const& query,
@@ -120,7 +120,7 @@ Clock::duration delayOf(Fault const& fault) {
 }
 
 /// What an address shares with those that must wait for one another. Nothing is sent to an address that cannot be read.
-std::string laneOf(std::string const& address) {
+std::string queueName(std::string const& address) {
     try {
         return parseHttpAddress(address).m_HostPort.text();
     } catch (HttpError const&) {
@@ -161,8 +161,8 @@ void Notifier::start() {
     }
     SignalsBlocked const blocked;
     m_Threads.emplace_back([this] { run(); });
-    while (m_Threads.size() <= kSenders) {
-        m_Threads.emplace_back([this] { runSender(); });
+    while (m_Threads.size() <= kWorkers) {
+        m_Threads.emplace_back([this] { runWorker(); });
     }
 }
 
@@ -186,7 +186,7 @@ void Notifier::stop() {
         std::lock_guard<std::mutex> const lock(m_Mutex);
         m_Stopping = true;
         m_Changed.notify_one();
-        m_Assigned.notify_all();
+        m_JobAdded.notify_all();
     }
     for (std::thread& thread : m_Threads) {
         thread.join();
@@ -199,17 +199,17 @@ void Notifier::run() {
     while (!m_Stopping) {
         m_Woken = false;
         lock.unlock();
-        Clock::time_point const nextLook = look();
+        Clock::time_point const nextPoll = poll();
         lock.lock();
-        Clock::time_point const next = std::min(nextLook, assignDue());
+        Clock::time_point const next = std::min(nextPoll, queueDueJobs());
         m_Changed.wait_until(lock, next, [this] { return m_Stopping || m_Woken; });
     }
 }
 
 /// Finds what has come about. Returns when to do that again.
-Notifier::Clock::time_point Notifier::look() {
+Notifier::Clock::time_point Notifier::poll() {
     try {
-        takeAdded();
+        loadNew();
         expireOverdue();
     } catch (std::exception const&) {
         // The store failed, so this can be told nowhere.
@@ -233,53 +233,53 @@ void Notifier::expireOverdue() {
     }
 }
 
-void Notifier::takeAdded() {
+void Notifier::loadNew() {
     for (Notification const& notification : m_Services.m_Store.notifications(m_LastTaken)) {
         if (notification.m_Pending) {
             std::lock_guard<std::mutex> const lock(m_Mutex);
-            m_Lanes[laneOf(notification.m_Address)].m_Waiting[notification.m_Number].m_Notification = notification;
+            m_Queues[queueName(notification.m_Address)].m_Waiting[notification.m_Number].m_Notification = notification;
         }
         m_LastTaken = notification.m_Number;
     }
 }
 
 /// Hands one notification of each lane that is not busy to the senders, if one is due. Returns when the next one is.
-Notifier::Clock::time_point Notifier::assignDue() {
+Notifier::Clock::time_point Notifier::queueDueJobs() {
     Clock::time_point const now = Clock::now();
     Clock::time_point next = Clock::time_point::max();
-    for (auto& [name, lane] : m_Lanes) {
-        if (lane.m_Busy) {
+    for (auto& [name, queue] : m_Queues) {
+        if (queue.m_Busy) {
             continue;  // whoever sends calls when it is done
         }
-        auto const due = firstDue(lane.m_Waiting, now, next);
-        if (due != lane.m_Waiting.end()) {
-            m_Errands.push_back({name, std::move(due->second)});
-            lane.m_Waiting.erase(due);
-            lane.m_Busy = true;
-            m_Assigned.notify_one();
+        auto const due = firstDue(queue.m_Waiting, now, next);
+        if (due != queue.m_Waiting.end()) {
+            m_Jobs.push_back({name, std::move(due->second)});
+            queue.m_Waiting.erase(due);
+            queue.m_Busy = true;
+            m_JobAdded.notify_one();
         }
     }
     return next;
 }
 
-void Notifier::runSender() {
+void Notifier::runWorker() {
     std::unique_lock<std::mutex> lock(m_Mutex);
     for (;;) {
-        m_Assigned.wait(lock, [this] { return m_Stopping || !m_Errands.empty(); });
+        m_JobAdded.wait(lock, [this] { return m_Stopping || !m_Jobs.empty(); });
         if (m_Stopping) {
             return;
         }
-        Errand errand = std::move(m_Errands.front());
-        m_Errands.pop_front();
+        Job job = std::move(m_Jobs.front());
+        m_Jobs.pop_front();
         lock.unlock();
-        bool const unsettled = sendOnce(errand.m_Pending);
+        bool const unsettled = sendOnce(job.m_Pending);
         lock.lock();
-        Lane& lane = m_Lanes.at(errand.m_Lane);
-        lane.m_Busy = false;
+        Queue& queue = m_Queues.at(job.m_Queue);
+        queue.m_Busy = false;
         if (unsettled) {
-            lane.m_Waiting[errand.m_Pending.m_Notification.m_Number] = std::move(errand.m_Pending);
-        } else if (lane.m_Waiting.empty()) {
-            m_Lanes.erase(errand.m_Lane);
+            queue.m_Waiting[job.m_Pending.m_Notification.m_Number] = std::move(job.m_Pending);
+        } else if (queue.m_Waiting.empty()) {
+            m_Queues.erase(job.m_Queue);
         }
         m_Woken = true;
         m_Changed.notify_one();
@@ -301,7 +301,7 @@ bool Notifier::sendOnce(Pending& pending) {
 /// False when it is settled.
 bool Notifier::send(Pending& pending) {
     Notification& notification = pending.m_Notification;
-    if (std::optional<std::string> const reason = obstacle(notification.m_Address)) {
+    if (std::optional<std::string> const reason = whyUnreachable(notification.m_Address)) {
         return settle(notification, "not sent: " + *reason);
     }
     Payment const payment = m_Services.m_Store.paymentById(notification.m_Payment).value().m_Payment;
@@ -323,16 +323,16 @@ bool Notifier::send(Pending& pending) {
         m_Services.m_Store.addExchange(exchange);
         return settle(notification, "not sent: the fault " + exchange.m_Fault + " happened");
     }
-    return attempt(pending, query, exchange, fault && fault->m_Kind == FaultKind::kTwice);
+    return tryOnce(pending, query, exchange, fault && fault->m_Kind == FaultKind::kTwice);
 }
 
 /// False when it is settled.
-bool Notifier::attempt(Pending& pending, std::string const& query, Exchange& exchange, bool twice) {
+bool Notifier::tryOnce(Pending& pending, std::string const& query, Exchange& exchange, bool twice) {
     Notification& notification = pending.m_Notification;
     HttpAddress const address = parseHttpAddress(extendLink(notification.m_Address, query));
-    Asked best = sendLogged(m_Services, address, m_Timeouts.m_Response, m_Ending, exchange);
+    Attempt best = sendLogged(m_Services, address, m_Timeouts.m_Response, m_Ending, exchange);
     if (twice) {
-        Asked const second = sendLogged(m_Services, address, m_Timeouts.m_Response, m_Ending, exchange);
+        Attempt const second = sendLogged(m_Services, address, m_Timeouts.m_Response, m_Ending, exchange);
         best = best.good() ? best : second;
     }
     if (!best.good() && m_Ending.raised()) {
@@ -346,7 +346,7 @@ bool Notifier::attempt(Pending& pending, std::string const& query, Exchange& exc
     if (failures > m_Timeouts.m_Backoff.size()) {
         return settle(notification, "given up: " + best.m_Verdict);
     }
-    keep(notification, "to be tried again: " + best.m_Verdict);
+    storeOutcome(notification, "to be tried again: " + best.m_Verdict);
     pending.m_Due = Clock::now() + m_Timeouts.m_Backoff[failures - 1];
     return true;
 }
@@ -354,11 +354,11 @@ bool Notifier::attempt(Pending& pending, std::string const& query, Exchange& exc
 /// Always false.
 bool Notifier::settle(Notification& notification, std::string const& outcome) {
     notification.m_Pending = false;
-    keep(notification, outcome);
+    storeOutcome(notification, outcome);
     return false;
 }
 
-void Notifier::keep(Notification& notification, std::string const& outcome) {
+void Notifier::storeOutcome(Notification& notification, std::string const& outcome) {
     notification.m_Time = m_Services.m_Clock.text();
     notification.m_Outcome = outcome;
     m_Services.m_Store.updateNotification(notification);

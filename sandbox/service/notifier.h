@@ -27,7 +27,7 @@ namespace sandbox {
 /// it is settled.
 ///
 /// What goes to one host and port is sent one after the other, and of one payment the oldest notification first. What
-/// goes elsewhere does not wait for it, as long as one of the kSenders threads is free.
+/// goes elsewhere does not wait for it, as long as one of the kWorkers threads is free.
 ///
 /// It also makes undecided payments expired when their time has passed, whether anybody looks at them or not.
 class Notifier {
@@ -35,7 +35,7 @@ public:
     using Clock = EndSignal::Clock;
 
     /// At so many places at once merchants are asked.
-    static constexpr std::size_t kSenders = 8;
+    static constexpr std::size_t kWorkers = 8;
 
     /// How long things may take.
     struct Timeouts {
@@ -68,36 +68,36 @@ public:
     void stop();
 
 private:
-    /// A notification that is not settled.
+    /// A notification that is not yet delivered or given up.
     struct Pending {
         Notification m_Notification = {};
         Clock::time_point m_Due = {};
-        std::optional<Fault> m_Delay = {};  ///< Has been waited for; happens to the next attempt.
+        std::optional<Fault> m_Delay = {};  ///< Its pause is over; applies to the next attempt.
     };
 
-    /// The way to one host and port.
-    struct Lane {
+    /// The notifications to one host and port.
+    struct Queue {
         std::map<std::int64_t, Pending> m_Waiting = {};  ///< By number.
-        bool m_Busy = false;                             ///< One of them is out of `waiting`, being sent.
+        bool m_Busy = false;                             ///< One of them is out of `m_Waiting`, being sent.
     };
 
-    /// One that is taken out of its lane to be sent.
-    struct Errand {
-        std::string m_Lane;
+    /// A notification taken out of its queue to be sent.
+    struct Job {
+        std::string m_Queue;
         Pending m_Pending;
     };
 
     void run();
-    Clock::time_point look();
+    Clock::time_point poll();
     void expireOverdue();
-    void takeAdded();
-    Clock::time_point assignDue();
-    void runSender();
+    void loadNew();
+    Clock::time_point queueDueJobs();
+    void runWorker();
     bool sendOnce(Pending& pending);
     bool send(Pending& pending);
-    bool attempt(Pending& pending, std::string const& query, Exchange& exchange, bool twice);
+    bool tryOnce(Pending& pending, std::string const& query, Exchange& exchange, bool twice);
     bool settle(Notification& notification, std::string const& outcome);
-    void keep(Notification& notification, std::string const& outcome);
+    void storeOutcome(Notification& notification, std::string const& outcome);
 
     Services const& m_Services;  ///< Borrowed.
     Timeouts m_Timeouts;
@@ -107,11 +107,11 @@ private:
 
     std::mutex m_Mutex;  ///< Guards all below. No service but the clock is called under it.
     std::condition_variable m_Changed;
-    std::condition_variable m_Assigned;
-    std::map<std::string, Lane> m_Lanes;  ///< By "host:port".
-    std::deque<Errand> m_Errands;         ///< For which no thread was free yet.
+    std::condition_variable m_JobAdded;
+    std::map<std::string, Queue> m_Queues;  ///< By "host:port".
+    std::deque<Job> m_Jobs;                 ///< For the next worker that is free.
 
-    /// When the time of payments is over, and their identifiers. Those that are decided in time stay until then, too.
+    /// Expiration and id of undecided payments. A payment decided in time stays until its expiration.
     std::set<std::pair<std::time_t, std::string>> m_Watched;
     bool m_Woken = false;
     bool m_Stopping = false;

@@ -474,7 +474,7 @@ TEST_F(PaymentNotification, DoesNotWaitForMerchantsElsewhere) {
     std::promise<void> release;
     std::shared_future<void> const released(release.get_future());
     std::vector<std::unique_ptr<Shop>> slow;
-    for (std::size_t i = 0; i < sandbox::Notifier::kSenders; ++i) {
+    for (std::size_t i = 0; i < sandbox::Notifier::kWorkers; ++i) {
         slow.push_back(std::make_unique<Shop>(
             std::vector<Shop::Script>{Shop::answersLate(released, answerWith(200)), Shop::answers(answerWith(200))}));
     }
