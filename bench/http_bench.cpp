@@ -34,7 +34,7 @@ constexpr char kPassword[] = "secret";
 /// Gives every client on a free loopback port the same answer, one client after the other, on a thread of its own.
 class Server {
 public:
-    explicit Server(std::string const& body) : m_Answer(headerFor(body) + body) {
+    explicit Server(std::string const& body) : m_Response(headerFor(body) + body) {
         m_Listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_in address = {};
         address.sin_family = AF_INET;
@@ -69,12 +69,12 @@ private:
             if (client == -1) {
                 return;
             }
-            answer(client);
+            response(client);
             ::close(client);
         }
     }
 
-    void answer(int client) const {
+    void response(int client) const {
         std::string request;
         char chunk[4096];
         while (request.find("\r\n\r\n") == std::string::npos) {
@@ -84,8 +84,8 @@ private:
             }
             request.append(chunk, static_cast<std::size_t>(count));
         }
-        for (std::size_t sent = 0; sent < m_Answer.size();) {
-            ssize_t const count = ::send(client, m_Answer.data() + sent, m_Answer.size() - sent, MSG_NOSIGNAL);
+        for (std::size_t sent = 0; sent < m_Response.size();) {
+            ssize_t const count = ::send(client, m_Response.data() + sent, m_Response.size() - sent, MSG_NOSIGNAL);
             if (count <= 0) {
                 return;
             }
@@ -93,7 +93,7 @@ private:
         }
     }
 
-    std::string m_Answer;
+    std::string m_Response;
     std::string m_Port;
     int m_Listener = -1;
     std::thread m_Thread;

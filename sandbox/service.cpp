@@ -27,18 +27,18 @@ namespace {
 constexpr char kDatabaseFile[] = "sandbox.db";
 constexpr int kFormKeyBytes = 16;
 
-HttpReply dispatch(Services const& services, HttpRequest const& request) {
+HttpResponse route(Services const& services, HttpRequest const& request) {
     if (request.m_Method == "HEAD") {
         throw HttpError("HEAD is not answered here, because every request counts", 405);
     }
-    if (std::optional<HttpReply> reply = answerProtocol(services, request)) {
-        return *reply;
+    if (std::optional<HttpResponse> response = handleProtocol(services, request)) {
+        return *response;
     }
-    if (std::optional<HttpReply> reply = answerControl(services, request)) {
-        return *reply;
+    if (std::optional<HttpResponse> response = handleControl(services, request)) {
+        return *response;
     }
-    if (std::optional<HttpReply> reply = answerDashboard(services, request)) {
-        return *reply;
+    if (std::optional<HttpResponse> response = handleDashboard(services, request)) {
+        return *response;
     }
     if (request.m_Method == "GET" && request.m_Path == "/returned") {
         return returnedPage(request);
@@ -46,13 +46,13 @@ HttpReply dispatch(Services const& services, HttpRequest const& request) {
     throw HttpError("There is nothing here.", 404);
 }
 
-HttpReply answer(Services const& services, HttpRequest const& request) noexcept {
+HttpResponse handle(Services const& services, HttpRequest const& request) noexcept {
     try {
-        return dispatch(services, request);
+        return route(services, request);
     } catch (HttpError const& error) {
         return {error.status(), "text/plain; charset=utf-8", std::string(error.what()) + "\n"};
     } catch (std::exception const& failure) {
-        return failureReply(failure.what());
+        return failureResponse(failure.what());
     }
 }
 
@@ -89,7 +89,7 @@ public:
         for (Fault const& fault : options.m_Faults) {
             m_Faults.arm(fault);
         }
-        auto const handler = [this](HttpRequest const& request) { return answer(m_Services, request); };
+        auto const handler = [this](HttpRequest const& request) { return handle(m_Services, request); };
         m_Control.start(handler);
         m_Plain.start(handler);
         if (m_Tls) {

@@ -20,20 +20,20 @@ constexpr int kFailed = 500;
 struct Route {
     char const* m_Method;
     char const* m_Path;  ///< A "#" at the end stands for digits.
-    HttpReply (*m_Answer)(Services const& services, HttpRequest const& request);
+    HttpResponse (*m_Handler)(Services const& services, HttpRequest const& request);
 };
 
 // clang-format off
 constexpr Route kRoutes[] = {
-    {"GET",    "/control",              tellService},
-    {"GET",    "/control/faults",       tellFaults},
+    {"GET",    "/control",              getStatus},
+    {"GET",    "/control/faults",       getFaults},
     {"POST",   "/control/faults",       armFault},
     {"DELETE", "/control/faults",       liftAllFaults},
-    {"GET",    "/control/faults/kinds", tellFaultKinds},
+    {"GET",    "/control/faults/kinds", getFaultKinds},
     {"DELETE", "/control/faults/#",     liftFault},
-    {"GET",    "/control/payments",     tellPayments},
-    {"GET",    "/control/exchanges",    tellExchanges},
-    {"GET",    "/control/keys",         tellKeys},
+    {"GET",    "/control/payments",     getPayments},
+    {"GET",    "/control/exchanges",    getExchanges},
+    {"GET",    "/control/keys",         getKeys},
     {"POST",   "/control/keys/rotate",  rotateKey},
     {"POST",   "/control/accounts",     putAccount},
     {"POST",   "/control/clock",        setClock},
@@ -53,13 +53,13 @@ bool matches(std::string const& pattern, std::string const& path) {
            path.find_first_not_of("0123456789", start) == std::string::npos;
 }
 
-HttpReply errorReply(int status, std::string const& reason) {
+HttpResponse errorResponse(int status, std::string const& reason) {
     nlohmann::json content = nlohmann::json::object();
     putBytes(content, "error", reason);
-    return jsonReply(status, content);
+    return jsonResponse(status, content);
 }
 
-HttpReply answerRoute(Services const& services, HttpRequest const& request) {
+HttpResponse handleRoute(Services const& services, HttpRequest const& request) {
     refuseForeignHost(request);
     std::string allowed;
     for (Route const& route : kRoutes) {
@@ -70,30 +70,31 @@ HttpReply answerRoute(Services const& services, HttpRequest const& request) {
             if (request.m_Method == "POST") {
                 requireJson(request);
             }
-            return route.m_Answer(services, request);
+            return route.m_Handler(services, request);
         }
         allowed += (allowed.empty() ? "" : ", ") + std::string(route.m_Method);
     }
     if (allowed.empty()) {
         throw HttpError("there is nothing at " + request.m_Path, kNotFound);
     }
-    HttpReply reply = errorReply(kMethodNotAllowed, request.m_Path + " knows " + allowed + ", not " + request.m_Method);
-    reply.m_Allow = allowed;
-    return reply;
+    HttpResponse response =
+        errorResponse(kMethodNotAllowed, request.m_Path + " knows " + allowed + ", not " + request.m_Method);
+    response.m_Allow = allowed;
+    return response;
 }
 
 }  // namespace
 
-std::optional<HttpReply> answerControl(Services const& services, HttpRequest const& request) {
+std::optional<HttpResponse> handleControl(Services const& services, HttpRequest const& request) {
     if (!isBelow(request.m_Path, "/control")) {
         return std::nullopt;
     }
     try {
-        return answerRoute(services, request);
+        return handleRoute(services, request);
     } catch (HttpError const& error) {
-        return errorReply(error.status(), error.what());
+        return errorResponse(error.status(), error.what());
     } catch (std::exception const& failure) {
-        return errorReply(kFailed, std::string("the sandbox failed: ") + failure.what());
+        return errorResponse(kFailed, std::string("the sandbox failed: ") + failure.what());
     }
 }
 

@@ -25,7 +25,7 @@ namespace sandbox {
 ///     POST   /control/keys/rotate    makes a new key
 ///     POST   /control/accounts       creates an account or changes its password
 ///     POST   /control/clock          sets the clock ahead
-std::optional<HttpReply> answerControl(Services const& services, HttpRequest const& request);
+std::optional<HttpResponse> handleControl(Services const& services, HttpRequest const& request);
 
 }  // namespace sandbox
 

@@ -68,7 +68,7 @@ json parse(std::string const& body) {
 
 }  // namespace
 
-HttpReply jsonReply(int status, json const& content) {
+HttpResponse jsonResponse(int status, json const& content) {
     constexpr int kIndentation = 2;
     return {status, "application/json", content.dump(kIndentation) + "\n"};
 }
@@ -126,7 +126,7 @@ json exchangeJson(Exchange const& exchange) {
     putBytes(out, "data", exchange.m_Data);
     putBytes(out, "signature", exchange.m_Signature);
     putBytes(out, "request", exchange.m_Request);
-    putBytes(out, "answer", exchange.m_Answer);
+    putBytes(out, "answer", exchange.m_Response);
     for (CheckStep const& step : exchange.m_Steps) {
         out["steps"].push_back(stepJson(step));
     }

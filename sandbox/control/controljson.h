@@ -15,7 +15,7 @@
 /// The JSON of the control API.
 namespace sandbox {
 
-HttpReply jsonReply(int status, nlohmann::json const& content);
+HttpResponse jsonResponse(int status, nlohmann::json const& content);
 
 /// Sets the member `name` of `object` to `bytes`. What the protocol carries has no encoding, but JSON holds nothing
 /// but UTF-8: a text that is UTF-8 stands as it is; in any other U+FFFD stands for what is not UTF-8, and a second

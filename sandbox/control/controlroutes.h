@@ -10,19 +10,19 @@
 /// The addresses of the control API, one function each. They throw HttpError.
 namespace sandbox {
 
-HttpReply tellService(Services const& services, HttpRequest const& request);
-HttpReply tellPayments(Services const& services, HttpRequest const& request);
-HttpReply tellExchanges(Services const& services, HttpRequest const& request);
-HttpReply tellKeys(Services const& services, HttpRequest const& request);
-HttpReply rotateKey(Services const& services, HttpRequest const& request);
-HttpReply putAccount(Services const& services, HttpRequest const& request);
-HttpReply setClock(Services const& services, HttpRequest const& request);
+HttpResponse getStatus(Services const& services, HttpRequest const& request);
+HttpResponse getPayments(Services const& services, HttpRequest const& request);
+HttpResponse getExchanges(Services const& services, HttpRequest const& request);
+HttpResponse getKeys(Services const& services, HttpRequest const& request);
+HttpResponse rotateKey(Services const& services, HttpRequest const& request);
+HttpResponse putAccount(Services const& services, HttpRequest const& request);
+HttpResponse setClock(Services const& services, HttpRequest const& request);
 
-HttpReply tellFaults(Services const& services, HttpRequest const& request);
-HttpReply tellFaultKinds(Services const& services, HttpRequest const& request);
-HttpReply armFault(Services const& services, HttpRequest const& request);
-HttpReply liftFault(Services const& services, HttpRequest const& request);
-HttpReply liftAllFaults(Services const& services, HttpRequest const& request);
+HttpResponse getFaults(Services const& services, HttpRequest const& request);
+HttpResponse getFaultKinds(Services const& services, HttpRequest const& request);
+HttpResponse armFault(Services const& services, HttpRequest const& request);
+HttpResponse liftFault(Services const& services, HttpRequest const& request);
+HttpResponse liftAllFaults(Services const& services, HttpRequest const& request);
 
 /// The whole number that `text` is; nothing for anything else.
 std::optional<std::int64_t> wholeNumber(std::string const& text);

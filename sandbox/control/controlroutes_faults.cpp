@@ -15,35 +15,35 @@ constexpr int kNotFound = 404;
 
 }  // namespace
 
-HttpReply tellFaults(Services const& services, HttpRequest const&) {
+HttpResponse getFaults(Services const& services, HttpRequest const&) {
     nlohmann::json faults = nlohmann::json::array();
     for (ArmedFault const& armed : services.m_Faults.armed()) {
         faults.push_back(faultJson(armed));
     }
-    return jsonReply(200, {{"faults", faults}});
+    return jsonResponse(200, {{"faults", faults}});
 }
 
-HttpReply tellFaultKinds(Services const&, HttpRequest const&) {
+HttpResponse getFaultKinds(Services const&, HttpRequest const&) {
     nlohmann::json kinds = nlohmann::json::array();
     for (FaultKindRow const& row : allFaultKinds()) {
         kinds.push_back(faultKindJson(row));
     }
-    return jsonReply(200, {{"kinds", kinds}});
+    return jsonResponse(200, {{"kinds", kinds}});
 }
 
-HttpReply armFault(Services const& services, HttpRequest const& request) {
+HttpResponse armFault(Services const& services, HttpRequest const& request) {
     ArmedFault armed;
     armed.m_Fault = readFault(request.m_Body);
     armed.m_Id = services.m_Faults.arm(armed.m_Fault);
-    return jsonReply(kCreated, faultJson(armed));
+    return jsonResponse(kCreated, faultJson(armed));
 }
 
-HttpReply liftFault(Services const& services, HttpRequest const& request) {
+HttpResponse liftFault(Services const& services, HttpRequest const& request) {
     std::string const name = request.m_Path.substr(request.m_Path.rfind('/') + 1);
     if (!liftNamedFault(services, name)) {
         throw HttpError("no fault '" + name + "' is armed", kNotFound);
     }
-    return tellFaults(services, request);
+    return getFaults(services, request);
 }
 
 bool liftNamedFault(Services const& services, std::string const& text) {
@@ -51,9 +51,9 @@ bool liftNamedFault(Services const& services, std::string const& text) {
     return id && services.m_Faults.lift(*id);
 }
 
-HttpReply liftAllFaults(Services const& services, HttpRequest const& request) {
+HttpResponse liftAllFaults(Services const& services, HttpRequest const& request) {
     services.m_Faults.liftAll();
-    return tellFaults(services, request);
+    return getFaults(services, request);
 }
 
 }  // namespace sandbox

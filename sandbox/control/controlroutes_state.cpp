@@ -97,14 +97,14 @@ void checkAccount(std::string const& user, std::string const& password) {
 
 }  // namespace
 
-HttpReply tellService(Services const& services, HttpRequest const&) {
-    return jsonReply(200, {{"addresses", addressesJson(services.m_Addresses)},
-                           {"serverKeyId", services.m_Keys.current()->m_Id},
-                           {"clock", clockJson(services)},
-                           {"counts", countsJson(services)}});
+HttpResponse getStatus(Services const& services, HttpRequest const&) {
+    return jsonResponse(200, {{"addresses", addressesJson(services.m_Addresses)},
+                              {"serverKeyId", services.m_Keys.current()->m_Id},
+                              {"clock", clockJson(services)},
+                              {"counts", countsJson(services)}});
 }
 
-HttpReply tellPayments(Services const& services, HttpRequest const& request) {
+HttpResponse getPayments(Services const& services, HttpRequest const& request) {
     PaymentFilter const filter = readFilter(Query(request.m_Query));
     std::vector<Payment> const all = presentPayments(services);
     std::vector<Notification> const notifications = services.m_Store.notifications();
@@ -114,18 +114,18 @@ HttpReply tellPayments(Services const& services, HttpRequest const& request) {
             payments.push_back(paymentJson(payment, notifications));
         }
     }
-    return jsonReply(200, {{"payments", payments}});
+    return jsonResponse(200, {{"payments", payments}});
 }
 
-HttpReply tellExchanges(Services const& services, HttpRequest const& request) {
+HttpResponse getExchanges(Services const& services, HttpRequest const& request) {
     nlohmann::json exchanges = nlohmann::json::array();
     for (Exchange const& exchange : services.m_Store.exchanges(readAfter(Query(request.m_Query)))) {
         exchanges.push_back(exchangeJson(exchange));
     }
-    return jsonReply(200, {{"exchanges", exchanges}});
+    return jsonResponse(200, {{"exchanges", exchanges}});
 }
 
-HttpReply tellKeys(Services const& services, HttpRequest const&) {
+HttpResponse getKeys(Services const& services, HttpRequest const&) {
     nlohmann::json server = nlohmann::json::array();
     std::string const current = services.m_Keys.current()->m_Id;
     for (KeyRing::Key const& key : services.m_Keys.all()) {
@@ -142,17 +142,17 @@ HttpReply tellKeys(Services const& services, HttpRequest const&) {
         putBytes(key, "account", published.m_Key.m_Account);
         merchants.push_back(std::move(key));
     }
-    return jsonReply(200, {{"server", server}, {"merchants", merchants}});
+    return jsonResponse(200, {{"server", server}, {"merchants", merchants}});
 }
 
-HttpReply rotateKey(Services const& services, HttpRequest const& request) {
+HttpResponse rotateKey(Services const& services, HttpRequest const& request) {
     if (!request.m_Body.empty()) {
         readObject(request.m_Body, {});
     }
-    return jsonReply(kCreated, {{"id", services.m_Keys.rotate()->m_Id}});
+    return jsonResponse(kCreated, {{"id", services.m_Keys.rotate()->m_Id}});
 }
 
-HttpReply putAccount(Services const& services, HttpRequest const& request) {
+HttpResponse putAccount(Services const& services, HttpRequest const& request) {
     nlohmann::json const object = readObject(request.m_Body, {"user", "password"});
     std::string const user = requireText(object, "user");
     std::string const password = requireText(object, "password");
@@ -160,12 +160,12 @@ HttpReply putAccount(Services const& services, HttpRequest const& request) {
     std::vector<std::string> const known = services.m_Store.accounts();
     bool const isNew = std::find(known.begin(), known.end(), user) == known.end();
     services.m_Store.putAccount(user, password);
-    return jsonReply(isNew ? kCreated : 200, {{"user", user}, {"customer", services.m_Store.customerOf(user)}});
+    return jsonResponse(isNew ? kCreated : 200, {{"user", user}, {"customer", services.m_Store.customerOf(user)}});
 }
 
-HttpReply setClock(Services const& services, HttpRequest const& request) {
+HttpResponse setClock(Services const& services, HttpRequest const& request) {
     setClockAhead(services, requireNumber(readObject(request.m_Body, {"ahead"}), "ahead"));
-    return jsonReply(200, clockJson(services));
+    return jsonResponse(200, clockJson(services));
 }
 
 std::optional<std::int64_t> wholeNumber(std::string const& text) {

@@ -20,7 +20,7 @@ constexpr int kMethodNotAllowed = 405;
 struct Route {
     char const* m_Method;
     char const* m_Path;
-    HttpReply (*m_Answer)(Services const& services, Query const& fields);
+    HttpResponse (*m_Handler)(Services const& services, Query const& fields);
 };
 
 // clang-format off
@@ -45,7 +45,7 @@ Query formFields(HttpRequest const& request) {
     return Query(replaceAll(request.m_Body, "+", "%20"));
 }
 
-HttpReply answerForm(Services const& services, HttpRequest const& request, Route const& route) {
+HttpResponse handleForm(Services const& services, HttpRequest const& request, Route const& route) {
     Query const form = formFields(request);
     if (!equalSecrets(form.value("key").value_or(""), services.m_FormKey)) {
         throw HttpError(
@@ -53,24 +53,24 @@ HttpReply answerForm(Services const& services, HttpRequest const& request, Route
             "Open the page again and send its form.",
             kForbidden);
     }
-    return route.m_Answer(services, form);
+    return route.m_Handler(services, form);
 }
 
-HttpReply answerRoute(Services const& services, HttpRequest const& request, Route const& route) {
+HttpResponse handleRoute(Services const& services, HttpRequest const& request, Route const& route) {
     refuseForeignHost(request);
     if (request.m_Method == "POST") {
-        return answerForm(services, request, route);
+        return handleForm(services, request, route);
     }
-    return route.m_Answer(services, Query(request.m_Query));
+    return route.m_Handler(services, Query(request.m_Query));
 }
 
-HttpReply errorResponse(int status, std::string const& reason) {
+HttpResponse errorResponse(int status, std::string const& reason) {
     return dashboardPage(status, "", "This cannot be shown", problemNotice(reason));
 }
 
 }  // namespace
 
-std::optional<HttpReply> answerDashboard(Services const& services, HttpRequest const& request) {
+std::optional<HttpResponse> handleDashboard(Services const& services, HttpRequest const& request) {
     std::string allowed;
     for (Route const& route : kRoutes) {
         if (request.m_Path != route.m_Path) {
@@ -78,7 +78,7 @@ std::optional<HttpReply> answerDashboard(Services const& services, HttpRequest c
         }
         if (request.m_Method == route.m_Method) {
             try {
-                return answerRoute(services, request, route);
+                return handleRoute(services, request, route);
             } catch (HttpError const& error) {
                 return errorResponse(error.status(), error.what());
             }
@@ -88,10 +88,10 @@ std::optional<HttpReply> answerDashboard(Services const& services, HttpRequest c
     if (allowed.empty()) {
         return std::nullopt;
     }
-    HttpReply reply =
+    HttpResponse response =
         errorResponse(kMethodNotAllowed, request.m_Path + " knows " + allowed + ", not " + request.m_Method);
-    reply.m_Allow = allowed;
-    return reply;
+    response.m_Allow = allowed;
+    return response;
 }
 
 }  // namespace sandbox

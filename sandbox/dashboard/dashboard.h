@@ -25,7 +25,7 @@ namespace sandbox {
 ///     POST /keys/clock     sets the clock ahead
 ///     GET  /calculator     a form for DATA and SIGNATURE; with DATA= and SIGNATURE= in the query what is said of them
 ///     POST /calculator     the same for what was pasted into the form
-std::optional<HttpReply> answerDashboard(Services const& services, HttpRequest const& request);
+std::optional<HttpResponse> handleDashboard(Services const& services, HttpRequest const& request);
 
 }  // namespace sandbox
 

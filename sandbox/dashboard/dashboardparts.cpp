@@ -41,12 +41,12 @@ std::string verdictCell(std::string const& verdict) {
 
 }  // namespace
 
-HttpReply dashboardPage(int status, std::string const& path, std::string const& title, std::string const& content,
-                        std::string const& headContent) {
+HttpResponse dashboardPage(int status, std::string const& path, std::string const& title, std::string const& content,
+                           std::string const& headContent) {
     return htmlPage(status, title, content, languageFor("en"), {headContent, navigation(path)});
 }
 
-HttpReply seeOther(std::string const& path) {
+HttpResponse seeOther(std::string const& path) {
     return {kSeeOther, "text/plain; charset=utf-8", "Done, see " + path + ".\n", path};
 }
 

@@ -14,11 +14,11 @@
 namespace sandbox {
 
 /// A page under the navigation; `path` is that of the entry which stands for it.
-HttpReply dashboardPage(int status, std::string const& path, std::string const& title, std::string const& content,
-                        std::string const& headContent = "");
+HttpResponse dashboardPage(int status, std::string const& path, std::string const& title, std::string const& content,
+                           std::string const& headContent = "");
 
 /// Leads the browser from a form to the page `path`, to be loaded by GET.
-HttpReply seeOther(std::string const& path);
+HttpResponse seeOther(std::string const& path);
 
 std::string link(std::string const& address, std::string const& text);
 

@@ -8,20 +8,20 @@
 /// the query or of the form; the key of a form has been checked.
 namespace sandbox {
 
-HttpReply overviewPage(Services const& services, Query const& query);
-HttpReply paymentDetailsPage(Services const& services, Query const& query);
-HttpReply exchangeDetailsPage(Services const& services, Query const& query);
+HttpResponse overviewPage(Services const& services, Query const& query);
+HttpResponse paymentDetailsPage(Services const& services, Query const& query);
+HttpResponse exchangeDetailsPage(Services const& services, Query const& query);
 
-HttpReply faultsPage(Services const& services, Query const& query);
-HttpReply armByForm(Services const& services, Query const& form);
-HttpReply liftByForm(Services const& services, Query const& form);
+HttpResponse faultsPage(Services const& services, Query const& query);
+HttpResponse armByForm(Services const& services, Query const& form);
+HttpResponse liftByForm(Services const& services, Query const& form);
 
-HttpReply keysPage(Services const& services, Query const& query);
-HttpReply rotateByForm(Services const& services, Query const& form);
-HttpReply setClockByForm(Services const& services, Query const& form);
+HttpResponse keysPage(Services const& services, Query const& query);
+HttpResponse rotateByForm(Services const& services, Query const& form);
+HttpResponse setClockByForm(Services const& services, Query const& form);
 
-HttpReply calculatorPage(Services const& services, Query const& query);
-HttpReply calculateByForm(Services const& services, Query const& form);
+HttpResponse calculatorPage(Services const& services, Query const& query);
+HttpResponse calculateByForm(Services const& services, Query const& form);
 
 }  // namespace sandbox
 

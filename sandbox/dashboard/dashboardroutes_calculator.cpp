@@ -116,7 +116,7 @@ std::string resultContent(Calculation const& result) {
            (data.empty() ? "" : section("message", "DATA, decoded", data));
 }
 
-HttpReply resultPage(Services const& services, SignedTexts const& texts) {
+HttpResponse resultPage(Services const& services, SignedTexts const& texts) {
     Calculation const result = calculate(
         knownKeys(services), texts.m_Data, texts.m_Signature,
         [&services](KnownKey const& key, std::string const& digest) { return recallSeen(services, key, digest); });
@@ -126,7 +126,7 @@ HttpReply resultPage(Services const& services, SignedTexts const& texts) {
                                         formContent(services, fieldText(texts.m_Data), texts.m_Signature, "")));
 }
 
-HttpReply formPage(Services const& services, int status, SignedTexts const& filledIn, std::string const& problem) {
+HttpResponse formPage(Services const& services, int status, SignedTexts const& filledIn, std::string const& problem) {
     return dashboardPage(
         status, kPath, "Signature calculator",
         section("form", "DATA and SIGNATURE", formContent(services, filledIn.m_Data, filledIn.m_Signature, problem)));
@@ -134,13 +134,13 @@ HttpReply formPage(Services const& services, int status, SignedTexts const& fill
 
 }  // namespace
 
-HttpReply calculatorPage(Services const& services, Query const& query) {
+HttpResponse calculatorPage(Services const& services, Query const& query) {
     SignedTexts const texts{query.value("DATA").value_or(""), query.value("SIGNATURE").value_or("")};
     return texts.m_Data.empty() && texts.m_Signature.empty() ? formPage(services, 200, texts, "")
                                                              : resultPage(services, texts);
 }
 
-HttpReply calculateByForm(Services const& services, Query const& form) {
+HttpResponse calculateByForm(Services const& services, Query const& form) {
     SignedTexts const pasted{form.value("DATA").value_or(""), form.value("SIGNATURE").value_or("")};
     try {
         return resultPage(services, readPasted(pasted.m_Data, pasted.m_Signature));

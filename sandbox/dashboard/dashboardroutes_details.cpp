@@ -64,7 +64,7 @@ std::string notificationsContent(Services const& services, Payment const& paymen
 
 /// Exchanges name their payment in different ways, some by its order only, which others can share.
 bool isAbout(Exchange const& exchange, Payment const& payment) {
-    for (std::string const* text : {&exchange.m_Data, &exchange.m_Request, &exchange.m_Answer}) {
+    for (std::string const* text : {&exchange.m_Data, &exchange.m_Request, &exchange.m_Response}) {
         if (text->find(payment.m_Id) != std::string::npos) {
             return true;
         }
@@ -152,7 +152,7 @@ std::string messageContent(Exchange const& exchange) {
 
 }  // namespace
 
-HttpReply paymentDetailsPage(Services const& services, Query const& query) {
+HttpResponse paymentDetailsPage(Services const& services, Query const& query) {
     Payment const payment = presentPayment(services, query.value("id").value_or(""));
     return dashboardPage(200, "", "Payment " + payment.m_Id,
                          paymentData(payment) + section("history", "History", historyContent(payment)) +
@@ -161,7 +161,7 @@ HttpReply paymentDetailsPage(Services const& services, Query const& query) {
                              section("exchanges", "Exchanges", exchangesContent(services, payment)));
 }
 
-HttpReply exchangeDetailsPage(Services const& services, Query const& query) {
+HttpResponse exchangeDetailsPage(Services const& services, Query const& query) {
     std::string const text = query.value("number").value_or("");
     std::optional<std::int64_t> const number = wholeNumber(text);
     std::optional<Exchange> const exchange = number ? services.m_Store.exchange(*number) : std::nullopt;
@@ -176,7 +176,7 @@ HttpReply exchangeDetailsPage(Services const& services, Query const& query) {
                              section("request", fromMerchant ? "The request as it came" : "The request as it was sent",
                                      verbatim(exchange->m_Request)) +
                              section("answer", fromMerchant ? "The answer before any fault" : "The merchant's answer",
-                                     verbatim(exchange->m_Answer)));
+                                     verbatim(exchange->m_Response)));
 }
 
 }  // namespace sandbox

@@ -108,8 +108,8 @@ std::string kindsContent() {
     return wideTable("Kinds of faults", {"Kind", "Meaning", "Happens to", "Takes", "Carried out"}, rows);
 }
 
-HttpReply page(Services const& services, int status, Query const& form, std::string const& armProblem,
-               std::string const& liftProblem) {
+HttpResponse page(Services const& services, int status, Query const& form, std::string const& armProblem,
+                  std::string const& liftProblem) {
     return dashboardPage(status, kPath, "Faults",
                          section("armed", "What is armed", armedContent(services, liftProblem)) +
                              section("arm", "Arm a fault", armContent(services, form, armProblem)) +
@@ -130,11 +130,11 @@ Fault readForm(Query const& form) {
 
 }  // namespace
 
-HttpReply faultsPage(Services const& services, Query const&) {
+HttpResponse faultsPage(Services const& services, Query const&) {
     return page(services, 200, Query(""), "", "");
 }
 
-HttpReply armByForm(Services const& services, Query const& form) {
+HttpResponse armByForm(Services const& services, Query const& form) {
     try {
         services.m_Faults.arm(readForm(form));
     } catch (HttpError const& error) {
@@ -143,7 +143,7 @@ HttpReply armByForm(Services const& services, Query const& form) {
     return seeOther(kPath);
 }
 
-HttpReply liftByForm(Services const& services, Query const& form) {
+HttpResponse liftByForm(Services const& services, Query const& form) {
     std::string const id = form.value("id").value_or("");
     if (id == "all") {
         services.m_Faults.liftAll();

@@ -47,7 +47,7 @@ std::string clockContent(Services const& services, std::string const& filledIn, 
                          problem);
 }
 
-HttpReply page(Services const& services, int status, std::string const& filledIn, std::string const& problem) {
+HttpResponse page(Services const& services, int status, std::string const& filledIn, std::string const& problem) {
     return dashboardPage(status, kPath, "Keys and clock",
                          section("server", "Keys of this service", serverKeysContent(services)) +
                              section("merchants", "Keys of merchants", merchantKeysContent(services)) +
@@ -56,16 +56,16 @@ HttpReply page(Services const& services, int status, std::string const& filledIn
 
 }  // namespace
 
-HttpReply keysPage(Services const& services, Query const&) {
+HttpResponse keysPage(Services const& services, Query const&) {
     return page(services, 200, std::to_string(services.m_Clock.ahead()), "");
 }
 
-HttpReply rotateByForm(Services const& services, Query const&) {
+HttpResponse rotateByForm(Services const& services, Query const&) {
     services.m_Keys.rotate();
     return seeOther(kPath);
 }
 
-HttpReply setClockByForm(Services const& services, Query const& form) {
+HttpResponse setClockByForm(Services const& services, Query const& form) {
     std::string const text = form.value("ahead").value_or("");
     try {
         std::optional<std::int64_t> const seconds = wholeNumber(text);

@@ -69,7 +69,7 @@ std::string exchangesContent(Services const& services) {
 
 }  // namespace
 
-HttpReply overviewPage(Services const& services, Query const& query) {
+HttpResponse overviewPage(Services const& services, Query const& query) {
     bool const live = query.value("live") == "1";
     std::string const content =
         "<p>" + (live ? link("/", "Stop loading this page again and again") : link("/?live=1", "Watch live")) +

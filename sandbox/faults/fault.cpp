@@ -17,14 +17,15 @@ constexpr unsigned bit(ExchangeKind kind) {
     return static_cast<unsigned>(kind);
 }
 
-constexpr unsigned kAsked = bit(ExchangeKind::kSetup) | bit(ExchangeKind::kDefaults) | bit(ExchangeKind::kKeyQuery) |
-                            bit(ExchangeKind::kKeyExport) | bit(ExchangeKind::kCapture) | bit(ExchangeKind::kComplete) |
-                            bit(ExchangeKind::kStatus);
-constexpr unsigned kConfirming = bit(ExchangeKind::kDecision) | bit(ExchangeKind::kNotification);
-constexpr unsigned kAnswered =
-    kAsked | bit(ExchangeKind::kPage) | bit(ExchangeKind::kDecision) | bit(ExchangeKind::kProxy);
-constexpr unsigned kConnecting = bit(ExchangeKind::kConnection);
-constexpr unsigned kWithOrder = kConfirming | bit(ExchangeKind::kPage) | bit(ExchangeKind::kCapture) |
+constexpr unsigned kMessageExchanges = bit(ExchangeKind::kSetup) | bit(ExchangeKind::kDefaults) |
+                                       bit(ExchangeKind::kKeyQuery) | bit(ExchangeKind::kKeyExport) |
+                                       bit(ExchangeKind::kCapture) | bit(ExchangeKind::kComplete) |
+                                       bit(ExchangeKind::kStatus);
+constexpr unsigned kConfirmations = bit(ExchangeKind::kDecision) | bit(ExchangeKind::kNotification);
+constexpr unsigned kHttpExchanges =
+    kMessageExchanges | bit(ExchangeKind::kPage) | bit(ExchangeKind::kDecision) | bit(ExchangeKind::kProxy);
+constexpr unsigned kConnections = bit(ExchangeKind::kConnection);
+constexpr unsigned kWithOrder = kConfirmations | bit(ExchangeKind::kPage) | bit(ExchangeKind::kCapture) |
                                 bit(ExchangeKind::kComplete) | bit(ExchangeKind::kStatus);
 
 constexpr char kTextField[] = ",text=";
@@ -33,52 +34,52 @@ constexpr std::int64_t kLargestMegabytes = 4096;
 
 // clang-format off
 std::vector<FaultKindRow> const kKinds = {
-    {FaultKind::kRefuse,              "refuse",                kConnecting | bit(ExchangeKind::kProxy), kTakesSeconds, false,
+    {FaultKind::kRefuse,              "refuse",                kConnections | bit(ExchangeKind::kProxy), kTakesSeconds, false,
      "connections are refused, for some seconds or until it is lifted"},
-    {FaultKind::kTlsExpired,          "tls-expired",           kConnecting, 0, false,
+    {FaultKind::kTlsExpired,          "tls-expired",           kConnections, 0, false,
      "the certificate of the server has expired"},
-    {FaultKind::kTlsWrongHost,        "tls-wrong-host",        kConnecting, 0, false,
+    {FaultKind::kTlsWrongHost,        "tls-wrong-host",        kConnections, 0, false,
      "the certificate is for another host"},
-    {FaultKind::kTlsUnknownAuthority, "tls-unknown-authority", kConnecting, 0, false,
+    {FaultKind::kTlsUnknownAuthority, "tls-unknown-authority", kConnections, 0, false,
      "the certificate is from an authority that nobody knows"},
-    {FaultKind::kTlsAbort,            "tls-abort",             kConnecting, 0, false,
+    {FaultKind::kTlsAbort,            "tls-abort",             kConnections, 0, false,
      "the connection ends in the middle of the TLS handshake"},
     {FaultKind::kProxyAuthentication, "proxy-407",             bit(ExchangeKind::kProxy), 0, false,
      "the proxy asks for credentials (status 407)"},
-    {FaultKind::kHttpStatus,          "http-status",           kAnswered, kTakesStatus | kTakesText, false,
+    {FaultKind::kHttpStatus,          "http-status",           kHttpExchanges, kTakesStatus | kTakesText, false,
      "the answer is an HTTP status and a text for people"},
-    {FaultKind::kError,               "error",                 kAsked, kTakesText, false,
+    {FaultKind::kError,               "error",                 kMessageExchanges, kTakesText, false,
      "the answer is a message of the type Error"},
-    {FaultKind::kReset,               "reset",                 kAnswered, 0, false,
+    {FaultKind::kReset,               "reset",                 kHttpExchanges, 0, false,
      "the connection is reset, without an answer"},
-    {FaultKind::kDrop,                "drop",                  kAnswered | bit(ExchangeKind::kNotification), 0, true,
+    {FaultKind::kDrop,                "drop",                  kHttpExchanges | bit(ExchangeKind::kNotification), 0, true,
      "the request is carried out, then the connection closes without an answer; a notification is not sent"},
-    {FaultKind::kDelay,               "delay",                 kAnswered | bit(ExchangeKind::kNotification), kTakesSeconds, true,
+    {FaultKind::kDelay,               "delay",                 kHttpExchanges | bit(ExchangeKind::kNotification), kTakesSeconds, true,
      "the answer comes late"},
-    {FaultKind::kStallBefore,         "stall-before",          kAnswered, kTakesSeconds, true,
+    {FaultKind::kStallBefore,         "stall-before",          kHttpExchanges, kTakesSeconds, true,
      "nothing comes, the connection stays open for some time and closes"},
-    {FaultKind::kStallInside,         "stall-inside",          kAnswered, kTakesSeconds | kTakesBytes, true,
+    {FaultKind::kStallInside,         "stall-inside",          kHttpExchanges, kTakesSeconds | kTakesBytes, true,
      "the answer begins, then nothing more comes, the connection stays open for some time and closes"},
-    {FaultKind::kBytewise,            "bytewise",              kAnswered, kTakesSeconds, true,
+    {FaultKind::kBytewise,            "bytewise",              kHttpExchanges, kTakesSeconds, true,
      "the answer comes one byte at a time, with a millisecond or so many seconds between two"},
-    {FaultKind::kTruncate,            "truncate",              kAnswered, kTakesBytes, true,
+    {FaultKind::kTruncate,            "truncate",              kHttpExchanges, kTakesBytes, true,
      "the connection closes in the middle of the answer"},
-    {FaultKind::kNoBlankLine,         "no-blank-line",         kAnswered, 0, true,
+    {FaultKind::kNoBlankLine,         "no-blank-line",         kHttpExchanges, 0, true,
      "the empty line between the head and the body of the answer is missing"},
-    {FaultKind::kNulBytes,            "nul-bytes",             kAnswered, kTakesBytes, true,
+    {FaultKind::kNulBytes,            "nul-bytes",             kHttpExchanges, kTakesBytes, true,
      "a zero byte stands in the middle of the answer"},
-    {FaultKind::kTwice,               "twice",                 kAnswered | bit(ExchangeKind::kNotification), 0, true,
+    {FaultKind::kTwice,               "twice",                 kHttpExchanges | bit(ExchangeKind::kNotification), 0, true,
      "the whole answer comes twice on the same connection; a notification is sent twice"},
-    {FaultKind::kHuge,                "huge",                  kAnswered, kTakesMegabytes, true,
+    {FaultKind::kHuge,                "huge",                  kHttpExchanges, kTakesMegabytes, true,
      "the body of the answer is followed by blanks up to a size of 1 GB"},
-    {FaultKind::kWrongType,           "wrong-type",            kAsked | kConfirming, 0, true,
+    {FaultKind::kWrongType,           "wrong-type",            kMessageExchanges | kConfirmations, 0, true,
      "the MSGTYPE of the message is another than expected"},
-    {FaultKind::kWrongSignature,      "wrong-signature",       kConfirming, 0, true,
+    {FaultKind::kWrongSignature,      "wrong-signature",       kConfirmations, 0, true,
      "one bit of the signature of the confirmation is wrong"},
-    {FaultKind::kWrongKey,            "wrong-key",             kConfirming | bit(ExchangeKind::kKeyQuery), 0, true,
+    {FaultKind::kWrongKey,            "wrong-key",             kConfirmations | bit(ExchangeKind::kKeyQuery), 0, true,
      "the confirmation is signed with another key than it names; a key query is answered with another key"},
     {FaultKind::kStaleKey,            "stale-key",
-     kConfirming | bit(ExchangeKind::kSetup) | bit(ExchangeKind::kKeyQuery), 0, true,
+     kConfirmations | bit(ExchangeKind::kSetup) | bit(ExchangeKind::kKeyQuery), 0, true,
      "an old identifier of the server's key is named, as after a rotation"},
 };
 // clang-format on
@@ -246,7 +247,7 @@ void checkFault(Fault const& fault) {
     checkRange(status >= 100 && status <= 999, "status", "between 100 and 999");
     std::int64_t const megabytes = megabytesOf(fault);
     checkRange(megabytes > 0 && megabytes <= kLargestMegabytes, "megabytes", "between 1 and 4096");
-    bool const before = row.m_Kind == FaultKind::kRefuse || row.m_Exchanges == kConnecting;
+    bool const before = row.m_Kind == FaultKind::kRefuse || row.m_Exchanges == kConnections;
     if (before && !fault.m_Order.empty()) {
         throw HttpError(std::string(row.m_Name) + " happens before the request is read, so it cannot be for one order");
     }

@@ -12,20 +12,20 @@ constexpr char kBlankLine[] = "\r\n\r\n";
 constexpr std::size_t kMegabyte = 1024 * 1024;
 
 /// Where the body begins; the end when there is none.
-std::size_t bodyOf(std::string const& answer) {
-    std::size_t const end = answer.find(kBlankLine);
-    return end == std::string::npos ? answer.size() : end + sizeof kBlankLine - 1;
+std::size_t bodyOf(std::string const& response) {
+    std::size_t const end = response.find(kBlankLine);
+    return end == std::string::npos ? response.size() : end + sizeof kBlankLine - 1;
 }
 
 /// How many bytes go before a fault in the middle of the answer: half of the body when it is not told.
-std::size_t bytesBefore(std::string const& answer, Fault const& fault) {
-    std::size_t const body = bodyOf(answer);
-    std::size_t const middle = body + (answer.size() - body) / 2;
-    return std::min(answer.size(), fault.m_Bytes ? static_cast<std::size_t>(*fault.m_Bytes) : middle);
+std::size_t bytesBefore(std::string const& response, Fault const& fault) {
+    std::size_t const body = bodyOf(response);
+    std::size_t const middle = body + (response.size() - body) / 2;
+    return std::min(response.size(), fault.m_Bytes ? static_cast<std::size_t>(*fault.m_Bytes) : middle);
 }
 
-void sendBytewise(Connection& connection, std::string const& answer, double seconds) {
-    for (char const& byte : answer) {
+void sendBytewise(Connection& connection, std::string const& response, double seconds) {
+    for (char const& byte : response) {
         if (!connection.write(&byte, 1)) {
             return;
         }
@@ -37,17 +37,17 @@ void sendBytewise(Connection& connection, std::string const& answer, double seco
 }
 
 /// Blanks after the body, in a head that has been made to agree with it.
-void sendHuge(Connection& connection, std::string const& answer, std::int64_t megabytes) {
+void sendHuge(Connection& connection, std::string const& response, std::int64_t megabytes) {
     std::size_t const size = static_cast<std::size_t>(megabytes) * kMegabyte;
-    std::size_t const body = bodyOf(answer);
-    std::string head = answer.substr(0, body);
+    std::size_t const body = bodyOf(response);
+    std::string head = response.substr(0, body);
     std::string const length = "Content-Length: ";
     std::size_t const at = head.find(length);
     if (at != std::string::npos) {
         std::size_t const from = at + length.size();
-        head.replace(from, head.find("\r\n", from) - from, std::to_string(std::max(size, answer.size() - body)));
+        head.replace(from, head.find("\r\n", from) - from, std::to_string(std::max(size, response.size() - body)));
     }
-    std::string const rest = answer.substr(body);
+    std::string const rest = response.substr(body);
     std::string const blanks(kMegabyte, ' ');
     bool going = connection.write(head.data(), head.size()) && connection.write(rest.data(), rest.size());
     for (std::size_t sent = rest.size(); going && sent < size; sent += blanks.size()) {
@@ -61,9 +61,9 @@ void send(Connection& connection, std::string const& text) {
 
 }  // namespace
 
-void deliver(Connection& connection, std::string const& answer, std::optional<Fault> const& fault) {
+void deliver(Connection& connection, std::string const& response, std::optional<Fault> const& fault) {
     if (!fault) {
-        send(connection, answer);
+        send(connection, response);
         return;
     }
     switch (fault->m_Kind) {
@@ -74,37 +74,37 @@ void deliver(Connection& connection, std::string const& answer, std::optional<Fa
             return;
         case FaultKind::kDelay:
             connection.pause(secondsOf(*fault));
-            send(connection, answer);
+            send(connection, response);
             return;
         case FaultKind::kStallBefore:
             connection.pauseWhileConnected(secondsOf(*fault));
             return;
         case FaultKind::kStallInside:
-            send(connection, answer.substr(0, bytesBefore(answer, *fault)));
+            send(connection, response.substr(0, bytesBefore(response, *fault)));
             connection.pauseWhileConnected(secondsOf(*fault));
             return;
         case FaultKind::kBytewise:
-            sendBytewise(connection, answer, secondsOf(*fault));
+            sendBytewise(connection, response, secondsOf(*fault));
             return;
         case FaultKind::kTruncate:
-            send(connection, answer.substr(0, bytesBefore(answer, *fault)));
+            send(connection, response.substr(0, bytesBefore(response, *fault)));
             return;
         case FaultKind::kNoBlankLine: {
-            std::size_t const body = bodyOf(answer);
-            send(connection, answer.substr(0, body - std::min<std::size_t>(body, 2)) + answer.substr(body));
+            std::size_t const body = bodyOf(response);
+            send(connection, response.substr(0, body - std::min<std::size_t>(body, 2)) + response.substr(body));
             return;
         }
         case FaultKind::kNulBytes:
-            send(connection, std::string(answer).insert(bytesBefore(answer, *fault), 1, '\0'));
+            send(connection, std::string(response).insert(bytesBefore(response, *fault), 1, '\0'));
             return;
         case FaultKind::kTwice:
-            send(connection, answer + answer);
+            send(connection, response + response);
             return;
         case FaultKind::kHuge:
-            sendHuge(connection, answer, megabytesOf(*fault));
+            sendHuge(connection, response, megabytesOf(*fault));
             return;
         default:
-            send(connection, answer);
+            send(connection, response);
     }
 }
 

@@ -9,9 +9,9 @@
 
 namespace sandbox {
 
-/// Sends `answer`, head and body, the way `fault` wants it. Faults that concern what an answer says are of no concern
+/// Sends `response`, head and body, the way `fault` wants it. Faults that concern what an answer says are of no concern
 /// here. Waits end early when the client goes or the service stops.
-void deliver(Connection& connection, std::string const& answer, std::optional<Fault> const& fault);
+void deliver(Connection& connection, std::string const& response, std::optional<Fault> const& fault);
 
 }  // namespace sandbox
 

@@ -38,14 +38,14 @@ public:
     ExchangeLog& operator=(ExchangeLog const&) = delete;
 
     /// Called with all bytes of the answer before it is sent.
-    virtual void answered(std::string const& answer) = 0;
+    virtual void responseReady(std::string const& response) = 0;
 
     /// Called when it has been sent, as far as it was.
-    virtual void delivered(Delivery const& delivery) = 0;
+    virtual void responseSent(Delivery const& delivery) = 0;
 };
 
 /// An answer. A non-empty `location` makes it a redirect.
-struct HttpReply {
+struct HttpResponse {
     int m_Status = 200;
     std::string m_ContentType;
     std::string m_Body;

@@ -50,30 +50,30 @@ std::optional<std::size_t> bodyBegin(std::string const& text) {
     return std::nullopt;
 }
 
-std::optional<int> statusOfAnswer(std::string const& answer) {
-    std::size_t const space = answer.find(' ');
-    if (answer.compare(0, 5, "HTTP/") != 0 || space > answer.find('\n') || !bodyBegin(answer)) {
+std::optional<int> statusOfResponse(std::string const& response) {
+    std::size_t const space = response.find(' ');
+    if (response.compare(0, 5, "HTTP/") != 0 || space > response.find('\n') || !bodyBegin(response)) {
         return std::nullopt;
     }
     int status = 0;
     std::from_chars_result const read =
-        std::from_chars(answer.data() + space + 1, answer.data() + answer.size(), status);
+        std::from_chars(response.data() + space + 1, response.data() + response.size(), status);
     return read.ec == std::errc() ? std::optional<int>(status) : std::nullopt;
 }
 
-bool isWholeAnswer(std::string const& answer) {
-    std::optional<std::size_t> const body = bodyBegin(answer);
+bool isCompleteResponse(std::string const& response) {
+    std::optional<std::size_t> const body = bodyBegin(response);
     std::string const name = "content-length:";
-    for (std::size_t at = answer.find('\n'); body && at + 1 < *body; at = answer.find('\n', at + 1)) {
-        char const* const line = answer.c_str() + at + 1;
+    for (std::size_t at = response.find('\n'); body && at + 1 < *body; at = response.find('\n', at + 1)) {
+        char const* const line = response.c_str() + at + 1;
         if (::strncasecmp(line, name.c_str(), name.size()) == 0) {
-            return std::strtoull(line + name.size(), nullptr, 10) <= answer.size() - *body;
+            return std::strtoull(line + name.size(), nullptr, 10) <= response.size() - *body;
         }
     }
     return false;
 }
 
-std::string textAnswer(int status, std::string const& text, std::string const& fields) {
+std::string textResponse(int status, std::string const& text, std::string const& fields) {
     return "HTTP/1.0 " + std::to_string(status) + " " + phraseOf(status) + "\r\nConnection: close\r\n" + fields +
            "Content-Type: text/plain; charset=utf-8\r\nContent-Length: " + std::to_string(text.size() + 1) +
            "\r\n\r\n" + text + "\n";

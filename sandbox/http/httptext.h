@@ -12,13 +12,13 @@ namespace sandbox {
 std::optional<std::size_t> bodyBegin(std::string const& text);
 
 /// The status of an answer; nothing while its head is not complete, or when it is none.
-std::optional<int> statusOfAnswer(std::string const& answer);
+std::optional<int> statusOfResponse(std::string const& response);
 
 /// Whether an answer has come as a whole, as its Content-Length tells; only the end tells that of one without.
-bool isWholeAnswer(std::string const& answer);
+bool isCompleteResponse(std::string const& response);
 
 /// A whole answer that tells people `text`. `fields` are further header lines, each with its line end.
-std::string textAnswer(int status, std::string const& text, std::string const& fields = "");
+std::string textResponse(int status, std::string const& text, std::string const& fields = "");
 
 }  // namespace sandbox
 

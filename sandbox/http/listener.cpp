@@ -21,39 +21,39 @@ constexpr std::size_t kLargestBody = 1024 * 1024;
 constexpr int kUnsupportedMediaType = 415;
 
 /// An answer that the HTTP library has no part in.
-std::string ownAnswer(char const* statusLine, std::string const& text) {
+std::string plainResponse(char const* statusLine, std::string const& text) {
     return std::string("HTTP/1.0 ") + statusLine +
            "\r\nConnection: close\r\nContent-Type: text/plain; charset=utf-8\r\nContent-Length: " +
            std::to_string(text.size()) + "\r\n\r\n" + text;
 }
 
-std::string longLineAnswer() {
-    return ownAnswer("414 URI Too Long", "The request line is too long.\n");
+std::string longLineResponse() {
+    return plainResponse("414 URI Too Long", "The request line is too long.\n");
 }
 
-std::string longRequestAnswer() {
-    return ownAnswer("413 Payload Too Large", "The request is too long.\n");
+std::string longRequestResponse() {
+    return plainResponse("413 Payload Too Large", "The request is too long.\n");
 }
 
 /// The exchange could not be stored, which the client has to know.
-std::string failureAnswer(std::string const& what) {
-    return ownAnswer("500 Internal Server Error", "The sandbox failed: " + what + "\n");
+std::string failureResponse(std::string const& what) {
+    return plainResponse("500 Internal Server Error", "The sandbox failed: " + what + "\n");
 }
 
-void fill(HttpReply const& reply, httplib::Response& response) {
-    response.status = reply.m_Status;
-    if (!reply.m_Location.empty()) {
-        response.set_redirect(reply.m_Location, reply.m_Status);
+void fill(HttpResponse const& response, httplib::Response& to) {
+    to.status = response.m_Status;
+    if (!response.m_Location.empty()) {
+        to.set_redirect(response.m_Location, response.m_Status);
     }
-    if (!reply.m_Allow.empty()) {
-        response.set_header("Allow", reply.m_Allow);
+    if (!response.m_Allow.empty()) {
+        to.set_header("Allow", response.m_Allow);
     }
-    response.set_header("Cache-Control", "no-store");
-    response.set_header("Content-Security-Policy",
-                        "default-src 'none'; style-src 'unsafe-inline'; frame-ancestors 'none'; base-uri 'none'");
-    response.set_header("Referrer-Policy", "no-referrer");
-    response.set_header("X-Content-Type-Options", "nosniff");
-    response.set_content(reply.m_Body, reply.m_ContentType);
+    to.set_header("Cache-Control", "no-store");
+    to.set_header("Content-Security-Policy",
+                  "default-src 'none'; style-src 'unsafe-inline'; frame-ancestors 'none'; base-uri 'none'");
+    to.set_header("Referrer-Policy", "no-referrer");
+    to.set_header("X-Content-Type-Options", "nosniff");
+    to.set_content(response.m_Body, response.m_ContentType);
 }
 
 /// The library would compress the answer for who accepts that, and then neither the record of the exchange nor a fault
@@ -65,8 +65,8 @@ void acceptNoCoding(httplib::Request const& request) {
 /// What the library does not hand to its handlers: one request while it is answered by its thread.
 struct Turn {
     RequestStream const& m_Stream;
-    std::string const& m_Target;  ///< As it came.
-    HttpReply m_Reply = {};       ///< Of the handler; as it was born when the library answers by itself.
+    std::string const& m_Target;          ///< As it came.
+    HttpResponse m_HandlerResponse = {};  ///< Of the handler; as it was born when the library answers by itself.
 };
 thread_local Turn* t_Turn = nullptr;
 
@@ -81,18 +81,18 @@ public:
                                                                                     httplib::Response& response,
                                                                                     std::string const& body) {
             RequestLine const line{request.method, t_Turn->m_Target, request.version};
-            t_Turn->m_Reply =
+            t_Turn->m_HandlerResponse =
                 handler({request.method, line.path(), line.query(), request.get_header_value("Authorization"),
                          request.get_header_value("Content-Type"), body, base, t_Turn->m_Stream.received(),
                          request.get_header_value("Host")});
-            fill(t_Turn->m_Reply, response);
+            fill(t_Turn->m_HandlerResponse, response);
             acceptNoCoding(request);
         };
-        auto const answer = [respond](httplib::Request const& request, httplib::Response& response) {
+        auto const handle = [respond](httplib::Request const& request, httplib::Response& response) {
             respond(request, response, "");
         };
         // The library by itself refuses forms of more than 8 KB, and waits for a body where none is announced.
-        auto const answerWithBody = [respond](httplib::Request const& request, httplib::Response& response,
+        auto const handleWithBody = [respond](httplib::Request const& request, httplib::Response& response,
                                               httplib::ContentReader const& read) {
             std::string body;
             auto const keep = [&body](char const* piece, std::size_t size) {
@@ -109,12 +109,12 @@ public:
             }
         };
         constexpr char kAny[] = ".*";
-        Get(kAny, answer);
-        Post(kAny, answerWithBody);
-        Put(kAny, answerWithBody);
-        Patch(kAny, answerWithBody);
-        Delete(kAny, answerWithBody);
-        Options(kAny, answer);
+        Get(kAny, handle);
+        Post(kAny, handleWithBody);
+        Put(kAny, handleWithBody);
+        Patch(kAny, handleWithBody);
+        Delete(kAny, handleWithBody);
+        Options(kAny, handle);
         set_payload_max_length(kLargestBody);
         set_error_handler([](httplib::Request const&, httplib::Response& response) {
             if (response.body.empty()) {
@@ -125,7 +125,7 @@ public:
     }
 
     /// Answers the request whose beginning, at least its first line, is `text`.
-    void answer(Connection& connection, std::string text) {
+    void handle(Connection& connection, std::string text) {
         std::string const begin = text;
         std::string target;
         std::size_t const lineEnd = text.find('\n');
@@ -143,21 +143,21 @@ public:
         process_request(stream, true, closed, nullptr);
         t_Turn = nullptr;
         if (stream.isTooLong()) {
-            deliver(connection, longRequestAnswer(), std::nullopt);
+            deliver(connection, longRequestResponse(), std::nullopt);
             return;
         }
         try {
-            if (turn.m_Reply.m_Log) {
-                turn.m_Reply.m_Log->answered(stream.written());
+            if (turn.m_HandlerResponse.m_Log) {
+                turn.m_HandlerResponse.m_Log->responseReady(stream.written());
             }
         } catch (std::exception const& failure) {
-            deliver(connection, failureAnswer(failure.what()), std::nullopt);
+            deliver(connection, failureResponse(failure.what()), std::nullopt);
             return;
         }
         std::size_t const before = connection.written();
-        deliver(connection, stream.written(), turn.m_Reply.m_Fault);
-        if (turn.m_Reply.m_Log) {
-            turn.m_Reply.m_Log->delivered({connection.written() - before, connection.isReset()});
+        deliver(connection, stream.written(), turn.m_HandlerResponse.m_Fault);
+        if (turn.m_HandlerResponse.m_Log) {
+            turn.m_HandlerResponse.m_Log->responseSent({connection.written() - before, connection.isReset()});
         }
     }
 };
@@ -209,10 +209,10 @@ void Listener::serve(int socket) {
     }
     std::string text = readFirstLine(connection);
     if (text.size() > kLongestRequestLine && text.find('\n') == std::string::npos) {
-        deliver(connection, longLineAnswer(), std::nullopt);
+        deliver(connection, longLineResponse(), std::nullopt);
         return;
     }
-    m_Server->answer(connection, std::move(text));
+    m_Server->handle(connection, std::move(text));
 }
 
 }  // namespace sandbox

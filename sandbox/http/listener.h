@@ -18,7 +18,7 @@ namespace sandbox {
 class Listener {
 public:
     /// Called by several threads at once; must not throw.
-    using Handler = std::function<HttpReply(HttpRequest const& request)>;
+    using Handler = std::function<HttpResponse(HttpRequest const& request)>;
 
     /// Takes the port (0 picks one); connections wait until start(). `tls` is null for plain HTTP, `faults` for a port
     /// whose connections never fail; both are borrowed. A request that is not complete after `timeout` is given up.

@@ -98,11 +98,11 @@ Outcome carry(Flow& up, Flow& down, RelayTimeouts const& timeouts, EndSignal con
             waitFor(up.from(), up.wantsToRead() && !stopping, down.wantsToWrite()),
             waitFor(up.to(), down.wantsToRead() && up.started(), up.wantsToWrite()),
         };
-        bool const answering = down.started() && down.to() != Flow::kNowhere;
+        bool const responding = down.started() && down.to() != Flow::kNowhere;
         if (up.ended()) {
             quietUntil = EndSignal::Clock::now() + timeouts.m_IdleTimeout;
         }
-        switch (ending.await(waits, answering ? quietUntil : std::min(timeouts.m_ResponseBy, quietUntil))) {
+        switch (ending.await(waits, responding ? quietUntil : std::min(timeouts.m_ResponseBy, quietUntil))) {
             case EndSignal::Wait::kReady:
                 break;
             case EndSignal::Wait::kTimedOut:

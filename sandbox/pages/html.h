@@ -28,8 +28,8 @@ struct FrameParts {
 
 /// A whole page around `content`, which is HTML. `title` is text, and the heading of the page too. The frame says in
 /// `language` that this is a sandbox.
-HttpReply htmlPage(int status, std::string const& title, std::string const& content,
-                   Language const& language = languageFor("en"), FrameParts const& parts = {});
+HttpResponse htmlPage(int status, std::string const& title, std::string const& content,
+                      Language const& language = languageFor("en"), FrameParts const& parts = {});
 
 /// The elements that the pages share. Arguments are text unless they are called `content`, which is HTML.
 std::string paragraph(std::string const& text);

@@ -70,8 +70,8 @@ constexpr char kPolicy[] = "default-src 'none'; style-src 'unsafe-inline'";
 
 }  // namespace
 
-HttpReply htmlPage(int status, std::string const& title, std::string const& content, Language const& language,
-                   FrameParts const& parts) {
+HttpResponse htmlPage(int status, std::string const& title, std::string const& content, Language const& language,
+                      FrameParts const& parts) {
     std::string const shown = escapeHtml(title);
     std::string html = std::string("<!DOCTYPE html>\n<html lang=\"") + language.m_Tag + "\">\n";
     html += "<head>\n<meta charset=\"utf-8\"/>\n";

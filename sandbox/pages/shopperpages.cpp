@@ -55,7 +55,7 @@ std::string decisionForm(StoredPayment const& stored, Language const& language) 
 
 }  // namespace
 
-HttpReply paymentPage(StoredPayment const& stored, std::string const& customer) {
+HttpResponse paymentPage(StoredPayment const& stored, std::string const& customer) {
     Payment const& payment = stored.m_Payment;
     Language const& language = languageFor(valueOr(payment, "LANGID", ""));
     return htmlPage(200, language[PageText::kTitle],

@@ -14,20 +14,21 @@
 namespace sandbox {
 
 /// The page on which the shopper decides, in the language of LANGID.
-HttpReply paymentPage(StoredPayment const& stored, std::string const& customer);
+HttpResponse paymentPage(StoredPayment const& stored, std::string const& customer);
 
 /// Tells why a request was turned down, shows the message it held, and says what the merchant can do.
-HttpReply errorPage(int status, std::string const& reason, Exchange const& exchange);
+HttpResponse errorPage(int status, std::string const& reason, Exchange const& exchange);
 
 /// The same for a payment on which nobody can decide any more, with a link to `address` unless that is empty.
-HttpReply decidedPage(int status, StoredPayment const& stored, std::string const& reason, std::string const& address);
+HttpResponse decidedPage(int status, StoredPayment const& stored, std::string const& reason,
+                         std::string const& address);
 
 /// Tells the outcome of a payment whose merchant gave no link to return to. `signedQuery` is what such a link would
 /// have been given.
-HttpReply outcomePage(Payment const& payment, std::string const& signedQuery);
+HttpResponse outcomePage(Payment const& payment, std::string const& signedQuery);
 
 /// Where shoppers end whose merchant uses the default links. A query that cannot be read gives the error page.
-HttpReply returnedPage(HttpRequest const& request);
+HttpResponse returnedPage(HttpRequest const& request);
 
 /// AMOUNT and CURRENCY, as far as they are there; `notGiven` stands for the amount.
 std::string amountText(Payment const& payment, std::string const& notGiven);

@@ -60,7 +60,7 @@ std::string signedSections(std::string const& signedQuery) {
 
 }  // namespace
 
-HttpReply errorPage(int status, std::string const& reason, Exchange const& exchange) {
+HttpResponse errorPage(int status, std::string const& reason, Exchange const& exchange) {
     bool const hasMessage = !exchange.m_Data.empty();
     return htmlPage(status, "The request was turned down",
                     section("reason", "Why", paragraph(reason)) +
@@ -69,7 +69,8 @@ HttpReply errorPage(int status, std::string const& reason, Exchange const& excha
                         (exchange.m_Signature.empty() ? "" : signatureSection(exchange.m_Signature)));
 }
 
-HttpReply decidedPage(int status, StoredPayment const& stored, std::string const& reason, std::string const& address) {
+HttpResponse decidedPage(int status, StoredPayment const& stored, std::string const& reason,
+                         std::string const& address) {
     bool const tooLate = stored.m_Payment.m_State == PaymentState::kExpired;
     std::string const link = "<p><a href=\"" + escapeHtml(address) + "\">Back to the shop</a></p>\n";
     return htmlPage(status, tooLate ? "The payment has expired" : "The payment is decided already",
@@ -77,13 +78,13 @@ HttpReply decidedPage(int status, StoredPayment const& stored, std::string const
                         messageSections(stored.m_Message));
 }
 
-HttpReply outcomePage(Payment const& payment, std::string const& signedQuery) {
+HttpResponse outcomePage(Payment const& payment, std::string const& signedQuery) {
     return htmlPage(200, "The payment is " + std::string(stateName(payment.m_State)),
                     paragraph("The merchant gave no link to return to. This is what such a link would have carried.") +
                         signedSections(signedQuery) + section("query", "As a query", verbatim(signedQuery)));
 }
 
-HttpReply returnedPage(HttpRequest const& request) {
+HttpResponse returnedPage(HttpRequest const& request) {
     try {
         return htmlPage(200, "Back at the shop",
                         paragraph("The shop would go on here: it verifies this message and looks at its RESULT. "

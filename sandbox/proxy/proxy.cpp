@@ -33,13 +33,13 @@ constexpr int kTooLate = 504;
 constexpr char kEstablished[] = "HTTP/1.0 200 Connection established\r\n\r\n";
 
 /// What comes instead of the answer when nothing is to be asked of the target.
-std::string failingAnswer(Fault const& fault) {
+std::string faultResponse(Fault const& fault) {
     switch (fault.m_Kind) {
         case FaultKind::kProxyAuthentication:
-            return textAnswer(kAuthenticate, "the proxy asks for credentials",
-                              "Proxy-Authenticate: Basic realm=\"sandbox\"\r\n");
+            return textResponse(kAuthenticate, "the proxy asks for credentials",
+                                "Proxy-Authenticate: Basic realm=\"sandbox\"\r\n");
         case FaultKind::kHttpStatus:
-            return textAnswer(statusOf(fault), textOf(fault));
+            return textResponse(statusOf(fault), textOf(fault));
         default:
             return "";
     }
@@ -87,20 +87,20 @@ public:
         try {
             std::string text = readFirstLine(m_Connection);
             if (!text.empty()) {
-                answerOrRefuse(std::move(text));
+                handleOrRefuse(std::move(text));
             }
         } catch (std::exception const& failure) {
-            if (m_Answering) {
+            if (m_Responding) {
                 m_Connection.reset();
                 return;
             }
-            deliver(m_Connection, textAnswer(kFailed, std::string("The sandbox failed: ") + failure.what()),
+            deliver(m_Connection, textResponse(kFailed, std::string("The sandbox failed: ") + failure.what()),
                     std::nullopt);
         }
     }
 
 private:
-    void answerOrRefuse(std::string text) {
+    void handleOrRefuse(std::string text) {
         try {
             m_Exchange.m_Request = keptRequest(text.substr(0, text.find('\n')));
             if (text.size() > kLongestRequestLine && text.find('\n') == std::string::npos) {
@@ -109,14 +109,14 @@ private:
             ProxyRequest const request = readProxyRequest(m_Connection, std::move(text));
             m_Begin = Clock::now();
             m_Exchange.m_Request = keptRequest(request.m_Line + request.m_Fields + request.m_Ahead);
-            request.m_Method == "CONNECT" ? answerConnect(request) : answerPlain(request);
+            request.m_Method == "CONNECT" ? handleConnect(request) : handlePlain(request);
         } catch (HttpError const& error) {
             m_Exchange.m_Verdict = error.what();
-            answer(textAnswer(error.status(), error.what()));
+            send(textResponse(error.status(), error.what()));
         }
     }
 
-    void answerConnect(ProxyRequest const& request) {
+    void handleConnect(ProxyRequest const& request) {
         HostPort const hostPort = parseHostPort(request.m_Target, std::nullopt);
         m_Exchange.m_Path = keptText("CONNECT " + hostPort.text());
         if (!failsBefore()) {
@@ -124,7 +124,7 @@ private:
         }
     }
 
-    void answerPlain(ProxyRequest const& request) {
+    void handlePlain(ProxyRequest const& request) {
         HttpAddress const address = parseHttpAddress(request.m_Target);
         m_Exchange.m_Path = keptText(request.m_Target.substr(0, request.m_Target.find('?')));
         if (!failsBefore()) {
@@ -143,7 +143,7 @@ private:
             return false;
         }
         m_Exchange.m_Verdict = "not looked at";
-        answer(failingAnswer(*m_Fault));
+        send(faultResponse(*m_Fault));
         return true;
     }
 
@@ -153,7 +153,7 @@ private:
             // Unless told otherwise the middle of an answer is that of its body, and here is none.
             m_Fault->m_Bytes = sizeof kEstablished / 2;
         }
-        answer(kEstablished);
+        send(kEstablished);
         if (m_Fault && !leavesTunnel(m_Fault->m_Kind)) {
             return;
         }
@@ -167,40 +167,40 @@ private:
     }
 
     void forward(HttpAddress const& address, ProxyRequest const& request) {
-        Clock::time_point const answerBy = Clock::now() + m_Timeout;
-        LocalSocket const target(address.m_HostPort, answerBy, m_Ending);
+        Clock::time_point const responseBy = Clock::now() + m_Timeout;
+        LocalSocket const target(address.m_HostPort, responseBy, m_Ending);
         std::string const head = request.m_Method + " " + address.m_Target + " HTTP/1.0\r\n" + request.m_Fields;
         Flow up(m_Connection.socket(), target.get(), head + request.m_Ahead, Flow::AtEnd::kTell);
         // An answer that a fault happens to is collected first; any other goes on as it comes.
         Flow down(target.get(), m_Fault ? Flow::kNowhere : m_Connection.socket(), "", Flow::AtEnd::kLeave);
-        Outcome const outcome = carry(up, down, {answerBy, m_Timeout}, m_Ending);
+        Outcome const outcome = carry(up, down, {responseBy, m_Timeout}, m_Ending);
         std::string const body = up.begin().size() > head.size() ? up.begin().substr(head.size()) : "";
         m_Exchange.m_Request = keptRequest(request.m_Line + request.m_Fields + body);
         finish(outcome, address.m_HostPort, down.begin());
     }
 
-    /// `answered` has been sent unless there is a fault.
-    void finish(Outcome outcome, HostPort const& hostPort, std::string const& answered) {
+    /// `received` has been sent unless there is a fault.
+    void finish(Outcome outcome, HostPort const& hostPort, std::string const& received) {
         bool const lost = outcome == Outcome::kClientLost || outcome == Outcome::kTargetLost;
-        m_Answering = !m_Fault && !answered.empty();
+        m_Responding = !m_Fault && !received.empty();
         if (outcome == Outcome::kComplete && m_Fault) {
-            answer(answered);
+            send(received);
         } else if (outcome == Outcome::kComplete) {
-            storeExchange(answered);
-        } else if (lost || m_Answering) {
+            storeExchange(received);
+        } else if (lost || m_Responding) {
             // A client that found a mere end would take what it has for all of it.
             m_Connection.reset();
             m_Exchange.m_Verdict = lossOf(outcome);
-            storeExchange(answered);
+            storeExchange(received);
         } else {
             throw errorFor(outcome, hostPort);
         }
     }
 
     /// Records the exchange and sends the answer the way the fault wants it.
-    void answer(std::string const& text) {
+    void send(std::string const& text) {
         storeExchange(text);
-        m_Answering = true;
+        m_Responding = true;
         deliver(m_Connection, text, m_Fault);
         if (m_Fault) {
             m_Services.m_Store.noteDelivery(
@@ -209,8 +209,8 @@ private:
         }
     }
 
-    void storeExchange(std::string const& answer) {
-        m_Exchange.m_Answer = keptText(answer);
+    void storeExchange(std::string const& response) {
+        m_Exchange.m_Response = keptText(response);
         m_Exchange.m_Microseconds = microsecondsSince(m_Begin);
         m_Exchange.m_Number = m_Services.m_Store.addExchange(m_Exchange);
     }
@@ -222,7 +222,7 @@ private:
     Clock::time_point m_Begin = Clock::now();  ///< When the request was complete.
     Exchange m_Exchange;
     std::optional<Fault> m_Fault;
-    bool m_Answering = false;  ///< Something of the answer has been sent.
+    bool m_Responding = false;  ///< Something of the answer has been sent.
 };
 
 }  // namespace

@@ -32,22 +32,22 @@ struct AutoRequest {
     }
 };
 
-Message answerSetup(AutoRequest const& request) {
+Message setupResponse(AutoRequest const& request) {
     request.m_Message.require("VERSION");
-    Message answer("SetupResponse");
-    answer.set("VERSION", "1")
+    Message response("SetupResponse");
+    response.set("VERSION", "1")
         .set("VTURL", request.m_BaseUrl + "/pay")
         .set("CAPTUREURL", request.m_BaseUrl + "/capture")
         .set("KVX.VTAUTOURL", request.m_BaseUrl + "/auto")
         .set("VTKEYID", request.serverKeyId())
         .set("CUSTOMERID", request.m_Services.m_Store.customerOf(request.m_Account));
-    return answer;
+    return response;
 }
 
-Message answerLoadDefaults(AutoRequest const& request) {
+Message defaultsResponse(AutoRequest const& request) {
     std::string const returned = request.m_BaseUrl + "/returned";
-    Message answer("LoadDefaultsResponse");
-    answer.set("KVX.ISVALID", "yes")
+    Message response("LoadDefaultsResponse");
+    response.set("KVX.ISVALID", "yes")
         .set("PAYINITTTL", "3600")
         .set("ALLOWCOLLECT", "yes")
         .set("DELIVERY", "no")
@@ -57,7 +57,7 @@ Message answerLoadDefaults(AutoRequest const& request) {
         .set("DEFAULTVALIDITY", "86400")
         .set("BACKLINK", returned)
         .set("FAILLINK", returned);
-    return answer;
+    return response;
 }
 
 /// The key that a query is answered with.
@@ -77,11 +77,11 @@ KeyRing::Key queriedKey(AutoRequest const& request) {
     return key;
 }
 
-Message answerKeyQuery(AutoRequest const& request) {
+Message keyQueryResponse(AutoRequest const& request) {
     KeyRing::Key const key = queriedKey(request);
-    Message answer("KeyQueryResponse");
-    answer.set("KEYID", key->m_Id).set("KEYBLOB", publicKeyBlob(key->m_Key.get()));
-    return answer;
+    Message response("KeyQueryResponse");
+    response.set("KEYID", key->m_Id).set("KEYBLOB", publicKeyBlob(key->m_Key.get()));
+    return response;
 }
 
 /// The other side uses the identifier as the name of a file.
@@ -99,7 +99,7 @@ void checkKeyId(std::string const& keyId) {
     }
 }
 
-Message answerKeyExport(AutoRequest const& request) {
+Message keyExportResponse(AutoRequest const& request) {
     std::string const keyId = request.m_Message.require("KEYID");
     std::string const blob = request.m_Message.require("KEYBLOB");
     checkKeyId(keyId);
@@ -110,9 +110,9 @@ Message answerKeyExport(AutoRequest const& request) {
     if (taken) {
         throw HttpError("KEYID '" + keyId + "' stands for another key already");
     }
-    Message answer("KeyExportResponse");
-    answer.set("KEYID", keyId);
-    return answer;
+    Message response("KeyExportResponse");
+    response.set("KEYID", keyId);
+    return response;
 }
 
 /// The account that the credentials open. Throws HttpError.
@@ -132,21 +132,21 @@ std::string checkCredentials(Services const& services, std::string const& header
 
 struct AutoRow {
     char const* m_Type;
-    Message (*m_Answer)(AutoRequest const& request);
+    Message (*m_Handler)(AutoRequest const& request);
 };
 
 // clang-format off
 constexpr AutoRow kRequests[] = {
-    {"SetupRequest",        answerSetup},
-    {"LoadDefaultsRequest", answerLoadDefaults},
-    {"KeyQueryRequest",     answerKeyQuery},
-    {"KeyExportRequest",    answerKeyExport},
+    {"SetupRequest",        setupResponse},
+    {"LoadDefaultsRequest", defaultsResponse},
+    {"KeyQueryRequest",     keyQueryResponse},
+    {"KeyExportRequest",    keyExportResponse},
 };
 // clang-format on
 
 }  // namespace
 
-HttpReply answerAuto(RequestContext const& context) {
+HttpResponse handleAuto(RequestContext const& context) {
     std::string const text = takeData(context);
     std::string const account = checkCredentials(context.m_Services, context.m_Request.m_Authorization);
     context.m_Exchange.m_Steps.push_back({"The credentials are right", "account " + account});
@@ -154,7 +154,7 @@ HttpReply answerAuto(RequestContext const& context) {
     context.m_Exchange.m_Steps.push_back({"DATA is a message", message.type()});
     for (AutoRow const& row : kRequests) {
         if (message.type() == row.m_Type) {
-            return messageReply(row.m_Answer({context, message, account}).text());
+            return messageResponse(row.m_Handler({context, message, account}).text());
         }
     }
     throw HttpError("the configuration service knows no request '" + message.type() + "'");

@@ -81,51 +81,51 @@ Payment lead(CaptureRequest const& request, std::vector<PaymentState> const& fro
     throw HttpError("the payment is " + std::string(stateName(now.m_State)) + ", it cannot be " + stateName(to));
 }
 
-Message answerConfirm(CaptureRequest const& request) {
+Message handleConfirm(CaptureRequest const& request) {
     // Completing a payment settles it as well, so a capture that comes after it finds it done.
     Payment const captured = lead(request, {PaymentState::kAuthorised}, PaymentState::kCaptured,
                                   {PaymentState::kCaptured, PaymentState::kCompleted}, "captured by the merchant");
     return confirmation(request.m_Services, captured, stateName(PaymentState::kCaptured));
 }
 
-Message statusAnswer(char const* type, Payment const& payment) {
-    Message answer(type);
-    answer.set("ID", payment.m_Id).set("TOKEN", payment.m_Token).set("STATE", stateName(payment.m_State));
-    return answer;
+Message statusResponse(char const* type, Payment const& payment) {
+    Message response(type);
+    response.set("ID", payment.m_Id).set("TOKEN", payment.m_Token).set("STATE", stateName(payment.m_State));
+    return response;
 }
 
-Message answerComplete(CaptureRequest const& request) {
+Message handleComplete(CaptureRequest const& request) {
     request.m_Sent.m_Message.require("ID");
-    return statusAnswer("PayCompleteResponse",
-                        lead(request, {PaymentState::kAuthorised, PaymentState::kCaptured}, PaymentState::kCompleted,
-                             {PaymentState::kCompleted}, "completed by the merchant"));
+    return statusResponse("PayCompleteResponse",
+                          lead(request, {PaymentState::kAuthorised, PaymentState::kCaptured}, PaymentState::kCompleted,
+                               {PaymentState::kCompleted}, "completed by the merchant"));
 }
 
-Message answerStatus(CaptureRequest const& request) {
+Message handleStatus(CaptureRequest const& request) {
     expireWhenOverdue(request.m_Services, namedPayment(request));
-    return statusAnswer("StatusResponse", namedPayment(request));
+    return statusResponse("StatusResponse", namedPayment(request));
 }
 
 struct CaptureRow {
     char const* m_Type;
-    Message (*m_Answer)(CaptureRequest const& request);
+    Message (*m_Handler)(CaptureRequest const& request);
 };
 
 // clang-format off
 constexpr CaptureRow kRequests[] = {
-    {"PayConfirm",         answerConfirm},
-    {"PayCompleteRequest", answerComplete},
-    {"StatusRequest",      answerStatus},
+    {"PayConfirm",         handleConfirm},
+    {"PayCompleteRequest", handleComplete},
+    {"StatusRequest",      handleStatus},
 };
 // clang-format on
 
 }  // namespace
 
-HttpReply answerCapture(RequestContext const& context) {
+HttpResponse handleCapture(RequestContext const& context) {
     SignedMessage const sent = openSignedMessage(context);
     for (CaptureRow const& row : kRequests) {
         if (sent.m_Message.type() == row.m_Type) {
-            return messageReply(row.m_Answer({context.m_Services, sent}).text());
+            return messageResponse(row.m_Handler({context.m_Services, sent}).text());
         }
     }
     throw HttpError("the capture service knows no request '" + sent.m_Message.type() + "'");

@@ -153,8 +153,8 @@ std::string reasonToRefuse(Services const& services, Payment const& payment) {
 }
 
 /// The page of a payment on which nobody can decide any more: there is nothing to do but to go back to the shop.
-HttpReply answerDecided(RequestContext const& context, int status, StoredPayment const& stored,
-                        std::string const& reason) {
+HttpResponse decidedResponse(RequestContext const& context, int status, StoredPayment const& stored,
+                             std::string const& reason) {
     Payment const& payment = stored.m_Payment;
     context.m_Exchange.m_Verdict = reason;
     context.m_Exchange.m_Steps.push_back({"Turned down", reason, false});
@@ -167,7 +167,7 @@ HttpReply answerDecided(RequestContext const& context, int status, StoredPayment
 
 }  // namespace
 
-HttpReply answerPay(RequestContext const& context) {
+HttpResponse handlePay(RequestContext const& context) {
     Services const& services = context.m_Services;
     SignedMessage const sent = openSignedMessage(context);
     if (sent.m_Message.type() != "PayInit") {
@@ -188,12 +188,12 @@ HttpReply answerPay(RequestContext const& context) {
     }
     // The same message again is the shopper reloading the page, or one whose way back to the shop was lost.
     if (payment.m_State != PaymentState::kOpened) {
-        return answerDecided(context, kBadRequest, stored, reasonToRefuse(services, payment));
+        return decidedResponse(context, kBadRequest, stored, reasonToRefuse(services, payment));
     }
     return paymentPage(stored, services.m_Store.customerOf(payment.m_Account));
 }
 
-HttpReply answerDecision(RequestContext const& context) {
+HttpResponse handleDecision(RequestContext const& context) {
     Services const& services = context.m_Services;
     Query const form(context.m_Request.m_Body);
     Decision const& wanted = namedDecision(form.value("decision").value_or(""));
@@ -204,8 +204,8 @@ HttpReply answerDecision(RequestContext const& context) {
     Decision const* const decision = decide(services, payment, wanted);
     if (decision == nullptr) {
         payment.m_State = presentState(services, payment);
-        return answerDecided(context, kConflict, stored,
-                             "the payment is " + std::string(stateName(payment.m_State)) + " already");
+        return decidedResponse(context, kConflict, stored,
+                               "the payment is " + std::string(stateName(payment.m_State)) + " already");
     }
     payment.m_State = decision->m_State;
     std::string const query = signedConfirmation(services, payment, stateName(decision->m_State), context.m_Fault);

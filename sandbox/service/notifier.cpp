@@ -39,7 +39,7 @@ std::optional<std::string> whyUnreachable(std::string const& address) {
 }
 
 /// What is wrong with an answer that has no status.
-std::string whyNoStatus(Outcome outcome, std::string const& answer) {
+std::string whyNoStatus(Outcome outcome, std::string const& response) {
     switch (outcome) {
         case Outcome::kTargetLost:
             return "the merchant reset the connection";
@@ -48,8 +48,8 @@ std::string whyNoStatus(Outcome outcome, std::string const& answer) {
         case Outcome::kStopped:
             return "the sandbox stopped before the merchant answered";
         default:
-            return answer.empty() ? "the merchant closed the connection without an answer"
-                                  : "the merchant's answer is not a complete one of HTTP";
+            return response.empty() ? "the merchant closed the connection without an answer"
+                                    : "the merchant's answer is not a complete one of HTTP";
     }
 }
 
@@ -60,7 +60,7 @@ std::string requestText(HttpAddress const& address) {
 
 /// What came of one request to a merchant.
 struct Attempt {
-    std::string m_Answer = {};
+    std::string m_Response = {};
     std::optional<int> m_Status = {};
     std::string m_Verdict = {};  ///< "ok", or what is wrong.
 
@@ -74,12 +74,12 @@ Attempt sendRequest(HttpAddress const& address, std::chrono::milliseconds timeou
         LocalSocket const socket(address.m_HostPort, deadline, ending);
         Flow up(Flow::kNowhere, socket.get(), requestText(address), Flow::AtEnd::kLeave);
         Flow down(socket.get(), Flow::kNowhere, "", Flow::AtEnd::kLeave);
-        down.endWhen(isWholeAnswer);
+        down.endWhen(isCompleteResponse);
         Outcome const outcome = carry(up, down, {deadline, timeout}, ending);
-        attempt.m_Answer = down.begin();
-        attempt.m_Status = statusOfAnswer(attempt.m_Answer);
+        attempt.m_Response = down.begin();
+        attempt.m_Status = statusOfResponse(attempt.m_Response);
         attempt.m_Verdict = attempt.m_Status ? "the merchant answered " + std::to_string(*attempt.m_Status)
-                                             : whyNoStatus(outcome, attempt.m_Answer);
+                                             : whyNoStatus(outcome, attempt.m_Response);
     } catch (HttpError const& error) {
         attempt.m_Verdict = error.what();
     }
@@ -97,7 +97,7 @@ Attempt sendLogged(Services const& services, HttpAddress const& address, std::ch
     Clock::time_point const begin = Clock::now();
     Attempt attempt = sendRequest(address, timeout, ending);
     exchange.m_Microseconds = microsecondsSince(begin);
-    exchange.m_Answer = keptText(attempt.m_Answer);
+    exchange.m_Response = keptText(attempt.m_Response);
     exchange.m_Verdict = attempt.m_Verdict;
     services.m_Store.addExchange(exchange);
     return attempt;

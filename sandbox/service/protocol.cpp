@@ -27,16 +27,16 @@ enum class ErrorForm { kErrorMessage, kPage };
 struct Endpoint {
     char const* m_Method;
     char const* m_Path;
-    HttpReply (*m_Answer)(RequestContext const& context);
+    HttpResponse (*m_Handler)(RequestContext const& context);
     ErrorForm m_ErrorForm;
 };
 
 // clang-format off
 constexpr Endpoint kEndpoints[] = {
-    {"GET",  "/auto",         answerAuto,     ErrorForm::kErrorMessage},
-    {"GET",  "/pay",          answerPay,      ErrorForm::kPage},
-    {"POST", "/pay/decision", answerDecision, ErrorForm::kPage},
-    {"GET",  "/capture",      answerCapture,  ErrorForm::kErrorMessage},
+    {"GET",  "/auto",         handleAuto,     ErrorForm::kErrorMessage},
+    {"GET",  "/pay",          handlePay,      ErrorForm::kPage},
+    {"POST", "/pay/decision", handleDecision, ErrorForm::kPage},
+    {"GET",  "/capture",      handleCapture,  ErrorForm::kErrorMessage},
 };
 // clang-format on
 
@@ -60,7 +60,7 @@ constexpr TypeRow kTypes[] = {
 
 /// The payment page is asked for whatever the message is; elsewhere its type tells.
 ExchangeKind kindOf(Endpoint const& endpoint, Message const& message) {
-    if (endpoint.m_Answer == answerPay) {
+    if (endpoint.m_Handler == handlePay) {
         return ExchangeKind::kPage;
     }
     for (TypeRow const& row : kTypes) {
@@ -81,8 +81,8 @@ std::string orderOf(Services const& services, Message const& message) {
 /// Notes what the request is about, from what it says of itself. What cannot be read stays unnoted: telling what is
 /// wrong with the request comes later.
 void identify(Services const& services, Endpoint const& endpoint, HttpRequest const& request, Exchange& exchange) {
-    exchange.m_Kind = endpoint.m_Answer == answerPay ? ExchangeKind::kPage : ExchangeKind::kOther;
-    if (endpoint.m_Answer == answerDecision) {
+    exchange.m_Kind = endpoint.m_Handler == handlePay ? ExchangeKind::kPage : ExchangeKind::kOther;
+    if (endpoint.m_Handler == handleDecision) {
         exchange.m_Kind = ExchangeKind::kDecision;
     }
     try {
@@ -100,9 +100,9 @@ void identify(Services const& services, Endpoint const& endpoint, HttpRequest co
 }
 
 /// What comes instead of the answer when the request is not to be carried out.
-HttpReply failingReply(Fault const& fault) {
+HttpResponse faultResponse(Fault const& fault) {
     if (fault.m_Kind == FaultKind::kError) {
-        return messageReply(errorMessage(textOf(fault)));
+        return messageResponse(errorMessage(textOf(fault)));
     }
     if (fault.m_Kind == FaultKind::kHttpStatus) {
         return {statusOf(fault), "text/plain; charset=utf-8", textOf(fault) + "\n"};
@@ -110,44 +110,44 @@ HttpReply failingReply(Fault const& fault) {
     return {};
 }
 
-HttpReply otherMethodReply(Endpoint const& endpoint) {
-    HttpReply reply{405, "text/plain; charset=utf-8",
-                    std::string(endpoint.m_Path) + " takes " + endpoint.m_Method + ".\n"};
-    reply.m_Allow = endpoint.m_Method;
-    return reply;
+HttpResponse methodNotAllowed(Endpoint const& endpoint) {
+    HttpResponse response{405, "text/plain; charset=utf-8",
+                          std::string(endpoint.m_Path) + " takes " + endpoint.m_Method + ".\n"};
+    response.m_Allow = endpoint.m_Method;
+    return response;
 }
 
-HttpReply errorReplyTo(Endpoint const& endpoint, HttpError const& error, Exchange const& exchange) {
+HttpResponse errorResponse(Endpoint const& endpoint, HttpError const& error, Exchange const& exchange) {
     if (endpoint.m_ErrorForm == ErrorForm::kPage) {
         return errorPage(error.status(), error.what(), exchange);
     }
-    return messageReply(errorMessage(error.what()));
+    return messageResponse(errorMessage(error.what()));
 }
 
 /// The answer with another type of message. Confirmations are made wrong where they are signed.
-void mistakeType(HttpReply& reply) {
-    Message const expected = Message::parse(reply.m_Body);
+void mistakeType(HttpResponse& response) {
+    Message const expected = Message::parse(response.m_Body);
     Message message(kUnexpectedType);
     for (auto const& [name, value] : expected.attributes()) {
         if (name != "MSGTYPE") {
             message.set(name, value);
         }
     }
-    reply.m_Body = message.text();
+    response.m_Body = message.text();
 }
 
-HttpReply carryOut(Endpoint const& endpoint, RequestContext const& context) {
+HttpResponse carryOut(Endpoint const& endpoint, RequestContext const& context) {
     try {
-        HttpReply reply = endpoint.m_Answer(context);
+        HttpResponse response = endpoint.m_Handler(context);
         if (context.m_Fault && context.m_Fault->m_Kind == FaultKind::kWrongType &&
             endpoint.m_ErrorForm == ErrorForm::kErrorMessage) {
-            mistakeType(reply);
+            mistakeType(response);
         }
-        return reply;
+        return response;
     } catch (HttpError const& error) {
         context.m_Exchange.m_Verdict = error.what();
         context.m_Exchange.m_Steps.push_back({"Turned down", error.what(), false});
-        return errorReplyTo(endpoint, error, context.m_Exchange);
+        return errorResponse(endpoint, error, context.m_Exchange);
     }
 }
 
@@ -157,13 +157,13 @@ public:
     StoredExchangeLog(Store& store, Exchange exchange, std::int64_t begun, std::chrono::steady_clock::time_point begin)
         : m_Store(store), m_Exchange(std::move(exchange)), m_Begun(begun), m_Begin(begin) {}
 
-    void answered(std::string const& answer) override {
-        m_Exchange.m_Answer = keptText(answer);
+    void responseReady(std::string const& response) override {
+        m_Exchange.m_Response = keptText(response);
         m_Exchange.m_Microseconds = microsecondsSince(m_Begin);
         m_Exchange.m_Number = m_Store.addExchange(m_Exchange, m_Begun);
     }
 
-    void delivered(Delivery const& delivery) override {
+    void responseSent(Delivery const& delivery) override {
         if (!m_Exchange.m_Fault.empty()) {
             m_Store.noteDelivery(m_Exchange.m_Number, deliveryText(delivery, microsecondsSince(m_Begin)));
         }
@@ -177,20 +177,20 @@ private:
 };
 
 /// The answer to a request that has been identified, or what a fault or a failure puts in its place.
-HttpReply answerIdentified(Endpoint const& endpoint, RequestContext const& context) {
+HttpResponse handleIdentified(Endpoint const& endpoint, RequestContext const& context) {
     if (context.m_Fault && !faultRow(context.m_Fault->m_Kind).m_CarriedOut) {
         context.m_Exchange.m_Verdict = "not looked at";
-        return failingReply(*context.m_Fault);
+        return faultResponse(*context.m_Fault);
     }
     try {
         return carryOut(endpoint, context);
     } catch (std::exception const& failure) {
         context.m_Exchange.m_Verdict = std::string("the sandbox failed: ") + failure.what();
-        return failureReply(failure.what());
+        return failureResponse(failure.what());
     }
 }
 
-HttpReply answerLogged(Services const& services, Endpoint const& endpoint, HttpRequest const& request) {
+HttpResponse handleLogged(Services const& services, Endpoint const& endpoint, HttpRequest const& request) {
     auto const begin = std::chrono::steady_clock::now();
     Exchange exchange;
     exchange.m_Time = services.m_Clock.text();
@@ -203,28 +203,28 @@ HttpReply answerLogged(Services const& services, Endpoint const& endpoint, HttpR
     bool const mayFail = request.m_BaseUrl != services.m_Addresses.m_Control;
     std::optional<Fault> const fault =
         mayFail ? services.m_Faults.take(exchange.m_Kind, exchange.m_Order) : std::nullopt;
-    HttpReply reply = answerIdentified(endpoint, {services, request, exchange, fault});
+    HttpResponse response = handleIdentified(endpoint, {services, request, exchange, fault});
     if (fault) {
         exchange.m_Fault = faultText(*fault);
-        reply.m_Fault = fault;
+        response.m_Fault = fault;
     }
-    reply.m_Log = std::make_shared<StoredExchangeLog>(services.m_Store, std::move(exchange), begun, begin);
-    return reply;
+    response.m_Log = std::make_shared<StoredExchangeLog>(services.m_Store, std::move(exchange), begun, begin);
+    return response;
 }
 
 }  // namespace
 
-std::optional<HttpReply> answerProtocol(Services const& services, HttpRequest const& request) {
+std::optional<HttpResponse> handleProtocol(Services const& services, HttpRequest const& request) {
     for (Endpoint const& endpoint : kEndpoints) {
         if (request.m_Path == endpoint.m_Path) {
-            return request.m_Method == endpoint.m_Method ? answerLogged(services, endpoint, request)
-                                                         : otherMethodReply(endpoint);
+            return request.m_Method == endpoint.m_Method ? handleLogged(services, endpoint, request)
+                                                         : methodNotAllowed(endpoint);
         }
     }
     return std::nullopt;
 }
 
-HttpReply failureReply(std::string const& what) {
+HttpResponse failureResponse(std::string const& what) {
     return {500, "text/plain; charset=utf-8", "The sandbox failed: " + what + "\n"};
 }
 

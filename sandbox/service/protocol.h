@@ -12,10 +12,10 @@ namespace sandbox {
 
 /// Answers a request to one of the addresses of the protocol, lets the fault that is armed for it happen, and stores
 /// the exchange. Nothing when the address is none of them.
-std::optional<HttpReply> answerProtocol(Services const& services, HttpRequest const& request);
+std::optional<HttpResponse> handleProtocol(Services const& services, HttpRequest const& request);
 
 /// The answer when the service itself has failed with `what`.
-HttpReply failureReply(std::string const& what);
+HttpResponse failureResponse(std::string const& what);
 
 /// For the timing of an exchange.
 std::int64_t microsecondsSince(std::chrono::steady_clock::time_point begin);

@@ -93,7 +93,7 @@ SignedMessage openSignedMessage(RequestContext const& context) {
     return {std::move(message), text, key->m_Account};
 }
 
-HttpReply messageReply(std::string const& text) {
+HttpResponse messageResponse(std::string const& text) {
     return {200, "text/xml", text};
 }
 

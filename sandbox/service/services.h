@@ -62,13 +62,13 @@ SignedMessage openSignedMessage(RequestContext const& context);
 std::string takeData(RequestContext const& context);
 
 /// A message as an answer.
-HttpReply messageReply(std::string const& text);
+HttpResponse messageResponse(std::string const& text);
 
 /// The exchanges. Each throws HttpError for a request it turns down.
-HttpReply answerAuto(RequestContext const& context);
-HttpReply answerPay(RequestContext const& context);
-HttpReply answerDecision(RequestContext const& context);
-HttpReply answerCapture(RequestContext const& context);
+HttpResponse handleAuto(RequestContext const& context);
+HttpResponse handlePay(RequestContext const& context);
+HttpResponse handleDecision(RequestContext const& context);
+HttpResponse handleCapture(RequestContext const& context);
 
 /// The message that confirms `payment` to its merchant, with `result` as its RESULT, in the name of the current key.
 Message confirmation(Services const& services, Payment const& payment, std::string const& result);

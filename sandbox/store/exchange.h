@@ -29,7 +29,7 @@ struct Exchange {
     std::string m_Verdict;            ///< "ok", or the reason of the error.
     std::vector<CheckStep> m_Steps;   ///< How the verdict came about.
     std::string m_Request;            ///< As it came, head and body, the password covered; cut when it is very long.
-    std::string m_Answer;             ///< As it was made, before any fault; cut when it is very long.
+    std::string m_Response;           ///< As it was made, before any fault; cut when it is very long.
     std::string m_Fault;              ///< The fault that happened to it, as faultText() writes it; empty without.
     std::string m_Delivery;           ///< What the other side got of the answer when a fault happened; empty without.
     std::int64_t m_Microseconds = 0;  ///< From the complete request to the complete answer.

@@ -53,7 +53,7 @@ std::vector<Exchange> readExchanges(Statement& row) {
         exchange.m_Verdict = row.column(7);
         exchange.m_Steps = stepsFromText(row.column(8));
         exchange.m_Request = row.column(9);
-        exchange.m_Answer = row.column(10);
+        exchange.m_Response = row.column(10);
         exchange.m_Fault = row.column(11);
         exchange.m_Delivery = row.column(12);
         exchange.m_Microseconds = row.numberColumn(13);
@@ -94,7 +94,7 @@ std::int64_t Store::addExchange(Exchange const& exchange, std::int64_t begun) {
         .bytes(exchange.m_Verdict)
         .text(stepsText(exchange.m_Steps))
         .bytes(exchange.m_Request)
-        .bytes(exchange.m_Answer)
+        .bytes(exchange.m_Response)
         .bytes(exchange.m_Fault)
         .number(exchange.m_Microseconds)
         .step();

@@ -10,10 +10,10 @@ namespace {
 
 std::int32_t complete(Shop const& shop, FlowMessage const& confirmation) {
     FlowMessage const completion = shop.completion(confirmation.get("ID"), confirmation.get("TOKEN"));
-    KVX_HANDLE answer = nullptr;
-    std::int32_t const result = MessageObject_Execute(completion.handle(), &answer);
-    EXPECT_EQ(answer != nullptr, result == KVX_OK);
-    DestroyMessageObject(answer);
+    KVX_HANDLE response = nullptr;
+    std::int32_t const result = MessageObject_Execute(completion.handle(), &response);
+    EXPECT_EQ(response != nullptr, result == KVX_OK);
+    DestroyMessageObject(response);
     return result;
 }
 

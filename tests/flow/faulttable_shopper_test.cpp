@@ -47,12 +47,13 @@ std::optional<Returned> cameBack(std::string const& bytes) {
     if (bytes.find("\r\n\r\n") == std::string::npos) {
         return std::nullopt;
     }
-    sandboxtest::RawAnswer const answer = sandboxtest::parseAnswer(bytes);
-    return answer.m_Status == 302 ? std::optional<Returned>(takeApart(answer.m_Headers.at("location"))) : std::nullopt;
+    sandboxtest::RawResponse const response = sandboxtest::parseResponse(bytes);
+    return response.m_Status == 302 ? std::optional<Returned>(takeApart(response.m_Headers.at("location")))
+                                    : std::nullopt;
 }
 
 bool isHuge(std::string const& bytes, std::string const& whole) {
-    std::string const body = sandboxtest::parseAnswer(whole).m_Body;
+    std::string const body = sandboxtest::parseResponse(whole).m_Body;
     std::string const size = std::to_string(kMegabytes << 20);
     std::string const head = whole.substr(0, whole.size() - body.size());
     std::string const length = "Content-Length: ";
@@ -62,7 +63,7 @@ bool isHuge(std::string const& bytes, std::string const& whole) {
 
 bool isStatus(std::string const& bytes) {
     constexpr int kUnavailable = 503;
-    return sandboxtest::parseAnswer(bytes).m_Status == kUnavailable;
+    return sandboxtest::parseResponse(bytes).m_Status == kUnavailable;
 }
 
 bool isWrongReturn(std::string const& bytes, std::string const& whole) {

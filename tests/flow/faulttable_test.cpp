@@ -89,7 +89,7 @@ TEST(FaultTable, KeepsACutAnswerFromBeingASuccess) {
     ASSERT_EQ(shop.setUp(sandbox.autoUrl()), KVX_OK);
     Returned const returned = sandbox.shopper(shop.payment().url(), "pay");
     ASSERT_EQ(shop.capture(returned.m_Data), KVX_OK);
-    auto const length = static_cast<std::int64_t>(sandbox.service().exchanges().back().m_Answer.size());
+    auto const length = static_cast<std::int64_t>(sandbox.service().exchanges().back().m_Response.size());
     for (FaultKind const kind : {FaultKind::kTruncate, FaultKind::kNulBytes}) {
         sandbox::Fault fault;
         fault.m_Kind = kind;
@@ -172,7 +172,7 @@ TEST(ForeignServerKey, KeepsAConfirmationUnderAnOldKeyVerifiable) {
     EXPECT_NE(confirmation.get("KEYID"), sandbox.service().serverKeyId());
 }
 
-TEST(UnsignedAnswer, KeepsBeingBelieved) {
+TEST(UnsignedResponse, KeepsBeingBelieved) {
     // The answer to a capture carries no signature: whoever answers in the service's place can say that it is done.
     Sandbox sandbox;
     Shop const shop;

@@ -8,8 +8,8 @@ namespace kvxtest {
 
 namespace {
 
-using sandboxtest::parseAnswer;
-using sandboxtest::RawAnswer;
+using sandboxtest::parseResponse;
+using sandboxtest::RawResponse;
 
 /// The value of a hidden field of a form.
 std::string field(std::string const& page, std::string const& name) {
@@ -147,20 +147,20 @@ std::string Sandbox::exchange(std::string const& url, std::string const& request
 }
 
 std::string Sandbox::decisionRequest(std::string const& url, std::string const& decision) const {
-    RawAnswer const page = parseAnswer(exchange(url, getRequest(url)));
+    RawResponse const page = parseResponse(exchange(url, getRequest(url)));
     EXPECT_EQ(page.m_Status, 200) << page.m_Body;
     return sandboxtest::formPost("/pay/decision", "payment=" + field(page.m_Body, "payment") +
                                                       "&key=" + field(page.m_Body, "key") + "&decision=" + decision);
 }
 
 Returned Sandbox::shopper(std::string const& url, std::string const& decision) const {
-    RawAnswer const back = parseAnswer(exchange(url, decisionRequest(url, decision)));
+    RawResponse const back = parseResponse(exchange(url, decisionRequest(url, decision)));
     EXPECT_EQ(back.m_Status, 302) << back.m_Body;
     return back.m_Status == 302 ? takeApart(back.m_Headers.at("location")) : Returned{};
 }
 
 int Sandbox::statusOf(std::string const& url) const {
-    return parseAnswer(exchange(url, getRequest(url))).m_Status;
+    return parseResponse(exchange(url, getRequest(url))).m_Status;
 }
 
 std::string Sandbox::stateOf(std::string const& token) const {

@@ -32,9 +32,9 @@ TEST(ManyThreads, PayOnOneDirectoryAtOnce) {
                 EXPECT_EQ(confirmation.get("AMOUNT"), order.m_Amount);
                 EXPECT_EQ(shop.capture(returned.m_Data), KVX_OK);
                 FlowMessage const completion = shop.completion(confirmation.get("ID"), token);
-                KVX_HANDLE answer = nullptr;
-                EXPECT_EQ(MessageObject_Execute(completion.handle(), &answer), KVX_OK);
-                DestroyMessageObject(answer);
+                KVX_HANDLE response = nullptr;
+                EXPECT_EQ(MessageObject_Execute(completion.handle(), &response), KVX_OK);
+                DestroyMessageObject(response);
                 std::lock_guard<std::mutex> const lock(mutex);
                 EXPECT_TRUE(tokens.insert(token).second);
             }

@@ -31,9 +31,9 @@ void payInFull(Sandbox const& sandbox, Shop const& shop, Order const& order) {
     EXPECT_EQ(sandbox.stateOf(payment.get("TOKEN")), "captured");
 
     FlowMessage const completion = shop.completion(confirmation.get("ID"), payment.get("TOKEN"));
-    KVX_HANDLE answer = nullptr;
-    ASSERT_EQ(MessageObject_Execute(completion.handle(), &answer), KVX_OK) << sandbox.lastVerdict();
-    FlowMessage const completed(answer);
+    KVX_HANDLE response = nullptr;
+    ASSERT_EQ(MessageObject_Execute(completion.handle(), &response), KVX_OK) << sandbox.lastVerdict();
+    FlowMessage const completed(response);
     EXPECT_EQ(completed.get("MSGTYPE"), "PayCompleteResponse");
     EXPECT_EQ(completed.get("ID"), confirmation.get("ID"));
     EXPECT_EQ(completed.get("STATE"), "completed");
@@ -90,9 +90,9 @@ TEST(Payment, ThatTheShopperCancelsIsConfirmedAsCancelled) {
     FlowMessage const confirmation = shop.verified(returned);
     EXPECT_EQ(confirmation.get("RESULT"), "cancelled");
     FlowMessage const completion = shop.completion(confirmation.get("ID"), payment.get("TOKEN"));
-    KVX_HANDLE answer = nullptr;
-    EXPECT_EQ(MessageObject_Execute(completion.handle(), &answer), KVX_E_SERVER_ERROR);
-    EXPECT_EQ(answer, nullptr);
+    KVX_HANDLE response = nullptr;
+    EXPECT_EQ(MessageObject_Execute(completion.handle(), &response), KVX_E_SERVER_ERROR);
+    EXPECT_EQ(response, nullptr);
     EXPECT_EQ(sandbox.stateOf(payment.get("TOKEN")), "cancelled");
 }
 
@@ -200,9 +200,9 @@ TEST(Payment, StateCanBeAskedForWithARequest) {
     FlowMessage const payment = shop.payment();
     Returned const returned = sandbox.shopper(payment.url(), "pay");
     FlowMessage const status = shop.filled("<KVX MSGTYPE=\"Status\" TOKEN=\"" + payment.get("TOKEN") + "\"/>");
-    KVX_HANDLE answer = nullptr;
-    ASSERT_EQ(MessageObject_Execute(status.handle(), &answer), KVX_OK) << sandbox.lastVerdict();
-    FlowMessage const told(answer);
+    KVX_HANDLE response = nullptr;
+    ASSERT_EQ(MessageObject_Execute(status.handle(), &response), KVX_OK) << sandbox.lastVerdict();
+    FlowMessage const told(response);
     EXPECT_EQ(told.get("MSGTYPE"), "StatusResponse");
     EXPECT_EQ(told.get("STATE"), "authorised");
     EXPECT_EQ(shop.verified(returned).get("ID"), told.get("ID"));

@@ -148,7 +148,7 @@ TEST(ServiceDown, IsTheSocketsCodeAtEveryStep) {
     FlowMessage const confirmation = shop.verified(returned);  // needs none either
     EXPECT_EQ(MessageObject_Capture(capture.handle()), KVX_E_SOCKET_REFUSED);
     FlowMessage const completion = shop.completion(confirmation.get("ID"), confirmation.get("TOKEN"));
-    KVX_HANDLE answer = nullptr;
-    EXPECT_EQ(MessageObject_Execute(completion.handle(), &answer), KVX_E_SOCKET_REFUSED);
-    EXPECT_EQ(answer, nullptr);
+    KVX_HANDLE response = nullptr;
+    EXPECT_EQ(MessageObject_Execute(completion.handle(), &response), KVX_E_SOCKET_REFUSED);
+    EXPECT_EQ(response, nullptr);
 }

@@ -54,14 +54,14 @@ protected:
     }
 
     /// All that comes back to `ask()`.
-    [[nodiscard]] std::string wholeAnswer() const {
+    [[nodiscard]] std::string wholeResponse() const {
         SockConnection connection;
         ask(connection, "http");
-        TbStringStream answer;
-        while (connection.Read(answer) > 0) {
+        TbStringStream response;
+        while (connection.Read(response) > 0) {
         }
         endConnection(connection);
-        return bytesOf(answer);
+        return bytesOf(response);
     }
 
 private:
@@ -157,17 +157,17 @@ TEST_F(FaultySession, ReceivesAHugeAnswerInLinearTime) {
 
 TEST_F(FaultySecureSession, KeepsCuttingAChunkAtItsFirstZeroByte) {
     // The server's answers are text; the count tells the whole chunk all the same, so that reading goes on.
-    auto const length = static_cast<std::int32_t>(wholeAnswer().size());
+    auto const length = static_cast<std::int32_t>(wholeResponse().size());
     SockConnection plain;
     SslConnection secure;
     for (KVX_Connection* const connection :
          {static_cast<KVX_Connection*>(&plain), static_cast<KVX_Connection*>(&secure)}) {
         arm("nul-bytes,exchange=keyquery,bytes=3");
         ask(*connection, connection == &plain ? "http" : "https");
-        TbStringStream answer;
-        EXPECT_EQ(connection->Read(answer), length + 1);
-        EXPECT_EQ(bytesOf(answer), "HTT");
-        EXPECT_EQ(connection->Read(answer), 0);
+        TbStringStream response;
+        EXPECT_EQ(connection->Read(response), length + 1);
+        EXPECT_EQ(bytesOf(response), "HTT");
+        EXPECT_EQ(connection->Read(response), 0);
         endConnection(*connection);
     }
 }
@@ -176,10 +176,10 @@ TEST_F(FaultySession, ReportsAReset) {
     arm("reset,exchange=keyquery");
     SockConnection connection;
     ask(connection, "http");
-    TbStringStream answer("kept");
-    EXPECT_EQ(connection.Read(answer), -1);
+    TbStringStream response("kept");
+    EXPECT_EQ(connection.Read(response), -1);
     EXPECT_EQ(bits(connection.LastError()), 0x80043036U);
-    EXPECT_EQ(bytesOf(answer), "kept");
+    EXPECT_EQ(bytesOf(response), "kept");
     endConnection(connection);
 }
 
@@ -187,11 +187,11 @@ TEST_F(FaultySecureSession, ReportsAResetUnderTls) {
     arm("reset,exchange=keyquery");
     SslConnection connection;
     ask(connection, "https");
-    TbStringStream answer("kept");
+    TbStringStream response("kept");
     ERR_raise(ERR_LIB_RSA, ERR_R_MALLOC_FAILURE);  // somebody else's, to be ignored
-    EXPECT_EQ(connection.Read(answer), -1);
+    EXPECT_EQ(connection.Read(response), -1);
     EXPECT_EQ(bits(connection.LastError()), 0x80044000U | SSL_ERROR_SYSCALL);
-    EXPECT_EQ(bytesOf(answer), "kept");
+    EXPECT_EQ(bytesOf(response), "kept");
     endConnection(connection);
 }
 

@@ -133,7 +133,7 @@ TEST(SandboxProgram, RunsAProxyWhenItIsAskedTo) {
     nlohmann::json const line = nlohmann::json::parse(program.line());
     std::uint16_t const port = line.at("proxyPort");
     EXPECT_EQ(line.at("proxy"), "http://127.0.0.1:" + std::to_string(port));
-    EXPECT_EQ(parseAnswer(exchangeRaw(port, merchantGet(line.at("payments")))).m_Status, 200);
+    EXPECT_EQ(parseResponse(exchangeRaw(port, merchantGet(line.at("payments")))).m_Status, 200);
     program.signal(SIGTERM);
     EXPECT_EQ(program.status(), 0);
 }
@@ -178,7 +178,7 @@ TEST(SandboxProgram, ArmsTheFaultsThatItIsGiven) {
                      "--fault", "error,exchange=setup,text=not now"});
     std::uint16_t const port = nlohmann::json::parse(program.line()).at("port");
     std::string const target = "/auto?DATA=" + encode("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>");
-    auto const ask = [&] { return parseAnswer(exchangeRaw(port, merchantGet(target, "demo", "demo"))); };
+    auto const ask = [&] { return parseResponse(exchangeRaw(port, merchantGet(target, "demo", "demo"))); };
     EXPECT_EQ(ask().m_Status, 404);
     EXPECT_EQ(attributeOf(ask().m_Body, "MESSAGE"), "not now");
     EXPECT_EQ(attributeOf(ask().m_Body, "MSGTYPE"), "SetupResponse");

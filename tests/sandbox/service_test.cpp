@@ -35,8 +35,8 @@ protected:
         m_Service->start();
     }
 
-    [[nodiscard]] RawAnswer getTls(std::string const& target, std::string const& host = "127.0.0.1") const {
-        return parseAnswer(
+    [[nodiscard]] RawResponse getTls(std::string const& target, std::string const& host = "127.0.0.1") const {
+        return parseResponse(
             exchangeRaw(m_Service->tlsPort(), merchantGet(target, "demo", "demo"), m_Service->authorityFile(), host));
     }
 };
@@ -73,7 +73,7 @@ TEST_F(SandboxService, TellsOfRequestsThatAKillCutOff) {
         EXPECT_EQ(cut.m_Path, "/capture");
         EXPECT_EQ(cut.m_Data, "<KVX/>");
         EXPECT_EQ(cut.m_Request, "GET /capture HTTP/1.0");
-        EXPECT_EQ(cut.m_Answer, "");
+        EXPECT_EQ(cut.m_Response, "");
         EXPECT_TRUE(cut.m_Steps.empty());
     }
 }
@@ -83,7 +83,7 @@ TEST_F(SandboxService, CarriesOutNothingThatItCannotRecord) {
     std::size_t const exchanges = m_Service->exchanges().size();
     sandbox::Database database(m_Directory.path() + "/sandbox.db");
     database.execute("ALTER TABLE begun_exchanges RENAME TO elsewhere");
-    RawAnswer const failed = get("/capture" + m_Merchant.signedQuery(confirm));
+    RawResponse const failed = get("/capture" + m_Merchant.signedQuery(confirm));
     EXPECT_EQ(failed.m_Status, 500);
     EXPECT_THAT(failed.m_Body, StartsWith("The sandbox failed: database: no such table"));
     EXPECT_THAT(failed.m_Body, HasSubstr("/sandbox.db)"));
@@ -98,7 +98,7 @@ TEST_F(SandboxService, TellsThatItCouldNotRecordWhatItDid) {
     std::size_t const exchanges = m_Service->exchanges().size();
     sandbox::Database database(m_Directory.path() + "/sandbox.db");
     database.execute("ALTER TABLE exchanges RENAME TO elsewhere");
-    RawAnswer const failed = get("/capture" + m_Merchant.signedQuery(confirm));
+    RawResponse const failed = get("/capture" + m_Merchant.signedQuery(confirm));
     EXPECT_EQ(failed.m_Status, 500);
     EXPECT_THAT(failed.m_Body, StartsWith("The sandbox failed: database: no such table"));
     database.execute("ALTER TABLE elsewhere RENAME TO exchanges");
@@ -111,7 +111,7 @@ TEST_F(SandboxService, TellsThatItCouldNotRecordWhatItDid) {
 
 TEST_F(SandboxService, FailsInTheFormOfTheControlApiThere) {
     sandbox::Database(m_Directory.path() + "/sandbox.db").execute("ALTER TABLE payments RENAME TO gone");
-    RawAnswer const failed = parseAnswer(exchangeRaw(m_Service->controlPort(), merchantGet("/control/payments")));
+    RawResponse const failed = parseResponse(exchangeRaw(m_Service->controlPort(), merchantGet("/control/payments")));
     EXPECT_EQ(failed.m_Status, 500);
     EXPECT_THAT(failed.m_Body, HasSubstr("\"error\": \"the sandbox failed: database: no such table"));
 }
@@ -139,7 +139,7 @@ TEST_F(SandboxService, RecordsARequestOnWhichItFails) {
     std::string const confirm = authorise("t1");
     sandbox::Database database(m_Directory.path() + "/sandbox.db");
     database.execute("ALTER TABLE history RENAME TO elsewhere");
-    RawAnswer const failed = get("/capture" + m_Merchant.signedQuery(confirm));
+    RawResponse const failed = get("/capture" + m_Merchant.signedQuery(confirm));
     EXPECT_EQ(failed.m_Status, 500);
     EXPECT_THAT(failed.m_Body, StartsWith("The sandbox failed: database: no such table"));
     EXPECT_THAT(lastVerdict(), StartsWith("the sandbox failed: database: no such table"));
@@ -254,12 +254,12 @@ TEST_F(TlsSandboxService, KeepsItsCertificatesOverARestart) {
     std::string const kept = copy.path() + "/ca.pem";
     std::filesystem::copy_file(m_Service->authorityFile(), kept);
     SetUp();
-    RawAnswer const answer = parseAnswer(exchangeRaw(m_Service->tlsPort(), merchantGet("/"), kept));
-    EXPECT_EQ(answer.m_Status, 200);
+    RawResponse const response = parseResponse(exchangeRaw(m_Service->tlsPort(), merchantGet("/"), kept));
+    EXPECT_EQ(response.m_Status, 200);
 }
 
 TEST_F(TlsSandboxService, SurvivesPlainTalkOnTheTlsPort) {
-    EXPECT_THROW(parseAnswer(exchangeRaw(m_Service->tlsPort(), merchantGet("/"))), std::runtime_error);
+    EXPECT_THROW(parseResponse(exchangeRaw(m_Service->tlsPort(), merchantGet("/"))), std::runtime_error);
     EXPECT_EQ(getTls("/").m_Status, 200);
 }
 

@@ -20,16 +20,16 @@ using ::testing::IsEmpty;
 
 class Control : public SandboxTest {
 protected:
-    [[nodiscard]] RawAnswer ask(std::string const& request) const {
-        return parseAnswer(exchangeRaw(m_Service->controlPort(), request));
+    [[nodiscard]] RawResponse ask(std::string const& request) const {
+        return parseResponse(exchangeRaw(m_Service->controlPort(), request));
     }
 
     /// The content of an answer that must have this status.
     json content(std::string const& request, int status) const {
-        RawAnswer const answer = ask(request);
-        EXPECT_EQ(answer.m_Status, status) << answer.m_Body;
-        EXPECT_EQ(answer.m_Headers.at("content-type"), "application/json");
-        return json::parse(answer.m_Body);
+        RawResponse const response = ask(request);
+        EXPECT_EQ(response.m_Status, status) << response.m_Body;
+        EXPECT_EQ(response.m_Headers.at("content-type"), "application/json");
+        return json::parse(response.m_Body);
     }
 
     [[nodiscard]] json tell(std::string const& target) const { return content(bareRequest("GET", target), 200); }
@@ -90,9 +90,9 @@ TEST_F(Control, TellsTheAddressesThatThereAre) {
     EXPECT_THAT(addresses.at("proxy").get<std::string>(), HasSubstr("http://127.0.0.1:"));
     std::string const overTls =
         exchangeRaw(m_Service->tlsPort(), bareRequest("GET", "/control"), m_Service->authorityFile());
-    EXPECT_EQ(json::parse(parseAnswer(overTls).m_Body).at("addresses"), addresses);
+    EXPECT_EQ(json::parse(parseResponse(overTls).m_Body).at("addresses"), addresses);
     std::string const plain = exchangeRaw(m_Service->plainPort(), bareRequest("GET", "/control"));
-    EXPECT_EQ(json::parse(parseAnswer(plain).m_Body).at("addresses"), addresses);
+    EXPECT_EQ(json::parse(parseResponse(plain).m_Body).at("addresses"), addresses);
 }
 
 // --- Faults
@@ -301,8 +301,8 @@ TEST_F(Control, FiltersPayments) {
     openPage(m_Merchant.message("PayInit", " TOKEN=\"t3\" EXPIRATION=\"20991231 23:59:59\""));
     auto const tokens = [this](std::string const& query) {
         std::vector<std::string> found;
-        json const answer = tell("/control/payments" + query);
-        for (json const& told : answer.at("payments")) {
+        json const response = tell("/control/payments" + query);
+        for (json const& told : response.at("payments")) {
             found.push_back(told.at("token").get<std::string>());
         }
         return found;
@@ -381,8 +381,8 @@ TEST_F(Control, TellsExchangesAfterANumber) {
     openPage(m_Merchant.payInit("t2"));
     auto const numbers = [this](std::string const& query) {
         std::vector<int> found;
-        json const answer = tell("/control/exchanges" + query);
-        for (json const& told : answer.at("exchanges")) {
+        json const response = tell("/control/exchanges" + query);
+        for (json const& told : response.at("exchanges")) {
             found.push_back(told.at("number").get<int>());
         }
         return found;
@@ -407,8 +407,9 @@ TEST_F(Control, TellsKeys) {
     EXPECT_EQ(keys.at("server").at(0).at("id"), m_Service->serverKeyId());
     EXPECT_EQ(keys.at("server").at(0).at("current"), true);
     EXPECT_EQ(keys.at("server").at(0).at("bits"), 512);
-    std::string const answer = askAuto("<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"" + m_Service->serverKeyId() + "\"/>");
-    EXPECT_EQ(keys.at("server").at(0).at("blob"), attributeOf(answer, "KEYBLOB"));
+    std::string const response =
+        askAuto("<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"" + m_Service->serverKeyId() + "\"/>");
+    EXPECT_EQ(keys.at("server").at(0).at("blob"), attributeOf(response, "KEYBLOB"));
     EXPECT_EQ(
         keys.at("merchants"),
         (json{{{"id", m_Merchant.keyId()}, {"account", "demo"}, {"time", "2023-11-14T22:13:20Z"}, {"bits", 512}}}));
@@ -426,7 +427,7 @@ TEST_F(Control, RotatesTheKeyThatSigns) {
     ASSERT_EQ(keys.size(), 2u);
     EXPECT_EQ(keys.at(0).at("current"), false);
     EXPECT_EQ(keys.at(1).at("current"), true);
-    RawAnswer const back = press(openPage(m_Merchant.payInit("t1")), "pay");
+    RawResponse const back = press(openPage(m_Merchant.payInit("t1")), "pay");
     std::string const confirm = decode(queryValue(back.m_Headers.at("location"), "DATA"));
     std::string const signature = queryValue(back.m_Headers.at("location"), "SIGNATURE");
     EXPECT_EQ(attributeOf(confirm, "KEYID"), fresh);
@@ -481,14 +482,14 @@ TEST_F(Control, RefusesAccountsThatNobodyCouldUse) {
 
 TEST_F(Control, SetsTheClockAheadSoThatPaymentsExpire) {
     std::string const inAnHour = " TOKEN=\"t1\" EXPIRATION=\"20231114 23:13:20\" ORDERID=\"A-17\"";
-    RawAnswer const page = openPage(m_Merchant.message("PayInit", inAnHour));
+    RawResponse const page = openPage(m_Merchant.message("PayInit", inAnHour));
     EXPECT_EQ(page.m_Status, 200);
     EXPECT_EQ(post("/control/clock", {{"ahead", 3600}}, 200),
               (json{{"present", "2023-11-14T23:13:20Z"}, {"ahead", 3600}}));
     EXPECT_EQ(payment("order=A-17").at("state"), "opened");
     post("/control/clock", {{"ahead", 3601}}, 200);
     EXPECT_EQ(payment("order=A-17").at("state"), "expired");
-    RawAnswer const late = openPage(m_Merchant.message("PayInit", " TOKEN=\"t2\" EXPIRATION=\"20231114 23:13:20\""));
+    RawResponse const late = openPage(m_Merchant.message("PayInit", " TOKEN=\"t2\" EXPIRATION=\"20231114 23:13:20\""));
     EXPECT_EQ(late.m_Status, 400);
     EXPECT_THAT(late.m_Body, HasSubstr("has expired"));
     post("/control/clock", {{"ahead", 0}}, 200);
@@ -558,11 +559,11 @@ TEST_F(Control, AnswersToNamesOfThisMachineOnly) {
 }
 
 TEST_F(Control, NeverAllowsOtherSites) {
-    RawAnswer const answer =
+    RawResponse const response =
         ask("OPTIONS /control/faults/1 HTTP/1.1\r\nHost: 127.0.0.1\r\nOrigin: http://evil.example\r\n"
             "Access-Control-Request-Method: DELETE\r\n\r\n");
-    EXPECT_EQ(answer.m_Status, 405);
-    for (auto const& [name, value] : answer.m_Headers) {
+    EXPECT_EQ(response.m_Status, 405);
+    for (auto const& [name, value] : response.m_Headers) {
         EXPECT_EQ(name.find("access-control"), std::string::npos) << name << ": " << value;
     }
 }
@@ -594,10 +595,10 @@ TEST_F(Control, TellsTheMethodsOfAnAddress) {
             if (std::string(row.m_Allowed).find(method) != std::string::npos) {
                 continue;
             }
-            RawAnswer const answer = ask(bareRequest(method, row.m_Path));
-            EXPECT_EQ(answer.m_Status, 405) << method << row.m_Path;
-            EXPECT_EQ(answer.m_Headers.at("allow"), row.m_Allowed);
-            EXPECT_THAT(json::parse(answer.m_Body).at("error").get<std::string>(), HasSubstr(method));
+            RawResponse const response = ask(bareRequest(method, row.m_Path));
+            EXPECT_EQ(response.m_Status, 405) << method << row.m_Path;
+            EXPECT_EQ(response.m_Headers.at("allow"), row.m_Allowed);
+            EXPECT_THAT(json::parse(response.m_Body).at("error").get<std::string>(), HasSubstr(method));
         }
     }
 }

@@ -34,20 +34,20 @@ constexpr char kNastyShown[] = "<script>alert(1)</script>&\"'\u00E9\uFFFD\u241B"
 
 class Dashboard : public SandboxTest {
 protected:
-    [[nodiscard]] RawAnswer ask(std::string const& request) const {
-        return parseAnswer(exchangeRaw(m_Service->controlPort(), request));
+    [[nodiscard]] RawResponse ask(std::string const& request) const {
+        return parseResponse(exchangeRaw(m_Service->controlPort(), request));
     }
 
     /// The page at `target`, which must have this status.
     [[nodiscard]] PageReader open(std::string const& target, int status = 200) const {
-        RawAnswer const answer = ask(bareRequest("GET", target));
-        EXPECT_EQ(answer.m_Status, status) << target;
-        EXPECT_EQ(answer.m_Headers.at("content-type"), "text/html; charset=utf-8") << target;
-        EXPECT_TRUE(isCleanUtf8(answer.m_Body)) << target;
-        return PageReader(answer.m_Body);
+        RawResponse const response = ask(bareRequest("GET", target));
+        EXPECT_EQ(response.m_Status, status) << target;
+        EXPECT_EQ(response.m_Headers.at("content-type"), "text/html; charset=utf-8") << target;
+        EXPECT_TRUE(isCleanUtf8(response.m_Body)) << target;
+        return PageReader(response.m_Body);
     }
 
-    [[nodiscard]] RawAnswer submit(std::string const& target, Fields const& fields) const {
+    [[nodiscard]] RawResponse submit(std::string const& target, Fields const& fields) const {
         std::string body;
         for (auto const& [name, value] : fields) {
             body += (body.empty() ? "" : "&") + name + "=" + encode(value);
@@ -58,7 +58,7 @@ protected:
     [[nodiscard]] std::string formKey() const { return open("/calculator").text("//form/input[@name='key']/@value"); }
 
     /// Submits a form with the right key.
-    [[nodiscard]] RawAnswer fill(std::string const& target, Fields fields) const {
+    [[nodiscard]] RawResponse fill(std::string const& target, Fields fields) const {
         fields["key"] = formKey();
         return submit(target, fields);
     }
@@ -162,10 +162,10 @@ TEST_F(EveryDashboardPage, LinksToPagesThatAreThere) {
 
 TEST_F(EveryDashboardPage, IsForNamesOfThisMachineOnly) {
     for (std::string const& target : m_Pages) {
-        RawAnswer const answer = ask(bareRequest("GET", target, "evil.example"));
-        EXPECT_EQ(answer.m_Status, 403) << target;
-        EXPECT_THAT(PageReader(answer.m_Body).text("//main/p[@role='alert']"), HasSubstr("evil.example"));
-        EXPECT_THAT(answer.m_Body, Not(HasSubstr(formKey())));
+        RawResponse const response = ask(bareRequest("GET", target, "evil.example"));
+        EXPECT_EQ(response.m_Status, 403) << target;
+        EXPECT_THAT(PageReader(response.m_Body).text("//main/p[@role='alert']"), HasSubstr("evil.example"));
+        EXPECT_THAT(response.m_Body, Not(HasSubstr(formKey())));
         EXPECT_EQ(ask(bareRequest("GET", target, "localhost:1")).m_Status, 200) << target;
     }
 }
@@ -184,10 +184,10 @@ TEST_F(Dashboard, RefusesOtherMethods) {
             if (allowed.find(method) != std::string::npos) {
                 continue;
             }
-            RawAnswer const answer = ask(bareRequest(method, path));
-            EXPECT_EQ(answer.m_Status, 405) << method << path;
-            EXPECT_EQ(answer.m_Headers.at("allow"), allowed) << path;
-            EXPECT_THAT(PageReader(answer.m_Body).text("//main/p"), HasSubstr(method));
+            RawResponse const response = ask(bareRequest(method, path));
+            EXPECT_EQ(response.m_Status, 405) << method << path;
+            EXPECT_EQ(response.m_Headers.at("allow"), allowed) << path;
+            EXPECT_THAT(PageReader(response.m_Body).text("//main/p"), HasSubstr(method));
         }
     }
 }
@@ -438,15 +438,15 @@ TEST_F(Dashboard, TakesAnExchangeToTheCalculator) {
 
 TEST_F(Dashboard, ArmsAndLiftsFaults) {
     EXPECT_EQ(open("/faults").text("//section[@aria-labelledby='armed']/p"), "No fault is armed.");
-    RawAnswer const armed = fill("/faults", {{"kind", "error"},
-                                             {"exchange", "setup"},
-                                             {"order", ""},
-                                             {"times", "2"},
-                                             {"seconds", ""},
-                                             {"bytes", ""},
-                                             {"status", ""},
-                                             {"text", "a, <b> + c"},
-                                             {"megabytes", ""}});
+    RawResponse const armed = fill("/faults", {{"kind", "error"},
+                                               {"exchange", "setup"},
+                                               {"order", ""},
+                                               {"times", "2"},
+                                               {"seconds", ""},
+                                               {"bytes", ""},
+                                               {"status", ""},
+                                               {"text", "a, <b> + c"},
+                                               {"megabytes", ""}});
     EXPECT_EQ(armed.m_Status, 303);
     EXPECT_EQ(armed.m_Headers.at("location"), "/faults");
     EXPECT_EQ(fill("/faults", {{"kind", "drop"}, {"order", "A 1"}}).m_Status, 303);
@@ -459,7 +459,7 @@ TEST_F(Dashboard, ArmsAndLiftsFaults) {
     EXPECT_EQ(fill("/faults/lift", {{"id", "1"}}).m_Status, 303);
     ASSERT_EQ(m_Service->faults().size(), 1u);
     EXPECT_EQ(m_Service->faults()[0].m_Id, 2);
-    RawAnswer const gone = fill("/faults/lift", {{"id", "1"}});
+    RawResponse const gone = fill("/faults/lift", {{"id", "1"}});
     EXPECT_EQ(gone.m_Status, 400);
     EXPECT_THAT(PageReader(gone.m_Body).text("//section[@aria-labelledby='armed']/p[@role='alert']"),
                 HasSubstr("No fault '1' is armed"));
@@ -480,9 +480,9 @@ TEST_F(Dashboard, ReadsFormsAsBrowsersWriteThem) {
 
 TEST_F(Dashboard, ReadsAFormOfBlanks) {
     std::string const start = "key=" + formKey() + "&DATA=%3c";
-    RawAnswer const answer = ask(formPost("/calculator", start + std::string(1024 * 1024 - start.size(), '+')));
-    EXPECT_EQ(answer.m_Status, 200);
-    EXPECT_THAT(answer.m_Body, HasSubstr("The signature is not right."));
+    RawResponse const response = ask(formPost("/calculator", start + std::string(1024 * 1024 - start.size(), '+')));
+    EXPECT_EQ(response.m_Status, 200);
+    EXPECT_THAT(response.m_Body, HasSubstr("The signature is not right."));
 }
 
 TEST_F(Dashboard, OffersEveryKindOfFault) {
@@ -505,11 +505,11 @@ TEST_F(Dashboard, OffersEveryKindOfFault) {
 }
 
 TEST_F(Dashboard, KeepsWhatWasFilledInWhenAFaultIsRefused) {
-    RawAnswer const answer = fill(
+    RawResponse const response = fill(
         "/faults",
         {{"kind", "truncate"}, {"exchange", "capture"}, {"order", "\"<A-1>"}, {"times", "often"}, {"bytes", "4\0030"}});
-    EXPECT_EQ(answer.m_Status, 400);
-    PageReader const page(answer.m_Body);
+    EXPECT_EQ(response.m_Status, 400);
+    PageReader const page(response.m_Body);
     EXPECT_THAT(page.text("//section[@aria-labelledby='arm']/p[@role='alert']"),
                 HasSubstr("times must be a whole number"));
     EXPECT_EQ(page.text("//select[@name='kind']/option[@selected]/@value"), "truncate");
@@ -531,11 +531,11 @@ TEST_F(Dashboard, RefusesImpossibleFaultsWithTheReason) {
                            Row{{{"kind", "drop"}, {"times", "0"}}, "from 1"},
                            Row{{{"kind", "delay"}, {"seconds", "soon"}}, "must be a number, not 'soon'"},
                            Row{{{"kind", "delay"}, {"bytes", "1"}}, "delay takes no bytes"}}) {
-        RawAnswer const answer = fill("/faults", row.m_Fields);
-        EXPECT_EQ(answer.m_Status, 400);
-        EXPECT_THAT(PageReader(answer.m_Body).text("//p[@role='alert']"), HasSubstr(row.m_Reason));
+        RawResponse const response = fill("/faults", row.m_Fields);
+        EXPECT_EQ(response.m_Status, 400);
+        EXPECT_THAT(PageReader(response.m_Body).text("//p[@role='alert']"), HasSubstr(row.m_Reason));
     }
-    RawAnswer const twice = ask(formPost("/faults", "kind=drop&kind=drop&key=" + formKey()));
+    RawResponse const twice = ask(formPost("/faults", "kind=drop&kind=drop&key=" + formKey()));
     EXPECT_EQ(twice.m_Status, 400);
     EXPECT_THAT(PageReader(twice.m_Body).text("//p[@role='alert']"), HasSubstr("twice"));
 }
@@ -554,11 +554,11 @@ TEST_F(Dashboard, RefusesFormsWithoutItsKey) {
     for (std::string const path : {"/faults", "/faults/lift", "/keys/rotate", "/keys/clock", "/calculator"}) {
         for (Fields fields : {Fields{}, {{"key", ""}}, {{"key", old}}, {{"key", formKey() + "0"}}}) {
             fields.insert({{"kind", "drop"}, {"id", "all"}, {"ahead", "60"}, {"DATA", "a"}});
-            RawAnswer const answer = submit(path, fields);
-            EXPECT_EQ(answer.m_Status, 403) << path;
-            EXPECT_THAT(PageReader(answer.m_Body).text("//p[@role='alert']"), HasSubstr("did not come from a page"));
+            RawResponse const response = submit(path, fields);
+            EXPECT_EQ(response.m_Status, 403) << path;
+            EXPECT_THAT(PageReader(response.m_Body).text("//p[@role='alert']"), HasSubstr("did not come from a page"));
         }
-        RawAnswer const foreign =
+        RawResponse const foreign =
             ask("POST " + path + " HTTP/1.1\r\nHost: evil.example\r\nContent-Length: 36\r\n\r\nkey=" + formKey());
         EXPECT_EQ(foreign.m_Status, 403) << path;
     }
@@ -574,7 +574,7 @@ TEST_F(Dashboard, ShowsAndRotatesKeys) {
     EXPECT_THAT(before.texts(tableRow("server", 1)), ElementsAre("1-SERVER-1", "signs", "512", StartsWith("3048")));
     EXPECT_THAT(before.texts(tableRow("merchants", 1)),
                 ElementsAre(m_Merchant.keyId(), "demo", "2023-11-14T22:13:20Z", "512"));
-    RawAnswer const rotated = fill("/keys/rotate", {});
+    RawResponse const rotated = fill("/keys/rotate", {});
     EXPECT_EQ(rotated.m_Status, 303);
     EXPECT_EQ(rotated.m_Headers.at("location"), "/keys");
     EXPECT_EQ(m_Service->serverKeyId(), "1-SERVER-2");
@@ -583,7 +583,7 @@ TEST_F(Dashboard, ShowsAndRotatesKeys) {
 }
 
 TEST_F(Dashboard, SetsTheClock) {
-    RawAnswer const set = fill("/keys/clock", {{"ahead", "3600"}});
+    RawResponse const set = fill("/keys/clock", {{"ahead", "3600"}});
     EXPECT_EQ(set.m_Status, 303);
     EXPECT_EQ(set.m_Headers.at("location"), "/keys");
     PageReader const page = open("/keys");
@@ -591,9 +591,9 @@ TEST_F(Dashboard, SetsTheClock) {
     EXPECT_EQ(page.text("//input[@name='ahead']/@value"), "3600");
     EXPECT_EQ(fill("/keys/clock", {{"ahead", "-60"}}).m_Status, 303);
     for (char const* bad : {"", "soon", "1.5", "315360001", "-315360001", "99999999999999999999"}) {
-        RawAnswer const answer = fill("/keys/clock", {{"ahead", bad}});
-        EXPECT_EQ(answer.m_Status, 400) << bad;
-        PageReader const refused(answer.m_Body);
+        RawResponse const response = fill("/keys/clock", {{"ahead", bad}});
+        EXPECT_EQ(response.m_Status, 400) << bad;
+        PageReader const refused(response.m_Body);
         EXPECT_EQ(refused.count("//section[@aria-labelledby='clock']/p[@role='alert']"), 1u) << bad;
         EXPECT_EQ(refused.text("//input[@name='ahead']/@value"), bad);
         EXPECT_EQ(refused.text("//section[@aria-labelledby='clock']//dl/div[2]/dd"), "-60") << bad;
@@ -610,9 +610,9 @@ TEST_F(Dashboard, CalculatesWhatIsPasted) {
     for (Fields const& fields : {Fields{{"DATA", text}, {"SIGNATURE", m_Merchant.sign(text)}},
                                  Fields{{"DATA", encode(text)}, {"SIGNATURE", m_Merchant.sign(text) + "\r\n"}},
                                  Fields{{"DATA", address}, {"SIGNATURE", ""}}}) {
-        RawAnswer const answer = fill("/calculator", fields);
-        EXPECT_EQ(answer.m_Status, 200);
-        PageReader const page(answer.m_Body);
+        RawResponse const response = fill("/calculator", fields);
+        EXPECT_EQ(response.m_Status, 200);
+        PageReader const page(response.m_Body);
         EXPECT_EQ(page.text("//section[@aria-labelledby='verdict']/p"), "The signature is right.");
         EXPECT_EQ(page.text("//section[@aria-labelledby='comparison']//dl/div[1]/dd"),
                   m_Merchant.keyId() + " of the merchant demo, 512 bits");
@@ -623,7 +623,7 @@ TEST_F(Dashboard, CalculatesWhatIsPasted) {
         EXPECT_THAT(page.texts("//section[@aria-labelledby='message']//tbody/tr[3]/*"), ElementsAre("TOKEN", "t1"));
         // What stands in the field afterwards gives the same result again.
         std::string const kept = page.text("//textarea[@name='DATA']").substr(1);
-        RawAnswer const again =
+        RawResponse const again =
             fill("/calculator", {{"DATA", kept}, {"SIGNATURE", page.text("//textarea[@name='SIGNATURE']").substr(1)}});
         EXPECT_EQ(PageReader(again.m_Body).text("//section[@aria-labelledby='verdict']/p"), "The signature is right.");
     }
@@ -733,9 +733,9 @@ TEST_F(Dashboard, TellsWhatKindOfKeyIsNamed) {
 }
 
 TEST_F(Dashboard, KeepsWhatWasPastedWhenItCannotBeRead) {
-    RawAnswer const answer = fill("/calculator", {{"DATA", "%zz<\xE9"}, {"SIGNATURE", "\"00"}});
-    EXPECT_EQ(answer.m_Status, 400);
-    PageReader const page(answer.m_Body);
+    RawResponse const response = fill("/calculator", {{"DATA", "%zz<\xE9"}, {"SIGNATURE", "\"00"}});
+    EXPECT_EQ(response.m_Status, 400);
+    PageReader const page(response.m_Body);
     EXPECT_THAT(page.text("//p[@role='alert']"), HasSubstr("percent-encoding"));
     EXPECT_EQ(page.text("//textarea[@name='DATA']"), "\n%zz<\u00E9");
     EXPECT_EQ(page.text("//textarea[@name='SIGNATURE']"), "\n\"00");
@@ -743,19 +743,19 @@ TEST_F(Dashboard, KeepsWhatWasPastedWhenItCannotBeRead) {
 
 TEST_F(Dashboard, CalculatesLongMessages) {
     std::string const text = m_Merchant.payInit("t1", " NOTE=\"" + std::string(300000, 'x') + "\"");
-    RawAnswer const answer = fill("/calculator", {{"DATA", text}, {"SIGNATURE", m_Merchant.sign(text)}});
-    EXPECT_EQ(PageReader(answer.m_Body).text("//section[@aria-labelledby='verdict']/p"), "The signature is right.");
+    RawResponse const response = fill("/calculator", {{"DATA", text}, {"SIGNATURE", m_Merchant.sign(text)}});
+    EXPECT_EQ(PageReader(response.m_Body).text("//section[@aria-labelledby='verdict']/p"), "The signature is right.");
     EXPECT_EQ(fill("/calculator", {{"DATA", std::string(1024 * 1024, 'x')}}).m_Status, 413);
 }
 
 TEST_F(Dashboard, TakesNoFormsInParts) {
     std::string const body =
         "--x\r\nContent-Disposition: form-data; name=\"key\"\r\n\r\n" + formKey() + "\r\n--x--\r\n";
-    RawAnswer const answer =
+    RawResponse const response =
         ask("POST /keys/rotate HTTP/1.1\r\nContent-Type: multipart/form-data; boundary=x\r\n"
             "Content-Length: " +
             std::to_string(body.size()) + "\r\n\r\n" + body);
-    EXPECT_EQ(answer.m_Status, 415);
+    EXPECT_EQ(response.m_Status, 415);
     EXPECT_EQ(m_Service->serverKeyId(), "1-SERVER-1");
 }
 

@@ -260,18 +260,18 @@ protected:
 };
 
 TEST_F(FaultOnTheWire, HttpStatusIsAStatusAndAText) {
-    RawAnswer const plain = parseAnswer(bytes("http-status"));
+    RawResponse const plain = parseResponse(bytes("http-status"));
     EXPECT_EQ(plain.m_Status, 503);
     EXPECT_EQ(plain.m_Body, "the sandbox was told to turn this request down\n");
-    RawAnswer const given = parseAnswer(bytes("http-status,status=418,text=a = b"));
+    RawResponse const given = parseResponse(bytes("http-status,status=418,text=a = b"));
     EXPECT_EQ(given.m_Status, 418);
     EXPECT_EQ(given.m_Body, "a = b\n");
     EXPECT_EQ(lastVerdict(), "not looked at");
 }
 
 TEST_F(FaultOnTheWire, ErrorIsAMessage) {
-    EXPECT_EQ(reasonOf(parseAnswer(bytes("error")).m_Body), "the sandbox was told to turn this request down");
-    EXPECT_EQ(reasonOf(parseAnswer(bytes("error,text=<&>\"'")).m_Body), "<&>\"'");
+    EXPECT_EQ(reasonOf(parseResponse(bytes("error")).m_Body), "the sandbox was told to turn this request down");
+    EXPECT_EQ(reasonOf(parseResponse(bytes("error,text=<&>\"'")).m_Body), "<&>\"'");
     EXPECT_EQ(lastVerdict(), "not looked at");
 }
 
@@ -285,7 +285,7 @@ TEST_F(FaultOnTheWire, ResetIsSeenByTheOtherSide) {
 TEST_F(FaultOnTheWire, DropIsAnOrderlyEndOfACarriedOutRequest) {
     EXPECT_EQ(bytes("drop"), "");
     EXPECT_EQ(lastVerdict(), "ok");
-    EXPECT_EQ(m_Service->exchanges().back().m_Answer, m_Whole) << "as it would have been";
+    EXPECT_EQ(m_Service->exchanges().back().m_Response, m_Whole) << "as it would have been";
     EXPECT_EQ(m_Service->exchanges().back().m_Fault, "drop");
 }
 
@@ -384,29 +384,29 @@ TEST_F(FaultOnTheWire, TwiceIsTheWholeAnswerAgain) {
 
 TEST_F(FaultOnTheWire, HugeAgreesWithItsOwnLength) {
     constexpr std::size_t kSize = std::size_t{2} << 20U;
-    RawAnswer const answer = parseAnswer(bytes("huge,megabytes=2"));
-    EXPECT_EQ(answer.m_Headers.at("content-length"), std::to_string(kSize));
+    RawResponse const response = parseResponse(bytes("huge,megabytes=2"));
+    EXPECT_EQ(response.m_Headers.at("content-length"), std::to_string(kSize));
     std::string const body = m_Whole.substr(m_Head);
-    EXPECT_TRUE(answer.m_Body == body + std::string(kSize - body.size(), ' '));
+    EXPECT_TRUE(response.m_Body == body + std::string(kSize - body.size(), ' '));
 }
 
 TEST_F(FaultOnTheWire, WrongTypeLeavesTheRestOfTheMessage) {
-    RawAnswer const answer = parseAnswer(bytes("wrong-type"));
-    EXPECT_EQ(attributeOf(answer.m_Body, "MSGTYPE"), sandbox::kUnexpectedType);
+    RawResponse const response = parseResponse(bytes("wrong-type"));
+    EXPECT_EQ(attributeOf(response.m_Body, "MSGTYPE"), sandbox::kUnexpectedType);
     for (char const* const name : {"KEYID", "KEYBLOB"}) {
-        EXPECT_EQ(attributeOf(answer.m_Body, name), attributeOf(m_Whole, name));
+        EXPECT_EQ(attributeOf(response.m_Body, name), attributeOf(m_Whole, name));
     }
 }
 
 TEST_F(FaultOnTheWire, WrongAndStaleKeysAreAnswered) {
-    RawAnswer const wrong = parseAnswer(bytes("wrong-key"));
+    RawResponse const wrong = parseResponse(bytes("wrong-key"));
     EXPECT_EQ(attributeOf(wrong.m_Body, "KEYID"), m_Service->serverKeyId());
     EXPECT_NE(attributeOf(wrong.m_Body, "KEYBLOB"), attributeOf(m_Whole, "KEYBLOB"));
-    RawAnswer const unknown = parseAnswer(bytes("stale-key"));
+    RawResponse const unknown = parseResponse(bytes("stale-key"));
     EXPECT_EQ(attributeOf(unknown.m_Body, "KEYID"), "1-SERVER-0") << "before the first";
     std::string const first = m_Service->serverKeyId();
     m_Service->rotateServerKey();
-    RawAnswer const stale = parseAnswer(bytes("stale-key"));
+    RawResponse const stale = parseResponse(bytes("stale-key"));
     EXPECT_EQ(attributeOf(stale.m_Body, "KEYID"), first);
     EXPECT_EQ(attributeOf(stale.m_Body, "KEYBLOB"), attributeOf(m_Whole, "KEYBLOB"));
     m_Service->arm(parseFault("stale-key,exchange=setup"));
@@ -430,7 +430,8 @@ TEST_F(FaultOnTheWire, HappensToItsExchangeAndOrderAlone) {
 TEST_F(FaultOnTheWire, HappensToAnOrderOfTheAccountThatAsks) {
     // Both accounts have a payment with this token.
     m_Service->arm(parseFault("error,exchange=status,order=B-1"));
-    parseAnswer(exchangeRaw(m_Service->controlPort(), jsonPost("/control/accounts", R"({"user":"b","password":"p"})")));
+    parseResponse(
+        exchangeRaw(m_Service->controlPort(), jsonPost("/control/accounts", R"({"user":"b","password":"p"})")));
     TestMerchant const other("0-1002-other");
     askAuto("<KVX MSGTYPE=\"KeyExportRequest\" KEYID=\"0-1002-other\" KEYBLOB=\"" + other.blob() + "\"/>", "b", "p");
     auto const ask = [this](TestMerchant const& merchant) {
@@ -451,7 +452,7 @@ TEST_F(FaultOnTheWire, LeavesTheControlPortAlone) {
     m_Service->arm(parseFault("drop,exchange=setup"));
     std::string const request =
         merchantGet("/auto?DATA=" + encode("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>"), "demo", "demo");
-    EXPECT_EQ(parseAnswer(exchangeRaw(m_Service->controlPort(), request)).m_Status, 200);
+    EXPECT_EQ(parseResponse(exchangeRaw(m_Service->controlPort(), request)).m_Status, 200);
     EXPECT_EQ(m_Service->faults().size(), 1u);
     RawConnection const connection(m_Service->plainPort());
     connection.send(request);
@@ -461,7 +462,7 @@ TEST_F(FaultOnTheWire, LeavesTheControlPortAlone) {
 TEST_F(FaultOnTheWire, LeavesTheControlPortAloneWhenConnectionsAreRefused) {
     m_Service->arm(parseFault("refuse"));
     EXPECT_THROW(RawConnection(m_Service->plainPort()), std::runtime_error);
-    EXPECT_EQ(parseAnswer(exchangeRaw(m_Service->controlPort(), merchantGet("/"))).m_Status, 200);
+    EXPECT_EQ(parseResponse(exchangeRaw(m_Service->controlPort(), merchantGet("/"))).m_Status, 200);
     m_Service->liftFaults();
     EXPECT_EQ(ask("").m_Bytes, m_Whole);
 }
@@ -475,9 +476,9 @@ protected:
     };
 
     [[nodiscard]] Confirmation confirm(std::string const& fault, std::string const& token) {
-        RawAnswer const page = openPage(m_Merchant.payInit(token));
+        RawResponse const page = openPage(m_Merchant.payInit(token));
         m_Service->arm(parseFault(fault));
-        RawAnswer const back = press(page, "pay");
+        RawResponse const back = press(page, "pay");
         EXPECT_EQ(back.m_Status, 302) << back.m_Body;
         EXPECT_EQ(m_Service->payments().back().m_State, sandbox::PaymentState::kAuthorised);
         std::string const location = back.m_Headers.at("location");
@@ -564,7 +565,7 @@ TEST_F(FaultyHandshake, IsSoundWhenTheAnswerIsWrong) {
     std::string const whole = ask();
     struct {
         char const* m_Fault;
-        std::string m_Answer;
+        std::string m_Response;
     } const cases[] = {
         {"drop", ""},
         {"bytewise", whole},
@@ -574,7 +575,7 @@ TEST_F(FaultyHandshake, IsSoundWhenTheAnswerIsWrong) {
     };
     for (auto const& row : cases) {
         m_Service->arm(parseFault(row.m_Fault));
-        EXPECT_EQ(ask(), row.m_Answer) << row.m_Fault;
+        EXPECT_EQ(ask(), row.m_Response) << row.m_Fault;
     }
     m_Service->arm(parseFault("reset"));
     EXPECT_THROW(ask(), std::runtime_error);

@@ -46,11 +46,11 @@ TEST(LocalAddress, IsAnyOfTheLoopback) {
     EXPECT_EQ(ntohl(sandbox::localAddress("127.255.0.9").s_addr), 0x7FFF0009u);
 }
 
-TEST(StatusOfAnswer, NeedsAWholeHead) {
-    std::string const answer = "HTTP/1.1 204 No Content\r\nA: b\r\n\r\n";
-    EXPECT_EQ(sandbox::statusOfAnswer(answer), 204);
-    for (std::size_t length = 0; length < answer.size(); ++length) {
-        EXPECT_FALSE(sandbox::statusOfAnswer(answer.substr(0, length))) << length;
+TEST(StatusOfResponse, NeedsAWholeHead) {
+    std::string const response = "HTTP/1.1 204 No Content\r\nA: b\r\n\r\n";
+    EXPECT_EQ(sandbox::statusOfResponse(response), 204);
+    for (std::size_t length = 0; length < response.size(); ++length) {
+        EXPECT_FALSE(sandbox::statusOfResponse(response.substr(0, length))) << length;
     }
 }
 

@@ -18,8 +18,8 @@ using ::testing::HasSubstr;
 
 class WireRequest : public SandboxTest {
 protected:
-    [[nodiscard]] RawAnswer send(std::string const& text) const {
-        return parseAnswer(exchangeRaw(m_Service->plainPort(), text));
+    [[nodiscard]] RawResponse send(std::string const& text) const {
+        return parseResponse(exchangeRaw(m_Service->plainPort(), text));
     }
 };
 
@@ -55,7 +55,7 @@ TEST_F(WireRequest, IsRefusedWithBareLineFeeds) {
 
 TEST_F(WireRequest, RefusesOtherMethodsAndPaths) {
     EXPECT_EQ(send("GET /nothing HTTP/1.0\r\n\r\n").m_Status, 404);
-    RawAnswer const posted = send(formPost("/capture", "DATA=x"));
+    RawResponse const posted = send(formPost("/capture", "DATA=x"));
     EXPECT_EQ(posted.m_Status, 405);
     EXPECT_EQ(posted.m_Headers.at("allow"), "GET");
     EXPECT_EQ(send("GET /pay/decision HTTP/1.0\r\n\r\n").m_Headers.at("allow"), "POST");
@@ -68,14 +68,14 @@ TEST_F(WireRequest, RefusesALargeForm) {
 }
 
 /// Sends what is answered before all of it has been sent.
-RawAnswer sendTooMuch(std::uint16_t port, std::string const& begin, std::string const& piece) {
+RawResponse sendTooMuch(std::uint16_t port, std::string const& begin, std::string const& piece) {
     constexpr int kPieces = 64;
     RawConnection const connection(port);
     connection.send(begin);
     for (int sent = 0; sent<kPieces&& ::send(connection.get(), piece.data(), piece.size(), MSG_NOSIGNAL)> 0; ++sent) {
     }
     ::shutdown(connection.get(), SHUT_WR);
-    return parseAnswer(connection.readToEnd());
+    return parseResponse(connection.readToEnd());
 }
 
 TEST_F(WireRequest, RefusesAHeadWithoutMeasure) {
@@ -116,9 +116,9 @@ TEST_F(WireRequest, TellsWhoExpectsItToGoOn) {
     ASSERT_EQ(::recv(connection.get(), told.data(), told.size(), MSG_WAITALL), static_cast<ssize_t>(told.size()));
     EXPECT_EQ(told, goOn);
     connection.send(body);
-    std::string const answer = connection.readToEnd();
-    EXPECT_EQ(parseAnswer(answer).m_Status, 404);
-    EXPECT_EQ(m_Service->exchanges().back().m_Answer, answer);
+    std::string const response = connection.readToEnd();
+    EXPECT_EQ(parseResponse(response).m_Status, 404);
+    EXPECT_EQ(m_Service->exchanges().back().m_Response, response);
 }
 
 TEST_F(WireRequest, DoesNotWaitForConnectionsThatSayNothing) {
@@ -136,7 +136,7 @@ TEST_F(WireRequest, RefusesALineThatNeverEnds) {
     RawConnection const connection(m_Service->plainPort());
     connection.send("GET / HTTP/1.0");
     ::shutdown(connection.get(), SHUT_WR);
-    EXPECT_EQ(parseAnswer(connection.readToEnd()).m_Status, 400);
+    EXPECT_EQ(parseResponse(connection.readToEnd()).m_Status, 400);
 }
 
 TEST(RequestLine, IsSplitAtItsOuterSpaces) {

@@ -59,7 +59,7 @@ sandbox::Exchange sampleExchange(std::string const& data, std::string const& sig
     return exchange;
 }
 
-sandbox::HttpReply returnedWith(std::string const& query) {
+sandbox::HttpResponse returnedWith(std::string const& query) {
     sandbox::HttpRequest request;
     request.m_Query = query;
     return sandbox::returnedPage(request);
@@ -68,7 +68,7 @@ sandbox::HttpReply returnedWith(std::string const& query) {
 constexpr char kMessage[] = R"(<KVX MSGTYPE="PayConfirm" ORDERID="A &amp; B" RESULT="authorised"/>)";
 
 /// Every page in every form it takes, named.
-std::vector<std::pair<std::string, sandbox::HttpReply>> allPages() {
+std::vector<std::pair<std::string, sandbox::HttpResponse>> allPages() {
     sandbox::Payment const payment = samplePayment(sampleOrder()).m_Payment;
     sandbox::StoredPayment nasty = samplePayment({{"ORDERID", kNasty},
                                                   {"AMOUNT", kNasty},
@@ -79,7 +79,7 @@ std::vector<std::pair<std::string, sandbox::HttpReply>> allPages() {
     nasty.m_Payment.m_Id = nasty.m_Payment.m_Account = nasty.m_FormKey = kNasty;
     std::string const signedQuery = "DATA=" + encode(kMessage) + "&SIGNATURE=00ff";
     std::string const nastyQuery = "DATA=" + encode(kNasty) + "&SIGNATURE=" + encode(kNasty);
-    std::vector<std::pair<std::string, sandbox::HttpReply>> pages = {
+    std::vector<std::pair<std::string, sandbox::HttpResponse>> pages = {
         {"payment without anything", sandbox::paymentPage(samplePayment({}), "")},
         {"payment, nasty", sandbox::paymentPage(nasty, kNasty)},
         {"error without a message", sandbox::errorPage(404, "there is no such payment", {})},
@@ -157,18 +157,18 @@ TEST(EscapeHtml, KeepsAValueOf100KilobytesToTheLastByte) {
 // --- What all pages have in common
 
 TEST(EveryPage, IsWellFormedAndClean) {
-    for (auto const& [name, reply] : allPages()) {
+    for (auto const& [name, response] : allPages()) {
         SCOPED_TRACE(name);
-        EXPECT_EQ(reply.m_ContentType, "text/html; charset=utf-8");
-        EXPECT_NO_THROW(PageReader(reply.m_Body));
-        EXPECT_TRUE(isCleanUtf8(reply.m_Body));
+        EXPECT_EQ(response.m_ContentType, "text/html; charset=utf-8");
+        EXPECT_NO_THROW(PageReader(response.m_Body));
+        EXPECT_TRUE(isCleanUtf8(response.m_Body));
     }
 }
 
 TEST(EveryPage, TellsItsLanguageCharacterSetAndWidth) {
-    for (auto const& [name, reply] : allPages()) {
+    for (auto const& [name, response] : allPages()) {
         SCOPED_TRACE(name);
-        PageReader const page(reply.m_Body);
+        PageReader const page(response.m_Body);
         EXPECT_EQ(page.text("/html/@lang").size(), 2u);
         EXPECT_EQ(page.text("/html/head/meta[1]/@charset"), "utf-8");
         EXPECT_EQ(page.text("/html/head/meta[@name='viewport']/@content"), "width=device-width, initial-scale=1");
@@ -177,9 +177,9 @@ TEST(EveryPage, TellsItsLanguageCharacterSetAndWidth) {
 }
 
 TEST(EveryPage, HasItsLandmarksAndHeadingsInOrder) {
-    for (auto const& [name, reply] : allPages()) {
+    for (auto const& [name, response] : allPages()) {
         SCOPED_TRACE(name);
-        PageReader const page(reply.m_Body);
+        PageReader const page(response.m_Body);
         EXPECT_EQ(page.count("//header"), 1u);
         EXPECT_EQ(page.count("//main"), 1u);
         EXPECT_EQ(page.count("/html/body/*[not(self::header or self::main)]"), 0u);
@@ -192,9 +192,9 @@ TEST(EveryPage, HasItsLandmarksAndHeadingsInOrder) {
 }
 
 TEST(EveryPage, NamesWhatItRefersToOnce) {
-    for (auto const& [name, reply] : allPages()) {
+    for (auto const& [name, response] : allPages()) {
         SCOPED_TRACE(name);
-        PageReader const page(reply.m_Body);
+        PageReader const page(response.m_Body);
         std::vector<std::string> const names = page.texts("//@id");
         std::set<std::string> const unique(names.begin(), names.end());
         EXPECT_EQ(unique.size(), names.size());
@@ -205,9 +205,9 @@ TEST(EveryPage, NamesWhatItRefersToOnce) {
 }
 
 TEST(EveryPage, GivesDataItsNames) {
-    for (auto const& [name, reply] : allPages()) {
+    for (auto const& [name, response] : allPages()) {
         SCOPED_TRACE(name);
-        PageReader const page(reply.m_Body);
+        PageReader const page(response.m_Body);
         EXPECT_EQ(page.count("//dt"), page.count("//dl/div[count(*)=2]/dt[string(.)!='']/following-sibling::dd"));
         EXPECT_EQ(page.count("//dd"), page.count("//dt"));
         EXPECT_EQ(page.count("//table"), page.count("//table[thead/tr/th[@scope='col']]"));
@@ -218,9 +218,9 @@ TEST(EveryPage, GivesDataItsNames) {
 }
 
 TEST(EveryPage, RunsAndLoadsNothing) {
-    for (auto const& [name, reply] : allPages()) {
+    for (auto const& [name, response] : allPages()) {
         SCOPED_TRACE(name);
-        PageReader const page(reply.m_Body);
+        PageReader const page(response.m_Body);
         EXPECT_EQ(page.count("//script | //img | //link | //iframe | //object | //@src | //@href | //@style"), 0u);
         EXPECT_EQ(page.count("//@*[starts-with(name(), 'on')]"), 0u);
         EXPECT_THAT(page.text("//style"), Not(HasSubstr("url(")));
@@ -230,9 +230,9 @@ TEST(EveryPage, RunsAndLoadsNothing) {
 }
 
 TEST(EveryPage, SaysThatNoMoneyMoves) {
-    for (auto const& [name, reply] : allPages()) {
+    for (auto const& [name, response] : allPages()) {
         SCOPED_TRACE(name);
-        PageReader const page(reply.m_Body);
+        PageReader const page(response.m_Body);
         sandbox::Language const& language = sandbox::languageFor(page.text("/html/@lang"));
         EXPECT_EQ(page.text("/html/@lang"), language.m_Tag);
         EXPECT_THAT(page.text("//header/p"), HasSubstr(language[PageText::kNotice]));
@@ -289,8 +289,8 @@ TEST(ContrastRatio, IsThatOfTheStandard) {
 }
 
 TEST_F(StyleSheet, IsTheSameOnEveryPage) {
-    for (auto const& [name, reply] : allPages()) {
-        EXPECT_EQ(PageReader(reply.m_Body).text("//style"), m_Sheet) << name;
+    for (auto const& [name, response] : allPages()) {
+        EXPECT_EQ(PageReader(response.m_Body).text("//style"), m_Sheet) << name;
     }
 }
 
@@ -480,10 +480,10 @@ TEST(PaymentPageContent, HasOneFormWithThePrimaryButtonFirst) {
 // --- The pages that show a message
 
 TEST(ErrorPage, SaysWhyAndShowsTheMessageItRead) {
-    sandbox::HttpReply const reply =
+    sandbox::HttpResponse const response =
         sandbox::errorPage(409, "the payment is declined already", sampleExchange(kMessage, "00ff"));
-    EXPECT_EQ(reply.m_Status, 409);
-    PageReader const page(reply.m_Body);
+    EXPECT_EQ(response.m_Status, 409);
+    PageReader const page(response.m_Body);
     EXPECT_EQ(page.text("//h1"), "The request was turned down");
     EXPECT_EQ(page.text("//section[@aria-labelledby='reason']/p"), "the payment is declined already");
     EXPECT_THAT(page.texts("//tbody/tr/th"), ElementsAre("MSGTYPE", "ORDERID", "RESULT"));
@@ -525,9 +525,9 @@ TEST(OutcomePage, ShowsTheMessageAndItsRawForms) {
     sandbox::Payment payment = samplePayment(sampleOrder()).m_Payment;
     payment.m_State = sandbox::PaymentState::kAuthorised;
     std::string const query = "DATA=" + encode(kMessage) + "&SIGNATURE=00ff";
-    sandbox::HttpReply const reply = sandbox::outcomePage(payment, query);
-    EXPECT_EQ(reply.m_Status, 200);
-    PageReader const page(reply.m_Body);
+    sandbox::HttpResponse const response = sandbox::outcomePage(payment, query);
+    EXPECT_EQ(response.m_Status, 200);
+    PageReader const page(response.m_Body);
     EXPECT_EQ(page.text("//h1"), "The payment is authorised");
     EXPECT_THAT(page.texts("//tbody/tr/td"), ElementsAre("PayConfirm", "A & B", "authorised"));
     EXPECT_THAT(page.texts("//pre"), ElementsAre(kMessage, "00ff", query));
@@ -549,9 +549,9 @@ TEST(ReturnedPage, SaysWhatIsMissing) {
 
 TEST(ReturnedPage, RefusesAQueryThatCannotBeRead) {
     for (char const* query : {"DATA=%zz", "DATA=a&DATA=b", "SIGNATURE=1&SIGNATURE=2"}) {
-        sandbox::HttpReply const reply = returnedWith(query);
-        EXPECT_EQ(reply.m_Status, 400) << query;
-        EXPECT_EQ(PageReader(reply.m_Body).text("//h1"), "The request was turned down") << query;
+        sandbox::HttpResponse const response = returnedWith(query);
+        EXPECT_EQ(response.m_Status, 400) << query;
+        EXPECT_EQ(PageReader(response.m_Body).text("//h1"), "The request was turned down") << query;
     }
 }
 

@@ -146,12 +146,12 @@ TEST_F(SandboxProxy, ForwardsAnyMethodInOriginFormAndTheRestAsItCame) {
 
 TEST_F(SandboxProxy, CarriesTheMerchantsPlainRequests) {
     for (std::string const& host : {"127.0.0.1:" + plainPort(), "LocalHost:" + plainPort()}) {
-        std::string const answer = ask(merchantGet("http://" + host + kSetup, "demo", "demo"));
-        EXPECT_EQ(attributeOf(parseAnswer(answer).m_Body, "MSGTYPE"), "SetupResponse");
+        std::string const response = ask(merchantGet("http://" + host + kSetup, "demo", "demo"));
+        EXPECT_EQ(attributeOf(parseResponse(response).m_Body, "MSGTYPE"), "SetupResponse");
         sandbox::Exchange const exchange = lastExchange();
         EXPECT_EQ(exchange.m_Kind, sandbox::ExchangeKind::kProxy);
         EXPECT_EQ(exchange.m_Path, "http://" + host + "/auto");
-        EXPECT_EQ(exchange.m_Answer, answer);
+        EXPECT_EQ(exchange.m_Response, response);
         EXPECT_EQ(exchange.m_Verdict, "ok");
         EXPECT_EQ(exchange.m_Fault, "");
         EXPECT_EQ(exchange.m_Time, "2023-11-14T22:13:20Z");
@@ -166,13 +166,13 @@ TEST_F(SandboxProxy, CarriesTheMerchantsPlainRequests) {
 TEST_F(SandboxProxy, CarriesLongRequestsAndAnswers) {
     std::string const text = m_Merchant.payInit("t1", " NOTE=\"" + std::string(1000000, 'x') + "\"");
     std::string const target = m_Service->baseUrl() + "/pay" + m_Merchant.signedQuery(text);
-    EXPECT_EQ(parseAnswer(ask(merchantGet(target))).m_Status, 200);
+    EXPECT_EQ(parseResponse(ask(merchantGet(target))).m_Status, 200);
     EXPECT_LT(lastExchange().m_Request.size(), 100000u);
     EXPECT_EQ(m_Service->payments().at(0).attribute("NOTE"), std::string(1000000, 'x'));
     std::string const body(5000000, 'y');
     RawServer const server("HTTP/1.0 200 OK\r\n\r\n" + body);
-    EXPECT_EQ(parseAnswer(ask(getFrom(server.portText()))).m_Body, body);
-    EXPECT_LT(lastExchange().m_Answer.size(), 100000u);
+    EXPECT_EQ(parseResponse(ask(getFrom(server.portText()))).m_Body, body);
+    EXPECT_LT(lastExchange().m_Response.size(), 100000u);
 }
 
 TEST_F(SandboxProxy, KeepsTheCredentialsForItselfToItself) {
@@ -206,11 +206,11 @@ TEST_F(TlsSandboxProxy, TunnelsTls) {
         sandbox::Exchange const exchange = lastExchange();
         EXPECT_EQ(exchange.m_Path, "CONNECT " + host);
         EXPECT_EQ(exchange.m_Request, "CONNECT " + host + " HTTP/1.0\r\nPragma: no-cache\r\nUserAgent: x\r\n\r\n");
-        EXPECT_EQ(exchange.m_Answer, kEstablished);
+        EXPECT_EQ(exchange.m_Response, kEstablished);
         EXPECT_EQ(exchange.m_Verdict, "ok");
-        std::string const answer =
+        std::string const response =
             exchangeTls(client.get(), merchantGet(kSetup, "demo", "demo"), m_Service->authorityFile());
-        EXPECT_EQ(attributeOf(parseAnswer(answer).m_Body, "MSGTYPE"), "SetupResponse");
+        EXPECT_EQ(attributeOf(parseResponse(response).m_Body, "MSGTYPE"), "SetupResponse");
     }
 }
 
@@ -250,8 +250,8 @@ TEST_F(SandboxProxy, LetsATargetSpeakToAMerchantWhoEndedSilently) {
 }
 
 TEST_F(SandboxProxy, PassesOnThatOneSideHasEnded) {
-    RawServer answering([](Peer& peer) { peer.send("after " + peer.receiveToEnd()); });
-    Tunnel const first(m_Service->proxyPort(), answering.portText());
+    RawServer responding([](Peer& peer) { peer.send("after " + peer.receiveToEnd()); });
+    Tunnel const first(m_Service->proxyPort(), responding.portText());
     first.send("the end");
     first.end();
     EXPECT_EQ(first.readToEnd(), "after the end");
@@ -308,7 +308,7 @@ TEST_F(SandboxProxy, PassesOnThatAConnectionWasReset) {
     EXPECT_EQ(client.receive(23), "HTTP/1.0 200 OK\r\n\r\nhalf");
     client.send("more");
     EXPECT_THROW((void)client.readToEnd(), std::runtime_error);
-    EXPECT_EQ(lastExchange().m_Answer, "HTTP/1.0 200 OK\r\n\r\nhalf");
+    EXPECT_EQ(lastExchange().m_Response, "HTTP/1.0 200 OK\r\n\r\nhalf");
 }
 
 TEST_F(SandboxProxy, DeliversAnAnswerThatDidNotWaitForTheWholeRequest) {
@@ -328,14 +328,14 @@ TEST_F(SandboxProxy, ReachesThisMachineOnly) {
                                  "2130706433:80", "127.0.0.01:80", "0x7f.0.0.1:80"}) {
         for (std::string const& request : {"GET http://" + std::string(hostPort) + "/ HTTP/1.0\r\n\r\n",
                                            "CONNECT " + std::string(hostPort) + " HTTP/1.0\r\n\r\n"}) {
-            RawAnswer const answer = parseAnswer(ask(request));
-            EXPECT_EQ(answer.m_Status, 403) << request;
-            EXPECT_THAT(answer.m_Body, HasSubstr("is not this machine, and the sandbox reaches no other")) << request;
-            EXPECT_EQ(lastExchange().m_Verdict + "\n", answer.m_Body);
+            RawResponse const response = parseResponse(ask(request));
+            EXPECT_EQ(response.m_Status, 403) << request;
+            EXPECT_THAT(response.m_Body, HasSubstr("is not this machine, and the sandbox reaches no other")) << request;
+            EXPECT_EQ(lastExchange().m_Verdict + "\n", response.m_Body);
             EXPECT_THAT(lastExchange().m_Path, HasSubstr(hostPort));
         }
     }
-    EXPECT_EQ(parseAnswer(ask("GET http://[::1] HTTP/1.0\r\n\r\n")).m_Status, 403);
+    EXPECT_EQ(parseResponse(ask("GET http://[::1] HTTP/1.0\r\n\r\n")).m_Status, 403);
 }
 
 TEST_F(SandboxProxy, RefusesWhatIsNoRequestToAProxy) {
@@ -372,15 +372,15 @@ TEST_F(SandboxProxy, RefusesWhatIsNoRequestToAProxy) {
         Client const client(m_Service->proxyPort());
         client.send(row.m_Head);
         client.end();
-        RawAnswer const answer = parseAnswer(client.readToEnd());
-        EXPECT_EQ(answer.m_Status, row.m_Status) << row.m_Head;
-        EXPECT_THAT(answer.m_Body, HasSubstr(row.m_Reason)) << row.m_Head;
-        EXPECT_EQ(lastExchange().m_Verdict + "\n", answer.m_Body) << row.m_Head;
+        RawResponse const response = parseResponse(client.readToEnd());
+        EXPECT_EQ(response.m_Status, row.m_Status) << row.m_Head;
+        EXPECT_THAT(response.m_Body, HasSubstr(row.m_Reason)) << row.m_Head;
+        EXPECT_EQ(lastExchange().m_Verdict + "\n", response.m_Body) << row.m_Head;
     }
 }
 
 TEST_F(SandboxProxy, RefusesHeadsWithoutMeasure) {
-    EXPECT_EQ(parseAnswer(ask("GET http://127.0.0.1/" + std::string(5 * 1024 * 1024, 'x'))).m_Status, 414);
+    EXPECT_EQ(parseResponse(ask("GET http://127.0.0.1/" + std::string(5 * 1024 * 1024, 'x'))).m_Status, 414);
     EXPECT_THAT(ask("GET http://127.0.0.1/ HTTP/1.0\r\n" + std::string(70000, 'x')), HasSubstr("too long"));
     EXPECT_LT(lastExchange().m_Request.size(), 100000u);
 }
@@ -396,10 +396,10 @@ TEST_F(SandboxProxy, MakesNothingOfAConnectionWithoutARequest) {
 TEST_F(SandboxProxy, TellsThatNobodyListens) {
     ClosedPort const closed;
     for (std::string const& request : {getFrom(closed.text()), connectTo(closed.text())}) {
-        RawAnswer const answer = parseAnswer(ask(request));
-        EXPECT_EQ(answer.m_Status, 502);
-        EXPECT_THAT(answer.m_Body, HasSubstr("no connection to 127.0.0.1:" + closed.text()));
-        EXPECT_EQ(lastExchange().m_Verdict + "\n", answer.m_Body);
+        RawResponse const response = parseResponse(ask(request));
+        EXPECT_EQ(response.m_Status, 502);
+        EXPECT_THAT(response.m_Body, HasSubstr("no connection to 127.0.0.1:" + closed.text()));
+        EXPECT_EQ(lastExchange().m_Verdict + "\n", response.m_Body);
     }
 }
 
@@ -412,10 +412,10 @@ TEST_F(SandboxProxy, GivesUpATargetThatDoesNotAnswer) {
         if (*fault != '\0') {
             arm(fault);
         }
-        RawAnswer const answer = parseAnswer(ask(getFrom(silent.portText())));
-        EXPECT_EQ(answer.m_Status, 504);
-        EXPECT_THAT(answer.m_Body, HasSubstr("does not answer"));
-        EXPECT_EQ(lastExchange().m_Verdict + "\n", answer.m_Body);
+        RawResponse const response = parseResponse(ask(getFrom(silent.portText())));
+        EXPECT_EQ(response.m_Status, 504);
+        EXPECT_THAT(response.m_Body, HasSubstr("does not answer"));
+        EXPECT_EQ(lastExchange().m_Verdict + "\n", response.m_Body);
     }
 }
 
@@ -437,9 +437,9 @@ TEST_F(SandboxProxy, GivesUpATargetThatDoesNotAccept) {
     {
         RawConnection const first(port);
         for (std::string const& request : {getFrom(std::to_string(port)), connectTo(std::to_string(port))}) {
-            RawAnswer const answer = parseAnswer(ask(request));
-            EXPECT_EQ(answer.m_Status, 504) << answer.m_Body;
-            EXPECT_THAT(answer.m_Body, HasSubstr("does not take the connection"));
+            RawResponse const response = parseResponse(ask(request));
+            EXPECT_EQ(response.m_Status, 504) << response.m_Body;
+            EXPECT_THAT(response.m_Body, HasSubstr("does not take the connection"));
         }
     }
     ::close(listener);
@@ -482,7 +482,7 @@ TEST_F(SandboxProxy, LetsFaultsHappenToTheAnswerToConnect) {
         "Content-Length: 31\r\n\r\nthe proxy asks for credentials\n";
     struct Row {
         char const* m_Fault;
-        std::string m_Answer;
+        std::string m_Response;
         bool m_Contacted;
         bool m_Tunnel;
     };
@@ -512,12 +512,12 @@ TEST_F(SandboxProxy, LetsFaultsHappenToTheAnswerToConnect) {
         Client const client(m_Service->proxyPort());
         client.send(connectTo(target.portText()));
         if (row.m_Tunnel) {
-            EXPECT_EQ(client.receive(row.m_Answer.size()), row.m_Answer) << row.m_Fault;
+            EXPECT_EQ(client.receive(row.m_Response.size()), row.m_Response) << row.m_Fault;
             client.send("through");
             client.end();
         }
         std::string const rest = receivedOf([&client] { return client.readToEnd(); });
-        EXPECT_EQ(rest, row.m_Tunnel ? "through" : row.m_Answer) << row.m_Fault;
+        EXPECT_EQ(rest, row.m_Tunnel ? "through" : row.m_Response) << row.m_Fault;
         EXPECT_EQ(target.records().size(), row.m_Contacted ? 1u : 0u) << row.m_Fault;
         EXPECT_EQ(m_Service->exchanges().size(), before + 1) << row.m_Fault;
         EXPECT_EQ(lastExchange().m_Fault, row.m_Fault);
@@ -531,7 +531,7 @@ TEST_F(SandboxProxy, LetsFaultsHappenToWhatItForwards) {
     std::string const whole = head + "body";
     struct Row {
         char const* m_Fault;
-        std::string m_Answer;
+        std::string m_Response;
         bool m_Contacted;
     };
     for (Row const& row : {
@@ -551,19 +551,19 @@ TEST_F(SandboxProxy, LetsFaultsHappenToWhatItForwards) {
          }) {
         RawServer target(whole);
         arm(row.m_Fault);
-        EXPECT_EQ(receivedOf([&] { return ask(getFrom(target.portText())); }), row.m_Answer) << row.m_Fault;
-        EXPECT_EQ(lastExchange().m_Answer, row.m_Contacted ? whole : "") << row.m_Fault;
+        EXPECT_EQ(receivedOf([&] { return ask(getFrom(target.portText())); }), row.m_Response) << row.m_Fault;
+        EXPECT_EQ(lastExchange().m_Response, row.m_Contacted ? whole : "") << row.m_Fault;
         EXPECT_EQ(lastExchange().m_Fault, row.m_Fault);
         EXPECT_EQ(lastExchange().m_Verdict, row.m_Contacted ? "ok" : "not looked at") << row.m_Fault;
         EXPECT_EQ(ask(getFrom(target.portText())), whole) << row.m_Fault;
         EXPECT_EQ(target.records().size(), row.m_Contacted ? 2u : 1u) << row.m_Fault;
     }
     arm("proxy-407");
-    RawAnswer const asking = parseAnswer(ask(getFrom(plainPort())));
+    RawResponse const asking = parseResponse(ask(getFrom(plainPort())));
     EXPECT_EQ(asking.m_Status, 407);
     EXPECT_EQ(asking.m_Headers.at("proxy-authenticate"), "Basic realm=\"sandbox\"");
     arm("http-status,exchange=proxy,status=299,text=so");
-    EXPECT_EQ(parseAnswer(ask(getFrom(plainPort()))).m_Status, 299);
+    EXPECT_EQ(parseResponse(ask(getFrom(plainPort()))).m_Status, 299);
 }
 
 TEST_F(SandboxProxy, WaitsInAFaultUntilTheMerchantGoes) {
@@ -581,7 +581,7 @@ TEST_F(SandboxProxy, WaitsInAFaultUntilTheMerchantGoes) {
 TEST_F(SandboxProxy, HasAFaultHappenToItsRefusalsToo) {
     arm("truncate,exchange=proxy,bytes=8");
     EXPECT_EQ(ask("GET http://example.com/ HTTP/1.0\r\n\r\n"), "HTTP/1.0");
-    EXPECT_THAT(lastExchange().m_Answer, StartsWith("HTTP/1.0 403 Forbidden\r\n"));
+    EXPECT_THAT(lastExchange().m_Response, StartsWith("HTTP/1.0 403 Forbidden\r\n"));
     EXPECT_THAT(lastExchange().m_Verdict, HasSubstr("not this machine"));
 }
 
@@ -591,9 +591,9 @@ TEST_F(SandboxProxy, CannotLetFaultsHappenToAnswersWithoutMeasure) {
         peer.send("HTTP/1.0 200 OK\r\n\r\n" + std::string(9 * 1024 * 1024, 'x'));
     });
     arm("truncate,exchange=proxy,bytes=100000000");
-    RawAnswer const answer = parseAnswer(ask(getFrom(target.portText())));
-    EXPECT_EQ(answer.m_Status, 502);
-    EXPECT_THAT(answer.m_Body, HasSubstr("too long for a fault"));
+    RawResponse const response = parseResponse(ask(getFrom(target.portText())));
+    EXPECT_EQ(response.m_Status, 502);
+    EXPECT_THAT(response.m_Body, HasSubstr("too long for a fault"));
 }
 
 TEST_F(SandboxProxy, RefusesConnectionsOnRequestAndTheListenersDoNot) {
@@ -601,10 +601,10 @@ TEST_F(SandboxProxy, RefusesConnectionsOnRequestAndTheListenersDoNot) {
     EXPECT_THROW(ask(getFrom(plainPort())), std::runtime_error);
     EXPECT_EQ(get("/").m_Status, 200);
     EXPECT_TRUE(m_Service->liftFault(error));
-    EXPECT_EQ(parseAnswer(ask("GET " + m_Service->baseUrl() + "/ HTTP/1.0\r\n\r\n")).m_Status, 200);
+    EXPECT_EQ(parseResponse(ask("GET " + m_Service->baseUrl() + "/ HTTP/1.0\r\n\r\n")).m_Status, 200);
     m_Service->arm(sandbox::parseFault("refuse"));
     EXPECT_THROW((void)get("/"), std::runtime_error);
-    EXPECT_EQ(parseAnswer(ask("GET " + m_Service->baseUrl() + "/ HTTP/1.0\r\n\r\n")).m_Status, 502);
+    EXPECT_EQ(parseResponse(ask("GET " + m_Service->baseUrl() + "/ HTTP/1.0\r\n\r\n")).m_Status, 502);
 }
 
 TEST_F(TlsSandboxProxy, LetsFaultsOfTlsThroughToTheMerchant) {
@@ -631,7 +631,7 @@ TEST_F(SandboxProxy, EndsWithTheServiceWhateverIsUnderWay) {
     m_Service->stop();
     EXPECT_EQ(m_Service->proxyPort(), 0);
     EXPECT_EQ(m_Service->proxyUrl(), "");
-    EXPECT_EQ(parseAnswer(waiting.readToEnd()).m_Status, 503);
+    EXPECT_EQ(parseResponse(waiting.readToEnd()).m_Status, 503);
     EXPECT_THROW((void)tunnel.readToEnd(), std::runtime_error);
 }
 
@@ -654,9 +654,9 @@ TEST_F(TlsSandboxProxy, CarriesTheLastAnswersOfTheServiceWhenItStops) {
 TEST_F(SandboxProxy, AnswersNothingThatItCannotRecord) {
     sandbox::Database(m_Directory.path() + "/sandbox.db").execute("ALTER TABLE exchanges RENAME TO elsewhere");
     RawServer target("HTTP/1.0 200 OK\r\n\r\nbody");
-    RawAnswer const answer = parseAnswer(ask(connectTo(target.portText())));
-    EXPECT_EQ(answer.m_Status, 500);
-    EXPECT_THAT(answer.m_Body, StartsWith("The sandbox failed: database: no such table"));
+    RawResponse const response = parseResponse(ask(connectTo(target.portText())));
+    EXPECT_EQ(response.m_Status, 500);
+    EXPECT_THAT(response.m_Body, StartsWith("The sandbox failed: database: no such table"));
     // This answer is on its way already, so the merchant must see that it is not to be trusted.
     EXPECT_THROW(ask(getFrom(target.portText())), std::runtime_error);
 }

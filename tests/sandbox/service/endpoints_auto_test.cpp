@@ -109,7 +109,7 @@ TEST_F(AutoService, TellsWhatIsWrongWithTheCredentials) {
 TEST_F(AutoService, TellsWhatIsWrongWithTheAuthorizationHeader) {
     auto const reasonWith = [this](std::string const& header) {
         std::string const request = "GET /auto?DATA=x HTTP/1.0\r\n" + header + "\r\n";
-        return reasonOf(parseAnswer(exchangeRaw(m_Service->plainPort(), request)).m_Body);
+        return reasonOf(parseResponse(exchangeRaw(m_Service->plainPort(), request)).m_Body);
     };
     EXPECT_THAT(reasonWith(""), HasSubstr("no Authorization header"));
     EXPECT_THAT(reasonWith("Authorization: Bearer x\r\n"), HasSubstr("not of the scheme Basic"));
@@ -127,10 +127,10 @@ TEST_F(AutoService, AnswersBytesThatANarrowParserReads) {
 
 TEST_F(AutoService, ClosesTheConnectionAndTellsTheLength) {
     std::string const text = "<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>";
-    RawAnswer const answer = get("/auto?DATA=" + encode(text), "demo", "demo");
-    EXPECT_EQ(answer.m_Headers.at("content-length"), std::to_string(answer.m_Body.size()));
-    EXPECT_EQ(answer.m_Headers.at("connection"), "close");
-    EXPECT_EQ(answer.m_Headers.count("transfer-encoding"), 0u);
+    RawResponse const response = get("/auto?DATA=" + encode(text), "demo", "demo");
+    EXPECT_EQ(response.m_Headers.at("content-length"), std::to_string(response.m_Body.size()));
+    EXPECT_EQ(response.m_Headers.at("connection"), "close");
+    EXPECT_EQ(response.m_Headers.count("transfer-encoding"), 0u);
 }
 
 TEST_F(AutoService, RecordsEveryExchangeWithItsVerdict) {

@@ -25,9 +25,10 @@ protected:
 };
 
 TEST_F(CaptureService, CapturesAnAuthorisedPayment) {
-    std::string const answer = askCapture(authorise("t1"));
-    EXPECT_EQ(answer, "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"" + m_Service->serverKeyId() + "\" ID=\"" + payment().m_Id +
-                          "\" TOKEN=\"t1\" AMOUNT=\"12.50\" CURRENCY=\"EUR\" ORDERID=\"A-17\" RESULT=\"captured\"/>");
+    std::string const response = askCapture(authorise("t1"));
+    EXPECT_EQ(response, "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"" + m_Service->serverKeyId() + "\" ID=\"" +
+                            payment().m_Id +
+                            "\" TOKEN=\"t1\" AMOUNT=\"12.50\" CURRENCY=\"EUR\" ORDERID=\"A-17\" RESULT=\"captured\"/>");
     EXPECT_EQ(payment().m_State, PaymentState::kCaptured);
     EXPECT_EQ(lastVerdict(), "ok");
 }
@@ -41,22 +42,22 @@ TEST_F(CaptureService, AnswersARepeatedCaptureAlike) {
 
 TEST_F(CaptureService, CapturesOnceWhenAskedAtTheSameTime) {
     std::string const confirm = authorise("t1");
-    std::vector<std::string> answers(8);
+    std::vector<std::string> responses(8);
     std::vector<std::thread> threads;
-    for (std::string& answer : answers) {
-        threads.emplace_back([this, &answer, &confirm] { answer = askCapture(confirm); });
+    for (std::string& response : responses) {
+        threads.emplace_back([this, &response, &confirm] { response = askCapture(confirm); });
     }
     for (std::thread& thread : threads) {
         thread.join();
     }
-    for (std::string const& answer : answers) {
-        EXPECT_EQ(attributeOf(answer, "RESULT"), "captured") << answer;
+    for (std::string const& response : responses) {
+        EXPECT_EQ(attributeOf(response, "RESULT"), "captured") << response;
     }
     EXPECT_EQ(payment().m_History.size(), 3u);
 }
 
 TEST_F(CaptureService, RefusesToCaptureWhatIsNotAuthorised) {
-    RawAnswer const page = openPage(m_Merchant.payInit("t1"));
+    RawResponse const page = openPage(m_Merchant.payInit("t1"));
     std::string const capture = m_Merchant.message("PayConfirm", " TOKEN=\"t1\"");
     EXPECT_THAT(reasonOf(askCapture(capture)), HasSubstr("is opened, it cannot be captured"));
     press(page, "decline");

@@ -19,7 +19,7 @@ class PaymentPage : public SandboxTest {
 protected:
     /// The page that refuses `text`; the exchange must have been recorded with `reason`.
     void expectRefused(std::string const& text, std::string const& reason) const {
-        RawAnswer const page = openPage(text);
+        RawResponse const page = openPage(text);
         EXPECT_EQ(page.m_Status, 400) << text;
         EXPECT_THAT(page.m_Body, HasSubstr(sandbox::escapeHtml(reason)));
         EXPECT_THAT(page.m_Body, HasSubstr(sandbox::verbatim(text)));
@@ -32,9 +32,9 @@ protected:
                            "KEYBLOB");
     }
 
-    void expectSignedReturn(RawAnswer const& answer, std::string const& link, std::string const& result) const {
-        ASSERT_EQ(answer.m_Status, 302) << answer.m_Body;
-        std::string const location = answer.m_Headers.at("location");
+    void expectSignedReturn(RawResponse const& response, std::string const& link, std::string const& result) const {
+        ASSERT_EQ(response.m_Status, 302) << response.m_Body;
+        std::string const location = response.m_Headers.at("location");
         EXPECT_THAT(location, StartsWith(link + "DATA=%3cKVX%20MSGTYPE%3d%22PayConfirm%22%20"));
         std::string const data = decode(queryValue(location, "DATA"));
         EXPECT_EQ(attributeOf(data, "MSGTYPE"), "PayConfirm");
@@ -50,7 +50,7 @@ protected:
 };
 
 TEST_F(PaymentPage, ShowsTheOrderAndRecordsThePayment) {
-    RawAnswer const page = openPage(m_Merchant.payInit("t1"));
+    RawResponse const page = openPage(m_Merchant.payInit("t1"));
     EXPECT_EQ(page.m_Status, 200);
     EXPECT_THAT(page.m_Headers.at("content-type"), StartsWith("text/html"));
     for (char const* part :
@@ -72,10 +72,10 @@ TEST_F(PaymentPage, ShowsTheOrderAndRecordsThePayment) {
 TEST_F(PaymentPage, IsReadableInTheRecordWhateverTheBrowserAccepts) {
     std::string request = merchantGet("/pay" + m_Merchant.signedQuery(m_Merchant.payInit("t1")));
     request.insert(request.size() - 2, "Accept-Encoding: gzip, deflate, br\r\n");
-    std::string const answer = exchangeRaw(m_Service->plainPort(), request);
-    EXPECT_EQ(parseAnswer(answer).m_Headers.count("content-encoding"), 0u);
-    EXPECT_THAT(answer, HasSubstr("<button"));
-    EXPECT_EQ(m_Service->exchanges().back().m_Answer, answer);
+    std::string const response = exchangeRaw(m_Service->plainPort(), request);
+    EXPECT_EQ(parseResponse(response).m_Headers.count("content-encoding"), 0u);
+    EXPECT_THAT(response, HasSubstr("<button"));
+    EXPECT_EQ(m_Service->exchanges().back().m_Response, response);
 }
 
 TEST_F(PaymentPage, EscapesWhatTheMerchantWrote) {
@@ -105,27 +105,27 @@ TEST_F(PaymentPage, CanBePaidUntilTheExpiration) {
 }
 
 TEST_F(PaymentPage, SendsThePayingShopperToTheSuccessLink) {
-    RawAnswer const answer = press(openPage(m_Merchant.payInit("t1")), "pay");
-    expectSignedReturn(answer, "http://shop.example/ok?", "authorised");
+    RawResponse const response = press(openPage(m_Merchant.payInit("t1")), "pay");
+    expectSignedReturn(response, "http://shop.example/ok?", "authorised");
     EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kAuthorised);
     EXPECT_EQ(m_Service->payments()[0].m_History.size(), 2u);
 }
 
 TEST_F(PaymentPage, SendsTheDecliningShopperToTheFailLinkBeforeItsFragment) {
-    RawAnswer const answer = press(openPage(m_Merchant.payInit("t1")), "decline");
-    expectSignedReturn(answer, "http://shop.example/failed?", "declined");
-    EXPECT_THAT(answer.m_Headers.at("location"), ::testing::EndsWith("#top"));
+    RawResponse const response = press(openPage(m_Merchant.payInit("t1")), "decline");
+    expectSignedReturn(response, "http://shop.example/failed?", "declined");
+    EXPECT_THAT(response.m_Headers.at("location"), ::testing::EndsWith("#top"));
     EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kDeclined);
 }
 
 TEST_F(PaymentPage, ExtendsTheQueryOfTheBackLink) {
-    RawAnswer const answer = press(openPage(m_Merchant.payInit("t1")), "cancel");
-    expectSignedReturn(answer, "http://shop.example/back?cart=7&", "cancelled");
+    RawResponse const response = press(openPage(m_Merchant.payInit("t1")), "cancel");
+    expectSignedReturn(response, "http://shop.example/back?cart=7&", "cancelled");
     EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kCancelled);
 }
 
 TEST_F(PaymentPage, SignsHighBytesSoThatTheMerchantVerifiesThem) {
-    RawAnswer const page = openPage(
+    RawResponse const page = openPage(
         m_Merchant.message("PayInit",
                            " TOKEN=\"t\" EXPIRATION=\"20991231 23:59:59\" ORDERID=\"Caf\xE9 \x80 &amp; \xC3\xA9\""
                            " SUCCESSLINK=\"http://shop.example/\""));
@@ -137,7 +137,7 @@ TEST_F(PaymentPage, SignsHighBytesSoThatTheMerchantVerifiesThem) {
 }
 
 TEST_F(PaymentPage, LeavesOutWhatTheOrderDidNotName) {
-    RawAnswer const page = openPage(m_Merchant.message(
+    RawResponse const page = openPage(m_Merchant.message(
         "PayInit", " TOKEN=\"t\" EXPIRATION=\"20991231 23:59:59\" SUCCESSLINK=\"http://shop.example/\""));
     std::string const data = decode(queryValue(press(page, "pay").m_Headers.at("location"), "DATA"));
     EXPECT_EQ(data, "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"" + m_Service->serverKeyId() + "\" ID=\"" +
@@ -145,28 +145,28 @@ TEST_F(PaymentPage, LeavesOutWhatTheOrderDidNotName) {
 }
 
 TEST_F(PaymentPage, ShowsTheOutcomeWhenThereIsNoLink) {
-    RawAnswer const page = openPage(m_Merchant.message("PayInit", " TOKEN=\"t\" EXPIRATION=\"20991231 23:59:59\""));
-    RawAnswer const answer = press(page, "pay");
-    EXPECT_EQ(answer.m_Status, 200);
-    EXPECT_THAT(answer.m_Body, HasSubstr("The payment is authorised"));
-    EXPECT_THAT(answer.m_Body, HasSubstr("DATA=%3cKVX"));
+    RawResponse const page = openPage(m_Merchant.message("PayInit", " TOKEN=\"t\" EXPIRATION=\"20991231 23:59:59\""));
+    RawResponse const response = press(page, "pay");
+    EXPECT_EQ(response.m_Status, 200);
+    EXPECT_THAT(response.m_Body, HasSubstr("The payment is authorised"));
+    EXPECT_THAT(response.m_Body, HasSubstr("DATA=%3cKVX"));
 }
 
 TEST_F(PaymentPage, RepeatsTheSameDecision) {
-    RawAnswer const page = openPage(m_Merchant.payInit("t1"));
+    RawResponse const page = openPage(m_Merchant.payInit("t1"));
     std::string const first = press(page, "pay").m_Headers.at("location");
     EXPECT_EQ(press(page, "pay").m_Headers.at("location"), first);
     EXPECT_EQ(m_Service->payments()[0].m_History.size(), 2u);
 }
 
 TEST_F(PaymentPage, RefusesAnotherDecisionAfterTheFirst) {
-    RawAnswer const page = openPage(m_Merchant.payInit("t1"));
+    RawResponse const page = openPage(m_Merchant.payInit("t1"));
     press(page, "decline");
-    RawAnswer const answer = press(page, "pay");
-    EXPECT_EQ(answer.m_Status, 409);
-    EXPECT_THAT(answer.m_Body, HasSubstr("declined already"));
-    EXPECT_THAT(attributeOf(answer.m_Body, "href"), StartsWith("http://shop.example/failed?DATA="));
-    EXPECT_THAT(answer.m_Body, HasSubstr("<th scope=\"row\">TOKEN</th><td>t1</td>"));
+    RawResponse const response = press(page, "pay");
+    EXPECT_EQ(response.m_Status, 409);
+    EXPECT_THAT(response.m_Body, HasSubstr("declined already"));
+    EXPECT_THAT(attributeOf(response.m_Body, "href"), StartsWith("http://shop.example/failed?DATA="));
+    EXPECT_THAT(response.m_Body, HasSubstr("<th scope=\"row\">TOKEN</th><td>t1</td>"));
     EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kDeclined);
 }
 
@@ -181,9 +181,9 @@ TEST_F(PaymentPage, RefusesAForeignForm) {
          {Row{"payment=" + id + "&key=" + std::string(32, '0') + "&decision=pay", 403},
           Row{"payment=" + id + "&key=&decision=pay", 403}, Row{"payment=" + id + "&decision=pay", 403},
           Row{"payment=P0&key=x&decision=pay", 404}, Row{"", 400}, Row{"payment=" + id + "&decision=refund", 400}}) {
-        RawAnswer const answer =
-            parseAnswer(exchangeRaw(m_Service->plainPort(), formPost("/pay/decision", row.m_Body)));
-        EXPECT_EQ(answer.m_Status, row.m_Status) << row.m_Body;
+        RawResponse const response =
+            parseResponse(exchangeRaw(m_Service->plainPort(), formPost("/pay/decision", row.m_Body)));
+        EXPECT_EQ(response.m_Status, row.m_Status) << row.m_Body;
     }
     EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kOpened);
 }
@@ -194,10 +194,10 @@ TEST_F(PaymentPage, ShowsAReloadedPageOfAnOpenPaymentAgain) {
 }
 
 TEST_F(PaymentPage, RefusesATokenThatWasUsed) {
-    RawAnswer const page = openPage(m_Merchant.payInit("t1"));
+    RawResponse const page = openPage(m_Merchant.payInit("t1"));
     EXPECT_THAT(openPage(m_Merchant.payInit("t1", " NOTE=\"another\"")).m_Body, HasSubstr("TOKEN was used already"));
     press(page, "pay");
-    RawAnswer const again = openPage(m_Merchant.payInit("t1"));
+    RawResponse const again = openPage(m_Merchant.payInit("t1"));
     EXPECT_EQ(again.m_Status, 400);
     EXPECT_THAT(again.m_Body, HasSubstr("which is authorised"));
     EXPECT_EQ(m_Service->payments().size(), 1u);
@@ -216,7 +216,7 @@ TEST_F(PaymentPage, LeadsBackToTheShopWhoComesTooLate) {
     std::string const text = m_Merchant.message(
         "PayInit", " TOKEN=\"t\" EXPIRATION=\"20231114 22:13:20\" FAILLINK=\"http://shop.example/no\"");
     m_Now = 1700000001;
-    RawAnswer const page = openPage(text);
+    RawResponse const page = openPage(text);
     EXPECT_EQ(page.m_Status, 400);
     EXPECT_THAT(page.m_Body, HasSubstr("The payment has expired"));
     EXPECT_THAT(page.m_Body, HasSubstr("EXPIRATION is 2023-11-14T22:13:20Z, now is 2023-11-14T22:13:21Z"));
@@ -240,17 +240,17 @@ TEST_F(PaymentPage, LeadsBackWhoPaidInTimeAndLoadsThePageLater) {
         "PayInit", " TOKEN=\"t\" EXPIRATION=\"20231114 22:13:20\" SUCCESSLINK=\"http://shop.example/ok\"");
     std::string const address = press(openPage(text), "pay").m_Headers.at("location");
     m_Now = 1700000001;
-    RawAnswer const page = openPage(text);
+    RawResponse const page = openPage(text);
     EXPECT_THAT(page.m_Body, HasSubstr("The payment is decided already"));
     EXPECT_THAT(page.m_Body, HasSubstr("which is authorised"));
     EXPECT_EQ(attributeOf(page.m_Body, "href"), address);
 }
 
 TEST_F(PaymentPage, AcceptsNoDecisionAfterTheExpiration) {
-    RawAnswer const page = openPage(m_Merchant.message(
+    RawResponse const page = openPage(m_Merchant.message(
         "PayInit", " TOKEN=\"t\" EXPIRATION=\"20231114 22:13:20\" FAILLINK=\"http://shop.example/no\""));
     m_Now = 1700000001;
-    RawAnswer const back = press(page, "pay");
+    RawResponse const back = press(page, "pay");
     EXPECT_EQ(back.m_Status, 302);
     std::string const location = back.m_Headers.at("location");
     EXPECT_THAT(location, StartsWith("http://shop.example/no?DATA="));
@@ -313,7 +313,7 @@ TEST_F(PaymentPage, TellsWhyASignatureIsRefused) {
           Row{"&SIGNATURE=" + TestMerchant("x").sign(text), "not one of DATA"},
           Row{"&SIGNATURE=" + m_Merchant.sign(text, true), "sign-extended bytes"},
           Row{"&SIGNATURE=" + good + "&SIGNATURE=" + good, "SIGNATURE stands in the query twice"}}) {
-        RawAnswer const page = get(target + row.m_Query);
+        RawResponse const page = get(target + row.m_Query);
         EXPECT_EQ(page.m_Status, 400);
         EXPECT_THAT(page.m_Body, HasSubstr(row.m_Reason));
         EXPECT_THAT(page.m_Body, HasSubstr(sandbox::escapeHtml(text)));
@@ -323,7 +323,7 @@ TEST_F(PaymentPage, TellsWhyASignatureIsRefused) {
 
 TEST_F(PaymentPage, RefusesTheMessageOfAnotherMerchantsKey) {
     TestMerchant const other(m_Merchant.keyId());
-    RawAnswer const page = get("/pay" + other.signedQuery(m_Merchant.payInit("t1")));
+    RawResponse const page = get("/pay" + other.signedQuery(m_Merchant.payInit("t1")));
     EXPECT_THAT(page.m_Body, HasSubstr("is not one of DATA under the key &#39;" + m_Merchant.keyId()));
 }
 
@@ -337,7 +337,7 @@ TEST_F(PaymentPage, ListsPaymentsWithTheirStates) {
 }
 
 TEST_F(PaymentPage, ShowsReturnedShoppersTheMessage) {
-    RawAnswer const page = get("/returned?DATA=%3cKVX%2f%3e&SIGNATURE=00");
+    RawResponse const page = get("/returned?DATA=%3cKVX%2f%3e&SIGNATURE=00");
     EXPECT_EQ(page.m_Status, 200);
     EXPECT_THAT(page.m_Body, HasSubstr("&lt;KVX/&gt;"));
     EXPECT_EQ(get("/returned?DATA=%zz").m_Status, 400);

@@ -33,7 +33,7 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
 
-std::string answerWith(int status) {
+std::string responseWith(int status) {
     return "HTTP/1.1 " + std::to_string(status) + " Text\r\nContent-Length: 2\r\n\r\nok";
 }
 
@@ -44,8 +44,8 @@ public:
 
     explicit Shop(std::vector<Script> scripts) : m_Scripts(std::move(scripts)) {}
 
-    static Script answers(std::string answer) {
-        return [answer = std::move(answer)](Peer& peer) { peer.send(answer); };
+    static Script responds(std::string response) {
+        return [response = std::move(response)](Peer& peer) { peer.send(response); };
     }
 
     /// Leaves the request unanswered until it is given up.
@@ -54,10 +54,10 @@ public:
     }
 
     /// Leaves the request unanswered until `released` is ready.
-    static Script answersLate(std::shared_future<void> released, std::string answer) {
-        return [released = std::move(released), answer = std::move(answer)](Peer& peer) {
+    static Script respondsLate(std::shared_future<void> released, std::string response) {
+        return [released = std::move(released), response = std::move(response)](Peer& peer) {
             if (released.wait_for(kTimeout) == std::future_status::ready) {
-                peer.send(answer);
+                peer.send(response);
             }
         };
     }
@@ -107,7 +107,7 @@ protected:
     }
 
     /// A payment page of an order whose merchant wants to be notified at `address`.
-    [[nodiscard]] RawAnswer openNotified(std::string const& address, std::string const& token = "t1") const {
+    [[nodiscard]] RawResponse openNotified(std::string const& address, std::string const& token = "t1") const {
         return openPage(m_Merchant.payInit(token, " NOTIFYADDRESS=\"" + address + "\""));
     }
 
@@ -161,7 +161,7 @@ TEST_F(PaymentNotification, TellsEveryDecision) {
     };
     std::size_t number = 0;
     for (Row const& row : {Row{"pay", "authorised"}, Row{"decline", "declined"}, Row{"cancel", "cancelled"}}) {
-        Shop shop({Shop::answers(answerWith(200))});
+        Shop shop({Shop::responds(responseWith(200))});
         ASSERT_EQ(press(openNotified(shop.address(), row.m_Decision), row.m_Decision).m_Status, 302);
         std::string const request = shop.request();
         EXPECT_THAT(request, StartsWith("GET /notified?shop=7&DATA=%3cKVX%20MSGTYPE%3d%22PayConfirm%22%20"));
@@ -185,7 +185,7 @@ TEST_F(PaymentNotification, TellsEveryDecision) {
 }
 
 TEST_F(PaymentNotification, TellsThatAPaymentHasExpired) {
-    Shop shop({Shop::answers(answerWith(200))});
+    Shop shop({Shop::responds(responseWith(200))});
     EXPECT_EQ(openNotified(shop.address()).m_Status, 200);
     EXPECT_TRUE(m_Service->notifications().empty());
     m_Now = 5'000'000'000;
@@ -217,7 +217,7 @@ protected:
 };
 
 TEST_F(NotificationOfExpiration, ComesWithoutAnybodyLooking) {
-    Shop shop({Shop::answers(answerWith(200))});
+    Shop shop({Shop::responds(responseWith(200))});
     restartWithClockInterval(std::chrono::milliseconds(5));
     openBriefly(shop.address());
     m_Now = kPast;
@@ -226,7 +226,7 @@ TEST_F(NotificationOfExpiration, ComesWithoutAnybodyLooking) {
 }
 
 TEST_F(NotificationOfExpiration, ComesWhenTheClockIsSetAhead) {
-    Shop shop({Shop::answers(answerWith(200))});
+    Shop shop({Shop::responds(responseWith(200))});
     openBriefly(shop.address());
     exchangeRaw(m_Service->controlPort(), jsonPost("/control/clock", R"({"ahead": 3600})"));
     EXPECT_TRUE(m_Service->notifications().empty()) << "the last second is not over";
@@ -235,7 +235,7 @@ TEST_F(NotificationOfExpiration, ComesWhenTheClockIsSetAhead) {
 }
 
 TEST_F(NotificationOfExpiration, ComesWhenTheClockHasMoved) {
-    Shop shop({Shop::answers(answerWith(200))});
+    Shop shop({Shop::responds(responseWith(200))});
     openBriefly(shop.address());
     m_Now = kPast;
     m_Service->clockMoved();
@@ -243,7 +243,7 @@ TEST_F(NotificationOfExpiration, ComesWhenTheClockHasMoved) {
 }
 
 TEST_F(NotificationOfExpiration, ComesAfterTheNextStart) {
-    Shop shop({Shop::answers(answerWith(200))});
+    Shop shop({Shop::responds(responseWith(200))});
     openBriefly(shop.address(), "t1");
     openBriefly(shop.address(), "t2");
     m_Service->stop();
@@ -255,7 +255,7 @@ TEST_F(NotificationOfExpiration, ComesAfterTheNextStart) {
 }
 
 TEST_F(NotificationOfExpiration, DoesNotComeForWhatWasDecidedInTime) {
-    Shop shop({Shop::answers(answerWith(200))});
+    Shop shop({Shop::responds(responseWith(200))});
     payNotified(shop.address(), "t1");
     EXPECT_EQ(awaitSettled(0).m_Result, "authorised");
     // The second one shows that the first one has been passed over.
@@ -269,7 +269,7 @@ TEST_F(NotificationOfExpiration, DoesNotComeForWhatWasDecidedInTime) {
 
 TEST_F(NotificationOfExpiration, ComesOnceHoweverManyLook) {
     constexpr std::size_t kPayments = 20;
-    Shop shop({Shop::answers(answerWith(200))});
+    Shop shop({Shop::responds(responseWith(200))});
     for (std::size_t i = 0; i < kPayments; ++i) {
         openBriefly(shop.address(), "t" + std::to_string(i));
     }
@@ -295,7 +295,7 @@ TEST_F(NotificationOfExpiration, ComesOnceHoweverManyLook) {
 TEST_F(PaymentNotification, TellsNothingUnaskedAndNothingThatTheMerchantDid) {
     authorise("without");
     EXPECT_TRUE(m_Service->notifications().empty());
-    Shop shop({Shop::answers(answerWith(200))});
+    Shop shop({Shop::responds(responseWith(200))});
     payNotified(shop.address());
     EXPECT_EQ(awaitSettled().m_Outcome, "delivered: 200");
     std::string confirm = dataOf(shop.request());
@@ -309,7 +309,7 @@ TEST_F(PaymentNotification, LetsTheMerchantCaptureFromWithinIt) {
     std::string captured;
     Shop shop({[&](Peer& peer) {
         captured = askCapture(m_Merchant.message("PayConfirm", " TOKEN=\"t1\""));
-        peer.send(answerWith(200));
+        peer.send(responseWith(200));
     }});
     payNotified(shop.address());
     EXPECT_EQ(awaitSettled().m_Outcome, "delivered: 200");
@@ -317,7 +317,7 @@ TEST_F(PaymentNotification, LetsTheMerchantCaptureFromWithinIt) {
 }
 
 TEST_F(PaymentNotification, RecordsWhatWasSentAndAnswered) {
-    Shop shop({Shop::answers(answerWith(202))});
+    Shop shop({Shop::responds(responseWith(202))});
     payNotified(shop.address() + "#part");
     EXPECT_EQ(awaitSettled().m_Outcome, "delivered: 202");
     ASSERT_EQ(sent().size(), 1u);
@@ -327,7 +327,7 @@ TEST_F(PaymentNotification, RecordsWhatWasSentAndAnswered) {
     EXPECT_EQ(exchange.m_Request, shop.request());
     EXPECT_EQ(exchange.m_Data, dataOf(shop.request()));
     EXPECT_EQ(exchange.m_Signature, signatureOf(shop.request()));
-    EXPECT_EQ(exchange.m_Answer, answerWith(202));
+    EXPECT_EQ(exchange.m_Response, responseWith(202));
     EXPECT_EQ(exchange.m_Verdict, "ok");
     EXPECT_EQ(exchange.m_Fault, "");
     EXPECT_EQ(exchange.m_Time, "2023-11-14T22:13:20Z");
@@ -336,7 +336,7 @@ TEST_F(PaymentNotification, RecordsWhatWasSentAndAnswered) {
 }
 
 TEST_F(PaymentNotification, AsksThreeTimes) {
-    Shop shop({Shop::answers(answerWith(500))});
+    Shop shop({Shop::responds(responseWith(500))});
     payNotified(shop.address());
     Notification const notification = awaitSettled();
     EXPECT_EQ(notification.m_Outcome, "given up: the merchant answered 500");
@@ -348,7 +348,8 @@ TEST_F(PaymentNotification, AsksThreeTimes) {
 }
 
 TEST_F(PaymentNotification, DeliversAtALaterAttempt) {
-    Shop shop({Shop::answers(answerWith(500)), Shop::answers(answerWith(302)), Shop::answers(answerWith(299))});
+    Shop shop(
+        {Shop::responds(responseWith(500)), Shop::responds(responseWith(302)), Shop::responds(responseWith(299))});
     payNotified(shop.address());
     Notification const notification = awaitSettled();
     EXPECT_EQ(notification.m_Outcome, "delivered: 299");
@@ -362,25 +363,26 @@ TEST_F(PaymentNotification, TakesOnlyAGoodAnswerForOne) {
     };
     std::size_t index = 0;
     for (Row const& row : {
-             Row{Shop::answers(answerWith(199)), "given up: the merchant answered 199"},
+             Row{Shop::responds(responseWith(199)), "given up: the merchant answered 199"},
              // Redirects are not followed.
-             Row{Shop::answers("HTTP/1.0 301 Moved\r\nLocation: /\r\n\r\n"), "given up: the merchant answered 301"},
-             Row{Shop::answers(""), "given up: the merchant closed the connection without an answer"},
-             Row{Shop::answers("200 OK\r\n\r\n"), "given up: the merchant's answer is not a complete one of HTTP"},
-             Row{Shop::answers("HTTP/1.0 200 OK\r\nA: b\r\n"),
+             Row{Shop::responds("HTTP/1.0 301 Moved\r\nLocation: /\r\n\r\n"), "given up: the merchant answered 301"},
+             Row{Shop::responds(""), "given up: the merchant closed the connection without an answer"},
+             Row{Shop::responds("200 OK\r\n\r\n"), "given up: the merchant's answer is not a complete one of HTTP"},
+             Row{Shop::responds("HTTP/1.0 200 OK\r\nA: b\r\n"),
                  "given up: the merchant's answer is not a complete one of HTTP"},
-             Row{Shop::answers("HTTP/1.0\r\n200\r\n\r\n"),
+             Row{Shop::responds("HTTP/1.0\r\n200\r\n\r\n"),
                  "given up: the merchant's answer is not a complete one of HTTP"},
-             Row{Shop::answers("HTTP/1.0 OK\r\n\r\n"), "given up: the merchant's answer is not a complete one of HTTP"},
+             Row{Shop::responds("HTTP/1.0 OK\r\n\r\n"),
+                 "given up: the merchant's answer is not a complete one of HTTP"},
              Row{[](Peer& peer) { peer.reset(); }, "given up: the merchant reset the connection"},
-             Row{Shop::answers("HTTP/1.0 200\n\n"), "delivered: 200"},
-             Row{Shop::answers("HTTP/1.0 200 OK\r\n\r\n" + std::string(9 * 1024 * 1024, 'x')), "delivered: 200"},
+             Row{Shop::responds("HTTP/1.0 200\n\n"), "delivered: 200"},
+             Row{Shop::responds("HTTP/1.0 200 OK\r\n\r\n" + std::string(9 * 1024 * 1024, 'x')), "delivered: 200"},
          }) {
         Shop shop({row.m_Script});
         payNotified(shop.address(), "t" + std::to_string(index));
         EXPECT_EQ(awaitSettled(index++).m_Outcome, row.m_Outcome);
     }
-    EXPECT_LT(sent().back().m_Answer.size(), 100000u);
+    EXPECT_LT(sent().back().m_Response.size(), 100000u);
 }
 
 TEST_F(PaymentNotification, GivesUpWhereNobodyListens) {
@@ -417,7 +419,7 @@ TEST_F(PaymentNotification, TakesAnAnswerForWholeWhenItsLengthHasCome) {
     }});
     payNotified(shop.address());
     EXPECT_EQ(awaitSettled().m_Outcome, "delivered: 200");
-    EXPECT_THAT(m_Service->exchanges().back().m_Answer, HasSubstr("\r\n\r\ndone"));
+    EXPECT_THAT(m_Service->exchanges().back().m_Response, HasSubstr("\r\n\r\ndone"));
 }
 
 TEST_F(PaymentNotification, SendsToThisMachineOverHttpOnly) {
@@ -453,12 +455,12 @@ TEST_F(PaymentNotification, SendsToThisMachineOverHttpOnly) {
 
 TEST_F(PaymentNotification, WaitsBetweenAttemptsAndLetsOthersPass) {
     restartWithBackoff({std::chrono::hours(1), std::chrono::hours(1)});
-    Shop failing({Shop::answers(answerWith(500))});
+    Shop failing({Shop::responds(responseWith(500))});
     payNotified(failing.address(), "t1");
     Notification const first = await([](Notification const& notification) { return notification.m_Attempts == 1; });
     EXPECT_TRUE(first.m_Pending);
     EXPECT_EQ(first.m_Outcome, "to be tried again: the merchant answered 500");
-    Shop other({Shop::answers(answerWith(200))});
+    Shop other({Shop::responds(responseWith(200))});
     payNotified(other.address(), "t2");
     EXPECT_EQ(awaitSettled(1).m_Outcome, "delivered: 200");
     EXPECT_EQ(failing.requests(1).size(), 1u);
@@ -475,10 +477,10 @@ TEST_F(PaymentNotification, DoesNotWaitForMerchantsElsewhere) {
     std::shared_future<void> const released(release.get_future());
     std::vector<std::unique_ptr<Shop>> slow;
     for (std::size_t i = 0; i < sandbox::Notifier::kWorkers; ++i) {
-        slow.push_back(std::make_unique<Shop>(
-            std::vector<Shop::Script>{Shop::answersLate(released, answerWith(200)), Shop::answers(answerWith(200))}));
+        slow.push_back(std::make_unique<Shop>(std::vector<Shop::Script>{Shop::respondsLate(released, responseWith(200)),
+                                                                        Shop::responds(responseWith(200))}));
     }
-    Shop quick({Shop::answers(answerWith(200))});
+    Shop quick({Shop::responds(responseWith(200))});
     for (std::size_t i = 1; i < slow.size(); ++i) {
         payNotified(slow[i]->address(), "slow" + std::to_string(i));
         EXPECT_NE(slow[i]->request(), "");
@@ -501,7 +503,8 @@ TEST_F(PaymentNotification, DoesNotWaitForMerchantsElsewhere) {
 
 TEST_F(PaymentNotification, ComesInOrderForOnePayment) {
     restartWithBackoff({std::chrono::hours(1), std::chrono::hours(1)});
-    Shop shop({Shop::answers(answerWith(500)), Shop::answers(answerWith(500)), Shop::answers(answerWith(200))});
+    Shop shop(
+        {Shop::responds(responseWith(500)), Shop::responds(responseWith(500)), Shop::responds(responseWith(200))});
     payNotified(shop.address(), "t1");
     EXPECT_TRUE(await([](Notification const& notification) { return notification.m_Attempts == 1; }).m_Pending);
     m_Service->stop();
@@ -527,7 +530,7 @@ TEST_F(PaymentNotification, IsCutEverywhereWhenTheServiceStops) {
     std::vector<std::unique_ptr<Shop>> shops;
     for (std::size_t i = 0; i < 3; ++i) {
         shops.push_back(
-            std::make_unique<Shop>(std::vector<Shop::Script>{Shop::hangs(), Shop::answers(answerWith(200))}));
+            std::make_unique<Shop>(std::vector<Shop::Script>{Shop::hangs(), Shop::responds(responseWith(200))}));
         payNotified(shops[i]->address(), "t" + std::to_string(i));
         EXPECT_NE(shops[i]->request(), "");
     }
@@ -540,7 +543,7 @@ TEST_F(PaymentNotification, IsCutEverywhereWhenTheServiceStops) {
 }
 
 TEST_F(PaymentNotification, IsSentAfterTheNextStartWhenTheServiceStopsBefore) {
-    Shop shop({Shop::hangs(), Shop::answers(answerWith(200))});
+    Shop shop({Shop::hangs(), Shop::responds(responseWith(200))});
     payNotified(shop.address());
     std::string const cut = shop.request();
     m_Service->stop();
@@ -554,7 +557,7 @@ TEST_F(PaymentNotification, IsSentAfterTheNextStartWhenTheServiceStopsBefore) {
 }
 
 TEST_F(PaymentNotification, IsNotSentByAServiceThatCannotStart) {
-    Shop shop({Shop::hangs(), Shop::answers(answerWith(200))});
+    Shop shop({Shop::hangs(), Shop::responds(responseWith(200))});
     payNotified(shop.address());
     EXPECT_NE(shop.request(), "");
     m_Service->stop();
@@ -570,7 +573,7 @@ TEST_F(PaymentNotification, IsNotRepeatedBecauseItsOutcomeCannotBeKept) {
     std::string const file = m_Directory.path() + "/sandbox.db";
     sandbox::Database(file).execute(
         "CREATE TRIGGER broken BEFORE UPDATE ON notifications BEGIN SELECT RAISE(ABORT, 'broken'); END");
-    Shop shop({Shop::answers(answerWith(200))});
+    Shop shop({Shop::responds(responseWith(200))});
     payNotified(shop.address(), "t1");
     ASSERT_TRUE(comesTrue([this] { return sent().size() == 1; }));
     payNotified(shop.address(), "t2");
@@ -586,7 +589,7 @@ TEST_F(PaymentNotification, IsNotRepeatedBecauseItsOutcomeCannotBeKept) {
 
 TEST_F(PaymentNotification, IsNotSentByFaultOfDrop) {
     arm("drop,exchange=notification,order=A-17");
-    Shop shop({Shop::answers(answerWith(200))});
+    Shop shop({Shop::responds(responseWith(200))});
     payNotified(shop.address(), "t1");
     Notification const notification = awaitSettled();
     EXPECT_EQ(notification.m_Outcome, "not sent: the fault drop,exchange=notification,order=A-17 happened");
@@ -602,7 +605,8 @@ TEST_F(PaymentNotification, IsNotSentByFaultOfDrop) {
 
 TEST_F(PaymentNotification, IsSentTwiceOncePerFault) {
     arm("twice,exchange=notification");
-    Shop shop({Shop::answers(answerWith(200)), Shop::answers(answerWith(500)), Shop::answers(answerWith(200))});
+    Shop shop(
+        {Shop::responds(responseWith(200)), Shop::responds(responseWith(500)), Shop::responds(responseWith(200))});
     payNotified(shop.address(), "t1");
     Notification const notification = awaitSettled();
     EXPECT_EQ(notification.m_Outcome, "delivered: 200");
@@ -621,7 +625,7 @@ TEST_F(PaymentNotification, IsSentTwiceOncePerFault) {
 
 TEST_F(PaymentNotification, IsLateByFaultOfDelay) {
     arm("delay,exchange=notification,seconds=0");
-    Shop shop({Shop::answers(answerWith(200))});
+    Shop shop({Shop::responds(responseWith(200))});
     payNotified(shop.address(), "t1");
     EXPECT_EQ(awaitSettled().m_Outcome, "delivered: 200");
     EXPECT_EQ(sent().at(0).m_Fault, "delay,exchange=notification,seconds=0");
@@ -657,7 +661,7 @@ TEST_F(PaymentNotification, IsWrongByFault) {
         if (*row.m_Fault != '\0') {
             arm(row.m_Fault);
         }
-        Shop shop({Shop::answers(answerWith(200))});
+        Shop shop({Shop::responds(responseWith(200))});
         payNotified(shop.address(), "t" + std::to_string(index));
         std::string const data = dataOf(shop.request());
         EXPECT_EQ(attributeOf(data, "MSGTYPE"), row.m_Type) << row.m_Fault;
@@ -670,7 +674,7 @@ TEST_F(PaymentNotification, IsWrongByFault) {
 
 TEST_F(PaymentNotification, IsNotMadeWrongByAFaultForAnotherOrder) {
     arm("drop,exchange=notification,order=A-18");
-    Shop shop({Shop::answers(answerWith(200))});
+    Shop shop({Shop::responds(responseWith(200))});
     payNotified(shop.address());
     EXPECT_EQ(awaitSettled().m_Outcome, "delivered: 200");
     EXPECT_EQ(m_Service->faults().size(), 1u);

@@ -74,15 +74,15 @@ void RawConnection::send(std::string const& text) const {
 }
 
 std::string RawConnection::readToEnd() const {
-    std::string answer;
+    std::string response;
     char piece[4096];
     for (;;) {
         ssize_t const count = ::recv(m_Number, piece, sizeof piece, 0);
         check(count >= 0, "the answer did not end");
         if (count == 0) {
-            return answer;
+            return response;
         }
-        answer.append(piece, static_cast<std::size_t>(count));
+        response.append(piece, static_cast<std::size_t>(count));
     }
 }
 
@@ -100,15 +100,15 @@ std::string exchangeTls(int socket, std::string const& request, std::string cons
     SSL_set_fd(tls.get(), socket);
     check(SSL_connect(tls.get()) == 1, "the handshake failed");
     check(SSL_write(tls.get(), request.data(), static_cast<int>(request.size())) > 0, "the request could not be sent");
-    std::string answer;
+    std::string response;
     char piece[4096];
     for (;;) {
         int const count = SSL_read(tls.get(), piece, sizeof piece);
         if (count <= 0) {
             check(SSL_get_error(tls.get(), count) == SSL_ERROR_ZERO_RETURN, "the answer did not end properly");
-            return answer;
+            return response;
         }
-        answer.append(piece, static_cast<std::size_t>(count));
+        response.append(piece, static_cast<std::size_t>(count));
     }
 }
 
@@ -122,13 +122,13 @@ std::string exchangeRaw(std::uint16_t port, std::string const& request, std::str
     return connection.readToEnd();
 }
 
-RawAnswer parseAnswer(std::string const& text) {
+RawResponse parseResponse(std::string const& text) {
     std::size_t const space = text.find(' ');
     std::size_t const headEnd = text.find("\r\n\r\n");
     check(space != std::string::npos && headEnd != std::string::npos, "the answer is no HTTP");
-    RawAnswer answer;
-    answer.m_Status = std::stoi(text.substr(space + 1));
-    answer.m_Body = text.substr(headEnd + 4);
+    RawResponse response;
+    response.m_Status = std::stoi(text.substr(space + 1));
+    response.m_Body = text.substr(headEnd + 4);
     std::size_t from = text.find("\r\n") + 2;
     while (from < headEnd) {
         std::size_t const to = text.find("\r\n", from);
@@ -138,10 +138,10 @@ RawAnswer parseAnswer(std::string const& text) {
         std::string name = line.substr(0, colon);
         std::transform(name.begin(), name.end(), name.begin(),
                        [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-        answer.m_Headers[name] = line.substr(colon + 2);
+        response.m_Headers[name] = line.substr(colon + 2);
         from = to + 2;
     }
-    return answer;
+    return response;
 }
 
 std::string merchantGet(std::string const& target, std::string const& user, std::string const& password) {

@@ -29,7 +29,7 @@ private:
     int m_Number;
 };
 
-struct RawAnswer {
+struct RawResponse {
     int m_Status = 0;
     std::map<std::string, std::string> m_Headers;  ///< Names in lower case.
     std::string m_Body;
@@ -46,7 +46,7 @@ std::string exchangeTls(int socket, std::string const& request, std::string cons
                         std::string const& host = "127.0.0.1");
 
 /// Splits an answer; throws std::runtime_error when it is none.
-RawAnswer parseAnswer(std::string const& text);
+RawResponse parseResponse(std::string const& text);
 
 /// The request of a merchant: HTTP/1.0, no Host, the header UserAgent, Basic credentials in their own Base64.
 std::string merchantGet(std::string const& target, std::string const& user = "", std::string const& password = "");

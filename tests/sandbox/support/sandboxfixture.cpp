@@ -56,44 +56,44 @@ void SandboxTest::restart(sandbox::Options const& others) {
     m_Service->start();
 }
 
-RawAnswer SandboxTest::get(std::string const& target, std::string const& user, std::string const& password) const {
-    return parseAnswer(exchangeRaw(m_Service->plainPort(), merchantGet(target, user, password)));
+RawResponse SandboxTest::get(std::string const& target, std::string const& user, std::string const& password) const {
+    return parseResponse(exchangeRaw(m_Service->plainPort(), merchantGet(target, user, password)));
 }
 
 std::string SandboxTest::askAuto(std::string const& text, std::string const& user, std::string const& password) const {
-    RawAnswer const answer = get("/auto?DATA=" + encode(text), user, password);
-    EXPECT_EQ(answer.m_Status, 200);
-    return answer.m_Body;
+    RawResponse const response = get("/auto?DATA=" + encode(text), user, password);
+    EXPECT_EQ(response.m_Status, 200);
+    return response.m_Body;
 }
 
 void SandboxTest::publishKey() const {
-    std::string const answer = askAuto("<KVX MSGTYPE=\"KeyExportRequest\" KEYID=\"" + m_Merchant.keyId() +
-                                       "\" KEYBLOB=\"" + m_Merchant.blob() + "\"/>");
-    ASSERT_EQ(attributeOf(answer, "MSGTYPE"), "KeyExportResponse") << answer;
+    std::string const response = askAuto("<KVX MSGTYPE=\"KeyExportRequest\" KEYID=\"" + m_Merchant.keyId() +
+                                         "\" KEYBLOB=\"" + m_Merchant.blob() + "\"/>");
+    ASSERT_EQ(attributeOf(response, "MSGTYPE"), "KeyExportResponse") << response;
 }
 
-RawAnswer SandboxTest::openPage(std::string const& text) const {
+RawResponse SandboxTest::openPage(std::string const& text) const {
     return get("/pay" + m_Merchant.signedQuery(text));
 }
 
-RawAnswer SandboxTest::press(RawAnswer const& page, std::string const& decision) const {
+RawResponse SandboxTest::press(RawResponse const& page, std::string const& decision) const {
     auto const field = [&page](std::string const& name) {
         std::string const start = "name=\"" + name + "\" value=\"";
         std::size_t const from = page.m_Body.find(start) + start.size();
         return page.m_Body.substr(from, page.m_Body.find('"', from) - from);
     };
     std::string const body = "payment=" + field("payment") + "&key=" + field("key") + "&decision=" + decision;
-    return parseAnswer(exchangeRaw(m_Service->plainPort(), formPost("/pay/decision", body)));
+    return parseResponse(exchangeRaw(m_Service->plainPort(), formPost("/pay/decision", body)));
 }
 
 std::string SandboxTest::askCapture(std::string const& text) const {
-    RawAnswer const answer = get("/capture" + m_Merchant.signedQuery(text));
-    EXPECT_EQ(answer.m_Status, 200);
-    return answer.m_Body;
+    RawResponse const response = get("/capture" + m_Merchant.signedQuery(text));
+    EXPECT_EQ(response.m_Status, 200);
+    return response.m_Body;
 }
 
 std::string SandboxTest::authorise(std::string const& token) const {
-    RawAnswer const back = press(openPage(m_Merchant.payInit(token)), "pay");
+    RawResponse const back = press(openPage(m_Merchant.payInit(token)), "pay");
     EXPECT_EQ(back.m_Status, 302) << back.m_Body;
     std::string confirm = decode(queryValue(back.m_Headers.at("location"), "DATA"));
     std::string const serverKey = "KEYID=\"" + m_Service->serverKeyId() + "\"";

@@ -48,8 +48,8 @@ protected:
     void restart(sandbox::Options const& others);
 
     /// Sends the merchant's GET and splits the answer.
-    [[nodiscard]] RawAnswer get(std::string const& target, std::string const& user = "",
-                                std::string const& password = "") const;
+    [[nodiscard]] RawResponse get(std::string const& target, std::string const& user = "",
+                                  std::string const& password = "") const;
 
     /// The body of an answer of `/auto` to the message `text`.
     std::string askAuto(std::string const& text, std::string const& user = "demo",
@@ -58,10 +58,10 @@ protected:
     void publishKey() const;
 
     /// Opens the payment page for the message `text`.
-    RawAnswer openPage(std::string const& text) const;
+    RawResponse openPage(std::string const& text) const;
 
     /// Presses one of the buttons of `page`.
-    RawAnswer press(RawAnswer const& page, std::string const& decision) const;
+    RawResponse press(RawResponse const& page, std::string const& decision) const;
 
     /// The body of an answer of `/capture` to the message `text`.
     std::string askCapture(std::string const& text) const;
