@@ -9,7 +9,8 @@ Usage: ./demo.sh [--shop | --java] [--keep]
 
 Shows payments from end to end on this machine: an account is set up, a payment URL made, a shopper pays, the shop
 verifies, captures and completes the payment, and refuses what is forged. Everything runs on 127.0.0.1 and goes through
-libtallowin.so. The first run installs missing Debian packages (as root or with sudo) and builds into build/demo.
+libtallowin.so. The first run prints which Debian packages are missing and how large they are, installs them (as root or
+with sudo, from a Debian mirror), and builds into build/demo. Later runs need no network.
 
   --shop   a shop to click through instead: prints its address, to be opened in a browser, and serves until you press
            Ctrl-C
@@ -124,16 +125,18 @@ build_all() {
   (
     # One build at a time, also when somebody runs this script twice.
     flock 9 &&
-      cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKVX_BUILD_TESTS=OFF -DKVX_BUILD_BENCH=OFF &&
+      cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKVX_BUILD_TESTS=OFF -DKVX_BUILD_BENCH=OFF \
+            -DKVX_BUILD_JAVA="$java" &&
       exec cmake --build "$build" --target tallowin-sandbox "$@"
   ) 9>"$build.lock" >"$build_log" 2>&1
 }
 
-packages=()
+packages=(sandbox)
+java=OFF
 case "$show" in
   walk) target=tallowin-demo ;;
   shop) target=tallowin-shop ;;
-  java) target=tallowin_jar packages=(--java) ;;
+  java) target=tallowin_jar java=ON packages+=(java) ;;
 esac
 "$root/scripts/setup" "${packages[@]}" || fail "the packages that the demonstration needs are not all there"
 mkdir -p -- "$root/build"

@@ -33,17 +33,17 @@ mode=${1:-}
 mkdir -p build
 case "$mode" in
   "")
-    scripts/setup --java --browser
+    scripts/setup java-tests browser
     build_and_test release
     ;;
   --browser)
-    scripts/setup --browser
+    scripts/setup browser
     targets=(--target tallowin-shop tallowin-sandbox)
     chosen=(--label-regex '^browser$')
     build_and_test release
     ;;
   --sanitize)
-    scripts/setup --java
+    scripts/setup java-tests
     export ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1:check_initialization_order=1
     export UBSAN_OPTIONS=print_stacktrace=1
     export TSAN_OPTIONS=halt_on_error=1
@@ -51,12 +51,12 @@ case "$mode" in
     build_and_test tsan
     ;;
   --coverage)
-    scripts/setup --java --extra
+    scripts/setup java-tests coverage
     build_and_test coverage
     scripts/coverage
     ;;
   --x86)
-    scripts/setup --x86
+    scripts/setup x86
     build_and_test x86 /build scripts/x86root build/x86-root
     ;;
   *)
