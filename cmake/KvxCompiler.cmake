@@ -1,17 +1,21 @@
 # Warnings, hardening, sanitizers and coverage, for every target of the tree.
 
-set(KVX_WARNINGS -Wall -Wextra -Wpedantic -Werror -Wshadow -Wconversion -Wsign-conversion -Wold-style-cast
+set(KVX_WARNINGS -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wold-style-cast
                  -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-qual -Wformat=2 -Wundef -Wnull-dereference)
-set(KVX_C_WARNINGS -Wall -Wextra -Wpedantic -Werror -Wshadow -Wconversion -Wsign-conversion -Wcast-qual -Wformat=2
+set(KVX_C_WARNINGS -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wcast-qual -Wformat=2
                    -Wundef -Wstrict-prototypes)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   # Warns wrongly in inlined standard library code as soon as a sanitizer or -O3 is on.
   list(REMOVE_ITEM KVX_WARNINGS -Wnull-dereference)
 endif()
+if(KVX_WARNINGS_ARE_ERRORS)
+  list(APPEND KVX_WARNINGS -Werror)
+  list(APPEND KVX_C_WARNINGS -Werror)
+endif()
 
 # Everything that is linked into a process: unwind tables, because exceptions may pass through frames of C callers.
 add_compile_options(-fstack-protector-strong -funwind-tables)
-if(CMAKE_BUILD_TYPE STREQUAL "Release" AND NOT KVX_SANITIZE)
+if(CMAKE_BUILD_TYPE STREQUAL "Release" AND NOT KVX_SANITIZE AND NOT "${CMAKE_CXX_FLAGS}" MATCHES "_FORTIFY_SOURCE")
   add_compile_definitions(_FORTIFY_SOURCE=2)
 endif()
 add_link_options(-Wl,-z,relro,-z,now)
@@ -25,7 +29,7 @@ if(KVX_COVERAGE)
   add_link_options(--coverage)
 endif()
 
-# kvx_warnings(TARGET): our own code, warnings are errors.
+# kvx_warnings(TARGET): the warnings for our own code.
 function(kvx_warnings target)
   target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:${KVX_WARNINGS}>
                                            $<$<COMPILE_LANGUAGE:C>:${KVX_C_WARNINGS}>)

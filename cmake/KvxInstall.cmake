@@ -10,8 +10,9 @@ foreach(header IN LISTS public_headers)
   list(APPEND KVX_PUBLIC_HEADERS "${header}")
 endforeach()
 
-install(TARGETS tallowin tallowin_static EXPORT tallowinTargets
-        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+# Two export sets: only programs that link the archive need the development packages of its dependencies.
+install(TARGETS tallowin EXPORT tallowinTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(TARGETS tallowin_static EXPORT tallowinStaticTargets ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(FILES ${KVX_PUBLIC_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tallowin)
 
 include(CMakePackageConfigHelpers)
@@ -22,6 +23,7 @@ configure_package_config_file(cmake/tallowinConfig.cmake.in "${PROJECT_BINARY_DI
 install(FILES "${PROJECT_BINARY_DIR}/tallowinConfig.cmake" "${PROJECT_BINARY_DIR}/tallowinConfigVersion.cmake"
         DESTINATION ${KVX_PACKAGE_DIR})
 install(EXPORT tallowinTargets NAMESPACE tallowin:: DESTINATION ${KVX_PACKAGE_DIR})
+install(EXPORT tallowinStaticTargets NAMESPACE tallowin:: DESTINATION ${KVX_PACKAGE_DIR})
 
 # The prefix is told relative to the file, because `cmake --install --prefix` may choose another one.
 file(RELATIVE_PATH KVX_PREFIX_FROM_PKGCONFIG "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")

@@ -3,7 +3,8 @@
 # Sets KVX_JAVA (whether there is one), KVX_JNI_INCLUDES, and the paths of its tools KVX_JAVAC, KVX_JAR, KVX_JAVADOC,
 # KVX_JAVA_RUN.
 
-option(KVX_BUILD_JAVA "Build the native methods of the Java classes and the jar, when a JDK of 11 or later is found" ON)
+option(KVX_BUILD_JAVA "Build the native methods of the Java classes and the jar, when a JDK of 11 or later is found"
+       ${PROJECT_IS_TOP_LEVEL})
 set(KVX_JAVA OFF)
 if(NOT KVX_BUILD_JAVA)
   return()

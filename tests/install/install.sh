@@ -12,7 +12,7 @@ for file in include/tallowin/{tallowin,codes,export,version,cConfigurationSetup,
             include/tallowin/{tbstring,tbstringstream,tbvector,tbrbtree,tbmap,tbmultimap,tbexception}.h \
             include/tallowin/{xmlelement,xmlparser,xmlquery,kvxbase,kvxctx,icct,kvxurl,kvxhttp}.h \
             "$libdir"/libtallowin.{a,so,so.1} "$libdir"/pkgconfig/tallowin.pc \
-            "$libdir"/cmake/tallowin/{tallowinConfig,tallowinConfigVersion,tallowinTargets}.cmake; do
+            "$libdir"/cmake/tallowin/{tallowinConfig,tallowinConfigVersion,tallowinTargets,tallowinStaticTargets}.cmake; do
   [ -e "$prefix/$file" ] || { echo "$file: is not installed"; missing=1; }
 done
 

@@ -3,7 +3,7 @@
 set -euo pipefail
 export LC_ALL=C
 source=$1 work=$2 library=$3 kind=$4
-export PKG_CONFIG_PATH=$library/pkgconfig
+export PKG_CONFIG_LIBDIR=$library/pkgconfig PKG_CONFIG_PATH= # no other package is to be found
 
 rm -rf "$work"
 mkdir -p "$work"

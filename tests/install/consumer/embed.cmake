@@ -1,0 +1,47 @@
+# Builds the library as a part of this project, and looks whether it leaves the rest of the project as it is.
+
+enable_testing()
+
+# state(OUTPUT): what a subdirectory could change for its parent, one line each.
+function(state output)
+  set(lines "")
+  foreach(property COMPILE_OPTIONS COMPILE_DEFINITIONS LINK_OPTIONS INCLUDE_DIRECTORIES LINK_DIRECTORIES TESTS BUILDSYSTEM_TARGETS)
+    get_property(value DIRECTORY PROPERTY ${property})
+    string(APPEND lines "${property}=${value}\n")
+  endforeach()
+  foreach(property RULE_LAUNCH_COMPILE ALLOW_DUPLICATE_CUSTOM_TARGETS USE_FOLDERS)
+    get_property(value GLOBAL PROPERTY ${property})
+    string(APPEND lines "${property}=${value}\n")
+  endforeach()
+  foreach(variable CMAKE_CXX_STANDARD CMAKE_C_STANDARD CMAKE_CXX_EXTENSIONS CMAKE_EXPORT_COMPILE_COMMANDS CMAKE_CXX_FLAGS
+                   CMAKE_POSITION_INDEPENDENT_CODE CMAKE_CXX_VISIBILITY_PRESET CMAKE_C_VISIBILITY_PRESET
+                   CMAKE_VISIBILITY_INLINES_HIDDEN CMAKE_MODULE_PATH CMAKE_C_FLAGS CMAKE_BUILD_TYPE BUILD_TESTING
+                   BUILD_SHARED_LIBS)
+    string(APPEND lines "${variable}=${${variable}}\n")
+  endforeach()
+  set(${output} "${lines}" PARENT_SCOPE)
+endfunction()
+
+state(before)
+add_subdirectory("${EMBED}" tallowin)
+state(after)
+if(NOT after STREQUAL before)
+  message(FATAL_ERROR "The embedded library changes its surroundings. Before:\n${before}After:\n${after}")
+endif()
+foreach(target tallowin_sandbox tallowin-sandbox tallowin-demo kvx_test_support face_test tallowin_jar kvx_bench)
+  if(TARGET ${target})
+    message(FATAL_ERROR "${target} comes with the library")
+  endif()
+endforeach()
+foreach(library tallowin::tallowin tallowin::tallowin_static)
+  foreach(property INTERFACE_COMPILE_OPTIONS INTERFACE_COMPILE_DEFINITIONS INTERFACE_LINK_OPTIONS)
+    get_target_property(value ${library} ${property})
+    if(value)
+      message(FATAL_ERROR "${library} makes its users compile with ${value}")
+    endif()
+  endforeach()
+  get_target_property(value ${library} INTERFACE_INCLUDE_DIRECTORIES)
+  if(NOT value MATCHES "^[^;]*/include>?;[^;]*$")
+    message(FATAL_ERROR "${library} shows more than its public headers: ${value}")
+  endif()
+endforeach()
