@@ -1,27 +1,35 @@
 #!/usr/bin/env bash
 # overlay.sh DIRECTORY COMMAND...: runs COMMAND as root in DIRECTORY, on a copy of this machine's files.
 #
-# The copy is an overlay in a mount namespace: what COMMAND writes is gone afterwards, and nothing is copied. As an ordinary
-# user it needs user namespaces. Where neither is allowed, it says so and fails.
+# The copy is an overlay in a mount namespace: what COMMAND writes is gone afterwards, and nothing is copied. An ordinary user
+# becomes root through sudo, when that asks for no password. Where this is not allowed, the script says so and ends with 77.
 set -euo pipefail
+self=$(readlink -f -- "$0")
 directory=$(cd -- "$1" && pwd -P)
 shift
+if [ "$(id -u)" -ne 0 ]; then
+  sudo -n true 2>/dev/null || { echo 'overlay.sh: needs root, or sudo without a password' >&2; exit 77; }
+  exec sudo -n "$self" "$directory" "$@"
+fi
 namespaces=(--mount --pid --fork --kill-child)
-[ "$(id -u)" -eq 0 ] || namespaces+=(--map-root-user)
-
-unshare "${namespaces[@]}" true || { echo 'overlay.sh: this machine allows no mount namespace here' >&2; exit 1; }
+unshare "${namespaces[@]}" true || { echo 'overlay.sh: this machine allows no mount namespace here' >&2; exit 77; }
+# shellcheck disable=SC2016  # for the inner shell
 exec unshare "${namespaces[@]}" bash -euc '
   directory=$1
   shift
+  layers=0
+  # overlay PATH: PATH in the new root, where writing changes nothing.
+  overlay() {
+    layers=$((layers + 1))
+    mkdir -p "/mnt/upper$layers" "/mnt/work$layers" "/mnt/root$1"
+    mount -t overlay overlay -o "lowerdir=$1,upperdir=/mnt/upper$layers,workdir=/mnt/work$layers" "/mnt/root$1" || {
+      echo "overlay.sh: this machine allows no overlay here" >&2
+      exit 77
+    }
+  }
   mount -t tmpfs tmpfs /mnt
-  mkdir -p /mnt/{upper,work,root,upper2,work2}
-  if ! mount -t overlay overlay -o lowerdir=/,upperdir=/mnt/upper,workdir=/mnt/work /mnt/root; then
-    echo "overlay.sh: this machine allows no overlay of its root folder" >&2
-    exit 1
-  fi
-  # The directory may be a file system of its own, and these are not in the overlay of the root folder.
-  mkdir -p "/mnt/root$directory"
-  mount -t overlay overlay -o "lowerdir=$directory,upperdir=/mnt/upper2,workdir=/mnt/work2" "/mnt/root$directory"
+  overlay /
+  overlay "$directory"  # it may be a file system of its own
   mount -t proc proc /mnt/root/proc
   mount --rbind /dev /mnt/root/dev
   cd /
