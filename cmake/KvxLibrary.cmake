@@ -17,7 +17,8 @@ set_target_properties(tallowin PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION $
 target_link_libraries(tallowin PRIVATE OpenSSL::SSL OpenSSL::Crypto PkgConfig::UUID)
 target_include_directories(tallowin INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
                                               $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
-set(KVX_EXPORT_LIST "${PROJECT_SOURCE_DIR}/cmake/tallowin.map")
+set(KVX_EXPORT_LIST "${PROJECT_BINARY_DIR}/tallowin.map")
+configure_file(cmake/tallowin.map.in "${KVX_EXPORT_LIST}" @ONLY)
 target_link_options(tallowin PRIVATE "-Wl,--version-script=${KVX_EXPORT_LIST}" -Wl,--no-undefined)
 set_target_properties(tallowin PROPERTIES LINK_DEPENDS "${KVX_EXPORT_LIST}")
 

@@ -1,14 +1,19 @@
 #!/usr/bin/env bash
 # exports.sh promises LIBRARY JAVA        the names that must be exported, and those that must not
 # exports.sh compare LIBRARY JAVA LIST    all names are those of LIST, no more and no fewer
+# exports.sh keeps LIBRARY JAVA LIST      no C name of the last release is missing: those of LIST as the last tag has it, or of LIST
+#                                         itself while there is no tag
 # exports.sh list LIBRARY                 prints the names; so LIST is made
 # JAVA tells whether the library was built with the native methods of the Java classes: ON or OFF.
 set -euo pipefail
 export LC_ALL=C
 mode=$1 library=$2 java=${3:-ON}
 
-names=$(nm -D --defined-only "$library" | sed -E 's/^[0-9a-f]+ . //; s/@@?TALLOWIN_1$//' | c++filt | sort -u |
-          grep -vx TALLOWIN_1)
+# NAME@@NODE, the nodes themselves left out.
+versioned=$(nm -D --defined-only "$library" | sed -nE 's/^[0-9a-f]+ . (.*@@TALLOWIN_.*)$/\1/p' | c++filt)
+names=$(sed -E 's/@@TALLOWIN_[A-Z]*_?[0-9.]+$//' <<< "$versioned" | sort -u)
+# C names have no parameters, scope or table.
+c_part() { grep -E '^[A-Za-z0-9_]+$'; }
 
 expected() {
   if [ "$java" = ON ]; then grep -v '^#' "$1"; else grep -vE '^(#|Java_)' "$1"; fi
@@ -23,8 +28,28 @@ compare() {
   }
 }
 
+keeps() {
+  local tree tag lost
+  tree=$(git -C "$(dirname "$1")" rev-parse --show-toplevel 2> /dev/null) || tree=
+  tag=
+  [ -z "$tree" ] || tag=$(git -C "$tree" describe --tags --abbrev=0 2> /dev/null) || tag=
+  if [ -n "$tag" ]; then
+    lost=$(comm -23 <(git -C "$tree" show "$tag:tests/install/exports.txt" | released | sort) <(c_part <<< "$names" | sort))
+  else
+    lost=$(comm -23 <(released < "$1" | sort) <(c_part <<< "$names" | sort))
+  fi
+  echo "compared with ${tag:-the list, because there is no tag}"
+  [ -z "$lost" ] || { printf '%s\n' "$lost" 'are gone: programs in C of the last release no longer load'; return 1; }
+}
+released() { if [ "$java" = ON ]; then c_part; else c_part | grep -v '^Java_'; fi; }
+
 promises() {
   local failed=0 flat class methods
+  # Each face has its version node.
+  if grep -vE '^[A-Za-z0-9_]+@@TALLOWIN_[0-9]+$|^.*[(: ].*@@TALLOWIN_CXX_[0-9]+\.[0-9]+\.[0-9]+$' <<< "$versioned"; then
+    echo 'these have the version node of the other face'
+    failed=1
+  fi
   for flat in KVX_GetVersion KVX_GetErrorStringFromResult \
               {Create,Destroy}{ConfigurationSetup,MessageFactory,MessageObject} \
               ConfigurationSetup_{SetConfiguration,Reconfigure,SetOption,GetAttribute,SetAttribute} \
@@ -80,5 +105,6 @@ promises() {
 case $mode in
   promises) promises ;;
   compare) compare "$4" ;;
+  keeps) keeps "$4" ;;
   list) printf '%s\n' "$names" ;;
 esac
