@@ -250,7 +250,7 @@ void kvxDestruct(JNIEnv* env, jobject self, KvxNative native, KvxKind kind, void
         env->ExceptionClear();
         return;
     }
-    if (!kvxDestroyUnlessInUse(kind, env->GetIntField(self, field), destroy)) {
+    if (!kvxDestroyUnlessLocked(kind, env->GetIntField(self, field), destroy)) {
         kvxRefuse(env, native, kKvxInUse);
     }
 }

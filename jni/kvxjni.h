@@ -13,8 +13,8 @@
 #include "api/kvxhandle.h"
 #include "core/kvxbase.h"
 #include "foundation/tbstring.h"
+#include "jni/kvxhandlelock.h"
 #include "jni/kvxnatives.h"
-#include "jni/kvxuse.h"
 
 /// Thrown when Java's own exception is pending already and must not be replaced.
 struct KvxPendingException {};
@@ -94,10 +94,10 @@ bool kvxJavaCall(JNIEnv* env, jobject self, KvxNative native, Call call) noexcep
     KvxOutcome outcome;
     bool isLiving = false;
     {
-        KvxUse const use(Object::kKind, env->GetIntField(self, field));
-        isLiving = use.object() != nullptr;
+        KvxHandleLock const lock(Object::kKind, env->GetIntField(self, field));
+        isLiving = lock.object() != nullptr;
         if (isLiving) {
-            kvxAttempt(outcome, [&] { call(*static_cast<Object*>(use.object())); });
+            kvxAttempt(outcome, [&] { call(*static_cast<Object*>(lock.object())); });
         }
     }
     return isLiving ? kvxReport(env, native, outcome) : kvxRefuse(env, native, kKvxInvalidHandle);

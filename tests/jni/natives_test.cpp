@@ -7,7 +7,7 @@
 #include <random>
 #include <utility>
 
-#include "jni/kvxuse.h"
+#include "jni/kvxhandlelock.h"
 #include "tests/jni/shop.h"
 
 using namespace kvxtest;
@@ -50,7 +50,7 @@ void expectHandleRefused(NativeRow const& row, jint handle) {
 void callInVain(NativeRow const& row, FakeJvm& jvm) {
     JavaObject const object(row);
     if (row.destructs()) {
-        KvxUse const use(row.m_Kind, object.handle());
+        KvxHandleLock const lock(row.m_Kind, object.handle());
         row.callBare(jvm, jvm.newObject(object.handle()));
         return;
     }
@@ -180,7 +180,7 @@ TEST(Natives, RefuseToDestructWhatIsInUse) {
             FakeJvm jvm;
             jobject const self = jvm.newObject(object.handle());
             {
-                KvxUse const use(row.m_Kind, object.handle());
+                KvxHandleLock const lock(row.m_Kind, object.handle());
                 Returned const returned = row.callBare(jvm, self);
                 expectRaised(jvm, returned, KVX_E_UNEXPECTED,
                              std::string(row.m_HandlePrefix) + "object is in use by another thread");

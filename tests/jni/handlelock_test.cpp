@@ -1,6 +1,10 @@
-// Several threads of Java's on one object.
+// Several Java threads calling on one object.
+//
+// A lock is held by a scope of the test or by a `Worker` thread; `Worker::waits` observes that a thread is blocked, so
+// no test sleeps. Whether an object is locked is found out with `kvxDestroyUnlessLocked` and a destroy function that
+// only records its call. The last test does the same with native methods, a capture held up by its server.
 
-#include "jni/kvxuse.h"
+#include "jni/kvxhandlelock.h"
 
 #include <algorithm>
 #include <atomic>
@@ -29,16 +33,16 @@ public:
 
 std::vector<KVX_HANDLE> g_Destroyed;
 
-/// Stands in for destroying: notes the object and brings it back to life.
-void noteDestroyed(KVX_HANDLE object) {
+/// A destroy function that records the object and revives it.
+void recordDestroyed(KVX_HANDLE object) {
     g_Destroyed.push_back(object);
     static_cast<KvxSignature*>(object)->set();
 }
 
-/// Whether the object is in use; told by an attempt to destroy it that does nothing.
-bool isInUse(JavaObject const& object) {
+/// Whether the object is locked, found out by trying to destroy it.
+bool isLocked(JavaObject const& object) {
     g_Destroyed.clear();
-    bool const isDone = kvxDestroyUnlessInUse(kKind, object.handle(), &noteDestroyed);
+    bool const isDone = kvxDestroyUnlessLocked(kKind, object.handle(), &recordDestroyed);
     std::vector<KVX_HANDLE> expected;
     if (isDone) {
         expected.push_back(objectOf(object.handle()));
@@ -47,84 +51,84 @@ bool isInUse(JavaObject const& object) {
     return !isDone;
 }
 
-/// Waits for something that another thread does. False when patience is over.
-bool comes(std::future<void> const& event) {
+/// Waits for an event in another thread. False on timeout.
+bool happens(std::future<void> const& event) {
     return event.wait_for(std::chrono::seconds(kPatienceSeconds)) == std::future_status::ready;
 }
 
 }  // namespace
 
-TEST(Use, FindsTheObjectOfALivingHandle) {
+TEST(HandleLock, FindsTheObjectOfALivingHandle) {
     Message const message;
-    KvxUse const use(kKind, message.handle());
-    EXPECT_EQ(use.object(), objectOf(message.handle()));
+    KvxHandleLock const lock(kKind, message.handle());
+    EXPECT_EQ(lock.object(), objectOf(message.handle()));
 }
 
-TEST(Use, FindsNoneForAnyOtherNumber) {
+TEST(HandleLock, FindsNoneForAnyOtherNumber) {
     Message const message;
     for (jint const handle : {0, 1, -1, -512, INT32_MIN, INT32_MAX, message.handle() + 4, message.handle() - 1}) {
-        EXPECT_EQ(KvxUse(kKind, handle).object(), nullptr) << handle;
+        EXPECT_EQ(KvxHandleLock(kKind, handle).object(), nullptr) << handle;
     }
-    EXPECT_EQ(KvxUse(KvxKind::kMessageFactory, message.handle()).object(), nullptr);
+    EXPECT_EQ(KvxHandleLock(KvxKind::kMessageFactory, message.handle()).object(), nullptr);
     DestroyMessageObject(objectOf(message.handle()));
-    EXPECT_EQ(KvxUse(kKind, message.handle()).object(), nullptr);
+    EXPECT_EQ(KvxHandleLock(kKind, message.handle()).object(), nullptr);
 }
 
-TEST(Use, MakesOtherThreadsWaitForTheirTurn) {
+TEST(HandleLock, MakesOtherThreadsWait) {
     Message const message;
     std::atomic<bool> isFirstDone{false};
     bool waitedForFirst = false;
-    std::optional<KvxUse> first;
+    std::optional<KvxHandleLock> first;
     first.emplace(kKind, message.handle());
     {
         Worker second([&] {
-            KvxUse const use(kKind, message.handle());
+            KvxHandleLock const lock(kKind, message.handle());
             waitedForFirst = isFirstDone;
-            EXPECT_EQ(use.object(), objectOf(message.handle()));
+            EXPECT_EQ(lock.object(), objectOf(message.handle()));
         });
         EXPECT_TRUE(second.waits());
         isFirstDone = true;
         first.reset();
     }
     EXPECT_TRUE(waitedForFirst);
-    EXPECT_FALSE(isInUse(message));
+    EXPECT_FALSE(isLocked(message));
 }
 
-TEST(Use, OfOneObjectDoesNotHoldUpAnother) {
+TEST(HandleLock, OnOneObjectDoesNotBlockAnother) {
     Message const one;
     Message const other;
-    KvxUse const use(kKind, one.handle());
+    KvxHandleLock const lock(kKind, one.handle());
     bool found = false;
-    Worker worker([&] { found = KvxUse(kKind, other.handle()).object() == objectOf(other.handle()); });
+    Worker worker([&] { found = KvxHandleLock(kKind, other.handle()).object() == objectOf(other.handle()); });
     EXPECT_TRUE(worker.finishes());
     EXPECT_TRUE(found);
-    EXPECT_FALSE(isInUse(other));
-    EXPECT_TRUE(isInUse(one));
+    EXPECT_FALSE(isLocked(other));
+    EXPECT_TRUE(isLocked(one));
 }
 
-TEST(Use, ThatFoundNoObjectHoldsUpNothing) {
+TEST(HandleLock, ThatFoundNoObjectBlocksNothing) {
     Message const message;
-    KvxUse const none(kKind, 0);
-    KvxUse const alsoNone(kKind, message.handle() + 1);
-    EXPECT_FALSE(isInUse(message));
-    KvxUse const use(kKind, message.handle());
-    EXPECT_NE(use.object(), nullptr);
+    KvxHandleLock const none(kKind, 0);
+    KvxHandleLock const alsoNone(kKind, message.handle() + 1);
+    EXPECT_FALSE(isLocked(message));
+    KvxHandleLock const lock(kKind, message.handle());
+    EXPECT_NE(lock.object(), nullptr);
 }
 
-TEST(Use, IsTakenInTurnByManyThreads) {
+TEST(HandleLock, IsHeldByOneOfManyThreadsAtATime) {
     constexpr int kThreads = 4;
     constexpr int kRounds = 2000;
     Message const message;
-    int count = 0;  // not atomic: the uses keep the threads apart
+    int count = 0;  // not atomic: the lock orders the accesses
     std::atomic<int> inside{0};
     {
         std::vector<std::unique_ptr<Worker>> workers;
         for (int i = 0; i < kThreads; ++i) {
             workers.push_back(std::make_unique<Worker>([&] {
                 for (int round = 0; round < kRounds; ++round) {
-                    KvxUse const use(kKind, message.handle());
+                    KvxHandleLock const lock(kKind, message.handle());
                     EXPECT_EQ(inside++, 0);
-                    count += use.object() == nullptr ? 0 : 1;
+                    count += lock.object() == nullptr ? 0 : 1;
                     --inside;
                 }
             }));
@@ -133,16 +137,16 @@ TEST(Use, IsTakenInTurnByManyThreads) {
     EXPECT_EQ(count, kThreads * kRounds);
 }
 
-TEST(Use, WakesEveryWaiterWhateverItWaitsFor) {
+TEST(HandleLock, WakesEveryWaiterWhateverItWaitsFor) {
     Message const one;
     Message const other;
-    std::optional<KvxUse> first;
-    std::optional<KvxUse> second;
+    std::optional<KvxHandleLock> first;
+    std::optional<KvxHandleLock> second;
     first.emplace(kKind, one.handle());
     second.emplace(kKind, other.handle());
-    Worker forOne([&] { KvxUse const use(kKind, one.handle()); });
-    Worker alsoForOne([&] { KvxUse const use(kKind, one.handle()); });
-    Worker forOther([&] { KvxUse const use(kKind, other.handle()); });
+    Worker forOne([&] { KvxHandleLock const lock(kKind, one.handle()); });
+    Worker alsoForOne([&] { KvxHandleLock const lock(kKind, one.handle()); });
+    Worker forOther([&] { KvxHandleLock const lock(kKind, other.handle()); });
     EXPECT_TRUE(forOne.waits());
     EXPECT_TRUE(alsoForOne.waits());
     EXPECT_TRUE(forOther.waits());
@@ -155,74 +159,74 @@ TEST(Use, WakesEveryWaiterWhateverItWaitsFor) {
     EXPECT_TRUE(alsoForOne.finishes());
 }
 
-TEST(Use, EndsInAnyOrder) {
+TEST(HandleLock, IsReleasedInAnyOrder) {
     constexpr std::size_t kCount = 4;
     std::array<Message, kCount> objects;
     std::array<std::size_t, kCount> order = {0, 1, 2, 3};
     do {
-        std::array<std::optional<KvxUse>, kCount> uses;
+        std::array<std::optional<KvxHandleLock>, kCount> locks;
         for (std::size_t i = 0; i < kCount; ++i) {
-            uses[i].emplace(kKind, objects[i].handle());
+            locks[i].emplace(kKind, objects[i].handle());
         }
-        for (std::size_t const ending : order) {
-            uses[ending].reset();
+        for (std::size_t const released : order) {
+            locks[released].reset();
             for (std::size_t i = 0; i < kCount; ++i) {
-                ASSERT_EQ(isInUse(objects[i]), uses[i].has_value());
+                ASSERT_EQ(isLocked(objects[i]), locks[i].has_value());
             }
         }
     } while (std::next_permutation(order.begin(), order.end()));
 }
 
-TEST(Use, CanBeginAgainWhileOthersLast) {
+TEST(HandleLock, CanBeTakenAgainWhileOthersAreHeld) {
     Message const one;
     Message const other;
-    KvxUse const lasting(kKind, one.handle());
+    KvxHandleLock const held(kKind, one.handle());
     for (int i = 0; i < 3; ++i) {
-        KvxUse const passing(kKind, other.handle());
-        EXPECT_NE(passing.object(), nullptr);
-        EXPECT_TRUE(isInUse(other));
+        KvxHandleLock const brief(kKind, other.handle());
+        EXPECT_NE(brief.object(), nullptr);
+        EXPECT_TRUE(isLocked(other));
     }
-    EXPECT_FALSE(isInUse(other));
-    EXPECT_TRUE(isInUse(one));
+    EXPECT_FALSE(isLocked(other));
+    EXPECT_TRUE(isLocked(one));
 }
 
-TEST(Use, OfAnObjectThatIsDestroyedMeanwhileFindsNone) {
+TEST(HandleLock, FindsNoObjectWhenItIsDestroyedMeanwhile) {
     Message const message;
     KVX_HANDLE found = objectOf(message.handle());
-    std::optional<KvxUse> first;
+    std::optional<KvxHandleLock> first;
     first.emplace(kKind, message.handle());
     {
-        Worker second([&] { found = KvxUse(kKind, message.handle()).object(); });
+        Worker second([&] { found = KvxHandleLock(kKind, message.handle()).object(); });
         EXPECT_TRUE(second.waits());
-        DestroyMessageObject(objectOf(message.handle()));  // as a caller from C may
+        DestroyMessageObject(objectOf(message.handle()));  // as a C caller may
         first.reset();
     }
     EXPECT_EQ(found, nullptr);
 }
 
-TEST(DestroyUnlessInUse, WaitsForNoUseButRefuses) {
+TEST(DestroyUnlessLocked, RefusesInsteadOfWaiting) {
     Message const message;
     {
-        KvxUse const use(kKind, message.handle());
-        EXPECT_FALSE(kvxDestroyUnlessInUse(kKind, message.handle(), &kvxDeleteClaimed<KVXCIMPL_MessageObject>));
+        KvxHandleLock const lock(kKind, message.handle());
+        EXPECT_FALSE(kvxDestroyUnlessLocked(kKind, message.handle(), &kvxDeleteClaimed<KVXCIMPL_MessageObject>));
         EXPECT_TRUE(message.isLiving());
     }
-    EXPECT_TRUE(kvxDestroyUnlessInUse(kKind, message.handle(), &kvxDeleteClaimed<KVXCIMPL_MessageObject>));
+    EXPECT_TRUE(kvxDestroyUnlessLocked(kKind, message.handle(), &kvxDeleteClaimed<KVXCIMPL_MessageObject>));
     EXPECT_FALSE(message.isLiving());
 }
 
-TEST(DestroyUnlessInUse, IgnoresEveryOtherNumber) {
+TEST(DestroyUnlessLocked, IgnoresEveryOtherNumber) {
     Message const message;
-    KvxUse const use(kKind, message.handle());
+    KvxHandleLock const lock(kKind, message.handle());
     g_Destroyed.clear();
     for (jint const handle : {0, 1, -1, -512, INT32_MIN, INT32_MAX, message.handle() + 4}) {
-        EXPECT_TRUE(kvxDestroyUnlessInUse(kKind, handle, &noteDestroyed)) << handle;
+        EXPECT_TRUE(kvxDestroyUnlessLocked(kKind, handle, &recordDestroyed)) << handle;
     }
-    EXPECT_TRUE(kvxDestroyUnlessInUse(KvxKind::kMessageFactory, message.handle(), &noteDestroyed));
+    EXPECT_TRUE(kvxDestroyUnlessLocked(KvxKind::kMessageFactory, message.handle(), &recordDestroyed));
     EXPECT_TRUE(g_Destroyed.empty());
 }
 
-TEST(DestroyUnlessInUse, DestroysOnceWhenTwoThreadsTry) {
+TEST(DestroyUnlessLocked, DestroysOnceWhenTwoThreadsTry) {
     constexpr int kObjects = 500;
     std::vector<std::unique_ptr<Message>> objects;
     for (int i = 0; i < kObjects; ++i) {
@@ -230,7 +234,7 @@ TEST(DestroyUnlessInUse, DestroysOnceWhenTwoThreadsTry) {
     }
     auto const destroyAll = [&] {
         for (auto const& object : objects) {
-            EXPECT_TRUE(kvxDestroyUnlessInUse(kKind, object->handle(), &kvxDeleteClaimed<KVXCIMPL_MessageObject>));
+            EXPECT_TRUE(kvxDestroyUnlessLocked(kKind, object->handle(), &kvxDeleteClaimed<KVXCIMPL_MessageObject>));
         }
     };
     {
@@ -240,7 +244,7 @@ TEST(DestroyUnlessInUse, DestroysOnceWhenTwoThreadsTry) {
     EXPECT_TRUE(std::none_of(objects.begin(), objects.end(), [](auto const& object) { return object->isLiving(); }));
 }
 
-TEST(Natives, WaitForACallOnTheSameObjectAndAreNotPulledFromUnderIt) {
+TEST(Natives, WaitForACallOnTheSameObjectAndCannotDestroyItMeanwhile) {
     std::promise<void> arrived;
     std::promise<void> mayAnswer;
     std::future<void> const arrival = arrived.get_future();
@@ -248,7 +252,7 @@ TEST(Natives, WaitForACallOnTheSameObjectAndAreNotPulledFromUnderIt) {
     RawServer const server([&](Peer& peer) {
         peer.receiveRequest();
         arrived.set_value();
-        EXPECT_TRUE(comes(permission));
+        EXPECT_TRUE(happens(permission));
         peer.send(httpAnswer(R"(<KVX MSGTYPE="PayConfirm"/>)"));
     });
     AccountDir const account;
@@ -266,7 +270,7 @@ TEST(Natives, WaitForACallOnTheSameObjectAndAreNotPulledFromUnderIt) {
             rowOf(KvxNative::kMessageCapture).call(jvm, jvm.newObject(message.handle()), {});
             expectFine(jvm);
         });
-        EXPECT_TRUE(comes(arrival));
+        EXPECT_TRUE(happens(arrival));
         Worker changing([&] {
             FakeJvm jvm;
             rowOf(KvxNative::kMessageSetAttribute).call(jvm, jvm.newObject(message.handle()), {"A", "1"});
