@@ -1,3 +1,10 @@
+// The helper functions of the native methods: raising exceptions, converting strings, constructing and destructing.
+//
+// `kvxRaise` looks up KVXException and its three methods at every failure; nothing is cached, because class loaders
+// come and go. A VirtualMachineError met on the way (no memory, no stack) stays pending in place of a KVXException.
+// Only a missing or incompatible exception class ends the virtual machine. C++ exceptions are turned into a
+// `KvxOutcome` first and raised afterwards, when no handle lock is held.
+
 #include "jni/kvxjni.h"
 
 #include <limits>
@@ -13,13 +20,13 @@ constexpr char kExceptionClass[] = "kelvane/tallowin/KVXException";
 constexpr char kExceptionClassMissing[] = "Class kelvane/tallowin/KVXException not found";
 constexpr char kExceptionClassIncompatible[] = "Incompatible class kelvane/tallowin/KVXException";
 
-/// So many characters of three bytes each fit a signed 32-bit length.
-constexpr jsize kMostCharacters = std::numeric_limits<jsize>::max() / 3;
+/// Limit of a string's characters: each takes up to three bytes, and their sum must fit a signed 32-bit length.
+constexpr jsize kMaxCharacters = std::numeric_limits<jsize>::max() / 3;
 
 constexpr char kOutOfMemory[] = "out of memory";
 constexpr char kUnexpected[] = "unexpected error";
 
-/// What a KVXException is made with.
+/// The methods needed to make a KVXException. Lookup stops at the first that is missing.
 struct ExceptionMembers {
     ExceptionMembers(JNIEnv* env, jclass type) noexcept : m_Constructor(env->GetMethodID(type, "<init>", "()V")) {
         if (m_Constructor != nullptr) {
@@ -37,37 +44,37 @@ struct ExceptionMembers {
     jmethodID m_PutErrorMessage = nullptr;
 };
 
-/// Whether the class of the exception is a real one.
+/// Whether `type` is a subclass of Throwable.
 bool isThrowable(JNIEnv* env, jclass type) noexcept {
     jclass const throwable = env->FindClass("java/lang/Throwable");
     return throwable != nullptr && env->IsAssignableFrom(type, throwable) != JNI_FALSE;
 }
 
-/// Whether the exception that is pending is the virtual machine's own trouble, such as a lack of memory; it stays
-/// pending then, and nothing is known of the class that was looked for. Else no exception is pending any more.
-bool isMachineInTrouble(JNIEnv* env) noexcept {
+/// Whether the pending exception is a VirtualMachineError, such as OutOfMemoryError. It stays pending then, and the
+/// lookup that raised it proves nothing about the class. Any other pending exception is cleared.
+bool keepVirtualMachineError(JNIEnv* env) noexcept {
     jthrowable const pending = env->ExceptionOccurred();
     env->ExceptionClear();
     if (pending == nullptr) {
         return false;
     }
-    jclass const trouble = env->FindClass("java/lang/VirtualMachineError");
-    bool const isTrouble = trouble == nullptr || env->IsInstanceOf(pending, trouble) != JNI_FALSE;
-    if (isTrouble) {
-        env->ExceptionClear();  // where not even this class is to be had
+    jclass const errorClass = env->FindClass("java/lang/VirtualMachineError");
+    bool const isError = errorClass == nullptr || env->IsInstanceOf(pending, errorClass) != JNI_FALSE;
+    if (isError) {
+        env->ExceptionClear();  // FindClass has raised another one when `errorClass` is null
         env->Throw(pending);
     }
-    return isTrouble;
+    return isError;
 }
 
-/// Ends the virtual machine, unless it is in trouble and says so itself.
-void endMachine(JNIEnv* env, char const* reason) noexcept {
-    if (!isMachineInTrouble(env)) {
+/// Ends the virtual machine with `reason`, unless a VirtualMachineError is pending.
+void endVirtualMachine(JNIEnv* env, char const* reason) noexcept {
+    if (!keepVirtualMachineError(env)) {
         env->FatalError(reason);
     }
 }
 
-/// The characters of a Java string, given back at the end.
+/// The characters of a Java string; released by the destructor.
 class Characters {
 public:
     Characters(JNIEnv* env, jstring text) noexcept
@@ -89,7 +96,7 @@ private:
     char const* m_Bytes;
 };
 
-/// `prefix` + `message` as Java takes it; empty when there is no memory for it.
+/// `prefix` + `message` in modified UTF-8; empty when memory is exhausted.
 TbString modifiedUtf8Of(char const* prefix, char const* message) noexcept {
     TbString text;
     try {
@@ -101,7 +108,7 @@ TbString modifiedUtf8Of(char const* prefix, char const* message) noexcept {
     return text;
 }
 
-/// Throws a new exception. A failure on the way leaves Java's own exception pending, which is as good as ours.
+/// Throws a new exception of class `type`. When a step fails, Java's own exception stays pending instead.
 void throwNew(JNIEnv* env, jclass type, ExceptionMembers const& members, std::int32_t code, char const* prefix,
               char const* message) noexcept {
     auto const exception = static_cast<jthrowable>(env->NewObject(type, members.m_Constructor));
@@ -128,17 +135,17 @@ void kvxRaise(JNIEnv* env, std::int32_t code, char const* prefix, char const* me
     env->ExceptionClear();
     jclass const type = env->FindClass(kExceptionClass);
     if (type == nullptr) {
-        endMachine(env, kExceptionClassMissing);
+        endVirtualMachine(env, kExceptionClassMissing);
         return;
     }
     ExceptionMembers const members(env, type);
     if (!members.areComplete() || !isThrowable(env, type)) {
-        endMachine(env, kExceptionClassIncompatible);
+        endVirtualMachine(env, kExceptionClassIncompatible);
         return;
     }
     throwNew(env, type, members, code, prefix, message);
     if (env->ExceptionCheck() == JNI_FALSE) {
-        // A virtual machine without memory does not always say so itself, and no failure may look like a success.
+        // Without memory a virtual machine may fail and raise nothing, but no failure may look like a success.
         jclass const outOfMemory = env->FindClass("java/lang/OutOfMemoryError");
         if (outOfMemory != nullptr) {
             env->ThrowNew(outOfMemory, prefix);
@@ -162,7 +169,7 @@ void kvxTranslateException(KvxOutcome& outcome) noexcept {
         try {
             outcome.m_Text = failure.text();
         } catch (TBFC_Exception const&) {
-            outcome.m_Reason = kOutOfMemory;  // the code is what counts
+            outcome.m_Reason = kOutOfMemory;  // no memory for the text; the code stays
         }
     } catch (TBFC_Exception const& failure) {
         outcome.m_Code = failure.code();
@@ -184,7 +191,7 @@ bool kvxReport(JNIEnv* env, KvxNative native, KvxOutcome const& outcome) noexcep
     if (!outcome.m_Pending) {
         kvxRaise(env, outcome.m_Code, prefix, outcome.m_Text.isEmpty() ? outcome.m_Reason : outcome.m_Text.c_str());
     } else if (env->ExceptionCheck() == JNI_FALSE) {
-        kvxRaise(env, KVX_E_OUT_OF_MEMORY, prefix, kOutOfMemory);  // virtual machines do not always raise their own
+        kvxRaise(env, KVX_E_OUT_OF_MEMORY, prefix, kOutOfMemory);  // some virtual machines raise nothing here
     }
     return false;
 }
@@ -198,7 +205,7 @@ TbString kvxTextOf(JNIEnv* env, jstring text) {
     if (text == nullptr) {
         return mbstoSTRING(nullptr);
     }
-    if (env->GetStringLength(text) > kMostCharacters) {
+    if (env->GetStringLength(text) > kMaxCharacters) {
         throw TBFC_Exception(KVX_E_OUT_OF_MEMORY);
     }
     Characters const characters(env, text);

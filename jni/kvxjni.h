@@ -1,7 +1,7 @@
-/// What every native method does around its call.
+/// The helper functions shared by all native methods.
 ///
 /// Nothing unwinds into the virtual machine: every failure becomes a kelvane.tallowin.KVXException. Local references
-/// are left to the virtual machine, which frees them when a native method returns.
+/// are not deleted here: the virtual machine frees them when the native method returns.
 #ifndef TALLOWIN_JNI_KVXJNI_H
 #define TALLOWIN_JNI_KVXJNI_H
 
@@ -16,64 +16,65 @@
 #include "jni/kvxhandlelock.h"
 #include "jni/kvxnatives.h"
 
-/// Thrown when Java's own exception is pending already and must not be replaced.
+/// Thrown when a Java exception is already pending and must not be replaced.
 struct KvxPendingException {};
 
-/// How a call ended.
+/// The result of a call: success, a pending Java exception, or a code with a text.
 struct KvxOutcome {
     bool m_Succeeded = true;
-    bool m_Pending = false;        ///< Failed with Java's own exception, which is on its way.
-    std::int32_t m_Code = KVX_OK;  ///< Failed with this code.
-    char const* m_Reason = "";     ///< What stands behind the prefix, of a failure without a text of its own.
-    TbString m_Text;               ///< What stands behind the prefix, else.
+    bool m_Pending = false;        ///< Failed; Java has raised its own exception.
+    std::int32_t m_Code = KVX_OK;  ///< The result code of a failure.
+    char const* m_Reason = "";     ///< The message after the prefix when `m_Text` is empty.
+    TbString m_Text;               ///< The message after the prefix.
 };
 
-/// Throws a KVXException with the code and the text `prefix` + `message`, in place of whatever exception is pending.
-/// Ends the virtual machine when there is no such class, it lacks a method, or it cannot be thrown. A virtual machine
-/// that is out of memory or stack keeps its own error instead.
+/// Throws a KVXException with the code and the text `prefix` + `message`, replacing any pending exception.
+/// Ends the virtual machine when the class is missing, lacks a method or is no Throwable. When the virtual machine is
+/// out of memory or stack, its own error stays pending instead.
 ///
 /// `message`  in any encoding; borrowed.
 void kvxRaise(JNIEnv* env, std::int32_t code, char const* prefix, char const* message) noexcept;
 
-/// Refuses handle or arguments of `native`. Returns false.
+/// Raises an exception about the handle or an argument of `native`. Always returns false.
 bool kvxRefuse(JNIEnv* env, KvxNative native, char const* reason) noexcept;
 
-/// Writes the exception that is being handled into `outcome`. Call it in a handler only.
+/// Writes the exception being handled into `outcome`.
+/// Requires: called from a catch block.
 void kvxTranslateException(KvxOutcome& outcome) noexcept;
 
-/// True when `outcome` is a success; else sees to it that an exception is pending.
+/// True when `outcome` is a success. Otherwise raises its exception, unless Java's own is pending, and returns false.
 bool kvxReport(JNIEnv* env, KvxNative native, KvxOutcome const& outcome) noexcept;
 
-/// The field `m_Handle` of `self`; null, with an exception pending, when it has none.
+/// The field `m_Handle` of `self`. Null, with an exception pending, when the class has no such field.
 [[nodiscard]] jfieldID kvxHandleField(JNIEnv* env, jobject self) noexcept;
 
 /// The characters of `text` in modified UTF-8; null counts as "". Throws KvxPendingException when Java has no memory,
-/// and KVX_E_OUT_OF_MEMORY (TBFC_Exception) for more than 715 million characters, which virtual machines cut without a
-/// word.
+/// and KVX_E_OUT_OF_MEMORY (TBFC_Exception) above 715 million characters, because virtual machines silently truncate
+/// longer strings.
 [[nodiscard]] TbString kvxTextOf(JNIEnv* env, jstring text);
 
 /// A new Java string. Null, with an exception pending, when memory is exhausted.
 [[nodiscard]] jstring kvxNewString(JNIEnv* env, KvxNative native, TbString const& text) noexcept;
 
-/// `nConstruct`: stores the handle of a new object in a field that holds none yet.
+/// `nConstruct`: creates an object and stores its handle in `m_Handle`, which must be 0.
 void kvxConstruct(JNIEnv* env, jobject self, KvxNative native, KVX_HANDLE (*create)()) noexcept;
 
-/// `nDestruct`: destroys the object of a living handle and ignores any other.
-/// Deliberate: the field keeps its value; the Java object is to be discarded.
+/// `nDestruct`: destroys the object of a living handle; ignores any other handle.
+/// Deliberate: `m_Handle` keeps its value; the caller discards the Java object.
 void kvxDestruct(JNIEnv* env, jobject self, KvxNative native, KvxKind kind, void (*destroy)(KVX_HANDLE)) noexcept;
 
-/// The same for an object of the class.
+/// The same for an object of class `Object`.
 template <class Object>
 void kvxDestruct(JNIEnv* env, jobject self, KvxNative native) noexcept {
     kvxDestruct(env, self, native, Object::kKind, kvxDeleteClaimed<Object>);
 }
 
-/// The number under which Java knows `object`.
+/// The number that stands for `object` in Java.
 [[nodiscard]] inline jint kvxHandleOf(KVX_HANDLE object) noexcept {
     return static_cast<jint>(static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(object)));
 }
 
-/// Runs `call` and writes how it ended.
+/// Runs `call` and writes an exception it throws into `outcome`.
 template <class Call>
 void kvxAttempt(KvxOutcome& outcome, Call call) noexcept {
     try {
@@ -83,8 +84,8 @@ void kvxAttempt(KvxOutcome& outcome, Call call) noexcept {
     }
 }
 
-/// Every other native method: runs `call` with the object of `self`. False when an exception is pending.
-/// `call` runs no Java.
+/// Every other native method: locks the object of `self` and runs `call` with it. False when an exception is pending.
+/// Requires: `call` runs no Java code.
 template <class Object, class Call>
 bool kvxJavaCall(JNIEnv* env, jobject self, KvxNative native, Call call) noexcept {
     jfieldID const field = kvxHandleField(env, self);
@@ -103,7 +104,7 @@ bool kvxJavaCall(JNIEnv* env, jobject self, KvxNative native, Call call) noexcep
     return isLiving ? kvxReport(env, native, outcome) : kvxRefuse(env, native, kKvxInvalidHandle);
 }
 
-/// The same for a `call` with a string result.
+/// The same for a `call` that returns a string. Null when an exception is pending.
 template <class Object, class Call>
 jstring kvxJavaText(JNIEnv* env, jobject self, KvxNative native, Call call) noexcept {
     TbString text;
@@ -111,7 +112,7 @@ jstring kvxJavaText(JNIEnv* env, jobject self, KvxNative native, Call call) noex
     return done ? kvxNewString(env, native, text) : nullptr;
 }
 
-/// The same for a `call` that makes an object, whose handle is the result; 0 when an exception is pending.
+/// The same for a `call` that creates an object. Returns its handle; 0 when an exception is pending.
 template <class Object, class Call>
 jint kvxJavaMake(JNIEnv* env, jobject self, KvxNative native, Call call) noexcept {
     jint handle = 0;

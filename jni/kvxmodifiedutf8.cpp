@@ -1,3 +1,10 @@
+// Conversion of text in any encoding to modified UTF-8.
+//
+// Reads one well-formed character at a time and copies it, splits it into two surrogates when it has four bytes, or
+// writes a byte that starts no character as Latin-1. Surrogates of three bytes and U+0000 as two bytes count as well
+// formed, since Java strings hold them. Output is collected in blocks, because every append to a TbString may
+// reallocate.
+
 #include "jni/kvxmodifiedutf8.h"
 
 #include <cstddef>
@@ -8,21 +15,22 @@
 
 namespace {
 
-constexpr std::size_t kMostBytes = static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max());
+constexpr std::size_t kMaxBytes = static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max());
 
 bool isContinuation(unsigned char byte) {
     return (byte & 0xC0U) == 0x80U;
 }
 
-/// Bytes of the well-formed character at `at`; 0 when there is none. Reads no further than the terminator, which is
-/// no continuation byte.
+/// The length in bytes of the well-formed character at `at`; 0 when there is none. Never reads past the terminator,
+/// which is not a continuation byte.
 std::size_t characterLength(unsigned char const* at) {
     unsigned char const first = at[0];
     if (first < 0x80U) {
         return 1;
     }
     if ((first & 0xE0U) == 0xC0U) {
-        bool const isShortest = first >= 0xC2U || (first == 0xC0U && at[1] == 0x80U);  // U+0000 has this form alone
+        bool const isShortest =
+            first >= 0xC2U || (first == 0xC0U && at[1] == 0x80U);  // C0 80 is the only form of U+0000
         return isShortest && isContinuation(at[1]) ? 2 : 0;
     }
     if ((first & 0xF0U) == 0xE0U) {
@@ -36,7 +44,7 @@ std::size_t characterLength(unsigned char const* at) {
     return 0;
 }
 
-/// Collects bytes and appends them in blocks.
+/// Collects bytes and appends them to a string in blocks.
 class Writer {
 public:
     explicit Writer(TbString& text) : m_Text(text) {}
@@ -60,7 +68,7 @@ public:
     }
 
     void flush() {
-        if (kMostBytes - m_Text.length() < m_Count) {
+        if (kMaxBytes - m_Text.length() < m_Count) {
             throw TBFC_Exception(KVX_E_OUT_OF_MEMORY);
         }
         m_Text.append(m_Block, m_Count);

@@ -2,8 +2,8 @@
 
 namespace {
 
-// The texts reach Java. Do not change.
-// Deliberate: the failures of a message's calls name the factory, and ToString tells its handle's as GetAttribute does.
+// Java programs see these texts. Do not change.
+// Deliberate: failures of MessageObject calls name MessageFactory, and ToString reports a bad handle as GetAttribute.
 // clang-format off
 constexpr KvxNativeTexts kTexts[] = {
     {"ConfigurationSetup", "nConstruct",        "ConfigurationSetup::Construct(): ",        "ConfigurationSetup::Construct(): "},
@@ -32,7 +32,7 @@ constexpr KvxNativeTexts kTexts[] = {
     {"MessageObject",      "ToString",          "MessageObject::GetAttribute(): ",          "MessageFactory::ToString(): "},
 };
 // clang-format on
-static_assert(sizeof kTexts / sizeof kTexts[0] == kKvxNativeCount, "a row for every native method");
+static_assert(sizeof kTexts / sizeof kTexts[0] == kKvxNativeCount, "one row per native method");
 
 }  // namespace
 

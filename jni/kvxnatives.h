@@ -1,10 +1,10 @@
-/// The native methods and the texts of their failures.
+/// The native methods and the texts of their exceptions.
 #ifndef TALLOWIN_JNI_KVXNATIVES_H
 #define TALLOWIN_JNI_KVXNATIVES_H
 
 #include <cstddef>
 
-/// Every native method, in the order of the table.
+/// The native methods, in the order of the table of texts.
 enum class KvxNative : std::size_t {
     kSetupConstruct,
     kSetupDestruct,
@@ -33,18 +33,18 @@ enum class KvxNative : std::size_t {
 };
 constexpr std::size_t kKvxNativeCount = 24;
 
-/// One row of the table.
+/// One row of the table of texts.
 struct KvxNativeTexts {
     char const* m_Class;          ///< The Java class.
     char const* m_Method;         ///< The Java method.
-    char const* m_HandlePrefix;   ///< In front of what is wrong with handle or arguments.
-    char const* m_FailurePrefix;  ///< In front of what the call itself reports.
+    char const* m_HandlePrefix;   ///< Starts messages about the handle or an argument.
+    char const* m_FailurePrefix;  ///< Starts messages about a failure of the call itself.
 };
 
-/// The texts of `native`.
+/// The row of `native`.
 [[nodiscard]] KvxNativeTexts const& kvxTextsOf(KvxNative native) noexcept;
 
-// What stands behind the first prefix. Do not change.
+// The messages after `m_HandlePrefix`. Do not change.
 constexpr char kKvxNoField[] = "member m_Handle not found";
 constexpr char kKvxInvalidHandle[] = "Invalid Handle";
 constexpr char kKvxHandleNotZero[] = "m_Handle != 0";
