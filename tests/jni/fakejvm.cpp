@@ -1,3 +1,9 @@
+// The fake JNI functions, and the table that native code calls them through.
+//
+// References are addresses of `Object`, identifiers addresses of `Member`; both are checked at every use. A
+// function that forbids a pending exception calls `enter` first; one that can also fail calls `enterAndFail`, which
+// counts calls until the one to fail. Table entries without a fake are null, so calling one crashes the test program.
+
 #include "tests/jni/fakejvm.h"
 
 #include <gtest/gtest.h>
@@ -14,11 +20,11 @@ constexpr char kObjectClass[] = "kelvane/tallowin/Object";
 constexpr char kStringClass[] = "java/lang/String";
 constexpr char kClassClass[] = "java/lang/Class";
 constexpr char kOutOfMemoryClass[] = "java/lang/OutOfMemoryError";
-constexpr char kTroubleClass[] = "java/lang/VirtualMachineError";
+constexpr char kVmErrorClass[] = "java/lang/VirtualMachineError";
 constexpr char kThrowableClass[] = "java/lang/Throwable";
-constexpr char const* kOwnClasses[] = {kOutOfMemoryClass, kTroubleClass, kThrowableClass};
+constexpr char const* kOwnClasses[] = {kOutOfMemoryClass, kVmErrorClass, kThrowableClass};
 
-/// A field or method with its type; what identifiers point to.
+/// A field or method with its type. Identifiers point to these.
 struct Member {
     char const* m_Class;
     char const* m_Name;
@@ -37,7 +43,7 @@ bool isMember(Member const& member, std::string const& className, char const* na
            std::strcmp(type, member.m_Type) == 0;
 }
 
-/// The bytes of the well-formed character at the beginning of `text`; 0 when there is none.
+/// The length in bytes of the well-formed character at the beginning of `text`; 0 when there is none.
 std::size_t lengthOfFirst(std::string const& text) {
     auto const byte = [&](std::size_t index) {
         return index < text.size() ? static_cast<unsigned char>(text[index]) : 0;
@@ -66,7 +72,7 @@ bool isModifiedUtf8(std::string const& text) {
     return true;
 }
 
-/// What the table of functions holds.
+/// The functions in the table.
 struct FakeJvm::Functions {
     static FakeJvm& of(JNIEnv* env) { return *static_cast<Env*>(env)->m_Jvm; }
 
@@ -75,11 +81,11 @@ struct FakeJvm::Functions {
         return reinterpret_cast<Reference>(object);
     }
 
-    /// The member behind an identifier, when it belongs to `object`; else null, and the test fails.
+    /// The member behind an identifier. Null, and the test fails, when it does not belong to the class of `object`.
     static Member const* member(void const* id, Object const* object, char const* function) {
         auto const* const found = static_cast<Member const*>(id);
         if (found == nullptr || object == nullptr || object->m_Class != found->m_Class) {
-            ADD_FAILURE() << function << " with a null or foreign identifier";
+            ADD_FAILURE() << function << " called with a null or foreign identifier";
             return nullptr;
         }
         return found;
@@ -153,7 +159,7 @@ struct FakeJvm::Functions {
         jvm.enter("IsInstanceOf");
         Object const* const found = jvm.find(object, "IsInstanceOf");
         Object const* const base = jvm.find(type, "IsInstanceOf");
-        EXPECT_TRUE(base != nullptr && base->m_Text == kTroubleClass);
+        EXPECT_TRUE(base != nullptr && base->m_Text == kVmErrorClass);
         return found != nullptr && found->m_Class == kOutOfMemoryClass ? JNI_TRUE : JNI_FALSE;
     }
 
@@ -247,7 +253,7 @@ struct FakeJvm::Functions {
         if (jvm.enterAndFail("NewStringUTF")) {
             return nullptr;
         }
-        EXPECT_TRUE(isModifiedUtf8(text)) << "NewStringUTF with ill-formed text: " << text;
+        EXPECT_TRUE(isModifiedUtf8(text)) << "NewStringUTF called with ill-formed text: " << text;
         return jvm.newString(text);
     }
 
@@ -271,7 +277,7 @@ struct FakeJvm::Functions {
         FakeJvm& jvm = of(env);
         auto const given = jvm.m_Characters.find(characters);
         if (given == jvm.m_Characters.end() || given->second != jvm.find(text, "ReleaseStringUTFChars")) {
-            ADD_FAILURE() << "ReleaseStringUTFChars with characters that are not the string's";
+            ADD_FAILURE() << "ReleaseStringUTFChars called with characters of another string";
             return;
         }
         jvm.m_Characters.erase(given);
@@ -316,7 +322,7 @@ FakeJvm::FakeJvm() {
 }
 
 FakeJvm::~FakeJvm() {
-    EXPECT_TRUE(m_Characters.empty()) << "characters of " << m_Characters.size() << " strings were not given back";
+    EXPECT_TRUE(m_Characters.empty()) << "characters of " << m_Characters.size() << " strings were not released";
     for (auto const& given : m_Characters) {
         delete[] given.first;
     }
@@ -373,14 +379,14 @@ FakeJvm::Object* FakeJvm::find(void const* reference, char const* function) cons
     auto const found =
         std::find_if(m_Objects.begin(), m_Objects.end(), [&](auto const& object) { return object.get() == reference; });
     if (found == m_Objects.end()) {
-        ADD_FAILURE() << function << " with a null or unknown reference";
+        ADD_FAILURE() << function << " called with a null or unknown reference";
         return nullptr;
     }
     return found->get();
 }
 
 void FakeJvm::enter(char const* function) const {
-    EXPECT_EQ(pendingClass(), "") << function << " with an exception pending";
+    EXPECT_EQ(pendingClass(), "") << function << " called with an exception pending";
 }
 
 bool FakeJvm::enterAndFail(char const* function) {

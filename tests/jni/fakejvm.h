@@ -1,4 +1,4 @@
-/// A stand-in for the virtual machine, as far as native methods can see it.
+/// A fake of the virtual machine's JNI functions.
 #ifndef TALLOWIN_TESTS_JNI_FAKEJVM_H
 #define TALLOWIN_TESTS_JNI_FAKEJVM_H
 
@@ -20,10 +20,9 @@ bool isModifiedUtf8(std::string const& text);
 
 /// One thread of a virtual machine with objects, strings and the exception's class.
 ///
-/// Fails the test when a function is called with an exception pending that does not allow for one, with a null or
-/// foreign reference, with ill-formed text, and when characters of strings have not been given back at the end.
-/// Functions that it does not know end the test program. Its memory is not the library's: failing allocations leave it
-/// alone.
+/// Fails the test when a function gets a null or unknown reference or ill-formed text, when a function that forbids it
+/// is called with an exception pending, and when characters of strings are not released at the end. A JNI function
+/// without a fake ends the test program. Failing allocations do not affect it: they apply to the library's memory only.
 class FakeJvm {
 public:
     FakeJvm();
@@ -40,78 +39,77 @@ public:
     /// A string with these characters in modified UTF-8.
     jstring newString(std::string const& text);
 
-    /// A string that says that it is this long. Its characters cannot be had.
+    /// A string that reports this length and has no characters.
     jstring newStringOfLength(jint length);
     [[nodiscard]] std::string textOf(jstring text) const;
 
-    /// Takes the field `m_Handle`, the class KVXException, or one of its methods out of the world.
+    /// Make lookups of the field `m_Handle`, the class KVXException or one of its methods fail.
     void removeHandleField() { m_HasHandleField = false; }
     void removeExceptionClass() { m_HasExceptionClass = false; }
     void makeExceptionClassUnthrowable() { m_IsExceptionThrowable = false; }
     void removeExceptionMethod(std::string const& name) { m_ExceptionMethods.erase(name); }
 
-    /// How a function fails. A method of Java's that is called has no way but the first.
+    /// How a function fails. A Java method always fails with an exception.
     enum class Failure { kWithException, kWithoutException };
 
     /// Fails call number `number` (from 0) of those that may fail, counted from now. Negative: none.
     void failCall(int number, Failure how);
 
-    /// The function whose call was failed; empty when none was.
+    /// The name of the function that was made to fail; empty when none was.
     [[nodiscard]] std::string const& failedFunction() const { return m_FailedFunction; }
 
-    /// Makes an exception of this class pending.
+    /// Sets a pending exception of this class.
     void makePending(std::string const& className);
 
-    /// The class of the exception that is pending; empty without one.
+    /// The class of the pending exception; empty without one.
     [[nodiscard]] std::string pendingClass() const;
 
-    /// What the exception that is pending was told.
+    /// Code and text of the pending exception.
     [[nodiscard]] std::int32_t pendingCode() const;
     [[nodiscard]] std::string pendingText() const;
 
-    /// The texts with which the virtual machine was ended. Unlike a real one this goes on.
+    /// The texts passed to FatalError. Unlike a real virtual machine, this one continues.
     [[nodiscard]] std::vector<std::string> const& fatalErrors() const { return m_FatalErrors; }
 
-    /// Whether a call ended well: nothing is pending and the virtual machine lives.
+    /// Whether no exception is pending and FatalError was not called.
     [[nodiscard]] bool isFine() const { return m_Pending == nullptr && m_FatalErrors.empty(); }
 
 private:
     struct Functions;
 
-    /// Anything that references point to.
+    /// The target of a reference.
     struct Object {
         std::string m_Class;
-        std::string
-            m_Text;         ///< A string's characters, an exception's text, the name of what a class object stands for.
-        jint m_Number = 0;  ///< The handle, an exception's code, or a length that a string claims.
+        std::string m_Text;  ///< A string's characters, an exception's text, or the name of the class (class objects).
+        jint m_Number = 0;   ///< The handle, an exception's code, or the length that a string reports.
     };
 
     struct Env : JNIEnv {
         FakeJvm* m_Jvm;
     };
 
-    /// Refers to a new object.
+    /// Adds an object and returns its address, which serves as its reference.
     Object* add(Object const& object);
 
-    /// What a reference points to; null, and the test fails, for null and for what is no reference.
+    /// The target of a reference. Null, and the test fails, for null or an unknown reference.
     Object* find(void const* reference, char const* function) const;
 
-    /// Notes the call of a function that wants no exception pending.
+    /// Starts a function that requires that no exception is pending.
     void enter(char const* function) const;
 
-    /// The same for one that may fail. True when it must.
+    /// The same for a function that may fail. True when this call must fail.
     bool enterAndFail(char const* function);
 
     Env m_Env;
     std::vector<std::unique_ptr<Object>> m_Objects;
-    std::map<char const*, Object const*> m_Characters;  ///< Handed out and not yet given back, with their strings.
+    std::map<char const*, Object const*> m_Characters;  ///< Handed out and not yet released, with their strings.
     bool m_HasHandleField = true;
     bool m_HasExceptionClass = true;
     bool m_IsExceptionThrowable = true;
     std::set<std::string> m_ExceptionMethods;
     Object const* m_Pending = nullptr;
     std::vector<std::string> m_FatalErrors;
-    int m_CallsToFailure = -1;  ///< How many calls pass before the one that fails; negative when none does any more.
+    int m_CallsToFailure = -1;  ///< Calls before the one that fails; negative when none will fail.
     Failure m_Failure = Failure::kWithException;
     std::string m_FailedFunction;
 };

@@ -1,6 +1,6 @@
 // Several Java threads calling on one object.
 //
-// A lock is held by a scope of the test or by a `Worker` thread; `Worker::waits` observes that a thread is blocked, so
+// A lock is held by a scope of the test or by a `Worker` thread; `Worker::blocks` observes that a thread is blocked, so
 // no test sleeps. Whether an object is locked is found out with `kvxDestroyUnlessLocked` and a destroy function that
 // only records its call. The last test does the same with native methods, a capture held up by its server.
 
@@ -86,7 +86,7 @@ TEST(HandleLock, MakesOtherThreadsWait) {
             waitedForFirst = isFirstDone;
             EXPECT_EQ(lock.object(), objectOf(message.handle()));
         });
-        EXPECT_TRUE(second.waits());
+        EXPECT_TRUE(second.blocks());
         isFirstDone = true;
         first.reset();
     }
@@ -147,13 +147,13 @@ TEST(HandleLock, WakesEveryWaiterWhateverItWaitsFor) {
     Worker forOne([&] { KvxHandleLock const lock(kKind, one.handle()); });
     Worker alsoForOne([&] { KvxHandleLock const lock(kKind, one.handle()); });
     Worker forOther([&] { KvxHandleLock const lock(kKind, other.handle()); });
-    EXPECT_TRUE(forOne.waits());
-    EXPECT_TRUE(alsoForOne.waits());
-    EXPECT_TRUE(forOther.waits());
+    EXPECT_TRUE(forOne.blocks());
+    EXPECT_TRUE(alsoForOne.blocks());
+    EXPECT_TRUE(forOther.blocks());
     second.reset();
     EXPECT_TRUE(forOther.finishes());
-    EXPECT_TRUE(forOne.waits());
-    EXPECT_TRUE(alsoForOne.waits());
+    EXPECT_TRUE(forOne.blocks());
+    EXPECT_TRUE(alsoForOne.blocks());
     first.reset();
     EXPECT_TRUE(forOne.finishes());
     EXPECT_TRUE(alsoForOne.finishes());
@@ -197,7 +197,7 @@ TEST(HandleLock, FindsNoObjectWhenItIsDestroyedMeanwhile) {
     first.emplace(kKind, message.handle());
     {
         Worker second([&] { found = KvxHandleLock(kKind, message.handle()).object(); });
-        EXPECT_TRUE(second.waits());
+        EXPECT_TRUE(second.blocks());
         DestroyMessageObject(objectOf(message.handle()));  // as a C caller may
         first.reset();
     }
@@ -277,7 +277,7 @@ TEST(Natives, WaitForACallOnTheSameObjectAndCannotDestroyItMeanwhile) {
             expectFine(jvm);
             waitedForCapture = isAnswered;
         });
-        EXPECT_TRUE(changing.waits());
+        EXPECT_TRUE(changing.blocks());
         FakeJvm jvm;
         NativeRow const& destruct = rowOf(KvxNative::kMessageDestruct);
         Returned const returned = destruct.call(jvm, jvm.newObject(message.handle()), {});

@@ -1,3 +1,9 @@
+// The conversion to modified UTF-8: valid text, four-byte characters, ill-formed and truncated text, block limits.
+//
+// `expectedOf` converts in a different way: it decodes each position as two, three and four bytes and accepts a
+// character only when encoding it again gives the same bytes. Random text is compared with that, and every result must
+// be valid modified UTF-8 and must not change when converted again.
+
 #include "jni/kvxmodifiedutf8.h"
 
 #include <random>
@@ -19,7 +25,7 @@ char byte(unsigned value) {
     return static_cast<char>(static_cast<unsigned char>(value));
 }
 
-/// The shortest UTF-8 of a number, surrogates included; of 0 the two bytes that modified UTF-8 has for it.
+/// The shortest UTF-8 form of a number, surrogates included; for 0 the two bytes of modified UTF-8.
 std::string encoded(unsigned character) {
     if (character == 0) {
         return "\xc0\x80";
@@ -41,7 +47,7 @@ std::string encodedAsPair(unsigned character) {
     return encoded(0xD800 + (character - 0x10000) / 1024) + encoded(0xDC00 + (character - 0x10000) % 1024);
 }
 
-/// What must come of `text`, found by another way: what a character is, is told by encoding it again.
+/// The expected conversion of `text`. A character counts as well formed when encoding it again gives the same bytes.
 std::string expectedOf(std::string const& text) {
     std::string result;
     for (std::size_t at = 0; at < text.size();) {
@@ -75,7 +81,7 @@ std::string expectedOf(std::string const& text) {
     return result;
 }
 
-/// Text that is well formed, broken, cut short and nonsense by turns; without zero bytes.
+/// Text of well-formed, truncated and invalid parts in random order, without zero bytes.
 std::string randomText(std::mt19937_64& random) {
     auto const below = [&](unsigned limit) { return static_cast<unsigned>(random() % limit); };
     std::string text;
@@ -110,7 +116,7 @@ std::string randomText(std::mt19937_64& random) {
 
 }  // namespace
 
-TEST(ModifiedUtf8, KeepsWhatIsValid) {
+TEST(ModifiedUtf8, KeepsValidText) {
     for (char const* const text : {
              "",
              "a",
@@ -156,7 +162,7 @@ TEST(ModifiedUtf8, WritesCharactersOfFourBytesAsPairsOfSurrogates) {
     }
 }
 
-TEST(ModifiedUtf8, TakesEveryByteThatBelongsToNothingAsLatin1) {
+TEST(ModifiedUtf8, ConvertsASingleInvalidByteAsLatin1) {
     for (unsigned value = 0x80; value <= 0xFF; ++value) {
         std::string const text(1, byte(value));
         EXPECT_EQ(modified(text), encoded(value)) << value;
@@ -164,7 +170,7 @@ TEST(ModifiedUtf8, TakesEveryByteThatBelongsToNothingAsLatin1) {
     }
 }
 
-TEST(ModifiedUtf8, TakesEveryByteOfWhatIsIllFormedAsLatin1) {
+TEST(ModifiedUtf8, ConvertsEveryByteOfAnIllFormedCharacterAsLatin1) {
     for (std::string const text : {
              "\xc0\x81",
              "\xc0\xbf",
@@ -181,11 +187,11 @@ TEST(ModifiedUtf8, TakesEveryByteOfWhatIsIllFormedAsLatin1) {
              "\xf8\x88\x80\x80\x80",
              "\xfc\x84\x80\x80\x80\x80",
              "\xfe",
-             "\xff\xff",  // no first bytes at all
+             "\xff\xff",  // never the first byte of a character
              "\xc3\xc3",
              "\xe2\x82\xe2",
              "\xe2\xe2\xe2",
-             "\xf0\x9f\x98\xf0",  // another first byte too early
+             "\xf0\x9f\x98\xf0",  // a first byte where a continuation byte is expected
          }) {
         std::string expected;
         for (char const character : text) {
@@ -196,7 +202,7 @@ TEST(ModifiedUtf8, TakesEveryByteOfWhatIsIllFormedAsLatin1) {
     }
 }
 
-TEST(ModifiedUtf8, TakesEveryByteOfWhatIsCutShortAsLatin1) {
+TEST(ModifiedUtf8, ConvertsEveryByteOfATruncatedCharacterAsLatin1) {
     for (std::string const whole :
          {"\xc3\xa9", "\xe2\x82\xac", "\xed\xa0\xbd", "\xf0\x9f\x98\x80", "\xf4\x8f\xbf\xbf"}) {
         for (std::size_t length = 1; length < whole.size(); ++length) {
@@ -212,7 +218,7 @@ TEST(ModifiedUtf8, TakesEveryByteOfWhatIsCutShortAsLatin1) {
     }
 }
 
-TEST(ModifiedUtf8, WritesTheSameWhereverItsBlocksEnd) {
+TEST(ModifiedUtf8, ConvertsAlikeAtEveryBlockLimit) {
     for (std::string const text : {"\xc3\xa9", "\xe9", "\xe2\x82\xac", "\xf0\x9f\x98\x80", "\xc0\x80", "\xe2\x82"}) {
         for (std::size_t before = 500; before < 520; ++before) {
             for (std::size_t const after :
@@ -229,13 +235,13 @@ TEST(ModifiedUtf8, StopsAtTheFirstZeroByte) {
     EXPECT_EQ(modified(std::string("a\0b", 3)), "a");
 }
 
-TEST(ModifiedUtf8, AppendsToWhatIsThere) {
+TEST(ModifiedUtf8, AppendsToTheResult) {
     EXPECT_EQ(modified("\xe9", "before "), "before \xc3\xa9");
     EXPECT_EQ(modified("", "before "), "before ");
     EXPECT_EQ(modified(std::string(600, 'a'), std::string(600, 'b')), std::string(600, 'b') + std::string(600, 'a'));
 }
 
-TEST(ModifiedUtf8, GivesValidAndCompleteTextForAnyBytes) {
+TEST(ModifiedUtf8, ConvertsAnyBytesToValidText) {
     SCOPED_TRACE("KVX_TEST_SEED=" + std::to_string(testSeed()));
     std::mt19937_64 random(testSeed());
     for (int round = 0; round < 20000; ++round) {
@@ -243,7 +249,7 @@ TEST(ModifiedUtf8, GivesValidAndCompleteTextForAnyBytes) {
         std::string const result = modified(text);
         ASSERT_TRUE(isModifiedUtf8(result)) << testing::PrintToString(text);
         ASSERT_EQ(result, expectedOf(text)) << testing::PrintToString(text);
-        ASSERT_EQ(modified(result), result) << "valid text stays: " << testing::PrintToString(text);
+        ASSERT_EQ(modified(result), result) << "valid text changed: " << testing::PrintToString(text);
     }
 }
 

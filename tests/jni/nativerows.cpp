@@ -1,3 +1,8 @@
+// The table of native methods, and helpers that compare what a call left behind.
+//
+// The functions are declared here and linked by name, as a virtual machine would look them up. Parameter count and kind
+// of result of each row come from the declaration; prefixes, codes and texts are literals, not taken from the library.
+
 #include "tests/jni/nativerows.h"
 
 #include <gtest/gtest.h>
@@ -74,7 +79,7 @@ Returned callOf(JNIEnv* env, jobject self, Arguments const& arguments) {
 constexpr char kNullNameOrValue[] = "Value or Name of the Attribute is NULL";
 constexpr char kNullFileNameOrValue[] = "Value or File, Name or newVal is NULL";
 
-/// A new object works in the current directory; it finds no key there.
+/// A new object uses the current directory, which has no key.
 constexpr char kCannotOpen[] = "ErrorCode = 0x80040219";
 
 std::array<jstring, 3> javaStrings(FakeJvm& jvm, std::array<std::string, 3> const& texts) {
@@ -92,7 +97,7 @@ Returned NativeRow::callBare(FakeJvm& jvm, jobject self) const {
 }
 
 std::vector<NativeRow> const& nativeRows() {
-// Ties the symbol of a native method to the class and method that Java looks it up by.
+// The symbol by which Java finds a native method.
 #define KVX_NATIVE(Class, Method) Java_kelvane_tallowin_##Class##_##Method
 #define KVX_ROW(native, Class, Method, handlePrefix, failurePrefix, nullRefusal, bareArguments, bareCode, bareText) \
     NativeRow {                                                                                                     \

@@ -1,4 +1,4 @@
-/// Every native method, how to call it, and its texts, written down a second time.
+/// A table of the native methods: how to call each, and its texts, written independently of the library.
 #ifndef TALLOWIN_TESTS_JNI_NATIVEROWS_H
 #define TALLOWIN_TESTS_JNI_NATIVEROWS_H
 
@@ -16,24 +16,25 @@
 
 namespace kvxtest {
 
-/// What a native method gave back; what it does not return stays 0 or null.
+/// The result of a native method. A member it does not return stays 0 or null.
 struct Returned {
     jint m_Number = 0;
     jstring m_Text = nullptr;
 };
 
-/// A method's arguments; as many as it takes are used.
+/// Arguments of a call. A method uses as many as it has parameters.
 using Arguments = std::array<jstring, 3>;
 
+/// One native method.
 struct NativeRow {
     KvxNative m_Native;
     char const* m_Class;
     char const* m_Method;
     char const* m_HandlePrefix;
     char const* m_FailurePrefix;
-    char const* m_NullRefusal;  ///< Refuses a null among the arguments; null when such count as "".
+    char const* m_NullRefusal;  ///< The message when an argument is null; null when null counts as "".
 
-    /// What happens on a new object, called with these arguments. Code KVX_OK: it succeeds.
+    /// The result of a call with these arguments on a new object. Code KVX_OK: it succeeds.
     std::array<char const*, 3> m_BareArguments;
     std::int32_t m_BareCode;
     char const* m_BareText;
@@ -49,11 +50,11 @@ struct NativeRow {
     [[nodiscard]] bool constructs() const { return std::string(m_Method) == "nConstruct"; }
     [[nodiscard]] bool destructs() const { return std::string(m_Method) == "nDestruct"; }
 
-    /// Calls it for `self` with these texts.
+    /// Calls the method of `self` with these texts, or with `m_BareArguments`.
     Returned call(FakeJvm& jvm, jobject self, std::array<std::string, 3> const& texts) const;
     Returned callBare(FakeJvm& jvm, jobject self) const;
 
-    /// "Class.Method", for messages.
+    /// "Class.Method", for failure messages.
     [[nodiscard]] std::string name() const { return std::string(m_Class) + "." + m_Method; }
 };
 
@@ -61,19 +62,19 @@ struct NativeRow {
 std::vector<NativeRow> const& nativeRows();
 NativeRow const& rowOf(KvxNative native);
 
-/// Fails the test unless a KVXException with this code and text is pending, and nothing has been returned.
+/// Fails the test unless a KVXException with this code and text is pending and no value was returned.
 void expectRaised(FakeJvm const& jvm, Returned const& returned, std::int32_t code, std::string const& text);
 
-/// Fails the test unless the call has returned and nothing is pending.
+/// Fails the test when an exception is pending or FatalError was called.
 void expectFine(FakeJvm const& jvm);
 
-/// The object that Java knows under this number.
+/// The object behind a Java handle.
 KVX_HANDLE objectOf(jint handle);
 
-/// An object that destroys itself, and the number under which Java knows it.
+/// Owns an object and knows its Java handle.
 class JavaObject {
 public:
-    /// Holds a new object of `row`'s kind, or the one given, which may be null.
+    /// Owns a new object of `row`'s kind, or `object`, which may be null.
     explicit JavaObject(NativeRow const& row) : JavaObject(row, row.m_Create()) {}
     JavaObject(NativeRow const& row, KVX_HANDLE object) : m_Row(row), m_Object(object) {}
     JavaObject(JavaObject const&) = delete;

@@ -1,4 +1,8 @@
 // Every call into Java fails in turn, in every native method.
+//
+// Each method is run with its first call into Java failing, then its second, and so on, until a run reaches no failing
+// call. Every failing run must leave an exception pending or have ended the virtual machine, must not have had its
+// effect, and must not leak objects. A JNI function may fail with or without an exception; both are walked.
 
 #include "tests/jni/shop.h"
 
@@ -6,20 +10,20 @@ using namespace kvxtest;
 
 namespace {
 
-constexpr int kMostCalls = 100;
+constexpr int kMaxCalls = 100;
 
-/// Fails the test unless `jvm` was left with an exception, ours or its own, or ended.
-/// A destructor alone says nothing: what it cannot find it does not destroy.
+/// Fails the test unless an exception, ours or Java's, is pending or the virtual machine was ended.
+/// Only a destructor may report nothing: it ignores an object it cannot find.
 void expectReported(NativeRow const& row, FakeJvm const& jvm) {
-    EXPECT_EQ(jvm.isFine(), row.destructs()) << "a failure that nobody is told of";
+    EXPECT_EQ(jvm.isFine(), row.destructs()) << "the failure is not reported";
     EXPECT_LE(jvm.fatalErrors().size(), 1U);
     EXPECT_TRUE(jvm.fatalErrors().empty() || jvm.pendingClass().empty());
 }
 
-/// Calls a method with its first, second, third ... call into Java failing, until none is reached. Returns how many
-/// calls there were.
-int failEveryCallOfASuccess(Shop const& shop, NativeRow const& row, FakeJvm::Failure how) {
-    for (int number = 0; number < kMostCalls; ++number) {
+/// Calls a method with its first, second, third ... call into Java failing, until a run succeeds. Returns the number of
+/// calls into Java that it makes.
+int failEachCallOfASuccess(Shop const& shop, NativeRow const& row, FakeJvm::Failure how) {
+    for (int number = 0; number < kMaxCalls; ++number) {
         std::int32_t const living = TbRefCounter::m_nTotalRef;
         {
             FakeJvm jvm;
@@ -36,13 +40,13 @@ int failEveryCallOfASuccess(Shop const& shop, NativeRow const& row, FakeJvm::Fai
         }
         EXPECT_EQ(TbRefCounter::m_nTotalRef, living) << row.name() << ", call " << number;
     }
-    ADD_FAILURE() << row.name() << " does not end";
-    return kMostCalls;
+    ADD_FAILURE() << row.name() << " makes too many calls";
+    return kMaxCalls;
 }
 
-/// The same for a call that fails in the core, or for its handle. Returns how many calls there were.
-int failEveryCallOfAFailure(NativeRow const& row, bool isLiving, FakeJvm::Failure how) {
-    for (int number = 0; number < kMostCalls; ++number) {
+/// The same for a call that fails anyway: in the core when `isLiving`, otherwise because of its handle.
+int failEachCallOfAFailure(NativeRow const& row, bool isLiving, FakeJvm::Failure how) {
+    for (int number = 0; number < kMaxCalls; ++number) {
         std::int32_t const living = TbRefCounter::m_nTotalRef;
         {
             FakeJvm jvm;
@@ -54,7 +58,7 @@ int failEveryCallOfAFailure(NativeRow const& row, bool isLiving, FakeJvm::Failur
             jvm.failCall(number, how);
             Returned const returned = row.callBare(jvm, self);
             SCOPED_TRACE(row.name() + ", call " + std::to_string(number) + " of " + jvm.failedFunction());
-            EXPECT_FALSE(jvm.isFine()) << "a failure that nobody is told of";
+            EXPECT_FALSE(jvm.isFine()) << "the failure is not reported";
             EXPECT_TRUE(jvm.fatalErrors().empty() || jvm.pendingClass().empty());
             EXPECT_EQ(returned.m_Number, 0);
             EXPECT_EQ(returned.m_Text, nullptr);
@@ -65,80 +69,71 @@ int failEveryCallOfAFailure(NativeRow const& row, bool isLiving, FakeJvm::Failur
         }
         EXPECT_EQ(TbRefCounter::m_nTotalRef, living) << row.name() << ", call " << number;
     }
-    ADD_FAILURE() << row.name() << " does not end";
-    return kMostCalls;
+    ADD_FAILURE() << row.name() << " makes too many calls";
+    return kMaxCalls;
 }
 
-void failEveryCall(FakeJvm::Failure how) {
+void failEachCall(FakeJvm::Failure how) {
     Shop const shop;
     TempDir const nowhere;
     WorkingDirectory const here(nowhere.path());
     for (NativeRow const& row : nativeRows()) {
         auto const expected = static_cast<int>(2 + row.m_ArgumentCount + (row.m_ReturnsText ? 1 : 0));
-        EXPECT_EQ(failEveryCallOfASuccess(shop, row, how), expected) << row.name();
+        EXPECT_EQ(failEachCallOfASuccess(shop, row, how), expected) << row.name();
         if (!row.destructs()) {
-            EXPECT_GT(failEveryCallOfAFailure(row, false, how), 8) << row.name();
+            EXPECT_GT(failEachCallOfAFailure(row, false, how), 8) << row.name();
         }
         if (row.m_BareCode != KVX_OK) {
-            EXPECT_GT(failEveryCallOfAFailure(row, true, how), 8) << row.name();
+            EXPECT_GT(failEachCallOfAFailure(row, true, how), 8) << row.name();
         }
     }
+}
+
+/// Fails call number `number` into Java, first without and then with an exception. Each run must report exhausted
+/// memory: the first by a KVXException, the second by Java's own exception.
+void expectExhaustedMemoryReported(Shop const& shop, NativeRow const& row, int number, char const* function) {
+    FakeJvm silent;
+    ShopCall first(shop, row, silent);
+    silent.failCall(number, FakeJvm::Failure::kWithoutException);
+    first.run();
+    EXPECT_EQ(silent.failedFunction(), function);
+    expectRaised(silent, first.returned(), KVX_E_OUT_OF_MEMORY, std::string(row.m_FailurePrefix) + "out of memory");
+
+    FakeJvm raising;
+    ShopCall second(shop, row, raising);
+    raising.failCall(number, FakeJvm::Failure::kWithException);
+    second.run();
+    EXPECT_EQ(raising.failedFunction(), function);
+    EXPECT_EQ(raising.pendingClass(), "java/lang/OutOfMemoryError") << "Java's own exception stays";
+    second.expectNothingDone();
 }
 
 }  // namespace
 
 TEST(FailingJava, IsReportedWhicheverCallLeavesAnException) {
-    failEveryCall(FakeJvm::Failure::kWithException);
+    failEachCall(FakeJvm::Failure::kWithException);
 }
 
 TEST(FailingJava, IsReportedWhicheverCallLeavesNone) {
-    failEveryCall(FakeJvm::Failure::kWithoutException);
+    failEachCall(FakeJvm::Failure::kWithoutException);
 }
 
-TEST(FailingJava, WithoutMemoryForAResultSaysSo) {
+TEST(FailingJava, WithoutMemoryForAResultIsReported) {
     Shop const shop;
     for (NativeRow const& row : nativeRows()) {
         if (row.m_ReturnsText) {
             SCOPED_TRACE(row.name());
-            auto const lastCall = static_cast<int>(2 + row.m_ArgumentCount);
-            FakeJvm silent;
-            ShopCall first(shop, row, silent);
-            silent.failCall(lastCall, FakeJvm::Failure::kWithoutException);
-            first.run();
-            EXPECT_EQ(silent.failedFunction(), "NewStringUTF");
-            expectRaised(silent, first.returned(), KVX_E_OUT_OF_MEMORY,
-                         std::string(row.m_FailurePrefix) + "out of memory");
-
-            FakeJvm telling;
-            ShopCall second(shop, row, telling);
-            telling.failCall(lastCall, FakeJvm::Failure::kWithException);
-            second.run();
-            EXPECT_EQ(telling.failedFunction(), "NewStringUTF");
-            EXPECT_EQ(telling.pendingClass(), "java/lang/OutOfMemoryError") << "Java's own is as good as ours";
+            expectExhaustedMemoryReported(shop, row, static_cast<int>(2 + row.m_ArgumentCount), "NewStringUTF");
         }
     }
 }
 
-TEST(FailingJava, WithoutMemoryForAnArgumentSaysSo) {
+TEST(FailingJava, WithoutMemoryForAnArgumentIsReported) {
     Shop const shop;
     for (NativeRow const& row : nativeRows()) {
         for (int argument = 0; argument < static_cast<int>(row.m_ArgumentCount); ++argument) {
             SCOPED_TRACE(row.name() + ", argument " + std::to_string(argument));
-            FakeJvm silent;
-            ShopCall first(shop, row, silent);
-            silent.failCall(2 + argument, FakeJvm::Failure::kWithoutException);
-            first.run();
-            EXPECT_EQ(silent.failedFunction(), "GetStringUTFChars");
-            expectRaised(silent, first.returned(), KVX_E_OUT_OF_MEMORY,
-                         std::string(row.m_FailurePrefix) + "out of memory");
-
-            FakeJvm telling;
-            ShopCall second(shop, row, telling);
-            telling.failCall(2 + argument, FakeJvm::Failure::kWithException);
-            second.run();
-            EXPECT_EQ(telling.failedFunction(), "GetStringUTFChars");
-            EXPECT_EQ(telling.pendingClass(), "java/lang/OutOfMemoryError");
-            second.expectNothingDone();
+            expectExhaustedMemoryReported(shop, row, 2 + argument, "GetStringUTFChars");
         }
     }
 }

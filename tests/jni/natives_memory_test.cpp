@@ -1,4 +1,8 @@
-// Every allocation fails in turn, in every native method.
+// Allocations fail in turn, in every native method.
+//
+// A call that would succeed is repeated with one allocation failing, or all from a certain one on: the first and last
+// of its allocations, where the native method's own are, and a sample of those in between. A call that fails anyway is
+// repeated for each of its allocations. Every run must succeed or report the code, and must not leak objects.
 
 #include <memory>
 #include <vector>
@@ -11,7 +15,7 @@ namespace {
 
 using Mode = FailingAllocation::Mode;
 
-/// Leaves out what would only take time here: durability has its own tests.
+/// Makes fsync do nothing, to save time. Durability has its own tests.
 class WithoutSync {
 public:
     WithoutSync() {
@@ -22,8 +26,8 @@ private:
     SystemCalls m_Calls;
 };
 
-/// The numbers of allocations to fail, out of about `count`: the first and the last, where the native method's own are,
-/// and samples of what the core, which has tests for that, does in between.
+/// The numbers of the allocations to fail, out of about `count`: the first and the last, which are the native method's
+/// own, and samples of those in between, which belong to the core and have their own tests.
 std::vector<long> allocationsToFail(long count) {
     constexpr long kAtEachEnd = 20;
     constexpr long kSamples = 20;
@@ -37,7 +41,7 @@ std::vector<long> allocationsToFail(long count) {
     return numbers;
 }
 
-/// Runs the call with one allocation failing. True when that was reached.
+/// Runs the call with one allocation failing. True when the call got that far.
 bool runFailing(ShopCall& call, long number, Mode mode) {
     FailingAllocation const failing(number, mode);
     call.run();
@@ -51,7 +55,7 @@ void expectOutOfMemory(NativeRow const& row, FakeJvm const& jvm) {
     EXPECT_TRUE(jvm.fatalErrors().empty());
 }
 
-/// Fails allocations of a call that would succeed. Returns how many led to a failure.
+/// Fails allocations of a call that would succeed. Returns how many of the runs failed.
 long failAllocationsOfASuccess(Shop const& shop, NativeRow const& row, Mode mode) {
     long count = 0;
     {
@@ -69,7 +73,7 @@ long failAllocationsOfASuccess(Shop const& shop, NativeRow const& row, Mode mode
             ShopCall call(shop, row, jvm);
             bool const isReached = runFailing(call, number, mode);
             if (jvm.isFine()) {
-                EXPECT_FALSE(isReached && mode == Mode::kAllFromThere && number == 0) << "memory is needed";
+                EXPECT_FALSE(isReached && mode == Mode::kAllFromThere && number == 0) << "this allocation is needed";
                 call.expectSuccess();
             } else {
                 EXPECT_TRUE(isReached);
@@ -83,7 +87,7 @@ long failAllocationsOfASuccess(Shop const& shop, NativeRow const& row, Mode mode
     return failures;
 }
 
-/// Fails each allocation of a call that fails in the core: the code is the core's, or says that there is no memory.
+/// Fails each allocation of a call that fails in the core. The code is the core's or KVX_E_OUT_OF_MEMORY.
 void failAllocationsOfAFailure(NativeRow const& row, Mode mode) {
     std::string const text = std::string(row.m_FailurePrefix) + row.m_BareText;
     long number = 0;
@@ -142,8 +146,8 @@ TEST(ExhaustedMemory, RaisesTheExceptionWhenNoMemoryIsLeft) {
     failAllocations(Mode::kAllFromThere);
 }
 
-TEST(ExhaustedMemory, KeepsTheCoresCodeWhenOnlyItsTextHasNoRoom) {
-    // The last allocations of a failing call are for the text that Java gets.
+TEST(ExhaustedMemory, KeepsTheCoresCodeWithoutMemoryForItsText) {
+    // The last allocations of a failing call are made for the exception's text.
     NativeRow const& row = rowOf(KvxNative::kMessageCapture);
     JavaObject const object(row);
     long count = 0;

@@ -1,4 +1,8 @@
-// What every native method does with good and bad handles, arguments and calls.
+// Every native method with good and bad handles and arguments.
+//
+// All tests walk the table of native methods. Handles: 0, random numbers, destroyed objects, objects of another kind,
+// addresses inside an object, addresses above 2 GiB. Arguments: null and empty. Results: the core's failure on a new
+// object with its code and text, and success with an account and a server.
 
 #include <sys/mman.h>
 
@@ -18,7 +22,7 @@ constexpr char kNoField[] = "member m_Handle not found";
 constexpr char kInvalidHandle[] = "Invalid Handle";
 constexpr char kHandleNotZero[] = "m_Handle != 0";
 
-/// Numbers that are no handle of a living object, the null handle among them.
+/// Numbers that are not the handle of a living object, 0 among them.
 std::vector<jint> foreignNumbers() {
     using Limits = std::numeric_limits<jint>;
     std::vector<jint> numbers = {0, 1, 2, 4, 511, 512, 4096, -1, -2, -4, -512, Limits::max(), Limits::min()};
@@ -29,7 +33,7 @@ std::vector<jint> foreignNumbers() {
     return numbers;
 }
 
-/// Calls a method for an object with this handle and expects that it refuses the handle as it should.
+/// Calls a method of an object with this handle and expects that it refuses the handle.
 void expectHandleRefused(NativeRow const& row, jint handle) {
     SCOPED_TRACE(row.name() + " with " + std::to_string(handle) + ", seed " + std::to_string(testSeed()));
     FakeJvm jvm;
@@ -45,9 +49,9 @@ void expectHandleRefused(NativeRow const& row, jint handle) {
     EXPECT_EQ(jvm.handleOf(self), handle);
 }
 
-/// Calls a method for an object whose call fails: of a constructor, because the handle is not zero; of a destructor,
-/// because the object is in use; of the others, because it is destroyed.
-void callInVain(NativeRow const& row, FakeJvm& jvm) {
+/// Calls a method so that it fails: a constructor because the handle is not 0, a destructor because the object is
+/// locked, any other because the object is destroyed.
+void makeFail(NativeRow const& row, FakeJvm& jvm) {
     JavaObject const object(row);
     if (row.destructs()) {
         KvxHandleLock const lock(row.m_Kind, object.handle());
@@ -58,21 +62,21 @@ void callInVain(NativeRow const& row, FakeJvm& jvm) {
     row.callBare(jvm, jvm.newObject(object.handle()));
 }
 
-/// What a call ended with, told in full.
-struct Ending {
+/// The complete result of a call.
+struct CallResult {
     std::string m_Class;
     std::int32_t m_Code = 0;
     std::string m_ExceptionText;
     std::string m_Text;
 
-    bool operator==(Ending const& other) const {
+    bool operator==(CallResult const& other) const {
         return m_Class == other.m_Class && m_Code == other.m_Code && m_ExceptionText == other.m_ExceptionText &&
                m_Text == other.m_Text;
     }
 };
 
-/// Calls a method on a new object, or on one that is in working order when there is a shop, with these arguments.
-Ending endingOf(NativeRow const& row, Shop const* shop, std::function<jstring(FakeJvm&)> const& argument) {
+/// Calls a method with these arguments on an object of `shop` or, without one, on a new object.
+CallResult resultOf(NativeRow const& row, Shop const* shop, std::function<jstring(FakeJvm&)> const& argument) {
     FakeJvm jvm;
     JavaObject const object(row, shop == nullptr ? row.m_Create() : shop->create(row));
     jobject const self = jvm.newObject(object.handle());
@@ -119,7 +123,7 @@ TEST(Natives, RefuseAnObjectWithoutTheField) {
     }
 }
 
-TEST(Natives, RefuseEveryNumberThatIsNoHandle) {
+TEST(Natives, RefuseEveryNumberThatIsNotAHandle) {
     for (NativeRow const& row : nativeRows()) {
         for (jint const handle : foreignNumbers()) {
             if (!row.constructs() || handle != 0) {
@@ -160,7 +164,7 @@ TEST(Natives, RefuseAnAddressInsideAnObject) {
     }
 }
 
-TEST(Natives, RefuseToConstructWhatHoldsALivingObject) {
+TEST(Natives, RefuseToConstructOverALivingObject) {
     for (NativeRow const& row : nativeRows()) {
         if (row.constructs()) {
             JavaObject const object(row);
@@ -172,7 +176,7 @@ TEST(Natives, RefuseToConstructWhatHoldsALivingObject) {
     }
 }
 
-TEST(Natives, RefuseToDestructWhatIsInUse) {
+TEST(Natives, RefuseToDestructALockedObject) {
     for (NativeRow const& row : nativeRows()) {
         if (row.destructs()) {
             SCOPED_TRACE(row.name());
@@ -194,7 +198,7 @@ TEST(Natives, RefuseToDestructWhatIsInUse) {
     }
 }
 
-TEST(Natives, ThatRefuseNullArgumentsAreThree) {
+TEST(Natives, RefuseNullArgumentsInThreeMethods) {
     std::vector<std::string> names;
     for (NativeRow const& row : nativeRows()) {
         if (row.m_NullRefusal != nullptr) {
@@ -205,13 +209,13 @@ TEST(Natives, ThatRefuseNullArgumentsAreThree) {
                                                "MessageObject.SetAttribute"}));
 }
 
-TEST(Natives, RefuseNullArgumentsBeforeTheyLookAtTheHandle) {
+TEST(Natives, CheckForNullArgumentsBeforeTheHandle) {
     for (NativeRow const& row : nativeRows()) {
         if (row.m_NullRefusal == nullptr) {
             continue;
         }
         JavaObject const object(row);
-        // Every combination of arguments that has a null among them.
+        // Every combination with at least one null argument.
         for (unsigned present = 0; present + 1 < 1U << row.m_ArgumentCount; ++present) {
             for (jint const handle : {object.handle(), 0, -1}) {
                 for (bool const hasField : {true, false}) {
@@ -240,20 +244,20 @@ TEST(Natives, CountOtherNullArgumentsAsEmpty) {
     auto const empty = [](FakeJvm& jvm) { return jvm.newString(""); };
     for (NativeRow const& row : nativeRows()) {
         if (row.m_NullRefusal == nullptr && row.m_ArgumentCount != 0) {
-            EXPECT_TRUE(endingOf(row, nullptr, null) == endingOf(row, nullptr, empty)) << row.name();
-            EXPECT_TRUE(endingOf(row, &shop, null) == endingOf(row, &shop, empty)) << row.name();
+            EXPECT_TRUE(resultOf(row, nullptr, null) == resultOf(row, nullptr, empty)) << row.name();
+            EXPECT_TRUE(resultOf(row, &shop, null) == resultOf(row, &shop, empty)) << row.name();
         }
     }
-    // Without an address and credentials a set-up goes to the address that is known and succeeds.
-    Ending const ending = endingOf(rowOf(KvxNative::kSetupReconfigure), &shop, null);
-    EXPECT_EQ(ending.m_Class, "") << ending.m_ExceptionText;
+    // A set-up without address and credentials uses the configured address and succeeds.
+    CallResult const result = resultOf(rowOf(KvxNative::kSetupReconfigure), &shop, null);
+    EXPECT_EQ(result.m_Class, "") << result.m_ExceptionText;
 }
 
-TEST(Natives, EndTheVirtualMachineWhenItHasNoClassForTheException) {
+TEST(Natives, EndTheVirtualMachineWithoutTheExceptionClass) {
     for (NativeRow const& row : nativeRows()) {
         FakeJvm jvm;
         jvm.removeExceptionClass();
-        callInVain(row, jvm);
+        makeFail(row, jvm);
         EXPECT_EQ(jvm.fatalErrors(), std::vector<std::string>{"Class kelvane/tallowin/KVXException not found"})
             << row.name();
         EXPECT_EQ(jvm.pendingClass(), "") << row.name();
@@ -265,7 +269,7 @@ TEST(Natives, EndTheVirtualMachineWhenTheExceptionLacksAMethod) {
         for (char const* const method : {"<init>", "putHR", "putErrorMessage"}) {
             FakeJvm jvm;
             jvm.removeExceptionMethod(method);
-            callInVain(row, jvm);
+            makeFail(row, jvm);
             EXPECT_EQ(jvm.fatalErrors(), std::vector<std::string>{"Incompatible class kelvane/tallowin/KVXException"})
                 << row.name() << " without " << method;
             EXPECT_EQ(jvm.pendingClass(), "") << row.name();
@@ -273,7 +277,7 @@ TEST(Natives, EndTheVirtualMachineWhenTheExceptionLacksAMethod) {
     }
 }
 
-TEST(Natives, RaiseWhatTheCoreReportsWithItsOwnCode) {
+TEST(Natives, RaiseTheCoresCodeAndText) {
     TempDir const nowhere;
     WorkingDirectory const here(nowhere.path());
     for (NativeRow const& row : nativeRows()) {
@@ -295,7 +299,7 @@ TEST(Natives, RaiseWhatTheCoreReportsWithItsOwnCode) {
     }
 }
 
-TEST(Natives, SucceedEveryOne) {
+TEST(Natives, AllSucceed) {
     Shop const shop;
     for (NativeRow const& row : nativeRows()) {
         SCOPED_TRACE(row.name());
@@ -342,7 +346,7 @@ TEST(Natives, PassTheirArgumentsInOrder) {
     EXPECT_EQ(text(KvxNative::kMessageToString, opened.handle(), {}), R"(<KVX MSGTYPE="ERROR" KEYID="own"/>)");
 }
 
-TEST(Natives, GiveTextThatIsNotUtf8ToJavaCharacterByCharacter) {
+TEST(Natives, ReturnTextThatIsNotUtf8AsLatin1) {
     JavaObject const message(rowOf(KvxNative::kMessageConstruct));
     ASSERT_EQ(MessageObject_FromString(objectOf(message.handle()), "<KVX A=\"caf\xe9 \xf0\x9f\x98\x80\"/>"), KVX_OK);
     FakeJvm jvm;
@@ -352,14 +356,14 @@ TEST(Natives, GiveTextThatIsNotUtf8ToJavaCharacterByCharacter) {
     EXPECT_EQ(jvm.textOf(returned.m_Text), "caf\xc3\xa9 \xed\xa0\xbd\xed\xb8\x80");
 }
 
-TEST(Natives, LoseNoSlotWhenTheyMakeObjectsOrFailTo) {
+TEST(Natives, LeakNoSlotWhenCreatingObjectsSucceedsOrFails) {
     Shop const shop;
     for (NativeRow const& row : nativeRows()) {
         if (!row.m_MakesObject) {
             continue;
         }
         SCOPED_TRACE(row.name());
-        (void)wholeCycle(allKinds().back());  // from now on a slot comes fresh only when one more is in use at once
+        (void)wholeCycle(allKinds().back());  // afterwards a new slot is needed only when one more is in use at once
         expectNoSlotIsLost(5, [&] {
             {
                 FakeJvm jvm;
@@ -375,13 +379,13 @@ TEST(Natives, LoseNoSlotWhenTheyMakeObjectsOrFailTo) {
     }
 }
 
-TEST(Natives, KnowAnObjectAboveTwoGiBByItsNegativeNumber) {
+TEST(Natives, UseNegativeNumbersForObjectsAboveTwoGiB) {
 #if defined(__SANITIZE_ADDRESS__)
-    GTEST_SKIP() << "the address sanitizer keeps these addresses for itself";
+    GTEST_SKIP() << "the address sanitizer reserves these addresses";
 #endif
     enum Status { kWorks, kNothingHigh, kBadHandle, kFailed, kNotDestroyed };
     int const status = inChildProcess([] {
-        // With the addresses below 2 GiB gone, new slots lie above.
+        // Occupies all addresses below 2 GiB, so that new slots lie above.
         constexpr std::uintptr_t kSmallest = 65536;
         std::function<void(std::uintptr_t, std::uintptr_t)> const occupy = [&](std::uintptr_t begin,
                                                                                std::uintptr_t bytes) {

@@ -1,4 +1,8 @@
-// How failures become exceptions of Java's.
+// How failures become Java exceptions.
+//
+// `Raise` covers kvxRaise: the exception's content, a pending exception, missing memory, an unsuitable exception class.
+// `Attempt` and `Report` cover C++ exceptions on their way into a `KvxOutcome` and out of it. `JavaText` covers strings
+// in both directions, `HandleNumber` the conversion of addresses.
 
 #include <exception>
 #include <new>
@@ -20,7 +24,7 @@ KvxOutcome outcomeOf(std::function<void()> const& call) {
     return outcome;
 }
 
-/// What stands behind the prefix in an exception made of `outcome`.
+/// The message after the prefix of the exception that reports `outcome`.
 std::string reasonOf(KvxOutcome const& outcome) {
     FakeJvm jvm;
     EXPECT_FALSE(kvxReport(jvm.env(), KvxNative::kMessageOpen, outcome));
@@ -40,7 +44,7 @@ TEST(Raise, ThrowsCodeAndText) {
     }
 }
 
-TEST(Raise, ReplacesAnExceptionThatIsPending) {
+TEST(Raise, ReplacesAPendingException) {
     FakeJvm jvm;
     jvm.makePending("java/lang/NoSuchFieldError");
     kvxRaise(jvm.env(), KVX_E_NOT_FOUND, "prefix: ", "");
@@ -58,7 +62,7 @@ TEST(Raise, TakesAnyEncodingAndLength) {
     expectRaised(jvm, {}, KVX_E_NOT_FOUND, expected);
 }
 
-TEST(Raise, SaysWhatItCanWithoutMemory) {
+TEST(Raise, ThrowsTheCodeWithoutMemoryForTheText) {
     FakeJvm jvm;
     {
         FailingAllocation const failing(0, FailingAllocation::Mode::kAllFromThere);
@@ -90,8 +94,8 @@ TEST(Raise, EndsTheVirtualMachineWhenTheClassCannotBeThrown) {
     EXPECT_EQ(jvm.pendingClass(), "");
 }
 
-// A class that could not be looked at for want of memory is not a missing one.
-TEST(Raise, LeavesAnExceptionOfTheVirtualMachinesOwnTrouble) {
+// A class that cannot be looked up for lack of memory does not count as missing.
+TEST(Raise, LeavesAPendingVirtualMachineError) {
     for (int call = 0; call < 4; ++call) {
         FakeJvm jvm;
         jvm.failCall(call, FakeJvm::Failure::kWithException);
@@ -108,7 +112,7 @@ TEST(JavaText, IsRefusedWhenItIsTooLongForTheVirtualMachine) {
               KVX_E_OUT_OF_MEMORY);
 }
 
-TEST(Raise, IsWhatRefusingDoesWithTheHandlesPrefix) {
+TEST(Raise, IsUsedByRefuseWithTheHandlePrefix) {
     for (NativeRow const& row : nativeRows()) {
         FakeJvm jvm;
         EXPECT_FALSE(kvxRefuse(jvm.env(), row.m_Native, "reason"));
@@ -167,7 +171,7 @@ TEST(Attempt, GivesEveryOtherExceptionACode) {
     }
 }
 
-TEST(Report, LeavesAnExceptionOfJavasOwnAlone) {
+TEST(Report, LeavesAPendingJavaException) {
     KvxOutcome const outcome = outcomeOf([] { throw KvxPendingException{}; });
     EXPECT_TRUE(outcome.m_Pending);
     FakeJvm jvm;
@@ -190,7 +194,7 @@ TEST(JavaText, IsReadByteForByte) {
     EXPECT_EQ(bytesOf(kvxTextOf(jvm.env(), nullptr)), "");
 }
 
-TEST(JavaText, GivesItsCharactersBackWithoutMemoryForThem) {
+TEST(JavaText, ReleasesItsCharactersWhenMemoryIsExhausted) {
     FakeJvm jvm;
     jstring const text = jvm.newString("text");
     FailingAllocation const failing(0, FailingAllocation::Mode::kAllFromThere);

@@ -1,16 +1,21 @@
+// An account with keys, and a server that answers each kind of request with a fixed message.
+//
+// `create`, `argumentsFor` and `textOf` hold, for every native method, an object, arguments and a result with which a
+// call succeeds. A set-up call replaces address and key of the account, so `create` writes them anew each time.
+
 #include "tests/jni/shop.h"
 
 namespace kvxtest {
 
 namespace {
 
-/// What the server answers to a request that holds the first text; to any other it tells the configuration.
-struct Answer {
+/// The response to a request that contains a text. Any other request gets the configuration.
+struct Response {
     char const* m_Request;
     char const* m_Body;
 };
 
-constexpr Answer kAnswers[] = {
+constexpr Response kResponses[] = {
     {"LoadDefaultsRequest", R"(<KVX MSGTYPE="LoadDefaultsResponse"/>)"},
     {"KeyQueryRequest", R"(<KVX MSGTYPE="KeyQueryResponse" KEYID="imported" KEYBLOB="3048"/>)"},
     {"KeyExportRequest", R"(<KVX MSGTYPE="KeyExportResponse"/>)"},
@@ -20,9 +25,9 @@ constexpr Answer kAnswers[] = {
 
 void serve(Peer& peer, std::string const& url) {
     std::string const request = peer.receiveRequest();
-    for (Answer const& answer : kAnswers) {
-        if (request.find(answer.m_Request) != std::string::npos) {
-            peer.send(httpAnswer(answer.m_Body));
+    for (Response const& response : kResponses) {
+        if (request.find(response.m_Request) != std::string::npos) {
+            peer.send(httpAnswer(response.m_Body));
             return;
         }
     }
@@ -37,7 +42,7 @@ KVX_HANDLE Shop::create(NativeRow const& row) const {
     if (row.constructs()) {
         return nullptr;
     }
-    // A set-up replaces these.
+    // A set-up call replaces both.
     m_Account.setAddress(url());
     m_Account.write("keys/current", "own");
     FactoryHandle const factory(path());
@@ -86,7 +91,7 @@ std::array<std::string, 3> Shop::argumentsFor(NativeRow const& row) const {
             return {"TOKEN"};
         case KvxNative::kMessageFromString:
             return {R"(<KVX B="2"/>)"};
-        default:
+        default:  // no arguments
             return {};
     }
 }
@@ -101,7 +106,7 @@ std::string Shop::textOf(NativeRow const& row) const {
             return url() + "/pay?DATA=%3cKVX%20MSGTYPE%3d%22Probe%22";
         case KvxNative::kMessageToString:
             return R"(<KVX MSGTYPE="Probe" KEYID="own" TOKEN="t1"/>)";
-        default:
+        default:  // no text
             return "";
     }
 }

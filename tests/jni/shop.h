@@ -1,4 +1,4 @@
-/// A merchant's account and its payment server, with which every native method succeeds.
+/// An account and a payment server with which every native method succeeds.
 #ifndef TALLOWIN_TESTS_JNI_SHOP_H
 #define TALLOWIN_TESTS_JNI_SHOP_H
 
@@ -11,18 +11,19 @@
 
 namespace kvxtest {
 
+/// A configuration directory and a server that answers every request of the native methods.
 class Shop {
 public:
     Shop();
 
-    /// A new object on which the method succeeds; owned by the caller. To be made for every call: some methods change
-    /// what they are called on. Null for a constructor.
+    /// A new object on which the method succeeds; owned by the caller. Null for a constructor. Create one for every
+    /// call, because some methods change their object.
     [[nodiscard]] KVX_HANDLE create(NativeRow const& row) const;
 
-    /// The arguments with which it does.
+    /// Arguments with which the method succeeds.
     [[nodiscard]] std::array<std::string, 3> argumentsFor(NativeRow const& row) const;
 
-    /// What a text that it returns begins with; empty when it returns none.
+    /// The beginning of the text that the method returns; empty when it returns none.
     [[nodiscard]] std::string textOf(NativeRow const& row) const;
 
     [[nodiscard]] std::string const& path() const { return m_Account.path(); }
@@ -35,27 +36,27 @@ private:
     std::string m_Signature;
 };
 
-/// One call of a method with what the shop has for it. `jvm` and memory may fail on its way.
+/// One call of a native method on an object and with arguments from a Shop. `jvm` or memory may fail during the call.
 class ShopCall {
 public:
     ShopCall(Shop const& shop, NativeRow const& row, FakeJvm& jvm);
     ShopCall(ShopCall const&) = delete;
     ShopCall& operator=(ShopCall const&) = delete;
 
-    /// Destroys what the method made.
+    /// Destroys the object that the method created.
     ~ShopCall();
 
     void run();
 
     [[nodiscard]] Returned const& returned() const { return m_Returned; }
 
-    /// The handle that the Java object holds now.
+    /// The current value of `m_Handle`.
     [[nodiscard]] jint handle() const { return m_Jvm.handleOf(m_Self); }
 
-    /// Fails the test unless the call has done what it is there for.
+    /// Fails the test unless the call succeeded and had its effect.
     void expectSuccess() const;
 
-    /// Fails the test when a call that failed has done it, or has returned anything.
+    /// Fails the test when a failed call had an effect or returned a value.
     void expectNothingDone() const;
 
 private:

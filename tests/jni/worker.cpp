@@ -15,30 +15,30 @@ namespace kvxtest {
 
 namespace {
 
-constexpr std::chrono::seconds kPatience(kPatienceSeconds);
+constexpr std::chrono::seconds kTimeout(kPatienceSeconds);
 
 }  // namespace
 
-Worker::Worker(std::function<void()> const& work)
-    : m_Id(m_Started.get_future()), m_End(m_Done.get_future()), m_Thread([this, work] {
+Worker::Worker(std::function<void()> const& function)
+    : m_Id(m_Started.get_future()), m_End(m_Done.get_future()), m_Thread([this, function] {
           m_Started.set_value(static_cast<pid_t>(::syscall(SYS_gettid)));
-          work();
+          function();
           m_Done.set_value();
       }) {}
 
 Worker::~Worker() {
     if (!finishes()) {
-        std::fputs("a thread of the test does not end\n", stderr);
+        std::fputs("a test thread does not return\n", stderr);
         std::abort();
     }
     m_Thread.join();
 }
 
-bool Worker::waits() {
-    auto const end = std::chrono::steady_clock::now() + kPatience;
+bool Worker::blocks() {
+    auto const end = std::chrono::steady_clock::now() + kTimeout;
     while (std::chrono::steady_clock::now() < end &&
            m_End.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
-        if (isAsleep()) {
+        if (isBlocked()) {
             return true;
         }
         std::this_thread::yield();
@@ -47,17 +47,17 @@ bool Worker::waits() {
 }
 
 bool Worker::finishes() const {
-    return m_End.wait_for(kPatience) == std::future_status::ready;
+    return m_End.wait_for(kTimeout) == std::future_status::ready;
 }
 
-bool Worker::isAsleep() const {
-    if (m_Id.wait_for(kPatience) != std::future_status::ready) {
+bool Worker::isBlocked() const {
+    if (m_Id.wait_for(kTimeout) != std::future_status::ready) {
         return false;
     }
     std::ifstream file("/proc/self/task/" + std::to_string(m_Id.get()) + "/stat");
     std::string stat;
     std::getline(file, stat);
-    std::size_t const name = stat.rfind(") ");  // the name before it may hold anything
+    std::size_t const name = stat.rfind(") ");  // the thread name before it may contain any character
     return name != std::string::npos && stat[name + 2] == 'S';
 }
 

@@ -1,4 +1,4 @@
-/// Threads whose waiting can be observed.
+/// A test thread that reports whether it is blocked.
 #ifndef TALLOWIN_TESTS_JNI_WORKER_H
 #define TALLOWIN_TESTS_JNI_WORKER_H
 
@@ -10,24 +10,24 @@
 
 namespace kvxtest {
 
-/// Runs something on a thread of its own. The test program ends when that outlasts all patience.
+/// Runs a function on its own thread. The destructor aborts the test program when the function does not return in time.
 class Worker {
 public:
-    explicit Worker(std::function<void()> const& work);
+    explicit Worker(std::function<void()> const& function);
     Worker(Worker const&) = delete;
     Worker& operator=(Worker const&) = delete;
 
-    /// Waits for the end of the work.
+    /// Waits until the function has returned.
     ~Worker();
 
-    /// Waits until the thread either sleeps, waiting for something, or has done its work. True when it sleeps.
-    [[nodiscard]] bool waits();
+    /// Waits until the thread is blocked or the function has returned. True when it is blocked; false also on timeout.
+    [[nodiscard]] bool blocks();
 
-    /// Waits for the end of the work. False when patience is over.
+    /// Waits until the function has returned. False on timeout.
     [[nodiscard]] bool finishes() const;
 
 private:
-    [[nodiscard]] bool isAsleep() const;
+    [[nodiscard]] bool isBlocked() const;
 
     std::promise<pid_t> m_Started;
     std::promise<void> m_Done;
