@@ -1,5 +1,5 @@
 /**
- * Payments through a hosted payment service, from Java.
+ * Payments through a hosted payment service.
  */
 module kelvane.tallowin {
     exports kelvane.tallowin;

@@ -3,22 +3,22 @@ package kelvane.tallowin;
 import java.lang.ref.Reference;
 
 /**
- * Prepares and maintains the configuration directory of an account: registers it with the payment service, and reads and
- * writes single values of its files.
+ * Sets up and maintains the configuration directory of an account: registers it with the payment service, and reads and
+ * writes single values in its files.
  *
- * <p>{@link #SetConfiguration} comes first. See the package description for strings, threads and closing.
+ * <p>Call {@link #SetConfiguration} first. See the package description for strings, threads and closing.
  */
 public final class ConfigurationSetup implements AutoCloseable {
-    /** The native object's address; 0 when there is none. Read and written by the native methods. */
+    /** The handle of the native object; 0 when there is none. The native methods read and write this field. */
     private int m_Handle;
 
     private final Reclaimer reclaimer;
 
     /**
-     * Makes an object without a directory.
+     * Creates an object without a configuration directory.
      *
      * @throws KVXException         when memory is exhausted
-     * @throws UnsatisfiedLinkError when the native library cannot be loaded; the message tells what to do
+     * @throws UnsatisfiedLinkError when the native library cannot be loaded; the message contains the remedy
      */
     public ConfigurationSetup() throws KVXException {
         NativeLibrary.load();
@@ -28,64 +28,65 @@ public final class ConfigurationSetup implements AutoCloseable {
         Reference.reachabilityFence(this);
     }
 
-    /** Stands in for the owner of {@code handle} that is no more. */
+    /** Takes over {@code handle} from a collected owner, to destroy its object. */
     private ConfigurationSetup(int handle) {
         m_Handle = handle;
         reclaimer = null;
     }
 
     /**
-     * Chooses the configuration directory, making it when it is missing.
+     * Sets the configuration directory.
      *
-     * @param path the directory; made when it does not exist
-     * @throws KVXException when it cannot be made; the code is then the operating system's error number
+     * @param path the directory; created when it does not exist
+     * @throws KVXException when it cannot be created; the code is the operating system's error number
      */
     public native void SetConfiguration(String path) throws KVXException;
 
     /**
-     * Registers the directory with the payment service: loads configuration and defaults, imports the server's key, makes
-     * a new key pair and publishes it. Talks to the service, blocks, and writes files of the directory.
+     * Registers the directory with the payment service: loads configuration and defaults, imports the service's key,
+     * creates a key pair and publishes it. Sends requests to the service, blocks, and writes files in the directory.
      *
-     * @param url      the service's set-up address; empty or null keeps the configured one
+     * @param url      the set-up address of the service; empty or null for the configured one
      * @param user     the account's user
      * @param password the account's password
-     * @throws KVXException when the service cannot be reached or refuses, or a file cannot be written
+     * @throws KVXException when the service cannot be reached or returns an error, or a file cannot be written
      */
     public native void Reconfigure(String url, String user, String password) throws KVXException;
 
     /**
-     * Sets an option of this object, for later operations on it. Nothing is stored.
+     * Sets an option for later calls on this object. It is not stored in the directory.
      *
      * @param name  {@code VTAUTOURL}, {@code UserName} or {@code Password}
      * @param value the value
-     * @throws KVXException for an unknown name, and when either is null
+     * @throws KVXException when the name is unknown or an argument is null
      */
     public native void SetOption(String name, String value) throws KVXException;
 
     /**
-     * Reads a value.
+     * Reads a value from a file of the directory.
      *
-     * @param file the file's name inside the directory, such as {@code config.xml}
+     * @param file the file's name in the directory, such as {@code config.xml}
      * @param name the attribute's name; empty or null for the whole file
      * @return the value
-     * @throws KVXException when there is no such file or value
+     * @throws KVXException when the file or value does not exist
      */
     public native String GetAttribute(String file, String name) throws KVXException;
 
     /**
-     * Writes a value. An empty value is never written, and that is no failure.
+     * Writes a value to a file of the directory. An empty value is ignored without a failure.
      *
-     * @param file  the file's name inside the directory; it must exist
+     * @param file  the name of an existing file in the directory
      * @param name  the attribute's name
      * @param value the value
-     * @throws KVXException when the file cannot be read or written, and when an argument is null
+     * @throws KVXException when the file cannot be read or written, or an argument is null
      */
     public native void SetAttribute(String file, String name, String value) throws KVXException;
 
     /**
      * Destroys the native object. A second call does nothing.
      *
-     * @throws IllegalStateException when another thread is inside a method of this object, or waits to be; it stays open then
+     * @throws IllegalStateException when another thread is in a method of this object, or waits to enter one; the
+     *                               object stays open
      */
     @Override
     public synchronized void close() {
@@ -94,7 +95,7 @@ public final class ConfigurationSetup implements AutoCloseable {
         }
         try {
             nDestruct();
-            // Nothing that can fail comes between: see the field of the reclaimer.
+            // No call between these statements: see Reclaimer.handle.
             reclaimer.handle = 0;
             m_Handle = 0;
         } catch (KVXException inUse) {

@@ -13,12 +13,14 @@ import java.util.List;
 import java.util.Locale;
 
 /**
- * What the head of a shared library tells: for which machine it was built, and whether the file is whole.
+ * The header of a shared library: the machine it was built for, and whether the file is complete.
  *
- * <p>The system's loader maps a file that was cut short and then kills the process, so the file is looked at first.
+ * <p>The file is checked before it is loaded, because the system's loader maps a truncated file without an error and
+ * the process is killed at the first access to a missing page. Everything read from the file may be wrong, so each
+ * position and size is compared with the file's length.
  */
 final class ElfFile {
-    /** Machines by their number in the file, their width, and their names in {@code os.arch}; the first is ours. */
+    /** Machines with their ELF number, their width and their names in {@code os.arch}; the jar uses the first name. */
     private enum Machine {
         X86(3, 32, "x86", "i386", "i486", "i586", "i686"),
         ARM(40, 32, "arm"),
@@ -35,12 +37,12 @@ final class ElfFile {
             this.names = Arrays.asList(names);
         }
 
-        /** Null for a machine that is not in the table. */
+        /** The machine with this ELF number; null when it is not in the table. */
         static Machine numbered(int number) {
             return Arrays.stream(values()).filter(machine -> machine.number == number).findAny().orElse(null);
         }
 
-        /** Null for a machine that is not in the table. */
+        /** The machine with this name; null when it is not in the table. */
         static Machine named(String name) {
             return Arrays.stream(values()).filter(machine -> machine.names.contains(name)).findAny().orElse(null);
         }
@@ -54,27 +56,27 @@ final class ElfFile {
     private final int machineNumber;
 
     private ElfFile(RandomAccessFile file) throws IOException {
-        ByteBuffer head = bytes(file, 0, 20, ByteOrder.LITTLE_ENDIAN);
-        order = head.get(5) == 2 ? ByteOrder.BIG_ENDIAN : ByteOrder.LITTLE_ENDIAN;
-        width = head.get(4) == 2 ? 64 : 32;
-        machineNumber = Short.toUnsignedInt(head.order(order).getShort(18));
+        ByteBuffer header = bytes(file, 0, 20, ByteOrder.LITTLE_ENDIAN);
+        order = header.get(5) == 2 ? ByteOrder.BIG_ENDIAN : ByteOrder.LITTLE_ENDIAN;
+        width = header.get(4) == 2 ? 64 : 32;
+        machineNumber = Short.toUnsignedInt(header.order(order).getShort(18));
     }
 
     /**
-     * Reads the head of {@code library}.
+     * Reads the header of {@code library}.
      *
-     * @throws LoadProblem when the file cannot be read, is no shared library, or was cut short
+     * @throws LoadProblem when the file cannot be read, is not a shared library, or is truncated
      */
     static ElfFile read(File library) throws LoadProblem {
         try (RandomAccessFile file = new RandomAccessFile(library, "r")) {
             if (file.length() < Integer.BYTES || file.readInt() != MAGIC) {
-                throw new LoadProblem("the file is no shared library", "Put the right one in its place.", null);
+                throw new LoadProblem("the file is no shared library", "Replace it by the right one.", null);
             }
             ElfFile elf = new ElfFile(file);
             elf.requireSegments(file);
             return elf;
-        } catch (EOFException cut) {
-            throw new LoadProblem("the file is cut short", "Copy the library again, all of it.", null);
+        } catch (EOFException truncated) {
+            throw new LoadProblem("the file is cut short", "Copy the library again, completely.", null);
         } catch (IOException unreadable) {
             throw unreadable(unreadable);
         }
@@ -97,33 +99,33 @@ final class ElfFile {
         }
     }
 
-    /** The name that {@code osArch}, a value of the system property {@code os.arch}, has in the jar. */
+    /** The jar's name for {@code osArch}, a value of the system property {@code os.arch}. */
     static String architecture(String osArch) {
         String name = osArch.toLowerCase(Locale.ROOT);
         Machine machine = Machine.named(name);
         return machine == null ? name : machine.names.get(0);
     }
 
-    /** Whether a JVM on {@code osArch} may load the file; also true when nothing is known of either. */
+    /** Whether a JVM on {@code osArch} can load the file; also true when both machines are unknown. */
     boolean fits(String osArch) {
         Machine jvm = Machine.named(architecture(osArch));
         return jvm == Machine.numbered(machineNumber) && (jvm == null || jvm.width == width);
     }
 
-    /** Describes width and machine of the file. */
+    /** Describes the width and machine of the file. */
     String target() {
         Machine machine = Machine.numbered(machineNumber);
         return width + "-bit " + (machine == null ? "ELF machine " + machineNumber : machine.names.get(0));
     }
 
-    /** Describes width and machine of a JVM on {@code osArch}. */
+    /** Describes the width and machine of a JVM on {@code osArch}. */
     static String target(String osArch) {
         Machine machine = Machine.named(architecture(osArch));
         return (machine == null ? "" : machine.width + "-bit ") + architecture(osArch);
     }
 
     /**
-     * Checks that the file holds every byte of the segments that the system's loader will map.
+     * Checks that the file contains all segments that the system's loader will map.
      *
      * @throws EOFException when it does not
      */
@@ -152,7 +154,7 @@ final class ElfFile {
         return ByteBuffer.wrap(bytes).order(order);
     }
 
-    /** Positions and sizes come from the file, so they may be anything, negative too. */
+    /** Position and count come from the file and may have any value, even a negative one. */
     private static void requireInside(RandomAccessFile file, long position, long count) throws IOException {
         if (position < 0 || count < 0 || position > file.length() || count > file.length() - position) {
             throw new EOFException();

@@ -1,10 +1,10 @@
 package kelvane.tallowin;
 
 /**
- * The failure of a call, with its result code and its text.
+ * A failed call, with its result code and text.
  *
- * <p>The result codes are those of the C interface. Nearly all are negative; a directory that could not be made is
- * reported by the operating system's own error number, a small positive one.
+ * <p>The result codes are those of the C interface. Nearly all are negative. When a directory cannot be created, the
+ * code is the operating system's error number, a small positive number.
  */
 public class KVXException extends Exception {
     private static final long serialVersionUID = 1L;
@@ -15,7 +15,7 @@ public class KVXException extends Exception {
     /** The text; null when there is none. */
     private String errorMessage;
 
-    /** Makes an exception without code and text. The native methods fill them in. */
+    /** Creates an exception without code and text. The native methods set both. */
     public KVXException() {
     }
 
@@ -40,14 +40,14 @@ public class KVXException extends Exception {
     /**
      * Returns the result code.
      *
-     * @return the result code, such as {@code 0x80040214} for a signature that does not fit
+     * @return the result code, such as {@code 0x80040214} for an invalid signature
      */
     public int getHR() {
         return hr;
     }
 
     /**
-     * Returns the text as the library made it: the method that failed, then the reason.
+     * Returns the library's text: the method that failed, then the reason.
      *
      * @return the text, or null when there is none
      */

@@ -5,15 +5,19 @@ import java.util.regex.Matcher;
 import java.util.regex.Pattern;
 
 /**
- * Why the library could not be loaded from one place: the cause, what to do about it, and the system's own words.
+ * Why the library could not be loaded from one place: the cause, the remedy, and the system's own message.
+ *
+ * <p>The cause is found in this order: a JVM that denies native access, a library for another machine, a file system
+ * that forbids execution, then the loader's message, which a table of patterns explains.
  */
 final class LoadProblem extends Exception {
     /**
-     * What the system's loader, or the JVM before it, says when it refuses. The first row that fits counts. The loader
-     * speaks the user's language, so its words count only where nothing else tells.
+     * Messages of the system's loader, or of the JVM, with their causes and remedies. The first row that matches
+     * applies. The loader's messages are translated, so the patterns rely on words only where nothing else identifies
+     * the cause.
      */
-    private enum Refusal {
-        TAKEN("already loaded in another classloader",
+    private enum LoaderMessage {
+        LOADED_ELSEWHERE("already loaded in another classloader",
                 "another class loader of this JVM has loaded this very file",
                 "Put the jar where all applications share it (the server's common class loader), or set neither "
                         + NativeLibrary.PROPERTY + " nor a java.library.path that leads to the library, so that each "
@@ -39,79 +43,83 @@ final class LoadProblem extends Exception {
                 "Name a library that was built for this system and this jar with -D" + NativeLibrary.PROPERTY
                         + "=PATH.");
 
-        final Pattern words;
+        final Pattern pattern;
         final String cause;
-        final String cure;
+        final String remedy;
 
-        Refusal(String words, String cause, String cure) {
-            this.words = Pattern.compile(words);
+        LoaderMessage(String pattern, String cause, String remedy) {
+            this.pattern = Pattern.compile(pattern);
             this.cause = cause;
-            this.cure = cure;
+            this.remedy = remedy;
         }
 
-        LoadProblem problem(String named, Throwable refusal) {
-            return new LoadProblem(String.format(cause, named), cure, refusal);
+        LoadProblem problem(String missing, Throwable failure) {
+            return new LoadProblem(String.format(cause, missing), remedy, failure);
         }
     }
 
     private static final long serialVersionUID = 1;
 
-    private final String cure;
+    private final String remedy;
 
     /**
-     * A cause as the end of "cannot be loaded: ", without a full stop.
+     * Creates a problem.
      *
-     * @param cure   sentences with their full stops
-     * @param origin what the system said; null when it was not asked
+     * @param cause  continues "cannot be loaded: ", without a full stop
+     * @param remedy sentences with their full stops
+     * @param origin the system's failure; null when the check was our own
      */
-    LoadProblem(String cause, String cure, Throwable origin) {
+    LoadProblem(String cause, String remedy, Throwable origin) {
         super(cause, origin);
-        this.cure = cure;
+        this.remedy = remedy;
     }
 
     /**
-     * Explains why the library was not loaded although there is a whole file.
+     * Explains why {@link System#load} failed for a complete library file.
      *
-     * @param refusal what came out of {@link System#load}
+     * @param failure the exception of {@link System#load}
      * @param file    the file
-     * @param library its head
+     * @param library its header
      */
-    static LoadProblem of(Throwable refusal, File file, ElfFile library) {
-        if (refusal instanceof IllegalCallerException) {
+    static LoadProblem of(Throwable failure, File file, ElfFile library) {
+        if (failure instanceof IllegalCallerException) {
             Module module = LoadProblem.class.getModule();
             String denied = module.isNamed() ? "the module " + module.getName() : "unnamed modules";
             String option = "--enable-native-access=" + (module.isNamed() ? module.getName() : "ALL-UNNAMED");
             return new LoadProblem("this JVM denies native access to " + denied, "Start it with " + option + ".",
-                    refusal);
+                    failure);
         }
         String osArch = System.getProperty("os.arch");
         if (!library.fits(osArch)) {
             return new LoadProblem("it was built for " + library.target() + ", and this JVM is "
                     + ElfFile.target(osArch) + " (os.arch " + osArch + ")",
-                    "Take the library or the JVM of the other kind.", refusal);
+                    "Use a library built for this JVM, or a JVM that matches the library.", failure);
         }
-        return MountTable.forbidsExecution(file.toPath()) ? Refusal.NO_EXECUTION.problem("", refusal) : of(refusal);
+        if (MountTable.forbidsExecution(file.toPath())) {
+            return LoaderMessage.NO_EXECUTION.problem("", failure);
+        }
+        return of(failure);
     }
 
-    /** Explains the words of {@code refusal} alone. */
-    static LoadProblem of(Throwable refusal) {
-        for (Refusal row : Refusal.values()) {
-            Matcher words = row.words.matcher(String.valueOf(refusal.getMessage()));
-            if (words.find()) {
-                String named = words.groupCount() == 0 ? "" : words.group(1);
-                return row.problem(named, refusal);
+    /** Explains {@code failure} by its message alone. */
+    static LoadProblem of(Throwable failure) {
+        for (LoaderMessage row : LoaderMessage.values()) {
+            Matcher matcher = row.pattern.matcher(String.valueOf(failure.getMessage()));
+            if (matcher.find()) {
+                String missing = matcher.groupCount() == 0 ? "" : matcher.group(1);
+                return row.problem(missing, failure);
             }
         }
-        throw new AssertionError("the last row fits everything", refusal);
+        throw new AssertionError("the last row matches every message", failure);
     }
 
-    /** The cause and what to do. */
+    /** The cause and the remedy. */
     String advice() {
-        return getMessage() + ". " + cure;
+        return getMessage() + ". " + remedy;
     }
 
-    /** The cause and the system's own words. */
-    String happened() {
+    /** The cause and the system's own message. */
+    String details() {
         return getCause() == null ? getMessage() : getMessage() + " [" + getCause() + "]";
     }
 }

@@ -3,22 +3,22 @@ package kelvane.tallowin;
 import java.lang.ref.Reference;
 
 /**
- * Makes payment messages and verifies confirmations, for one configuration directory.
+ * Creates payment messages and verifies confirmations, for one configuration directory.
  *
- * <p>{@link #Open} comes first. The messages belong to the caller, who closes them; they may outlive the factory. See the
- * package description for strings, threads and closing.
+ * <p>Call {@link #Open} first. The caller closes the messages; they may outlive the factory. See the package
+ * description for strings, threads and closing.
  */
 public final class MessageFactory implements AutoCloseable {
-    /** The native object's address; 0 when there is none. Read and written by the native methods. */
+    /** The handle of the native object; 0 when there is none. The native methods read and write this field. */
     private int m_Handle;
 
     private final Reclaimer reclaimer;
 
     /**
-     * Makes a factory without a directory.
+     * Creates a factory without a configuration directory.
      *
      * @throws KVXException         when memory is exhausted
-     * @throws UnsatisfiedLinkError when the native library cannot be loaded; the message tells what to do
+     * @throws UnsatisfiedLinkError when the native library cannot be loaded; the message contains the remedy
      */
     public MessageFactory() throws KVXException {
         NativeLibrary.load();
@@ -28,15 +28,15 @@ public final class MessageFactory implements AutoCloseable {
         Reference.reachabilityFence(this);
     }
 
-    /** Stands in for the owner of {@code handle} that is no more. */
+    /** Takes over {@code handle} from a collected owner, to destroy its object. */
     private MessageFactory(int handle) {
         m_Handle = handle;
         reclaimer = null;
     }
 
     /**
-     * Chooses the configuration directory. Nothing is read yet, so a wrong path fails in the first call that makes a
-     * message.
+     * Sets the configuration directory. Reads nothing yet, so a wrong path fails in the first call that creates or
+     * verifies a message.
      *
      * @param path the configuration directory
      * @throws KVXException when memory is exhausted
@@ -44,67 +44,68 @@ public final class MessageFactory implements AutoCloseable {
     public native void Open(String path) throws KVXException;
 
     /**
-     * Starts a payment: a message with a fresh token, the merchant's defaults and an expiration date. Set its attributes,
-     * then ask it for its URL.
+     * Starts a payment: creates a message with a new token, the merchant's defaults and an expiration date. Set its
+     * attributes, then call {@link MessageObject#GetURL}.
      *
      * @return the message
-     * @throws KVXException when the directory is not usable
+     * @throws KVXException when the directory cannot be used
      */
     public MessageObject CreatePayInit() throws KVXException {
-        MessageObject message = MessageObject.unborn();
+        MessageObject message = MessageObject.withoutNativeObject();
         message.m_Handle = message.reclaimer.handle = nCreatePayInit();
         return message;
     }
 
     /**
-     * Verifies what the shopper's browser brought back. Compare order, amount, currency and token of the message with
-     * your own before you deliver: the signature alone does not tell which order was paid.
+     * Verifies the confirmation in the address to which the shopper's browser returned. Before you deliver, compare
+     * order, amount, currency and token of the message with your own: the signature does not show which order was paid.
      *
-     * <p>Both must arrive here as they were sent. A decoder that replaces what is not well-formed UTF-8, as those of web
-     * frameworks do, spoils a message in which a Java shop wrote characters beyond U+FFFF: the signature does not fit.
+     * <p>Pass both parameters exactly as they were sent. Decoders of web frameworks replace ill-formed UTF-8. That
+     * changes a message in which a Java shop wrote characters beyond U+FFFF, and its signature becomes invalid.
      *
      * @param data      the parameter {@code DATA} of the return address, percent-decoded
      * @param signature the parameter {@code SIGNATURE}, percent-decoded
      * @return the confirmation
-     * @throws KVXException when the signature is missing or does not fit, or the data is no message
+     * @throws KVXException when the signature is missing or invalid, or the data is not a message
      */
     public MessageObject VerifyPayConfirm(String data, String signature) throws KVXException {
-        MessageObject message = MessageObject.unborn();
+        MessageObject message = MessageObject.withoutNativeObject();
         message.m_Handle = message.reclaimer.handle = nVerifyPayConfirm(data, signature);
         return message;
     }
 
     /**
-     * Makes the message that completes a payment.
+     * Creates the message that completes a payment.
      *
      * @param id    the payment's {@code ID}, from its confirmation
      * @param token the payment's {@code TOKEN}, from its confirmation
      * @return the message, ready for {@link MessageObject#Execute}
-     * @throws KVXException when the directory is not usable
+     * @throws KVXException when the directory cannot be used
      */
     public MessageObject CreatePayComplete(String id, String token) throws KVXException {
-        MessageObject message = MessageObject.unborn();
+        MessageObject message = MessageObject.withoutNativeObject();
         message.m_Handle = message.reclaimer.handle = nCreatePayComplete(id, token);
         return message;
     }
 
     /**
-     * Makes a message of any type.
+     * Creates a message of any type.
      *
      * @param type the type; not empty
      * @return the message, ready for {@link MessageObject#Execute}
-     * @throws KVXException for an empty type, and when the directory is not usable
+     * @throws KVXException when the type is empty or the directory cannot be used
      */
     public MessageObject CreateRequest(String type) throws KVXException {
-        MessageObject message = MessageObject.unborn();
+        MessageObject message = MessageObject.withoutNativeObject();
         message.m_Handle = message.reclaimer.handle = nCreateRequest(type);
         return message;
     }
 
     /**
-     * Destroys the native object; messages stay. A second call does nothing.
+     * Destroys the native object; its messages remain usable. A second call does nothing.
      *
-     * @throws IllegalStateException when another thread is inside a method of this object, or waits to be; it stays open then
+     * @throws IllegalStateException when another thread is in a method of this object, or waits to enter one; the
+     *                               object stays open
      */
     @Override
     public synchronized void close() {
@@ -113,7 +114,7 @@ public final class MessageFactory implements AutoCloseable {
         }
         try {
             nDestruct();
-            // Nothing that can fail comes between: see the field of the reclaimer.
+            // No call between these statements: see Reclaimer.handle.
             reclaimer.handle = 0;
             m_Handle = 0;
         } catch (KVXException inUse) {

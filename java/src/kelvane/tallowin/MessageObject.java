@@ -3,67 +3,67 @@ package kelvane.tallowin;
 import java.lang.ref.Reference;
 
 /**
- * One payment message: made by a {@link MessageFactory}, received as an answer, or built from text.
+ * One payment message: created by a {@link MessageFactory}, received as a response, or parsed from text.
  *
  * <p>See the package description for strings, threads and closing.
  */
 public final class MessageObject implements AutoCloseable {
-    /** The native object's address; 0 when there is none. Read and written by the native methods. */
+    /** The handle of the native object; 0 when there is none. The native methods read and write this field. */
     int m_Handle;
 
-    /** Knows the same handle. */
+    /** Has the same handle as this object. */
     final Reclaimer reclaimer;
 
     /**
-     * Makes an empty message; {@link #Open} comes next.
+     * Creates an object without a message. Call {@link #Open} or {@link #FromString} next.
      *
      * @throws KVXException         when memory is exhausted
-     * @throws UnsatisfiedLinkError when the native library cannot be loaded; the message tells what to do
+     * @throws UnsatisfiedLinkError when the native library cannot be loaded; the message contains the remedy
      */
     public MessageObject() throws KVXException {
-        this(Birth.LATER);
+        this(NativeObject.CREATED_LATER);
         nConstruct();
         reclaimer.handle = m_Handle;
         Reference.reachabilityFence(this);
     }
 
-    private enum Birth { LATER }
+    private enum NativeObject { CREATED_LATER }
 
-    private MessageObject(Birth later) {
+    private MessageObject(NativeObject createdLater) {
         NativeLibrary.load();
         reclaimer = new Reclaimer(this, handle -> new MessageObject(handle)::nDestruct);
     }
 
-    /** Stands in for the owner of {@code handle} that is no more. */
+    /** Takes over {@code handle} from a collected owner, to destroy its object. */
     private MessageObject(int handle) {
         m_Handle = handle;
         reclaimer = null;
     }
 
     /**
-     * An object that will hold a native one. All that Java can refuse happens here, before there is a native object that
-     * could be lost.
+     * A Java object without a native object yet. Everything that can fail in Java happens here, before a native object
+     * exists that could leak.
      */
-    static MessageObject unborn() {
-        return new MessageObject(Birth.LATER);
+    static MessageObject withoutNativeObject() {
+        return new MessageObject(NativeObject.CREATED_LATER);
     }
 
     /**
-     * Binds the message to a configuration directory and starts it anew, with the type {@code ERROR} until
-     * {@link #FromString} or {@link #SetAttribute} fill it.
+     * Binds the message to a configuration directory and resets its content. Its type is {@code ERROR} until
+     * {@link #FromString} or {@link #SetAttribute} sets another.
      *
      * @param path the configuration directory
-     * @throws KVXException when the directory is not usable
+     * @throws KVXException when the directory cannot be used
      */
     public native void Open(String path) throws KVXException;
 
     /**
-     * Sets an attribute. Keep the characters of a payment to U+0001 to U+FFFF; see
+     * Sets an attribute. Use only characters from U+0001 to U+FFFF in a payment; see
      * {@link MessageFactory#VerifyPayConfirm}.
      *
      * @param name  the attribute's name, such as {@code AMOUNT}
      * @param value the value
-     * @throws KVXException when there is no message yet, and when either argument is null
+     * @throws KVXException when there is no message yet or an argument is null
      */
     public native void SetAttribute(String name, String value) throws KVXException;
 
@@ -77,37 +77,37 @@ public final class MessageObject implements AutoCloseable {
     public native String GetAttribute(String name) throws KVXException;
 
     /**
-     * Signs the message and returns the address to which the shopper's browser is sent.
+     * Signs the message and returns the address to send the shopper's browser to.
      *
      * @return the payment URL
-     * @throws KVXException when the message was not made by a factory for sending, or cannot be signed
+     * @throws KVXException when the message was not created by a factory for sending, or cannot be signed
      */
     public native String GetURL() throws KVXException;
 
     /**
-     * Captures the payment that this confirmation authorised. Talks to the service and blocks.
+     * Captures the payment that this confirmation authorises. Sends a request to the service and blocks.
      *
-     * @throws KVXException when the service cannot be reached or refuses
+     * @throws KVXException when the service cannot be reached or returns an error
      */
     public native void Capture() throws KVXException;
 
     /**
-     * Sends the message to the service and returns the answer, which the caller closes. Talks to the service and blocks.
+     * Sends the message to the service and returns the response. Blocks until it arrives.
      *
-     * @return the answer
-     * @throws KVXException when the service cannot be reached, refuses, or answers with something else
+     * @return the response; the caller closes it
+     * @throws KVXException when the service cannot be reached, or returns an error or an unexpected response
      */
     public MessageObject Execute() throws KVXException {
-        MessageObject answer = unborn();
-        answer.m_Handle = answer.reclaimer.handle = nExecute();
-        return answer;
+        MessageObject response = withoutNativeObject();
+        response.m_Handle = response.reclaimer.handle = nExecute();
+        return response;
     }
 
     /**
-     * Replaces the message by a text, keeping the signing key.
+     * Replaces the content by a message given as text. The signing key stays.
      *
      * @param text the message as text
-     * @throws KVXException when it is no message
+     * @throws KVXException when the text is not a message
      */
     public native void FromString(String text) throws KVXException;
 
@@ -122,7 +122,8 @@ public final class MessageObject implements AutoCloseable {
     /**
      * Destroys the native object. A second call does nothing.
      *
-     * @throws IllegalStateException when another thread is inside a method of this object, or waits to be; it stays open then
+     * @throws IllegalStateException when another thread is in a method of this object, or waits to enter one; the
+     *                               object stays open
      */
     @Override
     public synchronized void close() {
@@ -131,7 +132,7 @@ public final class MessageObject implements AutoCloseable {
         }
         try {
             nDestruct();
-            // Nothing that can fail comes between: see the field of the reclaimer.
+            // No call between these statements: see Reclaimer.handle.
             reclaimer.handle = 0;
             m_Handle = 0;
         } catch (KVXException inUse) {

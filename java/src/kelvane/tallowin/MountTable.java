@@ -8,25 +8,25 @@ import java.nio.file.Path;
 import java.util.Arrays;
 import java.util.regex.Pattern;
 
-/** The file systems of this process, as the kernel lists them. */
+/** The file systems mounted for this process, read from the kernel's list. */
 final class MountTable {
     private static final Path TABLE = Path.of("/proc/self/mounts");
     private static final Pattern ESCAPED = Pattern.compile("\\\\([0-7]{3})");
 
     private MountTable() {}
 
-    /** Whether nothing on the file system that holds {@code file} may be executed; false when that cannot be told. */
+    /** Whether {@code file} is on a file system mounted {@code noexec}; false when that cannot be determined. */
     static boolean forbidsExecution(Path file) {
         try {
             Path real = file.toRealPath();
-            Path holder = null;
+            Path mountPoint = null;
             String options = "";
             for (String line : Files.readAllLines(TABLE, StandardCharsets.ISO_8859_1)) {
                 String[] fields = line.split(" ");
                 Path mounted = Path.of(unescaped(fields[1]));
-                // Of two at one place the later one is on top.
-                if (real.startsWith(mounted) && (holder == null || mounted.startsWith(holder))) {
-                    holder = mounted;
+                // Of two mounts at the same path the later one is visible.
+                if (real.startsWith(mounted) && (mountPoint == null || mounted.startsWith(mountPoint))) {
+                    mountPoint = mounted;
                     options = fields[3];
                 }
             }

@@ -29,27 +29,27 @@ import java.util.Locale;
 import java.util.Set;
 
 /**
- * A directory of our own below the temporary directory, which holds the jar's copy of the library until the JVM has
- * mapped it. Closing removes it; the mapping stays.
+ * A copy of the jar's library in a private directory below the temporary directory, kept until the JVM has mapped it.
+ * Closing removes the directory; the mapping remains.
  *
- * <p>A process that is killed leaves its directory behind, so each extraction also removes what others left. A file in
- * the directory, locked as long as its process works there, tells the living from the dead:
+ * <p>A killed process leaves its directory behind, so each extraction also removes abandoned directories. Each
+ * directory contains a lock file that its process keeps locked, which shows whether the process still runs:
  * <ul>
- * <li>whoever removes a directory holds the lock, and removes the lock file last;
- * <li>whoever made a directory and then finds the lock taken or the lock file gone was taken for dead in the moment
- *     before it held the lock, and begins anew in another directory;
- * <li>a directory without a lock file is just being born or dying: it is removed only when empty.
+ * <li>a process removes a directory only while it holds the lock, and removes the lock file last;
+ * <li>a process that creates a directory and then finds the lock taken or the lock file gone has lost it to another
+ *     process, which saw it unlocked for a moment; it starts again with a new directory;
+ * <li>a directory without a lock file is being created or removed at this moment; it is removed only when empty.
  * </ul>
  *
- * <p>The lock counts between processes only: when a process closes any channel of a file, all its locks on that file
- * are gone. Therefore everything here happens under {@link #JVM_WIDE}.
+ * <p>File locks work between processes only: when a process closes any channel of a file, it loses all its locks on
+ * that file. Within one process, {@link #JVM_LOCK} guards everything here.
  */
 final class NativeCopy implements AutoCloseable {
     /**
-     * The monitor that the callers hold from before the making of a copy until after its closing. Deliberate: as a
-     * string constant it is the same object for all class loaders, which have a class of their own each.
+     * The monitor that callers hold from before they create a copy until after they close it. Deliberate: a string
+     * constant, because that is the same object in all class loaders, each of which has its own NativeCopy class.
      */
-    static final Object JVM_WIDE = "kelvane.tallowin.NativeCopy";
+    static final Object JVM_LOCK = "kelvane.tallowin.NativeCopy";
 
     private static final String PREFIX = "tallowin-native-";
     private static final String LOCK = "lock";
@@ -70,18 +70,18 @@ final class NativeCopy implements AutoCloseable {
         this.lock = lock;
     }
 
-    /** Where the jar keeps the library for this platform, relative to the package. */
+    /** The path of this platform's library in the jar, relative to the package. */
     static String resource() {
         String system = System.getProperty("os.name").toLowerCase(Locale.ROOT);
         return "lib/" + system + "-" + ElfFile.architecture(System.getProperty("os.arch")) + "/" + NativeLibrary.FILE;
     }
 
     /**
-     * Takes the library out of the jar, and removes what dead processes left behind.
+     * Extracts the library from the jar and removes directories that killed processes left behind.
      *
-     * @return the copy, which the caller closes
-     * @throws LoadProblem when the jar has no library for this platform or is damaged, or when the temporary directory
-     *                     cannot be used; nothing is left there
+     * @return the copy; the caller closes it
+     * @throws LoadProblem when the jar is damaged or has no library for this platform, or the temporary directory
+     *                     cannot be used; no file is left there
      */
     static NativeCopy extract() throws LoadProblem {
         byte[] content = read(resource());
@@ -115,17 +115,17 @@ final class NativeCopy implements AutoCloseable {
         return directory.resolve(NativeLibrary.FILE).toFile();
     }
 
-    /** Removes the directory. */
+    /** Removes the directory and releases its lock. */
     @Override
     public void close() {
         try (lock) {
             remove(directory);
         } catch (IOException leftBehind) {
-            // Neither loading nor its failure depends on it, and the next extraction of any process tries again.
+            // Does not affect loading. The next extraction of any process removes it.
         }
     }
 
-    /** The resource's bytes; null when there is no such resource. */
+    /** The bytes of the resource; null when it does not exist. */
     private static byte[] read(String resource) throws LoadProblem {
         try (InputStream in = NativeCopy.class.getResourceAsStream(resource)) {
             return in == null ? null : in.readAllBytes();
@@ -134,7 +134,7 @@ final class NativeCopy implements AutoCloseable {
         }
     }
 
-    /** Makes a directory and takes its lock. */
+    /** Creates a directory and locks it. */
     private static NativeCopy reserve(Path temporary) throws IOException {
         for (int i = 0; i < ATTEMPTS; i++) {
             Path directory = Files.createTempDirectory(temporary, PREFIX, OWNER_ONLY_DIRECTORY).toAbsolutePath();
@@ -151,7 +151,7 @@ final class NativeCopy implements AutoCloseable {
         throw new IOException("other processes remove each new directory in it");
     }
 
-    /** The new file's lock; null when another process is about to remove the directory. */
+    /** Creates and locks the lock file. Returns null when another process is removing the directory. */
     private static FileChannel takeLock(Path file) throws IOException {
         FileChannel lock;
         try {
@@ -179,19 +179,19 @@ final class NativeCopy implements AutoCloseable {
                 }
             }
         } catch (IOException | DirectoryIteratorException unlisted) {
-            // Sweeping is a courtesy; loading does not depend on it.
+            // Loading does not depend on it.
         }
     }
 
-    /** Removes {@code candidate} when it is a directory of {@code user} in which no process works. */
+    /** Removes {@code candidate} when it is a directory of {@code user} that no process uses. */
     private static void sweep(Path candidate, UserPrincipal user) {
         try {
             PosixFileAttributes found = Files.readAttributes(candidate, PosixFileAttributes.class, NOFOLLOW_LINKS);
             if (found.isDirectory() && found.owner().equals(user)) {
                 sweep(candidate);
             }
-        } catch (IOException goneOrStrange) {
-            // Another process was faster, or it is no directory of ours after all.
+        } catch (IOException goneOrForeign) {
+            // Another process has removed it, or it is not one of our directories.
         }
     }
 
@@ -200,7 +200,7 @@ final class NativeCopy implements AutoCloseable {
             if (lock.tryLock() != null) {
                 remove(directory);
             }
-        } catch (NoSuchFileException beingBornOrDying) {
+        } catch (NoSuchFileException beingCreatedOrRemoved) {
             Files.deleteIfExists(directory);
         }
     }
@@ -211,7 +211,7 @@ final class NativeCopy implements AutoCloseable {
         Files.deleteIfExists(directory);
     }
 
-    /** Deliberate: no channels, which an interrupt of the calling thread would close. */
+    /** Deliberate: streams, because an interrupt of the calling thread would close a channel. */
     private void write(byte[] content) throws IOException {
         Files.createFile(library().toPath(), OWNER_ONLY_FILE);
         try (OutputStream out = new FileOutputStream(library())) {
@@ -219,7 +219,7 @@ final class NativeCopy implements AutoCloseable {
         }
     }
 
-    /** Compares what the file holds now with the hash that the jar's build wrote; null is no hash. */
+    /** Compares the written file with {@code hash} from the jar; null when the jar has none. */
     private void requireHash(byte[] hash) throws IOException, LoadProblem {
         String expected = hash == null ? "missing" : new String(hash, StandardCharsets.US_ASCII).strip();
         String actual;

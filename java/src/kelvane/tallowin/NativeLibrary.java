@@ -7,16 +7,16 @@ import java.util.List;
 import java.util.stream.Collectors;
 
 /**
- * Loads the native library into this class loader, once. Every constructor that leads to native methods calls
- * {@link #load} first.
+ * Loads the native library, once per class loader. Every constructor of a class with native methods calls {@link #load}
+ * first.
  *
- * <p>The places, in this order:
+ * <p>The library is searched in this order:
  * <ol>
- * <li>the system property {@link #PROPERTY}: the library's file, or the directory that holds it. It is the only place
- *     when it is set, so that nobody is given another library than the one named;
- * <li>the first directory of {@code java.library.path} that holds the library. Empty elements are left out:
- *     the working directory is no place for code;
- * <li>the jar, by way of a {@link NativeCopy}.
+ * <li>the system property {@link #PROPERTY}: the library's file or its directory. When it is set, no other place is
+ *     searched, so that no other library than the named one is ever loaded;
+ * <li>the first directory of {@code java.library.path} that contains the library. Empty elements, which would mean the
+ *     working directory, are skipped;
+ * <li>the jar, from which a {@link NativeCopy} is extracted.
  * </ol>
  *
  * <p>An object of this class is one search.
@@ -25,23 +25,23 @@ final class NativeLibrary {
     /** The library's file name, on disk and in the jar. */
     static final String FILE = "libtallowin.so";
 
-    /** Names the library's file or its directory. */
+    /** The system property with the library's file or its directory. */
     static final String PROPERTY = "kelvane.tallowin.library";
 
-    /** A library that was built without a JDK has none of them. */
+    /** One of the exported native methods. A library built without a JDK has none. */
     private static final String A_NATIVE_METHOD = "Java_kelvane_tallowin_MessageObject_nConstruct";
 
     private static final String NOT_LOADED = FILE + " cannot be loaded: ";
 
     private static volatile boolean loaded;
 
-    /** What the failed search told; null before. Guarded by this class. */
+    /** The message of the failed search; null before. Guarded by the class's monitor. */
     private static String failure;
 
-    /** One way to the library. */
+    /** Loads the library from one place. */
     @FunctionalInterface
-    private interface Way {
-        void go() throws LoadProblem;
+    private interface LoadStep {
+        void run() throws LoadProblem;
     }
 
     private final List<String> tried = new ArrayList<>();
@@ -50,10 +50,10 @@ final class NativeLibrary {
     private NativeLibrary() {}
 
     /**
-     * Loads the library when this class loader has not done so yet. Any number of threads may call at once.
+     * Loads the library unless this class loader has done so already. Thread-safe.
      *
-     * @throws UnsatisfiedLinkError when it cannot be loaded. The message tells the cause, what to do, and each place
-     *                              with what happened there. The search is not repeated: later calls tell the same
+     * @throws UnsatisfiedLinkError when it cannot be loaded. The message contains cause, remedy, and every place
+     *                              searched with its failure. Later calls throw the same message without another search
      * @throws SecurityException    when a security manager forbids the search; a later call searches again
      */
     static void load() {
@@ -82,8 +82,8 @@ final class NativeLibrary {
             String named = System.getProperty(PROPERTY, "");
             return named.isEmpty() ? findInstalled() || findInJar() : findNamed(new File(named).getAbsoluteFile());
         } catch (SecurityException forbidden) {
-            throw new SecurityException(NOT_LOADED + "the security manager forbids a step. Grant what it names: "
-                    + forbidden.getMessage(), forbidden);
+            throw new SecurityException(NOT_LOADED + "the security manager forbids a step. Grant the permission that it "
+                    + "names: " + forbidden.getMessage(), forbidden);
         }
     }
 
@@ -109,7 +109,7 @@ final class NativeLibrary {
     private boolean findInJar() {
         URL resource = NativeLibrary.class.getResource(NativeCopy.resource());
         return attempt(resource == null ? NativeCopy.resource() + " in the jar" : resource.toString(), () -> {
-            synchronized (NativeCopy.JVM_WIDE) {
+            synchronized (NativeCopy.JVM_LOCK) {
                 try (NativeCopy copy = NativeCopy.extract()) {
                     link(copy.library());
                 }
@@ -117,25 +117,25 @@ final class NativeLibrary {
         });
     }
 
-    private boolean attempt(String place, Way way) {
+    private boolean attempt(String place, LoadStep step) {
         try {
-            way.go();
+            step.run();
             return true;
         } catch (LoadProblem problem) {
-            tried.add(place + ": " + problem.happened());
+            tried.add(place + ": " + problem.details());
             problems.add(problem);
             return false;
         }
     }
 
-    /** Maps {@code library}. Stands here because the JVM asks which package, and whose class loader, wants it. */
+    /** Loads {@code library}. Must be in this class: the JVM binds the library to the class loader of the caller. */
     private static void link(File library) throws LoadProblem {
         requireReadable(library);
-        ElfFile head = ElfFile.read(library);
+        ElfFile header = ElfFile.read(library);
         try {
             System.load(library.getPath());
-        } catch (UnsatisfiedLinkError | IllegalCallerException refusal) {
-            throw LoadProblem.of(refusal, library, head);
+        } catch (UnsatisfiedLinkError | IllegalCallerException failure) {
+            throw LoadProblem.of(failure, library, header);
         }
         if (!ElfFile.names(library, A_NATIVE_METHOD)) {
             throw new LoadProblem(library + " was built without the native methods of the Java classes",

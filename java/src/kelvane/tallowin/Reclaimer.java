@@ -3,9 +3,10 @@ package kelvane.tallowin;
 import java.lang.ref.Cleaner;
 
 /**
- * Destroys the native object of an owner that nobody closed, once the garbage collector has found the owner.
+ * Destroys the native object of an owner that was never closed, after the garbage collector has found the owner
+ * unreachable.
  *
- * <p>Knows the handle only, never the owner.
+ * <p>Holds the handle only and no reference to the owner, which would keep the owner reachable.
  */
 final class Reclaimer implements Runnable {
     /** Calls {@code nDestruct} of an owner. */
@@ -14,37 +15,38 @@ final class Reclaimer implements Runnable {
         void run() throws KVXException;
     }
 
-    /** Makes a second owner of a handle whose first one is no more. */
+    /** Creates the destructor of a handle whose owner has been collected. */
     @FunctionalInterface
-    interface Heir {
+    interface DestructorFactory {
         Destructor of(int handle);
     }
 
     private static final Cleaner CLEANER = Cleaner.create();
 
-    private final Heir heir;
+    private final DestructorFactory destructors;
     private final Cleaner.Cleanable cleanable;
 
     /**
-     * The handle that the owner holds; 0 for none.
+     * The owner's handle; 0 for none.
      *
-     * <p>Owners write it themselves, together with their own: at the end of the stack a call fails, and a handle that is
-     * known here too late is lost, one that is known too long is somebody else's by then.
+     * <p>The owner writes this field directly, next to its own handle. A setter could fail with a StackOverflowError
+     * between the two writes: a handle not yet stored here would leak, and one not yet cleared here would be destroyed
+     * a second time, when it may belong to another object.
      */
     volatile int handle;
 
     /**
-     * Begins to watch over {@code owner}, which holds no native object yet.
+     * Registers {@code owner}, which has no native object yet.
      *
-     * @param owner the object that will hold the handle
-     * @param heir  destroys in the owner's place; must not know {@code owner}
+     * @param owner       the object that will hold the handle
+     * @param destructors creates the destructor to run in the owner's place; must not refer to {@code owner}
      */
-    Reclaimer(Object owner, Heir heir) {
-        this.heir = heir;
+    Reclaimer(Object owner, DestructorFactory destructors) {
+        this.destructors = destructors;
         this.cleanable = CLEANER.register(owner, this);
     }
 
-    /** There is nothing to watch over any more. */
+    /** Unregisters the owner, whose handle is 0 again. */
     void stop() {
         cleanable.clean();
     }
@@ -54,7 +56,7 @@ final class Reclaimer implements Runnable {
     public void run() {
         if (handle != 0) {
             try {
-                heir.of(handle).run();
+                destructors.of(handle).run();
             } catch (KVXException inUse) {
                 throw new IllegalStateException(inUse.getErrorMessage(), inUse);
             }

@@ -1,28 +1,27 @@
 /**
- * The three objects with which a shop takes part in a hosted payment service.
+ * The merchant's side of a hosted payment service, in three classes.
  *
  * <p>{@link kelvane.tallowin.ConfigurationSetup} sets up the configuration directory of an account.
- * {@link kelvane.tallowin.MessageFactory} makes payment messages and verifies confirmations.
- * {@link kelvane.tallowin.MessageObject} is one message: its attributes, its payment URL, its capture.
+ * {@link kelvane.tallowin.MessageFactory} creates payment messages and verifies confirmations.
+ * {@link kelvane.tallowin.MessageObject} is one message: its attributes, its payment URL, and its capture.
  *
- * <p>Each object owns memory outside the Java heap. Close it when done, best by a try-with-resources statement. An object
- * that is forgotten is freed some time after the garbage collector has found it, and after a close every method fails
- * with "Invalid Handle".
+ * <p>Each object owns memory outside the Java heap. Close it after use, preferably with a try-with-resources statement.
+ * After that, every method fails with "Invalid Handle". The memory of an object that is never closed is freed some time
+ * after the garbage collector finds it unreachable.
  *
- * <p>Every failure is a {@link kelvane.tallowin.KVXException} that carries the result code; a virtual machine without
- * memory or stack throws its own error.
+ * <p>Every failure throws a {@link kelvane.tallowin.KVXException} with the result code. A virtual machine that runs out
+ * of memory or stack throws its own error.
  *
- * <p>Different objects may be used by different threads at once. Calls on one object wait for each other; closing an
- * object while another thread is inside one of its methods, or waits to be, is an
- * {@link java.lang.IllegalStateException}. Methods of
- * {@link kelvane.tallowin.ConfigurationSetup} and {@link kelvane.tallowin.MessageObject} that talk to the service say so;
- * they block until the service has answered.
+ * <p>Different threads may use different objects at the same time. Calls on one object run one after the other. Closing
+ * an object while another thread is in one of its methods, or waits to enter one, throws an
+ * {@link java.lang.IllegalStateException}. Some methods of {@link kelvane.tallowin.ConfigurationSetup} and
+ * {@link kelvane.tallowin.MessageObject} send a request to the service and block until the response arrives; their
+ * descriptions say so.
  *
- * <p>A string argument that is {@code null} counts as an empty one, where a method does not say otherwise. Characters
- * reach the library in Java's modified UTF-8: U+0000 as two bytes, characters beyond U+FFFF as two surrogates of three
- * bytes each.
+ * <p>A {@code null} string argument counts as an empty string unless a method says otherwise. Strings reach the library
+ * in Java's modified UTF-8: U+0000 as two bytes, characters beyond U+FFFF as two surrogates of three bytes each.
  *
- * <p>The native library is looked for at the path of the system property {@code kelvane.tallowin.library}, when that is
- * set; else along {@code java.library.path}; else it is taken out of the jar.
+ * <p>The native library is loaded from the path in the system property {@code kelvane.tallowin.library} when that is
+ * set, otherwise from {@code java.library.path}, otherwise from the jar.
  */
 package kelvane.tallowin;

@@ -96,7 +96,7 @@ public final class LoaderProbe {
 
     /** Stays between extraction and loading until standard input ends. */
     private static void hold() throws Exception {
-        synchronized (NativeCopy.JVM_WIDE) {
+        synchronized (NativeCopy.JVM_LOCK) {
             try (NativeCopy copy = NativeCopy.extract()) {
                 System.out.println("holding: " + copy.library());
                 System.in.read();
@@ -108,7 +108,7 @@ public final class LoaderProbe {
     private static void churn(int count) throws Exception {
         byte[] expected = NativeCopy.class.getResourceAsStream(NativeCopy.resource()).readAllBytes();
         for (int i = 0; i < count; i++) {
-            synchronized (NativeCopy.JVM_WIDE) {
+            synchronized (NativeCopy.JVM_LOCK) {
                 try (NativeCopy copy = NativeCopy.extract()) {
                     byte[] found = Files.readAllBytes(copy.library().toPath());
                     if (!Arrays.equals(found, expected)) {

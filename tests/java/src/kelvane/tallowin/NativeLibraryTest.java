@@ -244,7 +244,7 @@ public class NativeLibraryTest {
         for (String[] row : rows) {
             LoadProblem problem = LoadProblem.of(new UnsatisfiedLinkError(row[0]));
             assertSays(problem.advice(), row[1], row[2]);
-            assertSays(problem.happened(), row[1], row[0]);
+            assertSays(problem.details(), row[1], row[0]);
         }
     }
 

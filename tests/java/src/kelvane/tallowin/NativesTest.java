@@ -325,7 +325,7 @@ public class NativesTest {
         Object[] result = {null};
         String failure = Failure.of(() -> result[0] = method.call(self, method.allArguments(argument)));
         if (result[0] instanceof Integer) {
-            MessageObject made = MessageObject.unborn();
+            MessageObject made = MessageObject.withoutNativeObject();
             made.m_Handle = made.reclaimer.handle = (Integer) result[0];
             open.add(made);
             return failure + made.ToString();
