@@ -12,7 +12,10 @@ import java.security.MessageDigest;
 import java.util.Arrays;
 import javax.crypto.Cipher;
 
-/** A configuration directory in working order, made without the library. Its service refuses every connection. */
+/**
+ * A valid configuration directory, written without the library: an RSA key pair of the merchant, the public key of the
+ * service, and a configuration. The addresses in it refuse every connection until {@link #pointTo} sets others.
+ */
 final class AccountDirectory {
     static final String MERCHANT_KEY = "0-1001-merchant";
     static final String SERVER_KEY = "0-server";
@@ -39,7 +42,7 @@ final class AccountDirectory {
         return path;
     }
 
-    /** Sends everything to the service at {@code base}. */
+    /** Writes a configuration whose addresses all begin with {@code base}. */
     void pointTo(String base) throws IOException {
         write("config.xml", "<KVX MSGTYPE=\"SetupResponse\" VTURL=\"" + base + "/pay\" CAPTUREURL=\"" + base
                 + "/capture\" KVX.VTAUTOURL=\"" + base + "/auto\" VTKEYID=\"" + SERVER_KEY
@@ -58,7 +61,7 @@ final class AccountDirectory {
         Files.delete(path.resolve(file));
     }
 
-    /** The signature of the service's key for {@code data}, of which every byte counts as a signed number. */
+    /** The service's signature for {@code data}, which is signed as 16-bit units: each byte extended with its sign. */
     static String serverSignature(byte[] data) throws GeneralSecurityException {
         byte[] units = new byte[2 * data.length];
         for (int i = 0; i < data.length; ++i) {
@@ -84,7 +87,9 @@ final class AccountDirectory {
         }
     }
 
-    /** The PKCS#1 structure inside what Java encodes: the second SEQUENCE that is longer than an algorithm's name. */
+    /**
+     * The PKCS#1 structure in Java's encoding of a key: the first inner SEQUENCE with a length of 128 bytes or more.
+     */
     private static byte[] innerKey(Key key) {
         byte[] encoded = key.getEncoded();
         for (int at = 1; at < encoded.length; ++at) {

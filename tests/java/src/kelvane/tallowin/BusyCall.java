@@ -9,9 +9,10 @@ import java.util.Map;
 import java.util.concurrent.TimeUnit;
 
 /**
- * A native call that lasts as long as a test wants, whatever object it is made on: it reads a file that is a pipe.
+ * A native call that blocks until the test ends it, because the file it reads is a pipe. Works for objects of all three
+ * classes.
  *
- * <p>When the constructor returns the call is inside the library; {@link #finish} lets it end.
+ * <p>When the constructor returns, the call is in the library; {@link #finish} lets it return.
  */
 final class BusyCall {
     private static final int SECONDS = 30;
@@ -24,7 +25,7 @@ final class BusyCall {
     /**
      * @param self      an object of the real classes or of a variant, with a living handle
      * @param className its class
-     * @param directory what {@link #directory} made
+     * @param directory a directory made by {@link #directory}
      */
     BusyCall(Object self, String className, Path directory) throws IOException {
         Map<String, Runnable> calls = Map.of(
@@ -41,11 +42,11 @@ final class BusyCall {
         thread.setDaemon(true);
         thread.start();
         boolean verifies = className.equals("MessageFactory");
-        // Opening a pipe waits for the other side.
+        // Opening a pipe blocks until the call has opened it for reading.
         pipe = new FileOutputStream(directory.resolve(verifies ? KEY_PIPE : PIPE).toFile());
     }
 
-    /** Makes a configuration directory in which calls stay. */
+    /** Makes a configuration directory whose key files are pipes. */
     static Path directory(Path parent) throws IOException, InterruptedException {
         Path directory = Files.createTempDirectory(parent, "pipes");
         Files.createDirectories(directory.resolve("keys/public"));
@@ -56,17 +57,17 @@ final class BusyCall {
         return directory;
     }
 
-    /** Lets the call read {@code text} and waits for its end. */
+    /** Lets the call read {@code text} and waits until it returns. */
     void finish(String text) throws IOException, InterruptedException {
         pipe.write(text.getBytes(StandardCharsets.US_ASCII));
         pipe.close();
         thread.join(TimeUnit.SECONDS.toMillis(SECONDS));
         if (thread.isAlive()) {
-            throw new AssertionError("the call does not end");
+            throw new AssertionError("the call does not return");
         }
     }
 
-    /** What becomes of the call itself is no concern here. */
+    /** Ignores exceptions of the call; only errors fail the test. */
     private static void call(Object self, String method, Object... arguments) {
         try {
             NativeMethod.named(method).call(self, arguments);

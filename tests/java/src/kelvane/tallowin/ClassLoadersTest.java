@@ -21,7 +21,10 @@ import org.junit.Test;
 import org.junit.rules.TemporaryFolder;
 import org.junit.rules.Timeout;
 
-/** The package in several class loaders of one virtual machine, as application servers have it. */
+/**
+ * The package in several class loaders of one virtual machine, as in application servers: side by side, with threads in
+ * both, and one after the other. Each loader must get its own copy of the library and be collected afterwards.
+ */
 public class ClassLoadersTest {
     private static final int LIMIT_SECONDS = 60;
     private static final int GENERATIONS = 4;
@@ -32,7 +35,7 @@ public class ClassLoadersTest {
     @Rule
     public final Timeout timeout = new Timeout(3 * LIMIT_SECONDS, TimeUnit.SECONDS);
 
-    /** A class loader that shares nothing of the package with any other. */
+    /** A class loader that loads the package itself instead of sharing it. */
     private static URLClassLoader newLoader() throws IOException {
         URL[] places = {Given.jar().toUri().toURL(), Given.testClasses().toUri().toURL()};
         return new URLClassLoader(places, ClassLoader.getPlatformClassLoader());
@@ -43,7 +46,7 @@ public class ClassLoadersTest {
     }
 
     @Test
-    public void twoLoadersSideBySideHaveAllToThemselves() throws Throwable {
+    public void twoLoadersSideBySideShareNothing() throws Throwable {
         try (URLClassLoader one = newLoader(); URLClassLoader other = newLoader()) {
             FullUse.in(one, newDirectory());
             FullUse.in(other, newDirectory());
@@ -67,7 +70,7 @@ public class ClassLoadersTest {
     }
 
     @Test
-    public void threadsOfTwoLoadersAreNotInEachOthersWay() throws Exception {
+    public void threadsOfTwoLoadersDoNotDisturbEachOther() throws Exception {
         ExecutorService threads = Executors.newFixedThreadPool(4);
         try (URLClassLoader one = newLoader(); URLClassLoader other = newLoader()) {
             List<Future<?>> uses = new ArrayList<>();
@@ -95,7 +98,7 @@ public class ClassLoadersTest {
             while (gone.get() != null && System.nanoTime() < end) {
                 System.gc();
             }
-            assertTrue("generation " + generation + " stays in memory", gone.get() == null);
+            assertTrue("generation " + generation + " is not collected", gone.get() == null);
         }
         FullUse.in(getClass().getClassLoader(), newDirectory());
     }

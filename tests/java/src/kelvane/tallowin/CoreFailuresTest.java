@@ -14,7 +14,12 @@ import org.junit.Test;
 import org.junit.rules.TemporaryFolder;
 import org.junit.rules.Timeout;
 
-/** What the library itself fails with, brought about for real: code and complete text, method by method. */
+/**
+ * Failures of the library, provoked by real files and servers: code and complete text, method by method.
+ *
+ * <p>A {@link Cause} is one failure of one method, a {@link Scene} the directory, server and objects it runs on. The
+ * causes must cover every native method except those that can only run out of memory.
+ */
 public class CoreFailuresTest {
     @Rule
     public final TemporaryFolder folder = new TemporaryFolder();
@@ -22,7 +27,7 @@ public class CoreFailuresTest {
     @Rule
     public final Timeout timeout = new Timeout(120, TimeUnit.SECONDS);
 
-    /** A configuration directory of its own for one cause, and objects opened on it. */
+    /** A new configuration directory, and objects opened on it. */
     private final class Scene implements AutoCloseable {
         final AccountDirectory account = new AccountDirectory(folder.newFolder().toPath());
         final LocalServer server = new LocalServer();
@@ -38,7 +43,7 @@ public class CoreFailuresTest {
             message.Open(account.path().toString());
         }
 
-        /** A directory that cannot be made: its parent is a file. */
+        /** A directory that cannot be created, because its parent is a file. */
         String belowAFile() {
             return account.path().resolve("config.xml").resolve("sub").toString();
         }
@@ -57,7 +62,7 @@ public class CoreFailuresTest {
             return this;
         }
 
-        /** The next request is answered with {@code reply}. */
+        /** Makes the server respond to the next request with {@code reply}. */
         Scene answering(String reply) throws IOException {
             account.pointTo(server.base());
             server.answerLater(reply);
@@ -243,7 +248,7 @@ public class CoreFailuresTest {
         cause(name, 0x80040204, "invalid file format", scene -> scene.answering(page("no document")).execute("Status"));
         cause(name, 0x80040208, "request failed (Response MSGTYPE: received '', expected 'StatusResponse')",
               scene -> scene.answering(page("<KVX/>")).execute("Status"));
-        // The text of the service is foreign: valid characters of four bytes, and bytes of another encoding.
+        // The service's text has four-byte characters and bytes that are not UTF-8.
         cause(name, 0x80040213, "the request failed (\ud83d\udcb6 fehlt f\u00fcr \u00fc)",
               scene -> scene.answering(error("\u00f0\u009f\u0092\u00b6 fehlt f\u00c3\u00bcr \u00fc"))
                       .execute("Status"));
@@ -255,7 +260,7 @@ public class CoreFailuresTest {
 
     private void busyCauses() {
         for (String className : NativeMethod.classNames()) {
-            // Raised before the library is called: the prefix is that of a refusal.
+            // Raised before the library is called, so with the prefix for handles.
             cause(className + ".nDestruct", 0x80040211, "object is in use by another thread", scene -> {
                 Object self = className.equals("ConfigurationSetup") ? scene.setup
                         : className.equals("MessageFactory") ? scene.factory : scene.message;
@@ -290,7 +295,7 @@ public class CoreFailuresTest {
         TreeSet<String> rest = new TreeSet<>();
         NativeMethod.ALL.forEach(method -> rest.add(method.toString()));
         rest.removeAll(methods);
-        // These notice nothing but the want of memory.
+        // These fail only when memory is exhausted.
         assertEquals("[ConfigurationSetup.nConstruct, MessageFactory.Open, MessageFactory.nConstruct, "
                      + "MessageObject.nConstruct]", rest.toString());
     }

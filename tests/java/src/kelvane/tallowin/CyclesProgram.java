@@ -10,24 +10,25 @@ import java.util.Set;
 import java.util.concurrent.TimeUnit;
 
 /**
- * Makes, uses and destroys a million objects; part of them are forgotten instead of closed. Prints what the process
- * needed, for {@link CyclesTest}.
+ * Creates, uses and destroys a million objects. Every tenth batch is left unclosed, and the program waits until the
+ * cleaner has freed it. Prints the process's resident size at intervals, the number of different handles and the number
+ * of failures, for {@link CyclesTest}.
  */
 final class CyclesProgram {
     static final int CYCLES = 1_000_000;
 
-    /** The size is noted after so many cycles each. */
+    /** Cycles between two measurements of the resident size. */
     static final int INTERVAL = 50_000;
 
-    /** Objects of one batch are all closed, or in every tenth batch all forgotten. */
+    /** Cycles of one batch. All its objects are closed, or all left unclosed. */
     static final int BATCH = 1000;
-    private static final int FORGOTTEN_EVERY = 10;
+    private static final int UNCLOSED_EVERY = 10;
 
     private static final int FAILURE_EVERY = 10;
-    private static final int PATIENCE_SECONDS = 60;
+    private static final int LIMIT_SECONDS = 60;
 
     private final MessageObject probe = new MessageObject();
-    private final List<Forgotten> forgotten = new ArrayList<>(BATCH);
+    private final List<UnclosedObject> unclosed = new ArrayList<>(BATCH);
     private final Set<Integer> handles = new HashSet<>();
     private int failures;
 
@@ -40,11 +41,11 @@ final class CyclesProgram {
 
     private void run() throws Exception {
         for (int cycle = 0; cycle < CYCLES; cycle += BATCH) {
-            boolean forgets = cycle / BATCH % FORGOTTEN_EVERY == 0;
+            boolean leavesOpen = cycle / BATCH % UNCLOSED_EVERY == 0;
             for (int i = 0; i < BATCH; ++i) {
-                cycle(cycle + i, forgets);
+                cycle(cycle + i, leavesOpen);
             }
-            if (forgets) {
+            if (leavesOpen) {
                 awaitCleaner();
             }
             if ((cycle + BATCH) % INTERVAL == 0) {
@@ -55,8 +56,8 @@ final class CyclesProgram {
         System.out.println("failures " + failures);
     }
 
-    /** One object, made, used and closed or forgotten. */
-    private void cycle(int number, boolean forgets) throws Exception {
+    /** Creates and uses one object, then closes it or leaves it unclosed. */
+    private void cycle(int number, boolean leavesOpen) throws Exception {
         AutoCloseable object;
         switch (number % 3) {
             case 0:
@@ -73,7 +74,7 @@ final class CyclesProgram {
                 MessageObject message = new MessageObject();
                 message.FromString("<KVX AMOUNT=\"12.50\"/>");
                 if (!message.GetAttribute("AMOUNT").equals("12.50")) {
-                    throw new AssertionError("another amount");
+                    throw new AssertionError("wrong amount");
                 }
                 object = message;
         }
@@ -85,28 +86,28 @@ final class CyclesProgram {
             }
         }
         handles.add(NativeMethod.handleOf(object));
-        if (forgets) {
-            forgotten.add(new Forgotten(object));
+        if (leavesOpen) {
+            unclosed.add(new UnclosedObject(object));
         } else {
             object.close();
         }
     }
 
-    /** Waits until the cleaner has freed all objects of the batch. */
+    /** Waits until the cleaner has freed the whole batch. */
     private void awaitCleaner() throws ReflectiveOperationException {
-        long end = System.nanoTime() + TimeUnit.SECONDS.toNanos(PATIENCE_SECONDS);
+        long end = System.nanoTime() + TimeUnit.SECONDS.toNanos(LIMIT_SECONDS);
         while (System.nanoTime() < end) {
             System.gc();
             if (allFreed()) {
-                forgotten.clear();
+                unclosed.clear();
                 return;
             }
         }
-        throw new AssertionError("forgotten objects are still there");
+        throw new AssertionError("unclosed objects are not freed");
     }
 
     private boolean allFreed() throws ReflectiveOperationException {
-        for (Forgotten one : forgotten) {
+        for (UnclosedObject one : unclosed) {
             if (!one.isFreed()) {
                 return false;
             }

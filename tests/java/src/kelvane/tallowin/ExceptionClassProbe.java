@@ -3,8 +3,8 @@ package kelvane.tallowin;
 import java.nio.file.Path;
 
 /**
- * Makes one native method fail, in a virtual machine whose KVXException is not what the library expects. Arguments: the
- * library, the method, and a directory for a call that stays.
+ * Makes one native method fail in a virtual machine whose KVXException is not what the library expects. Arguments: the
+ * library, the method, and a directory for a blocking call.
  */
 final class ExceptionClassProbe {
     private ExceptionClassProbe() {
@@ -18,9 +18,10 @@ final class ExceptionClassProbe {
     }
 
     /**
-     * Makes {@code method} of {@code self}, a new object of a variant, fail; throws what it throws.
+     * Makes {@code method} fail and throws its exception.
      *
-     * @param directory what {@link BusyCall#directory} made
+     * @param self      a new object of a variant
+     * @param directory a directory made by {@link BusyCall#directory}
      */
     static void fail(NativeMethod method, Object self, Path directory) throws Throwable {
         if (method.constructs()) {

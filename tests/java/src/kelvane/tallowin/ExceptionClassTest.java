@@ -19,11 +19,16 @@ import org.junit.Test;
 import org.junit.rules.TemporaryFolder;
 import org.junit.rules.Timeout;
 
-/** What happens when KVXException is missing, is another class, or throws an exception itself. */
+/**
+ * Failures when KVXException is missing, is incompatible, or throws an exception itself.
+ *
+ * <p>A missing or incompatible class ends the virtual machine, so each native method is tested in a process of its own.
+ * A class that throws is loaded by another class loader of this virtual machine.
+ */
 public class ExceptionClassTest {
     private static final int LIMIT_SECONDS = 60;
 
-    /** With these words a virtual machine ends itself, unlike with an exception that nobody catches. */
+    /** Printed when native code ends the virtual machine; not printed for an uncaught exception. */
     private static final String FATAL = "FATAL ERROR in native method: ";
 
     private static final String MISSING = "Class kelvane/tallowin/KVXException not found";
@@ -43,7 +48,7 @@ public class ExceptionClassTest {
         return "public class KVXException extends Exception {\n" + String.join("", members) + "}\n";
     }
 
-    /** Kills a virtual machine for every method. */
+    /** Expects that every method ends its virtual machine with {@code message}. */
     private void walkFatal(String what, String exceptionSource, String message, List<NativeMethod> methods)
             throws Exception {
         Path directory = folder.newFolder().toPath();
@@ -67,40 +72,40 @@ public class ExceptionClassTest {
         return () -> {
             Path directory = folder.newFolder().toPath();
             Path pipes = method.destroys() ? BusyCall.directory(directory) : directory;
-            ForkedJvm.Ending ending = new ForkedJvm(directory).options("-XX:TieredStopAtLevel=1", "-XX:+UseSerialGC")
+            ForkedJvm.Result result = new ForkedJvm(directory).options("-XX:TieredStopAtLevel=1", "-XX:+UseSerialGC")
                     .classPath(variant.classes(), Given.testClasses())
                     .run(LIMIT_SECONDS, ExceptionClassProbe.class.getName(), Given.library().toString(),
                          method.toString(), pipes.toString());
-            String told = method + " with " + what + ": " + ending;
-            assertNotEquals(told, 0, ending.exitCode);
-            assertTrue(told, ending.output.contains(FATAL + message));
+            String report = method + " with " + what + ": " + result;
+            assertNotEquals(report, 0, result.exitCode);
+            assertTrue(report, result.output.contains(FATAL + message));
             return null;
         };
     }
 
     @Test
-    public void withoutTheClassEveryMethodEndsTheMachine() throws Exception {
+    public void withoutTheClassEveryMethodEndsTheVirtualMachine() throws Exception {
         walkFatal("no KVXException", null, MISSING, NativeMethod.ALL);
     }
 
     @Test
-    public void withoutAConstructorEveryMethodEndsTheMachine() throws Exception {
+    public void withoutAConstructorEveryMethodEndsTheVirtualMachine() throws Exception {
         walkFatal("no constructor without arguments",
                   exception("public KVXException(int hr) { }\n", PUT_HR, PUT_MESSAGE), INCOMPATIBLE, NativeMethod.ALL);
     }
 
     @Test
-    public void withoutPutHrEveryMethodEndsTheMachine() throws Exception {
+    public void withoutPutHrEveryMethodEndsTheVirtualMachine() throws Exception {
         walkFatal("no putHR", exception(CONSTRUCTOR, PUT_MESSAGE), INCOMPATIBLE, NativeMethod.ALL);
     }
 
     @Test
-    public void withoutPutErrorMessageEveryMethodEndsTheMachine() throws Exception {
+    public void withoutPutErrorMessageEveryMethodEndsTheVirtualMachine() throws Exception {
         walkFatal("no putErrorMessage", exception(CONSTRUCTOR, PUT_HR), INCOMPATIBLE, NativeMethod.ALL);
     }
 
     @Test
-    public void withAnotherSignatureEveryMethodEndsTheMachine() throws Exception {
+    public void withAnotherSignatureEveryMethodEndsTheVirtualMachine() throws Exception {
         walkFatal("putHR(long)", exception(CONSTRUCTOR, "public void putHR(long hr) { }\n", PUT_MESSAGE), INCOMPATIBLE,
                   NativeMethod.ALL);
         List<NativeMethod> one = List.of(NativeMethod.named("MessageObject.ToString"));
@@ -113,31 +118,31 @@ public class ExceptionClassTest {
     }
 
     @Test
-    public void withAClassThatCannotBeThrownTheMachineEnds() throws Exception {
+    public void withAClassThatIsNotThrowableTheVirtualMachineEnds() throws Exception {
         walkFatal("a KVXException that is no Throwable",
                   exception(CONSTRUCTOR, PUT_HR, PUT_MESSAGE).replace(" extends Exception", ""), INCOMPATIBLE,
                   List.of(NativeMethod.named("MessageObject.ToString")));
     }
 
     @Test
-    public void aClassThatFailsToBeginCountsAsMissing() throws Exception {
+    public void aClassWhoseInitialiserFailsCountsAsMissing() throws Exception {
         String initialiser = "static { if (true) { throw new IllegalStateException(); } }\n";
         walkFatal("a throwing class initialiser", exception(initialiser, CONSTRUCTOR, PUT_HR, PUT_MESSAGE), MISSING,
                   List.of(NativeMethod.named("MessageObject.ToString")));
     }
 
     @Test
-    public void theSameMachineLivesWithAClassThatFits() throws Exception {
+    public void withACompatibleClassTheExceptionIsThrown() throws Exception {
         Path directory = folder.newFolder().toPath();
         Variant variant = new Variant(directory, Variant.HANDLE_FIELD, exception(CONSTRUCTOR, PUT_HR, PUT_MESSAGE));
-        ForkedJvm.Ending ending = new ForkedJvm(directory).classPath(variant.classes(), Given.testClasses())
+        ForkedJvm.Result result = new ForkedJvm(directory).classPath(variant.classes(), Given.testClasses())
                 .run(LIMIT_SECONDS, ExceptionClassProbe.class.getName(), Given.library().toString(),
                      "MessageObject.ToString", directory.toString());
-        assertTrue(ending.toString(), ending.output.contains("KVXException"));
-        assertEquals(ending.toString(), 1, ending.exitCode);
+        assertTrue(result.toString(), result.output.contains("KVXException"));
+        assertEquals(result.toString(), 1, result.exitCode);
     }
 
-    /** Every method, in a class loader whose KVXException throws {@code thrown} from somewhere. */
+    /** Expects that every method throws {@code thrown}, which this KVXException throws itself. */
     private void walkThrowing(String what, String thrown, String exceptionSource) throws Exception {
         Path directory = folder.newFolder().toPath();
         Path pipes = BusyCall.directory(directory);
@@ -160,21 +165,21 @@ public class ExceptionClassTest {
     }
 
     @Test
-    public void whatTheConstructorThrowsArrives() throws Exception {
+    public void anExceptionOfTheConstructorIsThrown() throws Exception {
         walkThrowing("a throwing constructor", "java.lang.IllegalStateException: from the constructor",
             exception("public KVXException() { throw new IllegalStateException(\"from the constructor\"); }\n", PUT_HR,
                       PUT_MESSAGE));
     }
 
     @Test
-    public void whatPutHrThrowsArrives() throws Exception {
+    public void anExceptionOfPutHrIsThrown() throws Exception {
         walkThrowing("a throwing putHR", "java.lang.IllegalArgumentException: from putHR",
             exception(CONSTRUCTOR, "public void putHR(int hr) { "
                       + "throw new IllegalArgumentException(\"from putHR\"); }\n", PUT_MESSAGE));
     }
 
     @Test
-    public void whatPutErrorMessageThrowsArrives() throws Exception {
+    public void anExceptionOfPutErrorMessageIsThrown() throws Exception {
         walkThrowing("a throwing putErrorMessage", "java.lang.UnsupportedOperationException: from putErrorMessage",
             exception(CONSTRUCTOR, PUT_HR, "public void putErrorMessage(String text) { "
                       + "throw new UnsupportedOperationException(\"from putErrorMessage\"); }\n"));

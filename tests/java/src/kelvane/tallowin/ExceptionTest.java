@@ -13,7 +13,7 @@ import java.io.ObjectInputStream;
 import java.io.ObjectOutputStream;
 import org.junit.Test;
 
-/** The exception itself. */
+/** The class KVXException. */
 public class ExceptionTest {
     private static KVXException exception(int hr, String text) {
         KVXException made = new KVXException();
@@ -32,7 +32,7 @@ public class ExceptionTest {
     }
 
     @Test
-    public void givesBackCodeAndText() {
+    public void returnsCodeAndText() {
         KVXException filled = exception(0x80040214, "MessageFactory::VerifyPayConfirm(): invalid signature");
         assertEquals(0x80040214, filled.getHR());
         assertTrue(filled.getHR() < 0);
@@ -57,7 +57,7 @@ public class ExceptionTest {
     }
 
     @Test
-    public void canBeFilledAnew() {
+    public void canBeSetAgain() {
         KVXException filled = exception(1, "one");
         filled.putHR(2);
         filled.putErrorMessage(null);
@@ -73,7 +73,7 @@ public class ExceptionTest {
     }
 
     @Test
-    public void tellsWhichCallFailed() throws Exception {
+    public void namesTheMethodThatFailed() throws Exception {
         try (MessageObject message = new MessageObject()) {
             KVXException thrown = assertThrows(KVXException.class, message::ToString);
             assertEquals("MessageFactory::ToString(): unexpected error (0x80040211)", thrown.getMessage());

@@ -2,19 +2,19 @@ package kelvane.tallowin;
 
 import org.junit.function.ThrowingRunnable;
 
-/** How a call failed, in a form that tests compare at one go. */
+/** Code and text of a failed call in one string, for comparison. */
 final class Failure {
     private Failure() {
     }
 
-    /** What {@link #of} returns for a KVXException with this code and text. */
+    /** The string that {@link #of} returns for a KVXException with this code and text. */
     static String text(int code, String errorMessage) {
         return String.format("0x%08X %s", code, errorMessage);
     }
 
     /**
-     * Runs {@code call} and returns code and text of its KVXException, or "no failure". The exception may be one of
-     * another class loader; every other exception passes.
+     * Runs {@code call} and returns code and text of its KVXException, or "no failure". The exception's class may
+     * belong to another class loader. Other exceptions are thrown.
      */
     static String of(ThrowingRunnable call) throws Throwable {
         try {

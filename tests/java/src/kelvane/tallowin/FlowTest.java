@@ -28,7 +28,12 @@ import org.junit.Test;
 import org.junit.rules.TemporaryFolder;
 import org.junit.rules.Timeout;
 
-/** Whole payments from Java, from the set-up of the account to the completion. */
+/**
+ * Complete payments in Java with the sandbox as service: set-up, payment page, confirmation, capture, completion.
+ *
+ * <p>Each test sets up a new account. Besides payments that succeed, tests cover wrong passwords, declined and
+ * cancelled payments, changed confirmations, several threads, and a service that has stopped.
+ */
 public class FlowTest {
     private static final int THREADS = 4;
     private static final int PAYMENTS = 5;
@@ -53,7 +58,7 @@ public class FlowTest {
         }
     }
 
-    /** The parameter as a web server hands it to a servlet. */
+    /** The parameter decoded as a web server does. */
     private static String decoded(String parameter) {
         return URLDecoder.decode(parameter, StandardCharsets.UTF_8);
     }
@@ -83,8 +88,8 @@ public class FlowTest {
         }
     }
 
-    /** How verifying fails. */
-    private String refusal(String data, String signature) throws Throwable {
+    /** Code and text of the failed verification. */
+    private String verifyFailure(String data, String signature) throws Throwable {
         return Failure.of(() -> verified(data, signature).close());
     }
 
@@ -96,7 +101,7 @@ public class FlowTest {
         }
     }
 
-    /** What the service says about the payment. */
+    /** The payment's state at the service. */
     private String state(String token) throws KVXException {
         try (MessageFactory factory = factory(); MessageObject request = factory.CreateRequest("Status")) {
             request.SetAttribute("TOKEN", token);
@@ -107,7 +112,7 @@ public class FlowTest {
         }
     }
 
-    /** Runs one payment from its URL to its completion; returns its token. */
+    /** Runs one payment from its URL to its completion. Returns its token. */
     private String payInFull(String order) throws KVXException, IOException {
         try (MessageObject payment = payment(order)) {
             String token = payment.GetAttribute("TOKEN");
@@ -147,7 +152,7 @@ public class FlowTest {
     }
 
     @Test
-    public void anOrderOfAnyCharactersOfTheBasicPlaneIsConfirmed() throws Exception {
+    public void anOrderWithAnyCharactersOfTheBasicPlaneIsConfirmed() throws Exception {
         payInFull("M\u00fcller & S\u00f6hne");
         payInFull("\u6ce8\u6587 7");
         payInFull("<&>\"' ;+%=?#");
@@ -156,13 +161,13 @@ public class FlowTest {
 
     @Test
     public void anOrderBeyondTheBasicPlaneNeedsJavasOwnDecoding() throws Throwable {
-        // Java's modified UTF-8 writes two surrogates of three bytes each, which other decoders do not take for one
-        // character: so DATA must be decoded as modified UTF-8, or kept as it came.
+        // Modified UTF-8 has two surrogates of three bytes each, which other decoders reject: DATA must be decoded as
+        // modified UTF-8.
         String order = "\ud83d\udcb6 7";
         try (MessageObject payment = payment(order)) {
             SandboxProcess.Returned returned = SANDBOX.visit(payment.GetURL(), "pay");
             assertEquals(Failure.text(0x80040214, "MessageFactory::VerifyPayConfirm(): invalid signature"),
-                         refusal(decoded(returned.data), returned.signature));
+                         verifyFailure(decoded(returned.data), returned.signature));
             try (MessageObject confirmation = verified(decodedAsModifiedUtf8(returned.data), returned.signature)) {
                 assertEquals(order, confirmation.GetAttribute("ORDERID"));
             }
@@ -194,7 +199,7 @@ public class FlowTest {
     }
 
     @Test
-    public void theOptionsServeForTheSetUp() throws Throwable {
+    public void theSetUpUsesTheOptions() throws Throwable {
         try (ConfigurationSetup setup = new ConfigurationSetup()) {
             setup.SetConfiguration(folder.newFolder().toString());
             setup.SetOption("VTAUTOURL", SANDBOX.autoUrl());
@@ -252,27 +257,27 @@ public class FlowTest {
             String signature = returned.signature;
             for (int at = 0; at < data.length(); ++at) {
                 String changed = data.substring(0, at) + (char) (data.charAt(at) ^ 1) + data.substring(at + 1);
-                String refusal = refusal(changed, signature);
+                String refusal = verifyFailure(changed, signature);
                 assertTrue("character " + at + ": " + refusal, refusals.contains(refusal));
             }
             for (int at = 0; at < signature.length(); ++at) {
                 char digit = signature.charAt(at) == '7' ? '8' : '7';
                 assertEquals(Failure.text(0x80040214, "MessageFactory::VerifyPayConfirm(): invalid signature"),
-                             refusal(data, signature.substring(0, at) + digit + signature.substring(at + 1)));
+                             verifyFailure(data, signature.substring(0, at) + digit + signature.substring(at + 1)));
             }
             assertEquals(Failure.text(0x8004020B, "MessageFactory::VerifyPayConfirm(): invalid key blob"),
-                         refusal(data, "g" + signature.substring(1)));
+                         verifyFailure(data, "g" + signature.substring(1)));
             for (String none : new String[] {"", null}) {
                 assertEquals(Failure.text(0x8004021A, "MessageFactory::VerifyPayConfirm(): missing signature"),
-                             refusal(data, none));
+                             verifyFailure(data, none));
             }
             verified(data, signature).close();
         }
     }
 
     @Test
-    public void theMerchantsOwnPayInitIsToldByItsType() throws Exception {
-        // The shopper has seen DATA and SIGNATURE of the payment URL and may hand them in as a confirmation.
+    public void theMerchantsOwnPayInitIsRecognisedByItsType() throws Exception {
+        // The shopper knows DATA and SIGNATURE of the payment URL and could submit them as a confirmation.
         try (MessageObject payment = payment("A-20")) {
             String url = payment.GetURL();
             try (MessageObject accepted = verified(decoded(SandboxProcess.parameter(url, "DATA")),
@@ -284,7 +289,7 @@ public class FlowTest {
     }
 
     @Test
-    public void aConfirmationCannotBeSentAsItIs() throws Throwable {
+    public void aConfirmationCannotBeSentUnchanged() throws Throwable {
         try (MessageObject payment = payment("A-21")) {
             SandboxProcess.Returned returned = SANDBOX.visit(payment.GetURL(), "pay");
             try (MessageObject confirmation = verified(decoded(returned.data), returned.signature)) {
@@ -322,7 +327,7 @@ public class FlowTest {
     }
 
     @Test
-    public void aServiceThatIsGoneIsTheSocketsFailure() throws Throwable {
+    public void aStoppedServiceIsReportedAsAConnectionFailure() throws Throwable {
         SandboxProcess own = new SandboxProcess();
         own.before();
         try (ConfigurationSetup setup = new ConfigurationSetup()) {
@@ -330,7 +335,7 @@ public class FlowTest {
             setup.SetConfiguration(shop);
             setup.Reconfigure(own.autoUrl(), SandboxProcess.USER, SandboxProcess.PASSWORD);
             own.stop();
-            // Its port may be another service's by now, so its addresses become those of one that never listens.
+            // Another process may use the port by now, so the addresses are set to a port that refuses connections.
             setup.SetOption("VTAUTOURL", LocalServer.refusingBase() + "/auto");
             setup.SetAttribute("config.xml", "CAPTUREURL", LocalServer.refusingBase() + "/capture");
             assertEquals(Failure.text(0x8004303D, "ConfigurationSetup::Reconfigure(): connection refused (failed to "

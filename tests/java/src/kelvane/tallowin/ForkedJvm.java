@@ -11,17 +11,17 @@ import java.util.List;
 import java.util.concurrent.TimeUnit;
 import java.util.stream.Collectors;
 
-/** A program in a virtual machine of its own, for what must not happen in this one. */
+/** Runs a program in a separate virtual machine, for tests that would end or disturb this one. */
 final class ForkedJvm {
-    /** How it ended. */
-    static final class Ending {
-        /** As the system has it: 128 and more after a signal. */
+    /** Exit code and output of a finished program. */
+    static final class Result {
+        /** The process's exit code; above 128 after a signal. */
         final int exitCode;
 
-        /** Both streams. */
+        /** Standard output and standard error. */
         final String output;
 
-        Ending(int exitCode, String output) {
+        Result(int exitCode, String output) {
             this.exitCode = exitCode;
             this.output = output;
         }
@@ -38,17 +38,17 @@ final class ForkedJvm {
 
     /**
      * @param javaHome  the virtual machine's home
-     * @param directory where it works, and where a crash leaves its report
+     * @param directory working directory; also gets the report of a crash
      */
     ForkedJvm(Path javaHome, Path directory) {
         this.javaHome = javaHome;
         this.directory = directory;
-        // A machine that is meant to die leaves no core file behind.
+        // Some tests end the virtual machine on purpose: no core files.
         options("-XX:-CreateCoredumpOnCrash", "-XX:ErrorFile=" + directory.resolve("crash-%p.log"), "-XX:-UsePerfData",
                 "-Djava.library.path=");
     }
 
-    /** The same virtual machine as this one. */
+    /** Uses the running virtual machine's home. */
     ForkedJvm(Path directory) {
         this(Given.javaHomes().get(0), directory);
     }
@@ -64,17 +64,17 @@ final class ForkedJvm {
     }
 
     /**
-     * Runs to the end.
+     * Runs the program until it exits.
      *
-     * @param seconds a later one is killed, which fails the test
+     * @param seconds time limit; after it the process is killed and the test fails
      * @param program the main class (or {@code -m} and a module) and its arguments
      */
-    Ending run(int seconds, String... program) throws IOException, InterruptedException {
+    Result run(int seconds, String... program) throws IOException, InterruptedException {
         List<String> command = new ArrayList<>();
         command.add(javaHome.resolve("bin").resolve("java").toString());
         command.addAll(options);
         command.addAll(Arrays.asList(program));
-        // A file takes any amount of output without anybody reading.
+        // Output goes to a file, so the program never blocks on a full pipe.
         Path output = Files.createTempFile(directory, "output", ".txt");
         ProcessBuilder builder = new ProcessBuilder(command).directory(directory.toFile());
         builder.redirectErrorStream(true).redirectOutput(output.toFile());
@@ -86,7 +86,7 @@ final class ForkedJvm {
         } finally {
             process.destroyForcibly();
         }
-        return new Ending(process.exitValue(), read(output));
+        return new Result(process.exitValue(), read(output));
     }
 
     private static String read(Path output) throws IOException {

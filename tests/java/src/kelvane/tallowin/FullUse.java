@@ -4,7 +4,9 @@ import java.nio.charset.StandardCharsets;
 import java.nio.file.Path;
 import java.util.concurrent.Callable;
 
-/** Something of everything that needs no service, in whatever class loader this class is. Returns what it saw. */
+/**
+ * Uses everything that needs no service, with the classes of its own class loader. Returns a summary of the results.
+ */
 final class FullUse implements Callable<String> {
     private static final String EXPECTED = "1001 PayInit url PayConfirm M\u00fcller 0x80040214";
 
@@ -15,7 +17,7 @@ final class FullUse implements Callable<String> {
         this.directory = directory;
     }
 
-    /** Runs this class as {@code loader} has it; throws what is not as it should be. */
+    /** Runs this class as loaded by {@code loader}. Throws when the summary is not the expected one. */
     static void in(ClassLoader loader, Path directory) throws Exception {
         var constructor = Variant.classIn(loader, "FullUse").getDeclaredConstructor(Path.class);
         constructor.setAccessible(true);

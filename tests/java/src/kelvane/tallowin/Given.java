@@ -5,17 +5,17 @@ import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.List;
 
-/** What the build hands to the tests, as system properties. */
+/** Files that the build passes to the tests in system properties. */
 final class Given {
     private Given() {
     }
 
-    /** The native library, as a file of its own. */
+    /** The native library, outside the jar. */
     static Path library() {
         return existing("kvx.test.library");
     }
 
-    /** The finished jar. */
+    /** The jar under test. */
     static Path jar() {
         return existing("kvx.test.jar");
     }
@@ -25,12 +25,12 @@ final class Given {
         return existing("kvx.test.classes");
     }
 
-    /** The payment service's program. */
+    /** The program of the payment service. */
     static Path sandbox() {
         return existing("kvx.test.sandbox");
     }
 
-    /** The homes of all virtual machines at hand, this one first. */
+    /** The home directories of all installed virtual machines, the running one first. */
     static List<Path> javaHomes() {
         List<Path> homes = new ArrayList<>();
         homes.add(Path.of(System.getProperty("java.home")));
@@ -49,7 +49,7 @@ final class Given {
         }
         Path path = Path.of(value);
         if (!Files.exists(path)) {
-            throw new AssertionError(property + " names nothing that exists: " + path);
+            throw new AssertionError(property + " names a file that does not exist: " + path);
         }
         return path;
     }

@@ -18,8 +18,9 @@ import java.util.concurrent.TimeUnit;
 import java.util.concurrent.TimeoutException;
 
 /**
- * A virtual machine of its own that runs {@link LoaderProbe} under {@code -Xcheck:jni}. Its {@code java.library.path}
- * leads to nothing that is installed on this machine.
+ * A separate virtual machine that runs {@link LoaderProbe} with {@code -Xcheck:jni}. Its {@code java.library.path} is
+ * empty unless a test sets it, so that no library installed on this machine is found. Options are collected first;
+ * {@link #start} then starts a {@link Running} machine that a test can read from, end or kill.
  */
 final class LoaderJvm {
     private static final long LIMIT_SECONDS = 180;
@@ -29,11 +30,13 @@ final class LoaderJvm {
     private Path javaHome = Given.javaHomes().get(0);
     private List<String> program;
 
-    /** Runs with the package in {@code classes}, a jar or a directory, and {@code temporary} as temporary directory. */
+    /**
+     * Loads the package from {@code classes}, a jar or a directory, and uses {@code temporary} as temporary directory.
+     */
     LoaderJvm(Path classes, Path temporary) {
         String path = classes + File.pathSeparator + Given.testClasses();
         program = Arrays.asList("-cp", path, LoaderProbe.class.getName());
-        // A machine that dies all the same tells it in its output, and leaves no file behind.
+        // A crash is reported in the output and leaves no file.
         option("-XX:-CreateCoredumpOnCrash").option("-XX:+ErrorFileToStderr").option("-XX:-UsePerfData");
         option("-Xcheck:jni");
         set("java.io.tmpdir", temporary);
@@ -63,7 +66,9 @@ final class LoaderJvm {
         return this;
     }
 
-    /** Starts the machine by way of {@code command}, which ends by running its last arguments in its own process. */
+    /**
+     * Starts the machine through {@code command}, which must replace its process by the command in its last arguments.
+     */
     LoaderJvm by(String... command) {
         prefix.addAll(Arrays.asList(command));
         return this;
@@ -78,14 +83,14 @@ final class LoaderJvm {
         return new Running(new ProcessBuilder(command).redirectErrorStream(true).start());
     }
 
-    /** Runs the probe to its end, which must be a good one, and returns what it printed. */
+    /** Runs the probe, which must succeed, and returns its output. */
     String run(String... arguments) throws Exception {
         try (Running machine = start(arguments)) {
             return machine.finish();
         }
     }
 
-    /** Whether this machine has {@code command} and lets it succeed. */
+    /** Whether {@code command} exists on this machine and succeeds. */
     static boolean allows(String... command) throws InterruptedException {
         Process process;
         try {
@@ -101,7 +106,7 @@ final class LoaderJvm {
         }
     }
 
-    /** A started machine; closing kills it when it is still there. */
+    /** A started machine. Closing kills it if it still runs. */
     static final class Running implements AutoCloseable {
         private final Process process;
         private final BufferedReader output;
@@ -111,7 +116,7 @@ final class LoaderJvm {
             this.output = new BufferedReader(new InputStreamReader(process.getInputStream()));
         }
 
-        /** The rest of the first line that begins with {@code beginning}; what comes before it is the machine's own. */
+        /** The rest of the first line that begins with {@code beginning}. Earlier lines are skipped. */
         String read(String beginning) throws Exception {
             StringBuilder skipped = new StringBuilder();
             for (String line = nextLine(); line != null; line = nextLine()) {
@@ -127,7 +132,7 @@ final class LoaderJvm {
             return within(output::readLine);
         }
 
-        /** Lets standard input end and waits for the end of the probe, which must be a good one. */
+        /** Closes standard input and waits for the probe, which must succeed. Returns its remaining output. */
         String finish() throws Exception {
             process.getOutputStream().close();
             String text = within(() -> String.join("\n", output.lines().toArray(String[]::new)) + "\n");
@@ -146,7 +151,7 @@ final class LoaderJvm {
             process.destroyForcibly();
         }
 
-        /** A machine that takes too long is killed, which ends the reading too. */
+        /** Runs {@code step} with a time limit. After it the machine is killed, which also ends a blocked read. */
         private <T> T within(Callable<T> step) throws Exception {
             FutureTask<T> task = new FutureTask<>(step);
             Thread thread = new Thread(task, "LoaderJvm");

@@ -13,11 +13,14 @@ import java.util.concurrent.Executors;
 import java.util.concurrent.Future;
 import java.util.stream.Stream;
 
-/** The program of a virtual machine that {@link LoaderJvm} starts: loads the library in the way its argument names. */
+/**
+ * The program that {@link LoaderJvm} runs. Its first argument selects how it loads the library: once, twice, with the
+ * thread interrupted, in several class loaders, or by extracting copies; it prints the result of each step.
+ */
 public final class LoaderProbe {
     private LoaderProbe() {}
 
-    /** Does what {@code arguments[0]} names and prints what came of it. */
+    /** Runs the case that {@code arguments[0]} names and prints its results. */
     public static void main(String[] arguments) throws Exception {
         switch (arguments[0]) {
             case "load":
@@ -51,7 +54,7 @@ public final class LoaderProbe {
         }
     }
 
-    /** Loads, in the class loader of this class. */
+    /** Loads the library in the class loader of this class. Returns "loaded" or the failure. */
     public static String outcome() {
         try {
             NativeLibrary.load();
@@ -61,7 +64,7 @@ public final class LoaderProbe {
         }
     }
 
-    /** Which files of the library are mapped, and what is left in the temporary directory. */
+    /** Prints the mapped files of the library and the files left in the temporary directory. */
     private static void printSurroundings() throws Exception {
         try (Stream<String> mappings = Files.lines(Path.of("/proc/self/maps"))) {
             mappings.filter(line -> line.contains(NativeLibrary.FILE)).map(line -> line.substring(line.indexOf('/')))
@@ -72,7 +75,7 @@ public final class LoaderProbe {
         }
     }
 
-    /** All class loaders at once, each asked by two threads. */
+    /** Loads the library in {@code count} class loaders at the same time, with two threads each. */
     private static void loadInFurtherClassLoaders(int count) throws Exception {
         List<URL> path = new ArrayList<>();
         for (String element : System.getProperty("java.class.path").split(File.pathSeparator)) {
@@ -94,7 +97,7 @@ public final class LoaderProbe {
         threads.shutdown();
     }
 
-    /** Stays between extraction and loading until standard input ends. */
+    /** Extracts a copy and keeps it until standard input ends. */
     private static void hold() throws Exception {
         synchronized (NativeCopy.JVM_LOCK) {
             try (NativeCopy copy = NativeCopy.extract()) {
@@ -104,7 +107,7 @@ public final class LoaderProbe {
         }
     }
 
-    /** Extracts again and again. Each copy must be whole until it is closed. */
+    /** Extracts a copy {@code count} times. Each must be intact until it is closed. */
     private static void churn(int count) throws Exception {
         byte[] expected = NativeCopy.class.getResourceAsStream(NativeCopy.resource()).readAllBytes();
         for (int i = 0; i < count; i++) {

@@ -10,7 +10,7 @@ import java.net.Socket;
 import java.nio.charset.StandardCharsets;
 import java.util.concurrent.TimeUnit;
 
-/** A server on a free loopback port that answers exactly when the test lets it. */
+/** A server on a free loopback port that responds when the test tells it to. */
 final class LocalServer implements AutoCloseable {
     private static final int LIMIT = (int) TimeUnit.SECONDS.toMillis(60);
     private static final Socket REFUSING = newRefusing();
@@ -23,12 +23,12 @@ final class LocalServer implements AutoCloseable {
         listener.setSoTimeout(LIMIT);
     }
 
-    /** The address of a port that refuses every connection, and that nobody else gets while this machine lives. */
+    /** The address of a port that refuses connections, reserved until this virtual machine exits. */
     static String refusingBase() {
         return "http://127.0.0.1:" + REFUSING.getLocalPort();
     }
 
-    /** A socket that is bound but does not listen. */
+    /** A socket that is bound but does not listen, so its port refuses connections. */
     private static Socket newRefusing() {
         try {
             Socket bound = new Socket();
@@ -43,7 +43,7 @@ final class LocalServer implements AutoCloseable {
         return "http://127.0.0.1:" + listener.getLocalPort();
     }
 
-    /** Waits until a request is here; whoever sent it now waits for the answer. Returns its head. */
+    /** Receives a request, whose sender then waits for the response. Returns the request's header. */
     String awaitRequest() throws IOException {
         client = listener.accept();
         client.setSoTimeout(LIMIT);
@@ -52,14 +52,14 @@ final class LocalServer implements AutoCloseable {
         while (request.indexOf("\r\n\r\n") < 0) {
             int next = input.read();
             if (next < 0) {
-                throw new IOException("the request breaks off: " + request);
+                throw new IOException("the request is incomplete: " + request);
             }
             request.append((char) next);
         }
         return request.toString();
     }
 
-    /** Answers the request with a message. */
+    /** Responds with a message. */
     void answer(String message) throws IOException {
         answerRaw("HTTP/1.0 200 OK\r\n\r\n" + message);
     }
@@ -69,14 +69,14 @@ final class LocalServer implements AutoCloseable {
         client.close();
     }
 
-    /** Answers the next request from a thread of its own. */
+    /** Starts a thread that responds to the next request. */
     void answerLater(String reply) {
         Thread thread = new Thread(() -> {
             try {
                 awaitRequest();
                 answerRaw(reply);
             } catch (IOException failure) {
-                throw new AssertionError(failure);  // and the caller's own expectation fails
+                throw new AssertionError(failure);  // the test fails too: its request gets no response
             }
         }, "local server");
         thread.setDaemon(true);

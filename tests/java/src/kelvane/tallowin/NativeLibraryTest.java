@@ -33,12 +33,18 @@ import org.junit.Rule;
 import org.junit.Test;
 import org.junit.rules.TemporaryFolder;
 
-/** Where the library is looked for, what is said when it is not found, and what stays behind. */
+/**
+ * Loading the native library: the order of the search, the messages of failures, several class loaders, and the
+ * temporary directory.
+ *
+ * <p>Each case runs in a separate virtual machine, which prints the result, the mapped files and the files left behind.
+ * Cases that need root, another user, a private mount or a newer virtual machine are skipped where that is missing.
+ */
 public class NativeLibraryTest {
     private static final String PROPERTY = NativeLibrary.PROPERTY;
     private static final String FILE = NativeLibrary.FILE;
 
-    /** Mounts a file system on $0 with the options $1, out of sight of everybody else, then runs the rest there. */
+    /** Mounts a file system on $0 with the options $1 in a private mount namespace, then runs the other arguments. */
     private static final String MOUNT = "o=$1; shift; mount -t tmpfs -o \"$o\" tmpfs \"$0\" && exec \"$@\"";
 
     private final Path library = Given.library();
@@ -56,7 +62,7 @@ public class NativeLibraryTest {
         temporary = folder.newFolder("temporary").toPath();
     }
 
-    // The three places
+    // The search order
 
     @Test
     public void loadsTheFileThatThePropertyNames() throws Exception {
@@ -142,7 +148,7 @@ public class NativeLibraryTest {
         assertRefused(machine().set(PROPERTY, empty).run("load"), "the file is no shared library", empty.toString());
     }
 
-    /** The system's loader would map what is missing, and the machine would die of it. */
+    /** The system's loader would map the missing part, and the process would be killed. */
     @Test
     public void refusesALibraryThatIsCutShort() throws Exception {
         byte[] whole = Files.readAllBytes(library);
@@ -169,7 +175,7 @@ public class NativeLibraryTest {
         assertRefused(machine().set(PROPERTY, unknown).run("load"), "it was built for 64-bit ELF machine 4660");
     }
 
-    /** Such as a system's package brings when it was built without a JDK. */
+    /** A system's package may contain such a library, when it was built without a JDK. */
     @Test
     public void refusesALibraryWithoutTheNativeMethodsAndTakesTheJar() throws Exception {
         String content = new String(Files.readAllBytes(library), StandardCharsets.ISO_8859_1);
@@ -195,7 +201,7 @@ public class NativeLibraryTest {
     }
 
     @Test
-    public void tellsThatTheJarHasNothingForThisPlatform() throws Exception {
+    public void explainsThatTheJarHasNoLibraryForThisPlatform() throws Exception {
         String output = machine().set("os.arch", "Quantum").set("os.name", "Plan 9").run("load");
         assertRefused(output, "the jar has none for this platform (os.name Plan 9, os.arch Quantum)",
                 "lib/plan 9-quantum/libtallowin.so in the jar", "name it with -D" + PROPERTY + "=PATH");
@@ -203,7 +209,7 @@ public class NativeLibraryTest {
     }
 
     @Test
-    public void tellsEveryPlaceAndTheSameAgain() throws Exception {
+    public void reportsEveryPlaceAndTheSameAgain() throws Exception {
         Path broken = Files.writeString(work.resolve(FILE), "no library");
         String path = String.join(File.pathSeparator, temporary.toString(), "", work.toString());
         String output = machine().set("java.library.path", path).set("os.arch", "quantum").run("twice");
@@ -215,9 +221,9 @@ public class NativeLibraryTest {
     }
 
     @Test
-    public void explainsTheWordsOfTheLoader() {
+    public void explainsTheMessagesOfTheLoader() {
         String[][] rows = {
-            // The two forms in which musl refuses, the second for a name that glibc alone has.
+            // The two messages of musl; the second is for a symbol that only glibc has.
             {"Error loading shared library libssl.so.3: No such file or directory (needed by /t/libtallowin.so)",
                 "the C library musl", "with glibc"},
             {"Error relocating /t/libtallowin.so: __memcpy_chk: symbol not found", "the C library musl", "with glibc"},
@@ -229,7 +235,7 @@ public class NativeLibraryTest {
                 "the system's loader refuses it", "built for this system"},
             {"/lib/libc.so.6: version `GLIBC_2.38' not found (required by /t/libtallowin.so)",
                 "it lacks GLIBC_2.38", "Update this system"},
-            // The same in a language that the loader speaks where it is set up.
+            // The same in another language, which the loader uses when its locale is set.
             {"/t/libtallowin.so: libssl.so.3: Kann die Shared-Object-Datei nicht \u00f6ffnen: Datei nicht gefunden",
                 "is missing: libssl.so.3", "package libssl3"},
             {"/lib/libc.so.6: Version \u00bbGLIBC_2.38\u00ab nicht gefunden (ben\u00f6tigt von /t/libtallowin.so)",
@@ -248,7 +254,7 @@ public class NativeLibraryTest {
         }
     }
 
-    // What the virtual machine forbids
+    // Native access and security managers
 
     @Test
     public void explainsThatNativeAccessIsDenied() throws Exception {
@@ -274,7 +280,7 @@ public class NativeLibraryTest {
     }
 
     @Test
-    public void passesOnWhatASecurityManagerForbids() throws Exception {
+    public void reportsWhatASecurityManagerForbids() throws Exception {
         assumeTrue("this JVM has no security manager", Runtime.version().feature() < 24);
         String output = machine().option("-Djava.security.manager").run("outcome");
         assertSays(output, "SecurityException: libtallowin.so cannot be loaded: the security manager forbids a step",
@@ -450,7 +456,7 @@ public class NativeLibraryTest {
         assertEquals(Collections.emptyList(), namesIn(temporary));
     }
 
-    // What the tests say
+    // Assertions
 
     private LoaderJvm machine() {
         return new LoaderJvm(jar, temporary);
@@ -496,13 +502,13 @@ public class NativeLibraryTest {
         return PosixFilePermissions.toString(Files.getPosixFilePermissions(file));
     }
 
-    // What the tests are given
+    // Test data
 
     private Path copyInto(String directory) throws IOException {
         return Files.copy(library, Files.createDirectory(work.resolve(directory)).resolve(FILE));
     }
 
-    /** A directory as a killed process leaves it. */
+    /** A directory in the state in which a killed process leaves it. */
     private static Path abandoned(Path directory) throws IOException {
         Files.createDirectory(directory);
         Files.createFile(directory.resolve(FILE));
@@ -510,12 +516,12 @@ public class NativeLibraryTest {
         return directory;
     }
 
-    /** The head of a library without segments. */
+    /** The header of a library without segments. */
     private Path elf(String name, int width, int machine) throws IOException {
-        ByteBuffer head = ByteBuffer.allocate(4096).order(ByteOrder.LITTLE_ENDIAN);
-        head.put(new byte[] {0x7F, 'E', 'L', 'F', (byte) (width / 32), 1, 1});
-        head.putShort(16, (short) 3).putShort(18, (short) machine).putInt(20, 1);
-        return Files.write(work.resolve(name), head.array());
+        ByteBuffer header = ByteBuffer.allocate(4096).order(ByteOrder.LITTLE_ENDIAN);
+        header.put(new byte[] {0x7F, 'E', 'L', 'F', (byte) (width / 32), 1, 1});
+        header.putShort(16, (short) 3).putShort(18, (short) machine).putInt(20, 1);
+        return Files.write(work.resolve(name), header.array());
     }
 
     /** The library with the first match of {@code pattern} replaced by as many bytes. */
@@ -556,7 +562,7 @@ public class NativeLibraryTest {
         return System.getProperty("user.name").equals("root");
     }
 
-    /** Root may read everything, so a machine that root starts becomes somebody else's. */
+    /** Root can read every file, so root runs the machine as another user. */
     private LoaderJvm ordinaryUser(LoaderJvm machine) throws Exception {
         if (!isRoot()) {
             return machine;
@@ -570,7 +576,7 @@ public class NativeLibraryTest {
         return machine.by(become);
     }
 
-    /** Lets the machine see a file system of its own at the temporary directory. */
+    /** Runs the machine with a private file system mounted on the temporary directory. */
     private LoaderJvm mounted(LoaderJvm machine, String options) throws Exception {
         String[] mount = {"unshare", "-rm", "sh", "-c", MOUNT, temporary.toString(), options};
         String[] trial = Arrays.copyOf(mount, mount.length + 1);
@@ -579,7 +585,7 @@ public class NativeLibraryTest {
         return machine.by(mount);
     }
 
-    /** The homes of the machines, this one among them, that know the option {@code --illegal-native-access}. */
+    /** The homes of the virtual machines that have the option {@code --illegal-native-access}. */
     private static List<Path> machinesThatDenyNativeAccess() throws IOException {
         List<Path> denying = new ArrayList<>();
         for (Path home : Given.javaHomes()) {
@@ -591,7 +597,7 @@ public class NativeLibraryTest {
         return denying;
     }
 
-    /** The version number in the file {@code release} that each home has. */
+    /** The version number in the file {@code release} of a home. */
     private static int feature(Path home) throws IOException {
         Properties release = new Properties();
         try (InputStream in = Files.newInputStream(home.resolve("release"))) {

@@ -7,17 +7,19 @@ import java.util.Arrays;
 import java.util.List;
 
 /**
- * The native methods as Java programs rely on them: names, signatures and the beginnings of their failures' texts.
- * Typed in here and never asked of the library.
+ * The native methods: names, signatures, and the prefixes of their failure texts. All are literals, not read from the
+ * library.
  *
- * <p>Knows classes by name only, so it serves for the real classes and for variants of them in other class loaders.
+ * <p>Refers to classes by name, so it works for the real classes and for variants in other class loaders.
  */
 final class NativeMethod {
     private static final String SETUP = "ConfigurationSetup";
     private static final String FACTORY = "MessageFactory";
     private static final String MESSAGE = "MessageObject";
 
-    /** All of them: class, method, result, how many strings it takes, prefix of refusals, prefix of failures. */
+    /**
+     * Class, method, result, number of string parameters, prefix for handle and arguments, prefix for other failures.
+     */
     static final List<NativeMethod> ALL = List.of(
         row(SETUP, "nConstruct", void.class, 0, "ConfigurationSetup::Construct(): ",
             "ConfigurationSetup::Construct(): "),
@@ -103,14 +105,14 @@ final class NativeMethod {
         return types;
     }
 
-    /** An argument for every parameter, all the same. */
+    /** The same argument for every parameter. */
     Object[] allArguments(String argument) {
         Object[] arguments = new Object[strings];
         Arrays.fill(arguments, argument);
         return arguments;
     }
 
-    /** Calls the method of {@code self} and throws what the method throws. */
+    /** Calls the method of {@code self} and throws the method's exception. */
     Object call(Object self, Object... arguments) throws Throwable {
         Method method = self.getClass().getDeclaredMethod(name, parameterTypes());
         method.setAccessible(true);
@@ -121,7 +123,7 @@ final class NativeMethod {
         }
     }
 
-    /** A new object of the class, made by its public constructor. */
+    /** A new object of the class in {@code loader}, created by its public constructor. */
     Object newObject(ClassLoader loader) throws ReflectiveOperationException {
         return Class.forName("kelvane.tallowin." + className, true, loader).getConstructor().newInstance();
     }

@@ -25,7 +25,12 @@ import org.junit.Test;
 import org.junit.rules.TemporaryFolder;
 import org.junit.rules.Timeout;
 
-/** What the native methods refuse before they call the library, method by method. */
+/**
+ * Checks of the native methods before they call the library: the handle, the handle field, null arguments.
+ *
+ * <p>Each test walks the table of native methods in a real virtual machine: numbers that are not handles, destroyed
+ * objects, objects of another class, a missing or wrong field, and constructors and destructors called again.
+ */
 public class NativesTest {
     private static final int UNEXPECTED = 0x80040211;
     private static final int RANDOM_HANDLES = 200;
@@ -90,7 +95,7 @@ public class NativesTest {
         return classes;
     }
 
-    /** Numbers that are no living object of the class, each with what it is. */
+    /** Numbers that are not the handle of a living object of the class, with a description each. */
     private Map<String, Integer> badHandles(String className) throws Exception {
         Map<String, Integer> handles = new LinkedHashMap<>();
         for (int number : new int[] {0, 1, 2, 3, 4, 8, 512, 4096, 65536, -1, -2, -4, -512, 0x7FFFFFFF, 0x7FFFFFFC,
@@ -120,7 +125,7 @@ public class NativesTest {
     }
 
     @Test
-    public void everyMethodRefusesANumberThatIsNoLivingObject() throws Throwable {
+    public void everyMethodRefusesANumberThatIsNotAHandle() throws Throwable {
         int methods = 0;
         int calls = 0;
         for (String className : NativeMethod.classNames()) {
@@ -142,12 +147,12 @@ public class NativesTest {
             }
             NativeMethod.setHandle(self, own);
         }
-        System.out.println("walked " + methods + " natives x numbers that are no objects: " + calls + " calls");
+        System.out.println("walked " + methods + " natives x numbers that are not handles: " + calls + " calls");
         assertEquals(18, methods);
     }
 
     @Test
-    public void destructIgnoresANumberThatIsNoLivingObject() throws Throwable {
+    public void destructIgnoresANumberThatIsNotAHandle() throws Throwable {
         List<Object> bystanders = new ArrayList<>();
         for (String className : NativeMethod.classNames()) {
             bystanders.add(object(className));
@@ -174,7 +179,7 @@ public class NativesTest {
     }
 
     @Test
-    public void constructRefusesAnObjectThatHoldsANumberAlready() throws Throwable {
+    public void constructRefusesAnObjectThatHasAHandle() throws Throwable {
         for (String className : NativeMethod.classNames()) {
             Object self = object(className);
             int own = NativeMethod.handleOf(self);
@@ -192,7 +197,7 @@ public class NativesTest {
     }
 
     @Test
-    public void aNewObjectsNumberIsThatOfALivingObject() throws Throwable {
+    public void aNewObjectHasAHandle() throws Throwable {
         for (String className : NativeMethod.classNames()) {
             Object one = object(className);
             Object other = object(className);
@@ -220,7 +225,7 @@ public class NativesTest {
     }
 
     @Test
-    public void closeFreesTheObjectOnceAndLeavesNoNumber() throws Throwable {
+    public void closeFreesTheObjectOnceAndClearsTheHandle() throws Throwable {
         for (String className : NativeMethod.classNames()) {
             AutoCloseable self = (AutoCloseable) object(className);
             int handle = NativeMethod.handleOf(self);
@@ -242,14 +247,14 @@ public class NativesTest {
         }
     }
 
-    /** A variant of the classes with {@code field}, which no native method takes for its own. */
+    /** A variant of the classes with {@code field}, which the native methods do not accept. */
     private URLClassLoader withField(String field) throws IOException, ReflectiveOperationException {
         Path directory = folder.newFolder().toPath();
         return new Variant(directory, field, null).load(directory, Given.jar());
     }
 
     @Test
-    public void everyMethodTellsThatTheFieldIsMissing() throws Throwable {
+    public void everyMethodReportsAMissingField() throws Throwable {
         int calls = 0;
         String[] fields = {"", "private long m_Handle;", "private static int m_Handle;", "private int m_handle;"};
         for (String field : fields) {
@@ -269,14 +274,14 @@ public class NativesTest {
         assertEquals(96, calls);
     }
 
-    /** What a null argument is refused with, of the methods that refuse it. */
+    /** The messages of the methods that refuse null arguments. */
     private static final Map<String, String> NULL_REFUSALS = Map.of(
         "ConfigurationSetup.SetOption", "ConfigurationSetup::SetOption(): Value or Name of the Attribute is NULL",
         "ConfigurationSetup.SetAttribute", "ConfigurationSetup::SetAttribute(): Value or File, Name or newVal is NULL",
         "MessageObject.SetAttribute", "MessageObject::SetAttribute(): Value or Name of the Attribute is NULL");
 
     @Test
-    public void someMethodsRefuseNullBeforeTheyLookAtTheObject() throws Throwable {
+    public void someMethodsRefuseNullBeforeCheckingTheHandle() throws Throwable {
         try (URLClassLoader fieldless = withField("")) {
             for (Map.Entry<String, String> row : NULL_REFUSALS.entrySet()) {
                 NativeMethod method = NativeMethod.named(row.getKey());
@@ -297,7 +302,7 @@ public class NativesTest {
     }
 
     @Test
-    public void elsewhereNullCountsAsAnEmptyString() throws Throwable {
+    public void otherMethodsTreatNullAsAnEmptyString() throws Throwable {
         AccountDirectory account = new AccountDirectory(folder.newFolder().toPath());
         int methods = 0;
         for (NativeMethod method : NativeMethod.ALL) {
@@ -310,7 +315,7 @@ public class NativesTest {
         assertEquals(10, methods);
     }
 
-    /** What {@code method} makes of {@code argument}, on a new object that was opened where it can be. */
+    /** Failure or result of {@code method} with {@code argument}, on a new object opened on {@code account}. */
     private String outcome(NativeMethod method, AccountDirectory account, String argument) throws Throwable {
         Object self = object(method.className);
         String directory = account.path().toString();

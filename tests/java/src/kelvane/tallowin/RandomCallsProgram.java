@@ -9,9 +9,11 @@ import java.util.concurrent.atomic.AtomicReference;
 
 /**
  * Calls random native methods with random arguments, for {@link RandomCallsTest}. Arguments: seed, number of threads,
- * number of calls of each, a configuration directory.
+ * calls per thread, configuration directory.
  *
- * <p>Works in a directory that may be filled with rubbish. No text names another directory or another machine.
+ * <p>Threads share a few objects, whose handles are sometimes replaced and which are closed and constructed again. Any
+ * exception but a KVXException or an object in use ends the program. It may write files with any names to its working
+ * directory, but no argument names another directory or another host.
  */
 final class RandomCallsProgram {
     private static final int OBJECTS = 12;
@@ -58,7 +60,7 @@ final class RandomCallsProgram {
             thread.join();
         }
         if (unexpected.get() != null) {
-            throw new AssertionError("an exception of another kind", unexpected.get());
+            throw new AssertionError("an unexpected exception", unexpected.get());
         }
         System.out.println("calls that succeeded: " + succeeded + ", that failed: " + failed);
     }
@@ -95,14 +97,14 @@ final class RandomCallsProgram {
         }
     }
 
-    /** Most objects shall live, though each is destroyed time and again. */
+    /** Constructs a destroyed object again in half of the cases, so that most objects are living. */
     private void revive(Random random, Object self, KVXException failure) {
         if (failure.getErrorMessage().endsWith("Invalid Handle") && random.nextBoolean()) {
             try {
                 NativeMethod.setHandle(self, 0);
                 NativeMethod.named(self.getClass().getSimpleName() + ".nConstruct").call(self);
             } catch (KVXException another) {
-                failed.incrementAndGet();  // of another thread that was faster
+                failed.incrementAndGet();  // another thread has constructed it already
             } catch (Throwable other) {
                 unexpected.compareAndSet(null, other);
             }
@@ -129,7 +131,7 @@ final class RandomCallsProgram {
         }
     }
 
-    /** A message that a call made goes into one of the objects, or stays lost. */
+    /** Stores the handle of a created message in a random object if that is a message; otherwise the message leaks. */
     private void take(Random random, int handle) throws ReflectiveOperationException {
         Object object = objects[random.nextInt(OBJECTS)];
         if (object instanceof MessageObject) {
@@ -145,7 +147,7 @@ final class RandomCallsProgram {
         StringBuilder text = new StringBuilder();
         int length = kind == 0 ? random.nextInt(HUGE) : random.nextInt(64);
         while (text.length() < length) {
-            // Without "/" and ":", so that no text leads anywhere.
+            // Without "/" and ":", so that no text is a path or an address elsewhere.
             char c = (char) (kind == 1 ? random.nextInt(0x10000) : "<KVX A=\"&;'>.-_\u00fc".charAt(random.nextInt(16)));
             text.append(c == '/' || c == ':' ? ' ' : c);
         }

@@ -30,12 +30,15 @@ import org.junit.Test;
 import org.junit.rules.TemporaryFolder;
 import org.junit.rules.Timeout;
 
-/** What is in the jar, and its use as a named module. */
+/**
+ * The content of the jar: module descriptor, class file version, public classes, native library with its hash,
+ * manifest, and the configuration for native images. Also runs a program that uses the jar as a named module.
+ */
 public class ResourcesTest {
     private static final int LIMIT_SECONDS = 60;
     private static final String NATIVE_IMAGE = "META-INF/native-image/kelvane.tallowin/tallowin/";
 
-    /** Java 11. */
+    /** The class file version of Java 11. */
     private static final int CLASS_FILE_VERSION = 55;
 
     @Rule
@@ -72,7 +75,7 @@ public class ResourcesTest {
     }
 
     @Test
-    public void theModuleExportsThePackageAlone() throws IOException {
+    public void theModuleExportsOnlyThePackage() throws IOException {
         try (InputStream input = jar.getInputStream(jar.getEntry("module-info.class"))) {
             ModuleDescriptor module = ModuleDescriptor.read(input);
             assertEquals("kelvane.tallowin", module.name());
@@ -100,7 +103,7 @@ public class ResourcesTest {
     }
 
     @Test
-    public void nothingButThePackageIsPublic() throws ReflectiveOperationException {
+    public void onlyTheFourClassesArePublic() throws ReflectiveOperationException {
         Set<String> visible = new TreeSet<>();
         for (String entry : entries()) {
             if (entry.startsWith("kelvane/tallowin/") && entry.endsWith(".class")) {
@@ -114,7 +117,7 @@ public class ResourcesTest {
     }
 
     @Test
-    public void theNativeLibraryIsThereWithItsDigest() throws Exception {
+    public void theNativeLibraryHasItsHash() throws Exception {
         List<String> libraries = entries().stream().filter(name -> name.endsWith(".so")).collect(Collectors.toList());
         assertFalse(libraries.isEmpty());
         for (String library : libraries) {
@@ -136,7 +139,7 @@ public class ResourcesTest {
         assertTrue(attributes.getValue("Implementation-Version").matches("[0-9]+\\.[0-9]+\\.[0-9]+"));
     }
 
-    /** What native code looks up by name: class, then member with the types of its parameters. */
+    /** The members that native code looks up: class, then member with its parameter types. */
     private static final Set<String> LOOKED_UP = Set.of(
         "kelvane.tallowin.ConfigurationSetup m_Handle",
         "kelvane.tallowin.MessageFactory m_Handle",
@@ -145,7 +148,7 @@ public class ResourcesTest {
         "kelvane.tallowin.KVXException putHR(int)",
         "kelvane.tallowin.KVXException putErrorMessage(java.lang.String)");
 
-    /** The members that the configuration names, as lists of fields or methods inside a list of classes. */
+    /** The members named in the configuration, a list of classes with lists of fields or methods. */
     private static Set<String> membersIn(String json) {
         Set<String> members = new TreeSet<>();
         String className = "";
@@ -165,10 +168,10 @@ public class ResourcesTest {
     }
 
     @Test
-    public void nativeImagesKeepExactlyWhatNativeCodeLooksUp() throws Exception {
+    public void nativeImagesKeepTheMembersThatNativeCodeLooksUp() throws Exception {
         String json = textOf(NATIVE_IMAGE + "jni-config.json");
         assertEquals(new TreeSet<>(LOOKED_UP), membersIn(json));
-        // Nothing else has a name but the four classes.
+        // The only other names are those of the four classes.
         assertEquals(json, LOOKED_UP.size() + 4, json.split("\"name\"", -1).length - 1);
         for (String className : NativeMethod.classNames()) {
             assertEquals(int.class, Variant.classIn(getClass().getClassLoader(), className)
@@ -219,15 +222,15 @@ public class ResourcesTest {
                                    Files.writeString(sources.resolve("Shop.java"), SHOP_PROGRAM));
         Variant.compile(classes, files, "-p", Given.jar().toString());
         for (Path home : Given.javaHomes()) {
-            ForkedJvm.Ending ending = new ForkedJvm(home, folder.newFolder().toPath())
+            ForkedJvm.Result result = new ForkedJvm(home, folder.newFolder().toPath())
                     .options("-Xcheck:jni", "-p", Given.jar() + ":" + classes)
                     .run(LIMIT_SECONDS, "-m", "shop/shop.Shop");
-            String told = home + ": " + ending;
-            assertEquals(told, 0, ending.exitCode);
-            assertTrue(told, ending.output.contains("module kelvane.tallowin 12.50\n"));
-            assertTrue(told, ending.output.contains("MessageFactory::GetAttribute(): requested item was not found "
+            String report = home + ": " + result;
+            assertEquals(report, 0, result.exitCode);
+            assertTrue(report, result.output.contains("module kelvane.tallowin 12.50\n"));
+            assertTrue(report, result.output.contains("MessageFactory::GetAttribute(): requested item was not found "
                                                     + "(0x8004020D)\n"));
-            assertFalse(told, ending.output.contains("in native method"));
+            assertFalse(report, result.output.contains("in native method"));
             System.out.println("used as a module by " + home.getFileName());
         }
     }

@@ -16,19 +16,24 @@ import java.util.regex.Pattern;
 import org.junit.rules.ExternalResource;
 import org.junit.rules.TemporaryFolder;
 
-/** The payment service in a process of its own, and the shopper who visits it. */
+/**
+ * The sandbox as a separate process with one account, and a shopper's browser for its payment page.
+ *
+ * <p>The service uses a free port and prints its addresses as JSON, from which this class takes them. {@link #visit}
+ * loads the page, submits its form and returns the parameters of the redirect to the shop.
+ */
 final class SandboxProcess extends ExternalResource {
     static final String USER = "demo";
     static final String PASSWORD = "demo";
 
     private static final int LIMIT_SECONDS = 60;
 
-    /** What came back with the shopper. */
+    /** The address that the shopper's browser is sent back to. */
     static final class Returned {
-        /** The address without DATA and SIGNATURE. */
+        /** The address without {@code DATA} and {@code SIGNATURE}. */
         final String link;
 
-        /** Percent-encoded still. */
+        /** Still percent-encoded. */
         final String data;
 
         final String signature;
@@ -86,7 +91,7 @@ final class SandboxProcess extends ExternalResource {
         }
     }
 
-    /** Ends the service; a second call does nothing. */
+    /** Stops the service. A second call does nothing. */
     void stop() {
         if (process == null) {
             return;
@@ -94,7 +99,7 @@ final class SandboxProcess extends ExternalResource {
         process.destroy();
         try {
             if (!process.waitFor(LIMIT_SECONDS, TimeUnit.SECONDS)) {
-                throw new AssertionError("the sandbox does not end");
+                throw new AssertionError("the sandbox does not exit");
             }
         } catch (InterruptedException interrupted) {
             Thread.currentThread().interrupt();
@@ -103,7 +108,7 @@ final class SandboxProcess extends ExternalResource {
         }
     }
 
-    /** Opens the payment page at {@code url} and answers with {@code decision}: pay, decline or cancel. */
+    /** Opens the payment page at {@code url} and submits {@code decision}: pay, decline or cancel. */
     Returned visit(String url, String decision) throws IOException {
         HttpURLConnection page = connect(url);
         String html = page.getResponseCode() == 200 ? read(page) : "";
@@ -117,14 +122,14 @@ final class SandboxProcess extends ExternalResource {
             body.write(form.getBytes(StandardCharsets.US_ASCII));
         }
         if (answer.getResponseCode() != HttpURLConnection.HTTP_MOVED_TEMP) {
-            throw new AssertionError("no way back to the shop: " + answer.getResponseCode());
+            throw new AssertionError("no redirect to the shop: " + answer.getResponseCode());
         }
         String location = answer.getHeaderField("Location");
         return new Returned(value(location, "^(.*?)[?&]DATA="), parameter(location, "DATA"),
                             parameter(location, "SIGNATURE"));
     }
 
-    /** A parameter of a URL, percent-encoded still. */
+    /** A parameter of a URL, still percent-encoded. */
     static String parameter(String url, String name) {
         return value(url, "[?&]" + name + "=([^&#]*)");
     }

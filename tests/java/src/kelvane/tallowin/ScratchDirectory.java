@@ -6,7 +6,7 @@ import java.nio.file.Path;
 import java.util.concurrent.TimeUnit;
 import org.junit.rules.ExternalResource;
 
-/** A directory for files of any names: Java itself cannot remove those that the system's encoding does not have. */
+/** A directory for files of any names. Removed by {@code rm}, because Java cannot represent all names. */
 final class ScratchDirectory extends ExternalResource {
     private static final int LIMIT_SECONDS = 60;
 

@@ -20,7 +20,12 @@ import org.junit.Rule;
 import org.junit.Test;
 import org.junit.rules.Timeout;
 
-/** Strings on their way into the library and back, through messages and through files. */
+/**
+ * Strings passed to the library and returned, through messages and through files.
+ *
+ * <p>A Java string must come back unchanged, whatever its characters. Bytes of a file that are not valid modified UTF-8
+ * must arrive as surrogate pairs (four-byte characters) or as Latin-1; random bytes are compared with a second decoder.
+ */
 public class StringsTest {
     private static final int RANDOM_LINES = 20_000;
     private static final int LONGEST_LINE = 40;
@@ -50,7 +55,7 @@ public class StringsTest {
         message.close();
     }
 
-    /** Every character there is, the surrogates in ascending order. */
+    /** Every 16-bit character once, in ascending order. */
     private static String allCharacters() {
         char[] all = new char[0x10000];
         for (int i = 0; i < all.length; ++i) {
@@ -59,12 +64,12 @@ public class StringsTest {
         return new String(all);
     }
 
-    /** {@code text} a few times over, about a million characters. */
+    /** {@code text} repeated, about a million characters. */
     private static String million(String text) {
         return text.repeat((1 << 20) / text.length());
     }
 
-    /** Strings that must come back as they went, by what they are. */
+    /** Strings that must come back unchanged, with a description each. */
     private static Map<String, String> survivors() {
         Map<String, String> texts = new LinkedHashMap<>();
         texts.put("ASCII", "Hello, world");
@@ -105,7 +110,7 @@ public class StringsTest {
         }
     }
 
-    /** Like assertEquals, which would print a million characters. */
+    /** Like assertEquals, without printing a million characters. */
     private static void assertSame(String what, String expected, String actual) {
         if (expected.equals(actual)) {
             return;
@@ -150,7 +155,7 @@ public class StringsTest {
             Files.writeString(directory.resolve("some.xml"), "<KVX/>");
             setup.SetAttribute("some.xml", "A", row.getValue());
             assertSame(row.getKey(), row.getValue(), setup.GetAttribute("some.xml", "A"));
-            // What the file holds is Java's own modified UTF-8.
+            // The file contains Java's modified UTF-8.
             byte[] written = Files.readAllBytes(directory.resolve("some.xml"));
             assertArrayEquals(row.getKey(), modifiedUtf8("<KVX A=\"" + escaped(row.getValue()) + "\"/>"), written);
         }
@@ -158,7 +163,7 @@ public class StringsTest {
 
     private static byte[] modifiedUtf8(String text) throws IOException {
         ByteArrayOutputStream bytes = new ByteArrayOutputStream();
-        for (int at = 0; at < text.length(); at += 20000) {  // writeUTF takes 65535 bytes at once
+        for (int at = 0; at < text.length(); at += 20000) {  // writeUTF accepts at most 65535 bytes
             ByteArrayOutputStream counted = new ByteArrayOutputStream();
             new DataOutputStream(counted).writeUTF(text.substring(at, Math.min(text.length(), at + 20000)));
             bytes.write(counted.toByteArray(), 2, counted.size() - 2);
@@ -180,10 +185,10 @@ public class StringsTest {
         assertEquals(4, directory.toFile().list().length);
     }
 
-    /** Bytes of a file, as hexadecimal digits, and the string that Java gets. */
+    /** Bytes of a file, in hexadecimal, and the string that Java gets. */
     private static Map<String, String> foreignTexts() {
         Map<String, String> texts = new LinkedHashMap<>();
-        // Valid already.
+        // Valid modified UTF-8.
         texts.put("", "");
         texts.put("41 42", "AB");
         texts.put("c3 bc", "\u00fc");
@@ -206,7 +211,7 @@ public class StringsTest {
         texts.put("80", "\u0080");
         texts.put("bf bf", "\u00bf\u00bf");
         texts.put("ff fe", "\u00ff\u00fe");
-        // Cut off.
+        // Truncated.
         texts.put("c3", "\u00c3");
         texts.put("c3 41", "\u00c3A");
         texts.put("e2 82", "\u00e2\u0082");
@@ -216,7 +221,7 @@ public class StringsTest {
         texts.put("f0 9f 92 41", "\u00f0\u009f\u0092A");
         texts.put("f0 9f c3 bc", "\u00f0\u009f\u00fc");
         texts.put("f0 f0 9f 92 b6", "\u00f0\ud83d\udcb6");
-        // Longer than need be.
+        // Overlong.
         texts.put("c0 81", "\u00c0\u0081");
         texts.put("c0 af", "\u00c0\u00af");
         texts.put("c1 bf", "\u00c1\u00bf");
@@ -224,7 +229,7 @@ public class StringsTest {
         texts.put("e0 9f bf", "\u00e0\u009f\u00bf");
         texts.put("f0 80 80 80", "\u00f0\u0080\u0080\u0080");
         texts.put("f0 8f bf bf", "\u00f0\u008f\u00bf\u00bf");
-        // Beyond the last character.
+        // Above U+10FFFF.
         texts.put("f4 90 80 80", "\u00f4\u0090\u0080\u0080");
         texts.put("f5 80 80 80", "\u00f5\u0080\u0080\u0080");
         texts.put("f8 88 80 80 80", "\u00f8\u0088\u0080\u0080\u0080");
@@ -244,7 +249,7 @@ public class StringsTest {
     }
 
     @Test
-    public void foreignBytesOfAFileArriveAsCharacters() throws Exception {
+    public void invalidBytesOfAFileArriveAsLatin1() throws Exception {
         for (Map.Entry<String, String> row : foreignTexts().entrySet()) {
             Files.write(directory.resolve("raw"), bytesOf(row.getKey()));
             assertEquals(row.getKey(), row.getValue(), setup.GetAttribute("raw", ""));
@@ -252,7 +257,7 @@ public class StringsTest {
     }
 
     @Test
-    public void foreignBytesOfAnAttributeArriveAsCharacters() throws Exception {
+    public void invalidBytesOfAnAttributeArriveAsLatin1() throws Exception {
         for (Map.Entry<String, String> row : foreignTexts().entrySet()) {
             ByteArrayOutputStream document = new ByteArrayOutputStream();
             document.write("<KVX A=\"x".getBytes(StandardCharsets.US_ASCII));
@@ -280,7 +285,7 @@ public class StringsTest {
     }
 
     @Test
-    public void aTextCutAnywhereLosesNothing() throws Exception {
+    public void aTruncatedTextLosesNothing() throws Exception {
         byte[] whole = "A\u00fc\u20ac\ud83d\udcb6Z".getBytes(StandardCharsets.UTF_8);
         for (int length = 0; length <= whole.length; ++length) {
             byte[] cut = Arrays.copyOf(whole, length);
@@ -290,7 +295,7 @@ public class StringsTest {
     }
 
     @Test
-    public void randomBytesArriveAsAnotherReaderReadsThem() throws Exception {
+    public void randomBytesArriveAsASecondDecoderReadsThem() throws Exception {
         long seed = Long.getLong("kvx.test.seed", 1);
         System.out.println("seed " + seed);
         Random random = new Random(seed);
@@ -312,7 +317,7 @@ public class StringsTest {
     }
 
     private static byte[] randomLine(Random random) {
-        // Bytes of long characters, more often than chance has them.
+        // Bytes of multi-byte characters, more often than in uniformly random data.
         int[] likely = {0xF0, 0x9F, 0x92, 0xB6, 0xF4, 0x8F, 0xE0, 0xA0, 0xED, 0xC0, 0x80, 0xC3, 0xBC};
         byte[] bytes = new byte[random.nextInt(LONGEST_LINE)];
         for (int at = 0; at < bytes.length; ++at) {
@@ -322,7 +327,7 @@ public class StringsTest {
         return bytes;
     }
 
-    /** The characters of {@code bytes}, read slowly: the longest valid character at each place, or one byte. */
+    /** Decodes {@code bytes}: at each position the longest valid character, otherwise one byte as Latin-1. */
     private static String read(byte[] bytes) {
         StringBuilder text = new StringBuilder();
         int at = 0;
@@ -339,7 +344,7 @@ public class StringsTest {
         return text.toString();
     }
 
-    /** The character whose one form these bytes are, or null. */
+    /** The character encoded by exactly these bytes, or null. */
     private static String valid(byte[] bytes) {
         int bits = bytes.length == 1 ? bytes[0] & 0xFF : bytes[0] & (0x7F >> bytes.length);
         for (int i = 1; i < bytes.length; ++i) {
@@ -349,7 +354,7 @@ public class StringsTest {
         return isCharacter ? Character.toString(bits) : null;
     }
 
-    /** The one form of a character: U+0000 in two bytes, surrogates like other characters. */
+    /** The encoding of a character: U+0000 as two bytes, surrogates like other characters. */
     private static byte[] encoded(int c) {
         if (c > 0 && c < 0x80) {
             return new byte[] {(byte) c};

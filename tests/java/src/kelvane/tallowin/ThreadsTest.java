@@ -20,7 +20,12 @@ import org.junit.function.ThrowingRunnable;
 import org.junit.rules.TemporaryFolder;
 import org.junit.rules.Timeout;
 
-/** Objects between several threads, and objects that nobody closes. */
+/**
+ * Objects used by several threads, and objects that are never closed.
+ *
+ * <p>A call is held in the library by a server that does not respond yet, or by a pipe. Meanwhile other threads try to
+ * close the object, to call it, or to use other objects. Unclosed objects must be freed after garbage collection.
+ */
 public class ThreadsTest {
     private static final int LIMIT_SECONDS = 60;
     private static final String ERROR = "<KVX MSGTYPE=\"Error\" MESSAGE=\"late\"/>";
@@ -43,7 +48,7 @@ public class ThreadsTest {
         return task.get(LIMIT_SECONDS, TimeUnit.SECONDS);
     }
 
-    /** How {@code call} fails, told by another thread. */
+    /** Runs {@code call} in another thread. The result is its failure. */
     private static FutureTask<String> failing(ThrowingRunnable call) {
         return start("caller", () -> {
             try {
@@ -97,7 +102,7 @@ public class ThreadsTest {
     }
 
     @Test
-    public void aMessageOnItsWayCannotBeClosed() throws Exception {
+    public void aMessageBeingSentCannotBeClosed() throws Exception {
         try (LocalServer server = new LocalServer(); MessageFactory factory = new MessageFactory()) {
             factory.Open(account(server).path().toString());
             try (MessageObject request = factory.CreateRequest("Status")) {
@@ -119,7 +124,7 @@ public class ThreadsTest {
     }
 
     @Test
-    public void aFactoryAtWorkCannotBeClosed() throws Exception {
+    public void aFactoryInUseCannotBeClosed() throws Exception {
         Path directory = BusyCall.directory(folder.getRoot().toPath());
         try (MessageFactory factory = new MessageFactory()) {
             BusyCall busy = new BusyCall(factory, "MessageFactory", directory);
@@ -131,7 +136,7 @@ public class ThreadsTest {
     }
 
     @Test
-    public void anotherObjectIsNotHeldUp() throws Exception {
+    public void anotherObjectIsNotBlocked() throws Exception {
         try (LocalServer server = new LocalServer(); ConfigurationSetup setup = new ConfigurationSetup()) {
             Path directory = account(server).path();
             setup.SetConfiguration(directory.toString());
@@ -151,7 +156,7 @@ public class ThreadsTest {
         Path directory = BusyCall.directory(folder.getRoot().toPath());
         try (MessageObject message = new MessageObject()) {
             message.FromString("<KVX KEYID=\"early\" MSGTYPE=\"early\"/>");
-            // Opening the message reads the key's name, which is not there yet...
+            // Opening the message blocks in reading the key's name...
             BusyCall open = new BusyCall(message, "MessageObject", directory);
             CountDownLatch started = new CountDownLatch(1);
             FutureTask<String> waiting = start("kvx-waiting", () -> {
@@ -162,13 +167,13 @@ public class ThreadsTest {
             awaitSleep("kvx-waiting");
             assertFalse(waiting.isDone());
             open.finish("late");
-            // ...and whoever asked for it meanwhile gets it.
+            // ...and a call made meanwhile returns the new name.
             assertEquals("late", result(waiting));
             assertEquals("ERROR", message.GetAttribute("MSGTYPE"));
         }
     }
 
-    /** Waits until the system has put the thread of that name to sleep. */
+    /** Waits until the thread of that name is blocked. */
     private static void awaitSleep(String name) throws IOException {
         long end = System.nanoTime() + TimeUnit.SECONDS.toNanos(LIMIT_SECONDS);
         while (System.nanoTime() < end) {
@@ -179,7 +184,7 @@ public class ThreadsTest {
             }
             Thread.onSpinWait();
         }
-        throw new AssertionError("the thread " + name + " does not wait");
+        throw new AssertionError("the thread " + name + " is not blocked");
     }
 
     private static boolean isAsleep(Path task, String name) {
@@ -247,46 +252,46 @@ public class ThreadsTest {
         }
     }
 
-    /** Watches over an object that nobody else knows. */
-    private static final class Orphan {
+    /** An object without any other reference to it. */
+    private static final class UnreachableObject {
         final WeakReference<Object> owner;
-        final Forgotten forgotten;
+        final UnclosedObject unclosed;
         final int handle;
 
-        Orphan(Object owner) throws ReflectiveOperationException {
+        UnreachableObject(Object owner) throws ReflectiveOperationException {
             this.owner = new WeakReference<>(owner);
-            forgotten = new Forgotten(owner);
+            unclosed = new UnclosedObject(owner);
             handle = handleOf(owner);
         }
 
         void awaitFreed() throws ReflectiveOperationException {
             long end = System.nanoTime() + TimeUnit.SECONDS.toNanos(LIMIT_SECONDS);
-            while (!forgotten.isFreed() && System.nanoTime() < end) {
+            while (!unclosed.isFreed() && System.nanoTime() < end) {
                 System.gc();
             }
-            assertTrue("a forgotten object is not freed", forgotten.isFreed());
+            assertTrue("an unclosed object is not freed", unclosed.isFreed());
             assertNull(owner.get());
         }
     }
 
     @Test
-    public void aForgottenObjectIsFreed() throws Throwable {
+    public void anUnclosedObjectIsFreed() throws Throwable {
         for (String className : NativeMethod.classNames()) {
             Class<?> type = Variant.classIn(getClass().getClassLoader(), className);
-            Orphan orphan = new Orphan(type.getConstructor().newInstance());
-            assertTrue(orphan.handle != 0);
-            orphan.awaitFreed();
-            assertGone(type, className, orphan.handle);
+            UnreachableObject object = new UnreachableObject(type.getConstructor().newInstance());
+            assertTrue(object.handle != 0);
+            object.awaitFreed();
+            assertGone(type, className, object.handle);
         }
     }
 
     @Test
-    public void aForgottenMessageOfAFactoryIsFreed() throws Throwable {
+    public void anUnclosedMessageOfAFactoryIsFreed() throws Throwable {
         try (MessageFactory factory = new MessageFactory()) {
             factory.Open(new AccountDirectory(folder.newFolder().toPath()).path().toString());
-            Orphan orphan = new Orphan(factory.CreatePayInit());
-            orphan.awaitFreed();
-            assertGone(MessageObject.class, "MessageObject", orphan.handle);
+            UnreachableObject object = new UnreachableObject(factory.CreatePayInit());
+            object.awaitFreed();
+            assertGone(MessageObject.class, "MessageObject", object.handle);
         }
     }
 
@@ -303,7 +308,7 @@ public class ThreadsTest {
     }
 
     @Test
-    public void anObjectInUseIsNotForgotten() throws Exception {
+    public void anObjectInUseIsNotFreed() throws Exception {
         try (LocalServer server = new LocalServer()) {
             String directory = account(server).path().toString();
             FutureTask<String> call = failing(() -> {
@@ -312,8 +317,8 @@ public class ThreadsTest {
                 setup.Reconfigure("", "demo", "demo");
             });
             server.awaitRequest();
-            // The call itself is the last that knows the object.
-            new Orphan(new MessageObject()).awaitFreed();
+            // Only the running call still refers to the object.
+            new UnreachableObject(new MessageObject()).awaitFreed();
             server.answer(ERROR);
             assertEquals(Failure.text(0x80040213, "ConfigurationSetup::Reconfigure(): the request failed (late)"),
                          result(call));
@@ -343,7 +348,7 @@ public class ThreadsTest {
         thread.setDaemon(true);
         thread.start();
         String written = result(task);
-        // The innermost element is written in its short form, and the key's name has been added.
+        // The innermost element is written as an empty-element tag, and KEYID has been added.
         String expected = text.toString().replace("DEEP=\"yes\"", "DEEP=\"yes\" KEYID=\"\"").replace("<a></a>", "<a/>");
         assertEquals(expected, written);
     }

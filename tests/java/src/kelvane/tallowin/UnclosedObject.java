@@ -3,16 +3,15 @@ package kelvane.tallowin;
 import java.lang.reflect.Field;
 
 /**
- * Tells when the native object of a forgotten owner has been freed.
+ * Reports whether the native object of an unclosed owner has been freed.
  *
- * <p>Asks the owner's {@link Reclaimer}. The native object itself cannot be asked while it may be freed at any moment:
- * a call on it would be in the way.
+ * <p>Reads the handle in the owner's {@link Reclaimer}. A call on the native object would keep it from being freed.
  */
-final class Forgotten {
+final class UnclosedObject {
     private final Reclaimer reclaimer;
 
-    /** @param owner is not kept */
-    Forgotten(Object owner) throws ReflectiveOperationException {
+    /** @param owner no reference to it is kept */
+    UnclosedObject(Object owner) throws ReflectiveOperationException {
         Field field = owner.getClass().getDeclaredField("reclaimer");
         field.setAccessible(true);
         reclaimer = (Reclaimer) field.get(owner);

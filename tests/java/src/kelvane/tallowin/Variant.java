@@ -12,11 +12,11 @@ import javax.tools.JavaCompiler;
 import javax.tools.ToolProvider;
 
 /**
- * The package's classes once more, in another class loader or virtual machine: with the native methods and a field of
- * the test's choice, without the rest.
+ * Other versions of the package's classes, for another class loader or virtual machine. They have the native methods, a
+ * handle field chosen by the test and no other code; KVXException is a source text or missing.
  */
 final class Variant {
-    /** The field as it is to be. */
+    /** The correct field. */
     static final String HANDLE_FIELD = "private int m_Handle;";
 
     private final Path classes;
@@ -24,9 +24,9 @@ final class Variant {
     /**
      * Compiles the classes.
      *
-     * @param directory       an empty one
-     * @param field           the declaration of the field, or nothing
-     * @param exceptionSource the body of KVXException; null for no such class
+     * @param directory       an empty directory
+     * @param field           the declaration of the handle field; empty for none
+     * @param exceptionSource the source of KVXException; null for none
      */
     Variant(Path directory, String field, String exceptionSource) throws IOException {
         Path sources = Files.createDirectory(directory.resolve("sources"));
@@ -47,10 +47,10 @@ final class Variant {
     }
 
     /**
-     * A class loader with these classes and a library of its own.
+     * Creates a class loader with these classes and its own copy of the library.
      *
-     * @param directory where the copy of the library is put: a virtual machine binds a file to one class loader only
-     * @param more      further places of classes
+     * @param directory gets the copy, because a virtual machine binds a library file to one class loader only
+     * @param more      more directories or jars with classes
      */
     URLClassLoader load(Path directory, Path... more) throws IOException, ReflectiveOperationException {
         List<URL> places = new ArrayList<>();
