@@ -29,7 +29,7 @@ static int ok(char const* what, int32_t code) {
 }
 
 /* Registers the directory with the service, once in its life: the name of the current key is written last. */
-static int set_up(char const* directory, char const* service, char const* user, char const* password) {
+static int setUp(char const* directory, char const* service, char const* user, char const* password) {
     KVX_HANDLE setup = CreateConfigurationSetup();
     int32_t size = 0;
     int done = ok("choosing the directory", ConfigurationSetup_SetConfiguration(setup, directory));
@@ -41,7 +41,7 @@ static int set_up(char const* directory, char const* service, char const* user, 
 }
 
 /* Prints the signed URL of `payment`. Asks for its size first, then for the text. */
-static int print_url(KVX_HANDLE payment) {
+static int printUrl(KVX_HANDLE payment) {
     int32_t size = 0;
     char* url = NULL;
     int done = 0;
@@ -58,14 +58,14 @@ static int print_url(KVX_HANDLE payment) {
 }
 
 /* Starts a payment. A shop stores `token` with the order, and sends the browser to the URL. */
-static int start_payment(KVX_HANDLE factory, char* token, int32_t token_size) {
+static int startPayment(KVX_HANDLE factory, char* token, int32_t tokenSize) {
     KVX_HANDLE payment = NULL;
     int done = ok("creating a payment", MessageFactory_CreatePayInit(factory, &payment)) &&
                ok("setting ORDERID", MessageObject_SetAttribute(payment, "ORDERID", "1001")) &&
                ok("setting AMOUNT", MessageObject_SetAttribute(payment, "AMOUNT", kAmount)) &&
                ok("setting CURRENCY", MessageObject_SetAttribute(payment, "CURRENCY", kCurrency)) &&
-               ok("reading TOKEN", MessageObject_GetAttribute(payment, "TOKEN", &token_size, token)) &&
-               print_url(payment);
+               ok("reading TOKEN", MessageObject_GetAttribute(payment, "TOKEN", &tokenSize, token)) &&
+               printUrl(payment);
     DestroyMessageObject(payment);
     return done;
 }
@@ -87,7 +87,7 @@ static void decode(char* text) {
 
 /* The decoded value of a query parameter; `key` is "?NAME=" or "&NAME=". Null when absent. Every web framework does
  * this for a shop. */
-static char* take_parameter(char* address, char const* key) {
+static char* takeParameter(char* address, char const* key) {
     char* value = strstr(address, key);
     if (value != NULL) {
         value += strlen(key);
@@ -110,13 +110,13 @@ static int is(KVX_HANDLE message, char const* name, char const* wanted) {
 /* The heart of it. A good signature alone proves little: the message must also be a confirmation, of this very payment,
  * over the whole amount, and say that it was paid; cancelled payments are confirmed as well. `id` receives the
  * payment's identifier. */
-static int is_paid(KVX_HANDLE factory, char const* data, char const* signature, char const* token, char* id,
-                   int32_t id_size) {
+static int isPaid(KVX_HANDLE factory, char const* data, char const* signature, char const* token, char* id,
+                  int32_t idSize) {
     KVX_HANDLE message = NULL;
     int paid = ok("verifying", MessageFactory_VerifyPayConfirm(factory, data, signature, &message)) &&
                is(message, "MSGTYPE", "PayConfirm") && is(message, "TOKEN", token) && is(message, "AMOUNT", kAmount) &&
                is(message, "CURRENCY", kCurrency) && is(message, "RESULT", "authorised") &&
-               ok("reading ID", MessageObject_GetAttribute(message, "ID", &id_size, id));
+               ok("reading ID", MessageObject_GetAttribute(message, "ID", &idSize, id));
     DestroyMessageObject(message);
     return paid;
 }
@@ -150,7 +150,7 @@ static int sell(KVX_HANDLE factory, char const* directory) {
     char* data = NULL;
     char* signature = NULL;
     if (!ok("opening the factory", MessageFactory_Open(factory, directory)) ||
-        !start_payment(factory, token, sizeof token)) {
+        !startPayment(factory, token, sizeof token)) {
         return 0;
     }
     printf("Paste the address at which the browser ended:\n");
@@ -159,13 +159,13 @@ static int sell(KVX_HANDLE factory, char const* directory) {
         fprintf(stderr, "no address was given\n");
         return 0;
     }
-    signature = take_parameter(address, "&SIGNATURE="); /* the later one first, decoding ends the text */
-    data = take_parameter(address, "?DATA=");
+    signature = takeParameter(address, "&SIGNATURE="); /* the later one first, decoding ends the text */
+    data = takeParameter(address, "?DATA=");
     if (data == NULL || signature == NULL) {
         fprintf(stderr, "the address holds no DATA and SIGNATURE\n");
         return 0;
     }
-    if (!is_paid(factory, data, signature, token, id, sizeof id) || !capture(directory, data) ||
+    if (!isPaid(factory, data, signature, token, id, sizeof id) || !capture(directory, data) ||
         !complete(factory, id, token)) {
         return 0;
     }
@@ -182,7 +182,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     factory = CreateMessageFactory();
-    done = set_up(argv[1], argv[2], argv[3], password) && sell(factory, argv[1]);
+    done = setUp(argv[1], argv[2], argv[3], password) && sell(factory, argv[1]);
     DestroyMessageFactory(factory);
     return done ? EXIT_SUCCESS : EXIT_FAILURE;
 }

@@ -28,7 +28,7 @@ static void must(int32_t code) {
 }
 
 /* Ends the program unless the message has this value under this name. */
-static void must_be(KVX_HANDLE message, char const* name, char const* wanted) {
+static void mustBe(KVX_HANDLE message, char const* name, char const* wanted) {
     char value[256];
     int32_t size = sizeof value;
     must(MessageObject_GetAttribute(message, name, &size, value));
@@ -38,7 +38,7 @@ static void must_be(KVX_HANDLE message, char const* name, char const* wanted) {
     }
 }
 
-static void read_line(char* line, int size) {
+static void readLine(char* line, int size) {
     if (fgets(line, size, stdin) == NULL || strchr(line, '\n') == NULL) {
         fprintf(stderr, "DATA and SIGNATURE are wanted, each on a line\n");
         exit(EXIT_FAILURE);
@@ -47,15 +47,15 @@ static void read_line(char* line, int size) {
 }
 
 /* A shop redirects the browser to `url`, and its page for returning shoppers receives the two. */
-static void send_shopper_to(char const* url) {
+static void sendShopperTo(char const* url) {
     printf("%s\n", url);
     fflush(stdout);
-    read_line(data, sizeof data);
-    read_line(signature, sizeof signature);
+    readLine(data, sizeof data);
+    readLine(signature, sizeof signature);
 }
 
 /* Done once for an account. */
-static void set_up(char const* directory, char const* service) {
+static void setUp(char const* directory, char const* service) {
     KVX_HANDLE setup = CreateConfigurationSetup();
     must(ConfigurationSetup_SetConfiguration(setup, directory));
     must(ConfigurationSetup_Reconfigure(setup, service, "demo", "demo"));
@@ -66,20 +66,20 @@ static void sell(char const* directory) {
     /* [quickstart] */
     KVX_HANDLE shop = CreateMessageFactory(), order = NULL, paid = NULL, capture = CreateMessageObject();
     char url[4096], token[64];
-    int32_t url_size = sizeof url, token_size = sizeof token;
+    int32_t urlSize = sizeof url, tokenSize = sizeof token;
     must(MessageFactory_Open(shop, directory));
     must(MessageFactory_CreatePayInit(shop, &order));
     must(MessageObject_SetAttribute(order, "AMOUNT", "19.90"));
     must(MessageObject_SetAttribute(order, "CURRENCY", "EUR"));
-    must(MessageObject_GetAttribute(order, "TOKEN", &token_size, token));
-    must(MessageObject_GetURL(order, &url_size, url));
-    send_shopper_to(url); /* who comes back to the shop with DATA and SIGNATURE */
+    must(MessageObject_GetAttribute(order, "TOKEN", &tokenSize, token));
+    must(MessageObject_GetURL(order, &urlSize, url));
+    sendShopperTo(url); /* who comes back to the shop with DATA and SIGNATURE */
     must(MessageFactory_VerifyPayConfirm(shop, data, signature, &paid));
-    must_be(paid, "MSGTYPE", "PayConfirm");
-    must_be(paid, "RESULT", "authorised");
-    must_be(paid, "TOKEN", token);
-    must_be(paid, "AMOUNT", "19.90");
-    must_be(paid, "CURRENCY", "EUR");
+    mustBe(paid, "MSGTYPE", "PayConfirm");
+    mustBe(paid, "RESULT", "authorised");
+    mustBe(paid, "TOKEN", token);
+    mustBe(paid, "AMOUNT", "19.90");
+    mustBe(paid, "CURRENCY", "EUR");
     must(MessageObject_Open(capture, directory));
     must(MessageObject_FromString(capture, data));
     must(MessageObject_Capture(capture));
@@ -96,7 +96,7 @@ int main(int argc, char** argv) {
         fprintf(stderr, "usage: %s DIRECTORY SERVICE\n", argv[0]);
         return 2;
     }
-    set_up(argv[1], argv[2]);
+    setUp(argv[1], argv[2]);
     sell(argv[1]);
     return EXIT_SUCCESS;
 }
