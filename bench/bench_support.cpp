@@ -17,18 +17,18 @@ namespace kvxbench {
 namespace {
 
 struct Ratio {
-    std::string label;
-    std::string measured;
-    std::string base;
-    double divisor;
-    Clock clock;
+    std::string m_Label;
+    std::string m_Measured;
+    std::string m_Base;
+    double m_Divisor;
+    Clock m_Clock;
 };
 
 struct Bytes {
-    std::string label;
-    double ours;
-    std::string other;
-    double theirs;
+    std::string m_Label;
+    double m_Ours;
+    std::string m_Other;
+    double m_Theirs;
 };
 
 std::vector<Ratio> g_Ratios;
@@ -71,12 +71,12 @@ private:
 
 /// False when a side has not run.
 bool printRatio(Ratio const& ratio, Collector const& times) {
-    auto const measured = [&](double part) { return times.quantile(ratio.measured, ratio.clock, part); };
-    auto const base = [&](double part) { return times.quantile(ratio.base, ratio.clock, part) * ratio.divisor; };
+    auto const measured = [&](double part) { return times.quantile(ratio.m_Measured, ratio.m_Clock, part); };
+    auto const base = [&](double part) { return times.quantile(ratio.m_Base, ratio.m_Clock, part) * ratio.m_Divisor; };
     if (base(0.5) <= 0 || measured(0.5) <= 0) {
         return false;
     }
-    std::printf("%-62s %8.2f   %.2f to %.2f\n", ratio.label.c_str(), measured(0.5) / base(0.5),
+    std::printf("%-62s %8.2f   %.2f to %.2f\n", ratio.m_Label.c_str(), measured(0.5) / base(0.5),
                 measured(0.25) / base(0.75), measured(0.75) / base(0.25));
     return true;
 }
@@ -134,8 +134,8 @@ int run(int argc, char** argv) {
         printed += printRatio(ratio, times) ? 1U : 0U;
     }
     for (Bytes const& bytes : g_Bytes) {
-        std::printf("%-62s %8.2f   %.0f bytes, %s %.0f\n", bytes.label.c_str(), bytes.ours / bytes.theirs, bytes.ours,
-                    bytes.other.c_str(), bytes.theirs);
+        std::printf("%-62s %8.2f   %.0f bytes, %s %.0f\n", bytes.m_Label.c_str(), bytes.m_Ours / bytes.m_Theirs,
+                    bytes.m_Ours, bytes.m_Other.c_str(), bytes.m_Theirs);
     }
     return printed == 0 ? 1 : 0;
 }

@@ -33,8 +33,8 @@ using kvxbench::require;
 
 /// Keys in no order, as both sides know them.
 struct Keys {
-    std::vector<std::string> plain;
-    std::vector<TbString> ours;
+    std::vector<std::string> m_Plain;
+    std::vector<TbString> m_Ours;
 };
 
 std::shared_ptr<Keys const> makeKeys(std::size_t count) {
@@ -42,10 +42,10 @@ std::shared_ptr<Keys const> makeKeys(std::size_t count) {
     std::mt19937_64 random(count);
     for (std::size_t i = 0; i < count; ++i) {
         // The number makes them different.
-        keys->plain.push_back(std::to_string(random() % 1000000) + "-" + std::to_string(i));
+        keys->m_Plain.push_back(std::to_string(random() % 1000000) + "-" + std::to_string(i));
     }
-    for (std::string const& key : keys->plain) {
-        keys->ours.emplace_back(key.c_str());
+    for (std::string const& key : keys->m_Plain) {
+        keys->m_Ours.emplace_back(key.c_str());
     }
     return keys;
 }
@@ -73,7 +73,7 @@ private:
 std::unique_ptr<TbStrMap> filledMap(Keys const& keys) {
     auto map = std::make_unique<TbStrMap>();
     TbString const value("some value");
-    for (TbString const& key : keys.ours) {
+    for (TbString const& key : keys.m_Ours) {
         (*map)[key] = value;
     }
     return map;
@@ -82,7 +82,7 @@ std::unique_ptr<TbStrMap> filledMap(Keys const& keys) {
 std::unique_ptr<PlainMap> filledPlainMap(Keys const& keys) {
     auto map = std::make_unique<PlainMap>();
     std::string const value("some value");
-    for (std::string const& key : keys.plain) {
+    for (std::string const& key : keys.m_Plain) {
         map->put(key, value);
     }
     return map;
@@ -90,7 +90,7 @@ std::unique_ptr<PlainMap> filledPlainMap(Keys const& keys) {
 
 std::unique_ptr<TbRBTree> filledTree(Keys const& keys) {
     auto tree = std::make_unique<TbRBTree>();
-    for (TbString const& key : keys.ours) {
+    for (TbString const& key : keys.m_Ours) {
         tree->put(key);
     }
     return tree;
@@ -115,27 +115,27 @@ void addSize(std::size_t count) {
         [keys] { benchmark::DoNotOptimize(filledPlainMap(*keys)); });
     std::shared_ptr<TbStrMap const> const map = filledMap(*keys);
     std::shared_ptr<PlainMap const> const plain = filledPlainMap(*keys);
-    require(countFound(*map, keys->ours) == count && countFound(*plain, keys->plain) == count, "a key is missing");
+    require(countFound(*map, keys->m_Ours) == count && countFound(*plain, keys->m_Plain) == count, "a key is missing");
     kvxbench::addPair(
-        "TbStrMap find " + size, [keys, map] { benchmark::DoNotOptimize(countFound(*map, keys->ours)); }, "std::map",
-        [keys, plain] { benchmark::DoNotOptimize(countFound(*plain, keys->plain)); });
+        "TbStrMap find " + size, [keys, map] { benchmark::DoNotOptimize(countFound(*map, keys->m_Ours)); }, "std::map",
+        [keys, plain] { benchmark::DoNotOptimize(countFound(*plain, keys->m_Plain)); });
 
     kvxbench::addPair(
         "TbRBTree put " + size, [keys] { benchmark::DoNotOptimize(filledTree(*keys)); }, "std::set",
-        [keys] { benchmark::DoNotOptimize(std::set<std::string>(keys->plain.begin(), keys->plain.end())); });
+        [keys] { benchmark::DoNotOptimize(std::set<std::string>(keys->m_Plain.begin(), keys->m_Plain.end())); });
     std::shared_ptr<TbRBTree const> const tree = filledTree(*keys);
-    auto const set = std::make_shared<std::set<std::string> const>(keys->plain.begin(), keys->plain.end());
-    require(countFound(*tree, keys->ours) == count && countFound(*set, keys->plain) == count, "a key is missing");
+    auto const set = std::make_shared<std::set<std::string> const>(keys->m_Plain.begin(), keys->m_Plain.end());
+    require(countFound(*tree, keys->m_Ours) == count && countFound(*set, keys->m_Plain) == count, "a key is missing");
     kvxbench::addPair(
-        "TbRBTree find " + size, [keys, tree] { benchmark::DoNotOptimize(countFound(*tree, keys->ours)); }, "std::set",
-        [keys, set] { benchmark::DoNotOptimize(countFound(*set, keys->plain)); });
+        "TbRBTree find " + size, [keys, tree] { benchmark::DoNotOptimize(countFound(*tree, keys->m_Ours)); },
+        "std::set", [keys, set] { benchmark::DoNotOptimize(countFound(*set, keys->m_Plain)); });
 }
 
 void addRemoval(std::size_t count) {
     std::shared_ptr<Keys const> const keys = makeKeys(count);
     kvxbench::add("TbStrMap put and remove " + std::to_string(count), [keys] {
         auto const map = filledMap(*keys);
-        for (TbString const& key : keys->ours) {
+        for (TbString const& key : keys->m_Ours) {
             map->remove(key);
         }
         require(map->count() == 0, "something is left in the map");
@@ -160,8 +160,8 @@ void setUp() {
         addSize(count);
     }
     struct Grown {
-        std::string what;
-        std::string side;
+        std::string m_What;
+        std::string m_Side;
     };
     for (auto const& [what, side] :
          {Grown{"TbStrMap put", "ours"}, Grown{"TbStrMap put", "std::map"}, Grown{"TbStrMap find", "ours"},

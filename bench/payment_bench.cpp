@@ -23,8 +23,8 @@ namespace {
 using kvxbench::require;
 
 struct Field {
-    char const* name;
-    char const* value;
+    char const* m_Name;
+    char const* m_Value;
 };
 
 constexpr Field kOrder[] = {{"AMOUNT", "1250"}, {"CURRENCY", "EUR"}, {"ORDERID", "A & B 4711"}, {"DESCRIPTION", "Tea"}};
@@ -41,7 +41,7 @@ std::string oursUrl(KVX_HANDLE factory) {
     KVX_HANDLE message = nullptr;
     require(MessageFactory_CreatePayInit(factory, &message) == KVX_OK, "no payment");
     for (Field const& field : kOrder) {
-        require(MessageObject_SetAttribute(message, field.name, field.value) == KVX_OK, "no attribute");
+        require(MessageObject_SetAttribute(message, field.m_Name, field.m_Value) == KVX_OK, "no attribute");
     }
     std::vector<char> url(4096);
     auto size = static_cast<std::int32_t>(url.size());
@@ -114,7 +114,7 @@ std::string plainUrl(std::string const& directory) {
     }
     message += " EXPIRATION=\"" + expiry(escapedAttribute(defaults, "PAYINITTTL")) + '"';
     for (Field const& field : kOrder) {
-        message += std::string(" ") + field.name + "=\"" + escape(field.value) + '"';
+        message += std::string(" ") + field.m_Name + "=\"" + escape(field.m_Value) + '"';
     }
     message += "/>";
     std::string const signature = plain::sign(message, plain::readFile(directory + "/keys/private/" + keyId));
