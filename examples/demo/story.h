@@ -14,12 +14,6 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-/// "0 ok", or a result code in hexadecimal with its text.
-std::string resultText(std::int32_t code);
-
-/// A message with one attribute a line.
-std::string spread(std::string const& message);
-
 /// Tells the walk on standard output and keeps its steps for the table at the end.
 class Story {
 public:

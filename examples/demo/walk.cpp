@@ -4,7 +4,18 @@
 #include <filesystem>
 #include <vector>
 
+#include "../common/printable.h"
+
 namespace demo {
+
+using examples::attributeOf;
+using examples::attributePerLine;
+using examples::CopiedText;
+using examples::copiedText;
+using examples::MessageHandle;
+using examples::messageText;
+using examples::SetupHandle;
+using examples::urlOf;
 
 namespace {
 
@@ -107,7 +118,7 @@ void Walk::openPayment(Order& order) {
                  "signed, " + std::to_string(url.m_Text.size()) + " characters");
     order.m_Token = token.m_Text;
     order.m_Url = url.m_Text;
-    m_Story.show("The message:", spread(messageText(payment)));
+    m_Story.show("The message:", attributePerLine(messageText(payment)));
     m_Story.show("Its signature by our key:", queryValue(order.m_Url, "SIGNATURE"));
     m_Story.show("Both as the payment URL:", order.m_Url);
 }
@@ -139,7 +150,7 @@ Visit Walk::decide(Order const& order, Answer const& page, std::string const& de
 }
 
 void Walk::showConfirmation(Visit const& visit) const {
-    m_Story.show("The shop's web server got DATA, percent-decoded:", spread(visit.m_Data));
+    m_Story.show("The shop's web server got DATA, percent-decoded:", attributePerLine(visit.m_Data));
     m_Story.show("and SIGNATURE, said to be the service's:", visit.m_Signature);
 }
 
@@ -185,7 +196,7 @@ void Walk::capture() {
         "library signs it, sends it to the service and checks the answer.");
     MessageHandle message(CreateMessageObject());
     fillForCapture(message, m_BookPaid);
-    m_Story.show("The message that is sent, KEYID now names our own key:", spread(messageText(message)));
+    m_Story.show("The message that is sent, KEYID now names our own key:", attributePerLine(messageText(message)));
     m_Story.call("MessageObject_Capture", MessageObject_Capture(message.get()), KVX_OK, "the money is ours");
     askState(m_Book, "captured");
 }
@@ -213,7 +224,7 @@ void Walk::complete() {
     MessageHandle completed;
     m_Story.call("MessageObject_Execute", MessageObject_Execute(completion.get(), completed.out()), KVX_OK,
                  "sent, PayCompleteResponse came back");
-    m_Story.show("The answer:", spread(messageText(completed)));
+    m_Story.show("The answer:", attributePerLine(messageText(completed)));
     askState(m_Book, "completed");
 }
 

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "merchanthandle.h"
+#include "../common/libraryhandle.h"
 #include "shop.h"
 #include "shopper.h"
 #include "story.h"
@@ -53,13 +53,13 @@ private:
     void showConfirmation(Visit const& visit) const;
 
     /// A message object that holds the text of `confirmation` and can be captured.
-    void fillForCapture(MessageHandle& message, Visit const& confirmation);
+    void fillForCapture(examples::MessageHandle& message, Visit const& confirmation);
 
     /// Asks the service for the state of the order's payment.
     void askState(Order const& order, std::string const& expected);
 
     /// What speaks against delivering `order` on this verified message; "accepted" when nothing does.
-    [[nodiscard]] static std::string judge(MessageHandle const& message, Order const& order);
+    [[nodiscard]] static std::string judge(examples::MessageHandle const& message, Order const& order);
 
     /// The signature of `data` must not verify.
     void mustRefuse(std::string const& trick, std::string const& data, std::string const& signature,
@@ -71,7 +71,7 @@ private:
     Scene m_Scene;
     Story& m_Story;
     Shop m_Shop;
-    FactoryHandle m_Factory{CreateMessageFactory()};
+    examples::FactoryHandle m_Factory{CreateMessageFactory()};
     Order m_Book{"1001", "19.90", "EUR", "", ""};
     Order m_Lamp{"1002", "249.00", "EUR", "", ""};
     Visit m_BookPaid;

@@ -6,6 +6,8 @@
 /// The chapters about what must not get through.
 namespace demo {
 
+using examples::MessageHandle;
+
 namespace {
 
 /// `text` with the one occurrence of `from` replaced. Throws std::logic_error when it is not there: the trick would

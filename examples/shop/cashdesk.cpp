@@ -4,17 +4,17 @@
 
 #include <utility>
 
-#include "../demo/merchanthandle.h"
-#include "../demo/story.h"
+#include "../common/libraryhandle.h"
+#include "../common/printable.h"
 
 namespace storefront {
 
 namespace {
 
-using demo::CopiedText;
-using demo::FactoryHandle;
-using demo::MessageHandle;
-using demo::SetupHandle;
+using examples::CopiedText;
+using examples::FactoryHandle;
+using examples::MessageHandle;
+using examples::SetupHandle;
 
 constexpr char kRefused[] = "This confirmation is refused";
 
@@ -25,7 +25,7 @@ std::string callFor(char const* function, char const* what) {
 
 /// Notes a call. True when it went well: compare with KVX_OK, never with "less than 0".
 bool noted(Calls& calls, std::string const& function, std::int32_t code) {
-    calls.push_back({function, demo::resultText(code)});
+    calls.push_back({function, examples::resultText(code)});
     return code == KVX_OK;
 }
 
@@ -58,12 +58,12 @@ std::string whyNotVerified(std::int32_t code) {
         case KVX_E_INVALID_FORMAT:
             return "It is not a message.";
         default:
-            return "It could not be verified: " + demo::resultText(code);
+            return "It could not be verified: " + examples::resultText(code);
     }
 }
 
 CopiedText fromDirectory(SetupHandle const& setup, std::string const& file, char const* name) {
-    return demo::copiedText([&](std::int32_t* size, char* buffer) {
+    return examples::copiedText([&](std::int32_t* size, char* buffer) {
         return ConfigurationSetup_GetAttribute(setup.get(), file.c_str(), name, size, buffer);
     });
 }
@@ -82,7 +82,7 @@ struct Demand {
 
 /// Returns the value. Throws Objection when it is none of those that are demanded.
 std::string check(MessageHandle const& message, Demand const& demand, Calls& calls) {
-    CopiedText const found = demo::attributeOf(message, demand.m_Name);
+    CopiedText const found = examples::attributeOf(message, demand.m_Name);
     bool const there = noted(calls, callFor("MessageObject_GetAttribute", demand.m_Name), found.m_Code);
     std::string wanted;
     for (std::string const& value : demand.m_Values) {
@@ -117,11 +117,11 @@ Payment CashDesk::openPayment(Order const& order, std::string const& orderAddres
              MessageObject_SetAttribute(payment.get(), name, value.c_str()));
     }
     Payment opened;
-    opened.m_Token = mustCopy(calls, "MessageObject_GetAttribute (TOKEN)", demo::attributeOf(payment, "TOKEN"));
+    opened.m_Token = mustCopy(calls, "MessageObject_GetAttribute (TOKEN)", examples::attributeOf(payment, "TOKEN"));
     opened.m_Expiration =
-        mustCopy(calls, "MessageObject_GetAttribute (EXPIRATION)", demo::attributeOf(payment, "EXPIRATION"));
-    opened.m_Url = mustCopy(calls, "MessageObject_GetURL", demo::urlOf(payment));
-    opened.m_Message = demo::messageText(payment);
+        mustCopy(calls, "MessageObject_GetAttribute (EXPIRATION)", examples::attributeOf(payment, "EXPIRATION"));
+    opened.m_Url = mustCopy(calls, "MessageObject_GetURL", examples::urlOf(payment));
+    opened.m_Message = examples::messageText(payment);
     return opened;
 }
 
@@ -153,7 +153,7 @@ CashDesk::Reading CashDesk::read(std::string const& data, std::string const& sig
          ConfigurationSetup_SetConfiguration(setup.get(), m_Account.directory().c_str()));
     reading.m_ServerKey =
         mustCopy(calls, "ConfigurationSetup_GetAttribute (VTKEYID)", fromDirectory(setup, "config.xml", "VTKEYID"));
-    std::string const key = demo::attributeOf(*reading.m_Message, "KEYID").m_Text;
+    std::string const key = examples::attributeOf(*reading.m_Message, "KEYID").m_Text;
     // What our own key signed, as every payment message in a visitor's address, tells nothing of the service's keys.
     reading.m_ByUnknownKey = key != reading.m_ServerKey && !isOwnKey(setup, key);
     return reading;
@@ -194,10 +194,10 @@ Confirmation CashDesk::verify(Order const& order, std::vector<std::string> const
     for (Demand const& demand : demands) {
         check(message, demand, calls);
     }
-    std::string const token = demo::attributeOf(message, "TOKEN").m_Text;
+    std::string const token = examples::attributeOf(message, "TOKEN").m_Text;
     std::string const result =
         check(message, {"RESULT", results, "It tells of another outcome than this address."}, calls);
-    std::string const id = mustCopy(calls, "MessageObject_GetAttribute (ID)", demo::attributeOf(message, "ID"));
+    std::string const id = mustCopy(calls, "MessageObject_GetAttribute (ID)", examples::attributeOf(message, "ID"));
     return {token, id, result, data, signature};
 }
 
@@ -232,7 +232,7 @@ std::string CashDesk::state(std::string const& token, Calls& calls) const {
         noted(calls, "MessageObject_SetAttribute (TOKEN)",
               MessageObject_SetAttribute(question.get(), "TOKEN", token.c_str())) &&
         noted(calls, "MessageObject_Execute (Status)", MessageObject_Execute(question.get(), answer.out()));
-    return answered ? demo::attributeOf(answer, "STATE").m_Text : "";
+    return answered ? examples::attributeOf(answer, "STATE").m_Text : "";
 }
 
 }  // namespace storefront

@@ -5,8 +5,8 @@
 #include <stdexcept>
 #include <system_error>
 
-#include "../demo/merchanthandle.h"
-#include "../demo/story.h"
+#include "../common/libraryhandle.h"
+#include "../common/printable.h"
 
 namespace storefront {
 
@@ -19,14 +19,14 @@ constexpr int kMostWaiting = 8;
 
 void must(char const* what, std::int32_t code) {
     if (code != KVX_OK) {
-        throw std::runtime_error(std::string(what) + ": " + demo::resultText(code));
+        throw std::runtime_error(std::string(what) + ": " + examples::resultText(code));
     }
 }
 
 }  // namespace
 
 void MerchantAccount::setUpOnce() {
-    demo::SetupHandle const setup(CreateConfigurationSetup());
+    examples::SetupHandle const setup(CreateConfigurationSetup());
     std::int32_t const chosen = ConfigurationSetup_SetConfiguration(setup.get(), m_Directory.c_str());
     if (chosen > 0) {  // the system's errno
         throw std::runtime_error("the directory \"" + m_Directory +
@@ -34,7 +34,7 @@ void MerchantAccount::setUpOnce() {
     }
     must("choosing the directory", chosen);
     // The name of the current key is written last.
-    demo::CopiedText const key = demo::copiedText([&](std::int32_t* size, char* buffer) {
+    examples::CopiedText const key = examples::copiedText([&](std::int32_t* size, char* buffer) {
         return ConfigurationSetup_GetAttribute(setup.get(), "keys/current", "", size, buffer);
     });
     if (key.m_Code != KVX_E_CANNOT_OPEN) {
@@ -65,11 +65,11 @@ void MerchantAccount::setUpAgain(Calls& calls) {
     m_SettingUp = false;
     m_Next = std::chrono::steady_clock::now() + (code == KVX_OK ? kPause : kPauseAfterFailure);
     m_Ended.notify_all();
-    calls.push_back({"ConfigurationSetup_Reconfigure", demo::resultText(code)});
+    calls.push_back({"ConfigurationSetup_Reconfigure", examples::resultText(code)});
 }
 
 std::int32_t MerchantAccount::setUp() const {
-    demo::SetupHandle const setup(CreateConfigurationSetup());
+    examples::SetupHandle const setup(CreateConfigurationSetup());
     std::int32_t const chosen = ConfigurationSetup_SetConfiguration(setup.get(), m_Directory.c_str());
     return chosen != KVX_OK
                ? chosen

@@ -1,4 +1,4 @@
-#include "../demo/story.h"
+#include "../common/printable.h"
 #include "markup.h"
 #include "shoppages.h"
 
@@ -91,12 +91,12 @@ std::string orderPage(Order const& order) {
     StateText const state = stateText(order.m_State);
     std::string content = paragraph(state.m_Meaning) + nextStep(order) + surplusOf(order) + articlesOf(order) +
                           "<h2>What happened underneath</h2>\n" +
-                          verbatim("The payment message", demo::spread(order.m_Payment.m_Message)) +
+                          verbatim("The payment message", examples::attributePerLine(order.m_Payment.m_Message)) +
                           verbatim("The payment URL, with the message and its signature", order.m_Payment.m_Url);
     for (auto const& [messenger, confirmation] : order.m_Received) {
         std::string const how =
             messenger == Messenger::kVisitor ? "that came back with you" : "that came by notification";
-        content += verbatim("DATA " + how, demo::spread(confirmation.m_Data)) +
+        content += verbatim("DATA " + how, examples::attributePerLine(confirmation.m_Data)) +
                    verbatim("SIGNATURE " + how, confirmation.m_Signature);
     }
     content += "<h3>Calls of the library</h3>\n" + callsTable(order.m_Calls);

@@ -1,5 +1,5 @@
-#ifndef TALLOWIN_EXAMPLES_DEMO_MERCHANTHANDLE_H
-#define TALLOWIN_EXAMPLES_DEMO_MERCHANTHANDLE_H
+#ifndef TALLOWIN_EXAMPLES_COMMON_LIBRARYHANDLE_H
+#define TALLOWIN_EXAMPLES_COMMON_LIBRARYHANDLE_H
 
 #include <tallowin/tallowin.h>
 
@@ -8,16 +8,16 @@
 #include <stdexcept>
 #include <string>
 
-namespace demo {
+namespace examples {
 
 /// A handle of the library, destroyed with this object.
 template <void (*destroy)(KVX_HANDLE)>
-class Handle {
+class LibraryHandle {
 public:
-    explicit Handle(KVX_HANDLE handle = nullptr) : m_Handle(handle) {}
-    ~Handle() { destroy(m_Handle); }
-    Handle(Handle const&) = delete;
-    Handle& operator=(Handle const&) = delete;
+    explicit LibraryHandle(KVX_HANDLE handle = nullptr) : m_Handle(handle) {}
+    ~LibraryHandle() { destroy(m_Handle); }
+    LibraryHandle(LibraryHandle const&) = delete;
+    LibraryHandle& operator=(LibraryHandle const&) = delete;
 
     [[nodiscard]] KVX_HANDLE get() const { return m_Handle; }
 
@@ -28,9 +28,9 @@ private:
     KVX_HANDLE m_Handle;  ///< Owned; may be null.
 };
 
-using SetupHandle = Handle<DestroyConfigurationSetup>;
-using FactoryHandle = Handle<DestroyMessageFactory>;
-using MessageHandle = Handle<DestroyMessageObject>;
+using SetupHandle = LibraryHandle<DestroyConfigurationSetup>;
+using FactoryHandle = LibraryHandle<DestroyMessageFactory>;
+using MessageHandle = LibraryHandle<DestroyMessageObject>;
 
 /// A text that the library copied out, or why it did not.
 struct CopiedText {
@@ -73,6 +73,6 @@ inline std::string messageText(MessageHandle const& message) {
     return copied.m_Text;
 }
 
-}  // namespace demo
+}  // namespace examples
 
 #endif
