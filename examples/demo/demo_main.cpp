@@ -6,7 +6,7 @@
 #include <iostream>
 #include <string>
 
-#include "story.h"
+#include "report.h"
 #include "walk.h"
 
 namespace {
@@ -32,9 +32,9 @@ bool wantsColours() {
 }
 
 /// Whether all went as it should.
-bool tell(demo::Scene const& scene, demo::Story& story) {
+bool tell(demo::Scene const& scene, demo::Report& report) {
     try {
-        demo::Walk(scene, story).run();
+        demo::Walk(scene, report).run();
         return true;
     } catch (std::exception const& failure) {
         std::cout << std::flush;
@@ -57,10 +57,10 @@ int main(int argc, char** argv) {
     }
     alarm(kLongestWalkSeconds);
     std::cout << "Tallowin " << KVX_GetVersion() << ": payments from end to end, through libtallowin.so\n";
-    demo::Story story(wantsColours());
-    bool const done = tell({argv[1], argv[2]}, story);
-    story.table();
+    demo::Report report(wantsColours());
+    bool const done = tell({argv[1], argv[2]}, report);
+    report.table();
     std::cout << '\n'
-              << story.steps() << " steps, " << (done ? "all as expected" : "the walk did not reach its end") << ".\n";
+              << report.steps() << " steps, " << (done ? "all as expected" : "the walk did not reach its end") << ".\n";
     return done ? EXIT_SUCCESS : EXIT_FAILURE;
 }

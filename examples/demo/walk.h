@@ -4,9 +4,9 @@
 #include <string>
 
 #include "../common/libraryhandle.h"
+#include "report.h"
 #include "shop.h"
 #include "shopper.h"
-#include "story.h"
 
 namespace demo {
 
@@ -26,11 +26,11 @@ struct Scene {
     std::string m_Directory;  ///< The merchant's configuration directory; its parent exists.
 };
 
-/// A merchant and its shoppers, from the first set-up to the last refused trick. Every method is a chapter and relies
-/// on those before it; each throws Unexpected when a step ends otherwise than it should.
+/// A merchant and its shoppers, from the first set-up to the last refused trick. Every method is a section and relies
+/// on those before it; each throws UnexpectedResult when a step ends otherwise than it should.
 class Walk {
 public:
-    Walk(Scene scene, Story& story) : m_Scene(std::move(scene)), m_Story(story) {}
+    Walk(Scene scene, Report& report) : m_Scene(std::move(scene)), m_Report(report) {}
 
     /// All chapters.
     void run();
@@ -69,7 +69,7 @@ private:
     void mustReject(std::string const& trick, Visit const& visit, Order const& order, std::string const& objection);
 
     Scene m_Scene;
-    Story& m_Story;
+    Report& m_Report;
     Shop m_Shop;
     examples::FactoryHandle m_Factory{CreateMessageFactory()};
     Order m_Book{"1001", "19.90", "EUR", "", ""};

@@ -23,8 +23,8 @@ std::string altered(std::string text, std::string const& from, std::string const
 }  // namespace
 
 void Walk::refuseForgeries() {
-    m_Story.chapter("Forgeries do not get through");
-    m_Story.say(
+    m_Report.section("Forgeries do not get through");
+    m_Report.paragraph(
         "The second shopper wants the lamp without paying and edits the address in her browser: \"cancelled\" "
         "becomes \"authorised\". Others try other things.");
     mustRefuse("RESULT rewritten", altered(m_LampCancelled.m_Data, "RESULT=\"cancelled\"", "RESULT=\"authorised\""),
@@ -36,15 +36,16 @@ void Walk::refuseForgeries() {
     mustRefuse("signature of nonsense", m_BookPaid.m_Data, "not a signature", KVX_E_INVALID_KEY);
     mustRefuse("no signature", m_BookPaid.m_Data, "", KVX_E_MISSING_SIGNATURE);
     mustRefuse("no message", "<html>paid</html>", m_BookPaid.m_Signature, KVX_E_INVALID_FORMAT);
-    m_Story.say("A cheaper lamp is tried on the way to the service as well: AMOUNT changed inside the payment URL.");
+    m_Report.paragraph(
+        "A cheaper lamp is tried on the way to the service as well: AMOUNT changed inside the payment URL.");
     std::string const cheaper = altered(m_Lamp.m_Url, "249%2e00", "2%2e00");
-    m_Story.step("browser: GET altered payment URL", std::to_string(fetch(cheaper).m_Status), "400",
-                 "the service refuses as well");
+    m_Report.step("browser: GET altered payment URL", std::to_string(fetch(cheaper).m_Status), "400",
+                  "the service refuses as well");
 }
 
 void Walk::refuseMisuse() {
-    m_Story.chapter("Genuine messages, presented for something else");
-    m_Story.say(
+    m_Report.section("Genuine messages, presented for something else");
+    m_Report.paragraph(
         "These three are signed by keys of our directory, so VerifyPayConfirm lets them pass. What they are "
         "about is for the shop to check, and it does:");
     mustReject("shop: the book's confirmation, for the lamp", m_BookPaid, m_Lamp, "refused: TOKEN of another order");
@@ -56,18 +57,18 @@ void Walk::refuseMisuse() {
 void Walk::mustRefuse(std::string const& trick, std::string const& data, std::string const& signature,
                       std::int32_t expected) {
     MessageHandle never;
-    m_Story.call("MessageFactory_VerifyPayConfirm",
-                 MessageFactory_VerifyPayConfirm(m_Factory.get(), data.c_str(), signature.c_str(), never.out()),
-                 expected, trick + ": refused");
+    m_Report.call("MessageFactory_VerifyPayConfirm",
+                  MessageFactory_VerifyPayConfirm(m_Factory.get(), data.c_str(), signature.c_str(), never.out()),
+                  expected, trick + ": refused");
 }
 
 void Walk::mustReject(std::string const& trick, Visit const& visit, Order const& order, std::string const& objection) {
     MessageHandle message;
-    m_Story.call("MessageFactory_VerifyPayConfirm",
-                 MessageFactory_VerifyPayConfirm(m_Factory.get(), visit.m_Data.c_str(), visit.m_Signature.c_str(),
-                                                 message.out()),
-                 KVX_OK, "the signature is genuine");
-    m_Story.step(trick, judge(message, order), objection, "no goods for that");
+    m_Report.call("MessageFactory_VerifyPayConfirm",
+                  MessageFactory_VerifyPayConfirm(m_Factory.get(), visit.m_Data.c_str(), visit.m_Signature.c_str(),
+                                                  message.out()),
+                  KVX_OK, "the signature is genuine");
+    m_Report.step(trick, judge(message, order), objection, "no goods for that");
 }
 
 }  // namespace demo
