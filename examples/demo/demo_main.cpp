@@ -6,20 +6,20 @@
 #include <iostream>
 #include <string>
 
+#include "demonstration.h"
 #include "report.h"
-#include "walk.h"
 
 namespace {
 
 constexpr int kUsage = 2;
 
-// The walk takes a second or two. The library waits for its server without a limit, so SIGALRM ends a walk that hangs.
-constexpr unsigned kLongestWalkSeconds = 120;
+// A run takes a second or two. The library has no timeout, so SIGALRM ends a run that hangs.
+constexpr unsigned kTimeoutSeconds = 120;
 
 char const kHelp[] =
     "Usage: tallowin-demo SERVICE DIRECTORY\n"
     "\n"
-    "Walks through whole payments against a running tallowin-sandbox, as merchant and as shopper.\n"
+    "Runs whole payments against a running tallowin-sandbox, as merchant and as shopper.\n"
     "\n"
     "  SERVICE    address of the sandbox's set-up, such as http://127.0.0.1:8080/auto\n"
     "  DIRECTORY  the merchant's configuration directory, made by this program; its parent must exist\n"
@@ -32,13 +32,13 @@ bool wantsColours() {
 }
 
 /// Whether all went as it should.
-bool tell(demo::Scene const& scene, demo::Report& report) {
+bool runDemonstration(demo::Settings const& settings, demo::Report& report) {
     try {
-        demo::Walk(scene, report).run();
+        demo::Demonstration(settings, report).run();
         return true;
     } catch (std::exception const& failure) {
         std::cout << std::flush;
-        std::cerr << "\nThe walk ends here: " << failure.what() << '\n';
+        std::cerr << "\nThe demonstration stops here: " << failure.what() << '\n';
         return false;
     }
 }
@@ -55,12 +55,13 @@ int main(int argc, char** argv) {
         std::cerr << kHelp;
         return kUsage;
     }
-    alarm(kLongestWalkSeconds);
+    alarm(kTimeoutSeconds);
     std::cout << "Tallowin " << KVX_GetVersion() << ": payments from end to end, through libtallowin.so\n";
     demo::Report report(wantsColours());
-    bool const done = tell({argv[1], argv[2]}, report);
+    bool const done = runDemonstration({argv[1], argv[2]}, report);
     report.table();
     std::cout << '\n'
-              << report.steps() << " steps, " << (done ? "all as expected" : "the walk did not reach its end") << ".\n";
+              << report.steps() << " steps, " << (done ? "all as expected" : "the demonstration did not finish")
+              << ".\n";
     return done ? EXIT_SUCCESS : EXIT_FAILURE;
 }

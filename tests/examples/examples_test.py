@@ -342,15 +342,15 @@ class Demonstration(SandboxCase):
         (self.merchant / "config.xml").mkdir(parents=True)
         status, out, errors = self.run_demo()
         self.assertEqual(status, 1)
-        self.assertIn("The walk ends here: ConfigurationSetup_Reconfigure", errors)
+        self.assertIn("The demonstration stops here: ConfigurationSetup_Reconfigure", errors)
         self.assertRegex(out, r" 3  ConfigurationSetup_Reconfigure +0x8004\S+ .* expected: 0 ok\n")
 
     def test_stops_when_nobody_answers(self):
         self.stop_sandbox()
         status, out, errors = self.run_demo()
         self.assertEqual(status, 1)
-        self.assertIn("The walk ends here: ConfigurationSetup_Reconfigure", errors)
-        self.assertIn("the walk did not reach its end", out)
+        self.assertIn("The demonstration stops here: ConfigurationSetup_Reconfigure", errors)
+        self.assertIn("the demonstration did not finish", out)
 
     def test_tells_its_usage(self):
         self.assertEqual(Program(os.environ["KVX_DEMO"]).finish()[0], 2)

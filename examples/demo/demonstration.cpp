@@ -1,4 +1,4 @@
-#include "walk.h"
+#include "demonstration.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -29,35 +29,35 @@ constexpr char kCancelledPage[] = "/cancelled";
 
 }  // namespace
 
-void Walk::run() {
+void Demonstration::run() {
     setUp();
     makePaymentUrl();
-    letShopperPay();
+    payAsShopper();
     verifyConfirmation();
     capture();
     complete();
-    letShopperCancel();
-    refuseForgeries();
-    refuseMisuse();
+    cancelAsShopper();
+    tryForgeries();
+    tryMisuse();
 }
 
-void Walk::setUp() {
+void Demonstration::setUp() {
     m_Report.section("The merchant sets up its account");
     m_Report.paragraph(
         "A merchant has an account at a payment service, here the sandbox. Its side of it lives in the directory " +
-        m_Scene.m_Directory);
+        m_Settings.m_Directory);
     SetupHandle const setup(CreateConfigurationSetup());
     m_Report.call("ConfigurationSetup_SetConfiguration",
-                  ConfigurationSetup_SetConfiguration(setup.get(), m_Scene.m_Directory.c_str()), KVX_OK,
+                  ConfigurationSetup_SetConfiguration(setup.get(), m_Settings.m_Directory.c_str()), KVX_OK,
                   "the directory is made");
-    m_Report.paragraph("Registering asks " + m_Scene.m_Service +
+    m_Report.paragraph("Registering asks " + m_Settings.m_Service +
                        " for the account's configuration, with user and password. "
                        "First with a wrong one:");
     m_Report.call("ConfigurationSetup_Reconfigure",
-                  ConfigurationSetup_Reconfigure(setup.get(), m_Scene.m_Service.c_str(), kUser, "guessed"),
+                  ConfigurationSetup_Reconfigure(setup.get(), m_Settings.m_Service.c_str(), kUser, "guessed"),
                   KVX_E_SERVER_ERROR, "a wrong password: the service refuses");
     m_Report.call("ConfigurationSetup_Reconfigure",
-                  ConfigurationSetup_Reconfigure(setup.get(), m_Scene.m_Service.c_str(), kUser, kPassword), KVX_OK,
+                  ConfigurationSetup_Reconfigure(setup.get(), m_Settings.m_Service.c_str(), kUser, kPassword), KVX_OK,
                   "registered, keys exchanged");
     showDirectory();
     CopiedText const payUrl = copiedText([&](std::int32_t* size, char* buffer) {
@@ -66,12 +66,12 @@ void Walk::setUp() {
     m_Report.call("ConfigurationSetup_GetAttribute", payUrl.m_Code, KVX_OK, "shoppers pay at " + payUrl.m_Text);
 }
 
-void Walk::showDirectory() const {
+void Demonstration::showDirectory() const {
     namespace fs = std::filesystem;
     std::vector<std::string> lines;
-    for (fs::directory_entry const& entry : fs::recursive_directory_iterator(m_Scene.m_Directory)) {
+    for (fs::directory_entry const& entry : fs::recursive_directory_iterator(m_Settings.m_Directory)) {
         if (entry.is_regular_file()) {
-            lines.push_back(fs::relative(entry.path(), m_Scene.m_Directory).string() + "  (" +
+            lines.push_back(fs::relative(entry.path(), m_Settings.m_Directory).string() + "  (" +
                             std::to_string(entry.file_size()) + " bytes)");
         }
     }
@@ -84,9 +84,9 @@ void Walk::showDirectory() const {
                    listing);
 }
 
-void Walk::makePaymentUrl() {
+void Demonstration::makePaymentUrl() {
     m_Report.section("A shopper buys a book: the shop makes a payment URL");
-    m_Report.call("MessageFactory_Open", MessageFactory_Open(m_Factory.get(), m_Scene.m_Directory.c_str()), KVX_OK,
+    m_Report.call("MessageFactory_Open", MessageFactory_Open(m_Factory.get(), m_Settings.m_Directory.c_str()), KVX_OK,
                   "the shop works with this directory");
     openPayment(m_Book);
     m_Report.paragraph("The shop keeps the TOKEN with order " + m_Book.m_Number +
@@ -94,7 +94,7 @@ void Walk::makePaymentUrl() {
                        "Nothing has been sent to the service by the shop itself.");
 }
 
-void Walk::openPayment(Order& order) {
+void Demonstration::openPayment(Order& order) {
     MessageHandle payment;
     m_Report.call("MessageFactory_CreatePayInit", MessageFactory_CreatePayInit(m_Factory.get(), payment.out()), KVX_OK,
                   "a payment for order " + order.m_Number);
@@ -123,20 +123,21 @@ void Walk::openPayment(Order& order) {
     m_Report.block("Both as the payment URL:", order.m_Url);
 }
 
-void Walk::letShopperPay() {
+void Demonstration::payAsShopper() {
     m_Report.section("The shopper opens the payment URL and pays");
-    m_BookPaid = decide(m_Book, openPage(m_Book), "pay", kPaidPage);
+    m_BookPaid = decide(m_Book, openPaymentPage(m_Book), "pay", kPaidPage);
     showConfirmation(m_BookPaid);
 }
 
-Answer Walk::openPage(Order const& order) {
+Answer Demonstration::openPaymentPage(Order const& order) {
     Answer const page = fetch(order.m_Url);
     m_Report.step("browser: GET payment URL", std::to_string(page.m_Status), "200", "the service shows its page");
     m_Report.block("The page reads:", visibleText(page.m_Body));
     return page;
 }
 
-Visit Walk::decide(Order const& order, Answer const& page, std::string const& decision, std::string const& backAt) {
+Visit Demonstration::decide(Order const& order, Answer const& page, std::string const& decision,
+                            std::string const& backAt) {
     Form const form = readForm(order.m_Url, page.m_Body);
     m_Report.paragraph("The shopper presses the button \"" + decision + "\": POST " + form.m_Action);
     Answer const sentBack = press(form, decision);
@@ -149,12 +150,12 @@ Visit Walk::decide(Order const& order, Answer const& page, std::string const& de
     return visit;
 }
 
-void Walk::showConfirmation(Visit const& visit) const {
+void Demonstration::showConfirmation(Visit const& visit) const {
     m_Report.block("The shop's web server got DATA, percent-decoded:", attributePerLine(visit.m_Data));
     m_Report.block("and SIGNATURE, said to be the service's:", visit.m_Signature);
 }
 
-void Walk::verifyConfirmation() {
+void Demonstration::verifyConfirmation() {
     m_Report.section("The shop verifies the confirmation");
     m_Report.paragraph(
         "It came through the shopper's browser, so nothing in it is believed before its signature has been "
@@ -164,12 +165,12 @@ void Walk::verifyConfirmation() {
                   MessageFactory_VerifyPayConfirm(m_Factory.get(), m_BookPaid.m_Data.c_str(),
                                                   m_BookPaid.m_Signature.c_str(), confirmation.out()),
                   KVX_OK, "the service signed this text");
-    m_Report.step("shop: MSGTYPE TOKEN AMOUNT CURRENCY RESULT", judge(confirmation, m_Book), "accepted",
+    m_Report.step("shop: MSGTYPE TOKEN AMOUNT CURRENCY RESULT", checkConfirmation(confirmation, m_Book), "accepted",
                   "the order is paid, the book is sent");
     m_Book.m_Delivered = true;
 }
 
-std::string Walk::judge(MessageHandle const& message, Order const& order) {
+std::string Demonstration::checkConfirmation(MessageHandle const& message, Order const& order) {
     std::vector<std::pair<char const*, std::string>> const musts = {{"MSGTYPE", "PayConfirm"},
                                                                     {"TOKEN", order.m_Token},
                                                                     {"AMOUNT", order.m_Amount},
@@ -188,7 +189,7 @@ std::string Walk::judge(MessageHandle const& message, Order const& order) {
     return order.m_Delivered ? "refused: delivered already" : "accepted";
 }
 
-void Walk::capture() {
+void Demonstration::capture() {
     m_Report.section("The shop captures the payment");
     m_Report.paragraph(
         "The payment is authorised; now the shop takes the money. A message object that is opened on the "
@@ -198,17 +199,17 @@ void Walk::capture() {
     fillForCapture(message, m_BookPaid);
     m_Report.block("The message that is sent, KEYID now names our own key:", attributePerLine(messageText(message)));
     m_Report.call("MessageObject_Capture", MessageObject_Capture(message.get()), KVX_OK, "the money is ours");
-    askState(m_Book, "captured");
+    expectState(m_Book, "captured");
 }
 
-void Walk::fillForCapture(MessageHandle& message, Visit const& confirmation) {
-    m_Report.call("MessageObject_Open", MessageObject_Open(message.get(), m_Scene.m_Directory.c_str()), KVX_OK,
+void Demonstration::fillForCapture(MessageHandle& message, Visit const& confirmation) {
+    m_Report.call("MessageObject_Open", MessageObject_Open(message.get(), m_Settings.m_Directory.c_str()), KVX_OK,
                   "an object with our key");
     m_Report.call("MessageObject_FromString", MessageObject_FromString(message.get(), confirmation.m_Data.c_str()),
                   KVX_OK, "the confirmation's text");
 }
 
-void Walk::complete() {
+void Demonstration::complete() {
     m_Report.section("The shop completes the payment");
     MessageHandle confirmation;
     m_Report.call("MessageFactory_VerifyPayConfirm",
@@ -225,10 +226,10 @@ void Walk::complete() {
     m_Report.call("MessageObject_Execute", MessageObject_Execute(completion.get(), completed.out()), KVX_OK,
                   "sent, PayCompleteResponse came back");
     m_Report.block("The answer:", attributePerLine(messageText(completed)));
-    askState(m_Book, "completed");
+    expectState(m_Book, "completed");
 }
 
-void Walk::askState(Order const& order, std::string const& expected) {
+void Demonstration::expectState(Order const& order, std::string const& expected) {
     MessageHandle question;
     m_Report.call("MessageFactory_CreateRequest",
                   MessageFactory_CreateRequest(m_Factory.get(), "Status", question.out()), KVX_OK,
@@ -242,18 +243,18 @@ void Walk::askState(Order const& order, std::string const& expected) {
     m_Report.step("shop: STATE of the payment", attributeOf(status, "STATE").m_Text, expected, "says the service");
 }
 
-void Walk::letShopperCancel() {
+void Demonstration::cancelAsShopper() {
     m_Report.section("A second shopper changes her mind");
     openPayment(m_Lamp);
-    m_LampCancelled = decide(m_Lamp, openPage(m_Lamp), "cancel", kCancelledPage);
+    m_LampCancelled = decide(m_Lamp, openPaymentPage(m_Lamp), "cancel", kCancelledPage);
     showConfirmation(m_LampCancelled);
     m_Report.paragraph("A cancelled payment is confirmed and signed just as a paid one. The RESULT tells them apart.");
-    mustReject("shop: the cancelled order", m_LampCancelled, m_Lamp, "refused: RESULT is cancelled");
+    expectShopRefusal("shop: the cancelled order", m_LampCancelled, m_Lamp, "refused: RESULT is cancelled");
     MessageHandle message(CreateMessageObject());
     fillForCapture(message, m_LampCancelled);
     m_Report.call("MessageObject_Capture", MessageObject_Capture(message.get()), KVX_E_SERVER_ERROR,
                   "the service takes no money for it");
-    askState(m_Lamp, "cancelled");
+    expectState(m_Lamp, "cancelled");
 }
 
 }  // namespace demo

@@ -1,5 +1,5 @@
-#ifndef TALLOWIN_EXAMPLES_DEMO_WALK_H
-#define TALLOWIN_EXAMPLES_DEMO_WALK_H
+#ifndef TALLOWIN_EXAMPLES_DEMO_DEMONSTRATION_H
+#define TALLOWIN_EXAMPLES_DEMO_DEMONSTRATION_H
 
 #include <string>
 
@@ -21,34 +21,34 @@ struct Order {
 };
 
 /// Where everything happens.
-struct Scene {
+struct Settings {
     std::string m_Service;    ///< Address of the payment service's set-up.
     std::string m_Directory;  ///< The merchant's configuration directory; its parent exists.
 };
 
-/// A merchant and its shoppers, from the first set-up to the last refused trick. Every method is a section and relies
+/// A merchant and its shoppers, from the first set-up to the last refused attempt. Every method is a section and relies
 /// on those before it; each throws UnexpectedResult when a step ends otherwise than it should.
-class Walk {
+class Demonstration {
 public:
-    Walk(Scene scene, Report& report) : m_Scene(std::move(scene)), m_Report(report) {}
+    Demonstration(Settings settings, Report& report) : m_Settings(std::move(settings)), m_Report(report) {}
 
-    /// All chapters.
+    /// Runs all sections.
     void run();
 
 private:
     void setUp();
     void makePaymentUrl();
-    void letShopperPay();
+    void payAsShopper();
     void verifyConfirmation();
     void capture();
     void complete();
-    void letShopperCancel();
-    void refuseForgeries();
-    void refuseMisuse();
+    void cancelAsShopper();
+    void tryForgeries();
+    void tryMisuse();
 
     void showDirectory() const;
     void openPayment(Order& order);
-    Answer openPage(Order const& order);
+    Answer openPaymentPage(Order const& order);
     Visit decide(Order const& order, Answer const& page, std::string const& decision, std::string const& backAt);
     void showConfirmation(Visit const& visit) const;
 
@@ -56,19 +56,20 @@ private:
     void fillForCapture(examples::MessageHandle& message, Visit const& confirmation);
 
     /// Asks the service for the state of the order's payment.
-    void askState(Order const& order, std::string const& expected);
+    void expectState(Order const& order, std::string const& expected);
 
     /// What speaks against delivering `order` on this verified message; "accepted" when nothing does.
-    [[nodiscard]] static std::string judge(examples::MessageHandle const& message, Order const& order);
+    [[nodiscard]] static std::string checkConfirmation(examples::MessageHandle const& message, Order const& order);
 
     /// The signature of `data` must not verify.
-    void mustRefuse(std::string const& trick, std::string const& data, std::string const& signature,
-                    std::int32_t expected);
+    void expectVerifyFailure(std::string const& attempt, std::string const& data, std::string const& signature,
+                             std::int32_t expected);
 
     /// The signature of `data` verifies, and the shop must refuse it all the same.
-    void mustReject(std::string const& trick, Visit const& visit, Order const& order, std::string const& objection);
+    void expectShopRefusal(std::string const& attempt, Visit const& visit, Order const& order,
+                           std::string const& objection);
 
-    Scene m_Scene;
+    Settings m_Settings;
     Report& m_Report;
     Shop m_Shop;
     examples::FactoryHandle m_Factory{CreateMessageFactory()};
