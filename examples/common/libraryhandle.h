@@ -1,3 +1,4 @@
+/// The library's handles as C++ objects, and its two-step copying of texts as one call.
 #ifndef TALLOWIN_EXAMPLES_COMMON_LIBRARYHANDLE_H
 #define TALLOWIN_EXAMPLES_COMMON_LIBRARYHANDLE_H
 
@@ -10,7 +11,7 @@
 
 namespace examples {
 
-/// A handle of the library, destroyed with this object.
+/// Owns a handle of the library and destroys it with `destroy`.
 template <void (*destroy)(KVX_HANDLE)>
 class LibraryHandle {
 public:
@@ -21,7 +22,7 @@ public:
 
     [[nodiscard]] KVX_HANDLE get() const { return m_Handle; }
 
-    /// Where a function of the library puts a new handle. Requires: this holds none yet.
+    /// The place for an output parameter of the library. Requires: get() is null.
     [[nodiscard]] KVX_HANDLE* out() { return &m_Handle; }
 
 private:
@@ -32,13 +33,13 @@ using SetupHandle = LibraryHandle<DestroyConfigurationSetup>;
 using FactoryHandle = LibraryHandle<DestroyMessageFactory>;
 using MessageHandle = LibraryHandle<DestroyMessageObject>;
 
-/// A text that the library copied out, or why it did not.
+/// A text that the library copied, or the result code of its failure.
 struct CopiedText {
     std::int32_t m_Code = KVX_OK;
     std::string m_Text;
 };
 
-/// Asks `copyOut(size, buffer)` how much room it needs, then for the text.
+/// Calls `copyOut(size, buffer)` twice: for the size of the text, then for the text.
 template <class CopyOut>
 CopiedText copiedText(CopyOut copyOut) {
     std::int32_t size = 0;
@@ -63,12 +64,12 @@ inline CopiedText urlOf(MessageHandle const& message) {
         [&](std::int32_t* size, char* buffer) { return MessageObject_GetURL(message.get(), size, buffer); });
 }
 
-/// The message as text. Throws std::runtime_error when the object holds none.
+/// The message as text. Throws std::runtime_error when the object has no message.
 inline std::string messageText(MessageHandle const& message) {
     CopiedText const copied = copiedText(
         [&](std::int32_t* size, char* buffer) { return MessageObject_ToString(message.get(), size, buffer); });
     if (copied.m_Code != KVX_OK) {
-        throw std::runtime_error("the object holds no message");
+        throw std::runtime_error("the object has no message");
     }
     return copied.m_Text;
 }

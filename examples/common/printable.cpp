@@ -30,7 +30,7 @@ std::string attributePerLine(std::string const& message) {
     std::string out;
     for (std::size_t at = 0; at < message.size(); ++at) {
         out += message[at];
-        // A quotation mark inside a value travels as an entity, so this one ends a value.
+        // Inside a value a quotation mark is written as an entity, so this one ends the value.
         if (message[at] == '"' && at + 1 < message.size() && message[at + 1] == ' ') {
             out += "\n    ";
         }

@@ -1,3 +1,4 @@
+// tallowin-demo: whole payments against a running sandbox, every library call with its result.
 #include <tallowin/tallowin.h>
 #include <unistd.h>
 
@@ -21,17 +22,17 @@ char const kHelp[] =
     "\n"
     "Runs whole payments against a running tallowin-sandbox, as merchant and as shopper.\n"
     "\n"
-    "  SERVICE    address of the sandbox's set-up, such as http://127.0.0.1:8080/auto\n"
-    "  DIRECTORY  the merchant's configuration directory, made by this program; its parent must exist\n"
+    "  SERVICE    set-up address of the sandbox, such as http://127.0.0.1:8080/auto\n"
+    "  DIRECTORY  the merchant's configuration directory; this program creates it, its parent must exist\n"
     "\n"
-    "Exit status: 0 when every step ended as it should, 1 when one did not, 2 for wrong usage.\n";
+    "Exit status: 0 when every step had the expected result, 1 when one had not, 2 for wrong usage.\n";
 
-/// Colours are for people: on a terminal, unless NO_COLOR says otherwise.
+/// Colours only on a terminal, and not when NO_COLOR is set.
 bool wantsColours() {
     return isatty(STDOUT_FILENO) != 0 && std::getenv("NO_COLOR") == nullptr;
 }
 
-/// Whether all went as it should.
+/// Returns whether every step had the expected result.
 bool runDemonstration(demo::Settings const& settings, demo::Report& report) {
     try {
         demo::Demonstration(settings, report).run();
@@ -56,7 +57,7 @@ int main(int argc, char** argv) {
         return kUsage;
     }
     alarm(kTimeoutSeconds);
-    std::cout << "Tallowin " << KVX_GetVersion() << ": payments from end to end, through libtallowin.so\n";
+    std::cout << "Tallowin " << KVX_GetVersion() << ": whole payments through libtallowin.so\n";
     demo::Report report(wantsColours());
     bool const done = runDemonstration({argv[1], argv[2]}, report);
     report.table();

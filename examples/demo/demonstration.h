@@ -1,38 +1,44 @@
+/// The steps of the demonstration.
 #ifndef TALLOWIN_EXAMPLES_DEMO_DEMONSTRATION_H
 #define TALLOWIN_EXAMPLES_DEMO_DEMONSTRATION_H
 
+#include <cstdint>
 #include <string>
+#include <utility>
 
 #include "../common/libraryhandle.h"
+#include "paymentpage.h"
 #include "report.h"
-#include "shop.h"
-#include "shopper.h"
+#include "shopserver.h"
 
 namespace demo {
 
-/// What the shop knows of one purchase.
+/// An order of the shop.
 struct Order {
     std::string m_Number;
     std::string m_Amount;
     std::string m_Currency;
-    std::string m_Token;       ///< Of its payment; ties the confirmation to this order.
+    std::string m_Token;       ///< The payment's token, which also stands in its confirmation.
     std::string m_Url;         ///< The payment URL.
-    bool m_Delivered = false;  ///< Goods have left the house, never to do so again for this order.
+    bool m_Delivered = false;  ///< The goods were sent; no confirmation may send them again.
 };
 
-/// Where everything happens.
+/// The command-line arguments.
 struct Settings {
-    std::string m_Service;    ///< Address of the payment service's set-up.
+    std::string m_Service;    ///< Set-up address of the payment service.
     std::string m_Directory;  ///< The merchant's configuration directory; its parent exists.
 };
 
-/// A merchant and its shoppers, from the first set-up to the last refused attempt. Every method is a section and relies
-/// on those before it; each throws UnexpectedResult when a step ends otherwise than it should.
+/// A merchant and two shoppers, from set-up to refused forgeries.
+///
+/// Each section method relies on the sections before it. Each throws UnexpectedResult when a step has another result
+/// than expected. One thread.
 class Demonstration {
 public:
+    /// Borrows `report`.
     Demonstration(Settings settings, Report& report) : m_Settings(std::move(settings)), m_Report(report) {}
 
-    /// Runs all sections.
+    /// Runs all sections in order.
     void run();
 
 private:
@@ -48,35 +54,39 @@ private:
 
     void showDirectory() const;
     void openPayment(Order& order);
-    Answer openPaymentPage(Order const& order);
-    Visit decide(Order const& order, Answer const& page, std::string const& decision, std::string const& backAt);
-    void showConfirmation(Visit const& visit) const;
+    Response openPaymentPage(Order const& order);
 
-    /// A message object that holds the text of `confirmation` and can be captured.
-    void fillForCapture(examples::MessageHandle& message, Visit const& confirmation);
+    /// Submits the payment page with `decision` and follows the redirect to the shop, which must lead to `returnPath`.
+    /// Returns the request that the shop received.
+    ReturnRequest decide(Order const& order, Response const& page, std::string const& decision,
+                         std::string const& returnPath);
+    void showConfirmation(ReturnRequest const& request) const;
+
+    /// Opens `message` on the directory and fills it with the text of `confirmation`.
+    void fillForCapture(examples::MessageHandle& message, ReturnRequest const& confirmation);
 
     /// Asks the service for the state of the order's payment.
     void expectState(Order const& order, std::string const& expected);
 
-    /// What speaks against delivering `order` on this verified message; "accepted" when nothing does.
+    /// Why a verified message does not pay `order`; "accepted" when it does.
     [[nodiscard]] static std::string checkConfirmation(examples::MessageHandle const& message, Order const& order);
 
-    /// The signature of `data` must not verify.
-    void expectVerifyFailure(std::string const& attempt, std::string const& data, std::string const& signature,
+    /// VerifyPayConfirm must fail with `expected`. `forgery` names the attempt in the report.
+    void expectVerifyFailure(std::string const& forgery, std::string const& data, std::string const& signature,
                              std::int32_t expected);
 
-    /// The signature of `data` verifies, and the shop must refuse it all the same.
-    void expectShopRefusal(std::string const& attempt, Visit const& visit, Order const& order,
-                           std::string const& objection);
+    /// VerifyPayConfirm must succeed and checkConfirmation() must return `reason`.
+    void expectShopRefusal(std::string const& action, ReturnRequest const& request, Order const& order,
+                           std::string const& reason);
 
     Settings m_Settings;
     Report& m_Report;
-    Shop m_Shop;
+    ShopServer m_Shop;
     examples::FactoryHandle m_Factory{CreateMessageFactory()};
-    Order m_Book{"1001", "19.90", "EUR", "", ""};
-    Order m_Lamp{"1002", "249.00", "EUR", "", ""};
-    Visit m_BookPaid;
-    Visit m_LampCancelled;
+    Order m_Book{"1001", "19.90", "EUR", "", ""};   ///< The first shopper's.
+    Order m_Lamp{"1002", "249.00", "EUR", "", ""};  ///< The second shopper's.
+    ReturnRequest m_BookPaid;                       ///< The confirmation of m_Book's payment.
+    ReturnRequest m_LampCancelled;                  ///< The confirmation of m_Lamp's payment, which was cancelled.
 };
 
 }  // namespace demo

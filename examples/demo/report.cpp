@@ -1,3 +1,7 @@
+// Prints the demonstration as it runs, then its steps as a table.
+//
+// Order: sections, paragraphs, blocks, steps, the table. An empty line goes between parts of different kinds, which is
+// why the report remembers what it printed last. A step flushes, so that a step that hangs is the last one visible.
 #include "report.h"
 
 #include <algorithm>
@@ -21,7 +25,7 @@ constexpr char kGreen[] = "\033[32m";
 constexpr char kRed[] = "\033[1;31m";
 constexpr char kPlain[] = "\033[0m";
 
-/// `text` filled up with spaces to `width`.
+/// `text` with spaces appended up to `width`.
 std::string padded(std::string const& text, std::size_t width) {
     return text + std::string(width - std::min(width, text.size()), ' ');
 }
@@ -70,7 +74,7 @@ void Report::step(std::string const& action, std::string const& result, std::str
               << coloured(asExpected ? kGreen : kRed, result) << " (" << m_Steps.back().m_Meaning << ")" << std::endl;
     m_Last = Printed::kStep;
     if (!asExpected) {
-        throw UnexpectedResult(action + " ended with \"" + result + "\", expected was \"" + expected + "\"");
+        throw UnexpectedResult(action + " returned \"" + result + "\", expected was \"" + expected + "\"");
     }
 }
 

@@ -1,3 +1,4 @@
+/// What the demonstration prints.
 #ifndef TALLOWIN_EXAMPLES_DEMO_REPORT_H
 #define TALLOWIN_EXAMPLES_DEMO_REPORT_H
 
@@ -8,7 +9,7 @@
 
 namespace demo {
 
-/// A step that ended otherwise than expected: what comes after it would make no sense.
+/// A step had another result than expected, so the later steps cannot run.
 class UnexpectedResult : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
@@ -17,30 +18,30 @@ public:
 /// Prints the demonstration on standard output and keeps its steps for the table at the end.
 class Report {
 public:
-    /// `useColours` marks headings and results with terminal useColours.
+    /// `useColours`: headings and results in terminal colours.
     explicit Report(bool useColours) : m_UseColours(useColours) {}
 
-    /// Begins the next section, numbered.
+    /// Prints the heading of the next section with its number.
     void section(std::string const& title);
 
-    /// A paragraph, broken into lines.
+    /// Prints a paragraph, wrapped to lines of 100 columns.
     void paragraph(std::string const& text);
 
-    /// `text` as it is, every line indented and marked.
+    /// Prints `text` unchanged, each line indented behind a "|".
     void block(std::string const& label, std::string const& text);
 
-    /// A step: what was done, how it ended, how it should have ended, and what that means. Throws UnexpectedResult when
-    /// the two differ, after the step was noted.
+    /// Prints and keeps a step: the action, its result, the expected result, and what the result means. Throws
+    /// UnexpectedResult after that when result and expected result differ.
     void step(std::string const& action, std::string const& result, std::string const& expected,
               std::string const& meaning);
 
-    /// A call of the library as a step.
+    /// The same for a call of the library, with result codes.
     void call(std::string const& function, std::int32_t code, std::int32_t expected, std::string const& meaning);
 
     /// Prints all steps as a table.
     void table() const;
 
-    /// How many steps were taken so far.
+    /// The number of steps so far.
     [[nodiscard]] std::size_t steps() const { return m_Steps.size(); }
 
 private:

@@ -1,4 +1,8 @@
-#include "browserhttp.h"
+// A plain HTTP/1.0 client over POSIX sockets, so that the demonstration sees each redirect byte for byte.
+//
+// Order: the socket, reading of a response, then parseUrl() and fetch() as in the header. A response ends when the
+// server closes the connection. Only the first address of a host name is tried.
+#include "httpfetch.h"
 
 #include <netdb.h>
 #include <strings.h>
@@ -16,32 +20,32 @@ namespace demo {
 
 namespace {
 
-constexpr timeval kPatience{10, 0};
+constexpr timeval kTimeout{10, 0};
 
-void check(bool success, std::string const& what) {
+/// Throws std::runtime_error with `message` unless `success`.
+void check(bool success, std::string const& message) {
     if (!success) {
-        throw std::runtime_error(what);
+        throw std::runtime_error(message);
     }
 }
 
-/// A connection that closes itself.
+/// A connected socket. The destructor closes it.
 class Socket {
 public:
-    explicit Socket(Address const& address) {
+    explicit Socket(HttpUrl const& url) {
         addrinfo wanted{};
         wanted.ai_family = AF_UNSPEC;
         wanted.ai_socktype = SOCK_STREAM;
         addrinfo* list = nullptr;
-        check(getaddrinfo(address.m_Host.c_str(), address.m_Port.c_str(), &wanted, &list) == 0,
-              "there is no host " + address.m_Host);
+        check(getaddrinfo(url.m_Host.c_str(), url.m_Port.c_str(), &wanted, &list) == 0, "unknown host " + url.m_Host);
         std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> const found(list, freeaddrinfo);
         m_Number = ::socket(found->ai_family, found->ai_socktype | SOCK_CLOEXEC, found->ai_protocol);
-        check(m_Number >= 0, "no socket");
-        ::setsockopt(m_Number, SOL_SOCKET, SO_RCVTIMEO, &kPatience, sizeof kPatience);
-        ::setsockopt(m_Number, SOL_SOCKET, SO_SNDTIMEO, &kPatience, sizeof kPatience);
+        check(m_Number >= 0, "cannot create a socket");
+        ::setsockopt(m_Number, SOL_SOCKET, SO_RCVTIMEO, &kTimeout, sizeof kTimeout);
+        ::setsockopt(m_Number, SOL_SOCKET, SO_SNDTIMEO, &kTimeout, sizeof kTimeout);
         if (::connect(m_Number, found->ai_addr, found->ai_addrlen) != 0) {
             ::close(m_Number);
-            throw std::runtime_error("nobody answers at " + address.m_Host + ":" + address.m_Port);
+            throw std::runtime_error("cannot connect to " + url.m_Host + ":" + url.m_Port);
         }
     }
     ~Socket() { ::close(m_Number); }
@@ -52,7 +56,7 @@ public:
         std::size_t sent = 0;
         while (sent < text.size()) {
             ssize_t const count = ::send(m_Number, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
-            check(count > 0, "the request could not be sent");
+            check(count > 0, "cannot send the request");
             sent += static_cast<std::size_t>(count);
         }
     }
@@ -64,7 +68,7 @@ public:
         while ((count = ::recv(m_Number, piece, sizeof piece, 0)) > 0) {
             text.append(piece, static_cast<std::size_t>(count));
         }
-        check(count == 0, "the answer did not come to an end");
+        check(count == 0, "the response did not end");
         return text;
     }
 
@@ -72,7 +76,7 @@ private:
     int m_Number = -1;
 };
 
-/// The value of a header line, whose name is compared without regard to case; empty when there is none.
+/// The value of header `name`, whose case does not matter; empty when absent.
 std::string headerValue(std::string const& head, std::string const& name) {
     std::istringstream lines(head);
     std::string line;
@@ -87,46 +91,46 @@ std::string headerValue(std::string const& head, std::string const& name) {
     return "";
 }
 
-Answer readAnswer(std::string const& text) {
+Response readResponse(std::string const& text) {
     std::size_t const end = text.find("\r\n\r\n");
-    check(text.compare(0, 7, "HTTP/1.") == 0 && end != std::string::npos, "this is no HTTP answer");
+    check(text.compare(0, 7, "HTTP/1.") == 0 && end != std::string::npos, "not an HTTP response");
     std::string const head = text.substr(0, end);
-    Answer answer;
+    Response response;
     std::istringstream statusLine(head.substr(head.find(' ')));
-    check(static_cast<bool>(statusLine >> answer.m_Status), "this HTTP answer has no status");
-    answer.m_Location = headerValue(head, "Location");
-    answer.m_Body = text.substr(end + 4);
+    check(static_cast<bool>(statusLine >> response.m_Status), "the HTTP response has no status");
+    response.m_Location = headerValue(head, "Location");
+    response.m_Body = text.substr(end + 4);
     std::string const length = headerValue(head, "Content-Length");
-    check(length.empty() || length == std::to_string(answer.m_Body.size()), "the answer is not whole");
-    return answer;
+    check(length.empty() || length == std::to_string(response.m_Body.size()), "the response is incomplete");
+    return response;
 }
 
 }  // namespace
 
-Address splitAddress(std::string const& url) {
+HttpUrl parseUrl(std::string const& url) {
     std::string const scheme = "http://";
-    std::string const address = url.substr(0, url.find('#'));
-    std::size_t const path = std::min(address.find_first_of("/?", scheme.size()), address.size());
-    check(address.compare(0, scheme.size(), scheme) == 0 && path > scheme.size(), "this is no address for us: " + url);
-    std::string const host = address.substr(scheme.size(), path - scheme.size());
-    std::string const target = address.substr(path);
+    std::string const text = url.substr(0, url.find('#'));
+    std::size_t const path = std::min(text.find_first_of("/?", scheme.size()), text.size());
+    check(text.compare(0, scheme.size(), scheme) == 0 && path > scheme.size(), "not an http URL: " + url);
+    std::string const host = text.substr(scheme.size(), path - scheme.size());
+    std::string const target = text.substr(path);
     std::size_t const colon = host.find(':');
     return {host.substr(0, colon), colon == std::string::npos ? "80" : host.substr(colon + 1),
             target.empty() || target[0] == '?' ? "/" + target : target};
 }
 
-Answer fetch(std::string const& url, std::string const& form) {
-    Address const address = splitAddress(url);
-    Socket const connection(address);
-    std::string const tail = " HTTP/1.0\r\nHost: " + address.m_Host + ":" + address.m_Port + "\r\n";
+Response fetch(std::string const& url, std::string const& form) {
+    HttpUrl const parts = parseUrl(url);
+    Socket const connection(parts);
+    std::string const lines = " HTTP/1.0\r\nHost: " + parts.m_Host + ":" + parts.m_Port + "\r\n";
     if (form.empty()) {
-        connection.send("GET " + address.m_Target + tail + "\r\n");
+        connection.send("GET " + parts.m_Target + lines + "\r\n");
     } else {
-        connection.send("POST " + address.m_Target + tail +
+        connection.send("POST " + parts.m_Target + lines +
                         "Content-Type: application/x-www-form-urlencoded\r\nContent-Length: " +
                         std::to_string(form.size()) + "\r\n\r\n" + form);
     }
-    return readAnswer(connection.readToEnd());
+    return readResponse(connection.readToEnd());
 }
 
 }  // namespace demo

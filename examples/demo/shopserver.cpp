@@ -1,4 +1,4 @@
-#include "shop.h"
+#include "shopserver.h"
 
 #include <httplib.h>
 
@@ -14,12 +14,12 @@ constexpr char kHost[] = "127.0.0.1";
 
 }  // namespace
 
-class Shop::Server {
+class ShopServer::Server {
 public:
     Server() {
-        m_Http.Get(".*", [this](httplib::Request const& request, httplib::Response& reply) {
-            keep({request.path, request.get_param_value("DATA"), request.get_param_value("SIGNATURE")});
-            reply.set_content("Welcome back. We look at your payment.\n", "text/plain");
+        m_Http.Get(".*", [this](httplib::Request const& request, httplib::Response& response) {
+            store({request.path, request.get_param_value("DATA"), request.get_param_value("SIGNATURE")});
+            response.set_content("Welcome back. The shop is checking your payment.\n", "text/plain");
         });
         m_Port = m_Http.bind_to_any_port(kHost);
         if (m_Port <= 0) {
@@ -37,39 +37,39 @@ public:
 
     [[nodiscard]] int port() const { return m_Port; }
 
-    [[nodiscard]] Visit latest() const {
+    [[nodiscard]] ReturnRequest latestRequest() const {
         std::lock_guard<std::mutex> const lock(m_Mutex);
         return m_Latest;
     }
 
 private:
-    void keep(Visit visit) {
+    void store(ReturnRequest request) {
         std::lock_guard<std::mutex> const lock(m_Mutex);
-        m_Latest = std::move(visit);
+        m_Latest = std::move(request);
     }
 
     httplib::Server m_Http;
     int m_Port = 0;
     mutable std::mutex m_Mutex;
-    Visit m_Latest;  ///< Guarded by m_Mutex.
+    ReturnRequest m_Latest;  ///< Guarded by m_Mutex.
     std::thread m_Thread;
 };
 
-Shop::Shop() : m_Server(std::make_unique<Server>()) {
-    // The server can be stopped only once it runs; that it answers shows that it does.
+ShopServer::ShopServer() : m_Server(std::make_unique<Server>()) {
+    // stop() has an effect only on a running server; a response shows that it runs.
     if (!httplib::Client(kHost, m_Server->port()).Get("/")) {
         throw std::runtime_error("the shop does not answer on 127.0.0.1");
     }
 }
 
-Shop::~Shop() = default;
+ShopServer::~ShopServer() = default;
 
-std::string Shop::link(std::string const& path) const {
+std::string ShopServer::url(std::string const& path) const {
     return "http://" + std::string(kHost) + ":" + std::to_string(m_Server->port()) + path;
 }
 
-Visit Shop::latest() const {
-    return m_Server->latest();
+ReturnRequest ShopServer::latestRequest() const {
+    return m_Server->latestRequest();
 }
 
 }  // namespace demo

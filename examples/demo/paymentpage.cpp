@@ -1,4 +1,8 @@
-#include "shopper.h"
+// Reads the payment page with simple text searches: the page is one that the sandbox writes, not any HTML.
+//
+// Order: text helpers, tags and their attributes, percent encoding, then the functions of the header. A form is
+// submitted with the pressed button's name and value first, then its hidden fields.
+#include "paymentpage.h"
 
 #include <algorithm>
 #include <cctype>
@@ -26,7 +30,7 @@ std::string unescaped(std::string text) {
     return replaced(std::move(text), "&amp;", "&");
 }
 
-/// The text after `before` and up to `after`; empty when one of them is missing.
+/// The text between `before` and `after`; empty when either is missing.
 std::string between(std::string const& text, std::string const& before, std::string const& after) {
     std::size_t const found = text.find(before);
     std::size_t const start = found + before.size();
@@ -34,12 +38,12 @@ std::string between(std::string const& text, std::string const& before, std::str
     return end == std::string::npos ? "" : text.substr(start, end - start);
 }
 
-/// The value of an attribute of a tag.
+/// The value of attribute `name` of `tag`, unescaped.
 std::string valueIn(std::string const& tag, std::string const& name) {
     return unescaped(between(tag, " " + name + "=\"", "\""));
 }
 
-/// The tags of that name, each from "<" to ">".
+/// All tags `name` of `page`, each from "<" up to ">".
 std::vector<std::string> tagsOf(std::string const& page, std::string const& name) {
     std::vector<std::string> tags;
     for (std::size_t at = page.find("<" + name + " "); at != std::string::npos;
@@ -49,7 +53,7 @@ std::vector<std::string> tagsOf(std::string const& page, std::string const& name
     return tags;
 }
 
-/// What a tag becomes where only text is shown.
+/// The text that stands for a tag in visibleText().
 std::string shownFor(std::string const& tag) {
     if (tag == "</dt>") {
         return ": ";
@@ -60,7 +64,7 @@ std::string shownFor(std::string const& tag) {
     return tag == "</button>" ? " ]" : "";
 }
 
-/// Letters and digits as they are, everything else as percent escapes.
+/// Letters and digits stay; every other byte becomes a percent escape.
 std::string percentEncoded(std::string const& text) {
     constexpr char kDigits[] = "0123456789ABCDEF";
     std::string out;
@@ -93,12 +97,12 @@ std::string percentDecoded(std::string const& text) {
 
 std::string queryValue(std::string const& url, std::string const& name) {
     std::size_t const query = url.find('?');
-    // Closed on both sides, so that every parameter stands between "&" and "&".
+    // With "&" at both ends, every parameter stands between two of them.
     return query == std::string::npos ? "" : between("&" + url.substr(query + 1) + "&", "&" + name + "=", "&");
 }
 
-Answer press(Form const& form, std::string const& decision) {
-    for (auto const& [name, value] : form.m_Decisions) {
+Response submit(Form const& form, std::string const& decision) {
+    for (auto const& [name, value] : form.m_Buttons) {
         if (value == decision) {
             std::string content = percentEncoded(name) + "=" + percentEncoded(value);
             for (auto const& [fieldName, fieldValue] : form.m_Fields) {
@@ -107,22 +111,22 @@ Answer press(Form const& form, std::string const& decision) {
             return fetch(form.m_Action, content);
         }
     }
-    throw std::runtime_error("the page has no button for \"" + decision + "\"");
+    throw std::runtime_error("the page has no button \"" + decision + "\"");
 }
 
 Form readForm(std::string const& url, std::string const& page) {
     std::vector<std::string> const forms = tagsOf(page, "form");
     if (forms.size() != 1) {
-        throw std::runtime_error("the page has not exactly one form");
+        throw std::runtime_error("the page does not have exactly one form");
     }
     Form form;
-    Address const address = splitAddress(url);
+    HttpUrl const address = parseUrl(url);
     form.m_Action = "http://" + address.m_Host + ":" + address.m_Port + valueIn(forms[0], "action");
     for (std::string const& tag : tagsOf(page, "input")) {
         form.m_Fields.emplace_back(valueIn(tag, "name"), valueIn(tag, "value"));
     }
     for (std::string const& tag : tagsOf(page, "button")) {
-        form.m_Decisions.emplace_back(valueIn(tag, "name"), valueIn(tag, "value"));
+        form.m_Buttons.emplace_back(valueIn(tag, "name"), valueIn(tag, "value"));
     }
     return form;
 }
