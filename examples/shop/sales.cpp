@@ -70,7 +70,7 @@ Objection tooLate(Order const& order, Confirmation const& confirmation, Calls co
 
 }  // namespace
 
-Sales::Sales(MerchantAccount& account, std::string address) : m_Address(std::move(address)), m_Desk(account) {}
+Sales::Sales(MerchantAccount& account, std::string address) : m_Address(std::move(address)), m_PaymentClient(account) {}
 
 Order Sales::order(std::string const& number) const {
     std::optional<Order> const found = m_Orders.find(number);
@@ -97,7 +97,7 @@ std::string Sales::checkOut(std::string const& visitor, std::string const& key) 
     }
     order.m_Number = m_Orders.newNumber();
     order.m_Cents = totalCents(order.m_Quantities);
-    order.m_Payment = m_Desk.openPayment(order, orderAddress(order.m_Number), order.m_Calls);
+    order.m_Payment = m_PaymentClient.openPayment(order, orderAddress(order.m_Number), order.m_Calls);
     std::string const kept = m_Orders.add(order);
     return kept == order.m_Number ? order.m_Payment.m_Url : orderAddress(kept);
 }
@@ -106,7 +106,7 @@ std::string Sales::payAgain(std::string const& number) {
     Order const before = order(number);
     Calls calls;
     if (isGivenUp(before.m_State) || waitsInVain(before, calls)) {
-        Payment const payment = m_Desk.openPayment(before, orderAddress(number), calls);
+        Payment const payment = m_PaymentClient.openPayment(before, orderAddress(number), calls);
         // false after a second click: then that one's payment is there
         m_Orders.waitFor(number, before.m_Payment.m_Token, payment, calls);
     }
@@ -145,7 +145,7 @@ std::string Sales::orderAddress(std::string const& number) const {
 void Sales::receive(std::string const& number, Messenger messenger, std::vector<std::string> const& results,
                     std::string const& data, std::string const& signature) {
     Calls calls;
-    Confirmation const confirmation = m_Desk.verify(order(number), results, data, signature, calls);
+    Confirmation const confirmation = m_PaymentClient.verify(order(number), results, data, signature, calls);
     OrderState const state = stateAfter(confirmation.m_Result);
     bool const isFirst = state == OrderState::kPaid ? m_Orders.pay(number, messenger, confirmation, calls)
                                                     : m_Orders.giveUp(number, state, messenger, confirmation, calls);
@@ -172,7 +172,7 @@ bool Sales::waitsInVain(Order const& order, Calls& calls) {
         throw Objection("Please try again in a minute", "The payment service is slow, and others wait for it already.",
                         {}, Objection::kBusy);
     }
-    std::string const state = m_Desk.state(order.m_Payment.m_Token, calls);
+    std::string const state = m_PaymentClient.state(order.m_Payment.m_Token, calls);
     return state != "authorised" && !isCaptured(state);
 }
 
@@ -197,16 +197,16 @@ OrderState Sales::carryOut(Order const& order, Calls& calls) const {
     bool captured = order.m_State == OrderState::kCaptured;
     if (order.m_State == OrderState::kCaptureFailed) {
         // The service may have captured all the same, so it is asked before a repetition.
-        std::string const state = m_Desk.state(order.m_Confirmation.m_Token, calls);
+        std::string const state = m_PaymentClient.state(order.m_Confirmation.m_Token, calls);
         if (state.empty()) {
             return OrderState::kCaptureFailed;
         }
         captured = isCaptured(state);
     }
-    if (!captured && !m_Desk.capture(order.m_Confirmation, calls)) {
+    if (!captured && !m_PaymentClient.capture(order.m_Confirmation, calls)) {
         return OrderState::kCaptureFailed;
     }
-    return m_Desk.complete(order.m_Confirmation, calls) ? OrderState::kCompleted : OrderState::kCaptured;
+    return m_PaymentClient.complete(order.m_Confirmation, calls) ? OrderState::kCompleted : OrderState::kCaptured;
 }
 
 }  // namespace storefront

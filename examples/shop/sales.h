@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "baskets.h"
-#include "cashdesk.h"
 #include "orders.h"
+#include "paymentclient.h"
 #include "turn.h"
 
 namespace storefront {
@@ -67,7 +67,7 @@ private:
     [[nodiscard]] OrderState carryOut(Order const& order, Calls& calls) const;
 
     std::string m_Address;
-    CashDesk m_Desk;
+    PaymentClient m_PaymentClient;
     Baskets m_Baskets;
     Orders m_Orders;
     std::atomic<int> m_TurnsTaken{0};  ///< How many wait for the service; see Turn.

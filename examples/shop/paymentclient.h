@@ -1,5 +1,5 @@
-#ifndef TALLOWIN_EXAMPLES_SHOP_CASHDESK_H
-#define TALLOWIN_EXAMPLES_SHOP_CASHDESK_H
+#ifndef TALLOWIN_EXAMPLES_SHOP_PAYMENTCLIENT_H
+#define TALLOWIN_EXAMPLES_SHOP_PAYMENTCLIENT_H
 
 #include <memory>
 #include <string>
@@ -15,10 +15,10 @@ namespace storefront {
 ///
 /// Every function works on handles of its own, so any thread may call any of them at any time. Those marked "network"
 /// wait for the service, as long as it takes.
-class CashDesk {
+class PaymentClient {
 public:
     /// Borrows `account`.
-    explicit CashDesk(MerchantAccount& account) : m_Account(account) {}
+    explicit PaymentClient(MerchantAccount& account) : m_Account(account) {}
 
     /// Starts a payment for the order's number and amount, over which the visitor comes back to `orderAddress` followed
     /// by "/paid", "/declined" or "/cancelled", and about which the service tells the shop at "/notified". Sends

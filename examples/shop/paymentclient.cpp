@@ -1,4 +1,4 @@
-#include "cashdesk.h"
+#include "paymentclient.h"
 
 #include <tallowin/tallowin.h>
 
@@ -98,7 +98,7 @@ std::string check(MessageHandle const& message, Demand const& demand, Calls& cal
 
 }  // namespace
 
-Payment CashDesk::openPayment(Order const& order, std::string const& orderAddress, Calls& calls) const {
+Payment PaymentClient::openPayment(Order const& order, std::string const& orderAddress, Calls& calls) const {
     FactoryHandle const factory(CreateMessageFactory());
     MessageHandle payment;
     must(calls, "MessageFactory_Open", MessageFactory_Open(factory.get(), m_Account.directory().c_str()));
@@ -126,14 +126,14 @@ Payment CashDesk::openPayment(Order const& order, std::string const& orderAddres
 }
 
 /// A message, verified, unless a key signed it that may be one which the service has made since the set-up.
-struct CashDesk::Reading {
+struct PaymentClient::Reading {
     bool m_ByUnknownKey = false;
     std::string m_ServerKey;  ///< The name of the service's key, as far as the directory knows.
     std::unique_ptr<MessageHandle> m_Message;
 };
 
 /// Throws Objection when it is clear that the message is no good.
-CashDesk::Reading CashDesk::read(std::string const& data, std::string const& signature, Calls& calls) const {
+PaymentClient::Reading PaymentClient::read(std::string const& data, std::string const& signature, Calls& calls) const {
     Reading reading;
     reading.m_Message = std::make_unique<MessageHandle>();
     FactoryHandle const factory(CreateMessageFactory());
@@ -159,8 +159,8 @@ CashDesk::Reading CashDesk::read(std::string const& data, std::string const& sig
     return reading;
 }
 
-Confirmation CashDesk::verify(Order const& order, std::vector<std::string> const& results, std::string const& data,
-                              std::string const& signature, Calls& calls) const {
+Confirmation PaymentClient::verify(Order const& order, std::vector<std::string> const& results, std::string const& data,
+                                   std::string const& signature, Calls& calls) const {
     // The library takes text up to a zero byte, so what stands behind it would go unverified.
     if (data.find('\0') != std::string::npos) {
         throw Objection(kRefused, "It holds a zero byte, so it is not a message.");
@@ -201,7 +201,7 @@ Confirmation CashDesk::verify(Order const& order, std::vector<std::string> const
     return {token, id, result, data, signature};
 }
 
-bool CashDesk::capture(Confirmation const& confirmation, Calls& calls) const {
+bool PaymentClient::capture(Confirmation const& confirmation, Calls& calls) const {
     // Only an object that was opened on the directory has our key to sign with; it then gets the confirmation's text.
     MessageHandle const message(CreateMessageObject());
     return noted(calls, "MessageObject_Open", MessageObject_Open(message.get(), m_Account.directory().c_str())) &&
@@ -210,7 +210,7 @@ bool CashDesk::capture(Confirmation const& confirmation, Calls& calls) const {
            noted(calls, "MessageObject_Capture", MessageObject_Capture(message.get()));
 }
 
-bool CashDesk::complete(Confirmation const& confirmation, Calls& calls) const {
+bool PaymentClient::complete(Confirmation const& confirmation, Calls& calls) const {
     FactoryHandle const factory(CreateMessageFactory());
     MessageHandle completion;
     MessageHandle answer;
@@ -221,7 +221,7 @@ bool CashDesk::complete(Confirmation const& confirmation, Calls& calls) const {
            noted(calls, "MessageObject_Execute (PayComplete)", MessageObject_Execute(completion.get(), answer.out()));
 }
 
-std::string CashDesk::state(std::string const& token, Calls& calls) const {
+std::string PaymentClient::state(std::string const& token, Calls& calls) const {
     FactoryHandle const factory(CreateMessageFactory());
     MessageHandle question;
     MessageHandle answer;
