@@ -167,8 +167,8 @@ bool Sales::waitsInVain(Order const& order, Calls& calls) {
     if (order.m_State != OrderState::kWaiting || !isTooLate(order.m_Payment)) {
         return false;
     }
-    Turn const turn(m_TurnsTaken);
-    if (!turn) {
+    ServiceSlot const slot(m_SlotsInUse);
+    if (!slot) {
         throw Objection("Please try again in a minute", "The payment service is slow, and others wait for it already.",
                         {}, Objection::kBusy);
     }
@@ -180,8 +180,8 @@ bool Sales::waitsInVain(Order const& order, Calls& calls) {
 void Sales::settle(Order const& order) {
     OrderState const asBefore = order.m_State == OrderState::kPaid ? OrderState::kCaptureFailed : order.m_State;
     Calls calls;
-    Turn const turn(m_TurnsTaken);
-    if (!turn) {
+    ServiceSlot const slot(m_SlotsInUse);
+    if (!slot) {
         m_Orders.settled(order.m_Number, asBefore, {{"MessageObject_Capture", "not called, too many others wait"}});
         return;
     }

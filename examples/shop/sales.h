@@ -8,7 +8,7 @@
 #include "baskets.h"
 #include "orders.h"
 #include "paymentclient.h"
-#include "turn.h"
+#include "serviceslot.h"
 
 namespace storefront {
 
@@ -70,7 +70,7 @@ private:
     PaymentClient m_PaymentClient;
     Baskets m_Baskets;
     Orders m_Orders;
-    std::atomic<int> m_TurnsTaken{0};  ///< How many wait for the service; see Turn.
+    std::atomic<int> m_SlotsInUse{0};  ///< Threads that wait for the service; see ServiceSlot.
 };
 
 }  // namespace storefront

@@ -106,12 +106,12 @@ int Storefront::listenOn(int port) {
         int const yes = 1;
         ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
     });
-    int const taken = port == 0 ? m_Http.bind_to_any_port(kHost) : m_Http.bind_to_port(kHost, port) ? port : 0;
-    if (taken <= 0) {
+    int const bound = port == 0 ? m_Http.bind_to_any_port(kHost) : m_Http.bind_to_port(kHost, port) ? port : 0;
+    if (bound <= 0) {
         throw std::runtime_error("the shop cannot listen on " + std::string(kHost) + ":" + std::to_string(port) +
                                  " (is another program using the port?)");
     }
-    return taken;
+    return bound;
 }
 
 void Storefront::addPages() {
