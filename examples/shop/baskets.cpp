@@ -2,8 +2,8 @@
 
 #include <charconv>
 
-#include "objection.h"
 #include "randomhex.h"
+#include "requesterror.h"
 
 namespace storefront {
 
@@ -26,8 +26,8 @@ int readQuantity(std::string const& text) {
     char const* const end = text.data() + text.size();
     std::from_chars_result const read = std::from_chars(text.data(), end, quantity);
     if (read.ec != std::errc() || read.ptr != end || quantity < 0 || quantity > kMostOfOne) {
-        throw Objection(kUnchanged,
-                        "\"" + text + "\" is not a whole number from 0 to " + std::to_string(kMostOfOne) + ".");
+        throw RequestError(kUnchanged,
+                           "\"" + text + "\" is not a whole number from 0 to " + std::to_string(kMostOfOne) + ".");
     }
     return quantity;
 }
@@ -52,13 +52,13 @@ Quantities Baskets::of(std::string const& visitor) const {
 
 void Baskets::add(std::string const& visitor, std::string const& article, int quantity) {
     if (findArticle(article) == nullptr) {
-        throw Objection(kUnchanged, "There is no article \"" + article + "\" in this shop.");
+        throw RequestError(kUnchanged, "There is no article \"" + article + "\" in this shop.");
     }
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Quantities changed = m_Contents.at(visitor);
     int const together = changed[article] + quantity;
     if (together > kMostOfOne) {
-        throw Objection(kUnchanged, "A basket takes " + std::to_string(kMostOfOne) + " of an article at most.");
+        throw RequestError(kUnchanged, "A basket takes " + std::to_string(kMostOfOne) + " of an article at most.");
     }
     put(changed, article, together);
     m_Contents.at(visitor).swap(changed);

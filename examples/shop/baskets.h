@@ -12,7 +12,7 @@ namespace storefront {
 /// The most of one article that a basket takes.
 constexpr int kMostOfOne = 99;
 
-/// A whole number from 0 to kMostOfOne. Throws Objection for every other text.
+/// A whole number from 0 to kMostOfOne. Throws RequestError for every other text.
 int readQuantity(std::string const& text);
 
 /// What the visitors want to buy. All functions may be called by any thread at any time.
@@ -29,7 +29,7 @@ public:
     /// The content; empty for an unknown visitor.
     [[nodiscard]] Quantities of(std::string const& visitor) const;
 
-    /// Puts some more of an article in. Throws Objection and changes nothing when there is no such article, or more
+    /// Puts some more of an article in. Throws RequestError and changes nothing when there is no such article, or more
     /// than kMostOfOne of it would be in. Requires: knows(visitor).
     void add(std::string const& visitor, std::string const& article, int quantity);
 

@@ -45,7 +45,7 @@ void MerchantAccount::setUpOnce() {
          ConfigurationSetup_Reconfigure(setup.get(), m_Service.c_str(), m_User.c_str(), m_Password.c_str()));
 }
 
-void MerchantAccount::setUpAgain(Calls& calls) {
+void MerchantAccount::setUpAgain(CallLog& calls) {
     std::unique_lock<std::mutex> lock(m_Mutex);
     if (m_SettingUp) {
         if (m_Waiting < kMostWaiting) {

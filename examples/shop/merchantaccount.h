@@ -8,7 +8,7 @@
 #include <string>
 #include <utility>
 
-#include "objection.h"
+#include "calllog.h"
 
 namespace storefront {
 
@@ -34,7 +34,7 @@ public:
     /// Whoever has a visitor's address can make the shop call this, so after a success there is none for half a minute:
     /// meanwhile callers get what the last time brought. A few callers wait for one that is under way, but not for
     /// long.
-    void setUpAgain(Calls& calls);
+    void setUpAgain(CallLog& calls);
 
 private:
     [[nodiscard]] std::int32_t setUp() const;

@@ -24,7 +24,7 @@ bool canBePaidBy(Order const& order, Confirmation const& confirmation) {
            (isOpen(order.m_State) && contains(order.m_Overtaken, confirmation.m_Token));
 }
 
-void append(Calls& calls, Calls const& more) {
+void append(CallLog& calls, CallLog const& more) {
     calls.insert(calls.end(), more.begin(), more.end());
 }
 
@@ -58,7 +58,7 @@ std::optional<Order> Orders::find(std::string const& number) const {
 }
 
 bool Orders::waitFor(std::string const& number, std::string const& instead, Payment const& payment,
-                     Calls const& calls) {
+                     CallLog const& calls) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Order& order = m_Orders.at(number);
     if (!isOpen(order.m_State) || order.m_Payment.m_Token != instead) {
@@ -76,7 +76,7 @@ bool Orders::waitFor(std::string const& number, std::string const& instead, Paym
 }
 
 bool Orders::giveUp(std::string const& number, OrderState state, Messenger messenger, Confirmation const& confirmation,
-                    Calls const& calls) {
+                    CallLog const& calls) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Order& order = m_Orders.at(number);
     if (!waitsFor(order, confirmation)) {
@@ -89,7 +89,8 @@ bool Orders::giveUp(std::string const& number, OrderState state, Messenger messe
     return true;
 }
 
-bool Orders::pay(std::string const& number, Messenger messenger, Confirmation const& confirmation, Calls const& calls) {
+bool Orders::pay(std::string const& number, Messenger messenger, Confirmation const& confirmation,
+                 CallLog const& calls) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Order& order = m_Orders.at(number);
     if (!canBePaidBy(order, confirmation)) {
@@ -141,7 +142,7 @@ std::vector<std::string> Orders::inSettlement() const {
     return numbers;
 }
 
-void Orders::settled(std::string const& number, OrderState state, Calls const& calls) {
+void Orders::settled(std::string const& number, OrderState state, CallLog const& calls) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Order& order = m_Orders.at(number);
     order.m_State = state;

@@ -9,8 +9,8 @@
 #include <utility>
 #include <vector>
 
+#include "calllog.h"
 #include "catalogue.h"
-#include "objection.h"
 
 namespace storefront {
 
@@ -61,7 +61,7 @@ struct Order {
     bool m_Settling = false;      ///< Somebody is capturing or completing right now.
     Confirmation m_Confirmation;  ///< The accepted one, of `payment` or of one that it overtook; empty before.
     std::map<Messenger, Confirmation> m_Received;  ///< The accepted one as each messenger brought it.
-    Calls m_Calls;                                 ///< What the library did for `payment`, oldest first.
+    CallLog m_Calls;                               ///< What the library did for `payment`, oldest first.
 };
 
 /// The orders, as a shop keeps them in its database. All functions may be called by any thread at any time; each
@@ -83,16 +83,16 @@ public:
     /// Gives an order another payment to wait for, instead of the latest one with the token `instead`, which came to
     /// nothing or ran out of time. False, changing nothing, when the order is paid or has a later payment. Requires:
     /// the order exists, here and below.
-    bool waitFor(std::string const& number, std::string const& instead, Payment const& payment, Calls const& calls);
+    bool waitFor(std::string const& number, std::string const& instead, Payment const& payment, CallLog const& calls);
 
     /// A confirmation says that the order is not paid. False, changing nothing, when the order does not wait for it.
     bool giveUp(std::string const& number, OrderState state, Messenger messenger, Confirmation const& confirmation,
-                Calls const& calls);
+                CallLog const& calls);
 
     /// A confirmation says that the order is paid, by the payment it waits for or by one that was overtaken. True for
     /// the first caller alone, who then is the one to settle it: capture, complete, and call settled(). An order that
     /// another payment has paid keeps in mind that this one is authorised as well.
-    bool pay(std::string const& number, Messenger messenger, Confirmation const& confirmation, Calls const& calls);
+    bool pay(std::string const& number, Messenger messenger, Confirmation const& confirmation, CallLog const& calls);
 
     /// Whether a confirmation says the same as the one that was accepted, and is no replay. The service may tell as
     /// often as it likes. A visitor may come back once when the order is paid, and may load the page again when it is
@@ -106,7 +106,7 @@ public:
     [[nodiscard]] std::vector<std::string> inSettlement() const;
 
     /// Tells how far settling came.
-    void settled(std::string const& number, OrderState state, Calls const& calls);
+    void settled(std::string const& number, OrderState state, CallLog const& calls);
 
 private:
     mutable std::mutex m_Mutex;

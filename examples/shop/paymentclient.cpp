@@ -24,22 +24,23 @@ std::string callFor(char const* function, char const* what) {
 }
 
 /// Notes a call. True when it went well: compare with KVX_OK, never with "less than 0".
-bool noted(Calls& calls, std::string const& function, std::int32_t code) {
+bool noted(CallLog& calls, std::string const& function, std::int32_t code) {
     calls.push_back({function, examples::resultText(code)});
     return code == KVX_OK;
 }
 
-/// A copied text, its call noted. Throws Objection when there is none.
-std::string mustCopy(Calls& calls, std::string const& function, CopiedText const& copied) {
+/// A copied text, its call noted. Throws RequestError when there is none.
+std::string mustCopy(CallLog& calls, std::string const& function, CopiedText const& copied) {
     if (!noted(calls, function, copied.m_Code)) {
-        throw Objection("The payment could not be prepared", "The payment component answers: " + calls.back().m_Result,
-                        calls, Objection::kShop);
+        throw RequestError("The payment could not be prepared",
+                           "The payment component answers: " + calls.back().m_Result, calls,
+                           RequestError::kServerError);
     }
     return copied.m_Text;
 }
 
-/// Throws Objection when the call went wrong.
-void must(Calls& calls, std::string const& function, std::int32_t code) {
+/// Throws RequestError when the call went wrong.
+void must(CallLog& calls, std::string const& function, std::int32_t code) {
     mustCopy(calls, function, {code, ""});
 }
 
@@ -80,8 +81,8 @@ struct Demand {
     std::string m_Otherwise;
 };
 
-/// Returns the value. Throws Objection when it is none of those that are demanded.
-std::string check(MessageHandle const& message, Demand const& demand, Calls& calls) {
+/// Returns the value. Throws RequestError when it is none of those that are demanded.
+std::string check(MessageHandle const& message, Demand const& demand, CallLog& calls) {
     CopiedText const found = examples::attributeOf(message, demand.m_Name);
     bool const there = noted(calls, callFor("MessageObject_GetAttribute", demand.m_Name), found.m_Code);
     std::string wanted;
@@ -91,14 +92,14 @@ std::string check(MessageHandle const& message, Demand const& demand, Calls& cal
         }
         wanted += (wanted.empty() ? "\"" : " or \"") + value + "\"";
     }
-    throw Objection(
+    throw RequestError(
         kRefused, demand.m_Otherwise + " " + demand.m_Name + " is \"" + found.m_Text + "\", it must be " + wanted + ".",
         calls);
 }
 
 }  // namespace
 
-Payment PaymentClient::openPayment(Order const& order, std::string const& orderAddress, Calls& calls) const {
+Payment PaymentClient::openPayment(Order const& order, std::string const& orderAddress, CallLog& calls) const {
     FactoryHandle const factory(CreateMessageFactory());
     MessageHandle payment;
     must(calls, "MessageFactory_Open", MessageFactory_Open(factory.get(), m_Account.directory().c_str()));
@@ -132,8 +133,9 @@ struct PaymentClient::Reading {
     std::unique_ptr<MessageHandle> m_Message;
 };
 
-/// Throws Objection when it is clear that the message is no good.
-PaymentClient::Reading PaymentClient::read(std::string const& data, std::string const& signature, Calls& calls) const {
+/// Throws RequestError when it is clear that the message is no good.
+PaymentClient::Reading PaymentClient::read(std::string const& data, std::string const& signature,
+                                           CallLog& calls) const {
     Reading reading;
     reading.m_Message = std::make_unique<MessageHandle>();
     FactoryHandle const factory(CreateMessageFactory());
@@ -146,7 +148,7 @@ PaymentClient::Reading PaymentClient::read(std::string const& data, std::string 
         return reading;
     }
     if (!verified) {
-        throw Objection(kRefused, whyNotVerified(code), calls);
+        throw RequestError(kRefused, whyNotVerified(code), calls);
     }
     SetupHandle const setup(CreateConfigurationSetup());
     must(calls, "ConfigurationSetup_SetConfiguration",
@@ -160,13 +162,13 @@ PaymentClient::Reading PaymentClient::read(std::string const& data, std::string 
 }
 
 Confirmation PaymentClient::verify(Order const& order, std::vector<std::string> const& results, std::string const& data,
-                                   std::string const& signature, Calls& calls) const {
+                                   std::string const& signature, CallLog& calls) const {
     // The library takes text up to a zero byte, so what stands behind it would go unverified.
     if (data.find('\0') != std::string::npos) {
-        throw Objection(kRefused, "It holds a zero byte, so it is not a message.");
+        throw RequestError(kRefused, "It holds a zero byte, so it is not a message.");
     }
     if (signature.find('\0') != std::string::npos) {
-        throw Objection(kRefused, "What came as its signature holds a zero byte, so it is none.");
+        throw RequestError(kRefused, "What came as its signature holds a zero byte, so it is none.");
     }
     Reading reading = read(data, signature, calls);
     if (reading.m_ByUnknownKey) {
@@ -174,10 +176,11 @@ Confirmation PaymentClient::verify(Order const& order, std::vector<std::string> 
         reading = read(data, signature, calls);
     }
     if (reading.m_ByUnknownKey) {
-        throw Objection(kRefused,
-                        "It is signed by a key which the payment service does not name as its own. If it has changed "
-                        "its key since you paid, go on from the order's page.",
-                        calls);
+        throw RequestError(
+            kRefused,
+            "It is signed by a key which the payment service does not name as its own. If it has changed "
+            "its key since you paid, go on from the order's page.",
+            calls);
     }
     MessageHandle const& message = *reading.m_Message;
     std::vector<std::string> tokens = order.m_Overtaken;
@@ -201,7 +204,7 @@ Confirmation PaymentClient::verify(Order const& order, std::vector<std::string> 
     return {token, id, result, data, signature};
 }
 
-bool PaymentClient::capture(Confirmation const& confirmation, Calls& calls) const {
+bool PaymentClient::capture(Confirmation const& confirmation, CallLog& calls) const {
     // Only an object that was opened on the directory has our key to sign with; it then gets the confirmation's text.
     MessageHandle const message(CreateMessageObject());
     return noted(calls, "MessageObject_Open", MessageObject_Open(message.get(), m_Account.directory().c_str())) &&
@@ -210,7 +213,7 @@ bool PaymentClient::capture(Confirmation const& confirmation, Calls& calls) cons
            noted(calls, "MessageObject_Capture", MessageObject_Capture(message.get()));
 }
 
-bool PaymentClient::complete(Confirmation const& confirmation, Calls& calls) const {
+bool PaymentClient::complete(Confirmation const& confirmation, CallLog& calls) const {
     FactoryHandle const factory(CreateMessageFactory());
     MessageHandle completion;
     MessageHandle answer;
@@ -221,7 +224,7 @@ bool PaymentClient::complete(Confirmation const& confirmation, Calls& calls) con
            noted(calls, "MessageObject_Execute (PayComplete)", MessageObject_Execute(completion.get(), answer.out()));
 }
 
-std::string PaymentClient::state(std::string const& token, Calls& calls) const {
+std::string PaymentClient::state(std::string const& token, CallLog& calls) const {
     FactoryHandle const factory(CreateMessageFactory());
     MessageHandle question;
     MessageHandle answer;

@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "merchantaccount.h"
-#include "objection.h"
 #include "orders.h"
+#include "requesterror.h"
 
 namespace storefront {
 
@@ -22,30 +22,30 @@ public:
 
     /// Starts a payment for the order's number and amount, over which the visitor comes back to `orderAddress` followed
     /// by "/paid", "/declined" or "/cancelled", and about which the service tells the shop at "/notified". Sends
-    /// nothing. Throws Objection.
-    Payment openPayment(Order const& order, std::string const& orderAddress, Calls& calls) const;
+    /// nothing. Throws RequestError.
+    Payment openPayment(Order const& order, std::string const& orderAddress, CallLog& calls) const;
 
     /// What is in a message that came back with the visitor or by itself, when the service signed it and it is the
     /// confirmation of the order's latest payment or one that it overtook, over the whole amount, with one of `results`
-    /// ("authorised"). Throws Objection with what is wrong otherwise. Whether it has come before is the caller's
+    /// ("authorised"). Throws RequestError with what is wrong otherwise. Whether it has come before is the caller's
     /// question. Network, when a key signed it that the service may have made meanwhile.
     Confirmation verify(Order const& order, std::vector<std::string> const& results, std::string const& data,
-                        std::string const& signature, Calls& calls) const;
+                        std::string const& signature, CallLog& calls) const;
 
     /// Takes the money. Network. False says only that the service did not confirm it; it may have done it.
-    bool capture(Confirmation const& confirmation, Calls& calls) const;
+    bool capture(Confirmation const& confirmation, CallLog& calls) const;
 
     /// Tells the service that the order has been dealt with. Network.
-    bool complete(Confirmation const& confirmation, Calls& calls) const;
+    bool complete(Confirmation const& confirmation, CallLog& calls) const;
 
     /// Asks the service how the payment stands: "authorised", "captured", "completed". Network. Empty without an
     /// answer, and when the service does not know it.
-    std::string state(std::string const& token, Calls& calls) const;
+    std::string state(std::string const& token, CallLog& calls) const;
 
 private:
     struct Reading;
 
-    [[nodiscard]] Reading read(std::string const& data, std::string const& signature, Calls& calls) const;
+    [[nodiscard]] Reading read(std::string const& data, std::string const& signature, CallLog& calls) const;
 
     MerchantAccount& m_Account;
 };

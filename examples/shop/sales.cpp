@@ -53,7 +53,7 @@ bool isCaptured(std::string const& stateAtService) {
 }
 
 /// A genuine confirmation of the order's payment comes too late.
-Objection tooLate(Order const& order, Confirmation const& confirmation, Calls const& calls) {
+RequestError tooLate(Order const& order, Confirmation const& confirmation, CallLog const& calls) {
     if (isOpen(order.m_State)) {
         return {"Order " + order.m_Number + " does not wait for this confirmation",
                 "It is genuine, but how this payment ended is known already, or another has taken its place.", calls};
@@ -75,15 +75,15 @@ Sales::Sales(MerchantAccount& account, std::string address) : m_Address(std::mov
 Order Sales::order(std::string const& number) const {
     std::optional<Order> const found = m_Orders.find(number);
     if (!found) {
-        throw Objection("There is no such order", "This shop knows no order with the number \"" + number + "\".", {},
-                        Objection::kUnknown);
+        throw RequestError("There is no such order", "This shop knows no order with the number \"" + number + "\".", {},
+                           RequestError::kNotFound);
     }
     return *found;
 }
 
 std::string Sales::checkOut(std::string const& visitor, std::string const& key) {
     if (key.empty()) {
-        throw Objection("Nothing has been ordered", "The request did not come from the page of the basket.");
+        throw RequestError("Nothing has been ordered", "The request did not come from the page of the basket.");
     }
     if (std::optional<std::string> const made = m_Orders.madeWith(visitor, key)) {
         return orderAddress(*made);
@@ -93,7 +93,7 @@ std::string Sales::checkOut(std::string const& visitor, std::string const& key) 
     order.m_Key = key;
     order.m_Quantities = m_Baskets.of(visitor);
     if (order.m_Quantities.empty()) {
-        throw Objection("There is nothing to pay for", "The basket is empty.");
+        throw RequestError("There is nothing to pay for", "The basket is empty.");
     }
     order.m_Number = m_Orders.newNumber();
     order.m_Cents = totalCents(order.m_Quantities);
@@ -104,7 +104,7 @@ std::string Sales::checkOut(std::string const& visitor, std::string const& key) 
 
 std::string Sales::payAgain(std::string const& number) {
     Order const before = order(number);
-    Calls calls;
+    CallLog calls;
     if (isGivenUp(before.m_State) || waitsInVain(before, calls)) {
         Payment const payment = m_PaymentClient.openPayment(before, orderAddress(number), calls);
         // false after a second click: then that one's payment is there
@@ -112,7 +112,7 @@ std::string Sales::payAgain(std::string const& number) {
     }
     Order const now = order(number);
     if (now.m_State != OrderState::kWaiting) {
-        throw Objection("Order " + number + " cannot be paid now", "It is not waiting for a payment.");
+        throw RequestError("Order " + number + " cannot be paid now", "It is not waiting for a payment.");
     }
     return now.m_Payment.m_Url;
 }
@@ -144,7 +144,7 @@ std::string Sales::orderAddress(std::string const& number) const {
 /// Carries out what a confirmation with one of `results` says.
 void Sales::receive(std::string const& number, Messenger messenger, std::vector<std::string> const& results,
                     std::string const& data, std::string const& signature) {
-    Calls calls;
+    CallLog calls;
     Confirmation const confirmation = m_PaymentClient.verify(order(number), results, data, signature, calls);
     OrderState const state = stateAfter(confirmation.m_Result);
     bool const isFirst = state == OrderState::kPaid ? m_Orders.pay(number, messenger, confirmation, calls)
@@ -163,14 +163,15 @@ void Sales::receive(std::string const& number, Messenger messenger, std::vector<
 
 /// Whether the order's payment ran out of time. One that the service has as authorised did not: its page leads the
 /// visitor back. Without an answer a new payment is made all the same; the old one can still come in, as overtaken.
-bool Sales::waitsInVain(Order const& order, Calls& calls) {
+bool Sales::waitsInVain(Order const& order, CallLog& calls) {
     if (order.m_State != OrderState::kWaiting || !isTooLate(order.m_Payment)) {
         return false;
     }
     ServiceSlot const slot(m_SlotsInUse);
     if (!slot) {
-        throw Objection("Please try again in a minute", "The payment service is slow, and others wait for it already.",
-                        {}, Objection::kBusy);
+        throw RequestError("Please try again in a minute",
+                           "The payment service is slow, and others wait for it already.", {},
+                           RequestError::kUnavailable);
     }
     std::string const state = m_PaymentClient.state(order.m_Payment.m_Token, calls);
     return state != "authorised" && !isCaptured(state);
@@ -179,7 +180,7 @@ bool Sales::waitsInVain(Order const& order, Calls& calls) {
 /// Requires: the right to settle the order, which ends here in any case.
 void Sales::settle(Order const& order) {
     OrderState const asBefore = order.m_State == OrderState::kPaid ? OrderState::kCaptureFailed : order.m_State;
-    Calls calls;
+    CallLog calls;
     ServiceSlot const slot(m_SlotsInUse);
     if (!slot) {
         m_Orders.settled(order.m_Number, asBefore, {{"MessageObject_Capture", "not called, too many others wait"}});
@@ -193,7 +194,7 @@ void Sales::settle(Order const& order) {
     }
 }
 
-OrderState Sales::carryOut(Order const& order, Calls& calls) const {
+OrderState Sales::carryOut(Order const& order, CallLog& calls) const {
     bool captured = order.m_State == OrderState::kCaptured;
     if (order.m_State == OrderState::kCaptureFailed) {
         // The service may have captured all the same, so it is asked before a repetition.

@@ -21,7 +21,7 @@ struct WayBack {
 };
 
 /// Selling, from a full basket to a completed order. All functions may be called by any thread at any time; what the
-/// shop does not carry out is an Objection, after which everything is as before.
+/// shop does not carry out is a RequestError, after which everything is as before.
 class Sales {
 public:
     /// Borrows `account`. `address` is the shop's own, up to the port.
@@ -29,7 +29,7 @@ public:
 
     [[nodiscard]] Baskets& baskets() { return m_Baskets; }
 
-    /// Throws Objection when there is no such order.
+    /// Throws RequestError when there is no such order.
     [[nodiscard]] Order order(std::string const& number) const;
 
     /// Makes an order of the visitor's basket and starts its payment. Returns where the visitor pays. The basket stays
@@ -60,11 +60,11 @@ public:
 private:
     [[nodiscard]] std::string orderAddress(std::string const& number) const;
 
-    [[nodiscard]] bool waitsInVain(Order const& order, Calls& calls);
+    [[nodiscard]] bool waitsInVain(Order const& order, CallLog& calls);
     void receive(std::string const& number, Messenger messenger, std::vector<std::string> const& results,
                  std::string const& data, std::string const& signature);
     void settle(Order const& order);
-    [[nodiscard]] OrderState carryOut(Order const& order, Calls& calls) const;
+    [[nodiscard]] OrderState carryOut(Order const& order, CallLog& calls) const;
 
     std::string m_Address;
     PaymentClient m_PaymentClient;

@@ -4,8 +4,8 @@
 #include <string>
 
 #include "catalogue.h"
-#include "objection.h"
 #include "orders.h"
+#include "requesterror.h"
 
 namespace storefront {
 
@@ -24,7 +24,7 @@ std::string basketPage(Quantities const& basket, std::string const& key);
 std::string orderPage(Order const& order);
 
 /// What is not carried out, and why. `orderNumber` leads to the order that it was about; empty when there is none.
-std::string objectionPage(Objection const& objection, std::string const& orderNumber);
+std::string errorPage(RequestError const& error, std::string const& orderNumber);
 
 /// For an address at which there is no page, and for requests that are no good.
 std::string plainPage(std::string const& title, std::string const& text);

@@ -75,9 +75,9 @@ std::string surplusOf(Order const& order) {
     return told;
 }
 
-std::string callsTable(Calls const& calls) {
+std::string callsTable(CallLog const& calls) {
     std::string rows;
-    for (Call const& call : calls) {
+    for (LibraryCall const& call : calls) {
         rows += "<tr><td>" + escaped(call.m_Function) + "</td><td>" + escaped(call.m_Result) + "</td></tr>\n";
     }
     return "<table class=\"calls\">\n<thead><tr><th scope=\"col\">Function</th><th "
@@ -103,16 +103,16 @@ std::string orderPage(Order const& order) {
     return wholePage("Order " + order.m_Number + ": " + state.m_Name, content);
 }
 
-std::string objectionPage(Objection const& objection, std::string const& orderNumber) {
-    std::string content = paragraph(objection.reason());
+std::string errorPage(RequestError const& error, std::string const& orderNumber) {
+    std::string content = paragraph(error.message());
     if (!orderNumber.empty()) {
         content +=
             "<p><a href=\"/orders/" + escaped(orderNumber) + "\">To order " + escaped(orderNumber) + "</a></p>\n";
     }
-    if (!objection.calls().empty()) {
-        content += "<h2>What the library said</h2>\n" + callsTable(objection.calls());
+    if (!error.calls().empty()) {
+        content += "<h2>What the library said</h2>\n" + callsTable(error.calls());
     }
-    return wholePage(objection.title(), content);
+    return wholePage(error.title(), content);
 }
 
 }  // namespace storefront

@@ -52,7 +52,7 @@ std::string orderNumberIn(Request const& request) {
 void requireSingleParameters(Request const& request) {
     for (auto const& [name, value] : request.params) {
         if (request.params.count(name) > 1) {
-            throw Objection("This request is no good", "The parameter \"" + name + "\" comes more than once.");
+            throw RequestError("This request is no good", "The parameter \"" + name + "\" comes more than once.");
         }
     }
 }
@@ -140,14 +140,14 @@ void Storefront::addPages() {
     m_Http.Get("/orders/([0-9a-z-]{1,32})/notified", page(&Storefront::takeNotification));
 }
 
-/// A page that explains every Objection.
+/// A page that explains every RequestError.
 httplib::Server::Handler Storefront::page(void (Storefront::*answer)(Request const&, Reply&)) {
     return [this, answer](Request const& request, Reply& reply) {
         try {
             requireSingleParameters(request);
             (this->*answer)(request, reply);
-        } catch (Objection const& objection) {
-            send(reply, objectionPage(objection, orderNumberIn(request)), objection.fault());
+        } catch (RequestError const& error) {
+            send(reply, errorPage(error, orderNumberIn(request)), error.status());
         }
     };
 }
