@@ -25,9 +25,9 @@ int readQuantity(std::string const& text) {
     int quantity = 0;
     char const* const end = text.data() + text.size();
     std::from_chars_result const read = std::from_chars(text.data(), end, quantity);
-    if (read.ec != std::errc() || read.ptr != end || quantity < 0 || quantity > kMostOfOne) {
+    if (read.ec != std::errc() || read.ptr != end || quantity < 0 || quantity > kMaxQuantity) {
         throw RequestError(kUnchanged,
-                           "\"" + text + "\" is not a whole number from 0 to " + std::to_string(kMostOfOne) + ".");
+                           "\"" + text + "\" is not a whole number from 0 to " + std::to_string(kMaxQuantity) + ".");
     }
     return quantity;
 }
@@ -57,8 +57,8 @@ void Baskets::add(std::string const& visitor, std::string const& article, int qu
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Quantities changed = m_Contents.at(visitor);
     int const together = changed[article] + quantity;
-    if (together > kMostOfOne) {
-        throw RequestError(kUnchanged, "A basket takes " + std::to_string(kMostOfOne) + " of an article at most.");
+    if (together > kMaxQuantity) {
+        throw RequestError(kUnchanged, "A basket takes " + std::to_string(kMaxQuantity) + " of an article at most.");
     }
     put(changed, article, together);
     m_Contents.at(visitor).swap(changed);

@@ -10,9 +10,9 @@
 namespace storefront {
 
 /// The most of one article that a basket takes.
-constexpr int kMostOfOne = 99;
+constexpr int kMaxQuantity = 99;
 
-/// A whole number from 0 to kMostOfOne. Throws RequestError for every other text.
+/// A whole number from 0 to kMaxQuantity. Throws RequestError for every other text.
 int readQuantity(std::string const& text);
 
 /// What the visitors want to buy. All functions may be called by any thread at any time.
@@ -30,11 +30,11 @@ public:
     [[nodiscard]] Quantities of(std::string const& visitor) const;
 
     /// Puts some more of an article in. Throws RequestError and changes nothing when there is no such article, or more
-    /// than kMostOfOne of it would be in. Requires: knows(visitor).
+    /// than kMaxQuantity of it would be in. Requires: knows(visitor).
     void add(std::string const& visitor, std::string const& article, int quantity);
 
     /// Sets the quantities of the articles that are named; 0 takes them out. Requires: knows(visitor), articles of the
-    /// catalogue, 0 to kMostOfOne each.
+    /// catalogue, 0 to kMaxQuantity each.
     void set(std::string const& visitor, Quantities const& quantities);
 
     /// Takes everything out of a basket that still holds exactly `bought`. One that was changed meanwhile stays.

@@ -17,8 +17,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kThreads = 64;
-constexpr std::size_t kLargestRequest = 32768;
-constexpr std::chrono::seconds kPatience{5};
+constexpr std::size_t kMaxRequestBytes = 32768;
+constexpr std::chrono::seconds kRequestTimeout{5};
 
 class OpenSocket {
 public:
@@ -40,7 +40,7 @@ public:
     explicit BoundedStream(socket_t socket) : m_Socket(socket) {}
 
     [[nodiscard]] bool is_readable() const override { return m_Next < m_End || becomes(POLLIN, m_Deadline); }
-    [[nodiscard]] bool is_writable() const override { return becomes(POLLOUT, Clock::now() + kPatience); }
+    [[nodiscard]] bool is_writable() const override { return becomes(POLLOUT, Clock::now() + kRequestTimeout); }
 
     ssize_t read(char* to, std::size_t size) override;
     ssize_t write(char const* from, std::size_t size) override;
@@ -55,8 +55,8 @@ private:
     [[nodiscard]] bool becomes(short event, Clock::time_point deadline) const;
 
     socket_t m_Socket;
-    Clock::time_point m_Deadline = Clock::now() + kPatience;  ///< For the whole request.
-    std::size_t m_Left = kLargestRequest;                     ///< Bytes of the request that may still come.
+    Clock::time_point m_Deadline = Clock::now() + kRequestTimeout;  ///< For the whole request.
+    std::size_t m_Left = kMaxRequestBytes;                          ///< Bytes of the request that may still come.
     std::array<char, 4096> m_Buffer = {};
     std::size_t m_Next = 0;  ///< From here to m_End the buffer is still to be read.
     std::size_t m_End = 0;

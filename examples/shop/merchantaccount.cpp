@@ -12,10 +12,10 @@ namespace storefront {
 
 namespace {
 
-constexpr std::chrono::seconds kPause{30};
-constexpr std::chrono::seconds kPauseAfterFailure{2};
-constexpr std::chrono::seconds kPatience{5};
-constexpr int kMostWaiting = 8;
+constexpr std::chrono::seconds kSetUpInterval{30};
+constexpr std::chrono::seconds kSetUpIntervalAfterFailure{2};
+constexpr std::chrono::seconds kSetUpWait{5};
+constexpr int kMaxWaiting = 8;
 
 void must(char const* what, std::int32_t code) {
     if (code != KVX_OK) {
@@ -48,9 +48,9 @@ void MerchantAccount::setUpOnce() {
 void MerchantAccount::setUpAgain(CallLog& calls) {
     std::unique_lock<std::mutex> lock(m_Mutex);
     if (m_SettingUp) {
-        if (m_Waiting < kMostWaiting) {
+        if (m_Waiting < kMaxWaiting) {
             ++m_Waiting;
-            m_Ended.wait_for(lock, kPatience, [this] { return !m_SettingUp; });
+            m_Ended.wait_for(lock, kSetUpWait, [this] { return !m_SettingUp; });
             --m_Waiting;
         }
         return;
@@ -63,7 +63,7 @@ void MerchantAccount::setUpAgain(CallLog& calls) {
     std::int32_t const code = setUp();
     lock.lock();
     m_SettingUp = false;
-    m_Next = std::chrono::steady_clock::now() + (code == KVX_OK ? kPause : kPauseAfterFailure);
+    m_Next = std::chrono::steady_clock::now() + (code == KVX_OK ? kSetUpInterval : kSetUpIntervalAfterFailure);
     m_Ended.notify_all();
     calls.push_back({"ConfigurationSetup_Reconfigure", examples::resultText(code)});
 }

@@ -16,11 +16,11 @@
 namespace {
 
 constexpr int kUsage = 2;
-constexpr int kHighestPort = 65535;
+constexpr int kMaxPort = 65535;
 
 // The library waits for the service without a limit, and so would a shop that ends in the middle of a capture. Longer
 // than a visitor may take to send a request.
-constexpr std::chrono::seconds kLongestEnd{7};
+constexpr std::chrono::seconds kShutdownTimeout{7};
 
 char const kHelp[] =
     "Usage: TALLOWIN_PASSWORD=... tallowin-shop DIRECTORY SERVICE USER [--port N]\n"
@@ -50,7 +50,7 @@ std::optional<int> readPort(std::string const& text) {
     char const* const end = text.data() + text.size();
     std::from_chars_result const read = std::from_chars(text.data(), end, port);
     bool const whole = read.ec == std::errc() && read.ptr == end;
-    return whole && port >= 0 && port <= kHighestPort ? std::optional<int>(port) : std::nullopt;
+    return whole && port >= 0 && port <= kMaxPort ? std::optional<int>(port) : std::nullopt;
 }
 
 std::optional<Arguments> readArguments(int argc, char** argv) {
@@ -84,7 +84,7 @@ void serve(storefront::MerchantAccount& account, int port) {
     std::cout << "The shop is open at " << shop.address() << "/" << std::endl;
     int ending = 0;
     sigwait(&endings, &ending);
-    if (!shop.close(kLongestEnd)) {
+    if (!shop.close(kShutdownTimeout)) {
         leaveUnfinished(shop.inSettlement());
     }
 }

@@ -18,7 +18,7 @@ std::string quantityField(Article const& article, std::string const& name, std::
     std::string const id = escaped("quantity-of-" + std::string(article.m_Id));
     return "<label for=\"" + id + "\">" + escaped(label) + "</label> <input id=\"" + id + "\" name=\"" + escaped(name) +
            "\" type=\"number\" inputmode=\"numeric\" min=\"" + std::to_string(least) + "\" max=\"" +
-           std::to_string(kMostOfOne) + "\" value=\"" + std::to_string(quantity) + "\" required>\n";
+           std::to_string(kMaxQuantity) + "\" value=\"" + std::to_string(quantity) + "\" required>\n";
 }
 
 std::string hiddenField(std::string const& name, std::string const& value) {

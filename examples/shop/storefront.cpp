@@ -23,8 +23,8 @@ constexpr int kSeeOther = 303;
 constexpr int kNotFound = 404;
 constexpr int kServerError = 500;
 constexpr std::size_t kKeyWords = 4;
-constexpr std::size_t kLargestForm = 8192;
-constexpr std::chrono::seconds kStartPatience{60};
+constexpr std::size_t kMaxFormBytes = 8192;
+constexpr std::chrono::seconds kStartTimeout{60};
 
 void send(Response& reply, std::string const& page, int status = 200) {
     reply.status = status;
@@ -79,7 +79,7 @@ Storefront::Storefront(MerchantAccount& account, int port) : m_Port(listenOn(por
     m_Serving = std::async(std::launch::async, [this] { m_Http.listen_after_bind(); });
     // The server can be stopped only once it runs; that it answers shows that it does.
     httplib::Client self(kHost, m_Port);
-    self.set_read_timeout(kStartPatience);
+    self.set_read_timeout(kStartTimeout);
     if (!self.Get("/")) {
         m_Http.stop();
         throw std::runtime_error("the shop does not answer at " + address());
@@ -91,9 +91,9 @@ Storefront::~Storefront() {
     m_Serving.wait();
 }
 
-bool Storefront::close(std::chrono::seconds patience) {
+bool Storefront::close(std::chrono::seconds timeout) {
     m_Http.stop();
-    return m_Serving.wait_for(patience) == std::future_status::ready;
+    return m_Serving.wait_for(timeout) == std::future_status::ready;
 }
 
 std::string Storefront::address() const {
@@ -115,7 +115,7 @@ int Storefront::listenOn(int port) {
 }
 
 void Storefront::addPages() {
-    m_Http.set_payload_max_length(kLargestForm);
+    m_Http.set_payload_max_length(kMaxFormBytes);
     // The address of an order is its key, so it is told to nobody else.
     m_Http.set_default_headers(
         {{"Cache-Control", "no-store"},

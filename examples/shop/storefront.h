@@ -26,8 +26,8 @@ public:
     /// The shop's address, up to the port.
     [[nodiscard]] std::string address() const;
 
-    /// Closes. False when what has been asked is not answered within `patience`.
-    [[nodiscard]] bool close(std::chrono::seconds patience);
+    /// Closes. False when what has been asked is not answered within `timeout`.
+    [[nodiscard]] bool close(std::chrono::seconds timeout);
 
     /// The orders that are being captured or completed right now.
     [[nodiscard]] std::vector<std::string> inSettlement() const { return m_Sales.inSettlement(); }
