@@ -99,7 +99,7 @@ std::string check(MessageHandle const& message, Demand const& demand, CallLog& c
 
 }  // namespace
 
-Payment PaymentClient::openPayment(Order const& order, std::string const& orderAddress, CallLog& calls) const {
+Payment PaymentClient::openPayment(Order const& order, std::string const& orderUrl, CallLog& calls) const {
     FactoryHandle const factory(CreateMessageFactory());
     MessageHandle payment;
     must(calls, "MessageFactory_Open", MessageFactory_Open(factory.get(), m_Account.directory().c_str()));
@@ -108,10 +108,10 @@ Payment PaymentClient::openPayment(Order const& order, std::string const& orderA
         {"ORDERID", order.m_Number},
         {"AMOUNT", amountText(order.m_Cents)},
         {"CURRENCY", kCurrency},
-        {"SUCCESSLINK", orderAddress + "/paid"},
-        {"FAILLINK", orderAddress + "/declined"},
-        {"BACKLINK", orderAddress + "/cancelled"},
-        {"NOTIFYADDRESS", orderAddress + "/notified"},
+        {"SUCCESSLINK", orderUrl + "/paid"},
+        {"FAILLINK", orderUrl + "/declined"},
+        {"BACKLINK", orderUrl + "/cancelled"},
+        {"NOTIFYADDRESS", orderUrl + "/notified"},
     };
     for (auto const& [name, value] : attributes) {
         must(calls, callFor("MessageObject_SetAttribute", name),

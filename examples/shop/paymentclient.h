@@ -20,10 +20,10 @@ public:
     /// Borrows `account`.
     explicit PaymentClient(MerchantAccount& account) : m_Account(account) {}
 
-    /// Starts a payment for the order's number and amount, over which the visitor comes back to `orderAddress` followed
+    /// Starts a payment for the order's number and amount, over which the visitor comes back to `orderUrl` followed
     /// by "/paid", "/declined" or "/cancelled", and about which the service tells the shop at "/notified". Sends
     /// nothing. Throws RequestError.
-    Payment openPayment(Order const& order, std::string const& orderAddress, CallLog& calls) const;
+    Payment openPayment(Order const& order, std::string const& orderUrl, CallLog& calls) const;
 
     /// What is in a message that came back with the visitor or by itself, when the service signed it and it is the
     /// confirmation of the order's latest payment or one that it overtook, over the whole amount, with one of `results`

@@ -11,7 +11,7 @@ namespace storefront {
 namespace {
 
 // clang-format off
-constexpr std::array<WayBack, 4> kWaysBack = {{
+constexpr std::array<ReturnLink, 4> kReturnLinks = {{
     {"paid",      "authorised", OrderState::kPaid},
     {"declined",  "declined",   OrderState::kDeclined},
     {"declined",  "expired",    OrderState::kExpired},
@@ -21,25 +21,25 @@ constexpr std::array<WayBack, 4> kWaysBack = {{
 
 std::vector<std::string> resultsAt(std::string const& name) {
     std::vector<std::string> results;
-    for (WayBack const& way : kWaysBack) {
-        if (name == way.m_Name) {
-            results.emplace_back(way.m_Result);
+    for (ReturnLink const& link : kReturnLinks) {
+        if (name == link.m_Name) {
+            results.emplace_back(link.m_Result);
         }
     }
     return results;
 }
 
 OrderState stateAfter(std::string const& result) {
-    for (WayBack const& way : kWaysBack) {
-        if (result == way.m_Result) {
-            return way.m_State;
+    for (ReturnLink const& link : kReturnLinks) {
+        if (result == link.m_Result) {
+            return link.m_State;
         }
     }
-    throw std::logic_error("a result that no way back has");
+    throw std::logic_error("a result that no return link has");
 }
 
 /// Whether the time for paying is over, by the shop's own clock.
-bool isTooLate(Payment const& payment) {
+bool isExpired(Payment const& payment) {
     std::time_t const now = std::time(nullptr);
     std::tm parts{};
     gmtime_r(&now, &parts);
@@ -53,7 +53,7 @@ bool isCaptured(std::string const& stateAtService) {
 }
 
 /// A genuine confirmation of the order's payment comes too late.
-RequestError tooLate(Order const& order, Confirmation const& confirmation, CallLog const& calls) {
+RequestError lateConfirmation(Order const& order, Confirmation const& confirmation, CallLog const& calls) {
     if (isOpen(order.m_State)) {
         return {"Order " + order.m_Number + " does not wait for this confirmation",
                 "It is genuine, but how this payment ended is known already, or another has taken its place.", calls};
@@ -86,7 +86,7 @@ std::string Sales::checkOut(std::string const& visitor, std::string const& key) 
         throw RequestError("Nothing has been ordered", "The request did not come from the page of the basket.");
     }
     if (std::optional<std::string> const made = m_Orders.madeWith(visitor, key)) {
-        return orderAddress(*made);
+        return orderUrl(*made);
     }
     Order order;
     order.m_Visitor = visitor;
@@ -97,16 +97,16 @@ std::string Sales::checkOut(std::string const& visitor, std::string const& key) 
     }
     order.m_Number = m_Orders.newNumber();
     order.m_Cents = totalCents(order.m_Quantities);
-    order.m_Payment = m_PaymentClient.openPayment(order, orderAddress(order.m_Number), order.m_Calls);
+    order.m_Payment = m_PaymentClient.openPayment(order, orderUrl(order.m_Number), order.m_Calls);
     std::string const kept = m_Orders.add(order);
-    return kept == order.m_Number ? order.m_Payment.m_Url : orderAddress(kept);
+    return kept == order.m_Number ? order.m_Payment.m_Url : orderUrl(kept);
 }
 
 std::string Sales::payAgain(std::string const& number) {
     Order const before = order(number);
     CallLog calls;
-    if (isGivenUp(before.m_State) || waitsInVain(before, calls)) {
-        Payment const payment = m_PaymentClient.openPayment(before, orderAddress(number), calls);
+    if (isGivenUp(before.m_State) || hasTimedOut(before, calls)) {
+        Payment const payment = m_PaymentClient.openPayment(before, orderUrl(number), calls);
         // false after a second click: then that one's payment is there
         m_Orders.waitFor(number, before.m_Payment.m_Token, payment, calls);
     }
@@ -117,27 +117,27 @@ std::string Sales::payAgain(std::string const& number) {
     return now.m_Payment.m_Url;
 }
 
-void Sales::comeBack(std::string const& number, std::string const& way, std::string const& data,
-                     std::string const& signature) {
-    receive(number, Messenger::kVisitor, resultsAt(way), data, signature);
+void Sales::handleReturn(std::string const& number, std::string const& link, std::string const& data,
+                         std::string const& signature) {
+    receive(number, Messenger::kVisitor, resultsAt(link), data, signature);
 }
 
-void Sales::takeNotification(std::string const& number, std::string const& data, std::string const& signature) {
+void Sales::handleNotification(std::string const& number, std::string const& data, std::string const& signature) {
     std::vector<std::string> results;
-    for (WayBack const& way : kWaysBack) {
-        results.emplace_back(way.m_Result);
+    for (ReturnLink const& link : kReturnLinks) {
+        results.emplace_back(link.m_Result);
     }
     receive(number, Messenger::kService, results, data, signature);
 }
 
-void Sales::tryAgain(std::string const& number) {
+void Sales::retrySettlement(std::string const& number) {
     Order const known = order(number);
     if (m_Orders.settleAgain(known.m_Number)) {
         settle(order(number));
     }
 }
 
-std::string Sales::orderAddress(std::string const& number) const {
+std::string Sales::orderUrl(std::string const& number) const {
     return m_Address + "/orders/" + number;
 }
 
@@ -152,7 +152,7 @@ void Sales::receive(std::string const& number, Messenger messenger, std::vector<
     bool const counts = isFirst || m_Orders.meet(number, messenger, confirmation);
     // The service would tell of a payment that counts no more again and again, though it is heard.
     if (!counts && messenger == Messenger::kVisitor) {
-        throw tooLate(order(number), confirmation, calls);
+        throw lateConfirmation(order(number), confirmation, calls);
     }
     if (isFirst && state == OrderState::kPaid) {
         Order const paid = order(number);
@@ -163,8 +163,8 @@ void Sales::receive(std::string const& number, Messenger messenger, std::vector<
 
 /// Whether the order's payment ran out of time. One that the service has as authorised did not: its page leads the
 /// visitor back. Without an answer a new payment is made all the same; the old one can still come in, as overtaken.
-bool Sales::waitsInVain(Order const& order, CallLog& calls) {
-    if (order.m_State != OrderState::kWaiting || !isTooLate(order.m_Payment)) {
+bool Sales::hasTimedOut(Order const& order, CallLog& calls) {
+    if (order.m_State != OrderState::kWaiting || !isExpired(order.m_Payment)) {
         return false;
     }
     ServiceSlot const slot(m_SlotsInUse);
@@ -187,14 +187,14 @@ void Sales::settle(Order const& order) {
         return;
     }
     try {
-        m_Orders.settled(order.m_Number, carryOut(order, calls), calls);
+        m_Orders.settled(order.m_Number, captureAndComplete(order, calls), calls);
     } catch (...) {
         m_Orders.settled(order.m_Number, asBefore, calls);
         throw;
     }
 }
 
-OrderState Sales::carryOut(Order const& order, CallLog& calls) const {
+OrderState Sales::captureAndComplete(Order const& order, CallLog& calls) const {
     bool captured = order.m_State == OrderState::kCaptured;
     if (order.m_State == OrderState::kCaptureFailed) {
         // The service may have captured all the same, so it is asked before a repetition.

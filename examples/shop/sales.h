@@ -14,7 +14,7 @@ namespace storefront {
 
 /// How a visitor comes back from the payment service: the last part of the address, a RESULT that belongs there, and
 /// what becomes of the order.
-struct WayBack {
+struct ReturnLink {
     char const* m_Name;
     char const* m_Result;
     OrderState m_State;
@@ -41,30 +41,30 @@ public:
     /// without being paid, gets a new payment first. Network.
     std::string payAgain(std::string const& number);
 
-    /// The visitor is back from the payment service at the order's address that ends in `way`: "paid", "declined" or
+    /// The visitor is back from the payment service at the order's address that ends in `link`: "paid", "declined" or
     /// "cancelled". A paid order is captured and completed; it is paid exactly once. A visitor
     /// whose confirmation the service itself has brought before comes back to an order that is paid.
-    void comeBack(std::string const& number, std::string const& way, std::string const& data,
-                  std::string const& signature);
+    void handleReturn(std::string const& number, std::string const& link, std::string const& data,
+                      std::string const& signature);
 
     /// The payment service tells by itself how the order's payment ended, with what it gives the visitor as well.
     /// Whichever comes first is carried out; the other one changes nothing.
-    void takeNotification(std::string const& number, std::string const& data, std::string const& signature);
+    void handleNotification(std::string const& number, std::string const& data, std::string const& signature);
 
     /// Captures and completes a paid order, as far as that is still to be done. Does nothing for any other order.
-    void tryAgain(std::string const& number);
+    void retrySettlement(std::string const& number);
 
     /// The orders that are being captured or completed right now.
     [[nodiscard]] std::vector<std::string> inSettlement() const { return m_Orders.inSettlement(); }
 
 private:
-    [[nodiscard]] std::string orderAddress(std::string const& number) const;
+    [[nodiscard]] std::string orderUrl(std::string const& number) const;
 
-    [[nodiscard]] bool waitsInVain(Order const& order, CallLog& calls);
+    [[nodiscard]] bool hasTimedOut(Order const& order, CallLog& calls);
     void receive(std::string const& number, Messenger messenger, std::vector<std::string> const& results,
                  std::string const& data, std::string const& signature);
     void settle(Order const& order);
-    [[nodiscard]] OrderState carryOut(Order const& order, CallLog& calls) const;
+    [[nodiscard]] OrderState captureAndComplete(Order const& order, CallLog& calls) const;
 
     std::string m_Address;
     PaymentClient m_PaymentClient;

@@ -26,9 +26,9 @@ constexpr std::size_t kKeyWords = 4;
 constexpr std::size_t kMaxFormBytes = 8192;
 constexpr std::chrono::seconds kStartTimeout{60};
 
-void send(Response& reply, std::string const& page, int status = 200) {
-    reply.status = status;
-    reply.set_content(page, kHtml);
+void send(Response& response, std::string const& page, int status = 200) {
+    response.status = status;
+    response.set_content(page, kHtml);
 }
 
 /// The visitor's name in the cookies of a request, as the browser tells it; empty when there is none.
@@ -58,17 +58,17 @@ void requireSingleParameters(Request const& request) {
 }
 
 /// Gives what failed without a page of its own one.
-httplib::Server::HandlerResponse explainFailure(Request const&, Response& reply) {
-    if (!reply.body.empty()) {
+httplib::Server::HandlerResponse explainFailure(Request const&, Response& response) {
+    if (!response.body.empty()) {
         return httplib::Server::HandlerResponse::Unhandled;
     }
-    bool const missing = reply.status == kNotFound;
-    send(reply,
-         plainPage(missing ? "There is nothing here" : "This request is no good",
-                   missing
-                       ? "This shop has no page at this address."
-                       : "The shop cannot do anything with it. HTTP calls that " + std::to_string(reply.status) + "."),
-         reply.status);
+    bool const missing = response.status == kNotFound;
+    send(response,
+         plainPage(
+             missing ? "There is nothing here" : "This request is no good",
+             missing ? "This shop has no page at this address."
+                     : "The shop cannot do anything with it. HTTP calls that " + std::to_string(response.status) + "."),
+         response.status);
     return httplib::Server::HandlerResponse::Handled;
 }
 
@@ -124,42 +124,43 @@ void Storefront::addPages() {
          {"Referrer-Policy", "no-referrer"},
          {"X-Content-Type-Options", "nosniff"}});
     m_Http.set_error_handler(httplib::Server::HandlerWithResponse(explainFailure));
-    m_Http.set_exception_handler([](Request const&, Response& reply, std::exception_ptr const&) {
-        send(reply, plainPage("Something went wrong", "The shop could not do this. Please try again."), kServerError);
+    m_Http.set_exception_handler([](Request const&, Response& response, std::exception_ptr const&) {
+        send(response, plainPage("Something went wrong", "The shop could not do this. Please try again."),
+             kServerError);
     });
 
-    m_Http.Get("/", [](Request const&, Response& reply) { send(reply, cataloguePage()); });
+    m_Http.Get("/", [](Request const&, Response& response) { send(response, cataloguePage()); });
     m_Http.Get("/basket", page(&Storefront::showBasket));
     m_Http.Post("/basket/add", page(&Storefront::addToBasket));
     m_Http.Post("/basket/update", page(&Storefront::updateBasket));
     m_Http.Post("/checkout", page(&Storefront::checkOut));
     m_Http.Get("/orders/([0-9a-z-]{1,32})", page(&Storefront::showOrder));
     m_Http.Post("/orders/([0-9a-z-]{1,32})/pay", page(&Storefront::payAgain));
-    m_Http.Post("/orders/([0-9a-z-]{1,32})/settle", page(&Storefront::tryAgain));
-    m_Http.Get("/orders/([0-9a-z-]{1,32})/(paid|declined|cancelled)", page(&Storefront::comeBack));
-    m_Http.Get("/orders/([0-9a-z-]{1,32})/notified", page(&Storefront::takeNotification));
+    m_Http.Post("/orders/([0-9a-z-]{1,32})/settle", page(&Storefront::retrySettlement));
+    m_Http.Get("/orders/([0-9a-z-]{1,32})/(paid|declined|cancelled)", page(&Storefront::handleReturn));
+    m_Http.Get("/orders/([0-9a-z-]{1,32})/notified", page(&Storefront::handleNotification));
 }
 
 /// A page that explains every RequestError.
-httplib::Server::Handler Storefront::page(void (Storefront::*answer)(Request const&, Reply&)) {
-    return [this, answer](Request const& request, Reply& reply) {
+httplib::Server::Handler Storefront::page(void (Storefront::*answer)(Request const&, Response&)) {
+    return [this, answer](Request const& request, Response& response) {
         try {
             requireSingleParameters(request);
-            (this->*answer)(request, reply);
+            (this->*answer)(request, response);
         } catch (RequestError const& error) {
-            send(reply, errorPage(error, orderNumberIn(request)), error.status());
+            send(response, errorPage(error, orderNumberIn(request)), error.status());
         }
     };
 }
 
-void Storefront::addToBasket(Request const& request, Reply& reply) {
+void Storefront::addToBasket(Request const& request, Response& response) {
     int const quantity = readQuantity(request.get_param_value("quantity"));
-    m_Sales.baskets().add(knownVisitor(request, reply), request.get_param_value("article"), quantity);
-    reply.set_redirect("/basket", kSeeOther);
+    m_Sales.baskets().add(knownVisitor(request, response), request.get_param_value("article"), quantity);
+    response.set_redirect("/basket", kSeeOther);
 }
 
-void Storefront::updateBasket(Request const& request, Reply& reply) {
-    std::string const visitor = knownVisitor(request, reply);
+void Storefront::updateBasket(Request const& request, Response& response) {
+    std::string const visitor = knownVisitor(request, response);
     Quantities wanted;
     for (Article const& article : catalogue()) {
         std::string const field = kQuantityField + std::string(article.m_Id);
@@ -168,55 +169,55 @@ void Storefront::updateBasket(Request const& request, Reply& reply) {
         }
     }
     m_Sales.baskets().set(visitor, wanted);
-    reply.set_redirect("/basket", kSeeOther);
+    response.set_redirect("/basket", kSeeOther);
 }
 
-void Storefront::showBasket(Request const& request, Reply& reply) {
-    send(reply, basketPage(m_Sales.baskets().of(visitorOf(request)), randomHex(kKeyWords)));
+void Storefront::showBasket(Request const& request, Response& response) {
+    send(response, basketPage(m_Sales.baskets().of(visitorOf(request)), randomHex(kKeyWords)));
 }
 
-void Storefront::checkOut(Request const& request, Reply& reply) {
-    reply.set_redirect(m_Sales.checkOut(visitorOf(request), request.get_param_value(kKeyField)), kSeeOther);
+void Storefront::checkOut(Request const& request, Response& response) {
+    response.set_redirect(m_Sales.checkOut(visitorOf(request), request.get_param_value(kKeyField)), kSeeOther);
 }
 
-void Storefront::showOrder(Request const& request, Reply& reply) {
-    send(reply, orderPage(m_Sales.order(orderNumberIn(request))));
+void Storefront::showOrder(Request const& request, Response& response) {
+    send(response, orderPage(m_Sales.order(orderNumberIn(request))));
 }
 
-void Storefront::payAgain(Request const& request, Reply& reply) {
-    reply.set_redirect(m_Sales.payAgain(orderNumberIn(request)), kSeeOther);
+void Storefront::payAgain(Request const& request, Response& response) {
+    response.set_redirect(m_Sales.payAgain(orderNumberIn(request)), kSeeOther);
 }
 
-void Storefront::tryAgain(Request const& request, Reply& reply) {
+void Storefront::retrySettlement(Request const& request, Response& response) {
     std::string const number = orderNumberIn(request);
-    m_Sales.tryAgain(number);
-    reply.set_redirect("/orders/" + number, kSeeOther);
+    m_Sales.retrySettlement(number);
+    response.set_redirect("/orders/" + number, kSeeOther);
 }
 
-void Storefront::comeBack(Request const& request, Reply& reply) {
+void Storefront::handleReturn(Request const& request, Response& response) {
     std::string const number = orderNumberIn(request);
     // DATA is bounded: the HTTP library takes addresses of 8 KB at most.
-    m_Sales.comeBack(number, request.matches[2].str(), request.get_param_value("DATA"),
-                     request.get_param_value("SIGNATURE"));
-    reply.set_redirect("/orders/" + number, kSeeOther);
+    m_Sales.handleReturn(number, request.matches[2].str(), request.get_param_value("DATA"),
+                         request.get_param_value("SIGNATURE"));
+    response.set_redirect("/orders/" + number, kSeeOther);
 }
 
 /// The payment service asks for this address: it tells again when the status is none of success.
-void Storefront::takeNotification(Request const& request, Reply& reply) {
-    m_Sales.takeNotification(orderNumberIn(request), request.get_param_value("DATA"),
-                             request.get_param_value("SIGNATURE"));
-    reply.set_content("taken\n", "text/plain");
+void Storefront::handleNotification(Request const& request, Response& response) {
+    m_Sales.handleNotification(orderNumberIn(request), request.get_param_value("DATA"),
+                               request.get_param_value("SIGNATURE"));
+    response.set_content("taken\n", "text/plain");
 }
 
 /// The visitor that sent the request. A browser without a basket gets one, and a cookie for it. The cookie is not
 /// needed for coming back from the payment service: an order is found by its address.
-std::string Storefront::knownVisitor(Request const& request, Reply& reply) {
+std::string Storefront::knownVisitor(Request const& request, Response& response) {
     std::string told = visitorOf(request);
     if (m_Sales.baskets().knows(told)) {
         return told;
     }
     std::string visitor = m_Sales.baskets().open();
-    reply.set_header("Set-Cookie", std::string(kCookie) + "=" + visitor + "; Path=/; HttpOnly; SameSite=Lax");
+    response.set_header("Set-Cookie", std::string(kCookie) + "=" + visitor + "; Path=/; HttpOnly; SameSite=Lax");
     return visitor;
 }
 

@@ -34,22 +34,22 @@ public:
 
 private:
     using Request = httplib::Request;
-    using Reply = httplib::Response;
+    using Response = httplib::Response;
 
     int listenOn(int port);
     void addPages();
-    httplib::Server::Handler page(void (Storefront::*answer)(Request const&, Reply&));
+    httplib::Server::Handler page(void (Storefront::*answer)(Request const&, Response&));
 
-    void addToBasket(Request const& request, Reply& reply);
-    void updateBasket(Request const& request, Reply& reply);
-    void showBasket(Request const& request, Reply& reply);
-    void checkOut(Request const& request, Reply& reply);
-    void showOrder(Request const& request, Reply& reply);
-    void payAgain(Request const& request, Reply& reply);
-    void tryAgain(Request const& request, Reply& reply);
-    void comeBack(Request const& request, Reply& reply);
-    void takeNotification(Request const& request, Reply& reply);
-    std::string knownVisitor(Request const& request, Reply& reply);
+    void addToBasket(Request const& request, Response& response);
+    void updateBasket(Request const& request, Response& response);
+    void showBasket(Request const& request, Response& response);
+    void checkOut(Request const& request, Response& response);
+    void showOrder(Request const& request, Response& response);
+    void payAgain(Request const& request, Response& response);
+    void retrySettlement(Request const& request, Response& response);
+    void handleReturn(Request const& request, Response& response);
+    void handleNotification(Request const& request, Response& response);
+    std::string knownVisitor(Request const& request, Response& response);
 
     BoundedServer m_Http;
     int m_Port;
