@@ -1,3 +1,7 @@
+// The order's state machine. Every function holds the lock for all it does, so each transition happens once.
+//
+// Order as in the header: new orders, look-up, a new payment, results of payments, settlement. A payment that another
+// one superseded can still pay an open order; a second authorised payment is stored as surplus and never captured.
 #include "orders.h"
 
 #include <algorithm>
@@ -9,7 +13,7 @@ namespace storefront {
 
 namespace {
 
-bool waitsFor(Order const& order, Confirmation const& confirmation) {
+bool isWaitingFor(Order const& order, Confirmation const& confirmation) {
     return order.m_State == OrderState::kWaiting && order.m_Payment.m_Token == confirmation.m_Token;
 }
 
@@ -17,11 +21,11 @@ bool contains(std::vector<std::string> const& texts, std::string const& text) {
     return std::find(texts.begin(), texts.end(), text) != texts.end();
 }
 
-/// Deliberate: a payment that another one overtook still pays an open order. The visitor may have paid just in time,
-/// and the confirmation came late.
+/// Deliberate: a superseded payment still pays an open order. The visitor may have paid in time, with a late
+/// confirmation.
 bool canBePaidBy(Order const& order, Confirmation const& confirmation) {
-    return waitsFor(order, confirmation) ||
-           (isOpen(order.m_State) && contains(order.m_Overtaken, confirmation.m_Token));
+    return isWaitingFor(order, confirmation) ||
+           (isOpen(order.m_State) && contains(order.m_Superseded, confirmation.m_Token));
 }
 
 void append(CallLog& calls, CallLog const& more) {
@@ -38,17 +42,17 @@ std::string Orders::newNumber() {
 
 std::string Orders::add(Order order) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
-    auto const [made, isFirst] = m_Made.try_emplace({order.m_Visitor, order.m_Key}, order.m_Number);
+    auto const [made, isFirst] = m_ByKey.try_emplace({order.m_Visitor, order.m_IdempotencyKey}, order.m_Number);
     if (isFirst) {
         m_Orders.emplace(order.m_Number, std::move(order));
     }
     return made->second;
 }
 
-std::optional<std::string> Orders::madeWith(std::string const& visitor, std::string const& key) const {
+std::optional<std::string> Orders::findByKey(std::string const& visitor, std::string const& key) const {
     std::lock_guard<std::mutex> const lock(m_Mutex);
-    auto const made = m_Made.find({visitor, key});
-    return made == m_Made.end() ? std::nullopt : std::optional<std::string>(made->second);
+    auto const made = m_ByKey.find({visitor, key});
+    return made == m_ByKey.end() ? std::nullopt : std::optional<std::string>(made->second);
 }
 
 std::optional<Order> Orders::find(std::string const& number) const {
@@ -57,15 +61,15 @@ std::optional<Order> Orders::find(std::string const& number) const {
     return found == m_Orders.end() ? std::nullopt : std::optional<Order>(found->second);
 }
 
-bool Orders::waitFor(std::string const& number, std::string const& instead, Payment const& payment,
-                     CallLog const& calls) {
+bool Orders::replacePayment(std::string const& number, std::string const& oldToken, Payment const& payment,
+                            CallLog const& calls) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Order& order = m_Orders.at(number);
-    if (!isOpen(order.m_State) || order.m_Payment.m_Token != instead) {
+    if (!isOpen(order.m_State) || order.m_Payment.m_Token != oldToken) {
         return false;
     }
     if (order.m_State == OrderState::kWaiting) {
-        order.m_Overtaken.push_back(instead);
+        order.m_Superseded.push_back(oldToken);
     }
     order.m_Payment = payment;
     order.m_State = OrderState::kWaiting;
@@ -75,22 +79,22 @@ bool Orders::waitFor(std::string const& number, std::string const& instead, Paym
     return true;
 }
 
-bool Orders::giveUp(std::string const& number, OrderState state, Messenger messenger, Confirmation const& confirmation,
-                    CallLog const& calls) {
+bool Orders::markUnpaid(std::string const& number, OrderState state, Channel channel, Confirmation const& confirmation,
+                        CallLog const& calls) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Order& order = m_Orders.at(number);
-    if (!waitsFor(order, confirmation)) {
+    if (!isWaitingFor(order, confirmation)) {
         return false;
     }
     order.m_State = state;
     order.m_Confirmation = confirmation;
-    order.m_Received[messenger] = confirmation;
+    order.m_Received[channel] = confirmation;
     append(order.m_Calls, calls);
     return true;
 }
 
-bool Orders::pay(std::string const& number, Messenger messenger, Confirmation const& confirmation,
-                 CallLog const& calls) {
+bool Orders::markPaid(std::string const& number, Channel channel, Confirmation const& confirmation,
+                      CallLog const& calls) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Order& order = m_Orders.at(number);
     if (!canBePaidBy(order, confirmation)) {
@@ -103,12 +107,12 @@ bool Orders::pay(std::string const& number, Messenger messenger, Confirmation co
     order.m_State = OrderState::kPaid;
     order.m_Settling = true;
     order.m_Confirmation = confirmation;
-    order.m_Received[messenger] = confirmation;
+    order.m_Received[channel] = confirmation;
     append(order.m_Calls, calls);
     return true;
 }
 
-bool Orders::meet(std::string const& number, Messenger messenger, Confirmation const& confirmation) {
+bool Orders::acceptRepeat(std::string const& number, Channel channel, Confirmation const& confirmation) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Order& order = m_Orders.at(number);
     Confirmation const& accepted = order.m_Confirmation;
@@ -116,11 +120,11 @@ bool Orders::meet(std::string const& number, Messenger messenger, Confirmation c
         accepted.m_Result != confirmation.m_Result) {
         return false;
     }
-    bool const first = order.m_Received.emplace(messenger, confirmation).second;
-    return first || messenger == Messenger::kService || isOpen(order.m_State);
+    bool const first = order.m_Received.emplace(channel, confirmation).second;
+    return first || channel == Channel::kNotification || isOpen(order.m_State);
 }
 
-bool Orders::settleAgain(std::string const& number) {
+bool Orders::beginSettlement(std::string const& number) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Order& order = m_Orders.at(number);
     bool const unsettled = order.m_State == OrderState::kCaptureFailed || order.m_State == OrderState::kCaptured;
@@ -142,7 +146,7 @@ std::vector<std::string> Orders::inSettlement() const {
     return numbers;
 }
 
-void Orders::settled(std::string const& number, OrderState state, CallLog const& calls) {
+void Orders::endSettlement(std::string const& number, OrderState state, CallLog const& calls) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Order& order = m_Orders.at(number);
     order.m_State = state;

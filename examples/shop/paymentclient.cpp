@@ -183,7 +183,7 @@ Confirmation PaymentClient::verify(Order const& order, std::vector<std::string> 
             calls);
     }
     MessageHandle const& message = *reading.m_Message;
-    std::vector<std::string> tokens = order.m_Overtaken;
+    std::vector<std::string> tokens = order.m_Superseded;
     tokens.push_back(order.m_Payment.m_Token);
     // A good signature alone proves little: messages of other kinds and orders, and older ones, are signed as well.
     Demand const demands[] = {

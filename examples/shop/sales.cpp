@@ -85,12 +85,12 @@ std::string Sales::checkOut(std::string const& visitor, std::string const& key) 
     if (key.empty()) {
         throw RequestError("Nothing has been ordered", "The request did not come from the page of the basket.");
     }
-    if (std::optional<std::string> const made = m_Orders.madeWith(visitor, key)) {
+    if (std::optional<std::string> const made = m_Orders.findByKey(visitor, key)) {
         return orderUrl(*made);
     }
     Order order;
     order.m_Visitor = visitor;
-    order.m_Key = key;
+    order.m_IdempotencyKey = key;
     order.m_Quantities = m_Baskets.of(visitor);
     if (order.m_Quantities.empty()) {
         throw RequestError("There is nothing to pay for", "The basket is empty.");
@@ -105,10 +105,10 @@ std::string Sales::checkOut(std::string const& visitor, std::string const& key) 
 std::string Sales::payAgain(std::string const& number) {
     Order const before = order(number);
     CallLog calls;
-    if (isGivenUp(before.m_State) || hasTimedOut(before, calls)) {
+    if (isUnpaid(before.m_State) || hasTimedOut(before, calls)) {
         Payment const payment = m_PaymentClient.openPayment(before, orderUrl(number), calls);
         // false after a second click: then that one's payment is there
-        m_Orders.waitFor(number, before.m_Payment.m_Token, payment, calls);
+        m_Orders.replacePayment(number, before.m_Payment.m_Token, payment, calls);
     }
     Order const now = order(number);
     if (now.m_State != OrderState::kWaiting) {
@@ -119,7 +119,7 @@ std::string Sales::payAgain(std::string const& number) {
 
 void Sales::handleReturn(std::string const& number, std::string const& link, std::string const& data,
                          std::string const& signature) {
-    receive(number, Messenger::kVisitor, resultsAt(link), data, signature);
+    receive(number, Channel::kReturn, resultsAt(link), data, signature);
 }
 
 void Sales::handleNotification(std::string const& number, std::string const& data, std::string const& signature) {
@@ -127,12 +127,12 @@ void Sales::handleNotification(std::string const& number, std::string const& dat
     for (ReturnLink const& link : kReturnLinks) {
         results.emplace_back(link.m_Result);
     }
-    receive(number, Messenger::kService, results, data, signature);
+    receive(number, Channel::kNotification, results, data, signature);
 }
 
 void Sales::retrySettlement(std::string const& number) {
     Order const known = order(number);
-    if (m_Orders.settleAgain(known.m_Number)) {
+    if (m_Orders.beginSettlement(known.m_Number)) {
         settle(order(number));
     }
 }
@@ -142,16 +142,16 @@ std::string Sales::orderUrl(std::string const& number) const {
 }
 
 /// Carries out what a confirmation with one of `results` says.
-void Sales::receive(std::string const& number, Messenger messenger, std::vector<std::string> const& results,
+void Sales::receive(std::string const& number, Channel channel, std::vector<std::string> const& results,
                     std::string const& data, std::string const& signature) {
     CallLog calls;
     Confirmation const confirmation = m_PaymentClient.verify(order(number), results, data, signature, calls);
     OrderState const state = stateAfter(confirmation.m_Result);
-    bool const isFirst = state == OrderState::kPaid ? m_Orders.pay(number, messenger, confirmation, calls)
-                                                    : m_Orders.giveUp(number, state, messenger, confirmation, calls);
-    bool const counts = isFirst || m_Orders.meet(number, messenger, confirmation);
+    bool const isFirst = state == OrderState::kPaid ? m_Orders.markPaid(number, channel, confirmation, calls)
+                                                    : m_Orders.markUnpaid(number, state, channel, confirmation, calls);
+    bool const counts = isFirst || m_Orders.acceptRepeat(number, channel, confirmation);
     // The service would tell of a payment that counts no more again and again, though it is heard.
-    if (!counts && messenger == Messenger::kVisitor) {
+    if (!counts && channel == Channel::kReturn) {
         throw lateConfirmation(order(number), confirmation, calls);
     }
     if (isFirst && state == OrderState::kPaid) {
@@ -183,13 +183,14 @@ void Sales::settle(Order const& order) {
     CallLog calls;
     ServiceSlot const slot(m_SlotsInUse);
     if (!slot) {
-        m_Orders.settled(order.m_Number, asBefore, {{"MessageObject_Capture", "not called, too many others wait"}});
+        m_Orders.endSettlement(order.m_Number, asBefore,
+                               {{"MessageObject_Capture", "not called, too many others wait"}});
         return;
     }
     try {
-        m_Orders.settled(order.m_Number, captureAndComplete(order, calls), calls);
+        m_Orders.endSettlement(order.m_Number, captureAndComplete(order, calls), calls);
     } catch (...) {
-        m_Orders.settled(order.m_Number, asBefore, calls);
+        m_Orders.endSettlement(order.m_Number, asBefore, calls);
         throw;
     }
 }

@@ -93,9 +93,8 @@ std::string orderPage(Order const& order) {
                           "<h2>What happened underneath</h2>\n" +
                           verbatim("The payment message", examples::attributePerLine(order.m_Payment.m_Message)) +
                           verbatim("The payment URL, with the message and its signature", order.m_Payment.m_Url);
-    for (auto const& [messenger, confirmation] : order.m_Received) {
-        std::string const how =
-            messenger == Messenger::kVisitor ? "that came back with you" : "that came by notification";
+    for (auto const& [channel, confirmation] : order.m_Received) {
+        std::string const how = channel == Channel::kReturn ? "that came back with you" : "that came by notification";
         content += verbatim("DATA " + how, examples::attributePerLine(confirmation.m_Data)) +
                    verbatim("SIGNATURE " + how, confirmation.m_Signature);
     }
