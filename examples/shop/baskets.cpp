@@ -10,7 +10,7 @@ namespace storefront {
 namespace {
 
 constexpr std::size_t kVisitorWords = 4;
-constexpr char kUnchanged[] = "The basket has not been changed";
+constexpr char kUnchanged[] = "Your basket was not changed";
 
 void put(Quantities& content, std::string const& article, int quantity) {
     content[article] = quantity;
@@ -58,7 +58,7 @@ void Baskets::add(std::string const& visitor, std::string const& article, int qu
     Quantities changed = m_Contents.at(visitor);
     int const together = changed[article] + quantity;
     if (together > kMaxQuantity) {
-        throw RequestError(kUnchanged, "A basket takes " + std::to_string(kMaxQuantity) + " of an article at most.");
+        throw RequestError(kUnchanged, "A basket holds at most " + std::to_string(kMaxQuantity) + " of one article.");
     }
     put(changed, article, together);
     m_Contents.at(visitor).swap(changed);

@@ -1,3 +1,4 @@
+/// The baskets of all visitors.
 #ifndef TALLOWIN_EXAMPLES_SHOP_BASKETS_H
 #define TALLOWIN_EXAMPLES_SHOP_BASKETS_H
 
@@ -9,35 +10,35 @@
 
 namespace storefront {
 
-/// The most of one article that a basket takes.
+/// The largest quantity of one article in a basket.
 constexpr int kMaxQuantity = 99;
 
-/// A whole number from 0 to kMaxQuantity. Throws RequestError for every other text.
+/// Reads a whole number from 0 to kMaxQuantity. Throws RequestError for any other text.
 int readQuantity(std::string const& text);
 
-/// What the visitors want to buy. All functions may be called by any thread at any time.
+/// The baskets, by visitor. Any thread may call any function at any time.
 ///
-/// Deliberate: a basket lives as long as the shop. A shop for the world would forget old ones.
+/// Deliberate: the shop never deletes a basket. A public shop would delete old ones.
 class Baskets {
 public:
-    /// A new visitor with an empty basket. Returns the name under which only this visitor's browser knows it.
+    /// Creates an empty basket. Returns a new visitor id, which is not guessable.
     std::string open();
 
-    /// Whether `visitor` came from open().
+    /// Whether open() returned this visitor id.
     [[nodiscard]] bool knows(std::string const& visitor) const;
 
-    /// The content; empty for an unknown visitor.
+    /// The basket's content; empty for an unknown visitor.
     [[nodiscard]] Quantities of(std::string const& visitor) const;
 
-    /// Puts some more of an article in. Throws RequestError and changes nothing when there is no such article, or more
-    /// than kMaxQuantity of it would be in. Requires: knows(visitor).
+    /// Adds `quantity` of an article. Throws RequestError and changes nothing when the article does not exist or its
+    /// quantity would exceed kMaxQuantity. Requires: knows(visitor).
     void add(std::string const& visitor, std::string const& article, int quantity);
 
-    /// Sets the quantities of the articles that are named; 0 takes them out. Requires: knows(visitor), articles of the
+    /// Sets the quantities of the given articles; 0 removes an article. Requires: knows(visitor), articles of the
     /// catalogue, 0 to kMaxQuantity each.
     void set(std::string const& visitor, Quantities const& quantities);
 
-    /// Takes everything out of a basket that still holds exactly `bought`. One that was changed meanwhile stays.
+    /// Empties the basket when its content is still exactly `bought`. A basket that has changed stays as it is.
     void emptyAfter(std::string const& visitor, Quantities const& bought);
 
 private:

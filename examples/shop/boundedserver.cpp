@@ -1,3 +1,8 @@
+// Limits each request in size and time by handing the HTTP library a stream of our own.
+//
+// Order: the socket's owner, the stream, the server. The stream counts the bytes of the request and stops at the limit
+// or the deadline, whatever the library is reading. Writing has a timeout per piece, not a deadline: a large page may
+// take longer.
 #include "boundedserver.h"
 
 #include <poll.h>
@@ -20,6 +25,7 @@ constexpr std::size_t kThreads = 64;
 constexpr std::size_t kMaxRequestBytes = 32768;
 constexpr std::chrono::seconds kRequestTimeout{5};
 
+/// Owns a connected socket.
 class OpenSocket {
 public:
     explicit OpenSocket(int socket) : m_Socket(socket) {}
@@ -34,7 +40,7 @@ private:
     int m_Socket;
 };
 
-/// One request, and the answer to it, on a connected socket, which is borrowed.
+/// One request and its response on a connected socket; borrows the socket.
 class BoundedStream : public httplib::Stream {
 public:
     explicit BoundedStream(socket_t socket) : m_Socket(socket) {}
@@ -46,7 +52,7 @@ public:
     ssize_t write(char const* from, std::size_t size) override;
     using httplib::Stream::write;
 
-    /// Nobody asks the shop who its visitor is.
+    /// Left empty: the shop does not use addresses of clients.
     void get_remote_ip_and_port(std::string&, int&) const override {}
     void get_local_ip_and_port(std::string&, int&) const override {}
     [[nodiscard]] socket_t socket() const override { return m_Socket; }
@@ -56,9 +62,9 @@ private:
 
     socket_t m_Socket;
     Clock::time_point m_Deadline = Clock::now() + kRequestTimeout;  ///< For the whole request.
-    std::size_t m_Left = kMaxRequestBytes;                          ///< Bytes of the request that may still come.
+    std::size_t m_Left = kMaxRequestBytes;                          ///< Bytes of the request that are still allowed.
     std::array<char, 4096> m_Buffer = {};
-    std::size_t m_Next = 0;  ///< From here to m_End the buffer is still to be read.
+    std::size_t m_Next = 0;  ///< The buffer holds unread bytes from here up to m_End.
     std::size_t m_End = 0;
 };
 
@@ -102,7 +108,7 @@ ssize_t BoundedStream::write(char const* from, std::size_t size) {
 }  // namespace
 
 BoundedServer::BoundedServer() {
-    new_task_queue = [] { return new httplib::ThreadPool(kThreads); };  // the library deletes it
+    new_task_queue = [] { return new httplib::ThreadPool(kThreads); };  // the HTTP library deletes it
 }
 
 bool BoundedServer::process_and_close_socket(socket_t socket) {

@@ -5,10 +5,9 @@
 
 namespace storefront {
 
-/// A web server that gives every request the same measure, so that no visitor can take the shop from the others: so
-/// many bytes for line, headers and body together, chunked or not, so much time for all of them to come, and one
-/// request for a connection. The HTTP library itself bounds neither headers nor chunked bodies, and its time limit
-/// starts anew with every byte.
+/// A web server with limits for every request, so that one client cannot block the others: a maximum size for request
+/// line, headers and body together, chunked or not; a timeout for the whole request; one request per connection. The
+/// HTTP library limits neither headers nor chunked bodies, and its timeout restarts with every byte.
 class BoundedServer : public httplib::Server {
 public:
     BoundedServer();

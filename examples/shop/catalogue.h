@@ -1,3 +1,4 @@
+/// The articles of the shop and their prices.
 #ifndef TALLOWIN_EXAMPLES_SHOP_CATALOGUE_H
 #define TALLOWIN_EXAMPLES_SHOP_CATALOGUE_H
 
@@ -11,27 +12,27 @@ namespace storefront {
 /// The currency of all prices.
 constexpr char kCurrency[] = "EUR";
 
-/// Something to buy.
+/// An article.
 struct Article {
     char const* m_Id;
     char const* m_Name;
     char const* m_Description;
-    std::int64_t m_Cents;  ///< The price of one.
+    std::int64_t m_Cents;  ///< Price of one piece.
 };
 
-/// How many of which article, by the article's id. What nobody wants has no entry, so that "empty" means empty.
+/// Quantities by article id. A quantity of 0 has no entry.
 using Quantities = std::map<std::string, int>;
 
-/// Everything the shop sells.
+/// All articles of the shop.
 std::array<Article, 3> const& catalogue();
 
-/// The article of that id, null when there is none.
+/// The article with this id; null when there is none.
 Article const* findArticle(std::string const& id);
 
-/// What all of it costs together.
+/// The price of all articles together.
 std::int64_t totalCents(Quantities const& quantities);
 
-/// An amount as people and payment messages write it: "19.90".
+/// An amount as pages and payment messages write it: "19.90".
 std::string amountText(std::int64_t cents);
 
 }  // namespace storefront

@@ -1,3 +1,8 @@
+// HTML of the shop: the page's frame, and escaping.
+//
+// Order: the frame's constants, reading of UTF-8, escaping, building blocks. Escaping checks UTF-8 itself, because
+// visitors send any bytes and error pages quote them: overlong forms, surrogates and numbers above U+10FFFF count as
+// broken.
 #include "markup.h"
 
 #include <cstddef>
@@ -9,7 +14,7 @@ namespace {
 
 constexpr char kUnreadable[] = "&#xFFFD;";
 
-// Text on white and white on the buttons' green: contrast 15 and 9 to 1.
+// Contrast: text on white 15 to 1, white on the buttons' green 9 to 1.
 constexpr char kHead[] =
     "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
     "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n"
@@ -28,7 +33,7 @@ constexpr char kHead[] =
 constexpr char kNavigation[] =
     "<header><nav aria-label=\"Shop\"><a href=\"/\">Catalogue</a> <a href=\"/basket\">Basket</a></nav></header>\n";
 
-/// How long a sequence is that begins with `lead`, and the smallest number that needs that many bytes.
+/// The length of a UTF-8 sequence, and the smallest number that needs this length.
 struct Form {
     std::size_t m_Length;
     std::uint32_t m_Smallest;
@@ -47,7 +52,7 @@ Form formOf(unsigned char lead) {
     return (lead & 0xF8) == 0xF0 ? Form{4, 0x10000} : Form{0, 0};
 }
 
-/// The length of the UTF-8 sequence (RFC 3629) that begins at `at`, 0 when none does.
+/// The length of the UTF-8 sequence (RFC 3629) at `at`; 0 when there is none.
 std::size_t sequenceAt(std::string const& text, std::size_t at) {
     unsigned char const lead = static_cast<unsigned char>(text[at]);
     Form const form = formOf(lead);

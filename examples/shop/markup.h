@@ -1,3 +1,4 @@
+/// HTML building blocks.
 #ifndef TALLOWIN_EXAMPLES_SHOP_MARKUP_H
 #define TALLOWIN_EXAMPLES_SHOP_MARKUP_H
 
@@ -5,17 +6,17 @@
 
 namespace storefront {
 
-/// `text` as it is written inside HTML, between tags as well as in attribute values. Control characters and bytes that
-/// are no UTF-8 become U+FFFD.
+/// `text` escaped for HTML, between tags and in attribute values. Control characters and bytes that are not UTF-8
+/// become U+FFFD.
 std::string escaped(std::string const& text);
 
 /// A paragraph of plain text.
 std::string paragraph(std::string const& text);
 
-/// Plain text under a heading, its line breaks kept.
+/// A heading, then plain text with its line breaks kept.
 std::string verbatim(std::string const& heading, std::string const& text);
 
-/// A form without fields: one button that posts to `action`.
+/// A form with one button and no fields; the button sends POST to `action`.
 std::string buttonTo(std::string const& action, std::string const& label);
 
 /// A whole page. `title` is plain text, `content` is HTML.

@@ -17,9 +17,9 @@ constexpr std::chrono::seconds kSetUpIntervalAfterFailure{2};
 constexpr std::chrono::seconds kSetUpWait{5};
 constexpr int kMaxWaiting = 8;
 
-void must(char const* what, std::int32_t code) {
+void must(char const* action, std::int32_t code) {
     if (code != KVX_OK) {
-        throw std::runtime_error(std::string(what) + ": " + examples::resultText(code));
+        throw std::runtime_error(std::string(action) + ": " + examples::resultText(code));
     }
 }
 
@@ -28,17 +28,17 @@ void must(char const* what, std::int32_t code) {
 void MerchantAccount::setUpOnce() {
     examples::SetupHandle const setup(CreateConfigurationSetup());
     std::int32_t const chosen = ConfigurationSetup_SetConfiguration(setup.get(), m_Directory.c_str());
-    if (chosen > 0) {  // the system's errno
+    if (chosen > 0) {  // an errno of the system
         throw std::runtime_error("the directory \"" + m_Directory +
                                  "\" cannot be made: " + std::generic_category().message(chosen));
     }
     must("choosing the directory", chosen);
-    // The name of the current key is written last.
+    // A set-up writes the current key id last.
     examples::CopiedText const key = examples::copiedText([&](std::int32_t* size, char* buffer) {
         return ConfigurationSetup_GetAttribute(setup.get(), "keys/current", "", size, buffer);
     });
     if (key.m_Code != KVX_E_CANNOT_OPEN) {
-        must("reading the name of the current key", key.m_Code);
+        must("reading the current key id", key.m_Code);
         return;
     }
     must("registering",

@@ -1,3 +1,4 @@
+/// The shop's account at the payment service.
 #ifndef TALLOWIN_EXAMPLES_SHOP_MERCHANTACCOUNT_H
 #define TALLOWIN_EXAMPLES_SHOP_MERCHANTACCOUNT_H
 
@@ -12,11 +13,10 @@
 
 namespace storefront {
 
-/// A merchant's account at the payment service, and its configuration directory. Any thread may call any function at
-/// any time.
+/// The merchant's account and its configuration directory. Any thread may call any function at any time.
 class MerchantAccount {
 public:
-    /// `service` is the service's set-up address.
+    /// `service` is the set-up address of the payment service.
     MerchantAccount(std::string directory, std::string service, std::string user, std::string password)
         : m_Directory(std::move(directory)),
           m_Service(std::move(service)),
@@ -25,15 +25,14 @@ public:
 
     [[nodiscard]] std::string const& directory() const { return m_Directory; }
 
-    /// Registers the directory with the service when that has not been done in the directory's life. Network. Throws
-    /// std::runtime_error.
+    /// Sets up the directory, unless an earlier set-up succeeded. Network. Throws std::runtime_error.
     void setUpOnce();
 
-    /// Registers once more, which imports the key that the service signs with now. Network.
+    /// Repeats the set-up, which imports the service's current signing key. Network.
     ///
-    /// Whoever has a visitor's address can make the shop call this, so after a success there is none for half a minute:
-    /// meanwhile callers get what the last time brought. A few callers wait for one that is under way, but not for
-    /// long.
+    /// Visitors can trigger this with forged messages, so there is at most one set-up in 30 seconds, or 2 after a
+    /// failure; in between this returns at once. While another thread sets up, a few callers wait for it for some
+    /// seconds, the others return at once.
     void setUpAgain(CallLog& calls);
 
 private:
@@ -43,11 +42,11 @@ private:
     std::string m_Service;
     std::string m_User;
     std::string m_Password;
-    std::mutex m_Mutex;               ///< Guards all below.
+    std::mutex m_Mutex;               ///< Guards all members below.
     std::condition_variable m_Ended;  ///< A set-up has ended.
     bool m_SettingUp = false;
-    int m_Waiting = 0;                                  ///< So many wait for it.
-    std::chrono::steady_clock::time_point m_Next = {};  ///< Before this there is no other.
+    int m_Waiting = 0;                                  ///< Threads that wait for m_Ended.
+    std::chrono::steady_clock::time_point m_Next = {};  ///< No further set-up before this time.
 };
 
 }  // namespace storefront

@@ -1,3 +1,8 @@
+// Starts, verifies, captures and completes payments, with one library handle per use.
+//
+// Order: logging of calls, reasons of refusal, then the functions of the header. A valid signature is not enough to
+// accept a confirmation: verify() then compares type, signing key, order, payment, amount, currency and result. An
+// unknown signing key triggers one set-up, which imports the service's current key, and one more attempt.
 #include "paymentclient.h"
 
 #include <tallowin/tallowin.h>
@@ -16,48 +21,49 @@ using examples::FactoryHandle;
 using examples::MessageHandle;
 using examples::SetupHandle;
 
-constexpr char kRefused[] = "This confirmation is refused";
+constexpr char kRefused[] = "This confirmation was refused";
 
-/// A function with what it is called for: "MessageObject_SetAttribute (AMOUNT)".
-std::string callFor(char const* function, char const* what) {
-    return std::string(function) + " (" + what + ")";
+/// A function and its subject: "MessageObject_SetAttribute (AMOUNT)".
+std::string callFor(char const* function, char const* subject) {
+    return std::string(function) + " (" + subject + ")";
 }
 
-/// Notes a call. True when it went well: compare with KVX_OK, never with "less than 0".
-bool noted(CallLog& calls, std::string const& function, std::int32_t code) {
+/// Logs a call and returns whether it succeeded. Failures may be positive: compare with KVX_OK, not with "< 0".
+bool logged(CallLog& calls, std::string const& function, std::int32_t code) {
     calls.push_back({function, examples::resultText(code)});
     return code == KVX_OK;
 }
 
-/// A copied text, its call noted. Throws RequestError when there is none.
+/// Logs the call that copied a text and returns the text. Throws RequestError when the call failed.
 std::string mustCopy(CallLog& calls, std::string const& function, CopiedText const& copied) {
-    if (!noted(calls, function, copied.m_Code)) {
+    if (!logged(calls, function, copied.m_Code)) {
         throw RequestError("The payment could not be prepared",
-                           "The payment component answers: " + calls.back().m_Result, calls,
+                           "The payment component returned: " + calls.back().m_Result, calls,
                            RequestError::kServerError);
     }
     return copied.m_Text;
 }
 
-/// Throws RequestError when the call went wrong.
+/// Logs a call. Throws RequestError when it failed.
 void must(CallLog& calls, std::string const& function, std::int32_t code) {
     mustCopy(calls, function, {code, ""});
 }
 
-/// Why VerifyPayConfirm does not accept a message.
+/// The reason why VerifyPayConfirm failed, for the visitor.
 std::string whyNotVerified(std::int32_t code) {
     switch (code) {
         case KVX_E_MISSING_SIGNATURE:
-            return "It came without a signature, so anybody may have written it.";
+            return "It came without a signature, so anyone could have written it.";
         case KVX_E_INVALID_SIGNATURE:
-            return "The signature does not fit the message: the message was altered after the payment service signed "
-                   "it, or somebody else signed it.";
+            return "The signature does not match the message: the message was altered after the payment service signed "
+                   "it, "
+                   "or someone else signed it.";
         case KVX_E_INVALID_KEY:
-            return "What came as its signature is none.";
+            return "Its SIGNATURE is not a signature.";
         case KVX_E_NO_KEY_ID:
-            return "It does not say that the payment service signed it.";
+            return "It does not name the key that signed it.";
         case KVX_E_INVALID_FORMAT:
-            return "It is not a message.";
+            return "It is not a payment message.";
         default:
             return "It could not be verified: " + examples::resultText(code);
     }
@@ -69,31 +75,33 @@ CopiedText fromDirectory(SetupHandle const& setup, std::string const& file, char
     });
 }
 
-/// Requires: a message that names `key` was verified, so it is a name and not a way out of the directory.
+/// Whether `key` is one of the merchant's own keys. Requires: a message with this KEYID was verified, so the key id
+/// contains no path.
 bool isOwnKey(SetupHandle const& setup, std::string const& key) {
     return fromDirectory(setup, "keys/private/" + key, "").m_Code != KVX_E_CANNOT_OPEN;
 }
 
-/// An attribute that a confirmation must have, and why it is refused when it has another value.
-struct Demand {
+/// An attribute of a confirmation, its accepted values, and the sentence for the visitor when it has another value.
+struct Requirement {
     char const* m_Name;
     std::vector<std::string> m_Values;
-    std::string m_Otherwise;
+    std::string m_Reason;
 };
 
-/// Returns the value. Throws RequestError when it is none of those that are demanded.
-std::string check(MessageHandle const& message, Demand const& demand, CallLog& calls) {
-    CopiedText const found = examples::attributeOf(message, demand.m_Name);
-    bool const there = noted(calls, callFor("MessageObject_GetAttribute", demand.m_Name), found.m_Code);
+/// Returns the attribute's value. Throws RequestError when it is not an accepted one.
+std::string check(MessageHandle const& message, Requirement const& requirement, CallLog& calls) {
+    CopiedText const found = examples::attributeOf(message, requirement.m_Name);
+    bool const there = logged(calls, callFor("MessageObject_GetAttribute", requirement.m_Name), found.m_Code);
     std::string wanted;
-    for (std::string const& value : demand.m_Values) {
+    for (std::string const& value : requirement.m_Values) {
         if (there && found.m_Text == value) {
             return value;
         }
         wanted += (wanted.empty() ? "\"" : " or \"") + value + "\"";
     }
     throw RequestError(
-        kRefused, demand.m_Otherwise + " " + demand.m_Name + " is \"" + found.m_Text + "\", it must be " + wanted + ".",
+        kRefused,
+        requirement.m_Reason + " " + requirement.m_Name + " is \"" + found.m_Text + "\", it must be " + wanted + ".",
         calls);
 }
 
@@ -126,14 +134,14 @@ Payment PaymentClient::openPayment(Order const& order, std::string const& orderU
     return opened;
 }
 
-/// A message, verified, unless a key signed it that may be one which the service has made since the set-up.
+/// A verified message, or the result that its signing key is unknown.
 struct PaymentClient::Reading {
-    bool m_ByUnknownKey = false;
-    std::string m_ServerKey;  ///< The name of the service's key, as far as the directory knows.
+    bool m_ByUnknownKey = false;  ///< The service may have a new key; then nothing is verified.
+    std::string m_ServerKey;      ///< The service's key id in the directory.
     std::unique_ptr<MessageHandle> m_Message;
 };
 
-/// Throws RequestError when it is clear that the message is no good.
+/// Verifies the signature. Throws RequestError when that fails for another reason than an unknown key.
 PaymentClient::Reading PaymentClient::read(std::string const& data, std::string const& signature,
                                            CallLog& calls) const {
     Reading reading;
@@ -142,7 +150,7 @@ PaymentClient::Reading PaymentClient::read(std::string const& data, std::string 
     must(calls, "MessageFactory_Open", MessageFactory_Open(factory.get(), m_Account.directory().c_str()));
     std::int32_t const code =
         MessageFactory_VerifyPayConfirm(factory.get(), data.c_str(), signature.c_str(), reading.m_Message->out());
-    bool const verified = noted(calls, "MessageFactory_VerifyPayConfirm", code);
+    bool const verified = logged(calls, "MessageFactory_VerifyPayConfirm", code);
     reading.m_ByUnknownKey = code == KVX_E_NOT_FOUND;
     if (reading.m_ByUnknownKey) {
         return reading;
@@ -156,19 +164,20 @@ PaymentClient::Reading PaymentClient::read(std::string const& data, std::string 
     reading.m_ServerKey =
         mustCopy(calls, "ConfigurationSetup_GetAttribute (VTKEYID)", fromDirectory(setup, "config.xml", "VTKEYID"));
     std::string const key = examples::attributeOf(*reading.m_Message, "KEYID").m_Text;
-    // What our own key signed, as every payment message in a visitor's address, tells nothing of the service's keys.
+    // A message signed with the shop's own key, such as the one in a payment URL, says nothing about the service's
+    // keys.
     reading.m_ByUnknownKey = key != reading.m_ServerKey && !isOwnKey(setup, key);
     return reading;
 }
 
 Confirmation PaymentClient::verify(Order const& order, std::vector<std::string> const& results, std::string const& data,
                                    std::string const& signature, CallLog& calls) const {
-    // The library takes text up to a zero byte, so what stands behind it would go unverified.
+    // The library reads text up to the first zero byte; the rest would not be verified.
     if (data.find('\0') != std::string::npos) {
-        throw RequestError(kRefused, "It holds a zero byte, so it is not a message.");
+        throw RequestError(kRefused, "It contains a zero byte, so it is not a payment message.");
     }
     if (signature.find('\0') != std::string::npos) {
-        throw RequestError(kRefused, "What came as its signature holds a zero byte, so it is none.");
+        throw RequestError(kRefused, "Its SIGNATURE contains a zero byte, so it is not a signature.");
     }
     Reading reading = read(data, signature, calls);
     if (reading.m_ByUnknownKey) {
@@ -178,63 +187,63 @@ Confirmation PaymentClient::verify(Order const& order, std::vector<std::string> 
     if (reading.m_ByUnknownKey) {
         throw RequestError(
             kRefused,
-            "It is signed by a key which the payment service does not name as its own. If it has changed "
-            "its key since you paid, go on from the order's page.",
+            "The key that signed it is not a key of the payment service. If the service has changed its key since you "
+            "paid, continue from the order's page.",
             calls);
     }
     MessageHandle const& message = *reading.m_Message;
     std::vector<std::string> tokens = order.m_Superseded;
     tokens.push_back(order.m_Payment.m_Token);
-    // A good signature alone proves little: messages of other kinds and orders, and older ones, are signed as well.
-    Demand const demands[] = {
-        {"MSGTYPE", {"PayConfirm"}, "It is genuine, but it confirms nothing."},
-        {"KEYID", {reading.m_ServerKey}, "It is not the payment service who signed it."},
-        {"ORDERID", {order.m_Number}, "It is genuine, but it is the confirmation of another order."},
-        {"TOKEN", tokens, "It is genuine, but it is the confirmation of another payment."},
-        {"AMOUNT", {amountText(order.m_Cents)}, "It is over another amount."},
-        {"CURRENCY", {kCurrency}, "It is over an amount in another currency."},
+    // A valid signature is not enough: messages of other types, orders and payments are signed too.
+    Requirement const requirements[] = {
+        {"MSGTYPE", {"PayConfirm"}, "It is genuine, but it is not a confirmation."},
+        {"KEYID", {reading.m_ServerKey}, "The payment service did not sign it."},
+        {"ORDERID", {order.m_Number}, "It is genuine, but it confirms another order."},
+        {"TOKEN", tokens, "It is genuine, but it confirms another payment."},
+        {"AMOUNT", {amountText(order.m_Cents)}, "It confirms another amount."},
+        {"CURRENCY", {kCurrency}, "It confirms another currency."},
     };
-    for (Demand const& demand : demands) {
-        check(message, demand, calls);
+    for (Requirement const& requirement : requirements) {
+        check(message, requirement, calls);
     }
     std::string const token = examples::attributeOf(message, "TOKEN").m_Text;
     std::string const result =
-        check(message, {"RESULT", results, "It tells of another outcome than this address."}, calls);
+        check(message, {"RESULT", results, "Its result does not belong to this address."}, calls);
     std::string const id = mustCopy(calls, "MessageObject_GetAttribute (ID)", examples::attributeOf(message, "ID"));
     return {token, id, result, data, signature};
 }
 
 bool PaymentClient::capture(Confirmation const& confirmation, CallLog& calls) const {
-    // Only an object that was opened on the directory has our key to sign with; it then gets the confirmation's text.
+    // Open() gives the object the merchant's signing key; FromString() then fills it with the confirmation.
     MessageHandle const message(CreateMessageObject());
-    return noted(calls, "MessageObject_Open", MessageObject_Open(message.get(), m_Account.directory().c_str())) &&
-           noted(calls, "MessageObject_FromString",
-                 MessageObject_FromString(message.get(), confirmation.m_Data.c_str())) &&
-           noted(calls, "MessageObject_Capture", MessageObject_Capture(message.get()));
+    return logged(calls, "MessageObject_Open", MessageObject_Open(message.get(), m_Account.directory().c_str())) &&
+           logged(calls, "MessageObject_FromString",
+                  MessageObject_FromString(message.get(), confirmation.m_Data.c_str())) &&
+           logged(calls, "MessageObject_Capture", MessageObject_Capture(message.get()));
 }
 
 bool PaymentClient::complete(Confirmation const& confirmation, CallLog& calls) const {
     FactoryHandle const factory(CreateMessageFactory());
     MessageHandle completion;
     MessageHandle answer;
-    return noted(calls, "MessageFactory_Open", MessageFactory_Open(factory.get(), m_Account.directory().c_str())) &&
-           noted(calls, "MessageFactory_CreatePayComplete",
-                 MessageFactory_CreatePayComplete(factory.get(), confirmation.m_Id.c_str(),
-                                                  confirmation.m_Token.c_str(), completion.out())) &&
-           noted(calls, "MessageObject_Execute (PayComplete)", MessageObject_Execute(completion.get(), answer.out()));
+    return logged(calls, "MessageFactory_Open", MessageFactory_Open(factory.get(), m_Account.directory().c_str())) &&
+           logged(calls, "MessageFactory_CreatePayComplete",
+                  MessageFactory_CreatePayComplete(factory.get(), confirmation.m_Id.c_str(),
+                                                   confirmation.m_Token.c_str(), completion.out())) &&
+           logged(calls, "MessageObject_Execute (PayComplete)", MessageObject_Execute(completion.get(), answer.out()));
 }
 
 std::string PaymentClient::state(std::string const& token, CallLog& calls) const {
     FactoryHandle const factory(CreateMessageFactory());
-    MessageHandle question;
+    MessageHandle request;
     MessageHandle answer;
     bool const answered =
-        noted(calls, "MessageFactory_Open", MessageFactory_Open(factory.get(), m_Account.directory().c_str())) &&
-        noted(calls, "MessageFactory_CreateRequest (Status)",
-              MessageFactory_CreateRequest(factory.get(), "Status", question.out())) &&
-        noted(calls, "MessageObject_SetAttribute (TOKEN)",
-              MessageObject_SetAttribute(question.get(), "TOKEN", token.c_str())) &&
-        noted(calls, "MessageObject_Execute (Status)", MessageObject_Execute(question.get(), answer.out()));
+        logged(calls, "MessageFactory_Open", MessageFactory_Open(factory.get(), m_Account.directory().c_str())) &&
+        logged(calls, "MessageFactory_CreateRequest (Status)",
+               MessageFactory_CreateRequest(factory.get(), "Status", request.out())) &&
+        logged(calls, "MessageObject_SetAttribute (TOKEN)",
+               MessageObject_SetAttribute(request.get(), "TOKEN", token.c_str())) &&
+        logged(calls, "MessageObject_Execute (Status)", MessageObject_Execute(request.get(), answer.out()));
     return answered ? examples::attributeOf(answer, "STATE").m_Text : "";
 }
 

@@ -1,3 +1,4 @@
+/// The shop's side of the payment protocol.
 #ifndef TALLOWIN_EXAMPLES_SHOP_PAYMENTCLIENT_H
 #define TALLOWIN_EXAMPLES_SHOP_PAYMENTCLIENT_H
 
@@ -11,35 +12,34 @@
 
 namespace storefront {
 
-/// All that the shop asks of the library. Notes every call with its result in `calls`.
+/// Makes all library calls of the shop for payments. Appends each call and its result to `calls`.
 ///
-/// Every function works on handles of its own, so any thread may call any of them at any time. Those marked "network"
-/// wait for the service, as long as it takes.
+/// Each function uses handles of its own, so any thread may call any function at any time. Functions marked "Network"
+/// wait for the service without a timeout.
 class PaymentClient {
 public:
     /// Borrows `account`.
     explicit PaymentClient(MerchantAccount& account) : m_Account(account) {}
 
-    /// Starts a payment for the order's number and amount, over which the visitor comes back to `orderUrl` followed
-    /// by "/paid", "/declined" or "/cancelled", and about which the service tells the shop at "/notified". Sends
-    /// nothing. Throws RequestError.
+    /// Starts a payment of the order's number and amount. The return links are `orderUrl` with "/paid", "/declined" and
+    /// "/cancelled" appended, the notification address with "/notified". Sends nothing. Throws RequestError.
     Payment openPayment(Order const& order, std::string const& orderUrl, CallLog& calls) const;
 
-    /// What is in a message that came back with the visitor or by itself, when the service signed it and it is the
-    /// confirmation of the order's latest payment or one that it overtook, over the whole amount, with one of `results`
-    /// ("authorised"). Throws RequestError with what is wrong otherwise. Whether it has come before is the caller's
-    /// question. Network, when a key signed it that the service may have made meanwhile.
+    /// Verifies a confirmation from the visitor or a notification: the service signed it, and it confirms the order's
+    /// latest or a superseded payment, the whole amount, with one of `results` ("authorised"). Throws RequestError with
+    /// the reason otherwise. Does not check for replays. Network, when the signing key is unknown: the service may have
+    /// a new one.
     Confirmation verify(Order const& order, std::vector<std::string> const& results, std::string const& data,
                         std::string const& signature, CallLog& calls) const;
 
-    /// Takes the money. Network. False says only that the service did not confirm it; it may have done it.
+    /// Captures the payment. Network. False means that the service did not confirm; it may still have captured.
     bool capture(Confirmation const& confirmation, CallLog& calls) const;
 
-    /// Tells the service that the order has been dealt with. Network.
+    /// Completes the payment: reports to the service that the order is fulfilled. Network.
     bool complete(Confirmation const& confirmation, CallLog& calls) const;
 
-    /// Asks the service how the payment stands: "authorised", "captured", "completed". Network. Empty without an
-    /// answer, and when the service does not know it.
+    /// The payment's state at the service: "authorised", "captured", "completed" and so on. Network. Empty when the
+    /// service does not answer or does not know the payment.
     std::string state(std::string const& token, CallLog& calls) const;
 
 private:

@@ -9,7 +9,7 @@
 
 namespace storefront {
 
-/// `words` times eight lower-case hexadecimal digits that nobody can guess.
+/// Random lower-case hexadecimal digits, eight for each of `words`; not guessable.
 inline std::string randomHex(std::size_t words) {
     std::random_device source;
     std::ostringstream out;

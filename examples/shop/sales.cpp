@@ -1,3 +1,8 @@
+// The shop's business rules: which result leads to which state, when a payment is replaced, who captures.
+//
+// Order: return links and time, then the functions of the header, then the private ones. Three rules are worth copying:
+// the thread that first marks an order as paid settles it; a capture that was not confirmed is repeated only after
+// asking for the payment's state; only a few threads wait for the service at the same time.
 #include "sales.h"
 
 #include <array>
@@ -35,10 +40,10 @@ OrderState stateAfter(std::string const& result) {
             return link.m_State;
         }
     }
-    throw std::logic_error("a result that no return link has");
+    throw std::logic_error("a result without a return link");
 }
 
-/// Whether the time for paying is over, by the shop's own clock.
+/// Whether the payment has expired by the shop's own clock.
 bool isExpired(Payment const& payment) {
     std::time_t const now = std::time(nullptr);
     std::tm parts{};
@@ -52,11 +57,12 @@ bool isCaptured(std::string const& stateAtService) {
     return stateAtService == "captured" || stateAtService == "completed";
 }
 
-/// A genuine confirmation of the order's payment comes too late.
+/// The error for a genuine confirmation that no longer changes the order.
 RequestError lateConfirmation(Order const& order, Confirmation const& confirmation, CallLog const& calls) {
     if (isOpen(order.m_State)) {
         return {"Order " + order.m_Number + " does not wait for this confirmation",
-                "It is genuine, but how this payment ended is known already, or another has taken its place.", calls};
+                "It is genuine, but the shop already has this payment's result, or a newer payment has replaced it.",
+                calls};
     }
     if (order.m_Confirmation.m_Token != confirmation.m_Token) {
         return {"Order " + order.m_Number + " has been paid already",
@@ -65,7 +71,7 @@ RequestError lateConfirmation(Order const& order, Confirmation const& confirmati
                 calls};
     }
     return {"Order " + order.m_Number + " has been paid already",
-            "The confirmation is genuine, but it counts once. Nothing has been captured a second time.", calls};
+            "The confirmation is genuine, but it is valid only once. Nothing has been captured a second time.", calls};
 }
 
 }  // namespace
@@ -75,7 +81,7 @@ Sales::Sales(MerchantAccount& account, std::string address) : m_Address(std::mov
 Order Sales::order(std::string const& number) const {
     std::optional<Order> const found = m_Orders.find(number);
     if (!found) {
-        throw RequestError("There is no such order", "This shop knows no order with the number \"" + number + "\".", {},
+        throw RequestError("There is no such order", "This shop has no order with the number \"" + number + "\".", {},
                            RequestError::kNotFound);
     }
     return *found;
@@ -83,7 +89,7 @@ Order Sales::order(std::string const& number) const {
 
 std::string Sales::checkOut(std::string const& visitor, std::string const& key) {
     if (key.empty()) {
-        throw RequestError("Nothing has been ordered", "The request did not come from the page of the basket.");
+        throw RequestError("Nothing was ordered", "The request did not come from the basket page.");
     }
     if (std::optional<std::string> const made = m_Orders.findByKey(visitor, key)) {
         return orderUrl(*made);
@@ -107,7 +113,7 @@ std::string Sales::payAgain(std::string const& number) {
     CallLog calls;
     if (isUnpaid(before.m_State) || hasTimedOut(before, calls)) {
         Payment const payment = m_PaymentClient.openPayment(before, orderUrl(number), calls);
-        // false after a second click: then that one's payment is there
+        // Returns false after a second click, whose payment then stays.
         m_Orders.replacePayment(number, before.m_Payment.m_Token, payment, calls);
     }
     Order const now = order(number);
@@ -141,7 +147,7 @@ std::string Sales::orderUrl(std::string const& number) const {
     return m_Address + "/orders/" + number;
 }
 
-/// Carries out what a confirmation with one of `results` says.
+/// Verifies a confirmation with one of `results` and changes the order accordingly.
 void Sales::receive(std::string const& number, Channel channel, std::vector<std::string> const& results,
                     std::string const& data, std::string const& signature) {
     CallLog calls;
@@ -150,7 +156,7 @@ void Sales::receive(std::string const& number, Channel channel, std::vector<std:
     bool const isFirst = state == OrderState::kPaid ? m_Orders.markPaid(number, channel, confirmation, calls)
                                                     : m_Orders.markUnpaid(number, state, channel, confirmation, calls);
     bool const counts = isFirst || m_Orders.acceptRepeat(number, channel, confirmation);
-    // The service would tell of a payment that counts no more again and again, though it is heard.
+    // A notification that changes nothing still succeeds; otherwise the service would repeat it.
     if (!counts && channel == Channel::kReturn) {
         throw lateConfirmation(order(number), confirmation, calls);
     }
@@ -161,8 +167,9 @@ void Sales::receive(std::string const& number, Channel channel, std::vector<std:
     }
 }
 
-/// Whether the order's payment ran out of time. One that the service has as authorised did not: its page leads the
-/// visitor back. Without an answer a new payment is made all the same; the old one can still come in, as overtaken.
+/// Whether the order's payment has expired unpaid. A payment that is authorised at the service has not: its page leads
+/// the visitor back to the shop. When the service does not answer this returns true; the old payment, then superseded,
+/// can still pay the order.
 bool Sales::hasTimedOut(Order const& order, CallLog& calls) {
     if (order.m_State != OrderState::kWaiting || !isExpired(order.m_Payment)) {
         return false;
@@ -170,21 +177,21 @@ bool Sales::hasTimedOut(Order const& order, CallLog& calls) {
     ServiceSlot const slot(m_SlotsInUse);
     if (!slot) {
         throw RequestError("Please try again in a minute",
-                           "The payment service is slow, and others wait for it already.", {},
+                           "The payment service is slow, and too many visitors are waiting for it.", {},
                            RequestError::kUnavailable);
     }
     std::string const state = m_PaymentClient.state(order.m_Payment.m_Token, calls);
     return state != "authorised" && !isCaptured(state);
 }
 
-/// Requires: the right to settle the order, which ends here in any case.
+/// Captures and completes. Requires: beginSettlement() or markPaid() returned true; this always ends the settlement.
 void Sales::settle(Order const& order) {
     OrderState const asBefore = order.m_State == OrderState::kPaid ? OrderState::kCaptureFailed : order.m_State;
     CallLog calls;
     ServiceSlot const slot(m_SlotsInUse);
     if (!slot) {
         m_Orders.endSettlement(order.m_Number, asBefore,
-                               {{"MessageObject_Capture", "not called, too many others wait"}});
+                               {{"MessageObject_Capture", "not called: too many threads wait for the service"}});
         return;
     }
     try {
@@ -198,7 +205,7 @@ void Sales::settle(Order const& order) {
 OrderState Sales::captureAndComplete(Order const& order, CallLog& calls) const {
     bool captured = order.m_State == OrderState::kCaptured;
     if (order.m_State == OrderState::kCaptureFailed) {
-        // The service may have captured all the same, so it is asked before a repetition.
+        // The service may have captured without confirming, so ask before repeating.
         std::string const state = m_PaymentClient.state(order.m_Confirmation.m_Token, calls);
         if (state.empty()) {
             return OrderState::kCaptureFailed;

@@ -1,3 +1,4 @@
+/// Selling: checkout, return from the payment service, notification, settlement.
 #ifndef TALLOWIN_EXAMPLES_SHOP_SALES_H
 #define TALLOWIN_EXAMPLES_SHOP_SALES_H
 
@@ -12,19 +13,18 @@
 
 namespace storefront {
 
-/// How a visitor comes back from the payment service: the last part of the address, a RESULT that belongs there, and
-/// what becomes of the order.
+/// A return link: the last part of its address, a RESULT that belongs to it, and the order's state after that result.
 struct ReturnLink {
     char const* m_Name;
     char const* m_Result;
     OrderState m_State;
 };
 
-/// Selling, from a full basket to a completed order. All functions may be called by any thread at any time; what the
-/// shop does not carry out is a RequestError, after which everything is as before.
+/// Sells, from a full basket to a completed order. Any thread may call any function at any time. A refused request
+/// throws RequestError and changes nothing.
 class Sales {
 public:
-    /// Borrows `account`. `address` is the shop's own, up to the port.
+    /// Borrows `account`. `address` is the shop's own address without a path.
     Sales(MerchantAccount& account, std::string address);
 
     [[nodiscard]] Baskets& baskets() { return m_Baskets; }
@@ -32,29 +32,28 @@ public:
     /// Throws RequestError when there is no such order.
     [[nodiscard]] Order order(std::string const& number) const;
 
-    /// Makes an order of the visitor's basket and starts its payment. Returns where the visitor pays. The basket stays
-    /// full until the order is paid. `key` is that of the form: when the visitor has sent it before, on a second click
-    /// or after going back, nothing is made and the address of the order that it made comes back.
+    /// Creates an order from the visitor's basket and starts its payment. Returns the payment URL. The basket keeps its
+    /// content until the order is paid. `key` is the form's idempotency key: when the visitor sends it again, by a
+    /// second click or after going back, this creates nothing and returns the address of the existing order.
     std::string checkOut(std::string const& visitor, std::string const& key);
 
-    /// Where the visitor pays an order that waits. An order whose payment was declined or cancelled, or ran out of time
-    /// without being paid, gets a new payment first. Network.
+    /// Returns the payment URL of an unpaid order. When its payment was declined, cancelled or expired, starts a new
+    /// one first. Network.
     std::string payAgain(std::string const& number);
 
-    /// The visitor is back from the payment service at the order's address that ends in `link`: "paid", "declined" or
-    /// "cancelled". A paid order is captured and completed; it is paid exactly once. A visitor
-    /// whose confirmation the service itself has brought before comes back to an order that is paid.
+    /// Handles the visitor's return through `link`: "paid", "declined" or "cancelled". Captures and completes a paid
+    /// order, exactly once. Also succeeds when the notification of the same confirmation came first. Network.
     void handleReturn(std::string const& number, std::string const& link, std::string const& data,
                       std::string const& signature);
 
-    /// The payment service tells by itself how the order's payment ended, with what it gives the visitor as well.
-    /// Whichever comes first is carried out; the other one changes nothing.
+    /// Handles the service's notification of a payment's result, which carries the same confirmation as the visitor's
+    /// return. The first of the two takes effect; the second changes nothing. Network.
     void handleNotification(std::string const& number, std::string const& data, std::string const& signature);
 
-    /// Captures and completes a paid order, as far as that is still to be done. Does nothing for any other order.
+    /// Captures and completes a paid order where that has failed before. Does nothing for any other order. Network.
     void retrySettlement(std::string const& number);
 
-    /// The orders that are being captured or completed right now.
+    /// The numbers of orders that a thread is capturing or completing now.
     [[nodiscard]] std::vector<std::string> inSettlement() const { return m_Orders.inSettlement(); }
 
 private:

@@ -1,3 +1,8 @@
+// tallowin-shop: a web shop that takes payments through the library, until SIGINT or SIGTERM.
+//
+// Order: arguments, the end with open requests, serving, main. Both signals are blocked in all threads and taken with
+// sigwait(), so no signal handler is needed. The library has no timeout: at the end the shop waits some seconds for
+// open requests, then lists the unfinished orders and exits without them.
 #include <pthread.h>
 
 #include <charconv>
@@ -18,24 +23,23 @@ namespace {
 constexpr int kUsage = 2;
 constexpr int kMaxPort = 65535;
 
-// The library waits for the service without a limit, and so would a shop that ends in the middle of a capture. Longer
-// than a visitor may take to send a request.
+// How long open requests may take at the end. Longer than the timeout for a visitor's request.
 constexpr std::chrono::seconds kShutdownTimeout{7};
 
 char const kHelp[] =
     "Usage: TALLOWIN_PASSWORD=... tallowin-shop DIRECTORY SERVICE USER [--port N]\n"
     "\n"
-    "A web shop to click through, on 127.0.0.1. Prints its address and serves until SIGINT or SIGTERM.\n"
+    "A demonstration web shop on 127.0.0.1. Prints its address and serves until SIGINT or SIGTERM.\n"
     "\n"
-    "  DIRECTORY  the configuration directory of the account, set up when that has not been done yet\n"
-    "  SERVICE    the payment service's set-up address, such as http://127.0.0.1:8080/auto of a tallowin-sandbox\n"
-    "  USER       the account's user; a sandbox is born with \"demo\", password \"demo\"\n"
-    "  --port N   the shop's port; without it, or with 0, a free one\n"
+    "  DIRECTORY  the configuration directory of the account; the first start sets it up\n"
+    "  SERVICE    the payment service's set-up address, such as http://127.0.0.1:8080/auto of a sandbox\n"
+    "  USER       the account's user; a new sandbox has \"demo\" with password \"demo\"\n"
+    "  --port N   the shop's port; 0, the default, takes a free one\n"
     "\n"
-    "When it is told to end in the middle of a capture that the service does not answer, it says on standard error\n"
-    "which orders were not finished: orders live in memory.\n"
+    "Orders are kept in memory only. When the shop ends during a capture that the service does not answer, it lists\n"
+    "the unfinished orders on standard error.\n"
     "\n"
-    "Exit status: 0 when it was told to end, 1 when it could not open, 2 for wrong usage.\n";
+    "Exit status: 0 after SIGINT or SIGTERM, 1 when the shop could not start, 2 for wrong usage.\n";
 
 struct Arguments {
     std::string m_Directory;
@@ -63,12 +67,12 @@ std::optional<Arguments> readArguments(int argc, char** argv) {
     return Arguments{argv[1], argv[2], argv[3], password, *port};
 }
 
-/// Ends the program at once: threads still wait for the service, for ever perhaps.
+/// Exits at once: threads may wait for the service forever.
 [[noreturn]] void leaveUnfinished(std::vector<std::string> const& orders) {
-    std::cerr << "tallowin-shop: ended before everything was answered\n";
+    std::cerr << "tallowin-shop: ended with open requests\n";
     for (std::string const& order : orders) {
         std::cerr << "tallowin-shop: order " << order
-                  << " is paid, but its capture is not confirmed: ask the payment service how it stands\n";
+                  << " is paid, but its capture is not confirmed: ask the payment service for its state\n";
     }
     std::_Exit(EXIT_SUCCESS);
 }
@@ -78,7 +82,7 @@ void serve(storefront::MerchantAccount& account, int port) {
     sigemptyset(&endings);
     sigaddset(&endings, SIGINT);
     sigaddset(&endings, SIGTERM);
-    // Blocked before the first thread starts, so that only sigwait() takes them.
+    // Every thread inherits the mask, so only sigwait() receives the signals.
     pthread_sigmask(SIG_BLOCK, &endings, nullptr);
     storefront::Storefront shop(account, port);
     std::cout << "The shop is open at " << shop.address() << "/" << std::endl;

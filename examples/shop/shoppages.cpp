@@ -3,7 +3,7 @@
 #include "baskets.h"
 #include "markup.h"
 
-/// The pages on which one shops. Those of an order have a file of their own.
+/// Catalogue, basket and plain pages. Order pages stand in shoppages_order.cpp.
 namespace storefront {
 
 namespace {
@@ -12,7 +12,7 @@ std::string priceText(std::int64_t cents) {
     return amountText(cents) + " " + kCurrency;
 }
 
-/// A field for a quantity of `article` with the label `label`.
+/// A labelled input for a quantity of `article`.
 std::string quantityField(Article const& article, std::string const& name, std::string const& label, int least,
                           int quantity) {
     std::string const id = escaped("quantity-of-" + std::string(article.m_Id));
@@ -65,7 +65,7 @@ std::string basketPage(Quantities const& basket, std::string const& key) {
     return wholePage(
         "Your basket",
         "<form method=\"post\" action=\"/basket/update\">\n<table>\n<thead><tr><th scope=\"col\">Article and "
-        "quantity</th><th scope=\"col\">Each</th><th scope=\"col\">Together</th></tr></thead>\n<tbody>\n" +
+        "quantity</th><th scope=\"col\">Price</th><th scope=\"col\">Sum</th></tr></thead>\n<tbody>\n" +
             rows + "</tbody>\n</table>\n" + paragraph("Total: " + priceText(totalCents(basket))) +
             "<button>Update quantities</button>\n</form>\n<form method=\"post\" action=\"/checkout\">" +
             hiddenField(kKeyField, key) + "<button>Check out and pay</button></form>\n");

@@ -1,3 +1,4 @@
+/// The shop's pages as HTML.
 #ifndef TALLOWIN_EXAMPLES_SHOP_SHOPPAGES_H
 #define TALLOWIN_EXAMPLES_SHOP_SHOPPAGES_H
 
@@ -9,24 +10,24 @@
 
 namespace storefront {
 
-/// What is before the name of a field for the quantity of an article: "quantity-candle".
+/// Prefix of the quantity fields' names: "quantity-candle".
 constexpr char kQuantityField[] = "quantity-";
 
-/// The field that holds the key of the form that makes an order.
+/// The checkout form's field for its idempotency key.
 constexpr char kKeyField[] = "key";
 
 std::string cataloguePage();
 
-/// `key` goes with the form that makes an order: another one for every page.
+/// `key` is the idempotency key of the checkout form, new for each page.
 std::string basketPage(Quantities const& basket, std::string const& key);
 
-/// An order, and what happened underneath.
+/// An order with its messages and library calls.
 std::string orderPage(Order const& order);
 
-/// What is not carried out, and why. `orderNumber` leads to the order that it was about; empty when there is none.
+/// The page for a RequestError. `orderNumber` adds a link to that order; may be empty.
 std::string errorPage(RequestError const& error, std::string const& orderNumber);
 
-/// For an address at which there is no page, and for requests that are no good.
+/// A page with one paragraph.
 std::string plainPage(std::string const& title, std::string const& text);
 
 }  // namespace storefront

@@ -1,13 +1,16 @@
+// Order pages and error pages. They also show what a shop would only log: messages, signatures and library calls.
+//
+// Order: the state's name and meaning, the visitor's next step, the articles, surplus payments, the table of calls, the
+// two pages.
 #include "../common/printable.h"
 #include "markup.h"
 #include "shoppages.h"
 
-/// The pages of an order and of what was refused, with what the library did.
 namespace storefront {
 
 namespace {
 
-/// An order's state in one word or two, and what it means for the visitor.
+/// An order's state for the visitor.
 struct StateText {
     char const* m_Name;
     char const* m_Meaning;
@@ -16,38 +19,39 @@ struct StateText {
 StateText stateText(OrderState state) {
     switch (state) {
         case OrderState::kWaiting:
-            return {"waiting", "It waits for its payment. Nothing has been charged."};
+            return {"waiting", "The order is not paid yet. Nothing has been charged."};
         case OrderState::kDeclined:
             return {"declined", "The payment was declined. Nothing has been charged."};
         case OrderState::kExpired:
-            return {"expired", "The time for paying was over. Nothing has been charged."};
+            return {"expired", "The payment expired before it was made. Nothing has been charged."};
         case OrderState::kCancelled:
             return {"cancelled", "The payment was cancelled. Nothing has been charged."};
         case OrderState::kPaid:
-            return {"paid", "The payment is authorised and is being captured. Reload this page to see how it went on."};
+            return {"paid", "The payment is authorised and is being captured. Reload this page to see the result."};
         case OrderState::kCaptureFailed:
-            return {"capture failed", "The payment is authorised, but the service did not confirm the capture."};
+            return {"capture failed",
+                    "The payment is authorised, but the payment service did not confirm the capture."};
         case OrderState::kCaptured:
-            return {"captured", "The money has been taken, but the service has not been told of the completion yet."};
+            return {"captured", "The payment is captured, but the payment service did not confirm its completion."};
         case OrderState::kCompleted:
             return {"completed", "Thank you. The order is paid and on its way."};
     }
     return {"unknown", ""};
 }
 
-/// What the visitor can do now.
+/// A button or a hint for what the visitor can do next.
 std::string nextStep(Order const& order) {
     std::string const address = "/orders/" + order.m_Number;
     switch (order.m_State) {
         case OrderState::kWaiting:
-            return buttonTo(address + "/pay", "Go to the payment");
+            return buttonTo(address + "/pay", "Go to payment");
         case OrderState::kDeclined:
         case OrderState::kExpired:
         case OrderState::kCancelled:
-            return paragraph("What you chose is still in your basket.") + buttonTo(address + "/pay", "Pay again");
+            return paragraph("The articles are still in your basket.") + buttonTo(address + "/pay", "Pay again");
         case OrderState::kCaptureFailed:
         case OrderState::kCaptured:
-            return order.m_Settling ? paragraph("It is being tried again right now.")
+            return order.m_Settling ? paragraph("The shop is trying again now. Reload this page to see the result.")
                                     : buttonTo(address + "/settle", "Try again");
         default:
             return "";
@@ -66,13 +70,13 @@ std::string articlesOf(Order const& order) {
 }
 
 std::string surplusOf(Order const& order) {
-    std::string told;
+    std::string text;
     for (std::string const& id : order.m_Surplus) {
-        told += paragraph("Payment " + id +
-                          " was authorised as well. It is not captured, so nothing is charged for it; the payment "
+        text += paragraph("Payment " + id +
+                          " was authorised as well. It is not captured, so nothing is charged for it. The payment "
                           "service can release it.");
     }
-    return told;
+    return text;
 }
 
 std::string callsTable(CallLog const& calls) {
@@ -90,15 +94,15 @@ std::string callsTable(CallLog const& calls) {
 std::string orderPage(Order const& order) {
     StateText const state = stateText(order.m_State);
     std::string content = paragraph(state.m_Meaning) + nextStep(order) + surplusOf(order) + articlesOf(order) +
-                          "<h2>What happened underneath</h2>\n" +
+                          "<h2>Technical details</h2>\n" +
                           verbatim("The payment message", examples::attributePerLine(order.m_Payment.m_Message)) +
                           verbatim("The payment URL, with the message and its signature", order.m_Payment.m_Url);
     for (auto const& [channel, confirmation] : order.m_Received) {
-        std::string const how = channel == Channel::kReturn ? "that came back with you" : "that came by notification";
+        std::string const how = channel == Channel::kReturn ? "received when you returned" : "received by notification";
         content += verbatim("DATA " + how, examples::attributePerLine(confirmation.m_Data)) +
                    verbatim("SIGNATURE " + how, confirmation.m_Signature);
     }
-    content += "<h3>Calls of the library</h3>\n" + callsTable(order.m_Calls);
+    content += "<h3>Library calls</h3>\n" + callsTable(order.m_Calls);
     return wholePage("Order " + order.m_Number + ": " + state.m_Name, content);
 }
 
@@ -106,10 +110,10 @@ std::string errorPage(RequestError const& error, std::string const& orderNumber)
     std::string content = paragraph(error.message());
     if (!orderNumber.empty()) {
         content +=
-            "<p><a href=\"/orders/" + escaped(orderNumber) + "\">To order " + escaped(orderNumber) + "</a></p>\n";
+            "<p><a href=\"/orders/" + escaped(orderNumber) + "\">Show order " + escaped(orderNumber) + "</a></p>\n";
     }
     if (!error.calls().empty()) {
-        content += "<h2>What the library said</h2>\n" + callsTable(error.calls());
+        content += "<h2>Library calls</h2>\n" + callsTable(error.calls());
     }
     return wholePage(error.title(), content);
 }

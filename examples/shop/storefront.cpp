@@ -1,3 +1,8 @@
+// Routes, and one handler per route: read the request, call Sales, send a page or a redirect.
+//
+// Order: helpers for requests and responses, start and stop, the routes, the handlers. A handler reports an error by
+// throwing RequestError; page() turns it into an error page. A POST answers with 303, so that a reload sends nothing
+// twice.
 #include "storefront.h"
 
 #include <sys/socket.h>
@@ -31,7 +36,7 @@ void send(Response& response, std::string const& page, int status = 200) {
     response.set_content(page, kHtml);
 }
 
-/// The visitor's name in the cookies of a request, as the browser tells it; empty when there is none.
+/// The visitor id in the request's cookie, not checked; empty when absent.
 std::string visitorOf(Request const& request) {
     std::string const cookies = "; " + request.get_header_value("Cookie") + ";";
     std::string const name = std::string("; ") + kCookie + "=";
@@ -43,31 +48,31 @@ std::string visitorOf(Request const& request) {
     return cookies.substr(start, cookies.find(';', start) - start);
 }
 
-/// The order that an address names; empty when it names none.
+/// The order number in the request's path; empty when the route has none.
 std::string orderNumberIn(Request const& request) {
     return request.matches.size() > 1 ? request.matches[1].str() : "";
 }
 
-/// Refuses a parameter that comes twice: whoever reads the request elsewhere might take the other value for it.
+/// Refuses repeated parameters: another reader of the request might take the other value.
 void requireSingleParameters(Request const& request) {
     for (auto const& [name, value] : request.params) {
         if (request.params.count(name) > 1) {
-            throw RequestError("This request is no good", "The parameter \"" + name + "\" comes more than once.");
+            throw RequestError("The shop cannot handle this request",
+                               "The parameter \"" + name + "\" appears more than once.");
         }
     }
 }
 
-/// Gives what failed without a page of its own one.
-httplib::Server::HandlerResponse explainFailure(Request const&, Response& response) {
+/// Sends an error page when the HTTP library itself refused a request.
+httplib::Server::HandlerResponse sendErrorPage(Request const&, Response& response) {
     if (!response.body.empty()) {
         return httplib::Server::HandlerResponse::Unhandled;
     }
     bool const missing = response.status == kNotFound;
     send(response,
-         plainPage(
-             missing ? "There is nothing here" : "This request is no good",
-             missing ? "This shop has no page at this address."
-                     : "The shop cannot do anything with it. HTTP calls that " + std::to_string(response.status) + "."),
+         plainPage(missing ? "Page not found" : "The shop cannot handle this request",
+                   missing ? "This shop has no page at this address."
+                           : "The HTTP status is " + std::to_string(response.status) + "."),
          response.status);
     return httplib::Server::HandlerResponse::Handled;
 }
@@ -77,7 +82,7 @@ httplib::Server::HandlerResponse explainFailure(Request const&, Response& respon
 Storefront::Storefront(MerchantAccount& account, int port) : m_Port(listenOn(port)), m_Sales(account, address()) {
     addPages();
     m_Serving = std::async(std::launch::async, [this] { m_Http.listen_after_bind(); });
-    // The server can be stopped only once it runs; that it answers shows that it does.
+    // stop() has an effect only on a running server; a response shows that it runs.
     httplib::Client self(kHost, m_Port);
     self.set_read_timeout(kStartTimeout);
     if (!self.Get("/")) {
@@ -101,7 +106,7 @@ std::string Storefront::address() const {
 }
 
 int Storefront::listenOn(int port) {
-    // Instead of the library's SO_REUSEPORT, with which two shops would share a port unnoticed.
+    // The HTTP library would set SO_REUSEPORT, with which two shops could share a port unnoticed.
     m_Http.set_socket_options([](socket_t socket) {
         int const yes = 1;
         ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
@@ -116,14 +121,14 @@ int Storefront::listenOn(int port) {
 
 void Storefront::addPages() {
     m_Http.set_payload_max_length(kMaxFormBytes);
-    // The address of an order is its key, so it is told to nobody else.
+    // An order's address gives access to it, so neither caches nor other sites may learn it.
     m_Http.set_default_headers(
         {{"Cache-Control", "no-store"},
          {"Content-Security-Policy",
           "default-src 'none'; style-src 'unsafe-inline'; frame-ancestors 'none'; base-uri 'none'"},
          {"Referrer-Policy", "no-referrer"},
          {"X-Content-Type-Options", "nosniff"}});
-    m_Http.set_error_handler(httplib::Server::HandlerWithResponse(explainFailure));
+    m_Http.set_error_handler(httplib::Server::HandlerWithResponse(sendErrorPage));
     m_Http.set_exception_handler([](Request const&, Response& response, std::exception_ptr const&) {
         send(response, plainPage("Something went wrong", "The shop could not do this. Please try again."),
              kServerError);
@@ -141,12 +146,12 @@ void Storefront::addPages() {
     m_Http.Get("/orders/([0-9a-z-]{1,32})/notified", page(&Storefront::handleNotification));
 }
 
-/// A page that explains every RequestError.
-httplib::Server::Handler Storefront::page(void (Storefront::*answer)(Request const&, Response&)) {
-    return [this, answer](Request const& request, Response& response) {
+/// Wraps a handler: a RequestError becomes an error page.
+httplib::Server::Handler Storefront::page(void (Storefront::*handler)(Request const&, Response&)) {
+    return [this, handler](Request const& request, Response& response) {
         try {
             requireSingleParameters(request);
-            (this->*answer)(request, response);
+            (this->*handler)(request, response);
         } catch (RequestError const& error) {
             send(response, errorPage(error, orderNumberIn(request)), error.status());
         }
@@ -196,25 +201,25 @@ void Storefront::retrySettlement(Request const& request, Response& response) {
 
 void Storefront::handleReturn(Request const& request, Response& response) {
     std::string const number = orderNumberIn(request);
-    // DATA is bounded: the HTTP library takes addresses of 8 KB at most.
+    // The HTTP library limits a request's address, and so DATA, to 8 KB.
     m_Sales.handleReturn(number, request.matches[2].str(), request.get_param_value("DATA"),
                          request.get_param_value("SIGNATURE"));
     response.set_redirect("/orders/" + number, kSeeOther);
 }
 
-/// The payment service asks for this address: it tells again when the status is none of success.
+/// Called by the payment service, which repeats the notification when the status is not a success.
 void Storefront::handleNotification(Request const& request, Response& response) {
     m_Sales.handleNotification(orderNumberIn(request), request.get_param_value("DATA"),
                                request.get_param_value("SIGNATURE"));
-    response.set_content("taken\n", "text/plain");
+    response.set_content("received\n", "text/plain");
 }
 
-/// The visitor that sent the request. A browser without a basket gets one, and a cookie for it. The cookie is not
-/// needed for coming back from the payment service: an order is found by its address.
+/// The visitor id of the request. A browser without one gets a basket and a cookie. A return from the payment service
+/// needs no cookie: the path has the order number.
 std::string Storefront::knownVisitor(Request const& request, Response& response) {
-    std::string told = visitorOf(request);
-    if (m_Sales.baskets().knows(told)) {
-        return told;
+    std::string known = visitorOf(request);
+    if (m_Sales.baskets().knows(known)) {
+        return known;
     }
     std::string visitor = m_Sales.baskets().open();
     response.set_header("Set-Cookie", std::string(kCookie) + "=" + visitor + "; Path=/; HttpOnly; SameSite=Lax");

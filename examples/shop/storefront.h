@@ -1,3 +1,4 @@
+/// The shop's web server.
 #ifndef TALLOWIN_EXAMPLES_SHOP_STOREFRONT_H
 #define TALLOWIN_EXAMPLES_SHOP_STOREFRONT_H
 
@@ -11,25 +12,25 @@
 
 namespace storefront {
 
-/// The shop's web server on 127.0.0.1, from construction to destruction.
+/// The shop's web server on 127.0.0.1. Runs from construction to destruction.
 class Storefront {
 public:
-    /// Opens the shop on `port`, 0 for a free one. Borrows `account`, which is set up. Throws std::runtime_error when
-    /// that is not possible.
+    /// Starts to listen on `port`; 0 takes a free one. Borrows `account`. Throws std::runtime_error when that fails.
+    /// Requires: `account` is set up.
     Storefront(MerchantAccount& account, int port);
 
-    /// Answers what has been asked, then closes, however long the payment service lets that wait.
+    /// Stops and waits for the open requests, without a timeout.
     ~Storefront();
     Storefront(Storefront const&) = delete;
     Storefront& operator=(Storefront const&) = delete;
 
-    /// The shop's address, up to the port.
+    /// The shop's address without a path.
     [[nodiscard]] std::string address() const;
 
-    /// Closes. False when what has been asked is not answered within `timeout`.
+    /// Stops. Returns false when requests are still open after `timeout`.
     [[nodiscard]] bool close(std::chrono::seconds timeout);
 
-    /// The orders that are being captured or completed right now.
+    /// The numbers of orders that a thread is capturing or completing now.
     [[nodiscard]] std::vector<std::string> inSettlement() const { return m_Sales.inSettlement(); }
 
 private:
@@ -38,7 +39,7 @@ private:
 
     int listenOn(int port);
     void addPages();
-    httplib::Server::Handler page(void (Storefront::*answer)(Request const&, Response&));
+    httplib::Server::Handler page(void (Storefront::*handler)(Request const&, Response&));
 
     void addToBasket(Request const& request, Response& response);
     void updateBasket(Request const& request, Response& response);
@@ -54,7 +55,7 @@ private:
     BoundedServer m_Http;
     int m_Port;
     Sales m_Sales;
-    std::future<void> m_Serving;  ///< Ready when everything is answered and closed.
+    std::future<void> m_Serving;  ///< Ready when the server has stopped.
 };
 
 }  // namespace storefront

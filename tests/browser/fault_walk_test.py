@@ -174,7 +174,7 @@ class WayBackFaults(WalkCase):
         self.refuse("signature", kind="wrong-key")
 
     def test_stale_key(self):
-        self.refuse("It is signed by a key which the payment service does not name as its own.", kind="stale-key")
+        self.refuse("The key that signed it is not a key of the payment service.", kind="stale-key")
 
     def test_wrong_type(self):
         self.refuse("MSGTYPE", kind="wrong-type")
@@ -203,8 +203,8 @@ class WayBackFaults(WalkCase):
         self.assertIn("ERR_EMPTY_RESPONSE", self.browser.text())
         self.wait_for_completion(order)
         self.check_paid(order)
-        self.assertIn("DATA that came by notification", self.browser.text())
-        self.assertNotIn("DATA that came back with you", self.browser.text())
+        self.assertIn("DATA received by notification", self.browser.text())
+        self.assertNotIn("DATA received when you returned", self.browser.text())
         self.assertEqual(self.payment_states(order), ["completed"])
 
     def test_answer_that_was_lost(self):

@@ -128,7 +128,7 @@ class PaymentStory:
     def url_of(self, example):
         self.assertEqual(example.line(), "Send the shopper to:")
         url = example.line()
-        self.assertEqual(example.line(), "Paste the address at which the browser ended:")
+        self.assertEqual(example.line(), "Paste the address that the browser shows now:")
         return url
 
     def test_captures_and_completes_what_was_paid(self):

@@ -277,7 +277,7 @@ class ShopBasket(ShopCase):
                     self.check_page(self.visitor.ask(path, form), 400, f'"{shown}" is not a whole number from 0 to 99')
         for article in ("", "lamp", "<b>mug</b>"):
             self.check_page(self.add(article, 1), 400, f'There is no article "{article}"')
-        self.check_page(self.add("mug", 2), 400, "99 of an article at most")
+        self.check_page(self.add("mug", 2), 400, "at most 99 of one article")
         self.assertEqual(self.quantities(), [("mug", "98")])
 
     def test_shows_bytes_that_are_no_text_as_such(self):
@@ -293,8 +293,8 @@ class ShopBasket(ShopCase):
                 self.check_page(self.visitor.ask(address), 404, "no page at this address")
 
     def test_refuses_requests_that_are_too_long(self):
-        self.check_page(self.visitor.ask("/basket?" + "x" * 10000), 414, "HTTP calls that 414")
-        self.check_page(self.visitor.ask("/basket/update", {"quantity-mug": "1" * 10000}), 413, "HTTP calls that 413")
+        self.check_page(self.visitor.ask("/basket?" + "x" * 10000), 414, "The HTTP status is 414")
+        self.check_page(self.visitor.ask("/basket/update", {"quantity-mug": "1" * 10000}), 413, "The HTTP status is 413")
 
 
 class ShopPayment(ShopCase):
@@ -340,11 +340,11 @@ class ShopPayment(ShopCase):
                 tokens = [re.search(r' TOKEN="([^"]*)"', parameters(url)[0]).group(1) for url in (first, second)]
                 self.assertNotEqual(*tokens)
                 self.order_page(path, "waiting")
-                self.check_page(self.visitor.ask(back), 400, "confirmation of another payment")
+                self.check_page(self.visitor.ask(back), 400, "confirms another payment")
                 self.order_page(path, "waiting")
                 self.come_back(self.browser.decide(second, "pay"), path)
                 self.order_page(path, "completed")
-                self.check_page(self.visitor.ask(back), 400, "confirmation of another payment")
+                self.check_page(self.visitor.ask(back), 400, "confirms another payment")
                 self.order_page(path, "completed")
                 self.check_page(self.visitor.ask("/basket"), 200, "Your basket is empty")
         self.assertEqual(self.states(), ["declined", "completed", "cancelled", "completed"])
@@ -382,7 +382,7 @@ class ShopPayment(ShopCase):
     def test_makes_no_order_without_a_form(self):
         self.add("candle", 1)
         for form in ({}, {"key": ""}):
-            self.check_page(self.visitor.ask("/checkout", form), 400, "did not come from the page of the basket")
+            self.check_page(self.visitor.ask("/checkout", form), 400, "did not come from the basket page")
 
     def test_keeps_the_forms_of_visitors_apart(self):
         path, _ = self.buy_candle()
@@ -436,7 +436,7 @@ class ShopLatePayment(ShopCase):
         self.assertEqual(self.captures_and_completions(), ["StatusRequest", "PayConfirm", "PayCompleteRequest"])
 
     def test_makes_a_new_payment(self):
-        self.order_page(self.path, "waiting", "Go to the payment")
+        self.order_page(self.path, "waiting", "Go to payment")
         urls = self.together(4, self.pay_again)
         self.assertEqual(len(set(urls)), 1)
         self.assertNotEqual(urls[0], self.late)
@@ -471,7 +471,8 @@ class ShopLatePayment(ShopCase):
 
     def test_keeps_waiting_when_the_old_payment_is_declined(self):
         new = self.pay_again()
-        self.check_page(self.visitor.ask(self.browser.decide(self.late, "decline")), 400, "another has taken its place")
+        declined = self.browser.decide(self.late, "decline")
+        self.check_page(self.visitor.ask(declined), 400, "a newer payment has replaced it")
         self.order_page(self.path, "waiting")
         self.come_back(self.browser.decide(new, "pay"), self.path)
 
@@ -479,7 +480,7 @@ class ShopLatePayment(ShopCase):
 class ShopKeys(ShopCase):
     """The payment service signs with a key that it has made since the shop's directory was set up."""
 
-    NOT_THE_SERVICE = "a key which the payment service does not name as its own"
+    NOT_THE_SERVICE = "The key that signed it is not a key of the payment service"
 
     def set_ups(self):
         """How often the shop has asked for the account's configuration."""
@@ -522,7 +523,7 @@ class ShopKeys(ShopCase):
     def test_does_not_ask_when_its_own_message_comes_back(self):
         path, url = self.buy_candle()
         own = url.replace(self.addresses["pay"], path + "/paid")
-        self.check_page(self.visitor.ask(own), 400, "it confirms nothing")
+        self.check_page(self.visitor.ask(own), 400, "it is not a confirmation")
         self.assertEqual(self.set_ups(), 1)
 
     def test_tells_that_it_cannot_ask(self):
@@ -549,13 +550,13 @@ class ShopNotifications(ShopCase):
 
     def notify(self, notice):
         page = Visitor(self.address).ask(notice)
-        self.assertEqual((page.status, page.text), (200, "taken\n"))
+        self.assertEqual((page.status, page.text), (200, "received\n"))
 
     def test_pays_although_the_visitor_does_not_come_back(self):
         _, notice = self.decide("pay")
         self.notify(notice)
-        page = self.order_page(self.path, "completed", "DATA that came by notification")
-        self.assertNotIn("that came back with you", page.text)
+        page = self.order_page(self.path, "completed", "DATA received by notification")
+        self.assertNotIn("received when you returned", page.text)
         self.check_page(self.visitor.ask("/basket"), 200, "Your basket is empty")
         self.notify(notice)
         self.assertEqual(self.captures_and_completions(), ["PayConfirm", "PayCompleteRequest"])
@@ -564,7 +565,7 @@ class ShopNotifications(ShopCase):
         back, notice = self.decide("pay")
         self.notify(notice)
         self.come_back(back, self.path)
-        self.order_page(self.path, "completed", "DATA that came by notification", "DATA that came back with you")
+        self.order_page(self.path, "completed", "DATA received by notification", "DATA received when you returned")
         self.check_page(self.visitor.ask(back), 400, "has been paid already")
         self.assertEqual(self.captures_and_completions(), ["PayConfirm", "PayCompleteRequest"])
 
@@ -572,7 +573,7 @@ class ShopNotifications(ShopCase):
         back, notice = self.decide("pay")
         self.come_back(back, self.path)
         self.notify(notice)
-        self.order_page(self.path, "completed", "DATA that came by notification", "DATA that came back with you")
+        self.order_page(self.path, "completed", "DATA received by notification", "DATA received when you returned")
         self.check_page(self.visitor.ask(back), 400, "has been paid already")
         self.assertEqual(self.captures_and_completions(), ["PayConfirm", "PayCompleteRequest"])
 
@@ -586,22 +587,22 @@ class ShopNotifications(ShopCase):
     def test_tells_of_a_decline(self):
         back, notice = self.decide("decline")
         self.notify(notice)
-        self.order_page(self.path, "declined", "DATA that came by notification", "Pay again")
+        self.order_page(self.path, "declined", "DATA received by notification", "Pay again")
         self.come_back(back, self.path)
         self.notify(notice)
         self.assertEqual(self.visitor.ask(self.path + "/pay", {}).status, 303)
-        self.check_page(self.visitor.ask(notice), 400, "confirmation of another payment")
+        self.check_page(self.visitor.ask(notice), 400, "confirms another payment")
         self.order_page(self.path, "waiting")
 
     def test_is_checked_as_what_a_visitor_brings(self):
         other, _ = self.buy_candle()
         _, notice = self.decide("pay")
         own = self.url.replace(self.addresses["pay"], self.notices)
-        for address, status, reason in ((own, 400, "it confirms nothing"),
+        for address, status, reason in ((own, 400, "it is not a confirmation"),
                                         (notice.replace("19%2e90", "1%2e90"), 400, "altered"),
                                         (notice.partition("&SIGNATURE=")[0], 400, "without a signature"),
                                         (notice + "&DATA=x", 400, "more than once"),
-                                        (notice.replace(self.path, other), 400, "confirmation of another order"),
+                                        (notice.replace(self.path, other), 400, "confirms another order"),
                                         (notice.replace(self.path, "/orders/0"), 404, "There is no such order")):
             with self.subTest(reason):
                 self.check_page(self.visitor.ask(address), status, reason)
@@ -638,12 +639,12 @@ class ShopRefusals(ShopCase):
 
     def test_own_payment_message(self):
         own = self.url.replace(self.addresses["pay"], self.path + "/paid")
-        self.refuse(own, "it confirms nothing", 'MSGTYPE is "PayInit"')
+        self.refuse(own, "it is not a confirmation", 'MSGTYPE is "PayInit"')
 
     def test_confirmation_of_another_order(self):
         other, url = self.buy_candle()
         paid = self.browser.decide(url, "pay")
-        self.refuse(paid.replace(other, self.path), "confirmation of another order", other.rpartition("/")[2])
+        self.refuse(paid.replace(other, self.path), "confirms another order", other.rpartition("/")[2])
         self.come_back(paid, other)
         self.order_page(other, "completed")
 
@@ -667,17 +668,18 @@ class ShopRefusals(ShopCase):
         paid = self.pay()
         bare = paid.partition("&SIGNATURE=")[0]
         for address, reason in ((bare, "without a signature"), (bare + "&SIGNATURE=", "without a signature"),
-                                (bare + "&SIGNATURE=xyz", "its signature is none"),
+                                (bare + "&SIGNATURE=xyz", "is not a signature"),
                                 (paid + "%00", "zero byte"), (paid + "%0000", "zero byte"),
-                                (bare + "&SIGNATURE=" + "0" * 128, "The signature does not fit")):
+                                (bare + "&SIGNATURE=" + "0" * 128, "The signature does not match")):
             with self.subTest(address[-20:]):
                 self.refuse(address, "refused", reason)
         self.come_back(paid, self.path)
 
     def test_what_is_no_message(self):
         signature = parameters(self.pay())[1]
-        for data, reason in (("", "not a message"), ("nonsense", "not a message"), ("<a>", "not a message"),
-                             ("<KVX/>", "does not say that the payment service signed it"), ("a\0b", "zero byte"),
+        for data, reason in (("", "not a payment message"), ("nonsense", "not a payment message"),
+                             ("<a>", "not a payment message"),
+                             ("<KVX/>", "does not name the key that signed it"), ("a\0b", "zero byte"),
                              ("<KVX MSGTYPE=\"PayConfirm\" KEYID=\"../current\"/>", "refused")):
             with self.subTest(data):
                 query = urllib.parse.urlencode({"DATA": data, "SIGNATURE": signature})
@@ -690,9 +692,9 @@ class ShopRefusals(ShopCase):
         paid = self.pay()
         for addition in ("&DATA=x", "&SIGNATURE=0", "&DATA="):
             with self.subTest(addition):
-                self.refuse(paid + addition, "This request is no good", "comes more than once")
+                self.refuse(paid + addition, "The shop cannot handle this request", "appears more than once")
         self.check_page(self.visitor.ask("/basket/add", [("article", "mug"), ("quantity", 1), ("quantity", 2)]), 400,
-                        '"quantity" comes more than once')
+                        '"quantity" appears more than once')
         self.come_back(paid, self.path)
 
     def test_unknown_order(self):
@@ -827,7 +829,7 @@ class ShopWithUnreliableService(ShopCase):
             thread.start()
         self.relay.wait_until_holding(len(stalled))
         self.come_back(self.paid, self.path)
-        self.order_page(self.path, "capture failed", "not called, too many others wait", "Try again")
+        self.order_page(self.path, "capture failed", "not called: too many threads wait for the service", "Try again")
         self.check_page(self.visitor.ask("/"), 200, "Beeswax candle")
         self.order_page(stalled[0][0], "paid", "is being captured")
         self.check_page(self.visitor.ask(late + "/pay", {}), 503, "try again in a minute")
