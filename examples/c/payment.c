@@ -1,12 +1,13 @@
-/* A whole payment in C: set-up, payment URL, confirmation, capture, completion.
+/* A whole payment in C. Shows how to set up an account, create a payment URL, verify a confirmation, capture and
+ * complete, and how to ask the library for the size of a text first.
  *
  *   TALLOWIN_PASSWORD=... tallowin-payment-c DIRECTORY SERVICE USER
  *
- * DIRECTORY   the configuration directory of the account, set up when that has not been done yet
+ * DIRECTORY   the configuration directory of the account; the first run sets it up
  * SERVICE     the payment service's set-up address, such as http://127.0.0.1:8080/auto of a running tallowin-sandbox
- * USER        the account's user; a sandbox is born with "demo", password "demo"
+ * USER        the account's user; a new sandbox has "demo" with password "demo"
  *
- * It prints a payment URL. Open it in a browser, pay, and paste the address at which the browser ends. */
+ * The program prints a payment URL. Open it in a browser, pay, and paste the address that the browser shows then. */
 #include <ctype.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -16,31 +17,32 @@
 static char const kAmount[] = "19.90";
 static char const kCurrency[] = "EUR";
 
-/* Whether a call went well; tells what went wrong otherwise. Compare with KVX_OK, never with "less than 0". */
-static int ok(char const* what, int32_t code) {
+/* Whether a call succeeded; prints the failure otherwise. Failures may be positive: compare with KVX_OK, not with "<
+ * 0". */
+static int ok(char const* action, int32_t code) {
     char text[128] = "no text";
     int32_t size = sizeof text;
     if (code == KVX_OK) {
         return 1;
     }
     KVX_GetErrorStringFromResult(code, &size, text);
-    fprintf(stderr, "%s: result 0x%08lX, %s\n", what, (unsigned long)(uint32_t)code, text);
+    fprintf(stderr, "%s: result 0x%08lX, %s\n", action, (unsigned long)(uint32_t)code, text);
     return 0;
 }
 
-/* Registers the directory with the service, once in its life: the name of the current key is written last. */
+/* Sets up the directory unless an earlier run did. A set-up writes the current key id last. */
 static int setUp(char const* directory, char const* service, char const* user, char const* password) {
     KVX_HANDLE setup = CreateConfigurationSetup();
     int32_t size = 0;
     int done = ok("choosing the directory", ConfigurationSetup_SetConfiguration(setup, directory));
     if (done && ConfigurationSetup_GetAttribute(setup, "keys/current", "", &size, NULL) == KVX_E_CANNOT_OPEN) {
-        done = ok("registering", ConfigurationSetup_Reconfigure(setup, service, user, password));
+        done = ok("setting up", ConfigurationSetup_Reconfigure(setup, service, user, password));
     }
     DestroyConfigurationSetup(setup);
     return done;
 }
 
-/* Prints the signed URL of `payment`. Asks for its size first, then for the text. */
+/* Prints the signed URL of `payment`: asks for its size first, then for the text. */
 static int printUrl(KVX_HANDLE payment) {
     int32_t size = 0;
     char* url = NULL;
@@ -48,7 +50,7 @@ static int printUrl(KVX_HANDLE payment) {
     if (MessageObject_GetURL(payment, &size, NULL) == KVX_E_BUFFER_TOO_SMALL) {
         url = malloc((size_t)size);
     }
-    done = url != NULL && ok("making the URL", MessageObject_GetURL(payment, &size, url));
+    done = url != NULL && ok("creating the URL", MessageObject_GetURL(payment, &size, url));
     if (done) {
         printf("Send the shopper to:\n%s\n", url);
         fflush(stdout);
@@ -57,7 +59,7 @@ static int printUrl(KVX_HANDLE payment) {
     return done;
 }
 
-/* Starts a payment. A shop stores `token` with the order, and sends the browser to the URL. */
+/* Starts a payment. A shop stores `token` with the order and redirects the browser to the URL. */
 static int startPayment(KVX_HANDLE factory, char* token, int32_t tokenSize) {
     KVX_HANDLE payment = NULL;
     int done = ok("creating a payment", MessageFactory_CreatePayInit(factory, &payment)) &&
@@ -70,7 +72,7 @@ static int startPayment(KVX_HANDLE factory, char* token, int32_t tokenSize) {
     return done;
 }
 
-/* Decodes percent escapes up to the end of a query parameter, in place. */
+/* Decodes the percent escapes of a query parameter in place and ends the text after it. */
 static void decode(char* text) {
     char const* from = text;
     while (*from != '\0' && *from != '&' && *from != '#' && *from != '\n') {
@@ -85,8 +87,8 @@ static void decode(char* text) {
     *text = '\0';
 }
 
-/* The decoded value of a query parameter; `key` is "?NAME=" or "&NAME=". Null when absent. Every web framework does
- * this for a shop. */
+/* The decoded value of a query parameter; null when absent. `key` is "?NAME=" or "&NAME=". A shop's web framework does
+ * this. */
 static char* takeParameter(char* address, char const* key) {
     char* value = strstr(address, key);
     if (value != NULL) {
@@ -96,7 +98,7 @@ static char* takeParameter(char* address, char const* key) {
     return value;
 }
 
-/* Whether attribute `name` is there and is exactly `wanted`. */
+/* Whether attribute `name` is exactly `wanted`. */
 static int is(KVX_HANDLE message, char const* name, char const* wanted) {
     char value[256];
     int32_t size = sizeof value;
@@ -107,9 +109,9 @@ static int is(KVX_HANDLE message, char const* name, char const* wanted) {
     return 0;
 }
 
-/* The heart of it. A good signature alone proves little: the message must also be a confirmation, of this very payment,
- * over the whole amount, and say that it was paid; cancelled payments are confirmed as well. `id` receives the
- * payment's identifier. */
+/* Whether the payment is paid. A valid signature is not enough: the message must be a confirmation, of this payment, of
+ * the whole amount, with a result that means paid; the service confirms cancelled payments too. `id` receives the
+ * payment's id. */
 static int isPaid(KVX_HANDLE factory, char const* data, char const* signature, char const* token, char* id,
                   int32_t idSize) {
     KVX_HANDLE message = NULL;
@@ -121,8 +123,8 @@ static int isPaid(KVX_HANDLE factory, char const* data, char const* signature, c
     return paid;
 }
 
-/* Takes the money. Only an object that was opened on the directory has our key to sign with; it then gets the text of
- * the confirmation. */
+/* Captures the payment. Open gives the object the merchant's signing key; FromString then fills it with the
+ * confirmation. */
 static int capture(char const* directory, char const* data) {
     KVX_HANDLE message = CreateMessageObject();
     int done = ok("opening a message", MessageObject_Open(message, directory)) &&
@@ -132,7 +134,7 @@ static int capture(char const* directory, char const* data) {
     return done;
 }
 
-/* Tells the service that the order has been dealt with. */
+/* Completes the payment: reports to the service that the order is fulfilled. */
 static int complete(KVX_HANDLE factory, char const* id, char const* token) {
     KVX_HANDLE completion = NULL;
     KVX_HANDLE answer = NULL;
@@ -153,16 +155,16 @@ static int sell(KVX_HANDLE factory, char const* directory) {
         !startPayment(factory, token, sizeof token)) {
         return 0;
     }
-    printf("Paste the address at which the browser ended:\n");
+    printf("Paste the address that the browser shows now:\n");
     fflush(stdout);
     if (fgets(address, sizeof address, stdin) == NULL) {
-        fprintf(stderr, "no address was given\n");
+        fprintf(stderr, "no address\n");
         return 0;
     }
-    signature = takeParameter(address, "&SIGNATURE="); /* the later one first, decoding ends the text */
+    signature = takeParameter(address, "&SIGNATURE="); /* the last parameter first: decoding ends the text */
     data = takeParameter(address, "?DATA=");
     if (data == NULL || signature == NULL) {
-        fprintf(stderr, "the address holds no DATA and SIGNATURE\n");
+        fprintf(stderr, "the address has no DATA and SIGNATURE\n");
         return 0;
     }
     if (!isPaid(factory, data, signature, token, id, sizeof id) || !capture(directory, data) ||

@@ -1,12 +1,12 @@
-/* A payment in twenty lines: those between the two markers. Everything else here is what a shop has anyway.
+/* A payment in twenty lines, between the two markers. The rest stands for code that a shop already has.
  *
  *   tallowin-quickstart-c DIRECTORY SERVICE
  *
- * DIRECTORY   made and set up for the account "demo" of a running tallowin-sandbox
- * SERVICE     the sandbox's set-up address, such as http://127.0.0.1:8080/auto
+ * DIRECTORY   the configuration directory; this program creates it and sets it up for the sandbox's account "demo"
+ * SERVICE     set-up address of a running tallowin-sandbox, such as http://127.0.0.1:8080/auto
  *
- * Prints the payment URL, then reads DATA and SIGNATURE of the confirmation, each on a line of standard input and
- * percent-decoded, as web frameworks hand them over. */
+ * The program prints the payment URL, then reads DATA and SIGNATURE of the confirmation from standard input: one per
+ * line, percent-decoded, as a web framework returns them. */
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -15,7 +15,7 @@
 static char data[8192];
 static char signature[1024];
 
-/* Ends the program unless the call went well. */
+/* Ends the program unless the call succeeded. */
 static void must(int32_t code) {
     char text[128] = "no text";
     int32_t size = sizeof text;
@@ -27,7 +27,7 @@ static void must(int32_t code) {
     exit(EXIT_FAILURE);
 }
 
-/* Ends the program unless the message has this value under this name. */
+/* Ends the program unless attribute `name` is `wanted`. */
 static void mustBe(KVX_HANDLE message, char const* name, char const* wanted) {
     char value[256];
     int32_t size = sizeof value;
@@ -40,13 +40,13 @@ static void mustBe(KVX_HANDLE message, char const* name, char const* wanted) {
 
 static void readLine(char* line, int size) {
     if (fgets(line, size, stdin) == NULL || strchr(line, '\n') == NULL) {
-        fprintf(stderr, "DATA and SIGNATURE are wanted, each on a line\n");
+        fprintf(stderr, "expected DATA and SIGNATURE, one per line\n");
         exit(EXIT_FAILURE);
     }
     line[strcspn(line, "\n")] = '\0';
 }
 
-/* A shop redirects the browser to `url`, and its page for returning shoppers receives the two. */
+/* A shop redirects the browser to `url`; its return page then receives DATA and SIGNATURE. */
 static void sendShopperTo(char const* url) {
     printf("%s\n", url);
     fflush(stdout);
@@ -54,7 +54,7 @@ static void sendShopperTo(char const* url) {
     readLine(signature, sizeof signature);
 }
 
-/* Done once for an account. */
+/* A merchant does this once per account. */
 static void setUp(char const* directory, char const* service) {
     KVX_HANDLE setup = CreateConfigurationSetup();
     must(ConfigurationSetup_SetConfiguration(setup, directory));
@@ -73,7 +73,7 @@ static void sell(char const* directory) {
     must(MessageObject_SetAttribute(order, "CURRENCY", "EUR"));
     must(MessageObject_GetAttribute(order, "TOKEN", &tokenSize, token));
     must(MessageObject_GetURL(order, &urlSize, url));
-    sendShopperTo(url); /* who comes back to the shop with DATA and SIGNATURE */
+    sendShopperTo(url); /* the shopper returns with DATA and SIGNATURE */
     must(MessageFactory_VerifyPayConfirm(shop, data, signature, &paid));
     mustBe(paid, "MSGTYPE", "PayConfirm");
     mustBe(paid, "RESULT", "authorised");

@@ -1,14 +1,15 @@
-/// A whole payment in C++: set-up, payment URL, confirmation, capture, completion.
+/// A whole payment in C++. Shows how to set up an account, create a payment URL, verify a confirmation, capture and
+/// complete with the library's classes, and which exceptions to catch.
 ///
 ///     TALLOWIN_PASSWORD=... tallowin-payment-cpp DIRECTORY SERVICE USER
 ///
-/// DIRECTORY   the configuration directory of the account, set up when that has not been done yet
+/// DIRECTORY   the configuration directory of the account; the first run sets it up
 /// SERVICE     the payment service's set-up address, such as http://127.0.0.1:8080/auto of a running tallowin-sandbox
-/// USER        the account's user; a sandbox is born with "demo", password "demo"
+/// USER        the account's user; a new sandbox has "demo" with password "demo"
 ///
-/// It prints a payment URL. Open it in a browser, pay, and paste the address at which the browser ends.
+/// The program prints a payment URL. Open it in a browser, pay, and paste the address that the browser shows then.
 ///
-/// The classes belong to one release of the library; programs that outlive it use the C functions.
+/// Build a program that uses the classes again for each release of the library; the C functions stay compatible.
 #include <tallowin/cConfigurationSetup.h>
 #include <tallowin/cMessageFactory.h>
 #include <tallowin/cMessageObject.h>
@@ -31,13 +32,13 @@ constexpr char kCurrency[] = "EUR";
 
 using MessagePtr = std::unique_ptr<KVXCIMPL_MessageObject>;
 
-/// What the shopper's browser brought back, percent-decoded.
+/// The parameters of the return address, percent-decoded.
 struct Confirmation {
     std::string m_Data;
     std::string m_Signature;
 };
 
-/// Registers the directory with the service, once in its life: the name of the current key is written last.
+/// Sets up the directory unless an earlier run did. A set-up writes the current key id last.
 void setUp(char const* directory, char const* service, char const* user, char const* password) {
     KVXCIMPL_ConfigurationSetup setup;
     setup.SetConfiguration(directory);
@@ -52,7 +53,7 @@ void setUp(char const* directory, char const* service, char const* user, char co
     }
 }
 
-/// Starts a payment and returns its token, which a shop stores with the order.
+/// Starts a payment and prints its URL. Returns its token, which a shop stores with the order.
 TbString startPayment(KVXCIMPL_MessageFactory& factory) {
     MessagePtr const payment(factory.CreatePayInit());
     payment->SetAttribute("ORDERID", "1001");
@@ -66,11 +67,11 @@ TbString startPayment(KVXCIMPL_MessageFactory& factory) {
     return token;
 }
 
-/// The value of query parameter `name`, percent-decoded. Every web framework does this for a shop.
+/// The value of query parameter `name`, percent-decoded. A shop's web framework does this.
 std::string parameter(std::string const& address, std::string const& name) {
     std::size_t const found = address.find(name + "=");
     if (found == std::string::npos) {
-        throw std::runtime_error("the address holds no " + name);
+        throw std::runtime_error("the address has no " + name);
     }
     std::size_t const start = found + name.size() + 1;
     std::string const raw = address.substr(start, address.find_first_of("&#", start) - start);
@@ -83,8 +84,8 @@ std::string parameter(std::string const& address, std::string const& name) {
     return value;
 }
 
-Confirmation awaitShopper() {
-    std::cout << "Paste the address at which the browser ended:" << std::endl;
+Confirmation readReturnAddress() {
+    std::cout << "Paste the address that the browser shows now:" << std::endl;
     std::string address;
     std::getline(std::cin, address);
     return {parameter(address, "DATA"), parameter(address, "SIGNATURE")};
@@ -98,11 +99,11 @@ void mustBe(KVXCIMPL_MessageObject& message, char const* name, TbString const& w
     }
 }
 
-/// The heart of it. A good signature alone proves little: the message must also be a confirmation, of this very
-/// payment, over the whole amount, and say that it was paid; cancelled payments are confirmed as well. Returns the
-/// payment's identifier.
-TbString mustBePaid(KVXCIMPL_MessageFactory& factory, Confirmation const& back, TbString const& token) {
-    MessagePtr const message(factory.VerifyPayConfirm(back.m_Data.c_str(), back.m_Signature.c_str()));
+/// Throws unless the payment is paid. A valid signature is not enough: the message must be a confirmation, of this
+/// payment, of the whole amount, with a result that means paid; the service confirms cancelled payments too. Returns
+/// the payment's id.
+TbString mustBePaid(KVXCIMPL_MessageFactory& factory, Confirmation const& confirmation, TbString const& token) {
+    MessagePtr const message(factory.VerifyPayConfirm(confirmation.m_Data.c_str(), confirmation.m_Signature.c_str()));
     mustBe(*message, "MSGTYPE", "PayConfirm");
     mustBe(*message, "TOKEN", token);
     mustBe(*message, "AMOUNT", kAmount);
@@ -113,8 +114,8 @@ TbString mustBePaid(KVXCIMPL_MessageFactory& factory, Confirmation const& back, 
     return id;
 }
 
-/// Takes the money. Only an object that was opened on the directory has our key to sign with; it then gets the text of
-/// the confirmation.
+/// Captures the payment. Open() gives the object the merchant's signing key; FromString() then fills it with the
+/// confirmation.
 void capture(char const* directory, Confirmation const& confirmation) {
     KVXCIMPL_MessageObject message;
     message.Open(directory);
@@ -122,7 +123,7 @@ void capture(char const* directory, Confirmation const& confirmation) {
     message.Capture();
 }
 
-/// Tells the service that the order has been dealt with.
+/// Completes the payment: reports to the service that the order is fulfilled.
 void complete(KVXCIMPL_MessageFactory& factory, TbString const& id, TbString const& token) {
     MessagePtr const completion(factory.CreatePayComplete(id, token));
     MessagePtr const answer(completion->Execute());
@@ -132,9 +133,9 @@ void sell(char const* directory) {
     KVXCIMPL_MessageFactory factory;
     factory.Open(directory);
     TbString const token = startPayment(factory);
-    Confirmation const back = awaitShopper();
-    TbString const id = mustBePaid(factory, back, token);
-    capture(directory, back);
+    Confirmation const confirmation = readReturnAddress();
+    TbString const id = mustBePaid(factory, confirmation, token);
+    capture(directory, confirmation);
     complete(factory, id, token);
     std::cout << "Payment " << id.c_str() << " is captured and completed.\n";
 }
