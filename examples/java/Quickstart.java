@@ -8,23 +8,23 @@ import kelvane.tallowin.MessageFactory;
 import kelvane.tallowin.MessageObject;
 
 /**
- * A payment in a few lines: those between the two markers. Everything else here is what a shop has anyway.
+ * A payment in a few lines, between the two markers. The rest stands for code that a shop already has.
  *
  * <pre>
  * java -cp tallowin.jar Quickstart.java DIRECTORY SERVICE
  * </pre>
  *
- * DIRECTORY is made and set up for the account "demo" of a running tallowin-sandbox. SERVICE is the sandbox's set-up
- * address, such as http://127.0.0.1:8080/auto.
+ * DIRECTORY is the configuration directory; this program creates it and sets it up for the sandbox's account "demo".
+ * SERVICE is the set-up address of a running tallowin-sandbox, such as http://127.0.0.1:8080/auto.
  *
- * Prints the payment URL, then reads DATA and SIGNATURE of the confirmation, each on a line of standard input and
- * percent-decoded, as web frameworks hand them over.
+ * The program prints the payment URL, then reads DATA and SIGNATURE of the confirmation from standard input: one per
+ * line, percent-decoded, as a web framework returns them.
  */
 public final class Quickstart {
     private String data;
     private String signature;
 
-    /** Ends the program unless the message has this value under this name. */
+    /** Ends the program unless attribute {@code name} is {@code wanted}. */
     private static void mustBe(MessageObject message, String name, String wanted) throws KVXException {
         String value = message.GetAttribute(name);
         if (!value.equals(wanted)) {
@@ -33,7 +33,7 @@ public final class Quickstart {
         }
     }
 
-    /** A shop redirects the browser to the address, and its page for returning shoppers receives the two. */
+    /** A shop redirects the browser to the URL; its return page then receives DATA and SIGNATURE. */
     private void sendShopperTo(String url) throws IOException {
         System.out.println(url);
         BufferedReader in = new BufferedReader(new InputStreamReader(System.in, StandardCharsets.UTF_8));
@@ -41,7 +41,7 @@ public final class Quickstart {
         signature = in.readLine();
     }
 
-    /** Done once for an account. */
+    /** A merchant does this once per account. */
     private static void setUp(String directory, String service) throws KVXException {
         try (ConfigurationSetup setup = new ConfigurationSetup()) {
             setup.SetConfiguration(directory);
@@ -58,7 +58,7 @@ public final class Quickstart {
                 order.SetAttribute("AMOUNT", "19.90");
                 order.SetAttribute("CURRENCY", "EUR");
                 token = order.GetAttribute("TOKEN");
-                sendShopperTo(order.GetURL()); // who comes back to the shop with DATA and SIGNATURE
+                sendShopperTo(order.GetURL()); // the shopper returns with DATA and SIGNATURE
             }
             try (MessageObject paid = shop.VerifyPayConfirm(data, signature)) {
                 mustBe(paid, "MSGTYPE", "PayConfirm");

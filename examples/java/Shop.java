@@ -20,15 +20,16 @@ import kelvane.tallowin.MessageFactory;
 import kelvane.tallowin.MessageObject;
 
 /**
- * A web shop with one article, on the web server of the JDK.
+ * A web shop with one article, on the JDK's web server. Shows how to take payments with the Java classes: set-up, payment
+ * URL, checks of a confirmation, capture, completion.
  *
  * <pre>
  * TALLOWIN_PASSWORD=... java -cp tallowin.jar Shop.java DIRECTORY SERVICE USER [PORT]
  * </pre>
  *
- * DIRECTORY is the configuration directory of the account, set up when that has not been done yet. SERVICE is the payment
- * service's set-up address, such as http://127.0.0.1:8080/auto of a running tallowin-sandbox. USER is the account's user; a
- * sandbox is born with "demo", password "demo". Without PORT, or with 0, the shop takes a free one.
+ * DIRECTORY is the configuration directory of the account; the first start sets it up. SERVICE is the payment service's
+ * set-up address, such as http://127.0.0.1:8080/auto of a running tallowin-sandbox. USER is the account's user; a new
+ * sandbox has "demo" with password "demo". PORT 0, the default, takes a free port.
  *
  * Prints the address to open in a browser and serves until it is stopped.
  */
@@ -36,9 +37,9 @@ public final class Shop {
     private static final String AMOUNT = "19.90";
     private static final String CURRENCY = "EUR";
     private static final int CANNOT_OPEN = 0x80040219;
-    private static final int MOST_FORM_BYTES = 10_000;
+    private static final int MAX_FORM_BYTES = 10_000;
 
-    /** What a shop keeps in its database. */
+    /** An order. A real shop stores orders in its database. */
     private static final class Order {
         private final String number;
         private final String token;
@@ -56,18 +57,18 @@ public final class Shop {
         }
     }
 
-    /** A request that the shop turns down, and why. */
-    private static final class Refusal extends Exception {
+    /** The shop refuses a request; the message is a sentence for the visitor. */
+    private static final class RequestError extends Exception {
         private static final long serialVersionUID = 1L;
 
-        private Refusal(String reason) {
+        private RequestError(String reason) {
             super(reason);
         }
     }
 
-    /** Answers one kind of request with a page. */
-    private interface Page {
-        String answer(HttpExchange exchange) throws IOException, KVXException, Refusal;
+    /** Handles one kind of request and returns the page's content. */
+    private interface Handler {
+        String handle(HttpExchange exchange) throws IOException, KVXException, RequestError;
     }
 
     private final String directory;
@@ -81,16 +82,16 @@ public final class Shop {
         server.setExecutor(Executors.newFixedThreadPool(8));
         serve("/", "GET", this::showCatalogue);
         serve("/buy", "POST", this::buy);
-        serve("/paid", "GET", this::welcomeBack);
+        serve("/paid", "GET", this::handleReturn);
         serve("/failed", "GET", exchange -> "<p>The payment was declined. Nothing has been charged.</p>");
-        serve("/back", "GET", exchange -> "<p>You came back without paying. Nothing has been charged.</p>");
+        serve("/back", "GET", exchange -> "<p>You returned without paying. Nothing has been charged.</p>");
     }
 
     private String address() {
         return "http://127.0.0.1:" + server.getAddress().getPort();
     }
 
-    /** Registers the directory with the service, once in its life: the name of the current key is written last. */
+    /** Sets up the directory unless an earlier start did. A set-up writes the current key id last. */
     private static void setUp(String directory, String service, String user, String password) throws KVXException {
         try (ConfigurationSetup setup = new ConfigurationSetup()) {
             setup.SetConfiguration(directory);
@@ -120,7 +121,7 @@ public final class Shop {
         return page.append("</ul>").toString();
     }
 
-    /** Starts the payment of a new order and sends the browser to the payment service. */
+    /** Creates an order, starts its payment and redirects the browser to the payment URL. */
     private String buy(HttpExchange exchange) throws IOException, KVXException {
         discardForm(exchange);
         String number = Integer.toString(orderCount.incrementAndGet());
@@ -135,11 +136,11 @@ public final class Shop {
             orders.put(number, new Order(number, payment.GetAttribute("TOKEN")));
             exchange.getResponseHeaders().set("Location", url);
         }
-        return "<p>On to the payment.</p>";
+        return "<p>Your browser is going to the payment page.</p>";
     }
 
-    /** The shopper is back from the payment service and says that the order is paid. */
-    private String welcomeBack(HttpExchange exchange) throws KVXException, Refusal {
+    /** Handles the return of a shopper after a payment. */
+    private String handleReturn(HttpExchange exchange) throws KVXException, RequestError {
         Map<String, String> parameters = parametersOf(exchange.getRequestURI());
         String data = parameters.getOrDefault("DATA", "");
         Order order;
@@ -151,9 +152,9 @@ public final class Shop {
         }
         synchronized (order) {
             if (order.isPaid) {
-                throw new Refusal("Order " + order.number + " has been paid already");
+                throw new RequestError("Order " + order.number + " has been paid already.");
             }
-            // When this fails the order stays unpaid, and reloading the page tries again.
+            // After a failure the order stays unpaid; reloading the page tries again.
             capture(data);
             order.isPaid = true;
         }
@@ -162,14 +163,14 @@ public final class Shop {
     }
 
     /**
-     * The order that the verified message pays. A good signature alone proves little: the message must also be a
-     * confirmation, of this very payment, over the whole amount, and say that it was paid.
+     * Returns the order that the verified message pays. A valid signature is not enough: the message must be a
+     * confirmation, of this order's payment, of the whole amount, with a result that means paid.
      */
-    private Order orderOf(MessageObject message) throws KVXException, Refusal {
+    private Order orderOf(MessageObject message) throws KVXException, RequestError {
         mustBe(message, "MSGTYPE", "PayConfirm");
         Order order = orders.get(message.GetAttribute("ORDERID"));
         if (order == null) {
-            throw new Refusal("There is no such order");
+            throw new RequestError("There is no such order.");
         }
         mustBe(message, "TOKEN", order.token);
         mustBe(message, "AMOUNT", AMOUNT);
@@ -178,13 +179,13 @@ public final class Shop {
         return order;
     }
 
-    private static void mustBe(MessageObject message, String name, String wanted) throws KVXException, Refusal {
+    private static void mustBe(MessageObject message, String name, String wanted) throws KVXException, RequestError {
         if (!message.GetAttribute(name).equals(wanted)) {
-            throw new Refusal(name + " is not \"" + wanted + "\"");
+            throw new RequestError(name + " is not \"" + wanted + "\".");
         }
     }
 
-    /** Takes the money. Only an object that was opened on the directory has our key to sign with. */
+    /** Captures the payment. Open gives the object the merchant's signing key. */
     private void capture(String confirmation) throws KVXException {
         try (MessageObject message = new MessageObject()) {
             message.Open(directory);
@@ -193,7 +194,7 @@ public final class Shop {
         }
     }
 
-    /** Tells the service that the order has been dealt with. */
+    /** Completes the payment: reports to the service that the order is fulfilled. */
     private void complete(String id, String token) throws KVXException {
         try (MessageFactory factory = factory();
              MessageObject completion = factory.CreatePayComplete(id, token)) {
@@ -201,20 +202,20 @@ public final class Shop {
         }
     }
 
-    private void serve(String path, String method, Page page) {
+    private void serve(String path, String method, Handler handler) {
         server.createContext(path, exchange -> {
             try (exchange) {
                 if (!exchange.getRequestURI().getPath().equals(path) || !exchange.getRequestMethod().equals(method)) {
-                    send(exchange, 404, "<p>There is nothing here.</p>");
+                    send(exchange, 404, "<p>This shop has no page at this address.</p>");
                     return;
                 }
                 try {
-                    String body = page.answer(exchange);
+                    String body = handler.handle(exchange);
                     send(exchange, exchange.getResponseHeaders().containsKey("Location") ? 303 : 200, body);
-                } catch (Refusal refusal) {
-                    send(exchange, 400, "<p>Refused: " + escape(refusal.getMessage()) + ".</p>");
+                } catch (RequestError error) {
+                    send(exchange, 400, "<p>The shop refused this request. " + escape(error.getMessage()) + "</p>");
                 } catch (KVXException failure) {
-                    send(exchange, 400, "<p>Refused: " + escape(failure.getMessage()) + ".</p>");
+                    send(exchange, 400, "<p>The shop could not process this payment: " + escape(failure.getMessage()) + ".</p>");
                 }
             }
         });
@@ -222,7 +223,7 @@ public final class Shop {
 
     private static void send(HttpExchange exchange, int status, String body) throws IOException {
         byte[] page = ("<!DOCTYPE html><html lang=\"en\"><meta charset=\"utf-8\"><title>Candle shop</title>"
-            + "<h1>Candle shop</h1>" + body + "<p><a href=\"/\">To the shop</a></p></html>")
+            + "<h1>Candle shop</h1>" + body + "<p><a href=\"/\">Back to the shop</a></p></html>")
             .getBytes(StandardCharsets.UTF_8);
         exchange.getResponseHeaders().set("Content-Type", "text/html; charset=utf-8");
         exchange.sendResponseHeaders(status, page.length);
@@ -233,7 +234,7 @@ public final class Shop {
 
     private static void discardForm(HttpExchange exchange) throws IOException {
         try (InputStream in = exchange.getRequestBody()) {
-            in.readNBytes(MOST_FORM_BYTES);
+            in.readNBytes(MAX_FORM_BYTES);
         }
     }
 
