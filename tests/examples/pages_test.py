@@ -30,7 +30,7 @@ class PageCase(unittest.TestCase):
         self.directory = pathlib.Path(place.name)
         (self.directory / "build").mkdir()
         (self.directory / "build" / "demo").symlink_to(os.environ["KVX_BUILD"])
-        for name in ("api", "examples"):
+        for name in ("include", "examples"):
             (self.directory / name).symlink_to(ROOT / name)
 
     def shell(self, command):
