@@ -8,8 +8,8 @@
 ///
 /// Names and lines are published: callers read them from KVX_Exception, from the prefix of texts under KVXDEBUG and
 /// from trace records, and support logs keep them. So they are constants of the layer (kvxlines_core.h, kvxlines_net.h,
-/// kvxlines_api.h), not `__FILE__` and `__LINE__`: moving code changes nothing, and a line in a log means the same
-/// condition in every release. Do not change a number; a new condition takes one that its source has not used.
+/// kvxlines_api.h) and not the compiler's: moving code changes nothing, and a line in a log means the same condition in
+/// every release. Do not change a number; a new condition takes one that its source has not used.
 class KvxSource {
 public:
     explicit constexpr KvxSource(char const* name) : m_Name(name) {}
