@@ -48,7 +48,7 @@ private:
 
     KvxSignature m_Signature;
     TbString m_Path;
-    std::uint32_t m_Reserved = 0;  ///< Part of the layout; not used.
+    [[maybe_unused]] std::uint32_t m_Reserved = 0;  ///< Part of the layout; not used.
 };
 
 #endif

@@ -159,9 +159,9 @@ private:
     [[nodiscard]] TbString endpoint(std::int32_t codeWhenMissing, long line);
     xmlElementPtr request(TbString const& msgType);
     xmlElementPtr exchangeUnsigned(TbString const& url, xmlElementPtr const& request, TbString const& expectedType,
-                                   TbStringStream& answer);
+                                   TbStringStream& responseText);
     xmlElementPtr exchange(TbString const& baseUrl, TbStringStream& message, TbString const& signature,
-                           TbString const& expectedType, TbStringStream& answer);
+                           TbString const& expectedType, TbStringStream& responseText);
     void replaceFile(TbString const& file, TbString const& content);
     void readFile(TbString const& file, TbStringStream& content);
     bool readFileOrAbsent(TbString const& file, TbStringStream& content);

@@ -113,8 +113,8 @@ void KVX_Message::GetURL(TbString& url) {
 xmlElementPtr KVX_Message::sendSigned(TbString const& captureUrl, TbStringStream& text, TbString const& expectedType) {
     TbString signature;
     boundContext().SignData(text.str(), m_KeyId, signature);
-    TbStringStream answer;
-    return boundContext().exchange(captureUrl, text, signature, expectedType, answer);
+    TbStringStream responseText;
+    return boundContext().exchange(captureUrl, text, signature, expectedType, responseText);
 }
 
 void KVX_Message::Capture() {

@@ -53,11 +53,11 @@ void KVX_Context::CheckResponseMsgType(xmlElement* response, TbString const& exp
 }
 
 xmlElementPtr KVX_Context::exchange(TbString const& baseUrl, TbStringStream& message, TbString const& signature,
-                                    TbString const& expectedType, TbStringStream& answer) {
+                                    TbString const& expectedType, TbStringStream& responseText) {
     TbString url;
     RequestToURL(baseUrl, message, signature, url);
-    StreamFromURL(url, answer);
-    xmlElementPtr response = kvxParseDocument(answer);
+    StreamFromURL(url, responseText);
+    xmlElementPtr response = kvxParseDocument(responseText);
     CheckResponseMsgType(response.get(), expectedType);
     return response;
 }

@@ -33,10 +33,10 @@ TbString KVX_Context::endpoint(std::int32_t codeWhenMissing, long line) {
 }
 
 xmlElementPtr KVX_Context::exchangeUnsigned(TbString const& url, xmlElementPtr const& request,
-                                            TbString const& expectedType, TbStringStream& answer) {
+                                            TbString const& expectedType, TbStringStream& responseText) {
     TbStringStream message;
     request->toStream(message);
-    return exchange(url, message, "", expectedType, answer);
+    return exchange(url, message, "", expectedType, responseText);
 }
 
 void KVX_Context::Setup() {
@@ -47,16 +47,16 @@ void KVX_Context::Setup() {
     }
     xmlElementPtr const message = request("SetupRequest");
     message->setAttribute("VERSION", version);
-    TbStringStream answer;
-    exchangeUnsigned(url, message, "SetupResponse", answer);
-    UpdateFile(kvx::kConfigFile, answer.str());
+    TbStringStream responseText;
+    exchangeUnsigned(url, message, "SetupResponse", responseText);
+    UpdateFile(kvx::kConfigFile, responseText.str());
 }
 
 void KVX_Context::LoadDefaults() {
     TbString const url = endpoint(KVX_E_NO_ENDPOINT, kvx::kLineDefaultsEndpoint);
-    TbStringStream answer;
-    exchangeUnsigned(url, request("LoadDefaultsRequest"), "LoadDefaultsResponse", answer);
-    UpdateFile(kvx::kDefaultsFile, answer.str());
+    TbStringStream responseText;
+    exchangeUnsigned(url, request("LoadDefaultsRequest"), "LoadDefaultsResponse", responseText);
+    UpdateFile(kvx::kDefaultsFile, responseText.str());
     kvx::kSourceCtx.trace(kvx::kLineDefaultsTrace, "LOAD DEFAULTS");
 }
 
@@ -64,8 +64,8 @@ void KVX_Context::ImportKey(TbString& keyId) {
     TbString const url = endpoint(KVX_E_NO_CONFIGURATION, kvx::kLineImportEndpoint);
     xmlElementPtr const message = request("KeyQueryRequest");
     message->setAttribute("KEYID", keyId);
-    TbStringStream answer;
-    xmlElementPtr const response = exchangeUnsigned(url, message, "KeyQueryResponse", answer);
+    TbStringStream responseText;
+    xmlElementPtr const response = exchangeUnsigned(url, message, "KeyQueryResponse", responseText);
     TbString blob("");
     response->getAttribute("KEYID", keyId);
     response->getAttribute("KEYBLOB", blob);
@@ -83,8 +83,8 @@ void KVX_Context::PublishKey(TbString& keyId) {
     xmlElementPtr const message = request("KeyExportRequest");
     message->setAttribute("KEYID", keyId);
     message->setAttribute("KEYBLOB", blob);
-    TbStringStream answer;
-    exchangeUnsigned(url, message, "KeyExportResponse", answer);
+    TbStringStream responseText;
+    exchangeUnsigned(url, message, "KeyExportResponse", responseText);
     UpdateFile(kvx::kCurrentKeyFile, keyId);
     kvx::kSourceCtx.trace(kvx::kLinePublishTrace, "PUBLISH");
 }

@@ -26,33 +26,33 @@ public:
         for (std::size_t bytes = kFirstLookupBuffer;; bytes *= 2) {
             m_Memory = tbHoldMemory(bytes);
             int reason = 0;
-            failure = tbSystem().gethostbyname_r(host, &m_Storage, m_Memory.get(), bytes, &m_Answer, &reason);
+            failure = tbSystem().gethostbyname_r(host, &m_Storage, m_Memory.get(), bytes, &m_Result, &reason);
             if (failure != ERANGE) {
                 break;
             }
         }
         if (failure != 0) {
-            m_Answer = nullptr;
+            m_Result = nullptr;
         }
     }
 
     /// Null when the name is unknown.
-    [[nodiscard]] hostent const* answer() const { return m_Answer; }
+    [[nodiscard]] hostent const* result() const { return m_Result; }
 
 private:
     TbMemoryHolder m_Memory;
     hostent m_Storage = {};
-    hostent* m_Answer = nullptr;
+    hostent* m_Result = nullptr;
 };
 
 }  // namespace
 
 std::uint32_t HttpHostByName(char const* host) {
     HostEntry const entry(host);
-    if (entry.answer() == nullptr) {
+    if (entry.result() == nullptr) {
         return kNoAddress;
     }
-    char const* const first = entry.answer()->h_addr_list[0];
+    char const* const first = entry.result()->h_addr_list[0];
     if (first == nullptr) {
         kvx::kSourceHttp.trace(kvx::kLineLookupFailed, "DNS LOOKUP", "failed to lookup host", KVX_E_HTTP_NAME_LOOKUP);
         return kNoAddress;

@@ -29,7 +29,7 @@
 #define KVX_E_BUFFER_TOO_SMALL         KVX_CODE(0x80040205) /* size pointer null, or fewer bytes than needed */
 #define KVX_E_INVALID_URL              KVX_CODE(0x80040206) /* a base URL without "://" */
 #define KVX_E_INVALID_OPTION           KVX_CODE(0x80040207) /* unknown option name */
-#define KVX_E_WRONG_RESPONSE           KVX_CODE(0x80040208) /* the server answered with another message type */
+#define KVX_E_WRONG_RESPONSE           KVX_CODE(0x80040208) /* the response has another message type */
 #define KVX_E_CRYPTO                   KVX_CODE(0x80040209) /* key generation or signing failed */
 #define KVX_E_NO_ENDPOINT              KVX_CODE(0x8004020A) /* no server address (defaults, key publication) */
 #define KVX_E_INVALID_KEY              KVX_CODE(0x8004020B) /* key file or signature text is not usable */
@@ -40,7 +40,7 @@
 #define KVX_E_KEY_NOT_FOUND            KVX_CODE(0x80040210) /* no key of that name to publish */
 #define KVX_E_UNEXPECTED               KVX_CODE(0x80040211) /* called on a message that is not ready for it */
 #define KVX_E_NO_DEFAULT_PATH          KVX_CODE(0x80040212) /* has a text, is never returned */
-#define KVX_E_SERVER_ERROR             KVX_CODE(0x80040213) /* the server answered with an error message */
+#define KVX_E_SERVER_ERROR             KVX_CODE(0x80040213) /* the response is an error message */
 #define KVX_E_INVALID_SIGNATURE        KVX_CODE(0x80040214) /* the signature does not fit text and key */
 #define KVX_E_BAD_HANDLE               KVX_CODE(0x80040216) /* handle null, destroyed or of another kind; no text */
 #define KVX_E_OUT_OF_MEMORY            KVX_CODE(0x80040217) /* an allocation failed; no text */
