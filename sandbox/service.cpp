@@ -12,12 +12,13 @@
 #include "sandbox/http/tlsidentity.h"
 #include "sandbox/pages/shopperpages.h"
 #include "sandbox/proxy/proxy.h"
+#include "sandbox/service/endpoints.h"
 #include "sandbox/service/notifier.h"
 #include "sandbox/service/paymentmoves.h"
-#include "sandbox/service/protocol.h"
 #include "sandbox/service/services.h"
 #include "sandbox/store/datadirectory.h"
 #include "sandbox/text/httperror.h"
+#include "sandbox/text/httpstatus.h"
 #include "sandbox/text/wiretext.h"
 
 namespace sandbox {
@@ -29,7 +30,7 @@ constexpr int kFormKeyBytes = 16;
 
 HttpResponse route(Services const& services, HttpRequest const& request) {
     if (request.m_Method == "HEAD") {
-        throw HttpError("HEAD is not answered here, because every request counts", 405);
+        throw HttpError("HEAD is not answered here, because every request counts", httpstatus::kMethodNotAllowed);
     }
     if (std::optional<HttpResponse> response = handleProtocol(services, request)) {
         return *response;
@@ -43,7 +44,7 @@ HttpResponse route(Services const& services, HttpRequest const& request) {
     if (request.m_Method == "GET" && request.m_Path == "/returned") {
         return returnedPage(request);
     }
-    throw HttpError("There is nothing here.", 404);
+    throw HttpError("There is nothing here.", httpstatus::kNotFound);
 }
 
 HttpResponse handle(Services const& services, HttpRequest const& request) noexcept {

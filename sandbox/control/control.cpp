@@ -7,14 +7,11 @@
 #include "sandbox/control/controljson.h"
 #include "sandbox/control/controlroutes.h"
 #include "sandbox/text/httperror.h"
+#include "sandbox/text/httpstatus.h"
 
 namespace sandbox {
 
 namespace {
-
-constexpr int kNotFound = 404;
-constexpr int kMethodNotAllowed = 405;
-constexpr int kFailed = 500;
 
 /// One method of one address.
 struct Route {
@@ -75,10 +72,10 @@ HttpResponse handleRoute(Services const& services, HttpRequest const& request) {
         allowed += (allowed.empty() ? "" : ", ") + std::string(route.m_Method);
     }
     if (allowed.empty()) {
-        throw HttpError("there is nothing at " + request.m_Path, kNotFound);
+        throw HttpError("there is nothing at " + request.m_Path, httpstatus::kNotFound);
     }
-    HttpResponse response =
-        errorResponse(kMethodNotAllowed, request.m_Path + " knows " + allowed + ", not " + request.m_Method);
+    HttpResponse response = errorResponse(httpstatus::kMethodNotAllowed,
+                                          request.m_Path + " knows " + allowed + ", not " + request.m_Method);
     response.m_Allow = allowed;
     return response;
 }
@@ -94,7 +91,7 @@ std::optional<HttpResponse> handleControl(Services const& services, HttpRequest 
     } catch (HttpError const& error) {
         return errorResponse(error.status(), error.what());
     } catch (std::exception const& failure) {
-        return errorResponse(kFailed, std::string("the sandbox failed: ") + failure.what());
+        return errorResponse(httpstatus::kInternalServerError, std::string("the sandbox failed: ") + failure.what());
     }
 }
 

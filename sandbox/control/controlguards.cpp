@@ -5,13 +5,11 @@
 #include <string>
 
 #include "sandbox/text/httperror.h"
+#include "sandbox/text/httpstatus.h"
 
 namespace sandbox {
 
 namespace {
-
-constexpr int kForbidden = 403;
-constexpr int kUnsupportedMediaType = 415;
 
 /// ASCII only, whatever the locale is.
 std::string lowerCase(std::string text) {
@@ -34,7 +32,7 @@ void refuseForeignHost(HttpRequest const& request) {
     std::string const name = lowerCase(nameOf(request.m_Host));
     if (!request.m_Host.empty() && name != "127.0.0.1" && name != "localhost") {
         throw HttpError("This service answers under 127.0.0.1 and localhost, not under '" + request.m_Host + "'.",
-                        kForbidden);
+                        httpstatus::kForbidden);
     }
 }
 
@@ -42,7 +40,8 @@ void requireJson(HttpRequest const& request) {
     std::string type = lowerCase(request.m_ContentType.substr(0, request.m_ContentType.find(';')));
     type.erase(type.find_last_not_of(" \t") + 1);
     if (type != "application/json") {
-        throw HttpError("the request must have the header Content-Type: application/json", kUnsupportedMediaType);
+        throw HttpError("the request must have the header Content-Type: application/json",
+                        httpstatus::kUnsupportedMediaType);
     }
 }
 

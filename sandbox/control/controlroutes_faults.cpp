@@ -4,23 +4,17 @@
 #include "sandbox/control/controljson.h"
 #include "sandbox/control/controlroutes.h"
 #include "sandbox/text/httperror.h"
+#include "sandbox/text/httpstatus.h"
 
 /// Faults in the control API.
 namespace sandbox {
-
-namespace {
-
-constexpr int kCreated = 201;
-constexpr int kNotFound = 404;
-
-}  // namespace
 
 HttpResponse getFaults(Services const& services, HttpRequest const&) {
     nlohmann::json faults = nlohmann::json::array();
     for (ArmedFault const& armed : services.m_Faults.armed()) {
         faults.push_back(faultJson(armed));
     }
-    return jsonResponse(200, {{"faults", faults}});
+    return jsonResponse(httpstatus::kOk, {{"faults", faults}});
 }
 
 HttpResponse getFaultKinds(Services const&, HttpRequest const&) {
@@ -28,20 +22,20 @@ HttpResponse getFaultKinds(Services const&, HttpRequest const&) {
     for (FaultKindRow const& row : allFaultKinds()) {
         kinds.push_back(faultKindJson(row));
     }
-    return jsonResponse(200, {{"kinds", kinds}});
+    return jsonResponse(httpstatus::kOk, {{"kinds", kinds}});
 }
 
 HttpResponse armFault(Services const& services, HttpRequest const& request) {
     ArmedFault armed;
     armed.m_Fault = readFault(request.m_Body);
     armed.m_Id = services.m_Faults.arm(armed.m_Fault);
-    return jsonResponse(kCreated, faultJson(armed));
+    return jsonResponse(httpstatus::kCreated, faultJson(armed));
 }
 
 HttpResponse liftFault(Services const& services, HttpRequest const& request) {
     std::string const name = request.m_Path.substr(request.m_Path.rfind('/') + 1);
     if (!liftNamedFault(services, name)) {
-        throw HttpError("no fault '" + name + "' is armed", kNotFound);
+        throw HttpError("no fault '" + name + "' is armed", httpstatus::kNotFound);
     }
     return getFaults(services, request);
 }

@@ -13,14 +13,13 @@
 #include "sandbox/service/notifier.h"
 #include "sandbox/service/paymentmoves.h"
 #include "sandbox/text/httperror.h"
+#include "sandbox/text/httpstatus.h"
 #include "sandbox/text/wiretext.h"
 
 /// What the control API tells and changes besides faults.
 namespace sandbox {
 
 namespace {
-
-constexpr int kCreated = 201;
 
 nlohmann::json addressesJson(Addresses const& addresses) {
     nlohmann::json out = {{"plain", addresses.m_Plain}, {"control", addresses.m_Control}};
@@ -98,14 +97,14 @@ void checkAccount(std::string const& user, std::string const& password) {
 }  // namespace
 
 HttpResponse getStatus(Services const& services, HttpRequest const&) {
-    return jsonResponse(200, {{"addresses", addressesJson(services.m_Addresses)},
-                              {"serverKeyId", services.m_Keys.current()->m_Id},
-                              {"clock", clockJson(services)},
-                              {"counts", countsJson(services)}});
+    return jsonResponse(httpstatus::kOk, {{"addresses", addressesJson(services.m_Addresses)},
+                                          {"serverKeyId", services.m_Keys.current()->m_Id},
+                                          {"clock", clockJson(services)},
+                                          {"counts", countsJson(services)}});
 }
 
 HttpResponse getPayments(Services const& services, HttpRequest const& request) {
-    PaymentFilter const filter = readFilter(Query(request.m_Query));
+    PaymentFilter const filter = readFilter(request.m_Query);
     std::vector<Payment> const all = presentPayments(services);
     std::vector<Notification> const notifications = services.m_Store.notifications();
     nlohmann::json payments = nlohmann::json::array();
@@ -114,15 +113,15 @@ HttpResponse getPayments(Services const& services, HttpRequest const& request) {
             payments.push_back(paymentJson(payment, notifications));
         }
     }
-    return jsonResponse(200, {{"payments", payments}});
+    return jsonResponse(httpstatus::kOk, {{"payments", payments}});
 }
 
 HttpResponse getExchanges(Services const& services, HttpRequest const& request) {
     nlohmann::json exchanges = nlohmann::json::array();
-    for (Exchange const& exchange : services.m_Store.exchanges(readAfter(Query(request.m_Query)))) {
+    for (Exchange const& exchange : services.m_Store.exchanges(readAfter(request.m_Query))) {
         exchanges.push_back(exchangeJson(exchange));
     }
-    return jsonResponse(200, {{"exchanges", exchanges}});
+    return jsonResponse(httpstatus::kOk, {{"exchanges", exchanges}});
 }
 
 HttpResponse getKeys(Services const& services, HttpRequest const&) {
@@ -142,14 +141,14 @@ HttpResponse getKeys(Services const& services, HttpRequest const&) {
         putBytes(key, "account", published.m_Key.m_Account);
         merchants.push_back(std::move(key));
     }
-    return jsonResponse(200, {{"server", server}, {"merchants", merchants}});
+    return jsonResponse(httpstatus::kOk, {{"server", server}, {"merchants", merchants}});
 }
 
 HttpResponse rotateKey(Services const& services, HttpRequest const& request) {
     if (!request.m_Body.empty()) {
         readObject(request.m_Body, {});
     }
-    return jsonResponse(kCreated, {{"id", services.m_Keys.rotate()->m_Id}});
+    return jsonResponse(httpstatus::kCreated, {{"id", services.m_Keys.rotate()->m_Id}});
 }
 
 HttpResponse putAccount(Services const& services, HttpRequest const& request) {
@@ -160,12 +159,13 @@ HttpResponse putAccount(Services const& services, HttpRequest const& request) {
     std::vector<std::string> const known = services.m_Store.accounts();
     bool const isNew = std::find(known.begin(), known.end(), user) == known.end();
     services.m_Store.putAccount(user, password);
-    return jsonResponse(isNew ? kCreated : 200, {{"user", user}, {"customer", services.m_Store.customerOf(user)}});
+    return jsonResponse(isNew ? httpstatus::kCreated : httpstatus::kOk,
+                        {{"user", user}, {"customer", services.m_Store.customerOf(user)}});
 }
 
 HttpResponse setClock(Services const& services, HttpRequest const& request) {
     setClockAhead(services, requireNumber(readObject(request.m_Body, {"ahead"}), "ahead"));
-    return jsonResponse(200, clockJson(services));
+    return jsonResponse(httpstatus::kOk, clockJson(services));
 }
 
 std::optional<std::int64_t> wholeNumber(std::string const& text) {

@@ -4,6 +4,7 @@
 
 #include "sandbox/crypto/signature.h"
 #include "sandbox/dashboard/calculator.h"
+#include "sandbox/service/confirmation.h"
 
 /// Which message was signed when it was not DATA, and what makes it another one.
 namespace sandbox {

@@ -8,13 +8,11 @@
 #include "sandbox/dashboard/dashboardparts.h"
 #include "sandbox/dashboard/dashboardroutes.h"
 #include "sandbox/text/httperror.h"
+#include "sandbox/text/httpstatus.h"
 
 namespace sandbox {
 
 namespace {
-
-constexpr int kForbidden = 403;
-constexpr int kMethodNotAllowed = 405;
 
 /// One method of one page.
 struct Route {
@@ -51,7 +49,7 @@ HttpResponse handleForm(Services const& services, HttpRequest const& request, Ro
         throw HttpError(
             "The form did not come from a page of this service, or the service was started anew since. "
             "Open the page again and send its form.",
-            kForbidden);
+            httpstatus::kForbidden);
     }
     return route.m_Handler(services, form);
 }
@@ -61,7 +59,7 @@ HttpResponse handleRoute(Services const& services, HttpRequest const& request, R
     if (request.m_Method == "POST") {
         return handleForm(services, request, route);
     }
-    return route.m_Handler(services, Query(request.m_Query));
+    return route.m_Handler(services, request.m_Query);
 }
 
 HttpResponse errorResponse(int status, std::string const& reason) {
@@ -88,8 +86,8 @@ std::optional<HttpResponse> handleDashboard(Services const& services, HttpReques
     if (allowed.empty()) {
         return std::nullopt;
     }
-    HttpResponse response =
-        errorResponse(kMethodNotAllowed, request.m_Path + " knows " + allowed + ", not " + request.m_Method);
+    HttpResponse response = errorResponse(httpstatus::kMethodNotAllowed,
+                                          request.m_Path + " knows " + allowed + ", not " + request.m_Method);
     response.m_Allow = allowed;
     return response;
 }

@@ -2,14 +2,13 @@
 
 #include <cstddef>
 
+#include "sandbox/text/httpstatus.h"
 #include "sandbox/text/utctime.h"
 #include "sandbox/text/wiretext.h"
 
 namespace sandbox {
 
 namespace {
-
-constexpr int kSeeOther = 303;
 
 struct NavigationRow {
     char const* m_Path;
@@ -47,7 +46,7 @@ HttpResponse dashboardPage(int status, std::string const& path, std::string cons
 }
 
 HttpResponse seeOther(std::string const& path) {
-    return {kSeeOther, "text/plain; charset=utf-8", "Done, see " + path + ".\n", path};
+    return {httpstatus::kSeeOther, "text/plain; charset=utf-8", "Done, see " + path + ".\n", path};
 }
 
 std::string link(std::string const& address, std::string const& text) {

@@ -8,6 +8,7 @@
 #include "sandbox/dashboard/dashboardroutes.h"
 #include "sandbox/pages/shopperpages.h"
 #include "sandbox/text/httperror.h"
+#include "sandbox/text/httpstatus.h"
 
 /// The page that takes a signed message apart.
 namespace sandbox {
@@ -121,7 +122,7 @@ HttpResponse resultPage(Services const& services, SignedTexts const& texts) {
         knownKeys(services), texts.m_Data, texts.m_Signature,
         [&services](KnownKey const& key, std::string const& digest) { return recallSeen(services, key, digest); });
     return dashboardPage(
-        200, kPath, "Signature calculator",
+        httpstatus::kOk, kPath, "Signature calculator",
         resultContent(result) + section("form", "DATA and SIGNATURE",
                                         formContent(services, fieldText(texts.m_Data), texts.m_Signature, "")));
 }
@@ -136,7 +137,7 @@ HttpResponse formPage(Services const& services, int status, SignedTexts const& f
 
 HttpResponse calculatorPage(Services const& services, Query const& query) {
     SignedTexts const texts{query.value("DATA").value_or(""), query.value("SIGNATURE").value_or("")};
-    return texts.m_Data.empty() && texts.m_Signature.empty() ? formPage(services, 200, texts, "")
+    return texts.m_Data.empty() && texts.m_Signature.empty() ? formPage(services, httpstatus::kOk, texts, "")
                                                              : resultPage(services, texts);
 }
 

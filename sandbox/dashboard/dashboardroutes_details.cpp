@@ -8,6 +8,7 @@
 #include "sandbox/pages/shopperpages.h"
 #include "sandbox/service/paymentmoves.h"
 #include "sandbox/text/httperror.h"
+#include "sandbox/text/httpstatus.h"
 #include "sandbox/text/utctime.h"
 
 /// The pages about one payment and about one exchange.
@@ -16,13 +17,12 @@ namespace sandbox {
 namespace {
 
 constexpr char kNotGiven[] = "not given";
-constexpr int kNotFound = 404;
 
 /// The payment as it is now. Throws HttpError.
 Payment presentPayment(Services const& services, std::string const& id) {
     std::optional<StoredPayment> const stored = services.m_Store.paymentById(id);
     if (!stored) {
-        throw HttpError("There is no payment '" + id + "'.", kNotFound);
+        throw HttpError("There is no payment '" + id + "'.", httpstatus::kNotFound);
     }
     expireWhenOverdue(services, stored->m_Payment);
     return services.m_Store.paymentById(id)->m_Payment;
@@ -154,7 +154,7 @@ std::string messageContent(Exchange const& exchange) {
 
 HttpResponse paymentDetailsPage(Services const& services, Query const& query) {
     Payment const payment = presentPayment(services, query.value("id").value_or(""));
-    return dashboardPage(200, "", "Payment " + payment.m_Id,
+    return dashboardPage(httpstatus::kOk, "", "Payment " + payment.m_Id,
                          paymentData(payment) + section("history", "History", historyContent(payment)) +
                              section("notifications", "Notifications", notificationsContent(services, payment)) +
                              section("attributes", "What the merchant sent", attributeTable(payment.m_Attributes)) +
@@ -166,10 +166,10 @@ HttpResponse exchangeDetailsPage(Services const& services, Query const& query) {
     std::optional<std::int64_t> const number = wholeNumber(text);
     std::optional<Exchange> const exchange = number ? services.m_Store.exchange(*number) : std::nullopt;
     if (!exchange) {
-        throw HttpError("There is no exchange '" + text + "'.", kNotFound);
+        throw HttpError("There is no exchange '" + text + "'.", httpstatus::kNotFound);
     }
     bool const fromMerchant = exchange->m_Kind != ExchangeKind::kNotification;
-    return dashboardPage(200, "", "Exchange " + std::to_string(exchange->m_Number),
+    return dashboardPage(httpstatus::kOk, "", "Exchange " + std::to_string(exchange->m_Number),
                          exchangeLinks(services, *exchange) + exchangeData(*exchange) +
                              section("steps", "How the verdict came about", stepsContent(*exchange)) +
                              section("message", "DATA, decoded", messageContent(*exchange)) +

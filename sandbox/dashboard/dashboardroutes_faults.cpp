@@ -7,6 +7,7 @@
 #include "sandbox/dashboard/dashboardparts.h"
 #include "sandbox/dashboard/dashboardroutes.h"
 #include "sandbox/text/httperror.h"
+#include "sandbox/text/httpstatus.h"
 
 /// The page on which faults are armed and lifted.
 namespace sandbox {
@@ -131,7 +132,7 @@ Fault readForm(Query const& form) {
 }  // namespace
 
 HttpResponse faultsPage(Services const& services, Query const&) {
-    return page(services, 200, Query(""), "", "");
+    return page(services, httpstatus::kOk, Query(""), "", "");
 }
 
 HttpResponse armByForm(Services const& services, Query const& form) {
@@ -150,7 +151,8 @@ HttpResponse liftByForm(Services const& services, Query const& form) {
         return seeOther(kPath);
     }
     if (!liftNamedFault(services, id)) {
-        return page(services, 400, Query(""), "", "No fault '" + id + "' is armed: it has happened, or was lifted.");
+        return page(services, httpstatus::kBadRequest, Query(""), "",
+                    "No fault '" + id + "' is armed: it has happened, or was lifted.");
     }
     return seeOther(kPath);
 }

@@ -7,6 +7,7 @@
 #include "sandbox/dashboard/dashboardparts.h"
 #include "sandbox/dashboard/dashboardroutes.h"
 #include "sandbox/text/httperror.h"
+#include "sandbox/text/httpstatus.h"
 
 /// The page of keys and of the clock.
 namespace sandbox {
@@ -57,7 +58,7 @@ HttpResponse page(Services const& services, int status, std::string const& fille
 }  // namespace
 
 HttpResponse keysPage(Services const& services, Query const&) {
-    return page(services, 200, std::to_string(services.m_Clock.ahead()), "");
+    return page(services, httpstatus::kOk, std::to_string(services.m_Clock.ahead()), "");
 }
 
 HttpResponse rotateByForm(Services const& services, Query const&) {

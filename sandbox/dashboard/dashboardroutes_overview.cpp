@@ -7,6 +7,7 @@
 #include "sandbox/dashboard/dashboardroutes.h"
 #include "sandbox/pages/shopperpages.h"
 #include "sandbox/service/paymentmoves.h"
+#include "sandbox/text/httpstatus.h"
 
 /// The first page of the dashboard.
 namespace sandbox {
@@ -76,7 +77,8 @@ HttpResponse overviewPage(Services const& services, Query const& query) {
         "</p>\n" + section("payments", "Payments", paymentsContent(services)) +
         section("exchanges", "Exchanges", exchangesContent(services)) +
         section("set-up", "Set a merchant up", setUpContent(services));
-    return dashboardPage(200, "/", "Overview", content, live ? "<meta http-equiv=\"refresh\" content=\"2\"/>\n" : "");
+    return dashboardPage(httpstatus::kOk, "/", "Overview", content,
+                         live ? "<meta http-equiv=\"refresh\" content=\"2\"/>\n" : "");
 }
 
 }  // namespace sandbox

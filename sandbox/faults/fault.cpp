@@ -8,6 +8,7 @@
 #include <stdexcept>
 
 #include "sandbox/text/httperror.h"
+#include "sandbox/text/httpstatus.h"
 
 namespace sandbox {
 
@@ -215,8 +216,7 @@ double secondsOf(Fault const& fault) {
 }
 
 int statusOf(Fault const& fault) {
-    constexpr int kUnavailable = 503;
-    return fault.m_Status.value_or(kUnavailable);
+    return fault.m_Status.value_or(httpstatus::kServiceUnavailable);
 }
 
 std::string textOf(Fault const& fault) {

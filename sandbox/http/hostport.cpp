@@ -8,6 +8,7 @@
 #include <cstddef>
 
 #include "sandbox/text/httperror.h"
+#include "sandbox/text/httpstatus.h"
 
 namespace sandbox {
 
@@ -15,7 +16,6 @@ namespace {
 
 constexpr char kScheme[] = "http://";
 constexpr std::uint16_t kHttpPort = 80;
-constexpr int kForbidden = 403;
 constexpr std::size_t kLongestName = 200;  // of a host in an answer, which is to stay short
 
 std::uint16_t parsePort(std::string const& text) {
@@ -94,7 +94,7 @@ in_addr localAddress(std::string const& host) {
     }
     if (::inet_pton(AF_INET, host.c_str(), &address) != 1 || ntohl(address.s_addr) >> 24U != kLoopback) {
         throw HttpError("'" + host.substr(0, kLongestName) + "' is not this machine, and the sandbox reaches no other",
-                        kForbidden);
+                        httpstatus::kForbidden);
     }
     return address;
 }

@@ -7,14 +7,16 @@
 #include <string>
 
 #include "sandbox/faults/fault.h"
+#include "sandbox/text/httpstatus.h"
+#include "sandbox/text/wiretext.h"
 
 namespace sandbox {
 
-/// A request as it came in, before any decoding.
+/// A request, taken apart once.
 struct HttpRequest {
     std::string m_Method;
     std::string m_Path;           ///< Without the query.
-    std::string m_Query;          ///< Without the "?", percent-encoded.
+    Query m_Query;                ///< Split into names and values.
     std::string m_Authorization;  ///< Value of that header.
     std::string m_ContentType;    ///< Value of that header.
     std::string m_Body;
@@ -23,13 +25,13 @@ struct HttpRequest {
     std::string m_Host = {};  ///< Value of that header.
 };
 
-/// What became of an answer that was sent.
+/// How much of a response was sent.
 struct Delivery {
     std::size_t m_Bytes = 0;
     bool m_Reset = false;
 };
 
-/// Keeps what became of a request.
+/// Stores the exchange that a response belongs to.
 class ExchangeLog {
 public:
     ExchangeLog() = default;
@@ -37,22 +39,22 @@ public:
     ExchangeLog(ExchangeLog const&) = delete;
     ExchangeLog& operator=(ExchangeLog const&) = delete;
 
-    /// Called with all bytes of the answer before it is sent.
+    /// Called with all bytes of the response before it is sent.
     virtual void responseReady(std::string const& response) = 0;
 
-    /// Called when it has been sent, as far as it was.
+    /// Called after the response was sent, or part of it.
     virtual void responseSent(Delivery const& delivery) = 0;
 };
 
-/// An answer. A non-empty `location` makes it a redirect.
+/// A response. A non-empty `m_Location` makes it a redirect.
 struct HttpResponse {
-    int m_Status = 200;
+    int m_Status = httpstatus::kOk;
     std::string m_ContentType;
     std::string m_Body;
     std::string m_Location = {};
     std::string m_Allow = {};                 ///< The methods that the address has, of a status 405.
     std::optional<Fault> m_Fault = {};        ///< How it is to be sent.
-    std::shared_ptr<ExchangeLog> m_Log = {};  ///< Null when nothing is kept.
+    std::shared_ptr<ExchangeLog> m_Log = {};  ///< Null when nothing is stored.
 };
 
 }  // namespace sandbox

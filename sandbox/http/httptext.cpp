@@ -5,6 +5,8 @@
 #include <charconv>
 #include <cstdlib>
 
+#include "sandbox/text/httpstatus.h"
+
 namespace sandbox {
 
 namespace {
@@ -16,14 +18,14 @@ struct StatusRow {
 
 // clang-format off
 constexpr StatusRow kPhrases[] = {
-    {400, "Bad Request"},
-    {403, "Forbidden"},
-    {407, "Proxy Authentication Required"},
-    {414, "URI Too Long"},
-    {500, "Internal Server Error"},
-    {502, "Bad Gateway"},
-    {503, "Service Unavailable"},
-    {504, "Gateway Timeout"},
+    {httpstatus::kBadRequest,                  "Bad Request"},
+    {httpstatus::kForbidden,                   "Forbidden"},
+    {httpstatus::kProxyAuthenticationRequired, "Proxy Authentication Required"},
+    {httpstatus::kUriTooLong,                  "URI Too Long"},
+    {httpstatus::kInternalServerError,         "Internal Server Error"},
+    {httpstatus::kBadGateway,                  "Bad Gateway"},
+    {httpstatus::kServiceUnavailable,          "Service Unavailable"},
+    {httpstatus::kGatewayTimeout,              "Gateway Timeout"},
 };
 // clang-format on
 
@@ -73,10 +75,14 @@ bool isCompleteResponse(std::string const& response) {
     return false;
 }
 
-std::string textResponse(int status, std::string const& text, std::string const& fields) {
-    return "HTTP/1.0 " + std::to_string(status) + " " + phraseOf(status) + "\r\nConnection: close\r\n" + fields +
+std::string textResponse(std::string const& status, std::string const& text, std::string const& fields) {
+    return "HTTP/1.0 " + status + "\r\nConnection: close\r\n" + fields +
            "Content-Type: text/plain; charset=utf-8\r\nContent-Length: " + std::to_string(text.size() + 1) +
            "\r\n\r\n" + text + "\n";
+}
+
+std::string textResponse(int status, std::string const& text, std::string const& fields) {
+    return textResponse(std::to_string(status) + " " + phraseOf(status), text, fields);
 }
 
 }  // namespace sandbox

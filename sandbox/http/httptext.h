@@ -5,19 +5,24 @@
 #include <optional>
 #include <string>
 
-/// Requests and answers of HTTP as the bytes they are.
+/// Requests and responses of HTTP as the bytes they are.
 namespace sandbox {
 
 /// Where the body begins: behind the first empty line. Nothing while there is none.
 std::optional<std::size_t> bodyBegin(std::string const& text);
 
-/// The status of an answer; nothing while its head is not complete, or when it is none.
+/// The status of a response; nothing while its head is not complete, or when it is no response.
 std::optional<int> statusOfResponse(std::string const& response);
 
-/// Whether an answer has come as a whole, as its Content-Length tells; only the end tells that of one without.
+/// Whether a response is complete by its Content-Length. Without that header only the end of the connection completes
+/// it, and the result is false.
 bool isCompleteResponse(std::string const& response);
 
-/// A whole answer that tells people `text`. `fields` are further header lines, each with its line end.
+/// A whole response with the plain `text` and a line end. `status` is the number and its phrase, "413 Payload Too
+/// Large". `fields` are further header lines, each with its line end.
+std::string textResponse(std::string const& status, std::string const& text, std::string const& fields = "");
+
+/// The same with the phrase of the protocol; "Fault" for a status this service sends for a fault only.
 std::string textResponse(int status, std::string const& text, std::string const& fields = "");
 
 }  // namespace sandbox

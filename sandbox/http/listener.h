@@ -13,6 +13,8 @@
 
 namespace sandbox {
 
+class RequestServer;
+
 /// An HTTP server on one port of 127.0.0.1. Every connection carries one exchange and is closed after it. Paths and
 /// queries are handed on as they came, up to four megabytes.
 class Listener {
@@ -33,7 +35,7 @@ public:
     /// Without a slash at the end.
     [[nodiscard]] std::string baseUrl() const;
 
-    /// Answers requests with `handler` until stop(). Throws std::runtime_error.
+    /// Serves requests with `handler` until stop(). Throws std::runtime_error.
     void start(Handler handler);
 
     /// See Acceptor::refuseUntil().
@@ -46,14 +48,12 @@ public:
     void stop();
 
 private:
-    class Server;
-
     void serve(int socket);
 
     TlsIdentity const* m_Tls;  ///< Borrowed; null for plain HTTP.
     FaultRegistry* m_Faults;   ///< Borrowed; null without faults.
     std::chrono::milliseconds m_RequestTimeout;
-    std::unique_ptr<Server> m_Server;
+    std::unique_ptr<RequestServer> m_Server;
     Acceptor m_Acceptor;  ///< Last, so that no connection is served any more when the rest goes.
 };
 

@@ -10,14 +10,11 @@
 #include <system_error>
 
 #include "sandbox/text/httperror.h"
+#include "sandbox/text/httpstatus.h"
 
 namespace sandbox {
 
 namespace {
-
-constexpr int kBadGateway = 502;
-constexpr int kUnavailable = 503;
-constexpr int kTooLate = 504;
 
 /// 0, or the error with which connecting ended. Throws HttpError when it did not end.
 int awaitConnected(int socket, HostPort const& hostPort, EndSignal::Clock::time_point deadline,
@@ -27,9 +24,9 @@ int awaitConnected(int socket, HostPort const& hostPort, EndSignal::Clock::time_
         case EndSignal::Wait::kReady:
             break;
         case EndSignal::Wait::kTimedOut:
-            throw HttpError(hostPort.text() + " does not take the connection", kTooLate);
+            throw HttpError(hostPort.text() + " does not take the connection", httpstatus::kGatewayTimeout);
         case EndSignal::Wait::kEnded:
-            throw HttpError("the sandbox is stopping", kUnavailable);
+            throw HttpError("the sandbox is stopping", httpstatus::kServiceUnavailable);
     }
     int error = 0;
     socklen_t length = sizeof error;
@@ -47,7 +44,7 @@ LocalSocket::LocalSocket(HostPort const& hostPort, EndSignal::Clock::time_point 
     address.sin_port = htons(hostPort.m_Port);
     m_Socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (m_Socket < 0) {
-        throw HttpError("no socket: " + std::generic_category().message(errno), kUnavailable);
+        throw HttpError("no socket: " + std::generic_category().message(errno), httpstatus::kServiceUnavailable);
     }
     int const yes = 1;
     ::setsockopt(m_Socket, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
@@ -58,7 +55,7 @@ LocalSocket::LocalSocket(HostPort const& hostPort, EndSignal::Clock::time_point 
         }
         if (error != 0) {
             throw HttpError("no connection to " + hostPort.text() + ": " + std::generic_category().message(error),
-                            kBadGateway);
+                            httpstatus::kBadGateway);
         }
     } catch (...) {
         ::close(m_Socket);

@@ -20,24 +20,20 @@ std::string originForm(std::string const& target) {
 
 }  // namespace
 
-std::string RequestLine::path() const {
-    std::string const path = m_Target.substr(0, m_Target.find('?'));
-    return path.empty() ? "/" : path;
-}
-
-std::string RequestLine::query() const {
-    std::size_t const mark = m_Target.find('?');
-    return mark == std::string::npos ? "" : m_Target.substr(mark + 1);
-}
-
 std::optional<RequestLine> parseRequestLine(std::string const& line) {
     std::size_t const first = line.find(' ');
     std::size_t const last = line.rfind(' ');
     if (first == std::string::npos || first == last) {
         return std::nullopt;
     }
-    return RequestLine{line.substr(0, first), originForm(line.substr(first + 1, last - first - 1)),
-                       line.substr(last + 1)};
+    std::string const target = originForm(line.substr(first + 1, last - first - 1));
+    std::size_t const pathEnd = std::min(target.find('?'), target.size());
+    RequestLine parsed;
+    parsed.m_Method = line.substr(0, first);
+    parsed.m_Path = pathEnd == 0 ? "/" : target.substr(0, pathEnd);
+    parsed.m_Query = pathEnd == target.size() ? "" : target.substr(pathEnd + 1);
+    parsed.m_Version = line.substr(last + 1);
+    return parsed;
 }
 
 }  // namespace sandbox

@@ -6,17 +6,12 @@
 
 namespace sandbox {
 
-/// The first line of a request, in its three parts.
+/// The first line of a request, in its parts.
 struct RequestLine {
     std::string m_Method;
-    std::string m_Target;  ///< As it came, but without scheme and authority when it had them.
+    std::string m_Path = "/";  ///< The target up to the query, without scheme and authority; "/" when that is empty.
+    std::string m_Query;       ///< What follows the first "?" of the target; percent-encoded.
     std::string m_Version;
-
-    /// The target up to the query; "/" when that is empty.
-    [[nodiscard]] std::string path() const;
-
-    /// What follows the first "?" of the target.
-    [[nodiscard]] std::string query() const;
 };
 
 /// Splits `line` (without its line end) at its first and its last space; nothing when there are not two.

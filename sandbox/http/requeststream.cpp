@@ -64,7 +64,7 @@ ssize_t RequestStream::read(char* to, std::size_t size) {
 ssize_t RequestStream::write(char const* from, std::size_t size) {
     constexpr char kContinue[] = "HTTP/1.1 100 ";
     if (m_Written.empty() && std::string_view(from, size).substr(0, sizeof kContinue - 1) == kContinue) {
-        // No part of the answer: the client waits for it with the rest of its request.
+        // No part of the response: the client waits for it before it sends the rest of its request.
         return m_Connection.write(from, size) ? static_cast<ssize_t>(size) : -1;
     }
     m_Written.append(from, size);

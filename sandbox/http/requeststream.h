@@ -19,7 +19,7 @@ public:
     /// All that came from the connection.
     [[nodiscard]] std::string const& received() const { return m_Received; }
 
-    /// All that was written of the answer; nothing of it has been sent.
+    /// The response as far as it was written; nothing of it has been sent.
     [[nodiscard]] std::string const& written() const { return m_Written; }
 
     /// Whether more came than any request may hold. What came after that was not read.

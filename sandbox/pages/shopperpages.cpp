@@ -4,6 +4,7 @@
 #include <optional>
 
 #include "sandbox/pages/pagetexts.h"
+#include "sandbox/text/httpstatus.h"
 #include "sandbox/text/utctime.h"
 
 /// The pages made of payments; those that show a message stand in pages_message.cpp.
@@ -58,7 +59,7 @@ std::string decisionForm(StoredPayment const& stored, Language const& language) 
 HttpResponse paymentPage(StoredPayment const& stored, std::string const& customer) {
     Payment const& payment = stored.m_Payment;
     Language const& language = languageFor(valueOr(payment, "LANGID", ""));
-    return htmlPage(200, language[PageText::kTitle],
+    return htmlPage(httpstatus::kOk, language[PageText::kTitle],
                     section("order", language[PageText::kOrderHeading], orderData(payment, customer, language)) +
                         section("decision", language[PageText::kDecisionHeading], decisionForm(stored, language)),
                     language);

@@ -2,6 +2,7 @@
 
 #include "sandbox/pages/shopperpages.h"
 #include "sandbox/text/httperror.h"
+#include "sandbox/text/httpstatus.h"
 #include "sandbox/text/paymessage.h"
 #include "sandbox/text/wiretext.h"
 
@@ -18,9 +19,9 @@ struct Advice {
 
 // clang-format off
 constexpr Advice kAdvice[] = {
-    {403, "Open the payment page again from the shop and use the buttons on it."},
-    {404, "Check that the address or the form belongs to this service, and open the payment page again from the shop."},
-    {409, "Look up the state of the payment before sending anything more for it: it stays as it is."},
+    {httpstatus::kForbidden, "Open the payment page again from the shop and use the buttons on it."},
+    {httpstatus::kNotFound, "Check that the address or the form belongs to this service, and open the payment page again from the shop."},
+    {httpstatus::kConflict, "Look up the state of the payment before sending anything more for it: it stays as it is."},
 };
 // clang-format on
 
@@ -49,9 +50,8 @@ std::string signatureSection(std::string const& signature) {
     return section("signature", "SIGNATURE", verbatim(signature));
 }
 
-/// The sections for what a signed query holds. Throws HttpError when it cannot be taken apart.
-std::string signedSections(std::string const& signedQuery) {
-    Query const query(signedQuery);
+/// The sections for DATA and SIGNATURE of a query. Throws HttpError when it cannot be taken apart.
+std::string signedSections(Query const& query) {
     std::optional<std::string> const data = query.value("DATA");
     std::optional<std::string> const signature = query.value("SIGNATURE");
     return (data ? messageSections(*data) : paragraph("There is no DATA in the address.")) +
@@ -79,14 +79,14 @@ HttpResponse decidedPage(int status, StoredPayment const& stored, std::string co
 }
 
 HttpResponse outcomePage(Payment const& payment, std::string const& signedQuery) {
-    return htmlPage(200, "The payment is " + std::string(stateName(payment.m_State)),
+    return htmlPage(httpstatus::kOk, "The payment is " + std::string(stateName(payment.m_State)),
                     paragraph("The merchant gave no link to return to. This is what such a link would have carried.") +
-                        signedSections(signedQuery) + section("query", "As a query", verbatim(signedQuery)));
+                        signedSections(Query(signedQuery)) + section("query", "As a query", verbatim(signedQuery)));
 }
 
 HttpResponse returnedPage(HttpRequest const& request) {
     try {
-        return htmlPage(200, "Back at the shop",
+        return htmlPage(httpstatus::kOk, "Back at the shop",
                         paragraph("The shop would go on here: it verifies this message and looks at its RESULT. "
                                   "Nothing has been verified by this page.") +
                             signedSections(request.m_Query));

@@ -13,21 +13,15 @@
 #include "sandbox/http/relay.h"
 #include "sandbox/http/requeststream.h"
 #include "sandbox/proxy/proxyrequest.h"
-#include "sandbox/service/protocol.h"
+#include "sandbox/service/storedexchangelog.h"
 #include "sandbox/text/httperror.h"
+#include "sandbox/text/httpstatus.h"
 
 namespace sandbox {
 
 namespace {
 
 using Clock = EndSignal::Clock;
-
-constexpr int kAuthenticate = 407;
-constexpr int kLineTooLong = 414;
-constexpr int kFailed = 500;
-constexpr int kBadGateway = 502;
-constexpr int kUnavailable = 503;
-constexpr int kTooLate = 504;
 
 /// Merchants read it at one go and begin to speak TLS right then: it is short, and nothing comes behind it.
 constexpr char kEstablished[] = "HTTP/1.0 200 Connection established\r\n\r\n";
@@ -36,7 +30,7 @@ constexpr char kEstablished[] = "HTTP/1.0 200 Connection established\r\n\r\n";
 std::string faultResponse(Fault const& fault) {
     switch (fault.m_Kind) {
         case FaultKind::kProxyAuthentication:
-            return textResponse(kAuthenticate, "the proxy asks for credentials",
+            return textResponse(httpstatus::kProxyAuthenticationRequired, "the proxy asks for credentials",
                                 "Proxy-Authenticate: Basic realm=\"sandbox\"\r\n");
         case FaultKind::kHttpStatus:
             return textResponse(statusOf(fault), textOf(fault));
@@ -53,11 +47,11 @@ bool leavesTunnel(FaultKind kind) {
 HttpError errorFor(Outcome outcome, HostPort const& hostPort) {
     switch (outcome) {
         case Outcome::kTimedOut:
-            return HttpError(hostPort.text() + " does not answer", kTooLate);
+            return HttpError(hostPort.text() + " does not answer", httpstatus::kGatewayTimeout);
         case Outcome::kTooLong:
-            return HttpError("the answer of " + hostPort.text() + " is too long for a fault", kBadGateway);
+            return HttpError("the answer of " + hostPort.text() + " is too long for a fault", httpstatus::kBadGateway);
         default:
-            return HttpError("the sandbox is stopping", kUnavailable);
+            return HttpError("the sandbox is stopping", httpstatus::kServiceUnavailable);
     }
 }
 
@@ -94,8 +88,10 @@ public:
                 m_Connection.reset();
                 return;
             }
-            deliver(m_Connection, textResponse(kFailed, std::string("The sandbox failed: ") + failure.what()),
-                    std::nullopt);
+            deliver(
+                m_Connection,
+                textResponse(httpstatus::kInternalServerError, std::string("The sandbox failed: ") + failure.what()),
+                std::nullopt);
         }
     }
 
@@ -104,7 +100,7 @@ private:
         try {
             m_Exchange.m_Request = keptRequest(text.substr(0, text.find('\n')));
             if (text.size() > kLongestRequestLine && text.find('\n') == std::string::npos) {
-                throw HttpError("the request line is too long", kLineTooLong);
+                throw HttpError("the request line is too long", httpstatus::kUriTooLong);
             }
             ProxyRequest const request = readProxyRequest(m_Connection, std::move(text));
             m_Begin = Clock::now();
@@ -203,7 +199,7 @@ private:
         m_Responding = true;
         deliver(m_Connection, text, m_Fault);
         if (m_Fault) {
-            m_Services.m_Store.noteDelivery(
+            m_Services.m_Store.setDelivery(
                 m_Exchange.m_Number,
                 deliveryText({m_Connection.written(), m_Connection.isReset()}, microsecondsSince(m_Begin)));
         }

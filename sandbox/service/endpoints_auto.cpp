@@ -1,9 +1,11 @@
+#include "sandbox/service/endpoints.h"
+
 #include <cstddef>
 #include <string>
 
 #include "sandbox/crypto/credentials.h"
 #include "sandbox/crypto/signature.h"
-#include "sandbox/service/services.h"
+#include "sandbox/service/signedmessage.h"
 #include "sandbox/text/httperror.h"
 
 /// The automatic configuration service: set-up, defaults and keys. Its requests carry Basic credentials instead of a
@@ -147,10 +149,10 @@ constexpr AutoRow kRequests[] = {
 }  // namespace
 
 HttpResponse handleAuto(RequestContext const& context) {
-    std::string const text = takeData(context);
+    requireData(context);
     std::string const account = checkCredentials(context.m_Services, context.m_Request.m_Authorization);
     context.m_Exchange.m_Steps.push_back({"The credentials are right", "account " + account});
-    Message const message = Message::parse(text);
+    Message const& message = context.m_Message.get();
     context.m_Exchange.m_Steps.push_back({"DATA is a message", message.type()});
     for (AutoRow const& row : kRequests) {
         if (message.type() == row.m_Type) {

@@ -1,10 +1,13 @@
+#include "sandbox/service/endpoints.h"
+
 #include <algorithm>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "sandbox/service/confirmation.h"
 #include "sandbox/service/paymentmoves.h"
-#include "sandbox/service/services.h"
+#include "sandbox/service/signedmessage.h"
 #include "sandbox/text/httperror.h"
 
 /// What a merchant asks of a payment from server to server, signed with the merchant's key.

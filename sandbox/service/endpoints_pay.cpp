@@ -1,3 +1,5 @@
+#include "sandbox/service/endpoints.h"
+
 #include <array>
 #include <cstddef>
 #include <ctime>
@@ -7,10 +9,12 @@
 #include "sandbox/crypto/credentials.h"
 #include "sandbox/http/hostport.h"
 #include "sandbox/pages/shopperpages.h"
+#include "sandbox/service/confirmation.h"
 #include "sandbox/service/notifier.h"
 #include "sandbox/service/paymentmoves.h"
-#include "sandbox/service/services.h"
+#include "sandbox/service/signedmessage.h"
 #include "sandbox/text/httperror.h"
+#include "sandbox/text/httpstatus.h"
 #include "sandbox/text/utctime.h"
 #include "sandbox/text/wiretext.h"
 
@@ -19,11 +23,6 @@ namespace sandbox {
 
 namespace {
 
-constexpr int kBadRequest = 400;
-constexpr int kNotFound = 404;
-constexpr int kForbidden = 403;
-constexpr int kConflict = 409;
-constexpr int kFound = 302;
 constexpr int kIdBytes = 8;
 constexpr int kFormKeyBytes = 16;
 
@@ -96,10 +95,10 @@ Decision const& namedDecision(std::string const& name) {
 StoredPayment formPayment(Services const& services, Query const& form) {
     std::optional<StoredPayment> const stored = services.m_Store.paymentById(form.value("payment").value_or(""));
     if (!stored) {
-        throw HttpError("there is no such payment", kNotFound);
+        throw HttpError("there is no such payment", httpstatus::kNotFound);
     }
     if (!equalSecrets(form.value("key").value_or(""), stored->m_FormKey)) {
-        throw HttpError("the form did not come from the payment page", kForbidden);
+        throw HttpError("the form did not come from the payment page", httpstatus::kForbidden);
     }
     return *stored;
 }
@@ -188,14 +187,14 @@ HttpResponse handlePay(RequestContext const& context) {
     }
     // The same message again is the shopper reloading the page, or one whose way back to the shop was lost.
     if (payment.m_State != PaymentState::kOpened) {
-        return decidedResponse(context, kBadRequest, stored, reasonToRefuse(services, payment));
+        return decidedResponse(context, httpstatus::kBadRequest, stored, reasonToRefuse(services, payment));
     }
     return paymentPage(stored, services.m_Store.customerOf(payment.m_Account));
 }
 
 HttpResponse handleDecision(RequestContext const& context) {
     Services const& services = context.m_Services;
-    Query const form(context.m_Request.m_Body);
+    Query const& form = context.m_Form;
     Decision const& wanted = namedDecision(form.value("decision").value_or(""));
     StoredPayment stored = formPayment(services, form);
     Payment& payment = stored.m_Payment;
@@ -204,7 +203,7 @@ HttpResponse handleDecision(RequestContext const& context) {
     Decision const* const decision = decide(services, payment, wanted);
     if (decision == nullptr) {
         payment.m_State = presentState(services, payment);
-        return decidedResponse(context, kConflict, stored,
+        return decidedResponse(context, httpstatus::kConflict, stored,
                                "the payment is " + std::string(stateName(payment.m_State)) + " already");
     }
     payment.m_State = decision->m_State;
@@ -213,7 +212,7 @@ HttpResponse handleDecision(RequestContext const& context) {
     if (link.empty()) {
         return outcomePage(payment, query);
     }
-    return {kFound, "text/plain", "The payment is " + std::string(stateName(decision->m_State)) + ".\n",
+    return {httpstatus::kFound, "text/plain", "The payment is " + std::string(stateName(decision->m_State)) + ".\n",
             extendLink(link, query)};
 }
 

@@ -10,9 +10,11 @@
 #include "sandbox/http/localsocket.h"
 #include "sandbox/http/relay.h"
 #include "sandbox/http/signalguards.h"
+#include "sandbox/service/confirmation.h"
 #include "sandbox/service/paymentmoves.h"
-#include "sandbox/service/protocol.h"
+#include "sandbox/service/storedexchangelog.h"
 #include "sandbox/text/httperror.h"
+#include "sandbox/text/httpstatus.h"
 #include "sandbox/text/wiretext.h"
 
 namespace sandbox {
@@ -22,8 +24,6 @@ namespace {
 using Clock = EndSignal::Clock;
 
 constexpr std::chrono::seconds kPauseWithoutStore{5};
-constexpr int kFirstGood = 200;
-constexpr int kFirstOther = 300;
 
 /// Why nothing can be sent to `address`; nothing when it can.
 std::optional<std::string> whyUnreachable(std::string const& address) {
@@ -83,7 +83,7 @@ Attempt sendRequest(HttpAddress const& address, std::chrono::milliseconds timeou
     } catch (HttpError const& error) {
         attempt.m_Verdict = error.what();
     }
-    if (attempt.m_Status && *attempt.m_Status >= kFirstGood && *attempt.m_Status < kFirstOther) {
+    if (attempt.m_Status && *attempt.m_Status >= httpstatus::kOk && *attempt.m_Status < httpstatus::kMultipleChoices) {
         attempt.m_Verdict = "ok";
     }
     return attempt;
@@ -109,8 +109,9 @@ Exchange exchangeOf(Notification const& notification, std::string const& order, 
     exchange.m_Kind = ExchangeKind::kNotification;
     exchange.m_Order = order;
     exchange.m_Path = notification.m_Address.substr(0, notification.m_Address.find_first_of("?#"));
-    exchange.m_Data = Query(query).value("DATA").value();
-    exchange.m_Signature = Query(query).value("SIGNATURE").value();
+    Query const fields(query);
+    exchange.m_Data = fields.value("DATA").value();
+    exchange.m_Signature = fields.value("SIGNATURE").value();
     exchange.m_Fault = fault ? faultText(*fault) : "";
     return exchange;
 }

@@ -107,8 +107,8 @@ public:
     /// Returns the number that the exchange got.
     std::int64_t addExchange(Exchange const& exchange, std::int64_t begun = 0);
 
-    /// Keeps what became of the answer of the exchange of that number.
-    void noteDelivery(std::int64_t number, std::string const& delivery);
+    /// Stores how much was sent of the response of the exchange with that number.
+    void setDelivery(std::int64_t number, std::string const& delivery);
 
     /// Those with numbers above `after`, oldest first.
     [[nodiscard]] std::vector<Exchange> exchanges(std::int64_t after = 0);

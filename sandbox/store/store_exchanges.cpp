@@ -104,7 +104,7 @@ std::int64_t Store::addExchange(Exchange const& exchange, std::int64_t begun) {
     return number;
 }
 
-void Store::noteDelivery(std::int64_t number, std::string const& delivery) {
+void Store::setDelivery(std::int64_t number, std::string const& delivery) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     m_Database.prepare("UPDATE exchanges SET delivery = ? WHERE number = ?").text(delivery).number(number).step();
 }

@@ -35,7 +35,7 @@ std::optional<std::string> decodeBase64(std::string const& text);
 /// A query string in its order, names and values still percent-encoded. A piece without "=" has an empty value.
 class Query {
 public:
-    explicit Query(std::string const& text);
+    explicit Query(std::string const& text = "");
 
     /// The decoded value under `name`; nothing when it is absent. Throws HttpError when it stands there twice or is not
     /// well-formed percent-encoding.

@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <optional>
 
-#include "sandbox/service/services.h"
+#include "sandbox/service/confirmation.h"
 #include "tests/flow/faulthappening.h"
 #include "tests/flow/flowsupport.h"
 #include "tests/sandbox/support/rawclient.h"

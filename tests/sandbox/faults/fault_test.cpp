@@ -13,7 +13,7 @@
 #include <thread>
 
 #include "sandbox/faults/fault.h"
-#include "sandbox/service/services.h"
+#include "sandbox/service/confirmation.h"
 #include "sandbox/text/httperror.h"
 #include "tests/sandbox/support/sandboxfixture.h"
 

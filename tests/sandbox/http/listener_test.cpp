@@ -143,15 +143,17 @@ TEST(RequestLine, IsSplitAtItsOuterSpaces) {
     std::optional<sandbox::RequestLine> const line = sandbox::parseRequestLine("GET /a b?c=d?e HTTP/1.0");
     ASSERT_TRUE(line);
     EXPECT_EQ(line->m_Method, "GET");
-    EXPECT_EQ(line->path(), "/a b");
-    EXPECT_EQ(line->query(), "c=d?e");
+    EXPECT_EQ(line->m_Path, "/a b");
+    EXPECT_EQ(line->m_Query, "c=d?e");
     EXPECT_EQ(line->m_Version, "HTTP/1.0");
 }
 
 TEST(RequestLine, LosesSchemeAndAuthority) {
-    EXPECT_EQ(sandbox::parseRequestLine("GET http://h:80/p?q HTTP/1.0")->m_Target, "/p?q");
-    EXPECT_EQ(sandbox::parseRequestLine("GET https://h?q HTTP/1.0")->path(), "/");
-    EXPECT_EQ(sandbox::parseRequestLine("GET http://h HTTP/1.0")->path(), "/");
+    EXPECT_EQ(sandbox::parseRequestLine("GET http://h:80/p?q HTTP/1.0")->m_Path, "/p");
+    EXPECT_EQ(sandbox::parseRequestLine("GET http://h:80/p?q HTTP/1.0")->m_Query, "q");
+    EXPECT_EQ(sandbox::parseRequestLine("GET https://h?q HTTP/1.0")->m_Path, "/");
+    EXPECT_EQ(sandbox::parseRequestLine("GET https://h?q HTTP/1.0")->m_Query, "q");
+    EXPECT_EQ(sandbox::parseRequestLine("GET http://h HTTP/1.0")->m_Path, "/");
 }
 
 TEST(RequestLine, NeedsTwoSpaces) {

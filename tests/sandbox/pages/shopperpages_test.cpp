@@ -61,7 +61,7 @@ sandbox::Exchange sampleExchange(std::string const& data, std::string const& sig
 
 sandbox::HttpResponse returnedWith(std::string const& query) {
     sandbox::HttpRequest request;
-    request.m_Query = query;
+    request.m_Query = sandbox::Query(query);
     return sandbox::returnedPage(request);
 }
 

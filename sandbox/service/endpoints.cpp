@@ -1,26 +1,27 @@
-#include "sandbox/service/protocol.h"
+// The addresses of the protocol: one table, and what all of them have in common.
+// handleLogged() goes through these steps: parse (makeContext), find out kind and order (identify), store the request
+// as begun, take the fault that is armed for it, call the handler of the address (endpoints_auto, _pay, _capture), and
+// attach the log that stores the exchange once the response is ready. A request is on record before it is carried out,
+// so that a kill in between leaves a trace of it.
+#include "sandbox/service/endpoints.h"
 
-#include <algorithm>
 #include <chrono>
-#include <cstddef>
 #include <cstdint>
 #include <exception>
 #include <memory>
-#include <string>
 #include <utility>
 
 #include "sandbox/pages/shopperpages.h"
+#include "sandbox/service/confirmation.h"
+#include "sandbox/service/storedexchangelog.h"
 #include "sandbox/text/httperror.h"
-#include "sandbox/text/utctime.h"
-#include "sandbox/text/wiretext.h"
+#include "sandbox/text/httpstatus.h"
 
 namespace sandbox {
 
 namespace {
 
-constexpr std::size_t kMostKept = 64 * 1024;
-
-/// How an address answers a request that is turned down.
+/// How an address responds to a request that is turned down.
 enum class ErrorForm { kErrorMessage, kPage };
 
 /// One address of the protocol.
@@ -58,7 +59,7 @@ constexpr TypeRow kTypes[] = {
 };
 // clang-format on
 
-/// The payment page is asked for whatever the message is; elsewhere its type tells.
+/// A request to `/pay` asks for the payment page whatever its message is; elsewhere the type decides.
 ExchangeKind kindOf(Endpoint const& endpoint, Message const& message) {
     if (endpoint.m_Handler == handlePay) {
         return ExchangeKind::kPage;
@@ -78,28 +79,41 @@ std::string orderOf(Services const& services, Message const& message) {
     return key && token ? services.m_Store.orderOfToken(key->m_Account, *token) : "";
 }
 
-/// Notes what the request is about, from what it says of itself. What cannot be read stays unnoted: telling what is
-/// wrong with the request comes later.
-void identify(Services const& services, Endpoint const& endpoint, HttpRequest const& request, Exchange& exchange) {
-    exchange.m_Kind = endpoint.m_Handler == handlePay ? ExchangeKind::kPage : ExchangeKind::kOther;
-    if (endpoint.m_Handler == handleDecision) {
-        exchange.m_Kind = ExchangeKind::kDecision;
-    }
+/// The order of the payment that a posted form decides on.
+std::string orderOfForm(Services const& services, Query const& form) {
     try {
-        if (exchange.m_Kind == ExchangeKind::kDecision) {
-            auto const payment = services.m_Store.paymentById(Query(request.m_Body).value("payment").value_or(""));
-            exchange.m_Order = payment ? payment->m_Payment.attribute("ORDERID").value_or("") : "";
-            return;
-        }
-        exchange.m_Data = Query(request.m_Query).value("DATA").value_or("");
-        Message const message = Message::parse(exchange.m_Data);
-        exchange.m_Kind = kindOf(endpoint, message);
-        exchange.m_Order = message.find("ORDERID").value_or(orderOf(services, message));
+        auto const stored = services.m_Store.paymentById(form.value("payment").value_or(""));
+        return stored ? stored->m_Payment.attribute("ORDERID").value_or("") : "";
     } catch (HttpError const&) {
+        return "";
     }
 }
 
-/// What comes instead of the answer when the request is not to be carried out.
+/// Fills in what the request is about, from what it says of itself. What cannot be read stays empty: the handler
+/// reports what is wrong with the request.
+void identify(Endpoint const& endpoint, RequestContext const& context) {
+    Exchange& exchange = context.m_Exchange;
+    if (endpoint.m_Handler == handleDecision) {
+        exchange.m_Kind = ExchangeKind::kDecision;
+        exchange.m_Order = orderOfForm(context.m_Services, context.m_Form);
+        return;
+    }
+    exchange.m_Kind = endpoint.m_Handler == handlePay ? ExchangeKind::kPage : ExchangeKind::kOther;
+    std::string const* const data = context.m_Data.find();
+    exchange.m_Data = data != nullptr ? *data : "";
+    if (Message const* const message = context.m_Message.find()) {
+        exchange.m_Kind = kindOf(endpoint, *message);
+        exchange.m_Order = message->find("ORDERID").value_or(orderOf(context.m_Services, *message));
+    }
+}
+
+RequestContext makeContext(Services const& services, HttpRequest const& request, Exchange& exchange) {
+    auto data = Parsed<std::string>::of([&request] { return request.m_Query.value("DATA").value_or(""); });
+    auto message = Parsed<Message>::of([&data] { return Message::parse(data.get()); });
+    return {services, request, exchange, Query(request.m_Body), std::move(data), std::move(message), std::nullopt};
+}
+
+/// The response when the request is not to be carried out.
 HttpResponse faultResponse(Fault const& fault) {
     if (fault.m_Kind == FaultKind::kError) {
         return messageResponse(errorMessage(textOf(fault)));
@@ -111,7 +125,7 @@ HttpResponse faultResponse(Fault const& fault) {
 }
 
 HttpResponse methodNotAllowed(Endpoint const& endpoint) {
-    HttpResponse response{405, "text/plain; charset=utf-8",
+    HttpResponse response{httpstatus::kMethodNotAllowed, "text/plain; charset=utf-8",
                           std::string(endpoint.m_Path) + " takes " + endpoint.m_Method + ".\n"};
     response.m_Allow = endpoint.m_Method;
     return response;
@@ -124,7 +138,7 @@ HttpResponse errorResponse(Endpoint const& endpoint, HttpError const& error, Exc
     return messageResponse(errorMessage(error.what()));
 }
 
-/// The answer with another type of message. Confirmations are made wrong where they are signed.
+/// The response with another type of message. Confirmations are made wrong where they are signed.
 void mistakeType(HttpResponse& response) {
     Message const expected = Message::parse(response.m_Body);
     Message message(kUnexpectedType);
@@ -151,32 +165,7 @@ HttpResponse carryOut(Endpoint const& endpoint, RequestContext const& context) {
     }
 }
 
-/// Adds an exchange when it has ended.
-class StoredExchangeLog : public ExchangeLog {
-public:
-    StoredExchangeLog(Store& store, Exchange exchange, std::int64_t begun, std::chrono::steady_clock::time_point begin)
-        : m_Store(store), m_Exchange(std::move(exchange)), m_Begun(begun), m_Begin(begin) {}
-
-    void responseReady(std::string const& response) override {
-        m_Exchange.m_Response = keptText(response);
-        m_Exchange.m_Microseconds = microsecondsSince(m_Begin);
-        m_Exchange.m_Number = m_Store.addExchange(m_Exchange, m_Begun);
-    }
-
-    void responseSent(Delivery const& delivery) override {
-        if (!m_Exchange.m_Fault.empty()) {
-            m_Store.noteDelivery(m_Exchange.m_Number, deliveryText(delivery, microsecondsSince(m_Begin)));
-        }
-    }
-
-private:
-    Store& m_Store;  ///< Borrowed.
-    Exchange m_Exchange;
-    std::int64_t m_Begun;
-    std::chrono::steady_clock::time_point m_Begin;
-};
-
-/// The answer to a request that has been identified, or what a fault or a failure puts in its place.
+/// The response to a request that has been identified, or the response that a fault or a failure puts in its place.
 HttpResponse handleIdentified(Endpoint const& endpoint, RequestContext const& context) {
     if (context.m_Fault && !faultRow(context.m_Fault->m_Kind).m_CarriedOut) {
         context.m_Exchange.m_Verdict = "not looked at";
@@ -197,16 +186,16 @@ HttpResponse handleLogged(Services const& services, Endpoint const& endpoint, Ht
     exchange.m_Path = request.m_Path;
     exchange.m_Verdict = "ok";
     exchange.m_Request = keptRequest(request.m_Raw);
-    identify(services, endpoint, request, exchange);
+    RequestContext context = makeContext(services, request, exchange);
+    identify(endpoint, context);
     std::int64_t const begun = services.m_Store.beginExchange(exchange);
     // The control port has no faults, and uses none up.
     bool const mayFail = request.m_BaseUrl != services.m_Addresses.m_Control;
-    std::optional<Fault> const fault =
-        mayFail ? services.m_Faults.take(exchange.m_Kind, exchange.m_Order) : std::nullopt;
-    HttpResponse response = handleIdentified(endpoint, {services, request, exchange, fault});
-    if (fault) {
-        exchange.m_Fault = faultText(*fault);
-        response.m_Fault = fault;
+    context.m_Fault = mayFail ? services.m_Faults.take(exchange.m_Kind, exchange.m_Order) : std::nullopt;
+    HttpResponse response = handleIdentified(endpoint, context);
+    if (context.m_Fault) {
+        exchange.m_Fault = faultText(*context.m_Fault);
+        response.m_Fault = context.m_Fault;
     }
     response.m_Log = std::make_shared<StoredExchangeLog>(services.m_Store, std::move(exchange), begun, begin);
     return response;
@@ -224,40 +213,12 @@ std::optional<HttpResponse> handleProtocol(Services const& services, HttpRequest
     return std::nullopt;
 }
 
+HttpResponse messageResponse(std::string const& text) {
+    return {httpstatus::kOk, "text/xml", text};
+}
+
 HttpResponse failureResponse(std::string const& what) {
-    return {500, "text/plain; charset=utf-8", "The sandbox failed: " + what + "\n"};
-}
-
-std::int64_t microsecondsSince(std::chrono::steady_clock::time_point begin) {
-    return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - begin).count();
-}
-
-std::string deliveryText(Delivery const& delivery, std::int64_t microseconds) {
-    return std::to_string(delivery.m_Bytes) + " bytes, then " + (delivery.m_Reset ? "a reset" : "the end") +
-           ", after " + millisecondsText(microseconds);
-}
-
-std::string keptText(std::string const& text) {
-    return text.size() <= kMostKept ? text : text.substr(0, kMostKept) + "... (cut)";
-}
-
-std::string keptRequest(std::string const& raw) {
-    std::string kept;
-    std::size_t from = 0;
-    bool inHead = true;
-    while (inHead && from < raw.size()) {
-        std::size_t const lineEnd = std::min(raw.find('\n', from), raw.size() - 1) + 1;
-        std::string line = raw.substr(from, lineEnd - from);
-        std::string const name = "authorization:";
-        bool covered = line.size() >= name.size();
-        for (std::size_t at = 0; covered && at < name.size(); ++at) {
-            covered = line[at] == name[at] || line[at] == name[at] - ('a' - 'A');
-        }
-        kept += covered ? "Authorization: (covered)\r\n" : line;
-        inHead = line != "\r\n" && line != "\n";
-        from = lineEnd;
-    }
-    return keptText(kept + raw.substr(std::min(from, raw.size())));
+    return {httpstatus::kInternalServerError, "text/plain; charset=utf-8", "The sandbox failed: " + what + "\n"};
 }
 
 }  // namespace sandbox

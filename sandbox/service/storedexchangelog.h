@@ -1,0 +1,46 @@
+#ifndef TALLOWIN_SANDBOX_SERVICE_STOREDEXCHANGELOG_H
+#define TALLOWIN_SANDBOX_SERVICE_STOREDEXCHANGELOG_H
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+#include "sandbox/http/httpmessages.h"
+#include "sandbox/store/exchange.h"
+#include "sandbox/store/store.h"
+
+namespace sandbox {
+
+/// Adds an exchange to the store when its response is ready, and what was sent of it when a fault applied.
+class StoredExchangeLog : public ExchangeLog {
+public:
+    using TimePoint = std::chrono::steady_clock::time_point;
+
+    /// Borrows `store`. `begun` is what Store::beginExchange() returned, `begin` when the request was complete.
+    StoredExchangeLog(Store& store, Exchange exchange, std::int64_t begun, TimePoint begin);
+
+    void responseReady(std::string const& response) override;
+    void responseSent(Delivery const& delivery) override;
+
+private:
+    Store& m_Store;  ///< Borrowed.
+    Exchange m_Exchange;
+    std::int64_t m_Begun;
+    TimePoint m_Begin;
+};
+
+/// For the duration of an exchange.
+std::int64_t microsecondsSince(std::chrono::steady_clock::time_point begin);
+
+/// How much of a response was sent, in words.
+std::string deliveryText(Delivery const& delivery, std::int64_t microseconds);
+
+/// `text` cut to what is stored of a request or a response.
+std::string keptText(std::string const& text);
+
+/// A request as it is stored: the credentials of its header covered.
+std::string keptRequest(std::string const& raw);
+
+}  // namespace sandbox
+
+#endif  // TALLOWIN_SANDBOX_SERVICE_STOREDEXCHANGELOG_H
