@@ -1,3 +1,6 @@
+// The program tallowin-sandbox: command line, one line of addresses on standard output, end on SIGINT or SIGTERM.
+// Both signals are blocked before the first thread starts and taken with sigwait() alone. Exit status 2 means a wrong
+// command line, 1 a service that cannot start.
 #include <pthread.h>
 
 #include <CLI/CLI.hpp>

@@ -1,3 +1,7 @@
+// Puts the service together: which part handles a request, and the order in which all parts start and stop.
+// route() asks the protocol, the control API and the dashboard in turn. Running holds everything between start() and
+// stop(); its members are destroyed from the last to the first, so no request is served any more when the services go.
+// Odd: the listeners begin to stop together, and the proxy stops after them, because it carries their last responses.
 #include "sandbox/service.h"
 
 #include <exception>

@@ -1,3 +1,8 @@
+// Signatures over widened text, and the two forms in which RSA keys travel.
+// The digest is SHA-1 over 16-bit units. It is signed and verified with the bare RSA operation: OpenSSL is given no
+// digest name, so it neither adds nor expects a DigestInfo.
+// Public keys are checked in this order: hexadecimal, RSAPublicKey, nothing behind it, size, and DER, by encoding the
+// key again and comparing. Errors left in OpenSSL's queue are cleared before returning.
 #include "sandbox/crypto/signature.h"
 
 #include <openssl/err.h>

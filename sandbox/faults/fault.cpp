@@ -1,3 +1,8 @@
+// The table of fault kinds, and reading, checking and writing one fault.
+// kKinds holds every kind once: name, exchanges it can happen to, parameters, meaning. makeFault() and parseFault()
+// fill in a Fault field by field, then checkFault() compares it with the row of its kind: command line, control API and
+// dashboard share these checks.
+// Numbers are read and written in the classic locale, whatever the locale of the program.
 #include "sandbox/faults/fault.h"
 
 #include <charconv>

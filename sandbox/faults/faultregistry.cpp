@@ -1,3 +1,7 @@
+// The armed faults, and the calls that make ports refuse connections.
+// take() returns the oldest fault that fits an exchange and removes it after its last time. The fault "refuse" is never
+// taken: the listener is called after every change with the time until which each port refuses.
+// m_Notifying makes these calls one at a time and in order. m_Mutex is not held during them.
 #include "sandbox/faults/faultregistry.h"
 
 #include <algorithm>

@@ -1,3 +1,10 @@
+// One thread accepts, one thread per connection serves.
+// The accepting thread waits in awaitClient() for a client or for the pipe that wakes it, and pauses while the limit of
+// connections is reached. A connection's thread closes its socket and moves itself to m_Finished, where the accepting
+// thread or stop() joins it.
+// Odd: to refuse connections the listening socket is shut down. On Linux that ends listening but keeps the port bound,
+// so no other program can take the port. Stopping first ends the incoming direction of every connection; connections
+// still open after kGrace are closed.
 #include "sandbox/http/acceptor.h"
 
 #include <arpa/inet.h>

@@ -1,3 +1,8 @@
+// Reads and writes on a socket that does not block, plain or under TLS.
+// persist() repeats one call until it succeeds or fails for good, and waits in await() for the event that the socket or
+// TLS needs. Each wait has a timeout; reads also end with the timeout of the whole request.
+// Odd: the destructor reads and drops the rest of what the client sends. Closing with unread bytes would reset the
+// connection and could destroy the response on its way.
 #include "sandbox/http/connection.h"
 
 #include <netinet/in.h>

@@ -1,3 +1,7 @@
+// Sends a finished response the way a fault wants it: whole, cut, late, byte by byte, twice, or not at all.
+// The first empty line divides head and body. A position in the response counts from its first byte; without a given
+// number it is the middle of the body.
+// Faults that change what a response says were applied when it was made; such a response is sent like any other.
 #include "sandbox/http/delivery.h"
 
 #include <algorithm>

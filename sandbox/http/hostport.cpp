@@ -1,3 +1,6 @@
+// Reads the addresses that merchants and proxy clients write, and admits those of this machine only.
+// parseHttpAddress() cuts off scheme and fragment, parseHostPort() splits host and port, localAddress() resolves the
+// host. Names other than "localhost" are never looked up.
 #include "sandbox/http/hostport.h"
 
 #include <arpa/inet.h>

@@ -1,3 +1,9 @@
+// Carries bytes both ways between two sockets on one thread, with poll().
+// Each round waits for what the two flows can do next, then writes up, reads up, writes down and reads down. The order
+// matters: when writing up fails, only that direction ends, since the target may have responded without reading
+// everything.
+// Odd: nothing goes down before something came up, so a target that speaks first is held back. After the service began
+// to stop, at most kLastRounds more rounds carry what is at hand.
 #include "sandbox/http/relay.h"
 
 #include <sys/socket.h>

@@ -1,3 +1,8 @@
+// Makes and loads the certificates of the TLS port: one authority, one sound certificate, three faulty ones.
+// makeFiles() writes the authority's file empty at first and complete at the end. An interrupted start thus leaves a
+// set that isComplete() rejects, and the next start makes all files again. The private key of the authority is never
+// written.
+// The faulty certificates use the same server key: a fault only selects another TLS context.
 #include "sandbox/http/tlsidentity.h"
 
 #include <openssl/err.h>

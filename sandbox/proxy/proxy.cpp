@@ -1,3 +1,8 @@
+// One request to the proxy: read the head, connect, forward or tunnel, store the exchange.
+// A plain request is forwarded as it comes. A response that a fault applies to is collected first, stored, and sent the
+// way the fault wants it. The exchange of a tunnel is stored before its bytes flow.
+// An error before the first byte of the response becomes a response with its status. After that the connection is
+// reset, because a mere end would make a cut response look complete.
 #include "sandbox/proxy/proxy.h"
 
 #include <cstddef>

@@ -1,3 +1,7 @@
+// The configuration service (/auto): set-up, defaults, key query and key export.
+// Its requests carry Basic credentials instead of a signature, since the merchant has no key yet. Checked in this
+// order: DATA, the credentials, the message; then the function of its type in kRequests makes the response.
+// The faults that name or send another key (stale-key, wrong-key) apply where the key is chosen.
 #include "sandbox/service/endpoints.h"
 
 #include <cstddef>

@@ -1,3 +1,8 @@
+// The payment page (/pay) and the shopper's decision (/pay/decision).
+// /pay verifies the PayInit, checks its expiration and links, and opens a payment under its token; the same message
+// again shows the same payment. /pay/decision checks the form's key, moves the payment at most once and redirects to
+// the shop with a signed confirmation.
+// A payment that is looked at after its expiration expires here; the notifier expires the others.
 #include "sandbox/service/endpoints.h"
 
 #include <array>

@@ -1,3 +1,9 @@
+// Sends notifications with retries, and expires payments that nobody looks at.
+// One thread, run(), loads new notifications from the store, expires payments and queues jobs for kWorkers threads,
+// runWorker(). Notifications to one host and port are sent one at a time, those of one payment in their order.
+// An attempt: whyUnreachable() rules out addresses elsewhere, a fault may delay, drop or double the request, tryOnce()
+// sends it, settle() or storeOutcome() stores the result.
+// m_Mutex guards the queues and is not held while the store or the network is used.
 #include "sandbox/service/notifier.h"
 
 #include <algorithm>

@@ -1,3 +1,6 @@
+// The few SQLite calls that the store needs: statements, the connection, transactions.
+// The file is created by open() before SQLite sees it, because SQLite would make it readable for everyone. The journal
+// is a write-ahead log. A transaction that is not committed is rolled back by its destructor.
 #include "sandbox/store/database.h"
 
 #include <fcntl.h>

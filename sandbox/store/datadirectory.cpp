@@ -1,3 +1,6 @@
+// The data directory: its lock, and small files that are replaced as a whole.
+// A file is written beside its name, synchronised and renamed over it. The lock is an flock() on a file that stays; the
+// system releases it when the process ends, however that happens.
 #include "sandbox/store/datadirectory.h"
 
 #include <fcntl.h>

@@ -1,3 +1,8 @@
+// The tables, accounts and keys. Payments are in store_payments.cpp, exchanges in store_exchanges.cpp.
+// Opening checks the layout number (PRAGMA user_version), creates the tables in an empty file, and turns requests that
+// an earlier process began and did not finish into exchanges without a response.
+// Every public function takes m_Mutex and is one transaction. Passwords are hashed outside of the lock, since that is
+// slow on purpose.
 #include "sandbox/store/store.h"
 
 #include <cstdint>

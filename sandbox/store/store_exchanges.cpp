@@ -1,3 +1,7 @@
+// Exchanges, and requests that have begun.
+// A request is inserted into begun_exchanges before it is carried out, and replaced by its exchange in one transaction
+// with the response. A request that was carried out is thus on record even when the process is killed.
+// The steps of a check are stored as JSON with their texts in hexadecimal, because they can hold any bytes.
 #include <nlohmann/json.hpp>
 
 #include "sandbox/store/store.h"

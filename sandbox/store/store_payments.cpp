@@ -1,3 +1,7 @@
+// Payments with their attributes and history, and their notifications.
+// Every change of state goes through advance(): it checks the present state and writes the new state, the history entry
+// and the notification in one transaction. Of two callers exactly one succeeds.
+// findPayment() reads a payment from the columns of kById and kByToken, then its attributes and its history.
 #include <algorithm>
 #include <cstdint>
 #include <stdexcept>

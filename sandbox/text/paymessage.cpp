@@ -1,3 +1,8 @@
+// Messages: reading one from another side, and writing one.
+// Reading refuses zero bytes and entities beyond the five named ones before pugixml sees the text, because pugixml is
+// more lenient than the protocol. Then come the parse, the root element and each attribute in turn; content of the
+// element is ignored.
+// Writing escapes the same five entities and nothing else. Values have no encoding and pass through byte by byte.
 #include "sandbox/text/paymessage.h"
 
 #include <array>

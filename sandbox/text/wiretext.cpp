@@ -1,3 +1,7 @@
+// Hexadecimal, percent-encoding, Base64 and query strings, in the order of the header.
+// Odd on purpose: hexadecimal is read in lower case only, "+" is no blank, and Base64 is accepted in two forms, with
+// "=" padding or filled up with zero bits. Base64 therefore loses zero bytes at the end; user names and passwords hold
+// none.
 #include "sandbox/text/wiretext.h"
 
 #include <openssl/rand.h>
