@@ -82,7 +82,7 @@ std::string readyLine(sandbox::Service const& service, Arguments const& argument
     return line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
-/// Runs until SIGINT or SIGTERM. A second one ends the process at once, which loses nothing that was answered.
+/// Runs until SIGINT or SIGTERM. A second one ends the process at once, which loses nothing that a client received.
 void serve(Arguments const& arguments) {
     sigset_t endings;
     sigemptyset(&endings);

@@ -108,7 +108,7 @@ public:
 
     ~Running() {
         m_Faults.setRefusalListener(nullptr);
-        // All at once, so that none goes on while another one ends. The proxy ends last.
+        // All listeners together, so that none goes on while another one ends. The proxy ends last.
         m_Control.beginStop();
         m_Plain.beginStop();
         if (m_Tls) {
@@ -147,7 +147,7 @@ private:
     std::string m_FormKey = randomHex(kFormKeyBytes);
     Services m_Services;
     Notifier m_Notifier;
-    std::unique_ptr<Proxy> m_Proxy;  ///< Null without a proxy. Ends after the listeners, to carry their last answers.
+    std::unique_ptr<Proxy> m_Proxy;  ///< Null without a proxy. Ends after the listeners, to carry their last responses.
     TlsIdentity m_TlsIdentity;       ///< Empty without TLS.
     Listener m_Control;
     Listener m_Plain;

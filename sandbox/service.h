@@ -30,23 +30,23 @@ struct Options {
     unsigned m_ServerKeyBits = 512;    ///< Of the key that signs confirmations, when it is made at the first start.
     std::vector<Fault> m_Faults = {};  ///< Armed from the start.
     std::function<std::time_t()> m_Clock = {};  ///< The time of day; empty means the system's. Called by many threads.
-    std::chrono::milliseconds m_RequestTimeout{30'000};       ///< For a whole request to come.
-    std::chrono::milliseconds m_ProxyTimeout{60'000};         ///< For what the proxy forwards to to begin to answer.
-    std::chrono::milliseconds m_NotificationTimeout{10'000};  ///< For the merchant's answer to a notification.
+    std::chrono::milliseconds m_RequestTimeout{30'000};       ///< For a whole request to arrive.
+    std::chrono::milliseconds m_ProxyTimeout{60'000};         ///< Until the target of the proxy begins to respond.
+    std::chrono::milliseconds m_NotificationTimeout{10'000};  ///< For the merchant's response to a notification.
 
-    /// Between two looks at the time of day while a payment can expire.
+    /// How often the time of day is checked while a payment can expire.
     std::chrono::milliseconds m_ClockInterval{1'000};
 
-    /// Between the attempts to notify a merchant, of which there is one more.
+    /// Pauses between notification attempts; attempts = pauses + 1.
     std::vector<std::chrono::milliseconds> m_NotificationBackoff = {std::chrono::seconds(1), std::chrono::seconds(5)};
 };
 
-/// The payment service, the other side of the merchant's protocol, on 127.0.0.1.
+/// The payment service, the server of the merchant's protocol, on 127.0.0.1.
 ///
 /// A service is started and stopped by one thread; in between every other member may be called by any thread. It needs
 /// nothing of the component it stands against. Addresses: `/auto` set-up and keys, `/pay` payment page, `/pay/decision`
-/// the shopper's answer, `/capture` capture and completion, `/returned` where shoppers end who have no shop to go back
-/// to, `/` the dashboard. All ports answer all of them.
+/// the shopper's decision, `/capture` capture and completion, `/returned` the page for shoppers without a shop to
+/// return to, `/` the dashboard. All ports serve all of them.
 class Service {
 public:
     /// Remembers `options`; nothing is opened yet.
@@ -62,8 +62,8 @@ public:
     /// is left running then. Calling it on a running service throws std::logic_error.
     void start();
 
-    /// Answers the requests that are under way, closes everything and lets go of the data directory. A notification
-    /// that is under way is cut and sent again after the next start. Harmless on a service that is not running.
+    /// Finishes the requests in progress, closes everything and releases the data directory. A notification in progress
+    /// is cut and sent again after the next start. Harmless on a service that is not running.
     void stop();
 
     /// The ports that are listened on; 0 when not running, `tlsPort` also without TLS, `proxyPort` without a proxy.
@@ -85,13 +85,13 @@ public:
     /// The file with the certificate that TLS clients must trust.
     [[nodiscard]] std::string authorityFile() const;
 
-    /// The identifier of the key that signs confirmations. Throws std::runtime_error when not running, as do all below.
+    /// The key id of the key that signs confirmations. Throws std::runtime_error when not running, as do all below.
     [[nodiscard]] std::string serverKeyId() const;
 
-    /// Makes a new key that signs from now on and returns its identifier.
+    /// Makes a new key that signs from now on and returns its key id.
     std::string rotateServerKey();
 
-    /// Tells that `Options::clock` has jumped: payments whose time has passed expire now, not at the next look at it.
+    /// To be called when `Options::m_Clock` has jumped: overdue payments expire now, not at the next check.
     void clockMoved();
 
     /// All payments, oldest first.

@@ -17,7 +17,7 @@ Credentials readBasicHeader(std::string const& header);
 /// A slow salted hash of `password`. Throws std::runtime_error.
 std::string hashPassword(std::string const& salt, std::string const& password);
 
-/// Whether both are equal, in a time that does not tell where they differ.
+/// Whether both are equal, in a time that does not depend on where they differ.
 bool equalSecrets(std::string const& one, std::string const& other);
 
 }  // namespace sandbox

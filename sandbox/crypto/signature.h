@@ -26,7 +26,7 @@ KeyHolder makeSigningKey(unsigned bits);
 std::string privateKeyDer(EVP_PKEY* key);
 KeyHolder readPrivateKeyDer(std::string const& der);
 
-/// The public half as it is handed out: lower-case hexadecimal of DER PKCS#1 RSAPublicKey. Throws std::runtime_error.
+/// The public half as it is published: lower-case hexadecimal of DER PKCS#1 RSAPublicKey. Throws std::runtime_error.
 std::string publicKeyBlob(EVP_PKEY* key);
 
 /// Reads such a blob. Throws HttpError with the reason: no lower-case hexadecimal, no RSAPublicKey, bytes after it,

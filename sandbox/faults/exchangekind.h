@@ -7,15 +7,15 @@
 
 namespace sandbox {
 
-/// What passes between the service and the other sides. Every value is a bit, so that sets of them can be told. The
-/// names are kept in the database and used by the control API: do not change them.
+/// The kinds of exchanges between the service and its clients. Every value is a bit, so that a number is a set of them.
+/// The names are kept in the database and used by the control API: do not change them.
 enum class ExchangeKind : unsigned {
     kSetup = 1U << 0U,
     kDefaults = 1U << 1U,
     kKeyQuery = 1U << 2U,
     kKeyExport = 1U << 3U,
     kPage = 1U << 4U,          ///< The shopper opens the payment page.
-    kDecision = 1U << 5U,      ///< The shopper's answer, and the way back to the shop with the confirmation.
+    kDecision = 1U << 5U,      ///< The shopper's decision, and the return link with the confirmation.
     kNotification = 1U << 6U,  ///< The confirmation as the service sends it to the merchant's NOTIFYADDRESS.
     kCapture = 1U << 7U,
     kComplete = 1U << 8U,

@@ -12,7 +12,7 @@
 
 namespace sandbox {
 
-/// What can be made to go wrong. The table of all of them is allFaultKinds().
+/// The kinds of faults. allFaultKinds() describes each.
 enum class FaultKind {
     kRefuse,
     kTlsExpired,
@@ -46,10 +46,10 @@ struct Fault {
     std::string m_Order = {};                      ///< ORDERID of the payment; empty: any, or none.
     std::int64_t m_Times = 1;                      ///< How often; 0: until it is lifted.
     std::optional<double> m_Seconds = {};          ///< How long, of the kinds that take time.
-    std::optional<std::int64_t> m_Bytes = {};      ///< How much of the answer comes before it.
+    std::optional<std::int64_t> m_Bytes = {};      ///< How much of the response comes before it.
     std::optional<int> m_Status = {};              ///< HTTP status.
-    std::optional<std::string> m_Text = {};        ///< What the answer says.
-    std::optional<std::int64_t> m_Megabytes = {};  ///< Size of the answer.
+    std::optional<std::string> m_Text = {};        ///< Text of the response.
+    std::optional<std::int64_t> m_Megabytes = {};  ///< Size of the response.
 };
 
 /// The parameters of a fault, as bits of a set.
@@ -67,7 +67,7 @@ struct FaultKindRow {
     char const* m_Name;
     unsigned m_Exchanges;   ///< The ExchangeKind values it can happen to.
     unsigned m_Parameters;  ///< Of FaultParameter.
-    bool m_CarriedOut;      ///< Whether the service does what it was asked, so that a payment moves on.
+    bool m_CarriedOut;      ///< Whether the request is carried out, so that a payment moves on.
     char const* m_Meaning;
 };
 

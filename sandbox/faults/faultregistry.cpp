@@ -99,7 +99,7 @@ template <class Matches>
 std::optional<Fault> FaultRegistry::takeFirst(Matches matches) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     for (std::size_t at = 0; at < m_Armed.size(); ++at) {
-        // A refused connection happens to nobody who is heard of.
+        // Connections are refused by the listener: no exchange comes of them.
         if (m_Armed[at].m_Fault.m_Kind == FaultKind::kRefuse || !matches(m_Armed[at].m_Fault)) {
             continue;
         }

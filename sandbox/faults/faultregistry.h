@@ -57,7 +57,7 @@ private:
     void notifyRefusalListener();
 
     std::mutex m_Mutex;      ///< Guards all below.
-    std::mutex m_Notifying;  ///< Held while the listener is told. Taken before m_Mutex.
+    std::mutex m_Notifying;  ///< Held while the listener is called. Taken before m_Mutex.
     RefusalListener m_Listener;
     std::vector<ArmedFault> m_Armed;
     std::int64_t m_LastId = 0;

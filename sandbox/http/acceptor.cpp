@@ -80,7 +80,8 @@ Acceptor::Acceptor(std::uint16_t port) {
     m_Listener = boundSocket(port);
     m_Port = portOf(m_Listener);
     if (port == 0) {
-        // A port that the system picked would be lost whenever connections are refused; one that was asked for stays.
+        // A port that the system picked is lost when the socket is shut down; a port that was bound by its number
+        // stays.
         int const picked = m_Listener;
         m_Listener = boundSocket(m_Port);
         ::close(picked);
@@ -155,7 +156,7 @@ void Acceptor::stop() {
         }
         auto const allServed = [this] { return m_Serving.empty(); };
         if (!m_Ended.wait_until(lock, m_CutAt, allServed)) {
-            // Somebody reads slowly or not at all.
+            // A client reads slowly or not at all.
             shutDownServing(SHUT_RDWR);
             m_Ended.wait(lock, allServed);
         }
@@ -217,7 +218,7 @@ void Acceptor::run() {
         try {
             m_Serving[socket] = std::thread([this, socket] { serveOne(socket); });
         } catch (std::system_error const&) {
-            // No thread can be had: this client is dropped, others may have more luck.
+            // The system has no thread to give: this client is dropped, the next may be served.
             m_Serving.erase(socket);
             ::close(socket);
         }

@@ -72,7 +72,7 @@ Connection::~Connection() {
     }
     ERR_clear_error();
     ::shutdown(m_Socket, SHUT_WR);
-    // Closing with unread bytes would reset the connection and could destroy the answer on its way.
+    // Closing with unread bytes would reset the connection and could destroy the response on its way.
     m_RequestBy = Clock::now() + kClosingTimeout;
     char rest[4096];
     std::size_t left = kLargestRest;

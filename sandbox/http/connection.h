@@ -12,9 +12,9 @@
 
 namespace sandbox {
 
-/// One accepted socket, plain or under TLS, that carries one request and its answer. Reads and writes wait ten seconds
-/// at most, and all reads together no longer than the request timeout. Used by one thread; only shutting
-/// the socket down may come from another.
+/// One accepted socket, plain or under TLS, that carries one request and its response. Reads and writes wait ten
+/// seconds at most, and all reads together no longer than the request timeout. Used by one thread; only shutting the
+/// socket down may come from another.
 class Connection {
 public:
     using Clock = EndSignal::Clock;
@@ -23,7 +23,7 @@ public:
     /// connection. `ending` is borrowed; it ends pauses.
     Connection(int socket, SSL_CTX* tls, EndSignal const& ending, Clock::duration timeout);
 
-    /// Ends the conversation so that what was written arrives.
+    /// Ends the connection so that everything written arrives.
     ~Connection();
     Connection(Connection const&) = delete;
     Connection& operator=(Connection const&) = delete;
@@ -41,10 +41,10 @@ public:
     /// timeout: it waits for the response or has gone, which looks the same.
     void pause(double seconds) const;
 
-    /// The same, but no longer than the other side may still send something.
+    /// The same, but ends as soon as the client has ended its direction.
     void pauseWhileConnected(double seconds) const;
 
-    /// Sees to it that the other side finds the connection reset when the socket is closed.
+    /// Makes the client find the connection reset when the socket is closed.
     void reset();
 
     [[nodiscard]] int socket() const { return m_Socket; }

@@ -21,7 +21,7 @@ std::size_t bodyOf(std::string const& response) {
     return end == std::string::npos ? response.size() : end + sizeof kBlankLine - 1;
 }
 
-/// How many bytes go before a fault in the middle of the answer: half of the body when it is not told.
+/// How many bytes are sent before a fault in the middle of the response: up to half of the body without a given number.
 std::size_t bytesBefore(std::string const& response, Fault const& fault) {
     std::size_t const body = bodyOf(response);
     std::size_t const middle = body + (response.size() - body) / 2;
@@ -34,13 +34,13 @@ void sendBytewise(Connection& connection, std::string const& response, double se
             return;
         }
         if (seconds > 0) {
-            // Without it a reader who is not at once there gets many together.
+            // Without a pause a slow client would receive many bytes together.
             connection.pause(seconds);
         }
     }
 }
 
-/// Blanks after the body, in a head that has been made to agree with it.
+/// Sends blanks after the body, and a Content-Length that includes them.
 void sendHuge(Connection& connection, std::string const& response, std::int64_t megabytes) {
     std::size_t const size = static_cast<std::size_t>(megabytes) * kMegabyte;
     std::size_t const body = bodyOf(response);

@@ -9,7 +9,7 @@
 
 namespace sandbox {
 
-/// Sends `response`, head and body, the way `fault` wants it. Faults that concern what an answer says are of no concern
+/// Sends `response`, head and body, the way `fault` wants it. Faults that change what a response says are ignored
 /// here. Waits end early when the client goes or the service stops.
 void deliver(Connection& connection, std::string const& response, std::optional<Fault> const& fault);
 

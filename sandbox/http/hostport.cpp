@@ -19,7 +19,7 @@ namespace {
 
 constexpr char kScheme[] = "http://";
 constexpr std::uint16_t kHttpPort = 80;
-constexpr std::size_t kLongestName = 200;  // of a host in an answer, which is to stay short
+constexpr std::size_t kLongestName = 200;  // of a host in an error text
 
 std::uint16_t parsePort(std::string const& text) {
     std::uint16_t port = 0;

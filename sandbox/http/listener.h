@@ -16,14 +16,14 @@ namespace sandbox {
 class RequestServer;
 
 /// An HTTP server on one port of 127.0.0.1. Every connection carries one exchange and is closed after it. Paths and
-/// queries are handed on as they came, up to four megabytes.
+/// queries reach the handler as they came, up to four megabytes.
 class Listener {
 public:
     /// Called by several threads at once; must not throw.
     using Handler = std::function<HttpResponse(HttpRequest const& request)>;
 
     /// Takes the port (0 picks one); connections wait until start(). `tls` is null for plain HTTP, `faults` for a port
-    /// whose connections never fail; both are borrowed. A request that is not complete after `timeout` is given up.
+    /// whose connections never fail; both are borrowed. A request that is not complete after `timeout` is dropped.
     /// Throws std::runtime_error.
     Listener(std::uint16_t port, TlsIdentity const* tls, FaultRegistry* faults, std::chrono::milliseconds timeout);
 
@@ -41,10 +41,10 @@ public:
     /// See Acceptor::refuseUntil().
     void refuseUntil(Acceptor::Clock::time_point moment);
 
-    /// Accepts no more requests.
+    /// Stops accepting requests.
     void beginStop();
 
-    /// Lets requests that have arrived finish, closes everything and returns when no thread is left.
+    /// Finishes requests that have arrived, closes everything and returns when no thread is left.
     void stop();
 
 private:

@@ -27,7 +27,7 @@ bool isBroken() {
     return errno != EAGAIN && errno != EINTR;
 }
 
-/// poll() would tell an end over and over that nobody is waiting for.
+/// Without wanted events the socket is left out, because poll() would report its end over and over.
 pollfd waitFor(int socket, bool reading, bool writing) {
     short const events = static_cast<short>((reading ? POLLIN : 0) | (writing ? POLLOUT : 0));
     return {events != 0 ? socket : Flow::kNowhere, events, 0};
@@ -118,10 +118,10 @@ Outcome carry(Flow& up, Flow& down, RelayTimeouts const& timeouts, EndSignal con
         }
         auto const [client, target] = waits;
         if (isDue(target, POLLOUT) && !up.write()) {
-            // Its answer may be there all the same: who refuses a request need not read all of it.
+            // Its response may be there all the same: a target that refuses a request need not read all of it.
             up.abandon();
         }
-        // Who stops the service ends the client's direction as well, and the target must not hear of that.
+        // Stopping the service ends the client's direction as well. The target must not take that for the client's end.
         bool const clientGone = isDue(client, POLLIN) && !ending.raised() && !up.read();
         if (clientGone || (isDue(client, POLLOUT) && !down.write())) {
             return Outcome::kClientLost;

@@ -6,17 +6,17 @@
 
 #include "sandbox/http/endsignal.h"
 
-/// Carrying a conversation between two sockets.
+/// Carrying bytes both ways between two sockets.
 namespace sandbox {
 
-/// One direction of a conversation. Without a source it carries what it was given at first, without a destination it
+/// One direction of a relay. Without a source it carries what it was given at first, without a destination it
 /// keeps what comes. Used by one thread.
 class Flow {
 public:
     /// Stands for "no socket".
     static constexpr int kNowhere = -1;
 
-    /// Whether the destination is told that the source has ended (half-close).
+    /// Whether the end of the source is passed on to the destination (half-close).
     enum class AtEnd { kTell, kLeave };
 
     /// Both sockets are borrowed. `ahead` came from the source before.
@@ -60,27 +60,27 @@ private:
     AtEnd m_AtEnd;
     std::string m_Waiting;  ///< Has been read and not yet written. Empty without a destination.
     std::string m_Begin;
-    bool (*m_IsWhole)(std::string const& text) = nullptr;  ///< Null when only its end tells.
+    bool (*m_IsWhole)(std::string const& text) = nullptr;  ///< Null when only the end completes it.
     bool m_SourceEnded;
     bool m_Overflowed = false;
 };
 
-/// How a conversation went.
+/// How the relay of one connection ended.
 enum class Outcome { kComplete, kClientLost, kTargetLost, kTimedOut, kTooLong, kStopped };
 
-/// How long a conversation may take.
+/// How long a relay may take.
 struct RelayTimeouts {
     EndSignal::Clock::time_point
-        m_ResponseBy;  ///< Something must have come down by then, and all of it when it is kept.
+        m_ResponseBy;  ///< The response must have begun by then; be complete when it is collected.
 
-    /// Between two signs of life once nothing more comes up: who asks waits for the answer, or has gone, which looks
+    /// Between two signs of life once nothing more comes up: the client waits for the response or has gone, which looks
     /// the same.
     EndSignal::Clock::duration m_IdleTimeout;
 };
 
-/// Carries `up`, from who asks to who answers, and `down`, the way back. Nothing goes down before something has come
-/// up. The conversation is over when `down` has ended; when its destination is told that, both must have ended. Once
-/// `ending` is raised, only what is at hand is carried.
+/// Carries `up`, from the client to the target, and `down`, the other direction. Nothing goes down before something has
+/// come up. It is over when `down` has ended; when that end is passed on, both must have ended. Once `ending` is
+/// raised, only what is at hand is carried.
 Outcome carry(Flow& up, Flow& down, RelayTimeouts const& timeouts, EndSignal const& ending);
 
 }  // namespace sandbox

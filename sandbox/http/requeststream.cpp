@@ -40,7 +40,7 @@ RequestStream::RequestStream(Connection& connection, std::string begin, std::str
       m_Ahead(std::move(ahead)) {}
 
 ssize_t RequestStream::read(char* to, std::size_t size) {
-    // The library asks for the head byte by byte, so bytes are fetched in pieces.
+    // The library reads the head byte by byte, so bytes are fetched in pieces.
     if (m_Next == m_Ahead.size()) {
         m_TooLong = m_Received.size() >= m_MostReceived;
         if (m_TooLong) {

@@ -40,7 +40,7 @@ private:
     std::string m_Written;
     std::string m_Ahead;
     bool m_TooLong = false;
-    std::size_t m_Next = 0;  ///< First byte of m_Ahead that has not been handed out.
+    std::size_t m_Next = 0;  ///< First byte of m_Ahead that has not been read.
 };
 
 inline constexpr std::size_t kLongestRequestLine = 4 * 1024 * 1024;  ///< Bytes.

@@ -28,10 +28,10 @@ namespace {
 
 using Clock = EndSignal::Clock;
 
-/// Merchants read it at one go and begin to speak TLS right then: it is short, and nothing comes behind it.
+/// Merchants read it with one call and begin TLS right after it: it is short, and nothing follows it.
 constexpr char kEstablished[] = "HTTP/1.0 200 Connection established\r\n\r\n";
 
-/// What comes instead of the answer when nothing is to be asked of the target.
+/// The response when the fault keeps the request from the target.
 std::string faultResponse(Fault const& fault) {
     switch (fault.m_Kind) {
         case FaultKind::kProxyAuthentication:
@@ -48,7 +48,7 @@ bool leavesTunnel(FaultKind kind) {
     return kind == FaultKind::kDelay || kind == FaultKind::kBytewise;
 }
 
-/// The answer to a request of which nothing has been answered.
+/// The error of a request whose response has not begun.
 HttpError errorFor(Outcome outcome, HostPort const& hostPort) {
     switch (outcome) {
         case Outcome::kTimedOut:
@@ -133,7 +133,7 @@ private:
         }
     }
 
-    /// Takes the fault that is armed for this request; true when it has been answered without the target.
+    /// Takes the fault that is armed for this request; true when the response was sent without the target.
     bool failsBefore() {
         m_Fault = m_Services.m_Faults.take(ExchangeKind::kProxy, "");
         if (!m_Fault) {
@@ -151,7 +151,7 @@ private:
     void tunnel(HostPort const& hostPort, ProxyRequest const& request) {
         LocalSocket const target(hostPort, Clock::now() + m_Timeout, m_Ending);
         if (m_Fault && !m_Fault->m_Bytes) {
-            // Unless told otherwise the middle of an answer is that of its body, and here is none.
+            // Without a given number the middle is that of the body, and this response has none.
             m_Fault->m_Bytes = sizeof kEstablished / 2;
         }
         send(kEstablished);
@@ -162,7 +162,7 @@ private:
         Flow down(target.get(), m_Connection.socket(), "", Flow::AtEnd::kTell);
         carry(up, down, {Clock::time_point::max(), m_Timeout}, m_Ending);
         if (!down.ended()) {
-            // A mere end would say that this was all.
+            // A mere end would look like the whole.
             m_Connection.reset();
         }
     }
@@ -172,7 +172,7 @@ private:
         LocalSocket const target(address.m_HostPort, responseBy, m_Ending);
         std::string const head = request.m_Method + " " + address.m_Target + " HTTP/1.0\r\n" + request.m_Fields;
         Flow up(m_Connection.socket(), target.get(), head + request.m_Ahead, Flow::AtEnd::kTell);
-        // An answer that a fault happens to is collected first; any other goes on as it comes.
+        // A response that a fault applies to is collected first; any other is forwarded as it comes.
         Flow down(target.get(), m_Fault ? Flow::kNowhere : m_Connection.socket(), "", Flow::AtEnd::kLeave);
         Outcome const outcome = carry(up, down, {responseBy, m_Timeout}, m_Ending);
         std::string const body = up.begin().size() > head.size() ? up.begin().substr(head.size()) : "";
@@ -180,7 +180,7 @@ private:
         finish(outcome, address.m_HostPort, down.begin());
     }
 
-    /// `received` has been sent unless there is a fault.
+    /// `received` has been sent to the client already unless there is a fault.
     void finish(Outcome outcome, HostPort const& hostPort, std::string const& received) {
         bool const lost = outcome == Outcome::kClientLost || outcome == Outcome::kTargetLost;
         m_Responding = !m_Fault && !received.empty();
@@ -189,7 +189,7 @@ private:
         } else if (outcome == Outcome::kComplete) {
             storeExchange(received);
         } else if (lost || m_Responding) {
-            // A client that found a mere end would take what it has for all of it.
+            // A mere end would make the client take the part for the whole.
             m_Connection.reset();
             m_Exchange.m_Verdict = lossOf(outcome);
             storeExchange(received);
@@ -198,7 +198,7 @@ private:
         }
     }
 
-    /// Records the exchange and sends the answer the way the fault wants it.
+    /// Stores the exchange and sends the response the way the fault wants it.
     void send(std::string const& text) {
         storeExchange(text);
         m_Responding = true;
@@ -223,7 +223,7 @@ private:
     Clock::time_point m_Begin = Clock::now();  ///< When the request was complete.
     Exchange m_Exchange;
     std::optional<Fault> m_Fault;
-    bool m_Responding = false;  ///< Something of the answer has been sent.
+    bool m_Responding = false;  ///< A part of the response has been sent.
 };
 
 }  // namespace

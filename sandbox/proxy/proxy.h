@@ -13,12 +13,12 @@ namespace sandbox {
 
 /// An HTTP/1.0 proxy on one port of 127.0.0.1, for merchants that use one. It reaches programs on this machine only:
 /// plain requests with an absolute address, and tunnels (CONNECT). Every connection carries one request; each is
-/// stored as an exchange, and the faults of the exchange "proxy" happen to its answer.
+/// stored as an exchange, and the faults of the exchange "proxy" apply to its response.
 class Proxy {
 public:
     struct Timeouts {
-        std::chrono::milliseconds m_Request;   ///< With a client, until the head of its request is complete.
-        std::chrono::milliseconds m_Response;  ///< With a target, until it has begun to answer.
+        std::chrono::milliseconds m_Request;   ///< Until the head of the request is complete.
+        std::chrono::milliseconds m_Response;  ///< Until the target begins to respond.
     };
 
     /// Takes the port (0 picks one); connections wait until start(). Borrows `services`. Throws std::runtime_error.

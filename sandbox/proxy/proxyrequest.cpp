@@ -35,7 +35,7 @@ std::size_t completeHead(Connection& connection, std::string& text) {
     return *end;
 }
 
-/// The proxy neither passes on nor keeps what is for itself alone.
+/// `fields` without the credentials for the proxy, which are neither forwarded nor stored.
 std::string withoutProxyCredentials(std::string const& fields) {
     std::string const name = "Proxy-Authorization:";
     std::string kept;

@@ -7,13 +7,13 @@
 
 namespace sandbox {
 
-/// A request to the proxy, in the parts that the proxy tells apart.
+/// The parts of a request to the proxy.
 struct ProxyRequest {
     std::string m_Line;    ///< The first line, with its line end.
     std::string m_Method;  ///< In it.
     std::string m_Target;  ///< In it, as it came.
     std::string m_Fields;  ///< The header lines and the empty one, without the credentials for the proxy.
-    std::string m_Ahead;   ///< What came behind the head together with it.
+    std::string m_Ahead;   ///< What was read together with the head and follows it.
 };
 
 /// Reads the head of a request whose beginning, its first line if there is one, is `text`. Throws HttpError.

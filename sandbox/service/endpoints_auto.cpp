@@ -12,15 +12,13 @@
 #include "sandbox/service/signedmessage.h"
 #include "sandbox/text/httperror.h"
 
-/// The automatic configuration service: set-up, defaults and keys. Its requests carry Basic credentials instead of a
-/// signature, since the merchant has no key yet.
 namespace sandbox {
 
 namespace {
 
 constexpr std::size_t kLongestKeyId = 200;
 
-/// What one request is answered from.
+/// What a handler of one type is given.
 struct AutoRequest {
     RequestContext const& m_Context;
     Message const& m_Message;
@@ -32,7 +30,7 @@ struct AutoRequest {
         return m_Context.m_Fault && m_Context.m_Fault->m_Kind == kind;
     }
 
-    /// The identifier that is told for that of the key which signs.
+    /// The key id this service reports as its signing key.
     [[nodiscard]] std::string serverKeyId() const {
         return goesWrong(FaultKind::kStaleKey) ? m_Services.m_Keys.stale()->m_Id : m_Services.m_Keys.current()->m_Id;
     }
@@ -66,7 +64,7 @@ Message defaultsResponse(AutoRequest const& request) {
     return response;
 }
 
-/// The key that a query is answered with.
+/// The key that a key query returns.
 KeyRing::Key queriedKey(AutoRequest const& request) {
     if (request.goesWrong(FaultKind::kWrongKey)) {
         return request.m_Services.m_Keys.impostor();
@@ -90,7 +88,7 @@ Message keyQueryResponse(AutoRequest const& request) {
     return response;
 }
 
-/// The other side uses the identifier as the name of a file.
+/// Merchants use the key id as the name of a file.
 void checkKeyId(std::string const& keyId) {
     if (keyId.size() > kLongestKeyId) {
         throw HttpError("KEYID is longer than " + std::to_string(kLongestKeyId) + " bytes");
@@ -121,7 +119,7 @@ Message keyExportResponse(AutoRequest const& request) {
     return response;
 }
 
-/// The account that the credentials open. Throws HttpError.
+/// The account of the credentials. Throws HttpError.
 std::string checkCredentials(Services const& services, std::string const& header) {
     Credentials const credentials = readBasicHeader(header);
     switch (services.m_Store.checkAccount(credentials.m_User, credentials.m_Password)) {

@@ -14,12 +14,11 @@
 #include "sandbox/service/signedmessage.h"
 #include "sandbox/text/httperror.h"
 
-/// What a merchant asks of a payment from server to server, signed with the merchant's key.
 namespace sandbox {
 
 namespace {
 
-/// What one request is answered from.
+/// What a handler of one type is given.
 struct CaptureRequest {
     Services const& m_Services;
     SignedMessage const& m_Sent;
@@ -51,7 +50,7 @@ void checkRepeated(Message const& message, Payment const& payment, char const* n
     }
 }
 
-/// Who repeats what came back with the shopper, or an answer of the capture service, repeats its RESULT. Throws
+/// A request made from the confirmation, or from a response of the capture service, repeats its RESULT. Throws
 /// HttpError.
 void checkResult(Message const& message, Payment const& payment) {
     std::string const result = message.find("RESULT").value_or("");
@@ -63,7 +62,7 @@ void checkResult(Message const& message, Payment const& payment) {
     throw HttpError("RESULT is '" + result + "', the payment is " + stateName(payment.m_State));
 }
 
-/// Leads the payment on. When it is not in one of the states `from` it must have arrived already, which makes a
+/// Moves the payment to `to`. When it is not in one of the states `from` it must be in one of `arrived`, which makes a
 /// repetition harmless. Throws HttpError otherwise. Returns the payment as it then is.
 Payment lead(CaptureRequest const& request, std::vector<PaymentState> const& from, PaymentState to,
              std::vector<PaymentState> const& arrived, char const* note) {

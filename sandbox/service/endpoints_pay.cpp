@@ -23,7 +23,6 @@
 #include "sandbox/text/utctime.h"
 #include "sandbox/text/wiretext.h"
 
-/// The payment page and the shopper's decision.
 namespace sandbox {
 
 namespace {
@@ -31,14 +30,14 @@ namespace {
 constexpr int kIdBytes = 8;
 constexpr int kFormKeyBytes = 16;
 
-/// What the shopper can answer, what becomes of the payment, and the attribute of the PayInit that tells where to go.
+/// What the shopper can decide, the state it leads to, and the attribute of the PayInit that holds the return link.
 struct Decision {
     char const* m_Name;
     PaymentState m_State;
     char const* m_Link;
 };
 
-/// What becomes of a payment on which nobody decides in time.
+/// The decision on a payment that is not decided in time.
 constexpr Decision kTooLate = {"nothing", PaymentState::kExpired, "FAILLINK"};
 
 // clang-format off
@@ -49,14 +48,14 @@ constexpr std::array<Decision, 3> kDecisions = {{
 }};
 // clang-format on
 
-/// Throws HttpError when it is no time, even one that has passed.
+/// Throws HttpError unless `text` is a time; one that has passed is allowed.
 void checkExpiration(std::string const& text) {
     if (!parseExpiration(text)) {
         throw HttpError("EXPIRATION is not a time of the form YYYYMMDD hh:mm:ss: '" + text + "'");
     }
 }
 
-/// A link goes into a header of the answer: it must be an http address and nothing more than one line.
+/// A link goes into a header of the response: it must be an http address on one line.
 void checkLink(Message const& message, char const* name) {
     std::string const link = message.find(name).value_or("");
     if (link.empty()) {
@@ -119,8 +118,8 @@ bool wasDecided(PaymentState state, Decision const& decision) {
     return state == decision.m_State || (settled && decision.m_State == PaymentState::kAuthorised);
 }
 
-/// Carries the decision out, if it comes in time, and returns the one that holds. The same decision once more (a second
-/// click) is harmless. Null when the payment is decided otherwise.
+/// Applies the decision when it comes in time, and returns the decision that holds. The same decision again (a second
+/// click) is harmless. Null when the payment was decided otherwise.
 Decision const* decide(Services const& services, Payment const& payment, Decision const& decision) {
     if (payment.m_State == PaymentState::kOpened && !isOverdue(services, payment) &&
         movePayment(services, payment, {PaymentState::kOpened}, decision.m_State,
@@ -134,7 +133,7 @@ Decision const* decide(Services const& services, Payment const& payment, Decisio
     return wasDecided(state, decision) ? &decision : nullptr;
 }
 
-/// The address to which `decision` on `payment` leads; empty when the merchant gave none.
+/// The return link of `decision` with the confirmation; empty when the merchant gave none.
 std::string addressAfter(RequestContext const& context, Payment const& payment, Decision const& decision) {
     std::string const link = payment.attribute(decision.m_Link).value_or("");
     return link.empty() ? ""
@@ -146,7 +145,7 @@ std::string usedTokenReason(Payment const& payment) {
     return "TOKEN was used already, by the payment '" + payment.m_Id + "', which is " + stateName(payment.m_State);
 }
 
-/// Why nobody can decide on a payment that is not open any more.
+/// Why a payment that is not open cannot be decided.
 std::string reasonToRefuse(Services const& services, Payment const& payment) {
     if (payment.m_State == kTooLate.m_State) {
         std::optional<std::time_t> const expiration = parseExpiration(payment.attribute("EXPIRATION").value_or(""));
@@ -156,7 +155,7 @@ std::string reasonToRefuse(Services const& services, Payment const& payment) {
     return usedTokenReason(payment);
 }
 
-/// The page of a payment on which nobody can decide any more: there is nothing to do but to go back to the shop.
+/// The page of a payment that cannot be decided any more, with the return link.
 HttpResponse decidedResponse(RequestContext const& context, int status, StoredPayment const& stored,
                              std::string const& reason) {
     Payment const& payment = stored.m_Payment;
@@ -190,7 +189,7 @@ HttpResponse handlePay(RequestContext const& context) {
     if (stored.m_Message != sent.m_Text) {
         throw HttpError(usedTokenReason(payment));
     }
-    // The same message again is the shopper reloading the page, or one whose way back to the shop was lost.
+    // The same message again: the shopper reloads the page, or could not follow the return link.
     if (payment.m_State != PaymentState::kOpened) {
         return decidedResponse(context, httpstatus::kBadRequest, stored, reasonToRefuse(services, payment));
     }

@@ -18,7 +18,7 @@ struct ServerKey {
     KeyHolder m_Key;
 };
 
-/// The service's own keys, kept in the store. Old ones are still told to who asks for them. May be used by any thread.
+/// The service's own keys, kept in the store. Older keys are still available on request. May be used by any thread.
 class KeyRing {
 public:
     using Key = std::shared_ptr<ServerKey const>;
@@ -30,7 +30,7 @@ public:
     /// The newest key, which signs.
     [[nodiscard]] Key current() const;
 
-    /// The key of that identifier, null when there is none.
+    /// The key with that key id, null when there is none.
     [[nodiscard]] Key find(std::string const& id) const;
 
     /// Oldest first.
@@ -39,13 +39,13 @@ public:
     /// Makes a new key the current one and returns it. Throws std::runtime_error.
     Key rotate();
 
-    /// The key before the current one; without a rotation one that nobody has been told of, named "1-SERVER-0".
+    /// The key before the current one; without a rotation a fresh key that was never published, named "1-SERVER-0".
     [[nodiscard]] Key stale();
 
-    /// Whether keys of this service have, or may get, such an identifier.
+    /// Whether keys of this service have, or may get, such a key id.
     static bool reserves(std::string const& id);
 
-    /// A key under the identifier of the current one that is not the current one.
+    /// Another key under the key id of the current one.
     [[nodiscard]] Key impostor();
 
 private:

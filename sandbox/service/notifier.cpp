@@ -31,7 +31,7 @@ using Clock = EndSignal::Clock;
 
 constexpr std::chrono::seconds kPauseWithoutStore{5};
 
-/// Why nothing can be sent to `address`; nothing when it can.
+/// Why nothing can be sent to `address`; nothing when something can.
 std::optional<std::string> whyUnreachable(std::string const& address) {
     if (address.find('@') != std::string::npos && address.find("://") == std::string::npos) {
         return "it would be mailed to " + address;
@@ -44,7 +44,7 @@ std::optional<std::string> whyUnreachable(std::string const& address) {
     }
 }
 
-/// What is wrong with an answer that has no status.
+/// Why there is no status.
 std::string whyNoStatus(Outcome outcome, std::string const& response) {
     switch (outcome) {
         case Outcome::kTargetLost:
@@ -64,7 +64,7 @@ std::string requestText(HttpAddress const& address) {
            "\r\nUser-Agent: tallowin-sandbox\r\nConnection: close\r\n\r\n";
 }
 
-/// What came of one request to a merchant.
+/// One request to a merchant, and what came of it.
 struct Attempt {
     std::string m_Response = {};
     std::optional<int> m_Status = {};
@@ -126,7 +126,7 @@ Clock::duration delayOf(Fault const& fault) {
     return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(secondsOf(fault)));
 }
 
-/// What an address shares with those that must wait for one another. Nothing is sent to an address that cannot be read.
+/// The queue of an address: its host and port. Addresses that cannot be read share one; nothing is sent to them.
 std::string queueName(std::string const& address) {
     try {
         return parseHttpAddress(address).m_HostPort.text();
@@ -181,7 +181,7 @@ void Notifier::wake() {
 
 void Notifier::watch(Payment const& payment) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
-    // While others are watched the clock is looked at anyway.
+    // While other payments are watched the clock is checked anyway.
     m_Woken = m_Woken || m_Watched.empty();
     m_Watched.emplace(expirationOf(payment), payment.m_Id);
     m_Changed.notify_one();
@@ -213,13 +213,13 @@ void Notifier::run() {
     }
 }
 
-/// Finds what has come about. Returns when to do that again.
+/// Loads new notifications and expires payments. Returns when to do that again.
 Notifier::Clock::time_point Notifier::poll() {
     try {
         loadNew();
         expireOverdue();
     } catch (std::exception const&) {
-        // The store failed, so this can be told nowhere.
+        // The store failed, so there is nowhere to report it.
         return Clock::now() + kPauseWithoutStore;
     }
     std::lock_guard<std::mutex> const lock(m_Mutex);
@@ -250,13 +250,13 @@ void Notifier::loadNew() {
     }
 }
 
-/// Hands one notification of each lane that is not busy to the senders, if one is due. Returns when the next one is.
+/// Makes a job of the first due notification of each queue that is not busy. Returns when the next one is due.
 Notifier::Clock::time_point Notifier::queueDueJobs() {
     Clock::time_point const now = Clock::now();
     Clock::time_point next = Clock::time_point::max();
     for (auto& [name, queue] : m_Queues) {
         if (queue.m_Busy) {
-            continue;  // whoever sends calls when it is done
+            continue;  // its worker wakes this thread when it is done
         }
         auto const due = firstDue(queue.m_Waiting, now, next);
         if (due != queue.m_Waiting.end()) {
@@ -295,12 +295,12 @@ void Notifier::runWorker() {
 
 /// False when it is settled.
 bool Notifier::sendOnce(Pending& pending) {
-    // In case of a failure: no merchant is asked over and over because that could not be kept.
+    // For the case of a failure: no merchant is notified over and over because the outcome cannot be stored.
     pending.m_Due = Clock::time_point::max();
     try {
         return send(pending);
     } catch (std::exception const&) {
-        // The store failed, so this can be told nowhere. What is not settled there stays pending until the next start.
+        // The store failed. A notification that is not settled there stays pending until the next start.
         return true;
     }
 }

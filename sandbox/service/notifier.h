@@ -22,24 +22,24 @@
 namespace sandbox {
 
 /// Sends the notifications that are pending in the store, on threads of its own: those it finds at the start and those
-/// that are added later. A merchant who does not answer with a status of 200 to 299 is asked again. Only http addresses
+/// that are added later. Without a status of 200 to 299 the notification is retried. Only http addresses
 /// on this machine are contacted. Every attempt is stored as an exchange; a notification is pending in the store until
 /// it is settled.
 ///
-/// What goes to one host and port is sent one after the other, and of one payment the oldest notification first. What
-/// goes elsewhere does not wait for it, as long as one of the kWorkers threads is free.
+/// Notifications to one host and port are sent one after the other, the oldest of each payment first. Notifications to
+/// other hosts and ports do not wait for them as long as one of the kWorkers threads is free.
 ///
-/// It also makes undecided payments expired when their time has passed, whether anybody looks at them or not.
+/// It also expires undecided payments when their time has passed.
 class Notifier {
 public:
     using Clock = EndSignal::Clock;
 
-    /// At so many places at once merchants are asked.
+    /// How many merchants are notified in parallel.
     static constexpr std::size_t kWorkers = 8;
 
     /// How long things may take.
     struct Timeouts {
-        std::chrono::milliseconds m_Response;  ///< For a merchant's answer.
+        std::chrono::milliseconds m_Response;  ///< For a merchant's response.
         std::vector<std::chrono::milliseconds>
             m_Backoff;  ///< After each attempt that failed. There is one attempt more.
         std::chrono::milliseconds
@@ -54,17 +54,16 @@ public:
     Notifier(Notifier const&) = delete;
     Notifier& operator=(Notifier const&) = delete;
 
-    /// Begins to send, and to watch the payments of the store that are undecided. Throws std::runtime_error.
+    /// Starts to send, and to watch the undecided payments of the store. Throws std::runtime_error.
     void start();
 
-    /// Tells that the store has a notification more, or that the service clock was set. May be called by any thread at
-    /// any time.
+    /// To be called when a notification was added to the store or the service clock was set. Any thread, any time.
     void wake();
 
-    /// Makes `payment` expired when it is still undecided once its time has passed. As wake().
+    /// Expires `payment` when it is still undecided once its time has passed. Any thread, any time.
     void watch(Payment const& payment);
 
-    /// Cuts what is under way, which stays pending, and returns when the threads have ended.
+    /// Cuts requests in progress, whose notifications stay pending, and returns when the threads have ended.
     void stop();
 
 private:

@@ -9,8 +9,8 @@
 
 namespace sandbox {
 
-/// Leads the payment from one of the states `from` to `to` and has its merchant notified of `to` when a NOTIFYADDRESS
-/// was given. False, with nothing changed, when it is in none of them.
+/// Moves the payment from one of the states `from` to `to`, and notifies its merchant when a NOTIFYADDRESS was given.
+/// False, with nothing changed, when it is in none of them.
 bool movePayment(Services const& services, Payment const& payment, std::vector<PaymentState> const& from,
                  PaymentState to, std::string const& note);
 
@@ -20,7 +20,7 @@ std::time_t expirationOf(Payment const& payment);
 /// Whether the time to decide on the payment has passed.
 bool isOverdue(Services const& services, Payment const& payment);
 
-/// Makes an undecided payment whose time has passed an expired one. True when it is undecided and in time.
+/// Expires an undecided payment whose time has passed. True when it is undecided and in time.
 bool expireWhenOverdue(Services const& services, Payment const& payment);
 
 /// All payments, oldest first, as they are now.

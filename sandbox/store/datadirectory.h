@@ -5,7 +5,7 @@
 
 namespace sandbox {
 
-/// The directory that keeps everything, created when it is missing and held by one service at a time.
+/// The directory that holds all files of the service, created when it is missing and used by one service at a time.
 class DataDirectory {
 public:
     /// Creates `path` (mode 0700; its parent must exist) and takes the lock file in it. Throws std::runtime_error when

@@ -16,13 +16,13 @@ struct CheckStep {
     bool m_Good = true;
 };
 
-/// One request to the protocol's addresses, or to the proxy, and what the service thought of it. The texts are bytes
+/// One request to the protocol's addresses, or to the proxy, and the verdict of the service. The texts are bytes
 /// without an encoding.
 struct Exchange {
     std::int64_t m_Number = 0;  ///< Counts up from 1.
     std::string m_Time;         ///< UTC, "2024-01-31T23:59:07Z".
     ExchangeKind m_Kind = ExchangeKind::kOther;
-    std::string m_Order;              ///< ORDERID of the payment it is about, as far as that could be told.
+    std::string m_Order;              ///< ORDERID of the payment it is about, when that is known.
     std::string m_Path;               ///< Without the query.
     std::string m_Data;               ///< DATA, decoded; empty when it was missing or could not be decoded.
     std::string m_Signature;          ///< SIGNATURE as it came.
@@ -31,8 +31,8 @@ struct Exchange {
     std::string m_Request;            ///< As it came, head and body, the password covered; cut when it is very long.
     std::string m_Response;           ///< As it was made, before any fault; cut when it is very long.
     std::string m_Fault;              ///< The fault that happened to it, as faultText() writes it; empty without.
-    std::string m_Delivery;           ///< What the other side got of the answer when a fault happened; empty without.
-    std::int64_t m_Microseconds = 0;  ///< From the complete request to the complete answer.
+    std::string m_Delivery;           ///< What was sent of the response when a fault applied; empty without.
+    std::int64_t m_Microseconds = 0;  ///< From the complete request to the complete response.
 };
 
 }  // namespace sandbox

@@ -92,7 +92,7 @@ constexpr char kTables[] = R"(
     PRAGMA user_version = 3;
 )";
 
-// Whether they were carried out, the payments tell.
+// The payments show whether these requests were carried out.
 constexpr char kEndBegun[] = R"(
     INSERT INTO exchanges (time, kind, order_id, path, data, signature, verdict, steps, request, answer, fault,
         microseconds)

@@ -27,14 +27,14 @@ struct MerchantKey {
     std::string m_Blob;
 };
 
-/// A merchant's public key with what is told of it to people.
+/// A merchant's public key with its key id and when it was published.
 struct PublishedKey {
     std::string m_Id;
     MerchantKey m_Key;
     std::string m_Time;
 };
 
-/// A payment with what only the service knows of it.
+/// A payment with the parts that only the service knows.
 struct StoredPayment {
     Payment m_Payment;
     std::string m_FormKey;  ///< Must come back with the shopper's decision.
@@ -87,20 +87,20 @@ public:
     /// Of the payments the newest `count`, newest first, without those whose message has more than `longest` bytes.
     [[nodiscard]] std::vector<StoredPayment> latestPayments(std::int64_t count, std::int64_t longest);
 
-    /// Leads the payment from one of the states `from` to `step.state`, adds `step` to its history and the notification
-    /// to those that are to be sent. False, with nothing changed, when it is in none of them: of two callers at the
-    /// same time one gets true.
+    /// Moves the payment from one of the states `from` to the state of `step`, adds `step` to its history and the
+    /// notification to those that are to be sent. False, with nothing changed, when it is in none of them: of two
+    /// callers at the same time one gets true.
     bool advance(std::string const& id, std::vector<PaymentState> const& from, HistoryEntry const& step,
                  std::optional<Notification> const& notification = std::nullopt);
 
     /// Those with numbers above `after`, oldest first.
     [[nodiscard]] std::vector<Notification> notifications(std::int64_t after = 0);
 
-    /// Keeps what has become of the notification of this number.
+    /// Stores the outcome of the notification with this number.
     void updateNotification(Notification const& notification);
 
-    /// Keeps that a request has come, before it is carried out, and returns what addExchange() takes in the end. When
-    /// the service ends before that, the next one that opens the file makes an exchange without an answer of it.
+    /// Stores a request before it is carried out, and returns the number that addExchange() takes in the end. When the
+    /// service ends before that, the next one that opens the file makes an exchange without a response of it.
     std::int64_t beginExchange(Exchange const& exchange);
 
     /// Adds an exchange that has ended; `begun` when it was begun before, else 0.

@@ -46,7 +46,7 @@ private:
     Attributes m_Attributes;
 };
 
-/// The message that tells why a request was turned down.
+/// The message that reports why a request was turned down.
 std::string errorMessage(std::string const& reason);
 
 }  // namespace sandbox

@@ -14,7 +14,7 @@ namespace sandbox {
 std::string toHex(std::string const& bytes);
 
 /// The bytes behind `text`; nothing when the length is odd or a character is not "0".."9" or "a".."f".
-/// Deliberate: upper case is refused, because the other side only writes lower case and a change of that should show.
+/// Deliberate: upper case is refused, because merchants only write lower case and a change of that should show.
 std::optional<std::string> fromHex(std::string const& text);
 
 /// Every byte that is not an ASCII letter or digit becomes "%" and two lower-case hexadecimal digits.
