@@ -8,7 +8,7 @@ namespace {
 
 using E = sandbox::ExchangeKind;
 using F = sandbox::FaultKind;
-using S = Sees;
+using S = BrowserResult;
 
 constexpr std::int32_t kAsksCredentials = KVX_E_HTTP_FAMILY | 407;
 constexpr bool kTunnelled = true;
@@ -135,7 +135,7 @@ std::vector<FaultTableRow> const kRows = {
     {E::kCapture,   F::kTlsUnknownAuthority, true,  KVX_OK,                  "captured"},
     {E::kCapture,   F::kTlsAbort,            false, KVX_E_TLS_FAMILY,        "authorised"},
     {E::kCapture,   F::kHttpStatus,          false, KVX_E_HTTP_UNAVAILABLE,  "authorised"},
-    {E::kCapture,   F::kHttpStatus,          false, KVX_E_INVALID_FORMAT,    "authorised", S::kNotAsked,    "status=200"},
+    {E::kCapture,   F::kHttpStatus,          false, KVX_E_INVALID_FORMAT,    "authorised", S::kNoShopper,    "status=200"},
     {E::kCapture,   F::kError,               false, KVX_E_SERVER_ERROR,      "authorised"},
     {E::kCapture,   F::kReset,               false, KVX_E_SOCKET_RESET,      "authorised"},
     {E::kCapture,   F::kDrop,                true,  KVX_E_HTTP_BAD_REPLY,    "captured"},
@@ -156,7 +156,7 @@ std::vector<FaultTableRow> const kRows = {
     {E::kComplete,  F::kTlsUnknownAuthority, true,  KVX_OK,                  "completed"},
     {E::kComplete,  F::kTlsAbort,            false, KVX_E_TLS_FAMILY,        "captured"},
     {E::kComplete,  F::kHttpStatus,          false, KVX_E_HTTP_UNAVAILABLE,  "captured"},
-    {E::kComplete,  F::kHttpStatus,          false, KVX_E_INVALID_FORMAT,    "captured",   S::kNotAsked,    "status=200"},
+    {E::kComplete,  F::kHttpStatus,          false, KVX_E_INVALID_FORMAT,    "captured",   S::kNoShopper,    "status=200"},
     {E::kComplete,  F::kError,               false, KVX_E_SERVER_ERROR,      "captured"},
     {E::kComplete,  F::kReset,               false, KVX_E_SOCKET_RESET,      "captured"},
     {E::kComplete,  F::kDrop,                true,  KVX_E_HTTP_BAD_REPLY,    "completed"},
@@ -172,33 +172,33 @@ std::vector<FaultTableRow> const kRows = {
     {E::kComplete,  F::kWrongType,           true,  KVX_E_WRONG_RESPONSE,    "completed"},
 
     {E::kProxy,     F::kRefuse,              false, KVX_E_SOCKET_REFUSED,    "authorised"},
-    {E::kProxy,     F::kRefuse,              false, KVX_E_SOCKET_REFUSED,    "authorised",  S::kNotAsked, "", kTunnelled},
+    {E::kProxy,     F::kRefuse,              false, KVX_E_SOCKET_REFUSED,    "authorised",  S::kNoShopper, "", kTunnelled},
     {E::kProxy,     F::kProxyAuthentication, false, kAsksCredentials,        "authorised"},
-    {E::kProxy,     F::kProxyAuthentication, false, kAsksCredentials,        "authorised",  S::kNotAsked, "", kTunnelled},
+    {E::kProxy,     F::kProxyAuthentication, false, kAsksCredentials,        "authorised",  S::kNoShopper, "", kTunnelled},
     {E::kProxy,     F::kHttpStatus,          false, KVX_E_HTTP_UNAVAILABLE,  "authorised"},
-    {E::kProxy,     F::kHttpStatus,          false, KVX_E_HTTP_UNAVAILABLE,  "authorised",  S::kNotAsked, "", kTunnelled},
+    {E::kProxy,     F::kHttpStatus,          false, KVX_E_HTTP_UNAVAILABLE,  "authorised",  S::kNoShopper, "", kTunnelled},
     {E::kProxy,     F::kReset,               false, KVX_E_SOCKET_RESET,      "authorised"},
-    {E::kProxy,     F::kReset,               false, KVX_E_SOCKET_RESET,      "authorised",  S::kNotAsked, "", kTunnelled},
+    {E::kProxy,     F::kReset,               false, KVX_E_SOCKET_RESET,      "authorised",  S::kNoShopper, "", kTunnelled},
     {E::kProxy,     F::kDrop,                true,  KVX_E_HTTP_BAD_REPLY,    "captured"},
-    {E::kProxy,     F::kDrop,                false, KVX_E_HTTP_BAD_REPLY,    "authorised",  S::kNotAsked, "", kTunnelled},
+    {E::kProxy,     F::kDrop,                false, KVX_E_HTTP_BAD_REPLY,    "authorised",  S::kNoShopper, "", kTunnelled},
     {E::kProxy,     F::kDelay,               true,  KVX_OK,                  "captured"},
-    {E::kProxy,     F::kDelay,               true,  KVX_OK,                  "captured",    S::kNotAsked, "", kTunnelled},
+    {E::kProxy,     F::kDelay,               true,  KVX_OK,                  "captured",    S::kNoShopper, "", kTunnelled},
     {E::kProxy,     F::kStallBefore,         true,  KVX_E_HTTP_BAD_REPLY,    "captured"},
-    {E::kProxy,     F::kStallBefore,         false, KVX_E_HTTP_BAD_REPLY,    "authorised",  S::kNotAsked, "", kTunnelled},
+    {E::kProxy,     F::kStallBefore,         false, KVX_E_HTTP_BAD_REPLY,    "authorised",  S::kNoShopper, "", kTunnelled},
     {E::kProxy,     F::kStallInside,         true,  KVX_E_INVALID_FORMAT,    "captured"},
-    {E::kProxy,     F::kStallInside,         false, KVX_E_TLS_FAMILY,        "authorised",  S::kNotAsked, "", kTunnelled},
+    {E::kProxy,     F::kStallInside,         false, KVX_E_TLS_FAMILY,        "authorised",  S::kNoShopper, "", kTunnelled},
     {E::kProxy,     F::kBytewise,            true,  KVX_OK,                  "captured"},
-    {E::kProxy,     F::kBytewise,            false, KVX_E_HTTP_BAD_REPLY,    "authorised",  S::kNotAsked, "seconds=0.5", kTunnelled},
+    {E::kProxy,     F::kBytewise,            false, KVX_E_HTTP_BAD_REPLY,    "authorised",  S::kNoShopper, "seconds=0.5", kTunnelled},
     {E::kProxy,     F::kTruncate,            true,  KVX_E_INVALID_FORMAT,    "captured"},
-    {E::kProxy,     F::kTruncate,            false, KVX_E_TLS_FAMILY,        "authorised",  S::kNotAsked, "", kTunnelled},
+    {E::kProxy,     F::kTruncate,            false, KVX_E_TLS_FAMILY,        "authorised",  S::kNoShopper, "", kTunnelled},
     {E::kProxy,     F::kNoBlankLine,         true,  KVX_E_HTTP_BAD_REPLY,    "captured"},
-    {E::kProxy,     F::kNoBlankLine,         false, KVX_E_TLS_FAMILY,        "authorised",  S::kNotAsked, "", kTunnelled},
+    {E::kProxy,     F::kNoBlankLine,         false, KVX_E_TLS_FAMILY,        "authorised",  S::kNoShopper, "", kTunnelled},
     {E::kProxy,     F::kNulBytes,            true,  KVX_E_INVALID_FORMAT,    "captured"},
-    {E::kProxy,     F::kNulBytes,            false, KVX_E_TLS_FAMILY,        "authorised",  S::kNotAsked, "", kTunnelled},
+    {E::kProxy,     F::kNulBytes,            false, KVX_E_TLS_FAMILY,        "authorised",  S::kNoShopper, "", kTunnelled},
     {E::kProxy,     F::kTwice,               true,  KVX_OK,                  "captured"},
-    {E::kProxy,     F::kTwice,               false, KVX_E_TLS_FAMILY,        "authorised",  S::kNotAsked, "", kTunnelled},
+    {E::kProxy,     F::kTwice,               false, KVX_E_TLS_FAMILY,        "authorised",  S::kNoShopper, "", kTunnelled},
     {E::kProxy,     F::kHuge,                true,  KVX_OK,                  "captured"},
-    {E::kProxy,     F::kHuge,                false, KVX_E_TLS_FAMILY,        "authorised",  S::kNotAsked, "", kTunnelled},
+    {E::kProxy,     F::kHuge,                false, KVX_E_TLS_FAMILY,        "authorised",  S::kNoShopper, "", kTunnelled},
 };
 
 std::vector<LeftOutExchange> const kLeftOut = {

@@ -13,39 +13,39 @@
 namespace kvxtest {
 
 /// What the shopper's browser gets.
-enum class Sees {
-    kNotAsked,     ///< No shopper takes part.
-    kWhole,        ///< The answer.
-    kWrongReturn,  ///< The way back to the shop, with a confirmation that is not what it should be.
+enum class BrowserResult {
+    kNoShopper,    ///< No shopper takes part.
+    kWhole,        ///< The response.
+    kWrongReturn,  ///< The return link, with a confirmation that is not what it should be.
     kNothing,      ///< Not a byte, and the end.
     kReset,        ///< The connection is reset.
-    kCut,          ///< The beginning of the answer.
+    kCut,          ///< The beginning of the response.
     kStatus,       ///< Another status, and a text.
     kNoBlankLine,  ///< No empty line between head and body.
-    kZeroByte,     ///< The answer with a zero byte in its body.
-    kTwice,        ///< The answer, and all of it again.
-    kHuge,         ///< The answer, and blanks.
+    kZeroByte,     ///< The response with a zero byte in its body.
+    kTwice,        ///< The response, and all of it again.
+    kHuge,         ///< The response, and blanks.
 };
 
-/// Nobody calls the component, or with nothing.
+/// The component is not called, or has nothing to verify.
 inline constexpr std::optional<std::int32_t> kNotCalled = std::nullopt;
 
 struct FaultTableRow {
     sandbox::ExchangeKind m_Exchange;
     sandbox::FaultKind m_Kind;
-    bool m_CarriedOut;  ///< Whether the service did what it was asked.
+    bool m_CarriedOut;  ///< Whether the service carried out the request.
 
     /// Of the function that made the exchange; for a decision, of verifying what came back. KVX_E_TLS_FAMILY stands for
     /// the whole family.
     std::optional<std::int32_t> m_Result;
 
     /// For a set-up a character each for config.xml, default.xml, the server's key and the merchant's current key: "."
-    /// as before, "n" new, "r" new with what came behind the answer, "f" another than asked for. Else the state of the
+    /// as before, "n" new, "r" new with what followed the response, "f" another than asked for. Else the state of the
     /// payment, "none" when the service knows of none.
     char const* m_Left;
-    Sees m_Sees = Sees::kNotAsked;
+    BrowserResult m_BrowserResult = BrowserResult::kNoShopper;
     char const* m_Details = "";  ///< More of the fault, as it is spelled: "status=200".
-    bool m_Tunnelled = false;    ///< At the proxy: it was asked for a tunnel, not to forward the request.
+    bool m_Tunnelled = false;    ///< At the proxy: by a tunnel, not by forwarding the request.
 };
 
 /// By exchange, and within one by fault, both in the order of the sandbox.

@@ -93,22 +93,22 @@ constexpr CodeName kCodeNames[] = {
     {KVX_E_WRONG_RESPONSE,    "`KVX_E_WRONG_RESPONSE`"},
 };
 
-struct SeesText {
-    Sees m_Sees;
+struct BrowserResultText {
+    BrowserResult m_BrowserResult;
     char const* m_Text;
 };
 
-constexpr SeesText kSeesTexts[] = {
-    {Sees::kWhole,       "the answer"},
-    {Sees::kWrongReturn, "the way back to the shop"},
-    {Sees::kNothing,     "nothing"},
-    {Sees::kReset,       "a reset"},
-    {Sees::kCut,         "the beginning of the answer"},
-    {Sees::kStatus,      "a status and a text"},
-    {Sees::kNoBlankLine, "an answer without the empty line"},
-    {Sees::kZeroByte,    "an answer with a zero byte in it"},
-    {Sees::kTwice,       "the answer twice"},
-    {Sees::kHuge,        "the answer and blanks"},
+constexpr BrowserResultText kBrowserResultTexts[] = {
+    {BrowserResult::kWhole,       "the answer"},
+    {BrowserResult::kWrongReturn, "the way back to the shop"},
+    {BrowserResult::kNothing,     "nothing"},
+    {BrowserResult::kReset,       "a reset"},
+    {BrowserResult::kCut,         "the beginning of the answer"},
+    {BrowserResult::kStatus,      "a status and a text"},
+    {BrowserResult::kNoBlankLine, "an answer without the empty line"},
+    {BrowserResult::kZeroByte,    "an answer with a zero byte in it"},
+    {BrowserResult::kTwice,       "the answer twice"},
+    {BrowserResult::kHuge,        "the answer and blanks"},
 };
 // clang-format on
 
@@ -125,9 +125,9 @@ std::string codeName(std::optional<std::int32_t> const& result) {
     throw std::logic_error("a result without a name for people");
 }
 
-std::string seesText(Sees sees) {
-    for (SeesText const& row : kSeesTexts) {
-        if (row.m_Sees == sees) {
+std::string browserResultText(BrowserResult expected) {
+    for (BrowserResultText const& row : kBrowserResultTexts) {
+        if (row.m_BrowserResult == expected) {
             return row.m_Text;
         }
     }
@@ -185,7 +185,8 @@ std::string whatToDo(FaultTableRow const& row) {
         return whatToDoAfterSetUp(row);
     }
     if (row.m_Exchange == ExchangeKind::kPage) {
-        return row.m_Sees == Sees::kWhole ? kNothingToDo : "let the shopper load the page again: safe";
+        return row.m_BrowserResult == BrowserResult::kWhole ? kNothingToDo
+                                                            : "let the shopper load the page again: safe";
     }
     if (row.m_Exchange == ExchangeKind::kDecision) {
         return whatToDoAtTheDecision(row);
@@ -220,7 +221,7 @@ std::string outcome(FaultTableRow const& row) {
     }
     if (isOfShopper(row.m_Exchange)) {
         std::string const result = row.m_Result == kNotCalled ? kNoConfirmation : codeName(row.m_Result);
-        return seesText(row.m_Sees) + " | " + result + " | " + row.m_Left;
+        return browserResultText(row.m_BrowserResult) + " | " + result + " | " + row.m_Left;
     }
     return codeName(row.m_Result) + " | " + row.m_Left;
 }

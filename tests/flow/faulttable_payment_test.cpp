@@ -1,6 +1,6 @@
 // Captures and completions on which something goes wrong.
 
-#include "tests/flow/faulthappening.h"
+#include "tests/flow/armedrow.h"
 #include "tests/flow/flowsupport.h"
 
 using namespace kvxtest;
@@ -31,7 +31,7 @@ void expectPayments(Sandbox& sandbox, Shop const& shop, std::vector<FaultTableRo
             ASSERT_EQ(shop.capture(returned.m_Data), KVX_OK);
         }
         {
-            HappeningRow const happening(sandbox.service(), row, order.m_Id);
+            ArmedRow const armed(sandbox.service(), row, order.m_Id);
             EXPECT_EQ(asInRows(ask()), row.m_Result);
         }
         EXPECT_EQ(sandbox.stateOf(token), row.m_Left);

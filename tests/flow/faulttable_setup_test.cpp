@@ -2,7 +2,7 @@
 
 #include <filesystem>
 
-#include "tests/flow/faulthappening.h"
+#include "tests/flow/armedrow.h"
 #include "tests/flow/flowsupport.h"
 
 using namespace kvxtest;
@@ -86,7 +86,7 @@ void expectSetUps(Sandbox& sandbox, std::string const& url, std::vector<FaultTab
         watched.age();
         long const before = carriedOut(sandbox.service(), row.m_Exchange);
         {
-            HappeningRow const happening(sandbox.service(), row);
+            ArmedRow const armed(sandbox.service(), row);
             EXPECT_EQ(asInRows(watched.setUp()), row.m_Result);
         }
         EXPECT_EQ(watched.written(), row.m_Left);

@@ -6,7 +6,7 @@
 #include <optional>
 
 #include "sandbox/service/confirmation.h"
-#include "tests/flow/faulthappening.h"
+#include "tests/flow/armedrow.h"
 #include "tests/flow/flowsupport.h"
 #include "tests/sandbox/support/rawclient.h"
 
@@ -73,31 +73,31 @@ bool isWrongReturn(std::string const& bytes, std::string const& whole) {
            (wrong->m_Data != right->m_Data || wrong->m_Signature != right->m_Signature);
 }
 
-/// Whether a browser that got `received` in the place of `whole` saw what `sees` says.
-bool saw(Sees sees, Received const& received, std::string const& whole) {
+/// Whether a browser that got `received` in the place of `whole` saw what `expected` says.
+bool isExpected(BrowserResult expected, Received const& received, std::string const& whole) {
     std::string const& bytes = received.m_Bytes;
-    switch (sees) {
-        case Sees::kNotAsked:
+    switch (expected) {
+        case BrowserResult::kNoShopper:
             return false;
-        case Sees::kWhole:
+        case BrowserResult::kWhole:
             return bytes == whole;
-        case Sees::kWrongReturn:
+        case BrowserResult::kWrongReturn:
             return isWrongReturn(bytes, whole);
-        case Sees::kNothing:
+        case BrowserResult::kNothing:
             return bytes.empty() && !received.m_Reset;
-        case Sees::kReset:
+        case BrowserResult::kReset:
             return bytes.empty() && received.m_Reset;
-        case Sees::kCut:
+        case BrowserResult::kCut:
             return !bytes.empty() && bytes.size() < whole.size() && whole.compare(0, bytes.size(), bytes) == 0;
-        case Sees::kStatus:
+        case BrowserResult::kStatus:
             return isStatus(bytes);
-        case Sees::kNoBlankLine:
+        case BrowserResult::kNoBlankLine:
             return bytes == replaced(whole, "\r\n\r\n", "\r\n");
-        case Sees::kZeroByte:
+        case BrowserResult::kZeroByte:
             return bytes.size() == whole.size() + 1 && replaced(bytes, std::string(1, '\0'), "") == whole;
-        case Sees::kTwice:
+        case BrowserResult::kTwice:
             return bytes == whole + whole;
-        case Sees::kHuge:
+        case BrowserResult::kHuge:
             return isHuge(bytes, whole);
     }
     return false;
@@ -116,13 +116,13 @@ void expectPages(Sandbox& sandbox, Shop const& shop) {
         std::string const url = payment.url();
         Received received;
         {
-            HappeningRow const happening(sandbox.service(), row, payment.get("ORDERID"));
+            ArmedRow const armed(sandbox.service(), row, payment.get("ORDERID"));
             received = receive(sandbox.service(), getRequest(url));
         }
         EXPECT_EQ(stateOrNone(sandbox, payment.get("TOKEN")), row.m_Left);
 
         std::string const again = receive(sandbox.service(), getRequest(url)).m_Bytes;
-        EXPECT_TRUE(saw(row.m_Sees, received, again)) << received.m_Bytes.substr(0, again.size() * 2);
+        EXPECT_TRUE(isExpected(row.m_BrowserResult, received, again)) << received.m_Bytes.substr(0, again.size() * 2);
         EXPECT_EQ(shop.verify(sandbox.shopper(url, "pay")), KVX_OK);
         EXPECT_EQ(sandbox.stateOf(payment.get("TOKEN")), "authorised");
     }
@@ -150,14 +150,15 @@ void expectDecisions(Sandbox& sandbox, Shop const& shop) {
         std::string const request = sandbox.decisionRequest(payment.url(), "pay");
         Received received;
         {
-            HappeningRow const happening(sandbox.service(), row, payment.get("ORDERID"));
+            ArmedRow const armed(sandbox.service(), row, payment.get("ORDERID"));
             received = receive(sandbox.service(), request);
         }
         EXPECT_EQ(sandbox.stateOf(token), row.m_Left);
         EXPECT_EQ(verifyReturn(shop, received, row.m_Kind), row.m_Result);
 
         Received const again = receive(sandbox.service(), request);
-        EXPECT_TRUE(saw(row.m_Sees, received, again.m_Bytes)) << received.m_Bytes.substr(0, again.m_Bytes.size() * 2);
+        EXPECT_TRUE(isExpected(row.m_BrowserResult, received, again.m_Bytes))
+            << received.m_Bytes.substr(0, again.m_Bytes.size() * 2);
         EXPECT_EQ(verifyReturn(shop, again, FaultKind::kBytewise), KVX_OK);
         EXPECT_EQ(timesIn(sandbox.service(), token, "authorised"), 1);
     }

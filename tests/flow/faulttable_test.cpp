@@ -8,7 +8,7 @@
 #include <iterator>
 #include <tuple>
 
-#include "tests/flow/faulthappening.h"
+#include "tests/flow/armedrow.h"
 #include "tests/flow/flowsupport.h"
 
 using namespace kvxtest;
@@ -60,7 +60,7 @@ TEST(FaultTable, HasRowsForNothingElseAndInOrder) {
         SCOPED_TRACE(nameOf(row));
         EXPECT_FALSE(isLeftOut(row.m_Exchange));
         EXPECT_NO_THROW(faultOf(row));
-        EXPECT_EQ(row.m_Sees != Sees::kNotAsked, isOfShopper(row.m_Exchange));
+        EXPECT_EQ(row.m_BrowserResult != BrowserResult::kNoShopper, isOfShopper(row.m_Exchange));
         EXPECT_TRUE(!row.m_Tunnelled || row.m_Exchange == ExchangeKind::kProxy);
         EXPECT_TRUE(before == nullptr || placeOf(*before) <= placeOf(row));
         before = &row;

@@ -202,8 +202,8 @@ TEST(Payment, StateCanBeAskedForWithARequest) {
     FlowMessage const status = shop.filled("<KVX MSGTYPE=\"Status\" TOKEN=\"" + payment.get("TOKEN") + "\"/>");
     KVX_HANDLE response = nullptr;
     ASSERT_EQ(MessageObject_Execute(status.handle(), &response), KVX_OK) << sandbox.lastVerdict();
-    FlowMessage const told(response);
-    EXPECT_EQ(told.get("MSGTYPE"), "StatusResponse");
-    EXPECT_EQ(told.get("STATE"), "authorised");
-    EXPECT_EQ(shop.verified(returned).get("ID"), told.get("ID"));
+    FlowMessage const reported(response);
+    EXPECT_EQ(reported.get("MSGTYPE"), "StatusResponse");
+    EXPECT_EQ(reported.get("STATE"), "authorised");
+    EXPECT_EQ(shop.verified(returned).get("ID"), reported.get("ID"));
 }

@@ -93,7 +93,7 @@ private:
     int m_Output = -1;
 };
 
-TEST(SandboxProgram, TellsItsAddressesAsJsonAndEndsOnSignals) {
+TEST(SandboxProgram, ReportsItsAddressesAsJsonAndEndsOnSignals) {
     for (int const ending : {SIGTERM, SIGINT}) {
         TemporaryDirectory const directory;
         Program program({"--data", directory.path(), "--json", "--tls", "--account", "shop:p:w"});
@@ -138,7 +138,7 @@ TEST(SandboxProgram, RunsAProxyWhenItIsAskedTo) {
     EXPECT_EQ(program.status(), 0);
 }
 
-TEST(SandboxProgram, TellsWhereItsFilesAreFromEverywhere) {
+TEST(SandboxProgram, ReportsWhereItsFilesAreFromEverywhere) {
     TemporaryDirectory const directory;
     std::string const relative = std::filesystem::relative(directory.path()).string();
     Program program({"--data", relative, "--json", "--tls"});
@@ -150,7 +150,7 @@ TEST(SandboxProgram, TellsWhereItsFilesAreFromEverywhere) {
     }
 }
 
-TEST(SandboxProgram, TellsItsAddressesInWords) {
+TEST(SandboxProgram, ReportsItsAddressesInWords) {
     TemporaryDirectory const directory;
     Program program({"--data", directory.path()});
     std::string const line = program.line();
@@ -198,7 +198,7 @@ TEST(SandboxProgram, RefusesAFaultThatCannotHappen) {
     EXPECT_EQ(Program({"--data", directory.path(), "--fault"}).status(), 2);
 }
 
-TEST(SandboxProgram, TellsWhyItCannotStart) {
+TEST(SandboxProgram, ReportsWhyItCannotStart) {
     TemporaryDirectory const directory;
     Program program({"--data", directory.path() + "/missing/data"});
     EXPECT_THAT(program.line(), HasSubstr("cannot create the data directory"));

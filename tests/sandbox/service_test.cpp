@@ -56,7 +56,7 @@ TEST_F(SandboxService, KeepsKeysAndPaymentsOverARestart) {
     EXPECT_EQ(attributeOf(askCapture(confirm), "RESULT"), "captured");
 }
 
-TEST_F(SandboxService, TellsOfRequestsThatAKillCutOff) {
+TEST_F(SandboxService, ReportsOfRequestsThatAKillCutOff) {
     m_Service.reset();
     sandbox::Database(m_Directory.path() + "/sandbox.db")
         .execute(
@@ -93,7 +93,7 @@ TEST_F(SandboxService, CarriesOutNothingThatItCannotRecord) {
     EXPECT_EQ(attributeOf(askCapture(confirm), "RESULT"), "captured");
 }
 
-TEST_F(SandboxService, TellsThatItCouldNotRecordWhatItDid) {
+TEST_F(SandboxService, ReportsThatItCouldNotRecordWhatItDid) {
     std::string const confirm = authorise("t1");
     std::size_t const exchanges = m_Service->exchanges().size();
     sandbox::Database database(m_Directory.path() + "/sandbox.db");

@@ -32,7 +32,7 @@ protected:
         return json::parse(response.m_Body);
     }
 
-    [[nodiscard]] json tell(std::string const& target) const { return content(bareRequest("GET", target), 200); }
+    [[nodiscard]] json getJson(std::string const& target) const { return content(bareRequest("GET", target), 200); }
 
     json post(std::string const& target, json const& body, int status = 201) const {
         return content(jsonPost(target, body.dump()), status);
@@ -44,12 +44,12 @@ protected:
     }
 
     [[nodiscard]] json payment(std::string const& filter) const {
-        json const payments = tell("/control/payments?" + filter).at("payments");
+        json const payments = getJson("/control/payments?" + filter).at("payments");
         EXPECT_EQ(payments.size(), 1u) << filter;
         return payments.at(0);
     }
 
-    [[nodiscard]] json lastExchange() const { return tell("/control/exchanges").at("exchanges").back(); }
+    [[nodiscard]] json lastExchange() const { return getJson("/control/exchanges").at("exchanges").back(); }
 
     /// The value of an attribute as the control API tells it.
     static std::string attribute(json const& payment, std::string const& name) {
@@ -64,10 +64,10 @@ protected:
 
 // --- The service
 
-TEST_F(Control, TellsAddressesKeyClockAndCounts) {
+TEST_F(Control, ReportsAddressesKeyClockAndCounts) {
     openPage(m_Merchant.payInit("t1"));
     post("/control/faults", {{"kind", "drop"}});
-    json const service = tell("/control");
+    json const service = getJson("/control");
     EXPECT_EQ(service.at("addresses"), (json{{"plain", m_Service->baseUrl()}, {"control", m_Service->controlUrl()}}));
     EXPECT_EQ(service.at("serverKeyId"), m_Service->serverKeyId());
     EXPECT_EQ(service.at("clock"), (json{{"present", "2023-11-14T22:13:20Z"}, {"ahead", 0}}));
@@ -80,12 +80,12 @@ TEST_F(Control, TellsAddressesKeyClockAndCounts) {
                                           {"faults", 1}}));
 }
 
-TEST_F(Control, TellsTheAddressesThatThereAre) {
+TEST_F(Control, ReportsTheAddressesThatThereAre) {
     sandbox::Options all = options();
     all.m_Tls = true;
     all.m_Proxy = true;
     restart(all);
-    json const addresses = tell("/control").at("addresses");
+    json const addresses = getJson("/control").at("addresses");
     EXPECT_EQ(addresses.at("tls"), m_Service->tlsBaseUrl());
     EXPECT_THAT(addresses.at("proxy").get<std::string>(), HasSubstr("http://127.0.0.1:"));
     std::string const overTls =
@@ -107,12 +107,12 @@ TEST_F(Control, ArmsAFaultSeesItHappenAndLiftsIt) {
                            {"times", 2},
                            {"text", "no"},
                            {"happened", 0}}));
-    EXPECT_EQ(tell("/control/faults"), (json{{"faults", {armed}}}));
+    EXPECT_EQ(getJson("/control/faults"), (json{{"faults", {armed}}}));
     std::string const setup = "<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>";
     EXPECT_EQ(reasonOf(askAuto(setup)), "no");
     EXPECT_EQ(lastExchange().at("fault"), "error,exchange=setup,times=2,text=no");
     EXPECT_EQ(lastExchange().at("verdict"), "not looked at");
-    EXPECT_EQ(tell("/control/faults").at("faults").at(0).at("happened"), 1);
+    EXPECT_EQ(getJson("/control/faults").at("faults").at(0).at("happened"), 1);
     EXPECT_EQ(content(bareRequest("DELETE", "/control/faults/1"), 200), (json{{"faults", json::array()}}));
     EXPECT_EQ(attributeOf(askAuto(setup), "MSGTYPE"), "SetupResponse");
     EXPECT_EQ(lastExchange().at("fault"), "");
@@ -121,7 +121,7 @@ TEST_F(Control, ArmsAFaultSeesItHappenAndLiftsIt) {
 TEST_F(Control, ForgetsAFaultThatHasHappenedOftenEnough) {
     post("/control/faults", {{"kind", "error"}, {"exchange", "setup"}});
     EXPECT_NE(reasonOf(askAuto("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>")), "");
-    EXPECT_EQ(tell("/control/faults"), (json{{"faults", json::array()}}));
+    EXPECT_EQ(getJson("/control/faults"), (json{{"faults", json::array()}}));
     EXPECT_THAT(error(bareRequest("DELETE", "/control/faults/1"), 404), HasSubstr("no fault '1'"));
 }
 
@@ -130,7 +130,7 @@ TEST_F(Control, CountsAFaultThatStays) {
     for (int i = 0; i < 3; ++i) {
         EXPECT_NE(reasonOf(askAuto("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>")), "");
     }
-    json const fault = tell("/control/faults").at("faults").at(0);
+    json const fault = getJson("/control/faults").at("faults").at(0);
     EXPECT_EQ(fault.at("times"), "always");
     EXPECT_EQ(fault.at("happened"), 3);
 }
@@ -219,8 +219,8 @@ TEST_F(Control, RefusesFaultsWithTheReason) {
     EXPECT_THAT(m_Service->faults(), IsEmpty());
 }
 
-TEST_F(Control, TellsAllKindsOfFaults) {
-    json const kinds = tell("/control/faults/kinds").at("kinds");
+TEST_F(Control, ReportsAllKindsOfFaults) {
+    json const kinds = getJson("/control/faults/kinds").at("kinds");
     ASSERT_EQ(kinds.size(), sandbox::allFaultKinds().size());
     for (std::size_t i = 0; i < kinds.size(); ++i) {
         sandbox::FaultKindRow const& row = sandbox::allFaultKinds()[i];
@@ -239,7 +239,7 @@ TEST_F(Control, TellsAllKindsOfFaults) {
 
 TEST_F(Control, ArmsEveryKindWithWhatItTakes) {
     json const values = {{"seconds", 1.5}, {"bytes", 10}, {"status", 404}, {"text", "x"}, {"megabytes", 3}};
-    json const kinds = tell("/control/faults/kinds").at("kinds");
+    json const kinds = getJson("/control/faults/kinds").at("kinds");
     ASSERT_FALSE(kinds.empty());
     for (json const& kind : kinds) {
         for (json const& exchange : kind.at("exchanges")) {
@@ -256,43 +256,43 @@ TEST_F(Control, ArmsEveryKindWithWhatItTakes) {
 
 // --- Payments and exchanges
 
-TEST_F(Control, TellsAPaymentFromItsOpeningToItsCapture) {
+TEST_F(Control, ReportsAPaymentFromItsOpeningToItsCapture) {
     std::string const confirm = authorise("t1");
     EXPECT_EQ(payment("order=A-17").at("state"), "authorised");
     askCapture(confirm);
-    json const told = payment("order=A-17");
-    EXPECT_EQ(told.at("id"), m_Service->payments().at(0).m_Id);
-    EXPECT_EQ(told.at("account"), "demo");
-    EXPECT_EQ(told.at("token"), "t1");
-    EXPECT_EQ(told.at("state"), "captured");
-    EXPECT_EQ(told.at("notifications"), json::array());
-    EXPECT_EQ(attribute(told, "AMOUNT"), "12.50");
-    EXPECT_EQ(told.at("attributes").at(0), (json{{"name", "MSGTYPE"}, {"value", "PayInit"}}));
-    ASSERT_EQ(told.at("history").size(), 3u);
-    EXPECT_EQ(told.at("history").at(0),
+    json const reported = payment("order=A-17");
+    EXPECT_EQ(reported.at("id"), m_Service->payments().at(0).m_Id);
+    EXPECT_EQ(reported.at("account"), "demo");
+    EXPECT_EQ(reported.at("token"), "t1");
+    EXPECT_EQ(reported.at("state"), "captured");
+    EXPECT_EQ(reported.at("notifications"), json::array());
+    EXPECT_EQ(attribute(reported, "AMOUNT"), "12.50");
+    EXPECT_EQ(reported.at("attributes").at(0), (json{{"name", "MSGTYPE"}, {"value", "PayInit"}}));
+    ASSERT_EQ(reported.at("history").size(), 3u);
+    EXPECT_EQ(reported.at("history").at(0),
               (json{{"time", "2023-11-14T22:13:20Z"}, {"state", "opened"}, {"note", "payment page asked for"}}));
-    EXPECT_EQ(told.at("history").at(2).at("state"), "captured");
+    EXPECT_EQ(reported.at("history").at(2).at("state"), "captured");
 }
 
-TEST_F(Control, TellsTheNotificationsOfEachPayment) {
+TEST_F(Control, ReportsTheNotificationsOfEachPayment) {
     for (char const* token : {"t1", "t2"}) {
         std::string const address = " NOTIFYADDRESS=\"" + std::string(token) + "@localhost\"";
         press(openPage(m_Merchant.payInit(token, address)), *(token + 1) == '1' ? "pay" : "decline");
     }
-    json const payments = tell("/control/payments").at("payments");
+    json const payments = getJson("/control/payments").at("payments");
     ASSERT_EQ(payments.size(), 2u);
-    for (json const& told : payments) {
-        ASSERT_EQ(told.at("notifications").size(), 1u) << told;
-        json const notification = told.at("notifications").at(0);
-        EXPECT_EQ(notification.at("payment"), told.at("id"));
-        EXPECT_EQ(notification.at("address"), told.at("token").get<std::string>() + "@localhost");
-        EXPECT_EQ(notification.at("result"), told.at("state"));
-        EXPECT_EQ(notification.at("number"), told.at("token") == "t1" ? 1 : 2);
+    for (json const& reported : payments) {
+        ASSERT_EQ(reported.at("notifications").size(), 1u) << reported;
+        json const notification = reported.at("notifications").at(0);
+        EXPECT_EQ(notification.at("payment"), reported.at("id"));
+        EXPECT_EQ(notification.at("address"), reported.at("token").get<std::string>() + "@localhost");
+        EXPECT_EQ(notification.at("result"), reported.at("state"));
+        EXPECT_EQ(notification.at("number"), reported.at("token") == "t1" ? 1 : 2);
         EXPECT_TRUE(notification.at("pending").is_boolean());
         EXPECT_TRUE(notification.at("attempts").is_number_integer());
         EXPECT_TRUE(notification.at("outcome").is_string());
     }
-    EXPECT_EQ(tell("/control").at("counts").at("notifications"), 2);
+    EXPECT_EQ(getJson("/control").at("counts").at("notifications"), 2);
 }
 
 TEST_F(Control, FiltersPayments) {
@@ -301,9 +301,9 @@ TEST_F(Control, FiltersPayments) {
     openPage(m_Merchant.message("PayInit", " TOKEN=\"t3\" EXPIRATION=\"20991231 23:59:59\""));
     auto const tokens = [this](std::string const& query) {
         std::vector<std::string> found;
-        json const response = tell("/control/payments" + query);
-        for (json const& told : response.at("payments")) {
-            found.push_back(told.at("token").get<std::string>());
+        json const response = getJson("/control/payments" + query);
+        for (json const& reported : response.at("payments")) {
+            found.push_back(reported.at("token").get<std::string>());
         }
         return found;
     };
@@ -322,16 +322,16 @@ TEST_F(Control, FiltersPayments) {
     EXPECT_THAT(error(bareRequest("GET", "/control/payments?id=1&id=2"), 400), HasSubstr("twice"));
 }
 
-TEST_F(Control, TellsBytesThatAreNotUtf8InASecondMember) {
+TEST_F(Control, ReportsBytesThatAreNotUtf8InASecondMember) {
     openPage(m_Merchant.message("PayInit",
                                 " TOKEN=\"t\xFF\" EXPIRATION=\"20991231 23:59:59\" ORDERID=\"Caf\xE9\""
                                 " DESCRIPTION=\"Caf\xC3\xA9 \x01\""));
-    json const told = tell("/control/payments").at("payments").at(0);
-    EXPECT_EQ(told.at("token"), "t\uFFFD");
-    EXPECT_EQ(told.at("tokenHex"), "74ff");
-    json const order = told.at("attributes").at(4);
+    json const reported = getJson("/control/payments").at("payments").at(0);
+    EXPECT_EQ(reported.at("token"), "t\uFFFD");
+    EXPECT_EQ(reported.at("tokenHex"), "74ff");
+    json const order = reported.at("attributes").at(4);
     EXPECT_EQ(order, (json{{"name", "ORDERID"}, {"value", "Caf\uFFFD"}, {"valueHex", "436166e9"}}));
-    EXPECT_EQ(told.at("attributes").at(5), (json{{"name", "DESCRIPTION"}, {"value", "Caf\u00e9 \u0001"}}));
+    EXPECT_EQ(reported.at("attributes").at(5), (json{{"name", "DESCRIPTION"}, {"value", "Caf\u00e9 \u0001"}}));
     json const exchange = lastExchange();
     EXPECT_EQ(exchange.at("order"), "Caf\uFFFD");
     EXPECT_EQ(exchange.at("orderHex"), "436166e9");
@@ -341,7 +341,7 @@ TEST_F(Control, TellsBytesThatAreNotUtf8InASecondMember) {
     EXPECT_EQ(payment("order=Caf%e9").at("tokenHex"), "74ff");
 }
 
-TEST_F(Control, TellsZeroBytes) {
+TEST_F(Control, ReportsZeroBytes) {
     std::string const data = "<KVX MSGTYPE=\"PayInit\"/>" + std::string(1, '\0');
     openPage(data);
     json const exchange = lastExchange();
@@ -354,36 +354,36 @@ TEST_F(Control, TellsZeroBytes) {
     EXPECT_THAT(posted.at("requestHex").get<std::string>(), ::testing::EndsWith("0d0a610062ff"));
 }
 
-TEST_F(Control, TellsAnExchangeCompletely) {
+TEST_F(Control, ReportsAnExchangeCompletely) {
     std::string const text = m_Merchant.payInit("t1");
     std::string const signature = m_Merchant.sign(text);
     openPage(text);
-    json const told = lastExchange();
-    EXPECT_EQ(told.at("number"), 2);
-    EXPECT_EQ(told.at("time"), "2023-11-14T22:13:20Z");
-    EXPECT_EQ(told.at("kind"), "page");
-    EXPECT_EQ(told.at("order"), "A-17");
-    EXPECT_EQ(told.at("path"), "/pay");
-    EXPECT_EQ(told.at("verdict"), "ok");
-    EXPECT_EQ(told.at("fault"), "");
-    EXPECT_EQ(told.at("data"), text);
-    EXPECT_EQ(told.at("signature"), signature);
-    EXPECT_GT(told.at("microseconds").get<std::int64_t>(), 0);
-    EXPECT_THAT(told.at("request").get<std::string>(), HasSubstr("SIGNATURE=" + signature + " HTTP/1.0\r\n"));
-    EXPECT_THAT(told.at("request").get<std::string>(), HasSubstr("Authorization: (covered)"));
-    EXPECT_THAT(told.at("answer").get<std::string>(), ::testing::StartsWith("HTTP/1.1 200 OK\r\n"));
-    ASSERT_GT(told.at("steps").size(), 4u);
-    EXPECT_EQ(told.at("steps").at(2), (json{{"what", "DATA is a message"}, {"found", "PayInit"}, {"good", true}}));
+    json const reported = lastExchange();
+    EXPECT_EQ(reported.at("number"), 2);
+    EXPECT_EQ(reported.at("time"), "2023-11-14T22:13:20Z");
+    EXPECT_EQ(reported.at("kind"), "page");
+    EXPECT_EQ(reported.at("order"), "A-17");
+    EXPECT_EQ(reported.at("path"), "/pay");
+    EXPECT_EQ(reported.at("verdict"), "ok");
+    EXPECT_EQ(reported.at("fault"), "");
+    EXPECT_EQ(reported.at("data"), text);
+    EXPECT_EQ(reported.at("signature"), signature);
+    EXPECT_GT(reported.at("microseconds").get<std::int64_t>(), 0);
+    EXPECT_THAT(reported.at("request").get<std::string>(), HasSubstr("SIGNATURE=" + signature + " HTTP/1.0\r\n"));
+    EXPECT_THAT(reported.at("request").get<std::string>(), HasSubstr("Authorization: (covered)"));
+    EXPECT_THAT(reported.at("answer").get<std::string>(), ::testing::StartsWith("HTTP/1.1 200 OK\r\n"));
+    ASSERT_GT(reported.at("steps").size(), 4u);
+    EXPECT_EQ(reported.at("steps").at(2), (json{{"what", "DATA is a message"}, {"found", "PayInit"}, {"good", true}}));
 }
 
-TEST_F(Control, TellsExchangesAfterANumber) {
+TEST_F(Control, ReportsExchangesAfterANumber) {
     openPage(m_Merchant.payInit("t1"));
     openPage(m_Merchant.payInit("t2"));
     auto const numbers = [this](std::string const& query) {
         std::vector<int> found;
-        json const response = tell("/control/exchanges" + query);
-        for (json const& told : response.at("exchanges")) {
-            found.push_back(told.at("number").get<int>());
+        json const response = getJson("/control/exchanges" + query);
+        for (json const& reported : response.at("exchanges")) {
+            found.push_back(reported.at("number").get<int>());
         }
         return found;
     };
@@ -401,8 +401,8 @@ TEST_F(Control, TellsExchangesAfterANumber) {
 
 // --- Keys
 
-TEST_F(Control, TellsKeys) {
-    json const keys = tell("/control/keys");
+TEST_F(Control, ReportsKeys) {
+    json const keys = getJson("/control/keys");
     ASSERT_EQ(keys.at("server").size(), 1u);
     EXPECT_EQ(keys.at("server").at(0).at("id"), m_Service->serverKeyId());
     EXPECT_EQ(keys.at("server").at(0).at("current"), true);
@@ -423,7 +423,7 @@ TEST_F(Control, RotatesTheKeyThatSigns) {
     EXPECT_NE(fresh, old);
     EXPECT_EQ(m_Service->serverKeyId(), fresh);
     EXPECT_EQ(attributeOf(askAuto(query), "KEYBLOB"), oldBlob);
-    json const keys = tell("/control/keys").at("server");
+    json const keys = getJson("/control/keys").at("server");
     ASSERT_EQ(keys.size(), 2u);
     EXPECT_EQ(keys.at(0).at("current"), false);
     EXPECT_EQ(keys.at(1).at("current"), true);
@@ -440,9 +440,9 @@ TEST_F(Control, RotatesWithoutABody) {
     std::string const head = "POST /control/keys/rotate HTTP/1.1\r\nContent-Type: application/json\r\n";
     content(head + "\r\n", 201);
     content(head + "Content-Length: 0\r\n\r\n", 201);
-    EXPECT_EQ(tell("/control/keys").at("server").size(), 3u);
+    EXPECT_EQ(getJson("/control/keys").at("server").size(), 3u);
     EXPECT_THAT(error(jsonPost("/control/keys/rotate", "{\"bits\":1024}"), 400), HasSubstr("no member 'bits'"));
-    EXPECT_EQ(tell("/control/keys").at("server").size(), 3u);
+    EXPECT_EQ(getJson("/control/keys").at("server").size(), 3u);
 }
 
 // --- Accounts and clock
@@ -456,7 +456,7 @@ TEST_F(Control, CreatesAnAccountAndChangesItsPassword) {
     EXPECT_EQ(post("/control/accounts", {{"user", "shop"}, {"password", "two:2"}}, 200).at("customer"), "1002");
     EXPECT_THAT(reasonOf(askAuto(setup, "shop", "one")), HasSubstr("password"));
     EXPECT_EQ(attributeOf(askAuto(setup, "shop", "two:2"), "CUSTOMERID"), "1002");
-    EXPECT_EQ(tell("/control").at("counts").at("accounts"), 2);
+    EXPECT_EQ(getJson("/control").at("counts").at("accounts"), 2);
 }
 
 TEST_F(Control, RefusesAccountsThatNobodyCouldUse) {
@@ -477,7 +477,7 @@ TEST_F(Control, RefusesAccountsThatNobodyCouldUse) {
          }) {
         EXPECT_THAT(error(jsonPost("/control/accounts", row.m_Body), 400), HasSubstr(row.m_Reason)) << row.m_Body;
     }
-    EXPECT_EQ(tell("/control").at("counts").at("accounts"), 1);
+    EXPECT_EQ(getJson("/control").at("counts").at("accounts"), 1);
 }
 
 TEST_F(Control, SetsTheClockAheadSoThatPaymentsExpire) {
@@ -516,7 +516,7 @@ TEST_F(Control, RefusesClocksOutOfRange) {
          }) {
         EXPECT_THAT(error(jsonPost("/control/clock", row.m_Body), 400), HasSubstr(row.m_Reason)) << row.m_Body;
     }
-    EXPECT_EQ(tell("/control").at("clock").at("ahead"), 0);
+    EXPECT_EQ(getJson("/control").at("clock").at("ahead"), 0);
     EXPECT_EQ(post("/control/clock", {{"ahead", -315360000}}, 200).at("present"), "2013-11-16T22:13:20Z");
     EXPECT_EQ(post("/control/clock", {{"ahead", 315360000}}, 200).at("ahead"), 315360000);
 }
@@ -535,7 +535,7 @@ TEST_F(Control, TakesNothingButJson) {
                 << type << path;
         }
     }
-    EXPECT_EQ(tell("/control/keys").at("server").size(), 1u);
+    EXPECT_EQ(getJson("/control/keys").at("server").size(), 1u);
     for (char const* type : {"application/json; charset=utf-8", "Application/JSON", "application/json ;x=y"}) {
         content(std::string("POST /control/keys/rotate HTTP/1.1\r\nContent-Type: ") + type +
                     "\r\nContent-Length: 2\r\n\r\n{}",
@@ -568,7 +568,7 @@ TEST_F(Control, NeverAllowsOtherSites) {
     }
 }
 
-TEST_F(Control, TellsWhatIsNotThere) {
+TEST_F(Control, ReportsWhatIsNotThere) {
     for (char const* path : {"/control/", "/control/fault", "/control/faults/", "/control/faults/x",
                              "/control/faults/1/2", "/control/keys/rotate/x", "/control/exchange"}) {
         EXPECT_THAT(error(bareRequest("GET", path), 404), HasSubstr(path));
@@ -576,7 +576,7 @@ TEST_F(Control, TellsWhatIsNotThere) {
     EXPECT_EQ(ask(bareRequest("GET", "/controls")).m_Headers.at("content-type"), "text/plain; charset=utf-8");
 }
 
-TEST_F(Control, TellsTheMethodsOfAnAddress) {
+TEST_F(Control, ReportsTheMethodsOfAnAddress) {
     struct Row {
         char const* m_Path;
         char const* m_Allowed;

@@ -154,7 +154,7 @@ TEST_F(Calculate, GivesTheDigestsOfTheCommandLine) {
     EXPECT_EQ(result.m_SignDigest, "8025c09662631a1993bb93b0acd4e6f06a79067e");
 }
 
-TEST_F(Calculate, TellsThatAKeyOfTheServiceIsOld) {
+TEST_F(Calculate, ReportsThatAKeyOfTheServiceIsOld) {
     std::string const text = "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"1-SERVER-1\"/>";
     Calculation const result = of(text, signText(m_Keys[0].m_Key.get(), text, Widening::kSign));
     EXPECT_TRUE(result.m_Right);
@@ -164,14 +164,14 @@ TEST_F(Calculate, TellsThatAKeyOfTheServiceIsOld) {
 
 // --- What is missing or cannot be read
 
-TEST_F(Calculate, TellsWhatIsMissing) {
+TEST_F(Calculate, ReportsWhatIsMissing) {
     EXPECT_THAT(findingsOf(of("", "00")), ElementsAre(Finding::kDataMissing));
     EXPECT_THAT(findingsOf(of(m_Text, "")), ElementsAre(Finding::kSignatureMissing));
     EXPECT_EQ(of(m_Text, "").m_ZeroDigest.size(), 40u);
     EXPECT_EQ(of(m_Text, "").m_KeyId, "0-1001-testkey");
 }
 
-TEST_F(Calculate, TellsThatDataIsNoMessage) {
+TEST_F(Calculate, ReportsThatDataIsNoMessage) {
     for (std::string const data : {"<KVX", "hello", "<KVX MSGTYPE=\"a\" MSGTYPE=\"b\"/>"}) {
         Calculation const result = of(data, m_Merchant.sign(data));
         EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kNoMessage)) << data;
@@ -183,7 +183,7 @@ TEST_F(Calculate, TellsThatDataIsNoMessage) {
     EXPECT_THAT(textsOf(of(withZero, m_Merchant.sign(withZero))), HasSubstr("zero byte"));
 }
 
-TEST_F(Calculate, TellsThatNoKeyIsNamed) {
+TEST_F(Calculate, ReportsThatNoKeyIsNamed) {
     std::string const text = "<KVX MSGTYPE=\"PayInit\"/>";
     Calculation const result = of(text, m_Merchant.sign(text));
     EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kKeyIdMissing));
@@ -191,7 +191,7 @@ TEST_F(Calculate, TellsThatNoKeyIsNamed) {
     EXPECT_EQ(result.m_Matches.at(0).m_KeyId, "0-1001-testkey");
 }
 
-TEST_F(Calculate, TellsThatTheKeyIsUnknown) {
+TEST_F(Calculate, ReportsThatTheKeyIsUnknown) {
     std::string const text = "<KVX MSGTYPE=\"PayInit\" KEYID=\"nobody\"/>";
     Calculation const result = of(text, TestMerchant("nobody").sign(text));
     EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kKeyUnknown, Finding::kNothingFits));
@@ -199,7 +199,7 @@ TEST_F(Calculate, TellsThatTheKeyIsUnknown) {
     EXPECT_THAT(textsOf(result), HasSubstr("none of the 4 keys"));
 }
 
-TEST_F(Calculate, TellsThatSignatureIsNotHexadecimal) {
+TEST_F(Calculate, ReportsThatSignatureIsNotHexadecimal) {
     Calculation const odd = of(m_Text, m_Merchant.sign(m_Text).substr(1));
     EXPECT_THAT(findingsOf(odd), ElementsAre(Finding::kNotHexadecimal));
     EXPECT_THAT(textsOf(odd), HasSubstr("127 hexadecimal digits"));
@@ -210,7 +210,7 @@ TEST_F(Calculate, TellsThatSignatureIsNotHexadecimal) {
 
 // --- What differs in the signature
 
-TEST_F(Calculate, TellsUpperCase) {
+TEST_F(Calculate, ReportsUpperCase) {
     std::string upper = m_Merchant.sign(m_Text);
     for (char& c : upper) {
         c = c >= 'a' ? static_cast<char>(c - 'a' + 'A') : c;
@@ -223,7 +223,7 @@ TEST_F(Calculate, TellsUpperCase) {
     EXPECT_EQ(result.m_HeldDigest, result.m_ZeroDigest);
 }
 
-TEST_F(Calculate, TellsAWrongLength) {
+TEST_F(Calculate, ReportsAWrongLength) {
     Calculation const cut = of(m_Text, m_Merchant.sign(m_Text).substr(0, 126));
     EXPECT_THAT(findingsOf(cut), ElementsAre(Finding::kWrongLength, Finding::kUnreadable, Finding::kNothingFits));
     EXPECT_THAT(textsOf(cut), HasSubstr("63 bytes, but the key '0-1001-testkey' of 512 bits makes signatures of 64"));
@@ -248,7 +248,7 @@ TEST_F(Calculate, FindsLostZeroBytesBeforeTheSignature) {
     EXPECT_THAT(textsOf(result), HasSubstr("zero bytes missing before SIGNATURE"));
 }
 
-TEST_F(Calculate, TellsAChangedSignature) {
+TEST_F(Calculate, ReportsAChangedSignature) {
     std::string signature = m_Merchant.sign(m_Text);
     signature.back() = signature.back() == '0' ? '1' : '0';
     Calculation const result = of(m_Text, signature);
@@ -257,13 +257,13 @@ TEST_F(Calculate, TellsAChangedSignature) {
     EXPECT_THAT(result.m_Matches, IsEmpty());
 }
 
-TEST_F(Calculate, TellsThatSomethingElseWasSigned) {
+TEST_F(Calculate, ReportsThatSomethingElseWasSigned) {
     Calculation const result = of(m_Text, m_Merchant.sign("something else"));
     EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kOtherDigest, Finding::kNothingFits));
     EXPECT_EQ(result.m_HeldDigest, toHex(digestOf("something else", Widening::kZero)));
 }
 
-TEST_F(Calculate, TellsADigestInfo) {
+TEST_F(Calculate, ReportsADigestInfo) {
     std::string const wrapped =
         fromHex("3021300906052b0e03021a05000414").value() + digestOf(m_BigText, Widening::kZero);
     Calculation const result = of(m_BigText, signBlock(wrapped, RSA_PKCS1_PADDING));
@@ -274,7 +274,7 @@ TEST_F(Calculate, TellsADigestInfo) {
     EXPECT_THAT(textsOf(result), HasSubstr("35 bytes"));
 }
 
-TEST_F(Calculate, TellsOtherContent) {
+TEST_F(Calculate, ReportsOtherContent) {
     Calculation const result = of(m_BigText, signBlock(std::string(32, 'x'), RSA_PKCS1_PADDING));
     EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kWrongWrapping, Finding::kNothingFits));
     EXPECT_EQ(result.m_HeldDigest, toHex(std::string(32, 'x')));
@@ -284,7 +284,7 @@ TEST_F(Calculate, TellsOtherContent) {
                 HasSubstr("holds 35 bytes"));
 }
 
-TEST_F(Calculate, TellsForeignPadding) {
+TEST_F(Calculate, ReportsForeignPadding) {
     std::string const digest = digestOf(m_BigText, Widening::kZero);
     Calculation const unpadded = of(m_BigText, signBlock(std::string(108, '\0') + digest, RSA_NO_PADDING));
     EXPECT_THAT(findingsOf(unpadded), ElementsAre(Finding::kWrongWrapping));
@@ -305,7 +305,7 @@ TEST_F(Calculate, TellsForeignPadding) {
 
 // --- What differs in keys and widening
 
-TEST_F(Calculate, TellsTheWrongWidening) {
+TEST_F(Calculate, ReportsTheWrongWidening) {
     Calculation const merchant = of(m_Text, m_Merchant.sign(m_Text, true));
     EXPECT_FALSE(merchant.m_Right);
     EXPECT_THAT(findingsOf(merchant), ElementsAre(Finding::kOtherDigest, Finding::kWrongWidening));
@@ -317,7 +317,7 @@ TEST_F(Calculate, TellsTheWrongWidening) {
     EXPECT_EQ(service.m_Matches.at(0).m_Digested, Digested::kZeroExtended);
 }
 
-TEST_F(Calculate, TellsThatBytesWereNotWidened) {
+TEST_F(Calculate, ReportsThatBytesWereNotWidened) {
     std::string digest(20, '\0');
     EVP_Digest(m_BigText.data(), m_BigText.size(), reinterpret_cast<unsigned char*>(digest.data()), nullptr, EVP_sha1(),
                nullptr);
@@ -399,7 +399,7 @@ TEST_F(Calculate, NamesAttributesThatWereAddedOrLost) {
     EXPECT_THAT(textsOf(result), HasSubstr("differs from it in: AMOUNT, ORDERID, NEW, MORE."));
 }
 
-TEST_F(Calculate, TellsWhatDiffersWithoutAnotherAttribute) {
+TEST_F(Calculate, ReportsWhatDiffersWithoutAnotherAttribute) {
     m_Seen = {kOrdered};
     struct Row {
         char const* m_Sent;
@@ -429,7 +429,7 @@ TEST_F(Calculate, TellsWhatDiffersWithoutAnotherAttribute) {
     }
 }
 
-TEST_F(Calculate, TellsWhichKeyAndWideningTheOtherMessageHas) {
+TEST_F(Calculate, ReportsWhichKeyAndWideningTheOtherMessageHas) {
     m_Seen = {m_Confirm, m_Text};
     std::string const otherNote = sandbox::replaceAll(m_Confirm, "Caf", "Tea");
     Calculation const confirm = of(otherNote, signText(serverKey(), m_Confirm, Widening::kSign));
@@ -524,7 +524,7 @@ TEST_F(Calculate, UndoesEachDamage) {
     }
 }
 
-TEST_F(Calculate, TellsDamageAndWrongKeyTogether) {
+TEST_F(Calculate, ReportsDamageAndWrongKeyTogether) {
     Calculation const result = of(m_Text + "\n", signText(serverKey(), m_Text, Widening::kSign));
     EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kUnreadable, Finding::kDamaged, Finding::kWrongKey));
     EXPECT_EQ(result.m_Matches.at(0).m_KeyId, "1-SERVER-2");

@@ -194,7 +194,7 @@ TEST_F(Dashboard, RefusesOtherMethods) {
 
 // --- The overview
 
-TEST_F(Dashboard, TellsHowToSetAMerchantUp) {
+TEST_F(Dashboard, ReportsHowToSetAMerchantUp) {
     sandbox::Options all = options();
     all.m_Tls = true;
     all.m_Proxy = true;
@@ -317,7 +317,7 @@ TEST_F(Dashboard, ShowsForeignBytesOfAPaymentAsText) {
     EXPECT_THAT(open("/").texts(tableRow("payments", 1)), Contains(kNastyShown));
 }
 
-TEST_F(Dashboard, TellsThatThereIsNoSuchPaymentOrExchange) {
+TEST_F(Dashboard, ReportsThatThereIsNoSuchPaymentOrExchange) {
     for (char const* target : {"/payment", "/payment?id=", "/payment?id=%3cb%3e%00", "/exchange",
                                "/exchange?number=", "/exchange?number=x", "/exchange?number=0", "/exchange?number=99",
                                "/exchange?number=99999999999999999999", "/exchange?number=1%20"}) {
@@ -369,7 +369,7 @@ TEST_F(Dashboard, ShowsAnExchangeThatWasNotLookedAt) {
     EXPECT_THAT(page.texts("//section[@aria-labelledby='message']//tbody/tr/*"), ElementsAre("MSGTYPE", "PayConfirm"));
 }
 
-TEST_F(Dashboard, TellsWhyANotificationHasNoSteps) {
+TEST_F(Dashboard, ReportsWhyANotificationHasNoSteps) {
     m_Service->arm(sandbox::parseFault("drop,exchange=notification"));
     press(openPage(m_Merchant.payInit("t1", " NOTIFYADDRESS=\"http://127.0.0.1:1/\"")), "pay");
     std::string number;
@@ -388,7 +388,7 @@ TEST_F(Dashboard, TellsWhyANotificationHasNoSteps) {
     EXPECT_EQ(page.text("//h2[@id='answer']"), "The merchant's answer");
 }
 
-TEST_F(Dashboard, TellsWhatWasSentOfAnAnswer) {
+TEST_F(Dashboard, ReportsWhatWasSentOfAnAnswer) {
     m_Service->arm(sandbox::parseFault("truncate,exchange=status,bytes=9"));
     exchangeRaw(m_Service->plainPort(),
                 merchantGet("/capture" + m_Merchant.signedQuery(m_Merchant.message("StatusRequest", " TOKEN=\"t1\""))));
@@ -397,7 +397,7 @@ TEST_F(Dashboard, TellsWhatWasSentOfAnAnswer) {
     EXPECT_THAT(page.text("//main/dl/div[8]/dd"), StartsWith("9 bytes, then the end, after "));
 }
 
-TEST_F(Dashboard, TellsHowADecisionCameAbout) {
+TEST_F(Dashboard, ReportsHowADecisionCameAbout) {
     press(openPage(m_Merchant.payInit("t1")), "decline");
     PageReader const page = open("/exchange?number=3");
     EXPECT_THAT(page.texts(tableRow("steps", 1)),
@@ -405,7 +405,7 @@ TEST_F(Dashboard, TellsHowADecisionCameAbout) {
     EXPECT_THAT(page.texts(tableRow("steps", 2)), ElementsAre("The shopper decided", "decline", "yes"));
 }
 
-TEST_F(Dashboard, TellsThatARequestWasCutOff) {
+TEST_F(Dashboard, ReportsThatARequestWasCutOff) {
     m_Service.reset();
     sandbox::Database(m_Directory.path() + "/sandbox.db")
         .execute(
@@ -720,7 +720,7 @@ TEST_F(DashboardCalculator, PassesOverWhatIsVeryLong) {
     EXPECT_EQ(page.count("//section[@aria-labelledby='original']"), 0u);
 }
 
-TEST_F(Dashboard, TellsWhatKindOfKeyIsNamed) {
+TEST_F(Dashboard, ReportsWhatKindOfKeyIsNamed) {
     EXPECT_EQ(fill("/keys/rotate", {}).m_Status, 303);
     auto const named = [this](std::string const& keyId) {
         std::string const text = "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"" + keyId + "\"/>";

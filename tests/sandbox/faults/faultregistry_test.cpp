@@ -151,7 +151,7 @@ TEST(FaultRegistry, CountsForManyThreadsAtOnce) {
     EXPECT_EQ(registry.armed().size(), 4u * kTimes);
 }
 
-/// A book and until when its listener was told that connections are refused.
+/// A registry, and until when connections are refused as its listener was called.
 class Refusals : public ::testing::Test {
 protected:
     Refusals() {

@@ -16,7 +16,7 @@ TEST(ExtendLink, AddsToTheQueryBeforeAFragment) {
     EXPECT_EQ(sandbox::extendLink("http://a/?#", "q"), "http://a/?&q#");
 }
 
-TEST(ParseHttpAddress, TellsPlaceAndTarget) {
+TEST(ParseHttpAddress, ReportsPlaceAndTarget) {
     struct Row {
         char const* m_Text;
         char const* m_Host;

@@ -104,7 +104,7 @@ TEST_F(WireRequest, RefusesAttributesWithoutNumber) {
     EXPECT_EQ(lastVerdict(), "the message has more than 256 attributes");
 }
 
-TEST_F(WireRequest, TellsWhoExpectsItToGoOn) {
+TEST_F(WireRequest, ReportsWhoExpectsItToGoOn) {
     std::string const body = "payment=P0&key=x&decision=pay";
     RawConnection const connection(m_Service->plainPort());
     connection.send(
@@ -112,9 +112,10 @@ TEST_F(WireRequest, TellsWhoExpectsItToGoOn) {
         "Content-Type: application/x-www-form-urlencoded\r\nContent-Length: " +
         std::to_string(body.size()) + "\r\n\r\n");
     std::string const goOn = "HTTP/1.1 100 Continue\r\n\r\n";
-    std::string told(goOn.size(), '\0');
-    ASSERT_EQ(::recv(connection.get(), told.data(), told.size(), MSG_WAITALL), static_cast<ssize_t>(told.size()));
-    EXPECT_EQ(told, goOn);
+    std::string interim(goOn.size(), '\0');
+    ASSERT_EQ(::recv(connection.get(), interim.data(), interim.size(), MSG_WAITALL),
+              static_cast<ssize_t>(interim.size()));
+    EXPECT_EQ(interim, goOn);
     connection.send(body);
     std::string const response = connection.readToEnd();
     EXPECT_EQ(parseResponse(response).m_Status, 404);

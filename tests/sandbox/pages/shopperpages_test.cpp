@@ -165,7 +165,7 @@ TEST(EveryPage, IsWellFormedAndClean) {
     }
 }
 
-TEST(EveryPage, TellsItsLanguageCharacterSetAndWidth) {
+TEST(EveryPage, ReportsItsLanguageCharacterSetAndWidth) {
     for (auto const& [name, response] : allPages()) {
         SCOPED_TRACE(name);
         PageReader const page(response.m_Body);
@@ -492,7 +492,7 @@ TEST(ErrorPage, SaysWhyAndShowsTheMessageItRead) {
     EXPECT_EQ(page.text("//section[@aria-labelledby='signature']/pre"), "00ff");
 }
 
-TEST(ErrorPage, TellsWhyAMessageHasNoTable) {
+TEST(ErrorPage, ReportsWhyAMessageHasNoTable) {
     PageReader const page(sandbox::errorPage(400, "SIGNATURE is missing", sampleExchange("<KVX", "")).m_Body);
     EXPECT_EQ(page.count("//table"), 0u);
     EXPECT_THAT(page.text("//section[@aria-labelledby='message']/p"), HasSubstr("not well-formed"));

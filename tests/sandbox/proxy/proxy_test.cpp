@@ -393,7 +393,7 @@ TEST_F(SandboxProxy, MakesNothingOfAConnectionWithoutARequest) {
     EXPECT_EQ(m_Service->exchanges().size(), before);
 }
 
-TEST_F(SandboxProxy, TellsThatNobodyListens) {
+TEST_F(SandboxProxy, ReportsThatNobodyListens) {
     ClosedPort const closed;
     for (std::string const& request : {getFrom(closed.text()), connectTo(closed.text())}) {
         RawResponse const response = parseResponse(ask(request));

@@ -98,7 +98,7 @@ TEST_F(AutoService, RefusesUnknownTypesAndMalformedMessages) {
     EXPECT_THAT(reasonOf(get("/auto?DATA=%3").m_Body), HasSubstr("not well-formed percent-encoding"));
 }
 
-TEST_F(AutoService, TellsWhatIsWrongWithTheCredentials) {
+TEST_F(AutoService, ReportsWhatIsWrongWithTheCredentials) {
     std::string const setup = "<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>";
     EXPECT_THAT(reasonOf(askAuto(setup, "demo", "Demo")), HasSubstr("password of the account 'demo'"));
     EXPECT_THAT(reasonOf(askAuto(setup, "demo", "")), HasSubstr("password of the account 'demo'"));
@@ -106,7 +106,7 @@ TEST_F(AutoService, TellsWhatIsWrongWithTheCredentials) {
     EXPECT_THAT(reasonOf(askAuto(setup, "", "")), HasSubstr("name no user"));
 }
 
-TEST_F(AutoService, TellsWhatIsWrongWithTheAuthorizationHeader) {
+TEST_F(AutoService, ReportsWhatIsWrongWithTheAuthorizationHeader) {
     auto const reasonWith = [this](std::string const& header) {
         std::string const request = "GET /auto?DATA=x HTTP/1.0\r\n" + header + "\r\n";
         return reasonOf(parseResponse(exchangeRaw(m_Service->plainPort(), request)).m_Body);

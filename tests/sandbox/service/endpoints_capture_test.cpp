@@ -141,7 +141,7 @@ TEST_F(CaptureService, RefusesToCompleteAnotherAmountCurrencyOrOrder) {
     EXPECT_EQ(reason(" AMOUNT=\"12.50\" CURRENCY=\"EUR\" ORDERID=\"A-17\""), "");
 }
 
-TEST_F(CaptureService, TellsTheStatus) {
+TEST_F(CaptureService, ReportsTheStatus) {
     openPage(m_Merchant.payInit("t1"));
     EXPECT_EQ(askCapture(m_Merchant.message("StatusRequest", " TOKEN=\"t1\"")),
               "<KVX MSGTYPE=\"StatusResponse\" ID=\"" + payment().m_Id + "\" TOKEN=\"t1\" STATE=\"opened\"/>");

@@ -262,7 +262,7 @@ TEST_F(PaymentPage, AcceptsNoDecisionAfterTheExpiration) {
     EXPECT_EQ(press(page, "pay").m_Headers.at("location"), location) << "what has expired stays so";
 }
 
-TEST_F(PaymentPage, TellsThatAnUndecidedPaymentHasExpired) {
+TEST_F(PaymentPage, ReportsThatAnUndecidedPaymentHasExpired) {
     openPage(m_Merchant.message("PayInit", " TOKEN=\"t\" EXPIRATION=\"20231114 22:13:20\""));
     EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kOpened);
     m_Now = 1700000001;
@@ -298,7 +298,7 @@ TEST_F(PaymentPage, RefusesLinksThatAreNoHttpAddresses) {
                   "SUCCESSLINK holds a space");
 }
 
-TEST_F(PaymentPage, TellsWhyASignatureIsRefused) {
+TEST_F(PaymentPage, ReportsWhyASignatureIsRefused) {
     std::string const text = m_Merchant.message("PayInit", " TOKEN=\"t\" EXPIRATION=\"20991231 23:59:59\" A=\"\xE9\"");
     std::string const target = "/pay?DATA=" + encode(text);
     std::string const good = m_Merchant.sign(text);

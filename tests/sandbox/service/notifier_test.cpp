@@ -154,7 +154,7 @@ std::string signatureOf(std::string const& request) {
     return queryValue(request.substr(0, request.find(" HTTP/")), "SIGNATURE");
 }
 
-TEST_F(PaymentNotification, TellsEveryDecision) {
+TEST_F(PaymentNotification, ReportsEveryDecision) {
     struct Row {
         char const* m_Decision;
         char const* m_Result;
@@ -184,7 +184,7 @@ TEST_F(PaymentNotification, TellsEveryDecision) {
     }
 }
 
-TEST_F(PaymentNotification, TellsThatAPaymentHasExpired) {
+TEST_F(PaymentNotification, ReportsThatAPaymentHasExpired) {
     Shop shop({Shop::responds(responseWith(200))});
     EXPECT_EQ(openNotified(shop.address()).m_Status, 200);
     EXPECT_TRUE(m_Service->notifications().empty());
@@ -292,7 +292,7 @@ TEST_F(NotificationOfExpiration, ComesOnceHoweverManyLook) {
     }
 }
 
-TEST_F(PaymentNotification, TellsNothingUnaskedAndNothingThatTheMerchantDid) {
+TEST_F(PaymentNotification, ReportsNothingUnaskedAndNothingThatTheMerchantDid) {
     authorise("without");
     EXPECT_TRUE(m_Service->notifications().empty());
     Shop shop({Shop::responds(responseWith(200))});

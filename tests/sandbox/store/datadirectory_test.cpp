@@ -43,7 +43,7 @@ TEST(DataDirectory, IsHeldByOneAtATime) {
     EXPECT_EQ(reasonFor(temporary.path()), "");
 }
 
-TEST(DataDirectory, TellsWhyItCannotBeUsed) {
+TEST(DataDirectory, ReportsWhyItCannotBeUsed) {
     TemporaryDirectory const temporary;
     EXPECT_THAT(reasonFor(""), HasSubstr("no data directory"));
     EXPECT_THAT(reasonFor(temporary.path() + "/missing/data"), HasSubstr("No such file or directory"));

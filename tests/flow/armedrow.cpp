@@ -1,4 +1,4 @@
-#include "tests/flow/faulthappening.h"
+#include "tests/flow/armedrow.h"
 
 #include <gtest/gtest.h>
 
@@ -39,9 +39,9 @@ sandbox::Fault faultOf(FaultTableRow const& row, std::string const& order) {
     return sandbox::parseFault(text + (*row.m_Details != '\0' ? "," : "") + row.m_Details);
 }
 
-HappeningRow* HappeningRow::s_Current = nullptr;
+ArmedRow* ArmedRow::s_Current = nullptr;
 
-HappeningRow::HappeningRow(sandbox::Service& service, FaultTableRow const& row, std::string const& order)
+ArmedRow::ArmedRow(sandbox::Service& service, FaultTableRow const& row, std::string const& order)
     : m_Service(service), m_Fault(faultOf(row, order)) {
     if (!isOfConnection(row)) {
         m_Service.arm(m_Fault);
@@ -51,16 +51,16 @@ HappeningRow::HappeningRow(sandbox::Service& service, FaultTableRow const& row, 
     m_ConnectionsBefore =
         isOfSetUp(row.m_Exchange) ? std::find(all.begin(), all.end(), row.m_Exchange) - all.begin() : 0;
     s_Current = this;
-    m_System->connect = &HappeningRow::connect;
+    m_System->connect = &ArmedRow::connect;
 }
 
-HappeningRow::~HappeningRow() {
+ArmedRow::~ArmedRow() {
     // Refused connections are not counted, everything else happens once and is gone.
     EXPECT_EQ(m_Service.faults().empty(), m_Fault.m_Kind != FaultKind::kRefuse) << "it did not happen";
     m_Service.liftFaults();
 }
 
-int HappeningRow::connect(int socket, sockaddr const* address, socklen_t length) {
+int ArmedRow::connect(int socket, sockaddr const* address, socklen_t length) {
     if (s_Current->m_ConnectionsBefore-- == 0) {
         s_Current->m_Service.arm(s_Current->m_Fault);
     }

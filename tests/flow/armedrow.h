@@ -1,6 +1,6 @@
-/// Lets the rows of the fault table happen, for the tests that hold the component to them.
-#ifndef TALLOWIN_TESTS_FLOW_FAULTHAPPENING_H
-#define TALLOWIN_TESTS_FLOW_FAULTHAPPENING_H
+/// Arms the faults of the fault table, for the tests that compare the component with it.
+#ifndef TALLOWIN_TESTS_FLOW_ARMEDROW_H
+#define TALLOWIN_TESTS_FLOW_ARMEDROW_H
 
 #include <sys/socket.h>
 
@@ -14,27 +14,27 @@
 
 namespace kvxtest {
 
-/// Megabytes of the answers that are huge.
+/// Megabytes of huge responses.
 inline constexpr int kMegabytes = 4;
 
 /// The fault of `row`, for one order where the fault can be for one. Throws sandbox::HttpError when it cannot happen.
 sandbox::Fault faultOf(FaultTableRow const& row, std::string const& order = "");
 
-/// Lets the fault of a row happen while it lives. One of a connection is armed right before the component connects for
+/// Arms the fault of a row while it lives. A fault of a connection is armed right before the component connects for
 /// the exchange of the row. One at a time.
-class HappeningRow {
+class ArmedRow {
 public:
-    HappeningRow(sandbox::Service& service, FaultTableRow const& row, std::string const& order = "");
-    HappeningRow(HappeningRow const&) = delete;
-    HappeningRow& operator=(HappeningRow const&) = delete;
+    ArmedRow(sandbox::Service& service, FaultTableRow const& row, std::string const& order = "");
+    ArmedRow(ArmedRow const&) = delete;
+    ArmedRow& operator=(ArmedRow const&) = delete;
 
     /// Fails the test when it has not happened.
-    ~HappeningRow();
+    ~ArmedRow();
 
 private:
     static int connect(int socket, sockaddr const* address, socklen_t length);
 
-    static HappeningRow* s_Current;
+    static ArmedRow* s_Current;
 
     sandbox::Service& m_Service;
     sandbox::Fault m_Fault;
@@ -52,7 +52,7 @@ std::string nameOf(FaultTableRow const& row);
 std::vector<FaultTableRow> rowsOf(sandbox::ExchangeKind exchange);
 std::vector<FaultTableRow> rowsOfConnections(bool ofSetUp);
 
-/// The rows of the proxy that is asked for tunnels, or to forward.
+/// The rows of the proxy, for tunnels or for forwarded requests.
 std::vector<FaultTableRow> rowsOfProxy(bool tunnelled);
 
 /// How often the service has carried out such a request.
