@@ -190,9 +190,9 @@ std::string requireText(json const& object, std::string const& name) {
 
 std::int64_t requireNumber(json const& object, std::string const& name) {
     auto const found = object.find(name);
-    constexpr auto kLargest = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+    constexpr auto kMax = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
     if (found == object.end() || !found->is_number_integer() ||
-        (found->is_number_unsigned() && found->get<std::uint64_t>() > kLargest)) {
+        (found->is_number_unsigned() && found->get<std::uint64_t>() > kMax)) {
         throw HttpError("the member '" + name + "' must be there and a whole number of at most 64 bits");
     }
     return found->get<std::int64_t>();

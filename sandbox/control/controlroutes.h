@@ -31,9 +31,9 @@ std::optional<std::int64_t> wholeNumber(std::string const& text);
 bool liftNamedFault(Services const& services, std::string const& text);
 
 /// By how many seconds the clock can be set ahead or back.
-inline constexpr std::int64_t kFarthestAhead = std::int64_t{10} * 365 * 24 * 60 * 60;
+inline constexpr std::int64_t kMaxSecondsAhead = std::int64_t{10} * 365 * 24 * 60 * 60;
 
-/// Sets the clock ahead. Throws HttpError beyond kFarthestAhead.
+/// Sets the clock ahead. Throws HttpError beyond kMaxSecondsAhead.
 void setClockAhead(Services const& services, std::int64_t seconds);
 
 }  // namespace sandbox

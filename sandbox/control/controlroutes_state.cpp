@@ -176,8 +176,8 @@ std::optional<std::int64_t> wholeNumber(std::string const& text) {
 }
 
 void setClockAhead(Services const& services, std::int64_t seconds) {
-    if (seconds < -kFarthestAhead || seconds > kFarthestAhead) {
-        throw HttpError("the clock can be set ahead or back by up to " + std::to_string(kFarthestAhead) +
+    if (seconds < -kMaxSecondsAhead || seconds > kMaxSecondsAhead) {
+        throw HttpError("the clock can be set ahead or back by up to " + std::to_string(kMaxSecondsAhead) +
                         " seconds, which is ten years");
     }
     services.m_Clock.setAhead(seconds);

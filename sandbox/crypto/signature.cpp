@@ -18,8 +18,8 @@ namespace sandbox {
 
 namespace {
 
-constexpr int kSmallestKeyBits = 512;
-constexpr int kLargestKeyBits = 4096;
+constexpr int kMinKeyBits = 512;
+constexpr int kMaxKeyBits = 4096;
 
 unsigned char const* bytesOf(std::string const& text) {
     return reinterpret_cast<unsigned char const*>(text.data());
@@ -123,7 +123,7 @@ KeyHolder readPublicKeyBlob(std::string const& blob) {
         throw HttpError("the key blob has bytes after the RSAPublicKey");
     }
     int const bits = EVP_PKEY_get_bits(key.get());
-    if (bits < kSmallestKeyBits || bits > kLargestKeyBits) {
+    if (bits < kMinKeyBits || bits > kMaxKeyBits) {
         throw HttpError("the key blob holds a key of " + std::to_string(bits) + " bits, outside 512 to 4096");
     }
     if (publicKeyBlob(key.get()) != blob) {

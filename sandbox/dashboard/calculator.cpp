@@ -365,7 +365,7 @@ private:
         KnownKey const& key = attempt.m_Key;
         std::optional<SeenMessage> seen = m_Recall(key, attempt.m_Opened.m_Content);
         if (!seen) {
-            std::string const count = std::to_string(kMostRecalled);
+            std::string const count = std::to_string(kMaxRecalled);
             return nothingFits(" Nor is it that of another message which was seen here: the newest " + count +
                                " payments and the newest " + count + " exchanges were looked at.");
         }

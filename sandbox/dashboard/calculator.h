@@ -93,7 +93,7 @@ struct SeenMessage {
 using Recall = std::function<std::optional<SeenMessage>(KnownKey const& key, std::string const& digest)>;
 
 /// How many payments are looked at for it, and how many exchanges, the newest ones each.
-inline constexpr std::int64_t kMostRecalled = 1000;
+inline constexpr std::int64_t kMaxRecalled = 1000;
 
 /// The Recall among the messages of `services`: of the newest payments, the confirmations that were signed for them,
 /// and DATA of the newest exchanges.

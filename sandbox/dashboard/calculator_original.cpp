@@ -12,7 +12,7 @@ namespace sandbox {
 namespace {
 
 // Longer ones are passed over, so that looking through all of them stays a matter of a second.
-constexpr std::int64_t kLongestRecalled = 16 * 1024;
+constexpr std::int64_t kMaxRecalledBytes = 16 * 1024;
 
 bool hasDigest(std::string const& text, std::string const& digest) {
     return digestOf(text, Widening::kZero) == digest || digestOf(text, Widening::kSign) == digest;
@@ -63,7 +63,7 @@ std::string withoutBlanksBetween(std::string const& text) {
 }  // namespace
 
 std::optional<SeenMessage> recallSeen(Services const& services, KnownKey const& key, std::string const& digest) {
-    for (StoredPayment const& stored : services.m_Store.latestPayments(kMostRecalled, kLongestRecalled)) {
+    for (StoredPayment const& stored : services.m_Store.latestPayments(kMaxRecalled, kMaxRecalledBytes)) {
         std::string const page = "/payment?id=" + stored.m_Payment.m_Id;
         if (hasDigest(stored.m_Message, digest)) {
             return SeenMessage{stored.m_Message, "the PayInit of the payment " + stored.m_Payment.m_Id, page};
@@ -75,7 +75,7 @@ std::optional<SeenMessage> recallSeen(Services const& services, KnownKey const& 
                                page};
         }
     }
-    for (auto const& [number, data] : services.m_Store.latestData(kMostRecalled, kLongestRecalled)) {
+    for (auto const& [number, data] : services.m_Store.latestData(kMaxRecalled, kMaxRecalledBytes)) {
         if (hasDigest(data, digest)) {
             std::string const text = std::to_string(number);
             return SeenMessage{data, "the DATA of the exchange " + text, "/exchange?number=" + text};

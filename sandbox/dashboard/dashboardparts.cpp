@@ -29,8 +29,8 @@ std::string navigation(std::string const& path) {
 
 /// Identifiers as shops make them stay in one line.
 std::string orderCell(std::string const& order) {
-    constexpr std::size_t kLongestWhole = 32;
-    return order.size() <= kLongestWhole ? whole(order) : escapeHtml(order);
+    constexpr std::size_t kMaxUnbroken = 32;
+    return order.size() <= kMaxUnbroken ? whole(order) : escapeHtml(order);
 }
 
 /// "ok" plain, anything else so that it stands out.

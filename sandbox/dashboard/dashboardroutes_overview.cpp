@@ -15,8 +15,8 @@ namespace sandbox {
 namespace {
 
 constexpr char kNotGiven[] = "not given";
-constexpr std::size_t kMostPayments = 100;
-constexpr std::int64_t kMostExchanges = 50;
+constexpr std::size_t kMaxPayments = 100;
+constexpr std::int64_t kMaxExchanges = 50;
 
 std::string addressEntry(std::string const& name, std::string const& base, std::string const& path) {
     return base.empty() ? "" : entry(name, "<code>" + escapeHtml(base + path) + "</code>");
@@ -43,7 +43,7 @@ std::string paymentsContent(Services const& services) {
     }
     std::reverse(payments.begin(), payments.end());
     std::size_t const count = payments.size();
-    payments.resize(std::min(count, kMostPayments));
+    payments.resize(std::min(count, kMaxPayments));
     std::vector<Cells> rows;
     for (Payment const& payment : payments) {
         std::string const order = payment.attribute("ORDERID").value_or("");
@@ -61,7 +61,7 @@ std::string paymentsContent(Services const& services) {
 }
 
 std::string exchangesContent(Services const& services) {
-    std::vector<Exchange> const exchanges = services.m_Store.latestExchanges(kMostExchanges);
+    std::vector<Exchange> const exchanges = services.m_Store.latestExchanges(kMaxExchanges);
     if (exchanges.empty()) {
         return paragraph("There were no exchanges yet.");
     }

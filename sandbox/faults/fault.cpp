@@ -35,8 +35,8 @@ constexpr unsigned kWithOrder = kConfirmations | bit(ExchangeKind::kPage) | bit(
                                 bit(ExchangeKind::kComplete) | bit(ExchangeKind::kStatus);
 
 constexpr char kTextField[] = ",text=";
-constexpr double kLongestSeconds = 3600;
-constexpr std::int64_t kLargestMegabytes = 4096;
+constexpr double kMaxSeconds = 3600;
+constexpr std::int64_t kMaxMegabytes = 4096;
 
 // clang-format off
 std::vector<FaultKindRow> const kKinds = {
@@ -246,12 +246,12 @@ void checkFault(Fault const& fault) {
     }
     checkRange(fault.m_Times >= 0, "times", "a number from 1 or \"always\"");
     double const seconds = fault.m_Seconds.value_or(1);
-    checkRange(std::isfinite(seconds) && seconds >= 0 && seconds <= kLongestSeconds, "seconds", "between 0 and 3600");
+    checkRange(std::isfinite(seconds) && seconds >= 0 && seconds <= kMaxSeconds, "seconds", "between 0 and 3600");
     checkRange(fault.m_Bytes.value_or(0) >= 0, "bytes", "0 or more");
     int const status = statusOf(fault);
     checkRange(status >= 100 && status <= 999, "status", "between 100 and 999");
     std::int64_t const megabytes = megabytesOf(fault);
-    checkRange(megabytes > 0 && megabytes <= kLargestMegabytes, "megabytes", "between 1 and 4096");
+    checkRange(megabytes > 0 && megabytes <= kMaxMegabytes, "megabytes", "between 1 and 4096");
     bool const before = row.m_Kind == FaultKind::kRefuse || row.m_Exchanges == kConnections;
     if (before && !fault.m_Order.empty()) {
         throw HttpError(std::string(row.m_Name) + " happens before the request is read, so it cannot be for one order");

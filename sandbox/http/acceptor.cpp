@@ -30,7 +30,7 @@ namespace sandbox {
 namespace {
 
 constexpr int kBacklog = 128;
-constexpr std::size_t kMostConnections = 256;
+constexpr std::size_t kMaxConnections = 256;
 constexpr std::chrono::seconds kGrace(5);
 constexpr int kPauseMilliseconds = 50;  // before trying again to accept when the system has no room
 
@@ -181,7 +181,7 @@ bool Acceptor::awaitClient() {
     nfds_t count = 2;
     {
         std::unique_lock<std::mutex> lock(m_Mutex);
-        m_Ended.wait(lock, [this] { return m_Stopping || m_Serving.size() < kMostConnections; });
+        m_Ended.wait(lock, [this] { return m_Stopping || m_Serving.size() < kMaxConnections; });
         if (m_Stopping) {
             return false;
         }

@@ -22,7 +22,7 @@ namespace {
 
 constexpr std::chrono::seconds kIoTimeout(10);
 constexpr std::chrono::seconds kClosingTimeout(1);
-constexpr std::size_t kLargestRest = 1024 * 1024;
+constexpr std::size_t kMaxRest = 1024 * 1024;
 
 Connection::Clock::time_point momentIn(double seconds) {
     std::chrono::duration<double> const time(seconds);
@@ -75,7 +75,7 @@ Connection::~Connection() {
     // Closing with unread bytes would reset the connection and could destroy the response on its way.
     m_RequestBy = Clock::now() + kClosingTimeout;
     char rest[4096];
-    std::size_t left = kLargestRest;
+    std::size_t left = kMaxRest;
     while (left > 0) {
         ssize_t const count = ::recv(m_Socket, rest, sizeof rest, 0);
         if (count == 0 || (count < 0 && (wantedEvent(nullptr, -1, POLLIN) == 0 || !await(POLLIN)))) {

@@ -15,12 +15,12 @@ namespace {
 
 /// The time up to `moment` as poll() wants it.
 int pollTimeoutUntil(EndSignal::Clock::time_point moment) {
-    constexpr std::int64_t kLongest = 3'600'000;
+    constexpr std::int64_t kMaxMilliseconds = 3'600'000;
     if (moment == EndSignal::Clock::time_point::max()) {
         return -1;
     }
     auto const left = std::chrono::ceil<std::chrono::milliseconds>(moment - EndSignal::Clock::now()).count();
-    return static_cast<int>(std::clamp<std::int64_t>(left, 0, kLongest));
+    return static_cast<int>(std::clamp<std::int64_t>(left, 0, kMaxMilliseconds));
 }
 
 }  // namespace

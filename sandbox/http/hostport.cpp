@@ -19,7 +19,7 @@ namespace {
 
 constexpr char kScheme[] = "http://";
 constexpr std::uint16_t kHttpPort = 80;
-constexpr std::size_t kLongestName = 200;  // of a host in an error text
+constexpr std::size_t kMaxNameBytes = 200;  // of a host in an error text
 
 std::uint16_t parsePort(std::string const& text) {
     std::uint16_t port = 0;
@@ -96,7 +96,7 @@ in_addr localAddress(std::string const& host) {
         return address;
     }
     if (::inet_pton(AF_INET, host.c_str(), &address) != 1 || ntohl(address.s_addr) >> 24U != kLoopback) {
-        throw HttpError("'" + host.substr(0, kLongestName) + "' is not this machine, and the sandbox reaches no other",
+        throw HttpError("'" + host.substr(0, kMaxNameBytes) + "' is not this machine, and the sandbox reaches no other",
                         httpstatus::kForbidden);
     }
     return address;

@@ -59,7 +59,7 @@ void Listener::serve(int socket) {
         return;
     }
     std::string text = readFirstLine(connection);
-    if (text.size() > kLongestRequestLine && text.find('\n') == std::string::npos) {
+    if (text.size() > kMaxRequestLine && text.find('\n') == std::string::npos) {
         deliver(connection, textResponse(httpstatus::kUriTooLong, "The request line is too long."), std::nullopt);
         return;
     }

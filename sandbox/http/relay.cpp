@@ -18,8 +18,8 @@ namespace sandbox {
 namespace {
 
 constexpr std::size_t kPieceBytes = 64 * 1024;
-constexpr std::size_t kMostRemembered = 128 * 1024;  // of what goes on to a destination
-constexpr std::size_t kMostKept = 8 * 1024 * 1024;
+constexpr std::size_t kMaxRemembered = 128 * 1024;  // of what goes on to a destination
+constexpr std::size_t kMaxCollected = 8 * 1024 * 1024;
 constexpr int kLastRounds = 64;
 
 /// Whether a call on a socket that does not block has failed for good.
@@ -78,7 +78,7 @@ void Flow::abandon() {
 }
 
 void Flow::take(char const* bytes, std::size_t size) {
-    std::size_t const most = m_To == kNowhere ? kMostKept : kMostRemembered;
+    std::size_t const most = m_To == kNowhere ? kMaxCollected : kMaxRemembered;
     m_Overflowed = m_To == kNowhere && size > most - m_Begin.size();
     m_Begin.append(bytes, std::min(size, most - m_Begin.size()));
     if (m_To != kNowhere) {

@@ -15,7 +15,7 @@ namespace {
 constexpr std::size_t kPieceBytes = 16 * 1024;
 
 /// Of what is read after the first line: the head and the largest body, in chunks that are not too small.
-constexpr std::size_t kMostAfterBegin = 2 * 1024 * 1024;
+constexpr std::size_t kMaxAfterBegin = 2 * 1024 * 1024;
 
 /// Asks `lookup` (getpeername or getsockname) for one end of the connection.
 template <class Lookup>
@@ -35,7 +35,7 @@ void describe(Lookup lookup, int socket, std::string& ip, int& port) {
 
 RequestStream::RequestStream(Connection& connection, std::string begin, std::string ahead)
     : m_Connection(connection),
-      m_MostReceived(begin.size() + kMostAfterBegin),
+      m_MostReceived(begin.size() + kMaxAfterBegin),
       m_Received(std::move(begin)),
       m_Ahead(std::move(ahead)) {}
 
@@ -83,7 +83,7 @@ std::string readFirstLine(Connection& connection) {
     std::string text;
     char piece[kPieceBytes];
     std::size_t searched = 0;
-    while (text.size() <= kLongestRequestLine && text.find('\n', searched) == std::string::npos) {
+    while (text.size() <= kMaxRequestLine && text.find('\n', searched) == std::string::npos) {
         searched = text.size();
         ssize_t const count = connection.read(piece, sizeof piece);
         if (count <= 0) {

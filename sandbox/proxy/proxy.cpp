@@ -104,7 +104,7 @@ private:
     void handleOrRefuse(std::string text) {
         try {
             m_Exchange.m_Request = keptRequest(text.substr(0, text.find('\n')));
-            if (text.size() > kLongestRequestLine && text.find('\n') == std::string::npos) {
+            if (text.size() > kMaxRequestLine && text.find('\n') == std::string::npos) {
                 throw HttpError("the request line is too long", httpstatus::kUriTooLong);
             }
             ProxyRequest const request = readProxyRequest(m_Connection, std::move(text));

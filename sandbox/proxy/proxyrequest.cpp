@@ -14,11 +14,11 @@ namespace sandbox {
 
 namespace {
 
-constexpr std::size_t kLongestFields = 64 * 1024;
+constexpr std::size_t kMaxFieldBytes = 64 * 1024;
 
 /// Reads on until the head is complete and returns its length. Throws HttpError when it does not become so.
 std::size_t completeHead(Connection& connection, std::string& text) {
-    std::size_t const longest = text.find('\n') + kLongestFields;
+    std::size_t const longest = text.find('\n') + kMaxFieldBytes;
     std::optional<std::size_t> end = bodyBegin(text);
     while (!end) {
         if (text.size() > longest) {

@@ -16,7 +16,7 @@ namespace sandbox {
 
 namespace {
 
-constexpr std::size_t kLongestKeyId = 200;
+constexpr std::size_t kMaxKeyIdBytes = 200;
 
 /// What a handler of one type is given.
 struct AutoRequest {
@@ -90,8 +90,8 @@ Message keyQueryResponse(AutoRequest const& request) {
 
 /// Merchants use the key id as the name of a file.
 void checkKeyId(std::string const& keyId) {
-    if (keyId.size() > kLongestKeyId) {
-        throw HttpError("KEYID is longer than " + std::to_string(kLongestKeyId) + " bytes");
+    if (keyId.size() > kMaxKeyIdBytes) {
+        throw HttpError("KEYID is longer than " + std::to_string(kMaxKeyIdBytes) + " bytes");
     }
     if (keyId == "." || keyId == "..") {
         throw HttpError("KEYID is the name of a directory");

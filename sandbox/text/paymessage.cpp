@@ -19,7 +19,7 @@ namespace {
 constexpr unsigned kParseOptions = pugi::parse_pi | pugi::parse_comments | pugi::parse_cdata | pugi::parse_declaration |
                                    pugi::parse_doctype | pugi::parse_escapes | pugi::parse_fragment;
 
-constexpr std::size_t kMostAttributes = 256;
+constexpr std::size_t kMaxAttributes = 256;
 
 constexpr std::array<char const*, 5> kEntities = {"&amp;", "&lt;", "&gt;", "&quot;", "&apos;"};
 
@@ -89,8 +89,8 @@ Message Message::parse(std::string const& text) {
         if (name.find_first_not_of(kNameCharacters) != std::string::npos) {
             throw HttpError("the message has an attribute with an unusable name: '" + name + "'");
         }
-        if (message.m_Attributes.size() == kMostAttributes) {
-            throw HttpError("the message has more than " + std::to_string(kMostAttributes) + " attributes");
+        if (message.m_Attributes.size() == kMaxAttributes) {
+            throw HttpError("the message has more than " + std::to_string(kMaxAttributes) + " attributes");
         }
         if (message.find(name)) {
             throw HttpError("the message has the attribute " + name + " twice");

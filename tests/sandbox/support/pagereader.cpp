@@ -155,10 +155,10 @@ bool isCleanUtf8(std::string const& text) {
             }
             value = value << 6 | (byte & 0x3FU);
         }
-        constexpr std::array<std::uint32_t, 4> kSmallest = {0, 0x80, 0x800, 0x10000};
+        constexpr std::array<std::uint32_t, 4> kMin = {0, 0x80, 0x800, 0x10000};
         bool const control = (value < 0x20 && value != '\n' && value != '\t') || (value >= 0x7F && value < 0xA0);
         bool const surrogate = value >= 0xD800 && value <= 0xDFFF;
-        bool const outside = value < kSmallest[more] || value > 0x10FFFF || value == 0xFFFE || value == 0xFFFF;
+        bool const outside = value < kMin[more] || value > 0x10FFFF || value == 0xFFFE || value == 0xFFFF;
         if (control || surrogate || outside) {
             return false;
         }
