@@ -244,6 +244,16 @@ class QuickstartStory:
 class QuickstartInC(QuickstartStory, SandboxCase):
     program = [os.environ["KVX_QUICKSTART_C"]]
 
+    def test_makes_a_key_at_every_start_and_leaves_the_earlier_one(self):
+        keys = []
+        for _ in range(2):
+            example = self.start()
+            example.line()
+            example.finish()
+            keys.append((self.merchant / "keys" / "current").read_text())
+        self.assertNotEqual(keys[0], keys[1])
+        self.assertEqual({file.name for file in (self.merchant / "keys" / "private").iterdir()}, set(keys))
+
 
 class QuickstartInJava(QuickstartStory, SandboxCase):
     program = java_example("Quickstart")
