@@ -2,6 +2,8 @@
 # Builds everything and runs all tests.
 #
 #   ./test.sh               the release build, all tests
+#   ./test.sh --quick       the release build of what the change touches, its tests without slow ones, and the checks;
+#                           a second argument names the commit to compare with (scripts/touched)
 #   ./test.sh --sanitize    all tests under AddressSanitizer + UndefinedBehaviorSanitizer, then under ThreadSanitizer
 #   ./test.sh --browser     the release build of the shop and the sandbox, and the tests that drive a browser
 #   ./test.sh --coverage    all tests, then line and branch coverage of the library
@@ -36,6 +38,24 @@ case "$mode" in
     scripts/setup java-tests browser
     build_and_test release
     ;;
+  --quick)
+    scripts/setup java-tests
+    labels=$(scripts/touched "${@:2}")
+    targets=(--target)
+    for label in $labels; do
+      case $label in
+        install) targets+=(tallowin tallowin_static java/all) ;;
+        examples | browser) targets+=(examples/all tallowin-sandbox) ;;
+        scripts) ;;
+        *) targets+=("tests/$label/all") ;;
+      esac
+    done
+    [ ${#targets[@]} -gt 1 ] || targets+=(tallowin)
+    chosen=(--label-regex "^($(paste -sd '|' <<<"$labels"))\$" --label-exclude '^(slow|browser)$')
+    [ -z "$labels" ] || build_and_test release
+    scripts/check
+    scripts/format --check
+    ;;
   --browser)
     scripts/setup browser
     targets=(--target tallowin-shop tallowin-sandbox)
@@ -60,7 +80,7 @@ case "$mode" in
     build_and_test x86 /build scripts/x86root build/x86-root
     ;;
   *)
-    sed -n '2,10s/^# \{0,1\}//p' "$0"
+    sed -n '2,12s/^# \{0,1\}//p' "$0"
     exit 2
     ;;
 esac
