@@ -2,8 +2,8 @@
  *
  *   tallowin-quickstart-c DIRECTORY SERVICE
  *
- * DIRECTORY   the configuration directory; this program creates it and sets it up for the sandbox's account "demo" at
- *             every start, which makes a new merchant key each time; a shop does this once
+ * DIRECTORY   the configuration directory; this program creates it and sets it up for the sandbox's account "demo".
+ *             Every start sets up again and makes a new merchant key; a shop does this once.
  * SERVICE     set-up address of a running tallowin-sandbox, such as http://127.0.0.1:8080/auto
  *
  * The program prints the payment URL, then reads DATA and SIGNATURE of the confirmation from standard input: one per
