@@ -12,10 +12,9 @@ struct Good { int m_Size = 0; };
 struct Bad { int size = 0; };
 enum class Kind { kOne, two };
 constexpr int kLimit = 3;
-constexpr int limit = 3;
-int sum(Good a, Bad b) { return a.m_Size + b.size + kLimit + limit + static_cast<int>(Kind::kOne); }
+int sum(Good a, Bad b) { return a.m_Size + b.size + kLimit + static_cast<int>(Kind::kOne); }
 TEXT
 found=$(clang-tidy --config-file="$1/.clang-tidy" --checks='-*,readability-identifier-naming' --quiet "$work/names.cpp" -- \
   -std=c++17 2>/dev/null || true)
 found=$(sed -nE 's/.*names\.cpp:([0-9]+):.*(error|warning): .*/\1/p' <<<"$found" | paste -sd ' ')
-[ "$found" = '2 3 5' ] || { echo "found in lines '$found', not '2 3 5'"; exit 1; }
+[ "$found" = '2 3' ] || { echo "found in lines '$found', not '2 3'"; exit 1; }
