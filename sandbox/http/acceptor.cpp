@@ -136,10 +136,12 @@ void Acceptor::beginStop() {
         }
         m_Stopping = true;
         m_CutAt = Clock::now() + kGrace;
+        // Raised first: a thread that finds the incoming direction ended must be able to see that the client did not
+        // end it.
+        m_Ending.raise();
         shutDownServing(SHUT_RD);
         m_Ended.notify_all();
     }
-    m_Ending.raise();
     wake();
 }
 
