@@ -24,9 +24,6 @@ HttpResponse armFault(Services const& services, HttpRequest const& request);
 HttpResponse liftFault(Services const& services, HttpRequest const& request);
 HttpResponse liftAllFaults(Services const& services, HttpRequest const& request);
 
-/// The whole number that `text` is; nothing for anything else.
-std::optional<std::int64_t> wholeNumber(std::string const& text);
-
 /// Lifts the fault whose identifier `text` is; false when none has it.
 bool liftNamedFault(Services const& services, std::string const& text);
 

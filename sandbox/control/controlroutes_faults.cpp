@@ -5,6 +5,7 @@
 #include "sandbox/control/controlroutes.h"
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/httpstatus.h"
+#include "sandbox/text/wiretext.h"
 
 /// Faults in the control API.
 namespace sandbox {

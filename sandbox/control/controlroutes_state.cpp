@@ -1,10 +1,8 @@
 #include <algorithm>
-#include <charconv>
 #include <cstdint>
 #include <optional>
 #include <stdexcept>
 #include <string>
-#include <system_error>
 #include <vector>
 
 #include "sandbox/control/controljson.h"
@@ -166,13 +164,6 @@ HttpResponse putAccount(Services const& services, HttpRequest const& request) {
 HttpResponse setClock(Services const& services, HttpRequest const& request) {
     setClockAhead(services, requireNumber(readObject(request.m_Body, {"ahead"}), "ahead"));
     return jsonResponse(httpstatus::kOk, clockJson(services));
-}
-
-std::optional<std::int64_t> wholeNumber(std::string const& text) {
-    std::int64_t number = 0;
-    char const* const end = text.data() + text.size();
-    std::from_chars_result const read = std::from_chars(text.data(), end, number);
-    return read.ec == std::errc() && read.ptr == end ? std::optional<std::int64_t>(number) : std::nullopt;
 }
 
 void setClockAhead(Services const& services, std::int64_t seconds) {

@@ -10,6 +10,7 @@
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/httpstatus.h"
 #include "sandbox/text/utctime.h"
+#include "sandbox/text/wiretext.h"
 
 /// The pages about one payment and about one exchange.
 namespace sandbox {

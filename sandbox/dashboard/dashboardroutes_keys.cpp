@@ -8,6 +8,7 @@
 #include "sandbox/dashboard/dashboardroutes.h"
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/httpstatus.h"
+#include "sandbox/text/wiretext.h"
 
 /// The page of keys and of the clock.
 namespace sandbox {

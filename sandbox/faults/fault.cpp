@@ -5,7 +5,6 @@
 // Numbers are read and written in the classic locale, whatever the locale of the program.
 #include "sandbox/faults/fault.h"
 
-#include <charconv>
 #include <cmath>
 #include <cstddef>
 #include <locale>
@@ -14,6 +13,7 @@
 
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/httpstatus.h"
+#include "sandbox/text/wiretext.h"
 
 namespace sandbox {
 
@@ -132,13 +132,11 @@ std::string exchangesOf(FaultKindRow const& row) {
 
 /// A whole number; HttpError when `text` is none.
 std::int64_t readNumber(std::string const& name, std::string const& text) {
-    std::int64_t number = 0;
-    char const* const end = text.data() + text.size();
-    std::from_chars_result const read = std::from_chars(text.data(), end, number);
-    if (read.ec != std::errc() || read.ptr != end) {
+    std::optional<std::int64_t> const number = wholeNumber(text);
+    if (!number) {
         throw HttpError("a fault's " + name + " must be a whole number, not '" + text + "'");
     }
-    return number;
+    return *number;
 }
 
 double readSeconds(std::string const& text) {

@@ -65,15 +65,6 @@ std::uint16_t portOf(int socket) {
     return ntohs(address.sin_port);
 }
 
-/// Milliseconds from now to `moment`, rounded up; -1 when it never comes.
-int pollTimeoutUntil(Acceptor::Clock::time_point moment) {
-    if (moment == Acceptor::Clock::time_point::max()) {
-        return -1;
-    }
-    auto const left = std::chrono::ceil<std::chrono::milliseconds>(moment - Acceptor::Clock::now());
-    return static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, 60'000));
-}
-
 }  // namespace
 
 Acceptor::Acceptor(std::uint16_t port) {

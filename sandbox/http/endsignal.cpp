@@ -11,9 +11,6 @@
 
 namespace sandbox {
 
-namespace {
-
-/// The time up to `moment` as poll() wants it.
 int pollTimeoutUntil(EndSignal::Clock::time_point moment) {
     constexpr std::int64_t kMaxMilliseconds = 3'600'000;
     if (moment == EndSignal::Clock::time_point::max()) {
@@ -22,8 +19,6 @@ int pollTimeoutUntil(EndSignal::Clock::time_point moment) {
     auto const left = std::chrono::ceil<std::chrono::milliseconds>(moment - EndSignal::Clock::now()).count();
     return static_cast<int>(std::clamp<std::int64_t>(left, 0, kMaxMilliseconds));
 }
-
-}  // namespace
 
 EndSignal::EndSignal() : m_Event(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
     if (m_Event < 0) {

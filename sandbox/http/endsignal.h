@@ -8,6 +8,9 @@
 
 namespace sandbox {
 
+/// The time up to `moment` for poll(), rounded up to milliseconds and at most an hour; -1 when `moment` is max().
+int pollTimeoutUntil(std::chrono::steady_clock::time_point moment);
+
 /// Ends the waits of other threads on their sockets, once and for good. May be used by any thread.
 class EndSignal {
 public:

@@ -7,9 +7,11 @@
 #include <openssl/rand.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cstddef>
 #include <cstdint>
 #include <stdexcept>
+#include <system_error>
 
 #include "sandbox/text/httperror.h"
 
@@ -179,6 +181,13 @@ std::optional<std::string> Query::value(std::string const& name) const {
         throw HttpError(name + " is not well-formed percent-encoding");
     }
     return decoded;
+}
+
+std::optional<std::int64_t> wholeNumber(std::string const& text) {
+    std::int64_t number = 0;
+    char const* const end = text.data() + text.size();
+    std::from_chars_result const read = std::from_chars(text.data(), end, number);
+    return read.ec == std::errc() && read.ptr == end ? std::optional<std::int64_t>(number) : std::nullopt;
 }
 
 std::string randomHex(int count) {

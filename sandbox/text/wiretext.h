@@ -1,6 +1,7 @@
 #ifndef TALLOWIN_SANDBOX_TEXT_WIRETEXT_H
 #define TALLOWIN_SANDBOX_TEXT_WIRETEXT_H
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <utility>
@@ -44,6 +45,9 @@ public:
 private:
     std::vector<std::pair<std::string, std::string>> m_Pieces;
 };
+
+/// The whole number that `text` is; nothing for anything else.
+std::optional<std::int64_t> wholeNumber(std::string const& text);
 
 /// `count` bytes of a cryptographic generator in hexadecimal. Throws std::runtime_error when the generator fails.
 std::string randomHex(int count);
