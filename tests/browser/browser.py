@@ -1,8 +1,10 @@
-"""A headless chromium that the tests drive, with an empty profile that is gone afterwards.
+"""A headless chromium for the tests, with an empty profile that is deleted at the end.
 
-CMakeLists.txt tells in the environment where chromium and its driver are. Pages cannot run scripts; what the driver
-itself runs in a page still works. Every wait is bounded. Whatever ends the test ends the browser: the driver dies with
-the process that started it, and chromium when its pipe to the driver breaks.
+CMakeLists.txt sets environment variables with the paths of chromium and its driver. Pages cannot run scripts; scripts
+of the driver still run. Each wait has a timeout. However the test ends, the browser ends too: the driver dies with the
+process that started it, and chromium when its pipe to the driver breaks.
+
+Order: start and end of the processes, windows, navigation, elements, the log of requests, screenshots.
 """
 
 import atexit
@@ -26,15 +28,15 @@ from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
 from selenium.webdriver.support.wait import WebDriverWait
 
-from server import TIMEOUT_SECONDS, Server
+from server_process import TIMEOUT_SECONDS, ServerProcess
 
-COMMAND_SECONDS = TIMEOUT_SECONDS + 30  # the driver answers after it has waited for a page
+COMMAND_SECONDS = TIMEOUT_SECONDS + 30  # a command of the driver includes the wait for a page
 POLL_SECONDS = 0.05
 DRIVER_TRIES = 10
-MOST_TABS = 40
+MAX_TABS = 40
 SCRIPTS_BLOCKED = 2
 
-# Quiet, and nothing but this machine can be reached.
+# No traffic of the browser's own; only this machine can be reached.
 SWITCHES = (
     "--headless=new",
     "--remote-debugging-pipe",
@@ -46,7 +48,7 @@ SWITCHES = (
     "--disable-extensions",
     "--disable-sync",
     "--host-resolver-rules=MAP * ~NOTFOUND , EXCLUDE 127.0.0.1 , EXCLUDE localhost",
-    "--hide-scrollbars",  # a picture of a whole page has none either, and would be cut off by their width
+    "--hide-scrollbars",  # a picture of a whole page has none, and would be too narrow by their width
     "--lang=en-US",
     "--no-first-run",
     "--no-proxy-server",
@@ -55,30 +57,30 @@ SWITCHES = (
 PREFERENCES = {
     "profile.managed_default_content_settings.javascript": SCRIPTS_BLOCKED,
     "intl.accept_languages": "en-US",
-    "net.network_prediction_options": 2,  # no connections ahead of their use
-    "session.restore_on_startup": 4,  # with these pages instead of the page for new tabs
+    "net.network_prediction_options": 2,  # no connections in advance
+    "session.restore_on_startup": 4,  # start with these pages, not with the page for new tabs
     "session.startup_urls": ["about:blank"],
 }
 
 
 class Browser:
-    """One chromium with its driver, from construction to close().
+    """A chromium with its driver. Runs from construction to close().
 
-    A window has to be opened before the rest is used. It starts without the cookies and the cache of those before.
-    `authority` is the file with a certificate that it trusts besides those that it is born with, None for none.
+    Call open_window() before any other method. A new window has no cookies and no cache of earlier ones. `authority` is
+    the file of a certificate to trust in addition to chromium's own; None for none.
     """
 
     def __init__(self, authority=None):
-        self.place = tempfile.TemporaryDirectory(prefix="tallowin-browser-")
-        self.directory = pathlib.Path(self.place.name)
+        self.temporary = tempfile.TemporaryDirectory(prefix="tallowin-browser-")
+        self.directory = pathlib.Path(self.temporary.name)
         self.log = self.directory / "driver.log"
         self.driver = None
-        self.asked = []
+        self.requested = []
         self.failed = set()
         if authority:
             self.trust(authority)
         self.server = self.start_driver()
-        atexit.register(self.close)  # an interrupted test closes nothing else
+        atexit.register(self.close)  # an interrupted test calls nothing else
         address = f"http://127.0.0.1:{self.server.ready.group(1)}"
         connection = ChromiumRemoteConnection(address, "goog", "chrome", ignore_proxy=True)
         connection.set_timeout(COMMAND_SECONDS)
@@ -87,7 +89,7 @@ class Browser:
         self.base = self.driver.current_window_handle
 
     def trust(self, authority):
-        """Puts it where chromium looks in the home directory that it will have."""
+        """Stores the certificate where chromium looks for it in its home directory."""
         store = self.directory / ".pki" / "nssdb"
         store.mkdir(parents=True)
         certutil = [os.environ["KVX_CERTUTIL"], "-d", f"sql:{store}"]
@@ -95,8 +97,8 @@ class Browser:
             subprocess.run(certutil + command, check=True, stdin=subprocess.DEVNULL, timeout=TIMEOUT_SECONDS)
 
     def start_driver(self):
-        """The driver takes a free port of IPv4 and then wants the same one of IPv6; when that is taken it ends, and
-        another port has to be tried."""
+        """Starts the driver, several times if necessary: it takes a free IPv4 port, then needs the same port for IPv6, and
+        ends when that one is in use."""
         for _ in range(DRIVER_TRIES - 1):
             try:
                 return self.try_to_start_driver()
@@ -105,11 +107,11 @@ class Browser:
         return self.try_to_start_driver()
 
     def try_to_start_driver(self):
-        """On a free port. What chromium writes beside its profile goes to the directory as well."""
-        places = ("HOME", "XDG_CACHE_HOME", "XDG_CONFIG_HOME", "XDG_DATA_HOME", "TMPDIR")
-        return Server([os.environ["KVX_CHROMEDRIVER"], "--port=0", f"--log-path={self.log}"],
+        """Starts the driver on a free port. All files that chromium writes go to the directory."""
+        variables = ("HOME", "XDG_CACHE_HOME", "XDG_CONFIG_HOME", "XDG_DATA_HOME", "TMPDIR")
+        return ServerProcess([os.environ["KVX_CHROMEDRIVER"], "--port=0", f"--log-path={self.log}"],
                       r"started successfully on port (\d+)", self.directory / "driver.errors",
-                      **{place: str(self.directory) for place in places})
+                      **{variable: str(self.directory) for variable in variables})
 
     def options(self):
         options = webdriver.ChromeOptions()
@@ -118,20 +120,20 @@ class Browser:
             options.add_argument(switch)
         options.add_argument(f"--user-data-dir={self.directory / 'profile'}")
         if os.geteuid() == 0:
-            options.add_argument("--no-sandbox")  # chromium has none for root, and refuses to start with one
+            options.add_argument("--no-sandbox")  # chromium refuses to start as root with its sandbox
         options.add_experimental_option("prefs", PREFERENCES)
         options.set_capability("goog:loggingPrefs", {"performance": "ALL"})
         return options
 
     def close(self):
-        """Ends chromium and its driver. Throws AssertionError when a process had to be killed."""
+        """Ends chromium and its driver. Raises AssertionError when a process had to be killed."""
         atexit.unregister(self.close)
         try:
             if self.driver is not None:
                 self.driver.quit()
         finally:
             self.end_processes()
-            self.place.cleanup()
+            self.temporary.cleanup()
 
     def end_processes(self):
         self.server.stop()
@@ -145,14 +147,14 @@ class Browser:
             raise AssertionError(f"processes of the browser did not end and were killed: {left}")
 
     def processes(self):
-        """The driver, chromium and its helpers: their command lines name the directory."""
+        """The process ids of the driver, chromium and its helpers: their command lines contain the directory."""
         found = []
         for entry in pathlib.Path("/proc").iterdir():
             if entry.name.isdigit():
                 try:
                     command = (entry / "cmdline").read_bytes()
                 except OSError:
-                    continue  # it has ended, or belongs to somebody else
+                    continue  # it has ended, or belongs to another user
                 if os.fsencode(self.directory) in command:
                     found.append(int(entry.name))
         return found
@@ -161,39 +163,39 @@ class Browser:
         self.driver.switch_to.new_window("tab")
         self.command("Network.clearBrowserCookies")
         self.command("Network.clearBrowserCache")
-        self.asked = []
+        self.requested = []
         self.failed = set()
 
     def close_window(self):
         self.driver.close()
         self.driver.switch_to.window(self.base)
-        self.driver.get_log("performance")  # what the closed window asked is nothing to the next one
+        self.driver.get_log("performance")  # drop the requests of the closed window
 
     def command(self, name, **parameters):
-        """A command of chromium's own protocol."""
+        """Sends a command of chromium's DevTools protocol."""
         return self.driver.execute("executeCdpCommand", {"cmd": name, "params": parameters})["value"]
 
-    def become_phone(self, width, height):
+    def emulate_phone(self, width, height):
         self.command("Emulation.setDeviceMetricsOverride", width=width, height=height, deviceScaleFactor=2, mobile=True)
         self.command("Emulation.setTouchEmulationEnabled", enabled=True)
 
     def leave(self, action):
-        """Does what leads to another page, and waits until all of that is there that comes."""
+        """Runs `action`, which leads to another page, and waits until that page has loaded or failed."""
         before = self.page()
         action()
-        # While one page makes room for another, questions about either may fail.
+        # Commands may fail while one page replaces another.
         wait = WebDriverWait(self.driver, TIMEOUT_SECONDS, POLL_SECONDS, [WebDriverException])
-        wait.until(lambda _: self.page() != before and self.has_ended(), "no other page came")
+        wait.until(lambda _: self.page() != before and self.has_ended(), "no other page was loaded")
 
     def has_ended(self):
-        """Whether all of the page has come, or the rest of it never will: what came of it stays "loading" then."""
+        """Whether the page has loaded or failed to load. A page that fails halfway stays "loading" forever."""
         if self.driver.execute_script("return document.readyState") == "complete":
             return True
         self.read_log()
         return self.page() in self.failed
 
     def page(self):
-        """Tells a page from the one before and from itself loaded again."""
+        """An id of the loaded page; a reload has another one."""
         return self.command("Page.getFrameTree")["frameTree"]["frame"]["loaderId"]
 
     def open(self, address):
@@ -206,8 +208,8 @@ class Browser:
         ActionChains(self.driver).send_keys(key).perform()
 
     def tab_to(self, element):
-        """Moves the keyboard's focus from element to element, as somebody without a pointer does."""
-        for _ in range(MOST_TABS):
+        """Presses Tab until the element has the keyboard focus."""
+        for _ in range(MAX_TABS):
             self.press_key(Keys.TAB)
             if self.driver.switch_to.active_element == element:
                 return
@@ -223,12 +225,12 @@ class Browser:
         return self.driver.current_url
 
     def text(self):
-        return self.one("html").text  # a page that was cut off in its head has no body
+        return self.one("html").text  # a page that ends in its head has no body
 
     def addresses(self):
-        """What the pages of this window asked web servers for, oldest first, redirections included."""
+        """The URLs that this window requested, oldest first, redirects included."""
         self.read_log()
-        return self.asked
+        return self.requested
 
     def read_log(self):
         for entry in self.driver.get_log("performance"):
@@ -236,22 +238,22 @@ class Browser:
             if event["method"] == "Network.requestWillBeSent":
                 address = event["params"]["request"]["url"]
                 if urllib.parse.urlsplit(address).scheme in ("http", "https"):
-                    self.asked.append(address)
+                    self.requested.append(address)
             elif event["method"] == "Network.loadingFailed":
-                self.failed.add(event["params"]["requestId"])  # of a page that is its page()
+                self.failed.add(event["params"]["requestId"])  # for a page this is its page()
 
     def size(self):
-        """Of the whole page, also of what is to be scrolled to."""
+        """The size of the whole page, not only of its visible part."""
         return self.command("Page.getLayoutMetrics")["cssContentSize"]
 
     def save_screenshot(self, path):
-        """The whole page."""
+        """Saves a picture of the whole page."""
         picture = self.command("Page.captureScreenshot", captureBeyondViewport=True,
                                clip={**self.size(), "scale": 1})["data"]
         path.write_bytes(base64.b64decode(picture))
 
-    def keep_evidence(self, directory):
-        """What a failure looked like: the driver's log, the address, the page's source and its picture."""
+    def save_report(self, directory):
+        """Saves the driver's log, the page's URL, source and picture."""
         directory.mkdir(parents=True)
         shutil.copy(self.log, directory)
         (directory / "address.txt").write_text(self.driver.current_url + "\n", encoding="utf-8")
@@ -260,7 +262,7 @@ class Browser:
 
 
 def ends(process, deadline):
-    """Waits until a process has ended. False when it still runs at the deadline."""
+    """Waits until a process has ended. Returns False when it still runs at the deadline."""
     try:
         descriptor = os.pidfd_open(process)
     except ProcessLookupError:
@@ -275,5 +277,5 @@ def kill(process):
     try:
         os.kill(process, signal.SIGKILL)
     except ProcessLookupError:
-        return  # it ended with the one that was killed before
+        return  # it ended with a process that was killed before
     ends(process, time.monotonic() + TIMEOUT_SECONDS)

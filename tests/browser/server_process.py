@@ -1,4 +1,4 @@
-"""Programs that serve a test for as long as it takes."""
+"""Server programs that a test starts and stops."""
 
 import os
 import re
@@ -8,15 +8,15 @@ import threading
 TIMEOUT_SECONDS = 60
 
 
-class Server:
-    """A program that tells on its output when it is ready, from then on until stop().
+class ServerProcess:
+    """A program that prints a line when it is ready. Runs from construction to stop().
 
-    It dies with the process that started it, so that an interrupted test leaves none behind.
+    The kernel kills it when the process that started it ends, so an interrupted test leaves no program running.
     """
 
     def __init__(self, arguments, ready, errors, **environment):
-        """`ready` is a pattern for the line that tells; what it found is kept under the same name. `errors` is the path
-        of the file for the program's error output."""
+        """`ready` is a pattern for the line that the program prints when it is ready; the attribute `ready` is the
+        match. `errors` is the file for standard error."""
         self.name = str(arguments[0])
         self.errors = errors
         with open(errors, "wb") as file:
@@ -42,12 +42,12 @@ class Server:
         raise AssertionError(f"{self.name} did not start: {self.errors.read_text(errors='replace')}")
 
     def stop(self):
-        """Ends it. Returns its status and what it had to complain about."""
+        """Ends the program. Returns its exit status and its standard error."""
         self.process.terminate()
         try:
             status = self.process.wait(TIMEOUT_SECONDS)
         finally:
-            self.process.kill()  # nothing when it has ended
+            self.process.kill()  # has no effect when it has ended
             self.process.wait()
             self.process.stdout.close()
         return status, self.errors.read_text(errors="replace")

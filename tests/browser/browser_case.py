@@ -1,7 +1,9 @@
-"""What all walks of a shopper have in common: the stage, the browser, and what a shopper does and sees.
+"""The base class of the browser tests: sandbox, shop and browser, actions of a shopper, checks of pages.
 
-CMakeLists.txt tells in the environment which programs to use and where to keep what a failure looked like. With
-KVX_BROWSER_SCREENSHOTS=DIRECTORY every page of a walk is kept there as a picture, to be looked at.
+CMakeLists.txt sets environment variables for the programs to use and for the directory of failure reports. With
+KVX_BROWSER_SCREENSHOTS=DIRECTORY each page of a test is saved there as a picture.
+
+Order: life of a test, actions, checks. An action returns when the page it leads to has loaded.
 """
 
 import os
@@ -16,15 +18,15 @@ from selenium.common.exceptions import WebDriverException
 from selenium.webdriver.common.by import By
 
 from browser import Browser
-from server import TIMEOUT_SECONDS
-from stage import Stage
+from server_process import TIMEOUT_SECONDS
+from shop_fixture import ShopFixture
 
 
-class WalkCase(unittest.TestCase):
-    """One browser for all walks of a class. Each walk has a window, a sandbox and a shop of its own.
+class BrowserCase(unittest.TestCase):
+    """One browser per class. Each test has its own window, sandbox and shop.
 
-    Elements are found by what a form sends, not by how a page looks or what it says. An order goes by its path in the
-    shop, "/orders/...".
+    Tests find elements by the names and values that a form sends, not by layout or wording. `order` is always the
+    order's path in the shop, "/orders/...".
     """
 
     certificates = None
@@ -36,52 +38,52 @@ class WalkCase(unittest.TestCase):
 
     def __init__(self, method):
         super().__init__(method)
-        self.walk = getattr(self, method)
-        setattr(self, method, self.walk_and_keep_failure)
+        self.run_steps = getattr(self, method)
+        setattr(self, method, self.run_and_report_failure)
 
     def setUp(self):
         name = self.id().partition(".")[2]
-        self.evidence = pathlib.Path(os.environ["KVX_BROWSER_FAILURES"], name)
-        shutil.rmtree(self.evidence, ignore_errors=True)
-        album = os.environ.get("KVX_BROWSER_SCREENSHOTS")
-        self.album = pathlib.Path(album, name) if album else None
-        self.pages_seen = 0
-        self.stage = Stage(self.addCleanup, self.certificates)
+        self.report = pathlib.Path(os.environ["KVX_BROWSER_FAILURES"], name)
+        shutil.rmtree(self.report, ignore_errors=True)
+        screenshots = os.environ.get("KVX_BROWSER_SCREENSHOTS")
+        self.screenshots = pathlib.Path(screenshots, name) if screenshots else None
+        self.page_count = 0
+        self.fixture = ShopFixture(self.addCleanup, self.certificates)
         self.browser.open_window()
         self.addCleanup(self.browser.close_window)
 
-    def walk_and_keep_failure(self):
+    def run_and_report_failure(self):
         try:
-            self.walk()
+            self.run_steps()
         except Exception as failure:
-            failure.add_note(f"What the browser showed is kept in {self.evidence}")
+            failure.add_note(f"The page, its picture and the driver's log are in {self.report}")
             try:
-                self.browser.keep_evidence(self.evidence)
+                self.browser.save_report(self.report)
             except (WebDriverException, OSError) as further:
-                failure.add_note(f"Not all of it could be kept: {further}")
+                failure.add_note(f"The report is incomplete: {further}")
             raise
 
     def tearDown(self):
         hosts = {urllib.parse.urlsplit(address).hostname for address in self.browser.addresses()}
         self.assertLessEqual(hosts, {"127.0.0.1"})
 
-    def look(self, what):
-        """Keeps a picture of the page when pictures are wanted."""
-        self.pages_seen += 1
-        if self.album:
-            self.album.mkdir(parents=True, exist_ok=True)
-            self.browser.save_screenshot(self.album / f"{self.pages_seen:02}-{what}.png")
+    def screenshot(self, name):
+        """Saves a picture of the page when KVX_BROWSER_SCREENSHOTS is set."""
+        self.page_count += 1
+        if self.screenshots:
+            self.screenshots.mkdir(parents=True, exist_ok=True)
+            self.browser.save_screenshot(self.screenshots / f"{self.page_count:02}-{name}.png")
 
-    # What a shopper does. The page to which it leads is there afterwards.
+    # Actions of a shopper.
 
-    def open(self, address, what):
-        """`address` is one of the shop's paths, or an address."""
-        self.browser.open(urllib.parse.urljoin(self.stage.shop, address))
-        self.look(what)
+    def open(self, address, name):
+        """`address` is a path of the shop or a URL. `name` is for the screenshot, here and below."""
+        self.browser.open(urllib.parse.urljoin(self.fixture.shop, address))
+        self.screenshot(name)
 
-    def press(self, selector, what):
+    def press(self, selector, name):
         self.browser.press(self.browser.one(selector))
-        self.look(what)
+        self.screenshot(name)
 
     def put_in_basket(self, article, quantity):
         self.open("/", "catalogue")
@@ -90,10 +92,10 @@ class WalkCase(unittest.TestCase):
         field.clear()
         field.send_keys(str(quantity))
         self.browser.press(form.find_element(By.TAG_NAME, "button"))
-        self.look("basket")
+        self.screenshot("basket")
 
     def check_out(self):
-        """From the basket to the payment page. Returns the order."""
+        """Goes from the basket to the payment page. Returns the order."""
         self.press("form[action='/checkout'] button", "payment")
         return self.order_to_be_paid()
 
@@ -105,22 +107,22 @@ class WalkCase(unittest.TestCase):
         self.press(f"button[name=decision][value={decision}]", "after-" + decision)
 
     def pay_again(self, order):
-        """From the order's page to the payment page."""
+        """Goes from the order's page to the payment page."""
         self.press(f"form[action='{order}/pay'] button", "payment")
         self.assertEqual(self.order_to_be_paid(), order)
 
     def pay_after_all(self, order):
-        """From the order's page, once nothing fails any more."""
-        self.stage.lift_faults()
+        """Lifts all faults and pays from the order's page."""
+        self.fixture.lift_faults()
         self.open(order, "order")
         self.pay_again(order)
         self.decide("pay")
         self.check_paid(order)
 
-    # What a shopper sees.
+    # Checks of what a shopper sees.
 
     def offer(self, article):
-        """The form that puts an article into the basket."""
+        """The form that adds an article to the basket."""
         return next(form for form in self.browser.all("form[action='/basket/add']")
                     if form.find_element(By.NAME, "article").get_attribute("value") == article)
 
@@ -131,19 +133,19 @@ class WalkCase(unittest.TestCase):
         return {field.get_attribute("name").partition("-")[2]: field.get_attribute("value") for field in fields}
 
     def order_to_be_paid(self):
-        """The order on the payment page."""
+        """The order of the payment page that the browser shows."""
         address = self.browser.address()
-        self.assertTrue(address.startswith(self.stage.pay + "?"), address)
+        self.assertTrue(address.startswith(self.fixture.pay + "?"), address)
         message = urllib.parse.parse_qs(urllib.parse.urlsplit(address).query)["DATA"][0]
         return "/orders/" + re.search(r' ORDERID="([^"]*)"', message).group(1)
 
     def check_order(self, order, state):
-        """The shop shows this order in this state."""
-        self.assertEqual(self.browser.address(), urllib.parse.urljoin(self.stage.shop, order))
+        """The browser shows the page of this order with this state."""
+        self.assertEqual(self.browser.address(), urllib.parse.urljoin(self.fixture.shop, order))
         self.assertEqual(self.browser.one("h1").text, f"Order {order.rpartition('/')[2]}: {state}")
 
     def wait_for_completion(self, order):
-        """The shopper loads the order's page again until it is completed."""
+        """Reloads the order's page until the order is completed."""
         deadline = time.monotonic() + TIMEOUT_SECONDS
         while time.monotonic() < deadline:
             self.open(order, "order")
@@ -152,7 +154,7 @@ class WalkCase(unittest.TestCase):
         self.check_order(order, "completed")
 
     def check_paid(self, order):
-        """The shop shows this order as paid and captured, and does not offer to pay it once more."""
+        """The browser shows the order as completed, with one capture and one completion, and no button to pay."""
         self.check_order(order, "completed")
         lines = self.browser.text().splitlines()
         for call in ("MessageObject_Capture", "MessageObject_Execute (PayComplete)"):
@@ -160,19 +162,19 @@ class WalkCase(unittest.TestCase):
         self.assertEqual(self.browser.all("main button"), [])
 
     def check_refused(self, order, *reasons):
-        """The shop shows why it did not carry something out, and captured nothing. Goes on to the order."""
+        """The browser shows an error page with these reasons and without a capture. Follows its link to the order."""
         text = self.browser.text()
         self.assertEqual([words for words in (*reasons, "MessageObject_Capture") if words in text], [*reasons])
         self.press(f"main a[href='{order}']", "order")
 
     def payment_states(self, order):
-        """How the payments of the order stand at the payment service."""
-        self.open(self.stage.payments, "payments")
+        """The states of the order's payments, from the sandbox's dashboard."""
+        self.open(self.fixture.payments, "payments")
         rows = [[cell.text for cell in row.find_elements(By.TAG_NAME, "td")]
                 for row in self.browser.all("section[aria-labelledby=payments] tbody tr")]
         return [row[-1] for row in rows if order.rpartition("/")[2] in row]
 
     def return_address(self, order):
-        """With what the payment service sent the browser back to the shop."""
-        start = urllib.parse.urljoin(self.stage.shop, order + "/paid?")
+        """The return address to which the payment service redirected the browser."""
+        start = urllib.parse.urljoin(self.fixture.shop, order + "/paid?")
         return next(address for address in self.browser.addresses() if address.startswith(start))

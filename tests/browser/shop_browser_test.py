@@ -1,4 +1,4 @@
-"""Shoppers in a real browser: from the shop's catalogue over the hosted payment page and back, without any script."""
+"""Purchases in a browser: catalogue, basket, the service's payment page, return to the shop. Scripts are off."""
 
 import signal
 import unittest
@@ -6,13 +6,13 @@ import unittest
 from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
 
-from walk import WalkCase
+from browser_case import BrowserCase
 
 PHONE_WIDTH = 320
 PHONE_HEIGHT = 640
 
 
-class Purchase(WalkCase):
+class Purchase(BrowserCase):
     def test_pays_for_several_articles(self):
         self.put_in_basket("candle", 2)
         self.put_in_basket("mug", 1)
@@ -46,7 +46,7 @@ class Purchase(WalkCase):
     def test_pays_after_loading_the_payment_page_again(self):
         order = self.start_buying_a_candle()
         self.browser.leave(self.browser.driver.refresh)
-        self.look("payment")
+        self.screenshot("payment")
         self.assertEqual(self.order_to_be_paid(), order)
         self.decide("pay")
         self.check_paid(order)
@@ -57,7 +57,7 @@ class Purchase(WalkCase):
         self.decide("pay")
         self.check_paid(order)
         self.browser.leave(self.browser.driver.back)
-        self.look("payment")
+        self.screenshot("payment")
         self.assertEqual(self.order_to_be_paid(), order)
         self.decide("pay")
         self.check_refused(order)
@@ -66,7 +66,7 @@ class Purchase(WalkCase):
 
     def test_pays_after_the_payment_service_changed_its_key(self):
         order = self.start_buying_a_candle()
-        self.stage.ask("POST", "/keys/rotate", {})
+        self.fixture.ask("POST", "/keys/rotate", {})
         self.decide("pay")
         self.check_paid(order)
 
@@ -80,13 +80,13 @@ class Purchase(WalkCase):
         self.assertEqual(self.payment_states(order), ["completed"])
 
 
-class Refusals(WalkCase):
-    """What the shop does not take for a payment, and the order as it was."""
+class Refusals(BrowserCase):
+    """Messages that do not pay an order. The order keeps its state."""
 
     def test_own_payment_message(self):
         order = self.start_buying_a_candle()
         payment = self.browser.address()
-        self.open(payment.replace(self.stage.pay, order + "/paid"), "return")
+        self.open(payment.replace(self.fixture.pay, order + "/paid"), "return")
         self.check_refused(order, "MSGTYPE", "PayInit")
         self.check_order(order, "waiting")
         self.pay_again(order)
@@ -109,7 +109,7 @@ class Refusals(WalkCase):
         self.check_paid(order)
 
 
-class Accessibility(WalkCase):
+class Accessibility(BrowserCase):
     def test_without_scripts(self):
         self.open("data:text/html,<noscript>Scripts are off.</noscript>", "scripts")
         self.assertEqual(self.browser.text(), "Scripts are off.")
@@ -118,7 +118,7 @@ class Accessibility(WalkCase):
         self.check_paid(order)
 
     def test_on_a_phone(self):
-        self.browser.become_phone(PHONE_WIDTH, PHONE_HEIGHT)
+        self.browser.emulate_phone(PHONE_WIDTH, PHONE_HEIGHT)
         order = self.start_buying_a_candle()
         self.assertLessEqual(self.browser.size()["width"], PHONE_WIDTH)
         buttons = self.browser.all("button[name=decision]")
@@ -137,20 +137,20 @@ class Accessibility(WalkCase):
 
     @staticmethod
     def is_on_screen(button):
-        """Whether it shows from its left to its right. What is below is scrolled to."""
-        place = button.rect
-        return button.is_displayed() and place["x"] >= 0 and place["x"] + place["width"] <= PHONE_WIDTH
+        """Whether the button's whole width is visible. The page may need vertical scrolling."""
+        rectangle = button.rect
+        return button.is_displayed() and rectangle["x"] >= 0 and rectangle["x"] + rectangle["width"] <= PHONE_WIDTH
 
-    def enter_on(self, button, what):
-        """Tab to a button, on which the focus shows, and Enter."""
+    def enter_on(self, button, name):
+        """Moves to a button with Tab, checks that the focus is visible, and presses Enter."""
         self.browser.tab_to(button)
-        self.look("focus")
+        self.screenshot("focus")
         self.assertNotEqual(button.value_of_css_property("outline-style"), "none")
         self.assertNotEqual(button.value_of_css_property("outline-width"), "0px")
         self.browser.leave(lambda: self.browser.press_key(Keys.ENTER))
-        self.look(what)
+        self.screenshot(name)
 
 
 if __name__ == "__main__":
-    signal.signal(signal.SIGTERM, signal.default_int_handler)  # so that what runs at the end of the program does
+    signal.signal(signal.SIGTERM, signal.default_int_handler)  # so that exit handlers run
     unittest.main()

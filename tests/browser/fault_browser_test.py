@@ -1,21 +1,21 @@
-"""Shoppers in a real browser while the payment service fails: what they see, and that the purchase ends well after all."""
+"""Purchases in a browser while the payment service fails: what shoppers see, and how they can still pay."""
 
 import signal
 import unittest
 
-from stage import Certificates
-from walk import WalkCase
+from shop_fixture import Certificates
+from browser_case import BrowserCase
 
 
-class ExpiredPayments(WalkCase):
+class ExpiredPayments(BrowserCase):
     def test_decides_too_late(self):
         order = self.start_buying_a_candle()
-        self.stage.set_clock_ahead(hours=2)
+        self.fixture.set_clock_ahead(hours=2)
         self.decide("pay")
         self.pay_in_time_after_all(order)
 
     def test_opens_the_payment_page_too_late(self):
-        self.stage.set_clock_ahead(hours=2)
+        self.fixture.set_clock_ahead(hours=2)
         order = self.start_buying_a_candle()
         self.assertIn("expired", self.browser.text())
         self.assertEqual(self.browser.all("button[name=decision]"), [])
@@ -23,10 +23,10 @@ class ExpiredPayments(WalkCase):
         self.pay_in_time_after_all(order)
 
     def pay_in_time_after_all(self, order):
-        """The shop was told that the first payment has expired, and offers another."""
+        """The shop knows that the payment has expired. The shopper pays with a new one."""
         self.check_order(order, "expired")
         self.assertEqual(self.payment_states(order), ["expired"])
-        self.stage.set_clock_ahead(hours=0)
+        self.fixture.set_clock_ahead(hours=0)
         self.open(order, "order")
         self.pay_again(order)
         self.decide("pay")
@@ -34,10 +34,10 @@ class ExpiredPayments(WalkCase):
         self.assertEqual(sorted(self.payment_states(order)), ["completed", "expired"])
 
     def test_pays_from_the_order_page_when_it_was_too_late(self):
-        self.stage.set_seconds_to_pay(-3600)
+        self.fixture.set_seconds_to_pay(-3600)
         order = self.start_buying_a_candle()
         self.assertEqual(self.browser.all("button[name=decision]"), [])
-        self.stage.set_seconds_to_pay(3600)
+        self.fixture.set_seconds_to_pay(3600)
         self.open(order, "order")
         self.pay_again(order)
         self.decide("pay")
@@ -45,12 +45,12 @@ class ExpiredPayments(WalkCase):
         self.assertEqual(sorted(self.payment_states(order)), ["completed", "expired"])
 
 
-class PaymentPageFaults(WalkCase):
-    """The payment page does not come as it should."""
+class PaymentPageFaults(BrowserCase):
+    """Faults of the payment page."""
 
     def try_again(self, shown, **fault):
-        """The shopper sees that, or an empty page, tries again from the order's page, and pays."""
-        self.stage.arm(exchange="page", **fault)
+        """The browser shows `shown`, or an empty page. The shopper then pays from the order's page."""
+        self.fixture.arm(exchange="page", **fault)
         order = self.start_buying_a_candle()
         self.assertRegex(self.browser.text(), shown or "^$")
         self.assertEqual(self.browser.all("button[name=decision]"), [])
@@ -58,15 +58,15 @@ class PaymentPageFaults(WalkCase):
         self.assertEqual(self.payment_states(order), ["completed"])
 
     def work(self, **fault):
-        """The shopper can pay all the same."""
-        self.stage.arm(exchange="page", **fault)
+        """The fault does not keep the shopper from paying."""
+        self.fixture.arm(exchange="page", **fault)
         order = self.start_buying_a_candle()
         self.decide("pay")
         self.check_paid(order)
 
     def test_refused_connection(self):
         self.put_in_basket("candle", 1)
-        self.stage.arm(kind="refuse")
+        self.fixture.arm(kind="refuse")
         self.press("form[action='/checkout'] button", "payment")
         order = self.order_to_be_paid()
         self.assertIn("ERR_CONNECTION_REFUSED", self.browser.text())
@@ -109,8 +109,8 @@ class PaymentPageFaults(WalkCase):
         self.work(kind="huge", megabytes=1)
 
 
-class SecurePageFaults(WalkCase):
-    """The payment page is on an address of https, and the browser trusts the authority of the payment service."""
+class SecurePageFaults(BrowserCase):
+    """Faults of the payment page over https. The browser trusts the sandbox's certificate authority."""
 
     @classmethod
     def setUpClass(cls):
@@ -118,9 +118,9 @@ class SecurePageFaults(WalkCase):
         super().setUpClass()
 
     def try_again(self, shown, kind):
-        """The browser shows that instead of the page. The shopper pays once it is over."""
+        """The browser shows the error `shown`. The shopper pays after the fault is lifted."""
         self.put_in_basket("candle", 1)
-        self.stage.arm(kind=kind, times="always")
+        self.fixture.arm(kind=kind, times="always")
         self.press("form[action='/checkout'] button", "payment")
         order = self.order_to_be_paid()
         self.assertIn(shown, self.browser.text())
@@ -146,21 +146,21 @@ class SecurePageFaults(WalkCase):
         self.try_again("ERR_CONNECTION_CLOSED", "tls-abort")
 
 
-class WayBackFaults(WalkCase):
-    """The shopper has decided, and the way back to the shop fails."""
+class ReturnFaults(BrowserCase):
+    """Faults after the shopper's decision, on the return to the shop."""
 
     def refuse(self, *reasons, **fault):
-        """The shop does not take what comes back for a confirmation."""
-        self.stage.arm(exchange="decision", **fault)
+        """The shop refuses the confirmation for these reasons."""
+        self.fixture.arm(exchange="decision", **fault)
         order = self.start_buying_a_candle()
         self.decide("pay")
         self.check_refused(order, *reasons)
         self.check_order(order, "waiting")
         self.assertEqual(self.payment_states(order), ["authorised"])
-        self.come_back_from_the_payment_page(order)
+        self.return_from_payment_page(order)
 
-    def come_back_from_the_payment_page(self, order):
-        """The payment was decided, so its page leads straight back to the shop."""
+    def return_from_payment_page(self, order):
+        """The payment is decided, so its page only has a link to the shop."""
         self.open(order, "order")
         self.pay_again(order)
         self.assertEqual(self.browser.all("button[name=decision]"), [])
@@ -181,23 +181,23 @@ class WayBackFaults(WalkCase):
 
     def test_other_order(self):
         """A fault that is armed for one order leaves another alone."""
-        self.stage.arm(kind="wrong-signature", exchange="decision", order="nobody's", times="always")
+        self.fixture.arm(kind="wrong-signature", exchange="decision", order="another", times="always")
         order = self.start_buying_a_candle()
         self.decide("pay")
         self.check_paid(order)
 
-    def test_decision_that_did_not_arrive(self):
+    def test_lost_decision(self):
         for fault in ({"kind": "reset"}, {"kind": "http-status", "status": 500, "text": "Out of order"}):
             with self.subTest(fault["kind"]):
-                self.stage.arm(exchange="decision", times="always", **fault)
+                self.fixture.arm(exchange="decision", times="always", **fault)
                 order = self.start_buying_a_candle()
                 self.decide("pay")
                 self.assertEqual(self.payment_states(order), ["opened"])
                 self.pay_after_all(order)
 
-    def test_answer_that_was_lost_is_told_by_notification(self):
-        self.stage.let_notifications_through()
-        self.stage.arm(kind="drop", exchange="decision", times="always")
+    def test_notification_replaces_a_lost_response(self):
+        self.fixture.allow_notifications()
+        self.fixture.arm(kind="drop", exchange="decision", times="always")
         order = self.start_buying_a_candle()
         self.decide("pay")
         self.assertIn("ERR_EMPTY_RESPONSE", self.browser.text())
@@ -207,25 +207,25 @@ class WayBackFaults(WalkCase):
         self.assertNotIn("DATA received when you returned", self.browser.text())
         self.assertEqual(self.payment_states(order), ["completed"])
 
-    def test_answer_that_was_lost(self):
-        self.stage.arm(kind="drop", exchange="decision", times="always")
+    def test_lost_response(self):
+        self.fixture.arm(kind="drop", exchange="decision", times="always")
         order = self.start_buying_a_candle()
         self.decide("pay")
         self.assertIn("ERR_EMPTY_RESPONSE", self.browser.text())
-        self.stage.lift_faults()
+        self.fixture.lift_faults()
         self.assertEqual(self.payment_states(order), ["authorised"])
-        self.come_back_from_the_payment_page(order)
+        self.return_from_payment_page(order)
 
 
-class SettlementFaults(WalkCase):
-    """The shop cannot capture or complete at first."""
+class SettlementFaults(BrowserCase):
+    """The first capture or completion fails."""
 
     FAULTS = ("error", "http-status", "reset", "drop", "truncate", "no-blank-line", "wrong-type")
 
     def settle_again(self, exchange, state):
         for kind in self.FAULTS:
             with self.subTest(kind):
-                self.stage.arm(kind=kind, exchange=exchange)
+                self.fixture.arm(kind=kind, exchange=exchange)
                 order = self.start_buying_a_candle()
                 self.decide("pay")
                 self.check_order(order, state)
@@ -241,5 +241,5 @@ class SettlementFaults(WalkCase):
 
 
 if __name__ == "__main__":
-    signal.signal(signal.SIGTERM, signal.default_int_handler)  # so that what runs at the end of the program does
+    signal.signal(signal.SIGTERM, signal.default_int_handler)  # so that exit handlers run
     unittest.main()
