@@ -97,8 +97,8 @@ class Browser:
             subprocess.run(certutil + command, check=True, stdin=subprocess.DEVNULL, timeout=TIMEOUT_SECONDS)
 
     def start_driver(self):
-        """Starts the driver, several times if necessary: it takes a free IPv4 port, then needs the same port for IPv6, and
-        ends when that one is in use."""
+        """Starts the driver, several times if necessary: it takes a free IPv4 port, then needs the same port for IPv6,
+        and ends when that one is in use."""
         for _ in range(DRIVER_TRIES - 1):
             try:
                 return self.try_to_start_driver()

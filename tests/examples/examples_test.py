@@ -1,7 +1,10 @@
-"""The examples and the demonstration against a running sandbox, and the pages that quote examples against them.
+"""The examples and the demonstration against a running sandbox; pages that quote examples against the examples.
 
-CMakeLists.txt tells in the environment where everything is. Every wait is bounded: a watchdog ends a program that
-takes too long, and what is read from it then ends as well.
+CMakeLists.txt sets environment variables with the paths of all programs. Each wait has a timeout: a watchdog kills a
+program that takes too long, which also ends reading from it.
+
+Order: programs and the shopper's browser, which other tests import; then the examples, the demonstration, demo.sh and
+the quotations.
 """
 
 import html
@@ -16,26 +19,26 @@ import threading
 import unittest
 import urllib.parse
 
-PATIENCE_SECONDS = 60
-ANSWER_SECONDS = 10
+TIMEOUT_SECONDS = 60
+RESPONSE_SECONDS = 10
 ROOT = pathlib.Path(os.environ["KVX_ROOT"])
 
 
 class Program:
-    """A program with pipes, killed by its process id when it still runs after PATIENCE_SECONDS."""
+    """A program with pipes. A watchdog kills it by its process id after TIMEOUT_SECONDS."""
 
     def __init__(self, *arguments, **settings):
         self.process = subprocess.Popen([str(argument) for argument in arguments], stdin=subprocess.PIPE,
                                         stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, **settings)
-        self.watchdog = threading.Timer(PATIENCE_SECONDS, self.process.kill)
+        self.watchdog = threading.Timer(TIMEOUT_SECONDS, self.process.kill)
         self.watchdog.start()
 
     def line(self):
-        """The next line of output, empty at its end."""
+        """The next line of output; empty at the end."""
         return self.process.stdout.readline().rstrip("\n")
 
     def finish(self, *lines):
-        """Gives it these lines as the rest of its input and waits. Returns status, rest of the output, errors."""
+        """Sends these lines as the rest of the input and waits. Returns exit status, rest of the output, errors."""
         out, errors = self.process.communicate("".join(line + "\n" for line in lines))
         self.watchdog.cancel()
         return self.process.returncode, out, errors
@@ -46,12 +49,12 @@ class Program:
 
 
 class Browser:
-    """What a shopper does at the payment service."""
+    """A shopper's browser on the pages of the payment service."""
 
     @staticmethod
-    def ask(url, form=None):
+    def request(url, form=None):
         parts = urllib.parse.urlsplit(url)
-        connection = http.client.HTTPConnection(parts.hostname, parts.port, timeout=ANSWER_SECONDS)
+        connection = http.client.HTTPConnection(parts.hostname, parts.port, timeout=RESPONSE_SECONDS)
         try:
             target = (parts.path or "/") + ("?" + parts.query if parts.query else "")
             if form is None:
@@ -59,38 +62,38 @@ class Browser:
             else:
                 connection.request("POST", target, urllib.parse.urlencode(form),
                                    {"Content-Type": "application/x-www-form-urlencoded"})
-            answer = connection.getresponse()
-            return answer.status, answer.getheader("Location"), answer.read().decode()
+            response = connection.getresponse()
+            return response.status, response.getheader("Location"), response.read().decode()
         finally:
             connection.close()
 
     def decide(self, url, decision):
-        """Opens the payment URL and presses a button. Returns the address it leads to."""
-        status, _, page = self.ask(url)
+        """Opens the payment URL and submits a decision. Returns the URL of the redirect to the shop."""
+        status, _, page = self.request(url)
         if status != 200:
-            raise AssertionError(f"the payment page answered {status}: {page}")
+            raise AssertionError(f"the payment page has status {status}: {page}")
         form = {name: html.unescape(value)
                 for name, value in re.findall(r'<input type="hidden" name="([^"]*)" value="([^"]*)"/>', page)}
         form["decision"] = decision
-        status, location, page = self.ask(urllib.parse.urljoin(url, "/pay/decision"), form)
+        status, location, page = self.request(urllib.parse.urljoin(url, "/pay/decision"), form)
         if status != 302:
-            raise AssertionError(f"the decision was answered with {status}: {page}")
+            raise AssertionError(f"the response to the decision has status {status}: {page}")
         return location
 
 
 def parameters(address):
-    """DATA and SIGNATURE of an address, decoded."""
+    """DATA and SIGNATURE of a URL, percent-decoded."""
     query = dict(urllib.parse.parse_qsl(urllib.parse.urlsplit(address).query))
     return query["DATA"], query["SIGNATURE"]
 
 
 class SandboxCase(unittest.TestCase):
-    """Each test has a sandbox and an empty directory of its own."""
+    """Each test has its own sandbox and an empty directory."""
 
     def setUp(self):
-        place = tempfile.TemporaryDirectory(prefix="tallowin-examples-")
-        self.addCleanup(place.cleanup)
-        self.directory = pathlib.Path(place.name)
+        temporary = tempfile.TemporaryDirectory(prefix="tallowin-examples-")
+        self.addCleanup(temporary.cleanup)
+        self.directory = pathlib.Path(temporary.name)
         self.merchant = self.directory / "merchant"
         self.sandbox = Program(os.environ["KVX_SANDBOX"], "--data", self.directory / "service", "--json")
         self.addCleanup(self.stop_sandbox)
@@ -105,19 +108,19 @@ class SandboxCase(unittest.TestCase):
             self.assertEqual((status, errors), (0, ""))
 
     def states(self):
-        """The state of every payment, in the order in which they were opened."""
-        answer = Browser.ask(self.addresses["control"] + "/payments")[2]
-        return [payment["state"] for payment in json.loads(answer)["payments"]]
+        """The states of all payments, in the order in which they were opened."""
+        body = Browser.request(self.addresses["control"] + "/payments")[2]
+        return [payment["state"] for payment in json.loads(body)["payments"]]
 
 
 def java_example(name):
-    """How an example in Java is started."""
+    """The command that runs an example in Java."""
     return [os.environ["KVX_JAVA_RUN"], "-Xcheck:jni", "-cp", os.environ["KVX_JAR"],
             ROOT / "examples" / "java" / (name + ".java")]
 
 
-class PaymentStory:
-    """What both whole payments, in C and in C++, must do. `program` is the example's path."""
+class PaymentTests:
+    """Tests of the payment examples in C and C++. `program` is the example's path."""
 
     program = ""
 
@@ -148,7 +151,7 @@ class PaymentStory:
             keys.append((self.merchant / "keys" / "current").read_text())
         self.assertEqual(keys[0], keys[1])
 
-    def test_refuses_payments_that_were_not_made(self):
+    def test_refuses_cancelled_and_declined_payments(self):
         for decision in ("cancel", "decline"):
             with self.subTest(decision):
                 example = self.start()
@@ -181,7 +184,7 @@ class PaymentStory:
         status, out, errors = example.finish(self.url_of(example))
         self.assertEqual((status, out, errors), (1, "", 'refused: MSGTYPE is not "PayConfirm"\n'))
 
-    def test_survives_addresses_that_are_none(self):
+    def test_survives_invalid_addresses(self):
         for address in ("", "nonsense", "/?DATA=", "/?DATA=%", "/?DATA=%4&SIGNATURE=%", "/?DATA=%zz&SIGNATURE=%0",
                         "/?DATA=x&SIGNATURE=" + "%41" * 2000, "/?DATA=" + "%3c" * 2000 + "&SIGNATURE=00"):
             with self.subTest(address[:40]):
@@ -191,25 +194,25 @@ class PaymentStory:
                 self.assertEqual((status, out), (1, ""))
                 self.assertNotEqual(errors, "")
 
-    def test_tells_that_the_password_is_wrong(self):
+    def test_reports_a_wrong_password(self):
         status, out, errors = self.start("guessed").finish()
         self.assertEqual((status, out), (1, ""))
         self.assertIn("result 0x80040213", errors)
 
-    def test_tells_its_usage(self):
+    def test_prints_its_usage(self):
         self.assertEqual(Program(self.program).finish()[0], 2)
 
 
-class PaymentInC(PaymentStory, SandboxCase):
+class PaymentInC(PaymentTests, SandboxCase):
     program = os.environ["KVX_PAYMENT_C"]
 
 
-class PaymentInCpp(PaymentStory, SandboxCase):
+class PaymentInCpp(PaymentTests, SandboxCase):
     program = os.environ["KVX_PAYMENT_CPP"]
 
 
-class QuickstartStory:
-    """What the quickstarts, in C and in Java, must do. `program` is how one is started."""
+class QuickstartTests:
+    """Tests of the quickstarts in C and Java. `program` is the command that runs one."""
 
     program = []
 
@@ -241,7 +244,7 @@ class QuickstartStory:
         self.assertIn("invalid signature", errors)
 
 
-class QuickstartInC(QuickstartStory, SandboxCase):
+class QuickstartInC(QuickstartTests, SandboxCase):
     program = [os.environ["KVX_QUICKSTART_C"]]
 
     def test_makes_a_key_at_every_start_and_leaves_the_earlier_one(self):
@@ -255,12 +258,12 @@ class QuickstartInC(QuickstartStory, SandboxCase):
         self.assertEqual({file.name for file in (self.merchant / "keys" / "private").iterdir()}, set(keys))
 
 
-class QuickstartInJava(QuickstartStory, SandboxCase):
+class QuickstartInJava(QuickstartTests, SandboxCase):
     program = java_example("Quickstart")
 
 
 class ShopInJava(SandboxCase):
-    """The shop behind its own web pages."""
+    """The shop in Java, through its web pages."""
 
     def setUp(self):
         super().setUp()
@@ -279,30 +282,30 @@ class ShopInJava(SandboxCase):
         self.assertEqual((out, errors), ("", ""))
 
     def buy(self):
-        """Presses the shop's button. Returns the payment URL."""
-        status, location, page = Browser.ask(self.address + "buy", {})
+        """Submits the shop's form. Returns the payment URL."""
+        status, location, page = Browser.request(self.address + "buy", {})
         self.assertEqual(status, 303, page)
         return location
 
     def test_captures_and_completes_what_was_paid(self):
-        status, _, page = Browser.ask(self.browser.decide(self.buy(), "pay"))
+        status, _, page = Browser.request(self.browser.decide(self.buy(), "pay"))
         self.assertEqual((status, "Order 1 is paid" in page), (200, True), page)
         self.assertEqual(self.states(), ["completed"])
-        self.assertIn("Order 1: paid", Browser.ask(self.address)[2])
+        self.assertIn("Order 1: paid", Browser.request(self.address)[2])
 
-    def test_tells_what_was_not_paid(self):
+    def test_reports_unpaid_orders(self):
         for decision, wanted in (("decline", "declined"), ("cancel", "without paying")):
             with self.subTest(decision):
-                status, _, page = Browser.ask(self.browser.decide(self.buy(), decision))
+                status, _, page = Browser.request(self.browser.decide(self.buy(), decision))
                 self.assertEqual((status, wanted in page), (200, True), page)
-        self.assertIn("Order 1: not paid yet", Browser.ask(self.address)[2])
+        self.assertIn("Order 1: not paid yet", Browser.request(self.address)[2])
 
-    def test_refuses_what_is_forged_or_comes_twice(self):
+    def test_refuses_forged_and_repeated_confirmations(self):
         first, second = self.buy(), self.buy()
         paid = self.browser.decide(first, "pay")
         cancelled = self.browser.decide(second, "cancel").replace("/back?", "/paid?")
         own = first.replace(self.addresses["pay"], self.address + "paid")
-        self.assertEqual(Browser.ask(paid)[0], 200)
+        self.assertEqual(Browser.request(paid)[0], 200)
         for address, reason in ((paid, "has been paid already"),
                                 (cancelled, "RESULT is not"),
                                 (cancelled.replace("cancelled", "authorised"), "0x80040214"),
@@ -311,15 +314,15 @@ class ShopInJava(SandboxCase):
                                 (self.address + "paid?DATA=%zz", "Bad Request"),
                                 (self.address + "paid?DATA=%3ca%3e&SIGNATURE=00", "0x80040")):
             with self.subTest(address[:60]):
-                status, _, page = Browser.ask(address)
+                status, _, page = Browser.request(address)
                 self.assertEqual((status, reason in page), (400, True), page)
         self.assertEqual(self.states(), ["completed", "cancelled"])
 
     def test_has_no_other_pages(self):
-        self.assertEqual(Browser.ask(self.address + "admin")[0], 404)
-        self.assertEqual(Browser.ask(self.address + "buy")[0], 404)
+        self.assertEqual(Browser.request(self.address + "admin")[0], 404)
+        self.assertEqual(Browser.request(self.address + "buy")[0], 404)
 
-    def test_tells_that_the_password_is_wrong(self):
+    def test_reports_a_wrong_password(self):
         self.merchant = self.directory / "another"
         status, out, errors = self.start("guessed").finish()
         self.assertEqual((status, out), (1, ""))
@@ -344,25 +347,25 @@ class Demonstration(SandboxCase):
         urls = re.findall(r"\| (" + re.escape(self.addresses["pay"]) + r"\?DATA=\S+&SIGNATURE=[0-9a-f]+)$", out,
                           re.MULTILINE)
         self.assertEqual(len(urls), 2)
-        # The payments behind these very addresses are decided, so the service will not open them again.
+        # Both payments are decided, so the service refuses their URLs.
         for url in urls:
-            self.assertEqual(Browser.ask(url)[0], 400)
+            self.assertEqual(Browser.request(url)[0], 400)
 
-    def test_stops_at_the_first_step_that_ends_otherwise(self):
+    def test_stops_at_the_first_unexpected_result(self):
         (self.merchant / "config.xml").mkdir(parents=True)
         status, out, errors = self.run_demo()
         self.assertEqual(status, 1)
         self.assertIn("The demonstration stops here: ConfigurationSetup_Reconfigure", errors)
         self.assertRegex(out, r" 3  ConfigurationSetup_Reconfigure +0x8004\S+ .* expected: 0 ok\n")
 
-    def test_stops_when_nobody_answers(self):
+    def test_stops_without_a_service(self):
         self.stop_sandbox()
         status, out, errors = self.run_demo()
         self.assertEqual(status, 1)
         self.assertIn("The demonstration stops here: ConfigurationSetup_Reconfigure", errors)
         self.assertIn("the demonstration did not finish", out)
 
-    def test_tells_its_usage(self):
+    def test_prints_its_usage(self):
         self.assertEqual(Program(os.environ["KVX_DEMO"]).finish()[0], 2)
         status, out, _ = Program(os.environ["KVX_DEMO"], "--help").finish()
         self.assertEqual(status, 0)
@@ -372,7 +375,7 @@ class Demonstration(SandboxCase):
 class DemonstrationScript(unittest.TestCase):
     script = ROOT / "demo.sh"
 
-    def test_tells_its_usage_from_anywhere(self):
+    def test_prints_its_usage_from_anywhere(self):
         with tempfile.TemporaryDirectory() as elsewhere:
             status, out, errors = Program(self.script, "--help", cwd=elsewhere).finish()
         self.assertEqual((status, errors), (0, ""))
@@ -385,7 +388,7 @@ class DemonstrationScript(unittest.TestCase):
 
 
 class Quotations(unittest.TestCase):
-    """What a page quotes of an example stands there word for word."""
+    """Pages quote examples word for word."""
 
     def check(self, source, comment, page, language):
         marker = rf"^ *{comment} \[{{}}quickstart\][^\n]*\n"

@@ -1,4 +1,4 @@
-"""The commands of the pages for newcomers, carried out as they stand there."""
+"""Runs the commands of the tutorial pages as written, and compares the reference pages with the programs."""
 
 import json
 import os
@@ -8,43 +8,43 @@ import tempfile
 import unittest
 import urllib.request
 
-from examples_test import ANSWER_SECONDS, ROOT, Browser, Program, parameters
+from examples_test import RESPONSE_SECONDS, ROOT, Browser, Program, parameters
 
 
 def commands_of(page):
-    """The fenced blocks of shell commands on a page, in their order."""
+    """The fenced blocks of shell commands on a page, in order."""
     return re.findall(r"^```sh\n(.*?)^```$", (ROOT / "docs" / page).read_text(), re.MULTILINE | re.DOTALL)
 
 
 def get(url):
-    with urllib.request.urlopen(url, timeout=ANSWER_SECONDS) as answer:
-        return answer.read().decode()
+    with urllib.request.urlopen(url, timeout=RESPONSE_SECONDS) as response:
+        return response.read().decode()
 
 
 class PageCase(unittest.TestCase):
-    """A directory that looks like the root of a built tree, and a shell in it."""
+    """A temporary directory with the layout of a built tree, and a shell in it."""
 
     def setUp(self):
-        place = tempfile.TemporaryDirectory(prefix="tallowin-pages-")
-        self.addCleanup(place.cleanup)
-        self.directory = pathlib.Path(place.name)
+        temporary = tempfile.TemporaryDirectory(prefix="tallowin-pages-")
+        self.addCleanup(temporary.cleanup)
+        self.directory = pathlib.Path(temporary.name)
         (self.directory / "build").mkdir()
         (self.directory / "build" / "demo").symlink_to(os.environ["KVX_BUILD"])
         for name in ("include", "examples"):
             (self.directory / name).symlink_to(ROOT / name)
 
     def shell(self, command):
-        """Starts a command as it stands on the page, in place of the shell."""
+        """Starts a command of the page; the program replaces the shell."""
         return Program("bash", "-euc", "exec " + command, cwd=self.directory)
 
     def serve(self, command):
-        """Starts a sandbox as it stands on the page, but on ports of its own."""
+        """Starts the sandbox with the page's command, but on free ports."""
         self.assertIn("--port 8480 --control-port 8481", command)
         service = self.shell(command.replace("--port 8480 --control-port 8481", "--port 0 --control-port 0 --json"))
         self.addCleanup(lambda: self.assertEqual(service.stop()[0], 0))
         self.addresses = json.loads(service.line())
 
-    def on_own_ports(self, command):
+    def with_actual_ports(self, command):
         self.assertRegex(command, "127.0.0.1:848[01]")
         return (command.replace("127.0.0.1:8480", f"127.0.0.1:{self.addresses['port']}")
                 .replace("127.0.0.1:8481", f"127.0.0.1:{self.addresses['controlPort']}"))
@@ -53,11 +53,11 @@ class PageCase(unittest.TestCase):
 class FirstPayment(PageCase):
     def test_page_leads_to_a_captured_payment(self):
         watch, serve, make = commands_of("first-payment.md")
-        self.assertEqual(watch, "./demo.sh\n")  # has tests of its own
+        self.assertEqual(watch, "./demo.sh\n")  # DemonstrationScript and Demonstration test it
         self.serve(serve)
         compile_command, run_command = make.splitlines()
         self.assertEqual(self.shell(compile_command).finish(), (0, "", ""))
-        payment = self.shell(self.on_own_ports(run_command))
+        payment = self.shell(self.with_actual_ports(run_command))
         shown = Browser().decide(payment.line(), "pay")
         self.assertTrue(shown.startswith(f"http://127.0.0.1:{self.addresses['port']}/returned?"), shown)
         data, signature = parameters(shown)
@@ -100,7 +100,8 @@ class RehearsedFailures(PageCase):
         self.assertEqual(len(self.armed()), len(faults))
 
     def run_curl(self, command):
-        status, out, errors = self.shell(self.on_own_ports(command.strip()).replace("curl ", "curl -sSf -m 20 ")).finish()
+        curl = self.with_actual_ports(command.strip()).replace("curl ", "curl -sSf -m 20 ")
+        status, out, errors = self.shell(curl).finish()
         self.assertEqual((status, errors), (0, ""), out)
 
     def state(self):
@@ -115,18 +116,19 @@ class SandboxReference(PageCase):
         super().setUp()
         self.page = (ROOT / "docs" / "sandbox.md").read_text()
 
-    def test_page_tells_every_option(self):
+    def test_page_lists_every_option(self):
         status, out, _ = self.shell("build/demo/sandbox/tallowin-sandbox --help").finish()
         self.assertEqual(status, 0)
         options = set(re.findall(r"^  (--[a-z-]+)", out, re.MULTILINE))
         self.assertGreater(len(options), 8)
         self.assertEqual(options, set(re.findall(r"^\| `(--[a-z-]+)", self.page, re.MULTILINE)))
 
-    def test_page_tells_every_kind_of_fault_and_every_member(self):
+    def test_page_lists_every_kind_of_fault_and_every_member(self):
         self.serve("build/demo/sandbox/tallowin-sandbox --data service --tls --proxy --port 8480 --control-port 8481")
         members = re.search(r"^## The line of `--json`\n(.*?)^## ", self.page, re.MULTILINE | re.DOTALL).group(1)
-        told = {name for row in re.findall(r"^\| (`[^|]*) \|", members, re.MULTILINE) for name in row.strip("`").split("`, `")}
-        self.assertEqual(told, set(self.addresses))
+        rows = re.findall(r"^\| (`[^|]*) \|", members, re.MULTILINE)
+        listed = {name for row in rows for name in row.strip("`").split("`, `")}
+        self.assertEqual(listed, set(self.addresses))
         kinds = json.loads(get(self.addresses["control"] + "/faults/kinds"))["kinds"]
         self.assertGreater(len(kinds), 20)
         rows = ["| `{}` | {} | {} | {} | {} |".format(

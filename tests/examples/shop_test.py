@@ -1,7 +1,10 @@
-"""The shop behind its own web pages, against a running sandbox.
+"""The shop, through its web pages, against a running sandbox.
 
-Uses the programs that CMakeLists.txt tells in the environment, as examples_test.py does; KVX_SHOP is the shop. Every
-wait is bounded, and none is for time to pass.
+CMakeLists.txt sets environment variables with the paths of all programs, as for examples_test.py; KVX_SHOP is the shop.
+Each wait has a timeout, and none is for time to pass.
+
+Order: pages and visitors, the base class, then basket, payment, late payment, keys, notifications, refusals, a service
+that fails, load, a service that is down, and the program's options and signals.
 """
 
 import html
@@ -26,7 +29,7 @@ OPENING = "The shop is open at "
 
 
 class Page:
-    """What the shop answered."""
+    """A response of the shop."""
 
     def __init__(self, status, headers, body):
         self.status = status
@@ -46,8 +49,8 @@ class Visitor:
         self.shop = shop
         self.cookies = {}
 
-    def ask(self, address, form=None):
-        """One request, to a path of the shop or an address. Redirects are not followed."""
+    def request(self, address, form=None):
+        """Sends a request to a path of the shop or a URL. Does not follow redirects."""
         parts = urllib.parse.urlsplit(urllib.parse.urljoin(self.shop, address))
         connection = http.client.HTTPConnection(parts.hostname, parts.port, timeout=PAGE_SECONDS)
         headers = {"Cookie": "; ".join(f"{name}={value}" for name, value in self.cookies.items())}
@@ -60,8 +63,8 @@ class Visitor:
         try:
             connection.request("GET" if form is None else "POST", parts._replace(scheme="", netloc="").geturl(),
                                content, headers)
-            answer = connection.getresponse()
-            page = Page(answer.status, answer.headers, answer.read().decode())
+            response = connection.getresponse()
+            page = Page(response.status, response.headers, response.read().decode())
         finally:
             connection.close()
         for cookie in page.headers.get_all("Set-Cookie", []):
@@ -70,12 +73,12 @@ class Visitor:
         return page
 
     def follow(self, page):
-        """Where an answer of the shop sends the browser, inside the shop."""
-        return self.ask(page.location) if page.status == 303 else page
+        """Follows the redirect of a response inside the shop."""
+        return self.request(page.location) if page.status == 303 else page
 
 
 class Outline(html.parser.HTMLParser):
-    """What a page is made of, for checks that hold for every page."""
+    """The elements of a page, for checks that hold for every page."""
 
     VOID = {"meta", "input"}
 
@@ -103,11 +106,11 @@ class Outline(html.parser.HTMLParser):
 
 
 class ShopCase(SandboxCase):
-    """Each test has a shop of its own."""
+    """Each test has its own shop."""
 
     def setUp(self):
         super().setUp()
-        # What the payment service tells by itself would come at its own time.
+        # Notifications are blocked: they would come at a time that the test does not control.
         self.control("/faults", {"kind": "drop", "exchange": "notification", "times": "always"})
         self.shop = self.start()
         self.addCleanup(self.stop_shop)
@@ -124,20 +127,20 @@ class ShopCase(SandboxCase):
         self.assertEqual(self.shop.stop(), (0, "", ""))
 
     def control(self, path, content=None):
-        """Asks the control API, or has it change something. Returns its answer."""
+        """Sends GET, or POST with `content`, to the control API. Returns the response's JSON."""
         control = urllib.parse.urlsplit(self.addresses["control"])
         connection = http.client.HTTPConnection(control.hostname, control.port, timeout=PAGE_SECONDS)
         try:
             connection.request("GET" if content is None else "POST", control.path + path, json.dumps(content),
                                {"Content-Type": "application/json"})
-            answer = connection.getresponse()
-            self.assertIn(answer.status, (200, 201))
-            return json.load(answer)
+            response = connection.getresponse()
+            self.assertIn(response.status, (200, 201))
+            return json.load(response)
         finally:
             connection.close()
 
     def check_page(self, page, status, *wanted):
-        """The page has that status, reads so, and is decent HTML."""
+        """The page has this status and these texts, and is well-formed, accessible HTML."""
         self.assertEqual(page.status, status, page.text)
         for text in wanted:
             self.assertIn(text, page.text)
@@ -153,7 +156,7 @@ class ShopCase(SandboxCase):
         return page
 
     def add(self, article, quantity, visitor=None):
-        return (visitor or self.visitor).ask("/basket/add", {"article": article, "quantity": quantity})
+        return (visitor or self.visitor).request("/basket/add", {"article": article, "quantity": quantity})
 
     def check_out(self, visitor=None):
         """Returns the payment URL."""
@@ -163,37 +166,38 @@ class ShopCase(SandboxCase):
         return page.location
 
     def checkout_key(self, visitor=None):
-        """From the form on the basket's page."""
-        return re.search(r'name="key" value="([0-9a-f]{32})"', (visitor or self.visitor).ask("/basket").body).group(1)
+        """The idempotency key of the form on the basket's page."""
+        page = (visitor or self.visitor).request("/basket")
+        return re.search(r'name="key" value="([0-9a-f]{32})"', page.body).group(1)
 
     def order_with(self, key, visitor=None):
-        return (visitor or self.visitor).ask("/checkout", {"key": key})
+        return (visitor or self.visitor).request("/checkout", {"key": key})
 
     @staticmethod
-    def together(count, ask):
-        """Calls `ask` that many times at once. Returns what it returned."""
+    def together(count, call):
+        """Calls `call` `count` times at the same time. Returns all results."""
         ready = threading.Barrier(count)
-        answers = []
+        results = []
 
-        def ask_with_the_others():
+        def call_with_the_others():
             ready.wait(PAGE_SECONDS)
-            answers.append(ask())
+            results.append(call())
 
-        threads = [threading.Thread(target=ask_with_the_others) for _ in range(count)]
+        threads = [threading.Thread(target=call_with_the_others) for _ in range(count)]
         for thread in threads:
             thread.start()
         for thread in threads:
             thread.join()
-        return answers
+        return results
 
     def buy_candle(self):
-        """A candle in the basket, and at the till. Returns the order's path and the payment URL."""
+        """Checks out with a candle in the basket. Returns the order's path and the payment URL."""
         self.assertEqual(self.add("candle", 1).status, 303)
         url = self.check_out()
         return self.order_of(url), url
 
     def buy_candle_too_late(self):
-        """The same, with a time for paying that is over by the shop's clock. The next payments have time enough."""
+        """The same with a payment that has expired by the shop's clock. Later payments do not expire."""
         defaults = self.merchant / "default.xml"
         text = defaults.read_text()
         self.assertIn('PAYINITTTL="3600"', text)
@@ -208,17 +212,17 @@ class ShopCase(SandboxCase):
         return "/orders/" + re.search(r' ORDERID="([^"]*)"', parameters(url)[0]).group(1)
 
     def order_page(self, path, state, *wanted):
-        page = self.check_page(self.visitor.ask(path), 200, *wanted)
+        page = self.check_page(self.visitor.request(path), 200, *wanted)
         self.assertEqual(page.title(), f"Order {path.rpartition('/')[2]}: {state}")
         return page
 
-    def come_back(self, address, path):
-        """The browser follows the service's address, and what the shop answers leads to the order."""
-        page = self.visitor.ask(address)
+    def return_to_shop(self, address, path):
+        """The browser follows the service's redirect to the shop, and the shop redirects it to the order."""
+        page = self.visitor.request(address)
         self.assertEqual((page.status, page.location), (303, path), page.text)
 
     def captures_and_completions(self):
-        """What reached the service, which has to end before its database tells everything."""
+        """The types of all messages that the capture address received. Stops the service to read its database."""
         self.stop_sandbox()
         database = sqlite3.connect(self.directory / "service" / "sandbox.db")
         try:
@@ -231,36 +235,36 @@ class ShopCase(SandboxCase):
 
 class ShopBasket(ShopCase):
     def quantities(self):
-        return re.findall(r'name="quantity-(\w+)"[^>]*value="(\d+)"', self.visitor.ask("/basket").body)
+        return re.findall(r'name="quantity-(\w+)"[^>]*value="(\d+)"', self.visitor.request("/basket").body)
 
-    def test_shows_what_can_be_bought(self):
-        page = self.check_page(self.visitor.ask("/"), 200, "Beeswax candle", "19.90 EUR", "49.00 EUR", "8.05 EUR",
+    def test_shows_the_catalogue(self):
+        page = self.check_page(self.visitor.request("/"), 200, "Beeswax candle", "19.90 EUR", "49.00 EUR", "8.05 EUR",
                                "Caf\u00e9 mug", "Brass & oak")
         self.assertEqual(page.body.count(">Add to basket</button>"), 3)
         self.assertEqual(self.visitor.cookies, {})
 
     def test_keeps_quantities_for_each_visitor(self):
-        self.check_page(self.visitor.ask("/basket"), 200, "Your basket is empty")
+        self.check_page(self.visitor.request("/basket"), 200, "Your basket is empty")
         for article, quantity in (("candle", 2), ("mug", 3), ("candle", 1)):
             self.assertEqual(self.add(article, quantity).location, "/basket")
         self.assertEqual(self.quantities(), [("candle", "3"), ("mug", "3")])
-        self.check_page(self.visitor.ask("/basket"), 200, "59.70 EUR", "24.15 EUR", "Total: 83.85 EUR")
-        self.check_page(Visitor(self.address).ask("/basket"), 200, "Your basket is empty")
+        self.check_page(self.visitor.request("/basket"), 200, "59.70 EUR", "24.15 EUR", "Total: 83.85 EUR")
+        self.check_page(Visitor(self.address).request("/basket"), 200, "Your basket is empty")
 
     def test_updates_quantities(self):
         self.add("candle", 2)
         self.add("candlestick", 1)
-        page = self.visitor.ask("/basket/update", {"quantity-candle": 0, "quantity-candlestick": 99})
+        page = self.visitor.request("/basket/update", {"quantity-candle": 0, "quantity-candlestick": 99})
         self.check_page(self.visitor.follow(page), 200, "Total: 4851.00 EUR")
         self.assertEqual(self.quantities(), [("candlestick", "99")])
 
-    def test_gives_each_visitor_a_name_of_its_own_that_scripts_cannot_read(self):
+    def test_gives_each_visitor_an_id_that_scripts_cannot_read(self):
         cookies = [self.add("mug", 1, Visitor(self.address)).headers["Set-Cookie"] for _ in range(2)]
         for cookie in cookies:
             self.assertRegex(cookie, r"^tallowin-shop-visitor=[0-9a-f]{32}; Path=/; HttpOnly; SameSite=Lax$")
         self.assertNotEqual(*cookies)
 
-    def test_takes_no_name_that_it_did_not_give(self):
+    def test_accepts_no_visitor_id_that_it_did_not_create(self):
         self.visitor.cookies["tallowin-shop-visitor"] = "chosen"
         self.assertEqual(self.add("mug", 1).status, 303)
         self.assertNotEqual(self.visitor.cookies["tallowin-shop-visitor"], "chosen")
@@ -274,27 +278,30 @@ class ShopBasket(ShopCase):
                                ("/basket/update", {"quantity-mug": text})):
                 with self.subTest(path, text=text):
                     shown = text.replace("\0", "\ufffd")
-                    self.check_page(self.visitor.ask(path, form), 400, f'"{shown}" is not a whole number from 0 to 99')
+                    page = self.visitor.request(path, form)
+                    self.check_page(page, 400, f'"{shown}" is not a whole number from 0 to 99')
         for article in ("", "lamp", "<b>mug</b>"):
             self.check_page(self.add(article, 1), 400, f'There is no article "{article}"')
         self.check_page(self.add("mug", 2), 400, "at most 99 of one article")
         self.assertEqual(self.quantities(), [("mug", "98")])
 
-    def test_shows_bytes_that_are_no_text_as_such(self):
+    def test_replaces_bytes_that_are_not_utf8(self):
         for byte in (b"\xff", b"\xc3", b"\xed\xa0\x80", b"\xc0\xaf", b"\xf4\x90\x80\x80", b"\x80", b"\x01\x7f"):
             with self.subTest(byte):
-                page = self.check_page(self.visitor.ask("/basket/update", {"quantity-mug": byte}), 400, "\ufffd")
+                page = self.check_page(self.visitor.request("/basket/update", {"quantity-mug": byte}), 400, "\ufffd")
                 self.assertEqual(page.text.count("\ufffd"), len(byte))
 
     def test_has_no_other_pages(self):
         for address in ("/admin", "/checkout", "/basket/add", "/orders", "/orders/", "/orders/1/settle",
                         "/orders/<b>", "/orders/1/refund?DATA=x", "/x" * 100):
             with self.subTest(address):
-                self.check_page(self.visitor.ask(address), 404, "no page at this address")
+                self.check_page(self.visitor.request(address), 404, "no page at this address")
 
     def test_refuses_requests_that_are_too_long(self):
-        self.check_page(self.visitor.ask("/basket?" + "x" * 10000), 414, "The HTTP status is 414")
-        self.check_page(self.visitor.ask("/basket/update", {"quantity-mug": "1" * 10000}), 413, "The HTTP status is 413")
+        long_address = self.visitor.request("/basket?" + "x" * 10000)
+        self.check_page(long_address, 414, "The HTTP status is 414")
+        long_form = self.visitor.request("/basket/update", {"quantity-mug": "1" * 10000})
+        self.check_page(long_form, 413, "The HTTP status is 413")
 
 
 class ShopPayment(ShopCase):
@@ -306,12 +313,12 @@ class ShopPayment(ShopCase):
         self.assertIn(' AMOUNT="47.85" CURRENCY="EUR"', parameters(url)[0])
         self.order_page(path, "waiting", "Total: 47.85 EUR")
         data, signature = parameters(self.browser.decide(url, "pay"))
-        self.come_back(self.address_for(path, "paid", data, signature), path)
+        self.return_to_shop(self.address_for(path, "paid", data, signature), path)
         page = self.order_page(path, "completed", "2 \u00d7 Beeswax candle", "1 \u00d7 Caf\u00e9 mug", url, signature,
                                'RESULT="authorised"', 'MSGTYPE="PayInit"', "0 ok")
         for function in ("CreatePayInit", "VerifyPayConfirm", "Capture", "Execute (PayComplete)"):
             self.assertRegex(page.body, rf"_{re.escape(function)}</td><td>0 ok</td>")
-        self.check_page(self.visitor.ask("/basket"), 200, "Your basket is empty")
+        self.check_page(self.visitor.request("/basket"), 200, "Your basket is empty")
         self.assertEqual(self.states(), ["completed"])
         self.assertEqual(self.captures_and_completions(), ["PayConfirm", "PayCompleteRequest"])
 
@@ -320,44 +327,44 @@ class ShopPayment(ShopCase):
 
     def test_finds_the_order_of_a_browser_without_cookies(self):
         path, url = self.buy_candle()
-        page = Visitor(self.address).ask(self.browser.decide(url, "pay"))
+        page = Visitor(self.address).request(self.browser.decide(url, "pay"))
         self.assertEqual((page.status, page.location), (303, path), page.text)
         self.order_page(path, "completed")
-        self.check_page(self.visitor.ask("/basket"), 200, "Your basket is empty")
+        self.check_page(self.visitor.request("/basket"), 200, "Your basket is empty")
 
-    def test_tells_what_was_not_paid_and_takes_another_payment(self):
+    def test_accepts_another_payment_after_one_that_failed(self):
         for decision, state in (("decline", "declined"), ("cancel", "cancelled")):
             with self.subTest(decision):
                 path, first = self.buy_candle()
                 back = self.browser.decide(first, decision)
-                self.come_back(back, path)
+                self.return_to_shop(back, path)
                 self.order_page(path, state, "Nothing has been charged", "still in your basket", "Pay again")
-                self.check_page(self.visitor.ask("/basket"), 200, "Total: 19.90 EUR")
-                self.come_back(back, path)  # a page that is loaded again
+                self.check_page(self.visitor.request("/basket"), 200, "Total: 19.90 EUR")
+                self.return_to_shop(back, path)  # the visitor reloads the page
                 self.order_page(path, state)
-                second = self.visitor.ask(path + "/pay", {}).location
+                second = self.visitor.request(path + "/pay", {}).location
                 self.assertEqual(self.order_of(second), path)
                 tokens = [re.search(r' TOKEN="([^"]*)"', parameters(url)[0]).group(1) for url in (first, second)]
                 self.assertNotEqual(*tokens)
                 self.order_page(path, "waiting")
-                self.check_page(self.visitor.ask(back), 400, "confirms another payment")
+                self.check_page(self.visitor.request(back), 400, "confirms another payment")
                 self.order_page(path, "waiting")
-                self.come_back(self.browser.decide(second, "pay"), path)
+                self.return_to_shop(self.browser.decide(second, "pay"), path)
                 self.order_page(path, "completed")
-                self.check_page(self.visitor.ask(back), 400, "confirms another payment")
+                self.check_page(self.visitor.request(back), 400, "confirms another payment")
                 self.order_page(path, "completed")
-                self.check_page(self.visitor.ask("/basket"), 200, "Your basket is empty")
+                self.check_page(self.visitor.request("/basket"), 200, "Your basket is empty")
         self.assertEqual(self.states(), ["declined", "completed", "cancelled", "completed"])
 
-    def test_goes_on_with_the_payment_of_an_order_that_waits(self):
+    def test_continues_the_payment_of_a_waiting_order(self):
         path, url = self.buy_candle()
-        self.assertEqual(self.visitor.ask(path + "/pay", {}).location, url)
+        self.assertEqual(self.visitor.request(path + "/pay", {}).location, url)
 
-    def test_keeps_a_basket_that_was_filled_up_during_the_payment(self):
+    def test_keeps_a_basket_that_changed_during_the_payment(self):
         path, url = self.buy_candle()
         self.add("mug", 1)
-        self.come_back(self.browser.decide(url, "pay"), path)
-        self.check_page(self.visitor.ask("/basket"), 200, "Total: 27.95 EUR")
+        self.return_to_shop(self.browser.decide(url, "pay"), path)
+        self.check_page(self.visitor.request("/basket"), 200, "Total: 27.95 EUR")
 
     def test_does_not_check_out_an_empty_basket(self):
         self.check_page(self.order_with("any"), 400, "The basket is empty")
@@ -372,17 +379,17 @@ class ShopPayment(ShopCase):
         path = self.order_of(urls[0])
         self.assertEqual({page.location for page in pages} - set(urls),
                          {urllib.parse.urljoin(self.address, path)})
-        self.come_back(self.browser.decide(urls[0], "pay"), path)
-        self.come_back_to_order(self.order_with(key), path)
+        self.return_to_shop(self.browser.decide(urls[0], "pay"), path)
+        self.check_redirect_to_order(self.order_with(key), path)
         self.assertEqual(self.states(), ["completed"])
 
-    def come_back_to_order(self, page, path):
+    def check_redirect_to_order(self, page, path):
         self.assertEqual((page.status, page.location), (303, urllib.parse.urljoin(self.address, path)), page.text)
 
     def test_makes_no_order_without_a_form(self):
         self.add("candle", 1)
         for form in ({}, {"key": ""}):
-            self.check_page(self.visitor.ask("/checkout", form), 400, "did not come from the basket page")
+            self.check_page(self.visitor.request("/checkout", form), 400, "did not come from the basket page")
 
     def test_keeps_the_forms_of_visitors_apart(self):
         path, _ = self.buy_candle()
@@ -394,42 +401,42 @@ class ShopPayment(ShopCase):
         self.assertEqual(len(orders | {path}), 3)
 
     def test_starts_a_payment_without_the_service(self):
-        """Nothing is sent at checkout, so an absent service shows in the visitor's browser only."""
+        """The shop sends nothing at checkout. Only the visitor's browser sees that the service is down."""
         self.stop_sandbox()
         path, _ = self.buy_candle()
         self.order_page(path, "waiting")
 
-    def test_tells_that_a_payment_cannot_be_prepared(self):
+    def test_reports_a_payment_that_cannot_be_prepared(self):
         current = self.merchant / "keys" / "current"
         key = current.read_text()
         current.unlink()
         self.add("mug", 1)
         self.check_page(self.order_with("1"), 500, "could not be prepared", "0x80040219",
                         "MessageFactory_CreatePayInit")
-        self.check_page(self.visitor.ask("/basket"), 200, "Total: 8.05 EUR")
+        self.check_page(self.visitor.request("/basket"), 200, "Total: 8.05 EUR")
         current.write_text(key)
         self.check_out()
 
 
 class ShopLatePayment(ShopCase):
-    """The shop's clock says that the time for paying is over."""
+    """Payments that have expired by the shop's clock."""
 
     def setUp(self):
         super().setUp()
-        self.control("/clock", {"ahead": -2 * 3600})  # the service takes an hour ago for the future
+        self.control("/clock", {"ahead": -2 * 3600})  # for the service, an hour ago is in the future
         self.path, self.late = self.buy_candle_too_late()
 
     def pay_again(self):
-        page = self.visitor.ask(self.path + "/pay", {})
+        page = self.visitor.request(self.path + "/pay", {})
         self.assertEqual(page.status, 303, page.text)
         return page.location
 
     def check_paid_once(self, surplus):
-        """The order is paid, and its page tells of the other payment that is authorised."""
-        self.check_page(self.visitor.ask(surplus), 400, "Another payment has paid it", "nothing is charged for it")
-        # The service need not tell of it again.
+        """The order is paid once, and its page lists the surplus payment."""
+        self.check_page(self.visitor.request(surplus), 400, "Another payment has paid it", "nothing is charged for it")
+        # The notification succeeds, so the service does not repeat it.
         notice = self.path + "/notified?" + urllib.parse.urlsplit(surplus).query
-        self.assertEqual(self.visitor.ask(notice).status, 200)
+        self.assertEqual(self.visitor.request(notice).status, 200)
         page = self.order_page(self.path, "completed")
         self.assertEqual(len(re.findall("Payment P[0-9a-f]+ was authorised as well", page.text)), 1)
         self.assertEqual(sorted(self.states()), ["authorised", "completed"])
@@ -442,101 +449,102 @@ class ShopLatePayment(ShopCase):
         self.assertNotEqual(urls[0], self.late)
         self.assertEqual(self.order_of(urls[0]), self.path)
         self.assertEqual(self.pay_again(), urls[0])
-        self.come_back(self.browser.decide(urls[0], "pay"), self.path)
+        self.return_to_shop(self.browser.decide(urls[0], "pay"), self.path)
         self.order_page(self.path, "completed")
 
     def test_goes_back_to_a_payment_that_was_authorised_in_time(self):
         paid = self.browser.decide(self.late, "pay")
         self.assertEqual(self.pay_again(), self.late)
-        self.come_back(paid, self.path)
+        self.return_to_shop(paid, self.path)
         self.order_page(self.path, "completed")
 
     def test_takes_a_late_confirmation_of_the_old_payment(self):
         new = self.pay_again()
-        self.come_back(self.browser.decide(self.late, "pay"), self.path)
+        self.return_to_shop(self.browser.decide(self.late, "pay"), self.path)
         self.order_page(self.path, "completed")
         self.check_paid_once(self.browser.decide(new, "pay"))
 
-    def test_keeps_a_late_confirmation_in_mind_when_the_new_payment_has_paid(self):
-        self.come_back(self.browser.decide(self.pay_again(), "pay"), self.path)
+    def test_lists_a_late_confirmation_after_the_new_payment_has_paid(self):
+        self.return_to_shop(self.browser.decide(self.pay_again(), "pay"), self.path)
         late = self.browser.decide(self.late, "pay")
-        self.check_page(self.visitor.ask(late), 400, "has been paid already")
+        self.check_page(self.visitor.request(late), 400, "has been paid already")
         self.check_paid_once(late)
 
-    def test_captures_one_of_two_payments_that_come_at_once(self):
+    def test_captures_one_of_two_simultaneous_payments(self):
         confirmations = [self.browser.decide(url, "pay") for url in (self.pay_again(), self.late)]
-        pages = self.together(2, lambda: self.visitor.ask(confirmations.pop()))
+        pages = self.together(2, lambda: self.visitor.request(confirmations.pop()))
         self.assertEqual(sorted(page.status for page in pages), [303, 400])
         self.assertEqual(self.captures_and_completions(), ["StatusRequest", "PayConfirm", "PayCompleteRequest"])
 
     def test_keeps_waiting_when_the_old_payment_is_declined(self):
         new = self.pay_again()
         declined = self.browser.decide(self.late, "decline")
-        self.check_page(self.visitor.ask(declined), 400, "a newer payment has replaced it")
+        self.check_page(self.visitor.request(declined), 400, "a newer payment has replaced it")
         self.order_page(self.path, "waiting")
-        self.come_back(self.browser.decide(new, "pay"), self.path)
+        self.return_to_shop(self.browser.decide(new, "pay"), self.path)
 
 
 class ShopKeys(ShopCase):
-    """The payment service signs with a key that it has made since the shop's directory was set up."""
+    """The payment service has a new signing key since the shop's set-up."""
 
     NOT_THE_SERVICE = "The key that signed it is not a key of the payment service"
 
     def set_ups(self):
-        """How often the shop has asked for the account's configuration."""
+        """The number of set-up requests so far."""
         return [exchange["kind"] for exchange in self.control("/exchanges")["exchanges"]].count("setup")
 
-    def test_learns_the_new_key(self):
+    def test_imports_the_new_key(self):
         path, url = self.buy_candle()
         self.control("/keys/rotate", {})
-        self.come_back(self.browser.decide(url, "pay"), path)
+        self.return_to_shop(self.browser.decide(url, "pay"), path)
         self.order_page(path, "completed", "ConfigurationSetup_Reconfigure")
         self.assertEqual(self.set_ups(), 2)
 
-    def test_learns_the_new_key_after_a_new_start(self):
+    def test_imports_the_new_key_after_a_restart(self):
         path, url = self.buy_candle()
-        self.come_back(self.browser.decide(url, "pay"), path)
+        self.return_to_shop(self.browser.decide(url, "pay"), path)
         self.control("/keys/rotate", {})
         self.stop_shop()
         self.shop = self.start()
         self.address = self.shop.line()[len(OPENING):]
         self.visitor = Visitor(self.address)
         path, url = self.buy_candle()
-        self.come_back(self.browser.decide(url, "pay"), path)
+        self.return_to_shop(self.browser.decide(url, "pay"), path)
         self.order_page(path, "completed")
 
-    def test_learns_the_new_key_once_for_many_visitors(self):
+    def test_imports_the_new_key_once_for_many_visitors(self):
         self.control("/keys/rotate", {})
         orders = [self.buy_candle() for _ in range(4)]
         confirmations = [self.browser.decide(url, "pay") for _, url in orders]
-        pages = self.together(len(orders), lambda: self.visitor.ask(confirmations.pop()))
+        pages = self.together(len(orders), lambda: self.visitor.request(confirmations.pop()))
         self.assertEqual({(page.status, page.location) for page in pages}, {(303, path) for path, _ in orders})
         self.assertEqual(self.set_ups(), 2)
 
-    def test_does_not_ask_for_every_forgery(self):
+    def test_does_not_set_up_for_every_forgery(self):
         path, _ = self.buy_candle()
         for key in ("nobody", "1-SERVER-0", "../current", "nobody"):
             query = urllib.parse.urlencode({"DATA": f'<KVX MSGTYPE="PayConfirm" KEYID="{key}"/>', "SIGNATURE": "00"})
-            self.check_page(self.visitor.ask(path + "/paid?" + query), 400, self.NOT_THE_SERVICE)
+            self.check_page(self.visitor.request(path + "/paid?" + query), 400, self.NOT_THE_SERVICE)
         self.assertEqual(self.set_ups(), 2)
 
-    def test_does_not_ask_when_its_own_message_comes_back(self):
+    def test_does_not_set_up_for_its_own_message(self):
         path, url = self.buy_candle()
         own = url.replace(self.addresses["pay"], path + "/paid")
-        self.check_page(self.visitor.ask(own), 400, "it is not a confirmation")
+        self.check_page(self.visitor.request(own), 400, "it is not a confirmation")
         self.assertEqual(self.set_ups(), 1)
 
-    def test_tells_that_it_cannot_ask(self):
+    def test_reports_a_failed_set_up(self):
         path, url = self.buy_candle()
         self.control("/keys/rotate", {})
         paid = self.browser.decide(url, "pay")
         self.control("/accounts", {"user": "demo", "password": "changed"})
-        self.check_page(self.visitor.ask(paid), 400, self.NOT_THE_SERVICE, "ConfigurationSetup_Reconfigure0x80040213")
+        page = self.visitor.request(paid)
+        self.check_page(page, 400, self.NOT_THE_SERVICE, "ConfigurationSetup_Reconfigure0x80040213")
         self.order_page(path, "waiting")
 
 
 class ShopNotifications(ShopCase):
-    """The payment service tells the shop by itself, with what it gives the visitor as well."""
+    """Notifications carry the same confirmation as the visitor's return."""
 
     def setUp(self):
         super().setUp()
@@ -544,12 +552,12 @@ class ShopNotifications(ShopCase):
         self.notices = self.path + "/notified"
 
     def decide(self, decision):
-        """Returns how the visitor comes back, and how the service notifies."""
+        """Returns the visitor's return address and the notification's."""
         back = self.browser.decide(self.url, decision)
         return back, self.notices + "?" + urllib.parse.urlsplit(back).query
 
     def notify(self, notice):
-        page = Visitor(self.address).ask(notice)
+        page = Visitor(self.address).request(notice)
         self.assertEqual((page.status, page.text), (200, "received\n"))
 
     def test_pays_although_the_visitor_does_not_come_back(self):
@@ -557,44 +565,44 @@ class ShopNotifications(ShopCase):
         self.notify(notice)
         page = self.order_page(self.path, "completed", "DATA received by notification")
         self.assertNotIn("received when you returned", page.text)
-        self.check_page(self.visitor.ask("/basket"), 200, "Your basket is empty")
+        self.check_page(self.visitor.request("/basket"), 200, "Your basket is empty")
         self.notify(notice)
         self.assertEqual(self.captures_and_completions(), ["PayConfirm", "PayCompleteRequest"])
 
     def test_lets_the_visitor_come_back_once_after_it(self):
         back, notice = self.decide("pay")
         self.notify(notice)
-        self.come_back(back, self.path)
+        self.return_to_shop(back, self.path)
         self.order_page(self.path, "completed", "DATA received by notification", "DATA received when you returned")
-        self.check_page(self.visitor.ask(back), 400, "has been paid already")
+        self.check_page(self.visitor.request(back), 400, "has been paid already")
         self.assertEqual(self.captures_and_completions(), ["PayConfirm", "PayCompleteRequest"])
 
     def test_takes_it_after_the_visitor_came_back(self):
         back, notice = self.decide("pay")
-        self.come_back(back, self.path)
+        self.return_to_shop(back, self.path)
         self.notify(notice)
         self.order_page(self.path, "completed", "DATA received by notification", "DATA received when you returned")
-        self.check_page(self.visitor.ask(back), 400, "has been paid already")
+        self.check_page(self.visitor.request(back), 400, "has been paid already")
         self.assertEqual(self.captures_and_completions(), ["PayConfirm", "PayCompleteRequest"])
 
     def test_captures_once_when_all_come_at_once(self):
         back, notice = self.decide("pay")
         addresses = [back, back, notice, notice, notice]
-        pages = self.together(len(addresses), lambda: Visitor(self.address).ask(addresses.pop()))
+        pages = self.together(len(addresses), lambda: Visitor(self.address).request(addresses.pop()))
         self.assertEqual(sorted(page.status for page in pages), [200, 200, 200, 303, 400])
         self.assertEqual(self.captures_and_completions(), ["PayConfirm", "PayCompleteRequest"])
 
-    def test_tells_of_a_decline(self):
+    def test_reports_a_decline(self):
         back, notice = self.decide("decline")
         self.notify(notice)
         self.order_page(self.path, "declined", "DATA received by notification", "Pay again")
-        self.come_back(back, self.path)
+        self.return_to_shop(back, self.path)
         self.notify(notice)
-        self.assertEqual(self.visitor.ask(self.path + "/pay", {}).status, 303)
-        self.check_page(self.visitor.ask(notice), 400, "confirms another payment")
+        self.assertEqual(self.visitor.request(self.path + "/pay", {}).status, 303)
+        self.check_page(self.visitor.request(notice), 400, "confirms another payment")
         self.order_page(self.path, "waiting")
 
-    def test_is_checked_as_what_a_visitor_brings(self):
+    def test_checks_it_like_a_return(self):
         other, _ = self.buy_candle()
         _, notice = self.decide("pay")
         own = self.url.replace(self.addresses["pay"], self.notices)
@@ -605,7 +613,7 @@ class ShopNotifications(ShopCase):
                                         (notice.replace(self.path, other), 400, "confirms another order"),
                                         (notice.replace(self.path, "/orders/0"), 404, "There is no such order")):
             with self.subTest(reason):
-                self.check_page(self.visitor.ask(address), status, reason)
+                self.check_page(self.visitor.request(address), status, reason)
         self.order_page(self.path, "waiting")
         self.order_page(other, "waiting")
         self.notify(notice)
@@ -616,24 +624,24 @@ class ShopNotifications(ShopCase):
 
 
 class ShopRefusals(ShopCase):
-    """What must not get through, each with the reason on the page, and the order as it was."""
+    """Requests that the shop must refuse, with the reason on the page and an unchanged order."""
 
     def setUp(self):
         super().setUp()
         self.path, self.url = self.buy_candle()
 
     def refuse(self, address, *reasons, state="waiting", status=400):
-        page = self.check_page(self.visitor.ask(address), status, *reasons)
+        page = self.check_page(self.visitor.request(address), status, *reasons)
         self.assertNotIn("MessageObject_Capture", page.text)
         self.order_page(self.path, state)
 
     def pay(self):
-        """The address with which the payment service sends the visitor back."""
+        """Pays. Returns the return address."""
         return self.browser.decide(self.url, "pay")
 
     def test_replayed_confirmation(self):
         paid = self.pay()
-        self.come_back(paid, self.path)
+        self.return_to_shop(paid, self.path)
         self.refuse(paid, "has been paid already", "Nothing has been captured a second time", state="completed")
         self.assertEqual(self.captures_and_completions(), ["PayConfirm", "PayCompleteRequest"])
 
@@ -645,7 +653,7 @@ class ShopRefusals(ShopCase):
         other, url = self.buy_candle()
         paid = self.browser.decide(url, "pay")
         self.refuse(paid.replace(other, self.path), "confirms another order", other.rpartition("/")[2])
-        self.come_back(paid, other)
+        self.return_to_shop(paid, other)
         self.order_page(other, "completed")
 
     def test_altered_messages(self):
@@ -655,14 +663,14 @@ class ShopRefusals(ShopCase):
                 altered = paid.replace(old, new)
                 self.assertNotEqual(altered, paid)
                 self.refuse(altered, "altered after the payment service signed it", "0x80040214")
-        self.come_back(paid, self.path)
+        self.return_to_shop(paid, self.path)
 
     def test_outcome_that_was_rewritten(self):
         cancelled = self.browser.decide(self.url, "cancel")
         self.refuse(cancelled.replace("/cancelled?", "/paid?"), 'RESULT is "cancelled", it must be "authorised"')
         self.refuse(cancelled.replace("/cancelled?", "/paid?").replace("%22cancelled%22", "%22authorised%22"),
                     "altered after the payment service signed it")
-        self.come_back(cancelled, self.path)
+        self.return_to_shop(cancelled, self.path)
 
     def test_missing_and_useless_signatures(self):
         paid = self.pay()
@@ -673,9 +681,9 @@ class ShopRefusals(ShopCase):
                                 (bare + "&SIGNATURE=" + "0" * 128, "The signature does not match")):
             with self.subTest(address[-20:]):
                 self.refuse(address, "refused", reason)
-        self.come_back(paid, self.path)
+        self.return_to_shop(paid, self.path)
 
-    def test_what_is_no_message(self):
+    def test_data_without_a_message(self):
         signature = parameters(self.pay())[1]
         for data, reason in (("", "not a payment message"), ("nonsense", "not a payment message"),
                              ("<a>", "not a payment message"),
@@ -688,14 +696,14 @@ class ShopRefusals(ShopCase):
             with self.subTest(query):
                 self.refuse(self.path + "/paid" + query, "refused")
 
-    def test_parameters_that_come_twice(self):
+    def test_repeated_parameters(self):
         paid = self.pay()
         for addition in ("&DATA=x", "&SIGNATURE=0", "&DATA="):
             with self.subTest(addition):
                 self.refuse(paid + addition, "The shop cannot handle this request", "appears more than once")
-        self.check_page(self.visitor.ask("/basket/add", [("article", "mug"), ("quantity", 1), ("quantity", 2)]), 400,
-                        '"quantity" appears more than once')
-        self.come_back(paid, self.path)
+        page = self.visitor.request("/basket/add", [("article", "mug"), ("quantity", 1), ("quantity", 2)])
+        self.check_page(page, 400, '"quantity" appears more than once')
+        self.return_to_shop(paid, self.path)
 
     def test_unknown_order(self):
         paid = self.pay()
@@ -703,18 +711,18 @@ class ShopRefusals(ShopCase):
             unknown = "/orders/" + number
             self.refuse(paid.replace(self.path, unknown), f'no order with the number "{number}"', status=404)
             for path, form in ((unknown, None), (unknown + "/pay", {}), (unknown + "/settle", {})):
-                self.check_page(self.visitor.ask(path, form), 404, "There is no such order")
-        self.come_back(paid, self.path)
+                self.check_page(self.visitor.request(path, form), 404, "There is no such order")
+        self.return_to_shop(paid, self.path)
 
-    def test_paying_what_is_paid(self):
-        self.come_back(self.pay(), self.path)
-        self.check_page(self.visitor.ask(self.path + "/pay", {}), 400, "not waiting for a payment")
-        self.assertEqual(self.visitor.ask(self.path + "/settle", {}).location, self.path)
+    def test_paying_again(self):
+        self.return_to_shop(self.pay(), self.path)
+        self.check_page(self.visitor.request(self.path + "/pay", {}), 400, "not waiting for a payment")
+        self.assertEqual(self.visitor.request(self.path + "/settle", {}).location, self.path)
         self.assertEqual(self.captures_and_completions(), ["PayConfirm", "PayCompleteRequest"])
 
     def test_simultaneous_returns_capture_once(self):
         paid = self.pay()
-        pages = self.together(6, lambda: Visitor(self.address).ask(paid))
+        pages = self.together(6, lambda: Visitor(self.address).request(paid))
         self.assertEqual(sorted(page.status for page in pages), [303] + [400] * 5)
         for page in pages:
             if page.status == 400:
@@ -724,15 +732,15 @@ class ShopRefusals(ShopCase):
 
 
 class Relay:
-    """Stands between the shop and the service's capture address, and keeps some of what passes by."""
+    """A proxy between the shop and the service's capture address that can refuse, lose or hold messages."""
 
     def __init__(self, capture):
-        self.refused = set()  # types of messages that do not reach the service
-        self.lost = set()  # types of messages whose answers do not come back
-        self.held = set()  # types of messages that wait until release(), and do not reach the service
-        self.holding = threading.Semaphore(0)  # one for each that waits or has waited
+        self.refused = set()  # message types to refuse with 503
+        self.lost = set()  # message types whose responses are dropped
+        self.held = set()  # message types to hold until release(), then drop
+        self.holding = threading.Semaphore(0)  # counts the held messages
         self.released = threading.Event()
-        self.passed = []  # the types of all messages that reached the service
+        self.passed = []  # the types of all forwarded messages
         relay = self
 
         class Handler(http.server.BaseHTTPRequestHandler):
@@ -746,7 +754,7 @@ class Relay:
                     self.send_error(503)
                     return
                 relay.passed.append(kind)
-                status, _, body = Browser.ask(capture + "?" + urllib.parse.urlsplit(self.path).query)
+                status, _, body = Browser.request(capture + "?" + urllib.parse.urlsplit(self.path).query)
                 if kind not in relay.lost:
                     self.send_response(status)
                     self.end_headers()
@@ -763,10 +771,10 @@ class Relay:
     def wait_until_holding(self, count):
         for _ in range(count):
             if not self.holding.acquire(timeout=PAGE_SECONDS):
-                raise AssertionError("fewer messages came than expected")
+                raise AssertionError("fewer messages arrived than expected")
 
     def release(self):
-        """Lets what is held go without an answer, and holds nothing more."""
+        """Drops the held messages, and holds no more."""
         self.held = set()
         self.released.set()
 
@@ -790,12 +798,12 @@ class ShopWithUnreliableService(ShopCase):
         self.paid = self.browser.decide(url, "pay")
 
     def try_again(self):
-        page = self.visitor.ask(self.path + "/settle", {})
+        page = self.visitor.request(self.path + "/settle", {})
         self.assertEqual((page.status, page.location), (303, self.path), page.text)
 
     def test_completes_later_and_does_not_capture_again(self):
         self.relay.refused = {"PayCompleteRequest"}
-        self.come_back(self.paid, self.path)
+        self.return_to_shop(self.paid, self.path)
         self.order_page(self.path, "captured", "Try again", "0x800421F7")
         self.try_again()
         self.order_page(self.path, "captured", "Try again")
@@ -806,7 +814,7 @@ class ShopWithUnreliableService(ShopCase):
 
     def test_asks_before_it_captures_again(self):
         self.relay.lost = {"PayConfirm"}
-        self.come_back(self.paid, self.path)
+        self.return_to_shop(self.paid, self.path)
         self.order_page(self.path, "capture failed", "Try again")
         self.assertEqual(self.states(), ["captured"])
         self.relay.lost = {"StatusRequest"}
@@ -819,24 +827,24 @@ class ShopWithUnreliableService(ShopCase):
 
 
     def test_stays_open_while_captures_stall(self):
-        """As many orders as may wait for the service at once do; another one is told to try again."""
+        """All slots for waiting are in use. The next visitor is asked to try again."""
         late, late_url = self.buy_candle_too_late()
         others = [self.buy_candle() for _ in range(8)]
         stalled = [(path, self.browser.decide(url, "pay")) for path, url in others]
         self.relay.held = {"PayConfirm"}
-        threads = [threading.Thread(target=self.come_back, args=(paid, path)) for path, paid in stalled]
+        threads = [threading.Thread(target=self.return_to_shop, args=(paid, path)) for path, paid in stalled]
         for thread in threads:
             thread.start()
         self.relay.wait_until_holding(len(stalled))
-        self.come_back(self.paid, self.path)
+        self.return_to_shop(self.paid, self.path)
         self.order_page(self.path, "capture failed", "not called: too many threads wait for the service", "Try again")
-        self.check_page(self.visitor.ask("/"), 200, "Beeswax candle")
+        self.check_page(self.visitor.request("/"), 200, "Beeswax candle")
         self.order_page(stalled[0][0], "paid", "is being captured")
-        self.check_page(self.visitor.ask(late + "/pay", {}), 503, "try again in a minute")
+        self.check_page(self.visitor.request(late + "/pay", {}), 503, "try again in a minute")
         self.relay.release()
         for thread in threads:
             thread.join()
-        self.assertNotIn(self.visitor.ask(late + "/pay", {}).location, (None, late_url))
+        self.assertNotIn(self.visitor.request(late + "/pay", {}).location, (None, late_url))
         for self.path in [self.path, *(path for path, _ in stalled)]:
             self.try_again()
             self.order_page(self.path, "completed")
@@ -849,7 +857,7 @@ class ShopWithUnreliableService(ShopCase):
         url = self.check_out(visitor)
         paid = self.browser.decide(url, "pay")
         self.relay.held = {"PayConfirm"}
-        thread = threading.Thread(target=lambda: self.assertRaises(OSError, visitor.ask, paid))
+        thread = threading.Thread(target=lambda: self.assertRaises(OSError, visitor.request, paid))
         thread.start()
         self.relay.wait_until_holding(1)
         status, out, errors = shop.stop()
@@ -860,17 +868,17 @@ class ShopWithUnreliableService(ShopCase):
 
 
 class ShopUnderPressure(ShopCase):
-    """Clients that want more of the shop than is good for the others."""
+    """Clients that try to use up the shop's threads or memory."""
 
     def connect(self, text):
-        place = urllib.parse.urlsplit(self.address)
-        connection = socket.create_connection((place.hostname, place.port), timeout=PAGE_SECONDS)
+        target = urllib.parse.urlsplit(self.address)
+        connection = socket.create_connection((target.hostname, target.port), timeout=PAGE_SECONDS)
         self.addCleanup(connection.close)
         connection.sendall(text)
         return connection
 
-    def most_memory(self):
-        """The most that the shop has used so far, in KB."""
+    def peak_memory(self):
+        """The shop's peak memory in KB."""
         status = pathlib.Path(f"/proc/{self.shop.process.pid}/status").read_text()
         return int(re.search(r"VmHWM:\s*(\d+) kB", status).group(1))
 
@@ -878,23 +886,23 @@ class ShopUnderPressure(ShopCase):
         clients = [self.connect(b"GET / HTTP/1.1\r\nX: ") for _ in range(80)]
         ended = threading.Event()
 
-        def go_on():
+        def keep_sending():
             while not ended.wait(0.1):
                 for client in clients:
                     try:
                         client.send(b"x")
                     except OSError:
-                        pass  # the shop has given it up
+                        pass  # the shop has closed the connection
 
-        thread = threading.Thread(target=go_on)
+        thread = threading.Thread(target=keep_sending)
         thread.start()
         try:
-            self.check_page(self.visitor.ask("/"), 200, "Beeswax candle")
+            self.check_page(self.visitor.request("/"), 200, "Beeswax candle")
         finally:
             ended.set()
             thread.join()
 
-    def test_requests_without_measure(self):
+    def test_requests_without_end(self):
         chunk = b"x" * 65536
         requests = {
             "headers": (b"GET / HTTP/1.1\r\n", (b"X: " + b"x" * 1000 + b"\r\n") * 64),
@@ -905,18 +913,18 @@ class ShopUnderPressure(ShopCase):
         }
         for name, (start, more) in requests.items():
             with self.subTest(name):
-                before = self.most_memory()
+                before = self.peak_memory()
                 client = self.connect(start)
                 with self.assertRaises(OSError):
                     for _ in range(1024):
                         client.sendall(more)
-                self.assertLess(self.most_memory() - before, 16384)
-        self.check_page(self.visitor.ask("/"), 200, "Beeswax candle")
+                self.assertLess(self.peak_memory() - before, 16384)
+        self.check_page(self.visitor.request("/"), 200, "Beeswax candle")
 
 
 class ShopWithoutService(ShopCase):
     def restart_sandbox(self):
-        """The same service once more. Its port is another one, so the account has to be told."""
+        """Restarts the service with its data. Writes its new port to the account's configuration."""
         old = self.service.rpartition("/")[0]
         self.stop_sandbox()
         self.sandbox = Program(os.environ["KVX_SANDBOX"], "--data", self.directory / "service", "--json")
@@ -932,19 +940,19 @@ class ShopWithoutService(ShopCase):
         path, url = self.buy_candle()
         paid = self.browser.decide(url, "pay")
         self.stop_sandbox()
-        self.come_back(paid, path)
+        self.return_to_shop(paid, path)
         self.order_page(path, "capture failed", "did not confirm the capture", "Try again")
-        self.check_page(self.visitor.ask(paid), 400, "has been paid already")
-        self.come_back_from_settling(path)
+        self.check_page(self.visitor.request(paid), 400, "has been paid already")
+        self.retry_settlement(path)
         self.order_page(path, "capture failed", "Try again")
         self.restart_sandbox()
-        self.come_back_from_settling(path)
+        self.retry_settlement(path)
         self.order_page(path, "completed")
         self.assertEqual(self.states(), ["completed"])
         self.assertEqual(self.captures_and_completions(), ["StatusRequest", "PayConfirm", "PayCompleteRequest"])
 
-    def come_back_from_settling(self, path):
-        page = self.visitor.ask(path + "/settle", {})
+    def retry_settlement(self, path):
+        page = self.visitor.request(path + "/settle", {})
         self.assertEqual((page.status, page.location), (303, path), page.text)
 
 
@@ -960,24 +968,24 @@ class ShopProgram(ShopCase):
     def test_sets_up_a_directory_once(self):
         current = self.merchant / "keys" / "current"
         key = current.read_text()
-        shop = self.start(password="guessed, and not asked for")
+        shop = self.start(password="wrong, but not used")
         self.assertTrue(shop.line().startswith(OPENING))
         self.assertEqual(shop.stop(), (0, "", ""))
         self.assertEqual(current.read_text(), key)
 
-    def test_tells_that_the_password_is_wrong(self):
+    def test_reports_a_wrong_password(self):
         self.merchant = self.directory / "another"
         status, out, errors = self.start(password="guessed").finish()
         self.assertEqual((status, out), (1, ""))
         self.assertIn("registering: 0x80040213", errors)
 
-    def test_tells_that_the_directory_cannot_be_made(self):
+    def test_reports_a_directory_that_cannot_be_created(self):
         self.merchant = self.directory / "nowhere" / "merchant"
         status, out, errors = self.start().finish()
         self.assertEqual((status, out), (1, ""))
         self.assertIn(f'the directory "{self.merchant}" cannot be made: No such file or directory', errors)
 
-    def test_tells_that_the_service_is_absent(self):
+    def test_reports_that_the_service_is_down(self):
         self.stop_sandbox()
         self.merchant = self.directory / "another"
         status, out, errors = self.start().finish()
@@ -990,12 +998,12 @@ class ShopProgram(ShopCase):
         self.assertEqual((status, out), (1, ""))
         self.assertIn(f"cannot listen on 127.0.0.1:{port}", errors)
 
-    def test_takes_a_free_port_when_told_so(self):
+    def test_takes_a_free_port_for_port_0(self):
         shop = self.start("--port", 0)
         self.assertTrue(shop.line().startswith(OPENING))
         self.assertEqual(shop.stop(), (0, "", ""))
 
-    def test_tells_its_usage(self):
+    def test_prints_its_usage(self):
         shop = os.environ["KVX_SHOP"]
         self.assertEqual(Program(shop).finish()[0], 2)
         for options in (["--port"], ["--port", "x"], ["--port", "65536"], ["--port", "-1"], ["--fast", "1"],
