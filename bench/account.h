@@ -6,7 +6,7 @@
 
 namespace kvxbench {
 
-/// The directory of a merchant who has been set up, in a temporary place; removed at the end.
+/// The configuration directory of a merchant after set-up, in a temporary directory; removed by the destructor.
 class Account {
 public:
     Account();
@@ -16,10 +16,10 @@ public:
 
     [[nodiscard]] std::string const& path() const { return m_Path; }
 
-    /// The identifier of the merchant's own key pair, which "keys/current" names.
+    /// The key id of the merchant's own key pair, which is also in "keys/current".
     static char const* const kOwnKey;
 
-    /// The identifier of the server's key pair. Its private half lies here too, for making confirmations.
+    /// The key id of the server's key pair. Its private key is in the directory too, to sign confirmations.
     static char const* const kServerKey;
 
 private:

@@ -1,3 +1,7 @@
+// Runs all registered benchmarks interleaved, collects the time of each repetition, and prints ratios of medians.
+//
+// Order: rows and the collector, registering, run(), checks. The collector replaces the benchmark library's own output.
+// The range beside a ratio divides each side's lower quartile by the other's upper one, and the reverse.
 #include "bench/bench_support.h"
 
 #include <benchmark/benchmark.h>
@@ -34,7 +38,7 @@ struct Bytes {
 std::vector<Ratio> g_Ratios;
 std::vector<Bytes> g_Bytes;
 
-/// Keeps the time of every repetition and prints nothing.
+/// Stores the time of each repetition; prints nothing.
 class Collector : public benchmark::BenchmarkReporter {
 public:
     bool ReportContext(Context const&) override { return true; }
@@ -51,7 +55,7 @@ public:
         }
     }
 
-    /// The time below which `part` of the repetitions lie; 0 when there was none.
+    /// The quantile `part` of the repetitions' times; 0 when there are none.
     [[nodiscard]] double quantile(std::string const& name, Clock clock, double part) const {
         auto const found = m_Times.find({name, clock});
         if (found == m_Times.end()) {
@@ -69,7 +73,7 @@ private:
     std::map<std::pair<std::string, Clock>, std::vector<double>> m_Times;
 };
 
-/// False when a side has not run.
+/// Prints a row. Returns false when one of its benchmarks has not run.
 bool printRatio(Ratio const& ratio, Collector const& times) {
     auto const measured = [&](double part) { return times.quantile(ratio.m_Measured, ratio.m_Clock, part); };
     auto const base = [&](double part) { return times.quantile(ratio.m_Base, ratio.m_Clock, part) * ratio.m_Divisor; };
@@ -88,7 +92,7 @@ void add(std::string const& name, Work work) {
         for ([[maybe_unused]] auto const& iteration : state) {
             work();
         }
-        // The allocator puts off part of the work of freeing: it must not fall on the benchmark that comes next.
+        // The allocator defers part of the work of freeing; that must not count for the next benchmark.
         ::malloc_trim(0);
     });
 }
@@ -112,7 +116,7 @@ void addBytes(std::string const& label, double ours, std::string const& other, d
 }
 
 int run(int argc, char** argv) {
-    // Options on the command line come later and win.
+    // Options on the command line come later and override these.
     std::string defaults[] = {"--benchmark_enable_random_interleaving=true", "--benchmark_repetitions=9",
                               "--benchmark_min_time=0.05"};
     std::vector<char*> arguments(argv, argv + argc);
@@ -145,9 +149,9 @@ std::size_t heapInUse() {
     return now.uordblks + now.hblkhd;
 }
 
-void require(bool condition, char const* what) {
+void require(bool condition, char const* message) {
     if (!condition) {
-        throw std::runtime_error(what);
+        throw std::runtime_error(message);
     }
 }
 

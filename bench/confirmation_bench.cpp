@@ -1,6 +1,6 @@
-// A confirmation verified through the flat functions, beside pugixml, the same key file read and OpenSSL.
+// Verifies a confirmation with the flat functions; compared with pugixml and OpenSSL, which read the same key file.
 //
-// Judged by (medians of one interleaved run on a shared machine with two processors; they vary by a tenth):
+// Reference numbers (medians of one interleaved run on a shared machine with two processors; they vary by a tenth):
 //   confirmation verified / pugixml and OpenSSL       2.6
 //   confirmation verified / its RSA operation alone   4.5
 

@@ -1,12 +1,12 @@
-// One HTTP/1.0 exchange with a server in this process, connection closed after it, beside libcurl's easy interface with
-// a new handle for each exchange.
+// One HTTP/1.0 exchange with a server in this process that closes the connection; compared with libcurl's easy
+// interface and a new handle per exchange.
 //
-// Judged by (medians of one interleaved run on a shared machine with two processors; processor time of the client, they
-// vary by a tenth, those of the time that passes by a half):
-//   answer of 1 KB / libcurl    0.53, time that passes 0.6
-//   answer of 1 MB / libcurl    1.9,  time that passes 1.8
-//   answer of 10 MB / libcurl   0.6,  time that passes 0.6
-//   growth, 10 MB / 1 MB        1.4 where 1 is linear; the rest is fresh memory
+// Reference numbers (medians of one interleaved run on a shared machine with two processors; processor time of the
+// client; they vary by a tenth, wall times by a half):
+//   response of 1 KB / libcurl    0.53, wall time 0.6
+//   response of 1 MB / libcurl    1.9,  wall time 1.8
+//   response of 10 MB / libcurl   0.6,  wall time 0.6
+//   growth, 10 MB / 1 MB          1.4, where 1 is linear; the rest is fresh memory
 
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
@@ -31,7 +31,7 @@ using kvxbench::require;
 constexpr char kUser[] = "merchant";
 constexpr char kPassword[] = "secret";
 
-/// Gives every client on a free loopback port the same answer, one client after the other, on a thread of its own.
+/// Serves the same response to every client on a free loopback port, one client after another, on its own thread.
 class Server {
 public:
     explicit Server(std::string const& body) : m_Response(headerFor(body) + body) {
@@ -69,12 +69,12 @@ private:
             if (client == -1) {
                 return;
             }
-            response(client);
+            respond(client);
             ::close(client);
         }
     }
 
-    void response(int client) const {
+    void respond(int client) const {
         std::string request;
         char chunk[4096];
         while (request.find("\r\n\r\n") == std::string::npos) {
@@ -138,23 +138,23 @@ std::size_t curlFetch(std::string const& port) {
     return body.size();
 }
 
-void addAnswer(std::string const& size, std::size_t bytes) {
+void addResponse(std::string const& size, std::size_t bytes) {
     auto const server = std::make_shared<Server const>(std::string(bytes, 'x'));
-    require(oursFetch(server->port()) == bytes && curlFetch(server->port()) == bytes, "an answer is not complete");
-    std::string const name = "HTTP exchange, answer of " + size;
+    require(oursFetch(server->port()) == bytes && curlFetch(server->port()) == bytes, "a response is incomplete");
+    std::string const name = "HTTP exchange, response of " + size;
     kvxbench::addPair(
         name, [server] { benchmark::DoNotOptimize(oursFetch(server->port())); }, "libcurl",
         [server] { benchmark::DoNotOptimize(curlFetch(server->port())); });
-    kvxbench::compare(name + " / libcurl, time that passes", name + "/ours", name + "/libcurl", kvxbench::Clock::kWall);
+    kvxbench::compare(name + " / libcurl, wall time", name + "/ours", name + "/libcurl", kvxbench::Clock::kWall);
 }
 
 void setUp() {
     require(::curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK, "libcurl cannot start");
-    addAnswer("1 KB", 1024);
-    addAnswer("1 MB", std::size_t{1} << 20);
-    addAnswer("10 MB", std::size_t{10} << 20);
-    kvxbench::compareGrowth("growth: HTTP exchange, 10 MB / 1 MB", "HTTP exchange, answer of 10 MB/ours",
-                            "HTTP exchange, answer of 1 MB/ours", 10);
+    addResponse("1 KB", 1024);
+    addResponse("1 MB", std::size_t{1} << 20);
+    addResponse("10 MB", std::size_t{10} << 20);
+    kvxbench::compareGrowth("growth: HTTP exchange, 10 MB / 1 MB", "HTTP exchange, response of 10 MB/ours",
+                            "HTTP exchange, response of 1 MB/ours", 10);
 }
 
 }  // namespace

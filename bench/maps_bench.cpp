@@ -1,8 +1,8 @@
-// Maps and trees filled and searched, beside std::map with a std::list for the order of insertion, and std::set.
+// Fills and searches maps and trees; compared with std::map plus a std::list for the order of insertion, and std::set.
 //
-// Judged by (medians of one interleaved run on a shared machine with two processors; they vary by a tenth, those of
-// 100000 entries by a quarter):
-//                               entries    10   1000   100000   growth 100000 / 1000   that of the other side
+// Reference numbers (medians of one interleaved run on a shared machine with two processors; they vary by a tenth,
+// those of 100000 entries by a quarter):
+//                               entries    10   1000   100000   growth 100000 / 1000   other side's growth
 //   TbStrMap put / std::map               7.3     13      5.8                    2.9                      6.6
 //   TbStrMap find / std::map              5.5    7.5      4.1                    6.1                       11
 //   TbRBTree put / std::set               4.6    6.1      2.7                    3.0                      6.6
@@ -31,7 +31,7 @@ namespace {
 
 using kvxbench::require;
 
-/// Keys in no order, as both sides know them.
+/// Random keys, in the string types of both sides.
 struct Keys {
     std::vector<std::string> m_Plain;
     std::vector<TbString> m_Ours;
@@ -41,7 +41,7 @@ std::shared_ptr<Keys const> makeKeys(std::size_t count) {
     auto keys = std::make_shared<Keys>();
     std::mt19937_64 random(count);
     for (std::size_t i = 0; i < count; ++i) {
-        // The number makes them different.
+        // The index makes each key unique.
         keys->m_Plain.push_back(std::to_string(random() % 1000000) + "-" + std::to_string(i));
     }
     for (std::string const& key : keys->m_Plain) {
@@ -50,7 +50,7 @@ std::shared_ptr<Keys const> makeKeys(std::size_t count) {
     return keys;
 }
 
-/// What a shop would take for a map that remembers the order of insertion.
+/// A map that keeps the order of insertion, with standard containers.
 class PlainMap {
 public:
     void put(std::string const& key, std::string const& value) {
@@ -138,7 +138,7 @@ void addRemoval(std::size_t count) {
         for (TbString const& key : keys->m_Ours) {
             map->remove(key);
         }
-        require(map->count() == 0, "something is left in the map");
+        require(map->count() == 0, "the map is not empty");
     });
 }
 

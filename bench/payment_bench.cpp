@@ -1,7 +1,7 @@
-// A new payment and its signed URL through the flat functions, in a prepared configuration directory, beside a message
-// built in a std::string: the same files read, the same fields, the same RSA operation with OpenSSL.
+// Creates a payment and its signed URL with the flat functions; compared with a message built in a std::string, with
+// the same files, the same fields and the same RSA operation with OpenSSL.
 //
-// Judged by (medians of one interleaved run on a shared machine with two processors; they vary by a tenth):
+// Reference numbers (medians of one interleaved run on a shared machine with two processors; they vary by a tenth):
 //   payment and its URL / std::string and OpenSSL   1.6
 //   payment and its URL / its RSA operation alone   2.2
 
@@ -50,7 +50,7 @@ std::string oursUrl(KVX_HANDLE factory) {
     return url.data();
 }
 
-/// The value of attribute `name` as it stands in the file, escaped; empty when there is none.
+/// The value of attribute `name` as written in the file, still escaped; empty when absent.
 std::string escapedAttribute(std::string const& document, std::string const& name) {
     std::string const opening = " " + name + "=\"";
     std::size_t const at = document.find(opening);
@@ -121,7 +121,7 @@ std::string plainUrl(std::string const& directory) {
     return escapedAttribute(config, "VTURL") + "?DATA=" + plain::percentEncode(message) + "&SIGNATURE=" + signature;
 }
 
-/// The URL without what is different each time: token, expiry, signature.
+/// The URL without the parts that differ each time: token, expiry, signature.
 std::string masked(std::string url) {
     for (std::string const name : {"TOKEN%3d%22", "EXPIRATION%3d%22"}) {
         std::size_t const begin = url.find(name) + name.size();
@@ -139,7 +139,7 @@ void setUp() {
         "payment and its URL", [] { benchmark::DoNotOptimize(oursUrl(s_Factory)); }, "std::string and OpenSSL",
         [directory] { benchmark::DoNotOptimize(plainUrl(directory)); });
 
-    // What of it is the signature.
+    // The share of the signature.
     std::string const key =
         kvxbench::plain::readFile(directory + "/keys/private/" + std::string(kvxbench::Account::kOwnKey));
     kvxbench::add("signature", [key] { benchmark::DoNotOptimize(kvxbench::plain::sign("a message", key)); });

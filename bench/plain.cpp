@@ -1,3 +1,7 @@
+// Reading, encoding and signing with std::string and OpenSSL, as docs/formats.md describes them.
+//
+// Order: digest and keys, files, encodings, signatures. Nothing is cached: each call reads the file or decodes the key
+// again, as the library must do too. The signature needs OpenSSL's deprecated RSA functions.
 #include "bench/plain.h"
 
 #include <openssl/evp.h>
@@ -12,7 +16,7 @@
 
 #include "bench/bench_support.h"
 
-// RSA on a digest without a DigestInfo is had from the low-level interface alone.
+// Only OpenSSL's low-level functions sign a digest without DigestInfo.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 

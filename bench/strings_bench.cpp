@@ -1,6 +1,7 @@
-// Strings appended to byte by byte beside std::string; encoders beside loops over std::string, and beside OpenSSL.
+// Appends to strings byte by byte, compared with std::string; encodes, compared with loops over std::string and
+// OpenSSL.
 //
-// Judged by (medians of one interleaved run on a shared machine with two processors; they vary by a tenth):
+// Reference numbers (medians of one interleaved run on a shared machine with two processors; they vary by a tenth):
 //   append byte by byte / std::string   1 MB 4.8, 4 MB 4.5, 16 MB 2.9
 //   percent-encode / std::string        1 KB 4.0, 1 MB 4.0
 //   Base64 / OpenSSL                    1 KB 6.7, 1 MB 7.6
@@ -31,7 +32,7 @@ std::string toStd(TbString const& text) {
     return {text.c_str(), text.length()};
 }
 
-/// `bytes` bytes as messages have them.
+/// `bytes` bytes of typical messages.
 std::string messageText(std::size_t bytes) {
     std::string text;
     while (text.size() < bytes) {
@@ -76,7 +77,7 @@ void addEncoders(std::string const& size, std::size_t bytes) {
     std::string const hex = plain::toHex(raw);
     TbString const oursHex(hex.c_str());
 
-    auto const shared = std::make_shared<plain::Bytes>(raw);  // the encoder asks for bytes that it could change
+    auto const shared = std::make_shared<plain::Bytes>(raw);  // the encoder takes a pointer to non-const
     auto const toHex = [shared] {
         return KVX_Context().BufferToHex(shared->data(), static_cast<unsigned long>(shared->size()));
     };

@@ -1,14 +1,14 @@
-// Documents parsed and written, beside pugixml; documents of shapes that would show a step that is not linear.
+// Parses and writes documents, compared with pugixml; and documents whose shapes would reveal a step that is not
+// linear.
 //
-// Judged by (medians of one interleaved run on a shared machine with two processors; they vary by a tenth, those of
-// 10 MB by a third):
-//                              1 KB   100 KB   1 MB   10 MB   growth 10 MB / 1 MB   that of pugixml
+// Reference numbers (medians of one interleaved run on a shared machine with two processors; they vary by a tenth,
+// those of 10 MB by a third):
+//                              1 KB   100 KB   1 MB   10 MB   growth 10 MB / 1 MB   pugixml's growth
 //   parse / pugixml              55       76    103      68                   1.2               1.8
 //   write / pugixml             3.5      3.9     13     9.6                   1.1               1.5
-//   growth of a whole life, 10 times as much: children of one name 1.6, one inside the other 1.0, an attribute set
-//   again 1.0, runs of text 1.7, entities in a value 1.0, ampersands in a value 1.0
-//   growth of removing the first child, 10 times as many: 1.4
-//   memory of a child <a/>: 569 bytes, pugixml 70
+//   growth of parsing, writing and freeing, 10 times the size: children of one name 1.6, nested elements 1.0, an
+//   attribute set again 1.0, runs of text 1.7, entities in a value 1.0, ampersands in a value 1.0 growth of removing
+//   the first child, 10 times as many: 1.4 memory of a child <a/>: 569 bytes, pugixml 70
 // Growth is per byte or child: 1 is linear; up to 1.7 is the cost of memory that is touched for the first time, and
 // pugixml shows it too.
 
@@ -85,7 +85,7 @@ void addSize(std::string const& size, std::size_t bytes) {
     auto const tree = std::make_shared<Tree const>(parse(*text));
     std::shared_ptr<pugi::xml_document const> const document = plainParse(*text);
     require(write(**tree) == text->c_str() && plainWrite(*document) == *text,
-            "a document is not written as it was read");
+            "a written document differs from the one read");
     kvxbench::addPair(
         "parse " + size, [text] { benchmark::DoNotOptimize(parse(*text)); }, "pugixml",
         [text] { benchmark::DoNotOptimize(plainParse(*text)); });
@@ -94,7 +94,7 @@ void addSize(std::string const& size, std::size_t bytes) {
         [document] { benchmark::DoNotOptimize(plainWrite(*document)); });
 }
 
-/// Documents that would take long if any step looked at all that came before it.
+/// Adds documents that would take long if any step were to look at all earlier input.
 void addShape(std::string const& shape, std::string const& before, std::string const& repetition,
               std::string const& after, std::string const& closing = "") {
     constexpr std::size_t kSmall = 20000;
@@ -105,11 +105,11 @@ void addShape(std::string const& shape, std::string const& before, std::string c
             benchmark::DoNotOptimize(write(*tree));
         });
     }
-    kvxbench::compareGrowth("growth: whole life, 10 times as much, " + shape, shape + "/" + std::to_string(10 * kSmall),
-                            shape + "/" + std::to_string(kSmall), 10);
+    kvxbench::compareGrowth("growth: parse, write and free, 10 times the size, " + shape,
+                            shape + "/" + std::to_string(10 * kSmall), shape + "/" + std::to_string(kSmall), 10);
 }
 
-/// Children of one name, dropped one after another, always the first.
+/// Removes children of one name one by one, always the first.
 void addRemoval() {
     constexpr std::size_t kSmall = 5000;
     std::string const name = "removing the first child";
@@ -150,7 +150,7 @@ void setUp() {
         }
     }
     addShape("children of one name", "<KVX>", "<a/>", "</KVX>");
-    addShape("one inside the other", "", "<a>", "", "</a>");
+    addShape("nested elements", "", "<a>", "", "</a>");
     addShape("an attribute set again", "<KVX", " a=\"v\"", "/>");
     addShape("runs of text", "<KVX>", "text<a/>", "</KVX>");
     addShape("entities in a value", "<KVX a=\"", "&amp;", "\"/>");
