@@ -20,8 +20,8 @@ import kelvane.tallowin.MessageFactory;
 import kelvane.tallowin.MessageObject;
 
 /**
- * A web shop with one article, on the JDK's web server. Shows how to take payments with the Java classes: set-up, payment
- * URL, checks of a confirmation, capture, completion.
+ * A web shop with one article, on the JDK's web server. Shows how to take payments with the Java classes: set-up,
+ * payment URL, checks of a confirmation, capture, completion.
  *
  * <pre>
  * TALLOWIN_PASSWORD=... java -cp tallowin.jar Shop.java DIRECTORY SERVICE USER [PORT]
@@ -215,7 +215,8 @@ public final class Shop {
                 } catch (RequestError error) {
                     send(exchange, 400, "<p>The shop refused this request. " + escape(error.getMessage()) + "</p>");
                 } catch (KVXException failure) {
-                    send(exchange, 400, "<p>The shop could not process this payment: " + escape(failure.getMessage()) + ".</p>");
+                    send(exchange, 400,
+                        "<p>The shop could not process this payment: " + escape(failure.getMessage()) + ".</p>");
                 }
             }
         });
