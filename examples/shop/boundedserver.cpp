@@ -1,8 +1,8 @@
 // Limits each request in size and time by handing the HTTP library a stream of our own.
 //
-// Order: the socket's owner, the stream, the server. The stream counts the bytes of the request and stops at the limit
-// or the deadline, whatever the library is reading. Writing has a timeout per piece, not a deadline: a large page may
-// take longer.
+// Order: the socket's owner, the stream, the server. The stream counts the bytes of the request and stops at the
+// limit or the deadline, whatever the library is reading. Writing has a timeout per piece, not a deadline: a large page
+// may take longer.
 #include "boundedserver.h"
 
 #include <poll.h>

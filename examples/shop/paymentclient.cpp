@@ -21,7 +21,7 @@ using examples::FactoryHandle;
 using examples::MessageHandle;
 using examples::SetupHandle;
 
-constexpr char kRefused[] = "This confirmation was refused";
+constexpr char kRefused[] = "The shop refused this payment confirmation";
 
 /// A function and its subject: "MessageObject_SetAttribute (AMOUNT)".
 std::string callFor(char const* function, char const* subject) {
@@ -29,14 +29,14 @@ std::string callFor(char const* function, char const* subject) {
 }
 
 /// Logs a call and returns whether it succeeded. Failures may be positive: compare with KVX_OK, not with "< 0".
-bool logged(CallLog& calls, std::string const& function, std::int32_t code) {
+bool logCall(CallLog& calls, std::string const& function, std::int32_t code) {
     calls.push_back({function, examples::resultText(code)});
     return code == KVX_OK;
 }
 
 /// Logs the call that copied a text and returns the text. Throws RequestError when the call failed.
 std::string mustCopy(CallLog& calls, std::string const& function, CopiedText const& copied) {
-    if (!logged(calls, function, copied.m_Code)) {
+    if (!logCall(calls, function, copied.m_Code)) {
         throw RequestError("The payment could not be prepared",
                            "The payment component returned: " + calls.back().m_Result, calls,
                            RequestError::kServerError);
@@ -55,9 +55,8 @@ std::string whyNotVerified(std::int32_t code) {
         case KVX_E_MISSING_SIGNATURE:
             return "It came without a signature, so anyone could have written it.";
         case KVX_E_INVALID_SIGNATURE:
-            return "The signature does not match the message: the message was altered after the payment service signed "
-                   "it, "
-                   "or someone else signed it.";
+            return "The signature does not match the message: the message was altered after the payment service "
+                   "signed it, or someone else signed it.";
         case KVX_E_INVALID_KEY:
             return "Its SIGNATURE is not a signature.";
         case KVX_E_NO_KEY_ID:
@@ -91,7 +90,7 @@ struct Requirement {
 /// Returns the attribute's value. Throws RequestError when it is not an accepted one.
 std::string check(MessageHandle const& message, Requirement const& requirement, CallLog& calls) {
     CopiedText const found = examples::attributeOf(message, requirement.m_Name);
-    bool const there = logged(calls, callFor("MessageObject_GetAttribute", requirement.m_Name), found.m_Code);
+    bool const there = logCall(calls, callFor("MessageObject_GetAttribute", requirement.m_Name), found.m_Code);
     std::string wanted;
     for (std::string const& value : requirement.m_Values) {
         if (there && found.m_Text == value) {
@@ -150,7 +149,7 @@ PaymentClient::Reading PaymentClient::read(std::string const& data, std::string 
     must(calls, "MessageFactory_Open", MessageFactory_Open(factory.get(), m_Account.directory().c_str()));
     std::int32_t const code =
         MessageFactory_VerifyPayConfirm(factory.get(), data.c_str(), signature.c_str(), reading.m_Message->out());
-    bool const verified = logged(calls, "MessageFactory_VerifyPayConfirm", code);
+    bool const verified = logCall(calls, "MessageFactory_VerifyPayConfirm", code);
     reading.m_ByUnknownKey = code == KVX_E_NOT_FOUND;
     if (reading.m_ByUnknownKey) {
         return reading;
@@ -216,21 +215,21 @@ Confirmation PaymentClient::verify(Order const& order, std::vector<std::string> 
 bool PaymentClient::capture(Confirmation const& confirmation, CallLog& calls) const {
     // Open() gives the object the merchant's signing key; FromString() then fills it with the confirmation.
     MessageHandle const message(CreateMessageObject());
-    return logged(calls, "MessageObject_Open", MessageObject_Open(message.get(), m_Account.directory().c_str())) &&
-           logged(calls, "MessageObject_FromString",
-                  MessageObject_FromString(message.get(), confirmation.m_Data.c_str())) &&
-           logged(calls, "MessageObject_Capture", MessageObject_Capture(message.get()));
+    return logCall(calls, "MessageObject_Open", MessageObject_Open(message.get(), m_Account.directory().c_str())) &&
+           logCall(calls, "MessageObject_FromString",
+                   MessageObject_FromString(message.get(), confirmation.m_Data.c_str())) &&
+           logCall(calls, "MessageObject_Capture", MessageObject_Capture(message.get()));
 }
 
 bool PaymentClient::complete(Confirmation const& confirmation, CallLog& calls) const {
     FactoryHandle const factory(CreateMessageFactory());
     MessageHandle completion;
     MessageHandle answer;
-    return logged(calls, "MessageFactory_Open", MessageFactory_Open(factory.get(), m_Account.directory().c_str())) &&
-           logged(calls, "MessageFactory_CreatePayComplete",
-                  MessageFactory_CreatePayComplete(factory.get(), confirmation.m_Id.c_str(),
-                                                   confirmation.m_Token.c_str(), completion.out())) &&
-           logged(calls, "MessageObject_Execute (PayComplete)", MessageObject_Execute(completion.get(), answer.out()));
+    return logCall(calls, "MessageFactory_Open", MessageFactory_Open(factory.get(), m_Account.directory().c_str())) &&
+           logCall(calls, "MessageFactory_CreatePayComplete",
+                   MessageFactory_CreatePayComplete(factory.get(), confirmation.m_Id.c_str(),
+                                                    confirmation.m_Token.c_str(), completion.out())) &&
+           logCall(calls, "MessageObject_Execute (PayComplete)", MessageObject_Execute(completion.get(), answer.out()));
 }
 
 std::string PaymentClient::state(std::string const& token, CallLog& calls) const {
@@ -238,12 +237,12 @@ std::string PaymentClient::state(std::string const& token, CallLog& calls) const
     MessageHandle request;
     MessageHandle answer;
     bool const answered =
-        logged(calls, "MessageFactory_Open", MessageFactory_Open(factory.get(), m_Account.directory().c_str())) &&
-        logged(calls, "MessageFactory_CreateRequest (Status)",
-               MessageFactory_CreateRequest(factory.get(), "Status", request.out())) &&
-        logged(calls, "MessageObject_SetAttribute (TOKEN)",
-               MessageObject_SetAttribute(request.get(), "TOKEN", token.c_str())) &&
-        logged(calls, "MessageObject_Execute (Status)", MessageObject_Execute(request.get(), answer.out()));
+        logCall(calls, "MessageFactory_Open", MessageFactory_Open(factory.get(), m_Account.directory().c_str())) &&
+        logCall(calls, "MessageFactory_CreateRequest (Status)",
+                MessageFactory_CreateRequest(factory.get(), "Status", request.out())) &&
+        logCall(calls, "MessageObject_SetAttribute (TOKEN)",
+                MessageObject_SetAttribute(request.get(), "TOKEN", token.c_str())) &&
+        logCall(calls, "MessageObject_Execute (Status)", MessageObject_Execute(request.get(), answer.out()));
     return answered ? examples::attributeOf(answer, "STATE").m_Text : "";
 }
 

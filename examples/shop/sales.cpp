@@ -24,6 +24,7 @@ constexpr std::array<ReturnLink, 4> kReturnLinks = {{
 }};
 // clang-format on
 
+/// The results that belong to return link `name`.
 std::vector<std::string> resultsAt(std::string const& name) {
     std::vector<std::string> results;
     for (ReturnLink const& link : kReturnLinks) {
@@ -34,6 +35,7 @@ std::vector<std::string> resultsAt(std::string const& name) {
     return results;
 }
 
+/// The order's state after a confirmation with `result`.
 OrderState stateAfter(std::string const& result) {
     for (ReturnLink const& link : kReturnLinks) {
         if (result == link.m_Result) {
@@ -60,7 +62,7 @@ bool isCaptured(std::string const& stateAtService) {
 /// The error for a genuine confirmation that no longer changes the order.
 RequestError lateConfirmation(Order const& order, Confirmation const& confirmation, CallLog const& calls) {
     if (isOpen(order.m_State)) {
-        return {"Order " + order.m_Number + " does not wait for this confirmation",
+        return {"Order " + order.m_Number + " is not waiting for this confirmation",
                 "It is genuine, but the shop already has this payment's result, or a newer payment has replaced it.",
                 calls};
     }
@@ -99,7 +101,7 @@ std::string Sales::checkOut(std::string const& visitor, std::string const& key) 
     order.m_IdempotencyKey = key;
     order.m_Quantities = m_Baskets.of(visitor);
     if (order.m_Quantities.empty()) {
-        throw RequestError("There is nothing to pay for", "The basket is empty.");
+        throw RequestError("There is nothing to pay for", "Your basket is empty.");
     }
     order.m_Number = m_Orders.newNumber();
     order.m_Cents = totalCents(order.m_Quantities);
@@ -111,7 +113,7 @@ std::string Sales::checkOut(std::string const& visitor, std::string const& key) 
 std::string Sales::payAgain(std::string const& number) {
     Order const before = order(number);
     CallLog calls;
-    if (isUnpaid(before.m_State) || hasTimedOut(before, calls)) {
+    if (isUnpaid(before.m_State) || hasExpiredUnpaid(before, calls)) {
         Payment const payment = m_PaymentClient.openPayment(before, orderUrl(number), calls);
         // Returns false after a second click, whose payment then stays.
         m_Orders.replacePayment(number, before.m_Payment.m_Token, payment, calls);
@@ -125,7 +127,7 @@ std::string Sales::payAgain(std::string const& number) {
 
 void Sales::handleReturn(std::string const& number, std::string const& link, std::string const& data,
                          std::string const& signature) {
-    receive(number, Channel::kReturn, resultsAt(link), data, signature);
+    handleConfirmation(number, Channel::kReturn, resultsAt(link), data, signature);
 }
 
 void Sales::handleNotification(std::string const& number, std::string const& data, std::string const& signature) {
@@ -133,7 +135,7 @@ void Sales::handleNotification(std::string const& number, std::string const& dat
     for (ReturnLink const& link : kReturnLinks) {
         results.emplace_back(link.m_Result);
     }
-    receive(number, Channel::kNotification, results, data, signature);
+    handleConfirmation(number, Channel::kNotification, results, data, signature);
 }
 
 void Sales::retrySettlement(std::string const& number) {
@@ -148,16 +150,16 @@ std::string Sales::orderUrl(std::string const& number) const {
 }
 
 /// Verifies a confirmation with one of `results` and changes the order accordingly.
-void Sales::receive(std::string const& number, Channel channel, std::vector<std::string> const& results,
-                    std::string const& data, std::string const& signature) {
+void Sales::handleConfirmation(std::string const& number, Channel channel, std::vector<std::string> const& results,
+                               std::string const& data, std::string const& signature) {
     CallLog calls;
     Confirmation const confirmation = m_PaymentClient.verify(order(number), results, data, signature, calls);
     OrderState const state = stateAfter(confirmation.m_Result);
     bool const isFirst = state == OrderState::kPaid ? m_Orders.markPaid(number, channel, confirmation, calls)
                                                     : m_Orders.markUnpaid(number, state, channel, confirmation, calls);
-    bool const counts = isFirst || m_Orders.acceptRepeat(number, channel, confirmation);
+    bool const accepted = isFirst || m_Orders.acceptRepeat(number, channel, confirmation);
     // A notification that changes nothing still succeeds; otherwise the service would repeat it.
-    if (!counts && channel == Channel::kReturn) {
+    if (!accepted && channel == Channel::kReturn) {
         throw lateConfirmation(order(number), confirmation, calls);
     }
     if (isFirst && state == OrderState::kPaid) {
@@ -170,7 +172,7 @@ void Sales::receive(std::string const& number, Channel channel, std::vector<std:
 /// Whether the order's payment has expired unpaid. A payment that is authorised at the service has not: its page leads
 /// the visitor back to the shop. When the service does not answer this returns true; the old payment, then superseded,
 /// can still pay the order.
-bool Sales::hasTimedOut(Order const& order, CallLog& calls) {
+bool Sales::hasExpiredUnpaid(Order const& order, CallLog& calls) {
     if (order.m_State != OrderState::kWaiting || !isExpired(order.m_Payment)) {
         return false;
     }

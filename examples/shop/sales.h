@@ -59,9 +59,9 @@ public:
 private:
     [[nodiscard]] std::string orderUrl(std::string const& number) const;
 
-    [[nodiscard]] bool hasTimedOut(Order const& order, CallLog& calls);
-    void receive(std::string const& number, Channel channel, std::vector<std::string> const& results,
-                 std::string const& data, std::string const& signature);
+    [[nodiscard]] bool hasExpiredUnpaid(Order const& order, CallLog& calls);
+    void handleConfirmation(std::string const& number, Channel channel, std::vector<std::string> const& results,
+                            std::string const& data, std::string const& signature);
     void settle(Order const& order);
     [[nodiscard]] OrderState captureAndComplete(Order const& order, CallLog& calls) const;
 

@@ -367,7 +367,7 @@ class ShopPayment(ShopCase):
         self.check_page(self.visitor.request("/basket"), 200, "Total: 27.95 EUR")
 
     def test_does_not_check_out_an_empty_basket(self):
-        self.check_page(self.order_with("any"), 400, "The basket is empty")
+        self.check_page(self.order_with("any"), 400, "Your basket is empty")
 
     def test_makes_one_order_of_one_form(self):
         self.add("candle", 1)
