@@ -1,4 +1,8 @@
-"""Purchases in a browser while the payment service fails: what shoppers see, and how they can still pay."""
+"""Purchases in a browser while the payment service fails: what shoppers see, and how they can still pay.
+
+Order, along a purchase: expired payments, faults of the payment page over http and https, faults on the return to the
+shop, faults of capture and completion. Every test ends with a paid order.
+"""
 
 import signal
 import unittest

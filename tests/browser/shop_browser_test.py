@@ -1,4 +1,8 @@
-"""Purchases in a browser: catalogue, basket, the service's payment page, return to the shop. Scripts are off."""
+"""Purchases in a browser: catalogue, basket, the service's payment page, return to the shop. Scripts are off.
+
+Order: purchases that end well, messages that the shop refuses, and use without scripts, on a phone and with the
+keyboard alone.
+"""
 
 import signal
 import unittest
