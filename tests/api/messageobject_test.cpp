@@ -144,6 +144,21 @@ TEST(GetURL, IsRefusedForAnObjectOfTheCallersOwn) {
     expectNoUrl(opened.get(), "an opened object without a key");
 }
 
+TEST(GetURL, KeepsComputingTheUrlBeforeItRefuses) {
+    // The trace shows what the refusal hides.
+    AccountDir const account;
+    OpenedMessage const message(account);
+    account.write("config.xml", "<KVX/>");
+    TraceRecorder const trace;
+    Outputs outputs;
+    EXPECT_EQ(MessageObject_GetURL(message.get(), &outputs.m_Size, outputs.m_Buffer), KVX_E_UNEXPECTED);
+    std::vector<std::int32_t> codes;
+    for (TraceRecorder::Record const& record : trace.of("EXCEPTION")) {
+        codes.push_back(record.m_Code);
+    }
+    EXPECT_EQ(codes, (std::vector<std::int32_t>{KVX_E_NO_CONFIGURATION, KVX_E_UNEXPECTED}));
+}
+
 TEST(GetURL, PassesTheCoresCodesForAMessageThatMayHaveOne) {
     AccountDir const account;
     FactoryHandle const factory(account.path());

@@ -558,6 +558,22 @@ TEST(Reconfigure, NamesTheKeyWithoutACustomer) {
     EXPECT_EQ(keyId.size(), 3 + 32U);
 }
 
+TEST(Reconfigure, KeepsReadingTheVersionThatItDoesNotUse) {
+    ExchangeServer server(Answers().all());
+    Configured account(server);
+    static std::string config;
+    static int reads;
+    config = account.m_Dir.file("config.xml");
+    reads = 0;
+    SystemCalls system;
+    system->open = [](char const* path, int flags, mode_t mode) {
+        reads += path == config && (flags & O_ACCMODE) == O_RDONLY ? 1 : 0;
+        return TbSystemCalls::openFile(path, flags, mode);
+    };
+    account.m_Context.Reconfigure();
+    EXPECT_EQ(reads, 4) << "the request's version, the server's key, the customer, the version";
+}
+
 TEST(Reconfigure, RefusesAnUnopenedContext) {
     KVX_Context context;
     TraceRecorder const recorder;

@@ -3,10 +3,12 @@ package kelvane.tallowin;
 import static org.junit.Assert.assertEquals;
 import static org.junit.Assert.assertNotEquals;
 import static org.junit.Assert.assertNotSame;
+import static org.junit.Assert.assertSame;
 import static org.junit.Assert.assertTrue;
 
 import java.io.IOException;
 import java.lang.ref.WeakReference;
+import java.lang.reflect.Field;
 import java.net.URL;
 import java.net.URLClassLoader;
 import java.nio.file.Path;
@@ -66,6 +68,20 @@ public class ClassLoadersTest {
             ((AutoCloseable) ofOne).close();
             method.call(ofOther, "<KVX/>");
             ((AutoCloseable) ofOther).close();
+        }
+    }
+
+    @Test
+    public void keepsOneMonitorForAllLoaders() throws Exception {
+        try (URLClassLoader one = newLoader(); URLClassLoader other = newLoader()) {
+            List<Object> monitors = new ArrayList<>();
+            for (ClassLoader loader : List.of(one, other, getClass().getClassLoader())) {
+                Field monitor = loader.loadClass("kelvane.tallowin.NativeCopy").getDeclaredField("JVM_LOCK");
+                monitor.setAccessible(true);
+                monitors.add(monitor.get(null));
+            }
+            assertSame(monitors.get(0), monitors.get(1));
+            assertSame(monitors.get(0), monitors.get(2));
         }
     }
 
