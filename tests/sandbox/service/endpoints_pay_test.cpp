@@ -69,6 +69,16 @@ TEST_F(PaymentPage, ShowsTheOrderAndRecordsThePayment) {
     EXPECT_EQ(payment.m_History[0].m_Time, "2023-11-14T22:13:20Z");
 }
 
+TEST_F(PaymentPage, KeepsItsFormFreeToLeadToTheShop) {
+    // Browsers hold the redirect that answers a form against `form-action` as well.
+    RawAnswer const page = openPage(m_Merchant.payInit("t1"));
+    std::string const header = page.m_Headers.at("content-security-policy");
+    EXPECT_THAT(header, StartsWith("default-src 'none'"));
+    EXPECT_THAT(header, Not(HasSubstr("form-action")));
+    EXPECT_THAT(page.m_Body, HasSubstr("http-equiv=\"Content-Security-Policy\""));
+    EXPECT_THAT(page.m_Body, Not(HasSubstr("form-action")));
+}
+
 TEST_F(PaymentPage, IsReadableInTheRecordWhateverTheBrowserAccepts) {
     std::string request = merchantGet("/pay" + m_Merchant.signedQuery(m_Merchant.payInit("t1")));
     request.insert(request.size() - 2, "Accept-Encoding: gzip, deflate, br\r\n");
