@@ -29,7 +29,7 @@ public:
     void GetAttribute(TbString const& file, TbString const& name, TbString& value);
 
     /// Sets a value of an existing file.
-    /// Deliberate: an empty value is never written, and that is a success.
+    /// Deliberate (empty-value-not-written): an empty value is never written, and that is a success.
     void SetAttribute(TbString const& file, TbString const& name, TbString const& value);
 
     static void* operator new(std::size_t bytes) { return kvxTakeSlot(kKind, bytes); }

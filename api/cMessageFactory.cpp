@@ -85,7 +85,7 @@ KVXCIMPL_MessageObject* KVXCIMPL_MessageFactory::CreateRequest(TbString const& t
     }
     OwnedMessage object(new KVXCIMPL_MessageObject);
     object->m_Context.Open(m_Path);
-    // Deliberate: a second context is opened on the path and dropped; the trace shows it.
+    // Deliberate (second-context): a second context is opened on the path and dropped; the trace shows it.
     KVX_Context().Open(m_Path);
     object->startOutgoing(type);
     return object.release();

@@ -40,8 +40,8 @@ void KVXCIMPL_MessageObject::GetAttribute(TbString const& name, TbString& value)
 }
 
 void KVXCIMPL_MessageObject::GetURL(TbString& url) {
-    // Deliberate: the URL is computed first and the check follows. For an object that may not hand one out, both a
-    // computed URL and a failure to compute one end in the same refusal.
+    // Deliberate (url-before-refusal): the URL is computed first and the check follows. For an object that may not hand
+    // one out, both a computed URL and a failure to compute one end in the same refusal.
     TbString computed;
     try {
         m_Message.GetURL(computed);
@@ -127,8 +127,8 @@ int32_t MessageObject_FromString(KVX_HANDLE handle, char const* text) {
 int32_t MessageObject_ToString(KVX_HANDLE handle, int32_t* size, char* buffer) {
     return kvxCall<KVXCIMPL_MessageObject>(handle, [&](auto& object) {
         TbString const text = object.ToString();
-        // Deliberate: this function alone copies through a buffer of its own; when that cannot be allocated it returns
-        // a code and leaves the size alone.
+        // Deliberate (tostring-own-buffer): this function alone copies through a buffer of its own; when that cannot be
+        // allocated it returns a code and leaves the size alone.
         TbMemoryHolder const copy(static_cast<char*>(tbAllocate(std::size_t{text.length()} * 2 + 2)));
         if (copy == nullptr) {
             return KVX_E_OUT_OF_MEMORY;

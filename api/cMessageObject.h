@@ -17,7 +17,7 @@ public:
     ~KVXCIMPL_MessageObject();
 
     /// Opens the directory and starts a message.
-    /// Deliberate: of the type "ERROR", until FromString or SetAttribute change it.
+    /// Deliberate (opened-as-error): of the type "ERROR", until FromString or SetAttribute change it.
     void Open(TbString const& path);
 
     void SetAttribute(TbString const& name, TbString const& value);

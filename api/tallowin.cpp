@@ -14,7 +14,7 @@ int KVX_GetErrorStringFromResult(int32_t code, int32_t* size, char* buffer) {
     if (!KVX_ErrorLookup::GetErrorStringFromResult(code, text)) {
         return 0;
     }
-    // Deliberate: a null size gives the result of an unknown code.
+    // Deliberate (null-size-unknown-code): a null size gives the result of an unknown code.
     if (size == nullptr) {
         return 0;
     }

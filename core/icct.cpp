@@ -75,7 +75,8 @@ int ICCT_GenerateKeys(unsigned char* pubOut, int* pubLen, unsigned char* privOut
         return -1;
     }
     RandCleaner const cleaner;
-    // Deliberate: one object is made and dropped ahead of the key. Nothing uses it; only running out of memory shows.
+    // Deliberate (unused-rsa-object): one object is made and dropped ahead of the key. Nothing uses it; only running
+    // out of memory shows.
     if (RsaHolder(RSA_new_method(nullptr)) == nullptr) {
         return -1;
     }
@@ -98,7 +99,8 @@ int ICCT_GenerateKeys(unsigned char* pubOut, int* pubLen, unsigned char* privOut
     if (*privLen <= 0) {
         return -1;
     }
-    // Deliberate: adds 0, because an input shorter than its target is refused. The refusal stays in the error queue.
+    // Deliberate (padding-result-added): adds 0, because an input shorter than its target is refused. The refusal stays
+    // in the error queue.
     *privLen += RSA_padding_add_none(privEnd, 1, nullptr, 0);
     return 0;
 }
@@ -116,7 +118,7 @@ int ICCT_Signature(unsigned char const* privKey, int privKeyLen, unsigned char* 
     if (SHA1(data, dataLen, digest.data()) == nullptr) {
         return -1;
     }
-    // Deliberate: the bare digest, see the head of icct.h. RSA_sign would wrap it.
+    // Deliberate (bare-digest): the bare digest, see the head of icct.h. RSA_sign would wrap it.
     int const length = RSA_private_encrypt(SHA_DIGEST_LENGTH, digest.data(), sigOut, key.get(), RSA_PKCS1_PADDING);
     *sigLen = static_cast<unsigned long>(length);
     return length != -1 ? 0 : -1;

@@ -7,16 +7,18 @@
 /// does one operation and frees the key.
 ///
 /// - A public key is a PKCS#1 `RSAPublicKey`, a private key a PKCS#1 `RSAPrivateKey` (RFC 8017, appendix A.1). PKCS#8,
-///   `SubjectPublicKeyInfo` and PEM are refused. Bytes behind the DER structure are ignored.
+///   `SubjectPublicKeyInfo` and PEM are refused.
+///   Deliberate (key-with-surplus-bytes): bytes behind the DER structure are ignored.
 /// - Padding is PKCS#1 v1.5 throughout.
 /// - A signature is the private-key operation on the bare 20-byte SHA-1 digest.
-///   Deliberate: no DigestInfo surrounds the digest, so these signatures and those of a standard SHA-1 with RSA routine
-///   do not verify as each other.
+///   Deliberate (bare-digest): no DigestInfo surrounds the digest, so these signatures and those of a standard SHA-1
+///   with RSA routine do not verify as each other.
 ///
 /// All functions return 0, or -1 for every failure; none throws. All lengths are bytes. All pointers are borrowed. A
 /// null pointer is -1, save for data of length 0 and a seed of length 0. A negative length, or one above `INT_MAX`, is
 /// -1. Unless a function says otherwise its outputs are written on success only. The calling thread's OpenSSL error
 /// queue is left as it is: failures, and each key generation, leave entries behind, and none is ever cleared here.
+/// Deliberate (error-queue-left): the entries belong to the caller, also those made here.
 ///
 /// Any number of threads may call at once, each with its own buffers; only key generation must not run beside other
 /// users of OpenSSL's random generator.
@@ -34,6 +36,7 @@
 ///
 /// `*sigLen` is an output alone: it receives the length of the signature, which is that of the modulus (64 bytes for a
 /// generated key), or `ULONG_MAX` when the RSA operation itself failed. Earlier failures leave it alone.
+/// Deliberate (failed-length-stored): the failed result, -1, is stored as the length.
 /// Requires: room for the modulus at `sigOut`; 1024 bytes always suffice.
 [[nodiscard]] int ICCT_Signature(unsigned char const* privKey, int privKeyLen, unsigned char* data,
                                  unsigned long dataLen, unsigned char* sigOut, unsigned long* sigLen) noexcept;
@@ -46,6 +49,7 @@
 ///
 /// `*outLen` holds the room at `out` on entry, any value, and the length of the result after success. When the room is
 /// too small, and after every other failure, `out` and `*outLen` are untouched.
+/// Deliberate (any-large-room): the room is the one length without an upper limit.
 [[nodiscard]] int ICCT_CryptDigest(unsigned char* pubKey, int pubKeyLen, unsigned char* in, unsigned long inLen,
                                    unsigned char* out, unsigned long* outLen) noexcept;
 
@@ -53,6 +57,7 @@
 ///
 /// `*outLen` is an output alone: it receives the length of the result, or `ULONG_MAX` when the RSA operation itself
 /// failed; `out` may then have been written. Earlier failures leave both alone.
+/// Deliberate (failed-length-stored): as for ICCT_Signature().
 /// Requires: room for the modulus at `out`, however short the result.
 [[nodiscard]] int ICCT_DecryptDigest(unsigned char* privKey, int privKeyLen, unsigned char* in, unsigned long inLen,
                                      unsigned char* out, unsigned long* outLen) noexcept;

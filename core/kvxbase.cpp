@@ -30,7 +30,7 @@ KVX_ErrorRow const ErrorTable[] = {
     {KVX_E_KEY_NOT_FOUND,        "the requested key was not found"},
     {KVX_E_UNEXPECTED,           "unexpected error"},
     {KVX_E_NO_DEFAULT_PATH,      "no default path was supplied"},
-    {KVX_E_SERVER_ERROR,         "the request failed"},  // Deliberate: not the text of KVX_E_WRONG_RESPONSE
+    {KVX_E_SERVER_ERROR,         "the request failed"},  // Deliberate (two-request-texts): not "request failed"
     {KVX_E_INVALID_SIGNATURE,    "invalid signature"},
     {KVX_E_MISSING_SIGNATURE,    "missing signature"},
     {KVX_E_URL_ACCESS_DENIED,    "access to URL resource denied"},

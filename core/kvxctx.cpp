@@ -40,7 +40,7 @@ void KVX_Context::CreatePath(TbString const& path) {
         int const error = errno;
         // Another process may have created it in between.
         if (error != EEXIST || !canOpenDirectory(path.c_str())) {
-            // Deliberate: the code is the system's own errno.
+            // Deliberate (directory-errno): the code is the system's own errno.
             kvx::kSourceBase.fail(error, kvx::kLineCreatePath, "KVX_Context::CreatePath(): failed to create directory");
         }
     }

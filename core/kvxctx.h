@@ -39,6 +39,7 @@ public:
 
     /// Takes `path` (empty: the current directory), traces "OPEN CONTEXT" and creates the directory when it is missing,
     /// its last component only. The path is kept even if that fails. Options survive.
+    /// Deliberate (last-directory-created, path-as-given): parents are not created, and a "/" at the end stays.
     void Open(TbString const& path);
 
     /// The current directory; empty when it is longer than 254 bytes or gone.
@@ -54,7 +55,7 @@ public:
     /// Sets "UserName", "Password" or "VTAUTOURL". Any other name: KVX_E_INVALID_OPTION.
     void SetOption(TbString const& name, TbString const& value);
 
-    /// Does nothing. Deliberate: the hook for informational messages writes them nowhere.
+    /// Does nothing. Deliberate (messages-logged-nowhere): the hook for informational messages writes them nowhere.
     void LogMessage(TbString const& text);
 
     // Documents and values.
@@ -71,10 +72,11 @@ public:
 
     /// Reads the value `name` of `file`, relative to the directory; an empty `name` reads the whole file.
     /// False: no such value, or an empty one (`value` may have been emptied). KVX_E_CANNOT_OPEN: no such file.
+    /// Deliberate (empty-value-absent): an empty value counts as none, so that defaults apply.
     bool QueryValue(TbString const& file, TbString const& name, TbString& value);
 
     /// Reads at most `*size` bytes of `file` into `buffer` and stores their number. False when it cannot be opened.
-    /// Deliberate: a longer file is cut silently.
+    /// Deliberate (raw-read-cuts): a longer file is cut silently.
     bool QueryValue(TbString const& file, unsigned char* buffer, unsigned long* size);
 
     /// As the text `QueryValue`, but a missing file is false too. Other failures are raised.
@@ -82,6 +84,7 @@ public:
 
     /// Sets one attribute and rewrites the file. `create` replaces the content of an existing file that is no document;
     /// it never makes a file.
+    /// Deliberate (set-value-keeps-one-element): what stands beside the first "KVX" element is dropped.
     void SetValue(TbString const& file, TbString const& name, TbString const& value, bool create);
 
     /// Replaces `file` by `content`. KVX_E_FILE_NOT_FOUND: cannot be opened for writing. KVX_E_FILE_IO: cannot be
@@ -89,7 +92,7 @@ public:
     void UpdateFile(TbString const& file, TbString const& content);
 
     /// Writes `length` bytes to `file` in place.
-    /// Deliberate: every successful write of two or more bytes is reported as KVX_E_FILE_IO.
+    /// Deliberate (raw-write-fails): every successful write of two or more bytes is reported as KVX_E_FILE_IO.
     void UpdateFile(TbString const& file, unsigned char* buffer, unsigned long length);
 
     /// Fetches an HTTP(S) URL, or reads a local file when `url` is none, and appends the body to `out`.
@@ -112,6 +115,7 @@ public:
     void SlToBackSl(TbString& text);
 
     /// A fresh identifier of 32 lower-case hexadecimal digits.
+    /// Deliberate (uuid-byte-order): the leading three fields are shown as little-endian numbers.
     [[nodiscard]] TbString CreateUuid();
 
     // Keys and signatures.
@@ -125,13 +129,14 @@ public:
 
     /// Returns when `signature` matches `data` under the public key `keyId`, else raises KVX_E_INVALID_SIGNATURE.
     /// KVX_E_NOT_FOUND, KVX_E_INVALID_KEY (also for a signature that is no hexadecimal text).
+    /// Deliberate (signature-spellings): upper-case digits and an odd digit at the end of `signature` are accepted.
     void VerifyData(TbString const& data, TbString const& keyId, TbString const& signature);
 
     // Requests.
 
     /// Builds `url` = `baseUrl` with the session's credentials + "?DATA=" + encoded message + "&SIGNATURE=" +
-    /// signature, the last only when there is one. Requires: `url` is empty. KVX_E_INVALID_URL. Deliberate: characters
-    /// already in `url` change how much of `baseUrl` is used.
+    /// signature, the last only when there is one. Requires: `url` is empty. KVX_E_INVALID_URL.
+    /// Deliberate (url-counts-old-text): characters already in `url` change how much of `baseUrl` is used.
     void RequestToURL(TbString const& baseUrl, TbStringStream& message, TbString signature, TbString& url);
 
     /// Returns when "MSGTYPE" of `response` is `expected`. KVX_E_SERVER_ERROR with the server's text for an error
@@ -152,6 +157,7 @@ public:
 
     /// Runs the whole set-up: directories, configuration, defaults unless valid, server key, a new own key. Files
     /// written by earlier steps stay when a later one fails; "keys/current" changes last.
+    /// Deliberate (set-up-keeps-steps): a repeated set-up continues from there, and the old key signs until the end.
     void Reconfigure();
 
 private:
@@ -194,8 +200,8 @@ public:
     /// Takes an incoming message over after its signature has been verified over `data` exactly as received.
     ///
     /// KVX_E_INVALID_FORMAT, then KVX_E_MISSING_SIGNATURE, KVX_E_NO_KEY_ID, then the codes of VerifyData.
-    /// A message of ANY type and by ANY key of the directory is accepted, the merchant's own messages included: callers
-    /// check "MSGTYPE", "TOKEN" and the amount themselves.
+    /// Deliberate (any-type-any-key): a message of ANY type and by ANY key of the directory is accepted, the merchant's
+    /// own messages included: callers check "MSGTYPE", "TOKEN" and the amount themselves.
     void Open(KVX_Context* context, TbString const& data, TbString const& signature);
 
     /// Sets or replaces an attribute. KVX_E_UNEXPECTED before Create or Open.
@@ -208,10 +214,12 @@ public:
     void GetURL(TbString& url);
 
     /// Sends the message to the capture address and requires a "PayConfirm" response.
+    /// Deliberate (token-without-value, answer-unsigned): an empty "TOKEN" is enough, and the response is believed
+    /// without a signature.
     void Capture();
 
     /// Sends the message as type T + "Request"; `response` receives the response of type T + "Response".
-    /// Deliberate: this message's type stays changed, so a second call sends T + "RequestRequest".
+    /// Deliberate (request-keeps-type): this message's type stays changed, so a second call sends T + "RequestRequest".
     void Request(KVX_Message& response);
 
     /// The message as text. False without an element.
@@ -229,7 +237,9 @@ private:
 
     xmlElementPtr m_Element;           ///< Empty until Create or Open succeeds.
     KVX_Context* m_Context = nullptr;  ///< Borrowed.
-    TbString m_KeyId;                  ///< The signing key; filled by Create alone.
+    /// The signing key; filled by Create alone. Deliberate (key-of-creation, only-opened-cannot-sign): neither Open nor
+    /// the attribute "KEYID" changes it.
+    TbString m_KeyId;
 };
 
 #endif

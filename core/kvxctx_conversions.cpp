@@ -76,7 +76,7 @@ std::int32_t KVX_Context::HexToBuffer(TbString hex, unsigned char* buffer, unsig
         }
         int const value = valueOfHexDigit(hex[i]);
         if (value < 0) {
-            return KVX_E_COMMAND_FAILED;
+            return KVX_E_COMMAND_FAILED;  // Deliberate (bad-digit-command-failed): the text fits badly
         }
         if (i % 2 == 0) {
             high = value;

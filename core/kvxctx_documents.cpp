@@ -141,7 +141,8 @@ void KVX_Context::SetValue(TbString const& file, TbString const& name, TbString 
         }
         root = kvxNewDocument();
     }
-    // Deliberate: a name without a place in the document is not reported, and the file is rewritten all the same.
+    // Deliberate (set-value-rewrites): a name without a place in the document is not reported, and the file is
+    // rewritten all the same.
     xmlSetAttributeEx(root.get(), name, value);
     TbStringStream out;
     root->toStream(out);
@@ -177,8 +178,8 @@ void KVX_Context::UpdateFile(TbString const& file, unsigned char* buffer, unsign
     if (!output.isOpen()) {
         kvx::kSourceCtx.fail(KVX_E_FILE_NOT_FOUND, kvx::kLineUpdateRawOpen);
     }
-    // Deliberate: the buffer counts as one item, and one is compared with the length; so every longer write is reported
-    // as a failure after its data has reached the file, which is left open.
+    // Deliberate (raw-write-fails): the buffer counts as one item, and one is compared with the length; so every longer
+    // write is reported as a failure after its data has reached the file, which is left open.
     unsigned long const written = length > 0 && kvxWriteAll(output.get(), buffer, length) ? 1 : 0;
     if (written != length) {
         output.release();

@@ -22,7 +22,7 @@ constexpr std::size_t kSignatureBytes = 4096;
 /// The signed form of a text: each byte as one 16-bit little-endian unit, without a terminating one.
 class WidenedText {
 public:
-    /// Deliberate: signing widens without sign, verifying with sign. They agree on 7-bit text only.
+    /// Deliberate (widening-differs): signing widens without sign, verifying with sign. They agree on 7-bit text only.
     enum class Sign { kIgnored, kExtended };
 
     WidenedText(TbString const& text, Sign sign)
@@ -96,7 +96,7 @@ void KVX_Context::VerifyData(TbString const& data, TbString const& keyId, TbStri
     }
     unsigned char bytes[kSignatureBytes];
     unsigned long length = sizeof bytes;
-    // Deliberate: a signature that is no hexadecimal text has the code of a bad key.
+    // Deliberate (bad-signature-text): a signature that is no hexadecimal text has the code of a bad key.
     if (HexToBuffer(signature, bytes, &length) != KVX_OK) {
         kvx::kSourceCtx.fail(KVX_E_INVALID_KEY, kvx::kLineVerifySignatureText);
     }

@@ -49,8 +49,8 @@ void KVX_Message::Create(KVX_Context* context, TbString const& msgType) {
     m_Element.reset();
     m_Context = context;
     KVX_Context& account = boundContext();
-    // Deliberate: every message starts as a "PayInit" and gets its own type afterwards, which fixes the attributes'
-    // order.
+    // Deliberate (starts-as-payinit): every message starts as a "PayInit" and gets its own type afterwards, which fixes
+    // the attributes' order.
     m_Element = account.request("PayInit");
     if (!account.QueryValue(kvx::kCurrentKeyFile, "", m_KeyId)) {
         kvx::kSourceCtx.fail(KVX_E_NO_KEY_ID, kvx::kLineCreateKeyId);
@@ -133,7 +133,7 @@ void KVX_Message::Request(KVX_Message& response) {
     requireElement(kvx::kLineRequestNoElement);
     TbString type("");
     m_Element->getAttribute("MSGTYPE", type);
-    // Deliberate: the type stays changed, whatever follows.
+    // Deliberate (request-keeps-type): the type stays changed, whatever follows.
     m_Element->setAttribute("MSGTYPE", type + "Request");
     TbStringStream text;
     m_Element->toStream(text);

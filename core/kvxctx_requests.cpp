@@ -17,8 +17,8 @@ void KVX_Context::RequestToURL(TbString const& baseUrl, TbStringStream& message,
         kvx::kSourceCtx.fail(KVX_E_INVALID_URL, kvx::kLineRequestUrl);
     }
     std::uint32_t const begin = position + kAuthorityLength;
-    // Deliberate: the length of `url` decides how much of the rest is used; with an empty one the count wraps around
-    // and all of it is used.
+    // Deliberate (url-counts-old-text): the length of `url` decides how much of the rest is used; with an empty one the
+    // count wraps around and all of it is used.
     std::uint32_t const count = url.length() - begin;
     TbString const remainder = baseUrl.substring(begin, count);
 

@@ -21,6 +21,7 @@ void requireWritable(TbString const& keyId) {
 
 }  // namespace
 
+// Deliberate (endpoint-codes-differ): without an address two exchanges report one code, the other two another.
 TbString KVX_Context::endpoint(std::int32_t codeWhenMissing, long line) {
     if (!m_AutoUrl.isEmpty()) {
         return m_AutoUrl;
@@ -67,6 +68,7 @@ void KVX_Context::ImportKey(TbString& keyId) {
     TbStringStream responseText;
     xmlElementPtr const response = exchangeUnsigned(url, message, "KeyQueryResponse", responseText);
     TbString blob("");
+    // Deliberate (key-stored-as-answered): the key id in the response counts, not the one asked for.
     response->getAttribute("KEYID", keyId);
     response->getAttribute("KEYBLOB", blob);
     requireWritable(keyId);
@@ -114,7 +116,7 @@ void KVX_Context::Reconfigure() {
     TbString customerId("");
     TbString version;
     QueryValue(kvx::kConfigFile, "CUSTOMERID", customerId);
-    QueryValue(kvx::kConfigFile, "VERSION", version);  // Deliberate: read and not used further
+    QueryValue(kvx::kConfigFile, "VERSION", version);  // Deliberate (version-read-unused): read and not used further
     TbString keyId = "0-" + customerId + "-" + CreateUuid();
     requireWritable(keyId);
     GenKey(keyId);

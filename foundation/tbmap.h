@@ -5,7 +5,8 @@
 #include "tallowin/tbrbtree.h"
 #include "tallowin/tbstring.h"
 
-// Deliberate: containers hide inherited overloads; which one a call finds is part of their behaviour.
+// Deliberate (hidden-overloads): containers hide inherited overloads; which one a call finds is part of their
+// behaviour.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Woverloaded-virtual"
 
@@ -98,8 +99,8 @@ struct KVX_EXPORT TbInsertionList {
 
 /// Elements with unique keys, found by key, iterated in insertion order.
 ///
-/// Deliberate: iteration never follows the keys, so that documents keep the order in which their fields were set.
-/// The tree stores TbMapItems; `find` and `put` return them, `operator[]` returns the item inside.
+/// Deliberate (insertion-order): iteration never follows the keys, so that documents keep the order in which their
+/// fields were set. The tree stores TbMapItems; `find` and `put` return them, `operator[]` returns the item inside.
 class KVX_EXPORT TbMap : public TbRBTree {
 public:
     TbMap() = default;

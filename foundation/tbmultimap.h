@@ -6,7 +6,8 @@
 #include "tallowin/tbptr.h"
 #include "tallowin/tbstrptr.h"
 
-// Deliberate: containers hide inherited overloads; which one a call finds is part of their behaviour.
+// Deliberate (hidden-overloads): containers hide inherited overloads; which one a call finds is part of their
+// behaviour.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Woverloaded-virtual"
 
@@ -41,7 +42,8 @@ public:
 
     void clear(TbTreeNode* node) override;
 
-    /// Deliberate: not const, so it does not override the inherited operation, which still reports a TbRBTree.
+    /// Deliberate (multimap-name-not-const): not const, so it does not override the inherited operation, which still
+    /// reports a TbRBTree.
     virtual bool isInstanceOf(char const* className);
 
     /// The entries of `key`; a vector with one TbKeyValue of copies of `key` and "" is stored when there are none.

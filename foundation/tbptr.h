@@ -6,8 +6,8 @@
 
 /// Holds at most one counted reference to its target.
 ///
-/// Deliberate: `assign` is TbObject's, so an assignment through a `TbObject&` changes nothing; pointers are copied by
-/// their own `operator=`.
+/// Deliberate (pointer-assign-does-nothing): `assign` is TbObject's, so an assignment through a `TbObject&` changes
+/// nothing; pointers are copied by their own `operator=`.
 class KVX_EXPORT TbPtr : public TbObject {
 public:
     TbPtr() = default;

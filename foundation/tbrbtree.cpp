@@ -298,7 +298,7 @@ void TbRBTree::restoreBalance(TbStack& path) {
         } else {
             TbTreeNode* const top = popNode(path);  // the root is black, so a red node's parent exists
             if (changeColor(top)) {
-                // Deliberate: the flipped node counts as the first red of the next pair.
+                // The flipped node counts as the first red of the next pair.
                 reds = 1;
                 m_Last = top;
             } else {
@@ -307,7 +307,7 @@ void TbRBTree::restoreBalance(TbStack& path) {
                 bool const isRight = top->m_Right == node;
                 bool const twice = (isRight ? node->m_Left : node->m_Right) == m_Last;
                 TbTreeNode* const newTop = isRight ? rotateLeft(top, twice, true) : rotateRight(top, twice, true);
-                // Deliberate: the walk continues to the root although nothing is left to repair.
+                // The walk continues to the root, although nothing is left to repair.
                 replaceChild(path.count() == 0 ? nullptr : asNode(path.peek()), top, newTop);
             }
         }

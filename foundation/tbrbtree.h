@@ -4,7 +4,8 @@
 
 #include "tallowin/tbvector.h"
 
-// Deliberate: containers hide inherited overloads; which one a call finds is part of their behaviour.
+// Deliberate (hidden-overloads): containers hide inherited overloads; which one a call finds is part of their
+// behaviour.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Woverloaded-virtual"
 

@@ -16,7 +16,7 @@ std::size_t TCSLEN(char const* text) noexcept;
 char* TCSCPY(char* target, char const* source) noexcept;
 
 /// Copies bytes up to and including the terminator, or `count` + 1 bytes, whichever comes first. Returns `target`.
-/// Deliberate: one byte more than `count`; callers write the terminator at index `count` afterwards.
+/// Deliberate (copy-one-more): one byte more than `count`; callers write the terminator at index `count` afterwards.
 char* TCSNCPY(char* target, char const* source, std::uint32_t count) noexcept;
 
 /// Compares at most `count` characters (TbString::npos: no limit) as signed bytes: exactly -1, 0 or 1.
@@ -91,14 +91,18 @@ public:
     void clear() noexcept;
 
     /// Makes room for `extra` more bytes and the terminator. Keeps the contents; pointers into the buffer die.
-    /// Deliberate: the capacity grows to the need plus 65, never by doubling, and stays raised when memory runs out.
+    /// Deliberate (string-slack): the capacity grows to the need plus 65, never by doubling, and stays raised when
+    /// memory runs out.
     void grow(std::uint32_t extra);
 
     /// Lexicographic against NUL-terminated `text`: -1, 0, 1. For null it returns this string's length; for a string
     /// without a buffer, minus the length of `text`.
+    /// Deliberate (text-compares-by-letters): the lengths do not count, unlike between two strings.
     [[nodiscard]] std::int32_t compare(char const* text) const noexcept;
 
     /// Length first: the difference of the lengths when they differ, else -1, 0, 1.
+    /// Deliberate (length-first-order): "zz" is less than "aaa", in every container too.
+    /// Deliberate (compare-stops-at-zero): equal lengths compare up to the first zero byte.
     [[nodiscard]] std::int32_t compare(TbString const& other) const noexcept;
 
     /// Bytes before the terminator.

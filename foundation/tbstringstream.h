@@ -8,8 +8,8 @@
 ///
 /// A new stream is at its end. Writing clears the at-end flag, so text written after the reader reached the end becomes
 /// readable from there. A reader tests `atEnd()` after each `get`: a zero byte is delivered like any other.
-/// Deliberate: `isInstanceOf` reports a TbString, and no virtual operation is added; assigning through the TbString
-/// part leaves cursor and flag alone, so fill it with `put` only.
+/// Deliberate (stream-is-a-string): `isInstanceOf` reports a TbString, and no virtual operation is added; assigning
+/// through the TbString part leaves cursor and flag alone, so fill it with `put` only.
 class KVX_EXPORT TbStringStream : public TbString {
 public:
     TbStringStream() = default;

@@ -6,7 +6,8 @@
 
 #include "tallowin/tbobject.h"
 
-// Deliberate: containers hide inherited overloads; which one a call finds is part of their behaviour.
+// Deliberate (hidden-overloads): containers hide inherited overloads; which one a call finds is part of their
+// behaviour.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Woverloaded-virtual"
 
@@ -23,7 +24,8 @@ public:
     bool isInstanceOf(char const* className) const override;
 
     /// Copies count and capacity alone; accessing a counted element that is not there raises KVX_E_OUT_OF_RANGE.
-    /// Deliberate: another operation than `assign(TbObject const&)`, and the one a non-const argument finds here.
+    /// Deliberate (bare-count-assign): another operation than `assign(TbObject const&)`, and the one a non-const
+    /// argument finds here.
     virtual TbObject& assign(TbObject& other);
 
     /// Count and capacity become 0.
@@ -53,7 +55,7 @@ public:
     bool isInstanceOf(char const* className) const override;
 
     /// Copies count and capacity alone; accessing a counted element that is not there raises KVX_E_OUT_OF_RANGE.
-    /// Deliberate: overloads `assign(TbObject const&)` and is chosen here for a non-const argument.
+    /// Deliberate (bare-count-assign): overloads `assign(TbObject const&)` and is chosen here for a non-const argument.
     virtual TbObject& assign(TbObject& other);
 
     /// Count and capacity become 0.
@@ -99,13 +101,14 @@ public:
     [[nodiscard]] TbObject* at(std::uint32_t index) const;
 
     /// Makes room for `slots` elements in all.
-    /// Deliberate: the capacity becomes `slots` + 16, never a multiple.
+    /// Deliberate (vector-slack): the capacity becomes `slots` + 16, never a multiple.
     void grow(std::uint32_t slots);
 
     /// Adds `element` at the end.
     void push_back(TbObject* element);
 
     /// Removes the last element. Requires: `count()` > 0, which is not checked in release builds.
+    /// Deliberate (vector-pop-wraps): without an element the count wraps around.
     void pop_back();
 
     /// Removes element `index`; later ones move down in order. Raises KVX_E_OUT_OF_RANGE.
@@ -137,8 +140,8 @@ public:
 
 /// Pointers to orderable objects; a TbVector otherwise.
 ///
-/// Deliberate: only first elements are compared, and counts and empty vectors make the results no strict order; see the
-/// operators.
+/// Deliberate (vector-order-by-first): only first elements are compared, and counts and empty vectors make the results
+/// no strict order; see the operators.
 class KVX_EXPORT TbFindableVector : public TbFindableContainer {
 public:
     TbFindableVector() = default;

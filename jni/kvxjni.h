@@ -60,7 +60,7 @@ bool kvxReport(JNIEnv* env, KvxNative native, KvxOutcome const& outcome) noexcep
 void kvxConstruct(JNIEnv* env, jobject self, KvxNative native, KVX_HANDLE (*create)()) noexcept;
 
 /// `nDestruct`: destroys the object of a living handle; ignores any other handle.
-/// Deliberate: `m_Handle` keeps its value; the caller discards the Java object.
+/// Deliberate (field-keeps-handle): `m_Handle` keeps its value; the caller discards the Java object.
 void kvxDestruct(JNIEnv* env, jobject self, KvxNative native, KvxKind kind, void (*destroy)(KVX_HANDLE)) noexcept;
 
 /// The same for an object of class `Object`.
@@ -101,6 +101,7 @@ bool kvxJavaCall(JNIEnv* env, jobject self, KvxNative native, Call call) noexcep
             kvxAttempt(outcome, [&] { call(*static_cast<Object*>(lock.object())); });
         }
     }
+    // Deliberate (java-bad-handle-unexpected): the code of a refusal is KVX_E_UNEXPECTED, not KVX_E_BAD_HANDLE.
     return isLiving ? kvxReport(env, native, outcome) : kvxRefuse(env, native, kKvxInvalidHandle);
 }
 

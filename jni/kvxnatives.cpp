@@ -3,7 +3,8 @@
 namespace {
 
 // Java programs see these texts. Do not change.
-// Deliberate: failures of MessageObject calls name MessageFactory, and ToString reports a bad handle as GetAttribute.
+// Deliberate (texts-name-the-factory): failures of MessageObject calls name MessageFactory, and ToString reports a bad
+// handle as GetAttribute.
 // clang-format off
 constexpr KvxNativeTexts kTexts[] = {
     {"ConfigurationSetup", "nConstruct",        "ConfigurationSetup::Construct(): ",        "ConfigurationSetup::Construct(): "},

@@ -48,6 +48,7 @@ struct KvxNativeTexts {
 constexpr char kKvxNoField[] = "member m_Handle not found";
 constexpr char kKvxInvalidHandle[] = "Invalid Handle";
 constexpr char kKvxHandleNotZero[] = "m_Handle != 0";
+// Deliberate (three-refuse-null): only SetOption and the two SetAttribute refuse null arguments.
 constexpr char kKvxNullNameOrValue[] = "Value or Name of the Attribute is NULL";
 constexpr char kKvxNullFileNameOrValue[] = "Value or File, Name or newVal is NULL";
 constexpr char kKvxInUse[] = "object is in use by another thread";

@@ -149,6 +149,7 @@ void KVX_HttpSession::ProxyConnect() {
     if (m_Connection->Write(request) < 0) {
         kvx::kSourceHttp.fail(m_Connection->LastError(), kvx::kLineProxyWrite);
     }
+    // Deliberate (proxy-reply-one-read, proxy-reply-printed): one read, and its text goes to standard error always.
     TbStringStream reply;
     if (m_Connection->Read(reply) < 0) {
         kvx::kSourceHttp.fail(m_Connection->LastError(), kvx::kLineProxyRead);
@@ -177,6 +178,7 @@ void KVX_HttpSession::BuildRequest() {
         m_Request.put(m_Record.port);
     }
     m_Request.put(m_Record.path);
+    // Deliberate (authorization-always): also without credentials; no Host header, and "UserAgent" without a hyphen.
     m_Request.put(" HTTP/1.0\r\nAuthorization: Basic ");
     putCredentials(m_Record.user, m_Record.password, m_Request);
     m_Request.put("\r\nUserAgent: ");
@@ -209,7 +211,7 @@ void KVX_HttpSession::ReceiveResponse() {
 }
 
 void KVX_HttpSession::ExtractResponse(TbStringStream& out) {
-    // Deliberate: the message names the step before this one.
+    // Deliberate (step-names-the-one-before): the message names the step before this one.
     requireState(kReceived, "ReceiveResponse", kvx::kLineExtractState);
     if (isTraced()) {
         print(stdout, "\n", m_Response, "\n\n");
@@ -219,6 +221,7 @@ void KVX_HttpSession::ExtractResponse(TbStringStream& out) {
     if (status == 0) {
         kvx::kSourceHttp.fail(KVX_E_HTTP_BAD_REPLY, kvx::kLineReplyNoStatus);
     }
+    // Deliberate (redirects-unfollowed): every other status is a failure, redirects included.
     if (status != kStatusOk) {
         kvx::kSourceHttp.fail(KVX_E_HTTP_FAMILY | status, kvx::kLineReplyStatus);
     }

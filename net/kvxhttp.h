@@ -27,8 +27,8 @@ struct ssl_st;
 
 /// Resolves `host` (NUL-terminated, borrowed) and returns its first IPv4 address in network byte order, or 0xFFFFFFFF.
 ///
-/// Traces "DNS LOOKUP". Deliberate: an unknown name leaves no trace; a known name without an address does. May run out
-/// of memory (TBFC_Exception). Blocks.
+/// Traces "DNS LOOKUP". Deliberate (unknown-name-untraced): an unknown name leaves no trace; a known name without an
+/// address does. May run out of memory (TBFC_Exception). Blocks.
 [[nodiscard]] std::uint32_t HttpHostByName(char const* host);
 
 /// A byte pipe to one peer, owned by the session that uses it.
@@ -53,10 +53,12 @@ public:
 
     /// Receives up to 1024 bytes and appends them to `into`, as text: a zero byte cuts off the rest of the chunk.
     /// Returns how many were received, cut or not; 0 when the peer has finished; -1 on failure, `into` untouched.
+    /// Deliberate (zero-byte-cuts-chunk): the count reports what was received, not what was appended.
     virtual std::int32_t Read(TbStringStream& into) = 0;
 
     /// Sends the whole text of `from`, read or not; bytes behind its first zero byte are sent as zeros.
     /// A negative result is a failure.
+    /// Deliberate (zeros-behind-zero): the number of bytes sent stays that of the text.
     virtual std::int32_t Write(TbStringStream& from) = 0;
 
     /// The code of the operation that failed last. Requires: no other system call since then.
@@ -76,18 +78,20 @@ public:
     static void operator delete(void* memory) noexcept;
 };
 
-/// A TCP socket.
+/// A TCP socket. Deliberate (socket-left-open): the destructor leaves it open.
 class KVX_EXPORT SockConnection : public KVX_Connection {
 public:
     SockConnection() = default;
     ~SockConnection() override;
 
-    /// Deliberate: when no socket can be made, the connect fails on none, which is KVX_E_SOCKET_FAMILY | 9.
+    /// Deliberate (connect-without-socket): when no socket can be made, the connect fails on none, which is
+    /// KVX_E_SOCKET_FAMILY | 9.
     std::int32_t Connect(sockaddr* address) override;
     std::int32_t Disconnect() override;
     std::int32_t Read(TbStringStream& into) override;
 
     /// One send: returns the number of bytes sent, which may be short, or -1.
+    /// Deliberate (one-send): the rest of a short send is not sent.
     std::int32_t Write(TbStringStream& from) override;
 
     /// KVX_E_SOCKET_FAMILY | `errno` in BSD numbering.
@@ -106,13 +110,14 @@ private:
     char m_Buffer[kChunk + 1];  ///< Received bytes and a terminator.
 };
 
-/// A TLS client over a TCP socket. Deliberate: the peer's certificate is not verified.
+/// A TLS client over a TCP socket. Deliberate (certificate-unverified): the peer's certificate is not verified.
 class KVX_EXPORT SslConnection : public KVX_Connection {
 public:
     SslConnection();
     ~SslConnection() override;
 
-    /// Deliberate: when no socket can be made, the result is the last one held; at first KVX_E_SOCKET_FAMILY alone.
+    /// Deliberate (tls-connect-last-result): when no socket can be made, the result is the last one held; at first
+    /// KVX_E_SOCKET_FAMILY alone.
     std::int32_t Connect(sockaddr* address) override;
 
     /// Also frees the TLS session; sends no close notification.
@@ -129,7 +134,8 @@ public:
     int Detach() override;
 
     /// Runs the handshake. Traces "USE SSL"; a failure prints "SSL ERROR: connect failed" to standard output.
-    /// Deliberate: a peer that closes cleanly instead of shaking hands is no failure; the next operation fails.
+    /// Deliberate (clean-end-in-handshake): a peer that closes cleanly instead of shaking hands is no failure; the next
+    /// operation fails.
     std::int32_t Setup() override;
 
 private:

@@ -66,8 +66,8 @@ std::uint32_t HttpHostByName(char const* host) {
 }
 
 std::int32_t MakeHostAddr(TbString const& host, TbString const& port, sockaddr* address) {
-    // Deliberate: the old, lenient reader of addresses ("127.1" and "1" are valid), which returns all bits set on
-    // failure.
+    // Deliberate (generous-addresses): the old, lenient reader of addresses ("127.1" and "1" are valid), which returns
+    // all bits set on failure.
     std::uint32_t ip = ::inet_addr(host.c_str());
     if (ip == kNoAddress) {
         ip = HttpHostByName(host.c_str());

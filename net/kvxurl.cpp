@@ -64,7 +64,7 @@ std::int32_t SplitUrl(TbString const& url, URL_INFO& info) {
         return kReachedEnd;
     }
 
-    // Deliberate: the first character of the authority is never examined.
+    // Deliberate (host-begins-with-anything): the first character of the authority is never examined.
     char const* mark = at++;
     if (hasUserInformation(mark)) {
         if (!takeUpTo(":", mark, at, info.user)) {

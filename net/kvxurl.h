@@ -20,16 +20,18 @@ struct KVX_EXPORT URL_INFO {
     TbString path;      ///< From the first "/" after the authority to the end, query included.
 };
 
-/// Splits `url` into `info`, which it does not empty first.
+/// Splits `url` into `info`.
+/// Deliberate (split-fills-only): fields that the URL does not fill keep what they held.
 ///
 /// Returns nonzero (all bits set) when the end of the text was reached, 0 when the scheme or the "//" is malformed;
 /// `info` keeps the fields filled so far. A nonzero result does not promise a host: a URL that ends inside the
 /// authority, or whose user has no password, leaves the later fields empty. Letters and digits are those of the current
 /// locale.
+/// Deliberate (slash-behind-host): a URL without "/" behind its authority ends inside it.
 std::int32_t SplitUrl(TbString const& url, URL_INFO& info);
 
 /// Whether `url` begins with "http:" or with "https".
-/// Deliberate: the colon after "https" is not checked; upper case is not accepted.
+/// Deliberate (https-without-colon): the colon after "https" is not checked; upper case is not accepted.
 bool IsHttp(TbString const& url);
 
 /// Percent-encodes `in` from its read position to its end or a zero byte and appends to `out`: letters and digits of
@@ -37,8 +39,8 @@ bool IsHttp(TbString const& url);
 KVX_EXPORT void UrlEncode(TbStringStream* in, TbStringStream* out);
 
 /// Encodes `in` from its read position in the Base64 alphabet and appends to `out`. Both borrowed.
-/// Deliberate: the input ends at a zero byte or one of 0x80 and above; there is never "=": missing bits are zero, and
-/// an input whose length divides by three gets "AAAA" on top.
+/// Deliberate (base64-without-padding): the input ends at a zero byte or one of 0x80 and above; there is never "=":
+/// missing bits are zero, and an input whose length divides by three gets "AAAA" on top.
 void Base64Encode(TbStringStream* in, TbStringStream* out);
 
 /// The Base64 alphabet, NUL-terminated. On the wire. Do not change.

@@ -47,7 +47,8 @@ void UrlEncode(TbStringStream* in, TbStringStream* out) {
 
 void Base64Encode(TbStringStream* in, TbStringStream* out) {
     SevenBitReader reader(*in);
-    // Deliberate: the end is checked after a whole group only, so there is always a group that holds it.
+    // Deliberate (base64-without-padding): the end is checked after a whole group only, so there is always a group that
+    // holds it.
     while (!reader.hasEnded()) {
         unsigned const first = reader.next();
         unsigned const second = reader.next();

@@ -67,6 +67,8 @@ private:
 /// children of all tags form one list in insertion order. Every element handed out carries one reference for the
 /// caller, to be released. Writing and destroying need stack space that does not depend on the depth of the tree. One
 /// thread at a time per tree. Running out of memory raises a TBFC_Exception.
+///
+/// Deliberate (element-copies-nothing): an assignment through a `TbObject&` copies nothing.
 class KVX_EXPORT xmlElement : public TbFindable {
 public:
     xmlElement() = default;
@@ -88,6 +90,7 @@ public:
 
     /// Stores `value`, escaped, under `name`; a name already present keeps its place. Always true. On failure the
     /// attribute is unchanged.
+    /// Deliberate (last-value-first-place): the last value counts, at the place of the first.
     bool setAttribute(TbString const& name, TbString const& value);
 
     /// The unescaped value under `name`. False, and `value` untouched, when there is none.
@@ -150,8 +153,8 @@ private:
 
 /// Iterates over an element's children and keeps the element alive meanwhile.
 ///
-/// Deliberate: with a tag it starts at the first child of that tag and continues through every later child of any tag.
-/// Callers that want one tag check each child's.
+/// Deliberate (enumeration-ignores-tag): with a tag it starts at the first child of that tag and continues through
+/// every later child of any tag. Callers that want one tag check each child's.
 class KVX_EXPORT xmlElementEnum : public TbObject {
 public:
     xmlElementEnum() = default;
@@ -185,9 +188,9 @@ void XMLEncode(TbString const& in, TbString& out);
 
 /// The inverse. The two may be one string.
 ///
-/// Deliberate: an entity is the text from an ampersand to a semicolon or for five characters, whichever is shorter, and
-/// the next character of any kind is dropped with it: "&quotX" is a double quote, "AT & T rest" becomes "AT st". An
-/// unknown entity vanishes; a longer but otherwise well-formed one vanishes through its semicolon.
+/// Deliberate (entity-window): an entity is the text from an ampersand to a semicolon or for five characters, whichever
+/// is shorter, and the next character of any kind is dropped with it: "&quotX" is a double quote, "AT & T rest" becomes
+/// "AT st". An unknown entity vanishes; a longer but otherwise well-formed one vanishes through its semicolon.
 void XMLDecode(TbString const& in, TbString& out);
 
 #endif

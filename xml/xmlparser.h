@@ -53,10 +53,13 @@ xmlTableRow const* getTabEntry(xmlTableRow const* table, std::uint32_t state, ch
 ///
 /// The dialect knows elements, attributes and text, nothing else: no declaration, comment, CDATA section, DOCTYPE, and
 /// no colon in a name.
-/// Deliberate: an end tag closes the open element, whatever its own name; a "/" in a start tag closes the element and a
-/// name up to ">" is ignored; attributes may lack their value or the quotes around it; text is stored as read, only
-/// attribute values are decoded; an element keeps the last run of text before a "<", so white space after a child
-/// replaces the text before it; text after the last tag is dropped; several top-level elements are accepted.
+/// - Deliberate (end-tag-closes-anything): an end tag closes the open element, whatever its own name.
+/// - Deliberate (slash-closes-at-once): a "/" in a start tag closes the element, and a name up to ">" is ignored.
+/// - Deliberate (loose-attributes): attributes may lack their value or the quotes around it.
+/// - Deliberate (text-not-decoded): text is stored as read, only attribute values are decoded.
+/// - Deliberate (last-run-of-text): an element keeps the last run of text before a "<", so white space after a child
+///   replaces the text before it.
+/// - Deliberate (several-top-elements): several top-level elements are accepted; text after the last tag is dropped.
 class KVX_EXPORT xmlParser : public TbRefCounter {
 public:
     xmlParser() = default;

@@ -31,8 +31,8 @@ Status walk(xmlElement* start, TbString& path, xmlElementPtr& found) {
         if (!xmlAtoi(path.substring(indexStart, closing - indexStart), index)) {
             return kBadIndex;
         }
-        // Deliberate: no key reaches this line, because the index text begins with the full stop of the separator.
-        // The step is implemented all the same, as part of the path language.
+        // Deliberate (path-step-refused): no key reaches this line, because the index text begins with the full stop of
+        // the separator. The step is implemented all the same, as part of the path language.
         xmlElement* child = nullptr;
         if (!current->getChild(path.substring(position, separator - position), index, &child)) {
             return kNoChild;

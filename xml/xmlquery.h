@@ -15,8 +15,9 @@
 /// both are untouched: 1 for a bad index, 3 for a missing closing parenthesis, 4 for a missing child. An index beyond
 /// the last child of a tag raises KVX_E_OUT_OF_RANGE (TBFC_Exception).
 /// Requires: `start` is held by a reference.
-/// Deliberate: a step is written "TAG(.INDEX)", and an index that begins with the full stop of its own separator is
-/// never a number. So every key with "(." fails, and every other key, dots and all, names an attribute of `start`.
+/// Deliberate (path-step-refused): a step is written "TAG(.INDEX)", and an index that begins with the full stop of its
+/// own separator is never a number. So every key with "(." fails, and every other key, dots and all, names an attribute
+/// of `start`.
 std::int32_t xmlQuerySubElement(xmlElement* start, TbString& path, xmlElement** found);
 
 /// `value` becomes the unescaped value that `key` names below `start`. False, and `value` untouched, when there is none
@@ -28,7 +29,7 @@ bool xmlGetAttributeEx(xmlElement* start, TbString const& key, TbString& value);
 bool xmlSetAttributeEx(xmlElement* start, TbString const& key, TbString const& value);
 
 /// Reads decimal digits into `value`, from 0 on. False at the first other character: `value` holds the number read so
-/// far. An empty text is 0. Deliberate: no sign, and too large numbers wrap around without notice.
+/// far. An empty text is 0. Deliberate (index-wraps): no sign, and too large numbers wrap around without notice.
 bool xmlAtoi(TbString const& text, int& value);
 
 #endif

@@ -18,7 +18,7 @@ int readQuantity(std::string const& text);
 
 /// The baskets, by visitor. Any thread may call any function at any time.
 ///
-/// Deliberate: the shop never deletes a basket. A public shop would delete old ones.
+/// The shop never deletes a basket. A public shop would delete old ones.
 class Baskets {
 public:
     /// Creates an empty basket. Returns a new visitor id, which is not guessable.

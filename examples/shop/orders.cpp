@@ -21,8 +21,8 @@ bool contains(std::vector<std::string> const& texts, std::string const& text) {
     return std::find(texts.begin(), texts.end(), text) != texts.end();
 }
 
-/// Deliberate: a superseded payment still pays an open order. The visitor may have paid in time, with a late
-/// confirmation.
+/// Deliberate (superseded-payment-pays): a superseded payment still pays an open order. The visitor may have paid in
+/// time, with a late confirmation.
 bool canBePaidBy(Order const& order, Confirmation const& confirmation) {
     return isWaitingFor(order, confirmation) ||
            (isOpen(order.m_State) && contains(order.m_Superseded, confirmation.m_Token));

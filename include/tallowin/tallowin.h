@@ -166,7 +166,7 @@ KVX_EXPORT int32_t MessageObject_Capture(KVX_HANDLE handle);
 
 /* Sends the message, signed, as a request of its type T: T + "Request"; requires T + "Response". Files, network.
  * `*out` receives the response, owned by the caller. Codes as MessageObject_Capture.
- * Deliberate: this object's type stays T + "Request", so it is sent once only. */
+ * Deliberate (request-keeps-type): this object's type stays T + "Request", so it is sent once only. */
 KVX_EXPORT int32_t MessageObject_Execute(KVX_HANDLE handle, KVX_HANDLE* out);
 
 /* Replaces the message by the parsed `text` and sets its "KEYID" to the signing key of this object.

@@ -12,8 +12,8 @@ namespace sandbox {
 
 /// How a byte of 0x80 or above becomes a unit: 0xE9 as 0x00E9 or as 0xFFE9.
 ///
-/// Deliberate: the two directions differ. A merchant signs zero-extended units and verifies sign-extended ones, so this
-/// service verifies with `Zero` and signs with `Sign`.
+/// Deliberate (widening-differs): the two directions differ. A merchant signs zero-extended units and verifies
+/// sign-extended ones, so this service verifies with `Zero` and signs with `Sign`.
 enum class Widening { kZero, kSign };
 
 /// The units of `text`, two bytes a character, no terminator.

@@ -65,7 +65,7 @@ dl div{display:grid;grid-template-columns:12rem minmax(0,1fr);gap:1rem;align-ite
 )css";
 
 // The pages need nothing from elsewhere, so that nothing a value could smuggle in would be loaded or run either.
-// Deliberate: no `form-action`, which would stop the redirect from the form to the shop.
+// Deliberate (no-form-action): no `form-action`, which would stop the redirect from the form to the shop.
 constexpr char kPolicy[] = "default-src 'none'; style-src 'unsafe-inline'";
 
 }  // namespace

@@ -15,14 +15,15 @@ namespace sandbox {
 std::string toHex(std::string const& bytes);
 
 /// The bytes behind `text`; nothing when the length is odd or a character is not "0".."9" or "a".."f".
-/// Deliberate: upper case is refused, because merchants only write lower case and a change of that should show.
+/// Deliberate (upper-case-hex-refused): upper case is refused, because merchants only write lower case and a change of
+/// that should show.
 std::optional<std::string> fromHex(std::string const& text);
 
 /// Every byte that is not an ASCII letter or digit becomes "%" and two lower-case hexadecimal digits.
 std::string percentEncode(std::string const& bytes);
 
 /// Undoes percent-encoding with digits of either case; nothing when a "%" is not followed by two digits.
-/// A "+" stays a "+".
+/// Deliberate (plus-stays-plus): a "+" is no space.
 std::optional<std::string> percentDecode(std::string const& text);
 
 /// `text` with `to` in the place of every `from`, which must not be empty.

@@ -252,7 +252,7 @@ Step const kSteps[] = {
     {"BuildRequest", 1, [](OpenSession& session) { session.BuildRequest(); }},
     {"SendRequest", 2, [](OpenSession& session) { session.SendRequest(); }},
     {"ReceiveResponse", 3, [](OpenSession& session) { session.ReceiveResponse(); }},
-    // Deliberate: this step names the one before it.
+    // Deliberate (step-names-the-one-before): this step names the one before it.
     {"ReceiveResponse", 4,
      [](OpenSession& session) {
          TbStringStream out;

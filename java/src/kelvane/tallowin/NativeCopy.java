@@ -46,8 +46,9 @@ import java.util.Set;
  */
 final class NativeCopy implements AutoCloseable {
     /**
-     * The monitor that callers hold from before they create a copy until after they close it. Deliberate: a string
-     * constant, because that is the same object in all class loaders, each of which has its own NativeCopy class.
+     * The monitor that callers hold from before they create a copy until after they close it.
+     * Deliberate (one-monitor-for-all-loaders): a string constant, because that is the same object in all class loaders,
+     * each of which has its own NativeCopy class.
      */
     static final Object JVM_LOCK = "kelvane.tallowin.NativeCopy";
 
@@ -211,7 +212,7 @@ final class NativeCopy implements AutoCloseable {
         Files.deleteIfExists(directory);
     }
 
-    /** Deliberate: streams, because an interrupt of the calling thread would close a channel. */
+    /** Deliberate (copy-without-channels): streams, because an interrupt of the caller would close a channel. */
     private void write(byte[] content) throws IOException {
         Files.createFile(library().toPath(), OWNER_ONLY_FILE);
         try (OutputStream out = new FileOutputStream(library())) {
