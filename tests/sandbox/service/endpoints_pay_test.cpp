@@ -71,7 +71,7 @@ TEST_F(PaymentPage, ShowsTheOrderAndRecordsThePayment) {
 
 TEST_F(PaymentPage, KeepsItsFormFreeToLeadToTheShop) {
     // Browsers hold the redirect that answers a form against `form-action` as well.
-    RawAnswer const page = openPage(m_Merchant.payInit("t1"));
+    RawResponse const page = openPage(m_Merchant.payInit("t1"));
     std::string const header = page.m_Headers.at("content-security-policy");
     EXPECT_THAT(header, StartsWith("default-src 'none'"));
     EXPECT_THAT(header, Not(HasSubstr("form-action")));
