@@ -39,6 +39,7 @@ class Contracts(unittest.TestCase):
     def add(self, path, text):
         """A new file in the copy, for this test."""
         file = self.tree / path
+        file.parent.mkdir(exist_ok=True)
         self.addCleanup(file.unlink, missing_ok=True)
         file.write_text(text)
 
@@ -91,6 +92,7 @@ class Contracts(unittest.TestCase):
                 ("tests/core/planted_test.cpp", "TEST(Odd, KeepsIt) {\n}\n", "Odd.KeepsIt"),
                 ("tests/core/planted_test.cpp", "TEST_F(\n    Odd, KeepsIt) {\n}\n", "Odd.KeepsIt"),
                 ("tests/core/planted_test.cpp", "TYPED_TEST(Odd, KeepIt) {\n}\n", "Odd.KeepIt"),
+                ("tests/core/odd/CMakeLists.txt", "odd_test(Odd.KeepsIt odd.sh)\n", "Odd.KeepsIt"),
                 ("tests/java/OddTest.java", "    @Test\n    public void keepsIt() throws Exception {\n", "OddTest.keepsIt")):
             with self.subTest(text):
                 self.add(path, text)
