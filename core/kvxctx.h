@@ -214,7 +214,7 @@ public:
     void GetURL(TbString& url);
 
     /// Sends the message to the capture address and requires a "PayConfirm" response.
-    /// Deliberate (token-without-value, answer-unsigned): an empty "TOKEN" is enough, and the response is believed
+    /// Deliberate (token-without-value, response-unsigned): an empty "TOKEN" is enough, and the response is believed
     /// without a signature.
     void Capture();
 

@@ -68,7 +68,7 @@ void KVX_Context::ImportKey(TbString& keyId) {
     TbStringStream responseText;
     xmlElementPtr const response = exchangeUnsigned(url, message, "KeyQueryResponse", responseText);
     TbString blob("");
-    // Deliberate (key-stored-as-answered): the key id in the response counts, not the one asked for.
+    // Deliberate (key-stored-as-named): the key id in the response counts, not the one asked for.
     response->getAttribute("KEYID", keyId);
     response->getAttribute("KEYBLOB", blob);
     requireWritable(keyId);
