@@ -73,7 +73,7 @@ static void notePort(char const* url) {
 static int connected(void) {
     struct addrinfo hints;
     struct addrinfo* found = NULL;
-    struct timeval patience = {20, 0};
+    struct timeval timeout = {20, 0};
     int number = -1;
     memset(&hints, 0, sizeof hints);
     hints.ai_family = AF_INET;
@@ -83,8 +83,8 @@ static int connected(void) {
     }
     number = socket(found->ai_family, found->ai_socktype, found->ai_protocol);
     if (number >= 0) {
-        setsockopt(number, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-        setsockopt(number, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+        setsockopt(number, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+        setsockopt(number, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
         if (connect(number, found->ai_addr, found->ai_addrlen) != 0) {
             close(number);
             number = -1;
@@ -197,7 +197,7 @@ static void testVersionAndTexts(void) {
     size = (int32_t)sizeof small;
     check(KVX_GetErrorStringFromResult(KVX_E_INVALID_SIGNATURE, &size, small) == 1, "cuts instead of refusing");
     checkText(small, "inv", "the cut text");
-    check(size == 18, "and still tells the need");
+    check(size == 18, "and still reports the need");
     size = 77;
     check(KVX_GetErrorStringFromResult(KVX_OK, &size, text) == 0 && size == 77, "0 has no text");
     check(KVX_GetErrorStringFromResult(KVX_E_BAD_HANDLE, &size, text) == 0, "nor has KVX_E_BAD_HANDLE");
@@ -346,7 +346,7 @@ static void testSetUp(char const* directory, char const* autoUrl) {
     checkCode(ConfigurationSetup_Reconfigure(setup, NULL, "demo", "demo"), KVX_OK, "register");
     checkCode(ConfigurationSetup_GetAttribute(setup, "config.xml", "KVX.VTAUTOURL", &size, text), KVX_OK,
               "read a value");
-    checkText(text, autoUrl, "the address that the server told");
+    checkText(text, autoUrl, "the address that the server reported");
     checkCode(ConfigurationSetup_GetAttribute(setup, "config.xml", "NONE", &size, text), KVX_E_NOT_FOUND,
               "a value that is not there");
     checkCode(ConfigurationSetup_SetAttribute(setup, "settings.xml", "USEPROXY", "0"), KVX_E_CANNOT_OPEN,

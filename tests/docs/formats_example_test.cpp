@@ -1,26 +1,22 @@
 // The worked example of docs/formats.md, recomputed.
 
+#include <gtest/gtest.h>
 #include <openssl/sha.h>
 
-#include <algorithm>
-#include <fstream>
-#include <iterator>
 #include <string>
 
 #include "core/kvxctx.h"
-#include "tests/support/test_support.h"
+#include "tests/support/directories.h"
+#include "tests/support/tbtext.h"
+#include "tests/support/testdata.h"
+
+using namespace kvxtest;
 
 namespace {
 
-std::string fileText(std::string const& path) {
-    std::ifstream in(path, std::ios::binary);
-    EXPECT_TRUE(in.is_open()) << path;
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
 /// The one line of the fenced block that is called `name`.
 std::string exampleCalled(std::string const& name) {
-    std::string const page = fileText(KVX_DOCS_DIR "/formats.md");
+    std::string const page = contentOf(KVX_DOCS_DIR "/formats.md");
     std::string const fence = "```" + name + "\n";
     std::size_t const begin = page.find(fence);
     EXPECT_NE(begin, std::string::npos) << name;
@@ -32,13 +28,11 @@ std::string exampleCalled(std::string const& name) {
 class WorkedExample : public testing::Test {
 protected:
     void SetUp() override {
-        std::string key = fileText(KVX_TEST_DATA_DIR "/rsa/key512.private.hex");
-        key.erase(std::remove(key.begin(), key.end(), '\n'), key.end());
-        m_Dir.write("keys/private/k", key);
+        m_Dir.write("keys/private/k", dataHex("rsa/key512.private.hex"));
         m_Context.Open(m_Dir.path().c_str());
     }
 
-    kvxtest::TempDir m_Dir;
+    TemporaryDirectory m_Dir;
     KVX_Context m_Context;
 };
 
@@ -50,19 +44,19 @@ TEST_F(WorkedExample, DigestIsThatOfTheWidenedMessage) {
     }
     unsigned char digest[SHA_DIGEST_LENGTH];
     SHA1(reinterpret_cast<unsigned char const*>(widened.data()), widened.size(), digest);
-    EXPECT_EQ(kvxtest::bytesOf(m_Context.BufferToHex(digest, sizeof digest)), exampleCalled("example-digest"));
+    EXPECT_EQ(bytesOf(m_Context.BufferToHex(digest, sizeof digest)), exampleCalled("example-digest"));
 }
 
 TEST_F(WorkedExample, SignatureAndUrlAreWhatTheComponentMakes) {
     TbString const message = exampleCalled("example-message").c_str();
     TbString signature;
     m_Context.SignData(message, "k", signature);
-    EXPECT_EQ(kvxtest::bytesOf(signature), exampleCalled("example-signature"));
+    EXPECT_EQ(bytesOf(signature), exampleCalled("example-signature"));
 
     TbStringStream stream(message);
     TbString url;
     m_Context.RequestToURL("https://pay.example/init", stream, signature, url);
-    EXPECT_EQ(kvxtest::bytesOf(url), exampleCalled("example-url"));
+    EXPECT_EQ(bytesOf(url), exampleCalled("example-url"));
 }
 
 }  // namespace

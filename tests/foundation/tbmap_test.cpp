@@ -1,3 +1,8 @@
+// Maps: order of insertion, look-ups that add, string keys, pairs, map items and their list.
+//
+// Every change is followed by a check of the tree and of the list in both directions. Random operations run beside
+// std::map. Odd: looking a missing key up stores an empty value; string keys sort by length first.
+
 #include "foundation/tbmap.h"
 
 #include <gtest/gtest.h>
@@ -9,22 +14,13 @@
 #include <string>
 #include <vector>
 
-#include "tests/foundation/foundation_items.h"
+#include "tests/foundation/foundationsupport.h"
+#include "tests/support/random.h"
+#include "tests/support/tbtext.h"
+
+using namespace kvxtest;
 
 namespace {
-
-using kvxtest::bytesOf;
-using kvxtest::failEachAllocation;
-using kvxtest::IntItem;
-using kvxtest::isSoundTree;
-using kvxtest::itemsInOrder;
-using kvxtest::LengthFirst;
-using kvxtest::numberOf;
-using kvxtest::randomKey;
-using kvxtest::stringOf;
-using kvxtest::survivesEveryFailingAllocation;
-using kvxtest::testSeed;
-using kvxtest::thrownCode;
 
 TbKeyValue pairOf(std::string const& key, std::string const& value) {
     return {stringOf(key), stringOf(value)};
@@ -556,7 +552,7 @@ template <class Map>
 class MapsInRandomUse : public testing::Test {};
 
 using MapClasses = testing::Types<TbMap, TbStrMap>;
-TYPED_TEST_SUITE(MapsInRandomUse, MapClasses, kvxtest::NamedByClass);
+TYPED_TEST_SUITE(MapsInRandomUse, MapClasses, NamedByClass);
 
 TYPED_TEST(MapsInRandomUse, BehaveLikeAMapThatRemembersItsOrder) {
     for (std::uint64_t round = 0; round < 2; ++round) {

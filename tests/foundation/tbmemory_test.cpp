@@ -1,3 +1,7 @@
+// The allocation gate and the raw memory functions of the foundation.
+//
+// Tests count and fail allocations through the gate. Odd: sizes that do not fit 32 bits count as failed allocations.
+
 #include "foundation/tbmemory.h"
 
 #include <gtest/gtest.h>
@@ -5,11 +9,11 @@
 #include <cstdint>
 #include <cstring>
 
-#include "tests/support/test_support.h"
+#include "tests/support/allocations.h"
+
+using namespace kvxtest;
 
 namespace {
-
-using kvxtest::FailingAllocation;
 
 TEST(TbBlock, HoldsAtLeastWhatWasAskedForAndKeepsItsContents) {
     void* block = nullptr;
@@ -40,7 +44,7 @@ TEST(TbBlock, IsNotMovedWhileItHasRoom) {
     FailingAllocation const failing(0, FailingAllocation::Mode::kAllFromThere);
     EXPECT_EQ(tbResizeBlock(block, 100), block);
     EXPECT_EQ(tbResizeBlock(block, 1), block);
-    EXPECT_EQ(FailingAllocation::asked(), 0);
+    EXPECT_EQ(FailingAllocation::requested(), 0);
     tbReleaseBlock(block);
 }
 
@@ -76,7 +80,7 @@ TEST(TbAllocate, GivesMemoryForZeroBytesAndNullWhenRefused) {
         FailingAllocation const failing(0, FailingAllocation::Mode::kAllFromThere);
         EXPECT_EQ(tbAllocate(1), nullptr);
         EXPECT_EQ(tbReallocate(memory, 10), nullptr);
-        EXPECT_EQ(FailingAllocation::asked(), 2);
+        EXPECT_EQ(FailingAllocation::requested(), 2);
     }
     tbRelease(memory);
 }

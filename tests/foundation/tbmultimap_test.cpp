@@ -1,3 +1,8 @@
+// Multimaps: several entries per key in their order, removal by key and by index, deep copies.
+//
+// Each key of the tree holds a vector of map items; tests check tree, vectors and the list of all entries. Random
+// operations run beside std::multimap. Odd: looking a missing key up stores a pair for it.
+
 #include "foundation/tbmultimap.h"
 
 #include <gtest/gtest.h>
@@ -11,22 +16,13 @@
 #include <string>
 #include <vector>
 
-#include "tests/foundation/foundation_items.h"
+#include "tests/foundation/foundationsupport.h"
+#include "tests/support/random.h"
+#include "tests/support/tbtext.h"
+
+using namespace kvxtest;
 
 namespace {
-
-using kvxtest::bytesOf;
-using kvxtest::failEachAllocation;
-using kvxtest::IntItem;
-using kvxtest::isSoundTree;
-using kvxtest::LengthFirst;
-using kvxtest::numberOf;
-using kvxtest::randomKey;
-using kvxtest::stringOf;
-using kvxtest::survivesEveryFailingAllocation;
-using kvxtest::testSeed;
-using kvxtest::thrownCode;
-using kvxtest::Witness;
 
 using Entries = std::vector<std::string>;
 
@@ -530,9 +526,9 @@ TEST(TbMultimap, LookUpAndReadyVectorLeaveNoTraceWhenAnAllocationFails) {
         std::unique_ptr<TbMultimap> const map = make();
         bool isReached = false;
         {
-            kvxtest::FailingAllocation const failing(number, kvxtest::FailingAllocation::Mode::kOnlyThat);
+            FailingAllocation const failing(number, FailingAllocation::Mode::kOnlyThat);
             std::int32_t const code = thrownCode([&] { map->put(ready.m_Vector); });
-            isReached = kvxtest::FailingAllocation::asked() > number;
+            isReached = FailingAllocation::requested() > number;
             EXPECT_EQ(code, isReached ? KVX_E_OUT_OF_MEMORY : 0);
         }
         EXPECT_TRUE(isSoundTree(*map));
@@ -637,7 +633,7 @@ public:
                 ASSERT_EQ(describe(*entries->at(i)), describe(*element));
             }
         }
-        ASSERT_EQ(kvxtest::itemsInOrder(*m_Map).size(), keys) << "no key without entries";
+        ASSERT_EQ(itemsInOrder(*m_Map).size(), keys) << "no key without entries";
         Entries forwards = entriesOf(*m_Map);
         ASSERT_TRUE(std::equal(forwards.begin(), forwards.end(), m_Order.begin(), m_Order.end()));
     }
@@ -733,7 +729,7 @@ template <class Map>
 class MultimapsInRandomUse : public testing::Test {};
 
 using MultimapClasses = testing::Types<TbMultimap, TbStrPtrMultimap>;
-TYPED_TEST_SUITE(MultimapsInRandomUse, MultimapClasses, kvxtest::NamedByClass);
+TYPED_TEST_SUITE(MultimapsInRandomUse, MultimapClasses, NamedByClass);
 
 TYPED_TEST(MultimapsInRandomUse, BehaveLikeAMultimapThatRemembersItsOrder) {
     for (std::uint64_t round = 0; round < 2; ++round) {

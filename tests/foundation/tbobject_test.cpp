@@ -1,3 +1,8 @@
+// The object model: class names, factories, reference counts, assignment through base classes.
+//
+// One table names all classes, and most tests walk it. Odd: the order of the virtual functions is part of the binary
+// interface, so it is tested slot by slot; counts are never copied.
+
 #include "foundation/tbobject.h"
 
 #include <gtest/gtest.h>
@@ -11,15 +16,13 @@
 #include <vector>
 
 #include "foundation/tbmultimap.h"
+#include "foundation/tbstring.h"
 #include "foundation/tbstringstream.h"
-#include "tests/foundation/foundation_items.h"
+#include "tests/foundation/foundationsupport.h"
+
+using namespace kvxtest;
 
 namespace {
-
-using kvxtest::FailingAllocation;
-using kvxtest::IntItem;
-using kvxtest::thrownCode;
-using kvxtest::Witness;
 
 /// One class: how to make it, its factory, and the names it answers to through the inherited operation.
 struct ClassRow {
@@ -339,7 +342,7 @@ TEST(TbRefCounter, NothrowNewAnswersNullWithoutMemory) {
     TbString* const made = new (std::nothrow) TbString("x");
     ASSERT_NE(made, nullptr);
     delete made;
-    kvxtest::FailingAllocation const failing(0, kvxtest::FailingAllocation::Mode::kAllFromThere);
+    FailingAllocation const failing(0, FailingAllocation::Mode::kAllFromThere);
     EXPECT_EQ(new (std::nothrow) TbObject, nullptr);
 }
 

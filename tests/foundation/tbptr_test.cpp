@@ -1,3 +1,7 @@
+// The counted pointer: sharing, adopting, releasing, and what it does with null.
+//
+// A witness object reports its own death, so a test sees when the last reference goes.
+
 #include "foundation/tbptr.h"
 
 #include <gtest/gtest.h>
@@ -5,13 +9,13 @@
 #include <memory>
 
 #include "foundation/tbmap.h"
+#include "foundation/tbstring.h"
 #include "foundation/tbstrptr.h"
-#include "tests/foundation/foundation_items.h"
+#include "tests/foundation/foundationsupport.h"
+
+using namespace kvxtest;
 
 namespace {
-
-using kvxtest::IntItem;
-using kvxtest::Witness;
 
 TEST(TbPtr, TakesOneReferenceAndGivesItBack) {
     bool isGone = false;

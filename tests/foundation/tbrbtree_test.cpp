@@ -1,3 +1,8 @@
+// The red-black tree: balance, duplicates, paths, rebalancing steps, deep copies.
+//
+// Every order of a few elements is tried, then random operations beside std::set; isSoundTree() checks all invariants
+// after each step. Odd: the sentinel is known by its address, and looking a key up needs no exception.
+
 #include "foundation/tbrbtree.h"
 
 #include <gtest/gtest.h>
@@ -12,20 +17,13 @@
 
 #include "foundation/tbmap.h"
 #include "foundation/tbstring.h"
-#include "tests/foundation/foundation_items.h"
+#include "tests/foundation/foundationsupport.h"
+#include "tests/support/random.h"
+#include "tests/support/smallstack.h"
+
+using namespace kvxtest;
 
 namespace {
-
-using kvxtest::failEachAllocation;
-using kvxtest::IntItem;
-using kvxtest::isSoundTree;
-using kvxtest::itemsInOrder;
-using kvxtest::numberOf;
-using kvxtest::numbersInOrder;
-using kvxtest::onStackOf;
-using kvxtest::survivesEveryFailingAllocation;
-using kvxtest::testSeed;
-using kvxtest::thrownCode;
 
 std::vector<int> upTo(int last) {
     std::vector<int> numbers;
@@ -123,7 +121,7 @@ TEST(TbRBTree, StoresACopyAndReturnsIt) {
 }
 
 TEST(TbRBTree, SearchesWithTheStoredElementsOperators) {
-    // A number knows nothing of pairs: were the probe asked, it would complain.
+    // A number knows nothing of pairs: if the operator of the probe were called, it would complain.
     TbRBTree tree;
     for (int number = 0; number < 50; ++number) {
         tree.put(TbKeyValue(IntItem(number * 2), TbString("value")));

@@ -1,3 +1,8 @@
+// The string: construction, growth, search, comparison, and all failures of allocation.
+//
+// Contents are compared as bytes. Odd: strings order by length first, then by signed bytes; growth is to the need plus
+// a fixed slack, never doubled.
+
 #include "foundation/tbstring.h"
 
 #include <gtest/gtest.h>
@@ -11,15 +16,14 @@
 
 #include "foundation/tbmemory.h"
 #include "foundation/tbvector.h"
-#include "tests/support/test_support.h"
+#include "tallowin/codes.h"
+#include "tests/support/allocations.h"
+#include "tests/support/exceptions.h"
+#include "tests/support/tbtext.h"
+
+using namespace kvxtest;
 
 namespace {
-
-using kvxtest::bytesOf;
-using kvxtest::FailingAllocation;
-using kvxtest::stringOf;
-using kvxtest::survivesEveryFailingAllocation;
-using kvxtest::thrownCode;
 
 char const* const kNull = nullptr;
 
@@ -532,8 +536,8 @@ TEST(TbString, FillsByBytesInFewReallocations) {
     }
     EXPECT_EQ(text.length(), kBytes);
     EXPECT_EQ(text[kBytes - 1], static_cast<char>('a' + (kBytes - 1) % 26));
-    EXPECT_LT(FailingAllocation::asked(), 50) << "logarithmic, although the capacity rises by 65";
-    EXPECT_GT(FailingAllocation::asked(), 5);
+    EXPECT_LT(FailingAllocation::requested(), 50) << "logarithmic, although the capacity rises by 65";
+    EXPECT_GT(FailingAllocation::requested(), 5);
 }
 
 }  // namespace

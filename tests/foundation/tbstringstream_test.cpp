@@ -1,3 +1,7 @@
+// The string stream: reading and writing at one position, end of data, failing allocations.
+//
+// Reads advance the position, writes append. Contents are compared as bytes.
+
 #include "foundation/tbstringstream.h"
 
 #include <gtest/gtest.h>
@@ -5,14 +9,14 @@
 #include <string>
 #include <type_traits>
 
-#include "tests/support/test_support.h"
+#include "tallowin/codes.h"
+#include "tests/support/allocations.h"
+#include "tests/support/exceptions.h"
+#include "tests/support/tbtext.h"
+
+using namespace kvxtest;
 
 namespace {
-
-using kvxtest::bytesOf;
-using kvxtest::FailingAllocation;
-using kvxtest::stringOf;
-using kvxtest::thrownCode;
 
 /// All bytes that can be read now.
 std::string readAll(TbStringStream& stream) {

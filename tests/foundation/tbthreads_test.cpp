@@ -4,12 +4,13 @@
 #include <vector>
 
 #include "foundation/tbmultimap.h"
+#include "foundation/tbstring.h"
 #include "foundation/tbstringstream.h"
-#include "tests/foundation/foundation_items.h"
+#include "tests/foundation/foundationsupport.h"
+
+using namespace kvxtest;
 
 namespace {
-
-using kvxtest::isSoundTree;
 
 /// Uses every kind of object, all of its own.
 void work(int rounds, bool* isSound) {

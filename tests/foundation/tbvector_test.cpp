@@ -1,3 +1,8 @@
+// Both vector classes, typed tests over one list of operations, and their container bases.
+//
+// Elements are borrowed addresses, so tests use the address of any object. Odd: popping an empty vector wraps its
+// count; a failed growth keeps the raised capacity.
+
 #include "foundation/tbvector.h"
 
 #include <gtest/gtest.h>
@@ -8,14 +13,13 @@
 #include <vector>
 
 #include "foundation/tbmemory.h"
-#include "tests/foundation/foundation_items.h"
+#include "foundation/tbstring.h"
+#include "tests/foundation/foundationsupport.h"
+#include "tests/support/random.h"
+
+using namespace kvxtest;
 
 namespace {
-
-using kvxtest::FailingAllocation;
-using kvxtest::IntItem;
-using kvxtest::survivesEveryFailingAllocation;
-using kvxtest::thrownCode;
 
 /// The two vector classes have the same operations; every test here runs with both.
 template <class Vector>
@@ -43,7 +47,7 @@ protected:
 };
 
 using VectorClasses = testing::Types<TbVector, TbStack, TbFindableVector>;
-TYPED_TEST_SUITE(Vectors, VectorClasses, kvxtest::NamedByClass);
+TYPED_TEST_SUITE(Vectors, VectorClasses, NamedByClass);
 
 TYPED_TEST(Vectors, StartWithoutSlots) {
     TypeParam const vector;
@@ -80,7 +84,7 @@ TYPED_TEST(Vectors, WithACapacityHoldThatManyWithoutReallocation) {
         for (std::uint32_t i = 0; i < 5; ++i) {
             vector.push_back(&this->m_Elements[i]);
         }
-        EXPECT_EQ(FailingAllocation::asked(), 0);
+        EXPECT_EQ(FailingAllocation::requested(), 0);
     }
     EXPECT_EQ(vector.capacity(), 5U);
     vector.push_back(&this->m_Elements[5]);
@@ -274,7 +278,7 @@ TYPED_TEST(Vectors, FillOneByOneInFewReallocations) {
     }
     EXPECT_EQ(vector.count(), kElements);
     EXPECT_EQ(vector.at(kElements - 1), &this->m_Elements[63]);
-    EXPECT_LT(FailingAllocation::asked(), 50) << "logarithmic, although the capacity rises by 16";
+    EXPECT_LT(FailingAllocation::requested(), 50) << "logarithmic, although the capacity rises by 16";
 }
 
 TEST(TbContainer, KeepsAnAssignForNonConstArgumentsThatCopiesNumbersOnly) {
@@ -410,7 +414,7 @@ TEST(TbFindableVector, KeepsComparingWithABareElementByItsFirst) {
 }
 
 TEST(TbVector, AgreesWithADequeUnderRandomRemovals) {
-    std::uint64_t const seed = kvxtest::testSeed();
+    std::uint64_t const seed = testSeed();
     SCOPED_TRACE(seed);
     std::mt19937_64 random(seed);
     std::vector<TbString> const elements(64);

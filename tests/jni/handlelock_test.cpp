@@ -6,6 +6,8 @@
 
 #include "jni/kvxhandlelock.h"
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <atomic>
 #include <future>
@@ -15,6 +17,7 @@
 #include "api/kvxboundary.h"
 #include "tests/jni/shop.h"
 #include "tests/jni/worker.h"
+#include "tests/support/waiting.h"
 
 using namespace kvxtest;
 
@@ -53,7 +56,7 @@ bool isLocked(JavaObject const& object) {
 
 /// Waits for an event in another thread. False on timeout.
 bool happens(std::future<void> const& event) {
-    return event.wait_for(std::chrono::seconds(kPatienceSeconds)) == std::future_status::ready;
+    return event.wait_for(kTimeout) == std::future_status::ready;
 }
 
 }  // namespace
@@ -253,9 +256,9 @@ TEST(Natives, WaitForACallOnTheSameObjectAndCannotDestroyItMeanwhile) {
         peer.receiveRequest();
         arrived.set_value();
         EXPECT_TRUE(happens(permission));
-        peer.send(httpAnswer(R"(<KVX MSGTYPE="PayConfirm"/>)"));
+        peer.send(httpResponse(R"(<KVX MSGTYPE="PayConfirm"/>)"));
     });
-    AccountDir const account;
+    AccountDirectory const account;
     account.setAddress("http://127.0.0.1:" + server.portText());
     FactoryHandle const factory(account.path());
     KVX_HANDLE made = nullptr;

@@ -6,10 +6,14 @@
 
 #include "jni/kvxmodifiedutf8.h"
 
+#include <gtest/gtest.h>
+
 #include <random>
 
 #include "tests/jni/fakejvm.h"
-#include "tests/support/test_support.h"
+#include "tests/support/allocations.h"
+#include "tests/support/random.h"
+#include "tests/support/tbtext.h"
 
 using namespace kvxtest;
 

@@ -4,6 +4,9 @@
 // call. Every failing run must leave an exception pending or have ended the virtual machine, must not have had its
 // effect, and must not leak objects. A JNI function may fail with or without an exception; both are walked.
 
+#include <gtest/gtest.h>
+
+#include "foundation/tbobject.h"
 #include "tests/jni/shop.h"
 
 using namespace kvxtest;
@@ -75,7 +78,7 @@ int failEachCallOfAFailure(NativeRow const& row, bool isLiving, FakeJvm::Failure
 
 void failEachCall(FakeJvm::Failure how) {
     Shop const shop;
-    TempDir const nowhere;
+    TemporaryDirectory const nowhere;
     WorkingDirectory const here(nowhere.path());
     for (NativeRow const& row : nativeRows()) {
         auto const expected = static_cast<int>(2 + row.m_ArgumentCount + (row.m_ReturnsText ? 1 : 0));

@@ -4,27 +4,20 @@
 // of its allocations, where the native method's own are, and a sample of those in between. A call that fails anyway is
 // repeated for each of its allocations. Every run must succeed or report the code, and must not leak objects.
 
+#include <gtest/gtest.h>
+
 #include <memory>
 #include <vector>
 
+#include "foundation/tbobject.h"
 #include "tests/jni/shop.h"
+#include "tests/support/allocations.h"
 
 using namespace kvxtest;
 
 namespace {
 
 using Mode = FailingAllocation::Mode;
-
-/// Makes fsync do nothing, to save time. Durability has its own tests.
-class WithoutSync {
-public:
-    WithoutSync() {
-        m_Calls->fsync = [](int) { return 0; };
-    }
-
-private:
-    SystemCalls m_Calls;
-};
 
 /// The numbers of the allocations to fail, out of about `count`: the first and the last, which are the native method's
 /// own, and samples of those in between, which belong to the core and have their own tests.
@@ -45,7 +38,7 @@ std::vector<long> allocationsToFail(long count) {
 bool runFailing(ShopCall& call, long number, Mode mode) {
     FailingAllocation const failing(number, mode);
     call.run();
-    return FailingAllocation::asked() > number;
+    return FailingAllocation::requested() > number;
 }
 
 void expectOutOfMemory(NativeRow const& row, FakeJvm const& jvm) {
@@ -62,7 +55,7 @@ long failAllocationsOfASuccess(Shop const& shop, NativeRow const& row, Mode mode
         FakeJvm jvm;
         ShopCall call(shop, row, jvm);
         runFailing(call, -1, Mode::kOnlyThat);
-        count = FailingAllocation::asked();
+        count = FailingAllocation::requested();
     }
     long failures = 0;
     for (long const number : allocationsToFail(count)) {
@@ -103,7 +96,7 @@ void failAllocationsOfAFailure(NativeRow const& row, Mode mode) {
             {
                 FailingAllocation const failing(number, mode);
                 returned = row.callBare(jvm, self);
-                isReached = FailingAllocation::asked() > number;
+                isReached = FailingAllocation::requested() > number;
             }
             EXPECT_EQ(jvm.pendingClass(), kExceptionClass);
             EXPECT_EQ(jvm.pendingText().find(row.m_FailurePrefix), 0U) << jvm.pendingText();
@@ -123,7 +116,7 @@ void failAllocationsOfAFailure(NativeRow const& row, Mode mode) {
 void failAllocations(Mode mode) {
     WithoutSync const quick;
     Shop const shop;
-    TempDir const nowhere;
+    TemporaryDirectory const nowhere;
     WorkingDirectory const here(nowhere.path());
     for (NativeRow const& row : nativeRows()) {
         long const failures = failAllocationsOfASuccess(shop, row, mode);
@@ -155,7 +148,7 @@ TEST(ExhaustedMemory, KeepsTheCoresCodeWithoutMemoryForItsText) {
         FakeJvm jvm;
         FailingAllocation const none(-1, Mode::kOnlyThat);
         row.callBare(jvm, jvm.newObject(object.handle()));
-        count = FailingAllocation::asked();
+        count = FailingAllocation::requested();
     }
     FakeJvm jvm;
     FailingAllocation const failing(count - 1, Mode::kAllFromThere);

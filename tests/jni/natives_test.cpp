@@ -4,6 +4,7 @@
 // addresses inside an object, addresses above 2 GiB. Arguments: null and empty. Results: the core's failure on a new
 // object with its code and text, and success with an account and a server.
 
+#include <gtest/gtest.h>
 #include <sys/mman.h>
 
 #include <algorithm>
@@ -11,8 +12,11 @@
 #include <random>
 #include <utility>
 
+#include "foundation/tbobject.h"
 #include "jni/kvxhandlelock.h"
 #include "tests/jni/shop.h"
+#include "tests/support/processes.h"
+#include "tests/support/random.h"
 
 using namespace kvxtest;
 
@@ -278,7 +282,7 @@ TEST(Natives, EndTheVirtualMachineWhenTheExceptionLacksAMethod) {
 }
 
 TEST(Natives, RaiseTheCoresCodeAndText) {
-    TempDir const nowhere;
+    TemporaryDirectory const nowhere;
     WorkingDirectory const here(nowhere.path());
     for (NativeRow const& row : nativeRows()) {
         if (row.constructs() || row.destructs()) {

@@ -4,6 +4,8 @@
 // `Attempt` and `Report` cover C++ exceptions on their way into a `KvxOutcome` and out of it. `JavaText` covers strings
 // in both directions, `HandleNumber` the conversion of addresses.
 
+#include <gtest/gtest.h>
+
 #include <exception>
 #include <new>
 #include <stdexcept>
@@ -12,7 +14,9 @@
 #include "jni/kvxjni.h"
 #include "tests/jni/fakejvm.h"
 #include "tests/jni/nativerows.h"
-#include "tests/support/test_support.h"
+#include "tests/support/allocations.h"
+#include "tests/support/exceptions.h"
+#include "tests/support/tbtext.h"
 
 using namespace kvxtest;
 
@@ -67,7 +71,7 @@ TEST(Raise, ThrowsTheCodeWithoutMemoryForTheText) {
     {
         FailingAllocation const failing(0, FailingAllocation::Mode::kAllFromThere);
         kvxRaise(jvm.env(), KVX_E_NOT_FOUND, "prefix: ", "message");
-        EXPECT_GT(FailingAllocation::asked(), 0);
+        EXPECT_GT(FailingAllocation::requested(), 0);
     }
     expectRaised(jvm, {}, KVX_E_NOT_FOUND, "prefix: ");
 }
@@ -141,7 +145,7 @@ TEST(Attempt, KeepsTheCoresCodeWithoutMemoryForItsText) {
     {
         FailingAllocation const failing(0, FailingAllocation::Mode::kAllFromThere);
         kvxAttempt(outcome, [&] { std::rethrow_exception(thrown); });
-        EXPECT_GT(FailingAllocation::asked(), 0);
+        EXPECT_GT(FailingAllocation::requested(), 0);
     }
     EXPECT_FALSE(outcome.m_Succeeded);
     EXPECT_EQ(outcome.m_Code, KVX_E_NOT_FOUND);

@@ -5,6 +5,8 @@
 
 #include "tests/jni/shop.h"
 
+#include <gtest/gtest.h>
+
 namespace kvxtest {
 
 namespace {
@@ -27,11 +29,11 @@ void serve(Peer& peer, std::string const& url) {
     std::string const request = peer.receiveRequest();
     for (Response const& response : kResponses) {
         if (request.find(response.m_Request) != std::string::npos) {
-            peer.send(httpAnswer(response.m_Body));
+            peer.send(httpResponse(response.m_Body));
             return;
         }
     }
-    peer.send(httpAnswer(R"(<KVX MSGTYPE="SetupResponse" VTKEYID="imported" KVX.VTAUTOURL=")" + url + "/auto\"/>"));
+    peer.send(httpResponse(R"(<KVX MSGTYPE="SetupResponse" VTKEYID="imported" KVX.VTAUTOURL=")" + url + "/auto\"/>"));
 }
 
 }  // namespace

@@ -7,7 +7,7 @@
 
 #include "tests/api/apisupport.h"
 #include "tests/jni/nativerows.h"
-#include "tests/support/raw_server.h"
+#include "tests/support/rawserver.h"
 
 namespace kvxtest {
 
@@ -32,7 +32,7 @@ private:
     [[nodiscard]] std::string url() const { return "http://127.0.0.1:" + m_Server.portText(); }
 
     RawServer m_Server;
-    AccountDir m_Account;
+    AccountDirectory m_Account;
     std::string m_Signature;
 };
 

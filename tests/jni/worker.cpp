@@ -9,15 +9,10 @@
 #include <fstream>
 #include <string>
 
-#include "tests/support/raw_server.h"
+#include "tests/support/rawserver.h"
+#include "tests/support/waiting.h"
 
 namespace kvxtest {
-
-namespace {
-
-constexpr std::chrono::seconds kTimeout(kPatienceSeconds);
-
-}  // namespace
 
 Worker::Worker(std::function<void()> const& function)
     : m_Id(m_Started.get_future()), m_End(m_Done.get_future()), m_Thread([this, function] {

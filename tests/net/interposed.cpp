@@ -1,3 +1,8 @@
+// Definitions that replace gethostbyname_r(), SSL_CTX_new() and SSL_new() in the test program.
+//
+// Each passes its call on to the shared library unless a test has put a script in its place. The scripted resolver
+// demands as much memory as the test says, like a real one.
+
 #include "tests/net/interposed.h"
 
 #include <arpa/inet.h>
@@ -22,7 +27,7 @@ Function* original(char const* name) {
     return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
 }
 
-/// What a scripted answer keeps in the caller's memory.
+/// The parts of a scripted answer in the caller's memory.
 struct AnswerMemory {
     char* m_Aliases[1];
     char* m_Addresses[2];
@@ -35,7 +40,7 @@ struct Interposition {
     static int lookUp(char const* name, hostent* storage, char* buffer, std::size_t bytes, hostent** result,
                       int* reason) {
         ScriptedResolver& resolver = *g_Resolver;
-        resolver.m_Asked.emplace_back(name);
+        resolver.m_LookUps.emplace_back(name);
         *result = nullptr;
         *reason = HOST_NOT_FOUND;
         if (resolver.m_Answer == ScriptedResolver::Answer::kUnknown) {

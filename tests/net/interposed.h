@@ -1,4 +1,4 @@
-/// Stands in for functions of other libraries that the network layer calls, so that tests decide what they answer.
+/// Replaces functions of other libraries that the network layer calls.
 #ifndef TALLOWIN_TESTS_NET_INTERPOSED_H
 #define TALLOWIN_TESTS_NET_INTERPOSED_H
 
@@ -13,21 +13,21 @@ class ScriptedResolver {
 public:
     enum class Answer { kUnknown, kNoAddress, kAddress };
 
-    /// `address` is dotted. `bytes` is how much memory the answer takes: less is refused, as a real resolver does.
+    /// `address` is dotted. `bytes` is the memory that the answer needs; less is refused, as by a real resolver.
     explicit ScriptedResolver(Answer answer, std::string const& address = "127.0.0.1", std::size_t bytes = 0);
     ScriptedResolver(ScriptedResolver const&) = delete;
     ScriptedResolver& operator=(ScriptedResolver const&) = delete;
     ~ScriptedResolver();
 
-    /// The names asked for, repetitions included.
-    [[nodiscard]] std::vector<std::string> const& asked() const { return m_Asked; }
+    /// The names looked up, repetitions included.
+    [[nodiscard]] std::vector<std::string> const& lookUps() const { return m_LookUps; }
 
 private:
     friend struct Interposition;
     Answer m_Answer;
     std::string m_Address;
     std::size_t m_Bytes;
-    std::vector<std::string> m_Asked;
+    std::vector<std::string> m_LookUps;
 };
 
 /// While it lives the TLS library makes no client contexts, or no sessions, for this thread.

@@ -1,3 +1,8 @@
+// Addresses from host names and ports.
+//
+// Names go to a scripted resolver, so no test asks a real one. Odd: the buffer of the resolver doubles up to 128 KiB;
+// ports are read as numbers alone.
+
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
@@ -5,13 +10,14 @@
 
 #include "net/kvxhttp.h"
 #include "tests/net/interposed.h"
-#include "tests/net/net_support.h"
+#include "tests/net/netsupport.h"
+#include "tests/support/allocations.h"
+#include "tests/support/tracerecorder.h"
+
+using namespace kvxtest;
 
 namespace {
 
-using kvxtest::generic;
-using kvxtest::ScriptedResolver;
-using kvxtest::TraceRecorder;
 using Answer = ScriptedResolver::Answer;
 
 std::string dotted(sockaddr_in const& address) {
@@ -56,7 +62,7 @@ TEST(MakeHostAddr, KeepsTheGenerousFormsOfDottedAddresses) {
         EXPECT_EQ(MakeHostAddr(row.m_Host, "80", generic(address)), 0) << row.m_Host;
         EXPECT_EQ(dotted(address), row.m_Address);
     }
-    EXPECT_TRUE(resolver.asked().empty());
+    EXPECT_TRUE(resolver.lookUps().empty());
 }
 
 TEST(MakeHostAddr, ResolvesNames) {
@@ -64,7 +70,7 @@ TEST(MakeHostAddr, ResolvesNames) {
     sockaddr_in address = {};
     EXPECT_EQ(MakeHostAddr("gateway", "80", generic(address)), 0);
     EXPECT_EQ(dotted(address), "10.0.0.7");
-    EXPECT_EQ(resolver.asked(), std::vector<std::string>{"gateway"});
+    EXPECT_EQ(resolver.lookUps(), std::vector<std::string>{"gateway"});
 }
 
 TEST(MakeHostAddr, ReportsNamesThatCannotBeResolvedAndTouchesNothing) {
@@ -81,12 +87,12 @@ TEST(MakeHostAddr, ResolvesAnEmptyHostLikeAName) {
     ScriptedResolver const resolver(Answer::kUnknown);
     sockaddr_in address = {};
     EXPECT_EQ(MakeHostAddr("", "80", generic(address)), KVX_E_HTTP_NAME_LOOKUP);
-    EXPECT_EQ(resolver.asked(), std::vector<std::string>{""});
+    EXPECT_EQ(resolver.lookUps(), std::vector<std::string>{""});
 }
 
 TEST(MakeHostAddr, KeepsRefusingTheAddressWithAllBitsSet) {
     sockaddr_in address = {};
-    // By itself, since it is what the reader of addresses answers for "none"; and again as the answer of a resolver.
+    // First as a text, where the reader of addresses uses it for "none"; then as the answer of a resolver.
     EXPECT_EQ(MakeHostAddr("255.255.255.255", "80", generic(address)), KVX_E_HTTP_NAME_LOOKUP);
     ScriptedResolver const resolver(Answer::kAddress, "255.255.255.255");
     EXPECT_EQ(MakeHostAddr("gateway", "80", generic(address)), KVX_E_HTTP_NAME_LOOKUP);
@@ -139,12 +145,12 @@ TEST(HttpHostByName, KeepsSilentAboutANameThatNobodyKnows) {
 TEST(HttpHostByName, MakesRoomForLongAnswers) {
     ScriptedResolver const resolver(Answer::kAddress, "10.0.0.7", 100000);
     EXPECT_EQ(HttpHostByName("gateway"), inet_addr("10.0.0.7"));
-    EXPECT_EQ(resolver.asked().size(), 8U);  // 1 KiB, doubled until 128 KiB
+    EXPECT_EQ(resolver.lookUps().size(), 8U);  // 1 KiB, doubled until 128 KiB
 }
 
 TEST(HttpHostByName, SurvivesFailingAllocations) {
     ScriptedResolver const resolver(Answer::kAddress, "10.0.0.7", 5000);
-    kvxtest::survivesEveryFailingAllocation([] { EXPECT_EQ(HttpHostByName("gateway"), inet_addr("10.0.0.7")); });
+    survivesEveryFailingAllocation([] { EXPECT_EQ(HttpHostByName("gateway"), inet_addr("10.0.0.7")); });
 }
 
 }  // namespace

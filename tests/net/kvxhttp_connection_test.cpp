@@ -1,3 +1,8 @@
+// One connection, plain and TLS: connect, read, write, disconnect, and the errors of sockets.
+//
+// The peer is a scripted server, or a port without a listener. Odd: a broken connection must not raise SIGPIPE,
+// whatever the signal mask of the caller.
+
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -7,18 +12,14 @@
 #include <cstring>
 
 #include "net/kvxhttp.h"
-#include "tests/net/net_support.h"
+#include "tests/net/netsupport.h"
+#include "tests/support/allocations.h"
+#include "tests/support/tbtext.h"
+#include "tests/support/waiting.h"
+
+using namespace kvxtest;
 
 namespace {
-
-using kvxtest::addressOf;
-using kvxtest::bytesOf;
-using kvxtest::ClosedPort;
-using kvxtest::endConnection;
-using kvxtest::generic;
-using kvxtest::Peer;
-using kvxtest::RawServer;
-using kvxtest::stringOf;
 
 /// Connects to `server`; fails the test when that does not work.
 void connectTo(RawServer const& server, KVX_Connection& connection) {
@@ -30,7 +31,7 @@ void connectTo(RawServer const& server, KVX_Connection& connection) {
 void waitForEnd(KVX_Connection& connection) {
     int const socket = connection.Detach();
     pollfd waiting = {socket, POLLIN, 0};
-    ASSERT_EQ(::poll(&waiting, 1, kvxtest::kPatienceSeconds * 1000), 1);
+    ASSERT_EQ(::poll(&waiting, 1, static_cast<int>(std::chrono::milliseconds(kTimeout).count())), 1);
     connection.Attach(socket);
 }
 
@@ -244,8 +245,8 @@ TEST(SockConnection, IsDestroyedThroughItsBase) {
 }
 
 TEST(SockConnection, IsAllocatedThroughTheLibrary) {
-    kvxtest::survivesEveryFailingAllocation([] { delete new SockConnection; });
-    kvxtest::survivesEveryFailingAllocation([] { delete new SslConnection; });
+    survivesEveryFailingAllocation([] { delete new SockConnection; });
+    survivesEveryFailingAllocation([] { delete new SslConnection; });
 }
 
 }  // namespace

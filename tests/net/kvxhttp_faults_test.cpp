@@ -1,4 +1,7 @@
 // The network layer over an operating system that fails.
+//
+// Single system calls are replaced: they fail with one error, are interrupted by a signal, or do a part of the work.
+// The published number of each error is compared.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -7,27 +10,17 @@
 #include <cstring>
 
 #include "net/kvxhttp.h"
-#include "tests/net/net_support.h"
-#include "tests/support/system_calls.h"
-#include "tests/support/tls_server.h"
+#include "tests/net/netsupport.h"
+#include "tests/support/exceptions.h"
+#include "tests/support/systemcalls.h"
+#include "tests/support/tbtext.h"
+#include "tests/support/tlsserver.h"
+
+using namespace kvxtest;
 
 namespace {
 
-using kvxtest::addressOf;
-using kvxtest::bytesOf;
-using kvxtest::ClosedPort;
-using kvxtest::endConnection;
-using kvxtest::fetch;
-using kvxtest::generic;
-using kvxtest::Peer;
-using kvxtest::plainUrl;
-using kvxtest::RawServer;
-using kvxtest::SystemCalls;
-using kvxtest::Thrown;
-using kvxtest::thrown;
-using kvxtest::TlsServer;
-
-constexpr char kAnswer[] = "HTTP/1.0 200 OK\r\n\r\nbody";
+constexpr char kResponse[] = "HTTP/1.0 200 OK\r\n\r\nbody";
 
 std::uint32_t bits(std::int32_t code) {
     return static_cast<std::uint32_t>(code);
@@ -144,12 +137,12 @@ TEST(ConnectFaults, ReportsTheFiveThatHaveTexts) {
 }
 
 TEST(ConnectFaults, FinishesAConnectThatASignalInterrupts) {
-    RawServer const plain(kAnswer);
-    TlsServer const secure(kAnswer);
+    RawServer const plain(kResponse);
+    TlsServer const secure(kResponse);
     SystemCalls system;
     system->connect = &interruptedConnect;
     EXPECT_EQ(fetch(plainUrl(plain, "/")), "body");
-    EXPECT_EQ(fetch(kvxtest::secureUrl(secure, "/")), "body");
+    EXPECT_EQ(fetch(secureUrl(secure, "/")), "body");
 }
 
 TEST(ConnectFaults, ReportsHowAnInterruptedConnectEnds) {
@@ -208,7 +201,7 @@ TEST(SendFaults, ReportsEveryErrorByItsPublishedNumber) {
         {ETIMEDOUT, 60},    {ECONNREFUSED, 61}, {ELOOP, 62},        {ENAMETOOLONG, 63},    {EHOSTDOWN, 64},
         {EHOSTUNREACH, 65}, {EPIPE, 32},        {EBADF, 9},         {ENOMEM, 12},          {EACCES, 13},
     };
-    RawServer const server(kAnswer);
+    RawServer const server(kResponse);
     SystemCalls system;
     system->send = [](int, void const*, std::size_t, int) -> ssize_t {
         errno = g_Errno;
@@ -223,10 +216,10 @@ TEST(SendFaults, ReportsEveryErrorByItsPublishedNumber) {
 }
 
 TEST(SendFaults, ReportsThemFromAProxy) {
-    RawServer const proxy(kAnswer);
-    KVX_RequestInfo request = kvxtest::requestFor("https://shop.example/x");
+    RawServer const proxy(kResponse);
+    KVX_RequestInfo request = requestFor("https://shop.example/x");
     request.proxyHost = "127.0.0.1";
-    request.proxyPort = kvxtest::stringOf(proxy.portText());
+    request.proxyPort = stringOf(proxy.portText());
     SystemCalls system;
     system->send = [](int, void const*, std::size_t, int) -> ssize_t {
         errno = ECONNABORTED;
@@ -241,7 +234,7 @@ TEST(SendFaults, ReportsThemFromAProxy) {
 }
 
 TEST(SendFaults, SendsAgainAfterASignal) {
-    RawServer server(kAnswer);
+    RawServer server(kResponse);
     SystemCalls system;
     g_Calls = 0;
     system->send = [](int socket, void const* buffer, std::size_t bytes, int flags) -> ssize_t {
@@ -260,7 +253,7 @@ TEST(SendFaults, SendsAgainAfterASignal) {
 TEST(SendFaults, KeepsAShortSendShort) {
     RawServer server([&server](Peer& peer) {
         server.record(peer.receive());
-        peer.send(kAnswer);
+        peer.send(kResponse);
     });
     SystemCalls system;
     g_Calls = 0;
@@ -274,7 +267,7 @@ TEST(SendFaults, KeepsAShortSendShort) {
 }
 
 TEST(ReceiveFaults, ReceivesAgainAfterASignal) {
-    RawServer const server(kAnswer);
+    RawServer const server(kResponse);
     SystemCalls system;
     g_Calls = 0;
     system->recv = [](int socket, void* buffer, std::size_t bytes, int flags) -> ssize_t {
@@ -291,7 +284,7 @@ TEST(ReceiveFaults, ReceivesAgainAfterASignal) {
 }
 
 TEST(ReceiveFaults, AreReported) {
-    RawServer const server(kAnswer);
+    RawServer const server(kResponse);
     SystemCalls system;
     system->recv = [](int, void*, std::size_t, int) -> ssize_t {
         errno = ETIMEDOUT;
@@ -303,7 +296,7 @@ TEST(ReceiveFaults, AreReported) {
 }
 
 TEST(ShutdownFaults, ChangeNothing) {
-    RawServer const server(kAnswer);
+    RawServer const server(kResponse);
     SystemCalls system;
     system->shutdown = [](int, int) {
         errno = ENOTCONN;
@@ -313,8 +306,8 @@ TEST(ShutdownFaults, ChangeNothing) {
 }
 
 TEST(CloseFaults, EverySocketIsShutDownAndClosedOnce) {
-    RawServer const plain(kAnswer);
-    TlsServer const secure(kAnswer);
+    RawServer const plain(kResponse);
+    TlsServer const secure(kResponse);
     static std::vector<int> s_Shut;
     static std::vector<int> s_Closed;
     s_Shut.clear();
@@ -330,7 +323,7 @@ TEST(CloseFaults, EverySocketIsShutDownAndClosedOnce) {
         return ::close(file);
     };
     fetch(plainUrl(plain, "/"));
-    fetch(kvxtest::secureUrl(secure, "/"));
+    fetch(secureUrl(secure, "/"));
     EXPECT_EQ(s_Closed.size(), 2U);
     EXPECT_EQ(s_Shut, s_Closed);
 }

@@ -1,4 +1,7 @@
-// The network layer against the payment service while that misbehaves.
+// The network layer against the payment service with a fault armed.
+//
+// The request is a key query without credentials, so the whole response is a known Error. The secure fixture repeats
+// its tests over plain and TLS.
 
 #include <gtest/gtest.h>
 #include <openssl/err.h>
@@ -6,26 +9,21 @@
 
 #include "net/kvxhttp.h"
 #include "sandbox/service.h"
-#include "tests/net/net_support.h"
+#include "tests/net/netsupport.h"
+#include "tests/support/allocations.h"
+#include "tests/support/directories.h"
+#include "tests/support/exceptions.h"
+#include "tests/support/tbtext.h"
+
+using namespace kvxtest;
 
 namespace {
-
-using kvxtest::addressOf;
-using kvxtest::bytesOf;
-using kvxtest::endConnection;
-using kvxtest::fetch;
-using kvxtest::generic;
-using kvxtest::requestFor;
-using kvxtest::TempDir;
-using kvxtest::Thrown;
-using kvxtest::thrown;
-using kvxtest::thrownCode;
 
 std::uint32_t bits(std::int32_t code) {
     return static_cast<std::uint32_t>(code);
 }
 
-/// The service, asked for the key of this identifier: a key query without credentials, so an Error is its answer.
+/// A service, and a key query without credentials, so that an Error is the response.
 class FaultySession : public testing::Test {
 protected:
     explicit FaultySession(bool tls = false) : m_Service(options(m_Dir.path(), tls)) { m_Service.start(); }
@@ -72,7 +70,7 @@ private:
         return options;
     }
 
-    TempDir m_Dir;
+    TemporaryDirectory m_Dir;
     sandbox::Service m_Service;
 };
 
@@ -147,16 +145,16 @@ TEST_F(FaultySession, ReceivesAHugeAnswerInLinearTime) {
     KVX_RequestInfo const request = requestFor(url("http"));
     TbStringStream out;
     {
-        kvxtest::FailingAllocation const counting(-1, kvxtest::FailingAllocation::Mode::kOnlyThat);
+        FailingAllocation const counting(-1, FailingAllocation::Mode::kOnlyThat);
         HttpSession(request, out);
         // A hundred thousand chunks: the growth is geometric, and no chunk is copied on its own.
-        EXPECT_LT(kvxtest::FailingAllocation::asked(), 200);
+        EXPECT_LT(FailingAllocation::requested(), 200);
     }
     EXPECT_EQ(out.length(), 100U << 20U);
 }
 
 TEST_F(FaultySecureSession, KeepsCuttingAChunkAtItsFirstZeroByte) {
-    // The server's answers are text; the count tells the whole chunk all the same, so that reading goes on.
+    // Responses are text; the count covers the whole chunk all the same, so that reading goes on.
     auto const length = static_cast<std::int32_t>(wholeResponse().size());
     SockConnection plain;
     SslConnection secure;
@@ -188,7 +186,7 @@ TEST_F(FaultySecureSession, ReportsAResetUnderTls) {
     SslConnection connection;
     ask(connection, "https");
     TbStringStream response("kept");
-    ERR_raise(ERR_LIB_RSA, ERR_R_MALLOC_FAILURE);  // somebody else's, to be ignored
+    ERR_raise(ERR_LIB_RSA, ERR_R_MALLOC_FAILURE);  // an entry of other code, to be ignored
     EXPECT_EQ(connection.Read(response), -1);
     EXPECT_EQ(bits(connection.LastError()), 0x80044000U | SSL_ERROR_SYSCALL);
     EXPECT_EQ(bytesOf(response), "kept");

@@ -1,3 +1,7 @@
+// TLS: versions, handshakes that fail at each step, closes with and without an alert, contexts that cannot be made.
+//
+// The peer is a scripted TLS server with a self-signed certificate. Odd: the certificate is not checked.
+
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <openssl/err.h>
@@ -9,25 +13,14 @@
 
 #include "net/kvxhttp.h"
 #include "tests/net/interposed.h"
-#include "tests/net/net_support.h"
-#include "tests/support/tls_server.h"
+#include "tests/net/netsupport.h"
+#include "tests/support/tbtext.h"
+#include "tests/support/tlsserver.h"
+#include "tests/support/tracerecorder.h"
+
+using namespace kvxtest;
 
 namespace {
-
-using kvxtest::addressOf;
-using kvxtest::bytesOf;
-using kvxtest::CapturedOutput;
-using kvxtest::ClosedPort;
-using kvxtest::endConnection;
-using kvxtest::FailingTls;
-using kvxtest::generic;
-using kvxtest::Peer;
-using kvxtest::RawServer;
-using kvxtest::stringOf;
-using kvxtest::TlsOptions;
-using kvxtest::TlsPeer;
-using kvxtest::TlsServer;
-using kvxtest::TraceRecorder;
 
 constexpr char kFailureLine[] = "SSL ERROR: connect failed\n";
 
@@ -45,7 +38,7 @@ void connectSecurely(RawServer const& server, SslConnection& connection) {
     ASSERT_EQ(connection.Setup(), KVX_OK);
 }
 
-/// Connects, fails in the handshake, and returns the code; `output` receives what was printed.
+/// Connects, fails in the handshake, and returns the code; `output` receives the printed text.
 std::int32_t failedSetup(RawServer const& server, std::string& output) {
     SslConnection connection;
     connectTo(server, connection);

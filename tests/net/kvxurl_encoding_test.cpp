@@ -1,15 +1,21 @@
+// Base64 of credentials, and percent-encoding.
+//
+// Tables of inputs and all byte values. Odd: groups are filled with zero bits instead of "=", and bytes above 0x7F end
+// the text.
+
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 
 #include <random>
 
 #include "net/kvxurl.h"
-#include "tests/support/test_support.h"
+#include "tests/support/allocations.h"
+#include "tests/support/random.h"
+#include "tests/support/tbtext.h"
+
+using namespace kvxtest;
 
 namespace {
-
-using kvxtest::bytesOf;
-using kvxtest::stringOf;
 
 std::string base64(std::string const& input) {
     TbStringStream in(stringOf(input));
@@ -60,7 +66,7 @@ TEST(Base64Encode, EncodesATable) {
 }
 
 TEST(Base64Encode, AgreesWithOpenSslButForPadding) {
-    std::mt19937_64 random(kvxtest::testSeed());
+    std::mt19937_64 random(testSeed());
     std::uniform_int_distribution<int> byte(1, 127);
     for (std::size_t length = 0; length < 200; ++length) {
         std::string input;
@@ -76,7 +82,7 @@ TEST(Base64Encode, AgreesWithOpenSslButForPadding) {
             character = character == '=' ? 'A' : character;
         }
         expected += length % 3 == 0 ? "AAAA" : "";
-        EXPECT_EQ(base64(input), expected) << "seed " << kvxtest::testSeed() << ", length " << length;
+        EXPECT_EQ(base64(input), expected) << "seed " << testSeed() << ", length " << length;
     }
 }
 
@@ -99,7 +105,7 @@ TEST(UrlEncode, EncodesATable) {
         {"", ""},
         {"azAZ09", "azAZ09"},
         {"a b/\xC3\xBC", "a%20b%2f%c3%bc"},
-        {"-_.~", "%2d%5f%2e%7e"},  // what others let pass
+        {"-_.~", "%2d%5f%2e%7e"},  // unreserved in RFC 3986, encoded here
         {"+", "%2b"},              // and a blank never becomes one
         {"\r\n\t", "%0d%0a%09"},
         {"%41", "%2541"},
@@ -132,7 +138,7 @@ TEST(UrlEncode, ReadsFromTheCurrentPositionAndAppends) {
 }
 
 TEST(UrlEncode, SurvivesFailingAllocations) {
-    kvxtest::survivesEveryFailingAllocation([] {
+    survivesEveryFailingAllocation([] {
         TbStringStream in("a b");
         TbStringStream out;
         UrlEncode(&in, &out);

@@ -1,12 +1,16 @@
+// Splitting a URL into scheme, credentials, host, port and path.
+//
+// Accepted and refused URLs stand in one table. Odd: the slash behind the authority is required.
+
 #include <gtest/gtest.h>
 
 #include "net/kvxurl.h"
-#include "tests/support/test_support.h"
+#include "tests/support/allocations.h"
+#include "tests/support/tbtext.h"
+
+using namespace kvxtest;
 
 namespace {
-
-using kvxtest::bytesOf;
-using kvxtest::stringOf;
 
 struct Parts {
     std::string m_Scheme;
@@ -70,7 +74,7 @@ TEST(SplitUrl, SplitsATable) {
         {"http://u:p@w@host/x",          kAccepted, {"http", "u", "p", "w@host", "80", "/x"}},
         {"http://u:@host/x",             kAccepted, {"http", "u", "", "host", "80", "/x"}},
         {"http://u:p@/x",                kAccepted, {"http", "u", "p", "", "80", "/x"}},
-        // What the end of the text leaves open.
+        // Texts that end early.
         {"",                             kAccepted, {}},
         {"http",                         kAccepted, {}},
         {"http:",                        kAccepted, {"http", "", "", "", "", ""}},
@@ -161,7 +165,7 @@ TEST(SplitUrl, AcceptsATextWithoutABuffer) {
 }
 
 TEST(SplitUrl, SurvivesFailingAllocations) {
-    kvxtest::survivesEveryFailingAllocation([] {
+    survivesEveryFailingAllocation([] {
         URL_INFO info;
         EXPECT_EQ(SplitUrl("https://u:p@host:8443/x", info), kAccepted);
     });

@@ -1,3 +1,8 @@
+// The URL stream: files of a directory and HTTP resources under one name.
+//
+// Files come from a temporary directory, resources from scripted servers over plain and TLS. Odd: names that look like
+// a URL never reach the file system.
+
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -7,29 +12,20 @@
 #include "core/kvxctx.h"
 #include "net/kvxurl.h"
 #include "tests/net/interposed.h"
-#include "tests/net/net_support.h"
-#include "tests/support/system_calls.h"
-#include "tests/support/tls_server.h"
+#include "tests/net/netsupport.h"
+#include "tests/support/allocations.h"
+#include "tests/support/directories.h"
+#include "tests/support/exceptions.h"
+#include "tests/support/systemcalls.h"
+#include "tests/support/tbtext.h"
+#include "tests/support/tlsserver.h"
+#include "tests/support/tracerecorder.h"
+
+using namespace kvxtest;
 
 namespace {
 
-using kvxtest::bytesOf;
-using kvxtest::CapturedOutput;
-using kvxtest::Peer;
-using kvxtest::plainUrl;
-using kvxtest::RawServer;
-using kvxtest::ScriptedResolver;
-using kvxtest::secureUrl;
-using kvxtest::stringOf;
-using kvxtest::SystemCalls;
-using kvxtest::TempDir;
-using kvxtest::Thrown;
-using kvxtest::thrown;
-using kvxtest::thrownCode;
-using kvxtest::TlsServer;
-using kvxtest::TraceRecorder;
-
-constexpr char kAnswer[] = "HTTP/1.0 200 OK\r\n\r\n<KVX A=\"b\"/>";
+constexpr char kResponse[] = "HTTP/1.0 200 OK\r\n\r\n<KVX A=\"b\"/>";
 constexpr char kBody[] = "<KVX A=\"b\"/>";
 
 std::uint32_t bits(std::int32_t code) {
@@ -49,7 +45,7 @@ protected:
 
     void settings(std::string const& attributes) { m_Directory.write("settings.xml", "<KVX " + attributes + "/>"); }
 
-    TempDir m_Directory;
+    TemporaryDirectory m_Directory;
     KVX_Context m_Context;
 };
 
@@ -86,8 +82,8 @@ TEST_F(StreamFromURL, ReadsLocalFilesWithoutLookingAtTheSettings) {
 }
 
 TEST_F(StreamFromURL, FetchesUrlsWithoutSettings) {
-    RawServer const plain(kAnswer);
-    TlsServer const secure(kAnswer);
+    RawServer const plain(kResponse);
+    TlsServer const secure(kResponse);
     EXPECT_EQ(read(plainUrl(plain, "/x")), kBody);
     EXPECT_EQ(read(secureUrl(secure, "/x")), kBody);
 }
@@ -112,7 +108,7 @@ TEST_F(StreamFromURL, SplitsTheUrlBeforeItReadsTheSettings) {
 }
 
 TEST_F(StreamFromURL, UsesTheProxyOfTheSettings) {
-    RawServer proxy(kAnswer);
+    RawServer proxy(kResponse);
     settings("USEPROXY=\"1\" PROXYHOST=\"127.0.0.1\" PROXYPORT=\"" + proxy.portText() + "\"");
     EXPECT_EQ(read("http://shop.example/x"), kBody);
     EXPECT_EQ(proxy.records().at(0).substr(0, 39), "GET http://shop.example:80/x HTTP/1.0\r\n");
@@ -136,7 +132,7 @@ TEST_F(StreamFromURL, ContactsAProxyWithoutAPortOn8080) {
 }
 
 TEST_F(StreamFromURL, UsesNoProxyUnlessSwitchedOn) {
-    RawServer server(kAnswer);
+    RawServer server(kResponse);
     for (char const* const attributes : {
              "PROXYHOST=\"127.0.0.1\" PROXYPORT=\"1\"",
              "USEPROXY=\"\" PROXYHOST=\"127.0.0.1\" PROXYPORT=\"1\"",
@@ -155,16 +151,16 @@ TEST_F(StreamFromURL, UsesNoProxyUnlessSwitchedOn) {
 }
 
 TEST_F(StreamFromURL, TakesTheTraceOptionsOfTheSettings) {
-    RawServer server(kAnswer);
+    RawServer server(kResponse);
     settings("TRACEOPT=\"rawhttp\"");
     CapturedOutput printed;
     EXPECT_EQ(read(plainUrl(server, "/x")), kBody);
     std::string const text = printed.text();
-    EXPECT_EQ(text, "\n" + server.records().at(0) + "\n\n\n" + kAnswer + "\n\n");
+    EXPECT_EQ(text, "\n" + server.records().at(0) + "\n\n\n" + kResponse + "\n\n");
 }
 
 TEST_F(StreamFromURL, ReadsTheSettingsAnewEveryTime) {
-    RawServer const server(kAnswer);
+    RawServer const server(kResponse);
     settings("TRACEOPT=\"rawhttp\"");
     {
         CapturedOutput printed;
@@ -190,7 +186,7 @@ TEST_F(StreamFromURL, KeepsReadingCredentialsThatCannotBeSplit) {
     EXPECT_EQ(bits(thrownCode([&] { read("http://:p@127.0.0.1/x"); })), 0x80042021U);
     // A password with "@": the rest of it becomes part of the host.
     EXPECT_EQ(bits(thrownCode([&] { read("http://u:p@w@127.0.0.1/x"); })), 0x80042021U);
-    EXPECT_EQ(resolver.asked(), (std::vector<std::string>{"", "w@127.0.0.1"}));
+    EXPECT_EQ(resolver.lookUps(), (std::vector<std::string>{"", "w@127.0.0.1"}));
 }
 
 TEST_F(StreamFromURL, KeepsTakingARelativeDirectoryForAUrl) {
@@ -212,10 +208,10 @@ TEST_F(StreamFromURL, DoesNotFetchItsSettingsThroughThemselves) {
 }
 
 TEST_F(StreamFromURL, SurvivesFailingAllocations) {
-    RawServer const server(kAnswer);
+    RawServer const server(kResponse);
     settings("USEPROXY=\"0\" TRACEOPT=\"none\"");
     TbString const url = stringOf(plainUrl(server, "/x"));
-    kvxtest::survivesEveryFailingAllocation([&] {
+    survivesEveryFailingAllocation([&] {
         TbStringStream out;
         m_Context.StreamFromURL(url, out);
         EXPECT_EQ(bytesOf(out), kBody);

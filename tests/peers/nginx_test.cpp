@@ -1,12 +1,11 @@
 #include <gtest/gtest.h>
 
-#include "tests/peers/peers_support.h"
+#include "tests/peers/peerssupport.h"
+#include "tests/support/exceptions.h"
+
+using namespace kvxtest;
 
 namespace {
-
-using kvxtest::fetch;
-using kvxtest::Nginx;
-using kvxtest::thrownCode;
 
 std::uint32_t bits(std::int32_t code) {
     return static_cast<std::uint32_t>(code);

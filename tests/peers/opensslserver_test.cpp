@@ -1,11 +1,10 @@
 #include <gtest/gtest.h>
 
-#include "tests/peers/peers_support.h"
+#include "tests/peers/peerssupport.h"
+
+using namespace kvxtest;
 
 namespace {
-
-using kvxtest::fetch;
-using kvxtest::OpensslServer;
 
 TEST(OpensslPeer, DeliversAFileInEveryProtocolVersion) {
     std::string const file = "<KVX A=\"b\"/>\n" + std::string(100000, 'x');

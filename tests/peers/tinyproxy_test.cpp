@@ -1,14 +1,11 @@
 #include <gtest/gtest.h>
 
-#include "tests/peers/peers_support.h"
+#include "tests/peers/peerssupport.h"
+#include "tests/support/exceptions.h"
+
+using namespace kvxtest;
 
 namespace {
-
-using kvxtest::fetch;
-using kvxtest::Nginx;
-using kvxtest::OpensslServer;
-using kvxtest::thrownCode;
-using kvxtest::Tinyproxy;
 
 std::uint32_t bits(std::int32_t code) {
     return static_cast<std::uint32_t>(code);
@@ -17,8 +14,8 @@ std::uint32_t bits(std::int32_t code) {
 TEST(TinyproxyPeer, PassesPlainRequestsOn) {
     Nginx const nginx("content");
     Tinyproxy const proxy;
-    EXPECT_EQ(fetch(nginx.plain("/file"), &proxy), "content");
-    EXPECT_EQ(bits(thrownCode([&] { fetch(nginx.plain("/missing"), &proxy); })), 0x80042194U);
+    EXPECT_EQ(fetchThrough(proxy, nginx.plain("/file")), "content");
+    EXPECT_EQ(bits(thrownCode([&] { fetchThrough(proxy, nginx.plain("/missing")); })), 0x80042194U);
     EXPECT_NE(proxy.log().find("GET " + nginx.plain("/file") + " HTTP/1.0"), std::string::npos) << proxy.log();
 }
 
@@ -27,16 +24,16 @@ TEST(TinyproxyPeer, TunnelsSecureRequests) {
     Nginx const nginx(file);
     OpensslServer const openssl("-tls1_3", file);
     Tinyproxy const proxy;
-    EXPECT_TRUE(fetch(nginx.secure("/file"), &proxy) == file);
-    EXPECT_TRUE(fetch(openssl.url("/file"), &proxy) == file);
+    EXPECT_TRUE(fetchThrough(proxy, nginx.secure("/file")) == file);
+    EXPECT_TRUE(fetchThrough(proxy, openssl.url("/file")) == file);
     EXPECT_NE(proxy.log().find("CONNECT 127.0.0.1:"), std::string::npos) << proxy.log();
 }
 
 TEST(TinyproxyPeer, IsReportedWhenItWantsCredentials) {
     Nginx const nginx("content");
     Tinyproxy const proxy("secret");
-    EXPECT_EQ(bits(thrownCode([&] { fetch(nginx.secure("/file"), &proxy); })), 0x80042197U);
-    EXPECT_EQ(bits(thrownCode([&] { fetch(nginx.plain("/file"), &proxy); })), 0x80042197U);
+    EXPECT_EQ(bits(thrownCode([&] { fetchThrough(proxy, nginx.secure("/file")); })), 0x80042197U);
+    EXPECT_EQ(bits(thrownCode([&] { fetchThrough(proxy, nginx.plain("/file")); })), 0x80042197U);
 }
 
 TEST(TinyproxyPeer, IsReportedWhenItCannotReachTheHost) {
@@ -46,7 +43,7 @@ TEST(TinyproxyPeer, IsReportedWhenItCannotReachTheHost) {
         url = gone.secure("/file");
     }
     Tinyproxy const proxy;
-    EXPECT_EQ(bits(thrownCode([&] { fetch(url, &proxy); })), 0x800421F4U);
+    EXPECT_EQ(bits(thrownCode([&] { fetchThrough(proxy, url); })), 0x800421F4U);
 }
 
 }  // namespace

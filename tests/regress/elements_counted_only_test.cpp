@@ -1,10 +1,14 @@
 // A container's count can be assigned without elements, through the non-const `assign`. Copying such a vector once read
 // and wrote behind its block.
 
+#include <gtest/gtest.h>
+
 #include "foundation/tbexception.h"
 #include "foundation/tbstring.h"
 #include "foundation/tbvector.h"
-#include "tests/support/test_support.h"
+#include "tests/support/exceptions.h"
+
+using namespace kvxtest;
 
 namespace {
 
@@ -16,7 +20,7 @@ TEST(VectorCopy, OfElementsThatAreCountedOnlyRaisesOutOfRange) {
     TbVector counted;
     static_cast<TbContainer&>(counted).assign(static_cast<TbObject&>(ten));
     ASSERT_EQ(counted.count(), 10U);
-    EXPECT_EQ(kvxtest::thrownCode([&] { TbVector const copy(counted); }), KVX_E_OUT_OF_RANGE);
+    EXPECT_EQ(thrownCode([&] { TbVector const copy(counted); }), KVX_E_OUT_OF_RANGE);
 }
 
 TEST(VectorCopy, HasRoomForMoreElementsThanTheAssignedCapacitySays) {
@@ -41,7 +45,7 @@ TEST(VectorCopy, OfFindableElementsThatAreCountedOnlyRaisesOutOfRange) {
     }
     TbFindableVector counted;
     static_cast<TbFindableContainer&>(counted).assign(static_cast<TbObject&>(ten));
-    EXPECT_EQ(kvxtest::thrownCode([&] { TbFindableVector const copy(counted); }), KVX_E_OUT_OF_RANGE);
+    EXPECT_EQ(thrownCode([&] { TbFindableVector const copy(counted); }), KVX_E_OUT_OF_RANGE);
 }
 
 }  // namespace

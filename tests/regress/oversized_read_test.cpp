@@ -2,6 +2,7 @@
 // the room is an upper bound, so the file's bytes are the answer. Bounded to a gibibyte it still failed, though only
 // for a buffer less than that below the end of all addresses, as one process's stack in sixteen is.
 
+#include <gtest/gtest.h>
 #include <sys/mman.h>
 
 #include <climits>
@@ -9,12 +10,14 @@
 #include <cstring>
 
 #include "core/kvxctx.h"
-#include "tests/support/test_support.h"
+#include "tests/support/directories.h"
+
+using namespace kvxtest;
 
 namespace {
 
 TEST(RawQueryValue, TakesAnyRoomAsAnUpperBound) {
-    kvxtest::TempDir const dir;
+    TemporaryDirectory const dir;
     dir.write("three", "abc");
     KVX_Context context;
     context.Open(dir.path().c_str());
@@ -34,7 +37,7 @@ TEST(RawQueryValue, TakesAnyRoomForABufferAtTheEndOfAllAddresses) {
                       MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
     }
     ASSERT_NE(last, MAP_FAILED);
-    kvxtest::TempDir const dir;
+    TemporaryDirectory const dir;
     dir.write("three", "abc");
     KVX_Context context;
     context.Open(dir.path().c_str());
@@ -48,7 +51,7 @@ TEST(RawQueryValue, TakesAnyRoomForABufferAtTheEndOfAllAddresses) {
 }
 
 TEST(RawQueryValue, ReadsAFileThatSpansPagesIntoABufferThatStartsInsideOne) {
-    kvxtest::TempDir const dir;
+    TemporaryDirectory const dir;
     std::string content;
     for (int i = 0; content.size() < 20000; ++i) {
         content += std::to_string(i);

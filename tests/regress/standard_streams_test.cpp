@@ -2,20 +2,19 @@
 // the library's own socket when the host had closed standard error, because the socket had been given its number.
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <string>
 
 #include "net/kvxhttp.h"
-#include "tests/support/raw_server.h"
-#include "tests/support/test_support.h"
+#include "tests/support/exceptions.h"
+#include "tests/support/processes.h"
+#include "tests/support/rawserver.h"
+
+using namespace kvxtest;
 
 namespace {
-
-using kvxtest::inChildProcess;
-using kvxtest::Peer;
-using kvxtest::RawServer;
-using kvxtest::thrownCode;
 
 /// The code with which fetching through a proxy that refuses ends.
 std::int32_t refusalThrough(RawServer const& proxy) {

@@ -1,5 +1,12 @@
-// Who lives how long, who is whose parent, and that none of it needs a deep stack.
+// Lifetimes of elements: references, parents and children, documents of any depth.
+//
+// Live objects are counted before and after. Deep documents are built and destroyed on a thread with a small stack,
+// since neither may recurse.
 
+#include <gtest/gtest.h>
+
+#include "foundation/tbobject.h"
+#include "tests/support/smallstack.h"
 #include "tests/xml/xmlsupport.h"
 
 using namespace kvxtest;
@@ -17,8 +24,6 @@ std::string repeated(std::string const& text, std::size_t count) {
     }
     return result;
 }
-
-}  // namespace
 
 TEST(XmlLifetime, AChildCarriesOneReferenceOfItsParent) {
     xmlElementPtr const parent = newElement("P");
@@ -216,3 +221,5 @@ TEST(XmlDepth, SurvivorsThatFormAnotherTreeDieOnASmallStack) {
         root.reset();
     });
 }
+
+}  // namespace

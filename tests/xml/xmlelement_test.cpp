@@ -1,9 +1,19 @@
+// Elements: children, attributes, text, enumeration, copies, output.
+//
+// Elements are built by the test or parsed from a text, then read through the public calls and compared as text.
+
 #include "xml/xmlelement.h"
+
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <type_traits>
 
+#include "foundation/tbobject.h"
 #include "foundation/tbstrptr.h"
+#include "tallowin/codes.h"
+#include "tests/support/exceptions.h"
+#include "tests/support/tbtext.h"
 #include "tests/xml/xmlsupport.h"
 
 using namespace kvxtest;
@@ -26,8 +36,6 @@ xmlElementPtr parentOf(Tags const& tags) {
 std::string numberOf(xmlElementPtr const& element) {
     return attributeOf(*element.get(), "n");
 }
-
-}  // namespace
 
 TEST(XmlElement, WritesTheShortestForm) {
     xmlElementPtr const element = newElement("T");
@@ -340,3 +348,5 @@ TEST(XmlElementEnum, SeesChildrenThatComeWhileItWorks) {
     EXPECT_EQ(tagOf(*child), "B");
     child->release();
 }
+
+}  // namespace

@@ -1,5 +1,14 @@
-// Memory runs out, at every allocation in turn: nothing is lost, nothing is half done, everything goes on working.
+// Every allocation of the XML layer fails in turn.
+//
+// After each failure no object is left behind, no change is half done, and the same operation succeeds when repeated.
 
+#include <gtest/gtest.h>
+
+#include "foundation/tbexception.h"
+#include "tallowin/codes.h"
+#include "tests/support/allocations.h"
+#include "tests/support/exceptions.h"
+#include "tests/support/tbtext.h"
 #include "tests/xml/xmlsupport.h"
 
 using namespace kvxtest;
@@ -31,8 +40,6 @@ void expectAllOrNothing(std::function<void(xmlElement&)> const& operation, std::
                         EXPECT_EQ(element->refCount(), 1);
                     });
 }
-
-}  // namespace
 
 TEST(XmlFailures, ParsingReleasesEverything) {
     long const runs = survivesEveryFailingAllocation([] {
@@ -213,3 +220,5 @@ TEST(XmlFailures, FactoriesReportThemAsAnException) {
         EXPECT_EQ(slot, nullptr);
     }
 }
+
+}  // namespace

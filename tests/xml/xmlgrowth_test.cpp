@@ -2,6 +2,10 @@
 // is moved again and again asks for quadratically many bytes. Work that allocates nothing would run into the time
 // limit.
 
+#include <gtest/gtest.h>
+
+#include "tests/support/allocations.h"
+#include "tests/support/tbtext.h"
 #include "tests/xml/xmlsupport.h"
 #include "xml/xmlquery.h"
 
@@ -24,7 +28,7 @@ struct Cost {
     std::uint64_t m_Bytes = 0;
 };
 
-/// What parsing, writing and reading again cost.
+/// The cost of parsing, writing and reading again.
 Cost costOf(std::string const& text) {
     TbStringStream in(stringOf(text));
     AllocationMeter const meter;
@@ -56,8 +60,6 @@ std::string numbered(std::string const& before, std::string const& after, std::s
     }
     return text;
 }
-
-}  // namespace
 
 TEST(XmlGrowth, OneLongText) {
     expectLinear(kMega, 8 * kMega, [](std::size_t size) { return "<a>" + std::string(size, 'x') + "</a>"; });
@@ -148,3 +150,5 @@ TEST(XmlGrowth, LongKeys) {
     int number = 0;
     EXPECT_TRUE(xmlAtoi(stringOf(std::string(8 * kMega, '0')), number));
 }
+
+}  // namespace

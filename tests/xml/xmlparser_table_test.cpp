@@ -1,4 +1,8 @@
-// Walks the transition table, row by row and byte by byte, beside a second list of the same rows.
+// The transition table, row by row and byte by byte, beside a second list of the same rows.
+//
+// Every byte is tried in every state, with every ending; result and document must equal those of the reference parser.
+
+#include <gtest/gtest.h>
 
 #include <iterator>
 #include <set>
@@ -60,8 +64,6 @@ std::vector<std::string> const& endings() {
     };
     return all;
 }
-
-}  // namespace
 
 TEST(XmlTable, HasTheRowsInTheirOrder) {
     std::vector<ReferenceRow> const& expected = referenceRows();
@@ -167,7 +169,7 @@ TEST(XmlTable, DrivesTheParser) {
     EXPECT_GT(accepted, 1000);
 }
 
-// For each row one text that is right only if the row does what it says.
+// For each row one text that reads correctly only if the row does.
 TEST(XmlTable, EveryRowHasItsEffect) {
     struct Effect {
         char const* m_Text;
@@ -225,3 +227,5 @@ TEST(XmlTable, EveryRowHasItsEffect) {
         EXPECT_EQ(reparsed(kEffects[i].m_Text), kEffects[i].m_Expected) << "row " << i << ": " << kEffects[i].m_Text;
     }
 }
+
+}  // namespace

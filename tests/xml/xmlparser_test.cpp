@@ -1,5 +1,15 @@
+// The parser: accepted and refused documents, results, cuts at every length, random documents.
+//
+// Texts stand in tables with the result, and accepted ones with the document as it is written again. Random documents
+// are compared with the reference parser.
+
+#include <gtest/gtest.h>
+
 #include "xml/xmlparser.h"
 
+#include "foundation/tbobject.h"
+#include "tests/support/random.h"
+#include "tests/support/tbtext.h"
 #include "tests/xml/xmlreference.h"
 #include "tests/xml/xmlsupport.h"
 
@@ -7,7 +17,7 @@ using namespace kvxtest;
 
 namespace {
 
-/// A text and what it reads as: the document written again, or "error N".
+/// A text, and the document written again, or "error N".
 struct Case {
     std::string m_Text;
     std::string m_Expected;
@@ -19,8 +29,6 @@ void expectAll(std::vector<Case> const& cases) {
         EXPECT_EQ(referenceReparsed(row.m_Text), row.m_Expected) << "by the reference, from " << row.m_Text;
     }
 }
-
-}  // namespace
 
 TEST(XmlParser, ReadsAnEmptyTextAsAnEmptyDocument) {
     Parsed const result = parsed("");
@@ -184,7 +192,7 @@ TEST(XmlParser, KeepsDecodingAttributesButNotText) {
     EXPECT_EQ(textOf(*a.get()), "&lt;");
     expectAll({
         {"<a x='&lt;'/>", "<a x=\"&lt;\"/>"},
-        {"<a x='>&unknown;&#65;'/>", "<a x=\"&gt;\"/>"},  // what is read is not always what is written
+        {"<a x='>&unknown;&#65;'/>", "<a x=\"&gt;\"/>"},  // reading again may give another text
         {"<a>&unknown;'\"></a>", "<a>&unknown;'\"></a>"},
     });
 }
@@ -284,7 +292,7 @@ TEST(XmlParser, SurvivesADocumentCutAtEveryLength) {
     for (std::size_t length = 0; length <= text.size(); ++length) {
         std::string const cut = text.substr(0, length);
         int const code = parsed(cut).m_Code;
-        EXPECT_TRUE(code == 0 || code == 2) << cut;  // what fits as a whole fits in part, but may be unfinished
+        EXPECT_TRUE(code == 0 || code == 2) << cut;  // a part of a good text is good or unfinished
         EXPECT_EQ(reparsed(cut), referenceReparsed(cut)) << cut;
         int const tail = parsed(text.substr(length)).m_Code;
         EXPECT_TRUE(tail >= 0 && tail <= 3) << text.substr(length);
@@ -328,9 +336,7 @@ TEST(XmlParser, AgreesWithTheReferenceOnDamagedDocuments) {
     EXPECT_GT(accepted, 1000);
 }
 
-namespace {
-
-/// Random elements below `parent`, and what writing them must give.
+/// Random elements below `parent`, and their text.
 std::string grow(Random& random, xmlElement& parent, int levels) {
     static std::string const kNames = "abcXYZ019.-_";
     static std::string const kBytes = std::string("ab<>&\"' \n;=/\x80\xff", 14) + std::string(1, '\0');
@@ -357,8 +363,6 @@ std::string grow(Random& random, xmlElement& parent, int levels) {
     return expected;
 }
 
-}  // namespace
-
 TEST(XmlParser, ReadsWhatElementsWrite) {
     SCOPED_TRACE("seed " + std::to_string(testSeed()));
     Random random;
@@ -369,3 +373,5 @@ TEST(XmlParser, ReadsWhatElementsWrite) {
         ASSERT_EQ(reparsed(expected), expected);
     }
 }
+
+}  // namespace

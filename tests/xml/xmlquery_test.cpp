@@ -1,5 +1,13 @@
+// Path queries: tags, indices, attributes, malformed paths, and failing allocations.
+//
+// One document serves most tests; each row of a table names a path and the value found there.
+
+#include <gtest/gtest.h>
+
 #include "xml/xmlquery.h"
 
+#include "tests/support/allocations.h"
+#include "tests/support/tbtext.h"
 #include "tests/xml/xmlsupport.h"
 
 using namespace kvxtest;
@@ -32,8 +40,6 @@ xmlElementPtr sample() {
     root->insertChild(child.get());
     return root;
 }
-
-}  // namespace
 
 TEST(XmlQuery, GivesTheStartAndTheWholeKeyWithoutSeparator) {
     xmlElementPtr const root = sample();
@@ -189,3 +195,5 @@ TEST(XmlAtoi, KeepsWrappingAround) {
     EXPECT_TRUE(xmlAtoi("99999999999999999999", value));
     EXPECT_EQ(value, 1661992959);
 }
+
+}  // namespace

@@ -1,3 +1,8 @@
+// A second parser, written from the rows of the transition table alone.
+//
+// It walks the rows one after the other for each byte and keeps its document in plain structures, so that a mistake in
+// the table-driven parser shows as a difference.
+
 #include "tests/xml/xmlreference.h"
 
 #include <algorithm>

@@ -26,7 +26,7 @@ std::uint32_t referenceClass(char byte);
 /// Index of the row for a byte in a state; the number of rows when there is none.
 std::size_t referenceRowFor(std::uint32_t state, char byte);
 
-/// What parsing `text` and writing the document gives, or "error N".
+/// The document of `text` written again, or "error N".
 std::string referenceReparsed(std::string const& text);
 
 std::string referenceEncoded(std::string const& text);

@@ -1,23 +1,18 @@
+// Elements and documents made, parsed and read for the tests of the XML layer.
+//
+// Most functions turn one call of the layer into a value that a test compares. forEveryFailure() fails one allocation
+// after the other and leaves the checks to its caller.
+
 #include "tests/xml/xmlsupport.h"
 
-#include <atomic>
+#include <gtest/gtest.h>
 
-#include "foundation/tbmemory.h"
+#include "tallowin/codes.h"
+#include "tests/support/allocations.h"
+#include "tests/support/exceptions.h"
+#include "tests/support/tbtext.h"
 
 namespace kvxtest {
-
-namespace {
-
-std::atomic<std::uint64_t> g_Calls{0};
-std::atomic<std::uint64_t> g_Bytes{0};
-
-bool countingGate(std::size_t bytes) {
-    ++g_Calls;
-    g_Bytes += bytes;
-    return true;
-}
-
-}  // namespace
 
 xmlElementPtr newElement(std::string const& tag) {
     return xmlElementPtr(new xmlElement(stringOf(tag)));
@@ -90,24 +85,6 @@ std::vector<std::string> enumeratedTags(xmlElement& element, std::string const& 
     return tags;
 }
 
-AllocationMeter::AllocationMeter() {
-    g_Calls = 0;
-    g_Bytes = 0;
-    tbSetAllocationGate(&countingGate);
-}
-
-AllocationMeter::~AllocationMeter() {
-    tbSetAllocationGate(nullptr);
-}
-
-std::uint64_t AllocationMeter::calls() {
-    return g_Calls;
-}
-
-std::uint64_t AllocationMeter::bytes() {
-    return g_Bytes;
-}
-
 void forEveryFailure(std::function<void()> const& prepare, std::function<void()> const& operation,
                      std::function<void(bool failed)> const& check) {
     constexpr long kMostRuns = 10000;
@@ -119,7 +96,7 @@ void forEveryFailure(std::function<void()> const& prepare, std::function<void()>
         {
             FailingAllocation const failing(run, FailingAllocation::Mode::kOnlyThat);
             failed = thrownCode(operation) == KVX_E_OUT_OF_MEMORY;
-            reached = FailingAllocation::asked() > run;
+            reached = FailingAllocation::requested() > run;
         }
         check(failed);
         if (!reached) {
@@ -128,14 +105,6 @@ void forEveryFailure(std::function<void()> const& prepare, std::function<void()>
         }
     }
     ADD_FAILURE() << "no end after " << kMostRuns << " runs";
-}
-
-std::string Random::text(std::string const& characters, std::size_t most) {
-    std::string result;
-    for (std::size_t left = below(most + 1); left > 0; --left) {
-        result += of(characters);
-    }
-    return result;
 }
 
 }  // namespace kvxtest

@@ -1,4 +1,4 @@
-/// What the tests of the XML layer share.
+/// Elements and documents for the tests of the XML layer.
 #ifndef TALLOWIN_TESTS_XML_XMLSUPPORT_H
 #define TALLOWIN_TESTS_XML_XMLSUPPORT_H
 
@@ -8,7 +8,6 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/test_support.h"
 #include "xml/xmlelement.h"
 #include "xml/xmlparser.h"
 
@@ -17,7 +16,7 @@ namespace kvxtest {
 /// A new element, held by the result alone.
 xmlElementPtr newElement(std::string const& tag);
 
-/// What the parser made of a text: its result, and the document when that is 0.
+/// The result of parsing a text, and the document when that is 0.
 struct Parsed {
     int m_Code = -1;
     xmlElementPtr m_Document;
@@ -43,40 +42,10 @@ std::string attributeOf(xmlElement const& element, std::string const& name);
 /// The tags of the children that an enumerator for `tag` meets.
 std::vector<std::string> enumeratedTags(xmlElement& element, std::string const& tag);
 
-/// Counts what the library asks for while it lives. Not together with FailingAllocation.
-class AllocationMeter {
-public:
-    AllocationMeter();
-    AllocationMeter(AllocationMeter const&) = delete;
-    AllocationMeter& operator=(AllocationMeter const&) = delete;
-    ~AllocationMeter();
-
-    static std::uint64_t calls();
-    static std::uint64_t bytes();
-};
-
 /// Runs `operation` with its first allocation failing and no other, then with its second, and so on, until none fails.
 /// `prepare` goes before and `check` after every run; `check` hears whether the operation failed.
 void forEveryFailure(std::function<void()> const& prepare, std::function<void()> const& operation,
                      std::function<void(bool failed)> const& check);
-
-/// Random choices of one test, from the seed of the run.
-class Random {
-public:
-    Random() : m_Engine(testSeed()) {}
-
-    /// From 0 to `limit` - 1.
-    std::size_t below(std::size_t limit) { return std::uniform_int_distribution<std::size_t>(0, limit - 1)(m_Engine); }
-
-    char byte() { return static_cast<char>(static_cast<unsigned char>(below(256))); }
-    char of(std::string const& characters) { return characters[below(characters.size())]; }
-
-    /// Up to `most` characters of `characters`.
-    std::string text(std::string const& characters, std::size_t most);
-
-private:
-    std::mt19937_64 m_Engine;
-};
 
 }  // namespace kvxtest
 

@@ -15,7 +15,7 @@
 
 #include "sandbox/store/database.h"
 #include "tests/sandbox/support/sandboxfixture.h"
-#include "tests/support/raw_server.h"
+#include "tests/support/rawserver.h"
 
 /// The proxy, seen from the merchant and from the programs that it reaches.
 namespace {

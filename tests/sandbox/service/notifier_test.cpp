@@ -18,7 +18,7 @@
 #include "sandbox/service/notifier.h"
 #include "sandbox/store/database.h"
 #include "tests/sandbox/support/sandboxfixture.h"
-#include "tests/support/raw_server.h"
+#include "tests/support/rawserver.h"
 
 /// Confirmations that the service sends to the merchant by itself.
 namespace {

@@ -1,14 +1,14 @@
 /// Real servers as peers: nginx, tinyproxy and the TLS server of the openssl program.
-#ifndef TALLOWIN_TESTS_PEERS_PEERS_SUPPORT_H
-#define TALLOWIN_TESTS_PEERS_PEERS_SUPPORT_H
+#ifndef TALLOWIN_TESTS_PEERS_PEERSSUPPORT_H
+#define TALLOWIN_TESTS_PEERS_PEERSSUPPORT_H
 
 #include <cstdint>
 #include <memory>
 #include <string>
 
-#include "net/kvxhttp.h"
-#include "tests/support/child_process.h"
-#include "tests/support/test_support.h"
+#include "tests/support/directories.h"
+#include "tests/support/fetch.h"
+#include "tests/support/processes.h"
 
 namespace kvxtest {
 
@@ -26,23 +26,23 @@ public:
     [[nodiscard]] std::string secure(std::string const& path) const;
 
 private:
-    TempDir m_Directory;
+    TemporaryDirectory m_Directory;
     std::uint16_t m_Port = 0;
     std::uint16_t m_SecurePort = 0;
     std::unique_ptr<ChildProcess> m_Process;
 };
 
-/// tinyproxy; with `password` set it wants to be told who asks.
+/// tinyproxy; with a `password` it demands the credentials of "user".
 class Tinyproxy {
 public:
     explicit Tinyproxy(std::string const& password = "");
     [[nodiscard]] std::string port() const { return std::to_string(m_Port); }
 
-    /// What it has logged.
+    /// The text of its log.
     [[nodiscard]] std::string log() const;
 
 private:
-    TempDir m_Directory;
+    TemporaryDirectory m_Directory;
     std::uint16_t m_Port = 0;
     std::unique_ptr<ChildProcess> m_Process;
 };
@@ -54,13 +54,13 @@ public:
     [[nodiscard]] std::string url(std::string const& path) const;
 
 private:
-    TempDir m_Directory;
+    TemporaryDirectory m_Directory;
     std::string m_Port;
     std::unique_ptr<ChildProcess> m_Process;
 };
 
-/// Runs a whole session over `url` and returns the body; through `proxy` unless it is null.
-std::string fetch(std::string const& url, Tinyproxy const* proxy = nullptr);
+/// Runs a whole session over `url` through `proxy` and returns the body.
+std::string fetchThrough(Tinyproxy const& proxy, std::string const& url);
 
 }  // namespace kvxtest
 

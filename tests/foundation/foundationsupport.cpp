@@ -1,4 +1,9 @@
-#include "tests/foundation/foundation_items.h"
+// An element with a known order, and a walk that checks a red-black tree.
+//
+// The walk visits the nodes by their links, computes the black height of both sides and records the first fault that it
+// finds. A vector as an element counts by its first entry.
+
+#include "tests/foundation/foundationsupport.h"
 
 #include <algorithm>
 

@@ -1,16 +1,18 @@
-/// Real programs as peers of a test.
-#ifndef TALLOWIN_TESTS_SUPPORT_CHILD_PROCESS_H
-#define TALLOWIN_TESTS_SUPPORT_CHILD_PROCESS_H
+/// Processes of a test: programs it starts and copies of itself.
+#ifndef TALLOWIN_TESTS_SUPPORT_PROCESSES_H
+#define TALLOWIN_TESTS_SUPPORT_PROCESSES_H
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
 namespace kvxtest {
 
-/// A program that runs while this lives. It is ended by its process id.
+/// A program that runs while this lives. Ended by its process id.
 class ChildProcess {
 public:
     /// Starts `arguments` (the first one the program, looked up in PATH, /usr/sbin and /sbin too) in `directory`.
@@ -19,7 +21,7 @@ public:
     ChildProcess(ChildProcess const&) = delete;
     ChildProcess& operator=(ChildProcess const&) = delete;
 
-    /// Asks it to end; kills it when patience is over.
+    /// Terminates the program; kills it after the timeout.
     ~ChildProcess();
 
     [[nodiscard]] pid_t id() const { return m_Id; }
@@ -27,11 +29,11 @@ public:
     /// Whether it still runs.
     [[nodiscard]] bool isRunning();
 
-    /// Waits until it accepts connections on `port` of 127.0.0.1. False when it ended, or patience is over.
+    /// Waits until the program accepts connections on `port` of 127.0.0.1. False when it has ended, or at the timeout.
     [[nodiscard]] bool waitForPort(std::uint16_t port);
 
-    /// Waits until the log file holds `text` followed by a whole line, and returns the rest of that line. Empty when it
-    /// ended, or patience is over.
+    /// Waits until the log file holds `text` followed by a whole line, and returns the rest of that line. Empty when
+    /// the program has ended, or at the timeout.
     [[nodiscard]] std::string waitForLine(std::string const& text);
 
 private:
@@ -43,8 +45,12 @@ private:
 /// A port of 127.0.0.1 that was free a moment ago.
 std::uint16_t freePort();
 
-/// A file's content; empty when it cannot be read.
-std::string contentOf(std::string const& path);
+/// Runs `call` in a process of its own and returns its exit status, or 128 plus the signal that ended it.
+/// The value of `call` is the exit status; an exception that leaves `call` gives status 99.
+int inChildProcess(std::function<int()> const& call);
+
+/// How many descriptors this process has open.
+std::size_t countDescriptors();
 
 }  // namespace kvxtest
 

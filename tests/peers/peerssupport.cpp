@@ -1,19 +1,26 @@
-#include "tests/peers/peers_support.h"
+// nginx, tinyproxy and openssl s_server, each started on a directory of its own.
+//
+// A free port can be taken by another process before the server opens it, so a start is tried up to five times with a
+// new port. s_server picks its port itself and reports it.
+
+#include "tests/peers/peerssupport.h"
 
 #include <functional>
 #include <stdexcept>
 
-#include "tests/support/tls_server.h"
+#include "tests/support/tbtext.h"
+#include "tests/support/tlsserver.h"
 
 namespace kvxtest {
 
 namespace {
 
-/// A free port may be taken by somebody else before the program opens it.
+/// Another process may take a free port before the program opens it.
 constexpr int kAttempts = 5;
 
 /// Starts a program until it listens on the port that `configure` chose and wrote into its configuration.
-std::unique_ptr<ChildProcess> startListening(std::vector<std::string> const& arguments, TempDir const& directory,
+std::unique_ptr<ChildProcess> startListening(std::vector<std::string> const& arguments,
+                                             TemporaryDirectory const& directory,
                                              std::function<std::uint16_t()> const& configure) {
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         std::uint16_t const port = configure();
@@ -25,7 +32,7 @@ std::unique_ptr<ChildProcess> startListening(std::vector<std::string> const& arg
     throw std::runtime_error(arguments.front() + " does not start: " + contentOf(directory.file("output")));
 }
 
-void writeIdentity(TempDir const& directory) {
+void writeIdentity(TemporaryDirectory const& directory) {
     directory.write("certificate.pem", TlsIdentity::shared().certificatePem());
     directory.write("key.pem", TlsIdentity::shared().keyPem());
 }
@@ -150,16 +157,11 @@ std::string OpensslServer::url(std::string const& path) const {
     return "https://127.0.0.1:" + m_Port + path;
 }
 
-std::string fetch(std::string const& url, Tinyproxy const* proxy) {
-    KVX_RequestInfo request;
-    EXPECT_NE(SplitUrl(stringOf(url), request), 0) << url;
-    if (proxy != nullptr) {
-        request.proxyHost = "127.0.0.1";
-        request.proxyPort = stringOf(proxy->port());
-    }
-    TbStringStream out;
-    HttpSession(request, out);
-    return bytesOf(out);
+std::string fetchThrough(Tinyproxy const& proxy, std::string const& url) {
+    KVX_RequestInfo request = requestFor(url);
+    request.proxyHost = "127.0.0.1";
+    request.proxyPort = stringOf(proxy.port());
+    return fetch(request);
 }
 
 }  // namespace kvxtest

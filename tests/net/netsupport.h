@@ -1,7 +1,7 @@
 /// What the tests of the network layer share. Linking it also holds every test of the program to leaving no descriptor
 /// open.
-#ifndef TALLOWIN_TESTS_NET_NET_SUPPORT_H
-#define TALLOWIN_TESTS_NET_NET_SUPPORT_H
+#ifndef TALLOWIN_TESTS_NET_NETSUPPORT_H
+#define TALLOWIN_TESTS_NET_NETSUPPORT_H
 
 #include <netinet/in.h>
 
@@ -10,12 +10,12 @@
 #include <vector>
 
 #include "net/kvxhttp.h"
-#include "tests/support/raw_server.h"
-#include "tests/support/test_support.h"
+#include "tests/support/fetch.h"
+#include "tests/support/rawserver.h"
 
 namespace kvxtest {
 
-/// Collects what is written to standard output, or standard error, while it lives.
+/// Captures standard output, or standard error, while it lives.
 class CapturedOutput {
 public:
     enum class Stream { kOutput, kError };
@@ -24,7 +24,7 @@ public:
     CapturedOutput& operator=(CapturedOutput const&) = delete;
     ~CapturedOutput();
 
-    /// Ends collecting and returns what came, byte for byte. What still sits in the stream's buffer is not part of it.
+    /// Ends the capture and returns all bytes. Those still in the stream's buffer are not part of it.
     std::string text();
 
 private:
@@ -33,7 +33,7 @@ private:
     int m_File;
 };
 
-/// A peer that exists on paper only.
+/// A connection without a socket: scripted reads, recorded writes.
 class FakeConnection : public KVX_Connection {
 public:
     std::int32_t Connect(sockaddr*) override { return KVX_OK; }
@@ -45,10 +45,10 @@ public:
     int Detach() override { return -1; }
     std::int32_t Setup() override { return KVX_OK; }
 
-    /// Answers `text` in chunks of at most `chunk` bytes.
-    void answer(std::string const& text, std::size_t chunk);
+    /// Lets reads return `text` in chunks of at most `chunk` bytes.
+    void respond(std::string const& text, std::size_t chunk);
 
-    std::deque<std::string> m_Chunks;     ///< What is still to be read.
+    std::deque<std::string> m_Chunks;     ///< Not read yet.
     std::int32_t m_AfterLast = 0;         ///< The result of a read when there is nothing left.
     std::int32_t m_WriteResult = KVX_OK;  ///< The result of every write.
     std::int32_t m_Error = KVX_E_SOCKET_RESET;
@@ -68,15 +68,9 @@ public:
     void enter(int state, KVX_Connection* connection = nullptr);
 };
 
-/// A request record for `url`; fails the test when it cannot be split.
-KVX_RequestInfo requestFor(std::string const& url);
-
 /// "http://127.0.0.1:PORT" + path, and the same for "https".
 std::string plainUrl(RawServer const& server, std::string const& path);
 std::string secureUrl(RawServer const& server, std::string const& path);
-
-/// Runs a whole session over `url` and returns the body.
-std::string fetch(std::string const& url);
 
 /// The address 127.0.0.1 with the port of `server`, or any.
 sockaddr_in addressOf(RawServer const& server);

@@ -1,24 +1,29 @@
-#include "tests/support/child_process.h"
+// Programs started by tests, and calls in a forked copy of the test.
+//
+// A child dies with the test program, writes both output streams to one log file and is ended by its process id. A port
+// counts as ready when a connection to it succeeds. All waits end at kTimeout.
+
+#include "tests/support/processes.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <csignal>
 #include <cstring>
-#include <fstream>
-#include <functional>
+#include <filesystem>
 #include <iterator>
 #include <sstream>
 #include <stdexcept>
-#include <thread>
 
-#include "tests/support/raw_server.h"
+#include "tests/support/directories.h"
+#include "tests/support/rawserver.h"
+#include "tests/support/waiting.h"
 
 namespace kvxtest {
 
@@ -35,18 +40,6 @@ std::string findProgram(std::string const& name) {
         }
     }
     throw std::runtime_error("no program " + name + " (scripts/setup installs it)");
-}
-
-/// Asks until the answer is true or patience is over.
-bool waitUntil(std::function<bool()> const& isSo) {
-    auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(kPatienceSeconds);
-    while (!isSo()) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
 }
 
 bool acceptsConnections(std::uint16_t port) {
@@ -112,26 +105,41 @@ bool ChildProcess::waitForPort(std::uint16_t port) {
 
 std::string ChildProcess::waitForLine(std::string const& text) {
     std::string rest;
-    waitUntil([&] {
+    bool const found = waitUntil([&] {
         std::string const log = contentOf(m_Log);
-        std::size_t const found = log.find(text);
-        std::size_t const end = found == std::string::npos ? found : log.find('\n', found);
+        std::size_t const at = log.find(text);
+        std::size_t const end = at == std::string::npos ? at : log.find('\n', at);
         if (end != std::string::npos) {
-            rest = log.substr(found + text.size(), end - found - text.size());
+            rest = log.substr(at + text.size(), end - at - text.size());
             return true;
         }
         return !isRunning();
     });
-    return rest;
+    return found ? rest : "";
 }
 
 std::uint16_t freePort() {
     return static_cast<std::uint16_t>(std::stoi(ClosedPort().text()));
 }
 
-std::string contentOf(std::string const& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+int inChildProcess(std::function<int()> const& call) {
+    pid_t const child = ::fork();
+    if (child == 0) {
+        int status = 99;
+        try {
+            status = call();
+        } catch (...) {
+            // The status reports it.
+        }
+        ::_exit(status);
+    }
+    int status = 0;
+    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+std::size_t countDescriptors() {
+    return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
 }
 
 }  // namespace kvxtest

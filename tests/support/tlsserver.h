@@ -1,13 +1,13 @@
-/// The TLS side of scripted servers, with a certificate made on the spot.
-#ifndef TALLOWIN_TESTS_SUPPORT_TLS_SERVER_H
-#define TALLOWIN_TESTS_SUPPORT_TLS_SERVER_H
+/// Scripted servers over TLS, with a certificate made at run time.
+#ifndef TALLOWIN_TESTS_SUPPORT_TLSSERVER_H
+#define TALLOWIN_TESTS_SUPPORT_TLSSERVER_H
 
 #include <openssl/ssl.h>
 
 #include <memory>
 #include <string>
 
-#include "tests/support/raw_server.h"
+#include "tests/support/rawserver.h"
 
 namespace kvxtest {
 
@@ -31,7 +31,7 @@ public:
     [[nodiscard]] std::string certificatePem() const;
     [[nodiscard]] std::string keyPem() const;
 
-    /// The one identity of this process, made when first asked for.
+    /// The one identity of this process, made at the first call.
     static TlsIdentity const& shared();
 
 private:
@@ -39,7 +39,7 @@ private:
     OpenSslHolder<X509> m_Certificate;
 };
 
-/// What a TLS peer does out of the ordinary.
+/// How a TLS peer differs from an ordinary one.
 struct TlsOptions {
     int m_Version = 0;              ///< The only protocol version, such as TLS1_2_VERSION; 0 for any.
     bool m_WithCertificate = true;  ///< Without one the handshake ends in an alert.
@@ -56,7 +56,7 @@ public:
     std::string receive() override;
     bool send(std::string_view bytes) override;
 
-    /// Tells the client that this is the end; without it the connection just closes.
+    /// Sends the TLS close alert; without it the connection just closes.
     void notifyClose();
 
 private:
@@ -70,8 +70,8 @@ class TlsServer : public RawServer {
 public:
     explicit TlsServer(Script script, TlsOptions const& options = {});
 
-    /// Receives each client's request and sends `answer`.
-    explicit TlsServer(std::string answer, TlsOptions const& options = {});
+    /// Receives each client's request and sends `response`.
+    explicit TlsServer(std::string response, TlsOptions const& options = {});
 };
 
 }  // namespace kvxtest

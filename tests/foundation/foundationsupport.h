@@ -1,6 +1,9 @@
-/// What the tests of the foundation share: elements of a known order, and looks into the containers.
-#ifndef TALLOWIN_TESTS_FOUNDATION_FOUNDATION_ITEMS_H
-#define TALLOWIN_TESTS_FOUNDATION_FOUNDATION_ITEMS_H
+/// Elements of a known order, and checks of the containers.
+///
+/// IntItem orders by its number and complains when it is compared with anything else. failEachAllocation() runs one
+/// operation on fresh subjects, with one allocation more failing each time.
+#ifndef TALLOWIN_TESTS_FOUNDATION_FOUNDATIONSUPPORT_H
+#define TALLOWIN_TESTS_FOUNDATION_FOUNDATIONSUPPORT_H
 
 #include <gtest/gtest.h>
 
@@ -13,7 +16,8 @@
 #include "foundation/tbexception.h"
 #include "foundation/tbmultimap.h"
 #include "foundation/tbobject.h"
-#include "tests/support/test_support.h"
+#include "tests/support/allocations.h"
+#include "tests/support/exceptions.h"
 
 namespace kvxtest {
 
@@ -43,7 +47,7 @@ private:
 /// The number of an element that is an IntItem.
 int numberOf(TbFindable const* item);
 
-/// A counted object that tells when it dies.
+/// A counted object that reports its death in a flag.
 class Witness : public TbObject {
 public:
     explicit Witness(bool* isGone) : m_IsGone(isGone) {}
@@ -70,7 +74,7 @@ struct NamedByClass {
     }
 };
 
-/// The order of string keys, told once more: length first, then signed bytes.
+/// The order of string keys, written a second time: length first, then signed bytes.
 struct LengthFirst {
     bool operator()(std::string const& left, std::string const& right) const;
 };
@@ -89,8 +93,8 @@ std::vector<int> numbersInOrder(TbRBTree const& tree);
 testing::AssertionResult isSoundTree(TbRBTree const& tree);
 
 /// Fails one allocation of `act` after the other, on a fresh subject each time, alone and with all later ones; `verify`
-/// is told whether `act` failed. Every failure must be KVX_E_OUT_OF_MEMORY and leave no object behind once the subject
-/// is gone. Returns how many allocations were failed; zero says that `act` asks for none.
+/// receives whether `act` failed. Every failure must be KVX_E_OUT_OF_MEMORY and leave no object behind once the subject
+/// is gone. Returns how many allocations were failed; zero means that `act` allocates nothing.
 template <class Subject>
 long failEachAllocation(std::function<std::unique_ptr<Subject>()> const& make, std::function<void(Subject&)> const& act,
                         std::function<void(Subject&, bool)> const& verify) {
@@ -106,7 +110,7 @@ long failEachAllocation(std::function<std::unique_ptr<Subject>()> const& make, s
                 {
                     FailingAllocation const failing(number, mode);
                     code = thrownCode([&] { act(*subject); });
-                    isReached = FailingAllocation::asked() > number;
+                    isReached = FailingAllocation::requested() > number;
                 }
                 EXPECT_EQ(code, isReached ? KVX_E_OUT_OF_MEMORY : 0);
                 verify(*subject, code != 0);

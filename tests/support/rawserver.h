@@ -1,6 +1,9 @@
 /// A server of scripted bytes on 127.0.0.1, for tests that need a real peer.
-#ifndef TALLOWIN_TESTS_SUPPORT_RAW_SERVER_H
-#define TALLOWIN_TESTS_SUPPORT_RAW_SERVER_H
+///
+/// A script runs on the thread of the server, once for each client. Its records are read after the server has ended,
+/// so no lock is needed.
+#ifndef TALLOWIN_TESTS_SUPPORT_RAWSERVER_H
+#define TALLOWIN_TESTS_SUPPORT_RAWSERVER_H
 
 #include <cstdint>
 #include <functional>
@@ -12,10 +15,7 @@
 
 namespace kvxtest {
 
-/// How long any one wait of the support code may last.
-inline constexpr int kPatienceSeconds = 20;
-
-/// One accepted connection, seen from the server. Owns the socket.
+/// One accepted connection, on the side of the server. Owns the socket.
 class Peer {
 public:
     explicit Peer(int socket);
@@ -23,16 +23,16 @@ public:
     Peer& operator=(Peer const&) = delete;
     virtual ~Peer();
 
-    /// Some of what the client sent; empty at its end, on failure, or when patience is over.
+    /// The next bytes from the client; empty at its end, on failure, or at the timeout.
     virtual std::string receive();
 
     /// Sends all. False when the client is gone.
     virtual bool send(std::string_view bytes);
 
-    /// What the client sent, up to and including the first blank line, or up to its end.
+    /// All bytes up to and including the first blank line, or up to the client's end.
     std::string receiveRequest();
 
-    /// What the client sends until its end.
+    /// All bytes up to the client's end.
     std::string receiveToEnd();
 
     /// Ends this direction in good order and waits for the client to end the other one.
@@ -58,22 +58,22 @@ public:
     /// Serves clients until it is destroyed.
     explicit RawServer(Script script);
 
-    /// Receives each client's request and sends `answer`.
-    explicit RawServer(std::string answer);
+    /// Receives each client's request and sends `response`.
+    explicit RawServer(std::string response);
 
     RawServer(RawServer const&) = delete;
     RawServer& operator=(RawServer const&) = delete;
 
-    /// Ends the script's last client first.
+    /// Serves the clients that have connected, then ends.
     ~RawServer();
 
     [[nodiscard]] std::uint16_t port() const { return m_Port; }
     [[nodiscard]] std::string portText() const { return std::to_string(m_Port); }
 
-    /// Keeps something for the test to look at; for use by scripts.
+    /// Stores `bytes` for the test; for use by scripts.
     void record(std::string bytes);
 
-    /// What has been recorded; of a server with a fixed answer, the requests. Ends the server first.
+    /// Everything recorded; for a server with a fixed response, the requests. Ends the server first.
     std::vector<std::string> const& records();
 
 private:
@@ -88,7 +88,7 @@ private:
     std::thread m_Thread;
 };
 
-/// A port of 127.0.0.1 that nobody listens on: connecting to it is refused while this lives.
+/// A port of 127.0.0.1 without a listener: connecting to it is refused while this lives.
 class ClosedPort {
 public:
     ClosedPort();
@@ -102,6 +102,9 @@ private:
     int m_Socket;
     std::string m_Text;
 };
+
+/// A whole HTTP response with status 200 and `body`.
+std::string httpResponse(std::string const& body);
 
 }  // namespace kvxtest
 

@@ -1,4 +1,9 @@
-#include "tests/support/tls_server.h"
+// TLS over the scripted server, with a self-signed certificate that is made once per process.
+//
+// The peer speaks TLS over the socket of a plain peer that it borrows. OpenSSL's error queue is emptied after every
+// call: the thread of a script shares nothing with the code under test.
+
+#include "tests/support/tlsserver.h"
 
 #include <openssl/err.h>
 #include <openssl/pem.h>
@@ -22,7 +27,7 @@ void require(bool condition, char const* what) {
     }
 }
 
-std::string contentOf(BIO* bio) {
+std::string textOf(BIO* bio) {
     char* data = nullptr;
     long const length = BIO_get_mem_data(bio, &data);
     return {data, static_cast<std::size_t>(length)};
@@ -48,13 +53,13 @@ TlsIdentity::TlsIdentity() : m_Key(EVP_RSA_gen(kKeyBits)), m_Certificate(X509_ne
 std::string TlsIdentity::certificatePem() const {
     OpenSslHolder<BIO> const out(BIO_new(BIO_s_mem()));
     require(PEM_write_bio_X509(out.get(), certificate()) == 1, "writing the certificate");
-    return contentOf(out.get());
+    return textOf(out.get());
 }
 
 std::string TlsIdentity::keyPem() const {
     OpenSslHolder<BIO> const out(BIO_new(BIO_s_mem()));
     require(PEM_write_bio_PrivateKey(out.get(), key(), nullptr, nullptr, 0, nullptr, nullptr) == 1, "writing the key");
-    return contentOf(out.get());
+    return textOf(out.get());
 }
 
 TlsIdentity const& TlsIdentity::shared() {
@@ -106,9 +111,9 @@ TlsServer::TlsServer(Script script, TlsOptions const& options)
     TlsIdentity::shared();
 }
 
-TlsServer::TlsServer(std::string answer, TlsOptions const& options)
+TlsServer::TlsServer(std::string response, TlsOptions const& options)
     : TlsServer(
-          [this, text = std::move(answer)](Peer& peer) {
+          [this, text = std::move(response)](Peer& peer) {
               record(peer.receiveRequest());
               peer.send(text);
           },

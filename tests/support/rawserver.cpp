@@ -1,4 +1,9 @@
-#include "tests/support/raw_server.h"
+// A scripted server: one thread, one client after the other, a pipe that wakes the thread to stop.
+//
+// Odd: a stop serves the clients that have connected already, so that a test may read its records right after the call
+// that produced them. Every read and write of a script ends at kTimeout.
+
+#include "tests/support/rawserver.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -13,6 +18,8 @@
 #include <cstring>
 #include <stdexcept>
 #include <utility>
+
+#include "tests/support/waiting.h"
 
 namespace kvxtest {
 
@@ -34,9 +41,9 @@ int boundSocket(std::uint16_t& port) {
 }
 
 void limitWaits(int socket) {
-    timeval const patience = {kPatienceSeconds, 0};
-    ::setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-    ::setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+    timeval const timeout = {kTimeout.count(), 0};
+    ::setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    ::setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
     int const immediately = 1;
     ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &immediately, sizeof immediately);
 }
@@ -122,8 +129,8 @@ RawServer::RawServer(Script script) : m_Script(std::move(script)) {
     m_Thread = std::thread(&RawServer::serve, this);
 }
 
-RawServer::RawServer(std::string answer)
-    : RawServer([this, text = std::move(answer)](Peer& peer) {
+RawServer::RawServer(std::string response)
+    : RawServer([this, text = std::move(response)](Peer& peer) {
           record(peer.receiveRequest());
           peer.send(text);
       }) {}
@@ -150,7 +157,7 @@ void RawServer::serve() {
         if (::poll(events, 2, -1) == -1) {
             continue;
         }
-        // Clients that came before the end was asked for are served.
+        // Clients that connected before the request to stop are served.
         if (events[0].revents == 0) {
             return;
         }
@@ -178,6 +185,10 @@ ClosedPort::ClosedPort() : m_Socket(-1) {
 
 ClosedPort::~ClosedPort() {
     ::close(m_Socket);
+}
+
+std::string httpResponse(std::string const& body) {
+    return "HTTP/1.0 200 OK\r\nContent-Type: text/xml\r\n\r\n" + body;
 }
 
 }  // namespace kvxtest

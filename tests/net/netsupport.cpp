@@ -1,13 +1,22 @@
-#include "tests/net/net_support.h"
+// A guard on descriptors, captured output, a fake connection and addresses.
+//
+// The guard joins the test program when this file is linked: each test must end with as many descriptors as it began
+// with. The fake connection delivers a text in chunks of a chosen size.
+
+#include "tests/net/netsupport.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <filesystem>
 #include <iterator>
 #include <stdexcept>
+
+#include "tests/support/processes.h"
+#include "tests/support/tbtext.h"
 
 namespace kvxtest {
 
@@ -71,7 +80,7 @@ std::string CapturedOutput::text() {
     return all;
 }
 
-void FakeConnection::answer(std::string const& text, std::size_t chunk) {
+void FakeConnection::respond(std::string const& text, std::size_t chunk) {
     for (std::size_t at = 0; at < text.size(); at += chunk) {
         m_Chunks.push_back(text.substr(at, chunk));
     }
@@ -97,24 +106,12 @@ void OpenSession::enter(int state, KVX_Connection* connection) {
     m_Connection.reset(connection);
 }
 
-KVX_RequestInfo requestFor(std::string const& url) {
-    KVX_RequestInfo request;
-    EXPECT_NE(SplitUrl(stringOf(url), request), 0) << url;
-    return request;
-}
-
 std::string plainUrl(RawServer const& server, std::string const& path) {
     return "http://127.0.0.1:" + server.portText() + path;
 }
 
 std::string secureUrl(RawServer const& server, std::string const& path) {
     return "https://127.0.0.1:" + server.portText() + path;
-}
-
-std::string fetch(std::string const& url) {
-    TbStringStream out;
-    HttpSession(requestFor(url), out);
-    return bytesOf(out);
 }
 
 sockaddr_in addressOf(RawServer const& server) {
