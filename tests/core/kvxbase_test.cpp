@@ -1,3 +1,8 @@
+// Result codes with their texts, the exception, the trace, and the exported look-up.
+//
+// One table repeats all texts in their order. Odd: the order decides which text a code finds; the position is named
+// only while an environment variable is set.
+
 #include "core/kvxbase.h"
 
 #include <cstdlib>
@@ -5,7 +10,9 @@
 #include <type_traits>
 
 #include "tallowin/tallowin.h"
-#include "tests/core/core_support.h"
+#include "tests/core/coresupport.h"
+#include "tests/support/tbtext.h"
+#include "tests/support/tracerecorder.h"
 
 using namespace kvxtest;
 
@@ -92,8 +99,6 @@ constexpr std::uint32_t kWithoutText[] = {
 std::string textOf(long code, char const* detail = "", char const* file = "kvxctx", long line = 412) {
     return bytesOf(KVX_Exception(code, detail, file, line).text());
 }
-
-}  // namespace
 
 TEST(ErrorTable, HoldsThe34TextsInTheirOrder) {
     std::size_t index = 0;
@@ -305,3 +310,5 @@ TEST(ExportedLookup, TouchesNothingForAnUnknownCode) {
         EXPECT_STREQ(buffer, "abc");
     }
 }
+
+}  // namespace

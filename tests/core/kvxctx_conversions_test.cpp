@@ -1,3 +1,8 @@
+// Conversions of the context: percent-encoding, hexadecimal, slashes, identifiers, time stamps.
+//
+// All byte values go through each conversion. Known identifiers come from a definition of uuid_generate() in this file
+// that replaces the library's.
+
 #include <dlfcn.h>
 #include <uuid/uuid.h>
 
@@ -12,25 +17,25 @@
 #include <string>
 #include <vector>
 
-#include "tests/core/core_support.h"
-#include "tests/support/system_calls.h"
+#include "tests/core/coresupport.h"
+#include "tests/support/exceptions.h"
+#include "tests/support/systemcalls.h"
+#include "tests/support/tbtext.h"
 
 using namespace kvxtest;
 
 namespace {
 
 bool g_ScriptedUuid = false;
-std::time_t g_Now = 0;
 
 }  // namespace
 
-// Takes the place of the library's function for all callers in this program, and passes the call on unless a test wants
-// known bytes.
+// Replaces the function of libuuid for all callers in this program. Passes the call on unless a test wants known bytes.
 extern "C" __attribute__((visibility("default"))) void uuid_generate(uuid_t out) {
     if (!g_ScriptedUuid) {
         auto* const original = reinterpret_cast<void (*)(unsigned char*)>(::dlsym(RTLD_NEXT, "uuid_generate"));
         original(out);
-        EXPECT_EQ(uuid_is_null(out), 0);  // also what keeps the library linked
+        EXPECT_EQ(uuid_is_null(out), 0);  // also keeps the library linked
         return;
     }
     for (unsigned char i = 0; i < 16; ++i) {
@@ -39,18 +44,6 @@ extern "C" __attribute__((visibility("default"))) void uuid_generate(uuid_t out)
 }
 
 namespace {
-
-/// Makes `GetTimeDate` live at another time.
-class Clock {
-public:
-    explicit Clock(std::time_t now) {
-        g_Now = now;
-        m_Calls->time = [](std::time_t*) { return g_Now; };
-    }
-
-private:
-    SystemCalls m_Calls;
-};
 
 std::string encoded(std::string const& text) {
     return bytesOf(KVX_Context().Encode(stringOf(text)));
@@ -69,8 +62,6 @@ Decoded decode(std::string const& hex, unsigned long capacity) {
     std::int32_t const code = KVX_Context().HexToBuffer(stringOf(hex), buffer, &size);
     return {code, size, std::string(reinterpret_cast<char*>(buffer), sizeof buffer)};
 }
-
-}  // namespace
 
 TEST(Encode, PassesLettersAndDigitsAndEscapesEveryOtherByte) {
     for (int value = 0; value < 256; ++value) {
@@ -250,13 +241,13 @@ TEST(TimeStamp, IsTheUtcTime) {
         if (now != row.m_Now) {
             continue;  // no time where time_t has 32 bits
         }
-        Clock const clock(now);
+        FixedTime const clock(now);
         EXPECT_EQ(bytesOf(GetTimeDate(row.m_Seconds)), row.m_Expected) << row.m_Now << " " << row.m_Seconds;
     }
 }
 
 TEST(TimeStamp, IgnoresTheLocalTimeZone) {
-    Clock const clock(1706745547);
+    FixedTime const clock(1706745547);
     ::setenv("TZ", "UTC-9", 1);
     ::tzset();
     std::string const text = bytesOf(GetTimeDate(0));
@@ -289,7 +280,7 @@ TEST(TimeStamp, StaysWithinFourDigitsOfYear) {
         {-62167219201.0 - 1706745547, "00000101 00:00:00"},
         {-62167219199.0 - 1706745547, "00000101 00:00:01"},
     };
-    Clock const clock(1706745547);
+    FixedTime const clock(1706745547);
     for (Case const& row : cases) {
         EXPECT_EQ(bytesOf(GetTimeDate(row.m_Seconds)), row.m_Expected) << row.m_Seconds;
     }
@@ -301,7 +292,9 @@ TEST(TimeStamp, ComesFromTheSystemsClock) {
     std::time_t const after = ::time(nullptr);
     std::tm parts = {};
     ASSERT_NE(::strptime(text.c_str(), "%Y%m%d %H:%M:%S", &parts), nullptr) << text;
-    std::time_t const told = ::timegm(&parts);
-    EXPECT_GE(told, before);
-    EXPECT_LE(told, after);
+    std::time_t const stamped = ::timegm(&parts);
+    EXPECT_GE(stamped, before);
+    EXPECT_LE(stamped, after);
 }
+
+}  // namespace

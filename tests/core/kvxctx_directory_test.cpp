@@ -1,3 +1,8 @@
+// The directory of a context: opening, creating, defaults, options.
+//
+// Each test has a directory of its own and looks at the files and modes that a call leaves. Odd: only the last
+// directory of a path is created; the path stays set when opening fails.
+
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -5,28 +10,18 @@
 #include <filesystem>
 #include <string>
 
-#include "tests/core/core_support.h"
-#include "tests/support/system_calls.h"
+#include "tests/core/coresupport.h"
+#include "tests/support/exceptions.h"
+#include "tests/support/processes.h"
+#include "tests/support/systemcalls.h"
+#include "tests/support/tbtext.h"
+#include "tests/support/tracerecorder.h"
 
 using namespace kvxtest;
 
 namespace {
 
 constexpr char kCannotCreate[] = " (KVX_Context::CreatePath(): failed to create directory)";
-
-/// Works in another directory while it lives.
-class WorkingDirectory {
-public:
-    explicit WorkingDirectory(std::string const& path) : m_Before(std::filesystem::current_path()) {
-        std::filesystem::current_path(path);
-    }
-    WorkingDirectory(WorkingDirectory const&) = delete;
-    WorkingDirectory& operator=(WorkingDirectory const&) = delete;
-    ~WorkingDirectory() { std::filesystem::current_path(m_Before); }
-
-private:
-    std::filesystem::path m_Before;
-};
 
 mode_t modeOf(std::string const& path) {
     struct stat status = {};
@@ -42,8 +37,6 @@ std::string credentialsOf(KVX_Context& context) {
     std::string const text = bytesOf(url);
     return text.substr(7, text.find("host/") - 7);
 }
-
-}  // namespace
 
 TEST(Context, StartsWithoutAPath) {
     KVX_Context context;
@@ -65,7 +58,7 @@ TEST(Context, KeepsPathAndOptionsInACopy) {
 }
 
 TEST(OpenContext, LeavesAnExistingDirectoryUntouched) {
-    TempDir dir;
+    TemporaryDirectory dir;
     dir.write("config.xml", "x");
     ::chmod(dir.path().c_str(), 0750);
     KVX_Context context;
@@ -77,7 +70,7 @@ TEST(OpenContext, LeavesAnExistingDirectoryUntouched) {
 }
 
 TEST(OpenContext, CreatesTheLastDirectoryUnderTheUmask) {
-    TempDir dir;
+    TemporaryDirectory dir;
     mode_t const before = ::umask(027);
     KVX_Context context;
     context.Open(dir.file("account").c_str());
@@ -87,7 +80,7 @@ TEST(OpenContext, CreatesTheLastDirectoryUnderTheUmask) {
 }
 
 TEST(OpenContext, CreatesWithAllPermissionsWithoutUmask) {
-    TempDir dir;
+    TemporaryDirectory dir;
     mode_t const before = ::umask(0);
     KVX_Context().Open(dir.file("account").c_str());
     ::umask(before);
@@ -95,7 +88,7 @@ TEST(OpenContext, CreatesWithAllPermissionsWithoutUmask) {
 }
 
 TEST(OpenContext, TakesTheCurrentDirectoryForAnEmptyPathAndCreatesNothing) {
-    TempDir dir;
+    TemporaryDirectory dir;
     WorkingDirectory const here(dir.path());
     for (TbString const& path : {TbString(), TbString("")}) {
         KVX_Context context;
@@ -106,7 +99,7 @@ TEST(OpenContext, TakesTheCurrentDirectoryForAnEmptyPathAndCreatesNothing) {
 }
 
 TEST(OpenContext, KeepsATrailingSeparator) {
-    TempDir dir;
+    TemporaryDirectory dir;
     KVX_Context context;
     context.Open((dir.path() + "/").c_str());
     EXPECT_EQ(bytesOf(context.GetPath()), dir.path() + "/");
@@ -120,7 +113,7 @@ TEST(OpenContext, KeepsATrailingSeparator) {
 }
 
 TEST(OpenContext, FailsWithTheSystemsOwnErrorNumber) {
-    TempDir dir;
+    TemporaryDirectory dir;
     dir.write("file", "x");
     struct Case {
         std::string m_Path;
@@ -147,7 +140,7 @@ TEST(OpenContext, FailsWithTheSystemsOwnErrorNumber) {
 }
 
 TEST(OpenContext, TracesThePathBeforeItCreatesTheDirectory) {
-    TempDir dir;
+    TemporaryDirectory dir;
     TraceRecorder const recorder;
     KVX_Context context;
     context.Open(dir.path().c_str());
@@ -159,7 +152,7 @@ TEST(OpenContext, TracesThePathBeforeItCreatesTheDirectory) {
 }
 
 TEST(OpenContext, TracesTheCurrentDirectoryForAnEmptyPath) {
-    TempDir dir;
+    TemporaryDirectory dir;
     WorkingDirectory const here(dir.path());
     TraceRecorder const recorder;
     KVX_Context context;
@@ -169,7 +162,7 @@ TEST(OpenContext, TracesTheCurrentDirectoryForAnEmptyPath) {
 
 TEST(OpenContext, ReplacesThePathAndKeepsTheOptions) {
     Account account;
-    TempDir other;
+    TemporaryDirectory other;
     account.m_Context.SetOption("UserName", "u");
     account.m_Context.SetOption("Password", "p");
     account.m_Context.Open(other.file("second").c_str());
@@ -179,7 +172,7 @@ TEST(OpenContext, ReplacesThePathAndKeepsTheOptions) {
 }
 
 TEST(OpenContext, FailsInADirectoryThatIsTooDeepToBeNamed) {
-    TempDir dir;
+    TemporaryDirectory dir;
     std::string deep = dir.path();
     while (deep.size() < 300) {
         deep += "/" + std::string(100, 'd');
@@ -230,7 +223,7 @@ TEST(DefaultConfiguration, IsEmptyWhateverAFailureLeavesInTheBuffer) {
 TEST(CreatePath, AcceptsADirectoryThatAnotherProcessJustCreated) {
     static int s_Looked = 0;
     s_Looked = 0;
-    TempDir dir;
+    TemporaryDirectory dir;
     SystemCalls calls;
     calls->opendir = [](char const* path) -> DIR* {
         if (s_Looked++ == 0) {
@@ -247,7 +240,7 @@ TEST(CreatePath, AcceptsADirectoryThatAnotherProcessJustCreated) {
 TEST(CreatePath, LooksOnceMoreAndThenFails) {
     static int s_Looked = 0;
     s_Looked = 0;
-    TempDir dir;
+    TemporaryDirectory dir;
     SystemCalls calls;
     calls->opendir = [](char const*) -> DIR* {
         ++s_Looked;
@@ -266,7 +259,7 @@ TEST(CreatePath, ReportsTheErrorOfTheCreation) {
         errno = ENOSPC;
         return -1;
     };
-    TempDir dir;
+    TemporaryDirectory dir;
     KVX_Context context;
     Thrown const failure = thrown([&] { context.CreatePath(dir.file("x").c_str()); });
     EXPECT_EQ(failure.m_Code, ENOSPC);
@@ -274,7 +267,7 @@ TEST(CreatePath, ReportsTheErrorOfTheCreation) {
 }
 
 TEST(CreatePath, LeavesNoDirectoryOpen) {
-    TempDir dir;
+    TemporaryDirectory dir;
     auto const before = countDescriptors();
     for (int i = 0; i < 10; ++i) {
         KVX_Context().CreatePath(dir.path().c_str());
@@ -320,3 +313,5 @@ TEST(LogMessage, IsWrittenNowhere) {
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
+
+}  // namespace

@@ -1,24 +1,23 @@
+// Messages: creating, attributes, opening signed texts, payment URLs, text form.
+//
+// The merchant of most tests holds both keys, so a test can sign as either side. Odd: a message of any type is accepted
+// when its signature is right.
+
 #include <filesystem>
 #include <iterator>
 #include <string>
 
-#include "tests/core/core_support.h"
+#include "tests/core/coresupport.h"
+#include "tests/support/encodings.h"
+#include "tests/support/exceptions.h"
+#include "tests/support/tbtext.h"
+#include "tests/support/testdata.h"
 
 using namespace kvxtest;
 
 namespace {
 
 constexpr char kConfirmation[] = "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"server\" TOKEN=\"t\"/>";
-
-/// An account with its own current key "own" and the server's key "server", both the test key.
-struct Merchant : Account {
-    Merchant() {
-        writeOwnKey("own");
-        writeServerKey("server");
-        write("keys/current", "own");
-        write("config.xml", "<KVX VTURL=\"https://pay.example/page\" CAPTUREURL=\"http://pay.example/capture\"/>");
-    }
-};
 
 std::string textOf(KVX_Message const& message) {
     TbString text("no element");
@@ -32,11 +31,6 @@ std::string attribute(KVX_Message& message, char const* name) {
     return bytesOf(value);
 }
 
-std::int32_t opened(Account& account, std::string const& data, std::string const& signature) {
-    KVX_Message message;
-    return thrownCode([&] { message.Open(&account.m_Context, stringOf(data), stringOf(signature)); });
-}
-
 void expectFailure(std::function<void()> const& call, std::int32_t code, std::string const& text) {
     Thrown const failure = thrown(call);
     EXPECT_EQ(failure.m_Code, code);
@@ -44,7 +38,20 @@ void expectFailure(std::function<void()> const& call, std::int32_t code, std::st
     EXPECT_EQ(failure.m_File, "kvxctx");
 }
 
-}  // namespace
+class MessagesTest : public testing::Test, protected Merchant {
+protected:
+    std::int32_t opened(std::string const& data, std::string const& signature) {
+        KVX_Message message;
+        return thrownCode([&] { message.Open(&m_Context, stringOf(data), stringOf(signature)); });
+    }
+};
+
+class CreateMessage : public MessagesTest {};
+class Message : public MessagesTest {};
+class MessageAttributes : public MessagesTest {};
+class OpenMessage : public MessagesTest {};
+class MessageUrl : public MessagesTest {};
+class MessageText : public MessagesTest {};
 
 TEST(AttributeNames, AreTheEightThatPaymentsTakeFromTheDefaults) {
     char const* const expected[] = {"ALLOWCOLLECT",  "DELIVERY",        "LANGID",   "SUCCESSLINK",
@@ -55,10 +62,9 @@ TEST(AttributeNames, AreTheEightThatPaymentsTakeFromTheDefaults) {
     EXPECT_EQ(AttributeNames[8], nullptr);
 }
 
-TEST(CreateMessage, StartsWithTypeAndKey) {
-    Merchant account;
+TEST_F(CreateMessage, StartsWithTypeAndKey) {
     KVX_Message message;
-    message.Create(&account.m_Context, "PayInit");
+    message.Create(&m_Context, "PayInit");
     EXPECT_EQ(textOf(message), "<KVX MSGTYPE=\"PayInit\" KEYID=\"own\"/>");
     message.SetAttribute("AMOUNT", "12.50");
     message.SetAttribute("TEXT", "a & \"b\" <c>");
@@ -68,66 +74,60 @@ TEST(CreateMessage, StartsWithTypeAndKey) {
               "<KVX MSGTYPE=\"Changed\" KEYID=\"other\" AMOUNT=\"12.50\" TEXT=\"a &amp; &quot;b&quot; &lt;c&gt;\"/>");
 }
 
-TEST(CreateMessage, AddsThePathToACompletionOnly) {
-    Merchant account;
+TEST_F(CreateMessage, AddsThePathToACompletionOnly) {
     KVX_Message message;
-    message.Create(&account.m_Context, "PayComplete");
-    EXPECT_EQ(textOf(message),
-              "<KVX MSGTYPE=\"PayComplete\" KEYID=\"own\" CONFIGPATH=\"" + account.m_Dir.path() + "\"/>");
+    message.Create(&m_Context, "PayComplete");
+    EXPECT_EQ(textOf(message), "<KVX MSGTYPE=\"PayComplete\" KEYID=\"own\" CONFIGPATH=\"" + m_Dir.path() + "\"/>");
     for (char const* type : {"PayInit", "PayConfirm", "paycomplete", "PayCompleted", "ERROR", ""}) {
-        message.Create(&account.m_Context, type);
+        message.Create(&m_Context, type);
         EXPECT_EQ(textOf(message), std::string("<KVX MSGTYPE=\"") + type + "\" KEYID=\"own\"/>");
     }
 }
 
-TEST(CreateMessage, TakesTheWholeContentOfTheCurrentKeyFile) {
-    Merchant account;
+TEST_F(CreateMessage, TakesTheWholeContentOfTheCurrentKeyFile) {
     KVX_Message message;
-    account.write("keys/current", "own\n");
-    message.Create(&account.m_Context, "PayInit");
+    write("keys/current", "own\n");
+    message.Create(&m_Context, "PayInit");
     EXPECT_EQ(attribute(message, "KEYID"), "own\n");
-    account.write("keys/current", "");
-    message.Create(&account.m_Context, "PayInit");
+    write("keys/current", "");
+    message.Create(&m_Context, "PayInit");
     EXPECT_EQ(textOf(message), "<KVX MSGTYPE=\"PayInit\" KEYID=\"\"/>");
     TbString url;
     EXPECT_EQ(thrownCode([&] { message.GetURL(url); }), KVX_E_NOT_FOUND) << "signing with no key fails";
 }
 
-TEST(CreateMessage, KeepsAPayInitBehindWhenTheCurrentKeyIsMissing) {
-    Merchant account;
-    std::filesystem::remove(account.m_Dir.file("keys/current"));
+TEST_F(CreateMessage, KeepsAPayInitBehindWhenTheCurrentKeyIsMissing) {
+    std::filesystem::remove(m_Dir.file("keys/current"));
     KVX_Message message;
-    Thrown const failure = thrown([&] { message.Create(&account.m_Context, "PayComplete"); });
+    Thrown const failure = thrown([&] { message.Create(&m_Context, "PayComplete"); });
     EXPECT_EQ(failure.m_Code, KVX_E_CANNOT_OPEN);
     EXPECT_EQ(failure.m_File, "kvxurl");
     EXPECT_EQ(textOf(message), "<KVX MSGTYPE=\"PayInit\"/>");
 }
 
-TEST(CreateMessage, DropsTheMessageBefore) {
-    Merchant account;
+TEST_F(CreateMessage, DropsTheMessageBefore) {
     KVX_Message message;
-    message.Create(&account.m_Context, "PayInit");
+    message.Create(&m_Context, "PayInit");
     message.SetAttribute("A", "1");
-    message.Create(&account.m_Context, "PayInit");
+    message.Create(&m_Context, "PayInit");
     EXPECT_EQ(textOf(message), "<KVX MSGTYPE=\"PayInit\" KEYID=\"own\"/>");
     KVX_Context unopened;
     EXPECT_EQ(thrownCode([&] { message.Create(&unopened, "PayInit"); }), KVX_E_NO_CONTEXT);
     EXPECT_EQ(textOf(message), "<KVX MSGTYPE=\"PayInit\"/>");
 }
 
-TEST(Message, GuardsAgainstAMissingContext) {
+TEST_F(Message, GuardsAgainstAMissingContext) {
     KVX_Message message;
     expectFailure([&] { message.Create(nullptr, "PayInit"); }, KVX_E_NO_CONTEXT, "no context present");
     expectFailure([&] { message.Open(nullptr, kConfirmation, "00"); }, KVX_E_NO_CONTEXT, "no context present");
     expectFailure([&] { message.FromString("<KVX/>"); }, KVX_E_NO_CONTEXT, "no context present");
 }
 
-TEST(Message, IsNotReadyBeforeItHasAnElement) {
-    Merchant account;
+TEST_F(Message, IsNotReadyBeforeItHasAnElement) {
     KVX_Message fresh;
-    KVX_Message bound(&account.m_Context);
+    KVX_Message bound(&m_Context);
     KVX_Message failed;
-    EXPECT_EQ(thrownCode([&] { failed.Open(&account.m_Context, "no message", ""); }), KVX_E_INVALID_FORMAT);
+    EXPECT_EQ(thrownCode([&] { failed.Open(&m_Context, "no message", ""); }), KVX_E_INVALID_FORMAT);
     for (KVX_Message* message : {&fresh, &bound, &failed}) {
         TbString value("untouched");
         expectFailure([&] { message->SetAttribute("A", "1"); }, KVX_E_UNEXPECTED, "unexpected error");
@@ -141,10 +141,9 @@ TEST(Message, IsNotReadyBeforeItHasAnElement) {
     }
 }
 
-TEST(MessageAttributes, AreReadBackOrMissing) {
-    Merchant account;
+TEST_F(MessageAttributes, AreReadBackOrMissing) {
     KVX_Message message;
-    message.Create(&account.m_Context, "PayInit");
+    message.Create(&m_Context, "PayInit");
     message.SetAttribute("EMPTY", "");
     message.SetAttribute("TEXT", "<\xE9&'\">");
     EXPECT_EQ(attribute(message, "EMPTY"), "");
@@ -155,145 +154,130 @@ TEST(MessageAttributes, AreReadBackOrMissing) {
     EXPECT_EQ(thrownCode([&] { message.GetAttribute("empty", value); }), KVX_E_NOT_FOUND);
 }
 
-TEST(OpenMessage, AcceptsWhatTheServerSigned) {
-    Merchant account;
+TEST_F(OpenMessage, AcceptsWhatTheServerSigned) {
     KVX_Message message;
-    message.Open(&account.m_Context, dataFile("signing/confirm.txt").c_str(),
-                 hexFile("signing/confirm.signature.hex").c_str());
+    message.Open(&m_Context, dataText("signing/confirm.txt").c_str(), dataHex("signing/confirm.signature.hex").c_str());
     EXPECT_EQ(attribute(message, "TOKEN"), "t-1");
     EXPECT_EQ(attribute(message, "SHOP"), "Caf\xE9");
     EXPECT_EQ(textOf(message),
               "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"server\" TOKEN=\"t-1\" SHOP=\"Caf\xE9\" CONFIGPATH=\"" +
-                  account.m_Dir.path() + "\"/>");
+                  m_Dir.path() + "\"/>");
 }
 
-TEST(OpenMessage, AddsThePathToAConfirmationOnlyAndAfterVerifying) {
-    Merchant account;
+TEST_F(OpenMessage, AddsThePathToAConfirmationOnlyAndAfterVerifying) {
     for (char const* type : {"PayConfirm", "PayInit", "payconfirm", "Error", ""}) {
         std::string const text = std::string("<KVX MSGTYPE=\"") + type + "\" KEYID=\"server\"/>";
         KVX_Message message;
-        message.Open(&account.m_Context, text.c_str(), signedElsewhere(text, Widening::kWithSign).c_str());
+        message.Open(&m_Context, text.c_str(), signedElsewhere(text, Widening::kWithSign).c_str());
         TbString path;
         EXPECT_EQ(thrownCode([&] { message.GetAttribute("CONFIGPATH", path); }),
                   std::string(type) == "PayConfirm" ? KVX_OK : KVX_E_NOT_FOUND)
             << type;
     }
     std::string const untyped = "<KVX KEYID=\"server\"/>";
-    EXPECT_EQ(opened(account, untyped, signedElsewhere(untyped, Widening::kWithSign)), KVX_OK);
+    EXPECT_EQ(opened(untyped, signedElsewhere(untyped, Widening::kWithSign)), KVX_OK);
 }
 
-TEST(OpenMessage, ReplacesAPathThatTheMessageBrought) {
-    Merchant account;
+TEST_F(OpenMessage, ReplacesAPathThatTheMessageBrought) {
     std::string const text = "<KVX CONFIGPATH=\"/elsewhere\" MSGTYPE=\"PayConfirm\" KEYID=\"server\"/>";
     KVX_Message message;
-    message.Open(&account.m_Context, text.c_str(), signedElsewhere(text, Widening::kWithSign).c_str());
-    EXPECT_EQ(attribute(message, "CONFIGPATH"), account.m_Dir.path());
+    message.Open(&m_Context, text.c_str(), signedElsewhere(text, Widening::kWithSign).c_str());
+    EXPECT_EQ(attribute(message, "CONFIGPATH"), m_Dir.path());
 }
 
-TEST(OpenMessage, VerifiesTheTextExactlyAsReceived) {
-    Merchant account;
+TEST_F(OpenMessage, VerifiesTheTextExactlyAsReceived) {
     std::string const text = "<KVX  MSGTYPE='PayConfirm'\n KEYID=\"server\" ></KVX>\n";
     std::string const signature = signedElsewhere(text, Widening::kWithSign);
-    EXPECT_EQ(opened(account, text, signature), KVX_OK);
+    EXPECT_EQ(opened(text, signature), KVX_OK);
     for (std::size_t at = 0; at <= text.size(); ++at) {
         std::string changed = text;
         changed.insert(at, 1, ' ');
-        std::int32_t const code = opened(account, changed, signature);
+        std::int32_t const code = opened(changed, signature);
         EXPECT_TRUE(code == KVX_E_INVALID_SIGNATURE || code == KVX_E_INVALID_FORMAT || code == KVX_E_NO_KEY_ID ||
                     code == KVX_E_NOT_FOUND)
             << at << " " << std::hex << code;
     }
     std::string shorter = text;
     shorter.pop_back();
-    EXPECT_EQ(opened(account, shorter, signature), KVX_E_INVALID_SIGNATURE);
+    EXPECT_EQ(opened(shorter, signature), KVX_E_INVALID_SIGNATURE);
 }
 
-TEST(OpenMessage, KeepsAcceptingAnyTypeAndAnyKeyOfTheDirectory) {
-    Merchant account;
+TEST_F(OpenMessage, KeepsAcceptingAnyTypeAndAnyKeyOfTheDirectory) {
     KVX_Message message;
-    message.Create(&account.m_Context, "PayInit");
+    message.Create(&m_Context, "PayInit");
     TbString url;
     message.GetURL(url);
     std::string const text = percentDecoded(queryValue(bytesOf(url), "DATA"));
-    EXPECT_EQ(opened(account, text, queryValue(bytesOf(url), "SIGNATURE")), KVX_OK)
+    EXPECT_EQ(opened(text, queryValue(bytesOf(url), "SIGNATURE")), KVX_OK)
         << "the merchant's own message: callers must look at its type";
 }
 
-TEST(OpenMessage, ChecksFormatThenSignatureThenKeyIdentifierThenKey) {
-    Merchant account;
+TEST_F(OpenMessage, ChecksFormatThenSignatureThenKeyIdentifierThenKey) {
     KVX_Message message;
-    expectFailure([&] { message.Open(&account.m_Context, "no message", ""); }, KVX_E_INVALID_FORMAT,
-                  "invalid file format");
-    Thrown const unsignedMessage = thrown([&] { message.Open(&account.m_Context, "<KVX/>", ""); });
+    expectFailure([&] { message.Open(&m_Context, "no message", ""); }, KVX_E_INVALID_FORMAT, "invalid file format");
+    Thrown const unsignedMessage = thrown([&] { message.Open(&m_Context, "<KVX/>", ""); });
     EXPECT_EQ(unsignedMessage.m_Code, KVX_E_MISSING_SIGNATURE);
     EXPECT_EQ(unsignedMessage.m_Text, "missing signature");
     EXPECT_EQ(unsignedMessage.m_File, "kvxctx");
     EXPECT_EQ(unsignedMessage.m_Line, 722);
-    expectFailure([&] { message.Open(&account.m_Context, "<KVX/>", "g"); }, KVX_E_NO_KEY_ID,
-                  "no key identifier specified");
-    expectFailure([&] { message.Open(&account.m_Context, "<KVX KEYID=\"unknown\"/>", "g"); }, KVX_E_NOT_FOUND,
+    expectFailure([&] { message.Open(&m_Context, "<KVX/>", "g"); }, KVX_E_NO_KEY_ID, "no key identifier specified");
+    expectFailure([&] { message.Open(&m_Context, "<KVX KEYID=\"unknown\"/>", "g"); }, KVX_E_NOT_FOUND,
                   "requested item was not found");
-    expectFailure([&] { message.Open(&account.m_Context, "<KVX KEYID=\"server\"/>", "g"); }, KVX_E_INVALID_KEY,
+    expectFailure([&] { message.Open(&m_Context, "<KVX KEYID=\"server\"/>", "g"); }, KVX_E_INVALID_KEY,
                   "invalid key blob");
-    expectFailure([&] { message.Open(&account.m_Context, "<KVX KEYID=\"server\"/>", "00"); }, KVX_E_INVALID_SIGNATURE,
+    expectFailure([&] { message.Open(&m_Context, "<KVX KEYID=\"server\"/>", "00"); }, KVX_E_INVALID_SIGNATURE,
                   "invalid signature");
 }
 
-TEST(OpenMessage, GoesOnWithAnEmptyKeyIdentifier) {
-    Merchant account;
-    EXPECT_EQ(opened(account, "<KVX KEYID=\"\"/>", "00"), KVX_E_NOT_FOUND);
+TEST_F(OpenMessage, GoesOnWithAnEmptyKeyIdentifier) {
+    EXPECT_EQ(opened("<KVX KEYID=\"\"/>", "00"), KVX_E_NOT_FOUND);
 }
 
-TEST(OpenMessage, HasNoElementAfterAFailure) {
-    Merchant account;
+TEST_F(OpenMessage, HasNoElementAfterAFailure) {
     for (char const* data : {"<KVX/>", "<KVX KEYID=\"server\"/>", "no message"}) {
         KVX_Message message;
-        message.Create(&account.m_Context, "PayInit");
-        EXPECT_NE(thrownCode([&] { message.Open(&account.m_Context, data, "00"); }), KVX_OK);
+        message.Create(&m_Context, "PayInit");
+        EXPECT_NE(thrownCode([&] { message.Open(&m_Context, data, "00"); }), KVX_OK);
         EXPECT_EQ(textOf(message), "no element");
     }
 }
 
-TEST(OpenMessage, KeepsTheKeyIdentifierOfAnEarlierCreation) {
-    Merchant account;
+TEST_F(OpenMessage, KeepsTheKeyIdentifierOfAnEarlierCreation) {
     KVX_Message message;
-    message.Create(&account.m_Context, "ERROR");
+    message.Create(&m_Context, "ERROR");
     std::string const text = kConfirmation;
-    message.Open(&account.m_Context, text.c_str(), signedElsewhere(text, Widening::kWithSign).c_str());
+    message.Open(&m_Context, text.c_str(), signedElsewhere(text, Widening::kWithSign).c_str());
     TbString url;
     EXPECT_NO_THROW(message.GetURL(url)) << "it still signs with the own key";
     message.FromString("<KVX KEYID=\"x\"/>");
     EXPECT_EQ(attribute(message, "KEYID"), "own");
 }
 
-TEST(OpenMessage, HasNoKeyForIdentifiersThatLeaveTheDirectory) {
-    Merchant account;
-    TempDir attacker;
-    attacker.write("key", hexFile("rsa/key512.public.hex"));
-    std::string const relative = std::filesystem::relative(attacker.file("key"), account.m_Dir.file("keys/public"));
-    account.write("key", hexFile("rsa/key512.public.hex"));
+TEST_F(OpenMessage, HasNoKeyForIdentifiersThatLeaveTheDirectory) {
+    TemporaryDirectory attacker;
+    attacker.write("key", dataHex("rsa/key512.public.hex"));
+    std::string const relative = std::filesystem::relative(attacker.file("key"), m_Dir.file("keys/public"));
+    write("key", dataHex("rsa/key512.public.hex"));
     for (std::string const& keyId :
          {relative, std::string("../../key"), std::string("../public/server"), std::string("./server"),
           std::string("/server"), std::string("a/b"), std::string("."), std::string(".."), std::string("server\0", 7),
           std::string("\0", 1), std::string("server\0/../x", 12)}) {
         std::string const text = "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"" + keyId + "\"/>";
-        EXPECT_EQ(opened(account, text, signedElsewhere(text, Widening::kWithSign)), KVX_E_NOT_FOUND) << keyId;
+        EXPECT_EQ(opened(text, signedElsewhere(text, Widening::kWithSign)), KVX_E_NOT_FOUND) << keyId;
     }
 }
 
-TEST(OpenMessage, ReadsEveryOtherOddIdentifierAsAFileName) {
-    Merchant account;
+TEST_F(OpenMessage, ReadsEveryOtherOddIdentifierAsAFileName) {
     for (char const* keyId : {"...", "..x", ".hidden", "a b", "x\\y", "-", "\xC3\xA9"}) {
-        account.writeServerKey(keyId);
+        writeServerKey(keyId);
         std::string const text = std::string("<KVX KEYID=\"") + keyId + "\"/>";
-        EXPECT_EQ(opened(account, text, signedElsewhere(text, Widening::kWithSign)), KVX_OK) << keyId;
+        EXPECT_EQ(opened(text, signedElsewhere(text, Widening::kWithSign)), KVX_OK) << keyId;
     }
 }
 
-TEST(MessageUrl, HoldsTheSignedTextAndTheSignature) {
-    Merchant account;
+TEST_F(MessageUrl, HoldsTheSignedTextAndTheSignature) {
     KVX_Message message;
-    message.Create(&account.m_Context, "PayInit");
+    message.Create(&m_Context, "PayInit");
     message.SetAttribute("AMOUNT", "12.50");
     TbString url;
     message.GetURL(url);
@@ -306,10 +290,9 @@ TEST(MessageUrl, HoldsTheSignedTextAndTheSignature) {
             signedElsewhere(text, Widening::kWithoutSign));
 }
 
-TEST(MessageUrl, EscapesEverythingThatIsNoLetterOrDigit) {
-    Merchant account;
+TEST_F(MessageUrl, EscapesEverythingThatIsNoLetterOrDigit) {
     KVX_Message message;
-    message.Create(&account.m_Context, "PayInit");
+    message.Create(&m_Context, "PayInit");
     std::string all = " &=?#/+";
     for (int value = 1; value < 256; ++value) {
         all += static_cast<char>(value);
@@ -324,21 +307,19 @@ TEST(MessageUrl, EscapesEverythingThatIsNoLetterOrDigit) {
     EXPECT_EQ(attribute(message, "TEXT"), all);
 }
 
-TEST(MessageUrl, CarriesTheSessionsCredentials) {
-    Merchant account;
-    account.m_Context.SetOption("UserName", "u");
-    account.m_Context.SetOption("Password", "p");
+TEST_F(MessageUrl, CarriesTheSessionsCredentials) {
+    m_Context.SetOption("UserName", "u");
+    m_Context.SetOption("Password", "p");
     KVX_Message message;
-    message.Create(&account.m_Context, "PayInit");
+    message.Create(&m_Context, "PayInit");
     TbString url;
     message.GetURL(url);
     EXPECT_EQ(bytesOf(url).rfind("https://u:p@pay.example/page?DATA=", 0), 0U);
 }
 
-TEST(MessageUrl, IsWholeWhateverTheStringHeldBefore) {
-    Merchant account;
+TEST_F(MessageUrl, IsWholeWhateverTheStringHeldBefore) {
     KVX_Message message;
-    message.Create(&account.m_Context, "PayInit");
+    message.Create(&m_Context, "PayInit");
     TbString fresh;
     message.GetURL(fresh);
     TbString reused(std::string(10, 'x').c_str());
@@ -348,42 +329,39 @@ TEST(MessageUrl, IsWholeWhateverTheStringHeldBefore) {
     EXPECT_EQ(bytesOf(reused), bytesOf(fresh));
 }
 
-TEST(MessageUrl, NeedsTheAddressBeforeTheKey) {
-    Merchant account;
+TEST_F(MessageUrl, NeedsTheAddressBeforeTheKey) {
     KVX_Message message;
-    message.Create(&account.m_Context, "PayInit");
-    std::filesystem::remove_all(account.m_Dir.file("keys"));
+    message.Create(&m_Context, "PayInit");
+    std::filesystem::remove_all(m_Dir.file("keys"));
     TbString url("untouched");
     for (char const* configuration : {"<KVX/>", "<KVX VTURL=\"\"/>", "<KVX CAPTUREURL=\"http://x/\"/>"}) {
-        account.write("config.xml", configuration);
+        write("config.xml", configuration);
         expectFailure([&] { message.GetURL(url); }, KVX_E_NO_CONFIGURATION, "no configuration found");
     }
-    account.write("config.xml", "<KVX VTURL=\"no scheme\"/>");
+    write("config.xml", "<KVX VTURL=\"no scheme\"/>");
     EXPECT_EQ(thrownCode([&] { message.GetURL(url); }), KVX_E_NOT_FOUND) << "the key comes before the address is used";
-    account.writeOwnKey("own");
+    writeOwnKey("own");
     EXPECT_EQ(thrownCode([&] { message.GetURL(url); }), KVX_E_INVALID_URL);
-    account.write("config.xml", "<KVX");
+    write("config.xml", "<KVX");
     EXPECT_EQ(thrownCode([&] { message.GetURL(url); }), KVX_E_INVALID_FORMAT);
-    std::filesystem::remove(account.m_Dir.file("config.xml"));
+    std::filesystem::remove(m_Dir.file("config.xml"));
     EXPECT_EQ(thrownCode([&] { message.GetURL(url); }), KVX_E_CANNOT_OPEN);
     EXPECT_EQ(bytesOf(url), "untouched");
 }
 
-TEST(MessageUrl, KeepsUsingTheKeyThatWasCurrentAtTheCreation) {
-    Merchant account;
+TEST_F(MessageUrl, KeepsUsingTheKeyThatWasCurrentAtTheCreation) {
     KVX_Message message;
-    message.Create(&account.m_Context, "PayInit");
-    account.write("keys/current", "next");
+    message.Create(&m_Context, "PayInit");
+    write("keys/current", "next");
     TbString url;
     EXPECT_NO_THROW(message.GetURL(url));
     message.SetAttribute("KEYID", "server");
     EXPECT_NO_THROW(message.GetURL(url)) << "the attribute does not choose the key";
 }
 
-TEST(MessageText, IsReplacedAndGetsTheKeyIdentifierHeld) {
-    Merchant account;
+TEST_F(MessageText, IsReplacedAndGetsTheKeyIdentifierHeld) {
     KVX_Message message;
-    message.Create(&account.m_Context, "ERROR");
+    message.Create(&m_Context, "ERROR");
     message.FromString("<KVX KEYID=\"x\" MSGTYPE=\"PayConfirm\"/>");
     EXPECT_EQ(textOf(message), "<KVX KEYID=\"own\" MSGTYPE=\"PayConfirm\"/>");
     message.FromString("<KVX MSGTYPE=\"PayConfirm\"><A/></KVX>");
@@ -395,10 +373,11 @@ TEST(MessageText, IsReplacedAndGetsTheKeyIdentifierHeld) {
     EXPECT_EQ(textOf(bound), "<KVX KEYID=\"\"/>");
 }
 
-TEST(MessageText, IsDroppedBeforeABadOneIsParsed) {
-    Merchant account;
+TEST_F(MessageText, IsDroppedBeforeABadOneIsParsed) {
     KVX_Message message;
-    message.Create(&account.m_Context, "ERROR");
+    message.Create(&m_Context, "ERROR");
     expectFailure([&] { message.FromString("no message"); }, KVX_E_INVALID_FORMAT, "invalid file format");
     EXPECT_EQ(textOf(message), "no element");
 }
+
+}  // namespace

@@ -1,20 +1,24 @@
+// Captures and requests: the request that is sent, and every kind of response.
+//
+// A scripted server gives one response after the other and records the requests, which are compared byte for byte. Odd:
+// a failed request keeps the changed message type.
+
 #include <filesystem>
 #include <string>
 
-#include "tests/core/core_support.h"
+#include "tests/core/coresupport.h"
+#include "tests/support/encodings.h"
+#include "tests/support/exceptions.h"
+#include "tests/support/tbtext.h"
 
 using namespace kvxtest;
 
 namespace {
 
 /// A merchant whose capture address is the server's.
-struct Merchant : Account {
-    explicit Merchant(ExchangeServer const& server) {
-        writeOwnKey("own");
-        writeServerKey("server");
-        write("keys/current", "own");
-        write("config.xml", "<KVX CAPTUREURL=\"" + server.url("/capture") + "\"/>");
-    }
+struct ServedMerchant : Merchant {
+    explicit ServedMerchant(ExchangeServer const& server)
+        : Merchant("<KVX CAPTUREURL=\"" + server.url("/capture") + "\"/>") {}
 };
 
 /// A confirmation as a merchant captures it: created first, then filled.
@@ -33,7 +37,7 @@ constexpr char kCaptured[] = "<KVX MSGTYPE=\"PayConfirm\" STATUS=\"captured\"/>"
 constexpr char kCompleted[] = "<KVX MSGTYPE=\"PayCompleteResponse\" STATUS=\"done\"/>";
 
 struct Refusal {
-    char const* m_Answer;
+    char const* m_Response;
     std::int32_t m_Code;
 };
 
@@ -47,16 +51,14 @@ constexpr Refusal kRefusals[] = {
     {"HTTP/1.0 503 Busy\r\n\r\n", KVX_E_HTTP_UNAVAILABLE},
 };
 
-}  // namespace
-
 TEST(Capture, SendsTheMessageAsItIs) {
     ExchangeServer server({kCaptured});
-    Merchant account(server);
+    ServedMerchant account(server);
     KVX_Message message;
     fill(message, account, "<KVX MSGTYPE=\"PayConfirm\" TOKEN=\"t &amp; u\"/>");
     std::string const text = "<KVX MSGTYPE=\"PayConfirm\" TOKEN=\"t &amp; u\" KEYID=\"own\"/>";
     message.Capture();
-    EXPECT_EQ(textOf(message), text) << "the answer is dropped";
+    EXPECT_EQ(textOf(message), text) << "the response is dropped";
     EXPECT_EQ(
         server.requests(),
         std::vector<std::string>{
@@ -68,7 +70,7 @@ TEST(Capture, SendsTheMessageAsItIs) {
 
 TEST(Capture, NeedsATokenButNoValueInIt) {
     ExchangeServer server({kCaptured});
-    Merchant account(server);
+    ServedMerchant account(server);
     KVX_Message message;
     fill(message, account, "<KVX MSGTYPE=\"PayConfirm\"/>");
     Thrown const failure = thrown([&] { message.Capture(); });
@@ -83,7 +85,7 @@ TEST(Capture, NeedsATokenButNoValueInIt) {
 
 TEST(Capture, LooksForTheAddressBeforeTheToken) {
     ExchangeServer server({kCaptured});
-    Merchant account(server);
+    ServedMerchant account(server);
     KVX_Message message;
     for (char const* configuration : {"<KVX/>", "<KVX CAPTUREURL=\"\"/>", "<KVX VTURL=\"http://x/\"/>"}) {
         account.write("config.xml", configuration);
@@ -103,7 +105,7 @@ TEST(Capture, LooksForTheAddressBeforeTheToken) {
 
 TEST(Capture, FailsInSigningForAMessageThatWasOnlyOpened) {
     ExchangeServer server({kCaptured});
-    Merchant account(server);
+    ServedMerchant account(server);
     std::string const text = "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"server\" TOKEN=\"t\"/>";
     KVX_Message message;
     message.Open(&account.m_Context, text.c_str(), signedElsewhere(text, Widening::kWithSign).c_str());
@@ -113,7 +115,7 @@ TEST(Capture, FailsInSigningForAMessageThatWasOnlyOpened) {
 
 TEST(Capture, SendsNothingWhenSigningFails) {
     ExchangeServer server({kCaptured});
-    Merchant account(server);
+    ServedMerchant account(server);
     KVX_Message message;
     fill(message, account, "<KVX MSGTYPE=\"PayConfirm\" TOKEN=\"t\"/>");
     account.write("keys/private/own", "no key");
@@ -128,14 +130,14 @@ TEST(Capture, SendsNothingWhenSigningFails) {
 
 TEST(Capture, AcceptsAConfirmationAlone) {
     for (Refusal const& row : kRefusals) {
-        ExchangeServer server({row.m_Answer});
-        Merchant account(server);
+        ExchangeServer server({row.m_Response});
+        ServedMerchant account(server);
         KVX_Message message;
         fill(message, account, "<KVX MSGTYPE=\"PayConfirm\" TOKEN=\"t\"/>");
-        EXPECT_EQ(thrownCode([&] { message.Capture(); }), row.m_Code) << row.m_Answer;
+        EXPECT_EQ(thrownCode([&] { message.Capture(); }), row.m_Code) << row.m_Response;
     }
     ExchangeServer server({"<KVX MSGTYPE=\"Error\" MESSAGE=\"expired\"/>"});
-    Merchant account(server);
+    ServedMerchant account(server);
     KVX_Message message;
     fill(message, account, "<KVX MSGTYPE=\"PayConfirm\" TOKEN=\"t\"/>");
     EXPECT_EQ(thrown([&] { message.Capture(); }).m_Text, "the request failed (expired)");
@@ -143,7 +145,7 @@ TEST(Capture, AcceptsAConfirmationAlone) {
 
 TEST(Capture, SendsAnyTypeUnchanged) {
     ExchangeServer server({kCaptured});
-    Merchant account(server);
+    ServedMerchant account(server);
     KVX_Message message;
     fill(message, account, "<KVX MSGTYPE=\"Whatever\" TOKEN=\"t\"/>");
     message.Capture();
@@ -152,7 +154,7 @@ TEST(Capture, SendsAnyTypeUnchanged) {
 
 TEST(Request, SendsTheRequestTypeAndTakesTheResponse) {
     ExchangeServer server({kCompleted});
-    Merchant account(server);
+    ServedMerchant account(server);
     KVX_Message message;
     message.Create(&account.m_Context, "PayComplete");
     message.SetAttribute("ID", "17");
@@ -169,7 +171,7 @@ TEST(Request, SendsTheRequestTypeAndTakesTheResponse) {
 
 TEST(Request, KeepsTheChangedTypeForASecondOne) {
     ExchangeServer server({kCompleted, "<KVX MSGTYPE=\"PayCompleteRequestResponse\"/>"});
-    Merchant account(server);
+    ServedMerchant account(server);
     KVX_Message message;
     message.Create(&account.m_Context, "PayComplete");
     KVX_Message response;
@@ -181,7 +183,7 @@ TEST(Request, KeepsTheChangedTypeForASecondOne) {
 
 TEST(Request, WorksWithoutAType) {
     ExchangeServer server({"<KVX MSGTYPE=\"Response\"/>"});
-    Merchant account(server);
+    ServedMerchant account(server);
     KVX_Message message;
     fill(message, account, "<KVX A=\"1\"/>");
     KVX_Message response;
@@ -191,7 +193,7 @@ TEST(Request, WorksWithoutAType) {
 
 TEST(Request, ChangesTheTypeBeforeItLooksForTheAddress) {
     ExchangeServer server({kCompleted});
-    Merchant account(server);
+    ServedMerchant account(server);
     KVX_Message response;
     response.Create(&account.m_Context, "before");
     for (char const* configuration : {"<KVX/>", "<KVX CAPTUREURL=\"\"/>"}) {
@@ -209,13 +211,13 @@ TEST(Request, ChangesTheTypeBeforeItLooksForTheAddress) {
 
 TEST(Request, LeavesTheResponseAloneOnFailure) {
     for (Refusal const& row : kRefusals) {
-        ExchangeServer server({row.m_Answer});
-        Merchant account(server);
+        ExchangeServer server({row.m_Response});
+        ServedMerchant account(server);
         KVX_Message message;
         message.Create(&account.m_Context, "PayComplete");
         KVX_Message response;
         response.Create(&account.m_Context, "before");
-        EXPECT_EQ(thrownCode([&] { message.Request(response); }), row.m_Code) << row.m_Answer;
+        EXPECT_EQ(thrownCode([&] { message.Request(response); }), row.m_Code) << row.m_Response;
         EXPECT_EQ(textOf(response), "<KVX MSGTYPE=\"before\" KEYID=\"own\"/>");
         EXPECT_NE(textOf(message).find("MSGTYPE=\"PayCompleteRequest\""), std::string::npos);
     }
@@ -223,7 +225,7 @@ TEST(Request, LeavesTheResponseAloneOnFailure) {
 
 TEST(Request, ExpectsTheOriginalTypeWithResponse) {
     ExchangeServer server({"<KVX MSGTYPE=\"PayCompleteRequestResponse\"/>"});
-    Merchant account(server);
+    ServedMerchant account(server);
     KVX_Message message;
     message.Create(&account.m_Context, "PayComplete");
     KVX_Message response;
@@ -234,7 +236,7 @@ TEST(Request, ExpectsTheOriginalTypeWithResponse) {
 
 TEST(Request, SendsNothingWhenSigningFails) {
     ExchangeServer server({kCompleted});
-    Merchant account(server);
+    ServedMerchant account(server);
     KVX_Message message;
     message.Create(&account.m_Context, "PayComplete");
     std::filesystem::remove(account.m_Dir.file("keys/private/own"));
@@ -245,8 +247,8 @@ TEST(Request, SendsNothingWhenSigningFails) {
 
 TEST(Request, LeavesContextAndKeyOfTheResponseAlone) {
     ExchangeServer server({kCompleted});
-    Merchant account(server);
-    Merchant other(server);
+    ServedMerchant account(server);
+    ServedMerchant other(server);
     other.write("keys/current", "other");
     KVX_Message message;
     message.Create(&account.m_Context, "PayComplete");
@@ -264,9 +266,11 @@ TEST(Request, LeavesContextAndKeyOfTheResponseAlone) {
 
 TEST(Request, MayTakeItsAnswerItself) {
     ExchangeServer server({kCompleted});
-    Merchant account(server);
+    ServedMerchant account(server);
     KVX_Message message;
     message.Create(&account.m_Context, "PayComplete");
     message.Request(message);
     EXPECT_EQ(textOf(message), kCompleted);
 }
+
+}  // namespace

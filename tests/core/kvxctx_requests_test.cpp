@@ -1,6 +1,13 @@
+// Request URLs and the check of a response's message type.
+//
+// URLs are compared as a whole. Odd: a signature is appended only when there is one, and the type of a response is
+// matched by its exact text.
+
 #include <string>
 
-#include "tests/core/core_support.h"
+#include "tests/core/coresupport.h"
+#include "tests/support/exceptions.h"
+#include "tests/support/tbtext.h"
 
 using namespace kvxtest;
 
@@ -28,8 +35,6 @@ Thrown checked(std::string const& response, std::string const& expected) {
     holder.adopt(parsed);
     return thrown([&] { KVX_Context().CheckResponseMsgType(holder.get(), stringOf(expected)); });
 }
-
-}  // namespace
 
 TEST(RequestToUrl, JoinsBaseMessageAndSignature) {
     KVX_Context context;
@@ -162,3 +167,5 @@ TEST(CheckResponseMsgType, NamesBothTypesWhenTheyDiffer) {
         EXPECT_EQ(failure.m_File, "kvxctx");
     }
 }
+
+}  // namespace

@@ -1,11 +1,19 @@
+// Proxy and trace settings, and directories whose name looks like a URL.
+//
+// No test reaches the network: the system call that connects is replaced, records the address and refuses. Odd:
+// settings are read again for every exchange.
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
 #include <filesystem>
 #include <string>
 
-#include "tests/core/core_support.h"
-#include "tests/support/system_calls.h"
+#include "tests/core/coresupport.h"
+#include "tests/support/exceptions.h"
+#include "tests/support/smallstack.h"
+#include "tests/support/systemcalls.h"
+#include "tests/support/tbtext.h"
 
 using namespace kvxtest;
 
@@ -14,7 +22,7 @@ namespace {
 int g_Port = 0;
 int g_Connections = 0;
 
-/// Notes whom the component would connect to, and refuses.
+/// Records the addresses of all connection attempts and refuses them.
 class NoNetwork {
 public:
     NoNetwork() {
@@ -36,8 +44,6 @@ std::int32_t fetchCode(KVX_Context& context, char const* url = "http://127.0.0.1
     TbStringStream out;
     return thrownCode([&] { context.StreamFromURL(url, out); });
 }
-
-}  // namespace
 
 TEST(Settings, ChooseAProxy) {
     struct Case {
@@ -122,7 +128,7 @@ TEST(Settings, TurnTheRawTraceOn) {
     TbStringStream out;
     account.m_Context.StreamFromURL(server.url("/file").c_str(), out);
     std::string const printed = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(printed, "\n" + server.requests().at(0) + "\n\n\n" + answerWith("body") + "\n\n");
+    EXPECT_EQ(printed, "\n" + server.requests().at(0) + "\n\n\n" + httpResponse("body") + "\n\n");
     EXPECT_EQ(bytesOf(out.str()), "body");
 }
 
@@ -162,7 +168,7 @@ TEST(DirectoryNamedLikeAUrl, FailsOnASmallStackToo) {
 }
 
 TEST(DirectoryNamedLikeAUrl, IsTakenForOneWhenItIsRelative) {
-    TempDir dir;
+    TemporaryDirectory dir;
     std::filesystem::path const before = std::filesystem::current_path();
     std::filesystem::current_path(dir.path());
     KVX_Context context;
@@ -174,3 +180,5 @@ TEST(DirectoryNamedLikeAUrl, IsTakenForOneWhenItIsRelative) {
     EXPECT_TRUE(context.QueryValue("config.xml", "A", value));
     std::filesystem::current_path(before);
 }
+
+}  // namespace

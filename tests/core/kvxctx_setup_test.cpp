@@ -1,40 +1,34 @@
+// The four exchanges of a set-up, one by one and as a whole.
+//
+// A scripted server responses each request; requests, traces and the files of the directory are compared. Failures are
+// tried at every exchange. Odd: an imported key is stored under the identifier that the response names.
+
 #include <sys/stat.h>
 
 #include <cstring>
 #include <filesystem>
 #include <string>
 
-#include "tests/core/core_support.h"
-#include "tests/support/system_calls.h"
+#include "tests/core/coresupport.h"
+#include "tests/support/encodings.h"
+#include "tests/support/exceptions.h"
+#include "tests/support/systemcalls.h"
+#include "tests/support/tbtext.h"
+#include "tests/support/tracerecorder.h"
 
 using namespace kvxtest;
 
 namespace {
 
-constexpr char kSetupAnswer[] = "<KVX MSGTYPE=\"SetupResponse\" VERSION=\"7\" VTKEYID=\"vt-1\" CUSTOMERID=\"4711\"/>";
-constexpr char kDefaultsAnswer[] = "<KVX MSGTYPE=\"LoadDefaultsResponse\" KVX.ISVALID=\"yes\"/>\n";
-constexpr char kKeyAnswer[] = "<KVX MSGTYPE=\"KeyQueryResponse\" KEYID=\"vt-1\" KEYBLOB=\"3048\"/>";
-constexpr char kExportAnswer[] = "<KVX MSGTYPE=\"KeyExportResponse\"/>";
+constexpr char kSetupResponse[] = "<KVX MSGTYPE=\"SetupResponse\" VERSION=\"7\" VTKEYID=\"vt-1\" CUSTOMERID=\"4711\"/>";
+constexpr char kDefaultsResponse[] = "<KVX MSGTYPE=\"LoadDefaultsResponse\" KVX.ISVALID=\"yes\"/>\n";
+constexpr char kKeyResponse[] = "<KVX MSGTYPE=\"KeyQueryResponse\" KEYID=\"vt-1\" KEYBLOB=\"3048\"/>";
+constexpr char kExportResponse[] = "<KVX MSGTYPE=\"KeyExportResponse\"/>";
 constexpr char kError[] = "<KVX MSGTYPE=\"Error\" MESSAGE=\"not today\"/>";
-
-std::string encoded(std::string const& text) {
-    std::string out;
-    for (char const character : text) {
-        auto const byte = static_cast<unsigned char>(character);
-        if (std::isalnum(byte) != 0) {
-            out += character;
-        } else {
-            char escape[4];
-            std::snprintf(escape, sizeof escape, "%%%02x", static_cast<unsigned>(byte));
-            out += escape;
-        }
-    }
-    return out;
-}
 
 /// The whole request that carries `message` to `path`.
 std::string requestWith(std::string const& path, std::string const& message, char const* credentials = "OgAA") {
-    return "GET " + path + "?DATA=" + encoded(message) + " HTTP/1.0\r\nAuthorization: Basic " + credentials +
+    return "GET " + path + "?DATA=" + percentEncoded(message) + " HTTP/1.0\r\nAuthorization: Basic " + credentials +
            "\r\nUserAgent: Tallowin Application Component 1.0\r\n\r\n";
 }
 
@@ -75,7 +69,7 @@ void publishKey(KVX_Context& context) {
 struct Exchange {
     char const* m_Name;
     Operation m_Run;
-    char const* m_Answer;
+    char const* m_Response;
     char const* m_ExpectedType;
     std::int32_t m_CodeWithoutEndpoint;
     char const* m_TextWithoutEndpoint;
@@ -83,24 +77,22 @@ struct Exchange {
 };
 
 Exchange const kExchanges[] = {
-    {"Setup", &setup, kSetupAnswer, "SetupResponse", KVX_E_NO_CONFIGURATION, "no configuration found", "config.xml"},
-    {"LoadDefaults", &loadDefaults, kDefaultsAnswer, "LoadDefaultsResponse", KVX_E_NO_ENDPOINT, "no endpoint",
+    {"Setup", &setup, kSetupResponse, "SetupResponse", KVX_E_NO_CONFIGURATION, "no configuration found", "config.xml"},
+    {"LoadDefaults", &loadDefaults, kDefaultsResponse, "LoadDefaultsResponse", KVX_E_NO_ENDPOINT, "no endpoint",
      "default.xml"},
-    {"ImportKey", &importKey, kKeyAnswer, "KeyQueryResponse", KVX_E_NO_CONFIGURATION, "no configuration found",
+    {"ImportKey", &importKey, kKeyResponse, "KeyQueryResponse", KVX_E_NO_CONFIGURATION, "no configuration found",
      "keys/public/vt-1"},
-    {"PublishKey", &publishKey, kExportAnswer, "KeyExportResponse", KVX_E_NO_ENDPOINT, "no endpoint", "keys/current"},
+    {"PublishKey", &publishKey, kExportResponse, "KeyExportResponse", KVX_E_NO_ENDPOINT, "no endpoint", "keys/current"},
 };
 
-/// What every exchange needs on disk.
+/// Writes the files that every exchange needs.
 void prepare(Account const& account) {
     account.write("keys/public/own", "30480241");
     std::filesystem::create_directories(account.m_Dir.file("keys/private"));
 }
 
-}  // namespace
-
 TEST(Setup, SendsItsVersionAndStoresTheWholeAnswer) {
-    std::string const body = "\r\n " + std::string(kSetupAnswer) + "\ntrailing & text";
+    std::string const body = "\r\n " + std::string(kSetupResponse) + "\ntrailing & text";
     ExchangeServer server({body});
     Configured account(server);
     TraceRecorder const recorder;
@@ -121,7 +113,7 @@ TEST(Setup, SendsTheVersionOfTheConfiguration) {
                           {"<KVX/>", "0"},
                           {"<KVX VERSION=\"a&amp;b\"/>", "a&amp;b"}};
     for (Case const& row : cases) {
-        ExchangeServer server({kSetupAnswer});
+        ExchangeServer server({kSetupResponse});
         Configured account(server);
         account.write("config.xml", row.m_Configuration);
         account.m_Context.Setup();
@@ -131,7 +123,7 @@ TEST(Setup, SendsTheVersionOfTheConfiguration) {
 }
 
 TEST(Setup, SendsCredentialsInTheAuthority) {
-    ExchangeServer server({kSetupAnswer});
+    ExchangeServer server({kSetupResponse});
     Configured account(server);
     account.m_Context.SetOption("UserName", "alice");
     account.m_Context.SetOption("Password", "pw");
@@ -141,11 +133,11 @@ TEST(Setup, SendsCredentialsInTheAuthority) {
 }
 
 TEST(LoadDefaults, StoresTheWholeAnswerAndTraces) {
-    ExchangeServer server({kDefaultsAnswer});
+    ExchangeServer server({kDefaultsResponse});
     Configured account(server);
     TraceRecorder const recorder;
     account.m_Context.LoadDefaults();
-    EXPECT_EQ(account.read("default.xml"), kDefaultsAnswer);
+    EXPECT_EQ(account.read("default.xml"), kDefaultsResponse);
     EXPECT_EQ(eventsOf(recorder),
               (std::vector<std::string>{"UPDATE:" + account.m_Dir.file("default.xml"), "LOAD DEFAULTS:"}));
     EXPECT_EQ(server.requests(),
@@ -211,7 +203,7 @@ TEST(ImportKey, CannotOpenAFileOutsideTheKeyDirectory) {
 }
 
 TEST(PublishKey, SendsThePublicHalfAndMakesTheKeyCurrent) {
-    ExchangeServer server({kExportAnswer});
+    ExchangeServer server({kExportResponse});
     Configured account(server);
     prepare(account);
     account.write("keys/current", "old");
@@ -228,7 +220,7 @@ TEST(PublishKey, SendsThePublicHalfAndMakesTheKeyCurrent) {
 }
 
 TEST(PublishKey, SendsNothingWithoutTheKeyFile) {
-    ExchangeServer server({kExportAnswer});
+    ExchangeServer server({kExportResponse});
     Configured account(server);
     prepare(account);
     for (char const* name : {"missing", "", "."}) {
@@ -270,7 +262,7 @@ TEST(Exchanges, FailWithTheirOwnCodeWithoutAnEndpoint) {
 
 TEST(Exchanges, ReadTheEndpointFromTheConfigurationUnlessTheOptionNamesOne) {
     for (Exchange const& exchange : kExchanges) {
-        ExchangeServer server({exchange.m_Answer});
+        ExchangeServer server({exchange.m_Response});
         Account account;
         prepare(account);
         std::string const configuration = "<KVX KVX.VTAUTOURL=\"" + server.url("/configured") + "\"/>";
@@ -287,7 +279,7 @@ TEST(Exchanges, ReadTheEndpointFromTheConfigurationUnlessTheOptionNamesOne) {
 
 TEST(Exchanges, AreNotSigned) {
     for (Exchange const& exchange : kExchanges) {
-        ExchangeServer server({exchange.m_Answer});
+        ExchangeServer server({exchange.m_Response});
         Configured account(server);
         prepare(account);
         exchange.m_Run(account.m_Context);
@@ -333,7 +325,7 @@ TEST(Exchanges, KeepNeedingASlashBehindTheHost) {
 
 TEST(Exchanges, WriteAndTraceNothingUnlessTheAnswerIsRight) {
     struct Case {
-        std::string m_Answer;
+        std::string m_Response;
         std::int32_t m_Code;
         std::string m_Text;
     };
@@ -352,7 +344,7 @@ TEST(Exchanges, WriteAndTraceNothingUnlessTheAnswerIsRight) {
     };
     for (Exchange const& exchange : kExchanges) {
         for (Case const& row : cases) {
-            ExchangeServer server({row.m_Answer});
+            ExchangeServer server({row.m_Response});
             Configured account(server);
             prepare(account);
             account.write(exchange.m_Written, "<KVX A=\"old\"/>");
@@ -362,8 +354,8 @@ TEST(Exchanges, WriteAndTraceNothingUnlessTheAnswerIsRight) {
             if (text.find('%') != std::string::npos) {
                 text.replace(text.find('%'), 1, exchange.m_ExpectedType);
             }
-            EXPECT_EQ(failure.m_Code, row.m_Code) << exchange.m_Name << ": " << row.m_Answer;
-            EXPECT_EQ(failure.m_Text, text) << exchange.m_Name << ": " << row.m_Answer;
+            EXPECT_EQ(failure.m_Code, row.m_Code) << exchange.m_Name << ": " << row.m_Response;
+            EXPECT_EQ(failure.m_Text, text) << exchange.m_Name << ": " << row.m_Response;
             EXPECT_TRUE(eventsOf(recorder).empty());
             EXPECT_EQ(account.read(exchange.m_Written), "<KVX A=\"old\"/>");
         }
@@ -384,7 +376,7 @@ TEST(Exchanges, FailWhenNobodyAnswers) {
 
 TEST(Exchanges, TraceNothingWhenTheAnswerCannotBeStored) {
     for (Exchange const& exchange : kExchanges) {
-        ExchangeServer server({exchange.m_Answer});
+        ExchangeServer server({exchange.m_Response});
         Configured account(server);
         prepare(account);
         SystemCalls calls;
@@ -408,14 +400,12 @@ TEST(Exchanges, AcceptBytesAbove127InAnAnswer) {
     EXPECT_EQ(account.read("config.xml"), body);
 }
 
-namespace {
-
-/// A server for a whole set-up with these answers, some of which a test replaces.
-struct Answers {
-    std::string m_Setup = kSetupAnswer;
-    std::string m_Defaults = kDefaultsAnswer;
-    std::string m_Key = kKeyAnswer;
-    std::string m_Exported = kExportAnswer;
+/// A server for a whole set-up with these responses, some of which a test replaces.
+struct Responses {
+    std::string m_Setup = kSetupResponse;
+    std::string m_Defaults = kDefaultsResponse;
+    std::string m_Key = kKeyResponse;
+    std::string m_Exported = kExportResponse;
 
     [[nodiscard]] std::vector<std::string> all() const { return {m_Setup, m_Defaults, m_Key, m_Exported}; }
     [[nodiscard]] std::vector<std::string> withoutDefaults() const { return {m_Setup, m_Key, m_Exported}; }
@@ -430,10 +420,8 @@ std::vector<std::string> typesOf(std::vector<std::string> const& messages) {
     return types;
 }
 
-}  // namespace
-
 TEST(Reconfigure, BringsAnEmptyDirectoryIntoWorkingOrder) {
-    ExchangeServer server(Answers().all());
+    ExchangeServer server(Responses().all());
     Configured account(server);
     TraceRecorder const recorder;
     account.m_Context.Reconfigure();
@@ -446,8 +434,8 @@ TEST(Reconfigure, BringsAnEmptyDirectoryIntoWorkingOrder) {
     EXPECT_EQ(account.filesIn("keys"), (std::vector<std::string>{"current", "private", "public"}));
     EXPECT_EQ(account.filesIn("keys/private"), std::vector<std::string>{keyId});
     EXPECT_EQ(account.filesIn("keys/public"), (std::vector<std::string>{keyId, "vt-1"}));
-    EXPECT_EQ(account.read("config.xml"), kSetupAnswer);
-    EXPECT_EQ(account.read("default.xml"), kDefaultsAnswer);
+    EXPECT_EQ(account.read("config.xml"), kSetupResponse);
+    EXPECT_EQ(account.read("default.xml"), kDefaultsResponse);
     EXPECT_EQ(account.read("keys/public/vt-1"), "3048");
 
     std::string const update = "UPDATE:" + account.m_Dir.path() + "/";
@@ -468,7 +456,7 @@ TEST(Reconfigure, BringsAnEmptyDirectoryIntoWorkingOrder) {
 TEST(Reconfigure, WritesEachResultBeforeItAsksForTheNext) {
     std::vector<std::string> seen;
     Account account;
-    ExchangeServer server(Answers().all(), [&](std::size_t) {
+    ExchangeServer server(Responses().all(), [&](std::size_t) {
         std::string state;
         for (char const* name : {"config.xml", "default.xml", "keys/public/vt-1", "keys/current"}) {
             state += account.exists(name) ? 'x' : '-';
@@ -494,7 +482,7 @@ TEST(Reconfigure, LoadsTheDefaultsUnlessTheyAreValid) {
         {"<KVX ISVALID=\"yes\"/>", true},      {"<KVX/>", true},
     };
     for (Case const& row : cases) {
-        ExchangeServer server(row.m_Loads ? Answers().all() : Answers().withoutDefaults());
+        ExchangeServer server(row.m_Loads ? Responses().all() : Responses().withoutDefaults());
         Configured account(server);
         account.write("default.xml", row.m_Defaults);
         account.m_Context.Reconfigure();
@@ -503,12 +491,12 @@ TEST(Reconfigure, LoadsTheDefaultsUnlessTheyAreValid) {
             expected.erase(expected.begin() + 1);
         }
         EXPECT_EQ(typesOf(server.messages()), expected) << row.m_Defaults;
-        EXPECT_EQ(account.read("default.xml"), row.m_Loads ? kDefaultsAnswer : row.m_Defaults);
+        EXPECT_EQ(account.read("default.xml"), row.m_Loads ? kDefaultsResponse : row.m_Defaults);
     }
 }
 
 TEST(Reconfigure, StopsAtMalformedDefaultsBeforeItSendsAnything) {
-    ExchangeServer server(Answers().all());
+    ExchangeServer server(Responses().all());
     Configured account(server);
     account.write("default.xml", "<KVX");
     TraceRecorder const recorder;
@@ -520,8 +508,8 @@ TEST(Reconfigure, StopsAtMalformedDefaultsBeforeItSendsAnything) {
 }
 
 TEST(Reconfigure, MakesAndPublishesAnotherKeyEachTime) {
-    ExchangeServer server(
-        {kSetupAnswer, kDefaultsAnswer, kKeyAnswer, kExportAnswer, kSetupAnswer, kKeyAnswer, kExportAnswer});
+    ExchangeServer server({kSetupResponse, kDefaultsResponse, kKeyResponse, kExportResponse, kSetupResponse,
+                           kKeyResponse, kExportResponse});
     Configured account(server);
     account.m_Context.Reconfigure();
     std::string const first = account.read("keys/current");
@@ -534,7 +522,7 @@ TEST(Reconfigure, MakesAndPublishesAnotherKeyEachTime) {
 }
 
 TEST(Reconfigure, UsesTheAddressThatTheNewConfigurationNames) {
-    ExchangeServer rest({kDefaultsAnswer, kKeyAnswer, kExportAnswer});
+    ExchangeServer rest({kDefaultsResponse, kKeyResponse, kExportResponse});
     ExchangeServer named(
         {"<KVX MSGTYPE=\"SetupResponse\" VTKEYID=\"vt-1\" KVX.VTAUTOURL=\"" + rest.url("/second") + "\"/>"});
     Account account;
@@ -548,9 +536,9 @@ TEST(Reconfigure, UsesTheAddressThatTheNewConfigurationNames) {
 }
 
 TEST(Reconfigure, NamesTheKeyWithoutACustomer) {
-    Answers answers;
-    answers.m_Setup = "<KVX MSGTYPE=\"SetupResponse\" VTKEYID=\"vt-1\"/>";
-    ExchangeServer server(answers.all());
+    Responses responses;
+    responses.m_Setup = "<KVX MSGTYPE=\"SetupResponse\" VTKEYID=\"vt-1\"/>";
+    ExchangeServer server(responses.all());
     Configured account(server);
     account.m_Context.Reconfigure();
     std::string const keyId = account.read("keys/current");
@@ -591,7 +579,7 @@ TEST(Reconfigure, CreatesTheThreeDirectoriesInOrderBeforeAnythingElse) {
     };
     Case const cases[] = {{"keys", {}}, {"keys/private", {"private"}}, {"keys/public", {"private", "public"}}};
     for (Case const& row : cases) {
-        ExchangeServer server(Answers().all());
+        ExchangeServer server(Responses().all());
         Configured account(server);
         account.write(row.m_Blocking, "a file");
         TraceRecorder const recorder;
@@ -615,63 +603,63 @@ TEST(Reconfigure, FailsWithoutAnEndpoint) {
 TEST(Reconfigure, KeepsWhatEarlierStepsWrote) {
     struct Case {
         char const* m_Name;
-        Answers m_Answers;
+        Responses m_Responses;
         std::int32_t m_Code;
         std::size_t m_Requests;
         std::vector<std::string> m_Events;  ///< Details left out.
         std::size_t m_OwnKeys;
     };
-    auto const with = [](std::string Answers::*which, std::string const& answer) {
-        Answers answers;
-        answers.*which = answer;
-        return answers;
+    auto const with = [](std::string Responses::*which, std::string const& response) {
+        Responses responses;
+        responses.*which = response;
+        return responses;
     };
     Case const cases[] = {
-        {"set-up refused", with(&Answers::m_Setup, kError), KVX_E_SERVER_ERROR, 1, {"START RECONFIGURE"}, 0},
+        {"set-up refused", with(&Responses::m_Setup, kError), KVX_E_SERVER_ERROR, 1, {"START RECONFIGURE"}, 0},
         {"defaults refused",
-         with(&Answers::m_Defaults, kError),
+         with(&Responses::m_Defaults, kError),
          KVX_E_SERVER_ERROR,
          2,
          {"START RECONFIGURE", "UPDATE"},
          0},
         {"no server key named",
-         with(&Answers::m_Setup, "<KVX MSGTYPE=\"SetupResponse\" CUSTOMERID=\"1\"/>"),
+         with(&Responses::m_Setup, "<KVX MSGTYPE=\"SetupResponse\" CUSTOMERID=\"1\"/>"),
          KVX_E_NO_CONFIGURATION,
          2,
          {"START RECONFIGURE", "UPDATE", "UPDATE", "LOAD DEFAULTS"},
          0},
         {"server key named by nothing",
-         with(&Answers::m_Setup, "<KVX MSGTYPE=\"SetupResponse\" VTKEYID=\"\"/>"),
+         with(&Responses::m_Setup, "<KVX MSGTYPE=\"SetupResponse\" VTKEYID=\"\"/>"),
          KVX_E_NO_CONFIGURATION,
          2,
          {"START RECONFIGURE", "UPDATE", "UPDATE", "LOAD DEFAULTS"},
          0},
         {"server key refused",
-         with(&Answers::m_Key, kError),
+         with(&Responses::m_Key, kError),
          KVX_E_SERVER_ERROR,
          3,
          {"START RECONFIGURE", "UPDATE", "UPDATE", "LOAD DEFAULTS"},
          0},
         {"server key of another directory",
-         with(&Answers::m_Key, "<KVX MSGTYPE=\"KeyQueryResponse\" KEYID=\"../current\" KEYBLOB=\"x\"/>"),
+         with(&Responses::m_Key, "<KVX MSGTYPE=\"KeyQueryResponse\" KEYID=\"../current\" KEYBLOB=\"x\"/>"),
          KVX_E_FILE_NOT_FOUND,
          3,
          {"START RECONFIGURE", "UPDATE", "UPDATE", "LOAD DEFAULTS"},
          0},
         {"customer of another directory",
-         with(&Answers::m_Setup, "<KVX MSGTYPE=\"SetupResponse\" VTKEYID=\"vt-1\" CUSTOMERID=\"/../../x\"/>"),
+         with(&Responses::m_Setup, "<KVX MSGTYPE=\"SetupResponse\" VTKEYID=\"vt-1\" CUSTOMERID=\"/../../x\"/>"),
          KVX_E_FILE_NOT_FOUND,
          3,
          {"START RECONFIGURE", "UPDATE", "UPDATE", "LOAD DEFAULTS", "UPDATE", "IMPORT"},
          0},
         {"own key refused",
-         with(&Answers::m_Exported, kError),
+         with(&Responses::m_Exported, kError),
          KVX_E_SERVER_ERROR,
          4,
          {"START RECONFIGURE", "UPDATE", "UPDATE", "LOAD DEFAULTS", "UPDATE", "IMPORT", "UPDATE", "UPDATE"},
          1},
         {"own key answered wrongly",
-         with(&Answers::m_Exported, kKeyAnswer),
+         with(&Responses::m_Exported, kKeyResponse),
          KVX_E_WRONG_RESPONSE,
          4,
          {"START RECONFIGURE", "UPDATE", "UPDATE", "LOAD DEFAULTS", "UPDATE", "IMPORT", "UPDATE", "UPDATE"},
@@ -679,7 +667,7 @@ TEST(Reconfigure, KeepsWhatEarlierStepsWrote) {
     };
     for (Case const& row : cases) {
         SCOPED_TRACE(row.m_Name);
-        ExchangeServer server(row.m_Answers.all());
+        ExchangeServer server(row.m_Responses.all());
         Configured account(server);
         account.write("keys/current", "previous");
         TraceRecorder const recorder;
@@ -702,10 +690,10 @@ TEST(Reconfigure, KeepsWhatEarlierStepsWrote) {
 
 TEST(Reconfigure, CannotStoreAServerKeyThatTheConfigurationNamesOutsideTheDirectory) {
     for (char const* named : {"../current", "../../x", "a/b", "..", "."}) {
-        Answers answers;
-        answers.m_Setup = std::string("<KVX MSGTYPE=\"SetupResponse\" VTKEYID=\"") + named + "\"/>";
-        answers.m_Key = "<KVX MSGTYPE=\"KeyQueryResponse\" KEYBLOB=\"x\"/>";
-        ExchangeServer server(answers.all());
+        Responses responses;
+        responses.m_Setup = std::string("<KVX MSGTYPE=\"SetupResponse\" VTKEYID=\"") + named + "\"/>";
+        responses.m_Key = "<KVX MSGTYPE=\"KeyQueryResponse\" KEYBLOB=\"x\"/>";
+        ExchangeServer server(responses.all());
         Configured account(server);
         EXPECT_EQ(thrownCode([&] { account.m_Context.Reconfigure(); }), KVX_E_FILE_NOT_FOUND) << named;
         EXPECT_EQ(server.requests().size(), 3U);
@@ -716,9 +704,9 @@ TEST(Reconfigure, CannotStoreAServerKeyThatTheConfigurationNamesOutsideTheDirect
 }
 
 TEST(Reconfigure, MakesNoKeyOutsideTheDirectoryForACustomerThatNamesOne) {
-    Answers answers;
-    answers.m_Setup = "<KVX MSGTYPE=\"SetupResponse\" VTKEYID=\"vt-1\" CUSTOMERID=\"/../../../x\"/>";
-    ExchangeServer server(answers.all());
+    Responses responses;
+    responses.m_Setup = "<KVX MSGTYPE=\"SetupResponse\" VTKEYID=\"vt-1\" CUSTOMERID=\"/../../../x\"/>";
+    ExchangeServer server(responses.all());
     Configured account(server);
     std::filesystem::create_directories(account.m_Dir.file("keys/public/0-"));
     std::filesystem::create_directories(account.m_Dir.file("keys/private/0-"));
@@ -738,7 +726,7 @@ TEST(ImportKey, CannotOpenAFileWhoseNameHoldsAZeroByte) {
 }
 
 TEST(Reconfigure, LeavesThePublicHalfWhenThePrivateOneCannotBeWritten) {
-    ExchangeServer server(Answers().all());
+    ExchangeServer server(Responses().all());
     Configured account(server);
     account.write("keys/current", "previous");
     SystemCalls calls;
@@ -757,7 +745,7 @@ TEST(Reconfigure, LeavesThePublicHalfWhenThePrivateOneCannotBeWritten) {
 }
 
 TEST(Reconfigure, FailsLastWhenTheCurrentKeyCannotBeSwitched) {
-    ExchangeServer server(Answers().all());
+    ExchangeServer server(Responses().all());
     Configured account(server);
     std::filesystem::create_directories(account.m_Dir.file("keys/current"));
     TraceRecorder const recorder;
@@ -768,3 +756,5 @@ TEST(Reconfigure, FailsLastWhenTheCurrentKeyCannotBeSwitched) {
     EXPECT_TRUE(recorder.of("PUBLISH").empty());
     EXPECT_TRUE(recorder.of("RECONFIGURE OK").empty());
 }
+
+}  // namespace

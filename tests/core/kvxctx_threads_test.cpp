@@ -1,11 +1,19 @@
 // Different contexts on one directory, used by different threads at once.
+//
+// Each thread has its own context and signs, verifies or replaces files in a loop; the results must be those of a
+// single thread.
 
 #include <functional>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "tests/core/core_support.h"
+#include "foundation/tbstring.h"
+#include "tests/core/coresupport.h"
+#include "tests/support/encodings.h"
+#include "tests/support/exceptions.h"
+#include "tests/support/tbtext.h"
+#include "tests/support/testdata.h"
 
 using namespace kvxtest;
 
@@ -19,16 +27,14 @@ void onTwoThreads(std::function<void(int)> const& work) {
     second.join();
 }
 
-}  // namespace
-
 TEST(TwoThreads, MakeAndVerifyMessagesOfOneAccount) {
     Account account;
     account.writeOwnKey("own");
     account.writeServerKey("server");
     account.write("keys/current", "own");
     account.write("config.xml", "<KVX VTURL=\"https://pay.example/page\"/>");
-    std::string const data = dataFile("signing/confirm.txt");
-    std::string const signature = hexFile("signing/confirm.signature.hex");
+    std::string const data = dataText("signing/confirm.txt");
+    std::string const signature = dataHex("signing/confirm.signature.hex");
     onTwoThreads([&](int) {
         KVX_Context context;
         context.Open(account.path());
@@ -101,3 +107,5 @@ TEST(TwoThreads, TalkToTheServerAtOnce) {
     EXPECT_EQ(server.requests().size(), 40U);
     EXPECT_EQ(account.read("default.xml"), "<KVX MSGTYPE=\"LoadDefaultsResponse\"/>");
 }
+
+}  // namespace

@@ -1,5 +1,7 @@
-// Every call into the operating system that replacing a file makes, failing, interrupted, or the last one of the
-// process.
+// Every system call of replacing a file fails, is interrupted, or is the last one of its process.
+//
+// One table names call, occurrence and error, with the result and the content that must remain: the old file or the new
+// one, never a part. A second reader looks after each failure.
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,8 +11,11 @@
 #include <filesystem>
 #include <string>
 
-#include "tests/core/core_support.h"
-#include "tests/support/system_calls.h"
+#include "foundation/tbstring.h"
+#include "tests/core/coresupport.h"
+#include "tests/support/exceptions.h"
+#include "tests/support/processes.h"
+#include "tests/support/systemcalls.h"
 
 using namespace kvxtest;
 
@@ -35,7 +40,7 @@ enum Call {
 constexpr char const* kNames[] = {"lstat",  "access", "opendir", "open",   "flock", "fstat",
                                   "fchmod", "write",  "fsync",   "rename", "close", "unlink"};
 
-/// What happens to the calls.
+/// The faults of the calls.
 struct Plan {
     Call m_Failing = kCalls;         ///< The call that fails; none.
     int m_Number = 0;                ///< Which one of its kind, from 0.
@@ -151,8 +156,6 @@ void run(Case const& row, bool hasOld, std::size_t chunk = SIZE_MAX) {
     EXPECT_EQ(countDescriptors(), before) << "a descriptor is left open";
 }
 
-}  // namespace
-
 TEST(ReplaceFileFaults, LeaveTheOldContentOrCompleteTheNewOne) {
     // The calls: lstat, access, opendir; open, flock, fstat of the new file; fstat, fchmod, write, fsync, rename; open,
     // fsync, close of the directory; close of the new file.
@@ -193,7 +196,7 @@ TEST(ReplaceFileFaults, LeaveTheOldContentOrCompleteTheNewOne) {
         {kOpen, 1, EMFILE, KVX_OK, kNew},
         {kFsync, 1, EINVAL, KVX_OK, kNew},
         {kFsync, 1, EINTR, KVX_OK, kNew},
-        {kFsync, 1, EIO, KVX_E_FILE_IO, kNew},  // complete, but perhaps not for good: that must be told
+        {kFsync, 1, EIO, KVX_E_FILE_IO, kNew},  // complete, but perhaps not durable, so the call must fail
         {kClose, 0, EIO, KVX_OK, kNew},
         {kClose, 1, EIO, KVX_OK, kNew},  // all is on disk by then
     };
@@ -339,3 +342,5 @@ TEST(ReplaceFileFaults, NeverShowAHalfWrittenKeyWhereverTheWriterIsKilled) {
     }
     EXPECT_GT(step, 25);
 }
+
+}  // namespace

@@ -1,3 +1,8 @@
+// Replacing files: modes, owners, links, other users, readers and writers at once, left-over files.
+//
+// Some tests drop privileges in a child process. Odd: where the directory cannot be written, or the target is no
+// regular file, the file is written in place.
+
 #include <fcntl.h>
 #include <grp.h>
 #include <sys/stat.h>
@@ -10,8 +15,12 @@
 #include <string>
 #include <thread>
 
-#include "tests/core/core_support.h"
-#include "tests/support/system_calls.h"
+#include "tests/core/coresupport.h"
+#include "tests/support/exceptions.h"
+#include "tests/support/processes.h"
+#include "tests/support/systemcalls.h"
+#include "tests/support/tbtext.h"
+#include "tests/support/tracerecorder.h"
 
 using namespace kvxtest;
 
@@ -69,97 +78,89 @@ int updateUnprivileged(std::string const& path, std::string const& file, std::st
     });
 }
 
-}  // namespace
+class ReplaceFile : public AccountTest {};
 
-TEST(ReplaceFile, GivesANewFileTheUsualModeUnderTheUmask) {
-    Account account;
+TEST_F(ReplaceFile, GivesANewFileTheUsualModeUnderTheUmask) {
     Umask const mask(027);
-    account.m_Context.UpdateFile("config.xml", "x");
-    EXPECT_EQ(modeOf(account.m_Dir.file("config.xml")), mode_t{0640});
+    m_Context.UpdateFile("config.xml", "x");
+    EXPECT_EQ(modeOf(m_Dir.file("config.xml")), mode_t{0640});
 }
 
-TEST(ReplaceFile, KeepsTheModeOfTheOldFile) {
-    Account account;
+TEST_F(ReplaceFile, KeepsTheModeOfTheOldFile) {
     for (mode_t const mode : {0600U, 0640U, 0666U, 0744U, 0200U}) {
-        account.write("config.xml", "old");
-        ::chmod(account.m_Dir.file("config.xml").c_str(), mode);
-        account.m_Context.UpdateFile("config.xml", "new");
-        EXPECT_EQ(modeOf(account.m_Dir.file("config.xml")), mode);
-        ::chmod(account.m_Dir.file("config.xml").c_str(), 0600);
-        EXPECT_EQ(account.read("config.xml"), "new");
+        write("config.xml", "old");
+        ::chmod(m_Dir.file("config.xml").c_str(), mode);
+        m_Context.UpdateFile("config.xml", "new");
+        EXPECT_EQ(modeOf(m_Dir.file("config.xml")), mode);
+        ::chmod(m_Dir.file("config.xml").c_str(), 0600);
+        EXPECT_EQ(read("config.xml"), "new");
     }
 }
 
-TEST(ReplaceFile, KeepsTheOwnerOfTheOldFile) {
+TEST_F(ReplaceFile, KeepsTheOwnerOfTheOldFile) {
     if (::geteuid() != 0) {
         GTEST_SKIP() << "only a privileged process can give files away";
     }
-    Account account;
-    account.write("config.xml", "old");
-    ASSERT_EQ(::chown(account.m_Dir.file("config.xml").c_str(), kNobody, kNobody), 0);
-    ::chmod(account.m_Dir.file("config.xml").c_str(), 0640);
-    account.m_Context.UpdateFile("config.xml", "new");
-    struct stat const status = statusOf(account.m_Dir.file("config.xml"));
+    write("config.xml", "old");
+    ASSERT_EQ(::chown(m_Dir.file("config.xml").c_str(), kNobody, kNobody), 0);
+    ::chmod(m_Dir.file("config.xml").c_str(), 0640);
+    m_Context.UpdateFile("config.xml", "new");
+    struct stat const status = statusOf(m_Dir.file("config.xml"));
     EXPECT_EQ(status.st_uid, kNobody);
     EXPECT_EQ(status.st_gid, kNobody);
     EXPECT_EQ(status.st_mode & 07777, mode_t{0640});
-    EXPECT_EQ(account.read("config.xml"), "new");
+    EXPECT_EQ(read("config.xml"), "new");
 }
 
-TEST(ReplaceFile, PutsANewFileInThePlaceOfTheOldOne) {
-    Account account;
-    account.write("config.xml", "old");
-    int const open = ::open(account.m_Dir.file("config.xml").c_str(), O_RDONLY | O_CLOEXEC);
-    account.m_Context.UpdateFile("config.xml", "new");
+TEST_F(ReplaceFile, PutsANewFileInThePlaceOfTheOldOne) {
+    write("config.xml", "old");
+    int const open = ::open(m_Dir.file("config.xml").c_str(), O_RDONLY | O_CLOEXEC);
+    m_Context.UpdateFile("config.xml", "new");
     char bytes[4] = {};
     EXPECT_EQ(::read(open, bytes, 3), 3);
     EXPECT_STREQ(bytes, "old") << "a reader goes on with the file it opened";
     ::close(open);
-    EXPECT_EQ(account.read("config.xml"), "new");
-    EXPECT_EQ(account.filesIn(""), std::vector<std::string>{"config.xml"});
+    EXPECT_EQ(read("config.xml"), "new");
+    EXPECT_EQ(filesIn(""), std::vector<std::string>{"config.xml"});
 }
 
-TEST(ReplaceFile, FollowsSymbolicLinks) {
-    Account account;
-    TempDir elsewhere;
+TEST_F(ReplaceFile, FollowsSymbolicLinks) {
+    TemporaryDirectory elsewhere;
     elsewhere.write("target", "old");
-    std::filesystem::create_symlink(elsewhere.file("target"), account.m_Dir.file("absolute"));
-    std::filesystem::create_symlink("absolute", account.m_Dir.file("relative"));
-    account.m_Context.UpdateFile("relative", "new");
+    std::filesystem::create_symlink(elsewhere.file("target"), m_Dir.file("absolute"));
+    std::filesystem::create_symlink("absolute", m_Dir.file("relative"));
+    m_Context.UpdateFile("relative", "new");
     EXPECT_EQ(elsewhere.read("target"), "new");
-    EXPECT_TRUE(S_ISLNK(statusOf(account.m_Dir.file("absolute")).st_mode));
-    EXPECT_TRUE(S_ISLNK(statusOf(account.m_Dir.file("relative")).st_mode));
-    EXPECT_EQ(account.filesIn(""), (std::vector<std::string>{"absolute", "relative"}));
+    EXPECT_TRUE(S_ISLNK(statusOf(m_Dir.file("absolute")).st_mode));
+    EXPECT_TRUE(S_ISLNK(statusOf(m_Dir.file("relative")).st_mode));
+    EXPECT_EQ(filesIn(""), (std::vector<std::string>{"absolute", "relative"}));
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(elsewhere.path()), {}), 1);
 }
 
-TEST(ReplaceFile, MakesTheMissingTargetOfALink) {
-    Account account;
-    TempDir elsewhere;
-    std::filesystem::create_symlink(elsewhere.file("target"), account.m_Dir.file("link"));
-    account.m_Context.UpdateFile("link", "new");
+TEST_F(ReplaceFile, MakesTheMissingTargetOfALink) {
+    TemporaryDirectory elsewhere;
+    std::filesystem::create_symlink(elsewhere.file("target"), m_Dir.file("link"));
+    m_Context.UpdateFile("link", "new");
     EXPECT_EQ(elsewhere.read("target"), "new");
-    EXPECT_TRUE(S_ISLNK(statusOf(account.m_Dir.file("link")).st_mode));
+    EXPECT_TRUE(S_ISLNK(statusOf(m_Dir.file("link")).st_mode));
 }
 
-TEST(ReplaceFile, CannotOpenALinkThatLeadsNowhere) {
-    Account account;
-    std::filesystem::create_symlink("loop", account.m_Dir.file("loop"));
-    std::filesystem::create_symlink("/nowhere/file", account.m_Dir.file("away"));
-    std::filesystem::create_symlink(account.path(), account.m_Dir.file("directory"));
+TEST_F(ReplaceFile, CannotOpenALinkThatLeadsNowhere) {
+    std::filesystem::create_symlink("loop", m_Dir.file("loop"));
+    std::filesystem::create_symlink("/nowhere/file", m_Dir.file("away"));
+    std::filesystem::create_symlink(path(), m_Dir.file("directory"));
     for (char const* name : {"loop", "away", "directory"}) {
-        EXPECT_EQ(thrownCode([&] { account.m_Context.UpdateFile(name, "x"); }), KVX_E_FILE_NOT_FOUND) << name;
+        EXPECT_EQ(thrownCode([&] { m_Context.UpdateFile(name, "x"); }), KVX_E_FILE_NOT_FOUND) << name;
     }
 }
 
-TEST(ReplaceFile, WritesDevicesInPlaceAndNoticesThatTheyAreFull) {
-    Account account;
-    std::filesystem::create_symlink("/dev/null", account.m_Dir.file("null"));
-    std::filesystem::create_symlink("/dev/full", account.m_Dir.file("full"));
-    account.m_Context.UpdateFile("null", "x");
+TEST_F(ReplaceFile, WritesDevicesInPlaceAndNoticesThatTheyAreFull) {
+    std::filesystem::create_symlink("/dev/null", m_Dir.file("null"));
+    std::filesystem::create_symlink("/dev/full", m_Dir.file("full"));
+    m_Context.UpdateFile("null", "x");
     for (std::size_t const length : {std::size_t{1}, std::size_t{100}, std::size_t{1000000}}) {
         TraceRecorder const recorder;
-        Thrown const failure = thrown([&] { account.m_Context.UpdateFile("full", std::string(length, 'x').c_str()); });
+        Thrown const failure = thrown([&] { m_Context.UpdateFile("full", std::string(length, 'x').c_str()); });
         EXPECT_EQ(failure.m_Code, KVX_E_FILE_IO);
         EXPECT_EQ(failure.m_File, "kvxctx");
         EXPECT_EQ(failure.m_Line, 212);
@@ -170,26 +171,24 @@ TEST(ReplaceFile, WritesDevicesInPlaceAndNoticesThatTheyAreFull) {
     EXPECT_TRUE(std::filesystem::is_character_file("/dev/null"));
 }
 
-TEST(ReplaceFile, WritesAPipeInPlace) {
-    Account account;
-    ASSERT_EQ(::mkfifo(account.m_Dir.file("pipe").c_str(), 0600), 0);
+TEST_F(ReplaceFile, WritesAPipeInPlace) {
+    ASSERT_EQ(::mkfifo(m_Dir.file("pipe").c_str(), 0600), 0);
     std::string received;
-    int const reader = ::open(account.m_Dir.file("pipe").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    account.m_Context.UpdateFile("pipe", "through");
+    int const reader = ::open(m_Dir.file("pipe").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    m_Context.UpdateFile("pipe", "through");
     char bytes[100];
     ssize_t const count = ::read(reader, bytes, sizeof bytes);
     ::close(reader);
     ASSERT_EQ(count, 7);
     EXPECT_EQ(std::string(bytes, 7), "through");
-    EXPECT_TRUE(S_ISFIFO(statusOf(account.m_Dir.file("pipe")).st_mode));
+    EXPECT_TRUE(S_ISFIFO(statusOf(m_Dir.file("pipe")).st_mode));
 }
 
-TEST(ReplaceFile, BearsPrivateKeysForTheirOwnerOnly) {
+TEST_F(ReplaceFile, BearsPrivateKeysForTheirOwnerOnly) {
     static mode_t s_Asked = 0;
     s_Asked = 0;
-    Account account;
-    std::filesystem::create_directories(account.m_Dir.file("keys/private"));
-    std::filesystem::create_directories(account.m_Dir.file("keys/public"));
+    std::filesystem::create_directories(m_Dir.file("keys/private"));
+    std::filesystem::create_directories(m_Dir.file("keys/public"));
     Umask const mask(0);
     SystemCalls calls;
     calls->open = [](char const* path, int flags, mode_t mode) {
@@ -198,27 +197,26 @@ TEST(ReplaceFile, BearsPrivateKeysForTheirOwnerOnly) {
         }
         return ::open(path, flags, mode);
     };
-    account.m_Context.UpdateFile("keys/private/id", "secret");
-    EXPECT_EQ(modeOf(account.m_Dir.file("keys/private/id")), mode_t{0600});
+    m_Context.UpdateFile("keys/private/id", "secret");
+    EXPECT_EQ(modeOf(m_Dir.file("keys/private/id")), mode_t{0600});
     EXPECT_EQ(s_Asked, mode_t{0600}) << "from its first instant";
 
     unsigned char byte = 'x';
-    account.m_Context.UpdateFile("keys/private/raw", &byte, 1UL);
-    EXPECT_EQ(modeOf(account.m_Dir.file("keys/private/raw")), mode_t{0600});
-    account.m_Context.UpdateFile("keys/public/id", "public");
-    EXPECT_EQ(modeOf(account.m_Dir.file("keys/public/id")), mode_t{0666});
+    m_Context.UpdateFile("keys/private/raw", &byte, 1UL);
+    EXPECT_EQ(modeOf(m_Dir.file("keys/private/raw")), mode_t{0600});
+    m_Context.UpdateFile("keys/public/id", "public");
+    EXPECT_EQ(modeOf(m_Dir.file("keys/public/id")), mode_t{0666});
 }
 
-TEST(ReplaceFile, KeepsTheModeOfAnExistingPrivateKey) {
-    Account account;
-    account.write("keys/private/id", "old");
-    ::chmod(account.m_Dir.file("keys/private/id").c_str(), 0640);
-    account.m_Context.UpdateFile("keys/private/id", "new");
-    EXPECT_EQ(modeOf(account.m_Dir.file("keys/private/id")), mode_t{0640});
+TEST_F(ReplaceFile, KeepsTheModeOfAnExistingPrivateKey) {
+    write("keys/private/id", "old");
+    ::chmod(m_Dir.file("keys/private/id").c_str(), 0640);
+    m_Context.UpdateFile("keys/private/id", "new");
+    EXPECT_EQ(modeOf(m_Dir.file("keys/private/id")), mode_t{0640});
 }
 
-TEST(ReplaceFile, WritesInPlaceWhereTheDirectoryIsNotWritable) {
-    TempDir dir;
+TEST_F(ReplaceFile, WritesInPlaceWhereTheDirectoryIsNotWritable) {
+    TemporaryDirectory dir;
     dir.write("config.xml", "old content");
     ::chmod(dir.file("config.xml").c_str(), 0666);
     ::chmod(dir.path().c_str(), 0555);
@@ -231,8 +229,8 @@ TEST(ReplaceFile, WritesInPlaceWhereTheDirectoryIsNotWritable) {
     EXPECT_FALSE(dir.exists("other.xml"));
 }
 
-TEST(ReplaceFile, CannotOpenAFileThatMayNotBeWritten) {
-    TempDir dir;
+TEST_F(ReplaceFile, CannotOpenAFileThatMayNotBeWritten) {
+    TemporaryDirectory dir;
     dir.write("config.xml", "old");
     ::chmod(dir.file("config.xml").c_str(), 0444);
     ::chmod(dir.path().c_str(), 0777);
@@ -241,13 +239,13 @@ TEST(ReplaceFile, CannotOpenAFileThatMayNotBeWritten) {
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1);
 }
 
-TEST(ReplaceFile, WritesAStrangersFileInPlace) {
+TEST_F(ReplaceFile, WritesAStrangersFileInPlace) {
     if (::geteuid() != 0) {
         GTEST_SKIP() << "takes two users";
     }
     // With the sticky bit the name cannot be taken over; without it the owner could not be kept.
     for (mode_t const mode : {01777U, 0777U}) {
-        TempDir dir;
+        TemporaryDirectory dir;
         dir.write("config.xml", "old");
         ::chmod(dir.file("config.xml").c_str(), 0666);
         ::chmod(dir.path().c_str(), mode);
@@ -259,34 +257,31 @@ TEST(ReplaceFile, WritesAStrangersFileInPlace) {
     }
 }
 
-TEST(ReplaceFile, RemovesWhatDeadWritersLeftAndNothingElse) {
-    Account account;
-    account.write(".tallowin-1-0.tmp", "half");
-    account.write(".tallowin-99-7.tmp", "");
-    account.write(".tallowin-notes", "mine");
-    account.write("tallowin-1-0.tmp", "mine");
-    account.write("x.tmp", "mine");
-    std::filesystem::create_directory(account.m_Dir.file(".tallowin-d.tmp"));
-    account.m_Context.UpdateFile("config.xml", "new");
-    EXPECT_EQ(account.filesIn(""), (std::vector<std::string>{".tallowin-d.tmp", ".tallowin-notes", "config.xml",
-                                                             "tallowin-1-0.tmp", "x.tmp"}));
+TEST_F(ReplaceFile, RemovesWhatDeadWritersLeftAndNothingElse) {
+    write(".tallowin-1-0.tmp", "half");
+    write(".tallowin-99-7.tmp", "");
+    write(".tallowin-notes", "mine");
+    write("tallowin-1-0.tmp", "mine");
+    write("x.tmp", "mine");
+    std::filesystem::create_directory(m_Dir.file(".tallowin-d.tmp"));
+    m_Context.UpdateFile("config.xml", "new");
+    EXPECT_EQ(filesIn(""), (std::vector<std::string>{".tallowin-d.tmp", ".tallowin-notes", "config.xml",
+                                                     "tallowin-1-0.tmp", "x.tmp"}));
 }
 
-TEST(ReplaceFile, RemovesNoLinkAndTouchesNothingBehindIt) {
-    Account account;
-    TempDir elsewhere;
+TEST_F(ReplaceFile, RemovesNoLinkAndTouchesNothingBehindIt) {
+    TemporaryDirectory elsewhere;
     elsewhere.write("target", "mine");
-    std::filesystem::create_symlink(elsewhere.file("target"), account.m_Dir.file(".tallowin-1-0.tmp"));
-    account.m_Context.UpdateFile("config.xml", "new");
+    std::filesystem::create_symlink(elsewhere.file("target"), m_Dir.file(".tallowin-1-0.tmp"));
+    m_Context.UpdateFile("config.xml", "new");
     EXPECT_EQ(elsewhere.read("target"), "mine");
 }
 
-TEST(ReplaceFile, LeavesALivingWritersFileAlone) {
+TEST_F(ReplaceFile, LeavesALivingWritersFileAlone) {
     static KVX_Context* s_Other = nullptr;
     static int s_Renames = 0;
     s_Renames = 0;
-    Account account;
-    KVX_Context other(account.m_Context);
+    KVX_Context other(m_Context);
     s_Other = &other;
     SystemCalls calls;
     // While the first writer is about to take the name over, a second one writes in the same directory.
@@ -296,16 +291,15 @@ TEST(ReplaceFile, LeavesALivingWritersFileAlone) {
         }
         return ::rename(from, to);
     };
-    account.m_Context.UpdateFile("first", "1");
-    EXPECT_EQ(account.filesIn(""), (std::vector<std::string>{"first", "second"}));
-    EXPECT_EQ(account.read("first"), "1");
+    m_Context.UpdateFile("first", "1");
+    EXPECT_EQ(filesIn(""), (std::vector<std::string>{"first", "second"}));
+    EXPECT_EQ(read("first"), "1");
 }
 
-TEST(ReplaceFile, StartsAgainWhenItsNewFileIsClearedAwayBeforeItIsLocked) {
+TEST_F(ReplaceFile, StartsAgainWhenItsNewFileIsClearedAwayBeforeItIsLocked) {
     static std::string s_Created;
     static int s_Locks = 0;
     s_Locks = 0;
-    Account account;
     SystemCalls calls;
     calls->open = [](char const* path, int flags, mode_t mode) {
         s_Created = path;
@@ -317,16 +311,15 @@ TEST(ReplaceFile, StartsAgainWhenItsNewFileIsClearedAwayBeforeItIsLocked) {
         }
         return ::flock(file, operation);
     };
-    account.m_Context.UpdateFile("config.xml", "new");
+    m_Context.UpdateFile("config.xml", "new");
     EXPECT_EQ(s_Locks, 2);
-    EXPECT_EQ(account.read("config.xml"), "new");
-    EXPECT_EQ(account.filesIn(""), std::vector<std::string>{"config.xml"});
+    EXPECT_EQ(read("config.xml"), "new");
+    EXPECT_EQ(filesIn(""), std::vector<std::string>{"config.xml"});
 }
 
-TEST(ReplaceFile, TakesAnotherNameWhenOneIsTaken) {
+TEST_F(ReplaceFile, TakesAnotherNameWhenOneIsTaken) {
     static int s_Opens = 0;
     s_Opens = 0;
-    Account account;
     SystemCalls calls;
     calls->open = [](char const* path, int flags, mode_t mode) {
         if ((flags & O_EXCL) != 0 && s_Opens++ < 3) {
@@ -335,36 +328,34 @@ TEST(ReplaceFile, TakesAnotherNameWhenOneIsTaken) {
         }
         return ::open(path, flags, mode);
     };
-    account.m_Context.UpdateFile("config.xml", "new");
+    m_Context.UpdateFile("config.xml", "new");
     EXPECT_EQ(s_Opens, 4);
-    EXPECT_EQ(account.read("config.xml"), "new");
+    EXPECT_EQ(read("config.xml"), "new");
 }
 
-TEST(ReplaceFile, OpensEveryDescriptorCloseOnExec) {
+TEST_F(ReplaceFile, OpensEveryDescriptorCloseOnExec) {
     static bool s_AllClosed = true;
-    Account account;
-    account.write("config.xml", "<KVX/>");
+    write("config.xml", "<KVX/>");
     SystemCalls calls;
     calls->open = [](char const* path, int flags, mode_t mode) {
         s_AllClosed = s_AllClosed && (flags & O_CLOEXEC) != 0;
         return ::open(path, flags, mode);
     };
-    account.m_Context.SetValue("config.xml", "A", "1", false);
+    m_Context.SetValue("config.xml", "A", "1", false);
     unsigned char byte = 0;
     unsigned long size = 1;
-    account.m_Context.QueryValue("config.xml", &byte, &size);
-    account.m_Context.UpdateFile("raw", &byte, 1UL);
+    m_Context.QueryValue("config.xml", &byte, &size);
+    m_Context.UpdateFile("raw", &byte, 1UL);
     EXPECT_TRUE(s_AllClosed);
 }
 
-TEST(ReplaceFile, ShowsReadersTheOldOrTheNewContentWhole) {
+TEST_F(ReplaceFile, ShowsReadersTheOldOrTheNewContentWhole) {
     std::string const contents[] = {std::string(20000, 'a'), std::string(70000, 'b')};
-    Account account;
-    account.write("config.xml", contents[0]);
+    write("config.xml", contents[0]);
     pid_t const writer = ::fork();
     if (writer == 0) {
         for (int i = 0; i < 300; ++i) {
-            if (thrownCode([&] { account.m_Context.UpdateFile("config.xml", contents[1 - i % 2].c_str()); }) != 0) {
+            if (thrownCode([&] { m_Context.UpdateFile("config.xml", contents[1 - i % 2].c_str()); }) != 0) {
                 ::_exit(1);
             }
         }
@@ -376,7 +367,7 @@ TEST(ReplaceFile, ShowsReadersTheOldOrTheNewContentWhole) {
     char last = 'a';
     while (::waitpid(writer, &status, WNOHANG) == 0) {
         TbString value;
-        ASSERT_TRUE(account.m_Context.QueryValue("config.xml", "", value));
+        ASSERT_TRUE(m_Context.QueryValue("config.xml", "", value));
         std::string const bytes = bytesOf(value);
         ASSERT_TRUE(bytes == contents[0] || bytes == contents[1]) << "a torn file of " << bytes.size() << " bytes";
         changes += bytes[0] != last ? 1 : 0;
@@ -385,7 +376,9 @@ TEST(ReplaceFile, ShowsReadersTheOldOrTheNewContentWhole) {
     }
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     EXPECT_GT(reads, 0);
-    EXPECT_EQ(account.filesIn(""), std::vector<std::string>{"config.xml"});
+    EXPECT_EQ(filesIn(""), std::vector<std::string>{"config.xml"});
     RecordProperty("reads", std::to_string(reads));
     RecordProperty("changes", std::to_string(changes));
 }
+
+}  // namespace

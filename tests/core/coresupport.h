@@ -1,14 +1,16 @@
-/// What the tests of the core share: accounts in directories of their own, test keys, scripted payment servers.
-#ifndef TALLOWIN_TESTS_CORE_CORE_SUPPORT_H
-#define TALLOWIN_TESTS_CORE_CORE_SUPPORT_H
+/// Accounts in directories of their own, signatures made by other code, scripted payment servers.
+#ifndef TALLOWIN_TESTS_CORE_CORESUPPORT_H
+#define TALLOWIN_TESTS_CORE_CORESUPPORT_H
+
+#include <gtest/gtest.h>
 
 #include <functional>
 #include <string>
 #include <vector>
 
 #include "core/kvxctx.h"
-#include "tests/support/raw_server.h"
-#include "tests/support/test_support.h"
+#include "tests/support/directories.h"
+#include "tests/support/rawserver.h"
 
 namespace kvxtest {
 
@@ -27,35 +29,37 @@ public:
     void writeOwnKey(std::string const& keyId) const;
 
     /// Names of the files in `folder`, sorted.
-    [[nodiscard]] std::vector<std::string> filesIn(std::string const& folder) const;
+    [[nodiscard]] std::vector<std::string> filesIn(std::string const& folder) const { return m_Dir.namesIn(folder); }
 
     /// Whether writing has left a file of its own behind in `folder`.
     [[nodiscard]] bool hasTemporaryFile(std::string const& folder = "") const;
 
-    TempDir m_Dir;
+    TemporaryDirectory m_Dir;
     KVX_Context m_Context;
 };
 
-/// Content of the file `name` below the folder of test data.
-std::string dataFile(std::string const& name);
+/// An account with a current key "own" and the server's key "server", both the test key of 512 bits.
+class Merchant : public Account {
+public:
+    /// `config` is the content of config.xml.
+    explicit Merchant(std::string const& config =
+                          R"(<KVX VTURL="https://pay.example/page" CAPTUREURL="http://pay.example/capture"/>)");
+};
 
-/// The same without line ends: hexadecimal text as the key directory holds it.
-std::string hexFile(std::string const& name);
+/// Tests on one account: the directory and the context are at hand by their own names.
+class AccountTest : public testing::Test, protected Account {};
 
 /// Widens `text` as a signer (`high` "00" above 0x7F) or a verifier (`high` "ff") does and signs it with the test key
 /// of 512 bits, by another way than the code under test. Hexadecimal text.
 enum class Widening { kWithoutSign, kWithSign };
 std::string signedElsewhere(std::string const& text, Widening widening);
 
-/// A whole HTTP answer with status 200 and `body`.
-std::string answerWith(std::string const& body);
-
 /// Answers the first client with the first text, the second with the second, and so on; the last one over and over.
-/// Texts are bodies of answers with status 200, unless they begin with "HTTP/".
+/// Texts are bodies of responses with status 200, unless they begin with "HTTP/".
 class ExchangeServer {
 public:
-    /// `beforeAnswer` is called, on the server's thread, with the number of the request (from 0) before its answer.
-    explicit ExchangeServer(std::vector<std::string> answers, std::function<void(std::size_t)> beforeAnswer = {});
+    /// `beforeResponse` is called on the server's thread, before each response, with the number of the request from 0.
+    explicit ExchangeServer(std::vector<std::string> responses, std::function<void(std::size_t)> beforeResponse = {});
 
     /// "http://127.0.0.1:PORT" + `path`.
     [[nodiscard]] std::string url(std::string const& path) const;
@@ -67,20 +71,11 @@ public:
     std::vector<std::string> messages();
 
 private:
-    std::vector<std::string> m_Answers;
-    std::function<void(std::size_t)> m_BeforeAnswer;
+    std::vector<std::string> m_Responses;
+    std::function<void(std::size_t)> m_BeforeResponse;
     std::size_t m_Served = 0;
     RawServer m_Server;
 };
-
-/// The value of `name` in the query of a URL or of a request line; empty when there is none.
-std::string queryValue(std::string const& text, std::string const& name);
-
-/// Undoes percent-encoding. Fails the test for an escape without two lower-case digits.
-std::string percentDecoded(std::string const& text);
-
-/// Traces as lines "file:line:code:event:detail", the code in hexadecimal.
-std::vector<std::string> linesOf(std::vector<TraceRecorder::Record> const& records);
 
 }  // namespace kvxtest
 
