@@ -1,21 +1,20 @@
+// Handles, accounts and marks on outputs, for the tests of the public interface.
+//
+// The table of flat functions calls each one with harmless arguments, so that a test can try a handle on all of them.
+// An account holds both halves of its own and of the server's key.
+
 #include "tests/api/apisupport.h"
+
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <sstream>
 
+#include "tests/support/tbtext.h"
+
 namespace kvxtest {
-
-namespace {
-
-std::time_t g_Now = 0;
-
-std::time_t fixedTime(std::time_t*) {
-    return g_Now;
-}
-
-}  // namespace
 
 std::string addressText(void const* address) {
     std::ostringstream text;
@@ -86,7 +85,7 @@ std::vector<KindFunctions> const& allKinds() {
     return kinds;
 }
 
-AccountDir::AccountDir() {
+AccountDirectory::AccountDirectory() {
     std::filesystem::create_directories(file("keys/private"));
     std::filesystem::create_directories(file("keys/public"));
     KVX_Context context;
@@ -99,25 +98,21 @@ AccountDir::AccountDir() {
     setAddress("http://127.0.0.1:1");
 }
 
-void AccountDir::setAddress(std::string const& url) const {
+void AccountDirectory::setAddress(std::string const& url) const {
     write("config.xml", "<KVX VTURL=\"" + url + "/pay\" CAPTUREURL=\"" + url + "/capture\" KVX.VTAUTOURL=\"" + url +
                             "/auto\" VTKEYID=\"server\"/>");
 }
 
-void AccountDir::setDefaults(std::string const& attributes) const {
+void AccountDirectory::setDefaults(std::string const& attributes) const {
     write("default.xml", "<KVX MSGTYPE=\"LoadDefaultsResponse\"" + attributes + "/>");
 }
 
-std::string AccountDir::sign(std::string const& text, std::string const& keyId) const {
+std::string AccountDirectory::sign(std::string const& text, std::string const& keyId) const {
     KVX_Context context;
     context.Open(stringOf(path()));
     TbString signature;
     context.SignData(stringOf(text), stringOf(keyId), signature);
     return bytesOf(signature);
-}
-
-std::string httpAnswer(std::string const& body) {
-    return "HTTP/1.0 200 OK\r\nContent-Type: text/xml\r\n\r\n" + body;
 }
 
 std::string copiedOut(CopyOut const& call) {
@@ -141,6 +136,31 @@ std::string textOf(KVX_HANDLE message) {
 
 std::string urlOf(KVX_HANDLE message) {
     return copiedOut([&](auto* size, auto* buffer) { return MessageObject_GetURL(message, size, buffer); });
+}
+
+MadeMessage AccountTest::payInit() const {
+    MadeMessage message;
+    EXPECT_EQ(MessageFactory_CreatePayInit(m_Factory.get(), message.out()), KVX_OK);
+    return message;
+}
+
+MadeMessage AccountTest::request(char const* type) const {
+    MadeMessage message;
+    EXPECT_EQ(MessageFactory_CreateRequest(m_Factory.get(), type, message.out()), KVX_OK);
+    return message;
+}
+
+MadeMessage AccountTest::confirmation(std::string const& data, std::string const& keyId) const {
+    MadeMessage message;
+    std::string const signature = m_Account.sign(data, keyId);
+    EXPECT_EQ(MessageFactory_VerifyPayConfirm(m_Factory.get(), data.c_str(), signature.c_str(), message.out()), KVX_OK);
+    return message;
+}
+
+MadeMessage AccountTest::responseTo(MadeMessage const& request) {
+    MadeMessage response;
+    EXPECT_EQ(MessageObject_Execute(request.get(), response.out()), KVX_OK);
+    return response;
 }
 
 std::set<void*> addressesOf(KindFunctions const& kind, int count) {
@@ -178,19 +198,6 @@ void expectNoSlotIsLost(int times, std::function<void()> const& call) {
         call();
     }
     EXPECT_EQ(wholeCycle(messages), before) << "slots have been lost, others are in use now";
-}
-
-FixedTime::FixedTime(std::time_t now) {
-    g_Now = now;
-    m_Calls->time = &fixedTime;
-}
-
-WorkingDirectory::WorkingDirectory(std::string const& path) : m_Before(std::filesystem::current_path().string()) {
-    std::filesystem::current_path(path);
-}
-
-WorkingDirectory::~WorkingDirectory() {
-    std::filesystem::current_path(m_Before);
 }
 
 }  // namespace kvxtest

@@ -1,20 +1,24 @@
-/// What the tests of the flat functions and the public objects share.
+/// Handles, accounts and the table of flat functions, for the tests of the public interface.
+///
+/// Handles destroy themselves. Outputs carry marks, so that a test sees whether a refused call has written anything.
 #ifndef TALLOWIN_TESTS_API_APISUPPORT_H
 #define TALLOWIN_TESTS_API_APISUPPORT_H
+
+#include <gtest/gtest.h>
 
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "api/cConfigurationSetup.h"
 #include "api/cMessageFactory.h"
 #include "api/cMessageObject.h"
 #include "tallowin/tallowin.h"
-#include "tests/support/system_calls.h"
-#include "tests/support/test_support.h"
+#include "tests/support/directories.h"
 
 namespace kvxtest {
 
@@ -26,13 +30,15 @@ class OwnedHandle {
 public:
     using Destroy = void (*)(KVX_HANDLE);
     OwnedHandle(KVX_HANDLE handle, Destroy destroy) : m_Handle(handle), m_Destroy(destroy) {}
+    OwnedHandle(OwnedHandle&& other) noexcept
+        : m_Handle(std::exchange(other.m_Handle, nullptr)), m_Destroy(other.m_Destroy) {}
     OwnedHandle(OwnedHandle const&) = delete;
     OwnedHandle& operator=(OwnedHandle const&) = delete;
     ~OwnedHandle() { m_Destroy(m_Handle); }
 
     [[nodiscard]] KVX_HANDLE get() const { return m_Handle; }
 
-    /// Where a creating function puts what it makes. Requires: the handle is null.
+    /// Receives the handle of a creating function. Requires: the handle is null.
     KVX_HANDLE* out() { return &m_Handle; }
 
 private:
@@ -58,7 +64,7 @@ struct MadeMessage : OwnedHandle {
 /// A message object made by the class interface.
 using OwnedMessage = std::unique_ptr<KVXCIMPL_MessageObject>;
 
-/// Everything that a flat function can write, filled with marks.
+/// All outputs of a flat function, filled with marks.
 struct Outputs {
     static constexpr std::int32_t kSizeMark = 77;
     static constexpr char kByteMark = '#';
@@ -99,9 +105,9 @@ std::vector<KindFunctions> const& allKinds();
 
 /// A configuration directory in working order: an own key "own" (current) and a server's key "server", both halves of
 /// each, so that a test can sign as either side.
-class AccountDir : public TempDir {
+class AccountDirectory : public TemporaryDirectory {
 public:
-    AccountDir();
+    AccountDirectory();
 
     /// Writes "config.xml" with these addresses for payments, captures and set-up.
     void setAddress(std::string const& url) const;
@@ -117,17 +123,32 @@ public:
 inline constexpr char kConfirmation[] =
     R"(<KVX MSGTYPE="PayConfirm" KEYID="server" TOKEN="t1" ID="P1" AMOUNT="12.50"/>)";
 
-/// An HTTP answer with this body.
-std::string httpAnswer(std::string const& body);
-
-/// What `call` copies out when it is asked as it should be: once for the size, once for the text.
-/// Fails the test when one of the two calls does not do what it must.
+/// The text that `call` copies out, called once for the size and once for the text. Fails the test when one of the two
+/// calls does not work as documented.
 using CopyOut = std::function<std::int32_t(std::int32_t* size, char* buffer)>;
 std::string copiedOut(CopyOut const& call);
 
 std::string attribute(KVX_HANDLE message, char const* name);
 std::string textOf(KVX_HANDLE message);
 std::string urlOf(KVX_HANDLE message);
+
+/// Tests on one account directory, with a factory open there. The verbs make messages through the flat functions and
+/// fail the test when a call fails.
+class AccountTest : public testing::Test {
+protected:
+    [[nodiscard]] MadeMessage payInit() const;
+    [[nodiscard]] MadeMessage request(char const* type = "T") const;
+
+    /// The message object of a verified `data`, signed by the key `keyId`.
+    [[nodiscard]] MadeMessage confirmation(std::string const& data = kConfirmation,
+                                           std::string const& keyId = "server") const;
+
+    /// Sends `request` and returns the response.
+    [[nodiscard]] static MadeMessage responseTo(MadeMessage const& request);
+
+    AccountDirectory m_Account;
+    FactoryHandle m_Factory{m_Account.path()};
+};
 
 /// The addresses that creating and destroying one object after the other goes through, `count` of them.
 std::set<void*> addressesOf(KindFunctions const& kind, int count);
@@ -137,29 +158,6 @@ std::set<void*> wholeCycle(KindFunctions const& kind);
 
 /// Fails the test when `call`, run `times` times, keeps slots of message objects for ever.
 void expectNoSlotIsLost(int times, std::function<void()> const& call);
-
-/// Sets the time of day for the library while it lives.
-class FixedTime {
-public:
-    explicit FixedTime(std::time_t now);
-    FixedTime(FixedTime const&) = delete;
-    FixedTime& operator=(FixedTime const&) = delete;
-
-private:
-    SystemCalls m_Calls;
-};
-
-/// Makes `path` the current directory while it lives.
-class WorkingDirectory {
-public:
-    explicit WorkingDirectory(std::string const& path);
-    WorkingDirectory(WorkingDirectory const&) = delete;
-    WorkingDirectory& operator=(WorkingDirectory const&) = delete;
-    ~WorkingDirectory();
-
-private:
-    std::string m_Before;
-};
 
 }  // namespace kvxtest
 

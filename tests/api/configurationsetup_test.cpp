@@ -1,9 +1,16 @@
+// ConfigurationSetup: values of the files of a directory, options, and the arguments of a set-up.
+//
+// A scripted server refuses every request, and its records show the credentials and the address in use. Odd: an empty
+// value is not written, and setting it still succeeds.
+
 #include "api/cConfigurationSetup.h"
 
 #include <sys/stat.h>
 
 #include "tests/api/apisupport.h"
-#include "tests/support/raw_server.h"
+#include "tests/support/exceptions.h"
+#include "tests/support/rawserver.h"
+#include "tests/support/tbtext.h"
 
 using namespace kvxtest;
 
@@ -29,61 +36,74 @@ std::string credentialsSeen(RawServer& server) {
     return request.substr(from, request.find("\r\n", from) - from);
 }
 
-}  // namespace
+/// A set-up object, and the directory of an account in working order.
+class ConfigurationSetup : public testing::Test {
+protected:
+    void open() const {
+        ASSERT_EQ(ConfigurationSetup_SetConfiguration(m_Setup.get(), m_Account.path().c_str()), KVX_OK);
+    }
 
-TEST(ConfigurationSetup, ReadsAndWritesTheFilesOfItsDirectory) {
-    AccountDir const account;
-    SetupHandle const setup;
-    ASSERT_EQ(ConfigurationSetup_SetConfiguration(setup.get(), account.path().c_str()), KVX_OK);
-    EXPECT_EQ(valueOf(setup.get(), "config.xml", "VTURL"), "http://127.0.0.1:1/pay");
-    EXPECT_EQ(valueOf(setup.get(), "config.xml", "KVX.VTAUTOURL"), "http://127.0.0.1:1/auto");
-    EXPECT_EQ(valueOf(setup.get(), "keys/current", ""), "own");
-    EXPECT_EQ(ConfigurationSetup_SetAttribute(setup.get(), "config.xml", "VTURL", "http://a/<b>"), KVX_OK);
-    EXPECT_EQ(ConfigurationSetup_SetAttribute(setup.get(), "config.xml", "NEW", "1"), KVX_OK);
-    EXPECT_EQ(valueOf(setup.get(), "config.xml", "VTURL"), "http://a/<b>");
-    EXPECT_EQ(account.read("config.xml"), R"(<KVX VTURL="http://a/&lt;b&gt;" CAPTUREURL="http://127.0.0.1:1/capture")"
-                                          R"( KVX.VTAUTOURL="http://127.0.0.1:1/auto" VTKEYID="server" NEW="1"/>)");
+    AccountDirectory m_Account;
+    SetupHandle m_Setup;
+};
+
+/// A set-up object, and an empty directory.
+class Reconfigure : public testing::Test {
+protected:
+    void open() const {
+        ASSERT_EQ(ConfigurationSetup_SetConfiguration(m_Setup.get(), m_Directory.path().c_str()), KVX_OK);
+    }
+
+    TemporaryDirectory m_Directory;
+    SetupHandle m_Setup;
+};
+
+TEST_F(ConfigurationSetup, ReadsAndWritesTheFilesOfItsDirectory) {
+    open();
+    EXPECT_EQ(valueOf(m_Setup.get(), "config.xml", "VTURL"), "http://127.0.0.1:1/pay");
+    EXPECT_EQ(valueOf(m_Setup.get(), "config.xml", "KVX.VTAUTOURL"), "http://127.0.0.1:1/auto");
+    EXPECT_EQ(valueOf(m_Setup.get(), "keys/current", ""), "own");
+    EXPECT_EQ(ConfigurationSetup_SetAttribute(m_Setup.get(), "config.xml", "VTURL", "http://a/<b>"), KVX_OK);
+    EXPECT_EQ(ConfigurationSetup_SetAttribute(m_Setup.get(), "config.xml", "NEW", "1"), KVX_OK);
+    EXPECT_EQ(valueOf(m_Setup.get(), "config.xml", "VTURL"), "http://a/<b>");
+    EXPECT_EQ(m_Account.read("config.xml"), R"(<KVX VTURL="http://a/&lt;b&gt;" CAPTUREURL="http://127.0.0.1:1/capture")"
+                                            R"( KVX.VTAUTOURL="http://127.0.0.1:1/auto" VTKEYID="server" NEW="1"/>)");
 }
 
-TEST(ConfigurationSetup, KeepsAnEmptyValueFromBeingWrittenAndSucceeds) {
-    AccountDir const account;
-    SetupHandle const setup;
-    ASSERT_EQ(ConfigurationSetup_SetConfiguration(setup.get(), account.path().c_str()), KVX_OK);
-    std::string const before = account.read("config.xml");
+TEST_F(ConfigurationSetup, KeepsAnEmptyValueFromBeingWrittenAndSucceeds) {
+    open();
+    std::string const before = m_Account.read("config.xml");
     struct stat first = {};
-    ASSERT_EQ(::stat(account.file("config.xml").c_str(), &first), 0);
+    ASSERT_EQ(::stat(m_Account.file("config.xml").c_str(), &first), 0);
     for (char const* const value : {"", static_cast<char const*>(nullptr)}) {
-        EXPECT_EQ(ConfigurationSetup_SetAttribute(setup.get(), "config.xml", "VTURL", value), KVX_OK);
-        EXPECT_EQ(ConfigurationSetup_SetAttribute(setup.get(), "missing.xml", "VTURL", value), KVX_OK);
+        EXPECT_EQ(ConfigurationSetup_SetAttribute(m_Setup.get(), "config.xml", "VTURL", value), KVX_OK);
+        EXPECT_EQ(ConfigurationSetup_SetAttribute(m_Setup.get(), "missing.xml", "VTURL", value), KVX_OK);
     }
     struct stat second = {};
-    ASSERT_EQ(::stat(account.file("config.xml").c_str(), &second), 0);
-    EXPECT_EQ(account.read("config.xml"), before);
+    ASSERT_EQ(::stat(m_Account.file("config.xml").c_str(), &second), 0);
+    EXPECT_EQ(m_Account.read("config.xml"), before);
     EXPECT_EQ(second.st_ino, first.st_ino) << "the file was not even rewritten";
-    EXPECT_FALSE(account.exists("missing.xml"));
+    EXPECT_FALSE(m_Account.exists("missing.xml"));
 
     SetupHandle const unopened;
     EXPECT_EQ(ConfigurationSetup_SetAttribute(unopened.get(), "config.xml", "VTURL", ""), KVX_OK);
 }
 
-TEST(ConfigurationSetup, RefusesEverythingButOptionsBeforeADirectoryIsChosen) {
-    SetupHandle const setup;
+TEST_F(ConfigurationSetup, RefusesEverythingButOptionsBeforeADirectoryIsChosen) {
     Outputs outputs;
-    EXPECT_EQ(ConfigurationSetup_GetAttribute(setup.get(), "config.xml", "VTURL", &outputs.m_Size, outputs.m_Buffer),
+    EXPECT_EQ(ConfigurationSetup_GetAttribute(m_Setup.get(), "config.xml", "VTURL", &outputs.m_Size, outputs.m_Buffer),
               KVX_E_NO_CONTEXT);
-    EXPECT_EQ(ConfigurationSetup_SetAttribute(setup.get(), "config.xml", "VTURL", "v"), KVX_E_NO_CONTEXT);
-    EXPECT_EQ(ConfigurationSetup_Reconfigure(setup.get(), "http://127.0.0.1:1/auto", "u", "p"), KVX_E_NO_CONTEXT);
-    EXPECT_EQ(ConfigurationSetup_SetOption(setup.get(), "UserName", "u"), KVX_OK);
+    EXPECT_EQ(ConfigurationSetup_SetAttribute(m_Setup.get(), "config.xml", "VTURL", "v"), KVX_E_NO_CONTEXT);
+    EXPECT_EQ(ConfigurationSetup_Reconfigure(m_Setup.get(), "http://127.0.0.1:1/auto", "u", "p"), KVX_E_NO_CONTEXT);
+    EXPECT_EQ(ConfigurationSetup_SetOption(m_Setup.get(), "UserName", "u"), KVX_OK);
     outputs.expectUntouched("no directory");
 }
 
-TEST(ConfigurationSetup, TellsTheFailuresOfValuesApart) {
-    AccountDir const account;
-    account.write("broken.xml", "<KVX A=");
-    account.write("other.xml", "<OTHER A=\"1\"/>");
-    account.write("empty.xml", "<KVX A=\"\"/>");
-    SetupHandle const setup;
-    ASSERT_EQ(ConfigurationSetup_SetConfiguration(setup.get(), account.path().c_str()), KVX_OK);
+TEST_F(ConfigurationSetup, TellsTheFailuresOfValuesApart) {
+    m_Account.write("broken.xml", "<KVX A=");
+    m_Account.write("other.xml", "<OTHER A=\"1\"/>");
+    m_Account.write("empty.xml", "<KVX A=\"\"/>");
+    open();
     struct Row {
         char const* m_File;
         char const* m_Name;
@@ -108,23 +128,22 @@ TEST(ConfigurationSetup, TellsTheFailuresOfValuesApart) {
     for (Row const& row : rows) {
         Outputs outputs;
         EXPECT_EQ(
-            ConfigurationSetup_GetAttribute(setup.get(), row.m_File, row.m_Name, &outputs.m_Size, outputs.m_Buffer),
+            ConfigurationSetup_GetAttribute(m_Setup.get(), row.m_File, row.m_Name, &outputs.m_Size, outputs.m_Buffer),
             row.m_Get)
             << row.m_File << " " << row.m_Name;
         outputs.expectUntouched(std::string(row.m_File) + " " + row.m_Name);
     }
     for (Row const& row : rows) {
-        EXPECT_EQ(ConfigurationSetup_SetAttribute(setup.get(), row.m_File, row.m_Name, "v"), row.m_Set)
+        EXPECT_EQ(ConfigurationSetup_SetAttribute(m_Setup.get(), row.m_File, row.m_Name, "v"), row.m_Set)
             << row.m_File << " " << row.m_Name;
     }
-    EXPECT_EQ(account.read("broken.xml"), "<KVX A=");
-    EXPECT_FALSE(account.exists("missing.xml"));
+    EXPECT_EQ(m_Account.read("broken.xml"), "<KVX A=");
+    EXPECT_FALSE(m_Account.exists("missing.xml"));
 }
 
-TEST(ConfigurationSetup, NamesItsSourceAndLineForAMissingValue) {
-    AccountDir const account;
+TEST_F(ConfigurationSetup, NamesItsSourceAndLineForAMissingValue) {
     KVXCIMPL_ConfigurationSetup setup;
-    setup.SetConfiguration(stringOf(account.path()));
+    setup.SetConfiguration(stringOf(m_Account.path()));
     TbString value("before");
     Thrown const failure = thrown([&] { setup.GetAttribute("config.xml", "NONE", value); });
     EXPECT_EQ(failure.m_Code, KVX_E_NOT_FOUND);
@@ -135,51 +154,47 @@ TEST(ConfigurationSetup, NamesItsSourceAndLineForAMissingValue) {
     EXPECT_EQ(bytesOf(value), "server");
 }
 
-TEST(ConfigurationSetup, KnowsThreeOptions) {
-    SetupHandle const setup;
+TEST_F(ConfigurationSetup, KnowsThreeOptions) {
     for (char const* const name : {"UserName", "Password", "VTAUTOURL"}) {
-        EXPECT_EQ(ConfigurationSetup_SetOption(setup.get(), name, "value"), KVX_OK) << name;
-        EXPECT_EQ(ConfigurationSetup_SetOption(setup.get(), name, ""), KVX_OK) << name;
-        EXPECT_EQ(ConfigurationSetup_SetOption(setup.get(), name, nullptr), KVX_OK) << name;
+        EXPECT_EQ(ConfigurationSetup_SetOption(m_Setup.get(), name, "value"), KVX_OK) << name;
+        EXPECT_EQ(ConfigurationSetup_SetOption(m_Setup.get(), name, ""), KVX_OK) << name;
+        EXPECT_EQ(ConfigurationSetup_SetOption(m_Setup.get(), name, nullptr), KVX_OK) << name;
     }
     for (char const* const name : {"username", "password", "vtautourl", "USERNAME", "UserName ", "", "VTURL"}) {
-        EXPECT_EQ(ConfigurationSetup_SetOption(setup.get(), name, "value"), KVX_E_INVALID_OPTION) << name;
+        EXPECT_EQ(ConfigurationSetup_SetOption(m_Setup.get(), name, "value"), KVX_E_INVALID_OPTION) << name;
     }
-    EXPECT_EQ(ConfigurationSetup_SetOption(setup.get(), nullptr, nullptr), KVX_E_INVALID_OPTION);
+    EXPECT_EQ(ConfigurationSetup_SetOption(m_Setup.get(), nullptr, nullptr), KVX_E_INVALID_OPTION);
     KVXCIMPL_ConfigurationSetup object;
     Thrown const failure = thrown([&] { object.SetOption("nonsense", ""); });
     EXPECT_EQ(failure.m_File, "kvxctx");
     EXPECT_EQ(failure.m_Line, 38);
 }
 
-TEST(ConfigurationSetup, CreatesTheLastDirectoryOfItsPathOnly) {
-    TempDir const dir;
-    SetupHandle const setup;
-    EXPECT_EQ(ConfigurationSetup_SetConfiguration(setup.get(), dir.file("shop").c_str()), KVX_OK);
+TEST_F(ConfigurationSetup, CreatesTheLastDirectoryOfItsPathOnly) {
+    TemporaryDirectory const dir;
+    EXPECT_EQ(ConfigurationSetup_SetConfiguration(m_Setup.get(), dir.file("shop").c_str()), KVX_OK);
     EXPECT_TRUE(dir.exists("shop"));
-    EXPECT_EQ(ConfigurationSetup_SetConfiguration(setup.get(), dir.file("a/b").c_str()), ENOENT);
+    EXPECT_EQ(ConfigurationSetup_SetConfiguration(m_Setup.get(), dir.file("a/b").c_str()), ENOENT);
     EXPECT_FALSE(dir.exists("a"));
     dir.write("file", "x");
-    EXPECT_EQ(ConfigurationSetup_SetConfiguration(setup.get(), dir.file("file").c_str()), EEXIST);
+    EXPECT_EQ(ConfigurationSetup_SetConfiguration(m_Setup.get(), dir.file("file").c_str()), EEXIST);
     EXPECT_EQ(dir.read("file"), "x");
 }
 
-TEST(ConfigurationSetup, KeepsReportingAFailedDirectoryAsASmallPositiveNumberAndKeepsThePath) {
-    TempDir const dir;
-    SetupHandle const setup;
-    std::int32_t const result = ConfigurationSetup_SetConfiguration(setup.get(), dir.file("a/b").c_str());
+TEST_F(ConfigurationSetup, KeepsReportingAFailedDirectoryAsASmallPositiveNumberAndKeepsThePath) {
+    TemporaryDirectory const dir;
+    std::int32_t const result = ConfigurationSetup_SetConfiguration(m_Setup.get(), dir.file("a/b").c_str());
     EXPECT_GT(result, 0);
     EXPECT_LT(result, 4096);
     Outputs outputs;
     // Not "no context": the path is in place, only the file is missing.
-    EXPECT_EQ(ConfigurationSetup_GetAttribute(setup.get(), "config.xml", "A", &outputs.m_Size, outputs.m_Buffer),
+    EXPECT_EQ(ConfigurationSetup_GetAttribute(m_Setup.get(), "config.xml", "A", &outputs.m_Size, outputs.m_Buffer),
               KVX_E_CANNOT_OPEN);
     outputs.expectUntouched("failed directory");
 }
 
-TEST(ConfigurationSetup, TakesTheCurrentDirectoryForNoPath) {
-    AccountDir const account;
-    WorkingDirectory const here(account.path());
+TEST_F(ConfigurationSetup, TakesTheCurrentDirectoryForNoPath) {
+    WorkingDirectory const here(m_Account.path());
     for (char const* const path : {"", static_cast<char const*>(nullptr)}) {
         SetupHandle const setup;
         EXPECT_EQ(ConfigurationSetup_SetConfiguration(setup.get(), path), KVX_OK);
@@ -187,35 +202,30 @@ TEST(ConfigurationSetup, TakesTheCurrentDirectoryForNoPath) {
     }
 }
 
-TEST(ConfigurationSetup, CountsNullTextsAsEmpty) {
-    AccountDir const account;
-    SetupHandle const setup;
-    ASSERT_EQ(ConfigurationSetup_SetConfiguration(setup.get(), account.path().c_str()), KVX_OK);
-    EXPECT_EQ(valueOf(setup.get(), "keys/current", nullptr), "own");
+TEST_F(ConfigurationSetup, CountsNullTextsAsEmpty) {
+    open();
+    EXPECT_EQ(valueOf(m_Setup.get(), "keys/current", nullptr), "own");
     Outputs outputs;
-    EXPECT_EQ(ConfigurationSetup_GetAttribute(setup.get(), nullptr, nullptr, &outputs.m_Size, outputs.m_Buffer),
+    EXPECT_EQ(ConfigurationSetup_GetAttribute(m_Setup.get(), nullptr, nullptr, &outputs.m_Size, outputs.m_Buffer),
               KVX_E_CANNOT_OPEN);
-    EXPECT_EQ(ConfigurationSetup_SetAttribute(setup.get(), nullptr, nullptr, nullptr), KVX_OK);
-    EXPECT_EQ(ConfigurationSetup_SetAttribute(setup.get(), nullptr, nullptr, "v"), KVX_E_CANNOT_OPEN);
+    EXPECT_EQ(ConfigurationSetup_SetAttribute(m_Setup.get(), nullptr, nullptr, nullptr), KVX_OK);
+    EXPECT_EQ(ConfigurationSetup_SetAttribute(m_Setup.get(), nullptr, nullptr, "v"), KVX_E_CANNOT_OPEN);
     outputs.expectUntouched("null file");
 }
 
-TEST(Reconfigure, SendsTheCredentialsOfTheCallToTheAddressOfTheCall) {
-    TempDir const dir;
-    RawServer server(httpAnswer(kRefusal));
-    SetupHandle const setup;
-    ASSERT_EQ(ConfigurationSetup_SetConfiguration(setup.get(), dir.path().c_str()), KVX_OK);
-    EXPECT_EQ(ConfigurationSetup_Reconfigure(setup.get(), autoUrl(server).c_str(), "us", "pw"), KVX_E_SERVER_ERROR);
+TEST_F(Reconfigure, SendsTheCredentialsOfTheCallToTheAddressOfTheCall) {
+    RawServer server(httpResponse(kRefusal));
+    open();
+    EXPECT_EQ(ConfigurationSetup_Reconfigure(m_Setup.get(), autoUrl(server).c_str(), "us", "pw"), KVX_E_SERVER_ERROR);
     EXPECT_EQ(credentialsSeen(server), "dXM6cHcA") << "us:pw";
     EXPECT_EQ(server.records().at(0).find("GET /auto?DATA=%3cKVX%20MSGTYPE%3d%22SetupRequest%22"), 0U);
 }
 
-TEST(Reconfigure, WithoutAnAddressKeepsTheKnownOneAndReplacesTheCredentials) {
-    TempDir const dir;
+TEST_F(Reconfigure, WithoutAnAddressKeepsTheKnownOneAndReplacesTheCredentials) {
     for (char const* const noAddress : {"", static_cast<char const*>(nullptr)}) {
-        RawServer server(httpAnswer(kRefusal));
+        RawServer server(httpResponse(kRefusal));
         SetupHandle const setup;
-        ASSERT_EQ(ConfigurationSetup_SetConfiguration(setup.get(), dir.path().c_str()), KVX_OK);
+        ASSERT_EQ(ConfigurationSetup_SetConfiguration(setup.get(), m_Directory.path().c_str()), KVX_OK);
         ASSERT_EQ(ConfigurationSetup_SetOption(setup.get(), "VTAUTOURL", autoUrl(server).c_str()), KVX_OK);
         ASSERT_EQ(ConfigurationSetup_SetOption(setup.get(), "UserName", "old"), KVX_OK);
         ASSERT_EQ(ConfigurationSetup_SetOption(setup.get(), "Password", "old"), KVX_OK);
@@ -224,45 +234,40 @@ TEST(Reconfigure, WithoutAnAddressKeepsTheKnownOneAndReplacesTheCredentials) {
     }
 }
 
-TEST(Reconfigure, WithEmptyCredentialsDropsTheOldOnes) {
-    TempDir const dir;
-    RawServer server(httpAnswer(kRefusal));
-    SetupHandle const setup;
-    ASSERT_EQ(ConfigurationSetup_SetConfiguration(setup.get(), dir.path().c_str()), KVX_OK);
-    ASSERT_EQ(ConfigurationSetup_SetOption(setup.get(), "UserName", "old"), KVX_OK);
-    ASSERT_EQ(ConfigurationSetup_SetOption(setup.get(), "Password", "old"), KVX_OK);
-    EXPECT_EQ(ConfigurationSetup_Reconfigure(setup.get(), autoUrl(server).c_str(), nullptr, nullptr),
+TEST_F(Reconfigure, WithEmptyCredentialsDropsTheOldOnes) {
+    RawServer server(httpResponse(kRefusal));
+    open();
+    ASSERT_EQ(ConfigurationSetup_SetOption(m_Setup.get(), "UserName", "old"), KVX_OK);
+    ASSERT_EQ(ConfigurationSetup_SetOption(m_Setup.get(), "Password", "old"), KVX_OK);
+    EXPECT_EQ(ConfigurationSetup_Reconfigure(m_Setup.get(), autoUrl(server).c_str(), nullptr, nullptr),
               KVX_E_SERVER_ERROR);
     EXPECT_EQ(credentialsSeen(server), "OgAA") << "a colon alone";
 }
 
-TEST(Reconfigure, RemembersItsArgumentsThoughItFails) {
-    TempDir const dir;
-    RawServer server(httpAnswer(kRefusal));
-    SetupHandle const setup;
-    ASSERT_EQ(ConfigurationSetup_Reconfigure(setup.get(), autoUrl(server).c_str(), "a", "b"), KVX_E_NO_CONTEXT);
-    ASSERT_EQ(ConfigurationSetup_SetConfiguration(setup.get(), dir.path().c_str()), KVX_OK);
-    EXPECT_EQ(ConfigurationSetup_Reconfigure(setup.get(), "", "us", "pw"), KVX_E_SERVER_ERROR)
+TEST_F(Reconfigure, RemembersItsArgumentsThoughItFails) {
+    RawServer server(httpResponse(kRefusal));
+    ASSERT_EQ(ConfigurationSetup_Reconfigure(m_Setup.get(), autoUrl(server).c_str(), "a", "b"), KVX_E_NO_CONTEXT);
+    open();
+    EXPECT_EQ(ConfigurationSetup_Reconfigure(m_Setup.get(), "", "us", "pw"), KVX_E_SERVER_ERROR)
         << "the address of the first call is in use";
     EXPECT_EQ(credentialsSeen(server), "dXM6cHcA");
 }
 
-TEST(Reconfigure, WithoutAnyAddressHasNoConfiguration) {
-    TempDir const dir;
-    SetupHandle const setup;
-    ASSERT_EQ(ConfigurationSetup_SetConfiguration(setup.get(), dir.path().c_str()), KVX_OK);
-    EXPECT_EQ(ConfigurationSetup_Reconfigure(setup.get(), "", "us", "pw"), KVX_E_NO_CONFIGURATION);
-    EXPECT_TRUE(dir.exists("keys/private"));
-    EXPECT_TRUE(dir.exists("keys/public"));
-    EXPECT_FALSE(dir.exists("keys/current"));
+TEST_F(Reconfigure, WithoutAnyAddressHasNoConfiguration) {
+    open();
+    EXPECT_EQ(ConfigurationSetup_Reconfigure(m_Setup.get(), "", "us", "pw"), KVX_E_NO_CONFIGURATION);
+    EXPECT_TRUE(m_Directory.exists("keys/private"));
+    EXPECT_TRUE(m_Directory.exists("keys/public"));
+    EXPECT_FALSE(m_Directory.exists("keys/current"));
 }
 
-TEST(Reconfigure, TellsTheServersReasonThroughTheClass) {
-    TempDir const dir;
-    RawServer const server(httpAnswer(kRefusal));
+TEST_F(Reconfigure, TellsTheServersReasonThroughTheClass) {
+    RawServer const server(httpResponse(kRefusal));
     KVXCIMPL_ConfigurationSetup setup;
-    setup.SetConfiguration(stringOf(dir.path()));
+    setup.SetConfiguration(stringOf(m_Directory.path()));
     Thrown const failure = thrown([&] { setup.Reconfigure(stringOf(autoUrl(server)), "us", "pw"); });
     EXPECT_EQ(failure.m_Code, KVX_E_SERVER_ERROR);
     EXPECT_EQ(failure.m_Text, "the request failed (not today)");
 }
+
+}  // namespace

@@ -1,15 +1,22 @@
-// How the flat functions hand texts out. Four functions, one rule, one difference.
+// How the four flat functions with text outputs copy them: sizes, buffers, failures.
+//
+// One table holds the four functions with a text each; every test runs all of them. Odd: only MessageObject_ToString
+// has a code for missing memory, the others let the exception pass.
 
 #include <climits>
 #include <cstring>
 
+#include "foundation/tbexception.h"
 #include "tests/api/apisupport.h"
+#include "tests/support/allocations.h"
+#include "tests/support/exceptions.h"
+#include "tests/support/tbtext.h"
 
 using namespace kvxtest;
 
 namespace {
 
-/// The four functions, each with a text to hand out.
+/// The four functions, each with a text to copy.
 class CopyOutTest : public testing::Test {
 protected:
     struct Source {
@@ -40,14 +47,12 @@ protected:
         };
     }
 
-    AccountDir m_Account;
+    AccountDirectory m_Account;
     SetupHandle m_Setup;
     FactoryHandle m_Factory{m_Account.path()};
     MadeMessage m_Message;
     std::vector<Source> m_Sources;
 };
-
-}  // namespace
 
 TEST_F(CopyOutTest, AsksTwiceAsItShould) {
     for (Source const& source : m_Sources) {
@@ -160,7 +165,7 @@ TEST_F(CopyOutTest, KeepsACodeForMissingMemoryInToStringAlone) {
                     EXPECT_EQ(failure.code(), KVX_E_OUT_OF_MEMORY);
                     failed = true;
                 }
-                reached = FailingAllocation::asked() > number;
+                reached = FailingAllocation::requested() > number;
             }
             if (!reached) {
                 break;
@@ -178,3 +183,5 @@ TEST_F(CopyOutTest, KeepsACodeForMissingMemoryInToStringAlone) {
         EXPECT_EQ(returned, source.m_Name == "MessageObject_ToString" ? 1 : 0) << source.m_Name;
     }
 }
+
+}  // namespace

@@ -1,4 +1,6 @@
 // KVX_GetErrorStringFromResult and KVX_GetVersion.
+//
+// Sizes and buffers follow the rule of all text outputs; the texts themselves are tested in the core.
 
 #include <climits>
 #include <cstring>
@@ -16,8 +18,6 @@ struct Copied {
     std::int32_t m_Size;
     char const* m_Expected;  ///< Null: nothing is written.
 };
-
-}  // namespace
 
 TEST(ErrorText, CopiesAsMuchAsFitsAndTellsTheNeed) {
     Copied const rows[] = {
@@ -104,3 +104,5 @@ TEST(Version, OfTheLibraryIsThatOfTheHeaders) {
                                                  std::to_string(TALLOWIN_VERSION_MINOR) + "." +
                                                  std::to_string(TALLOWIN_VERSION_PATCH));
 }
+
+}  // namespace

@@ -1,7 +1,12 @@
-// What leaves the flat functions when memory runs out inside them.
+// Exceptions of other kinds inside the flat functions when memory runs out.
+//
+// Each allocation fails in turn, in every function. The tests hold the outputs to their marks and count living objects.
 
+#include "foundation/tbexception.h"
+#include "foundation/tbobject.h"
 #include "tests/api/apisupport.h"
-#include "tests/support/raw_server.h"
+#include "tests/support/allocations.h"
+#include "tests/support/rawserver.h"
 
 using namespace kvxtest;
 
@@ -24,7 +29,7 @@ long expectMemoryExhaustionPasses(char const* what, std::function<std::int32_t(O
                 EXPECT_EQ(failure.code(), KVX_E_OUT_OF_MEMORY) << what;
                 passed = true;
             }
-            reached = FailingAllocation::asked() > number;
+            reached = FailingAllocation::requested() > number;
         }
         if (!reached) {
             EXPECT_EQ(result, KVX_OK) << what;
@@ -41,11 +46,9 @@ long expectMemoryExhaustionPasses(char const* what, std::function<std::int32_t(O
     return 0;
 }
 
-}  // namespace
-
 TEST(ForeignException, PassesThroughTheFlatFunctions) {
-    RawServer const server(httpAnswer(R"(<KVX MSGTYPE="TResponse"/>)"));
-    AccountDir const account;
+    RawServer const server(httpResponse(R"(<KVX MSGTYPE="TResponse"/>)"));
+    AccountDirectory const account;
     account.setAddress("http://127.0.0.1:" + server.portText());
     std::string const signature = account.sign(kConfirmation);
     SetupHandle const setup;
@@ -88,8 +91,8 @@ TEST(ForeignException, PassesThroughTheFlatFunctions) {
 }
 
 TEST(ForeignException, LeavesTheObjectsUsable) {
-    RawServer const server(httpAnswer(R"(<KVX MSGTYPE="TResponse"/>)"));
-    AccountDir const account;
+    RawServer const server(httpResponse(R"(<KVX MSGTYPE="TResponse"/>)"));
+    AccountDirectory const account;
     account.setAddress("http://127.0.0.1:" + server.portText());
     FactoryHandle const factory(account.path());
     long failures = 0;
@@ -102,7 +105,7 @@ TEST(ForeignException, LeavesTheObjectsUsable) {
             FailingAllocation const failing(number, FailingAllocation::Mode::kAllFromThere);
             MadeMessage answer;
             (void)MessageObject_Execute(request.get(), answer.out());
-            reached = FailingAllocation::asked() > number;
+            reached = FailingAllocation::requested() > number;
         } catch (TBFC_Exception const& failure) {
             EXPECT_EQ(failure.code(), KVX_E_OUT_OF_MEMORY);
             reached = true;
@@ -119,3 +122,5 @@ TEST(ForeignException, LeavesTheObjectsUsable) {
     }
     EXPECT_GT(failures, 20);
 }
+
+}  // namespace

@@ -1,10 +1,14 @@
-// Which handles the flat functions accept, and what they do with all others: nothing.
+// Handles: which ones the flat functions accept, and that all others are refused without an effect.
+//
+// Refused are null, destroyed and wrong-kind handles, addresses inside objects, and memory that never held one. Each
+// such handle is tried on every function of its table.
 
 #include <array>
 #include <atomic>
 #include <thread>
 
 #include "tests/api/apisupport.h"
+#include "tests/support/tbtext.h"
 
 using namespace kvxtest;
 
@@ -21,7 +25,7 @@ void expectRefused(Kind kind, KVX_HANDLE handle, std::string const& what) {
     }
 }
 
-/// Whether `handle` is accepted as a living object of `kind`, told by a call that has no effect.
+/// Whether a call without an effect accepts `handle` as a living object of `kind`.
 bool isAccepted(Kind kind, KVX_HANDLE handle) {
     switch (kind) {
         case Kind::kSetup:
@@ -37,8 +41,6 @@ bool isAccepted(Kind kind, KVX_HANDLE handle) {
 char* bytesAt(KVX_HANDLE handle) {
     return static_cast<char*>(handle);
 }
-
-}  // namespace
 
 TEST(Handle, OfALivingObjectIsAccepted) {
     for (KindFunctions const& kind : allKinds()) {
@@ -173,7 +175,7 @@ TEST(Handle, OfAnObjectInACallersOwnMemoryIsRefusedOnceItIsDestroyed) {
 }
 
 TEST(Handle, OfACxxObjectWorksThroughBothFaces) {
-    AccountDir const account;
+    AccountDirectory const account;
     KVXCIMPL_MessageFactory factory;
     EXPECT_EQ(MessageFactory_Open(&factory, account.path().c_str()), KVX_OK);
     OwnedMessage const message(factory.CreateRequest("Probe"));
@@ -267,7 +269,7 @@ TEST(DestroyFunction, DestroysOnceWhenTwoThreadsCallItAtOnce) {
         destroyAll();
         other.join();
     }
-    // A slot given back twice would be handed out twice.
+    // A slot freed twice would be used twice.
     std::set<void*> living;
     for (std::size_t i = wholeCycle(allKinds().back()).size() + 2000; i > 0; --i) {
         EXPECT_TRUE(living.insert(CreateMessageObject()).second);
@@ -276,3 +278,5 @@ TEST(DestroyFunction, DestroysOnceWhenTwoThreadsCallItAtOnce) {
         DestroyMessageObject(handle);
     }
 }
+
+}  // namespace

@@ -1,9 +1,15 @@
-// Where public objects live: low addresses, reused late, in bounded memory, by any number of threads.
+// The pools of public objects: low addresses, late reuse, bounded memory, many threads, exhaustion.
+//
+// Addresses are collected by creating and destroying objects. Exhaustion is tried in a child process, since slots are
+// never given back to the system.
 
 #include <limits>
 #include <thread>
 
 #include "tests/api/apisupport.h"
+#include "tests/support/allocations.h"
+#include "tests/support/exceptions.h"
+#include "tests/support/tbtext.h"
 
 using namespace kvxtest;
 
@@ -38,8 +44,6 @@ private:
     KindFunctions m_Kind;
     std::vector<KVX_HANDLE> m_Handles;
 };
-
-}  // namespace
 
 TEST(HandlePool, GivesAddressesThatArePositiveIn32Bits) {
     for (KindFunctions const& kind : allKinds()) {
@@ -153,7 +157,7 @@ TEST(HandlePool, ExhaustedMakesTheCreateFunctionsReturnNull) {
 }
 
 TEST(HandlePool, ExhaustedRaisesOutOfMemoryFromEveryCallThatMakesAnObject) {
-    AccountDir const account;
+    AccountDirectory const account;
     KVXCIMPL_MessageFactory factory;
     factory.Open(stringOf(account.path()));
     std::unique_ptr<KVXCIMPL_MessageObject> const sender(factory.CreateRequest("T"));
@@ -177,3 +181,5 @@ TEST(HandlePool, RefusesAnObjectThatIsLargerThanASlot) {
     kvxGiveSlot(KvxKind::kMessageObject, slot);
     kvxGiveSlot(KvxKind::kMessageObject, nullptr);
 }
+
+}  // namespace

@@ -1,6 +1,17 @@
+// MessageFactory: the four creating functions, their codes, and the messages they make.
+//
+// Texts of messages are compared as a whole, with a fixed time of day for expirations. Odd: opening a factory reads
+// nothing; verifying accepts every type and every key of the directory.
+
 #include "api/cMessageFactory.h"
 
+#include "foundation/tbobject.h"
 #include "tests/api/apisupport.h"
+#include "tests/support/allocations.h"
+#include "tests/support/exceptions.h"
+#include "tests/support/systemcalls.h"
+#include "tests/support/tbtext.h"
+#include "tests/support/tracerecorder.h"
 
 using namespace kvxtest;
 
@@ -23,10 +34,15 @@ void expectAllFail(KVX_HANDLE factory, std::int32_t code) {
     outputs.expectUntouched("failing calls");
 }
 
-}  // namespace
+class MessageFactory : public AccountTest {};
+class PayInit : public AccountTest {};
+class PayComplete : public AccountTest {};
+class CreateRequest : public AccountTest {};
+class VerifyPayConfirm : public AccountTest {};
+class FactoryCalls : public AccountTest {};
 
-TEST(MessageFactory, OpenReadsNothing) {
-    TempDir const dir;
+TEST_F(MessageFactory, OpenReadsNothing) {
+    TemporaryDirectory const dir;
     FactoryHandle const factory;
     TraceRecorder const trace;
     EXPECT_EQ(MessageFactory_Open(factory.get(), dir.file("no/such/place").c_str()), KVX_OK);
@@ -35,15 +51,15 @@ TEST(MessageFactory, OpenReadsNothing) {
     EXPECT_FALSE(dir.exists("shop"));
 }
 
-TEST(MessageFactory, ReportsAWrongPathAtTheFirstCreatingCall) {
-    TempDir const dir;
+TEST_F(MessageFactory, ReportsAWrongPathAtTheFirstCreatingCall) {
+    TemporaryDirectory const dir;
     expectAllFail(FactoryHandle(dir.file("no/such/place")).get(), ENOENT);
     dir.write("file", "x");
     expectAllFail(FactoryHandle(dir.file("file")).get(), EEXIST);
 }
 
-TEST(MessageFactory, KeepsCreatingTheLastDirectoryOfAWrongPath) {
-    TempDir const dir;
+TEST_F(MessageFactory, KeepsCreatingTheLastDirectoryOfAWrongPath) {
+    TemporaryDirectory const dir;
     FactoryHandle const factory(dir.file("shop"));
     Outputs outputs;
     EXPECT_EQ(MessageFactory_CreatePayInit(factory.get(), &outputs.m_Out), KVX_E_CANNOT_OPEN);
@@ -51,9 +67,8 @@ TEST(MessageFactory, KeepsCreatingTheLastDirectoryOfAWrongPath) {
     outputs.expectUntouched("no current key");
 }
 
-TEST(MessageFactory, WorksInTheCurrentDirectoryWithoutAPath) {
-    AccountDir const account;
-    WorkingDirectory const here(account.path());
+TEST_F(MessageFactory, WorksInTheCurrentDirectoryWithoutAPath) {
+    WorkingDirectory const here(m_Account.path());
     FactoryHandle const unopened;
     FactoryHandle const empty("");
     for (KVX_HANDLE const factory : {unopened.get(), empty.get()}) {
@@ -66,49 +81,39 @@ TEST(MessageFactory, WorksInTheCurrentDirectoryWithoutAPath) {
     EXPECT_EQ(MessageFactory_CreatePayInit(null.get(), message.out()), KVX_OK);
 }
 
-TEST(MessageFactory, ReadsTheDirectoryAnewAtEveryCall) {
-    AccountDir const account;
-    FactoryHandle const factory(account.path());
-    MadeMessage first;
-    ASSERT_EQ(MessageFactory_CreateRequest(factory.get(), "T", first.out()), KVX_OK);
-    account.write("keys/current", "server");
-    MadeMessage second;
-    ASSERT_EQ(MessageFactory_CreateRequest(factory.get(), "T", second.out()), KVX_OK);
+TEST_F(MessageFactory, ReadsTheDirectoryAnewAtEveryCall) {
+    MadeMessage const first = request();
+    m_Account.write("keys/current", "server");
+    MadeMessage const second = request();
     EXPECT_EQ(attribute(first.get(), "KEYID"), "own");
     EXPECT_EQ(attribute(second.get(), "KEYID"), "server");
 }
 
-TEST(MessageFactory, MakesMessagesThatOutliveIt) {
-    AccountDir const account;
+TEST_F(MessageFactory, MakesMessagesThatOutliveIt) {
     MadeMessage message;
     {
-        FactoryHandle const factory(account.path());
+        FactoryHandle const factory(m_Account.path());
         ASSERT_EQ(MessageFactory_CreateRequest(factory.get(), "T", message.out()), KVX_OK);
     }
     EXPECT_EQ(textOf(message.get()), R"(<KVX MSGTYPE="T" KEYID="own"/>)");
     EXPECT_EQ(urlOf(message.get()).find("http://127.0.0.1:1/pay?DATA="), 0U);
 }
 
-TEST(MessageFactory, CanBeOpenedAgainOnAnotherDirectory) {
-    AccountDir const one;
-    AccountDir const other;
+TEST_F(MessageFactory, CanBeOpenedAgainOnAnotherDirectory) {
+    AccountDirectory const other;
     other.write("keys/current", "server");
-    FactoryHandle const factory(one.path());
-    ASSERT_EQ(MessageFactory_Open(factory.get(), other.path().c_str()), KVX_OK);
-    MadeMessage message;
-    ASSERT_EQ(MessageFactory_CreateRequest(factory.get(), "T", message.out()), KVX_OK);
+    ASSERT_EQ(MessageFactory_Open(m_Factory.get(), other.path().c_str()), KVX_OK);
+    MadeMessage const message = request();
     EXPECT_EQ(attribute(message.get(), "KEYID"), "server");
 }
 
-TEST(PayInit, HoldsItsAttributesInTheOrderInWhichTheyAreSet) {
-    AccountDir const account;
-    account.setDefaults(R"( FAILLINK="http://s/f?a=1&amp;b=2" BACKLINK="http://s/b" DEFAULTVALIDITY="7")"
-                        R"( NOTIFYADDRESS="n@s" SUCCESSLINK="http://s/s" LANGID="de" DELIVERY="no" ALLOWCOLLECT="yes")"
-                        R"( PAYINITTTL="60" OTHER="not copied")");
+TEST_F(PayInit, HoldsItsAttributesInTheOrderInWhichTheyAreSet) {
+    m_Account.setDefaults(
+        R"( FAILLINK="http://s/f?a=1&amp;b=2" BACKLINK="http://s/b" DEFAULTVALIDITY="7")"
+        R"( NOTIFYADDRESS="n@s" SUCCESSLINK="http://s/s" LANGID="de" DELIVERY="no" ALLOWCOLLECT="yes")"
+        R"( PAYINITTTL="60" OTHER="not copied")");
     FixedTime const time(kNow);
-    FactoryHandle const factory(account.path());
-    MadeMessage message;
-    ASSERT_EQ(MessageFactory_CreatePayInit(factory.get(), message.out()), KVX_OK);
+    MadeMessage const message = payInit();
     EXPECT_EQ(textOf(message.get()),
               payInitText(attribute(message.get(), "TOKEN"),
                           R"( ALLOWCOLLECT="yes" DELIVERY="no" LANGID="de" SUCCESSLINK="http://s/s")"
@@ -116,41 +121,33 @@ TEST(PayInit, HoldsItsAttributesInTheOrderInWhichTheyAreSet) {
                           R"( FAILLINK="http://s/f?a=1&amp;b=2" EXPIRATION="20240201 00:00:07")"));
 }
 
-TEST(PayInit, CopiesTheDefaultsThatAreThereAlsoEmptyOnes) {
-    AccountDir const account;
-    account.setDefaults(R"( LANGID="" BACKLINK="b")");
+TEST_F(PayInit, CopiesTheDefaultsThatAreThereAlsoEmptyOnes) {
+    m_Account.setDefaults(R"( LANGID="" BACKLINK="b")");
     FixedTime const time(kNow);
-    FactoryHandle const factory(account.path());
-    MadeMessage message;
-    ASSERT_EQ(MessageFactory_CreatePayInit(factory.get(), message.out()), KVX_OK);
+    MadeMessage const message = payInit();
     EXPECT_EQ(textOf(message.get()), payInitText(attribute(message.get(), "TOKEN"),
                                                  R"( LANGID="" BACKLINK="b" EXPIRATION="20240201 23:59:07")"));
 }
 
-TEST(PayInit, GoesWithoutDefaultsWhenThereIsNoFile) {
-    AccountDir const account;
-    ASSERT_FALSE(account.exists("default.xml"));
+TEST_F(PayInit, GoesWithoutDefaultsWhenThereIsNoFile) {
+    ASSERT_FALSE(m_Account.exists("default.xml"));
     FixedTime const time(kNow);
-    FactoryHandle const factory(account.path());
-    MadeMessage message;
-    ASSERT_EQ(MessageFactory_CreatePayInit(factory.get(), message.out()), KVX_OK);
+    MadeMessage const message = payInit();
     EXPECT_EQ(textOf(message.get()),
               payInitText(attribute(message.get(), "TOKEN"), R"( EXPIRATION="20240201 23:59:07")"))
         << "86400 seconds ahead";
 }
 
-TEST(PayInit, FailsOnMalformedDefaults) {
-    AccountDir const account;
-    FactoryHandle const factory(account.path());
+TEST_F(PayInit, FailsOnMalformedDefaults) {
     for (char const* const text : {"<KVX", "", "<OTHER/>", "<KVX A=\"1\">"}) {
-        account.write("default.xml", text);
+        m_Account.write("default.xml", text);
         Outputs outputs;
-        EXPECT_EQ(MessageFactory_CreatePayInit(factory.get(), &outputs.m_Out), KVX_E_INVALID_FORMAT) << text;
+        EXPECT_EQ(MessageFactory_CreatePayInit(m_Factory.get(), &outputs.m_Out), KVX_E_INVALID_FORMAT) << text;
         outputs.expectUntouched(text);
     }
 }
 
-TEST(PayInit, ReadsItsLifetimeAsADecimalNumberOfSeconds) {
+TEST_F(PayInit, ReadsItsLifetimeAsADecimalNumberOfSeconds) {
     struct Row {
         char const* m_Ttl;
         char const* m_Expiration;
@@ -171,7 +168,7 @@ TEST(PayInit, ReadsItsLifetimeAsADecimalNumberOfSeconds) {
         {"0x10",     "20240131 23:59:23"},
         {"abc",      "20240131 23:59:07"},   // no number is 0
         {" ",        "20240131 23:59:07"},
-        {"inf",      "20240131 23:59:07"},   // what is not finite is 0
+        {"inf",      "20240131 23:59:07"},   // a value that is not finite is 0
         {"-inf",     "20240131 23:59:07"},
         {"nan",      "20240131 23:59:07"},
         {"1e30",     "99991231 23:59:59"},   // the calendar's ends
@@ -179,24 +176,18 @@ TEST(PayInit, ReadsItsLifetimeAsADecimalNumberOfSeconds) {
         {"",         "20240201 23:59:07"},   // an empty value is a missing one
     };
     // clang-format on
-    AccountDir const account;
     FixedTime const time(kNow);
-    FactoryHandle const factory(account.path());
     for (Row const& row : rows) {
-        account.setDefaults(std::string(" PAYINITTTL=\"") + row.m_Ttl + "\"");
-        MadeMessage message;
-        ASSERT_EQ(MessageFactory_CreatePayInit(factory.get(), message.out()), KVX_OK) << row.m_Ttl;
+        m_Account.setDefaults(std::string(" PAYINITTTL=\"") + row.m_Ttl + "\"");
+        MadeMessage const message = payInit();
         EXPECT_EQ(attribute(message.get(), "EXPIRATION"), row.m_Expiration) << "'" << row.m_Ttl << "'";
     }
 }
 
-TEST(PayInit, HasAFreshTokenOf32HexadecimalDigits) {
-    AccountDir const account;
-    FactoryHandle const factory(account.path());
+TEST_F(PayInit, HasAFreshTokenOf32HexadecimalDigits) {
     std::set<std::string> tokens;
     for (int i = 0; i < 50; ++i) {
-        MadeMessage message;
-        ASSERT_EQ(MessageFactory_CreatePayInit(factory.get(), message.out()), KVX_OK);
+        MadeMessage const message = payInit();
         std::string const token = attribute(message.get(), "TOKEN");
         EXPECT_EQ(token.size(), 32U);
         EXPECT_EQ(token.find_first_not_of("0123456789abcdef"), std::string::npos) << token;
@@ -205,61 +196,51 @@ TEST(PayInit, HasAFreshTokenOf32HexadecimalDigits) {
     EXPECT_EQ(tokens.size(), 50U);
 }
 
-TEST(PayInit, OpensTheAccountFirstAndThenTheMessage) {
-    AccountDir const account;
+TEST_F(PayInit, OpensTheAccountFirstAndThenTheMessage) {
     KVXCIMPL_MessageFactory factory;
-    factory.Open(stringOf(account.path()));
+    factory.Open(stringOf(m_Account.path()));
     TraceRecorder const trace;
     OwnedMessage const message(factory.CreatePayInit());
     auto const opened = trace.of("OPEN CONTEXT");
     ASSERT_EQ(opened.size(), 2U);
     for (auto const& record : opened) {
-        EXPECT_EQ(record.m_Detail, account.path());
+        EXPECT_EQ(record.m_Detail, m_Account.path());
         EXPECT_EQ(record.m_File, "kvxctx");
         EXPECT_EQ(record.m_Line, 23);
     }
 }
 
-TEST(PayInit, HasAUrlWithItsTextAndSignature) {
-    AccountDir const account;
-    FactoryHandle const factory(account.path());
-    MadeMessage message;
-    ASSERT_EQ(MessageFactory_CreatePayInit(factory.get(), message.out()), KVX_OK);
+TEST_F(PayInit, HasAUrlWithItsTextAndSignature) {
+    MadeMessage const message = payInit();
     ASSERT_EQ(MessageObject_SetAttribute(message.get(), "AMOUNT", "12.50 & more"), KVX_OK);
     KVX_Context context;
     std::string const text = textOf(message.get());
     EXPECT_EQ(urlOf(message.get()), "http://127.0.0.1:1/pay?DATA=" + bytesOf(context.Encode(stringOf(text))) +
-                                        "&SIGNATURE=" + account.sign(text, "own"));
+                                        "&SIGNATURE=" + m_Account.sign(text, "own"));
 }
 
-TEST(PayComplete, HoldsIdAndTokenInThisOrder) {
-    AccountDir const account;
-    FactoryHandle const factory(account.path());
+TEST_F(PayComplete, HoldsIdAndTokenInThisOrder) {
     MadeMessage message;
-    ASSERT_EQ(MessageFactory_CreatePayComplete(factory.get(), "P1", "t<1>", message.out()), KVX_OK);
-    EXPECT_EQ(textOf(message.get()), "<KVX MSGTYPE=\"PayComplete\" KEYID=\"own\" CONFIGPATH=\"" + account.path() +
+    ASSERT_EQ(MessageFactory_CreatePayComplete(m_Factory.get(), "P1", "t<1>", message.out()), KVX_OK);
+    EXPECT_EQ(textOf(message.get()), "<KVX MSGTYPE=\"PayComplete\" KEYID=\"own\" CONFIGPATH=\"" + m_Account.path() +
                                          "\" ID=\"P1\" TOKEN=\"t&lt;1&gt;\"/>");
     MadeMessage null;
-    ASSERT_EQ(MessageFactory_CreatePayComplete(factory.get(), nullptr, nullptr, null.out()), KVX_OK);
+    ASSERT_EQ(MessageFactory_CreatePayComplete(m_Factory.get(), nullptr, nullptr, null.out()), KVX_OK);
     EXPECT_EQ(attribute(null.get(), "ID"), "");
     EXPECT_EQ(attribute(null.get(), "TOKEN"), "");
 }
 
-TEST(CreateRequest, TakesAnyType) {
-    AccountDir const account;
-    FactoryHandle const factory(account.path());
+TEST_F(CreateRequest, TakesAnyType) {
     for (char const* const type : {"Status", "PayInit", "a b", "<&>", "\xc3\xa9"}) {
-        MadeMessage message;
-        ASSERT_EQ(MessageFactory_CreateRequest(factory.get(), type, message.out()), KVX_OK);
+        MadeMessage const message = request(type);
         EXPECT_EQ(attribute(message.get(), "MSGTYPE"), type);
     }
-    MadeMessage complete;
-    ASSERT_EQ(MessageFactory_CreateRequest(factory.get(), "PayComplete", complete.out()), KVX_OK);
-    EXPECT_EQ(attribute(complete.get(), "CONFIGPATH"), account.path());
+    MadeMessage const complete = request("PayComplete");
+    EXPECT_EQ(attribute(complete.get(), "CONFIGPATH"), m_Account.path());
 }
 
-TEST(CreateRequest, RefusesNoTypeBeforeAnythingIsDone) {
-    TempDir const dir;
+TEST_F(CreateRequest, RefusesNoTypeBeforeAnythingIsDone) {
+    TemporaryDirectory const dir;
     FactoryHandle const factory(dir.file("shop"));
     for (char const* const type : {"", static_cast<char const*>(nullptr)}) {
         Outputs outputs;
@@ -278,10 +259,9 @@ TEST(CreateRequest, RefusesNoTypeBeforeAnythingIsDone) {
     EXPECT_EQ(failure.m_Line, 121);
 }
 
-TEST(CreateRequest, KeepsOpeningASecondContext) {
-    AccountDir const account;
+TEST_F(CreateRequest, KeepsOpeningASecondContext) {
     KVXCIMPL_MessageFactory factory;
-    factory.Open(stringOf(account.path()));
+    factory.Open(stringOf(m_Account.path()));
     {
         TraceRecorder const trace;
         OwnedMessage const message(factory.CreateRequest("T"));
@@ -294,24 +274,17 @@ TEST(CreateRequest, KeepsOpeningASecondContext) {
     }
 }
 
-TEST(VerifyPayConfirm, AcceptsWhatTheServersKeySigned) {
-    AccountDir const account;
-    FactoryHandle const factory(account.path());
-    MadeMessage message;
-    ASSERT_EQ(MessageFactory_VerifyPayConfirm(factory.get(), kConfirmation, account.sign(kConfirmation).c_str(),
-                                              message.out()),
-              KVX_OK);
+TEST_F(VerifyPayConfirm, AcceptsWhatTheServersKeySigned) {
+    MadeMessage const message = confirmation();
     EXPECT_EQ(attribute(message.get(), "MSGTYPE"), "PayConfirm");
     EXPECT_EQ(attribute(message.get(), "TOKEN"), "t1");
     EXPECT_EQ(attribute(message.get(), "AMOUNT"), "12.50");
-    EXPECT_EQ(attribute(message.get(), "CONFIGPATH"), account.path());
+    EXPECT_EQ(attribute(message.get(), "CONFIGPATH"), m_Account.path());
 }
 
-TEST(VerifyPayConfirm, TellsItsFailuresApart) {
-    AccountDir const account;
-    account.write("keys/public/broken", "this is no key");
-    FactoryHandle const factory(account.path());
-    std::string const good = account.sign(kConfirmation);
+TEST_F(VerifyPayConfirm, TellsItsFailuresApart) {
+    m_Account.write("keys/public/broken", "this is no key");
+    std::string const good = m_Account.sign(kConfirmation);
     struct Row {
         char const* m_What;
         char const* m_Data;
@@ -339,30 +312,24 @@ TEST(VerifyPayConfirm, TellsItsFailuresApart) {
     // clang-format on
     for (Row const& row : rows) {
         Outputs outputs;
-        EXPECT_EQ(MessageFactory_VerifyPayConfirm(factory.get(), row.m_Data, row.m_Signature, &outputs.m_Out),
+        EXPECT_EQ(MessageFactory_VerifyPayConfirm(m_Factory.get(), row.m_Data, row.m_Signature, &outputs.m_Out),
                   row.m_Code)
             << row.m_What;
         outputs.expectUntouched(row.m_What);
     }
 }
 
-TEST(VerifyPayConfirm, KeepsAcceptingEveryTypeAndEveryKeyOfTheDirectory) {
-    AccountDir const account;
-    FactoryHandle const factory(account.path());
+TEST_F(VerifyPayConfirm, KeepsAcceptingEveryTypeAndEveryKeyOfTheDirectory) {
     std::string const text = R"(<KVX MSGTYPE="PayInit" KEYID="own" TOKEN="t1"/>)";
-    MadeMessage message;
-    ASSERT_EQ(
-        MessageFactory_VerifyPayConfirm(factory.get(), text.c_str(), account.sign(text, "own").c_str(), message.out()),
-        KVX_OK);
+    MadeMessage const message = confirmation(text, "own");
     EXPECT_EQ(textOf(message.get()), text) << "nothing is added to another type";
 }
 
-TEST(FactoryCalls, LeaveNothingBehindWhenTheyFail) {
-    AccountDir const account;
-    account.write("default.xml", "malformed");
-    TempDir const empty;
+TEST_F(FactoryCalls, LeaveNothingBehindWhenTheyFail) {
+    m_Account.write("default.xml", "malformed");
+    TemporaryDirectory const empty;
     KVXCIMPL_MessageFactory good;
-    good.Open(stringOf(account.path()));
+    good.Open(stringOf(m_Account.path()));
     KVXCIMPL_MessageFactory bad;
     bad.Open(stringOf(empty.path()));
     TbString const type("T");
@@ -377,13 +344,12 @@ TEST(FactoryCalls, LeaveNothingBehindWhenTheyFail) {
     EXPECT_EQ(TbRefCounter::m_nTotalRef, living);
 }
 
-TEST(FactoryCalls, SurviveEveryFailingAllocation) {
-    AccountDir const account;
-    account.setDefaults(R"( LANGID="de" PAYINITTTL="60")");
+TEST_F(FactoryCalls, SurviveEveryFailingAllocation) {
+    m_Account.setDefaults(R"( LANGID="de" PAYINITTTL="60")");
     KVXCIMPL_MessageFactory factory;
-    factory.Open(stringOf(account.path()));
+    factory.Open(stringOf(m_Account.path()));
     TbString const data(kConfirmation);
-    TbString const signature = stringOf(account.sign(kConfirmation));
+    TbString const signature = stringOf(m_Account.sign(kConfirmation));
     expectNoSlotIsLost(1, [&] {
         EXPECT_GT(survivesEveryFailingAllocation([&] { OwnedMessage const made(factory.CreatePayInit()); }), 20);
         EXPECT_GT(survivesEveryFailingAllocation([&] { OwnedMessage const made(factory.CreateRequest(data)); }), 5);
@@ -394,3 +360,5 @@ TEST(FactoryCalls, SurviveEveryFailingAllocation) {
             5);
     });
 }
+
+}  // namespace

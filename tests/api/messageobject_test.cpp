@@ -1,7 +1,16 @@
+// MessageObject: attributes, text, URL, capture and execution.
+//
+// Messages come from the factory of the fixture or are opened by the test. A scripted server answers where something is
+// sent. Odd: only messages made for a payment have a URL; executing changes the type of the message.
+
 #include "api/cMessageObject.h"
 
+#include "foundation/tbobject.h"
 #include "tests/api/apisupport.h"
-#include "tests/support/raw_server.h"
+#include "tests/support/exceptions.h"
+#include "tests/support/rawserver.h"
+#include "tests/support/tbtext.h"
+#include "tests/support/tracerecorder.h"
 
 using namespace kvxtest;
 
@@ -14,12 +23,12 @@ std::string urlOfServer(RawServer const& server) {
 /// A message object that was opened on `account`.
 class OpenedMessage : public MessageHandle {
 public:
-    explicit OpenedMessage(AccountDir const& account) {
+    explicit OpenedMessage(AccountDirectory const& account) {
         EXPECT_EQ(MessageObject_Open(get(), account.path().c_str()), KVX_OK);
     }
 };
 
-/// Expects the refusal of an object that may hand out no URL, through both faces.
+/// Expects that an object without a URL refuses to give one, through both interfaces.
 void expectNoUrl(KVX_HANDLE message, std::string const& what) {
     Outputs outputs;
     EXPECT_EQ(MessageObject_GetURL(message, &outputs.m_Size, outputs.m_Buffer), KVX_E_UNEXPECTED) << what;
@@ -35,9 +44,13 @@ void expectNoUrl(KVX_HANDLE message, std::string const& what) {
     EXPECT_EQ(bytesOf(url), "before") << what;
 }
 
-}  // namespace
+class MessageObject : public AccountTest {};
+class GetURL : public AccountTest {};
+class FromString : public AccountTest {};
+class Capture : public AccountTest {};
+class Execute : public AccountTest {};
 
-TEST(MessageObject, IsEmptyUntilItIsOpenedOrFilled) {
+TEST_F(MessageObject, IsEmptyUntilItIsOpenedOrFilled) {
     MessageHandle const message;
     Outputs outputs;
     EXPECT_EQ(MessageObject_SetAttribute(message.get(), "A", "1"), KVX_E_UNEXPECTED);
@@ -48,22 +61,20 @@ TEST(MessageObject, IsEmptyUntilItIsOpenedOrFilled) {
     outputs.expectUntouched("an empty object");
 }
 
-TEST(MessageObject, KeepsTheTypeErrorOfAFreshlyOpenedMessage) {
-    AccountDir const account;
-    OpenedMessage const message(account);
+TEST_F(MessageObject, KeepsTheTypeErrorOfAFreshlyOpenedMessage) {
+    OpenedMessage const message(m_Account);
     EXPECT_EQ(textOf(message.get()), R"(<KVX MSGTYPE="ERROR" KEYID="own"/>)");
 }
 
-TEST(MessageObject, OpenNeedsACurrentKey) {
-    TempDir const dir;
+TEST_F(MessageObject, OpenNeedsACurrentKey) {
+    TemporaryDirectory const dir;
     MessageHandle const message;
     EXPECT_EQ(MessageObject_Open(message.get(), dir.path().c_str()), KVX_E_CANNOT_OPEN);
     EXPECT_EQ(MessageObject_Open(message.get(), dir.file("a/b").c_str()), ENOENT);
 }
 
-TEST(MessageObject, OpenTakesTheCurrentDirectoryForNoPath) {
-    AccountDir const account;
-    WorkingDirectory const here(account.path());
+TEST_F(MessageObject, OpenTakesTheCurrentDirectoryForNoPath) {
+    WorkingDirectory const here(m_Account.path());
     for (char const* const path : {"", static_cast<char const*>(nullptr)}) {
         MessageHandle const message;
         EXPECT_EQ(MessageObject_Open(message.get(), path), KVX_OK);
@@ -71,18 +82,16 @@ TEST(MessageObject, OpenTakesTheCurrentDirectoryForNoPath) {
     }
 }
 
-TEST(MessageObject, CanBeOpenedAgain) {
-    AccountDir const account;
-    OpenedMessage const message(account);
+TEST_F(MessageObject, CanBeOpenedAgain) {
+    OpenedMessage const message(m_Account);
     ASSERT_EQ(MessageObject_SetAttribute(message.get(), "A", "1"), KVX_OK);
-    account.write("keys/current", "server");
-    ASSERT_EQ(MessageObject_Open(message.get(), account.path().c_str()), KVX_OK);
+    m_Account.write("keys/current", "server");
+    ASSERT_EQ(MessageObject_Open(message.get(), m_Account.path().c_str()), KVX_OK);
     EXPECT_EQ(textOf(message.get()), R"(<KVX MSGTYPE="ERROR" KEYID="server"/>)");
 }
 
-TEST(MessageObject, SetsReplacesAndReadsAttributes) {
-    AccountDir const account;
-    OpenedMessage const message(account);
+TEST_F(MessageObject, SetsReplacesAndReadsAttributes) {
+    OpenedMessage const message(m_Account);
     EXPECT_EQ(MessageObject_SetAttribute(message.get(), "A", "<1> & \"2\" '3'"), KVX_OK);
     EXPECT_EQ(MessageObject_SetAttribute(message.get(), "B", "\xc3\xa9"), KVX_OK);
     EXPECT_EQ(MessageObject_SetAttribute(message.get(), "MSGTYPE", "T"), KVX_OK);
@@ -95,9 +104,8 @@ TEST(MessageObject, SetsReplacesAndReadsAttributes) {
     outputs.expectUntouched("another name");
 }
 
-TEST(MessageObject, CountsNullTextsAsEmpty) {
-    AccountDir const account;
-    OpenedMessage const message(account);
+TEST_F(MessageObject, CountsNullTextsAsEmpty) {
+    OpenedMessage const message(m_Account);
     EXPECT_EQ(MessageObject_SetAttribute(message.get(), "A", nullptr), KVX_OK);
     EXPECT_EQ(attribute(message.get(), "A"), "");
     EXPECT_EQ(MessageObject_SetAttribute(message.get(), nullptr, "nameless"), KVX_OK);
@@ -105,50 +113,39 @@ TEST(MessageObject, CountsNullTextsAsEmpty) {
     EXPECT_EQ(MessageObject_FromString(message.get(), nullptr), KVX_E_INVALID_FORMAT);
 }
 
-TEST(GetURL, IsRefusedForAConfirmation) {
-    AccountDir const account;
-    FactoryHandle const factory(account.path());
-    MadeMessage message;
-    ASSERT_EQ(MessageFactory_VerifyPayConfirm(factory.get(), kConfirmation, account.sign(kConfirmation).c_str(),
-                                              message.out()),
-              KVX_OK);
+TEST_F(GetURL, IsRefusedForAConfirmation) {
+    MadeMessage const message = confirmation();
     expectNoUrl(message.get(), "a confirmation, which holds no signing key");
-    account.write("config.xml", "<KVX/>");
+    m_Account.write("config.xml", "<KVX/>");
     expectNoUrl(message.get(), "a confirmation without an address");
 }
 
-TEST(GetURL, IsRefusedForAnAnswer) {
-    RawServer const server(httpAnswer(R"(<KVX MSGTYPE="TResponse"/>)"));
-    AccountDir const account;
-    account.setAddress(urlOfServer(server));
-    FactoryHandle const factory(account.path());
-    MadeMessage request;
-    ASSERT_EQ(MessageFactory_CreateRequest(factory.get(), "T", request.out()), KVX_OK);
-    MadeMessage answer;
-    ASSERT_EQ(MessageObject_Execute(request.get(), answer.out()), KVX_OK);
-    expectNoUrl(answer.get(), "an answer");
+TEST_F(GetURL, IsRefusedForAnAnswer) {
+    RawServer const server(httpResponse(R"(<KVX MSGTYPE="TResponse"/>)"));
+    m_Account.setAddress(urlOfServer(server));
+    MadeMessage const sent = request();
+    MadeMessage const response = responseTo(sent);
+    expectNoUrl(response.get(), "a response");
 }
 
-TEST(GetURL, IsRefusedForAnObjectOfTheCallersOwn) {
+TEST_F(GetURL, IsRefusedForAnObjectOfTheCallersOwn) {
     MessageHandle const empty;
     expectNoUrl(empty.get(), "an empty object");
-    AccountDir const account;
-    OpenedMessage const opened(account);
+    OpenedMessage const opened(m_Account);
     expectNoUrl(opened.get(), "an opened object, whose URL can be computed");
     ASSERT_EQ(MessageObject_FromString(opened.get(), kConfirmation), KVX_OK);
     expectNoUrl(opened.get(), "a filled object");
-    account.write("config.xml", "<KVX/>");
+    m_Account.write("config.xml", "<KVX/>");
     expectNoUrl(opened.get(), "an opened object without an address");
-    account.write("keys/current", "nobody");
-    ASSERT_EQ(MessageObject_Open(opened.get(), account.path().c_str()), KVX_OK);
+    m_Account.write("keys/current", "nobody");
+    ASSERT_EQ(MessageObject_Open(opened.get(), m_Account.path().c_str()), KVX_OK);
     expectNoUrl(opened.get(), "an opened object without a key");
 }
 
-TEST(GetURL, KeepsComputingTheUrlBeforeItRefuses) {
+TEST_F(GetURL, KeepsComputingTheUrlBeforeItRefuses) {
     // The trace shows what the refusal hides.
-    AccountDir const account;
-    OpenedMessage const message(account);
-    account.write("config.xml", "<KVX/>");
+    OpenedMessage const message(m_Account);
+    m_Account.write("config.xml", "<KVX/>");
     TraceRecorder const trace;
     Outputs outputs;
     EXPECT_EQ(MessageObject_GetURL(message.get(), &outputs.m_Size, outputs.m_Buffer), KVX_E_UNEXPECTED);
@@ -159,31 +156,27 @@ TEST(GetURL, KeepsComputingTheUrlBeforeItRefuses) {
     EXPECT_EQ(codes, (std::vector<std::int32_t>{KVX_E_NO_CONFIGURATION, KVX_E_UNEXPECTED}));
 }
 
-TEST(GetURL, PassesTheCoresCodesForAMessageThatMayHaveOne) {
-    AccountDir const account;
-    FactoryHandle const factory(account.path());
-    MadeMessage message;
-    ASSERT_EQ(MessageFactory_CreatePayInit(factory.get(), message.out()), KVX_OK);
+TEST_F(GetURL, PassesTheCoresCodesForAMessageThatMayHaveOne) {
+    MadeMessage const message = payInit();
     struct Row {
         char const* m_Config;
         std::int32_t m_Code;
     };
     for (Row const row : {Row{"<KVX/>", KVX_E_NO_CONFIGURATION}, Row{"<KVX VTURL=\"\"/>", KVX_E_NO_CONFIGURATION},
                           Row{"<KVX VTURL=\"nowhere\"/>", KVX_E_INVALID_URL}, Row{"broken", KVX_E_INVALID_FORMAT}}) {
-        account.write("config.xml", row.m_Config);
+        m_Account.write("config.xml", row.m_Config);
         Outputs outputs;
         EXPECT_EQ(MessageObject_GetURL(message.get(), &outputs.m_Size, outputs.m_Buffer), row.m_Code) << row.m_Config;
         outputs.expectUntouched(row.m_Config);
     }
-    account.setAddress("http://h");
-    account.write("keys/private/own", "no key");
+    m_Account.setAddress("http://h");
+    m_Account.write("keys/private/own", "no key");
     EXPECT_EQ(MessageObject_GetURL(message.get(), nullptr, nullptr), KVX_E_INVALID_KEY);
 }
 
-TEST(GetURL, ReplacesWhateverTheCallersStringHolds) {
-    AccountDir const account;
+TEST_F(GetURL, ReplacesWhateverTheCallersStringHolds) {
     KVXCIMPL_MessageFactory factory;
-    factory.Open(stringOf(account.path()));
+    factory.Open(stringOf(m_Account.path()));
     OwnedMessage const message(factory.CreatePayInit());
     TbString fresh;
     message->GetURL(fresh);
@@ -192,26 +185,22 @@ TEST(GetURL, ReplacesWhateverTheCallersStringHolds) {
     EXPECT_EQ(bytesOf(used), bytesOf(fresh));
 }
 
-TEST(GetURL, StaysAvailableAfterFromString) {
-    AccountDir const account;
-    FactoryHandle const factory(account.path());
-    MadeMessage message;
-    ASSERT_EQ(MessageFactory_CreateRequest(factory.get(), "T", message.out()), KVX_OK);
+TEST_F(GetURL, StaysAvailableAfterFromString) {
+    MadeMessage const message = request();
     ASSERT_EQ(MessageObject_FromString(message.get(), "<KVX A=\"1\"/>"), KVX_OK);
     EXPECT_EQ(urlOf(message.get()).find("http://127.0.0.1:1/pay?DATA=%3cKVX%20A%3d%221%22%20KEYID%3d%22own%22%2f%3e"),
               0U);
 }
 
-TEST(FromString, SetsTheKeyInPlaceOrAtTheEnd) {
-    AccountDir const account;
-    OpenedMessage const message(account);
+TEST_F(FromString, SetsTheKeyInPlaceOrAtTheEnd) {
+    OpenedMessage const message(m_Account);
     ASSERT_EQ(MessageObject_FromString(message.get(), R"(<KVX A="1" KEYID="server" B="2"/>)"), KVX_OK);
     EXPECT_EQ(textOf(message.get()), R"(<KVX A="1" KEYID="own" B="2"/>)");
     ASSERT_EQ(MessageObject_FromString(message.get(), R"(<KVX A="1"><C/>text</KVX>)"), KVX_OK);
     EXPECT_EQ(textOf(message.get()).find(R"(<KVX A="1" KEYID="own">)"), 0U);
 }
 
-TEST(FromString, NeedsNoDirectory) {
+TEST_F(FromString, NeedsNoDirectory) {
     MessageHandle const message;
     ASSERT_EQ(MessageObject_FromString(message.get(), R"(<KVX KEYID="server" A="1"/>)"), KVX_OK);
     EXPECT_EQ(textOf(message.get()), R"(<KVX KEYID="" A="1"/>)");
@@ -220,10 +209,9 @@ TEST(FromString, NeedsNoDirectory) {
     EXPECT_EQ(MessageObject_SetAttribute(message.get(), "A", "2"), KVX_OK);
 }
 
-TEST(FromString, DropsTheOldMessageBeforeItReadsTheNewOne) {
-    AccountDir const account;
+TEST_F(FromString, DropsTheOldMessageBeforeItReadsTheNewOne) {
     for (char const* const text : {"", "garbage", "<KVX", "<OTHER/>", "<KVX A=\"1\">"}) {
-        OpenedMessage const message(account);
+        OpenedMessage const message(m_Account);
         EXPECT_EQ(MessageObject_FromString(message.get(), text), KVX_E_INVALID_FORMAT) << text;
         Outputs outputs;
         EXPECT_EQ(MessageObject_ToString(message.get(), &outputs.m_Size, outputs.m_Buffer), KVX_E_UNEXPECTED) << text;
@@ -243,7 +231,7 @@ TEST(ToString, NamesItsSourceAndLineWithoutAMessage) {
     EXPECT_EQ(failure.m_Line, 91);
 }
 
-TEST(MessageObject, WorksOnADirectoryThatWasNeverOpenedAsFarAsNoneIsNeeded) {
+TEST_F(MessageObject, WorksOnADirectoryThatWasNeverOpenedAsFarAsNoneIsNeeded) {
     MessageHandle const message;
     ASSERT_EQ(MessageObject_FromString(message.get(), R"(<KVX MSGTYPE="T" TOKEN="t"/>)"), KVX_OK);
     Outputs outputs;
@@ -253,29 +241,28 @@ TEST(MessageObject, WorksOnADirectoryThatWasNeverOpenedAsFarAsNoneIsNeeded) {
     outputs.expectUntouched("no directory");
 }
 
-TEST(Capture, ChecksTheAddressBeforeTheToken) {
-    AccountDir const account;
-    OpenedMessage const message(account);
-    account.write("config.xml", "<KVX CAPTUREURL=\"\"/>");
+TEST_F(Capture, ChecksTheAddressBeforeTheToken) {
+    OpenedMessage const message(m_Account);
+    m_Account.write("config.xml", "<KVX CAPTUREURL=\"\"/>");
     EXPECT_EQ(MessageObject_Capture(message.get()), KVX_E_NO_CONFIGURATION);
-    account.setAddress("http://127.0.0.1:1");
+    m_Account.setAddress("http://127.0.0.1:1");
     EXPECT_EQ(MessageObject_Capture(message.get()), KVX_E_UNEXPECTED);
 }
 
-TEST(Capture, SendsTheSignedMessageAndWantsAConfirmation) {
+TEST_F(Capture, SendsTheSignedMessageAndWantsAConfirmation) {
     struct Row {
-        char const* m_Answer;
+        char const* m_Response;
         std::int32_t m_Code;
     };
     for (Row const row :
          {Row{R"(<KVX MSGTYPE="PayConfirm"/>)", KVX_OK}, Row{R"(<KVX MSGTYPE="PayComplete"/>)", KVX_E_WRONG_RESPONSE},
           Row{R"(<KVX MSGTYPE="Error" MESSAGE="no"/>)", KVX_E_SERVER_ERROR}, Row{"hello", KVX_E_INVALID_FORMAT}}) {
-        RawServer server(httpAnswer(row.m_Answer));
-        AccountDir const account;
+        RawServer server(httpResponse(row.m_Response));
+        AccountDirectory const account;
         account.setAddress(urlOfServer(server));
         OpenedMessage const message(account);
         ASSERT_EQ(MessageObject_FromString(message.get(), kConfirmation), KVX_OK);
-        EXPECT_EQ(MessageObject_Capture(message.get()), row.m_Code) << row.m_Answer;
+        EXPECT_EQ(MessageObject_Capture(message.get()), row.m_Code) << row.m_Response;
         KVX_Context context;
         std::string const text = textOf(message.get());
         ASSERT_EQ(server.records().size(), 1U);
@@ -285,69 +272,51 @@ TEST(Capture, SendsTheSignedMessageAndWantsAConfirmation) {
     }
 }
 
-TEST(Capture, OfAnObjectThatOnlyVerifiedAConfirmationFindsNoKeyToSignWith) {
-    AccountDir const account;
-    FactoryHandle const factory(account.path());
-    MadeMessage message;
-    ASSERT_EQ(MessageFactory_VerifyPayConfirm(factory.get(), kConfirmation, account.sign(kConfirmation).c_str(),
-                                              message.out()),
-              KVX_OK);
+TEST_F(Capture, OfAnObjectThatOnlyVerifiedAConfirmationFindsNoKeyToSignWith) {
+    MadeMessage const message = confirmation();
     EXPECT_EQ(MessageObject_Capture(message.get()), KVX_E_NOT_FOUND);
 }
 
-TEST(Execute, SendsTheTypeWithRequestAndTakesTheAnswer) {
-    RawServer server(httpAnswer(R"(<KVX MSGTYPE="TResponse" STATE="fine"/>)"));
-    AccountDir const account;
-    account.setAddress(urlOfServer(server));
-    FactoryHandle const factory(account.path());
-    MadeMessage request;
-    ASSERT_EQ(MessageFactory_CreateRequest(factory.get(), "T", request.out()), KVX_OK);
-    MadeMessage answer;
-    ASSERT_EQ(MessageObject_Execute(request.get(), answer.out()), KVX_OK);
-    EXPECT_EQ(textOf(answer.get()), R"(<KVX MSGTYPE="TResponse" STATE="fine"/>)");
-    EXPECT_EQ(attribute(request.get(), "MSGTYPE"), "TRequest");
+TEST_F(Execute, SendsTheTypeWithRequestAndTakesTheAnswer) {
+    RawServer server(httpResponse(R"(<KVX MSGTYPE="TResponse" STATE="fine"/>)"));
+    m_Account.setAddress(urlOfServer(server));
+    MadeMessage const sent = request();
+    MadeMessage const response = responseTo(sent);
+    EXPECT_EQ(textOf(response.get()), R"(<KVX MSGTYPE="TResponse" STATE="fine"/>)");
+    EXPECT_EQ(attribute(sent.get(), "MSGTYPE"), "TRequest");
     EXPECT_EQ(server.records().at(0).find("GET /capture?DATA=%3cKVX%20MSGTYPE%3d%22TRequest%22"), 0U);
 }
 
-TEST(Execute, KeepsTheChangedTypeForTheNextTime) {
-    RawServer const server(httpAnswer(R"(<KVX MSGTYPE="TResponse"/>)"));
-    AccountDir const account;
-    account.setAddress(urlOfServer(server));
-    FactoryHandle const factory(account.path());
-    MadeMessage request;
-    ASSERT_EQ(MessageFactory_CreateRequest(factory.get(), "T", request.out()), KVX_OK);
-    MadeMessage answer;
-    ASSERT_EQ(MessageObject_Execute(request.get(), answer.out()), KVX_OK);
+TEST_F(Execute, KeepsTheChangedTypeForTheNextTime) {
+    RawServer const server(httpResponse(R"(<KVX MSGTYPE="TResponse"/>)"));
+    m_Account.setAddress(urlOfServer(server));
+    MadeMessage const sent = request();
+    MadeMessage const response = responseTo(sent);
     Outputs outputs;
-    EXPECT_EQ(MessageObject_Execute(request.get(), &outputs.m_Out), KVX_E_WRONG_RESPONSE);
-    EXPECT_EQ(attribute(request.get(), "MSGTYPE"), "TRequestRequest");
+    EXPECT_EQ(MessageObject_Execute(sent.get(), &outputs.m_Out), KVX_E_WRONG_RESPONSE);
+    EXPECT_EQ(attribute(sent.get(), "MSGTYPE"), "TRequestRequest");
     outputs.expectUntouched("the second time");
 }
 
-TEST(Execute, GivesTheAnswerTheContextOfTheRequestButNoKey) {
-    RawServer const server(httpAnswer(R"(<KVX MSGTYPE="TResponse" TOKEN="t" KEYID="own"/>)"));
-    AccountDir const account;
-    account.setAddress(urlOfServer(server));
-    FactoryHandle const factory(account.path());
-    MadeMessage request;
-    ASSERT_EQ(MessageFactory_CreateRequest(factory.get(), "T", request.out()), KVX_OK);
-    MadeMessage answer;
-    ASSERT_EQ(MessageObject_Execute(request.get(), answer.out()), KVX_OK);
-    DestroyMessageObject(request.get());
+TEST_F(Execute, GivesTheAnswerTheContextOfTheRequestButNoKey) {
+    RawServer const server(httpResponse(R"(<KVX MSGTYPE="TResponse" TOKEN="t" KEYID="own"/>)"));
+    m_Account.setAddress(urlOfServer(server));
+    MadeMessage const sent = request();
+    MadeMessage const response = responseTo(sent);
+    DestroyMessageObject(sent.get());
     // It finds the address in the directory, so it has the path; it cannot sign, so it has no key.
-    EXPECT_EQ(MessageObject_Capture(answer.get()), KVX_E_NOT_FOUND);
-    account.write("config.xml", "<KVX/>");
-    EXPECT_EQ(MessageObject_Capture(answer.get()), KVX_E_NO_CONFIGURATION);
-    ASSERT_EQ(MessageObject_FromString(answer.get(), "<KVX A=\"1\"/>"), KVX_OK);
-    EXPECT_EQ(attribute(answer.get(), "KEYID"), "");
+    EXPECT_EQ(MessageObject_Capture(response.get()), KVX_E_NOT_FOUND);
+    m_Account.write("config.xml", "<KVX/>");
+    EXPECT_EQ(MessageObject_Capture(response.get()), KVX_E_NO_CONFIGURATION);
+    ASSERT_EQ(MessageObject_FromString(response.get(), "<KVX A=\"1\"/>"), KVX_OK);
+    EXPECT_EQ(attribute(response.get(), "KEYID"), "");
 }
 
-TEST(Execute, LeavesNothingBehindWhenItFails) {
-    RawServer const server(httpAnswer(R"(<KVX MSGTYPE="Error" MESSAGE="no"/>)"));
-    AccountDir const account;
-    account.setAddress(urlOfServer(server));
+TEST_F(Execute, LeavesNothingBehindWhenItFails) {
+    RawServer const server(httpResponse(R"(<KVX MSGTYPE="Error" MESSAGE="no"/>)"));
+    m_Account.setAddress(urlOfServer(server));
     KVXCIMPL_MessageFactory factory;
-    factory.Open(stringOf(account.path()));
+    factory.Open(stringOf(m_Account.path()));
     OwnedMessage const request(factory.CreateRequest("T"));
     std::int32_t const living = TbRefCounter::m_nTotalRef;
     expectNoSlotIsLost(20, [&] {
@@ -358,3 +327,5 @@ TEST(Execute, LeavesNothingBehindWhenItFails) {
     });
     EXPECT_EQ(TbRefCounter::m_nTotalRef, living);
 }
+
+}  // namespace
