@@ -1,3 +1,8 @@
+// Faults of the table, armed at the sandbox.
+//
+// A fault of an exchange is armed at once. A fault of a connection has no exchange yet: it is armed inside the
+// connect() call of the component, after the connections of the exchanges before it.
+
 #include "tests/flow/armedrow.h"
 
 #include <gtest/gtest.h>

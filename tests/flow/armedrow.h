@@ -10,7 +10,8 @@
 
 #include "sandbox/service.h"
 #include "tests/flow/faulttable.h"
-#include "tests/support/system_calls.h"
+#include "tests/flow/flowsupport.h"
+#include "tests/support/systemcalls.h"
 
 namespace kvxtest {
 
@@ -60,6 +61,16 @@ long carriedOut(sandbox::Service const& service, sandbox::ExchangeKind kind);
 
 /// How often the payment with this token has come into `state`.
 long timesIn(sandbox::Service const& service, std::string const& token, std::string const& state);
+
+/// The suite of all tests of the table. Each verb is defined beside the tests that use it, holds the component to all
+/// rows and expects the same step without a fault to succeed afterwards.
+class FaultTable : public FlowTest {
+protected:
+    void expectSetUps(std::vector<FaultTableRow> const& rows);
+    void expectPages();
+    void expectDecisions();
+    void expectPayments(std::vector<FaultTableRow> const& rows);
+};
 
 }  // namespace kvxtest
 

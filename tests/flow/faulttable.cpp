@@ -1,3 +1,8 @@
+// The rows: the effect of every fault of the sandbox at every exchange.
+//
+// One row a line, by exchange and within one by fault, both in the order of the sandbox. The tests check each row
+// against the component; docs/fault-table.md is generated from them.
+
 #include "tests/flow/faulttable.h"
 
 #include "tallowin/codes.h"

@@ -1,3 +1,8 @@
+// Generates docs/fault-table.md from the rows.
+//
+// Texts for people stand in the heads of the sections and in tables here. The advice in the last column follows from
+// the row: its exchange, its result and the state it leaves.
+
 #include <stdexcept>
 
 #include "tallowin/codes.h"
@@ -13,15 +18,15 @@ using sandbox::FaultKind;
 constexpr char kHead[] = R"(<!-- Generated from the rows of tests/flow/faulttable.cpp, do not edit. -->
 # When something goes wrong
 
-What becomes of a set-up and of a payment when something goes wrong on the way, for every fault that `tallowin-sandbox`
-makes happen on request: what the component returns, where the payment stands, and what to do.
+The outcome of a set-up and of a payment for every fault that `tallowin-sandbox` injects on request: the result of the
+component, the state of the payment, and what to do.
 
-- **Carried out** tells whether the service did what it was asked. Without its answer a merchant cannot know.
+- **Carried out** says whether the service carried out the request. Without a response a merchant cannot know.
 - The codes are those of [codes.h](../include/tallowin/codes.h).
-- There is no limit of time: what stands beside `delay` and the stalls is returned once the service answers or closes,
-  and until then the call waits. There is no limit of size either: what stands beside `huge` holds while memory lasts.
+- There is no time limit: the results beside `delay` and the stalls are returned once the service answers or closes, and
+  until then the call waits. There is no size limit either: the results beside `huge` hold while memory lasts.
 - `https` does not authenticate the server, so no certificate makes a call fail: see [risks](risks.md#the-network).
-- *Safe* means with this service, where the same request again changes nothing and is answered as at first. Ask your own
+- *Safe* holds for this service, where repeating a request changes nothing and gets the same response. Ask your own
   provider for the same promise before you repeat a capture or a completion.
 
 ## The faults
@@ -33,10 +38,10 @@ makes happen on request: what the component returns, where the payment stands, a
 constexpr char kSetUpHead[] = R"(
 ## Setting up
 
-`ConfigurationSetup_Reconfigure` on a directory that was set up before, its defaults no longer valid. It makes four
-exchanges: setup, defaults, keyquery (the server's key) and keyexport (the merchant's new key). What earlier exchanges
-brought stays when a later one fails; the merchant's current key changes last. So until a set-up succeeds the merchant
-signs with the old key, which the service still knows.
+`ConfigurationSetup_Reconfigure` on a directory that was set up before and whose defaults are no longer valid. It makes
+four exchanges: setup, defaults, keyquery (the server's key) and keyexport (the merchant's new key). Files written by
+earlier exchanges stay when a later one fails; the merchant's current key changes last. Until a set-up succeeds, the
+merchant signs with the old key, which the service still knows.
 
 | Fault | Exchange | Carried out | The component returns | Directory afterwards | What to do |
 |---|---|---|---|---|---|
@@ -45,8 +50,8 @@ signs with the old key, which the service still knows.
 constexpr char kShopperHead[] = R"(
 ## The shopper
 
-The shopper opens the payment page (page) and pays (decision), which leads back to the shop with the confirmation. The
-component is asked only when a confirmation has come: `MessageFactory_VerifyPayConfirm`.
+The shopper opens the payment page (page) and pays (decision); the response redirects to the shop with the confirmation.
+The component is called only when a confirmation has arrived: `MessageFactory_VerifyPayConfirm`.
 
 | Fault | Exchange | Carried out | The browser gets | The component returns | Payment afterwards | What to do |
 |---|---|---|---|---|---|---|
@@ -64,9 +69,9 @@ constexpr char kPaymentHead[] = R"(
 constexpr char kProxyHead[] = R"(
 ## Through a proxy
 
-`MessageObject_Capture` of an authorised payment through a proxy at which something goes wrong. The proxy forwards a
-request to an `http` address; to an `https` address it opens a tunnel (CONNECT). The component judges the answer to
-CONNECT by what the first read brings of it.
+`MessageObject_Capture` of an authorised payment through a proxy with a fault. The proxy forwards a request to an `http`
+address; to an `https` address it opens a tunnel (CONNECT). The component judges the response to CONNECT by the bytes of
+its first read.
 
 | Fault | Address | Carried out | The component returns | Payment afterwards | What to do |
 |---|---|---|---|---|---|
@@ -122,7 +127,7 @@ std::string codeName(std::optional<std::int32_t> const& result) {
             return row.m_Name;
         }
     }
-    throw std::logic_error("a result without a name for people");
+    throw std::logic_error("a result without a name");
 }
 
 std::string browserResultText(BrowserResult expected) {
@@ -131,7 +136,7 @@ std::string browserResultText(BrowserResult expected) {
             return row.m_Text;
         }
     }
-    throw std::logic_error("a sight without a text");
+    throw std::logic_error("an outcome without a text");
 }
 
 std::string directoryText(std::string const& left) {
@@ -206,7 +211,7 @@ std::string faultName(FaultTableRow const& row) {
     return std::string("`") + sandbox::faultRow(row.m_Kind).m_Name + details + "`";
 }
 
-/// Where it happens: the exchange, or for what address the proxy was asked.
+/// The exchange, or for the proxy the scheme of the address.
 std::string placeOf(FaultTableRow const& row) {
     if (row.m_Exchange == ExchangeKind::kProxy) {
         return row.m_Tunnelled ? "`https`" : "`http`";

@@ -1,23 +1,26 @@
-// Set-ups on which something goes wrong.
+// Set-ups with a fault, one after the other on one directory.
+//
+// Before each row all files of the directory are made old; afterwards their contents show which of the four exchanges
+// has replaced its file. Then the set-up is repeated without a fault and must leave everything in order.
 
 #include <filesystem>
 
+#include "tallowin/codes.h"
 #include "tests/flow/armedrow.h"
-#include "tests/flow/flowsupport.h"
 
 using namespace kvxtest;
 using sandbox::ExchangeKind;
 
 namespace {
 
-/// A shop whose directory tells what a set-up has written.
+/// A shop whose directory shows the files that a set-up has written.
 class WatchedShop {
 public:
-    WatchedShop(Sandbox& sandbox, std::string url) : m_Url(std::move(url)) {
+    WatchedShop(sandbox::Service& service, std::string url) : m_Url(std::move(url)) {
         EXPECT_EQ(setUp(), KVX_OK);
         m_Files = {{"config.xml", "<KVX MSGTYPE=\"SetupResponse\" VERSION=\"1\"/>", ""},
                    {"default.xml", "<KVX KVX.ISVALID=\"no\"/>", ""},
-                   {"keys/public/" + sandbox.service().serverKeyId(), "an old key", ""}};
+                   {"keys/public/" + service.serverKeyId(), "an old key", ""}};
         for (File& file : m_Files) {
             file.m_Fresh = m_Shop.dir().read(file.m_Name);
         }
@@ -26,7 +29,7 @@ public:
     [[nodiscard]] Shop const& shop() const { return m_Shop; }
     [[nodiscard]] std::int32_t setUp() const { return m_Shop.setUp(m_Url); }
 
-    /// Makes everything old, so that what is written from now on can be told from it.
+    /// Replaces all files by old ones, so that files written from now on can be recognised.
     void age() {
         for (File const& file : m_Files) {
             m_Shop.dir().write(file.m_Name, file.m_Old);
@@ -34,7 +37,7 @@ public:
         m_Current = m_Shop.dir().read(kCurrent);
     }
 
-    /// As the rows spell it; "?" for a file that is none of what it may be.
+    /// The written files in the spelling of the rows; "?" for a file in no expected state.
     [[nodiscard]] std::string written() const {
         std::string all;
         for (File const& file : m_Files) {
@@ -44,7 +47,7 @@ public:
     }
 
     /// Fails the test when a temporary file or half a pair of keys is left.
-    void expectNothingHalf() const {
+    void expectNoPartialFiles() const {
         for (auto const& entry : std::filesystem::recursive_directory_iterator(m_Shop.path())) {
             EXPECT_NE(entry.path().extension(), ".tmp") << entry.path();
         }
@@ -79,51 +82,51 @@ private:
     std::string m_Current;
 };
 
-void expectSetUps(Sandbox& sandbox, std::string const& url, std::vector<FaultTableRow> const& rows) {
-    WatchedShop watched(sandbox, url);
+}  // namespace
+
+void FaultTable::expectSetUps(std::vector<FaultTableRow> const& rows) {
+    WatchedShop watched(service(), autoUrl());
     for (FaultTableRow const& row : rows) {
         SCOPED_TRACE(nameOf(row));
         watched.age();
-        long const before = carriedOut(sandbox.service(), row.m_Exchange);
+        long const before = carriedOut(service(), row.m_Exchange);
         {
-            ArmedRow const armed(sandbox.service(), row);
+            ArmedRow const armed(service(), row);
             EXPECT_EQ(asInRows(watched.setUp()), row.m_Result);
         }
         EXPECT_EQ(watched.written(), row.m_Left);
-        EXPECT_EQ(carriedOut(sandbox.service(), row.m_Exchange) - before, row.m_CarriedOut ? 1 : 0);
-        watched.expectNothingHalf();
+        EXPECT_EQ(carriedOut(service(), row.m_Exchange) - before, row.m_CarriedOut ? 1 : 0);
+        watched.expectNoPartialFiles();
 
         // Defaults that are valid are not fetched again, whatever stands behind them.
         EXPECT_EQ(watched.setUp(), KVX_OK);
         EXPECT_EQ(watched.written(), row.m_Left[1] == 'r' ? "nrnn" : "nnnn");
-        watched.expectNothingHalf();
+        watched.expectNoPartialFiles();
     }
-    EXPECT_EQ(watched.shop().verify(sandbox.shopper(watched.shop().payment().url(), "pay")), KVX_OK);
+    EXPECT_EQ(watched.shop().verify(pays(watched.shop().payment())), KVX_OK);
 }
 
-}  // namespace
-
-TEST(FaultTable, HoldsForSettingUp) {
-    Sandbox sandbox;
-    expectSetUps(sandbox, sandbox.autoUrl(), rowsOf(ExchangeKind::kSetup));
+TEST_F(FaultTable, HoldsForSettingUp) {
+    startService();
+    expectSetUps(rowsOf(ExchangeKind::kSetup));
 }
 
-TEST(FaultTable, HoldsForTheDefaults) {
-    Sandbox sandbox;
-    expectSetUps(sandbox, sandbox.autoUrl(), rowsOf(ExchangeKind::kDefaults));
+TEST_F(FaultTable, HoldsForTheDefaults) {
+    startService();
+    expectSetUps(rowsOf(ExchangeKind::kDefaults));
 }
 
-TEST(FaultTable, HoldsForTheServersKey) {
-    Sandbox sandbox;
-    expectSetUps(sandbox, sandbox.autoUrl(), rowsOf(ExchangeKind::kKeyQuery));
+TEST_F(FaultTable, HoldsForTheServersKey) {
+    startService();
+    expectSetUps(rowsOf(ExchangeKind::kKeyQuery));
 }
 
-TEST(FaultTable, HoldsForTheMerchantsKey) {
-    Sandbox sandbox;
-    expectSetUps(sandbox, sandbox.autoUrl(), rowsOf(ExchangeKind::kKeyExport));
+TEST_F(FaultTable, HoldsForTheMerchantsKey) {
+    startService();
+    expectSetUps(rowsOf(ExchangeKind::kKeyExport));
 }
 
-TEST(FaultTable, HoldsForConnectionsOfASetUp) {
-    Sandbox sandbox(true);
-    expectSetUps(sandbox, sandbox.tlsAutoUrl(), rowsOfConnections(true));
+TEST_F(FaultTable, HoldsForConnectionsOfASetUp) {
+    startService(Transport::kTls);
+    expectSetUps(rowsOfConnections(true));
 }

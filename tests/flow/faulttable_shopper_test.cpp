@@ -1,4 +1,7 @@
-// Shoppers on whose way something goes wrong.
+// The payment page and the shopper's decision with a fault, one payment for each row of the table.
+//
+// A browser over a bare socket records every byte of the faulty response. The same request without the fault gives the
+// whole response, which the recorded bytes are compared with.
 
 #include <sys/socket.h>
 
@@ -6,8 +9,8 @@
 #include <optional>
 
 #include "sandbox/service/confirmation.h"
+#include "tallowin/codes.h"
 #include "tests/flow/armedrow.h"
-#include "tests/flow/flowsupport.h"
 #include "tests/sandbox/support/rawclient.h"
 
 using namespace kvxtest;
@@ -21,7 +24,7 @@ struct Received {
     bool m_Reset = false;
 };
 
-/// What a browser gets from the service.
+/// Sends the request of a browser and returns the bytes of the response.
 Received receive(sandbox::Service const& service, std::string const& request) {
     sandboxtest::RawConnection const connection(service.plainPort());
     connection.send(request);
@@ -32,7 +35,7 @@ Received receive(sandbox::Service const& service, std::string const& request) {
         received.m_Bytes.append(piece, static_cast<std::size_t>(count));
     }
     received.m_Reset = count < 0 && errno == ECONNRESET;
-    EXPECT_TRUE(count == 0 || received.m_Reset) << "the answer does not end";
+    EXPECT_TRUE(count == 0 || received.m_Reset) << "the response does not end";
     return received;
 }
 
@@ -42,8 +45,8 @@ std::string replaced(std::string text, std::string const& from, std::string cons
     return at == std::string::npos ? text : text.replace(at, from.size(), to);
 }
 
-/// What came back with the shopper when a browser got these bytes; nothing when they lead nowhere.
-std::optional<Returned> cameBack(std::string const& bytes) {
+/// The confirmation in the redirect of a response; nothing when it is no complete redirect.
+std::optional<Returned> confirmationIn(std::string const& bytes) {
     if (bytes.find("\r\n\r\n") == std::string::npos) {
         return std::nullopt;
     }
@@ -67,16 +70,16 @@ bool isStatus(std::string const& bytes) {
 }
 
 bool isWrongReturn(std::string const& bytes, std::string const& whole) {
-    std::optional<Returned> const wrong = cameBack(bytes);
-    std::optional<Returned> const right = cameBack(whole);
+    std::optional<Returned> const wrong = confirmationIn(bytes);
+    std::optional<Returned> const right = confirmationIn(whole);
     return wrong && right && wrong->m_Link == right->m_Link &&
            (wrong->m_Data != right->m_Data || wrong->m_Signature != right->m_Signature);
 }
 
-/// Whether a browser that got `received` in the place of `whole` saw what `expected` says.
-bool isExpected(BrowserResult expected, Received const& received, std::string const& whole) {
+/// Whether `received` in the place of `whole` is that outcome for a browser.
+bool isExpected(BrowserResult outcome, Received const& received, std::string const& whole) {
     std::string const& bytes = received.m_Bytes;
-    switch (expected) {
+    switch (outcome) {
         case BrowserResult::kNoShopper:
             return false;
         case BrowserResult::kWhole:
@@ -103,34 +106,14 @@ bool isExpected(BrowserResult expected, Received const& received, std::string co
     return false;
 }
 
-/// The state of the payment, "none" without one.
-std::string stateOrNone(Sandbox const& sandbox, std::string const& token) {
-    std::string const state = sandbox.stateOf(token);
+/// A state as the rows spell it: "none" for an unknown payment.
+std::string stateOrNone(std::string const& state) {
     return state.empty() ? "none" : state;
 }
 
-void expectPages(Sandbox& sandbox, Shop const& shop) {
-    for (FaultTableRow const& row : rowsOf(ExchangeKind::kPage)) {
-        SCOPED_TRACE(nameOf(row));
-        FlowMessage const payment = shop.payment();
-        std::string const url = payment.url();
-        Received received;
-        {
-            ArmedRow const armed(sandbox.service(), row, payment.get("ORDERID"));
-            received = receive(sandbox.service(), getRequest(url));
-        }
-        EXPECT_EQ(stateOrNone(sandbox, payment.get("TOKEN")), row.m_Left);
-
-        std::string const again = receive(sandbox.service(), getRequest(url)).m_Bytes;
-        EXPECT_TRUE(isExpected(row.m_BrowserResult, received, again)) << received.m_Bytes.substr(0, again.size() * 2);
-        EXPECT_EQ(shop.verify(sandbox.shopper(url, "pay")), KVX_OK);
-        EXPECT_EQ(sandbox.stateOf(payment.get("TOKEN")), "authorised");
-    }
-}
-
-/// The result of verifying what came back; a confirmation that is accepted tells in its type what it is.
+/// The result of verifying the confirmation of a response. Expects an accepted one to be of the right type.
 std::optional<std::int32_t> verifyReturn(Shop const& shop, Received const& received, FaultKind kind) {
-    std::optional<Returned> const returned = cameBack(received.m_Bytes);
+    std::optional<Returned> const returned = confirmationIn(received.m_Bytes);
     if (!returned) {
         return kNotCalled;
     }
@@ -142,40 +125,55 @@ std::optional<std::int32_t> verifyReturn(Shop const& shop, Received const& recei
     return result;
 }
 
-void expectDecisions(Sandbox& sandbox, Shop const& shop) {
-    for (FaultTableRow const& row : rowsOf(ExchangeKind::kDecision)) {
+}  // namespace
+
+void FaultTable::expectPages() {
+    for (FaultTableRow const& row : rowsOf(ExchangeKind::kPage)) {
         SCOPED_TRACE(nameOf(row));
-        FlowMessage const payment = shop.payment();
-        std::string const token = payment.get("TOKEN");
-        std::string const request = sandbox.decisionRequest(payment.url(), "pay");
+        FlowMessage const payment = shop().payment();
+        std::string const url = payment.url();
         Received received;
         {
-            ArmedRow const armed(sandbox.service(), row, payment.get("ORDERID"));
-            received = receive(sandbox.service(), request);
+            ArmedRow const armed(service(), row, payment.get("ORDERID"));
+            received = receive(service(), getRequest(url));
         }
-        EXPECT_EQ(sandbox.stateOf(token), row.m_Left);
-        EXPECT_EQ(verifyReturn(shop, received, row.m_Kind), row.m_Result);
+        EXPECT_EQ(stateOrNone(stateOf(payment)), row.m_Left);
 
-        Received const again = receive(sandbox.service(), request);
-        EXPECT_TRUE(isExpected(row.m_BrowserResult, received, again.m_Bytes))
-            << received.m_Bytes.substr(0, again.m_Bytes.size() * 2);
-        EXPECT_EQ(verifyReturn(shop, again, FaultKind::kBytewise), KVX_OK);
-        EXPECT_EQ(timesIn(sandbox.service(), token, "authorised"), 1);
+        std::string const again = receive(service(), getRequest(url)).m_Bytes;
+        EXPECT_TRUE(isExpected(row.m_BrowserResult, received, again)) << received.m_Bytes.substr(0, again.size() * 2);
+        EXPECT_EQ(shop().verify(pays(payment)), KVX_OK);
+        EXPECT_EQ(stateOf(payment), "authorised");
     }
 }
 
-}  // namespace
+void FaultTable::expectDecisions() {
+    for (FaultTableRow const& row : rowsOf(ExchangeKind::kDecision)) {
+        SCOPED_TRACE(nameOf(row));
+        FlowMessage const payment = shop().payment();
+        std::string const token = payment.get("TOKEN");
+        std::string const request = sandbox().decisionRequest(payment.url(), "pay");
+        Received received;
+        {
+            ArmedRow const armed(service(), row, payment.get("ORDERID"));
+            received = receive(service(), request);
+        }
+        EXPECT_EQ(stateOf(payment), row.m_Left);
+        EXPECT_EQ(verifyReturn(shop(), received, row.m_Kind), row.m_Result);
 
-TEST(FaultTable, HoldsForThePage) {
-    Sandbox sandbox;
-    Shop const shop;
-    ASSERT_EQ(shop.setUp(sandbox.autoUrl()), KVX_OK);
-    expectPages(sandbox, shop);
+        Received const again = receive(service(), request);
+        EXPECT_TRUE(isExpected(row.m_BrowserResult, received, again.m_Bytes))
+            << received.m_Bytes.substr(0, again.m_Bytes.size() * 2);
+        EXPECT_EQ(verifyReturn(shop(), again, FaultKind::kBytewise), KVX_OK);
+        EXPECT_EQ(timesIn(service(), token, "authorised"), 1);
+    }
 }
 
-TEST(FaultTable, HoldsForTheDecision) {
-    Sandbox sandbox;
-    Shop const shop;
-    ASSERT_EQ(shop.setUp(sandbox.autoUrl()), KVX_OK);
-    expectDecisions(sandbox, shop);
+TEST_F(FaultTable, HoldsForThePage) {
+    openShop();
+    expectPages();
+}
+
+TEST_F(FaultTable, HoldsForTheDecision) {
+    openShop();
+    expectDecisions();
 }

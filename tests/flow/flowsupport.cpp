@@ -1,8 +1,17 @@
+// A merchant through the flat functions alone, a running sandbox, and the browser of its shopper.
+//
+// The browser opens the payment page over a bare socket and posts the form behind the button of its decision.
+
 #include "tests/flow/flowsupport.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
 
 #include "tests/api/apisupport.h"
 #include "tests/sandbox/support/rawclient.h"
 #include "tests/sandbox/support/testmerchant.h"
+#include "tests/support/encodings.h"
 
 namespace kvxtest {
 
@@ -51,8 +60,6 @@ void FlowMessage::set(std::string const& name, std::string const& value) const {
 std::string FlowMessage::url() const {
     return copiedOut([&](auto* size, auto* buffer) { return MessageObject_GetURL(m_Handle, size, buffer); });
 }
-
-Shop::Shop() = default;
 
 std::int32_t Shop::setUp(std::string const& url, std::string const& user, std::string const& password) const {
     KVX_HANDLE const setup = CreateConfigurationSetup();
@@ -182,6 +189,58 @@ long Sandbox::accepted(std::string const& path) const {
 
 std::string Sandbox::lastVerdict() const {
     return m_Service.exchanges().back().m_Verdict;
+}
+
+void FlowTest::startService(Transport transport) {
+    m_Transport = transport;
+    m_Sandbox.emplace(transport == Transport::kTls);
+    m_Shop.emplace();
+}
+
+void FlowTest::openShop(Transport transport) {
+    startService(transport);
+    std::int32_t const result = m_Shop->setUp(autoUrl());
+    if (result != KVX_OK) {
+        throw std::runtime_error("the set-up of the shop fails with " + std::to_string(result));
+    }
+}
+
+std::string FlowTest::autoUrl() const {
+    return m_Transport == Transport::kTls ? m_Sandbox->tlsAutoUrl() : m_Sandbox->autoUrl();
+}
+
+Returned FlowTest::pays(FlowMessage const& payment) const {
+    return m_Sandbox->shopper(payment.url(), "pay");
+}
+
+Returned FlowTest::declines(FlowMessage const& payment) const {
+    return m_Sandbox->shopper(payment.url(), "decline");
+}
+
+Returned FlowTest::cancels(FlowMessage const& payment) const {
+    return m_Sandbox->shopper(payment.url(), "cancel");
+}
+
+std::string FlowTest::stateOf(FlowMessage const& payment) const {
+    return m_Sandbox->stateOf(payment.get("TOKEN"));
+}
+
+void FlowTest::expectNextPaymentWorks() const {
+    EXPECT_EQ(m_Shop->verify(pays(m_Shop->payment())), KVX_OK);
+}
+
+std::int32_t execute(FlowMessage const& message) {
+    KVX_HANDLE response = nullptr;
+    std::int32_t const result = MessageObject_Execute(message.handle(), &response);
+    EXPECT_EQ(response != nullptr, result == KVX_OK);
+    DestroyMessageObject(response);
+    return result;
+}
+
+FlowMessage responseTo(FlowMessage const& message) {
+    KVX_HANDLE response = nullptr;
+    EXPECT_EQ(MessageObject_Execute(message.handle(), &response), KVX_OK);
+    return FlowMessage(response);
 }
 
 }  // namespace kvxtest

@@ -1,14 +1,19 @@
 /// A shop, a shopper and the payment service, for tests of whole payments.
+///
+/// The shop uses the flat functions alone. The shopper is a browser that opens the payment page and decides there.
 #ifndef TALLOWIN_TESTS_FLOW_FLOWSUPPORT_H
 #define TALLOWIN_TESTS_FLOW_FLOWSUPPORT_H
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "sandbox/service.h"
 #include "tallowin/tallowin.h"
-#include "tests/support/test_support.h"
+#include "tests/support/directories.h"
 
 namespace kvxtest {
 
@@ -32,7 +37,7 @@ private:
     KVX_HANDLE m_Handle;
 };
 
-/// What came back with the shopper.
+/// The data that the shopper brings back to the shop.
 struct Returned {
     std::string m_Link;       ///< The address without DATA and SIGNATURE.
     std::string m_Data;       ///< Decoded.
@@ -49,10 +54,8 @@ struct Order {
 /// A merchant: one configuration directory, used through the flat functions alone.
 class Shop {
 public:
-    Shop();
-
     [[nodiscard]] std::string const& path() const { return m_Dir.path(); }
-    [[nodiscard]] TempDir const& dir() const { return m_Dir; }
+    [[nodiscard]] TemporaryDirectory const& dir() const { return m_Dir; }
 
     /// Runs the set-up against the configuration service at `url`.
     [[nodiscard]] std::int32_t setUp(std::string const& url, std::string const& user = "demo",
@@ -64,20 +67,20 @@ public:
     /// A payment for `order`, with links of three kinds back to the shop.
     [[nodiscard]] FlowMessage payment(Order const& order = {}) const;
 
-    /// The result of verifying; on success `*verified` owns what was verified.
+    /// The result of verifying, and the verified message; `verified` fails the test when there is none.
     [[nodiscard]] std::int32_t verify(Returned const& returned) const;
     [[nodiscard]] FlowMessage verified(Returned const& returned) const;
 
     /// A message object that holds `text` and can be signed.
     [[nodiscard]] FlowMessage filled(std::string const& text) const;
 
-    /// Captures what the confirmation `data` says.
+    /// Captures the payment of the confirmation `data`.
     [[nodiscard]] std::int32_t capture(std::string const& data) const;
 
     [[nodiscard]] FlowMessage completion(std::string const& id, std::string const& token) const;
 
 private:
-    TempDir m_Dir;
+    TemporaryDirectory m_Dir;
     KVX_HANDLE newFactory() const;
 };
 
@@ -105,24 +108,68 @@ public:
     /// How many requests to `path` were accepted.
     [[nodiscard]] long accepted(std::string const& path) const;
 
-    /// What the service thought of its last request.
+    /// The verdict of the service on its last request.
     [[nodiscard]] std::string lastVerdict() const;
 
 private:
     static sandbox::Options options(std::string const& directory, bool tls);
     [[nodiscard]] std::string exchange(std::string const& url, std::string const& request) const;
 
-    TempDir m_Dir;
+    TemporaryDirectory m_Dir;
     sandbox::Service m_Service;
 };
+
+/// The opening of a flow test: a running service, and a shop with a directory of its own.
+class FlowTest : public testing::Test {
+protected:
+    enum class Transport { kPlain, kTls };
+
+    /// Starts a service and gives the test a shop that is not set up.
+    void startService(Transport transport = Transport::kPlain);
+
+    /// Starts a service and sets the shop up there. Throws std::runtime_error when that fails.
+    void openShop(Transport transport = Transport::kPlain);
+
+    [[nodiscard]] Sandbox const& sandbox() const { return *m_Sandbox; }
+    [[nodiscard]] sandbox::Service& service() { return m_Sandbox->service(); }
+    [[nodiscard]] Shop const& shop() const { return *m_Shop; }
+
+    /// The address of the configuration service, over the transport of the test.
+    [[nodiscard]] std::string autoUrl() const;
+
+    /// The shopper opens the page of `payment` and decides there.
+    [[nodiscard]] Returned pays(FlowMessage const& payment) const;
+    [[nodiscard]] Returned declines(FlowMessage const& payment) const;
+    [[nodiscard]] Returned cancels(FlowMessage const& payment) const;
+
+    /// The state of `payment` at the service, in words; empty when it knows of none.
+    [[nodiscard]] std::string stateOf(FlowMessage const& payment) const;
+
+    /// Makes one more payment and expects its confirmation to be verified.
+    void expectNextPaymentWorks() const;
+
+    /// The next matching request to the service goes wrong as `fault` says, in the sandbox's own spelling.
+    void arm(std::string const& fault) { service().arm(sandbox::parseFault(fault)); }
+
+private:
+    Transport m_Transport = Transport::kPlain;
+    std::optional<Sandbox> m_Sandbox;
+    std::optional<Shop> m_Shop;
+};
+
+/// Sends `message`. Expects a response on success only, and drops it.
+std::int32_t execute(FlowMessage const& message);
+
+/// Sends `message` and returns the response; fails the test when there is none.
+FlowMessage responseTo(FlowMessage const& message);
 
 /// "/path?query" of an absolute URL.
 std::string targetOf(std::string const& url);
 
-/// What a browser sends to open `url`.
+/// The request of a browser that opens `url`.
 std::string getRequest(std::string const& url);
 
-/// What comes back with a shopper who is sent to `location`.
+/// The data that a shopper sent to `location` brings back.
 Returned takeApart(std::string const& location);
 
 }  // namespace kvxtest
