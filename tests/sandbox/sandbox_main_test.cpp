@@ -105,7 +105,7 @@ TEST(SandboxProgram, ReportsItsAddressesAsJsonAndEndsOnSignals) {
         EXPECT_EQ(line.at("capture"), base + "/capture");
         EXPECT_EQ(line.at("payments"), base + "/");
         EXPECT_EQ(line.at("ca"), directory.path() + "/ca.pem");
-        std::string const target = "/auto?DATA=" + encode("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>");
+        std::string const target = "/auto?DATA=" + percentEncoded("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>");
         EXPECT_THAT(exchangeRaw(port, merchantGet(target, "shop", "p:w")), HasSubstr("SetupResponse"));
         EXPECT_THAT(exchangeRaw(line.at("tlsPort"), merchantGet(target, "shop", "p:w"), line.at("ca")),
                     HasSubstr(line.at("serverKeyId").get<std::string>()));
@@ -118,7 +118,8 @@ TEST(SandboxProgram, EndsAtOnceOnASecondSignal) {
     TemporaryDirectory const directory;
     Program program({"--data", directory.path(), "--json", "--fault", "huge,exchange=setup"});
     RawConnection const stuck(nlohmann::json::parse(program.line()).at("port"));
-    stuck.send(merchantGet("/auto?DATA=" + encode("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>"), "demo", "demo"));
+    stuck.send(
+        merchantGet("/auto?DATA=" + percentEncoded("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>"), "demo", "demo"));
     // The answer has begun, nobody reads it, and it does not end for seconds.
     char byte = 0;
     ASSERT_EQ(::recv(stuck.get(), &byte, 1, 0), 1);
@@ -177,7 +178,7 @@ TEST(SandboxProgram, ArmsTheFaultsThatItIsGiven) {
     Program program({"--data", directory.path(), "--json", "--fault", "http-status,exchange=setup,status=404",
                      "--fault", "error,exchange=setup,text=not now"});
     std::uint16_t const port = nlohmann::json::parse(program.line()).at("port");
-    std::string const target = "/auto?DATA=" + encode("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>");
+    std::string const target = "/auto?DATA=" + percentEncoded("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>");
     auto const ask = [&] { return parseResponse(exchangeRaw(port, merchantGet(target, "demo", "demo"))); };
     EXPECT_EQ(ask().m_Status, 404);
     EXPECT_EQ(attributeOf(ask().m_Body, "MESSAGE"), "not now");

@@ -119,12 +119,13 @@ TEST_F(SandboxService, FailsInTheFormOfTheControlApiThere) {
 TEST_F(SandboxService, EndsOnAllPortsAtOnce) {
     m_Service->arm(sandbox::parseFault("stall-before,exchange=setup"));
     RawConnection const stuck(m_Service->plainPort());
-    stuck.send(merchantGet("/auto?DATA=" + encode("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>"), "demo", "demo"));
+    stuck.send(
+        merchantGet("/auto?DATA=" + percentEncoded("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>"), "demo", "demo"));
     // An answer that nobody reads keeps one port from ending.
     m_Service->arm(sandbox::parseFault("huge,exchange=keyquery"));
     RawConnection const unread(m_Service->plainPort());
-    unread.send(
-        merchantGet("/auto?DATA=" + encode("<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"1-SERVER-1\"/>"), "demo", "demo"));
+    unread.send(merchantGet("/auto?DATA=" + percentEncoded("<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"1-SERVER-1\"/>"),
+                            "demo", "demo"));
     char byte = 0;
     ASSERT_EQ(::recv(unread.get(), &byte, 1, 0), 1);
     RawConnection const control(m_Service->controlPort());
@@ -235,7 +236,7 @@ TEST_F(TlsSandboxService, IsTrustedThroughItsAuthorityUnderBothNames) {
 }
 
 TEST_F(TlsSandboxService, AnswersSetupWithAddressesOfTheSameKind) {
-    std::string const target = "/auto?DATA=" + encode("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>");
+    std::string const target = "/auto?DATA=" + percentEncoded("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>");
     std::string const overTls = getTls(target).m_Body;
     std::string const base = "https://127.0.0.1:" + std::to_string(m_Service->tlsPort());
     EXPECT_EQ(attributeOf(overTls, "VTURL"), base + "/pay");

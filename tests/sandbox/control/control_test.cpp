@@ -428,7 +428,7 @@ TEST_F(Control, RotatesTheKeyThatSigns) {
     EXPECT_EQ(keys.at(0).at("current"), false);
     EXPECT_EQ(keys.at(1).at("current"), true);
     RawResponse const back = press(openPage(m_Merchant.payInit("t1")), "pay");
-    std::string const confirm = decode(queryValue(back.m_Headers.at("location"), "DATA"));
+    std::string const confirm = percentDecoded(queryValue(back.m_Headers.at("location"), "DATA"));
     std::string const signature = queryValue(back.m_Headers.at("location"), "SIGNATURE");
     EXPECT_EQ(attributeOf(confirm, "KEYID"), fresh);
     EXPECT_TRUE(verifies(keys.at(1).at("blob").get<std::string>(), confirm, signature));

@@ -4,12 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
-#include <fstream>
-#include <iterator>
 #include <string>
 
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/wiretext.h"
+#include "tests/support/testdata.h"
 
 namespace {
 
@@ -17,10 +16,7 @@ using namespace sandbox;
 using ::testing::HasSubstr;
 
 std::string vectorFile(std::string const& name) {
-    std::ifstream file(std::string(KVX_TEST_DATA_DIR) + "/sandbox/" + name, std::ios::binary);
-    std::string content((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    EXPECT_NE(content, "") << name;
-    return content;
+    return kvxtest::dataText("sandbox/" + name);
 }
 
 KeyHolder vectorKey() {

@@ -50,7 +50,7 @@ protected:
     [[nodiscard]] RawResponse submit(std::string const& target, Fields const& fields) const {
         std::string body;
         for (auto const& [name, value] : fields) {
-            body += (body.empty() ? "" : "&") + name + "=" + encode(value);
+            body += (body.empty() ? "" : "&") + name + "=" + percentEncoded(value);
         }
         return ask(formPost(target, body));
     }
@@ -91,7 +91,7 @@ protected:
                    "/faults",
                    "/keys",
                    "/calculator",
-                   "/calculator?DATA=" + encode(m_Merchant.payInit("t1")) + "&SIGNATURE=00",
+                   "/calculator?DATA=" + percentEncoded(m_Merchant.payInit("t1")) + "&SIGNATURE=00",
                    "/calculator?DATA=%00%ff%3cscript%3e&SIGNATURE=%00%ff%3cscript%3e"};
         for (std::size_t number = 1; number <= m_Service->exchanges().size(); ++number) {
             m_Pages.push_back("/exchange?number=" + std::to_string(number));
@@ -354,7 +354,8 @@ TEST_F(Dashboard, ShowsAnExchange) {
 
 TEST_F(Dashboard, ShowsWhatWasWrongWithAnExchange) {
     std::string const text = m_Merchant.payInit("t1");
-    EXPECT_EQ(get("/pay?DATA=" + encode(text) + "&SIGNATURE=" + m_Merchant.sign(text, true) + "00").m_Status, 400);
+    EXPECT_EQ(get("/pay?DATA=" + percentEncoded(text) + "&SIGNATURE=" + m_Merchant.sign(text, true) + "00").m_Status,
+              400);
     PageReader const page = open("/exchange?number=2");
     EXPECT_THAT(page.text("//main/dl/div[1]/dd/strong"), HasSubstr("not one of DATA"));
     EXPECT_THAT(page.texts("//section[@aria-labelledby='steps']//strong"), Contains("no"));
@@ -362,7 +363,7 @@ TEST_F(Dashboard, ShowsWhatWasWrongWithAnExchange) {
 
 TEST_F(Dashboard, ShowsAnExchangeThatWasNotLookedAt) {
     m_Service->arm(sandbox::parseFault("reset,exchange=capture"));
-    EXPECT_THROW(get("/capture?DATA=" + encode("<KVX MSGTYPE=\"PayConfirm\"/>")), std::runtime_error);
+    EXPECT_THROW(get("/capture?DATA=" + percentEncoded("<KVX MSGTYPE=\"PayConfirm\"/>")), std::runtime_error);
     PageReader const page = open("/exchange?number=2");
     EXPECT_EQ(page.text("//main/dl/div[2]/dd"), "reset,exchange=capture");
     EXPECT_EQ(page.text("//section[@aria-labelledby='steps']/p"), "The request was not looked at.");
@@ -608,7 +609,7 @@ TEST_F(Dashboard, CalculatesWhatIsPasted) {
     EXPECT_EQ(empty.count("//section"), 1u);
     std::string const address = "http://shop.example/ok?cart=1&" + m_Merchant.signedQuery(text).substr(1);
     for (Fields const& fields : {Fields{{"DATA", text}, {"SIGNATURE", m_Merchant.sign(text)}},
-                                 Fields{{"DATA", encode(text)}, {"SIGNATURE", m_Merchant.sign(text) + "\r\n"}},
+                                 Fields{{"DATA", percentEncoded(text)}, {"SIGNATURE", m_Merchant.sign(text) + "\r\n"}},
                                  Fields{{"DATA", address}, {"SIGNATURE", ""}}}) {
         RawResponse const response = fill("/calculator", fields);
         EXPECT_EQ(response.m_Status, 200);
@@ -631,13 +632,14 @@ TEST_F(Dashboard, CalculatesWhatIsPasted) {
 
 TEST_F(Dashboard, ExplainsWhatDiffers) {
     std::string const text = m_Merchant.payInit("t1");
-    PageReader const page = open("/calculator?DATA=" + encode(text + "\n") + "&SIGNATURE=" + m_Merchant.sign(text));
+    PageReader const page =
+        open("/calculator?DATA=" + percentEncoded(text + "\n") + "&SIGNATURE=" + m_Merchant.sign(text));
     EXPECT_EQ(page.text("//section[@aria-labelledby='verdict']/p"), "The signature is not right.");
     EXPECT_THAT(page.texts("//section[@aria-labelledby='verdict']//li"),
                 ElementsAre(HasSubstr("digest"), HasSubstr("once the blanks and line ends behind it are cut")));
     EXPECT_THAT(page.texts(tableRow("matches", 1)).back(), HasSubstr("behind it are cut"));
     PageReader const unknown =
-        open("/calculator?DATA=" + encode("<KVX MSGTYPE=\"a\" KEYID=\"<x>\"/>") + "&SIGNATURE=00");
+        open("/calculator?DATA=" + percentEncoded("<KVX MSGTYPE=\"a\" KEYID=\"<x>\"/>") + "&SIGNATURE=00");
     EXPECT_THAT(unknown.texts("//section[@aria-labelledby='verdict']//li"),
                 Contains(HasSubstr("KEYID '<x>' names neither")));
     PageReader const half = open("/calculator?SIGNATURE=00");
@@ -649,7 +651,7 @@ TEST_F(Dashboard, ExplainsWhatDiffers) {
 class DashboardCalculator : public Dashboard {
 protected:
     [[nodiscard]] PageReader calculate(std::string const& sent, std::string const& signature) const {
-        return open("/calculator?DATA=" + encode(sent) + "&SIGNATURE=" + signature);
+        return open("/calculator?DATA=" + percentEncoded(sent) + "&SIGNATURE=" + signature);
     }
 
     /// `text` with the amount of the order raised.
@@ -696,7 +698,7 @@ TEST_F(DashboardCalculator, ShowsWhatWasSignedInAConfirmation) {
                                        "decline")
                                      .m_Body);
         std::string const query = "?" + outcome.text("//section[@aria-labelledby='query']/pre");
-        std::string const confirm = decode(queryValue(query, "DATA"));
+        std::string const confirm = percentDecoded(queryValue(query, "DATA"));
         PageReader const page = calculate(raised(confirm), queryValue(query, "SIGNATURE"));
         expectRaised(page, confirm);
         EXPECT_THAT(page.text("//section[@aria-labelledby='original']/p/a"), StartsWith("a confirmation of ")) << fault;
@@ -724,7 +726,8 @@ TEST_F(Dashboard, ReportsWhatKindOfKeyIsNamed) {
     EXPECT_EQ(fill("/keys/rotate", {}).m_Status, 303);
     auto const named = [this](std::string const& keyId) {
         std::string const text = "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"" + keyId + "\"/>";
-        return open("/calculator?DATA=" + encode(text)).text("//section[@aria-labelledby='comparison']//dl/div[1]/dd");
+        return open("/calculator?DATA=" + percentEncoded(text))
+            .text("//section[@aria-labelledby='comparison']//dl/div[1]/dd");
     };
     EXPECT_EQ(named("1-SERVER-1"), "1-SERVER-1 of this service, old, 512 bits");
     EXPECT_EQ(named("1-SERVER-2"), "1-SERVER-2 of this service, signs now, 512 bits");

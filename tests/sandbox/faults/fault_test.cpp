@@ -225,7 +225,7 @@ protected:
 
     [[nodiscard]] std::string request() const {
         std::string const text = "<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"" + m_Service->serverKeyId() + "\"/>";
-        return merchantGet("/auto?DATA=" + encode(text), "demo", "demo");
+        return merchantGet("/auto?DATA=" + percentEncoded(text), "demo", "demo");
     }
 
     /// What comes back while the fault of that text happens; without one for "".
@@ -451,7 +451,7 @@ TEST_F(FaultOnTheWire, HappensToAnOrderOfTheAccountThatAsks) {
 TEST_F(FaultOnTheWire, LeavesTheControlPortAlone) {
     m_Service->arm(parseFault("drop,exchange=setup"));
     std::string const request =
-        merchantGet("/auto?DATA=" + encode("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>"), "demo", "demo");
+        merchantGet("/auto?DATA=" + percentEncoded("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>"), "demo", "demo");
     EXPECT_EQ(parseResponse(exchangeRaw(m_Service->controlPort(), request)).m_Status, 200);
     EXPECT_EQ(m_Service->faults().size(), 1u);
     RawConnection const connection(m_Service->plainPort());
@@ -482,7 +482,7 @@ protected:
         EXPECT_EQ(back.m_Status, 302) << back.m_Body;
         EXPECT_EQ(m_Service->payments().back().m_State, sandbox::PaymentState::kAuthorised);
         std::string const location = back.m_Headers.at("location");
-        return {decode(queryValue(location, "DATA")), queryValue(location, "SIGNATURE")};
+        return {percentDecoded(queryValue(location, "DATA")), queryValue(location, "SIGNATURE")};
     }
 
     [[nodiscard]] bool isSigned(Confirmation const& confirmation, std::string const& keyId) const {
@@ -560,7 +560,7 @@ TEST_F(FaultyHandshake, IsNoConcernOfPlainConnections) {
 
 TEST_F(FaultyHandshake, IsSoundWhenTheAnswerIsWrong) {
     std::string const text = "<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"" + m_Service->serverKeyId() + "\"/>";
-    std::string const request = merchantGet("/auto?DATA=" + encode(text), "demo", "demo");
+    std::string const request = merchantGet("/auto?DATA=" + percentEncoded(text), "demo", "demo");
     auto const ask = [&] { return exchangeRaw(m_Service->tlsPort(), request, m_Service->authorityFile()); };
     std::string const whole = ask();
     struct {

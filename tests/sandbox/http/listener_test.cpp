@@ -43,7 +43,7 @@ TEST_F(WireRequest, KeepsAPlusInDataAPlus) {
 }
 
 TEST_F(WireRequest, UnderstandsTheAbsoluteFormThatProxiesGet) {
-    std::string const data = encode("<KVX MSGTYPE=\"StatusRequest\"/>");
+    std::string const data = percentEncoded("<KVX MSGTYPE=\"StatusRequest\"/>");
     EXPECT_EQ(send(merchantGet(m_Service->baseUrl() + "/capture?DATA=" + data)).m_Status, 200);
     EXPECT_EQ(m_Service->exchanges().back().m_Path, "/capture");
     EXPECT_EQ(m_Service->exchanges().back().m_Data, "<KVX MSGTYPE=\"StatusRequest\"/>");
@@ -98,9 +98,10 @@ TEST_F(WireRequest, RefusesAttributesWithoutNumber) {
     for (int i = 0; i < 100000; ++i) {
         attributes += " a" + std::to_string(i) + "=\"\"";
     }
-    EXPECT_EQ(get("/pay?DATA=" + encode("<KVX MSGTYPE=\"PayInit\"" + attributes + "/>")).m_Status, 400);
+    EXPECT_EQ(get("/pay?DATA=" + percentEncoded("<KVX MSGTYPE=\"PayInit\"" + attributes + "/>")).m_Status, 400);
     EXPECT_EQ(lastVerdict(), "SIGNATURE is missing");
-    EXPECT_EQ(get("/pay?SIGNATURE=00&DATA=" + encode("<KVX MSGTYPE=\"PayInit\"" + attributes + "/>")).m_Status, 400);
+    EXPECT_EQ(get("/pay?SIGNATURE=00&DATA=" + percentEncoded("<KVX MSGTYPE=\"PayInit\"" + attributes + "/>")).m_Status,
+              400);
     EXPECT_EQ(lastVerdict(), "the message has more than 256 attributes");
 }
 

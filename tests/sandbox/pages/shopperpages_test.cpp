@@ -77,8 +77,8 @@ std::vector<std::pair<std::string, sandbox::HttpResponse>> allPages() {
                                                   {"EXPIRATION", kNasty},
                                                   {"LANGID", kNasty}});
     nasty.m_Payment.m_Id = nasty.m_Payment.m_Account = nasty.m_FormKey = kNasty;
-    std::string const signedQuery = "DATA=" + encode(kMessage) + "&SIGNATURE=00ff";
-    std::string const nastyQuery = "DATA=" + encode(kNasty) + "&SIGNATURE=" + encode(kNasty);
+    std::string const signedQuery = "DATA=" + percentEncoded(kMessage) + "&SIGNATURE=00ff";
+    std::string const nastyQuery = "DATA=" + percentEncoded(kNasty) + "&SIGNATURE=" + percentEncoded(kNasty);
     std::vector<std::pair<std::string, sandbox::HttpResponse>> pages = {
         {"payment without anything", sandbox::paymentPage(samplePayment({}), "")},
         {"payment, nasty", sandbox::paymentPage(nasty, kNasty)},
@@ -524,7 +524,7 @@ TEST(ErrorPage, AdvisesByStatusAndMessage) {
 TEST(OutcomePage, ShowsTheMessageAndItsRawForms) {
     sandbox::Payment payment = samplePayment(sampleOrder()).m_Payment;
     payment.m_State = sandbox::PaymentState::kAuthorised;
-    std::string const query = "DATA=" + encode(kMessage) + "&SIGNATURE=00ff";
+    std::string const query = "DATA=" + percentEncoded(kMessage) + "&SIGNATURE=00ff";
     sandbox::HttpResponse const response = sandbox::outcomePage(payment, query);
     EXPECT_EQ(response.m_Status, 200);
     PageReader const page(response.m_Body);
@@ -534,7 +534,7 @@ TEST(OutcomePage, ShowsTheMessageAndItsRawForms) {
 }
 
 TEST(ReturnedPage, ShowsTheMessageAndTheSignature) {
-    PageReader const page(returnedWith("DATA=" + encode(kMessage) + "&SIGNATURE=00ff").m_Body);
+    PageReader const page(returnedWith("DATA=" + percentEncoded(kMessage) + "&SIGNATURE=00ff").m_Body);
     EXPECT_THAT(page.texts("//tbody/tr/th"), ElementsAre("MSGTYPE", "ORDERID", "RESULT"));
     EXPECT_THAT(page.texts("//tbody/tr/td"), ElementsAre("PayConfirm", "A & B", "authorised"));
     EXPECT_THAT(page.texts("//pre"), ElementsAre(kMessage, "00ff"));

@@ -113,7 +113,7 @@ protected:
     [[nodiscard]] std::string tlsPort() const { return std::to_string(m_Service->tlsPort()); }
 };
 
-std::string const kSetup = "/auto?DATA=" + encode("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>");
+std::string const kSetup = "/auto?DATA=" + percentEncoded("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>");
 
 TEST_F(SandboxProxy, ForwardsAnyMethodInOriginFormAndTheRestAsItCame) {
     struct Row {

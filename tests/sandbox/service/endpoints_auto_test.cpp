@@ -127,7 +127,7 @@ TEST_F(AutoService, AnswersBytesThatANarrowParserReads) {
 
 TEST_F(AutoService, ClosesTheConnectionAndTellsTheLength) {
     std::string const text = "<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>";
-    RawResponse const response = get("/auto?DATA=" + encode(text), "demo", "demo");
+    RawResponse const response = get("/auto?DATA=" + percentEncoded(text), "demo", "demo");
     EXPECT_EQ(response.m_Headers.at("content-length"), std::to_string(response.m_Body.size()));
     EXPECT_EQ(response.m_Headers.at("connection"), "close");
     EXPECT_EQ(response.m_Headers.count("transfer-encoding"), 0u);

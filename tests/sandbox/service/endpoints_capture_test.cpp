@@ -94,9 +94,10 @@ TEST_F(CaptureService, RefusesAMessageUnderTheServersKey) {
 
 TEST_F(CaptureService, RefusesMissingAndWrongSignatures) {
     std::string const text = authorise("t1");
-    EXPECT_THAT(reasonOf(get("/capture?DATA=" + encode(text)).m_Body), HasSubstr("SIGNATURE is missing"));
-    EXPECT_THAT(reasonOf(get("/capture?DATA=" + encode(text) + "&SIGNATURE=" + m_Merchant.sign(text + "x")).m_Body),
-                HasSubstr("not one of DATA"));
+    EXPECT_THAT(reasonOf(get("/capture?DATA=" + percentEncoded(text)).m_Body), HasSubstr("SIGNATURE is missing"));
+    EXPECT_THAT(
+        reasonOf(get("/capture?DATA=" + percentEncoded(text) + "&SIGNATURE=" + m_Merchant.sign(text + "x")).m_Body),
+        HasSubstr("not one of DATA"));
     EXPECT_THAT(reasonOf(get("/capture").m_Body), HasSubstr("DATA is missing"));
     EXPECT_EQ(payment().m_State, PaymentState::kAuthorised);
 }

@@ -36,7 +36,7 @@ protected:
         ASSERT_EQ(response.m_Status, 302) << response.m_Body;
         std::string const location = response.m_Headers.at("location");
         EXPECT_THAT(location, StartsWith(link + "DATA=%3cKVX%20MSGTYPE%3d%22PayConfirm%22%20"));
-        std::string const data = decode(queryValue(location, "DATA"));
+        std::string const data = percentDecoded(queryValue(location, "DATA"));
         EXPECT_EQ(attributeOf(data, "MSGTYPE"), "PayConfirm");
         EXPECT_EQ(attributeOf(data, "KEYID"), m_Service->serverKeyId());
         EXPECT_EQ(attributeOf(data, "ID"), m_Service->payments().back().m_Id);
@@ -141,7 +141,7 @@ TEST_F(PaymentPage, SignsHighBytesSoThatTheMerchantVerifiesThem) {
                            " SUCCESSLINK=\"http://shop.example/\""));
     ASSERT_EQ(page.m_Status, 200) << page.m_Body;
     std::string const location = press(page, "pay").m_Headers.at("location");
-    std::string const data = decode(queryValue(location, "DATA"));
+    std::string const data = percentDecoded(queryValue(location, "DATA"));
     EXPECT_EQ(attributeOf(data, "ORDERID"), "Caf\xE9 \x80 & \xC3\xA9");
     EXPECT_TRUE(verifies(serverBlob(), data, queryValue(location, "SIGNATURE")));
 }
@@ -149,7 +149,7 @@ TEST_F(PaymentPage, SignsHighBytesSoThatTheMerchantVerifiesThem) {
 TEST_F(PaymentPage, LeavesOutWhatTheOrderDidNotName) {
     RawResponse const page = openPage(m_Merchant.message(
         "PayInit", " TOKEN=\"t\" EXPIRATION=\"20991231 23:59:59\" SUCCESSLINK=\"http://shop.example/\""));
-    std::string const data = decode(queryValue(press(page, "pay").m_Headers.at("location"), "DATA"));
+    std::string const data = percentDecoded(queryValue(press(page, "pay").m_Headers.at("location"), "DATA"));
     EXPECT_EQ(data, "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"" + m_Service->serverKeyId() + "\" ID=\"" +
                         m_Service->payments()[0].m_Id + "\" TOKEN=\"t\" RESULT=\"authorised\"/>");
 }
@@ -233,8 +233,8 @@ TEST_F(PaymentPage, LeadsBackToTheShopWhoComesTooLate) {
     EXPECT_THAT(page.m_Body, Not(HasSubstr("<button")));
     std::string const link = attributeOf(page.m_Body, "href");
     EXPECT_THAT(link, StartsWith("http://shop.example/no?DATA="));
-    EXPECT_EQ(attributeOf(decode(queryValue(link, "DATA")), "RESULT"), "expired");
-    EXPECT_TRUE(verifies(serverBlob(), decode(queryValue(link, "DATA")), queryValue(link, "SIGNATURE")));
+    EXPECT_EQ(attributeOf(percentDecoded(queryValue(link, "DATA")), "RESULT"), "expired");
+    EXPECT_TRUE(verifies(serverBlob(), percentDecoded(queryValue(link, "DATA")), queryValue(link, "SIGNATURE")));
     ASSERT_EQ(m_Service->payments().size(), 1u);
     EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kExpired);
     m_Now = 1700000000;
@@ -264,7 +264,7 @@ TEST_F(PaymentPage, AcceptsNoDecisionAfterTheExpiration) {
     EXPECT_EQ(back.m_Status, 302);
     std::string const location = back.m_Headers.at("location");
     EXPECT_THAT(location, StartsWith("http://shop.example/no?DATA="));
-    EXPECT_EQ(attributeOf(decode(queryValue(location, "DATA")), "RESULT"), "expired");
+    EXPECT_EQ(attributeOf(percentDecoded(queryValue(location, "DATA")), "RESULT"), "expired");
     EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kExpired);
     EXPECT_EQ(m_Service->payments()[0].m_History.size(), 2u);
     EXPECT_EQ(press(page, "pay").m_Headers.at("location"), location) << "a second click changes nothing";
@@ -310,7 +310,7 @@ TEST_F(PaymentPage, RefusesLinksThatAreNoHttpAddresses) {
 
 TEST_F(PaymentPage, ReportsWhyASignatureIsRefused) {
     std::string const text = m_Merchant.message("PayInit", " TOKEN=\"t\" EXPIRATION=\"20991231 23:59:59\" A=\"\xE9\"");
-    std::string const target = "/pay?DATA=" + encode(text);
+    std::string const target = "/pay?DATA=" + percentEncoded(text);
     std::string const good = m_Merchant.sign(text);
     struct Row {
         std::string m_Query;

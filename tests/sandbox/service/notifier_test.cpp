@@ -147,7 +147,7 @@ protected:
 };
 
 std::string dataOf(std::string const& request) {
-    return decode(queryValue(request.substr(0, request.find(" HTTP/")), "DATA"));
+    return percentDecoded(queryValue(request.substr(0, request.find(" HTTP/")), "DATA"));
 }
 
 std::string signatureOf(std::string const& request) {

@@ -1,37 +1,13 @@
 #include "tests/sandbox/support/sandboxfixture.h"
 
 #include <cstddef>
-#include <cstdlib>
-#include <filesystem>
-#include <stdexcept>
-#include <system_error>
-#include <thread>
+
+#include "tests/support/waiting.h"
 
 namespace sandboxtest {
 
 bool comesTrue(std::function<bool()> const& condition) {
-    constexpr std::chrono::milliseconds kBetween{2};
-    auto const end = std::chrono::steady_clock::now() + kTimeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
-        std::this_thread::sleep_for(kBetween);
-    }
-    return true;
-}
-
-TemporaryDirectory::TemporaryDirectory() {
-    std::string path = (std::filesystem::temp_directory_path() / "tallowin-sandbox-XXXXXX").string();
-    if (::mkdtemp(path.data()) == nullptr) {
-        throw std::runtime_error("no temporary directory");
-    }
-    m_Path = path;
-}
-
-TemporaryDirectory::~TemporaryDirectory() {
-    std::error_code ignored;
-    std::filesystem::remove_all(m_Path, ignored);
+    return kvxtest::waitUntil(condition, kTimeout);
 }
 
 SandboxTest::SandboxTest() {
@@ -61,7 +37,7 @@ RawResponse SandboxTest::get(std::string const& target, std::string const& user,
 }
 
 std::string SandboxTest::askAuto(std::string const& text, std::string const& user, std::string const& password) const {
-    RawResponse const response = get("/auto?DATA=" + encode(text), user, password);
+    RawResponse const response = get("/auto?DATA=" + percentEncoded(text), user, password);
     EXPECT_EQ(response.m_Status, 200);
     return response.m_Body;
 }
@@ -95,7 +71,7 @@ std::string SandboxTest::askCapture(std::string const& text) const {
 std::string SandboxTest::authorise(std::string const& token) const {
     RawResponse const back = press(openPage(m_Merchant.payInit(token)), "pay");
     EXPECT_EQ(back.m_Status, 302) << back.m_Body;
-    std::string confirm = decode(queryValue(back.m_Headers.at("location"), "DATA"));
+    std::string confirm = percentDecoded(queryValue(back.m_Headers.at("location"), "DATA"));
     std::string const serverKey = "KEYID=\"" + m_Service->serverKeyId() + "\"";
     return confirm.replace(confirm.find(serverKey), serverKey.size(), "KEYID=\"" + m_Merchant.keyId() + "\"");
 }

@@ -13,6 +13,7 @@
 #include "sandbox/service.h"
 #include "tests/sandbox/support/rawclient.h"
 #include "tests/sandbox/support/testmerchant.h"
+#include "tests/support/directories.h"
 
 namespace sandboxtest {
 
@@ -22,19 +23,7 @@ inline constexpr std::chrono::seconds kTimeout{60};
 /// Whether `condition` comes true within kTimeout.
 bool comesTrue(std::function<bool()> const& condition);
 
-/// A directory that goes with everything in it.
-class TemporaryDirectory {
-public:
-    TemporaryDirectory();
-    ~TemporaryDirectory();
-    TemporaryDirectory(TemporaryDirectory const&) = delete;
-    TemporaryDirectory& operator=(TemporaryDirectory const&) = delete;
-
-    [[nodiscard]] std::string const& path() const { return m_Path; }
-
-private:
-    std::string m_Path;
-};
+using kvxtest::TemporaryDirectory;
 
 /// A running service with an account demo:demo, and a merchant whose key is published there.
 class SandboxTest : public ::testing::Test {

@@ -4,7 +4,6 @@
 #include <openssl/rsa.h>
 
 #include <cstddef>
-#include <cstdio>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -13,25 +12,9 @@ namespace sandboxtest {
 
 namespace {
 
-using Bytes = std::vector<unsigned char>;
-
-std::string hex(Bytes const& bytes) {
-    std::string out;
-    for (unsigned char const byte : bytes) {
-        char digits[3];
-        std::snprintf(digits, sizeof digits, "%02x", byte);
-        out += digits;
-    }
-    return out;
-}
-
-Bytes unhex(std::string const& text) {
-    Bytes out;
-    for (std::size_t i = 0; i + 1 < text.size(); i += 2) {
-        out.push_back(static_cast<unsigned char>(std::stoi(text.substr(i, 2), nullptr, 16)));
-    }
-    return out;
-}
+using kvxtest::Bytes;
+using kvxtest::bytesOfHex;
+using kvxtest::hexOf;
 
 Bytes digest(std::string const& text, bool signExtended) {
     Bytes units;
@@ -47,28 +30,6 @@ Bytes digest(std::string const& text, bool signExtended) {
 }
 
 }  // namespace
-
-std::string encode(std::string const& text) {
-    std::string out;
-    for (char const c : text) {
-        bool const plain = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9');
-        out += plain ? std::string(1, c) : "%" + hex({static_cast<unsigned char>(c)});
-    }
-    return out;
-}
-
-std::string decode(std::string const& text) {
-    std::string out;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '%') {
-            out += static_cast<char>(unhex(text.substr(i + 1, 2)).at(0));
-            i += 2;
-        } else {
-            out += text[i];
-        }
-    }
-    return out;
-}
 
 std::string attributeOf(std::string const& text, std::string const& name) {
     std::string const start = " " + name + "=\"";
@@ -88,18 +49,6 @@ std::string attributeOf(std::string const& text, std::string const& name) {
     return value;
 }
 
-std::string queryValue(std::string const& url, std::string const& name) {
-    for (std::string const separator : {"?", "&"}) {
-        std::string const start = separator + name + "=";
-        std::size_t const at = url.find(start);
-        if (at != std::string::npos) {
-            std::size_t const from = at + start.size();
-            return url.substr(from, url.find_first_of("&#", from) - from);
-        }
-    }
-    return "";
-}
-
 TestMerchant::TestMerchant(std::string keyId)
     : m_KeyId(std::move(keyId)), m_Key(EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", std::size_t{512})) {
     if (!m_Key) {
@@ -110,7 +59,7 @@ TestMerchant::TestMerchant(std::string keyId)
 std::string TestMerchant::blob() const {
     unsigned char* der = nullptr;
     int const length = i2d_PublicKey(m_Key.get(), &der);
-    std::string const text = hex(Bytes(der, der + length));
+    std::string const text = hexOf(Bytes(der, der + length));
     OPENSSL_free(der);
     return text;
 }
@@ -124,11 +73,11 @@ std::string TestMerchant::sign(std::string const& text, bool signExtended) const
         EVP_PKEY_sign(context.get(), signature.data(), &length, toSign.data(), toSign.size()) != 1) {
         throw std::runtime_error("no signature");
     }
-    return hex(signature);
+    return hexOf(signature);
 }
 
 std::string TestMerchant::signedQuery(std::string const& text) const {
-    return "?DATA=" + encode(text) + "&SIGNATURE=" + sign(text);
+    return "?DATA=" + percentEncoded(text) + "&SIGNATURE=" + sign(text);
 }
 
 std::string TestMerchant::message(std::string const& type, std::string const& attributes) const {
@@ -145,11 +94,11 @@ std::string TestMerchant::payInit(std::string const& token, std::string const& m
 }
 
 bool verifies(std::string const& blob, std::string const& text, std::string const& signature) {
-    Bytes const der = unhex(blob);
+    Bytes const der = bytesOfHex(blob);
     unsigned char const* from = der.data();
     sandbox::KeyHolder const key(d2i_PublicKey(EVP_PKEY_RSA, nullptr, &from, static_cast<long>(der.size())));
     Bytes const expected = digest(text, true);
-    Bytes const bytes = unhex(signature);
+    Bytes const bytes = bytesOfHex(signature);
     sandbox::KeyContextHolder const context(EVP_PKEY_CTX_new(key.get(), nullptr));
     return EVP_PKEY_verify_init(context.get()) == 1 &&
            EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) == 1 &&

@@ -4,20 +4,18 @@
 #include <string>
 
 #include "sandbox/crypto/opensslholders.h"
+#include "tests/support/encodings.h"
 
 /// A merchant of the tests' own making: it shares no signature or encoding code with the service.
 namespace sandboxtest {
 
-/// Everything but ASCII letters and digits as "%" and two lower-case digits.
-std::string encode(std::string const& text);
-std::string decode(std::string const& text);
+using kvxtest::percentDecoded;
+using kvxtest::percentEncoded;
+using kvxtest::queryValue;
 
 /// The attribute of a message or a page's form field: what stands between `name="` and the next `"`, the five entities
 /// undone. Empty when it is not there.
 std::string attributeOf(std::string const& text, std::string const& name);
-
-/// What follows `name=` in a query, up to the next "&", not decoded.
-std::string queryValue(std::string const& url, std::string const& name);
 
 /// A key of 512 bits and what a merchant does with it.
 class TestMerchant {
