@@ -20,7 +20,7 @@ KVX_HANDLE addressOf(std::int32_t handle) noexcept {
 
 KvxHandleLock::KvxHandleLock(KvxKind kind, std::int32_t handle) noexcept : m_Object(addressOf(handle)) {
     std::lock_guard<std::mutex> const guard(g_Mutex);
-    link();
+    addToList();
     while (kvxIsLivingInSlot(kind, m_Object)) {
         if (!isLocked(m_Object, false)) {
             m_IsHeld = true;
@@ -28,7 +28,7 @@ KvxHandleLock::KvxHandleLock(KvxKind kind, std::int32_t handle) noexcept : m_Obj
         }
         ::pthread_cond_wait(&g_LockReleased, g_Mutex.native_handle());
     }
-    unlink();
+    removeFromList();
     m_Object = nullptr;
 }
 
@@ -37,11 +37,11 @@ KvxHandleLock::~KvxHandleLock() {
         return;
     }
     std::lock_guard<std::mutex> const guard(g_Mutex);
-    unlink();
+    removeFromList();
     ::pthread_cond_broadcast(&g_LockReleased);
 }
 
-void KvxHandleLock::link() noexcept {
+void KvxHandleLock::addToList() noexcept {
     m_Next = g_FirstLock;
     if (m_Next != nullptr) {
         m_Next->m_Previous = this;
@@ -49,7 +49,7 @@ void KvxHandleLock::link() noexcept {
     g_FirstLock = this;
 }
 
-void KvxHandleLock::unlink() noexcept {
+void KvxHandleLock::removeFromList() noexcept {
     (m_Previous == nullptr ? g_FirstLock : m_Previous->m_Next) = m_Next;
     if (m_Next != nullptr) {
         m_Next->m_Previous = m_Previous;

@@ -29,8 +29,8 @@ private:
     /// Whether a lock on the object is held or, with `orWaitedFor`, waited for.
     [[nodiscard]] static bool isLocked(KVX_HANDLE object, bool orWaitedFor) noexcept;
 
-    void link() noexcept;
-    void unlink() noexcept;
+    void addToList() noexcept;
+    void removeFromList() noexcept;
 
     KVX_HANDLE m_Object;
     bool m_IsHeld = false;            ///< False while the constructor waits.
