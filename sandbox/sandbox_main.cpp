@@ -28,28 +28,27 @@ struct Arguments {
 void describe(CLI::App& program, Arguments& arguments) {
     program.add_option("--data", arguments.m_Options.m_DataDirectory, "directory for database, keys and certificates")
         ->required();
-    program.add_option("--port", arguments.m_Options.m_Port, "port of plain HTTP, 0 picks a free one")
+    program.add_option("--port", arguments.m_Options.m_Port, "port for plain HTTP; 0 for any free port")
         ->capture_default_str();
-    program.add_flag("--tls", arguments.m_Options.m_Tls, "listen with TLS as well");
-    program.add_option("--tls-port", arguments.m_Options.m_TlsPort, "port of TLS, 0 picks a free one")
+    program.add_flag("--tls", arguments.m_Options.m_Tls, "also listen with TLS");
+    program.add_option("--tls-port", arguments.m_Options.m_TlsPort, "port for TLS; 0 for any free port")
         ->capture_default_str()
         ->needs("--tls");
-    program.add_flag("--proxy", arguments.m_Options.m_Proxy, "run an HTTP proxy as well, for merchants that use one");
-    program.add_option("--proxy-port", arguments.m_Options.m_ProxyPort, "port of the proxy, 0 picks a free one")
+    program.add_flag("--proxy", arguments.m_Options.m_Proxy, "also run an HTTP proxy, for merchants that use one");
+    program.add_option("--proxy-port", arguments.m_Options.m_ProxyPort, "port of the proxy; 0 for any free port")
         ->capture_default_str()
         ->needs("--proxy");
     program
         .add_option("--control-port", arguments.m_Options.m_ControlPort,
-                    "port of dashboard and control API that faults never touch, 0 picks a free one")
+                    "port of dashboard and control API, never affected by faults; 0 for any free port")
         ->capture_default_str();
-    program.add_option("--fault", arguments.m_Faults,
-                       "a fault to arm: kind,name=value,... (may be given several times)");
-    program.add_option("--account", arguments.m_Account, "the merchant's account as user:password")
+    program.add_option("--fault", arguments.m_Faults, "fault to arm: kind,name=value,... (repeatable)");
+    program.add_option("--account", arguments.m_Account, "the merchant's account, as user:password")
         ->capture_default_str()
         ->check([](std::string const& text) {
             return text.find(':', 1) == std::string::npos || text[0] == ':' ? "must have the form user:password" : "";
         });
-    program.add_flag("--json", arguments.m_Json, "tell the addresses as one line of JSON");
+    program.add_flag("--json", arguments.m_Json, "print the addresses as one line of JSON");
 }
 
 std::string readyLine(sandbox::Service const& service, Arguments const& arguments) {
@@ -102,7 +101,7 @@ void serve(Arguments const& arguments) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    CLI::App program("A payment service for trying merchants out, on 127.0.0.1 only.", "tallowin-sandbox");
+    CLI::App program("A payment service for testing merchants, on 127.0.0.1 only.", "tallowin-sandbox");
     Arguments arguments;
     describe(program, arguments);
     try {

@@ -72,10 +72,10 @@ HttpResponse handleRoute(Services const& services, HttpRequest const& request) {
         allowed += (allowed.empty() ? "" : ", ") + std::string(route.m_Method);
     }
     if (allowed.empty()) {
-        throw HttpError("there is nothing at " + request.m_Path, httpstatus::kNotFound);
+        throw HttpError("no such address: " + request.m_Path, httpstatus::kNotFound);
     }
     HttpResponse response = errorResponse(httpstatus::kMethodNotAllowed,
-                                          request.m_Path + " knows " + allowed + ", not " + request.m_Method);
+                                          request.m_Path + " allows " + allowed + ", not " + request.m_Method);
     response.m_Allow = allowed;
     return response;
 }

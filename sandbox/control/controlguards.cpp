@@ -31,7 +31,8 @@ std::string nameOf(std::string const& host) {
 void refuseForeignHost(HttpRequest const& request) {
     std::string const name = lowerCase(nameOf(request.m_Host));
     if (!request.m_Host.empty() && name != "127.0.0.1" && name != "localhost") {
-        throw HttpError("This service answers under 127.0.0.1 and localhost, not under '" + request.m_Host + "'.",
+        throw HttpError("This service accepts requests for the hosts 127.0.0.1 and localhost only, not for '" +
+                            request.m_Host + "'.",
                         httpstatus::kForbidden);
     }
 }

@@ -60,9 +60,9 @@ json parse(std::string const& body) {
     try {
         return json::parse(body);
     } catch (json::parse_error const& error) {
-        throw HttpError("the body is not JSON, as byte " + std::to_string(error.byte) + " shows");
+        throw HttpError("the body is not valid JSON: error at byte " + std::to_string(error.byte));
     } catch (json::out_of_range const&) {
-        throw HttpError("the body holds a number beyond all range");
+        throw HttpError("a number in the body is out of range");
     }
 }
 
@@ -174,7 +174,7 @@ json readObject(std::string const& body, std::vector<std::string> const& allowed
     }
     for (auto const& [name, value] : object.items()) {
         if (std::find(allowed.begin(), allowed.end(), name) == allowed.end()) {
-            throw HttpError("there is no member '" + name + "' here");
+            throw HttpError("unknown member '" + name + "'");
         }
     }
     return object;
@@ -183,7 +183,7 @@ json readObject(std::string const& body, std::vector<std::string> const& allowed
 std::string requireText(json const& object, std::string const& name) {
     auto const found = object.find(name);
     if (found == object.end() || !found->is_string()) {
-        throw HttpError("the member '" + name + "' must be there and a string");
+        throw HttpError("the member '" + name + "' is required and must be a string");
     }
     return found->get<std::string>();
 }
@@ -193,7 +193,7 @@ std::int64_t requireNumber(json const& object, std::string const& name) {
     constexpr auto kMax = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
     if (found == object.end() || !found->is_number_integer() ||
         (found->is_number_unsigned() && found->get<std::uint64_t>() > kMax)) {
-        throw HttpError("the member '" + name + "' must be there and a whole number of at most 64 bits");
+        throw HttpError("the member '" + name + "' is required and must be a whole number of at most 64 bits");
     }
     return found->get<std::int64_t>();
 }

@@ -68,7 +68,7 @@ PaymentFilter readFilter(Query const& query) {
         try {
             stateFromName(*filter.m_State);
         } catch (std::runtime_error const&) {
-            throw HttpError("no payment has the state '" + *filter.m_State + "'");
+            throw HttpError("unknown payment state '" + *filter.m_State + "'");
         }
     }
     return filter;
@@ -85,10 +85,10 @@ std::int64_t readAfter(Query const& query) {
 
 void checkAccount(std::string const& user, std::string const& password) {
     if (user.empty() || user.find(':') != std::string::npos) {
-        throw HttpError("a user must have a name, and no colon in it: the credentials end it there");
+        throw HttpError("the user name must not be empty or contain a colon, which separates it from the password");
     }
     if (user.find('\0') != std::string::npos || password.find('\0') != std::string::npos) {
-        throw HttpError("neither user nor password can hold a zero byte: merchants cannot send it");
+        throw HttpError("user and password must not contain a zero byte, which merchants cannot send");
     }
 }
 
@@ -168,8 +168,8 @@ HttpResponse setClock(Services const& services, HttpRequest const& request) {
 
 void setClockAhead(Services const& services, std::int64_t seconds) {
     if (seconds < -kMaxSecondsAhead || seconds > kMaxSecondsAhead) {
-        throw HttpError("the clock can be set ahead or back by up to " + std::to_string(kMaxSecondsAhead) +
-                        " seconds, which is ten years");
+        throw HttpError("the clock offset must be at most " + std::to_string(kMaxSecondsAhead) +
+                        " seconds in either direction (ten years)");
     }
     services.m_Clock.setAhead(seconds);
     services.m_Notifier.wake();

@@ -41,7 +41,7 @@ std::string digestOf(std::string const& text, Digested digested) {
     }
     std::string digest(kDigestBytes, '\0');
     if (EVP_Digest(text.data(), text.size(), bytesOf(digest), nullptr, EVP_sha1(), nullptr) != 1) {
-        throw std::runtime_error("OpenSSL could not make a digest");
+        throw std::runtime_error("OpenSSL could not compute a digest");
     }
     return digest;
 }
@@ -206,13 +206,13 @@ std::string quoted(std::string const& text) {
 std::string nameOf(Digested digested) {
     switch (digested) {
         case Digested::kZeroExtended:
-            return "its bytes zero-extended to two, as merchants sign";
+            return "each byte zero-extended, as merchants sign";
         case Digested::kSignExtended:
-            return "its bytes sign-extended to two, as this service signs";
+            return "each byte sign-extended, as this service signs";
         case Digested::kBytes:
             break;
     }
-    return "its bytes as they are, one each, as nobody signs here";
+    return "its bytes not extended, which no signature here uses";
 }
 
 std::string nameOf(std::string const& keyId, std::string const& account) {
@@ -232,18 +232,17 @@ bool isMessage(std::string const& text) {
 std::string faultOf(Wrapping wrapping, std::size_t contentBytes) {
     switch (wrapping) {
         case Wrapping::kDigestInfo:
-            return "The digest in SIGNATURE is wrapped in a DigestInfo, 35 bytes in all. Here the 20 bytes of the "
-                   "digest "
-                   "are signed alone.";
+            return "SIGNATURE contains a DigestInfo structure of 35 bytes. Here only the 20 bytes of the digest are "
+                   "signed.";
         case Wrapping::kOtherContent:
-            return "SIGNATURE holds " + std::to_string(contentBytes) +
-                   " bytes, where the 20 of a SHA-1 digest are right.";
+            return "SIGNATURE contains " + std::to_string(contentBytes) +
+                   " bytes instead of the 20 bytes of a SHA-1 digest.";
         case Wrapping::kEncryption:
-            return "The padding of SIGNATURE is of type 2, which is for encryption. That of a signature is of type 1.";
+            return "SIGNATURE has padding of type 2, for encryption. A signature has type 1.";
         case Wrapping::kUnpadded:
-            return "SIGNATURE holds 20 bytes without padding. Here they are padded as in PKCS #1 v1.5, type 1.";
+            return "SIGNATURE contains 20 bytes without padding. PKCS #1 v1.5 padding, type 1, is required.";
         case Wrapping::kPss:
-            return "SIGNATURE is padded with PSS. Here it is padded as in PKCS #1 v1.5, type 1.";
+            return "SIGNATURE has PSS padding. PKCS #1 v1.5 padding, type 1, is required.";
         case Wrapping::kBare:
         case Wrapping::kUnknown:
             break;
@@ -285,12 +284,11 @@ private:
         try {
             m_Out.m_Message = Message::parse(m_Out.m_Data);
         } catch (HttpError const& error) {
-            return remark(Finding::kNoMessage, std::string("DATA is no message: ") + error.what() + ".");
+            return remark(Finding::kNoMessage, std::string("DATA is not a message: ") + error.what() + ".");
         }
         m_Out.m_KeyId = m_Out.m_Message->find("KEYID").value_or("");
         if (m_Out.m_KeyId.empty()) {
-            return remark(Finding::kKeyIdMissing,
-                          "The message has no KEYID, so nobody can tell whose signature it needs.");
+            return remark(Finding::kKeyIdMissing, "The message has no KEYID, so its signing key is unknown.");
         }
         for (KnownKey const& key : m_Keys) {
             if (key.m_Id == m_Out.m_KeyId && !m_Out.m_Key) {
@@ -299,12 +297,12 @@ private:
         }
         if (!m_Out.m_Key) {
             return remark(Finding::kKeyUnknown, "KEYID " + quoted(m_Out.m_KeyId) +
-                                                    " names neither a key of this service nor one that a merchant "
-                                                    "published here.");
+                                                    " is neither a key of this service nor a key published here by a "
+                                                    "merchant.");
         }
         if (m_Out.m_Key->ofService() && !m_Out.m_Key->m_Current) {
             remark(Finding::kKeyOld, "KEYID " + quoted(m_Out.m_KeyId) +
-                                         " names an old key of this service, which signs with another one now.");
+                                         " is an old key of this service, which now signs with another one.");
         }
     }
 
@@ -321,16 +319,15 @@ private:
         }
         if (!bytes) {
             std::size_t const foreign = lower.find_first_not_of("0123456789abcdef");
-            remark(Finding::kNotHexadecimal,
-                   foreign == std::string::npos
-                       ? "SIGNATURE has " + std::to_string(lower.size()) + " hexadecimal digits, an odd number."
-                       : "SIGNATURE is not hexadecimal: its character number " + std::to_string(foreign + 1) +
-                             " is no digit.");
+            remark(Finding::kNotHexadecimal, foreign == std::string::npos
+                                                 ? "SIGNATURE has " + std::to_string(lower.size()) +
+                                                       " hexadecimal digits; the number must be even."
+                                                 : "SIGNATURE is not hexadecimal: its character number " +
+                                                       std::to_string(foreign + 1) + " is not a hexadecimal digit.");
             return std::nullopt;
         }
         if (lower != m_Out.m_Signature) {
-            remark(Finding::kUpperCase,
-                   "SIGNATURE has hexadecimal digits in upper case. Here only lower case is taken.");
+            remark(Finding::kUpperCase, "SIGNATURE has upper-case hexadecimal digits. Only lower case is accepted.");
         }
         return bytes;
     }
@@ -356,8 +353,8 @@ private:
 
     void nothingFits(std::string const& more) {
         remark(Finding::kNothingFits,
-               "SIGNATURE is one of DATA under none of the " + std::to_string(m_Keys.size()) +
-                   " keys known here, extended in either way, with any one of the common damages undone." + more);
+               "SIGNATURE does not verify DATA with any of the " + std::to_string(m_Keys.size()) +
+                   " known keys, with either extension, not even after undoing common damage to DATA." + more);
     }
 
     /// `attempt` found a digest that is not of DATA.
@@ -366,12 +363,12 @@ private:
         std::optional<SeenMessage> seen = m_Recall(key, attempt.m_Opened.m_Content);
         if (!seen) {
             std::string const count = std::to_string(kMaxRecalled);
-            return nothingFits(" Nor is it that of another message which was seen here: the newest " + count +
-                               " payments and the newest " + count + " exchanges were looked at.");
+            return nothingFits(" Nor does it belong to another message: the latest " + count +
+                               " payments and the latest " + count + " exchanges were searched.");
         }
         Digested const digested = Digests(seen->m_Text).find(attempt.m_Opened.m_Content, signedBy(key)).value();
-        remark(Finding::kOtherMessage, "SIGNATURE is that of another message, which was seen here: " + seen->m_Origin +
-                                           ". It was made under " + nameOf(key.m_Id, key.m_Account) + ".");
+        remark(Finding::kOtherMessage, "SIGNATURE belongs to another message: " + seen->m_Origin +
+                                           ". It was made with " + nameOf(key.m_Id, key.m_Account) + ".");
         m_Out.m_Original = SignedOriginal{std::move(*seen), {}};
         compareWith(*m_Out.m_Original);
         explainFaults({key.m_Id, key.m_Account, digested, attempt.m_Opened.m_Wrapping, attempt.m_ZerosLost, ""},
@@ -382,27 +379,27 @@ private:
         std::string const& text = original.m_Seen.m_Text;
         if (!m_Out.m_Message || !isMessage(text)) {
             return remark(Finding::kOtherMessage,
-                          "What differs cannot be told by attributes, because not both of them can be read.");
+                          "The attributes cannot be compared, because one of the two messages cannot be read.");
         }
         original.m_Differences = differences(Message::parse(text).attributes(), m_Out.m_Message->attributes());
         if (original.m_Differences.empty()) {
-            return remark(Finding::kOtherMessage, "No attribute of it was changed, added or lost: " +
+            return remark(Finding::kOtherMessage, "No attribute was changed, added or removed: " +
                                                       differenceInWriting(text, m_Out.m_Data) + ".");
         }
         std::string names;
         for (Difference const& difference : original.m_Differences) {
             names += (names.empty() ? "" : ", ") + difference.m_Name;
         }
-        remark(Finding::kOtherMessage, "DATA differs from it in: " + names + ".");
+        remark(Finding::kOtherMessage, "DATA differs from that message in: " + names + ".");
     }
 
     void compareUnderNamedKey(std::string const& signature, std::vector<Attempt> const& attempts) {
         KnownKey const& key = *m_Out.m_Key;
         std::size_t const size = sizeOf(key);
         if (signature.size() != size) {
-            remark(Finding::kWrongLength, "SIGNATURE has " + std::to_string(signature.size()) + " bytes, but the key " +
-                                              quoted(key.m_Id) + " of " + std::to_string(key.bits()) +
-                                              " bits makes signatures of " + std::to_string(size) + ".");
+            remark(Finding::kWrongLength, "SIGNATURE has " + std::to_string(signature.size()) +
+                                              " bytes, but signatures of the key " + quoted(key.m_Id) + " of " +
+                                              std::to_string(key.bits()) + " bits have " + std::to_string(size) + ".");
         }
         for (Attempt const& attempt : attempts) {
             if (attempt.m_Key.m_Key == key.m_Key) {
@@ -418,13 +415,14 @@ private:
         if (!fault.empty()) {
             remark(Finding::kWrongWrapping, fault);
         } else if (opened.m_Wrapping == Wrapping::kUnknown && !isMatch(attempt.m_Key)) {
-            remark(Finding::kUnreadable, "Under the key " + quoted(attempt.m_Key.m_Id) +
-                                             " SIGNATURE holds nothing: another key made it, or it was changed.");
+            remark(Finding::kUnreadable,
+                   "The key " + quoted(attempt.m_Key.m_Id) +
+                       " cannot read SIGNATURE: it was made with another key, or it was changed.");
         }
         bool const holdsDigest = opened.m_Content.size() == kDigestBytes;
         if (holdsDigest && opened.m_Content != digestOf(m_Out.m_Data, signedBy(attempt.m_Key))) {
             remark(Finding::kOtherDigest,
-                   "The digest in SIGNATURE is another than that of DATA, " + nameOf(signedBy(attempt.m_Key)) + ".");
+                   "The digest in SIGNATURE is not the digest of DATA, " + nameOf(signedBy(attempt.m_Key)) + ".");
         }
     }
 
@@ -452,35 +450,35 @@ private:
     }
 
     void explain(Match const& match) {
-        std::string const under = "under " + nameOf(match.m_KeyId, match.m_Account);
+        std::string const under = "with " + nameOf(match.m_KeyId, match.m_Account);
         if (!match.m_Repair.empty()) {
-            remark(Finding::kDamaged, "It verifies " + under + " once " + match.m_Repair + ".");
+            remark(Finding::kDamaged, "SIGNATURE verifies " + under + " after this change: " + match.m_Repair + ".");
         }
         explainFaults(match, "DATA");
         bool const harmless = m_Out.m_Remarks.empty() || (m_Out.m_Remarks.size() == 1 && has(Finding::kKeyOld));
         if (harmless) {
             m_Out.m_Right = true;
-            remark(Finding::kRight, "SIGNATURE is one of DATA " + under + ", with " + nameOf(match.m_Digested) + ".");
+            remark(Finding::kRight, "SIGNATURE verifies DATA " + under + ", " + nameOf(match.m_Digested) + ".");
         }
     }
 
     /// Tells what is wrong with a signature of `what`.
     void explainFaults(Match const& match, std::string const& what) {
         if (!isNamed(match.m_KeyId, match.m_Account) && !m_Out.m_KeyId.empty()) {
-            remark(Finding::kWrongKey, "It verifies under " + nameOf(match.m_KeyId, match.m_Account) +
-                                           ", not under the one that KEYID names.");
+            remark(Finding::kWrongKey, "SIGNATURE verifies with " + nameOf(match.m_KeyId, match.m_Account) +
+                                           ", not with the key in KEYID.");
         }
         if (match.m_ZerosLost) {
-            remark(Finding::kWrongLength, "It verifies once the zero bytes missing before SIGNATURE are put back.");
+            remark(Finding::kWrongLength, "SIGNATURE lacks leading zero bytes, and verifies when they are restored.");
         }
         if (match.m_Wrapping != Wrapping::kBare && !has(Finding::kWrongWrapping)) {
             remark(Finding::kWrongWrapping, faultOf(match.m_Wrapping, kDigestBytes));
         }
         Digested const expected = match.m_Account.empty() ? Digested::kSignExtended : Digested::kZeroExtended;
         if (match.m_Digested != expected) {
-            remark(Finding::kWrongWidening, "What was signed is " + what + " with " + nameOf(match.m_Digested) +
-                                                ". Of " + keyOwner(match.m_Account) + " it must be " + what + " with " +
-                                                nameOf(expected) + ".");
+            remark(Finding::kWrongWidening, "The signature is over " + what + ", " + nameOf(match.m_Digested) +
+                                                ". A signature of " + keyOwner(match.m_Account) + " must be over " +
+                                                what + ", " + nameOf(expected) + ".");
         }
     }
 

@@ -66,19 +66,18 @@ std::optional<SeenMessage> recallSeen(Services const& services, KnownKey const& 
     for (StoredPayment const& stored : services.m_Store.latestPayments(kMaxRecalled, kMaxRecalledBytes)) {
         std::string const page = "/payment?id=" + stored.m_Payment.m_Id;
         if (hasDigest(stored.m_Message, digest)) {
-            return SeenMessage{stored.m_Message, "the PayInit of the payment " + stored.m_Payment.m_Id, page};
+            return SeenMessage{stored.m_Message, "the PayInit of payment " + stored.m_Payment.m_Id, page};
         }
         std::optional<std::string> confirmation =
             key.ofService() ? findConfirmation(key.m_Id, stored.m_Payment, digest) : std::nullopt;
         if (confirmation) {
-            return SeenMessage{std::move(*confirmation), "a confirmation of the payment " + stored.m_Payment.m_Id,
-                               page};
+            return SeenMessage{std::move(*confirmation), "a confirmation of payment " + stored.m_Payment.m_Id, page};
         }
     }
     for (auto const& [number, data] : services.m_Store.latestData(kMaxRecalled, kMaxRecalledBytes)) {
         if (hasDigest(data, digest)) {
             std::string const text = std::to_string(number);
-            return SeenMessage{data, "the DATA of the exchange " + text, "/exchange?number=" + text};
+            return SeenMessage{data, "DATA of exchange " + text, "/exchange?number=" + text};
         }
     }
     return std::nullopt;
@@ -102,12 +101,12 @@ std::vector<Difference> differences(Attributes const& inSigned, Attributes const
 
 std::string differenceInWriting(std::string const& inSigned, std::string const& inData) {
     if (Message::parse(inSigned).attributes() != Message::parse(inData).attributes()) {
-        return "the attributes stand in another order";
+        return "the attributes are in a different order";
     }
     if (withoutBlanksBetween(inSigned) == withoutBlanksBetween(inData)) {
-        return "only the white space around the attributes differs";
+        return "only white space between the attributes differs";
     }
-    return "only the way of writing differs, as in the escapes, the quotation marks or the end of the element";
+    return "only the notation differs, such as escapes, quotation marks or the end tag";
 }
 
 }  // namespace sandbox

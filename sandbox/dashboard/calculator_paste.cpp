@@ -40,7 +40,7 @@ Query queryOf(std::string const& text, std::size_t data) {
 
 std::string bothSignatures(std::string const& inAddress, std::string const& beside) {
     if (!inAddress.empty() && !beside.empty() && inAddress != beside) {
-        throw HttpError("SIGNATURE stands in the address and beside it, and the two differ: leave one of them out");
+        throw HttpError("the URL contains another SIGNATURE than the field: leave one of them out");
     }
     return inAddress.empty() ? beside : inAddress;
 }

@@ -175,22 +175,22 @@ struct RepairRow {
 
 // clang-format off
 constexpr RepairRow kRepairs[] = {
-    {withoutEnd,             "the blanks and line ends behind it are cut"},
-    {withoutEnds,            "the blanks and line ends around it are cut"},
-    {withLineFeed,           "a line feed is put behind it"},
-    {withLineEnd,            "a carriage return and a line feed are put behind it"},
-    {lineFeedsOnly,          "its line ends become line feeds alone"},
-    {fullLineEnds,           "its line ends become carriage returns with line feeds"},
-    {returnsToLineFeeds,     "its carriage returns become line feeds"},
-    {plusToBlank,            "each + in it is taken for a blank"},
-    {blankToPlus,            "each blank in its values is taken for a +"},
-    {decodeAgain,            "its percent-encoding is undone once more: it was encoded twice"},
-    {encodeAgain,            "its values are percent-encoded again, in lower case: it was decoded twice"},
-    {encodeAgainInUpperCase, "its values are percent-encoded again, in upper case: it was decoded twice"},
-    {unescapeHtml,           "its HTML escapes are undone"},
-    {escapeAmpersands,       "its bare ampersands become &amp;"},
-    {latin1ToUtf8,           "it is recoded from Latin-1 to UTF-8"},
-    {utf8ToLatin1,           "it is recoded from UTF-8 to Latin-1"},
+    {withoutEnd,             "white space at the end removed"},
+    {withoutEnds,            "white space at both ends removed"},
+    {withLineFeed,           "a line feed appended"},
+    {withLineEnd,            "CR LF appended"},
+    {lineFeedsOnly,          "line ends changed to LF"},
+    {fullLineEnds,           "line ends changed to CR LF"},
+    {returnsToLineFeeds,     "CR changed to LF"},
+    {plusToBlank,            "each + changed to a space"},
+    {blankToPlus,            "each space in values changed to +"},
+    {decodeAgain,            "percent-decoded once more (it was encoded twice)"},
+    {encodeAgain,            "values percent-encoded again in lower case (it was decoded twice)"},
+    {encodeAgainInUpperCase, "values percent-encoded again in upper case (it was decoded twice)"},
+    {unescapeHtml,           "HTML escapes decoded"},
+    {escapeAmpersands,       "unescaped & changed to &amp;"},
+    {latin1ToUtf8,           "converted from Latin-1 to UTF-8"},
+    {utf8ToLatin1,           "converted from UTF-8 to Latin-1"},
 };
 // clang-format on
 

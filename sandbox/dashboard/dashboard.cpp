@@ -47,8 +47,8 @@ HttpResponse handleForm(Services const& services, HttpRequest const& request, Ro
     Query const form = formFields(request);
     if (!equalSecrets(form.value("key").value_or(""), services.m_FormKey)) {
         throw HttpError(
-            "The form did not come from a page of this service, or the service was started anew since. "
-            "Open the page again and send its form.",
+            "The form did not come from a page of this service, or the service has been restarted since. "
+            "Load the page again and submit its form.",
             httpstatus::kForbidden);
     }
     return route.m_Handler(services, form);
@@ -63,7 +63,7 @@ HttpResponse handleRoute(Services const& services, HttpRequest const& request, R
 }
 
 HttpResponse errorResponse(int status, std::string const& reason) {
-    return dashboardPage(status, "", "This cannot be shown", problemNotice(reason));
+    return dashboardPage(status, "", "The page cannot be shown", problemNotice(reason));
 }
 
 }  // namespace
@@ -87,7 +87,7 @@ std::optional<HttpResponse> handleDashboard(Services const& services, HttpReques
         return std::nullopt;
     }
     HttpResponse response = errorResponse(httpstatus::kMethodNotAllowed,
-                                          request.m_Path + " knows " + allowed + ", not " + request.m_Method);
+                                          request.m_Path + " allows " + allowed + ", not " + request.m_Method);
     response.m_Allow = allowed;
     return response;
 }

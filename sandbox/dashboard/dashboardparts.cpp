@@ -46,7 +46,7 @@ HttpResponse dashboardPage(int status, std::string const& path, std::string cons
 }
 
 HttpResponse seeOther(std::string const& path) {
-    return {httpstatus::kSeeOther, "text/plain; charset=utf-8", "Done, see " + path + ".\n", path};
+    return {httpstatus::kSeeOther, "text/plain; charset=utf-8", "Done. See " + path + ".\n", path};
 }
 
 std::string link(std::string const& address, std::string const& text) {
@@ -106,7 +106,7 @@ std::string exchangeTable(std::string const& caption, std::vector<Exchange> cons
                         verdictCell(exchange.m_Verdict), escapeHtml(exchange.m_Fault),
                         whole(millisecondsText(exchange.m_Microseconds))});
     }
-    return wideTable(caption, {"Number", "Time", "Kind", "Order", "Verdict", "Fault", "Duration"}, rows);
+    return wideTable(caption, {"Number", "Time", "Kind", "Order", "Result", "Fault", "Duration"}, rows);
 }
 
 std::string joined(std::vector<std::string> const& names) {

@@ -28,12 +28,12 @@ std::string fieldText(std::string const& data) {
 std::string formContent(Services const& services, std::string const& data, std::string const& signature,
                         std::string const& problem) {
     std::string const fields =
-        "<label class=\"full\">DATA: the message, percent-encoded or not, or a whole address\n"
+        "<label class=\"full\">DATA: the message, plain or percent-encoded, or a complete URL\n"
         "<textarea name=\"DATA\" rows=\"6\">\n" +
         escapeHtml(data) + "</textarea></label>\n" +
-        "<label class=\"full\">SIGNATURE (not needed when the address holds it)\n"
+        "<label class=\"full\">SIGNATURE (leave empty when the URL contains it)\n"
         "<textarea name=\"SIGNATURE\" rows=\"3\">\n" +
-        escapeHtml(signature) + "</textarea></label>\n" + button("Calculate");
+        escapeHtml(signature) + "</textarea></label>\n" + button("Check");
     return dashboardForm(services, kPath, fields, problem);
 }
 
@@ -42,15 +42,15 @@ std::string remarksContent(Calculation const& result) {
     for (Remark const& remark : result.m_Remarks) {
         items += "<li>" + escapeHtml(remark.m_Text) + "</li>\n";
     }
-    std::string const verdict = result.m_Right ? "The signature is right." : "The signature is not right.";
+    std::string const verdict = result.m_Right ? "The signature is valid." : "The signature is not valid.";
     return "<p><strong>" + verdict + "</strong></p>\n<ul>\n" + items + "</ul>\n";
 }
 
 std::string keyText(Calculation const& result) {
     if (!result.m_Key) {
-        return result.m_KeyId.empty() ? "none can be read" : result.m_KeyId + ", which nobody has";
+        return result.m_KeyId.empty() ? "no KEYID can be read" : result.m_KeyId + " (unknown key)";
     }
-    std::string const use = !result.m_Key->ofService() ? "" : result.m_Key->m_Current ? ", signs now" : ", old";
+    std::string const use = !result.m_Key->ofService() ? "" : result.m_Key->m_Current ? ", signing" : ", old";
     return result.m_KeyId + " of " + keyOwner(result.m_Key->m_Account) + use + ", " +
            std::to_string(result.m_Key->bits()) + " bits";
 }
@@ -61,12 +61,12 @@ std::string codeEntry(std::string const& name, std::string const& text, std::str
 
 std::string comparisonContent(Calculation const& result) {
     return paragraph(
-               "A merchant signs the SHA-1 digest of DATA with each byte zero-extended to two, this service with "
-               "each byte sign-extended.") +
-           "<dl>\n" + entry("KEYID names", escapeHtml(keyText(result))) +
-           codeEntry("Zero-extended", result.m_ZeroDigest, "none") +
-           codeEntry("Sign-extended", result.m_SignDigest, "none") +
-           codeEntry("In SIGNATURE", result.m_HeldDigest, "none that can be read") + "</dl>\n";
+               "What is signed is the SHA-1 digest of DATA with each byte extended to two: zero-extended by "
+               "merchants, sign-extended by this service.") +
+           "<dl>\n" + entry("Key in KEYID", escapeHtml(keyText(result))) +
+           codeEntry("DATA, zero-extended", result.m_ZeroDigest, "none") +
+           codeEntry("DATA, sign-extended", result.m_SignDigest, "none") +
+           codeEntry("In SIGNATURE", result.m_HeldDigest, "no digest can be read") + "</dl>\n";
 }
 
 char const* nameOf(Digested digested) {
@@ -83,18 +83,18 @@ char const* nameOf(Digested digested) {
 
 std::string matchesContent(Calculation const& result) {
     if (result.m_Matches.empty()) {
-        return paragraph("None was found.");
+        return paragraph("No known key verifies SIGNATURE, not even after undoing common damage to DATA.");
     }
     std::vector<Cells> rows;
     for (Match const& match : result.m_Matches) {
         rows.push_back({escapeHtml(match.m_KeyId), escapeHtml(keyOwner(match.m_Account)), nameOf(match.m_Digested),
-                        escapeHtml(match.m_Repair.empty() ? "as it is" : "once " + match.m_Repair)});
+                        escapeHtml(match.m_Repair.empty() ? "unchanged" : "after this change: " + match.m_Repair)});
     }
-    return wideTable("Where SIGNATURE verifies", {"Key", "Owner", "Bytes", "DATA"}, rows);
+    return wideTable("Keys that verify SIGNATURE", {"Key", "Owner", "Bytes", "DATA"}, rows);
 }
 
 std::string valueCell(std::optional<std::string> const& value) {
-    return value ? escapeHtml(*value) : "<em>not there</em>";
+    return value ? escapeHtml(*value) : "<em>missing</em>";
 }
 
 std::string originalContent(SignedOriginal const& original) {
@@ -103,17 +103,17 @@ std::string originalContent(SignedOriginal const& original) {
         rows.push_back(
             {escapeHtml(difference.m_Name), valueCell(difference.m_InSigned), valueCell(difference.m_InData)});
     }
-    return "<p>It was seen here: " + link(original.m_Seen.m_Page, original.m_Seen.m_Origin) + ".</p>\n" +
-           (rows.empty() ? "" : wideTable("What differs", {"Attribute", "In what was signed", "In DATA"}, rows)) +
+    return "<p>Source: " + link(original.m_Seen.m_Page, original.m_Seen.m_Origin) + ".</p>\n" +
+           (rows.empty() ? "" : wideTable("Differences", {"Attribute", "Signed", "In DATA"}, rows)) +
            attributesContent(original.m_Seen.m_Text) + verbatim(original.m_Seen.m_Text);
 }
 
 std::string resultContent(Calculation const& result) {
     std::string const data = result.m_Data.empty() ? "" : attributesContent(result.m_Data) + verbatim(result.m_Data);
-    return section("verdict", "What is right, what differs", remarksContent(result)) +
-           (result.m_Original ? section("original", "What was signed", originalContent(*result.m_Original)) : "") +
-           section("comparison", "What was compared", comparisonContent(result)) +
-           section("matches", "Ways in which it verifies", matchesContent(result)) +
+    return section("verdict", "Result", remarksContent(result)) +
+           (result.m_Original ? section("original", "Signed message", originalContent(*result.m_Original)) : "") +
+           section("comparison", "Digests", comparisonContent(result)) +
+           section("matches", "Matching keys", matchesContent(result)) +
            (data.empty() ? "" : section("message", "DATA, decoded", data));
 }
 

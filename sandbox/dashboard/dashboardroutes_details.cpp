@@ -43,7 +43,7 @@ std::string historyContent(Payment const& payment) {
     for (HistoryEntry const& step : payment.m_History) {
         rows.push_back({whole(step.m_Time), whole(stateName(step.m_State)), escapeHtml(step.m_Note)});
     }
-    return wideTable("History, oldest first", {"Time", "State", "How"}, rows);
+    return wideTable("History, oldest first", {"Time", "State", "Cause"}, rows);
 }
 
 std::string notificationsContent(Services const& services, Payment const& payment) {
@@ -51,16 +51,17 @@ std::string notificationsContent(Services const& services, Payment const& paymen
     for (Notification const& notification : services.m_Store.notifications()) {
         if (notification.m_Payment == payment.m_Id) {
             rows.push_back({escapeHtml(notification.m_Result), escapeHtml(notification.m_Address),
-                            whole(notification.m_Pending ? "to be sent" : "done"),
+                            whole(notification.m_Pending ? "pending" : "finished"),
                             std::to_string(notification.m_Attempts), whole(notification.m_Time),
                             escapeHtml(notification.m_Outcome)});
         }
     }
     if (rows.empty()) {
-        return paragraph("There are none: the merchant gave no NOTIFYADDRESS, or nothing is decided yet.");
+        return paragraph(
+            "There are no notifications: the merchant gave no NOTIFYADDRESS, or the payment is not decided yet.");
     }
     return wideTable("Notifications, oldest first",
-                     {"Result", "Address", "State", "Attempts", "Last attempt", "Outcome"}, rows);
+                     {"RESULT sent", "Address", "State", "Attempts", "Last attempt", "Outcome"}, rows);
 }
 
 /// Exchanges name their payment in different ways, some by its order only, which others can share.
@@ -89,9 +90,9 @@ std::string exchangesContent(Services const& services, Payment const& payment) {
         }
     }
     if (found.empty()) {
-        return paragraph("None is kept.");
+        return paragraph("No exchanges are stored.");
     }
-    return exchangeTable("Exchanges about this payment, oldest first", found);
+    return exchangeTable("Exchanges of this payment, oldest first", found);
 }
 
 /// Links to the exchanges before and after, as far as they are there.
@@ -111,42 +112,42 @@ std::string exchangeLinks(Services const& services, Exchange const& exchange) {
         links += "<li>" +
                  link("/calculator?DATA=" + percentEncode(exchange.m_Data) +
                           "&SIGNATURE=" + percentEncode(exchange.m_Signature),
-                      "Take DATA and SIGNATURE to the calculator") +
+                      "Check DATA and SIGNATURE in the calculator") +
                  "</li>\n";
     }
     return links.empty() ? "" : "<ul>\n" + links + "</ul>\n";
 }
 
 std::string exchangeData(Exchange const& exchange) {
-    return "<dl>\n" + entry("Verdict", "<strong>" + escapeHtml(exchange.m_Verdict) + "</strong>") +
+    return "<dl>\n" + entry("Result", "<strong>" + escapeHtml(exchange.m_Verdict) + "</strong>") +
            entry("Fault", escapeHtml(exchange.m_Fault.empty() ? "none" : exchange.m_Fault)) +
            entry("Kind", exchangeName(exchange.m_Kind)) + entry("Path", escapeHtml(exchange.m_Path)) +
-           entry("Order", escapeHtml(exchange.m_Order.empty() ? "not known" : exchange.m_Order)) +
+           entry("Order", escapeHtml(exchange.m_Order.empty() ? "unknown" : exchange.m_Order)) +
            entry("Time", exchange.m_Time) + entry("Duration", millisecondsText(exchange.m_Microseconds)) +
-           (exchange.m_Delivery.empty() ? "" : entry("What was sent", escapeHtml(exchange.m_Delivery))) + "</dl>\n";
+           (exchange.m_Delivery.empty() ? "" : entry("Delivery", escapeHtml(exchange.m_Delivery))) + "</dl>\n";
 }
 
 std::string stepsContent(Exchange const& exchange) {
     if (exchange.m_Kind == ExchangeKind::kNotification) {
         return paragraph(
-            "A notification has no steps, because this service makes the request itself. The verdict tells what the "
-            "merchant answered, or that nothing was sent.");
+            "A notification has no checks, because this service sends the request. Its result is the merchant's "
+            "response, or says that nothing was sent.");
     }
     if (exchange.m_Steps.empty()) {
-        return paragraph(exchange.m_Verdict == "not looked at" ? "The request was not looked at."
-                                                               : "No steps are on record, only the verdict.");
+        return paragraph(exchange.m_Verdict == "not looked at" ? "The request was not checked."
+                                                               : "No checks are recorded, only the result.");
     }
     std::vector<Cells> rows;
     for (CheckStep const& step : exchange.m_Steps) {
         rows.push_back(
             {escapeHtml(step.m_What), escapeHtml(step.m_Found), step.m_Good ? "yes" : "<strong>no</strong>"});
     }
-    return wideTable("What was looked at, in this order", {"What", "Found", "As it should be"}, rows);
+    return wideTable("Checks, in order", {"Check", "Found", "Passed"}, rows);
 }
 
 std::string messageContent(Exchange const& exchange) {
     if (exchange.m_Data.empty()) {
-        return paragraph("The request held no DATA that could be decoded.");
+        return paragraph("The request contains no DATA that can be decoded.");
     }
     return attributesContent(exchange.m_Data) + verbatim(exchange.m_Data);
 }
@@ -155,11 +156,12 @@ std::string messageContent(Exchange const& exchange) {
 
 HttpResponse paymentDetailsPage(Services const& services, Query const& query) {
     Payment const payment = presentPayment(services, query.value("id").value_or(""));
-    return dashboardPage(httpstatus::kOk, "", "Payment " + payment.m_Id,
-                         paymentData(payment) + section("history", "History", historyContent(payment)) +
-                             section("notifications", "Notifications", notificationsContent(services, payment)) +
-                             section("attributes", "What the merchant sent", attributeTable(payment.m_Attributes)) +
-                             section("exchanges", "Exchanges", exchangesContent(services, payment)));
+    return dashboardPage(
+        httpstatus::kOk, "", "Payment " + payment.m_Id,
+        paymentData(payment) + section("history", "History", historyContent(payment)) +
+            section("notifications", "Notifications", notificationsContent(services, payment)) +
+            section("attributes", "Attributes from the merchant", attributeTable(payment.m_Attributes)) +
+            section("exchanges", "Exchanges", exchangesContent(services, payment)));
 }
 
 HttpResponse exchangeDetailsPage(Services const& services, Query const& query) {
@@ -170,14 +172,14 @@ HttpResponse exchangeDetailsPage(Services const& services, Query const& query) {
         throw HttpError("There is no exchange '" + text + "'.", httpstatus::kNotFound);
     }
     bool const fromMerchant = exchange->m_Kind != ExchangeKind::kNotification;
-    return dashboardPage(httpstatus::kOk, "", "Exchange " + std::to_string(exchange->m_Number),
-                         exchangeLinks(services, *exchange) + exchangeData(*exchange) +
-                             section("steps", "How the verdict came about", stepsContent(*exchange)) +
-                             section("message", "DATA, decoded", messageContent(*exchange)) +
-                             section("request", fromMerchant ? "The request as it came" : "The request as it was sent",
-                                     verbatim(exchange->m_Request)) +
-                             section("answer", fromMerchant ? "The answer before any fault" : "The merchant's answer",
-                                     verbatim(exchange->m_Response)));
+    return dashboardPage(
+        httpstatus::kOk, "", "Exchange " + std::to_string(exchange->m_Number),
+        exchangeLinks(services, *exchange) + exchangeData(*exchange) +
+            section("steps", "Checks", stepsContent(*exchange)) +
+            section("message", "DATA, decoded", messageContent(*exchange)) +
+            section("request", fromMerchant ? "Request received" : "Request sent", verbatim(exchange->m_Request)) +
+            section("answer", fromMerchant ? "Response, before any fault" : "Response of the merchant",
+                    verbatim(exchange->m_Response)));
 }
 
 }  // namespace sandbox

@@ -25,12 +25,12 @@ struct DetailRow {
 
 // clang-format off
 constexpr DetailRow kDetails[] = {
-    {"order",     "Order (empty: any)",                    ""},
-    {"times",     "Times (a number, or: always)",          "1"},
+    {"order",     "Order (empty for any)",                 ""},
+    {"times",     "Times (number or always)",              "1"},
     {"seconds",   "Seconds",                               ""},
-    {"bytes",     "Bytes before it",  ""},
+    {"bytes",     "Bytes sent before the fault",           ""},
     {"status",    "HTTP status",                           ""},
-    {"text",      "Text of the answer",                    ""},
+    {"text",      "Text of the response",                  ""},
     {"megabytes", "Megabytes",                             ""},
 };
 // clang-format on
@@ -59,7 +59,7 @@ std::string exchangeField(std::string const& chosen) {
     for (FaultKindRow const& row : allFaultKinds()) {
         possible |= row.m_Exchanges;
     }
-    std::vector<std::pair<std::string, std::string>> options = {{"any", "any that the kind can happen to"}};
+    std::vector<std::pair<std::string, std::string>> options = {{"any", "any exchange that supports this kind"}};
     for (ExchangeKind const kind : allExchangeKinds()) {
         if ((possible & static_cast<unsigned>(kind)) != 0) {
             options.emplace_back(exchangeName(kind), exchangeName(kind));
@@ -75,13 +75,13 @@ std::string armContent(Services const& services, Query const& form, std::string 
     for (DetailRow const& row : kDetails) {
         fields += textField(row.m_Label, row.m_Name, form.value(row.m_Name).value_or(row.m_Preset));
     }
-    return paragraph("Leave empty what is not to be given. The table below tells which kind takes what.") +
+    return paragraph("Empty fields use the default. The table below lists the parameters of each kind.") +
            dashboardForm(services, kPath, fields + button("Arm"), problem);
 }
 
 std::string timesText(ArmedFault const& armed) {
     return std::to_string(armed.m_Happened) +
-           (armed.m_Fault.m_Times == 0 ? ", until it is lifted" : " of " + std::to_string(armed.m_Fault.m_Times));
+           (armed.m_Fault.m_Times == 0 ? ", until removed" : " of " + std::to_string(armed.m_Fault.m_Times));
 }
 
 std::string armedContent(Services const& services, std::string const& problem) {
@@ -93,11 +93,11 @@ std::string armedContent(Services const& services, std::string const& problem) {
     for (ArmedFault const& armed : all) {
         std::string const id = std::to_string(armed.m_Id);
         rows.push_back({id, escapeHtml(faultText(armed.m_Fault)), whole(timesText(armed)),
-                        dashboardForm(services, "/faults/lift", hiddenField("id", id) + button("Lift fault " + id))});
+                        dashboardForm(services, "/faults/lift", hiddenField("id", id) + button("Remove fault " + id))});
     }
     return problemNotice(problem) +
-           wideTable("Armed faults, oldest first", {"Fault", "What", "Happened", "Lift"}, rows) +
-           dashboardForm(services, "/faults/lift", button("Lift all", "id", "all"));
+           wideTable("Armed faults, oldest first", {"Fault", "Description", "Occurred", "Remove"}, rows) +
+           dashboardForm(services, "/faults/lift", button("Remove all", "id", "all"));
 }
 
 std::string kindsContent() {
@@ -106,15 +106,16 @@ std::string kindsContent() {
         rows.push_back({whole(row.m_Name), escapeHtml(row.m_Meaning), joined(exchangeNames(row)),
                         whole(joined(parameterNames(row))), row.m_CarriedOut ? "yes" : "no"});
     }
-    return wideTable("Kinds of faults", {"Kind", "Meaning", "Happens to", "Takes", "Carried out"}, rows);
+    return wideTable("Kinds of faults and their parameters",
+                     {"Kind", "Effect", "Exchanges", "Parameters", "Request processed"}, rows);
 }
 
 HttpResponse page(Services const& services, int status, Query const& form, std::string const& armProblem,
                   std::string const& liftProblem) {
     return dashboardPage(status, kPath, "Faults",
-                         section("armed", "What is armed", armedContent(services, liftProblem)) +
+                         section("armed", "Armed faults", armedContent(services, liftProblem)) +
                              section("arm", "Arm a fault", armContent(services, form, armProblem)) +
-                             section("kinds", "What can go wrong", kindsContent()));
+                             section("kinds", "Kinds of faults", kindsContent()));
 }
 
 /// The fault that a form describes. Throws HttpError.
@@ -152,7 +153,7 @@ HttpResponse liftByForm(Services const& services, Query const& form) {
     }
     if (!liftNamedFault(services, id)) {
         return page(services, httpstatus::kBadRequest, Query(""), "",
-                    "No fault '" + id + "' is armed: it has happened, or was lifted.");
+                    "No fault '" + id + "' is armed: it has occurred or was removed.");
     }
     return seeOther(kPath);
 }

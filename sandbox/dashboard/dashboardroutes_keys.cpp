@@ -21,12 +21,12 @@ std::string serverKeysContent(Services const& services) {
     std::string const current = services.m_Keys.current()->m_Id;
     std::vector<Cells> rows;
     for (KeyRing::Key const& key : services.m_Keys.all()) {
-        rows.push_back({whole(key->m_Id), whole(key->m_Id == current ? "signs" : "old"),
+        rows.push_back({whole(key->m_Id), whole(key->m_Id == current ? "signing" : "old"),
                         std::to_string(EVP_PKEY_get_bits(key->m_Key.get())), publicKeyBlob(key->m_Key.get())});
     }
-    return paragraph("The newest key signs. Old ones are still told to who asks for them.") +
-           wideTable("Keys of this service, oldest first", {"Key", "Use", "Bits", "Public half"}, rows) +
-           dashboardForm(services, "/keys/rotate", button("Make a new key"));
+    return paragraph("The newest key signs confirmations. Merchants can still query the old keys.") +
+           wideTable("Keys of this service, oldest first", {"Key", "Use", "Bits", "Public key"}, rows) +
+           dashboardForm(services, "/keys/rotate", button("Create a new signing key"));
 }
 
 std::string merchantKeysContent(Services const& services) {
@@ -42,11 +42,12 @@ std::string merchantKeysContent(Services const& services) {
 }
 
 std::string clockContent(Services const& services, std::string const& filledIn, std::string const& problem) {
-    return "<dl>\n" + entry("Present", services.m_Clock.text()) +
-           entry("Seconds ahead", std::to_string(services.m_Clock.ahead())) + "</dl>\n" +
-           dashboardForm(services, "/keys/clock",
-                         textField("Seconds ahead (negative: back)", "ahead", filledIn) + button("Set the clock"),
-                         problem);
+    return "<dl>\n" + entry("Service time", services.m_Clock.text()) +
+           entry("Offset in seconds", std::to_string(services.m_Clock.ahead())) + "</dl>\n" +
+           dashboardForm(
+               services, "/keys/clock",
+               textField("Offset in seconds (negative for the past)", "ahead", filledIn) + button("Set the clock"),
+               problem);
 }
 
 HttpResponse page(Services const& services, int status, std::string const& filledIn, std::string const& problem) {
@@ -72,7 +73,7 @@ HttpResponse setClockByForm(Services const& services, Query const& form) {
     try {
         std::optional<std::int64_t> const seconds = wholeNumber(text);
         if (!seconds) {
-            throw HttpError("the seconds must be a whole number, not '" + text + "'");
+            throw HttpError("the offset must be a whole number of seconds, not '" + text + "'");
         }
         setClockAhead(services, *seconds);
     } catch (HttpError const& error) {

@@ -25,15 +25,15 @@ std::string addressEntry(std::string const& name, std::string const& base, std::
 std::string setUpContent(Services const& services) {
     Addresses const& addresses = services.m_Addresses;
     return paragraph(
-               "Set a merchant up with an address for set-up, the name of an account and its password. It fetches "
-               "all other addresses and this service's key from there, and publishes its own key.") +
-           "<dl>\n" + addressEntry("Set-up", addresses.m_Plain, "/auto") +
-           addressEntry("Set-up over TLS", addresses.m_Tls, "/auto") +
+               "A merchant is set up with a set-up address, an account and its password. From the set-up address "
+               "it loads all other addresses and this service's key, and it publishes its own key there.") +
+           "<dl>\n" + addressEntry("Set-up address", addresses.m_Plain, "/auto") +
+           addressEntry("Set-up address, TLS", addresses.m_Tls, "/auto") +
            addressEntry("HTTP proxy", addresses.m_Proxy, "") +
            addressEntry("Control API", addresses.m_Control, "/control") +
            entry("Accounts", escapeHtml(joined(services.m_Store.accounts()))) +
-           entry("Key that signs", escapeHtml(services.m_Keys.current()->m_Id)) +
-           entry("Present", escapeHtml(services.m_Clock.text())) + "</dl>\n";
+           entry("Signing key", escapeHtml(services.m_Keys.current()->m_Id)) +
+           entry("Service time", escapeHtml(services.m_Clock.text())) + "</dl>\n";
 }
 
 std::string paymentsContent(Services const& services) {
@@ -54,8 +54,8 @@ std::string paymentsContent(Services const& services) {
     }
     std::string const more = count == payments.size()
                                  ? ""
-                                 : paragraph("These are the newest " + std::to_string(payments.size()) + " of " +
-                                             std::to_string(count) + ". The control API tells all of them.");
+                                 : paragraph("These are the latest " + std::to_string(payments.size()) + " of " +
+                                             std::to_string(count) + ". The control API lists all of them.");
     return wideTable("Payments, newest first", {"Payment", "Opened", "Order", "Amount", "Merchant", "State"}, rows) +
            more;
 }
@@ -63,20 +63,23 @@ std::string paymentsContent(Services const& services) {
 std::string exchangesContent(Services const& services) {
     std::vector<Exchange> const exchanges = services.m_Store.latestExchanges(kMaxExchanges);
     if (exchanges.empty()) {
-        return paragraph("There were no exchanges yet.");
+        return paragraph("There are no exchanges yet.");
     }
-    return exchangeTable("The newest exchanges", exchanges);
+    return paragraph(
+               "An exchange is one request and its response: from a merchant or a shopper's browser, or a notification "
+               "sent to a merchant.") +
+           exchangeTable("Exchanges, newest first", exchanges);
 }
 
 }  // namespace
 
 HttpResponse overviewPage(Services const& services, Query const& query) {
     bool const live = query.value("live") == "1";
-    std::string const content =
-        "<p>" + (live ? link("/", "Stop loading this page again and again") : link("/?live=1", "Watch live")) +
-        "</p>\n" + section("payments", "Payments", paymentsContent(services)) +
-        section("exchanges", "Exchanges", exchangesContent(services)) +
-        section("set-up", "Set a merchant up", setUpContent(services));
+    std::string const content = "<p>" +
+                                (live ? link("/", "Stop refreshing") : link("/?live=1", "Refresh every two seconds")) +
+                                "</p>\n" + section("payments", "Payments", paymentsContent(services)) +
+                                section("exchanges", "Exchanges", exchangesContent(services)) +
+                                section("set-up", "Merchant set-up", setUpContent(services));
     return dashboardPage(httpstatus::kOk, "/", "Overview", content,
                          live ? "<meta http-equiv=\"refresh\" content=\"2\"/>\n" : "");
 }

@@ -41,52 +41,52 @@ constexpr std::int64_t kMaxMegabytes = 4096;
 // clang-format off
 std::vector<FaultKindRow> const kKinds = {
     {FaultKind::kRefuse,              "refuse",                kConnections | bit(ExchangeKind::kProxy), kTakesSeconds, false,
-     "connections are refused, for some seconds or until it is lifted"},
+     "connections are refused, for some seconds or until the fault is removed"},
     {FaultKind::kTlsExpired,          "tls-expired",           kConnections, 0, false,
-     "the certificate of the server has expired"},
+     "the server's certificate has expired"},
     {FaultKind::kTlsWrongHost,        "tls-wrong-host",        kConnections, 0, false,
-     "the certificate is for another host"},
+     "the server's certificate is for another host"},
     {FaultKind::kTlsUnknownAuthority, "tls-unknown-authority", kConnections, 0, false,
-     "the certificate is from an authority that nobody knows"},
+     "the server's certificate is from an unknown authority"},
     {FaultKind::kTlsAbort,            "tls-abort",             kConnections, 0, false,
-     "the connection ends in the middle of the TLS handshake"},
+     "the connection closes during the TLS handshake"},
     {FaultKind::kProxyAuthentication, "proxy-407",             bit(ExchangeKind::kProxy), 0, false,
-     "the proxy asks for credentials (status 407)"},
+     "the proxy requires credentials (status 407)"},
     {FaultKind::kHttpStatus,          "http-status",           kHttpExchanges, kTakesStatus | kTakesText, false,
-     "the answer is an HTTP status and a text for people"},
+     "the response is an HTTP status and a plain text"},
     {FaultKind::kError,               "error",                 kMessageExchanges, kTakesText, false,
-     "the answer is a message of the type Error"},
+     "the response is a message of type Error"},
     {FaultKind::kReset,               "reset",                 kHttpExchanges, 0, false,
-     "the connection is reset, without an answer"},
+     "the connection is reset without a response"},
     {FaultKind::kDrop,                "drop",                  kHttpExchanges | bit(ExchangeKind::kNotification), 0, true,
-     "the request is carried out, then the connection closes without an answer; a notification is not sent"},
+     "the request is processed, then the connection closes without a response; a notification is not sent"},
     {FaultKind::kDelay,               "delay",                 kHttpExchanges | bit(ExchangeKind::kNotification), kTakesSeconds, true,
-     "the answer comes late"},
+     "the response is delayed"},
     {FaultKind::kStallBefore,         "stall-before",          kHttpExchanges, kTakesSeconds, true,
-     "nothing comes, the connection stays open for some time and closes"},
+     "no response; the connection stays open for some time, then closes"},
     {FaultKind::kStallInside,         "stall-inside",          kHttpExchanges, kTakesSeconds | kTakesBytes, true,
-     "the answer begins, then nothing more comes, the connection stays open for some time and closes"},
+     "the response stops part way; the connection stays open for some time, then closes"},
     {FaultKind::kBytewise,            "bytewise",              kHttpExchanges, kTakesSeconds, true,
-     "the answer comes one byte at a time, with a millisecond or so many seconds between two"},
+     "the response is sent byte by byte, with pauses of a millisecond, or of the given seconds"},
     {FaultKind::kTruncate,            "truncate",              kHttpExchanges, kTakesBytes, true,
-     "the connection closes in the middle of the answer"},
+     "the connection closes part way through the response"},
     {FaultKind::kNoBlankLine,         "no-blank-line",         kHttpExchanges, 0, true,
-     "the empty line between the head and the body of the answer is missing"},
+     "the empty line between header and body of the response is missing"},
     {FaultKind::kNulBytes,            "nul-bytes",             kHttpExchanges, kTakesBytes, true,
-     "a zero byte stands in the middle of the answer"},
+     "the response contains a zero byte"},
     {FaultKind::kTwice,               "twice",                 kHttpExchanges | bit(ExchangeKind::kNotification), 0, true,
-     "the whole answer comes twice on the same connection; a notification is sent twice"},
+     "the whole response is sent twice on the same connection; a notification is sent twice"},
     {FaultKind::kHuge,                "huge",                  kHttpExchanges, kTakesMegabytes, true,
-     "the body of the answer is followed by blanks up to a size of 1 GB"},
+     "the body of the response is padded with spaces to 1 GB, or to the given megabytes"},
     {FaultKind::kWrongType,           "wrong-type",            kMessageExchanges | kConfirmations, 0, true,
-     "the MSGTYPE of the message is another than expected"},
+     "the message has an unexpected MSGTYPE"},
     {FaultKind::kWrongSignature,      "wrong-signature",       kConfirmations, 0, true,
-     "one bit of the signature of the confirmation is wrong"},
+     "one bit of the confirmation's signature is wrong"},
     {FaultKind::kWrongKey,            "wrong-key",             kConfirmations | bit(ExchangeKind::kKeyQuery), 0, true,
-     "the confirmation is signed with another key than it names; a key query is answered with another key"},
+     "the confirmation is signed with another key than its KEYID; a key query returns another key"},
     {FaultKind::kStaleKey,            "stale-key",
      kConfirmations | bit(ExchangeKind::kSetup) | bit(ExchangeKind::kKeyQuery), 0, true,
-     "an old identifier of the server's key is named, as after a rotation"},
+     "an old key id of the service is used, as after a key rotation"},
 };
 // clang-format on
 
@@ -153,7 +153,7 @@ void readField(Fault& fault, std::string const& name, std::string const& value) 
     if (name == "exchange") {
         fault.m_Exchange = exchangeFromName(value);
         if (!fault.m_Exchange && value != "any") {
-            throw HttpError("there is no exchange '" + value + "'");
+            throw HttpError("unknown exchange '" + value + "'");
         }
     } else if (name == "order") {
         fault.m_Order = value;
@@ -173,7 +173,7 @@ void readField(Fault& fault, std::string const& name, std::string const& value) 
     } else if (name == "megabytes") {
         fault.m_Megabytes = readNumber(name, value);
     } else {
-        throw HttpError("a fault has no '" + name + "'");
+        throw HttpError("unknown parameter '" + name + "'");
     }
 }
 
@@ -234,8 +234,8 @@ std::int64_t megabytesOf(Fault const& fault) {
 void checkFault(Fault const& fault) {
     FaultKindRow const& row = faultRow(fault.m_Kind);
     if (fault.m_Exchange && (row.m_Exchanges & bit(*fault.m_Exchange)) == 0) {
-        throw HttpError(std::string(row.m_Name) + " cannot happen to the exchange '" + exchangeName(*fault.m_Exchange) +
-                        "', only to: " + exchangesOf(row));
+        throw HttpError(std::string(row.m_Name) + " does not apply to the exchange '" +
+                        exchangeName(*fault.m_Exchange) + "', only to: " + exchangesOf(row));
     }
     for (ParameterRow const& parameter : kParameters) {
         if (isGiven(fault, parameter.m_Parameter) && (row.m_Parameters & parameter.m_Parameter) == 0) {
@@ -252,13 +252,14 @@ void checkFault(Fault const& fault) {
     checkRange(megabytes > 0 && megabytes <= kMaxMegabytes, "megabytes", "between 1 and 4096");
     bool const before = row.m_Kind == FaultKind::kRefuse || row.m_Exchanges == kConnections;
     if (before && !fault.m_Order.empty()) {
-        throw HttpError(std::string(row.m_Name) + " happens before the request is read, so it cannot be for one order");
+        throw HttpError(std::string(row.m_Name) +
+                        " occurs before the request is read, so it cannot be limited to one order");
     }
     if (fault.m_Exchange && !fault.m_Order.empty() && (kWithOrder & bit(*fault.m_Exchange)) == 0) {
-        throw HttpError(std::string("the exchange '") + exchangeName(*fault.m_Exchange) + "' is about no order");
+        throw HttpError(std::string("the exchange '") + exchangeName(*fault.m_Exchange) + "' has no order");
     }
     if (row.m_Kind == FaultKind::kRefuse && fault.m_Times > 1) {
-        throw HttpError("refused connections cannot be counted: give seconds, or lift it");
+        throw HttpError("refused connections cannot be counted: use seconds, or remove the fault");
     }
 }
 
@@ -285,7 +286,7 @@ std::vector<std::string> parameterNames(FaultKindRow const& row) {
 Fault makeFault(std::string const& kind, FaultFields const& fields) {
     std::optional<FaultKind> const named = faultFromName(kind);
     if (!named) {
-        throw HttpError("there is no fault '" + kind + "'");
+        throw HttpError("unknown fault '" + kind + "'");
     }
     Fault fault;
     fault.m_Kind = *named;
@@ -306,7 +307,7 @@ Fault parseFault(std::string const& text) {
         std::string const field = text.substr(from + 1, to == std::string::npos ? to : to - from - 1);
         std::size_t const equals = field.find('=');
         if (equals == std::string::npos) {
-            throw HttpError("a fault's details have the form name=value, not '" + field + "'");
+            throw HttpError("fault parameters have the form name=value, not '" + field + "'");
         }
         fields.emplace_back(field.substr(0, equals), field.substr(equals + 1));
         from = to;

@@ -19,18 +19,18 @@ struct Advice {
 
 // clang-format off
 constexpr Advice kAdvice[] = {
-    {httpstatus::kForbidden, "Open the payment page again from the shop and use the buttons on it."},
+    {httpstatus::kForbidden, "Open the payment page again from the shop and use its buttons."},
     {httpstatus::kNotFound, "Check that the address or the form belongs to this service, and open the payment page again from the shop."},
-    {httpstatus::kConflict, "Look up the state of the payment before sending anything more for it: it stays as it is."},
+    {httpstatus::kConflict, "Query the state of the payment before sending anything else for it. This request has not changed it."},
 };
 // clang-format on
 
 constexpr char kAdviceWithMessage[] =
-    "Compare the reason with the message below, correct what it names, then make a new message, sign it, and send the "
+    "Compare the reason with the message below and correct the error. Then create and sign a new message, and send the "
     "shopper here again.";
 constexpr char kAdviceWithoutMessage[] =
-    "Compare the reason with the address or the form that was sent, which held no message to show here, then start "
-    "from the shop again.";
+    "Compare the reason with the address or the form that was sent; it contains no message to show here. Then start "
+    "again from the shop.";
 
 char const* adviceFor(int status, bool hasMessage) {
     for (Advice const& advice : kAdvice) {
@@ -54,16 +54,16 @@ std::string signatureSection(std::string const& signature) {
 std::string signedSections(Query const& query) {
     std::optional<std::string> const data = query.value("DATA");
     std::optional<std::string> const signature = query.value("SIGNATURE");
-    return (data ? messageSections(*data) : paragraph("There is no DATA in the address.")) +
-           (signature ? signatureSection(*signature) : paragraph("There is no SIGNATURE in the address."));
+    return (data ? messageSections(*data) : paragraph("The address contains no DATA.")) +
+           (signature ? signatureSection(*signature) : paragraph("The address contains no SIGNATURE."));
 }
 
 }  // namespace
 
 HttpResponse errorPage(int status, std::string const& reason, Exchange const& exchange) {
     bool const hasMessage = !exchange.m_Data.empty();
-    return htmlPage(status, "The request was turned down",
-                    section("reason", "Why", paragraph(reason)) +
+    return htmlPage(status, "Request rejected",
+                    section("reason", "Reason", paragraph(reason)) +
                         section("advice", "What the merchant can do", paragraph(adviceFor(status, hasMessage))) +
                         (hasMessage ? messageSections(exchange.m_Data) : "") +
                         (exchange.m_Signature.empty() ? "" : signatureSection(exchange.m_Signature)));
@@ -73,22 +73,23 @@ HttpResponse decidedPage(int status, StoredPayment const& stored, std::string co
                          std::string const& address) {
     bool const tooLate = stored.m_Payment.m_State == PaymentState::kExpired;
     std::string const link = "<p><a href=\"" + escapeHtml(address) + "\">Back to the shop</a></p>\n";
-    return htmlPage(status, tooLate ? "The payment has expired" : "The payment is decided already",
-                    (address.empty() ? "" : link) + section("reason", "Why it cannot be decided", paragraph(reason)) +
+    return htmlPage(status, tooLate ? "The payment has expired" : "The payment is already decided",
+                    (address.empty() ? "" : link) + section("reason", "Reason", paragraph(reason)) +
                         messageSections(stored.m_Message));
 }
 
 HttpResponse outcomePage(Payment const& payment, std::string const& signedQuery) {
-    return htmlPage(httpstatus::kOk, "The payment is " + std::string(stateName(payment.m_State)),
-                    paragraph("The merchant gave no link to return to. This is what such a link would have carried.") +
-                        signedSections(Query(signedQuery)) + section("query", "As a query", verbatim(signedQuery)));
+    return htmlPage(
+        httpstatus::kOk, "The payment is " + std::string(stateName(payment.m_State)),
+        paragraph("The merchant gave no return link. Such a link would have contained the following confirmation.") +
+            signedSections(Query(signedQuery)) + section("query", "Query string", verbatim(signedQuery)));
 }
 
 HttpResponse returnedPage(HttpRequest const& request) {
     try {
         return htmlPage(httpstatus::kOk, "Back at the shop",
-                        paragraph("The shop would go on here: it verifies this message and looks at its RESULT. "
-                                  "Nothing has been verified by this page.") +
+                        paragraph("A shop would verify this message here and check its RESULT. "
+                                  "This page verifies nothing.") +
                             signedSections(request.m_Query));
     } catch (HttpError const& error) {
         return errorPage(error.status(), error.what(), {});
@@ -110,7 +111,7 @@ std::string attributesContent(std::string const& text) {
     try {
         return attributeTable(Message::parse(text).attributes());
     } catch (HttpError const& error) {
-        return paragraph(std::string("Its attributes cannot be read: ") + error.what() + ".");
+        return paragraph(std::string("The attributes cannot be read: ") + error.what() + ".");
     }
 }
 

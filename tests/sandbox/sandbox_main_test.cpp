@@ -188,8 +188,8 @@ TEST(SandboxProgram, ArmsTheFaultsThatItIsGiven) {
 TEST(SandboxProgram, RefusesAFaultThatCannotHappen) {
     TemporaryDirectory const directory;
     for (auto const& [fault, reason] : std::map<std::string, std::string>{
-             {"explode", "there is no fault 'explode'"},
-             {"drop,exchange=connection", "drop cannot happen to the exchange 'connection'"},
+             {"explode", "unknown fault 'explode'"},
+             {"drop,exchange=connection", "drop does not apply to the exchange 'connection'"},
              {"drop,times=never", "a fault's times must be a whole number, not 'never'"},
          }) {
         Program program({"--data", directory.path(), "--fault", "drop", "--fault", fault});

@@ -175,22 +175,22 @@ TEST_F(Control, RefusesFaultsWithTheReason) {
         char const* m_Reason;
     };
     for (Row const& row : {
-             Row{"", "not JSON"},
-             {"{", "not JSON"},
-             {"{\"kind\":\"drop\"} x", "as byte 17 shows"},
-             {"{\"kind\":\"\xE9\"}", "not JSON"},
+             Row{"", "not valid JSON"},
+             {"{", "not valid JSON"},
+             {"{\"kind\":\"drop\"} x", "error at byte 17"},
+             {"{\"kind\":\"\xE9\"}", "not valid JSON"},
              {"[]", "not a JSON object"},
              {"\"drop\"", "not a JSON object"},
-             {"{}", "'kind' must be there"},
-             {"{\"kind\":1}", "'kind' must be there and a string"},
-             {"{\"kind\":\"burn\"}", "there is no fault 'burn'"},
-             {"{\"kind\":\"drop\",\"Order\":\"A\"}", "there is no member 'Order'"},
-             {"{\"kind\":\"drop\",\"id\":1}", "there is no member 'id'"},
+             {"{}", "'kind' is required"},
+             {"{\"kind\":1}", "'kind' is required and must be a string"},
+             {"{\"kind\":\"burn\"}", "unknown fault 'burn'"},
+             {"{\"kind\":\"drop\",\"Order\":\"A\"}", "unknown member 'Order'"},
+             {"{\"kind\":\"drop\",\"id\":1}", "unknown member 'id'"},
              {"{\"kind\":\"drop\",\"exchange\":1}", "'exchange' must be a string"},
              {"{\"kind\":\"drop\",\"exchange\":null}", "'exchange' must be a string"},
-             {"{\"kind\":\"drop\",\"exchange\":\"refund\"}", "no exchange 'refund'"},
+             {"{\"kind\":\"drop\",\"exchange\":\"refund\"}", "unknown exchange 'refund'"},
              {"{\"kind\":\"drop\",\"exchange\":\"connection\"}",
-              "drop cannot happen to the exchange 'connection', only to: "},
+              "drop does not apply to the exchange 'connection', only to: "},
              {"{\"kind\":\"drop\",\"order\":17}", "'order' must be a string"},
              {"{\"kind\":\"drop\",\"times\":\"often\"}", "'times' must be a whole number or \"always\""},
              {"{\"kind\":\"drop\",\"times\":\"1\"}", "'times' must be a whole number or \"always\""},
@@ -211,7 +211,7 @@ TEST_F(Control, RefusesFaultsWithTheReason) {
              {"{\"kind\":\"error\",\"text\":[]}", "'text' must be a string"},
              {"{\"kind\":\"huge\",\"megabytes\":0}", "between 1 and 4096"},
              {"{\"kind\":\"huge\",\"megabytes\":4097}", "between 1 and 4096"},
-             {"{\"kind\":\"tls-abort\",\"order\":\"A\"}", "cannot be for one order"},
+             {"{\"kind\":\"tls-abort\",\"order\":\"A\"}", "cannot be limited to one order"},
              {"{\"kind\":\"refuse\",\"times\":2}", "cannot be counted"},
          }) {
         EXPECT_THAT(error(jsonPost("/control/faults", row.m_Body), 400), HasSubstr(row.m_Reason)) << row.m_Body;
@@ -441,7 +441,7 @@ TEST_F(Control, RotatesWithoutABody) {
     content(head + "\r\n", 201);
     content(head + "Content-Length: 0\r\n\r\n", 201);
     EXPECT_EQ(getJson("/control/keys").at("server").size(), 3u);
-    EXPECT_THAT(error(jsonPost("/control/keys/rotate", "{\"bits\":1024}"), 400), HasSubstr("no member 'bits'"));
+    EXPECT_THAT(error(jsonPost("/control/keys/rotate", "{\"bits\":1024}"), 400), HasSubstr("unknown member 'bits'"));
     EXPECT_EQ(getJson("/control/keys").at("server").size(), 3u);
 }
 
@@ -465,15 +465,15 @@ TEST_F(Control, RefusesAccountsThatNobodyCouldUse) {
         char const* m_Reason;
     };
     for (Row const& row : {
-             Row{"{}", "'user' must be there"},
-             {"{\"user\":\"a\"}", "'password' must be there"},
-             {"{\"user\":1,\"password\":\"p\"}", "'user' must be there and a string"},
-             {"{\"user\":\"a\",\"password\":null}", "'password' must be there and a string"},
-             {"{\"user\":\"\",\"password\":\"p\"}", "must have a name"},
-             {"{\"user\":\"a:b\",\"password\":\"p\"}", "no colon"},
+             Row{"{}", "'user' is required"},
+             {"{\"user\":\"a\"}", "'password' is required"},
+             {"{\"user\":1,\"password\":\"p\"}", "'user' is required and must be a string"},
+             {"{\"user\":\"a\",\"password\":null}", "'password' is required and must be a string"},
+             {"{\"user\":\"\",\"password\":\"p\"}", "must not be empty"},
+             {"{\"user\":\"a:b\",\"password\":\"p\"}", "contain a colon"},
              {"{\"user\":\"a\\u0000\",\"password\":\"p\"}", "zero byte"},
              {"{\"user\":\"a\",\"password\":\"p\\u0000\"}", "zero byte"},
-             {"{\"user\":\"a\",\"password\":\"p\",\"admin\":true}", "no member 'admin'"},
+             {"{\"user\":\"a\",\"password\":\"p\",\"admin\":true}", "unknown member 'admin'"},
          }) {
         EXPECT_THAT(error(jsonPost("/control/accounts", row.m_Body), 400), HasSubstr(row.m_Reason)) << row.m_Body;
     }
@@ -505,14 +505,14 @@ TEST_F(Control, RefusesClocksOutOfRange) {
         char const* m_Reason;
     };
     for (Row const& row : {
-             Row{"{}", "'ahead' must be there"},
+             Row{"{}", "'ahead' is required"},
              {"{\"ahead\":\"1\"}", "a whole number"},
              {"{\"ahead\":1.5}", "a whole number"},
              {"{\"ahead\":315360001}", "ten years"},
              {"{\"ahead\":-315360001}", "ten years"},
              {"{\"ahead\":18446744073709551615}", "at most 64 bits"},
-             {"{\"ahead\":1e400}", "beyond all range"},
-             {"{\"ahead\":1,\"unit\":\"h\"}", "no member 'unit'"},
+             {"{\"ahead\":1e400}", "out of range"},
+             {"{\"ahead\":1,\"unit\":\"h\"}", "unknown member 'unit'"},
          }) {
         EXPECT_THAT(error(jsonPost("/control/clock", row.m_Body), 400), HasSubstr(row.m_Reason)) << row.m_Body;
     }
@@ -605,7 +605,7 @@ TEST_F(Control, ReportsTheMethodsOfAnAddress) {
 
 TEST_F(Control, RefusesBodiesThatAreTooLarge) {
     EXPECT_EQ(ask(jsonPost("/control/faults", std::string(1024 * 1024 + 1, ' '))).m_Status, 413);
-    EXPECT_THAT(error(jsonPost("/control/faults", std::string(1024 * 1024, ' ')), 400), HasSubstr("not JSON"));
+    EXPECT_THAT(error(jsonPost("/control/faults", std::string(1024 * 1024, ' ')), 400), HasSubstr("not valid JSON"));
 }
 
 }  // namespace

@@ -105,7 +105,7 @@ std::string repairOf(Calculation const& result) {
         return "";
     }
     EXPECT_THAT(findingsOf(result), Contains(Finding::kDamaged));
-    EXPECT_THAT(textsOf(result), HasSubstr("once " + result.m_Matches[0].m_Repair));
+    EXPECT_THAT(textsOf(result), HasSubstr("after this change: " + result.m_Matches[0].m_Repair));
     return result.m_Matches[0].m_Repair;
 }
 
@@ -196,7 +196,7 @@ TEST_F(Calculate, ReportsThatTheKeyIsUnknown) {
     Calculation const result = of(text, TestMerchant("nobody").sign(text));
     EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kKeyUnknown, Finding::kNothingFits));
     EXPECT_FALSE(result.m_Key);
-    EXPECT_THAT(textsOf(result), HasSubstr("none of the 4 keys"));
+    EXPECT_THAT(textsOf(result), HasSubstr("any of the 4 known keys"));
 }
 
 TEST_F(Calculate, ReportsThatSignatureIsNotHexadecimal) {
@@ -226,7 +226,7 @@ TEST_F(Calculate, ReportsUpperCase) {
 TEST_F(Calculate, ReportsAWrongLength) {
     Calculation const cut = of(m_Text, m_Merchant.sign(m_Text).substr(0, 126));
     EXPECT_THAT(findingsOf(cut), ElementsAre(Finding::kWrongLength, Finding::kUnreadable, Finding::kNothingFits));
-    EXPECT_THAT(textsOf(cut), HasSubstr("63 bytes, but the key '0-1001-testkey' of 512 bits makes signatures of 64"));
+    EXPECT_THAT(textsOf(cut), HasSubstr("63 bytes, but signatures of the key '0-1001-testkey' of 512 bits have 64"));
     Calculation const longer = of(m_Text, m_Merchant.sign(m_Text) + "00");
     EXPECT_THAT(findingsOf(longer), ElementsAre(Finding::kWrongLength, Finding::kNothingFits));
     EXPECT_EQ(longer.m_HeldDigest, "");
@@ -245,7 +245,7 @@ TEST_F(Calculate, FindsLostZeroBytesBeforeTheSignature) {
     EXPECT_FALSE(result.m_Right);
     EXPECT_THAT(findingsOf(result), Each(Finding::kWrongLength));
     EXPECT_TRUE(result.m_Matches.at(0).m_ZerosLost);
-    EXPECT_THAT(textsOf(result), HasSubstr("zero bytes missing before SIGNATURE"));
+    EXPECT_THAT(textsOf(result), HasSubstr("lacks leading zero bytes"));
 }
 
 TEST_F(Calculate, ReportsAChangedSignature) {
@@ -281,7 +281,7 @@ TEST_F(Calculate, ReportsOtherContent) {
     EXPECT_THAT(textsOf(result), HasSubstr("32 bytes"));
     // As long as a DigestInfo, but none.
     EXPECT_THAT(textsOf(of(m_BigText, signBlock(std::string(35, 'x'), RSA_PKCS1_PADDING))),
-                HasSubstr("holds 35 bytes"));
+                HasSubstr("contains 35 bytes"));
 }
 
 TEST_F(Calculate, ReportsForeignPadding) {
@@ -380,10 +380,9 @@ TEST_F(Calculate, NamesTheAttributeThatWasChanged) {
     Calculation const result = of(sent, m_Merchant.sign(kOrdered));
     EXPECT_FALSE(result.m_Right);
     EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kOtherDigest, Finding::kOtherMessage, Finding::kOtherMessage));
-    EXPECT_THAT(textsOf(result),
-                HasSubstr("SIGNATURE is that of another message, which was seen here: what was seen. It was made under "
-                          "the key '0-1001-testkey' of the merchant demo."));
-    EXPECT_THAT(textsOf(result), HasSubstr("DATA differs from it in: AMOUNT."));
+    EXPECT_THAT(textsOf(result), HasSubstr("SIGNATURE belongs to another message: what was seen. It was made with "
+                                           "the key '0-1001-testkey' of the merchant demo."));
+    EXPECT_THAT(textsOf(result), HasSubstr("DATA differs from that message in: AMOUNT."));
     EXPECT_EQ(result.m_Original.value().m_Seen.m_Text, kOrdered);
     EXPECT_EQ(result.m_Original->m_Seen.m_Page, "/seen");
     EXPECT_THAT(differencesOf(result), ElementsAre("AMOUNT: 19.90, 29.90"));
@@ -396,7 +395,7 @@ TEST_F(Calculate, NamesAttributesThatWereAddedOrLost) {
     Calculation const result = of(sent, m_Merchant.sign(kOrdered));
     EXPECT_THAT(differencesOf(result),
                 ElementsAre("AMOUNT: 19.90, -", "ORDERID: A-17, A-17 ", "NEW: -, ", "MORE: -, &"));
-    EXPECT_THAT(textsOf(result), HasSubstr("differs from it in: AMOUNT, ORDERID, NEW, MORE."));
+    EXPECT_THAT(textsOf(result), HasSubstr("differs from that message in: AMOUNT, ORDERID, NEW, MORE."));
 }
 
 TEST_F(Calculate, ReportsWhatDiffersWithoutAnotherAttribute) {
@@ -408,22 +407,22 @@ TEST_F(Calculate, ReportsWhatDiffersWithoutAnotherAttribute) {
     for (
         Row const& row : {
             Row{R"(<KVX KEYID="0-1001-testkey" MSGTYPE="PayInit" AMOUNT="19.90" NOTE="&lt;a b&gt;" ORDERID="A-17"/>)",
-                "the attributes stand in another order"},
+                "the attributes are in a different order"},
             Row{R"(<KVX  MSGTYPE="PayInit" KEYID="0-1001-testkey" AMOUNT="19.90" NOTE="&lt;a b&gt;" ORDERID="A-17" />)",
-                "only the white space around the attributes differs"},
+                "only white space between the attributes differs"},
             Row{R"(<KVX MSGTYPE="PayInit" KEYID="0-1001-testkey" AMOUNT="19.90" NOTE="&lt;a b>" ORDERID="A-17"/>)",
-                "only the way of writing differs"},
+                "only the notation differs"},
             Row{R"(<KVX MSGTYPE='PayInit' KEYID="0-1001-testkey" AMOUNT="19.90" NOTE="&lt;a b&gt;" ORDERID="A-17"/>)",
-                "only the way of writing differs"},
+                "only the notation differs"},
             Row{R"(<KVX MSGTYPE="PayInit" KEYID="0-1001-testkey" AMOUNT="19.90" NOTE="&lt;a b&gt;" ORDERID="A-17"></KVX>)",
-                "only the way of writing differs"},
+                "only the notation differs"},
         }) {
         Calculation const result = of(row.m_Sent, m_Merchant.sign(kOrdered));
         EXPECT_THAT(findingsOf(result),
                     ElementsAre(Finding::kOtherDigest, Finding::kOtherMessage, Finding::kOtherMessage))
             << row.m_Sent;
         EXPECT_THAT(textsOf(result),
-                    HasSubstr(std::string("No attribute of it was changed, added or lost: ") + row.m_Difference))
+                    HasSubstr(std::string("No attribute was changed, added or removed: ") + row.m_Difference))
             << row.m_Sent;
         EXPECT_THAT(differencesOf(result), IsEmpty()) << row.m_Sent;
     }
@@ -435,12 +434,12 @@ TEST_F(Calculate, ReportsWhichKeyAndWideningTheOtherMessageHas) {
     Calculation const confirm = of(otherNote, signText(serverKey(), m_Confirm, Widening::kSign));
     EXPECT_THAT(findingsOf(confirm),
                 ElementsAre(Finding::kOtherDigest, Finding::kOtherMessage, Finding::kOtherMessage));
-    EXPECT_THAT(textsOf(confirm), HasSubstr("under the key '1-SERVER-2' of this service."));
+    EXPECT_THAT(textsOf(confirm), HasSubstr("with the key '1-SERVER-2' of this service."));
     EXPECT_THAT(differencesOf(confirm), ElementsAre("NOTE: Caf\xE9, Tea\xE9"));
     Calculation const widened = of(m_Plain, m_Merchant.sign(m_Text, true));
     EXPECT_THAT(findingsOf(widened), ElementsAre(Finding::kOtherDigest, Finding::kOtherMessage, Finding::kOtherMessage,
                                                  Finding::kWrongWidening));
-    EXPECT_THAT(textsOf(widened), HasSubstr("What was signed is that message with its bytes sign-extended"));
+    EXPECT_THAT(textsOf(widened), HasSubstr("The signature is over that message, each byte sign-extended"));
     std::string const otherKey = sandbox::replaceAll(m_Text, "0-1001-testkey", "1-SERVER-2");
     Calculation const named = of(otherKey, m_Merchant.sign(m_Text));
     EXPECT_THAT(findingsOf(named),
@@ -452,9 +451,9 @@ TEST_F(Calculate, ShowsTheOtherMessageWhenItCannotBeCompared) {
     m_Seen = {kOrdered, "<KVX"};
     Calculation const cut = of(std::string(kOrdered).substr(0, 40), m_Merchant.sign(kOrdered));
     EXPECT_THAT(findingsOf(cut), ElementsAre(Finding::kNoMessage, Finding::kOtherMessage, Finding::kOtherMessage));
-    EXPECT_THAT(textsOf(cut), HasSubstr("cannot be told by attributes"));
+    EXPECT_THAT(textsOf(cut), HasSubstr("attributes cannot be compared"));
     EXPECT_EQ(cut.m_Original.value().m_Seen.m_Text, kOrdered);
-    EXPECT_THAT(textsOf(of(kOrdered, m_Merchant.sign("<KVX"))), HasSubstr("cannot be told by attributes"));
+    EXPECT_THAT(textsOf(of(kOrdered, m_Merchant.sign("<KVX"))), HasSubstr("attributes cannot be compared"));
 }
 
 TEST_F(Calculate, AsksForTheOtherMessageOnlyWhenNothingFits) {
@@ -464,8 +463,8 @@ TEST_F(Calculate, AsksForTheOtherMessageOnlyWhenNothingFits) {
     Calculation const unseen = of(kOrdered, m_Merchant.sign(m_Text));
     EXPECT_FALSE(unseen.m_Original);
     EXPECT_THAT(findingsOf(unseen), ElementsAre(Finding::kOtherDigest, Finding::kNothingFits));
-    EXPECT_THAT(textsOf(unseen), HasSubstr("Nor is it that of another message which was seen here"));
-    EXPECT_THAT(textsOf(of(kOrdered, TestMerchant("nobody").sign(kOrdered))), Not(HasSubstr("Nor is it")));
+    EXPECT_THAT(textsOf(unseen), HasSubstr("Nor does it belong to another message"));
+    EXPECT_THAT(textsOf(of(kOrdered, TestMerchant("nobody").sign(kOrdered))), Not(HasSubstr("Nor does it")));
 }
 
 TEST_F(Calculate, PrefersTheNamedKeyForTheOtherMessageToo) {
@@ -488,32 +487,30 @@ TEST_F(Calculate, UndoesEachDamage) {
     };
     for (Row const& row : {
              Row{"a blank became +", head + "a b\"/>",
-                 "<KVX+MSGTYPE=\"PayInit\"+KEYID=\"0-1001-testkey\"+NOTE=\"a+b\"/>",
-                 "each + in it is taken for a blank"},
-             {"a + became a blank", head + "a+b\"/>", head + "a b\"/>", "each blank in its values is taken for a +"},
+                 "<KVX+MSGTYPE=\"PayInit\"+KEYID=\"0-1001-testkey\"+NOTE=\"a+b\"/>", "each + changed to a space"},
+             {"a + became a blank", head + "a+b\"/>", head + "a b\"/>", "each space in values changed to +"},
              {"encoded twice", head + "a%b\"/>", percentEncode(head + "a%b\"/>"), "it was encoded twice"},
              {"decoded twice", head + "http://a/?x=%c3%a9%20%25\"/>", head + "http://a/?x=\xC3\xA9 %\"/>",
-              "in lower case: it was decoded twice"},
+              "in lower case (it was decoded twice)"},
              {"decoded twice, upper case", head + "http://a/?x=%C3%A9\"/>", head + "http://a/?x=\xC3\xA9\"/>",
-              "in upper case: it was decoded twice"},
-             {"line feeds became full line ends", head + "a\nb\"/>", head + "a\r\nb\"/>", "line feeds alone"},
-             {"full line ends lost a half", head + "a\r\nb\"/>", head + "a\nb\"/>", "carriage returns with line feeds"},
-             {"line feeds became carriage returns", head + "a\nb\"/>", head + "a\rb\"/>",
-              "carriage returns become line feeds"},
-             {"a line feed came behind", head + "a\"/>", head + "a\"/>\n", "behind it are cut"},
-             {"a line end came behind", head + "a\"/>", head + "a\"/>\r\n", "behind it are cut"},
-             {"blanks came behind", head + "a\"/>", head + "a\"/> \t ", "behind it are cut"},
-             {"blanks came before", head + "a\"/>", "  " + head + "a\"/>\n", "around it are cut"},
-             {"a line feed was lost", head + "a\"/>\n", head + "a\"/>", "a line feed is put behind it"},
-             {"a line end was lost", head + "a\"/>\r\n", head + "a\"/>", "a carriage return and a line feed"},
+              "in upper case (it was decoded twice)"},
+             {"line feeds became full line ends", head + "a\nb\"/>", head + "a\r\nb\"/>", "line ends changed to LF"},
+             {"full line ends lost a half", head + "a\r\nb\"/>", head + "a\nb\"/>", "line ends changed to CR LF"},
+             {"line feeds became carriage returns", head + "a\nb\"/>", head + "a\rb\"/>", "CR changed to LF"},
+             {"a line feed came behind", head + "a\"/>", head + "a\"/>\n", "white space at the end removed"},
+             {"a line end came behind", head + "a\"/>", head + "a\"/>\r\n", "white space at the end removed"},
+             {"blanks came behind", head + "a\"/>", head + "a\"/> \t ", "white space at the end removed"},
+             {"blanks came before", head + "a\"/>", "  " + head + "a\"/>\n", "white space at both ends removed"},
+             {"a line feed was lost", head + "a\"/>\n", head + "a\"/>", "a line feed appended"},
+             {"a line end was lost", head + "a\"/>\r\n", head + "a\"/>", "CR LF appended"},
              {"escaped for HTML", head + "&lt;a&gt; &amp; 'b'\"/>",
               "&lt;KVX MSGTYPE=&quot;PayInit&quot; KEYID=&quot;0-1001-testkey&quot; NOTE=&quot;&amp;lt;a&amp;gt; "
               "&amp;amp; "
               "&#39;b&#39;&quot;/&gt;",
-              "its HTML escapes are undone"},
+              "HTML escapes decoded"},
              {"ampersands escaped once more", head + "a &amp; b\"/>", head + "a &amp;amp; b\"/>",
-              "its HTML escapes are undone"},
-             {"an escape undone", head + "a &amp; b\"/>", head + "a & b\"/>", "its bare ampersands become &amp;"},
+              "HTML escapes decoded"},
+             {"an escape undone", head + "a &amp; b\"/>", head + "a & b\"/>", "unescaped & changed to &amp;"},
              {"Latin-1 became UTF-8", head + "Caf\xE9 \xFF\"/>", head + "Caf\xC3\xA9 \xC3\xBF\"/>",
               "from UTF-8 to Latin-1"},
              {"UTF-8 became Latin-1", head + "Caf\xC3\xA9 \xC3\xBF\"/>", head + "Caf\xE9 \xFF\"/>",
@@ -607,7 +604,7 @@ TEST(ReadPasted, RefusesWhatIsAmbiguousOrBroken) {
              {"?DATA=%zz", "", "DATA is not well-formed"},
              {"?DATA=a&DATA=b", "", "DATA stands in the query twice"},
              {"?DATA=a&SIGNATURE=1&SIGNATURE=2", "", "SIGNATURE stands in the query twice"},
-             {"?DATA=a&SIGNATURE=00", "01", "the two differ"},
+             {"?DATA=a&SIGNATURE=00", "01", "another SIGNATURE"},
          }) {
         try {
             readPasted(row.m_Data, row.m_Signature);

@@ -210,7 +210,7 @@ TEST_F(Dashboard, ReportsHowToSetAMerchantUp) {
     EXPECT_THAT(page.texts("//section[@aria-labelledby='set-up']//dt"), Contains("HTTP proxy"));
     restart();
     EXPECT_THAT(open("/").texts("//section[@aria-labelledby='set-up']//dt"),
-                ElementsAre("Set-up", "Control API", "Accounts", "Key that signs", "Present"));
+                ElementsAre("Set-up address", "Control API", "Accounts", "Signing key", "Service time"));
 }
 
 TEST_F(Dashboard, ShowsPaymentsNewestFirst) {
@@ -262,7 +262,7 @@ TEST_F(Dashboard, ShowsTheNewestExchanges) {
 TEST_F(Dashboard, CanBeWatchedLive) {
     PageReader const still = open("/");
     EXPECT_EQ(still.count("//meta[@http-equiv='refresh']"), 0u);
-    EXPECT_EQ(still.text("//main/p/a[@href='/?live=1']"), "Watch live");
+    EXPECT_EQ(still.text("//main/p/a[@href='/?live=1']"), "Refresh every two seconds");
     PageReader const live = open("/?live=1");
     EXPECT_EQ(live.text("/html/head/meta[@http-equiv='refresh']/@content"), "2");
     EXPECT_EQ(live.count("//main/p/a[@href='/']"), 1u);
@@ -366,7 +366,7 @@ TEST_F(Dashboard, ShowsAnExchangeThatWasNotLookedAt) {
     EXPECT_THROW(get("/capture?DATA=" + percentEncoded("<KVX MSGTYPE=\"PayConfirm\"/>")), std::runtime_error);
     PageReader const page = open("/exchange?number=2");
     EXPECT_EQ(page.text("//main/dl/div[2]/dd"), "reset,exchange=capture");
-    EXPECT_EQ(page.text("//section[@aria-labelledby='steps']/p"), "The request was not looked at.");
+    EXPECT_EQ(page.text("//section[@aria-labelledby='steps']/p"), "The request was not checked.");
     EXPECT_THAT(page.texts("//section[@aria-labelledby='message']//tbody/tr/*"), ElementsAre("MSGTYPE", "PayConfirm"));
 }
 
@@ -384,9 +384,9 @@ TEST_F(Dashboard, ReportsWhyANotificationHasNoSteps) {
     }));
     PageReader const page = open("/exchange?number=" + number);
     EXPECT_THAT(page.text("//section[@aria-labelledby='steps']/p"),
-                StartsWith("A notification has no steps, because this service makes the request itself."));
-    EXPECT_EQ(page.text("//h2[@id='request']"), "The request as it was sent");
-    EXPECT_EQ(page.text("//h2[@id='answer']"), "The merchant's answer");
+                StartsWith("A notification has no checks, because this service sends the request."));
+    EXPECT_EQ(page.text("//h2[@id='request']"), "Request sent");
+    EXPECT_EQ(page.text("//h2[@id='answer']"), "Response of the merchant");
 }
 
 TEST_F(Dashboard, ReportsWhatWasSentOfAnAnswer) {
@@ -394,7 +394,7 @@ TEST_F(Dashboard, ReportsWhatWasSentOfAnAnswer) {
     exchangeRaw(m_Service->plainPort(),
                 merchantGet("/capture" + m_Merchant.signedQuery(m_Merchant.message("StatusRequest", " TOKEN=\"t1\""))));
     PageReader const page = open("/exchange?number=2");
-    EXPECT_EQ(page.text("//main/dl/div[8]/dt"), "What was sent");
+    EXPECT_EQ(page.text("//main/dl/div[8]/dt"), "Delivery");
     EXPECT_THAT(page.text("//main/dl/div[8]/dd"), StartsWith("9 bytes, then the end, after "));
 }
 
@@ -415,7 +415,7 @@ TEST_F(Dashboard, ReportsThatARequestWasCutOff) {
     restart();
     PageReader const page = open("/exchange?number=2");
     EXPECT_EQ(page.text("//main/dl/div[1]/dd"), "not answered: the sandbox ended before");
-    EXPECT_EQ(page.text("//section[@aria-labelledby='steps']/p"), "No steps are on record, only the verdict.");
+    EXPECT_EQ(page.text("//section[@aria-labelledby='steps']/p"), "No checks are recorded, only the result.");
 }
 
 TEST_F(Dashboard, ShowsRawBytesOfAnExchange) {
@@ -431,7 +431,7 @@ TEST_F(Dashboard, TakesAnExchangeToTheCalculator) {
     openPage(text);
     std::string const target = open("/exchange?number=2").text("//a[contains(@href, 'calculator?')]/@href");
     PageReader const page = open(target);
-    EXPECT_EQ(page.text("//section[@aria-labelledby='verdict']/p"), "The signature is right.");
+    EXPECT_EQ(page.text("//section[@aria-labelledby='verdict']/p"), "The signature is valid.");
     EXPECT_EQ(page.text("//textarea[@name='SIGNATURE']"), "\n" + m_Merchant.sign(text));
 }
 
@@ -453,8 +453,8 @@ TEST_F(Dashboard, ArmsAndLiftsFaults) {
     EXPECT_EQ(fill("/faults", {{"kind", "drop"}, {"order", "A 1"}}).m_Status, 303);
     EXPECT_EQ(reasonOf(askAuto("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>")), "a, <b> + c");
     PageReader const page = open("/faults");
-    EXPECT_THAT(page.texts(tableRow("armed", 1)),
-                ElementsAre("1", "error,exchange=setup,times=2,text=a, <b> + c", "1 of 2", HasSubstr("Lift fault 1")));
+    EXPECT_THAT(page.texts(tableRow("armed", 1)), ElementsAre("1", "error,exchange=setup,times=2,text=a, <b> + c",
+                                                              "1 of 2", HasSubstr("Remove fault 1")));
     EXPECT_EQ(page.text(tableRow("armed", 2) + "[2]"), "drop,order=A 1");
     EXPECT_EQ(page.text(tableRow("armed", 2) + "//input[@name='id']/@value"), "2");
     EXPECT_EQ(fill("/faults/lift", {{"id", "1"}}).m_Status, 303);
@@ -483,7 +483,7 @@ TEST_F(Dashboard, ReadsAFormOfBlanks) {
     std::string const start = "key=" + formKey() + "&DATA=%3c";
     RawResponse const response = ask(formPost("/calculator", start + std::string(1024 * 1024 - start.size(), '+')));
     EXPECT_EQ(response.m_Status, 200);
-    EXPECT_THAT(response.m_Body, HasSubstr("The signature is not right."));
+    EXPECT_THAT(response.m_Body, HasSubstr("The signature is not valid."));
 }
 
 TEST_F(Dashboard, OffersEveryKindOfFault) {
@@ -526,9 +526,9 @@ TEST_F(Dashboard, RefusesImpossibleFaultsWithTheReason) {
         Fields m_Fields;
         char const* m_Reason;
     };
-    for (Row const& row : {Row{{}, "there is no fault ''"}, Row{{{"kind", "burn"}}, "there is no fault 'burn'"},
+    for (Row const& row : {Row{{}, "unknown fault ''"}, Row{{{"kind", "burn"}}, "unknown fault 'burn'"},
                            Row{{{"kind", "drop"}, {"exchange", "connection"}}, "only to: setup"},
-                           Row{{{"kind", "drop"}, {"exchange", ""}}, "no exchange ''"},
+                           Row{{{"kind", "drop"}, {"exchange", ""}}, "unknown exchange ''"},
                            Row{{{"kind", "drop"}, {"times", "0"}}, "from 1"},
                            Row{{{"kind", "delay"}, {"seconds", "soon"}}, "must be a number, not 'soon'"},
                            Row{{{"kind", "delay"}, {"bytes", "1"}}, "delay takes no bytes"}}) {
@@ -572,7 +572,7 @@ TEST_F(Dashboard, RefusesFormsWithoutItsKey) {
 
 TEST_F(Dashboard, ShowsAndRotatesKeys) {
     PageReader const before = open("/keys");
-    EXPECT_THAT(before.texts(tableRow("server", 1)), ElementsAre("1-SERVER-1", "signs", "512", StartsWith("3048")));
+    EXPECT_THAT(before.texts(tableRow("server", 1)), ElementsAre("1-SERVER-1", "signing", "512", StartsWith("3048")));
     EXPECT_THAT(before.texts(tableRow("merchants", 1)),
                 ElementsAre(m_Merchant.keyId(), "demo", "2023-11-14T22:13:20Z", "512"));
     RawResponse const rotated = fill("/keys/rotate", {});
@@ -580,7 +580,7 @@ TEST_F(Dashboard, ShowsAndRotatesKeys) {
     EXPECT_EQ(rotated.m_Headers.at("location"), "/keys");
     EXPECT_EQ(m_Service->serverKeyId(), "1-SERVER-2");
     PageReader const after = open("/keys");
-    EXPECT_THAT(after.texts("//section[@aria-labelledby='server']//tbody/tr/td[1]"), ElementsAre("old", "signs"));
+    EXPECT_THAT(after.texts("//section[@aria-labelledby='server']//tbody/tr/td[1]"), ElementsAre("old", "signing"));
 }
 
 TEST_F(Dashboard, SetsTheClock) {
@@ -614,19 +614,19 @@ TEST_F(Dashboard, CalculatesWhatIsPasted) {
         RawResponse const response = fill("/calculator", fields);
         EXPECT_EQ(response.m_Status, 200);
         PageReader const page(response.m_Body);
-        EXPECT_EQ(page.text("//section[@aria-labelledby='verdict']/p"), "The signature is right.");
+        EXPECT_EQ(page.text("//section[@aria-labelledby='verdict']/p"), "The signature is valid.");
         EXPECT_EQ(page.text("//section[@aria-labelledby='comparison']//dl/div[1]/dd"),
                   m_Merchant.keyId() + " of the merchant demo, 512 bits");
         EXPECT_EQ(page.text("//section[@aria-labelledby='comparison']//dl/div[2]/dd"),
                   page.text("//section[@aria-labelledby='comparison']//dl/div[4]/dd"));
         EXPECT_THAT(page.texts(tableRow("matches", 1)),
-                    ElementsAre(m_Merchant.keyId(), "the merchant demo", "zero-extended", "as it is"));
+                    ElementsAre(m_Merchant.keyId(), "the merchant demo", "zero-extended", "unchanged"));
         EXPECT_THAT(page.texts("//section[@aria-labelledby='message']//tbody/tr[3]/*"), ElementsAre("TOKEN", "t1"));
         // What stands in the field afterwards gives the same result again.
         std::string const kept = page.text("//textarea[@name='DATA']").substr(1);
         RawResponse const again =
             fill("/calculator", {{"DATA", kept}, {"SIGNATURE", page.text("//textarea[@name='SIGNATURE']").substr(1)}});
-        EXPECT_EQ(PageReader(again.m_Body).text("//section[@aria-labelledby='verdict']/p"), "The signature is right.");
+        EXPECT_EQ(PageReader(again.m_Body).text("//section[@aria-labelledby='verdict']/p"), "The signature is valid.");
     }
 }
 
@@ -634,14 +634,14 @@ TEST_F(Dashboard, ExplainsWhatDiffers) {
     std::string const text = m_Merchant.payInit("t1");
     PageReader const page =
         open("/calculator?DATA=" + percentEncoded(text + "\n") + "&SIGNATURE=" + m_Merchant.sign(text));
-    EXPECT_EQ(page.text("//section[@aria-labelledby='verdict']/p"), "The signature is not right.");
+    EXPECT_EQ(page.text("//section[@aria-labelledby='verdict']/p"), "The signature is not valid.");
     EXPECT_THAT(page.texts("//section[@aria-labelledby='verdict']//li"),
-                ElementsAre(HasSubstr("digest"), HasSubstr("once the blanks and line ends behind it are cut")));
-    EXPECT_THAT(page.texts(tableRow("matches", 1)).back(), HasSubstr("behind it are cut"));
+                ElementsAre(HasSubstr("digest"), HasSubstr("after this change: white space at the end removed")));
+    EXPECT_THAT(page.texts(tableRow("matches", 1)).back(), HasSubstr("white space at the end removed"));
     PageReader const unknown =
         open("/calculator?DATA=" + percentEncoded("<KVX MSGTYPE=\"a\" KEYID=\"<x>\"/>") + "&SIGNATURE=00");
     EXPECT_THAT(unknown.texts("//section[@aria-labelledby='verdict']//li"),
-                Contains(HasSubstr("KEYID '<x>' names neither")));
+                Contains(HasSubstr("KEYID '<x>' is neither")));
     PageReader const half = open("/calculator?SIGNATURE=00");
     EXPECT_THAT(half.texts("//section[@aria-labelledby='verdict']//li"), ElementsAre("There is no DATA."));
     EXPECT_EQ(half.count("//section[@aria-labelledby='message']"), 0u);
@@ -663,7 +663,7 @@ protected:
         EXPECT_THAT(page.texts("//section[@aria-labelledby='original']/div//tbody/tr/*"),
                     ElementsAre("AMOUNT", "12.50", "92.50"));
         EXPECT_THAT(page.texts("//section[@aria-labelledby='verdict']//li"),
-                    Contains("DATA differs from it in: AMOUNT."));
+                    Contains("DATA differs from that message in: AMOUNT."));
     }
 };
 
@@ -675,13 +675,13 @@ TEST_F(DashboardCalculator, ShowsWhatWasSignedInAPayInit) {
     openPage(m_Merchant.payInit("t2"));
     PageReader const page = calculate(raised(text), m_Merchant.sign(text));
     EXPECT_EQ(page.text("//section[@aria-labelledby='original']/p/a"),
-              "the PayInit of the payment " + m_Service->payments().at(0).m_Id);
+              "the PayInit of payment " + m_Service->payments().at(0).m_Id);
     EXPECT_EQ(page.text("//section[@aria-labelledby='original']/p/a/@href"),
               "/payment?id=" + m_Service->payments().at(0).m_Id);
     expectRaised(page, text);
     PageReader const missing =
         calculate("<KVX MSGTYPE=\"PayInit\" KEYID=\"" + m_Merchant.keyId() + "\"/>", m_Merchant.sign(text));
-    EXPECT_THAT(missing.texts("//section[@aria-labelledby='original']/div//td[2]"), ::testing::Each("not there"));
+    EXPECT_THAT(missing.texts("//section[@aria-labelledby='original']/div//td[2]"), ::testing::Each("missing"));
 }
 
 TEST_F(DashboardCalculator, ShowsWhatWasSignedInAConfirmation) {
@@ -701,7 +701,8 @@ TEST_F(DashboardCalculator, ShowsWhatWasSignedInAConfirmation) {
         std::string const confirm = percentDecoded(queryValue(query, "DATA"));
         PageReader const page = calculate(raised(confirm), queryValue(query, "SIGNATURE"));
         expectRaised(page, confirm);
-        EXPECT_THAT(page.text("//section[@aria-labelledby='original']/p/a"), StartsWith("a confirmation of ")) << fault;
+        EXPECT_THAT(page.text("//section[@aria-labelledby='original']/p/a"), StartsWith("a confirmation of payment "))
+            << fault;
     }
 }
 
@@ -710,7 +711,7 @@ TEST_F(DashboardCalculator, ShowsWhatWasSignedInAnyExchange) {
     EXPECT_EQ(attributeOf(askCapture(text), "MSGTYPE"), "Error");
     PageReader const page = calculate(raised(text), m_Merchant.sign(text));
     expectRaised(page, text);
-    EXPECT_EQ(page.text("//section[@aria-labelledby='original']/p/a"), "the DATA of the exchange 2");
+    EXPECT_EQ(page.text("//section[@aria-labelledby='original']/p/a"), "DATA of exchange 2");
     EXPECT_EQ(page.text("//section[@aria-labelledby='original']/p/a/@href"), "/exchange?number=2");
 }
 
@@ -730,9 +731,9 @@ TEST_F(Dashboard, ReportsWhatKindOfKeyIsNamed) {
             .text("//section[@aria-labelledby='comparison']//dl/div[1]/dd");
     };
     EXPECT_EQ(named("1-SERVER-1"), "1-SERVER-1 of this service, old, 512 bits");
-    EXPECT_EQ(named("1-SERVER-2"), "1-SERVER-2 of this service, signs now, 512 bits");
-    EXPECT_EQ(named("x"), "x, which nobody has");
-    EXPECT_EQ(named(""), "none can be read");
+    EXPECT_EQ(named("1-SERVER-2"), "1-SERVER-2 of this service, signing, 512 bits");
+    EXPECT_EQ(named("x"), "x (unknown key)");
+    EXPECT_EQ(named(""), "no KEYID can be read");
 }
 
 TEST_F(Dashboard, KeepsWhatWasPastedWhenItCannotBeRead) {
@@ -747,7 +748,7 @@ TEST_F(Dashboard, KeepsWhatWasPastedWhenItCannotBeRead) {
 TEST_F(Dashboard, CalculatesLongMessages) {
     std::string const text = m_Merchant.payInit("t1", " NOTE=\"" + std::string(300000, 'x') + "\"");
     RawResponse const response = fill("/calculator", {{"DATA", text}, {"SIGNATURE", m_Merchant.sign(text)}});
-    EXPECT_EQ(PageReader(response.m_Body).text("//section[@aria-labelledby='verdict']/p"), "The signature is right.");
+    EXPECT_EQ(PageReader(response.m_Body).text("//section[@aria-labelledby='verdict']/p"), "The signature is valid.");
     EXPECT_EQ(fill("/calculator", {{"DATA", std::string(1024 * 1024, 'x')}}).m_Status, 413);
 }
 

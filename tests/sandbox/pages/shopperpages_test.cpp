@@ -484,7 +484,7 @@ TEST(ErrorPage, SaysWhyAndShowsTheMessageItRead) {
         sandbox::errorPage(409, "the payment is declined already", sampleExchange(kMessage, "00ff"));
     EXPECT_EQ(response.m_Status, 409);
     PageReader const page(response.m_Body);
-    EXPECT_EQ(page.text("//h1"), "The request was turned down");
+    EXPECT_EQ(page.text("//h1"), "Request rejected");
     EXPECT_EQ(page.text("//section[@aria-labelledby='reason']/p"), "the payment is declined already");
     EXPECT_THAT(page.texts("//tbody/tr/th"), ElementsAre("MSGTYPE", "ORDERID", "RESULT"));
     EXPECT_THAT(page.texts("//tbody/tr/td"), ElementsAre("PayConfirm", "A & B", "authorised"));
@@ -514,9 +514,9 @@ TEST(ErrorPage, AdvisesByStatusAndMessage) {
     };
     EXPECT_THAT(advice(400, kMessage), HasSubstr("the message below"));
     EXPECT_THAT(advice(400, ""), HasSubstr("no message to show"));
-    EXPECT_THAT(advice(403, ""), HasSubstr("use the buttons"));
+    EXPECT_THAT(advice(403, ""), HasSubstr("use its buttons"));
     EXPECT_THAT(advice(404, ""), HasSubstr("belongs to this service"));
-    EXPECT_THAT(advice(409, ""), HasSubstr("stays as it is"));
+    EXPECT_THAT(advice(409, ""), HasSubstr("has not changed it"));
     EXPECT_EQ(advice(503, ""), advice(400, ""));
     EXPECT_THAT(PageReader(sandbox::errorPage(400, "x", {}).m_Body).texts("//pre"), IsEmpty());
 }
@@ -551,7 +551,7 @@ TEST(ReturnedPage, RefusesAQueryThatCannotBeRead) {
     for (char const* query : {"DATA=%zz", "DATA=a&DATA=b", "SIGNATURE=1&SIGNATURE=2"}) {
         sandbox::HttpResponse const response = returnedWith(query);
         EXPECT_EQ(response.m_Status, 400) << query;
-        EXPECT_EQ(PageReader(response.m_Body).text("//h1"), "The request was turned down") << query;
+        EXPECT_EQ(PageReader(response.m_Body).text("//h1"), "Request rejected") << query;
     }
 }
 

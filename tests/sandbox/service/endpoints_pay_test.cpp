@@ -251,7 +251,7 @@ TEST_F(PaymentPage, LeadsBackWhoPaidInTimeAndLoadsThePageLater) {
     std::string const address = press(openPage(text), "pay").m_Headers.at("location");
     m_Now = 1700000001;
     RawResponse const page = openPage(text);
-    EXPECT_THAT(page.m_Body, HasSubstr("The payment is decided already"));
+    EXPECT_THAT(page.m_Body, HasSubstr("The payment is already decided"));
     EXPECT_THAT(page.m_Body, HasSubstr("which is authorised"));
     EXPECT_EQ(attributeOf(page.m_Body, "href"), address);
 }
