@@ -7,22 +7,22 @@
 
 namespace sandbox {
 
-/// Answers a request to `/control` and what lies below: what the service knows, and what it is told to do, in JSON.
-/// Nothing when the path is elsewhere.
+/// Answers a request to `/control` or an address below: the JSON API for the service's state and faults. Returns
+/// nothing for other paths.
 ///
-/// Errors are objects with the member "error". Texts that are not UTF-8 have a second member, see putBytes(). POST
-/// needs `Content-Type: application/json`; requests under a foreign host name are refused, see controlguards.h.
+/// Errors are objects with the member "error". A text that is not UTF-8 has a second member, see putBytes(). POST
+/// requires `Content-Type: application/json`; requests for another host name are rejected, see controlguards.h.
 ///
-///     GET    /control                addresses, key, clock and counts
-///     GET    /control/faults         the faults that are armed
-///     POST   /control/faults         arms one
-///     DELETE /control/faults         lifts all
-///     DELETE /control/faults/ID      lifts one
-///     GET    /control/faults/kinds   what can be made to go wrong
-///     GET    /control/payments       with order=, id=, state= those that have all of it
-///     GET    /control/exchanges      with after=NUMBER those that came later
-///     GET    /control/keys           of the service and of the merchants
-///     POST   /control/keys/rotate    makes a new key
+///     GET    /control                addresses, signing key, clock and counts
+///     GET    /control/faults         the armed faults
+///     POST   /control/faults         arms a fault
+///     DELETE /control/faults         removes all faults
+///     DELETE /control/faults/ID      removes one fault
+///     GET    /control/faults/kinds   the kinds of faults
+///     GET    /control/payments       filtered by order=, id=, state=
+///     GET    /control/exchanges      those after number after=
+///     GET    /control/keys           keys of the service and of the merchants
+///     POST   /control/keys/rotate    creates a new signing key
 ///     POST   /control/accounts       creates an account or changes its password
 ///     POST   /control/clock          sets the clock ahead
 std::optional<HttpResponse> handleControl(Services const& services, HttpRequest const& request);

@@ -11,7 +11,7 @@ namespace sandbox {
 
 namespace {
 
-/// ASCII only, whatever the locale is.
+/// ASCII only, independent of the locale.
 std::string lowerCase(std::string text) {
     std::transform(text.begin(), text.end(), text.begin(),
                    [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });

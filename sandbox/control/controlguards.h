@@ -3,17 +3,17 @@
 
 #include "sandbox/http/httpmessages.h"
 
-/// What keeps pages of other sites, open in the same browser as the service, from using it.
+/// Protection from pages of other sites that are open in the same browser.
 namespace sandbox {
 
-/// Throws HttpError (403) when the request names another host than this machine. A browser that was led here by a name
-/// which somebody else points at 127.0.0.1 sends that name, and would let the pages of that name read the answers. A
-/// request without a Host is none of a browser.
+/// Throws HttpError (403) when the Host header names another host than this machine. A foreign name that resolves
+/// to 127.0.0.1 would let pages of that site read the responses; a browser sends that name as Host. Requests without
+/// Host are accepted: browsers always send one.
 void refuseForeignHost(HttpRequest const& request);
 
-/// Throws HttpError (415) when the body is not declared as JSON. A page may have a browser post forms and plain text to
-/// any site; for JSON the browser asks that site first, which is never allowed here. The same holds for the method
-/// DELETE, so that needs no check.
+/// Throws HttpError (415) when the content type is not JSON. A page of another site can post forms and plain text
+/// anywhere, but for JSON the browser sends a preflight request first, which is never granted here. The same applies to
+/// the method DELETE, so it needs no check.
 void requireJson(HttpRequest const& request);
 
 }  // namespace sandbox

@@ -1,3 +1,8 @@
+// JSON of the control API: writing payments, exchanges and faults, reading the objects in requests.
+//
+// Requests are read strictly: unknown members, wrong types and numbers out of range are errors that name the member. A
+// fault is read into text fields first and then parsed by the same code as the option `--fault`.
+
 #include "sandbox/control/controljson.h"
 
 #include <algorithm>
@@ -13,7 +18,7 @@ namespace {
 
 using nlohmann::json;
 
-/// What a member of a fault besides its kind must be.
+/// The required type of a fault's member.
 struct FaultMember {
     char const* m_Name;
     bool (*m_Fits)(json const& value);

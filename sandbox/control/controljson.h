@@ -17,25 +17,25 @@ namespace sandbox {
 
 HttpResponse jsonResponse(int status, nlohmann::json const& content);
 
-/// Sets the member `name` of `object` to `bytes`. What the protocol carries has no encoding, but JSON holds nothing
-/// but UTF-8: a text that is UTF-8 stands as it is; in any other U+FFFD stands for what is not UTF-8, and a second
-/// member, its name followed by "Hex", holds all the bytes in lower-case hexadecimal.
+/// Sets the member `name` of `object` to `bytes`. Values of the protocol have no declared encoding, but JSON is UTF-8:
+/// in a text that is not UTF-8, U+FFFD replaces the invalid bytes, and a second member, named with the suffix "Hex",
+/// contains all bytes in lower-case hexadecimal.
 void putBytes(nlohmann::json& object, std::string const& name, std::string const& bytes);
 
 nlohmann::json notificationJson(Notification const& notification);
 
-/// `notifications` are those of all payments.
+/// `notifications` may contain those of other payments; they are skipped.
 nlohmann::json paymentJson(Payment const& payment, std::vector<Notification> const& notifications);
 nlohmann::json exchangeJson(Exchange const& exchange);
 
-/// The fault under the members that readFault() takes, and what only an armed fault has.
+/// The members that readFault() accepts, and those that only an armed fault has.
 nlohmann::json faultJson(ArmedFault const& armed);
 nlohmann::json faultKindJson(FaultKindRow const& row);
 
-/// The object that `body` holds. Throws HttpError when it holds anything else, or a member that is not in `allowed`.
+/// The object in `body`. Throws HttpError for anything else, and for a member that is not in `allowed`.
 nlohmann::json readObject(std::string const& body, std::vector<std::string> const& allowed);
 
-/// A member of an object. Throws HttpError when it is absent or of another type.
+/// A required member of an object. Throws HttpError when it is missing or has another type.
 std::string requireText(nlohmann::json const& object, std::string const& name);
 std::int64_t requireNumber(nlohmann::json const& object, std::string const& name);
 

@@ -7,7 +7,7 @@
 
 #include "sandbox/service/services.h"
 
-/// The addresses of the control API, one function each. They throw HttpError.
+/// The addresses of the control API, one function each. All throw HttpError.
 namespace sandbox {
 
 HttpResponse getStatus(Services const& services, HttpRequest const& request);
@@ -24,13 +24,13 @@ HttpResponse armFault(Services const& services, HttpRequest const& request);
 HttpResponse liftFault(Services const& services, HttpRequest const& request);
 HttpResponse liftAllFaults(Services const& services, HttpRequest const& request);
 
-/// Lifts the fault whose identifier `text` is; false when none has it.
+/// Removes the fault whose id is `text`; false when there is none.
 bool liftNamedFault(Services const& services, std::string const& text);
 
-/// By how many seconds the clock can be set ahead or back.
+/// Largest clock offset in seconds, in either direction.
 inline constexpr std::int64_t kMaxSecondsAhead = std::int64_t{10} * 365 * 24 * 60 * 60;
 
-/// Sets the clock ahead. Throws HttpError beyond kMaxSecondsAhead.
+/// Sets the clock offset. Throws HttpError beyond kMaxSecondsAhead.
 void setClockAhead(Services const& services, std::int64_t seconds);
 
 }  // namespace sandbox

@@ -7,7 +7,7 @@
 #include "sandbox/text/httpstatus.h"
 #include "sandbox/text/wiretext.h"
 
-/// Faults in the control API.
+/// The control API's addresses for faults.
 namespace sandbox {
 
 HttpResponse getFaults(Services const& services, HttpRequest const&) {

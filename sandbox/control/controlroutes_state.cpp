@@ -1,3 +1,8 @@
+// The control API's addresses for everything but faults: status, payments, exchanges, keys, accounts, clock.
+//
+// Payments are expired first when they are overdue, so that a response never shows an outdated state. Setting the clock
+// wakes the notifier, which then expires payments and sends their notifications.
+
 #include <algorithm>
 #include <cstdint>
 #include <optional>
@@ -14,7 +19,6 @@
 #include "sandbox/text/httpstatus.h"
 #include "sandbox/text/wiretext.h"
 
-/// What the control API tells and changes besides faults.
 namespace sandbox {
 
 namespace {
@@ -50,7 +54,7 @@ nlohmann::json countsJson(Services const& services) {
             {"faults", services.m_Faults.armed().size()}};
 }
 
-/// What a query asks of payments; nothing for any.
+/// Conditions on payments from the query; an absent one matches all.
 struct PaymentFilter {
     std::optional<std::string> m_Order;
     std::optional<std::string> m_Id;

@@ -1,3 +1,10 @@
+// The check of a signature, and the search for the reason when it is not valid.
+//
+// `Calculator::run` reads DATA as a message and SIGNATURE as hexadecimal, opens SIGNATURE with every known key, and
+// compares the digest inside with those of DATA: zero-extended, sign-extended and not extended. If none is equal it
+// tries PSS padding, then each repair of DATA, and at last searches stored messages for the digest. Each step appends a
+// remark; the signature is valid when the only remark is harmless.
+
 #include "sandbox/dashboard/calculator.h"
 
 #include <openssl/err.h>
@@ -21,10 +28,10 @@ constexpr std::size_t kDigestBytes = 20;
 // The DER before the digest in a DigestInfo for SHA-1 (RFC 8017, section 9.2, note 1).
 constexpr char kDigestInfoStart[] = "3021300906052b0e03021a05000414";
 
-/// SIGNATURE as a key opens it.
+/// The content of SIGNATURE after the RSA operation with a public key.
 struct Opened {
     Wrapping m_Wrapping = Wrapping::kUnknown;
-    std::string m_Content;  ///< The digest without what it is wrapped in; empty when there is none.
+    std::string m_Content;  ///< The digest without padding and DigestInfo; empty when there is none.
 };
 
 unsigned char const* bytesOf(std::string const& text) {
@@ -46,7 +53,7 @@ std::string digestOf(std::string const& text, Digested digested) {
     return digest;
 }
 
-/// What the owner of a key signs.
+/// The extension that the owner of a key uses.
 Digested signedBy(KnownKey const& key) {
     return key.ofService() ? Digested::kSignExtended : Digested::kZeroExtended;
 }
@@ -55,7 +62,7 @@ std::size_t sizeOf(KnownKey const& key) {
     return static_cast<std::size_t>(EVP_PKEY_get_size(key.m_Key.get()));
 }
 
-/// The result of the RSA operation, padding and all; empty when there is none.
+/// The result of the RSA operation, padding included; empty on failure.
 std::string rawBlock(KnownKey const& key, std::string const& signature) {
     KeyContextHolder const context(EVP_PKEY_CTX_new(key.m_Key.get(), nullptr));
     std::size_t length = sizeOf(key);
@@ -79,7 +86,7 @@ bool verifiesAsPss(KnownKey const& key, std::string const& digest, std::string c
     return good;
 }
 
-/// `signature` without our padding.
+/// Opens a `signature` that does not have PKCS #1 v1.5 padding of type 1.
 Opened openForeign(KnownKey const& key, std::string const& signature) {
     std::string const block = rawBlock(key, signature);
     if (block.empty()) {
@@ -95,7 +102,7 @@ Opened openForeign(KnownKey const& key, std::string const& signature) {
     return {};
 }
 
-/// `signature` is as long as the modulus.
+/// Opens `signature`, which must be as long as the modulus.
 Opened openUnder(KnownKey const& key, std::string const& signature) {
     std::optional<std::string> const content = signedDigest(key.m_Key.get(), signature);
     if (!content) {
@@ -113,7 +120,7 @@ Opened openUnder(KnownKey const& key, std::string const& signature) {
 
 constexpr std::array<Digested, 3> kAllDigested = {Digested::kZeroExtended, Digested::kSignExtended, Digested::kBytes};
 
-/// The digests of one text.
+/// All digests of one text.
 class Digests {
 public:
     explicit Digests(std::string const& text) {
@@ -122,7 +129,7 @@ public:
         }
     }
 
-    /// What was digested when `digest` is one of these. In plain ASCII it can be either of two; then it is `preferred`.
+    /// The extension that gives `digest`; nothing when none does. In ASCII text both extensions do; then `preferred`.
     [[nodiscard]] std::optional<Digested> find(std::string const& digest, Digested preferred) const {
         std::optional<Digested> found;
         for (auto const& [digested, present] : m_Digests) {
@@ -137,7 +144,7 @@ private:
     std::vector<std::pair<Digested, std::string>> m_Digests;
 };
 
-/// What one key makes of SIGNATURE.
+/// SIGNATURE opened with one key.
 struct Attempt {
     KnownKey const& m_Key;
     std::string m_Signature;  ///< As long as the modulus.
@@ -170,7 +177,7 @@ std::vector<Match> matchesOf(std::vector<Attempt> const& attempts, std::string c
     return matches;
 }
 
-/// PSS holds no digest that could be taken out, so it is tried for DATA as it is only.
+/// With PSS the digest cannot be extracted, so PSS is tried for unchanged DATA only.
 std::vector<Match> pssMatchesOf(std::vector<Attempt> const& attempts, std::string const& text) {
     std::vector<Match> matches;
     for (Attempt const& attempt : attempts) {
@@ -228,7 +235,7 @@ bool isMessage(std::string const& text) {
     }
 }
 
-/// Empty for the wrapping that is right, and for one that cannot be told.
+/// The remark about a wrong wrapping; empty for the right one and for an unknown one.
 std::string faultOf(Wrapping wrapping, std::size_t contentBytes) {
     switch (wrapping) {
         case Wrapping::kDigestInfo:
@@ -250,7 +257,7 @@ std::string faultOf(Wrapping wrapping, std::size_t contentBytes) {
     return "";
 }
 
-/// Fills in a Calculation step by step.
+/// Fills in a Calculation.
 class Calculator {
 public:
     Calculator(std::vector<KnownKey> const& keys, Recall const& recall, Calculation& out)
@@ -306,7 +313,7 @@ private:
         }
     }
 
-    /// SIGNATURE in bytes, as far as it can be read.
+    /// The bytes of SIGNATURE; nothing when it is not hexadecimal.
     std::optional<std::string> readSignature() {
         std::string lower = m_Out.m_Signature;
         for (char& c : lower) {
@@ -357,7 +364,7 @@ private:
                    " known keys, with either extension, not even after undoing common damage to DATA." + more);
     }
 
-    /// `attempt` found a digest that is not of DATA.
+    /// Searches stored messages for the digest in `attempt`, which is not that of DATA.
     void recallOriginal(Attempt const& attempt) {
         KnownKey const& key = attempt.m_Key;
         std::optional<SeenMessage> seen = m_Recall(key, attempt.m_Opened.m_Content);
@@ -435,7 +442,7 @@ private:
         return false;
     }
 
-    /// The one under the key that KEYID names, if it is among them.
+    /// The match with the key in KEYID, otherwise the first.
     [[nodiscard]] Match const& bestMatch() const {
         for (Match const& match : m_Out.m_Matches) {
             if (isNamed(match.m_KeyId, match.m_Account)) {
@@ -462,7 +469,7 @@ private:
         }
     }
 
-    /// Tells what is wrong with a signature of `what`.
+    /// Adds remarks about everything that is wrong with a signature of `what`.
     void explainFaults(Match const& match, std::string const& what) {
         if (!isNamed(match.m_KeyId, match.m_Account) && !m_Out.m_KeyId.empty()) {
             remark(Finding::kWrongKey, "SIGNATURE verifies with " + nameOf(match.m_KeyId, match.m_Account) +

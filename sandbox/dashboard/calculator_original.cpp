@@ -1,3 +1,9 @@
+// The search for the message that was signed instead of DATA, and its differences from DATA.
+//
+// Searched by digest, newest first: each payment's PayInit, the confirmations that the service could have signed for
+// its states, then DATA of all exchanges. Long messages are skipped. Confirmations are not stored; they are built again
+// with the key in question, including the MSGTYPE that the fault `wrong-type` uses.
+
 #include <algorithm>
 #include <cstddef>
 #include <utility>
@@ -6,20 +12,19 @@
 #include "sandbox/dashboard/calculator.h"
 #include "sandbox/service/confirmation.h"
 
-/// Which message was signed when it was not DATA, and what makes it another one.
 namespace sandbox {
 
 namespace {
 
-// Longer ones are passed over, so that looking through all of them stays a matter of a second.
+// Longer messages are skipped, so that the whole search takes about a second.
 constexpr std::int64_t kMaxRecalledBytes = 16 * 1024;
 
 bool hasDigest(std::string const& text, std::string const& digest) {
     return digestOf(text, Widening::kZero) == digest || digestOf(text, Widening::kSign) == digest;
 }
 
-/// The confirmation of `payment` that has this digest, as the service signs them under the key `keyId`, faults
-/// included. Nothing when there is none.
+/// The confirmation of `payment` with this digest, as the service signs it with the key `keyId`, faults included.
+/// Nothing when there is none.
 std::optional<std::string> findConfirmation(std::string const& keyId, Payment const& payment,
                                             std::string const& digest) {
     for (HistoryEntry const& step : payment.m_History) {
@@ -42,7 +47,7 @@ std::optional<std::string> valueOf(Attributes const& attributes, std::string con
     return std::nullopt;
 }
 
-/// `text` without what stands between its attributes: blanks in values stay.
+/// `text` without white space between its attributes. White space in values stays.
 std::string withoutBlanksBetween(std::string const& text) {
     std::string out;
     char quote = '\0';

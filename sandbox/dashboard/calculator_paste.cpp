@@ -5,7 +5,7 @@
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/wiretext.h"
 
-/// Reading what people paste into the calculator.
+/// Parsing the texts pasted into the calculator's form.
 namespace sandbox {
 
 namespace {
@@ -19,18 +19,18 @@ std::string without(std::string text, std::string const& characters) {
     return text;
 }
 
-/// Where "DATA=" begins a piece of a query; npos when it does not.
+/// The position of "DATA=" at the start of a query parameter; npos when there is none.
 std::size_t findData(std::string const& text) {
     constexpr char kName[] = "DATA=";
     std::size_t at = text.find(kName);
-    // The semicolon ends the "&amp;" of an address that was copied out of HTML.
+    // The semicolon is the end of "&amp;" in a URL copied from HTML.
     while (at != std::string::npos && at > 0 && std::string("?&;").find(text[at - 1]) == std::string::npos) {
         at = text.find(kName, at + 1);
     }
     return at;
 }
 
-/// The query of the address `text`, in which DATA stands at `data`.
+/// The query of the URL `text`, which contains DATA at position `data`.
 Query queryOf(std::string const& text, std::size_t data) {
     std::size_t const mark = text.rfind('?', data);
     std::size_t const from = mark == std::string::npos ? 0 : mark + 1;
@@ -57,7 +57,7 @@ SignedTexts readPasted(std::string const& data, std::string const& signature) {
     if (data[begin] == '<') {
         return texts;
     }
-    // A long line comes out of a mail or a terminal with line ends in it.
+    // A long line copied from a mail or a terminal contains line ends.
     std::string const packed = without(data.substr(begin, data.find_last_not_of(kBlanks) + 1 - begin), "\r\n");
     std::size_t const at = findData(packed);
     if (at != std::string::npos) {

@@ -1,10 +1,15 @@
+// Repairs: undoing the damage that a message commonly suffers between two programs.
+//
+// Each row of the table is one repair with its description: white space and line ends, "+" and spaces, percent-encoding
+// done or undone twice, HTML escapes, character encodings. Repairs are tried one at a time, never combined; a repair
+// that does not change the message is left out.
+
 #include <cstddef>
 #include <utility>
 
 #include "sandbox/dashboard/calculator.h"
 #include "sandbox/text/wiretext.h"
 
-/// The damages that a message is known to suffer between two programs, undone one by one.
 namespace sandbox {
 
 namespace {
@@ -60,7 +65,7 @@ std::string decodeAgain(std::string const& text) {
     return percentDecode(text).value_or(text);
 }
 
-/// What an address inside of a message has encoded: everything but printable ASCII, and the percent sign.
+/// Whether a character is percent-encoded in URLs inside a message: all but printable ASCII, and the percent sign.
 bool isEncodedInAddresses(char c) {
     return c <= ' ' || c > '~' || c == '%';
 }
@@ -107,7 +112,7 @@ constexpr Entity kEntities[] = {
     {"&amp;", "&"}, {"&lt;", "<"}, {"&gt;", ">"}, {"&quot;", "\""}, {"&apos;", "'"}, {"&#39;", "'"}, {"&#34;", "\""},
 };
 
-/// The entity that stands at `at`, null for none.
+/// The entity at position `at`; null when there is none.
 Entity const* entityAt(std::string const& text, std::size_t at) {
     for (Entity const& entity : kEntities) {
         if (text.compare(at, std::char_traits<char>::length(entity.m_Name), entity.m_Name) == 0) {
@@ -150,7 +155,7 @@ std::string latin1ToUtf8(std::string const& text) {
     return out;
 }
 
-/// Unchanged when `text` is not UTF-8 or has characters that Latin-1 does not have.
+/// Returns `text` unchanged when it is not UTF-8 or has characters outside Latin-1.
 std::string utf8ToLatin1(std::string const& text) {
     std::string out;
     for (std::size_t at = 0; at < text.size(); ++at) {

@@ -37,8 +37,8 @@ constexpr Route kRoutes[] = {
 };
 // clang-format on
 
-/// The fields of a posted form. Forms write a blank as "+" (URL Standard, section 5.2), which queries of the protocol
-/// do not.
+/// The fields of a posted form. Forms encode a space as "+" (URL Standard, section 5.2), queries of the protocol do
+/// not.
 Query formFields(HttpRequest const& request) {
     return Query(replaceAll(request.m_Body, "+", "%20"));
 }

@@ -7,24 +7,24 @@
 
 namespace sandbox {
 
-/// Answers a request to one of the pages on which people watch the service and make it go wrong. Nothing when the
-/// address is none of them.
+/// Answers a request for a page of the dashboard, which shows the service's state and controls its faults. Returns
+/// nothing for other addresses.
 ///
-/// The pages need no script. Every form carries a key that is another at every start of the service; without it a
-/// form is refused (403), because then a page of another site sent it. Requests under a foreign host name are refused,
-/// see controlguards.h.
+/// The pages use no scripts. Every form contains a key that changes at each start of the service. A form without it is
+/// rejected (403), because it may come from another site. Requests for another host name are rejected, see
+/// controlguards.h.
 ///
-///     GET  /               addresses, payments, exchanges; with live=1 loaded again every two seconds
-///     GET  /payment        with id=: all about one payment
-///     GET  /exchange       with number=: all about one exchange
-///     GET  /faults         what is armed, a form to arm more, what there is
-///     POST /faults         arms one
-///     POST /faults/lift    lifts one or all
+///     GET  /               addresses, payments, exchanges; with live=1 refreshed every two seconds
+///     GET  /payment        with id=: one payment
+///     GET  /exchange       with number=: one exchange
+///     GET  /faults         armed faults, a form to arm one, the kinds of faults
+///     POST /faults         arms a fault
+///     POST /faults/lift    removes one fault or all
 ///     GET  /keys           keys and clock
-///     POST /keys/rotate    makes a new key
+///     POST /keys/rotate    creates a new signing key
 ///     POST /keys/clock     sets the clock ahead
-///     GET  /calculator     a form for DATA and SIGNATURE; with DATA= and SIGNATURE= in the query what is said of them
-///     POST /calculator     the same for what was pasted into the form
+///     GET  /calculator     a form for DATA and SIGNATURE; with DATA= and SIGNATURE= also their check
+///     POST /calculator     checks DATA and SIGNATURE from the form
 std::optional<HttpResponse> handleDashboard(Services const& services, HttpRequest const& request);
 
 }  // namespace sandbox

@@ -1,3 +1,8 @@
+// Elements shared by the dashboard's pages: navigation, tables, forms, the table of exchanges.
+//
+// Arguments are escaped here, except content and table cells, which are HTML already. Wide tables scroll in their own
+// region, which can be focused with the keyboard. Each form contains the hidden key against forms of other sites.
+
 #include "sandbox/dashboard/dashboardparts.h"
 
 #include <cstddef>
@@ -27,13 +32,13 @@ std::string navigation(std::string const& path) {
     return "<nav aria-label=\"Dashboard\">\n<ul>\n" + entries + "</ul>\n</nav>\n";
 }
 
-/// Identifiers as shops make them stay in one line.
+/// Order ids of usual length stay on one line.
 std::string orderCell(std::string const& order) {
     constexpr std::size_t kMaxUnbroken = 32;
     return order.size() <= kMaxUnbroken ? whole(order) : escapeHtml(order);
 }
 
-/// "ok" plain, anything else so that it stands out.
+/// Anything but "ok" is emphasised.
 std::string verdictCell(std::string const& verdict) {
     return verdict == "ok" ? "ok" : "<strong>" + escapeHtml(verdict) + "</strong>";
 }
@@ -60,7 +65,7 @@ std::string whole(std::string const& text) {
 std::string wideTable(std::string const& caption, std::vector<std::string> const& columns,
                       std::vector<Cells> const& rows) {
     std::string const name = escapeHtml(caption);
-    // What scrolls takes the focus, so that a keyboard scrolls it too.
+    // A scrolling region must be focusable, so that it scrolls with the keyboard.
     std::string html = "<div class=\"wide\" role=\"region\" aria-label=\"" + name + "\" tabindex=\"0\">\n<table>\n" +
                        "<caption>" + name + "</caption>\n<thead><tr>";
     for (std::string const& column : columns) {

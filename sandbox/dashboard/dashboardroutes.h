@@ -4,8 +4,8 @@
 #include "sandbox/service/services.h"
 #include "sandbox/text/wiretext.h"
 
-/// The pages of the dashboard, one function each. They throw HttpError. Those that take a Query are given the fields of
-/// the query or of the form; the key of a form has been checked.
+/// The pages of the dashboard, one function each. All throw HttpError. The Query contains the fields
+/// of the address or of the form, whose key has been checked.
 namespace sandbox {
 
 HttpResponse overviewPage(Services const& services, Query const& query);

@@ -1,3 +1,9 @@
+// The signature calculator's page: checks DATA and SIGNATURE from the form or from the address.
+//
+// The result comes first: valid or not, with the reasons; then the message that was signed instead of DATA, if one was
+// found, the digests, the keys that verify, and DATA itself. The form at the end contains the same values again,
+// percent-encoded when the browser would change them.
+
 #include <algorithm>
 #include <optional>
 #include <string>
@@ -10,15 +16,14 @@
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/httpstatus.h"
 
-/// The page that takes a signed message apart.
 namespace sandbox {
 
 namespace {
 
 constexpr char kPath[] = "/calculator";
 
-/// DATA as it can stand in the field and come back from it unchanged. Browsers change line ends there, and pages hold
-/// no bytes that are not UTF-8.
+/// DATA in a form that the text field returns unchanged. Browsers change line ends in it, and a page cannot contain
+/// bytes that are not UTF-8.
 std::string fieldText(std::string const& data) {
     bool const safe =
         data[0] == '<' && std::all_of(data.begin(), data.end(), [](char c) { return c >= ' ' && c <= '~'; });

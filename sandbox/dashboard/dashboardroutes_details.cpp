@@ -1,3 +1,9 @@
+// The pages of one payment and of one exchange.
+//
+// A payment is expired first when it is overdue. Its exchanges are found by payment id or TOKEN in their texts, and by
+// ORDERID only when they contain no TOKEN, since several payments can have the same order. An exchange shows the
+// checks, the decoded message, and request and response exactly as transferred.
+
 #include <optional>
 #include <string>
 #include <vector>
@@ -12,14 +18,13 @@
 #include "sandbox/text/utctime.h"
 #include "sandbox/text/wiretext.h"
 
-/// The pages about one payment and about one exchange.
 namespace sandbox {
 
 namespace {
 
 constexpr char kNotGiven[] = "not given";
 
-/// The payment as it is now. Throws HttpError.
+/// The payment in its current state. Throws HttpError.
 Payment presentPayment(Services const& services, std::string const& id) {
     std::optional<StoredPayment> const stored = services.m_Store.paymentById(id);
     if (!stored) {
@@ -64,7 +69,7 @@ std::string notificationsContent(Services const& services, Payment const& paymen
                      {"RESULT sent", "Address", "State", "Attempts", "Last attempt", "Outcome"}, rows);
 }
 
-/// Exchanges name their payment in different ways, some by its order only, which others can share.
+/// Whether an exchange belongs to a payment. Some name only its order, which other payments may share.
 bool isAbout(Exchange const& exchange, Payment const& payment) {
     for (std::string const* text : {&exchange.m_Data, &exchange.m_Request, &exchange.m_Response}) {
         if (text->find(payment.m_Id) != std::string::npos) {
@@ -77,7 +82,7 @@ bool isAbout(Exchange const& exchange, Payment const& payment) {
             return *token == payment.m_Token;
         }
     } catch (HttpError const&) {
-        // What cannot be read names no token.
+        // A message that cannot be parsed has no TOKEN.
     }
     return !exchange.m_Order.empty() && exchange.m_Order == payment.attribute("ORDERID").value_or("");
 }
@@ -95,7 +100,7 @@ std::string exchangesContent(Services const& services, Payment const& payment) {
     return exchangeTable("Exchanges of this payment, oldest first", found);
 }
 
-/// Links to the exchanges before and after, as far as they are there.
+/// Links to the previous and next exchange, if they exist.
 std::string neighbours(Services const& services, std::int64_t number) {
     std::string links;
     for (auto const& [neighbour, text] : {std::pair(number - 1, "Previous exchange"), {number + 1, "Next exchange"}}) {

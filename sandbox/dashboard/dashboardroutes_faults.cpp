@@ -1,3 +1,8 @@
+// The page of faults: the armed ones, a form to arm one, and the table of kinds.
+//
+// The form has a field for every parameter; empty fields are left out, so that the defaults apply. A rejected form is
+// shown again with the entered values and the reason. Reading a fault is the same as for the option `--fault`.
+
 #include <set>
 #include <string>
 #include <utility>
@@ -9,16 +14,15 @@
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/httpstatus.h"
 
-/// The page on which faults are armed and lifted.
 namespace sandbox {
 
 namespace {
 
 constexpr char kPath[] = "/faults";
 
-/// A detail of a fault as the form asks for it.
+/// A form field for a parameter of a fault.
 struct DetailRow {
-    char const* m_Name;  ///< As in parseFault().
+    char const* m_Name;  ///< The parameter's name, as in parseFault().
     char const* m_Label;
     char const* m_Preset;
 };
@@ -35,7 +39,7 @@ constexpr DetailRow kDetails[] = {
 };
 // clang-format on
 
-/// `chosen` is selected; each option is a value and what it says.
+/// Each option is a value and its text; `chosen` is selected.
 std::string selectField(std::string const& label, std::string const& name, std::string const& chosen,
                         std::vector<std::pair<std::string, std::string>> const& options) {
     std::string html = "<label class=\"full\">" + escapeHtml(label) + "\n<select name=\"" + name + "\">\n";
@@ -68,7 +72,7 @@ std::string exchangeField(std::string const& chosen) {
     return selectField("Exchange", "exchange", chosen, options);
 }
 
-/// `form` holds what had been filled in.
+/// `form` contains the values entered before.
 std::string armContent(Services const& services, Query const& form, std::string const& problem) {
     std::string fields =
         kindField(form.value("kind").value_or("")) + exchangeField(form.value("exchange").value_or(""));
@@ -118,7 +122,7 @@ HttpResponse page(Services const& services, int status, Query const& form, std::
                              section("kinds", "Kinds of faults", kindsContent()));
 }
 
-/// The fault that a form describes. Throws HttpError.
+/// The fault described by a form. Throws HttpError.
 Fault readForm(Query const& form) {
     FaultFields fields = {{"exchange", form.value("exchange").value_or("any")}};
     for (DetailRow const& row : kDetails) {

@@ -10,7 +10,7 @@
 #include "sandbox/text/httpstatus.h"
 #include "sandbox/text/wiretext.h"
 
-/// The page of keys and of the clock.
+/// The page of keys and clock.
 namespace sandbox {
 
 namespace {

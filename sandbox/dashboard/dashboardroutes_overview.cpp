@@ -9,7 +9,7 @@
 #include "sandbox/service/paymentmoves.h"
 #include "sandbox/text/httpstatus.h"
 
-/// The first page of the dashboard.
+/// The first page: payments, exchanges, merchant set-up.
 namespace sandbox {
 
 namespace {

@@ -1,3 +1,9 @@
+// HTML escaping and the elements shared by all pages.
+//
+// `escapeHtml` walks the text by well-formed UTF-8 sequences, found with the table of Unicode's legal byte ranges. A
+// byte that starts no sequence is shown as its Latin-1 character, a control character as its picture, so that the
+// output is always valid UTF-8 and a reader still sees which byte was sent.
+
 #include "sandbox/pages/html.h"
 
 #include <algorithm>
@@ -10,8 +16,8 @@ namespace {
 constexpr char kCarriageReturn[] = "<small>CR</small>";
 constexpr char kReplacement[] = "\xEF\xBF\xBD";  // U+FFFD
 
-/// The forms of a well-formed UTF-8 sequence (Unicode, table 3-7): the second byte is bounded by the first, all further
-/// bytes are 0x80 to 0xBF.
+/// One form of a well-formed UTF-8 sequence (Unicode, table 3-7). The range of the second byte depends on the first;
+/// all further bytes are 0x80 to 0xBF.
 struct SequenceForm {
     unsigned char m_FirstFrom, m_FirstTo;
     unsigned char m_SecondFrom, m_SecondTo;
@@ -36,7 +42,7 @@ bool within(unsigned char byte, unsigned char from, unsigned char to) {
     return from <= byte && byte <= to;
 }
 
-/// The length of the well-formed sequence at the beginning of `bytes`, 0 when there is none.
+/// The length of the well-formed sequence at the beginning of `bytes`; 0 when there is none.
 std::size_t sequenceLength(unsigned char const* bytes, std::size_t available) {
     for (SequenceForm const& form : kForms) {
         if (!within(bytes[0], form.m_FirstFrom, form.m_FirstTo)) {
@@ -57,7 +63,7 @@ std::string latin1Character(unsigned char byte) {
     return {static_cast<char>(0xC0 | byte >> 6), static_cast<char>(0x80 | (byte & 0x3F))};
 }
 
-/// The control picture for `byte`: U+2400 and up, U+2421 for DEL.
+/// The control picture of `byte`: U+2400 and up, U+2421 for DEL.
 std::string controlPicture(unsigned char byte) {
     unsigned char const offset = byte == 0x7F ? 0x21 : byte;
     return {'\xE2', '\x90', static_cast<char>(0x80 | offset)};
@@ -84,7 +90,7 @@ std::string escapedAscii(char c) {
     }
 }
 
-/// A sequence of several bytes that no page may hold: U+0080 to U+009F are controls, U+FFFE and U+FFFF no characters.
+/// Whether a sequence of several bytes must not be in a page: the controls U+0080 to U+009F, U+FFFE and U+FFFF.
 bool isUnusable(std::string const& sequence) {
     return (sequence[0] == '\xC2' && within(static_cast<unsigned char>(sequence[1]), 0x80, 0x9F)) ||
            sequence == "\xEF\xBF\xBE" || sequence == "\xEF\xBF\xBF";
@@ -134,13 +140,13 @@ std::string hiddenField(std::string const& name, std::string const& value) {
 }
 
 std::string verbatim(std::string const& text) {
-    // Few fonts have the picture, and it stands at the end of every line of a head.
+    // Few fonts have this picture, and every header line ends with it.
     std::string const picture = controlPicture('\r');
     std::string content = escapeHtml(text);
     for (std::size_t at = content.find(picture); at != std::string::npos; at = content.find(picture, at)) {
         content.replace(at, picture.size(), kCarriageReturn);
     }
-    // The inner element keeps a line end at the beginning, which a browser drops right after <pre>.
+    // A browser drops a line end directly after <pre>; the inner element keeps it.
     return "<pre><code>" + content + "</code></pre>\n";
 }
 

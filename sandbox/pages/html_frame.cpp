@@ -6,9 +6,9 @@ namespace {
 
 constexpr char kName[] = "tallowin-sandbox";
 
-// Every colour is a custom property, and a rule that sets the colour of text sets its background too, so that the
-// contrast of each pair can be computed from the sheet. Text has 4.5:1 and more, lines and the focus have 3:1 and more,
-// in both schemes; print is always light. No rule is wider than the window: everything wraps anywhere it must.
+// Every colour is a custom property, and a rule that sets a text colour also sets the background, so that tests can
+// compute each contrast from the sheet: at least 4.5:1 for text and 3:1 for lines and focus, in both colour schemes.
+// Print is always light. No rule is wider than the window; long words wrap anywhere.
 constexpr char kStyleSheet[] = R"css(
 :root{color-scheme:light dark;
 --page:#ffffff;--text:#1b1f24;--notice:#fff3cd;--notice-text:#4a3500;--panel:#f2f4f7;--panel-text:#1b1f24;
@@ -64,8 +64,8 @@ dl div{display:grid;grid-template-columns:12rem minmax(0,1fr);gap:1rem;align-ite
 @media print{dl div,tr{break-inside:avoid}}
 )css";
 
-// The pages need nothing from elsewhere, so that nothing a value could smuggle in would be loaded or run either.
-// Deliberate (no-form-action): no `form-action`, which would stop the redirect from the form to the shop.
+// The pages load nothing, so the policy forbids everything but inline styles: injected content could neither load nor
+// run. Deliberate (no-form-action): no `form-action`, which would block the form's redirect to the shop.
 constexpr char kPolicy[] = "default-src 'none'; style-src 'unsafe-inline'";
 
 }  // namespace

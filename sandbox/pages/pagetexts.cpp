@@ -1,10 +1,15 @@
+// The texts of the payment page in six languages, and the choice of a language by LANGID.
+//
+// Each table has one row per PageText in the order of the enumeration; a static assertion checks that no row is
+// missing, empty or misplaced. Only the page for shoppers is translated: error pages and dashboard are for developers.
+
 #include "sandbox/pages/pagetexts.h"
 
 namespace sandbox {
 
 namespace {
 
-// "\u00A0" keeps a French colon on the line of its word.
+// "\u00A0" keeps a French colon on the same line as the word before it.
 // clang-format off
 constexpr PageTextTable kEnglish = {{
     {PageText::kTitle,           "Payment"},
@@ -115,7 +120,7 @@ constexpr PageTextTable kDutch = {{
 }};
 // clang-format on
 
-/// Whether every text stands in its row: a row that is missing or empty, or in another place, makes it false.
+/// Whether every row is present, not empty and in its place.
 constexpr bool isComplete(PageTextTable const& table) {
     for (std::size_t i = 0; i < table.size(); ++i) {
         if (static_cast<std::size_t>(table[i].m_Id) != i || table[i].m_Text == nullptr || *table[i].m_Text == '\0') {
@@ -147,7 +152,7 @@ constexpr bool areComplete(std::array<Language, kLanguageCount> const& languages
 
 static_assert(areComplete(kLanguages), "every language has every text");
 
-/// The first part of a LANGID in lower case, whatever the locale of the process is.
+/// The first part of a LANGID in lower case. Independent of the process's locale.
 std::string primaryTag(std::string const& langId) {
     std::string tag = langId.substr(0, langId.find_first_of("-_"));
     for (char& c : tag) {

@@ -7,10 +7,10 @@
 
 namespace sandbox {
 
-/// What the payment page says, in the order of the tables.
+/// The texts of the payment page, in the order of the tables.
 enum class PageText {
     kTitle,
-    kNotice,  ///< That this is a sandbox, where no money moves.
+    kNotice,  ///< States that this is a sandbox and no money moves.
     kOrderHeading,
     kOrder,
     kDescription,
@@ -19,7 +19,7 @@ enum class PageText {
     kMerchantNumber,
     kPayableUntil,
     kPaymentNumber,
-    kNotGiven,  ///< In the place of a value that the merchant left out.
+    kNotGiven,  ///< Replaces a value that the merchant did not send.
     kDecisionHeading,
     kPay,
     kDecline,
@@ -36,7 +36,7 @@ struct PageTextRow {
 
 using PageTextTable = std::array<PageTextRow, kPageTextCount>;
 
-/// A language of the payment page. There are only those of allLanguages(), and they live for ever.
+/// A language of the payment page. All instances are in allLanguages() and static.
 struct Language {
     char const* m_Tag;  ///< For the attribute `lang` (BCP 47), lower case.
     PageTextTable const& m_Texts;
@@ -49,8 +49,8 @@ constexpr std::size_t kLanguageCount = 6;
 /// Every language, English first.
 std::array<Language, kLanguageCount> const& allLanguages();
 
-/// The language that a LANGID names by its first part: "de", "DE", "de-AT" and "de_AT" are all German. English for
-/// every other text.
+/// The language of a LANGID, chosen by its first part: "de", "DE", "de-AT" and "de_AT" are all German. English for any
+/// other text.
 Language const& languageFor(std::string const& langId);
 
 }  // namespace sandbox

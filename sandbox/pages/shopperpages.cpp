@@ -7,7 +7,7 @@
 #include "sandbox/text/httpstatus.h"
 #include "sandbox/text/utctime.h"
 
-/// The pages made of payments; those that show a message stand in pages_message.cpp.
+/// The payment page. Pages that show a message are in shopperpages_message.cpp.
 namespace sandbox {
 
 namespace {
@@ -21,7 +21,7 @@ std::string valueOr(Payment const& payment, char const* name, std::string const&
     return value.empty() ? otherwise : value;
 }
 
-/// The end of the time to pay as HTML: readable in every language, "2024-01-31 23:59:07 UTC".
+/// The expiration time as HTML, readable in every language: "2024-01-31 23:59:07 UTC".
 std::string expirationContent(std::string const& text) {
     std::optional<std::time_t> const moment = parseExpiration(text);
     if (!moment) {

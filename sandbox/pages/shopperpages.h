@@ -9,28 +9,28 @@
 #include "sandbox/store/store.h"
 #include "sandbox/store/storedpayment.h"
 
-/// The HTML pages: plain, without scripts, readable by a screen reader and on a phone. Everything that comes from
-/// outside is escaped.
+/// The pages for shoppers. Plain HTML without scripts, usable with screen readers and on phones. All values from
+/// outside are escaped.
 namespace sandbox {
 
-/// The page on which the shopper decides, in the language of LANGID.
+/// The payment page, on which the shopper decides, in the language of LANGID.
 HttpResponse paymentPage(StoredPayment const& stored, std::string const& customer);
 
-/// Tells why a request was turned down, shows the message it held, and says what the merchant can do.
+/// The page for a rejected request: the reason, advice for the merchant, and the message of the request.
 HttpResponse errorPage(int status, std::string const& reason, Exchange const& exchange);
 
-/// The same for a payment on which nobody can decide any more, with a link to `address` unless that is empty.
+/// The same for a payment that is already decided or expired, with a link to `address` unless that is empty.
 HttpResponse decidedPage(int status, StoredPayment const& stored, std::string const& reason,
                          std::string const& address);
 
-/// Tells the outcome of a payment whose merchant gave no link to return to. `signedQuery` is what such a link would
-/// have been given.
+/// The outcome of a payment whose merchant gave no return link. `signedQuery` is the query such a link would have
+/// contained.
 HttpResponse outcomePage(Payment const& payment, std::string const& signedQuery);
 
-/// Where shoppers end whose merchant uses the default links. A query that cannot be read gives the error page.
+/// The target of the default return links. A query that cannot be read gives the error page.
 HttpResponse returnedPage(HttpRequest const& request);
 
-/// AMOUNT and CURRENCY, as far as they are there; `notGiven` stands for the amount.
+/// AMOUNT and CURRENCY; `notGiven` replaces a missing amount.
 std::string amountText(Payment const& payment, std::string const& notGiven);
 
 /// Names and values as a table.

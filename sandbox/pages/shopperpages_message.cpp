@@ -1,3 +1,8 @@
+// The pages that show a message, in English: they are read by developers of a shop.
+//
+// Each page is a list of sections: the reason, advice chosen by HTTP status, the attributes of the message, DATA and
+// SIGNATURE exactly as sent. A message that cannot be parsed is shown as text, with the reason.
+
 #include <optional>
 
 #include "sandbox/pages/shopperpages.h"
@@ -6,7 +11,6 @@
 #include "sandbox/text/paymessage.h"
 #include "sandbox/text/wiretext.h"
 
-/// The pages that show a message, in English: they speak to whoever builds the shop.
 namespace sandbox {
 
 namespace {
@@ -50,7 +54,7 @@ std::string signatureSection(std::string const& signature) {
     return section("signature", "SIGNATURE", verbatim(signature));
 }
 
-/// The sections for DATA and SIGNATURE of a query. Throws HttpError when it cannot be taken apart.
+/// The sections for DATA and SIGNATURE of a query. Throws HttpError when the query cannot be parsed.
 std::string signedSections(Query const& query) {
     std::optional<std::string> const data = query.value("DATA");
     std::optional<std::string> const signature = query.value("SIGNATURE");
