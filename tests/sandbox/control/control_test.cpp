@@ -38,7 +38,7 @@ protected:
         return content(jsonPost(target, body.dump()), status);
     }
 
-    /// The text of an error with this status.
+    /// The reason in an error response, whose status must be this.
     std::string error(std::string const& request, int status) const {
         return content(request, status).at("error").get<std::string>();
     }
@@ -51,7 +51,7 @@ protected:
 
     [[nodiscard]] json lastExchange() const { return getJson("/control/exchanges").at("exchanges").back(); }
 
-    /// The value of an attribute as the control API tells it.
+    /// The value of an attribute in the control API's response.
     static std::string attribute(json const& payment, std::string const& name) {
         for (json const& entry : payment.at("attributes")) {
             if (entry.at("name") == name) {
@@ -521,7 +521,7 @@ TEST_F(Control, RefusesClocksOutOfRange) {
     EXPECT_EQ(post("/control/clock", {{"ahead", 315360000}}, 200).at("ahead"), 315360000);
 }
 
-// --- What keeps other pages out, and what is not there
+// --- Requests of other sites, unknown addresses
 
 TEST_F(Control, TakesNothingButJson) {
     for (char const* type : {"text/plain", "application/x-www-form-urlencoded", "", "application/jsonx",

@@ -15,7 +15,7 @@
 #include "sandbox/text/wiretext.h"
 #include "tests/sandbox/support/testmerchant.h"
 
-/// What the calculator finds out about signed messages.
+/// The signature calculator: valid signatures, wrong ones with the reason, repairs, pasted texts.
 namespace {
 
 using namespace sandbox;
@@ -27,7 +27,7 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
 
-/// A service with two keys, two merchants with one each, and what they sign.
+/// Two keys of the service, two merchants with one key each, and signed messages.
 class Calculate : public ::testing::Test {
 protected:
     Calculate() {
@@ -51,7 +51,7 @@ protected:
         });
     }
 
-    /// The calculation for `sent` under a signature of `signedText` by the merchant.
+    /// The result for `sent` with the merchant's signature of `signedText`.
     [[nodiscard]] Calculation afterDamage(std::string const& signedText, std::string const& sent) const {
         return of(sent, m_Merchant.sign(signedText));
     }
@@ -74,7 +74,7 @@ protected:
 
     TestMerchant m_Merchant{"0-1001-testkey"};
     std::vector<KnownKey> m_Keys;
-    std::vector<std::string> m_Seen;  ///< Messages that the service remembers.
+    std::vector<std::string> m_Seen;  ///< Messages stored by the service.
     std::string const m_Text = "<KVX MSGTYPE=\"PayInit\" KEYID=\"0-1001-testkey\" NOTE=\"Caf\xE9\"/>";
     std::string const m_Plain = "<KVX MSGTYPE=\"PayInit\" KEYID=\"0-1001-testkey\" NOTE=\"Tea\"/>";
     std::string const m_Confirm = "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"1-SERVER-2\" NOTE=\"Caf\xE9\"/>";
@@ -97,7 +97,7 @@ std::string textsOf(Calculation const& result) {
     return texts;
 }
 
-/// Where a damage was undone; empty when none was, or more than one thing is wrong with the match.
+/// The repair with which the signature verifies; empty for none, or when anything else is wrong.
 std::string repairOf(Calculation const& result) {
     if (result.m_Right || result.m_Matches.size() != 1 || result.m_Matches[0].m_KeyId != "0-1001-testkey" ||
         result.m_Matches[0].m_Digested != Digested::kZeroExtended ||
@@ -109,7 +109,7 @@ std::string repairOf(Calculation const& result) {
     return result.m_Matches[0].m_Repair;
 }
 
-// --- What is right
+// --- Valid signatures
 
 TEST_F(Calculate, FindsAMerchantsSignatureRight) {
     Calculation const result = of(m_Text, m_Merchant.sign(m_Text));
@@ -162,7 +162,7 @@ TEST_F(Calculate, ReportsThatAKeyOfTheServiceIsOld) {
     EXPECT_FALSE(result.m_Key->m_Current);
 }
 
-// --- What is missing or cannot be read
+// --- Missing or unreadable texts
 
 TEST_F(Calculate, ReportsWhatIsMissing) {
     EXPECT_THAT(findingsOf(of("", "00")), ElementsAre(Finding::kDataMissing));
@@ -208,7 +208,7 @@ TEST_F(Calculate, ReportsThatSignatureIsNotHexadecimal) {
     EXPECT_THAT(textsOf(foreign), HasSubstr("character number 2"));
 }
 
-// --- What differs in the signature
+// --- Wrong signatures
 
 TEST_F(Calculate, ReportsUpperCase) {
     std::string upper = m_Merchant.sign(m_Text);
@@ -279,7 +279,7 @@ TEST_F(Calculate, ReportsOtherContent) {
     EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kWrongWrapping, Finding::kNothingFits));
     EXPECT_EQ(result.m_HeldDigest, toHex(std::string(32, 'x')));
     EXPECT_THAT(textsOf(result), HasSubstr("32 bytes"));
-    // As long as a DigestInfo, but none.
+    // As long as a DigestInfo, but not one.
     EXPECT_THAT(textsOf(of(m_BigText, signBlock(std::string(35, 'x'), RSA_PKCS1_PADDING))),
                 HasSubstr("contains 35 bytes"));
 }
@@ -303,7 +303,7 @@ TEST_F(Calculate, ReportsForeignPadding) {
     }
 }
 
-// --- What differs in keys and widening
+// --- Wrong keys and extensions
 
 TEST_F(Calculate, ReportsTheWrongWidening) {
     Calculation const merchant = of(m_Text, m_Merchant.sign(m_Text, true));
@@ -361,7 +361,7 @@ TEST_F(Calculate, PrefersTheNamedKeyAmongSeveral) {
 
 // --- Another message
 
-/// The differences as "NAME: signed, pasted", with "-" for what is missing.
+/// The differences as "NAME: signed, pasted", with "-" for a missing attribute.
 std::vector<std::string> differencesOf(Calculation const& result) {
     std::vector<std::string> texts;
     for (Difference const& difference : result.m_Original.value().m_Differences) {
@@ -475,7 +475,7 @@ TEST_F(Calculate, PrefersTheNamedKeyForTheOtherMessageToo) {
     EXPECT_THAT(textsOf(result), HasSubstr("'0-1003-copy' of the merchant copycat"));
 }
 
-// --- Damages on the way
+// --- Damaged messages
 
 TEST_F(Calculate, UndoesEachDamage) {
     std::string const head = "<KVX MSGTYPE=\"PayInit\" KEYID=\"0-1001-testkey\" NOTE=\"";
@@ -528,7 +528,7 @@ TEST_F(Calculate, ReportsDamageAndWrongKeyTogether) {
 }
 
 TEST_F(Calculate, DoesNotUndoWhatIsRight) {
-    // The message is right as it is, so no repair of it is looked at.
+    // The unchanged message verifies, so no repair is tried.
     std::string const text = "<KVX MSGTYPE=\"PayInit\" KEYID=\"0-1001-testkey\" NOTE=\"a+b%20&amp;amp;\"/>\n";
     Calculation const result = of(text, m_Merchant.sign(text));
     EXPECT_TRUE(result.m_Right);
@@ -539,7 +539,7 @@ TEST(Repairs, LeaveOutWhatChangesNothing) {
     for (Repair const& repair : repairs("<KVX/>")) {
         EXPECT_NE(repair.m_Text, "<KVX/>") << repair.m_Description;
     }
-    EXPECT_EQ(repairs("<KVX/>").size(), 2u);  // both put a line end behind it
+    EXPECT_EQ(repairs("<KVX/>").size(), 2u);  // both append a line end
 }
 
 TEST(Repairs, SurviveAnyBytes) {
@@ -557,7 +557,7 @@ TEST(Repairs, TakeNoLongerForManyDamagesThanForOne) {
     }
 }
 
-// --- What people paste
+// --- Pasted texts
 
 std::string shown(SignedTexts const& texts) {
     return texts.m_Data + "|" + texts.m_Signature;
@@ -571,7 +571,7 @@ TEST(ReadPasted, TakesDataInEveryForm) {
     };
     for (Row const& row : {
              Row{"<KVX A=\"%20+\"/>", "00ff", "<KVX A=\"%20+\"/>|00ff"},
-             {" <KVX/>\r\n", "00", " <KVX/>\r\n|00"},  // blanks may be what is wrong
+             {" <KVX/>\r\n", "00", " <KVX/>\r\n|00"},  // the white space may be the damage
              {"%3cKVX%2F%3e", " 00 ", "<KVX/>|00"},
              {" %3cKVX\r\n%2f%3e\n", "0\n0\r\n", "<KVX/>|00"},
              {"a+b", "", "a+b|"},
@@ -583,7 +583,7 @@ TEST(ReadPasted, TakesDataInEveryForm) {
              {"http://shop/ok?DATA=%3c&amp;SIGNATURE=0a", "", "<|0a"},
              {"http://shop/ok?cart=7&amp;DATA=%3c&amp;SIGNATURE=0a", "", "<|0a"},
              {"?DATA=%3c", "", "<|"},
-             {"XDATA=%3c", "", "XDATA=<|"},  // the name of something else
+             {"XDATA=%3c", "", "XDATA=<|"},  // another parameter
              {"", "00", "|00"},
              {" \r\n", "", "|"},
              {"<KVX NOTE=\"http://x/?DATA=a\"/>", "", "<KVX NOTE=\"http://x/?DATA=a\"/>|"},

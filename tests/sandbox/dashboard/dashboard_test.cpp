@@ -28,7 +28,7 @@ using ::testing::StartsWith;
 
 using Fields = std::map<std::string, std::string>;
 
-/// Everything that could break a page, as a value of an attribute, and how it is to be read there.
+/// A value with everything that could break a page, and how the page must show it.
 constexpr char kNasty[] = "&lt;script&gt;alert(1)&lt;/script&gt;&amp;&quot;&apos;\xE9\x80\x1B";
 constexpr char kNastyShown[] = "<script>alert(1)</script>&\"'\u00E9\uFFFD\u241B";
 
@@ -38,7 +38,7 @@ protected:
         return parseResponse(exchangeRaw(m_Service->controlPort(), request));
     }
 
-    /// The page at `target`, which must have this status.
+    /// Loads the page at `target` and expects this status.
     [[nodiscard]] PageReader open(std::string const& target, int status = 200) const {
         RawResponse const response = ask(bareRequest("GET", target));
         EXPECT_EQ(response.m_Status, status) << target;
@@ -75,7 +75,7 @@ std::string tableRow(std::string const& section, int row) {
     return "//section[@aria-labelledby='" + section + "']//tbody/tr[" + std::to_string(row) + "]/*";
 }
 
-// --- What all pages have in common
+// --- All pages
 
 class EveryDashboardPage : public Dashboard {
 protected:
@@ -194,7 +194,7 @@ TEST_F(Dashboard, RefusesOtherMethods) {
 
 // --- The overview
 
-TEST_F(Dashboard, ReportsHowToSetAMerchantUp) {
+TEST_F(Dashboard, ShowsTheAddressesForMerchantSetUp) {
     sandbox::Options all = options();
     all.m_Tls = true;
     all.m_Proxy = true;
@@ -259,7 +259,7 @@ TEST_F(Dashboard, ShowsTheNewestExchanges) {
     EXPECT_EQ(later.text(tableRow("exchanges", 50) + "[1]"), "4");
 }
 
-TEST_F(Dashboard, CanBeWatchedLive) {
+TEST_F(Dashboard, CanRefreshItself) {
     PageReader const still = open("/");
     EXPECT_EQ(still.count("//meta[@http-equiv='refresh']"), 0u);
     EXPECT_EQ(still.text("//main/p/a[@href='/?live=1']"), "Refresh every two seconds");
@@ -284,7 +284,7 @@ TEST_F(Dashboard, ShowsAPayment) {
     EXPECT_EQ(page.count("//section[@aria-labelledby='history']//tbody/tr"), 3u);
     EXPECT_THAT(page.text("//section[@aria-labelledby='notifications']/p"), HasSubstr("no NOTIFYADDRESS"));
     EXPECT_THAT(page.texts("//section[@aria-labelledby='attributes']//tbody/tr[3]/*"), ElementsAre("TOKEN", "t1"));
-    // The page, the decision and the capture, and nothing of the other payment of the same order.
+    // Page, decision and capture, but no exchange of the other payment with the same order.
     EXPECT_THAT(page.texts("//section[@aria-labelledby='exchanges']//tbody/tr/th/a/@href"),
                 ElementsAre("/exchange?number=2", "/exchange?number=3", "/exchange?number=4"));
 }
@@ -317,7 +317,7 @@ TEST_F(Dashboard, ShowsForeignBytesOfAPaymentAsText) {
     EXPECT_THAT(open("/").texts(tableRow("payments", 1)), Contains(kNastyShown));
 }
 
-TEST_F(Dashboard, ReportsThatThereIsNoSuchPaymentOrExchange) {
+TEST_F(Dashboard, ReportsAnUnknownPaymentOrExchange) {
     for (char const* target : {"/payment", "/payment?id=", "/payment?id=%3cb%3e%00", "/exchange",
                                "/exchange?number=", "/exchange?number=x", "/exchange?number=0", "/exchange?number=99",
                                "/exchange?number=99999999999999999999", "/exchange?number=1%20"}) {
@@ -361,7 +361,7 @@ TEST_F(Dashboard, ShowsWhatWasWrongWithAnExchange) {
     EXPECT_THAT(page.texts("//section[@aria-labelledby='steps']//strong"), Contains("no"));
 }
 
-TEST_F(Dashboard, ShowsAnExchangeThatWasNotLookedAt) {
+TEST_F(Dashboard, ShowsAnExchangeThatWasNotChecked) {
     m_Service->arm(sandbox::parseFault("reset,exchange=capture"));
     EXPECT_THROW(get("/capture?DATA=" + percentEncoded("<KVX MSGTYPE=\"PayConfirm\"/>")), std::runtime_error);
     PageReader const page = open("/exchange?number=2");
@@ -370,7 +370,7 @@ TEST_F(Dashboard, ShowsAnExchangeThatWasNotLookedAt) {
     EXPECT_THAT(page.texts("//section[@aria-labelledby='message']//tbody/tr/*"), ElementsAre("MSGTYPE", "PayConfirm"));
 }
 
-TEST_F(Dashboard, ReportsWhyANotificationHasNoSteps) {
+TEST_F(Dashboard, ExplainsWhyANotificationHasNoChecks) {
     m_Service->arm(sandbox::parseFault("drop,exchange=notification"));
     press(openPage(m_Merchant.payInit("t1", " NOTIFYADDRESS=\"http://127.0.0.1:1/\"")), "pay");
     std::string number;
@@ -389,7 +389,7 @@ TEST_F(Dashboard, ReportsWhyANotificationHasNoSteps) {
     EXPECT_EQ(page.text("//h2[@id='answer']"), "Response of the merchant");
 }
 
-TEST_F(Dashboard, ReportsWhatWasSentOfAnAnswer) {
+TEST_F(Dashboard, ShowsHowMuchOfAResponseWasSent) {
     m_Service->arm(sandbox::parseFault("truncate,exchange=status,bytes=9"));
     exchangeRaw(m_Service->plainPort(),
                 merchantGet("/capture" + m_Merchant.signedQuery(m_Merchant.message("StatusRequest", " TOKEN=\"t1\""))));
@@ -398,7 +398,7 @@ TEST_F(Dashboard, ReportsWhatWasSentOfAnAnswer) {
     EXPECT_THAT(page.text("//main/dl/div[8]/dd"), StartsWith("9 bytes, then the end, after "));
 }
 
-TEST_F(Dashboard, ReportsHowADecisionCameAbout) {
+TEST_F(Dashboard, ShowsTheChecksOfADecision) {
     press(openPage(m_Merchant.payInit("t1")), "decline");
     PageReader const page = open("/exchange?number=3");
     EXPECT_THAT(page.texts(tableRow("steps", 1)),
@@ -406,7 +406,7 @@ TEST_F(Dashboard, ReportsHowADecisionCameAbout) {
     EXPECT_THAT(page.texts(tableRow("steps", 2)), ElementsAre("The shopper decided", "decline", "yes"));
 }
 
-TEST_F(Dashboard, ReportsThatARequestWasCutOff) {
+TEST_F(Dashboard, ShowsAnInterruptedRequest) {
     m_Service.reset();
     sandbox::Database(m_Directory.path() + "/sandbox.db")
         .execute(
@@ -426,7 +426,7 @@ TEST_F(Dashboard, ShowsRawBytesOfAnExchange) {
     EXPECT_EQ(page.count("//main/ul/li/a[contains(@href, 'calculator')]"), 0u);
 }
 
-TEST_F(Dashboard, TakesAnExchangeToTheCalculator) {
+TEST_F(Dashboard, LinksAnExchangeToTheCalculator) {
     std::string const text = m_Merchant.payInit("t1", " NOTE=\"a+b%20&amp;\xE9\n\"");
     openPage(text);
     std::string const target = open("/exchange?number=2").text("//a[contains(@href, 'calculator?')]/@href");
@@ -437,7 +437,7 @@ TEST_F(Dashboard, TakesAnExchangeToTheCalculator) {
 
 // --- Faults
 
-TEST_F(Dashboard, ArmsAndLiftsFaults) {
+TEST_F(Dashboard, ArmsAndRemovesFaults) {
     EXPECT_EQ(open("/faults").text("//section[@aria-labelledby='armed']/p"), "No fault is armed.");
     RawResponse const armed = fill("/faults", {{"kind", "error"},
                                                {"exchange", "setup"},
@@ -603,7 +603,7 @@ TEST_F(Dashboard, SetsTheClock) {
 
 // --- The calculator
 
-TEST_F(Dashboard, CalculatesWhatIsPasted) {
+TEST_F(Dashboard, ChecksPastedTexts) {
     std::string const text = m_Merchant.payInit("t1", " NOTE=\"Caf\xE9\"");
     PageReader const empty = open("/calculator");
     EXPECT_EQ(empty.count("//section"), 1u);
@@ -622,7 +622,7 @@ TEST_F(Dashboard, CalculatesWhatIsPasted) {
         EXPECT_THAT(page.texts(tableRow("matches", 1)),
                     ElementsAre(m_Merchant.keyId(), "the merchant demo", "zero-extended", "unchanged"));
         EXPECT_THAT(page.texts("//section[@aria-labelledby='message']//tbody/tr[3]/*"), ElementsAre("TOKEN", "t1"));
-        // What stands in the field afterwards gives the same result again.
+        // The text in the field afterwards gives the same result.
         std::string const kept = page.text("//textarea[@name='DATA']").substr(1);
         RawResponse const again =
             fill("/calculator", {{"DATA", kept}, {"SIGNATURE", page.text("//textarea[@name='SIGNATURE']").substr(1)}});
@@ -647,7 +647,7 @@ TEST_F(Dashboard, ExplainsWhatDiffers) {
     EXPECT_EQ(half.count("//section[@aria-labelledby='message']"), 0u);
 }
 
-/// The page of the calculator for what was signed, under what was sent in its place.
+/// The calculator's page for a message that is not the one signed.
 class DashboardCalculator : public Dashboard {
 protected:
     [[nodiscard]] PageReader calculate(std::string const& sent, std::string const& signature) const {
@@ -690,7 +690,7 @@ TEST_F(DashboardCalculator, ShowsWhatWasSignedInAConfirmation) {
             m_Service->rotateServerKey();
             m_Service->arm(sandbox::parseFault(fault));
         }
-        // A merchant without links sees it on a page only.
+        // Without return links the confirmation is shown on a page.
         std::string const token = std::string("t") + fault;
         PageReader const outcome(press(openPage(m_Merchant.message("PayInit", " TOKEN=\"" + token +
                                                                                   "\" EXPIRATION=\"20991231 23:59:59\" "
@@ -715,7 +715,7 @@ TEST_F(DashboardCalculator, ShowsWhatWasSignedInAnyExchange) {
     EXPECT_EQ(page.text("//section[@aria-labelledby='original']/p/a/@href"), "/exchange?number=2");
 }
 
-TEST_F(DashboardCalculator, PassesOverWhatIsVeryLong) {
+TEST_F(DashboardCalculator, SkipsLongMessages) {
     std::string const text =
         m_Merchant.message("PayConfirm", " AMOUNT=\"12.50\" NOTE=\"" + std::string(16 * 1024, 'x') + "\"");
     askCapture(text);
@@ -723,7 +723,7 @@ TEST_F(DashboardCalculator, PassesOverWhatIsVeryLong) {
     EXPECT_EQ(page.count("//section[@aria-labelledby='original']"), 0u);
 }
 
-TEST_F(Dashboard, ReportsWhatKindOfKeyIsNamed) {
+TEST_F(Dashboard, DescribesTheKeyInKeyId) {
     EXPECT_EQ(fill("/keys/rotate", {}).m_Status, 303);
     auto const named = [this](std::string const& keyId) {
         std::string const text = "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"" + keyId + "\"/>";

@@ -15,7 +15,7 @@
 #include "tests/sandbox/support/pagereader.h"
 #include "tests/sandbox/support/testmerchant.h"
 
-/// The pages as they are made, without a service around them.
+/// The pages for shoppers, without a running service.
 namespace {
 
 using namespace sandboxtest;
@@ -26,7 +26,7 @@ using ::testing::IsEmpty;
 using ::testing::Not;
 using ::testing::StartsWith;
 
-/// Everything that could break a page, and how it is to be read there.
+/// A value with everything that could break a page, and how the page must show it.
 constexpr char kNastyBytes[] = "</dd><script>alert(\"1\")</script>&amp;'\0\x1B\x7F\xE9\x80\xC3\xA9\xE2\x82]]>-->";
 std::string const kNasty(kNastyBytes, sizeof kNastyBytes - 1);
 std::string const kNastyShown =
@@ -67,7 +67,7 @@ sandbox::HttpResponse returnedWith(std::string const& query) {
 
 constexpr char kMessage[] = R"(<KVX MSGTYPE="PayConfirm" ORDERID="A &amp; B" RESULT="authorised"/>)";
 
-/// Every page in every form it takes, named.
+/// All pages in all variants, with their names.
 std::vector<std::pair<std::string, sandbox::HttpResponse>> allPages() {
     sandbox::Payment const payment = samplePayment(sampleOrder()).m_Payment;
     sandbox::StoredPayment nasty = samplePayment({{"ORDERID", kNasty},
@@ -119,18 +119,18 @@ TEST(EscapeHtml, ShowsEveryByteOfEveryKind) {
                            {"Caf\xE9 \xA0\xFF", "Café \u00A0ÿ"},
                            {"\x80\x9F", "\uFFFD\uFFFD"},
                            {"\xC2\x85", "\uFFFD"},                        // a control character in UTF-8
-                           {"\xC2\xA0", "\u00A0"},                        // the first character after those
+                           {"\xC2\xA0", "\u00A0"},                        // the first character after the controls
                            {"\xC0\xAF", "À\u00AF"},                       // overlong "/"
                            {"\xE0\x9F\xBF", "à\uFFFD¿"},                  // overlong U+07FF
                            {"\xF0\x8F\xBF\xBF", "ð\uFFFD¿¿"},             // overlong U+FFFF
                            {"\xED\x9F\xBF", "\uD7FF"},                    // the last character before the surrogates
                            {"\xED\xA0\x80", "í\u00A0\uFFFD"},             // a surrogate
                            {"\xEF\xBF\xBD", "\uFFFD"},                    // the replacement character itself
-                           {"\xEF\xBF\xBE\xEF\xBF\xBF", "\uFFFD\uFFFD"},  // no characters
+                           {"\xEF\xBF\xBE\xEF\xBF\xBF", "\uFFFD\uFFFD"},  // noncharacters
                            {"\xF4\x8F\xBF\xBD", "\U0010FFFD"},            // among the last characters
-                           {"\xF4\x90\x80\x80", "ô\uFFFD\uFFFD\uFFFD"},   // behind the last character
-                           {"\xE2\x82", "â\uFFFD"},                       // cut off
-                           {"\xC3<", "Ã&lt;"},                            // no sequence swallows what ends a text
+                           {"\xF4\x90\x80\x80", "ô\uFFFD\uFFFD\uFFFD"},   // above the last character
+                           {"\xE2\x82", "â\uFFFD"},                       // truncated
+                           {"\xC3<", "Ã&lt;"},  // an incomplete sequence does not swallow the next character
                            {"\xE2\x82\"", "â\uFFFD&quot;"}}) {
         EXPECT_EQ(sandbox::escapeHtml(row.m_Bytes), row.m_Html) << ::testing::PrintToString(row.m_Bytes);
     }
@@ -154,7 +154,7 @@ TEST(EscapeHtml, KeepsAValueOf100KilobytesToTheLastByte) {
     EXPECT_EQ(PageReader("<!DOCTYPE html>\n<p>" + html + "</p>").text("/p"), value);
 }
 
-// --- What all pages have in common
+// --- All pages
 
 TEST(EveryPage, IsWellFormedAndClean) {
     for (auto const& [name, response] : allPages()) {
@@ -243,7 +243,7 @@ TEST(EveryPage, SaysThatNoMoneyMoves) {
 
 class StyleSheet : public ::testing::Test {
 protected:
-    /// The value of `property` in the rule for `selector` outside of all media blocks, empty when it is not set.
+    /// The value of `property` in the rule for `selector` outside media blocks; empty when not set.
     [[nodiscard]] std::string value(std::string const& selector, std::string const& property) const {
         for (StyleRule const& rule : m_Rules) {
             if (rule.m_Selector == selector && rule.m_Media.empty() && rule.m_Declarations.count(property) > 0) {
@@ -317,7 +317,7 @@ TEST_F(StyleSheet, HasEnoughContrastInBothSchemes) {
         for (StyleRule const& rule : m_Rules) {
             SCOPED_TRACE(media + " " + rule.m_Selector);
             std::map<std::string, std::string> const& set = rule.m_Declarations;
-            // Text on a background that another rule sets could not be computed here.
+            // The contrast with a background from another rule could not be computed.
             ASSERT_EQ(set.count("color"), set.count("background"));
             if (set.count("color") > 0) {
                 EXPECT_GE(contrastRatio(colour(colours, set.at("color")), colour(colours, set.at("background"))),
@@ -369,7 +369,7 @@ TEST_F(StyleSheet, ShowsTheFocus) {
 TEST_F(StyleSheet, WrapsEverythingEverywhere) {
     EXPECT_EQ(value("body", "overflow-wrap"), "anywhere");
     for (char const* selector : {"dd", "td", "pre"}) {
-        EXPECT_EQ(value(selector, "white-space"), "pre-wrap") << selector;  // line ends show, and lines wrap
+        EXPECT_EQ(value(selector, "white-space"), "pre-wrap") << selector;  // line ends are kept, long lines wrap
     }
     for (StyleRule const& rule : m_Rules) {
         SCOPED_TRACE(rule.m_Media + " " + rule.m_Selector);
