@@ -1,3 +1,4 @@
+/* clang-format off */
 /* Tallowin: the merchant's side of a hosted payment. The flat functions, plain C99.
  *
  * Three kinds of objects, each used through a handle:
@@ -26,10 +27,11 @@
  *            is no time limit. Functions marked "files" read or write the configuration directory.
  *
  * MEMORY     when memory is exhausted, the C++ exception TBFC_Exception leaves the functions below and ends a C
- * program. Three kinds differ: functions that create an object without a handle return null, MessageObject_ToString may
- * return KVX_E_OUT_OF_MEMORY, and the Destroy functions and KVX_GetVersion need no memory. No KVX_Exception leaves any
- * function: it is returned as its result code.
+ *            program. The functions that create an object without a handle return null instead. MessageObject_ToString
+ *            may return KVX_E_OUT_OF_MEMORY. The Destroy functions and KVX_GetVersion need no memory. No KVX_Exception
+ *            leaves any function: it is returned as its result code.
  */
+/* clang-format on */
 #ifndef TALLOWIN_H
 #define TALLOWIN_H
 
