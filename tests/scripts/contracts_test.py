@@ -87,6 +87,13 @@ class Contracts(unittest.TestCase):
                 self.assertRegex("\n".join(self.findings()), rf"^{PAGE}:\d+: there is no test {test}Odd$")
                 self.doCleanups()
 
+    def test_finds_tests_of_recipes_that_do_not_exist(self):
+        for test in ("Handle.TableHoldsAllFunctions", "Java.NativesTest", "SharedLibrary.ExportsWhatItPromises"):
+            with self.subTest(test):
+                self.change("CONTRIBUTING.md", f"`{test}`", f"`{test}Odd`")
+                self.assertRegex("\n".join(self.findings()), rf"^CONTRIBUTING.md:\d+: there is no test {test}Odd$")
+                self.doCleanups()
+
     def test_finds_tests_of_contracts_without_a_place(self):
         for path, text, name in (
                 ("tests/core/planted_test.cpp", "TEST(Odd, KeepsIt) {\n}\n", "Odd.KeepsIt"),
