@@ -54,6 +54,8 @@ case "$mode" in
     chosen=(--label-regex "^($(paste -sd '|' <<<"$labels"))\$" --label-exclude '^(slow|browser)$')
     [ -z "$labels" ] || build_and_test release
     scripts/check
+    scripts/contracts
+    scripts/links
     scripts/format --check
     ;;
   --browser)
