@@ -547,7 +547,7 @@ TEST(Reconfigure, NamesTheKeyWithoutACustomer) {
 }
 
 TEST(Reconfigure, KeepsReadingTheVersionThatItDoesNotUse) {
-    ExchangeServer server(Answers().all());
+    ExchangeServer server(Responses().all());
     Configured account(server);
     static std::string config;
     static int reads;

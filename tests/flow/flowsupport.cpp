@@ -43,8 +43,8 @@ std::string getRequest(std::string const& url) {
 Returned takeApart(std::string const& location) {
     Returned returned;
     returned.m_Link = location.substr(0, location.find_first_of("?&", location.find("DATA=") - 1));
-    returned.m_Data = sandboxtest::decode(sandboxtest::queryValue(location, "DATA"));
-    returned.m_Signature = sandboxtest::queryValue(location, "SIGNATURE");
+    returned.m_Data = percentDecoded(queryValue(location, "DATA"));
+    returned.m_Signature = queryValue(location, "SIGNATURE");
     return returned;
 }
 

@@ -100,7 +100,7 @@ TEST_F(SetUp, ThatBreaksOffKeepsWhatItHasAndCanBeRepeated) {
         startService();
         {
             Gate const gate(service(), row.m_Permitted);
-            EXPECT_EQ(shop().setUp(gate.autoUrl()), KVX_E_HTTP_BAD_RESPONSE) << row.m_Permitted;
+            EXPECT_EQ(shop().setUp(gate.autoUrl()), KVX_E_HTTP_BAD_REPLY) << row.m_Permitted;
         }
         EXPECT_EQ(shop().dir().exists("config.xml"), row.m_Config) << row.m_Permitted;
         EXPECT_EQ(shop().dir().exists("default.xml"), row.m_Defaults) << row.m_Permitted;
@@ -115,7 +115,7 @@ TEST_F(SetUp, ThatBreaksOffLeavesAnEarlierKeyInUse) {
     openShop();
     std::string const before = shop().dir().read("keys/current");
     Gate const gate(service(), 2);
-    EXPECT_EQ(shop().setUp(gate.autoUrl()), KVX_E_HTTP_BAD_RESPONSE) << "the new key was not taken";
+    EXPECT_EQ(shop().setUp(gate.autoUrl()), KVX_E_HTTP_BAD_REPLY) << "the new key was not taken";
     EXPECT_EQ(shop().dir().read("keys/current"), before);
 }
 

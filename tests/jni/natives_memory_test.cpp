@@ -12,6 +12,7 @@
 #include "foundation/tbobject.h"
 #include "tests/jni/shop.h"
 #include "tests/support/allocations.h"
+#include "tests/support/systemcalls.h"
 
 using namespace kvxtest;
 

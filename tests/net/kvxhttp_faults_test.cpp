@@ -169,7 +169,7 @@ TEST(ConnectFaults, ReportsAnInterruptedConnectWithoutASocket) {
 }
 
 TEST(ConnectFaults, ReportsThatTheEndOfAnInterruptedConnectCannotBeFound) {
-    RawServer const server(kAnswer);
+    RawServer const server(kResponse);
     {
         SystemCalls system;
         system->connect = &interruptedConnect;
