@@ -25,6 +25,7 @@
 /// and libuuid fetch themselves; printing to standard output and error, whose result is ignored; `getpid` and the
 /// signal mask of the calling thread, which cannot fail; mutexes. Memory has a seam of its own, foundation/tbmemory.h.
 struct TbSystemCalls {
+    // NOLINTBEGIN(readability-identifier-naming): an entry has the name of the call it stands for
     static int openFile(char const* path, int flags, mode_t mode) { return ::open(path, flags, mode); }
     static int status(int file, struct ::stat* result) { return ::fstat(file, result); }
     /// Uses the effective user, as opening does.
@@ -66,6 +67,7 @@ struct TbSystemCalls {
     int (*getsockopt)(int socket, int level, int option, void* value, socklen_t* length) = &::getsockopt;
     int (*gethostbyname_r)(char const* host, hostent* entry, char* memory, std::size_t bytes, hostent** result,
                            int* reason) = &::gethostbyname_r;
+    // NOLINTEND(readability-identifier-naming)
 };
 
 #ifdef KVX_TEST_SEAMS

@@ -163,10 +163,12 @@ private:
 
 /// The input of one session.
 struct KVX_EXPORT KVX_RequestInfo : URL_INFO {
+    // NOLINTBEGIN(readability-identifier-naming): published names
     TbString proxyHost;     ///< Empty: no proxy.
     TbString proxyPort;     ///< Decimal text.
     TbString reserved;      ///< Not used.
     TbString traceOptions;  ///< With "rawhttp" in it request and response are printed to standard output.
+    // NOLINTEND(readability-identifier-naming)
 };
 
 /// One HTTP/1.0 GET exchange in five steps, each called once and in order.

@@ -12,12 +12,14 @@
 
 /// A URL in its parts; all empty until SplitUrl fills them.
 struct KVX_EXPORT URL_INFO {
+    // NOLINTBEGIN(readability-identifier-naming): published names
     TbString scheme;    ///< Before the first ":".
     TbString user;      ///< From a "user:password@" prefix of the authority.
     TbString password;  ///< As `user`.
     TbString host;      ///< Name or dotted IPv4 address.
     TbString port;      ///< Decimal text; "80" or "443" when the URL names none and the scheme is "http" or "https".
     TbString path;      ///< From the first "/" after the authority to the end, query included.
+    // NOLINTEND(readability-identifier-naming)
 };
 
 /// Splits `url` into `info`.

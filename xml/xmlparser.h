@@ -14,6 +14,7 @@
 
 /// The classes of characters, one bit each. Every byte has exactly one.
 enum xmlSymbol : std::uint32_t {
+    // NOLINTBEGIN(readability-identifier-naming): published names
     xmlSymbolSpace = 1,         ///< TAB, LF, CR, space
     xmlSymbolLess = 2,          ///< <
     xmlSymbolName = 4,          ///< A-Z a-z 0-9 . - _
@@ -23,6 +24,7 @@ enum xmlSymbol : std::uint32_t {
     xmlSymbolSlash = 64,        ///< /
     xmlSymbolGreater = 128,     ///< >
     xmlSymbolOther = 256,       ///< all others: & : ; ? ! NUL, control characters, bytes of 128 and above
+    // NOLINTEND(readability-identifier-naming)
 };
 
 /// One transition.
