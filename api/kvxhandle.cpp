@@ -25,7 +25,7 @@ constexpr std::uint32_t kLivingWord = 0xAFFEAFFE;
 
 /// Slots of the first chunk; every further chunk has twice as many as the one before.
 constexpr std::uint32_t kFirstChunkSlots = 256;
-constexpr std::uint32_t kMostChunks = 20;
+constexpr std::uint32_t kMaxChunks = 20;
 
 /// Free slots that are kept unused, so that a stale handle finds a zero word and not another object.
 constexpr std::uint32_t kQuarantine = 1024;
@@ -179,7 +179,7 @@ private:
         if (m_FreshUsed < slotsBefore(chunks)) {
             return m_FreshUsed++;
         }
-        if (chunks == kMostChunks) {
+        if (chunks == kMaxChunks) {
             return kNoSlot;
         }
         std::size_t const bytes = std::size_t{slotsOf(chunks)} * (kSlotBytes + sizeof(std::uint32_t));
@@ -201,8 +201,8 @@ private:
         return number;
     }
 
-    std::mutex m_Mutex;                ///< Held for a few instructions, inside the allocator only.
-    char* m_Chunks[kMostChunks] = {};  ///< Written before m_ChunkCount says so.
+    std::mutex m_Mutex;               ///< Held for a few instructions, inside the allocator only.
+    char* m_Chunks[kMaxChunks] = {};  ///< Written before m_ChunkCount says so.
     std::atomic<std::uint32_t> m_ChunkCount{0};
     std::uint32_t m_FreshUsed = 0;        ///< Slots ever handed out, from number 0 up.
     std::uint32_t m_FirstFree = kNoSlot;  ///< First in, first out.

@@ -49,8 +49,8 @@ long FailingAllocation::requested() {
 }
 
 long survivesEveryFailingAllocation(std::function<void()> const& call) {
-    constexpr long kMostRuns = 100000;
-    for (long run = 0; run < kMostRuns; ++run) {
+    constexpr long kMaxRuns = 100000;
+    for (long run = 0; run < kMaxRuns; ++run) {
         std::int32_t const living = TbRefCounter::m_nTotalRef;
         bool reached = false;
         try {
@@ -66,8 +66,8 @@ long survivesEveryFailingAllocation(std::function<void()> const& call) {
             return run;
         }
     }
-    ADD_FAILURE() << "no end after " << kMostRuns << " runs";
-    return kMostRuns;
+    ADD_FAILURE() << "no end after " << kMaxRuns << " runs";
+    return kMaxRuns;
 }
 
 AllocationMeter::AllocationMeter() {

@@ -87,8 +87,8 @@ std::vector<std::string> enumeratedTags(xmlElement& element, std::string const& 
 
 void forEveryFailure(std::function<void()> const& prepare, std::function<void()> const& operation,
                      std::function<void(bool failed)> const& check) {
-    constexpr long kMostRuns = 10000;
-    for (long run = 0; run < kMostRuns; ++run) {
+    constexpr long kMaxRuns = 10000;
+    for (long run = 0; run < kMaxRuns; ++run) {
         SCOPED_TRACE("failing allocation " + std::to_string(run));
         prepare();
         bool failed = false;
@@ -104,7 +104,7 @@ void forEveryFailure(std::function<void()> const& prepare, std::function<void()>
             return;
         }
     }
-    ADD_FAILURE() << "no end after " << kMostRuns << " runs";
+    ADD_FAILURE() << "no end after " << kMaxRuns << " runs";
 }
 
 }  // namespace kvxtest
