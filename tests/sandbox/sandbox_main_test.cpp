@@ -120,7 +120,7 @@ TEST(SandboxProgram, EndsAtOnceOnASecondSignal) {
     RawConnection const stuck(nlohmann::json::parse(program.line()).at("port"));
     stuck.send(
         merchantGet("/auto?DATA=" + percentEncoded("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>"), "demo", "demo"));
-    // The answer has begun, nobody reads it, and it does not end for seconds.
+    // The response has begun, no client reads it, and it takes seconds to end.
     char byte = 0;
     ASSERT_EQ(::recv(stuck.get(), &byte, 1, 0), 1);
     program.signal(SIGTERM);

@@ -16,7 +16,7 @@
 #include "sandbox/store/database.h"
 #include "tests/sandbox/support/sandboxfixture.h"
 
-/// The service as a whole: starting, stopping, starting over, TLS.
+/// The service as a whole: start, stop, restart, TLS.
 namespace {
 
 using namespace sandboxtest;
@@ -121,7 +121,7 @@ TEST_F(SandboxService, EndsOnAllPortsAtOnce) {
     RawConnection const stuck(m_Service->plainPort());
     stuck.send(
         merchantGet("/auto?DATA=" + percentEncoded("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>"), "demo", "demo"));
-    // An answer that nobody reads keeps one port from ending.
+    // A response that no client reads keeps one port from stopping.
     m_Service->arm(sandbox::parseFault("huge,exchange=keyquery"));
     RawConnection const unread(m_Service->plainPort());
     unread.send(merchantGet("/auto?DATA=" + percentEncoded("<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"1-SERVER-1\"/>"),
@@ -130,7 +130,7 @@ TEST_F(SandboxService, EndsOnAllPortsAtOnce) {
     ASSERT_EQ(::recv(unread.get(), &byte, 1, 0), 1);
     RawConnection const control(m_Service->controlPort());
     std::future<void> const stopped = std::async(std::launch::async, [this] { m_Service->stop(); });
-    // What says nothing on another port is ended before that one is cut.
+    // A silent connection on another port is closed before that one is cut.
     EXPECT_EQ(control.readToEnd(), "");
     EXPECT_EQ(stuck.readToEnd(), "");
     EXPECT_EQ(stopped.wait_for(std::chrono::seconds(0)), std::future_status::timeout);

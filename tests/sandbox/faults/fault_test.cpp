@@ -17,7 +17,7 @@
 #include "sandbox/text/httperror.h"
 #include "tests/sandbox/support/sandboxfixture.h"
 
-/// Faults: as texts, and as what a client gets when they happen.
+/// Faults: parsing and printing, and what a client receives when they happen.
 namespace {
 
 using namespace sandboxtest;
@@ -198,7 +198,7 @@ TEST(Fault, HasValuesForWhatIsNotGiven) {
     EXPECT_EQ(sandbox::megabytesOf(parseFault("huge,megabytes=2")), 2);
 }
 
-/// Bytes, and how they ended.
+/// The bytes received, and how the connection ended.
 struct Received {
     std::string m_Bytes;
     int m_Error = 0;  ///< 0 for an orderly end.
@@ -215,7 +215,7 @@ Received receive(RawConnection const& connection) {
     return received;
 }
 
-/// A service whose answer to one and the same request is known.
+/// A service whose response to one fixed request is known.
 class FaultOnTheWire : public SandboxTest {
 protected:
     FaultOnTheWire() : m_Whole(ask("").m_Bytes) {
@@ -228,7 +228,7 @@ protected:
         return merchantGet("/auto?DATA=" + percentEncoded(text), "demo", "demo");
     }
 
-    /// What comes back while the fault of that text happens; without one for "".
+    /// The response while the fault `text` is armed; without a fault for "".
     [[nodiscard]] Received ask(std::string const& fault) const {
         if (!fault.empty()) {
             m_Service->arm(parseFault(fault));
@@ -238,7 +238,7 @@ protected:
         return receive(connection);
     }
 
-    /// The same with an orderly end.
+    /// The same, and the connection must close cleanly.
     [[nodiscard]] std::string bytes(std::string const& fault) const {
         Received const received = ask(fault);
         EXPECT_EQ(received.m_Error, 0) << fault;
@@ -467,7 +467,7 @@ TEST_F(FaultOnTheWire, LeavesTheControlPortAloneWhenConnectionsAreRefused) {
     EXPECT_EQ(ask("").m_Bytes, m_Whole);
 }
 
-/// How the confirmation that the shopper brings back verifies under the server's keys.
+/// How the confirmation in the shopper's return link verifies under the server's keys.
 class FaultyConfirmation : public SandboxTest {
 protected:
     struct Confirmation {
@@ -518,7 +518,7 @@ TEST_F(FaultyConfirmation, IsWrongInOneWayOnly) {
     EXPECT_TRUE(isSigned(stale, first));
 }
 
-/// What a client that looks at certificates thinks of the service.
+/// What a client that verifies certificates reports about the service.
 class FaultyHandshake : public SandboxTest {
 protected:
     void SetUp() override {

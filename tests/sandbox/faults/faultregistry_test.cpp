@@ -12,7 +12,7 @@
 #include "sandbox/faults/faultregistry.h"
 #include "sandbox/text/httperror.h"
 
-/// Which fault happens to whom, how often and until when.
+/// Which exchange a fault applies to, how often, and until when.
 namespace {
 
 using sandbox::ExchangeKind;
@@ -21,7 +21,7 @@ using sandbox::FaultRegistry;
 using sandbox::parseFault;
 using Clock = std::chrono::steady_clock;
 
-/// The text of what the registry takes for an exchange; "none" without.
+/// The text of the fault that the registry selects for an exchange; "none" without one.
 std::string take(FaultRegistry& registry, ExchangeKind kind, std::string const& order = "") {
     std::optional<Fault> const fault = registry.take(kind, order);
     return fault ? sandbox::faultText(*fault) : "none";
@@ -151,7 +151,7 @@ TEST(FaultRegistry, CountsForManyThreadsAtOnce) {
     EXPECT_EQ(registry.armed().size(), 4u * kTimes);
 }
 
-/// A registry, and until when connections are refused as its listener was called.
+/// A registry, and the end of the refusal that its listener was called with.
 class Refusals : public ::testing::Test {
 protected:
     Refusals() {

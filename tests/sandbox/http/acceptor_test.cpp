@@ -17,7 +17,7 @@
 #include "sandbox/http/connection.h"
 #include "tests/sandbox/support/rawclient.h"
 
-/// The port under the service: who gets in, who does not, and how it ends.
+/// The port under the service: which connections are accepted or refused, and how it stops.
 namespace {
 
 using sandbox::Acceptor;
@@ -27,7 +27,7 @@ using Clock = Acceptor::Clock;
 
 constexpr std::chrono::seconds kTimeout{30};
 
-/// Sends back what comes until it ends.
+/// Echoes every byte until the peer closes.
 void echo(int socket) {
     sandbox::EndSignal const never;
     Connection connection(socket, nullptr, never, kTimeout);
@@ -147,7 +147,7 @@ TEST(Acceptor, StopsWhileItRefuses) {
     acceptor.stop();
 }
 
-/// More than have a thread at one time; the rest waits at the door.
+/// More connections than threads; the rest waits in the listen queue.
 std::vector<std::unique_ptr<RawConnection>> connectHundreds(Acceptor const& acceptor) {
     constexpr std::size_t kMany = 300;
     std::vector<std::unique_ptr<RawConnection>> connections;
@@ -191,7 +191,7 @@ TEST(Acceptor, StopsUnderLoad) {
                         ++served;
                     }
                 } catch (std::runtime_error const&) {
-                    // Nobody listens any more.
+                    // The port is closed.
                 }
             });
         }
@@ -236,7 +236,7 @@ TEST(Acceptor, CutsWhatDoesNotFinish) {
     });
     RawConnection const connection(acceptor.port());
     ASSERT_EQ(writing.get_future().wait_for(kTimeout), std::future_status::ready);
-    // Somebody who reads, slowly, so that no single write ever waits for long.
+    // A client that reads slowly, so that no single write waits for long.
     std::atomic<bool> stopped{false};
     std::thread reader([&] {
         std::string piece(64 * 1024, '\0');
@@ -249,7 +249,7 @@ TEST(Acceptor, CutsWhatDoesNotFinish) {
     reader.join();
 }
 
-/// Pauses for an hour with a client that calls `leave` at once; whether it is over within the timeout.
+/// Starts a pause of an hour for a client that calls `leave` at once; whether it ends within the timeout.
 template <class Leave>
 bool endsEarly(void (Connection::*pause)(double) const, Leave leave) {
     Acceptor acceptor(0);

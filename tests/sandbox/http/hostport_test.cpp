@@ -6,7 +6,7 @@
 
 #include "sandbox/http/httptext.h"
 
-/// Addresses, and the few things of HTTP that are read off its text. What is refused shows in the tests of who uses it.
+/// Hosts and ports in URLs. The tests of their users show which ones are refused.
 namespace {
 
 TEST(ExtendLink, AddsToTheQueryBeforeAFragment) {

@@ -10,7 +10,7 @@
 #include "sandbox/http/requestline.h"
 #include "tests/sandbox/support/sandboxfixture.h"
 
-/// What arrives on the wire besides the protocol: long lines, odd bytes, other forms of a request.
+/// Requests outside the protocol: long lines, odd bytes, other forms of a request line.
 namespace {
 
 using namespace sandboxtest;
@@ -67,7 +67,7 @@ TEST_F(WireRequest, RefusesALargeForm) {
     EXPECT_EQ(send(formPost("/pay/decision", std::string(1024 * 1024 + 1, 'x'))).m_Status, 413);
 }
 
-/// Sends what is answered before all of it has been sent.
+/// Sends a request to which the response comes before all of it has been sent.
 RawResponse sendTooMuch(std::uint16_t port, std::string const& begin, std::string const& piece) {
     constexpr int kPieces = 64;
     RawConnection const connection(port);

@@ -42,14 +42,14 @@ class Client : public RawConnection {
 public:
     using RawConnection::RawConnection;
 
-    /// What one read gives, as a merchant reads the answer to CONNECT.
+    /// The bytes of one read, as a merchant reads the response to CONNECT.
     [[nodiscard]] std::string receive() const {
         char piece[1024];
         ssize_t const count = ::recv(get(), piece, sizeof piece, 0);
         return count > 0 ? std::string(piece, static_cast<std::size_t>(count)) : "";
     }
 
-    /// The next `size` bytes, fewer when the other side ends before.
+    /// The next `size` bytes, fewer when the peer closes before.
     [[nodiscard]] std::string receive(std::size_t size) const {
         std::string bytes(size, '\0');
         ssize_t const count = ::recv(get(), bytes.data(), size, MSG_WAITALL);
@@ -74,7 +74,7 @@ public:
     }
 };
 
-/// Something that the other side of a conversation has got to.
+/// A point that the peer of a conversation has reached.
 class Event {
 public:
     void happen() { m_Promise.set_value(); }
@@ -126,7 +126,7 @@ TEST_F(SandboxProxy, ForwardsAnyMethodInOriginFormAndTheRestAsItCame) {
                  "GET /a%20b?c=%2f+d HTTP/1.0\r\nUserAgent: x\r\n\r\n"},
              Row{"GET http://", " HTTP/1.0\r\n\r\n", "GET / HTTP/1.0\r\n\r\n"},
              Row{"GET http://", "?c#d HTTP/1.0\r\n\r\n", "GET /?c HTTP/1.0\r\n\r\n"},
-             // What speaks to the target is the proxy, and that speaks 1.0.
+             // The proxy itself talks to the target, in HTTP/1.0.
              Row{"HEAD http://", "/ HTTP/1.1\r\nHost: x\r\n\r\n", "HEAD / HTTP/1.0\r\nHost: x\r\n\r\n"},
              Row{"GET http://", "/ HTTP/1.0\nA: b\n\n", "GET / HTTP/1.0\r\nA: b\n\n"},
              Row{"BREW http://", "/pot HTTP/1.0\r\nContent-Length: 4\r\n\r\n\r\n\xE9x",
@@ -224,7 +224,7 @@ TEST_F(SandboxProxy, SendsNothingBehindItsAnswerBeforeTheMerchantSpeaks) {
     });
     Tunnel const tunnel(m_Service->proxyPort(), target.portText());
     ASSERT_TRUE(greeted.await());
-    // Gives the proxy something to do besides.
+    // Other work for the proxy at the same time.
     EXPECT_THAT(ask(getFrom(plainPort())), StartsWith("HTTP/1"));
     EXPECT_TRUE(tunnel.hasNothing());
     tunnel.send("!");
@@ -445,7 +445,7 @@ TEST_F(SandboxProxy, GivesUpATargetThatDoesNotAccept) {
     ::close(listener);
 }
 
-/// What a client finds instead of an answer.
+/// What a client finds instead of a response.
 constexpr char kReset[] = "(reset)";
 
 std::string receivedOf(std::function<std::string()> const& read) {
@@ -657,7 +657,7 @@ TEST_F(SandboxProxy, AnswersNothingThatItCannotRecord) {
     RawResponse const response = parseResponse(ask(connectTo(target.portText())));
     EXPECT_EQ(response.m_Status, 500);
     EXPECT_THAT(response.m_Body, StartsWith("The sandbox failed: database: no such table"));
-    // This answer is on its way already, so the merchant must see that it is not to be trusted.
+    // This response is already under way, so the merchant must see that it is cut.
     EXPECT_THROW(ask(getFrom(target.portText())), std::runtime_error);
 }
 

@@ -7,7 +7,7 @@
 
 #include "tests/sandbox/support/sandboxfixture.h"
 
-/// The automatic configuration service, asked over a real socket.
+/// The set-up service at /auto, over a real socket.
 namespace {
 
 using namespace sandboxtest;
@@ -65,7 +65,7 @@ TEST_F(AutoService, RefusesAnotherKeyUnderAKnownIdentifier) {
     TestMerchant const other("other");
     EXPECT_THAT(exportReason(m_Merchant.keyId(), other.blob()), HasSubstr("another key already"));
     EXPECT_THAT(exportReason(m_Service->serverKeyId(), other.blob()), HasSubstr("another key already"));
-    // What the next rotation will need.
+    // The private key that the next rotation needs.
     EXPECT_THAT(exportReason("1-SERVER-2", other.blob()), HasSubstr("another key already"));
 }
 

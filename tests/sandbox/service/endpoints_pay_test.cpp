@@ -7,7 +7,7 @@
 #include "sandbox/pages/shopperpages.h"
 #include "tests/sandbox/support/sandboxfixture.h"
 
-/// The payment page and the shopper's way back, over a real socket.
+/// The payment page and the shopper's return link, over a real socket.
 namespace {
 
 using namespace sandboxtest;

@@ -20,7 +20,7 @@
 #include "tests/sandbox/support/sandboxfixture.h"
 #include "tests/support/rawserver.h"
 
-/// Confirmations that the service sends to the merchant by itself.
+/// Notifications: confirmations that the service sends to the merchant's NOTIFYADDRESS.
 namespace {
 
 using namespace sandboxtest;
@@ -37,7 +37,7 @@ std::string responseWith(int status) {
     return "HTTP/1.1 " + std::to_string(status) + " Text\r\nContent-Length: 2\r\n\r\nok";
 }
 
-/// A merchant's server: plays one script after the other, the last one over and over.
+/// A merchant's server. Each request gets the next script, and the last script repeats.
 class Shop {
 public:
     using Script = std::function<void(Peer& peer)>;
@@ -48,12 +48,12 @@ public:
         return [response = std::move(response)](Peer& peer) { peer.send(response); };
     }
 
-    /// Leaves the request unanswered until it is given up.
+    /// Sends no response until the client closes.
     static Script hangs() {
         return [](Peer& peer) { peer.receiveToEnd(); };
     }
 
-    /// Leaves the request unanswered until `released` is ready.
+    /// Sends no response until `released` is ready.
     static Script respondsLate(std::shared_future<void> released, std::string response) {
         return [released = std::move(released), response = std::move(response)](Peer& peer) {
             if (released.wait_for(kTimeout) == std::future_status::ready) {
@@ -115,7 +115,7 @@ protected:
         ASSERT_EQ(press(openNotified(address, token), "pay").m_Status, 302);
     }
 
-    /// The notification of this number once it is as `condition` wants it.
+    /// The notification with this number as soon as `condition` holds for it.
     [[nodiscard]] Notification await(std::function<bool(Notification const&)> const& condition,
                                      std::size_t index = 0) const {
         EXPECT_TRUE(comesTrue([&] {
@@ -194,7 +194,7 @@ TEST_F(PaymentNotification, ReportsThatAPaymentHasExpired) {
     EXPECT_EQ(awaitSettled().m_Outcome, "delivered: 200");
 }
 
-/// Payments that expire within the hour, of a service that looks at the clock as often as a test says.
+/// Payments that expire within the hour. A test sets how often the service checks its clock.
 class NotificationOfExpiration : public PaymentNotification {
 protected:
     NotificationOfExpiration() { restartWithClockInterval(std::chrono::hours(1)); }
@@ -258,7 +258,7 @@ TEST_F(NotificationOfExpiration, DoesNotComeForWhatWasDecidedInTime) {
     Shop shop({Shop::responds(responseWith(200))});
     payNotified(shop.address(), "t1");
     EXPECT_EQ(awaitSettled(0).m_Result, "authorised");
-    // The second one shows that the first one has been passed over.
+    // The second one shows that the first one was skipped.
     openBriefly(shop.address(), "t2");
     m_Now = 5'000'000'000;
     m_Service->clockMoved();
@@ -400,7 +400,7 @@ TEST_F(PaymentNotification, DoesNotWaitForASlowMerchantForEver) {
 }
 
 TEST_F(PaymentNotification, IsContentWithTheHeadOfAnAnswerThatDoesNotEnd) {
-    // Enough attempts for a machine that is slow to give this answer, too.
+    // Enough attempts for a slow machine.
     restartWithBackoff(std::vector<std::chrono::milliseconds>(50), std::chrono::milliseconds(100));
     Shop shop({[](Peer& peer) {
         peer.send("HTTP/1.1 204 Fine\r\nConnection: keep-alive\r\n\r\n");
@@ -464,7 +464,7 @@ TEST_F(PaymentNotification, WaitsBetweenAttemptsAndLetsOthersPass) {
     payNotified(other.address(), "t2");
     EXPECT_EQ(awaitSettled(1).m_Outcome, "delivered: 200");
     EXPECT_EQ(failing.requests(1).size(), 1u);
-    // The next start does not wait, and counts on.
+    // The next start sends at once and goes on counting attempts.
     restartWithBackoff({std::chrono::hours(1), std::chrono::hours(1)});
     EXPECT_EQ(await([](Notification const& notification) { return notification.m_Attempts == 2; }).m_Outcome,
               first.m_Outcome);
@@ -632,7 +632,7 @@ TEST_F(PaymentNotification, IsLateByFaultOfDelay) {
     arm("delay,exchange=notification,order=A-17,seconds=3600");
     payNotified(shop.address(), "t2");
     ASSERT_TRUE(comesTrue([this] { return m_Service->faults().empty(); }));
-    // A late one holds up no other, and not the end of the service.
+    // A delayed notification blocks neither others nor the stop of the service.
     payNotified(shop.address(), "t3");
     EXPECT_EQ(awaitSettled(2).m_Outcome, "delivered: 200");
     EXPECT_TRUE(m_Service->notifications().at(1).m_Pending);

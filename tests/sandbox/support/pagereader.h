@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-/// Reads the service's pages as a machine would: the markup by path, the style sheet rule by rule.
+/// Reads the service's pages: the markup by XPath, the style sheet rule by rule.
 namespace sandboxtest {
 
 /// One page. It must be well-formed XML behind its document type.

@@ -5,13 +5,13 @@
 #include <map>
 #include <string>
 
-/// A client that speaks HTTP over a bare socket, so that tests see every byte of an answer.
+/// HTTP over a bare socket, so that tests see every byte of a response.
 namespace sandboxtest {
 
 /// A connection to a port of 127.0.0.1; every wait on it ends after ten seconds.
 class RawConnection {
 public:
-    /// Throws std::runtime_error when nobody listens.
+    /// Throws std::runtime_error when the port is closed.
     explicit RawConnection(std::uint16_t port);
     ~RawConnection();
     RawConnection(RawConnection const&) = delete;
@@ -22,7 +22,7 @@ public:
     /// Sends all of `text`. Throws std::runtime_error.
     void send(std::string const& text) const;
 
-    /// What comes until the other side closes. Throws std::runtime_error when it does not.
+    /// All bytes until the peer closes. Throws std::runtime_error when it does not.
     [[nodiscard]] std::string readToEnd() const;
 
 private:
@@ -45,7 +45,7 @@ std::string exchangeRaw(std::uint16_t port, std::string const& request, std::str
 std::string exchangeTls(int socket, std::string const& request, std::string const& authorityFile,
                         std::string const& host = "127.0.0.1");
 
-/// Splits an answer; throws std::runtime_error when it is none.
+/// Splits a response. Throws std::runtime_error when `bytes` is none.
 RawResponse parseResponse(std::string const& text);
 
 /// The request of a merchant: HTTP/1.0, no Host, the header UserAgent, Basic credentials in their own Base64.

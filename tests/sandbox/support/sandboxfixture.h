@@ -17,7 +17,7 @@
 
 namespace sandboxtest {
 
-/// How long a test waits for what is to come at any moment.
+/// How long a test waits for an event that is due.
 inline constexpr std::chrono::seconds kTimeout{60};
 
 /// Whether `condition` comes true within kTimeout.
@@ -36,11 +36,11 @@ protected:
     void restart();
     void restart(sandbox::Options const& others);
 
-    /// Sends the merchant's GET and splits the answer.
+    /// Sends the merchant's GET and splits the response.
     [[nodiscard]] RawResponse get(std::string const& target, std::string const& user = "",
                                   std::string const& password = "") const;
 
-    /// The body of an answer of `/auto` to the message `text`.
+    /// The body of the response of `/auto` to the message `text`.
     std::string askAuto(std::string const& text, std::string const& user = "demo",
                         std::string const& password = "demo") const;
 
@@ -52,7 +52,7 @@ protected:
     /// Presses one of the buttons of `page`.
     RawResponse press(RawResponse const& page, std::string const& decision) const;
 
-    /// The body of an answer of `/capture` to the message `text`.
+    /// The body of the response of `/capture` to the message `text`.
     std::string askCapture(std::string const& text) const;
 
     /// Brings a payment to "authorised" and returns its PayConfirm with this merchant's KEYID in it, ready to be

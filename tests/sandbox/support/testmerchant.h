@@ -6,7 +6,7 @@
 #include "sandbox/crypto/opensslholders.h"
 #include "tests/support/encodings.h"
 
-/// A merchant of the tests' own making: it shares no signature or encoding code with the service.
+/// A merchant for tests. It shares no signature or encoding code with the service.
 namespace sandboxtest {
 
 using kvxtest::percentDecoded;
@@ -17,7 +17,7 @@ using kvxtest::queryValue;
 /// undone. Empty when it is not there.
 std::string attributeOf(std::string const& text, std::string const& name);
 
-/// A key of 512 bits and what a merchant does with it.
+/// A key of 512 bits and a merchant's operations with it.
 class TestMerchant {
 public:
     explicit TestMerchant(std::string keyId);
