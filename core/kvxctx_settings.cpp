@@ -20,8 +20,13 @@ bool read(xmlElement* root, char const* name, TbString& value) {
 
 KVX_Settings KVX_Context::readSettings() {
     // A directory whose path reads like a URL has no settings: they would have to be fetched, which needs them.
-    if (IsHttp(pathOf(kvx::kSettingsFile))) {
-        kvx::kSourceUrl.fail(KVX_E_HTTP_BAD_URL, kvx::kLineSplitUrl);
+    TbString const file = pathOf(kvx::kSettingsFile);
+    if (IsHttp(file)) {
+        URL_INFO parts;
+        if (SplitUrl(file, parts) == 0) {
+            kvx::kSourceUrl.fail(KVX_E_HTTP_BAD_URL, kvx::kLineSplitUrl);
+        }
+        kvx::kSourceCtx.fail(KVX_E_HTTP_BAD_URL, kvx::kLineSettingsReentry);
     }
     KVX_Settings settings;
     TbString text;

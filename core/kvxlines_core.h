@@ -63,6 +63,7 @@ inline constexpr long kLineRequestNoUrl          = 661;  // request, configurati
 inline constexpr long kLineMissingSignature      = 722;  // confirmation without signature
 inline constexpr long kLineOpenNoKeyId           = 729;  // confirmation without "KEYID"
 inline constexpr long kLineNoMessageContext      = 740;  // message without context
+inline constexpr long kLineSettingsReentry       = 752;  // settings of a directory whose path reads like a URL
 
 inline constexpr KvxSource kSourceUrl{"kvxurl"};
 inline constexpr long kLineOpenFile              = 41;   // local file, cannot open

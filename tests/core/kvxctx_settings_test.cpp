@@ -158,6 +158,26 @@ TEST(DirectoryNamedLikeAUrl, IsNeverFetchedThroughItself) {
     EXPECT_TRUE(server.requests().empty());
 }
 
+TEST(DirectoryNamedLikeAUrl, IsReportedWithItsPublishedLine) {
+    struct Row {
+        char const* m_Path;
+        char const* m_Source;
+        std::int32_t m_Line;
+    };
+    Row const rows[] = {
+        {"http://127.0.0.1:1/d", "kvxctx", 752}, {"https-shop", "kvxurl", 52},  // no URL after all
+    };
+    for (Row const& row : rows) {
+        KVX_Context context;
+        static_cast<void>(thrown([&] { context.Open(row.m_Path); }));
+        TbStringStream out;
+        Thrown const failure = thrown([&] { context.StreamFromURL("http://127.0.0.1:1/file", out); });
+        EXPECT_EQ(failure.m_Code, KVX_E_HTTP_BAD_URL) << row.m_Path;
+        EXPECT_EQ(failure.m_File, row.m_Source) << row.m_Path;
+        EXPECT_EQ(failure.m_Line, row.m_Line) << row.m_Path;
+    }
+}
+
 TEST(DirectoryNamedLikeAUrl, FailsOnASmallStackToo) {
     KVX_Context context;
     EXPECT_EQ(thrownCode([&] { context.Open("http://127.0.0.1:1/d"); }), 2);
