@@ -40,7 +40,7 @@ case "$mode" in
     ;;
   --quick)
     scripts/setup java-tests
-    labels=$(scripts/touched "${@:2}")
+    labels=$(scripts/touched "${@:2}" | grep -vx browser || true) # the browser has a mode of its own
     targets=(--target)
     for label in $labels; do
       case $label in
