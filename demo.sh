@@ -158,7 +158,7 @@ note "The payment service runs (process $service), set-up at $setup_address"
 note "Its dashboard is open at $dashboard"
 printf '\n'
 
-export TALLOWIN_PASSWORD=demo  # of the account that a sandbox is born with
+export TALLOWIN_PASSWORD=demo  # of the account in a new sandbox
 case "$show" in
   walk) play=("$build/examples/tallowin-demo" "$setup_address" "$work/merchant") ;;
   shop) play=("$build/examples/tallowin-shop" "$work/merchant" "$setup_address" demo) ;;

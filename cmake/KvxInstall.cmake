@@ -25,7 +25,7 @@ install(FILES "${PROJECT_BINARY_DIR}/tallowinConfig.cmake" "${PROJECT_BINARY_DIR
 install(EXPORT tallowinTargets NAMESPACE tallowin:: DESTINATION ${KVX_PACKAGE_DIR})
 install(EXPORT tallowinStaticTargets NAMESPACE tallowin:: DESTINATION ${KVX_PACKAGE_DIR})
 
-# The prefix is told relative to the file, because `cmake --install --prefix` may choose another one.
+# The prefix is written relative to the file, because `cmake --install --prefix` may choose another one.
 file(RELATIVE_PATH KVX_PREFIX_FROM_PKGCONFIG "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
 string(REGEX REPLACE "/$" "" KVX_PREFIX_FROM_PKGCONFIG "${KVX_PREFIX_FROM_PKGCONFIG}")
 configure_file(packaging/tallowin.pc.in "${PROJECT_BINARY_DIR}/tallowin.pc" @ONLY)

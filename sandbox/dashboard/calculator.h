@@ -134,8 +134,8 @@ struct Calculation {
     bool m_Right = false;           ///< Whether the signature is valid.
 };
 
-/// Looks at the decoded DATA and at SIGNATURE as it was sent. Of the damages that DATA may have suffered on its way one
-/// at a time is undone, see calculator_repairs.cpp. When nothing fits, `recall` is asked for what was signed.
+/// Checks the decoded DATA against SIGNATURE as it was sent. Then tries one repair of DATA at a time, see
+/// calculator_repairs.cpp. When none verifies, `recall` looks for the signed message.
 Calculation calculate(std::vector<KnownKey> const& keys, std::string const& data, std::string const& signature,
                       Recall const& recall);
 

@@ -21,13 +21,13 @@ struct ArmedFault {
     std::chrono::steady_clock::time_point m_RefusesUntil = {};  ///< Of refused connections; max() until it is lifted.
 };
 
-/// The faults that are armed, in memory only: a service begins without. Every member may be called by any thread.
+/// The faults that are armed, in memory only: a new service has none. Every member may be called by any thread.
 class FaultRegistry {
 public:
     using Moment = std::chrono::steady_clock::time_point;
 
-    /// Told until when connections of the kind (Connection or Proxy) are to be refused whenever that changes; a moment
-    /// that has passed means not at all. Not called by two threads at once.
+    /// Called when the end of refusing changes, with the kind (kConnection or kProxy) and the end. A moment in the past
+    /// means that connections are accepted. Not called by two threads at once.
     using RefusalListener = std::function<void(ExchangeKind kind, Moment until)>;
 
     /// `listener` is null or called until it is replaced by null.

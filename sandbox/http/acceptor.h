@@ -22,8 +22,8 @@ class Acceptor {
 public:
     using Clock = std::chrono::steady_clock;
 
-    /// Serves one connection; the socket is borrowed. Called by several threads at once. What it throws is told on
-    /// standard error and ends the connection.
+    /// Serves one connection; the socket is borrowed. Called by several threads at once. Exceptions are printed to
+    /// standard error and end the connection.
     using Serve = std::function<void(int socket)>;
 
     /// Takes the port (0 picks one); connections wait until start(). Throws std::runtime_error.
@@ -39,16 +39,16 @@ public:
     /// Accepts connections until stop(). Throws std::runtime_error.
     void start(Serve serve);
 
-    /// Refuses connections from now on until `moment`; one that has passed accepts again. What is connected stays so.
+    /// Refuses connections from now on until `moment`. A moment in the past accepts again. Open connections stay open.
     void refuseUntil(Clock::time_point moment);
 
-    /// Accepts nothing more, raises ending(), and ends the incoming direction of what is connected.
+    /// Accepts no more connections, raises ending(), and shuts open connections down for reading.
     void beginStop();
 
-    /// The same, and returns when all is served. What is not within five seconds of the first of these calls is cut.
+    /// As beginStop(), then waits. Connections still open five seconds after the first of these calls are closed.
     void stop();
 
-    /// Raised by beginStop(), for what waits while it serves.
+    /// Raised by beginStop(). Ends waits of threads that serve a connection.
     [[nodiscard]] EndSignal const& ending() const { return m_Ending; }
 
 private:

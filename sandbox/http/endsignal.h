@@ -27,8 +27,8 @@ public:
     void raise() const;
     [[nodiscard]] bool raised() const;
 
-    /// Waits until something of what `sockets` ask for has happened, which `revents` then tell, until `deadline` (max()
-    /// never comes), or until the signal is raised. What has happened already comes before an end.
+    /// Waits for an event on `sockets` (reported in `revents`), for `deadline` (max(): none), or for the signal. An
+    /// event that is there already wins over the other two.
     Wait await(std::array<pollfd, 2>& sockets, Clock::time_point deadline) const;
 
 private:

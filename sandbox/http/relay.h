@@ -29,26 +29,26 @@ public:
     [[nodiscard]] bool wantsToRead() const { return !m_SourceEnded && (m_To == kNowhere || m_Waiting.empty()); }
     [[nodiscard]] bool wantsToWrite() const { return !m_Waiting.empty(); }
 
-    /// Whether the source has said something, or ended.
+    /// Whether the source has sent a byte, or ended.
     [[nodiscard]] bool started() const { return m_SourceEnded || !m_Begin.empty(); }
 
     /// Whether the source has ended and everything has arrived.
     [[nodiscard]] bool ended() const { return m_SourceEnded && m_Waiting.empty(); }
 
-    /// Without a destination: more came than is kept.
+    /// Whether more bytes arrived than a flow without a destination keeps.
     [[nodiscard]] bool overflowed() const { return m_Overflowed; }
 
-    /// The beginning of all that came, or all of it; what came before included.
+    /// The first bytes received, `ahead` included; without a destination, all of them.
     [[nodiscard]] std::string const& begin() const { return m_Begin; }
 
-    /// Reads or writes as much as goes without waiting. False when the connection is broken.
+    /// Reads or writes as much as is possible without waiting. False when the connection is broken.
     bool read();
     bool write();
 
-    /// Makes what comes from the source complete once `isWhole` says so of all that came, whether it ends or not.
+    /// Ends the flow as soon as `isWhole` accepts the bytes received so far, even when the source stays open.
     void endWhen(bool (*isWhole)(std::string const& text)) { m_IsWhole = isWhole; }
 
-    /// Carries nothing more.
+    /// Transfers nothing more.
     void abandon();
 
 private:

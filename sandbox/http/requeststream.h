@@ -16,13 +16,13 @@ public:
     /// `connection` is borrowed; `begin` has been read from it before, and is shown to the library as `ahead`.
     RequestStream(Connection& connection, std::string begin, std::string ahead);
 
-    /// All that came from the connection.
+    /// All bytes received from the connection.
     [[nodiscard]] std::string const& received() const { return m_Received; }
 
     /// The response as far as it was written; nothing of it has been sent.
     [[nodiscard]] std::string const& written() const { return m_Written; }
 
-    /// Whether more came than any request may hold. What came after that was not read.
+    /// Whether the request exceeds the size limit. Bytes after the limit are not read.
     [[nodiscard]] bool isTooLong() const { return m_TooLong; }
 
     [[nodiscard]] bool is_readable() const override { return true; }

@@ -1,7 +1,7 @@
 // Capture, completion and status (/capture), signed with the merchant's key.
 // lead() is the common part: it finds the payment by account and TOKEN, compares what the message repeats with the
 // order, and moves the state. A payment that is there already gets the same response again, so repeating is harmless.
-// These moves notify nobody: the merchant made them.
+// No notification is sent: the merchant made the change.
 #include "sandbox/service/endpoints.h"
 
 #include <algorithm>

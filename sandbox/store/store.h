@@ -65,8 +65,8 @@ public:
     [[nodiscard]] std::vector<StoredServerKey> serverKeys();
     void addServerKey(StoredServerKey const& key, std::string const& time);
 
-    /// Adds a key to an account. `Known`: it is there already; `Taken`: the identifier stands for another key or
-    /// belongs to another account. Nothing changes in both cases.
+    /// Adds a key to an account. `kKnown`: this key is stored already. `kTaken`: the key id belongs to another key or
+    /// account. Nothing changes in both cases.
     KeyAdded addMerchantKey(std::string const& id, MerchantKey const& key, std::string const& time);
     [[nodiscard]] std::optional<MerchantKey> merchantKey(std::string const& id);
 

@@ -6,7 +6,7 @@ namespace sandbox::httpstatus {
 
 inline constexpr int kOk = 200;
 inline constexpr int kCreated = 201;
-inline constexpr int kMultipleChoices = 300;  ///< The first one that is no success.
+inline constexpr int kMultipleChoices = 300;  ///< The first status outside the success range.
 inline constexpr int kFound = 302;
 inline constexpr int kSeeOther = 303;
 inline constexpr int kBadRequest = 400;

@@ -8,7 +8,7 @@
 
 namespace sandbox {
 
-/// What came of parsing something once: the value, or the HttpError that says why there is none. The error is thrown
+/// The result of parsing once: a value, or the HttpError that says why there is none. The error is thrown
 /// where the value is needed, so that a request is parsed early and refused in the order of its checks.
 template <class Value>
 class Parsed {

@@ -58,7 +58,7 @@ struct LeftOutExchange {
 };
 std::vector<LeftOutExchange> const& leftOutExchanges();
 
-/// Those that the merchant asks for, so that a connection for them can fail.
+/// The exchanges that the merchant starts, so that a connection for them can fail.
 std::vector<sandbox::ExchangeKind> const& merchantExchanges();
 
 bool isOfSetUp(sandbox::ExchangeKind exchange);

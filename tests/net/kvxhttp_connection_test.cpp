@@ -130,7 +130,7 @@ TEST(SockConnection, GivesItsSocketUpOnce) {
 }
 
 TEST(SockConnection, KeepsTheSocketOpenWhenDestroyed) {
-    // Whoever wants it closed takes it first.
+    // A caller that wants the socket closed takes it first.
     RawServer const server("");
     int socket = -1;
     {

@@ -1,5 +1,5 @@
-// What the library must print once killed the host when nobody read the stream any more (SIGPIPE), and once went into
-// the library's own socket when the host had closed standard error, because the socket had been given its number.
+// Two failures of printing: a closed pipe behind standard error raised SIGPIPE and ended the host; and where the host
+// had closed standard error, the library's own socket got its number, and the text went into the exchange.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -127,7 +127,7 @@ TEST(FaultRegistry, LeavesConnectionsWithoutTlsAlone) {
     EXPECT_EQ(takeForConnection(registry, true), "tls-expired");
     EXPECT_EQ(takeForConnection(registry, true), "tls-abort");
     EXPECT_EQ(takeForConnection(registry, true), "none");
-    EXPECT_EQ(registry.armed().size(), 1u) << "refused connections happen to nobody who is heard of";
+    EXPECT_EQ(registry.armed().size(), 1u) << "a refused connection is never counted";
 }
 
 TEST(FaultRegistry, CountsForManyThreadsAtOnce) {
