@@ -1,3 +1,6 @@
+// The table of system calls and its two helpers: repetition after signals, and descriptors that stay clear of standard
+// input, output and error. Tests replace entries of the table; a guard puts the table back. No descriptor is really
+// moved or closed.
 #include "foundation/tbsystem.h"
 
 #include <gtest/gtest.h>

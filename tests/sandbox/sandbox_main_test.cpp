@@ -1,3 +1,6 @@
+// The program tallowin-sandbox as a process: its output in words and as JSON, options and wrong usage, signals, exit
+// status. It is started with posix_spawn on a directory of its own and killed at the end if it still runs. Every wait
+// is bounded.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

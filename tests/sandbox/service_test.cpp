@@ -1,3 +1,5 @@
+// The service from start to stop: data that outlives a restart, requests cut by a kill, exchanges that cannot be
+// stored, ports in use, TLS. The service runs in the test's process, on a directory of its own.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>

@@ -1,3 +1,6 @@
+// The control API over a real socket: every address with its methods, every error with its text. A fixture runs a
+// service with one account and a merchant. Sections follow the addresses: service, faults, payments and exchanges,
+// keys, accounts and clock; the last one holds requests of other sites and unknown addresses.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

@@ -1,3 +1,5 @@
+// Signing, verifying and reading keys, against files that the openssl command made (tests/data/sandbox). Widening comes
+// first, then known answers, then every flipped bit and other length, then malformed keys.
 #include "sandbox/crypto/signature.h"
 
 #include <gmock/gmock.h>

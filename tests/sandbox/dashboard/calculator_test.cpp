@@ -1,3 +1,6 @@
+// The signature calculator without its page. Sections: valid signatures, missing or unreadable texts, wrong signatures,
+// wrong keys, another message than the signed one, damaged messages with their repairs, pasted texts. The fixture makes
+// two keys of the service and two of merchants for each test.
 #include "sandbox/dashboard/calculator.h"
 
 #include <gmock/gmock.h>

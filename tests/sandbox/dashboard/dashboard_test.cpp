@@ -1,3 +1,6 @@
+// The dashboard's pages, read as XML from a running service. First what holds for every page (navigation, headings,
+// escaping, methods), then page by page: overview, payment, exchange, faults, keys and clock, calculator. Between them
+// stand the tests of forms that another site sends.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

@@ -1,3 +1,5 @@
+// Faults as texts and on the wire. The first part parses and prints them. The second arms one on a running service
+// whose response is known, and compares the bytes that a client reads, and how the connection ends, with that response.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>

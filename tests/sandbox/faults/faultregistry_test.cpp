@@ -1,3 +1,5 @@
+// Which armed fault an exchange gets: order, count, limits by order and exchange, refused connections and their end. No
+// service runs; the listener of refusals writes down its calls. One test takes faults on many threads at once.
 #include <gtest/gtest.h>
 
 #include <atomic>

@@ -1,3 +1,6 @@
+// The acceptor and the connections it serves, over loopback sockets. It accepts, refuses and accepts again, serves
+// hundreds at once, and stops under load. The last part tests how a pause in a connection ends. Clients are threads of
+// the test.
 #include "sandbox/http/acceptor.h"
 
 #include <gtest/gtest.h>

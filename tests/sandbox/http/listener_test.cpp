@@ -1,3 +1,5 @@
+// Requests as bytes: long lines, bare line feeds, absolute targets, large forms, chunks, silence. Each is sent over a
+// socket to a running service, and the raw response is compared.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>

@@ -1,3 +1,5 @@
+// The pages for shoppers as functions: no service runs. First what holds for every page in every language (well-formed,
+// labelled, escaped, without scripts), then the style sheet with its contrasts, the languages, and page by page.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

@@ -1,3 +1,6 @@
+// The proxy between a raw client and programs on this machine: forwarded requests, tunnels, what it refuses, time
+// limits, and its own faults. Targets are the service itself, scripted servers, and ports whose queue is full. The last
+// tests stop the service in the middle of a conversation.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>

@@ -1,3 +1,5 @@
+// The exchanges at /auto over a real socket: set-up, defaults, key query, key export, and every refusal with its text.
+// The merchant of the tests encodes and signs with its own code. The last tests compare the stored exchanges.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

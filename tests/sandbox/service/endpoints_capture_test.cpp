@@ -1,3 +1,5 @@
+// Capture, completion and status at /capture over a real socket. A payment is brought to "authorised" through the page
+// first. Each test sends a signed message and compares the response and the payment's state.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

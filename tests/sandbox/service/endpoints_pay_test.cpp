@@ -1,3 +1,5 @@
+// The payment page at /pay: what it accepts and refuses, the shopper's decision, the return links, expiry. Pages are
+// read as XML. Refusals are compared with the page and with the stored exchange.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

@@ -1,3 +1,6 @@
+// Notifications to a merchant's server that plays scripts: delivery, retries, order, parallel hosts, faults, restart,
+// stop. Times are short and given to the service. Every wait ends at a condition or at the test's limit, none after a
+// fixed time.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

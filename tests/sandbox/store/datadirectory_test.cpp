@@ -1,3 +1,5 @@
+// The data directory and the database in it: modes, the lock of one service, replaced files, unusable and foreign
+// databases, two callers that advance one payment.
 #include "sandbox/store/datadirectory.h"
 
 #include <gmock/gmock.h>

@@ -1,3 +1,5 @@
+// Reads pages for tests: markup through pugixml and XPath, the style sheet with a small parser of rules and @media
+// blocks. At the end: contrast of colours, and a check of UTF-8 for HTML. It shares no code with the service.
 #include "tests/sandbox/support/pagereader.h"
 
 #include <algorithm>

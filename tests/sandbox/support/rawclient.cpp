@@ -1,3 +1,5 @@
+// HTTP over bare sockets, plain or TLS: connect, send, read to the end, split the response. Then the requests that
+// tests send: a merchant's, the control API's, a browser's form. Every wait ends after ten seconds.
 #include "tests/sandbox/support/rawclient.h"
 
 #include <arpa/inet.h>

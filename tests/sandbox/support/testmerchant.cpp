@@ -1,3 +1,5 @@
+// A merchant for tests: a key of 512 bits, messages, signatures of both widenings, and verification of the server's. It
+// shares no signature or encoding code with the service, so an error in one shows in the other.
 #include "tests/sandbox/support/testmerchant.h"
 
 #include <openssl/crypto.h>

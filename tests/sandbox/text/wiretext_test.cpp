@@ -1,3 +1,5 @@
+// The text forms of bytes: hexadecimal, percent-encoding, Basic credentials, query strings. Tables hold texts and
+// bytes; refusals are compared with their reasons.
 #include "sandbox/text/wiretext.h"
 
 #include <gtest/gtest.h>
