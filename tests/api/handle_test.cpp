@@ -5,6 +5,10 @@
 
 #include <array>
 #include <atomic>
+#include <fstream>
+#include <iterator>
+#include <regex>
+#include <set>
 #include <thread>
 
 #include "tests/api/apisupport.h"
@@ -51,6 +55,18 @@ TEST(Handle, OfALivingObjectIsAccepted) {
 }
 
 TEST(Handle, TableHoldsAllFunctions) {
+    std::ifstream file(KVX_FLAT_HEADER);
+    std::string const header{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    std::regex const declaration(R"((ConfigurationSetup|MessageFactory|MessageObject)_\w+(?=\(KVX_HANDLE))");
+    std::set<std::string> declared;
+    for (std::sregex_iterator found(header.begin(), header.end(), declaration), end; found != end; ++found) {
+        declared.insert(found->str());
+    }
+    std::set<std::string> listed;
+    for (FlatFunction const& function : flatFunctions()) {
+        listed.insert(function.m_Name);
+    }
+    EXPECT_EQ(listed, declared);
     EXPECT_EQ(flatFunctions().size(), 18U);
 }
 
