@@ -7,6 +7,7 @@
 
 #include <cmath>
 #include <cstddef>
+#include <iterator>
 #include <locale>
 #include <sstream>
 #include <stdexcept>
@@ -39,7 +40,7 @@ constexpr double kMaxSeconds = 3600;
 constexpr std::int64_t kMaxMegabytes = 4096;
 
 // clang-format off
-std::vector<FaultKindRow> const kKinds = {
+constexpr FaultKindRow kKinds[] = {
     {FaultKind::kRefuse,              "refuse",                kConnections | bit(ExchangeKind::kProxy), kTakesSeconds, false,
      "connections are refused, for some seconds or until the fault is removed"},
     {FaultKind::kTlsExpired,          "tls-expired",           kConnections, 0, false,
@@ -187,11 +188,12 @@ std::string decimal(double number) {
 }  // namespace
 
 std::vector<FaultKindRow> const& allFaultKinds() {
-    return kKinds;
+    static std::vector<FaultKindRow> const kinds(std::begin(kKinds), std::end(kKinds));
+    return kinds;
 }
 
 FaultKindRow const& faultRow(FaultKind kind) {
-    for (FaultKindRow const& row : kKinds) {
+    for (FaultKindRow const& row : allFaultKinds()) {
         if (row.m_Kind == kind) {
             return row;
         }
@@ -200,7 +202,7 @@ FaultKindRow const& faultRow(FaultKind kind) {
 }
 
 std::optional<FaultKind> faultFromName(std::string_view name) {
-    for (FaultKindRow const& row : kKinds) {
+    for (FaultKindRow const& row : allFaultKinds()) {
         if (name == row.m_Name) {
             return row.m_Kind;
         }
