@@ -22,6 +22,8 @@
  *            `size` or too few bytes: KVX_E_BUFFER_TOO_SMALL, nothing is copied. Null `buffer` with enough bytes:
  *            KVX_OK, nothing is copied. So call once with size 0, then again with the size returned.
  *
+ * OUTPUTS    other than sizes and buffers, such as `out`: must not be null.
+ *
  * THREADS    no locks: one handle is used by one thread at a time. Different handles may be used by different threads
  *            at once, also on one directory. Functions marked "network" block until the server answers or closes; there
  *            is no time limit. Functions marked "files" read or write the configuration directory.
