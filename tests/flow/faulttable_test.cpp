@@ -76,7 +76,8 @@ TEST_F(FaultTable, HasRowsForNothingElseAndInOrder) {
         EXPECT_NO_THROW(faultOf(row));
         EXPECT_EQ(row.m_BrowserResult != BrowserResult::kNoShopper, isOfShopper(row.m_Exchange));
         EXPECT_TRUE(!row.m_Tunnelled || row.m_Exchange == ExchangeKind::kProxy);
-        EXPECT_TRUE(before == nullptr || placeOf(*before) <= placeOf(row));
+        EXPECT_TRUE(before == nullptr || placeOf(*before) <= placeOf(row))
+            << "rows follow allExchangeKinds(), then allFaultKinds(), forwarded before tunnelled";
         before = &row;
     }
     for (LeftOutExchange const& leftOut : leftOutExchanges()) {
@@ -90,7 +91,7 @@ TEST_F(FaultTable, IsThePageThatPeopleRead) {
         std::ofstream(file, std::ios::binary) << page;
     }
     EXPECT_TRUE(contentOf(KVX_DOCS_DIR "/fault-table.md") == page)
-        << "generate it again: KVX_WRITE_FAULT_TABLE=docs/fault-table.md flow_tests "
+        << "generate it again: KVX_WRITE_FAULT_TABLE=docs/fault-table.md build/release/tests/flow/flow_tests "
            "--gtest_filter=FaultTable.IsThePageThatPeopleRead";
 }
 
