@@ -422,7 +422,7 @@ TEST_F(PaymentNotification, TakesAnAnswerForWholeWhenItsLengthHasCome) {
     }});
     payNotified(shop.address());
     EXPECT_EQ(awaitSettled().m_Outcome, "delivered: 200");
-    EXPECT_THAT(m_Service->exchanges().back().m_Response, HasSubstr("\r\n\r\ndone"));
+    EXPECT_THAT(sent().back().m_Response, HasSubstr("\r\n\r\ndone"));
 }
 
 TEST_F(PaymentNotification, SendsToThisMachineOverHttpOnly) {
