@@ -132,6 +132,7 @@ void Sales::handleReturn(std::string const& number, std::string const& link, std
 
 void Sales::handleNotification(std::string const& number, std::string const& data, std::string const& signature) {
     std::vector<std::string> results;
+    results.reserve(kReturnLinks.size());
     for (ReturnLink const& link : kReturnLinks) {
         results.emplace_back(link.m_Result);
     }

@@ -17,7 +17,7 @@ namespace sandbox {
 namespace {
 
 // Longer messages are skipped, so that the whole search takes about a second.
-constexpr std::int64_t kMaxRecalledBytes = 16 * 1024;
+constexpr std::int64_t kMaxRecalledBytes = std::int64_t{16} * 1024;
 
 bool hasDigest(std::string const& text, std::string const& digest) {
     return digestOf(text, Widening::kZero) == digest || digestOf(text, Widening::kSign) == digest;

@@ -22,7 +22,7 @@ namespace {
 
 constexpr std::chrono::seconds kIoTimeout(10);
 constexpr std::chrono::seconds kClosingTimeout(1);
-constexpr std::size_t kMaxRest = 1024 * 1024;
+constexpr std::size_t kMaxRest = std::size_t{1024} * 1024;
 
 Connection::Clock::time_point momentIn(double seconds) {
     std::chrono::duration<double> const time(seconds);

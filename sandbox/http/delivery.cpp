@@ -13,7 +13,7 @@ namespace sandbox {
 namespace {
 
 constexpr char kBlankLine[] = "\r\n\r\n";
-constexpr std::size_t kMegabyte = 1024 * 1024;
+constexpr std::size_t kMegabyte = std::size_t{1024} * 1024;
 
 /// Where the body begins; the end when there is none.
 std::size_t bodyOf(std::string const& response) {

@@ -17,9 +17,9 @@ namespace sandbox {
 
 namespace {
 
-constexpr std::size_t kPieceBytes = 64 * 1024;
-constexpr std::size_t kMaxRemembered = 128 * 1024;  // of what goes on to a destination
-constexpr std::size_t kMaxCollected = 8 * 1024 * 1024;
+constexpr std::size_t kPieceBytes = std::size_t{64} * 1024;
+constexpr std::size_t kMaxRemembered = std::size_t{128} * 1024;  // of what goes on to a destination
+constexpr std::size_t kMaxCollected = std::size_t{8} * 1024 * 1024;
 constexpr int kLastRounds = 64;
 
 /// Whether a call on a socket that does not block has failed for good.

@@ -20,7 +20,7 @@ namespace sandbox {
 
 namespace {
 
-constexpr std::size_t kMaxBody = 1024 * 1024;
+constexpr std::size_t kMaxBody = std::size_t{1024} * 1024;
 
 void fill(HttpResponse const& from, httplib::Response& response) {
     response.status = from.m_Status;

@@ -12,10 +12,10 @@ namespace sandbox {
 
 namespace {
 
-constexpr std::size_t kPieceBytes = 16 * 1024;
+constexpr std::size_t kPieceBytes = std::size_t{16} * 1024;
 
 /// Of what is read after the first line: the head and the largest body, in chunks that are not too small.
-constexpr std::size_t kMaxAfterBegin = 2 * 1024 * 1024;
+constexpr std::size_t kMaxAfterBegin = std::size_t{2} * 1024 * 1024;
 
 /// Asks `lookup` (getpeername or getsockname) for one end of the connection.
 template <class Lookup>

@@ -43,7 +43,7 @@ private:
     std::size_t m_Next = 0;  ///< First byte of m_Ahead that has not been read.
 };
 
-inline constexpr std::size_t kMaxRequestLine = 4 * 1024 * 1024;  ///< Bytes.
+inline constexpr std::size_t kMaxRequestLine = std::size_t{4} * 1024 * 1024;  ///< Bytes.
 
 /// Reads up to and including the first line end. What came after it is in the result as well. Without a line end the
 /// result is what came before the end, a failure or more than kMaxRequestLine bytes.

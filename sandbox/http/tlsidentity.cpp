@@ -77,7 +77,7 @@ void addExtensions(X509* certificate, X509* issuer, Extensions const& extensions
 /// When a certificate is valid, in seconds from now.
 struct Validity {
     long m_From = -kDay;
-    long m_Until = 10 * 365 * kDay;
+    long m_Until = 10L * 365 * kDay;
 };
 
 /// A certificate for `key` under `issuer`, or under itself when `issuer` is null.

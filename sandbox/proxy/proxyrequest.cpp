@@ -14,7 +14,7 @@ namespace sandbox {
 
 namespace {
 
-constexpr std::size_t kMaxFieldBytes = 64 * 1024;
+constexpr std::size_t kMaxFieldBytes = std::size_t{64} * 1024;
 
 /// Reads on until the head is complete and returns its length. Throws HttpError when it does not become so.
 std::size_t completeHead(Connection& connection, std::string& text) {

@@ -10,7 +10,7 @@ namespace sandbox {
 
 namespace {
 
-constexpr std::size_t kMaxKept = 64 * 1024;
+constexpr std::size_t kMaxKept = std::size_t{64} * 1024;
 
 }  // namespace
 
