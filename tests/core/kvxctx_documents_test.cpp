@@ -1,6 +1,6 @@
 // Documents of a directory: reading values, setting them, writing files as text and as bytes.
 //
-// Malformed, missing and unreadable files are told apart by code and trace. Odd: an absent document reads as an absent
+// Malformed, missing and unreadable files differ in code and trace. Odd: an absent document reads as an absent
 // value only where the call says so.
 
 #include <fcntl.h>

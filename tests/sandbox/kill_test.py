@@ -148,8 +148,8 @@ class Order:
 
 
 class Client:
-    """Leads orders through a service and notes on them what it is told. An answer that contradicts what was told before
-    is an AssertionError, a missing one what http.client makes of it."""
+    """Leads orders through a service and stores each response with its order. A response that contradicts an earlier one
+    is an AssertionError; a missing one raises what http.client raises."""
 
     def __init__(self, account):
         self.account = account
@@ -366,8 +366,8 @@ class KillDuringPayments(SandboxCase):
                 client.check_state(order)
 
     def check_records(self, records):
-        """The database is whole, and holds what the clients were told and nothing that was not asked for. What was not
-        answered counts as told from here on, as far as it was carried out."""
+        """The database is whole. It holds what the responses reported, and nothing that was not requested. A request
+        without a response counts as reported from here on, as far as it was carried out."""
         self.assertEqual(records.damage, [])
         self.assertEqual((records.accounts, len(records.server_keys)), (["demo"], 1))
         self.assertLessEqual(set(records.keys.values()), {self.key.public.blob()})
