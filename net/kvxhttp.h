@@ -10,6 +10,7 @@
 
 #include "tallowin/codes.h"
 #include "tallowin/export.h"
+#include "tallowin/kvxtransfer.h"
 #include "tallowin/kvxurl.h"
 #include "tallowin/tbstring.h"
 #include "tallowin/tbstringstream.h"
@@ -168,6 +169,7 @@ struct KVX_EXPORT KVX_RequestInfo : URL_INFO {
     TbString proxyPort;     ///< Decimal text.
     TbString reserved;      ///< Not used.
     TbString traceOptions;  ///< With "rawhttp" in it request and response are printed to standard output.
+    KVX_Transfer transfer;  ///< Limits and protection.
     // NOLINTEND(readability-identifier-naming)
 };
 
