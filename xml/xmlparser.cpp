@@ -11,11 +11,18 @@
 #include <iterator>
 
 #include "xml/xmlholder.h"
+#include "xml/xmllimits.h"
 
 namespace {
 
 /// Results of `parseText`.
-enum Result : int { kParsed = 0, kUnexpectedCharacter = 1, kUnexpectedEnd = 2, kNothingToClose = 3 };
+enum Result : int {
+    kParsed = 0,
+    kUnexpectedCharacter = 1,
+    kUnexpectedEnd = 2,
+    kNothingToClose = 3,
+    kBeyondLimit = 4,  // only with limits
+};
 
 enum State : std::uint32_t {
     kText = 1,
@@ -135,7 +142,8 @@ constexpr std::array<std::size_t, kStateCount> kFirstRow = firstRows();
 /// One document under construction.
 class Document {
 public:
-    explicit Document(xmlParser& parser) : m_Parser(parser) {
+    /// `levels` is the greatest depth; 0 is no limit.
+    Document(xmlParser& parser, std::uint32_t levels) : m_Parser(parser), m_MaxLevels(levels) {
         xmlElement* top = nullptr;
         m_Parser.createElement("", &top);
         m_Top = xmlAdopt(top);
@@ -152,6 +160,8 @@ public:
             m_Token.append(character);
         } else if (row->m_Action == kCloseElement && m_Current->parent() == nullptr) {
             return kNothingToClose;
+        } else if (row->m_Action == kOpenElement && m_MaxLevels != 0 && m_Level == m_MaxLevels) {
+            return kBeyondLimit;
         } else {
             act(row->m_Action);
             m_Token.clear();
@@ -181,6 +191,7 @@ private:
                 break;
             case kCloseElement:
                 m_Current = m_Current->parent();
+                --m_Level;
                 break;
             case kSetAttr:
                 XMLDecode(m_Token, m_Token);
@@ -202,15 +213,37 @@ private:
         xmlElementPtr const child = xmlAdopt(created);
         m_Current->insertChild(created);
         m_Current = created;
+        ++m_Level;
     }
 
     xmlParser& m_Parser;
     xmlElementPtr m_Top;              ///< Holds the whole tree; released with this object.
     xmlElement* m_Current = nullptr;  ///< Borrowed from the tree.
+    std::uint32_t m_Level = 0;        ///< Of the current element.
+    std::uint32_t m_MaxLevels;        ///< 0: no limit.
     std::uint32_t m_State = kText;
     TbString m_Token;
     TbString m_AttrName;
 };
+
+Result parse(xmlParser& parser, std::uint32_t maxLevels, TbStringStream& in, xmlElement** out) {
+    Document document(parser, maxLevels);
+    for (;;) {
+        char character = 0;
+        in.get(character);
+        if (in.atEnd()) {
+            return document.finish(out);
+        }
+        bool again = false;
+        Result const result = document.feed(character, again);
+        if (result != kParsed) {
+            return result;
+        }
+        if (again) {
+            in.unget();
+        }
+    }
+}
 
 }  // namespace
 
@@ -266,20 +299,13 @@ void xmlParser::createElement(TbString const& tag, xmlElement** out) {
 }
 
 int xmlParser::parseText(TbStringStream& in, xmlElement** out) {
-    Document document(*this);
-    for (;;) {
-        char character = 0;
-        in.get(character);
-        if (in.atEnd()) {
-            return document.finish(out);
-        }
-        bool again = false;
-        Result const result = document.feed(character, again);
-        if (result != kParsed) {
-            return result;
-        }
-        if (again) {
-            in.unget();
-        }
+    return parse(*this, 0, in, out);
+}
+
+int xmlParseWithin(xmlLimits const& limits, TbStringStream& in, xmlElement** out) {
+    if (limits.m_Bytes != 0 && in.length() > limits.m_Bytes) {
+        return kBeyondLimit;
     }
+    xmlParser parser;
+    return parse(parser, limits.m_Levels, in, out);
 }
