@@ -13,7 +13,7 @@
 #include "api/kvxboundary.h"
 #include "api/kvxlines_api.h"
 #include "core/kvxdirectory.h"
-#include "core/kvxdocument.h"
+#include "xml/xmlholder.h"
 
 namespace {
 
@@ -28,7 +28,9 @@ void copyDefaults(KVX_Context& account, KVX_Message& message) {
     if (!account.QueryValueOrAbsent(kvx::kDefaultsFile, "", text)) {
         return;
     }
-    xmlElementPtr const defaults = kvxParseDocument(text);
+    xmlElement* parsed = nullptr;
+    account.XmlFromString(text, &parsed);
+    xmlElementPtr const defaults = xmlAdopt(parsed);
     for (char const* const* name = AttributeNames; *name != nullptr; ++name) {
         TbString value;
         if (defaults->getAttribute(*name, value)) {

@@ -17,6 +17,7 @@
 #include <cstring>
 #include <memory>
 
+#include "core/icct_modulus.h"
 #include "foundation/tbreleaser.h"
 
 // The low-level RSA interface is deprecated since OpenSSL 3.0, but it alone does exactly what is wanted: PKCS#1 blobs
@@ -31,6 +32,9 @@ constexpr BN_ULONG kPublicExponent = 65537;
 
 /// Bytes of the largest modulus a signature is checked with: keys up to 1024 bits.
 constexpr int kMaxVerifyModulus = 128;
+
+/// Bytes that the padding takes at least.
+constexpr int kPaddingBytes = 11;
 
 /// Bytes of the largest modulus for signing and encrypting, the room that callers keep for a result.
 constexpr int kMaxModulus = 1024;
@@ -178,6 +182,21 @@ int ICCT_DecryptDigest(unsigned char* privKey, int privKeyLen, unsigned char* in
     int const length = RSA_private_decrypt(static_cast<int>(inLen), in, out, key.get(), RSA_PKCS1_PADDING);
     *outLen = static_cast<unsigned long>(length);
     return length != -1 ? 0 : -1;
+}
+
+std::uint32_t ICCT_UsableModulusBits(unsigned char const* pubKey, unsigned long pubKeyLen) noexcept {
+    RsaHolder const key =
+        pubKeyLen <= INT_MAX ? DecodeKey(d2i_RSAPublicKey, pubKey, static_cast<int>(pubKeyLen)) : nullptr;
+    if (key == nullptr) {
+        return 0;
+    }
+    BIGNUM const* const modulus = RSA_get0_n(key.get());
+    BIGNUM const* const exponent = RSA_get0_e(key.get());
+    int const bytes = RSA_size(key.get());
+    bool const fits = bytes >= SHA_DIGEST_LENGTH + kPaddingBytes && bytes <= kMaxVerifyModulus;
+    bool const isSound = BN_is_negative(modulus) == 0 && BN_is_odd(modulus) == 1 && BN_is_negative(exponent) == 0 &&
+                         BN_is_odd(exponent) == 1 && BN_is_one(exponent) == 0;
+    return fits && isSound ? static_cast<std::uint32_t>(BN_num_bits(modulus)) : 0;
 }
 
 #pragma GCC diagnostic pop

@@ -171,7 +171,13 @@ private:
     void replaceFile(TbString const& file, TbString const& content);
     void readFile(TbString const& file, TbStringStream& content);
     bool readFileOrAbsent(TbString const& file, TbStringStream& content);
-    KVX_Settings readSettings();
+    KVX_Settings settingsForExchange();
+    KVX_Settings settingsForVerification();
+    KVX_Settings settingsForLocalWork();
+    void requireVerified(KVX_Settings const& settings, TbString const& data, TbString const& keyId,
+                         TbString const& signature);
+    void requireAcceptable(TbString const& keyBlob);
+    bool hasPrivateKey(TbString const& keyId);
     friend class KVX_Message;
 
     TbString m_Path;      ///< As given; empty while not open.

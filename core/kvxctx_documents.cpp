@@ -6,6 +6,8 @@
 // is not reported at all.
 
 #include "core/kvxctx.h"
+#include "core/kvxctx_checks.h"
+#include "core/kvxctx_settings.h"
 #include "core/kvxdirectory.h"
 #include "core/kvxdocument.h"
 #include "core/kvxfile.h"
@@ -41,9 +43,9 @@ bool orAbsent(Query query) {
 
 }  // namespace
 
-xmlElementPtr kvxParseDocument(TbStringStream& in) {
+xmlElementPtr kvxParseDocument(TbStringStream& in, xmlLimits const& limits) {
     xmlElement* parsed = nullptr;
-    if (xmlParser().parseText(in, &parsed) != 0) {
+    if (xmlParseWithin(limits, in, &parsed) != 0) {
         kvx::kSourceCtx.fail(KVX_E_INVALID_FORMAT, kvx::kLineParse);
     }
     xmlElementPtr const document = xmlAdopt(parsed);
@@ -54,9 +56,9 @@ xmlElementPtr kvxParseDocument(TbStringStream& in) {
     return xmlAdopt(root);
 }
 
-xmlElementPtr kvxParseDocument(TbString const& text) {
+xmlElementPtr kvxParseDocument(TbString const& text, xmlLimits const& limits) {
     TbStringStream stream(text);
-    return kvxParseDocument(stream);
+    return kvxParseDocument(stream, limits);
 }
 
 xmlElementPtr kvxNewDocument() {
@@ -66,11 +68,11 @@ xmlElementPtr kvxNewDocument() {
 }
 
 void KVX_Context::XmlFromStream(TbStringStream& in, xmlElement** out) {
-    xmlHandOut(kvxParseDocument(in), out);
+    xmlHandOut(kvxParseDocument(in, settingsForLocalWork().m_Documents), out);
 }
 
 void KVX_Context::XmlFromString(TbString const& text, xmlElement** out) {
-    xmlHandOut(kvxParseDocument(text), out);
+    xmlHandOut(kvxParseDocument(text, settingsForLocalWork().m_Documents), out);
 }
 
 xmlElementPtr KVX_Context::request(TbString const& msgType) {
@@ -105,7 +107,7 @@ bool KVX_Context::QueryValue(TbString const& file, TbString const& name, TbStrin
         value = content.str();
         return true;
     }
-    xmlElementPtr const root = kvxParseDocument(content);
+    xmlElementPtr const root = kvxParseDocument(content, settingsForLocalWork().m_Documents);
     return xmlGetAttributeEx(root.get(), name, value) && !value.isEmpty();
 }
 
@@ -130,11 +132,15 @@ bool KVX_Context::QueryValue(TbString const& file, unsigned char* buffer, unsign
 }
 
 void KVX_Context::SetValue(TbString const& file, TbString const& name, TbString const& value, bool create) {
+    KVX_Settings const settings = settingsForLocalWork();
+    if (settings.m_HasStrictNames && !kvxIsReadableName(name)) {
+        kvx::kSourceCtx.fail(KVX_E_INVALID_OPTION, kvx::kLineSetValueName);
+    }
     TbString text;
     QueryValue(file, "", text);
     xmlElementPtr root;
     try {
-        root = kvxParseDocument(text);
+        root = kvxParseDocument(text, settings.m_Documents);
     } catch (KVX_Exception const& failure) {
         if (!create || failure.code() != KVX_E_INVALID_FORMAT) {
             throw;

@@ -7,6 +7,8 @@
 
 #include "core/icct.h"
 #include "core/kvxctx.h"
+#include "core/kvxctx_checks.h"
+#include "core/kvxctx_settings.h"
 #include "core/kvxdirectory.h"
 #include "core/kvxlines_core.h"
 #include "core/kvxwipe.h"
@@ -85,6 +87,11 @@ void KVX_Context::SignData(TbString const& data, TbString const& keyId, TbString
 }
 
 void KVX_Context::VerifyData(TbString const& data, TbString const& keyId, TbString const& signature) {
+    requireVerified(settingsForVerification(), data, keyId, signature);
+}
+
+void KVX_Context::requireVerified(KVX_Settings const& settings, TbString const& data, TbString const& keyId,
+                                  TbString const& signature) {
     TbStringStream keyText;
     if (!readFileOrAbsent(kvx::publicKeyFile(keyId), keyText)) {
         kvx::kSourceCtx.fail(KVX_E_NOT_FOUND, kvx::kLineVerifyNoKey);
@@ -100,8 +107,35 @@ void KVX_Context::VerifyData(TbString const& data, TbString const& keyId, TbStri
     if (HexToBuffer(signature, bytes, &length) != KVX_OK) {
         kvx::kSourceCtx.fail(KVX_E_INVALID_KEY, kvx::kLineVerifySignatureText);
     }
+    if (!kvxIsAcceptedKey(settings, {key, keyLength})) {
+        kvx::kSourceCtx.fail(KVX_E_INVALID_SIGNATURE, kvx::kLineVerifyKeyRefused);
+    }
+    if (settings.m_HasStrictSignature && !kvxIsCanonicalSignature(signature, {key, keyLength})) {
+        kvx::kSourceCtx.fail(KVX_E_INVALID_SIGNATURE, kvx::kLineVerifySpelling);
+    }
     WidenedText const widened(data, WidenedText::Sign::kExtended);
     if (ICCT_Verify(key, static_cast<int>(keyLength), widened.bytes(), widened.length(), bytes, length) != 0) {
         kvx::kSourceCtx.fail(KVX_E_INVALID_SIGNATURE, kvx::kLineVerifyFailed);
     }
+}
+
+/// Refuses the text of a server's key that the settings exclude.
+void KVX_Context::requireAcceptable(TbString const& keyBlob) {
+    KVX_Settings const settings = settingsForVerification();
+    unsigned char bytes[kKeyBytes];
+    unsigned long length = sizeof bytes;
+    if (HexToBuffer(keyBlob, bytes, &length) != KVX_OK) {
+        length = 0;
+    }
+    bool const isUsable = !settings.m_HasStrictKeys || kvxIsUsableKey({bytes, length});
+    if (!isUsable || !kvxIsAcceptedKey(settings, {bytes, length})) {
+        kvx::kSourceCtx.fail(KVX_E_INVALID_KEY, kvx::kLineImportKeyRefused);
+    }
+}
+
+/// Whether the key `keyId` is the merchant's own.
+bool KVX_Context::hasPrivateKey(TbString const& keyId) {
+    TbStringStream text;
+    KvxTextWiper const wiper(text);
+    return readFileOrAbsent(kvx::privateKeyFile(keyId), text);
 }

@@ -5,6 +5,8 @@
 // new message is a "PayInit" first, which fixes the order of its attributes, and Request leaves its type changed.
 
 #include "core/kvxctx.h"
+#include "core/kvxctx_checks.h"
+#include "core/kvxctx_settings.h"
 #include "core/kvxdirectory.h"
 #include "core/kvxdocument.h"
 #include "core/kvxidentifier.h"
@@ -66,7 +68,8 @@ void KVX_Message::Open(KVX_Context* context, TbString const& data, TbString cons
     m_Element.reset();
     m_Context = context;
     KVX_Context& account = boundContext();
-    xmlElementPtr const element = kvxParseDocument(data);
+    KVX_Settings const settings = account.settingsForVerification();
+    xmlElementPtr const element = kvxParseDocument(data, settings.m_Documents);
     if (signature.isEmpty()) {
         kvx::kSourceCtx.fail(KVX_E_MISSING_SIGNATURE, kvx::kLineMissingSignature);
     }
@@ -78,9 +81,17 @@ void KVX_Message::Open(KVX_Context* context, TbString const& data, TbString cons
     if (!kvxNamesFileInDirectory(keyId)) {
         kvx::kSourceCtx.fail(KVX_E_NOT_FOUND, kvx::kLineVerifyNoKey);
     }
-    account.VerifyData(data, keyId, signature);
-    TbString type;
-    if (element->getAttribute("MSGTYPE", type) && type == TbString("PayConfirm")) {
+    account.requireVerified(settings, data, keyId, signature);
+    if (settings.m_HasStrictConfirm && account.hasPrivateKey(keyId)) {
+        kvx::kSourceCtx.fail(KVX_E_INVALID_SIGNATURE, kvx::kLineConfirmOwnKey);
+    }
+    TbString type("");
+    element->getAttribute("MSGTYPE", type);
+    bool const isConfirmation = type == TbString("PayConfirm");
+    if (settings.m_HasStrictConfirm && !isConfirmation) {
+        kvx::kSourceCtx.fail(KVX_E_WRONG_RESPONSE, kvx::kLineConfirmType);
+    }
+    if (isConfirmation) {
         element->setAttribute("CONFIGPATH", account.GetPath());
     }
     m_Element = element;
@@ -88,6 +99,9 @@ void KVX_Message::Open(KVX_Context* context, TbString const& data, TbString cons
 
 void KVX_Message::SetAttribute(TbString const& name, TbString const& value) {
     requireElement(kvx::kLineAttributeNoElement);
+    if (!kvxIsReadableName(name) && boundContext().settingsForLocalWork().m_HasStrictNames) {
+        kvx::kSourceCtx.fail(KVX_E_INVALID_OPTION, kvx::kLineAttributeName);
+    }
     m_Element->setAttribute(name, value);
 }
 
@@ -155,7 +169,7 @@ bool KVX_Message::ToString(TbString& text) const {
 
 void KVX_Message::FromString(TbString const& text) {
     m_Element.reset();
-    boundContext();  // a message without one is refused, whatever the text
-    m_Element = kvxParseDocument(text);
+    KVX_Context& account = boundContext();  // a message without one is refused, whatever the text
+    m_Element = kvxParseDocument(text, account.settingsForLocalWork().m_Documents);
     m_Element->setAttribute("KEYID", m_KeyId);
 }

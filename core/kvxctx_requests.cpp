@@ -1,6 +1,7 @@
 // Request URLs and the check of responses.
 
 #include "core/kvxctx.h"
+#include "core/kvxctx_settings.h"
 #include "core/kvxdocument.h"
 #include "core/kvxlines_core.h"
 
@@ -57,7 +58,7 @@ xmlElementPtr KVX_Context::exchange(TbString const& baseUrl, TbStringStream& mes
     TbString url;
     RequestToURL(baseUrl, message, signature, url);
     StreamFromURL(url, responseText);
-    xmlElementPtr response = kvxParseDocument(responseText);
+    xmlElementPtr response = kvxParseDocument(responseText, settingsForVerification().m_Documents);
     CheckResponseMsgType(response.get(), expectedType);
     return response;
 }

@@ -8,6 +8,7 @@
 
 #include "foundation/tbstring.h"
 #include "net/kvxtransfer.h"
+#include "xml/xmllimits.h"
 
 /// The merchant's local settings. Every default is the plain behaviour.
 struct KVX_Settings {
@@ -15,16 +16,22 @@ struct KVX_Settings {
     TbString m_ProxyPort;               ///< Decimal text; "8080" when the settings name a proxy without a port.
     TbString m_Trace;                   ///< Free text; "rawhttp" in it prints the raw exchange. Empty when absent.
     KVX_Transfer m_Transfer;            ///< Of every exchange.
-    std::uint32_t m_MaxDocument = 0;    ///< Bytes of a document; 0: no limit.
-    std::uint32_t m_MaxDepth = 0;       ///< Levels of a document; 0: no limit.
-    TbString m_KeyPin;                  ///< SHA-256 of the one server key accepted, in lower-case hexadecimal digits.
+    xmlLimits m_Documents;              ///< Of every document but "settings.xml" itself.
+    TbString m_KeyPin;                  ///< SHA-256 of the one server key accepted, in lower-case digits; empty: any.
     std::uint32_t m_MinKeyBits = 0;     ///< Of the server's key; 0: any.
     bool m_HasStrictKeys = false;       ///< Refuse responses that would leave the account unusable.
-    bool m_HasStrictConfirm = false;    ///< A confirmation is a "PayConfirm" by a key that is not the merchant's own.
+    bool m_HasStrictConfirm = false;    ///< A confirmation is a "PayConfirm" under a key that is not the merchant's.
     bool m_HasStrictSignature = false;  ///< Signature text in one spelling only.
     bool m_HasStrictNames = false;      ///< Attribute names of name characters only.
     bool m_SyncsFiles = true;           ///< Writes reach the disk before they count.
     mode_t m_KeyMode = 0600;            ///< Of new private keys.
 };
+
+/// All protective settings with sound values.
+[[nodiscard]] KVX_Settings kvxStrictSettings();
+
+/// What the document `text` says. A malformed limit counts as absent, a malformed switch of a check as on.
+/// KVX_E_INVALID_FORMAT (KVX_Exception).
+[[nodiscard]] KVX_Settings kvxSettingsIn(TbString const& text);
 
 #endif

@@ -6,6 +6,7 @@
 // refused before it is used as a path.
 
 #include "core/kvxctx.h"
+#include "core/kvxctx_settings.h"
 #include "core/kvxdirectory.h"
 #include "core/kvxidentifier.h"
 #include "core/kvxlines_core.h"
@@ -49,7 +50,12 @@ void KVX_Context::Setup() {
     xmlElementPtr const message = request("SetupRequest");
     message->setAttribute("VERSION", version);
     TbStringStream responseText;
-    exchangeUnsigned(url, message, "SetupResponse", responseText);
+    xmlElementPtr const response = exchangeUnsigned(url, message, "SetupResponse", responseText);
+    TbString paymentUrl("");
+    response->getAttribute("VTURL", paymentUrl);
+    if (paymentUrl.isEmpty() && settingsForVerification().m_HasStrictKeys) {
+        kvx::kSourceCtx.fail(KVX_E_NO_CONFIGURATION, kvx::kLineSetupNoPaymentUrl);
+    }
     UpdateFile(kvx::kConfigFile, responseText.str());
 }
 
@@ -72,6 +78,7 @@ void KVX_Context::ImportKey(TbString& keyId) {
     response->getAttribute("KEYID", keyId);
     response->getAttribute("KEYBLOB", blob);
     requireWritable(keyId);
+    requireAcceptable(blob);
     UpdateFile(kvx::publicKeyFile(keyId), blob);
     kvx::kSourceCtx.trace(kvx::kLineImportTrace, "IMPORT");
 }

@@ -31,7 +31,8 @@ void KVX_Context::StreamFromURL(TbString const& url, TbStringStream& out) {
     if (SplitUrl(url, request) == 0) {
         kvx::kSourceUrl.fail(KVX_E_HTTP_BAD_URL, kvx::kLineSplitUrl);
     }
-    KVX_Settings const settings = readSettings();
+    KVX_Settings const settings = settingsForExchange();
+    request.transfer = settings.m_Transfer;
     request.proxyHost = settings.m_ProxyHost;
     request.proxyPort = settings.m_ProxyPort;
     request.traceOptions = settings.m_Trace;
