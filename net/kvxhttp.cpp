@@ -41,11 +41,15 @@ void putCredentials(TbString const& user, TbString const& password, TbStringStre
     Base64Encode(&credentials, &out);
 }
 
-/// The status in a proxy's reply; 0 when there is none.
+/// The status in a proxy's reply: digits behind the first space, nothing but spaces and tabs between. 0 without one.
 std::int32_t proxyStatus(TbString const& reply) {
     char const* const protocol = std::strstr(reply.c_str(), "HTTP/1");
     char const* const space = protocol == nullptr ? nullptr : std::strchr(protocol, ' ');
-    return space == nullptr ? 0 : DecimalNumber(space + std::strspn(space, " \t"));
+    if (space == nullptr) {
+        return 0;
+    }
+    char const* const number = space + std::strspn(space, " \t");
+    return *number < '0' || *number > '9' ? 0 : DecimalNumber(number);
 }
 
 }  // namespace

@@ -191,6 +191,11 @@ TEST(ProxyConnect, RefusesATableOfReplies) {
         {"HTTP/1.0\t200 OK\r\n\r\n", 0x80042022U},  // the first blank is the one before "OK"
         {"HTTP/1.0 OK\r\n\r\n", 0x80042022U},
         {"HTTP/1.0 0\r\n\r\n", 0x80042022U},
+        {"HTTP/1.0 \r\n200", 0x80042022U},  // another line
+        {"HTTP/1.0 \v200 OK\r\n\r\n", 0x80042022U},
+        {"HTTP/1.0 \f200 OK\r\n\r\n", 0x80042022U},
+        {"HTTP/1.0 +200 OK\r\n\r\n", 0x80042022U},  // digits alone
+        {"HTTP/1.0 -200 OK\r\n\r\n", 0x80042022U},
         {"HTTP/1.0 4294967496 OK\r\n\r\n", 0xFFFFFFFFU},
         {"HTTP/1.0 407 %s%n\r\n\r\n", 0x80042197U},
     };
