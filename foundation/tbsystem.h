@@ -65,6 +65,7 @@ struct TbSystemCalls {
     int (*shutdown)(int socket, int how) = &::shutdown;
     int (*poll)(pollfd* files, nfds_t count, int milliseconds) = &::poll;
     int (*getsockopt)(int socket, int level, int option, void* value, socklen_t* length) = &::getsockopt;
+    int (*setsockopt)(int socket, int level, int option, void const* value, socklen_t length) = &::setsockopt;
     int (*gethostbyname_r)(char const* host, hostent* entry, char* memory, std::size_t bytes, hostent** result,
                            int* reason) = &::gethostbyname_r;
     // NOLINTEND(readability-identifier-naming)

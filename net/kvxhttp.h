@@ -36,7 +36,8 @@ struct ssl_st;
 ///
 /// Life: made without a socket; `Connect`, or `Attach` of another connection's socket; `Setup`; one `Write`; `Read`
 /// until 0 or -1; `Disconnect`; destroyed. Destroying it does not close the socket: to end a connection, take the
-/// descriptor with `Detach` and close it. Everything blocks, without a timeout. One thread at a time.
+/// descriptor with `Detach` and close it. Everything blocks, without a timeout; only a peer whose host has vanished is
+/// noticed, by the keep-alive probes of the socket. One thread at a time.
 /// No operation throws, save for memory exhaustion (TBFC_Exception). No write raises SIGPIPE.
 class KVX_EXPORT KVX_Connection {
 public:

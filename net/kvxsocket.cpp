@@ -1,6 +1,7 @@
 #include "net/kvxsocket.h"
 
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 
 #include <cerrno>
 #include <cstring>
@@ -33,6 +34,31 @@ int finishConnect(int socket) {
         return -1;
     }
     return 0;
+}
+
+/// What finds out that the host of a silent peer is gone: two minutes after its last sign of life at the latest.
+struct KeepAliveRow {
+    int m_Level;
+    int m_Option;
+    int m_Value;
+};
+
+// clang-format off
+constexpr KeepAliveRow kKeepAlive[] = {
+    {SOL_SOCKET,  SO_KEEPALIVE,  1},
+    {IPPROTO_TCP, TCP_KEEPIDLE,  60},  // seconds of silence before the first probe
+    {IPPROTO_TCP, TCP_KEEPINTVL, 10},  // seconds between probes
+    {IPPROTO_TCP, TCP_KEEPCNT,   6},   // probes without a reply
+};
+// clang-format on
+
+/// A socket without keep-alive still works, so failures do not count. Leaves `errno` alone.
+void keepAlive(int socket) noexcept {
+    int const failure = errno;
+    for (KeepAliveRow const& row : kKeepAlive) {
+        tbSystem().setsockopt(socket, row.m_Level, row.m_Option, &row.m_Value, sizeof row.m_Value);
+    }
+    errno = failure;
 }
 
 }  // namespace
@@ -73,5 +99,9 @@ int ConnectSocket(int socket, sockaddr const* address) noexcept {
 }
 
 int MakeSocket() noexcept {
-    return tbAwayFromStandardStreams(tbSystem().socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    int const socket = tbAwayFromStandardStreams(tbSystem().socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (socket != -1) {
+        keepAlive(socket);
+    }
+    return socket;
 }

@@ -9,7 +9,8 @@
 
 struct sockaddr;
 
-/// A new TCP socket, closed on exec; -1 and `errno` on failure.
+/// A new TCP socket, closed on exec; -1 and `errno` on failure. Keep-alive probes find a peer whose host has vanished:
+/// after two minutes without a reply the connection fails with ETIMEDOUT.
 [[nodiscard]] int MakeSocket() noexcept;
 
 /// Connects `socket` to `address`; -1 and `errno` on failure. Continues after a signal.

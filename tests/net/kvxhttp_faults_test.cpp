@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/tcp.h>
 
 #include <cerrno>
 #include <cstring>
@@ -107,6 +108,78 @@ TEST(ConnectFaults, AsksForAStreamSocketAndPassesSixteenBytes) {
         EXPECT_EQ(s_Length, 16U);
         endConnection(*connection);
     }
+}
+
+int optionOf(int socket, int level, int option) {
+    int value = -1;
+    socklen_t length = sizeof value;
+    EXPECT_EQ(::getsockopt(socket, level, option, &value, &length), 0);
+    return value;
+}
+
+TEST(KeepAlive, IsOnForEverySocket) {
+    RawServer const server("");
+    SockConnection plain;
+    SslConnection secure;
+    for (KVX_Connection* const connection :
+         {static_cast<KVX_Connection*>(&plain), static_cast<KVX_Connection*>(&secure)}) {
+        sockaddr_in address = addressOf(server);
+        ASSERT_EQ(connection->Connect(generic(address)), KVX_OK);
+        int const socket = connection->Detach();
+        EXPECT_EQ(optionOf(socket, SOL_SOCKET, SO_KEEPALIVE), 1);
+        EXPECT_EQ(optionOf(socket, IPPROTO_TCP, TCP_KEEPIDLE), 60);
+        EXPECT_EQ(optionOf(socket, IPPROTO_TCP, TCP_KEEPINTVL), 10);
+        EXPECT_EQ(optionOf(socket, IPPROTO_TCP, TCP_KEEPCNT), 6);
+        ::close(socket);
+    }
+}
+
+TEST(KeepAlive, IsNotNeeded) {
+    RawServer const plain(kResponse);
+    TlsServer const secure(kResponse);
+    SystemCalls system;
+    system->setsockopt = [](int, int, int, void const*, socklen_t) {
+        errno = ENOPROTOOPT;
+        return -1;
+    };
+    EXPECT_EQ(fetch(plainUrl(plain, "/")), "body");
+    EXPECT_EQ(fetch(secureUrl(secure, "/")), "body");
+}
+
+TEST(KeepAlive, LeavesTheErrorOfAConnectAlone) {
+    SystemCalls system;
+    static int s_Options;
+    s_Options = 0;
+    system->setsockopt = [](int, int, int, void const*, socklen_t) {
+        ++s_Options;
+        errno = ENOPROTOOPT;
+        return -1;
+    };
+    system->connect = [](int, sockaddr const*, socklen_t) {
+        EXPECT_EQ(errno, 0);
+        return -1;
+    };
+    sockaddr_in address = addressOf("1");
+    SockConnection connection;
+    errno = 0;
+    EXPECT_EQ(connection.Connect(generic(address)), KVX_E_SOCKET_FAMILY);
+    EXPECT_EQ(s_Options, 4);
+    endConnection(connection);
+}
+
+TEST(KeepAlive, IsNotAskedForWithoutASocket) {
+    SystemCalls system;
+    system->socket = [](int, int, int) {
+        errno = EMFILE;
+        return -1;
+    };
+    system->setsockopt = [](int, int, int, void const*, socklen_t) {
+        ADD_FAILURE() << "an option without a socket";
+        return 0;
+    };
+    sockaddr_in address = addressOf("1");
+    SockConnection connection;
+    EXPECT_EQ(bits(connection.Connect(generic(address))), 0x80043009U);
 }
 
 TEST(ConnectFaults, ReportsTheFiveThatHaveTexts) {
