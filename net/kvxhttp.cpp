@@ -52,7 +52,27 @@ std::int32_t proxyStatus(TbString const& reply) {
     return *number < '0' || *number > '9' ? 0 : DecimalNumber(number);
 }
 
+void runSession(KVX_RequestInfo const& request, TbStringStream& out) {
+    KVX_HttpSession session(request);
+    kvx::kSourceHttp.trace(kvx::kLineUrlOpen, "URL OPEN", request.scheme + "://" + request.host + ":" + request.port);
+    session.ConnectNetwork();
+    session.BuildRequest();
+    session.SendRequest();
+    session.ReceiveResponse();
+    session.ExtractResponse(out);
+}
+
 }  // namespace
+
+KVX_RequestInfo::KVX_RequestInfo(KVX_RequestInfo const& other)
+    : URL_INFO(other),
+      proxyHost(other.proxyHost),
+      proxyPort(other.proxyPort),
+      reserved(other.reserved),
+      traceOptions(other.traceOptions),
+      transfer(other.transfer) {
+    mark.m_IsSet = true;
+}
 
 char const* const KVX_HttpSession::m_UserAgent = "Tallowin Application Component 1.0";
 
@@ -237,20 +257,14 @@ void KVX_HttpSession::ExtractResponse(TbStringStream& out) {
     out.put(m_Response.c_str() + body, m_Response.length() - body);
 }
 
-void HttpSession(KVX_RequestInfo const& request, TbStringStream& out) {
-    KVX_HttpSession session(request);
-    kvx::kSourceHttp.trace(kvx::kLineUrlOpen, "URL OPEN", request.scheme + "://" + request.host + ":" + request.port);
-    session.ConnectNetwork();
-    session.BuildRequest();
-    session.SendRequest();
-    session.ReceiveResponse();
-    session.ExtractResponse(out);
-}
-
 void HttpSession(URL_INFO const& request, TbStringStream& out) {
+    if (request.mark.isSet()) {
+        runSession(static_cast<KVX_RequestInfo const&>(request), out);
+        return;
+    }
     KVX_RequestInfo record;
     static_cast<URL_INFO&>(record) = request;
-    HttpSession(record, out);
+    runSession(record, out);
 }
 
 void HttpRequest(char const* path, char const* user, char const* password, TbStringStream* out) {

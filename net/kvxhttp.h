@@ -165,6 +165,11 @@ private:
 
 /// The input of one session.
 struct KVX_EXPORT KVX_RequestInfo : URL_INFO {
+    KVX_RequestInfo() { mark.m_IsSet = true; }
+    KVX_RequestInfo(KVX_RequestInfo const& other);
+    KVX_RequestInfo& operator=(KVX_RequestInfo const& other) = default;
+    ~KVX_RequestInfo() = default;
+
     // NOLINTBEGIN(readability-identifier-naming): published names
     TbString proxyHost;     ///< Empty: no proxy.
     TbString proxyPort;     ///< Decimal text.
@@ -237,12 +242,10 @@ private:
     void requireKnownScheme(long line) const;
 };
 
-/// Runs a whole session over `request`, without proxy and trace, and appends the body of the response to `out`.
-/// Throws the exceptions of the steps of KVX_HttpSession. Traces "URL OPEN". Blocks.
+/// Runs a whole session over `request` and appends the body of the response to `out`. A `request` that is part of a
+/// KVX_RequestInfo counts with all of it, whatever type the caller knows it by; any other has no proxy, no trace
+/// options, no limits. Throws the exceptions of the steps of KVX_HttpSession. Traces "URL OPEN". Blocks.
 void HttpSession(URL_INFO const& request, TbStringStream& out);
-
-/// The same with the proxy and the trace options that `request` names.
-void HttpSession(KVX_RequestInfo const& request, TbStringStream& out);
 
 /// Appends the text of a plain request for `path` with Basic credentials to `out`. Sends nothing.
 /// The texts are NUL-terminated and borrowed; null counts as "". `out` is borrowed.

@@ -10,6 +10,24 @@
 #include "tallowin/tbstring.h"
 #include "tallowin/tbstringstream.h"
 
+struct KVX_RequestInfo;
+
+/// Whether a URL_INFO is the front part of a KVX_RequestInfo. The mark belongs to the place and not to the value: a
+/// copy has none, and assigning leaves it as it is.
+class KVX_RecordMark {
+public:
+    KVX_RecordMark() = default;
+    KVX_RecordMark(KVX_RecordMark const&) noexcept {}
+    KVX_RecordMark& operator=(KVX_RecordMark const&) noexcept { return *this; }
+    ~KVX_RecordMark() = default;
+
+    [[nodiscard]] bool isSet() const noexcept { return m_IsSet; }
+
+private:
+    friend struct KVX_RequestInfo;
+    bool m_IsSet = false;
+};
+
 /// A URL in its parts; all empty until SplitUrl fills them.
 struct KVX_EXPORT URL_INFO {
     // NOLINTBEGIN(readability-identifier-naming): published names
@@ -19,6 +37,7 @@ struct KVX_EXPORT URL_INFO {
     TbString host;      ///< Name or dotted IPv4 address.
     TbString port;      ///< Decimal text; "80" or "443" when the URL names none and the scheme is "http" or "https".
     TbString path;      ///< From the first "/" after the authority to the end, query included.
+    KVX_RecordMark mark{};  ///< Set by KVX_RequestInfo alone.
     // NOLINTEND(readability-identifier-naming)
 };
 

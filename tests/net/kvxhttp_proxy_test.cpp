@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <type_traits>
+
 #include "net/kvxhttp.h"
 #include "tests/net/interposed.h"
 #include "tests/net/netsupport.h"
@@ -67,6 +69,61 @@ TEST(Proxy, GetsNoCredentialsInTheAddress) {
                                                         "Authorization: Basic dXNlcjpwYXNzAAAA\r\n"
                                                         "UserAgent: Tallowin Application Component 1.0\r\n"
                                                         "\r\n"});
+}
+
+/// The first line that a server receives for `request`, by the type that it is known by.
+std::string requestLine(URL_INFO const& request, RawServer& server) {
+    TbStringStream out;
+    HttpSession(request, out);
+    return server.records().at(0).substr(0, server.records().at(0).find("\r\n"));
+}
+
+TEST(Proxy, IsUsedByWhateverTypeTheRecordIsKnown) {
+    {
+        RawServer proxy(kResponse);
+        KVX_RequestInfo const record = requestThrough(proxy, "http://shop.example/x");
+        EXPECT_EQ(requestLine(record, proxy), "GET http://shop.example:80/x HTTP/1.0");
+    }
+    {
+        RawServer proxy(kResponse);
+        KVX_RequestInfo const record = requestThrough(proxy, "http://shop.example/x");
+        KVX_RequestInfo const copy = record;
+        URL_INFO const& part = copy;
+        EXPECT_EQ(requestLine(part, proxy), "GET http://shop.example:80/x HTTP/1.0");
+    }
+    {
+        RawServer proxy(kResponse);
+        KVX_RequestInfo const record = requestThrough(proxy, "http://shop.example/x");
+        KVX_RequestInfo assigned;
+        assigned = record;
+        URL_INFO& part = assigned;
+        part = URL_INFO(record);  // an assignment to the part leaves a whole record
+        EXPECT_EQ(requestLine(part, proxy), "GET http://shop.example:80/x HTTP/1.0");
+    }
+}
+
+TEST(Proxy, IsNotUsedForACopyOfTheUrlAlone) {
+    ClosedPort const nobody;
+    for (bool const assigned : {false, true}) {
+        RawServer server(kResponse);
+        KVX_RequestInfo record = requestFor(plainUrl(server, "/x"));
+        record.proxyHost = "127.0.0.1";
+        record.proxyPort = stringOf(nobody.text());
+        URL_INFO part = record;
+        if (assigned) {
+            part = URL_INFO();
+            part = record;
+        }
+        EXPECT_FALSE(part.mark.isSet());
+        EXPECT_EQ(requestLine(part, server), "GET /x HTTP/1.0");
+    }
+}
+
+TEST(UrlInfo, IsAPlainRecordOfSixStrings) {
+    static_assert(std::is_aggregate_v<URL_INFO>);
+    RawServer server(kResponse);
+    URL_INFO const request{"http", "", "", "127.0.0.1", stringOf(server.portText()), "/x"};
+    EXPECT_EQ(requestLine(request, server), "GET /x HTTP/1.0");
 }
 
 TEST(Proxy, TunnelsSecureUrls) {
