@@ -20,6 +20,11 @@ public:
     void SetConfiguration(TbString const& path);
 
     /// Stores the server's address unless `url` is empty, then the credentials, then runs the set-up.
+    ///
+    /// Run it as the user that signs later: a new private key is readable for its owner only, and stays in
+    /// "keys/private" when a later set-up makes another.
+    /// Requires: no "?" and no byte above 0x7F in `user` and `password`, no "@" in `password`, and a `user` where there
+    /// is a `password`; they enter the URL unescaped.
     void Reconfigure(TbString const& url, TbString const& user, TbString const& password);
 
     /// See KVX_Context::SetOption.
@@ -28,8 +33,9 @@ public:
     /// Reads a value of a file of the directory. KVX_E_NOT_FOUND.
     void GetAttribute(TbString const& file, TbString const& name, TbString& value);
 
-    /// Sets a value of an existing file.
-    /// Deliberate (empty-value-not-written): an empty value is never written, and that is a success.
+    /// Sets a value of an existing file, which keeps its first "KVX" element only. A `name` with "(." in it succeeds
+    /// and is not written. Requires: `name` consists of name characters, A-Z a-z 0-9 . - _. Deliberate
+    /// (empty-value-not-written): an empty value is never written, and that is a success.
     void SetAttribute(TbString const& file, TbString const& name, TbString const& value);
 
     static void* operator new(std::size_t bytes) { return kvxTakeSlot(kKind, bytes); }

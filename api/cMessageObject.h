@@ -20,6 +20,8 @@ public:
     /// Deliberate (opened-as-error): of the type "ERROR", until FromString or SetAttribute change it.
     void Open(TbString const& path);
 
+    /// Requires: `name` consists of name characters, A-Z a-z 0-9 . - _. Any other name is signed, and reads as
+    /// something else or not at all.
     void SetAttribute(TbString const& name, TbString const& value);
     void GetAttribute(TbString const& name, TbString& value);
 
@@ -31,7 +33,8 @@ public:
     /// Sends the message as a request; the response is owned by the caller.
     [[nodiscard]] KVXCIMPL_MessageObject* Execute();
 
-    /// Replaces the message by the parsed `text`, keeping the signing key. Needs no directory.
+    /// Replaces the message by the parsed `text`, keeping the signing key. Needs no directory. A bare "&" in a value
+    /// deletes the five characters behind it.
     void FromString(TbString const& text);
 
     /// The message as text. KVX_E_UNEXPECTED when there is none.

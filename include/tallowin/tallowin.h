@@ -18,6 +18,9 @@
  *
  * STRINGS    NUL-terminated `const char*`, any encoding (the component sees bytes), borrowed for the call. Null is "".
  *
+ * NAMES      of attributes consist of A-Z a-z 0-9 . - _ only. Nothing checks this: another name is written and signed,
+ *            and reads as something else or not at all. Never take a name from a shopper.
+ *
  * BUFFERS    `size` in: bytes at `buffer`; out: bytes needed, terminator included, on success and when too small. Null
  *            `size` or too few bytes: KVX_E_BUFFER_TOO_SMALL, nothing is copied. Null `buffer` with enough bytes:
  *            KVX_OK, nothing is copied. So call once with size 0, then again with the size returned.
@@ -27,6 +30,9 @@
  * THREADS    no locks: one handle is used by one thread at a time. Different handles may be used by different threads
  *            at once, also on one directory. Functions marked "network" block until the server answers or closes; there
  *            is no time limit. Functions marked "files" read or write the configuration directory.
+ *
+ * FILES      one that exists and cannot be opened or read ends the call with KVX_E_CANNOT_OPEN, before anything is
+ *            signed or sent. So KVX_E_NOT_FOUND from signing or verifying means that there is no such key.
  *
  * MEMORY     when memory is exhausted, the C++ exception TBFC_Exception leaves the functions below and ends a C
  *            program. The functions that create an object without a handle return null instead. MessageObject_ToString
@@ -83,7 +89,12 @@ KVX_EXPORT int32_t ConfigurationSetup_SetConfiguration(KVX_HANDLE handle, char c
  *
  * `url`       address of the server's configuration service, with a "/" after the host; "" uses the option
  *             "VTAUTOURL", else the address in "config.xml".
- * `user`, `password`  the account's credentials; they travel inside request addresses.
+ * `user`, `password`  the account's credentials; they travel inside request addresses, unescaped. Requires: neither
+ *             holds "?" or a byte above 0x7F, the password no "@", and `user` is not empty when there is a password.
+ *             Otherwise the request goes to another host, fails (KVX_E_HTTP_NAME_LOOKUP) or carries cut credentials.
+ *
+ * Run it as the user that signs later: a new private key is readable for its owner only. Every call leaves one more
+ * private key in "keys/private"; docs/risks.md says which may be deleted.
  *
  * KVX_E_NO_CONFIGURATION when there is no address; KVX_E_SERVER_ERROR when the server refuses; the socket, TLS and HTTP
  * codes. Files written by earlier steps stay; the current key changes last. */
@@ -99,6 +110,7 @@ KVX_EXPORT int32_t ConfigurationSetup_GetAttribute(KVX_HANDLE handle, char const
                                                    char* buffer);
 
 /* Sets the value `name` of an existing `file` and rewrites it whole. An empty `value` changes nothing and succeeds.
+ * The file keeps its first "KVX" element only. A `name` with "(." in it succeeds and is not written.
  * Files. KVX_E_CANNOT_OPEN: no such file. KVX_E_INVALID_FORMAT: the file is no document. */
 KVX_EXPORT int32_t ConfigurationSetup_SetAttribute(KVX_HANDLE handle, char const* file, char const* name,
                                                    char const* value);
@@ -153,7 +165,8 @@ KVX_EXPORT void DestroyMessageObject(KVX_HANDLE handle);
  * KVX_E_CANNOT_OPEN: the directory has not been set up. */
 KVX_EXPORT int32_t MessageObject_Open(KVX_HANDLE handle, char const* path);
 
-/* Sets or replaces an attribute. KVX_E_UNEXPECTED: the object holds no message yet. */
+/* Sets or replaces an attribute. `value` may hold every character but the terminator; it is escaped when written.
+ * KVX_E_UNEXPECTED: the object holds no message yet. */
 KVX_EXPORT int32_t MessageObject_SetAttribute(KVX_HANDLE handle, char const* name, char const* value);
 
 /* Copies the value of an attribute. KVX_E_NOT_FOUND, leaving `*size` alone. KVX_E_UNEXPECTED: no message yet. */
@@ -173,7 +186,8 @@ KVX_EXPORT int32_t MessageObject_Capture(KVX_HANDLE handle);
  * Deliberate (request-keeps-type): this object's type stays T + "Request", so it is sent once only. */
 KVX_EXPORT int32_t MessageObject_Execute(KVX_HANDLE handle, KVX_HANDLE* out);
 
-/* Replaces the message by the parsed `text` and sets its "KEYID" to the signing key of this object.
+/* Replaces the message by the parsed `text` and sets its "KEYID" to the signing key of this object. A bare "&" in a
+ * value of `text` deletes the five characters behind it: write "&amp;".
  * KVX_E_INVALID_FORMAT: the object holds no message afterwards. */
 KVX_EXPORT int32_t MessageObject_FromString(KVX_HANDLE handle, char const* text);
 

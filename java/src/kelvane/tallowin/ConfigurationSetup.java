@@ -46,9 +46,16 @@ public final class ConfigurationSetup implements AutoCloseable {
      * Registers the directory with the payment service: loads configuration and defaults, imports the service's key,
      * creates a key pair and publishes it. Sends requests to the service, blocks, and writes files in the directory.
      *
+     * <p>Run it as the operating system's user that signs later: the new private key is readable for its owner only.
+     * Every call leaves one more private key in the directory.
+     *
+     * <p>User and password become part of a URL, unescaped. With a {@code ?} or a character above U+007F in either, with
+     * an {@code @} in the password, or with a password and no user, the request goes to another host, fails, or carries
+     * cut credentials.
+     *
      * @param url      the set-up address of the service; empty or null for the configured one
-     * @param user     the account's user
-     * @param password the account's password
+     * @param user     the account's user; see above
+     * @param password the account's password; see above
      * @throws KVXException when the service cannot be reached or returns an error, or a file cannot be written
      */
     public native void Reconfigure(String url, String user, String password) throws KVXException;
@@ -68,15 +75,17 @@ public final class ConfigurationSetup implements AutoCloseable {
      * @param file the file's name in the directory, such as {@code config.xml}
      * @param name the attribute's name; empty or null for the whole file
      * @return the value
-     * @throws KVXException when the file or value does not exist
+     * @throws KVXException when the file or value does not exist, or the file cannot be read
      */
     public native String GetAttribute(String file, String name) throws KVXException;
 
     /**
-     * Writes a value to a file of the directory. An empty value is ignored without a failure.
+     * Writes a value to a file of the directory. An empty value is ignored without a failure, and so is a name with
+     * {@code (.} in it. The file keeps its first {@code KVX} element only.
      *
      * @param file  the name of an existing file in the directory
-     * @param name  the attribute's name
+     * @param name  the attribute's name, of the characters {@code A-Z a-z 0-9 . - _}; any other makes the file unreadable
+     *              or sets other values
      * @param value the value
      * @throws KVXException when the file cannot be read or written, or an argument is null
      */

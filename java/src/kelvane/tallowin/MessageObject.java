@@ -61,7 +61,8 @@ public final class MessageObject implements AutoCloseable {
      * Sets an attribute. Use only characters from U+0001 to U+FFFF in a payment; see
      * {@link MessageFactory#VerifyPayConfirm}.
      *
-     * @param name  the attribute's name, such as {@code AMOUNT}
+     * @param name  the attribute's name, such as {@code AMOUNT}, of the characters {@code A-Z a-z 0-9 . - _}. Any other
+     *              name is signed, and reads as something else or not at all. Never take it from a shopper
      * @param value the value
      * @throws KVXException when there is no message yet or an argument is null
      */
@@ -80,7 +81,8 @@ public final class MessageObject implements AutoCloseable {
      * Signs the message and returns the address to send the shopper's browser to.
      *
      * @return the payment URL
-     * @throws KVXException when the message was not created by a factory for sending, or cannot be signed
+     * @throws KVXException when the message was not created by a factory for sending, or cannot be signed, for example
+     *                      because this user may not read the private key
      */
     public native String GetURL() throws KVXException;
 
@@ -104,7 +106,8 @@ public final class MessageObject implements AutoCloseable {
     }
 
     /**
-     * Replaces the content by a message given as text. The signing key stays.
+     * Replaces the content by a message given as text. The signing key stays. A bare {@code &} in a value deletes the
+     * five characters behind it: write {@code &amp;}.
      *
      * @param text the message as text
      * @throws KVXException when the text is not a message
