@@ -13,6 +13,7 @@
 
 class KVX_Context;
 struct KVX_Settings;
+enum class KvxReadResult;
 
 /// The current UTC time plus `seconds`, truncated to whole ones, as "YYYYMMDD HH:MM:SS". A number that is not finite
 /// counts as 0; times outside the years 0000 to 9999 become the nearest inside.
@@ -71,7 +72,8 @@ public:
     std::int32_t XmlCreateRequest(TbString const& msgType, xmlElement** out);
 
     /// Reads the value `name` of `file`, relative to the directory; an empty `name` reads the whole file.
-    /// False: no such value, or an empty one (`value` may have been emptied). KVX_E_CANNOT_OPEN: no such file.
+    /// False: no such value, or an empty one (`value` may have been emptied). KVX_E_CANNOT_OPEN: no such file,
+    /// or one that cannot be opened.
     /// Deliberate (empty-value-absent): an empty value counts as none, so that defaults apply.
     bool QueryValue(TbString const& file, TbString const& name, TbString& value);
 
@@ -79,7 +81,8 @@ public:
     /// Deliberate (raw-read-cuts): a longer file is cut silently.
     bool QueryValue(TbString const& file, unsigned char* buffer, unsigned long* size);
 
-    /// As the text `QueryValue`, but a missing file is false too. Other failures are raised.
+    /// As the text `QueryValue`, but a missing file is false too. Other failures are raised; a file that is there and
+    /// cannot be opened or read is KVX_E_CANNOT_OPEN.
     bool QueryValueOrAbsent(TbString const& file, TbString const& name, TbString& value);
 
     /// Sets one attribute and rewrites the file. `create` replaces the content of an existing file that is no document;
@@ -169,8 +172,11 @@ private:
     xmlElementPtr exchange(TbString const& baseUrl, TbStringStream& message, TbString const& signature,
                            TbString const& expectedType, TbStringStream& responseText);
     void replaceFile(TbString const& file, TbString const& content);
-    void readFile(TbString const& file, TbStringStream& content);
-    bool readFileOrAbsent(TbString const& file, TbStringStream& content);
+    KvxReadResult tryReadFile(TbString const& file, TbStringStream& content);
+    static void requireRead(KvxReadResult result);
+    bool readOptionalFile(TbString const& file, TbStringStream& content);
+    bool readKeyFile(TbString const& file, TbString const& keyId, TbStringStream& content);
+    bool findValue(TbStringStream& content, TbString const& name, TbString& value);
     KVX_Settings settingsForExchange();
     KVX_Settings settingsForVerification();
     KVX_Settings settingsForLocalWork();

@@ -1,9 +1,9 @@
 // Documents, values and files of the configuration directory.
 //
-// Values are read through the URL stream, which refuses a directory path that reads like a URL; raw reads and all
-// writes use local files only. Text is written by replacing the whole file (core/kvxfile.h), bytes in place. Odd: the
-// binary UpdateFile reports every write of two or more bytes as a failure, and a value without a place in the document
-// is not reported at all.
+// A file is absent only where the system says so; one that is there and cannot be opened ends the call. A directory
+// whose path reads like a URL is refused by text reads; raw reads and all writes use local files only. Text is written
+// by replacing the whole file (core/kvxfile.h), bytes in place. Odd: the binary UpdateFile reports every write of two
+// or more bytes as a failure, and a value without a place in the document is not reported at all.
 
 #include "core/kvxctx.h"
 #include "core/kvxctx_checks.h"
@@ -13,6 +13,7 @@
 #include "core/kvxfile.h"
 #include "core/kvxlines_core.h"
 #include "foundation/tbsystem.h"
+#include "net/kvxurl.h"
 #include "xml/xmlholder.h"
 #include "xml/xmlparser.h"
 #include "xml/xmlquery.h"
@@ -26,19 +27,6 @@ constexpr mode_t kPrivateFileMode = 0600;
 /// New private keys are created readable by their owner alone.
 mode_t modeOfNew(TbString const& file) {
     return kvx::isPrivateKeyFile(file) ? kPrivateFileMode : kFileMode;
-}
-
-/// The result of `query`; false when the file it reads cannot be opened. Other failures are raised.
-template <class Query>
-bool orAbsent(Query query) {
-    try {
-        return query();
-    } catch (KVX_Exception const& failure) {
-        if (failure.code() != KVX_E_CANNOT_OPEN) {
-            throw;
-        }
-        return false;
-    }
 }
 
 }  // namespace
@@ -86,23 +74,62 @@ std::int32_t KVX_Context::XmlCreateRequest(TbString const& msgType, xmlElement**
     return 0;
 }
 
-void KVX_Context::readFile(TbString const& file, TbStringStream& content) {
+KvxReadResult KVX_Context::tryReadFile(TbString const& file, TbStringStream& content) {
     if (m_Path.isEmpty()) {
         kvx::kSourceCtx.fail(KVX_E_NO_CONTEXT, kvx::kLineQueryNoContext);
     }
-    StreamFromURL(pathOf(file), content);
+    TbString const path = pathOf(file);
+    if (IsHttp(path)) {
+        StreamFromURL(path, content);  // refuses a directory whose path reads like a URL
+    }
+    return kvxReadFile(path.c_str(), content);
 }
 
-bool KVX_Context::readFileOrAbsent(TbString const& file, TbStringStream& content) {
-    return orAbsent([&] {
-        readFile(file, content);
-        return true;
-    });
+void KVX_Context::requireRead(KvxReadResult result) {
+    switch (result) {
+        case KvxReadResult::kDone:
+            return;
+        case KvxReadResult::kCannotRead:
+            kvx::kSourceCtx.fail(KVX_E_FILE_IO, kvx::kLineReadFile);
+        case KvxReadResult::kAbsent:
+        case KvxReadResult::kNameTooLong:
+        case KvxReadResult::kDirectory:
+        case KvxReadResult::kCannotOpen:
+            kvx::kSourceUrl.fail(KVX_E_CANNOT_OPEN, kvx::kLineOpenFile);
+    }
 }
 
-bool KVX_Context::QueryValue(TbString const& file, TbString const& name, TbString& value) {
-    TbStringStream content;
-    readFile(file, content);
+// Without the defaults or the settings a payment goes out with other terms, or past the proxy: a file that is there
+// must be read, or the call ends.
+bool KVX_Context::readOptionalFile(TbString const& file, TbStringStream& content) {
+    KvxReadResult const result = tryReadFile(file, content);
+    if (result == KvxReadResult::kAbsent) {
+        kvx::kSourceUrl.traceFailure(KVX_E_CANNOT_OPEN, kvx::kLineOpenFile);
+        return false;
+    }
+    if (result == KvxReadResult::kCannotRead) {
+        kvx::kSourceCtx.fail(KVX_E_CANNOT_OPEN, kvx::kLineReadFile);
+    }
+    requireRead(result);
+    return true;
+}
+
+// Shoppers and servers choose key ids. One that no file can have is the id of no key, and is reported like every other
+// unknown one.
+bool KVX_Context::readKeyFile(TbString const& file, TbString const& keyId, TbStringStream& content) {
+    KvxReadResult const result = tryReadFile(file, content);
+    bool const namesDirectory = keyId.isEmpty() || keyId == TbString(".") || keyId == TbString("..");
+    if (result == KvxReadResult::kAbsent || result == KvxReadResult::kNameTooLong ||
+        (result == KvxReadResult::kDirectory && namesDirectory)) {
+        kvx::kSourceUrl.traceFailure(KVX_E_CANNOT_OPEN, kvx::kLineOpenFile);
+        return false;
+    }
+    requireRead(result);
+    return true;
+}
+
+/// The value `name` in `content`, all of it for an empty name. False when there is none.
+bool KVX_Context::findValue(TbStringStream& content, TbString const& name, TbString& value) {
     if (name.isEmpty()) {
         value = content.str();
         return true;
@@ -111,8 +138,15 @@ bool KVX_Context::QueryValue(TbString const& file, TbString const& name, TbStrin
     return xmlGetAttributeEx(root.get(), name, value) && !value.isEmpty();
 }
 
+bool KVX_Context::QueryValue(TbString const& file, TbString const& name, TbString& value) {
+    TbStringStream content;
+    requireRead(tryReadFile(file, content));
+    return findValue(content, name, value);
+}
+
 bool KVX_Context::QueryValueOrAbsent(TbString const& file, TbString const& name, TbString& value) {
-    return orAbsent([&] { return QueryValue(file, name, value); });
+    TbStringStream content;
+    return readOptionalFile(file, content) && findValue(content, name, value);
 }
 
 bool KVX_Context::QueryValue(TbString const& file, unsigned char* buffer, unsigned long* size) {
@@ -132,12 +166,12 @@ bool KVX_Context::QueryValue(TbString const& file, unsigned char* buffer, unsign
 }
 
 void KVX_Context::SetValue(TbString const& file, TbString const& name, TbString const& value, bool create) {
+    TbString text;
+    QueryValue(file, "", text);
     KVX_Settings const settings = settingsForLocalWork();
     if (settings.m_HasStrictNames && !kvxIsReadableName(name)) {
         kvx::kSourceCtx.fail(KVX_E_INVALID_OPTION, kvx::kLineSetValueName);
     }
-    TbString text;
-    QueryValue(file, "", text);
     xmlElementPtr root;
     try {
         root = kvxParseDocument(text, settings.m_Documents);

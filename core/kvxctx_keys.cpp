@@ -68,7 +68,7 @@ void KVX_Context::GenKey(TbString& keyId) {
 void KVX_Context::SignData(TbString const& data, TbString const& keyId, TbString& signature) {
     TbStringStream keyText;
     KvxTextWiper const wiper(keyText);
-    if (!readFileOrAbsent(kvx::privateKeyFile(keyId), keyText)) {
+    if (!readKeyFile(kvx::privateKeyFile(keyId), keyId, keyText)) {
         kvx::kSourceCtx.fail(KVX_E_NOT_FOUND, kvx::kLineSignNoKey);
     }
     WidenedText const widened(data, WidenedText::Sign::kIgnored);
@@ -93,7 +93,7 @@ void KVX_Context::VerifyData(TbString const& data, TbString const& keyId, TbStri
 void KVX_Context::requireVerified(KVX_Settings const& settings, TbString const& data, TbString const& keyId,
                                   TbString const& signature) {
     TbStringStream keyText;
-    if (!readFileOrAbsent(kvx::publicKeyFile(keyId), keyText)) {
+    if (!readKeyFile(kvx::publicKeyFile(keyId), keyId, keyText)) {
         kvx::kSourceCtx.fail(KVX_E_NOT_FOUND, kvx::kLineVerifyNoKey);
     }
     unsigned char key[kKeyBytes];
@@ -137,5 +137,5 @@ void KVX_Context::requireAcceptable(TbString const& keyBlob) {
 bool KVX_Context::hasPrivateKey(TbString const& keyId) {
     TbStringStream text;
     KvxTextWiper const wiper(text);
-    return readFileOrAbsent(kvx::privateKeyFile(keyId), text);
+    return readKeyFile(kvx::privateKeyFile(keyId), keyId, text);
 }

@@ -7,7 +7,6 @@
 
 #include "core/kvxctx_settings.h"
 
-#include <cerrno>
 #include <limits>
 
 #include "core/kvxctx.h"
@@ -205,18 +204,18 @@ KVX_Settings KVX_Context::settingsForExchange() {
 }
 
 KVX_Settings KVX_Context::settingsForVerification() {
-    TbString const file = pathOf(kvx::kSettingsFile);
-    if (m_Path.isEmpty() || IsHttp(file)) {
+    if (m_Path.isEmpty() || IsHttp(pathOf(kvx::kSettingsFile))) {
         return {};
     }
     TbStringStream text;
-    if (kvxReadFile(file.c_str(), text) == KvxReadResult::kDone) {
-        return kvxSettingsIn(text.str());
+    switch (tryReadFile(kvx::kSettingsFile, text)) {
+        case KvxReadResult::kDone:
+            return kvxSettingsIn(text.str());
+        case KvxReadResult::kAbsent:
+            return {};
+        default:
+            kvx::kSourceUrl.fail(KVX_E_CANNOT_OPEN, kvx::kLineOpenFile);
     }
-    if (errno != ENOENT && errno != ENOTDIR) {
-        kvx::kSourceUrl.fail(KVX_E_CANNOT_OPEN, kvx::kLineOpenFile);
-    }
-    return {};
 }
 
 KVX_Settings KVX_Context::settingsForLocalWork() {

@@ -85,13 +85,13 @@ void KVX_Context::ImportKey(TbString& keyId) {
 
 void KVX_Context::PublishKey(TbString& keyId) {
     TbString const url = endpoint(KVX_E_NO_ENDPOINT, kvx::kLinePublishEndpoint);
-    TbString blob;
-    if (!QueryValueOrAbsent(kvx::publicKeyFile(keyId), "", blob)) {
+    TbStringStream blob;
+    if (!readKeyFile(kvx::publicKeyFile(keyId), keyId, blob)) {
         kvx::kSourceCtx.fail(KVX_E_KEY_NOT_FOUND, kvx::kLinePublishKey);
     }
     xmlElementPtr const message = request("KeyExportRequest");
     message->setAttribute("KEYID", keyId);
-    message->setAttribute("KEYBLOB", blob);
+    message->setAttribute("KEYBLOB", blob.str());
     TbStringStream responseText;
     exchangeUnsigned(url, message, "KeyExportResponse", responseText);
     UpdateFile(kvx::kCurrentKeyFile, keyId);

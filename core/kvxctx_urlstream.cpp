@@ -7,24 +7,9 @@
 #include "net/kvxhttp.h"
 #include "net/kvxurl.h"
 
-namespace {
-
-void readLocalFile(TbString const& path, TbStringStream& out) {
-    switch (kvxReadFile(path.c_str(), out)) {
-        case KvxReadResult::kCannotOpen:
-            kvx::kSourceUrl.fail(KVX_E_CANNOT_OPEN, kvx::kLineOpenFile);
-        case KvxReadResult::kCannotRead:
-            kvx::kSourceCtx.fail(KVX_E_FILE_IO, kvx::kLineReadFile);
-        case KvxReadResult::kDone:
-            break;
-    }
-}
-
-}  // namespace
-
 void KVX_Context::StreamFromURL(TbString const& url, TbStringStream& out) {
     if (!IsHttp(url)) {
-        readLocalFile(url, out);
+        requireRead(kvxReadFile(url.c_str(), out));
         return;
     }
     KVX_RequestInfo request;

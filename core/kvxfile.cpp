@@ -137,6 +137,22 @@ bool mayWriteInPlace(int error) {
     return error == EACCES || error == EPERM || error == EROFS || error == ENAMETOOLONG;
 }
 
+/// Only the system's own word makes a file absent: a process without descriptors or permission must not go on as if
+/// there were none.
+KvxReadResult failureToOpen(int error) {
+    switch (error) {
+        case ENOENT:
+        case ENOTDIR:
+            return KvxReadResult::kAbsent;
+        case ENAMETOOLONG:
+            return KvxReadResult::kNameTooLong;
+        case EISDIR:
+            return KvxReadResult::kDirectory;
+        default:
+            return KvxReadResult::kCannotOpen;
+    }
+}
+
 int synchronise(int file) {
     return tbRetryInterrupted([file] { return tbSystem().fsync(file); });
 }
@@ -216,18 +232,24 @@ bool KvxDescriptor::close() noexcept {
 }
 
 int kvxOpenForReading(char const* path) noexcept {
-    KvxDescriptor file(openFile(path, O_RDONLY));
-    struct ::stat status = {};
-    if (!file.isOpen() || tbSystem().fstat(file.get(), &status) != 0 || S_ISDIR(status.st_mode)) {
+    int const file = openFile(path, O_RDONLY);
+    if (file < 0) {
         return -1;
     }
-    return file.release();
+    struct ::stat status = {};
+    int const failure = tbSystem().fstat(file, &status) != 0 ? errno : S_ISDIR(status.st_mode) ? EISDIR : 0;
+    if (failure == 0) {
+        return file;
+    }
+    tbSystem().close(file);
+    errno = failure;
+    return -1;
 }
 
 KvxReadResult kvxReadFile(char const* path, TbStringStream& out) {
     KvxDescriptor const file(kvxOpenForReading(path));
     if (!file.isOpen()) {
-        return KvxReadResult::kCannotOpen;
+        return failureToOpen(errno);
     }
     // Grown at once where the file's size is known, so that no outgrown copy of a key stays in memory.
     struct ::stat status = {};

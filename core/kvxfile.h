@@ -31,12 +31,15 @@ private:
     int m_File;  ///< -1 when none.
 };
 
-/// Opens `path` for reading, close-on-exec. A directory cannot be opened.
+/// Opens `path` for reading, close-on-exec. -1 and `errno` on failure; a directory cannot be opened (EISDIR).
 int kvxOpenForReading(char const* path) noexcept;
 
 enum class KvxReadResult {
     kDone,
-    kCannotOpen,
+    kAbsent,       ///< The system says that there is no such file.
+    kNameTooLong,  ///< A file of this name cannot exist there.
+    kDirectory,
+    kCannotOpen,  ///< It is there, or may be.
     kCannotRead,  ///< The output holds the part that was read.
 };
 

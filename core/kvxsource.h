@@ -24,6 +24,9 @@ public:
         throw KVX_Exception(code, detail, m_Name, line);
     }
 
+    /// Writes the trace record of a failure that its caller deals with, without raising it.
+    void traceFailure(std::int32_t code, long line) const { KVX_Exception const handled(code, "", m_Name, line); }
+
     /// Writes a trace record.
     void trace(long line, char const* event, TbString const& detail = TbString(), std::int32_t code = KVX_OK) const {
         KVX_TraceLog::Write(m_Name, line, code, event, detail);

@@ -105,13 +105,14 @@ KVX_EXPORT int32_t ConfigurationSetup_Reconfigure(KVX_HANDLE handle, char const*
 KVX_EXPORT int32_t ConfigurationSetup_SetOption(KVX_HANDLE handle, char const* name, char const* value);
 
 /* Copies the value `name` of `file`, such as "VTURL" of "config.xml"; with an empty `name` the whole file. Files.
- * KVX_E_CANNOT_OPEN: no such file. KVX_E_NOT_FOUND: no such value, or an empty one; `*size` is left alone. */
+ * KVX_E_CANNOT_OPEN: no such file, or it cannot be opened. KVX_E_NOT_FOUND: no such value, or an empty one; `*size` is
+ * left alone. */
 KVX_EXPORT int32_t ConfigurationSetup_GetAttribute(KVX_HANDLE handle, char const* file, char const* name, int32_t* size,
                                                    char* buffer);
 
 /* Sets the value `name` of an existing `file` and rewrites it whole. An empty `value` changes nothing and succeeds.
  * The file keeps its first "KVX" element only. A `name` with "(." in it succeeds and is not written.
- * Files. KVX_E_CANNOT_OPEN: no such file. KVX_E_INVALID_FORMAT: the file is no document. */
+ * Files. KVX_E_CANNOT_OPEN: no such file, or it cannot be opened. KVX_E_INVALID_FORMAT: the file is no document. */
 KVX_EXPORT int32_t ConfigurationSetup_SetAttribute(KVX_HANDLE handle, char const* file, char const* name,
                                                    char const* value);
 
