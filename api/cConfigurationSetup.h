@@ -33,9 +33,11 @@ public:
     /// Reads a value of a file of the directory. KVX_E_NOT_FOUND.
     void GetAttribute(TbString const& file, TbString const& name, TbString& value);
 
-    /// Sets a value of an existing file, which keeps its first "KVX" element only. A `name` with "(." in it succeeds
-    /// and is not written. Requires: `name` consists of name characters, A-Z a-z 0-9 . - _. Deliberate
-    /// (empty-value-not-written): an empty value is never written, and that is a success.
+    /// Sets a value of an existing file, which keeps its first "KVX" element only.
+    ///
+    /// A `name` with "(." in it succeeds and is not written. Requires: `name` consists of A-Z a-z 0-9 . - _.
+    ///
+    /// Deliberate (empty-value-not-written): an empty value is never written, and that is a success.
     void SetAttribute(TbString const& file, TbString const& name, TbString const& value);
 
     static void* operator new(std::size_t bytes) { return kvxTakeSlot(kKind, bytes); }
