@@ -31,8 +31,8 @@
  *            at once, also on one directory. Functions marked "network" block until the server answers or closes; there
  *            is no time limit. Functions marked "files" read or write the configuration directory.
  *
- * FILES      one that exists and cannot be opened or read ends the call with KVX_E_CANNOT_OPEN, before anything is
- *            signed or sent. So KVX_E_NOT_FOUND from signing or verifying means that there is no such key.
+ * FILES      one that exists and cannot be opened ends the call with KVX_E_CANNOT_OPEN, before anything is signed or
+ *            sent. So KVX_E_NOT_FOUND from signing or verifying means that there is no such key.
  *
  * MEMORY     when memory is exhausted, the C++ exception TBFC_Exception leaves the functions below and ends a C
  *            program. The functions that create an object without a handle return null instead. MessageObject_ToString
@@ -188,7 +188,7 @@ KVX_EXPORT int32_t MessageObject_Capture(KVX_HANDLE handle);
 KVX_EXPORT int32_t MessageObject_Execute(KVX_HANDLE handle, KVX_HANDLE* out);
 
 /* Replaces the message by the parsed `text` and sets its "KEYID" to the signing key of this object. A bare "&" in a
- * value of `text` deletes the five characters behind it: write "&amp;".
+ * value of `text` deletes the five characters behind it: write "&amp;". Files.
  * KVX_E_INVALID_FORMAT: the object holds no message afterwards. */
 KVX_EXPORT int32_t MessageObject_FromString(KVX_HANDLE handle, char const* text);
 
