@@ -4,11 +4,11 @@
 #include "api/kvxlines_api.h"
 
 KVXCIMPL_ConfigurationSetup::KVXCIMPL_ConfigurationSetup() {
-    m_Signature.set();
+    m_Signature.set(kKind);
 }
 
 KVXCIMPL_ConfigurationSetup::~KVXCIMPL_ConfigurationSetup() {
-    m_Signature.clear();
+    m_Signature.clear(kKind);
 }
 
 void KVXCIMPL_ConfigurationSetup::SetConfiguration(TbString const& path) {

@@ -42,11 +42,11 @@ void copyDefaults(KVX_Context& account, KVX_Message& message) {
 }  // namespace
 
 KVXCIMPL_MessageFactory::KVXCIMPL_MessageFactory() {
-    m_Signature.set();
+    m_Signature.set(kKind);
 }
 
 KVXCIMPL_MessageFactory::~KVXCIMPL_MessageFactory() {
-    m_Signature.clear();
+    m_Signature.clear(kKind);
 }
 
 void KVXCIMPL_MessageFactory::Open(TbString const& path) {

@@ -14,11 +14,11 @@
 #include "foundation/tbmemory.h"
 
 KVXCIMPL_MessageObject::KVXCIMPL_MessageObject() : m_Message(&m_Context) {
-    m_Signature.set();
+    m_Signature.set(kKind);
 }
 
 KVXCIMPL_MessageObject::~KVXCIMPL_MessageObject() {
-    m_Signature.clear();
+    m_Signature.clear(kKind);
 }
 
 void KVXCIMPL_MessageObject::Open(TbString const& path) {

@@ -3,15 +3,19 @@
 // Each kind has a pool of chunks, mapped below 2 GiB where the system can, never unmapped. A handle is looked up by its
 // address alone: chunk, slot boundary, then the signature word. Free slots form a queue, so a slot is reused late and a
 // stale handle meets a zero word; the queue stands in a table behind the slots. Finding a slot takes no lock; taking
-// and giving one back holds the pool's mutex for a few instructions. Handles outside all pools are objects that C++
-// callers built elsewhere.
+// and giving one back holds the pool's mutex for a few instructions. Objects that C++ callers built elsewhere stand in
+// a registry. A fork() waits until no thread holds one of these mutexes, so a child finds them free.
 
 #include "api/kvxhandle.h"
 
+#include <algorithm>
 #include <atomic>
+#include <iterator>
 #include <mutex>
 
+#include "api/kvxregistry.h"
 #include "foundation/tbexception.h"
+#include "foundation/tbfork.h"
 #include "foundation/tbmemory.h"
 #include "foundation/tbsystem.h"
 
@@ -87,6 +91,26 @@ void* mapLow(std::size_t bytes) noexcept {
     return nullptr;
 }
 
+void lockAll();
+void unlockAll();
+
+using ForkHandlers = TbForkHandlers<lockAll, unlockAll, unlockAll>;
+
+/// Holds one of the mutexes that no thread holds during a fork(). A thread holds one at a time.
+class Lock {
+public:
+    explicit Lock(std::mutex& mutex) noexcept : m_Mutex(mutex) {
+        ForkHandlers::ensure();
+        m_Mutex.lock();
+    }
+    Lock(Lock const&) = delete;
+    Lock& operator=(Lock const&) = delete;
+    ~Lock() { m_Mutex.unlock(); }
+
+private:
+    std::mutex& m_Mutex;
+};
+
 /// The slots of one kind. Constant-initialised and never destroyed: objects may die in exit handlers.
 ///
 /// Chunks are only ever added; finding a slot by its address takes no lock. A table behind each chunk's slots links the
@@ -96,7 +120,7 @@ public:
     constexpr Pool() = default;
 
     void* take() {
-        std::lock_guard<std::mutex> const lock(m_Mutex);
+        Lock const lock(m_Mutex);
         std::uint32_t number = kNoSlot;
         if (m_FreeCount <= kQuarantine) {
             number = takeFresh();
@@ -113,7 +137,7 @@ public:
     }
 
     void give(void* slot) noexcept {
-        std::lock_guard<std::mutex> const lock(m_Mutex);
+        Lock const lock(m_Mutex);
         std::uint32_t const number = numberOf(slot);
         forbidUse(slot);
         nextOf(number) = kNoSlot;
@@ -131,8 +155,8 @@ public:
         return offset % kSlotBytes == 0 ? static_cast<std::uint32_t>(offset / kSlotBytes) : kNoSlot;
     }
 
-    /// Whether `address` lies anywhere in the slots.
-    [[nodiscard]] bool covers(void const* address) const noexcept { return offsetOf(address) != kOutside; }
+    /// Held for a few instructions, inside the allocator only.
+    std::mutex& mutex() noexcept { return m_Mutex; }
 
 private:
     static constexpr std::uintptr_t kOutside = ~std::uintptr_t{0};
@@ -201,7 +225,7 @@ private:
         return number;
     }
 
-    std::mutex m_Mutex;               ///< Held for a few instructions, inside the allocator only.
+    std::mutex m_Mutex;
     char* m_Chunks[kMaxChunks] = {};  ///< Written before m_ChunkCount says so.
     std::atomic<std::uint32_t> m_ChunkCount{0};
     std::uint32_t m_FreshUsed = 0;        ///< Slots ever handed out, from number 0 up.
@@ -216,23 +240,52 @@ Pool& poolOf(KvxKind kind) noexcept {
     return g_Pools[static_cast<std::size_t>(kind)];
 }
 
-bool isInAnyPool(void const* handle) noexcept {
-    for (Pool const& pool : g_Pools) {
-        if (pool.covers(handle)) {
-            return true;
-        }
+bool beginsAnySlot(void const* address) noexcept {
+    return std::any_of(std::begin(g_Pools), std::end(g_Pools),
+                       [&](Pool const& pool) { return pool.numberOf(address) != kNoSlot; });
+}
+
+std::mutex g_RegistryMutex;  ///< Held for one call of the registry.
+KvxRegistry g_Registry;      ///< Objects that do not lie on a slot of their own kind.
+
+void lockAll() {
+    for (Pool& pool : g_Pools) {
+        pool.mutex().lock();
     }
-    return false;
+    g_RegistryMutex.lock();
+}
+
+void unlockAll() {
+    g_RegistryMutex.unlock();
+    for (Pool& pool : g_Pools) {
+        pool.mutex().unlock();
+    }
+}
+
+bool isRegistered(KvxKind kind, void const* object) noexcept {
+    Lock const lock(g_RegistryMutex);
+    return g_Registry.contains(object, kind);
 }
 
 }  // namespace
 
-void KvxSignature::set() noexcept {
+void KvxSignature::set(KvxKind kind) {
+    if (poolOf(kind).numberOf(this) == kNoSlot) {
+        if (beginsAnySlot(this)) {
+            return;  // the word would make it an object of the slot's kind
+        }
+        Lock const lock(g_RegistryMutex);
+        g_Registry.add(this, kind);
+    }
     __atomic_store_n(&m_Word, kLivingWord, __ATOMIC_RELEASE);
 }
 
-void KvxSignature::clear() noexcept {
+void KvxSignature::clear(KvxKind kind) noexcept {
     __atomic_store_n(const_cast<std::uint32_t volatile*>(&m_Word), 0, __ATOMIC_RELEASE);
+    if (poolOf(kind).numberOf(this) == kNoSlot) {
+        Lock const lock(g_RegistryMutex);
+        g_Registry.remove(this);
+    }
 }
 
 void* kvxTakeSlot(KvxKind kind, std::size_t bytes) {
@@ -249,11 +302,8 @@ void kvxGiveSlot(KvxKind kind, void* slot) noexcept {
 }
 
 bool kvxIsLiving(KvxKind kind, void const* handle) noexcept {
-    if (isInAnyPool(handle)) {
-        return kvxIsLivingInSlot(kind, handle);
-    }
-    bool const readable = handle != nullptr && reinterpret_cast<std::uintptr_t>(handle) % alignof(std::uint32_t) == 0;
-    return readable && readWord(handle) == kLivingWord;
+    bool const isReadable = poolOf(kind).numberOf(handle) != kNoSlot || isRegistered(kind, handle);
+    return isReadable && readWord(handle) == kLivingWord;
 }
 
 bool kvxIsLivingInSlot(KvxKind kind, void const* handle) noexcept {

@@ -18,11 +18,14 @@ public:
     KvxSignature(KvxSignature const&) = delete;
     KvxSignature& operator=(KvxSignature const&) = delete;
 
-    /// Marks the object as living; the last thing its constructor does.
-    void set() noexcept;
+    /// Marks the object of `kind` that begins here as living; the last thing its constructor does. An object outside
+    /// the slots of its kind enters a registry, which needs memory when there are many of them: raises
+    /// KVX_E_OUT_OF_MEMORY (TBFC_Exception), and the object is not living. Does nothing on a slot of another kind, so
+    /// that no handle leads to that object.
+    void set(KvxKind kind);
 
     /// Marks it as dead; the first thing its destructor does. A store that no optimiser removes.
-    void clear() noexcept;
+    void clear(KvxKind kind) noexcept;
 
 private:
     std::uint32_t m_Word;
@@ -38,12 +41,11 @@ KVX_EXPORT void* kvxTakeSlot(KvxKind kind, std::size_t bytes);
 /// Returns the slot to its pool. Null is ignored. Any thread.
 KVX_EXPORT void kvxGiveSlot(KvxKind kind, void* slot) noexcept;
 
-/// Whether `handle` is a living object of `kind`: in a slot of that kind, or built by a C++ caller outside all slots,
-/// with the signature word in place.
+/// Whether `handle` is a living object of `kind`: in a slot of that kind with the signature word in place, or built by
+/// a C++ caller elsewhere. Other memory is never read, so any number is accepted.
 [[nodiscard]] bool kvxIsLiving(KvxKind kind, void const* handle) noexcept;
 
-/// Whether `handle` is a living object of `kind` in a slot. Memory outside the slots is never read, so any number is
-/// accepted.
+/// Whether `handle` is a living object of `kind` in a slot of that kind. Any number is accepted.
 [[nodiscard]] bool kvxIsLivingInSlot(KvxKind kind, void const* handle) noexcept;
 
 /// Whether the caller may destroy `handle`: a living object in a slot of `kind`. Clears the signature word, so that

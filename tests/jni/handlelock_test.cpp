@@ -39,7 +39,7 @@ std::vector<KVX_HANDLE> g_Destroyed;
 /// A destroy function that records the object and revives it.
 void recordDestroyed(KVX_HANDLE object) {
     g_Destroyed.push_back(object);
-    static_cast<KvxSignature*>(object)->set();
+    static_cast<KvxSignature*>(object)->set(kKind);
 }
 
 /// Whether the object is locked, found out by trying to destroy it.
