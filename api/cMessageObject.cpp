@@ -128,7 +128,7 @@ int32_t MessageObject_ToString(KVX_HANDLE handle, int32_t* size, char* buffer) {
     return kvxCall<KVXCIMPL_MessageObject>(handle, [&](auto& object) {
         TbString const text = object.ToString();
         // Deliberate (tostring-own-buffer): this function alone copies through a buffer of its own; when that cannot be
-        // allocated it returns a code and leaves the size alone.
+        // allocated it leaves the size alone.
         TbMemoryHolder const copy(static_cast<char*>(tbAllocate(std::size_t{text.length()} * 2 + 2)));
         if (copy == nullptr) {
             return KVX_E_OUT_OF_MEMORY;

@@ -2,28 +2,46 @@
 #ifndef TALLOWIN_API_KVXBOUNDARY_H
 #define TALLOWIN_API_KVXBOUNDARY_H
 
+#include <cxxabi.h>
+
 #include <cassert>
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <new>
 
 #include "api/kvxhandle.h"
 #include "core/kvxbase.h"
 #include "foundation/tbexception.h"
 #include "tallowin/tallowin.h"
 
-/// Refuses a handle that is no living `Object`, runs `call` with the object and returns its code. A KVX_Exception
-/// becomes its code; other exceptions pass.
+/// Runs `call` and returns its code. An exception becomes a code: a KVX_Exception or TBFC_Exception its own, lack of
+/// memory KVX_E_OUT_OF_MEMORY, any other KVX_E_UNEXPECTED. Only the cancellation of a thread passes.
+template <class Call>
+std::int32_t kvxGuard(Call call) {
+    try {
+        return call();
+    } catch (KVX_Exception const& failure) {
+        return failure.code();
+    } catch (TBFC_Exception const& failure) {
+        return failure.code();
+    } catch (std::bad_alloc const&) {
+        return KVX_E_OUT_OF_MEMORY;
+    } catch (abi::__forced_unwind const&) {
+        throw;  // the C library ends the process when a cancellation is stopped
+    } catch (...) {
+        return KVX_E_UNEXPECTED;
+    }
+}
+
+/// Refuses a handle that is no living `Object`, runs `call` with the object and returns its code or that of its
+/// exception.
 template <class Object, class Call>
 std::int32_t kvxCall(KVX_HANDLE handle, Call call) {
     if (!kvxIsLiving(Object::kKind, handle)) {
         return KVX_E_BAD_HANDLE;
     }
-    try {
-        return call(*static_cast<Object*>(handle));
-    } catch (KVX_Exception const& failure) {
-        return failure.code();
-    }
+    return kvxGuard([&] { return call(*static_cast<Object*>(handle)); });
 }
 
 /// The same for a `call` without a result.
@@ -49,11 +67,12 @@ std::int32_t kvxMake(KVX_HANDLE handle, KVX_HANDLE* out, Call call) {
 /// A new object's handle; null when memory is exhausted.
 template <class Object>
 KVX_HANDLE kvxCreate() {
-    try {
-        return new Object;
-    } catch (TBFC_Exception const&) {
-        return nullptr;
-    }
+    KVX_HANDLE made = nullptr;
+    kvxGuard([&] {
+        made = new Object;
+        return KVX_OK;
+    });
+    return made;
 }
 
 /// Deletes an object that the caller has claimed for destruction.
@@ -66,7 +85,7 @@ void kvxDeleteClaimed(KVX_HANDLE object) {
 template <class Object>
 void kvxDestroy(KVX_HANDLE handle) {
     if (kvxClaimForDestruction(Object::kKind, handle)) {
-        kvxDeleteClaimed<Object>(handle);
+        kvxDeleteClaimed<Object>(handle);  // destructors throw nothing
     }
 }
 

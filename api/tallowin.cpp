@@ -2,14 +2,14 @@
 
 #include <cstring>
 
+#include "api/kvxboundary.h"
 #include "core/kvxbase.h"
 #include "tallowin/tallowin.h"
 
-char const* KVX_GetVersion() {
-    return TALLOWIN_VERSION_STRING;
-}
+namespace {
 
-int KVX_GetErrorStringFromResult(int32_t code, int32_t* size, char* buffer) {
+/// Returns 1, or 0 and touches nothing when there is no text.
+int copyErrorText(std::int32_t code, std::int32_t* size, char* buffer) {
     TbString text;
     if (!KVX_ErrorLookup::GetErrorStringFromResult(code, text)) {
         return 0;
@@ -26,4 +26,19 @@ int KVX_GetErrorStringFromResult(int32_t code, int32_t* size, char* buffer) {
     }
     *size = need;
     return 1;
+}
+
+}  // namespace
+
+char const* KVX_GetVersion() {
+    return TALLOWIN_VERSION_STRING;
+}
+
+int KVX_GetErrorStringFromResult(int32_t code, int32_t* size, char* buffer) {
+    int copied = 0;
+    kvxGuard([&] {
+        copied = copyErrorText(code, size, buffer);
+        return KVX_OK;
+    });
+    return copied;
 }

@@ -34,10 +34,9 @@
  * FILES      one that exists and cannot be opened ends the call with KVX_E_CANNOT_OPEN, before anything is signed or
  *            sent. So KVX_E_NOT_FOUND from signing or verifying means that there is no such key.
  *
- * MEMORY     when memory is exhausted, the C++ exception TBFC_Exception leaves the functions below and ends a C
- *            program. The functions that create an object without a handle return null instead. MessageObject_ToString
- *            may return KVX_E_OUT_OF_MEMORY. The Destroy functions and KVX_GetVersion need no memory. No KVX_Exception
- *            leaves any function: it is returned as its result code.
+ * MEMORY     when memory is exhausted, the functions return KVX_E_OUT_OF_MEMORY. The functions that create an object
+ *            without a handle return null instead, and KVX_GetErrorStringFromResult 0. The Destroy functions and
+ *            KVX_GetVersion need no memory. No C++ exception leaves any function.
  */
 /* clang-format on */
 #ifndef TALLOWIN_H
@@ -67,8 +66,8 @@ KVX_EXPORT char const* KVX_GetVersion(void);
  * `size`    in: bytes at `buffer`; out: bytes of the whole text, terminator included.
  * `buffer`  receives the text, cut to `*size` - 1 bytes when it is smaller, always terminated. May be null.
  *
- * Returns 1; 0 for a code without a text (so for 0) or a null `size`, touching nothing. With a size of 0 or less
- * nothing is copied and `*size` still receives the need. Unlike the functions below it cuts a long text instead of
+ * Returns 1; 0 for a code without a text (so for 0), a null `size` or no memory, touching nothing. With a size of 0 or
+ * less nothing is copied and `*size` still receives the need. Unlike the functions below it cuts a long text instead of
  * refusing. Any thread. */
 KVX_EXPORT int KVX_GetErrorStringFromResult(int32_t code, int32_t* size, char* buffer);
 

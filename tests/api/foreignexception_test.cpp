@@ -1,11 +1,23 @@
-// Exceptions of other kinds inside the flat functions when memory runs out.
+// Exceptions inside the flat functions: each becomes a code.
 //
 // Each allocation fails in turn, in every function. The tests hold the outputs to their marks and count living objects.
+// Exceptions that the library does not throw by itself are thrown inside the boundary's helper. The last tests run out
+// of memory for real, in a process with little address space.
 
+#include <pthread.h>
+#include <semaphore.h>
+#include <sys/resource.h>
+
+#include <fstream>
+#include <new>
+#include <stdexcept>
+
+#include "api/kvxboundary.h"
 #include "foundation/tbexception.h"
 #include "foundation/tbobject.h"
 #include "tests/api/apisupport.h"
 #include "tests/support/allocations.h"
+#include "tests/support/processes.h"
 #include "tests/support/rawserver.h"
 
 using namespace kvxtest;
@@ -13,40 +25,52 @@ using namespace kvxtest;
 namespace {
 
 /// Runs `call` with its first, second, third ... allocation failing until it succeeds, as often as it takes.
-/// Every failure must be a TBFC_Exception and leave the outputs alone. Returns how many there were.
-long expectMemoryExhaustionPasses(char const* what, std::function<std::int32_t(Outputs&)> const& call) {
+/// Every failure must be a result and leave the outputs alone. Returns how many there were.
+long expectMemoryExhaustionIsReturned(char const* what, std::function<std::int32_t(Outputs&)> const& call) {
     for (long number = 0; number < 100000; ++number) {
         std::int32_t const living = TbRefCounter::m_nTotalRef;
         Outputs outputs;
         std::int32_t result = KVX_OK;
-        bool passed = false;
         bool reached = false;
         {
             FailingAllocation const failing(number, FailingAllocation::Mode::kAllFromThere);
-            try {
-                result = call(outputs);
-            } catch (TBFC_Exception const& failure) {
-                EXPECT_EQ(failure.code(), KVX_E_OUT_OF_MEMORY) << what;
-                passed = true;
-            }
+            EXPECT_NO_THROW(result = call(outputs)) << what << ", allocation " << number;
             reached = FailingAllocation::requested() > number;
         }
         if (!reached) {
             EXPECT_EQ(result, KVX_OK) << what;
             return number;
         }
-        if (passed) {
-            outputs.expectUntouched(what);
-            EXPECT_EQ(TbRefCounter::m_nTotalRef, living) << what << ", allocation " << number;
-        } else {
-            EXPECT_EQ(result, KVX_E_OUT_OF_MEMORY) << what << ", allocation " << number;
-        }
+        EXPECT_EQ(result, KVX_E_OUT_OF_MEMORY) << what << ", allocation " << number;
+        outputs.expectUntouched(what);
+        EXPECT_EQ(TbRefCounter::m_nTotalRef, living) << what << ", allocation " << number;
     }
     ADD_FAILURE() << what << " never succeeded";
     return 0;
 }
 
-TEST(ForeignException, PassesThroughTheFlatFunctions) {
+/// The result of a flat function inside which `raise` throws.
+std::int32_t resultOfThrowing(void (*raise)()) {
+    MessageHandle const message;
+    return kvxRun<KVXCIMPL_MessageObject>(message.get(), [&](auto&) { raise(); });
+}
+
+/// Lets this process have `bytes` more of address space than it has now.
+bool limitAddressSpace(std::size_t bytes) {
+    std::size_t pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    rlim_t const limit = pages * 4096 + bytes;
+    rlimit const both = {limit, limit};
+    return ::setrlimit(RLIMIT_AS, &both) == 0;
+}
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kCanLimitMemory = false;  // a sanitizer's own allocator ends the process
+#else
+constexpr bool kCanLimitMemory = true;
+#endif
+
+TEST(ForeignException, OfMissingMemoryBecomesACodeInEveryFunction) {
     RawServer const server(httpResponse(R"(<KVX MSGTYPE="TResponse"/>)"));
     AccountDirectory const account;
     account.setAddress("http://127.0.0.1:" + server.portText());
@@ -84,9 +108,21 @@ TEST(ForeignException, PassesThroughTheFlatFunctions) {
         {"CreateRequest",
          [&](Outputs& o) { return made(MessageFactory_CreateRequest(factory.get(), "T", &o.m_Out), o); }},
         {"SetAttribute", [&](Outputs&) { return MessageObject_SetAttribute(message.get(), "MSGTYPE", "T"); }},
+        {"Open",
+         [&](Outputs&) {
+             MessageHandle const opened;
+             return opened.get() == nullptr ? KVX_E_OUT_OF_MEMORY
+                                            : MessageObject_Open(opened.get(), account.path().c_str());
+         }},
+        {"FromString",
+         [&](Outputs&) {
+             MessageHandle const filled;
+             return filled.get() == nullptr ? KVX_E_OUT_OF_MEMORY
+                                            : MessageObject_FromString(filled.get(), kConfirmation);
+         }},
     };
     for (Row const& row : rows) {
-        EXPECT_GT(expectMemoryExhaustionPasses(row.m_Name, row.m_Call), 0) << row.m_Name;
+        EXPECT_GT(expectMemoryExhaustionIsReturned(row.m_Name, row.m_Call), 0) << row.m_Name;
     }
 }
 
@@ -101,15 +137,13 @@ TEST(ForeignException, LeavesTheObjectsUsable) {
         MadeMessage request;
         ASSERT_EQ(MessageFactory_CreateRequest(factory.get(), "T", request.out()), KVX_OK);
         bool reached = false;
-        try {
+        {
             FailingAllocation const failing(number, FailingAllocation::Mode::kAllFromThere);
             MadeMessage answer;
-            (void)MessageObject_Execute(request.get(), answer.out());
+            std::int32_t const result = MessageObject_Execute(request.get(), answer.out());
             reached = FailingAllocation::requested() > number;
-        } catch (TBFC_Exception const& failure) {
-            EXPECT_EQ(failure.code(), KVX_E_OUT_OF_MEMORY);
-            reached = true;
-            ++failures;
+            EXPECT_EQ(result, reached ? KVX_E_OUT_OF_MEMORY : KVX_OK);
+            failures += reached ? 1 : 0;
         }
         ASSERT_EQ(MessageObject_SetAttribute(request.get(), "MSGTYPE", "T"), KVX_OK);
         if (!reached) {
@@ -121,6 +155,85 @@ TEST(ForeignException, LeavesTheObjectsUsable) {
         }
     }
     EXPECT_GT(failures, 20);
+}
+
+TEST(ForeignException, BecomesACode) {
+    EXPECT_EQ(resultOfThrowing([] { throw TBFC_Exception(KVX_E_OUT_OF_MEMORY); }), KVX_E_OUT_OF_MEMORY);
+    EXPECT_EQ(resultOfThrowing([] { throw TBFC_Exception(KVX_E_OUT_OF_RANGE); }), KVX_E_OUT_OF_RANGE);
+    EXPECT_EQ(resultOfThrowing([] { throw TBFC_Exception(KVX_E_DUPLICATE_KEY); }), KVX_E_DUPLICATE_KEY);
+    EXPECT_EQ(resultOfThrowing([] { throw std::bad_alloc(); }), KVX_E_OUT_OF_MEMORY);
+    EXPECT_EQ(resultOfThrowing([] { throw std::bad_array_new_length(); }), KVX_E_OUT_OF_MEMORY);
+    EXPECT_EQ(resultOfThrowing([] { throw std::runtime_error("other"); }), KVX_E_UNEXPECTED);
+    EXPECT_EQ(resultOfThrowing([] { throw 1; }), KVX_E_UNEXPECTED);
+}
+
+TEST(ForeignException, InAConstructorMakesCreatingReturnNull) {
+    struct Failing {
+        Failing() { throw std::runtime_error("other"); }
+    };
+    EXPECT_EQ(kvxCreate<Failing>(), nullptr);
+}
+
+TEST(ForeignException, OfMissingMemoryPassesThroughTheClasses) {
+    KVXCIMPL_MessageObject message;
+    TbString const text(kConfirmation);
+    FailingAllocation const failing(0, FailingAllocation::Mode::kAllFromThere);
+    EXPECT_THROW(message.FromString(text), TBFC_Exception);
+}
+
+TEST(ForeignException, OfMissingMemoryGivesNoErrorText) {
+    Outputs outputs;
+    {
+        FailingAllocation const failing(0, FailingAllocation::Mode::kAllFromThere);
+        int result = 1;
+        EXPECT_NO_THROW(result =
+                            KVX_GetErrorStringFromResult(KVX_E_INVALID_SIGNATURE, &outputs.m_Size, outputs.m_Buffer));
+        EXPECT_EQ(result, 0);
+    }
+    outputs.expectUntouched("no memory for the text");
+}
+
+TEST(ForeignException, LetsAThreadBeCancelled) {
+    static sem_t never;
+    ASSERT_EQ(::sem_init(&never, 0, 0), 0);
+    pthread_t thread = {};
+    ASSERT_EQ(::pthread_create(
+                  &thread, nullptr,
+                  [](void*) -> void* {
+                      resultOfThrowing([] { ::sem_wait(&never); });
+                      return nullptr;
+                  },
+                  nullptr),
+              0);
+    EXPECT_EQ(::pthread_cancel(thread), 0);
+    void* result = nullptr;
+    EXPECT_EQ(::pthread_join(thread, &result), 0);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+}
+
+TEST(ExhaustedAddressSpace, IsTheResultOfACaptureWithAnEndlessResponse) {
+    if (!kCanLimitMemory) {
+        GTEST_SKIP() << "no address space to limit";
+    }
+    RawServer const server([](Peer& peer) {
+        peer.receiveRequest();
+        peer.send("HTTP/1.0 200 OK\r\n\r\n<KVX A=\"");
+        std::string const much(1 << 16, 'a');
+        while (peer.send(much)) {
+        }
+    });
+    AccountDirectory const account;
+    account.setAddress("http://127.0.0.1:" + server.portText());
+    FactoryHandle const factory(account.path());
+    MadeMessage message;
+    ASSERT_EQ(MessageFactory_CreatePayComplete(factory.get(), "id", "token", message.out()), KVX_OK);
+    EXPECT_EQ(inChildProcess([&] {
+                  if (!limitAddressSpace(std::size_t{64} << 20)) {
+                      return 1;
+                  }
+                  return MessageObject_Capture(message.get()) == KVX_E_OUT_OF_MEMORY ? 0 : 2;
+              }),
+              0);
 }
 
 }  // namespace
