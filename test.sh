@@ -46,6 +46,7 @@ case "$mode" in
       case $label in
         install) targets+=(tallowin tallowin_static java/all) ;;
         examples | browser) targets+=(examples/all tallowin-sandbox) ;;
+        fuzz) targets+=(fuzz/all) ;;
         scripts) ;;
         *) targets+=("tests/$label/all") ;;
       esac
