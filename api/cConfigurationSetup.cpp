@@ -3,6 +3,18 @@
 #include "api/kvxboundary.h"
 #include "api/kvxlines_api.h"
 
+namespace {
+
+/// A copy of the caller's text that may hold credentials.
+TbString secretText(char const* text) {
+    TbString secret("");
+    secret.keepSecret();
+    secret.append(text);
+    return secret;
+}
+
+}  // namespace
+
 KVXCIMPL_ConfigurationSetup::KVXCIMPL_ConfigurationSetup() {
     m_Signature.set(kKind);
 }
@@ -54,12 +66,12 @@ int32_t ConfigurationSetup_SetConfiguration(KVX_HANDLE handle, char const* path)
 
 int32_t ConfigurationSetup_Reconfigure(KVX_HANDLE handle, char const* url, char const* user, char const* password) {
     return kvxRun<KVXCIMPL_ConfigurationSetup>(
-        handle, [&](auto& setup) { setup.Reconfigure(mbstoSTRING(url), mbstoSTRING(user), mbstoSTRING(password)); });
+        handle, [&](auto& setup) { setup.Reconfigure(secretText(url), secretText(user), secretText(password)); });
 }
 
 int32_t ConfigurationSetup_SetOption(KVX_HANDLE handle, char const* name, char const* value) {
     return kvxRun<KVXCIMPL_ConfigurationSetup>(
-        handle, [&](auto& setup) { setup.SetOption(mbstoSTRING(name), mbstoSTRING(value)); });
+        handle, [&](auto& setup) { setup.SetOption(mbstoSTRING(name), secretText(value)); });
 }
 
 int32_t ConfigurationSetup_GetAttribute(KVX_HANDLE handle, char const* file, char const* name, int32_t* size,

@@ -48,11 +48,15 @@ void KVX_Context::CreatePath(TbString const& path) {
 }
 
 void KVX_Context::SetOption(TbString const& name, TbString const& value) {
+    // An address may hold credentials too.
     if (name == TbString("UserName")) {
+        m_UserName.keepSecret();
         m_UserName = value;
     } else if (name == TbString("Password")) {
+        m_Password.keepSecret();
         m_Password = value;
     } else if (name == TbString("VTAUTOURL")) {
+        m_AutoUrl.keepSecret();
         m_AutoUrl = value;
     } else {
         kvx::kSourceCtx.fail(KVX_E_INVALID_OPTION, kvx::kLineSetOption);

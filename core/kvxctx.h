@@ -53,7 +53,8 @@ public:
     /// A copy of the path.
     [[nodiscard]] TbString GetPath() const { return m_Path; }
 
-    /// Sets "UserName", "Password" or "VTAUTOURL". Any other name: KVX_E_INVALID_OPTION.
+    /// Sets "UserName", "Password" or "VTAUTOURL". Any other name: KVX_E_INVALID_OPTION. The values are kept as secret
+    /// strings, and so is every URL and request that is made with them.
     void SetOption(TbString const& name, TbString const& value);
 
     /// Does nothing. Deliberate (messages-logged-nowhere): the hook for informational messages writes them nowhere.

@@ -2,9 +2,12 @@
 //
 // A block has a header right before its first usable byte, with the usable size and the number of bytes that were
 // dropped from its front. A block grows in this order: use the room it has, move the contents back over the dropped
-// front, reallocate with half the size on top. Every allocation asks the gate first in test builds.
+// front, reallocate with half the size on top. A block with a secret never moves back or reallocates: its contents are
+// copied to a new one and wiped. Every allocation asks the gate first in test builds.
 
 #include "foundation/tbmemory.h"
+
+#include <malloc.h>
 
 #include <cstdint>
 #include <cstdlib>
@@ -62,29 +65,70 @@ bool isPermitted(std::size_t bytes) {
     TbAllocationGate const gate = __atomic_load_n(&g_Gate, __ATOMIC_RELAXED);
     return gate == nullptr || gate(bytes);
 }
+
+TbReleaseObserver g_Observer = nullptr;
+
+TbReleaseObserver observer() {
+    return __atomic_load_n(&g_Observer, __ATOMIC_RELAXED);
+}
+
+std::size_t usableSize(void* memory) {
+    return memory == nullptr ? 0 : ::malloc_usable_size(memory);
+}
+
+void observe(void* memory) {
+    if (observer() != nullptr && memory != nullptr) {
+        observer()(memory, usableSize(memory));
+    }
+}
+
+/// Zeroes what an observer would mistake for the library's own bytes.
+void* withoutOldBytes(void* memory, std::size_t from) {
+    if (observer() != nullptr && memory != nullptr && usableSize(memory) > from) {
+        std::memset(static_cast<char*>(memory) + from, 0, usableSize(memory) - from);
+    }
+    return memory;
+}
 #else
 constexpr bool isPermitted(std::size_t) {
     return true;
+}
+constexpr std::size_t usableSize(void*) {
+    return 0;
+}
+constexpr void observe(void*) {}
+constexpr void* withoutOldBytes(void* memory, std::size_t) {
+    return memory;
 }
 #endif
 
 }  // namespace
 
 #ifdef KVX_TEST_SEAMS
+void tbSetReleaseObserver(TbReleaseObserver observer) noexcept {
+    __atomic_store_n(&g_Observer, observer, __ATOMIC_RELAXED);
+}
+
 void tbSetAllocationGate(TbAllocationGate gate) noexcept {
     __atomic_store_n(&g_Gate, gate, __ATOMIC_RELAXED);
 }
 #endif
 
 void* tbAllocate(std::size_t bytes) noexcept {
-    return isPermitted(bytes) ? std::malloc(bytes == 0 ? 1 : bytes) : nullptr;
+    return isPermitted(bytes) ? withoutOldBytes(std::malloc(bytes == 0 ? 1 : bytes), 0) : nullptr;
 }
 
 void* tbReallocate(void* memory, std::size_t bytes) noexcept {
-    return isPermitted(bytes) ? std::realloc(memory, bytes == 0 ? 1 : bytes) : nullptr;
+    if (!isPermitted(bytes)) {
+        return nullptr;
+    }
+    observe(memory);
+    std::size_t const present = usableSize(memory);
+    return withoutOldBytes(std::realloc(memory, bytes == 0 ? 1 : bytes), present);
 }
 
 void tbRelease(void* memory) noexcept {
+    observe(memory);
     std::free(memory);
 }
 
@@ -124,6 +168,20 @@ void* tbResizeBlock(void* block, std::size_t bytes) noexcept {
     return withoutGap(front);
 }
 
+void* tbResizeSecretBlock(void* block, std::size_t bytes) noexcept {
+    std::size_t const present = tbBlockSize(block);
+    if (block != nullptr && bytes <= present) {
+        return block;
+    }
+    std::size_t const generous = present + present / 2;
+    void* const larger = tbResizeBlock(nullptr, generous > bytes ? generous : bytes);
+    if (larger != nullptr && block != nullptr) {
+        std::memcpy(larger, block, present);
+        tbReleaseSecretBlock(block);
+    }
+    return larger;
+}
+
 std::size_t tbBlockSize(void const* block) noexcept {
     return block == nullptr ? 0 : headerOf(block)->m_Size;
 }
@@ -138,5 +196,12 @@ void* tbDropFront(void* block, std::size_t bytes) noexcept {
 void tbReleaseBlock(void* block) noexcept {
     if (block != nullptr) {
         tbRelease(memoryOf(block));
+    }
+}
+
+void tbReleaseSecretBlock(void* block) noexcept {
+    if (block != nullptr) {
+        ::explicit_bzero(block, tbBlockSize(block));
+        tbReleaseBlock(block);
     }
 }

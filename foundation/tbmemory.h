@@ -22,6 +22,11 @@ using TbMemoryHolder = std::unique_ptr<char, TbReleaser<tbRelease>>;
 /// Test builds only: called before every allocation; false makes it fail. A null gate lets all succeed.
 using TbAllocationGate = bool (*)(std::size_t bytes);
 void tbSetAllocationGate(TbAllocationGate gate) noexcept;
+
+/// Test builds only: called before a block of `bytes` bytes is released, and before it is reallocated, which may leave
+/// its contents behind. While there is an observer new memory is zeroed, so that it sees the library's own bytes alone.
+using TbReleaseObserver = void (*)(void const* memory, std::size_t bytes);
+void tbSetReleaseObserver(TbReleaseObserver observer) noexcept;
 #endif
 
 /// Blocks that know their size, for buffers that grow.
@@ -33,6 +38,9 @@ void tbSetAllocationGate(TbAllocationGate gate) noexcept;
 /// Null on failure: then `block` is untouched.
 [[nodiscard]] void* tbResizeBlock(void* block, std::size_t bytes) noexcept;
 
+/// The same for contents that must not stay behind in memory: a block that moves is wiped where it lay.
+[[nodiscard]] void* tbResizeSecretBlock(void* block, std::size_t bytes) noexcept;
+
 /// The bytes that may be used at `block`; 0 for null.
 [[nodiscard]] std::size_t tbBlockSize(void const* block) noexcept;
 
@@ -42,5 +50,8 @@ void tbSetAllocationGate(TbAllocationGate gate) noexcept;
 
 /// Releases the block. Null is ignored.
 void tbReleaseBlock(void* block) noexcept;
+
+/// Wipes all usable bytes of the block, then releases it. Null is ignored.
+void tbReleaseSecretBlock(void* block) noexcept;
 
 #endif

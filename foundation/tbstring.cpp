@@ -3,7 +3,7 @@
 // The published capacity follows its own rule (need plus 65) and is not the size of the block behind it, which
 // foundation/tbmemory.h grows geometrically; after a failed growth the capacity may even be the larger one. Texts that
 // lie in the string's own buffer are accepted everywhere: such an assignment builds a second string and swaps, such an
-// append goes by offset.
+// append goes by offset. A string that has become secret after it got its buffer wipes that one too.
 
 #include "foundation/tbstring.h"
 
@@ -119,7 +119,11 @@ void TbString::allocate(TbObject** slot) {
 }
 
 void TbString::clear() noexcept {
-    tbReleaseBlock(m_Buffer);
+    if (m_IsSecret) {
+        tbReleaseSecretBlock(m_Buffer);
+    } else {
+        tbReleaseBlock(m_Buffer);
+    }
     m_Buffer = nullptr;
     m_Length = 0;
     m_Capacity = 0;
@@ -139,7 +143,8 @@ void TbString::grow(std::uint32_t extra) {
     }
     // After a failed growth the published capacity may never be reached; this request may be smaller.
     auto const bytes = static_cast<std::size_t>(std::min<std::uint64_t>(m_Capacity, wanted));
-    auto* const buffer = static_cast<char*>(tbResizeBlock(m_Buffer, bytes));
+    auto* const buffer =
+        static_cast<char*>(m_IsSecret ? tbResizeSecretBlock(m_Buffer, bytes) : tbResizeBlock(m_Buffer, bytes));
     if (buffer == nullptr) {
         throw TBFC_Exception(KVX_E_OUT_OF_MEMORY);
     }
@@ -155,6 +160,7 @@ bool TbString::owns(char const* pointer) const noexcept {
 TbString& TbString::assign(char const* text, std::uint32_t count) {
     if (owns(text)) {
         TbString copy;
+        copy.joinSecrecyOf(*this);
         copy.assign(text, count);
         std::swap(m_Buffer, copy.m_Buffer);
         std::swap(m_Length, copy.m_Length);
@@ -187,6 +193,7 @@ TbString& TbString::assign(TbObject const& other) {
         return *this;
     }
     clear();
+    joinSecrecyOf(source);
     if (source.m_Buffer != nullptr) {
         grow(source.m_Length);
         std::memcpy(m_Buffer, source.m_Buffer, std::size_t{source.m_Length} + 1);
@@ -227,6 +234,7 @@ TbString& TbString::append(char const* bytes, std::uint32_t count) {
 }
 
 TbString& TbString::append(TbString const& other) {
+    joinSecrecyOf(other);
     if (other.m_Buffer == nullptr || other.m_Length == 0) {
         return *this;
     }
@@ -267,6 +275,7 @@ std::uint32_t TbString::find(char const* what, std::uint32_t from) const noexcep
 
 TbString TbString::substring(std::uint32_t from, std::uint32_t count) const {
     TbString part("");
+    part.joinSecrecyOf(*this);
     if (from < m_Length) {
         part.append(m_Buffer + from, std::min(count, m_Length - from));
     }

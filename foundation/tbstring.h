@@ -32,6 +32,10 @@ void WCSToMBS(char* target, wchar_t const* source, unsigned long count) noexcept
 /// Against a C string the order is lexicographic. An empty string may or may not own a buffer; the two compare equal.
 /// Embedded zero bytes are kept, but comparisons end at them. Not synchronised. Only running out of memory throws
 /// (TBFC_Exception, KVX_E_OUT_OF_MEMORY); so does a length that would not fit 32 bits.
+///
+/// A secret string (`keepSecret`) leaves no bytes behind: each of its buffers is wiped before it is released. Secrecy
+/// passes to copies, parts and every string that a secret one is assigned or appended to, and is never lost again. It
+/// does not pass through the bare `char const*`.
 class KVX_EXPORT TbString : public TbFindable {
 public:
     /// "Not found" position and "no limit" count.
@@ -95,6 +99,11 @@ public:
     /// memory runs out.
     void grow(std::uint32_t extra);
 
+    /// Makes this string a secret one, for good.
+    void keepSecret() noexcept { m_IsSecret = true; }
+
+    [[nodiscard]] bool isSecret() const noexcept { return m_IsSecret; }
+
     /// Lexicographic against NUL-terminated `text`: -1, 0, 1. For null it returns this string's length; for a string
     /// without a buffer, minus the length of `text`.
     /// Deliberate (text-compares-by-letters): the lengths do not count, unlike between two strings.
@@ -135,7 +144,9 @@ public:
 
 private:
     [[nodiscard]] bool owns(char const* pointer) const noexcept;
+    void joinSecrecyOf(TbString const& other) noexcept { m_IsSecret = m_IsSecret || other.m_IsSecret; }
 
+    bool m_IsSecret = false;       ///< Buffers are wiped before they are released.
     char* m_Buffer = nullptr;      ///< Owned; null until first use and after clear().
     std::uint32_t m_Length = 0;    ///< Bytes before the terminator.
     std::uint32_t m_Capacity = 0;  ///< Published size of the buffer; 0 when null. The block behind it is never smaller

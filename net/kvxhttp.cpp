@@ -32,9 +32,11 @@ void print(FILE* stream, char const* before, TbString const& text, char const* a
     static_cast<void>(std::fflush(stream));
 }
 
-/// "user:password" in Base64, as Basic authorisation has it.
-void putCredentials(TbString const& user, TbString const& password, TbStringStream& out) {
+/// "user:password" in Base64, as Basic authorisation has it. `out` becomes secret.
+template <class Text>
+void putCredentials(Text const& user, Text const& password, TbStringStream& out) {
     TbStringStream credentials;
+    credentials.keepSecret();
     credentials.put(user);
     credentials.put(':');
     credentials.put(password);

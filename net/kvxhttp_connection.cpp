@@ -46,13 +46,10 @@ std::int32_t SockConnection::Read(TbStringStream& into) {
 }
 
 std::int32_t SockConnection::Write(TbStringStream& from) {
-    TbMemoryHolder copy = CopyForSending(from.str());
+    KvxBytesToSend const bytes(from.str());
     SigPipeGuard const guard;
     m_LastResult =
-        static_cast<int>(tbRetryInterrupted([&] { return tbSystem().send(m_Socket, copy.get(), from.length(), 0); }));
-    int const failure = errno;
-    copy.reset();
-    errno = failure;
+        static_cast<int>(tbRetryInterrupted([&] { return tbSystem().send(m_Socket, bytes.data(), bytes.size(), 0); }));
     return m_LastResult;
 }
 

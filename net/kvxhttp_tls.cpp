@@ -110,13 +110,10 @@ std::int32_t SslConnection::Read(TbStringStream& into) {
 }
 
 std::int32_t SslConnection::Write(TbStringStream& from) {
-    TbMemoryHolder copy = CopyForSending(from.str());
+    KvxBytesToSend const bytes(from.str());
     // One call takes an int; a longer text becomes a negative length and is refused.
-    auto const length = static_cast<int>(from.length());
-    m_LastResult = run([&](SSL* session) { return SSL_write(session, copy.get(), length); });
-    int const failure = errno;
-    copy.reset();
-    errno = failure;
+    auto const length = static_cast<int>(bytes.size());
+    m_LastResult = run([&](SSL* session) { return SSL_write(session, bytes.data(), length); });
     return m_LastResult == -1 ? LastError() : KVX_OK;
 }
 

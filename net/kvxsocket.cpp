@@ -84,13 +84,17 @@ SigPipeGuard::~SigPipeGuard() {
     errno = failure;
 }
 
-TbMemoryHolder CopyForSending(TbString const& text) {
-    std::size_t const size = std::size_t{text.length()} + 1;
-    TbMemoryHolder copy = tbHoldMemory(size);
+KvxBytesToSend::KvxBytesToSend(TbString const& text) : m_Size(text.length()), m_Bytes(tbHoldMemory(m_Size + 1)) {
     std::size_t const used = TCSLEN(text.buffer());
-    std::memcpy(copy.get(), text.c_str(), used);
-    std::memset(copy.get() + used, 0, size - used);
-    return copy;
+    std::memcpy(m_Bytes.get(), text.c_str(), used);
+    std::memset(m_Bytes.get() + used, 0, m_Size - used + 1);
+}
+
+KvxBytesToSend::~KvxBytesToSend() {
+    int const failure = errno;
+    ::explicit_bzero(m_Bytes.get(), m_Size);
+    m_Bytes.reset();
+    errno = failure;
 }
 
 int ConnectSocket(int socket, sockaddr const* address) noexcept {

@@ -16,8 +16,23 @@ struct sockaddr;
 /// Connects `socket` to `address`; -1 and `errno` on failure. Continues after a signal.
 [[nodiscard]] int ConnectSocket(int socket, sockaddr const* address) noexcept;
 
-/// The bytes to send for `text`: all of it, with zeros from its first zero byte on.
-[[nodiscard]] TbMemoryHolder CopyForSending(TbString const& text);
+/// The bytes to send for a text: all of it, with zeros from its first zero byte on. Wiped at the end, because requests
+/// hold credentials. Leaves `errno` alone.
+class KvxBytesToSend {
+public:
+    /// Raises KVX_E_OUT_OF_MEMORY (TBFC_Exception).
+    explicit KvxBytesToSend(TbString const& text);
+    KvxBytesToSend(KvxBytesToSend const&) = delete;
+    KvxBytesToSend& operator=(KvxBytesToSend const&) = delete;
+    ~KvxBytesToSend();
+
+    [[nodiscard]] char const* data() const noexcept { return m_Bytes.get(); }
+    [[nodiscard]] std::size_t size() const noexcept { return m_Size; }
+
+private:
+    std::size_t m_Size;
+    TbMemoryHolder m_Bytes;
+};
 
 /// Keeps a write to a closed peer from raising SIGPIPE, for the calling thread alone: blocks the signal for its own
 /// lifetime and takes away one that was raised meanwhile. Leaves `errno` alone.

@@ -67,6 +67,8 @@ std::int32_t SplitUrl(TbString const& url, URL_INFO& info) {
     // Deliberate (host-begins-with-anything): the first character of the authority is never examined.
     char const* mark = at++;
     if (hasUserInformation(mark)) {
+        info.user.keepSecret();
+        info.password.keepSecret();
         if (!takeUpTo(":", mark, at, info.user)) {
             return kReachedEnd;
         }

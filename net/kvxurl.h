@@ -43,6 +43,7 @@ struct KVX_EXPORT URL_INFO {
 
 /// Splits `url` into `info`.
 /// Deliberate (split-fills-only): fields that the URL does not fill keep what they held.
+/// User and password become secret strings.
 ///
 /// Returns nonzero (all bits set) when the end of the text was reached, 0 when the scheme or the "//" is malformed;
 /// `info` keeps the fields filled so far. A nonzero result does not promise a host: a URL that ends inside the
@@ -56,10 +57,12 @@ std::int32_t SplitUrl(TbString const& url, URL_INFO& info);
 bool IsHttp(TbString const& url);
 
 /// Percent-encodes `in` from its read position to its end or a zero byte and appends to `out`: letters and digits of
-/// the current locale pass, all other bytes become "%" and two lower-case hexadecimal digits. Both borrowed.
+/// the current locale pass, all other bytes become "%" and two lower-case hexadecimal digits. Both borrowed. A secret
+/// `in` makes `out` secret.
 KVX_EXPORT void UrlEncode(TbStringStream* in, TbStringStream* out);
 
-/// Encodes `in` from its read position in the Base64 alphabet and appends to `out`. Both borrowed.
+/// Encodes `in` from its read position in the Base64 alphabet and appends to `out`. Both borrowed. A secret `in` makes
+/// `out` secret.
 /// Deliberate (base64-without-padding): the input ends at a zero byte or one of 0x80 and above; there is never "=":
 /// missing bits are zero, and an input whose length divides by three gets "AAAA" on top.
 void Base64Encode(TbStringStream* in, TbStringStream* out);

@@ -34,6 +34,9 @@ private:
 }  // namespace
 
 void UrlEncode(TbStringStream* in, TbStringStream* out) {
+    if (in->isSecret()) {
+        out->keepSecret();
+    }
     for (;;) {
         char character = '\0';
         in->get(character);
@@ -46,6 +49,9 @@ void UrlEncode(TbStringStream* in, TbStringStream* out) {
 }
 
 void Base64Encode(TbStringStream* in, TbStringStream* out) {
+    if (in->isSecret()) {
+        out->keepSecret();
+    }
     SevenBitReader reader(*in);
     // Deliberate (base64-without-padding): the end is checked after a whole group only, so there is always a group that
     // holds it.

@@ -19,6 +19,7 @@
 #include "tallowin/codes.h"
 #include "tests/support/allocations.h"
 #include "tests/support/exceptions.h"
+#include "tests/support/freedmemory.h"
 #include "tests/support/tbtext.h"
 
 using namespace kvxtest;
@@ -538,6 +539,61 @@ TEST(TbString, FillsByBytesInFewReallocations) {
     EXPECT_EQ(text[kBytes - 1], static_cast<char>('a' + (kBytes - 1) % 26));
     EXPECT_LT(FailingAllocation::requested(), 50) << "logarithmic, although the capacity rises by 65";
     EXPECT_GT(FailingAllocation::requested(), 5);
+}
+
+TbString secretOf(char const* text) {
+    TbString secret;
+    secret.keepSecret();
+    secret.assign(text);
+    return secret;
+}
+
+TEST(SecretString, PassesItsSecrecyOn) {
+    TbString const secret = secretOf("password");
+    EXPECT_TRUE(secret.isSecret());
+    EXPECT_TRUE(TbString(secret).isSecret());
+    EXPECT_TRUE(secret.substring(2, 3).isSecret());
+    EXPECT_TRUE((secret + ":").isSecret());
+    EXPECT_TRUE((TbString("user:") + secret).isSecret());
+    EXPECT_TRUE(("user:" + secret).isSecret());
+    TbString assigned("x");
+    assigned = secret;
+    EXPECT_TRUE(assigned.isSecret());
+    assigned = TbString("plain");
+    EXPECT_TRUE(assigned.isSecret());
+    assigned.clear();
+    EXPECT_TRUE(assigned.isSecret());
+    EXPECT_FALSE(TbString("plain").isSecret());
+    EXPECT_FALSE(TbString(secret.c_str()).isSecret());
+}
+
+TEST(SecretString, LeavesNoBytesBehind) {
+    TbString const plain(kCanaryPassword);
+    FreedMemory const freed;
+    {
+        TbString secret = secretOf(kCanaryPassword);
+        for (int i = 0; i < 20; ++i) {
+            secret.append(secret);  // grows
+            EXPECT_FALSE(secret.substring(0, 100).isEmpty());
+            secret.assign(secret.c_str() + 1, 30);  // lies in its own buffer
+        }
+        TbString copy;
+        copy = plain;
+        copy.keepSecret();  // the buffer that it has counts too
+        copy = secret;
+        copy.clear();
+    }
+    EXPECT_GT(FreedMemory::searched(), 40);
+    EXPECT_EQ(FreedMemory::leaks(), 0);
+}
+
+TEST(SecretString, SurvivesFailingAllocations) {
+    FreedMemory const freed;
+    survivesEveryFailingAllocation([] {
+        TbString secret = secretOf(kCanaryPassword);
+        secret.append(secret).append(secret).append(secret).append(secret).append(secret);
+    });
+    EXPECT_EQ(FreedMemory::leaks(), 0);
 }
 
 }  // namespace
