@@ -290,6 +290,75 @@ TEST(SslConnection, ReportsTheReasonOfItsOwnFailureOnly) {
     EXPECT_EQ(ERR_peek_error(), 0UL);
 }
 
+/// Leaves an entry in the error queue, as other code on this thread may.
+void leaveForeignError() {
+    ERR_raise(ERR_LIB_RSA, ERR_R_MALLOC_FAILURE);
+}
+
+TEST(SslConnection, StartsWithAnEmptyErrorQueue) {
+    leaveForeignError();
+    SslConnection const connection;
+    EXPECT_EQ(ERR_peek_error(), 0UL);
+}
+
+TEST(SslConnection, ReportsItsOwnFailureInTheHandshakeAfterAForeignOne) {
+    RawServer const server([](Peer& peer) {
+        peer.receive();
+        peer.reset();
+    });
+    SslConnection connection;
+    connectTo(server, connection);
+    CapturedOutput const silenced;
+    leaveForeignError();
+    EXPECT_EQ(connection.Setup(), tlsCode(SSL_ERROR_SYSCALL));
+    EXPECT_EQ(connection.LastError(), tlsCode(SSL_ERROR_SYSCALL));
+    endConnection(connection);
+}
+
+TEST(SslConnection, TakesACleanEndAfterAForeignFailureForOne) {
+    // The end has no entry of its own in the error queue.
+    for (CleanEnd const& end : cleanEnds()) {
+        RawServer const server(end.m_Script);
+        SslConnection connection;
+        connectTo(server, connection);
+        CapturedOutput const silenced;
+        leaveForeignError();
+        EXPECT_EQ(connection.Setup(), KVX_OK) << end.m_Name;
+        endConnection(connection);
+    }
+}
+
+TEST(SslConnection, ReportsItsOwnFailureOfAReadAfterAForeignOne) {
+    TlsServer const server("");
+    SslConnection connection;
+    connectSecurely(server, connection);
+    // The session keeps the number, which now stands for something that cannot be read.
+    int const socket = connection.Detach();
+    int const unreadable = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    ::dup2(unreadable, socket);
+    ::close(unreadable);
+    connection.Attach(socket);
+    leaveForeignError();
+    TbStringStream answer;
+    EXPECT_EQ(connection.Read(answer), -1);
+    EXPECT_EQ(connection.LastError(), tlsCode(SSL_ERROR_SYSCALL));
+    endConnection(connection);
+}
+
+TEST(SslConnection, ReportsItsOwnFailureOfAWriteAfterAForeignOne) {
+    TlsServer const server([](Peer& peer) { peer.receiveToEnd(); });
+    SslConnection connection;
+    connectSecurely(server, connection);
+    int const socket = connection.Detach();
+    ::shutdown(socket, SHUT_WR);
+    connection.Attach(socket);
+    leaveForeignError();
+    TbStringStream request("abc");
+    EXPECT_EQ(connection.Write(request), tlsCode(SSL_ERROR_SYSCALL));
+    EXPECT_EQ(connection.LastError(), tlsCode(SSL_ERROR_SYSCALL));
+    endConnection(connection);
+}
+
 TEST(SslConnection, UsesSocketErrorsWithoutATlsSession) {
     TlsServer const server("");
     SslConnection connection;
