@@ -26,6 +26,18 @@ char const* const AttributeNames[] = {
 };
 // clang-format on
 
+namespace {
+
+/// Signs with the key `keyId`, which the current key file named: like one from outside it must stay in the directory.
+void signAs(KVX_Context& account, TbString const& text, TbString const& keyId, TbString& signature) {
+    if (!kvxNamesFileInDirectory(keyId)) {
+        kvx::kSourceCtx.fail(KVX_E_NOT_FOUND, kvx::kLineSignNoKey);
+    }
+    account.SignData(text, keyId, signature);
+}
+
+}  // namespace
+
 KVX_Context& KVX_Message::boundContext() const {
     if (m_Context == nullptr) {
         kvx::kSourceCtx.fail(KVX_E_NO_CONTEXT, kvx::kLineNoMessageContext);
@@ -118,7 +130,7 @@ void KVX_Message::GetURL(TbString& url) {
     m_Element->toStream(text);
     TbString const baseUrl = configured("VTURL", kvx::kLineUrlNoConfiguration);
     TbString signature;
-    boundContext().SignData(text.str(), m_KeyId, signature);
+    signAs(boundContext(), text.str(), m_KeyId, signature);
     TbString result;  // whatever the caller's string holds must not cut the URL short
     boundContext().RequestToURL(baseUrl, text, signature, result);
     url = result;
@@ -126,7 +138,7 @@ void KVX_Message::GetURL(TbString& url) {
 
 xmlElementPtr KVX_Message::sendSigned(TbString const& captureUrl, TbStringStream& text, TbString const& expectedType) {
     TbString signature;
-    boundContext().SignData(text.str(), m_KeyId, signature);
+    signAs(boundContext(), text.str(), m_KeyId, signature);
     TbStringStream responseText;
     return boundContext().exchange(captureUrl, text, signature, expectedType, responseText);
 }
