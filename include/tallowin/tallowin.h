@@ -18,8 +18,9 @@
  *
  * STRINGS    NUL-terminated `const char*`, any encoding (the component sees bytes), borrowed for the call. Null is "".
  *
- * NAMES      of attributes consist of A-Z a-z 0-9 . - _ only. Nothing checks this: another name is written and signed,
- *            and reads as something else or not at all. Never take a name from a shopper.
+ * NAMES      of attributes consist of A-Z a-z 0-9 . - _ only. Only the setting STRICTNAMES checks this (KVX_E_INVALID_OPTION):
+ *            without it another name is written and signed, and reads as something else or not at all. Never take a name
+ *            from a shopper.
  *
  * BUFFERS    `size` in: bytes at `buffer`; out: bytes needed, terminator included, on success and when too small. Null
  *            `size` or too few bytes: KVX_E_BUFFER_TOO_SMALL, nothing is copied. Null `buffer` with enough bytes:
