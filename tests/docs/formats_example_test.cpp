@@ -1,14 +1,17 @@
-// The worked example of docs/formats.md, recomputed.
+// The examples on docs/formats.md, recomputed.
 
 #include <gtest/gtest.h>
 #include <openssl/sha.h>
 
+#include <regex>
 #include <string>
 
 #include "core/kvxctx.h"
 #include "tests/support/directories.h"
 #include "tests/support/tbtext.h"
 #include "tests/support/testdata.h"
+#include "xml/xmlelement.h"
+#include "xml/xmlholder.h"
 
 using namespace kvxtest;
 
@@ -57,6 +60,25 @@ TEST_F(WorkedExample, SignatureAndUrlAreWhatTheComponentMakes) {
     TbString url;
     m_Context.RequestToURL("https://pay.example/init", stream, signature, url);
     EXPECT_EQ(bytesOf(url), exampleCalled("example-url"));
+}
+
+TEST(EntityTable, SaysWhatAReaderFinds) {
+    std::string const page = contentOf(KVX_DOCS_DIR "/formats.md");
+    std::size_t const begin = page.find("| Written | Read |");
+    ASSERT_NE(begin, std::string::npos);
+    std::string const table = page.substr(begin, page.find("\n\n", begin) - begin);
+    std::regex const row("\\| `([^`]*)` \\| `([^`]*)` \\|");
+    KVX_Context context;
+    int count = 0;
+    for (auto at = std::sregex_iterator(table.begin(), table.end(), row); at != std::sregex_iterator(); ++at, ++count) {
+        xmlElement* parsed = nullptr;
+        context.XmlFromString(("<KVX V=\"" + (*at)[1].str() + "\"/>").c_str(), &parsed);
+        xmlElementPtr const document = xmlAdopt(parsed);
+        TbString value;
+        ASSERT_TRUE(document->getAttribute("V", value));
+        EXPECT_EQ(bytesOf(value), (*at)[2].str()) << (*at)[1].str();
+    }
+    EXPECT_EQ(count, 5);
 }
 
 }  // namespace
