@@ -18,8 +18,8 @@
  *
  * STRINGS    NUL-terminated `const char*`, any encoding (the component sees bytes), borrowed for the call. Null is "".
  *
- * NAMES      of attributes consist of A-Z a-z 0-9 . - _ only. Only the setting STRICTNAMES checks this (KVX_E_INVALID_OPTION):
- *            without it another name is written and signed, and reads as something else or not at all. Never take a name
+ * NAMES      of attributes consist of A-Z a-z 0-9 . - _. The setting STRICTNAMES refuses others (KVX_E_INVALID_OPTION).
+ *            Without it such a name is written and signed, and reads as something else or not at all. Never take a name
  *            from a shopper.
  *
  * BUFFERS    `size` in: bytes at `buffer`; out: bytes needed, terminator included, on success and when too small. Null
@@ -30,10 +30,14 @@
  *
  * THREADS    no locks: one handle is used by one thread at a time. Different handles may be used by different threads
  *            at once, also on one directory. Functions marked "network" block until the server answers or closes; there
- *            is no time limit. Functions marked "files" read or write the configuration directory.
+ *            is no time limit unless settings set one. Functions marked "files" read or write the configuration
+ *            directory.
  *
  * FILES      one that exists and cannot be opened ends the call with KVX_E_CANNOT_OPEN, before anything is signed or
  *            sent. So KVX_E_NOT_FOUND from signing or verifying means that there is no such key.
+ *
+ * SETTINGS   in "settings.xml" limit exchanges and documents, and check keys, confirmations and names. None are on by
+ *            themselves. docs/hardening.md lists them, with the codes of their refusals.
  *
  * MEMORY     when memory is exhausted, the functions return KVX_E_OUT_OF_MEMORY. The functions that create an object
  *            without a handle return null instead, and KVX_GetErrorStringFromResult 0. The Destroy functions and
