@@ -82,7 +82,7 @@ public:
             case 9:
                 m_String = m_String + tbText(text);
                 m_Model += text;
-                m_Capacity = m_Model.size() + 65;
+                m_Capacity = m_Capacity == 0 && text.empty() ? 0 : m_Model.size() + 65;
                 break;
             case 10:
                 assignPartOfItself(input);
