@@ -7,7 +7,7 @@
 #include "fuzz/fuzzcheck.h"
 #include "fuzz/fuzzdirectory.h"
 #include "fuzz/fuzzinput.h"
-#include "fuzz/rsamodel.h"
+#include "fuzz/signmodel.h"
 #include "fuzz/xmlmodel.h"
 #include "tallowin/tallowin.h"
 

@@ -8,27 +8,12 @@
 #include "core/kvxctx.h"
 #include "fuzz/fuzzcheck.h"
 #include "fuzz/fuzzinput.h"
+#include "fuzz/signmodel.h"
 #include "net/kvxurl.h"
 
 namespace kvxfuzz {
 
 namespace {
-
-constexpr char kDigits[] = "0123456789abcdef";
-
-std::string hexOf(unsigned char byte) {
-    return {kDigits[byte / 16], kDigits[byte % 16]};
-}
-
-std::string modelPercent(std::string const& text) {
-    std::string result;
-    for (char const character : text) {
-        bool const isPlain = (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z') ||
-                             (character >= '0' && character <= '9');
-        result += isPlain ? std::string(1, character) : "%" + hexOf(static_cast<unsigned char>(character));
-    }
-    return result;
-}
 
 /// OpenSSL's encoding of the 7-bit bytes in front, filled up with zeros to the next whole group behind them.
 std::string modelBase64(std::string const& text) {
@@ -59,7 +44,7 @@ void requireStreams(std::string const& text, std::size_t skipped) {
             requireEqual(textOf(out.str()), "before" + modelBase64(unread), "Base64");
         } else {
             UrlEncode(&in, &out);
-            requireEqual(textOf(out.str()), "before" + modelPercent(upToZero(unread)), "percent-encoding of a stream");
+            requireEqual(textOf(out.str()), "before" + percentText(upToZero(unread)), "percent-encoding of a stream");
         }
     }
 }
@@ -78,7 +63,7 @@ ModelHex modelFromHex(std::string const& digits, std::size_t room) {
             return result;
         }
         char const lower = digits[i] >= 'A' && digits[i] <= 'F' ? static_cast<char>(digits[i] + 32) : digits[i];
-        std::size_t const value = std::string(kDigits).find(lower);
+        std::size_t const value = std::string("0123456789abcdef").find(lower);
         if (value == std::string::npos) {
             result.m_Code = KVX_E_COMMAND_FAILED;
             return result;
@@ -102,13 +87,9 @@ void requireHex(std::string text, std::size_t room) {
                  static_cast<std::int64_t>(model.m_Code == KVX_OK ? model.m_Bytes.size() : room), "length of bytes");
     requireEqual(std::string(reinterpret_cast<char*>(bytes.get()), model.m_Bytes.size()), model.m_Bytes, "bytes");
 
-    std::string digits;
-    for (char const character : text) {
-        digits += hexOf(static_cast<unsigned char>(character));
-    }
     auto* const data = reinterpret_cast<unsigned char*>(text.data());
     TbString const hex = context.BufferToHex(data, static_cast<unsigned long>(text.size()));
-    requireEqual(textOf(hex), digits, "bytes as digits");
+    requireEqual(textOf(hex), hexText(text), "bytes as digits");
     std::unique_ptr<unsigned char[]> const back(new unsigned char[text.size()]);
     size = text.size();
     requireEqual(context.HexToBuffer(hex, back.get(), &size), KVX_OK, "own digits are read");
@@ -123,7 +104,7 @@ void runTarget(Input input) {
     std::string const text = input.rest();
     requireStreams(text, std::min(skipped, text.size()));
     KVX_Context context;
-    requireEqual(textOf(context.Encode(tbText(text))), modelPercent(text), "percent-encoding");
+    requireEqual(textOf(context.Encode(tbText(text))), percentText(text), "percent-encoding");
     requireHex(text, room);
 }
 

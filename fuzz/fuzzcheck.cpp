@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <set>
 
 #include "core/kvxbase.h"
 #include "foundation/tbexception.h"
@@ -71,6 +72,41 @@ std::int32_t codeOf(std::function<void()> const& call) {
         return failure.code();
     }
     return KVX_OK;
+}
+
+bool isPublishedCode(std::int32_t code) {
+    static std::set<std::int32_t> const s_Codes = {
+        KVX_OK,
+        KVX_E_NO_CONTEXT,
+        KVX_E_FILE_NOT_FOUND,
+        KVX_E_FILE_IO,
+        KVX_E_INVALID_FORMAT,
+        KVX_E_BUFFER_TOO_SMALL,
+        KVX_E_INVALID_URL,
+        KVX_E_INVALID_OPTION,
+        KVX_E_WRONG_RESPONSE,
+        KVX_E_CRYPTO,
+        KVX_E_NO_ENDPOINT,
+        KVX_E_INVALID_KEY,
+        KVX_E_COMMAND_FAILED,
+        KVX_E_NOT_FOUND,
+        KVX_E_NO_KEY_ID,
+        KVX_E_NO_CONFIGURATION,
+        KVX_E_KEY_NOT_FOUND,
+        KVX_E_UNEXPECTED,
+        KVX_E_SERVER_ERROR,
+        KVX_E_INVALID_SIGNATURE,
+        KVX_E_BAD_HANDLE,
+        KVX_E_OUT_OF_MEMORY,
+        KVX_E_NO_MESSAGE_TYPE,
+        KVX_E_CANNOT_OPEN,
+        KVX_E_MISSING_SIGNATURE,
+    };
+    constexpr std::int32_t kLastErrorNumber = 133;
+    std::int32_t const family = code & ~0xFFF;
+    bool const isErrorNumber = code > 0 && code <= kLastErrorNumber;
+    return s_Codes.count(code) != 0 || isErrorNumber || family == KVX_E_HTTP_FAMILY || family == KVX_E_SOCKET_FAMILY ||
+           family == KVX_E_TLS_FAMILY;
 }
 
 }  // namespace kvxfuzz

@@ -27,6 +27,9 @@ std::string upToZero(std::string const& text);
 /// The result code of `call`: 0, or that of the KVX_Exception or TBFC_Exception it throws.
 std::int32_t codeOf(std::function<void()> const& call);
 
+/// Whether the library may return `code`: success, a code with a name, one of a family, an error number of the system.
+bool isPublishedCode(std::int32_t code);
+
 }  // namespace kvxfuzz
 
 #endif

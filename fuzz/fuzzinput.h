@@ -34,6 +34,16 @@ public:
         return result;
     }
 
+    /// Everything before the next line "%%", without it; everything when there is none.
+    std::string section() {
+        static constexpr char s_End[] = "\n%%\n";
+        std::uint8_t const* const begin = m_Bytes + m_Position;
+        std::uint8_t const* const end = std::search(begin, m_Bytes + m_Size, s_End, s_End + sizeof s_End - 1);
+        std::string result = take(static_cast<std::size_t>(end - begin));
+        take(sizeof s_End - 1);
+        return result;
+    }
+
     /// At most `count` bytes.
     std::string take(std::size_t count) {
         std::size_t const size = std::min(count, m_Size - m_Position);

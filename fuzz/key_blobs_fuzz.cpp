@@ -13,7 +13,7 @@
 #include "fuzz/fuzzcheck.h"
 #include "fuzz/fuzzdirectory.h"
 #include "fuzz/fuzzinput.h"
-#include "fuzz/rsamodel.h"
+#include "fuzz/signmodel.h"
 
 namespace kvxfuzz {
 

@@ -1,4 +1,4 @@
-#include "fuzz/rsamodel.h"
+#include "fuzz/signmodel.h"
 
 #include <openssl/core_names.h>
 
@@ -96,6 +96,16 @@ std::string hexText(std::string const& bytes) {
         auto const byte = static_cast<unsigned char>(character);
         result += "0123456789abcdef"[byte / 16];
         result += "0123456789abcdef"[byte % 16];
+    }
+    return result;
+}
+
+std::string percentText(std::string const& text) {
+    std::string result;
+    for (char const character : text) {
+        bool const isPlain = (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z') ||
+                             (character >= '0' && character <= '9');
+        result += isPlain ? std::string(1, character) : "%" + hexText(std::string(1, character));
     }
     return result;
 }

@@ -1,6 +1,6 @@
-/// Signatures by plain arithmetic: numbers to powers, and the padding byte by byte.
-#ifndef TALLOWIN_FUZZ_RSAMODEL_H
-#define TALLOWIN_FUZZ_RSAMODEL_H
+/// Signatures by plain arithmetic: numbers to powers, and the padding byte by byte. The encodings around them.
+#ifndef TALLOWIN_FUZZ_SIGNMODEL_H
+#define TALLOWIN_FUZZ_SIGNMODEL_H
 
 #include <openssl/bn.h>
 #include <openssl/evp.h>
@@ -57,6 +57,9 @@ std::string hexText(std::string const& bytes);
 
 /// The bytes of digits in either case, a last odd one ignored; nothing when another character is among them.
 std::optional<std::string> bytesOfHexText(std::string const& digits);
+
+/// All but ASCII letters and digits as "%" and two digits.
+std::string percentText(std::string const& text);
 
 /// The bytes of a file of hexadecimal text in tests/data, line ends ignored.
 std::string testKey(std::string const& name);
