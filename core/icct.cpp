@@ -3,7 +3,7 @@
 // Each function checks its arguments, decodes the DER key, performs one operation and lets holders free the key. The
 // limits differ on purpose: verifying accepts keys up to 1024 bits, signing and encrypting up to 8192, decrypting any.
 // Lengths are cast to int after IsUsable has bounded them. Odd: a failed signing or decrypting stores -1 as the
-// length, and key generation adds the result of a refused padding call, which is 0.
+// length, and key generation adds the result of a refused padding call, which is 0. A gate keeps forks out meanwhile.
 
 #include "core/icct.h"
 
@@ -18,6 +18,7 @@
 #include <memory>
 
 #include "core/icct_modulus.h"
+#include "foundation/tbforkgate.h"
 #include "foundation/tbreleaser.h"
 
 // The low-level RSA interface is deprecated since OpenSSL 3.0, but it alone does exactly what is wanted: PKCS#1 blobs
@@ -78,6 +79,7 @@ int ICCT_GenerateKeys(unsigned char* pubOut, int* pubLen, unsigned char* privOut
     if (seedLen < 0 || (seed == nullptr && seedLen != 0)) {
         return -1;
     }
+    TbForkGate const gate;
     RandCleaner const cleaner;
     // Deliberate (unused-rsa-object): one object is made and dropped ahead of the key. Nothing uses it; only running
     // out of memory shows.
@@ -114,6 +116,7 @@ int ICCT_Signature(unsigned char const* privKey, int privKeyLen, unsigned char* 
     if (!IsUsable(data, dataLen) || sigOut == nullptr || sigLen == nullptr) {
         return -1;
     }
+    TbForkGate const gate;
     RsaHolder const key = DecodeKey(d2i_RSAPrivateKey, privKey, privKeyLen);
     if (key == nullptr || RSA_size(key.get()) > kMaxModulus) {
         return -1;
@@ -134,6 +137,7 @@ int ICCT_Verify(unsigned char const* pubKey, int pubKeyLen, unsigned char* data,
         return -1;
     }
     // A larger key could recover more bytes than the buffer below holds. Keys may come from the network.
+    TbForkGate const gate;
     RsaHolder const key = DecodeKey(d2i_RSAPublicKey, pubKey, pubKeyLen);
     if (key == nullptr || RSA_size(key.get()) > kMaxVerifyModulus) {
         return -1;
@@ -156,6 +160,7 @@ int ICCT_CryptDigest(unsigned char* pubKey, int pubKeyLen, unsigned char* in, un
     if (!IsUsable(in, inLen) || out == nullptr || outLen == nullptr) {
         return -1;
     }
+    TbForkGate const gate;
     RsaHolder const key = DecodeKey(d2i_RSAPublicKey, pubKey, pubKeyLen);
     if (key == nullptr || RSA_size(key.get()) > kMaxModulus) {
         return -1;
@@ -175,6 +180,7 @@ int ICCT_DecryptDigest(unsigned char* privKey, int privKeyLen, unsigned char* in
     if (!IsUsable(in, inLen) || out == nullptr || outLen == nullptr) {
         return -1;
     }
+    TbForkGate const gate;
     RsaHolder const key = DecodeKey(d2i_RSAPrivateKey, privKey, privKeyLen);
     if (key == nullptr) {
         return -1;

@@ -13,6 +13,7 @@
 #include "core/kvxpercent.h"
 #include "core/kvxwipe.h"
 #include "foundation/tbexception.h"
+#include "foundation/tbforkgate.h"
 #include "foundation/tbsystem.h"
 
 namespace {
@@ -42,6 +43,37 @@ constexpr int kUuidOrder[] = {3, 2, 1, 0, 5, 4, 7, 6, 8, 9, 10, 11, 12, 13, 14, 
 // The first second of year 0 and the last of year 9999, in UTC.
 constexpr double kFirstTime = -62167219200.0;
 constexpr double kLastTime = 253402300799.0;
+
+constexpr std::int64_t kSecondsOfDay = 86400;
+
+struct Date {
+    int m_Year;
+    int m_Month;  ///< From 1.
+    int m_Day;    ///< From 1.
+};
+
+bool isLeapYear(int year) {
+    return year % 4 == 0 && (year % 100 != 0 || year % 400 == 0);
+}
+
+/// The date that is `days` after 1 January of year 0. Not gmtime_r: its lock, which every thread of the host that
+/// converts a time holds for a moment, is never free again in a child of a fork at that moment.
+Date dateOf(std::int64_t days) {
+    constexpr int kDaysOf400Years = 146097;
+    constexpr int kDaysOfMonth[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+    int year = 400 * static_cast<int>(days / kDaysOf400Years);
+    auto left = static_cast<int>(days % kDaysOf400Years);
+    for (int length = 366; left >= length; length = isLeapYear(year) ? 366 : 365) {
+        left -= length;
+        ++year;
+    }
+    int month = 0;
+    for (int length = 31; left >= length; length = kDaysOfMonth[month] + (month == 1 && isLeapYear(year) ? 1 : 0)) {
+        left -= length;
+        ++month;
+    }
+    return {year, month + 1, left + 1};
+}
 
 }  // namespace
 
@@ -98,7 +130,10 @@ void KVX_Context::SlToBackSl(TbString& text) {
 
 TbString KVX_Context::CreateUuid() {
     uuid_t bytes;
-    uuid_generate(bytes);
+    {
+        TbForkGate const gate;  // libuuid seeds the C library's random numbers, which have a lock
+        uuid_generate(bytes);
+    }
     TbString text("");
     for (int const index : kUuidOrder) {
         appendHex(text, bytes[index]);
@@ -110,11 +145,11 @@ TbString GetTimeDate(double seconds) {
     // Truncated before it is added: -0.9 is no second less.
     double const offset = std::isfinite(seconds) ? std::trunc(seconds) : 0.0;
     double const moment = static_cast<double>(tbSystem().time(nullptr)) + offset;
-    auto const when = static_cast<std::time_t>(std::fmin(std::fmax(moment, kFirstTime), kLastTime));
-    std::tm utc = {};
-    ::gmtime_r(&when, &utc);
+    auto const sinceYear0 = static_cast<std::int64_t>(std::fmin(std::fmax(moment, kFirstTime), kLastTime) - kFirstTime);
+    Date const date = dateOf(sinceYear0 / kSecondsOfDay);
+    auto const second = static_cast<int>(sinceYear0 % kSecondsOfDay);
     char text[80];
-    std::snprintf(text, sizeof text, "%04d%02d%02d %02d:%02d:%02d", utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday,
-                  utc.tm_hour, utc.tm_min, utc.tm_sec);
+    std::snprintf(text, sizeof text, "%04d%02d%02d %02d:%02d:%02d", date.m_Year, date.m_Month, date.m_Day,
+                  second / 3600, second / 60 % 60, second % 60);
     return text;
 }

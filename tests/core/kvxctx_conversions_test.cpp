@@ -286,6 +286,23 @@ TEST(TimeStamp, StaysWithinFourDigitsOfYear) {
     }
 }
 
+TEST(TimeStamp, IsThatOfTheCLibraryFromYear0To9999) {
+    constexpr std::int64_t kStep = 3 * 86400 + 12345;
+    FixedTime const clock(0);
+    for (std::int64_t second = -62167219200; second <= 253402300799; second += kStep) {
+        auto const when = static_cast<std::time_t>(second);
+        if (when != second) {
+            continue;  // no time where time_t has 32 bits
+        }
+        std::tm utc = {};
+        ::gmtime_r(&when, &utc);
+        char expected[80];
+        std::snprintf(expected, sizeof expected, "%04d%02d%02d %02d:%02d:%02d", utc.tm_year + 1900, utc.tm_mon + 1,
+                      utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
+        ASSERT_EQ(bytesOf(GetTimeDate(static_cast<double>(second))), expected) << second;
+    }
+}
+
 TEST(TimeStamp, ComesFromTheSystemsClock) {
     std::time_t const before = ::time(nullptr);
     std::string const text = bytesOf(GetTimeDate(0));

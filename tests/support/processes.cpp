@@ -42,6 +42,25 @@ std::string findProgram(std::string const& name) {
     throw std::runtime_error("no program " + name + " (scripts/setup installs it)");
 }
 
+/// The process id of a copy of this process that runs `call` and ends.
+pid_t startCopy(std::function<int()> const& call) {
+    pid_t const child = ::fork();
+    if (child == 0) {
+        int status = 99;
+        try {
+            status = call();
+        } catch (...) {
+            // The status reports it.
+        }
+        ::_exit(status);
+    }
+    return child;
+}
+
+int exitStatus(int status) {
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
 bool acceptsConnections(std::uint16_t port) {
     int const socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address = {};
@@ -123,19 +142,20 @@ std::uint16_t freePort() {
 }
 
 int inChildProcess(std::function<int()> const& call) {
-    pid_t const child = ::fork();
-    if (child == 0) {
-        int status = 99;
-        try {
-            status = call();
-        } catch (...) {
-            // The status reports it.
-        }
-        ::_exit(status);
-    }
+    pid_t const child = startCopy(call);
     int status = 0;
     EXPECT_EQ(::waitpid(child, &status, 0), child);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return exitStatus(status);
+}
+
+int inChildProcess(std::function<int()> const& call, std::chrono::seconds limit) {
+    pid_t const child = startCopy(call);
+    int status = 0;
+    if (!waitUntil([&] { return ::waitpid(child, &status, WNOHANG) == child; }, limit)) {
+        ::kill(child, SIGKILL);
+        EXPECT_EQ(::waitpid(child, &status, 0), child);
+    }
+    return exitStatus(status);
 }
 
 std::size_t countDescriptors() {

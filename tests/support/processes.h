@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -48,6 +49,9 @@ std::uint16_t freePort();
 /// Runs `call` in a process of its own and returns its exit status, or 128 plus the signal that ended it.
 /// The value of `call` is the exit status; an exception that leaves `call` gives status 99.
 int inChildProcess(std::function<int()> const& call);
+
+/// The same, but a process that has not ended after `limit` is killed, which counts as ended by signal 9.
+int inChildProcess(std::function<int()> const& call, std::chrono::seconds limit);
 
 /// How many descriptors this process has open.
 std::size_t countDescriptors();

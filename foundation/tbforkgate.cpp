@@ -1,0 +1,36 @@
+#include "foundation/tbforkgate.h"
+
+#include "foundation/tbfork.h"
+
+namespace {
+
+/// Threads inside a gate read-lock it; a fork write-locks it. Waiting forks come first, or busy threads would keep them
+/// out for ever.
+constexpr pthread_rwlock_t kUnlocked = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
+pthread_rwlock_t g_Lock = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
+
+void beforeFork() {
+    ::pthread_rwlock_wrlock(&g_Lock);
+}
+
+void afterForkInParent() {
+    ::pthread_rwlock_unlock(&g_Lock);
+}
+
+/// The lock counts threads that the child does not have, and its owner has another number there.
+void afterForkInChild() {
+    g_Lock = kUnlocked;
+}
+
+using ForkHandlers = TbForkHandlers<beforeFork, afterForkInParent, afterForkInChild>;
+
+}  // namespace
+
+void TbForkGate::open() noexcept {
+    ::pthread_rwlock_unlock(&g_Lock);
+}
+
+void TbForkGate::close() noexcept {
+    ForkHandlers::ensure();
+    ::pthread_rwlock_rdlock(&g_Lock);
+}

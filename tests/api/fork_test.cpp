@@ -1,0 +1,129 @@
+// Children of fork() that use the library while threads of their parent are inside it.
+//
+// Each child must make a payment URL, or create and destroy objects, within two seconds; one that does not is killed
+// and counts as a failure. KVX_FORKS sets how many children a test has (200 otherwise).
+
+#include <atomic>
+#include <cstdlib>
+#include <functional>
+#include <thread>
+
+#include "tests/api/apisupport.h"
+#include "tests/support/processes.h"
+
+using namespace kvxtest;
+
+namespace {
+
+constexpr int kThreads = 8;
+constexpr std::chrono::seconds kLimit{2};
+
+int forksFromEnvironment() {
+    char const* const text = std::getenv("KVX_FORKS");
+    return text == nullptr ? 200 : static_cast<int>(std::strtol(text, nullptr, 10));
+}
+
+/// Threads that repeat `work` while this lives.
+class BusyThreads {
+public:
+    explicit BusyThreads(std::function<void()> const& work) {
+        for (int i = 0; i < kThreads; ++i) {
+            m_Threads.emplace_back([this, work] {
+                while (!m_IsOver) {
+                    work();
+                    ++m_Rounds;
+                }
+            });
+        }
+        while (m_Rounds < kThreads) {
+            std::this_thread::yield();
+        }
+    }
+    BusyThreads(BusyThreads const&) = delete;
+    BusyThreads& operator=(BusyThreads const&) = delete;
+    ~BusyThreads() {
+        m_IsOver = true;
+        for (std::thread& thread : m_Threads) {
+            thread.join();
+        }
+    }
+
+private:
+    std::atomic<bool> m_IsOver{false};
+    std::atomic<long> m_Rounds{0};
+    std::vector<std::thread> m_Threads;
+};
+
+/// Forks again and again; every child must do `work` in time and return 0.
+void expectChildrenSucceed(int forks, std::function<int()> const& work) {
+    int late = 0;
+    int failed = 0;
+    for (int i = 0; i < forks; ++i) {
+        int const status = inChildProcess(work, kLimit);
+        late += status == 128 + SIGKILL ? 1 : 0;
+        failed += status != 0 && status != 128 + SIGKILL ? 1 : 0;
+    }
+    EXPECT_EQ(late, 0) << "children of " << forks << " did not end in time";
+    EXPECT_EQ(failed, 0) << "children of " << forks << " failed";
+}
+
+/// A whole payment URL; the result of the first call that fails, or 0.
+std::int32_t makePaymentUrl(std::string const& directory) {
+    FactoryHandle const factory(directory);
+    MadeMessage message;
+    std::int32_t result = MessageFactory_CreatePayInit(factory.get(), message.out());
+    if (result == KVX_OK) {
+        result = MessageObject_SetAttribute(message.get(), "AMOUNT", "12.50");
+    }
+    char url[4096];
+    std::int32_t size = sizeof url;
+    return result == KVX_OK ? MessageObject_GetURL(message.get(), &size, url) : result;
+}
+
+std::int32_t createAndDestroyAllKinds() {
+    for (KindFunctions const& kind : allKinds()) {
+        OwnedHandle const handle(kind.m_Create(), kind.m_Destroy);
+        KVXCIMPL_MessageFactory outside;
+        if (handle.get() == nullptr || MessageFactory_CreateRequest(&outside, "", nullptr) != KVX_E_NO_MESSAGE_TYPE) {
+            return KVX_E_UNEXPECTED;
+        }
+    }
+    return KVX_OK;
+}
+
+int exitCode(std::int32_t result) {
+    return result == KVX_OK ? 0 : 1;
+}
+
+TEST(ForkedChild, MakesAPaymentUrlBesideThreadsThatDo) {
+    AccountDirectory const account;
+    std::string const path = account.path();
+    BusyThreads const threads([&] { EXPECT_EQ(makePaymentUrl(path), KVX_OK); });
+    expectChildrenSucceed(forksFromEnvironment(), [&] { return exitCode(makePaymentUrl(path)); });
+}
+
+TEST(ForkedChild, CreatesObjectsBesideThreadsThatCreateAndDestroyThem) {
+    auto const createAndDestroy = [] { DestroyMessageFactory(CreateMessageFactory()); };
+    BusyThreads const threads(createAndDestroy);
+    expectChildrenSucceed(forksFromEnvironment(), [&] {
+        for (int i = 0; i < 10; ++i) {
+            createAndDestroy();
+        }
+        return 0;
+    });
+}
+
+TEST(ForkedChild, BuildsObjectsBesideThreadsThatBuildThem) {
+    BusyThreads const threads([] { EXPECT_EQ(createAndDestroyAllKinds(), KVX_OK); });
+    expectChildrenSucceed(forksFromEnvironment(), [] { return exitCode(createAndDestroyAllKinds()); });
+}
+
+TEST(ForkedChild, ForksAgain) {
+    BusyThreads const threads([] { EXPECT_EQ(createAndDestroyAllKinds(), KVX_OK); });
+    expectChildrenSucceed(forksFromEnvironment() / 10, [] {
+        BusyThreads const own([] { EXPECT_EQ(createAndDestroyAllKinds(), KVX_OK); });
+        return inChildProcess([] { return exitCode(createAndDestroyAllKinds()); }, kLimit);
+    });
+}
+
+}  // namespace
