@@ -11,7 +11,7 @@
 ///
 /// A mistake in Java code must not crash the virtual machine. So calls from several threads on one object run one after
 /// the other, and an object cannot be destroyed while a call runs on it or waits for its lock. Do not call into Java
-/// while a lock exists.
+/// while a lock exists. In a child of fork() nothing is locked, because the threads that held the locks do not exist.
 class KvxHandleLock {
 public:
     /// Waits until no other thread holds a lock on the object. `handle` may be any number.
@@ -33,6 +33,7 @@ private:
     void removeFromList() noexcept;
 
     KVX_HANDLE m_Object;
+    std::uint32_t m_Forks = 0;        ///< Forks before this was added; a child drops the list of its parent.
     bool m_IsHeld = false;            ///< False while the constructor waits.
     KvxHandleLock* m_Next = nullptr;  ///< All locks form a list, so that locking allocates no memory.
     KvxHandleLock* m_Previous = nullptr;

@@ -17,6 +17,7 @@
 #include "api/kvxboundary.h"
 #include "tests/jni/shop.h"
 #include "tests/jni/worker.h"
+#include "tests/support/processes.h"
 #include "tests/support/waiting.h"
 
 using namespace kvxtest;
@@ -205,6 +206,62 @@ TEST(HandleLock, FindsNoObjectWhenItIsDestroyedMeanwhile) {
         first.reset();
     }
     EXPECT_EQ(found, nullptr);
+}
+
+TEST(HandleLock, OfAnotherThreadDoesNotExistInAForkedChild) {
+    Message const message;
+    Message const other;
+    std::optional<KvxHandleLock> held;
+    held.emplace(kKind, message.handle());
+    std::promise<void> locked;
+    std::promise<void> mayEnd;
+    std::future<void> const ending = mayEnd.get_future();
+    Worker const holder([&] {
+        KvxHandleLock const lock(kKind, other.handle());
+        locked.set_value();
+        EXPECT_TRUE(happens(ending));
+    });
+    ASSERT_TRUE(happens(locked.get_future()));
+    Worker waiting([&] { KvxHandleLock const lock(kKind, message.handle()); });
+    EXPECT_TRUE(waiting.blocks());
+    EXPECT_EQ(inChildProcess(
+                  [&] {
+                      held.reset();  // a lock taken before the fork ends without harm
+                      for (Message const* object : {&message, &other}) {
+                          KvxHandleLock const lock(kKind, object->handle());
+                          if (lock.object() == nullptr || !isLocked(*object)) {
+                              return 1;
+                          }
+                      }
+                      return isLocked(message) || isLocked(other) ? 2 : 0;
+                  },
+                  std::chrono::seconds{2}),
+              0);
+    EXPECT_TRUE(isLocked(other));
+    mayEnd.set_value();
+    held.reset();
+    EXPECT_TRUE(waiting.finishes());
+}
+
+TEST(HandleLock, IsTakenInEveryChildForkedBesideThreadsThatTakeIt) {
+    constexpr int kForks = 100;
+    Message const message;
+    std::atomic<bool> isOver{false};
+    std::vector<std::unique_ptr<Worker>> workers;
+    for (int i = 0; i < 4; ++i) {
+        workers.push_back(std::make_unique<Worker>([&] {
+            while (!isOver) {
+                KvxHandleLock const lock(kKind, message.handle());
+            }
+        }));
+    }
+    int failures = 0;
+    for (int i = 0; i < kForks; ++i) {
+        auto const takesLock = [&] { return KvxHandleLock(kKind, message.handle()).object() == nullptr ? 1 : 0; };
+        failures += inChildProcess(takesLock, std::chrono::seconds{2}) == 0 ? 0 : 1;
+    }
+    isOver = true;
+    EXPECT_EQ(failures, 0) << "of " << kForks;
 }
 
 TEST(DestroyUnlessLocked, RefusesInsteadOfWaiting) {
