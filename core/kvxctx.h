@@ -172,7 +172,7 @@ private:
                                    TbStringStream& responseText);
     xmlElementPtr exchange(TbString const& baseUrl, TbStringStream& message, TbString const& signature,
                            TbString const& expectedType, TbStringStream& responseText);
-    void replaceFile(TbString const& file, TbString const& content);
+    void replaceFile(TbString const& file, TbString const& content, KVX_Settings const& settings);
     KvxReadResult tryReadFile(TbString const& file, TbStringStream& content);
     static void requireRead(KvxReadResult result);
     bool readOptionalFile(TbString const& file, TbStringStream& content);

@@ -21,12 +21,16 @@
 namespace {
 
 constexpr char kRootTag[] = "KVX";
-constexpr mode_t kFileMode = 0666;
-constexpr mode_t kPrivateFileMode = 0600;
 
-/// New private keys are created readable by their owner alone.
-mode_t modeOfNew(TbString const& file) {
-    return kvx::isPrivateKeyFile(file) ? kPrivateFileMode : kFileMode;
+/// New private keys are created readable by their owner alone, unless the merchant asks for another mode.
+KvxWriteOptions optionsOf(KVX_Settings const& settings, TbString const& file) {
+    KvxWriteOptions options;
+    options.m_Syncs = settings.m_SyncsFiles;
+    if (kvx::isPrivateKeyFile(file)) {
+        options.m_Mode = settings.m_KeyMode;
+        options.m_IsExact = settings.m_KeyMode != KVX_Settings().m_KeyMode;
+    }
+    return options;
 }
 
 }  // namespace
@@ -189,8 +193,8 @@ void KVX_Context::SetValue(TbString const& file, TbString const& name, TbString 
     UpdateFile(file, out.str());
 }
 
-void KVX_Context::replaceFile(TbString const& file, TbString const& content) {
-    switch (kvxReplaceFile(pathOf(file).c_str(), content.c_str(), content.length(), modeOfNew(file))) {
+void KVX_Context::replaceFile(TbString const& file, TbString const& content, KVX_Settings const& settings) {
+    switch (kvxReplaceFile(pathOf(file).c_str(), content.c_str(), content.length(), optionsOf(settings, file))) {
         case KvxWriteResult::kCannotOpen:
             kvx::kSourceCtx.fail(KVX_E_FILE_NOT_FOUND, kvx::kLineUpdateOpen);
         case KvxWriteResult::kCannotWrite:
@@ -204,7 +208,7 @@ void KVX_Context::UpdateFile(TbString const& file, TbString const& content) {
     if (m_Path.isEmpty()) {
         kvx::kSourceCtx.fail(KVX_E_NO_CONTEXT, kvx::kLineUpdateNoContext);
     }
-    replaceFile(file, content);
+    replaceFile(file, content, KVX_Settings());
     kvx::kSourceCtx.trace(kvx::kLineUpdateTrace, "UPDATE", pathOf(file));
 }
 
@@ -213,8 +217,9 @@ void KVX_Context::UpdateFile(TbString const& file, unsigned char* buffer, unsign
         kvx::kSourceCtx.fail(KVX_E_NO_CONTEXT, kvx::kLineUpdateRawNoContext);
     }
     TbString const path = pathOf(file);
+    mode_t const mode = optionsOf(KVX_Settings(), file).m_Mode;
     KvxDescriptor output(tbRetryInterrupted(
-        [&] { return tbSystem().open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, modeOfNew(file)); }));
+        [&] { return tbSystem().open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode); }));
     if (!output.isOpen()) {
         kvx::kSourceCtx.fail(KVX_E_FILE_NOT_FOUND, kvx::kLineUpdateRawOpen);
     }

@@ -10,6 +10,7 @@
 #include "core/kvxctx_checks.h"
 #include "core/kvxctx_settings.h"
 #include "core/kvxdirectory.h"
+#include "core/kvxfile.h"
 #include "core/kvxlines_core.h"
 #include "core/kvxwipe.h"
 #include "foundation/tbmemory.h"
@@ -74,7 +75,7 @@ void KVX_Context::SignData(TbString const& data, TbString const& keyId, TbString
     WidenedText const widened(data, WidenedText::Sign::kIgnored);
     KvxWipedBuffer<kKeyBytes> key;
     unsigned long keyLength = sizeof key.m_Bytes;
-    if (HexToBuffer(keyText.str(), key.m_Bytes, &keyLength) != KVX_OK) {
+    if (HexToBuffer(kvxWithoutPadding(keyText), key.m_Bytes, &keyLength) != KVX_OK) {
         kvx::kSourceCtx.fail(KVX_E_INVALID_KEY, kvx::kLineSignKeyBlob);
     }
     unsigned char bytes[kOwnSignatureBytes];
@@ -98,7 +99,7 @@ void KVX_Context::requireVerified(KVX_Settings const& settings, TbString const& 
     }
     unsigned char key[kKeyBytes];
     unsigned long keyLength = sizeof key;
-    if (HexToBuffer(keyText.str(), key, &keyLength) != KVX_OK) {
+    if (HexToBuffer(kvxWithoutPadding(keyText), key, &keyLength) != KVX_OK) {
         kvx::kSourceCtx.fail(KVX_E_INVALID_KEY, kvx::kLineVerifyKeyBlob);
     }
     unsigned char bytes[kSignatureBytes];

@@ -9,6 +9,7 @@
 #include "core/kvxctx_settings.h"
 #include "core/kvxdirectory.h"
 #include "core/kvxdocument.h"
+#include "core/kvxfile.h"
 #include "core/kvxidentifier.h"
 #include "core/kvxlines_core.h"
 
@@ -69,6 +70,7 @@ void KVX_Message::Create(KVX_Context* context, TbString const& msgType) {
     if (!account.QueryValue(kvx::kCurrentKeyFile, "", m_KeyId)) {
         kvx::kSourceCtx.fail(KVX_E_NO_KEY_ID, kvx::kLineCreateKeyId);
     }
+    m_KeyId = kvxWithoutPadding(m_KeyId);
     m_Element->setAttribute("MSGTYPE", msgType);
     m_Element->setAttribute("KEYID", m_KeyId);
     if (msgType == TbString("PayComplete")) {

@@ -8,6 +8,7 @@
 #include "core/kvxctx.h"
 #include "core/kvxctx_settings.h"
 #include "core/kvxdirectory.h"
+#include "core/kvxfile.h"
 #include "core/kvxidentifier.h"
 #include "core/kvxlines_core.h"
 
@@ -91,7 +92,7 @@ void KVX_Context::PublishKey(TbString& keyId) {
     }
     xmlElementPtr const message = request("KeyExportRequest");
     message->setAttribute("KEYID", keyId);
-    message->setAttribute("KEYBLOB", blob.str());
+    message->setAttribute("KEYBLOB", kvxWithoutPadding(blob));
     TbStringStream responseText;
     exchangeUnsigned(url, message, "KeyExportResponse", responseText);
     UpdateFile(kvx::kCurrentKeyFile, keyId);

@@ -2,8 +2,9 @@
 //
 // kvxReplaceFile prefers a new file beside the target: remove left-overs, create and lock a temporary file, take over
 // owner and mode, write, synchronise, rename, synchronise the directory. Where that is impossible but the target may be
-// written (no permission in the directory, a mount point, a symbolic link to nowhere), it writes in place. A lock marks
-// a temporary file as in use; a file without one belonged to a dead process and is removed by the next writer.
+// written (no permission in the directory, a mount point, a symbolic link to nowhere), it writes in place: reserve
+// room, write once over the old content and to its end, synchronise, shorten. A lock marks a temporary file as in use;
+// a file without one belonged to a dead process and is removed by the next writer.
 
 #include "core/kvxfile.h"
 
@@ -17,6 +18,7 @@
 #include <memory>
 
 #include "core/kvxwipe.h"
+#include "foundation/tbmemory.h"
 #include "foundation/tbreleaser.h"
 #include "foundation/tbsystem.h"
 
@@ -79,9 +81,9 @@ void removeLeftovers(TbString const& directory) {
 /// A new file beside the target. Locked while it is written; removed unless it was renamed to the target.
 class TemporaryFile {
 public:
-    TemporaryFile(TbString const& directory, mode_t mode) : m_File(-1) {
+    TemporaryFile(TbString const& directory, KvxWriteOptions const& options) : m_File(-1) {
         // Another process may remove the file before it is locked; then another one is made.
-        for (int attempt = 0; attempt < kAttempts && !create(directory, mode); ++attempt) {
+        for (int attempt = 0; attempt < kAttempts && !create(directory, options.m_Mode); ++attempt) {
         }
     }
     TemporaryFile(TemporaryFile const&) = delete;
@@ -153,24 +155,96 @@ KvxReadResult failureToOpen(int error) {
     }
 }
 
-int synchronise(int file) {
-    return tbRetryInterrupted([file] { return tbSystem().fsync(file); });
-}
-
 bool isOutOfSpace(int error) {
     return error == ENOSPC || error == EDQUOT || error == EIO;
 }
 
-KvxWriteResult writeInPlace(char const* path, void const* data, std::size_t bytes, mode_t mode) {
-    KvxDescriptor file(openFile(path, O_WRONLY | O_CREAT | O_TRUNC, mode));
+bool synchronise(int file, KvxWriteOptions const& options) {
+    return !options.m_Syncs || tbRetryInterrupted([file] { return tbSystem().fsync(file); }) == 0;
+}
+
+/// Pipes, terminals and some file systems cannot be synchronised.
+bool synchroniseIfPossible(int file, KvxWriteOptions const& options) {
+    return synchronise(file, options) || errno == EINVAL || errno == EROFS;
+}
+
+/// Makes room for `bytes` bytes without a change that a reader sees. File systems that cannot are left to the writing.
+bool reserve(int file, std::size_t bytes) {
+    int const result = tbRetryInterrupted(
+        [&] { return tbSystem().fallocate(file, FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(bytes)); });
+    return result == 0 || !isOutOfSpace(errno);
+}
+
+bool shorten(int file, off_t bytes) {
+    return tbRetryInterrupted([&] { return tbSystem().ftruncate(file, bytes); }) == 0;
+}
+
+/// Writes `bytes` bytes over the `size` bytes of a regular file. One write takes all of it: the new content, and zero
+/// bytes where the old one was longer.
+bool overwrite(int file, off_t size, void const* data, std::size_t bytes, KvxWriteOptions const& options) {
+    std::size_t const length = std::max(bytes, static_cast<std::size_t>(size));
+    if (length == 0) {
+        return true;
+    }
+    TbMemoryHolder const padded = tbHoldMemory(length);
+    std::memset(padded.get(), 0, length);
+    if (bytes != 0) {
+        std::memcpy(padded.get(), data, bytes);
+    }
+    bool const written = kvxWriteAll(file, padded.get(), length) && synchroniseIfPossible(file, options);
+    OPENSSL_cleanse(padded.get(), length);  // it may be a private key
+    if (!written || length == bytes) {
+        return written;
+    }
+    return shorten(file, static_cast<off_t>(bytes)) && synchroniseIfPossible(file, options);
+}
+
+/// Puts the old content back where the new one did not fit. Its room is still the file's.
+void restore(int file, TbString const& old, KvxWriteOptions const& options) {
+    if (tbSystem().lseek(file, 0, SEEK_SET) == 0 && kvxWriteAll(file, old.c_str(), old.length()) &&
+        shorten(file, static_cast<off_t>(old.length()))) {
+        static_cast<void>(synchronise(file, options));
+    }
+}
+
+bool overwriteOrRestore(int file, char const* path, void const* data, std::size_t bytes,
+                        KvxWriteOptions const& options) {
+    // Two writers at once would shorten each other's content.
+    tbRetryInterrupted([&] { return tbSystem().flock(file, LOCK_EX); });
+    struct ::stat status = {};
+    if (tbSystem().fstat(file, &status) != 0) {
+        return false;
+    }
+    TbStringStream old;
+    KvxTextWiper const wiper(old);
+    bool const isKnown =
+        kvxReadFile(path, old) == KvxReadResult::kDone && static_cast<off_t>(old.length()) == status.st_size;
+    if (!reserve(file, bytes)) {
+        return false;
+    }
+    if (overwrite(file, status.st_size, data, bytes, options)) {
+        return true;
+    }
+    if (isKnown) {
+        restore(file, old, options);
+    }
+    return false;
+}
+
+KvxWriteResult writeInPlace(char const* path, void const* data, std::size_t bytes, KvxWriteOptions const& options) {
+    KvxDescriptor file(openFile(path, O_WRONLY | O_CREAT, options.m_Mode));
     if (!file.isOpen()) {
         return KvxWriteResult::kCannotOpen;
     }
-    bool const written = kvxWriteAll(file.get(), data, bytes);
-    // Pipes and terminals cannot be synchronised.
-    bool const flushed = synchronise(file.get()) == 0 || errno == EINVAL || errno == EROFS;
+    struct ::stat status = {};
+    if (tbSystem().fstat(file.get(), &status) != 0) {
+        return KvxWriteResult::kCannotWrite;
+    }
+    bool const written = S_ISREG(status.st_mode)
+                             ? overwriteOrRestore(file.get(), path, data, bytes, options)
+                             : kvxWriteAll(file.get(), data, bytes) && synchroniseIfPossible(file.get(), options);
     bool const closed = file.close();
-    return written && flushed && closed ? KvxWriteResult::kDone : KvxWriteResult::kCannotWrite;
+    return written && closed ? KvxWriteResult::kDone : KvxWriteResult::kCannotWrite;
 }
 
 /// Sets the mode of `file`, and where it differs the owner, to those of the file it replaces.
@@ -186,37 +260,43 @@ bool takeOverStatus(int file, struct ::stat const& old) {
     return tbSystem().fchmod(file, old.st_mode & kPermissions) == 0;
 }
 
-bool syncDirectory(TbString const& directory) {
+bool syncDirectory(TbString const& directory, KvxWriteOptions const& options) {
+    if (!options.m_Syncs) {
+        return true;
+    }
     KvxDescriptor const file(openFile(directory.c_str(), O_RDONLY | O_DIRECTORY));
-    return !file.isOpen() || synchronise(file.get()) == 0 || !isOutOfSpace(errno);
+    return !file.isOpen() || synchronise(file.get(), options) || !isOutOfSpace(errno);
 }
 
-KvxWriteResult replaceBeside(char const* path, void const* data, std::size_t bytes, mode_t mode,
+KvxWriteResult replaceBeside(char const* path, void const* data, std::size_t bytes, KvxWriteOptions const& options,
                              struct ::stat const* old) {
     TbString const directory = directoryOf(path);
     removeLeftovers(directory);
-    TemporaryFile fresh(directory, mode);
+    TemporaryFile fresh(directory, options);
     if (!fresh.isOpen()) {
         int const error = errno;
         if (mayWriteInPlace(error)) {
-            return writeInPlace(path, data, bytes, mode);
+            return writeInPlace(path, data, bytes, options);
         }
         // An existing file could be opened; only the room for its new content is missing.
         return old != nullptr && isOutOfSpace(error) ? KvxWriteResult::kCannotWrite : KvxWriteResult::kCannotOpen;
     }
     if (old != nullptr && !takeOverStatus(fresh.get(), *old)) {
-        return isOutOfSpace(errno) ? KvxWriteResult::kCannotWrite : writeInPlace(path, data, bytes, mode);
+        return isOutOfSpace(errno) ? KvxWriteResult::kCannotWrite : writeInPlace(path, data, bytes, options);
     }
-    if (!kvxWriteAll(fresh.get(), data, bytes) || synchronise(fresh.get()) != 0) {
+    if (old == nullptr && options.m_IsExact && tbSystem().fchmod(fresh.get(), options.m_Mode) != 0) {
+        return KvxWriteResult::kCannotWrite;
+    }
+    if (!kvxWriteAll(fresh.get(), data, bytes) || !synchronise(fresh.get(), options)) {
         return KvxWriteResult::kCannotWrite;
     }
     if (!fresh.renameTo(path)) {
         // In a directory with the sticky bit, another user's file may be written but not replaced; the same holds for a
         // mount point, which containers make of single files.
-        return mayWriteInPlace(errno) || errno == EBUSY ? writeInPlace(path, data, bytes, mode)
+        return mayWriteInPlace(errno) || errno == EBUSY ? writeInPlace(path, data, bytes, options)
                                                         : KvxWriteResult::kCannotWrite;
     }
-    return syncDirectory(directory) ? KvxWriteResult::kDone : KvxWriteResult::kCannotWrite;
+    return syncDirectory(directory, options) ? KvxWriteResult::kDone : KvxWriteResult::kCannotWrite;
 }
 
 }  // namespace
@@ -304,24 +384,32 @@ bool kvxWriteAll(int file, void const* data, std::size_t bytes) noexcept {
     return true;
 }
 
-KvxWriteResult kvxReplaceFile(char const* path, void const* data, std::size_t bytes, mode_t mode) {
+KvxWriteResult kvxReplaceFile(char const* path, void const* data, std::size_t bytes, KvxWriteOptions const& options) {
     struct ::stat old = {};
     if (tbSystem().lstat(path, &old) != 0) {
-        return replaceBeside(path, data, bytes, mode, nullptr);
+        return replaceBeside(path, data, bytes, options, nullptr);
     }
     std::unique_ptr<char, TbReleaser<std::free>> resolved;
     if (S_ISLNK(old.st_mode)) {
         resolved.reset(tbSystem().realpath(path, nullptr));
         if (resolved == nullptr || tbSystem().lstat(resolved.get(), &old) != 0) {
-            return writeInPlace(path, data, bytes, mode);
+            return writeInPlace(path, data, bytes, options);
         }
         path = resolved.get();
     }
     if (!S_ISREG(old.st_mode)) {
-        return writeInPlace(path, data, bytes, mode);
+        return writeInPlace(path, data, bytes, options);
     }
     if (tbSystem().access(path, W_OK) != 0) {
         return KvxWriteResult::kCannotOpen;
     }
-    return replaceBeside(path, data, bytes, mode, &old);
+    return replaceBeside(path, data, bytes, options, &old);
+}
+
+TbString kvxWithoutPadding(TbString const& content) {
+    std::uint32_t length = content.length();
+    while (length > 0 && content[length - 1] == '\0') {
+        --length;
+    }
+    return content.substring(0, length);
 }

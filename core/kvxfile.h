@@ -60,12 +60,30 @@ enum class KvxWriteResult {
                    ///< could not be synchronised, the new content is there and may not survive a crash of the machine.
 };
 
+/// How a file is written.
+struct KvxWriteOptions {
+    mode_t m_Mode = 0666;    ///< Of a new file, less the process's umask.
+    bool m_IsExact = false;  ///< The mode holds whatever the umask.
+    bool m_Syncs = true;     ///< The content is on disk before the call returns.
+};
+
 /// Replaces the content of `path` by `bytes` bytes at `data`.
 ///
 /// A new file beside it takes its name once the data is on disk, so a reader, a kill or a full disk finds the old or
-/// the new content whole. Owner and mode of the old file are kept; a new one gets `mode` less the process's umask. A
-/// symbolic link is followed. A target that is no regular file, or that no file can be made beside, is written in
-/// place. Temporary files of dead processes in the directory are removed.
-KvxWriteResult kvxReplaceFile(char const* path, void const* data, std::size_t bytes, mode_t mode);
+/// the new content whole. Owner and mode of the old file are kept. A symbolic link is followed. Temporary files of dead
+/// processes in the directory are removed.
+///
+/// A target that no file can be made beside is written in place, by one write. There too a kill between two system
+/// calls and a full disk leave the old or the new content; the new one may be followed by padding, see
+/// kvxWithoutPadding(). A target that is no regular file is written plainly.
+KvxWriteResult kvxReplaceFile(char const* path, void const* data, std::size_t bytes, KvxWriteOptions const& options);
+
+/// `content` without the zero bytes at its end.
+///
+/// A shorter content that is written in place has the old length for a moment, or for good when the writer dies then.
+/// It is padded with zero bytes: no key id and no key holds one, texts end at one for callers of the flat functions,
+/// and what stands behind the last tag of a document is dropped. Readers of whole files drop the padding by this
+/// function.
+[[nodiscard]] TbString kvxWithoutPadding(TbString const& content);
 
 #endif

@@ -37,6 +37,10 @@ struct TbSystemCalls {
     int (*close)(int file) = &::close;
     ssize_t (*read)(int file, void* buffer, std::size_t bytes) = &::read;
     ssize_t (*write)(int file, void const* buffer, std::size_t bytes) = &::write;
+    off_t (*lseek)(int file, off_t offset, int origin) = &::lseek;
+    /// Linux's own call, not the standard one, which makes the file longer and writes where the system cannot reserve.
+    int (*fallocate)(int file, int mode, off_t offset, off_t bytes) = &::fallocate;
+    int (*ftruncate)(int file, off_t bytes) = &::ftruncate;
     int (*fsync)(int file) = &::fsync;
     int (*fstat)(int file, struct ::stat* result) = &status;
     int (*lstat)(char const* path, struct ::stat* result) = &linkStatus;
