@@ -19,7 +19,8 @@ target_include_directories(tallowin INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE
                                               $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 set(KVX_EXPORT_LIST "${PROJECT_BINARY_DIR}/tallowin.map")
 configure_file(cmake/tallowin.map.in "${KVX_EXPORT_LIST}" @ONLY)
-target_link_options(tallowin PRIVATE "-Wl,--version-script=${KVX_EXPORT_LIST}" -Wl,--no-undefined)
+# Never unmapped: a thread that looks up a host name may be left behind at a deadline.
+target_link_options(tallowin PRIVATE "-Wl,--version-script=${KVX_EXPORT_LIST}" -Wl,--no-undefined -Wl,-z,nodelete)
 set_target_properties(tallowin PROPERTIES LINK_DEPENDS "${KVX_EXPORT_LIST}")
 
 add_library(tallowin::tallowin ALIAS tallowin)

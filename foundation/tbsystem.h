@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -17,7 +18,8 @@
 #include <cstdlib>
 #include <ctime>
 
-/// The calls into the operating system that can fail: files, directories, sockets, name lookup, the clock, mappings.
+/// The calls into the operating system that can fail: files, directories, sockets, name lookup, clocks, mappings,
+/// the start of a thread.
 ///
 /// The table is constant in the shipped library. In test builds a test replaces single entries to make calls fail.
 ///
@@ -31,6 +33,10 @@ struct TbSystemCalls {
     /// Uses the effective user, as opening does.
     static int mayAccess(char const* path, int mode) { return ::faccessat(AT_FDCWD, path, mode, AT_EACCESS); }
     static int linkStatus(char const* path, struct ::stat* result) { return ::lstat(path, result); }
+    static int makeNonBlocking(int file) {
+        int const flags = ::fcntl(file, F_GETFL);
+        return flags == -1 ? -1 : ::fcntl(file, F_SETFL, flags | O_NONBLOCK);
+    }
     static int duplicateFrom(int file, int least) { return ::fcntl(file, F_DUPFD_CLOEXEC, least); }
 
     int (*open)(char const* path, int flags, mode_t mode) = &openFile;
@@ -59,6 +65,7 @@ struct TbSystemCalls {
     char* (*realpath)(char const* path, char* resolved) = &::realpath;
     char* (*getcwd)(char* buffer, std::size_t bytes) = &::getcwd;
     std::time_t (*time)(std::time_t* result) = &::time;
+    int (*clock_gettime)(clockid_t clock, timespec* now) = &::clock_gettime;
     void* (*mmap)(void* where, std::size_t bytes, int access, int flags, int file, off_t offset) = &::mmap;
     int (*munmap)(void* memory, std::size_t bytes) = &::munmap;
 
@@ -70,8 +77,13 @@ struct TbSystemCalls {
     int (*poll)(pollfd* files, nfds_t count, int milliseconds) = &::poll;
     int (*getsockopt)(int socket, int level, int option, void* value, socklen_t* length) = &::getsockopt;
     int (*setsockopt)(int socket, int level, int option, void const* value, socklen_t length) = &::setsockopt;
+    /// Makes the calls on `file` fail with EAGAIN where they would block.
+    int (*setNonBlocking)(int file) = &makeNonBlocking;
     int (*gethostbyname_r)(char const* host, hostent* entry, char* memory, std::size_t bytes, hostent** result,
                            int* reason) = &::gethostbyname_r;
+    /// Returns an error number.
+    int (*startThread)(pthread_t* thread, pthread_attr_t const* attributes, void* (*run)(void*),
+                       void* argument) = &::pthread_create;
     // NOLINTEND(readability-identifier-naming)
 };
 

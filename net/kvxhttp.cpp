@@ -14,12 +14,15 @@
 
 #include "foundation/tbsystem.h"
 #include "net/kvxdecimal.h"
+#include "net/kvxhttp_address.h"
 #include "net/kvxlines_net.h"
 #include "net/kvxsocket.h"
+#include "net/kvxwait.h"
 
 namespace {
 
 constexpr std::int32_t kStatusOk = 200;
+constexpr std::int64_t kMillisecondsPerSecond = 1000;
 constexpr char kEndOfHeader[] = "\r\n\r\n";
 
 /// Prints foreign text between fixed texts and flushes: the host program may have buffers of its own. The reader may
@@ -123,29 +126,45 @@ void KVX_HttpSession::requireKnownScheme(long line) const {
     }
 }
 
+/// The time of the whole exchange begins here.
+void KVX_HttpSession::startLimits() {
+    KVX_Transfer const& transfer = m_Record.transfer;
+    m_Limits.connectTimeout = transfer.connectTimeout * kMillisecondsPerSecond;
+    m_Limits.ioTimeout = transfer.ioTimeout * kMillisecondsPerSecond;
+    m_Limits.deadline = transfer.totalTimeout == 0 ? 0 : kvxNow() + transfer.totalTimeout * kMillisecondsPerSecond;
+    m_Limits.sendAll = transfer.sendAll;
+    m_Limits.isQuiet = transfer.isQuiet;
+}
+
+void KVX_HttpSession::useConnection(ConnectionHolder connection) {
+    connection->SetLimits(m_Limits);
+    m_Connection = std::move(connection);
+}
+
 void KVX_HttpSession::ConnectNetwork() {
     requireState(kCreated, "ConnectNetwork", kvx::kLineConnectState);
+    startLimits();
     sockaddr_in address = {};
     auto* const target = reinterpret_cast<sockaddr*>(&address);
     if (usesProxy()) {
-        std::int32_t const code = MakeHostAddr(m_Record.proxyHost, m_Record.proxyPort, target);
+        std::int32_t const code = kvxMakeHostAddr(m_Record.proxyHost, m_Record.proxyPort, m_Limits.deadline, target);
         if (code != KVX_OK) {
             kvx::kSourceHttp.fail(code, kvx::kLineProxyAddress,
                                   "the proxy address is invalid or could not be resolved");
         }
         kvx::kSourceHttp.trace(kvx::kLineUseProxy, "USE PROXY", m_Record.proxyHost + ":" + m_Record.proxyPort);
         requireKnownScheme(kvx::kLineProxyScheme);
-        m_Connection.reset(new SockConnection);
+        useConnection(ConnectionHolder(new SockConnection));
     } else {
-        std::int32_t const code = MakeHostAddr(m_Record.host, m_Record.port, target);
+        std::int32_t const code = kvxMakeHostAddr(m_Record.host, m_Record.port, m_Limits.deadline, target);
         if (code != KVX_OK) {
             kvx::kSourceHttp.fail(code, kvx::kLineHostAddress, "the host address is invalid or could not be resolved");
         }
         requireKnownScheme(kvx::kLineScheme);
         if (isSecure()) {
-            m_Connection.reset(new SslConnection);
+            useConnection(ConnectionHolder(new SslConnection));
         } else {
-            m_Connection.reset(new SockConnection);
+            useConnection(ConnectionHolder(new SockConnection));
         }
     }
     std::int32_t const connected = m_Connection->Connect(target);
@@ -188,7 +207,8 @@ void KVX_HttpSession::ProxyConnect() {
     if (status != kStatusOk) {
         kvx::kSourceHttp.fail(KVX_E_HTTP_FAMILY | status, kvx::kLineProxyStatus);
     }
-    std::unique_ptr<KVX_Connection, ConnectionCloser> tunnel(new SslConnection);
+    ConnectionHolder tunnel(new SslConnection);
+    tunnel->SetLimits(m_Limits);
     tunnel->Attach(m_Connection->Detach());
     m_Connection = std::move(tunnel);
 }

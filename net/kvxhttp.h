@@ -15,6 +15,7 @@
 #include "tallowin/tbstring.h"
 #include "tallowin/tbstringstream.h"
 
+class KvxDeadline;
 struct sockaddr;
 struct ssl_ctx_st;
 struct ssl_st;
@@ -32,13 +33,28 @@ struct ssl_st;
 /// address does. May run out of memory (TBFC_Exception). Blocks.
 [[nodiscard]] std::uint32_t HttpHostByName(char const* host);
 
+/// How long the operations of a connection may wait, and how it sends and prints. Every default is the plain behaviour.
+struct KVX_EXPORT KVX_ConnectionLimits {
+    // NOLINTBEGIN(readability-identifier-naming): as KVX_Transfer
+    std::int64_t connectTimeout = 0;  ///< Milliseconds for Connect; 0: none.
+    std::int64_t ioTimeout = 0;       ///< Milliseconds for each Setup, Read and Write; 0: none.
+    std::int64_t deadline = 0;        ///< Milliseconds of the monotonic clock when all of them end; 0: never.
+    bool sendAll = false;             ///< Continue a short send.
+    bool isQuiet = false;             ///< Print nothing.
+    // NOLINTEND(readability-identifier-naming)
+
+    /// Whether any wait has an end.
+    [[nodiscard]] bool hasEnd() const { return connectTimeout != 0 || ioTimeout != 0 || deadline != 0; }
+};
+
 /// A byte pipe to one peer, owned by the session that uses it.
 ///
 /// Life: made without a socket; `Connect`, or `Attach` of another connection's socket; `Setup`; one `Write`; `Read`
 /// until 0 or -1; `Disconnect`; destroyed. Destroying it does not close the socket: to end a connection, take the
-/// descriptor with `Detach` and close it. Everything blocks, without a timeout; only a peer whose host has vanished is
-/// noticed, by the keep-alive probes of the socket. One thread at a time.
-/// No operation throws, save for memory exhaustion (TBFC_Exception). No write raises SIGPIPE.
+/// descriptor with `Detach` and close it. Everything blocks. Without limits no wait has an end, save that the
+/// keep-alive probes of the socket notice a peer whose host has vanished; with them an operation that is late fails
+/// with KVX_E_SOCKET_TIMEOUT. One thread at a time. No operation throws, save for memory exhaustion (TBFC_Exception).
+/// No write raises SIGPIPE.
 class KVX_EXPORT KVX_Connection {
 public:
     KVX_Connection() = default;
@@ -46,6 +62,9 @@ public:
     KVX_Connection& operator=(KVX_Connection const&) = delete;
 
     virtual ~KVX_Connection();
+
+    /// Takes effect with the next Connect or Attach: a socket under a limit no longer blocks by itself.
+    void SetLimits(KVX_ConnectionLimits const& limits) { m_Limits = limits; }
 
     /// Connects a new socket to `address` (borrowed). Returns KVX_OK or a code of the socket family.
     virtual std::int32_t Connect(sockaddr* address) = 0;
@@ -78,6 +97,9 @@ public:
     /// Raise KVX_E_OUT_OF_MEMORY (TBFC_Exception) instead of std::bad_alloc.
     static void* operator new(std::size_t bytes);
     static void operator delete(void* memory) noexcept;
+
+protected:
+    KVX_ConnectionLimits m_Limits;
 };
 
 /// A TCP socket. Deliberate (socket-left-open): the destructor leaves it open.
@@ -93,7 +115,8 @@ public:
     std::int32_t Read(TbStringStream& into) override;
 
     /// One send: returns the number of bytes sent, which may be short, or -1.
-    /// Deliberate (one-send): the rest of a short send is not sent.
+    /// Deliberate (one-send): the rest of a short send is not sent, unless the limits say so. Under a limit a send is
+    /// continued as a blocking one would be, until its end.
     std::int32_t Write(TbStringStream& from) override;
 
     /// KVX_E_SOCKET_FAMILY | `errno` in BSD numbering.
@@ -129,6 +152,7 @@ public:
     /// Returns KVX_OK or `LastError()`.
     std::int32_t Write(TbStringStream& from) override;
 
+    /// KVX_E_SOCKET_TIMEOUT after an operation that was late.
     /// With a TLS session KVX_E_TLS_FAMILY | the low 12 bits of the reason number of the TLS library, or of its kind of
     /// failure where it gave no reason. Without one as a SockConnection.
     std::int32_t LastError() override;
@@ -152,6 +176,7 @@ private:
 
     template <class Call>
     int run(Call call);
+    bool waitAsWanted(KvxDeadline const& end);
     int handshake();
 
     int m_Socket = -1;                                       ///< -1 when there is none.
@@ -161,6 +186,7 @@ private:
     std::unique_ptr<ssl_st, SessionReleaser> m_Session;      ///< From Setup to Disconnect.
     int m_Kind = 0;                                          ///< Kind of the last failure, as the TLS library has it.
     int m_Reason = 0;                                        ///< Its reason number, 0 when there is none.
+    bool m_IsLate = false;                                   ///< The last operation ended at a limit.
 };
 
 /// The input of one session.
@@ -223,23 +249,29 @@ protected:
         void operator()(KVX_Connection* connection) const noexcept;
     };
 
+    using ConnectionHolder = std::unique_ptr<KVX_Connection, ConnectionCloser>;
+
     /// The steps done so far; each step requires its predecessor's state.
     enum State : int { kCreated = 0, kConnected = 1, kBuilt = 2, kSent = 3, kReceived = 4 };
 
     void ProxyConnect();
 
     int m_State = kCreated;
-    KVX_RequestInfo const& m_Record;                                 ///< Borrowed.
-    std::unique_ptr<KVX_Connection, ConnectionCloser> m_Connection;  ///< Null until ConnectNetwork.
+    KVX_RequestInfo const& m_Record;  ///< Borrowed.
+    ConnectionHolder m_Connection;    ///< Null until ConnectNetwork.
     TbStringStream m_Request;
     TbStringStream m_Response;
 
 private:
+    void startLimits();
+    void useConnection(ConnectionHolder connection);
     [[nodiscard]] bool usesProxy() const;
     [[nodiscard]] bool isSecure() const;
     [[nodiscard]] bool isTraced() const;
     void requireState(int state, char const* step, long line) const;
     void requireKnownScheme(long line) const;
+
+    KVX_ConnectionLimits m_Limits;  ///< From ConnectNetwork on.
 };
 
 /// Runs a whole session over `request` and appends the body of the response to `out`. A `request` that is part of a

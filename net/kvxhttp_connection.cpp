@@ -6,6 +6,7 @@
 #include "net/kvxhttp.h"
 #include "net/kvxhttp_errno.h"
 #include "net/kvxsocket.h"
+#include "net/kvxwait.h"
 
 KVX_Connection::~KVX_Connection() = default;
 
@@ -21,7 +22,7 @@ SockConnection::~SockConnection() = default;
 
 std::int32_t SockConnection::Connect(sockaddr* address) {
     m_Socket = MakeSocket();
-    m_LastResult = ConnectSocket(m_Socket, address);
+    m_LastResult = ConnectSocket(m_Socket, address, m_Limits);
     if (m_LastResult == -1) {
         m_LastResult = LastError();
         return m_LastResult;
@@ -35,8 +36,10 @@ std::int32_t SockConnection::Disconnect() {
 }
 
 std::int32_t SockConnection::Read(TbStringStream& into) {
-    m_LastResult =
-        static_cast<int>(tbRetryInterrupted([this] { return tbSystem().recv(m_Socket, m_Buffer, kChunk, 0); }));
+    auto const receive = [this] { return tbSystem().recv(m_Socket, m_Buffer, kChunk, 0); };
+    KvxDeadline const end(m_Limits.ioTimeout, m_Limits.deadline);
+    m_LastResult = static_cast<int>(m_Limits.hasEnd() ? kvxCallWhenReady(m_Socket, POLLIN, end, receive)
+                                                      : tbRetryInterrupted(receive));
     if (m_LastResult == -1) {
         return -1;
     }
@@ -48,8 +51,16 @@ std::int32_t SockConnection::Read(TbStringStream& into) {
 std::int32_t SockConnection::Write(TbStringStream& from) {
     KvxBytesToSend const bytes(from.str());
     SigPipeGuard const guard;
-    m_LastResult =
-        static_cast<int>(tbRetryInterrupted([&] { return tbSystem().send(m_Socket, bytes.data(), bytes.size(), 0); }));
+    KvxDeadline const end(m_Limits.ioTimeout, m_Limits.deadline);
+    bool const continues = m_Limits.sendAll || m_Limits.hasEnd();
+    std::size_t sent = 0;
+    ssize_t count = 0;
+    auto const send = [&] { return tbSystem().send(m_Socket, bytes.data() + sent, bytes.size() - sent, 0); };
+    do {
+        count = m_Limits.hasEnd() ? kvxCallWhenReady(m_Socket, POLLOUT, end, send) : tbRetryInterrupted(send);
+        sent += count > 0 ? static_cast<std::size_t>(count) : 0;
+    } while (continues && count > 0 && sent < bytes.size());
+    m_LastResult = count == -1 ? -1 : static_cast<int>(sent);
     return m_LastResult;
 }
 
@@ -59,6 +70,9 @@ std::int32_t SockConnection::LastError() {
 
 void SockConnection::Attach(int socket) {
     m_Socket = socket;
+    if (m_Limits.hasEnd()) {
+        tbSystem().setNonBlocking(m_Socket);
+    }
 }
 
 int SockConnection::Detach() {

@@ -1,8 +1,9 @@
 // TLS connections.
 //
 // Every call on the session goes through run(): it clears the thread's error queue, repeats a call that a signal
-// interrupted, and records kind and reason of a failure, because LastError is asked later. The peer is not verified.
-// Odd: a peer that closes cleanly during the handshake counts as connected, and the next call finds out.
+// interrupted or that the socket was not ready for, and records kind and reason of a failure, because LastError is
+// asked later. The peer is not verified. Odd: a peer that closes cleanly during the handshake counts as connected, and
+// the next call finds out.
 
 #include <openssl/err.h>
 #include <openssl/ssl.h>
@@ -16,16 +17,12 @@
 #include "net/kvxhttp_errno.h"
 #include "net/kvxlines_net.h"
 #include "net/kvxsocket.h"
+#include "net/kvxwait.h"
 
 namespace {
 
 /// How much of a reason number fits beside the family.
 constexpr int kReasonMask = 0xFFF;
-
-/// Whether a failed call only needs repeating. The socket blocks, so only a signal causes that.
-bool wasInterrupted(int kind, int failure) {
-    return (kind == SSL_ERROR_WANT_READ || kind == SSL_ERROR_WANT_WRITE) && failure == EINTR;
-}
 
 /// Whether the peer has closed the connection cleanly, with or without a close notification.
 bool isCleanEnd(int kind, int reason) {
@@ -54,6 +51,22 @@ SslConnection::SslConnection() {
 
 SslConnection::~SslConnection() = default;
 
+/// Whether the last failed call may be repeated, after a wait for what it wanted. False too when that wait is late.
+bool SslConnection::waitAsWanted(KvxDeadline const& end) {
+    if (m_Kind != SSL_ERROR_WANT_READ && m_Kind != SSL_ERROR_WANT_WRITE) {
+        return false;
+    }
+    if (!m_Limits.hasEnd()) {
+        return errno == EINTR;  // the socket blocks, so only a signal causes this
+    }
+    short const events = m_Kind == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT;
+    if (kvxWaitFor(SSL_get_fd(m_Session.get()), events, end)) {
+        return true;
+    }
+    m_IsLate = errno == ETIMEDOUT;
+    return false;
+}
+
 /// Makes one call on the TLS session and records why it failed. Returns the result of the call; -1 for every negative
 /// one and without a session.
 ///
@@ -63,6 +76,13 @@ template <class Call>
 int SslConnection::run(Call call) {
     if (m_Session == nullptr) {
         errno = ENOTCONN;
+        return -1;
+    }
+    m_IsLate = false;
+    KvxDeadline const end(m_Limits.ioTimeout, m_Limits.deadline);
+    if (end.hasPassed()) {
+        m_IsLate = true;
+        errno = ETIMEDOUT;
         return -1;
     }
     SigPipeGuard const guard;
@@ -78,18 +98,19 @@ int SslConnection::run(Call call) {
         m_Reason = ERR_GET_REASON(ERR_peek_last_error());
         ERR_clear_error();
         errno = failure;
-        if (!wasInterrupted(m_Kind, failure)) {
+        if (!waitAsWanted(end)) {
             return result < 0 ? -1 : 0;
         }
     }
 }
 
 std::int32_t SslConnection::Connect(sockaddr* address) {
+    m_IsLate = false;
     m_Socket = MakeSocket();
     if (m_Socket == -1) {
         return m_LastResult;
     }
-    m_LastResult = ConnectSocket(m_Socket, address);
+    m_LastResult = ConnectSocket(m_Socket, address, m_Limits);
     return m_LastResult == -1 ? KVX_E_SOCKET_FAMILY | BsdErrno(errno) : KVX_OK;
 }
 
@@ -118,6 +139,9 @@ std::int32_t SslConnection::Write(TbStringStream& from) {
 }
 
 std::int32_t SslConnection::LastError() {
+    if (m_IsLate) {
+        return KVX_E_SOCKET_TIMEOUT;
+    }
     if (m_Session == nullptr) {
         return KVX_E_SOCKET_FAMILY | BsdErrno(errno);
     }
@@ -127,6 +151,9 @@ std::int32_t SslConnection::LastError() {
 
 void SslConnection::Attach(int socket) {
     m_Socket = socket;
+    if (m_Limits.hasEnd()) {
+        tbSystem().setNonBlocking(m_Socket);
+    }
 }
 
 int SslConnection::Detach() {
@@ -139,6 +166,7 @@ int SslConnection::Detach() {
 int SslConnection::handshake() {
     m_Kind = SSL_ERROR_SSL;
     m_Reason = 0;
+    m_IsLate = false;
     m_Session.reset(m_Context == nullptr ? nullptr : SSL_new(m_Context.get()));
     if (m_Session == nullptr || SSL_set_fd(m_Session.get(), m_Socket) != 1) {
         return -1;
@@ -152,6 +180,9 @@ std::int32_t SslConnection::Setup() {
     m_LastResult = handshake();
     if (m_LastResult != -1) {
         return KVX_OK;
+    }
+    if (m_Limits.isQuiet) {
+        return LastError();
     }
     int const failure = errno;
     SigPipeGuard const guard;  // the reader may have closed its end

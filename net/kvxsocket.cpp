@@ -8,6 +8,7 @@
 #include <ctime>
 
 #include "foundation/tbsystem.h"
+#include "net/kvxwait.h"
 
 namespace {
 
@@ -18,10 +19,9 @@ sigset_t onlySigPipe() {
     return set;
 }
 
-/// Waits for the end of a connect that a signal interrupted, and returns its result.
-int finishConnect(int socket) {
-    pollfd waiting = {socket, POLLOUT, 0};
-    if (tbRetryInterrupted([&waiting] { return tbSystem().poll(&waiting, 1, -1); }) == -1) {
+/// Waits for the end of a connect that goes on by itself, and returns its result.
+int finishConnect(int socket, KvxDeadline const& end) {
+    if (!kvxWaitFor(socket, POLLOUT, end)) {
         return -1;
     }
     int failure = 0;
@@ -97,9 +97,18 @@ KvxBytesToSend::~KvxBytesToSend() {
     errno = failure;
 }
 
-int ConnectSocket(int socket, sockaddr const* address) noexcept {
+int ConnectSocket(int socket, sockaddr const* address, KVX_ConnectionLimits const& limits) noexcept {
+    if (limits.hasEnd() && tbSystem().setNonBlocking(socket) == -1) {
+        return -1;
+    }
+    KvxDeadline const end(limits.connectTimeout, limits.deadline);
+    if (end.hasPassed()) {
+        errno = ETIMEDOUT;
+        return -1;
+    }
     int const result = tbSystem().connect(socket, address, sizeof(sockaddr_in));
-    return result == -1 && errno == EINTR ? finishConnect(socket) : result;
+    bool const goesOn = result == -1 && (errno == EINTR || (limits.hasEnd() && errno == EINPROGRESS));
+    return goesOn ? finishConnect(socket, end) : result;
 }
 
 int MakeSocket() noexcept {

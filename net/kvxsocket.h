@@ -6,6 +6,7 @@
 
 #include "foundation/tbmemory.h"
 #include "foundation/tbstring.h"
+#include "net/kvxhttp.h"
 
 struct sockaddr;
 
@@ -13,8 +14,9 @@ struct sockaddr;
 /// after two minutes without a reply the connection fails with ETIMEDOUT.
 [[nodiscard]] int MakeSocket() noexcept;
 
-/// Connects `socket` to `address`; -1 and `errno` on failure. Continues after a signal.
-[[nodiscard]] int ConnectSocket(int socket, sockaddr const* address) noexcept;
+/// Connects `socket` to `address`; -1 and `errno` on failure. Continues after a signal. Under a limit the socket does
+/// not block from now on, and the failure may be ETIMEDOUT.
+[[nodiscard]] int ConnectSocket(int socket, sockaddr const* address, KVX_ConnectionLimits const& limits) noexcept;
 
 /// The bytes to send for a text: all of it, with zeros from its first zero byte on. Wiped at the end, because requests
 /// hold credentials. Leaves `errno` alone.

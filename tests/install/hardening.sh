@@ -15,6 +15,7 @@ grep -q 'Library soname: \[libtallowin\.so\.1\]' <<< "$dynamic" || complain 'the
 grep -qE 'GNU_STACK .* RW +0x' <<< "$segments" || complain 'the stack is executable'
 grep -q 'GNU_RELRO' <<< "$segments" || complain 'there is no RELRO segment'
 grep -qE 'BIND_NOW|FLAGS_1.*NOW' <<< "$dynamic" || complain 'symbols are bound late: RELRO is partial'
+grep -qE 'FLAGS_1.*NODELETE' <<< "$dynamic" || complain 'it can be unmapped under a thread that still looks up a name'
 ! grep -q 'TEXTREL' <<< "$dynamic" || complain 'code is relocated'
 ! grep -qE 'RPATH|RUNPATH' <<< "$dynamic" || complain 'libraries are looked for in places of the builder'
 
