@@ -111,7 +111,7 @@ bool KVX_HttpSession::isSecure() const {
 }
 
 bool KVX_HttpSession::isTraced() const {
-    return m_Record.traceOptions.find("rawhttp") != TbString::npos;
+    return !m_Record.transfer.isQuiet && m_Record.traceOptions.find("rawhttp") != TbString::npos;
 }
 
 void KVX_HttpSession::requireState(int state, char const* step, long line) const {
@@ -124,6 +124,20 @@ void KVX_HttpSession::requireKnownScheme(long line) const {
     if (!isSecure() && m_Record.scheme != "http") {
         kvx::kSourceHttp.fail(KVX_E_HTTP_UNKNOWN_SCHEME, line, "the protocol type of the URL is unknown");
     }
+}
+
+/// The Host header, when the transfer wants one.
+void KVX_HttpSession::putHost(TbStringStream& out) const {
+    if (!m_Record.transfer.sendHost) {
+        return;
+    }
+    out.put("Host: ");
+    out.put(m_Record.host);
+    if (m_Record.port != (isSecure() ? "443" : "80")) {
+        out.put(":");
+        out.put(m_Record.port);
+    }
+    out.put("\r\n");
 }
 
 /// The time of the whole exchange begins here.
@@ -188,7 +202,9 @@ void KVX_HttpSession::ProxyConnect() {
     request.put(m_Record.host);
     request.put(":");
     request.put(m_Record.port);
-    request.put(" HTTP/1.0\r\nPragma: no-cache\r\nUserAgent: ");
+    request.put(" HTTP/1.0\r\n");
+    putHost(request);
+    request.put("Pragma: no-cache\r\nUserAgent: ");
     request.put(m_UserAgent);
     request.put(kEndOfHeader);
     if (m_Connection->Write(request) < 0) {
@@ -199,7 +215,9 @@ void KVX_HttpSession::ProxyConnect() {
     if (m_Connection->Read(reply) < 0) {
         kvx::kSourceHttp.fail(m_Connection->LastError(), kvx::kLineProxyRead);
     }
-    print(stderr, "Proxy response:\n", reply, "\n");
+    if (!m_Record.transfer.isQuiet) {
+        print(stderr, "Proxy response:\n", reply, "\n");
+    }
     std::int32_t const status = proxyStatus(reply);
     if (status == 0) {
         kvx::kSourceHttp.fail(KVX_E_HTTP_BAD_REPLY, kvx::kLineProxyReply);
@@ -224,8 +242,10 @@ void KVX_HttpSession::BuildRequest() {
         m_Request.put(m_Record.port);
     }
     m_Request.put(m_Record.path);
-    // Deliberate (authorization-always): also without credentials; no Host header, and "UserAgent" without a hyphen.
-    m_Request.put(" HTTP/1.0\r\nAuthorization: Basic ");
+    m_Request.put(" HTTP/1.0\r\n");
+    putHost(m_Request);
+    // Deliberate (authorization-always): also without credentials; "UserAgent" has no hyphen.
+    m_Request.put("Authorization: Basic ");
     putCredentials(m_Record.user, m_Record.password, m_Request);
     m_Request.put("\r\nUserAgent: ");
     m_Request.put(m_UserAgent);
@@ -246,11 +266,17 @@ void KVX_HttpSession::SendRequest() {
 
 void KVX_HttpSession::ReceiveResponse() {
     requireState(kSent, "ReceiveResponse", kvx::kLineReceiveState);
+    std::uint32_t const most = m_Record.transfer.maxResponse;
+    std::uint64_t total = 0;
     std::int32_t received = 0;
     do {
         received = m_Connection->Read(m_Response);
         if (received < 0) {
             kvx::kSourceHttp.fail(m_Connection->LastError(), kvx::kLineReceive, "failed to receive from host");
+        }
+        total += static_cast<std::uint32_t>(received);
+        if (most != 0 && total > most) {
+            kvx::kSourceHttp.fail(KVX_E_BUFFER_TOO_SMALL, kvx::kLineReceiveTooMuch, "failed to receive from host");
         }
     } while (received != 0);
     m_State = kReceived;

@@ -219,8 +219,9 @@ public:
 
     /// Connects to the host or the proxy, tunnels and shakes hands as the scheme needs.
     /// KVX_E_HTTP_NAME_LOOKUP before KVX_E_HTTP_UNKNOWN_SCHEME, the codes of the connection, and for a tunnel
-    /// KVX_E_HTTP_BAD_REPLY or KVX_E_HTTP_FAMILY | the proxy's status. A proxy's reply is always printed to standard
-    /// error.
+    /// KVX_E_HTTP_BAD_REPLY or KVX_E_HTTP_FAMILY | the proxy's status. KVX_E_SOCKET_TIMEOUT when a limit of the
+    /// transfer ends one of these; the time of the whole exchange begins here. A proxy's reply is printed to standard
+    /// error, unless the transfer is quiet.
     void ConnectNetwork();
 
     /// Builds the request text.
@@ -229,7 +230,7 @@ public:
     /// Sends it.
     void SendRequest();
 
-    /// Receives until the peer closes, without a limit.
+    /// Receives until the peer closes. KVX_E_BUFFER_TOO_SMALL: more than the transfer permits has arrived.
     void ReceiveResponse();
 
     /// Appends the body of the response to `out`.
@@ -263,6 +264,7 @@ protected:
     TbStringStream m_Response;
 
 private:
+    void putHost(TbStringStream& out) const;
     void startLimits();
     void useConnection(ConnectionHolder connection);
     [[nodiscard]] bool usesProxy() const;

@@ -30,6 +30,7 @@ inline constexpr long kLineSendState             = 804;  // send, out of order
 inline constexpr long kLineSend                  = 809;  // send failed
 inline constexpr long kLineReceiveState          = 818;  // receive, out of order
 inline constexpr long kLineReceive               = 825;  // receive failed
+inline constexpr long kLineReceiveTooMuch        = 829;  // a response longer than permitted
 inline constexpr long kLineExtractState          = 836;  // extract, out of order
 inline constexpr long kLineReplyNoStatus         = 843;  // reply without status
 inline constexpr long kLineReplyNoBody           = 850;  // reply without end of header

@@ -1,4 +1,4 @@
-// Limits of time on an exchange, at every phase.
+// Limits of an exchange: time at every phase, size, and the options beside them.
 //
 // Each stall is met twice, once by the limit of the single operation and once by that of the whole exchange, plain,
 // over TLS and through a proxy. The limits of an exchange are whole seconds, so all stalls run at the same time, one
@@ -603,6 +603,172 @@ TEST(LookupLimit, SurvivesFailingAllocations) {
     RawServer const server(kResponse);
     KVX_RequestInfo const request = limitedRequest("http://localhost:" + server.portText() + "/", 20);
     survivesEveryFailingAllocation([&] { EXPECT_EQ(fetch(request), "body"); });
+}
+
+// Size and options.
+
+TEST(MaxResponse, StopsReadingBehindTheLastByte) {
+    std::string const response = "HTTP/1.0 200 OK\r\n\r\n" + std::string(5000, 'x');
+    auto const size = static_cast<std::uint32_t>(response.size());
+    RawServer const plain(response);
+    TlsServer const secure(response);
+    for (std::string const& url : {plainUrl(plain, "/"), secureUrl(secure, "/")}) {
+        KVX_RequestInfo request = requestFor(url);
+        request.transfer.maxResponse = size;
+        EXPECT_EQ(fetch(request).size(), 5000U);
+        for (std::uint32_t const most : {size - 1, 1U}) {
+            request.transfer.maxResponse = most;
+            Thrown const failure = thrown([&] { fetch(request); });
+            EXPECT_EQ(bits(failure.m_Code), 0x80040205U) << most;
+            EXPECT_NE(failure.m_Text.find("failed to receive from host"), std::string::npos) << failure.m_Text;
+            EXPECT_EQ(failure.m_Line, 829);
+        }
+    }
+}
+
+TEST(MaxResponse, EndsAResponseWithoutEnd) {
+    RawServer const server([](Peer& peer) {
+        peer.receiveRequest();
+        while (peer.send(std::string(65536, 'x'))) {
+        }
+    });
+    KVX_RequestInfo request = requestFor(plainUrl(server, "/"));
+    request.transfer.maxResponse = 100000;
+    EXPECT_EQ(bits(thrownCode([&] { fetch(request); })), 0x80040205U);
+}
+
+TEST(MaxResponse, CountsWhatAZeroByteCutsOff) {
+    RawServer const server(std::string(3000, '\0'));
+    KVX_RequestInfo request = requestFor(plainUrl(server, "/"));
+    request.transfer.maxResponse = 2000;
+    EXPECT_EQ(bits(thrownCode([&] { fetch(request); })), 0x80040205U);
+}
+
+TEST(SendAll, ContinuesAShortSend) {
+    RawServer server(kResponse);
+    SystemCalls system;
+    system->send = [](int socket, void const* buffer, std::size_t bytes, int flags) {
+        return ::send(socket, buffer, std::min<std::size_t>(bytes, 5), flags);
+    };
+    KVX_RequestInfo request = requestFor(plainUrl(server, "/x"));
+    request.transfer.sendAll = true;
+    EXPECT_EQ(fetch(request), "body");
+    request.transfer.sendAll = false;
+    request.transfer.ioTimeout = 20;  // what a blocking send would do
+    EXPECT_EQ(fetch(request), "body");
+    std::string const whole =
+        "GET /x HTTP/1.0\r\nAuthorization: Basic OgAA\r\nUserAgent: Tallowin Application Component 1.0\r\n\r\n";
+    EXPECT_EQ(server.records(), (std::vector<std::string>{whole, whole}));
+}
+
+TEST(SendAll, ReportsAFailureOfTheRest) {
+    RawServer const server(&hold);
+    SystemCalls system;
+    static int s_Sends;
+    s_Sends = 0;
+    system->send = [](int socket, void const* buffer, std::size_t, int flags) -> ssize_t {
+        if (++s_Sends == 2) {
+            errno = ECONNRESET;
+            return -1;
+        }
+        return ::send(socket, buffer, 5, flags);
+    };
+    KVX_RequestInfo request = requestFor(plainUrl(server, "/x"));
+    request.transfer.sendAll = true;
+    EXPECT_EQ(bits(thrownCode([&] { fetch(request); })), 0x80043036U);
+    EXPECT_EQ(s_Sends, 2);
+}
+
+/// The request that a server gets for `url` with a Host header.
+std::string requestWithHost(RawServer& server, KVX_RequestInfo request) {
+    request.transfer.sendHost = true;
+    EXPECT_EQ(fetch(request), "body");
+    return server.records().at(0);
+}
+
+TEST(SendHost, NamesHostAndPortBehindTheRequestLine) {
+    RawServer server(kResponse);
+    EXPECT_EQ(requestWithHost(server, requestFor(plainUrl(server, "/x"))),
+              "GET /x HTTP/1.0\r\nHost: 127.0.0.1:" + server.portText() +
+                  "\r\nAuthorization: Basic OgAA\r\nUserAgent: Tallowin Application Component 1.0\r\n\r\n");
+}
+
+TEST(SendHost, LeavesTheDefaultPortOut) {
+    struct {
+        char const* m_Url;
+        char const* m_Start;
+    } const cases[] = {
+        {"http://shop.example/x", "GET http://shop.example:80/x HTTP/1.0\r\nHost: shop.example\r\n"},
+        {"http://shop.example:80/x", "GET http://shop.example:80/x HTTP/1.0\r\nHost: shop.example\r\n"},
+        {"http://shop.example:443/x", "GET http://shop.example:443/x HTTP/1.0\r\nHost: shop.example:443\r\n"},
+    };
+    for (auto const& row : cases) {
+        RawServer proxy(kResponse);
+        KVX_RequestInfo request = requestFor(row.m_Url);
+        request.proxyHost = "127.0.0.1";
+        request.proxyPort = stringOf(proxy.portText());
+        std::string const seen = requestWithHost(proxy, request);
+        EXPECT_EQ(seen.substr(0, std::strlen(row.m_Start)), row.m_Start);
+    }
+}
+
+TEST(SendHost, GoesToAProxyToo) {
+    for (char const* const port : {"", ":8443"}) {
+        std::vector<std::string> seen;
+        RawServer proxy([&seen](Peer& peer) {
+            seen.push_back(peer.receiveRequest());
+            peer.send(kEstablished);
+            TlsPeer inside(peer);
+            seen.push_back(inside.receiveRequest());
+            inside.send(kResponse);
+        });
+        KVX_RequestInfo request = requestFor(std::string("https://shop.example") + port + "/x");
+        request.proxyHost = "127.0.0.1";
+        request.proxyPort = stringOf(proxy.portText());
+        request.transfer.sendHost = true;
+        request.transfer.isQuiet = true;
+        EXPECT_EQ(fetch(request), "body");
+        proxy.records();
+        std::string const host = std::string("Host: shop.example") + port + "\r\n";
+        ASSERT_EQ(seen.size(), 2U);
+        EXPECT_EQ(seen.at(0), "CONNECT shop.example" + std::string(*port == '\0' ? ":443" : port) + " HTTP/1.0\r\n" +
+                                  host + "Pragma: no-cache\r\nUserAgent: Tallowin Application Component 1.0\r\n\r\n");
+        EXPECT_EQ(seen.at(1), "GET /x HTTP/1.0\r\n" + host +
+                                  "Authorization: Basic OgAA\r\nUserAgent: Tallowin Application Component 1.0\r\n\r\n");
+    }
+}
+
+TEST(Quiet, PrintsNothingAtAll) {
+    RawServer const plain(kResponse);
+    RawServer const noTls([](Peer& peer) {
+        peer.receive();
+        peer.send("no TLS here at all");
+        peer.finish();
+    });
+    RawServer const proxy([](Peer& peer) {
+        peer.receiveRequest();
+        peer.send(kEstablished);
+        TlsPeer inside(peer);
+        inside.receiveRequest();
+        inside.send(kResponse);
+    });
+    CapturedOutput output;
+    CapturedOutput error(CapturedOutput::Stream::kError);
+    KVX_RequestInfo request = requestFor(plainUrl(plain, "/"));
+    request.traceOptions = "rawhttp";
+    request.transfer.isQuiet = true;
+    EXPECT_EQ(fetch(request), "body");
+    KVX_RequestInfo refused = requestFor(secureUrl(noTls, "/"));
+    refused.transfer.isQuiet = true;
+    EXPECT_NE(thrownCode([&] { fetch(refused); }), 0);
+    KVX_RequestInfo tunnelled = requestFor("https://shop.example/x");
+    tunnelled.proxyHost = "127.0.0.1";
+    tunnelled.proxyPort = stringOf(proxy.portText());
+    tunnelled.traceOptions = "rawhttp";
+    tunnelled.transfer.isQuiet = true;
+    EXPECT_EQ(fetch(tunnelled), "body");
+    EXPECT_EQ(error.text(), "");
+    EXPECT_EQ(output.text(), "");
 }
 
 }  // namespace
