@@ -388,7 +388,7 @@ TEST(InPlace, TakesTurnsWithOtherWriters) {
     EXPECT_TRUE(left == contents[0] || left == contents[1]);
 }
 
-TEST(InPlace, KeepsTheOldContentOnADiskThatIsReallyFull) {
+TEST(InPlace, LeavesTheOldContentOnADiskThatIsReallyFull) {
     constexpr int kNoMount = 77;
     TemporaryDirectory dir;
     int const status = inChildProcess([&]() -> int {
