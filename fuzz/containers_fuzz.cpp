@@ -4,39 +4,21 @@
 // Model of the order of strings: by length, then by signed bytes up to a zero byte.
 
 #include <algorithm>
-#include <cstring>
-#include <memory>
 #include <set>
 #include <vector>
 
 #include "foundation/tbexception.h"
 #include "foundation/tbmap.h"
-#include "foundation/tbmemory.h"
 #include "foundation/tbmultimap.h"
 #include "foundation/tbrbtree.h"
 #include "foundation/tbvector.h"
 #include "fuzz/fuzzcheck.h"
 #include "fuzz/fuzzinput.h"
+#include "fuzz/shortage.h"
 
 namespace kvxfuzz {
 
 namespace {
-
-/// Lets one allocation fail while it lives.
-class Shortage {
-public:
-    /// `number` from 1; 0: none fails.
-    explicit Shortage(std::size_t number) {
-        s_Left = number;
-        tbSetAllocationGate([](std::size_t) { return s_Left == 0 || --s_Left != 0; });
-    }
-    Shortage(Shortage const&) = delete;
-    Shortage& operator=(Shortage const&) = delete;
-    ~Shortage() { tbSetAllocationGate(nullptr); }
-
-private:
-    static inline std::size_t s_Left = 0;
-};
 
 struct ByLength {
     bool operator()(std::string const& left, std::string const& right) const {
@@ -66,12 +48,6 @@ bool succeeds(std::int32_t code, std::int32_t expected) {
     }
     requireEqual(code, expected, "code of an operation");
     return code == KVX_OK;
-}
-
-/// The number of an allocation to fail: mostly none.
-std::size_t shortageFrom(Input& input) {
-    std::size_t const choice = input.byte();
-    return choice < 192 ? 0 : choice - 191;
 }
 
 template <class Vector, class Element>
