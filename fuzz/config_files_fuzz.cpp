@@ -13,6 +13,7 @@
 #include "fuzz/signmodel.h"
 #include "fuzz/xmlmodel.h"
 #include "tallowin/tallowin.h"
+#include "xml/xmlparser.h"
 
 namespace kvxfuzz {
 
@@ -58,6 +59,15 @@ struct ModelValues {
     std::int32_t m_Code = KVX_E_CANNOT_OPEN;
     ModelDocument m_Document;
 };
+
+bool isName(std::string const& text) {
+    for (char const character : text) {
+        if (isAlnum(character) == 0) {
+            return false;
+        }
+    }
+    return !text.empty();
+}
 
 bool isPath(std::string const& name) {
     return name.find("(.") != std::string::npos;
@@ -137,7 +147,7 @@ public:
         if (!m_HasOwnSettings) {
             checkReading(reading, value);
             checkSetting(setting);
-        } else if (setting == KVX_OK && !m_Value.empty()) {
+        } else if (setting == KVX_OK && !m_Value.empty() && isName(m_Name)) {
             ModelDocument again;
             requireEqual(again.parse(m_Directory.read(m_File).value_or("<")), 0, "a file that was set is a document");
         }
