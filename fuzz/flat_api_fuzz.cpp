@@ -1,5 +1,6 @@
 // Sequences of calls of the flat functions: any order, handles that are living, destroyed, of another kind or into the
-// middle of an object, texts and sizes of any shape, allocations that fail, a server that answers or does not.
+// middle of an object or anywhere, texts and sizes of any shape, allocations that fail, a server that answers or does
+// not.
 //
 // Input: a byte for each register, function, handle, size and failing allocation, a line for each text. Model: which
 // handles are living. A call with another one is refused, a call with a living one is not; codes are published ones;
@@ -104,20 +105,25 @@ private:
     /// Calls a function with a handle for objects of `kind`.
     template <class Call>
     std::int32_t call(Register const& target, Kind kind, Call function) {
-        bool const isLiving = target.m_Kind == kind;
         std::int32_t code = KVX_OK;
-        std::int32_t const thrown = codeOf([&] {
+        {
             Shortage const armed(m_Shortage);
             code = function(target.m_Handle);
-        });
-        if (thrown != KVX_OK) {
-            require(m_Shortage != 0, "only a lack of memory is thrown");
-            code = thrown;
         }
         require(isPublishedCode(code), "a flat function returns a published code");
-        require((code == KVX_E_BAD_HANDLE) == !isLiving, "a handle is refused when it is not living");
+        require((code == KVX_E_BAD_HANDLE) == !isLiving(target.m_Handle, kind),
+                "a handle is refused when it is not living");
         require(code != KVX_E_OUT_OF_MEMORY || m_Shortage != 0, "memory is short when an allocation fails");
         return code;
+    }
+
+    /// Whether a register holds this living object. A made-up handle may be that of another register.
+    [[nodiscard]] bool isLiving(KVX_HANDLE handle, Kind kind) const {
+        bool found = false;
+        for (Register const& entry : m_Registers) {
+            found = found || (entry.m_Handle == handle && entry.m_Kind == kind);
+        }
+        return found;
     }
 
     /// The same for a function that makes a message, kept in the next register.
@@ -190,18 +196,25 @@ private:
     void destroy(Register& target, Kind kind, void (*destroyer)(KVX_HANDLE)) {
         Shortage const armed(m_Shortage);
         destroyer(target.m_Handle);
-        if (target.m_Kind == kind) {
-            target.m_Kind = Kind::kNone;
+        for (Register& entry : m_Registers) {
+            if (entry.m_Handle == target.m_Handle && entry.m_Kind == kind) {
+                entry.m_Kind = Kind::kNone;
+            }
         }
     }
 
-    /// Makes the handle point beside or into its object, or to no object at all. The object is destroyed.
+    /// Makes the handle point beside or into its object, which is destroyed, or anywhere.
     static void misplace(Register& target, Input& input) {
         destroyLiving(target);
         target.m_Kind = Kind::kNone;
         std::size_t const offset = input.below(129);
-        target.m_Handle =
-            offset == 128 ? nullptr : static_cast<char*>(target.m_Handle) + (target.m_Handle ? offset : 0);
+        auto number = reinterpret_cast<std::uintptr_t>(target.m_Handle) + offset;
+        if (offset == 128) {
+            std::string const bytes = input.take(sizeof number);
+            number = 0;
+            std::memcpy(&number, bytes.data(), bytes.size());
+        }
+        target.m_Handle = reinterpret_cast<KVX_HANDLE>(number);  // NOLINT(performance-no-int-to-ptr): any number
     }
 
     void errorText(Input& input) {
@@ -210,17 +223,12 @@ private:
         std::memcpy(&code, bytes.data(), bytes.size());
         char text[200] = {};
         std::int32_t size = sizeof text;
-        std::int32_t result = KVX_OK;
-        std::int32_t const thrown = codeOf([&] {
-            Shortage const armed(m_Shortage);
-            result = KVX_GetErrorStringFromResult(code, &size, text);
-        });
-        require(thrown == KVX_OK || m_Shortage != 0, "only a lack of memory is thrown");
+        Shortage const armed(m_Shortage);
+        static_cast<void>(KVX_GetErrorStringFromResult(code, &size, text));  // its result is of no family of codes
         require(std::strlen(text) < sizeof text, "a text is terminated");
-        static_cast<void>(result);  // of no family of codes
     }
 
-    void answer(Input& input) { m_Network.add({"HTTP/1.0 200 OK\r\n\r\n" + input.line(), {}, 0, false}); }
+    void answer(Input& input) { m_Network.add({"HTTP/1.0 200 OK\r\n\r\n" + input.line(), {}, 0, false, 0}); }
 
     void use(Register const& target, Input& input) {
         static constexpr char const* s_Files[] = {"config.xml", "default.xml", "settings.xml", "keys/current", "keys"};

@@ -69,8 +69,10 @@ int ScriptedNetwork::connectSocket(int, sockaddr const*, socklen_t) {
 }
 
 ssize_t ScriptedNetwork::sendBytes(int, void const* buffer, std::size_t bytes, int) {
-    s_Current->m_Sent.back().append(static_cast<char const*>(buffer), bytes);
-    return static_cast<ssize_t>(bytes);
+    std::size_t const most = s_Current->m_Peer.m_MaxSend;
+    std::size_t const count = most == 0 ? bytes : std::min(bytes, most);
+    s_Current->m_Sent.back().append(static_cast<char const*>(buffer), count);
+    return static_cast<ssize_t>(count);
 }
 
 ssize_t ScriptedNetwork::receiveBytes(int, void* buffer, std::size_t bytes, int) {

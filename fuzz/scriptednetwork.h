@@ -18,6 +18,7 @@ struct Peer {
     std::vector<std::size_t> m_Chunks;  ///< Sizes of the chunks it sends, over and over; none: as much as is read.
     int m_Error = 0;                    ///< The error that ends the connection; 0: the peer closes it.
     bool m_IsInterrupted = false;       ///< A signal arrives before each chunk.
+    std::size_t m_MaxSend = 0;          ///< Bytes that one send takes at most; 0: all.
 };
 
 /// Replaces the system calls for sockets while it lives. One at a time. Names are unknown, addresses are not looked at.

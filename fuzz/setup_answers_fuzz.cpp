@@ -49,7 +49,7 @@ public:
         for (int i = 0; i < kMaxExchanges && !input.isEmpty(); ++i) {
             std::string const response = input.section();
             bool const isWhole = response.compare(0, 5, "HTTP/") == 0;
-            m_Network.add({(isWhole ? "" : "HTTP/1.0 200 OK\r\n\r\n") + response, chunks, 0, false});
+            m_Network.add({(isWhole ? "" : "HTTP/1.0 200 OK\r\n\r\n") + response, chunks, 0, false, 0});
         }
         m_Context.Open((directory().path() + "/account").c_str());
         m_Context.SetOption("VTAUTOURL", "http://127.0.0.1/auto");
