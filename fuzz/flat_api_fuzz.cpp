@@ -9,6 +9,7 @@
 #include <climits>
 #include <cstring>
 #include <map>
+#include <set>
 #include <vector>
 
 #include "fuzz/fuzzcheck.h"
@@ -159,6 +160,15 @@ private:
         }
     }
 
+    /// Destroys the register's object. Its handle is stale from now on.
+    void retire(Register& entry) {
+        destroyLiving(entry);
+        if (entry.m_Kind != Kind::kNone) {
+            m_Stale.insert(entry.m_Handle);
+            entry.m_Kind = Kind::kNone;
+        }
+    }
+
     static void destroyLiving(Register const& entry) {
         switch (entry.m_Kind) {
             case Kind::kSetup:
@@ -175,8 +185,9 @@ private:
         }
     }
 
-    static void keep(Register& target, KVX_HANDLE handle, Kind kind) {
-        destroyLiving(target);
+    void keep(Register& target, KVX_HANDLE handle, Kind kind) {
+        require(m_Stale.count(handle) == 0, "a new object has none of the last handles");
+        retire(target);
         target = {handle, kind};
     }
 
@@ -199,14 +210,14 @@ private:
         for (Register& entry : m_Registers) {
             if (entry.m_Handle == target.m_Handle && entry.m_Kind == kind) {
                 entry.m_Kind = Kind::kNone;
+                m_Stale.insert(entry.m_Handle);
             }
         }
     }
 
     /// Makes the handle point beside or into its object, which is destroyed, or anywhere.
-    static void misplace(Register& target, Input& input) {
-        destroyLiving(target);
-        target.m_Kind = Kind::kNone;
+    void misplace(Register& target, Input& input) {
+        retire(target);
         std::size_t const offset = input.below(129);
         auto number = reinterpret_cast<std::uintptr_t>(target.m_Handle) + offset;
         if (offset == 128) {
@@ -326,7 +337,8 @@ private:
     }
 
     Register m_Registers[kRegisters];
-    std::size_t m_Next = 0;  ///< The register of the next message that a call makes.
+    std::set<KVX_HANDLE> m_Stale;  ///< Of objects that were destroyed.
+    std::size_t m_Next = 0;        ///< The register of the next message that a call makes.
     std::size_t m_Shortage = 0;
     ScriptedNetwork m_Network;
 };
