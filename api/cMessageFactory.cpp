@@ -58,11 +58,12 @@ KVXCIMPL_MessageObject* KVXCIMPL_MessageFactory::CreatePayInit() {
     account.Open(m_Path);
     OwnedMessage object = newOutgoing("PayInit");
     object->m_Message.SetAttribute("TOKEN", object->m_Context.CreateUuid());
-    copyDefaults(account, object->m_Message);
+    // Read before the others, which come as a text: this failure names the file.
     TbString ttl;
     if (!account.QueryValueOrAbsent(kvx::kDefaultsFile, "PAYINITTTL", ttl)) {
         ttl = kDefaultTtl;
     }
+    copyDefaults(account, object->m_Message);
     object->m_Message.SetAttribute("EXPIRATION", GetTimeDate(std::strtod(ttl.c_str(), nullptr)));
     return object.release();
 }

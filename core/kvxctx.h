@@ -174,10 +174,10 @@ private:
                            TbString const& expectedType, TbStringStream& responseText);
     void replaceFile(TbString const& file, TbString const& content, KVX_Settings const& settings);
     KvxReadResult tryReadFile(TbString const& file, TbStringStream& content);
-    static void requireRead(KvxReadResult result);
+    static void requireRead(KvxReadResult result, TbString const& file);
     bool readOptionalFile(TbString const& file, TbStringStream& content);
     bool readKeyFile(TbString const& file, TbString const& keyId, TbStringStream& content);
-    bool findValue(TbStringStream& content, TbString const& name, TbString& value);
+    bool findValue(TbString const& file, TbStringStream& content, TbString const& name, TbString& value);
     KVX_Settings settingsForExchange();
     KVX_Settings settingsForVerification();
     KVX_Settings settingsForLocalWork();

@@ -35,22 +35,22 @@ KvxWriteOptions optionsOf(KVX_Settings const& settings, TbString const& file) {
 
 }  // namespace
 
-xmlElementPtr kvxParseDocument(TbStringStream& in, xmlLimits const& limits) {
+xmlElementPtr kvxParseDocument(TbStringStream& in, xmlLimits const& limits, TbString const& file) {
     xmlElement* parsed = nullptr;
     if (xmlParseWithin(limits, in, &parsed) != 0) {
-        kvx::kSourceCtx.fail(KVX_E_INVALID_FORMAT, kvx::kLineParse);
+        kvx::kSourceCtx.fail(KVX_E_INVALID_FORMAT, kvx::kLineParse, file);
     }
     xmlElementPtr const document = xmlAdopt(parsed);
     xmlElement* root = nullptr;
     if (!document->getChild(kRootTag, 0, &root)) {
-        kvx::kSourceCtx.fail(KVX_E_INVALID_FORMAT, kvx::kLineNoKvxElement);
+        kvx::kSourceCtx.fail(KVX_E_INVALID_FORMAT, kvx::kLineNoKvxElement, file);
     }
     return xmlAdopt(root);
 }
 
-xmlElementPtr kvxParseDocument(TbString const& text, xmlLimits const& limits) {
+xmlElementPtr kvxParseDocument(TbString const& text, xmlLimits const& limits, TbString const& file) {
     TbStringStream stream(text);
-    return kvxParseDocument(stream, limits);
+    return kvxParseDocument(stream, limits, file);
 }
 
 xmlElementPtr kvxNewDocument() {
@@ -89,16 +89,19 @@ KvxReadResult KVX_Context::tryReadFile(TbString const& file, TbStringStream& con
     return kvxReadFile(path.c_str(), content);
 }
 
-void KVX_Context::requireRead(KvxReadResult result) {
+// The text names a file that is there and cannot be opened, so that a merchant sees which one to mend. A missing file
+// and a directory that a caller asks for keep the published text.
+void KVX_Context::requireRead(KvxReadResult result, TbString const& file) {
     switch (result) {
         case KvxReadResult::kDone:
             return;
         case KvxReadResult::kCannotRead:
-            kvx::kSourceCtx.fail(KVX_E_FILE_IO, kvx::kLineReadFile);
+            kvx::kSourceCtx.fail(KVX_E_FILE_IO, kvx::kLineReadFile, file);
+        case KvxReadResult::kCannotOpen:
+            kvx::kSourceUrl.fail(KVX_E_CANNOT_OPEN, kvx::kLineOpenFile, file);
         case KvxReadResult::kAbsent:
         case KvxReadResult::kNameTooLong:
         case KvxReadResult::kDirectory:
-        case KvxReadResult::kCannotOpen:
             kvx::kSourceUrl.fail(KVX_E_CANNOT_OPEN, kvx::kLineOpenFile);
     }
 }
@@ -112,9 +115,11 @@ bool KVX_Context::readOptionalFile(TbString const& file, TbStringStream& content
         return false;
     }
     if (result == KvxReadResult::kCannotRead) {
-        kvx::kSourceCtx.fail(KVX_E_CANNOT_OPEN, kvx::kLineReadFile);
+        kvx::kSourceCtx.fail(KVX_E_CANNOT_OPEN, kvx::kLineReadFile, file);
     }
-    requireRead(result);
+    if (result != KvxReadResult::kDone) {
+        kvx::kSourceUrl.fail(KVX_E_CANNOT_OPEN, kvx::kLineOpenFile, file);
+    }
     return true;
 }
 
@@ -128,29 +133,29 @@ bool KVX_Context::readKeyFile(TbString const& file, TbString const& keyId, TbStr
         kvx::kSourceUrl.traceFailure(KVX_E_CANNOT_OPEN, kvx::kLineOpenFile);
         return false;
     }
-    requireRead(result);
+    requireRead(result, file);
     return true;
 }
 
-/// The value `name` in `content`, all of it for an empty name. False when there is none.
-bool KVX_Context::findValue(TbStringStream& content, TbString const& name, TbString& value) {
+/// The value `name` in the `content` of `file`, all of it for an empty name. False when there is none.
+bool KVX_Context::findValue(TbString const& file, TbStringStream& content, TbString const& name, TbString& value) {
     if (name.isEmpty()) {
         value = content.str();
         return true;
     }
-    xmlElementPtr const root = kvxParseDocument(content, settingsForLocalWork().m_Documents);
+    xmlElementPtr const root = kvxParseDocument(content, settingsForLocalWork().m_Documents, file);
     return xmlGetAttributeEx(root.get(), name, value) && !value.isEmpty();
 }
 
 bool KVX_Context::QueryValue(TbString const& file, TbString const& name, TbString& value) {
     TbStringStream content;
-    requireRead(tryReadFile(file, content));
-    return findValue(content, name, value);
+    requireRead(tryReadFile(file, content), file);
+    return findValue(file, content, name, value);
 }
 
 bool KVX_Context::QueryValueOrAbsent(TbString const& file, TbString const& name, TbString& value) {
     TbStringStream content;
-    return readOptionalFile(file, content) && findValue(content, name, value);
+    return readOptionalFile(file, content) && findValue(file, content, name, value);
 }
 
 bool KVX_Context::QueryValue(TbString const& file, unsigned char* buffer, unsigned long* size) {
@@ -178,7 +183,7 @@ void KVX_Context::SetValue(TbString const& file, TbString const& name, TbString 
     }
     xmlElementPtr root;
     try {
-        root = kvxParseDocument(text, settings.m_Documents);
+        root = kvxParseDocument(text, settings.m_Documents, create ? TbString() : file);
     } catch (KVX_Exception const& failure) {
         if (!create || failure.code() != KVX_E_INVALID_FORMAT) {
             throw;

@@ -76,7 +76,7 @@ void KVX_Context::SignData(TbString const& data, TbString const& keyId, TbString
     KvxWipedBuffer<kKeyBytes> key;
     unsigned long keyLength = sizeof key.m_Bytes;
     if (HexToBuffer(kvxWithoutPadding(keyText), key.m_Bytes, &keyLength) != KVX_OK) {
-        kvx::kSourceCtx.fail(KVX_E_INVALID_KEY, kvx::kLineSignKeyBlob);
+        kvx::kSourceCtx.fail(KVX_E_INVALID_KEY, kvx::kLineSignKeyBlob, kvx::privateKeyFile(keyId));
     }
     unsigned char bytes[kOwnSignatureBytes];
     unsigned long length = sizeof bytes;
@@ -100,7 +100,7 @@ void KVX_Context::requireVerified(KVX_Settings const& settings, TbString const& 
     unsigned char key[kKeyBytes];
     unsigned long keyLength = sizeof key;
     if (HexToBuffer(kvxWithoutPadding(keyText), key, &keyLength) != KVX_OK) {
-        kvx::kSourceCtx.fail(KVX_E_INVALID_KEY, kvx::kLineVerifyKeyBlob);
+        kvx::kSourceCtx.fail(KVX_E_INVALID_KEY, kvx::kLineVerifyKeyBlob, kvx::publicKeyFile(keyId));
     }
     unsigned char bytes[kSignatureBytes];
     unsigned long length = sizeof bytes;

@@ -153,7 +153,7 @@ KVX_Settings kvxStrictSettings() {
 }
 
 KVX_Settings kvxSettingsIn(TbString const& text) {
-    xmlElementPtr const document = kvxParseDocument(text);
+    xmlElementPtr const document = kvxParseDocument(text, {}, kvx::kSettingsFile);
     xmlElement& root = *document.get();
     bool hasProfile = false;
     readCheck(root, "PROFILE", hasProfile);  // "strict"; a misspelt one too
@@ -214,7 +214,7 @@ KVX_Settings KVX_Context::settingsForVerification() {
         case KvxReadResult::kAbsent:
             return {};
         default:
-            kvx::kSourceUrl.fail(KVX_E_CANNOT_OPEN, kvx::kLineOpenFile);
+            kvx::kSourceUrl.fail(KVX_E_CANNOT_OPEN, kvx::kLineOpenFile, kvx::kSettingsFile);
     }
 }
 

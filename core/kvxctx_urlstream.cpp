@@ -9,7 +9,7 @@
 
 void KVX_Context::StreamFromURL(TbString const& url, TbStringStream& out) {
     if (!IsHttp(url)) {
-        requireRead(kvxReadFile(url.c_str(), out));
+        requireRead(kvxReadFile(url.c_str(), out), "");
         return;
     }
     KVX_RequestInfo request;

@@ -6,11 +6,14 @@
 #include "xml/xmllimits.h"
 
 /// Parses `in` and returns its first top-level "KVX" element.
-/// KVX_E_INVALID_FORMAT (KVX_Exception): no document, none with that element, or one beyond `limits`.
-[[nodiscard]] xmlElementPtr kvxParseDocument(TbStringStream& in, xmlLimits const& limits = {});
+/// KVX_E_INVALID_FORMAT (KVX_Exception): no document, none with that element, or one beyond `limits`. The text of the
+/// exception names `file`, the file of the directory that holds the document; empty for one from outside.
+[[nodiscard]] xmlElementPtr kvxParseDocument(TbStringStream& in, xmlLimits const& limits = {},
+                                             TbString const& file = TbString());
 
 /// The same from a string.
-[[nodiscard]] xmlElementPtr kvxParseDocument(TbString const& text, xmlLimits const& limits = {});
+[[nodiscard]] xmlElementPtr kvxParseDocument(TbString const& text, xmlLimits const& limits = {},
+                                             TbString const& file = TbString());
 
 /// A new "KVX" element without attributes.
 [[nodiscard]] xmlElementPtr kvxNewDocument();

@@ -169,10 +169,10 @@ TEST_F(QueryValue, RefusesAMalformedFile) {
     TbString value;
     write("config.xml", "<KVX A=\"1\"");
     expectFailure([&] { m_Context.QueryValue("config.xml", "A", value); }, KVX_E_INVALID_FORMAT, "kvxctx", 46,
-                  "invalid file format");
+                  "invalid file format (config.xml)");
     write("config.xml", "<OTHER><KVX A=\"1\"/></OTHER>");
     expectFailure([&] { m_Context.QueryValue("config.xml", "A", value); }, KVX_E_INVALID_FORMAT, "kvxctx", 49,
-                  "invalid file format");
+                  "invalid file format (config.xml)");
 }
 
 TEST_F(QueryValue, RaisesTheReadersCodeForAMissingFile) {

@@ -167,12 +167,12 @@ public class CoreFailuresTest {
         cause(name, 0x8004020D, "requested item was not found", scene -> scene.setup.GetAttribute("config.xml", "X"));
         cause(name, 0x8004020D, "requested item was not found",
               scene -> scene.with("some.xml", "<KVX EMPTY=\"\"/>").setup.GetAttribute("some.xml", "EMPTY"));
-        cause(name, 0x80040204, "invalid file format",
+        cause(name, 0x80040204, "invalid file format (some.xml)",
               scene -> scene.with("some.xml", "<KVX").setup.GetAttribute("some.xml", "X"));
         name = "ConfigurationSetup.SetAttribute";
         cause(name, 0x80040201, "no context present", scene -> scene.fresh.SetAttribute("config.xml", "X", "y"));
         cause(name, 0x80040219, "ErrorCode = 0x80040219", scene -> scene.setup.SetAttribute("none.xml", "X", "y"));
-        cause(name, 0x80040204, "invalid file format",
+        cause(name, 0x80040204, "invalid file format (some.xml)",
               scene -> scene.with("some.xml", "<OTHER/>").setup.SetAttribute("some.xml", "X", "y"));
     }
 
@@ -188,7 +188,7 @@ public class CoreFailuresTest {
         String name = "MessageFactory.nCreatePayInit";
         cause(name, 0x80040219, "ErrorCode = 0x80040219",
               scene -> scene.without("keys/current").factory.CreatePayInit());
-        cause(name, 0x80040204, "invalid file format",
+        cause(name, 0x80040204, "invalid file format (default.xml)",
               scene -> scene.with("default.xml", "no document").factory.CreatePayInit());
         cause("MessageFactory.nCreatePayComplete", 0x80040219, "ErrorCode = 0x80040219",
               scene -> scene.without("keys/current").factory.CreatePayComplete("P1", "T1"));
@@ -204,7 +204,7 @@ public class CoreFailuresTest {
         cause(name, 0x8004020D, "requested item was not found", scene -> scene.verify("<KVX KEYID=\"0-none\"/>", "00"));
         cause(name, 0x8004020D, "requested item was not found", scene -> scene.verify("<KVX KEYID=\"../x\"/>", "00"));
         cause(name, 0x8004020B, "invalid key blob", scene -> scene.verify(data, "no digits"));
-        cause(name, 0x8004020B, "invalid key blob",
+        cause(name, 0x8004020B, "invalid key blob (keys/public/0-x)",
               scene -> scene.with("keys/public/0-x", "no digits").verify("<KVX KEYID=\"0-x\"/>", "00"));
         cause(name, 0x80040214, "invalid signature",
               scene -> scene.verify(data, AccountDirectory.serverSignature(data + " ")));
@@ -229,7 +229,7 @@ public class CoreFailuresTest {
         cause(name, 0x80040206, "invalid URL", scene -> scene.with("config.xml", "<KVX VTURL=\"x\"/>").url());
         cause(name, 0x8004020D, "requested item was not found",
               scene -> scene.without("keys/private/" + AccountDirectory.MERCHANT_KEY).url());
-        cause(name, 0x8004020B, "invalid key blob",
+        cause(name, 0x8004020B, "invalid key blob (keys/private/" + AccountDirectory.MERCHANT_KEY + ")",
               scene -> scene.with("keys/private/" + AccountDirectory.MERCHANT_KEY, "no digits").url());
         cause(name, 0x80040209, "cryptographic error",
               scene -> scene.with("keys/private/" + AccountDirectory.MERCHANT_KEY, "00").url());
