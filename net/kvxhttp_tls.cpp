@@ -12,6 +12,7 @@
 #include <climits>
 #include <cstdio>
 
+#include "foundation/tbforkgate.h"
 #include "foundation/tbsystem.h"
 #include "net/kvxhttp.h"
 #include "net/kvxhttp_errno.h"
@@ -29,17 +30,37 @@ bool isCleanEnd(int kind, int reason) {
     return kind == SSL_ERROR_ZERO_RETURN || (kind == SSL_ERROR_SSL && reason == SSL_R_UNEXPECTED_EOF_WHILE_READING);
 }
 
+/// Lets forks through while the session, inside a gate, waits for its socket.
+long openGateDuringIo(BIO*, int operation, char const*, std::size_t, int, long, int result, std::size_t*) {
+    switch (operation) {
+        case BIO_CB_READ:
+        case BIO_CB_WRITE:
+            TbForkGate::open();
+            break;
+        case BIO_CB_READ | BIO_CB_RETURN:
+        case BIO_CB_WRITE | BIO_CB_RETURN:
+            TbForkGate::close();
+            break;
+        default:
+            break;
+    }
+    return result;
+}
+
 }  // namespace
 
 void SslConnection::ContextReleaser::operator()(ssl_ctx_st* context) const noexcept {
+    TbForkGate const gate;
     SSL_CTX_free(context);
 }
 
 void SslConnection::SessionReleaser::operator()(ssl_st* session) const noexcept {
+    TbForkGate const gate;
     SSL_free(session);
 }
 
 SslConnection::SslConnection() {
+    TbForkGate const gate;
     ERR_clear_error();
     SSL_library_init();
     SSL_load_error_strings();
@@ -89,8 +110,13 @@ int SslConnection::run(Call call) {
     for (;;) {
         ERR_clear_error();
         errno = 0;
-        int const result = call(m_Session.get());
-        int const failure = errno;
+        int result = 0;
+        int failure = 0;
+        {
+            TbForkGate const gate;
+            result = call(m_Session.get());
+            failure = errno;
+        }
         if (result > 0) {
             return result;
         }
@@ -167,9 +193,14 @@ int SslConnection::handshake() {
     m_Kind = SSL_ERROR_SSL;
     m_Reason = 0;
     m_IsLate = false;
-    m_Session.reset(m_Context == nullptr ? nullptr : SSL_new(m_Context.get()));
-    if (m_Session == nullptr || SSL_set_fd(m_Session.get(), m_Socket) != 1) {
-        return -1;
+    m_Session.reset();
+    {
+        TbForkGate const gate;
+        m_Session.reset(m_Context == nullptr ? nullptr : SSL_new(m_Context.get()));
+        if (m_Session == nullptr || SSL_set_fd(m_Session.get(), m_Socket) != 1) {
+            return -1;
+        }
+        BIO_set_callback_ex(SSL_get_rbio(m_Session.get()), &openGateDuringIo);
     }
     int const result = run([](SSL* session) { return SSL_connect(session); });
     return result == -1 && isCleanEnd(m_Kind, m_Reason) ? 0 : result;

@@ -3,13 +3,21 @@
 // Each child must make a payment URL, or create and destroy objects, within two seconds; one that does not is killed
 // and counts as a failure. KVX_FORKS sets how many children a test has (200 otherwise).
 
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <atomic>
+#include <csignal>
 #include <cstdlib>
 #include <functional>
+#include <future>
 #include <thread>
 
 #include "tests/api/apisupport.h"
 #include "tests/support/processes.h"
+#include "tests/support/tlsserver.h"
+#include "tests/support/waiting.h"
 
 using namespace kvxtest;
 
@@ -91,6 +99,47 @@ std::int32_t createAndDestroyAllKinds() {
     return KVX_OK;
 }
 
+/// A TLS server in a process of its own, whose threads hold none of this process's locks.
+class TlsServerProcess {
+public:
+    TlsServerProcess() {
+        int pipe[2] = {-1, -1};
+        EXPECT_EQ(::pipe(pipe), 0);
+        m_Id = ::fork();
+        if (m_Id == 0) {
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+            TlsServer const server(httpResponse("<KVX MSGTYPE=\"PayConfirm\"/>"));
+            std::uint16_t const port = server.port();
+            EXPECT_EQ(::write(pipe[1], &port, sizeof port), static_cast<ssize_t>(sizeof port));
+            for (;;) {
+                ::pause();
+            }
+        }
+        EXPECT_EQ(::read(pipe[0], &m_Port, sizeof m_Port), static_cast<ssize_t>(sizeof m_Port));
+        ::close(pipe[0]);
+        ::close(pipe[1]);
+    }
+    TlsServerProcess(TlsServerProcess const&) = delete;
+    TlsServerProcess& operator=(TlsServerProcess const&) = delete;
+    ~TlsServerProcess() {
+        ::kill(m_Id, SIGKILL);
+        ::waitpid(m_Id, nullptr, 0);
+    }
+
+    [[nodiscard]] std::string url() const { return "https://127.0.0.1:" + std::to_string(m_Port); }
+
+private:
+    pid_t m_Id = -1;
+    std::uint16_t m_Port = 0;
+};
+
+std::int32_t capture(std::string const& directory) {
+    FactoryHandle const factory(directory);
+    MadeMessage message;
+    std::int32_t const result = MessageFactory_CreatePayComplete(factory.get(), "id", "token", message.out());
+    return result == KVX_OK ? MessageObject_Capture(message.get()) : result;
+}
+
 int exitCode(std::int32_t result) {
     return result == KVX_OK ? 0 : 1;
 }
@@ -100,6 +149,39 @@ TEST(ForkedChild, MakesAPaymentUrlBesideThreadsThatDo) {
     std::string const path = account.path();
     BusyThreads const threads([&] { EXPECT_EQ(makePaymentUrl(path), KVX_OK); });
     expectChildrenSucceed(forksFromEnvironment(), [&] { return exitCode(makePaymentUrl(path)); });
+}
+
+TEST(ForkedChild, MakesAPaymentUrlBesideThreadsThatTalkTls) {
+    TlsServerProcess const server;
+    AccountDirectory const account;
+    account.setAddress(server.url());
+    std::string const path = account.path();
+    BusyThreads const threads([&] { EXPECT_EQ(capture(path), KVX_OK); });
+    expectChildrenSucceed(forksFromEnvironment(), [&] { return exitCode(makePaymentUrl(path)); });
+}
+
+TEST(Fork, DoesNotWaitForAThreadThatWaitsForATlsServer) {
+    std::promise<void> arrived;
+    std::promise<void> mayEnd;
+    std::future<void> const ending = mayEnd.get_future();
+    RawServer const server([&](Peer& peer) {
+        peer.receive();  // the client's first message, which gets no answer
+        arrived.set_value();
+        EXPECT_EQ(ending.wait_for(kTimeout), std::future_status::ready);
+    });
+    AccountDirectory const account;
+    account.setAddress("https://127.0.0.1:" + server.portText());
+    std::thread waiting([&] { EXPECT_NE(capture(account.path()), KVX_OK); });
+    EXPECT_EQ(arrived.get_future().wait_for(kTimeout), std::future_status::ready);
+    std::atomic<bool> isDone{false};
+    std::thread forking([&] {
+        EXPECT_EQ(inChildProcess([&] { return exitCode(makePaymentUrl(account.path())); }, kLimit), 0);
+        isDone = true;
+    });
+    EXPECT_TRUE(waitUntil([&] { return isDone.load(); }));
+    mayEnd.set_value();
+    forking.join();
+    waiting.join();
 }
 
 TEST(ForkedChild, CreatesObjectsBesideThreadsThatCreateAndDestroyThem) {

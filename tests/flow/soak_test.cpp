@@ -62,8 +62,9 @@ class Soak : public FaultTable {
 protected:
     /// One row of a random exchange of the merchant's.
     void expectARandomRow() {
-        constexpr ExchangeKind kExchanges[] = {ExchangeKind::kCapture,  ExchangeKind::kComplete, ExchangeKind::kSetup,
-                                               ExchangeKind::kDefaults, ExchangeKind::kKeyQuery, ExchangeKind::kKeyExport};
+        constexpr ExchangeKind kExchanges[] = {ExchangeKind::kCapture,  ExchangeKind::kComplete,
+                                               ExchangeKind::kSetup,    ExchangeKind::kDefaults,
+                                               ExchangeKind::kKeyQuery, ExchangeKind::kKeyExport};
         ExchangeKind const exchange = kExchanges[m_Random.below(std::size(kExchanges))];
         std::vector<FaultTableRow> const rows = rowsOf(exchange);
         std::vector<FaultTableRow> const one{rows[m_Random.below(rows.size())]};
