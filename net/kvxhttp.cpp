@@ -150,6 +150,23 @@ void KVX_HttpSession::startLimits() {
     m_Limits.isQuiet = transfer.isQuiet;
 }
 
+/// What the transfer wants checked must be there before a name is looked up or anything is sent.
+void KVX_HttpSession::prepareTls() {
+    KVX_Transfer const& transfer = m_Record.transfer;
+    if (!isSecure() || (!transfer.verifyPeer && transfer.minimumVersion == KVX_TlsVersion::Any)) {
+        return;
+    }
+    auto* const connection = new SslConnection(transfer, m_Record.host);
+    m_Tls.reset(connection);
+    if (connection->Readiness() != KVX_OK) {
+        kvx::kSourceHttp.fail(connection->Readiness(), kvx::kLineTlsNotReady, "failed to setup protocol");
+    }
+}
+
+KVX_HttpSession::ConnectionHolder KVX_HttpSession::takeTls() {
+    return m_Tls != nullptr ? std::move(m_Tls) : ConnectionHolder(new SslConnection);
+}
+
 void KVX_HttpSession::useConnection(ConnectionHolder connection) {
     connection->SetLimits(m_Limits);
     m_Connection = std::move(connection);
@@ -158,6 +175,7 @@ void KVX_HttpSession::useConnection(ConnectionHolder connection) {
 void KVX_HttpSession::ConnectNetwork() {
     requireState(kCreated, "ConnectNetwork", kvx::kLineConnectState);
     startLimits();
+    prepareTls();
     sockaddr_in address = {};
     auto* const target = reinterpret_cast<sockaddr*>(&address);
     if (usesProxy()) {
@@ -176,7 +194,7 @@ void KVX_HttpSession::ConnectNetwork() {
         }
         requireKnownScheme(kvx::kLineScheme);
         if (isSecure()) {
-            useConnection(ConnectionHolder(new SslConnection));
+            useConnection(takeTls());
         } else {
             useConnection(ConnectionHolder(new SockConnection));
         }
@@ -225,7 +243,7 @@ void KVX_HttpSession::ProxyConnect() {
     if (status != kStatusOk) {
         kvx::kSourceHttp.fail(KVX_E_HTTP_FAMILY | status, kvx::kLineProxyStatus);
     }
-    ConnectionHolder tunnel(new SslConnection);
+    ConnectionHolder tunnel = takeTls();
     tunnel->SetLimits(m_Limits);
     tunnel->Attach(m_Connection->Detach());
     m_Connection = std::move(tunnel);

@@ -135,11 +135,36 @@ private:
     char m_Buffer[kChunk + 1];  ///< Received bytes and a terminator.
 };
 
-/// A TLS client over a TCP socket. Deliberate (certificate-unverified): the peer's certificate is not verified.
+/// Statuses beside KVX_E_TLS_FAMILY that the checks of a KVX_Transfer add. Those of the TLS library itself, its reason
+/// numbers and kinds of failure, are all below the first. Published. Do not change.
+///
+/// | Code       | The peer's certificate                                      |
+/// |------------|-------------------------------------------------------------|
+/// | 0x80044809 | is not valid yet                                            |
+/// | 0x8004480A | has expired                                                 |
+/// | 0x80044812 | is signed by itself and not trusted                         |
+/// | 0x80044813 | has an authority that the peer sent, but that is not trusted |
+/// | 0x80044814 | has an unknown authority                                    |
+/// | 0x8004483E | is for another host name                                    |
+/// | 0x80044840 | is for another address                                      |
+inline constexpr std::int32_t kKvxTlsCertificate =
+    0x800;                                           ///< Plus the TLS library's number of the refusal, X509_V_ERR_...
+inline constexpr std::int32_t kKvxTlsTrust = 0x900;  ///< The trusted authorities cannot be read, or there are none.
+inline constexpr std::int32_t kKvxTlsHost = 0x901;   ///< The host is no name that a certificate can have.
+
+/// A TLS client over a TCP socket.
 class KVX_EXPORT SslConnection : public KVX_Connection {
 public:
+    /// Deliberate (certificate-unverified): the peer's certificate is not verified.
     SslConnection();
+
+    /// Checks the peer as `transfer` says: with `verifyPeer` its certificate must lead to a trusted authority and be
+    /// for `host`, a name or dotted address, and a name is announced to it (SNI). Both copied as far as needed.
+    SslConnection(KVX_Transfer const& transfer, TbString const& host);
     ~SslConnection() override;
+
+    /// KVX_OK, or the code for which Setup will refuse every peer: KVX_E_TLS_FAMILY | kKvxTlsTrust, or kKvxTlsHost.
+    [[nodiscard]] std::int32_t Readiness() const { return m_Refusal; }
 
     /// Deliberate (tls-connect-last-result): when no socket can be made, the result is the last one held; at first
     /// KVX_E_SOCKET_FAMILY alone.
@@ -161,7 +186,7 @@ public:
 
     /// Runs the handshake. Traces "USE SSL"; a failure prints "SSL ERROR: connect failed" to standard output.
     /// Deliberate (clean-end-in-handshake): a peer that closes cleanly instead of shaking hands is no failure; the next
-    /// operation fails.
+    /// operation fails. A connection that verifies its peer takes it for the failure it is.
     std::int32_t Setup() override;
 
 private:
@@ -177,6 +202,8 @@ private:
     template <class Call>
     int run(Call call);
     bool waitAsWanted(KvxDeadline const& end);
+    bool expectHost();
+    int refuse(int status);
     int handshake();
 
     int m_Socket = -1;                                       ///< -1 when there is none.
@@ -187,6 +214,9 @@ private:
     int m_Kind = 0;                                          ///< Kind of the last failure, as the TLS library has it.
     int m_Reason = 0;                                        ///< Its reason number, 0 when there is none.
     bool m_IsLate = false;                                   ///< The last operation ended at a limit.
+    bool m_Verifies = false;                                 ///< The peer's certificate counts.
+    TbString m_Host;                                         ///< For which it must be.
+    std::int32_t m_Refusal = KVX_OK;                         ///< See Readiness.
 };
 
 /// The input of one session.
@@ -265,6 +295,8 @@ protected:
 
 private:
     void putHost(TbStringStream& out) const;
+    void prepareTls();
+    ConnectionHolder takeTls();
     void startLimits();
     void useConnection(ConnectionHolder connection);
     [[nodiscard]] bool usesProxy() const;
@@ -274,6 +306,7 @@ private:
     void requireKnownScheme(long line) const;
 
     KVX_ConnectionLimits m_Limits;  ///< From ConnectNetwork on.
+    ConnectionHolder m_Tls;         ///< Prepared before anything is sent, until it is used; null without checks.
 };
 
 /// Runs a whole session over `request` and appends the body of the response to `out`. A `request` that is part of a

@@ -5,8 +5,10 @@
 // asked later. The peer is not verified. Odd: a peer that closes cleanly during the handshake counts as connected, and
 // the next call finds out.
 
+#include <arpa/inet.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
+#include <openssl/x509v3.h>
 
 #include <cerrno>
 #include <climits>
@@ -18,12 +20,16 @@
 #include "net/kvxhttp_errno.h"
 #include "net/kvxlines_net.h"
 #include "net/kvxsocket.h"
+#include "net/kvxtls.h"
 #include "net/kvxwait.h"
 
 namespace {
 
 /// How much of a reason number fits beside the family.
 constexpr int kReasonMask = 0xFFF;
+
+/// How much of a refused certificate's number fits beside kKvxTlsCertificate; all that there are do.
+constexpr long kVerifyMask = 0xFF;
 
 /// Whether the peer has closed the connection cleanly, with or without a close notification.
 bool isCleanEnd(int kind, int reason) {
@@ -67,6 +73,17 @@ SslConnection::SslConnection() {
     m_Context.reset(SSL_CTX_new(SSLv23_method()));
     if (m_Context != nullptr) {
         SSL_CTX_set_options(m_Context.get(), SSL_OP_IGNORE_UNEXPECTED_EOF);
+    }
+}
+
+SslConnection::SslConnection(KVX_Transfer const& transfer, TbString const& host) : SslConnection() {
+    m_Verifies = transfer.verifyPeer;
+    m_Host = host;
+    if (m_Verifies && m_Host.isEmpty()) {
+        m_Refusal = KVX_E_TLS_FAMILY | kKvxTlsHost;  // the TLS library would take it for any host
+    }
+    if (m_Context != nullptr && !kvxProtect(m_Context.get(), transfer)) {
+        m_Refusal = KVX_E_TLS_FAMILY | kKvxTlsTrust;
     }
 }
 
@@ -188,6 +205,30 @@ int SslConnection::Detach() {
     return socket;
 }
 
+/// Makes the session accept a certificate for the host alone, which a peer of several names is told. An address is no
+/// name: it is not announced. False for a host that no certificate can be for.
+bool SslConnection::expectHost() {
+    SSL* const session = m_Session.get();
+    X509_VERIFY_PARAM* const expected = SSL_get0_param(session);
+    X509_VERIFY_PARAM_set_hostflags(expected, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
+    // What the connection takes for an address is one here too.
+    in_addr_t const address = ::inet_addr(m_Host.c_str());
+    if (address != INADDR_NONE) {
+        auto const* const bytes = reinterpret_cast<unsigned char const*>(&address);
+        return X509_VERIFY_PARAM_set1_ip(expected, bytes, sizeof address) == 1;
+    }
+    auto* const name = const_cast<char*>(m_Host.c_str());  // it is copied
+    return X509_VERIFY_PARAM_set1_host(expected, m_Host.c_str(), m_Host.length()) == 1 &&
+           SSL_ctrl(session, SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name, name) == 1;
+}
+
+/// A failure with a status of our own.
+int SslConnection::refuse(int status) {
+    m_Kind = SSL_ERROR_SSL;
+    m_Reason = status;
+    return -1;
+}
+
 /// The result of the handshake: 0 or more, or -1.
 int SslConnection::handshake() {
     m_Kind = SSL_ERROR_SSL;
@@ -202,8 +243,21 @@ int SslConnection::handshake() {
         }
         BIO_set_callback_ex(SSL_get_rbio(m_Session.get()), &openGateDuringIo);
     }
+    if (m_Refusal != KVX_OK) {
+        return refuse(m_Refusal & kReasonMask);
+    }
+    if (m_Verifies && !expectHost()) {
+        return refuse(kKvxTlsHost);
+    }
     int const result = run([](SSL* session) { return SSL_connect(session); });
-    return result == -1 && isCleanEnd(m_Kind, m_Reason) ? 0 : result;
+    if (!m_Verifies) {
+        return result == -1 && isCleanEnd(m_Kind, m_Reason) ? 0 : result;
+    }
+    long const verified = SSL_get_verify_result(m_Session.get());
+    if (!m_IsLate && verified != X509_V_OK) {
+        return refuse(kKvxTlsCertificate | static_cast<int>(verified & kVerifyMask));
+    }
+    return result > 0 ? result : -1;
 }
 
 std::int32_t SslConnection::Setup() {

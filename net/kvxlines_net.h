@@ -13,6 +13,7 @@ inline constexpr long kLineLookupFailed          = 338;  // trace "DNS LOOKUP", 
 inline constexpr long kLineLookupDone            = 347;  // trace "DNS LOOKUP", found
 inline constexpr long kLineUseSsl                = 419;  // trace "USE SSL"
 inline constexpr long kLineConnectState          = 612;  // connect, out of order
+inline constexpr long kLineTlsNotReady           = 618;  // checks of TLS that cannot be made
 inline constexpr long kLineProxyAddress          = 624;  // proxy not resolved
 inline constexpr long kLineUseProxy              = 629;  // trace "USE PROXY"
 inline constexpr long kLineProxyScheme           = 634;  // proxy, unknown scheme

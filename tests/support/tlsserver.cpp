@@ -18,13 +18,18 @@ namespace kvxtest {
 namespace {
 
 constexpr int kKeyBits = 2048;
-constexpr long kBackdatedSeconds = -3600;
-constexpr long kLifeSeconds = 86400;
 
 void require(bool condition, char const* what) {
     if (!condition) {
         throw std::runtime_error(std::string("OpenSSL failed: ") + what);
     }
+}
+
+void addExtension(X509* certificate, int kind, char const* value) {
+    X509_EXTENSION* const extension = X509V3_EXT_conf_nid(nullptr, nullptr, kind, value);
+    bool const isAdded = extension != nullptr && X509_add_ext(certificate, extension, -1) == 1;
+    X509_EXTENSION_free(extension);
+    require(isAdded, "an extension of the certificate");
 }
 
 std::string textOf(BIO* bio) {
@@ -36,18 +41,33 @@ std::string textOf(BIO* bio) {
 }  // namespace
 
 TlsIdentity::TlsIdentity() : m_Key(EVP_RSA_gen(kKeyBits)), m_Certificate(X509_new()) {
+    certify({});
+}
+
+TlsIdentity::TlsIdentity(CertificateOptions const& options) : m_Key(EVP_EC_gen("P-256")), m_Certificate(X509_new()) {
+    certify(options);
+}
+
+void TlsIdentity::certify(CertificateOptions const& options) {
     require(m_Key != nullptr && m_Certificate != nullptr, "key generation");
     X509* const certificate = m_Certificate.get();
     X509_set_version(certificate, X509_VERSION_3);
     ASN1_INTEGER_set(X509_get_serialNumber(certificate), 1);
-    X509_gmtime_adj(X509_getm_notBefore(certificate), kBackdatedSeconds);
-    X509_gmtime_adj(X509_getm_notAfter(certificate), kLifeSeconds);
+    X509_gmtime_adj(X509_getm_notBefore(certificate), options.m_ValidFrom);
+    X509_gmtime_adj(X509_getm_notAfter(certificate), options.m_ValidTo);
     X509_set_pubkey(certificate, m_Key.get());
     X509_NAME* const name = X509_get_subject_name(certificate);
-    auto const* const host = reinterpret_cast<unsigned char const*>("localhost");
+    auto const* const host = reinterpret_cast<unsigned char const*>(options.m_Name.c_str());
     X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, host, -1, -1, 0);
-    X509_set_issuer_name(certificate, name);
-    require(X509_sign(certificate, m_Key.get(), EVP_sha256()) > 0, "signing the certificate");
+    TlsIdentity const& issuer = options.m_Issuer == nullptr ? *this : *options.m_Issuer;
+    X509_set_issuer_name(certificate, X509_get_subject_name(issuer.certificate()));
+    if (options.m_IsAuthority) {
+        addExtension(certificate, NID_basic_constraints, "critical,CA:TRUE");
+    }
+    if (!options.m_Hosts.empty()) {
+        addExtension(certificate, NID_subject_alt_name, options.m_Hosts.c_str());
+    }
+    require(X509_sign(certificate, issuer.key(), EVP_sha256()) > 0, "signing the certificate");
 }
 
 std::string TlsIdentity::certificatePem() const {
@@ -70,8 +90,12 @@ TlsIdentity const& TlsIdentity::shared() {
 TlsPeer::TlsPeer(Peer& plain, TlsOptions const& options) : Peer(-1), m_Context(SSL_CTX_new(TLS_server_method())) {
     require(m_Context != nullptr, "server context");
     if (options.m_WithCertificate) {
-        SSL_CTX_use_certificate(m_Context.get(), TlsIdentity::shared().certificate());
-        SSL_CTX_use_PrivateKey(m_Context.get(), TlsIdentity::shared().key());
+        TlsIdentity const& identity = options.m_Identity == nullptr ? TlsIdentity::shared() : *options.m_Identity;
+        SSL_CTX_use_certificate(m_Context.get(), identity.certificate());
+        SSL_CTX_use_PrivateKey(m_Context.get(), identity.key());
+        if (options.m_Authority != nullptr) {
+            SSL_CTX_add1_chain_cert(m_Context.get(), options.m_Authority->certificate());
+        }
     }
     if (options.m_Version != 0) {
         SSL_CTX_set_min_proto_version(m_Context.get(), options.m_Version);
@@ -94,6 +118,11 @@ bool TlsPeer::send(std::string_view bytes) {
     int const count = bytes.empty() ? 1 : SSL_write(m_Session.get(), bytes.data(), static_cast<int>(bytes.size()));
     ERR_clear_error();
     return count > 0;
+}
+
+std::string TlsPeer::serverName() const {
+    char const* const name = SSL_get_servername(m_Session.get(), TLSEXT_NAMETYPE_host_name);
+    return name == nullptr ? "" : name;
 }
 
 void TlsPeer::notifyClose() {

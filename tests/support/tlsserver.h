@@ -21,10 +21,26 @@ struct OpenSslReleaser {
 template <class T>
 using OpenSslHolder = std::unique_ptr<T, OpenSslReleaser>;
 
-/// An RSA key of 2048 bits and a certificate that it signed itself, for "localhost".
+class TlsIdentity;
+
+/// What a certificate says.
+struct CertificateOptions {
+    std::string m_Name = "localhost";  ///< The common name.
+    std::string m_Hosts;               ///< Such as "DNS:localhost,IP:127.0.0.1"; empty for none.
+    long m_ValidFrom = -3600;          ///< Seconds from now.
+    long m_ValidTo = 86400;
+    bool m_IsAuthority = false;
+    TlsIdentity const* m_Issuer = nullptr;  ///< Null: it is signed by itself.
+};
+
+/// A key and its certificate.
 class TlsIdentity {
 public:
+    /// An RSA key of 2048 bits and a certificate that it signed itself, for "localhost".
     TlsIdentity();
+
+    /// A key on a curve, which is quicker to make.
+    explicit TlsIdentity(CertificateOptions const& options);
 
     [[nodiscard]] X509* certificate() const { return m_Certificate.get(); }
     [[nodiscard]] EVP_PKEY* key() const { return m_Key.get(); }
@@ -35,14 +51,18 @@ public:
     static TlsIdentity const& shared();
 
 private:
+    void certify(CertificateOptions const& options);
+
     OpenSslHolder<EVP_PKEY> m_Key;
     OpenSslHolder<X509> m_Certificate;
 };
 
 /// How a TLS peer differs from an ordinary one.
 struct TlsOptions {
-    int m_Version = 0;              ///< The only protocol version, such as TLS1_2_VERSION; 0 for any.
-    bool m_WithCertificate = true;  ///< Without one the handshake ends in an alert.
+    int m_Version = 0;                         ///< The only protocol version, such as TLS1_2_VERSION; 0 for any.
+    bool m_WithCertificate = true;             ///< Without one the handshake ends in an alert.
+    TlsIdentity const* m_Identity = nullptr;   ///< Null: the one of this process. Outlives the peer.
+    TlsIdentity const* m_Authority = nullptr;  ///< Its certificate is sent too.
 };
 
 /// Talks TLS over another peer, which it borrows. Check `isReady` before use.
@@ -55,6 +75,9 @@ public:
 
     std::string receive() override;
     bool send(std::string_view bytes) override;
+
+    /// The name that the client has asked for; empty when there was none.
+    [[nodiscard]] std::string serverName() const;
 
     /// Sends the TLS close alert; without it the connection just closes.
     void notifyClose();

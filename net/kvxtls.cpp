@@ -1,0 +1,79 @@
+#include "net/kvxtls.h"
+
+#include <openssl/err.h>
+#include <openssl/pem.h>
+
+#include <memory>
+
+#include "core/kvxfile.h"
+#include "foundation/tbreleaser.h"
+
+namespace {
+
+using BioHolder = std::unique_ptr<BIO, TbReleaser<BIO_free_all>>;
+using CertificateHolder = std::unique_ptr<X509, TbReleaser<X509_free>>;
+
+/// The TLS library's number of a version.
+int numberOf(KVX_TlsVersion version) {
+    switch (version) {
+        case KVX_TlsVersion::Any:
+            break;
+        case KVX_TlsVersion::Tls10:
+            return TLS1_VERSION;
+        case KVX_TlsVersion::Tls11:
+            return TLS1_1_VERSION;
+        case KVX_TlsVersion::Tls12:
+            return TLS1_2_VERSION;
+        case KVX_TlsVersion::Tls13:
+            return TLS1_3_VERSION;
+    }
+    return 0;
+}
+
+/// Raises the lowest version; the configuration of the TLS library may demand a higher one already.
+bool raiseVersion(SSL_CTX* context, KVX_TlsVersion version) {
+    int const number = numberOf(version);
+    return SSL_CTX_get_min_proto_version(context) >= number || SSL_CTX_set_min_proto_version(context, number) == 1;
+}
+
+/// No certificate needs a pass phrase, and nobody is asked for one.
+int noPassPhrase(char*, int, int, void*) {
+    return 0;
+}
+
+/// Trusts every certificate of a PEM file. False unless there are some and all are whole.
+bool trustFile(SSL_CTX* context, char const* path) {
+    TbStringStream text;
+    if (kvxReadFile(path, text) != KvxReadResult::kDone) {
+        return false;
+    }
+    BioHolder const pem(BIO_new_mem_buf(text.c_str(), static_cast<int>(text.length())));
+    if (pem == nullptr) {
+        return false;
+    }
+    int count = 0;
+    for (;; ++count) {
+        CertificateHolder const certificate(PEM_read_bio_X509_AUX(pem.get(), nullptr, &noPassPhrase, nullptr));
+        if (certificate == nullptr) {
+            break;
+        }
+        if (X509_STORE_add_cert(SSL_CTX_get_cert_store(context), certificate.get()) != 1) {
+            return false;
+        }
+    }
+    return count > 0 && ERR_GET_REASON(ERR_peek_last_error()) == PEM_R_NO_START_LINE;
+}
+
+}  // namespace
+
+bool kvxProtect(SSL_CTX* context, KVX_Transfer const& transfer) {
+    ERR_clear_error();
+    bool isReady = raiseVersion(context, transfer.minimumVersion);
+    if (isReady && transfer.verifyPeer) {
+        SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
+        isReady = transfer.trustFile.isEmpty() ? SSL_CTX_set_default_verify_paths(context) == 1
+                                               : trustFile(context, transfer.trustFile.c_str());
+    }
+    ERR_clear_error();
+    return isReady;
+}
