@@ -1,0 +1,133 @@
+// A document holds at most 190 bytes of memory for each byte of its text, whatever its shape.
+//
+// The shapes are those that an attacker would choose: as many elements, attributes, runs of text and entities as fit
+// into a byte. Each one is tried in four sizes, each twice as large as the one before, so that growth shows. What is
+// refused costs no more than what is accepted.
+
+#include <gtest/gtest.h>
+
+#include "tests/support/costs.h"
+#include "tests/support/tbtext.h"
+#include "tests/xml/xmlsupport.h"
+
+using namespace kvxtest;
+
+namespace {
+
+constexpr std::size_t kKilo = 1024;
+/// Held by the document. The most expensive shape is an element with one attribute, <a b/>: six bytes, two objects, an
+/// entry each in two containers, and strings with their slack.
+constexpr std::uint64_t kHeldForEachByte = 190;
+
+/// Asked of the allocator on the way, most of it given back at once: one attribute is a name, a value, both escaped and
+/// as a pair, each with the slack of a string.
+constexpr std::uint64_t kRequestedForEachByte = 300;
+
+/// `piece` again and again, `size` bytes at least.
+std::string repeated(std::string const& piece, std::size_t size) {
+    std::string text;
+    while (text.size() < size) {
+        text += piece;
+    }
+    return text;
+}
+
+/// Pieces with a number each, `size` bytes at least.
+std::string numbered(std::string const& before, std::string const& after, std::size_t size) {
+    std::string text;
+    for (int number = 0; text.size() < size; ++number) {
+        text += before + std::to_string(number) + after;
+    }
+    return text;
+}
+
+struct Shape {
+    char const* m_Name;
+    std::string (*m_Make)(std::size_t size);
+    bool m_IsDocument;
+};
+
+Shape const kShapes[] = {
+    {"deep", [](std::size_t n) { return repeated("<a>", n / 2) + repeated("</>", n / 2); }, true},
+    {"deep and left open", [](std::size_t n) { return repeated("<a>", n); }, false},
+    {"deep with attributes", [](std::size_t n) { return repeated("<a b>", n / 2) + repeated("</ab>", n / 2); }, true},
+    {"siblings", [](std::size_t n) { return repeated("<a/>", n); }, true},
+    {"siblings of different tags", [](std::size_t n) { return numbered("<a", "/>", n); }, true},
+    {"siblings with one attribute", [](std::size_t n) { return repeated("<a b/>", n); }, true},
+    {"attributes without a value", [](std::size_t n) { return "<a " + numbered("", " ", n) + "/>"; }, true},
+    {"attributes without quotes", [](std::size_t n) { return "<a " + numbered("b", "=1 ", n) + "/>"; }, true},
+    {"attributes with quotes", [](std::size_t n) { return "<a " + numbered("b", "='' ", n) + "/>"; }, true},
+    {"one attribute again and again", [](std::size_t n) { return "<a " + repeated("b=1 ", n) + "/>"; }, true},
+    {"one value", [](std::size_t n) { return "<a b='" + repeated("x", n) + "'/>"; }, true},
+    {"one value without quotes", [](std::size_t n) { return "<a b=" + repeated("x", n) + "/>"; }, true},
+    {"one name", [](std::size_t n) { return "<a " + repeated("x", n) + "=1/>"; }, true},
+    {"one tag", [](std::size_t n) { return "<" + repeated("x", n) + "/>"; }, true},
+    {"one text", [](std::size_t n) { return "<a>" + repeated("x", n) + "</a>"; }, true},
+    {"one end tag", [](std::size_t n) { return "<a></" + repeated("x", n) + ">"; }, true},
+    {"long names", [](std::size_t n) { return "<a " + numbered(repeated("x", 200), "=1 ", n) + "/>"; }, true},
+    {"dotted names", [](std::size_t n) { return "<a " + numbered("name.space-", ".name='v' ", n) + "/>"; }, true},
+    {"names with colons", [](std::size_t n) { return "<a " + numbered("xmlns:n", "='u' ", n) + "/>"; }, false},
+    {"entities", [](std::size_t n) { return "<a b='" + repeated("&lt;", n) + "'/>"; }, true},
+    {"quotes as entities", [](std::size_t n) { return "<a b='" + repeated("&quot;", n) + "'/>"; }, true},
+    {"unknown entities", [](std::size_t n) { return "<a b='" + repeated("&x;", n) + "'/>"; }, true},
+    {"ampersands", [](std::size_t n) { return "<a b='" + repeated("&", n) + "'/>"; }, true},
+    {"ampersands in a text", [](std::size_t n) { return "<a>" + repeated("&", n) + "</a>"; }, true},
+    {"characters to escape", [](std::size_t n) { return "<a b='" + repeated("\"", n) + "'/>"; }, true},
+    {"less-than signs in a value", [](std::size_t n) { return "<a b='" + repeated("<", n) + "'/>"; }, true},
+    {"less-than signs alone", [](std::size_t n) { return repeated("<", n); }, false},
+    {"greater-than signs alone", [](std::size_t n) { return repeated(">", n); }, true},
+    {"white space", [](std::size_t n) { return "<a" + repeated(" \t\r\n", n) + "/>"; }, true},
+    {"texts and elements in turn", [](std::size_t n) { return "<a>" + repeated("x<b/>", n) + "</a>"; }, true},
+    {"growing texts", [](std::size_t n) { return "<a>" + numbered(repeated("x", 100), "<b/>", n) + "</a>"; }, true},
+    {"zero bytes", [](std::size_t n) { return "<a b='" + std::string(n, '\0') + "'/>"; }, true},
+    {"end tags alone", [](std::size_t n) { return repeated("</>", n); }, false},
+};
+
+/// Parses `text`, which must be a document or not, and keeps what comes of it.
+xmlElementPtr parsedShape(Shape const& shape, TbStringStream& in) {
+    xmlElement* out = nullptr;
+    EXPECT_EQ(xmlParser().parseText(in, &out) == 0, shape.m_IsDocument) << shape.m_Name;
+    xmlElementPtr document;
+    document.adopt(out);
+    return document;
+}
+
+TEST(XmlCosts, OfHoldingADocumentOfAnyShapeAreBoundedAndLinear) {
+    for (Shape const& shape : kShapes) {
+        expectLinearCost(shape.m_Name, 16 * kKilo, kHeldForEachByte, [&](std::size_t size) {
+            std::string const text = shape.m_Make(size);
+            TbStringStream in(stringOf(text));
+            std::uint64_t const before = heldBytes();
+            xmlElementPtr const document = parsedShape(shape, in);
+            std::uint64_t const after = heldBytes();
+            return after < before ? 0 : (after - before) * size / text.size();
+        });
+    }
+}
+
+TEST(XmlCosts, OfParsingAnyShapeAreBoundedAndLinear) {
+    for (Shape const& shape : kShapes) {
+        expectLinearCost(shape.m_Name, 8 * kKilo, kRequestedForEachByte, [&](std::size_t size) {
+            std::string const text = shape.m_Make(size);
+            TbStringStream in(stringOf(text));
+            return costOf([&] { parsedShape(shape, in); }).m_Bytes * size / text.size();
+        });
+    }
+}
+
+TEST(XmlCosts, OfWritingAreThoseOfTheTextAndTheWayDown) {
+    for (Shape const& shape : kShapes) {
+        if (!shape.m_IsDocument) {
+            continue;
+        }
+        TbStringStream in(stringOf(shape.m_Make(128 * kKilo)));
+        xmlElementPtr const document = parsedShape(shape, in);
+        TbStringStream written;
+        Cost const cost = costOf([&] { document->toStream(written); });
+        // A deep document keeps a pointer for each open element beside the text; both grow by half.
+        EXPECT_LE(cost.m_Bytes, 5 * (std::uint64_t{written.length()} + sizeof(void*) * (in.length() / 6)) + kKilo)
+            << shape.m_Name;
+    }
+}
+
+}  // namespace
