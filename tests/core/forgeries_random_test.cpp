@@ -16,10 +16,12 @@
 #include "tests/support/tbtext.h"
 
 using namespace kvxtest;
+using namespace std::string_literals;
 
 namespace {
 
 constexpr std::size_t kBlock = 64;
+constexpr std::size_t kDigest = 20;
 constexpr std::size_t kSigned = 256;  ///< Confirmations that are drawn from.
 constexpr char kHex[] = "0123456789abcdef";
 
@@ -69,7 +71,7 @@ std::string changedAt(std::string text, std::size_t at, Change change) {
     return text;
 }
 
-constexpr std::size_t kWays = 9;
+constexpr std::size_t kWays = 10;
 
 /// A signature of `genuine` that is forged in way number `way`: another number than the genuine one.
 std::string forged(Random& random, Genuine const& genuine, std::size_t way) {
@@ -115,10 +117,16 @@ std::string forged(Random& random, Genuine const& genuine, std::size_t way) {
                 return static_cast<char>(byte ^ static_cast<char>(1 + random.below(255)));
             }));
         }
-        default: {  // the digest somewhere else in a block of random bytes, or behind random padding
-            std::string block = std::string("\0\1", 2) + bytesFrom(random, kBlock - 2);
-            std::size_t const at = 2 + random.below(kBlock - 2 - 20 + 1);
-            return BlockSigner::sign(block.replace(at, 20, genuine.m_Block.substr(kBlock - 20)));
+        case 8: {  // right padding and the digest, with random bytes before or behind it
+            std::string const digest = genuine.m_Block.substr(kBlock - kDigest);
+            std::string const more = bytesFrom(random, 1 + random.below(kBlock - 11 - kDigest));
+            std::string const payload = random.below(2) == 0 ? digest + more : more + digest;
+            return BlockSigner::sign("\0\1"s + std::string(kBlock - 3 - payload.size(), '\xff') + '\0' + payload);
+        }
+        default: {  // the digest anywhere in a block of random bytes
+            std::string block = "\0\1"s + bytesFrom(random, kBlock - 2);
+            std::size_t const at = 2 + random.below(kBlock - 2 - kDigest + 1);
+            return BlockSigner::sign(block.replace(at, kDigest, genuine.m_Block.substr(kBlock - kDigest)));
         }
     }
 }
