@@ -113,6 +113,16 @@ TEST(Capture, FailsInSigningForAMessageThatWasOnlyOpened) {
     EXPECT_TRUE(server.requests().empty());
 }
 
+TEST(Capture, FailsInSigningAlsoForAMessageUnderTheMerchantsOwnKey) {
+    ExchangeServer server({kCaptured});
+    ServedMerchant account(server);
+    std::string const text = "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"own\" TOKEN=\"t\"/>";
+    KVX_Message message;
+    message.Open(&account.m_Context, text.c_str(), signedElsewhere(text, Widening::kWithSign).c_str());
+    EXPECT_EQ(thrownCode([&] { message.Capture(); }), KVX_E_NOT_FOUND) << "opening never chooses a signing key";
+    EXPECT_TRUE(server.requests().empty());
+}
+
 TEST(Capture, SendsNothingWhenSigningFails) {
     ExchangeServer server({kCaptured});
     ServedMerchant account(server);
