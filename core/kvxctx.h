@@ -172,6 +172,18 @@ private:
                                    TbStringStream& responseText);
     xmlElementPtr exchange(TbString const& baseUrl, TbStringStream& message, TbString const& signature,
                            TbString const& expectedType, TbStringStream& responseText);
+    /// A response of the set-up.
+    struct Fetched {
+        TbStringStream m_Text;
+        xmlElementPtr m_Response;  ///< `m_Text`, parsed.
+    };
+    Fetched fetchConfiguration();
+    Fetched fetchDefaults();
+    Fetched fetchKey(TbString& keyId);
+    void storeDefaults(Fetched const& fetched);
+    void storeKey(TbString const& keyId, Fetched const& fetched);
+    void replaceAccount(bool hasDefaults);
+    void replaceAccountAtOnce(bool hasDefaults);
     void replaceFile(TbString const& file, TbString const& content, KVX_Settings const& settings);
     KvxReadResult tryReadFile(TbString const& file, TbStringStream& content);
     static void requireRead(KvxReadResult result, TbString const& file);

@@ -213,7 +213,7 @@ void KVX_Context::UpdateFile(TbString const& file, TbString const& content) {
     if (m_Path.isEmpty()) {
         kvx::kSourceCtx.fail(KVX_E_NO_CONTEXT, kvx::kLineUpdateNoContext);
     }
-    replaceFile(file, content, KVX_Settings());
+    replaceFile(file, content, settingsForLocalWork());
     kvx::kSourceCtx.trace(kvx::kLineUpdateTrace, "UPDATE", pathOf(file));
 }
 

@@ -2,8 +2,9 @@
 //
 // Reconfigure runs them in order: directories, configuration, defaults unless valid, the server's key, a new own key
 // and its publication. Each step writes its file before the next begins, and "keys/current" is written last, so that a
-// failure anywhere leaves the old signing key in use. The server chooses key ids; one that is no plain file name is
-// refused before it is used as a path.
+// failure anywhere leaves the old signing key in use. With strict keys the first three are fetched and checked before
+// any of them is written. The server chooses key ids; one that is no plain file name is refused before it is used as a
+// path.
 
 #include "core/kvxctx.h"
 #include "core/kvxctx_settings.h"
@@ -19,6 +20,12 @@ void requireWritable(TbString const& keyId) {
     if (!kvxNamesFileInDirectory(keyId)) {
         kvx::kSourceCtx.fail(KVX_E_FILE_NOT_FOUND, kvx::kLineUpdateOpen);
     }
+}
+
+TbString keyBlobIn(xmlElementPtr const& response) {
+    TbString blob("");
+    response->getAttribute("KEYBLOB", blob);
+    return blob;
 }
 
 }  // namespace
@@ -42,7 +49,7 @@ xmlElementPtr KVX_Context::exchangeUnsigned(TbString const& url, xmlElementPtr c
     return exchange(url, message, "", expectedType, responseText);
 }
 
-void KVX_Context::Setup() {
+KVX_Context::Fetched KVX_Context::fetchConfiguration() {
     TbString const url = endpoint(KVX_E_NO_CONFIGURATION, kvx::kLineSetupEndpoint);
     TbString version;
     if (!QueryValueOrAbsent(kvx::kConfigFile, "VERSION", version)) {
@@ -50,38 +57,57 @@ void KVX_Context::Setup() {
     }
     xmlElementPtr const message = request("SetupRequest");
     message->setAttribute("VERSION", version);
-    TbStringStream responseText;
-    xmlElementPtr const response = exchangeUnsigned(url, message, "SetupResponse", responseText);
+    Fetched fetched;
+    fetched.m_Response = exchangeUnsigned(url, message, "SetupResponse", fetched.m_Text);
     TbString paymentUrl("");
-    response->getAttribute("VTURL", paymentUrl);
+    fetched.m_Response->getAttribute("VTURL", paymentUrl);
     if (paymentUrl.isEmpty() && settingsForVerification().m_HasStrictKeys) {
         kvx::kSourceCtx.fail(KVX_E_NO_CONFIGURATION, kvx::kLineSetupNoPaymentUrl);
     }
-    UpdateFile(kvx::kConfigFile, responseText.str());
+    return fetched;
 }
 
-void KVX_Context::LoadDefaults() {
+void KVX_Context::Setup() {
+    UpdateFile(kvx::kConfigFile, fetchConfiguration().m_Text.str());
+}
+
+KVX_Context::Fetched KVX_Context::fetchDefaults() {
     TbString const url = endpoint(KVX_E_NO_ENDPOINT, kvx::kLineDefaultsEndpoint);
-    TbStringStream responseText;
-    exchangeUnsigned(url, request("LoadDefaultsRequest"), "LoadDefaultsResponse", responseText);
-    UpdateFile(kvx::kDefaultsFile, responseText.str());
+    Fetched fetched;
+    fetched.m_Response = exchangeUnsigned(url, request("LoadDefaultsRequest"), "LoadDefaultsResponse", fetched.m_Text);
+    return fetched;
+}
+
+void KVX_Context::storeDefaults(Fetched const& fetched) {
+    UpdateFile(kvx::kDefaultsFile, fetched.m_Text.str());
     kvx::kSourceCtx.trace(kvx::kLineDefaultsTrace, "LOAD DEFAULTS");
 }
 
-void KVX_Context::ImportKey(TbString& keyId) {
+void KVX_Context::LoadDefaults() {
+    storeDefaults(fetchDefaults());
+}
+
+KVX_Context::Fetched KVX_Context::fetchKey(TbString& keyId) {
     TbString const url = endpoint(KVX_E_NO_CONFIGURATION, kvx::kLineImportEndpoint);
     xmlElementPtr const message = request("KeyQueryRequest");
     message->setAttribute("KEYID", keyId);
-    TbStringStream responseText;
-    xmlElementPtr const response = exchangeUnsigned(url, message, "KeyQueryResponse", responseText);
-    TbString blob("");
+    Fetched fetched;
+    fetched.m_Response = exchangeUnsigned(url, message, "KeyQueryResponse", fetched.m_Text);
     // Deliberate (key-stored-as-named): the key id in the response counts, not the one asked for.
-    response->getAttribute("KEYID", keyId);
-    response->getAttribute("KEYBLOB", blob);
+    fetched.m_Response->getAttribute("KEYID", keyId);
     requireWritable(keyId);
-    requireAcceptable(blob);
-    UpdateFile(kvx::publicKeyFile(keyId), blob);
+    requireAcceptable(keyBlobIn(fetched.m_Response));
+    return fetched;
+}
+
+void KVX_Context::storeKey(TbString const& keyId, Fetched const& fetched) {
+    UpdateFile(kvx::publicKeyFile(keyId), keyBlobIn(fetched.m_Response));
     kvx::kSourceCtx.trace(kvx::kLineImportTrace, "IMPORT");
+}
+
+void KVX_Context::ImportKey(TbString& keyId) {
+    Fetched const fetched = fetchKey(keyId);
+    storeKey(keyId, fetched);
 }
 
 void KVX_Context::PublishKey(TbString& keyId) {
@@ -99,6 +125,37 @@ void KVX_Context::PublishKey(TbString& keyId) {
     kvx::kSourceCtx.trace(kvx::kLinePublishTrace, "PUBLISH");
 }
 
+/// Fetches and writes the account's files one after the other.
+void KVX_Context::replaceAccount(bool hasDefaults) {
+    Setup();
+    if (!hasDefaults) {
+        LoadDefaults();
+    }
+    TbString serverKeyId;
+    if (!QueryValue(kvx::kConfigFile, "VTKEYID", serverKeyId)) {
+        kvx::kSourceCtx.fail(KVX_E_NO_CONFIGURATION, kvx::kLineReconfigureKeyId);
+    }
+    ImportKey(serverKeyId);
+}
+
+/// Fetches and checks all of the account's files before it writes the first: a response that is refused changes
+/// nothing. All requests go to the address with which the set-up began.
+void KVX_Context::replaceAccountAtOnce(bool hasDefaults) {
+    Fetched const configuration = fetchConfiguration();
+    Fetched const defaults = hasDefaults ? Fetched() : fetchDefaults();
+    TbString serverKeyId("");
+    configuration.m_Response->getAttribute("VTKEYID", serverKeyId);
+    if (serverKeyId.isEmpty()) {
+        kvx::kSourceCtx.fail(KVX_E_NO_CONFIGURATION, kvx::kLineReconfigureKeyId);
+    }
+    Fetched const key = fetchKey(serverKeyId);
+    UpdateFile(kvx::kConfigFile, configuration.m_Text.str());
+    if (!hasDefaults) {
+        storeDefaults(defaults);
+    }
+    storeKey(serverKeyId, key);
+}
+
 void KVX_Context::Reconfigure() {
     if (m_Path.isEmpty()) {
         kvx::kSourceCtx.fail(KVX_E_NO_CONTEXT, kvx::kLineReconfigureNoContext);
@@ -111,15 +168,11 @@ void KVX_Context::Reconfigure() {
     TbString isValid;
     bool const hasDefaults =
         QueryValueOrAbsent(kvx::kDefaultsFile, "KVX.ISVALID", isValid) && isValid == TbString("yes");
-    Setup();
-    if (!hasDefaults) {
-        LoadDefaults();
+    if (settingsForVerification().m_HasStrictKeys) {
+        replaceAccountAtOnce(hasDefaults);
+    } else {
+        replaceAccount(hasDefaults);
     }
-    TbString serverKeyId;
-    if (!QueryValue(kvx::kConfigFile, "VTKEYID", serverKeyId)) {
-        kvx::kSourceCtx.fail(KVX_E_NO_CONFIGURATION, kvx::kLineReconfigureKeyId);
-    }
-    ImportKey(serverKeyId);
 
     TbString customerId("");
     TbString version;

@@ -4,12 +4,14 @@
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 
+#include <filesystem>
 #include <string>
 
 #include "core/kvxctx_settings.h"
 #include "tests/core/coresupport.h"
 #include "tests/support/encodings.h"
 #include "tests/support/exceptions.h"
+#include "tests/support/systemcalls.h"
 #include "tests/support/testdata.h"
 
 using namespace kvxtest;
@@ -430,6 +432,80 @@ TEST_F(StrictSetup, RefusesAConfigurationWithoutAPaymentAddress) {
         EXPECT_EQ(thrownCode([&] { m_Context.Setup(); }), KVX_OK);
         EXPECT_EQ(read("config.xml"), response);
     }
+}
+
+TEST_F(StrictSetup, ReplacesNothingWhenTheLastResponseIsRefused) {
+    ExchangeServer server({"<KVX MSGTYPE=\"SetupResponse\" VTURL=\"x://new\" VTKEYID=\"new\"/>",
+                           "<KVX MSGTYPE=\"LoadDefaultsResponse\"/>",
+                           "<KVX MSGTYPE=\"KeyQueryResponse\" KEYID=\"new\" KEYBLOB=\"00\"/>"});
+    m_Context.SetOption("VTAUTOURL", server.url("/auto").c_str());
+    write("settings.xml", documentOf("STRICTKEYS=\"1\""));
+    std::string const before = read("config.xml");
+    EXPECT_EQ(thrownCode([&] { m_Context.Reconfigure(); }), KVX_E_INVALID_KEY);
+    EXPECT_EQ(read("config.xml"), before);
+    EXPECT_FALSE(exists("default.xml"));
+    EXPECT_FALSE(exists("keys/public/new"));
+}
+
+TEST_F(StrictSetup, WritesTheSameFilesAsAPlainOne) {
+    std::string const configuration =
+        "<KVX MSGTYPE=\"SetupResponse\" VTURL=\"x://new\" VTKEYID=\"new\" CUSTOMERID=\"7\"/>";
+    std::string const defaults = "<KVX MSGTYPE=\"LoadDefaultsResponse\" A=\"1\"/>";
+    std::string const key = dataHex("rsa/key512.public.hex");
+    for (char const* settings : {"STRICTKEYS=\"0\"", "STRICTKEYS=\"1\""}) {
+        ExchangeServer server({configuration, defaults,
+                               "<KVX MSGTYPE=\"KeyQueryResponse\" KEYID=\"new\" KEYBLOB=\"" + key + "\"/>",
+                               "<KVX MSGTYPE=\"KeyExportResponse\"/>"});
+        m_Context.SetOption("VTAUTOURL", server.url("/auto").c_str());
+        write("settings.xml", documentOf(settings));
+        write("config.xml", "<KVX/>");
+        write("default.xml", "<KVX/>");
+        write("keys/public/new", "");
+        EXPECT_EQ(thrownCode([&] { m_Context.Reconfigure(); }), KVX_OK) << settings;
+        EXPECT_EQ(read("config.xml"), configuration);
+        EXPECT_EQ(read("default.xml"), defaults);
+        EXPECT_EQ(read("keys/public/new"), key);
+        EXPECT_EQ(read("keys/current").substr(0, 4), "0-7-");
+        EXPECT_EQ(server.messages().size(), 4U);
+    }
+}
+
+TEST_F(StrictSetup, NeedsTheNameOfAKey) {
+    ExchangeServer server(
+        {"<KVX MSGTYPE=\"SetupResponse\" VTURL=\"x://new\"/>", "<KVX MSGTYPE=\"LoadDefaultsResponse\"/>"});
+    m_Context.SetOption("VTAUTOURL", server.url("/auto").c_str());
+    write("settings.xml", documentOf("STRICTKEYS=\"1\""));
+    EXPECT_EQ(thrownCode([&] { m_Context.Reconfigure(); }), KVX_E_NO_CONFIGURATION);
+}
+
+TEST_F(StrictSetup, GivesNewPrivateKeysTheirMode) {
+    struct Case {
+        char const* m_Settings;
+        unsigned m_Mode;
+    };
+    for (Case const& row : {Case{"", 0600}, Case{"KEYMODE=\"0640\"", 0640}, Case{"KEYMODE=\"0644\"", 0600}}) {
+        write("settings.xml", documentOf(row.m_Settings));
+        std::filesystem::remove(m_Dir.file("keys/private/fresh"));
+        TbString keyId = "fresh";
+        m_Context.GenKey(keyId);
+        auto const mode = std::filesystem::status(m_Dir.file("keys/private/fresh")).permissions();
+        EXPECT_EQ(static_cast<unsigned>(mode), row.m_Mode) << row.m_Settings;
+    }
+}
+
+TEST_F(StrictSetup, LeavesOutSynchronisingOnRequestAlone) {
+    static int s_Syncs = 0;
+    SystemCalls calls;
+    calls->fsync = [](int) {
+        ++s_Syncs;
+        return 0;
+    };
+    write("settings.xml", documentOf("SYNCFILES=\"0\""));
+    m_Context.UpdateFile("config.xml", "<KVX/>");
+    EXPECT_EQ(s_Syncs, 0);
+    write("settings.xml", documentOf("SYNCFILES=\"1\""));
+    m_Context.UpdateFile("config.xml", "<KVX/>");
+    EXPECT_GT(s_Syncs, 0);
 }
 
 struct StrictNames : testing::Test, protected Merchant {};
