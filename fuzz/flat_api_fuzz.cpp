@@ -225,7 +225,7 @@ private:
             number = 0;
             std::memcpy(&number, bytes.data(), bytes.size());
         }
-        target.m_Handle = reinterpret_cast<KVX_HANDLE>(number);  // NOLINT(performance-no-int-to-ptr): any number
+        target.m_Handle = reinterpret_cast<KVX_HANDLE>(number);
     }
 
     void errorText(Input& input) {
