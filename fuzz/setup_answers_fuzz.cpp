@@ -1,8 +1,8 @@
 // Responses of the payment server in every exchange, over a scripted network. Model: the response's code and body, its
 // document, and the files that the exchange may change: no response writes any other file.
 //
-// Input: which exchange, sizes of chunks and a key id (a line each), then the responses, with a line "%%" behind each.
-// A response that does not begin with "HTTP/" is a body of status 200.
+// Input: which exchange, sizes of chunks and a key id (a line each), in some inputs settings, then the responses, with
+// a line "%%" behind each. A response that does not begin with "HTTP/" is a body of status 200.
 
 #include <map>
 
@@ -46,6 +46,10 @@ public:
             chunks.push_back(static_cast<unsigned char>(size));
         }
         m_KeyId = input.line();
+        if (hasSettings()) {
+            m_Files["account/settings.xml"] = input.section();
+            directory().write("account/settings.xml", m_Files["account/settings.xml"]);
+        }
         for (int i = 0; i < kMaxExchanges && !input.isEmpty(); ++i) {
             std::string const response = input.section();
             bool const isWhole = response.compare(0, 5, "HTTP/") == 0;
@@ -56,6 +60,18 @@ public:
     }
 
     void run() {
+        if (hasSettings()) {
+            runWithSettings();
+        } else {
+            runModelled();
+        }
+        requireEqual(m_Network.open(), 0, "sockets left open");
+    }
+
+private:
+    [[nodiscard]] bool hasSettings() const { return (m_Choice & 64U) != 0; }
+
+    void runModelled() {
         switch (m_Choice % 7) {
             case 0:
                 single([this] { m_Context.Setup(); }, "SetupResponse", "config.xml");
@@ -74,12 +90,37 @@ public:
                 sendMessage();
                 break;
             default:
-                reconfigure();
+                requireConfined(codeOf([this] { m_Context.Reconfigure(); }));
         }
-        requireEqual(m_Network.open(), 0, "sockets left open");
     }
 
-private:
+    /// Settings may refuse anything; what is written stays inside all the same.
+    void runWithSettings() {
+        TbString keyId = tbText(m_KeyId);
+        TbString own("own");
+        requireConfined(codeOf([&] {
+            switch (m_Choice % 7) {
+                case 0:
+                    return m_Context.Setup();
+                case 1:
+                    return m_Context.LoadDefaults();
+                case 2:
+                case 3:
+                    return m_Context.ImportKey(keyId);
+                case 4:
+                    return m_Context.PublishKey(own);
+                case 5: {
+                    KVX_Message message;
+                    KVX_Message response;
+                    message.Create(&m_Context, "PayComplete");
+                    return message.Request(response);
+                }
+                default:
+                    return m_Context.Reconfigure();
+            }
+        }));
+    }
+
     static FuzzDirectory const& directory() {
         static FuzzDirectory const s_Directory;
         return s_Directory;
@@ -178,9 +219,9 @@ private:
         checkFiles();
     }
 
-    void reconfigure() {
-        std::int32_t const code = codeOf([this] { m_Context.Reconfigure(); });
-        require(isPublishedCode(code), "Reconfigure returns a published code");
+    /// Whether `code` is a published one, and only files of a set-up have changed.
+    void requireConfined(std::int32_t code) const {
+        require(isPublishedCode(code), "an exchange returns a published code");
         Files const after = directory().files();
         for (auto const& [name, content] : m_Files) {
             require(after.count(name) != 0, "no file is lost");

@@ -53,7 +53,7 @@ private:
     /// The character at the cursor. There must be one: tags do not end with the text.
     [[nodiscard]] char peek() const {
         if (m_At == m_Text.size()) {
-            throw kCutOff;
+            throw ModelResult(kCutOff);
         }
         return m_Text[m_At];
     }
@@ -71,7 +71,7 @@ private:
         skip(kNameCharacters);
         static_cast<void>(peek());
         if (m_At == begin) {
-            throw kBadCharacter;
+            throw ModelResult(kBadCharacter);
         }
         return m_Text.substr(begin, m_At - begin);
     }
@@ -93,7 +93,7 @@ private:
         std::string const tag = name();
         bool const fits = std::string(kSpaces).find(peek()) != std::string::npos || peek() == '/' || peek() == '>';
         if (!fits) {
-            throw kBadCharacter;
+            throw ModelResult(kBadCharacter);
         }
         m_Current = m_Document.add(m_Current, tag);
         skipSpaces();
@@ -116,7 +116,7 @@ private:
         }
         bool const isName = std::string(kNameCharacters).find(next) != std::string::npos;
         if (next != '/' && next != '>' && !(isSpaced && isName)) {
-            throw kBadCharacter;
+            throw ModelResult(kBadCharacter);
         }
         m_Document.at(element).set(attributeName, "");
     }
@@ -130,7 +130,7 @@ private:
         std::size_t const begin = m_At + 1;
         m_At = m_Text.find(quote, begin);
         if (m_At == std::string::npos) {
-            throw kCutOff;
+            throw ModelResult(kCutOff);
         }
         return m_Text.substr(begin, m_At++ - begin);
     }
@@ -138,7 +138,7 @@ private:
     /// From a slash to the end of the tag: one name may stand there, its letters do not matter.
     void close() {
         if (m_Current == 0) {
-            throw kNothingOpen;
+            throw ModelResult(kNothingOpen);
         }
         m_Current = m_Document.at(m_Current).m_Parent;
         ++m_At;
@@ -148,7 +148,7 @@ private:
             skipSpaces();
         }
         if (peek() != '>') {
-            throw kBadCharacter;
+            throw ModelResult(kBadCharacter);
         }
         ++m_At;
     }
