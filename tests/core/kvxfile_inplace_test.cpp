@@ -371,7 +371,11 @@ TEST(InPlace, TakesTurnsWithOtherWriters) {
             none.m_Calls->fsync = [](int) { return 0; };
             for (int round = 0; round < 300; ++round) {
                 account.m_Context.UpdateFile("config.xml", contents[i].c_str());
-                std::string const left = withoutPadding(account.read("config.xml"));
+                // Looks while no writer is at work.
+                int const lock = ::open(account.m_Dir.file("config.xml").c_str(), O_RDONLY | O_CLOEXEC);
+                ::flock(lock, LOCK_SH);
+                std::string const left = account.read("config.xml");
+                ::close(lock);
                 if (left != contents[0] && left != contents[1]) {
                     ::_exit(1);
                 }
