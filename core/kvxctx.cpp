@@ -1,8 +1,10 @@
 #include "core/kvxctx.h"
 
+#include <cstdlib>
 #include <memory>
 
 #include "core/kvxlines_core.h"
+#include "foundation/tbreleaser.h"
 #include "foundation/tbsystem.h"
 
 namespace {
@@ -13,6 +15,18 @@ constexpr mode_t kDirectoryMode = 0777;
 bool canOpenDirectory(char const* path) {
     DIR* const directory = tbSystem().opendir(path);
     return directory != nullptr && tbSystem().closedir(directory) == 0;
+}
+
+/// Whether opening failed for lack of descriptors or memory, which says nothing about the path.
+bool isShortage(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOMEM;
+}
+
+/// Needs no descriptor. Follows links, as opening does.
+bool isDirectory(char const* path) {
+    std::unique_ptr<char, TbReleaser<std::free>> const resolved(tbSystem().realpath(path, nullptr));
+    struct ::stat status = {};
+    return resolved != nullptr && tbSystem().lstat(resolved.get(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
 }  // namespace
@@ -40,6 +54,9 @@ void KVX_Context::CreatePath(TbString const& path) {
         int const error = errno;
         // Another process may have created it in between.
         if (error != EEXIST || !canOpenDirectory(path.c_str())) {
+            if (error == EEXIST && isShortage(errno) && isDirectory(path.c_str())) {
+                kvx::kSourceBase.fail(KVX_E_CANNOT_OPEN, kvx::kLineCreatePath, path);
+            }
             // Deliberate (directory-errno): the code is the system's own errno.
             kvx::kSourceBase.fail(error, kvx::kLineCreatePath, "KVX_Context::CreatePath(): failed to create directory");
         }

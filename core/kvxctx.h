@@ -47,7 +47,8 @@ public:
     [[nodiscard]] TbString GetDefaultConfiguration() const;
 
     /// Creates the directory `path` unless it can be opened.
-    /// Raises the operating system's own errno as the code, a small positive number.
+    /// Raises the operating system's own errno as the code, a small positive number; KVX_E_CANNOT_OPEN for a directory
+    /// that is there when descriptors or memory are lacking.
     void CreatePath(TbString const& path);
 
     /// A copy of the path.

@@ -252,6 +252,36 @@ TEST(CreatePath, LooksOnceMoreAndThenFails) {
     EXPECT_EQ(s_Looked, 2);
 }
 
+TEST(CreatePath, CannotOpenADirectoryThatIsThereForLackOfDescriptorsOrMemory) {
+    TemporaryDirectory dir;
+    dir.write("file", "x");
+    std::filesystem::create_directory(dir.file("directory"));
+    std::filesystem::create_symlink("directory", dir.file("link"));
+    std::filesystem::create_symlink("nowhere", dir.file("nowhere"));
+    static int s_Error = 0;
+    for (int const error : {EMFILE, ENFILE, ENOMEM, EACCES}) {
+        s_Error = error;
+        SystemCalls calls;
+        calls->opendir = [](char const*) -> DIR* {
+            errno = s_Error;
+            return nullptr;
+        };
+        std::int32_t const code = error == EACCES ? EEXIST : KVX_E_CANNOT_OPEN;
+        KVX_Context context;
+        for (char const* name : {"directory", "link"}) {
+            Thrown const failure = thrown([&] { context.CreatePath(dir.file(name).c_str()); });
+            EXPECT_EQ(failure.m_Code, code) << name << ", " << error;
+            EXPECT_EQ(failure.m_File, "kvxbase");
+            EXPECT_EQ(failure.m_Line, 55);
+        }
+        for (char const* name : {"file", "nowhere"}) {
+            EXPECT_EQ(thrownCode([&] { context.CreatePath(dir.file(name).c_str()); }), EEXIST) << name << ", " << error;
+        }
+        EXPECT_NO_THROW(context.CreatePath(dir.file("new").c_str()));
+        std::filesystem::remove(dir.file("new"));
+    }
+}
+
 TEST(CreatePath, ReportsTheErrorOfTheCreation) {
     SystemCalls calls;
     calls->mkdir = [](char const*, mode_t mode) {
