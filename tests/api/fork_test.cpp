@@ -24,7 +24,12 @@ using namespace kvxtest;
 namespace {
 
 constexpr int kThreads = 8;
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr std::chrono::seconds kLimit{20};  // a fork alone takes long with a sanitizer's mappings
+#else
 constexpr std::chrono::seconds kLimit{2};
+#endif
 
 int forksFromEnvironment() {
     char const* const text = std::getenv("KVX_FORKS");

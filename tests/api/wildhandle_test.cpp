@@ -118,16 +118,12 @@ public:
     }
 
 private:
-    std::uintptr_t any() {
-        return (std::uintptr_t{m_Random.below(std::size_t{1} << 31)} << 33) ^ m_Random.below(SIZE_MAX);
-    }
-
     std::uintptr_t draw() {
         std::uintptr_t const base = m_Bases[m_Random.below(m_Bases.size())];
         std::uintptr_t const offset = m_Random.below(2048);
         switch (m_Random.below(8)) {
             case 0:
-                return any();
+                return m_Random.below(UINTPTR_MAX);
             case 1:
                 return m_Random.below(1 << 20);
             case 2:
