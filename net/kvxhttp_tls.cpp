@@ -249,6 +249,12 @@ int SslConnection::handshake() {
     if (m_Verifies && !expectHost()) {
         return refuse(kKvxTlsHost);
     }
+    if (m_Refusal != KVX_OK) {
+        return refuse(m_Refusal & kReasonMask);
+    }
+    if (m_Verifies && !expectHost()) {
+        return refuse(kKvxTlsHost);
+    }
     int const result = run([](SSL* session) { return SSL_connect(session); });
     if (!m_Verifies) {
         return result == -1 && isCleanEnd(m_Kind, m_Reason) ? 0 : result;
