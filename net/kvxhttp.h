@@ -138,15 +138,13 @@ private:
 /// Statuses beside KVX_E_TLS_FAMILY that the checks of a KVX_Transfer add. Those of the TLS library itself, its reason
 /// numbers and kinds of failure, are all below the first. Published. Do not change.
 ///
-/// | Status | The peer's certificate                                       |
-/// |--------|--------------------------------------------------------------|
-/// | 0x809  | is not valid yet                                             |
-/// | 0x80A  | has expired                                                  |
-/// | 0x812  | is signed by itself and not trusted                          |
-/// | 0x813  | has an authority that the peer sent, but that is not trusted |
-/// | 0x814  | has an unknown authority                                     |
-/// | 0x83E  | is for another host name                                     |
-/// | 0x840  | is for another address                                       |
+/// | Status       | The peer's certificate                                         |
+/// |--------------|----------------------------------------------------------------|
+/// | 0x809        | is not valid yet                                               |
+/// | 0x80A        | has expired                                                    |
+/// | 0x812        | is signed by itself and not trusted                            |
+/// | 0x813, 0x814 | has an authority that is not trusted; the peer sent it, or not |
+/// | 0x83E, 0x840 | is for another host name, for another address                  |
 inline constexpr std::int32_t kKvxTlsCertificate =
     0x800;                                           ///< Plus the TLS library's number of the refusal, X509_V_ERR_...
 inline constexpr std::int32_t kKvxTlsTrust = 0x900;  ///< The trusted authorities cannot be read, or there are none.

@@ -21,6 +21,10 @@ namespace {
 
 constexpr char kMoment[] = "0.05";
 
+/// Seconds of the strict settings in these tests, and of a fault that outlasts them.
+constexpr char kLimit[] = "1";
+constexpr char kTooLong[] = "1.5";
+
 template <class IsWanted>
 std::vector<FaultTableRow> rowsWith(IsWanted isWanted) {
     std::vector<FaultTableRow> rows;
@@ -30,7 +34,8 @@ std::vector<FaultTableRow> rowsWith(IsWanted isWanted) {
 
 }  // namespace
 
-sandbox::Fault faultOf(FaultTableRow const& row, std::string const& order) {
+sandbox::Fault faultOf(FaultTableRow const& row, std::string const& order, FaultSize size) {
+    bool const isSmall = size == FaultSize::kSmall;
     sandbox::FaultKindRow const& kind = sandbox::faultRow(row.m_Kind);
     std::string text = kind.m_Name;
     if (!isOfConnection(row)) {
@@ -38,16 +43,18 @@ sandbox::Fault faultOf(FaultTableRow const& row, std::string const& order) {
         text += order.empty() || row.m_Exchange == ExchangeKind::kProxy ? "" : ",order=" + order;
         bool const forAMoment = (kind.m_Parameters & sandbox::kTakesSeconds) != 0 && row.m_Kind != FaultKind::kRefuse &&
                                 row.m_Kind != FaultKind::kBytewise;
-        text += forAMoment ? std::string(",seconds=") + kMoment : "";
-        text += (kind.m_Parameters & sandbox::kTakesMegabytes) != 0 ? ",megabytes=" + std::to_string(kMegabytes) : "";
+        text += forAMoment ? std::string(",seconds=") + (isSmall ? kMoment : kTooLong) : "";
+        text += (kind.m_Parameters & sandbox::kTakesMegabytes) != 0
+                    ? ",megabytes=" + std::to_string(isSmall ? kMegabytes : kTooManyMegabytes)
+                    : "";
     }
     return sandbox::parseFault(text + (*row.m_Details != '\0' ? "," : "") + row.m_Details);
 }
 
 ArmedRow* ArmedRow::s_Current = nullptr;
 
-ArmedRow::ArmedRow(sandbox::Service& service, FaultTableRow const& row, std::string const& order)
-    : m_Service(service), m_Fault(faultOf(row, order)) {
+ArmedRow::ArmedRow(sandbox::Service& service, FaultTableRow const& row, std::string const& order, FaultSize size)
+    : m_Service(service), m_Fault(faultOf(row, order, size)) {
     if (!isOfConnection(row)) {
         m_Service.arm(m_Fault);
         return;
@@ -70,6 +77,14 @@ int ArmedRow::connect(int socket, sockaddr const* address, socklen_t length) {
         s_Current->m_Service.arm(s_Current->m_Fault);
     }
     return ::connect(socket, address, length);
+}
+
+void FaultTable::makeStrict(Shop const& shop, std::uint16_t proxyPort) {
+    std::string const proxy = " USEPROXY=\"1\" PROXYHOST=\"127.0.0.1\" PROXYPORT=\"" + std::to_string(proxyPort) + "\"";
+    std::string const limit = std::string("\"") + kLimit + "\"";
+    shop.dir().write("settings.xml", "<KVX PROFILE=\"strict\" CONNECTTIMEOUT=" + limit + " IOTIMEOUT=" + limit +
+                                         " TLSCAFILE=\"" + service().authorityFile() + "\"" +
+                                         (proxyPort == 0 ? "" : proxy) + "/>");
 }
 
 std::int32_t asInRows(std::int32_t code) {

@@ -15,17 +15,22 @@
 
 namespace kvxtest {
 
-/// Megabytes of huge responses.
+/// Megabytes of huge responses; more than the strict profile permits where that is in force.
 inline constexpr int kMegabytes = 4;
+inline constexpr int kTooManyMegabytes = 9;
+
+/// How much of a fault there is: a moment and some megabytes, or more than strict settings bear.
+enum class FaultSize { kSmall, kTooLarge };
 
 /// The fault of `row`, for one order where the fault can be for one. Throws sandbox::HttpError when it cannot happen.
-sandbox::Fault faultOf(FaultTableRow const& row, std::string const& order = "");
+sandbox::Fault faultOf(FaultTableRow const& row, std::string const& order = "", FaultSize size = FaultSize::kSmall);
 
 /// Arms the fault of a row while it lives. A fault of a connection is armed right before the component connects for
 /// the exchange of the row. One at a time.
 class ArmedRow {
 public:
-    ArmedRow(sandbox::Service& service, FaultTableRow const& row, std::string const& order = "");
+    ArmedRow(sandbox::Service& service, FaultTableRow const& row, std::string const& order = "",
+             FaultSize size = FaultSize::kSmall);
     ArmedRow(ArmedRow const&) = delete;
     ArmedRow& operator=(ArmedRow const&) = delete;
 
@@ -66,10 +71,20 @@ long timesIn(sandbox::Service const& service, std::string const& token, std::str
 /// rows and expects the same step without a fault to succeed afterwards.
 class FaultTable : public FlowTest {
 protected:
+    /// From now on the component has strict settings and the rows are those of it.
+    void beStrict() { m_IsStrict = true; }
+    [[nodiscard]] bool isStrict() const { return m_IsStrict; }
+    [[nodiscard]] FaultTableRow expected(FaultTableRow const& row) const { return m_IsStrict ? strictRow(row) : row; }
+    [[nodiscard]] FaultSize faultSize() const { return m_IsStrict ? FaultSize::kTooLarge : FaultSize::kSmall; }
+    void makeStrict(Shop const& shop, std::uint16_t proxyPort = 0);
+
     void expectSetUps(std::vector<FaultTableRow> const& rows);
     void expectPages();
     void expectDecisions();
     void expectPayments(std::vector<FaultTableRow> const& rows);
+
+private:
+    bool m_IsStrict = false;
 };
 
 }  // namespace kvxtest

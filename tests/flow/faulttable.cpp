@@ -5,6 +5,8 @@
 
 #include "tests/flow/faulttable.h"
 
+#include <stdexcept>
+
 #include "tallowin/codes.h"
 
 namespace kvxtest {
@@ -217,7 +219,48 @@ std::vector<LeftOutExchange> const kLeftOut = {
 std::vector<E> const kMerchantExchanges = {E::kSetup,     E::kDefaults, E::kKeyQuery,
                                            E::kKeyExport, E::kCapture,  E::kComplete};
 
+/// The row of another fault at the same place.
+FaultTableRow const& rowBeside(FaultTableRow const& row, F kind) {
+    for (FaultTableRow const& other : kRows) {
+        if (other.m_Exchange == row.m_Exchange && other.m_Kind == kind && other.m_Tunnelled == row.m_Tunnelled) {
+            return other;
+        }
+    }
+    throw std::logic_error("a place without that fault");
+}
+
+/// `row` with `result`, and otherwise as `like` ends.
+FaultTableRow endingAs(FaultTableRow row, FaultTableRow const& like, std::int32_t result) {
+    row.m_Result = result;
+    row.m_CarriedOut = like.m_CarriedOut;
+    row.m_Left = like.m_Left;
+    return row;
+}
+
 }  // namespace
+
+FaultTableRow strictRow(FaultTableRow const& row) {
+    if (row.m_Exchange == E::kPage) {
+        return row;
+    }
+    if (row.m_Exchange == E::kDecision) {
+        return row.m_Kind == F::kWrongType ? endingAs(row, row, KVX_E_WRONG_RESPONSE) : row;
+    }
+    switch (row.m_Kind) {
+        case F::kTlsExpired:
+        case F::kTlsWrongHost:
+        case F::kTlsUnknownAuthority:
+            return endingAs(row, rowBeside(row, F::kTlsAbort), KVX_E_TLS_FAMILY);
+        case F::kDelay:
+        case F::kStallBefore:
+        case F::kStallInside:
+            return endingAs(row, rowBeside(row, F::kStallBefore), KVX_E_SOCKET_TIMEOUT);
+        case F::kHuge:
+            return row.m_Tunnelled ? row : endingAs(row, rowBeside(row, F::kStallBefore), KVX_E_BUFFER_TOO_SMALL);
+        default:
+            return row;
+    }
+}
 
 std::vector<FaultTableRow> const& faultTable() {
     return kRows;

@@ -48,6 +48,9 @@ struct FaultTableRow {
     bool m_Tunnelled = false;    ///< At the proxy: by a tunnel, not by forwarding the request.
 };
 
+/// The same row for a merchant whose settings say PROFILE="strict".
+FaultTableRow strictRow(FaultTableRow const& row);
+
 /// By exchange, and within one by fault, both in the order of the sandbox.
 std::vector<FaultTableRow> const& faultTable();
 

@@ -23,9 +23,13 @@ component, the state of the payment, and what to do.
 
 - **Carried out** says whether the service carried out the request. Without a response a merchant cannot know.
 - The codes are those of [codes.h](../include/tallowin/codes.h).
-- There is no time limit: the results beside `delay` and the stalls are returned once the service answers or closes, and
-  until then the call waits. There is no size limit either: the results beside `huge` hold while memory lasts.
-- `https` does not authenticate the server, so no certificate makes a call fail: see [risks](risks.md#the-network).
+- **Strict** is the outcome with `PROFILE="strict"` in [settings.xml](hardening.md#profile), when a delay or a stall outlasts
+  the limits there; where nothing is said, it is the same.
+- Without settings there is no time limit: the results beside `delay` and the stalls are returned once the service answers
+  or closes, and until then the call waits. There is no size limit either: the results beside `huge` hold while memory
+  lasts.
+- Without settings `https` does not authenticate the server, so no certificate makes a call fail: see
+  [risks](risks.md#the-network).
 - *Safe* holds for this service, where repeating a request changes nothing and gets the same response. Ask your own
   provider for the same promise before you repeat a capture or a completion.
 
@@ -43,8 +47,8 @@ four exchanges: setup, defaults, keyquery (the server's key) and keyexport (the 
 earlier exchanges stay when a later one fails; the merchant's current key changes last. Until a set-up succeeds, the
 merchant signs with the old key, which the service still knows.
 
-| Fault | Exchange | Carried out | The component returns | Directory afterwards | What to do |
-|---|---|---|---|---|---|
+| Fault | Exchange | Carried out | The component returns | Directory afterwards | What to do | Strict |
+|---|---|---|---|---|---|---|
 )";
 
 constexpr char kShopperHead[] = R"(
@@ -53,8 +57,8 @@ constexpr char kShopperHead[] = R"(
 The shopper opens the payment page (page) and pays (decision); the response redirects to the shop with the confirmation.
 The component is called only when a confirmation has arrived: `MessageFactory_VerifyPayConfirm`.
 
-| Fault | Exchange | Carried out | The browser gets | The component returns | Payment afterwards | What to do |
-|---|---|---|---|---|---|---|
+| Fault | Exchange | Carried out | The browser gets | The component returns | Payment afterwards | What to do | Strict |
+|---|---|---|---|---|---|---|---|
 )";
 
 constexpr char kPaymentHead[] = R"(
@@ -62,8 +66,8 @@ constexpr char kPaymentHead[] = R"(
 
 `MessageObject_Capture` of an authorised payment, and `MessageObject_Execute` of a completion of a captured one.
 
-| Fault | Exchange | Carried out | The component returns | Payment afterwards | What to do |
-|---|---|---|---|---|---|
+| Fault | Exchange | Carried out | The component returns | Payment afterwards | What to do | Strict |
+|---|---|---|---|---|---|---|
 )";
 
 constexpr char kProxyHead[] = R"(
@@ -73,8 +77,8 @@ constexpr char kProxyHead[] = R"(
 address; to an `https` address it opens a tunnel (CONNECT). The component judges the response to CONNECT by the bytes of
 its first read.
 
-| Fault | Address | Carried out | The component returns | Payment afterwards | What to do |
-|---|---|---|---|---|---|
+| Fault | Address | Carried out | The component returns | Payment afterwards | What to do | Strict |
+|---|---|---|---|---|---|---|
 )";
 
 struct CodeName {
@@ -85,6 +89,7 @@ struct CodeName {
 // clang-format off
 constexpr CodeName kCodeNames[] = {
     {KVX_OK,                  "`KVX_OK`"},
+    {KVX_E_BUFFER_TOO_SMALL,  "`KVX_E_BUFFER_TOO_SMALL`"},
     {KVX_E_HTTP_BAD_REPLY,    "`KVX_E_HTTP_BAD_REPLY`"},
     {KVX_E_HTTP_FAMILY | 407, "`KVX_E_HTTP_FAMILY` and 407"},
     {KVX_E_HTTP_UNAVAILABLE,  "`KVX_E_HTTP_UNAVAILABLE`"},
@@ -94,6 +99,7 @@ constexpr CodeName kCodeNames[] = {
     {KVX_E_SERVER_ERROR,      "`KVX_E_SERVER_ERROR`"},
     {KVX_E_SOCKET_REFUSED,    "`KVX_E_SOCKET_REFUSED`"},
     {KVX_E_SOCKET_RESET,      "`KVX_E_SOCKET_RESET`"},
+    {KVX_E_SOCKET_TIMEOUT,    "`KVX_E_SOCKET_TIMEOUT`"},
     {KVX_E_TLS_FAMILY,        "`KVX_E_TLS_FAMILY` and a reason"},
     {KVX_E_WRONG_RESPONSE,    "`KVX_E_WRONG_RESPONSE`"},
 };
@@ -231,6 +237,22 @@ std::string outcome(FaultTableRow const& row) {
     return codeName(row.m_Result) + " | " + row.m_Left;
 }
 
+/// How strict settings differ: the result, then the rest as far as it is another.
+std::string strictOutcome(FaultTableRow const& row) {
+    FaultTableRow const strict = strictRow(row);
+    if (strict.m_Result == row.m_Result) {
+        return "";
+    }
+    std::string text = codeName(strict.m_Result);
+    if (strict.m_CarriedOut != row.m_CarriedOut) {
+        text += ", not carried out";
+    }
+    if (std::string(strict.m_Left) != row.m_Left) {
+        text += isOfSetUp(row.m_Exchange) ? "; " + directoryText(strict.m_Left) : "; " + std::string(strict.m_Left);
+    }
+    return text;
+}
+
 using OfSection = bool (*)(ExchangeKind exchange);
 
 std::string section(char const* head, OfSection isOfSection) {
@@ -238,7 +260,7 @@ std::string section(char const* head, OfSection isOfSection) {
     for (FaultTableRow const& row : faultTable()) {
         if (isOfSection(row.m_Exchange)) {
             text += "| " + faultName(row) + " | " + placeOf(row) + " | " + (row.m_CarriedOut ? "yes" : "no") + " | " +
-                    outcome(row) + " | " + whatToDo(row) + " |\n";
+                    outcome(row) + " | " + whatToDo(row) + " | " + strictOutcome(row) + " |\n";
         }
     }
     return text;

@@ -10,11 +10,12 @@ using namespace kvxtest;
 using sandbox::ExchangeKind;
 
 void FaultTable::expectPayments(std::vector<FaultTableRow> const& rows) {
-    for (FaultTableRow const& row : rows) {
+    for (FaultTableRow const& plain : rows) {
+        FaultTableRow const row = expected(plain);
         SCOPED_TRACE(nameOf(row));
         bool const isCapture = row.m_Exchange != ExchangeKind::kComplete;
         std::string const done = isCapture ? "captured" : "completed";
-        Order const order{"F-" + std::to_string(&row - rows.data()), "12.50", "EUR"};
+        Order const order{"F-" + std::to_string(&plain - rows.data()), "12.50", "EUR"};
         Returned const returned = pays(shop().payment(order));
         FlowMessage const confirmation = shop().verified(returned);
         std::string const token = confirmation.get("TOKEN");
@@ -26,7 +27,7 @@ void FaultTable::expectPayments(std::vector<FaultTableRow> const& rows) {
             ASSERT_EQ(shop().capture(returned.m_Data), KVX_OK);
         }
         {
-            ArmedRow const armed(service(), row, order.m_Id);
+            ArmedRow const armed(service(), row, order.m_Id, faultSize());
             EXPECT_EQ(asInRows(settle()), row.m_Result);
         }
         EXPECT_EQ(stateOf(confirmation), row.m_Left);
@@ -63,5 +64,41 @@ TEST_F(FaultTable, HoldsForTheProxy) {
 TEST_F(FaultTable, HoldsForTunnelsThroughTheProxy) {
     openShop(Transport::kTls);
     shop().useProxy(service().proxyPort());
+    expectPayments(rowsOfProxy(true));
+}
+
+// The same under strict settings.
+
+class StrictPayments : public FaultTable {
+protected:
+    void openStrictShop(Transport transport = Transport::kPlain, bool usesProxy = false) {
+        openShop(transport);
+        makeStrict(shop(), usesProxy ? service().proxyPort() : std::uint16_t{0});
+        beStrict();
+    }
+};
+
+TEST_F(StrictPayments, HoldsForTheCapture) {
+    openStrictShop();
+    expectPayments(rowsOf(ExchangeKind::kCapture));
+}
+
+TEST_F(StrictPayments, HoldsForTheCompletion) {
+    openStrictShop();
+    expectPayments(rowsOf(ExchangeKind::kComplete));
+}
+
+TEST_F(StrictPayments, HoldsForConnectionsOfAPayment) {
+    openStrictShop(Transport::kTls);
+    expectPayments(rowsOfConnections(false));
+}
+
+TEST_F(StrictPayments, HoldsForTheProxy) {
+    openStrictShop(Transport::kPlain, true);
+    expectPayments(rowsOfProxy(false));
+}
+
+TEST_F(StrictPayments, HoldsForTunnelsThroughTheProxy) {
+    openStrictShop(Transport::kTls, true);
     expectPayments(rowsOfProxy(true));
 }

@@ -4,6 +4,7 @@
 // has replaced its file. Then the set-up is repeated without a fault and must leave everything in order.
 
 #include <filesystem>
+#include <functional>
 
 #include "tallowin/codes.h"
 #include "tests/flow/armedrow.h"
@@ -16,7 +17,9 @@ namespace {
 /// A shop whose directory shows the files that a set-up has written.
 class WatchedShop {
 public:
-    WatchedShop(sandbox::Service& service, std::string url) : m_Url(std::move(url)) {
+    WatchedShop(sandbox::Service& service, std::string url, std::function<void(Shop const&)> const& prepare)
+        : m_Url(std::move(url)) {
+        prepare(m_Shop);
         EXPECT_EQ(setUp(), KVX_OK);
         m_Files = {{"config.xml", "<KVX MSGTYPE=\"SetupResponse\" VERSION=\"1\"/>", ""},
                    {"default.xml", "<KVX KVX.ISVALID=\"no\"/>", ""},
@@ -85,13 +88,18 @@ private:
 }  // namespace
 
 void FaultTable::expectSetUps(std::vector<FaultTableRow> const& rows) {
-    WatchedShop watched(service(), autoUrl());
-    for (FaultTableRow const& row : rows) {
+    WatchedShop watched(service(), autoUrl(), [this](Shop const& shop) {
+        if (isStrict()) {
+            makeStrict(shop);
+        }
+    });
+    for (FaultTableRow const& plain : rows) {
+        FaultTableRow const row = expected(plain);
         SCOPED_TRACE(nameOf(row));
         watched.age();
         long const before = carriedOut(service(), row.m_Exchange);
         {
-            ArmedRow const armed(service(), row);
+            ArmedRow const armed(service(), row, "", faultSize());
             EXPECT_EQ(asInRows(watched.setUp()), row.m_Result);
         }
         EXPECT_EQ(watched.written(), row.m_Left);
@@ -127,6 +135,38 @@ TEST_F(FaultTable, HoldsForTheMerchantsKey) {
 }
 
 TEST_F(FaultTable, HoldsForConnectionsOfASetUp) {
+    startService(Transport::kTls);
+    expectSetUps(rowsOfConnections(true));
+}
+
+// The same under strict settings.
+
+class StrictSetUps : public FaultTable {
+protected:
+    StrictSetUps() { beStrict(); }
+};
+
+TEST_F(StrictSetUps, HoldForSettingUp) {
+    startService();
+    expectSetUps(rowsOf(ExchangeKind::kSetup));
+}
+
+TEST_F(StrictSetUps, HoldForTheDefaults) {
+    startService();
+    expectSetUps(rowsOf(ExchangeKind::kDefaults));
+}
+
+TEST_F(StrictSetUps, HoldForTheServersKey) {
+    startService();
+    expectSetUps(rowsOf(ExchangeKind::kKeyQuery));
+}
+
+TEST_F(StrictSetUps, HoldForTheMerchantsKey) {
+    startService();
+    expectSetUps(rowsOf(ExchangeKind::kKeyExport));
+}
+
+TEST_F(StrictSetUps, HoldForConnections) {
     startService(Transport::kTls);
     expectSetUps(rowsOfConnections(true));
 }

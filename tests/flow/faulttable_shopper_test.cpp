@@ -147,7 +147,8 @@ void FaultTable::expectPages() {
 }
 
 void FaultTable::expectDecisions() {
-    for (FaultTableRow const& row : rowsOf(ExchangeKind::kDecision)) {
+    for (FaultTableRow const& plain : rowsOf(ExchangeKind::kDecision)) {
+        FaultTableRow const row = expected(plain);
         SCOPED_TRACE(nameOf(row));
         FlowMessage const payment = shop().payment();
         std::string const token = payment.get("TOKEN");
@@ -175,5 +176,12 @@ TEST_F(FaultTable, HoldsForThePage) {
 
 TEST_F(FaultTable, HoldsForTheDecision) {
     openShop();
+    expectDecisions();
+}
+
+TEST_F(FaultTable, HoldsForTheDecisionUnderStrictSettings) {
+    openShop();
+    makeStrict(shop());
+    beStrict();
     expectDecisions();
 }
