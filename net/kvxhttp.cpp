@@ -153,10 +153,11 @@ void KVX_HttpSession::startLimits() {
 /// What the transfer wants checked must be there before a name is looked up or anything is sent.
 void KVX_HttpSession::prepareTls() {
     KVX_Transfer const& transfer = m_Record.transfer;
-    if (!isSecure() || (!transfer.verifyPeer && transfer.minimumVersion == KVX_TlsVersion::Any)) {
+    bool const isPlain = !transfer.verifyPeer && !transfer.reuseTls && transfer.minimumVersion == KVX_TlsVersion::Any;
+    if (!isSecure() || isPlain) {
         return;
     }
-    auto* const connection = new SslConnection(transfer, m_Record.host);
+    auto* const connection = new SslConnection(transfer, m_Record.host, m_Record.port);
     m_Tls.reset(connection);
     if (connection->Readiness() != KVX_OK) {
         kvx::kSourceHttp.fail(connection->Readiness(), kvx::kLineTlsNotReady, "failed to setup protocol");

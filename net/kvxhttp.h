@@ -16,6 +16,7 @@
 #include "tallowin/tbstringstream.h"
 
 class KvxDeadline;
+struct KvxTlsReuse;
 struct sockaddr;
 struct ssl_ctx_st;
 struct ssl_st;
@@ -145,10 +146,9 @@ private:
 /// | 0x812        | is signed by itself and not trusted                            |
 /// | 0x813, 0x814 | has an authority that is not trusted; the peer sent it, or not |
 /// | 0x83E, 0x840 | is for another host name, for another address                  |
-inline constexpr std::int32_t kKvxTlsCertificate =
-    0x800;                                           ///< Plus the TLS library's number of the refusal, X509_V_ERR_...
-inline constexpr std::int32_t kKvxTlsTrust = 0x900;  ///< The trusted authorities cannot be read, or there are none.
-inline constexpr std::int32_t kKvxTlsHost = 0x901;   ///< The host is no name that a certificate can have.
+inline constexpr std::int32_t kKvxTlsCertificate = 0x800;  ///< Plus the TLS library's number, X509_V_ERR_...
+inline constexpr std::int32_t kKvxTlsTrust = 0x900;        ///< The authorities cannot be read, or there are none.
+inline constexpr std::int32_t kKvxTlsHost = 0x901;         ///< The host is no name that a certificate can have.
 
 /// A TLS client over a TCP socket.
 class KVX_EXPORT SslConnection : public KVX_Connection {
@@ -157,8 +157,10 @@ public:
     SslConnection();
 
     /// Checks the peer as `transfer` says: with `verifyPeer` its certificate must lead to a trusted authority and be
-    /// for `host`, a name or dotted address, and a name is announced to it (SNI). Both copied as far as needed.
-    SslConnection(KVX_Transfer const& transfer, TbString const& host);
+    /// for `host`, a name or dotted address, and a name is announced to it (SNI). With `reuseTls` the TLS context and
+    /// the session of an earlier connection to the same `host` and `port` (decimal text) serve again. All copied as far
+    /// as needed.
+    SslConnection(KVX_Transfer const& transfer, TbString const& host, TbString const& port = TbString());
     ~SslConnection() override;
 
     /// KVX_OK, or the code for which Setup will refuse every peer: KVX_E_TLS_FAMILY | kKvxTlsTrust, or kKvxTlsHost.
@@ -196,11 +198,16 @@ private:
     struct SessionReleaser {
         void operator()(ssl_st* session) const noexcept;
     };
+    struct ReuseReleaser {
+        void operator()(KvxTlsReuse* reuse) const noexcept;
+    };
 
     template <class Call>
     int run(Call call);
     bool waitAsWanted(KvxDeadline const& end);
+    void makeContext();
     bool expectHost();
+    void keepSession();
     int refuse(int status);
     int handshake();
 
@@ -215,6 +222,7 @@ private:
     bool m_Verifies = false;                                 ///< The peer's certificate counts.
     TbString m_Host;                                         ///< For which it must be.
     std::int32_t m_Refusal = KVX_OK;                         ///< See Readiness.
+    std::unique_ptr<KvxTlsReuse, ReuseReleaser> m_Reuse;     ///< Null without reuse.
 };
 
 /// The input of one session.

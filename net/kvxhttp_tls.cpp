@@ -21,6 +21,7 @@
 #include "net/kvxlines_net.h"
 #include "net/kvxsocket.h"
 #include "net/kvxtls.h"
+#include "net/kvxtlscache.h"
 #include "net/kvxwait.h"
 
 namespace {
@@ -65,7 +66,20 @@ void SslConnection::SessionReleaser::operator()(ssl_st* session) const noexcept 
     SSL_free(session);
 }
 
-SslConnection::SslConnection() {
+/// What a connection keeps for the next one, and has from the one before.
+struct KvxTlsReuse {
+    KvxTlsKey m_Key;
+    KvxTlsSession m_Session;  ///< To be resumed; null for a whole handshake.
+
+    static void* operator new(std::size_t bytes) { return TbRefCounter::operator new(bytes); }
+    static void operator delete(void* memory) noexcept { TbRefCounter::operator delete(memory); }
+};
+
+void SslConnection::ReuseReleaser::operator()(KvxTlsReuse* reuse) const noexcept {
+    delete reuse;
+}
+
+void SslConnection::makeContext() {
     TbForkGate const gate;
     ERR_clear_error();
     SSL_library_init();
@@ -76,14 +90,40 @@ SslConnection::SslConnection() {
     }
 }
 
-SslConnection::SslConnection(KVX_Transfer const& transfer, TbString const& host) : SslConnection() {
-    m_Verifies = transfer.verifyPeer;
-    m_Host = host;
+SslConnection::SslConnection() {
+    makeContext();
+}
+
+SslConnection::SslConnection(KVX_Transfer const& transfer, TbString const& host, TbString const& port)
+    : m_Verifies(transfer.verifyPeer), m_Host(host) {
     if (m_Verifies && m_Host.isEmpty()) {
         m_Refusal = KVX_E_TLS_FAMILY | kKvxTlsHost;  // the TLS library would take it for any host
+        return;
     }
-    if (m_Context != nullptr && !kvxProtect(m_Context.get(), transfer)) {
+    TbStringStream trust;
+    if (!kvxReadTrust(transfer, trust)) {
         m_Refusal = KVX_E_TLS_FAMILY | kKvxTlsTrust;
+        return;
+    }
+    KvxTlsKey key;
+    if (transfer.reuseTls && kvxTlsKeyOf(transfer, trust, host, port, key)) {
+        m_Reuse.reset(new KvxTlsReuse);
+        m_Reuse->m_Key = key;
+        KvxKeptTls kept = kvxTakeTls(key);
+        m_Reuse->m_Session = std::move(kept.m_Session);
+        m_Context.reset(kept.m_Context.release());
+        if (m_Context != nullptr) {
+            return;
+        }
+    }
+    makeContext();
+    if (m_Context == nullptr) {
+        return;
+    }
+    if (!kvxProtect(m_Context.get(), transfer, trust)) {
+        m_Refusal = KVX_E_TLS_FAMILY | kKvxTlsTrust;
+    } else if (m_Reuse != nullptr) {
+        kvxKeepContext(m_Reuse->m_Key, m_Context.get());
     }
 }
 
@@ -157,8 +197,23 @@ std::int32_t SslConnection::Connect(sockaddr* address) {
     return m_LastResult == -1 ? KVX_E_SOCKET_FAMILY | BsdErrno(errno) : KVX_OK;
 }
 
+/// Leaves the session to the next connection, when the peer has given one that can be resumed.
+void SslConnection::keepSession() {
+    if (m_Reuse == nullptr || m_Session == nullptr || SSL_is_init_finished(m_Session.get()) != 1) {
+        return;
+    }
+    KvxTlsSession session(SSL_get1_session(m_Session.get()));
+    if (session == nullptr || SSL_SESSION_is_resumable(session.get()) != 1) {
+        return;
+    }
+    // Without a close notification the TLS library would make the session useless; none is sent by this either.
+    SSL_set_shutdown(m_Session.get(), SSL_SENT_SHUTDOWN);
+    kvxKeepSession(m_Reuse->m_Key, std::move(session));
+}
+
 std::int32_t SslConnection::Disconnect() {
     m_LastResult = tbSystem().shutdown(m_Socket, SHUT_WR);
+    keepSession();
     m_Session.reset();
     return KVX_OK;
 }
@@ -184,6 +239,9 @@ std::int32_t SslConnection::Write(TbStringStream& from) {
 std::int32_t SslConnection::LastError() {
     if (m_IsLate) {
         return KVX_E_SOCKET_TIMEOUT;
+    }
+    if (m_Refusal != KVX_OK) {
+        return m_Refusal;
     }
     if (m_Session == nullptr) {
         return KVX_E_SOCKET_FAMILY | BsdErrno(errno);
@@ -235,25 +293,27 @@ int SslConnection::handshake() {
     m_Reason = 0;
     m_IsLate = false;
     m_Session.reset();
+    bool isReady = false;
     {
         TbForkGate const gate;
         m_Session.reset(m_Context == nullptr ? nullptr : SSL_new(m_Context.get()));
-        if (m_Session == nullptr || SSL_set_fd(m_Session.get(), m_Socket) != 1) {
-            return -1;
+        isReady = m_Session != nullptr && SSL_set_fd(m_Session.get(), m_Socket) == 1;
+        if (isReady) {
+            BIO_set_callback_ex(SSL_get_rbio(m_Session.get()), &openGateDuringIo);
         }
-        BIO_set_callback_ex(SSL_get_rbio(m_Session.get()), &openGateDuringIo);
     }
     if (m_Refusal != KVX_OK) {
         return refuse(m_Refusal & kReasonMask);
     }
-    if (m_Verifies && !expectHost()) {
-        return refuse(kKvxTlsHost);
-    }
-    if (m_Refusal != KVX_OK) {
-        return refuse(m_Refusal & kReasonMask);
+    if (!isReady) {
+        return -1;
     }
     if (m_Verifies && !expectHost()) {
         return refuse(kKvxTlsHost);
+    }
+    if (m_Reuse != nullptr && m_Reuse->m_Session != nullptr) {
+        SSL_set_session(m_Session.get(), m_Reuse->m_Session.get());
+        m_Reuse->m_Session.reset();
     }
     int const result = run([](SSL* session) { return SSL_connect(session); });
     if (!m_Verifies) {

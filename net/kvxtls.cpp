@@ -41,12 +41,8 @@ int noPassPhrase(char*, int, int, void*) {
     return 0;
 }
 
-/// Trusts every certificate of a PEM file. False unless there are some and all are whole.
-bool trustFile(SSL_CTX* context, char const* path) {
-    TbStringStream text;
-    if (kvxReadFile(path, text) != KvxReadResult::kDone) {
-        return false;
-    }
+/// Trusts every certificate of a PEM text. False unless there are some and all are whole.
+bool trustAll(SSL_CTX* context, TbString const& text) {
     BioHolder const pem(BIO_new_mem_buf(text.c_str(), static_cast<int>(text.length())));
     if (pem == nullptr) {
         return false;
@@ -66,13 +62,18 @@ bool trustFile(SSL_CTX* context, char const* path) {
 
 }  // namespace
 
-bool kvxProtect(SSL_CTX* context, KVX_Transfer const& transfer) {
+bool kvxReadTrust(KVX_Transfer const& transfer, TbStringStream& trust) {
+    return !transfer.verifyPeer || transfer.trustFile.isEmpty() ||
+           kvxReadFile(transfer.trustFile.c_str(), trust) == KvxReadResult::kDone;
+}
+
+bool kvxProtect(SSL_CTX* context, KVX_Transfer const& transfer, TbString const& trust) {
     ERR_clear_error();
     bool isReady = raiseVersion(context, transfer.minimumVersion);
     if (isReady && transfer.verifyPeer) {
         SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
-        isReady = transfer.trustFile.isEmpty() ? SSL_CTX_set_default_verify_paths(context) == 1
-                                               : trustFile(context, transfer.trustFile.c_str());
+        isReady =
+            transfer.trustFile.isEmpty() ? SSL_CTX_set_default_verify_paths(context) == 1 : trustAll(context, trust);
     }
     ERR_clear_error();
     return isReady;

@@ -4,11 +4,16 @@
 
 #include <openssl/ssl.h>
 
+#include "foundation/tbstringstream.h"
 #include "net/kvxtransfer.h"
 
+/// Appends the text of the trusted authorities that `transfer` names by a file. False when it cannot be read. May run
+/// out of memory (TBFC_Exception).
+[[nodiscard]] bool kvxReadTrust(KVX_Transfer const& transfer, TbStringStream& trust);
+
 /// Lets `context` refuse what `transfer` does not accept: versions of TLS, and with `verifyPeer` every certificate that
-/// does not lead to one of the trusted authorities. False when these cannot be had: the file cannot be read, holds none
-/// or is damaged. May run out of memory (TBFC_Exception).
-[[nodiscard]] bool kvxProtect(SSL_CTX* context, KVX_Transfer const& transfer);
+/// does not lead to one of the authorities in `trust`, or of the system where no file is named. False when these cannot
+/// be had: there are none, or they are damaged.
+[[nodiscard]] bool kvxProtect(SSL_CTX* context, KVX_Transfer const& transfer, TbString const& trust);
 
 #endif

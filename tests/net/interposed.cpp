@@ -18,6 +18,7 @@ namespace kvxtest {
 namespace {
 
 ScriptedResolver* g_Resolver = nullptr;
+thread_local int g_Contexts = 0;
 thread_local bool g_NoContext = false;
 thread_local bool g_NoSession = false;
 
@@ -75,6 +76,10 @@ ScriptedResolver::~ScriptedResolver() {
     g_Resolver = nullptr;
 }
 
+int contextsMade() {
+    return g_Contexts;
+}
+
 FailingTls::FailingTls(What what) {
     (what == What::kContext ? g_NoContext : g_NoSession) = true;
 }
@@ -97,6 +102,7 @@ extern "C" int gethostbyname_r(char const* name, hostent* storage, char* buffer,
 
 extern "C" SSL_CTX* SSL_CTX_new(SSL_METHOD const* method) {
     static auto* const real = kvxtest::original<decltype(SSL_CTX_new)>("SSL_CTX_new");
+    ++kvxtest::g_Contexts;
     return kvxtest::g_NoContext ? nullptr : real(method);
 }
 

@@ -30,6 +30,9 @@ private:
     std::vector<std::string> m_LookUps;
 };
 
+/// How many TLS contexts this thread has made.
+int contextsMade();
+
 /// While it lives the TLS library makes no client contexts, or no sessions, for this thread.
 class FailingTls {
 public:
