@@ -86,6 +86,33 @@ TEST(Forgeries, AcceptedOnPurposeAreTheseAlone) {
     EXPECT_EQ(accepted, onPurpose);
 }
 
+// The strict profile refuses other spellings, small keys and keys that no signature protects. What is left is a matter
+// of which keys and documents a shop has.
+TEST(Forgeries, AcceptedByTheStrictProfileAreFewer) {
+    std::set<std::string> const left = {
+        "key of the directory: another key signed and is named: any key of the directory counts",
+        "huge modulus: 1024 bits, the most that works",
+        "negative numbers: a modulus with its sign bit set counts as positive",
+        "bytes behind the key: zeros",
+        "bytes behind the key: another key",
+        "bytes in the key: an indefinite length",
+        "two elements: signed whole by the first's key: the first counts",
+        "key id twice: signed: the last counts",
+    };
+    std::set<std::string> accepted;
+    for (Forgery const& row : allForgeries()) {
+        Shop const shop(row);
+        shop.m_Directory.write("settings.xml", "<KVX PROFILE=\"strict\"/>");
+        std::int32_t const code = shop.verify(row.m_Text, row.m_Signature);
+        if (row.m_Class == "genuine") {
+            EXPECT_EQ(code, KVX_OK) << nameOf(row);
+        } else if (code == KVX_OK) {
+            accepted.insert(nameOf(row));
+        }
+    }
+    EXPECT_EQ(accepted, left);
+}
+
 // The vectors of this file's own signer and of the other program are the same, so the random ones below bite too.
 TEST(Forgeries, AreSignedAsTheOtherProgramSigns) {
     Forgery const genuine = allForgeries().front();
