@@ -3,7 +3,12 @@
 // A signature covers the text widened to 16-bit units. Signing: read the private key's hexadecimal text, convert,
 // widen, sign, return hexadecimal text. Verifying: the same with the public key and the signature's text. Private keys
 // pass through wiped buffers only. Odd: signing widens bytes without sign and verifying with sign, so own signatures
-// over bytes of 0x80 and above do not verify here.
+// over bytes of 0x80 and above do not verify here. A failure of OpenSSL counts only when OpenSSL still works: without
+// memory it calls good keys and signatures bad.
+
+#include <openssl/err.h>
+
+#include <cstring>
 
 #include "core/icct.h"
 #include "core/kvxctx.h"
@@ -13,6 +18,7 @@
 #include "core/kvxfile.h"
 #include "core/kvxlines_core.h"
 #include "core/kvxwipe.h"
+#include "foundation/tbexception.h"
 #include "foundation/tbmemory.h"
 
 namespace {
@@ -49,6 +55,46 @@ private:
     TbMemoryHolder m_Units;
 };
 
+// A public key and its signature over no bytes, made by another program.
+unsigned char const kKnownKey[] = {
+    0x30, 0x48, 0x02, 0x41, 0x00, 0xe8, 0x40, 0xfc, 0xc0, 0xcb, 0xad, 0x07, 0x29, 0xdf, 0xfa, 0xf2, 0xeb, 0x39, 0x07,
+    0xba, 0x32, 0x0e, 0x12, 0x45, 0xca, 0x0a, 0x37, 0x3f, 0x05, 0xdb, 0xc0, 0xa3, 0x86, 0x87, 0xdf, 0x05, 0xee, 0xb2,
+    0xcf, 0x7d, 0xa6, 0x06, 0x52, 0xc3, 0xae, 0x59, 0x92, 0xf0, 0xa3, 0x01, 0x08, 0xf4, 0x20, 0x14, 0x5f, 0xab, 0x05,
+    0x2f, 0xb5, 0xf1, 0x37, 0x4b, 0xc0, 0xf8, 0x23, 0x76, 0xf1, 0x7c, 0x99, 0x02, 0x03, 0x01, 0x00, 0x01};
+unsigned char const kKnownSignature[] = {0x1f, 0x5b, 0x88, 0xe8, 0x17, 0x7b, 0xf7, 0xd2, 0x65, 0x96, 0x81, 0x47, 0xa9,
+                                         0x4d, 0x22, 0x07, 0x38, 0x94, 0xbd, 0xa5, 0x58, 0xe2, 0x74, 0xad, 0x7b, 0xec,
+                                         0x7c, 0x9b, 0x6d, 0x64, 0x2b, 0xdb, 0xcc, 0x64, 0x38, 0x81, 0x77, 0x44, 0x49,
+                                         0x60, 0x83, 0x3a, 0x64, 0x6a, 0x93, 0xfe, 0xed, 0x4f, 0xaf, 0xb7, 0x6a, 0x19,
+                                         0xba, 0x02, 0x03, 0x9d, 0x58, 0x50, 0xdf, 0xcc, 0xcc, 0xdb, 0xba, 0xb1};
+
+/// Whether OpenSSL works in this process: it verifies a signature that is known to be right. Without memory it does
+/// not, and after an initialisation that ran out of memory it never does again.
+bool isWorking() {
+    unsigned char key[sizeof kKnownKey];
+    unsigned char signature[sizeof kKnownSignature];
+    std::memcpy(key, kKnownKey, sizeof key);
+    std::memcpy(signature, kKnownSignature, sizeof signature);
+    return ICCT_Verify(key, sizeof key, nullptr, 0, signature, sizeof signature) == 0;
+}
+
+/// Whether one of the RSA functions succeeds, tried again once: a single allocation may have failed. Raises
+/// KVX_E_OUT_OF_MEMORY (TBFC_Exception) when memory is lacking; a shop must not take that for a forged confirmation.
+/// The error queue keeps the entries of the first attempt alone.
+template <class Operation>
+bool succeeds(Operation operation) {
+    if (operation() == 0) {
+        return true;
+    }
+    ERR_set_mark();
+    bool const succeeded = operation() == 0;
+    bool const isLacking = !succeeded && !isWorking();
+    ERR_pop_to_mark();
+    if (isLacking) {
+        throw TBFC_Exception(KVX_E_OUT_OF_MEMORY);
+    }
+    return succeeded;
+}
+
 }  // namespace
 
 void KVX_Context::GenKey(TbString& keyId) {
@@ -56,7 +102,9 @@ void KVX_Context::GenKey(TbString& keyId) {
     KvxWipedBuffer<kGeneratedKeyBytes> privateKey;
     int publicLength = 0;
     int privateLength = 0;
-    if (ICCT_GenerateKeys(publicKey.m_Bytes, &publicLength, privateKey.m_Bytes, &privateLength, nullptr, 0) != 0) {
+    if (!succeeds([&] {
+            return ICCT_GenerateKeys(publicKey.m_Bytes, &publicLength, privateKey.m_Bytes, &privateLength, nullptr, 0);
+        })) {
         kvx::kSourceCtx.fail(KVX_E_CRYPTO, kvx::kLineGenKey);
     }
     TbString const publicHex = BufferToHex(publicKey.m_Bytes, static_cast<unsigned long>(publicLength));
@@ -80,8 +128,10 @@ void KVX_Context::SignData(TbString const& data, TbString const& keyId, TbString
     }
     unsigned char bytes[kOwnSignatureBytes];
     unsigned long length = sizeof bytes;
-    if (ICCT_Signature(key.m_Bytes, static_cast<int>(keyLength), widened.bytes(), widened.length(), bytes, &length) !=
-        0) {
+    if (!succeeds([&] {
+            return ICCT_Signature(key.m_Bytes, static_cast<int>(keyLength), widened.bytes(), widened.length(), bytes,
+                                  &length);
+        })) {
         kvx::kSourceCtx.fail(KVX_E_CRYPTO, kvx::kLineSignFailed);
     }
     signature = BufferToHex(bytes, length);
@@ -115,7 +165,9 @@ void KVX_Context::requireVerified(KVX_Settings const& settings, TbString const& 
         kvx::kSourceCtx.fail(KVX_E_INVALID_SIGNATURE, kvx::kLineVerifySpelling);
     }
     WidenedText const widened(data, WidenedText::Sign::kExtended);
-    if (ICCT_Verify(key, static_cast<int>(keyLength), widened.bytes(), widened.length(), bytes, length) != 0) {
+    if (!succeeds([&] {
+            return ICCT_Verify(key, static_cast<int>(keyLength), widened.bytes(), widened.length(), bytes, length);
+        })) {
         kvx::kSourceCtx.fail(KVX_E_INVALID_SIGNATURE, kvx::kLineVerifyFailed);
     }
 }
