@@ -191,6 +191,7 @@ int ICCT_DecryptDigest(unsigned char* privKey, int privKeyLen, unsigned char* in
 }
 
 std::uint32_t ICCT_UsableModulusBits(unsigned char const* pubKey, unsigned long pubKeyLen) noexcept {
+    TbForkGate const gate;
     RsaHolder const key =
         pubKeyLen <= INT_MAX ? DecodeKey(d2i_RSAPublicKey, pubKey, static_cast<int>(pubKeyLen)) : nullptr;
     if (key == nullptr) {

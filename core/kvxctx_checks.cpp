@@ -3,6 +3,7 @@
 #include <openssl/evp.h>
 
 #include "core/icct_modulus.h"
+#include "foundation/tbforkgate.h"
 #include "xml/xmlparser.h"
 
 namespace {
@@ -13,6 +14,7 @@ constexpr std::uint32_t kBitsPerByte = 8;
 /// The digest is compared as text: it is as public as the key.
 bool isPinned(TbString const& pin, KvxPublicKey key) {
     unsigned char digest[kDigestBytes];
+    TbForkGate const gate;
     if (EVP_Digest(key.m_Bytes, key.m_Length, digest, nullptr, EVP_sha256(), nullptr) != 1) {
         return false;
     }

@@ -95,6 +95,12 @@ bool succeeds(Operation operation) {
     return succeeded;
 }
 
+/// Whether a check that asks OpenSSL holds, in the same way.
+template <class Check>
+bool holds(Check check) {
+    return succeeds([&] { return check() ? 0 : -1; });
+}
+
 }  // namespace
 
 void KVX_Context::GenKey(TbString& keyId) {
@@ -158,10 +164,10 @@ void KVX_Context::requireVerified(KVX_Settings const& settings, TbString const& 
     if (HexToBuffer(signature, bytes, &length) != KVX_OK) {
         kvx::kSourceCtx.fail(KVX_E_INVALID_KEY, kvx::kLineVerifySignatureText);
     }
-    if (!kvxIsAcceptedKey(settings, {key, keyLength})) {
+    if (!holds([&] { return kvxIsAcceptedKey(settings, {key, keyLength}); })) {
         kvx::kSourceCtx.fail(KVX_E_INVALID_SIGNATURE, kvx::kLineVerifyKeyRefused);
     }
-    if (settings.m_HasStrictSignature && !kvxIsCanonicalSignature(signature, {key, keyLength})) {
+    if (settings.m_HasStrictSignature && !holds([&] { return kvxIsCanonicalSignature(signature, {key, keyLength}); })) {
         kvx::kSourceCtx.fail(KVX_E_INVALID_SIGNATURE, kvx::kLineVerifySpelling);
     }
     WidenedText const widened(data, WidenedText::Sign::kExtended);
@@ -180,8 +186,11 @@ void KVX_Context::requireAcceptable(TbString const& keyBlob) {
     if (HexToBuffer(keyBlob, bytes, &length) != KVX_OK) {
         length = 0;
     }
-    bool const isUsable = !settings.m_HasStrictKeys || kvxIsUsableKey({bytes, length});
-    if (!isUsable || !kvxIsAcceptedKey(settings, {bytes, length})) {
+    bool const isAccepted = holds([&] {
+        bool const isUsable = !settings.m_HasStrictKeys || kvxIsUsableKey({bytes, length});
+        return isUsable && kvxIsAcceptedKey(settings, {bytes, length});
+    });
+    if (!isAccepted) {
         kvx::kSourceCtx.fail(KVX_E_INVALID_KEY, kvx::kLineImportKeyRefused);
     }
 }

@@ -9,6 +9,7 @@
 #include <mutex>
 
 #include "foundation/tbfork.h"
+#include "foundation/tbforkgate.h"
 #include "net/kvxwait.h"
 
 namespace {
@@ -110,6 +111,7 @@ bool kvxTlsKeyOf(KVX_Transfer const& transfer, TbString const& trust, TbString c
     put(material, std::getenv(X509_get_default_cert_file_env()));
     put(material, std::getenv(X509_get_default_cert_dir_env()));
     material.append(trust);
+    TbForkGate const gate;
     return EVP_Digest(material.c_str(), material.length(), key.m_Digest, nullptr, EVP_sha256(), nullptr) == 1;
 }
 
