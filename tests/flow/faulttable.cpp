@@ -239,7 +239,9 @@ FaultTableRow endingAs(FaultTableRow row, FaultTableRow const& like, std::int32_
 
 }  // namespace
 
-FaultTableRow strictRow(FaultTableRow const& row) {
+namespace {
+
+FaultTableRow strictOutcomeOf(FaultTableRow const& row) {
     if (row.m_Exchange == E::kPage) {
         return row;
     }
@@ -260,6 +262,17 @@ FaultTableRow strictRow(FaultTableRow const& row) {
         default:
             return row;
     }
+}
+
+}  // namespace
+
+FaultTableRow strictRow(FaultTableRow const& row) {
+    FaultTableRow strict = strictOutcomeOf(row);
+    // All responses but the last are checked before a file is written.
+    if (isOfSetUp(row.m_Exchange) && row.m_Exchange != E::kKeyExport && strict.m_Result != KVX_OK) {
+        strict.m_Left = "....";
+    }
+    return strict;
 }
 
 std::vector<FaultTableRow> const& faultTable() {

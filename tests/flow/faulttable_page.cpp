@@ -237,18 +237,16 @@ std::string outcome(FaultTableRow const& row) {
     return codeName(row.m_Result) + " | " + row.m_Left;
 }
 
-/// How strict settings differ: the result, then the rest as far as it is another.
+/// How strict settings differ: result, carrying out and what is left, as far as each is another.
 std::string strictOutcome(FaultTableRow const& row) {
     FaultTableRow const strict = strictRow(row);
-    if (strict.m_Result == row.m_Result) {
-        return "";
-    }
-    std::string text = codeName(strict.m_Result);
+    std::string text = strict.m_Result != row.m_Result ? codeName(strict.m_Result) : "";
+    auto const add = [&text](std::string const& more) { text += (text.empty() ? "" : "; ") + more; };
     if (strict.m_CarriedOut != row.m_CarriedOut) {
-        text += ", not carried out";
+        add("not carried out");
     }
     if (std::string(strict.m_Left) != row.m_Left) {
-        text += isOfSetUp(row.m_Exchange) ? "; " + directoryText(strict.m_Left) : "; " + std::string(strict.m_Left);
+        add(isOfSetUp(row.m_Exchange) ? directoryText(strict.m_Left) : strict.m_Left);
     }
     return text;
 }
