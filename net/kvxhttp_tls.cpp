@@ -120,7 +120,12 @@ SslConnection::SslConnection(KVX_Transfer const& transfer, TbString const& host,
     if (m_Context == nullptr) {
         return;
     }
-    if (!kvxProtect(m_Context.get(), transfer, trust)) {
+    bool isProtected = false;
+    {
+        TbForkGate const gate;
+        isProtected = kvxProtect(m_Context.get(), transfer, trust);
+    }
+    if (!isProtected) {
         m_Refusal = KVX_E_TLS_FAMILY | kKvxTlsTrust;
     } else if (m_Reuse != nullptr) {
         kvxKeepContext(m_Reuse->m_Key, m_Context.get());
