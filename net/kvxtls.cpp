@@ -6,7 +6,6 @@
 #include <memory>
 
 #include "core/kvxfile.h"
-#include "foundation/tbforkgate.h"
 #include "foundation/tbreleaser.h"
 
 namespace {
@@ -69,7 +68,6 @@ bool kvxReadTrust(KVX_Transfer const& transfer, TbStringStream& trust) {
 }
 
 bool kvxProtect(SSL_CTX* context, KVX_Transfer const& transfer, TbString const& trust) {
-    TbForkGate const gate;
     ERR_clear_error();
     bool isReady = raiseVersion(context, transfer.minimumVersion);
     if (isReady && transfer.verifyPeer) {
