@@ -239,6 +239,18 @@ TEST_F(ReplaceFile, CannotOpenAFileThatMayNotBeWritten) {
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1);
 }
 
+TEST_F(ReplaceFile, CannotOpenItsOwnersFileThatMayNotBeWritten) {
+    TemporaryDirectory dir;
+    dir.write("config.xml", "old");
+    ::chmod(dir.file("config.xml").c_str(), 0444);
+    if (::geteuid() == 0) {
+        ASSERT_EQ(::chown(dir.file("config.xml").c_str(), kNobody, kNobody), 0);
+        ASSERT_EQ(::chown(dir.path().c_str(), kNobody, kNobody), 0);
+    }
+    EXPECT_EQ(updateUnprivileged(dir.path(), "config.xml", "new"), kNotOpened) << "it could be replaced";
+    EXPECT_EQ(dir.read("config.xml"), "old");
+}
+
 TEST_F(ReplaceFile, WritesAStrangersFileInPlace) {
     if (::geteuid() != 0) {
         GTEST_SKIP() << "takes two users";

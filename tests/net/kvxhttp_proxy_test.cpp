@@ -280,18 +280,20 @@ TEST(ProxyConnect, KeepsReadingTheReplyInOnePiece) {
 }
 
 TEST(ProxyConnect, KeepsPrintingTheReplyWhateverTheTraceOptions) {
-    RawServer const proxy("HTTP/1.0 407 x\r\n\r\n");
-    KVX_RequestInfo request = requestThrough(proxy, "https://shop.example/x");
-    request.traceOptions = "rawhttp";
-    CapturedOutput printed(CapturedOutput::Stream::kError);
-    CapturedOutput output;
-    EXPECT_EQ(bits(thrownCode([&] {
-                  TbStringStream out;
-                  HttpSession(request, out);
-              })),
-              0x80042197U);
-    EXPECT_EQ(output.text(), "");
-    EXPECT_EQ(printed.text(), "Proxy response:\nHTTP/1.0 407 x\r\n\r\n\n");
+    for (char const* const options : {"", "none", "rawhttp"}) {
+        RawServer const proxy("HTTP/1.0 407 x\r\n\r\n");
+        KVX_RequestInfo request = requestThrough(proxy, "https://shop.example/x");
+        request.traceOptions = options;
+        CapturedOutput printed(CapturedOutput::Stream::kError);
+        CapturedOutput output;
+        EXPECT_EQ(bits(thrownCode([&] {
+                      TbStringStream out;
+                      HttpSession(request, out);
+                  })),
+                  0x80042197U);
+        EXPECT_EQ(output.text(), "") << options;
+        EXPECT_EQ(printed.text(), "Proxy response:\nHTTP/1.0 407 x\r\n\r\n\n") << options;
+    }
 }
 
 TEST(ProxyConnect, ReportsAResetInsteadOfAReply) {
