@@ -129,6 +129,16 @@ TEST_F(PayInit, CopiesTheDefaultsThatAreThereAlsoEmptyOnes) {
                                                  R"( LANGID="" BACKLINK="b" EXPIRATION="20240201 23:59:07")"));
 }
 
+TEST_F(PayInit, TakesNothingButItsEightNamesFromTheDefaults) {
+    m_Account.setDefaults(R"( TOKEN="same for all" KEYID="other" MSGTYPE="Other" AMOUNT="1" EXPIRATION="never")");
+    MadeMessage const payment = payInit();
+    EXPECT_EQ(attribute(payment.get(), "TOKEN").size(), 32U) << "every payment has a token of its own";
+    EXPECT_EQ(attribute(payment.get(), "KEYID"), "own");
+    EXPECT_EQ(attribute(payment.get(), "MSGTYPE"), "PayInit");
+    EXPECT_EQ(attribute(payment.get(), "EXPIRATION").size(), 17U);
+    EXPECT_EQ(textOf(payment.get()).find("AMOUNT"), std::string::npos);
+}
+
 TEST_F(PayInit, GoesWithoutDefaultsWhenThereIsNoFile) {
     ASSERT_FALSE(m_Account.exists("default.xml"));
     FixedTime const time(kNow);
