@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -58,14 +59,29 @@ int scriptedSocket(int, int, int) {
     return ::open("/dev/null", O_RDWR | O_CLOEXEC);
 }
 
-ssize_t scriptedSend(int, void const* buffer, std::size_t bytes, int) {
+bool isSocket(int socket) {
+    errno = socket < 0 ? EBADF : errno;
+    return socket >= 0;
+}
+
+int scriptedConnect(int socket, sockaddr const*, socklen_t) {
+    return isSocket(socket) ? 0 : -1;
+}
+
+ssize_t scriptedSend(int socket, void const* buffer, std::size_t bytes, int) {
     HeapPause const own;
+    if (!isSocket(socket)) {
+        return -1;
+    }
     g_Requests.back().append(static_cast<char const*>(buffer), bytes);
     return static_cast<ssize_t>(bytes);
 }
 
-ssize_t scriptedReceive(int, void* buffer, std::size_t bytes, int) {
+ssize_t scriptedReceive(int socket, void* buffer, std::size_t bytes, int) {
     HeapPause const own;
+    if (!isSocket(socket)) {
+        return -1;
+    }
     if (!g_HasResponse) {
         g_Response = isComplete(g_Requests.back()) ? httpResponse(g_Respond(g_Requests.back())) : "";
         g_Sent = 0;
@@ -166,7 +182,7 @@ std::string Stage::whatIsBroken(std::map<std::string, std::set<std::string>> con
         }
     }
     for (auto const& [name, content] : m_Remembered) {
-        if (now.count(name) == 0) {
+        if (now.count(name) == 0 && name.find(kTemporaryPrefix) == std::string::npos) {
             broken += "gone: " + name + "; ";
         }
     }
@@ -177,7 +193,7 @@ ScriptedNetwork::ScriptedNetwork(std::function<std::string(std::string const&)> 
     g_Respond = std::move(respond);
     g_Requests.clear();
     m_Calls->socket = &scriptedSocket;
-    m_Calls->connect = [](int, sockaddr const*, socklen_t) { return 0; };
+    m_Calls->connect = &scriptedConnect;
     m_Calls->send = &scriptedSend;
     m_Calls->recv = &scriptedReceive;
     m_Calls->shutdown = [](int, int) { return 0; };
