@@ -387,6 +387,9 @@ bool kvxWriteAll(int file, void const* data, std::size_t bytes) noexcept {
 KvxWriteResult kvxReplaceFile(char const* path, void const* data, std::size_t bytes, KvxWriteOptions const& options) {
     struct ::stat old = {};
     if (tbSystem().lstat(path, &old) != 0) {
+        if (errno != ENOENT && errno != ENOTDIR) {
+            return KvxWriteResult::kCannotOpen;  // it may be there, with an owner, a mode and a target to keep
+        }
         return replaceBeside(path, data, bytes, options, nullptr);
     }
     std::unique_ptr<char, TbReleaser<std::free>> resolved;

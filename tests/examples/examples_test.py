@@ -356,7 +356,7 @@ class Demonstration(SandboxCase):
         status, out, errors = self.run_demo()
         self.assertEqual(status, 1)
         self.assertIn("The demonstration stops here: ConfigurationSetup_Reconfigure", errors)
-        self.assertRegex(out, r" 3  ConfigurationSetup_Reconfigure +0x8004\S+ .* expected: 0 ok\n")
+        self.assertRegex(out, r" 2  ConfigurationSetup_Reconfigure +0x80040219 .* expected: 0x80040213 ")
 
     def test_stops_without_a_service(self):
         self.stop_sandbox()
