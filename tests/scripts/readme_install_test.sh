@@ -43,8 +43,9 @@ fi
 log=$(mktemp)
 bash -euo pipefail -c "$block" >"$log" 2>&1 || { cat "$log"; exit 1; }
 
-ldd "$build/payment" | grep -q "libtallowin\.so\.1 => $prefix/lib" ||
-  { echo 'the program does not find the library:'; ldd "$build/payment"; exit 1; }
+libraries=$(ldd "$build/payment") # grep may end before ldd has written all
+grep -q "libtallowin\.so\.1 => $prefix/lib" <<<"$libraries" ||
+  { echo 'the program does not find the library:'; echo "$libraries"; exit 1; }
 status=0
 "$build/payment" >"$log" 2>&1 || status=$?
 { [ "$status" -eq 2 ] && grep -q '^usage: ' "$log"; } || { echo "the program ends with $status:"; cat "$log"; exit 1; }
