@@ -430,6 +430,11 @@ struct Scene {
     bool m_IsDebugged;  ///< KVXDEBUG is set.
 };
 
+/// Names of tests would hold its bytes, addresses among them.
+void PrintTo(Scene const& scene, std::ostream* out) {
+    *out << scene.m_Name;
+}
+
 constexpr Scene kRuns[] = {
     {"plain", Way::kPlain, false, false},
     {"debugged", Way::kPlain, false, true},
