@@ -131,10 +131,10 @@ RawServer::Script overTls(std::function<void(Peer& peer, int socket)> const& scr
 }
 
 std::vector<Stall> stalls() {
-    constexpr char kConnect[] = "connection timeout (failed to connect to host)";
-    constexpr char kSetup[] = "connection timeout (failed to setup protocol)";
-    constexpr char kSend[] = "connection timeout (failed to write to host)";
-    constexpr char kReceive[] = "connection timeout (failed to receive from host)";
+    static constexpr char kConnect[] = "connection timeout (failed to connect to host)";
+    static constexpr char kSetup[] = "connection timeout (failed to setup protocol)";
+    static constexpr char kSend[] = "connection timeout (failed to write to host)";
+    static constexpr char kReceive[] = "connection timeout (failed to receive from host)";
     auto const silentAfterRequest = [](Peer& peer) {
         peer.receiveRequest();
         hold(peer);
