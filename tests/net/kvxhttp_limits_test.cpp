@@ -225,10 +225,14 @@ TEST(TimeLimit, EndsEveryStallOfAnExchange) {
     single.ioTimeout = 1;
     KVX_Transfer whole;
     whole.totalTimeout = 1;
+    KVX_Transfer both = whole;  // each wait alone may be longer than the whole
+    both.connectTimeout = 30;
+    both.ioTimeout = 30;
     std::vector<Stall> const all = stalls();
     std::vector<std::thread> threads;
     for (Stall const& stall : all) {
         threads.emplace_back(meet, std::cref(stall), std::cref(whole));
+        threads.emplace_back(meet, std::cref(stall), std::cref(both));
         if (!stall.m_IsTooSlow) {
             threads.emplace_back(meet, std::cref(stall), std::cref(single));
         }
