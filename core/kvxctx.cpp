@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <memory>
 
+#include "core/kvxfile.h"
 #include "core/kvxlines_core.h"
 #include "foundation/tbreleaser.h"
 #include "foundation/tbsystem.h"
@@ -15,6 +16,11 @@ constexpr mode_t kDirectoryMode = 0777;
 bool canOpenDirectory(char const* path) {
     DIR* const directory = tbSystem().opendir(path);
     return directory != nullptr && tbSystem().closedir(directory) == 0;
+}
+
+/// Makes a directory that survives a crash of the machine. False and `errno` on failure.
+bool makeDirectory(TbString const& path) {
+    return tbSystem().mkdir(path.c_str(), kDirectoryMode) == 0 && kvxSyncNewDirectory(path);
 }
 
 /// Whether opening failed for lack of descriptors or memory, which says nothing about the path.
@@ -50,7 +56,7 @@ TbString KVX_Context::GetDefaultConfiguration() const {
 }
 
 void KVX_Context::CreatePath(TbString const& path) {
-    if (!canOpenDirectory(path.c_str()) && tbSystem().mkdir(path.c_str(), kDirectoryMode) != 0) {
+    if (!canOpenDirectory(path.c_str()) && !makeDirectory(path)) {
         int const error = errno;
         // Another process may have created it in between.
         if (error != EEXIST || !canOpenDirectory(path.c_str())) {

@@ -409,6 +409,14 @@ KvxWriteResult kvxReplaceFile(char const* path, void const* data, std::size_t by
     return replaceBeside(path, data, bytes, options, &old);
 }
 
+bool kvxSyncNewDirectory(TbString const& path) {
+    std::uint32_t length = path.length();
+    while (length > 1 && path[length - 1] == '/') {
+        --length;
+    }
+    return syncDirectory(directoryOf(path.substring(0, length).c_str()), KvxWriteOptions());
+}
+
 TbString kvxWithoutPadding(TbString const& content) {
     std::uint32_t length = content.length();
     while (length > 0 && content[length - 1] == '\0') {

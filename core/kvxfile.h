@@ -78,6 +78,10 @@ struct KvxWriteOptions {
 /// kvxWithoutPadding(). A target that is no regular file is written plainly.
 KvxWriteResult kvxReplaceFile(char const* path, void const* data, std::size_t bytes, KvxWriteOptions const& options);
 
+/// Synchronises the directory that holds the new directory `path`, where the system allows it. False and `errno` when
+/// the new one may not survive a crash of the machine.
+[[nodiscard]] bool kvxSyncNewDirectory(TbString const& path);
+
 /// `content` without the zero bytes at its end.
 ///
 /// A shorter content that is written in place has the old length for a moment, or for good when the writer dies then.
