@@ -7,6 +7,7 @@
 #   ./test.sh --sanitize    all tests under AddressSanitizer + UndefinedBehaviorSanitizer, then under ThreadSanitizer
 #   ./test.sh --browser     the release build of the shop and the sandbox, and the tests that drive a browser
 #   ./test.sh --coverage    all tests, then line and branch coverage of the library
+#   ./test.sh --deep        all tests, then the long forms of those that have no natural end, the fuzz targets, the mutants
 #   ./test.sh --x86         the 32-bit build and its tests, in a 32-bit Debian of its own (scripts/x86root); needs some GB
 #
 # Installs the Debian packages it needs (scripts/setup). Exit status 0 only when every test passed.
@@ -29,6 +30,14 @@ build_and_test() {
   printf '== %s: test\n' "$preset"
   "$@" ctest --test-dir "$place" --parallel "$jobs" --output-on-failure --no-tests=error --progress \
     "${chosen[@]}"
+}
+
+# long_forms: tests whose length is a number, with larger numbers. They run alone: some measure the whole process.
+long_forms() {
+  printf '== release: long forms\n'
+  KVX_HANDLE_ROUNDS=1000000 KVX_FORKS=2000 KVX_STRESS_ROUNDS=2000 KVX_FORGERIES=1000000 KVX_SOAK_SECONDS=600 \
+    ctest --test-dir build/release --output-on-failure --no-tests=error --progress --timeout 3600 \
+      --tests-regex '^(WildHandle|ForkedChild|Stress|RandomForgeries|Soak)\.'
 }
 
 mode=${1:-}
@@ -78,12 +87,19 @@ case "$mode" in
     build_and_test coverage
     scripts/coverage
     ;;
+  --deep)
+    scripts/setup java-tests browser fuzz
+    build_and_test release
+    long_forms
+    scripts/fuzz 30
+    scripts/mutants
+    ;;
   --x86)
     scripts/setup x86
     build_and_test x86 /build scripts/x86root build/x86-root
     ;;
   *)
-    sed -n '2,12s/^# \{0,1\}//p' "$0"
+    sed -n '2,13s/^# \{0,1\}//p' "$0"
     exit 2
     ;;
 esac

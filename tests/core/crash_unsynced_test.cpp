@@ -109,7 +109,7 @@ TEST(PowerLoss, LeavesAnAccountThatWorksWheneverASetupIsInterrupted) {
     }
 }
 
-TEST(PowerLoss, KeepsADirectoryThatTheContextHasMade) {
+TEST(PowerLoss, LosesNoDirectoryThatTheContextHasMade) {
     SetupServer const server;
     TemporaryDirectory parent;
     RecordedDisk const disk(parent.path());
