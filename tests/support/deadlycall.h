@@ -11,10 +11,13 @@
 namespace kvxtest {
 
 /// Kills this process instead of its call number `number`, from 0, while it lives: any call that can leave a trace on
-/// disk or at a peer, or open a descriptor. For child processes; one at a time. Replacements made before stay in force.
+/// disk or at a peer, or open a descriptor. -1 kills none. For child processes; one at a time. Replacements made before
+/// stay in force.
 class DeadlyCall {
 public:
-    explicit DeadlyCall(int number) {
+    /// `beforeEach` is called before every call; null for none.
+    explicit DeadlyCall(int number, void (*beforeEach)() = nullptr) {
+        s_BeforeEach = beforeEach;
         s_Number = number;
         s_Count = 0;
         watch<&TbSystemCalls::open, &TbSystemCalls::close, &TbSystemCalls::read, &TbSystemCalls::write,
@@ -36,6 +39,9 @@ private:
     template <class Result, class... Arguments, Result (*TbSystemCalls::*kEntry)(Arguments...)>
     struct Watched<kEntry> {
         static Result call(Arguments... arguments) {
+            if (s_BeforeEach != nullptr) {
+                s_BeforeEach();
+            }
             if (s_Count++ == s_Number) {
                 ::kill(::getpid(), SIGKILL);
             }
@@ -50,6 +56,7 @@ private:
         ((tbSystem().*kEntries = &Watched<kEntries>::call), ...);
     }
 
+    static inline void (*s_BeforeEach)() = nullptr;
     static inline int s_Number = -1;
     static inline int s_Count = 0;
 
