@@ -65,9 +65,10 @@ void readLimit(xmlElement& root, char const* name, std::uint32_t& limit) {
     }
 }
 
+/// On with any other value than "0", an empty one too: a damaged "1" may read as one.
 void readCheck(xmlElement& root, char const* name, bool& isOn) {
     TbString value;
-    if (read(root, name, value)) {
+    if (xmlGetAttributeEx(&root, name, value)) {
         isOn = value != TbString("0");
     }
 }
@@ -92,7 +93,7 @@ void readTlsVersion(xmlElement& root, KVX_TlsVersion& version) {
         {"1.3", KVX_TlsVersion::Tls13},
     };
     TbString value;
-    if (!read(root, "TLSMIN", value)) {
+    if (!xmlGetAttributeEx(&root, "TLSMIN", value)) {
         return;
     }
     version = KVX_TlsVersion::Tls12;
@@ -103,12 +104,22 @@ void readTlsVersion(xmlElement& root, KVX_TlsVersion& version) {
     }
 }
 
+/// A pin without a value fits no key.
 void readKeyPin(xmlElement& root, TbString& pin) {
-    read(root, "KEYPIN", pin);
+    if (xmlGetAttributeEx(&root, "KEYPIN", pin) && pin.isEmpty()) {
+        pin = "none";
+    }
     for (std::uint32_t i = 0; i < pin.length(); ++i) {
         if (pin[i] >= 'A' && pin[i] <= 'F') {
             pin[i] = static_cast<char>(pin[i] - 'A' + 'a');
         }
+    }
+}
+
+/// A name without a value is that of a directory, which holds no authority.
+void readTrustFile(xmlElement& root, TbString& file) {
+    if (xmlGetAttributeEx(&root, "TLSCAFILE", file) && file.isEmpty()) {
+        file = "/";
     }
 }
 
@@ -169,7 +180,7 @@ KVX_Settings kvxSettingsIn(TbString const& text) {
     readLimit(root, "TOTALTIMEOUT", settings.m_Transfer.totalTimeout);
     readLimit(root, "MAXRESPONSE", settings.m_Transfer.maxResponse);
     readCheck(root, "TLSVERIFY", settings.m_Transfer.verifyPeer);
-    read(root, "TLSCAFILE", settings.m_Transfer.trustFile);
+    readTrustFile(root, settings.m_Transfer.trustFile);
     readTlsVersion(root, settings.m_Transfer.minimumVersion);
     readSwitch(root, "SENDHOST", settings.m_Transfer.sendHost);
     readSwitch(root, "TLSREUSE", settings.m_Transfer.reuseTls);
@@ -212,6 +223,7 @@ KVX_Settings KVX_Context::settingsForVerification() {
         case KvxReadResult::kDone:
             return kvxSettingsIn(text.str());
         case KvxReadResult::kAbsent:
+        case KvxReadResult::kNameTooLong:  // no file of that name can be there
             return {};
         default:
             kvx::kSourceUrl.fail(KVX_E_CANNOT_OPEN, kvx::kLineOpenFile, kvx::kSettingsFile);

@@ -15,9 +15,20 @@
 
 namespace {
 
+/// Bytes of a file name that every file system here takes.
+constexpr std::uint32_t kMaxFileName = 255;
+
 /// A key id from the server names a file to be written: one that would leave its directory is refused.
 void requireWritable(TbString const& keyId) {
     if (!kvxNamesFileInDirectory(keyId)) {
+        kvx::kSourceCtx.fail(KVX_E_FILE_NOT_FOUND, kvx::kLineUpdateOpen);
+    }
+}
+
+/// The same for an id that no file can have.
+void requireNameable(TbString const& keyId) {
+    requireWritable(keyId);
+    if (keyId.isEmpty() || keyId.length() > kMaxFileName) {
         kvx::kSourceCtx.fail(KVX_E_FILE_NOT_FOUND, kvx::kLineUpdateOpen);
     }
 }
@@ -61,7 +72,9 @@ KVX_Context::Fetched KVX_Context::fetchConfiguration() {
     fetched.m_Response = exchangeUnsigned(url, message, "SetupResponse", fetched.m_Text);
     TbString paymentUrl("");
     fetched.m_Response->getAttribute("VTURL", paymentUrl);
-    if (paymentUrl.isEmpty() && settingsForVerification().m_HasStrictKeys) {
+    std::uint32_t const authority = paymentUrl.find("://");
+    bool const isAddress = authority != TbString::npos && authority != 0;
+    if (!isAddress && settingsForVerification().m_HasStrictKeys) {
         kvx::kSourceCtx.fail(KVX_E_NO_CONFIGURATION, kvx::kLineSetupNoPaymentUrl);
     }
     return fetched;
@@ -125,6 +138,10 @@ void KVX_Context::PublishKey(TbString& keyId) {
     kvx::kSourceCtx.trace(kvx::kLinePublishTrace, "PUBLISH");
 }
 
+TbString KVX_Context::newKeyId(TbString const& customerId) {
+    return "0-" + customerId + "-" + CreateUuid();
+}
+
 /// Fetches and writes the account's files one after the other.
 void KVX_Context::replaceAccount(bool hasDefaults) {
     Setup();
@@ -149,6 +166,13 @@ void KVX_Context::replaceAccountAtOnce(bool hasDefaults) {
         kvx::kSourceCtx.fail(KVX_E_NO_CONFIGURATION, kvx::kLineReconfigureKeyId);
     }
     Fetched const key = fetchKey(serverKeyId);
+    TbString customerId("");
+    configuration.m_Response->getAttribute("CUSTOMERID", customerId);
+    requireNameable(serverKeyId);
+    requireNameable(newKeyId(customerId));
+    if (hasPrivateKey(serverKeyId) || isOwnKey(keyBlobIn(key.m_Response))) {
+        kvx::kSourceCtx.fail(KVX_E_INVALID_KEY, kvx::kLineImportOwnKey);
+    }
     UpdateFile(kvx::kConfigFile, configuration.m_Text.str());
     if (!hasDefaults) {
         storeDefaults(defaults);
@@ -168,7 +192,7 @@ void KVX_Context::Reconfigure() {
     TbString isValid;
     bool const hasDefaults =
         QueryValueOrAbsent(kvx::kDefaultsFile, "KVX.ISVALID", isValid) && isValid == TbString("yes");
-    if (settingsForVerification().m_HasStrictKeys) {
+    if (settingsForVerification().limitsKeys()) {
         replaceAccountAtOnce(hasDefaults);
     } else {
         replaceAccount(hasDefaults);
@@ -178,7 +202,7 @@ void KVX_Context::Reconfigure() {
     TbString version;
     QueryValue(kvx::kConfigFile, "CUSTOMERID", customerId);
     QueryValue(kvx::kConfigFile, "VERSION", version);  // Deliberate (version-read-unused): read and not used further
-    TbString keyId = "0-" + customerId + "-" + CreateUuid();
+    TbString keyId = newKeyId(customerId);
     requireWritable(keyId);
     GenKey(keyId);
     PublishKey(keyId);

@@ -32,11 +32,6 @@ constexpr std::size_t kReadChunk = 8192;
 /// A divisor of every page size, a power of two.
 constexpr std::size_t kPage = 4096;
 
-void closeDirectory(DIR* directory) noexcept {
-    tbSystem().closedir(directory);
-}
-using Directory = std::unique_ptr<DIR, TbReleaser<closeDirectory>>;
-
 int openFile(char const* path, int flags, mode_t mode = 0) {
     return tbAwayFromStandardStreams(
         tbRetryInterrupted([&] { return tbSystem().open(path, flags | O_CLOEXEC, mode); }));
@@ -62,7 +57,7 @@ bool isTemporaryName(char const* name) {
 
 /// Removes temporary files of dead writers from `directory`: a living writer holds a lock on its file.
 void removeLeftovers(TbString const& directory) {
-    Directory const entries(tbSystem().opendir(directory.c_str()));
+    KvxDirectory const entries(tbSystem().opendir(directory.c_str()));
     if (entries == nullptr) {
         return;
     }
@@ -207,10 +202,23 @@ void restore(int file, TbString const& old, KvxWriteOptions const& options) {
     }
 }
 
+/// Locks the file, because two writers at once would shorten each other's content. Anybody who may read it can hold a
+/// lock for ever, so after a while the writing goes on without one.
+void lockForAWhile(int file) {
+    constexpr int kAttempts = 100;
+    constexpr int kMilliseconds = 10;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        if (tbRetryInterrupted([&] { return tbSystem().flock(file, LOCK_EX | LOCK_NB); }) == 0 ||
+            errno != EWOULDBLOCK) {
+            return;
+        }
+        tbSystem().poll(nullptr, 0, kMilliseconds);
+    }
+}
+
 bool overwriteOrRestore(int file, char const* path, void const* data, std::size_t bytes,
                         KvxWriteOptions const& options) {
-    // Two writers at once would shorten each other's content.
-    tbRetryInterrupted([&] { return tbSystem().flock(file, LOCK_EX); });
+    lockForAWhile(file);
     struct ::stat status = {};
     if (tbSystem().fstat(file, &status) != 0) {
         return false;

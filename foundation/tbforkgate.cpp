@@ -27,10 +27,16 @@ using ForkHandlers = TbForkHandlers<beforeFork, afterForkInParent, afterForkInCh
 }  // namespace
 
 void TbForkGate::open() noexcept {
-    ::pthread_rwlock_unlock(&g_Lock);
+    if (m_IsClosed) {
+        m_IsClosed = false;
+        ::pthread_rwlock_unlock(&g_Lock);
+    }
 }
 
 void TbForkGate::close() noexcept {
-    ForkHandlers::ensure();
-    ::pthread_rwlock_rdlock(&g_Lock);
+    if (!m_IsClosed) {
+        ForkHandlers::ensure();
+        ::pthread_rwlock_rdlock(&g_Lock);
+        m_IsClosed = true;
+    }
 }

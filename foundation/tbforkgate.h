@@ -13,11 +13,17 @@ public:
     TbForkGate() noexcept { close(); }
     TbForkGate(TbForkGate const&) = delete;
     TbForkGate& operator=(TbForkGate const&) = delete;
+
+    /// Right also for a thread that is cancelled while it has the gate open.
     ~TbForkGate() { open(); }
 
-    /// Lets forks through while the calling thread waits for the network, and stops them again.
-    static void open() noexcept;
-    static void close() noexcept;
+    /// Lets forks through while the calling thread waits for the network, and stops them again. An open gate may be
+    /// opened, a closed one closed.
+    void open() noexcept;
+    void close() noexcept;
+
+private:
+    bool m_IsClosed = false;
 };
 
 #endif

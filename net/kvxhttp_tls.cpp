@@ -37,16 +37,20 @@ bool isCleanEnd(int kind, int reason) {
     return kind == SSL_ERROR_ZERO_RETURN || (kind == SSL_ERROR_SSL && reason == SSL_R_UNEXPECTED_EOF_WHILE_READING);
 }
 
-/// Lets forks through while the session, inside a gate, waits for its socket.
-long openGateDuringIo(BIO*, int operation, char const*, std::size_t, int, long, int result, std::size_t*) {
+/// Lets forks through while the session, inside the gate that its callback's argument names, waits for its socket.
+long openGateDuringIo(BIO* bio, int operation, char const*, std::size_t, int, long, int result, std::size_t*) {
+    auto* const gate = reinterpret_cast<TbForkGate*>(BIO_get_callback_arg(bio));
+    if (gate == nullptr) {
+        return result;
+    }
     switch (operation) {
         case BIO_CB_READ:
         case BIO_CB_WRITE:
-            TbForkGate::open();
+            gate->open();
             break;
         case BIO_CB_READ | BIO_CB_RETURN:
         case BIO_CB_WRITE | BIO_CB_RETURN:
-            TbForkGate::close();
+            gate->close();
             break;
         default:
             break;
@@ -96,8 +100,8 @@ SslConnection::SslConnection() {
 
 SslConnection::SslConnection(KVX_Transfer const& transfer, TbString const& host, TbString const& port)
     : m_Verifies(transfer.verifyPeer), m_Host(host) {
-    if (m_Verifies && m_Host.isEmpty()) {
-        m_Refusal = KVX_E_TLS_FAMILY | kKvxTlsHost;  // the TLS library would take it for any host
+    if (m_Verifies && (m_Host.isEmpty() || m_Host[0] == '.')) {
+        m_Refusal = KVX_E_TLS_FAMILY | kKvxTlsHost;  // the TLS library would take it for any host, or any below it
         return;
     }
     TbStringStream trust;
@@ -175,9 +179,11 @@ int SslConnection::run(Call call) {
         int result = 0;
         int failure = 0;
         {
-            TbForkGate const gate;
+            TbForkGate gate;
+            BIO_set_callback_arg(SSL_get_rbio(m_Session.get()), reinterpret_cast<char*>(&gate));
             result = call(m_Session.get());
             failure = errno;
+            BIO_set_callback_arg(SSL_get_rbio(m_Session.get()), nullptr);
         }
         if (result > 0) {
             return result;

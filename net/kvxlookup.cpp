@@ -145,7 +145,7 @@ KvxLookup kvxLookUp(char const* host, KvxDeadline const& end) {
     LookupHolder const lookup(new SharedLookup(host));
     if (!startHelper(lookup.get())) {
         SharedLookup::leave(lookup.get());
-        return {};
+        throw TBFC_Exception(KVX_E_OUT_OF_MEMORY);  // a process at its limit of threads; the name may be right
     }
     return lookup->wait(end);
 }

@@ -97,7 +97,7 @@ KvxBytesToSend::~KvxBytesToSend() {
     errno = failure;
 }
 
-int ConnectSocket(int socket, sockaddr const* address, KVX_ConnectionLimits const& limits) noexcept {
+int ConnectSocket(int socket, sockaddr const* address, KVX_ConnectionLimits const& limits) {
     if (limits.hasEnd() && tbSystem().setNonBlocking(socket) == -1) {
         return -1;
     }

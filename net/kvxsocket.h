@@ -16,7 +16,7 @@ struct sockaddr;
 
 /// Connects `socket` to `address`; -1 and `errno` on failure. Continues after a signal. Under a limit the socket does
 /// not block from now on, and the failure may be ETIMEDOUT.
-[[nodiscard]] int ConnectSocket(int socket, sockaddr const* address, KVX_ConnectionLimits const& limits) noexcept;
+[[nodiscard]] int ConnectSocket(int socket, sockaddr const* address, KVX_ConnectionLimits const& limits);
 
 /// The bytes to send for a text: all of it, with zeros from its first zero byte on. Wiped at the end, because requests
 /// hold credentials. Leaves `errno` alone.

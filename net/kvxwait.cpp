@@ -31,7 +31,7 @@ int KvxDeadline::remaining() const noexcept {
     return static_cast<int>(std::clamp<std::int64_t>(milliseconds, 0, INT_MAX));
 }
 
-bool kvxWaitFor(int socket, short events, KvxDeadline const& end) noexcept {
+bool kvxWaitFor(int socket, short events, KvxDeadline const& end) {
     for (;;) {
         pollfd waiting = {socket, events, 0};
         int const timeout = end.remaining();

@@ -29,8 +29,8 @@ private:
 };
 
 /// Waits until `socket` is ready for `events`, of `poll`. False and `errno` on failure; ETIMEDOUT at the deadline.
-/// Continues after a signal.
-[[nodiscard]] bool kvxWaitFor(int socket, short events, KvxDeadline const& end) noexcept;
+/// Continues after a signal. A place where a thread may be cancelled.
+[[nodiscard]] bool kvxWaitFor(int socket, short events, KvxDeadline const& end);
 
 /// The result of `call` on a socket that does not block, repeated when the socket is ready for `events` again. -1 and
 /// ETIMEDOUT at the deadline, which counts before the first call too: a peer that never lets us wait gets no more time.

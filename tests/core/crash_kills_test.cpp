@@ -41,6 +41,11 @@ struct Start {
     int m_LeastCalls = 100;
 };
 
+/// Names of tests would hold its bytes, addresses among them.
+void PrintTo(Start const& start, std::ostream* out) {
+    *out << start.m_Name;
+}
+
 std::string nameOf(testing::TestParamInfo<Start> const& row) {
     return row.param.m_Name;
 }

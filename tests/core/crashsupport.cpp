@@ -160,7 +160,7 @@ AccountFiles filesFromServer() {
     return {
         R"(<KVX MSGTYPE="SetupResponse" VERSION="7" VTKEYID="vt-1" CUSTOMERID="4711" VTURL="https://pay.example/"/>)",
         R"(<KVX MSGTYPE="LoadDefaultsResponse" KVX.ISVALID="yes" LANGID="en" DELIVERY="somewhere else"/>)",
-        dataHex("rsa/key512.public.hex"), ""};
+        dataHex("rsa/key1024.public.hex"), ""};
 }
 
 AccountFiles earlierFiles() {

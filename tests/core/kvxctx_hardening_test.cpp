@@ -97,10 +97,11 @@ std::string attributeOf(SwitchRow const& row, char const* value) {
 TEST(SettingsChecks, AreOnUnlessAbsentOrZero) {
     for (SwitchRow const& check : kChecks) {
         EXPECT_FALSE(check.m_Get(settingsOf(""))) << check.m_Name;
-        EXPECT_FALSE(check.m_Get(settingsOf(attributeOf(check, "")))) << check.m_Name;
         EXPECT_TRUE(check.m_Get(settingsOf("PROFILE=\"strict\""))) << check.m_Name;
         EXPECT_FALSE(check.m_Get(settingsOf("PROFILE=\"strict\" " + attributeOf(check, "0")))) << check.m_Name;
-        for (char const* value : {"1", "yes", "true", "2", "01", "00", " 0", "off", "no", "1 "}) {
+        EXPECT_TRUE(check.m_Get(settingsOf(check.m_Name))) << check.m_Name << " without a value";
+        for (char const* value :
+             {"", "&#49;", "&", "&true", "1", "yes", "true", "2", "01", "00", " 0", "off", "no", "1 "}) {
             EXPECT_TRUE(check.m_Get(settingsOf(attributeOf(check, value)))) << check.m_Name << " " << value;
         }
     }
@@ -121,12 +122,10 @@ TEST(SettingsSwitches, ChangeAtTheirTwoValuesOnly) {
 }
 
 TEST(SettingsProfile, IsStrictHoweverItIsSpelledUnlessAbsentOrZero) {
-    for (char const* value : {"strict", "Strict", "STRICT", "strickt", "1"}) {
+    for (char const* value : {"strict", "Strict", "STRICT", "strickt", "1", "", "&#49;"}) {
         EXPECT_TRUE(settingsOf(std::string("PROFILE=\"") + value + "\"").m_HasStrictKeys) << value;
     }
-    for (char const* value : {"", "0"}) {
-        EXPECT_FALSE(settingsOf(std::string("PROFILE=\"") + value + "\"").m_HasStrictKeys) << value;
-    }
+    EXPECT_FALSE(settingsOf("PROFILE=\"0\"").m_HasStrictKeys);
     EXPECT_TRUE(settingsOf("CONNECTTIMEOUT=\"3\" PROFILE=\"strict\"").m_HasStrictKeys) << "the order does not matter";
     EXPECT_EQ(settingsOf("CONNECTTIMEOUT=\"3\" PROFILE=\"strict\"").m_Transfer.connectTimeout, 3U);
 }
@@ -138,11 +137,12 @@ TEST(SettingsOfTls, ChooseTheLowestVersion) {
     EXPECT_EQ(settingsOf("TLSMIN=\"1.1\"").m_Transfer.minimumVersion, KVX_TlsVersion::Tls11);
     EXPECT_EQ(settingsOf("TLSMIN=\"1.2\"").m_Transfer.minimumVersion, KVX_TlsVersion::Tls12);
     EXPECT_EQ(settingsOf("TLSMIN=\"1.3\"").m_Transfer.minimumVersion, KVX_TlsVersion::Tls13);
-    for (char const* value : {"1", "1.4", "TLSv1.2", "12", "0"}) {
+    for (char const* value : {"1", "1.4", "TLSv1.2", "12", "0", "", "&"}) {
         EXPECT_EQ(settingsOf(std::string("TLSMIN=\"") + value + "\"").m_Transfer.minimumVersion, KVX_TlsVersion::Tls12)
             << value;
     }
     EXPECT_TRUE(settingsOf("").m_Transfer.trustFile.isEmpty());
+    EXPECT_FALSE(settingsOf("TLSCAFILE=\"&priv\"").m_Transfer.trustFile.isEmpty()) << "never the system's";
     EXPECT_TRUE(settingsOf("TLSCAFILE=\"/etc/ca.pem\"").m_Transfer.trustFile == TbString("/etc/ca.pem"));
 }
 
@@ -261,6 +261,18 @@ std::string pinOf(std::string const& publicHex) {
 
 /// A merchant, and a confirmation by the server's key.
 struct StrictVerification : testing::Test, protected Merchant {
+    /// The merchant's own key is another one than the server's.
+    StrictVerification() {
+        TbString keyId = "own";
+        m_Context.GenKey(keyId);
+    }
+
+    /// The text signed with the merchant's own key.
+    std::string signedAsOwn(std::string const& text) {
+        TbString signature;
+        m_Context.SignData(text.c_str(), "own", signature);
+        return signature.c_str();
+    }
     static std::string confirmation(std::string const& keyId, std::string const& type = "PayConfirm") {
         return "<KVX MSGTYPE=\"" + type + "\" KEYID=\"" + keyId + "\" TOKEN=\"1\"/>";
     }
@@ -279,15 +291,19 @@ TEST_F(StrictVerification, AcceptsTheServersConfirmation) {
 }
 
 TEST_F(StrictVerification, RefusesOtherTypesAndOwnKeys) {
-    EXPECT_EQ(verify(confirmation("own")).m_Code, KVX_OK);
+    EXPECT_EQ(verify(confirmation("own"), signedAsOwn(confirmation("own"))).m_Code, KVX_OK);
     EXPECT_EQ(verify(confirmation("server", "PayInit")).m_Code, KVX_OK);
     write("settings.xml", documentOf("STRICTCONFIRM=\"1\""));
-    Thrown const own = verify(confirmation("own"));
+    Thrown const own = verify(confirmation("own"), signedAsOwn(confirmation("own")));
     EXPECT_EQ(own.m_Code, KVX_E_INVALID_SIGNATURE);
     EXPECT_EQ(own.m_Line, 733);
     Thrown const other = verify(confirmation("server", "PayInit"));
     EXPECT_EQ(other.m_Code, KVX_E_WRONG_RESPONSE);
     EXPECT_EQ(other.m_Line, 736);
+    write("keys/public/alias", read("keys/public/own") + "0");
+    Thrown const alias = verify(confirmation("alias"), signedAsOwn(confirmation("alias")));
+    EXPECT_EQ(alias.m_Code, KVX_E_INVALID_SIGNATURE) << "the own key under another id";
+    EXPECT_EQ(alias.m_Line, 733);
     EXPECT_EQ(verify("<KVX KEYID=\"server\"/>").m_Code, KVX_E_WRONG_RESPONSE) << "no type";
     EXPECT_EQ(verify(confirmation("server", "payconfirm")).m_Code, KVX_E_WRONG_RESPONSE);
     EXPECT_EQ(verify(confirmation("server", "Other"), std::string(128, '0')).m_Code, KVX_E_INVALID_SIGNATURE)
@@ -334,8 +350,10 @@ TEST_F(StrictVerification, AcceptsThePinnedKeyAlone) {
         EXPECT_EQ(failure.m_Code, KVX_E_INVALID_SIGNATURE) << refused;
         EXPECT_EQ(failure.m_Line, 299);
     }
-    write("settings.xml", documentOf("KEYPIN=\"\""));
-    EXPECT_EQ(verify(text).m_Code, KVX_OK) << "an empty value is none";
+    for (char const* damaged : {"KEYPIN=\"\"", "KEYPIN=\"&abcd\"", "KEYPIN"}) {
+        write("settings.xml", documentOf(damaged));
+        EXPECT_EQ(verify(text).m_Code, KVX_E_INVALID_SIGNATURE) << damaged;
+    }
 }
 
 TEST_F(StrictVerification, RefusesKeysThatAreTooSmall) {
@@ -421,7 +439,8 @@ TEST_F(StrictSetup, RefusesASmallerKey) {
 
 TEST_F(StrictSetup, RefusesAConfigurationWithoutAPaymentAddress) {
     std::string const before = read("config.xml");
-    for (char const* response : {"<KVX MSGTYPE=\"SetupResponse\"/>", "<KVX MSGTYPE=\"SetupResponse\" VTURL=\"\"/>"}) {
+    for (char const* response : {"<KVX MSGTYPE=\"SetupResponse\"/>", "<KVX MSGTYPE=\"SetupResponse\" VTURL=\"\"/>",
+                                 "<KVX MSGTYPE=\"SetupResponse\" VTURL=\"pay.example\"/>"}) {
         ExchangeServer server({response});
         m_Context.SetOption("VTAUTOURL", server.url("/auto").c_str());
         write("config.xml", before);
@@ -451,7 +470,7 @@ TEST_F(StrictSetup, WritesTheSameFilesAsAPlainOne) {
     std::string const configuration =
         "<KVX MSGTYPE=\"SetupResponse\" VTURL=\"x://new\" VTKEYID=\"new\" CUSTOMERID=\"7\"/>";
     std::string const defaults = "<KVX MSGTYPE=\"LoadDefaultsResponse\" A=\"1\"/>";
-    std::string const key = dataHex("rsa/key512.public.hex");
+    std::string const key = dataHex("rsa/key1024.public.hex");
     for (char const* settings : {"STRICTKEYS=\"0\"", "STRICTKEYS=\"1\""}) {
         ExchangeServer server({configuration, defaults,
                                "<KVX MSGTYPE=\"KeyQueryResponse\" KEYID=\"new\" KEYBLOB=\"" + key + "\"/>",
@@ -467,6 +486,39 @@ TEST_F(StrictSetup, WritesTheSameFilesAsAPlainOne) {
         EXPECT_EQ(read("keys/public/new"), key);
         EXPECT_EQ(read("keys/current").substr(0, 4), "0-7-");
         EXPECT_EQ(server.messages().size(), 4U);
+    }
+}
+
+TEST_F(StrictSetup, ReplacesNothingForIdsThatNameNoFileOrAnOwnKey) {
+    std::string const foreign = dataHex("rsa/key1024.public.hex");
+    struct Case {
+        std::string m_KeyId;
+        std::string m_Blob;
+        std::string m_CustomerId;
+        std::int32_t m_Code;
+    };
+    Case const cases[] = {
+        {"", foreign, "7", KVX_E_FILE_NOT_FOUND},
+        {std::string(300, 'k'), foreign, "7", KVX_E_FILE_NOT_FOUND},
+        {"../x", foreign, "7", KVX_E_FILE_NOT_FOUND},
+        {"new", foreign, "../../x", KVX_E_FILE_NOT_FOUND},
+        {"new", foreign, std::string(250, 'c'), KVX_E_FILE_NOT_FOUND},
+        {"own", foreign, "7", KVX_E_INVALID_KEY},
+        {"new", dataHex("rsa/key512.public.hex"), "7", KVX_E_INVALID_KEY},
+    };
+    for (Case const& row : cases) {
+        ExchangeServer server(
+            {"<KVX MSGTYPE=\"SetupResponse\" VTURL=\"x://new\" VTKEYID=\"asked\" CUSTOMERID=\"" + row.m_CustomerId +
+                 "\"/>",
+             "<KVX MSGTYPE=\"LoadDefaultsResponse\"/>",
+             "<KVX MSGTYPE=\"KeyQueryResponse\" KEYID=\"" + row.m_KeyId + "\" KEYBLOB=\"" + row.m_Blob + "\"/>"});
+        m_Context.SetOption("VTAUTOURL", server.url("/auto").c_str());
+        write("settings.xml", documentOf("STRICTKEYS=\"1\""));
+        std::string const before = read("config.xml");
+        EXPECT_EQ(thrownCode([&] { m_Context.Reconfigure(); }), row.m_Code) << row.m_KeyId << " " << row.m_CustomerId;
+        EXPECT_EQ(read("config.xml"), before);
+        EXPECT_FALSE(exists("default.xml"));
+        EXPECT_FALSE(exists("keys/public/new"));
     }
 }
 
