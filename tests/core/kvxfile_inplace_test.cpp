@@ -392,6 +392,21 @@ TEST(InPlace, TakesTurnsWithOtherWriters) {
     EXPECT_TRUE(left == contents[0] || left == contents[1]);
 }
 
+TEST(InPlace, DoesNotWaitForEverBehindAForeignLock) {
+    Account account;
+    account.write("config.xml", documentOf(100));
+    int const reader = ::open(account.m_Dir.file("config.xml").c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(::flock(reader, LOCK_SH), 0);
+    {
+        NoNewFiles const none;
+        SystemCalls calls;
+        calls->poll = [](pollfd*, nfds_t, int) { return 0; };
+        account.m_Context.UpdateFile("config.xml", documentOf(200).c_str());
+    }
+    EXPECT_EQ(account.read("config.xml"), documentOf(200));
+    ::close(reader);
+}
+
 TEST(InPlace, LeavesTheOldContentOnADiskThatIsReallyFull) {
     constexpr int kNoMount = 77;
     TemporaryDirectory dir;

@@ -237,6 +237,8 @@ TEST_F(VerifiedPeer, NeedsAHostToBe) {
     through.proxyPort = stringOf(nobody.text());
     through.host = "";
     expectRefused(through, 0x80044901U, "no host");
+    through.host = ".shop.example";
+    expectRefused(through, 0x80044901U, "any host below another");
     // These are only found out by the TLS library.
     TlsIdentity const identity(good());
     for (std::string const& host : {std::string("local\0host", 10), std::string(300, 'x')}) {
