@@ -198,8 +198,6 @@ private:
                          TbString const& signature);
     void requireAcceptable(TbString const& keyBlob);
     bool hasPrivateKey(TbString const& keyId);
-    bool isOwnKey(TbString const& keyBlob);
-    bool isOwnKeyId(TbString const& keyId);
     TbString newKeyId(TbString const& customerId);
     friend class KVX_Message;
 

@@ -16,12 +16,10 @@
 #include "core/kvxctx_settings.h"
 #include "core/kvxdirectory.h"
 #include "core/kvxfile.h"
-#include "core/kvxidentifier.h"
 #include "core/kvxlines_core.h"
 #include "core/kvxwipe.h"
 #include "foundation/tbexception.h"
 #include "foundation/tbmemory.h"
-#include "foundation/tbsystem.h"
 
 namespace {
 
@@ -202,41 +200,4 @@ bool KVX_Context::hasPrivateKey(TbString const& keyId) {
     TbStringStream text;
     KvxTextWiper const wiper(text);
     return readKeyFile(kvx::privateKeyFile(keyId), keyId, text);
-}
-
-/// Whether `keyBlob` is the public half of one of the merchant's own keys, whatever id it stands under.
-bool KVX_Context::isOwnKey(TbString const& keyBlob) {
-    unsigned char wanted[kKeyBytes];
-    unsigned long wantedLength = sizeof wanted;
-    if (HexToBuffer(keyBlob, wanted, &wantedLength) != KVX_OK) {
-        return false;
-    }
-    KvxDirectory const own(tbSystem().opendir(pathOf(kvx::kPrivateKeysDirectory).c_str()));
-    if (own == nullptr) {
-        if (errno != ENOENT && errno != ENOTDIR) {
-            kvx::kSourceCtx.fail(KVX_E_CANNOT_OPEN, kvx::kLineOwnKeysUnreadable, kvx::kPrivateKeysDirectory);
-        }
-        return false;
-    }
-    while (dirent const* const entry = tbSystem().readdir(own.get())) {
-        TbStringStream text;
-        TbString const keyId = entry->d_name;
-        if (!kvxNamesFileInDirectory(keyId) || !readKeyFile(kvx::publicKeyFile(keyId), keyId, text)) {
-            continue;
-        }
-        unsigned char bytes[kKeyBytes];
-        unsigned long length = sizeof bytes;
-        bool const isKey = HexToBuffer(kvxWithoutPadding(text.str()), bytes, &length) == KVX_OK;
-        if (isKey && length == wantedLength && std::memcmp(bytes, wanted, length) == 0) {
-            return true;
-        }
-    }
-    return false;
-}
-
-/// Whether `keyId` stands for one of the merchant's own keys: by its private half, or by another name for it.
-bool KVX_Context::isOwnKeyId(TbString const& keyId) {
-    TbStringStream text;
-    return hasPrivateKey(keyId) ||
-           (readKeyFile(kvx::publicKeyFile(keyId), keyId, text) && isOwnKey(kvxWithoutPadding(text.str())));
 }

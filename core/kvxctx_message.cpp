@@ -96,7 +96,7 @@ void KVX_Message::Open(KVX_Context* context, TbString const& data, TbString cons
         kvx::kSourceCtx.fail(KVX_E_NOT_FOUND, kvx::kLineVerifyNoKey);
     }
     account.requireVerified(settings, data, keyId, signature);
-    if (settings.m_HasStrictConfirm && account.isOwnKeyId(keyId)) {
+    if (settings.m_HasStrictConfirm && account.hasPrivateKey(keyId)) {
         kvx::kSourceCtx.fail(KVX_E_INVALID_SIGNATURE, kvx::kLineConfirmOwnKey);
     }
     TbString type("");

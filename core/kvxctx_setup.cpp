@@ -170,7 +170,7 @@ void KVX_Context::replaceAccountAtOnce(bool hasDefaults) {
     configuration.m_Response->getAttribute("CUSTOMERID", customerId);
     requireNameable(serverKeyId);
     requireNameable(newKeyId(customerId));
-    if (hasPrivateKey(serverKeyId) || isOwnKey(keyBlobIn(key.m_Response))) {
+    if (hasPrivateKey(serverKeyId)) {
         kvx::kSourceCtx.fail(KVX_E_INVALID_KEY, kvx::kLineImportOwnKey);
     }
     UpdateFile(kvx::kConfigFile, configuration.m_Text.str());

@@ -32,6 +32,11 @@ constexpr std::size_t kReadChunk = 8192;
 /// A divisor of every page size, a power of two.
 constexpr std::size_t kPage = 4096;
 
+void closeDirectory(DIR* directory) noexcept {
+    tbSystem().closedir(directory);
+}
+using Directory = std::unique_ptr<DIR, TbReleaser<closeDirectory>>;
+
 int openFile(char const* path, int flags, mode_t mode = 0) {
     return tbAwayFromStandardStreams(
         tbRetryInterrupted([&] { return tbSystem().open(path, flags | O_CLOEXEC, mode); }));
@@ -57,7 +62,7 @@ bool isTemporaryName(char const* name) {
 
 /// Removes temporary files of dead writers from `directory`: a living writer holds a lock on its file.
 void removeLeftovers(TbString const& directory) {
-    KvxDirectory const entries(tbSystem().opendir(directory.c_str()));
+    Directory const entries(tbSystem().opendir(directory.c_str()));
     if (entries == nullptr) {
         return;
     }

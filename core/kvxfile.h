@@ -4,11 +4,7 @@
 
 #include <sys/types.h>
 
-#include <memory>
-
-#include "foundation/tbreleaser.h"
 #include "foundation/tbstringstream.h"
-#include "foundation/tbsystem.h"
 
 /// Owns a file descriptor.
 class KvxDescriptor {
@@ -34,14 +30,6 @@ public:
 private:
     int m_File;  ///< -1 when none.
 };
-
-/// Ends the listing of a directory.
-inline void kvxCloseDirectory(DIR* directory) noexcept {
-    tbSystem().closedir(directory);
-}
-
-/// Owns the listing of a directory.
-using KvxDirectory = std::unique_ptr<DIR, TbReleaser<kvxCloseDirectory>>;
 
 /// Opens `path` for reading, close-on-exec. -1 and `errno` on failure; a directory cannot be opened (EISDIR).
 int kvxOpenForReading(char const* path) noexcept;

@@ -597,10 +597,10 @@ TEST(LookupLimit, NeedsNoThreadForAnAddress) {
     EXPECT_EQ(fetch(request), "body");
 }
 
-TEST(LookupLimit, LeavesTheNameUnknownWithoutAThread) {
+TEST(LookupLimit, IsLackOfMemoryWithoutAThread) {
     SystemCalls system;
     system->startThread = [](pthread_t*, pthread_attr_t const*, void* (*)(void*), void*) { return EAGAIN; };
-    EXPECT_EQ(bits(thrownCode([] { fetch(limitedRequest("http://localhost/x", 20)); })), 0x80042021U);
+    EXPECT_EQ(bits(thrownCode([] { fetch(limitedRequest("http://localhost/x", 20)); })), 0x80040217U);
 }
 
 TEST(LookupLimit, SurvivesFailingAllocations) {
