@@ -3,6 +3,7 @@
 #include <openssl/evp.h>
 
 #include "core/icct_modulus.h"
+#include "core/kvxctx.h"
 #include "foundation/tbforkgate.h"
 #include "xml/xmlparser.h"
 
@@ -11,20 +12,15 @@ namespace {
 constexpr std::uint32_t kDigestBytes = 32;
 constexpr std::uint32_t kBitsPerByte = 8;
 
+bool isDigested(KvxPublicKey key, unsigned char* digest) {
+    TbForkGate const gate;
+    return EVP_Digest(key.m_Bytes, key.m_Length, digest, nullptr, EVP_sha256(), nullptr) == 1;
+}
+
 /// The digest is compared as text: it is as public as the key.
 bool isPinned(TbString const& pin, KvxPublicKey key) {
     unsigned char digest[kDigestBytes];
-    TbForkGate const gate;
-    if (EVP_Digest(key.m_Bytes, key.m_Length, digest, nullptr, EVP_sha256(), nullptr) != 1) {
-        return false;
-    }
-    TbString text("");
-    constexpr char kDigits[] = "0123456789abcdef";
-    for (unsigned char const byte : digest) {
-        text.append(kDigits[byte >> 4]);
-        text.append(kDigits[byte & 0x0F]);
-    }
-    return text == pin;
+    return isDigested(key, digest) && KVX_Context().BufferToHex(digest, sizeof digest) == pin;
 }
 
 }  // namespace

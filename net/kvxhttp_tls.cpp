@@ -2,8 +2,8 @@
 //
 // Every call on the session goes through run(): it clears the thread's error queue, repeats a call that a signal
 // interrupted or that the socket was not ready for, and records kind and reason of a failure, because LastError is
-// asked later. The peer is not verified. Odd: a peer that closes cleanly during the handshake counts as connected, and
-// the next call finds out.
+// asked later. The peer is verified on request only. Odd: a peer that closes cleanly during the handshake counts as
+// connected, and the next call finds out.
 
 #include <arpa/inet.h>
 #include <openssl/err.h>
@@ -274,8 +274,9 @@ int SslConnection::Detach() {
     return socket;
 }
 
-/// Makes the session accept a certificate for the host alone, which a peer of several names is told. An address is no
-/// name: it is not announced. False for a host that no certificate can be for.
+/// Makes the session accept a certificate for the host alone and announce the host's name, so that a peer with several
+/// names can choose its certificate. An address is no name and is not announced. False for a host that no certificate
+/// can be for.
 bool SslConnection::expectHost() {
     SSL* const session = m_Session.get();
     X509_VERIFY_PARAM* const expected = SSL_get0_param(session);

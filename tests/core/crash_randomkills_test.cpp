@@ -26,7 +26,7 @@ using namespace kvxtest;
 namespace {
 
 constexpr std::size_t kKillsOfARound = 50;
-constexpr std::size_t kMostCalls = 600;  ///< Before a kill: three set-ups.
+constexpr std::size_t kMaxCalls = 600;  ///< Before a kill: three set-ups.
 constexpr std::size_t kLengths = 7;
 
 /// A number that parent and child see.
@@ -85,7 +85,7 @@ bool killWorker(Account& account, bool isInPlace, Random& random) {
     if (child == 0) {
         workWithoutEnd(account, isInPlace, calls.get());
     }
-    std::size_t const moment = 1 + random.below(kMostCalls);
+    std::size_t const moment = 1 + random.below(kMaxCalls);
     bool hasEnded = false;
     int status = 0;
     bool const isThere = waitUntil([&] {

@@ -56,7 +56,7 @@ constexpr NamedCanary kCanaries[] = {
     {"the token", kToken, true},
 };
 
-constexpr std::size_t kMostPlaces = 12;
+constexpr std::size_t kMaxPlaces = 12;
 
 std::string credentialsOfServer() {
     return kServerUser.text() + ":" + kServerPassword.text() + "@";
@@ -381,7 +381,7 @@ void searchMemory(Report& report, Stage const& stage) {
             lookForKey(scan, entry.path());
         }
     }
-    std::string const found = scan.find(kMostPlaces);
+    std::string const found = scan.find(kMaxPlaces);
     if (!found.empty()) {
         report.add("in memory:\n" + found);
     }
