@@ -44,7 +44,8 @@ TlsIdentity::TlsIdentity() : m_Key(EVP_RSA_gen(kKeyBits)), m_Certificate(X509_ne
     certify({});
 }
 
-TlsIdentity::TlsIdentity(CertificateOptions const& options) : m_Key(EVP_EC_gen("P-256")), m_Certificate(X509_new()) {
+TlsIdentity::TlsIdentity(CertificateOptions const& options)
+    : m_Key(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256")), m_Certificate(X509_new()) {
     certify(options);
 }
 
