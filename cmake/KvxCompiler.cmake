@@ -25,8 +25,13 @@ if(KVX_SANITIZE)
   add_link_options(-fsanitize=${KVX_SANITIZE})
 endif()
 if(KVX_COVERAGE)
-  add_compile_options(--coverage -fprofile-update=atomic)
-  add_link_options(--coverage)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    message(FATAL_ERROR "KVX_COVERAGE needs clang: scripts/coverage reads its profiles")
+  endif()
+  # Counters live in files that processes share, so that those of a child that is killed or leaves by _exit() count too.
+  set(KVX_PROFILE "-fprofile-instr-generate=${CMAKE_BINARY_DIR}/profiles/%c%m.profraw")
+  add_compile_options(${KVX_PROFILE} -fcoverage-mapping -fprofile-update=atomic "SHELL:-mllvm -runtime-counter-relocation")
+  add_link_options(${KVX_PROFILE})
 endif()
 
 # kvx_warnings(TARGET): the warnings for our own code.
