@@ -8,6 +8,7 @@
 
 #include <pthread.h>
 
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
@@ -124,12 +125,17 @@ KvxLookup kvxLookUp(char const* host) {
     for (std::size_t bytes = kFirstBuffer;; bytes *= 2) {
         memory = tbHoldMemory(bytes);
         int reason = 0;
+        errno = 0;
         failure = tbSystem().gethostbyname_r(host, &storage, memory.get(), bytes, &entry, &reason);
         if (failure != ERANGE) {
             break;
         }
     }
     if (failure != 0 || entry == nullptr) {
+        // The resolver has reasons of its own for this: "try again", "internal error", even "no such host".
+        if (failure == ENOMEM || errno == ENOMEM) {
+            throw TBFC_Exception(KVX_E_OUT_OF_MEMORY);
+        }
         return {};
     }
     char const* const first = entry->h_addr_list[0];

@@ -18,6 +18,8 @@
 #include <mutex>
 #include <thread>
 
+#include "core/kvxbase.h"
+#include "foundation/tbexception.h"
 #include "net/kvxhttp.h"
 #include "tests/net/netsupport.h"
 #include "tests/support/allocations.h"
@@ -579,6 +581,48 @@ TEST(LookupLimit, ReportsUnknownNamesAndNamesWithoutAnAddress) {
     EXPECT_EQ(bits(thrownCode([] { fetch(limitedRequest("http://gateway/x", 20)); })), 0x80042021U);
     ASSERT_EQ(trace.of("DNS LOOKUP").size(), 1U);
     EXPECT_EQ(trace.of("DNS LOOKUP").at(0).m_Line, 338);
+}
+
+TEST(LookupLimit, TellsAResolverWithoutMemoryFromAnUnknownName) {
+    // A resolver says so by its result, or by `errno` beside a reason of any kind.
+    static int s_Result = 0;
+    static int s_Errno = 0;
+    static int s_Reason = 0;
+    SystemCalls system;
+    system->gethostbyname_r = [](char const*, hostent*, char*, std::size_t, hostent** result, int* reason) {
+        *result = nullptr;
+        *reason = s_Reason;
+        errno = s_Errno;
+        return s_Result;
+    };
+    struct {
+        int m_Result;
+        int m_Errno;
+        int m_Reason;
+        std::uint32_t m_Code;
+    } const rows[] = {
+        {ENOMEM, 0, NETDB_INTERNAL, 0x80040217U},       {EAGAIN, ENOMEM, TRY_AGAIN, 0x80040217U},
+        {-1, ENOMEM, NETDB_INTERNAL, 0x80040217U},      {0, ENOMEM, HOST_NOT_FOUND, 0x80040217U},
+        {EAGAIN, ECONNREFUSED, TRY_AGAIN, 0x80042021U}, {0, 0, HOST_NOT_FOUND, 0x80042021U},
+        {-1, EMFILE, NETDB_INTERNAL, 0x80042021U},
+    };
+    for (auto const& row : rows) {
+        s_Result = row.m_Result;
+        s_Errno = row.m_Errno;
+        s_Reason = row.m_Reason;
+        for (std::uint32_t const seconds : {0U, 20U}) {  // on this thread, on a helper
+            errno = ENOMEM;                              // of an earlier call
+            std::uint32_t code = 0;
+            try {
+                fetch(limitedRequest("http://gateway/x", seconds));
+            } catch (KVX_Exception const& failure) {
+                code = bits(failure.code());
+            } catch (TBFC_Exception const& failure) {
+                code = bits(failure.code());
+            }
+            EXPECT_EQ(code, row.m_Code) << row.m_Result << " " << row.m_Errno << " " << row.m_Reason << ", " << seconds;
+        }
+    }
 }
 
 TEST(LookupLimit, NeedsNoThreadForAnAddress) {
