@@ -163,7 +163,8 @@ public:
     SslConnection(KVX_Transfer const& transfer, TbString const& host, TbString const& port = TbString());
     ~SslConnection() override;
 
-    /// KVX_OK, or the code for which Setup will refuse every peer: KVX_E_TLS_FAMILY | kKvxTlsTrust, or kKvxTlsHost.
+    /// KVX_OK, or the code with which Setup will refuse every peer: KVX_E_TLS_FAMILY | kKvxTlsTrust or kKvxTlsHost,
+    /// or KVX_E_OUT_OF_MEMORY.
     [[nodiscard]] std::int32_t Readiness() const { return m_Refusal; }
 
     /// Deliberate (tls-connect-last-result): when no socket can be made, the result is the last one held; at first
@@ -177,7 +178,8 @@ public:
     /// Returns KVX_OK or `LastError()`.
     std::int32_t Write(TbStringStream& from) override;
 
-    /// KVX_E_SOCKET_TIMEOUT after an operation that was late.
+    /// KVX_E_SOCKET_TIMEOUT after an operation that was late. KVX_E_OUT_OF_MEMORY when memory was lacking during one,
+    /// whatever it then took the peer's certificate or messages for; but an alert or a close of the peer counts.
     /// With a TLS session KVX_E_TLS_FAMILY | the low 12 bits of the reason number of the TLS library, or of its kind of
     /// failure where it gave no reason. Without one as a SockConnection.
     std::int32_t LastError() override;
@@ -208,6 +210,7 @@ private:
     void makeContext();
     bool expectHost();
     void keepSession();
+    [[nodiscard]] bool isPeersDoing(int failure) const;
     int refuse(int status);
     int handshake();
 
@@ -219,6 +222,7 @@ private:
     int m_Kind = 0;                                          ///< Kind of the last failure, as the TLS library has it.
     int m_Reason = 0;                                        ///< Its reason number, 0 when there is none.
     bool m_IsLate = false;                                   ///< The last operation ended at a limit.
+    bool m_IsShort = false;                                  ///< The last operation failed for lack of memory.
     bool m_Verifies = false;                                 ///< The peer's certificate counts.
     TbString m_Host;                                         ///< For which it must be.
     std::int32_t m_Refusal = KVX_OK;                         ///< See Readiness.

@@ -2,7 +2,8 @@
 //
 // Every call on the session goes through run(): it clears the thread's error queue, repeats a call that a signal
 // interrupted or that the socket was not ready for, and records kind and reason of a failure, because LastError is
-// asked later. The peer is verified on request only. Odd: a peer that closes cleanly during the handshake counts as
+// asked later. Lack of memory is told from all other reasons: without memory the TLS library takes good certificates
+// for bad ones. The peer is verified on request only. Odd: a peer that closes cleanly during the handshake counts as
 // connected, and the next call finds out.
 
 #include <arpa/inet.h>
@@ -19,6 +20,7 @@
 #include "net/kvxhttp.h"
 #include "net/kvxhttp_errno.h"
 #include "net/kvxlines_net.h"
+#include "net/kvxmemorywatch.h"
 #include "net/kvxsocket.h"
 #include "net/kvxtls.h"
 #include "net/kvxtlscache.h"
@@ -37,20 +39,39 @@ bool isCleanEnd(int kind, int reason) {
     return kind == SSL_ERROR_ZERO_RETURN || (kind == SSL_ERROR_SSL && reason == SSL_R_UNEXPECTED_EOF_WHILE_READING);
 }
 
-/// Lets forks through while the session, inside the gate that its callback's argument names, waits for its socket.
+/// Whether a reason number stands for an alert that the peer has sent.
+bool isAlertOfPeer(int reason) {
+    constexpr int kMostAlert = 255;
+    return reason >= SSL_AD_REASON_OFFSET && reason <= SSL_AD_REASON_OFFSET + kMostAlert;
+}
+
+/// One call on a session: keeps forks out, save while the call waits for its socket, and watches it for lack of memory.
+struct SessionCall {
+    TbForkGate m_Gate;
+    KvxMemoryWatch m_Memory;
+};
+
+/// Called for every message: the TLS library clears `errno` before it reads and writes.
+void watchMessage(int, int, int, void const*, std::size_t, SSL*, void* call) {
+    if (call != nullptr) {
+        static_cast<SessionCall*>(call)->m_Memory.sample();
+    }
+}
+
+/// Lets forks through while the session waits for its socket. The callback's argument is the SessionCall.
 long openGateDuringIo(BIO* bio, int operation, char const*, std::size_t, int, long, int result, std::size_t*) {
-    auto* const gate = reinterpret_cast<TbForkGate*>(BIO_get_callback_arg(bio));
-    if (gate == nullptr) {
+    auto* const call = reinterpret_cast<SessionCall*>(BIO_get_callback_arg(bio));
+    if (call == nullptr) {
         return result;
     }
     switch (operation) {
         case BIO_CB_READ:
         case BIO_CB_WRITE:
-            gate->open();
+            call->m_Gate.open();
             break;
         case BIO_CB_READ | BIO_CB_RETURN:
         case BIO_CB_WRITE | BIO_CB_RETURN:
-            gate->close();
+            call->m_Gate.close();
             break;
         default:
             break;
@@ -85,12 +106,14 @@ void SslConnection::ReuseReleaser::operator()(KvxTlsReuse* reuse) const noexcept
 
 void SslConnection::makeContext() {
     TbForkGate const gate;
-    ERR_clear_error();
+    KvxMemoryWatch watch;
     SSL_library_init();
     SSL_load_error_strings();
     m_Context.reset(SSL_CTX_new(SSLv23_method()));
     if (m_Context != nullptr) {
         SSL_CTX_set_options(m_Context.get(), SSL_OP_IGNORE_UNEXPECTED_EOF);
+    } else if (watch.hasFailure() || kvxHasLackedMemory()) {
+        m_Refusal = KVX_E_OUT_OF_MEMORY;
     }
 }
 
@@ -124,14 +147,11 @@ SslConnection::SslConnection(KVX_Transfer const& transfer, TbString const& host,
     if (m_Context == nullptr) {
         return;
     }
-    bool isProtected = false;
     {
         TbForkGate const gate;
-        isProtected = kvxProtect(m_Context.get(), transfer, trust);
+        m_Refusal = kvxProtect(m_Context.get(), transfer, trust);
     }
-    if (!isProtected) {
-        m_Refusal = KVX_E_TLS_FAMILY | kKvxTlsTrust;
-    } else if (m_Reuse != nullptr) {
+    if (m_Refusal == KVX_OK && m_Reuse != nullptr) {
         kvxKeepContext(m_Reuse->m_Key, m_Context.get());
     }
 }
@@ -154,6 +174,14 @@ bool SslConnection::waitAsWanted(KvxDeadline const& end) {
     return false;
 }
 
+/// Whether the last failed call, with this `errno`, failed by the socket or by what the peer did on purpose: it closed
+/// the connection or sent an alert. Lack of memory cannot look like these.
+bool SslConnection::isPeersDoing(int failure) const {
+    bool const isSocket = m_Kind == SSL_ERROR_SYSCALL && failure != 0 && failure != ENOMEM;
+    bool const isAlert = m_Kind == SSL_ERROR_SSL && isAlertOfPeer(m_Reason);
+    return isSocket || isAlert || isCleanEnd(m_Kind, m_Reason);
+}
+
 /// Makes one call on the TLS session and records why it failed. Returns the result of the call; -1 for every negative
 /// one and without a session.
 ///
@@ -166,6 +194,7 @@ int SslConnection::run(Call call) {
         return -1;
     }
     m_IsLate = false;
+    m_IsShort = false;
     KvxDeadline const end(m_Limits.ioTimeout, m_Limits.deadline);
     if (end.hasPassed()) {
         m_IsLate = true;
@@ -173,26 +202,29 @@ int SslConnection::run(Call call) {
         return -1;
     }
     SigPipeGuard const guard;
+    bool wasShort = false;
     for (;;) {
-        ERR_clear_error();
-        errno = 0;
         int result = 0;
         int failure = 0;
         {
-            TbForkGate gate;
-            BIO_set_callback_arg(SSL_get_rbio(m_Session.get()), reinterpret_cast<char*>(&gate));
+            SessionCall watched;
+            BIO_set_callback_arg(SSL_get_rbio(m_Session.get()), reinterpret_cast<char*>(&watched));
+            SSL_set_msg_callback_arg(m_Session.get(), &watched);
             result = call(m_Session.get());
             failure = errno;
             BIO_set_callback_arg(SSL_get_rbio(m_Session.get()), nullptr);
+            SSL_set_msg_callback_arg(m_Session.get(), nullptr);
+            if (result > 0) {
+                return result;
+            }
+            m_Kind = SSL_get_error(m_Session.get(), result);
+            m_Reason = ERR_GET_REASON(ERR_peek_last_error());
+            wasShort = watched.m_Memory.hasFailure() || wasShort;
         }
-        if (result > 0) {
-            return result;
-        }
-        m_Kind = SSL_get_error(m_Session.get(), result);
-        m_Reason = ERR_GET_REASON(ERR_peek_last_error());
-        ERR_clear_error();
         errno = failure;
         if (!waitAsWanted(end)) {
+            bool const isConsequence = m_Reason == ERR_R_INTERNAL_ERROR && kvxHasLackedMemory();
+            m_IsShort = (wasShort || isConsequence) && !isPeersDoing(failure);
             return result < 0 ? -1 : 0;
         }
     }
@@ -254,6 +286,9 @@ std::int32_t SslConnection::LastError() {
     if (m_Refusal != KVX_OK) {
         return m_Refusal;
     }
+    if (m_IsShort) {
+        return KVX_E_OUT_OF_MEMORY;
+    }
     if (m_Session == nullptr) {
         return KVX_E_SOCKET_FAMILY | BsdErrno(errno);
     }
@@ -304,15 +339,21 @@ int SslConnection::handshake() {
     m_Kind = SSL_ERROR_SSL;
     m_Reason = 0;
     m_IsLate = false;
+    m_IsShort = false;
     m_Session.reset();
     bool isReady = false;
+    bool isHostExpected = true;
     {
         TbForkGate const gate;
+        KvxMemoryWatch watch;
         m_Session.reset(m_Context == nullptr ? nullptr : SSL_new(m_Context.get()));
         isReady = m_Session != nullptr && SSL_set_fd(m_Session.get(), m_Socket) == 1;
         if (isReady) {
             BIO_set_callback_ex(SSL_get_rbio(m_Session.get()), &openGateDuringIo);
+            SSL_set_msg_callback(m_Session.get(), &watchMessage);
+            isHostExpected = !m_Verifies || expectHost();
         }
+        m_IsShort = !(isReady && isHostExpected) && (watch.hasFailure() || (!isReady && kvxHasLackedMemory()));
     }
     if (m_Refusal != KVX_OK) {
         return refuse(m_Refusal & kReasonMask);
@@ -320,7 +361,7 @@ int SslConnection::handshake() {
     if (!isReady) {
         return -1;
     }
-    if (m_Verifies && !expectHost()) {
+    if (!isHostExpected) {
         return refuse(kKvxTlsHost);
     }
     if (m_Reuse != nullptr && m_Reuse->m_Session != nullptr) {
@@ -332,7 +373,7 @@ int SslConnection::handshake() {
         return result == -1 && isCleanEnd(m_Kind, m_Reason) ? 0 : result;
     }
     long const verified = SSL_get_verify_result(m_Session.get());
-    if (!m_IsLate && verified != X509_V_OK) {
+    if (!m_IsLate && !m_IsShort && verified != X509_V_OK) {
         return refuse(kKvxTlsCertificate | static_cast<int>(verified & kVerifyMask));
     }
     return result > 0 ? result : -1;

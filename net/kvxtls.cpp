@@ -3,10 +3,13 @@
 #include <openssl/err.h>
 #include <openssl/pem.h>
 
+#include <initializer_list>
 #include <memory>
 
 #include "core/kvxfile.h"
 #include "foundation/tbreleaser.h"
+#include "net/kvxhttp.h"
+#include "net/kvxmemorywatch.h"
 
 namespace {
 
@@ -60,6 +63,19 @@ bool trustAll(SSL_CTX* context, TbString const& text) {
     return count > 0 && ERR_GET_REASON(ERR_peek_last_error()) == PEM_R_NO_START_LINE;
 }
 
+/// Trusts the system's authorities. The TLS library passes over those that it cannot read, also for lack of memory, so
+/// `watch` looks after each step.
+bool trustSystem(SSL_CTX* context, KvxMemoryWatch& watch) {
+    for (auto* const step :
+         {&SSL_CTX_set_default_verify_file, &SSL_CTX_set_default_verify_dir, &SSL_CTX_set_default_verify_store}) {
+        if (step(context) != 1) {
+            return false;
+        }
+        watch.sample();
+    }
+    return true;
+}
+
 }  // namespace
 
 bool kvxReadTrust(KVX_Transfer const& transfer, TbStringStream& trust) {
@@ -67,14 +83,15 @@ bool kvxReadTrust(KVX_Transfer const& transfer, TbStringStream& trust) {
            kvxReadFile(transfer.trustFile.c_str(), trust) == KvxReadResult::kDone;
 }
 
-bool kvxProtect(SSL_CTX* context, KVX_Transfer const& transfer, TbString const& trust) {
-    ERR_clear_error();
+std::int32_t kvxProtect(SSL_CTX* context, KVX_Transfer const& transfer, TbString const& trust) {
+    KvxMemoryWatch watch;
     bool isReady = raiseVersion(context, transfer.minimumVersion);
     if (isReady && transfer.verifyPeer) {
         SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
-        isReady =
-            transfer.trustFile.isEmpty() ? SSL_CTX_set_default_verify_paths(context) == 1 : trustAll(context, trust);
+        isReady = transfer.trustFile.isEmpty() ? trustSystem(context, watch) : trustAll(context, trust);
     }
-    ERR_clear_error();
-    return isReady;
+    if (watch.hasFailure()) {
+        return KVX_E_OUT_OF_MEMORY;
+    }
+    return isReady ? KVX_OK : KVX_E_TLS_FAMILY | kKvxTlsTrust;
 }

@@ -4,6 +4,8 @@
 
 #include <openssl/ssl.h>
 
+#include <cstdint>
+
 #include "foundation/tbstringstream.h"
 #include "net/kvxtransfer.h"
 
@@ -12,8 +14,9 @@
 [[nodiscard]] bool kvxReadTrust(KVX_Transfer const& transfer, TbStringStream& trust);
 
 /// Lets `context` refuse what `transfer` does not accept: versions of TLS, and with `verifyPeer` every certificate that
-/// does not lead to one of the authorities in `trust`, or of the system where no file is named. False when these cannot
-/// be had: there are none, or they are damaged.
-[[nodiscard]] bool kvxProtect(SSL_CTX* context, KVX_Transfer const& transfer, TbString const& trust);
+/// does not lead to one of the authorities in `trust`, or of the system where no file is named. Returns KVX_OK;
+/// KVX_E_TLS_FAMILY | kKvxTlsTrust when these cannot be had: there are none, or they are damaged; KVX_E_OUT_OF_MEMORY,
+/// also when lack of memory may have hidden some of them.
+[[nodiscard]] std::int32_t kvxProtect(SSL_CTX* context, KVX_Transfer const& transfer, TbString const& trust);
 
 #endif
