@@ -7,6 +7,7 @@
 // memory it calls good keys and signatures bad.
 
 #include <openssl/err.h>
+#include <openssl/rand.h>
 
 #include <cstring>
 
@@ -19,7 +20,9 @@
 #include "core/kvxlines_core.h"
 #include "core/kvxwipe.h"
 #include "foundation/tbexception.h"
+#include "foundation/tbforkgate.h"
 #include "foundation/tbmemory.h"
+#include "net/kvxmemorywatch.h"
 
 namespace {
 
@@ -77,18 +80,31 @@ bool isWorking() {
     return ICCT_Verify(key, sizeof key, nullptr, 0, signature, sizeof signature) == 0;
 }
 
+/// The same with OpenSSL's generator of secret random numbers, which private keys are made and used with.
+bool isWorkingWithSecrets() {
+    TbForkGate const gate;
+    unsigned char number = 0;
+    return RAND_priv_bytes(&number, sizeof number) == 1;
+}
+
+/// Which parts of OpenSSL an operation needs.
+enum class Needs { kPublicKeys, kSecrets };
+
 /// Whether one of the RSA functions succeeds, tried again once: a single allocation may have failed. Raises
 /// KVX_E_OUT_OF_MEMORY (TBFC_Exception) when memory is lacking; a shop must not take that for a forged confirmation.
 /// The error queue keeps the entries of the first attempt alone.
 template <class Operation>
-bool succeeds(Operation operation) {
+bool succeeds(Needs needs, Operation operation) {
     if (operation() == 0) {
         return true;
     }
     ERR_set_mark();
     bool const succeeded = operation() == 0;
-    bool const isLacking = !succeeded && !isWorking();
+    bool const isLacking = !succeeded && !(isWorking() && (needs == Needs::kPublicKeys || isWorkingWithSecrets()));
     ERR_pop_to_mark();
+    if (succeeded || isLacking) {
+        kvxNoteLackOfMemory();
+    }
     if (isLacking) {
         throw TBFC_Exception(KVX_E_OUT_OF_MEMORY);
     }
@@ -98,7 +114,7 @@ bool succeeds(Operation operation) {
 /// Whether a check that asks OpenSSL holds, in the same way.
 template <class Check>
 bool holds(Check check) {
-    return succeeds([&] { return check() ? 0 : -1; });
+    return succeeds(Needs::kPublicKeys, [&] { return check() ? 0 : -1; });
 }
 
 }  // namespace
@@ -108,7 +124,7 @@ void KVX_Context::GenKey(TbString& keyId) {
     KvxWipedBuffer<kGeneratedKeyBytes> privateKey;
     int publicLength = 0;
     int privateLength = 0;
-    if (!succeeds([&] {
+    if (!succeeds(Needs::kSecrets, [&] {
             return ICCT_GenerateKeys(publicKey.m_Bytes, &publicLength, privateKey.m_Bytes, &privateLength, nullptr, 0);
         })) {
         kvx::kSourceCtx.fail(KVX_E_CRYPTO, kvx::kLineGenKey);
@@ -134,7 +150,7 @@ void KVX_Context::SignData(TbString const& data, TbString const& keyId, TbString
     }
     unsigned char bytes[kOwnSignatureBytes];
     unsigned long length = sizeof bytes;
-    if (!succeeds([&] {
+    if (!succeeds(Needs::kSecrets, [&] {
             return ICCT_Signature(key.m_Bytes, static_cast<int>(keyLength), widened.bytes(), widened.length(), bytes,
                                   &length);
         })) {
@@ -171,7 +187,7 @@ void KVX_Context::requireVerified(KVX_Settings const& settings, TbString const& 
         kvx::kSourceCtx.fail(KVX_E_INVALID_SIGNATURE, kvx::kLineVerifySpelling);
     }
     WidenedText const widened(data, WidenedText::Sign::kExtended);
-    if (!succeeds([&] {
+    if (!succeeds(Needs::kPublicKeys, [&] {
             return ICCT_Verify(key, static_cast<int>(keyLength), widened.bytes(), widened.length(), bytes, length);
         })) {
         kvx::kSourceCtx.fail(KVX_E_INVALID_SIGNATURE, kvx::kLineVerifyFailed);
