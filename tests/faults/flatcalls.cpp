@@ -5,12 +5,16 @@
 
 #include "tests/faults/flatcalls.h"
 
+#include <openssl/x509_vfy.h>
+
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
 
 #include "core/kvxctx.h"
+#include "net/kvxhttp.h"
 #include "tests/support/encodings.h"
 #include "tests/support/testdata.h"
 
@@ -18,7 +22,7 @@ namespace kvxtest {
 
 namespace {
 
-std::uint16_t g_TlsPort = 0;
+TlsServers g_TlsServers;
 
 /// "config.xml" after a value has been added.
 constexpr char kConfigWithNew[] =
@@ -125,9 +129,35 @@ void replaceInConfiguration(Stage& stage, std::string const& old, std::string co
     stage.write("config.xml", text);
 }
 
-void captureOverTls(Stage& stage) {
+void captureOverTls(Stage& stage, std::uint16_t port) {
     replaceInConfiguration(stage, "http://127.0.0.1:7/capture",
-                           "https://127.0.0.1:" + std::to_string(g_TlsPort) + "/capture");
+                           "https://127.0.0.1:" + std::to_string(port) + "/capture");
+}
+
+void captureUnverified(Stage& stage) {
+    captureOverTls(stage, g_TlsServers.m_Port);
+}
+
+/// Only the authorities of the file are trusted.
+void writeTrust(Stage& stage) {
+    stage.write("settings.xml", R"(<KVX TLSVERIFY="1" TLSCAFILE=")" + g_TlsServers.m_TrustFile + "\"/>");
+}
+
+void captureVerified(Stage& stage) {
+    captureOverTls(stage, g_TlsServers.m_TrustedPort);
+    writeTrust(stage);
+}
+
+void captureBySystem(Stage& stage) {
+    captureOverTls(stage, g_TlsServers.m_TrustedPort);
+    stage.write("settings.xml", R"(<KVX TLSVERIFY="1"/>)");
+    ::setenv("SSL_CERT_FILE", g_TlsServers.m_TrustFile.c_str(), 1);
+    ::setenv("SSL_CERT_DIR", stage.path().c_str(), 1);
+}
+
+void captureUntrusted(Stage& stage) {
+    captureOverTls(stage, g_TlsServers.m_Port);
+    writeTrust(stage);
 }
 
 void captureByName(Stage& stage) {
@@ -441,7 +471,14 @@ std::vector<FlatCall> makeCalls() {
          [](S& s) { return MessageObject_Capture(s.m_Message); }, &wrongProxiedCapture},
         {"MessageObject_Capture (server error)", KVX_E_SERVER_ERROR, &refuseCapture, &makeRequest,
          [](S& s) { return MessageObject_Capture(s.m_Message); }, nullptr},
-        {"MessageObject_Capture (TLS)", KVX_OK, &captureOverTls, &makeRequest,
+        {"MessageObject_Capture (TLS)", KVX_OK, &captureUnverified, &makeRequest,
+         [](S& s) { return MessageObject_Capture(s.m_Message); }, nullptr, false, CallNetwork::kTls},
+        {"MessageObject_Capture (TLS, verified)", KVX_OK, &captureVerified, &makeRequest,
+         [](S& s) { return MessageObject_Capture(s.m_Message); }, nullptr, false, CallNetwork::kTls},
+        {"MessageObject_Capture (TLS, system's authorities)", KVX_OK, &captureBySystem, &makeRequest,
+         [](S& s) { return MessageObject_Capture(s.m_Message); }, nullptr, false, CallNetwork::kTls},
+        {"MessageObject_Capture (TLS, not trusted)", KVX_E_TLS_FAMILY | kKvxTlsCertificate | X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT,
+         &captureUntrusted, &makeRequest,
          [](S& s) { return MessageObject_Capture(s.m_Message); }, nullptr, false, CallNetwork::kTls},
         {"MessageObject_Execute", KVX_OK, nullptr, &makeRequest,
          [](S& s) { return MessageObject_Execute(s.m_Message, &s.m_Out); }, &wrongResponse, true},
@@ -491,8 +528,8 @@ std::map<std::string, std::set<std::string>> const& newTexts() {
     return texts;
 }
 
-void setTlsPort(std::uint16_t port) {
-    g_TlsPort = port;
+void setTlsServers(TlsServers const& servers) {
+    g_TlsServers = servers;
 }
 
 std::string codeText(std::int32_t code) {

@@ -53,8 +53,15 @@ std::vector<FlatCall> const& flatCalls();
 /// The contents that files may have after a call, by name.
 std::map<std::string, std::set<std::string>> const& newTexts();
 
-/// The port of the TLS server; the account of a TLS call points to it. Set before any call.
-void setTlsPort(std::uint16_t port);
+/// The TLS servers, to which the accounts of TLS calls point.
+struct TlsServers {
+    std::uint16_t m_Port = 0;         ///< Of one that no authority answers for.
+    std::uint16_t m_TrustedPort = 0;  ///< Of one whose certificate for 127.0.0.1 leads to `m_TrustFile`.
+    std::string m_TrustFile;
+};
+
+/// Set before any call.
+void setTlsServers(TlsServers const& servers);
 
 /// Codes as in the tables: "0", "0x80040217", or decimal for those of the system.
 std::string codeText(std::int32_t code);
