@@ -77,6 +77,11 @@ final class AccountDirectory {
         return serverSignature(data.getBytes(StandardCharsets.US_ASCII));
     }
 
+    /** The service's public key, as in the file of that key. */
+    static String serverKey() {
+        return hex(innerKey(SERVER.getPublic()));
+    }
+
     private static KeyPair newKeyPair() {
         try {
             KeyPairGenerator generator = KeyPairGenerator.getInstance("RSA");

@@ -30,6 +30,16 @@ final class Given {
         return existing("kvx.test.sandbox");
     }
 
+    /** The library that makes allocations fail. */
+    static Path heapFault() {
+        return existing("kvx.test.heapfault");
+    }
+
+    /** The table of results when allocations fail. */
+    static Path allocationTable() {
+        return existing("kvx.test.allocations");
+    }
+
     /** The home directories of all installed virtual machines, the running one first. */
     static List<Path> javaHomes() {
         List<Path> homes = new ArrayList<>();
