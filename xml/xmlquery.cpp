@@ -1,68 +1,39 @@
 #include "xml/xmlquery.h"
 
-#include "xml/xmlholder.h"
-
 namespace {
 
 /// Separates a child's tag from its index.
 constexpr char const* kSeparator = "(.";
 
-enum Status : std::int32_t { kFound = 0, kBadIndex = 1, kMalformed = 3, kNoChild = 4 };
+enum Status : std::int32_t { kFound = 0, kBadIndex = 1, kMalformed = 3 };
 
-/// `xmlQuerySubElement` with the element in a holder.
-Status walk(xmlElement* start, TbString& path, xmlElementPtr& found) {
-    xmlElementPtr current(start);
-    std::uint32_t position = 0;
-    for (;;) {
-        std::uint32_t const separator = path.find(kSeparator, position);
-        if (separator == TbString::npos) {
-            if (position != 0) {
-                path = path.substring(position);
-            }
-            found = current;
-            return kFound;
-        }
-        std::uint32_t const indexStart = separator + 1;
-        std::uint32_t const closing = path.find(")", indexStart);
-        if (closing == TbString::npos) {
-            return kMalformed;
-        }
-        int index = 0;
-        if (!xmlAtoi(path.substring(indexStart, closing - indexStart), index)) {
-            return kBadIndex;
-        }
-        // Deliberate (path-step-refused): no key reaches this line, because the index text begins with the full stop of
-        // the separator. The step is implemented all the same, as part of the path language.
-        xmlElement* child = nullptr;
-        if (!current->getChild(path.substring(position, separator - position), index, &child)) {
-            return kNoChild;
-        }
-        current = xmlAdopt(child);
-        position = closing + 2;
+/// The result of the walk along `path`, which ends at its start or fails at the first step.
+Status walk(TbString const& path) {
+    std::uint32_t const separator = path.find(kSeparator);
+    if (separator == TbString::npos) {
+        return kFound;
     }
+    // Deliberate (path-step-refused): the index begins with the full stop of the separator, so it is never a number.
+    return path.find(")", separator + 1) == TbString::npos ? kMalformed : kBadIndex;
 }
 
 }  // namespace
 
 std::int32_t xmlQuerySubElement(xmlElement* start, TbString& path, xmlElement** found) {
-    xmlElementPtr element;
-    Status const status = walk(start, path, element);
+    Status const status = walk(path);
     if (status == kFound) {
-        xmlHandOut(element, found);
+        start->addRef();
+        *found = start;
     }
     return status;
 }
 
 bool xmlGetAttributeEx(xmlElement* start, TbString const& key, TbString& value) {
-    TbString name(key);
-    xmlElementPtr element;
-    return walk(start, name, element) == kFound && element->getAttribute(name, value);
+    return walk(key) == kFound && start->getAttribute(key, value);
 }
 
 bool xmlSetAttributeEx(xmlElement* start, TbString const& key, TbString const& value) {
-    TbString name(key);
-    xmlElementPtr element;
-    return walk(start, name, element) == kFound && element->setAttribute(name, value);
+    return walk(key) == kFound && start->setAttribute(key, value);
 }
 
 bool xmlAtoi(TbString const& text, int& value) {
