@@ -35,13 +35,14 @@ TbFindable const* counterpartOf(TbFindable const* item, TbFindable const& other)
     return areComparable(*item, key) ? &key : nullptr;
 }
 
-/// The value of a pair of strings; null for any other item.
-TbString* stringValueOf(TbFindable* item) {
-    if (item == nullptr || !tbIs<TbKeyValue>(*item, "TbKeyValue")) {
+/// The value of a pair of strings; null for any other item. Requires: an item that was found by its key, so that a pair
+/// has both halves.
+TbString* stringValueOf(TbFindable& item) {
+    if (!tbIs<TbKeyValue>(item, "TbKeyValue")) {
         return nullptr;
     }
-    TbFindable* const value = static_cast<TbKeyValue*>(item)->value();
-    return value != nullptr && tbIs<TbString>(*value, "TbString") ? static_cast<TbString*>(value) : nullptr;
+    TbFindable& value = *static_cast<TbKeyValue&>(item).value();
+    return tbIs<TbString>(value, "TbString") ? static_cast<TbString*>(&value) : nullptr;
 }
 
 }  // namespace
@@ -273,7 +274,7 @@ bool TbStrMap::isInstanceOf(char const* className) const {
 
 TbString& TbStrMap::operator[](TbString const& key) {
     auto* const entry = static_cast<TbMapItem*>(find(key));
-    TbString* const present = entry == nullptr ? nullptr : stringValueOf(entry->item());
+    TbString* const present = entry == nullptr ? nullptr : stringValueOf(*entry->item());
     if (present != nullptr) {
         return *present;
     }
@@ -282,7 +283,7 @@ TbString& TbStrMap::operator[](TbString const& key) {
         // A bare string, stored through a TbMap&, is no pair: one takes its place.
         remove(key);
     }
-    return *stringValueOf(putOwnedItem(pair.release())->item());
+    return *stringValueOf(*putOwnedItem(pair.release())->item());
 }
 
 void TbStrMap::allocate(TbObject** slot) {

@@ -72,8 +72,9 @@ TbReleaseObserver observer() {
     return __atomic_load_n(&g_Observer, __ATOMIC_RELAXED);
 }
 
+/// 0 for null.
 std::size_t usableSize(void* memory) {
-    return memory == nullptr ? 0 : ::malloc_usable_size(memory);
+    return ::malloc_usable_size(memory);
 }
 
 void observe(void* memory) {
@@ -84,7 +85,7 @@ void observe(void* memory) {
 
 /// Zeroes what an observer would mistake for the library's own bytes.
 void* withoutOldBytes(void* memory, std::size_t from) {
-    if (observer() != nullptr && memory != nullptr && usableSize(memory) > from) {
+    if (observer() != nullptr && usableSize(memory) > from) {
         std::memset(static_cast<char*>(memory) + from, 0, usableSize(memory) - from);
     }
     return memory;
@@ -140,10 +141,14 @@ TbMemoryHolder tbHoldMemory(std::size_t bytes) {
     return memory;
 }
 
-void* tbResizeBlock(void* block, std::size_t bytes) noexcept {
+void* tbResizeBlock(void* block, std::uint64_t bytes) noexcept {
     if (block == nullptr) {
-        void* const memory = bytes > SIZE_MAX - kPrefix ? nullptr : tbAllocate(bytes + kPrefix);
-        return memory == nullptr ? nullptr : blockIn(memory, bytes);
+        if (bytes > SIZE_MAX - kPrefix) {
+            return nullptr;
+        }
+        auto const size = static_cast<std::size_t>(bytes);
+        void* const memory = tbAllocate(size + kPrefix);
+        return memory == nullptr ? nullptr : blockIn(memory, size);
     }
     std::size_t const present = tbBlockSize(block);
     if (bytes <= present) {
@@ -154,26 +159,27 @@ void* tbResizeBlock(void* block, std::size_t bytes) noexcept {
     if (dropped >= present / 2 && bytes <= present + dropped) {
         return withoutGap(block);
     }
-    std::size_t const generous = present + present / 2;
-    std::size_t const wanted = generous > bytes ? generous : bytes;
+    std::uint64_t const generous = std::uint64_t{present} + present / 2;
+    std::uint64_t const wanted = generous > bytes ? generous : bytes;
     if (wanted > SIZE_MAX - kPrefix - dropped) {
         return nullptr;
     }
-    void* const memory = tbReallocate(memoryOf(block), wanted + dropped + kPrefix);
+    auto const size = static_cast<std::size_t>(wanted);
+    void* const memory = tbReallocate(memoryOf(block), size + dropped + kPrefix);
     if (memory == nullptr) {
         return nullptr;
     }
     void* const front = static_cast<char*>(memory) + kPrefix + dropped;
-    headerOf(front)->m_Size = wanted;
+    headerOf(front)->m_Size = size;
     return withoutGap(front);
 }
 
-void* tbResizeSecretBlock(void* block, std::size_t bytes) noexcept {
+void* tbResizeSecretBlock(void* block, std::uint64_t bytes) noexcept {
     std::size_t const present = tbBlockSize(block);
     if (block != nullptr && bytes <= present) {
         return block;
     }
-    std::size_t const generous = present + present / 2;
+    std::uint64_t const generous = std::uint64_t{present} + present / 2;
     void* const larger = tbResizeBlock(nullptr, generous > bytes ? generous : bytes);
     if (larger != nullptr && block != nullptr) {
         std::memcpy(larger, block, present);

@@ -3,6 +3,7 @@
 #define TALLOWIN_FOUNDATION_TBMEMORY_H
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 
 #include "foundation/tbreleaser.h"
@@ -35,11 +36,11 @@ void tbSetReleaseObserver(TbReleaseObserver observer) noexcept;
 /// take quadratic time, so a block that grows gets half its size on top.
 
 /// Makes room for `bytes` bytes at `block` (null for a new one). Keeps the contents; the result may lie elsewhere.
-/// Null on failure: then `block` is untouched.
-[[nodiscard]] void* tbResizeBlock(void* block, std::size_t bytes) noexcept;
+/// Null on failure, also where no address space holds so much: then `block` is untouched.
+[[nodiscard]] void* tbResizeBlock(void* block, std::uint64_t bytes) noexcept;
 
 /// The same for contents that must not stay behind in memory: a block that moves is wiped where it lay.
-[[nodiscard]] void* tbResizeSecretBlock(void* block, std::size_t bytes) noexcept;
+[[nodiscard]] void* tbResizeSecretBlock(void* block, std::uint64_t bytes) noexcept;
 
 /// The bytes that may be used at `block`; 0 for null.
 [[nodiscard]] std::size_t tbBlockSize(void const* block) noexcept;

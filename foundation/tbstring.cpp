@@ -142,7 +142,7 @@ void TbString::grow(std::uint32_t extra) {
         m_Capacity = static_cast<std::uint32_t>(wanted);
     }
     // After a failed growth the published capacity may never be reached; this request may be smaller.
-    auto const bytes = static_cast<std::size_t>(std::min<std::uint64_t>(m_Capacity, wanted));
+    std::uint64_t const bytes = std::min<std::uint64_t>(m_Capacity, wanted);
     auto* const buffer =
         static_cast<char*>(m_IsSecret ? tbResizeSecretBlock(m_Buffer, bytes) : tbResizeBlock(m_Buffer, bytes));
     if (buffer == nullptr) {

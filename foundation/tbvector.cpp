@@ -31,8 +31,7 @@ std::uint32_t usable(T** elements, std::uint32_t count) {
 template <class T>
 void reserve(T**& elements, std::uint32_t count, std::uint32_t slots) {
     std::uint32_t const kept = usable(elements, count);
-    std::uint64_t const bytes = std::uint64_t{slots} * sizeof(T*);
-    void* const block = bytes > SIZE_MAX ? nullptr : tbResizeBlock(elements, static_cast<std::size_t>(bytes));
+    void* const block = tbResizeBlock(elements, std::uint64_t{slots} * sizeof(T*));
     if (block == nullptr) {
         throw TBFC_Exception(KVX_E_OUT_OF_MEMORY);
     }
@@ -208,8 +207,8 @@ void TbVector::push_back(TbObject* element) {
 }
 
 void TbVector::pop_back() {
-    assert(m_Count > 0);
     --m_Count;
+    assert(m_Count != UINT32_MAX);
 }
 
 void TbVector::remove(std::uint32_t index) {
@@ -326,8 +325,8 @@ void TbFindableVector::push_back(TbFindable* element) {
 }
 
 void TbFindableVector::pop_back() {
-    assert(m_Count > 0);
     --m_Count;
+    assert(m_Count != UINT32_MAX);
 }
 
 void TbFindableVector::remove(std::uint32_t index) {

@@ -269,6 +269,33 @@ TEST(TbStrMap, GivesAnEmptyValueInPlaceOfOneThatIsNoString) {
     EXPECT_EQ(entriesOf(map), (Entries{"k="}));
 }
 
+/// A pair of a class that a user of the library might derive.
+class NamedPair : public TbKeyValue {
+public:
+    using TbKeyValue::TbKeyValue;
+    using TbKeyValue::operator=;
+    NamedPair() = default;
+
+    TbAllocator getAllocator() const override { return &NamedPair::allocate; }
+    bool isInstanceOf(char const* className) const override {
+        return tbIsName(className, "NamedPair") || TbKeyValue::isInstanceOf(className);
+    }
+
+    static void allocate(TbObject** slot) { tbAllocateInto<NamedPair>(slot); }
+};
+
+TEST(TbStrMap, TakesAPairOfADerivedClassForAPair) {
+    TbStrMap map;
+    map.put(NamedPair(TbString("k"), TbString("v")));
+    map[TbString("other")] = TbString("1");
+    EXPECT_TRUE(map[TbString("k")] == "v");
+    EXPECT_TRUE(map.begin()->item()->isInstanceOf("NamedPair")) << "and keeps it";
+    EXPECT_EQ(entriesOf(map), (Entries{"k=v", "other=1"}));
+    EXPECT_EQ(thrownCode([&] { map.put(pairOf("k", "2")); }), KVX_E_DUPLICATE_KEY);
+    EXPECT_TRUE(map.remove(TbString("k")));
+    EXPECT_TRUE(isSoundTree(map));
+}
+
 TEST(TbKeyValue, OwnsCopiesOfBoth) {
     TbString key("k");
     IntItem value(1);
@@ -349,6 +376,8 @@ TEST(TbMapItem, CopiesItsItemAndStaysInItsList) {
     TbMapItem const& same = copy;
     copy = same;
     EXPECT_EQ(numberOf(copy.item()), 1);
+    copy = TbMapItem();
+    EXPECT_EQ(copy.item(), nullptr);
 }
 
 TEST(TbMap, PutLeavesNoTraceWhenAnAllocationFails) {

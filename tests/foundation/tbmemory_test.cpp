@@ -1,13 +1,16 @@
 // The allocation gate and the raw memory functions of the foundation.
 //
-// Tests count and fail allocations through the gate. Odd: sizes that do not fit 32 bits count as failed allocations.
+// Tests count and fail allocations through the gate. Odd: sizes that do not fit the address space count as failed
+// allocations.
 
 #include "foundation/tbmemory.h"
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <cstdint>
 #include <cstring>
+#include <string>
 
 #include "tests/support/allocations.h"
 
@@ -63,6 +66,17 @@ TEST(TbBlock, StaysUntouchedWhenItCannotBeMadeLarger) {
 TEST(TbBlock, RefusesASizeThatItsHeaderWouldOverflow) {
     EXPECT_EQ(tbResizeBlock(nullptr, SIZE_MAX), nullptr);
     EXPECT_EQ(tbResizeBlock(nullptr, SIZE_MAX - 1), nullptr);
+    EXPECT_EQ(tbResizeBlock(nullptr, UINT64_MAX), nullptr);
+    EXPECT_EQ(tbResizeSecretBlock(nullptr, UINT64_MAX), nullptr);
+    void* const block = tbResizeBlock(nullptr, 4);
+    std::memcpy(block, "abc", 4);
+    for (std::uint64_t const bytes : {std::uint64_t{SIZE_MAX}, std::uint64_t{SIZE_MAX} - 1, UINT64_MAX}) {
+        EXPECT_EQ(tbResizeBlock(block, bytes), nullptr);
+        EXPECT_EQ(tbResizeSecretBlock(block, bytes), nullptr);
+    }
+    EXPECT_EQ(tbBlockSize(block), 4U);
+    EXPECT_STREQ(static_cast<char const*>(block), "abc");
+    tbReleaseBlock(block);
 }
 
 TEST(TbBlock, OfNothingHasNoSizeAndIsReleasedQuietly) {
@@ -74,7 +88,9 @@ TEST(TbBlock, OfNothingHasNoSizeAndIsReleasedQuietly) {
 }
 
 TEST(TbAllocate, GivesMemoryForZeroBytesAndNullWhenRefused) {
-    void* const memory = tbAllocate(0);
+    void* memory = tbAllocate(0);
+    EXPECT_NE(memory, nullptr);
+    memory = tbReallocate(memory, 0);
     EXPECT_NE(memory, nullptr);
     {
         FailingAllocation const failing(0, FailingAllocation::Mode::kAllFromThere);
@@ -82,6 +98,50 @@ TEST(TbAllocate, GivesMemoryForZeroBytesAndNullWhenRefused) {
         EXPECT_EQ(tbReallocate(memory, 10), nullptr);
         EXPECT_EQ(FailingAllocation::requested(), 2);
     }
+    tbRelease(memory);
+}
+
+/// Observes what is released while it lives.
+class Observed {
+public:
+    Observed() {
+        s_Blocks = 0;
+        tbSetReleaseObserver([](void const* memory, std::size_t bytes) {
+            ++s_Blocks;
+            EXPECT_NE(memory, nullptr);
+            s_Bytes = bytes;
+        });
+    }
+    Observed(Observed const&) = delete;
+    Observed& operator=(Observed const&) = delete;
+    ~Observed() { tbSetReleaseObserver(nullptr); }
+
+    static inline int s_Blocks = 0;
+    static inline std::size_t s_Bytes = 0;
+};
+
+TEST(TbReleaseObserver, SeesEveryBlockThatIsReleasedAndNoNull) {
+    Observed const observed;
+    tbRelease(nullptr);
+    EXPECT_EQ(Observed::s_Blocks, 0);
+    void* memory = tbAllocate(100);
+    memory = tbReallocate(memory, 5000);
+    EXPECT_EQ(Observed::s_Blocks, 1);
+    EXPECT_GE(Observed::s_Bytes, 100U);
+    tbRelease(memory);
+    EXPECT_EQ(Observed::s_Blocks, 2);
+    EXPECT_GE(Observed::s_Bytes, 5000U);
+}
+
+TEST(TbReleaseObserver, LeavesTheContentsOfABlockThatGrowsOrStays) {
+    Observed const observed;
+    void* memory = tbAllocate(100);
+    std::size_t const room = ::malloc_usable_size(memory);
+    std::memset(memory, 'x', room);
+    memory = tbReallocate(memory, room);
+    EXPECT_EQ(std::string(static_cast<char*>(memory), room), std::string(room, 'x'));
+    memory = tbReallocate(memory, 2 * room);
+    EXPECT_EQ(std::string(static_cast<char*>(memory), 2 * room), std::string(room, 'x') + std::string(room, '\0'));
     tbRelease(memory);
 }
 

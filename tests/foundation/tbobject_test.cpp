@@ -201,6 +201,25 @@ TEST(TbRefCounter, CopiesNoCount) {
     EXPECT_EQ(original.refCount(), 2);
 }
 
+/// A counted object without the object model.
+class Counted : public TbRefCounter {
+public:
+    int m_Number = 0;
+};
+
+TEST(TbRefCounter, KeepsBothCountsWhenItIsAssigned) {
+    Counted left;
+    Counted right;
+    right.m_Number = 7;
+    left.addRef();
+    right.addRef();
+    right.addRef();
+    left = right;
+    EXPECT_EQ(left.m_Number, 7);
+    EXPECT_EQ(left.refCount(), 1);
+    EXPECT_EQ(right.refCount(), 2);
+}
+
 TEST(TbRefCounter, DestroysItselfWithTheLastReference) {
     bool isGone = false;
     TbRefCounter* const object = new Witness(&isGone);
@@ -337,6 +356,20 @@ TEST(SlotOrder, OfMultimaps) {
 }
 
 #endif
+
+TEST(New, MakesAnObjectInMemoryOfTheCallers) {
+    std::int32_t const living = TbRefCounter::m_nTotalRef;
+    alignas(TbString) unsigned char room[sizeof(TbString)];
+    auto* const text = new (room) TbString("x");
+    EXPECT_EQ(static_cast<void*>(text), static_cast<void*>(room));
+    EXPECT_TRUE(*text == "x");
+    text->~TbString();
+    {
+        FailingAllocation const failing(0, FailingAllocation::Mode::kAllFromThere);
+        EXPECT_EQ(thrownCode([&] { new (room) TbString("x"); }), KVX_E_OUT_OF_MEMORY);
+    }
+    EXPECT_EQ(TbRefCounter::m_nTotalRef, living);
+}
 
 TEST(TbRefCounter, NothrowNewAnswersNullWithoutMemory) {
     TbString* const made = new (std::nothrow) TbString("x");

@@ -252,6 +252,9 @@ TEST(TbRBTree, CountsHalvings) {
 TEST(TbRBTree, IsClearedAndUsedAgain) {
     std::int32_t const start = TbRefCounter::m_nTotalRef;
     std::unique_ptr<TbRBTree> const tree = treeOf(upTo(50));
+    tree->clear(nullptr);
+    EXPECT_EQ(tree->count(), 50U) << "no node, nothing below it";
+    EXPECT_TRUE(isSoundTree(*tree));
     tree->clear();
     EXPECT_EQ(tree->count(), 0U);
     EXPECT_EQ(tree->root(), nullptr);
@@ -326,6 +329,28 @@ TEST(TbRBTree, TellsVectorsApartByTheirFirstElements) {
         ASSERT_TRUE(tree.remove(item));
         ASSERT_TRUE(isSoundTree(tree));
     }
+}
+
+// An empty vector has no first element to go by. It equals no bare element and no other empty vector, and lies before
+// every element.
+TEST(TbRBTree, KeepsEveryEmptyVector) {
+    TbRBTree tree;
+    IntItem item(1);
+    TbFindableVector filled;
+    filled.push_back(&item);
+    tree.put(TbFindableVector());
+    tree.put(filled);
+    tree.put(TbFindableVector());
+    EXPECT_EQ(tree.count(), 3U);
+    EXPECT_EQ(thrownCode([&] { tree.put(filled); }), KVX_E_DUPLICATE_KEY);
+    auto const* const found = static_cast<TbFindableVector*>(tree.find(item));
+    ASSERT_NE(found, nullptr);
+    EXPECT_EQ(found->count(), 1U);
+    std::vector<std::uint32_t> counts;
+    for (TbFindable const* element : itemsInOrder(tree)) {
+        counts.push_back(static_cast<TbFindableVector const*>(element)->count());
+    }
+    EXPECT_EQ(counts, (std::vector<std::uint32_t>{0, 0, 1}));
 }
 
 TEST(TbRBTree, HoldsElementsWithoutAnOrder) {
@@ -430,6 +455,8 @@ TEST(ChangeColor, SplitsABlackNodeWithTwoRedChildrenOnly) {
     ThreeNodes nodes;
     auto top = std::make_unique<TbTreeNode>();
     EXPECT_FALSE(OpenTree::changeColor(top.get())) << "no children at all";
+    TbTreeNode oneSided(IntItem(9), &nodes.m_A, nullptr);
+    EXPECT_FALSE(OpenTree::changeColor(&oneSided)) << "no right child";
     TbTreeNode red(IntItem(9), &nodes.m_A, &nodes.m_B);
     EXPECT_FALSE(OpenTree::changeColor(&red)) << "red itself";
     EXPECT_TRUE(nodes.m_A.isRed());

@@ -6,9 +6,12 @@
 #include "foundation/tbstring.h"
 
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <climits>
 #include <clocale>
+#include <cstdint>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -442,6 +445,51 @@ TEST(TbString, RefusesALengthThatWouldNotFit32Bits) {
     EXPECT_EQ(none.capacity(), 0U);
     EXPECT_EQ(bytesOf(none.append('x')), "x");
 }
+
+#if SIZE_MAX > UINT32_MAX
+
+/// A text of 2^32 bytes: one piece of memory, mapped again and again, and a page with the terminator.
+class HugeText {
+public:
+    HugeText() {
+        int const file = ::memfd_create("text", MFD_CLOEXEC);
+        std::string const content(kPiece, 'x');
+        EXPECT_EQ(::write(file, content.data(), kPiece), static_cast<ssize_t>(kPiece));
+        m_Text = static_cast<char*>(
+            ::mmap(nullptr, kLength + kPage, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
+        for (std::size_t at = 0; m_Text != MAP_FAILED && at < kLength; at += kPiece) {
+            EXPECT_EQ(::mmap(m_Text + at, kPiece, PROT_READ, MAP_SHARED | MAP_FIXED, file, 0), m_Text + at);
+        }
+        ::close(file);
+    }
+    HugeText(HugeText const&) = delete;
+    HugeText& operator=(HugeText const&) = delete;
+    ~HugeText() { ::munmap(m_Text, kLength + kPage); }
+
+    /// MAP_FAILED where the address space has no room.
+    [[nodiscard]] char const* get() const { return m_Text; }
+
+private:
+    static constexpr std::size_t kPiece = std::size_t{1} << 20;
+    static constexpr std::size_t kPage = 4096;
+    static constexpr std::size_t kLength = std::size_t{1} << 32;
+
+    char* m_Text;
+};
+
+TEST(TbString, RefusesATextWhoseLengthDoesNotFit32Bits) {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizer keeps a record of each byte that is read";
+#endif
+    HugeText const huge;
+    ASSERT_NE(huge.get(), MAP_FAILED);
+    TbString text("abc");
+    EXPECT_EQ(thrownCode([&] { text.append(huge.get()); }), KVX_E_OUT_OF_MEMORY);
+    EXPECT_EQ(bytesOf(text), "abc");
+    EXPECT_EQ(thrownCode([&] { TbString const copy(huge.get()); }), KVX_E_OUT_OF_MEMORY);
+}
+
+#endif
 
 TEST(TbString, KeepsTheRaisedCapacityOfAFailedGrowth) {
     TbString text(std::string(65, 'x').c_str());

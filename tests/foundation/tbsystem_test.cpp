@@ -49,6 +49,20 @@ TEST(TbSystem, ReachesTheOperatingSystem) {
     EXPECT_EQ(tbSystem().close(file), 0);
 }
 
+TEST(TbSystem, MakesNoDescriptorNonBlockingThatIsNotOpen) {
+    errno = 0;
+    EXPECT_EQ(tbSystem().setNonBlocking(-1), -1);
+    EXPECT_EQ(errno, EBADF);
+    int ends[2] = {};
+    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    EXPECT_EQ(tbSystem().setNonBlocking(ends[0]), 0);
+    char byte = 0;
+    EXPECT_EQ(tbSystem().read(ends[0], &byte, 1), -1);
+    EXPECT_EQ(errno, EAGAIN) << "an empty pipe would block";
+    ::close(ends[0]);
+    ::close(ends[1]);
+}
+
 int g_Closed = -1;
 
 /// Puts a table back at the end of a test.

@@ -129,7 +129,7 @@ TYPED_TEST(Vectors, KeepWrappingTheCountWhenAnEmptyOneIsPopped) {
 TYPED_TEST(Vectors, AssertThatAnEmptyOneIsNotPopped) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     TypeParam vector;
-    EXPECT_DEATH(vector.pop_back(), "m_Count > 0");
+    EXPECT_DEATH(vector.pop_back(), "m_Count != ");
 }
 #endif
 
@@ -316,6 +316,27 @@ TEST(TbContainer, KeepsWorkingAfterABareCountCameIn) {
     EXPECT_EQ(target.count(), 3U);
     EXPECT_EQ(target.at(0), nullptr) << "a counted slot without an element is null";
     EXPECT_EQ(target.at(2), &element);
+}
+
+/// A container of numbers alone.
+class BareCount : public TbContainer {
+public:
+    explicit BareCount(std::uint32_t count) { m_Count = count; }
+    using TbContainer::operator=;
+
+    TbAllocator getAllocator() const override { return &TbVector::allocate; }
+};
+
+TEST(TbContainer, TakesNoElementBeyondTheLargestCount) {
+    TbObject element;
+    BareCount full(0xFFFFFFFFU);
+    TbVector target;
+    static_cast<TbContainer&>(target).assign(static_cast<TbContainer&>(full));
+    EXPECT_EQ(thrownCode([&] { target.push_back(&element); }), KVX_E_OUT_OF_MEMORY);
+    EXPECT_EQ(target.count(), 0xFFFFFFFFU) << "and does not wrap around";
+    target.clear();
+    target.push_back(&element);
+    EXPECT_EQ(target.at(0), &element);
 }
 
 TEST(TbFindableContainer, KeepsAnAssignForNonConstArgumentsThatCopiesNumbersOnly) {
