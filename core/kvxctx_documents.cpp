@@ -99,9 +99,7 @@ void KVX_Context::requireRead(KvxReadResult result, TbString const& file) {
             kvx::kSourceCtx.fail(KVX_E_FILE_IO, kvx::kLineReadFile, file);
         case KvxReadResult::kCannotOpen:
             kvx::kSourceUrl.fail(KVX_E_CANNOT_OPEN, kvx::kLineOpenFile, file);
-        case KvxReadResult::kAbsent:
-        case KvxReadResult::kNameTooLong:
-        case KvxReadResult::kDirectory:
+        default:
             kvx::kSourceUrl.fail(KVX_E_CANNOT_OPEN, kvx::kLineOpenFile);
     }
 }
@@ -184,8 +182,8 @@ void KVX_Context::SetValue(TbString const& file, TbString const& name, TbString 
     xmlElementPtr root;
     try {
         root = kvxParseDocument(text, settings.m_Documents, create ? TbString() : file);
-    } catch (KVX_Exception const& failure) {
-        if (!create || failure.code() != KVX_E_INVALID_FORMAT) {
+    } catch (KVX_Exception const&) {  // the text is no document
+        if (!create) {
             throw;
         }
         root = kvxNewDocument();

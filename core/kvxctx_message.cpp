@@ -174,9 +174,7 @@ bool KVX_Message::ToString(TbString& text) const {
         return false;
     }
     TbStringStream out;
-    if (!m_Element->toStream(out)) {
-        return false;
-    }
+    m_Element->toStream(out);
     text = out.str();
     return true;
 }

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <type_traits>
 
+#include "core/icct_modulus.h"
 #include "tests/core/icctsupport.h"
 
 using namespace kvxtest;
@@ -200,6 +201,35 @@ TEST(KeyBlob, MayHoldAbsurdNumbers) {
             }
         }
     }
+}
+
+TEST(UsableModulusBits, AreThoseOfANumberWithoutItsSign) {
+    Bytes const modulus(64, 0xF1);  // its sign bit is set
+    Bytes const exponent{0x01, 0x00, 0x01};
+    struct Row {
+        char const* m_What;
+        Bytes m_Key;
+        std::uint32_t m_Bits;
+    };
+    Bytes padded = modulus;
+    padded.insert(padded.begin(), 0x00);
+    Row const rows[] = {
+        {"positive", keyOf({padded, exponent}), 512},
+        {"a modulus with its sign bit set", keyOf({modulus, exponent}), 512},
+        {"an exponent with its sign bit set", keyOf({padded, {0xFF}}), 512},
+        {"an even modulus with its sign bit set", keyOf({Bytes(64, 0xF0), exponent}), 0},
+        {"an even exponent with its sign bit set", keyOf({padded, {0xFE}}), 0},
+        {"an exponent of one", keyOf({padded, {0x01}}), 0},
+    };
+    for (Row const& row : rows) {
+        EXPECT_EQ(ICCT_UsableModulusBits(row.m_Key.data(), row.m_Key.size()), row.m_Bits) << row.m_What;
+    }
+}
+
+TEST(UsableModulusBits, AreNoneForAKeyOfALengthThatNoDecoderTakes) {
+    Bytes const key = rsaData("key512.public");
+    EXPECT_EQ(ICCT_UsableModulusBits(key.data(), key.size()), 512U);
+    EXPECT_EQ(ICCT_UsableModulusBits(key.data(), kTooLong), 0U);
 }
 
 TEST(KeyBlob, NeverVerifiesWithAnyFlippedBit) {

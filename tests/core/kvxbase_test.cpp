@@ -9,8 +9,10 @@
 #include <string>
 #include <type_traits>
 
+#include "core/kvxsource.h"
 #include "tallowin/tallowin.h"
 #include "tests/core/coresupport.h"
+#include "tests/support/exceptions.h"
 #include "tests/support/tbtext.h"
 #include "tests/support/tracerecorder.h"
 
@@ -253,6 +255,20 @@ TEST(Exception, TracesItsTextWithThePrefix) {
     EXPECT_EQ(failure.code(), KVX_E_FILE_IO);
     EXPECT_EQ(linesOf(recorder.records()),
               std::vector<std::string>{"kvxctx:212:80040203:EXCEPTION:kvxctx(212) : error 80040203 : file I/O error"});
+}
+
+TEST(Source, FailsAndTracesUnderItsName) {
+    for (char const* name : {"kvxbase", "another"}) {
+        KvxSource const source(name);
+        TraceRecorder const recorder;
+        Thrown const failure = thrown([&] { source.fail(KVX_E_NOT_FOUND, 7, "detail"); });
+        EXPECT_EQ(failure.m_Code, KVX_E_NOT_FOUND);
+        EXPECT_EQ(failure.m_File, name);
+        EXPECT_EQ(failure.m_Line, 7);
+        source.trace(8, "EVENT", "more");
+        ASSERT_EQ(recorder.records().size(), 2U);
+        EXPECT_EQ(recorder.records()[1].m_Detail, "more");
+    }
 }
 
 TEST(TraceLog, WritesNothingAnywhereWithoutASink) {

@@ -282,6 +282,21 @@ TEST(CreatePath, CannotOpenADirectoryThatIsThereForLackOfDescriptorsOrMemory) {
     }
 }
 
+TEST(CreatePath, ReportsTheErrorOfTheCreationWhereNothingCanBeLookedAt) {
+    TemporaryDirectory dir;
+    SystemCalls calls;
+    calls->opendir = [](char const*) -> DIR* {
+        errno = EMFILE;
+        return nullptr;
+    };
+    calls->lstat = [](char const*, struct stat*) {
+        errno = EIO;
+        return -1;
+    };
+    KVX_Context context;
+    EXPECT_EQ(thrownCode([&] { context.CreatePath(dir.path().c_str()); }), EEXIST);
+}
+
 TEST(CreatePath, ReportsTheErrorOfTheCreation) {
     SystemCalls calls;
     calls->mkdir = [](char const*, mode_t mode) {

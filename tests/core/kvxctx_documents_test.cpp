@@ -177,11 +177,14 @@ TEST_F(QueryValue, RefusesAMalformedFile) {
 
 TEST_F(QueryValue, RaisesTheReadersCodeForAMissingFile) {
     TbString value("untouched");
-    for (char const* name : {"", "A"}) {
-        Thrown const failure = thrown([&] { m_Context.QueryValue("missing.xml", name, value); });
-        EXPECT_EQ(failure.m_Code, KVX_E_CANNOT_OPEN);
-        EXPECT_EQ(failure.m_File, "kvxurl");
-        EXPECT_EQ(failure.m_Text, "ErrorCode = 0x80040219");
+    std::string const impossible(300, 'x');
+    for (char const* file : {"missing.xml", impossible.c_str()}) {
+        for (char const* name : {"", "A"}) {
+            Thrown const failure = thrown([&] { m_Context.QueryValue(file, name, value); });
+            EXPECT_EQ(failure.m_Code, KVX_E_CANNOT_OPEN) << file;
+            EXPECT_EQ(failure.m_File, "kvxurl") << file;
+            EXPECT_EQ(failure.m_Text, "ErrorCode = 0x80040219") << file;
+        }
     }
     EXPECT_EQ(bytesOf(value), "untouched");
 }

@@ -2,13 +2,16 @@
 // names refuse. Limits of exchanges have their tests beside the network layer.
 
 #include <gtest/gtest.h>
+#include <openssl/err.h>
 #include <openssl/evp.h>
 
 #include <filesystem>
 #include <string>
 
+#include "core/kvxctx_checks.h"
 #include "core/kvxctx_settings.h"
 #include "tests/core/coresupport.h"
+#include "tests/core/icctsupport.h"
 #include "tests/support/encodings.h"
 #include "tests/support/exceptions.h"
 #include "tests/support/systemcalls.h"
@@ -352,6 +355,16 @@ TEST_F(StrictVerification, AcceptsThePinnedKeyAlone) {
     }
 }
 
+TEST_F(StrictVerification, RefusesAPinnedKeyThatCannotBeDigested) {
+    Bytes const key = dataBytes("rsa/key512.public.hex");
+    KvxPublicKey const pinned{key.data(), static_cast<std::uint32_t>(key.size())};
+    KVX_Settings const settings = settingsOf("KEYPIN=\"" + pinOf(dataHex("rsa/key512.public.hex")) + "\"");
+    EXPECT_TRUE(kvxIsAcceptedKey(settings, pinned));
+    WithoutAlgorithms const none;
+    EXPECT_FALSE(kvxIsAcceptedKey(settings, pinned));
+    ERR_clear_error();
+}
+
 TEST_F(StrictVerification, RefusesKeysThatAreTooSmall) {
     std::string const text = confirmation("server");
     write("settings.xml", documentOf("MINKEYBITS=\"512\""));
@@ -436,7 +449,8 @@ TEST_F(StrictSetup, RefusesASmallerKey) {
 TEST_F(StrictSetup, RefusesAConfigurationWithoutAPaymentAddress) {
     std::string const before = read("config.xml");
     for (char const* response : {"<KVX MSGTYPE=\"SetupResponse\"/>", "<KVX MSGTYPE=\"SetupResponse\" VTURL=\"\"/>",
-                                 "<KVX MSGTYPE=\"SetupResponse\" VTURL=\"pay.example\"/>"}) {
+                                 "<KVX MSGTYPE=\"SetupResponse\" VTURL=\"pay.example\"/>",
+                                 "<KVX MSGTYPE=\"SetupResponse\" VTURL=\"://pay.example\"/>"}) {
         ExchangeServer server({response});
         m_Context.SetOption("VTAUTOURL", server.url("/auto").c_str());
         write("config.xml", before);
@@ -450,16 +464,19 @@ TEST_F(StrictSetup, RefusesAConfigurationWithoutAPaymentAddress) {
 }
 
 TEST_F(StrictSetup, ReplacesNothingWhenTheLastResponseIsRefused) {
-    ExchangeServer server({"<KVX MSGTYPE=\"SetupResponse\" VTURL=\"x://new\" VTKEYID=\"new\"/>",
-                           "<KVX MSGTYPE=\"LoadDefaultsResponse\"/>",
-                           "<KVX MSGTYPE=\"KeyQueryResponse\" KEYID=\"new\" KEYBLOB=\"00\"/>"});
-    m_Context.SetOption("VTAUTOURL", server.url("/auto").c_str());
-    write("settings.xml", documentOf("STRICTKEYS=\"1\""));
-    std::string const before = read("config.xml");
-    EXPECT_EQ(thrownCode([&] { m_Context.Reconfigure(); }), KVX_E_INVALID_KEY);
-    EXPECT_EQ(read("config.xml"), before);
-    EXPECT_FALSE(exists("default.xml"));
-    EXPECT_FALSE(exists("keys/public/new"));
+    std::string const pin = "KEYPIN=\"" + pinOf(dataHex("rsa/key512.public.hex")) + "\"";
+    for (std::string const& settings : {std::string("STRICTKEYS=\"1\""), pin, std::string("MINKEYBITS=\"512\"")}) {
+        ExchangeServer server({"<KVX MSGTYPE=\"SetupResponse\" VTURL=\"x://new\" VTKEYID=\"new\"/>",
+                               "<KVX MSGTYPE=\"LoadDefaultsResponse\"/>",
+                               "<KVX MSGTYPE=\"KeyQueryResponse\" KEYID=\"new\" KEYBLOB=\"00\"/>"});
+        m_Context.SetOption("VTAUTOURL", server.url("/auto").c_str());
+        write("settings.xml", documentOf(settings));
+        std::string const before = read("config.xml");
+        EXPECT_EQ(thrownCode([&] { m_Context.Reconfigure(); }), KVX_E_INVALID_KEY) << settings;
+        EXPECT_EQ(read("config.xml"), before) << settings;
+        EXPECT_FALSE(exists("default.xml")) << settings;
+        EXPECT_FALSE(exists("keys/public/new")) << settings;
+    }
 }
 
 TEST_F(StrictSetup, WritesTheSameFilesAsAPlainOne) {

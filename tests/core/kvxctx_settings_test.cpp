@@ -107,6 +107,22 @@ TEST(Settings, DoNotMatterForLocalFiles) {
     EXPECT_TRUE(account.m_Context.QueryValue("config.xml", "A", value));
 }
 
+TEST(Settings, AreThePlainOnesInADirectoryWhoseNameIsTooLong) {
+    TemporaryDirectory dir;
+    KVX_Context context;
+    EXPECT_EQ(thrownCode([&] { context.Open(dir.file(std::string(300, 'x')).c_str()); }), ENAMETOOLONG);
+    std::string text = "<KVX>";
+    for (int level = 0; level < 1000; ++level) {
+        text += "<E>";
+    }
+    for (int level = 0; level < 1000; ++level) {
+        text += "</E>";
+    }
+    xmlElement* root = nullptr;
+    context.XmlFromString((text + "</KVX>").c_str(), &root);
+    root->release();
+}
+
 TEST(Settings, NeedAnOpenedContext) {
     KVX_Context context;
     NoNetwork const none;

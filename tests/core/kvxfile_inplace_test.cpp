@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <climits>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
@@ -322,6 +323,107 @@ TEST(InPlace, PutsTheOldContentBackWhenALaterCallFails) {
     }
 }
 
+/// Ten bytes a write for twelve writes; then the disk is full, and one call of putting the old content back fails too.
+TEST(InPlace, LeavesWhatIsThereWhenTheOldContentCannotBePutBack) {
+    static int s_Left = 0;
+    static int s_Syncs = 0;
+    std::string const before = documentOf(100);
+    std::string const after = documentOf(160);
+    struct Row {
+        char const* m_Name;
+        void (*m_Break)(TbSystemCalls& calls);
+        std::string m_Content;
+    };
+    Row const rows[] = {
+        {"write", [](TbSystemCalls&) {}, after.substr(0, 120)},
+        {"lseek",
+         [](TbSystemCalls& calls) {
+             calls.lseek = [](int, off_t, int) -> off_t {
+                 s_Left = INT_MAX;  // a write would succeed, at the wrong place
+                 errno = EIO;
+                 return -1;
+             };
+         },
+         after.substr(0, 120)},
+        {"ftruncate",
+         [](TbSystemCalls& calls) {
+             calls.lseek = [](int file, off_t offset, int origin) {
+                 s_Left = INT_MAX;
+                 return ::lseek(file, offset, origin);
+             };
+             calls.ftruncate = [](int, off_t) {
+                 errno = EIO;
+                 return -1;
+             };
+         },
+         before + after.substr(100, 20)},
+    };
+    for (Row const& row : rows) {
+        s_Left = 12;
+        s_Syncs = 0;
+        Account account;
+        account.write("config.xml", before);
+        NoNewFiles none;
+        none.m_Calls->fallocate = [](int, int, off_t, off_t) {
+            errno = EOPNOTSUPP;
+            return -1;
+        };
+        none.m_Calls->write = [](int file, void const* data, std::size_t bytes) -> ssize_t {
+            if (s_Left <= 0) {
+                errno = ENOSPC;
+                return -1;
+            }
+            --s_Left;
+            return ::write(file, data, std::min<std::size_t>(bytes, 10));
+        };
+        none.m_Calls->fsync = [](int) { return ++s_Syncs, 0; };
+        row.m_Break(*none.m_Calls.operator->());
+        EXPECT_EQ(thrownCode([&] { account.m_Context.UpdateFile("config.xml", after.c_str()); }), KVX_E_FILE_IO)
+            << row.m_Name;
+        EXPECT_EQ(account.read("config.xml"), row.m_Content) << row.m_Name;
+        EXPECT_EQ(s_Syncs, 0) << row.m_Name;
+    }
+}
+
+TEST(InPlace, PutsNoContentBackThatItHasNotReadWhole) {
+    static int s_Left = 0;
+    std::string const after = documentOf(160);
+    s_Left = 12;
+    Account account;
+    account.write("config.xml", documentOf(100));
+    NoNewFiles none;
+    none.m_Calls->fallocate = [](int, int, off_t, off_t) { return 0; };
+    none.m_Calls->fstat = [](int file, struct stat* status) {
+        int const result = ::fstat(file, status);
+        status->st_size += S_ISREG(status->st_mode) ? 5 : 0;
+        return result;
+    };
+    none.m_Calls->write = [](int file, void const* data, std::size_t bytes) -> ssize_t {
+        if (s_Left-- == 0) {
+            errno = ENOSPC;
+            return -1;
+        }
+        return ::write(file, data, std::min<std::size_t>(bytes, 10));
+    };
+    EXPECT_EQ(thrownCode([&] { account.m_Context.UpdateFile("config.xml", after.c_str()); }), KVX_E_FILE_IO);
+    EXPECT_EQ(account.read("config.xml"), after.substr(0, 120));
+}
+
+TEST(InPlace, EmptiesAndFillsAFile) {
+    struct Row {
+        char const* m_Old;
+        char const* m_New;
+    };
+    for (Row const& row : {Row{"", ""}, Row{"old", ""}, Row{"", "new"}}) {
+        Account account;
+        account.write("config.xml", row.m_Old);
+        NoNewFiles const none;
+        account.m_Context.UpdateFile("config.xml", row.m_New);
+        EXPECT_EQ(account.read("config.xml"), row.m_New) << row.m_Old;
+        EXPECT_EQ(NoNewFiles::truncations(), 0);
+    }
+}
+
 TEST(InPlace, TouchesNothingWhenTheFileCannotBeLookedAt) {
     static int s_Looked = 0;
     for (int const failing : {0, 1}) {
@@ -484,6 +586,18 @@ TEST_F(WriteOptions, GiveNewFilesAModeThatTheUmaskReducesUnlessItIsExact) {
     EXPECT_EQ(modeAfter("b", {0600, true, true}), mode_t{0640}) << "an old file keeps its own";
     EXPECT_EQ(modeAfter("c", {}), mode_t{0600});
     ::umask(before);
+}
+
+TEST_F(WriteOptions, MakeNoFileThatCannotHaveItsExactMode) {
+    SystemCalls calls;
+    calls->fchmod = [](int, mode_t mode) {
+        EXPECT_EQ(mode, mode_t{0640});
+        errno = EPERM;
+        return -1;
+    };
+    EXPECT_EQ(kvxReplaceFile(m_Dir.file("a").c_str(), "x", 1, {0640, true, true}), KvxWriteResult::kCannotWrite);
+    EXPECT_EQ(filesIn(""), std::vector<std::string>());
+    EXPECT_EQ(kvxReplaceFile(m_Dir.file("a").c_str(), "x", 1, {0640, false, true}), KvxWriteResult::kDone);
 }
 
 TEST_F(WriteOptions, LeaveTheDiskAloneOnRequest) {

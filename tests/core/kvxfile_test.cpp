@@ -9,12 +9,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <filesystem>
+#include <fstream>
+#include <limits>
 #include <string>
 #include <thread>
 
+#include "core/kvxfile.h"
 #include "tests/core/coresupport.h"
 #include "tests/support/exceptions.h"
 #include "tests/support/processes.h"
@@ -101,15 +105,21 @@ TEST_F(ReplaceFile, KeepsTheOwnerOfTheOldFile) {
     if (::geteuid() != 0) {
         GTEST_SKIP() << "only a privileged process can give files away";
     }
-    write("config.xml", "old");
-    ASSERT_EQ(::chown(m_Dir.file("config.xml").c_str(), kNobody, kNobody), 0);
-    ::chmod(m_Dir.file("config.xml").c_str(), 0640);
-    m_Context.UpdateFile("config.xml", "new");
-    struct stat const status = statusOf(m_Dir.file("config.xml"));
-    EXPECT_EQ(status.st_uid, kNobody);
-    EXPECT_EQ(status.st_gid, kNobody);
-    EXPECT_EQ(status.st_mode & 07777, mode_t{0640});
-    EXPECT_EQ(read("config.xml"), "new");
+    struct Owner {
+        uid_t m_User;
+        gid_t m_Group;
+    };
+    for (Owner const& owner : {Owner{kNobody, kNobody}, Owner{kNobody, ::getegid()}, Owner{::geteuid(), kNobody}}) {
+        write("config.xml", "old");
+        ASSERT_EQ(::chown(m_Dir.file("config.xml").c_str(), owner.m_User, owner.m_Group), 0);
+        ::chmod(m_Dir.file("config.xml").c_str(), 0640);
+        m_Context.UpdateFile("config.xml", "new");
+        struct stat const status = statusOf(m_Dir.file("config.xml"));
+        EXPECT_EQ(status.st_uid, owner.m_User);
+        EXPECT_EQ(status.st_gid, owner.m_Group);
+        EXPECT_EQ(status.st_mode & 07777, mode_t{0640});
+        EXPECT_EQ(read("config.xml"), "new");
+    }
 }
 
 TEST_F(ReplaceFile, PutsANewFileInThePlaceOfTheOldOne) {
@@ -345,6 +355,41 @@ TEST_F(ReplaceFile, TakesAnotherNameWhenOneIsTaken) {
     EXPECT_EQ(read("config.xml"), "new");
 }
 
+TEST_F(ReplaceFile, GivesUpWhenEveryNameIsTaken) {
+    static int s_Opens = 0;
+    s_Opens = 0;
+    write("config.xml", "old");
+    SystemCalls calls;
+    calls->open = [](char const* path, int flags, mode_t mode) {
+        if ((flags & O_EXCL) != 0) {
+            ++s_Opens;
+            errno = EEXIST;
+            return -1;
+        }
+        return ::open(path, flags, mode);
+    };
+    EXPECT_EQ(thrownCode([&] { m_Context.UpdateFile("config.xml", "new"); }), KVX_E_FILE_NOT_FOUND);
+    EXPECT_EQ(s_Opens, 16);
+    EXPECT_EQ(read("config.xml"), "old");
+}
+
+// The file's own path just fits the longest one that the system takes.
+TEST_F(ReplaceFile, WritesInPlaceWhereANewFilesPathWouldBeTooLong) {
+    std::string directory = path();
+    while (directory.size() < 4090) {
+        directory += "/" + std::string(std::min<std::size_t>(200, 4090 - directory.size() - 1), 'd');
+        ASSERT_EQ(::mkdir(directory.c_str(), 0755), 0) << directory.size();
+    }
+    std::string const file = directory + "/f";
+    std::ofstream(file) << "old and longer";
+    ino_t const before = statusOf(file).st_ino;
+    EXPECT_EQ(kvxReplaceFile(file.c_str(), "new", 3, {}), KvxWriteResult::kDone);
+    EXPECT_EQ(statusOf(file).st_ino, before);
+    TbStringStream content;
+    EXPECT_EQ(kvxReadFile(file.c_str(), content), KvxReadResult::kDone);
+    EXPECT_EQ(bytesOf(content), "new");
+}
+
 TEST_F(ReplaceFile, OpensEveryDescriptorCloseOnExec) {
     static bool s_AllClosed = true;
     write("config.xml", "<KVX/>");
@@ -391,6 +436,51 @@ TEST_F(ReplaceFile, ShowsReadersTheOldOrTheNewContentWhole) {
     EXPECT_EQ(filesIn(""), std::vector<std::string>{"config.xml"});
     RecordProperty("reads", std::to_string(reads));
     RecordProperty("changes", std::to_string(changes));
+}
+
+/// The size that the system tells is advice alone: a special file tells none, and another writer may be at work.
+TEST(ReadFile, ReadsAFileWhateverSizeIsToldForIt) {
+    static off_t s_Size = 0;
+    TemporaryDirectory dir;
+    dir.write("file", "content");
+    constexpr off_t kMost = std::numeric_limits<std::int32_t>::max();
+    for (off_t const size : {off_t{-1}, off_t{0}, off_t{3}, off_t{7}, off_t{1000}, kMost, kMost + 1}) {
+        s_Size = size;
+        SystemCalls calls;
+        calls->fstat = [](int file, struct stat* status) {
+            int const result = ::fstat(file, status);
+            status->st_size = s_Size;
+            return result;
+        };
+        TbStringStream content;
+        EXPECT_EQ(kvxReadFile(dir.file("file").c_str(), content), KvxReadResult::kDone) << size;
+        EXPECT_EQ(bytesOf(content), "content") << size;
+        EXPECT_LT(content.capacity(), 2000U) << size;
+    }
+}
+
+TEST(SyncNewDirectory, SynchronisesTheDirectoryThatHoldsIt) {
+    static std::string s_Opened;
+    SystemCalls calls;
+    calls->open = [](char const* path, int flags, mode_t) {
+        EXPECT_NE(flags & O_DIRECTORY, 0);
+        s_Opened += path;
+        errno = EACCES;
+        return -1;
+    };
+    struct Row {
+        char const* m_New;
+        char const* m_Holder;
+    };
+    constexpr Row kRows[] = {
+        {"/a", "/"}, {"/a/", "/"}, {"/a/b", "/a"}, {"/a/b///", "/a"}, {"a", "."},
+        {"a/", "."}, {"a/b", "a"}, {"a//b", "a/"}, {"/", "/"},        {"///", "/"},
+    };
+    for (Row const& row : kRows) {
+        s_Opened = "";
+        EXPECT_TRUE(kvxSyncNewDirectory(row.m_New)) << row.m_New;
+        EXPECT_EQ(s_Opened, row.m_Holder) << row.m_New;
+    }
 }
 
 }  // namespace
