@@ -207,8 +207,8 @@ void TbVector::push_back(TbObject* element) {
 }
 
 void TbVector::pop_back() {
+    assert(m_Count > 0);
     --m_Count;
-    assert(m_Count != UINT32_MAX);
 }
 
 void TbVector::remove(std::uint32_t index) {
@@ -325,8 +325,8 @@ void TbFindableVector::push_back(TbFindable* element) {
 }
 
 void TbFindableVector::pop_back() {
+    assert(m_Count > 0);
     --m_Count;
-    assert(m_Count != UINT32_MAX);
 }
 
 void TbFindableVector::remove(std::uint32_t index) {
