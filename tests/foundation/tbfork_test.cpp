@@ -15,6 +15,7 @@
 
 #include "foundation/tbforkgate.h"
 #include "tests/support/processes.h"
+#include "tests/support/worker.h"
 
 using namespace kvxtest;
 
@@ -141,6 +142,24 @@ TEST(TbForkGate, CountsOnceHoweverOftenItIsClosedAndOpened) {
         },
         kLimit);
     EXPECT_EQ(status, 7) << "a gate that is closed twice is open after one opening";
+}
+
+TEST(TbForkGate, HoldsBackTheForksOfOtherThreads) {
+    TbForkGate gate;
+    pid_t child = -1;
+    {
+        Worker forking([&] {
+            child = ::fork();
+            if (child == 0) {
+                ::_exit(0);
+            }
+        });
+        EXPECT_TRUE(forking.blocks()) << "it has forked";
+        gate.open();
+    }
+    int status = -1;
+    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
 }
 
 TEST(TbForkGate, IsFreeInAChild) {

@@ -16,9 +16,9 @@
 #include "api/cMessageObject.h"
 #include "api/kvxboundary.h"
 #include "tests/jni/shop.h"
-#include "tests/jni/worker.h"
 #include "tests/support/processes.h"
 #include "tests/support/waiting.h"
+#include "tests/support/worker.h"
 
 using namespace kvxtest;
 

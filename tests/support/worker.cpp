@@ -1,4 +1,4 @@
-#include "tests/jni/worker.h"
+#include "tests/support/worker.h"
 
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -9,7 +9,6 @@
 #include <fstream>
 #include <string>
 
-#include "tests/support/rawserver.h"
 #include "tests/support/waiting.h"
 
 namespace kvxtest {

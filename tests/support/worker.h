@@ -1,6 +1,6 @@
 /// A test thread that reports whether it is blocked.
-#ifndef TALLOWIN_TESTS_JNI_WORKER_H
-#define TALLOWIN_TESTS_JNI_WORKER_H
+#ifndef TALLOWIN_TESTS_SUPPORT_WORKER_H
+#define TALLOWIN_TESTS_SUPPORT_WORKER_H
 
 #include <sys/types.h>
 
