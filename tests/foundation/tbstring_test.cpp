@@ -635,6 +635,33 @@ TEST(SecretString, LeavesNoBytesBehind) {
     EXPECT_EQ(FreedMemory::leaks(), 0);
 }
 
+TEST(SecretString, LeavesNoBytesBehindWhereItGrows) {
+    struct {
+        char const* m_Name;
+        void (*m_Grow)(TbString& secret);
+    } const cases[] = {
+        {"grow", [](TbString& secret) { secret.grow(1000); }},
+        {"many characters",
+         [](TbString& secret) {
+             for (int i = 0; i < 1000; ++i) {
+                 secret.append('x');
+             }
+         }},
+        {"text", [](TbString& secret) { secret.append(std::string(1000, 'x').c_str()); }},
+        {"string", [](TbString& secret) { secret.append(TbString(std::string(1000, 'x').c_str())); }},
+    };
+    for (auto const& row : cases) {
+        TbString secret = secretOf(kCanaryPassword);
+        FreedMemory const freed;
+        void const* const before = secret.buffer();
+        row.m_Grow(secret);
+        EXPECT_NE(static_cast<void const*>(secret.buffer()), before) << row.m_Name;
+        EXPECT_EQ(bytesOf(secret).substr(0, std::strlen(kCanaryPassword)), kCanaryPassword) << row.m_Name;
+        EXPECT_GT(FreedMemory::searched(), 0) << row.m_Name;
+        EXPECT_EQ(FreedMemory::leaks(), 0) << row.m_Name;
+    }
+}
+
 TEST(SecretString, SurvivesFailingAllocations) {
     FreedMemory const freed;
     survivesEveryFailingAllocation([] {
