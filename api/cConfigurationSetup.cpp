@@ -3,18 +3,6 @@
 #include "api/kvxboundary.h"
 #include "api/kvxlines_api.h"
 
-namespace {
-
-/// A copy of the caller's text that may hold credentials.
-TbString secretText(char const* text) {
-    TbString secret("");
-    secret.keepSecret();
-    secret.append(text);
-    return secret;
-}
-
-}  // namespace
-
 KVXCIMPL_ConfigurationSetup::KVXCIMPL_ConfigurationSetup() {
     m_Signature.set(kKind);
 }
@@ -65,13 +53,14 @@ int32_t ConfigurationSetup_SetConfiguration(KVX_HANDLE handle, char const* path)
 }
 
 int32_t ConfigurationSetup_Reconfigure(KVX_HANDLE handle, char const* url, char const* user, char const* password) {
-    return kvxRun<KVXCIMPL_ConfigurationSetup>(
-        handle, [&](auto& setup) { setup.Reconfigure(secretText(url), secretText(user), secretText(password)); });
+    return kvxRun<KVXCIMPL_ConfigurationSetup>(handle, [&](auto& setup) {
+        setup.Reconfigure(kvxSecretText(url), kvxSecretText(user), kvxSecretText(password));
+    });
 }
 
 int32_t ConfigurationSetup_SetOption(KVX_HANDLE handle, char const* name, char const* value) {
     return kvxRun<KVXCIMPL_ConfigurationSetup>(
-        handle, [&](auto& setup) { setup.SetOption(mbstoSTRING(name), secretText(value)); });
+        handle, [&](auto& setup) { setup.SetOption(mbstoSTRING(name), kvxSecretText(value)); });
 }
 
 int32_t ConfigurationSetup_GetAttribute(KVX_HANDLE handle, char const* file, char const* name, int32_t* size,
@@ -85,5 +74,5 @@ int32_t ConfigurationSetup_GetAttribute(KVX_HANDLE handle, char const* file, cha
 
 int32_t ConfigurationSetup_SetAttribute(KVX_HANDLE handle, char const* file, char const* name, char const* value) {
     return kvxRun<KVXCIMPL_ConfigurationSetup>(
-        handle, [&](auto& setup) { setup.SetAttribute(mbstoSTRING(file), mbstoSTRING(name), mbstoSTRING(value)); });
+        handle, [&](auto& setup) { setup.SetAttribute(mbstoSTRING(file), mbstoSTRING(name), kvxSecretText(value)); });
 }

@@ -134,6 +134,8 @@ int32_t MessageObject_ToString(KVX_HANDLE handle, int32_t* size, char* buffer) {
             return KVX_E_OUT_OF_MEMORY;
         }
         std::memcpy(copy.get(), text.c_str(), std::size_t{text.length()} + 1);
-        return kvxCopyOut(copy.get(), size, buffer);
+        std::int32_t const code = kvxCopyOut(copy.get(), size, buffer);
+        ::explicit_bzero(copy.get(), text.length());  // the account's defaults may hold credentials
+        return code;
     });
 }

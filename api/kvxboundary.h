@@ -13,6 +13,7 @@
 #include "api/kvxhandle.h"
 #include "core/kvxbase.h"
 #include "foundation/tbexception.h"
+#include "foundation/tbstring.h"
 #include "tallowin/tallowin.h"
 
 /// Runs `call` and returns its code. An exception becomes a code: a KVX_Exception or TBFC_Exception its own, lack of
@@ -87,6 +88,14 @@ void kvxDestroy(KVX_HANDLE handle) {
     if (kvxClaimForDestruction(Object::kKind, handle)) {
         kvxDeleteClaimed<Object>(handle);  // destructors throw nothing
     }
+}
+
+/// A secret copy of the caller's text, which may hold credentials. Null counts as "".
+inline TbString kvxSecretText(char const* text) {
+    TbString secret("");
+    secret.keepSecret();
+    secret.append(text);
+    return secret;
 }
 
 /// Copies `text`, terminator included, into the caller's buffer.

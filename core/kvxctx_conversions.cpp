@@ -11,7 +11,6 @@
 
 #include "core/kvxctx.h"
 #include "core/kvxpercent.h"
-#include "core/kvxwipe.h"
 #include "foundation/tbexception.h"
 #include "foundation/tbforkgate.h"
 #include "foundation/tbsystem.h"
@@ -79,6 +78,7 @@ Date dateOf(std::int64_t days) {
 
 TbString KVX_Context::Encode(TbString const& text) {
     TbString encoded("");
+    encoded.joinSecrecyOf(text);
     for (std::uint32_t i = 0; i < text.length(); ++i) {
         KvxPercentEncoded const piece(static_cast<unsigned char>(text[i]));
         encoded.append(piece.m_Text, piece.m_Length);
@@ -100,7 +100,7 @@ TbString KVX_Context::BufferToHex(unsigned char* buffer, unsigned long length) {
 }
 
 std::int32_t KVX_Context::HexToBuffer(TbString hex, unsigned char* buffer, unsigned long* size) {
-    KvxTextWiper const wiper(hex);
+    hex.keepSecret();
     int high = 0;
     for (std::uint32_t i = 0; i < hex.length(); ++i) {
         if (i / 2 >= *size) {

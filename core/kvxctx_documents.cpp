@@ -82,6 +82,7 @@ KvxReadResult KVX_Context::tryReadFile(TbString const& file, TbStringStream& con
     if (m_Path.isEmpty()) {
         kvx::kSourceCtx.fail(KVX_E_NO_CONTEXT, kvx::kLineQueryNoContext);
     }
+    content.keepSecret();  // it may be a private key, or an address with credentials
     TbString const path = pathOf(file);
     if (IsHttp(path)) {
         StreamFromURL(path, content);  // refuses a directory whose path reads like a URL

@@ -31,7 +31,7 @@ constexpr std::size_t kKeyBytes = 1024;
 constexpr std::size_t kOwnSignatureBytes = 1024;
 constexpr std::size_t kSignatureBytes = 4096;
 
-/// The signed form of a text: each byte as one 16-bit little-endian unit, without a terminating one.
+/// The signed form of a text: each byte as one 16-bit little-endian unit, without a terminating one. Wiped at the end.
 class WidenedText {
 public:
     /// Deliberate (widening-differs): signing widens without sign, verifying with sign. They agree on 7-bit text only.
@@ -49,6 +49,10 @@ public:
         units[m_Length] = 0;
         units[m_Length + 1] = 0;
     }
+
+    WidenedText(WidenedText const&) = delete;
+    WidenedText& operator=(WidenedText const&) = delete;
+    ~WidenedText() { OPENSSL_cleanse(bytes(), m_Length); }
 
     [[nodiscard]] unsigned char* bytes() const { return reinterpret_cast<unsigned char*>(m_Units.get()); }
     [[nodiscard]] unsigned long length() const { return m_Length; }
@@ -131,14 +135,13 @@ void KVX_Context::GenKey(TbString& keyId) {
     }
     TbString const publicHex = BufferToHex(publicKey.m_Bytes, static_cast<unsigned long>(publicLength));
     TbString privateHex = BufferToHex(privateKey.m_Bytes, static_cast<unsigned long>(privateLength));
-    KvxTextWiper const wiper(privateHex);
+    privateHex.keepSecret();
     UpdateFile(kvx::publicKeyFile(keyId), publicHex);
     UpdateFile(kvx::privateKeyFile(keyId), privateHex);
 }
 
 void KVX_Context::SignData(TbString const& data, TbString const& keyId, TbString& signature) {
     TbStringStream keyText;
-    KvxTextWiper const wiper(keyText);
     if (!readKeyFile(kvx::privateKeyFile(keyId), keyId, keyText)) {
         kvx::kSourceCtx.fail(KVX_E_NOT_FOUND, kvx::kLineSignNoKey);
     }
@@ -214,6 +217,5 @@ void KVX_Context::requireAcceptable(TbString const& keyBlob) {
 /// Whether the private half of `keyId` is here.
 bool KVX_Context::hasPrivateKey(TbString const& keyId) {
     TbStringStream text;
-    KvxTextWiper const wiper(text);
     return readKeyFile(kvx::privateKeyFile(keyId), keyId, text);
 }

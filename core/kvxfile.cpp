@@ -229,7 +229,7 @@ bool overwriteOrRestore(int file, char const* path, void const* data, std::size_
         return false;
     }
     TbStringStream old;
-    KvxTextWiper const wiper(old);
+    old.keepSecret();
     bool const isKnown =
         kvxReadFile(path, old) == KvxReadResult::kDone && static_cast<off_t>(old.length()) == status.st_size;
     if (!reserve(file, bytes)) {

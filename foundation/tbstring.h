@@ -102,6 +102,9 @@ public:
     /// Makes this string a secret one, for good.
     void keepSecret() noexcept { m_IsSecret = true; }
 
+    /// Makes this string a secret one when `other` is.
+    void joinSecrecyOf(TbString const& other) noexcept { m_IsSecret = m_IsSecret || other.m_IsSecret; }
+
     [[nodiscard]] bool isSecret() const noexcept { return m_IsSecret; }
 
     /// Lexicographic against NUL-terminated `text`: -1, 0, 1. For null it returns this string's length; for a string
@@ -144,7 +147,6 @@ public:
 
 private:
     [[nodiscard]] bool owns(char const* pointer) const noexcept;
-    void joinSecrecyOf(TbString const& other) noexcept { m_IsSecret = m_IsSecret || other.m_IsSecret; }
 
     bool m_IsSecret = false;       ///< Buffers are wiped before they are released.
     char* m_Buffer = nullptr;      ///< Owned; null until first use and after clear().

@@ -90,7 +90,9 @@ void KVX_HttpSession::ConnectionCloser::operator()(KVX_Connection* connection) c
     }
 }
 
-KVX_HttpSession::KVX_HttpSession(KVX_RequestInfo const& request) : m_Record(request) {}
+KVX_HttpSession::KVX_HttpSession(KVX_RequestInfo const& request) : m_Record(request) {
+    m_Response.keepSecret();  // a server may put credentials into the addresses that it sends
+}
 
 KVX_HttpSession::~KVX_HttpSession() = default;
 
@@ -321,6 +323,7 @@ void KVX_HttpSession::ExtractResponse(TbStringStream& out) {
         kvx::kSourceHttp.fail(KVX_E_HTTP_BAD_REPLY, kvx::kLineReplyNoBody);
     }
     std::uint32_t const body = endOfHeader + static_cast<std::uint32_t>(std::strlen(kEndOfHeader));
+    out.joinSecrecyOf(m_Response);
     out.put(m_Response.c_str() + body, m_Response.length() - body);
 }
 

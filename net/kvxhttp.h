@@ -273,7 +273,7 @@ public:
     /// Receives until the peer closes. KVX_E_BUFFER_TOO_SMALL: more than the transfer permits has arrived.
     void ReceiveResponse();
 
-    /// Appends the body of the response to `out`.
+    /// Appends the body of the response to `out`, which becomes secret.
     /// KVX_E_HTTP_BAD_REPLY: no status, or no end of header in a 200 reply. KVX_E_HTTP_FAMILY | status: any but 200.
     void ExtractResponse(TbStringStream& out);
 

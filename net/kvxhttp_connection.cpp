@@ -1,6 +1,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <cstring>
 
 #include "foundation/tbsystem.h"
 #include "net/kvxhttp.h"
@@ -18,7 +19,9 @@ void KVX_Connection::operator delete(void* memory) noexcept {
     TbRefCounter::operator delete(memory);
 }
 
-SockConnection::~SockConnection() = default;
+SockConnection::~SockConnection() {
+    ::explicit_bzero(m_Buffer, sizeof m_Buffer);  // a response may hold credentials
+}
 
 std::int32_t SockConnection::Connect(sockaddr* address) {
     m_Socket = MakeSocket();

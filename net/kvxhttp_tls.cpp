@@ -111,7 +111,7 @@ void SslConnection::makeContext() {
     SSL_load_error_strings();
     m_Context.reset(SSL_CTX_new(SSLv23_method()));
     if (m_Context != nullptr) {
-        SSL_CTX_set_options(m_Context.get(), SSL_OP_IGNORE_UNEXPECTED_EOF);
+        SSL_CTX_set_options(m_Context.get(), SSL_OP_IGNORE_UNEXPECTED_EOF | SSL_OP_CLEANSE_PLAINTEXT);
     } else if (watch.hasFailure() || kvxHasLackedMemory()) {
         m_Refusal = KVX_E_OUT_OF_MEMORY;
     }
@@ -156,7 +156,9 @@ SslConnection::SslConnection(KVX_Transfer const& transfer, TbString const& host,
     }
 }
 
-SslConnection::~SslConnection() = default;
+SslConnection::~SslConnection() {
+    ::explicit_bzero(m_Buffer, sizeof m_Buffer);  // a response may hold credentials
+}
 
 /// Whether the last failed call may be repeated, after a wait for what it wanted. False too when that wait is late.
 bool SslConnection::waitAsWanted(KvxDeadline const& end) {

@@ -39,6 +39,10 @@ void setDefaultPort(URL_INFO& info) {
 }  // namespace
 
 std::int32_t SplitUrl(TbString const& url, URL_INFO& info) {
+    info.scheme.joinSecrecyOf(url);
+    info.host.joinSecrecyOf(url);
+    info.port.joinSecrecyOf(url);
+    info.path.joinSecrecyOf(url);
     char const* const text = url.c_str();
     char const* at = text;
     while (std::isalnum(static_cast<unsigned char>(*at)) != 0) {
@@ -89,7 +93,7 @@ std::int32_t SplitUrl(TbString const& url, URL_INFO& info) {
     } else {
         setDefaultPort(info);
     }
-    info.path = at;
+    info.path.assign(at);
     return kReachedEnd;
 }
 

@@ -43,7 +43,7 @@ struct KVX_EXPORT URL_INFO {
 
 /// Splits `url` into `info`.
 /// Deliberate (split-fills-only): fields that the URL does not fill keep what they held.
-/// User and password become secret strings.
+/// User and password become secret strings; the other parts too when `url` is secret.
 ///
 /// Returns nonzero (all bits set) when the end of the text was reached, 0 when the scheme or the "//" is malformed;
 /// `info` keeps the fields filled so far. A nonzero result does not promise a host: a URL that ends inside the

@@ -34,9 +34,7 @@ private:
 }  // namespace
 
 void UrlEncode(TbStringStream* in, TbStringStream* out) {
-    if (in->isSecret()) {
-        out->keepSecret();
-    }
+    out->joinSecrecyOf(*in);
     for (;;) {
         char character = '\0';
         in->get(character);
@@ -49,9 +47,7 @@ void UrlEncode(TbStringStream* in, TbStringStream* out) {
 }
 
 void Base64Encode(TbStringStream* in, TbStringStream* out) {
-    if (in->isSecret()) {
-        out->keepSecret();
-    }
+    out->joinSecrecyOf(*in);
     SevenBitReader reader(*in);
     // Deliberate (base64-without-padding): the end is checked after a whole group only, so there is always a group that
     // holds it.

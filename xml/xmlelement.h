@@ -183,10 +183,11 @@ private:
     TbMapItem const* m_End = nullptr;
 };
 
-/// `out` becomes `in` with the five characters " & ' < > replaced by their entities. The two may be one string.
+/// `out` becomes `in` with the five characters " & ' < > replaced by their entities. The two may be one string. A
+/// secret `in` makes `out` secret.
 void XMLEncode(TbString const& in, TbString& out);
 
-/// The inverse. The two may be one string.
+/// The inverse. The two may be one string. A secret `in` makes `out` secret.
 ///
 /// Deliberate (entity-window): an entity is the text from an ampersand to a semicolon or for five characters, whichever
 /// is shorter, and the next character of any kind is dropped with it: "&quotX" is a double quote, "AT & T rest" becomes

@@ -102,12 +102,14 @@ void decodeInto(TbString const& in, TbString& out) {
 
 void XMLEncode(TbString const& in, TbString& out) {
     TbString encoded;
+    encoded.joinSecrecyOf(in);
     encodeInto(in, encoded);
     out = encoded;
 }
 
 void XMLDecode(TbString const& in, TbString& out) {
     TbString decoded;
+    decoded.joinSecrecyOf(in);
     decodeInto(in, decoded);
     out = decoded;
 }

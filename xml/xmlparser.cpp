@@ -142,8 +142,9 @@ constexpr std::array<std::size_t, kStateCount> kFirstRow = firstRows();
 /// One document under construction.
 class Document {
 public:
-    /// `levels` is the greatest depth; 0 is no limit.
-    Document(xmlParser& parser, std::uint32_t levels) : m_Parser(parser), m_MaxLevels(levels) {
+    /// `levels` is the greatest depth; 0 is no limit. `source` is where the characters come from.
+    Document(xmlParser& parser, std::uint32_t levels, TbString const& source) : m_Parser(parser), m_MaxLevels(levels) {
+        m_Token.joinSecrecyOf(source);
         xmlElement* top = nullptr;
         m_Parser.createElement("", &top);
         m_Top = xmlAdopt(top);
@@ -227,7 +228,7 @@ private:
 };
 
 Result parse(xmlParser& parser, std::uint32_t maxLevels, TbStringStream& in, xmlElement** out) {
-    Document document(parser, maxLevels);
+    Document document(parser, maxLevels, in);
     for (;;) {
         char character = 0;
         in.get(character);

@@ -74,7 +74,8 @@ public:
     /// the top-level elements, one reference for the caller.
     ///
     /// Returns 0; 1 for a character that fits nowhere; 2 when the text ends inside a tag or with open elements; 3 for
-    /// an end tag without an open element. On failure, also out of memory (TBFC_Exception), `*out` is untouched.
+    /// an end tag without an open element. On failure, also out of memory (TBFC_Exception), `*out` is untouched. All
+    /// texts of a document are secret when `in` is.
     int parseText(TbStringStream& in, xmlElement** out);
 };
 

@@ -370,9 +370,7 @@ void lookForCanary(MemoryScan& scan, char const* name, Canary const& canary) {
 void searchMemory(Report& report, Stage const& stage) {
     MemoryScan scan;
     lookForCanary(scan, "the password", kPassword);
-    if (std::getenv("KVX_FAULTS_ALL") != nullptr) {
-        lookForCanary(scan, "the server's password", kServerPassword);
-    }
+    lookForCanary(scan, "the server's password", kServerPassword);
     lookForBase64(scan, "the password in Base64", kUser, kPassword);
     lookForBase64(scan, "the server's password in Base64", kServerUser, kServerPassword);
     for (auto const& entry : std::filesystem::directory_iterator(stage.path() + "/keys/private")) {

@@ -47,6 +47,22 @@ TEST(XmlEncode, TouchesNoOtherByte) {
     EXPECT_EQ(encoded(kAllBytes).size(), 256U + 5 + 4 + 5 + 3 + 3);
 }
 
+TEST(XmlEncode, PassesSecrecyOnInBothDirections) {
+    TbString secret;
+    secret.keepSecret();
+    secret.assign("a&amp;b");
+    TbString decoded;
+    XMLDecode(secret, decoded);
+    EXPECT_TRUE(decoded.isSecret());
+    TbString encoded;
+    XMLEncode(secret, encoded);
+    EXPECT_TRUE(encoded.isSecret());
+    TbString plain;
+    XMLEncode("a&b", plain);
+    XMLDecode(plain, plain);
+    EXPECT_FALSE(plain.isSecret());
+}
+
 TEST(XmlEncode, TakesOneStringForBoth) {
     TbString text("a&b");
     XMLEncode(text, text);

@@ -8,10 +8,12 @@
 #include "xml/xmlparser.h"
 
 #include "foundation/tbobject.h"
+#include "tests/support/freedmemory.h"
 #include "tests/support/random.h"
 #include "tests/support/tbtext.h"
 #include "tests/xml/xmlreference.h"
 #include "tests/xml/xmlsupport.h"
+#include "xml/xmlholder.h"
 
 using namespace kvxtest;
 
@@ -361,6 +363,54 @@ std::string grow(Random& random, xmlElement& parent, int levels) {
         expected += content.empty() ? head + "/>" : head + ">" + content + "</" + tag + ">";
     }
     return expected;
+}
+
+TEST(XmlParser, MakesAllTextsOfASecretTextSecret) {
+    for (bool const isSecret : {true, false}) {
+        TbStringStream text;
+        if (isSecret) {
+            text.keepSecret();
+        }
+        text.put("<a b='&amp;1' c=2 d>text<e/></a>");
+        xmlElement* top = nullptr;
+        ASSERT_EQ(xmlParser().parseText(text, &top), 0);
+        xmlElementPtr const document = xmlAdopt(top);
+        xmlElementPtr const element = childOf(*document.get(), "a");
+        for (char const* const name : {"b", "c", "d"}) {
+            TbString value;
+            EXPECT_TRUE(element->getAttribute(name, value));
+            EXPECT_EQ(value.isSecret(), isSecret) << name;
+        }
+        TbString content;
+        element->getText(content);
+        EXPECT_EQ(content.isSecret(), isSecret);
+        TbStringStream out;
+        document->toStream(out);
+        EXPECT_EQ(bytesOf(out), "<a b=\"&amp;1\" c=\"2\" d=\"\">text<e/></a>");
+        EXPECT_EQ(out.isSecret(), isSecret);
+    }
+}
+
+TEST(XmlParser, LeavesNoPartOfASecretTextBehind) {
+    std::string const whole = "<KVX A=\"http://uQxZuser:S3cret-Canary@x/?a&amp;b\" B='S3cret-Canary'>uQxZuser</KVX>";
+    for (std::size_t length = 0; length <= whole.size(); ++length) {
+        FreedMemory const freed;
+        {
+            TbStringStream text;
+            text.keepSecret();
+            text.put(whole.c_str(), static_cast<std::uint32_t>(length));
+            xmlElement* top = nullptr;
+            xmlParser().parseText(text, &top);
+            xmlElementPtr const document = xmlAdopt(top);
+            if (length == whole.size()) {
+                TbStringStream out;
+                document->toStream(out);
+                childOf(*document.get(), "KVX")->setAttribute("A", "other");
+            }
+        }
+        EXPECT_GT(FreedMemory::searched(), 0);
+        EXPECT_EQ(FreedMemory::leaks(), 0) << length;
+    }
 }
 
 TEST(XmlParser, ReadsWhatElementsWrite) {
