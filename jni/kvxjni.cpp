@@ -7,6 +7,7 @@
 
 #include "jni/kvxjni.h"
 
+#include <cstring>
 #include <limits>
 #include <new>
 
@@ -74,15 +75,19 @@ void endVirtualMachine(JNIEnv* env, char const* reason) noexcept {
     }
 }
 
-/// The characters of a Java string; released by the destructor.
+/// The characters of a Java string; wiped and released by the destructor.
 class Characters {
 public:
     Characters(JNIEnv* env, jstring text) noexcept
-        : m_Env(env), m_Text(text), m_Bytes(env->GetStringUTFChars(text, nullptr)) {}
+        : m_Env(env), m_Text(text), m_Bytes(env->GetStringUTFChars(text, &m_IsCopy)) {}
     Characters(Characters const&) = delete;
     Characters& operator=(Characters const&) = delete;
     ~Characters() {
         if (m_Bytes != nullptr) {
+            if (m_IsCopy != JNI_FALSE) {
+                // Java frees the copy as it is, and the text may be a password.
+                ::explicit_bzero(const_cast<char*>(m_Bytes), std::strlen(m_Bytes));
+            }
             m_Env->ReleaseStringUTFChars(m_Text, m_Bytes);
         }
     }
@@ -93,6 +98,7 @@ public:
 private:
     JNIEnv* m_Env;
     jstring m_Text;
+    jboolean m_IsCopy = JNI_FALSE;
     char const* m_Bytes;
 };
 
@@ -203,7 +209,7 @@ jfieldID kvxHandleField(JNIEnv* env, jobject self) noexcept {
 
 TbString kvxTextOf(JNIEnv* env, jstring text) {
     if (text == nullptr) {
-        return mbstoSTRING(nullptr);
+        return kvxSecretText(nullptr);
     }
     if (env->GetStringLength(text) > kMaxCharacters) {
         throw TBFC_Exception(KVX_E_OUT_OF_MEMORY);
@@ -212,12 +218,13 @@ TbString kvxTextOf(JNIEnv* env, jstring text) {
     if (characters.get() == nullptr) {
         throw KvxPendingException{};
     }
-    return mbstoSTRING(characters.get());
+    return kvxSecretText(characters.get());
 }
 
 jstring kvxNewString(JNIEnv* env, KvxNative native, TbString const& text) noexcept {
     KvxOutcome outcome;
     TbString modified;
+    modified.joinSecrecyOf(text);
     jstring result = nullptr;
     kvxAttempt(outcome, [&] {
         kvxToModifiedUtf8(text.c_str(), modified);

@@ -48,9 +48,9 @@ bool kvxReport(JNIEnv* env, KvxNative native, KvxOutcome const& outcome) noexcep
 /// The field `m_Handle` of `self`. Null, with an exception pending, when the class has no such field.
 [[nodiscard]] jfieldID kvxHandleField(JNIEnv* env, jobject self) noexcept;
 
-/// The characters of `text` in modified UTF-8; null counts as "". Throws KvxPendingException when Java has no memory,
-/// and KVX_E_OUT_OF_MEMORY (TBFC_Exception) above 715 million characters, because virtual machines silently truncate
-/// longer strings.
+/// The characters of `text` in modified UTF-8, a secret string; null counts as "". Throws KvxPendingException when Java
+/// has no memory, and KVX_E_OUT_OF_MEMORY (TBFC_Exception) above 715 million characters, because virtual machines
+/// silently truncate longer strings.
 [[nodiscard]] TbString kvxTextOf(JNIEnv* env, jstring text);
 
 /// A new Java string. Null, with an exception pending, when memory is exhausted.

@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 
 #include "foundation/tbexception.h"
@@ -48,6 +49,9 @@ std::size_t characterLength(unsigned char const* at) {
 class Writer {
 public:
     explicit Writer(TbString& text) : m_Text(text) {}
+    Writer(Writer const&) = delete;
+    Writer& operator=(Writer const&) = delete;
+    ~Writer() { ::explicit_bzero(m_Block, sizeof m_Block); }  // the text may be a password
 
     void put(unsigned byte) {
         if (m_Count == sizeof m_Block) {

@@ -280,6 +280,7 @@ struct FakeJvm::Functions {
             ADD_FAILURE() << "ReleaseStringUTFChars called with characters of another string";
             return;
         }
+        EXPECT_EQ(*characters, '\0') << "characters that may be a password are freed as they are";
         jvm.m_Characters.erase(given);
         delete[] characters;
     }

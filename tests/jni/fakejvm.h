@@ -21,8 +21,9 @@ bool isModifiedUtf8(std::string const& text);
 /// One thread of a virtual machine with objects, strings and the exception's class.
 ///
 /// Fails the test when a function gets a null or unknown reference or ill-formed text, when a function that forbids it
-/// is called with an exception pending, and when characters of strings are not released at the end. A JNI function
-/// without a fake ends the test program. Failing allocations do not affect it: they apply to the library's memory only.
+/// is called with an exception pending, when characters of strings are not wiped before they are released, and when
+/// they are not released at the end. A JNI function without a fake ends the test program. Failing allocations do not
+/// affect it: they apply to the library's memory only.
 class FakeJvm {
 public:
     FakeJvm();
