@@ -2,14 +2,16 @@
 //
 // kvxReplaceFile prefers a new file beside the target: remove left-overs, create and lock a temporary file, take over
 // owner and mode, write, synchronise, rename, synchronise the directory. Where that is impossible but the target may be
-// written (no permission in the directory, a mount point, a symbolic link to nowhere), it writes in place: reserve
-// room, write once over the old content and to its end, synchronise, shorten. A lock marks a temporary file as in use;
-// a file without one belonged to a dead process and is removed by the next writer.
+// written (no permission in the directory, a mount point), it writes in place: reserve room, write once over the old
+// content and to its end, synchronise, shorten. A symbolic link stays: the target is the file that it leads to, also
+// when that does not exist yet. A lock marks a temporary file as in use; a file without one belonged to a dead process
+// and is removed by the next writer.
 
 #include "core/kvxfile.h"
 
 #include <algorithm>
 #include <atomic>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -312,6 +314,27 @@ KvxWriteResult replaceBeside(char const* path, void const* data, std::size_t byt
     return syncDirectory(directory, options) ? KvxWriteResult::kDone : KvxWriteResult::kCannotWrite;
 }
 
+/// The file that the symbolic link `path` leads to, through other links perhaps, and that does not exist. Empty when
+/// something exists there or the way is unknown.
+TbString missingTargetOf(char const* path) {
+    constexpr int kMaxLinks = 40;  // as the system has it
+    TbString target(path);
+    for (int links = 0; links <= kMaxLinks; ++links) {
+        char next[PATH_MAX];
+        ssize_t const length = tbSystem().readlink(target.c_str(), next, sizeof next);
+        if (length < 0 && errno == ENOENT && links > 0) {
+            return target;
+        }
+        if (length <= 0 || length == ssize_t{sizeof next}) {
+            break;
+        }
+        TbString const directory = next[0] == '/' ? TbString("") : directoryOf(target.c_str()) + "/";
+        target = directory;
+        target.append(next, static_cast<std::uint32_t>(length));
+    }
+    return "";
+}
+
 }  // namespace
 
 bool KvxDescriptor::close() noexcept {
@@ -408,6 +431,10 @@ KvxWriteResult kvxReplaceFile(char const* path, void const* data, std::size_t by
     std::unique_ptr<char, TbReleaser<std::free>> resolved;
     if (S_ISLNK(old.st_mode)) {
         resolved.reset(tbSystem().realpath(path, nullptr));
+        TbString const missing = resolved == nullptr && errno == ENOENT ? missingTargetOf(path) : TbString();
+        if (!missing.isEmpty()) {
+            return replaceBeside(missing.c_str(), data, bytes, options, nullptr);
+        }
         if (resolved == nullptr || tbSystem().lstat(resolved.get(), &old) != 0) {
             return writeInPlace(path, data, bytes, options);
         }

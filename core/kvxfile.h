@@ -70,8 +70,8 @@ struct KvxWriteOptions {
 /// Replaces the content of `path` by `bytes` bytes at `data`.
 ///
 /// A new file beside it takes its name once the data is on disk, so a reader, a kill or a full disk finds the old or
-/// the new content whole. Owner and mode of the old file are kept. A symbolic link is followed. Temporary files of dead
-/// processes in the directory are removed.
+/// the new content whole. Owner and mode of the old file are kept. A symbolic link is followed, also to a file that
+/// does not exist yet. Temporary files of dead processes in the directory are removed.
 ///
 /// A target that no file can be made beside is written in place, by one write. There too a kill between two system
 /// calls and a full disk leave the old or the new content; the new one may be followed by padding, see

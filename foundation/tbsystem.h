@@ -63,6 +63,7 @@ struct TbSystemCalls {
     dirent* (*readdir)(DIR* directory) = &::readdir;
     int (*closedir)(DIR* directory) = &::closedir;
     char* (*realpath)(char const* path, char* resolved) = &::realpath;
+    ssize_t (*readlink)(char const* path, char* target, std::size_t bytes) = &::readlink;
     char* (*getcwd)(char* buffer, std::size_t bytes) = &::getcwd;
     std::time_t (*time)(std::time_t* result) = &::time;
     int (*clock_gettime)(clockid_t clock, timespec* now) = &::clock_gettime;

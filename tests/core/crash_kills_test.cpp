@@ -30,7 +30,13 @@ enum class Way {
     kBeside,           ///< Files are replaced by new ones.
     kInPlace,          ///< No file can be made where the old ones are.
     kInPlaceAsNobody,  ///< The same, by the permissions of the directories.
+    kThroughLinks,     ///< Files are symbolic links to files that do not exist yet.
 };
+
+/// Whether new files are made and renamed.
+bool isBeside(Way way) {
+    return way == Way::kBeside || way == Way::kThroughLinks;
+}
 
 /// What there is before a run.
 struct Start {
@@ -68,6 +74,16 @@ void openForNobody(Account const& account) {
         ::chmod(entry.path().c_str(), !entry.is_directory() ? 0666 : isOfKeys ? 0777 : 0555);
     }
     ::chmod(root.c_str(), 0555);
+}
+
+/// Makes files of the account symbolic links to files that do not exist, one of them through another link.
+void linkToNowhere(Account const& account) {
+    std::filesystem::create_directories(account.m_Dir.file("elsewhere"));
+    std::filesystem::create_directories(account.m_Dir.file("keys"));
+    std::filesystem::create_symlink("elsewhere/configuration", account.m_Dir.file("config.xml"));
+    std::filesystem::create_symlink("elsewhere/link", account.m_Dir.file("default.xml"));
+    std::filesystem::create_symlink(account.m_Dir.file("elsewhere/defaults"), account.m_Dir.file("elsewhere/link"));
+    std::filesystem::create_symlink("../elsewhere/current", account.m_Dir.file("keys/current"));
 }
 
 /// Lets the owner, if it is not root, remove the account.
@@ -123,6 +139,8 @@ void killEverywhere(Start const& start, Trial const& trial) {
         }
         if (start.m_Way == Way::kInPlaceAsNobody) {
             openForNobody(account);
+        } else if (start.m_Way == Way::kThroughLinks) {
+            linkToNowhere(account);
         }
         auto const run = [&](int killAt) {
             return runChild(account, start.m_Way, killAt, [&] { trial.m_Run(account.m_Context); });
@@ -137,13 +155,14 @@ void killEverywhere(Start const& start, Trial const& trial) {
         EXPECT_EQ(run(-1), 0) << "the next run fails";
         EXPECT_EQ(flawsOf(account.path(), trial.m_After), "") << "after the next run";
         EXPECT_EQ(temporaryFilesIn(account.path()), "") << "after the next run";
+        EXPECT_EQ(std::filesystem::is_symlink(account.m_Dir.file("config.xml")), start.m_Way == Way::kThroughLinks);
         closeForNobody(account);
         if (testing::Test::HasFailure()) {
             return;
         }
     }
     EXPECT_GT(step, start.m_LeastCalls);
-    EXPECT_TRUE(sawTemporary || start.m_Way != Way::kBeside);
+    EXPECT_TRUE(sawTemporary || !isBeside(start.m_Way));
     testing::Test::RecordProperty(start.m_Name, std::to_string(step));
 }
 
@@ -162,16 +181,16 @@ TEST_P(KilledSetup, LeavesAnAccountThatTheNextSetupCompletes) {
     };
     trial.m_Run = [](KVX_Context& context) { context.Reconfigure(); };
     trial.m_During = Allowed::during(start.m_Files);
-    trial.m_During.m_MayHavePadding = start.m_Way != Way::kBeside;
+    trial.m_During.m_MayHavePadding = !isBeside(start.m_Way);
     trial.m_After = Allowed::after(start.m_Files);
     killEverywhere(start, trial);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Starts, KilledSetup,
-    testing::Values(Start{"FreshDirectory", {}}, Start{"Configured", earlierFiles()},
-                    Start{"DefaultsInvalid", withDefaults(kLongInvalid)}, Start{"FreshAndStrict", {}, kStrict},
-                    Start{"InvalidAndStrict", withDefaults("<KVX/>"), kStrict},
+    testing::Values(Start{"FreshDirectory", {}}, Start{"LinksToNowhere", {}, nullptr, Way::kThroughLinks},
+                    Start{"Configured", earlierFiles()}, Start{"DefaultsInvalid", withDefaults(kLongInvalid)},
+                    Start{"FreshAndStrict", {}, kStrict}, Start{"InvalidAndStrict", withDefaults("<KVX/>"), kStrict},
                     Start{"InPlace", withDefaults(kLongInvalid), nullptr, Way::kInPlace},
                     Start{"InPlaceAndGrowing", withDefaults("<KVX/>"), nullptr, Way::kInPlace},
                     Start{"InPlaceAsNobody", withDefaults(kLongInvalid), nullptr, Way::kInPlaceAsNobody}),
@@ -203,7 +222,7 @@ TEST_P(KilledSetValue, LeavesTheOldOrTheNewDocumentThatTheNextCallReplaces) {
                          true};
         trial.m_During = trial.m_After;
         trial.m_During.m_Defaults.insert(files.m_Defaults);
-        trial.m_During.m_MayHavePadding = start.m_Way != Way::kBeside;
+        trial.m_During.m_MayHavePadding = !isBeside(start.m_Way);
         killEverywhere(start, trial);
     }
 }

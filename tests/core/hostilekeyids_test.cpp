@@ -49,6 +49,9 @@ public:
         m_Calls->realpath = [](char const* path, char* resolved) {
             return s_Original.realpath(record(path), resolved);
         };
+        m_Calls->readlink = [](char const* path, char* target, std::size_t bytes) {
+            return s_Original.readlink(record(path), target, bytes);
+        };
         m_Calls->fsync = [](int) { return 0; };
     }
 

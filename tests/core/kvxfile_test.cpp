@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <atomic>
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <limits>
@@ -155,13 +156,111 @@ TEST_F(ReplaceFile, MakesTheMissingTargetOfALink) {
     EXPECT_TRUE(S_ISLNK(statusOf(m_Dir.file("link")).st_mode));
 }
 
+TEST_F(ReplaceFile, MakesTheMissingTargetOfLinksToLinks) {
+    // From the account's directory to another one by its absolute path, within that by relative ones and through a
+    // link to a directory, and back.
+    TemporaryDirectory elsewhere;
+    std::filesystem::create_directory(elsewhere.file("folder"));
+    std::filesystem::create_symlink("folder", elsewhere.file("alias"));
+    std::filesystem::create_symlink(elsewhere.file("alias/second"), m_Dir.file("first"));
+    std::filesystem::create_symlink("../third", elsewhere.file("folder/second"));
+    std::filesystem::create_symlink(m_Dir.file("target"), elsewhere.file("third"));
+    for (char const* const content : {"made", "replaced"}) {
+        m_Context.UpdateFile("first", content);
+        EXPECT_EQ(read("target"), content);
+        EXPECT_FALSE(S_ISLNK(statusOf(m_Dir.file("target")).st_mode));
+        EXPECT_EQ(filesIn(""), (std::vector<std::string>{"first", "target"}));
+        EXPECT_EQ(elsewhere.namesIn(""), (std::vector<std::string>{"alias", "folder", "third"}));
+        EXPECT_EQ(elsewhere.namesIn("folder"), std::vector<std::string>{"second"});
+    }
+}
+
+TEST_F(ReplaceFile, MakesTheMissingTargetOfALinkBesideItAndRenamesIt) {
+    static std::string s_Created;
+    static std::string s_Renamed;
+    TemporaryDirectory elsewhere;
+    std::filesystem::create_symlink(elsewhere.file("target"), m_Dir.file("link"));
+    SystemCalls calls;
+    calls->open = [](char const* path, int flags, mode_t mode) {
+        s_Created = (flags & O_CREAT) != 0 ? path : s_Created;
+        return TbSystemCalls::openFile(path, flags, mode);
+    };
+    calls->rename = [](char const* from, char const* to) {
+        s_Renamed = to;
+        return ::rename(from, to);
+    };
+    m_Context.UpdateFile("link", "new");
+    EXPECT_EQ(s_Created.find(elsewhere.file(".tallowin-")), 0U) << s_Created;
+    EXPECT_EQ(s_Renamed, elsewhere.file("target"));
+}
+
+TEST_F(ReplaceFile, MakesTheMissingTargetOfALinkInPlaceWhereItMust) {
+    using Break = void (*)(TbSystemCalls & calls);
+    struct {
+        char const* m_Name;
+        Break m_Break;
+    } const rows[] = {
+        {"no file beside it",
+         [](TbSystemCalls& calls) {
+             calls.open = [](char const* path, int flags, mode_t mode) {
+                 errno = EACCES;
+                 return (flags & O_EXCL) != 0 ? -1 : TbSystemCalls::openFile(path, flags, mode);
+             };
+         }},
+        {"a link that cannot be read",
+         [](TbSystemCalls& calls) {
+             calls.readlink = [](char const*, char*, std::size_t) -> ssize_t {
+                 errno = EIO;
+                 return -1;
+             };
+         }},
+        {"a link without an end",
+         [](TbSystemCalls& calls) {
+             calls.readlink = [](char const*, char* target, std::size_t) -> ssize_t {
+                 *target = 'x';
+                 return 1;
+             };
+         }},
+        {"a link too long to be read",
+         [](TbSystemCalls& calls) {
+             calls.readlink = [](char const*, char* target, std::size_t bytes) {
+                 std::memset(target, 'x', bytes);
+                 return static_cast<ssize_t>(bytes);
+             };
+         }},
+        {"a way that cannot be resolved",
+         [](TbSystemCalls& calls) {
+             calls.realpath = [](char const*, char*) -> char* {
+                 errno = EACCES;
+                 return nullptr;
+             };
+         }},
+    };
+    for (auto const& row : rows) {
+        TemporaryDirectory elsewhere;
+        std::filesystem::remove(m_Dir.file("link"));
+        std::filesystem::create_symlink(elsewhere.file("target"), m_Dir.file("link"));
+        SystemCalls calls;
+        row.m_Break(*calls.operator->());
+        EXPECT_EQ(thrownCode([&] { m_Context.UpdateFile("link", "new"); }), KVX_OK) << row.m_Name;
+        EXPECT_EQ(elsewhere.read("target"), "new") << row.m_Name;
+        EXPECT_TRUE(S_ISLNK(statusOf(m_Dir.file("link")).st_mode)) << row.m_Name;
+        EXPECT_EQ(elsewhere.namesIn(""), std::vector<std::string>{"target"}) << row.m_Name;
+    }
+}
+
 TEST_F(ReplaceFile, CannotOpenALinkThatLeadsNowhere) {
     std::filesystem::create_symlink("loop", m_Dir.file("loop"));
     std::filesystem::create_symlink("/nowhere/file", m_Dir.file("away"));
+    std::filesystem::create_symlink("away", m_Dir.file("further"));
+    std::filesystem::create_symlink("nowhere/", m_Dir.file("slash"));
+    std::filesystem::create_symlink("nowhere/..", m_Dir.file("parent"));
     std::filesystem::create_symlink(path(), m_Dir.file("directory"));
-    for (char const* name : {"loop", "away", "directory"}) {
+    std::vector<std::string> const before = filesIn("");
+    for (char const* name : {"loop", "away", "further", "slash", "parent", "directory"}) {
         EXPECT_EQ(thrownCode([&] { m_Context.UpdateFile(name, "x"); }), KVX_E_FILE_NOT_FOUND) << name;
     }
+    EXPECT_EQ(filesIn(""), before);
 }
 
 TEST_F(ReplaceFile, WritesDevicesInPlaceAndNoticesThatTheyAreFull) {

@@ -25,8 +25,8 @@ public:
               &TbSystemCalls::fstat, &TbSystemCalls::lstat, &TbSystemCalls::fchmod, &TbSystemCalls::fchown,
               &TbSystemCalls::flock, &TbSystemCalls::access, &TbSystemCalls::rename, &TbSystemCalls::unlink,
               &TbSystemCalls::mkdir, &TbSystemCalls::opendir, &TbSystemCalls::readdir, &TbSystemCalls::closedir,
-              &TbSystemCalls::realpath, &TbSystemCalls::socket, &TbSystemCalls::connect, &TbSystemCalls::send,
-              &TbSystemCalls::recv, &TbSystemCalls::shutdown>();
+              &TbSystemCalls::realpath, &TbSystemCalls::readlink, &TbSystemCalls::socket, &TbSystemCalls::connect,
+              &TbSystemCalls::send, &TbSystemCalls::recv, &TbSystemCalls::shutdown>();
     }
 
     /// How many calls were made so far.
