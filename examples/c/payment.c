@@ -9,6 +9,7 @@
  *
  * The program prints a payment URL. Open it in a browser, pay, and paste the address that the browser shows then. */
 #include <ctype.h>
+#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -30,13 +31,36 @@ static int ok(char const* action, int32_t code) {
     return 0;
 }
 
-/* Sets up the directory unless an earlier run did. A set-up writes the current key id last. */
+/* Whether the system says that there is no such file. The library has one result for a missing file and for one that
+ * cannot be opened. */
+static int isMissing(char const* directory, char const* name) {
+    char path[4096];
+    FILE* file = NULL;
+    int length = snprintf(path, sizeof path, "%s/%s", directory, name);
+    if (length < 0 || (size_t)length >= sizeof path) {
+        return 0;
+    }
+    file = fopen(path, "r");
+    if (file == NULL) {
+        return errno == ENOENT;
+    }
+    fclose(file);
+    return 0;
+}
+
+/* Sets up the directory unless an earlier run did. A set-up writes the current key id last. One that is there and
+ * cannot be read ends the program: a new set-up would replace the key. */
 static int setUp(char const* directory, char const* service, char const* user, char const* password) {
     KVX_HANDLE setup = CreateConfigurationSetup();
     int32_t size = 0;
     int done = ok("choosing the directory", ConfigurationSetup_SetConfiguration(setup, directory));
-    if (done && ConfigurationSetup_GetAttribute(setup, "keys/current", "", &size, NULL) == KVX_E_CANNOT_OPEN) {
-        done = ok("setting up", ConfigurationSetup_Reconfigure(setup, service, user, password));
+    if (done) {
+        int32_t code = ConfigurationSetup_GetAttribute(setup, "keys/current", "", &size, NULL);
+        if (code == KVX_E_CANNOT_OPEN && isMissing(directory, "keys/current")) {
+            done = ok("setting up", ConfigurationSetup_Reconfigure(setup, service, user, password));
+        } else if (code != KVX_E_BUFFER_TOO_SMALL) {
+            done = ok("reading keys/current", code);
+        }
     }
     DestroyConfigurationSetup(setup);
     return done;

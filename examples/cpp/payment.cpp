@@ -19,11 +19,13 @@
 #include <cstddef>
 #include <cstdlib>
 #include <exception>
+#include <filesystem>
 #include <iomanip>
 #include <iostream>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 
 namespace {
 
@@ -38,7 +40,15 @@ struct Confirmation {
     std::string m_Signature;
 };
 
-/// Sets up the directory unless an earlier run did. A set-up writes the current key id last.
+/// Whether the system says that there is no such file. The library has one result for a missing file and for one that
+/// cannot be opened.
+bool isMissing(std::filesystem::path const& file) {
+    std::error_code ignored;
+    return std::filesystem::status(file, ignored).type() == std::filesystem::file_type::not_found;
+}
+
+/// Sets up the directory unless an earlier run did. A set-up writes the current key id last. One that is there and
+/// cannot be read ends the program: a new set-up would replace the key.
 void setUp(char const* directory, char const* service, char const* user, char const* password) {
     KVXCIMPL_ConfigurationSetup setup;
     setup.SetConfiguration(directory);
@@ -46,7 +56,7 @@ void setUp(char const* directory, char const* service, char const* user, char co
         TbString currentKey;
         setup.GetAttribute("keys/current", "", currentKey);
     } catch (KVX_Exception const& failure) {
-        if (failure.code() != KVX_E_CANNOT_OPEN) {
+        if (failure.code() != KVX_E_CANNOT_OPEN || !isMissing(std::string(directory) + "/keys/current")) {
             throw;
         }
         setup.Reconfigure(service, user, password);

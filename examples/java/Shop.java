@@ -8,6 +8,8 @@ import java.net.InetSocketAddress;
 import java.net.URI;
 import java.net.URLDecoder;
 import java.nio.charset.StandardCharsets;
+import java.nio.file.Files;
+import java.nio.file.Path;
 import java.util.HashMap;
 import java.util.Map;
 import java.util.TreeMap;
@@ -91,14 +93,18 @@ public final class Shop {
         return "http://127.0.0.1:" + server.getAddress().getPort();
     }
 
-    /** Sets up the directory unless an earlier start did. A set-up writes the current key id last. */
+    /**
+     * Sets up the directory unless an earlier start did. A set-up writes the current key id last. One that is there and
+     * cannot be read ends the program: a new set-up would replace the key. The library has one result for a missing
+     * file and for one that cannot be opened.
+     */
     private static void setUp(String directory, String service, String user, String password) throws KVXException {
         try (ConfigurationSetup setup = new ConfigurationSetup()) {
             setup.SetConfiguration(directory);
             try {
                 setup.GetAttribute("keys/current", "");
             } catch (KVXException failure) {
-                if (failure.getHR() != CANNOT_OPEN) {
+                if (failure.getHR() != CANNOT_OPEN || !Files.notExists(Path.of(directory, "keys", "current"))) {
                     throw failure;
                 }
                 setup.Reconfigure(service, user, password);

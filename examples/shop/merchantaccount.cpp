@@ -6,6 +6,7 @@
 #include <system_error>
 
 #include "../common/libraryhandle.h"
+#include "../common/missingfile.h"
 #include "../common/printable.h"
 
 namespace storefront {
@@ -37,8 +38,8 @@ void MerchantAccount::setUpOnce() {
     examples::CopiedText const key = examples::copiedText([&](std::int32_t* size, char* buffer) {
         return ConfigurationSetup_GetAttribute(setup.get(), "keys/current", "", size, buffer);
     });
-    if (key.m_Code != KVX_E_CANNOT_OPEN) {
-        must("reading the current key id", key.m_Code);
+    if (key.m_Code != KVX_E_CANNOT_OPEN || !examples::isMissing(m_Directory + "/keys/current")) {
+        must("reading keys/current", key.m_Code);  // a new set-up would replace the key
         return;
     }
     must("registering",

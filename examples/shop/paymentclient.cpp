@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "../common/libraryhandle.h"
+#include "../common/missingfile.h"
 #include "../common/printable.h"
 
 namespace storefront {
@@ -76,8 +77,8 @@ CopiedText fromDirectory(SetupHandle const& setup, std::string const& file, char
 
 /// Whether `key` is one of the merchant's own keys. Requires: a message with this KEYID was verified, so the key id
 /// contains no path.
-bool isOwnKey(SetupHandle const& setup, std::string const& key) {
-    return fromDirectory(setup, "keys/private/" + key, "").m_Code != KVX_E_CANNOT_OPEN;
+bool isOwnKey(std::string const& directory, std::string const& key) {
+    return !examples::isMissing(directory + "/keys/private/" + key);
 }
 
 /// An attribute of a confirmation, its accepted values, and the sentence for the visitor when it has another value.
@@ -165,7 +166,7 @@ PaymentClient::Reading PaymentClient::read(std::string const& data, std::string 
     std::string const key = examples::attributeOf(*reading.m_Message, "KEYID").m_Text;
     // A message signed with the shop's own key, such as the one in a payment URL, says nothing about the service's
     // keys.
-    reading.m_ByUnknownKey = key != reading.m_ServerKey && !isOwnKey(setup, key);
+    reading.m_ByUnknownKey = key != reading.m_ServerKey && !isOwnKey(m_Account.directory(), key);
     return reading;
 }
 

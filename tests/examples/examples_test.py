@@ -113,6 +113,32 @@ class SandboxCase(unittest.TestCase):
         return [payment["state"] for payment in json.loads(body)["payments"]]
 
 
+def remove(path):
+    """Removes a file, a symbolic link or an empty directory."""
+    if path.is_dir() and not path.is_symlink():
+        path.rmdir()
+    else:
+        path.unlink()
+
+
+def replace_by_directory(path):
+    remove(path)
+    path.mkdir()
+
+
+def replace_by_loop(path):
+    remove(path)
+    path.symlink_to(path.name)
+
+
+UNREADABLE = (replace_by_directory, replace_by_loop)
+"""Ways to make a file one that is there and cannot be read, for every user."""
+
+
+def private_keys(merchant):
+    return sorted(file.name for file in (merchant / "keys" / "private").iterdir())
+
+
 def java_example(name):
     """The command that runs an example in Java."""
     return [os.environ["KVX_JAVA_RUN"], "-Xcheck:jni", "-cp", os.environ["KVX_JAR"],
@@ -150,6 +176,17 @@ class PaymentTests:
             self.assertEqual(example.finish(address)[0], 0)
             keys.append((self.merchant / "keys" / "current").read_text())
         self.assertEqual(keys[0], keys[1])
+
+    def test_stops_at_a_current_key_that_cannot_be_read(self):
+        self.start().finish()
+        for make_unreadable in UNREADABLE:
+            with self.subTest(make_unreadable.__name__):
+                keys = private_keys(self.merchant)
+                make_unreadable(self.merchant / "keys" / "current")
+                status, out, errors = self.start().finish()
+                self.assertEqual((status, out), (1, ""))
+                self.assertIn("0x80040219", errors)
+                self.assertEqual(private_keys(self.merchant), keys)
 
     def test_refuses_cancelled_and_declined_payments(self):
         for decision in ("cancel", "decline"):
@@ -292,6 +329,17 @@ class ShopInJava(SandboxCase):
         self.assertEqual((status, "Order 1 is paid" in page), (200, True), page)
         self.assertEqual(self.states(), ["completed"])
         self.assertIn("Order 1: paid", Browser.request(self.address)[2])
+
+    def test_stops_at_a_current_key_that_cannot_be_read(self):
+        for make_unreadable in UNREADABLE:
+            with self.subTest(make_unreadable.__name__):
+                keys = private_keys(self.merchant)
+                make_unreadable(self.merchant / "keys" / "current")
+                status, out, errors = self.start().finish()
+                self.assertNotEqual(status, 0)
+                self.assertEqual(out, "")
+                self.assertIn("0x80040219", errors)
+                self.assertEqual(private_keys(self.merchant), keys)
 
     def test_reports_unpaid_orders(self):
         for decision, wanted in (("decline", "declined"), ("cancel", "without paying")):

@@ -22,7 +22,7 @@ import threading
 import unittest
 import urllib.parse
 
-from examples_test import Browser, Program, SandboxCase, parameters
+from examples_test import UNREADABLE, Browser, Program, SandboxCase, parameters, private_keys
 
 PAGE_SECONDS = 50
 OPENING = "The shop is open at "
@@ -533,6 +533,16 @@ class ShopKeys(ShopCase):
         self.check_page(self.visitor.request(own), 400, "it is not a confirmation")
         self.assertEqual(self.set_ups(), 1)
 
+    def test_does_not_set_up_for_its_own_message_when_its_key_cannot_be_read(self):
+        path, url = self.buy_candle()
+        own = url.replace(self.addresses["pay"], path + "/paid")
+        (key,) = private_keys(self.merchant)
+        for make_unreadable in UNREADABLE:
+            with self.subTest(make_unreadable.__name__):
+                make_unreadable(self.merchant / "keys" / "private" / key)
+                self.check_page(self.visitor.request(own), 400, "it is not a confirmation")
+                self.assertEqual(self.set_ups(), 1)
+
     def test_reports_a_failed_set_up(self):
         path, url = self.buy_candle()
         self.control("/keys/rotate", {})
@@ -978,6 +988,16 @@ class ShopProgram(ShopCase):
         status, out, errors = self.start(password="guessed").finish()
         self.assertEqual((status, out), (1, ""))
         self.assertIn("registering: 0x80040213", errors)
+
+    def test_stops_at_a_current_key_that_cannot_be_read(self):
+        for make_unreadable in UNREADABLE:
+            with self.subTest(make_unreadable.__name__):
+                keys = private_keys(self.merchant)
+                make_unreadable(self.merchant / "keys" / "current")
+                status, out, errors = self.start().finish()
+                self.assertEqual((status, out), (1, ""))
+                self.assertIn("reading keys/current: 0x80040219", errors)
+                self.assertEqual(private_keys(self.merchant), keys)
 
     def test_reports_a_directory_that_cannot_be_created(self):
         self.merchant = self.directory / "nowhere" / "merchant"
