@@ -1,40 +1,17 @@
 """scripts/contracts finds every kind of mistake, each planted in a copy of the tree."""
 
-import pathlib
 import re
-import shutil
-import subprocess
-import tempfile
 import unittest
 
-ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
+from copiedtree import CopiedTree, findings_of
+
 PAGE = "docs/contracts.md"
 SOURCE = "core/planted.cpp"
 
 
-class Contracts(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        place = tempfile.TemporaryDirectory(prefix="tallowin-contracts-")
-        cls.addClassCleanup(place.cleanup)
-        cls.tree = pathlib.Path(place.name) / "tree"
-        shutil.copytree(ROOT, cls.tree, ignore=shutil.ignore_patterns("build", ".git"))
-
+class Contracts(CopiedTree):
     def findings(self):
-        done = subprocess.run([ROOT / "scripts" / "contracts", self.tree], capture_output=True, text=True, timeout=60)
-        self.assertEqual(done.stderr, "")
-        if done.returncode == 0:
-            self.assertEqual(done.stdout, "scripts/contracts: nothing found\n")
-            return []
-        return done.stdout.splitlines()
-
-    def change(self, path, old, new):
-        """Replaces the first `old` in a file of the copy, for this test."""
-        file = self.tree / path
-        text = file.read_text()
-        self.assertIn(old, text)
-        self.addCleanup(file.write_text, text)
-        file.write_text(text.replace(old, new, 1))
+        return findings_of("contracts", self.tree)
 
     def add(self, path, text):
         """A new file in the copy, for this test."""

@@ -4,46 +4,20 @@ The mistakes are planted in a copy of the tree. The runs work on a small tree of
 """
 
 import os
-import pathlib
 import shutil
 import subprocess
-import tempfile
 import unittest
 
-ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
-SCRIPT = ROOT / "scripts" / "mutants"
+from copiedtree import ROOT, CopiedTree, findings_of, scratch
+
 TABLE = "tests/mutants/table.txt"
 NAME = "101-bare-digest"
 PATCH = f"tests/mutants/{NAME}.patch"
 
 
-def scratch(case, name):
-    place = tempfile.TemporaryDirectory(prefix="tallowin-mutants-")
-    case.addClassCleanup(place.cleanup)
-    return pathlib.Path(place.name) / name
-
-
-class Table(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        cls.tree = scratch(cls, "tree")
-        shutil.copytree(ROOT, cls.tree, ignore=shutil.ignore_patterns("build", ".git"))
-
+class Table(CopiedTree):
     def findings(self):
-        done = subprocess.run([SCRIPT, "--check", self.tree], capture_output=True, text=True, timeout=120)
-        self.assertEqual(done.stderr, "")
-        if done.returncode == 0:
-            self.assertEqual(done.stdout, "scripts/mutants: nothing found\n")
-            return []
-        return done.stdout.splitlines()
-
-    def change(self, path, old, new):
-        """Replaces the first `old` in a file of the copy, for this test."""
-        file = self.tree / path
-        text = file.read_text()
-        self.assertIn(old, text)
-        self.addCleanup(file.write_text, text)
-        file.write_text(text.replace(old, new, 1))
+        return findings_of("mutants", "--check", self.tree)
 
     def expect_one(self, pattern):
         findings = self.findings()
