@@ -990,14 +990,7 @@ class ShopProgram(ShopCase):
         self.assertIn("registering: 0x80040213", errors)
 
     def test_stops_at_a_current_key_that_cannot_be_read(self):
-        for make_unreadable in UNREADABLE:
-            with self.subTest(make_unreadable.__name__):
-                keys = private_keys(self.merchant)
-                make_unreadable(self.merchant / "keys" / "current")
-                status, out, errors = self.start().finish()
-                self.assertEqual((status, out), (1, ""))
-                self.assertIn("reading keys/current: 0x80040219", errors)
-                self.assertEqual(private_keys(self.merchant), keys)
+        self.check_that_an_unreadable_key_ends_the_start()
 
     def test_reports_a_directory_that_cannot_be_created(self):
         self.merchant = self.directory / "nowhere" / "merchant"
