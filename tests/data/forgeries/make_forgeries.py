@@ -14,6 +14,9 @@ import random
 import sys
 
 HERE = pathlib.Path(__file__).resolve().parent
+sys.path.insert(0, str(HERE.parent.parent / "support"))
+from primes import is_probable_prime  # found by the line above
+
 RSA = HERE.parent / "rsa"
 OUTPUT = HERE / "forgeries.txt"
 
@@ -64,20 +67,7 @@ def cube_root_of_low_bits(number, bits):
 def is_prime(number):
     if any(number % small == 0 for small in (2, 3, 5, 7, 11, 13, 17, 19, 23, 29)):
         return False
-    odd, twos = number - 1, 0
-    while odd % 2 == 0:
-        odd, twos = odd // 2, twos + 1
-    for _ in range(24):
-        power = pow(RANDOM.randrange(2, number - 1), odd, number)
-        if power in (1, number - 1):
-            continue
-        for _ in range(twos - 1):
-            power = power * power % number
-            if power == number - 1:
-                break
-        else:
-            return False
-    return True
+    return is_probable_prime(number, (RANDOM.randrange(2, number - 1) for _ in range(24)))
 
 
 def prime_of(bits, exponent):
