@@ -22,7 +22,7 @@ constexpr char kClassClass[] = "java/lang/Class";
 constexpr char kOutOfMemoryClass[] = "java/lang/OutOfMemoryError";
 constexpr char kVmErrorClass[] = "java/lang/VirtualMachineError";
 constexpr char kThrowableClass[] = "java/lang/Throwable";
-constexpr char const* kOwnClasses[] = {kOutOfMemoryClass, kVmErrorClass, kThrowableClass};
+constexpr char const* kClasses[] = {kExceptionClass, kOutOfMemoryClass, kVmErrorClass, kThrowableClass};
 
 /// A field or method with its type. Identifiers point to these.
 struct Member {
@@ -133,11 +133,7 @@ struct FakeJvm::Functions {
         if (jvm.enterAndFail("FindClass")) {
             return nullptr;
         }
-        bool const isKnown = std::strcmp(name, kExceptionClass) == 0
-                                 ? jvm.m_HasExceptionClass
-                                 : std::any_of(std::begin(kOwnClasses), std::end(kOwnClasses),
-                                               [&](char const* own) { return std::strcmp(name, own) == 0; });
-        if (!isKnown) {
+        if (jvm.m_Classes.count(name) == 0) {
             jvm.makePending("java/lang/NoClassDefFoundError");
             return nullptr;
         }
@@ -314,7 +310,7 @@ struct FakeJvm::Functions {
     }
 };
 
-FakeJvm::FakeJvm() {
+FakeJvm::FakeJvm() : m_Classes(std::begin(kClasses), std::end(kClasses)) {
     m_Env.functions = Functions::table();
     m_Env.m_Jvm = this;
     for (Member const& method : kExceptionMethods) {

@@ -44,9 +44,10 @@ public:
     jstring newStringOfLength(jint length);
     [[nodiscard]] std::string textOf(jstring text) const;
 
-    /// Make lookups of the field `m_Handle`, the class KVXException or one of its methods fail.
+    /// Make lookups of the field `m_Handle`, a class, the class KVXException or one of its methods fail.
     void removeHandleField() { m_HasHandleField = false; }
-    void removeExceptionClass() { m_HasExceptionClass = false; }
+    void removeClass(char const* name) { m_Classes.erase(name); }
+    void removeExceptionClass() { removeClass(kExceptionClass); }
     void makeExceptionClassUnthrowable() { m_IsExceptionThrowable = false; }
     void removeExceptionMethod(std::string const& name) { m_ExceptionMethods.erase(name); }
 
@@ -105,7 +106,7 @@ private:
     std::vector<std::unique_ptr<Object>> m_Objects;
     std::map<char const*, Object const*> m_Characters;  ///< Handed out and not yet released, with their strings.
     bool m_HasHandleField = true;
-    bool m_HasExceptionClass = true;
+    std::set<std::string> m_Classes;  ///< Those that FindClass finds.
     bool m_IsExceptionThrowable = true;
     std::set<std::string> m_ExceptionMethods;
     Object const* m_Pending = nullptr;

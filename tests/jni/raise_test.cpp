@@ -110,6 +110,26 @@ TEST(Raise, LeavesAPendingVirtualMachineError) {
     }
 }
 
+// Nothing can be said about the pending exception when the class to compare it with cannot be looked up.
+TEST(Raise, LeavesWhatIsPendingWhenItsKindCannotBeFound) {
+    FakeJvm jvm;
+    jvm.removeExceptionClass();
+    jvm.failCall(1, FakeJvm::Failure::kWithException);
+    kvxRaise(jvm.env(), KVX_E_CRYPTO, "A(): ", "b");
+    EXPECT_EQ(jvm.failedFunction(), "FindClass");
+    EXPECT_EQ(jvm.pendingClass(), "java/lang/NoClassDefFoundError");
+    EXPECT_TRUE(jvm.fatalErrors().empty());
+}
+
+TEST(Raise, LeavesTheErrorOfTheLookupOfTheLastResort) {
+    FakeJvm jvm;
+    jvm.removeClass("java/lang/OutOfMemoryError");
+    jvm.failCall(5, FakeJvm::Failure::kWithoutException);
+    kvxRaise(jvm.env(), KVX_E_CRYPTO, "A(): ", "b");
+    EXPECT_EQ(jvm.failedFunction(), "NewObject");
+    EXPECT_EQ(jvm.pendingClass(), "java/lang/NoClassDefFoundError");
+}
+
 TEST(JavaText, IsRefusedWhenItIsTooLongForTheVirtualMachine) {
     FakeJvm jvm;
     EXPECT_EQ(thrownCode([&] { static_cast<void>(kvxTextOf(jvm.env(), jvm.newStringOfLength(0x7FFFFFFF / 3 + 1))); }),
