@@ -6,11 +6,13 @@
 #include <climits>
 #include <cstring>
 
+#include "api/kvxboundary.h"
 #include "foundation/tbexception.h"
 #include "tests/api/apisupport.h"
 #include "tests/support/allocations.h"
 #include "tests/support/exceptions.h"
 #include "tests/support/tbtext.h"
+#include "tests/support/thinmemory.h"
 
 using namespace kvxtest;
 
@@ -172,6 +174,27 @@ TEST_F(CopyOutTest, KeepsABufferOfItsOwnInToString) {
             EXPECT_NO_THROW((void)message.ToString()) << "the last allocation is the flat function's own";
         }
     }
+}
+
+TEST(CopyOut, TakesTheLongestTextWhoseNeedFitsItsSize) {
+    std::int32_t size = 0;
+    ThinText const longest(std::size_t{INT_MAX} - 1);
+    if (longest.get() == nullptr) {
+        GTEST_SKIP() << "no 2 GiB of addresses in one piece";
+    }
+    EXPECT_EQ(kvxCopyOut(longest.get(), &size, nullptr), KVX_E_BUFFER_TOO_SMALL);
+    EXPECT_EQ(size, INT_MAX);
+    EXPECT_EQ(kvxCopyOut(longest.get(), &size, nullptr), KVX_OK);
+}
+
+TEST(CopyOut, RefusesATextWhoseNeedNoSizeCanTell) {
+    ThinText const longer(INT_MAX);
+    if (longer.get() == nullptr) {
+        GTEST_SKIP() << "no 2 GiB of addresses in one piece";
+    }
+    Outputs outputs;
+    EXPECT_EQ(kvxCopyOut(longer.get(), &outputs.m_Size, outputs.m_Buffer), KVX_E_OUT_OF_MEMORY);
+    outputs.expectUntouched("a text of 2 GiB");
 }
 
 }  // namespace

@@ -8,12 +8,16 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <random>
 
+#include "foundation/tbexception.h"
 #include "tests/jni/fakejvm.h"
 #include "tests/support/allocations.h"
+#include "tests/support/exceptions.h"
 #include "tests/support/random.h"
 #include "tests/support/tbtext.h"
+#include "tests/support/thinmemory.h"
 
 using namespace kvxtest;
 
@@ -265,4 +269,25 @@ TEST(ModifiedUtf8, RunsOutOfMemoryCleanly) {
                   EXPECT_EQ(result.length(), 10000U);
               }),
               1);
+}
+
+TEST(ModifiedUtf8, IsOutOfMemoryWhenTheResultWouldReach2GiB) {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the thread sanitizer keeps four bytes for each that is written";
+#endif
+    constexpr std::uint32_t kMost = INT32_MAX;
+    ThinText const letters(kMost - 4);
+    TbString result;
+    if (letters.get() == nullptr || thrownCode([&] { result.grow(kMost); }) != KVX_OK ||
+        !makeThin(&result.append('x')[0], kMost)) {
+        GTEST_SKIP() << "no room for two texts of 2 GiB";
+    }
+    result.append(letters.get() + 1, kMost - 5);
+    kvxToModifiedUtf8("last", result);
+    EXPECT_EQ(result.length(), kMost);
+    EXPECT_EQ(thrownCode([&] { kvxToModifiedUtf8("y", result); }), KVX_E_OUT_OF_MEMORY);
+    EXPECT_EQ(thrownCode([&] { kvxToModifiedUtf8("\xe9", result); }), KVX_E_OUT_OF_MEMORY);
+    EXPECT_EQ(result.length(), kMost);
+    EXPECT_EQ(std::string(&result[kMost - 5]), "xlast");
+    kvxToModifiedUtf8("", result);
 }
