@@ -29,7 +29,7 @@ constexpr std::uint32_t kLivingWord = 0xAFFEAFFE;
 
 /// Slots of the first chunk; every further chunk has twice as many as the one before.
 constexpr std::uint32_t kFirstChunkSlots = 256;
-constexpr std::uint32_t kMaxChunks = 20;
+constexpr std::uint32_t kMaxChunks = 15;
 
 /// Free slots that are kept unused, so that a stale handle finds a zero word and not another object.
 constexpr std::uint32_t kQuarantine = 1024;
@@ -38,6 +38,9 @@ constexpr std::uint32_t kNoSlot = 0xFFFFFFFFU;
 
 /// Room for the largest public object; a power of two, so that a slot's number follows from its address.
 constexpr std::size_t kSlotBytes = 512;
+
+/// A slot and its place in the table of free ones.
+constexpr std::size_t kBytesPerSlot = kSlotBytes + sizeof(std::uint32_t);
 
 constexpr std::uintptr_t kTwoGiB = std::uintptr_t{1} << 31;
 constexpr std::uintptr_t kFourGiBLess = kTwoGiB - 1 + kTwoGiB;
@@ -203,11 +206,9 @@ private:
         if (m_FreshUsed < slotsBefore(chunks)) {
             return m_FreshUsed++;
         }
-        if (chunks == kMaxChunks) {
-            return kNoSlot;
-        }
-        std::size_t const bytes = std::size_t{slotsOf(chunks)} * (kSlotBytes + sizeof(std::uint32_t));
-        m_Chunks[chunks] = static_cast<char*>(mapLow(bytes));
+        // All chunks lie below 4 GiB, where the last one has no room beside the others: a next one can always be tried.
+        static_assert(std::uint64_t{slotsBefore(kMaxChunks)} * kBytesPerSlot > kFourGiBLess);
+        m_Chunks[chunks] = static_cast<char*>(mapLow(slotsOf(chunks) * kBytesPerSlot));
         if (m_Chunks[chunks] == nullptr) {
             return kNoSlot;
         }
