@@ -182,12 +182,20 @@ TEST(Handle, OfAnObjectBuiltByACxxCallerOutsideTheSlotsIsAccepted) {
     EXPECT_TRUE(isAccepted(Kind::kFactory, &shop->m_Factory));
 }
 
+/// Builds and destroys an object in memory of its caller.
+template <class Object>
+void expectRefusedOnceDestroyedInPlace(Kind kind) {
+    alignas(Object) unsigned char place[sizeof(Object)];
+    auto* const object = new (place) Object;
+    EXPECT_TRUE(isAccepted(kind, object));
+    object->~Object();
+    expectRefused(kind, place, "destroyed in place");
+}
+
 TEST(Handle, OfAnObjectInACallersOwnMemoryIsRefusedOnceItIsDestroyed) {
-    alignas(KVXCIMPL_MessageObject) unsigned char place[sizeof(KVXCIMPL_MessageObject)];
-    auto* const message = new (place) KVXCIMPL_MessageObject;
-    EXPECT_TRUE(isAccepted(Kind::kMessage, message));
-    message->~KVXCIMPL_MessageObject();
-    expectRefused(Kind::kMessage, place, "destroyed in place");
+    expectRefusedOnceDestroyedInPlace<KVXCIMPL_ConfigurationSetup>(Kind::kSetup);
+    expectRefusedOnceDestroyedInPlace<KVXCIMPL_MessageFactory>(Kind::kFactory);
+    expectRefusedOnceDestroyedInPlace<KVXCIMPL_MessageObject>(Kind::kMessage);
 }
 
 TEST(Handle, OfACxxObjectWorksThroughBothFaces) {

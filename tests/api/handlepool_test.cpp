@@ -9,6 +9,7 @@
 #include "tests/api/apisupport.h"
 #include "tests/support/allocations.h"
 #include "tests/support/exceptions.h"
+#include "tests/support/systemcalls.h"
 #include "tests/support/tbtext.h"
 
 using namespace kvxtest;
@@ -154,6 +155,41 @@ TEST(HandlePool, ExhaustedMakesTheCreateFunctionsReturnNull) {
         EXPECT_GE(living.handles().size(), 256U) << "what was mapped is used up first";
         EXPECT_NE(living.create(), nullptr) << kind.m_Name << " once there is memory again";
     }
+}
+
+// Some kernels take the wanted address as a hint only.
+TEST(HandlePool, GivesMemoryBackThatLiesElsewhereThanItAskedFor) {
+    static constexpr std::size_t kElsewhere = 3;
+    using Mappings = std::vector<std::pair<void*, std::size_t>>;
+    static Mappings s_Mapped;
+    static Mappings s_Unmapped;
+    s_Mapped.clear();
+    s_Unmapped.clear();
+    SystemCalls system;
+    system->mmap = [](void* where, std::size_t bytes, int access, int flags, int file, off_t offset) {
+        if (where == nullptr) {
+            errno = ENOMEM;
+            return MAP_FAILED;
+        }
+        if (s_Mapped.size() == kElsewhere) {
+            return ::mmap(where, bytes, access, flags, file, offset);
+        }
+        void* const memory = ::mmap(nullptr, bytes, access, flags & ~MAP_FIXED_NOREPLACE, file, offset);
+        s_Mapped.emplace_back(memory, bytes);
+        return memory;
+    };
+    system->munmap = [](void* memory, std::size_t bytes) {
+        s_Unmapped.emplace_back(memory, bytes);
+        return ::munmap(memory, bytes);
+    };
+    Living living(allKinds().back());
+    while (s_Mapped.empty()) {
+        ASSERT_NE(living.create(), nullptr);
+    }
+    EXPECT_EQ(s_Mapped.size(), kElsewhere);
+    EXPECT_EQ(s_Unmapped, s_Mapped);
+    EXPECT_LE(reinterpret_cast<std::uintptr_t>(living.handles().back()), std::uintptr_t{0xFFFFFFFFU});
+    EXPECT_EQ(MessageObject_FromString(living.handles().back(), "<KVX A=\"1\"/>"), KVX_OK);
 }
 
 TEST(HandlePool, ExhaustedRaisesOutOfMemoryFromEveryCallThatMakesAnObject) {
