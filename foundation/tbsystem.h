@@ -82,7 +82,8 @@ struct TbSystemCalls {
     int (*setNonBlocking)(int file) = &makeNonBlocking;
     int (*gethostbyname_r)(char const* host, hostent* entry, char* memory, std::size_t bytes, hostent** result,
                            int* reason) = &::gethostbyname_r;
-    /// Returns an error number.
+    /// Both return an error number.
+    int (*pthread_attr_init)(pthread_attr_t* attributes) = &::pthread_attr_init;
     int (*startThread)(pthread_t* thread, pthread_attr_t const* attributes, void* (*run)(void*),
                        void* argument) = &::pthread_create;
     // NOLINTEND(readability-identifier-naming)

@@ -99,7 +99,7 @@ void* runHelper(void* lookup) {
 /// Starts the helper. No signal of the process is handled on its small stack. False when there is no thread to be had.
 bool startHelper(SharedLookup* lookup) noexcept {
     pthread_attr_t attributes;
-    if (pthread_attr_init(&attributes) != 0) {
+    if (tbSystem().pthread_attr_init(&attributes) != 0) {
         return false;
     }
     pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);

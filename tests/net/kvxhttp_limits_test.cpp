@@ -10,6 +10,7 @@
 #include <poll.h>
 
 #include <chrono>
+#include <climits>
 #include <condition_variable>
 #include <cstring>
 #include <filesystem>
@@ -445,6 +446,27 @@ TEST(ConnectionLimits, GoOnAfterSignals) {
     endConnection(connection);
 }
 
+TEST(ConnectionLimits, MayBeLongerThanTheSystemCanWaitAtOnce) {
+    RawServer const silent(&hold);
+    SockConnection connection;
+    connection.SetLimits(ioLimit(std::int64_t{INT_MAX} + 60000));
+    sockaddr_in address = addressOf(silent);
+    ASSERT_EQ(connection.Connect(generic(address)), KVX_OK);
+    SystemCalls system;
+    static int s_Polls;
+    s_Polls = 0;
+    system->poll = [](pollfd*, nfds_t, int timeout) {
+        EXPECT_EQ(timeout, INT_MAX);
+        errno = ENOBUFS;
+        return ++s_Polls < 3 ? 0 : -1;  // time passes twice
+    };
+    TbStringStream answer;
+    EXPECT_EQ(connection.Read(answer), -1);
+    EXPECT_EQ(bits(connection.LastError()), 0x80043037U) << "the failure, not the end of the time";
+    EXPECT_EQ(s_Polls, 3);
+    endConnection(connection);
+}
+
 TEST(ConnectionLimits, AreNotHeldByASocketThatMustBlock) {
     RawServer const server(kResponse);
     SystemCalls system;
@@ -644,6 +666,16 @@ TEST(LookupLimit, NeedsNoThreadForAnAddress) {
 TEST(LookupLimit, IsLackOfMemoryWithoutAThread) {
     SystemCalls system;
     system->startThread = [](pthread_t*, pthread_attr_t const*, void* (*)(void*), void*) { return EAGAIN; };
+    EXPECT_EQ(bits(thrownCode([] { fetch(limitedRequest("http://localhost/x", 20)); })), 0x80040217U);
+}
+
+TEST(LookupLimit, IsLackOfMemoryWithoutAttributesForTheThread) {
+    SystemCalls system;
+    system->pthread_attr_init = [](pthread_attr_t*) { return ENOMEM; };
+    system->startThread = [](pthread_t*, pthread_attr_t const*, void* (*)(void*), void*) {
+        ADD_FAILURE() << "a thread";
+        return EAGAIN;
+    };
     EXPECT_EQ(bits(thrownCode([] { fetch(limitedRequest("http://localhost/x", 20)); })), 0x80040217U);
 }
 
