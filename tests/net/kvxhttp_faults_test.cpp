@@ -209,6 +209,21 @@ TEST(ConnectFaults, ReportsTheFiveThatHaveTexts) {
     }
 }
 
+TEST(ConnectFaults, AreReportedAtOnceWhereAConnectMayTakeTime) {
+    SystemCalls system;
+    system->connect = [](int, sockaddr const*, socklen_t) {
+        errno = ENETUNREACH;
+        return -1;
+    };
+    system->poll = [](pollfd*, nfds_t, int) {
+        ADD_FAILURE() << "a wait";
+        return -1;
+    };
+    KVX_RequestInfo request = requestFor("http://127.0.0.1:1/x");
+    request.transfer.connectTimeout = 20;
+    EXPECT_EQ(bits(thrownCode([&] { fetch(request); })), 0x80043033U);
+}
+
 TEST(ConnectFaults, FinishesAConnectThatASignalInterrupts) {
     RawServer const plain(kResponse);
     TlsServer const secure(kResponse);

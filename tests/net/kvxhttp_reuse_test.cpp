@@ -7,9 +7,11 @@
 #include <openssl/err.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <thread>
 
 #include "net/kvxhttp.h"
+#include "net/kvxtlscache.h"
 #include "tests/net/interposed.h"
 #include "tests/net/netsupport.h"
 #include "tests/support/allocations.h"
@@ -145,6 +147,22 @@ TEST_F(ReusedTls, EndsWhenTheTrustedAuthoritiesChange) {
     EXPECT_EQ(bits(thrownCode([&] { fetch(request(server.url())); })), 0x80044900U);
 }
 
+TEST_F(ReusedTls, EndsWhenTheSystemsAuthoritiesAreOthers) {
+    TlsIdentity const other(certified("other", nullptr));
+    m_Files.write("other.pem", other.certificatePem());
+    ResumingServer server(m_Identity);
+    KVX_RequestInfo system = request(server.url());
+    system.transfer.trustFile = "";
+    char const* const variable = X509_get_default_cert_file_env();
+    ::setenv(variable, m_Files.file("trusted.pem").c_str(), 1);
+    EXPECT_EQ(fetch(system), "body");
+    EXPECT_EQ(fetch(system), "body");
+    ::setenv(variable, m_Files.file("other.pem").c_str(), 1);
+    EXPECT_EQ(bits(thrownCode([&] { fetch(system); })), 0x80044814U);
+    ::unsetenv(variable);
+    EXPECT_EQ(server.records(), (Records{"new", "resumed"}));
+}
+
 TEST_F(ReusedTls, EndsAfterTenMinutes) {
     ResumingServer server(m_Identity);
     EXPECT_EQ(fetch(request(server.url())), "body");
@@ -186,6 +204,39 @@ TEST_F(ReusedTls, ForgetsTheLeastRecentlyUsed) {
     }
     EXPECT_EQ(fetch(request(server.url())), "body");
     EXPECT_EQ(server.records(), (Records{"new", "new"}));
+}
+
+TEST_F(ReusedTls, DropsTheSessionOfAForgottenContext) {
+    ResumingServer server(m_Identity);
+    KVX_RequestInfo const first = request(server.url());
+    SslConnection connection(first.transfer, first.host, first.port);
+    sockaddr_in address = addressOf(bytesOf(first.port));
+    ASSERT_EQ(connection.Connect(generic(address)), KVX_OK);
+    ASSERT_EQ(connection.Setup(), KVX_OK);
+    TbStringStream text("request");
+    EXPECT_EQ(connection.Write(text), KVX_OK);
+    while (connection.Read(text) > 0) {
+    }
+    for (int i = 0; i < 16; ++i) {
+        KVX_RequestInfo const other = request("https://127.0.0." + std::to_string(i + 70) + ":1/");
+        SslConnection const another(other.transfer, other.host, other.port);
+        EXPECT_EQ(another.Readiness(), KVX_OK);
+    }
+    endConnection(connection);
+    EXPECT_EQ(fetch(first), "body");
+    EXPECT_EQ(fetch(first), "body");
+    EXPECT_EQ(server.records(), (Records{"new", "new", "resumed"}));
+}
+
+TEST_F(ReusedTls, KeepsTheFirstContextOfTwoThatAreMadeAtOnce) {
+    KvxTlsKey key;
+    ASSERT_TRUE(kvxTlsKeyOf(request("https://shop.example/").transfer, "trust", "shop.example", "443", key));
+    EXPECT_EQ(kvxTakeTls(key).m_Context, nullptr);
+    KvxTlsContext const first(SSL_CTX_new(TLS_client_method()));
+    KvxTlsContext const second(SSL_CTX_new(TLS_client_method()));
+    kvxKeepContext(key, first.get());
+    kvxKeepContext(key, second.get());
+    EXPECT_EQ(kvxTakeTls(key).m_Context, first);
 }
 
 TEST_F(ReusedTls, StillRefusesAPeerAndKeepsNoSessionOfIt) {

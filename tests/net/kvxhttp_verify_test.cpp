@@ -4,12 +4,14 @@
 // the server must have seen no request. Odd: a clean end in the handshake, a success elsewhere, is a failure here.
 
 #include <gtest/gtest.h>
+#include <openssl/pem.h>
 #include <openssl/ssl.h>
 
 #include <cstdlib>
 #include <optional>
 
 #include "net/kvxhttp.h"
+#include "net/kvxtls.h"
 #include "tests/net/interposed.h"
 #include "tests/net/netsupport.h"
 #include "tests/support/directories.h"
@@ -204,6 +206,20 @@ TEST_F(VerifiedPeer, IsTrustedByAnyAuthorityOfTheFile) {
     EXPECT_EQ(fetch(request("https://localhost:" + server.portText() + "/", "both.pem")), "body");
 }
 
+/// The certificate of `identity`, encrypted with a pass phrase.
+std::string protectedPem(TlsIdentity const& identity) {
+    OpenSslHolder<BIO> const out(BIO_new(BIO_s_mem()));
+    std::string phrase = "phrase";
+    EXPECT_EQ(
+        PEM_ASN1_write_bio(reinterpret_cast<i2d_of_void*>(&i2d_X509), PEM_STRING_X509, out.get(),
+                           identity.certificate(), EVP_aes_128_cbc(), reinterpret_cast<unsigned char*>(phrase.data()),
+                           static_cast<int>(phrase.size()), nullptr, nullptr),
+        1);
+    char* text = nullptr;
+    long const length = BIO_get_mem_data(out.get(), &text);
+    return {text, static_cast<std::size_t>(length)};
+}
+
 TEST_F(VerifiedPeer, IsNotAskedForWhenTheTrustedAuthoritiesCannotBeRead) {
     std::string const whole = m_Trusted.certificatePem();
     m_Files.write("empty.pem", "");
@@ -213,14 +229,15 @@ TEST_F(VerifiedPeer, IsNotAskedForWhenTheTrustedAuthoritiesCannotBeRead) {
     m_Files.write("second-cut.pem", whole + whole.substr(0, whole.size() / 2));
     m_Files.write("garbled.pem", "-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n");
     m_Files.write("directory/file", "");
+    m_Files.write("protected.pem", whole + protectedPem(m_Trusted));
     ScriptedResolver const resolver(ScriptedResolver::Answer::kAddress);
     SystemCalls system;
     system->socket = [](int, int, int) {
         ADD_FAILURE() << "a socket";
         return -1;
     };
-    for (char const* const file :
-         {"missing.pem", "empty.pem", "text.pem", "key.pem", "cut.pem", "second-cut.pem", "garbled.pem", "directory"}) {
+    for (char const* const file : {"missing.pem", "empty.pem", "text.pem", "key.pem", "cut.pem", "second-cut.pem",
+                                   "garbled.pem", "directory", "protected.pem"}) {
         expectRefused(request("https://gateway/x", file), 0x80044900U, file);
         KVX_RequestInfo through = request("https://gateway/x", file);
         through.proxyHost = "gateway";
@@ -329,6 +346,31 @@ TEST_F(VerifiedPeer, IsNoneWithoutATransfer) {
     ASSERT_EQ(connection.Connect(generic(address)), KVX_OK);
     EXPECT_EQ(connection.Setup(), KVX_OK);
     endConnection(connection);
+}
+
+TEST_F(VerifiedPeer, IsRefusedWithoutTrustEvenByAConnectionThatIsSetUpAllTheSame) {
+    TlsIdentity const identity(good());
+    NamedServer server(identity);
+    SslConnection connection(request("https://localhost/", "missing.pem").transfer, "localhost");
+    EXPECT_EQ(bits(connection.Readiness()), 0x80044900U);
+    EXPECT_EQ(bits(connection.LastError()), 0x80044900U);
+    sockaddr_in address = addressOf(server);
+    ASSERT_EQ(connection.Connect(generic(address)), KVX_OK);
+    EXPECT_EQ(bits(connection.Setup()), 0x80044900U);
+    EXPECT_EQ(bits(connection.LastError()), 0x80044900U);
+    endConnection(connection);
+    EXPECT_TRUE(server.records().empty());
+}
+
+TEST(Protection, KeepsAHigherVersionThatTheTlsLibraryIsConfiguredFor) {
+    OpenSslHolder<SSL_CTX> const context(SSL_CTX_new(TLS_client_method()));
+    KVX_Transfer transfer;
+    for (KVX_TlsVersion const minimum : {KVX_TlsVersion::Any, KVX_TlsVersion::Tls12, KVX_TlsVersion::Tls13}) {
+        SSL_CTX_set_min_proto_version(context.get(), TLS1_3_VERSION);
+        transfer.minimumVersion = minimum;
+        EXPECT_TRUE(kvxProtect(context.get(), transfer, ""));
+        EXPECT_EQ(SSL_CTX_get_min_proto_version(context.get()), TLS1_3_VERSION);
+    }
 }
 
 }  // namespace
