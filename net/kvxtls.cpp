@@ -16,26 +16,13 @@ namespace {
 using BioHolder = std::unique_ptr<BIO, TbReleaser<BIO_free_all>>;
 using CertificateHolder = std::unique_ptr<X509, TbReleaser<X509_free>>;
 
-/// The TLS library's number of a version.
-int numberOf(KVX_TlsVersion version) {
-    switch (version) {
-        case KVX_TlsVersion::Any:
-            break;
-        case KVX_TlsVersion::Tls10:
-            return TLS1_VERSION;
-        case KVX_TlsVersion::Tls11:
-            return TLS1_1_VERSION;
-        case KVX_TlsVersion::Tls12:
-            return TLS1_2_VERSION;
-        case KVX_TlsVersion::Tls13:
-            return TLS1_3_VERSION;
-    }
-    return 0;
-}
+/// The TLS library's numbers of the versions, in the order of KVX_TlsVersion.
+constexpr int kNumbers[static_cast<std::size_t>(KVX_TlsVersion::Tls13) + 1] = {0, TLS1_VERSION, TLS1_1_VERSION,
+                                                                               TLS1_2_VERSION, TLS1_3_VERSION};
 
 /// Raises the lowest version; the configuration of the TLS library may demand a higher one already.
 bool raiseVersion(SSL_CTX* context, KVX_TlsVersion version) {
-    int const number = numberOf(version);
+    int const number = kNumbers[static_cast<std::size_t>(version)];
     return SSL_CTX_get_min_proto_version(context) >= number || SSL_CTX_set_min_proto_version(context, number) == 1;
 }
 
