@@ -248,7 +248,7 @@ void SslConnection::keepSession() {
         return;
     }
     KvxTlsSession session(SSL_get1_session(m_Session.get()));
-    if (session == nullptr || SSL_SESSION_is_resumable(session.get()) != 1) {
+    if (SSL_SESSION_is_resumable(session.get()) != 1) {
         return;
     }
     // Without a close notification the TLS library would make the session useless; none is sent by this either.
