@@ -17,6 +17,7 @@
 #include "tests/support/tbtext.h"
 #include "tests/support/tlsserver.h"
 #include "tests/support/tracerecorder.h"
+#include "tests/support/waiting.h"
 
 using namespace kvxtest;
 
@@ -427,22 +428,23 @@ void countSignal(int) {
 }
 
 TEST(SslConnection, GoesOnAfterSignals) {
-    // No automatic restart: the read inside the TLS library ends with EINTR whenever a signal meets it.
+    // No automatic restart: the read inside the TLS library ends with EINTR when a signal meets it, so each is sent
+    // while the reader sleeps.
     struct sigaction counting = {};
     counting.sa_handler = &countSignal;
     struct sigaction before = {};
     ASSERT_EQ(sigaction(SIGUSR1, &counting, &before), 0);
     g_Signals = 0;
-    constexpr int kBytes = 50;
+    constexpr int kBytes = 10;
     pthread_t const reader = pthread_self();
+    pid_t const id = idOfThisThread();
     {
-        TlsServer const server([reader](Peer& peer) {
+        TlsServer const server([reader, id](Peer& peer) {
             peer.receiveRequest();
             for (int i = 0; i < kBytes; ++i) {
-                for (int signal = 0; signal < 20; ++signal) {
-                    pthread_kill(reader, SIGUSR1);
-                    sched_yield();
-                }
+                EXPECT_TRUE(waitUntil([id] { return isBlocked(id); }));
+                pthread_kill(reader, SIGUSR1);
+                EXPECT_TRUE(waitUntil([i] { return g_Signals > i; }));
                 peer.send("x");
             }
         });
@@ -459,7 +461,7 @@ TEST(SslConnection, GoesOnAfterSignals) {
         EXPECT_EQ(bytesOf(answer), std::string(kBytes, 'x'));
         endConnection(connection);
     }
-    EXPECT_GT(g_Signals, 0);
+    EXPECT_EQ(g_Signals, kBytes);
     sigaction(SIGUSR1, &before, nullptr);
 }
 

@@ -1,13 +1,8 @@
 #include "tests/support/worker.h"
 
-#include <sys/syscall.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <string>
 
 #include "tests/support/waiting.h"
 
@@ -15,7 +10,7 @@ namespace kvxtest {
 
 Worker::Worker(std::function<void()> const& function)
     : m_Id(m_Started.get_future()), m_End(m_Done.get_future()), m_Thread([this, function] {
-          m_Started.set_value(static_cast<pid_t>(::syscall(SYS_gettid)));
+          m_Started.set_value(idOfThisThread());
           function();
           m_Done.set_value();
       }) {}
@@ -48,11 +43,7 @@ bool Worker::isBlocked() const {
     if (m_Id.wait_for(kTimeout) != std::future_status::ready) {
         return false;
     }
-    std::ifstream file("/proc/self/task/" + std::to_string(m_Id.get()) + "/stat");
-    std::string stat;
-    std::getline(file, stat);
-    std::size_t const name = stat.rfind(") ");  // the thread name before it may contain any character
-    return name != std::string::npos && stat[name + 2] == 'S';
+    return kvxtest::isBlocked(m_Id.get());
 }
 
 }  // namespace kvxtest
