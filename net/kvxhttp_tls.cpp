@@ -34,9 +34,9 @@ constexpr int kReasonMask = 0xFFF;
 /// How much of a refused certificate's number fits beside kKvxTlsCertificate; all that there are do.
 constexpr long kVerifyMask = 0xFF;
 
-/// Whether the peer has closed the connection cleanly, with or without a close notification.
-bool isCleanEnd(int kind, int reason) {
-    return kind == SSL_ERROR_ZERO_RETURN || (kind == SSL_ERROR_SSL && reason == SSL_R_UNEXPECTED_EOF_WHILE_READING);
+/// Whether the peer has closed the connection cleanly, with or without a close notification: see makeContext.
+bool isCleanEnd(int kind) {
+    return kind == SSL_ERROR_ZERO_RETURN;
 }
 
 /// Whether a reason number stands for an alert that the peer has sent.
@@ -111,6 +111,7 @@ void SslConnection::makeContext() {
     SSL_load_error_strings();
     m_Context.reset(SSL_CTX_new(SSLv23_method()));
     if (m_Context != nullptr) {
+        // An end without a close notification counts as one with it.
         SSL_CTX_set_options(m_Context.get(), SSL_OP_IGNORE_UNEXPECTED_EOF | SSL_OP_CLEANSE_PLAINTEXT);
     } else if (watch.hasFailure() || kvxHasLackedMemory()) {
         m_Refusal = KVX_E_OUT_OF_MEMORY;
@@ -181,7 +182,7 @@ bool SslConnection::waitAsWanted(KvxDeadline const& end) {
 bool SslConnection::isPeersDoing(int failure) const {
     bool const isSocket = m_Kind == SSL_ERROR_SYSCALL && failure != 0 && failure != ENOMEM;
     bool const isAlert = m_Kind == SSL_ERROR_SSL && isAlertOfPeer(m_Reason);
-    return isSocket || isAlert || isCleanEnd(m_Kind, m_Reason);
+    return isSocket || isAlert || isCleanEnd(m_Kind);
 }
 
 /// Makes one call on the TLS session and records why it failed. Returns the result of the call; -1 for every negative
@@ -372,7 +373,7 @@ int SslConnection::handshake() {
     }
     int const result = run([](SSL* session) { return SSL_connect(session); });
     if (!m_Verifies) {
-        return result == -1 && isCleanEnd(m_Kind, m_Reason) ? 0 : result;
+        return result == -1 && isCleanEnd(m_Kind) ? 0 : result;
     }
     long const verified = SSL_get_verify_result(m_Session.get());
     if (!m_IsLate && !m_IsShort && verified != X509_V_OK) {
