@@ -9,6 +9,7 @@
 #include <openssl/err.h>
 #include <openssl/rand.h>
 
+#include <cerrno>
 #include <cstring>
 
 #include "core/icct.h"
@@ -84,7 +85,8 @@ bool isWorking() {
     return ICCT_Verify(key, sizeof key, nullptr, 0, signature, sizeof signature) == 0;
 }
 
-/// The same with OpenSSL's generator of secret random numbers, which private keys are made and used with.
+/// The same for OpenSSL's generator of secret random numbers, which private keys are made and used with. It may have
+/// no source of randomness, so its failure means lack of memory only in a process that has lacked some.
 bool isWorkingWithSecrets() {
     TbForkGate const gate;
     unsigned char number = 0;
@@ -99,12 +101,17 @@ enum class Needs { kPublicKeys, kSecrets };
 /// The error queue keeps the entries of the first attempt alone.
 template <class Operation>
 bool succeeds(Needs needs, Operation operation) {
+    errno = 0;
     if (operation() == 0) {
         return true;
     }
+    if (errno == ENOMEM) {
+        kvxNoteLackOfMemory();
+    }
     ERR_set_mark();
     bool const succeeded = operation() == 0;
-    bool const isLacking = !succeeded && !(isWorking() && (needs == Needs::kPublicKeys || isWorkingWithSecrets()));
+    bool const needsSecrets = needs == Needs::kSecrets && kvxHasLackedMemory();
+    bool const isLacking = !succeeded && !(isWorking() && (!needsSecrets || isWorkingWithSecrets()));
     ERR_pop_to_mark();
     if (succeeded || isLacking) {
         kvxNoteLackOfMemory();
