@@ -179,9 +179,11 @@ public:
     std::int32_t Write(TbStringStream& from) override;
 
     /// KVX_E_SOCKET_TIMEOUT after an operation that was late. KVX_E_OUT_OF_MEMORY when memory was lacking during one,
-    /// whatever it then took the peer's certificate or messages for; but an alert or a close of the peer counts.
-    /// With a TLS session KVX_E_TLS_FAMILY | the low 12 bits of the reason number of the TLS library, or of its kind of
-    /// failure where it gave no reason. Without one as a SockConnection.
+    /// whatever it then took the peer's certificate or messages for; but an alert or a close of the peer counts. Once
+    /// OpenSSL has lacked memory in this process, also where algorithms may be missing for that reason: an internal
+    /// error, nothing in common with the peer, a key or signature of the certificate that cannot be read. With a TLS
+    /// session KVX_E_TLS_FAMILY | the low 12 bits of the reason number of the TLS library, or of its kind of failure
+    /// where it gave no reason. Without one as a SockConnection.
     std::int32_t LastError() override;
     void Attach(int socket) override;
     int Detach() override;
@@ -211,6 +213,7 @@ private:
     bool expectHost();
     void keepSession();
     [[nodiscard]] bool isPeersDoing(int failure) const;
+    [[nodiscard]] bool isConsequence() const;
     int refuse(int status);
     int handshake();
 

@@ -45,6 +45,25 @@ bool isAlertOfPeer(int reason) {
     return reason >= SSL_AD_REASON_OFFSET && reason <= SSL_AD_REASON_OFFSET + kMostAlert;
 }
 
+/// Whether a reason number may stand for an algorithm that is missing here, and not for a fault of the peer.
+bool isOfMissingAlgorithm(int reason) {
+    switch (reason) {
+        case ERR_R_INTERNAL_ERROR:
+        case SSL_R_SSLV3_ALERT_HANDSHAKE_FAILURE:
+        case SSL_R_UNABLE_TO_FIND_PUBLIC_KEY_PARAMETERS:
+        case SSL_R_NO_SUITABLE_GROUPS:
+            return true;
+        default:
+            return false;
+    }
+}
+
+/// The same for a verdict on a certificate.
+bool isVerdictOfMissingAlgorithm(long verdict) {
+    return verdict == X509_V_ERR_EE_KEY_TOO_SMALL || verdict == X509_V_ERR_CA_KEY_TOO_SMALL ||
+           verdict == X509_V_ERR_CERT_SIGNATURE_FAILURE;
+}
+
 /// One call on a session: keeps forks out, save while the call waits for its socket, and watches it for lack of memory.
 struct SessionCall {
     TbForkGate m_Gate;
@@ -110,11 +129,14 @@ void SslConnection::makeContext() {
     SSL_library_init();
     SSL_load_error_strings();
     m_Context.reset(SSL_CTX_new(SSLv23_method()));
+    // Without memory the TLS library also makes contexts that lack algorithms.
+    if (watch.hasFailure() || (m_Context == nullptr && (kvxHasLackedMemory() || !kvxHasErrorQueue()))) {
+        m_Context.reset();
+        m_Refusal = KVX_E_OUT_OF_MEMORY;
+    }
     if (m_Context != nullptr) {
         // An end without a close notification counts as one with it.
         SSL_CTX_set_options(m_Context.get(), SSL_OP_IGNORE_UNEXPECTED_EOF | SSL_OP_CLEANSE_PLAINTEXT);
-    } else if (watch.hasFailure() || kvxHasLackedMemory()) {
-        m_Refusal = KVX_E_OUT_OF_MEMORY;
     }
 }
 
@@ -185,6 +207,12 @@ bool SslConnection::isPeersDoing(int failure) const {
     return isSocket || isAlert || isCleanEnd(m_Kind);
 }
 
+/// Whether the last failed call is what comes of an initialisation of the TLS library that lacked memory: algorithms
+/// are missing.
+bool SslConnection::isConsequence() const {
+    return m_Kind == SSL_ERROR_SSL && kvxHasLackedMemory() && isOfMissingAlgorithm(m_Reason);
+}
+
 /// Makes one call on the TLS session and records why it failed. Returns the result of the call; -1 for every negative
 /// one and without a session.
 ///
@@ -226,8 +254,7 @@ int SslConnection::run(Call call) {
         }
         errno = failure;
         if (!waitAsWanted(end)) {
-            bool const isConsequence = m_Reason == ERR_R_INTERNAL_ERROR && kvxHasLackedMemory();
-            m_IsShort = (wasShort || isConsequence) && !isPeersDoing(failure);
+            m_IsShort = isConsequence() || (wasShort && !isPeersDoing(failure));
             return result < 0 ? -1 : 0;
         }
     }
@@ -376,6 +403,7 @@ int SslConnection::handshake() {
         return result == -1 && isCleanEnd(m_Kind) ? 0 : result;
     }
     long const verified = SSL_get_verify_result(m_Session.get());
+    m_IsShort = m_IsShort || (isVerdictOfMissingAlgorithm(verified) && kvxHasLackedMemory());
     if (!m_IsLate && !m_IsShort && verified != X509_V_OK) {
         return refuse(kKvxTlsCertificate | static_cast<int>(verified & kVerifyMask));
     }

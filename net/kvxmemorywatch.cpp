@@ -40,3 +40,10 @@ void kvxNoteLackOfMemory() noexcept {
 bool kvxHasLackedMemory() noexcept {
     return g_HasLackedMemory;
 }
+
+bool kvxHasErrorQueue() noexcept {
+    ERR_raise(ERR_LIB_USER, ERR_R_INTERNAL_ERROR);
+    bool const hasEntry = ERR_peek_error() != 0;
+    ERR_clear_error();
+    return hasEntry;
+}

@@ -31,7 +31,10 @@ private:
 /// failed is never repeated.
 void kvxNoteLackOfMemory() noexcept;
 
-/// Whether that was noted in this process. From then on an internal error of OpenSSL is the consequence.
+/// Whether that was noted in this process. From then on failures that missing steps can cause count as lack of memory.
 [[nodiscard]] bool kvxHasLackedMemory() noexcept;
+
+/// Whether the calling thread has an error queue, which OpenSSL makes for it at first use. Empties it.
+[[nodiscard]] bool kvxHasErrorQueue() noexcept;
 
 #endif
