@@ -47,7 +47,7 @@ TEST(MemoryWatch, BelievesNothingFromBefore) {
     EXPECT_FALSE(watch.hasFailure());
 }
 
-TEST(MemoryWatch, KeepsWhatASampleHasSeen) {
+TEST(MemoryWatch, RemembersWhatASampleHasSeen) {
     apart([] {
         KvxMemoryWatch watch;
         errno = ENOMEM;
