@@ -29,6 +29,16 @@ char const* const AttributeNames[] = {
 
 namespace {
 
+/// The value `name` in `file`, all of the file for an empty name.
+TbString required(KVX_Context& account, TbString const& file, TbString const& name, std::int32_t codeWhenMissing,
+                  long line) {
+    TbString value;
+    if (!account.QueryValue(file, name, value)) {
+        kvx::kSourceCtx.fail(codeWhenMissing, line);
+    }
+    return value;
+}
+
 /// Signs with the key `keyId`, which the current key file named: like one from outside it must stay in the directory.
 void signAs(KVX_Context& account, TbString const& text, TbString const& keyId, TbString& signature) {
     if (!kvxNamesFileInDirectory(keyId)) {
@@ -53,11 +63,7 @@ void KVX_Message::requireElement(long line) const {
 }
 
 TbString KVX_Message::configured(TbString const& name, long line) const {
-    TbString value;
-    if (!boundContext().QueryValue(kvx::kConfigFile, name, value)) {
-        kvx::kSourceCtx.fail(KVX_E_NO_CONFIGURATION, line);
-    }
-    return value;
+    return required(boundContext(), kvx::kConfigFile, name, KVX_E_NO_CONFIGURATION, line);
 }
 
 void KVX_Message::Create(KVX_Context* context, TbString const& msgType) {
@@ -67,10 +73,7 @@ void KVX_Message::Create(KVX_Context* context, TbString const& msgType) {
     // Deliberate (starts-as-payinit): every message starts as a "PayInit" and gets its own type afterwards, which fixes
     // the attributes' order.
     m_Element = account.request("PayInit");
-    if (!account.QueryValue(kvx::kCurrentKeyFile, "", m_KeyId)) {
-        kvx::kSourceCtx.fail(KVX_E_NO_KEY_ID, kvx::kLineCreateKeyId);
-    }
-    m_KeyId = kvxWithoutPadding(m_KeyId);
+    m_KeyId = kvxWithoutPadding(required(account, kvx::kCurrentKeyFile, "", KVX_E_NO_KEY_ID, kvx::kLineCreateKeyId));
     m_Element->setAttribute("MSGTYPE", msgType);
     m_Element->setAttribute("KEYID", m_KeyId);
     if (msgType == TbString("PayComplete")) {

@@ -127,7 +127,7 @@ static_assert(sizeof(xmlTableRow) == 5 * sizeof(std::uint32_t), "five fields of 
 namespace {
 
 /// The index of the first row of every state, where the search begins; of the end row for unused numbers.
-constexpr std::array<std::size_t, kStateCount> firstRows() {
+constexpr std::array<std::size_t, kStateCount> kFirstRow = [] {
     std::array<std::size_t, kStateCount> rows{};
     for (std::size_t state = 0; state < rows.size(); ++state) {
         while (rows[state] < kRowCount && xmlTable[rows[state]].m_State != state) {
@@ -135,9 +135,7 @@ constexpr std::array<std::size_t, kStateCount> firstRows() {
         }
     }
     return rows;
-}
-
-constexpr std::array<std::size_t, kStateCount> kFirstRow = firstRows();
+}();
 
 /// One document under construction.
 class Document {

@@ -47,6 +47,7 @@ TEST(TbBlock, IsNotMovedWhileItHasRoom) {
     FailingAllocation const failing(0, FailingAllocation::Mode::kAllFromThere);
     EXPECT_EQ(tbResizeBlock(block, 100), block);
     EXPECT_EQ(tbResizeBlock(block, 1), block);
+    EXPECT_EQ(tbResizeSecretBlock(block, 100), block);
     EXPECT_EQ(FailingAllocation::requested(), 0);
     tbReleaseBlock(block);
 }

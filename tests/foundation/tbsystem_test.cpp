@@ -46,6 +46,10 @@ TEST(TbSystem, ReachesTheOperatingSystem) {
     EXPECT_EQ(tbSystem().fstat(file, &status), 0);
     EXPECT_TRUE(S_ISDIR(status.st_mode));
     EXPECT_EQ(tbSystem().lstat("/", &status), 0);
+    int const copy = tbSystem().dupFrom(file, 50);
+    EXPECT_GE(copy, 50);
+    EXPECT_EQ(::fcntl(copy, F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(tbSystem().close(copy), 0);
     EXPECT_EQ(tbSystem().close(file), 0);
 }
 

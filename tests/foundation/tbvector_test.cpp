@@ -294,6 +294,7 @@ TEST(TbContainer, KeepsAnAssignForNonConstArgumentsThatCopiesNumbersOnly) {
     EXPECT_EQ(target.capacity(), 17U);
     EXPECT_EQ(thrownCode([&] { static_cast<void>(target.at(0)); }), KVX_E_OUT_OF_RANGE) << "no element came along";
     EXPECT_EQ(thrownCode([&] { target.remove(0); }), KVX_E_OUT_OF_RANGE);
+    EXPECT_EQ(thrownCode([&] { TbVector const copy(target); }), KVX_E_OUT_OF_RANGE);
 
     asContainer.assign(static_cast<TbContainer const&>(source));
     EXPECT_EQ(target.at(0), &element) << "a const argument finds the copying one";
