@@ -230,6 +230,9 @@ TEST(UsableModulusBits, AreNoneForAKeyOfALengthThatNoDecoderTakes) {
     Bytes const key = rsaData("key512.public");
     EXPECT_EQ(ICCT_UsableModulusBits(key.data(), key.size()), 512U);
     EXPECT_EQ(ICCT_UsableModulusBits(key.data(), kTooLong), 0U);
+#if ULONG_MAX > UINT_MAX
+    EXPECT_EQ(ICCT_UsableModulusBits(key.data(), UINT_MAX + 1UL + key.size()), 0U) << "the lower half is a good length";
+#endif
 }
 
 TEST(KeyBlob, NeverVerifiesWithAnyFlippedBit) {

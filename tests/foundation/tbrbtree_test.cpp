@@ -455,8 +455,12 @@ TEST(ChangeColor, SplitsABlackNodeWithTwoRedChildrenOnly) {
     ThreeNodes nodes;
     auto top = std::make_unique<TbTreeNode>();
     EXPECT_FALSE(OpenTree::changeColor(top.get())) << "no children at all";
-    TbTreeNode oneSided(IntItem(9), &nodes.m_A, nullptr);
-    EXPECT_FALSE(OpenTree::changeColor(&oneSided)) << "no right child";
+    TbTreeNode oneSided(IntItem(9), nullptr, nullptr);
+    TbTreeNode below(IntItem(8), nullptr, &oneSided);
+    ASSERT_EQ(OpenTree::rotateLeft(&below, false, true), &oneSided);
+    ASSERT_EQ(oneSided.left(), &below);
+    EXPECT_FALSE(OpenTree::changeColor(&oneSided)) << "black, with a red left child and no right one";
+    EXPECT_TRUE(below.isRed());
     TbTreeNode red(IntItem(9), &nodes.m_A, &nodes.m_B);
     EXPECT_FALSE(OpenTree::changeColor(&red)) << "red itself";
     EXPECT_TRUE(nodes.m_A.isRed());
