@@ -129,7 +129,7 @@ TYPED_TEST(Vectors, KeepWrappingTheCountWhenAnEmptyOneIsPopped) {
 TYPED_TEST(Vectors, AssertThatAnEmptyOneIsNotPopped) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     TypeParam vector;
-    EXPECT_DEATH(vector.pop_back(), "m_Count != ");
+    EXPECT_DEATH(vector.pop_back(), "m_Count > 0");
 }
 #endif
 
