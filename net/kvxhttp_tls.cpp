@@ -70,11 +70,10 @@ struct SessionCall {
     KvxMemoryWatch m_Memory;
 };
 
-/// Called for every message: the TLS library clears `errno` before it reads and writes.
+/// Called for every message, which only comes and goes inside a SessionCall: the TLS library clears `errno` before it
+/// reads and writes.
 void watchMessage(int, int, int, void const*, std::size_t, SSL*, void* call) {
-    if (call != nullptr) {
-        static_cast<SessionCall*>(call)->m_Memory.sample();
-    }
+    static_cast<SessionCall*>(call)->m_Memory.sample();
 }
 
 /// Lets forks through while the session waits for its socket. The callback's argument is the SessionCall.

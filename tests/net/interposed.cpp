@@ -8,6 +8,7 @@
 #include <arpa/inet.h>
 #include <dlfcn.h>
 #include <netdb.h>
+#include <openssl/err.h>
 #include <openssl/ssl.h>
 
 #include <cerrno>
@@ -22,8 +23,33 @@ ScriptedResolver* g_Resolver = nullptr;
 thread_local int g_Contexts = 0;
 thread_local std::optional<FailingTls::What> g_Failing;
 
+thread_local FailingTls::Why g_Why = FailingTls::Why::kNone;
+thread_local std::vector<TlsCallEnd> g_Ends;  ///< The next one last.
+
 bool fails(FailingTls::What what) {
-    return g_Failing == what;
+    if (g_Failing != what) {
+        return false;
+    }
+    if (g_Why == FailingTls::Why::kMemory) {
+        ERR_raise(ERR_LIB_SSL, ERR_R_MALLOC_FAILURE);
+    }
+    return true;
+}
+
+template <class Call>
+int asScripted(Call call) {
+    if (g_Ends.empty()) {
+        return call();
+    }
+    TlsCallEnd const end = g_Ends.back();
+    g_Ends.pop_back();
+    int const result = end.m_IsMade ? call() : -1;
+    int const number = end.m_Errno == TlsCallEnd::kAsItIs ? errno : end.m_Errno;
+    for (int const reason : end.m_Reasons) {
+        ERR_raise(ERR_LIB_SSL, reason);
+    }
+    errno = number;
+    return result;
 }
 
 /// The function that would have been called.
@@ -84,12 +110,21 @@ int contextsMade() {
     return g_Contexts;
 }
 
-FailingTls::FailingTls(What what) {
+FailingTls::FailingTls(What what, Why why) {
     g_Failing = what;
+    g_Why = why;
 }
 
 FailingTls::~FailingTls() {
     g_Failing.reset();
+}
+
+ScriptedTls::ScriptedTls(std::vector<TlsCallEnd> ends) {
+    g_Ends.assign(ends.rbegin(), ends.rend());
+}
+
+ScriptedTls::~ScriptedTls() {
+    g_Ends.clear();
 }
 
 }  // namespace kvxtest
@@ -134,4 +169,20 @@ extern "C" BIO* BIO_new_mem_buf(void const* bytes, int length) {
 extern "C" int X509_STORE_add_cert(X509_STORE* store, X509* certificate) {
     static auto* const real = kvxtest::original<decltype(X509_STORE_add_cert)>("X509_STORE_add_cert");
     return kvxtest::fails(kvxtest::FailingTls::What::kTrustedEntry) ? 0 : real(store, certificate);
+}
+
+extern "C" int SSL_CTX_set_default_verify_dir(SSL_CTX* context) {
+    static auto* const real =
+        kvxtest::original<decltype(SSL_CTX_set_default_verify_dir)>("SSL_CTX_set_default_verify_dir");
+    return kvxtest::fails(kvxtest::FailingTls::What::kTrustedFolder) ? 0 : real(context);
+}
+
+extern "C" int SSL_connect(SSL* session) {
+    static auto* const real = kvxtest::original<decltype(SSL_connect)>("SSL_connect");
+    return kvxtest::asScripted([&] { return real(session); });
+}
+
+extern "C" int SSL_read(SSL* session, void* buffer, int bytes) {
+    static auto* const real = kvxtest::original<decltype(SSL_read)>("SSL_read");
+    return kvxtest::asScripted([&] { return real(session, buffer, bytes); });
 }

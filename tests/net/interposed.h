@@ -33,21 +33,42 @@ private:
 /// How many TLS contexts this thread has made.
 int contextsMade();
 
-/// While it lives one function of the TLS library fails on this thread, without an entry in the error queue.
+/// While it lives one function of the TLS library fails on this thread, with or without the entry for lack of memory in
+/// the error queue.
 class FailingTls {
 public:
     enum class What {
-        kContext,      ///< A context is made.
-        kSession,      ///< A session is made.
-        kSocket,       ///< A session gets its socket.
-        kVersion,      ///< A context gets its lowest version.
-        kTrustText,    ///< A text of authorities is opened.
-        kTrustedEntry  ///< A context gets an authority to trust.
+        kContext,       ///< A context is made.
+        kSession,       ///< A session is made.
+        kSocket,        ///< A session gets its socket.
+        kVersion,       ///< A context gets its lowest version.
+        kTrustText,     ///< A text of authorities is opened.
+        kTrustedEntry,  ///< A context gets an authority to trust.
+        kTrustedFolder  ///< A context gets the system's folder of authorities.
     };
-    explicit FailingTls(What what);
+    enum class Why { kNone, kMemory };
+    explicit FailingTls(What what, Why why = Why::kNone);
     FailingTls(FailingTls const&) = delete;
     FailingTls& operator=(FailingTls const&) = delete;
     ~FailingTls();
+};
+
+/// How a call on a session ends.
+struct TlsCallEnd {
+    static constexpr int kAsItIs = -1;
+
+    bool m_IsMade;               ///< The TLS library does its work first; else the result is -1.
+    std::vector<int> m_Reasons;  ///< Added to the error queue.
+    int m_Errno = kAsItIs;
+};
+
+/// While it lives the handshakes and reads of this thread end as these say, one after the other, then on their own.
+class ScriptedTls {
+public:
+    explicit ScriptedTls(std::vector<TlsCallEnd> ends);
+    ScriptedTls(ScriptedTls const&) = delete;
+    ScriptedTls& operator=(ScriptedTls const&) = delete;
+    ~ScriptedTls();
 };
 
 }  // namespace kvxtest
