@@ -261,7 +261,7 @@ struct FakeJvm::Functions {
             return nullptr;
         }
         if (isCopy != nullptr) {
-            *isCopy = JNI_TRUE;
+            *isCopy = jvm.m_HandsOutCopies ? JNI_TRUE : JNI_FALSE;
         }
         auto* const copy = new char[found->m_Text.size() + 1];
         std::memcpy(copy, found->m_Text.c_str(), found->m_Text.size() + 1);
@@ -276,7 +276,11 @@ struct FakeJvm::Functions {
             ADD_FAILURE() << "ReleaseStringUTFChars called with characters of another string";
             return;
         }
-        EXPECT_EQ(*characters, '\0') << "characters that may be a password are freed as they are";
+        if (jvm.m_HandsOutCopies) {
+            EXPECT_EQ(*characters, '\0') << "characters that may be a password are freed as they are";
+        } else {
+            EXPECT_EQ(characters, given->second->m_Text) << "the string has changed";
+        }
         jvm.m_Characters.erase(given);
         delete[] characters;
     }

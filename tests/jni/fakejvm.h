@@ -51,6 +51,9 @@ public:
     void makeExceptionClassUnthrowable() { m_IsExceptionThrowable = false; }
     void removeExceptionMethod(std::string const& name) { m_ExceptionMethods.erase(name); }
 
+    /// Makes GetStringUTFChars hand out the characters of the strings themselves, which must not be changed.
+    void handOutNoCopies() { m_HandsOutCopies = false; }
+
     /// How a function fails. A Java method always fails with an exception.
     enum class Failure { kWithException, kWithoutException };
 
@@ -105,6 +108,7 @@ private:
     Env m_Env;
     std::vector<std::unique_ptr<Object>> m_Objects;
     std::map<char const*, Object const*> m_Characters;  ///< Handed out and not yet released, with their strings.
+    bool m_HandsOutCopies = true;
     bool m_HasHandleField = true;
     std::set<std::string> m_Classes;  ///< Those that FindClass finds.
     bool m_IsExceptionThrowable = true;

@@ -218,6 +218,12 @@ TEST(JavaText, IsReadByteForByte) {
     EXPECT_EQ(bytesOf(kvxTextOf(jvm.env(), nullptr)), "");
 }
 
+TEST(JavaText, IsLeftAsItIsWhereTheVirtualMachineHandsOutItsOwnCharacters) {
+    FakeJvm jvm;
+    jvm.handOutNoCopies();
+    EXPECT_EQ(bytesOf(kvxTextOf(jvm.env(), jvm.newString("S3cret"))), "S3cret");
+}
+
 TEST(JavaText, ReleasesItsCharactersWhenMemoryIsExhausted) {
     FakeJvm jvm;
     jstring const text = jvm.newString("text");
