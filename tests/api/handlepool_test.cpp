@@ -3,6 +3,7 @@
 // Addresses are collected by creating and destroying objects. Exhaustion is tried in a child process, since slots are
 // never given back to the system.
 
+#include <algorithm>
 #include <limits>
 #include <thread>
 
@@ -155,6 +156,22 @@ TEST(HandlePool, ExhaustedMakesTheCreateFunctionsReturnNull) {
         EXPECT_GE(living.handles().size(), 256U) << "what was mapped is used up first";
         EXPECT_NE(living.create(), nullptr) << kind.m_Name << " once there is memory again";
     }
+}
+
+TEST(HandlePool, IsExhaustedWhereNoLowAddressIsLeft) {
+    static std::uintptr_t s_Highest;
+    s_Highest = 0;
+    SystemCalls system;
+    system->mmap = [](void* where, std::size_t bytes, int, int, int, off_t) {
+        s_Highest = std::max(s_Highest, reinterpret_cast<std::uintptr_t>(where) + bytes - 1);
+        errno = EEXIST;
+        return MAP_FAILED;
+    };
+    Living living(allKinds().back());
+    while (living.create() != nullptr) {
+    }
+    EXPECT_LE(s_Highest, std::uintptr_t{0xFFFFFFFFU});
+    EXPECT_GT(s_Highest, std::uintptr_t{0xF0000000U}) << "up to 4 GiB";
 }
 
 // Some kernels take the wanted address as a hint only.
