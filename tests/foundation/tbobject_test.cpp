@@ -207,7 +207,7 @@ public:
     int m_Number = 0;
 };
 
-TEST(TbRefCounter, KeepsBothCountsWhenItIsAssigned) {
+TEST(TbRefCounter, LeavesBothCountsWhenItIsAssigned) {
     Counted left;
     Counted right;
     right.m_Number = 7;

@@ -333,7 +333,7 @@ TEST(TbRBTree, TellsVectorsApartByTheirFirstElements) {
 
 // An empty vector has no first element to go by. It equals no bare element and no other empty vector, and lies before
 // every element.
-TEST(TbRBTree, KeepsEveryEmptyVector) {
+TEST(TbRBTree, HoldsEveryEmptyVector) {
     TbRBTree tree;
     IntItem item(1);
     TbFindableVector filled;

@@ -228,7 +228,7 @@ TEST_F(ReusedTls, DropsTheSessionOfAForgottenContext) {
     EXPECT_EQ(server.records(), (Records{"new", "new", "resumed"}));
 }
 
-TEST_F(ReusedTls, KeepsTheFirstContextOfTwoThatAreMadeAtOnce) {
+TEST_F(ReusedTls, LeavesTheFirstContextOfTwoThatAreMadeAtOnce) {
     KvxTlsKey key;
     ASSERT_TRUE(kvxTlsKeyOf(request("https://shop.example/").transfer, "trust", "shop.example", "443", key));
     EXPECT_EQ(kvxTakeTls(key).m_Context, nullptr);

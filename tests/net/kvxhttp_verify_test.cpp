@@ -390,7 +390,7 @@ TEST_F(VerifiedPeer, IsRefusedWithoutTrustEvenByAConnectionThatIsSetUpAllTheSame
     EXPECT_TRUE(server.records().empty());
 }
 
-TEST(Protection, KeepsAHigherVersionThatTheTlsLibraryIsConfiguredFor) {
+TEST(Protection, LeavesAHigherVersionThatTheTlsLibraryIsConfiguredFor) {
     OpenSslHolder<SSL_CTX> const context(SSL_CTX_new(TLS_client_method()));
     KVX_Transfer transfer;
     for (KVX_TlsVersion const minimum : {KVX_TlsVersion::Any, KVX_TlsVersion::Tls12, KVX_TlsVersion::Tls13}) {
