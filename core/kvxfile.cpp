@@ -322,7 +322,7 @@ TbString missingTargetOf(char const* path) {
     for (int links = 0; links <= kMaxLinks; ++links) {
         char next[PATH_MAX];
         ssize_t const length = tbSystem().readlink(target.c_str(), next, sizeof next);
-        if (length < 0 && errno == ENOENT && links > 0) {
+        if (length < 0 && errno == ENOENT) {
             return target;
         }
         if (length <= 0 || length == ssize_t{sizeof next}) {
