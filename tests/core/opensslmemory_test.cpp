@@ -7,6 +7,7 @@
 #include <openssl/crypto.h>
 #include <openssl/err.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <string>
 
@@ -25,7 +26,11 @@ long g_Count = 0;
 
 bool fails() {
     long const number = g_Count++;
-    return g_Failing >= 0 && (g_Always ? number >= g_Failing : number == g_Failing);
+    bool const isFailing = g_Failing >= 0 && (g_Always ? number >= g_Failing : number == g_Failing);
+    if (isFailing) {
+        errno = ENOMEM;  // as the C library's allocator does
+    }
+    return isFailing;
 }
 
 /// Set before main(), ahead of every use of OpenSSL.
