@@ -402,11 +402,14 @@ int SslConnection::handshake() {
         return result == -1 && isCleanEnd(m_Kind) ? 0 : result;
     }
     long const verified = SSL_get_verify_result(m_Session.get());
+    if (result > 0 && verified == X509_V_OK) {
+        return result;
+    }
     m_IsShort = m_IsShort || (isVerdictOfMissingAlgorithm(verified) && kvxHasLackedMemory());
     if (!m_IsLate && !m_IsShort && verified != X509_V_OK) {
         return refuse(kKvxTlsCertificate | static_cast<int>(verified & kVerifyMask));
     }
-    return result > 0 ? result : -1;
+    return -1;
 }
 
 std::int32_t SslConnection::Setup() {

@@ -25,6 +25,7 @@ thread_local std::optional<FailingTls::What> g_Failing;
 
 thread_local FailingTls::Why g_Why = FailingTls::Why::kNone;
 thread_local std::vector<TlsCallEnd> g_Ends;  ///< The next one last.
+thread_local std::optional<long> g_Verdict;
 
 bool fails(FailingTls::What what) {
     if (g_Failing != what) {
@@ -127,6 +128,14 @@ ScriptedTls::~ScriptedTls() {
     g_Ends.clear();
 }
 
+ScriptedVerdict::ScriptedVerdict(long verdict) {
+    g_Verdict = verdict;
+}
+
+ScriptedVerdict::~ScriptedVerdict() {
+    g_Verdict.reset();
+}
+
 }  // namespace kvxtest
 
 extern "C" int gethostbyname_r(char const* name, hostent* storage, char* buffer, std::size_t bytes, hostent** result,
@@ -142,6 +151,17 @@ extern "C" SSL_CTX* SSL_CTX_new(SSL_METHOD const* method) {
     static auto* const real = kvxtest::original<decltype(SSL_CTX_new)>("SSL_CTX_new");
     ++kvxtest::g_Contexts;
     return kvxtest::fails(kvxtest::FailingTls::What::kContext) ? nullptr : real(method);
+}
+
+extern "C" long SSL_get_verify_result(SSL const* session) {
+    static auto* const real = kvxtest::original<decltype(SSL_get_verify_result)>("SSL_get_verify_result");
+    return kvxtest::g_Verdict.value_or(real(session));
+}
+
+extern "C" unsigned long ERR_peek_error() {
+    static auto* const real = kvxtest::original<decltype(ERR_peek_error)>("ERR_peek_error");
+    bool const hasNoQueue = kvxtest::g_Failing && kvxtest::g_Why == kvxtest::FailingTls::Why::kNoQueue;
+    return hasNoQueue ? 0 : real();
 }
 
 extern "C" SSL* SSL_new(SSL_CTX* context) {

@@ -46,7 +46,11 @@ public:
         kTrustedEntry,  ///< A context gets an authority to trust.
         kTrustedFolder  ///< A context gets the system's folder of authorities.
     };
-    enum class Why { kNone, kMemory };
+    enum class Why {
+        kNone,
+        kMemory,  ///< The entry for lack of memory is in the error queue.
+        kNoQueue  ///< There was no memory for an error queue.
+    };
     explicit FailingTls(What what, Why why = Why::kNone);
     FailingTls(FailingTls const&) = delete;
     FailingTls& operator=(FailingTls const&) = delete;
@@ -69,6 +73,15 @@ public:
     ScriptedTls(ScriptedTls const&) = delete;
     ScriptedTls& operator=(ScriptedTls const&) = delete;
     ~ScriptedTls();
+};
+
+/// While it lives the sessions of this thread find this verdict on their peer's certificate.
+class ScriptedVerdict {
+public:
+    explicit ScriptedVerdict(long verdict);
+    ScriptedVerdict(ScriptedVerdict const&) = delete;
+    ScriptedVerdict& operator=(ScriptedVerdict const&) = delete;
+    ~ScriptedVerdict();
 };
 
 }  // namespace kvxtest

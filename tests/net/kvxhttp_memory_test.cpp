@@ -94,7 +94,8 @@ void expectRead(char const* name, std::vector<TlsCallEnd> const& ends, void (Pee
 }
 
 TEST(TlsMemory, LackingInAReadIsToldFromWhatThePeerDoes) {
-    constexpr int kAlert = SSL_AD_REASON_OFFSET + SSL_AD_HANDSHAKE_FAILURE;
+    constexpr int kAlert = SSL_AD_REASON_OFFSET + SSL_AD_ACCESS_DENIED;
+    constexpr int kNothingInCommon = SSL_AD_REASON_OFFSET + SSL_AD_HANDSHAKE_FAILURE;
     constexpr int kOther = SSL_R_BAD_LENGTH;  // below the alerts
     TlsCallEnd const waits{true, {}, ENOMEM};
     struct {
@@ -110,6 +111,15 @@ TEST(TlsMemory, LackingInAReadIsToldFromWhatThePeerDoes) {
         {"an alert", {{false, {ERR_R_MALLOC_FAILURE, kAlert}}}, &Peer::finish, false, tlsCode(kAlert)},
         {"an internal error", {{false, {ERR_R_INTERNAL_ERROR}}}, &Peer::finish, false, tlsCode(ERR_R_INTERNAL_ERROR)},
         {"its consequence", {{false, {ERR_R_INTERNAL_ERROR}}}, &Peer::finish, true, KVX_E_OUT_OF_MEMORY},
+        {"no algorithm in common", {{false, {kNothingInCommon}}}, &Peer::finish, false, tlsCode(kNothingInCommon)},
+        {"for a missing one", {{false, {kNothingInCommon}}}, &Peer::finish, true, KVX_E_OUT_OF_MEMORY},
+        {"for a missing kind of key",
+         {{false, {SSL_R_UNABLE_TO_FIND_PUBLIC_KEY_PARAMETERS}}},
+         &Peer::finish,
+         true,
+         KVX_E_OUT_OF_MEMORY},
+        {"for missing groups", {{false, {SSL_R_NO_SUITABLE_GROUPS}}}, &Peer::finish, true, KVX_E_OUT_OF_MEMORY},
+        {"no consequence", {{false, {kOther}}}, &Peer::finish, true, tlsCode(kOther)},
         {"a reset later", {waits, {true, {}}}, &Peer::reset, false, tlsCode(SSL_ERROR_SYSCALL)},
         {"without errno later", {waits, {true, {}, 0}}, &Peer::reset, false, KVX_E_OUT_OF_MEMORY},
         {"an end later", {waits, {true, {}}}, &Peer::finish, false, tlsCode(SSL_ERROR_ZERO_RETURN)},
@@ -135,7 +145,42 @@ TEST(TlsMemory, LackingIsNoBadCertificate) {
     });
 }
 
+TEST(TlsMemory, LackingEarlierExplainsVerdictsOfMissingAlgorithmsOnly) {
+    struct {
+        long m_Verdict;
+        bool m_HasLacked;
+        std::int32_t m_Code;
+    } const rows[] = {
+        {X509_V_ERR_EE_KEY_TOO_SMALL, true, KVX_E_OUT_OF_MEMORY},
+        {X509_V_ERR_CA_KEY_TOO_SMALL, true, KVX_E_OUT_OF_MEMORY},
+        {X509_V_ERR_CERT_SIGNATURE_FAILURE, true, KVX_E_OUT_OF_MEMORY},
+        {X509_V_ERR_CERT_SIGNATURE_FAILURE, false, tlsCode(kKvxTlsCertificate | X509_V_ERR_CERT_SIGNATURE_FAILURE)},
+        {X509_V_ERR_CERT_HAS_EXPIRED, true, tlsCode(kKvxTlsCertificate | X509_V_ERR_CERT_HAS_EXPIRED)},
+    };
+    TlsIdentity const identity;
+    TemporaryDirectory files;
+    files.write("trusted.pem", identity.certificatePem());
+    for (auto const& row : rows) {
+        RawServer const server([&](Peer& plain) { TlsPeer const peer(plain, TlsOptions{0, true, &identity}); });
+        KVX_RequestInfo request = requestFor("https://localhost:" + server.portText() + "/");
+        request.transfer.verifyPeer = true;
+        request.transfer.trustFile = stringOf(files.file("trusted.pem"));
+        request.transfer.isQuiet = true;
+        apart([&] {
+            ScriptedVerdict const verdict(row.m_Verdict);
+            if (row.m_HasLacked) {
+                kvxNoteLackOfMemory();
+            }
+            EXPECT_EQ(thrownCode([&] { fetch(request); }), row.m_Code) << row.m_Verdict;
+        });
+    }
+}
+
 TEST(TlsMemory, LackingForAContextIsTheRefusal) {
+    apart([] {
+        FailingTls const failing(What::kContext, Why::kNoQueue);
+        EXPECT_EQ(SslConnection().Readiness(), KVX_E_OUT_OF_MEMORY) << "too little for an error queue";
+    });
     apart([] {
         FailingTls const failing(What::kContext, Why::kMemory);
         EXPECT_EQ(SslConnection().Readiness(), KVX_E_OUT_OF_MEMORY);
