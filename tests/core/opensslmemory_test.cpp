@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "net/kvxmemorywatch.h"
 #include "tests/core/coresupport.h"
 #include "tests/support/exceptions.h"
 #include "tests/support/processes.h"
@@ -128,6 +129,8 @@ TEST(OpensslMemory, InPlentyLeavesForgeriesForgeries) {
     account.write("keys/private/own", "3048");
     TbString made;
     EXPECT_EQ(thrownCode([&] { account.m_Context.SignData("text", "own", made); }), KVX_E_CRYPTO);
+    kvxNoteLackOfMemory();
+    EXPECT_EQ(thrownCode([&] { account.m_Context.SignData("text", "own", made); }), KVX_E_CRYPTO) << "after a shortage";
     ERR_clear_error();
 }
 
