@@ -212,8 +212,6 @@ private:
     void makeContext();
     bool expectHost();
     void keepSession();
-    [[nodiscard]] bool isPeersDoing(int failure) const;
-    [[nodiscard]] bool isConsequence() const;
     int refuse(int status);
     int handshake();
 

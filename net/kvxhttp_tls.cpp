@@ -58,7 +58,21 @@ bool isOfMissingAlgorithm(int reason) {
     }
 }
 
-/// The same for a verdict on a certificate.
+/// Whether a call that failed in this way, with this `errno`, failed by the socket or by what the peer did on purpose:
+/// it closed the connection or sent an alert. Lack of memory cannot look like these.
+bool isPeersDoing(int kind, int reason, int failure) {
+    bool const isSocket = kind == SSL_ERROR_SYSCALL && failure != 0 && failure != ENOMEM;
+    bool const isAlert = kind == SSL_ERROR_SSL && isAlertOfPeer(reason);
+    return isSocket || isAlert || isCleanEnd(kind);
+}
+
+/// Whether a call that failed in this way shows what comes of an initialisation of the TLS library that lacked memory:
+/// algorithms are missing.
+bool isConsequence(int kind, int reason) {
+    return kind == SSL_ERROR_SSL && kvxHasLackedMemory() && isOfMissingAlgorithm(reason);
+}
+
+/// Whether a verdict on a certificate may be of a missing algorithm.
 bool isVerdictOfMissingAlgorithm(long verdict) {
     return verdict == X509_V_ERR_EE_KEY_TOO_SMALL || verdict == X509_V_ERR_CA_KEY_TOO_SMALL ||
            verdict == X509_V_ERR_CERT_SIGNATURE_FAILURE;
@@ -198,20 +212,6 @@ bool SslConnection::waitAsWanted(KvxDeadline const& end) {
     return false;
 }
 
-/// Whether the last failed call, with this `errno`, failed by the socket or by what the peer did on purpose: it closed
-/// the connection or sent an alert. Lack of memory cannot look like these.
-bool SslConnection::isPeersDoing(int failure) const {
-    bool const isSocket = m_Kind == SSL_ERROR_SYSCALL && failure != 0 && failure != ENOMEM;
-    bool const isAlert = m_Kind == SSL_ERROR_SSL && isAlertOfPeer(m_Reason);
-    return isSocket || isAlert || isCleanEnd(m_Kind);
-}
-
-/// Whether the last failed call is what comes of an initialisation of the TLS library that lacked memory: algorithms
-/// are missing.
-bool SslConnection::isConsequence() const {
-    return m_Kind == SSL_ERROR_SSL && kvxHasLackedMemory() && isOfMissingAlgorithm(m_Reason);
-}
-
 /// Makes one call on the TLS session and records why it failed. Returns the result of the call; -1 for every negative
 /// one and without a session.
 ///
@@ -253,7 +253,7 @@ int SslConnection::run(Call call) {
         }
         errno = failure;
         if (!waitAsWanted(end)) {
-            m_IsShort = isConsequence() || (wasShort && !isPeersDoing(failure));
+            m_IsShort = isConsequence(m_Kind, m_Reason) || (wasShort && !isPeersDoing(m_Kind, m_Reason, failure));
             return result < 0 ? -1 : 0;
         }
     }
