@@ -9,8 +9,10 @@
 #include <filesystem>
 #include <string>
 
+#include "net/kvxmemorywatch.h"
 #include "tests/core/coresupport.h"
 #include "tests/support/exceptions.h"
+#include "tests/support/processes.h"
 #include "tests/support/smallstack.h"
 #include "tests/support/systemcalls.h"
 #include "tests/support/tbtext.h"
@@ -139,6 +141,18 @@ TEST_F(GenKey, FailsWithoutRandomnessAndWritesNothing) {
     expectPlain(failure, KVX_E_CRYPTO, "cryptographic error");
     EXPECT_TRUE(filesIn("keys/public").empty());
     EXPECT_TRUE(filesIn("keys/private").empty());
+}
+
+TEST_F(GenKey, LacksMemoryWithoutRandomnessInAProcessThatHasLackedSome) {
+    makeKeyDirectories();
+    EXPECT_EQ(inChildProcess([&] {
+                  kvxNoteLackOfMemory();
+                  NoRandomness const none;
+                  TbString keyId("a");
+                  return thrownCode([&] { m_Context.GenKey(keyId); }) == KVX_E_OUT_OF_MEMORY ? 0 : 1;
+              }),
+              0);
+    EXPECT_TRUE(filesIn("keys/public").empty());
 }
 
 TEST_F(GenKey, FailsWithoutDirectories) {
