@@ -5,8 +5,11 @@ set(KVX_WARNINGS -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversio
 set(KVX_C_WARNINGS -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wcast-qual -Wformat=2
                    -Wundef -Wstrict-prototypes)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-  # Warns wrongly in inlined standard library code as soon as a sanitizer or -O3 is on.
+  # Warn wrongly in inlined standard library code as soon as a sanitizer or -O3 is on.
   list(REMOVE_ITEM KVX_WARNINGS -Wnull-dereference)
+  if(KVX_SANITIZE)
+    list(APPEND KVX_WARNINGS -Wno-maybe-uninitialized)
+  endif()
 endif()
 if(KVX_WARNINGS_ARE_ERRORS)
   list(APPEND KVX_WARNINGS -Werror)
