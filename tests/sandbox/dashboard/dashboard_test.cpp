@@ -366,7 +366,7 @@ TEST_F(Dashboard, ShowsWhatWasWrongWithAnExchange) {
 
 TEST_F(Dashboard, ShowsAnExchangeThatWasNotChecked) {
     m_Service->arm(sandbox::parseFault("reset,exchange=capture"));
-    EXPECT_THROW(get("/capture?DATA=" + percentEncoded("<KVX MSGTYPE=\"PayConfirm\"/>")), std::runtime_error);
+    EXPECT_THROW((void)get("/capture?DATA=" + percentEncoded("<KVX MSGTYPE=\"PayConfirm\"/>")), std::runtime_error);
     PageReader const page = open("/exchange?number=2");
     EXPECT_EQ(page.text("//main/dl/div[2]/dd"), "reset,exchange=capture");
     EXPECT_EQ(page.text("//section[@aria-labelledby='steps']/p"), "The request was not checked.");
