@@ -2,8 +2,8 @@
 //
 // Every call on the session goes through run(): it clears the thread's error queue, repeats a call that a signal
 // interrupted or that the socket was not ready for, and records kind and reason of a failure, because LastError is
-// asked later. Lack of memory is told from all other reasons: without memory the TLS library takes good certificates
-// for bad ones. The peer is verified on request only. Odd: a peer that closes cleanly during the handshake counts as
+// called later. Lack of memory has a code of its own, because without memory the TLS library refuses good
+// certificates. The peer is verified on request only. Odd: a peer that closes cleanly during the handshake counts as
 // connected, and the next call finds out.
 
 #include <arpa/inet.h>
@@ -41,8 +41,8 @@ bool isCleanEnd(int kind) {
 
 /// Whether a reason number stands for an alert that the peer has sent.
 bool isAlertOfPeer(int reason) {
-    constexpr int kMostAlert = 255;
-    return reason >= SSL_AD_REASON_OFFSET && reason <= SSL_AD_REASON_OFFSET + kMostAlert;
+    constexpr int kLastAlert = 255;
+    return reason >= SSL_AD_REASON_OFFSET && reason <= SSL_AD_REASON_OFFSET + kLastAlert;
 }
 
 /// Whether a reason number may stand for an algorithm that is missing here, and not for a fault of the peer.
