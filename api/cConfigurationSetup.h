@@ -25,6 +25,9 @@ public:
     /// "keys/private" when a later set-up makes another.
     /// Requires: no "?" and no byte above 0x7F in `user` and `password`, no "@" in `password`, and a `user` where there
     /// is a `password`; they enter the URL unescaped.
+    ///
+    /// The arguments are the caller's own: a password in them stays in released memory unless they are secret strings
+    /// (TbString::keepSecret). One that is made of a bare `char const*` on the way in is not.
     void Reconfigure(TbString const& url, TbString const& user, TbString const& password);
 
     /// See KVX_Context::SetOption.

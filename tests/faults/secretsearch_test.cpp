@@ -22,6 +22,7 @@
 #include <optional>
 
 #include "api/cConfigurationSetup.h"
+#include "api/kvxboundary.h"
 #include "core/kvxbase.h"
 #include "tallowin/tallowin.h"
 #include "tests/faults/failingheap.h"
@@ -205,13 +206,13 @@ void failThroughClasses(Report& report, Stage const& stage, Address const& addre
             Revealed password;
             user.add(kUser);
             password.add(kPassword);
-            setup.Reconfigure(url.c_str(), user.c_str(), password.c_str());
+            setup.Reconfigure(url.c_str(), kvxSecretText(user.c_str()), kvxSecretText(password.c_str()));
         });
     }
     lookIntoException(report, [&] {
         Revealed url;
         revealServerAddress(url, address, "/refused");
-        setup.Reconfigure(url.c_str(), "", "");
+        setup.Reconfigure(kvxSecretText(url.c_str()), "", "");
     });
 }
 
