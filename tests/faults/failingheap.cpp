@@ -64,6 +64,11 @@ constexpr std::size_t kMaxWiped = 1U << 14;
 void* g_Wiped[kMaxWiped];
 std::size_t g_WipedCount = 0;
 
+ReleaseWatch::IsWanted g_IsWanted = nullptr;
+void const* g_WantedContext = nullptr;
+long g_WantedCount = 0;
+Stack g_FirstWanted;
+
 void capture(Stack& stack) {
     t_IsInside = true;
     stack.m_Depth = ::backtrace(stack.m_Frames, kDepth);
@@ -138,6 +143,16 @@ void wipeIfOwn(void* memory) {
             g_Wiped[i] = g_Wiped[--g_WipedCount];
             return;
         }
+    }
+}
+
+/// Before `memory` is released or moved. The library's own blocks only: not those of the test.
+void lookAt(void* memory) {
+    if (g_IsWanted == nullptr || memory == nullptr || t_IsInside) {
+        return;
+    }
+    if (g_IsWanted(g_WantedContext, memory, ::malloc_usable_size(memory)) && g_WantedCount++ == 0) {
+        capture(g_FirstWanted);
     }
 }
 
@@ -233,6 +248,22 @@ std::string HeapWatch::lastStackOf(void const* address) {
     return "";
 }
 
+ReleaseWatch::ReleaseWatch(IsWanted isWanted, void const* context) {
+    Stack warm;
+    capture(warm);
+    g_WantedCount = 0;
+    g_WantedContext = context;
+    g_IsWanted = isWanted;
+}
+
+ReleaseWatch::~ReleaseWatch() {
+    g_IsWanted = nullptr;
+}
+
+std::string ReleaseWatch::report() {
+    return g_WantedCount == 0 ? "" : std::to_string(g_WantedCount) + " blocks, the first by\n" + textOf(g_FirstWanted);
+}
+
 WipedOnRelease::WipedOnRelease() : m_WasActive(t_IsWiping) {
     t_IsWiping = true;
 }
@@ -244,6 +275,7 @@ WipedOnRelease::~WipedOnRelease() {
 }  // namespace kvxtest
 
 using kvxtest::isPermitted;
+using kvxtest::lookAt;
 using kvxtest::unwatch;
 using kvxtest::watched;
 using kvxtest::wipeIfOwn;
@@ -267,6 +299,7 @@ void* realloc(void* memory, std::size_t bytes) {
         return nullptr;
     }
     unwatch(memory);
+    lookAt(memory);
     void* const moved = __libc_realloc(memory, bytes);
     return watched(moved == nullptr ? memory : moved) == nullptr ? nullptr : moved;
 }
@@ -291,6 +324,7 @@ int posix_memalign(void** memory, std::size_t alignment, std::size_t bytes) {
 void free(void* memory) {
     unwatch(memory);
     wipeIfOwn(memory);
+    lookAt(memory);
     int const failure = errno;
     __libc_free(memory);
     errno = failure;

@@ -79,6 +79,22 @@ public:
     static std::string lastStackOf(void const* address);
 };
 
+/// Looks at every block that is released while it lives, before it is. One at a time.
+class ReleaseWatch {
+public:
+    /// Whether a block of `bytes` bytes is one to be reported. Must not allocate.
+    using IsWanted = bool (*)(void const* context, void const* memory, std::size_t bytes);
+
+    /// `context` is handed to `isWanted` and outlives this object.
+    ReleaseWatch(IsWanted isWanted, void const* context);
+    ReleaseWatch(ReleaseWatch const&) = delete;
+    ReleaseWatch& operator=(ReleaseWatch const&) = delete;
+    ~ReleaseWatch();
+
+    /// Blocks that `isWanted` was true for, and the calls that released the first of them, a line each; empty for none.
+    static std::string report();
+};
+
 }  // namespace kvxtest
 
 #endif

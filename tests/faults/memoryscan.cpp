@@ -103,6 +103,27 @@ void MemoryScan::lookFor(char const* name, void const* bytes, std::size_t length
     }
 }
 
+bool MemoryScan::Piece::isAt(unsigned char const* at) const {
+    for (std::size_t i = 0; i < m_Length; ++i) {
+        if (static_cast<unsigned char>(at[i] ^ kMask) != m_Masked[i]) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool MemoryScan::isIn(void const* memory, std::size_t bytes) const {
+    auto const* const begin = static_cast<unsigned char const*>(memory);
+    for (std::size_t at = 0; at < bytes; ++at) {
+        for (Piece const& piece : m_Pieces) {
+            if (piece.m_Length <= bytes - at && piece.isAt(begin + at)) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
 std::string MemoryScan::find(std::size_t most) const {
     std::vector<Piece const*> byFirst[256];
     for (Piece const& piece : m_Pieces) {
@@ -118,11 +139,7 @@ std::string MemoryScan::find(std::size_t most) const {
     for (Mapping const& mapping : mappings) {
         for (unsigned char const* at = mapping.m_Begin; at + kMaxPiece <= mapping.m_End; ++at) {
             for (Piece const* piece : byFirst[static_cast<unsigned char>(*at ^ kMask)]) {
-                bool isSame = true;
-                for (std::size_t i = 1; i < piece->m_Length && isSame; ++i) {
-                    isSame = static_cast<unsigned char>(at[i] ^ kMask) == piece->m_Masked[i];
-                }
-                if (isSame) {
+                if (piece->isAt(at)) {
                     Copy& copy = copies[{at - piece->m_Position, piece->m_Name}];
                     copy.m_Mapping = &mapping;
                     ++copy.m_Pieces;

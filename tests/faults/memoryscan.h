@@ -54,6 +54,9 @@ public:
     /// Adds the pieces of `bytes`, of `piece` bytes each, under a name. The bytes are not kept. At most kMaxPiece.
     void lookFor(char const* name, void const* bytes, std::size_t length, std::size_t piece = 8);
 
+    /// Whether one of the pieces lies in `bytes` bytes at `memory`. Allocates nothing.
+    [[nodiscard]] bool isIn(void const* memory, std::size_t bytes) const;
+
     /// Where texts lie: name, kind of memory, how many pieces are left, and what stands before. A line for each copy,
     /// `most` of them. With KVX_FAULTS_STACKS also the calls that allocated the memory last.
     [[nodiscard]] std::string find(std::size_t most) const;
@@ -66,6 +69,9 @@ private:
         std::size_t m_Length;
         char const* m_Name;
         std::size_t m_Position;
+
+        /// Whether it lies at `at`, with room for it there.
+        [[nodiscard]] bool isAt(unsigned char const* at) const;
     };
 
     std::vector<Piece> m_Pieces;
