@@ -137,19 +137,23 @@ void SslConnection::ReuseReleaser::operator()(KvxTlsReuse* reuse) const noexcept
 }
 
 void SslConnection::makeContext() {
-    TbForkGate const gate;
-    KvxMemoryWatch watch;
-    SSL_library_init();
-    SSL_load_error_strings();
-    m_Context.reset(SSL_CTX_new(SSLv23_method()));
-    // Without memory the TLS library also makes contexts that lack algorithms.
-    if (watch.hasFailure() || (m_Context == nullptr && (kvxHasLackedMemory() || !kvxHasErrorQueue()))) {
+    bool isShort = false;
+    {
+        TbForkGate const gate;
+        KvxMemoryWatch watch;
+        SSL_library_init();
+        SSL_load_error_strings();
+        m_Context.reset(SSL_CTX_new(SSLv23_method()));
+        if (m_Context != nullptr) {
+            // An end without a close notification counts as one with it.
+            SSL_CTX_set_options(m_Context.get(), SSL_OP_IGNORE_UNEXPECTED_EOF | SSL_OP_CLEANSE_PLAINTEXT);
+        }
+        isShort = watch.hasFailure() || (m_Context == nullptr && (kvxHasLackedMemory() || !kvxHasErrorQueue()));
+    }
+    if (isShort) {
+        // Without memory the TLS library also makes contexts that lack algorithms. The holder has a gate of its own.
         m_Context.reset();
         m_Refusal = KVX_E_OUT_OF_MEMORY;
-    }
-    if (m_Context != nullptr) {
-        // An end without a close notification counts as one with it.
-        SSL_CTX_set_options(m_Context.get(), SSL_OP_IGNORE_UNEXPECTED_EOF | SSL_OP_CLEANSE_PLAINTEXT);
     }
 }
 

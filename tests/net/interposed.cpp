@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstring>
 #include <optional>
+#include <utility>
 
 namespace kvxtest {
 
@@ -26,6 +27,7 @@ thread_local std::optional<FailingTls::What> g_Failing;
 thread_local FailingTls::Why g_Why = FailingTls::Why::kNone;
 thread_local std::vector<TlsCallEnd> g_Ends;  ///< The next one last.
 thread_local std::optional<long> g_Verdict;
+thread_local std::function<void()> g_WithoutAlgorithms;  ///< Called meanwhile.
 
 bool fails(FailingTls::What what) {
     if (g_Failing != what) {
@@ -120,6 +122,14 @@ FailingTls::~FailingTls() {
     g_Failing.reset();
 }
 
+LackingContexts::LackingContexts(std::function<void()> meanwhile) {
+    g_WithoutAlgorithms = std::move(meanwhile);
+}
+
+LackingContexts::~LackingContexts() {
+    g_WithoutAlgorithms = nullptr;
+}
+
 ScriptedTls::ScriptedTls(std::vector<TlsCallEnd> ends) {
     g_Ends.assign(ends.rbegin(), ends.rend());
 }
@@ -150,6 +160,10 @@ extern "C" int gethostbyname_r(char const* name, hostent* storage, char* buffer,
 extern "C" SSL_CTX* SSL_CTX_new(SSL_METHOD const* method) {
     static auto* const real = kvxtest::original<decltype(SSL_CTX_new)>("SSL_CTX_new");
     ++kvxtest::g_Contexts;
+    if (kvxtest::g_WithoutAlgorithms) {
+        kvxtest::g_WithoutAlgorithms();
+        ERR_raise(ERR_LIB_SSL, ERR_R_MALLOC_FAILURE);
+    }
     return kvxtest::fails(kvxtest::FailingTls::What::kContext) ? nullptr : real(method);
 }
 

@@ -3,6 +3,7 @@
 #define TALLOWIN_TESTS_NET_INTERPOSED_H
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -55,6 +56,16 @@ public:
     FailingTls(FailingTls const&) = delete;
     FailingTls& operator=(FailingTls const&) = delete;
     ~FailingTls();
+};
+
+/// While it lives every TLS context that this thread makes is made without memory for its algorithms. Calls
+/// `meanwhile` inside the function that makes it.
+class LackingContexts {
+public:
+    explicit LackingContexts(std::function<void()> meanwhile);
+    LackingContexts(LackingContexts const&) = delete;
+    LackingContexts& operator=(LackingContexts const&) = delete;
+    ~LackingContexts();
 };
 
 /// How a call on a session ends.

@@ -7,8 +7,12 @@
 #include <gtest/gtest.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <thread>
 
 #include "foundation/tbexception.h"
 #include "net/kvxhttp.h"
@@ -21,6 +25,7 @@
 #include "tests/support/systemcalls.h"
 #include "tests/support/tbtext.h"
 #include "tests/support/tlsserver.h"
+#include "tests/support/waiting.h"
 
 using namespace kvxtest;
 
@@ -191,6 +196,30 @@ TEST(TlsMemory, LackingForAContextIsTheRefusal) {
         kvxNoteLackOfMemory();
         EXPECT_EQ(SslConnection().Readiness(), KVX_E_OUT_OF_MEMORY) << "the consequence";
     });
+}
+
+TEST(TlsMemory, LackingForAContextStopsNoFork) {
+    int const status = inChildProcess(
+        [] {
+            std::atomic<pid_t> forking{0};
+            std::thread thread;
+            LackingContexts const lacking([&] {
+                thread = std::thread([&] {
+                    forking = idOfThisThread();
+                    pid_t const child = ::fork();
+                    if (child == 0) {
+                        ::_exit(0);
+                    }
+                    ::waitpid(child, nullptr, 0);
+                });
+                EXPECT_TRUE(waitUntil([&] { return forking != 0 && isBlocked(forking); }));
+            });
+            EXPECT_EQ(SslConnection().Readiness(), KVX_E_OUT_OF_MEMORY);
+            thread.join();
+            return testing::Test::HasFailure() ? 1 : 0;
+        },
+        kTimeout);
+    EXPECT_EQ(status, 0);
 }
 
 TEST(TlsMemory, LackingForASessionEndsTheSetup) {
