@@ -80,6 +80,10 @@ bool isVerdictOfMissingAlgorithm(long verdict) {
 
 /// One call on a session: keeps forks out, save while the call waits for its socket, and watches it for lack of memory.
 struct SessionCall {
+    explicit SessionCall(KvxDeadline const& end) : m_End(end) {}
+
+    KvxDeadline const& m_End;
+    bool m_IsLate = false;  ///< The call was refused its socket behind the deadline.
     TbForkGate m_Gate;
     KvxMemoryWatch m_Memory;
 };
@@ -90,8 +94,9 @@ void watchMessage(int, int, int, void const*, std::size_t, SSL*, void* call) {
     static_cast<SessionCall*>(call)->m_Memory.sample();
 }
 
-/// Lets forks through while the session waits for its socket. The callback's argument is the SessionCall.
-long openGateDuringIo(BIO* bio, int operation, char const*, std::size_t, int, long, int result, std::size_t*) {
+/// Lets forks through while the session waits for its socket, and ends a call that is late: one call goes on for as
+/// long as the peer sends records without data, such as tickets. The callback's argument is the SessionCall.
+long beforeAndBehindIo(BIO* bio, int operation, char const*, std::size_t, int, long, int result, std::size_t*) {
     auto* const call = reinterpret_cast<SessionCall*>(BIO_get_callback_arg(bio));
     if (call == nullptr) {
         return result;
@@ -99,6 +104,10 @@ long openGateDuringIo(BIO* bio, int operation, char const*, std::size_t, int, lo
     switch (operation) {
         case BIO_CB_READ:
         case BIO_CB_WRITE:
+            if (call->m_End.hasPassed()) {
+                call->m_IsLate = true;
+                return -1;
+            }
             call->m_Gate.open();
             break;
         case BIO_CB_READ | BIO_CB_RETURN:
@@ -241,7 +250,7 @@ int SslConnection::run(Call call) {
         int result = 0;
         int failure = 0;
         {
-            SessionCall watched;
+            SessionCall watched(end);
             BIO_set_callback_arg(SSL_get_rbio(m_Session.get()), reinterpret_cast<char*>(&watched));
             SSL_set_msg_callback_arg(m_Session.get(), &watched);
             result = call(m_Session.get());
@@ -254,6 +263,11 @@ int SslConnection::run(Call call) {
             m_Kind = SSL_get_error(m_Session.get(), result);
             m_Reason = ERR_GET_REASON(ERR_peek_last_error());
             wasShort = watched.m_Memory.hasFailure() || wasShort;
+            m_IsLate = watched.m_IsLate;
+        }
+        if (m_IsLate) {
+            errno = ETIMEDOUT;
+            return -1;
         }
         errno = failure;
         if (!waitAsWanted(end)) {
@@ -382,7 +396,7 @@ int SslConnection::handshake() {
         m_Session.reset(m_Context == nullptr ? nullptr : SSL_new(m_Context.get()));
         isReady = m_Session != nullptr && SSL_set_fd(m_Session.get(), m_Socket) == 1;
         if (isReady) {
-            BIO_set_callback_ex(SSL_get_rbio(m_Session.get()), &openGateDuringIo);
+            BIO_set_callback_ex(SSL_get_rbio(m_Session.get()), &beforeAndBehindIo);
             SSL_set_msg_callback(m_Session.get(), &watchMessage);
             isHostExpected = !m_Verifies || expectHost();
         }

@@ -372,6 +372,43 @@ TEST(ConnectionLimits, EndTheReadOfATlsConnectionAndLetItGoOn) {
     endConnection(connection);
 }
 
+TEST(ConnectionLimits, EndATlsCallWhosePeerNeverLetsItWait) {
+    TlsServer const server(
+        [](Peer& peer) {
+            peer.send("data");
+            hold(peer);
+        },
+        TlsOptions{TLS1_2_VERSION, true});  // sends nothing else behind the handshake
+    SockConnection connected;
+    sockaddr_in address = addressOf(server);
+    ASSERT_EQ(connected.Connect(generic(address)), KVX_OK);
+    int const socket = connected.Detach();
+    SslConnection connection;
+    connection.SetLimits(ioLimit(20000));
+    connection.Attach(socket);
+    ASSERT_EQ(connection.Setup(), KVX_OK);
+    pollfd arrived = {socket, POLLIN, 0};
+    ASSERT_EQ(::poll(&arrived, 1, 20000), 1);
+    TbStringStream answer;
+    {
+        // The end is computed, the start checked, the record's head read: its body is met an hour later.
+        static int s_Looks;
+        s_Looks = 0;
+        SystemCalls system;
+        system->clock_gettime = [](clockid_t clock, timespec* now) {
+            int const result = ::clock_gettime(clock, now);
+            now->tv_sec += ++s_Looks > 3 ? 3600 : 0;
+            return result;
+        };
+        EXPECT_EQ(connection.Read(answer), -1);
+    }
+    EXPECT_EQ(bits(connection.LastError()), 0x8004303CU);
+    EXPECT_EQ(bytesOf(answer), "");
+    EXPECT_EQ(connection.Read(answer), 4);
+    EXPECT_EQ(bytesOf(answer), "data");
+    endConnection(connection);
+}
+
 TEST(ConnectionLimits, EndOperationsWhoseTimeIsOverBeforeTheyBegin) {
     TlsServer const server(kResponse);
     KVX_ConnectionLimits over;
