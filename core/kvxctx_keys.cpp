@@ -223,6 +223,15 @@ void KVX_Context::requireAcceptable(TbString const& keyBlob) {
 
 /// Whether the private half of `keyId` is here.
 bool KVX_Context::hasPrivateKey(TbString const& keyId) {
+    TbString const file = kvx::privateKeyFile(keyId);
     TbStringStream text;
-    return readKeyFile(kvx::privateKeyFile(keyId), keyId, text);
+    try {
+        return readKeyFile(file, keyId, text);
+    } catch (KVX_Exception const& failure) {
+        if (failure.code() != KVX_E_FILE_IO) {
+            throw;
+        }
+        // A missing file is harmless here, so one that cannot be read has the code of all such files.
+        kvx::kSourceCtx.fail(KVX_E_CANNOT_OPEN, kvx::kLineReadFile, file);
+    }
 }
