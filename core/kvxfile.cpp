@@ -143,13 +143,14 @@ bool mayWriteInPlace(int error) {
 
 /// Only the system's own word makes a file absent: a process without descriptors or permission must not go on as if
 /// there were none.
-KvxReadResult failureToOpen(int error) {
+KvxReadResult failureToOpen(char const* path, int error) {
+    struct ::stat status = {};
     switch (error) {
         case ENOENT:
         case ENOTDIR:
             return KvxReadResult::kAbsent;
-        case ENAMETOOLONG:
-            return KvxReadResult::kNameTooLong;
+        case ENAMETOOLONG:  // of the path, or of the name that a link leads to
+            return tbSystem().lstat(path, &status) == 0 ? KvxReadResult::kCannotOpen : KvxReadResult::kNameTooLong;
         case EISDIR:
             return KvxReadResult::kDirectory;
         default:
@@ -365,7 +366,7 @@ int kvxOpenForReading(char const* path) noexcept {
 KvxReadResult kvxReadFile(char const* path, TbStringStream& out) {
     KvxDescriptor const file(kvxOpenForReading(path));
     if (!file.isOpen()) {
-        return failureToOpen(errno);
+        return failureToOpen(path, errno);
     }
     // Grown at once where the file's size is known, so that no outgrown copy of a key stays in memory.
     struct ::stat status = {};

@@ -330,6 +330,11 @@ TEST_F(StrictVerification, NeedsToKnowWhetherTheKeyIsAnOwnOne) {
     EXPECT_EQ(verify(text, signature).m_Code, KVX_E_CANNOT_OPEN);
 }
 
+TEST_F(StrictVerification, NeedsSettingsThatCanBeOpened) {
+    std::filesystem::create_symlink(std::string(300, 'x'), m_Dir.file("settings.xml"));
+    EXPECT_EQ(verify(confirmation("own"), signedAsOwn(confirmation("own"))).m_Code, KVX_E_CANNOT_OPEN);
+}
+
 TEST_F(StrictVerification, RefusesSignaturesInOtherSpellings) {
     std::string const text = confirmation("server");
     std::string const signature = signedElsewhere(text, Widening::kWithSign);

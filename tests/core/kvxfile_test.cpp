@@ -558,6 +558,19 @@ TEST(ReadFile, ReadsAFileWhateverSizeIsToldForIt) {
     }
 }
 
+/// A link is there, whatever name it leads to.
+TEST(ReadFile, TellsANameThatIsTooLongFromALinkToOne) {
+    TemporaryDirectory dir;
+    std::string const name(300, 'x');
+    std::filesystem::create_symlink(name, dir.file("link"));
+    std::filesystem::create_symlink("nowhere", dir.file("dangling"));
+    TbStringStream content;
+    EXPECT_EQ(kvxReadFile(dir.file(name).c_str(), content), KvxReadResult::kNameTooLong);
+    EXPECT_EQ(kvxReadFile(dir.file(name + "/file").c_str(), content), KvxReadResult::kNameTooLong);
+    EXPECT_EQ(kvxReadFile(dir.file("link").c_str(), content), KvxReadResult::kCannotOpen);
+    EXPECT_EQ(kvxReadFile(dir.file("dangling").c_str(), content), KvxReadResult::kAbsent);
+}
+
 TEST(SyncNewDirectory, SynchronisesTheDirectoryThatHoldsIt) {
     static std::string s_Opened;
     SystemCalls calls;
