@@ -29,6 +29,10 @@ namespace {
 constexpr char kTemporaryPrefix[] = ".tallowin-";
 constexpr char kTemporarySuffix[] = ".tmp";
 constexpr mode_t kPermissions = 07777;
+
+/// Of a new file until it gets the mode of the one that it replaces. A reader who opened it before would keep it open.
+constexpr mode_t kOwnerOnly = 0600;
+
 constexpr std::size_t kReadChunk = 8192;
 
 /// A divisor of every page size, a power of two.
@@ -83,9 +87,9 @@ void removeLeftovers(TbString const& directory) {
 /// A new file beside the target. Locked while it is written; removed unless it was renamed to the target.
 class TemporaryFile {
 public:
-    TemporaryFile(TbString const& directory, KvxWriteOptions const& options) : m_File(-1) {
+    TemporaryFile(TbString const& directory, mode_t mode) : m_File(-1) {
         // Another process may remove the file before it is locked; then another one is made.
-        for (int attempt = 0; attempt < kAttempts && !create(directory, options.m_Mode); ++attempt) {
+        for (int attempt = 0; attempt < kAttempts && !create(directory, mode); ++attempt) {
         }
     }
     TemporaryFile(TemporaryFile const&) = delete;
@@ -288,7 +292,7 @@ KvxWriteResult replaceBeside(char const* path, void const* data, std::size_t byt
                              struct ::stat const* old) {
     TbString const directory = directoryOf(path);
     removeLeftovers(directory);
-    TemporaryFile fresh(directory, options);
+    TemporaryFile fresh(directory, old == nullptr ? options.m_Mode : kOwnerOnly);
     if (!fresh.isOpen()) {
         int const error = errno;
         if (mayWriteInPlace(error)) {

@@ -317,6 +317,23 @@ TEST_F(ReplaceFile, BearsPrivateKeysForTheirOwnerOnly) {
     EXPECT_EQ(modeOf(m_Dir.file("keys/public/id")), mode_t{0666});
 }
 
+TEST_F(ReplaceFile, LetsNobodyOpenTheNewFileBeforeItHasTheModeOfTheOldOne) {
+    static mode_t s_Before = 0;
+    write("config.xml", "old");
+    ::chmod(m_Dir.file("config.xml").c_str(), 0640);
+    Umask const mask(0);
+    SystemCalls calls;
+    calls->fchmod = [](int file, mode_t mode) {
+        struct stat status = {};
+        EXPECT_EQ(::fstat(file, &status), 0);
+        s_Before = status.st_mode & 07777;
+        return ::fchmod(file, mode);
+    };
+    m_Context.UpdateFile("config.xml", "new");
+    EXPECT_EQ(s_Before, mode_t{0600});
+    EXPECT_EQ(modeOf(m_Dir.file("config.xml")), mode_t{0640});
+}
+
 TEST_F(ReplaceFile, KeepsTheModeOfAnExistingPrivateKey) {
     write("keys/private/id", "old");
     ::chmod(m_Dir.file("keys/private/id").c_str(), 0640);
