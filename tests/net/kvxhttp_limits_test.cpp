@@ -434,22 +434,28 @@ TEST(ConnectionLimits, EndOperationsWhoseTimeIsOverBeforeTheyBegin) {
     }
 }
 
+/// A connected socket that blocks.
+int socketTo(RawServer const& server) {
+    SockConnection connection;
+    sockaddr_in address = addressOf(server);
+    EXPECT_EQ(connection.Connect(generic(address)), KVX_OK);
+    return connection.Detach();
+}
+
 TEST(ConnectionLimits, CountForAdoptedSockets) {
     RawServer const silent(&hold);
-    SockConnection connected;
-    sockaddr_in address = addressOf(silent);
-    ASSERT_EQ(connected.Connect(generic(address)), KVX_OK);
+    KVX_ConnectionLimits limits = ioLimit(30);
+    limits.isQuiet = true;
     SockConnection plain;
-    plain.SetLimits(ioLimit(30));
-    plain.Attach(connected.Detach());
+    plain.SetLimits(limits);
+    plain.Attach(socketTo(silent));
     TbStringStream answer;
     EXPECT_EQ(plain.Read(answer), -1);
     EXPECT_EQ(bits(plain.LastError()), 0x8004303CU);
+    endConnection(plain);
     SslConnection secure;
-    KVX_ConnectionLimits limits = ioLimit(30);
-    limits.isQuiet = true;
     secure.SetLimits(limits);
-    secure.Attach(plain.Detach());
+    secure.Attach(socketTo(silent));
     EXPECT_EQ(bits(secure.Setup()), 0x8004303CU);
     endConnection(secure);
 }

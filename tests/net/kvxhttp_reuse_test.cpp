@@ -8,7 +8,10 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <set>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "net/kvxhttp.h"
 #include "net/kvxtlscache.h"
@@ -135,6 +138,39 @@ TEST_F(ReusedTls, IsForOneHostPortAndSetOfChecksOnly) {
     EXPECT_EQ(fetch(request(server.url())), "body");
     EXPECT_EQ(other.records(), Records{"new"});
     EXPECT_EQ(server.records(), (Records{"new", "new", "new", "new", "resumed"}));
+}
+
+/// The key of a connection, as text.
+std::string keyOf(KVX_Transfer const& transfer, char const* trust, char const* host, char const* port) {
+    KvxTlsKey key;
+    EXPECT_TRUE(kvxTlsKeyOf(transfer, trust, host, port, key));
+    return {reinterpret_cast<char const*>(key.m_Digest), sizeof key.m_Digest};
+}
+
+TEST(TlsKey, IsAnotherOneForEveryDifference) {
+    char const* const variables[] = {X509_get_default_cert_file_env(), X509_get_default_cert_dir_env()};
+    for (char const* const variable : variables) {
+        ::unsetenv(variable);
+    }
+    KVX_Transfer const plain;
+    KVX_Transfer verifying;
+    verifying.verifyPeer = true;
+    KVX_Transfer trusting = verifying;
+    trusting.trustFile = "trusted.pem";
+    KVX_Transfer newer;
+    newer.minimumVersion = KVX_TlsVersion::Tls12;
+    std::vector<std::string> keys = {
+        keyOf(plain, "", "shop", "443"),     keyOf(verifying, "", "shop", "443"), keyOf(trusting, "", "shop", "443"),
+        keyOf(trusting, "x", "shop", "443"), keyOf(newer, "", "shop", "443"),     keyOf(plain, "", "shop4", "43"),
+        keyOf(plain, "", "shop", "44"),
+    };
+    for (char const* const variable : variables) {
+        ::setenv(variable, "elsewhere", 1);
+        keys.push_back(keyOf(verifying, "", "shop", "443"));
+        ::unsetenv(variable);
+    }
+    EXPECT_EQ(keyOf(plain, "", "shop", "443"), keys.front());
+    EXPECT_EQ(std::set<std::string>(keys.begin(), keys.end()).size(), keys.size());
 }
 
 TEST_F(ReusedTls, EndsWhenTheTrustedAuthoritiesChange) {

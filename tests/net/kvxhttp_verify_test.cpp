@@ -157,12 +157,16 @@ TEST_F(VerifiedPeer, IsRefusedForEveryFlawOfItsCertificate) {
 
 TEST_F(VerifiedPeer, IsTheHostBehindAProxy) {
     CertificateOptions options = good();
-    options.m_Hosts = "DNS:shop.example";
+    options.m_Hosts = "DNS:shop.example,DNS:*.whole.example,DNS:sh*.part.example";
     TlsIdentity const identity(options);
     struct {
         char const* m_Host;
         std::uint32_t m_Code;
-    } const cases[] = {{"shop.example", 0}, {"other.example", 0x8004483EU}, {"10.0.0.1", 0x80044840U}};
+    } const cases[] = {{"shop.example", 0},
+                       {"shop.whole.example", 0},
+                       {"shop.part.example", 0x8004483EU},
+                       {"other.example", 0x8004483EU},
+                       {"10.0.0.1", 0x80044840U}};
     for (auto const& row : cases) {
         std::vector<std::string> seen;
         RawServer proxy([&](Peer& plain) {
@@ -180,7 +184,7 @@ TEST_F(VerifiedPeer, IsTheHostBehindAProxy) {
         through.proxyPort = stringOf(proxy.portText());
         EXPECT_EQ(bits(thrownCode([&] { fetch(through); })), row.m_Code) << row.m_Host;
         proxy.records();
-        EXPECT_EQ(seen, row.m_Code == 0 ? std::vector<std::string>{"shop.example"} : std::vector<std::string>{});
+        EXPECT_EQ(seen, row.m_Code == 0 ? std::vector<std::string>{row.m_Host} : std::vector<std::string>{});
     }
 }
 
