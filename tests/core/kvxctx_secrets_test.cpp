@@ -259,6 +259,27 @@ TEST(SecretsOfTheAccount, AreWipedAfterTheirFileWasChanged) {
               std::string::npos);
 }
 
+TEST(SecretsOfTheAccount, AreWipedAfterTheirFileWasWrittenInPlace) {
+    Merchant account(configWithCredentials("1"));
+    SystemCalls calls;
+    calls->open = [](char const* path, int flags, mode_t mode) {
+        errno = EACCES;  // as in a directory that may not be written
+        return (flags & O_EXCL) != 0 ? -1 : TbSystemCalls::openFile(path, flags, mode);
+    };
+    leavesNothingBehind("written", [&] { account.m_Context.SetValue("config.xml", "OTHER", "new", false); });
+    std::string const written = account.read("config.xml");
+    EXPECT_NE(written.find("OTHER=\"new\""), std::string::npos);
+    calls->fsync = [](int) {
+        errno = EIO;
+        return -1;
+    };
+    leavesNothingBehind("put back", [&] {
+        EXPECT_EQ(thrownCode([&] { account.m_Context.SetValue("config.xml", "OTHER", "newer", false); }),
+                  KVX_E_FILE_IO);
+    });
+    EXPECT_EQ(account.read("config.xml"), written);
+}
+
 TEST(SecretsOfTheAccount, AreWipedWhenTheirFileIsCutOff) {
     std::string const whole = configWithCredentials("1");
     Merchant account(whole);
