@@ -202,7 +202,8 @@ std::uint32_t ICCT_UsableModulusBits(unsigned char const* pubKey, unsigned long 
     int const bytes = RSA_size(key.get());
     bool const fits = bytes >= SHA_DIGEST_LENGTH + kPaddingBytes && bytes <= kMaxVerifyModulus;
     // No number is negative: OpenSSL reads those of a key without their signs.
-    bool const isSound = BN_is_odd(modulus) == 1 && BN_is_odd(exponent) == 1 && BN_is_one(exponent) == 0;
+    bool const isSound = BN_is_odd(modulus) == 1 && BN_is_odd(exponent) == 1 && BN_is_one(exponent) == 0 &&
+                         BN_ucmp(exponent, modulus) < 0;
     return fits && isSound ? static_cast<std::uint32_t>(BN_num_bits(modulus)) : 0;
 }
 

@@ -213,6 +213,8 @@ TEST(UsableModulusBits, AreThoseOfANumberWithoutItsSign) {
     };
     Bytes padded = modulus;
     padded.insert(padded.begin(), 0x00);
+    Bytes below = padded;
+    below.back() -= 2;
     Row const rows[] = {
         {"positive", keyOf({padded, exponent}), 512},
         {"a modulus with its sign bit set", keyOf({modulus, exponent}), 512},
@@ -220,6 +222,9 @@ TEST(UsableModulusBits, AreThoseOfANumberWithoutItsSign) {
         {"an even modulus with its sign bit set", keyOf({Bytes(64, 0xF0), exponent}), 0},
         {"an even exponent with its sign bit set", keyOf({padded, {0xFE}}), 0},
         {"an exponent of one", keyOf({padded, {0x01}}), 0},
+        {"an exponent below the modulus", keyOf({padded, below}), 512},
+        {"an exponent that is the modulus", keyOf({padded, padded}), 0},
+        {"an exponent above the modulus", keyOf({below, padded}), 0},
     };
     for (Row const& row : rows) {
         EXPECT_EQ(ICCT_UsableModulusBits(row.m_Key.data(), row.m_Key.size()), row.m_Bits) << row.m_What;
