@@ -251,8 +251,15 @@ bool overwriteOrRestore(int file, char const* path, void const* data, std::size_
     return false;
 }
 
+/// Asks for a new file only where there is none: in a directory with the sticky bit the system may refuse to open a
+/// stranger's file for one who asks.
+int openForWriting(char const* path, mode_t mode) {
+    int const file = openFile(path, O_WRONLY);
+    return file >= 0 || errno != ENOENT ? file : openFile(path, O_WRONLY | O_CREAT, mode);
+}
+
 KvxWriteResult writeInPlace(char const* path, void const* data, std::size_t bytes, KvxWriteOptions const& options) {
-    KvxDescriptor file(openFile(path, O_WRONLY | O_CREAT, options.m_Mode));
+    KvxDescriptor file(openForWriting(path, options.m_Mode));
     if (!file.isOpen()) {
         return KvxWriteResult::kCannotOpen;
     }

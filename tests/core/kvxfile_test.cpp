@@ -395,6 +395,19 @@ TEST_F(ReplaceFile, WritesAStrangersFileInPlace) {
     }
 }
 
+/// As fs.protected_regular has it for a stranger's file in a directory with the sticky bit.
+TEST_F(ReplaceFile, WritesInPlaceWhereNobodyMayAskForANewFile) {
+    write("config.xml", "old content");
+    SystemCalls calls;
+    calls->open = [](char const* path, int flags, mode_t mode) {
+        errno = EACCES;
+        return (flags & O_CREAT) != 0 ? -1 : TbSystemCalls::openFile(path, flags, mode);
+    };
+    m_Context.UpdateFile("config.xml", "new");
+    EXPECT_EQ(read("config.xml"), "new");
+    EXPECT_EQ(thrownCode([&] { m_Context.UpdateFile("other.xml", "new"); }), KVX_E_FILE_NOT_FOUND);
+}
+
 TEST_F(ReplaceFile, RemovesWhatDeadWritersLeftAndNothingElse) {
     write(".tallowin-1-0.tmp", "half");
     write(".tallowin-99-7.tmp", "");
