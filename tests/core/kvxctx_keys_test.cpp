@@ -3,14 +3,20 @@
 // Signatures are compared with those of other code (signedElsewhere). Odd: signing widens bytes without sign and
 // verifying with sign, so bytes from 0x80 on verify only when the other side signed them.
 
+#include <openssl/err.h>
 #include <openssl/rand.h>
 
 #include <algorithm>
 #include <filesystem>
+#include <functional>
 #include <string>
+#include <vector>
 
+#include "core/icct.h"
 #include "net/kvxmemorywatch.h"
 #include "tests/core/coresupport.h"
+#include "tests/core/icctsupport.h"
+#include "tests/support/encodings.h"
 #include "tests/support/exceptions.h"
 #include "tests/support/processes.h"
 #include "tests/support/smallstack.h"
@@ -269,6 +275,32 @@ TEST_F(VerifyData, AcceptsTheSignaturesOfAnotherProgram) {
     std::string const message = dataText("sandbox/message.txt");
     EXPECT_EQ(verified(message, "second", dataHex("sandbox/signature-sign.hex")), KVX_OK);
     EXPECT_EQ(verified(message, "second", dataHex("sandbox/signature-digestinfo.hex")), KVX_E_INVALID_SIGNATURE);
+}
+
+TEST_F(VerifyData, LeavesTheErrorsOfOneAttemptOnTopOfTheCallersOwn) {
+    writeServerKey("server");
+    std::string const key = dataHex("rsa/key512.public.hex");
+    auto const entriesOf = [](std::function<void()> const& call) {
+        ERR_clear_error();
+        ERR_raise(ERR_LIB_USER, 1);
+        call();
+        std::vector<unsigned long> entries;
+        while (unsigned long const entry = ERR_get_error()) {
+            entries.push_back(entry);
+        }
+        return entries;
+    };
+    std::vector<unsigned long> const once = entriesOf([&] {
+        Bytes blob = bytesOfHex(key);
+        Bytes signature(64, 1);
+        EXPECT_EQ(ICCT_Verify(blob.data(), static_cast<int>(blob.size()), nullptr, 0, signature.data(), 64), -1);
+    });
+    ASSERT_GT(once.size(), 1U);
+    EXPECT_EQ(entriesOf([&] {
+                  std::string const wrong = hexOf(Bytes(64, 1));
+                  EXPECT_EQ(verified("", "server", wrong), KVX_E_INVALID_SIGNATURE);
+              }),
+              once);
 }
 
 TEST_F(VerifyData, KeepsRefusingWhatSignDataMadeOfBytesAbove127) {
