@@ -6,8 +6,8 @@
 #include <fstream>
 #include <system_error>
 
-#include "bench/bench_support.h"
 #include "bench/plain.h"
+#include "bench/require.h"
 #include "core/icct.h"
 
 namespace kvxbench {

@@ -1,7 +1,8 @@
 // Runs all registered benchmarks interleaved, collects the time of each repetition, and prints ratios of medians.
 //
-// Order: rows and the collector, registering, run(), checks. The collector replaces the benchmark library's own output.
-// The range beside a ratio divides each side's lower quartile by the other's upper one, and the reverse.
+// Order: rows and the collector, printing, registering, run(). The collector replaces the benchmark library's own
+// output. The range beside a ratio divides each side's lower quartile by the other's upper one, and the reverse.
+// scripts/bench reads the table: columns are at least two spaces apart, and nothing in a column is.
 #include "bench/bench_support.h"
 
 #include <benchmark/benchmark.h>
@@ -12,9 +13,9 @@
 #include <exception>
 #include <iostream>
 #include <map>
-#include <stdexcept>
+#include <regex>
+#include <set>
 #include <utility>
-#include <vector>
 
 namespace kvxbench {
 
@@ -24,19 +25,29 @@ struct Ratio {
     std::string m_Label;
     std::string m_Measured;
     std::string m_Base;
-    double m_Divisor;
-    Clock m_Clock;
+    Comparison m_Comparison;
 };
 
 struct Bytes {
     std::string m_Label;
-    double m_Ours;
     std::string m_Other;
-    double m_Theirs;
+    std::function<Sizes()> m_Measure;
+    SizeGoal m_Goal;
+};
+
+/// A line of the table.
+struct Line {
+    std::string m_Label;
+    double m_Value = 0;
+    double m_Best = 0;  ///< The favourable end of the spread.
+    std::string m_Detail;
+    double m_Goal = kNoGoal;  ///< In the unit of m_Value.
+    std::string m_GoalText;
 };
 
 std::vector<Ratio> g_Ratios;
 std::vector<Bytes> g_Bytes;
+std::multimap<std::string, std::string> g_Either;
 
 /// Stores the time of each repetition; prints nothing.
 class Collector : public benchmark::BenchmarkReporter {
@@ -73,16 +84,92 @@ private:
     std::map<std::pair<std::string, Clock>, std::vector<double>> m_Times;
 };
 
-/// Prints a row. Returns false when one of its benchmarks has not run.
-bool printRatio(Ratio const& ratio, Collector const& times) {
-    auto const measured = [&](double part) { return times.quantile(ratio.m_Measured, ratio.m_Clock, part); };
-    auto const base = [&](double part) { return times.quantile(ratio.m_Base, ratio.m_Clock, part) * ratio.m_Divisor; };
+/// Three significant digits.
+std::string numberText(double number) {
+    char text[32];
+    int const decimals = number < 0.0995 ? 3 : number < 9.995 ? 2 : number < 99.95 ? 1 : 0;
+    std::snprintf(text, sizeof text, "%.*f", decimals, number);
+    return text;
+}
+
+std::string bytesText(double bytes) {
+    char text[32];
+    bool const isLarge = bytes >= 100000;
+    std::snprintf(text, sizeof text, "%.0f %s", isLarge ? bytes / 1024 : bytes, isLarge ? "KiB" : "bytes");
+    return text;
+}
+
+/// Appends the row of `ratio`, unless one of its benchmarks has not run.
+void appendLine(Ratio const& ratio, Collector const& times, std::vector<Line>& lines) {
+    Comparison const& how = ratio.m_Comparison;
+    auto const measured = [&](double part) { return times.quantile(ratio.m_Measured, how.m_Clock, part); };
+    auto const base = [&](double part) { return times.quantile(ratio.m_Base, how.m_Clock, part) * how.m_TimesTheWork; };
     if (base(0.5) <= 0 || measured(0.5) <= 0) {
+        return;
+    }
+    Line line;
+    line.m_Label = ratio.m_Label;
+    line.m_Value = base(0.5) / measured(0.5);
+    line.m_Best = base(0.75) / measured(0.25);
+    line.m_Detail = numberText(base(0.25) / measured(0.75)) + " to " + numberText(line.m_Best);
+    line.m_Goal = how.m_Goal;
+    line.m_GoalText = numberText(how.m_Goal);
+    lines.push_back(line);
+}
+
+Line lineOf(Bytes const& bytes) {
+    Sizes const sizes = bytes.m_Measure();
+    Line line;
+    line.m_Label = bytes.m_Label;
+    line.m_Value = (bytes.m_Other.empty() ? bytes.m_Goal.m_AtMost : sizes.m_Theirs) / sizes.m_Ours;
+    line.m_Best = line.m_Value;
+    line.m_Detail = bytesText(sizes.m_Ours);
+    if (!bytes.m_Other.empty()) {
+        line.m_Detail += ", " + bytes.m_Other + " " + bytesText(sizes.m_Theirs);
+    }
+    if (bytes.m_Goal.m_AtMost != kNoGoal) {
+        line.m_Goal = line.m_Value * sizes.m_Ours / bytes.m_Goal.m_AtMost;
+        line.m_GoalText = bytesText(bytes.m_Goal.m_AtMost);
+    } else {
+        line.m_Goal = bytes.m_Goal.m_TimesSmaller;
+        line.m_GoalText = numberText(line.m_Goal);
+    }
+    return line;
+}
+
+bool isExcluded(std::string const& label, std::string const& filter) {
+    if (filter.empty()) {
         return false;
     }
-    std::printf("%-62s %8.2f   %.2f to %.2f\n", ratio.m_Label.c_str(), measured(0.5) / base(0.5),
-                measured(0.25) / base(0.75), measured(0.75) / base(0.25));
-    return true;
+    bool const isInverted = filter.front() == '-';
+    std::regex const pattern(isInverted ? filter.substr(1) : filter, std::regex::extended);
+    return std::regex_search(label, pattern) == isInverted;
+}
+
+std::string markOf(Line const& line, std::set<std::string> const& reached) {
+    if (line.m_Goal == kNoGoal || line.m_Value >= line.m_Goal) {
+        return "";
+    }
+    auto const [begin, end] = g_Either.equal_range(line.m_Label);
+    if (std::any_of(begin, end, [&](auto const& pair) { return reached.count(pair.second) != 0; })) {
+        return "";
+    }
+    return line.m_Best >= line.m_Goal ? "short, within the spread" : "SHORT";
+}
+
+void print(std::vector<Line> const& lines) {
+    std::set<std::string> reached;
+    for (Line const& line : lines) {
+        if (line.m_Goal != kNoGoal && line.m_Value >= line.m_Goal) {
+            reached.insert(line.m_Label);
+        }
+    }
+    std::printf("%-58s  %8s  %-16s  %-12s\n", "times faster or smaller", "ratio", "quartiles", "goal");
+    for (Line const& line : lines) {
+        std::printf("%-58s  %8s  %-16s  %-12s  %s\n", line.m_Label.c_str(), numberText(line.m_Value).c_str(),
+                    line.m_Detail.c_str(), line.m_Goal == kNoGoal ? "none" : line.m_GoalText.c_str(),
+                    markOf(line, reached).c_str());
+    }
 }
 
 }  // namespace
@@ -97,22 +184,42 @@ void add(std::string const& name, Work work) {
     });
 }
 
-void compare(std::string const& label, std::string const& measured, std::string const& base, Clock clock) {
-    g_Ratios.push_back({label, measured, base, 1, clock});
+void addTimed(std::string const& name, TimedWork work) {
+    benchmark::RegisterBenchmark(name.c_str(), [work = std::move(work)](benchmark::State& state) {
+        for ([[maybe_unused]] auto const& iteration : state) {
+            state.SetIterationTime(work());
+        }
+    })->UseManualTime();
 }
 
-void compareGrowth(std::string const& label, std::string const& measured, std::string const& base, double timesAsMuch) {
-    g_Ratios.push_back({label, measured, base, timesAsMuch, Clock::kProcessor});
+void compare(std::string const& label, std::string const& measured, std::string const& base,
+             Comparison const& comparison) {
+    g_Ratios.push_back({label, measured, base, comparison});
 }
 
-void addPair(std::string const& name, Work ours, std::string const& other, Work theirs) {
+void compareScaling(std::string const& label, std::string const& large, std::string const& small, double timesAsMuch) {
+    Comparison comparison;
+    comparison.m_TimesTheWork = timesAsMuch;
+    compare(label, large, small, comparison);
+}
+
+void addContest(std::string const& name, Work ours, std::vector<Contestant> const& others) {
     add(name + "/ours", std::move(ours));
-    add(name + "/" + other, std::move(theirs));
-    compare(name + " / " + other, name + "/ours", name + "/" + other);
+    for (Contestant const& other : others) {
+        add(name + "/" + other.m_Name, other.m_Work);
+        Comparison comparison;
+        comparison.m_Goal = other.m_Goal;
+        compare(name + ", " + other.m_Name, name + "/ours", name + "/" + other.m_Name, comparison);
+    }
 }
 
-void addBytes(std::string const& label, double ours, std::string const& other, double theirs) {
-    g_Bytes.push_back({label, ours, other, theirs});
+void either(std::string const& label, std::string const& otherLabel) {
+    g_Either.insert({label, otherLabel});
+    g_Either.insert({otherLabel, label});
+}
+
+void addBytes(std::string const& label, std::string const& other, std::function<Sizes()> measure, SizeGoal goal) {
+    g_Bytes.push_back({label, other, std::move(measure), goal});
 }
 
 int run(int argc, char** argv) {
@@ -129,30 +236,26 @@ int run(int argc, char** argv) {
     if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) {
         return 1;
     }
-    Collector times;
-    benchmark::RunSpecifiedBenchmarks(&times);
-
-    std::printf("%-62s %8s   %s\n", "", "ratio", "between quartiles");
-    std::size_t printed = 0;
-    for (Ratio const& ratio : g_Ratios) {
-        printed += printRatio(ratio, times) ? 1U : 0U;
-    }
+    std::vector<Line> lines;
     for (Bytes const& bytes : g_Bytes) {
-        std::printf("%-62s %8.2f   %.0f bytes, %s %.0f\n", bytes.m_Label.c_str(), bytes.m_Ours / bytes.m_Theirs,
-                    bytes.m_Ours, bytes.m_Other.c_str(), bytes.m_Theirs);
+        if (!isExcluded(bytes.m_Label, benchmark::GetBenchmarkFilter())) {
+            lines.push_back(lineOf(bytes));
+        }
     }
-    return printed == 0 ? 1 : 0;
+    Collector times;
+    if (!g_Ratios.empty()) {
+        benchmark::RunSpecifiedBenchmarks(&times);
+    }
+    for (Ratio const& ratio : g_Ratios) {
+        appendLine(ratio, times, lines);
+    }
+    print(lines);
+    return lines.empty() ? 1 : 0;
 }
 
 std::size_t heapInUse() {
     struct mallinfo2 const now = ::mallinfo2();
     return now.uordblks + now.hblkhd;
-}
-
-void require(bool condition, char const* message) {
-    if (!condition) {
-        throw std::runtime_error(message);
-    }
 }
 
 int benchMain(int argc, char** argv, void (*setUp)()) {

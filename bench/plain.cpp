@@ -14,7 +14,7 @@
 #include <iterator>
 #include <memory>
 
-#include "bench/bench_support.h"
+#include "bench/require.h"
 
 // Only OpenSSL's low-level functions sign a digest without DigestInfo.
 #pragma GCC diagnostic push

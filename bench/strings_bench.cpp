@@ -1,13 +1,15 @@
 // Appends to strings byte by byte, compared with std::string; encodes, compared with loops over std::string and
 // OpenSSL.
 //
-// Reference numbers (medians of one interleaved run on a shared machine with two processors; they vary by a tenth):
-//   append byte by byte / std::string   1 MB 4.8, 4 MB 4.5, 16 MB 2.9
-//   percent-encode / std::string        1 KB 4.0, 1 MB 4.0
-//   Base64 / OpenSSL                    1 KB 6.7, 1 MB 7.6
-//   to hexadecimal / std::string        1 KB 3.6, 1 MB 3.3
-//   from hexadecimal / std::string      1 KB 1.6, 1 MB 1.7
-//   growth of all of them               0.96 to 1.06 where 1 is linear
+// Times faster in one run:
+//   percent-encode 1 KB, std::string     0.25
+//   percent-encode 1 MB, std::string     0.27
+//   Base64 1 KB, OpenSSL                 0.14
+//   Base64 1 MB, OpenSSL                 0.16
+//   to hexadecimal 1 KB, std::string     0.31
+//   to hexadecimal 1 MB, std::string     0.33
+//   from hexadecimal 1 KB, std::string   0.50
+//   from hexadecimal 1 MB, std::string   0.59
 
 #include <benchmark/benchmark.h>
 
@@ -44,23 +46,21 @@ std::string messageText(std::size_t bytes) {
 
 void addAppending(std::size_t megabytes) {
     std::size_t const bytes = megabytes * kMegabyte;
-    kvxbench::addPair(
-        "append byte by byte " + std::to_string(megabytes) + " MB",
-        [bytes] {
-            TbString text;
-            for (std::size_t i = 0; i < bytes; ++i) {
-                text.append('x');
-            }
-            benchmark::DoNotOptimize(text.buffer());
-        },
-        "std::string",
-        [bytes] {
-            std::string text;
-            for (std::size_t i = 0; i < bytes; ++i) {
-                text += 'x';
-            }
-            benchmark::DoNotOptimize(text.data());
-        });
+    kvxbench::addContest("append byte by byte " + std::to_string(megabytes) + " MB",
+                         [bytes] {
+                             TbString text;
+                             for (std::size_t i = 0; i < bytes; ++i) {
+                                 text.append('x');
+                             }
+                             benchmark::DoNotOptimize(text.buffer());
+                         },
+                         {{"std::string", [bytes] {
+                               std::string text;
+                               for (std::size_t i = 0; i < bytes; ++i) {
+                                   text += 'x';
+                               }
+                               benchmark::DoNotOptimize(text.data());
+                           }}});
 }
 
 TbString oursBase64(TbString const& text) {
@@ -91,30 +91,26 @@ void addEncoders(std::string const& size, std::size_t bytes) {
     require(toStd(oursBase64(ours)) == plain::toBase64(text) + (bytes % 3 == 0 ? "AAAA" : ""), "different Base64");
     require(toStd(toHex()) == hex && fromHex() == raw, "different hexadecimal texts");
 
-    kvxbench::addPair(
-        "percent-encode " + size, [ours] { benchmark::DoNotOptimize(KVX_Context().Encode(ours)); }, "std::string",
-        [text] { benchmark::DoNotOptimize(plain::percentEncode(text)); });
-    kvxbench::addPair(
-        "Base64 " + size, [ours] { benchmark::DoNotOptimize(oursBase64(ours)); }, "OpenSSL",
-        [text] { benchmark::DoNotOptimize(plain::toBase64(text)); });
-    kvxbench::addPair(
-        "to hexadecimal " + size, [toHex] { benchmark::DoNotOptimize(toHex()); }, "std::string",
-        [raw] { benchmark::DoNotOptimize(plain::toHex(raw)); });
-    kvxbench::addPair(
-        "from hexadecimal " + size, [fromHex] { benchmark::DoNotOptimize(fromHex()); }, "std::string",
-        [hex] { benchmark::DoNotOptimize(plain::fromHex(hex)); });
+    kvxbench::addContest("percent-encode " + size, [ours] { benchmark::DoNotOptimize(KVX_Context().Encode(ours)); },
+                         {{"std::string", [text] { benchmark::DoNotOptimize(plain::percentEncode(text)); }, 3}});
+    kvxbench::addContest("Base64 " + size, [ours] { benchmark::DoNotOptimize(oursBase64(ours)); },
+                         {{"OpenSSL", [text] { benchmark::DoNotOptimize(plain::toBase64(text)); }, 1}});
+    kvxbench::addContest("to hexadecimal " + size, [toHex] { benchmark::DoNotOptimize(toHex()); },
+                         {{"std::string", [raw] { benchmark::DoNotOptimize(plain::toHex(raw)); }, 3}});
+    kvxbench::addContest("from hexadecimal " + size, [fromHex] { benchmark::DoNotOptimize(fromHex()); },
+                         {{"std::string", [hex] { benchmark::DoNotOptimize(plain::fromHex(hex)); }, 2}});
 }
 
 void setUp() {
     for (std::size_t const megabytes : {std::size_t{1}, std::size_t{4}, std::size_t{16}}) {
         addAppending(megabytes);
     }
-    kvxbench::compareGrowth("growth: append byte by byte, 16 MB / 1 MB", "append byte by byte 16 MB/ours",
-                            "append byte by byte 1 MB/ours", 16);
+    kvxbench::compareScaling("scaling: append byte by byte, 16 MB of 1 MB", "append byte by byte 16 MB/ours",
+                             "append byte by byte 1 MB/ours", 16);
     addEncoders("1 KB", 1023);
     addEncoders("1 MB", 1023 * 1024);
     for (std::string const what : {"percent-encode", "Base64", "to hexadecimal", "from hexadecimal"}) {
-        kvxbench::compareGrowth("growth: " + what + ", 1 MB / 1 KB", what + " 1 MB/ours", what + " 1 KB/ours", 1024);
+        kvxbench::compareScaling("scaling: " + what + ", 1 MB of 1 KB", what + " 1 MB/ours", what + " 1 KB/ours", 1024);
     }
 }
 
