@@ -20,7 +20,7 @@
 
 #include "bench/account.h"
 #include "bench/bench_support.h"
-#include "bench/peer.h"
+#include "bench/merchant.h"
 #include "foundation/tbmap.h"
 #include "tallowin/tallowin.h"
 #include "xml/xmlparser.h"
@@ -30,7 +30,6 @@ namespace {
 using kvxbench::heapInUse;
 using kvxbench::require;
 using kvxbench::Sizes;
-namespace peer = kvxbench::peer;
 
 struct ElementReleaser {
     void operator()(xmlElement* element) const { element->release(); }
@@ -92,40 +91,16 @@ Sizes sizesOfEntry() {
     return {ours, theirs};
 }
 
-/// A factory for a new account.
-class Shop {
-public:
-    Shop() : m_Factory(CreateMessageFactory()) {
-        require(MessageFactory_Open(m_Factory, m_Account.path().c_str()) == KVX_OK, "no factory");
-    }
-    Shop(Shop const&) = delete;
-    Shop& operator=(Shop const&) = delete;
-    ~Shop() { DestroyMessageFactory(m_Factory); }
-
-    /// A message with 15 attributes. Owned by the caller.
-    [[nodiscard]] KVX_HANDLE message() const {
-        KVX_HANDLE message = nullptr;
-        require(MessageFactory_CreatePayInit(m_Factory, &message) == KVX_OK, "no payment");
-        for (peer::Field const& field : peer::order()) {
-            require(MessageObject_SetAttribute(message, field.m_Name, field.m_Value) == KVX_OK, "no attribute");
-        }
-        return message;
-    }
-
-private:
-    kvxbench::Account m_Account;
-    KVX_HANDLE m_Factory;
-};
-
 Sizes sizesOfMessage() {
     constexpr std::size_t kMessages = 1000;
-    Shop const shop;
+    kvxbench::Account const account;
+    kvxbench::Merchant const merchant(account.path());
     std::vector<KVX_HANDLE> messages;
     messages.reserve(kMessages);
-    DestroyMessageObject(shop.message());  // what the first one leaves is not its own
+    DestroyMessageObject(merchant.payment());  // what the first one leaves is not its own
     std::size_t const before = heapInUse();
     for (std::size_t i = 0; i < kMessages; ++i) {
-        messages.push_back(shop.message());
+        messages.push_back(merchant.payment());
     }
     double const ours = static_cast<double>(heapInUse() - before) / kMessages;
     for (KVX_HANDLE const message : messages) {
@@ -148,8 +123,9 @@ Sizes sizesOfProcess() {
     constexpr int kFirst = 1000;
     constexpr int kAll = 1000000;
     std::string const text = [] {
-        Shop const shop;
-        KVX_HANDLE message = shop.message();
+        kvxbench::Account const account;
+        kvxbench::Merchant const merchant(account.path());
+        KVX_HANDLE message = merchant.payment();
         char content[4096];
         std::int32_t size = sizeof content;
         require(MessageObject_ToString(message, &size, content) == KVX_OK, "no text");

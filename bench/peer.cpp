@@ -9,6 +9,7 @@
 #include <fstream>
 #include <pugixml.hpp>
 
+#include "bench/order.h"
 #include "bench/plain.h"
 #include "bench/require.h"
 
@@ -56,12 +57,6 @@ bool hasSettings(std::string const& directory) {
 
 }  // namespace
 
-std::vector<Field> const& order() {
-    static std::vector<Field> const s_Order = {
-        {"AMOUNT", "1250"}, {"CURRENCY", "EUR"}, {"ORDERID", "A & B 4711"}, {"DESCRIPTION", "Tea"}};
-    return s_Order;
-}
-
 std::string paymentUrl(std::string const& directory) {
     require(std::filesystem::is_directory(directory) && !hasSettings(directory), "another directory is expected");
     std::string const keyId = plain::readFile(directory + "/keys/current");
@@ -82,7 +77,7 @@ std::string paymentUrl(std::string const& directory) {
         set(name, defaults.attribute(name).value());
     }
     set("EXPIRATION", expiry(defaults.attribute("PAYINITTTL").value()).c_str());
-    for (Field const& field : order()) {
+    for (Field const& field : kOrder) {
         set(field.m_Name, field.m_Value);
     }
     std::string const text = textOf(document);

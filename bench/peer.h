@@ -6,19 +6,10 @@
 #define TALLOWIN_BENCH_PEER_H
 
 #include <string>
-#include <vector>
 
 namespace kvxbench::peer {
 
-struct Field {
-    char const* m_Name;
-    char const* m_Value;
-};
-
-/// The fields of an order. With KEYID, TOKEN, EXPIRATION and the defaults of the account they make 15 attributes.
-std::vector<Field> const& order();
-
-/// The URL of a new payment of order(), signed with the current key of `directory`.
+/// The URL of a new payment of the order, signed with the current key of `directory`.
 std::string paymentUrl(std::string const& directory);
 
 /// Whether `signature` is one of `data` by the key that `data` names.
