@@ -14,6 +14,7 @@
 #include <mutex>
 
 #include "api/kvxregistry.h"
+#include "core/icct_keyusers.h"
 #include "foundation/tbexception.h"
 #include "foundation/tbfork.h"
 #include "foundation/tbmemory.h"
@@ -271,12 +272,15 @@ bool isRegistered(KvxKind kind, void const* object) noexcept {
 }  // namespace
 
 void KvxSignature::set(KvxKind kind) {
-    if (poolOf(kind).numberOf(this) == kNoSlot) {
-        if (beginsAnySlot(this)) {
-            return;  // the word would make it an object of the slot's kind
-        }
+    bool const isOutside = poolOf(kind).numberOf(this) == kNoSlot;
+    bool const isMisplaced = isOutside && beginsAnySlot(this);
+    if (isOutside && !isMisplaced) {
         Lock const lock(g_RegistryMutex);
         g_Registry.add(this, kind);
+    }
+    kvxAddKeyUser();
+    if (isMisplaced) {
+        return;  // the word would make it an object of the slot's kind
     }
     __atomic_store_n(&m_Word, kLivingWord, __ATOMIC_RELEASE);
 }
@@ -287,6 +291,7 @@ void KvxSignature::clear(KvxKind kind) noexcept {
         Lock const lock(g_RegistryMutex);
         g_Registry.remove(this);
     }
+    kvxRemoveKeyUser();
 }
 
 void* kvxTakeSlot(KvxKind kind, std::size_t bytes) {

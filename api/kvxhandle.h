@@ -21,7 +21,7 @@ public:
     /// Marks the object of `kind` that begins here as living; the last thing its constructor does. An object outside
     /// the slots of its kind enters a registry, which needs memory when there are many of them: raises
     /// KVX_E_OUT_OF_MEMORY (TBFC_Exception), and the object is not living. Does nothing on a slot of another kind, so
-    /// that no handle leads to that object.
+    /// that no handle leads to that object. Parsed keys may live on between calls until the last object is dead.
     void set(KvxKind kind);
 
     /// Marks it as dead; the first thing its destructor does. A store that no optimiser removes.

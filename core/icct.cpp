@@ -1,6 +1,6 @@
 // The five RSA functions over OpenSSL.
 //
-// Each function checks its arguments, decodes the DER key, performs one operation and lets holders free the key. The
+// Each function checks its arguments, decodes the DER key or takes a kept one, and performs one operation. The
 // limits differ on purpose: verifying accepts keys up to 1024 bits, signing and encrypting up to 8192, decrypting any.
 // Lengths are cast to int after IsUsable has bounded them. Odd: a failed signing or decrypting stores -1 as the
 // length, and key generation adds the result of a refused padding call, which is 0. A gate keeps forks out meanwhile.
@@ -17,12 +17,14 @@
 #include <cstring>
 #include <memory>
 
+#include "core/icct_keptkey.h"
 #include "core/icct_modulus.h"
 #include "foundation/tbforkgate.h"
 #include "foundation/tbreleaser.h"
 
 // The low-level RSA interface is deprecated since OpenSSL 3.0, but it alone does exactly what is wanted: PKCS#1 blobs
-// and nothing else, and the RSA operation on a digest without a DigestInfo. This file alone uses it.
+// and nothing else, and the RSA operation on a digest without a DigestInfo. This file and icct_keptkey.cpp alone use
+// it.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
@@ -117,8 +119,8 @@ int ICCT_Signature(unsigned char const* privKey, int privKeyLen, unsigned char* 
         return -1;
     }
     TbForkGate const gate;
-    RsaHolder const key = DecodeKey(d2i_RSAPrivateKey, privKey, privKeyLen);
-    if (key == nullptr || RSA_size(key.get()) > kMaxModulus) {
+    KvxKeptKey key(KvxKeptKey::Kind::kPrivate, privKey, privKeyLen);
+    if (key.get() == nullptr || RSA_size(key.get()) > kMaxModulus) {
         return -1;
     }
     Digest digest;
@@ -128,7 +130,11 @@ int ICCT_Signature(unsigned char const* privKey, int privKeyLen, unsigned char* 
     // Deliberate (bare-digest): the bare digest, see the head of icct.h. RSA_sign would wrap it.
     int const length = RSA_private_encrypt(SHA_DIGEST_LENGTH, digest.data(), sigOut, key.get(), RSA_PKCS1_PADDING);
     *sigLen = static_cast<unsigned long>(length);
-    return length != -1 ? 0 : -1;
+    if (length == -1) {
+        return -1;
+    }
+    key.keep();
+    return 0;
 }
 
 int ICCT_Verify(unsigned char const* pubKey, int pubKeyLen, unsigned char* data, unsigned long dataLen,
@@ -138,8 +144,8 @@ int ICCT_Verify(unsigned char const* pubKey, int pubKeyLen, unsigned char* data,
     }
     // A larger key could recover more bytes than the buffer below holds. Keys may come from the network.
     TbForkGate const gate;
-    RsaHolder const key = DecodeKey(d2i_RSAPublicKey, pubKey, pubKeyLen);
-    if (key == nullptr || RSA_size(key.get()) > kMaxVerifyModulus) {
+    KvxKeptKey key(KvxKeptKey::Kind::kPublic, pubKey, pubKeyLen);
+    if (key.get() == nullptr || RSA_size(key.get()) > kMaxVerifyModulus) {
         return -1;
     }
     Digest digest;
@@ -149,6 +155,7 @@ int ICCT_Verify(unsigned char const* pubKey, int pubKeyLen, unsigned char* data,
     std::array<unsigned char, kMaxVerifyModulus> recovered;
     int const length =
         RSA_public_decrypt(static_cast<int>(sigLen), sig, recovered.data(), key.get(), RSA_PKCS1_PADDING);
+    key.keep();  // an operation with a public key leaves it as it was, also when it fails
     if (length != SHA_DIGEST_LENGTH || std::memcmp(recovered.data(), digest.data(), digest.size()) != 0) {
         return -1;
     }
@@ -192,9 +199,8 @@ int ICCT_DecryptDigest(unsigned char* privKey, int privKeyLen, unsigned char* in
 
 std::uint32_t ICCT_UsableModulusBits(unsigned char const* pubKey, unsigned long pubKeyLen) noexcept {
     TbForkGate const gate;
-    RsaHolder const key =
-        pubKeyLen <= INT_MAX ? DecodeKey(d2i_RSAPublicKey, pubKey, static_cast<int>(pubKeyLen)) : nullptr;
-    if (key == nullptr) {
+    KvxKeptKey key(KvxKeptKey::Kind::kPublic, pubKey, pubKeyLen <= INT_MAX ? static_cast<int>(pubKeyLen) : 0);
+    if (key.get() == nullptr) {
         return 0;
     }
     BIGNUM const* const modulus = RSA_get0_n(key.get());
@@ -204,7 +210,9 @@ std::uint32_t ICCT_UsableModulusBits(unsigned char const* pubKey, unsigned long 
     // No number is negative: OpenSSL reads those of a key without their signs.
     bool const isSound = BN_is_odd(modulus) == 1 && BN_is_odd(exponent) == 1 && BN_is_one(exponent) == 0 &&
                          BN_ucmp(exponent, modulus) < 0;
-    return fits && isSound ? static_cast<std::uint32_t>(BN_num_bits(modulus)) : 0;
+    auto const bits = static_cast<std::uint32_t>(BN_num_bits(modulus));
+    key.keep();
+    return fits && isSound ? bits : 0;
 }
 
 #pragma GCC diagnostic pop

@@ -3,8 +3,8 @@
 
 /// RSA on keys that are plain DER bytes in the caller's buffers.
 ///
-/// Nothing outside these five functions sees an OpenSSL object: each one builds its key from the bytes it is given,
-/// does one operation and frees the key.
+/// Nothing outside these five functions sees an OpenSSL object: each one builds its key from the bytes it is given, or
+/// takes one that was built from the same bytes (icct_keptkey.h), and does one operation.
 ///
 /// - A public key is a PKCS#1 `RSAPublicKey`, a private key a PKCS#1 `RSAPrivateKey` (RFC 8017, appendix A.1). PKCS#8,
 ///   `SubjectPublicKeyInfo` and PEM are refused.

@@ -11,11 +11,15 @@
 #include <cstdlib>
 #include <string>
 
+#include "core/icct.h"
+#include "core/icct_keyusers.h"
 #include "net/kvxmemorywatch.h"
 #include "tests/core/coresupport.h"
+#include "tests/support/encodings.h"
 #include "tests/support/exceptions.h"
 #include "tests/support/processes.h"
 #include "tests/support/systemcalls.h"
+#include "tests/support/testdata.h"
 
 using namespace kvxtest;
 
@@ -94,6 +98,45 @@ TEST(OpensslMemory, LackingIsNeverABadSignatureNorABadKey) {
             EXPECT_GT(failing, 20) << operation.m_Name;
         }
     }
+    ERR_clear_error();
+}
+
+// A failure in the middle of an operation disorders the blinding of its key, which must not serve a later call.
+TEST(OpensslMemory, LackingLeavesNoKeyBehindThatSignsWrongly) {
+    Bytes const key = dataBytes("rsa/key512.private.hex");
+    Bytes const right = dataBytes("rsa/key512-abc.signature.hex");
+    Bytes data = {'a', 'b', 'c'};
+    Bytes signature(1024);
+    auto const signs = [&] {
+        unsigned long length = 0;
+        signature.assign(1024, 0);
+        bool const succeeded = ICCT_Signature(key.data(), static_cast<int>(key.size()), data.data(), data.size(),
+                                              signature.data(), &length) == 0;
+        signature.resize(succeeded ? length : 0);
+        return succeeded;
+    };
+    kvxAddKeyUser();
+    int refusals = 0;
+    bool reached = true;
+    for (long failing = 0; reached; ++failing) {
+        ASSERT_TRUE(signs());
+        ASSERT_EQ(kvxCountKeptKeys(), 1U);
+        g_Count = 0;
+        g_Always = false;
+        g_Failing = failing;
+        bool const succeeded = signs();
+        g_Failing = -1;
+        reached = g_Count > failing;
+        refusals += succeeded ? 0 : 1;
+        EXPECT_EQ(kvxCountKeptKeys(), succeeded ? 1U : 0U) << failing;
+        EXPECT_TRUE(!succeeded || signature == right) << failing;
+        for (int i = 0; i < 40; ++i) {  // more than the uses of one blinding
+            EXPECT_TRUE(signs() && signature == right) << failing << ", then " << i;
+        }
+    }
+    kvxRemoveKeyUser();
+    EXPECT_GT(refusals, 3);
+    EXPECT_EQ(kvxCountKeptKeys(), 0U);
     ERR_clear_error();
 }
 

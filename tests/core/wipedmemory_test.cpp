@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include "core/icct_keptkey.h"
+#include "core/icct_keyusers.h"
 #include "foundation/tbmemory.h"
 #include "tests/core/coresupport.h"
 #include "tests/support/encodings.h"
@@ -105,6 +107,26 @@ TEST_F(WipedMemory, HeldTheNewPrivateKey) {
     EXPECT_EQ(countBeginning(traces.m_Wiped, bytesSpelledBy(text)), 1) << "the buffer of the key";
     EXPECT_EQ(countHoldingEnd(traces.m_Released, text), 0) << "its text";
     EXPECT_GT(countHoldingEnd(traces.m_Released, read("keys/public/own")), 0) << "blocks are looked at";
+}
+
+/// Keys that live on between calls are wiped when they go, with the last public object or for another key.
+TEST_F(WipedMemory, HeldTheKeyThatWasKept) {
+    writeOwnKey("own");
+    std::string const key = bytesSpelledBy(dataHex("rsa/key512.private.hex"));
+    TbString signature;
+    kvxAddKeyUser();
+    m_Context.SignData("text", "own", signature);
+    EXPECT_EQ(countBeginning(tracesOf(&kvxRemoveKeyUser).m_Wiped, key), 1) << "with the last object";
+
+    kvxAddKeyUser();
+    m_Context.SignData("text", "own", signature);
+    for (int i = 0; i < KvxKeptKey::kMaxKeys; ++i) {
+        TbString keyId("other");
+        m_Context.GenKey(keyId);
+        Traces const traces = tracesOf([&] { m_Context.SignData("text", keyId, signature); });
+        EXPECT_EQ(countBeginning(traces.m_Wiped, key), i == KvxKeptKey::kMaxKeys - 1 ? 1 : 0) << i;
+    }
+    kvxRemoveKeyUser();
 }
 
 }  // namespace

@@ -543,6 +543,48 @@ INSTANTIATE_TEST_SUITE_P(AllWays, Secrets, testing::ValuesIn(kRuns), [](auto con
     return name;
 });
 
+/// A parsed key lives on between calls; with the last object it is gone, and not earlier.
+TEST(KeptKeys, LeaveMemoryWithTheLastObject) {
+    TemporaryDirectory const root;
+    Stage const stage(root.file("account"));
+    // By another process: this one must have no copy of the new key.
+    Report const made = inIsolation([&](Report&) {
+        KVX_Context account;
+        account.Open(stage.path().c_str());
+        TbString keyId("fresh");
+        account.GenKey(keyId);
+        account.UpdateFile("keys/current", keyId);
+    });
+    ASSERT_TRUE(made.m_Finished);
+    Report const report = inIsolation([&](Report& fresh) {
+        MemoryScan scan;
+        lookForKey(scan, stage.path() + "/keys/private/fresh");
+        auto const isThere = [&] { return !scan.find(kMaxPlaces).empty(); };
+        KVX_HANDLE const factory = CreateMessageFactory();
+        MessageFactory_Open(factory, stage.path().c_str());
+        {
+            KVXCIMPL_ConfigurationSetup const outsideTheSlots;
+            for (int i = 0; i < 2; ++i) {
+                KVX_HANDLE message = nullptr;
+                MessageFactory_CreatePayInit(factory, &message);
+                char url[4096];
+                std::int32_t size = sizeof url;
+                complainUnless(fresh, "GetURL", MessageObject_GetURL(message, &size, url), KVX_OK);
+                DestroyMessageObject(message);
+            }
+            DestroyMessageFactory(factory);
+            if (!isThere()) {
+                fresh.add("not kept, or not seen");
+            }
+        }
+        if (isThere()) {
+            fresh.add("in memory:\n" + scan.find(kMaxPlaces));
+        }
+    });
+    EXPECT_TRUE(report.m_Finished);
+    EXPECT_TRUE(report.m_Text[0] == '\0') << report.m_Text;
+}
+
 TEST(MemoryScan, FindsAReleasedSecret) {
     Report const report = inIsolation([](Report& fresh) {
         MemoryScan scan;
