@@ -12,32 +12,12 @@
 #include "api/cMessageObject.h"
 #include "api/kvxboundary.h"
 #include "api/kvxlines_api.h"
-#include "core/kvxdirectory.h"
-#include "xml/xmlholder.h"
+#include "core/kvxctx_defaults.h"
+#include "core/kvxlines_core.h"
 
 namespace {
 
 using OwnedMessage = std::unique_ptr<KVXCIMPL_MessageObject>;
-
-/// Seconds that a payment stays open when the account's defaults set no time.
-constexpr char kDefaultTtl[] = "86400";
-
-/// Copies the attributes in the account's defaults, empty ones too.
-void copyDefaults(KVX_Context& account, KVX_Message& message) {
-    TbString text;
-    if (!account.QueryValueOrAbsent(kvx::kDefaultsFile, "", text)) {
-        return;
-    }
-    xmlElement* parsed = nullptr;
-    account.XmlFromString(text, &parsed);
-    xmlElementPtr const defaults = xmlAdopt(parsed);
-    for (char const* const* name = AttributeNames; *name != nullptr; ++name) {
-        TbString value;
-        if (defaults->getAttribute(*name, value)) {
-            message.SetAttribute(*name, value);
-        }
-    }
-}
 
 }  // namespace
 
@@ -56,15 +36,14 @@ void KVXCIMPL_MessageFactory::Open(TbString const& path) {
 KVXCIMPL_MessageObject* KVXCIMPL_MessageFactory::CreatePayInit() {
     KVX_Context account;
     account.Open(m_Path);
-    OwnedMessage object = newOutgoing("PayInit");
-    object->m_Message.SetAttribute("TOKEN", object->m_Context.CreateUuid());
-    // Read before the others, which come as a text: this failure names the file.
-    TbString ttl;
-    if (!account.QueryValueOrAbsent(kvx::kDefaultsFile, "PAYINITTTL", ttl)) {
-        ttl = kDefaultTtl;
-    }
-    copyDefaults(account, object->m_Message);
-    object->m_Message.SetAttribute("EXPIRATION", GetTimeDate(std::strtod(ttl.c_str(), nullptr)));
+    OwnedMessage object(new KVXCIMPL_MessageObject);
+    object->m_Context = account;
+    kvx::kSourceCtx.trace(kvx::kLineOpen, "OPEN CONTEXT", account.GetPath());  // the object's, published as well
+    object->startOutgoing("PayInit");
+    object->m_Message.SetAttribute("TOKEN", account.CreateUuid());
+    KvxPaymentDefaults const defaults(account);
+    defaults.copyTo(object->m_Message);
+    object->m_Message.SetAttribute("EXPIRATION", GetTimeDate(std::strtod(defaults.timeToLive().c_str(), nullptr)));
     return object.release();
 }
 

@@ -200,6 +200,7 @@ private:
     bool hasPrivateKey(TbString const& keyId);
     TbString newKeyId(TbString const& customerId);
     friend class KVX_Message;
+    friend class KvxPaymentDefaults;
 
     TbString m_Path;      ///< As given; empty while not open.
     TbString m_UserName;  ///< Option "UserName".

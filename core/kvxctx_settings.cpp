@@ -237,6 +237,8 @@ KVX_Settings KVX_Context::settingsForLocalWork() {
         if (failure.code() != KVX_E_INVALID_FORMAT) {
             throw;
         }
-        return kvxStrictSettings();
+        KVX_Settings strict = kvxStrictSettings();
+        strict.m_IsDamaged = true;
+        return strict;
     }
 }

@@ -25,6 +25,7 @@ struct KVX_Settings {
     bool m_HasStrictNames = false;      ///< Attribute names of name characters only.
     bool m_SyncsFiles = true;           ///< Writes reach the disk before they count.
     mode_t m_KeyMode = 0600;            ///< Of new private keys.
+    bool m_IsDamaged = false;           ///< The file is no document; the strict values stand in.
 
     /// Whether a key that the server sends may be refused.
     [[nodiscard]] bool limitsKeys() const { return m_HasStrictKeys || !m_KeyPin.isEmpty() || m_MinKeyBits != 0; }

@@ -48,6 +48,21 @@ int openFile(char const* path, int flags, mode_t mode = 0) {
         tbRetryInterrupted([&] { return tbSystem().open(path, flags | O_CLOEXEC, mode); }));
 }
 
+/// See kvxOpenForReading(); `status` becomes that of the file.
+int openForReading(char const* path, struct ::stat& status) noexcept {
+    int const file = openFile(path, O_RDONLY);
+    if (file < 0) {
+        return -1;
+    }
+    int const failure = tbSystem().fstat(file, &status) != 0 ? errno : S_ISDIR(status.st_mode) ? EISDIR : 0;
+    if (failure == 0) {
+        return file;
+    }
+    tbSystem().close(file);
+    errno = failure;
+    return -1;
+}
+
 /// The directory part of `path`.
 TbString directoryOf(char const* path) {
     char const* const slash = std::strrchr(path, '/');
@@ -360,29 +375,18 @@ bool KvxDescriptor::close() noexcept {
 }
 
 int kvxOpenForReading(char const* path) noexcept {
-    int const file = openFile(path, O_RDONLY);
-    if (file < 0) {
-        return -1;
-    }
     struct ::stat status = {};
-    int const failure = tbSystem().fstat(file, &status) != 0 ? errno : S_ISDIR(status.st_mode) ? EISDIR : 0;
-    if (failure == 0) {
-        return file;
-    }
-    tbSystem().close(file);
-    errno = failure;
-    return -1;
+    return openForReading(path, status);
 }
 
 KvxReadResult kvxReadFile(char const* path, TbStringStream& out) {
-    KvxDescriptor const file(kvxOpenForReading(path));
+    struct ::stat status = {};
+    KvxDescriptor const file(openForReading(path, status));
     if (!file.isOpen()) {
         return failureToOpen(path, errno);
     }
     // Grown at once where the file's size is known, so that no outgrown copy of a key stays in memory.
-    struct ::stat status = {};
-    if (tbSystem().fstat(file.get(), &status) == 0 && status.st_size > 0 &&
-        status.st_size < std::numeric_limits<std::int32_t>::max()) {
+    if (status.st_size > 0 && status.st_size < std::numeric_limits<std::int32_t>::max()) {
         out.grow(static_cast<std::uint32_t>(status.st_size));
     }
     KvxWipedBuffer<kReadChunk> chunk;  // it may be a private key

@@ -5,6 +5,8 @@
 
 #include "api/cMessageFactory.h"
 
+#include <filesystem>
+
 #include "foundation/tbobject.h"
 #include "tests/api/apisupport.h"
 #include "tests/support/allocations.h"
@@ -218,6 +220,37 @@ TEST_F(PayInit, OpensTheAccountFirstAndThenTheMessage) {
         EXPECT_EQ(record.m_File, "kvxctx");
         EXPECT_EQ(record.m_Line, 23);
     }
+}
+
+// Programs read these records, so their number is fixed, also where one step has two of them.
+TEST_F(PayInit, HasItsTraceRecords) {
+    constexpr char kNoFile[] = "kvxurl:41:80040219:EXCEPTION:ErrorCode = 0x80040219";
+    std::string const opened = "kvxctx:23:0:OPEN CONTEXT:" + m_Account.path();
+    using Lines = std::vector<std::string>;
+    KVXCIMPL_MessageFactory factory;
+    factory.Open(stringOf(m_Account.path()));
+    auto const linesOfAPayment = [&] {
+        TraceRecorder const trace;
+        OwnedMessage const message(factory.CreatePayInit());
+        return linesOf(trace.records());
+    };
+    m_Account.setDefaults(R"( LANGID="de")");
+    EXPECT_EQ(linesOfAPayment(), (Lines{opened, opened}));
+    m_Account.write("settings.xml", "damaged");
+    Lines const damaged = linesOfAPayment();
+    ASSERT_EQ(damaged.size(), 4U);
+    EXPECT_EQ(Lines(damaged.begin(), damaged.begin() + 2), (Lines{opened, opened}));
+    EXPECT_EQ(damaged[2].find("kvxctx:"), 0U) << damaged[2];
+    EXPECT_NE(damaged[2].find("(settings.xml)"), std::string::npos) << damaged[2];
+    EXPECT_EQ(damaged[3], damaged[2]);
+    std::filesystem::remove(m_Account.file("default.xml"));
+    EXPECT_EQ(linesOfAPayment(), (Lines{opened, opened, kNoFile, kNoFile}));
+    m_Account.write("default.xml", "damaged");
+    EXPECT_THROW((void)factory.CreatePayInit(), KVX_Exception);
+    std::filesystem::remove(m_Account.file("settings.xml"));
+    TraceRecorder const trace;
+    EXPECT_THROW((void)factory.CreatePayInit(), KVX_Exception);
+    EXPECT_EQ(trace.of("EXCEPTION").size(), 1U);
 }
 
 TEST_F(PayInit, HasAUrlWithItsTextAndSignature) {
