@@ -55,7 +55,7 @@ struct RandCleaner {
     ~RandCleaner() { RAND_cleanup(); }
 };
 
-using Digest = std::array<unsigned char, SHA_DIGEST_LENGTH>;
+using Digest = KvxKeptKey::Digest;
 
 /// True when `length` bytes at `data` can be handed to OpenSSL. Null is fine for no bytes.
 [[nodiscard]] bool IsUsable(unsigned char const* data, unsigned long length) noexcept {
@@ -127,12 +127,18 @@ int ICCT_Signature(unsigned char const* privKey, int privKeyLen, unsigned char* 
     if (SHA1(data, dataLen, digest.data()) == nullptr) {
         return -1;
     }
+    if (int const length = key.copySignature(digest, sigOut); length != 0) {
+        *sigLen = static_cast<unsigned long>(length);
+        key.keep();
+        return 0;
+    }
     // Deliberate (bare-digest): the bare digest, see the head of icct.h. RSA_sign would wrap it.
     int const length = RSA_private_encrypt(SHA_DIGEST_LENGTH, digest.data(), sigOut, key.get(), RSA_PKCS1_PADDING);
     *sigLen = static_cast<unsigned long>(length);
     if (length == -1) {
         return -1;
     }
+    key.rememberSignature(digest, sigOut, length);
     key.keep();
     return 0;
 }

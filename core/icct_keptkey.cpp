@@ -26,6 +26,20 @@
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
+namespace {
+
+/// Bytes of the largest signature that is remembered: that of 1024 bits.
+constexpr int kMaxSignature = 128;
+
+/// A signature that a key has made; free while its length is 0.
+struct Made {
+    KvxKeptKey::Digest m_Digest;
+    int m_Length;
+    unsigned char m_Bytes[kMaxSignature];
+};
+
+}  // namespace
+
 /// Plain members: the table is never destroyed, objects may die in exit handlers.
 struct KvxKeptKey::Entry {
     RSA* m_Key;            ///< Null: unused.
@@ -34,6 +48,8 @@ struct KvxKeptKey::Entry {
     Kind m_Kind;
     bool m_IsReserved;  ///< A KvxKeptKey has it; nobody else reads or changes it.
     unsigned char m_Blob[kMaxBlob];
+    Made m_Made[kMaxSignatures];
+    int m_NextMade;  ///< The place of the next one.
 };
 
 namespace {
@@ -58,6 +74,9 @@ using ForkHandlers = TbForkHandlers<nullptr, nullptr, markInherited>;
 RSA* emptied(Entry& entry) noexcept {
     OPENSSL_cleanse(entry.m_Blob, static_cast<std::size_t>(entry.m_Length));
     entry.m_Length = 0;
+    for (Made& made : entry.m_Made) {
+        made.m_Length = 0;
+    }
     return std::exchange(entry.m_Key, nullptr);
 }
 
@@ -164,6 +183,30 @@ KvxKeptKey::KvxKeptKey(Kind kind, unsigned char const* blob, int length) noexcep
 
 KvxKeptKey::~KvxKeptKey() {
     RSA_free(m_Entry == nullptr ? m_Key : release(*m_Entry, m_IsKept));
+}
+
+int KvxKeptKey::copySignature(Digest const& digest, unsigned char* out) const noexcept {
+    if (m_Entry == nullptr) {
+        return 0;
+    }
+    for (Made const& made : m_Entry->m_Made) {
+        if (made.m_Length != 0 && made.m_Digest == digest) {
+            std::memcpy(out, made.m_Bytes, static_cast<std::size_t>(made.m_Length));
+            return made.m_Length;
+        }
+    }
+    return 0;
+}
+
+void KvxKeptKey::rememberSignature(Digest const& digest, unsigned char const* signature, int length) noexcept {
+    if (m_Entry == nullptr || length > kMaxSignature) {
+        return;
+    }
+    Made& made = m_Entry->m_Made[m_Entry->m_NextMade];
+    m_Entry->m_NextMade = (m_Entry->m_NextMade + 1) % kMaxSignatures;
+    made.m_Digest = digest;
+    made.m_Length = length;
+    std::memcpy(made.m_Bytes, signature, static_cast<std::size_t>(length));
 }
 
 void kvxAddKeyUser() noexcept {

@@ -3,6 +3,9 @@
 #define TALLOWIN_CORE_ICCT_KEPTKEY_H
 
 #include <openssl/rsa.h>
+#include <openssl/sha.h>
+
+#include <array>
 
 /// A key parsed from its DER bytes, or one that an earlier call has parsed from the same bytes.
 ///
@@ -10,6 +13,9 @@
 /// a key is found by its exact bytes, which the caller has just read, so a replaced file takes effect at once. A key
 /// belongs to one call at a time, and is kept only when that call says so: a failure in the middle of an operation
 /// leaves the blinding in disorder. Bytes that do not decode are decoded by each call, with the same failure.
+///
+/// A private key remembers the last signatures made with it: the padding is deterministic, so the same digest has the
+/// same signature. A program that asks for the size of a URL and then for the URL signs once.
 ///
 /// At most kMaxKeys keys are kept for the process; the least recently used one goes. They are freed and wiped with the
 /// last public object (icct_keyusers.h), and without one nothing is kept. A child of fork() begins without kept keys:
@@ -35,7 +41,20 @@ public:
     /// Leaves the key to later calls when this object goes. Requires: nothing has failed that may have changed it.
     void keep() noexcept { m_IsKept = true; }
 
+    using Digest = std::array<unsigned char, SHA_DIGEST_LENGTH>;
+
+    /// Copies the remembered signature of `digest` to `out` and returns its length; 0 when there is none. Requires:
+    /// room for the modulus.
+    [[nodiscard]] int copySignature(Digest const& digest, unsigned char* out) const noexcept;
+
+    /// Remembers the `length` bytes at `signature`, unless the key is not kept or has a larger modulus. The oldest
+    /// signature goes.
+    void rememberSignature(Digest const& digest, unsigned char const* signature, int length) noexcept;
+
     static constexpr int kMaxKeys = 8;
+
+    /// Signatures that one key remembers: several threads may be between the size and the URL.
+    static constexpr int kMaxSignatures = 4;
 
     /// Longer blobs are parsed each time. A private key of 1024 bits takes 610 bytes.
     static constexpr int kMaxBlob = 1024;

@@ -7,8 +7,11 @@
 #include <openssl/err.h>
 
 #include <atomic>
+#include <climits>
 #include <filesystem>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "core/icct.h"
 #include "core/icct_keyusers.h"
@@ -40,10 +43,12 @@ Pair generatedPair() {
     return {made.publicBlob(), made.privateBlob()};
 }
 
-/// The signature of "abc", checked with the other half.
+/// A signature of a text of its own, checked with the other half.
 bool signsAndVerifies(Pair const& pair) {
-    Outcome const outcome = sign(pair.m_Private, bytesIn("abc"));
-    return outcome.m_Result == 0 && verify(pair.m_Public, bytesIn("abc"), outcome.output()) == 0;
+    static std::atomic<int> s_Number{0};
+    Bytes const text = bytesIn(std::to_string(s_Number++));
+    Outcome const outcome = sign(pair.m_Private, text);
+    return outcome.m_Result == 0 && verify(pair.m_Public, text, outcome.output()) == 0;
 }
 
 Pair testPair() {
@@ -182,6 +187,77 @@ TEST(KeptKeys, StayThroughForgeries) {
         EXPECT_EQ(verify(pair.m_Public, bytesIn("abc"), signature), 0);
     }
     ERR_clear_error();
+}
+
+TEST(KeptKeys, DoNotOutliveAFailedOperation) {
+    KeyUser const user;
+    Pair const pair = testPair();
+    ASSERT_TRUE(signsAndVerifies(pair));
+    {
+        LibraryCallsGuard const guard;
+        libraryCalls().m_Failing = "RSA_private_encrypt";
+        Outcome const outcome = sign(pair.m_Private, bytesIn("abc"));
+        EXPECT_EQ(outcome.m_Result, -1);
+        EXPECT_EQ(outcome.m_Length, ULONG_MAX);
+    }
+    EXPECT_EQ(kvxCountKeptKeys(), 1U) << "the public half";
+    EXPECT_TRUE(signsAndVerifies(pair));
+}
+
+TEST(KeptKeys, RememberTheirLastSignatures) {
+    Pair const pairs[] = {testPair(), generatedPair()};
+    char const* const texts[] = {"", "a", "b", "abc", "abd"};
+    std::vector<Bytes> wanted;
+    for (Pair const& pair : pairs) {
+        for (char const* const text : texts) {
+            wanted.push_back(sign(pair.m_Private, bytesIn(text)).output());
+        }
+    }
+    KeyUser const user;
+    for (int round = 0; round < 3; ++round) {
+        std::size_t number = 0;
+        for (Pair const& pair : pairs) {
+            for (char const* const text : texts) {
+                EXPECT_EQ(sign(pair.m_Private, bytesIn(text)).output(), wanted[number]) << text;
+                LibraryCallsGuard const guard;
+                libraryCalls().m_Failing = "RSA_private_encrypt";
+                EXPECT_EQ(sign(pair.m_Private, bytesIn(text)).output(), wanted[number++]) << text << " again";
+            }
+        }
+    }
+}
+
+TEST(KeptKeys, RememberFourSignaturesAndNoneOfOtherTexts) {
+    KeyUser const user;
+    Bytes const key = rsaData("key512.private");
+    auto const isRemembered = [&](char const* text) {
+        LibraryCallsGuard const guard;
+        libraryCalls().m_Failing = "RSA_private_encrypt";
+        return sign(key, bytesIn(text)).m_Result == 0;
+    };
+    for (char const* const text : {"1", "2", "3", "4"}) {
+        ASSERT_EQ(sign(key, bytesIn(text)).m_Result, 0);
+    }
+    for (char const* const text : {"1", "2", "3", "4"}) {
+        EXPECT_TRUE(isRemembered(text)) << text;
+    }
+    ASSERT_EQ(sign(key, bytesIn("5")).m_Result, 0);
+    EXPECT_TRUE(isRemembered("5"));
+    EXPECT_TRUE(isRemembered("2"));
+    EXPECT_FALSE(isRemembered("1"));
+    EXPECT_FALSE(isRemembered("5")) << "the failure has freed the key";
+}
+
+TEST(KeptKeys, RememberNothingForTheNextKeyInTheirPlace) {
+    KeyUser const user;
+    Bytes const first = rsaData("key512.private");
+    ASSERT_EQ(sign(first, bytesIn("abc")).m_Result, 0);
+    for (int i = 0; i < KvxKeptKey::kMaxKeys; ++i) {
+        Pair const pair = generatedPair();
+        Bytes const signature = sign(pair.m_Private, bytesIn("abc")).output();
+        EXPECT_EQ(verify(pair.m_Public, bytesIn("abc"), signature), 0) << i;
+    }
+    EXPECT_EQ(sign(first, bytesIn("abc")).output(), rsaData("key512-abc.signature"));
 }
 
 // The result may be written over the key.

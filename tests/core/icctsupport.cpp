@@ -223,6 +223,13 @@ INTERPOSED int RSA_padding_add_none(unsigned char* to, int tlen, unsigned char c
     return libraryCalls().m_AdditionResult + libraryCalls().m_AdditionSurplus;
 }
 
+INTERPOSED int RSA_private_encrypt(int flen, unsigned char const* from, unsigned char* to, RSA* rsa, int padding) {
+    using Function = int(int, unsigned char const*, unsigned char*, RSA*, int);
+    return fails("RSA_private_encrypt")
+               ? -1
+               : libraryFunction<Function>("RSA_private_encrypt")(flen, from, to, rsa, padding);
+}
+
 // Fails after writing the digest, so that only the result shows the failure.
 INTERPOSED unsigned char* SHA1(unsigned char const* d, size_t n, unsigned char* md) {
     using Function = unsigned char*(unsigned char const*, size_t, unsigned char*);
