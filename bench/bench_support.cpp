@@ -197,10 +197,12 @@ void compare(std::string const& label, std::string const& measured, std::string 
     g_Ratios.push_back({label, measured, base, comparison});
 }
 
-void compareScaling(std::string const& label, std::string const& large, std::string const& small, double timesAsMuch) {
+void compareScaling(std::string const& label, std::string const& large, std::string const& small, double timesAsMuch,
+                    double goal) {
     Comparison comparison;
+    comparison.m_Goal = goal;
     comparison.m_TimesTheWork = timesAsMuch;
-    compare(label, large, small, comparison);
+    compare("scaling: " + label, large, small, comparison);
 }
 
 void addContest(std::string const& name, Work ours, std::vector<Contestant> const& others) {

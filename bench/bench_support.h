@@ -52,9 +52,14 @@ void addTimed(std::string const& name, TimedWork work);
 void compare(std::string const& label, std::string const& measured, std::string const& base,
              Comparison const& comparison = {});
 
-/// Adds a scaling row: the speed of `large`, per byte or entry, divided by that of `small`. 1 is linear. `timesAsMuch`
-/// is the ratio of the two sizes.
-void compareScaling(std::string const& label, std::string const& large, std::string const& small, double timesAsMuch);
+/// The goal of a scaling row, with room for memory that is touched for the first time. Time proportional to the square
+/// of the size gives 0.1 for 10 times the size.
+constexpr double kLinear = 0.2;
+
+/// Adds the row "scaling: `label`": the speed of `large`, per byte or entry, divided by that of `small`. 1 is linear.
+/// `timesAsMuch` is the ratio of the two sizes.
+void compareScaling(std::string const& label, std::string const& large, std::string const& small, double timesAsMuch,
+                    double goal = kLinear);
 
 /// Registers "`name`/ours" and for each of `others` "`name`/its name", and adds the rows that compare with them:
 /// "`name`, its name".

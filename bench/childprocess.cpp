@@ -23,6 +23,7 @@ ChildProcess::ChildProcess(std::vector<std::string> arguments) {
     int out[2];
     require(::pipe2(in, O_CLOEXEC) == 0 && ::pipe2(out, O_CLOEXEC) == 0, "no pipe");
     std::vector<char*> pointers;
+    pointers.reserve(arguments.size() + 1);
     for (std::string& argument : arguments) {
         pointers.push_back(argument.data());
     }

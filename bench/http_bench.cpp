@@ -99,7 +99,7 @@ void setUp() {
     addResponse("1 KB", 1024, 2, 1 / 1.1);
     addResponse("1 MB", std::size_t{1} << 20, 1, kvxbench::kNoGoal);
     addResponse("10 MB", std::size_t{10} << 20, 1.4, kvxbench::kNoGoal);
-    kvxbench::compareScaling("scaling: HTTP exchange, 10 MB of 1 MB", "HTTP exchange, response of 10 MB/ours",
+    kvxbench::compareScaling("HTTP exchange, 10 MB of 1 MB", "HTTP exchange, response of 10 MB/ours",
                              "HTTP exchange, response of 1 MB/ours", 10);
 }
 

@@ -168,12 +168,12 @@ void setUp() {
          {Scaled{"map insert", "ours"}, Scaled{"map insert", "std::map"}, Scaled{"map find", "ours"},
           Scaled{"map find", "std::map"}, Scaled{"tree insert", "ours"}, Scaled{"tree insert", "std::set"},
           Scaled{"tree find", "ours"}, Scaled{"tree find", "std::set"}}) {
-        kvxbench::compareScaling("scaling: " + what + ", 100000 of 1000, " + side, what + " 100000/" + side,
-                                 what + " 1000/" + side, 100);
+        kvxbench::compareScaling("" + what + ", 100000 of 1000, " + side, what + " 100000/" + side,
+                                 what + " 1000/" + side, 100, kvxbench::kNoGoal);
     }
     addRemoval(1000);
     addRemoval(10000);
-    kvxbench::compareScaling("scaling: map insert and remove, 10000 of 1000", "map insert and remove 10000",
+    kvxbench::compareScaling("map insert and remove, 10000 of 1000", "map insert and remove 10000",
                              "map insert and remove 1000", 10);
 }
 

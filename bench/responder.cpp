@@ -13,7 +13,7 @@ namespace kvxbench {
 
 namespace {
 
-constexpr long kDaySeconds = 24 * 60 * 60;
+constexpr long kDaySeconds = 24L * 60 * 60;
 
 /// Receives up to the end of a request's header; `receive` is called with a buffer and its size. Whether it came.
 template <class Receive>

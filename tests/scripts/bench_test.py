@@ -57,6 +57,13 @@ class Bench(unittest.TestCase):
         self.assertEqual(text.count("WORSE"), 1)
         self.assertIn("Rows worse than in bench/expected.txt: one_bench", text)
 
+    def test_does_not_judge_scaling(self):
+        self.expected.write_text("[one_bench]\nscaling: find, 100 of 10  2.00  1.80 to 2.20\n")
+        self.program("scaling: find, 100 of 10    0.50  0.40 to 0.70  none")
+        status, text = self.run_bench()
+        self.assertEqual(status, 0, text)
+        self.assertIn("0.40 to 0.70  none\n", text)
+
     def test_marks_more_bytes(self):
         self.program("find 10, std::map    2.00  1.80 to 2.20  none", "memory of an entry    0.40  9 bytes  8 bytes")
         status, text = self.run_bench()
