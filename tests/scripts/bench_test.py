@@ -48,6 +48,7 @@ class Bench(unittest.TestCase):
         self.assertNotIn("WORSE", text)
         self.assertNotIn("better", text)
         self.assertIn("2.00  SHORT\n", text)
+        self.assertIn("2 rows, 1 short of their goals, 0 worse", text)
 
     def test_marks_rows_worse_than_both_spreads(self):
         self.program("find 10, std::map    1.50  1.40 to 1.70  none", "memory of an entry    0.50  9 bytes  8 bytes")
@@ -55,7 +56,7 @@ class Bench(unittest.TestCase):
         self.assertEqual(status, 1, text)
         self.assertIn("1.40 to 1.70  none  WORSE than 2.00\n", text)
         self.assertEqual(text.count("WORSE"), 1)
-        self.assertIn("Rows worse than in bench/expected.txt: one_bench", text)
+        self.assertIn("2 rows, 0 short of their goals, 1 worse than in bench/expected.txt\n", text)
 
     def test_does_not_judge_scaling(self):
         self.expected.write_text("[one_bench]\nscaling: find, 100 of 10  2.00  1.80 to 2.20\n")
