@@ -157,6 +157,14 @@ std::string markOf(Line const& line, std::set<std::string> const& reached) {
     return line.m_Best >= line.m_Goal ? "short, within the spread" : "SHORT";
 }
 
+/// The width of a column: that of its longest text, and at least `least`.
+int widthOf(std::vector<Line> const& lines, std::string Line::*text, std::size_t least) {
+    for (Line const& line : lines) {
+        least = std::max(least, (line.*text).size());
+    }
+    return static_cast<int>(least);
+}
+
 void print(std::vector<Line> const& lines) {
     std::set<std::string> reached;
     for (Line const& line : lines) {
@@ -164,10 +172,12 @@ void print(std::vector<Line> const& lines) {
             reached.insert(line.m_Label);
         }
     }
-    std::printf("%-58s  %8s  %-16s  %-12s\n", "times faster or smaller", "ratio", "quartiles", "goal");
+    int const width = widthOf(lines, &Line::m_Detail, 16);
+    int const labelWidth = widthOf(lines, &Line::m_Label, 50);
+    std::printf("%-*s  %8s  %-*s  %s\n", labelWidth, "times faster or smaller", "ratio", width, "quartiles", "goal");
     for (Line const& line : lines) {
-        std::printf("%-58s  %8s  %-16s  %-12s  %s\n", line.m_Label.c_str(), numberText(line.m_Value).c_str(),
-                    line.m_Detail.c_str(), line.m_Goal == kNoGoal ? "none" : line.m_GoalText.c_str(),
+        std::printf("%-*s  %8s  %-*s  %-11s  %s\n", labelWidth, line.m_Label.c_str(), numberText(line.m_Value).c_str(),
+                    width, line.m_Detail.c_str(), line.m_Goal == kNoGoal ? "none" : line.m_GoalText.c_str(),
                     markOf(line, reached).c_str());
     }
 }

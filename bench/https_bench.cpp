@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <string>
 
@@ -31,7 +32,8 @@ constexpr std::size_t kBytes = 1024;
 /// A file with a text. Removed by the destructor.
 class TemporaryFile {
 public:
-    explicit TemporaryFile(std::string const& text) : m_Path("/tmp/kvxbench-XXXXXX") {
+    explicit TemporaryFile(std::string const& text)
+        : m_Path((std::filesystem::temp_directory_path() / "kvxbench-XXXXXX").string()) {
         int const file = ::mkstemp(m_Path.data());
         require(file != -1, "cannot create a temporary file");
         ::close(file);
