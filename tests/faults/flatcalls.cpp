@@ -108,6 +108,13 @@ void makeRequest(CallState& state) {
     MessageObject_SetAttribute(state.m_Message, "TOKEN", "t1");
 }
 
+/// A request after another one was signed: the key lives on, the signature is a new one.
+void makeSecondRequest(CallState& state) {
+    makeRequest(state);
+    MessageObject_GetURL(state.m_Message, &state.m_Size, nullptr);
+    MessageObject_SetAttribute(state.m_Message, "TOKEN", "t2");
+}
+
 void removeCurrentKey(Stage& stage) {
     stage.remove("keys/current");
 }
@@ -458,6 +465,8 @@ std::vector<FlatCall> makeCalls() {
         {"MessageObject_GetAttribute (no attribute)", KVX_E_NOT_FOUND, nullptr, &makeRequest,
          [](S& s) { return MessageObject_GetAttribute(s.m_Message, "NONE", &s.m_Size, s.m_Buffer); }, nullptr},
         {"MessageObject_GetURL", KVX_OK, nullptr, &makeRequest,
+         [](S& s) { return MessageObject_GetURL(s.m_Message, &s.m_Size, s.m_Buffer); }, &wrongUrl},
+        {"MessageObject_GetURL (kept key)", KVX_OK, nullptr, &makeSecondRequest,
          [](S& s) { return MessageObject_GetURL(s.m_Message, &s.m_Size, s.m_Buffer); }, &wrongUrl},
         {"MessageObject_GetURL (no key)", KVX_E_NOT_FOUND, &removeOwnKey, &makeRequest,
          [](S& s) { return MessageObject_GetURL(s.m_Message, &s.m_Size, s.m_Buffer); }, nullptr},
