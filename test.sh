@@ -40,11 +40,13 @@ long_forms() {
     printf '== release: long forms of %s\n' "$filter"
     [ -n "$("build/release/tests/$program" --gtest_list_tests --gtest_filter="$filter")" ]
     KVX_HANDLE_ROUNDS=1000000 KVX_FORKS=2000 KVX_STRESS_ROUNDS=2000 KVX_FORGERIES=1000000 KVX_SOAK_SECONDS=600 \
+      KVX_DOCUMENTS=1000000 \
       timeout 3600 "build/release/tests/$program" --gtest_brief=1 --gtest_filter="$filter"
   done <<'END'
 api/api_tests WildHandle.*:ForkedChild.*:Stress.*
 core/core_tests RandomForgeries.*
 flow/flow_tests Soak.*
+xml/xml_tests RandomDocuments.*
 END
 }
 

@@ -70,6 +70,15 @@ public:
         m_AtEnd = false;
     }
 
+    /// The bytes that `get` would still deliver, borrowed until the next change; `unreadLength` is their number.
+    [[nodiscard]] char const* unread() const { return unreadLength() == 0 ? "" : buffer() + m_ReadPosition; }
+    [[nodiscard]] std::uint32_t unreadLength() const {
+        return m_AtEnd || m_ReadPosition >= length() ? 0 : length() - m_ReadPosition;
+    }
+
+    /// Moves behind the first `count` bytes of them, as so many calls of `get` do.
+    void skip(std::uint32_t count) { m_ReadPosition += count; }
+
     /// Whether the last read found no more bytes.
     [[nodiscard]] bool atEnd() const { return m_AtEnd; }
 

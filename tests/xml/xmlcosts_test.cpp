@@ -115,6 +115,25 @@ TEST(XmlCosts, OfParsingAnyShapeAreBoundedAndLinear) {
     }
 }
 
+// A run of characters is copied where it is kept, and nowhere else however long it is: into a string as a whole, and
+// from there into the tree. Names of end tags are kept nowhere.
+TEST(XmlCosts, OfOneRunAreTwoCopies) {
+    constexpr std::size_t kRun = 128 * kKilo;
+    for (auto const& [text, copies] : {std::pair<std::string, std::uint64_t>{"<a>" + repeated("x", kRun) + "</a>", 2},
+                                       {"<a></" + repeated("x", kRun) + ">", 0},
+                                       {"<a" + repeated(" ", kRun) + "/>", 0},
+                                       {repeated("x", kRun), 0}}) {
+        TbStringStream in(stringOf(text));
+        Cost const cost = costOf([&, &in = in] {
+            xmlElement* out = nullptr;
+            if (xmlParser().parseText(in, &out) == 0) {
+                out->release();
+            }
+        });
+        EXPECT_LE(cost.m_Bytes, copies * kRun + 4 * kKilo) << text.substr(0, 8);
+    }
+}
+
 TEST(XmlCosts, OfWritingAreThoseOfTheTextAndTheWayDown) {
     for (Shape const& shape : kShapes) {
         if (!shape.m_IsDocument) {

@@ -9,6 +9,7 @@
 
 #include "tests/xml/xmlreference.h"
 #include "tests/xml/xmlsupport.h"
+#include "xml/xmltable.h"
 
 using namespace kvxtest;
 
@@ -141,6 +142,52 @@ TEST(XmlTable, TakesTheFirstRowThatFits) {
     EXPECT_EQ(getTabEntry(table, 7, '<'), nullptr);
     EXPECT_EQ(getTabEntry(table, 8, ' '), nullptr);  // behind the end
     EXPECT_EQ(getTabEntry(table, 0, 'a'), nullptr);
+
+    xmltable::Transitions const expanded = xmltable::expanded(table);
+    EXPECT_EQ(expanded[8][xmltable::classOf('a')].m_Next, 2);
+    EXPECT_EQ(expanded[8][xmltable::classOf('<')].m_Next, 2);
+    EXPECT_EQ(expanded[7][xmltable::classOf('a')].m_Next, 1);
+    EXPECT_EQ(expanded[7][xmltable::classOf('<')].m_Next, xmltable::kNoState);
+    EXPECT_EQ(expanded[8][xmltable::classOf(' ')].m_Next, xmltable::kNoState);
+}
+
+TEST(XmlTable, IsExpandedToTheFirstRowThatFits) {
+    for (std::uint32_t state = 0; state < xmltable::kStateCount; ++state) {
+        for (int number = 0; number < 256; ++number) {
+            xmltable::Transition const& found = xmltable::transitionOf(state, byteOf(number));
+            xmlTableRow const* const row = getTabEntry(xmlTable, state, byteOf(number));
+            std::string const where = "state " + std::to_string(state) + " byte " + std::to_string(number);
+            ASSERT_EQ(found.m_Next != xmltable::kNoState, row != nullptr) << where;
+            if (row != nullptr) {
+                EXPECT_EQ(found.m_Next, row->m_Next) << where;
+                EXPECT_EQ(found.m_Action, row->m_Action) << where;
+                EXPECT_EQ(found.m_IsAgain, row->m_Consume == 0) << where;
+            }
+        }
+    }
+    for (std::size_t i = 0; i < kRows; ++i) {
+        EXPECT_LT(xmlTable[i].m_State, xmltable::kStateCount) << "row " << i;
+    }
+}
+
+TEST(XmlTable, KnowsWhereRunsOfCollectedCharactersEnd) {
+    for (std::uint32_t state = 0; state < xmltable::kStateCount; ++state) {
+        std::vector<int> ends;
+        for (int number = 0; number < 256; ++number) {
+            xmlTableRow const* const row = getTabEntry(xmlTable, state, byteOf(number));
+            bool const isCollected =
+                row != nullptr && row->m_Action == 2 && row->m_Next == state && row->m_Consume == 1;
+            EXPECT_EQ((xmltable::kCollected[state] >> xmltable::classOf(byteOf(number)) & 1U) != 0, isCollected)
+                << "state " << state << " byte " << number;
+            if (!isCollected) {
+                ends.push_back(number);
+            }
+        }
+        EXPECT_EQ(xmltable::kRunEnd[state], ends.size() == 1 ? ends[0] : xmltable::kNoEnd) << "state " << state;
+    }
+    EXPECT_EQ(xmltable::kRunEnd[xmltable::kText], '<');
+    EXPECT_EQ(xmltable::kRunEnd[xmltable::kSingleQuoted], '\'');
+    EXPECT_EQ(xmltable::kRunEnd[xmltable::kDoubleQuoted], '"');
 }
 
 // Every byte in every state, followed by every ending: result and document must be those of the reference, which tells

@@ -252,6 +252,55 @@ TEST(XmlParser, StartsAtTheReadPosition) {
     out->release();
 }
 
+TEST(XmlParser, StopsBehindTheCharacterThatItRefuses) {
+    struct Stop {
+        char const* m_Text;
+        int m_Code;
+        char const* m_Left;
+    };
+    for (Stop const& row : {
+             Stop{"<a>text<!rest", 1, "rest"},
+             {"<a/b/rest", 1, "rest"},  // the first slash is looked at twice
+             {"<a b=1'rest", 1, "rest"},
+             {"<a b?rest", 1, "rest"},
+             {"</rest", 3, "rest"},
+             {"<a></a></a>", 3, "a>"},
+             {"<a b='rest", 2, ""},
+             {"<a/>rest", 0, ""},
+         }) {
+        TbStringStream in("skipped");
+        for (char skipped = 0; in.get(skipped), !in.atEnd();) {
+        }
+        in.put(row.m_Text);
+        xmlElement* out = nullptr;
+        EXPECT_EQ(xmlParser().parseText(in, &out), row.m_Code) << row.m_Text;
+        xmlElementPtr const document = xmlAdopt(out);
+        EXPECT_EQ(in.atEnd(), row.m_Code == 0 || row.m_Code == 2) << row.m_Text;
+        std::string left;
+        for (char next = 0; in.get(next), !in.atEnd();) {
+            left += next;
+        }
+        EXPECT_EQ(left, row.m_Left) << row.m_Text;
+    }
+}
+
+TEST(XmlParser, ReadsNothingFromAStreamAtItsEnd) {
+    TbStringStream in("<a");
+    for (char skipped = 0; in.get(skipped), !in.atEnd();) {
+    }
+    in.TbString::append("<b");  // the flag stays, and nothing behind it is read
+    EXPECT_EQ(in.unreadLength(), 0U);
+    xmlElement* out = nullptr;
+    ASSERT_EQ(xmlParser().parseText(in, &out), 0);
+    out->release();
+    in.TbString::assign("<");  // the read position is beyond the text now
+    in.unget();
+    EXPECT_EQ(in.unreadLength(), 0U);
+    ASSERT_EQ(xmlParser().parseText(in, &out), 0);
+    out->release();
+    EXPECT_TRUE(in.atEnd());
+}
+
 TEST(XmlParser, ServesAnyNumberOfDocuments) {
     xmlParser parser;
     static_assert(sizeof(xmlParser) == sizeof(TbRefCounter), "a parser has no data");

@@ -117,7 +117,7 @@ std::size_t referenceRowFor(std::uint32_t state, char byte) {
     return index;
 }
 
-std::string referenceReparsed(std::string const& text) {
+ReferenceReading referenceRead(std::string const& text) {
     Node document;
     Node* current = &document;
     std::uint32_t state = 1;
@@ -126,7 +126,7 @@ std::string referenceReparsed(std::string const& text) {
     for (std::size_t position = 0; position < text.size();) {
         std::size_t const index = referenceRowFor(state, text[position]);
         if (index == referenceRows().size()) {
-            return "error 1";
+            return {"error 1", position + 1};
         }
         ReferenceRow const& row = referenceRows()[index];
         switch (row.m_Action) {
@@ -145,7 +145,7 @@ std::string referenceReparsed(std::string const& text) {
             case 7:
                 current = current->m_Parent;
                 if (current == nullptr) {
-                    return "error 3";
+                    return {"error 3", position + 1};
                 }
                 break;
             case 8:
@@ -163,7 +163,11 @@ std::string referenceReparsed(std::string const& text) {
         state = row.m_Next;
         position += row.m_Consume;
     }
-    return state == 1 && current == &document ? written(document) : "error 2";
+    return {state == 1 && current == &document ? written(document) : "error 2", text.size()};
+}
+
+std::string referenceReparsed(std::string const& text) {
+    return referenceRead(text).m_Written;
 }
 
 std::string referenceEncoded(std::string const& text) {

@@ -26,6 +26,13 @@ std::uint32_t referenceClass(char byte);
 /// Index of the row for a byte in a state; the number of rows when there is none.
 std::size_t referenceRowFor(std::uint32_t state, char byte);
 
+struct ReferenceReading {
+    std::string m_Written;  ///< The document written again, or "error N".
+    std::size_t m_Bytes;    ///< How many bytes are read: up to the one that is refused, or all.
+};
+
+ReferenceReading referenceRead(std::string const& text);
+
 /// The document of `text` written again, or "error N".
 std::string referenceReparsed(std::string const& text);
 
