@@ -5,10 +5,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "tests/support/random.h"
 #include "tests/support/tbtext.h"
 #include "tests/xml/xmlreference.h"
 #include "tests/xml/xmlsupport.h"
+#include "xml/xmlentities.h"
 
 using namespace kvxtest;
 
@@ -139,6 +142,54 @@ TEST(XmlDecode, AgreesWithTheReferenceOnRandomText) {
         ASSERT_EQ(encoded(text), referenceEncoded(text)) << text;
         ASSERT_EQ(decoded(encoded(text)), text);
     }
+}
+
+xmlSlice sliceOf(std::string const& text) {
+    return {text.data(), static_cast<std::uint32_t>(text.size())};
+}
+
+/// Compares what is known of a text as a slice with what encoding and decoding make of the whole of it.
+void expectSlicesAgree(std::string const& text) {
+    std::string const whole = encoded(text);
+    EXPECT_EQ(xmlPlainLength(sliceOf(text)), std::min(text.size(), text.find_first_of("&<>\"'"))) << text;
+    EXPECT_EQ(xmlEncodedLength(sliceOf(text)), whole.size()) << text;
+    EXPECT_EQ(xmlIsEncoded(sliceOf(text)), encoded(decoded(text)) == text) << text;
+    std::string written(whole.size(), '?');
+    EXPECT_EQ(xmlEncodeTo(sliceOf(text), written.data()), written.data() + written.size());
+    EXPECT_EQ(written, whole);
+    TbString appended("before");
+    xmlDecodeInto({sliceOf(text), false}, appended);
+    EXPECT_EQ(bytesOf(appended), "before" + decoded(text));
+}
+
+// Characters are searched in steps of 16 bytes: each of the five stands at every place of three steps.
+TEST(XmlSlices, AgreeWithWholeTextsAtEveryPlace) {
+    for (std::string const piece : {"&", "<", ">", "\"", "'", "&amp;", "&lt;", "&gt;", "&quot;", "&apos;", "&quotX",
+                                    "&amp", "&unknown;", "&;", "\x80", ""}) {
+        for (std::size_t before = 0; before < 48; ++before) {
+            for (std::size_t const after : {0U, 1U, 2U, 5U, 16U, 40U}) {
+                expectSlicesAgree(std::string(before, 'x') + piece + std::string(after, ';'));
+                expectSlicesAgree(std::string(before, 'x') + piece + std::string(after, 'y'));
+            }
+        }
+    }
+}
+
+TEST(XmlSlices, AgreeWithWholeTextsAtRandom) {
+    SCOPED_TRACE("seed " + std::to_string(testSeed()));
+    Random random;
+    static std::string const kPieces[] = {"&amp;", "&lt;", "&gt;", "&quot;", "&apos;", "plain", "&x;", "&", "<", ";"};
+    int kept = 0;
+    for (int round = 0; round < 20000; ++round) {
+        std::string text;
+        std::size_t const pieces = random.below(2) == 0 ? 6 : std::size(kPieces);
+        for (std::size_t left = random.below(10); left > 0; --left) {
+            text += kPieces[random.below(pieces)];
+        }
+        expectSlicesAgree(text);
+        kept += xmlIsEncoded(sliceOf(text)) && !text.empty() ? 1 : 0;
+    }
+    EXPECT_GT(kept, 1000);
 }
 
 }  // namespace
