@@ -1,13 +1,33 @@
 // Element handles, elements and enumerators.
 //
-// Children are entries of a multimap from tag to handle, in insertion order. Neither writing nor destroying recurses:
-// toStream keeps the open entries on a stack, and a dying element collects the children of its whole subtree in a list
-// that runs through the elements themselves. Attribute values are escaped when set and unescaped when read.
+// An element is small: tag, text, attributes and children are made when there is something to hold, and a child costs
+// its parent one link of a list. Neither writing (xml/xmlwriter.cpp) nor destroying recurses: a dying element collects
+// the children of its whole subtree in a list that runs through the elements themselves. Attribute values are escaped
+// when set and unescaped when read.
 
 #include "xml/xmlelement.h"
 
+#include <memory>
+
 #include "foundation/tbexception.h"
-#include "foundation/tbstrptr.h"
+#include "xml/xmlaccess.h"
+#include "xml/xmlchildren.h"
+#include "xml/xmlentities.h"
+#include "xml/xmlholder.h"
+#include "xml/xmlwriter.h"
+
+namespace {
+
+/// The container at `slot`, made when there is none yet.
+template <class T>
+T& madeAt(T*& slot) {
+    if (slot == nullptr) {
+        slot = new T;
+    }
+    return *slot;
+}
+
+}  // namespace
 
 xmlElementPtr::xmlElementPtr(xmlElement* element) : TbPtr(element) {}
 
@@ -58,22 +78,26 @@ xmlElement::~xmlElement() {
         }
         element->release();
     }
+    delete m_Attributes;
+    xmlText::release(m_Text);
+    xmlText::release(m_Tag);
 }
 
 /// Removes all children and adds each, once and with a reference, to the list `dying`.
 void xmlElement::letChildrenGo(xmlElement*& dying) {
-    for (TbMapItem const* entry = m_Children.first(); entry != nullptr; entry = entry->next()) {
-        xmlElement& child = elementAt(*entry);
-        if (child.m_Parent == this) {
-            child.m_Parent = nullptr;
+    while (m_Children != nullptr && m_Children->first() != nullptr) {
+        xmlElement* const child = m_Children->takeFirst();
+        if (child->m_Parent == this) {
+            child->m_Parent = nullptr;
         }
-        if (child.m_NextDying == nullptr) {
-            child.addRef();
-            child.m_NextDying = dying == nullptr ? &child : dying;
-            dying = &child;
+        if (child->m_NextDying == nullptr) {
+            child->m_NextDying = dying == nullptr ? child : dying;
+            dying = child;
+        } else {
+            child->release();  // the list has another reference
         }
     }
-    m_Children.clear();
+    delete std::exchange(m_Children, nullptr);
 }
 
 TbAllocator xmlElement::getAllocator() const {
@@ -85,54 +109,45 @@ bool xmlElement::isInstanceOf(char const* className) const {
 }
 
 bool xmlElement::operator<(TbFindable const& other) const {
-    return other.isInstanceOf("xmlElement") && m_Tag.compare(static_cast<xmlElement const&>(other).m_Tag) < 0;
+    return other.isInstanceOf("xmlElement") &&
+           xmlCompare(xmlAccess::tagOf(*this), xmlAccess::tagOf(static_cast<xmlElement const&>(other))) < 0;
 }
 
 bool xmlElement::operator==(TbFindable const& other) const {
-    return other.isInstanceOf("xmlElement") && m_Tag.compare(static_cast<xmlElement const&>(other).m_Tag) == 0;
+    return other.isInstanceOf("xmlElement") &&
+           xmlCompare(xmlAccess::tagOf(*this), xmlAccess::tagOf(static_cast<xmlElement const&>(other))) == 0;
 }
 
 bool xmlElement::setAttribute(TbString const& name, TbString const& value) {
-    TbString escaped;
-    XMLEncode(value, escaped);
-    // Pairs are replaced whole: running out of memory must not leave a name with half a value.
-    TbKeyValue const fresh(name, escaped);
-    auto const* const entry = static_cast<TbMapItem*>(m_Attributes.find(name));
-    if (entry == nullptr) {
-        m_Attributes.put(fresh);
-    } else {
-        entry->item()->assign(fresh);
-    }
+    xmlAccess::setAttribute(*this, xmlPartOf(name), xmlPartOf(value), false);
     return true;
 }
 
 bool xmlElement::getAttribute(TbString const& name, TbString& value) const {
-    auto const* const entry = static_cast<TbMapItem*>(m_Attributes.find(name));
-    if (entry == nullptr) {
+    xmlAttribute const* const found = m_Attributes == nullptr ? nullptr : m_Attributes->find(xmlSliceOf(name));
+    if (found == nullptr) {
         return false;
     }
-    XMLDecode(*static_cast<TbString*>(static_cast<TbKeyValue*>(entry->item())->value()), value);
+    TbString decoded;
+    xmlDecodeInto({found->value(), found->m_IsValueSecret}, decoded);
+    value = decoded;
     return true;
 }
 
-/// The child that an entry of the children holds.
-xmlElement& xmlElement::elementAt(TbMapItem const& entry) noexcept {
-    return *static_cast<xmlElement*>(static_cast<TbStrPtr*>(entry.item())->value().target());
-}
-
 void xmlElement::insertChild(xmlElement* child) {
-    m_Children.put(child->m_Tag, xmlElementPtr(child));
+    xmlElementPtr const holder(child);
+    madeAt(m_Children).append(child);
     child->m_Parent = this;
 }
 
 bool xmlElement::removeChild(TbString const& tag, long index) {
-    auto const* const entries = static_cast<TbFindableVector*>(m_Children.find(tag));
-    if (entries == nullptr || index < 0 || static_cast<unsigned long>(index) >= entries->count()) {
+    if (m_Children == nullptr || index < 0) {
         return false;
     }
-    auto const position = static_cast<std::uint32_t>(index);
-    xmlElementPtr const child(&elementAt(*static_cast<TbMapItem*>(entries->at(position))));
-    m_Children.remove(tag, index);
+    xmlElementPtr const child = xmlAdopt(m_Children->remove(xmlSliceOf(tag), static_cast<unsigned long>(index)));
+    if (child.get() == nullptr) {
+        return false;
+    }
     if (child->m_Parent == this) {
         child->m_Parent = nullptr;
     }
@@ -140,16 +155,16 @@ bool xmlElement::removeChild(TbString const& tag, long index) {
 }
 
 bool xmlElement::getChild(TbString const& tag, long index, xmlElement** child) const {
-    auto const* const entries = static_cast<TbFindableVector*>(m_Children.find(tag));
-    if (entries == nullptr) {
+    xmlSlice const wanted = xmlSliceOf(tag);
+    if (m_Children == nullptr || m_Children->find(wanted, 0) == nullptr) {
         return false;
     }
-    if (index < 0 || static_cast<unsigned long>(index) >= entries->count()) {
+    xmlChild const* const found = index < 0 ? nullptr : m_Children->find(wanted, static_cast<unsigned long>(index));
+    if (found == nullptr) {
         throw TBFC_Exception(KVX_E_OUT_OF_RANGE);
     }
-    xmlElement& found = elementAt(*static_cast<TbMapItem*>(entries->at(static_cast<std::uint32_t>(index))));
-    found.addRef();
-    *child = &found;
+    found->m_Element->addRef();
+    *child = found->m_Element;
     return true;
 }
 
@@ -162,67 +177,21 @@ bool xmlElement::getParent(xmlElement** parent) const {
 }
 
 void xmlElement::getText(TbString& text) const {
-    text = m_Text;
+    xmlText::assignTo(m_Text, text);
 }
 
 void xmlElement::setText(TbString const& text) {
-    m_Text = text;
+    xmlText* const fresh = xmlText::copyOf(text, m_Text != nullptr && m_Text->m_IsSecret);
+    xmlText::release(std::exchange(m_Text, fresh));
 }
 
 bool xmlElement::getTag(TbString& tag) const {
-    tag = m_Tag;
+    xmlText::assignTo(m_Tag, tag);
     return true;
 }
 
-/// Whether there is text or a child between start tag and end tag.
-bool xmlElement::hasContent() const noexcept {
-    return !m_Text.isEmpty() || m_Children.count() != 0;
-}
-
-/// Writes everything before the children.
-void xmlElement::writeHead(TbStringStream& out) const {
-    if (!m_Tag.isEmpty()) {
-        out.put('<');
-        out.put(m_Tag);
-        for (TbMapItem const* entry = m_Attributes.first(); entry != nullptr; entry = entry->next()) {
-            auto const& attribute = *static_cast<TbKeyValue*>(entry->item());
-            out.put(' ');
-            out.put(*static_cast<TbString*>(attribute.key()));
-            out.put("=\"");
-            out.put(*static_cast<TbString*>(attribute.value()));
-            out.put('"');
-        }
-        out.put(hasContent() ? ">" : "/>");
-    }
-    out.put(m_Text);
-}
-
-/// Writes the end tag.
-void xmlElement::writeTail(TbStringStream& out) const {
-    if (!m_Tag.isEmpty() && hasContent()) {
-        out.put("</");
-        out.put(m_Tag);
-        out.put('>');
-    }
-}
-
 bool xmlElement::toStream(TbStringStream& out) const {
-    TbStack open;  // the entries on the way from this element down to the one being written
-    writeHead(out);
-    TbMapItem const* entry = m_Children.first();
-    while (entry != nullptr || open.count() != 0) {
-        if (entry != nullptr) {
-            open.push_back(const_cast<TbMapItem*>(entry));  // a stack takes no constant objects; nothing changes it
-            elementAt(*entry).writeHead(out);
-            entry = elementAt(*entry).m_Children.first();
-        } else {
-            entry = static_cast<TbMapItem const*>(open.peek());
-            open.pop_back();
-            elementAt(*entry).writeTail(out);
-            entry = entry->next();
-        }
-    }
-    writeTail(out);
+    xmlWriter(out).write(*this);
     return true;
 }
 
@@ -247,25 +216,44 @@ bool xmlElementEnum::isInstanceOf(char const* className) const {
 
 void xmlElementEnum::create(xmlElement* element, TbString const& tag) {
     m_Element = xmlElementPtr(element);
-    if (tag.isEmpty()) {
-        m_Position = element->m_Children.first();
+    xmlChildren const* const children = element->m_Children;
+    if (children == nullptr) {
+        m_Position = m_End;
         return;
     }
-    auto const* const entries = static_cast<TbFindableVector*>(element->m_Children.find(tag));
-    m_Position = entries == nullptr ? m_End : static_cast<TbMapItem*>(entries->at(0));
+    m_Position = tag.isEmpty() ? children->first() : children->find(xmlSliceOf(tag), 0);
 }
 
 bool xmlElementEnum::getNext(xmlElement** child) {
     if (isEmpty()) {
         return false;
     }
-    xmlElement& current = xmlElement::elementAt(*m_Position);
-    current.addRef();
-    m_Position = m_Position->next();
-    *child = &current;
+    xmlElement* const current = m_Position->m_Element;
+    current->addRef();
+    m_Position = m_Position->m_Next;
+    *child = current;
     return true;
 }
 
 void xmlElementEnum::allocate(TbObject** slot) {
     tbAllocateInto<xmlElementEnum>(slot);
+}
+
+xmlElement* xmlAccess::insertNew(xmlElement& parent, xmlPart tag) {
+    xmlElementPtr const child(new xmlElement);
+    child->m_Tag = xmlText::create(tag.m_Text, tag.m_IsSecret);
+    madeAt(parent.m_Children).append(child.get());
+    child->m_Parent = &parent;
+    return child.get();
+}
+
+void xmlAccess::setText(xmlElement& element, xmlPart text) {
+    bool const staysSecret = element.m_Text != nullptr && element.m_Text->m_IsSecret;
+    xmlText* const fresh = xmlText::create(text.m_Text, text.m_IsSecret || staysSecret);
+    xmlText::release(std::exchange(element.m_Text, fresh));
+}
+
+void xmlAccess::setAttribute(xmlElement& element, xmlPart name, xmlPart value, bool isEncoded) {
+    xmlAttributes& attributes = madeAt(element.m_Attributes);
+    attributes.put(xmlAttribute::create(name, value, isEncoded));
 }

@@ -4,15 +4,19 @@
 #ifndef TALLOWIN_XML_XMLELEMENT_H
 #define TALLOWIN_XML_XMLELEMENT_H
 
+#include <utility>
+
 #include "tallowin/export.h"
-#include "tallowin/tbmap.h"
-#include "tallowin/tbmultimap.h"
 #include "tallowin/tbptr.h"
 #include "tallowin/tbstring.h"
 #include "tallowin/tbstringstream.h"
 
+class xmlAttributes;
+struct xmlChild;
+class xmlChildren;
 class xmlElement;
 class xmlElementEnum;
+struct xmlText;
 
 /// A counted handle on an element.
 class KVX_EXPORT xmlElementPtr : public TbPtr {
@@ -74,7 +78,10 @@ public:
     xmlElement() = default;
 
     /// An element without children and parent whose tag is `tag`.
-    explicit xmlElement(TbString const& tag) : m_Tag(tag) {}
+    explicit xmlElement(TbString const& tag) {
+        setText(tag);  // tag and text are kept in one form
+        std::swap(m_Tag, m_Text);
+    }
 
     xmlElement(xmlElement const&) = delete;
     xmlElement& operator=(xmlElement const&) = delete;
@@ -134,19 +141,17 @@ public:
     static void allocate(TbObject** slot);
 
 private:
+    friend class xmlAccess;
     friend class xmlElementEnum;
+    friend class xmlWriter;
 
-    static xmlElement& elementAt(TbMapItem const& entry) noexcept;
-    [[nodiscard]] bool hasContent() const noexcept;
-    void writeHead(TbStringStream& out) const;
-    void writeTail(TbStringStream& out) const;
     void letChildrenGo(xmlElement*& dying);
 
-    TbString m_Tag;
-    TbStrMap m_Attributes;           ///< Values are escaped.
-    TbStrPtrMultimap m_Children;     ///< Tag to xmlElementPtr.
-    xmlElement* m_Parent = nullptr;  ///< Not counted; reset when the parent dies or lets go.
-    TbString m_Text;
+    xmlText* m_Tag = nullptr;               ///< Owned; null for an empty tag.
+    xmlText* m_Text = nullptr;              ///< Owned; null for an empty text.
+    xmlAttributes* m_Attributes = nullptr;  ///< Owned; null before the first one.
+    xmlChildren* m_Children = nullptr;      ///< Owned; null before the first one.
+    xmlElement* m_Parent = nullptr;         ///< Not counted; reset when the parent dies or lets go.
     xmlElement* m_NextDying = nullptr;  ///< Next in the list of elements that a dying ancestor still has to release;
                                         ///< the last one points to itself. Null outside such a list.
 };
@@ -179,8 +184,8 @@ public:
 
 private:
     xmlElementPtr m_Element;
-    TbMapItem const* m_Position = nullptr;  ///< Borrowed from the element's children.
-    TbMapItem const* m_End = nullptr;
+    xmlChild const* m_Position = nullptr;  ///< Borrowed from the element's children.
+    xmlChild const* m_End = nullptr;
 };
 
 /// `out` becomes `in` with the five characters " & ' < > replaced by their entities. The two may be one string. A

@@ -9,6 +9,8 @@
 
 #include <cstring>
 
+#include "xml/xmlaccess.h"
+#include "xml/xmlentities.h"
 #include "xml/xmlholder.h"
 #include "xml/xmllimits.h"
 #include "xml/xmltable.h"
@@ -24,12 +26,6 @@ enum Result : int {
     kUnexpectedEnd = 2,
     kNothingToClose = 3,
     kBeyondLimit = 4,  // only with limits
-};
-
-/// A part of the input, borrowed.
-struct Slice {
-    char const* m_Bytes = nullptr;
-    std::uint32_t m_Length = 0;
 };
 
 /// The unread text of a stream. Whatever ends the parsing, the stream's read position is moved behind the last
@@ -51,7 +47,7 @@ public:
 
     /// The last character that was taken, and all after it that `state` collects without a change of state; they are
     /// taken too.
-    Slice takeRun(std::uint32_t state) noexcept {
+    xmlSlice takeRun(std::uint32_t state) noexcept {
         std::uint32_t const begin = m_Taken - 1;
         m_Taken = endOfRun(state);
         return {m_Rest + begin, m_Taken - begin};
@@ -60,15 +56,24 @@ public:
 private:
     [[nodiscard]] std::uint32_t endOfRun(std::uint32_t state) const noexcept {
         if (kRunEnd[state] != kNoEnd) {
-            void const* const end =
-                isAtEnd() ? nullptr : std::memchr(m_Rest + m_Taken, kRunEnd[state], m_Length - m_Taken);
-            return end == nullptr ? m_Length : static_cast<std::uint32_t>(static_cast<char const*>(end) - m_Rest);
+            return isAtEnd() ? m_Taken : positionOf({m_Rest, m_Length}, m_Taken, static_cast<char>(kRunEnd[state]));
         }
-        std::uint32_t end = m_Taken;
-        while (end < m_Length && (kCollected[state] >> classOf(m_Rest[end]) & 1U) != 0) {
-            ++end;
+        return endOf(kCollected[state], m_Taken);
+    }
+
+    /// The first position from `begin` on whose class is not among `classes`.
+    [[nodiscard]] std::uint32_t endOf(std::uint32_t classes, std::uint32_t begin) const noexcept {
+        while (begin < m_Length && (classes >> classOf(m_Rest[begin]) & 1U) != 0) {
+            ++begin;
         }
-        return end;
+        return begin;
+    }
+
+    /// The first `wanted` of `text` from `begin` on, or its end.
+    static std::uint32_t positionOf(xmlSlice text, std::uint32_t begin, char wanted) noexcept {
+        void const* const end = std::memchr(text.m_Bytes + begin, wanted, text.m_Length - begin);
+        return end == nullptr ? text.m_Length
+                              : static_cast<std::uint32_t>(static_cast<char const*>(end) - text.m_Bytes);
     }
 
     TbStringStream& m_In;
@@ -81,11 +86,10 @@ private:
 class Document {
 public:
     /// `levels` is the greatest depth; 0 is no limit. `source` is where the characters come from.
-    Document(xmlParser& parser, std::uint32_t levels, TbString const& source) : m_Parser(parser), m_MaxLevels(levels) {
-        m_Text.joinSecrecyOf(source);
-        m_Name.joinSecrecyOf(source);
+    Document(xmlParser& parser, std::uint32_t levels, TbString const& source)
+        : m_MaxLevels(levels), m_IsSecret(source.isSecret()) {
         xmlElement* top = nullptr;
-        m_Parser.createElement("", &top);
+        parser.createElement("", &top);
         m_Top = xmlAdopt(top);
         m_Current = top;
     }
@@ -99,7 +103,7 @@ public:
         m_State = transition.m_Next;
         if (transition.m_Action == kCollect) {
             // Whatever was collected before, in another state, ends right before this.
-            Slice const run = in.takeRun(m_State);
+            xmlSlice const run = in.takeRun(m_State);
             m_Token = {m_Token.m_Length == 0 ? run.m_Bytes : m_Token.m_Bytes, m_Token.m_Length + run.m_Length};
             return kParsed;
         }
@@ -140,11 +144,11 @@ private:
                 --m_Level;
                 break;
             case kSetAttr:
-                setAttribute();
+                setAttribute(xmlIsEncoded(m_Token));
                 break;
             case kSetText:
                 if (m_Token.m_Length != 0) {
-                    m_Current->setText(textOf(m_Token));
+                    xmlAccess::setText(*m_Current, partOf(m_Token));
                 }
                 break;
             default:
@@ -153,37 +157,31 @@ private:
     }
 
     void openElement() {
-        xmlElement* created = nullptr;
-        m_Parser.createElement(textOf(m_Token), &created);
-        xmlElementPtr const child = xmlAdopt(created);
-        m_Current->insertChild(created);
-        m_Current = created;
+        m_Current = xmlAccess::insertNew(*m_Current, partOf(m_Token));
         ++m_Level;
     }
 
-    void setAttribute() {
-        m_Name.clear();
-        m_Name.append(m_AttrName.m_Bytes, m_AttrName.m_Length);
-        XMLDecode(textOf(m_Token), m_Text);
-        m_Current->setAttribute(m_Name, m_Text);
+    /// `isEncoded` when the token may be kept as it stands.
+    void setAttribute(bool isEncoded) {
+        if (isEncoded) {
+            xmlAccess::setAttribute(*m_Current, partOf(m_AttrName), partOf(m_Token), true);
+            return;
+        }
+        TbString value;
+        xmlDecodeInto(partOf(m_Token), value);
+        xmlAccess::setAttribute(*m_Current, partOf(m_AttrName), xmlPartOf(value), false);
     }
 
-    /// A copy of `slice`, good until the next one.
-    TbString const& textOf(Slice slice) {
-        m_Text.clear();
-        return m_Text.append(slice.m_Bytes, slice.m_Length);
-    }
+    [[nodiscard]] xmlPart partOf(xmlSlice text) const noexcept { return {text, m_IsSecret}; }
 
-    xmlParser& m_Parser;
     xmlElementPtr m_Top;              ///< Holds the whole tree; released with this object.
     xmlElement* m_Current = nullptr;  ///< Borrowed from the tree.
     std::uint32_t m_Level = 0;        ///< Of the current element.
     std::uint32_t m_MaxLevels;        ///< 0: no limit.
+    bool m_IsSecret;                  ///< The input is a secret, and so is every part of the document.
     std::uint32_t m_State = kText;
-    Slice m_Token;  ///< Collected since the last other action.
-    Slice m_AttrName;
-    TbString m_Text;  ///< A slice as a string; secret when the input is.
-    TbString m_Name;  ///< The same, for a name beside a text.
+    xmlSlice m_Token;  ///< Collected since the last other action.
+    xmlSlice m_AttrName;
 };
 
 Result parse(xmlParser& parser, std::uint32_t maxLevels, TbStringStream& in, xmlElement** out) {

@@ -13,6 +13,7 @@
 #include "foundation/tbstrptr.h"
 #include "tallowin/codes.h"
 #include "tests/support/exceptions.h"
+#include "tests/support/random.h"
 #include "tests/support/tbtext.h"
 #include "tests/xml/xmlsupport.h"
 
@@ -84,6 +85,44 @@ TEST(XmlElement, WritesNestedElements) {
     EXPECT_EQ(reparsed(text), text);
 }
 
+TEST(XmlElement, GrowsAStreamAsPiecewiseWritingDoes) {
+    Random random;
+    for (int round = 0; round < 2000; ++round) {
+        std::vector<std::string> pieces{"<", "a"};
+        xmlElementPtr const element = newElement("a");
+        for (std::size_t number = random.below(20); number > 0; --number) {
+            std::string const name = "n" + std::to_string(number);
+            std::string const value(random.below(4) == 0 ? random.below(3000) : random.below(30), 'v');
+            element->setAttribute(stringOf(name), stringOf(value));
+            pieces.insert(pieces.end(), {" ", name, "=\"", value, "\""});
+        }
+        pieces.insert(pieces.end(), {">", "text"});
+        element->setText("text");
+        for (std::size_t number = random.below(40); number > 0; --number) {
+            std::string const tag(1 + random.below(random.below(20) == 0 ? 3000 : 30), 't');
+            element->insertChild(newElement(tag).get());
+            pieces.insert(pieces.end(), {"<", tag, "/>"});
+        }
+        pieces.insert(pieces.end(), {"</", "a", ">"});
+        TbStringStream out(stringOf(std::string(random.below(100), 'o')));
+        TbStringStream piecewise(out);
+        element->toStream(out);
+        for (std::string const& piece : pieces) {
+            piecewise.put(stringOf(piece));
+        }
+        ASSERT_EQ(bytesOf(out.str()), bytesOf(piecewise.str()));
+        ASSERT_EQ(out.capacity(), piecewise.capacity());
+    }
+}
+
+TEST(XmlElement, MakesAStreamReadableByWritingNothing) {
+    TbStringStream out;
+    EXPECT_TRUE(out.atEnd());
+    xmlElement().toStream(out);
+    EXPECT_FALSE(out.atEnd());
+    EXPECT_EQ(out.buffer(), nullptr);
+}
+
 TEST(XmlElement, AppendsToTheStream) {
     TbStringStream out("before ");
     xmlElementPtr const element = newElement("T");
@@ -137,6 +176,67 @@ TEST(XmlElement, ReplacesItsText) {
     EXPECT_EQ(textOf(*element.get()), "two");
     element->setText("");
     EXPECT_EQ(written(*element.get()), "<T/>");
+}
+
+TEST(XmlElement, GivesTextsWithABufferAsTheyWereSet) {
+    xmlElementPtr const element(new xmlElement);
+    TbString text("old");
+    element->getText(text);
+    EXPECT_EQ(text.buffer(), nullptr);
+    text = "old";
+    element->getTag(text);
+    EXPECT_EQ(text.buffer(), nullptr);
+    element->setText("");
+    element->getText(text);
+    EXPECT_STREQ(text.buffer(), "");
+    EXPECT_EQ(text.capacity(), TbString("").capacity());
+    element->setText(TbString());
+    element->getText(text);
+    EXPECT_EQ(text.buffer(), nullptr);
+    element->setText("some text");
+    element->getText(text);
+    EXPECT_EQ(text.capacity(), TbString("some text").capacity());
+}
+
+TEST(XmlElement, LeavesTextsAndValuesSecret) {
+    TbString secret("s");
+    secret.keepSecret();
+    TbString secretEmpty;
+    secretEmpty.keepSecret();
+    for (TbString const& given : {secret, secretEmpty}) {
+        xmlElementPtr const element = newElement("a");
+        element->setText(given);
+        element->setText("plain");  // a string that was secret once stays so
+        TbString text;
+        element->getText(text);
+        EXPECT_TRUE(text.isSecret());
+
+        xmlElementPtr const other = newElement("a");
+        other->setAttribute("name", given);
+        TbString value;
+        EXPECT_TRUE(other->getAttribute("name", value));
+        EXPECT_TRUE(value.isSecret());
+        other->setAttribute("name", "plain");  // an attribute is replaced whole
+        TbString plain;
+        EXPECT_TRUE(other->getAttribute("name", plain));
+        EXPECT_FALSE(plain.isSecret());
+
+        xmlElementPtr const third(new xmlElement(given));
+        TbString tag;
+        third->getTag(tag);
+        EXPECT_TRUE(tag.isSecret());
+        EXPECT_EQ(tag.buffer() == nullptr, given.buffer() == nullptr);
+
+        xmlElementPtr const fourth = newElement("a");
+        fourth->setAttribute(given, "plain");
+        EXPECT_TRUE(fourth->getAttribute(given, plain));
+        EXPECT_FALSE(plain.isSecret());
+        for (auto const& [written, isSecret] : {std::pair{element, true}, {other, false}, {fourth, true}}) {
+            TbStringStream out;
+            written->toStream(out);
+            EXPECT_EQ(out.isSecret(), isSecret);
+        }
+    }
 }
 
 TEST(XmlElement, GivesItsTag) {

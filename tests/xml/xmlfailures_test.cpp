@@ -17,7 +17,8 @@ namespace {
 
 char const* const kText =
     "top<KVX A='1' C=3 D E=\"&lt;\" A='a rather long value: it does not fit where the first one stood'>"
-    "<b/>text<c x/><b>another text<d/></b></KVX><KVX/>";
+    "<b/>text<c x/><b>another text<d/></b></KVX><KVX/>"
+    "<many a=1 b=2 c=3 d=4 e=5 f=6 g=7 h=8 i=9 j=10><a/><b/><c/><d/><a/><b/><c/><d/><a/><e/></many>";
 
 /// An element "P" with attribute, text and children A, B, A.
 xmlElementPtr sample() {
@@ -145,6 +146,43 @@ TEST(XmlFailures, AChildIsInsertedOrNot) {
             kSample.substr(0, kSample.size() - 4) + "<" + tag + "/></P>");
         EXPECT_EQ(child->refCount(), 1);
         EXPECT_EQ(child->parent(), nullptr);
+    }
+}
+
+// From the ninth on, children and attributes are found by a tree, which needs memory of its own.
+TEST(XmlFailures, TheNinthAndTheTenthAreInsertedOrNot) {
+    for (std::size_t const present : {7U, 8U, 9U, 10U}) {
+        std::string const children = std::string("<b/><a/><b/><c/><a/><b/><d/><a/><b/><a/>").substr(0, 4 * present);
+        std::string names;
+        for (std::size_t i = 0; i < present; ++i) {
+            names += " n" + std::to_string(i) + "=\"\"";
+        }
+        for (std::string const tag : {"a", "x"}) {
+            std::string const before = "<P" + names + ">" + children + "</P>";
+            std::string const after = "<P" + names + " m=\"\">" + children + "<" + tag + "/></P>";
+            xmlElementPtr element;
+            forEveryFailure([&] { element = childOf(*parsed(before).m_Document.get(), "P"); },
+                            [&] { element->insertChild(newElement(tag).get()); },
+                            [&](bool failed) {
+                                if (failed) {
+                                    EXPECT_EQ(written(*element.get()), before);
+                                    element->insertChild(newElement(tag).get());
+                                }
+                                EXPECT_EQ(tagOf(*childOf(*element.get(), "b", 2).get()), "b");
+                            });
+            forEveryFailure([&] { element = childOf(*parsed(before).m_Document.get(), "P"); },
+                            [&] { element->setAttribute("m", ""); },
+                            [&](bool failed) {
+                                if (failed) {
+                                    EXPECT_EQ(written(*element.get()), before);
+                                    EXPECT_FALSE(hasAttribute(*element.get(), "m"));
+                                    element->setAttribute("m", "");
+                                }
+                                element->insertChild(newElement(tag).get());
+                                EXPECT_EQ(written(*element.get()), after);
+                                EXPECT_TRUE(hasAttribute(*element.get(), "m") && hasAttribute(*element.get(), "n6"));
+                            });
+        }
     }
 }
 

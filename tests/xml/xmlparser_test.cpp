@@ -441,7 +441,8 @@ TEST(XmlParser, MakesAllTextsOfASecretTextSecret) {
 }
 
 TEST(XmlParser, LeavesNoPartOfASecretTextBehind) {
-    std::string const whole = "<KVX A=\"http://uQxZuser:S3cret-Canary@x/?a&amp;b\" B='S3cret-Canary'>uQxZuser</KVX>";
+    std::string const whole =
+        "<KVX A=\"http://uQxZuser:S3cret-Canary@x/?a&amp;b\" B='S3cret-Canary' C='S3cret-Canary&x;>'>uQxZuser</KVX>";
     for (std::size_t length = 0; length <= whole.size(); ++length) {
         FreedMemory const freed;
         {

@@ -1,0 +1,144 @@
+#include "xml/xmlchildren.h"
+
+#include <memory>
+#include <set>
+
+#include "xml/xmlaccess.h"
+
+namespace {
+
+/// Children that are searched one after the other.
+constexpr std::uint32_t kFew = 8;
+
+struct Releaser {
+    void operator()(xmlChild* child) const noexcept { tbRelease(child); }
+};
+
+/// The children of one tag, at least one, in insertion order.
+struct Tag {
+    explicit Tag(xmlChild* child) {
+        m_Children.makeRoom();
+        m_Children.push(child);
+    }
+
+    /// Changes leave the order of tags alone.
+    mutable xmlPointers<xmlChild> m_Children;
+};
+
+struct ByTag {
+    using is_transparent = void;
+
+    [[nodiscard]] static xmlSlice tagOf(Tag const& tag) noexcept {
+        return xmlAccess::tagOf(*tag.m_Children[0]->m_Element);
+    }
+    [[nodiscard]] static xmlSlice tagOf(xmlSlice tag) noexcept { return tag; }
+
+    template <class Left, class Right>
+    bool operator()(Left const& left, Right const& right) const noexcept {
+        return xmlCompare(tagOf(left), tagOf(right)) < 0;
+    }
+};
+
+}  // namespace
+
+struct xmlChildren::Index {
+    static void* operator new(std::size_t bytes) { return xmlAllocate(bytes); }
+    static void operator delete(void* memory) noexcept { tbRelease(memory); }
+
+    [[nodiscard]] Tag const* find(xmlSlice tag) noexcept {
+        if (m_Recent == nullptr || xmlCompare(ByTag::tagOf(*m_Recent), tag) != 0) {
+            auto const found = m_Tags.find(tag);
+            m_Recent = found == m_Tags.end() ? nullptr : &*found;
+        }
+        return m_Recent;
+    }
+
+    void append(xmlChild* child) {
+        Tag const* const tag = find(xmlAccess::tagOf(*child->m_Element));
+        if (tag == nullptr) {
+            m_Recent = &*m_Tags.emplace(child).first;
+        } else {
+            tag->m_Children.makeRoom();
+            tag->m_Children.push(child);
+        }
+    }
+
+    void remove(xmlSlice tag, std::uint32_t index) noexcept {
+        auto const found = m_Tags.find(tag);
+        if (found->m_Children.count() > 1) {
+            found->m_Children.remove(index);
+        } else {
+            m_Recent = nullptr;
+            m_Tags.erase(found);
+        }
+    }
+
+    std::set<Tag, ByTag, xmlAllocator<Tag>> m_Tags;
+    Tag const* m_Recent = nullptr;  ///< The last one found, borrowed.
+};
+
+xmlChildren::~xmlChildren() {
+    delete m_Index;
+}
+
+void xmlChildren::append(xmlElement* element) {
+    std::unique_ptr<xmlChild, Releaser> child(static_cast<xmlChild*>(xmlAllocate(sizeof(xmlChild))));
+    *child = {m_Last, nullptr, element};
+    if (m_Index != nullptr) {
+        m_Index->append(child.get());
+    } else if (m_Few == kFew) {
+        auto index = std::make_unique<Index>();
+        for (xmlChild* present = m_First; present != nullptr; present = present->m_Next) {
+            index->append(present);
+        }
+        index->append(child.get());
+        m_Index = index.release();
+    } else {
+        ++m_Few;
+    }
+    element->addRef();
+    (m_Last == nullptr ? m_First : m_Last->m_Next) = child.get();
+    m_Last = child.release();
+}
+
+xmlChild* xmlChildren::find(xmlSlice tag, std::uint64_t index) const noexcept {
+    if (m_Index != nullptr) {
+        Tag const* const found = m_Index->find(tag);
+        return found == nullptr || index >= found->m_Children.count()
+                   ? nullptr
+                   : found->m_Children[static_cast<std::uint32_t>(index)];
+    }
+    for (xmlChild* child = m_First; child != nullptr; child = child->m_Next) {
+        if (xmlCompare(xmlAccess::tagOf(*child->m_Element), tag) == 0 && index-- == 0) {
+            return child;
+        }
+    }
+    return nullptr;
+}
+
+xmlElement* xmlChildren::remove(xmlSlice tag, std::uint64_t index) noexcept {
+    xmlChild* const child = find(tag, index);
+    if (child == nullptr) {
+        return nullptr;
+    }
+    if (m_Index != nullptr) {
+        m_Index->remove(tag, static_cast<std::uint32_t>(index));
+    } else {
+        --m_Few;
+    }
+    xmlElement* const element = child->m_Element;
+    unlink(child);
+    return element;
+}
+
+xmlElement* xmlChildren::takeFirst() noexcept {
+    xmlElement* const element = m_First->m_Element;
+    unlink(m_First);
+    return element;
+}
+
+void xmlChildren::unlink(xmlChild* child) noexcept {
+    (child->m_Previous == nullptr ? m_First : child->m_Previous->m_Next) = child->m_Next;
+    (child->m_Next == nullptr ? m_Last : child->m_Next->m_Previous) = child->m_Previous;
+    tbRelease(child);
+}

@@ -1,0 +1,58 @@
+/// The children of one element. Internal: not installed.
+#ifndef TALLOWIN_XML_XMLCHILDREN_H
+#define TALLOWIN_XML_XMLCHILDREN_H
+
+#include "xml/xmlmemory.h"
+#include "xml/xmlslice.h"
+
+class xmlElement;
+
+/// One child in the list of its parent. An element may be the child of several, and several times of one.
+struct xmlChild {
+    xmlChild* m_Previous;
+    xmlChild* m_Next;
+    xmlElement* m_Element;  ///< One counted reference.
+};
+
+/// Children in insertion order, found by tag and number.
+///
+/// Few children are searched one after the other; from the ninth on there is a tree of tags, each with its children.
+class xmlChildren {
+public:
+    xmlChildren() = default;
+    xmlChildren(xmlChildren const&) = delete;
+    xmlChildren& operator=(xmlChildren const&) = delete;
+
+    /// Requires: no children, they have been taken away.
+    ~xmlChildren();
+
+    [[nodiscard]] xmlChild* first() const noexcept { return m_First; }
+
+    /// Takes one reference of its own, after all others. On failure nothing has changed.
+    void append(xmlElement* element);
+
+    /// Child `index` of those named `tag`; null when there is none.
+    [[nodiscard]] xmlChild* find(xmlSlice tag, std::uint64_t index) const noexcept;
+
+    /// Removes child `index` of those named `tag` and hands its reference to the caller; null when there is none.
+    [[nodiscard]] xmlElement* remove(xmlSlice tag, std::uint64_t index) noexcept;
+
+    /// Removes the first child and hands its reference to the caller. Only before the destruction: nothing is found by
+    /// its tag any more. Requires: there is one.
+    [[nodiscard]] xmlElement* takeFirst() noexcept;
+
+    static void* operator new(std::size_t bytes) { return xmlAllocate(bytes); }
+    static void operator delete(void* memory) noexcept { tbRelease(memory); }
+
+private:
+    struct Index;
+
+    void unlink(xmlChild* child) noexcept;
+
+    xmlChild* m_First = nullptr;  ///< Owned, with all that follow.
+    xmlChild* m_Last = nullptr;
+    Index* m_Index = nullptr;  ///< Owned; null while there are few.
+    std::uint32_t m_Few = 0;   ///< Children while there is no index.
+};
+
+#endif

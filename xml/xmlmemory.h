@@ -1,0 +1,93 @@
+/// Memory of the parts of elements. Internal: not installed.
+#ifndef TALLOWIN_XML_XMLMEMORY_H
+#define TALLOWIN_XML_XMLMEMORY_H
+
+#include <cstddef>
+#include <cstring>
+
+#include "foundation/tbexception.h"
+#include "foundation/tbmemory.h"
+
+/// `bytes` bytes. Raises KVX_E_OUT_OF_MEMORY (TBFC_Exception).
+[[nodiscard]] inline void* xmlAllocate(std::size_t bytes) {
+    void* const memory = tbAllocate(bytes);
+    if (memory == nullptr) {
+        throw TBFC_Exception(KVX_E_OUT_OF_MEMORY);
+    }
+    return memory;
+}
+
+/// Releases the `bytes` bytes at `memory`, wiped before if they are secret.
+inline void xmlRelease(void* memory, std::size_t bytes, bool isSecret) noexcept {
+    if (isSecret) {
+        ::explicit_bzero(memory, bytes);
+    }
+    tbRelease(memory);
+}
+
+/// The memory of standard containers.
+template <class T>
+struct xmlAllocator {
+    using value_type = T;
+
+    xmlAllocator() = default;
+    template <class U>
+    xmlAllocator(xmlAllocator<U> const&) noexcept {}  // NOLINT(google-explicit-constructor): containers convert
+
+    [[nodiscard]] T* allocate(std::size_t count) { return static_cast<T*>(xmlAllocate(count * sizeof(T))); }
+    void deallocate(T* memory, std::size_t) noexcept { tbRelease(memory); }
+
+    template <class U>
+    bool operator==(xmlAllocator<U> const&) const noexcept {
+        return true;
+    }
+    template <class U>
+    bool operator!=(xmlAllocator<U> const&) const noexcept {
+        return false;
+    }
+};
+
+/// An array of pointers that grows. Owns the array, not the targets.
+template <class T>
+class xmlPointers {
+public:
+    xmlPointers() = default;
+    xmlPointers(xmlPointers const&) = delete;
+    xmlPointers& operator=(xmlPointers const&) = delete;
+    ~xmlPointers() { tbReleaseBlock(m_Items); }
+
+    [[nodiscard]] std::uint32_t count() const noexcept { return m_Count; }
+    [[nodiscard]] T* operator[](std::uint32_t index) const noexcept { return m_Items[index]; }
+    [[nodiscard]] T*& operator[](std::uint32_t index) noexcept { return m_Items[index]; }
+
+    /// Makes room for one more, at first for `first` of them. Raises KVX_E_OUT_OF_MEMORY (TBFC_Exception).
+    void makeRoom(std::uint32_t first = 1) {
+        std::uint64_t const bytes = (m_Items == nullptr ? first : std::uint64_t{m_Count} + 1) * sizeof(T*);
+        void* const block = m_Count == UINT32_MAX ? nullptr : tbResizeBlock(m_Items, bytes);
+        if (block == nullptr) {
+            throw TBFC_Exception(KVX_E_OUT_OF_MEMORY);
+        }
+        m_Items = static_cast<T**>(block);
+    }
+
+    /// Requires: room for one more.
+    void push(T* item) noexcept { m_Items[m_Count++] = item; }
+
+    void pop() noexcept { --m_Count; }
+
+    /// Later ones move down; removing the first moves none.
+    void remove(std::uint32_t index) noexcept {
+        --m_Count;
+        if (index == 0) {
+            m_Items = static_cast<T**>(tbDropFront(m_Items, sizeof(T*)));
+        } else {
+            std::memmove(m_Items + index, m_Items + index + 1, std::size_t{m_Count - index} * sizeof(T*));
+        }
+    }
+
+private:
+    T** m_Items = nullptr;  ///< A block of foundation/tbmemory.h.
+    std::uint32_t m_Count = 0;
+};
+
+#endif

@@ -1,0 +1,39 @@
+#include "xml/xmltext.h"
+
+#include "xml/xmlmemory.h"
+
+xmlText* xmlText::create(xmlSlice text, bool isSecret) {
+    auto* const created = static_cast<xmlText*>(xmlAllocate(sizeof(xmlText) + text.m_Length));
+    *created = {text.m_Length, isSecret, true};
+    std::memcpy(created + 1, text.m_Bytes, text.m_Length);
+    return created;
+}
+
+xmlText* xmlText::copyOf(TbString const& text, bool isSecret) {
+    bool const staysSecret = isSecret || text.isSecret();
+    if (text.buffer() == nullptr && !staysSecret) {
+        return nullptr;
+    }
+    xmlText* const copy = create(xmlSliceOf(text), staysSecret);
+    copy->m_HasBuffer = text.buffer() != nullptr;
+    return copy;
+}
+
+void xmlText::release(xmlText* text) noexcept {
+    if (text != nullptr) {
+        xmlRelease(text, sizeof(xmlText) + text->m_Length, text->m_IsSecret);
+    }
+}
+
+void xmlText::assignTo(xmlText const* text, TbString& out) {
+    out.clear();
+    if (text == nullptr) {
+        return;
+    }
+    if (text->m_IsSecret) {
+        out.keepSecret();
+    }
+    if (text->m_HasBuffer) {
+        out.append(text->bytes(), text->m_Length);
+    }
+}
