@@ -150,6 +150,19 @@ TEST(XmlCosts, OfAnEmptyChildAreAtMost200Bytes) {
     }
 }
 
+// What fits into the buffer in which pieces gather grows the stream once.
+TEST(XmlCosts, OfWritingAMessageAreOneGrowth) {
+    TbStringStream in(stringOf("<KVX" + numbered(" name", "='a value'", 3 * kKilo) + "/>"));
+    xmlElement* document = nullptr;
+    ASSERT_EQ(xmlParser().parseText(in, &document), 0);
+    TbStringStream written;
+    Cost const cost = costOf([&] { document->toStream(written); });
+    document->release();
+    EXPECT_EQ(written.length(), in.length());
+    EXPECT_EQ(cost.m_Calls, 2U);  // the stream's, and one for the way down
+    EXPECT_LE(cost.m_Bytes, written.length() + 512);
+}
+
 TEST(XmlCosts, OfWritingAreThoseOfTheTextAndTheWayDown) {
     for (Shape const& shape : kShapes) {
         if (!shape.m_IsDocument) {
