@@ -1,3 +1,9 @@
+// Attributes: one block for each, a list of them in their order, and a tree over the places in the list.
+//
+// The tree holds numbers and looks the names up in the list, so a value is replaced without touching the tree. A name
+// that is searched for stands in the tree's place by itself (ByName compares both). The tree is made with the ninth
+// attribute.
+
 #include "xml/xmlattributes.h"
 
 #include <memory>

@@ -1,3 +1,8 @@
+// Children: a doubly linked list in the order of insertion, and a tree of tags with the children of each.
+//
+// A tag is compared by that of its first child, so it needs no copy and dies with the last child. Looking for the tag
+// that was found last costs one comparison. The tree is made with the ninth child.
+
 #include "xml/xmlchildren.h"
 
 #include <memory>
