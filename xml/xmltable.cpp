@@ -131,17 +131,41 @@ constexpr std::array<std::uint8_t, 256> xmltable::kClassOf = [] {
 
 constexpr Transitions xmltable::kTransitions = expanded(xmlTable);
 
-constexpr std::array<std::uint32_t, kStateCount> xmltable::kCollected = [] {
-    std::array<std::uint32_t, kStateCount> collected{};
+namespace {
+
+/// For each state the classes, as bits, for which `action` is all that happens.
+constexpr std::array<std::uint32_t, kStateCount> repeated(Action action) {
+    std::array<std::uint32_t, kStateCount> classes{};
     for (std::size_t state = 0; state < kStateCount; ++state) {
         for (std::size_t symbol = 0; symbol < kClassCount; ++symbol) {
             Transition const transition = kTransitions[state][symbol];
-            if (transition.m_Action == kCollect && transition.m_Next == state && !transition.m_IsAgain) {
-                collected[state] |= std::uint32_t{1} << symbol;
+            if (transition.m_Next == state && transition.m_Action == action && !transition.m_IsAgain) {
+                classes[state] |= std::uint32_t{1} << symbol;
             }
         }
     }
-    return collected;
+    return classes;
+}
+
+/// Whether the row for `byte` is read and leads from `state` to `next` with `action`.
+constexpr bool leads(State state, char byte, State next, Action action) {
+    Transition const transition = kTransitions[state][kClassOf[static_cast<unsigned char>(byte)]];
+    return transition.m_Next == next && transition.m_Action == action && !transition.m_IsAgain;
+}
+
+// What the parser's one step over name="value" takes for granted.
+static_assert(leads(kInTag, 'a', kAttrName, kCollect) && leads(kAttrName, 'a', kAttrName, kCollect));
+static_assert(leads(kAttrName, '=', kAfterEquals, kNameAttr));
+static_assert(leads(kAfterEquals, '"', kDoubleQuoted, kNothing) && leads(kDoubleQuoted, '"', kInTag, kSetAttr));
+static_assert(leads(kAfterEquals, '\'', kSingleQuoted, kNothing) && leads(kSingleQuoted, '\'', kInTag, kSetAttr));
+
+}  // namespace
+
+constexpr std::array<std::uint32_t, kStateCount> xmltable::kCollected = repeated(kCollect);
+constexpr std::array<std::uint32_t, kStateCount> xmltable::kIdle = [] {
+    std::array<std::uint32_t, kStateCount> classes = repeated(kNothing);
+    classes[kNoState] = 0;  // where no row fits
+    return classes;
 }();
 
 constexpr std::array<int, kStateCount> xmltable::kRunEnd = [] {

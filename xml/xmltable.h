@@ -78,6 +78,9 @@ extern Transitions const kTransitions;
 /// For each state the classes, as bits, whose characters are collected without leaving the state.
 extern std::array<std::uint32_t, kStateCount> const kCollected;
 
+/// The same for characters that change nothing.
+extern std::array<std::uint32_t, kStateCount> const kIdle;
+
 /// For each state the one byte that it does not collect, or kNoEnd where there are more or none.
 constexpr int kNoEnd = -1;
 extern std::array<int, kStateCount> const kRunEnd;

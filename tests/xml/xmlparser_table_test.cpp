@@ -170,13 +170,16 @@ TEST(XmlTable, IsExpandedToTheFirstRowThatFits) {
     }
 }
 
-TEST(XmlTable, KnowsWhereRunsOfCollectedCharactersEnd) {
+TEST(XmlTable, KnowsWhereRunsEnd) {
     for (std::uint32_t state = 0; state < xmltable::kStateCount; ++state) {
         std::vector<int> ends;
         for (int number = 0; number < 256; ++number) {
             xmlTableRow const* const row = getTabEntry(xmlTable, state, byteOf(number));
-            bool const isCollected =
-                row != nullptr && row->m_Action == 2 && row->m_Next == state && row->m_Consume == 1;
+            bool const stays = row != nullptr && row->m_Next == state && row->m_Consume == 1;
+            bool const isCollected = stays && row->m_Action == 2;
+            EXPECT_EQ((xmltable::kIdle[state] >> xmltable::classOf(byteOf(number)) & 1U) != 0,
+                      stays && row->m_Action == 0)
+                << "state " << state << " byte " << number;
             EXPECT_EQ((xmltable::kCollected[state] >> xmltable::classOf(byteOf(number)) & 1U) != 0, isCollected)
                 << "state " << state << " byte " << number;
             if (!isCollected) {

@@ -351,6 +351,36 @@ TEST(XmlParser, SurvivesADocumentCutAtEveryLength) {
     }
 }
 
+// Attributes of the common form are taken in one step, all others and unfinished ones by the table.
+TEST(XmlParser, TakesAttributesOfEveryFormWhereverTheyEnd) {
+    std::string const values[] = {"",
+                                  "1",
+                                  "&amp;",
+                                  "&amp;&lt;&quot;",
+                                  "&;",
+                                  "&x;>",
+                                  "<",
+                                  "a&quotb",
+                                  "=\"=' ",
+                                  "15 bytes long.",
+                                  "16 bytes long...",
+                                  "17 bytes long...."};
+    for (std::string const& value : values) {
+        for (char const quote : {'"', '\''}) {
+            std::string text = "<e a=" + std::string(1, quote) + value + quote;
+            for (char const* const next :
+                 {"b=\"2\"", " b='3'", " b =\"4\"", "\tb= '5'", " b=6 ", " b ", "\"7\"", "/"}) {
+                std::string const document = text + next + " c=\"&gt;\"/></e>";
+                for (std::size_t length = 0; length <= document.size(); ++length) {
+                    std::string const cut = document.substr(0, length);
+                    ASSERT_EQ(reparsed(cut), referenceReparsed(cut)) << cut;
+                    ASSERT_EQ(reparsed(cut + "/>"), referenceReparsed(cut + "/>")) << cut;
+                }
+            }
+        }
+    }
+}
+
 TEST(XmlParser, AgreesWithTheReferenceOnRandomBytes) {
     SCOPED_TRACE("seed " + std::to_string(testSeed()));
     Random random;
