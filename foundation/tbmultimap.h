@@ -80,7 +80,7 @@ private:
     TbInsertionList m_List;
 };
 
-/// Strings to counted objects, several per string: the children of XML elements.
+/// Strings to counted objects, several per string.
 class KVX_EXPORT TbStrPtrMultimap : public TbMultimap {
 public:
     TbStrPtrMultimap() = default;

@@ -144,11 +144,11 @@ public:
         }
         act(transition.m_Action);
         m_Token = {};
-        if (transition.m_Action == kNothing) {
-            in.takeIdle(m_State);
-        }
         if (transition.m_IsAgain) {
             in.giveBack();
+        }
+        if (transition.m_Action == kNothing) {
+            in.takeIdle(m_State);
         }
         return kParsed;
     }
