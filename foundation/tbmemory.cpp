@@ -2,8 +2,8 @@
 //
 // A block has a header right before its first usable byte, with the usable size and the number of bytes that were
 // dropped from its front. A block grows in this order: use the room it has, move the contents back over the dropped
-// front, reallocate with half the size on top. A block with a secret never moves back or reallocates: its contents are
-// copied to a new one and wiped. Every allocation asks the gate first in test builds.
+// front, reallocate with half the size on top. Memory with a secret is never reallocated: its contents are copied to
+// new memory and wiped. Every allocation asks the gate first in test builds.
 
 #include "foundation/tbmemory.h"
 
@@ -141,6 +141,28 @@ TbMemoryHolder tbHoldMemory(std::size_t bytes) {
     return memory;
 }
 
+void* tbReallocateSecret(void* memory, std::size_t present, std::uint64_t bytes) noexcept {
+    if (bytes > SIZE_MAX) {
+        return nullptr;
+    }
+    void* const larger = tbAllocate(static_cast<std::size_t>(bytes));
+    if (larger != nullptr && memory != nullptr) {
+        std::memcpy(larger, memory, present);
+        tbReleaseSecret(memory, present);
+    }
+    return larger;
+}
+
+void tbReleaseSecret(void* memory, std::size_t bytes) noexcept {
+    ::explicit_bzero(memory, bytes);
+    tbRelease(memory);
+}
+
+std::uint64_t tbRoomFor(std::size_t present, std::uint64_t bytes) noexcept {
+    std::uint64_t const generous = std::uint64_t{present} + present / 2;
+    return generous > bytes ? generous : bytes;
+}
+
 void* tbResizeBlock(void* block, std::uint64_t bytes) noexcept {
     if (block == nullptr) {
         if (bytes > SIZE_MAX - kPrefix) {
@@ -159,8 +181,7 @@ void* tbResizeBlock(void* block, std::uint64_t bytes) noexcept {
     if (dropped >= present / 2 && bytes <= present + dropped) {
         return withoutGap(block);
     }
-    std::uint64_t const generous = std::uint64_t{present} + present / 2;
-    std::uint64_t const wanted = generous > bytes ? generous : bytes;
+    std::uint64_t const wanted = tbRoomFor(present, bytes);
     if (wanted > SIZE_MAX - kPrefix - dropped) {
         return nullptr;
     }
@@ -172,20 +193,6 @@ void* tbResizeBlock(void* block, std::uint64_t bytes) noexcept {
     void* const front = static_cast<char*>(memory) + kPrefix + dropped;
     headerOf(front)->m_Size = size;
     return withoutGap(front);
-}
-
-void* tbResizeSecretBlock(void* block, std::uint64_t bytes) noexcept {
-    std::size_t const present = tbBlockSize(block);
-    if (block != nullptr && bytes <= present) {
-        return block;
-    }
-    std::uint64_t const generous = std::uint64_t{present} + present / 2;
-    void* const larger = tbResizeBlock(nullptr, generous > bytes ? generous : bytes);
-    if (larger != nullptr && block != nullptr) {
-        std::memcpy(larger, block, present);
-        tbReleaseSecretBlock(block);
-    }
-    return larger;
 }
 
 std::size_t tbBlockSize(void const* block) noexcept {
@@ -202,12 +209,5 @@ void* tbDropFront(void* block, std::size_t bytes) noexcept {
 void tbReleaseBlock(void* block) noexcept {
     if (block != nullptr) {
         tbRelease(memoryOf(block));
-    }
-}
-
-void tbReleaseSecretBlock(void* block) noexcept {
-    if (block != nullptr) {
-        ::explicit_bzero(block, tbBlockSize(block));
-        tbReleaseBlock(block);
     }
 }

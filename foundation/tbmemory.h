@@ -19,6 +19,19 @@ using TbMemoryHolder = std::unique_ptr<char, TbReleaser<tbRelease>>;
 /// `bytes` bytes in a holder. Raises KVX_E_OUT_OF_MEMORY (TBFC_Exception).
 [[nodiscard]] TbMemoryHolder tbHoldMemory(std::size_t bytes);
 
+/// Moves the `present` bytes at `memory` (null and 0 for none) to new memory of `bytes` bytes, not fewer, and wipes
+/// them where they lay. Null on failure, also where no address space holds so much: then `memory` is untouched.
+[[nodiscard]] void* tbReallocateSecret(void* memory, std::size_t present, std::uint64_t bytes) noexcept;
+
+/// Wipes the `bytes` bytes at `memory`, all that were used of it, then releases it.
+void tbReleaseSecret(void* memory, std::size_t bytes) noexcept;
+
+/// The size that a buffer of `present` bytes grows to when it must hold `bytes` bytes.
+///
+/// A growing container publishes a capacity that rises by a fixed slack. Moving the memory at every such step would
+/// take quadratic time, so a buffer that grows gets at least half its size on top.
+[[nodiscard]] std::uint64_t tbRoomFor(std::size_t present, std::uint64_t bytes) noexcept;
+
 #ifdef KVX_TEST_SEAMS
 /// Test builds only: called before every allocation; false makes it fail. A null gate lets all succeed.
 using TbAllocationGate = bool (*)(std::size_t bytes);
@@ -30,17 +43,11 @@ using TbReleaseObserver = void (*)(void const* memory, std::size_t bytes);
 void tbSetReleaseObserver(TbReleaseObserver observer) noexcept;
 #endif
 
-/// Blocks that know their size, for buffers that grow.
-///
-/// A growing container publishes a capacity that rises by a fixed slack. Moving the memory at every such step would
-/// take quadratic time, so a block that grows gets half its size on top.
+/// Blocks that know their size, for vectors.
 
 /// Makes room for `bytes` bytes at `block` (null for a new one). Keeps the contents; the result may lie elsewhere.
 /// Null on failure, also where no address space holds so much: then `block` is untouched.
 [[nodiscard]] void* tbResizeBlock(void* block, std::uint64_t bytes) noexcept;
-
-/// The same for contents that must not stay behind in memory: a block that moves is wiped where it lay.
-[[nodiscard]] void* tbResizeSecretBlock(void* block, std::uint64_t bytes) noexcept;
 
 /// The bytes that may be used at `block`; 0 for null.
 [[nodiscard]] std::size_t tbBlockSize(void const* block) noexcept;
@@ -51,8 +58,5 @@ void tbSetReleaseObserver(TbReleaseObserver observer) noexcept;
 
 /// Releases the block. Null is ignored.
 void tbReleaseBlock(void* block) noexcept;
-
-/// Wipes all usable bytes of the block, then releases it. Null is ignored.
-void tbReleaseSecretBlock(void* block) noexcept;
 
 #endif

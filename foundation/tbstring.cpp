@@ -1,9 +1,10 @@
 // The null-tolerant string routines, then TbString.
 //
-// The published capacity follows its own rule (need plus 65) and is not the size of the block behind it, which
-// foundation/tbmemory.h grows geometrically; after a failed growth the capacity may even be the larger one. Texts that
-// lie in the string's own buffer are accepted everywhere: such an assignment builds a second string and swaps, such an
-// append goes by offset. A string that has become secret after it got its buffer wipes that one too.
+// The published capacity follows its own rule (need plus 65) and is not the size of the memory behind it. That grows by
+// half of itself, so that appending stays linear; a copy holds its text alone, an empty text nothing but a terminator
+// that all strings share; and after a failed growth the capacity may be the larger one. Texts that lie in the string's
+// own buffer are accepted everywhere: such an assignment builds a second string and swaps, such an append goes by
+// offset. A string that has become secret after it got its buffer wipes that one too.
 
 #include "foundation/tbstring.h"
 
@@ -17,8 +18,15 @@
 
 namespace {
 
-/// Bytes of a new capacity beyond the characters: the terminator and 64 of slack.
-constexpr std::uint64_t kSlack = 65;
+/// The buffer of empty texts.
+constexpr char kNothing[1] = "";
+
+/// Bytes of memory for a text of `length` bytes that is not expected to grow: as many as the allocator has for it.
+std::uint64_t exactRoom(std::uint64_t length) {
+    constexpr std::uint64_t kStep = 2 * sizeof(void*);
+    constexpr std::uint64_t kLeast = 3 * sizeof(void*);
+    return std::max(kLeast, (length + sizeof(void*)) / kStep * kStep + sizeof(void*));
+}
 
 std::uint32_t lengthOf(char const* text) {
     std::size_t const length = TCSLEN(text);
@@ -26,6 +34,22 @@ std::uint32_t lengthOf(char const* text) {
         throw TBFC_Exception(KVX_E_OUT_OF_MEMORY);
     }
     return static_cast<std::uint32_t>(length);
+}
+
+/// TCSNCMP of two texts of `length` bytes each, eight bytes at a time while those are equal and none is zero.
+std::int32_t compareUpTo(std::uint32_t length, char const* left, char const* right) {
+    std::uint32_t at = 0;
+    for (; length - at >= sizeof(std::uint64_t); at += sizeof(std::uint64_t)) {
+        std::uint64_t x = 0;
+        std::uint64_t y = 0;
+        std::memcpy(&x, left + at, sizeof x);
+        std::memcpy(&y, right + at, sizeof y);
+        bool const hasZero = ((x - 0x0101010101010101U) & ~x & 0x8080808080808080U) != 0;
+        if (x != y || hasZero) {
+            break;
+        }
+    }
+    return TCSNCMP(left + at, right + at, length - at);
 }
 
 }  // namespace
@@ -119,42 +143,75 @@ void TbString::allocate(TbObject** slot) {
 }
 
 void TbString::clear() noexcept {
-    if (m_IsSecret) {
-        tbReleaseSecretBlock(m_Buffer);
-    } else {
-        tbReleaseBlock(m_Buffer);
+    if (m_Room != 0) {
+        if (m_IsSecret) {
+            tbReleaseSecret(m_Buffer, m_Room);
+        } else {
+            tbRelease(m_Buffer);
+        }
     }
     m_Buffer = nullptr;
     m_Length = 0;
     m_Capacity = 0;
+    m_Room = 0;
 }
 
-void TbString::grow(std::uint32_t extra) {
-    std::uint64_t const need = std::uint64_t{m_Length} + extra;
-    if (need + 1 <= tbBlockSize(m_Buffer) && need + 1 <= m_Capacity) {
-        return;
-    }
-    std::uint64_t const wanted = need + kSlack;
+/// Publishes the capacity of a buffer that must hold `need` bytes and the terminator.
+void TbString::raiseCapacity(std::uint64_t need) {
     if (need + 1 > m_Capacity) {
+        std::uint64_t const wanted = need + kSlack;
         if (wanted > UINT32_MAX) {
             throw TBFC_Exception(KVX_E_OUT_OF_MEMORY);
         }
         m_Capacity = static_cast<std::uint32_t>(wanted);
     }
-    // After a failed growth the published capacity may never be reached; this request may be smaller.
-    std::uint64_t const bytes = std::min<std::uint64_t>(m_Capacity, wanted);
-    auto* const buffer =
-        static_cast<char*>(m_IsSecret ? tbResizeSecretBlock(m_Buffer, bytes) : tbResizeBlock(m_Buffer, bytes));
+}
+
+/// Moves the contents to memory of at least `bytes` bytes.
+void TbString::resize(std::uint64_t bytes) {
+    std::uint64_t const size = std::min<std::uint64_t>(tbRoomFor(m_Room, bytes), UINT32_MAX);
+    char* const old = m_Room == 0 ? nullptr : m_Buffer;
+    auto* const buffer = static_cast<char*>(m_IsSecret ? tbReallocateSecret(old, m_Room, size)
+                                                       : tbReallocate(old, static_cast<std::size_t>(size)));
     if (buffer == nullptr) {
         throw TBFC_Exception(KVX_E_OUT_OF_MEMORY);
     }
     m_Buffer = buffer;
     m_Buffer[m_Length] = '\0';
+    m_Room = static_cast<std::uint32_t>(size);
+}
+
+/// Makes a string without a buffer an empty text with one.
+void TbString::holdNothing() noexcept {
+    m_Buffer = const_cast<char*>(kNothing);  // nothing is written where a string has no room
+    m_Capacity = std::max(m_Capacity, kSlack);
+}
+
+/// Gives a string without a buffer the text `bytes` and memory for `extra` bytes more, without slack.
+void TbString::fill(char const* bytes, std::uint32_t count, std::uint32_t extra) {
+    if (count == 0 && extra == 0) {
+        holdNothing();
+        return;
+    }
+    raiseCapacity(count);
+    resize(exactRoom(std::uint64_t{count} + extra));
+    std::memcpy(m_Buffer, bytes, count);
+    m_Length = count;
+    m_Buffer[m_Length] = '\0';
+}
+
+void TbString::grow(std::uint32_t extra) {
+    std::uint64_t const need = std::uint64_t{m_Length} + extra;
+    raiseCapacity(need);
+    if (need + 1 > m_Room) {
+        // After a failed growth the published capacity may never be reached; this request may be smaller.
+        resize(std::min<std::uint64_t>(m_Capacity, need + kSlack));
+    }
 }
 
 bool TbString::owns(char const* pointer) const noexcept {
-    return m_Buffer != nullptr && !std::less<char const*>()(pointer, m_Buffer) &&
-           std::less<char const*>()(pointer, m_Buffer + tbBlockSize(m_Buffer));
+    return m_Room != 0 && !std::less<char const*>()(pointer, m_Buffer) &&
+           std::less<char const*>()(pointer, m_Buffer + m_Room);
 }
 
 TbString& TbString::assign(char const* text, std::uint32_t count) {
@@ -165,10 +222,15 @@ TbString& TbString::assign(char const* text, std::uint32_t count) {
         std::swap(m_Buffer, copy.m_Buffer);
         std::swap(m_Length, copy.m_Length);
         std::swap(m_Capacity, copy.m_Capacity);
+        std::swap(m_Room, copy.m_Room);
         return *this;
     }
     clear();
     if (text == nullptr) {
+        return *this;
+    }
+    if (count == 0) {
+        holdNothing();
         return *this;
     }
     grow(count);
@@ -195,17 +257,8 @@ TbString& TbString::assign(TbObject const& other) {
     clear();
     joinSecrecyOf(source);
     if (source.m_Buffer != nullptr) {
-        grow(source.m_Length);
-        std::memcpy(m_Buffer, source.m_Buffer, std::size_t{source.m_Length} + 1);
-        m_Length = source.m_Length;
+        fill(source.m_Buffer, source.m_Length, 0);
     }
-    return *this;
-}
-
-TbString& TbString::append(char character) {
-    grow(1);
-    m_Buffer[m_Length] = character;
-    m_Buffer[++m_Length] = '\0';
     return *this;
 }
 
@@ -218,6 +271,12 @@ TbString& TbString::append(char const* text) {
 
 TbString& TbString::append(char const* bytes, std::uint32_t count) {
     if (bytes == nullptr) {
+        return *this;
+    }
+    if (count == 0) {
+        if (m_Buffer == nullptr) {
+            holdNothing();
+        }
         return *this;
     }
     if (!owns(bytes)) {
@@ -258,7 +317,7 @@ std::int32_t TbString::compare(TbString const& other) const noexcept {
     if (m_Length == 0) {
         return 0;  // one may have a buffer and the other none
     }
-    return TCSNCMP(m_Buffer, other.m_Buffer, npos);
+    return compareUpTo(m_Length, m_Buffer, other.m_Buffer);
 }
 
 std::uint32_t TbString::find(char const* what, std::uint32_t from) const noexcept {
@@ -274,33 +333,36 @@ std::uint32_t TbString::find(char const* what, std::uint32_t from) const noexcep
 }
 
 TbString TbString::substring(std::uint32_t from, std::uint32_t count) const {
-    TbString part("");
+    TbString part;
     part.joinSecrecyOf(*this);
+    part.holdNothing();
     if (from < m_Length) {
-        part.append(m_Buffer + from, std::min(count, m_Length - from));
+        part.fill(m_Buffer + from, std::min(count, m_Length - from), 0);
     }
     return part;
 }
 
 TbString operator+(TbString const& left, TbString const& right) {
-    TbString sum(left);
+    TbString sum;
+    sum.joinSecrecyOf(left);
+    sum.joinSecrecyOf(right);
+    if (left.m_Buffer != nullptr) {
+        sum.fill(left.m_Buffer, left.m_Length, right.m_Length);
+    }
     sum.append(right);
     return sum;
 }
 
 TbString operator+(char const* left, TbString const& right) {
     TbString sum;
+    sum.joinSecrecyOf(right);
     if (left != nullptr) {
-        sum.assign(TbString(left));
+        sum.fill(left, lengthOf(left), right.m_Length);
     }
     sum.append(right);
     return sum;
 }
 
 TbString mbstoSTRING(char const* text) {
-    TbString string("");
-    if (text != nullptr) {
-        string.assign(TbString(text));
-    }
-    return string;
+    return {text == nullptr ? "" : text};
 }

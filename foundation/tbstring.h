@@ -80,7 +80,14 @@ public:
     /// Copies NUL-terminated `text`. Null leaves the string empty, without a buffer.
     TbString& assign(char const* text);
 
-    TbString& append(char character);
+    TbString& append(char character) {
+        if (m_Capacity - m_Length < 2 || m_Room - m_Length < 2) {
+            grow(1);
+        }
+        m_Buffer[m_Length] = character;
+        m_Buffer[++m_Length] = '\0';
+        return *this;
+    }
 
     /// Null changes nothing. `text` may lie in this string's own buffer.
     TbString& append(char const* text);
@@ -96,7 +103,7 @@ public:
 
     /// Makes room for `extra` more bytes and the terminator. Keeps the contents; pointers into the buffer die.
     /// Deliberate (string-slack): the capacity grows to the need plus 65, never by doubling, and stays raised when
-    /// memory runs out.
+    /// memory runs out. The memory behind it may be more, and is less where a text was copied.
     void grow(std::uint32_t extra);
 
     /// Makes this string a secret one, for good.
@@ -120,7 +127,7 @@ public:
     /// Bytes before the terminator.
     [[nodiscard]] std::uint32_t length() const noexcept { return m_Length; }
 
-    /// Bytes of the buffer; 0 without one.
+    /// Published bytes of the buffer; 0 without one.
     [[nodiscard]] std::uint32_t capacity() const noexcept { return m_Capacity; }
 
     [[nodiscard]] bool isEmpty() const noexcept { return m_Length == 0; }
@@ -146,13 +153,24 @@ public:
     static void allocate(TbObject** slot);
 
 private:
+    friend class TbStringWriter;
+    friend KVX_EXPORT TbString operator+(TbString const& left, TbString const& right);
+    friend KVX_EXPORT TbString operator+(char const* left, TbString const& right);
+
+    /// Bytes of a new capacity beyond the characters: the terminator and 64 of slack.
+    static constexpr std::uint32_t kSlack = 65;
+
     [[nodiscard]] bool owns(char const* pointer) const noexcept;
+    KVX_INTERNAL void raiseCapacity(std::uint64_t need);
+    KVX_INTERNAL void resize(std::uint64_t bytes);
+    KVX_INTERNAL void holdNothing() noexcept;
+    KVX_INTERNAL void fill(char const* bytes, std::uint32_t count, std::uint32_t extra);
 
     bool m_IsSecret = false;       ///< Buffers are wiped before they are released.
-    char* m_Buffer = nullptr;      ///< Owned; null until first use and after clear().
+    char* m_Buffer = nullptr;      ///< Owned when m_Room is not 0, else null or a terminator that nobody writes.
     std::uint32_t m_Length = 0;    ///< Bytes before the terminator.
-    std::uint32_t m_Capacity = 0;  ///< Published size of the buffer; 0 when null. The block behind it is never smaller
-                                   ///< than m_Length + 1, but may be smaller than this after a failed growth.
+    std::uint32_t m_Capacity = 0;  ///< Published size of the buffer; 0 when null. Above m_Length when not.
+    std::uint32_t m_Room = 0;      ///< Bytes of the memory at m_Buffer, above m_Length; 0 when it is not owned.
 };
 
 /// Copy of `left`, then `right`.

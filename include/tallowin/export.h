@@ -4,8 +4,10 @@
 
 #if defined(__GNUC__)
 #define KVX_EXPORT __attribute__((visibility("default")))
+#define KVX_INTERNAL __attribute__((visibility("hidden"))) /* a member of an exported class that stays inside */
 #else
 #define KVX_EXPORT
+#define KVX_INTERNAL
 #endif
 
 #endif

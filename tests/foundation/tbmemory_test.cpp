@@ -47,7 +47,7 @@ TEST(TbBlock, IsNotMovedWhileItHasRoom) {
     FailingAllocation const failing(0, FailingAllocation::Mode::kAllFromThere);
     EXPECT_EQ(tbResizeBlock(block, 100), block);
     EXPECT_EQ(tbResizeBlock(block, 1), block);
-    EXPECT_EQ(tbResizeSecretBlock(block, 100), block);
+    EXPECT_EQ(tbResizeBlock(block, 99), block);
     EXPECT_EQ(FailingAllocation::requested(), 0);
     tbReleaseBlock(block);
 }
@@ -68,12 +68,12 @@ TEST(TbBlock, RefusesASizeThatItsHeaderWouldOverflow) {
     EXPECT_EQ(tbResizeBlock(nullptr, SIZE_MAX), nullptr);
     EXPECT_EQ(tbResizeBlock(nullptr, SIZE_MAX - 1), nullptr);
     EXPECT_EQ(tbResizeBlock(nullptr, UINT64_MAX), nullptr);
-    EXPECT_EQ(tbResizeSecretBlock(nullptr, UINT64_MAX), nullptr);
+    EXPECT_EQ(tbReallocateSecret(nullptr, 0, UINT64_MAX), nullptr);
     void* const block = tbResizeBlock(nullptr, 4);
     std::memcpy(block, "abc", 4);
     for (std::uint64_t const bytes : {std::uint64_t{SIZE_MAX}, std::uint64_t{SIZE_MAX} - 1, UINT64_MAX}) {
         EXPECT_EQ(tbResizeBlock(block, bytes), nullptr);
-        EXPECT_EQ(tbResizeSecretBlock(block, bytes), nullptr);
+        EXPECT_EQ(tbReallocateSecret(block, 4, bytes), nullptr);
     }
     EXPECT_EQ(tbBlockSize(block), 4U);
     EXPECT_STREQ(static_cast<char const*>(block), "abc");

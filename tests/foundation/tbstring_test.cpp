@@ -21,8 +21,10 @@
 #include "foundation/tbvector.h"
 #include "tallowin/codes.h"
 #include "tests/support/allocations.h"
+#include "tests/support/costs.h"
 #include "tests/support/exceptions.h"
 #include "tests/support/freedmemory.h"
+#include "tests/support/random.h"
 #include "tests/support/tbtext.h"
 
 using namespace kvxtest;
@@ -281,6 +283,241 @@ TEST(TbString, SizesEveryNewBufferToItsTextPlusTheSlack) {
     EXPECT_EQ(text.capacity(), 67U) << "64 more characters and the terminator fit";
     text.grow(65);
     EXPECT_EQ(text.capacity(), 132U);
+}
+
+/// A string as its header describes it: contents, published capacity, and whether there is a buffer.
+struct StringModel {
+    std::string m_Bytes;
+    std::size_t m_Capacity = 0;
+    bool m_HasBuffer = false;
+
+    void grow(std::size_t extra) {
+        std::size_t const need = m_Bytes.size() + extra;
+        m_Capacity = need + 1 > m_Capacity ? need + 65 : m_Capacity;
+        m_HasBuffer = true;
+    }
+
+    void clear() { *this = StringModel(); }
+
+    void append(std::string const& bytes) {
+        grow(bytes.size());
+        m_Bytes += bytes;
+    }
+
+    void assign(std::string const& bytes) {
+        clear();
+        append(bytes);
+    }
+
+    void assign(StringModel const& other) {
+        if (&other != this) {
+            clear();
+            if (other.m_HasBuffer) {
+                append(other.m_Bytes);
+            }
+        }
+    }
+
+    void appendString(StringModel const& other) {
+        if (!other.m_Bytes.empty()) {
+            append(std::string(other.m_Bytes));
+        }
+    }
+
+    static StringModel of(std::string const& bytes) {
+        StringModel text;
+        text.append(bytes);
+        return text;
+    }
+
+    [[nodiscard]] StringModel substring(std::size_t from, std::size_t count) const {
+        StringModel part;
+        part.append("");
+        if (from < m_Bytes.size()) {
+            part.append(m_Bytes.substr(from, count));
+        }
+        return part;
+    }
+
+    [[nodiscard]] StringModel plus(StringModel const& right) const {
+        StringModel sum;
+        sum.assign(*this);
+        sum.appendString(right);
+        return sum;
+    }
+};
+
+/// A string and its model, and one operation on both.
+struct ModelledString {
+    TbString m_Text;
+    StringModel m_Model;
+
+    void operate(Random& random, ModelledString const& other) {
+        std::string const bytes = randomBytes(random);
+        auto const count = static_cast<std::uint32_t>(bytes.size());
+        auto const from = static_cast<std::uint32_t>(random.below(m_Model.m_Bytes.size() + 2));
+        switch (random.below(16)) {
+            case 0:
+                m_Text.clear();
+                m_Model.clear();
+                break;
+            case 1:
+                m_Text.assign(bytes.c_str());
+                m_Model.assign(bytes);
+                break;
+            case 2:
+                m_Text.assign(bytes.data(), count);
+                m_Model.assign(bytes);
+                break;
+            case 3:
+                m_Text = other.m_Text;
+                m_Model.assign(other.m_Model);
+                break;
+            case 4:
+                m_Text.append(other.m_Text);
+                m_Model.appendString(other.m_Model);
+                break;
+            case 5:
+                m_Text.append(m_Text);
+                m_Model.appendString(m_Model);
+                break;
+            case 6:
+                m_Text.append(bytes.c_str());
+                m_Model.append(bytes);
+                break;
+            case 7:
+                m_Text.append(bytes.data(), count);
+                m_Model.append(bytes);
+                break;
+            case 8:
+                m_Text.grow(count);
+                m_Model.grow(count);
+                break;
+            case 9:
+                m_Text = other.m_Text.substring(from, count);
+                m_Model.assign(other.m_Model.substring(from, count));
+                break;
+            case 10:
+                m_Text = m_Text + other.m_Text;
+                m_Model.assign(m_Model.plus(other.m_Model));
+                break;
+            case 11:
+                m_Text = bytes.c_str() + other.m_Text;
+                m_Model.assign(StringModel::of(bytes).plus(other.m_Model));
+                break;
+            case 12:
+                if (from <= m_Model.m_Bytes.size() && m_Model.m_HasBuffer) {
+                    m_Text.assign(m_Text.buffer() + from);
+                    m_Model.assign(std::string(m_Model.m_Bytes, from));
+                }
+                break;
+            default:
+                for (char const byte : bytes) {
+                    m_Text.append(byte);
+                    m_Model.append(std::string(1, byte));
+                }
+        }
+        if (m_Model.m_Bytes.size() > 3000) {
+            m_Text.clear();
+            m_Model.clear();
+        }
+    }
+
+    static std::string randomBytes(Random& random) {
+        // The slack is 65: lengths around its multiples decide between two capacities.
+        std::string bytes(random.below(4) == 0 ? 60 + random.below(12) : random.below(200), 'x');
+        for (char& byte : bytes) {
+            byte = static_cast<char>('a' + random.below(26));
+        }
+        return bytes;
+    }
+
+    void expectAgreement() const {
+        ASSERT_EQ(bytesOf(m_Text), m_Model.m_Bytes);
+        ASSERT_EQ(m_Text.length(), m_Model.m_Bytes.size());
+        ASSERT_EQ(m_Text.capacity(), m_Model.m_Capacity);
+        ASSERT_EQ(m_Text.buffer() != nullptr, m_Model.m_HasBuffer);
+        expectSound(m_Text);
+    }
+};
+
+TEST(TbString, HasThePublishedCapacityAfterEveryOperation) {
+    Random random;
+    SCOPED_TRACE("seed " + std::to_string(testSeed()));
+    ModelledString strings[3];
+    strings[2].m_Text.keepSecret();
+    for (int i = 0; i < 20000; ++i) {
+        ModelledString& changed = strings[random.below(3)];
+        changed.operate(random, strings[random.below(3)]);
+        for (ModelledString const& text : strings) {
+            text.expectAgreement();
+        }
+        TbString const copy(changed.m_Text);
+        ASSERT_EQ(copy.capacity(), changed.m_Model.m_HasBuffer ? changed.m_Model.m_Bytes.size() + 65 : 0);
+    }
+}
+
+TEST(TbString, HasRoomForItsPublishedCapacityOnceItGrows) {
+    // A copy holds its text alone until it is appended to; then it takes the rest of its capacity at once.
+    TbString const text("abc");
+    for (int i = 0; i < 2; ++i) {
+        TbString copy(text);
+        if (i == 0) {
+            copy.append(std::string(24, 'd').c_str());
+        } else {
+            copy.grow(64);
+        }
+        FailingAllocation const failing(0, FailingAllocation::Mode::kAllFromThere);
+        while (copy.length() + 1 < copy.capacity()) {
+            copy.append('x');
+        }
+        EXPECT_EQ(copy.capacity(), 68U);
+        EXPECT_EQ(FailingAllocation::requested(), 0);
+    }
+}
+
+TEST(TbString, CopiesWithoutSlackAndSharesNothingButAnEmptyText) {
+    TbString const text(std::string(1000, 'x').c_str());
+    std::uint64_t const bytes = costOf([&] { TbString const copy(text); }).m_Bytes;
+    EXPECT_GE(bytes, 1001U);
+    EXPECT_LE(bytes, 1016U);
+    EXPECT_EQ(costOf([] {
+                  TbString const empty("");
+                  TbString const copy(empty);
+              }).m_Calls,
+              0U);
+    TbString first("");
+    TbString const second("");
+    first.append('a');
+    EXPECT_EQ(bytesOf(first), "a");
+    EXPECT_EQ(bytesOf(second), "");
+}
+
+TEST(TbString, JoinsTwoTextsWithOneAllocation) {
+    TbString const left(std::string(500, 'l').c_str());
+    TbString const right(std::string(700, 'r').c_str());
+    EXPECT_EQ(costOf([&] { TbString const sum = left + right; }).m_Calls, 1U);
+    EXPECT_EQ(costOf([&] { TbString const sum = "left" + right; }).m_Calls, 1U);
+    EXPECT_EQ(bytesOf(left + right), std::string(500, 'l') + std::string(700, 'r'));
+    EXPECT_EQ((left + right).capacity(), 1200U + 65U);
+}
+
+TEST(TbString, ComparesEightBytesAtATimeAsOneByOne) {
+    // Bytes around the two ends of the order, and zero, which ends a comparison.
+    constexpr char kBytes[] = {'a', 'b', '\0', '\x01', '\x7F', '\x80', '\xFF'};
+    Random random;
+    for (int i = 0; i < 20000; ++i) {
+        std::string left(random.below(40), 'a');
+        for (char& byte : left) {
+            byte = random.below(8) == 0 ? kBytes[random.below(sizeof kBytes)] : 'a';
+        }
+        std::string right = left;
+        for (std::size_t changes = random.below(3); changes > 0 && !right.empty(); --changes) {
+            right[random.below(right.size())] = kBytes[random.below(sizeof kBytes)];
+        }
+        ASSERT_EQ(stringOf(left).compare(stringOf(right)), TCSNCMP(left.c_str(), right.c_str(), TbString::npos))
+            << testing::PrintToString(left) << " / " << testing::PrintToString(right);
+    }
 }
 
 TEST(TbString, OrdersLengthFirst) {
