@@ -1,38 +1,53 @@
 // Encodings, identifiers and time stamps.
 //
-// Percent-encoding asks the current locale which bytes are letters and digits. Key text is converted in buffers that
-// are sized at once or wiped, so that no outgrown copy of a key stays in memory. A new identifier prints the bytes of a
-// UUID in the order of a little-endian structure, which others parse. Time stamps clamp to the years 0 to 9999.
+// Percent-encoding asks the current locale which bytes are letters and digits. Texts are sized before they are written;
+// so no outgrown copy of a key stays in memory, and key text that is read is wiped. A new identifier prints the bytes
+// of a UUID in the order of a little-endian structure, which others parse. Time stamps clamp to the years 0 to 9999.
 
 #include <uuid/uuid.h>
 
+#include <array>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 
 #include "core/kvxctx.h"
 #include "core/kvxpercent.h"
 #include "foundation/tbexception.h"
 #include "foundation/tbforkgate.h"
+#include "foundation/tbstringwriter.h"
 #include "foundation/tbsystem.h"
 
 namespace {
 
-constexpr char kHexDigits[] = "0123456789abcdef";
+using DigitPairs = std::array<char[2], 256>;
 
-void appendHex(TbString& text, unsigned char byte) {
-    text.append(kHexDigits[byte >> 4]);
-    text.append(kHexDigits[byte & 0x0F]);
-}
+/// The two lower-case hexadecimal digits of each byte.
+constexpr DigitPairs kDigitPairs = [] {
+    constexpr char kDigits[] = "0123456789abcdef";
+    DigitPairs pairs{};
+    for (std::size_t byte = 0; byte < pairs.size(); ++byte) {
+        pairs[byte][0] = kDigits[byte >> 4];
+        pairs[byte][1] = kDigits[byte & 0x0F];
+    }
+    return pairs;
+}();
 
-/// 0 to 15, or -1.
+/// The value of each hexadecimal digit; -1 for other bytes.
+constexpr std::array<signed char, 256> kDigitValues = [] {
+    std::array<signed char, 256> values{};
+    for (std::size_t byte = 0; byte < values.size(); ++byte) {
+        values[byte] = -1;
+    }
+    for (signed char digit = 0; digit < 16; ++digit) {
+        values[static_cast<unsigned char>("0123456789abcdef"[digit])] = digit;
+        values[static_cast<unsigned char>("0123456789ABCDEF"[digit])] = digit;
+    }
+    return values;
+}();
+
 int valueOfHexDigit(char digit) {
-    if (digit >= '0' && digit <= '9') {
-        return digit - '0';
-    }
-    if (digit >= 'A' && digit <= 'F') {
-        return digit - 'A' + 10;
-    }
-    return digit >= 'a' && digit <= 'f' ? digit - 'a' + 10 : -1;
+    return kDigitValues[static_cast<unsigned char>(digit)];
 }
 
 /// The index of the identifier's byte at each place of its text: the leading fields are read as little-endian numbers.
@@ -79,10 +94,7 @@ Date dateOf(std::int64_t days) {
 TbString KVX_Context::Encode(TbString const& text) {
     TbString encoded("");
     encoded.joinSecrecyOf(text);
-    for (std::uint32_t i = 0; i < text.length(); ++i) {
-        KvxPercentEncoded const piece(static_cast<unsigned char>(text[i]));
-        encoded.append(piece.m_Text, piece.m_Length);
-    }
+    kvxPercentEncode(text, 0, text.length(), encoded);
     return encoded;
 }
 
@@ -91,32 +103,38 @@ TbString KVX_Context::BufferToHex(unsigned char* buffer, unsigned long length) {
         throw TBFC_Exception(KVX_E_OUT_OF_MEMORY);
     }
     TbString hex("");
-    // Grown at once, so that no outgrown copy of a key stays in memory.
-    hex.grow(2 * static_cast<std::uint32_t>(length));
-    for (unsigned long i = 0; i < length; ++i) {
-        appendHex(hex, buffer[i]);
+    if (length != 0) {
+        TbStringWriter writer(hex, 2 * std::uint64_t{length});
+        char* to = writer.begin();
+        for (unsigned long i = 0; i < length; ++i, to += 2) {
+            std::memcpy(to, kDigitPairs[buffer[i]], 2);
+        }
+        writer.endPiece(to);
+        writer.finish(to);
     }
     return hex;
 }
 
 std::int32_t KVX_Context::HexToBuffer(TbString hex, unsigned char* buffer, unsigned long* size) {
     hex.keepSecret();
-    int high = 0;
-    for (std::uint32_t i = 0; i < hex.length(); ++i) {
-        if (i / 2 >= *size) {
-            return KVX_E_BUFFER_TOO_SMALL;
-        }
-        int const value = valueOfHexDigit(hex[i]);
+    std::uint32_t const length = hex.length();
+    bool const fits = (std::uint64_t{length} + 1) / 2 <= *size;
+    auto const last = fits ? length : static_cast<std::uint32_t>(2 * *size);
+    char const* const digits = hex.c_str();
+    for (std::uint32_t i = 0; i + 1 < last; i += 2) {
+        int const value = valueOfHexDigit(digits[i]) * 16 | valueOfHexDigit(digits[i + 1]);
         if (value < 0) {
             return KVX_E_COMMAND_FAILED;  // Deliberate (bad-digit-command-failed): the text fits badly
         }
-        if (i % 2 == 0) {
-            high = value;
-        } else {
-            buffer[i / 2] = static_cast<unsigned char>(high * 16 + value);
-        }
+        buffer[i / 2] = static_cast<unsigned char>(value);
     }
-    *size = hex.length() / 2;
+    if (last % 2 != 0 && valueOfHexDigit(digits[last - 1]) < 0) {
+        return KVX_E_COMMAND_FAILED;
+    }
+    if (!fits) {
+        return KVX_E_BUFFER_TOO_SMALL;
+    }
+    *size = length / 2;
     return KVX_OK;
 }
 
@@ -136,7 +154,7 @@ TbString KVX_Context::CreateUuid() {
     }
     TbString text("");
     for (int const index : kUuidOrder) {
-        appendHex(text, bytes[index]);
+        text.append(kDigitPairs[bytes[index]], 2);
     }
     return text;
 }

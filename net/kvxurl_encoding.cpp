@@ -1,3 +1,6 @@
+#include <array>
+#include <cstring>
+
 #include "core/kvxpercent.h"
 #include "net/kvxurl.h"
 
@@ -6,57 +9,74 @@ char const base64_table[65] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvw
 
 namespace {
 
-/// The bytes of a stream for Base64Encode. After the end every byte is 0.
-class SevenBitReader {
-public:
-    explicit SevenBitReader(TbStringStream& in) : m_In(in) {}
-
-    unsigned next() {
-        if (m_Ended) {
-            return 0;
+/// How many of the bytes come before the first that is zero or has its top bit set.
+std::uint32_t sevenBitLength(char const* bytes, std::uint32_t length) {
+    std::uint32_t at = 0;
+    for (; length - at >= sizeof(std::uint64_t); at += sizeof(std::uint64_t)) {
+        std::uint64_t word = 0;
+        std::memcpy(&word, bytes + at, sizeof word);
+        if ((((word - 0x0101010101010101U) | word) & 0x8080808080808080U) != 0) {
+            break;  // one of these
         }
-        char byte = '\0';
-        m_In.get(byte);
-        if (m_In.atEnd() || static_cast<signed char>(byte) <= 0) {
-            m_Ended = true;
-            return 0;
-        }
-        return static_cast<unsigned char>(byte);
     }
+    while (at<length&& static_cast<signed char>(bytes[at])> 0) {
+        ++at;
+    }
+    return at;
+}
 
-    [[nodiscard]] bool hasEnded() const { return m_Ended; }
+/// The two characters of each twelve bits.
+constexpr auto kCharacterPairs = [] {
+    constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::array<char[2], 4096> pairs{};
+    for (std::size_t bits = 0; bits < pairs.size(); ++bits) {
+        pairs[bits][0] = kAlphabet[bits >> 6];
+        pairs[bits][1] = kAlphabet[bits & 0x3F];
+    }
+    return pairs;
+}();
 
-private:
-    TbStringStream& m_In;
-    bool m_Ended = false;
-};
+/// The four characters of three bytes.
+void encodeGroup(char* to, char const* bytes) {
+    auto const byte = [bytes](int index) { return unsigned{static_cast<unsigned char>(bytes[index])}; };
+    unsigned const group = byte(0) << 16 | byte(1) << 8 | byte(2);
+    std::memcpy(to, kCharacterPairs[group >> 12], 2);
+    std::memcpy(to + 2, kCharacterPairs[group & 0xFFFU], 2);
+}
 
 }  // namespace
 
 void UrlEncode(TbStringStream* in, TbStringStream* out) {
     out->joinSecrecyOf(*in);
-    for (;;) {
-        char character = '\0';
-        in->get(character);
-        if (in->atEnd() || character == '\0') {
-            return;
-        }
-        KvxPercentEncoded const piece(static_cast<unsigned char>(character));
-        out->put(piece.m_Text, piece.m_Length);
+    auto const length = static_cast<std::uint32_t>(::strnlen(in->unread(), in->unreadLength()));
+    if (length != 0) {
+        kvxPercentEncode(*in, static_cast<std::uint32_t>(in->unread() - in->buffer()), length, *out);
+        in->skip(length);
+        out->put("");  // there is something to read
     }
+    char end = '\0';
+    in->get(end);  // the zero byte, or the flag
 }
 
 void Base64Encode(TbStringStream* in, TbStringStream* out) {
     out->joinSecrecyOf(*in);
-    SevenBitReader reader(*in);
+    std::uint32_t const length = sevenBitLength(in->unread(), in->unreadLength());
     // Deliberate (base64-without-padding): the end is checked after a whole group only, so there is always a group that
     // holds it.
-    while (!reader.hasEnded()) {
-        unsigned const first = reader.next();
-        unsigned const second = reader.next();
-        unsigned const third = reader.next();
-        char const group[] = {base64_table[first >> 2], base64_table[(first & 0x03U) << 4 | second >> 4],
-                              base64_table[(second & 0x0FU) << 2 | third >> 6], base64_table[third & 0x3FU]};
-        out->put(group, sizeof group);
+    std::uint32_t const fullGroups = length / 3;
+    TbStringWriter writer(*out, 4 * (std::uint64_t{fullGroups} + 1));
+    char* to = writer.begin();
+    char const* from = in->unread();
+    for (std::uint32_t i = 0; i < fullGroups; ++i, from += 3, to += 4) {
+        encodeGroup(to, from);
     }
+    char rest[3] = {};
+    std::memcpy(rest, from, length % 3);
+    encodeGroup(to, rest);
+    writer.endPieces(to + 4, 4);
+    writer.finish(to + 4);
+    out->put("");  // there is something to read
+    in->skip(length);
+    char end = '\0';
+    in->get(end);  // what ended the text, or the flag
 }

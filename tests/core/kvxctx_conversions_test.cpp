@@ -18,7 +18,9 @@
 #include <vector>
 
 #include "tests/core/coresupport.h"
+#include "tests/support/costs.h"
 #include "tests/support/exceptions.h"
+#include "tests/support/random.h"
 #include "tests/support/systemcalls.h"
 #include "tests/support/tbtext.h"
 
@@ -82,6 +84,45 @@ TEST(Encode, EncodesWholeTexts) {
     EXPECT_EQ(encoded(std::string("a\0b", 3)), "a%00b");
     EXPECT_EQ(encoded("100%"), "100%25");
     EXPECT_EQ(bytesOf(KVX_Context().Encode(TbString())), "");
+}
+
+/// A string to which the pieces that `text` is encoded as were appended one by one.
+TbString appendedOneByOne(std::string const& text) {
+    TbString encodedText("");
+    for (char const byte : text) {
+        encodedText.append(encoded(std::string(1, byte)).c_str());
+    }
+    return encodedText;
+}
+
+TEST(Encode, HasTheCapacityOfAStringThatGrowsByteByByte) {
+    Random random;
+    for (int i = 0; i < 500; ++i) {
+        std::string text;
+        for (std::size_t left = random.below(300); left > 0; --left) {
+            text += random.below(3) == 0 ? random.byte() : 'a';
+        }
+        TbString const whole = KVX_Context().Encode(stringOf(text));
+        TbString const piecewise = appendedOneByOne(text);
+        ASSERT_EQ(bytesOf(whole), bytesOf(piecewise)) << "seed " << testSeed();
+        ASSERT_EQ(whole.capacity(), piecewise.capacity()) << "seed " << testSeed() << ", " << bytesOf(whole);
+    }
+}
+
+TEST(Encode, GrowsOnce) {
+    TbString const text = stringOf(std::string(5000, 'a') + std::string(5000, '<'));
+    EXPECT_EQ(costOf([&] { TbString const encodedText = KVX_Context().Encode(text); }).m_Calls, 1U);
+}
+
+TEST(BufferToHex, GrowsOnceAndHasTheCapacityOfItsText) {
+    std::vector<unsigned char> bytes(5000);
+    for (std::size_t const length : {1U, 31U, 32U, 33U, 34U, 5000U}) {
+        EXPECT_EQ(costOf([&] {
+                      TbString const made = KVX_Context().BufferToHex(bytes.data(), length);
+                      EXPECT_EQ(made.capacity(), 2 * length < 65 ? 65 : 2 * length + 65);
+                  }).m_Calls,
+                  1U);
+    }
 }
 
 TEST(Encode, EscapesTheSameBytesInAUtf8Locale) {

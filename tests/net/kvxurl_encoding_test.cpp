@@ -10,6 +10,7 @@
 
 #include "net/kvxurl.h"
 #include "tests/support/allocations.h"
+#include "tests/support/costs.h"
 #include "tests/support/random.h"
 #include "tests/support/tbtext.h"
 
@@ -135,6 +136,94 @@ TEST(UrlEncode, ReadsFromTheCurrentPositionAndAppends) {
     TbStringStream out("before");
     UrlEncode(&in, &out);
     EXPECT_EQ(bytesOf(out), "before%20y");
+}
+
+/// The stream `before` after `encode` has written `text` to it.
+TbStringStream encodedBehind(std::string const& before, std::string const& text,
+                             void (*encode)(TbStringStream*, TbStringStream*)) {
+    TbStringStream in(stringOf(text));
+    TbStringStream out;
+    if (!before.empty()) {
+        out.put(before.c_str());
+    }
+    encode(&in, &out);
+    return out;
+}
+
+TEST(Encoders, LeaveTheCapacityOfAStreamThatGrowsPieceByPiece) {
+    Random random;
+    for (int i = 0; i < 1000; ++i) {
+        SCOPED_TRACE("seed " + std::to_string(testSeed()) + ", run " + std::to_string(i));
+        std::string const before(random.below(2) == 0 ? 0 : random.below(150), 'b');
+        std::string const text = random.text("abcdef<>&=", 300);
+        TbStringStream percents;
+        TbStringStream characters;
+        if (!before.empty()) {
+            percents.put(before.c_str());
+            characters.put(before.c_str());
+        }
+        for (char const byte : text) {
+            percents.put(percent(std::string(1, byte)).c_str());
+        }
+        std::string const groups = base64(text);
+        for (std::size_t at = 0; at < groups.size(); at += 4) {
+            characters.put(groups.data() + at, 4);
+        }
+        TbStringStream const url = encodedBehind(before, text, &UrlEncode);
+        ASSERT_EQ(bytesOf(url), bytesOf(percents));
+        ASSERT_EQ(url.capacity(), percents.capacity());
+        ASSERT_EQ(url.atEnd(), percents.atEnd());
+        TbStringStream const encoded = encodedBehind(before, text, &Base64Encode);
+        ASSERT_EQ(bytesOf(encoded), bytesOf(characters));
+        ASSERT_EQ(encoded.capacity(), characters.capacity());
+        ASSERT_EQ(encoded.atEnd(), characters.atEnd());
+    }
+}
+
+TEST(Encoders, GrowTheirOutputOnce) {
+    TbStringStream in(stringOf(std::string(3000, 'a') + std::string(3000, '<')));
+    TbStringStream again(in.str());
+    TbStringStream out;
+    EXPECT_EQ(costOf([&] { UrlEncode(&in, &out); }).m_Calls, 1U);
+    TbStringStream other;
+    EXPECT_EQ(costOf([&] { Base64Encode(&again, &other); }).m_Calls, 1U);
+}
+
+TEST(Encoders, ReadOneByteBehindTheText) {
+    struct Row {
+        void (*m_Encode)(TbStringStream*, TbStringStream*);
+        std::string m_Text;
+        bool m_IsAtEnd;
+    };
+    Row const rows[] = {
+        {&UrlEncode, std::string("ab\0cd", 5), false},
+        {&UrlEncode, std::string("ab\0", 3), false},
+        {&UrlEncode, "ab", true},
+        {&Base64Encode, std::string("ab\0cd", 5), false},
+        {&Base64Encode, "ab\xE9", false},
+        {&Base64Encode, "ab", true},
+        {&Base64Encode, "abc", true},
+        {&Base64Encode, "abcdefgh\x80x", false},
+    };
+    for (Row const& row : rows) {
+        SCOPED_TRACE(testing::PrintToString(row.m_Text));
+        TbStringStream in(stringOf(row.m_Text));
+        TbStringStream out;
+        row.m_Encode(&in, &out);
+        EXPECT_EQ(in.atEnd(), row.m_IsAtEnd);
+        std::size_t const ending = row.m_Text.find_first_of(std::string("\0\xE9\x80", 3));
+        std::string const behind = ending == std::string::npos ? "" : row.m_Text.substr(ending + 1);
+        EXPECT_EQ(std::string(in.unread(), in.unreadLength()), behind);
+    }
+}
+
+TEST(Encoders, EncodeAStreamIntoItself) {
+    TbStringStream text("a b");
+    UrlEncode(&text, &text);
+    EXPECT_EQ(bytesOf(text), "a ba%20b");
+    TbStringStream other(std::string(1000, 'a').c_str());
+    Base64Encode(&other, &other);
+    EXPECT_EQ(bytesOf(other), std::string(1000, 'a') + base64(std::string(1000, 'a')));
 }
 
 TEST(UrlEncode, SurvivesFailingAllocations) {
