@@ -47,6 +47,51 @@ TbString* stringValueOf(TbFindable& item) {
 
 }  // namespace
 
+/// A map item with a pair of strings in one piece of memory: the item, its pair, key, value, and the key's text.
+struct TbTextEntry {
+    static TbFindable* make(TbString const& key) {
+        if (!TbInPlaceText::suits(key)) {
+            TbOwned<TbFindable> pair(new TbKeyValue(key, TbString("")));
+            auto* const item = new TbMapItem(pair.get());
+            pair.release();
+            return item;
+        }
+        auto* const memory = static_cast<char*>(TbMapItem::operator new(kText + TbInPlaceText::bytesOf(key)));
+        auto* const keyCopy = new (memory + kKey) TbInPlace<TbString>;
+        TbInPlaceText::copy(*keyCopy, key, memory + kText);
+        auto* const value = new (memory + kValue) TbInPlace<TbString>;
+        TbInPlaceText::empty(*value);
+        auto* const pair = new (memory + kPair) TbInPlace<TbKeyValue>;
+        pair->m_Key = keyCopy;
+        pair->m_Value = value;
+        return new (memory) TbMapItem(pair);
+    }
+
+private:
+    static constexpr std::size_t kPair = sizeof(TbMapItem);
+    static constexpr std::size_t kKey = kPair + sizeof(TbKeyValue);
+    static constexpr std::size_t kValue = kKey + sizeof(TbString);
+    static constexpr std::size_t kText = kValue + sizeof(TbString);
+    static_assert(alignof(TbMapItem) == alignof(TbKeyValue) && alignof(TbKeyValue) == alignof(TbString));
+};
+
+TbString const* tbTextKeyOf(TbFindable const& element) {
+    TbFindable const* key = &element;
+    TbAllocator allocator = key->getAllocator();
+    if (allocator == &TbMapItem::allocate) {
+        key = static_cast<TbMapItem const*>(key)->item();
+        allocator = key == nullptr ? nullptr : key->getAllocator();
+    }
+    if (allocator == &TbStrPtr::allocate) {
+        return &static_cast<TbStrPtr const*>(key)->key();
+    }
+    if (allocator == &TbKeyValue::allocate) {
+        key = static_cast<TbKeyValue const*>(key)->key();
+        allocator = key == nullptr ? nullptr : key->getAllocator();
+    }
+    return allocator == &TbString::allocate ? static_cast<TbString const*>(key) : nullptr;
+}
+
 bool tbIsContainerPart(TbAllocator allocator) noexcept {
     return allocator == &TbString::allocate || allocator == &TbMapItem::allocate ||
            allocator == &TbKeyValue::allocate || allocator == &TbStrPtr::allocate ||
@@ -273,6 +318,11 @@ bool TbStrMap::isInstanceOf(char const* className) const {
 }
 
 TbString& TbStrMap::operator[](TbString const& key) {
+    if (key.getAllocator() == &TbString::allocate) {
+        if (TbString* const value = valueOfText(key)) {
+            return *value;
+        }
+    }
     auto* const entry = static_cast<TbMapItem*>(find(key));
     TbString* const present = entry == nullptr ? nullptr : stringValueOf(*entry->item());
     if (present != nullptr) {
@@ -284,6 +334,17 @@ TbString& TbStrMap::operator[](TbString const& key) {
         remove(key);
     }
     return *stringValueOf(*putOwnedItem(pair.release())->item());
+}
+
+/// The value under `key`, which is made when it is missing; null when the key has another value than a string, or when
+/// the map holds other elements than pairs of strings.
+TbString* TbStrMap::valueOfText(TbString const& key) {
+    bool isNew = false;
+    auto* const entry = static_cast<TbMapItem*>(findOrMake(key, &TbTextEntry::make, isNew));
+    if (isNew) {
+        appendToOrder(entry);
+    }
+    return entry == nullptr ? nullptr : stringValueOf(*entry->item());
 }
 
 void TbStrMap::allocate(TbObject** slot) {

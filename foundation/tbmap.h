@@ -40,6 +40,8 @@ public:
     static void allocate(TbObject** slot);
 
 private:
+    friend struct TbTextEntry;
+
     TbFindable* m_Key = nullptr;    ///< Owned.
     TbFindable* m_Value = nullptr;  ///< Owned.
 };
@@ -145,6 +147,9 @@ protected:
     /// `put` for an item that is taken over; destroyed on failure.
     TbMapItem* putOwnedItem(TbFindable* item);
 
+    /// Makes a stored item the last one of the order.
+    void appendToOrder(TbMapItem* item) noexcept { m_List.append(item); }
+
 private:
     TbInsertionList m_List;
 };
@@ -164,6 +169,9 @@ public:
     virtual TbString& operator[](TbString const& key);
 
     static void allocate(TbObject** slot);
+
+private:
+    KVX_INTERNAL TbString* valueOfText(TbString const& key);
 };
 
 #pragma GCC diagnostic pop

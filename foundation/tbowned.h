@@ -4,14 +4,29 @@
 
 #include <memory>
 
+#include "foundation/tbinplace.h"
 #include "foundation/tbobject.h"
 
 /// Owns an object until it is linked somewhere.
 template <class T>
 using TbOwned = std::unique_ptr<T>;
 
+/// A copy of `text` in one piece of memory with its text where that is short.
+inline TbOwned<TbFindable> tbCopyOfText(TbString const& text) {
+    if (!TbInPlaceText::suits(text)) {
+        return TbOwned<TbFindable>(new TbString(text));
+    }
+    auto* const memory = static_cast<char*>(TbString::operator new(sizeof(TbString) + TbInPlaceText::bytesOf(text)));
+    auto* const copy = new (memory) TbString;
+    TbInPlaceText::copy(*copy, text, memory + sizeof(TbString));
+    return TbOwned<TbFindable>(copy);
+}
+
 /// A copy of `item`, made through its class's factory and its `assign`.
 inline TbOwned<TbFindable> tbCopyOf(TbFindable const& item) {
+    if (item.getAllocator() == &TbString::allocate) {
+        return tbCopyOfText(static_cast<TbString const&>(item));
+    }
     TbObject* slot = nullptr;
     item.getAllocator()(&slot);
     TbOwned<TbFindable> copy(static_cast<TbFindable*>(slot));
@@ -30,6 +45,10 @@ bool tbIs(TbObject const& object, char const* className) {
     TbAllocator const allocator = object.getAllocator();
     return allocator == &T::allocate || (!tbIsContainerPart(allocator) && object.isInstanceOf(className));
 }
+
+/// The text that orders `element`: the key of a pair, of a map item around one, or the element itself. Borrowed. Null
+/// for other keys, and for classes that users derive, whose operators may be others.
+TbString const* tbTextKeyOf(TbFindable const& element);
 
 /// The key that orders an element: the item of a map item, the key of a pair, or the element itself. Borrowed.
 TbFindable const& tbKeyOf(TbFindable const& element);

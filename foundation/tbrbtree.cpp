@@ -1,12 +1,16 @@
 // The red-black tree: nodes, search, insertion, removal, rebalancing.
 //
-// Nodes have no parent link. Insertion and removal record the way down on a stack and rebalance along it; removal
-// searches a parent from the root, because rotations make its stack stale. Everything that can fail happens before the
-// first link changes. Odd: elements compare through their own operators, which for vectors give no strict order; so the
-// stored element decides where a vector goes, and rotations find sides by address instead of comparing.
+// Nodes have no parent link. Insertion and removal record the way down and rebalance along it. Everything that can fail
+// happens before the first link changes. Most keys are texts: a node knows length and first bytes of such a key, and
+// one comparison of numbers decides at most nodes. Odd: other elements compare through their own operators, which for
+// vectors give no strict order; so the stored element decides where a vector goes, and rotations find sides by address.
 
 #include "foundation/tbrbtree.h"
 
+#include <endian.h>
+
+#include <algorithm>
+#include <cstring>
 #include <utility>
 
 #include "foundation/tbexception.h"
@@ -19,12 +23,6 @@ TbTreeNode* asNode(TbObject* object) {
     return static_cast<TbTreeNode*>(object);
 }
 
-TbTreeNode* popNode(TbStack& path) {
-    TbTreeNode* const node = asNode(path.peek());
-    path.pop_back();
-    return node;
-}
-
 /// The element to search with: for a vector of entries its first one, because two vectors compare by their counts too.
 TbFindable const& probeOf(TbFindable const& element) {
     if (!tbIs<TbFindableVector>(element, "TbFindableVector")) {
@@ -34,11 +32,24 @@ TbFindable const& probeOf(TbFindable const& element) {
     return vector.count() == 0 ? element : *vector.at(0);
 }
 
-/// Whether `fresh`, which is not equal to `present`, belongs left of it. The operator of `fresh` decides; a vector has
-/// no usable one, so there the operator of `present` decides.
-bool belongsLeft(TbFindable const& fresh, TbFindable const& present) {
-    TbFindable const& probe = probeOf(fresh);
-    return &probe == &fresh ? fresh < present : !(present < probe);
+/// Whether `element` is a vector, and of no class that a user derived.
+bool isEntries(TbFindable const& element) {
+    return element.getAllocator() == &TbFindableVector::allocate;
+}
+
+/// The first eight bytes of `text`, up to its first zero byte, as a number: the order of the numbers is that of signed
+/// bytes, of which zero is the least. The last byte is 0 when they are all that is compared.
+std::uint64_t prefixOf(TbString const& text) {
+    constexpr std::uint64_t kLow = 0x7F7F7F7F7F7F7F7FU;
+    std::uint64_t bytes = 0;
+    std::memcpy(&bytes, text.c_str(), std::min<std::size_t>(text.length(), sizeof bytes));
+    bytes = be64toh(bytes);
+    // 0x80 at each zero byte; the first of those and all bytes behind it become 0.
+    std::uint64_t const zeros = ~(((bytes & kLow) + kLow) | bytes | kLow);
+    std::uint64_t const kept = zeros == 0 ? ~std::uint64_t{0} : ~(~std::uint64_t{0} >> __builtin_clzll(zeros));
+    // 0x80 to 0xFF become 1 to 0x80, and 1 to 0x7F become 0x81 to 0xFF.
+    std::uint64_t const ranks = (bytes ^ ~kLow) + ((bytes >> 7) & 0x0101010101010101U);
+    return ranks & kept;
 }
 
 std::uint32_t pathCapacity(std::uint32_t count) {
@@ -46,6 +57,129 @@ std::uint32_t pathCapacity(std::uint32_t count) {
 }
 
 }  // namespace
+
+/// What an element is searched with, or put with: compared with nodes, by numbers where both keys are texts.
+class TbRBTree::Probe {
+public:
+    /// For a search: the stored elements compare themselves with `probe`.
+    explicit Probe(TbFindable const& probe) : m_Probe(probe) {
+        if (tbIs<TbString>(probe, "TbString")) {
+            m_IsText = true;
+            setText(static_cast<TbString const&>(probe));
+            return;
+        }
+        TbFindable const& key = tbKeyOf(probe);
+        if (tbIs<TbString>(key, "TbString")) {
+            setText(static_cast<TbString const&>(key));
+        }
+    }
+
+    /// Whether the key is a text.
+    [[nodiscard]] bool hasText() const { return m_Text != nullptr; }
+
+    /// Leaves all comparisons to the operators.
+    void forgetText() { m_Text = nullptr; }
+
+    /// Whether `compare` decides by the texts.
+    [[nodiscard]] bool isComparedByText(TbTreeNode const& node) const {
+        return m_Text != nullptr &&
+               (node.m_Key == TbTreeNode::Key::kPair || (node.m_Key == TbTreeNode::Key::kText && m_IsText));
+    }
+
+    /// Negative, 0 or positive as the element of `node` is less than, equal to or greater than the probe.
+    [[nodiscard]] int compare(TbTreeNode const& node) const {
+        return isComparedByText(node) ? compareText(node) : compareItem(node);
+    }
+
+    /// The same. Requires: isComparedByText(node).
+    [[nodiscard]] int compareText(TbTreeNode const& node) const {
+        if (node.m_KeyLength != m_Length) {
+            return static_cast<std::int32_t>(node.m_KeyLength - m_Length);
+        }
+        if (node.m_KeyPrefix != m_Prefix) {
+            return node.m_KeyPrefix < m_Prefix ? -1 : 1;
+        }
+        bool const isDecided = m_Length <= sizeof m_Prefix || (m_Prefix & 0xFFU) == 0;
+        return isDecided ? 0 : tbTextKeyOf(*node.m_Item)->compare(*m_Text);
+    }
+
+private:
+    void setText(TbString const& text) {
+        m_Text = &text;
+        m_Length = text.length();
+        m_Prefix = prefixOf(text);
+    }
+
+    [[nodiscard]] int compareItem(TbTreeNode const& node) const {
+        if (TbString const* const first = m_Text == nullptr ? nullptr : firstText(node)) {
+            return first->compare(*m_Text);
+        }
+        if (*node.m_Item == m_Probe) {
+            return 0;
+        }
+        return *node.m_Item < m_Probe ? -1 : 1;
+    }
+
+    /// The text that orders a vector of entries; null where it cannot be compared with the probe's.
+    [[nodiscard]] TbString const* firstText(TbTreeNode const& node) const {
+        if (node.m_Key != TbTreeNode::Key::kEntries) {
+            return nullptr;
+        }
+        auto const& entries = static_cast<TbFindableVector const&>(*node.m_Item);
+        TbFindable const* const first = entries.count() == 0 ? nullptr : entries.at(0);
+        TbString const* const text = first == nullptr ? nullptr : tbTextKeyOf(*first);
+        return text == first && !m_IsText ? nullptr : text;
+    }
+
+    TbFindable const& m_Probe;
+    bool m_IsText = false;             ///< The probe is a string itself.
+    TbString const* m_Text = nullptr;  ///< The key; null when it is no text.
+    std::uint32_t m_Length = 0;
+    std::uint64_t m_Prefix = 0;
+};
+
+/// The nodes from the root down to one of them.
+class TbRBTree::Descent {
+public:
+    Descent() = default;
+
+    /// The nodes of a stack.
+    explicit Descent(TbStack const& path) {
+        for (std::uint32_t i = 0; i < path.count(); ++i) {
+            push(asNode(path.at(i)));
+        }
+    }
+
+    void push(TbTreeNode* node) { m_Nodes[m_Count++] = node; }
+    TbTreeNode* pop() { return m_Count == 0 ? nullptr : m_Nodes[--m_Count]; }
+
+    /// The last node; null when there is none.
+    [[nodiscard]] TbTreeNode* top() const { return m_Count == 0 ? nullptr : m_Nodes[m_Count - 1]; }
+
+private:
+    /// Twice the logarithm of the largest count, and one more while a removal is repaired.
+    static constexpr std::size_t kMost = 2 * 32 + 2;
+
+    TbTreeNode* m_Nodes[kMost];
+    std::size_t m_Count = 0;
+};
+
+void TbTreeNode::describeKey() {
+    if (isEntries(*m_Item)) {
+        m_Key = Key::kEntries;
+    } else if (TbString const* const text = tbTextKeyOf(*m_Item)) {
+        m_Key = text == m_Item ? Key::kText : Key::kPair;
+        m_KeyLength = text->length();
+        m_KeyPrefix = prefixOf(*text);
+    }
+}
+
+void TbTreeNode::swapItem(TbTreeNode& other) noexcept {
+    std::swap(m_Item, other.m_Item);
+    std::swap(m_Key, other.m_Key);
+    std::swap(m_KeyLength, other.m_KeyLength);
+    std::swap(m_KeyPrefix, other.m_KeyPrefix);
+}
 
 TbTreeNode::TbTreeNode(TbFindable const& item, TbTreeNode* left, TbTreeNode* right)
     : m_Red(true), m_Left(left), m_Right(right), m_Item(tbCopyOf(item).release()) {}
@@ -71,6 +205,9 @@ TbTreeNode& TbTreeNode::assign(TbObject const& other) {
     if (&source != this) {
         TbOwned<TbFindable> item(source.m_Item == nullptr ? nullptr : tbCopyOf(*source.m_Item));
         m_Red = source.m_Red;
+        m_Key = source.m_Key;
+        m_KeyLength = source.m_KeyLength;
+        m_KeyPrefix = source.m_KeyPrefix;
         delete m_Item;
         m_Item = item.release();
     }
@@ -175,7 +312,7 @@ void TbRBTree::ensureSentinel() {
     if (m_Sentinel != nullptr) {
         return;
     }
-    TbOwned<TbFindable> item(new TbString("__dummy"));
+    TbOwned<TbFindable> item = tbCopyOfText("__dummy");
     auto* const sentinel = new TbTreeNode;
     sentinel->m_Item = item.release();
     m_Sentinel = sentinel;
@@ -185,12 +322,13 @@ TbFindable* TbRBTree::find(TbFindable const& probe) const {
     if (m_Count == 0 || m_Root == nullptr) {
         return nullptr;
     }
-    TbTreeNode const* node = m_Root;
-    while (node != m_Sentinel) {
-        if (*node->m_Item == probe) {
+    Probe const wanted(probe);
+    for (TbTreeNode const* node = m_Root; node != m_Sentinel;) {
+        int const order = wanted.compare(*node);
+        if (order == 0) {
             return node->m_Item;
         }
-        node = *node->m_Item < probe ? node->m_Right : node->m_Left;
+        node = order < 0 ? node->m_Right : node->m_Left;
     }
     return nullptr;
 }
@@ -199,37 +337,74 @@ TbFindable* TbRBTree::put(TbFindable const& item) {
     return putOwned(tbCopyOf(item).release());
 }
 
-TbFindable* TbRBTree::putOwned(TbFindable* item) {
+TbTreeNode* TbRBTree::makeNode(TbFindable* item) {
     TbOwned<TbFindable> guard(item);
     ensureSentinel();
-    TbOwned<TbTreeNode> fresh(new TbTreeNode(item, m_Sentinel, m_Sentinel));
+    auto* const node = new TbTreeNode(item, m_Sentinel, m_Sentinel);
     guard.release();
+    node->describeKey();
+    return node;
+}
 
-    if (m_Root == nullptr) {
-        fresh->m_Red = false;
-        m_Root = fresh.release();
-        m_Count = 1;
-        return item;
-    }
-    TbStack path(pathCapacity(m_Count));
+TbFindable* TbRBTree::putOwned(TbFindable* item) {
+    TbOwned<TbTreeNode> fresh(makeNode(item));
+    Descent path;
     bool isLeft = false;
-    for (TbTreeNode* node = m_Root; node != m_Sentinel;) {
-        if (*node->m_Item == probeOf(*item)) {
+    // The operator of the item decides where it goes; a vector has no usable one, so there that of the stored decides.
+    TbFindable const& key = probeOf(*item);
+    Probe probe(key);
+    if (fresh->m_Key == TbTreeNode::Key::kOther) {
+        probe.forgetText();
+    }
+    for (TbTreeNode* node = m_Root; node != nullptr && node != m_Sentinel;) {
+        bool const isDecided = &key != item || probe.isComparedByText(*node);
+        int const order = isDecided ? probe.compare(*node) : *node->m_Item == key ? 0 : *item < *node->m_Item ? 1 : -1;
+        if (order == 0) {
             throw TBFC_Exception(KVX_E_DUPLICATE_KEY);
         }
-        path.push_back(node);
-        isLeft = belongsLeft(*item, *node->m_Item);
+        path.push(node);
+        isLeft = order > 0;
         node = isLeft ? node->m_Left : node->m_Right;
     }
-    TbTreeNode* const parent = asNode(path.peek());
-    path.push_back(fresh.get());
     // Nothing below fails.
-    TbTreeNode* const node = fresh.release();
-    (isLeft ? parent->m_Left : parent->m_Right) = node;
-    m_Last = node;
-    restoreBalance(path);
-    ++m_Count;
+    link(fresh.release(), path, isLeft);
     return item;
+}
+
+TbFindable* TbRBTree::findOrMake(TbString const& key, TbFindable* (*make)(TbString const& key), bool& isNew) {
+    isNew = false;
+    Descent path;
+    bool isLeft = false;
+    Probe const probe(key);
+    for (TbTreeNode* node = m_Root; node != nullptr && node != m_Sentinel;) {
+        if (!probe.isComparedByText(*node)) {
+            return nullptr;
+        }
+        int const order = probe.compareText(*node);
+        if (order == 0) {
+            return node->m_Item;
+        }
+        path.push(node);
+        isLeft = order > 0;
+        node = isLeft ? node->m_Left : node->m_Right;
+    }
+    TbTreeNode* const fresh = makeNode(make(key));
+    link(fresh, path, isLeft);
+    isNew = true;
+    return fresh->m_Item;
+}
+
+void TbRBTree::link(TbTreeNode* fresh, Descent& path, bool isLeft) {
+    ++m_Count;
+    TbTreeNode* const parent = path.top();
+    if (parent == nullptr) {
+        fresh->m_Red = false;
+        m_Root = fresh;
+        return;
+    }
+    (isLeft ? parent->m_Left : parent->m_Right) = fresh;
+    path.push(fresh);
+    balanceInsertion(path);
 }
 
 bool TbRBTree::changeColor(TbTreeNode* node) {
@@ -288,31 +463,33 @@ void TbRBTree::replaceChild(TbTreeNode* parent, TbTreeNode const* old, TbTreeNod
 }
 
 void TbRBTree::restoreBalance(TbStack& path) {
-    int reds = 0;
+    Descent nodes(path);
     while (path.count() != 0) {
-        TbTreeNode* const node = popNode(path);
-        if (!node->m_Red) {
-            reds = 0;
-        } else if (++reds == 1) {
-            m_Last = node;
-        } else {
-            TbTreeNode* const top = popNode(path);  // the root is black, so a red node's parent exists
-            if (changeColor(top)) {
-                // The flipped node counts as the first red of the next pair.
-                reds = 1;
-                m_Last = top;
-            } else {
-                // Sides are found by identity, not by comparing elements: comparing vectors depends on their counts.
-                reds = 0;
-                bool const isRight = top->m_Right == node;
-                bool const twice = (isRight ? node->m_Left : node->m_Right) == m_Last;
-                TbTreeNode* const newTop = isRight ? rotateLeft(top, twice, true) : rotateRight(top, twice, true);
-                // The walk continues to the root, although nothing is left to repair.
-                replaceChild(path.count() == 0 ? nullptr : asNode(path.peek()), top, newTop);
-            }
-        }
-        m_Root->m_Red = false;
+        path.pop_back();
     }
+    balanceInsertion(nodes);
+}
+
+void TbRBTree::balanceInsertion(Descent& path) {
+    TbTreeNode* last = path.pop();
+    while (last != nullptr && last->m_Red) {
+        TbTreeNode* const node = path.pop();
+        if (node == nullptr || !node->m_Red) {
+            break;
+        }
+        TbTreeNode* const top = path.pop();  // the root is black, so a red node's parent exists
+        if (changeColor(top)) {
+            last = top;
+            continue;
+        }
+        // Sides are found by identity, not by comparing elements: comparing vectors depends on their counts.
+        bool const isRight = top->m_Right == node;
+        bool const twice = (isRight ? node->m_Left : node->m_Right) == last;
+        TbTreeNode* const newTop = isRight ? rotateLeft(top, twice, true) : rotateRight(top, twice, true);
+        replaceChild(path.top(), top, newTop);
+        break;
+    }
+    m_Root->m_Red = false;
 }
 
 TbStack* TbRBTree::pathTo(TbFindable const& probe) const {
@@ -343,25 +520,38 @@ bool TbRBTree::remove(TbFindable const& probe) {
 }
 
 TbFindable* TbRBTree::detach(TbFindable const& probe) {
-    TbOwned<TbStack> const path(pathTo(probe));
-    if (path == nullptr) {
+    if (m_Count == 0 || m_Root == nullptr) {
         return nullptr;
     }
-    TbTreeNode* const target = asNode(path->peek());
-    if (target->m_Left != m_Sentinel && target->m_Right != m_Sentinel) {
-        successorOf(*path);
+    Probe const wanted(probe);
+    Descent path;
+    TbTreeNode* target = m_Root;
+    for (int order = 1; target != m_Sentinel; target = order < 0 ? target->m_Right : target->m_Left) {
+        order = wanted.compare(*target);
+        path.push(target);
+        if (order == 0) {
+            break;
+        }
     }
-    // Nothing below fails: the path only shrinks, or takes back as many nodes as it gave.
-    TbOwned<TbTreeNode> const victim(popNode(*path));
-    TbTreeNode* const parent = path->count() == 0 ? nullptr : asNode(path->peek());
+    if (target == m_Sentinel) {
+        return nullptr;
+    }
+    // Nothing below fails.
+    if (target->m_Left != m_Sentinel && target->m_Right != m_Sentinel) {
+        for (TbTreeNode* node = target->m_Right; node != m_Sentinel; node = node->m_Left) {
+            path.push(node);
+        }
+    }
+    TbOwned<TbTreeNode> const victim(path.pop());
     TbTreeNode* const child = victim->m_Left == m_Sentinel ? victim->m_Right : victim->m_Left;
 
     // The items are swapped instead of copied, so that addresses handed out earlier stay valid.
-    std::swap(target->m_Item, victim->m_Item);
-    replaceChild(parent, victim.get(), child);
-    path->push_back(child);
+    if (target != victim.get()) {
+        target->swapItem(*victim);
+    }
+    replaceChild(path.top(), victim.get(), child);
     if (!victim->m_Red) {
-        fixup(*path);
+        balanceRemoval(child, path);
     }
     --m_Count;
     if (m_Root == m_Sentinel) {
@@ -390,38 +580,48 @@ void TbRBTree::fixup(TbStack& path) {
     if (path.count() < 2) {
         return;
     }
-    TbTreeNode* node = popNode(path);
-    TbTreeNode* parent = popNode(path);
+    Descent nodes(path);
+    path.pop_back();
+    path.pop_back();
+    TbTreeNode* const node = nodes.pop();
+    balanceRemoval(node, nodes);
+}
+
+/// Repairs the path upwards after a black node was unlinked; `node` replaced it, and `path` ends at its parent.
+void TbRBTree::balanceRemoval(TbTreeNode* node, Descent& path) {
     while (node != m_Root && !node->m_Red) {
+        TbTreeNode* const parent = path.pop();
         bool const isLeft = parent->m_Left == node;
-        int const towards = isLeft ? 0 : 1;
         auto const sibling = [&] { return isLeft ? parent->m_Right : parent->m_Left; };
         auto const outer = [&](TbTreeNode* of) { return isLeft ? of->m_Right : of->m_Left; };
         auto const inner = [&](TbTreeNode* of) { return isLeft ? of->m_Left : of->m_Right; };
+        auto const rotate = [&](TbTreeNode* above, TbTreeNode* top, bool toTheLeft) {
+            replaceChild(above, top, toTheLeft ? rotateLeft(top, false, false) : rotateRight(top, false, false));
+        };
 
         TbTreeNode* other = sibling();
         if (other->m_Red) {
             other->m_Red = false;
             parent->m_Red = true;
-            makeBalance(parent, towards);
+            rotate(path.top(), parent, isLeft);
+            path.push(other);
             other = sibling();
         }
         if (!other->m_Left->m_Red && !other->m_Right->m_Red) {
             other->m_Red = true;
             node = parent;
-            parent = node == m_Root ? nullptr : parentOf(node);
             continue;
         }
         if (!outer(other)->m_Red) {
             inner(other)->m_Red = false;
             other->m_Red = true;
-            makeBalance(other, 1 - towards);
+            rotate(parent, other, !isLeft);
             other = sibling();
         }
         other->m_Red = parent->m_Red;
         parent->m_Red = false;
         outer(other)->m_Red = false;
-        makeBalance(parent, towards);
+        rotate(path.top(), parent, isLeft);
         node = m_Root;
     }
     node->m_Red = false;

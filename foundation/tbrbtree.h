@@ -4,6 +4,8 @@
 
 #include "tallowin/tbvector.h"
 
+class TbString;
+
 // Deliberate (hidden-overloads): containers hide inherited overloads; which one a call finds is part of their
 // behaviour.
 #pragma GCC diagnostic push
@@ -48,7 +50,21 @@ public:
 private:
     friend class TbRBTree;
 
+    /// What the key of the item is.
+    enum class Key : std::uint8_t {
+        kOther,    ///< Compared through the operators of the item.
+        kText,     ///< The item is a TbString.
+        kPair,     ///< The item has a TbString as its key.
+        kEntries,  ///< The item is a vector, whose first entry is the key.
+    };
+
+    KVX_INTERNAL void describeKey();
+    KVX_INTERNAL void swapItem(TbTreeNode& other) noexcept;
+
     bool m_Red = false;
+    Key m_Key = Key::kOther;
+    std::uint32_t m_KeyLength = 0;  ///< Of kText and kPair.
+    std::uint64_t m_KeyPrefix = 0;  ///< Of kText and kPair: its first bytes, as a number in their order.
     TbTreeNode* m_Left = nullptr;   ///< Inside a tree never null: an absent child is the tree's sentinel.
     TbTreeNode* m_Right = nullptr;  ///< As m_Left.
     TbFindable* m_Item = nullptr;   ///< Owned.
@@ -59,8 +75,8 @@ private:
 ///
 /// Elements are copied in. Element comparisons go through the stored element's operators when searching, so a probe may
 /// be a bare key that the elements can compare with. The sentinel is created with the first element and holds the
-/// reserved text "__dummy": do not store it. Allocation failures are TBFC_Exception and leave the tree as it was. One
-/// thread at a time.
+/// reserved text "__dummy": do not store it. Keys stay as they are while they are stored. Allocation failures are
+/// TBFC_Exception and leave the tree as it was. One thread at a time.
 class KVX_EXPORT TbRBTree : public TbContainer {
 public:
     TbRBTree() = default;
@@ -144,15 +160,26 @@ protected:
     /// Repairs the path upwards after a black node was unlinked; the node that replaced it is on top of `path`.
     void fixup(TbStack& path);
 
+    /// The element equal to `key`, a plain TbString. When there is none, what `make` returns for it is stored, taken
+    /// over, and returned; null, and no change, when that needs `put`, because other elements are no pairs of strings.
+    [[nodiscard]] KVX_INTERNAL TbFindable* findOrMake(TbString const& key, TbFindable* (*make)(TbString const& key),
+                                                      bool& isNew);
+
 private:
+    class KVX_INTERNAL Probe;
+    class KVX_INTERNAL Descent;
+
     [[nodiscard]] TbTreeNode* parentOf(TbTreeNode const* node) const;
     void replaceChild(TbTreeNode* parent, TbTreeNode const* old, TbTreeNode* fresh);
     void ensureSentinel();
     void destroySubtree(TbTreeNode* node, ItemDisposer dispose);
     void putAllOf(TbTreeNode const* node, TbTreeNode const* sentinel);
+    KVX_INTERNAL TbTreeNode* makeNode(TbFindable* item);
+    KVX_INTERNAL void link(TbTreeNode* fresh, Descent& path, bool isLeft);
+    KVX_INTERNAL void balanceInsertion(Descent& path);
+    KVX_INTERNAL void balanceRemoval(TbTreeNode* node, Descent& path);
 
     TbTreeNode* m_Root = nullptr;      ///< Null when the tree is empty.
-    TbTreeNode* m_Last = nullptr;      ///< While `put` works: the red node last met on the way up. Borrowed.
     TbTreeNode* m_Sentinel = nullptr;  ///< Owned; every absent child points to it. Null before the first element.
 };
 

@@ -2,7 +2,8 @@
 //
 // The published capacity follows its own rule (need plus 65) and is not the size of the memory behind it. That grows by
 // half of itself, so that appending stays linear; a copy holds its text alone, an empty text nothing but a terminator
-// that all strings share; and after a failed growth the capacity may be the larger one. Texts that lie in the string's
+// that all strings share, a short text in a container none at all: it lies behind the object that holds it; and after
+// a failed growth the capacity may be the larger one. Texts that lie in the string's
 // own buffer are accepted everywhere: such an assignment builds a second string and swaps, such an append goes by
 // offset. A string that has become secret after it got its buffer wipes that one too.
 
@@ -149,6 +150,8 @@ void TbString::clear() noexcept {
         } else {
             tbRelease(m_Buffer);
         }
+    } else if (m_IsSecret && m_Length != 0) {
+        ::explicit_bzero(m_Buffer, m_Length);  // it lies in memory that others release
     }
     m_Buffer = nullptr;
     m_Length = 0;
@@ -176,6 +179,12 @@ void TbString::resize(std::uint64_t bytes) {
     if (buffer == nullptr) {
         throw TBFC_Exception(KVX_E_OUT_OF_MEMORY);
     }
+    if (m_Room == 0 && m_Length != 0) {
+        std::memcpy(buffer, m_Buffer, m_Length);
+        if (m_IsSecret) {
+            ::explicit_bzero(m_Buffer, m_Length);
+        }
+    }
     m_Buffer = buffer;
     m_Buffer[m_Length] = '\0';
     m_Room = static_cast<std::uint32_t>(size);
@@ -185,6 +194,14 @@ void TbString::resize(std::uint64_t bytes) {
 void TbString::holdNothing() noexcept {
     m_Buffer = const_cast<char*>(kNothing);  // nothing is written where a string has no room
     m_Capacity = std::max(m_Capacity, kSlack);
+}
+
+/// Makes a string without a buffer a copy of `other`, which has a buffer, in the `other.length() + 1` bytes at `place`.
+void TbString::holdInPlace(char* place, TbString const& other) noexcept {
+    std::memcpy(place, other.m_Buffer, std::size_t{other.m_Length} + 1);
+    m_Buffer = place;
+    m_Length = other.m_Length;
+    m_Capacity = m_Length + kSlack;
 }
 
 /// Gives a string without a buffer the text `bytes` and memory for `extra` bytes more, without slack.
@@ -210,8 +227,8 @@ void TbString::grow(std::uint32_t extra) {
 }
 
 bool TbString::owns(char const* pointer) const noexcept {
-    return m_Room != 0 && !std::less<char const*>()(pointer, m_Buffer) &&
-           std::less<char const*>()(pointer, m_Buffer + m_Room);
+    return m_Buffer != nullptr && !std::less<char const*>()(pointer, m_Buffer) &&
+           std::less<char const*>()(pointer, m_Buffer + std::max(m_Room, m_Length + 1));
 }
 
 TbString& TbString::assign(char const* text, std::uint32_t count) {

@@ -81,7 +81,7 @@ public:
     TbString& assign(char const* text);
 
     TbString& append(char character) {
-        if (m_Capacity - m_Length < 2 || m_Room - m_Length < 2) {
+        if (m_Length + 2 > m_Capacity || m_Length + 2 > m_Room) {
             grow(1);
         }
         m_Buffer[m_Length] = character;
@@ -154,6 +154,7 @@ public:
 
 private:
     friend class TbStringWriter;
+    friend struct TbInPlaceText;
     friend KVX_EXPORT TbString operator+(TbString const& left, TbString const& right);
     friend KVX_EXPORT TbString operator+(char const* left, TbString const& right);
 
@@ -164,13 +165,14 @@ private:
     KVX_INTERNAL void raiseCapacity(std::uint64_t need);
     KVX_INTERNAL void resize(std::uint64_t bytes);
     KVX_INTERNAL void holdNothing() noexcept;
+    KVX_INTERNAL void holdInPlace(char* place, TbString const& other) noexcept;
     KVX_INTERNAL void fill(char const* bytes, std::uint32_t count, std::uint32_t extra);
 
     bool m_IsSecret = false;       ///< Buffers are wiped before they are released.
-    char* m_Buffer = nullptr;      ///< Owned when m_Room is not 0, else null or a terminator that nobody writes.
+    char* m_Buffer = nullptr;      ///< Owned when m_Room is not 0; else null, or the text lies in its owner's memory.
     std::uint32_t m_Length = 0;    ///< Bytes before the terminator.
     std::uint32_t m_Capacity = 0;  ///< Published size of the buffer; 0 when null. Above m_Length when not.
-    std::uint32_t m_Room = 0;      ///< Bytes of the memory at m_Buffer, above m_Length; 0 when it is not owned.
+    std::uint32_t m_Room = 0;      ///< Bytes of the owned memory at m_Buffer, above m_Length; 0 when it is not owned.
 };
 
 /// Copy of `left`, then `right`.

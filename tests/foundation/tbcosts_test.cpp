@@ -215,19 +215,59 @@ TEST(ContainerCosts, OfVectorsAreLinear) {
     });
 }
 
-/// A pair is six objects, and each of its two strings has the slack of a string. More than half is given back at once.
-constexpr std::uint64_t kBytesForEachPair = 1200;
+/// A node, an entry with its pair, key, value and the key's text, and the text of the value.
+constexpr std::uint64_t kBytesForEachPair = 280;
+
+/// One for each of those three.
+constexpr std::uint64_t kCallsForEachPair = 3;
 
 TEST(ContainerCosts, OfMapsAreLinear) {
-    expectLinearCost("TbStrMap", kUnits / 16, kBytesForEachPair, [](std::size_t size) {
-        return costOf([size] {
+    std::vector<TbString> keys;
+    for (std::size_t i = 0; i < kUnits; ++i) {
+        keys.emplace_back(std::to_string(i).c_str());
+    }
+    TbString const value("v");
+    expectLinearCost("TbStrMap", kUnits / 16, kBytesForEachPair, [&](std::size_t size) {
+        return costOf([&] {
                    TbStrMap map;
                    for (std::size_t i = 0; i < size; ++i) {
-                       map[std::to_string(i).c_str()] = "v";
+                       map[keys[i]] = value;
                    }
                })
             .m_Bytes;
     });
+    Cost const cost = costOf([&] {
+        TbStrMap map;
+        for (TbString const& key : keys) {
+            map[key] = value;
+        }
+    });
+    EXPECT_LE(cost.m_Calls, kCallsForEachPair * keys.size() + 3) << "and the sentinel with its text";
+}
+
+TEST(ContainerCosts, OfAMissingSentinelAreNothing) {
+    EXPECT_EQ(costOf([] {
+                  TbStrMap map;
+                  TbStrMap const copy(map);
+                  EXPECT_EQ(map.find(TbString("")), nullptr);
+                  EXPECT_FALSE(map.remove(TbString("")));
+              }).m_Calls,
+              0U);
+    EXPECT_LE(sizeof(TbStrMap), 64U);
+}
+
+TEST(ContainerCosts, OfSearchingAreNothing) {
+    TbStrMap map;
+    for (int i = 0; i < 1000; ++i) {
+        map[std::to_string(i).c_str()];
+    }
+    TbString const key("500");
+    EXPECT_EQ(costOf([&] {
+                  EXPECT_NE(map.find(key), nullptr);
+                  EXPECT_TRUE(map[key].isEmpty());
+                  EXPECT_TRUE(map.remove(key));
+              }).m_Calls,
+              0U);
 }
 
 }  // namespace

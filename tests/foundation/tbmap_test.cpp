@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "tests/foundation/foundationsupport.h"
+#include "tests/support/freedmemory.h"
 #include "tests/support/random.h"
 #include "tests/support/tbtext.h"
 
@@ -49,6 +50,18 @@ std::vector<std::string> entriesOf(TbMap& map) {
 }
 
 using Entries = std::vector<std::string>;
+
+/// An element that is no string, less than everything.
+class LeastItem : public TbFindable {
+public:
+    LeastItem() = default;
+    LeastItem(LeastItem const&) = default;
+    using TbFindable::operator=;
+    LeastItem& operator=(LeastItem const&) = delete;
+    TbAllocator getAllocator() const override { return &allocate; }
+    bool operator<(TbFindable const&) const override { return true; }
+    static void allocate(TbObject** slot) { tbAllocateInto<LeastItem>(slot); }
+};
 
 std::unique_ptr<TbStrMap> strMapOf(Entries const& keys) {
     auto map = std::make_unique<TbStrMap>();
@@ -296,6 +309,93 @@ TEST(TbStrMap, TakesAPairOfADerivedClassForAPair) {
     EXPECT_TRUE(isSoundTree(map));
 }
 
+TEST(TbStrMap, LetsValuesAndKeysBeReplacedAndAppendedTo) {
+    std::int32_t const start = TbRefCounter::m_nTotalRef;
+    {
+        TbStrMap map;
+        map["key"].append("a").append("b");
+        EXPECT_EQ(bytesOf(map["key"]), "ab");
+        EXPECT_EQ(map["key"].capacity(), 65U);
+        map["key"] = stringOf(std::string(500, 'x'));
+        map["other"] = map["key"];
+        auto* const entry = static_cast<TbMapItem*>(map.find(TbString("key")));
+        auto& pair = static_cast<TbKeyValue&>(*entry->item());
+        auto& key = static_cast<TbString&>(*pair.key());
+        EXPECT_EQ(key.capacity(), 3U + 65U);
+        key.append("");
+        key[0] = 'k';
+        key.assign(key.buffer());
+        key.append(key.buffer() + 3);
+        EXPECT_EQ(bytesOf(key), "key");
+        EXPECT_EQ(bytesOf(TbString(key).append(key)), "keykey");
+        pair.assign(TbKeyValue(TbString("key"), TbString("new")));
+        EXPECT_EQ(entriesOf(map), (Entries{"key=new", "other=" + std::string(500, 'x')}));
+        EXPECT_TRUE(map.remove(TbString("key")));
+        EXPECT_EQ(map.find(TbString("key")), nullptr);
+    }
+    EXPECT_EQ(TbRefCounter::m_nTotalRef, start);
+}
+
+TEST(TbStrMap, AppendsToAKeyOrACopyOfOneAsToAnyString) {
+    // The text of a short copy lies in memory that is not its own.
+    for (std::size_t const length : {0U, 1U, 30U, 64U, 65U, 300U}) {
+        std::string const text(length, 'k');
+        TbRBTree tree;
+        auto& stored = static_cast<TbString&>(*tree.put(stringOf(text)));
+        EXPECT_EQ(stored.capacity(), length + 65);
+        EXPECT_EQ(bytesOf(stored), text);
+        stored.append('x');
+        EXPECT_EQ(bytesOf(stored), text + "x");
+        EXPECT_EQ(stored.capacity(), length + 65);
+        stored.append(stored);
+        EXPECT_EQ(bytesOf(stored), text + "x" + text + "x");
+        stored.clear();
+        EXPECT_EQ(stored.capacity(), 0U);
+    }
+}
+
+TEST(TbStrMap, LeavesNoSecretsBehind) {
+    TbString const password(kCanaryPassword);
+    TbString const both = stringOf(std::string(kCanaryPassword) + kCanaryUser);
+    FreedMemory const freed;
+    {
+        TbString secret;
+        secret.keepSecret();
+        secret.assign(kCanaryPassword);
+        TbStrMap map;
+        map[secret] = secret;
+        auto& pair = static_cast<TbKeyValue&>(*map.first()->item());
+        EXPECT_TRUE(static_cast<TbString*>(pair.key())->isSecret());
+        TbStrMap const copy(map);
+        TbRBTree tree;
+        auto& plain = static_cast<TbString&>(*tree.put(password));
+        plain.keepSecret();
+        auto& grown = static_cast<TbString&>(*tree.put(both));
+        grown.keepSecret();
+        grown.append("x");
+    }
+    EXPECT_GT(FreedMemory::searched(), 10);
+    EXPECT_EQ(FreedMemory::leaks(), 0);
+}
+
+TEST(TbStrMap, FindsStringsAmongElementsOfAllKinds) {
+    TbStrMap map;
+    TbMap& bare = map;
+    bare.put(LeastItem());
+    map["first"] = "1";
+    bare.put(TbString("bare"));
+    bare.put(TbStrPtr(TbString("counted"), TbPtr()));
+    map["second"] = "2";
+    for (char const* key : {"first", "bare", "counted", "second"}) {
+        EXPECT_NE(map.find(TbString(key)), nullptr) << key;
+        EXPECT_EQ(thrownCode([&] { bare.put(TbString(key)); }), KVX_E_DUPLICATE_KEY) << key;
+    }
+    EXPECT_EQ(map.find(TbString("third")), nullptr);
+    EXPECT_EQ(bytesOf(map["first"]), "1");
+    EXPECT_EQ(bytesOf(map["counted"]), "");
+    EXPECT_EQ(map.count(), 5U);
+}
+
 TEST(TbKeyValue, OwnsCopiesOfBoth) {
     TbString key("k");
     IntItem value(1);
@@ -385,11 +485,12 @@ TEST(TbMap, PutLeavesNoTraceWhenAnAllocationFails) {
     struct {
         char const* m_Name;
         std::function<void(TbStrMap&)> m_Act;
+        long m_Failures;
     } const rows[] = {
-        {"put", [](TbStrMap& map) { map.put(pairOf("new", "")); }},
-        {"insert", [](TbStrMap& map) { map.insert(pairOf("new", "")); }},
-        {"operator[]", [](TbStrMap& map) { map[TbString("new")]; }},
-        {"operator[] of the base", [](TbStrMap& map) { static_cast<TbMap&>(map)[pairOf("new", "")]; }},
+        {"put", [](TbStrMap& map) { map.put(pairOf("new", "")); }, 10},
+        {"insert", [](TbStrMap& map) { map.insert(pairOf("new", "")); }, 10},
+        {"operator[]", [](TbStrMap& map) { map[TbString("new")]; }, 6},  // key, entry, node
+        {"operator[] of the base", [](TbStrMap& map) { static_cast<TbMap&>(map)[pairOf("new", "")]; }, 10},
     };
     for (auto const& row : rows) {
         SCOPED_TRACE(row.m_Name);
@@ -408,7 +509,7 @@ TEST(TbMap, PutLeavesNoTraceWhenAnAllocationFails) {
                 map[TbString("z")] = TbString("1");
                 EXPECT_TRUE(isSoundTree(map));
             });
-        EXPECT_GE(failures, 10);
+        EXPECT_GE(failures, row.m_Failures);
     }
 }
 
@@ -417,12 +518,12 @@ TEST(TbMap, RemoveLeavesNoTraceWhenAnAllocationFails) {
         [] {
             return strMapOf({"c", "a", "b"});
         },
-        [](TbStrMap& map) { map.remove(TbString("a")); },
+        [](TbStrMap& map) { map.remove(TbString("a")); },  // the probe alone needs memory
         [](TbStrMap& map, bool hasFailed) {
             EXPECT_TRUE(isSoundTree(map));
             EXPECT_EQ(entriesOf(map), hasFailed ? (Entries{"c=vc", "a=va", "b=vb"}) : (Entries{"c=vc", "b=vb"}));
         });
-    EXPECT_GE(failures, 4);
+    EXPECT_EQ(failures, 2);
 }
 
 TEST(TbMap, AssignLeavesABeginningWhenAnAllocationFails) {

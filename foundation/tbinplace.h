@@ -1,0 +1,42 @@
+/// Objects and texts inside the memory of the object that owns them. Internal: not installed.
+#ifndef TALLOWIN_FOUNDATION_TBINPLACE_H
+#define TALLOWIN_FOUNDATION_TBINPLACE_H
+
+#include "foundation/tbstring.h"
+
+/// A `T` in memory that its owner releases: destroying it through any base leaves the memory alone.
+template <class T>
+class TbInPlace : public T {
+public:
+    TbInPlace() = default;
+    TbInPlace(TbInPlace const&) = delete;
+    TbInPlace& operator=(TbInPlace const&) = delete;
+    using T::operator=;
+
+    static void* operator new(std::size_t, void* place) noexcept { return place; }
+    static void operator delete(void*) noexcept {}
+    static void operator delete(void*, void*) noexcept {}
+};
+
+/// Copies of short texts behind the objects that hold them: no allocation for the text, and it is found in the same
+/// cache line.
+struct TbInPlaceText {
+    /// Longer ones would cost too much memory once another text is assigned.
+    static constexpr std::uint32_t kMost = 64;
+
+    /// Whether a copy of `text` may lie in its owner's memory. Secret texts may not: they are wiped when they die.
+    static bool suits(TbString const& text) noexcept {
+        return text.m_Buffer != nullptr && text.m_Length <= kMost && !text.m_IsSecret;
+    }
+
+    /// Bytes behind the object that a copy of `text` needs.
+    static std::size_t bytesOf(TbString const& text) noexcept { return std::size_t{text.m_Length} + 1; }
+
+    /// Makes `target`, which has no buffer, a copy of `text` in the bytes at `place`.
+    static void copy(TbString& target, TbString const& text, char* place) noexcept { target.holdInPlace(place, text); }
+
+    /// Makes `target`, which has no buffer, an empty text with one.
+    static void empty(TbString& target) noexcept { target.holdNothing(); }
+};
+
+#endif
