@@ -38,7 +38,7 @@ bool isEntries(TbFindable const& element) {
 }
 
 /// The first eight bytes of `text`, up to its first zero byte, as a number: the order of the numbers is that of signed
-/// bytes, of which zero is the least. The last byte is 0 when they are all that is compared.
+/// bytes, of which zero is the least.
 std::uint64_t prefixOf(TbString const& text) {
     constexpr std::uint64_t kLow = 0x7F7F7F7F7F7F7F7FU;
     std::uint64_t bytes = 0;
@@ -74,9 +74,6 @@ public:
         }
     }
 
-    /// Whether the key is a text.
-    [[nodiscard]] bool hasText() const { return m_Text != nullptr; }
-
     /// Leaves all comparisons to the operators.
     void forgetText() { m_Text = nullptr; }
 
@@ -99,8 +96,9 @@ public:
         if (node.m_KeyPrefix != m_Prefix) {
             return node.m_KeyPrefix < m_Prefix ? -1 : 1;
         }
-        bool const isDecided = m_Length <= sizeof m_Prefix || (m_Prefix & 0xFFU) == 0;
-        return isDecided ? 0 : tbTextKeyOf(*node.m_Item)->compare(*m_Text);
+        TbString const* const text = tbTextKeyOf(*node.m_Item);
+        return text == nullptr ? compareItem(node)
+                               : text->compare(*m_Text);  // none where a caller has replaced the key
     }
 
 private:
@@ -143,7 +141,7 @@ class TbRBTree::Descent {
 public:
     Descent() = default;
 
-    /// The nodes of a stack.
+    /// The nodes of a stack, a path in a tree.
     explicit Descent(TbStack const& path) {
         for (std::uint32_t i = 0; i < path.count(); ++i) {
             push(asNode(path.at(i)));

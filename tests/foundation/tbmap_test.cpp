@@ -336,6 +336,25 @@ TEST(TbStrMap, LetsValuesAndKeysBeReplacedAndAppendedTo) {
     EXPECT_EQ(TbRefCounter::m_nTotalRef, start);
 }
 
+TEST(TbStrMap, FindsNoEntryWhoseKeyACallerHasReplaced) {
+    for (char const* const name : {"key", "a longer key"}) {
+        TbStrMap map;
+        TbString const key(name);
+        map[key] = "1";
+        *static_cast<TbKeyValue*>(map.begin()->item()) = TbKeyValue();
+        EXPECT_EQ(map.find(key), nullptr) << name;
+        map[key] = "2";
+        EXPECT_EQ(bytesOf(map[key]), "2");
+        EXPECT_EQ(map.count(), 2U);
+        *map.begin() = TbMapItem();
+        EXPECT_EQ(bytesOf(map[key]), "2");
+        TbRBTree tree;
+        static_cast<TbString*>(tree.put(key))->assign("another key!");
+        EXPECT_EQ(tree.find(key), nullptr) << name;
+        EXPECT_FALSE(tree.remove(key)) << name;
+    }
+}
+
 TEST(TbStrMap, AppendsToAKeyOrACopyOfOneAsToAnyString) {
     // The text of a short copy lies in memory that is not its own.
     for (std::size_t const length : {0U, 1U, 30U, 64U, 65U, 300U}) {

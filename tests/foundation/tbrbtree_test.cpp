@@ -461,6 +461,10 @@ class OpenTree : public TbRBTree {
 public:
     using TbRBTree::operator=;
     using TbRBTree::changeColor;
+    using TbRBTree::fixup;
+    using TbRBTree::makeBalance;
+    using TbRBTree::restoreBalance;
+    using TbRBTree::rootNode;
     using TbRBTree::rotateLeft;
     using TbRBTree::rotateRight;
 };
@@ -503,6 +507,67 @@ TEST(Rotation, TurnsASubtreeOnceOrTwiceAndRecoloursOnDemand) {
             }
         }
     }
+}
+
+/// The shape of a subtree: its numbers in the order of its links, each with its colour.
+std::string shapeOf(TbRBTree const& tree, TbTreeNode const* node) {
+    if (tree.isSentinel(node)) {
+        return ".";
+    }
+    std::string const number = std::to_string(numberOf(node->item())) + (node->isRed() ? "r" : "b");
+    return "(" + shapeOf(tree, node->left()) + number + shapeOf(tree, node->right()) + ")";
+}
+
+TEST(RestoreBalance, EmptiesThePathAndLeavesASoundTreeAsItIs) {
+    OpenTree tree;
+    for (int const number : upTo(20)) {
+        tree.put(IntItem(number));
+    }
+    std::string const before = shapeOf(tree, tree.root());
+    for (int const number : upTo(20)) {
+        std::unique_ptr<TbStack> const path(tree.pathTo(IntItem(number)));
+        tree.restoreBalance(*path);
+        EXPECT_EQ(path->count(), 0U);
+        EXPECT_EQ(shapeOf(tree, tree.root()), before) << number;
+    }
+}
+
+TEST(MakeBalance, TurnsANodeWhereItHangsAndBack) {
+    OpenTree tree;
+    for (int const number : upTo(20)) {
+        tree.put(IntItem(number));
+    }
+    std::string const before = shapeOf(tree, tree.root());
+    for (bool const isBelow : {false, true}) {
+        std::unique_ptr<TbStack> const path(
+            tree.pathTo(*(isBelow ? tree.root()->right()->item() : tree.root()->item())));
+        auto* const node = static_cast<TbTreeNode*>(path->peek());
+        auto* const right = const_cast<TbTreeNode*>(node->right());
+        tree.makeBalance(node, 0);
+        EXPECT_EQ(right->left(), node);
+        EXPECT_EQ(numbersInOrder(tree), upTo(20));
+        EXPECT_NE(shapeOf(tree, tree.root()), before);
+        tree.makeBalance(right, 1);
+        EXPECT_EQ(shapeOf(tree, tree.root()), before);
+    }
+}
+
+TEST(Fixup, MakesARedReplacementBlackAndTakesTwoNodesOffThePath) {
+    OpenTree tree;
+    for (int const number : upTo(20)) {
+        tree.put(IntItem(number));
+    }
+    std::unique_ptr<TbStack> const path(tree.pathTo(IntItem(20)));
+    std::uint32_t const count = path->count();
+    auto const* const last = static_cast<TbTreeNode*>(path->peek());
+    ASSERT_TRUE(last->isRed());
+    tree.fixup(*path);
+    EXPECT_FALSE(last->isRed());
+    EXPECT_EQ(path->count(), count - 2);
+    TbStack one;
+    one.push_back(tree.rootNode());
+    tree.fixup(one);
+    EXPECT_EQ(one.count(), 1U) << "fewer than two nodes: nothing to do";
 }
 
 TEST(ChangeColor, SplitsABlackNodeWithTwoRedChildrenOnly) {
