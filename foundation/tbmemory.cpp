@@ -142,8 +142,8 @@ TbMemoryHolder tbHoldMemory(std::size_t bytes) {
 }
 
 void* tbReallocateSecret(void* memory, std::size_t present, std::uint64_t bytes) noexcept {
-    if (bytes > SIZE_MAX) {
-        return nullptr;
+    if (bytes > PTRDIFF_MAX) {
+        return nullptr;  // no object is larger
     }
     void* const larger = tbAllocate(static_cast<std::size_t>(bytes));
     if (larger != nullptr && memory != nullptr) {
