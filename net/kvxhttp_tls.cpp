@@ -52,6 +52,7 @@ bool isOfMissingAlgorithm(int reason) {
         case SSL_R_SSLV3_ALERT_HANDSHAKE_FAILURE:
         case SSL_R_UNABLE_TO_FIND_PUBLIC_KEY_PARAMETERS:
         case SSL_R_NO_SUITABLE_GROUPS:
+        case SSL_R_NO_CIPHERS_AVAILABLE:
             return true;
         default:
             return false;
