@@ -146,7 +146,7 @@ void* tbReallocateSecret(void* memory, std::size_t present, std::uint64_t bytes)
         return nullptr;  // no object is larger
     }
     void* const larger = tbAllocate(static_cast<std::size_t>(bytes));
-    if (larger != nullptr && memory != nullptr) {
+    if (larger != nullptr) {
         std::memcpy(larger, memory, present);
         tbReleaseSecret(memory, present);
     }

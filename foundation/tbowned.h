@@ -14,7 +14,9 @@ using TbOwned = std::unique_ptr<T>;
 /// A copy of `text` in one piece of memory with its text where that is short.
 inline TbOwned<TbFindable> tbCopyOfText(TbString const& text) {
     if (!TbInPlaceText::suits(text)) {
-        return TbOwned<TbFindable>(new TbString(text));
+        TbOwned<TbFindable> copy(new TbString);
+        copy->assign(static_cast<TbObject const&>(text));
+        return copy;
     }
     auto* const memory = static_cast<char*>(TbString::operator new(sizeof(TbString) + TbInPlaceText::bytesOf(text)));
     auto* const copy = new (memory) TbString;

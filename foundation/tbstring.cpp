@@ -1,7 +1,7 @@
 // The null-tolerant string routines, then TbString.
 //
 // The published capacity follows its own rule (need plus 65) and is not the size of the memory behind it. That grows by
-// half of itself, so that appending stays linear; a copy holds its text alone, an empty text nothing but a terminator
+// half of itself, so that appending stays linear; an assigned text has no slack, an empty text nothing but a terminator
 // that all strings share, a short text in a container none at all: it lies behind the object that holds it; and after
 // a failed growth the capacity may be the larger one. Texts that lie in the string's
 // own buffer are accepted everywhere: such an assignment builds a second string and swaps, such an append goes by
@@ -107,7 +107,11 @@ TbString::TbString(char const* text) {
 }
 
 TbString::TbString(TbString const& other) : TbFindable() {
-    TbString::assign(other);
+    // A new copy is often the beginning of a longer text, so it has its slack at once; an assigned one rarely is.
+    joinSecrecyOf(other);
+    if (other.m_Buffer != nullptr) {
+        append(other.m_Buffer, other.m_Length);
+    }
 }
 
 TbString::~TbString() {
@@ -173,9 +177,10 @@ void TbString::raiseCapacity(std::uint64_t need) {
 /// Moves the contents to memory of at least `bytes` bytes.
 void TbString::resize(std::uint64_t bytes) {
     std::uint64_t const size = std::min<std::uint64_t>(tbRoomFor(m_Room, bytes), UINT32_MAX);
-    char* const old = m_Room == 0 ? nullptr : m_Buffer;
-    auto* const buffer = static_cast<char*>(m_IsSecret ? tbReallocateSecret(old, m_Room, size)
-                                                       : tbReallocate(old, static_cast<std::size_t>(size)));
+    void* const memory = m_Room == 0  ? tbAllocate(static_cast<std::size_t>(size))
+                         : m_IsSecret ? tbReallocateSecret(m_Buffer, m_Room, size)
+                                      : tbReallocate(m_Buffer, static_cast<std::size_t>(size));
+    auto* const buffer = static_cast<char*>(memory);
     if (buffer == nullptr) {
         throw TBFC_Exception(KVX_E_OUT_OF_MEMORY);
     }
@@ -205,13 +210,13 @@ void TbString::holdInPlace(char* place, TbString const& other) noexcept {
 }
 
 /// Gives a string without a buffer the text `bytes` and memory for `extra` bytes more, without slack.
-void TbString::fill(char const* bytes, std::uint32_t count, std::uint32_t extra) {
+void TbString::fill(char const* bytes, std::uint32_t count, std::uint64_t extra) {
     if (count == 0 && extra == 0) {
         holdNothing();
         return;
     }
     raiseCapacity(count);
-    resize(exactRoom(std::uint64_t{count} + extra));
+    resize(exactRoom(count + extra));
     std::memcpy(m_Buffer, bytes, count);
     m_Length = count;
     m_Buffer[m_Length] = '\0';
@@ -364,7 +369,7 @@ TbString operator+(TbString const& left, TbString const& right) {
     sum.joinSecrecyOf(left);
     sum.joinSecrecyOf(right);
     if (left.m_Buffer != nullptr) {
-        sum.fill(left.m_Buffer, left.m_Length, right.m_Length);
+        sum.fill(left.m_Buffer, left.m_Length, std::uint64_t{right.m_Length} + TbString::kSlack);
     }
     sum.append(right);
     return sum;
@@ -374,7 +379,7 @@ TbString operator+(char const* left, TbString const& right) {
     TbString sum;
     sum.joinSecrecyOf(right);
     if (left != nullptr) {
-        sum.fill(left, lengthOf(left), right.m_Length);
+        sum.fill(left, lengthOf(left), std::uint64_t{right.m_Length} + TbString::kSlack);
     }
     sum.append(right);
     return sum;

@@ -103,7 +103,7 @@ public:
 
     /// Makes room for `extra` more bytes and the terminator. Keeps the contents; pointers into the buffer die.
     /// Deliberate (string-slack): the capacity grows to the need plus 65, never by doubling, and stays raised when
-    /// memory runs out. The memory behind it may be more, and is less where a text was copied.
+    /// memory runs out. The memory behind it may be more, and is less where a text was assigned.
     void grow(std::uint32_t extra);
 
     /// Makes this string a secret one, for good.
@@ -166,7 +166,7 @@ private:
     KVX_INTERNAL void resize(std::uint64_t bytes);
     KVX_INTERNAL void holdNothing() noexcept;
     KVX_INTERNAL void holdInPlace(char* place, TbString const& other) noexcept;
-    KVX_INTERNAL void fill(char const* bytes, std::uint32_t count, std::uint32_t extra);
+    KVX_INTERNAL void fill(char const* bytes, std::uint32_t count, std::uint64_t extra);
 
     bool m_IsSecret = false;       ///< Buffers are wiped before they are released.
     char* m_Buffer = nullptr;      ///< Owned when m_Room is not 0; else null, or the text lies in its owner's memory.

@@ -68,7 +68,7 @@ TEST(TbBlock, RefusesASizeThatItsHeaderWouldOverflow) {
     EXPECT_EQ(tbResizeBlock(nullptr, SIZE_MAX), nullptr);
     EXPECT_EQ(tbResizeBlock(nullptr, SIZE_MAX - 1), nullptr);
     EXPECT_EQ(tbResizeBlock(nullptr, UINT64_MAX), nullptr);
-    EXPECT_EQ(tbReallocateSecret(nullptr, 0, UINT64_MAX), nullptr);
+    EXPECT_EQ(tbResizeBlock(nullptr, UINT64_MAX), nullptr);
     void* const block = tbResizeBlock(nullptr, 4);
     std::memcpy(block, "abc", 4);
     for (std::uint64_t const bytes : {std::uint64_t{SIZE_MAX}, std::uint64_t{SIZE_MAX} - 1, UINT64_MAX}) {

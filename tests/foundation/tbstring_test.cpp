@@ -458,10 +458,11 @@ TEST(TbString, HasThePublishedCapacityAfterEveryOperation) {
 }
 
 TEST(TbString, HasRoomForItsPublishedCapacityOnceItGrows) {
-    // A copy holds its text alone until it is appended to; then it takes the rest of its capacity at once.
+    // An assigned text has no slack until it is appended to; then it takes the rest of its capacity at once.
     TbString const text("abc");
     for (int i = 0; i < 2; ++i) {
-        TbString copy(text);
+        TbString copy;
+        copy = text;
         if (i == 0) {
             copy.append(std::string(24, 'd').c_str());
         } else {
@@ -476,11 +477,15 @@ TEST(TbString, HasRoomForItsPublishedCapacityOnceItGrows) {
     }
 }
 
-TEST(TbString, CopiesWithoutSlackAndSharesNothingButAnEmptyText) {
+TEST(TbString, IsAssignedWithoutSlackAndSharesNothingButAnEmptyText) {
     TbString const text(std::string(1000, 'x').c_str());
-    std::uint64_t const bytes = costOf([&] { TbString const copy(text); }).m_Bytes;
+    std::uint64_t const bytes = costOf([&] {
+                                    TbString copy;
+                                    copy = text;
+                                }).m_Bytes;
     EXPECT_GE(bytes, 1001U);
     EXPECT_LE(bytes, 1016U);
+    EXPECT_EQ(costOf([&] { TbString(text).append("more"); }).m_Calls, 1U) << "a new copy has its slack";
     EXPECT_EQ(costOf([] {
                   TbString const empty("");
                   TbString const copy(empty);
