@@ -4,8 +4,8 @@
 // Contestant: the peer (bench/peer.h). Both are programs that load their libraries dynamically. Processor time.
 //
 // Times faster in one run:
-//   first payment URL, peer     0.93
-//   process with one URL, peer  0.83
+//   first payment URL, peer     1.20
+//   process with one URL, peer  1.03
 
 #include <cstdlib>
 #include <string>

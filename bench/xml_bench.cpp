@@ -4,24 +4,24 @@
 // Contestants: bench/xmlcontestants.cpp. All read the same text, and what each writes is that text again.
 //
 // Times faster in one run:
-//   parse message, pugixml         0.017
-//   parse message, tinyxml2        0.065
-//   parse message, expat and tree   0.29
-//   parse message, libxml2          0.14
-//   parse 100 KB, pugixml          0.017
-//   parse 100 KB, tinyxml2         0.099
-//   parse 100 KB, expat and tree    0.15
-//   parse 100 KB, libxml2           0.26
-//   parse 5 MB, pugixml            0.018
-//   parse 5 MB, tinyxml2            0.13
-//   parse 5 MB, expat and tree      0.16
-//   parse 5 MB, libxml2             0.19
-//   write message, pugixml          0.39
-//   write message, tinyxml2         0.99
-//   write 100 KB, pugixml           0.23
-//   write 100 KB, tinyxml2          0.64
-//   write 5 MB, pugixml             0.15
-//   write 5 MB, tinyxml2            0.25
+//   parse message, pugixml          0.28
+//   parse message, tinyxml2         1.11
+//   parse message, expat and tree   4.93
+//   parse message, libxml2          2.20
+//   parse 100 KB, pugixml          0.097
+//   parse 100 KB, tinyxml2          0.76
+//   parse 100 KB, expat and tree    1.26
+//   parse 100 KB, libxml2           1.48
+//   parse 5 MB, pugixml             0.12
+//   parse 5 MB, tinyxml2            0.94
+//   parse 5 MB, expat and tree      1.06
+//   parse 5 MB, libxml2             1.48
+//   write message, pugixml          2.57
+//   write message, tinyxml2         5.70
+//   write 100 KB, pugixml           1.11
+//   write 100 KB, tinyxml2          2.94
+//   write 5 MB, pugixml             1.34
+//   write 5 MB, tinyxml2            4.48
 
 #include <benchmark/benchmark.h>
 
