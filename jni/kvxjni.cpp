@@ -105,6 +105,7 @@ private:
 /// `prefix` + `message` in modified UTF-8; empty when memory is exhausted.
 TbString modifiedUtf8Of(char const* prefix, char const* message) noexcept {
     TbString text;
+    text.keepSecret();  // a server's message may repeat what it was sent
     try {
         kvxToModifiedUtf8(prefix, text);
         kvxToModifiedUtf8(message, text);

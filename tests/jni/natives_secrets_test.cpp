@@ -47,6 +47,17 @@ TEST(NativeSecrets, OfArgumentsAreWiped) {
     EXPECT_EQ(codeWithoutTraces(shop, KvxNative::kMessageSetAttribute, {"NOTIFYADDRESS", kUrl}), KVX_OK);
 }
 
+TEST(NativeSecrets, ThatAServerRepeatsInAnErrorAreWiped) {
+    Shop const shop;
+    RawServer const server([](Peer& peer) {
+        peer.receiveRequest();
+        peer.send(httpResponse(R"(<KVX MSGTYPE="Error" MESSAGE="uQxZuser may not use S3cret-Canary"/>)"));
+    });
+    EXPECT_EQ(codeWithoutTraces(shop, KvxNative::kSetupReconfigure,
+                                {"http://127.0.0.1:" + server.portText() + "/", kCanaryUser, kCanaryPassword}),
+              KVX_E_SERVER_ERROR);
+}
+
 TEST(NativeSecrets, OfTheAccountAreWiped) {
     Shop const shop;
     NativeRow const& row = rowOf(KvxNative::kSetupGetAttribute);
