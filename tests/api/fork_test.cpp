@@ -149,14 +149,23 @@ int exitCode(std::int32_t result) {
     return result == KVX_OK ? 0 : 1;
 }
 
-TEST(ForkedChild, MakesAPaymentUrlBesideThreadsThatDo) {
+class ForkedChild : public testing::Test {
+protected:
+    void SetUp() override {
+        if (!kMayForkBesideThreads) {
+            GTEST_SKIP() << "the sanitizer's own allocator stays locked in the child";
+        }
+    }
+};
+
+TEST_F(ForkedChild, MakesAPaymentUrlBesideThreadsThatDo) {
     AccountDirectory const account;
     std::string const path = account.path();
     BusyThreads const threads([&] { EXPECT_EQ(makePaymentUrl(path), KVX_OK); });
     expectChildrenSucceed(forksFromEnvironment(), [&] { return exitCode(makePaymentUrl(path)); });
 }
 
-TEST(ForkedChild, MakesAPaymentUrlBesideThreadsThatTalkTls) {
+TEST_F(ForkedChild, MakesAPaymentUrlBesideThreadsThatTalkTls) {
     TlsServerProcess const server;
     AccountDirectory const account;
     account.setAddress(server.url());
@@ -189,7 +198,7 @@ TEST(Fork, DoesNotWaitForAThreadThatWaitsForATlsServer) {
     waiting.join();
 }
 
-TEST(ForkedChild, CreatesObjectsBesideThreadsThatCreateAndDestroyThem) {
+TEST_F(ForkedChild, CreatesObjectsBesideThreadsThatCreateAndDestroyThem) {
     auto const createAndDestroy = [] { DestroyMessageFactory(CreateMessageFactory()); };
     BusyThreads const threads(createAndDestroy);
     expectChildrenSucceed(forksFromEnvironment(), [&] {
@@ -200,12 +209,12 @@ TEST(ForkedChild, CreatesObjectsBesideThreadsThatCreateAndDestroyThem) {
     });
 }
 
-TEST(ForkedChild, BuildsObjectsBesideThreadsThatBuildThem) {
+TEST_F(ForkedChild, BuildsObjectsBesideThreadsThatBuildThem) {
     BusyThreads const threads([] { EXPECT_EQ(createAndDestroyAllKinds(), KVX_OK); });
     expectChildrenSucceed(forksFromEnvironment(), [] { return exitCode(createAndDestroyAllKinds()); });
 }
 
-TEST(ForkedChild, ForksAgain) {
+TEST_F(ForkedChild, ForksAgain) {
 #if defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "the sanitizer lets no child of a process with threads start one";
 #endif

@@ -302,6 +302,9 @@ TEST(UnreadableFiles, EndTheCallWhereTheyCannotBeRead) {
 }
 
 TEST(UnreadableFiles, AreRefusedForAUserWithoutPermissionAndForADirectoryInTheirPlace) {
+    if (!kMayForkBesideThreads) {
+        GTEST_SKIP() << "the shop's server is a thread";
+    }
     constexpr uid_t kNobody = 65534;
     forEachCell([](Function const& function, std::size_t file) {
         if (function.m_Use[file] == kNo) {

@@ -46,6 +46,14 @@ private:
 /// A port of 127.0.0.1 that was free a moment ago.
 std::uint16_t freePort();
 
+/// Whether a child that is forked while other threads allocate may allocate too. It waits for ever under the address
+/// sanitizer, whose own allocator knows nothing of forks.
+#if defined(__SANITIZE_ADDRESS__)
+inline constexpr bool kMayForkBesideThreads = false;
+#else
+inline constexpr bool kMayForkBesideThreads = true;
+#endif
+
 /// Runs `call` in a process of its own and returns its exit status, or 128 plus the signal that ended it.
 /// The value of `call` is the exit status; an exception that leaves `call` gives status 99.
 int inChildProcess(std::function<int()> const& call);
