@@ -87,6 +87,9 @@ int cancelAndFork(SilentServer const& server, KVX_HANDLE message) {
 }
 
 TEST(CancelledThread, EndsAloneWhereverItWaits) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "a cancellation leaves the sanitizer's marks on the stack that it unwinds";
+#endif
     for (char const* scheme : {"http", "https"}) {
         for (char const* settings :
              {"<KVX/>", "<KVX CONNECTTIMEOUT=\"100\"/>", "<KVX IOTIMEOUT=\"100\"/>", "<KVX TOTALTIMEOUT=\"100\"/>",

@@ -194,6 +194,9 @@ TEST(ForeignException, OfMissingMemoryGivesNoErrorText) {
 }
 
 TEST(ForeignException, LetsAThreadBeCancelled) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "a cancellation is an exception without an address, which counts as a reference to null";
+#endif
     static sem_t never;
     ASSERT_EQ(::sem_init(&never, 0, 0), 0);
     pthread_t thread = {};
