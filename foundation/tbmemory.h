@@ -19,8 +19,8 @@ using TbMemoryHolder = std::unique_ptr<char, TbReleaser<tbRelease>>;
 /// `bytes` bytes in a holder. Raises KVX_E_OUT_OF_MEMORY (TBFC_Exception).
 [[nodiscard]] TbMemoryHolder tbHoldMemory(std::size_t bytes);
 
-/// Moves the `present` bytes at `memory` to new memory of `bytes` bytes, not fewer, and wipes
-/// them where they lay. Null on failure, also where no address space holds so much: then `memory` is untouched.
+/// Moves the `present` bytes at `memory` to new memory of `bytes` bytes, not fewer, and wipes them where they lay. Null
+/// on failure, also where no address space holds so much: then `memory` is untouched.
 [[nodiscard]] void* tbReallocateSecret(void* memory, std::size_t present, std::uint64_t bytes) noexcept;
 
 /// Wipes the `bytes` bytes at `memory`, all that were used of it, then releases it.

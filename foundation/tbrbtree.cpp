@@ -96,9 +96,8 @@ public:
         if (node.m_KeyPrefix != m_Prefix) {
             return node.m_KeyPrefix < m_Prefix ? -1 : 1;
         }
-        TbString const* const text = tbTextKeyOf(*node.m_Item);
-        return text == nullptr ? compareItem(node)
-                               : text->compare(*m_Text);  // none where a caller has replaced the key
+        TbString const* const text = tbTextKeyOf(*node.m_Item);  // null where a caller has replaced the key
+        return text == nullptr ? compareItem(node) : text->compare(*m_Text);
     }
 
 private:

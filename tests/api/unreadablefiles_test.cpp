@@ -266,8 +266,6 @@ TEST(UnreadableFiles, EndTheCallBeforeAnythingIsSentOrWritten) {
 }
 
 TEST(UnreadableFiles, EndTheCallWhereTheyCannotBeRead) {
-    static std::string s_Path;
-    static int s_File;
     forEachCell([](Function const& function, std::size_t file) {
         Use const use = function.m_Use[file];
         if (use == kNo) {
@@ -276,22 +274,8 @@ TEST(UnreadableFiles, EndTheCallWhereTheyCannotBeRead) {
         Shop shop;
         Prepared prepared(shop);
         auto const before = shop.files();
-        s_Path = shop.m_Dir.file(kFiles[file]);
-        s_File = -1;
         {
-            SystemCalls calls;
-            calls->open = [](char const* opened, int flags, mode_t mode) {
-                int const result = TbSystemCalls::openFile(opened, flags, mode);
-                s_File = opened == s_Path ? result : s_File == result ? -1 : s_File;
-                return result;
-            };
-            calls->read = [](int descriptor, void* buffer, std::size_t bytes) -> ssize_t {
-                if (descriptor == s_File) {
-                    errno = EIO;
-                    return -1;
-                }
-                return ::read(descriptor, buffer, bytes);
-            };
+            FailingReads const failing(shop.m_Dir.file(kFiles[file]));
             // Where a missing file ends the call, a failure of the disk keeps its own code.
             bool const isOptional = use == kMay || (function.m_Call == &reconfigure && file == kConfig);
             EXPECT_EQ(function.m_Call(prepared, kFiles[file]), isOptional ? KVX_E_CANNOT_OPEN : KVX_E_FILE_IO);

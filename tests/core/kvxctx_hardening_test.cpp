@@ -310,23 +310,10 @@ TEST_F(StrictVerification, RefusesOtherTypesAndOwnKeys) {
 }
 
 TEST_F(StrictVerification, NeedsToKnowWhetherTheKeyIsAnOwnOne) {
-    static std::string s_Path;
-    static int s_File;
-    s_Path = m_Dir.file("keys/private/own");
-    s_File = -1;
     std::string const text = confirmation("own");
     std::string const signature = signedAsOwn(text);
     write("settings.xml", documentOf("STRICTCONFIRM=\"1\""));
-    SystemCalls calls;
-    calls->open = [](char const* opened, int flags, mode_t mode) {
-        int const result = TbSystemCalls::openFile(opened, flags, mode);
-        s_File = opened == s_Path ? result : s_File == result ? -1 : s_File;
-        return result;
-    };
-    calls->read = [](int descriptor, void* buffer, std::size_t bytes) -> ssize_t {
-        errno = EIO;
-        return descriptor == s_File ? -1 : ::read(descriptor, buffer, bytes);
-    };
+    FailingReads const failing(m_Dir.file("keys/private/own"));
     EXPECT_EQ(verify(text, signature).m_Code, KVX_E_CANNOT_OPEN);
 }
 

@@ -2,7 +2,11 @@
 #ifndef TALLOWIN_TESTS_SUPPORT_SYSTEMCALLS_H
 #define TALLOWIN_TESTS_SUPPORT_SYSTEMCALLS_H
 
+#include <unistd.h>
+
+#include <cerrno>
 #include <ctime>
+#include <string>
 
 #include "foundation/tbsystem.h"
 
@@ -32,6 +36,33 @@ public:
 
 private:
     static inline std::time_t s_Now = 0;
+
+    SystemCalls m_Calls;
+};
+
+/// Fails all reads of one file with EIO while it lives, as a damaged disk does. One at a time.
+class FailingReads {
+public:
+    explicit FailingReads(std::string const& path) {
+        s_Path = path;
+        s_File = -1;
+        m_Calls->open = [](char const* opened, int flags, mode_t mode) {
+            int const result = TbSystemCalls::openFile(opened, flags, mode);
+            s_File = opened == s_Path ? result : s_File == result ? -1 : s_File;
+            return result;
+        };
+        m_Calls->read = [](int descriptor, void* buffer, std::size_t bytes) -> ssize_t {
+            if (descriptor == s_File) {
+                errno = EIO;
+                return -1;
+            }
+            return ::read(descriptor, buffer, bytes);
+        };
+    }
+
+private:
+    static inline std::string s_Path;
+    static inline int s_File = -1;
 
     SystemCalls m_Calls;
 };

@@ -23,7 +23,7 @@ using namespace std::string_literals;
 
 namespace {
 
-/// The bytes by which names and tags are told apart: all up to a zero byte, and the number of all.
+/// What decides whether two names or tags are equal: the length, and the bytes up to the first zero byte.
 std::string keyOf(std::string const& name) {
     return std::to_string(name.size()) + ":" + name.c_str();
 }
