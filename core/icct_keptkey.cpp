@@ -122,7 +122,7 @@ Entry* reserveKept(KvxKeptKey::Kind kind, unsigned char const* blob, int length)
 }
 
 /// Reserves an entry for a key that is not kept yet, unused or the least recently used one, whose key becomes
-/// `displaced`. Null when nothing may be kept.
+/// `displaced`. Null when all are reserved.
 Entry* reserveAny(RSA*& displaced) noexcept {
     TableLock const lock;
     constexpr std::uint64_t kNever = std::numeric_limits<std::uint64_t>::max();
@@ -132,7 +132,7 @@ Entry* reserveAny(RSA*& displaced) noexcept {
     auto* const entry =
         std::min_element(std::begin(g_Entries), std::end(g_Entries),
                          [&](Entry const& left, Entry const& right) { return rank(left) < rank(right); });
-    if (entry->m_IsReserved || g_Users == 0) {
+    if (entry->m_IsReserved) {
         return nullptr;
     }
     entry->m_IsReserved = true;

@@ -15,7 +15,6 @@ public:
 
     static void* operator new(std::size_t, void* place) noexcept { return place; }
     static void operator delete(void*) noexcept {}
-    static void operator delete(void*, void*) noexcept {}
 };
 
 /// Copies of short texts behind the objects that hold them: no allocation for the text, and it is found in the same

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <climits>
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -16,6 +17,7 @@
 #include "core/icct.h"
 #include "core/icct_keyusers.h"
 #include "core/icct_modulus.h"
+#include "foundation/tbforkgate.h"
 #include "tests/core/coresupport.h"
 #include "tests/core/icctsupport.h"
 #include "tests/support/exceptions.h"
@@ -49,6 +51,15 @@ bool signsAndVerifies(Pair const& pair) {
     Bytes const text = bytesIn(std::to_string(s_Number++));
     Outcome const outcome = sign(pair.m_Private, text);
     return outcome.m_Result == 0 && verify(pair.m_Public, text, outcome.output()) == 0;
+}
+
+/// A new private key of `bits` bits.
+Bytes privateBlobOf(unsigned bits) {
+    PkeyHolder const key(EVP_RSA_gen(bits), &EVP_PKEY_free);
+    Bytes blob(static_cast<std::size_t>(i2d_PrivateKey(key.get(), nullptr)));
+    unsigned char* end = blob.data();
+    EXPECT_EQ(i2d_PrivateKey(key.get(), &end), lengthOf(blob));
+    return blob;
 }
 
 Pair testPair() {
@@ -315,6 +326,56 @@ TEST(KeptKeys, ServeThreadsWhoseUsersComeAndGo) {
     isOver = true;
     users.join();
     EXPECT_EQ(kvxCountKeptKeys(), 0U);
+}
+
+TEST(KeptKeys, GoWithTheCallThatUsesThemWhenTheLastUserIsGone) {
+    Bytes const key = rsaData("key512.private");
+    TbForkGate const gate;
+    auto user = std::make_unique<KeyUser>();
+    {
+        KvxKeptKey kept(KvxKeptKey::Kind::kPrivate, key.data(), lengthOf(key));
+        KvxKeptKey other(KvxKeptKey::Kind::kPublic, rsaData("key512.public").data(),
+                         lengthOf(rsaData("key512.public")));
+        kept.keep();
+        other.keep();
+        EXPECT_EQ(kvxCountKeptKeys(), 0U) << "both are in use";
+        user.reset();
+        EXPECT_NE(kept.get(), nullptr);
+        user = std::make_unique<KeyUser>();
+        user.reset();
+    }
+    EXPECT_EQ(kvxCountKeptKeys(), 0U);
+    user = std::make_unique<KeyUser>();
+    EXPECT_EQ(kvxCountKeptKeys(), 0U);
+}
+
+TEST(KeptKeys, AreParsedForTheCallWhenAllEntriesAreInUse) {
+    KeyUser const user;
+    Bytes const key = rsaData("key512.private");
+    {
+        TbForkGate const gate;
+        std::vector<std::unique_ptr<KvxKeptKey>> inUse;
+        for (int i = 0; i < KvxKeptKey::kMaxKeys; ++i) {
+            inUse.push_back(std::make_unique<KvxKeptKey>(KvxKeptKey::Kind::kPrivate, key.data(), lengthOf(key)));
+            inUse.back()->keep();
+        }
+        EXPECT_EQ(sign(key, bytesIn("abc")).output(), rsaData("key512-abc.signature"));
+        EXPECT_EQ(kvxCountKeptKeys(), 0U);
+    }
+    EXPECT_EQ(kvxCountKeptKeys(), std::uint32_t{KvxKeptKey::kMaxKeys});
+}
+
+TEST(KeptKeys, DoNotRememberSignaturesLongerThanThoseOf1024Bits) {
+    KeyUser const user;
+    Bytes const key = privateBlobOf(1536);
+    ASSERT_LE(key.size(), std::size_t{KvxKeptKey::kMaxBlob});
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_EQ(sign(key, bytesIn("abc")).m_Result, 0);
+    }
+    EXPECT_EQ(kvxCountKeptKeys(), 1U);
+    LibraryCallsGuard const guard;
+    libraryCalls().m_Failing = "RSA_private_encrypt";
+    EXPECT_EQ(sign(key, bytesIn("abc")).m_Result, -1);
 }
 
 // One blinding in two processes would hide neither key.

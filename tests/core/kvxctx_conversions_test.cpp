@@ -132,6 +132,31 @@ TEST(Encode, EscapesTheSameBytesInAUtf8Locale) {
     EXPECT_EQ(text, "%c3%a9%20%80%ff");
 }
 
+// A locale of its own, where the byte 0xE4 is a letter; systems need not have any such.
+TEST(Encode, PassesTheLettersAboveSevenBitsOfTheLocale) {
+    std::string characters = "<code_set_name> ONEBYTE\n<comment_char> %\n<escape_char> /\nCHARMAP\n";
+    char line[32];
+    for (unsigned byte = 0; byte < 0x80; ++byte) {
+        std::snprintf(line, sizeof line, "<U%04X> /x%02x\n", byte, byte);
+        characters += line;
+    }
+    TemporaryDirectory const directory;
+    directory.write("characters", characters + "<U00E4> /xe4\nEND CHARMAP\n");
+    directory.write("classes",
+                    "LC_CTYPE\nupper <U0041>..<U005A>\nlower <U0061>..<U007A>;<U00E4>\ndigit <U0030>..<U0039>\n"
+                    "space <U0009>..<U000D>;<U0020>\nEND LC_CTYPE\n");
+    std::string const command = "cd " + directory.path() + " && localedef -c -f characters -i classes ./one 2>log";
+    EXPECT_NE(std::system(command.c_str()), -1);  // another status than 0: there are categories that are not defined
+    ASSERT_EQ(::setenv("LOCPATH", directory.path().c_str(), 1), 0);
+    char const* const chosen = std::setlocale(LC_CTYPE, "one");
+    TbString const text = KVX_Context().Encode("\xE4 \xE5");
+    std::setlocale(LC_CTYPE, "C");
+    ::unsetenv("LOCPATH");
+    ASSERT_NE(chosen, nullptr) << directory.read("log");
+    EXPECT_EQ(bytesOf(text), "\xE4%20%e5");
+    EXPECT_EQ(text.capacity(), appendedOneByOne("\xE4 \xE5").capacity());
+}
+
 TEST(BufferToHex, WritesTwoLowerCaseDigitsForEveryByte) {
     std::vector<unsigned char> bytes;
     std::string expected;

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "foundation/tbmemory.h"
+#include "foundation/tbstringwriter.h"
 #include "foundation/tbvector.h"
 #include "tallowin/codes.h"
 #include "tests/support/allocations.h"
@@ -855,6 +856,16 @@ TEST(SecretString, PassesItsSecrecyOn) {
     EXPECT_TRUE(assigned.isSecret());
     EXPECT_FALSE(TbString("plain").isSecret());
     EXPECT_FALSE(TbString(secret.c_str()).isSecret());
+}
+
+TEST(StringWriter, RefusesMoreThanAStringHolds) {
+    for (std::uint64_t const bytes : {std::uint64_t{UINT32_MAX} - 65 - 2, std::uint64_t{1} << 40}) {
+        TbString text("abc");
+        std::uint32_t const capacity = text.capacity();
+        EXPECT_EQ(thrownCode([&] { TbStringWriter const writer(text, bytes); }), KVX_E_OUT_OF_MEMORY);
+        EXPECT_EQ(bytesOf(text), "abc");
+        EXPECT_EQ(text.capacity(), capacity);
+    }
 }
 
 TEST(SecretString, LeavesNoBytesBehind) {

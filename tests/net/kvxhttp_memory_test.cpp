@@ -123,6 +123,7 @@ TEST(TlsMemory, LackingInAReadIsToldFromWhatThePeerDoes) {
          &Peer::finish,
          true,
          KVX_E_OUT_OF_MEMORY},
+        {"for missing ciphers", {{false, {SSL_R_NO_CIPHERS_AVAILABLE}}}, &Peer::finish, true, KVX_E_OUT_OF_MEMORY},
         {"for missing groups", {{false, {SSL_R_NO_SUITABLE_GROUPS}}}, &Peer::finish, true, KVX_E_OUT_OF_MEMORY},
         {"no consequence", {{false, {kOther}}}, &Peer::finish, true, tlsCode(kOther)},
         {"a reset later", {waits, {true, {}}}, &Peer::reset, false, tlsCode(SSL_ERROR_SYSCALL)},
