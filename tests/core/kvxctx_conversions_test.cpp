@@ -13,10 +13,12 @@
 #include <cstdio>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "core/kvxpercent.h"
 #include "tests/core/coresupport.h"
 #include "tests/support/costs.h"
 #include "tests/support/exceptions.h"
@@ -74,6 +76,14 @@ TEST(Encode, PassesLettersAndDigitsAndEscapesEveryOtherByte) {
             std::snprintf(expected, sizeof expected, "%%%02x", static_cast<unsigned>(value));
         }
         EXPECT_EQ(encoded(std::string(1, static_cast<char>(value))), expected) << value;
+    }
+}
+
+TEST(Encode, HasATableOfWhatTheFunctionMakes) {
+    auto const table = std::make_unique<KvxPercentTable>();
+    for (unsigned byte = 0; byte < 256; ++byte) {
+        std::string const piece(table->m_Texts[byte], table->m_Lengths[byte]);
+        EXPECT_EQ(encoded(std::string(1, static_cast<char>(byte))), piece) << byte;
     }
 }
 

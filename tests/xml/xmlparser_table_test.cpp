@@ -135,7 +135,10 @@ TEST(XmlTable, FindsTheRowOfEveryStateAndByte) {
 }
 
 TEST(XmlTable, TakesTheFirstRowThatFits) {
-    xmlTableRow const table[] = {{7, 4, 1, 1, 1}, {8, 6, 1, 2, 2}, {8, 4, 1, 3, 3}, {0, 0, 0, 0, 0}, {8, 1, 1, 4, 4}};
+    // In memory that the compiler cannot look into, so that the expansion happens here.
+    std::vector<xmlTableRow> const rows{{7, 4, 1, 1, 1}, {8, 6, 1, 2, 2}, {8, 4, 0, 3, 3},
+                                        {9, 4, 0, 4, 4}, {0, 0, 0, 0, 0}, {8, 1, 1, 4, 4}};
+    xmlTableRow const* const table = rows.data();
     EXPECT_EQ(getTabEntry(table, 8, 'a'), table + 1);
     EXPECT_EQ(getTabEntry(table, 8, '<'), table + 1);
     EXPECT_EQ(getTabEntry(table, 7, 'a'), table);
@@ -149,6 +152,8 @@ TEST(XmlTable, TakesTheFirstRowThatFits) {
     EXPECT_EQ(expanded[7][xmltable::classOf('a')].m_Next, 1);
     EXPECT_EQ(expanded[7][xmltable::classOf('<')].m_Next, xmltable::kNoState);
     EXPECT_EQ(expanded[8][xmltable::classOf(' ')].m_Next, xmltable::kNoState);
+    EXPECT_FALSE(expanded[8][xmltable::classOf('a')].m_IsAgain);
+    EXPECT_TRUE(expanded[9][xmltable::classOf('a')].m_IsAgain);
 }
 
 TEST(XmlTable, IsExpandedToTheFirstRowThatFits) {
