@@ -88,7 +88,7 @@ case "$mode" in
     scripts/setup java-tests
     export ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1:check_initialization_order=1
     export UBSAN_OPTIONS=print_stacktrace=1
-    export TSAN_OPTIONS=halt_on_error=1
+    export TSAN_OPTIONS=halt_on_error=1:die_after_fork=0 # children of processes with threads start threads too
     build_and_test asan
     build_and_test tsan
     ;;

@@ -2,6 +2,10 @@
 
 #include "foundation/tbfork.h"
 
+#if defined(__SANITIZE_THREAD__)
+#include <sanitizer/tsan_interface.h>
+#endif
+
 namespace {
 
 /// Threads inside a gate read-lock it; a fork write-locks it. Waiting forks come first, or busy threads would keep them
@@ -19,6 +23,10 @@ void afterForkInParent() {
 
 /// The lock counts threads that the child does not have, and its owner has another number there.
 void afterForkInChild() {
+#if defined(__SANITIZE_THREAD__)
+    __tsan_mutex_pre_unlock(&g_Lock, 0);
+    __tsan_mutex_post_unlock(&g_Lock, 0);
+#endif
     g_Lock = kUnlocked;
 }
 

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 
+#include <atomic>
 #include <chrono>
 #include <climits>
 #include <condition_variable>
@@ -556,20 +557,21 @@ public:
             s_Release.notify_all();
             s_Release.wait(lock, [] { return s_Inside == 0; });
         }
-        EXPECT_TRUE(waitUntil([] { return threadsOfThisProcess() == 1; }));
+        EXPECT_TRUE(waitUntil([this] { return threadsOfThisProcess() == m_Threads; }));
     }
 
     static std::ptrdiff_t threadsOfThisProcess() {
         return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
     }
 
-    static inline bool s_BlocksSignals = false;
+    static inline std::atomic<bool> s_BlocksSignals = false;
 
 private:
     static inline std::mutex s_Mutex;
     static inline std::condition_variable s_Release;
     static inline bool s_IsReleased = false;
     static inline int s_Inside = 0;
+    std::ptrdiff_t const m_Threads = threadsOfThisProcess();
     SystemCalls m_Calls;
 };
 
