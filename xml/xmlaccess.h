@@ -3,6 +3,8 @@
 #define TALLOWIN_XML_XMLACCESS_H
 
 #include "xml/xmlattributes.h"
+#include "xml/xmlchildren.h"
+#include "xml/xmldraft.h"
 #include "xml/xmlelement.h"
 #include "xml/xmltext.h"
 
@@ -10,8 +12,21 @@ class xmlAccess {
 public:
     [[nodiscard]] static xmlSlice tagOf(xmlElement const& element) noexcept { return xmlText::sliceOf(element.m_Tag); }
 
-    /// A new element, inserted as the last child of `parent`. Borrowed.
-    static xmlElement* insertNew(xmlElement& parent, xmlPart tag);
+    /// The element that `draft` describes, in one block of memory, with the list of its children when it `hasChildren`.
+    /// Belongs to the caller. Raises KVX_E_OUT_OF_MEMORY (TBFC_Exception).
+    [[nodiscard]] static xmlElement* create(xmlDraft const& draft, bool hasChildren);
+
+    /// The same, inserted as the last child of `parent`. Borrowed.
+    static xmlElement* insertNew(xmlElement& parent, xmlDraft const& draft, bool hasChildren);
+
+    /// The children of `element`; the list is made when there is none yet.
+    [[nodiscard]] static xmlChildren& childrenOf(xmlElement& element);
+
+    /// The place of `element` in the list of its first parent; null when that is not in its block. Borrowed.
+    [[nodiscard]] static xmlChild* embeddedChildOf(xmlElement& element) noexcept {
+        bool const isBlock = element.m_Tag != nullptr && element.m_Tag->m_IsEmbedded;
+        return isBlock ? reinterpret_cast<xmlChild*>(&element + 1) : nullptr;
+    }
 
     static void setText(xmlElement& element, xmlPart text);
 

@@ -1,8 +1,8 @@
-// Attributes: one block for each, a list of them in their order, and a tree over the places in the list.
+// Attributes: a piece of memory for each, a list of them in their order, and a tree over the places in the list.
 //
 // The tree holds numbers and looks the names up in the list, so a value is replaced without touching the tree. A name
-// that is searched for stands in the tree's place by itself (ByName compares both). The tree is made with the ninth
-// attribute.
+// that is searched for stands in the tree's place by itself (ByName compares both). The tree is made with the first
+// attribute beyond kFew.
 
 #include "xml/xmlattributes.h"
 
@@ -14,10 +14,7 @@
 
 namespace {
 
-/// Attributes that are searched one after the other.
-constexpr std::uint32_t kFew = 8;
-
-/// Attributes for which an element has room at first.
+/// Attributes for which a list of its own has room at first.
 constexpr std::uint32_t kFirst = 4;
 
 /// What is written around name and value.
@@ -38,6 +35,12 @@ char* written(xmlSlice text, char* target) {
     return target + text.m_Length;
 }
 
+/// Writes all that comes before the value.
+char* writtenHead(xmlSlice name, char* target) {
+    *target++ = kSpace;
+    return written({kBeforeValue, sizeof(kBeforeValue)}, written(name, target));
+}
+
 /// Orders positions by the names that stand there.
 struct ByName {
     using is_transparent = void;
@@ -50,13 +53,13 @@ struct ByName {
         return xmlCompare(nameOf(left), nameOf(right)) < 0;
     }
 
-    xmlPointers<xmlAttribute> const* m_Items;
+    xmlAttribute* const* const* m_Items;
 };
 
 }  // namespace
 
 struct xmlAttributes::Index {
-    explicit Index(xmlPointers<xmlAttribute> const& items) : m_Positions(ByName{&items}) {}
+    explicit Index(xmlAttribute* const* const& items) : m_Positions(ByName{&items}) {}
 
     static void* operator new(std::size_t bytes) { return xmlAllocate(bytes); }
     static void operator delete(void* memory) noexcept { tbRelease(memory); }
@@ -66,29 +69,58 @@ struct xmlAttributes::Index {
 
 xmlAttribute* xmlAttribute::create(xmlPart name, xmlPart value, bool isEncoded) {
     std::uint64_t const length = isEncoded ? value.m_Text.m_Length : xmlEncodedLength(value.m_Text);
-    std::uint64_t const bytes = sizeof(xmlAttribute) + kAround + name.m_Text.m_Length + length;
+    std::uint64_t const bytes = sizeFor(name.m_Text.m_Length, length);
     if (length > kMaxValue || bytes > UINT32_MAX) {
         throw TBFC_Exception(KVX_E_OUT_OF_MEMORY);
     }
     auto* const created = static_cast<xmlAttribute*>(xmlAllocate(static_cast<std::size_t>(bytes)));
-    *created = {name.m_Text.m_Length, static_cast<std::uint32_t>(length), name.m_IsSecret, value.m_IsSecret};
-    char* end = reinterpret_cast<char*>(created + 1);
-    *end++ = kSpace;
-    end = written({kBeforeValue, sizeof(kBeforeValue)}, written(name.m_Text, end));
-    end = isEncoded ? written(value.m_Text, end) : xmlEncodeTo(value.m_Text, end);
-    *end = kAfterValue;
+    *created = {name.m_Text.m_Length, static_cast<std::uint32_t>(length), name.m_IsSecret, value.m_IsSecret, false};
+    char* const end = writtenHead(name.m_Text, reinterpret_cast<char*>(created + 1));
+    *(isEncoded ? written(value.m_Text, end) : xmlEncodeTo(value.m_Text, end)) = kAfterValue;
     return created;
 }
 
+xmlAttribute* xmlAttribute::createAt(void* place, xmlSlice name, xmlSlice value, bool isSecret) noexcept {
+    auto* const created = static_cast<xmlAttribute*>(place);
+    *created = {name.m_Length, value.m_Length, isSecret, isSecret, true};
+    *written(value, writtenHead(name, reinterpret_cast<char*>(created + 1))) = kAfterValue;
+    return created;
+}
+
+std::uint64_t xmlAttribute::sizeFor(std::uint64_t nameLength, std::uint64_t valueLength) noexcept {
+    return sizeof(xmlAttribute) + kAround + nameLength + valueLength;
+}
+
 void xmlAttribute::release(xmlAttribute* attribute) noexcept {
-    std::size_t const bytes =
-        sizeof(xmlAttribute) + kAround + attribute->m_NameLength + std::size_t{attribute->m_ValueLength};
-    xmlRelease(attribute, bytes, attribute->m_IsNameSecret || attribute->m_IsValueSecret);
+    auto const bytes = static_cast<std::size_t>(sizeFor(attribute->m_NameLength, attribute->m_ValueLength));
+    bool const isSecret = attribute->m_IsNameSecret || attribute->m_IsValueSecret;
+    xmlRelease(attribute, bytes, isSecret, attribute->m_IsEmbedded);
+}
+
+xmlAttributes* xmlAttributes::create() {
+    return new (xmlAllocate(sizeFor(kFirst))) xmlAttributes(kFirst, false);
+}
+
+xmlAttributes* xmlAttributes::createAt(void* place, std::uint32_t room) noexcept {
+    return new (place) xmlAttributes(room, true);
+}
+
+void xmlAttributes::release(xmlAttributes* attributes) noexcept {
+    if (attributes != nullptr) {
+        bool const isEmbedded = attributes->m_IsEmbedded;
+        attributes->~xmlAttributes();
+        if (!isEmbedded) {
+            tbRelease(attributes);
+        }
+    }
 }
 
 xmlAttributes::~xmlAttributes() {
-    for (std::uint32_t i = 0; i < m_Items.count(); ++i) {
+    for (std::uint32_t i = 0; m_IsReleaseDue && i < m_Count; ++i) {
         xmlAttribute::release(m_Items[i]);
+    }
+    if (m_Items != firstPlaces()) {
+        tbReleaseBlock(m_Items);
     }
     delete m_Index;
 }
@@ -98,7 +130,7 @@ std::uint32_t xmlAttributes::positionOf(xmlSlice name) const noexcept {
         auto const found = m_Index->m_Positions.find(name);
         return found == m_Index->m_Positions.end() ? kNone : *found;
     }
-    for (std::uint32_t i = 0; i < m_Items.count(); ++i) {
+    for (std::uint32_t i = 0; i < m_Count; ++i) {
         if (xmlCompare(m_Items[i]->name(), name) == 0) {
             return i;
         }
@@ -119,25 +151,50 @@ void xmlAttributes::put(xmlAttribute* attribute) {
         // Names that are equal may differ behind a zero byte; the last one counts.
         xmlAttribute::release(std::exchange(m_Items[position], attribute));
     }
+    m_IsReleaseDue = true;
+}
+
+void xmlAttributes::addEmbedded(xmlAttribute* attribute) noexcept {
+    m_Items[m_Count++] = attribute;
+    m_IsReleaseDue = m_IsReleaseDue || attribute->m_IsValueSecret;
 }
 
 void xmlAttributes::append(xmlAttribute* attribute) {
     std::unique_ptr<xmlAttribute, Releaser> holder(attribute);
-    m_Items.makeRoom(kFirst);
-    m_Items.push(attribute);  // the index looks names up where they stand
+    makeRoom();
+    m_Items[m_Count++] = attribute;  // the index looks names up where they stand
     try {
         if (m_Index != nullptr) {
-            m_Index->m_Positions.insert(m_Items.count() - 1);
-        } else if (m_Items.count() > kFew) {
+            m_Index->m_Positions.insert(m_Count - 1);
+        } else if (m_Count > kFew) {
             auto index = std::make_unique<Index>(m_Items);
-            for (std::uint32_t i = 0; i < m_Items.count(); ++i) {
+            for (std::uint32_t i = 0; i < m_Count; ++i) {
                 index->m_Positions.insert(i);
             }
             m_Index = index.release();
         }
     } catch (...) {
-        m_Items.pop();
+        --m_Count;
         throw;
     }
     holder.release();
+}
+
+/// Makes room for one more.
+void xmlAttributes::makeRoom() {
+    if (m_Count < m_Room) {
+        return;
+    }
+    bool const isFirst = m_Items == firstPlaces();
+    std::uint64_t const wanted = isFirst ? tbRoomFor(m_Room, m_Room + 1) : std::uint64_t{m_Count} + 1;
+    void* const block =
+        m_Count == UINT32_MAX ? nullptr : tbResizeBlock(isFirst ? nullptr : m_Items, wanted * sizeof(xmlAttribute*));
+    if (block == nullptr) {
+        throw TBFC_Exception(KVX_E_OUT_OF_MEMORY);
+    }
+    if (isFirst) {
+        std::memcpy(block, m_Items, m_Count * sizeof(xmlAttribute*));
+    }
+    m_Items = static_cast<xmlAttribute**>(block);
+    m_Room = tbBlockSize(block) / sizeof(xmlAttribute*);
 }

@@ -5,13 +5,14 @@
 #include "xml/xmlmemory.h"
 #include "xml/xmlslice.h"
 
-/// One attribute, in one block and in the form in which it is written: a space, the name, the value in double quotes.
-/// Never changed.
+/// One attribute, in one piece of memory and in the form in which it is written: a space, the name, the value in double
+/// quotes. Never changed.
 struct xmlAttribute {
     std::uint32_t m_NameLength;
     std::uint32_t m_ValueLength;
     bool m_IsNameSecret;
     bool m_IsValueSecret;
+    bool m_IsEmbedded;  ///< Lies in the block of an element and is released with that.
 
     [[nodiscard]] char const* bytes() const noexcept { return reinterpret_cast<char const*>(this + 1); }
     [[nodiscard]] xmlSlice name() const noexcept { return {bytes() + 1, m_NameLength}; }
@@ -23,20 +24,44 @@ struct xmlAttribute {
     /// A new attribute; `value` is encoded, or taken to be encoded already. Raises KVX_E_OUT_OF_MEMORY
     /// (TBFC_Exception).
     [[nodiscard]] static xmlAttribute* create(xmlPart name, xmlPart value, bool isEncoded);
+
+    /// A new attribute in the block of an element, in the `sizeFor` bytes at `place`; `value` is encoded already.
+    static xmlAttribute* createAt(void* place, xmlSlice name, xmlSlice value, bool isSecret) noexcept;
+
+    /// Bytes of an attribute of these lengths.
+    [[nodiscard]] static std::uint64_t sizeFor(std::uint64_t nameLength, std::uint64_t valueLength) noexcept;
+
+    /// An embedded one is only wiped, when it is secret.
     static void release(xmlAttribute* attribute) noexcept;
 };
 
 /// Attributes with different names in the order in which the names were first set. Names are equal as strings are.
 ///
-/// Few attributes are searched one after the other; from the ninth on there is a tree.
+/// Few attributes are searched one after the other; beyond `kFew` there is a tree. The first places lie right behind
+/// the object, so few attributes need no memory for them.
 class xmlAttributes {
 public:
-    xmlAttributes() = default;
+    /// Attributes that are searched one after the other.
+    static constexpr std::uint32_t kFew = 32;
+
+    /// No attributes. Raises KVX_E_OUT_OF_MEMORY (TBFC_Exception).
+    [[nodiscard]] static xmlAttributes* create();
+
+    /// No attributes, in the block of an element: in the `sizeFor(room)` bytes at `place`.
+    static xmlAttributes* createAt(void* place, std::uint32_t room) noexcept;
+
+    /// Bytes of an object with places for `room` attributes.
+    [[nodiscard]] static std::size_t sizeFor(std::uint32_t room) noexcept {
+        return sizeof(xmlAttributes) + room * sizeof(xmlAttribute*);
+    }
+
+    /// Releases all attributes. Null is ignored.
+    static void release(xmlAttributes* attributes) noexcept;
+
     xmlAttributes(xmlAttributes const&) = delete;
     xmlAttributes& operator=(xmlAttributes const&) = delete;
-    ~xmlAttributes();
 
-    [[nodiscard]] std::uint32_t count() const noexcept { return m_Items.count(); }
+    [[nodiscard]] std::uint32_t count() const noexcept { return m_Count; }
     [[nodiscard]] xmlAttribute const& at(std::uint32_t index) const noexcept { return *m_Items[index]; }
 
     /// Null when there is none. Borrowed until the next change.
@@ -46,19 +71,30 @@ public:
     /// it is released.
     void put(xmlAttribute* attribute);
 
-    static void* operator new(std::size_t bytes) { return xmlAllocate(bytes); }
-    static void operator delete(void* memory) noexcept { tbRelease(memory); }
+    /// Adds an attribute that lies in the block of the element. Requires: a name that is not there yet, and one of the
+    /// first places.
+    void addEmbedded(xmlAttribute* attribute) noexcept;
 
 private:
     struct Index;
+
+    xmlAttributes(std::uint32_t room, bool isEmbedded) noexcept : m_Room(room), m_IsEmbedded(isEmbedded) {}
+    ~xmlAttributes();
 
     static constexpr std::uint32_t kNone = UINT32_MAX;
 
     [[nodiscard]] std::uint32_t positionOf(xmlSlice name) const noexcept;
     void append(xmlAttribute* attribute);
+    void makeRoom();
 
-    xmlPointers<xmlAttribute> m_Items;  ///< The targets are owned.
-    Index* m_Index = nullptr;           ///< Owned; positions by name. Null while there are few.
+    [[nodiscard]] xmlAttribute** firstPlaces() noexcept { return reinterpret_cast<xmlAttribute**>(this + 1); }
+
+    xmlAttribute** m_Items = firstPlaces();  ///< Targets are owned; places too, a block, but the first.
+    Index* m_Index = nullptr;                ///< Owned; positions by name. Null while there are few.
+    std::size_t m_Room;                      ///< Places at m_Items.
+    std::uint32_t m_Count = 0;
+    bool m_IsEmbedded;            ///< Lies in the block of an element and is released with that.
+    bool m_IsReleaseDue = false;  ///< An attribute is not embedded, or secret.
 };
 
 #endif

@@ -86,24 +86,42 @@ xmlChildren::~xmlChildren() {
     delete m_Index;
 }
 
+void xmlChildren::release(xmlChildren* children) noexcept {
+    if (children == nullptr) {
+        return;
+    }
+    if (children->m_IsEmbedded) {
+        children->~xmlChildren();
+    } else {
+        delete children;
+    }
+}
+
 void xmlChildren::append(xmlElement* element) {
     std::unique_ptr<xmlChild, Releaser> child(static_cast<xmlChild*>(xmlAllocate(sizeof(xmlChild))));
-    *child = {m_Last, nullptr, element};
+    child->m_Element = element;
+    appendEmbedded(child.get());
+    child.release();
+}
+
+void xmlChildren::appendEmbedded(xmlChild* child) {
+    child->m_Previous = m_Last;
+    child->m_Next = nullptr;
     if (m_Index != nullptr) {
-        m_Index->append(child.get());
+        m_Index->append(child);
     } else if (m_Few == kFew) {
         auto index = std::make_unique<Index>();
         for (xmlChild* present = m_First; present != nullptr; present = present->m_Next) {
             index->append(present);
         }
-        index->append(child.get());
+        index->append(child);
         m_Index = index.release();
     } else {
         ++m_Few;
     }
-    element->addRef();
-    (m_Last == nullptr ? m_First : m_Last->m_Next) = child.get();
-    m_Last = child.release();
+    child->m_Element->addRef();
+    (m_Last == nullptr ? m_First : m_Last->m_Next) = child;
+    m_Last = child;
 }
 
 xmlChild* xmlChildren::find(xmlSlice tag, std::uint64_t index) const noexcept {
@@ -145,5 +163,7 @@ xmlElement* xmlChildren::takeFirst() noexcept {
 void xmlChildren::unlink(xmlChild* child) noexcept {
     (child->m_Previous == nullptr ? m_First : child->m_Previous->m_Next) = child->m_Next;
     (child->m_Next == nullptr ? m_Last : child->m_Next->m_Previous) = child->m_Previous;
-    tbRelease(child);
+    if (child != xmlAccess::embeddedChildOf(*child->m_Element)) {
+        tbRelease(child);
+    }
 }

@@ -12,6 +12,7 @@ struct xmlChild {
     xmlChild* m_Previous;
     xmlChild* m_Next;
     xmlElement* m_Element;  ///< One counted reference.
+    // One that lies in the block of m_Element is released with that.
 };
 
 /// Children in insertion order, found by tag and number.
@@ -19,17 +20,21 @@ struct xmlChild {
 /// Few children are searched one after the other; from the ninth on there is a tree of tags, each with its children.
 class xmlChildren {
 public:
-    xmlChildren() = default;
+    /// `isEmbedded` for one in the block of an element, which is released with that.
+    explicit xmlChildren(bool isEmbedded = false) noexcept : m_IsEmbedded(isEmbedded) {}
     xmlChildren(xmlChildren const&) = delete;
     xmlChildren& operator=(xmlChildren const&) = delete;
 
-    /// Requires: no children, they have been taken away.
-    ~xmlChildren();
+    /// Requires: no children, they have been taken away. Null is ignored.
+    static void release(xmlChildren* children) noexcept;
 
     [[nodiscard]] xmlChild* first() const noexcept { return m_First; }
 
     /// Takes one reference of its own, after all others. On failure nothing has changed.
     void append(xmlElement* element);
+
+    /// The same with `child`, which lies in the block of its element.
+    void appendEmbedded(xmlChild* child);
 
     /// Child `index` of those named `tag`; null when there is none.
     [[nodiscard]] xmlChild* find(xmlSlice tag, std::uint64_t index) const noexcept;
@@ -42,17 +47,20 @@ public:
     [[nodiscard]] xmlElement* takeFirst() noexcept;
 
     static void* operator new(std::size_t bytes) { return xmlAllocate(bytes); }
+    static void* operator new(std::size_t, void* place) noexcept { return place; }
     static void operator delete(void* memory) noexcept { tbRelease(memory); }
 
 private:
     struct Index;
 
+    ~xmlChildren();
     void unlink(xmlChild* child) noexcept;
 
     xmlChild* m_First = nullptr;  ///< Owned, with all that follow.
     xmlChild* m_Last = nullptr;
     Index* m_Index = nullptr;  ///< Owned; null while there are few.
     std::uint32_t m_Few = 0;   ///< Children while there is no index.
+    bool m_IsEmbedded;
 };
 
 #endif

@@ -7,7 +7,7 @@
 
 #include "xml/xmlelement.h"
 
-#include <memory>
+#include <utility>
 
 #include "foundation/tbexception.h"
 #include "xml/xmlaccess.h"
@@ -15,19 +15,6 @@
 #include "xml/xmlentities.h"
 #include "xml/xmlholder.h"
 #include "xml/xmlwriter.h"
-
-namespace {
-
-/// The container at `slot`, made when there is none yet.
-template <class T>
-T& madeAt(T*& slot) {
-    if (slot == nullptr) {
-        slot = new T;
-    }
-    return *slot;
-}
-
-}  // namespace
 
 xmlElementPtr::xmlElementPtr(xmlElement* element) : TbPtr(element) {}
 
@@ -78,7 +65,7 @@ xmlElement::~xmlElement() {
         }
         element->release();
     }
-    delete m_Attributes;
+    xmlAttributes::release(m_Attributes);
     xmlText::release(m_Text);
     xmlText::release(m_Tag);
 }
@@ -97,7 +84,7 @@ void xmlElement::letChildrenGo(xmlElement*& dying) {
             child->release();  // the list has another reference
         }
     }
-    delete std::exchange(m_Children, nullptr);
+    xmlChildren::release(std::exchange(m_Children, nullptr));
 }
 
 TbAllocator xmlElement::getAllocator() const {
@@ -136,7 +123,7 @@ bool xmlElement::getAttribute(TbString const& name, TbString& value) const {
 
 void xmlElement::insertChild(xmlElement* child) {
     xmlElementPtr const holder(child);
-    madeAt(m_Children).append(child);
+    xmlAccess::childrenOf(*this).append(child);
     child->m_Parent = this;
 }
 
@@ -237,23 +224,4 @@ bool xmlElementEnum::getNext(xmlElement** child) {
 
 void xmlElementEnum::allocate(TbObject** slot) {
     tbAllocateInto<xmlElementEnum>(slot);
-}
-
-xmlElement* xmlAccess::insertNew(xmlElement& parent, xmlPart tag) {
-    xmlElementPtr const child(new xmlElement);
-    child->m_Tag = xmlText::create(tag.m_Text, tag.m_IsSecret);
-    madeAt(parent.m_Children).append(child.get());
-    child->m_Parent = &parent;
-    return child.get();
-}
-
-void xmlAccess::setText(xmlElement& element, xmlPart text) {
-    bool const staysSecret = element.m_Text != nullptr && element.m_Text->m_IsSecret;
-    xmlText* const fresh = xmlText::create(text.m_Text, text.m_IsSecret || staysSecret);
-    xmlText::release(std::exchange(element.m_Text, fresh));
-}
-
-void xmlAccess::setAttribute(xmlElement& element, xmlPart name, xmlPart value, bool isEncoded) {
-    xmlAttributes& attributes = madeAt(element.m_Attributes);
-    attributes.put(xmlAttribute::create(name, value, isEncoded));
 }

@@ -17,12 +17,14 @@
     return memory;
 }
 
-/// Releases the `bytes` bytes at `memory`, wiped before if they are secret.
-inline void xmlRelease(void* memory, std::size_t bytes, bool isSecret) noexcept {
+/// Releases the `bytes` bytes at `memory`, wiped before if they are secret. Embedded memory is released by others.
+inline void xmlRelease(void* memory, std::size_t bytes, bool isSecret, bool isEmbedded) noexcept {
     if (isSecret) {
         ::explicit_bzero(memory, bytes);
     }
-    tbRelease(memory);
+    if (!isEmbedded) {
+        tbRelease(memory);
+    }
 }
 
 /// The memory of standard containers.

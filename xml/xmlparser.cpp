@@ -112,13 +112,7 @@ private:
 class Document {
 public:
     /// `levels` is the greatest depth; 0 is no limit. `source` is where the characters come from.
-    Document(xmlParser& parser, std::uint32_t levels, TbString const& source)
-        : m_MaxLevels(levels), m_IsSecret(source.isSecret()) {
-        xmlElement* top = nullptr;
-        parser.createElement("", &top);
-        m_Top = xmlAdopt(top);
-        m_Current = top;
-    }
+    Document(std::uint32_t levels, TbString const& source) : m_MaxLevels(levels), m_Draft(source.isSecret()) {}
 
     /// Takes what comes next from `in`, which is not at its end; returns kParsed to continue.
     Result step(Input& in) {
@@ -136,7 +130,7 @@ public:
             m_Token = {m_Token.m_Length == 0 ? run.m_Bytes : m_Token.m_Bytes, m_Token.m_Length + run.m_Length};
             return kParsed;
         }
-        if (transition.m_Action == kCloseElement && m_Current->parent() == nullptr) {
+        if (transition.m_Action == kCloseElement && m_Level == 0) {
             return kNothingToClose;
         }
         if (transition.m_Action == kOpenElement && m_MaxLevels != 0 && m_Level == m_MaxLevels) {
@@ -155,7 +149,7 @@ public:
 
     /// Hands the finished document over.
     Result finish(xmlElement** out) const {
-        if (m_State != kText || m_Current != m_Top.get()) {
+        if (m_State != kText || m_Level != 0) {
             return kUnexpectedEnd;
         }
         xmlHandOut(m_Top, out);
@@ -183,15 +177,14 @@ private:
                 m_AttrName = m_Token;
                 break;
             case kCloseElement:
-                m_Current = m_Current->parent();
-                --m_Level;
+                closeElement();
                 break;
             case kSetAttr:
                 setAttribute(xmlIsEncoded(m_Token));
                 break;
             case kSetText:
                 if (m_Token.m_Length != 0) {
-                    xmlAccess::setText(*m_Current, partOf(m_Token));
+                    setText();
                 }
                 break;
             default:
@@ -200,12 +193,41 @@ private:
     }
 
     void openElement() {
-        m_Current = xmlAccess::insertNew(*m_Current, partOf(m_Token));
+        if (m_IsDrafted) {
+            m_Current = xmlAccess::insertNew(*m_Current, m_Draft, true);
+        }
+        m_Draft.begin(m_Token);
+        m_IsDrafted = true;
         ++m_Level;
+    }
+
+    void closeElement() {
+        if (m_IsDrafted) {
+            xmlAccess::insertNew(*m_Current, m_Draft, false);
+            m_IsDrafted = false;
+        } else {
+            m_Current = m_Current->parent();
+        }
+        --m_Level;
+    }
+
+    void setText() {
+        if (m_IsDrafted) {
+            m_Draft.setText(m_Token);
+        } else {
+            xmlAccess::setText(*m_Current, partOf(m_Token));
+        }
     }
 
     /// `isEncoded` when the token may be kept as it stands.
     void setAttribute(bool isEncoded) {
+        if (m_IsDrafted) {
+            if (isEncoded && m_Draft.setAttribute(m_AttrName, m_Token)) {
+                return;
+            }
+            m_Current = xmlAccess::insertNew(*m_Current, m_Draft, false);
+            m_IsDrafted = false;
+        }
         if (isEncoded) {
             xmlAccess::setAttribute(*m_Current, partOf(m_AttrName), partOf(m_Token), true);
             return;
@@ -215,20 +237,21 @@ private:
         xmlAccess::setAttribute(*m_Current, partOf(m_AttrName), xmlPartOf(value), false);
     }
 
-    [[nodiscard]] xmlPart partOf(xmlSlice text) const noexcept { return {text, m_IsSecret}; }
+    [[nodiscard]] xmlPart partOf(xmlSlice text) const noexcept { return {text, m_Draft.isSecret()}; }
 
-    xmlElementPtr m_Top;              ///< Holds the whole tree; released with this object.
-    xmlElement* m_Current = nullptr;  ///< Borrowed from the tree.
-    std::uint32_t m_Level = 0;        ///< Of the current element.
-    std::uint32_t m_MaxLevels;        ///< 0: no limit.
-    bool m_IsSecret;                  ///< The input is a secret, and so is every part of the document.
+    xmlElementPtr const m_Top{xmlAccess::create(xmlDraft(false), true)};  ///< Holds the whole tree.
+    xmlElement* m_Current = m_Top.get();  ///< The innermost open element but the drafted one. Borrowed from the tree.
+    std::uint32_t m_Level = 0;            ///< Of the innermost open element.
+    std::uint32_t m_MaxLevels;            ///< 0: no limit.
     std::uint32_t m_State = kText;
-    xmlSlice m_Token;  ///< Collected since the last other action.
+    bool m_IsDrafted = false;  ///< The innermost open element is m_Draft; it is made when all of its head is known.
+    xmlDraft m_Draft;          ///< Secret when the input is; so is every part of the document.
+    xmlSlice m_Token;          ///< Collected since the last other action.
     xmlSlice m_AttrName;
 };
 
-Result parse(xmlParser& parser, std::uint32_t maxLevels, TbStringStream& in, xmlElement** out) {
-    Document document(parser, maxLevels, in);
+Result parse(std::uint32_t maxLevels, TbStringStream& in, xmlElement** out) {
+    Document document(maxLevels, in);
     {
         Input input(in);
         while (!input.isAtEnd()) {
@@ -254,13 +277,12 @@ void xmlParser::createElement(TbString const& tag, xmlElement** out) {
 }
 
 int xmlParser::parseText(TbStringStream& in, xmlElement** out) {
-    return parse(*this, 0, in, out);
+    return parse(0, in, out);
 }
 
 int xmlParseWithin(xmlLimits const& limits, TbStringStream& in, xmlElement** out) {
     if (limits.m_Bytes != 0 && in.length() > limits.m_Bytes) {
         return kBeyondLimit;
     }
-    xmlParser parser;
-    return parse(parser, limits.m_Levels, in, out);
+    return parse(limits.m_Levels, in, out);
 }

@@ -3,8 +3,14 @@
 #include "xml/xmlmemory.h"
 
 xmlText* xmlText::create(xmlSlice text, bool isSecret) {
-    auto* const created = static_cast<xmlText*>(xmlAllocate(sizeof(xmlText) + text.m_Length));
-    *created = {text.m_Length, isSecret, true};
+    xmlText* const created = createAt(xmlAllocate(sizeFor(text)), text, isSecret);
+    created->m_IsEmbedded = false;
+    return created;
+}
+
+xmlText* xmlText::createAt(void* place, xmlSlice text, bool isSecret) noexcept {
+    auto* const created = static_cast<xmlText*>(place);
+    *created = {text.m_Length, isSecret, true, true};
     std::memcpy(created + 1, text.m_Bytes, text.m_Length);
     return created;
 }
@@ -21,7 +27,7 @@ xmlText* xmlText::copyOf(TbString const& text, bool isSecret) {
 
 void xmlText::release(xmlText* text) noexcept {
     if (text != nullptr) {
-        xmlRelease(text, sizeof(xmlText) + text->m_Length, text->m_IsSecret);
+        xmlRelease(text, sizeFor(sliceOf(text)), text->m_IsSecret, text->m_IsEmbedded);
     }
 }
 

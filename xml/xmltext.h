@@ -10,17 +10,23 @@
 struct xmlText {
     std::uint32_t m_Length;
     bool m_IsSecret;
-    bool m_HasBuffer;  ///< False for an empty string without a buffer that is secret all the same.
+    bool m_HasBuffer;   ///< False for an empty string without a buffer that is secret all the same.
+    bool m_IsEmbedded;  ///< Lies in the block of an element and is released with that.
 
     [[nodiscard]] char const* bytes() const noexcept { return reinterpret_cast<char const*>(this + 1); }
 
     /// A new text. Raises KVX_E_OUT_OF_MEMORY (TBFC_Exception).
     [[nodiscard]] static xmlText* create(xmlSlice text, bool isSecret);
 
+    /// A new text in the block of an element, in the `sizeFor(text)` bytes at `place`.
+    static xmlText* createAt(void* place, xmlSlice text, bool isSecret) noexcept;
+
+    [[nodiscard]] static std::size_t sizeFor(xmlSlice text) noexcept { return sizeof(xmlText) + text.m_Length; }
+
     /// A copy of `text`, secret when that is or when `isSecret`.
     [[nodiscard]] static xmlText* copyOf(TbString const& text, bool isSecret);
 
-    /// Null is ignored.
+    /// An embedded one is only wiped, when it is secret. Null is ignored.
     static void release(xmlText* text) noexcept;
 
     /// The bytes of `text`, none for null.

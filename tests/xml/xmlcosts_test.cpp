@@ -82,6 +82,15 @@ Shape const kShapes[] = {
     {"end tags alone", [](std::size_t n) { return repeated("</>", n); }, false},
 };
 
+/// The document of `in`, which is one.
+xmlElementPtr parsedDocument(TbStringStream& in) {
+    xmlElement* out = nullptr;
+    EXPECT_EQ(xmlParser().parseText(in, &out), 0);
+    xmlElementPtr document;
+    document.adopt(out);
+    return document;
+}
+
 /// Parses `text`, which must be a document or not, and keeps what comes of it.
 xmlElementPtr parsedShape(Shape const& shape, TbStringStream& in) {
     xmlElement* out = nullptr;
@@ -112,6 +121,42 @@ TEST(XmlCosts, OfParsingAnyShapeAreBoundedAndLinear) {
             return costOf([&] { parsedShape(shape, in); }).m_Bytes * size / text.size();
         });
     }
+}
+
+// Whatever an element has when it is made, it has in one block of memory; the document itself is one more.
+TEST(XmlCosts, OfParsingAreOneRequestForEachElement) {
+    std::string const attributes = numbered(" name", "=\"a value &amp; more\"", 600);
+    for (auto const& [text, elements] : {std::pair<std::string, std::uint64_t>{"", 0},
+                                         {"<a/>", 1},
+                                         {"<a>text</a>", 1},
+                                         {"<a b='1'>text</a>", 1},
+                                         {"<KVX" + attributes + "/>", 1},
+                                         {"<KVX" + attributes + ">text<a" + attributes + ">text</a></KVX>", 2},
+                                         {"<a><b><c><d/></c></b></a>", 4},
+                                         {repeated("<a/>", 32), 8}}) {
+        TbStringStream in(stringOf(text));
+        Cost const cost = costOf([&, &in = in] { EXPECT_EQ(parsedDocument(in)->refCount(), 1); });
+        EXPECT_EQ(cost.m_Calls, elements + 1) << text;
+        EXPECT_LE(cost.m_Bytes, 2 * text.size() + 200 * (elements + 1)) << text;
+    }
+}
+
+TEST(XmlCosts, OfTheFirstAttributesAreOneRequestForEachAndOneForTheirList) {
+    xmlElementPtr const element = newElement("a");
+    std::uint64_t requests = 0;
+    for (char const* const name : {"a", "b", "c", "d"}) {
+        requests += costOf([&] { element->setAttribute(name, "value"); }).m_Calls;
+    }
+    EXPECT_EQ(requests, 4 + 1 + 4 * 2U);  // two for the strings of each call
+    EXPECT_EQ(costOf([&] { element->setAttribute("a", "other"); }).m_Calls, 1 + 2U);
+}
+
+// A message of 15 attributes, 1 KB of text.
+TEST(XmlCosts, OfHoldingAMessageAreAtMostTwoBytesForEach) {
+    TbStringStream in(stringOf("<KVX" + numbered(" name", "=\"" + repeated("value", 50) + "\"", 900) + "/>"));
+    std::uint64_t const before = heldBytes();
+    xmlElementPtr const document = parsedDocument(in);
+    EXPECT_LE(heldBytes() - before, 2 * std::uint64_t{in.length()});
 }
 
 // A run of characters is copied where it is kept, and nowhere else however long it is. Names of end tags are kept

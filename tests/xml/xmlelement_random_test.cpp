@@ -117,15 +117,41 @@ void removeChild(Random& random, xmlElement& element, Model& model, std::size_t 
     }
 }
 
+/// A parsed element, whose parts lie in one block, and its model; or a made one, without parts.
+std::pair<xmlElementPtr, Model> someElement(Random& random, std::size_t choices) {
+    if (random.below(3) == 0) {
+        return {newElement("T"), {}};
+    }
+    Model model;
+    std::string text = "<T";
+    for (std::size_t number = random.below(choices + 4); number > 0; --number) {
+        std::string const name = "n" + std::to_string(number);
+        std::string const value = random.text("abc", 20);
+        model.m_Attributes.emplace_back(name, value);
+        text += " " + name + "=\"" + value + "\"";
+    }
+    std::vector<std::string> tags;
+    text += ">";
+    for (std::size_t left = random.below(12); left > 0; --left) {
+        tags.push_back("n" + std::to_string(random.below(choices)));
+        text += "<" + tags.back() + "/>";
+    }
+    xmlElementPtr const element = childOf(*parsed(text + "</T>").m_Document.get(), "T");
+    for (std::string const& tag : tags) {
+        std::size_t const index = model.childrenOf(tag).size();
+        model.m_Children.emplace_back(tag, childOf(*element.get(), tag, static_cast<long>(index)));
+    }
+    return {element, model};
+}
+
 TEST(RandomElements, AreAsTheModelSays) {
     SCOPED_TRACE("seed " + std::to_string(testSeed()));
     Random random;
     for (int round = 0; round < 400; ++round) {
-        xmlElementPtr const element = newElement("T");
-        Model model;
-        std::size_t const choices = 1 + random.below(30);
+        std::size_t const choices = 1 + random.below(60);
+        auto [element, model] = someElement(random, choices);
         std::size_t const removals = random.below(4);
-        for (std::size_t left = random.below(120); left > 0; --left) {
+        for (std::size_t left = random.below(200); left > 0; --left) {
             switch (random.below(4 + removals)) {
                 case 0:
                     changeAttribute(random, *element.get(), model, choices);

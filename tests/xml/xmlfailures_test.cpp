@@ -15,10 +15,15 @@ using namespace kvxtest;
 
 namespace {
 
+// Values that are encoded again get memory of their own, and so does all that follows them in their element.
 char const* const kText =
     "top<KVX A='1' C=3 D E=\"&lt;\" A='a rather long value: it does not fit where the first one stood'>"
     "<b/>text<c x/><b>another text<d/></b></KVX><KVX/>"
-    "<many a=1 b=2 c=3 d=4 e=5 f=6 g=7 h=8 i=9 j=10><a/><b/><c/><d/><a/><b/><c/><d/><a/><e/></many>";
+    "<many a=1 b=2 c=3 d=4 e=5 f=6 g=7 h=8 i=9 j=10><a/><b/><c/><d/><a/><b/><c/><d/><a/><e/></many>"
+    "<plain a='\"' b='<' c='>' d='&x;' e='e' f='f' g=''><a b='<' c='' d=''>text</a><a b='<'>text<b/>text</a></plain>"
+    "<more a1='' a2='' a3='' a4='' a5='' a6='' a7='' a8='' b1='' b2='' b3='' b4='' b5='' b6='' b7='' b8=''"
+    " c1='' c2='' c3='' c4='' c5='' c6='' c7='' c8='' d1='' d2='' d3='' d4='' d5='' d6='' d7='' d8='' e1='' e2=''>"
+    "text<a/></more>";
 
 /// An element "P" with attribute, text and children A, B, A.
 xmlElementPtr sample() {
@@ -149,10 +154,12 @@ TEST(XmlFailures, AChildIsInsertedOrNot) {
     }
 }
 
-// From the ninth on, children and attributes are found by a tree, which needs memory of its own.
+// From the ninth child and the 33rd attribute on they are found by a tree, which needs memory of its own.
 TEST(XmlFailures, TheNinthAndTheTenthAreInsertedOrNot) {
-    for (std::size_t const present : {7U, 8U, 9U, 10U}) {
-        std::string const children = std::string("<b/><a/><b/><c/><a/><b/><d/><a/><b/><a/>").substr(0, 4 * present);
+    for (std::size_t const present : {7U, 8U, 9U, 10U, 31U, 32U, 33U, 34U}) {
+        std::string children = "<b/><a/><b/><c/><a/><b/><d/><a/><b/><a/>";
+        children += children + children + children;
+        children.resize(4 * present);
         std::string names;
         for (std::size_t i = 0; i < present; ++i) {
             names += " n" + std::to_string(i) + "=\"\"";

@@ -81,7 +81,7 @@ std::string elements(Random& random, int levels) {
     for (std::size_t left = random.below(4); left > 0; --left) {
         text += some(random, "abc >&;'\"\x80", lengthOf(random));
         text += "<" + (random.below(8) == 0 ? space(random, 1) : "") + name(random);
-        for (std::size_t number = random.below(5); number > 0; --number) {
+        for (std::size_t number = random.below(20) == 0 ? 50 : random.below(5); number > 0; --number) {
             text += attribute(random);
         }
         text += space(random, 0);

@@ -444,6 +444,24 @@ std::string grow(Random& random, xmlElement& parent, int levels) {
     return expected;
 }
 
+// Up to 32 attributes are kept before their element is made, those whose value is encoded as it is.
+TEST(XmlParser, AgreesWithTheReferenceOnManyAttributes) {
+    for (std::size_t count = 29; count <= 36; ++count) {
+        for (std::size_t special = 0; special < count; ++special) {
+            for (char const* const value :
+                 {"=\"<\"", "='&x;'", "=plain", "", "='again' n0='first'", "='again' n28=last"}) {
+                std::string text = "<a";
+                for (std::size_t i = 0; i < count; ++i) {
+                    text += " n" + std::to_string(i) + (i == special ? value : "=\"&amp;v\"");
+                }
+                for (std::string const end : {"/>", ">text</a>", ">text<b/>end</a>"}) {
+                    ASSERT_EQ(reparsed(text + end), referenceReparsed(text + end)) << text << end;
+                }
+            }
+        }
+    }
+}
+
 TEST(XmlParser, MakesAllTextsOfASecretTextSecret) {
     for (bool const isSecret : {true, false}) {
         TbStringStream text;
@@ -472,7 +490,8 @@ TEST(XmlParser, MakesAllTextsOfASecretTextSecret) {
 
 TEST(XmlParser, LeavesNoPartOfASecretTextBehind) {
     std::string const whole =
-        "<KVX A=\"http://uQxZuser:S3cret-Canary@x/?a&amp;b\" B='S3cret-Canary' C='S3cret-Canary&x;>'>uQxZuser</KVX>";
+        "<KVX A=\"http://uQxZuser:S3cret-Canary@x/?a&amp;b\" B='S3cret-Canary' C='S3cret-Canary&x;>'>uQxZuser</KVX>"
+        "<a B='uQxZuser'>S3cret-Canary<x/></a><S3cret-Canary/>";
     for (std::size_t length = 0; length <= whole.size(); ++length) {
         FreedMemory const freed;
         {
@@ -486,6 +505,8 @@ TEST(XmlParser, LeavesNoPartOfASecretTextBehind) {
                 TbStringStream out;
                 document->toStream(out);
                 childOf(*document.get(), "KVX")->setAttribute("A", "other");
+                childOf(*document.get(), "a")->setAttribute("B", "other");
+                childOf(*document.get(), "a")->setText("other");
             }
         }
         EXPECT_GT(FreedMemory::searched(), 0);
