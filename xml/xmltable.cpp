@@ -153,7 +153,20 @@ constexpr bool leads(State state, char byte, State next, Action action) {
     return transition.m_Next == next && transition.m_Action == action && !transition.m_IsAgain;
 }
 
-// What the parser's one step over name="value" takes for granted.
+// What the parser's one step over a tag of the common forms takes for granted.
+static_assert(leads(kText, '<', kTagOpen, kSetText));
+static_assert(leads(kTagOpen, 'a', kTagName, kCollect) && leads(kTagName, 'a', kTagName, kCollect));
+static_assert(leads(kTagName, '>', kText, kOpenElement) && leads(kTagName, ' ', kInTag, kOpenElement));
+static_assert(kTransitions[kTagName][kClassOf['/']].m_Next == kBeforeSlash &&
+              kTransitions[kTagName][kClassOf['/']].m_Action == kOpenElement &&
+              kTransitions[kTagName][kClassOf['/']].m_IsAgain);
+static_assert(leads(kBeforeSlash, '/', kClosing, kCloseElement) && leads(kInTag, '/', kClosing, kCloseElement));
+static_assert(leads(kInTag, '>', kText, kNothing) && leads(kClosing, '>', kText, kNothing));
+static_assert(leads(kTagOpen, '/', kClosing, kCloseElement) && leads(kClosing, 'a', kEndName, kNothing));
+static_assert(leads(kEndName, 'a', kEndName, kNothing) && leads(kEndName, '>', kText, kNothing));
+
+// What its one step over name="value" takes for granted.
+static_assert(leads(kInTag, ' ', kInTag, kNothing));
 static_assert(leads(kInTag, 'a', kAttrName, kCollect) && leads(kAttrName, 'a', kAttrName, kCollect));
 static_assert(leads(kAttrName, '=', kAfterEquals, kNameAttr));
 static_assert(leads(kAfterEquals, '"', kDoubleQuoted, kNothing) && leads(kDoubleQuoted, '"', kInTag, kSetAttr));

@@ -85,6 +85,10 @@ extern std::array<std::uint32_t, kStateCount> const kIdle;
 constexpr int kNoEnd = -1;
 extern std::array<int, kStateCount> const kRunEnd;
 
+/// The number of the class of the characters in names.
+constexpr std::uint8_t kNameClass = 2;
+static_assert(xmlSymbolName == 1U << kNameClass);
+
 /// The number of the class of `character`.
 inline std::uint8_t classOf(char character) noexcept {
     return kClassOf[static_cast<unsigned char>(character)];

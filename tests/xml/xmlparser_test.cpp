@@ -14,6 +14,7 @@
 #include "tests/xml/xmlreference.h"
 #include "tests/xml/xmlsupport.h"
 #include "xml/xmlholder.h"
+#include "xml/xmllimits.h"
 
 using namespace kvxtest;
 
@@ -442,6 +443,44 @@ std::string grow(Random& random, xmlElement& parent, int levels) {
         expected += content.empty() ? head + "/>" : head + ">" + content + "</" + tag + ">";
     }
     return expected;
+}
+
+// Tags of the common forms are taken in one step inside an element, all others and unfinished ones by the table.
+TEST(XmlParser, TakesTagsOfEveryFormWhereverTheyEnd) {
+    std::string const tags[] = {"<b>",   "<b/>", "<b />",  "<b c='1'>", "<b c='1'/>", "<b c='1' >", "<b\tc/>",
+                                "<b/c>", "< b>", "</>",    "</b>",      "</b >",      "</ b>",      "< /b>",
+                                "</b/>", "<b",   "<b c='", "<b !>",     "<b c!>",     "<>",         "<b",
+                                "<",     "</",   "</b!>",  "<b=>",      "<!>",        "<b c/ >",    "<b c='1'/ x>"};
+    for (std::string const& first : tags) {
+        for (std::string const& second : tags) {
+            for (std::string const between : {"", "text", ">/\"'="}) {
+                std::string text = "<r>" + between;
+                text += first + between;
+                text += second + between + "</r>";
+                for (std::string const& document : {text, text + "</r>", "<r>" + text + "</></>", first + second}) {
+                    ASSERT_EQ(reparsed(document), referenceReparsed(document)) << document;
+                }
+            }
+        }
+    }
+}
+
+TEST(XmlParser, CountsTheLevelsOfElementsOfEveryForm) {
+    struct Row {
+        char const* m_Text;
+        std::uint32_t m_Levels;  // of its elements
+    };
+    for (Row const& row : {Row{"", 0}, Row{"<a/>", 1}, Row{"<a></a>", 1}, Row{"<a/><a/>", 1}, Row{"<a><a/></a>", 2},
+                           Row{"<a><a/><a b='' /><a></a></a>", 2}, Row{"<a><a><a b='1'/></a>text<a/></a>", 3},
+                           Row{"<a b><a b='<'><a b><a/></a></a></a><a><a><a></a></a></a>", 4}}) {
+        for (std::uint32_t levels = 1; levels < 6; ++levels) {
+            TbStringStream in(row.m_Text);
+            xmlElement* out = nullptr;
+            int const code = xmlParseWithin({0, levels}, in, &out);
+            xmlElementPtr const document = xmlAdopt(out);
+            EXPECT_EQ(code, row.m_Levels <= levels ? 0 : 4) << row.m_Text << " within " << levels;
+        }
+    }
 }
 
 // Up to 32 attributes are kept before their element is made, those whose value is encoded as it is.
