@@ -29,15 +29,18 @@ public:
         m_Tag = tag;
         m_Text = {};
         m_Count = 0;
+        m_Marks = 0;
     }
 
     /// As setAttribute for `value`, which is encoded. False, and nothing changed, when there is no room for one more.
-    /// Requires: no zero byte in `name`.
+    /// Requires: `name` is not empty and has no zero byte.
     [[nodiscard]] bool setAttribute(xmlSlice name, xmlSlice value) noexcept {
-        Attribute* const present = find(name);
+        std::uint64_t const mark = markOf(name);
+        Attribute* const present = (m_Marks & mark) == 0 ? nullptr : find(name);
         if (present == nullptr && m_Count == kMaxAttributes) {
             return false;
         }
+        m_Marks |= mark;
         (present == nullptr ? m_Attributes[m_Count++] : *present) = {name.m_Bytes, value.m_Bytes, name.m_Length,
                                                                      value.m_Length};
         return true;
@@ -53,6 +56,13 @@ public:
     [[nodiscard]] Attribute const& attribute(std::uint32_t index) const noexcept { return m_Attributes[index]; }
 
 private:
+    /// One bit of 64, the same for equal names. Requires: `name` is not empty.
+    [[nodiscard]] static std::uint64_t markOf(xmlSlice name) noexcept {
+        auto const first = static_cast<unsigned char>(name.m_Bytes[0]);
+        auto const last = static_cast<unsigned char>(name.m_Bytes[name.m_Length - 1]);
+        return std::uint64_t{1} << ((first * 7U + last * 3U + name.m_Length) & 63U);
+    }
+
     [[nodiscard]] Attribute* find(xmlSlice name) noexcept {
         for (std::uint32_t i = 0; i < m_Count; ++i) {
             Attribute& present = m_Attributes[i];
@@ -68,6 +78,7 @@ private:
     xmlSlice m_Tag;
     xmlSlice m_Text;  ///< Empty: none.
     std::uint32_t m_Count = 0;
+    std::uint64_t m_Marks = 0;               ///< Of all names: a name whose mark is not among them is new.
     Attribute m_Attributes[kMaxAttributes];  // NOLINT(cppcoreguidelines-pro-type-member-init): m_Count are in use
 };
 

@@ -6,24 +6,31 @@
 
 #include "xml/xmlentities.h"
 
-#ifdef __SSE2__
-#include <emmintrin.h>
-#endif
-
 #include <array>
 #include <cstring>
 
 #include "xml/xmlelement.h"
 #include "xml/xmlparser.h"
+#include "xml/xmlscan.h"
 
 namespace {
 
 struct Entity {
     char m_Character;
-    char const* m_Name;  ///< With the ampersand, without the semicolon.
+    char const* m_Bytes;     ///< With ampersand and semicolon.
+    std::uint32_t m_Length;  ///< Of m_Bytes.
+
+    /// With the ampersand, without the semicolon.
+    [[nodiscard]] xmlSlice name() const { return {m_Bytes, m_Length - 1}; }
 };
 
-constexpr Entity kEntities[] = {{'&', "&amp"}, {'<', "&lt"}, {'>', "&gt"}, {'"', "&quot"}, {'\'', "&apos"}};
+template <std::size_t size>
+constexpr Entity entity(char character, char const (&bytes)[size]) {
+    return {character, bytes, size - 1};
+}
+
+constexpr Entity kEntities[] = {entity('&', "&amp;"), entity('<', "&lt;"), entity('>', "&gt;"), entity('"', "&quot;"),
+                                entity('\'', "&apos;")};
 
 /// Bytes that decoding examines from an ampersand on.
 constexpr std::uint32_t kWindow = 5;
@@ -47,7 +54,7 @@ Entity const* entityFor(char character) {
 /// The row whose name is exactly `name`, or null.
 Entity const* entityNamed(xmlSlice name) {
     for (Entity const& entity : kEntities) {
-        if (TCSLEN(entity.m_Name) == name.m_Length && std::memcmp(entity.m_Name, name.m_Bytes, name.m_Length) == 0) {
+        if (entity.name().m_Length == name.m_Length && std::memcmp(entity.m_Bytes, name.m_Bytes, name.m_Length) == 0) {
             return &entity;
         }
     }
@@ -85,77 +92,41 @@ std::uint32_t decodeEntity(xmlSlice in, std::uint32_t position, TbString& out) {
     return end < in.m_Length ? end + 1 : end;
 }
 
-/// The part of `text` from `position` on.
-xmlSlice partFrom(xmlSlice text, std::uint32_t position) {
-    return {text.m_Bytes + position, text.m_Length - position};
-}
-
-#ifdef __SSE2__
-/// Bits of the bytes among the 16 at `bytes` that have an entity.
-int entitiesAmong16(char const* bytes) {
-    __m128i const block = _mm_loadu_si128(reinterpret_cast<__m128i const*>(bytes));
-    __m128i found = _mm_setzero_si128();
-    for (Entity const& entity : kEntities) {
-        found = _mm_or_si128(found, _mm_cmpeq_epi8(block, _mm_set1_epi8(entity.m_Character)));
-    }
-    return _mm_movemask_epi8(found);
-}
-#endif
-
 }  // namespace
 
-std::uint32_t xmlPlainLength(xmlSlice text) noexcept {
-    std::uint32_t position = 0;
-#ifdef __SSE2__
-    for (; text.m_Length - position >= 16; position += 16) {
-        int const found = entitiesAmong16(text.m_Bytes + position);
-        if (found != 0) {
-            return position + static_cast<std::uint32_t>(__builtin_ctz(static_cast<unsigned>(found)));
-        }
-    }
-#endif
-    while (position < text.m_Length && entityFor(text.m_Bytes[position]) == nullptr) {
-        ++position;
-    }
-    return position;
+bool xmlHasEntity(char character) noexcept {
+    return entityFor(character) != nullptr;
 }
 
-bool xmlIsEncoded(xmlSlice text) noexcept {
-    std::uint32_t position = xmlPlainLength(text);
-    while (position < text.m_Length) {
-        // Of the five, an encoded text has ampersands only, and each begins one of the names.
-        std::uint32_t const end = endOfName(text, position);
-        if (end == text.m_Length || text.m_Bytes[end] != ';' ||
-            entityNamed({text.m_Bytes + position, end - position}) == nullptr) {
-            return false;
+std::uint32_t xmlEntityLength(xmlSlice text) noexcept {
+    for (Entity const& entity : kEntities) {
+        if (text.m_Length >= entity.m_Length && std::memcmp(text.m_Bytes, entity.m_Bytes, entity.m_Length) == 0) {
+            return entity.m_Length;
         }
-        position = end + 1;
-        position += xmlPlainLength(partFrom(text, position));
     }
-    return true;
+    return 0;
 }
 
 std::uint64_t xmlEncodedLength(xmlSlice text) noexcept {
     std::uint64_t length = text.m_Length;
     for (std::uint32_t position = xmlPlainLength(text); position < text.m_Length;) {
-        length += TCSLEN(entityFor(text.m_Bytes[position])->m_Name);  // the semicolon is the character's own byte
+        length += entityFor(text.m_Bytes[position])->m_Length - 1;
         ++position;
-        position += xmlPlainLength(partFrom(text, position));
+        position += xmlPlainLength(xmlPartFrom(text, position));
     }
     return length;
 }
 
 char* xmlEncodeTo(xmlSlice text, char* target) noexcept {
     for (std::uint32_t position = 0; position < text.m_Length; ++position) {
-        std::uint32_t const plain = xmlPlainLength(partFrom(text, position));
+        std::uint32_t const plain = xmlPlainLength(xmlPartFrom(text, position));
         std::memcpy(target, text.m_Bytes + position, plain);
         target += plain;
         position += plain;
         if (position < text.m_Length) {
-            char const* const name = entityFor(text.m_Bytes[position])->m_Name;
-            std::memcpy(target, name, TCSLEN(name));
-            target += TCSLEN(name);
-            *target++ = ';';
+            Entity const& entity = *entityFor(text.m_Bytes[position]);
+            std::memcpy(target, entity.m_Bytes, entity.m_Length);
+            target += entity.m_Length;
         }
     }
     return target;
@@ -183,11 +154,12 @@ void XMLEncode(TbString const& in, TbString& out) {
     encoded.joinSecrecyOf(in);
     xmlSlice const text = xmlSliceOf(in);
     for (std::uint32_t position = 0; position < text.m_Length; ++position) {
-        std::uint32_t const plain = xmlPlainLength(partFrom(text, position));
+        std::uint32_t const plain = xmlPlainLength(xmlPartFrom(text, position));
         encoded.append(text.m_Bytes + position, plain);
         position += plain;
         if (position < text.m_Length) {
-            encoded.append(entityFor(text.m_Bytes[position])->m_Name);
+            xmlSlice const name = entityFor(text.m_Bytes[position])->name();
+            encoded.append(name.m_Bytes, name.m_Length);
             encoded.append(';');
         }
     }

@@ -6,11 +6,11 @@
 
 #include "xml/xmlslice.h"
 
-/// How many bytes stand before the first of " & ' < >; all when there is none.
-std::uint32_t xmlPlainLength(xmlSlice text) noexcept;
+/// Whether `character` is one of " & ' < > and has an entity.
+bool xmlHasEntity(char character) noexcept;
 
-/// Whether decoding and then encoding `text` gives `text` again, so that it may be kept as it stands.
-bool xmlIsEncoded(xmlSlice text) noexcept;
+/// Bytes of the entity with which `text` begins, with ampersand and semicolon; 0 when it begins with none of the five.
+std::uint32_t xmlEntityLength(xmlSlice text) noexcept;
 
 /// Bytes of the encoded `text`.
 std::uint64_t xmlEncodedLength(xmlSlice text) noexcept;

@@ -13,6 +13,7 @@
 #include "xml/xmlentities.h"
 #include "xml/xmlholder.h"
 #include "xml/xmllimits.h"
+#include "xml/xmlscan.h"
 #include "xml/xmltable.h"
 
 namespace {
@@ -96,7 +97,7 @@ public:
 
     /// One attribute of the common form, name="value" or name='value', with a space before it or none, when it comes
     /// next; then it is taken. Requires: not at the end.
-    bool takeAttribute(xmlSlice& name, xmlSlice& value, bool& isPlain) noexcept {
+    bool takeAttribute(xmlSlice& name, xmlSlice& value, bool& isEncoded) noexcept {
         std::uint32_t const begin = m_Rest[m_Taken] == ' ' ? m_Taken + 1 : m_Taken;
         std::uint32_t const equals = endOfName(begin);
         if (equals == begin || m_Length - equals < 3 || m_Rest[equals] != '=') {
@@ -107,14 +108,17 @@ public:
             return false;
         }
         xmlSlice const rest{m_Rest + equals + 2, m_Length - equals - 2};
-        std::uint32_t const plain = xmlPlainLength(rest);
-        std::uint32_t const end = plain == rest.m_Length ? plain : positionOf(rest, plain, quote);
+        std::uint32_t const encoded = xmlEncodedPrefix(rest);
+        if (encoded == rest.m_Length) {
+            return false;
+        }
+        isEncoded = rest.m_Bytes[encoded] == quote;
+        std::uint32_t const end = isEncoded ? encoded : positionOf(rest, encoded, quote);
         if (end == rest.m_Length) {
             return false;
         }
         name = {m_Rest + begin, equals - begin};
         value = {rest.m_Bytes, end};
-        isPlain = plain == end;
         m_Taken = equals + 2 + end + 1;
         return true;
     }
@@ -129,10 +133,7 @@ private:
 
     /// The first position from `begin` on where no character of a name stands.
     [[nodiscard]] std::uint32_t endOfName(std::uint32_t begin) const noexcept {
-        while (begin < m_Length && classOf(m_Rest[begin]) == kNameClass) {
-            ++begin;
-        }
-        return begin;
+        return begin + xmlNameLength({m_Rest + begin, m_Length - begin});
     }
 
     /// Whether "/>" stands at `position`. Requires: that is not the end.
@@ -219,11 +220,11 @@ public:
 private:
     /// One step in place of about six, for attributes of the form that nearly all have. All others go by the table.
     bool stepOverAttribute(Input& in) {
-        bool isPlain = false;
-        if (!in.takeAttribute(m_AttrName, m_Token, isPlain)) {
+        bool isEncoded = false;
+        if (!in.takeAttribute(m_AttrName, m_Token, isEncoded)) {
             return false;
         }
-        setAttribute(isPlain || xmlIsEncoded(m_Token));
+        setAttribute(isEncoded);
         m_Token = {};
         return true;
     }

@@ -13,6 +13,11 @@ struct xmlSlice {
     std::uint32_t m_Length = 0;
 };
 
+/// The part of `text` from `position` on.
+inline xmlSlice xmlPartFrom(xmlSlice text, std::uint32_t position) noexcept {
+    return {text.m_Bytes + position, text.m_Length - position};
+}
+
 /// Bytes to be stored, and whether they are secret.
 struct xmlPart {
     xmlSlice m_Text;

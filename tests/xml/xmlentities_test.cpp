@@ -12,6 +12,7 @@
 #include "tests/xml/xmlreference.h"
 #include "tests/xml/xmlsupport.h"
 #include "xml/xmlentities.h"
+#include "xml/xmlscan.h"
 
 using namespace kvxtest;
 
@@ -172,6 +173,30 @@ TEST(XmlSlices, AgreeWithWholeTextsAtEveryPlace) {
                 expectSlicesAgree(std::string(before, 'x') + piece + std::string(after, 'y'));
             }
         }
+    }
+}
+
+TEST(XmlSlices, KnowNamesAtEveryPlace) {
+    for (int byte = 0; byte < 256; ++byte) {
+        char const character = static_cast<char>(byte);
+        for (std::size_t before = 0; before < 34; ++before) {
+            for (std::size_t const after : {0U, 1U, 15U, 16U, 32U}) {
+                std::string const text = std::string(before, 'n') + character + std::string(after, 'n');
+                EXPECT_EQ(xmlNameLength(sliceOf(text)), isAlnum(character) != 0 ? text.size() : before) << byte;
+            }
+        }
+    }
+}
+
+TEST(XmlSlices, EndWhereATextIsNotEncoded) {
+    struct Row {
+        char const* m_Text;
+        std::uint32_t m_Length;
+    };
+    for (Row const& row : {Row{"", 0}, Row{"a", 1}, Row{"&amp;", 5}, Row{"a&lt;b&gt;c", 11}, Row{"&quot;&apos;\"", 12},
+                           Row{"a'", 1}, Row{"<", 0}, Row{"&amp;>", 5}, Row{"&amp", 0}, Row{"&lt;&x;", 4}, Row{"&;", 0},
+                           Row{"&quot", 0}, Row{"a&&amp;", 1}, Row{"&ampx;", 0}}) {
+        EXPECT_EQ(xmlEncodedPrefix(sliceOf(row.m_Text)), row.m_Length) << row.m_Text;
     }
 }
 
