@@ -17,29 +17,12 @@ namespace {
 /// Attributes for which a list of its own has room at first.
 constexpr std::uint32_t kFirst = 4;
 
-/// What is written around name and value.
-constexpr char kSpace = ' ';
-constexpr char kBeforeValue[] = {'=', '"'};
-constexpr char kAfterValue = '"';
-constexpr std::size_t kAround = sizeof(kSpace) + sizeof(kBeforeValue) + sizeof(kAfterValue);
-
 /// The longest value, that of a string with its slack.
 constexpr std::uint64_t kMaxValue = UINT32_MAX - 65;
 
 struct Releaser {
     void operator()(xmlAttribute* attribute) const noexcept { xmlAttribute::release(attribute); }
 };
-
-char* written(xmlSlice text, char* target) {
-    std::memcpy(target, text.m_Bytes, text.m_Length);
-    return target + text.m_Length;
-}
-
-/// Writes all that comes before the value.
-char* writtenHead(xmlSlice name, char* target) {
-    *target++ = kSpace;
-    return written({kBeforeValue, sizeof(kBeforeValue)}, written(name, target));
-}
 
 /// Orders positions by the names that stand there.
 struct ByName {
@@ -75,20 +58,9 @@ xmlAttribute* xmlAttribute::create(xmlPart name, xmlPart value, bool isEncoded) 
     }
     auto* const created = static_cast<xmlAttribute*>(xmlAllocate(static_cast<std::size_t>(bytes)));
     *created = {name.m_Text.m_Length, static_cast<std::uint32_t>(length), name.m_IsSecret, value.m_IsSecret, false};
-    char* const end = writtenHead(name.m_Text, reinterpret_cast<char*>(created + 1));
-    *(isEncoded ? written(value.m_Text, end) : xmlEncodeTo(value.m_Text, end)) = kAfterValue;
+    char* const end = writeHead(name.m_Text, reinterpret_cast<char*>(created + 1));
+    *(isEncoded ? copyTo(end, value.m_Text) : xmlEncodeTo(value.m_Text, end)) = kAfterValue;
     return created;
-}
-
-xmlAttribute* xmlAttribute::createAt(void* place, xmlSlice name, xmlSlice value, bool isSecret) noexcept {
-    auto* const created = static_cast<xmlAttribute*>(place);
-    *created = {name.m_Length, value.m_Length, isSecret, isSecret, true};
-    *written(value, writtenHead(name, reinterpret_cast<char*>(created + 1))) = kAfterValue;
-    return created;
-}
-
-std::uint64_t xmlAttribute::sizeFor(std::uint64_t nameLength, std::uint64_t valueLength) noexcept {
-    return sizeof(xmlAttribute) + kAround + nameLength + valueLength;
 }
 
 void xmlAttribute::release(xmlAttribute* attribute) noexcept {
@@ -99,10 +71,6 @@ void xmlAttribute::release(xmlAttribute* attribute) noexcept {
 
 xmlAttributes* xmlAttributes::create() {
     return new (xmlAllocate(sizeFor(kFirst))) xmlAttributes(kFirst, false);
-}
-
-xmlAttributes* xmlAttributes::createAt(void* place, std::uint32_t room) noexcept {
-    return new (place) xmlAttributes(room, true);
 }
 
 void xmlAttributes::release(xmlAttributes* attributes) noexcept {
@@ -152,11 +120,6 @@ void xmlAttributes::put(xmlAttribute* attribute) {
         xmlAttribute::release(std::exchange(m_Items[position], attribute));
     }
     m_IsReleaseDue = true;
-}
-
-void xmlAttributes::addEmbedded(xmlAttribute* attribute) noexcept {
-    m_Items[m_Count++] = attribute;
-    m_IsReleaseDue = m_IsReleaseDue || attribute->m_IsValueSecret;
 }
 
 void xmlAttributes::append(xmlAttribute* attribute) {

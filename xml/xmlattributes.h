@@ -26,13 +26,54 @@ struct xmlAttribute {
     [[nodiscard]] static xmlAttribute* create(xmlPart name, xmlPart value, bool isEncoded);
 
     /// A new attribute in the block of an element, in the `sizeFor` bytes at `place`; `value` is encoded already.
-    static xmlAttribute* createAt(void* place, xmlSlice name, xmlSlice value, bool isSecret) noexcept;
+    /// Requires: `name` is part of a text and not its beginning, and `value`, unless empty, stands behind it.
+    static xmlAttribute* createAt(void* place, xmlSlice name, xmlSlice value, bool isSecret) noexcept {
+        auto* const created = static_cast<xmlAttribute*>(place);
+        *created = {name.m_Length, value.m_Length, isSecret, isSecret, true};
+        auto* const text = reinterpret_cast<char*>(created + 1);
+        if (isAsWritten(name, value)) {
+            std::memcpy(text, name.m_Bytes - 1, std::size_t{name.m_Length} + value.m_Length + kAround);
+        } else {
+            *copyTo(writeHead(name, text), value) = kAfterValue;
+        }
+        return created;
+    }
 
     /// Bytes of an attribute of these lengths.
-    [[nodiscard]] static std::uint64_t sizeFor(std::uint64_t nameLength, std::uint64_t valueLength) noexcept;
+    [[nodiscard]] static std::uint64_t sizeFor(std::uint64_t nameLength, std::uint64_t valueLength) noexcept {
+        return sizeof(xmlAttribute) + kAround + nameLength + valueLength;
+    }
 
     /// An embedded one is only wiped, when it is secret.
     static void release(xmlAttribute* attribute) noexcept;
+
+private:
+    // What is written around name and value.
+    static constexpr char kSpace = ' ';
+    static constexpr char kEquals = '=';
+    static constexpr char kBeforeValue = '"';
+    static constexpr char kAfterValue = '"';
+    static constexpr std::size_t kAround = 4;
+
+    /// Whether `name` and `value` stand in their text as they are to be written.
+    [[nodiscard]] static bool isAsWritten(xmlSlice name, xmlSlice value) noexcept {
+        return value.m_Bytes == name.m_Bytes + name.m_Length + 2 && name.m_Bytes[-1] == kSpace &&
+               value.m_Bytes[-1] == kBeforeValue;
+    }
+
+    static char* copyTo(char* target, xmlSlice text) noexcept {
+        std::memcpy(target, text.m_Bytes, text.m_Length);
+        return target + text.m_Length;
+    }
+
+    /// Writes all that comes before the value; returns the end.
+    static char* writeHead(xmlSlice name, char* target) noexcept {
+        *target++ = kSpace;
+        target = copyTo(target, name);
+        *target++ = kEquals;
+        *target++ = kBeforeValue;
+        return target;
+    }
 };
 
 /// Attributes with different names in the order in which the names were first set. Names are equal as strings are.
@@ -48,7 +89,9 @@ public:
     [[nodiscard]] static xmlAttributes* create();
 
     /// No attributes, in the block of an element: in the `sizeFor(room)` bytes at `place`.
-    static xmlAttributes* createAt(void* place, std::uint32_t room) noexcept;
+    static xmlAttributes* createAt(void* place, std::uint32_t room) noexcept {
+        return new (place) xmlAttributes(room, true);
+    }
 
     /// Bytes of an object with places for `room` attributes.
     [[nodiscard]] static std::size_t sizeFor(std::uint32_t room) noexcept {
@@ -73,7 +116,10 @@ public:
 
     /// Adds an attribute that lies in the block of the element. Requires: a name that is not there yet, and one of the
     /// first places.
-    void addEmbedded(xmlAttribute* attribute) noexcept;
+    void addEmbedded(xmlAttribute* attribute) noexcept {
+        m_Items[m_Count++] = attribute;
+        m_IsReleaseDue = m_IsReleaseDue || attribute->m_IsValueSecret;
+    }
 
 private:
     struct Index;

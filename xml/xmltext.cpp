@@ -8,13 +8,6 @@ xmlText* xmlText::create(xmlSlice text, bool isSecret) {
     return created;
 }
 
-xmlText* xmlText::createAt(void* place, xmlSlice text, bool isSecret) noexcept {
-    auto* const created = static_cast<xmlText*>(place);
-    *created = {text.m_Length, isSecret, true, true};
-    std::memcpy(created + 1, text.m_Bytes, text.m_Length);
-    return created;
-}
-
 xmlText* xmlText::copyOf(TbString const& text, bool isSecret) {
     bool const staysSecret = isSecret || text.isSecret();
     if (text.buffer() == nullptr && !staysSecret) {

@@ -19,7 +19,12 @@ struct xmlText {
     [[nodiscard]] static xmlText* create(xmlSlice text, bool isSecret);
 
     /// A new text in the block of an element, in the `sizeFor(text)` bytes at `place`.
-    static xmlText* createAt(void* place, xmlSlice text, bool isSecret) noexcept;
+    static xmlText* createAt(void* place, xmlSlice text, bool isSecret) noexcept {
+        auto* const created = static_cast<xmlText*>(place);
+        *created = {text.m_Length, isSecret, true, true};
+        std::memcpy(created + 1, text.m_Bytes, text.m_Length);
+        return created;
+    }
 
     [[nodiscard]] static std::size_t sizeFor(xmlSlice text) noexcept { return sizeof(xmlText) + text.m_Length; }
 
