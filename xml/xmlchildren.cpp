@@ -1,7 +1,8 @@
 // Children: a doubly linked list in the order of insertion, and a tree of tags with the children of each.
 //
 // A tag is compared by that of its first child, so it needs no copy and dies with the last child. Looking for the tag
-// that was found last costs one comparison. The tree is made with the ninth child.
+// that was found last costs one comparison. The tree is made for the first search that goes beyond the first kFew;
+// while there is no memory for it, children are searched one after the other.
 
 #include "xml/xmlchildren.h"
 
@@ -58,6 +59,13 @@ struct xmlChildren::Index {
         return m_Recent;
     }
 
+    [[nodiscard]] xmlChild* find(xmlSlice tag, std::uint64_t index) noexcept {
+        Tag const* const found = find(tag);
+        return found == nullptr || index >= found->m_Children.count()
+                   ? nullptr
+                   : found->m_Children[static_cast<std::uint32_t>(index)];
+    }
+
     void append(xmlChild* child) {
         Tag const* const tag = find(xmlAccess::tagOf(*child->m_Element));
         if (tag == nullptr) {
@@ -109,15 +117,6 @@ void xmlChildren::appendEmbedded(xmlChild* child) {
     child->m_Next = nullptr;
     if (m_Index != nullptr) {
         m_Index->append(child);
-    } else if (m_Few == kFew) {
-        auto index = std::make_unique<Index>();
-        for (xmlChild* present = m_First; present != nullptr; present = present->m_Next) {
-            index->append(present);
-        }
-        index->append(child);
-        m_Index = index.release();
-    } else {
-        ++m_Few;
     }
     child->m_Element->addRef();
     (m_Last == nullptr ? m_First : m_Last->m_Next) = child;
@@ -125,18 +124,34 @@ void xmlChildren::appendEmbedded(xmlChild* child) {
 }
 
 xmlChild* xmlChildren::find(xmlSlice tag, std::uint64_t index) const noexcept {
-    if (m_Index != nullptr) {
-        Tag const* const found = m_Index->find(tag);
-        return found == nullptr || index >= found->m_Children.count()
-                   ? nullptr
-                   : found->m_Children[static_cast<std::uint32_t>(index)];
-    }
+    std::uint64_t position = 0;
+    std::uint64_t left = index;
     for (xmlChild* child = m_First; child != nullptr; child = child->m_Next) {
-        if (xmlCompare(xmlAccess::tagOf(*child->m_Element), tag) == 0 && index-- == 0) {
+        if (position++ == kFew && makeIndex()) {
+            return m_Index->find(tag, index);
+        }
+        if (xmlCompare(xmlAccess::tagOf(*child->m_Element), tag) == 0 && left-- == 0) {
             return child;
         }
     }
     return nullptr;
+}
+
+/// False when there is no memory for an index.
+bool xmlChildren::makeIndex() const noexcept {
+    if (m_Index != nullptr) {
+        return true;
+    }
+    try {
+        auto index = std::make_unique<Index>();
+        for (xmlChild* child = m_First; child != nullptr; child = child->m_Next) {
+            index->append(child);
+        }
+        m_Index = index.release();
+        return true;
+    } catch (TBFC_Exception const&) {
+        return false;
+    }
 }
 
 xmlElement* xmlChildren::remove(xmlSlice tag, std::uint64_t index) noexcept {
@@ -146,8 +161,6 @@ xmlElement* xmlChildren::remove(xmlSlice tag, std::uint64_t index) noexcept {
     }
     if (m_Index != nullptr) {
         m_Index->remove(tag, static_cast<std::uint32_t>(index));
-    } else {
-        --m_Few;
     }
     xmlElement* const element = child->m_Element;
     unlink(child);
@@ -155,14 +168,20 @@ xmlElement* xmlChildren::remove(xmlSlice tag, std::uint64_t index) noexcept {
 }
 
 xmlElement* xmlChildren::takeFirst() noexcept {
-    xmlElement* const element = m_First->m_Element;
-    unlink(m_First);
+    xmlChild* const child = m_First;
+    xmlElement* const element = child->m_Element;
+    m_First = child->m_Next;
+    release(child);
     return element;
 }
 
 void xmlChildren::unlink(xmlChild* child) noexcept {
     (child->m_Previous == nullptr ? m_First : child->m_Previous->m_Next) = child->m_Next;
     (child->m_Next == nullptr ? m_Last : child->m_Next->m_Previous) = child->m_Previous;
+    release(child);
+}
+
+void xmlChildren::release(xmlChild* child) noexcept {
     if (child != xmlAccess::embeddedChildOf(*child->m_Element)) {
         tbRelease(child);
     }

@@ -17,7 +17,8 @@ struct xmlChild {
 
 /// Children in insertion order, found by tag and number.
 ///
-/// Few children are searched one after the other; from the ninth on there is a tree of tags, each with its children.
+/// The first few are searched one after the other; a search that goes further uses a tree of tags, each with its
+/// children, which is made then and kept.
 class xmlChildren {
 public:
     /// `isEmbedded` for one in the block of an element, which is released with that.
@@ -42,8 +43,8 @@ public:
     /// Removes child `index` of those named `tag` and hands its reference to the caller; null when there is none.
     [[nodiscard]] xmlElement* remove(xmlSlice tag, std::uint64_t index) noexcept;
 
-    /// Removes the first child and hands its reference to the caller. Only before the destruction: nothing is found by
-    /// its tag any more. Requires: there is one.
+    /// Removes the first child and hands its reference to the caller. Only before the destruction: nothing but the
+    /// first child is found any more. Requires: there is one.
     [[nodiscard]] xmlElement* takeFirst() noexcept;
 
     static void* operator new(std::size_t bytes) { return xmlAllocate(bytes); }
@@ -54,12 +55,13 @@ private:
     struct Index;
 
     ~xmlChildren();
+    [[nodiscard]] bool makeIndex() const noexcept;
     void unlink(xmlChild* child) noexcept;
+    static void release(xmlChild* child) noexcept;
 
     xmlChild* m_First = nullptr;  ///< Owned, with all that follow.
     xmlChild* m_Last = nullptr;
-    Index* m_Index = nullptr;  ///< Owned; null while there are few.
-    std::uint32_t m_Few = 0;   ///< Children while there is no index.
+    mutable Index* m_Index = nullptr;  ///< Owned; null until it is needed.
     bool m_IsEmbedded;
 };
 

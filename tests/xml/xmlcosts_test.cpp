@@ -133,7 +133,8 @@ TEST(XmlCosts, OfParsingAreOneRequestForEachElement) {
                                          {"<KVX" + attributes + "/>", 1},
                                          {"<KVX" + attributes + ">text<a" + attributes + ">text</a></KVX>", 2},
                                          {"<a><b><c><d/></c></b></a>", 4},
-                                         {repeated("<a/>", 32), 8}}) {
+                                         {repeated("<a/>", 400), 100},
+                                         {numbered("<a", "/>", 400), 69}}) {
         TbStringStream in(stringOf(text));
         Cost const cost = costOf([&, &in = in] { EXPECT_EQ(parsedDocument(in)->refCount(), 1); });
         EXPECT_EQ(cost.m_Calls, elements + 1) << text;

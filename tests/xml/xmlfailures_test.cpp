@@ -154,7 +154,33 @@ TEST(XmlFailures, AChildIsInsertedOrNot) {
     }
 }
 
-// From the ninth child and the 33rd attribute on they are found by a tree, which needs memory of its own.
+// The first search beyond the eighth child makes a tree. Without memory for it children are found all the same.
+TEST(XmlFailures, ChildrenAreFoundAmongMany) {
+    std::string text;
+    for (int number = 0; number < 20; ++number) {
+        text += "<a/><b" + std::to_string(number) + "/>";
+    }
+    TbString const same = "a";
+    TbString const last = "b19";
+    TbString const missing = "b20";
+    xmlElementPtr element;
+    forEveryFailure([&] { element = childOf(*parsed("<P>" + text + "</P>").m_Document.get(), "P"); },
+                    [&] {
+                        xmlElement* child = nullptr;
+                        EXPECT_TRUE(element->getChild(last, 0, &child));
+                        child->release();
+                        EXPECT_FALSE(element->removeChild(missing, 0));
+                        EXPECT_FALSE(element->removeChild(same, 20));
+                        EXPECT_TRUE(element->removeChild(same, 19));
+                        EXPECT_EQ(thrownCode([&] { element->getChild(same, 19, &child); }), KVX_E_OUT_OF_RANGE);
+                    },
+                    [&](bool failed) {
+                        EXPECT_FALSE(failed);
+                        EXPECT_EQ(tagOf(*childOf(*element.get(), "a", 18).get()), "a");
+                    });
+}
+
+// A search beyond the eighth child and the 33rd attribute need a tree, which needs memory of its own.
 TEST(XmlFailures, TheNinthAndTheTenthAreInsertedOrNot) {
     for (std::size_t const present : {7U, 8U, 9U, 10U, 31U, 32U, 33U, 34U}) {
         std::string children = "<b/><a/><b/><c/><a/><b/><d/><a/><b/><a/>";
@@ -168,15 +194,19 @@ TEST(XmlFailures, TheNinthAndTheTenthAreInsertedOrNot) {
             std::string const before = "<P" + names + ">" + children + "</P>";
             std::string const after = "<P" + names + " m=\"\">" + children + "<" + tag + "/></P>";
             xmlElementPtr element;
-            forEveryFailure([&] { element = childOf(*parsed(before).m_Document.get(), "P"); },
-                            [&] { element->insertChild(newElement(tag).get()); },
-                            [&](bool failed) {
-                                if (failed) {
-                                    EXPECT_EQ(written(*element.get()), before);
-                                    element->insertChild(newElement(tag).get());
-                                }
-                                EXPECT_EQ(tagOf(*childOf(*element.get(), "b", 2).get()), "b");
-                            });
+            forEveryFailure(
+                [&] {
+                    element = childOf(*parsed(before).m_Document.get(), "P");
+                    EXPECT_FALSE(element->removeChild("missing", 0));  // makes the tree
+                },
+                [&] { element->insertChild(newElement(tag).get()); },
+                [&](bool failed) {
+                    if (failed) {
+                        EXPECT_EQ(written(*element.get()), before);
+                        element->insertChild(newElement(tag).get());
+                    }
+                    EXPECT_EQ(tagOf(*childOf(*element.get(), "b", 2).get()), "b");
+                });
             forEveryFailure([&] { element = childOf(*parsed(before).m_Document.get(), "P"); },
                             [&] { element->setAttribute("m", ""); },
                             [&](bool failed) {

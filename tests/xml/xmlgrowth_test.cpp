@@ -106,6 +106,16 @@ TEST(XmlGrowth, ChildrenOfManyDifferentTags) {
                  [](std::size_t count) { return "<a>" + numbered("<b", "/>", count) + "</a>"; });
 }
 
+// Each search would walk along all children before.
+TEST(XmlGrowth, ManyDifferentTagsAreFound) {
+    std::size_t const count = kManyKeys / 4;
+    xmlElementPtr const document = parsed(numbered("<b", "/>", count)).m_Document;
+    for (std::size_t i = 0; i < count; ++i) {
+        std::string const tag = "b" + std::to_string(10000000 + i);
+        ASSERT_EQ(tagOf(*childOf(*document.get(), tag).get()), tag);
+    }
+}
+
 TEST(XmlGrowth, AMillionAttributes) {
     expectLinear(kManyKeys / 8, kManyKeys, [](std::size_t count) { return "<a" + numbered(" b", "=1", count) + "/>"; });
 }
