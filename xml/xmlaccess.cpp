@@ -96,8 +96,7 @@ xmlChildren& xmlAccess::childrenOf(xmlElement& element) {
 }
 
 void xmlAccess::setText(xmlElement& element, xmlPart text) {
-    bool const staysSecret = element.m_Text != nullptr && element.m_Text->m_IsSecret;
-    xmlText* const fresh = xmlText::create(text.m_Text, text.m_IsSecret || staysSecret);
+    xmlText* const fresh = xmlText::create(text.m_Text, text.m_IsSecret);
     xmlText::release(std::exchange(element.m_Text, fresh));
 }
 

@@ -28,6 +28,7 @@ public:
         return isBlock ? reinterpret_cast<xmlChild*>(&element + 1) : nullptr;
     }
 
+    /// Requires: `text` is secret if the text before is.
     static void setText(xmlElement& element, xmlPart text);
 
     /// As setAttribute; `isEncoded` when `value` is to be stored as it stands.

@@ -150,11 +150,7 @@ void xmlAttributes::makeRoom() {
     }
     bool const isFirst = m_Items == firstPlaces();
     std::uint64_t const wanted = isFirst ? tbRoomFor(m_Room, m_Room + 1) : std::uint64_t{m_Count} + 1;
-    void* const block =
-        m_Count == UINT32_MAX ? nullptr : tbResizeBlock(isFirst ? nullptr : m_Items, wanted * sizeof(xmlAttribute*));
-    if (block == nullptr) {
-        throw TBFC_Exception(KVX_E_OUT_OF_MEMORY);
-    }
+    void* const block = xmlResizePointers(isFirst ? nullptr : m_Items, wanted);
     if (isFirst) {
         std::memcpy(block, m_Items, m_Count * sizeof(xmlAttribute*));
     }

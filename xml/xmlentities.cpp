@@ -17,20 +17,24 @@ namespace {
 
 struct Entity {
     char m_Character;
-    char const* m_Bytes;     ///< With ampersand and semicolon.
-    std::uint32_t m_Length;  ///< Of m_Bytes.
+    xmlSlice m_Text;  ///< With ampersand and semicolon.
 
     /// With the ampersand, without the semicolon.
-    [[nodiscard]] xmlSlice name() const { return {m_Bytes, m_Length - 1}; }
+    [[nodiscard]] xmlSlice name() const { return {m_Text.m_Bytes, m_Text.m_Length - 1}; }
 };
 
-template <std::size_t size>
-constexpr Entity entity(char character, char const (&bytes)[size]) {
-    return {character, bytes, size - 1};
-}
+constexpr Entity kEntities[] = {
+    {'&', {"&amp;", 5}}, {'<', {"&lt;", 4}}, {'>', {"&gt;", 4}}, {'"', {"&quot;", 6}}, {'\'', {"&apos;", 6}}};
 
-constexpr Entity kEntities[] = {entity('&', "&amp;"), entity('<', "&lt;"), entity('>', "&gt;"), entity('"', "&quot;"),
-                                entity('\'', "&apos;")};
+constexpr bool kAreLengthsRight = [] {
+    bool areRight = true;
+    for (Entity const& entity : kEntities) {
+        areRight = areRight && entity.m_Text.m_Bytes[entity.m_Text.m_Length - 1] == ';' &&
+                   entity.m_Text.m_Bytes[entity.m_Text.m_Length] == '\0';
+    }
+    return areRight;
+}();
+static_assert(kAreLengthsRight);
 
 /// Bytes that decoding examines from an ampersand on.
 constexpr std::uint32_t kWindow = 5;
@@ -54,7 +58,8 @@ Entity const* entityFor(char character) {
 /// The row whose name is exactly `name`, or null.
 Entity const* entityNamed(xmlSlice name) {
     for (Entity const& entity : kEntities) {
-        if (entity.name().m_Length == name.m_Length && std::memcmp(entity.m_Bytes, name.m_Bytes, name.m_Length) == 0) {
+        if (entity.name().m_Length == name.m_Length &&
+            std::memcmp(entity.m_Text.m_Bytes, name.m_Bytes, name.m_Length) == 0) {
             return &entity;
         }
     }
@@ -100,8 +105,9 @@ bool xmlHasEntity(char character) noexcept {
 
 std::uint32_t xmlEntityLength(xmlSlice text) noexcept {
     for (Entity const& entity : kEntities) {
-        if (text.m_Length >= entity.m_Length && std::memcmp(text.m_Bytes, entity.m_Bytes, entity.m_Length) == 0) {
-            return entity.m_Length;
+        xmlSlice const whole = entity.m_Text;
+        if (text.m_Length >= whole.m_Length && std::memcmp(text.m_Bytes, whole.m_Bytes, whole.m_Length) == 0) {
+            return whole.m_Length;
         }
     }
     return 0;
@@ -110,7 +116,7 @@ std::uint32_t xmlEntityLength(xmlSlice text) noexcept {
 std::uint64_t xmlEncodedLength(xmlSlice text) noexcept {
     std::uint64_t length = text.m_Length;
     for (std::uint32_t position = xmlPlainLength(text); position < text.m_Length;) {
-        length += entityFor(text.m_Bytes[position])->m_Length - 1;
+        length += entityFor(text.m_Bytes[position])->m_Text.m_Length - 1;
         ++position;
         position += xmlPlainLength(xmlPartFrom(text, position));
     }
@@ -124,7 +130,7 @@ char* xmlEncodeTo(xmlSlice text, char* target) noexcept {
         target += plain;
         position += plain;
         if (position < text.m_Length) {
-            Entity const& entity = *entityFor(text.m_Bytes[position]);
+            xmlSlice const entity = entityFor(text.m_Bytes[position])->m_Text;
             std::memcpy(target, entity.m_Bytes, entity.m_Length);
             target += entity.m_Length;
         }

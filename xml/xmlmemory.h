@@ -49,6 +49,16 @@ struct xmlAllocator {
     }
 };
 
+/// Makes room for `places` pointers at `block`, a block of foundation/tbmemory.h or null; returns where it lies then.
+/// Raises KVX_E_OUT_OF_MEMORY (TBFC_Exception).
+[[nodiscard]] inline void* xmlResizePointers(void* block, std::uint64_t places) {
+    void* const resized = places > UINT32_MAX ? nullptr : tbResizeBlock(block, places * sizeof(void*));
+    if (resized == nullptr) {
+        throw TBFC_Exception(KVX_E_OUT_OF_MEMORY);
+    }
+    return resized;
+}
+
 /// An array of pointers that grows. Owns the array, not the targets.
 template <class T>
 class xmlPointers {
@@ -64,12 +74,7 @@ public:
 
     /// Makes room for one more, at first for `first` of them. Raises KVX_E_OUT_OF_MEMORY (TBFC_Exception).
     void makeRoom(std::uint32_t first = 1) {
-        std::uint64_t const bytes = (m_Items == nullptr ? first : std::uint64_t{m_Count} + 1) * sizeof(T*);
-        void* const block = m_Count == UINT32_MAX ? nullptr : tbResizeBlock(m_Items, bytes);
-        if (block == nullptr) {
-            throw TBFC_Exception(KVX_E_OUT_OF_MEMORY);
-        }
-        m_Items = static_cast<T**>(block);
+        m_Items = static_cast<T**>(xmlResizePointers(m_Items, m_Items == nullptr ? first : std::uint64_t{m_Count} + 1));
     }
 
     /// Requires: room for one more.

@@ -186,9 +186,7 @@ public:
         }
         m_State = transition.m_Next;
         if (transition.m_Action == kCollect) {
-            // Whatever was collected before, in another state, ends right before this.
-            xmlSlice const run = in.takeRun(m_State);
-            m_Token = {m_Token.m_Length == 0 ? run.m_Bytes : m_Token.m_Bytes, m_Token.m_Length + run.m_Length};
+            m_Token = in.takeRun(m_State);  // no state collects after another: nothing was collected before
             return kParsed;
         }
         if (transition.m_Action == kCloseElement && m_Level == 0) {

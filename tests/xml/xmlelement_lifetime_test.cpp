@@ -45,6 +45,33 @@ TEST(XmlLifetime, TakesANewElementOver) {
     EXPECT_EQ(childOf(*parent.get(), "C")->refCount(), 2);
 }
 
+TEST(XmlLifetime, AChildWithoutATagDiesLikeAnyOther) {
+    xmlElementPtr const parent = newElement("P");
+    xmlElementPtr const child(new xmlElement);
+    parent->insertChild(child.get());
+    EXPECT_TRUE(parent->removeChild("", 0));
+    EXPECT_EQ(child->refCount(), 1);
+    parent->insertChild(child.get());
+}
+
+// A parsed child brings its place in the list of its first parent along; in other lists it has one like any other.
+TEST(XmlLifetime, AParsedChildMovesBetweenParents) {
+    xmlElementPtr const root = parsed("<P><a/><C n='1'>text<d/></C><b/></P><Q/>").m_Document;
+    xmlElementPtr const first = childOf(*root.get(), "P");
+    xmlElementPtr const second = childOf(*root.get(), "Q");
+    xmlElementPtr const child = childOf(*first.get(), "C");
+    for (int round = 0; round < 3; ++round) {
+        second->insertChild(child.get());
+        second->insertChild(child.get());
+        EXPECT_TRUE(first->removeChild("C", 0));
+        first->insertChild(child.get());
+        EXPECT_TRUE(second->removeChild("C", 1));
+        EXPECT_TRUE(second->removeChild("C", 0));
+        EXPECT_EQ(written(*root.get()), "<P><a/><b/><C n=\"1\">text<d/></C></P><Q/>");
+    }
+    EXPECT_EQ(child->refCount(), 2);
+}
+
 TEST(XmlLifetime, AFetchedChildOutlivesItsRemoval) {
     xmlElementPtr const parent = newElement("P");
     parent->insertChild(newElement("C").get());
