@@ -4,18 +4,18 @@
 // Contestants: bench/xmlcontestants.cpp. All read the same text, and what each writes is that text again.
 //
 // Times faster in one run:
-//   parse message, pugixml          0.28
-//   parse message, tinyxml2         1.11
-//   parse message, expat and tree   4.93
-//   parse message, libxml2          2.20
-//   parse 100 KB, pugixml          0.097
-//   parse 100 KB, tinyxml2          0.76
-//   parse 100 KB, expat and tree    1.26
-//   parse 100 KB, libxml2           1.48
-//   parse 5 MB, pugixml             0.12
-//   parse 5 MB, tinyxml2            0.94
-//   parse 5 MB, expat and tree      1.06
-//   parse 5 MB, libxml2             1.48
+//   parse message, pugixml          1.01
+//   parse message, tinyxml2         4.36
+//   parse message, expat and tree   19.0
+//   parse message, libxml2          8.07
+//   parse 100 KB, pugixml           0.44
+//   parse 100 KB, tinyxml2          2.97
+//   parse 100 KB, expat and tree    4.82
+//   parse 100 KB, libxml2           5.62
+//   parse 5 MB, pugixml             0.22
+//   parse 5 MB, tinyxml2            2.05
+//   parse 5 MB, expat and tree      2.96
+//   parse 5 MB, libxml2             3.62
 //   write message, pugixml          2.57
 //   write message, tinyxml2         5.70
 //   write 100 KB, pugixml           1.11
