@@ -9,6 +9,8 @@
 
 #include "core/kvxfile.h"
 
+#include <openssl/crypto.h>
+
 #include <algorithm>
 #include <atomic>
 #include <climits>
@@ -19,7 +21,6 @@
 #include <limits>
 #include <memory>
 
-#include "core/kvxwipe.h"
 #include "foundation/tbmemory.h"
 #include "foundation/tbreleaser.h"
 #include "foundation/tbsystem.h"
@@ -32,8 +33,6 @@ constexpr mode_t kPermissions = 07777;
 
 /// Of a new file until it gets the mode of the one that it replaces. A reader who opened it before would keep it open.
 constexpr mode_t kOwnerOnly = 0600;
-
-constexpr std::size_t kReadChunk = 8192;
 
 /// A divisor of every page size, a power of two.
 constexpr std::size_t kPage = 4096;
@@ -48,20 +47,40 @@ int openFile(char const* path, int flags, mode_t mode = 0) {
         tbRetryInterrupted([&] { return tbSystem().open(path, flags | O_CLOEXEC, mode); }));
 }
 
-/// See kvxOpenForReading(); `status` becomes that of the file.
-int openForReading(char const* path, struct ::stat& status) noexcept {
-    int const file = openFile(path, O_RDONLY);
-    if (file < 0) {
-        return -1;
+/// A part of a file, on the stack. It may be that of a private key, so what was read of it is wiped at the end.
+class Chunk {
+public:
+    Chunk() = default;
+    Chunk(Chunk const&) = delete;
+    Chunk& operator=(Chunk const&) = delete;
+    ~Chunk() { OPENSSL_cleanse(m_Bytes, m_Touched); }
+
+    /// Reads the next part of `file`, full unless the file ends or reading fails; false when it fails. What came before
+    /// counts all the same.
+    bool read(int file) {
+        m_Length = 0;
+        for (ssize_t count = 1; count > 0 && !isFull();) {
+            count = tbRetryInterrupted([&] { return tbSystem().read(file, m_Bytes + m_Length, kSize - m_Length); });
+            if (count < 0) {
+                return false;
+            }
+            m_Length += static_cast<std::size_t>(count);
+            m_Touched = std::max(m_Touched, m_Length);
+        }
+        return true;
     }
-    int const failure = tbSystem().fstat(file, &status) != 0 ? errno : S_ISDIR(status.st_mode) ? EISDIR : 0;
-    if (failure == 0) {
-        return file;
-    }
-    tbSystem().close(file);
-    errno = failure;
-    return -1;
-}
+
+    [[nodiscard]] bool isFull() const { return m_Length == kSize; }
+    [[nodiscard]] char const* bytes() const { return m_Bytes; }
+    [[nodiscard]] std::uint32_t length() const { return static_cast<std::uint32_t>(m_Length); }
+
+private:
+    static constexpr std::size_t kSize = 8192;
+
+    std::size_t m_Length = 0;   ///< Of the part that was read last.
+    std::size_t m_Touched = 0;  ///< Of the longest.
+    char m_Bytes[kSize];
+};
 
 /// The directory part of `path`.
 TbString directoryOf(char const* path) {
@@ -174,6 +193,22 @@ KvxReadResult failureToOpen(char const* path, int error) {
             return KvxReadResult::kDirectory;
         default:
             return KvxReadResult::kCannotOpen;
+    }
+}
+
+/// A directory can be opened like a file, and fails when it is read.
+KvxReadResult failureToRead(int file) {
+    struct ::stat status = {};
+    bool const isDirectory = tbSystem().fstat(file, &status) == 0 && S_ISDIR(status.st_mode);
+    return isDirectory ? KvxReadResult::kDirectory : KvxReadResult::kCannotRead;
+}
+
+/// Grows `out` at once where the file's size is known, so that no outgrown copy of a key stays in memory.
+void growFor(int file, TbStringStream& out) {
+    struct ::stat status = {};
+    bool const isKnown = tbSystem().fstat(file, &status) == 0;
+    if (isKnown && status.st_size > 0 && status.st_size < std::numeric_limits<std::int32_t>::max()) {
+        out.grow(static_cast<std::uint32_t>(status.st_size));
     }
 }
 
@@ -375,31 +410,41 @@ bool KvxDescriptor::close() noexcept {
 }
 
 int kvxOpenForReading(char const* path) noexcept {
+    int const file = openFile(path, O_RDONLY);
+    if (file < 0) {
+        return -1;
+    }
     struct ::stat status = {};
-    return openForReading(path, status);
+    int const failure = tbSystem().fstat(file, &status) != 0 ? errno : S_ISDIR(status.st_mode) ? EISDIR : 0;
+    if (failure == 0) {
+        return file;
+    }
+    tbSystem().close(file);
+    errno = failure;
+    return -1;
 }
 
+// A file that fits one chunk needs no look at its status: open, read, read at its end, close.
 KvxReadResult kvxReadFile(char const* path, TbStringStream& out) {
-    struct ::stat status = {};
-    KvxDescriptor const file(openForReading(path, status));
+    KvxDescriptor const file(openFile(path, O_RDONLY));
     if (!file.isOpen()) {
         return failureToOpen(path, errno);
     }
-    // Grown at once where the file's size is known, so that no outgrown copy of a key stays in memory.
-    if (status.st_size > 0 && status.st_size < std::numeric_limits<std::int32_t>::max()) {
-        out.grow(static_cast<std::uint32_t>(status.st_size));
-    }
-    KvxWipedBuffer<kReadChunk> chunk;  // it may be a private key
-    for (;;) {
-        ssize_t const count =
-            tbRetryInterrupted([&] { return tbSystem().read(file.get(), chunk.m_Bytes, sizeof chunk.m_Bytes); });
-        if (count < 0) {
-            return KvxReadResult::kCannotRead;
+    Chunk chunk;
+    for (bool isFirst = true;; isFirst = false) {
+        bool const isRead = chunk.read(file.get());
+        if (isFirst && chunk.isFull()) {
+            growFor(file.get(), out);
         }
-        if (count == 0) {
+        if (chunk.length() != 0) {
+            out.put(chunk.bytes(), chunk.length());
+        }
+        if (!isRead) {
+            return failureToRead(file.get());
+        }
+        if (!chunk.isFull()) {
             return KvxReadResult::kDone;
         }
-        out.put(reinterpret_cast<char const*>(chunk.m_Bytes), static_cast<std::uint32_t>(count));
     }
 }
 

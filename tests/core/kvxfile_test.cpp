@@ -567,13 +567,17 @@ TEST_F(ReplaceFile, ShowsReadersTheOldOrTheNewContentWhole) {
     RecordProperty("changes", std::to_string(changes));
 }
 
+/// What the reader takes from the system at once.
+constexpr std::size_t kChunk = 8192;
+
 /// The size that the system tells is advice alone: a special file tells none, and another writer may be at work.
 TEST(ReadFile, ReadsAFileWhateverSizeIsToldForIt) {
     static off_t s_Size = 0;
     TemporaryDirectory dir;
-    dir.write("file", "content");
+    std::string const content(kChunk + 7, 'c');
+    dir.write("file", content);
     constexpr off_t kMost = std::numeric_limits<std::int32_t>::max();
-    for (off_t const size : {off_t{-1}, off_t{0}, off_t{3}, off_t{7}, off_t{1000}, kMost, kMost + 1}) {
+    for (off_t const size : {off_t{-1}, off_t{0}, off_t{3}, off_t{8199}, off_t{10000}, kMost, kMost + 1}) {
         s_Size = size;
         SystemCalls calls;
         calls->fstat = [](int file, struct stat* status) {
@@ -581,10 +585,115 @@ TEST(ReadFile, ReadsAFileWhateverSizeIsToldForIt) {
             status->st_size = s_Size;
             return result;
         };
-        TbStringStream content;
-        EXPECT_EQ(kvxReadFile(dir.file("file").c_str(), content), KvxReadResult::kDone) << size;
-        EXPECT_EQ(bytesOf(content), "content") << size;
-        EXPECT_LT(content.capacity(), 2000U) << size;
+        TbStringStream out;
+        EXPECT_EQ(kvxReadFile(dir.file("file").c_str(), out), KvxReadResult::kDone) << size;
+        EXPECT_EQ(bytesOf(out), content) << size;
+        EXPECT_LT(out.capacity(), 20000U) << size;
+    }
+    SystemCalls calls;
+    calls->fstat = [](int, struct stat*) {
+        errno = EIO;
+        return -1;
+    };
+    TbStringStream out;
+    EXPECT_EQ(kvxReadFile(dir.file("file").c_str(), out), KvxReadResult::kDone) << "no size at all";
+    EXPECT_EQ(bytesOf(out), content);
+}
+
+TEST(ReadFile, AsksForTheSizeOfALongFileOnly) {
+    static int s_Asked = 0;
+    TemporaryDirectory dir;
+    SystemCalls calls;
+    calls->fstat = [](int file, struct stat* status) {
+        ++s_Asked;
+        return ::fstat(file, status);
+    };
+    for (std::size_t const size : {std::size_t{0}, std::size_t{1}, kChunk - 1, kChunk, kChunk + 1, 5 * kChunk}) {
+        s_Asked = 0;
+        std::string const content(size, 'c');
+        dir.write("file", content);
+        TbStringStream out;
+        EXPECT_EQ(kvxReadFile(dir.file("file").c_str(), out), KvxReadResult::kDone) << size;
+        EXPECT_EQ(bytesOf(out), content) << size;
+        EXPECT_EQ(s_Asked, size < kChunk ? 0 : 1) << size;
+    }
+}
+
+TEST(ReadFile, GivesNothingToReadForAnEmptyFile) {
+    TemporaryDirectory dir;
+    dir.write("file", "");
+    TbStringStream out;
+    EXPECT_EQ(kvxReadFile(dir.file("file").c_str(), out), KvxReadResult::kDone);
+    EXPECT_TRUE(out.atEnd());
+}
+
+/// Reads of at most so many bytes, of which one may fail, while it lives. One at a time.
+class ShortReads {
+public:
+    explicit ShortReads(std::size_t most, int failing = -1) {
+        s_Most = most;
+        s_Left = failing;
+        m_Calls->read = [](int file, void* buffer, std::size_t bytes) -> ssize_t {
+            if (s_Left-- == 0) {
+                errno = EIO;
+                return -1;
+            }
+            return ::read(file, buffer, std::min(bytes, s_Most));
+        };
+    }
+
+private:
+    static inline std::size_t s_Most = 0;
+    static inline int s_Left = 0;
+
+    SystemCalls m_Calls;
+};
+
+TEST(ReadFile, GoesOnAfterShortReadsAndKeepsWhatCameBeforeAFailure) {
+    TemporaryDirectory dir;
+    std::string content;
+    for (int i = 0; content.size() < 3 * kChunk; ++i) {
+        content += std::to_string(i);
+    }
+    dir.write("file", content);
+    for (std::size_t const most : {std::size_t{100}, std::size_t{4096}, kChunk - 1, kChunk}) {
+        {
+            ShortReads const reads(most);
+            TbStringStream out;
+            EXPECT_EQ(kvxReadFile(dir.file("file").c_str(), out), KvxReadResult::kDone) << most;
+            EXPECT_TRUE(bytesOf(out) == content) << most;
+        }
+        for (int const failing : {0, 1, 2, 3}) {
+            ShortReads const reads(most, failing);
+            TbStringStream out;
+            EXPECT_EQ(kvxReadFile(dir.file("file").c_str(), out), KvxReadResult::kCannotRead) << most;
+            EXPECT_EQ(content.find(bytesOf(out)), 0U) << most;
+            EXPECT_EQ(out.length() == 0, failing == 0) << most;
+        }
+    }
+}
+
+/// What is no file is known by its status: file systems refuse to read a directory by different errors.
+TEST(ReadFile, TellsADirectoryWhateverErrorItIsReadWith) {
+    static int s_Error = 0;
+    TemporaryDirectory dir;
+    dir.write("file", "content");
+    TbStringStream out;
+    EXPECT_EQ(kvxReadFile(dir.path().c_str(), out), KvxReadResult::kDirectory);
+    for (int const error : {EISDIR, EINVAL, EIO}) {
+        s_Error = error;
+        SystemCalls calls;
+        calls->read = [](int, void*, std::size_t) -> ssize_t {
+            errno = s_Error;
+            return -1;
+        };
+        EXPECT_EQ(kvxReadFile(dir.path().c_str(), out), KvxReadResult::kDirectory) << error;
+        EXPECT_EQ(kvxReadFile(dir.file("file").c_str(), out), KvxReadResult::kCannotRead) << error;
+        calls->fstat = [](int, struct stat*) {
+            errno = EIO;
+            return -1;
+        };
+        EXPECT_EQ(kvxReadFile(dir.path().c_str(), out), KvxReadResult::kCannotRead) << error;
     }
 }
 

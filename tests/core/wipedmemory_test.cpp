@@ -20,6 +20,8 @@
 #include "foundation/tbmemory.h"
 #include "tests/core/coresupport.h"
 #include "tests/support/encodings.h"
+#include "tests/support/exceptions.h"
+#include "tests/support/systemcalls.h"
 #include "tests/support/testdata.h"
 
 using namespace kvxtest;
@@ -96,6 +98,26 @@ TEST_F(WipedMemory, HeldThePrivateKeyAlsoWhenSigningFails) {
     EXPECT_EQ(countBeginning(traces.m_Wiped, bytesSpelledBy(text)), 1);
     EXPECT_EQ(countBeginning(traces.m_Wiped, text), 1);
     EXPECT_EQ(countHoldingEnd(traces.m_Released, text), 0);
+}
+
+/// Of a long file every byte of the buffer is wiped, and of one that cannot be read to its end what came before.
+TEST_F(WipedMemory, HeldThePartsOfAFileThatWereRead) {
+    std::string const start(8192, 's');
+    write("keys/private/own", start + "rest");
+    TbString text;
+    Traces traces = tracesOf([&] { m_Context.QueryValue("keys/private/own", "", text); });
+    EXPECT_EQ(countBeginning(traces.m_Wiped, "rest" + start.substr(4)), 1);
+
+    write("keys/private/own", "start");
+    SystemCalls calls;
+    calls->read = [](int file, void* buffer, std::size_t bytes) -> ssize_t {
+        ssize_t const count = ::read(file, buffer, bytes);
+        errno = EIO;
+        return count == 0 ? -1 : count;
+    };
+    traces = tracesOf(
+        [&] { EXPECT_EQ(thrownCode([&] { m_Context.QueryValue("keys/private/own", "", text); }), KVX_E_FILE_IO); });
+    EXPECT_EQ(std::count(traces.m_Wiped.begin(), traces.m_Wiped.end(), "start"), 1);
 }
 
 TEST_F(WipedMemory, HeldTheNewPrivateKey) {
