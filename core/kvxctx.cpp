@@ -14,8 +14,8 @@ namespace {
 constexpr mode_t kDirectoryMode = 0777;
 
 bool canOpenDirectory(char const* path) {
-    DIR* const directory = tbSystem().opendir(path);
-    return directory != nullptr && tbSystem().closedir(directory) == 0;
+    KvxDescriptor directory(kvxOpenDirectory(path));
+    return directory.isOpen() && directory.close();
 }
 
 /// Makes a directory that survives a crash of the machine. False and `errno` on failure.

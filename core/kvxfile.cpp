@@ -341,7 +341,7 @@ bool syncDirectory(TbString const& directory, KvxWriteOptions const& options) {
     if (!options.m_Syncs) {
         return true;
     }
-    KvxDescriptor const file(openFile(directory.c_str(), O_RDONLY | O_DIRECTORY));
+    KvxDescriptor const file(kvxOpenDirectory(directory.c_str()));
     return !file.isOpen() || synchronise(file.get(), options) || !isOutOfSpace(errno);
 }
 
@@ -422,6 +422,10 @@ int kvxOpenForReading(char const* path) noexcept {
     tbSystem().close(file);
     errno = failure;
     return -1;
+}
+
+int kvxOpenDirectory(char const* path) noexcept {
+    return openFile(path, O_RDONLY | O_DIRECTORY);
 }
 
 // A file that fits one chunk needs no look at its status: open, read, read at its end, close.

@@ -34,6 +34,9 @@ private:
 /// Opens `path` for reading, close-on-exec. -1 and `errno` on failure; a directory cannot be opened (EISDIR).
 int kvxOpenForReading(char const* path) noexcept;
 
+/// Opens the directory `path`, close-on-exec. -1 and `errno` on failure; ENOTDIR for anything else than a directory.
+int kvxOpenDirectory(char const* path) noexcept;
+
 enum class KvxReadResult {
     kDone,
     kAbsent,       ///< The system says that there is no such file.

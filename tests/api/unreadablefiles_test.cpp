@@ -343,10 +343,6 @@ TEST(UnreadableFiles, AreAllThatAProcessWithoutDescriptorsHas) {
             errno = EMFILE;
             return -1;
         };
-        calls->opendir = [](char const*) -> DIR* {
-            errno = EMFILE;
-            return nullptr;
-        };
         EXPECT_EQ(createPayInit(prepared, nullptr), KVX_E_CANNOT_OPEN);
         EXPECT_EQ(verifyPayConfirm(prepared, nullptr), KVX_E_CANNOT_OPEN);
         EXPECT_EQ(execute(prepared, nullptr), KVX_E_CANNOT_OPEN);

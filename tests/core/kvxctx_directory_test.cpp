@@ -225,12 +225,12 @@ TEST(CreatePath, AcceptsADirectoryThatAnotherProcessJustCreated) {
     s_Looked = 0;
     TemporaryDirectory dir;
     SystemCalls calls;
-    calls->opendir = [](char const* path) -> DIR* {
+    calls->open = [](char const* path, int flags, mode_t mode) {
         if (s_Looked++ == 0) {
             errno = ENOENT;
-            return nullptr;
+            return -1;
         }
-        return ::opendir(path);
+        return TbSystemCalls::openFile(path, flags, mode);
     };
     KVX_Context context;
     EXPECT_NO_THROW(context.CreatePath(dir.path().c_str()));
@@ -242,10 +242,10 @@ TEST(CreatePath, LooksOnceMoreAndThenFails) {
     s_Looked = 0;
     TemporaryDirectory dir;
     SystemCalls calls;
-    calls->opendir = [](char const*) -> DIR* {
+    calls->open = [](char const*, int, mode_t) {
         ++s_Looked;
         errno = EACCES;
-        return nullptr;
+        return -1;
     };
     KVX_Context context;
     EXPECT_EQ(thrownCode([&] { context.CreatePath(dir.path().c_str()); }), 17);
@@ -262,9 +262,9 @@ TEST(CreatePath, CannotOpenADirectoryThatIsThereForLackOfDescriptorsOrMemory) {
     for (int const error : {EMFILE, ENFILE, ENOMEM, EACCES}) {
         s_Error = error;
         SystemCalls calls;
-        calls->opendir = [](char const*) -> DIR* {
+        calls->open = [](char const*, int, mode_t) {
             errno = s_Error;
-            return nullptr;
+            return -1;
         };
         std::int32_t const code = error == EACCES ? EEXIST : KVX_E_CANNOT_OPEN;
         KVX_Context context;
@@ -285,9 +285,9 @@ TEST(CreatePath, CannotOpenADirectoryThatIsThereForLackOfDescriptorsOrMemory) {
 TEST(CreatePath, ReportsTheErrorOfTheCreationWhereNothingCanBeLookedAt) {
     TemporaryDirectory dir;
     SystemCalls calls;
-    calls->opendir = [](char const*) -> DIR* {
+    calls->open = [](char const*, int, mode_t) {
         errno = EMFILE;
-        return nullptr;
+        return -1;
     };
     calls->lstat = [](char const*, struct stat*) {
         errno = EIO;
@@ -309,6 +309,21 @@ TEST(CreatePath, ReportsTheErrorOfTheCreation) {
     Thrown const failure = thrown([&] { context.CreatePath(dir.file("x").c_str()); });
     EXPECT_EQ(failure.m_Code, ENOSPC);
     EXPECT_EQ(failure.m_Text, std::string("ErrorCode = 0x1c") + kCannotCreate);
+}
+
+TEST(CreatePath, OpensADirectoryAloneAndCloseOnExec) {
+    static int s_Flags = 0;
+    TemporaryDirectory dir;
+    ASSERT_EQ(::mkfifo(dir.file("pipe").c_str(), 0600), 0);
+    SystemCalls calls;
+    calls->open = [](char const* path, int flags, mode_t mode) {
+        s_Flags = flags;
+        return TbSystemCalls::openFile(path, flags, mode);
+    };
+    KVX_Context context;
+    context.CreatePath(dir.path().c_str());
+    EXPECT_EQ(s_Flags, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    EXPECT_EQ(thrownCode([&] { context.CreatePath(dir.file("pipe").c_str()); }), EEXIST) << "without a wait";
 }
 
 TEST(CreatePath, LeavesNoDirectoryOpen) {
