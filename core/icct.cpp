@@ -17,6 +17,7 @@
 #include <cstring>
 #include <memory>
 
+#include "core/icct_digest.h"
 #include "core/icct_keptkey.h"
 #include "core/icct_modulus.h"
 #include "foundation/tbforkgate.h"
@@ -55,8 +56,6 @@ struct RandCleaner {
     ~RandCleaner() { RAND_cleanup(); }
 };
 
-using Digest = KvxKeptKey::Digest;
-
 /// True when `length` bytes at `data` can be handed to OpenSSL. Null is fine for no bytes.
 [[nodiscard]] bool IsUsable(unsigned char const* data, unsigned long length) noexcept {
     return length <= INT_MAX && (data != nullptr || length == 0);
@@ -71,7 +70,60 @@ using Digest = KvxKeptKey::Digest;
     return RsaHolder(decode(nullptr, &blob, length));
 }
 
+bool canSign(KvxKeptKey const& key) noexcept {
+    return key.get() != nullptr && RSA_size(key.get()) <= kMaxModulus;
+}
+
+int signWith(KvxKeptKey& key, KvxDigest const& digest, unsigned char* sigOut, unsigned long* sigLen) noexcept {
+    if (int const length = key.copySignature(digest, sigOut); length != 0) {
+        *sigLen = static_cast<unsigned long>(length);
+        key.keep();
+        return 0;
+    }
+    // Deliberate (bare-digest): the bare digest, see the head of icct.h. RSA_sign would wrap it.
+    int const length = RSA_private_encrypt(SHA_DIGEST_LENGTH, digest.data(), sigOut, key.get(), RSA_PKCS1_PADDING);
+    *sigLen = static_cast<unsigned long>(length);
+    if (length == -1) {
+        return -1;
+    }
+    key.rememberSignature(digest, sigOut, length);
+    key.keep();
+    return 0;
+}
+
+/// A larger key could recover more bytes than verifyWith() has room for. Keys may come from the network.
+bool canVerify(KvxKeptKey const& key) noexcept {
+    return key.get() != nullptr && RSA_size(key.get()) <= kMaxVerifyModulus;
+}
+
+int verifyWith(KvxKeptKey& key, KvxDigest const& digest, unsigned char const* sig, unsigned long sigLen) noexcept {
+    std::array<unsigned char, kMaxVerifyModulus> recovered;
+    int const length =
+        RSA_public_decrypt(static_cast<int>(sigLen), sig, recovered.data(), key.get(), RSA_PKCS1_PADDING);
+    key.keep();  // an operation with a public key leaves it as it was, also when it fails
+    if (length != SHA_DIGEST_LENGTH || std::memcmp(recovered.data(), digest.data(), digest.size()) != 0) {
+        return -1;
+    }
+    return 0;
+}
+
 }  // namespace
+
+// The block functions of SHA-1 return success always.
+
+KvxSha1::KvxSha1() noexcept {
+    SHA1_Init(&m_Context);
+}
+
+void KvxSha1::add(void const* bytes, std::size_t length) noexcept {
+    SHA1_Update(&m_Context, bytes, length);
+}
+
+KvxDigest KvxSha1::digest() noexcept {
+    KvxDigest digest;
+    SHA1_Final(digest.data(), &m_Context);
+    return digest;
+}
 
 int ICCT_GenerateKeys(unsigned char* pubOut, int* pubLen, unsigned char* privOut, int* privLen, unsigned char* seed,
                       int seedLen) noexcept {
@@ -120,27 +172,18 @@ int ICCT_Signature(unsigned char const* privKey, int privKeyLen, unsigned char* 
     }
     TbForkGate const gate;
     KvxKeptKey key(KvxKeptKey::Kind::kPrivate, privKey, privKeyLen);
-    if (key.get() == nullptr || RSA_size(key.get()) > kMaxModulus) {
+    KvxDigest digest;
+    if (!canSign(key) || SHA1(data, dataLen, digest.data()) == nullptr) {
         return -1;
     }
-    Digest digest;
-    if (SHA1(data, dataLen, digest.data()) == nullptr) {
-        return -1;
-    }
-    if (int const length = key.copySignature(digest, sigOut); length != 0) {
-        *sigLen = static_cast<unsigned long>(length);
-        key.keep();
-        return 0;
-    }
-    // Deliberate (bare-digest): the bare digest, see the head of icct.h. RSA_sign would wrap it.
-    int const length = RSA_private_encrypt(SHA_DIGEST_LENGTH, digest.data(), sigOut, key.get(), RSA_PKCS1_PADDING);
-    *sigLen = static_cast<unsigned long>(length);
-    if (length == -1) {
-        return -1;
-    }
-    key.rememberSignature(digest, sigOut, length);
-    key.keep();
-    return 0;
+    return signWith(key, digest, sigOut, sigLen);
+}
+
+int ICCT_SignDigest(unsigned char const* privKey, int privKeyLen, KvxDigest const& digest, unsigned char* sigOut,
+                    unsigned long* sigLen) noexcept {
+    TbForkGate const gate;
+    KvxKeptKey key(KvxKeptKey::Kind::kPrivate, privKey, privKeyLen);
+    return canSign(key) ? signWith(key, digest, sigOut, sigLen) : -1;
 }
 
 int ICCT_Verify(unsigned char const* pubKey, int pubKeyLen, unsigned char* data, unsigned long dataLen,
@@ -148,24 +191,23 @@ int ICCT_Verify(unsigned char const* pubKey, int pubKeyLen, unsigned char* data,
     if (!IsUsable(data, dataLen) || !IsUsable(sig, sigLen)) {
         return -1;
     }
-    // A larger key could recover more bytes than the buffer below holds. Keys may come from the network.
     TbForkGate const gate;
     KvxKeptKey key(KvxKeptKey::Kind::kPublic, pubKey, pubKeyLen);
-    if (key.get() == nullptr || RSA_size(key.get()) > kMaxVerifyModulus) {
+    KvxDigest digest;
+    if (!canVerify(key) || SHA1(data, dataLen, digest.data()) == nullptr) {
         return -1;
     }
-    Digest digest;
-    if (SHA1(data, dataLen, digest.data()) == nullptr) {
+    return verifyWith(key, digest, sig, sigLen);
+}
+
+int ICCT_VerifyDigest(unsigned char const* pubKey, int pubKeyLen, KvxDigest const& digest, unsigned char const* sig,
+                      unsigned long sigLen) noexcept {
+    if (!IsUsable(sig, sigLen)) {
         return -1;
     }
-    std::array<unsigned char, kMaxVerifyModulus> recovered;
-    int const length =
-        RSA_public_decrypt(static_cast<int>(sigLen), sig, recovered.data(), key.get(), RSA_PKCS1_PADDING);
-    key.keep();  // an operation with a public key leaves it as it was, also when it fails
-    if (length != SHA_DIGEST_LENGTH || std::memcmp(recovered.data(), digest.data(), digest.size()) != 0) {
-        return -1;
-    }
-    return 0;
+    TbForkGate const gate;
+    KvxKeptKey key(KvxKeptKey::Kind::kPublic, pubKey, pubKeyLen);
+    return canVerify(key) ? verifyWith(key, digest, sig, sigLen) : -1;
 }
 
 int ICCT_CryptDigest(unsigned char* pubKey, int pubKeyLen, unsigned char* in, unsigned long inLen, unsigned char* out,

@@ -33,7 +33,7 @@ constexpr int kMaxSignature = 128;
 
 /// A signature that a key has made; free while its length is 0.
 struct Made {
-    KvxKeptKey::Digest m_Digest;
+    KvxDigest m_Digest;
     int m_Length;
     unsigned char m_Bytes[kMaxSignature];
 };
@@ -185,7 +185,7 @@ KvxKeptKey::~KvxKeptKey() {
     RSA_free(m_Entry == nullptr ? m_Key : release(*m_Entry, m_IsKept));
 }
 
-int KvxKeptKey::copySignature(Digest const& digest, unsigned char* out) const noexcept {
+int KvxKeptKey::copySignature(KvxDigest const& digest, unsigned char* out) const noexcept {
     if (m_Entry == nullptr) {
         return 0;
     }
@@ -198,7 +198,7 @@ int KvxKeptKey::copySignature(Digest const& digest, unsigned char* out) const no
     return 0;
 }
 
-void KvxKeptKey::rememberSignature(Digest const& digest, unsigned char const* signature, int length) noexcept {
+void KvxKeptKey::rememberSignature(KvxDigest const& digest, unsigned char const* signature, int length) noexcept {
     if (m_Entry == nullptr || length > kMaxSignature) {
         return;
     }

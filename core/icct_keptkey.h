@@ -3,9 +3,8 @@
 #define TALLOWIN_CORE_ICCT_KEPTKEY_H
 
 #include <openssl/rsa.h>
-#include <openssl/sha.h>
 
-#include <array>
+#include "core/icct_digest.h"
 
 /// A key parsed from its DER bytes, or one that an earlier call has parsed from the same bytes.
 ///
@@ -41,15 +40,13 @@ public:
     /// Leaves the key to later calls when this object goes. Requires: nothing has failed that may have changed it.
     void keep() noexcept { m_IsKept = true; }
 
-    using Digest = std::array<unsigned char, SHA_DIGEST_LENGTH>;
-
     /// Copies the remembered signature of `digest` to `out` and returns its length; 0 when there is none. Requires:
     /// room for the modulus.
-    [[nodiscard]] int copySignature(Digest const& digest, unsigned char* out) const noexcept;
+    [[nodiscard]] int copySignature(KvxDigest const& digest, unsigned char* out) const noexcept;
 
     /// Remembers the `length` bytes at `signature`, unless the key is not kept or has a larger modulus. The oldest
     /// signature goes.
-    void rememberSignature(Digest const& digest, unsigned char const* signature, int length) noexcept;
+    void rememberSignature(KvxDigest const& digest, unsigned char const* signature, int length) noexcept;
 
     static constexpr int kMaxKeys = 8;
 

@@ -1,18 +1,22 @@
 // Keys and signatures.
 //
 // A signature covers the text widened to 16-bit units. Signing: read the private key's hexadecimal text, convert,
-// widen, sign, return hexadecimal text. Verifying: the same with the public key and the signature's text. Private keys
-// pass through wiped buffers only. Odd: signing widens bytes without sign and verifying with sign, so own signatures
-// over bytes of 0x80 and above do not verify here. A failure of OpenSSL counts only when OpenSSL still works: without
-// memory it calls good keys and signatures bad.
+// widen and digest block by block, sign, return hexadecimal text. Verifying: the same with the public key and the
+// signature's text. Private keys pass through wiped buffers only. Odd: signing widens bytes without sign and verifying
+// with sign, so own signatures over bytes of 0x80 and above do not verify here. A failure of OpenSSL counts only when
+// OpenSSL still works: without memory it calls good keys and signatures bad.
 
+#include <endian.h>
 #include <openssl/err.h>
 #include <openssl/rand.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 
 #include "core/icct.h"
+#include "core/icct_digest.h"
 #include "core/kvxctx.h"
 #include "core/kvxctx_checks.h"
 #include "core/kvxctx_settings.h"
@@ -22,7 +26,6 @@
 #include "core/kvxwipe.h"
 #include "foundation/tbexception.h"
 #include "foundation/tbforkgate.h"
-#include "foundation/tbmemory.h"
 #include "net/kvxmemorywatch.h"
 
 namespace {
@@ -32,36 +35,32 @@ constexpr std::size_t kKeyBytes = 1024;
 constexpr std::size_t kOwnSignatureBytes = 1024;
 constexpr std::size_t kSignatureBytes = 4096;
 
-/// The signed form of a text: each byte as one 16-bit little-endian unit, without a terminating one. Wiped at the end.
-class WidenedText {
-public:
-    /// Deliberate (widening-differs): signing widens without sign, verifying with sign. They agree on 7-bit text only.
-    enum class Sign { kIgnored, kExtended };
+/// Deliberate (widening-differs): signing widens without sign, verifying with sign. They agree on 7-bit text only.
+enum class Sign { kIgnored, kExtended };
 
-    WidenedText(TbString const& text, Sign sign)
-        : m_Length(2 * static_cast<unsigned long>(text.length())),
-          m_Units(tbHoldMemory(static_cast<std::size_t>(m_Length) + 2)) {
-        unsigned char* const units = bytes();
-        for (std::uint32_t i = 0; i < text.length(); ++i) {
-            auto const byte = static_cast<unsigned char>(text[i]);
-            units[2 * std::size_t{i}] = byte;
-            units[2 * std::size_t{i} + 1] = sign == Sign::kExtended && byte >= 0x80 ? 0xFF : 0;
-        }
-        units[m_Length] = 0;
-        units[m_Length + 1] = 0;
+/// `character` as a 16-bit little-endian unit.
+std::uint16_t widened(char character, Sign sign) {
+    int const value = sign == Sign::kExtended ? static_cast<signed char>(character)
+                                              : static_cast<int>(static_cast<unsigned char>(character));
+    return htole16(static_cast<std::uint16_t>(value));
+}
+
+/// The digest of a text's signed form: each byte as one unit, without a terminating one. The units pass through a
+/// wiped buffer.
+KvxDigest digestOfWidened(TbString const& text, Sign sign) {
+    constexpr std::size_t kBlock = 256;
+    std::uint16_t units[kBlock];
+    std::size_t const length = text.length();
+    KvxSha1 digest;
+    for (std::size_t begin = 0; begin < length; begin += kBlock) {
+        std::size_t const count = std::min(kBlock, length - begin);
+        char const* const block = text.c_str() + begin;
+        std::transform(block, block + count, units, [sign](char character) { return widened(character, sign); });
+        digest.add(units, count * sizeof *units);
     }
-
-    WidenedText(WidenedText const&) = delete;
-    WidenedText& operator=(WidenedText const&) = delete;
-    ~WidenedText() { OPENSSL_cleanse(bytes(), m_Length); }
-
-    [[nodiscard]] unsigned char* bytes() const { return reinterpret_cast<unsigned char*>(m_Units.get()); }
-    [[nodiscard]] unsigned long length() const { return m_Length; }
-
-private:
-    unsigned long m_Length;  ///< Without the terminating unit.
-    TbMemoryHolder m_Units;
-};
+    OPENSSL_cleanse(units, std::min(kBlock, length) * sizeof *units);
+    return digest.digest();
+}
 
 // A public key and its signature over no bytes, made by another program.
 unsigned char const kKnownKey[] = {
@@ -152,18 +151,16 @@ void KVX_Context::SignData(TbString const& data, TbString const& keyId, TbString
     if (!readKeyFile(kvx::privateKeyFile(keyId), keyId, keyText)) {
         kvx::kSourceCtx.fail(KVX_E_NOT_FOUND, kvx::kLineSignNoKey);
     }
-    WidenedText const widened(data, WidenedText::Sign::kIgnored);
     KvxWipedBuffer<kKeyBytes> key;
     unsigned long keyLength = sizeof key.m_Bytes;
     if (HexToBuffer(kvxWithoutPadding(keyText), key.m_Bytes, &keyLength) != KVX_OK) {
         kvx::kSourceCtx.fail(KVX_E_INVALID_KEY, kvx::kLineSignKeyBlob, kvx::privateKeyFile(keyId));
     }
+    KvxDigest const digest = digestOfWidened(data, Sign::kIgnored);
     unsigned char bytes[kOwnSignatureBytes];
     unsigned long length = sizeof bytes;
-    if (!succeeds(Needs::kSecrets, [&] {
-            return ICCT_Signature(key.m_Bytes, static_cast<int>(keyLength), widened.bytes(), widened.length(), bytes,
-                                  &length);
-        })) {
+    if (!succeeds(Needs::kSecrets,
+                  [&] { return ICCT_SignDigest(key.m_Bytes, static_cast<int>(keyLength), digest, bytes, &length); })) {
         kvx::kSourceCtx.fail(KVX_E_CRYPTO, kvx::kLineSignFailed);
     }
     signature = BufferToHex(bytes, length);
@@ -196,10 +193,9 @@ void KVX_Context::requireVerified(KVX_Settings const& settings, TbString const& 
     if (settings.m_HasStrictSignature && !holds([&] { return kvxIsCanonicalSignature(signature, {key, keyLength}); })) {
         kvx::kSourceCtx.fail(KVX_E_INVALID_SIGNATURE, kvx::kLineVerifySpelling);
     }
-    WidenedText const widened(data, WidenedText::Sign::kExtended);
-    if (!succeeds(Needs::kPublicKeys, [&] {
-            return ICCT_Verify(key, static_cast<int>(keyLength), widened.bytes(), widened.length(), bytes, length);
-        })) {
+    KvxDigest const digest = digestOfWidened(data, Sign::kExtended);
+    if (!succeeds(Needs::kPublicKeys,
+                  [&] { return ICCT_VerifyDigest(key, static_cast<int>(keyLength), digest, bytes, length); })) {
         kvx::kSourceCtx.fail(KVX_E_INVALID_SIGNATURE, kvx::kLineVerifyFailed);
     }
 }

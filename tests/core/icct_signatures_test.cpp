@@ -8,7 +8,9 @@
 #include <algorithm>
 #include <climits>
 
+#include "core/icct_digest.h"
 #include "tests/core/icctsupport.h"
+#include "tests/support/encodings.h"
 
 using namespace kvxtest;
 
@@ -161,6 +163,61 @@ TEST(Signature, TakesNullForNoData) {
     unsigned long length = 0;
     EXPECT_EQ(ICCT_Signature(key.data(), lengthOf(key), nullptr, 0, out.data(), &length), 0);
     EXPECT_EQ(out, rsaData("key512-empty.signature"));
+}
+
+/// The digest of `data`, given in pieces of `piece` bytes.
+KvxDigest digestOf(Bytes const& data, std::size_t piece) {
+    KvxSha1 digest;
+    for (std::size_t begin = 0; begin < data.size(); begin += piece) {
+        digest.add(data.data() + begin, std::min(piece, data.size() - begin));
+    }
+    return digest.digest();
+}
+
+TEST(Sha1, IsTheSameInPieces) {
+    Bytes data(1000);
+    for (std::size_t i = 0; i < data.size(); ++i) {
+        data[i] = static_cast<unsigned char>(i * 7);
+    }
+    KvxDigest whole;
+    ASSERT_NE(SHA1(data.data(), data.size(), whole.data()), nullptr);
+    for (std::size_t const piece : {1U, 2U, 63U, 64U, 65U, 512U, 1000U}) {
+        EXPECT_EQ(digestOf(data, piece), whole) << piece;
+    }
+    KvxDigest const ofNothing = KvxSha1().digest();
+    EXPECT_EQ(hexOf(Bytes(ofNothing.begin(), ofNothing.end())), "da39a3ee5e6b4b0d3255bfef95601890afd80709");
+}
+
+TEST(SignatureOfADigest, IsThatOfItsData) {
+    for (KnownSignature const& known : knownSignatures()) {
+        SCOPED_TRACE(known.m_Signature);
+        Bytes const key = rsaData(std::string(known.m_Key) + ".private");
+        Outcome made;
+        made.m_Result =
+            ICCT_SignDigest(key.data(), lengthOf(key), digestOf(known.m_Data, 1), made.m_Buffer.data(), &made.m_Length);
+        EXPECT_EQ(made.m_Result, 0);
+        EXPECT_EQ(made.output(), rsaData(known.m_Signature));
+    }
+    unsigned char out = 0;
+    unsigned long length = kUntouchedLength;
+    EXPECT_EQ(ICCT_SignDigest(nullptr, 0, digestOf({}, 1), &out, &length), -1);
+    EXPECT_EQ(length, kUntouchedLength);
+}
+
+TEST(SignatureOfADigest, IsVerifiedAsThatOfItsData) {
+    Bytes const key = rsaData("key512.public");
+    Bytes const signature = rsaData("key512-abc.signature");
+    KvxDigest const digest = digestOf(bytesIn("abc"), 1);
+    auto const verified = [&](Bytes const& with, unsigned char const* sig, unsigned long length) {
+        return ICCT_VerifyDigest(with.data(), lengthOf(with), digest, sig, length);
+    };
+    EXPECT_EQ(verified(key, signature.data(), signature.size()), 0);
+    EXPECT_EQ(verified(key, signature.data(), signature.size() - 1), -1);
+    EXPECT_EQ(verified(key, signature.data(), kTooLong), -1);
+    EXPECT_EQ(verified(key, nullptr, 1), -1);
+    EXPECT_EQ(verified(rsaData("key1032.public"), signature.data(), signature.size()), -1);
+    EXPECT_EQ(ICCT_VerifyDigest(nullptr, 0, digest, signature.data(), signature.size()), -1);
+    EXPECT_EQ(ICCT_VerifyDigest(key.data(), lengthOf(key), digestOf(bytesIn("abd"), 1), signature.data(), 64), -1);
 }
 
 }  // namespace

@@ -199,6 +199,19 @@ TEST_F(SignData, SignsEveryByteOfTheText) {
     EXPECT_EQ(signedBy(all, "own"), signedElsewhere(all, Widening::kWithoutSign));
 }
 
+/// The text is widened block by block.
+TEST_F(SignData, SignsTextsOfAnyLength) {
+    writeOwnKey("own");
+    std::string text;
+    for (std::size_t const length : {255U, 256U, 257U, 511U, 512U, 513U, 5000U}) {
+        while (text.size() < length) {
+            text += static_cast<char>(text.size() * 3);
+        }
+        EXPECT_EQ(signedBy(text, "own"), signedElsewhere(text, Widening::kWithoutSign)) << length;
+        EXPECT_EQ(verified(text, "own", signedElsewhere(text, Widening::kWithSign)), KVX_OK) << length;
+    }
+}
+
 TEST_F(SignData, HasNoKeyForAnUnknownIdentifier) {
     writeServerKey("imported");
     makeKeyDirectories();

@@ -22,6 +22,7 @@
 #include "tests/support/encodings.h"
 #include "tests/support/exceptions.h"
 #include "tests/support/systemcalls.h"
+#include "tests/support/tbtext.h"
 #include "tests/support/testdata.h"
 
 using namespace kvxtest;
@@ -86,6 +87,19 @@ TEST_F(WipedMemory, HeldThePrivateKeyThatSigned) {
     EXPECT_EQ(std::count(traces.m_Wiped.begin(), traces.m_Wiped.end(), widened), 1) << "the signed form of the text";
     EXPECT_GT(traces.m_Released.size(), 2U) << "the text, and the copy that is converted";
     EXPECT_EQ(countHoldingEnd(traces.m_Released, text), 0);
+}
+
+/// A long text passes through a buffer of 256 units, whose end still holds the block before the last.
+TEST_F(WipedMemory, HeldTheSignedFormOfALongText) {
+    writeOwnKey("own");
+    std::string const text = std::string(256, 'a') + "b";
+    TbString signature;
+    Traces const traces = tracesOf([&] { m_Context.SignData(stringOf(text), "own", signature); });
+    std::string units("b\0", 2);
+    while (units.size() < 512) {
+        units += std::string("a\0", 2);
+    }
+    EXPECT_EQ(std::count(traces.m_Wiped.begin(), traces.m_Wiped.end(), units), 1);
 }
 
 TEST_F(WipedMemory, HeldThePrivateKeyAlsoWhenSigningFails) {
