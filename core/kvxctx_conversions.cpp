@@ -4,6 +4,8 @@
 // so no outgrown copy of a key stays in memory, and key text that is read is wiped. A new identifier prints the bytes
 // of a UUID in the order of a little-endian structure, which others parse. Time stamps clamp to the years 0 to 9999.
 
+#include "core/kvxctx_conversions.h"
+
 #include <uuid/uuid.h>
 
 #include <array>
@@ -115,20 +117,18 @@ TbString KVX_Context::BufferToHex(unsigned char* buffer, unsigned long length) {
     return hex;
 }
 
-std::int32_t KVX_Context::HexToBuffer(TbString hex, unsigned char* buffer, unsigned long* size) {
-    hex.keepSecret();
-    std::uint32_t const length = hex.length();
+std::int32_t kvxHexToBytes(char const* hex, std::uint32_t length, unsigned char* buffer, unsigned long* size) noexcept {
     bool const fits = (std::uint64_t{length} + 1) / 2 <= *size;
     auto const last = fits ? length : static_cast<std::uint32_t>(2 * *size);
-    char const* const digits = hex.c_str();
-    for (std::uint32_t i = 0; i + 1 < last; i += 2) {
-        int const value = valueOfHexDigit(digits[i]) * 16 | valueOfHexDigit(digits[i + 1]);
+    char const* const endOfPairs = hex + last / 2 * 2;
+    for (; hex != endOfPairs; hex += 2) {
+        int const value = valueOfHexDigit(hex[0]) * 16 | valueOfHexDigit(hex[1]);
         if (value < 0) {
             return KVX_E_COMMAND_FAILED;  // Deliberate (bad-digit-command-failed): the text fits badly
         }
-        buffer[i / 2] = static_cast<unsigned char>(value);
+        *buffer++ = static_cast<unsigned char>(value);
     }
-    if (last % 2 != 0 && valueOfHexDigit(digits[last - 1]) < 0) {
+    if (last % 2 != 0 && valueOfHexDigit(*hex) < 0) {
         return KVX_E_COMMAND_FAILED;
     }
     if (!fits) {
@@ -136,6 +136,11 @@ std::int32_t KVX_Context::HexToBuffer(TbString hex, unsigned char* buffer, unsig
     }
     *size = length / 2;
     return KVX_OK;
+}
+
+std::int32_t KVX_Context::HexToBuffer(TbString hex, unsigned char* buffer, unsigned long* size) {
+    hex.keepSecret();
+    return kvxHexToBytes(hex.c_str(), hex.length(), buffer, size);
 }
 
 void KVX_Context::SlToBackSl(TbString& text) {

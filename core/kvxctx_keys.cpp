@@ -19,6 +19,7 @@
 #include "core/icct_digest.h"
 #include "core/kvxctx.h"
 #include "core/kvxctx_checks.h"
+#include "core/kvxctx_conversions.h"
 #include "core/kvxctx_settings.h"
 #include "core/kvxdirectory.h"
 #include "core/kvxfile.h"
@@ -60,6 +61,11 @@ KvxDigest digestOfWidened(TbString const& text, Sign sign) {
     }
     OPENSSL_cleanse(units, std::min(kBlock, length) * sizeof *units);
     return digest.digest();
+}
+
+/// The bytes of a key in the `content` of its file; `size` as for kvxHexToBytes().
+std::int32_t readKeyText(TbString const& content, unsigned char* bytes, unsigned long& size) {
+    return kvxHexToBytes(content.c_str(), kvxLengthWithoutPadding(content), bytes, &size);
 }
 
 // A public key and its signature over no bytes, made by another program.
@@ -153,7 +159,7 @@ void KVX_Context::SignData(TbString const& data, TbString const& keyId, TbString
     }
     KvxWipedBuffer<kKeyBytes> key;
     unsigned long keyLength = sizeof key.m_Bytes;
-    if (HexToBuffer(kvxWithoutPadding(keyText), key.m_Bytes, &keyLength) != KVX_OK) {
+    if (readKeyText(keyText, key.m_Bytes, keyLength) != KVX_OK) {
         kvx::kSourceCtx.fail(KVX_E_INVALID_KEY, kvx::kLineSignKeyBlob, kvx::privateKeyFile(keyId));
     }
     KvxDigest const digest = digestOfWidened(data, Sign::kIgnored);
@@ -178,13 +184,13 @@ void KVX_Context::requireVerified(KVX_Settings const& settings, TbString const& 
     }
     unsigned char key[kKeyBytes];
     unsigned long keyLength = sizeof key;
-    if (HexToBuffer(kvxWithoutPadding(keyText), key, &keyLength) != KVX_OK) {
+    if (readKeyText(keyText, key, keyLength) != KVX_OK) {
         kvx::kSourceCtx.fail(KVX_E_INVALID_KEY, kvx::kLineVerifyKeyBlob, kvx::publicKeyFile(keyId));
     }
     unsigned char bytes[kSignatureBytes];
     unsigned long length = sizeof bytes;
     // Deliberate (bad-signature-text): a signature that is no hexadecimal text has the code of a bad key.
-    if (HexToBuffer(signature, bytes, &length) != KVX_OK) {
+    if (kvxHexToBytes(signature.c_str(), signature.length(), bytes, &length) != KVX_OK) {
         kvx::kSourceCtx.fail(KVX_E_INVALID_KEY, kvx::kLineVerifySignatureText);
     }
     if (!holds([&] { return kvxIsAcceptedKey(settings, {key, keyLength}); })) {
@@ -205,7 +211,7 @@ void KVX_Context::requireAcceptable(TbString const& keyBlob) {
     KVX_Settings const settings = settingsForVerification();
     unsigned char bytes[kKeyBytes];
     unsigned long length = sizeof bytes;
-    if (HexToBuffer(keyBlob, bytes, &length) != KVX_OK) {
+    if (kvxHexToBytes(keyBlob.c_str(), keyBlob.length(), bytes, &length) != KVX_OK) {
         length = 0;
     }
     bool const isAccepted = holds([&] {

@@ -522,10 +522,14 @@ bool kvxSyncNewDirectory(TbString const& path) {
     return syncDirectory(directoryOf(path.substring(0, length).c_str()), KvxWriteOptions());
 }
 
-TbString kvxWithoutPadding(TbString const& content) {
+std::uint32_t kvxLengthWithoutPadding(TbString const& content) noexcept {
     std::uint32_t length = content.length();
     while (length > 0 && content[length - 1] == '\0') {
         --length;
     }
-    return content.substring(0, length);
+    return length;
+}
+
+TbString kvxWithoutPadding(TbString const& content) {
+    return content.substring(0, kvxLengthWithoutPadding(content));
 }

@@ -93,4 +93,7 @@ KvxWriteResult kvxReplaceFile(char const* path, void const* data, std::size_t by
 /// function.
 [[nodiscard]] TbString kvxWithoutPadding(TbString const& content);
 
+/// The length of kvxWithoutPadding().
+[[nodiscard]] std::uint32_t kvxLengthWithoutPadding(TbString const& content) noexcept;
+
 #endif

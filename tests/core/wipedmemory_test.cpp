@@ -85,7 +85,7 @@ TEST_F(WipedMemory, HeldThePrivateKeyThatSigned) {
     EXPECT_EQ(countBeginning(traces.m_Wiped, text), 1) << "the reader's buffer";
     std::string const widened("t\0e\0x\0t\0", 8);
     EXPECT_EQ(std::count(traces.m_Wiped.begin(), traces.m_Wiped.end(), widened), 1) << "the signed form of the text";
-    EXPECT_GT(traces.m_Released.size(), 2U) << "the text, and the copy that is converted";
+    EXPECT_GT(traces.m_Released.size(), 2U) << "the text, and its file's names";
     EXPECT_EQ(countHoldingEnd(traces.m_Released, text), 0);
 }
 
