@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <memory>
 
+#include "core/kvxdirectory.h"
 #include "core/kvxfile.h"
 #include "core/kvxlines_core.h"
 #include "foundation/tbreleaser.h"
@@ -42,7 +43,11 @@ KVX_Context::KVX_Context(KVX_Context const&) = default;
 KVX_Context& KVX_Context::operator=(KVX_Context const&) = default;
 
 void KVX_Context::Open(TbString const& path) {
-    m_Path = path.isEmpty() ? GetDefaultConfiguration() : path;
+    if (path.isEmpty()) {
+        m_Path = GetDefaultConfiguration();
+    } else {
+        m_Path = path;
+    }
     kvx::kSourceCtx.trace(kvx::kLineOpen, "OPEN CONTEXT", m_Path);
     CreatePath(m_Path);
 }
@@ -89,5 +94,7 @@ void KVX_Context::SetOption(TbString const& name, TbString const& value) {
 void KVX_Context::LogMessage(TbString const&) {}
 
 TbString KVX_Context::pathOf(TbString const& file) const {
-    return m_Path + "/" + file;
+    TbString path = kvx::joinedPath(m_Path.c_str(), m_Path.length(), file);
+    path.joinSecrecyOf(m_Path);
+    return path;
 }

@@ -11,6 +11,7 @@
 #include "core/kvxdirectory.h"
 #include "core/kvxdocument.h"
 #include "core/kvxfile.h"
+#include "core/kvxidentifier.h"
 #include "core/kvxlines_core.h"
 #include "foundation/tbsystem.h"
 #include "net/kvxurl.h"
@@ -126,9 +127,8 @@ bool KVX_Context::readOptionalFile(TbString const& file, TbStringStream& content
 // unknown one.
 bool KVX_Context::readKeyFile(TbString const& file, TbString const& keyId, TbStringStream& content) {
     KvxReadResult const result = tryReadFile(file, content);
-    bool const namesDirectory = keyId.isEmpty() || keyId == TbString(".") || keyId == TbString("..");
     if (result == KvxReadResult::kAbsent || result == KvxReadResult::kNameTooLong ||
-        (result == KvxReadResult::kDirectory && namesDirectory)) {
+        (result == KvxReadResult::kDirectory && kvxNamesDirectory(keyId))) {
         kvx::kSourceUrl.traceFailure(KVX_E_CANNOT_OPEN, kvx::kLineOpenFile);
         return false;
     }

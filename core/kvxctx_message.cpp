@@ -76,7 +76,7 @@ void KVX_Message::Create(KVX_Context* context, TbString const& msgType) {
     m_KeyId = kvxWithoutPadding(required(account, kvx::kCurrentKeyFile, "", KVX_E_NO_KEY_ID, kvx::kLineCreateKeyId));
     m_Element->setAttribute("MSGTYPE", msgType);
     m_Element->setAttribute("KEYID", m_KeyId);
-    if (msgType == TbString("PayComplete")) {
+    if (kvxIsWord(msgType, "PayComplete")) {
         m_Element->setAttribute("CONFIGPATH", account.GetPath());
     }
 }
@@ -104,7 +104,7 @@ void KVX_Message::Open(KVX_Context* context, TbString const& data, TbString cons
     }
     TbString type("");
     element->getAttribute("MSGTYPE", type);
-    bool const isConfirmation = type == TbString("PayConfirm");
+    bool const isConfirmation = kvxIsWord(type, "PayConfirm");
     if (settings.m_HasStrictConfirm && !isConfirmation) {
         kvx::kSourceCtx.fail(KVX_E_WRONG_RESPONSE, kvx::kLineConfirmType);
     }

@@ -4,6 +4,7 @@
 #include "core/kvxctx_settings.h"
 #include "core/kvxdocument.h"
 #include "core/kvxlines_core.h"
+#include "core/kvxpercent.h"
 
 namespace {
 
@@ -31,7 +32,8 @@ void KVX_Context::RequestToURL(TbString const& baseUrl, TbStringStream& message,
     result.append(credentials);
     result.append(remainder);
     result.append("?DATA=");
-    result.append(Encode(message.str()));
+    result.joinSecrecyOf(message.str());
+    kvxPercentEncode(message.str(), 0, message.length(), result);
     if (!signature.isEmpty()) {
         result.append("&SIGNATURE=");
         result.append(signature);
@@ -42,7 +44,7 @@ void KVX_Context::RequestToURL(TbString const& baseUrl, TbStringStream& message,
 void KVX_Context::CheckResponseMsgType(xmlElement* response, TbString const& expected) {
     TbString type("");
     response->getAttribute("MSGTYPE", type);
-    if (type == TbString("Error")) {
+    if (kvxIsWord(type, "Error")) {
         TbString message("");
         response->getAttribute("MESSAGE", message);
         kvx::kSourceCtx.fail(KVX_E_SERVER_ERROR, kvx::kLineResponseError, message);

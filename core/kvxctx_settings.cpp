@@ -215,7 +215,7 @@ KVX_Settings KVX_Context::settingsForExchange() {
 }
 
 KVX_Settings KVX_Context::settingsForVerification() {
-    if (m_Path.isEmpty() || IsHttp(pathOf(kvx::kSettingsFile))) {
+    if (m_Path.isEmpty() || IsHttp(m_Path)) {
         return {};
     }
     TbStringStream text;

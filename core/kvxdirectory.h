@@ -2,6 +2,8 @@
 #ifndef TALLOWIN_CORE_KVXDIRECTORY_H
 #define TALLOWIN_CORE_KVXDIRECTORY_H
 
+#include <cstddef>
+
 #include "foundation/tbstring.h"
 
 namespace kvx {
@@ -15,12 +17,22 @@ inline constexpr char kPrivateKeysDirectory[] = "keys/private";  ///< Own keys, 
 inline constexpr char kPublicKeysDirectory[] = "keys/public";    ///< Own and server keys, one file per key id.
 inline constexpr char kCurrentKeyFile[] = "keys/current";        ///< The id of the key that signs.
 
+/// `directory`, of `length` bytes, and `file` with a "/" between them, allocated once.
+inline TbString joinedPath(char const* directory, std::size_t length, TbString const& file) {
+    TbString path;
+    path.grow(static_cast<std::uint32_t>(length) + 1 + file.length());
+    path.append(directory, static_cast<std::uint32_t>(length));
+    path.append('/');
+    path.append(file);
+    return path;
+}
+
 inline TbString privateKeyFile(TbString const& keyId) {
-    return kPrivateKeysDirectory + ("/" + keyId);
+    return joinedPath(kPrivateKeysDirectory, sizeof kPrivateKeysDirectory - 1, keyId);
 }
 
 inline TbString publicKeyFile(TbString const& keyId) {
-    return kPublicKeysDirectory + ("/" + keyId);
+    return joinedPath(kPublicKeysDirectory, sizeof kPublicKeysDirectory - 1, keyId);
 }
 
 /// Whether `file` is the file of a private key.

@@ -2,6 +2,8 @@
 #ifndef TALLOWIN_CORE_KVXDOCUMENT_H
 #define TALLOWIN_CORE_KVXDOCUMENT_H
 
+#include <cstddef>
+
 #include "xml/xmlelement.h"
 #include "xml/xmllimits.h"
 
@@ -14,6 +16,12 @@
 /// The same from a string.
 [[nodiscard]] xmlElementPtr kvxParseDocument(TbString const& text, xmlLimits const& limits = {},
                                              TbString const& file = TbString());
+
+/// Whether the attribute value `value` is `word`, as TbString compares two strings, without making a second one.
+template <std::size_t kSize>
+[[nodiscard]] bool kvxIsWord(TbString const& value, char const (&word)[kSize]) {
+    return value.length() == kSize - 1 && value == word;
+}
 
 /// A new "KVX" element without attributes.
 [[nodiscard]] xmlElementPtr kvxNewDocument();

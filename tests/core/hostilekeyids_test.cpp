@@ -18,6 +18,7 @@
 
 #include "api/cMessageFactory.h"
 #include "api/cMessageObject.h"
+#include "core/kvxidentifier.h"
 #include "tests/core/coresupport.h"
 #include "tests/core/forgerysupport.h"
 #include "tests/support/encodings.h"
@@ -466,6 +467,23 @@ TEST_F(HostileKeyIds, OfTheCurrentKeySignNothing) {
         }
     }
     EXPECT_EQ(signing("").m_Code, KVX_E_NOT_FOUND);
+}
+
+TEST(KeyIds, AreDirectoriesOwnNamesOrFilesOfOne) {
+    struct Row {
+        std::string m_KeyId;
+        bool m_IsDirectory;
+        bool m_IsFile;
+    };
+    Row const rows[] = {
+        {"", true, true},       {".", true, false},      {"..", true, false},  {"...", false, true},
+        {".a", false, true},    {"a.", false, true},     {"a", false, true},   {"a/b", false, false},
+        {".\0"s, false, false}, {"..\0"s, false, false}, {"./", false, false}, {"\0"s, false, false},
+    };
+    for (Row const& row : rows) {
+        EXPECT_EQ(kvxNamesDirectory(stringOf(row.m_KeyId)), row.m_IsDirectory) << row.m_KeyId;
+        EXPECT_EQ(kvxNamesFileInDirectory(stringOf(row.m_KeyId)), row.m_IsFile) << row.m_KeyId;
+    }
 }
 
 }  // namespace

@@ -9,6 +9,8 @@
 #include <filesystem>
 #include <string>
 
+#include "core/kvxdirectory.h"
+#include "core/kvxdocument.h"
 #include "tests/core/coresupport.h"
 #include "tests/support/exceptions.h"
 #include "tests/support/processes.h"
@@ -459,6 +461,23 @@ TEST_F(BinaryUpdateFile, RefusesAnUnopenedContext) {
     unsigned char byte = 'a';
     expectFailure([&] { context.UpdateFile("file", &byte, 1UL); }, KVX_E_NO_CONTEXT, "kvxctx", 166,
                   "no context present");
+}
+
+TEST(IsWord, ComparesAllOfAValue) {
+    EXPECT_TRUE(kvxIsWord("Error", "Error"));
+    for (std::string const& other : {std::string(), std::string("Erro"), std::string("Errors"), std::string("error"),
+                                     std::string("Error\0", 6), std::string("Err\0r", 5)}) {
+        EXPECT_FALSE(kvxIsWord(stringOf(other), "Error")) << other;
+    }
+}
+
+TEST(JoinedPath, JoinsBothPartsAndTheSecrecyOfTheFile) {
+    TbString file("f");
+    EXPECT_EQ(bytesOf(kvx::joinedPath("", 0, file)), "/f");
+    EXPECT_EQ(bytesOf(kvx::joinedPath("dir/", 4, file)), "dir//f");
+    EXPECT_FALSE(kvx::joinedPath("dir", 3, file).isSecret());
+    file.keepSecret();
+    EXPECT_TRUE(kvx::joinedPath("dir", 3, file).isSecret());
 }
 
 }  // namespace
