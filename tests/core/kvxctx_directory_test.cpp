@@ -326,6 +326,23 @@ TEST(CreatePath, OpensADirectoryAloneAndCloseOnExec) {
     EXPECT_EQ(thrownCode([&] { context.CreatePath(dir.file("pipe").c_str()); }), EEXIST) << "without a wait";
 }
 
+TEST(CreatePath, LooksOnceMoreWhereClosingFails) {
+    static int s_Closed = 0;
+    s_Closed = 0;
+    TemporaryDirectory dir;
+    auto const before = countDescriptors();
+    SystemCalls calls;
+    calls->close = [](int file) {
+        int const result = ::close(file);
+        errno = EIO;
+        return s_Closed++ == 0 ? -1 : result;
+    };
+    KVX_Context context;
+    EXPECT_NO_THROW(context.CreatePath(dir.path().c_str()));
+    EXPECT_EQ(s_Closed, 2);
+    EXPECT_EQ(countDescriptors(), before);
+}
+
 TEST(CreatePath, LeavesNoDirectoryOpen) {
     TemporaryDirectory dir;
     auto const before = countDescriptors();

@@ -434,6 +434,11 @@ TEST_F(VerifyData, HasNoKeyForTheDirectoriesThemselves) {
     EXPECT_EQ(verified("x", std::string(300, 'x'), "00"), KVX_E_NOT_FOUND);
 }
 
+TEST_F(VerifyData, CannotOpenADirectoryInThePlaceOfAKey) {
+    std::filesystem::create_directories(m_Dir.file("keys/public/folder"));
+    EXPECT_EQ(verified("text", "folder", "00"), KVX_E_CANNOT_OPEN);
+}
+
 TEST_F(VerifyData, RefusesAnUnopenedContext) {
     KVX_Context context;
     Thrown const failure = thrown([&] { context.VerifyData("x", "server", "00"); });
