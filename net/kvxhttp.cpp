@@ -16,6 +16,7 @@
 #include "net/kvxdecimal.h"
 #include "net/kvxhttp_address.h"
 #include "net/kvxlines_net.h"
+#include "net/kvxresponse.h"
 #include "net/kvxsocket.h"
 #include "net/kvxwait.h"
 
@@ -288,10 +289,11 @@ void KVX_HttpSession::SendRequest() {
 void KVX_HttpSession::ReceiveResponse() {
     requireState(kSent, "ReceiveResponse", kvx::kLineReceiveState);
     std::uint32_t const most = m_Record.transfer.maxResponse;
+    KvxResponseRoom room(m_Response, most);
     std::uint64_t total = 0;
     std::int32_t received = 0;
     do {
-        received = m_Connection->Read(m_Response);
+        received = m_Connection->ReadUpTo(m_Response, room.next(total));
         if (received < 0) {
             kvx::kSourceHttp.fail(m_Connection->LastError(), kvx::kLineReceive, "failed to receive from host");
         }

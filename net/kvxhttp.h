@@ -95,6 +95,11 @@ public:
     /// Finishes the set-up of a connected socket. Returns KVX_OK or a code.
     virtual std::int32_t Setup() = 0;
 
+    /// As many Reads at once, for a peer that has sent much: receives up to `most` bytes, a multiple of 1024, and
+    /// appends them in chunks of 1024 bytes, each cut off by its first zero byte. Returns as Read does.
+    /// A connection without a way of its own reads once.
+    virtual std::int32_t ReadUpTo(TbStringStream& into, std::uint32_t most);
+
     /// Raise KVX_E_OUT_OF_MEMORY (TBFC_Exception) instead of std::bad_alloc.
     static void* operator new(std::size_t bytes);
     static void operator delete(void* memory) noexcept;
@@ -127,9 +132,12 @@ public:
 
     /// Does nothing.
     std::int32_t Setup() override;
+    std::int32_t ReadUpTo(TbStringStream& into, std::uint32_t most) override;
 
 private:
     static constexpr std::size_t kChunk = 1024;
+
+    std::int32_t receive(char* room, std::size_t bytes);
 
     int m_Socket = -1;          ///< -1 when there is none.
     int m_LastResult = 0;       ///< Of the last socket call; the code after a failed Connect.
@@ -192,6 +200,7 @@ public:
     /// Deliberate (clean-end-in-handshake): a peer that closes cleanly instead of shaking hands is no failure; the next
     /// operation fails. A connection that verifies its peer takes it for the failure it is.
     std::int32_t Setup() override;
+    std::int32_t ReadUpTo(TbStringStream& into, std::uint32_t most) override;
 
 private:
     static constexpr std::size_t kChunk = 1024;
@@ -208,6 +217,7 @@ private:
 
     template <class Call>
     int run(Call call);
+    std::int32_t receive(char* room, std::size_t bytes);
     bool waitAsWanted(KvxDeadline const& end);
     void makeContext();
     bool expectHost();

@@ -6,10 +6,15 @@
 #include "foundation/tbsystem.h"
 #include "net/kvxhttp.h"
 #include "net/kvxhttp_errno.h"
+#include "net/kvxresponse.h"
 #include "net/kvxsocket.h"
 #include "net/kvxwait.h"
 
 KVX_Connection::~KVX_Connection() = default;
+
+std::int32_t KVX_Connection::ReadUpTo(TbStringStream& into, std::uint32_t) {
+    return Read(into);
+}
 
 void* KVX_Connection::operator new(std::size_t bytes) {
     return TbRefCounter::operator new(bytes);
@@ -38,17 +43,26 @@ std::int32_t SockConnection::Disconnect() {
     return KVX_OK;
 }
 
-std::int32_t SockConnection::Read(TbStringStream& into) {
-    auto const receive = [this] { return tbSystem().recv(m_Socket, m_Buffer, kChunk, 0); };
+/// Receives up to `bytes` bytes to `room`.
+std::int32_t SockConnection::receive(char* room, std::size_t bytes) {
+    auto const receive = [&] { return tbSystem().recv(m_Socket, room, bytes, 0); };
     KvxDeadline const end(m_Limits.ioTimeout, m_Limits.deadline);
     m_LastResult = static_cast<int>(m_Limits.hasEnd() ? kvxCallWhenReady(m_Socket, POLLIN, end, receive)
                                                       : tbRetryInterrupted(receive));
-    if (m_LastResult == -1) {
+    return m_LastResult;
+}
+
+std::int32_t SockConnection::Read(TbStringStream& into) {
+    if (receive(m_Buffer, kChunk) == -1) {
         return -1;
     }
     m_Buffer[m_LastResult] = '\0';
     into.put(m_Buffer);
     return m_LastResult;
+}
+
+std::int32_t SockConnection::ReadUpTo(TbStringStream& into, std::uint32_t most) {
+    return kvxReceiveInto(into, most, [&](char* room) { return receive(room, most); });
 }
 
 std::int32_t SockConnection::Write(TbStringStream& from) {

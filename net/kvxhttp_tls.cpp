@@ -21,6 +21,7 @@
 #include "net/kvxhttp_errno.h"
 #include "net/kvxlines_net.h"
 #include "net/kvxmemorywatch.h"
+#include "net/kvxresponse.h"
 #include "net/kvxsocket.h"
 #include "net/kvxtls.h"
 #include "net/kvxtlscache.h"
@@ -309,14 +310,23 @@ std::int32_t SslConnection::Disconnect() {
     return KVX_OK;
 }
 
+/// Receives up to `bytes` bytes to `room`: those of one record at most.
+std::int32_t SslConnection::receive(char* room, std::size_t bytes) {
+    m_LastResult = run([&](SSL* session) { return SSL_read(session, room, static_cast<int>(bytes)); });
+    return m_LastResult;
+}
+
 std::int32_t SslConnection::Read(TbStringStream& into) {
-    m_LastResult = run([this](SSL* session) { return SSL_read(session, m_Buffer, static_cast<int>(kChunk)); });
-    if (m_LastResult == -1) {
+    if (receive(m_Buffer, kChunk) == -1) {
         return -1;
     }
     m_Buffer[m_LastResult] = '\0';
     into.put(m_Buffer);
     return m_LastResult;
+}
+
+std::int32_t SslConnection::ReadUpTo(TbStringStream& into, std::uint32_t most) {
+    return kvxReceiveInto(into, most, [&](char* room) { return receive(room, most); });
 }
 
 std::int32_t SslConnection::Write(TbStringStream& from) {
