@@ -67,12 +67,11 @@ std::int32_t SockConnection::ReadUpTo(TbStringStream& into, std::uint32_t most) 
 
 std::int32_t SockConnection::Write(TbStringStream& from) {
     KvxBytesToSend const bytes(from.str());
-    SigPipeGuard const guard;
     KvxDeadline const end(m_Limits.ioTimeout, m_Limits.deadline);
     bool const continues = m_Limits.sendAll || m_Limits.hasEnd();
     std::size_t sent = 0;
     ssize_t count = 0;
-    auto const send = [&] { return tbSystem().send(m_Socket, bytes.data() + sent, bytes.size() - sent, 0); };
+    auto const send = [&] { return tbSystem().send(m_Socket, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL); };
     do {
         count = m_Limits.hasEnd() ? kvxCallWhenReady(m_Socket, POLLOUT, end, send) : tbRetryInterrupted(send);
         sent += count > 0 ? static_cast<std::size_t>(count) : 0;

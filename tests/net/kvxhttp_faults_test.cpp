@@ -326,7 +326,7 @@ TEST(SendFaults, SendsAgainAfterASignal) {
     SystemCalls system;
     g_Calls = 0;
     system->send = [](int socket, void const* buffer, std::size_t bytes, int flags) -> ssize_t {
-        EXPECT_EQ(flags, 0);
+        EXPECT_EQ(flags, MSG_NOSIGNAL);
         if (g_Calls++ < 2) {
             errno = EINTR;
             return -1;
