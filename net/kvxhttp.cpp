@@ -24,6 +24,7 @@ namespace {
 
 constexpr std::int32_t kStatusOk = 200;
 constexpr std::int64_t kMillisecondsPerSecond = 1000;
+constexpr std::uint64_t kOrdinaryRequest = 1024;  // bytes
 constexpr char kEndOfHeader[] = "\r\n\r\n";
 
 /// Prints foreign text between fixed texts and flushes: the host program may have buffers of its own. The reader may
@@ -60,7 +61,13 @@ std::int32_t proxyStatus(TbString const& reply) {
 
 void runSession(KVX_RequestInfo const& request, TbStringStream& out) {
     KVX_HttpSession session(request);
-    kvx::kSourceHttp.trace(kvx::kLineUrlOpen, "URL OPEN", request.scheme + "://" + request.host + ":" + request.port);
+    TbStringStream server;
+    server.put(request.scheme);
+    server.put("://");
+    server.put(request.host);
+    server.put(":");
+    server.put(request.port);
+    kvx::kSourceHttp.trace(kvx::kLineUrlOpen, "URL OPEN", server);
     session.ConnectNetwork();
     session.BuildRequest();
     session.SendRequest();
@@ -255,6 +262,7 @@ void KVX_HttpSession::ProxyConnect() {
 
 void KVX_HttpSession::BuildRequest() {
     requireState(kConnected, "BuildRequest", kvx::kLineBuildState);
+    TbStringWriter const roomForMost(m_Request, kOrdinaryRequest);
     m_Request.put("GET ");
     if (usesProxy() && !isSecure()) {
         m_Request.put(m_Record.scheme);

@@ -84,17 +84,23 @@ SigPipeGuard::~SigPipeGuard() {
     errno = failure;
 }
 
-KvxBytesToSend::KvxBytesToSend(TbString const& text) : m_Size(text.length()), m_Bytes(tbHoldMemory(m_Size + 1)) {
+KvxBytesToSend::KvxBytesToSend(TbString const& text) : m_Size(text.length()), m_Bytes(text.c_str()) {
     std::size_t const used = TCSLEN(text.buffer());
-    std::memcpy(m_Bytes.get(), text.c_str(), used);
-    std::memset(m_Bytes.get() + used, 0, m_Size - used + 1);
+    if (used != m_Size) {
+        m_Copy = tbHoldMemory(m_Size);
+        std::memcpy(m_Copy.get(), text.c_str(), used);
+        std::memset(m_Copy.get() + used, 0, m_Size - used);
+        m_Bytes = m_Copy.get();
+    }
 }
 
 KvxBytesToSend::~KvxBytesToSend() {
-    int const failure = errno;
-    ::explicit_bzero(m_Bytes.get(), m_Size);
-    m_Bytes.reset();
-    errno = failure;
+    if (m_Copy != nullptr) {
+        int const failure = errno;
+        ::explicit_bzero(m_Copy.get(), m_Size);
+        m_Copy.reset();
+        errno = failure;
+    }
 }
 
 int ConnectSocket(int socket, sockaddr const* address, KVX_ConnectionLimits const& limits) {

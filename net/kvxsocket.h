@@ -18,8 +18,8 @@ struct sockaddr;
 /// not block from now on, and the failure may be ETIMEDOUT.
 [[nodiscard]] int ConnectSocket(int socket, sockaddr const* address, KVX_ConnectionLimits const& limits);
 
-/// The bytes to send for a text: all of it, with zeros from its first zero byte on. Wiped at the end, because requests
-/// hold credentials. Leaves `errno` alone.
+/// The bytes to send for a text: all of it, with zeros from its first zero byte on. Borrows the text. A copy, which
+/// only a text with a zero byte needs, is wiped at the end, because requests hold credentials. Leaves `errno` alone.
 class KvxBytesToSend {
 public:
     /// Raises KVX_E_OUT_OF_MEMORY (TBFC_Exception).
@@ -28,12 +28,13 @@ public:
     KvxBytesToSend& operator=(KvxBytesToSend const&) = delete;
     ~KvxBytesToSend();
 
-    [[nodiscard]] char const* data() const noexcept { return m_Bytes.get(); }
+    [[nodiscard]] char const* data() const noexcept { return m_Bytes; }
     [[nodiscard]] std::size_t size() const noexcept { return m_Size; }
 
 private:
     std::size_t m_Size;
-    TbMemoryHolder m_Bytes;
+    char const* m_Bytes;
+    TbMemoryHolder m_Copy;  ///< Null when the text can be sent as it is.
 };
 
 /// Keeps a write to a closed peer from raising SIGPIPE, for the calling thread alone: blocks the signal for its own

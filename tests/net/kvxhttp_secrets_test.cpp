@@ -126,12 +126,15 @@ TEST(WipedCredentials, OfAnExchangeThroughAProxy) {
 TEST(WipedCredentials, OfWritesThatFail) {
     for (KVX_Connection* const connection :
          {static_cast<KVX_Connection*>(new SockConnection), static_cast<KVX_Connection*>(new SslConnection)}) {
-        leavesNothingBehind([&] {
-            TbStringStream request;
-            request.keepSecret();
-            request.put(kCanaryPassword);
-            EXPECT_LT(connection->Write(request), 0);
-        });
+        for (std::uint32_t const rest : {0U, 2U}) {  // with a zero byte a copy is sent
+            leavesNothingBehind([&] {
+                TbStringStream request;
+                request.keepSecret();
+                request.put(kCanaryPassword);
+                request.put("\0x", rest);
+                EXPECT_LT(connection->Write(request), 0);
+            });
+        }
         delete connection;
     }
 }
