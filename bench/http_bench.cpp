@@ -4,10 +4,10 @@
 // response. Processor time of the client.
 //
 // Times faster in one run:
-//   HTTP exchange, response of 1 KB, libcurl            1.78
-//   HTTP exchange, response of 1 KB, bare socket loop   0.80
-//   HTTP exchange, response of 1 MB, libcurl            0.47
-//   HTTP exchange, response of 10 MB, libcurl           0.76
+//   HTTP exchange, response of 1 KB, libcurl            1.92
+//   HTTP exchange, response of 1 KB, bare socket loop   0.77
+//   HTTP exchange, response of 1 MB, libcurl            1.80
+//   HTTP exchange, response of 10 MB, libcurl           3.59
 
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
