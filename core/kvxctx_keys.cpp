@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdint>
 #include <cstring>
 
@@ -44,6 +45,11 @@ std::uint16_t widened(char character, Sign sign) {
     int const value = sign == Sign::kExtended ? static_cast<signed char>(character)
                                               : static_cast<int>(static_cast<unsigned char>(character));
     return htole16(static_cast<std::uint16_t>(value));
+}
+
+/// Texts whose signed form has more bytes than an `int` counts are neither signed nor verified.
+bool isSignable(TbString const& text) {
+    return text.length() <= INT_MAX / sizeof(std::uint16_t);
 }
 
 /// The digest of a text's signed form: each byte as one unit, without a terminating one. The units pass through a
@@ -162,6 +168,9 @@ void KVX_Context::SignData(TbString const& data, TbString const& keyId, TbString
     if (readKeyText(keyText, key.m_Bytes, keyLength) != KVX_OK) {
         kvx::kSourceCtx.fail(KVX_E_INVALID_KEY, kvx::kLineSignKeyBlob, kvx::privateKeyFile(keyId));
     }
+    if (!isSignable(data)) {
+        kvx::kSourceCtx.fail(KVX_E_CRYPTO, kvx::kLineSignFailed);
+    }
     KvxDigest const digest = digestOfWidened(data, Sign::kIgnored);
     unsigned char bytes[kOwnSignatureBytes];
     unsigned long length = sizeof bytes;
@@ -198,6 +207,9 @@ void KVX_Context::requireVerified(KVX_Settings const& settings, TbString const& 
     }
     if (settings.m_HasStrictSignature && !holds([&] { return kvxIsCanonicalSignature(signature, {key, keyLength}); })) {
         kvx::kSourceCtx.fail(KVX_E_INVALID_SIGNATURE, kvx::kLineVerifySpelling);
+    }
+    if (!isSignable(data)) {
+        kvx::kSourceCtx.fail(KVX_E_INVALID_SIGNATURE, kvx::kLineVerifyFailed);
     }
     KvxDigest const digest = digestOfWidened(data, Sign::kExtended);
     if (!succeeds(Needs::kPublicKeys,

@@ -328,6 +328,14 @@ TEST_F(VerifyData, KeepsRefusingWhatSignDataMadeOfBytesAbove127) {
     }
 }
 
+TEST_F(VerifyData, RefusesATextOfAGigabyteAsSignDataDoes) {
+    TbString const text(std::string(std::size_t{1} << 30, 'a').c_str());
+    TbString signature;
+    EXPECT_EQ(thrownCode([&] { m_Context.SignData(text, "own", signature); }), KVX_E_CRYPTO);
+    signature = stringOf(signedBy("text", "own"));
+    EXPECT_EQ(thrownCode([&] { m_Context.VerifyData(text, "own", signature); }), KVX_E_INVALID_SIGNATURE);
+}
+
 TEST_F(VerifyData, AcceptsAnEmptyText) {
     writeOwnKey("own");
     EXPECT_EQ(verified("", "own", signedBy("", "own")), KVX_OK);
