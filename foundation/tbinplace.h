@@ -9,6 +9,7 @@ template <class T>
 class TbInPlace : public T {
 public:
     TbInPlace() = default;
+    explicit TbInPlace(TbCountedByMaker how) noexcept : T(how) {}
     TbInPlace(TbInPlace const&) = delete;
     TbInPlace& operator=(TbInPlace const&) = delete;
     using T::operator=;
@@ -34,8 +35,22 @@ struct TbInPlaceText {
     /// Makes `target`, which has no buffer, a copy of `text` in the bytes at `place`.
     static void copy(TbString& target, TbString const& text, char* place) noexcept { target.holdInPlace(place, text); }
 
+    /// Makes `target`, which has no buffer, the text of `length` bytes and a zero byte at `place`.
+    static void lend(TbString& target, char* place, std::uint32_t length) noexcept { target.lieAt(place, length); }
+
     /// Makes `target`, which has no buffer, an empty text with one.
     static void empty(TbString& target) noexcept { target.holdNothing(); }
+
+    /// Bytes of an object that ends with the room for its text, `room` bytes.
+    static std::size_t sizeWithRoom(std::size_t room) noexcept {
+        return sizeof(TbString) - sizeof TbString::m_Text + room;
+    }
+
+    /// Lets texts that are assigned to `target` lie in its own last `room` bytes, zero byte included.
+    static void giveRoom(TbString& target, std::uint8_t room) noexcept { target.m_Place = room; }
 };
+
+/// TCSNCMP of two texts of `length` bytes each.
+std::int32_t tbCompareTexts(std::uint32_t length, char const* left, char const* right) noexcept;
 
 #endif

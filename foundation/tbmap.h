@@ -39,8 +39,11 @@ public:
 
     static void allocate(TbObject** slot);
 
+protected:
+    explicit TbKeyValue(TbCountedByMaker how) noexcept : TbFindable(how) {}
+
 private:
-    friend struct TbTextEntry;
+    friend struct TbMapEntry;
 
     TbFindable* m_Key = nullptr;    ///< Owned.
     TbFindable* m_Value = nullptr;  ///< Owned.
@@ -74,17 +77,28 @@ public:
     [[nodiscard]] TbMapItem* previous() const noexcept { return m_Previous; }
     [[nodiscard]] TbMapItem* next() const noexcept { return m_Next; }
 
-    /// Borrowed; null in an empty map item.
-    [[nodiscard]] TbFindable* item() const noexcept { return m_Item; }
+    /// Borrowed; null in an empty map item. A map makes a pair of strings when it is asked for: the first call may
+    /// raise KVX_E_OUT_OF_MEMORY (TBFC_Exception), changing nothing.
+    [[nodiscard]] TbFindable* item() const { return m_IsCompact ? makePair() : m_Item; }
 
     static void allocate(TbObject** slot);
 
+protected:
+    explicit TbMapItem(TbCountedByMaker how) noexcept : TbFindable(how) {}
+
 private:
     friend struct TbInsertionList;
+    friend struct TbMapEntry;
+    friend TbTreeNode const* tbCompactNodeOf(TbFindable const& element) noexcept;
 
+    TbFindable* makePair() const;
+    KVX_INTERNAL void setItem(TbFindable* item) noexcept;
+
+    mutable bool m_IsCompact = false;  ///< The key lies behind the node, the value behind this, and there is no item.
+    std::uint8_t m_Offset = 0;         ///< Bytes from the node in whose memory this lies; 0 for memory of its own.
     TbMapItem* m_Previous = nullptr;
     TbMapItem* m_Next = nullptr;
-    TbFindable* m_Item = nullptr;  ///< Owned.
+    mutable TbFindable* m_Item = nullptr;  ///< Owned.
 };
 
 /// The doubly linked list through the items of a map, in insertion order. Owns nothing.
@@ -151,6 +165,8 @@ protected:
     void appendToOrder(TbMapItem* item) noexcept { m_List.append(item); }
 
 private:
+    KVX_INTERNAL TbMapItem* putEntry(TbTreeNode* node);
+
     TbInsertionList m_List;
 };
 

@@ -145,7 +145,7 @@ bool TbMultimap::remove(TbFindable const& probe) {
     }
     // The tree must still find the vector by its first entry, so it leaves the tree before its entries go.
     std::uint32_t const left = m_Count - entries->count();
-    TbOwned<TbFindable> const detached(detach(probe));
+    TbOwned<TbTreeNode> const detached(detach(probe));
     m_Count = left;
     destroyEntries(*entries);
     return true;

@@ -14,6 +14,9 @@ class TbObject;
 /// Raises KVX_E_OUT_OF_MEMORY (TBFC_Exception) when there is no memory; `*slot` is null then.
 using TbAllocator = void (*)(TbObject** slot);
 
+/// Marks an object that its maker counts as living, in one step with others.
+struct TbCountedByMaker {};
+
 /// The root: counts the references to itself, and all living objects together.
 ///
 /// A new object has count 0 and belongs to its creator until a TbPtr takes it. One object may be used by one thread at
@@ -54,7 +57,12 @@ public:
     static void operator delete(void* memory) noexcept;
     static void operator delete(void*, void*) noexcept {}
 
+protected:
+    explicit TbRefCounter(TbCountedByMaker) noexcept {}
+
 private:
+    friend struct TbMapEntry;
+
     static void countLiving(std::int32_t change) noexcept {
         __atomic_fetch_add(&m_nTotalRef, change, __ATOMIC_RELAXED);
     }
@@ -82,6 +90,9 @@ public:
     virtual bool isInstanceOf(char const* className) const;
 
     static void allocate(TbObject** slot);
+
+protected:
+    explicit TbObject(TbCountedByMaker how) noexcept : TbRefCounter(how) {}
 };
 
 /// An object that can be ordered. Containers call both operators; here both return false.
@@ -98,6 +109,9 @@ public:
     virtual bool operator==(TbFindable const& other) const;
 
     static void allocate(TbObject** slot);
+
+protected:
+    explicit TbFindable(TbCountedByMaker how) noexcept : TbObject(how) {}
 };
 
 /// The body of every class's `allocate`.

@@ -7,6 +7,8 @@
 #include "foundation/tbinplace.h"
 #include "foundation/tbobject.h"
 
+class TbTreeNode;
+
 /// Owns an object until it is linked somewhere.
 template <class T>
 using TbOwned = std::unique_ptr<T>;
@@ -51,6 +53,9 @@ bool tbIs(TbObject const& object, char const* className) {
 /// The text that orders `element`: the key of a pair, of a map item around one, or the element itself. Borrowed. Null
 /// for other keys, and for classes that users derive, whose operators may be others.
 TbString const* tbTextKeyOf(TbFindable const& element);
+
+/// The node that an item of a map lies behind while its pair is not made yet; null for everything else.
+TbTreeNode const* tbCompactNodeOf(TbFindable const& element) noexcept;
 
 /// The key that orders an element: the item of a map item, the key of a pair, or the element itself. Borrowed.
 TbFindable const& tbKeyOf(TbFindable const& element);

@@ -1,9 +1,10 @@
 // The red-black tree: nodes, search, insertion, removal, rebalancing.
 //
 // Nodes have no parent link. Insertion and removal record the way down and rebalance along it. Everything that can fail
-// happens before the first link changes. Most keys are texts: a node knows length and first bytes of such a key, and
-// one comparison of numbers decides at most nodes. Odd: other elements compare through their own operators, which for
-// vectors give no strict order; so the stored element decides where a vector goes, and rotations find sides by address.
+// happens before the first link changes. Most keys are texts: a node has length and first bytes of such a key as one
+// number, whose comparison decides at most nodes. The nodes of maps of strings have the whole text right behind them
+// as long as nobody has asked for the item. Odd: other elements compare through their own operators, which for vectors
+// give no strict order; so the stored element decides where a vector goes, and rotations find sides by address.
 
 #include "foundation/tbrbtree.h"
 
@@ -37,19 +38,39 @@ bool isEntries(TbFindable const& element) {
     return element.getAllocator() == &TbFindableVector::allocate;
 }
 
+/// Eight bytes as a number.
+std::uint64_t numberAt(char const* bytes) {
+    std::uint64_t number = 0;
+    std::memcpy(&number, bytes, sizeof number);
+    return number;
+}
+
+/// The first eight bytes of `text`, zero bytes behind its end, as a number whose highest byte is the first.
+std::uint64_t firstBytes(char const* text, std::uint32_t length) {
+    if (length >= 8) {
+        return be64toh(numberAt(text));
+    }
+    std::uint64_t bytes = 0;
+    std::memcpy(&bytes, text, length);
+    return be64toh(bytes);
+}
+
 /// The first eight bytes of `text`, up to its first zero byte, as a number: the order of the numbers is that of signed
 /// bytes, of which zero is the least.
-std::uint64_t prefixOf(TbString const& text) {
+std::uint64_t prefixOf(char const* text, std::uint32_t length) {
     constexpr std::uint64_t kLow = 0x7F7F7F7F7F7F7F7FU;
-    std::uint64_t bytes = 0;
-    std::memcpy(&bytes, text.c_str(), std::min<std::size_t>(text.length(), sizeof bytes));
-    bytes = be64toh(bytes);
+    std::uint64_t const bytes = firstBytes(text, length);
     // 0x80 at each zero byte; the first of those and all bytes behind it become 0.
     std::uint64_t const zeros = ~(((bytes & kLow) + kLow) | bytes | kLow);
     std::uint64_t const kept = zeros == 0 ? ~std::uint64_t{0} : ~(~std::uint64_t{0} >> __builtin_clzll(zeros));
     // 0x80 to 0xFF become 1 to 0x80, and 1 to 0x7F become 0x81 to 0xFF.
     std::uint64_t const ranks = (bytes ^ ~kLow) + ((bytes >> 7) & 0x0101010101010101U);
     return ranks & kept;
+}
+
+/// The text of a node of the kind kCompact.
+char const* textBehind(TbTreeNode const& node) {
+    return reinterpret_cast<char const*>(&node + 1);
 }
 
 std::uint32_t pathCapacity(std::uint32_t count) {
@@ -61,11 +82,20 @@ std::uint32_t pathCapacity(std::uint32_t count) {
 /// What an element is searched with, or put with: compared with nodes, by numbers where both keys are texts.
 class TbRBTree::Probe {
 public:
+    /// For a plain string.
+    explicit Probe(TbString const& text) : m_Probe(text), m_IsText(true) { setText(text); }
+
     /// For a search: the stored elements compare themselves with `probe`.
     explicit Probe(TbFindable const& probe) : m_Probe(probe) {
         if (tbIs<TbString>(probe, "TbString")) {
             m_IsText = true;
             setText(static_cast<TbString const&>(probe));
+            return;
+        }
+        if (TbTreeNode const* const node = tbCompactNodeOf(probe)) {
+            m_Text = textBehind(*node);
+            m_Length = node->textLength();
+            m_Rank = node->m_Rank;
             return;
         }
         TbFindable const& key = tbKeyOf(probe);
@@ -79,9 +109,11 @@ public:
 
     /// Whether `compare` decides by the texts.
     [[nodiscard]] bool isComparedByText(TbTreeNode const& node) const {
-        return m_Text != nullptr &&
-               (node.m_Key == TbTreeNode::Key::kPair || (node.m_Key == TbTreeNode::Key::kText && m_IsText));
+        return m_Text != nullptr && (node.m_Key == TbTreeNode::Key::kCompact || node.m_Key == TbTreeNode::Key::kPair ||
+                                     (node.m_Key == TbTreeNode::Key::kText && m_IsText));
     }
+
+    [[nodiscard]] std::uint64_t rank() const { return m_Rank; }
 
     /// Negative, 0 or positive as the element of `node` is less than, equal to or greater than the probe.
     [[nodiscard]] int compare(TbTreeNode const& node) const {
@@ -90,26 +122,42 @@ public:
 
     /// The same. Requires: isComparedByText(node).
     [[nodiscard]] int compareText(TbTreeNode const& node) const {
-        if (node.m_KeyLength != m_Length) {
-            return static_cast<std::int32_t>(node.m_KeyLength - m_Length);
+        if (node.m_Rank != m_Rank) {
+            return node.m_Rank < m_Rank ? -1 : 1;
         }
-        if (node.m_KeyPrefix != m_Prefix) {
-            return node.m_KeyPrefix < m_Prefix ? -1 : 1;
+        if (node.m_Key == TbTreeNode::Key::kCompact) {
+            return isRestEqual(textBehind(node)) ? 0 : tbCompareTexts(m_Length, textBehind(node), m_Text);
         }
         TbString const* const text = tbTextKeyOf(*node.m_Item);  // null where a caller has replaced the key
-        return text == nullptr ? compareItem(node) : text->compare(*m_Text);
+        return text == nullptr ? compareItem(node) : compareString(*text);
     }
 
 private:
     void setText(TbString const& text) {
-        m_Text = &text;
+        m_Text = text.c_str();
         m_Length = text.length();
-        m_Prefix = prefixOf(text);
+        m_Rank = TbTreeNode::rankOf(m_Text, m_Length);
+    }
+
+    /// Whether `text`, of the same rank, surely equals the text; false leaves it open.
+    [[nodiscard]] bool isRestEqual(char const* text) const {
+        constexpr std::uint32_t kNumber = sizeof(std::uint64_t);
+        if (m_Length <= TbTreeNode::kRankedBytes) {
+            return true;
+        }
+        // The last eight bytes, of seven the zero byte behind them too, and those that the rank has.
+        std::uint32_t const at = m_Length < kNumber ? 0 : m_Length - kNumber;
+        return at <= TbTreeNode::kRankedBytes && numberAt(text + at) == numberAt(m_Text + at);
+    }
+
+    [[nodiscard]] int compareString(TbString const& text) const {
+        return text.length() == m_Length ? tbCompareTexts(m_Length, text.c_str(), m_Text)
+                                         : static_cast<std::int32_t>(text.length() - m_Length);
     }
 
     [[nodiscard]] int compareItem(TbTreeNode const& node) const {
         if (TbString const* const first = m_Text == nullptr ? nullptr : firstText(node)) {
-            return first->compare(*m_Text);
+            return compareString(*first);
         }
         if (*node.m_Item == m_Probe) {
             return 0;
@@ -129,10 +177,10 @@ private:
     }
 
     TbFindable const& m_Probe;
-    bool m_IsText = false;             ///< The probe is a string itself.
-    TbString const* m_Text = nullptr;  ///< The key; null when it is no text.
+    bool m_IsText = false;         ///< The probe is a string itself.
+    char const* m_Text = nullptr;  ///< The key; null when it is no text.
     std::uint32_t m_Length = 0;
-    std::uint64_t m_Prefix = 0;
+    std::uint64_t m_Rank = 0;
 };
 
 /// The nodes from the root down to one of them.
@@ -148,6 +196,14 @@ public:
     }
 
     void push(TbTreeNode* node) { m_Nodes[m_Count++] = node; }
+
+    /// Puts `node` in the place of `old` and returns the node above; null when there is none.
+    TbTreeNode* replace(TbTreeNode const* old, TbTreeNode* node) {
+        TbTreeNode** const place = std::find(m_Nodes, m_Nodes + m_Count, old);
+        *place = node;
+        return place == m_Nodes ? nullptr : *(place - 1);
+    }
+
     TbTreeNode* pop() { return m_Count == 0 ? nullptr : m_Nodes[--m_Count]; }
 
     /// The last node; null when there is none.
@@ -161,21 +217,21 @@ private:
     std::size_t m_Count = 0;
 };
 
+std::uint64_t TbTreeNode::rankOf(char const* text, std::uint32_t length) noexcept {
+    constexpr unsigned kBits = 8 * kRankedBytes;
+    return length > kMostRanked ? UINT64_MAX : std::uint64_t{length} << kBits | prefixOf(text, length) >> (64 - kBits);
+}
+
 void TbTreeNode::describeKey() {
     if (isEntries(*m_Item)) {
         m_Key = Key::kEntries;
-    } else if (TbString const* const text = tbTextKeyOf(*m_Item)) {
-        m_Key = text == m_Item ? Key::kText : Key::kPair;
-        m_KeyLength = text->length();
-        m_KeyPrefix = prefixOf(*text);
+        return;
     }
-}
-
-void TbTreeNode::swapItem(TbTreeNode& other) noexcept {
-    std::swap(m_Item, other.m_Item);
-    std::swap(m_Key, other.m_Key);
-    std::swap(m_KeyLength, other.m_KeyLength);
-    std::swap(m_KeyPrefix, other.m_KeyPrefix);
+    TbString const* const text = tbTextKeyOf(*m_Item);
+    if (text != nullptr && text->length() <= kMostRanked) {
+        m_Key = text == m_Item ? Key::kText : Key::kPair;
+        m_Rank = rankOf(text->c_str(), text->length());
+    }
 }
 
 TbTreeNode::TbTreeNode(TbFindable const& item, TbTreeNode* left, TbTreeNode* right)
@@ -201,12 +257,11 @@ TbTreeNode& TbTreeNode::assign(TbObject const& other) {
     auto const& source = static_cast<TbTreeNode const&>(other);
     if (&source != this) {
         TbOwned<TbFindable> item(source.m_Item == nullptr ? nullptr : tbCopyOf(*source.m_Item));
-        m_Red = source.m_Red;
-        m_Key = source.m_Key;
-        m_KeyLength = source.m_KeyLength;
-        m_KeyPrefix = source.m_KeyPrefix;
         delete m_Item;
         m_Item = item.release();
+        m_Red = source.m_Red;
+        m_Key = source.m_Key == Key::kCompact ? Key::kPair : source.m_Key;
+        m_Rank = source.m_Rank;
     }
     return *this;
 }
@@ -283,6 +338,11 @@ void TbRBTree::destroyBelow(TbTreeNode* node, ItemDisposer dispose) {
     destroySubtree(node, dispose);
 }
 
+void TbRBTree::forgetNodes() noexcept {
+    m_Root = nullptr;
+    m_Count = 0;
+}
+
 void TbRBTree::destroySubtree(TbTreeNode* node, ItemDisposer dispose) {
     if (node == nullptr || node == m_Sentinel) {
         return;
@@ -309,10 +369,16 @@ void TbRBTree::ensureSentinel() {
     if (m_Sentinel != nullptr) {
         return;
     }
-    TbOwned<TbFindable> item = tbCopyOfText("__dummy");
-    auto* const sentinel = new TbTreeNode;
-    sentinel->m_Item = item.release();
-    m_Sentinel = sentinel;
+    // One piece of memory: the node, its item, the text.
+    static char constexpr kText[] = "__dummy";
+    auto* const memory =
+        static_cast<char*>(TbTreeNode::operator new(sizeof(TbTreeNode) + sizeof(TbString) + sizeof kText));
+    auto* const item = new (memory + sizeof(TbTreeNode)) TbInPlace<TbString>;
+    char* const text = memory + sizeof(TbTreeNode) + sizeof(TbString);
+    std::memcpy(text, kText, sizeof kText);
+    TbInPlaceText::lend(*item, text, sizeof kText - 1);
+    m_Sentinel = new (memory) TbTreeNode;
+    m_Sentinel->m_Item = item;
 }
 
 TbFindable* TbRBTree::find(TbFindable const& probe) const {
@@ -334,17 +400,19 @@ TbFindable* TbRBTree::put(TbFindable const& item) {
     return putOwned(tbCopyOf(item).release());
 }
 
-TbTreeNode* TbRBTree::makeNode(TbFindable* item) {
+TbFindable* TbRBTree::putOwned(TbFindable* item) {
     TbOwned<TbFindable> guard(item);
-    ensureSentinel();
-    auto* const node = new TbTreeNode(item, m_Sentinel, m_Sentinel);
+    auto* const node = new TbTreeNode(item, nullptr, nullptr);
     guard.release();
     node->describeKey();
-    return node;
+    putNode(node);
+    return item;
 }
 
-TbFindable* TbRBTree::putOwned(TbFindable* item) {
-    TbOwned<TbTreeNode> fresh(makeNode(item));
+void TbRBTree::putNode(TbTreeNode* node) {
+    TbOwned<TbTreeNode> fresh(node);
+    TbFindable* const item = fresh->m_Item;
+    ensureSentinel();
     Descent path;
     bool isLeft = false;
     // The operator of the item decides where it goes; a vector has no usable one, so there that of the stored decides.
@@ -353,22 +421,23 @@ TbFindable* TbRBTree::putOwned(TbFindable* item) {
     if (fresh->m_Key == TbTreeNode::Key::kOther) {
         probe.forgetText();
     }
-    for (TbTreeNode* node = m_Root; node != nullptr && node != m_Sentinel;) {
-        bool const isDecided = &key != item || probe.isComparedByText(*node);
-        int const order = isDecided ? probe.compare(*node) : *node->m_Item == key ? 0 : *item < *node->m_Item ? 1 : -1;
+    for (TbTreeNode* place = m_Root; place != nullptr && place != m_Sentinel;) {
+        TbFindable const& stored = *place->m_Item;
+        bool const isDecided = &key != item || probe.isComparedByText(*place);
+        int const order = isDecided ? probe.compare(*place) : stored == key ? 0 : *item < stored ? 1 : -1;
         if (order == 0) {
             throw TBFC_Exception(KVX_E_DUPLICATE_KEY);
         }
-        path.push(node);
+        path.push(place);
         isLeft = order > 0;
-        node = isLeft ? node->m_Left : node->m_Right;
+        place = isLeft ? place->m_Left : place->m_Right;
     }
     // Nothing below fails.
     link(fresh.release(), path, isLeft);
-    return item;
 }
 
-TbFindable* TbRBTree::findOrMake(TbString const& key, TbFindable* (*make)(TbString const& key), bool& isNew) {
+TbFindable* TbRBTree::findOrMake(TbString const& key, TbTreeNode* (*make)(TbString const& key, std::uint64_t rank),
+                                 bool& isNew) {
     isNew = false;
     Descent path;
     bool isLeft = false;
@@ -385,7 +454,8 @@ TbFindable* TbRBTree::findOrMake(TbString const& key, TbFindable* (*make)(TbStri
         isLeft = order > 0;
         node = isLeft ? node->m_Left : node->m_Right;
     }
-    TbTreeNode* const fresh = makeNode(make(key));
+    ensureSentinel();
+    TbTreeNode* const fresh = make(key, probe.rank());
     link(fresh, path, isLeft);
     isNew = true;
     return fresh->m_Item;
@@ -393,6 +463,8 @@ TbFindable* TbRBTree::findOrMake(TbString const& key, TbFindable* (*make)(TbStri
 
 void TbRBTree::link(TbTreeNode* fresh, Descent& path, bool isLeft) {
     ++m_Count;
+    fresh->m_Left = m_Sentinel;
+    fresh->m_Right = m_Sentinel;
     TbTreeNode* const parent = path.top();
     if (parent == nullptr) {
         fresh->m_Red = false;
@@ -512,11 +584,11 @@ TbStack& TbRBTree::successorOf(TbStack& path) const {
 }
 
 bool TbRBTree::remove(TbFindable const& probe) {
-    TbOwned<TbFindable> const removed(detach(probe));
+    TbOwned<TbTreeNode> const removed(detach(probe));
     return removed != nullptr;
 }
 
-TbFindable* TbRBTree::detach(TbFindable const& probe) {
+TbTreeNode* TbRBTree::detach(TbFindable const& probe) {
     if (m_Count == 0 || m_Root == nullptr) {
         return nullptr;
     }
@@ -539,15 +611,18 @@ TbFindable* TbRBTree::detach(TbFindable const& probe) {
             path.push(node);
         }
     }
-    TbOwned<TbTreeNode> const victim(path.pop());
-    TbTreeNode* const child = victim->m_Left == m_Sentinel ? victim->m_Right : victim->m_Left;
-
-    // The items are swapped instead of copied, so that addresses handed out earlier stay valid.
-    if (target != victim.get()) {
-        target->swapItem(*victim);
+    TbTreeNode* const last = path.pop();
+    TbTreeNode* const child = last->m_Left == m_Sentinel ? last->m_Right : last->m_Left;
+    bool const isBlackGone = !last->m_Red;
+    replaceChild(path.top(), last, child);
+    // The successor takes the place of the target with its item, so that addresses handed out earlier stay valid.
+    if (target != last) {
+        last->m_Red = target->m_Red;
+        last->m_Left = target->m_Left;
+        last->m_Right = target->m_Right;
+        replaceChild(path.replace(target, last), target, last);
     }
-    replaceChild(path.top(), victim.get(), child);
-    if (!victim->m_Red) {
+    if (isBlackGone) {
         balanceRemoval(child, path);
     }
     --m_Count;
@@ -556,7 +631,7 @@ TbFindable* TbRBTree::detach(TbFindable const& probe) {
     } else {
         m_Root->m_Red = false;
     }
-    return std::exchange(victim->m_Item, nullptr);
+    return target;
 }
 
 TbTreeNode* TbRBTree::parentOf(TbTreeNode const* node) const {

@@ -11,7 +11,7 @@ class TbString;
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Woverloaded-virtual"
 
-/// One node: a colour, two children, an owned item. There is no link to the parent.
+/// One node: a colour, two children, an owned item. There is no link to the parent. An item stays in its node.
 class KVX_EXPORT TbTreeNode : public TbFindable {
 public:
     /// A black node without item and children.
@@ -47,24 +47,39 @@ public:
 
     static void allocate(TbObject** slot);
 
+protected:
+    explicit TbTreeNode(TbCountedByMaker how) noexcept : TbFindable(how) {}
+
 private:
     friend class TbRBTree;
+    friend struct TbMapEntry;
 
     /// What the key of the item is.
     enum class Key : std::uint8_t {
         kOther,    ///< Compared through the operators of the item.
         kText,     ///< The item is a TbString.
         kPair,     ///< The item has a TbString as its key.
+        kCompact,  ///< The key is the text right behind the node; the pair in the item is not made yet.
         kEntries,  ///< The item is a vector, whose first entry is the key.
     };
 
+    /// Bytes of a text in its rank, behind its length; longer texts than kMostRanked have none.
+    static constexpr std::uint32_t kRankedBytes = 6;
+    static constexpr std::uint32_t kMostRanked = UINT16_MAX - 1;
+
+    /// A number in the order of the texts, by their lengths and first bytes; the largest for a text without a rank.
+    [[nodiscard]] KVX_INTERNAL static std::uint64_t rankOf(char const* text, std::uint32_t length) noexcept;
+
+    /// The length of the text whose rank this node has.
+    [[nodiscard]] std::uint32_t textLength() const noexcept {
+        return static_cast<std::uint32_t>(m_Rank >> (8 * kRankedBytes));
+    }
+
     KVX_INTERNAL void describeKey();
-    KVX_INTERNAL void swapItem(TbTreeNode& other) noexcept;
 
     bool m_Red = false;
     Key m_Key = Key::kOther;
-    std::uint32_t m_KeyLength = 0;  ///< Of kText and kPair.
-    std::uint64_t m_KeyPrefix = 0;  ///< Of kText and kPair: its first bytes, as a number in their order.
+    std::uint64_t m_Rank = 0;       ///< Of a text: its length and first bytes.
     TbTreeNode* m_Left = nullptr;   ///< Inside a tree never null: an absent child is the tree's sentinel.
     TbTreeNode* m_Right = nullptr;  ///< As m_Left.
     TbFindable* m_Item = nullptr;   ///< Owned.
@@ -131,8 +146,14 @@ protected:
     /// `put` for an item that is taken over; destroyed on failure.
     TbFindable* putOwned(TbFindable* item);
 
-    /// Removes the element equal to `probe` and hands it to the caller; null when there is none.
-    [[nodiscard]] TbFindable* detach(TbFindable const& probe);
+    /// Unlinks the node with the element equal to `probe` and hands it to the caller, its item in it; null when there
+    /// is none.
+    [[nodiscard]] KVX_INTERNAL TbTreeNode* detach(TbFindable const& probe);
+
+    [[nodiscard]] static TbFindable* itemOf(TbTreeNode& node) noexcept { return node.m_Item; }
+
+    /// Forgets all nodes, which the caller has destroyed or will destroy.
+    KVX_INTERNAL void forgetNodes() noexcept;
 
     /// Called for every item of a subtree just before it is destroyed.
     using ItemDisposer = void (*)(TbRBTree& tree, TbFindable& item);
@@ -160,10 +181,15 @@ protected:
     /// Repairs the path upwards after a black node was unlinked; the node that replaced it is on top of `path`.
     void fixup(TbStack& path);
 
-    /// The element equal to `key`, a plain TbString. When there is none, what `make` returns for it is stored, taken
-    /// over, and returned; null, and no change, when that needs `put`, because other elements are no pairs of strings.
-    [[nodiscard]] KVX_INTERNAL TbFindable* findOrMake(TbString const& key, TbFindable* (*make)(TbString const& key),
+    /// The element equal to `key`, a plain TbString. When there is none, the node that `make` returns for it is linked
+    /// and its item returned; null, and no change, when that needs `put`, because other elements are no pairs of
+    /// strings.
+    [[nodiscard]] KVX_INTERNAL TbFindable* findOrMake(TbString const& key,
+                                                      TbTreeNode* (*make)(TbString const& key, std::uint64_t rank),
                                                       bool& isNew);
+
+    /// Links a node that is taken over; destroyed on failure. Raises KVX_E_DUPLICATE_KEY.
+    KVX_INTERNAL void putNode(TbTreeNode* node);
 
 private:
     class KVX_INTERNAL Probe;
@@ -174,7 +200,6 @@ private:
     void ensureSentinel();
     void destroySubtree(TbTreeNode* node, ItemDisposer dispose);
     void putAllOf(TbTreeNode const* node, TbTreeNode const* sentinel);
-    KVX_INTERNAL TbTreeNode* makeNode(TbFindable* item);
     KVX_INTERNAL void link(TbTreeNode* fresh, Descent& path, bool isLeft);
     KVX_INTERNAL void balanceInsertion(Descent& path);
     KVX_INTERNAL void balanceRemoval(TbTreeNode* node, Descent& path);

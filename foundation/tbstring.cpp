@@ -2,10 +2,10 @@
 //
 // The published capacity follows its own rule (need plus 65) and is not the size of the memory behind it. That grows by
 // half of itself, so that appending stays linear; an assigned text has no slack, an empty text nothing but a terminator
-// that all strings share, a short text in a container none at all: it lies behind the object that holds it; and after
-// a failed growth the capacity may be the larger one. Texts that lie in the string's
-// own buffer are accepted everywhere: such an assignment builds a second string and swaps, such an append goes by
-// offset. A string that has become secret after it got its buffer wipes that one too.
+// that all strings share, a short text in a container none at all: it lies behind the object that holds it, as does a
+// short text that is assigned to a value of a map; and after a failed growth the capacity may be the larger one. Texts
+// that lie in the string's own buffer are accepted everywhere: such an assignment builds a second string and swaps,
+// such an append goes by offset. A string that has become secret after it got its buffer wipes that one too.
 
 #include "foundation/tbstring.h"
 
@@ -15,6 +15,7 @@
 #include <functional>
 
 #include "foundation/tbexception.h"
+#include "foundation/tbinplace.h"
 #include "foundation/tbmemory.h"
 
 namespace {
@@ -37,23 +38,29 @@ std::uint32_t lengthOf(char const* text) {
     return static_cast<std::uint32_t>(length);
 }
 
-/// TCSNCMP of two texts of `length` bytes each, eight bytes at a time while those are equal and none is zero.
-std::int32_t compareUpTo(std::uint32_t length, char const* left, char const* right) {
-    std::uint32_t at = 0;
-    for (; length - at >= sizeof(std::uint64_t); at += sizeof(std::uint64_t)) {
-        std::uint64_t x = 0;
-        std::uint64_t y = 0;
-        std::memcpy(&x, left + at, sizeof x);
-        std::memcpy(&y, right + at, sizeof y);
-        bool const hasZero = ((x - 0x0101010101010101U) & ~x & 0x8080808080808080U) != 0;
-        if (x != y || hasZero) {
-            break;
-        }
-    }
-    return TCSNCMP(left + at, right + at, length - at);
+std::uint64_t eightBytes(char const* text) {
+    std::uint64_t bytes = 0;
+    std::memcpy(&bytes, text, sizeof bytes);
+    return bytes;
 }
 
 }  // namespace
+
+std::int32_t tbCompareTexts(std::uint32_t length, char const* left, char const* right) noexcept {
+    // Eight bytes at a time while those are equal and none is zero.
+    std::uint32_t at = 0;
+    for (; length - at >= sizeof(std::uint64_t); at += sizeof(std::uint64_t)) {
+        std::uint64_t const x = eightBytes(left + at);
+        bool const hasZero = ((x - 0x0101010101010101U) & ~x & 0x8080808080808080U) != 0;
+        if (x != eightBytes(right + at) || hasZero) {
+            return TCSNCMP(left + at, right + at, length - at);
+        }
+    }
+    if (at != 0 && eightBytes(left + length - 8) == eightBytes(right + length - 8)) {
+        return 0;
+    }
+    return TCSNCMP(left + at, right + at, length - at);
+}
 
 std::size_t TCSLEN(char const* text) noexcept {
     return text == nullptr ? 0 : std::strlen(text);
@@ -204,8 +211,13 @@ void TbString::holdNothing() noexcept {
 /// Makes a string without a buffer a copy of `other`, which has a buffer, in the `other.length() + 1` bytes at `place`.
 void TbString::holdInPlace(char* place, TbString const& other) noexcept {
     std::memcpy(place, other.m_Buffer, std::size_t{other.m_Length} + 1);
+    lieAt(place, other.m_Length);
+}
+
+/// Makes a string without a buffer the text of `length` bytes and a zero byte at `place`, which it does not own.
+void TbString::lieAt(char* place, std::uint32_t length) noexcept {
     m_Buffer = place;
-    m_Length = other.m_Length;
+    m_Length = length;
     m_Capacity = m_Length + kSlack;
 }
 
@@ -216,7 +228,11 @@ void TbString::fill(char const* bytes, std::uint32_t count, std::uint64_t extra)
         return;
     }
     raiseCapacity(count);
-    resize(exactRoom(count + extra));
+    if (count + extra < m_Place) {
+        m_Buffer = m_Text;
+    } else {
+        resize(exactRoom(count + extra));
+    }
     std::memcpy(m_Buffer, bytes, count);
     m_Length = count;
     m_Buffer[m_Length] = '\0';
@@ -339,7 +355,7 @@ std::int32_t TbString::compare(TbString const& other) const noexcept {
     if (m_Length == 0) {
         return 0;  // one may have a buffer and the other none
     }
-    return compareUpTo(m_Length, m_Buffer, other.m_Buffer);
+    return tbCompareTexts(m_Length, m_Buffer, other.m_Buffer);
 }
 
 std::uint32_t TbString::find(char const* what, std::uint32_t from) const noexcept {

@@ -215,11 +215,9 @@ TEST(ContainerCosts, OfVectorsAreLinear) {
     });
 }
 
-/// A node, an entry with its pair, key, value and the key's text, and the text of the value.
-constexpr std::uint64_t kBytesForEachPair = 280;
-
-/// One for each of those three.
-constexpr std::uint64_t kCallsForEachPair = 3;
+/// A node, the text of the key, a map item, and a value with room for a short text, in one piece of memory.
+constexpr std::uint64_t kBytesForEachPair = 153;  // 152, and a part of the sentinel
+constexpr std::uint64_t kCallsForEachPair = 1;
 
 TEST(ContainerCosts, OfMapsAreLinear) {
     std::vector<TbString> keys;
@@ -242,7 +240,41 @@ TEST(ContainerCosts, OfMapsAreLinear) {
             map[key] = value;
         }
     });
-    EXPECT_LE(cost.m_Calls, kCallsForEachPair * keys.size() + 3) << "and the sentinel with its text";
+    EXPECT_LE(cost.m_Calls, kCallsForEachPair * keys.size() + 1) << "and the sentinel";
+}
+
+TEST(ContainerCosts, OfAPairAreDueWhenItIsAskedFor) {
+    TbStrMap map;
+    map["key"] = "a value";
+    auto* const entry = static_cast<TbMapItem*>(map.find(TbString("key")));
+    Cost const first = costOf([&] { EXPECT_NE(entry->item(), nullptr); });
+    EXPECT_EQ(first.m_Calls, 1U);
+    EXPECT_LE(first.m_Bytes, sizeof(TbKeyValue) + sizeof(TbString));
+    EXPECT_EQ(costOf([&] { EXPECT_NE(entry->item(), nullptr); }).m_Calls, 0U);
+}
+
+TEST(ContainerCosts, OfCopyingAMapAreThoseOfItsEntries) {
+    TbStrMap map;
+    for (int i = 0; i < 100; ++i) {
+        map[std::to_string(i).c_str()] = "a value";
+    }
+    EXPECT_EQ(costOf([&] { TbStrMap const copy(map); }).m_Calls, map.count() + 1U);
+    TbKeyValue const pair(TbString("key"), TbString("a value"));
+    EXPECT_EQ(costOf([&] { map.put(pair); }).m_Calls, 1U);
+}
+
+TEST(ContainerCosts, OfComparingEntriesAreNothing) {
+    TbStrMap map;
+    map["a"];
+    map["b"];
+    TbMapItem const& entry = *map.begin();
+    TbString const probe("b");
+    EXPECT_EQ(costOf([&] {
+                  EXPECT_TRUE(entry < probe);
+                  EXPECT_FALSE(entry == probe);
+                  EXPECT_TRUE(map.remove(*map.begin()->next())) << "its own entry as the probe";
+              }).m_Calls,
+              0U);
 }
 
 TEST(ContainerCosts, OfAMissingSentinelAreNothing) {

@@ -11,6 +11,7 @@
 #include <map>
 #include <memory>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -336,6 +337,171 @@ TEST(TbStrMap, LetsValuesAndKeysBeReplacedAndAppendedTo) {
     EXPECT_EQ(TbRefCounter::m_nTotalRef, start);
 }
 
+TEST(TbStrMap, CountsAPairFromTheBeginningAndMakesItOnce) {
+    std::int32_t const start = TbRefCounter::m_nTotalRef;
+    {
+        TbStrMap map;
+        TbString const key("key");
+        map[key] = "value";
+        std::int32_t const living = TbRefCounter::m_nTotalRef;
+        EXPECT_EQ(living, start + 2 + 2 + 5) << "map and key, sentinel, node with map item, pair, key and value";
+        TbString& value = map[key];
+        TbMapItem& entry = *map.begin();
+        auto const& pair = static_cast<TbKeyValue&>(*entry.item());
+        EXPECT_EQ(entry.item(), &pair);
+        EXPECT_TRUE(pair.isInstanceOf("TbKeyValue"));
+        EXPECT_EQ(bytesOf(static_cast<TbString&>(*pair.key())), "key");
+        EXPECT_EQ(pair.value(), &value) << "the same as before";
+        EXPECT_EQ(&map[key], &value);
+        EXPECT_EQ(map.find(key), &entry);
+        EXPECT_EQ(TbRefCounter::m_nTotalRef, living);
+        map["other"];
+        EXPECT_EQ(TbRefCounter::m_nTotalRef, living + 5);
+        map.remove(key);
+        EXPECT_EQ(TbRefCounter::m_nTotalRef, living);
+        ASSERT_NE(map.begin()->item(), nullptr);
+        *map.begin() = TbMapItem(new IntItem(1));
+        EXPECT_EQ(TbRefCounter::m_nTotalRef, living - 2) << "no pair, key and value, but a number";
+        map.clear();
+        map[key];
+        *map.begin() = TbMapItem(new IntItem(1));
+        EXPECT_EQ(TbRefCounter::m_nTotalRef, living - 2) << "the same without a look at the pair";
+    }
+    EXPECT_EQ(TbRefCounter::m_nTotalRef, start);
+}
+
+TEST(TbStrMap, ReportsMissingMemoryForAPairAndStaysAsItIs) {
+    long const failures = failEachAllocation<TbStrMap>(
+        [] {
+            return strMapOf({"c", "a", "b"});
+        },
+        [](TbStrMap& map) { EXPECT_EQ(keyOf(*map.begin()->next()), "a"); },
+        [](TbStrMap& map, bool) {
+            EXPECT_EQ(entriesOf(map), (Entries{"c=vc", "a=va", "b=vb"}));
+            EXPECT_TRUE(isSoundTree(map));
+        });
+    EXPECT_EQ(failures, 2);
+}
+
+TEST(TbStrMap, KeepsValuesOfEveryLength) {
+    // Short ones lie in the entry, longer ones in memory of their own.
+    TbStrMap map;
+    TbString const key("key");
+    map["key"];
+    for (std::size_t length = 0; length < 100; ++length) {
+        for (std::size_t const next : {length, 99 - length}) {
+            std::string const text(next, static_cast<char>('a' + length % 26));
+            map[key] = stringOf(text);
+            EXPECT_EQ(bytesOf(map[key]), text);
+            EXPECT_EQ(map[key].capacity(), next + 65);
+            EXPECT_EQ(bytesOf(map[key].append("xy")), text + "xy");
+            EXPECT_EQ(map[key].capacity(), next + 65);
+            EXPECT_EQ(bytesOf(TbStrMap(map)[key]), text + "xy");
+            map[key] = stringOf(text);
+            map[key].assign(map[key].c_str() + next / 2);
+            EXPECT_EQ(bytesOf(map[key]), text.substr(next / 2));
+        }
+    }
+    EXPECT_EQ(bytesOf(static_cast<TbString&>(*static_cast<TbKeyValue&>(*map.begin()->item()).key())), "key");
+}
+
+TEST(TbStrMap, KeepsKeysOfEveryLength) {
+    // The order has a number for the length and the first bytes of keys up to 65534 bytes.
+    std::vector<std::size_t> lengths = {65533, 65534, 65535, 65536, 70000, 131072};
+    for (std::size_t length = 0; length < 70; ++length) {
+        lengths.push_back(length);
+    }
+    TbStrMap map;
+    std::set<std::string, LengthFirst> model;
+    for (std::size_t const length : lengths) {
+        for (char const* const change : {"", "\x7F", "\xFF", "b"}) {
+            for (std::size_t const at : {std::size_t{0}, std::size_t{5}, std::size_t{6}, std::size_t{7}, length - 1}) {
+                std::string key(length, '\x7F');
+                if (at < length && *change != '\0') {
+                    key[at] = *change;
+                }
+                map[stringOf(key)] = "v";
+                model.insert(key);
+            }
+        }
+    }
+    ASSERT_EQ(map.count(), model.size());
+    EXPECT_TRUE(isSoundTree(TbStrMap(map)));
+    Entries sorted;
+    for (TbFindable const* item : itemsInOrder(map)) {
+        sorted.push_back(keyOf(*static_cast<TbMapItem const*>(item)));
+    }
+    EXPECT_TRUE(std::equal(sorted.begin(), sorted.end(), model.begin(), model.end()));
+    for (std::string const& key : model) {
+        ASSERT_NE(map.find(stringOf(key)), nullptr) << key.size();
+        ASSERT_TRUE(map.remove(stringOf(key))) << key.size();
+    }
+    EXPECT_EQ(map.count(), 0U);
+}
+
+TEST(TbStrMap, ComparesEntriesBeforeTheirPairsAreMade) {
+    std::unique_ptr<TbStrMap> const map = strMapOf({"b", "aa"});
+    TbMapItem const& entry = *map->begin();
+    for (int made = 0; made < 2; ++made) {
+        EXPECT_TRUE(entry == TbString("b"));
+        EXPECT_FALSE(entry == TbString("c"));
+        EXPECT_TRUE(entry < TbString("c"));
+        EXPECT_FALSE(entry < TbString("a"));
+        EXPECT_TRUE(entry == pairOf("b", "1"));
+        EXPECT_TRUE(entry == TbMapItem(entry));
+        EXPECT_TRUE(entry < TbMapItem(*entry.next()));
+        for (bool const answer : {entry == IntItem(1), entry < IntItem(1), entry == TbMapItem(), entry < TbMapItem()}) {
+            EXPECT_FALSE(answer);
+        }
+        EXPECT_EQ(keyOf(entry), "b");
+    }
+}
+
+TEST(TbStrMap, IsCopiedBeforeAndAfterItsPairsAreMade) {
+    std::unique_ptr<TbStrMap> const map = strMapOf({"c", "a"});
+    std::string const longKey(70, 'k');
+    (*map)[stringOf(longKey)] = "long";
+    Entries const expected = {"c=vc", "a=va", longKey + "=long"};
+    TbStrMap early(*map);
+    TbMapItem const entry(*map->begin());
+    EXPECT_EQ(keyOf(entry) + "=" + valueOf(entry), "c=vc");
+    TbTreeNode node;
+    node = *map->root();
+    EXPECT_EQ(keyOf(*static_cast<TbMapItem const*>(node.item())), "c");
+    EXPECT_EQ(entriesOf(*map), expected);
+    EXPECT_EQ(entriesOf(early), expected);
+    EXPECT_EQ(entriesOf(*std::make_unique<TbStrMap>(*map)), expected);
+}
+
+TEST(TbMap, KeepsPairsOfOtherThings) {
+    TbMap map;
+    map.put(TbKeyValue());
+    map.put(TbKeyValue(TbString("number"), IntItem(1)));
+    map.put(TbKeyValue(TbString(), TbString()));
+    TbMapItem const* entry = map.begin();
+    EXPECT_EQ(static_cast<TbKeyValue*>(entry->item())->key(), nullptr);
+    entry = entry->next();
+    EXPECT_EQ(numberOf(static_cast<TbKeyValue*>(entry->item())->value()), 1);
+    entry = entry->next();
+    EXPECT_EQ(static_cast<TbString*>(static_cast<TbKeyValue*>(entry->item())->key())->buffer(), nullptr);
+    EXPECT_EQ(map.count(), 3U);
+    TbMap numbers;
+    numbers.put(TbKeyValue(IntItem(2), TbString("text")));
+    EXPECT_EQ(numberOf(static_cast<TbKeyValue*>(numbers.begin()->item())->key()), 2);
+}
+
+TEST(TbMap, DestroysASubtreeWithItsPlacesInTheOrder) {
+    std::int32_t const start = TbRefCounter::m_nTotalRef;
+    {
+        std::unique_ptr<TbStrMap> const map = strMapOf({"b", "a", "c"});
+        std::unique_ptr<TbStack> const path(map->pathTo(TbString("c")));
+        map->clear(static_cast<TbTreeNode*>(path->peek()));
+        EXPECT_EQ(map->first()->next()->next(), nullptr);
+        EXPECT_EQ(keyOf(*map->first()->next()), "a");
+    }
+    EXPECT_EQ(TbRefCounter::m_nTotalRef, start);
+}
+
 TEST(TbStrMap, FindsNoEntryWhoseKeyACallerHasReplaced) {
     for (char const* const name : {"key", "a longer key"}) {
         TbStrMap map;
@@ -386,6 +552,10 @@ TEST(TbStrMap, LeavesNoSecretsBehind) {
         auto& pair = static_cast<TbKeyValue&>(*map.first()->item());
         EXPECT_TRUE(static_cast<TbString*>(pair.key())->isSecret());
         TbStrMap const copy(map);
+        map["short"] = secret.substring(0, 8);
+        map["short"] = secret.substring(0, 9);
+        ASSERT_NE(map.begin()->next()->item(), nullptr);
+        map["unmade"] = secret.substring(0, 8);
         TbRBTree tree;
         auto& plain = static_cast<TbString&>(*tree.put(password));
         plain.keepSecret();
@@ -506,10 +676,10 @@ TEST(TbMap, PutLeavesNoTraceWhenAnAllocationFails) {
         std::function<void(TbStrMap&)> m_Act;
         long m_Failures;
     } const rows[] = {
-        {"put", [](TbStrMap& map) { map.put(pairOf("new", "")); }, 10},
-        {"insert", [](TbStrMap& map) { map.insert(pairOf("new", "")); }, 10},
-        {"operator[]", [](TbStrMap& map) { map[TbString("new")]; }, 6},  // key, entry, node
-        {"operator[] of the base", [](TbStrMap& map) { static_cast<TbMap&>(map)[pairOf("new", "")]; }, 10},
+        {"put", [](TbStrMap& map) { map.put(pairOf("new", "")); }, 8},
+        {"insert", [](TbStrMap& map) { map.insert(pairOf("new", "")); }, 8},
+        {"operator[]", [](TbStrMap& map) { map[TbString("new")]; }, 4},  // key, entry
+        {"operator[] of the base", [](TbStrMap& map) { static_cast<TbMap&>(map)[pairOf("new", "")]; }, 8},
     };
     for (auto const& row : rows) {
         SCOPED_TRACE(row.m_Name);
@@ -572,7 +742,7 @@ TEST(TbMap, LosesNothingWhenAnyAllocationFails) {
                   TbKeyValue const pair(*map.begin()->item(), TbString("x"));
                   TbMapItem const entry(*map.begin());
               }),
-              60);
+              30);
 }
 
 /// A map of strings beside a std::map for its keys and a std::list for its order.
