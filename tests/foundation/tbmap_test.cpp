@@ -383,7 +383,7 @@ TEST(TbStrMap, ReportsMissingMemoryForAPairAndStaysAsItIs) {
     EXPECT_EQ(failures, 2);
 }
 
-TEST(TbStrMap, KeepsValuesOfEveryLength) {
+TEST(TbStrMap, HoldsValuesOfEveryLength) {
     // Short ones lie in the entry, longer ones in memory of their own.
     TbStrMap map;
     TbString const key("key");
@@ -405,7 +405,7 @@ TEST(TbStrMap, KeepsValuesOfEveryLength) {
     EXPECT_EQ(bytesOf(static_cast<TbString&>(*static_cast<TbKeyValue&>(*map.begin()->item()).key())), "key");
 }
 
-TEST(TbStrMap, KeepsKeysOfEveryLength) {
+TEST(TbStrMap, HoldsKeysOfEveryLength) {
     // The order has a number for the length and the first bytes of keys up to 65534 bytes.
     std::vector<std::size_t> lengths = {65533, 65534, 65535, 65536, 70000, 131072};
     for (std::size_t length = 0; length < 70; ++length) {
@@ -473,7 +473,7 @@ TEST(TbStrMap, IsCopiedBeforeAndAfterItsPairsAreMade) {
     EXPECT_EQ(entriesOf(*std::make_unique<TbStrMap>(*map)), expected);
 }
 
-TEST(TbMap, KeepsPairsOfOtherThings) {
+TEST(TbMap, HoldsPairsOfOtherThings) {
     TbMap map;
     map.put(TbKeyValue());
     map.put(TbKeyValue(TbString("number"), IntItem(1)));
