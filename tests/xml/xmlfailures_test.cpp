@@ -10,6 +10,8 @@
 #include "tests/support/exceptions.h"
 #include "tests/support/tbtext.h"
 #include "tests/xml/xmlsupport.h"
+#include "xml/xmlattributes.h"
+#include "xml/xmlmemory.h"
 
 using namespace kvxtest;
 
@@ -294,6 +296,26 @@ TEST(XmlFailures, FactoriesReportThemAsAnException) {
         EXPECT_EQ(thrownCode([&] { allocate(&slot); }), KVX_E_OUT_OF_MEMORY);
         EXPECT_EQ(slot, nullptr);
     }
+}
+
+// Lengths that nobody has the bytes for: they are refused before any byte is looked at.
+TEST(XmlFailures, AttributesOfMoreThan32BitsAreRefused) {
+    constexpr std::uint32_t kMost = UINT32_MAX;
+    struct {
+        std::uint32_t m_NameLength;
+        std::uint32_t m_ValueLength;
+    } const rows[] = {{1, kMost}, {1, kMost - 64}, {kMost, 1}, {kMost - 100, 100}, {kMost / 2, kMost / 2}};
+    for (auto const& row : rows) {
+        xmlPart const name{{"n", row.m_NameLength}};
+        xmlPart const value{{"v", row.m_ValueLength}};
+        EXPECT_EQ(thrownCode([&] { static_cast<void>(xmlAttribute::create(name, value, true)); }), KVX_E_OUT_OF_MEMORY)
+            << row.m_NameLength << ", " << row.m_ValueLength;
+    }
+}
+
+TEST(XmlFailures, ListsOfMoreThan32BitsAreRefused) {
+    EXPECT_EQ(thrownCode([] { static_cast<void>(xmlResizePointers(nullptr, std::uint64_t{UINT32_MAX} + 1)); }),
+              KVX_E_OUT_OF_MEMORY);
 }
 
 }  // namespace
