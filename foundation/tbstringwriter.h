@@ -3,7 +3,7 @@
 #define TALLOWIN_FOUNDATION_TBSTRINGWRITER_H
 
 #include <algorithm>
-#include <cstddef>
+#include <cstdint>
 
 #include "foundation/tbexception.h"
 #include "foundation/tbstring.h"
@@ -26,7 +26,7 @@ public:
         if (need + kSpare > text.m_Room) {
             text.resize(need + TbString::kSlack);
         }
-        m_Limit = std::min(text.m_Capacity, text.m_Room);
+        m_Limit = std::int64_t{std::min(text.m_Capacity, text.m_Room)};
     }
 
     TbStringWriter(TbStringWriter const&) = delete;
@@ -37,7 +37,7 @@ public:
 
     /// A piece, not an empty one, ends at `end`.
     void endPiece(char const* end) noexcept {
-        std::ptrdiff_t const length = end - m_Text.m_Buffer;
+        std::int64_t const length = end - m_Text.m_Buffer;
         if (__builtin_expect(length >= m_Limit, 0)) {
             m_Limit = length + TbString::kSlack;
         }
@@ -45,13 +45,13 @@ public:
 
     /// All pieces, at least one, have `bytes` bytes; the last ends at `end`.
     void endPieces(char const* end, std::uint32_t bytes) noexcept {
-        std::ptrdiff_t const length = end - m_Text.m_Buffer;
-        std::ptrdiff_t raised = std::ptrdiff_t{m_Text.m_Length} + bytes;
+        std::int64_t const length = end - m_Text.m_Buffer;
+        std::int64_t raised = std::int64_t{m_Text.m_Length} + bytes;
         if (raised < m_Limit) {
             raised += (m_Limit - raised + bytes - 1) / bytes * bytes;
         }
         if (raised <= length) {
-            std::ptrdiff_t const apart = (TbString::kSlack + bytes - 1) / bytes * bytes;
+            std::int64_t const apart = (TbString::kSlack + bytes - 1) / bytes * bytes;
             m_Limit = length - (length - raised) % apart + TbString::kSlack;
         }
     }
@@ -65,7 +65,7 @@ public:
 
 private:
     TbString& m_Text;
-    std::ptrdiff_t m_Limit;  ///< The capacity that the pieces have made; the memory's size where that is less.
+    std::int64_t m_Limit;  ///< The capacity that the pieces have made; the memory's size where that is less.
 };
 
 #endif

@@ -7,12 +7,14 @@
 #include <openssl/rand.h>
 
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
 
 #include "core/icct.h"
+#include "foundation/tbstringwriter.h"
 #include "net/kvxmemorywatch.h"
 #include "tests/core/coresupport.h"
 #include "tests/core/icctsupport.h"
@@ -329,10 +331,15 @@ TEST_F(VerifyData, KeepsRefusingWhatSignDataMadeOfBytesAbove127) {
 }
 
 TEST_F(VerifyData, RefusesATextOfAGigabyteAsSignDataDoes) {
-    TbString const text(std::string(std::size_t{1} << 30, 'a').c_str());
-    TbString signature;
-    EXPECT_EQ(thrownCode([&] { m_Context.SignData(text, "own", signature); }), KVX_E_CRYPTO);
-    signature = stringOf(signedBy("text", "own"));
+    writeOwnKey("own");
+    TbString const signature = stringOf(signedBy("text", "own"));
+    constexpr std::uint32_t kGigabyte = std::uint32_t{1} << 30;
+    TbString text("");
+    TbStringWriter writer(text, kGigabyte);
+    std::memset(writer.begin(), 'a', kGigabyte);
+    writer.finish(writer.begin() + kGigabyte);
+    TbString out;
+    EXPECT_EQ(thrownCode([&] { m_Context.SignData(text, "own", out); }), KVX_E_CRYPTO);
     EXPECT_EQ(thrownCode([&] { m_Context.VerifyData(text, "own", signature); }), KVX_E_INVALID_SIGNATURE);
 }
 
