@@ -171,9 +171,12 @@ private:
             return nullptr;
         }
         auto const& entries = static_cast<TbFindableVector const&>(*node.m_Item);
-        TbFindable const* const first = entries.count() == 0 ? nullptr : entries.at(0);
-        TbString const* const text = first == nullptr ? nullptr : tbTextKeyOf(*first);
-        return text == first && !m_IsText ? nullptr : text;
+        if (entries.count() == 0) {
+            return nullptr;  // a caller has emptied it
+        }
+        TbFindable const& first = *entries.at(0);
+        TbString const* const text = tbTextKeyOf(first);
+        return text == &first && !m_IsText ? nullptr : text;
     }
 
     TbFindable const& m_Probe;

@@ -734,4 +734,22 @@ TEST(SyncNewDirectory, SynchronisesTheDirectoryThatHoldsIt) {
     }
 }
 
+TEST(OpenForReading, FailsWithoutAStatus) {
+    TemporaryDirectory dir;
+    dir.write("file", "content");
+    std::size_t const before = countDescriptors();
+    {
+        SystemCalls calls;
+        calls->fstat = [](int, struct stat*) {
+            errno = EIO;
+            return -1;
+        };
+        EXPECT_EQ(kvxOpenForReading(dir.file("file").c_str()), -1);
+        EXPECT_EQ(errno, EIO);
+    }
+    EXPECT_EQ(kvxOpenForReading(dir.path().c_str()), -1);
+    EXPECT_EQ(errno, EISDIR);
+    EXPECT_EQ(countDescriptors(), before);
+}
+
 }  // namespace

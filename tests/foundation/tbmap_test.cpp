@@ -298,6 +298,25 @@ public:
     static void allocate(TbObject** slot) { tbAllocateInto<NamedPair>(slot); }
 };
 
+/// A string of another class.
+class Label : public TbString {
+public:
+    Label() = default;
+    explicit Label(char const* text) : TbString(text) {}
+    using TbString::operator=;
+    TbAllocator getAllocator() const override { return &allocate; }
+    static void allocate(TbObject** slot) { tbAllocateInto<Label>(slot); }
+};
+
+TEST(TbStrMap, TakesAStringOfADerivedClassForAKey) {
+    TbStrMap map;
+    map["a"] = "1";
+    EXPECT_EQ(bytesOf(map[Label("a")]), "1");
+    map[Label("b")] = "2";
+    EXPECT_EQ(bytesOf(map["b"]), "2");
+    EXPECT_EQ(map.count(), 2U);
+}
+
 TEST(TbStrMap, TakesAPairOfADerivedClassForAPair) {
     TbStrMap map;
     map.put(NamedPair(TbString("k"), TbString("v")));

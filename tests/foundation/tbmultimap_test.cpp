@@ -85,6 +85,39 @@ TEST(TbMultimap, KeepsSeveralEntriesPerKeyInTheOrderOfInsertion) {
     EXPECT_EQ(map->end(), nullptr);
 }
 
+TEST(TbMultimap, ComparesBareStringsAsTheOperatorsDo) {
+    TbMultimap map;
+    for (char const* const key : {"b", "a", "c"}) {
+        TbFindableVector entries;
+        entries.push_back(new TbString(key));
+        map.put(entries);
+    }
+    for (char const* const key : {"a", "b", "c", "d", "bb"}) {
+        TbString const text(key);
+        TbKeyValue const pair(text, IntItem(1));
+        bool isFound = false;
+        bool isFoundByPair = false;
+        for (TbTreeNode const* node : {map.root(), map.root()->left(), map.root()->right()}) {
+            isFound = isFound || *node->item() == text;
+            isFoundByPair = isFoundByPair || *node->item() == pair;
+        }
+        EXPECT_EQ(map.find(text) != nullptr, isFound) << key;
+        EXPECT_EQ(map.find(pair) != nullptr, isFoundByPair) << key;
+    }
+}
+
+TEST(TbMultimap, FindsNothingInAVectorThatACallerHasEmptied) {
+    TbMultimap map;
+    TbFindableVector entries;
+    entries.push_back(new TbString("key"));
+    map.put(entries);
+    auto* const stored = static_cast<TbFindableVector*>(map.find(TbString("key")));
+    std::unique_ptr<TbFindable> const entry(stored->at(0));
+    stored->clear();
+    EXPECT_EQ(map.find(TbString("key")), nullptr);
+    EXPECT_EQ(map.find(pairOf("key", 1)), nullptr);
+}
+
 TEST(TbMultimap, ReturnsTheMapItemFromPut) {
     TbMultimap map;
     TbFindable* const stored = map.put(pairOf("a", 1));

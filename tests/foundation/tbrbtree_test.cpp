@@ -532,15 +532,22 @@ TEST(RestoreBalance, EmptiesThePathAndLeavesASoundTreeAsItIs) {
     }
 }
 
+TEST(RestoreBalance, DoesNothingWithoutAPath) {
+    OpenTree tree;
+    tree.put(IntItem(1));
+    TbStack path;
+    tree.restoreBalance(path);
+    EXPECT_EQ(shapeOf(tree, tree.root()), "(.1b.)");
+}
+
 TEST(MakeBalance, TurnsANodeWhereItHangsAndBack) {
     OpenTree tree;
     for (int const number : upTo(20)) {
         tree.put(IntItem(number));
     }
     std::string const before = shapeOf(tree, tree.root());
-    for (bool const isBelow : {false, true}) {
-        std::unique_ptr<TbStack> const path(
-            tree.pathTo(*(isBelow ? tree.root()->right()->item() : tree.root()->item())));
+    for (TbTreeNode const* const place : {tree.root(), tree.root()->right(), tree.root()->left()}) {
+        std::unique_ptr<TbStack> const path(tree.pathTo(*place->item()));
         auto* const node = static_cast<TbTreeNode*>(path->peek());
         auto* const right = const_cast<TbTreeNode*>(node->right());
         tree.makeBalance(node, 0);

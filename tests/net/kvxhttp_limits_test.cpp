@@ -564,6 +564,12 @@ public:
         return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
     }
 
+    /// Counted when one has come and gone: a sanitizer starts one of its own beside the first.
+    static std::ptrdiff_t threadsAfterAThread() {
+        std::thread([] {}).join();
+        return threadsOfThisProcess();
+    }
+
     static inline std::atomic<bool> s_BlocksSignals = false;
 
 private:
@@ -571,7 +577,7 @@ private:
     static inline std::condition_variable s_Release;
     static inline bool s_IsReleased = false;
     static inline int s_Inside = 0;
-    std::ptrdiff_t const m_Threads = threadsOfThisProcess();
+    std::ptrdiff_t const m_Threads = threadsAfterAThread();
     SystemCalls m_Calls;
 };
 
