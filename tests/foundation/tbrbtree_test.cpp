@@ -152,6 +152,15 @@ TEST(TbRBTree, KeepsStringsInTheirLengthFirstOrder) {
     EXPECT_EQ(keys, (std::vector<std::string>{"", "\xE9", "b", "aa", "ccc"}));
 }
 
+TEST(TbRBTree, ComparesABareStringWithAPairAsTheOperatorDoes) {
+    for (char const* const key : {"b", "c"}) {
+        TbRBTree tree;
+        tree.put(TbString(key));
+        TbKeyValue const pair(TbString("b"), IntItem(1));
+        EXPECT_EQ(tree.find(pair) != nullptr, *tree.root()->item() == pair) << key;
+    }
+}
+
 /// The order of string keys with any bytes: length first, then signed bytes up to the first zero.
 struct LengthFirstUpToZero {
     bool operator()(std::string const& left, std::string const& right) const {
