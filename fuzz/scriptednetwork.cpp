@@ -11,6 +11,13 @@
 
 namespace kvxfuzz {
 
+namespace {
+
+/// Received bytes become text in chunks of this size.
+constexpr std::size_t kChunk = 1024;
+
+}  // namespace
+
 ScriptedNetwork* ScriptedNetwork::s_Current = nullptr;
 
 ScriptedNetwork::ScriptedNetwork() {
@@ -40,8 +47,10 @@ ScriptedNetwork::~ScriptedNetwork() {
 
 std::string ScriptedNetwork::receivedText() const {
     std::string text;
-    for (std::string const& chunk : m_Received) {
-        text += upToZero(chunk);
+    for (std::string const& piece : m_Received) {
+        for (std::size_t begin = 0; begin < piece.size(); begin += kChunk) {
+            text += upToZero(piece.substr(begin, kChunk));
+        }
     }
     return text;
 }

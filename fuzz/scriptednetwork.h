@@ -39,7 +39,7 @@ public:
     /// The chunks that the last connection received.
     [[nodiscard]] std::vector<std::string> const& received() const { return m_Received; }
 
-    /// The same as the library keeps them: the text of each up to its first zero byte.
+    /// The same as the library keeps them: the text of each chunk of 1024 bytes up to its first zero byte.
     [[nodiscard]] std::string receivedText() const;
 
     /// Sockets made and not closed.

@@ -244,7 +244,7 @@ ClosedDirectories::ClosedDirectories(std::string const& path) {
 
 std::size_t numberFrom(char const* name, std::size_t otherwise) {
     char const* const given = std::getenv(name);
-    return given == nullptr ? otherwise : std::strtoull(given, nullptr, 10);
+    return given == nullptr ? otherwise : std::strtoul(given, nullptr, 10);
 }
 
 }  // namespace kvxtest

@@ -27,7 +27,7 @@ constexpr char kHex[] = "0123456789abcdef";
 
 std::size_t rounds() {
     char const* const given = std::getenv("KVX_FORGERIES");
-    return given == nullptr ? 20000 : std::strtoull(given, nullptr, 10);
+    return given == nullptr ? 20000 : std::strtoul(given, nullptr, 10);
 }
 
 std::string bytesFrom(Random& random, std::size_t count) {

@@ -23,7 +23,7 @@ namespace {
 
 std::size_t rounds() {
     char const* const given = std::getenv("KVX_DOCUMENTS");
-    return given == nullptr ? 20000 : std::strtoull(given, nullptr, 10);
+    return given == nullptr ? 20000 : std::strtoul(given, nullptr, 10);
 }
 
 /// A choice of many short things, some long ones.
