@@ -83,15 +83,10 @@ std::uint32_t pathCapacity(std::uint32_t count) {
 class TbRBTree::Probe {
 public:
     /// For a plain string.
-    explicit Probe(TbString const& text) : m_Probe(text), m_IsText(true) { setText(text); }
+    explicit Probe(TbString const& text) : m_Probe(text) { setText(text); }
 
     /// For a search: the stored elements compare themselves with `probe`.
     explicit Probe(TbFindable const& probe) : m_Probe(probe) {
-        if (tbIs<TbString>(probe, "TbString")) {
-            m_IsText = true;
-            setText(static_cast<TbString const&>(probe));
-            return;
-        }
         if (TbTreeNode const* const node = tbCompactNodeOf(probe)) {
             m_Text = textBehind(*node);
             m_Length = node->textLength();
@@ -110,7 +105,7 @@ public:
     /// Whether `compare` decides by the texts.
     [[nodiscard]] bool isComparedByText(TbTreeNode const& node) const {
         return m_Text != nullptr && (node.m_Key == TbTreeNode::Key::kCompact || node.m_Key == TbTreeNode::Key::kPair ||
-                                     (node.m_Key == TbTreeNode::Key::kText && m_IsText));
+                                     node.m_Key == TbTreeNode::Key::kText);
     }
 
     [[nodiscard]] std::uint64_t rank() const { return m_Rank; }
@@ -165,7 +160,7 @@ private:
         return *node.m_Item < m_Probe ? -1 : 1;
     }
 
-    /// The text that orders a vector of entries; null where it cannot be compared with the probe's.
+    /// The text that orders a vector of entries; null where there is none.
     [[nodiscard]] TbString const* firstText(TbTreeNode const& node) const {
         if (node.m_Key != TbTreeNode::Key::kEntries) {
             return nullptr;
@@ -174,13 +169,10 @@ private:
         if (entries.count() == 0) {
             return nullptr;  // a caller has emptied it
         }
-        TbFindable const& first = *entries.at(0);
-        TbString const* const text = tbTextKeyOf(first);
-        return text == &first && !m_IsText ? nullptr : text;
+        return tbTextKeyOf(*entries.at(0));
     }
 
     TbFindable const& m_Probe;
-    bool m_IsText = false;         ///< The probe is a string itself.
     char const* m_Text = nullptr;  ///< The key; null when it is no text.
     std::uint32_t m_Length = 0;
     std::uint64_t m_Rank = 0;
