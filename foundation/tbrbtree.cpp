@@ -87,6 +87,10 @@ public:
 
     /// For a search: the stored elements compare themselves with `probe`.
     explicit Probe(TbFindable const& probe) : m_Probe(probe) {
+        if (tbIs<TbString>(probe, "TbString")) {
+            setText(static_cast<TbString const&>(probe));
+            return;
+        }
         if (TbTreeNode const* const node = tbCompactNodeOf(probe)) {
             m_Text = textBehind(*node);
             m_Length = node->textLength();
