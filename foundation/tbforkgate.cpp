@@ -24,6 +24,7 @@ void afterForkInParent() {
 /// The lock counts threads that the child does not have, and its owner has another number there.
 void afterForkInChild() {
 #if defined(__SANITIZE_THREAD__)
+    // The sanitizer sees no unlocking in the assignment below.
     __tsan_mutex_pre_unlock(&g_Lock, 0);
     __tsan_mutex_post_unlock(&g_Lock, 0);
 #endif

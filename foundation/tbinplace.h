@@ -50,7 +50,4 @@ struct TbInPlaceText {
     static void giveRoom(TbString& target, std::uint8_t room) noexcept { target.m_Place = room; }
 };
 
-/// TCSNCMP of two texts of `length` bytes each.
-std::int32_t tbCompareTexts(std::uint32_t length, char const* left, char const* right) noexcept;
-
 #endif

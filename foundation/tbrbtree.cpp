@@ -14,6 +14,7 @@
 #include <cstring>
 #include <utility>
 
+#include "foundation/tbcompare.h"
 #include "foundation/tbexception.h"
 #include "foundation/tbowned.h"
 #include "foundation/tbstring.h"
@@ -38,17 +39,10 @@ bool isEntries(TbFindable const& element) {
     return element.getAllocator() == &TbFindableVector::allocate;
 }
 
-/// Eight bytes as a number.
-std::uint64_t numberAt(char const* bytes) {
-    std::uint64_t number = 0;
-    std::memcpy(&number, bytes, sizeof number);
-    return number;
-}
-
 /// The first eight bytes of `text`, zero bytes behind its end, as a number whose highest byte is the first.
 std::uint64_t firstBytes(char const* text, std::uint32_t length) {
     if (length >= 8) {
-        return be64toh(numberAt(text));
+        return be64toh(tbEightBytes(text));
     }
     std::uint64_t bytes = 0;
     std::memcpy(&bytes, text, length);
@@ -146,7 +140,7 @@ private:
         }
         // The last eight bytes, of seven the zero byte behind them too, and those that the rank has.
         std::uint32_t const at = m_Length < kNumber ? 0 : m_Length - kNumber;
-        return at <= TbTreeNode::kRankedBytes && numberAt(text + at) == numberAt(m_Text + at);
+        return at <= TbTreeNode::kRankedBytes && tbEightBytes(text + at) == tbEightBytes(m_Text + at);
     }
 
     [[nodiscard]] int compareString(TbString const& text) const {
@@ -218,7 +212,10 @@ private:
 
 std::uint64_t TbTreeNode::rankOf(char const* text, std::uint32_t length) noexcept {
     constexpr unsigned kBits = 8 * kRankedBytes;
-    return length > kMostRanked ? UINT64_MAX : std::uint64_t{length} << kBits | prefixOf(text, length) >> (64 - kBits);
+    if (length > kMaxRankedLength) {
+        return UINT64_MAX;
+    }
+    return std::uint64_t{length} << kBits | prefixOf(text, length) >> (64 - kBits);
 }
 
 void TbTreeNode::describeKey() {
@@ -227,7 +224,7 @@ void TbTreeNode::describeKey() {
         return;
     }
     TbString const* const text = tbTextKeyOf(*m_Item);
-    if (text != nullptr && text->length() <= kMostRanked) {
+    if (text != nullptr && text->length() <= kMaxRankedLength) {
         m_Key = text == m_Item ? Key::kText : Key::kPair;
         m_Rank = rankOf(text->c_str(), text->length());
     }

@@ -63,9 +63,11 @@ private:
         kEntries,  ///< The item is a vector, whose first entry is the key.
     };
 
-    /// Bytes of a text in its rank, behind its length; longer texts than kMostRanked have none.
+    /// How many of a text's first bytes its rank holds, below the text's length.
     static constexpr std::uint32_t kRankedBytes = 6;
-    static constexpr std::uint32_t kMostRanked = UINT16_MAX - 1;
+
+    /// The largest length that a rank can hold. A longer text has no rank.
+    static constexpr std::uint32_t kMaxRankedLength = UINT16_MAX - 1;
 
     /// A number in the order of the texts, by their lengths and first bytes; the largest for a text without a rank.
     [[nodiscard]] KVX_INTERNAL static std::uint64_t rankOf(char const* text, std::uint32_t length) noexcept;

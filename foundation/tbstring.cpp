@@ -14,8 +14,8 @@
 #include <cstring>
 #include <functional>
 
+#include "foundation/tbcompare.h"
 #include "foundation/tbexception.h"
-#include "foundation/tbinplace.h"
 #include "foundation/tbmemory.h"
 
 namespace {
@@ -38,25 +38,19 @@ std::uint32_t lengthOf(char const* text) {
     return static_cast<std::uint32_t>(length);
 }
 
-std::uint64_t eightBytes(char const* text) {
-    std::uint64_t bytes = 0;
-    std::memcpy(&bytes, text, sizeof bytes);
-    return bytes;
-}
-
 }  // namespace
 
 std::int32_t tbCompareTexts(std::uint32_t length, char const* left, char const* right) noexcept {
     // Eight bytes at a time while those are equal and none is zero.
     std::uint32_t at = 0;
     for (; length - at >= sizeof(std::uint64_t); at += sizeof(std::uint64_t)) {
-        std::uint64_t const x = eightBytes(left + at);
+        std::uint64_t const x = tbEightBytes(left + at);
         bool const hasZero = ((x - 0x0101010101010101U) & ~x & 0x8080808080808080U) != 0;
-        if (x != eightBytes(right + at) || hasZero) {
+        if (x != tbEightBytes(right + at) || hasZero) {
             return TCSNCMP(left + at, right + at, length - at);
         }
     }
-    if (at != 0 && eightBytes(left + length - 8) == eightBytes(right + length - 8)) {
+    if (at != 0 && tbEightBytes(left + length - 8) == tbEightBytes(right + length - 8)) {
         return 0;
     }
     return TCSNCMP(left + at, right + at, length - at);

@@ -132,4 +132,29 @@ void endConnection(KVX_Connection& connection) {
     }
 }
 
+bool isSigPipePending() {
+    sigset_t pending;
+    sigpending(&pending);
+    return sigismember(&pending, SIGPIPE) == 1;
+}
+
+bool isSigPipeBlocked() {
+    sigset_t mask;
+    pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+    return sigismember(&mask, SIGPIPE) == 1;
+}
+
+PendingSigPipe::PendingSigPipe() {
+    sigemptyset(&m_Pipe);
+    sigaddset(&m_Pipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &m_Pipe, &m_Before);
+    pthread_kill(pthread_self(), SIGPIPE);
+}
+
+PendingSigPipe::~PendingSigPipe() {
+    timespec const now = {};
+    EXPECT_EQ(sigtimedwait(&m_Pipe, nullptr, &now), SIGPIPE);
+    pthread_sigmask(SIG_SETMASK, &m_Before, nullptr);
+}
+
 }  // namespace kvxtest

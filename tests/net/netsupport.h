@@ -4,6 +4,7 @@
 #define TALLOWIN_TESTS_NET_NETSUPPORT_H
 
 #include <netinet/in.h>
+#include <signal.h>
 
 #include <deque>
 #include <string>
@@ -78,6 +79,23 @@ sockaddr_in addressOf(std::string const& port);
 inline sockaddr* generic(sockaddr_in& address) {
     return reinterpret_cast<sockaddr*>(&address);
 }
+
+/// What the calling thread's SIGPIPE is.
+bool isSigPipePending();
+bool isSigPipeBlocked();
+
+/// A SIGPIPE of the calling thread that is blocked and pending while this lives. Fails the test when it was taken.
+class PendingSigPipe {
+public:
+    PendingSigPipe();
+    PendingSigPipe(PendingSigPipe const&) = delete;
+    PendingSigPipe& operator=(PendingSigPipe const&) = delete;
+    ~PendingSigPipe();
+
+private:
+    sigset_t m_Pipe;
+    sigset_t m_Before;  ///< The signals that were blocked.
+};
 
 /// Ends a connection as a session does.
 void endConnection(KVX_Connection& connection);
