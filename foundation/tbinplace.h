@@ -2,6 +2,7 @@
 #ifndef TALLOWIN_FOUNDATION_TBINPLACE_H
 #define TALLOWIN_FOUNDATION_TBINPLACE_H
 
+#include "foundation/tbexception.h"
 #include "foundation/tbstring.h"
 
 /// A `T` in memory that its owner releases: destroying it through any base leaves the memory alone.
@@ -38,16 +39,43 @@ struct TbInPlaceText {
     /// Makes `target`, which has no buffer, the text of `length` bytes and a zero byte at `place`.
     static void lend(TbString& target, char* place, std::uint32_t length) noexcept { target.lieAt(place, length); }
 
+    /// Takes from `target` what was lent to it, and leaves those bytes alone.
+    static void forget(TbString& target) noexcept {
+        if (target.m_Room == 0) {
+            target.m_Buffer = nullptr;
+            target.m_Length = 0;
+        }
+    }
+
+    /// Raises KVX_E_OUT_OF_MEMORY (TBFC_Exception) for the length of a text that no string can have.
+    static void requireLendable(std::size_t length) {
+        if (length > UINT32_MAX - TbString::kSlack) {
+            throw TBFC_Exception(KVX_E_OUT_OF_MEMORY);
+        }
+    }
+
+    /// Makes `target` the text of `source`, another string, as assigning does. Where it can be, only the memory changes
+    /// hands, and `source` is left empty.
+    static void handOver(TbString& source, TbString& target) {
+        if (!source.ownsBuffer()) {
+            target = source;
+            return;
+        }
+        target.joinSecrecyOf(source);
+        target.takeOver(source);
+        target.m_Capacity = target.m_Length + TbString::kSlack;
+    }
+
     /// Makes `target`, which has no buffer, an empty text with one.
     static void empty(TbString& target) noexcept { target.holdNothing(); }
 
     /// Bytes of an object that ends with the room for its text, `room` bytes.
-    static std::size_t sizeWithRoom(std::size_t room) noexcept {
+    static constexpr std::size_t sizeWithRoom(std::size_t room) noexcept {
         return sizeof(TbString) - sizeof TbString::m_Text + room;
     }
 
     /// Lets texts that are assigned to `target` lie in its own last `room` bytes, zero byte included.
-    static void giveRoom(TbString& target, std::uint8_t room) noexcept { target.m_Place = room; }
+    static void giveRoom(TbString& target, std::uint16_t room) noexcept { target.m_Place = room; }
 };
 
 #endif

@@ -197,7 +197,7 @@ private:
         auto* const entry = new (memory + itemAt) TbInPlace<TbMapItem>(TbCountedByMaker{});
         auto* const value = new (memory + valueAt) TbInPlace<TbString>(TbCountedByMaker{});
         TbRefCounter::countLiving(kObjects);
-        TbInPlaceText::giveRoom(*value, static_cast<std::uint8_t>(bytes - valueAt - TbInPlaceText::sizeWithRoom(0)));
+        TbInPlaceText::giveRoom(*value, static_cast<std::uint16_t>(bytes - valueAt - TbInPlaceText::sizeWithRoom(0)));
         entry->m_Offset = static_cast<std::uint8_t>(itemAt);
         entry->m_IsCompact = true;
         char* const text = textOf(*node);

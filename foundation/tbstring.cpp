@@ -2,10 +2,11 @@
 //
 // The published capacity follows its own rule (need plus 65) and is not the size of the memory behind it. That grows by
 // half of itself, so that appending stays linear; an assigned text has no slack, an empty text nothing but a terminator
-// that all strings share, a short text in a container none at all: it lies behind the object that holds it, as does a
-// short text that is assigned to a value of a map; and after a failed growth the capacity may be the larger one. Texts
-// that lie in the string's own buffer are accepted everywhere: such an assignment builds a second string and swaps,
-// such an append goes by offset. A string that has become secret after it got its buffer wipes that one too.
+// that all strings share, a short text in a container none at all: it lies behind the object that holds it; a string
+// that ends with room of its own keeps short texts there (m_Place); and after a failed growth the capacity may be the
+// larger one. Texts that lie in the string's own buffer are accepted everywhere: such an assignment builds a second
+// string and takes its text over, such an append goes by offset. A string that has become secret after it got its
+// buffer wipes that one too.
 
 #include "foundation/tbstring.h"
 
@@ -13,10 +14,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <utility>
 
 #include "foundation/tbcompare.h"
 #include "foundation/tbexception.h"
 #include "foundation/tbmemory.h"
+#include "foundation/tbstringwriter.h"
 
 namespace {
 
@@ -148,15 +151,20 @@ void TbString::allocate(TbObject** slot) {
     tbAllocateInto<TbString>(slot);
 }
 
+/// The bytes that may hold text, in memory that this string does not own: no text becomes shorter before it is cleared.
+std::uint32_t TbString::touched() const noexcept {
+    return m_Room == 0 ? m_Length : std::min<std::uint32_t>(m_Room, m_Length + TbStringWriter::kSpare);
+}
+
 void TbString::clear() noexcept {
-    if (m_Room != 0) {
+    if (ownsBuffer()) {
         if (m_IsSecret) {
             tbReleaseSecret(m_Buffer, m_Room);
         } else {
             tbRelease(m_Buffer);
         }
     } else if (m_IsSecret && m_Length != 0) {
-        ::explicit_bzero(m_Buffer, m_Length);  // it lies in memory that others release
+        ::explicit_bzero(m_Buffer, touched());  // it lies in memory that others release
     }
     m_Buffer = nullptr;
     m_Length = 0;
@@ -175,25 +183,46 @@ void TbString::raiseCapacity(std::uint64_t need) {
     }
 }
 
-/// Moves the contents to memory of at least `bytes` bytes.
+/// Moves the contents to owned memory of at least `bytes` bytes.
 void TbString::resize(std::uint64_t bytes) {
-    std::uint64_t const size = std::min<std::uint64_t>(tbRoomFor(m_Room, bytes), UINT32_MAX);
-    void* const memory = m_Room == 0  ? tbAllocate(static_cast<std::size_t>(size))
+    bool const isOwned = ownsBuffer();
+    std::uint64_t const size = std::min<std::uint64_t>(tbRoomFor(isOwned ? m_Room : 0, bytes), UINT32_MAX);
+    void* const memory = !isOwned     ? tbAllocate(static_cast<std::size_t>(size))
                          : m_IsSecret ? tbReallocateSecret(m_Buffer, m_Room, size)
                                       : tbReallocate(m_Buffer, static_cast<std::size_t>(size));
     auto* const buffer = static_cast<char*>(memory);
     if (buffer == nullptr) {
         throw TBFC_Exception(KVX_E_OUT_OF_MEMORY);
     }
-    if (m_Room == 0 && m_Length != 0) {
-        std::memcpy(buffer, m_Buffer, m_Length);
-        if (m_IsSecret) {
-            ::explicit_bzero(m_Buffer, m_Length);
-        }
+    if (isOwned) {
+        m_Buffer = buffer;
+    } else {
+        moveTo(buffer);
     }
-    m_Buffer = buffer;
     m_Buffer[m_Length] = '\0';
     m_Room = static_cast<std::uint32_t>(size);
+}
+
+/// Moves the contents of a string that does not own its buffer.
+void TbString::moveTo(char* place) noexcept {
+    if (m_Length != 0) {
+        std::memcpy(place, m_Buffer, m_Length);
+        if (m_IsSecret) {
+            ::explicit_bzero(m_Buffer, touched());
+        }
+    }
+    m_Buffer = place;
+}
+
+/// Makes room for `bytes` bytes: at m_Text where they fit, else in owned memory of `owned` bytes.
+void TbString::settle(std::uint64_t bytes, std::uint64_t owned) {
+    if (m_Room != 0 || bytes > m_Place) {
+        resize(owned);
+        return;
+    }
+    moveTo(m_Text);
+    m_Buffer[m_Length] = '\0';
+    m_Room = m_Place;
 }
 
 /// Makes a string without a buffer an empty text with one.
@@ -222,11 +251,7 @@ void TbString::fill(char const* bytes, std::uint32_t count, std::uint64_t extra)
         return;
     }
     raiseCapacity(count);
-    if (count + extra < m_Place) {
-        m_Buffer = m_Text;
-    } else {
-        resize(exactRoom(count + extra));
-    }
+    settle(count + extra + 1, exactRoom(count + extra));
     std::memcpy(m_Buffer, bytes, count);
     m_Length = count;
     m_Buffer[m_Length] = '\0';
@@ -237,7 +262,7 @@ void TbString::grow(std::uint32_t extra) {
     raiseCapacity(need);
     if (need + 1 > m_Room) {
         // After a failed growth the published capacity may never be reached; this request may be smaller.
-        resize(std::min<std::uint64_t>(m_Capacity, need + kSlack));
+        settle(need + 1, std::min<std::uint64_t>(m_Capacity, need + kSlack));
     }
 }
 
@@ -246,15 +271,21 @@ bool TbString::owns(char const* pointer) const noexcept {
            std::less<char const*>()(pointer, m_Buffer + std::max(m_Room, m_Length + 1));
 }
 
+/// Becomes the text of `other`, which owns its buffer or has none, and is left empty.
+void TbString::takeOver(TbString& other) noexcept {
+    clear();
+    m_Buffer = std::exchange(other.m_Buffer, nullptr);
+    m_Length = std::exchange(other.m_Length, 0);
+    m_Capacity = std::exchange(other.m_Capacity, 0);
+    m_Room = std::exchange(other.m_Room, 0);
+}
+
 TbString& TbString::assign(char const* text, std::uint32_t count) {
     if (owns(text)) {
         TbString copy;
         copy.joinSecrecyOf(*this);
         copy.assign(text, count);
-        std::swap(m_Buffer, copy.m_Buffer);
-        std::swap(m_Length, copy.m_Length);
-        std::swap(m_Capacity, copy.m_Capacity);
-        std::swap(m_Room, copy.m_Room);
+        takeOver(copy);
         return *this;
     }
     clear();

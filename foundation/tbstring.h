@@ -165,19 +165,24 @@ private:
     static constexpr std::uint32_t kSlack = 65;
 
     [[nodiscard]] bool owns(char const* pointer) const noexcept;
+    [[nodiscard]] bool ownsBuffer() const noexcept { return m_Room != 0 && m_Buffer != m_Text; }
     KVX_INTERNAL void raiseCapacity(std::uint64_t need);
     KVX_INTERNAL void resize(std::uint64_t bytes);
+    KVX_INTERNAL void moveTo(char* place) noexcept;
+    KVX_INTERNAL void settle(std::uint64_t bytes, std::uint64_t owned);
+    [[nodiscard]] KVX_INTERNAL std::uint32_t touched() const noexcept;
+    KVX_INTERNAL void takeOver(TbString& other) noexcept;
     KVX_INTERNAL void holdNothing() noexcept;
     KVX_INTERNAL void holdInPlace(char* place, TbString const& other) noexcept;
     KVX_INTERNAL void lieAt(char* place, std::uint32_t length) noexcept;
     KVX_INTERNAL void fill(char const* bytes, std::uint32_t count, std::uint64_t extra);
 
-    bool m_IsSecret = false;     ///< Buffers are wiped before they are released.
-    std::uint8_t m_Place = 0;    ///< Bytes at m_Text that an assigned text may lie in, most of them behind the object.
-    char* m_Buffer = nullptr;    ///< Owned when m_Room is not 0; else null, or the text lies in its owner's memory.
-    std::uint32_t m_Length = 0;  ///< Bytes before the terminator.
+    bool m_IsSecret = false;       ///< Buffers are wiped before they are released.
+    std::uint16_t m_Place = 0;     ///< Bytes at m_Text that a text may lie in, most of them behind the object.
+    char* m_Buffer = nullptr;      ///< Owned, or m_Text; when m_Room is 0 null, or the text lies in others' memory.
+    std::uint32_t m_Length = 0;    ///< Bytes before the terminator.
     std::uint32_t m_Capacity = 0;  ///< Published size of the buffer; 0 when null. Above m_Length when not.
-    std::uint32_t m_Room = 0;      ///< Bytes of the owned memory at m_Buffer, above m_Length; 0 when it is not owned.
+    std::uint32_t m_Room = 0;      ///< Bytes that may be written at m_Buffer, above m_Length; 0 when it is others'.
     char m_Text[4] = {};           ///< The beginning of m_Place bytes, which the owner of the string provides.
 };
 

@@ -24,7 +24,7 @@ public:
             throw TBFC_Exception(KVX_E_OUT_OF_MEMORY);
         }
         if (need + kSpare > text.m_Room) {
-            text.resize(need + TbString::kSlack);
+            text.settle(need + kSpare, need + TbString::kSlack);
         }
         m_Limit = std::int64_t{std::min(text.m_Capacity, text.m_Room)};
     }

@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "foundation/tblocalstring.h"
 #include "foundation/tbmemory.h"
 #include "foundation/tbstringwriter.h"
 #include "foundation/tbvector.h"
@@ -350,14 +351,14 @@ struct StringModel {
 
 /// A string and its model, and one operation on both.
 struct ModelledString {
-    TbString m_Text;
-    StringModel m_Model;
+    TbString& m_Text;
+    StringModel m_Model = {};
 
     void operate(Random& random, ModelledString const& other) {
         std::string const bytes = randomBytes(random);
         auto const count = static_cast<std::uint32_t>(bytes.size());
         auto const from = static_cast<std::uint32_t>(random.below(m_Model.m_Bytes.size() + 2));
-        switch (random.below(16)) {
+        switch (random.below(17)) {
             case 0:
                 m_Text.clear();
                 m_Model.clear();
@@ -412,6 +413,12 @@ struct ModelledString {
                     m_Model.assign(std::string(m_Model.m_Bytes, from));
                 }
                 break;
+            case 13: {
+                TbString given(other.m_Text);
+                TbInPlaceText::handOver(given, m_Text);
+                m_Model.assign(StringModel(other.m_Model));
+                break;
+            }
             default:
                 for (char const byte : bytes) {
                     m_Text.append(byte);
@@ -442,11 +449,12 @@ struct ModelledString {
     }
 };
 
-TEST(TbString, HasThePublishedCapacityAfterEveryOperation) {
+/// Random operations on three strings and their models.
+void compareWithModels(TbString& first, TbString& second, TbString& third) {
     Random random;
     SCOPED_TRACE("seed " + std::to_string(testSeed()));
-    ModelledString strings[3];
-    strings[2].m_Text.keepSecret();
+    ModelledString strings[3] = {{first}, {second}, {third}};
+    third.keepSecret();
     for (int i = 0; i < 20000; ++i) {
         ModelledString& changed = strings[random.below(3)];
         changed.operate(random, strings[random.below(3)]);
@@ -456,6 +464,17 @@ TEST(TbString, HasThePublishedCapacityAfterEveryOperation) {
         TbString const copy(changed.m_Text);
         ASSERT_EQ(copy.capacity(), changed.m_Model.m_HasBuffer ? changed.m_Model.m_Bytes.size() + 65 : 0);
     }
+}
+
+TEST(TbString, HasThePublishedCapacityAfterEveryOperation) {
+    TbString strings[3];
+    compareWithModels(strings[0], strings[1], strings[2]);
+}
+
+TEST(TbLocalString, HasThePublishedCapacityAfterEveryOperation) {
+    TbShortString strings[2];
+    TbLocalString<240> secret;
+    compareWithModels(strings[0], strings[1], secret);
 }
 
 TEST(TbString, HasRoomForItsPublishedCapacityOnceItGrows) {
