@@ -81,6 +81,17 @@ xmlElement* xmlAccess::create(xmlDraft const& draft, bool hasChildren) {
     return element;
 }
 
+xmlElement* xmlAccess::create(xmlSlice tag, std::uint32_t attributes, std::uint16_t bytes) {
+    std::size_t const list = xmlAttributes::sizeFor(attributes) + bytes;
+    void* const block = xmlAllocate(sizeof(xmlElement) + sizeof(xmlChild) + list + xmlText::sizeFor(tag));
+    auto* const element = new (block) xmlElement;
+    Rest rest(element + 1);
+    new (rest.take(sizeof(xmlChild))) xmlChild{nullptr, nullptr, element};
+    element->m_Attributes = xmlAttributes::createAt(rest.take(list), attributes, bytes);
+    element->m_Tag = xmlText::createAt(rest.take(xmlText::sizeFor(tag)), tag, false);
+    return element;
+}
+
 xmlElement* xmlAccess::insertNew(xmlElement& parent, xmlDraft const& draft, bool hasChildren) {
     std::unique_ptr<xmlElement> child(create(draft, hasChildren));
     childrenOf(parent).appendEmbedded(embeddedChildOf(*child));
@@ -104,5 +115,5 @@ void xmlAccess::setAttribute(xmlElement& element, xmlPart name, xmlPart value, b
     if (element.m_Attributes == nullptr) {
         element.m_Attributes = xmlAttributes::create();
     }
-    element.m_Attributes->put(xmlAttribute::create(name, value, isEncoded));
+    element.m_Attributes->set(name, value, isEncoded);
 }

@@ -16,7 +16,12 @@ public:
     /// Belongs to the caller. Raises KVX_E_OUT_OF_MEMORY (TBFC_Exception).
     [[nodiscard]] static xmlElement* create(xmlDraft const& draft, bool hasChildren);
 
-    /// The same, inserted as the last child of `parent`. Borrowed.
+    /// An element without attributes in one block of memory with places for `attributes` of them and `bytes` bytes that
+    /// they may lie in, a multiple of `alignof(xmlAttribute)`. Belongs to the caller. Raises KVX_E_OUT_OF_MEMORY
+    /// (TBFC_Exception).
+    [[nodiscard]] static xmlElement* create(xmlSlice tag, std::uint32_t attributes, std::uint16_t bytes);
+
+    /// As create() of a draft, inserted as the last child of `parent`. Borrowed.
     static xmlElement* insertNew(xmlElement& parent, xmlDraft const& draft, bool hasChildren);
 
     /// The children of `element`; the list is made when there is none yet.

@@ -1,4 +1,6 @@
-// Attributes: a piece of memory for each, a list of them in their order, and a tree over the places in the list.
+// Attributes: a piece of memory for each, a list of them in their order, and a tree over the places in the list. The
+// pieces of the first ones may lie in one block with the list: those that the parser knows of, and those that have
+// space in what was asked for as spare. What lies there stays until the list is destroyed.
 //
 // The tree holds numbers and looks the names up in the list, so a value is replaced without touching the tree. A name
 // that is searched for stands in the tree's place by itself (ByName compares both). The tree is made with the first
@@ -50,14 +52,25 @@ struct xmlAttributes::Index {
     std::set<std::uint32_t, ByName, xmlAllocator<std::uint32_t>> m_Positions;
 };
 
-xmlAttribute* xmlAttribute::create(xmlPart name, xmlPart value, bool isEncoded) {
-    std::uint64_t const length = isEncoded ? value.m_Text.m_Length : xmlEncodedLength(value.m_Text);
+std::uint64_t xmlAttribute::storedLength(xmlPart value, bool isEncoded) noexcept {
+    return isEncoded ? value.m_Text.m_Length : xmlEncodedLength(value.m_Text);
+}
+
+xmlAttribute* xmlAttribute::create(xmlPart name, xmlPart value, bool isEncoded, std::uint64_t length) {
     std::uint64_t const bytes = sizeFor(name.m_Text.m_Length, length);
     if (length > kMaxValue || bytes > UINT32_MAX) {
         throw TBFC_Exception(KVX_E_OUT_OF_MEMORY);
     }
-    auto* const created = static_cast<xmlAttribute*>(xmlAllocate(static_cast<std::size_t>(bytes)));
-    *created = {name.m_Text.m_Length, static_cast<std::uint32_t>(length), name.m_IsSecret, value.m_IsSecret, false};
+    xmlAttribute* const created =
+        createAt(xmlAllocate(static_cast<std::size_t>(bytes)), name, value, isEncoded, length);
+    created->m_IsEmbedded = false;
+    return created;
+}
+
+xmlAttribute* xmlAttribute::createAt(void* place, xmlPart name, xmlPart value, bool isEncoded,
+                                     std::uint64_t length) noexcept {
+    auto* const created = static_cast<xmlAttribute*>(place);
+    *created = {name.m_Text.m_Length, static_cast<std::uint32_t>(length), name.m_IsSecret, value.m_IsSecret, true};
     char* const end = writeHead(name.m_Text, reinterpret_cast<char*>(created + 1));
     *(isEncoded ? copyTo(end, value.m_Text) : xmlEncodeTo(value.m_Text, end)) = kAfterValue;
     return created;
@@ -111,6 +124,25 @@ xmlAttribute const* xmlAttributes::find(xmlSlice name) const noexcept {
     return position == kNone ? nullptr : m_Items[position];
 }
 
+void xmlAttributes::set(xmlPart name, xmlPart value, bool isEncoded) {
+    put(make(name, value, isEncoded));
+}
+
+/// A new attribute, in the spare bytes where it has space there.
+xmlAttribute* xmlAttributes::make(xmlPart name, xmlPart value, bool isEncoded) {
+    constexpr std::uint64_t kStep = alignof(xmlAttribute);
+    std::uint64_t const length = xmlAttribute::storedLength(value, isEncoded);
+    std::uint64_t const bytes = (xmlAttribute::sizeFor(name.m_Text.m_Length, length) + kStep - 1) / kStep * kStep;
+    if (bytes > m_Spare) {
+        return xmlAttribute::create(name, value, isEncoded, length);
+    }
+    void* const place = reinterpret_cast<char*>(this) + m_SpareAt;
+    m_SpareAt += static_cast<std::uint32_t>(bytes);
+    m_Spare = static_cast<std::uint16_t>(m_Spare - bytes);
+    return xmlAttribute::createAt(place, name, value, isEncoded, length);
+}
+
+/// Takes `attribute` over, at the place of the one with its name or at the end. On failure it is released.
 void xmlAttributes::put(xmlAttribute* attribute) {
     std::uint32_t const position = positionOf(attribute->name());
     if (position == kNone) {
@@ -155,5 +187,5 @@ void xmlAttributes::makeRoom() {
         std::memcpy(block, m_Items, m_Count * sizeof(xmlAttribute*));
     }
     m_Items = static_cast<xmlAttribute**>(block);
-    m_Room = tbBlockSize(block) / sizeof(xmlAttribute*);
+    m_Room = static_cast<std::uint32_t>(tbBlockSize(block) / sizeof(xmlAttribute*));
 }

@@ -21,9 +21,15 @@ struct xmlAttribute {
     /// All of it, as it is written.
     [[nodiscard]] xmlSlice text() const noexcept { return {bytes(), m_NameLength + m_ValueLength + 4}; }
 
-    /// A new attribute; `value` is encoded, or taken to be encoded already. Raises KVX_E_OUT_OF_MEMORY
-    /// (TBFC_Exception).
-    [[nodiscard]] static xmlAttribute* create(xmlPart name, xmlPart value, bool isEncoded);
+    /// The length of `value` as it is stored: encoded, or taken to be encoded already.
+    [[nodiscard]] static std::uint64_t storedLength(xmlPart value, bool isEncoded) noexcept;
+
+    /// A new attribute whose value has the stored length `length`. Raises KVX_E_OUT_OF_MEMORY (TBFC_Exception).
+    [[nodiscard]] static xmlAttribute* create(xmlPart name, xmlPart value, bool isEncoded, std::uint64_t length);
+
+    /// The same in memory of others, in the `sizeFor` bytes at `place`.
+    static xmlAttribute* createAt(void* place, xmlPart name, xmlPart value, bool isEncoded,
+                                  std::uint64_t length) noexcept;
 
     /// A new attribute in the block of an element, in the `sizeFor` bytes at `place`; `value` is encoded already.
     /// Requires: `name` is part of a text and not its beginning, and `value`, unless empty, stands behind it.
@@ -93,6 +99,15 @@ public:
         return new (place) xmlAttributes(room, true);
     }
 
+    /// The same with `spare` bytes right behind, a multiple of `alignof(xmlAttribute)`, for attributes that are set
+    /// later: those that have space there need no memory of their own.
+    static xmlAttributes* createAt(void* place, std::uint32_t room, std::uint16_t spare) noexcept {
+        xmlAttributes* const created = createAt(place, room);
+        created->m_SpareAt = static_cast<std::uint32_t>(sizeFor(room));
+        created->m_Spare = spare;
+        return created;
+    }
+
     /// Bytes of an object with places for `room` attributes.
     [[nodiscard]] static std::size_t sizeFor(std::uint32_t room) noexcept {
         return sizeof(xmlAttributes) + room * sizeof(xmlAttribute*);
@@ -110,9 +125,9 @@ public:
     /// Null when there is none. Borrowed until the next change.
     [[nodiscard]] xmlAttribute const* find(xmlSlice name) const noexcept;
 
-    /// Takes `attribute` over, at the place of the one with its name or at the end. On failure nothing has changed, and
-    /// it is released.
-    void put(xmlAttribute* attribute);
+    /// Sets the attribute `name`, at its place or at the end; `value` is encoded, or taken to be encoded already. On
+    /// failure nothing has changed.
+    void set(xmlPart name, xmlPart value, bool isEncoded);
 
     /// Adds an attribute that lies in the block of the element. Requires: a name that is not there yet, and one of the
     /// first places.
@@ -127,6 +142,9 @@ private:
     xmlAttributes(std::uint32_t room, bool isEmbedded) noexcept : m_Room(room), m_IsEmbedded(isEmbedded) {}
     ~xmlAttributes();
 
+    [[nodiscard]] xmlAttribute* make(xmlPart name, xmlPart value, bool isEncoded);
+    void put(xmlAttribute* attribute);
+
     static constexpr std::uint32_t kNone = UINT32_MAX;
 
     [[nodiscard]] std::uint32_t positionOf(xmlSlice name) const noexcept;
@@ -137,8 +155,10 @@ private:
 
     xmlAttribute** m_Items = firstPlaces();  ///< Targets are owned; places too, a block, but the first.
     Index* m_Index = nullptr;                ///< Owned; positions by name. Null while there are few.
-    std::size_t m_Room;                      ///< Places at m_Items.
+    std::uint32_t m_Room;                    ///< Places at m_Items.
     std::uint32_t m_Count = 0;
+    std::uint32_t m_SpareAt = 0;  ///< Where the bytes for attributes begin that no attribute lies in, from this on.
+    std::uint16_t m_Spare = 0;    ///< How many those are.
     bool m_IsEmbedded;            ///< Lies in the block of an element and is released with that.
     bool m_IsReleaseDue = false;  ///< An attribute is not embedded, or secret.
 };

@@ -7,9 +7,11 @@
 
 #include "xml/xmlelement.h"
 
+#include <cstring>
 #include <utility>
 
 #include "foundation/tbexception.h"
+#include "foundation/tblocalstring.h"
 #include "xml/xmlaccess.h"
 #include "xml/xmlchildren.h"
 #include "xml/xmlentities.h"
@@ -115,8 +117,13 @@ bool xmlElement::getAttribute(TbString const& name, TbString& value) const {
     if (found == nullptr) {
         return false;
     }
-    TbString decoded;
-    xmlDecodeInto({found->value(), found->m_IsValueSecret}, decoded);
+    xmlSlice const encoded = found->value();
+    if (encoded.m_Length != 0 && std::memchr(encoded.m_Bytes, '&', encoded.m_Length) == nullptr) {
+        value = TbBorrowed(encoded.m_Bytes, encoded.m_Length, found->m_IsValueSecret);
+        return true;
+    }
+    TbLongString decoded;
+    xmlDecodeInto({encoded, found->m_IsValueSecret}, decoded);
     value = decoded;
     return true;
 }

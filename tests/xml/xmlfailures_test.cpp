@@ -308,7 +308,9 @@ TEST(XmlFailures, AttributesOfMoreThan32BitsAreRefused) {
     for (auto const& row : rows) {
         xmlPart const name{{"n", row.m_NameLength}};
         xmlPart const value{{"v", row.m_ValueLength}};
-        EXPECT_EQ(thrownCode([&] { static_cast<void>(xmlAttribute::create(name, value, true)); }), KVX_E_OUT_OF_MEMORY)
+        EXPECT_EQ(
+            thrownCode([&] { static_cast<void>(xmlAttribute::create(name, value, true, value.m_Text.m_Length)); }),
+            KVX_E_OUT_OF_MEMORY)
             << row.m_NameLength << ", " << row.m_ValueLength;
     }
 }
