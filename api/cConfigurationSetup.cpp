@@ -2,6 +2,7 @@
 
 #include "api/kvxboundary.h"
 #include "api/kvxlines_api.h"
+#include "foundation/tblocalstring.h"
 
 KVXCIMPL_ConfigurationSetup::KVXCIMPL_ConfigurationSetup() {
     m_Signature.set(kKind);
@@ -49,7 +50,7 @@ void DestroyConfigurationSetup(KVX_HANDLE handle) {
 }
 
 int32_t ConfigurationSetup_SetConfiguration(KVX_HANDLE handle, char const* path) {
-    return kvxRun<KVXCIMPL_ConfigurationSetup>(handle, [&](auto& setup) { setup.SetConfiguration(mbstoSTRING(path)); });
+    return kvxRun<KVXCIMPL_ConfigurationSetup>(handle, [&](auto& setup) { setup.SetConfiguration(TbBorrowed(path)); });
 }
 
 int32_t ConfigurationSetup_Reconfigure(KVX_HANDLE handle, char const* url, char const* user, char const* password) {
@@ -60,19 +61,19 @@ int32_t ConfigurationSetup_Reconfigure(KVX_HANDLE handle, char const* url, char 
 
 int32_t ConfigurationSetup_SetOption(KVX_HANDLE handle, char const* name, char const* value) {
     return kvxRun<KVXCIMPL_ConfigurationSetup>(
-        handle, [&](auto& setup) { setup.SetOption(mbstoSTRING(name), kvxSecretText(value)); });
+        handle, [&](auto& setup) { setup.SetOption(TbBorrowed(name), kvxSecretText(value)); });
 }
 
 int32_t ConfigurationSetup_GetAttribute(KVX_HANDLE handle, char const* file, char const* name, int32_t* size,
                                         char* buffer) {
     return kvxCall<KVXCIMPL_ConfigurationSetup>(handle, [&](auto& setup) {
         TbString value;
-        setup.GetAttribute(mbstoSTRING(file), mbstoSTRING(name), value);
+        setup.GetAttribute(TbBorrowed(file), TbBorrowed(name), value);
         return kvxCopyOut(value.c_str(), size, buffer);
     });
 }
 
 int32_t ConfigurationSetup_SetAttribute(KVX_HANDLE handle, char const* file, char const* name, char const* value) {
     return kvxRun<KVXCIMPL_ConfigurationSetup>(
-        handle, [&](auto& setup) { setup.SetAttribute(mbstoSTRING(file), mbstoSTRING(name), kvxSecretText(value)); });
+        handle, [&](auto& setup) { setup.SetAttribute(TbBorrowed(file), TbBorrowed(name), kvxSecretText(value)); });
 }

@@ -12,8 +12,10 @@
 #include "api/cMessageObject.h"
 #include "api/kvxboundary.h"
 #include "api/kvxlines_api.h"
+#include "core/kvxctx_conversions.h"
 #include "core/kvxctx_defaults.h"
 #include "core/kvxlines_core.h"
+#include "foundation/tblocalstring.h"
 
 namespace {
 
@@ -38,12 +40,18 @@ KVXCIMPL_MessageObject* KVXCIMPL_MessageFactory::CreatePayInit() {
     account.Open(m_Path);
     OwnedMessage object(new KVXCIMPL_MessageObject);
     object->m_Context = account;
-    kvx::kSourceCtx.trace(kvx::kLineOpen, "OPEN CONTEXT", account.GetPath());  // the object's, published as well
-    object->startOutgoing("PayInit");
-    object->m_Message.SetAttribute("TOKEN", account.CreateUuid());
+    kvx::kSourceCtx.trace(kvx::kLineOpen, "OPEN CONTEXT", account.path());  // the object's, published as well
+    object->startOutgoing(TbBorrowed("PayInit"));
+    TbShortString token;
+    kvxUuidInto(token);
+    object->m_Message.SetAttribute(TbBorrowed("TOKEN"), token);
     KvxPaymentDefaults const defaults(account);
     defaults.copyTo(object->m_Message);
-    object->m_Message.SetAttribute("EXPIRATION", GetTimeDate(std::strtod(defaults.timeToLive().c_str(), nullptr)));
+    TbShortString seconds;
+    defaults.timeToLive(seconds);
+    TbShortString expiration;
+    kvxTimeDateInto(std::strtod(seconds.c_str(), nullptr), expiration);
+    object->m_Message.SetAttribute(TbBorrowed("EXPIRATION"), expiration);
     return object.release();
 }
 
@@ -55,9 +63,9 @@ KVXCIMPL_MessageObject* KVXCIMPL_MessageFactory::VerifyPayConfirm(TbString const
 }
 
 KVXCIMPL_MessageObject* KVXCIMPL_MessageFactory::CreatePayComplete(TbString const& id, TbString const& token) {
-    OwnedMessage object = newOutgoing("PayComplete");
-    object->m_Message.SetAttribute("ID", id);
-    object->m_Message.SetAttribute("TOKEN", token);
+    OwnedMessage object = newOutgoing(TbBorrowed("PayComplete"));
+    object->m_Message.SetAttribute(TbBorrowed("ID"), id);
+    object->m_Message.SetAttribute(TbBorrowed("TOKEN"), token);
     return object.release();
 }
 
@@ -89,7 +97,7 @@ void DestroyMessageFactory(KVX_HANDLE handle) {
 }
 
 int32_t MessageFactory_Open(KVX_HANDLE handle, char const* path) {
-    return kvxRun<KVXCIMPL_MessageFactory>(handle, [&](auto& factory) { factory.Open(mbstoSTRING(path)); });
+    return kvxRun<KVXCIMPL_MessageFactory>(handle, [&](auto& factory) { factory.Open(TbBorrowed(path)); });
 }
 
 int32_t MessageFactory_CreatePayInit(KVX_HANDLE handle, KVX_HANDLE* out) {
@@ -98,16 +106,17 @@ int32_t MessageFactory_CreatePayInit(KVX_HANDLE handle, KVX_HANDLE* out) {
 
 int32_t MessageFactory_VerifyPayConfirm(KVX_HANDLE handle, char const* data, char const* signature, KVX_HANDLE* out) {
     return kvxMake<KVXCIMPL_MessageFactory>(handle, out, [&](auto& factory) {
-        return factory.VerifyPayConfirm(mbstoSTRING(data), mbstoSTRING(signature));
+        // What is verified must be what is used, whatever another thread of the caller does to its buffer meanwhile.
+        return factory.VerifyPayConfirm(mbstoSTRING(data), TbBorrowed(signature));
     });
 }
 
 int32_t MessageFactory_CreatePayComplete(KVX_HANDLE handle, char const* id, char const* token, KVX_HANDLE* out) {
     return kvxMake<KVXCIMPL_MessageFactory>(
-        handle, out, [&](auto& factory) { return factory.CreatePayComplete(mbstoSTRING(id), mbstoSTRING(token)); });
+        handle, out, [&](auto& factory) { return factory.CreatePayComplete(TbBorrowed(id), TbBorrowed(token)); });
 }
 
 int32_t MessageFactory_CreateRequest(KVX_HANDLE handle, char const* type, KVX_HANDLE* out) {
     return kvxMake<KVXCIMPL_MessageFactory>(handle, out,
-                                            [&](auto& factory) { return factory.CreateRequest(mbstoSTRING(type)); });
+                                            [&](auto& factory) { return factory.CreateRequest(TbBorrowed(type)); });
 }

@@ -11,6 +11,7 @@
 
 #include "api/kvxboundary.h"
 #include "api/kvxlines_api.h"
+#include "foundation/tblocalstring.h"
 #include "foundation/tbmemory.h"
 
 KVXCIMPL_MessageObject::KVXCIMPL_MessageObject() : m_Message(&m_Context) {
@@ -53,7 +54,7 @@ void KVXCIMPL_MessageObject::GetURL(TbString& url) {
     if (m_Outgoing == 0) {
         kvx::kSourceMessageObject.fail(KVX_E_UNEXPECTED, kvx::kLineUrlOfForeignMessage);
     }
-    url = computed;
+    TbInPlaceText::handOver(computed, url);
 }
 
 void KVXCIMPL_MessageObject::Capture() {
@@ -88,18 +89,18 @@ void DestroyMessageObject(KVX_HANDLE handle) {
 }
 
 int32_t MessageObject_Open(KVX_HANDLE handle, char const* path) {
-    return kvxRun<KVXCIMPL_MessageObject>(handle, [&](auto& object) { object.Open(mbstoSTRING(path)); });
+    return kvxRun<KVXCIMPL_MessageObject>(handle, [&](auto& object) { object.Open(TbBorrowed(path)); });
 }
 
 int32_t MessageObject_SetAttribute(KVX_HANDLE handle, char const* name, char const* value) {
     return kvxRun<KVXCIMPL_MessageObject>(
-        handle, [&](auto& object) { object.SetAttribute(mbstoSTRING(name), mbstoSTRING(value)); });
+        handle, [&](auto& object) { object.SetAttribute(TbBorrowed(name), TbBorrowed(value)); });
 }
 
 int32_t MessageObject_GetAttribute(KVX_HANDLE handle, char const* name, int32_t* size, char* buffer) {
     return kvxCall<KVXCIMPL_MessageObject>(handle, [&](auto& object) {
         TbString value;
-        object.GetAttribute(mbstoSTRING(name), value);
+        object.GetAttribute(TbBorrowed(name), value);
         return kvxCopyOut(value.c_str(), size, buffer);
     });
 }
@@ -121,7 +122,7 @@ int32_t MessageObject_Execute(KVX_HANDLE handle, KVX_HANDLE* out) {
 }
 
 int32_t MessageObject_FromString(KVX_HANDLE handle, char const* text) {
-    return kvxRun<KVXCIMPL_MessageObject>(handle, [&](auto& object) { object.FromString(mbstoSTRING(text)); });
+    return kvxRun<KVXCIMPL_MessageObject>(handle, [&](auto& object) { object.FromString(TbBorrowed(text)); });
 }
 
 int32_t MessageObject_ToString(KVX_HANDLE handle, int32_t* size, char* buffer) {

@@ -72,7 +72,6 @@ void KVX_Context::CreatePath(TbString const& path) {
             kvx::kSourceBase.fail(error, kvx::kLineCreatePath, "KVX_Context::CreatePath(): failed to create directory");
         }
     }
-    LogMessage("CREATE PATH: " + path);
 }
 
 void KVX_Context::SetOption(TbString const& name, TbString const& value) {
@@ -93,8 +92,6 @@ void KVX_Context::SetOption(TbString const& name, TbString const& value) {
 
 void KVX_Context::LogMessage(TbString const&) {}
 
-TbString KVX_Context::pathOf(TbString const& file) const {
-    TbString path = kvx::joinedPath(m_Path.c_str(), m_Path.length(), file);
-    path.joinSecrecyOf(m_Path);
-    return path;
+kvx::JoinedPath KVX_Context::pathOf(TbString const& file) const {
+    return kvx::JoinedPath(m_Path, file);
 }

@@ -13,6 +13,9 @@
 
 class KVX_Context;
 struct KVX_Settings;
+namespace kvx {
+class JoinedPath;
+}
 enum class KvxReadResult;
 
 /// The current UTC time plus `seconds`, truncated to whole ones, as "YYYYMMDD HH:MM:SS". A number that is not finite
@@ -53,6 +56,9 @@ public:
 
     /// A copy of the path.
     [[nodiscard]] TbString GetPath() const { return m_Path; }
+
+    /// The path, borrowed until the next change.
+    [[nodiscard]] TbString const& path() const noexcept { return m_Path; }
 
     /// Sets "UserName", "Password" or "VTAUTOURL". Any other name: KVX_E_INVALID_OPTION. The values are kept as secret
     /// strings, and so is every URL and request that is made with them.
@@ -166,9 +172,10 @@ public:
     void Reconfigure();
 
 private:
-    [[nodiscard]] TbString pathOf(TbString const& file) const;
+    [[nodiscard]] kvx::JoinedPath pathOf(TbString const& file) const;
     [[nodiscard]] TbString endpoint(std::int32_t codeWhenMissing, long line);
     xmlElementPtr request(TbString const& msgType);
+    void composeUrl(TbString const& baseUrl, TbStringStream const& message, TbString const& signature, TbString& url);
     xmlElementPtr exchangeUnsigned(TbString const& url, xmlElementPtr const& request, TbString const& expectedType,
                                    TbStringStream& responseText);
     xmlElementPtr exchange(TbString const& baseUrl, TbStringStream& message, TbString const& signature,
@@ -186,11 +193,11 @@ private:
     void replaceAccount(bool hasDefaults);
     void replaceAccountAtOnce(bool hasDefaults);
     void replaceFile(TbString const& file, TbString const& content, KVX_Settings const& settings);
-    KvxReadResult tryReadFile(TbString const& file, TbStringStream& content);
+    KvxReadResult tryReadFile(TbString const& file, TbString& content);
     static void requireRead(KvxReadResult result, TbString const& file);
-    bool readOptionalFile(TbString const& file, TbStringStream& content);
-    bool readKeyFile(TbString const& file, TbString const& keyId, TbStringStream& content);
-    bool findValue(TbString const& file, TbStringStream& content, TbString const& name, TbString& value);
+    bool readOptionalFile(TbString const& file, TbString& content);
+    bool readKeyFile(TbString const& file, TbString const& keyId, TbString& content);
+    bool findValue(TbString const& file, TbString const& content, TbString const& name, TbString& value);
     KVX_Settings settingsForExchange();
     KVX_Settings settingsForVerification();
     KVX_Settings settingsForLocalWork();
@@ -260,7 +267,7 @@ public:
 private:
     KVX_Context& boundContext() const;
     void requireElement(long line) const;
-    TbString configured(TbString const& name, long line) const;
+    void requireConfigured(TbString const& name, long line, TbString& value) const;
     xmlElementPtr sendSigned(TbString const& captureUrl, TbStringStream& text, TbString const& expectedType);
 
     xmlElementPtr m_Element;           ///< Empty until Create or Open succeeds.

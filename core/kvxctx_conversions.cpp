@@ -101,10 +101,16 @@ TbString KVX_Context::Encode(TbString const& text) {
 }
 
 TbString KVX_Context::BufferToHex(unsigned char* buffer, unsigned long length) {
+    TbString hex;
+    kvxHexInto(hex, buffer, length);
+    return hex;
+}
+
+void kvxHexInto(TbString& hex, unsigned char const* buffer, unsigned long length) {
     if (length > TbString::npos / 2) {
         throw TBFC_Exception(KVX_E_OUT_OF_MEMORY);
     }
-    TbString hex("");
+    hex.append("");
     if (length != 0) {
         TbStringWriter writer(hex, 2 * std::uint64_t{length});
         char* to = writer.begin();
@@ -114,7 +120,6 @@ TbString KVX_Context::BufferToHex(unsigned char* buffer, unsigned long length) {
         writer.endPiece(to);
         writer.finish(to);
     }
-    return hex;
 }
 
 std::int32_t kvxHexToBytes(char const* hex, std::uint32_t length, unsigned char* buffer, unsigned long* size) noexcept {
@@ -152,27 +157,38 @@ void KVX_Context::SlToBackSl(TbString& text) {
 }
 
 TbString KVX_Context::CreateUuid() {
+    TbString text;
+    kvxUuidInto(text);
+    return text;
+}
+
+void kvxUuidInto(TbString& text) {
     uuid_t bytes;
     {
         TbForkGate const gate;  // libuuid seeds the C library's random numbers, which have a lock
         uuid_generate(bytes);
     }
-    TbString text("");
+    text.append("");  // the capacity of the text is that of one that grew from nothing
     for (int const index : kUuidOrder) {
         text.append(kDigitPairs[bytes[index]], 2);
     }
-    return text;
 }
 
 TbString GetTimeDate(double seconds) {
+    TbString text;
+    kvxTimeDateInto(seconds, text);
+    return text;
+}
+
+void kvxTimeDateInto(double seconds, TbString& text) {
     // Truncated before it is added: -0.9 is no second less.
     double const offset = std::isfinite(seconds) ? std::trunc(seconds) : 0.0;
     double const moment = static_cast<double>(tbSystem().time(nullptr)) + offset;
     auto const sinceYear0 = static_cast<std::int64_t>(std::fmin(std::fmax(moment, kFirstTime), kLastTime) - kFirstTime);
     Date const date = dateOf(sinceYear0 / kSecondsOfDay);
     auto const second = static_cast<int>(sinceYear0 % kSecondsOfDay);
-    char text[80];
-    std::snprintf(text, sizeof text, "%04d%02d%02d %02d:%02d:%02d", date.m_Year, date.m_Month, date.m_Day,
+    char digits[80];
+    std::snprintf(digits, sizeof digits, "%04d%02d%02d %02d:%02d:%02d", date.m_Year, date.m_Month, date.m_Day,
                   second / 3600, second / 60 % 60, second % 60);
-    return text;
+    text.assign(digits);
 }

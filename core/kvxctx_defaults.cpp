@@ -3,7 +3,9 @@
 #include "core/kvxctx_settings.h"
 #include "core/kvxdirectory.h"
 #include "core/kvxdocument.h"
+#include "core/kvxfile.h"
 #include "core/kvxlines_core.h"
+#include "foundation/tblocalstring.h"
 #include "xml/xmlquery.h"
 
 namespace {
@@ -15,22 +17,24 @@ constexpr char kDefaultTtl[] = "86400";
 
 // The number of trace records is published: a payment has two where the file is missing or the settings are damaged.
 KvxPaymentDefaults::KvxPaymentDefaults(KVX_Context& account) {
-    TbStringStream content;
-    if (!account.readOptionalFile(kvx::kDefaultsFile, content)) {
+    KvxFileText content;
+    if (!account.readOptionalFile(TbBorrowed(kvx::kDefaultsFile), content)) {
         kvx::kSourceUrl.traceFailure(KVX_E_CANNOT_OPEN, kvx::kLineOpenFile);
         return;
     }
     KVX_Settings const settings = account.settingsForLocalWork();
-    m_Document = kvxParseDocument(content, settings.m_Documents, kvx::kDefaultsFile);
+    m_Document = kvxParseDocument(content, settings.m_Documents, TbBorrowed(kvx::kDefaultsFile));
     if (settings.m_IsDamaged) {
         account.settingsForLocalWork();
     }
 }
 
-TbString KvxPaymentDefaults::timeToLive() const {
-    TbString seconds;
-    bool const isSet = m_Document.get() != nullptr && xmlGetAttributeEx(m_Document.get(), "PAYINITTTL", seconds);
-    return isSet && !seconds.isEmpty() ? seconds : TbString(kDefaultTtl);
+void KvxPaymentDefaults::timeToLive(TbString& seconds) const {
+    bool const isSet =
+        m_Document.get() != nullptr && xmlGetAttributeEx(m_Document.get(), TbBorrowed("PAYINITTTL"), seconds);
+    if (!isSet || seconds.isEmpty()) {
+        seconds = TbBorrowed(kDefaultTtl);
+    }
 }
 
 void KvxPaymentDefaults::copyTo(KVX_Message& message) const {
@@ -38,9 +42,10 @@ void KvxPaymentDefaults::copyTo(KVX_Message& message) const {
         return;
     }
     for (char const* const* name = AttributeNames; *name != nullptr; ++name) {
-        TbString value;
-        if (m_Document->getAttribute(*name, value)) {
-            message.SetAttribute(*name, value);
+        TbBorrowed const attribute(*name);
+        TbLongString value;
+        if (m_Document->getAttribute(attribute, value)) {
+            message.SetAttribute(attribute, value);
         }
     }
 }

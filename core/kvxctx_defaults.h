@@ -12,8 +12,8 @@ public:
     /// be read; KVX_E_INVALID_FORMAT: no document.
     explicit KvxPaymentDefaults(KVX_Context& account);
 
-    /// Seconds that a payment stays open, as text.
-    [[nodiscard]] TbString timeToLive() const;
+    /// `seconds` becomes the time that a payment stays open, as text.
+    void timeToLive(TbString& seconds) const;
 
     /// Copies the attributes in AttributeNames, empty ones too.
     void copyTo(KVX_Message& message) const;

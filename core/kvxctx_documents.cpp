@@ -15,6 +15,7 @@
 #include "core/kvxlines_core.h"
 #include "foundation/tbsystem.h"
 #include "net/kvxurl.h"
+#include "xml/xmlaccess.h"
 #include "xml/xmlholder.h"
 #include "xml/xmlparser.h"
 #include "xml/xmlquery.h"
@@ -22,6 +23,10 @@
 namespace {
 
 constexpr char kRootTag[] = "KVX";
+
+// What the attributes of a usual message need.
+constexpr std::uint32_t kUsualAttributes = 20;
+constexpr std::uint16_t kUsualBytes = 1024;
 
 /// New private keys are created readable by their owner alone, unless the merchant asks for another mode.
 KvxWriteOptions optionsOf(KVX_Settings const& settings, TbString const& file) {
@@ -43,21 +48,19 @@ xmlElementPtr kvxParseDocument(TbStringStream& in, xmlLimits const& limits, TbSt
     }
     xmlElementPtr const document = xmlAdopt(parsed);
     xmlElement* root = nullptr;
-    if (!document->getChild(kRootTag, 0, &root)) {
+    if (!document->getChild(TbBorrowed(kRootTag), 0, &root)) {
         kvx::kSourceCtx.fail(KVX_E_INVALID_FORMAT, kvx::kLineNoKvxElement, file);
     }
     return xmlAdopt(root);
 }
 
 xmlElementPtr kvxParseDocument(TbString const& text, xmlLimits const& limits, TbString const& file) {
-    TbStringStream stream(text);
+    TbBorrowedStream stream(text);
     return kvxParseDocument(stream, limits, file);
 }
 
 xmlElementPtr kvxNewDocument() {
-    xmlElement* created = nullptr;
-    xmlParser().createElement(kRootTag, &created);
-    return xmlAdopt(created);
+    return xmlElementPtr(xmlAccess::create({kRootTag, sizeof kRootTag - 1}, kUsualAttributes, kUsualBytes));
 }
 
 void KVX_Context::XmlFromStream(TbStringStream& in, xmlElement** out) {
@@ -70,7 +73,7 @@ void KVX_Context::XmlFromString(TbString const& text, xmlElement** out) {
 
 xmlElementPtr KVX_Context::request(TbString const& msgType) {
     xmlElementPtr const document = kvxNewDocument();
-    document->setAttribute("MSGTYPE", msgType);
+    document->setAttribute(TbBorrowed("MSGTYPE"), msgType);
     return document;
 }
 
@@ -79,14 +82,15 @@ std::int32_t KVX_Context::XmlCreateRequest(TbString const& msgType, xmlElement**
     return 0;
 }
 
-KvxReadResult KVX_Context::tryReadFile(TbString const& file, TbStringStream& content) {
+KvxReadResult KVX_Context::tryReadFile(TbString const& file, TbString& content) {
     if (m_Path.isEmpty()) {
         kvx::kSourceCtx.fail(KVX_E_NO_CONTEXT, kvx::kLineQueryNoContext);
     }
     content.keepSecret();  // it may be a private key, or an address with credentials
-    TbString const path = pathOf(file);
+    kvx::JoinedPath const path = pathOf(file);
     if (IsHttp(path)) {
-        StreamFromURL(path, content);  // refuses a directory whose path reads like a URL
+        TbStringStream nothing;
+        StreamFromURL(path, nothing);  // refuses a directory whose path reads like a URL
     }
     return kvxReadFile(path.c_str(), content);
 }
@@ -108,7 +112,7 @@ void KVX_Context::requireRead(KvxReadResult result, TbString const& file) {
 
 // Without the defaults or the settings a payment goes out with other terms, or past the proxy: a file that is there
 // must be read, or the call ends.
-bool KVX_Context::readOptionalFile(TbString const& file, TbStringStream& content) {
+bool KVX_Context::readOptionalFile(TbString const& file, TbString& content) {
     KvxReadResult const result = tryReadFile(file, content);
     if (result == KvxReadResult::kAbsent) {
         kvx::kSourceUrl.traceFailure(KVX_E_CANNOT_OPEN, kvx::kLineOpenFile);
@@ -125,7 +129,7 @@ bool KVX_Context::readOptionalFile(TbString const& file, TbStringStream& content
 
 // Shoppers and servers choose key ids. One that no file can have is the id of no key, and is reported like every other
 // unknown one.
-bool KVX_Context::readKeyFile(TbString const& file, TbString const& keyId, TbStringStream& content) {
+bool KVX_Context::readKeyFile(TbString const& file, TbString const& keyId, TbString& content) {
     KvxReadResult const result = tryReadFile(file, content);
     if (result == KvxReadResult::kAbsent || result == KvxReadResult::kNameTooLong ||
         (result == KvxReadResult::kDirectory && kvxNamesDirectory(keyId))) {
@@ -137,9 +141,9 @@ bool KVX_Context::readKeyFile(TbString const& file, TbString const& keyId, TbStr
 }
 
 /// The value `name` in the `content` of `file`, all of it for an empty name. False when there is none.
-bool KVX_Context::findValue(TbString const& file, TbStringStream& content, TbString const& name, TbString& value) {
+bool KVX_Context::findValue(TbString const& file, TbString const& content, TbString const& name, TbString& value) {
     if (name.isEmpty()) {
-        value = content.str();
+        value = content;
         return true;
     }
     xmlElementPtr const root = kvxParseDocument(content, settingsForLocalWork().m_Documents, file);
@@ -147,13 +151,13 @@ bool KVX_Context::findValue(TbString const& file, TbStringStream& content, TbStr
 }
 
 bool KVX_Context::QueryValue(TbString const& file, TbString const& name, TbString& value) {
-    TbStringStream content;
+    KvxFileText content;
     requireRead(tryReadFile(file, content), file);
     return findValue(file, content, name, value);
 }
 
 bool KVX_Context::QueryValueOrAbsent(TbString const& file, TbString const& name, TbString& value) {
-    TbStringStream content;
+    KvxFileText content;
     return readOptionalFile(file, content) && findValue(file, content, name, value);
 }
 
@@ -220,7 +224,7 @@ void KVX_Context::UpdateFile(TbString const& file, unsigned char* buffer, unsign
     if (m_Path.isEmpty()) {
         kvx::kSourceCtx.fail(KVX_E_NO_CONTEXT, kvx::kLineUpdateRawNoContext);
     }
-    TbString const path = pathOf(file);
+    kvx::JoinedPath const path = pathOf(file);
     mode_t const mode = optionsOf(KVX_Settings(), file).m_Mode;
     KvxDescriptor output(tbRetryInterrupted(
         [&] { return tbSystem().open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode); }));
@@ -235,5 +239,4 @@ void KVX_Context::UpdateFile(TbString const& file, unsigned char* buffer, unsign
         kvx::kSourceCtx.fail(KVX_E_FILE_IO, kvx::kLineUpdateRawWrite);
     }
     output.close();
-    LogMessage("UPDATE: " + path);
 }

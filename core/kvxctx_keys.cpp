@@ -159,7 +159,7 @@ void KVX_Context::GenKey(TbString& keyId) {
 }
 
 void KVX_Context::SignData(TbString const& data, TbString const& keyId, TbString& signature) {
-    TbStringStream keyText;
+    KvxFileText keyText;
     if (!readKeyFile(kvx::privateKeyFile(keyId), keyId, keyText)) {
         kvx::kSourceCtx.fail(KVX_E_NOT_FOUND, kvx::kLineSignNoKey);
     }
@@ -178,7 +178,9 @@ void KVX_Context::SignData(TbString const& data, TbString const& keyId, TbString
                   [&] { return ICCT_SignDigest(key.m_Bytes, static_cast<int>(keyLength), digest, bytes, &length); })) {
         kvx::kSourceCtx.fail(KVX_E_CRYPTO, kvx::kLineSignFailed);
     }
-    signature = BufferToHex(bytes, length);
+    KvxSignatureText text;
+    kvxHexInto(text, bytes, length);
+    signature = text;
 }
 
 void KVX_Context::VerifyData(TbString const& data, TbString const& keyId, TbString const& signature) {
@@ -187,7 +189,7 @@ void KVX_Context::VerifyData(TbString const& data, TbString const& keyId, TbStri
 
 void KVX_Context::requireVerified(KVX_Settings const& settings, TbString const& data, TbString const& keyId,
                                   TbString const& signature) {
-    TbStringStream keyText;
+    KvxFileText keyText;
     if (!readKeyFile(kvx::publicKeyFile(keyId), keyId, keyText)) {
         kvx::kSourceCtx.fail(KVX_E_NOT_FOUND, kvx::kLineVerifyNoKey);
     }
@@ -237,8 +239,8 @@ void KVX_Context::requireAcceptable(TbString const& keyBlob) {
 
 /// Whether the private half of `keyId` is here.
 bool KVX_Context::hasPrivateKey(TbString const& keyId) {
-    TbString const file = kvx::privateKeyFile(keyId);
-    TbStringStream text;
+    kvx::JoinedPath const file = kvx::privateKeyFile(keyId);
+    KvxFileText text;
     try {
         return readKeyFile(file, keyId, text);
     } catch (KVX_Exception const& failure) {

@@ -12,6 +12,7 @@
 #include "core/kvxfile.h"
 #include "core/kvxidentifier.h"
 #include "core/kvxlines_core.h"
+#include "foundation/tblocalstring.h"
 
 // clang-format off
 char const* const AttributeNames[] = {
@@ -29,14 +30,12 @@ char const* const AttributeNames[] = {
 
 namespace {
 
-/// The value `name` in `file`, all of the file for an empty name.
-TbString required(KVX_Context& account, TbString const& file, TbString const& name, std::int32_t codeWhenMissing,
-                  long line) {
-    TbString value;
+/// `value` becomes the value `name` in `file`, all of the file for an empty name.
+void require(KVX_Context& account, TbString const& file, TbString const& name, std::int32_t codeWhenMissing, long line,
+             TbString& value) {
     if (!account.QueryValue(file, name, value)) {
         kvx::kSourceCtx.fail(codeWhenMissing, line);
     }
-    return value;
 }
 
 /// Signs with the key `keyId`, which the current key file named: like one from outside it must stay in the directory.
@@ -62,8 +61,9 @@ void KVX_Message::requireElement(long line) const {
     }
 }
 
-TbString KVX_Message::configured(TbString const& name, long line) const {
-    return required(boundContext(), kvx::kConfigFile, name, KVX_E_NO_CONFIGURATION, line);
+/// `value` becomes the value `name` of the account's configuration.
+void KVX_Message::requireConfigured(TbString const& name, long line, TbString& value) const {
+    require(boundContext(), TbBorrowed(kvx::kConfigFile), name, KVX_E_NO_CONFIGURATION, line, value);
 }
 
 void KVX_Message::Create(KVX_Context* context, TbString const& msgType) {
@@ -72,12 +72,14 @@ void KVX_Message::Create(KVX_Context* context, TbString const& msgType) {
     KVX_Context& account = boundContext();
     // Deliberate (starts-as-payinit): every message starts as a "PayInit" and gets its own type afterwards, which fixes
     // the attributes' order.
-    m_Element = account.request("PayInit");
-    m_KeyId = kvxWithoutPadding(required(account, kvx::kCurrentKeyFile, "", KVX_E_NO_KEY_ID, kvx::kLineCreateKeyId));
-    m_Element->setAttribute("MSGTYPE", msgType);
-    m_Element->setAttribute("KEYID", m_KeyId);
+    m_Element = account.request(TbBorrowed("PayInit"));
+    TbShortString keyId;
+    require(account, TbBorrowed(kvx::kCurrentKeyFile), TbBorrowed(""), KVX_E_NO_KEY_ID, kvx::kLineCreateKeyId, keyId);
+    m_KeyId = TbBorrowed(keyId.c_str(), kvxLengthWithoutPadding(keyId), keyId.isSecret());
+    m_Element->setAttribute(TbBorrowed("MSGTYPE"), msgType);
+    m_Element->setAttribute(TbBorrowed("KEYID"), m_KeyId);
     if (kvxIsWord(msgType, "PayComplete")) {
-        m_Element->setAttribute("CONFIGPATH", account.GetPath());
+        m_Element->setAttribute(TbBorrowed("CONFIGPATH"), account.path());
     }
 }
 
@@ -90,8 +92,8 @@ void KVX_Message::Open(KVX_Context* context, TbString const& data, TbString cons
     if (signature.isEmpty()) {
         kvx::kSourceCtx.fail(KVX_E_MISSING_SIGNATURE, kvx::kLineMissingSignature);
     }
-    TbString keyId;
-    if (!element->getAttribute("KEYID", keyId)) {
+    TbShortString keyId;
+    if (!element->getAttribute(TbBorrowed("KEYID"), keyId)) {
         kvx::kSourceCtx.fail(KVX_E_NO_KEY_ID, kvx::kLineOpenNoKeyId);
     }
     // The shopper chose this name: it must stay in the key directory.
@@ -102,14 +104,14 @@ void KVX_Message::Open(KVX_Context* context, TbString const& data, TbString cons
     if (settings.m_HasStrictConfirm && account.hasPrivateKey(keyId)) {
         kvx::kSourceCtx.fail(KVX_E_INVALID_SIGNATURE, kvx::kLineConfirmOwnKey);
     }
-    TbString type("");
-    element->getAttribute("MSGTYPE", type);
+    TbShortString type;
+    element->getAttribute(TbBorrowed("MSGTYPE"), type);
     bool const isConfirmation = kvxIsWord(type, "PayConfirm");
     if (settings.m_HasStrictConfirm && !isConfirmation) {
         kvx::kSourceCtx.fail(KVX_E_WRONG_RESPONSE, kvx::kLineConfirmType);
     }
     if (isConfirmation) {
-        element->setAttribute("CONFIGPATH", account.GetPath());
+        element->setAttribute(TbBorrowed("CONFIGPATH"), account.path());
     }
     m_Element = element;
 }
@@ -133,16 +135,17 @@ void KVX_Message::GetURL(TbString& url) {
     requireElement(kvx::kLineUrlNoElement);
     TbStringStream text;
     m_Element->toStream(text);
-    TbString const baseUrl = configured("VTURL", kvx::kLineUrlNoConfiguration);
-    TbString signature;
+    TbLongString baseUrl;
+    requireConfigured(TbBorrowed("VTURL"), kvx::kLineUrlNoConfiguration, baseUrl);
+    KvxSignatureText signature;
     signAs(boundContext(), text.str(), m_KeyId, signature);
     TbString result;  // whatever the caller's string holds must not cut the URL short
-    boundContext().RequestToURL(baseUrl, text, signature, result);
-    url = result;
+    boundContext().composeUrl(baseUrl, text, signature, result);
+    TbInPlaceText::handOver(result, url);
 }
 
 xmlElementPtr KVX_Message::sendSigned(TbString const& captureUrl, TbStringStream& text, TbString const& expectedType) {
-    TbString signature;
+    KvxSignatureText signature;
     signAs(boundContext(), text.str(), m_KeyId, signature);
     TbStringStream responseText;
     return boundContext().exchange(captureUrl, text, signature, expectedType, responseText);
@@ -152,23 +155,25 @@ void KVX_Message::Capture() {
     requireElement(kvx::kLineCaptureNoElement);
     TbStringStream text;
     m_Element->toStream(text);
-    TbString const captureUrl = configured("CAPTUREURL", kvx::kLineCaptureNoUrl);
-    TbString token;
-    if (!m_Element->getAttribute("TOKEN", token)) {
+    TbLongString captureUrl;
+    requireConfigured(TbBorrowed("CAPTUREURL"), kvx::kLineCaptureNoUrl, captureUrl);
+    TbShortString token;
+    if (!m_Element->getAttribute(TbBorrowed("TOKEN"), token)) {
         kvx::kSourceCtx.fail(KVX_E_UNEXPECTED, kvx::kLineCaptureToken);
     }
-    sendSigned(captureUrl, text, "PayConfirm");
+    sendSigned(captureUrl, text, TbBorrowed("PayConfirm"));
 }
 
 void KVX_Message::Request(KVX_Message& response) {
     requireElement(kvx::kLineRequestNoElement);
-    TbString type("");
-    m_Element->getAttribute("MSGTYPE", type);
+    TbShortString type;
+    m_Element->getAttribute(TbBorrowed("MSGTYPE"), type);
     // Deliberate (request-keeps-type): the type stays changed, whatever follows.
-    m_Element->setAttribute("MSGTYPE", type + "Request");
+    m_Element->setAttribute(TbBorrowed("MSGTYPE"), type + "Request");
     TbStringStream text;
     m_Element->toStream(text);
-    TbString const captureUrl = configured("CAPTUREURL", kvx::kLineRequestNoUrl);
+    TbLongString captureUrl;
+    requireConfigured(TbBorrowed("CAPTUREURL"), kvx::kLineRequestNoUrl, captureUrl);
     response.m_Element = sendSigned(captureUrl, text, type + "Response");
 }
 
@@ -186,5 +191,5 @@ void KVX_Message::FromString(TbString const& text) {
     m_Element.reset();
     KVX_Context& account = boundContext();  // a message without one is refused, whatever the text
     m_Element = kvxParseDocument(text, account.settingsForLocalWork().m_Documents);
-    m_Element->setAttribute("KEYID", m_KeyId);
+    m_Element->setAttribute(TbBorrowed("KEYID"), m_KeyId);
 }

@@ -1,19 +1,31 @@
 // Request URLs and the check of responses.
 
 #include "core/kvxctx.h"
+
+#include <algorithm>
+#include <cstdint>
+
 #include "core/kvxctx_settings.h"
 #include "core/kvxdocument.h"
 #include "core/kvxlines_core.h"
 #include "core/kvxpercent.h"
+#include "foundation/tblocalstring.h"
 
 namespace {
 
 constexpr char kAuthority[] = "://";
 constexpr std::uint32_t kAuthorityLength = sizeof kAuthority - 1;
+constexpr char kDataField[] = "?DATA=";
+constexpr char kSignatureField[] = "&SIGNATURE=";
 
 }  // namespace
 
 void KVX_Context::RequestToURL(TbString const& baseUrl, TbStringStream& message, TbString signature, TbString& url) {
+    composeUrl(baseUrl, message, signature, url);
+}
+
+void KVX_Context::composeUrl(TbString const& baseUrl, TbStringStream const& message, TbString const& signature,
+                             TbString& url) {
     std::uint32_t const position = baseUrl.find(kAuthority);
     if (position == TbString::npos || position == 0) {
         kvx::kSourceCtx.fail(KVX_E_INVALID_URL, kvx::kLineRequestUrl);
@@ -22,28 +34,39 @@ void KVX_Context::RequestToURL(TbString const& baseUrl, TbStringStream& message,
     // Deliberate (url-counts-old-text): the length of `url` decides how much of the rest is used; with an empty one the
     // count wraps around and all of it is used.
     std::uint32_t const count = url.length() - begin;
-    TbString const remainder = baseUrl.substring(begin, count);
+    std::uint32_t const remainder = std::min(count, baseUrl.length() - begin);
+    bool const hasCredentials = !m_UserName.isEmpty() || !m_Password.isEmpty();
 
-    TbString credentials;
-    if (!m_UserName.isEmpty() || !m_Password.isEmpty()) {
-        credentials = m_UserName + ":" + m_Password + "@";
+    TbString result;
+    result.joinSecrecyOf(baseUrl);
+    result.joinSecrecyOf(m_UserName);
+    result.joinSecrecyOf(m_Password);
+    result.joinSecrecyOf(message);
+    result.joinSecrecyOf(signature);
+    std::uint64_t const bytes = std::uint64_t{begin} + remainder + m_UserName.length() + m_Password.length() + 2 +
+                                sizeof kDataField + kvxPercentEncodedSize(message.str()) + sizeof kSignatureField +
+                                signature.length();
+    result.grow(static_cast<std::uint32_t>(std::min<std::uint64_t>(bytes, UINT32_MAX)));
+    result.append(baseUrl.c_str(), begin);
+    if (hasCredentials) {
+        result.append(m_UserName);
+        result.append(':');
+        result.append(m_Password);
+        result.append('@');
     }
-    TbString result = baseUrl.substring(0, begin);
-    result.append(credentials);
-    result.append(remainder);
-    result.append("?DATA=");
-    result.joinSecrecyOf(message.str());
+    result.append(baseUrl.c_str() + begin, remainder);
+    result.append(kDataField);
     kvxPercentEncode(message.str(), 0, message.length(), result);
     if (!signature.isEmpty()) {
-        result.append("&SIGNATURE=");
+        result.append(kSignatureField);
         result.append(signature);
     }
-    url = result;
+    TbInPlaceText::handOver(result, url);
 }
 
 void KVX_Context::CheckResponseMsgType(xmlElement* response, TbString const& expected) {
-    TbString type("");
-    response->getAttribute("MSGTYPE", type);
+    TbShortString type;
+    response->getAttribute(TbBorrowed("MSGTYPE"), type);
     if (kvxIsWord(type, "Error")) {
         TbString message("");
         response->getAttribute("MESSAGE", message);
@@ -58,7 +81,7 @@ void KVX_Context::CheckResponseMsgType(xmlElement* response, TbString const& exp
 xmlElementPtr KVX_Context::exchange(TbString const& baseUrl, TbStringStream& message, TbString const& signature,
                                     TbString const& expectedType, TbStringStream& responseText) {
     TbString url;
-    RequestToURL(baseUrl, message, signature, url);
+    composeUrl(baseUrl, message, signature, url);
     StreamFromURL(url, responseText);
     xmlElementPtr response = kvxParseDocument(responseText, settingsForVerification().m_Documents);
     CheckResponseMsgType(response.get(), expectedType);

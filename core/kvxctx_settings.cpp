@@ -202,7 +202,7 @@ KVX_Settings kvxSettingsIn(TbString const& text) {
 
 KVX_Settings KVX_Context::settingsForExchange() {
     // A directory whose path reads like a URL has no settings: they would have to be fetched, which needs them.
-    TbString const file = pathOf(kvx::kSettingsFile);
+    kvx::JoinedPath const file = pathOf(TbBorrowed(kvx::kSettingsFile));
     if (IsHttp(file)) {
         URL_INFO parts;
         if (SplitUrl(file, parts) == 0) {
@@ -218,10 +218,10 @@ KVX_Settings KVX_Context::settingsForVerification() {
     if (m_Path.isEmpty() || IsHttp(m_Path)) {
         return {};
     }
-    TbStringStream text;
-    switch (tryReadFile(kvx::kSettingsFile, text)) {
+    KvxFileText text;
+    switch (tryReadFile(TbBorrowed(kvx::kSettingsFile), text)) {
         case KvxReadResult::kDone:
-            return kvxSettingsIn(text.str());
+            return kvxSettingsIn(text);
         case KvxReadResult::kAbsent:
         case KvxReadResult::kNameTooLong:  // no file of that name can be there
             return {};

@@ -125,7 +125,7 @@ void KVX_Context::ImportKey(TbString& keyId) {
 
 void KVX_Context::PublishKey(TbString& keyId) {
     TbString const url = endpoint(KVX_E_NO_ENDPOINT, kvx::kLinePublishEndpoint);
-    TbStringStream blob;
+    KvxFileText blob;
     if (!readKeyFile(kvx::publicKeyFile(keyId), keyId, blob)) {
         kvx::kSourceCtx.fail(KVX_E_KEY_NOT_FOUND, kvx::kLinePublishKey);
     }

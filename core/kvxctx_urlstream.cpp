@@ -9,7 +9,12 @@
 
 void KVX_Context::StreamFromURL(TbString const& url, TbStringStream& out) {
     if (!IsHttp(url)) {
-        requireRead(kvxReadFile(url.c_str(), out), "");
+        std::uint32_t const before = out.length();
+        KvxReadResult const result = kvxReadFile(url.c_str(), out);
+        if (out.length() != before) {
+            out.put("", 0);  // readable from now on
+        }
+        requireRead(result, "");
         return;
     }
     KVX_RequestInfo request;

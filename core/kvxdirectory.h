@@ -2,9 +2,7 @@
 #ifndef TALLOWIN_CORE_KVXDIRECTORY_H
 #define TALLOWIN_CORE_KVXDIRECTORY_H
 
-#include <cstddef>
-
-#include "foundation/tbstring.h"
+#include "foundation/tblocalstring.h"
 
 namespace kvx {
 
@@ -17,27 +15,31 @@ inline constexpr char kPrivateKeysDirectory[] = "keys/private";  ///< Own keys, 
 inline constexpr char kPublicKeysDirectory[] = "keys/public";    ///< Own and server keys, one file per key id.
 inline constexpr char kCurrentKeyFile[] = "keys/current";        ///< The id of the key that signs.
 
-/// `directory`, of `length` bytes, and `file` with a "/" between them, allocated once.
-inline TbString joinedPath(char const* directory, std::size_t length, TbString const& file) {
-    TbString path;
-    path.grow(static_cast<std::uint32_t>(length) + 1 + file.length());
-    path.append(directory, static_cast<std::uint32_t>(length));
-    path.append('/');
-    path.append(file);
-    return path;
+/// `directory` and `file` with a "/" between them; secret when one of them is.
+class JoinedPath : public TbLongString {
+public:
+    JoinedPath(TbString const& directory, TbString const& file) {
+        joinSecrecyOf(directory);
+        joinSecrecyOf(file);
+        grow(directory.length() + 1 + file.length());
+        append(directory);
+        append('/');
+        append(file);
+    }
+    using TbString::operator=;
+};
+
+inline JoinedPath privateKeyFile(TbString const& keyId) {
+    return JoinedPath(TbBorrowed(kPrivateKeysDirectory), keyId);
 }
 
-inline TbString privateKeyFile(TbString const& keyId) {
-    return joinedPath(kPrivateKeysDirectory, sizeof kPrivateKeysDirectory - 1, keyId);
-}
-
-inline TbString publicKeyFile(TbString const& keyId) {
-    return joinedPath(kPublicKeysDirectory, sizeof kPublicKeysDirectory - 1, keyId);
+inline JoinedPath publicKeyFile(TbString const& keyId) {
+    return JoinedPath(TbBorrowed(kPublicKeysDirectory), keyId);
 }
 
 /// Whether `file` is the file of a private key.
 inline bool isPrivateKeyFile(TbString const& file) {
-    return file.find(privateKeyFile("").c_str()) == 0;
+    return file.find(privateKeyFile(TbBorrowed("")).c_str()) == 0;
 }
 
 }  // namespace kvx

@@ -204,7 +204,7 @@ KvxReadResult failureToRead(int file) {
 }
 
 /// Grows `out` at once where the file's size is known, so that no outgrown copy of a key stays in memory.
-void growFor(int file, TbStringStream& out) {
+void growFor(int file, TbString& out) {
     struct ::stat status = {};
     bool const isKnown = tbSystem().fstat(file, &status) == 0;
     if (isKnown && status.st_size > 0 && status.st_size < std::numeric_limits<std::int32_t>::max()) {
@@ -285,7 +285,7 @@ bool overwriteOrRestore(int file, char const* path, void const* data, std::size_
     if (tbSystem().fstat(file, &status) != 0) {
         return false;
     }
-    TbStringStream old;
+    TbString old;
     old.keepSecret();
     bool const isKnown =
         kvxReadFile(path, old) == KvxReadResult::kDone && static_cast<off_t>(old.length()) == status.st_size;
@@ -429,7 +429,7 @@ int kvxOpenDirectory(char const* path) noexcept {
 }
 
 // A file that fits one chunk needs no look at its status: open, read, read at its end, close.
-KvxReadResult kvxReadFile(char const* path, TbStringStream& out) {
+KvxReadResult kvxReadFile(char const* path, TbString& out) {
     KvxDescriptor const file(openFile(path, O_RDONLY));
     if (!file.isOpen()) {
         return failureToOpen(path, errno);
@@ -441,7 +441,7 @@ KvxReadResult kvxReadFile(char const* path, TbStringStream& out) {
             growFor(file.get(), out);
         }
         if (chunk.length() != 0) {
-            out.put(chunk.bytes(), chunk.length());
+            out.append(chunk.bytes(), chunk.length());
         }
         if (!isRead) {
             return failureToRead(file.get());

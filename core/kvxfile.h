@@ -4,7 +4,7 @@
 
 #include <sys/types.h>
 
-#include "foundation/tbstringstream.h"
+#include "foundation/tblocalstring.h"
 
 /// Owns a file descriptor.
 class KvxDescriptor {
@@ -47,7 +47,7 @@ enum class KvxReadResult {
 };
 
 /// Appends the whole file to `out`.
-[[nodiscard]] KvxReadResult kvxReadFile(char const* path, TbStringStream& out);
+[[nodiscard]] KvxReadResult kvxReadFile(char const* path, TbString& out);
 
 /// Reads up to `bytes` bytes; fewer only at the end of the file. -1 on failure. `bytes` may be more than the buffer has
 /// room for, as long as the file is not.
@@ -92,6 +92,12 @@ KvxWriteResult kvxReplaceFile(char const* path, void const* data, std::size_t by
 /// and what stands behind the last tag of a document is dropped. Readers of whole files drop the padding by this
 /// function.
 [[nodiscard]] TbString kvxWithoutPadding(TbString const& content);
+
+/// The content of a file of the directory; those of usual size need no allocation.
+using KvxFileText = TbLocalString<2048>;
+
+/// The hexadecimal text of a signature; one with a key of up to 2048 bits needs no allocation.
+using KvxSignatureText = TbLocalString<520>;
 
 /// The length of kvxWithoutPadding().
 [[nodiscard]] std::uint32_t kvxLengthWithoutPadding(TbString const& content) noexcept;

@@ -43,6 +43,11 @@ inline std::uint64_t kvxPercentEncodedSize(unsigned char const* bytes, std::uint
     return std::uint64_t{3} * length - std::uint64_t{2} * passing;
 }
 
+/// The same for all of `text`.
+inline std::uint64_t kvxPercentEncodedSize(TbString const& text) {
+    return kvxPercentEncodedSize(reinterpret_cast<unsigned char const*>(text.c_str()), text.length());
+}
+
 /// Percent-encodes `length` bytes of `text` from `from` on to the end of `out`, which may be the same string.
 ///
 /// Below 0x80 all locales have the same letters and digits; the current one is asked about other bytes.

@@ -3,6 +3,7 @@
 #define TALLOWIN_CORE_KVXSOURCE_H
 
 #include "core/kvxbase.h"
+#include "foundation/tblocalstring.h"
 
 /// A source as exceptions and trace records name it, with its two ways to report.
 ///
@@ -29,7 +30,7 @@ public:
 
     /// Writes a trace record.
     void trace(long line, char const* event, TbString const& detail = TbString(), std::int32_t code = KVX_OK) const {
-        KVX_TraceLog::Write(m_Name, line, code, event, detail);
+        KVX_TraceLog::Write(m_Name, line, code, TbBorrowed(event), detail);
     }
 
 private:

@@ -24,6 +24,9 @@ using namespace kvxtest;
 
 namespace {
 
+/// Longer than what a message has room for from the beginning.
+std::string const kLongValue(2000, 'x');
+
 /// Runs `call` with its first, second, third ... allocation failing until it succeeds, as often as it takes.
 /// Every failure must be a result and leave the outputs alone. Returns how many there were.
 long expectMemoryExhaustionIsReturned(char const* what, std::function<std::int32_t(Outputs&)> const& call) {
@@ -107,7 +110,7 @@ TEST(ForeignException, OfMissingMemoryBecomesACodeInEveryFunction) {
          [&](Outputs& o) { return made(MessageFactory_CreatePayComplete(factory.get(), "i", "t", &o.m_Out), o); }},
         {"CreateRequest",
          [&](Outputs& o) { return made(MessageFactory_CreateRequest(factory.get(), "T", &o.m_Out), o); }},
-        {"SetAttribute", [&](Outputs&) { return MessageObject_SetAttribute(message.get(), "MSGTYPE", "T"); }},
+        {"SetAttribute", [&](Outputs&) { return MessageObject_SetAttribute(message.get(), "A", kLongValue.c_str()); }},
         {"Open",
          [&](Outputs&) {
              MessageHandle const opened;

@@ -471,13 +471,35 @@ TEST(IsWord, ComparesAllOfAValue) {
     }
 }
 
+TEST(StreamFromUrl, MakesWhatItReadFromAFileReadable) {
+    TemporaryDirectory dir;
+    dir.write("empty", "");
+    dir.write("file", "ab");
+    KVX_Context context;
+    TbStringStream out;
+    context.StreamFromURL(dir.file("empty").c_str(), out);
+    EXPECT_TRUE(out.atEnd()) << "an empty file gives nothing to read";
+    context.StreamFromURL(dir.file("file").c_str(), out);
+    ASSERT_FALSE(out.atEnd());
+    char character = 0;
+    out.get(character);
+    EXPECT_EQ(character, 'a');
+    for (int i = 0; i < 2; ++i) {
+        out.get(character);
+    }
+    ASSERT_TRUE(out.atEnd());
+    context.StreamFromURL(dir.file("file").c_str(), out);
+    EXPECT_FALSE(out.atEnd()) << "more has come";
+    EXPECT_EQ(bytesOf(out), "abab");
+}
+
 TEST(JoinedPath, JoinsBothPartsAndTheSecrecyOfTheFile) {
     TbString file("f");
-    EXPECT_EQ(bytesOf(kvx::joinedPath("", 0, file)), "/f");
-    EXPECT_EQ(bytesOf(kvx::joinedPath("dir/", 4, file)), "dir//f");
-    EXPECT_FALSE(kvx::joinedPath("dir", 3, file).isSecret());
+    EXPECT_EQ(bytesOf(kvx::JoinedPath("", file)), "/f");
+    EXPECT_EQ(bytesOf(kvx::JoinedPath("dir/", file)), "dir//f");
+    EXPECT_FALSE(kvx::JoinedPath("dir", file).isSecret());
     file.keepSecret();
-    EXPECT_TRUE(kvx::joinedPath("dir", 3, file).isSecret());
+    EXPECT_TRUE(kvx::JoinedPath("dir", file).isSecret());
 }
 
 }  // namespace

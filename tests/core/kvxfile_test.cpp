@@ -619,14 +619,6 @@ TEST(ReadFile, AsksForTheSizeOfALongFileOnly) {
     }
 }
 
-TEST(ReadFile, GivesNothingToReadForAnEmptyFile) {
-    TemporaryDirectory dir;
-    dir.write("file", "");
-    TbStringStream out;
-    EXPECT_EQ(kvxReadFile(dir.file("file").c_str(), out), KvxReadResult::kDone);
-    EXPECT_TRUE(out.atEnd());
-}
-
 /// Reads of at most so many bytes, of which one may fail, while it lives. One at a time.
 class ShortReads {
 public:

@@ -1,8 +1,8 @@
 // Private keys do not stay in memory that the library gives back.
 //
-// OPENSSL_cleanse is defined again here, in front of the shared library. It keeps what each call wipes, so a test sees
-// whether every buffer on the stack that held the key, as bytes or as text, was among them. Heap blocks are looked at
-// when they are released.
+// OPENSSL_cleanse and explicit_bzero are defined again here, in front of the shared libraries. They keep what each call
+// wipes, so a test sees whether every buffer on the stack that held the key, as bytes or as text, was among them. Heap
+// blocks are looked at when they are released.
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
@@ -82,10 +82,10 @@ TEST_F(WipedMemory, HeldThePrivateKeyThatSigned) {
     Traces const traces = tracesOf([&] { m_Context.SignData("text", "own", signature); });
     EXPECT_EQ(signature.length(), 128U);
     EXPECT_EQ(countBeginning(traces.m_Wiped, bytesSpelledBy(text)), 1) << "the buffer of the key";
-    EXPECT_EQ(countBeginning(traces.m_Wiped, text), 1) << "the reader's buffer";
+    EXPECT_EQ(countBeginning(traces.m_Wiped, text), 2) << "the reader's buffer, and the text";
     std::string const widened("t\0e\0x\0t\0", 8);
     EXPECT_EQ(std::count(traces.m_Wiped.begin(), traces.m_Wiped.end(), widened), 1) << "the signed form of the text";
-    EXPECT_GT(traces.m_Released.size(), 2U) << "the text, and its file's names";
+    EXPECT_GT(traces.m_Released.size(), 0U);
     EXPECT_EQ(countHoldingEnd(traces.m_Released, text), 0);
 }
 
@@ -110,7 +110,7 @@ TEST_F(WipedMemory, HeldThePrivateKeyAlsoWhenSigningFails) {
         EXPECT_THROW(m_Context.SignData("text", "own", signature), KVX_Exception);
     });
     EXPECT_EQ(countBeginning(traces.m_Wiped, bytesSpelledBy(text)), 1);
-    EXPECT_EQ(countBeginning(traces.m_Wiped, text), 1);
+    EXPECT_EQ(countBeginning(traces.m_Wiped, text), 2);
     EXPECT_EQ(countHoldingEnd(traces.m_Released, text), 0);
 }
 
@@ -167,15 +167,44 @@ TEST_F(WipedMemory, HeldTheKeyThatWasKept) {
 
 }  // namespace
 
-// The declaration of OpenSSL keeps this name; the definition must not be hidden as the test program's others are.
-extern "C" __attribute__((visibility("default"))) void OPENSSL_cleanse(void* ptr, size_t len) {
+namespace {
+
+void noteWiped(void const* memory, std::size_t bytes) {
     if (t_Wiped != nullptr) {
-        t_Wiped->emplace_back(static_cast<char const*>(ptr), len);
+        t_Wiped->emplace_back(static_cast<char const*>(memory), bytes);
     }
-    using Function = void(void*, size_t);
-    static auto* const original = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, "OPENSSL_cleanse"));
+}
+
+/// The function `name` that a definition of this program hides.
+template <class Function>
+Function* hiddenBy(char const* name) {
+    auto* const original = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
     if (original == nullptr) {
         std::abort();
     }
+    return original;
+}
+
+}  // namespace
+
+// The declarations keep these names; the definitions must not be hidden as the test program's others are.
+extern "C" __attribute__((visibility("default"))) void OPENSSL_cleanse(void* ptr, size_t len) {
+    noteWiped(ptr, len);
+    static auto* const original = hiddenBy<void(void*, size_t)>("OPENSSL_cleanse");
+    original(ptr, len);
+}
+
+// What the library's calls of explicit_bzero become with checks of the C library.
+extern "C" __attribute__((visibility("default"))) void __explicit_bzero_chk(void* ptr, size_t len, size_t room) {
+    noteWiped(ptr, len);
+    static auto* const original = hiddenBy<void(void*, size_t, size_t)>("__explicit_bzero_chk");
+    original(ptr, len, room);
+}
+
+// And without.
+#undef explicit_bzero
+extern "C" __attribute__((visibility("default"))) void explicit_bzero(void* ptr, size_t len) noexcept {
+    noteWiped(ptr, len);
+    static auto* const original = hiddenBy<void(void*, size_t)>("explicit_bzero");
     original(ptr, len);
 }

@@ -29,6 +29,9 @@ constexpr char kConfigWithNew[] =
     R"(<KVX VTURL="http://127.0.0.1:7/pay" CAPTUREURL="http://127.0.0.1:7/capture" VTKEYID="server" )"
     R"(CUSTOMERID="c1" VERSION="1" NEW="1"/>)";
 
+/// Longer than what a message has room for from the beginning.
+std::string const kLongValue(2000, 'x');
+
 constexpr char kRequestText[] = R"(<KVX MSGTYPE="PayInit" AMOUNT="12.50"/>)";
 
 std::string confirmationText() {
@@ -456,6 +459,11 @@ std::vector<FlatCall> makeCalls() {
         {"MessageObject_SetAttribute", KVX_OK, nullptr, &makeRequest,
          [](S& s) { return MessageObject_SetAttribute(s.m_Message, "AMOUNT", "12.50"); },
          [](S& s) { return wrongMessage(s, R"(<KVX MSGTYPE="Probe" KEYID="own" TOKEN="t1" AMOUNT="12.50"/>)"); }},
+        {"MessageObject_SetAttribute (long value)", KVX_OK, nullptr, &makeRequest,
+         [](S& s) { return MessageObject_SetAttribute(s.m_Message, "DESCRIPTION", kLongValue.c_str()); },
+         [](S& s) {
+             return wrongMessage(s, R"(<KVX MSGTYPE="Probe" KEYID="own" TOKEN="t1" DESCRIPTION=")" + kLongValue + "\"/>");
+         }},
         {"MessageObject_SetAttribute (odd name)", KVX_OK, nullptr, &makeRequest,
          [](S& s) { return MessageObject_SetAttribute(s.m_Message, "A B", "1"); },
          [](S& s) { return wrongMessage(s, R"(<KVX MSGTYPE="Probe" KEYID="own" TOKEN="t1" A B="1"/>)"); }},
