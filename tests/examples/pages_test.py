@@ -12,7 +12,7 @@ import tempfile
 import unittest
 import urllib.request
 
-from examples_test import RESPONSE_SECONDS, ROOT, Browser, Program, parameters
+from sandboxcase import RESPONSE_SECONDS, ROOT, Browser, Program, parameters
 
 
 def commands_of(page):

@@ -22,7 +22,7 @@ import threading
 import unittest
 import urllib.parse
 
-from examples_test import UNREADABLE, Browser, Program, SandboxCase, parameters, private_keys
+from sandboxcase import UNREADABLE, Browser, Program, SandboxCase, parameters, private_keys
 
 PAGE_SECONDS = 50
 OPENING = "The shop is open at "
