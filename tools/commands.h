@@ -1,0 +1,47 @@
+/// The commands of the program `tallowin`.
+///
+/// A command is one source, `commands_NAME.cpp`: its options and what it does. `allCommands()` lists them; help,
+/// completion and manual pages are made from what they declare.
+#ifndef TALLOWIN_TOOLS_COMMANDS_H
+#define TALLOWIN_TOOLS_COMMANDS_H
+
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tools/session.h"
+
+namespace tool {
+
+/// What the command line chose: set by the callback of the command that was named.
+using Action = std::function<void(Session&)>;
+
+/// The program's command line. Commands add themselves below `m_App`.
+struct CommandLine {
+    CLI::App& m_App;
+    Session& m_Session;  ///< Receives the common options.
+    Action m_Action;     ///< Empty until a command has been parsed.
+};
+
+/// Adds the command `name` below `parent`, with --json, and --dir unless it needs no directory. `run` is called with
+/// the session when the command line names this command. The caller adds the other options; what they write to must
+/// live as long as the command line, so it belongs into a shared pointer that `run` holds.
+enum class Needs { kDirectory, kNothing };
+CLI::App* addCommand(CommandLine& line, CLI::App& parent, std::string const& name, std::string const& summary,
+                     Needs needs, Action run);
+
+/// Refuses an empty value: usually a variable of a script that is not set.
+extern CLI::Validator const kNotEmpty;
+
+/// Adds every command.
+void addAllCommands(CommandLine& line);
+
+void addPay(CommandLine& line);
+
+void addSetup(CommandLine& line);
+
+}  // namespace tool
+
+#endif

@@ -1,0 +1,48 @@
+#include "tools/toolfailure.h"
+
+#include <tallowin/tallowin.h>
+
+#include <cstdio>
+#include <system_error>
+#include <utility>
+
+namespace tool {
+
+ToolFailure::ToolFailure(std::string const& text, std::string hint)
+    : std::runtime_error(text), m_Hint(std::move(hint)) {}
+
+ToolFailure::ToolFailure(std::string const& doing, std::int32_t code, std::string hint)
+    : std::runtime_error(doing + ": " + codeText(code)), m_Code(code), m_Hint(std::move(hint)) {}
+
+void require(std::int32_t code, char const* doing) {
+    if (code != KVX_OK) {
+        throw ToolFailure(doing, code);
+    }
+}
+
+std::string systemFailure(std::string const& doing, int error) {
+    return doing + ": " + std::generic_category().message(error);
+}
+
+std::string codeNumber(std::int32_t code) {
+    char digits[16];
+    std::snprintf(digits, sizeof digits, code > 0 ? "%u" : "0x%08X", static_cast<unsigned>(code));
+    return digits;
+}
+
+std::string codeMeaning(std::int32_t code) {
+    if (code > 0) {
+        return std::generic_category().message(code);
+    }
+    char text[256];
+    std::int32_t size = sizeof text;
+    return KVX_GetErrorStringFromResult(code, &size, text) != 0 ? text : "";
+}
+
+std::string codeText(std::int32_t code) {
+    std::string const meaning = codeMeaning(code);
+    std::string const number = (code > 0 ? "errno " : "") + codeNumber(code);
+    return meaning.empty() ? number : number + ' ' + meaning;
+}
+
+}  // namespace tool

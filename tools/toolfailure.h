@@ -1,0 +1,52 @@
+/// The two ways in which a command ends without success.
+#ifndef TALLOWIN_TOOLS_TOOLFAILURE_H
+#define TALLOWIN_TOOLS_TOOLFAILURE_H
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+
+namespace tool {
+
+/// The command line is wrong: exit status 2. The text is one sentence without a full stop.
+class UsageError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+/// The command failed: exit status 1.
+class ToolFailure : public std::runtime_error {
+public:
+    /// A failure that the tool found itself. `hint` is a cure, or empty.
+    explicit ToolFailure(std::string const& text, std::string hint = "");
+
+    /// A failure of the library: `doing` says what was tried, such as "cannot sign the payment".
+    ToolFailure(std::string const& doing, std::int32_t code, std::string hint = "");
+
+    /// The library's result code; 0 when the tool found the failure.
+    [[nodiscard]] std::int32_t code() const { return m_Code; }
+    [[nodiscard]] std::string const& hint() const { return m_Hint; }
+
+private:
+    std::int32_t m_Code = 0;
+    std::string m_Hint;
+};
+
+/// Raises a ToolFailure unless `code` is KVX_OK.
+void require(std::int32_t code, char const* doing);
+
+/// "cannot open FILE: no such file or directory", for the system's `error` number.
+std::string systemFailure(std::string const& doing, int error);
+
+/// "0x80040213 the request failed"; "errno 20 Not a directory" for the system's numbers.
+std::string codeText(std::int32_t code);
+
+/// "0x80040213"; "20" for the system's numbers.
+std::string codeNumber(std::int32_t code);
+
+/// The library's text of a code, or the system's for a number of its own; empty when there is none.
+std::string codeMeaning(std::int32_t code);
+
+}  // namespace tool
+
+#endif
