@@ -210,20 +210,20 @@ std::string quoted(std::string const& text) {
     return "'" + text + "'";
 }
 
-std::string nameOf(Digested digested) {
+std::string nameOf(Wording const& wording, Digested digested) {
     switch (digested) {
         case Digested::kZeroExtended:
             return "each byte zero-extended, as merchants sign";
         case Digested::kSignExtended:
-            return "each byte sign-extended, as this service signs";
+            return "each byte sign-extended, as " + wording.m_Service + " signs";
         case Digested::kBytes:
             break;
     }
     return "its bytes not extended, which no signature here uses";
 }
 
-std::string nameOf(std::string const& keyId, std::string const& account) {
-    return "the key " + quoted(keyId) + " of " + keyOwner(account);
+std::string nameOf(Wording const& wording, std::string const& keyId, std::string const& account) {
+    return "the key " + quoted(keyId) + " of " + keyOwner(wording, account);
 }
 
 bool isMessage(std::string const& text) {
@@ -260,8 +260,8 @@ std::string faultOf(Wrapping wrapping, std::size_t contentBytes) {
 /// Fills in a Calculation.
 class Calculator {
 public:
-    Calculator(std::vector<KnownKey> const& keys, Recall const& recall, Calculation& out)
-        : m_Keys(keys), m_Recall(recall), m_Out(out) {}
+    Calculator(Evidence const& evidence, Calculation& out)
+        : m_Keys(evidence.m_Keys), m_Recall(evidence.m_Recall), m_Wording(evidence.m_Wording), m_Out(out) {}
 
     void run() {
         if (m_Out.m_Data.empty()) {
@@ -303,13 +303,11 @@ private:
             }
         }
         if (!m_Out.m_Key) {
-            return remark(Finding::kKeyUnknown, "KEYID " + quoted(m_Out.m_KeyId) +
-                                                    " is neither a key of this service nor a key published here by a "
-                                                    "merchant.");
+            return remark(Finding::kKeyUnknown, "KEYID " + quoted(m_Out.m_KeyId) + " " + m_Wording.m_Unknown + ".");
         }
         if (m_Out.m_Key->ofService() && !m_Out.m_Key->m_Current) {
-            remark(Finding::kKeyOld, "KEYID " + quoted(m_Out.m_KeyId) +
-                                         " is an old key of this service, which now signs with another one.");
+            remark(Finding::kKeyOld, "KEYID " + quoted(m_Out.m_KeyId) + " is an old key of " + m_Wording.m_Service +
+                                         ", which now signs with another one.");
         }
     }
 
@@ -369,13 +367,11 @@ private:
         KnownKey const& key = attempt.m_Key;
         std::optional<SeenMessage> seen = m_Recall(key, attempt.m_Opened.m_Content);
         if (!seen) {
-            std::string const count = std::to_string(kMaxRecalled);
-            return nothingFits(" Nor does it belong to another message: the latest " + count +
-                               " payments and the latest " + count + " exchanges were searched.");
+            return nothingFits(" Nor does it belong to another message: " + m_Wording.m_Searched + ".");
         }
         Digested const digested = Digests(seen->m_Text).find(attempt.m_Opened.m_Content, signedBy(key)).value();
         remark(Finding::kOtherMessage, "SIGNATURE belongs to another message: " + seen->m_Origin +
-                                           ". It was made with " + nameOf(key.m_Id, key.m_Account) + ".");
+                                           ". It was made with " + nameOf(m_Wording, key.m_Id, key.m_Account) + ".");
         m_Out.m_Original = SignedOriginal{std::move(*seen), {}};
         compareWith(*m_Out.m_Original);
         explainFaults({key.m_Id, key.m_Account, digested, attempt.m_Opened.m_Wrapping, attempt.m_ZerosLost, ""},
@@ -428,8 +424,8 @@ private:
         }
         bool const holdsDigest = opened.m_Content.size() == kDigestBytes;
         if (holdsDigest && opened.m_Content != digestOf(m_Out.m_Data, signedBy(attempt.m_Key))) {
-            remark(Finding::kOtherDigest,
-                   "The digest in SIGNATURE is not the digest of DATA, " + nameOf(signedBy(attempt.m_Key)) + ".");
+            remark(Finding::kOtherDigest, "The digest in SIGNATURE is not the digest of DATA, " +
+                                              nameOf(m_Wording, signedBy(attempt.m_Key)) + ".");
         }
     }
 
@@ -457,7 +453,7 @@ private:
     }
 
     void explain(Match const& match) {
-        std::string const under = "with " + nameOf(match.m_KeyId, match.m_Account);
+        std::string const under = "with " + nameOf(m_Wording, match.m_KeyId, match.m_Account);
         if (!match.m_Repair.empty()) {
             remark(Finding::kDamaged, "SIGNATURE verifies " + under + " after this change: " + match.m_Repair + ".");
         }
@@ -465,14 +461,15 @@ private:
         bool const harmless = m_Out.m_Remarks.empty() || (m_Out.m_Remarks.size() == 1 && has(Finding::kKeyOld));
         if (harmless) {
             m_Out.m_Right = true;
-            remark(Finding::kRight, "SIGNATURE verifies DATA " + under + ", " + nameOf(match.m_Digested) + ".");
+            remark(Finding::kRight,
+                   "SIGNATURE verifies DATA " + under + ", " + nameOf(m_Wording, match.m_Digested) + ".");
         }
     }
 
     /// Adds remarks about everything that is wrong with a signature of `what`.
     void explainFaults(Match const& match, std::string const& what) {
         if (!isNamed(match.m_KeyId, match.m_Account) && !m_Out.m_KeyId.empty()) {
-            remark(Finding::kWrongKey, "SIGNATURE verifies with " + nameOf(match.m_KeyId, match.m_Account) +
+            remark(Finding::kWrongKey, "SIGNATURE verifies with " + nameOf(m_Wording, match.m_KeyId, match.m_Account) +
                                            ", not with the key in KEYID.");
         }
         if (match.m_ZerosLost) {
@@ -483,41 +480,30 @@ private:
         }
         Digested const expected = match.m_Account.empty() ? Digested::kSignExtended : Digested::kZeroExtended;
         if (match.m_Digested != expected) {
-            remark(Finding::kWrongWidening, "The signature is over " + what + ", " + nameOf(match.m_Digested) +
-                                                ". A signature of " + keyOwner(match.m_Account) + " must be over " +
-                                                what + ", " + nameOf(expected) + ".");
+            remark(Finding::kWrongWidening, "The signature is over " + what + ", " +
+                                                nameOf(m_Wording, match.m_Digested) + ". A signature of " +
+                                                keyOwner(m_Wording, match.m_Account) + " must be over " + what + ", " +
+                                                nameOf(m_Wording, expected) + ".");
         }
     }
 
     std::vector<KnownKey> const& m_Keys;
     Recall const& m_Recall;
+    Wording const& m_Wording;
     Calculation& m_Out;
 };
 
 }  // namespace
 
-std::string keyOwner(std::string const& account) {
-    return account.empty() ? "this service" : "the merchant " + account;
+std::string keyOwner(Wording const& wording, std::string const& account) {
+    return account.empty() ? wording.m_Service : "the merchant " + account;
 }
 
-std::vector<KnownKey> knownKeys(Services const& services) {
-    std::vector<KnownKey> keys;
-    std::string const current = services.m_Keys.current()->m_Id;
-    for (KeyRing::Key const& key : services.m_Keys.all()) {
-        keys.push_back({key->m_Id, "", key->m_Id == current, std::shared_ptr<EVP_PKEY>(key, key->m_Key.get())});
-    }
-    for (PublishedKey const& published : services.m_Store.merchantKeys()) {
-        keys.push_back({published.m_Id, published.m_Key.m_Account, false, readPublicKeyBlob(published.m_Key.m_Blob)});
-    }
-    return keys;
-}
-
-Calculation calculate(std::vector<KnownKey> const& keys, std::string const& data, std::string const& signature,
-                      Recall const& recall) {
+Calculation calculate(Evidence const& evidence, std::string const& data, std::string const& signature) {
     Calculation out;
     out.m_Data = data;
     out.m_Signature = signature;
-    Calculator(keys, recall, out).run();
+    Calculator(evidence, out).run();
     return out;
 }
 

@@ -1,7 +1,6 @@
 #ifndef TALLOWIN_SANDBOX_DASHBOARD_CALCULATOR_H
 #define TALLOWIN_SANDBOX_DASHBOARD_CALCULATOR_H
 
-#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -9,7 +8,6 @@
 #include <vector>
 
 #include "sandbox/crypto/opensslholders.h"
-#include "sandbox/service/services.h"
 #include "sandbox/text/paymessage.h"
 
 /// Checks the signature of a message and finds the reason when it is not valid.
@@ -26,11 +24,15 @@ struct KnownKey {
     [[nodiscard]] int bits() const { return EVP_PKEY_get_bits(m_Key.get()); }
 };
 
-/// The owner of a key with this KnownKey::m_Account, as text for pages.
-std::string keyOwner(std::string const& account);
+/// Words of the remarks that depend on where the check runs.
+struct Wording {
+    std::string m_Service;   ///< "this service".
+    std::string m_Unknown;   ///< After a key id that is not known: "is neither a key of ... nor ...".
+    std::string m_Searched;  ///< Which stored messages were searched: "the latest ... were searched".
+};
 
-/// All keys of the service, then those of the merchants.
-std::vector<KnownKey> knownKeys(Services const& services);
+/// The owner of a key with this KnownKey::m_Account, as text for pages.
+std::string keyOwner(Wording const& wording, std::string const& account);
 
 /// The input of a digest: bytes extended to 16 bits in one of two ways, or the bytes themselves, which is always wrong.
 enum class Digested { kZeroExtended, kSignExtended, kBytes };
@@ -92,12 +94,12 @@ struct SeenMessage {
 /// Searches a message with this digest, zero-extended or sign-extended, for a signature made with `key`.
 using Recall = std::function<std::optional<SeenMessage>(KnownKey const& key, std::string const& digest)>;
 
-/// How many payments and how many exchanges are searched, the latest of each.
-inline constexpr std::int64_t kMaxRecalled = 1000;
-
-/// The Recall among the messages of `services`: of the newest payments, the confirmations that were signed for them,
-/// and DATA of the newest exchanges.
-std::optional<SeenMessage> recallSeen(Services const& services, KnownKey const& key, std::string const& digest);
+/// What a check compares with.
+struct Evidence {
+    std::vector<KnownKey> m_Keys;
+    Recall m_Recall;
+    Wording m_Wording;
+};
 
 /// An attribute that differs between two messages.
 struct Difference {
@@ -135,9 +137,8 @@ struct Calculation {
 };
 
 /// Checks the decoded DATA against SIGNATURE as it was sent. Then tries one repair of DATA at a time, see
-/// calculator_repairs.cpp. When none verifies, `recall` looks for the signed message.
-Calculation calculate(std::vector<KnownKey> const& keys, std::string const& data, std::string const& signature,
-                      Recall const& recall);
+/// calculator_repairs.cpp. When none verifies, the Recall of `evidence` looks for the signed message.
+Calculation calculate(Evidence const& evidence, std::string const& data, std::string const& signature);
 
 /// DATA, decoded, and SIGNATURE.
 struct SignedTexts {

@@ -12,6 +12,7 @@
 #include "sandbox/dashboard/calculator.h"
 #include "sandbox/dashboard/dashboardparts.h"
 #include "sandbox/dashboard/dashboardroutes.h"
+#include "sandbox/dashboard/storedevidence.h"
 #include "sandbox/pages/shopperpages.h"
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/httpstatus.h"
@@ -51,12 +52,12 @@ std::string remarksContent(Calculation const& result) {
     return "<p><strong>" + verdict + "</strong></p>\n<ul>\n" + items + "</ul>\n";
 }
 
-std::string keyText(Calculation const& result) {
+std::string keyText(Wording const& wording, Calculation const& result) {
     if (!result.m_Key) {
         return result.m_KeyId.empty() ? "no KEYID can be read" : result.m_KeyId + " (unknown key)";
     }
     std::string const use = !result.m_Key->ofService() ? "" : result.m_Key->m_Current ? ", signing" : ", old";
-    return result.m_KeyId + " of " + keyOwner(result.m_Key->m_Account) + use + ", " +
+    return result.m_KeyId + " of " + keyOwner(wording, result.m_Key->m_Account) + use + ", " +
            std::to_string(result.m_Key->bits()) + " bits";
 }
 
@@ -64,11 +65,11 @@ std::string codeEntry(std::string const& name, std::string const& text, std::str
     return entry(name, text.empty() ? escapeHtml(otherwise) : "<code>" + escapeHtml(text) + "</code>");
 }
 
-std::string comparisonContent(Calculation const& result) {
+std::string comparisonContent(Wording const& wording, Calculation const& result) {
     return paragraph(
                "What is signed is the SHA-1 digest of DATA with each byte extended to two: zero-extended by "
                "merchants, sign-extended by this service.") +
-           "<dl>\n" + entry("Key in KEYID", escapeHtml(keyText(result))) +
+           "<dl>\n" + entry("Key in KEYID", escapeHtml(keyText(wording, result))) +
            codeEntry("DATA, zero-extended", result.m_ZeroDigest, "none") +
            codeEntry("DATA, sign-extended", result.m_SignDigest, "none") +
            codeEntry("In SIGNATURE", result.m_HeldDigest, "no digest can be read") + "</dl>\n";
@@ -86,13 +87,14 @@ char const* nameOf(Digested digested) {
     return "not extended";
 }
 
-std::string matchesContent(Calculation const& result) {
+std::string matchesContent(Wording const& wording, Calculation const& result) {
     if (result.m_Matches.empty()) {
         return paragraph("No known key verifies SIGNATURE, not even after undoing common damage to DATA.");
     }
     std::vector<Cells> rows;
     for (Match const& match : result.m_Matches) {
-        rows.push_back({escapeHtml(match.m_KeyId), escapeHtml(keyOwner(match.m_Account)), nameOf(match.m_Digested),
+        rows.push_back({escapeHtml(match.m_KeyId), escapeHtml(keyOwner(wording, match.m_Account)),
+                        nameOf(match.m_Digested),
                         escapeHtml(match.m_Repair.empty() ? "unchanged" : "after this change: " + match.m_Repair)});
     }
     return wideTable("Keys that verify SIGNATURE", {"Key", "Owner", "Bytes", "DATA"}, rows);
@@ -113,23 +115,22 @@ std::string originalContent(SignedOriginal const& original) {
            attributesContent(original.m_Seen.m_Text) + verbatim(original.m_Seen.m_Text);
 }
 
-std::string resultContent(Calculation const& result) {
+std::string resultContent(Wording const& wording, Calculation const& result) {
     std::string const data = result.m_Data.empty() ? "" : attributesContent(result.m_Data) + verbatim(result.m_Data);
     return section("verdict", "Result", remarksContent(result)) +
            (result.m_Original ? section("original", "Signed message", originalContent(*result.m_Original)) : "") +
-           section("comparison", "Digests", comparisonContent(result)) +
-           section("matches", "Matching keys", matchesContent(result)) +
+           section("comparison", "Digests", comparisonContent(wording, result)) +
+           section("matches", "Matching keys", matchesContent(wording, result)) +
            (data.empty() ? "" : section("message", "DATA, decoded", data));
 }
 
 HttpResponse resultPage(Services const& services, SignedTexts const& texts) {
-    Calculation const result = calculate(
-        knownKeys(services), texts.m_Data, texts.m_Signature,
-        [&services](KnownKey const& key, std::string const& digest) { return recallSeen(services, key, digest); });
-    return dashboardPage(
-        httpstatus::kOk, kPath, "Signature calculator",
-        resultContent(result) + section("form", "DATA and SIGNATURE",
-                                        formContent(services, fieldText(texts.m_Data), texts.m_Signature, "")));
+    Evidence const evidence = storedEvidence(services);
+    Calculation const result = calculate(evidence, texts.m_Data, texts.m_Signature);
+    return dashboardPage(httpstatus::kOk, kPath, "Signature calculator",
+                         resultContent(evidence.m_Wording, result) +
+                             section("form", "DATA and SIGNATURE",
+                                     formContent(services, fieldText(texts.m_Data), texts.m_Signature, "")));
 }
 
 HttpResponse formPage(Services const& services, int status, SignedTexts const& filledIn, std::string const& problem) {

@@ -44,14 +44,15 @@ protected:
     [[nodiscard]] EVP_PKEY* bigKey() const { return m_Keys[3].m_Key.get(); }
 
     [[nodiscard]] Calculation of(std::string const& data, std::string const& signature) const {
-        return calculate(m_Keys, data, signature, [this](KnownKey const&, std::string const& digest) {
+        Recall const recall = [this](KnownKey const&, std::string const& digest) {
             for (std::string const& text : m_Seen) {
                 if (digest == digestOf(text, Widening::kZero) || digest == digestOf(text, Widening::kSign)) {
                     return std::optional<SeenMessage>({text, "what was seen", "/seen"});
                 }
             }
             return std::optional<SeenMessage>();
-        });
+        };
+        return calculate({m_Keys, recall, m_Wording}, data, signature);
     }
 
     /// The result for `sent` with the merchant's signature of `signedText`.
@@ -77,6 +78,7 @@ protected:
 
     TestMerchant m_Merchant{"0-1001-testkey"};
     std::vector<KnownKey> m_Keys;
+    Wording const m_Wording{"this service", "is not known here", "all were searched"};
     std::vector<std::string> m_Seen;  ///< Messages stored by the service.
     std::string const m_Text = "<KVX MSGTYPE=\"PayInit\" KEYID=\"0-1001-testkey\" NOTE=\"Caf\xE9\"/>";
     std::string const m_Plain = "<KVX MSGTYPE=\"PayInit\" KEYID=\"0-1001-testkey\" NOTE=\"Tea\"/>";

@@ -1,0 +1,14 @@
+#ifndef TALLOWIN_SANDBOX_DASHBOARD_STOREDEVIDENCE_H
+#define TALLOWIN_SANDBOX_DASHBOARD_STOREDEVIDENCE_H
+
+#include "sandbox/dashboard/calculator.h"
+#include "sandbox/service/services.h"
+
+namespace sandbox {
+
+/// The keys of `services` and of its merchants, and the messages stored there. Valid while `services` is.
+Evidence storedEvidence(Services const& services);
+
+}  // namespace sandbox
+
+#endif  // TALLOWIN_SANDBOX_DASHBOARD_STOREDEVIDENCE_H
