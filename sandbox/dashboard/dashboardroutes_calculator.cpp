@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "sandbox/dashboard/calculator.h"
+#include "diagnosis/diagnosis.h"
 #include "sandbox/dashboard/dashboardparts.h"
 #include "sandbox/dashboard/dashboardroutes.h"
 #include "sandbox/dashboard/storedevidence.h"
@@ -20,6 +20,9 @@
 namespace sandbox {
 
 namespace {
+
+using diagnosis::Diagnosis;
+using diagnosis::Wording;
 
 constexpr char kPath[] = "/calculator";
 
@@ -43,21 +46,21 @@ std::string formContent(Services const& services, std::string const& data, std::
     return dashboardForm(services, kPath, fields, problem);
 }
 
-std::string remarksContent(Calculation const& result) {
+std::string remarksContent(Diagnosis const& result) {
     std::string items;
-    for (Remark const& remark : result.m_Remarks) {
+    for (diagnosis::Remark const& remark : result.m_Remarks) {
         items += "<li>" + escapeHtml(remark.m_Text) + "</li>\n";
     }
     std::string const verdict = result.m_Right ? "The signature is valid." : "The signature is not valid.";
     return "<p><strong>" + verdict + "</strong></p>\n<ul>\n" + items + "</ul>\n";
 }
 
-std::string keyText(Wording const& wording, Calculation const& result) {
+std::string keyText(Wording const& wording, Diagnosis const& result) {
     if (!result.m_Key) {
         return result.m_KeyId.empty() ? "no KEYID can be read" : result.m_KeyId + " (unknown key)";
     }
     std::string const use = !result.m_Key->ofService() ? "" : result.m_Key->m_Current ? ", signing" : ", old";
-    return result.m_KeyId + " of " + keyOwner(wording, result.m_Key->m_Account) + use + ", " +
+    return result.m_KeyId + " of " + diagnosis::keyOwner(wording, result.m_Key->m_Account) + use + ", " +
            std::to_string(result.m_Key->bits()) + " bits";
 }
 
@@ -65,7 +68,7 @@ std::string codeEntry(std::string const& name, std::string const& text, std::str
     return entry(name, text.empty() ? escapeHtml(otherwise) : "<code>" + escapeHtml(text) + "</code>");
 }
 
-std::string comparisonContent(Wording const& wording, Calculation const& result) {
+std::string comparisonContent(Wording const& wording, Diagnosis const& result) {
     return paragraph(
                "What is signed is the SHA-1 digest of DATA with each byte extended to two: zero-extended by "
                "merchants, sign-extended by this service.") +
@@ -75,25 +78,25 @@ std::string comparisonContent(Wording const& wording, Calculation const& result)
            codeEntry("In SIGNATURE", result.m_HeldDigest, "no digest can be read") + "</dl>\n";
 }
 
-char const* nameOf(Digested digested) {
+char const* nameOf(diagnosis::Digested digested) {
     switch (digested) {
-        case Digested::kZeroExtended:
+        case diagnosis::Digested::kZeroExtended:
             return "zero-extended";
-        case Digested::kSignExtended:
+        case diagnosis::Digested::kSignExtended:
             return "sign-extended";
-        case Digested::kBytes:
+        case diagnosis::Digested::kBytes:
             break;
     }
     return "not extended";
 }
 
-std::string matchesContent(Wording const& wording, Calculation const& result) {
+std::string matchesContent(Wording const& wording, Diagnosis const& result) {
     if (result.m_Matches.empty()) {
         return paragraph("No known key verifies SIGNATURE, not even after undoing common damage to DATA.");
     }
     std::vector<Cells> rows;
-    for (Match const& match : result.m_Matches) {
-        rows.push_back({escapeHtml(match.m_KeyId), escapeHtml(keyOwner(wording, match.m_Account)),
+    for (diagnosis::Match const& match : result.m_Matches) {
+        rows.push_back({escapeHtml(match.m_KeyId), escapeHtml(diagnosis::keyOwner(wording, match.m_Account)),
                         nameOf(match.m_Digested),
                         escapeHtml(match.m_Repair.empty() ? "unchanged" : "after this change: " + match.m_Repair)});
     }
@@ -104,9 +107,9 @@ std::string valueCell(std::optional<std::string> const& value) {
     return value ? escapeHtml(*value) : "<em>missing</em>";
 }
 
-std::string originalContent(SignedOriginal const& original) {
+std::string originalContent(diagnosis::SignedOriginal const& original) {
     std::vector<Cells> rows;
-    for (Difference const& difference : original.m_Differences) {
+    for (diagnosis::Difference const& difference : original.m_Differences) {
         rows.push_back(
             {escapeHtml(difference.m_Name), valueCell(difference.m_InSigned), valueCell(difference.m_InData)});
     }
@@ -115,7 +118,7 @@ std::string originalContent(SignedOriginal const& original) {
            attributesContent(original.m_Seen.m_Text) + verbatim(original.m_Seen.m_Text);
 }
 
-std::string resultContent(Wording const& wording, Calculation const& result) {
+std::string resultContent(Wording const& wording, Diagnosis const& result) {
     std::string const data = result.m_Data.empty() ? "" : attributesContent(result.m_Data) + verbatim(result.m_Data);
     return section("verdict", "Result", remarksContent(result)) +
            (result.m_Original ? section("original", "Signed message", originalContent(*result.m_Original)) : "") +
@@ -124,16 +127,17 @@ std::string resultContent(Wording const& wording, Calculation const& result) {
            (data.empty() ? "" : section("message", "DATA, decoded", data));
 }
 
-HttpResponse resultPage(Services const& services, SignedTexts const& texts) {
-    Evidence const evidence = storedEvidence(services);
-    Calculation const result = calculate(evidence, texts.m_Data, texts.m_Signature);
+HttpResponse resultPage(Services const& services, diagnosis::SignedTexts const& texts) {
+    diagnosis::Evidence const evidence = storedEvidence(services);
+    Diagnosis const result = diagnose(evidence, texts.m_Data, texts.m_Signature);
     return dashboardPage(httpstatus::kOk, kPath, "Signature calculator",
                          resultContent(evidence.m_Wording, result) +
                              section("form", "DATA and SIGNATURE",
                                      formContent(services, fieldText(texts.m_Data), texts.m_Signature, "")));
 }
 
-HttpResponse formPage(Services const& services, int status, SignedTexts const& filledIn, std::string const& problem) {
+HttpResponse formPage(Services const& services, int status, diagnosis::SignedTexts const& filledIn,
+                      std::string const& problem) {
     return dashboardPage(
         status, kPath, "Signature calculator",
         section("form", "DATA and SIGNATURE", formContent(services, filledIn.m_Data, filledIn.m_Signature, problem)));
@@ -142,15 +146,15 @@ HttpResponse formPage(Services const& services, int status, SignedTexts const& f
 }  // namespace
 
 HttpResponse calculatorPage(Services const& services, Query const& query) {
-    SignedTexts const texts{query.value("DATA").value_or(""), query.value("SIGNATURE").value_or("")};
+    diagnosis::SignedTexts const texts{query.value("DATA").value_or(""), query.value("SIGNATURE").value_or("")};
     return texts.m_Data.empty() && texts.m_Signature.empty() ? formPage(services, httpstatus::kOk, texts, "")
                                                              : resultPage(services, texts);
 }
 
 HttpResponse calculateByForm(Services const& services, Query const& form) {
-    SignedTexts const pasted{form.value("DATA").value_or(""), form.value("SIGNATURE").value_or("")};
+    diagnosis::SignedTexts const pasted{form.value("DATA").value_or(""), form.value("SIGNATURE").value_or("")};
     try {
-        return resultPage(services, readPasted(pasted.m_Data, pasted.m_Signature));
+        return resultPage(services, diagnosis::readPasted(pasted.m_Data, pasted.m_Signature));
     } catch (HttpError const& error) {
         return formPage(services, error.status(), pasted, error.what());
     }

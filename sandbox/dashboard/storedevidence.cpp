@@ -20,6 +20,9 @@ namespace sandbox {
 
 namespace {
 
+using diagnosis::KnownKey;
+using diagnosis::SeenMessage;
+
 // How many payments and how many exchanges are searched, the latest of each.
 constexpr std::int64_t kMaxRecalled = 1000;
 
@@ -83,7 +86,7 @@ std::optional<SeenMessage> recallSeen(Services const& services, KnownKey const& 
 
 }  // namespace
 
-Evidence storedEvidence(Services const& services) {
+diagnosis::Evidence storedEvidence(Services const& services) {
     std::string const count = std::to_string(kMaxRecalled);
     return {knownKeys(services),
             [&services](KnownKey const& key, std::string const& digest) { return recallSeen(services, key, digest); },

@@ -1,13 +1,13 @@
 #ifndef TALLOWIN_SANDBOX_DASHBOARD_STOREDEVIDENCE_H
 #define TALLOWIN_SANDBOX_DASHBOARD_STOREDEVIDENCE_H
 
-#include "sandbox/dashboard/calculator.h"
+#include "diagnosis/diagnosis.h"
 #include "sandbox/service/services.h"
 
 namespace sandbox {
 
 /// The keys of `services` and of its merchants, and the messages stored there. Valid while `services` is.
-Evidence storedEvidence(Services const& services);
+diagnosis::Evidence storedEvidence(Services const& services);
 
 }  // namespace sandbox
 

@@ -1,14 +1,19 @@
 #include <algorithm>
 #include <cstddef>
 
-#include "sandbox/dashboard/calculator.h"
+#include "diagnosis/diagnosis.h"
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/wiretext.h"
 
-/// Parsing the texts pasted into the calculator's form.
-namespace sandbox {
+/// Parsing the texts pasted into the form of a page.
+namespace diagnosis {
 
 namespace {
+
+using sandbox::HttpError;
+using sandbox::percentDecode;
+using sandbox::Query;
+using sandbox::replaceAll;
 
 constexpr char kBlanks[] = " \t\r\n";
 
@@ -73,4 +78,4 @@ SignedTexts readPasted(std::string const& data, std::string const& signature) {
     return texts;
 }
 
-}  // namespace sandbox
+}  // namespace diagnosis

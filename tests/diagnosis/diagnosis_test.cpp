@@ -1,7 +1,7 @@
-// The signature calculator without its page. Sections: valid signatures, missing or unreadable texts, wrong signatures,
+// The check of a signature. Sections: valid signatures, missing or unreadable texts, wrong signatures,
 // wrong keys, another message than the signed one, damaged messages with their repairs, pasted texts. The fixture makes
 // two keys of the service and two of merchants for each test.
-#include "sandbox/dashboard/calculator.h"
+#include "diagnosis/diagnosis.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -18,9 +18,10 @@
 #include "sandbox/text/wiretext.h"
 #include "tests/sandbox/support/testmerchant.h"
 
-/// The signature calculator: valid signatures, wrong ones with the reason, repairs, pasted texts.
+/// The check of a signature: valid signatures, wrong ones with the reason, repairs, pasted texts.
 namespace {
 
+using namespace diagnosis;
 using namespace sandbox;
 using sandboxtest::TestMerchant;
 using ::testing::Contains;
@@ -31,9 +32,9 @@ using ::testing::IsEmpty;
 using ::testing::Not;
 
 /// Two keys of the service, two merchants with one key each, and signed messages.
-class Calculate : public ::testing::Test {
+class Diagnose : public ::testing::Test {
 protected:
-    Calculate() {
+    Diagnose() {
         m_Keys.push_back({"1-SERVER-1", "", false, makeSigningKey(512)});
         m_Keys.push_back({"1-SERVER-2", "", true, makeSigningKey(512)});
         m_Keys.push_back({m_Merchant.keyId(), "demo", false, readPublicKeyBlob(m_Merchant.blob())});
@@ -43,7 +44,7 @@ protected:
     [[nodiscard]] EVP_PKEY* serverKey() const { return m_Keys[1].m_Key.get(); }
     [[nodiscard]] EVP_PKEY* bigKey() const { return m_Keys[3].m_Key.get(); }
 
-    [[nodiscard]] Calculation of(std::string const& data, std::string const& signature) const {
+    [[nodiscard]] Diagnosis of(std::string const& data, std::string const& signature) const {
         Recall const recall = [this](KnownKey const&, std::string const& digest) {
             for (std::string const& text : m_Seen) {
                 if (digest == digestOf(text, Widening::kZero) || digest == digestOf(text, Widening::kSign)) {
@@ -52,11 +53,11 @@ protected:
             }
             return std::optional<SeenMessage>();
         };
-        return calculate({m_Keys, recall, m_Wording}, data, signature);
+        return diagnose({m_Keys, recall, m_Wording}, data, signature);
     }
 
     /// The result for `sent` with the merchant's signature of `signedText`.
-    [[nodiscard]] Calculation afterDamage(std::string const& signedText, std::string const& sent) const {
+    [[nodiscard]] Diagnosis afterDamage(std::string const& signedText, std::string const& sent) const {
         return of(sent, m_Merchant.sign(signedText));
     }
 
@@ -86,7 +87,7 @@ protected:
     std::string const m_BigText = "<KVX MSGTYPE=\"PayInit\" KEYID=\"0-1002-big\" NOTE=\"Caf\xE9\"/>";
 };
 
-std::vector<Finding> findingsOf(Calculation const& result) {
+std::vector<Finding> findingsOf(Diagnosis const& result) {
     std::vector<Finding> findings;
     for (Remark const& remark : result.m_Remarks) {
         findings.push_back(remark.m_Finding);
@@ -94,7 +95,7 @@ std::vector<Finding> findingsOf(Calculation const& result) {
     return findings;
 }
 
-std::string textsOf(Calculation const& result) {
+std::string textsOf(Diagnosis const& result) {
     std::string texts;
     for (Remark const& remark : result.m_Remarks) {
         texts += remark.m_Text + "\n";
@@ -103,7 +104,7 @@ std::string textsOf(Calculation const& result) {
 }
 
 /// The repair with which the signature verifies; empty for none, or when anything else is wrong.
-std::string repairOf(Calculation const& result) {
+std::string repairOf(Diagnosis const& result) {
     if (result.m_Right || result.m_Matches.size() != 1 || result.m_Matches[0].m_KeyId != "0-1001-testkey" ||
         result.m_Matches[0].m_Digested != Digested::kZeroExtended ||
         result.m_Matches[0].m_Wrapping != Wrapping::kBare) {
@@ -116,8 +117,8 @@ std::string repairOf(Calculation const& result) {
 
 // --- Valid signatures
 
-TEST_F(Calculate, FindsAMerchantsSignatureRight) {
-    Calculation const result = of(m_Text, m_Merchant.sign(m_Text));
+TEST_F(Diagnose, FindsAMerchantsSignatureRight) {
+    Diagnosis const result = of(m_Text, m_Merchant.sign(m_Text));
     EXPECT_TRUE(result.m_Right);
     EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kRight));
     ASSERT_TRUE(result.m_Key);
@@ -132,8 +133,8 @@ TEST_F(Calculate, FindsAMerchantsSignatureRight) {
     EXPECT_THAT(textsOf(result), HasSubstr("the merchant demo"));
 }
 
-TEST_F(Calculate, FindsTheServicesSignatureRight) {
-    Calculation const result = of(m_Confirm, signText(serverKey(), m_Confirm, Widening::kSign));
+TEST_F(Diagnose, FindsTheServicesSignatureRight) {
+    Diagnosis const result = of(m_Confirm, signText(serverKey(), m_Confirm, Widening::kSign));
     EXPECT_TRUE(result.m_Right);
     EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kRight));
     EXPECT_TRUE(result.m_Key->ofService());
@@ -142,26 +143,26 @@ TEST_F(Calculate, FindsTheServicesSignatureRight) {
     EXPECT_THAT(textsOf(result), HasSubstr("this service"));
 }
 
-TEST_F(Calculate, FindsBothRightInPlainAscii) {
+TEST_F(Diagnose, FindsBothRightInPlainAscii) {
     EXPECT_TRUE(of(m_Plain, m_Merchant.sign(m_Plain)).m_Right);
     EXPECT_TRUE(of(m_Plain, m_Merchant.sign(m_Plain, true)).m_Right);
     std::string const confirm = "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"1-SERVER-2\"/>";
-    Calculation const result = of(confirm, signText(serverKey(), confirm, Widening::kZero));
+    Diagnosis const result = of(confirm, signText(serverKey(), confirm, Widening::kZero));
     EXPECT_TRUE(result.m_Right);
     EXPECT_EQ(result.m_Matches.at(0).m_Digested, Digested::kSignExtended);
     EXPECT_EQ(result.m_ZeroDigest, result.m_SignDigest);
 }
 
-TEST_F(Calculate, GivesTheDigestsOfTheCommandLine) {
+TEST_F(Diagnose, GivesTheDigestsOfTheCommandLine) {
     // printf 'a\0\351\0' | sha1sum, and with \351\377
-    Calculation const result = of("a\xE9", "");
+    Diagnosis const result = of("a\xE9", "");
     EXPECT_EQ(result.m_ZeroDigest, "2820e15aa1975cd1903b8024868aaa2033d2a2a9");
     EXPECT_EQ(result.m_SignDigest, "8025c09662631a1993bb93b0acd4e6f06a79067e");
 }
 
-TEST_F(Calculate, ReportsThatAKeyOfTheServiceIsOld) {
+TEST_F(Diagnose, ReportsThatAKeyOfTheServiceIsOld) {
     std::string const text = "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"1-SERVER-1\"/>";
-    Calculation const result = of(text, signText(m_Keys[0].m_Key.get(), text, Widening::kSign));
+    Diagnosis const result = of(text, signText(m_Keys[0].m_Key.get(), text, Widening::kSign));
     EXPECT_TRUE(result.m_Right);
     EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kKeyOld, Finding::kRight));
     EXPECT_FALSE(result.m_Key->m_Current);
@@ -169,16 +170,16 @@ TEST_F(Calculate, ReportsThatAKeyOfTheServiceIsOld) {
 
 // --- Missing or unreadable texts
 
-TEST_F(Calculate, ReportsWhatIsMissing) {
+TEST_F(Diagnose, ReportsWhatIsMissing) {
     EXPECT_THAT(findingsOf(of("", "00")), ElementsAre(Finding::kDataMissing));
     EXPECT_THAT(findingsOf(of(m_Text, "")), ElementsAre(Finding::kSignatureMissing));
     EXPECT_EQ(of(m_Text, "").m_ZeroDigest.size(), 40u);
     EXPECT_EQ(of(m_Text, "").m_KeyId, "0-1001-testkey");
 }
 
-TEST_F(Calculate, ReportsThatDataIsNoMessage) {
+TEST_F(Diagnose, ReportsThatDataIsNoMessage) {
     for (std::string const data : {"<KVX", "hello", "<KVX MSGTYPE=\"a\" MSGTYPE=\"b\"/>"}) {
-        Calculation const result = of(data, m_Merchant.sign(data));
+        Diagnosis const result = of(data, m_Merchant.sign(data));
         EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kNoMessage)) << data;
         EXPECT_FALSE(result.m_Right);
         EXPECT_FALSE(result.m_Message);
@@ -188,56 +189,56 @@ TEST_F(Calculate, ReportsThatDataIsNoMessage) {
     EXPECT_THAT(textsOf(of(withZero, m_Merchant.sign(withZero))), HasSubstr("zero byte"));
 }
 
-TEST_F(Calculate, ReportsThatNoKeyIsNamed) {
+TEST_F(Diagnose, ReportsThatNoKeyIsNamed) {
     std::string const text = "<KVX MSGTYPE=\"PayInit\"/>";
-    Calculation const result = of(text, m_Merchant.sign(text));
+    Diagnosis const result = of(text, m_Merchant.sign(text));
     EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kKeyIdMissing));
     EXPECT_FALSE(result.m_Right);
     EXPECT_EQ(result.m_Matches.at(0).m_KeyId, "0-1001-testkey");
 }
 
-TEST_F(Calculate, ReportsThatTheKeyIsUnknown) {
+TEST_F(Diagnose, ReportsThatTheKeyIsUnknown) {
     std::string const text = "<KVX MSGTYPE=\"PayInit\" KEYID=\"nobody\"/>";
-    Calculation const result = of(text, TestMerchant("nobody").sign(text));
+    Diagnosis const result = of(text, TestMerchant("nobody").sign(text));
     EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kKeyUnknown, Finding::kNothingFits));
     EXPECT_FALSE(result.m_Key);
     EXPECT_THAT(textsOf(result), HasSubstr("any of the 4 known keys"));
 }
 
-TEST_F(Calculate, ReportsThatSignatureIsNotHexadecimal) {
-    Calculation const odd = of(m_Text, m_Merchant.sign(m_Text).substr(1));
+TEST_F(Diagnose, ReportsThatSignatureIsNotHexadecimal) {
+    Diagnosis const odd = of(m_Text, m_Merchant.sign(m_Text).substr(1));
     EXPECT_THAT(findingsOf(odd), ElementsAre(Finding::kNotHexadecimal));
     EXPECT_THAT(textsOf(odd), HasSubstr("127 hexadecimal digits"));
-    Calculation const foreign = of(m_Text, "0x12");
+    Diagnosis const foreign = of(m_Text, "0x12");
     EXPECT_THAT(findingsOf(foreign), ElementsAre(Finding::kNotHexadecimal));
     EXPECT_THAT(textsOf(foreign), HasSubstr("character number 2"));
 }
 
 // --- Wrong signatures
 
-TEST_F(Calculate, ReportsUpperCase) {
+TEST_F(Diagnose, ReportsUpperCase) {
     std::string upper = m_Merchant.sign(m_Text);
     for (char& c : upper) {
         c = c >= 'a' ? static_cast<char>(c - 'a' + 'A') : c;
     }
     ASSERT_NE(upper, m_Merchant.sign(m_Text));
-    Calculation const result = of(m_Text, upper);
+    Diagnosis const result = of(m_Text, upper);
     EXPECT_FALSE(result.m_Right);
     EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kUpperCase));
     EXPECT_EQ(result.m_Matches.size(), 1u);
     EXPECT_EQ(result.m_HeldDigest, result.m_ZeroDigest);
 }
 
-TEST_F(Calculate, ReportsAWrongLength) {
-    Calculation const cut = of(m_Text, m_Merchant.sign(m_Text).substr(0, 126));
+TEST_F(Diagnose, ReportsAWrongLength) {
+    Diagnosis const cut = of(m_Text, m_Merchant.sign(m_Text).substr(0, 126));
     EXPECT_THAT(findingsOf(cut), ElementsAre(Finding::kWrongLength, Finding::kUnreadable, Finding::kNothingFits));
     EXPECT_THAT(textsOf(cut), HasSubstr("63 bytes, but signatures of the key '0-1001-testkey' of 512 bits have 64"));
-    Calculation const longer = of(m_Text, m_Merchant.sign(m_Text) + "00");
+    Diagnosis const longer = of(m_Text, m_Merchant.sign(m_Text) + "00");
     EXPECT_THAT(findingsOf(longer), ElementsAre(Finding::kWrongLength, Finding::kNothingFits));
     EXPECT_EQ(longer.m_HeldDigest, "");
 }
 
-TEST_F(Calculate, FindsLostZeroBytesBeforeTheSignature) {
+TEST_F(Diagnose, FindsLostZeroBytesBeforeTheSignature) {
     std::string text;
     std::string signature;
     for (int tries = 0; tries < 10000 && signature.compare(0, 2, "00") != 0; ++tries) {
@@ -246,32 +247,32 @@ TEST_F(Calculate, FindsLostZeroBytesBeforeTheSignature) {
     }
     ASSERT_EQ(signature.compare(0, 2, "00"), 0) << "no such signature found";
     EXPECT_TRUE(of(text, signature).m_Right);
-    Calculation const result = of(text, signature.substr(2));
+    Diagnosis const result = of(text, signature.substr(2));
     EXPECT_FALSE(result.m_Right);
     EXPECT_THAT(findingsOf(result), Each(Finding::kWrongLength));
     EXPECT_TRUE(result.m_Matches.at(0).m_ZerosLost);
     EXPECT_THAT(textsOf(result), HasSubstr("lacks leading zero bytes"));
 }
 
-TEST_F(Calculate, ReportsAChangedSignature) {
+TEST_F(Diagnose, ReportsAChangedSignature) {
     std::string signature = m_Merchant.sign(m_Text);
     signature.back() = signature.back() == '0' ? '1' : '0';
-    Calculation const result = of(m_Text, signature);
+    Diagnosis const result = of(m_Text, signature);
     EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kUnreadable, Finding::kNothingFits));
     EXPECT_EQ(result.m_HeldDigest, "");
     EXPECT_THAT(result.m_Matches, IsEmpty());
 }
 
-TEST_F(Calculate, ReportsThatSomethingElseWasSigned) {
-    Calculation const result = of(m_Text, m_Merchant.sign("something else"));
+TEST_F(Diagnose, ReportsThatSomethingElseWasSigned) {
+    Diagnosis const result = of(m_Text, m_Merchant.sign("something else"));
     EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kOtherDigest, Finding::kNothingFits));
     EXPECT_EQ(result.m_HeldDigest, toHex(digestOf("something else", Widening::kZero)));
 }
 
-TEST_F(Calculate, ReportsADigestInfo) {
+TEST_F(Diagnose, ReportsADigestInfo) {
     std::string const wrapped =
         fromHex("3021300906052b0e03021a05000414").value() + digestOf(m_BigText, Widening::kZero);
-    Calculation const result = of(m_BigText, signBlock(wrapped, RSA_PKCS1_PADDING));
+    Diagnosis const result = of(m_BigText, signBlock(wrapped, RSA_PKCS1_PADDING));
     EXPECT_FALSE(result.m_Right);
     EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kWrongWrapping));
     EXPECT_EQ(result.m_Matches.at(0).m_Wrapping, Wrapping::kDigestInfo);
@@ -279,8 +280,8 @@ TEST_F(Calculate, ReportsADigestInfo) {
     EXPECT_THAT(textsOf(result), HasSubstr("35 bytes"));
 }
 
-TEST_F(Calculate, ReportsOtherContent) {
-    Calculation const result = of(m_BigText, signBlock(std::string(32, 'x'), RSA_PKCS1_PADDING));
+TEST_F(Diagnose, ReportsOtherContent) {
+    Diagnosis const result = of(m_BigText, signBlock(std::string(32, 'x'), RSA_PKCS1_PADDING));
     EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kWrongWrapping, Finding::kNothingFits));
     EXPECT_EQ(result.m_HeldDigest, toHex(std::string(32, 'x')));
     EXPECT_THAT(textsOf(result), HasSubstr("32 bytes"));
@@ -289,76 +290,76 @@ TEST_F(Calculate, ReportsOtherContent) {
                 HasSubstr("contains 35 bytes"));
 }
 
-TEST_F(Calculate, ReportsForeignPadding) {
+TEST_F(Diagnose, ReportsForeignPadding) {
     std::string const digest = digestOf(m_BigText, Widening::kZero);
-    Calculation const unpadded = of(m_BigText, signBlock(std::string(108, '\0') + digest, RSA_NO_PADDING));
+    Diagnosis const unpadded = of(m_BigText, signBlock(std::string(108, '\0') + digest, RSA_NO_PADDING));
     EXPECT_THAT(findingsOf(unpadded), ElementsAre(Finding::kWrongWrapping));
     EXPECT_EQ(unpadded.m_Matches.at(0).m_Wrapping, Wrapping::kUnpadded);
     EXPECT_EQ(unpadded.m_HeldDigest, unpadded.m_ZeroDigest);
-    Calculation const pss = of(m_BigText, signBlock(digest, RSA_PKCS1_PSS_PADDING));
+    Diagnosis const pss = of(m_BigText, signBlock(digest, RSA_PKCS1_PSS_PADDING));
     EXPECT_THAT(findingsOf(pss), ElementsAre(Finding::kWrongWrapping));
     EXPECT_EQ(pss.m_Matches.at(0).m_Wrapping, Wrapping::kPss);
     EXPECT_THAT(textsOf(pss), HasSubstr("PSS"));
-    Calculation const encryption =
+    Diagnosis const encryption =
         of(m_BigText, signBlock(std::string("\0\2", 2) + std::string(105, 'p') + '\0' + digest, RSA_NO_PADDING));
     EXPECT_THAT(findingsOf(encryption), ElementsAre(Finding::kWrongWrapping, Finding::kNothingFits));
     EXPECT_THAT(textsOf(encryption), HasSubstr("type 2"));
-    for (Calculation const& result : {unpadded, pss, encryption}) {
+    for (Diagnosis const& result : {unpadded, pss, encryption}) {
         EXPECT_FALSE(result.m_Right);
     }
 }
 
 // --- Wrong keys and extensions
 
-TEST_F(Calculate, ReportsTheWrongWidening) {
-    Calculation const merchant = of(m_Text, m_Merchant.sign(m_Text, true));
+TEST_F(Diagnose, ReportsTheWrongWidening) {
+    Diagnosis const merchant = of(m_Text, m_Merchant.sign(m_Text, true));
     EXPECT_FALSE(merchant.m_Right);
     EXPECT_THAT(findingsOf(merchant), ElementsAre(Finding::kOtherDigest, Finding::kWrongWidening));
     EXPECT_EQ(merchant.m_Matches.at(0).m_Digested, Digested::kSignExtended);
     EXPECT_EQ(merchant.m_HeldDigest, merchant.m_SignDigest);
-    Calculation const service = of(m_Confirm, signText(serverKey(), m_Confirm, Widening::kZero));
+    Diagnosis const service = of(m_Confirm, signText(serverKey(), m_Confirm, Widening::kZero));
     EXPECT_FALSE(service.m_Right);
     EXPECT_THAT(findingsOf(service), ElementsAre(Finding::kOtherDigest, Finding::kWrongWidening));
     EXPECT_EQ(service.m_Matches.at(0).m_Digested, Digested::kZeroExtended);
 }
 
-TEST_F(Calculate, ReportsThatBytesWereNotWidened) {
+TEST_F(Diagnose, ReportsThatBytesWereNotWidened) {
     std::string digest(20, '\0');
     EVP_Digest(m_BigText.data(), m_BigText.size(), reinterpret_cast<unsigned char*>(digest.data()), nullptr, EVP_sha1(),
                nullptr);
-    Calculation const result = of(m_BigText, signBlock(digest, RSA_PKCS1_PADDING));
+    Diagnosis const result = of(m_BigText, signBlock(digest, RSA_PKCS1_PADDING));
     EXPECT_FALSE(result.m_Right);
     EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kOtherDigest, Finding::kWrongWidening));
     EXPECT_EQ(result.m_Matches.at(0).m_Digested, Digested::kBytes);
 }
 
-TEST_F(Calculate, FindsTheKeyThatDidSign) {
+TEST_F(Diagnose, FindsTheKeyThatDidSign) {
     std::string const server = signText(serverKey(), m_Text, Widening::kSign);
-    Calculation const result = of(m_Text, server);
+    Diagnosis const result = of(m_Text, server);
     EXPECT_FALSE(result.m_Right);
     EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kUnreadable, Finding::kWrongKey));
     EXPECT_EQ(result.m_Matches.at(0).m_KeyId, "1-SERVER-2");
     EXPECT_EQ(result.m_Matches.at(0).m_Account, "");
     EXPECT_THAT(textsOf(result), HasSubstr("'1-SERVER-2' of this service"));
-    Calculation const merchant = of(m_Confirm, m_Merchant.sign(m_Confirm));
+    Diagnosis const merchant = of(m_Confirm, m_Merchant.sign(m_Confirm));
     EXPECT_THAT(findingsOf(merchant), ElementsAre(Finding::kUnreadable, Finding::kWrongKey));
     EXPECT_EQ(merchant.m_Matches.at(0).m_Account, "demo");
     // A key of another size.
-    Calculation const big = of(m_Text, signText(bigKey(), m_Text, Widening::kZero));
+    Diagnosis const big = of(m_Text, signText(bigKey(), m_Text, Widening::kZero));
     EXPECT_THAT(findingsOf(big), ElementsAre(Finding::kWrongLength, Finding::kWrongKey));
     EXPECT_EQ(big.m_Matches.at(0).m_KeyId, "0-1002-big");
 }
 
-TEST_F(Calculate, FindsTheKeyOfAMessageWithAnUnknownOne) {
+TEST_F(Diagnose, FindsTheKeyOfAMessageWithAnUnknownOne) {
     std::string const text = "<KVX MSGTYPE=\"PayInit\" KEYID=\"nobody\"/>";
-    Calculation const result = of(text, m_Merchant.sign(text));
+    Diagnosis const result = of(text, m_Merchant.sign(text));
     EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kKeyUnknown, Finding::kWrongKey));
 }
 
-TEST_F(Calculate, PrefersTheNamedKeyAmongSeveral) {
+TEST_F(Diagnose, PrefersTheNamedKeyAmongSeveral) {
     m_Keys.push_back({"0-1003-copy", "copycat", false, m_Keys[2].m_Key});
     std::string const text = "<KVX MSGTYPE=\"PayInit\" KEYID=\"0-1003-copy\"/>";
-    Calculation const result = of(text, m_Merchant.sign(text));
+    Diagnosis const result = of(text, m_Merchant.sign(text));
     EXPECT_TRUE(result.m_Right);
     EXPECT_EQ(result.m_Matches.size(), 2u);
     EXPECT_THAT(textsOf(result), HasSubstr("copycat"));
@@ -367,7 +368,7 @@ TEST_F(Calculate, PrefersTheNamedKeyAmongSeveral) {
 // --- Another message
 
 /// The differences as "NAME: signed, pasted", with "-" for a missing attribute.
-std::vector<std::string> differencesOf(Calculation const& result) {
+std::vector<std::string> differencesOf(Diagnosis const& result) {
     std::vector<std::string> texts;
     for (Difference const& difference : result.m_Original.value().m_Differences) {
         texts.push_back(difference.m_Name + ": " + difference.m_InSigned.value_or("-") + ", " +
@@ -379,10 +380,10 @@ std::vector<std::string> differencesOf(Calculation const& result) {
 constexpr char kOrdered[] =
     R"(<KVX MSGTYPE="PayInit" KEYID="0-1001-testkey" AMOUNT="19.90" NOTE="&lt;a b&gt;" ORDERID="A-17"/>)";
 
-TEST_F(Calculate, NamesTheAttributeThatWasChanged) {
+TEST_F(Diagnose, NamesTheAttributeThatWasChanged) {
     m_Seen = {m_Text, kOrdered};
     std::string const sent = sandbox::replaceAll(kOrdered, "19.90", "29.90");
-    Calculation const result = of(sent, m_Merchant.sign(kOrdered));
+    Diagnosis const result = of(sent, m_Merchant.sign(kOrdered));
     EXPECT_FALSE(result.m_Right);
     EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kOtherDigest, Finding::kOtherMessage, Finding::kOtherMessage));
     EXPECT_THAT(textsOf(result), HasSubstr("SIGNATURE belongs to another message: what was seen. It was made with "
@@ -393,17 +394,17 @@ TEST_F(Calculate, NamesTheAttributeThatWasChanged) {
     EXPECT_THAT(differencesOf(result), ElementsAre("AMOUNT: 19.90, 29.90"));
 }
 
-TEST_F(Calculate, NamesAttributesThatWereAddedOrLost) {
+TEST_F(Diagnose, NamesAttributesThatWereAddedOrLost) {
     m_Seen = {kOrdered};
     std::string const sent =
         R"(<KVX NEW="" MSGTYPE="PayInit" KEYID="0-1001-testkey" NOTE="&lt;a b&gt;" ORDERID="A-17 " MORE="&amp;"/>)";
-    Calculation const result = of(sent, m_Merchant.sign(kOrdered));
+    Diagnosis const result = of(sent, m_Merchant.sign(kOrdered));
     EXPECT_THAT(differencesOf(result),
                 ElementsAre("AMOUNT: 19.90, -", "ORDERID: A-17, A-17 ", "NEW: -, ", "MORE: -, &"));
     EXPECT_THAT(textsOf(result), HasSubstr("differs from that message in: AMOUNT, ORDERID, NEW, MORE."));
 }
 
-TEST_F(Calculate, ReportsWhatDiffersWithoutAnotherAttribute) {
+TEST_F(Diagnose, ReportsWhatDiffersWithoutAnotherAttribute) {
     m_Seen = {kOrdered};
     struct Row {
         char const* m_Sent;
@@ -422,7 +423,7 @@ TEST_F(Calculate, ReportsWhatDiffersWithoutAnotherAttribute) {
             Row{R"(<KVX MSGTYPE="PayInit" KEYID="0-1001-testkey" AMOUNT="19.90" NOTE="&lt;a b&gt;" ORDERID="A-17"></KVX>)",
                 "only the notation differs"},
         }) {
-        Calculation const result = of(row.m_Sent, m_Merchant.sign(kOrdered));
+        Diagnosis const result = of(row.m_Sent, m_Merchant.sign(kOrdered));
         EXPECT_THAT(findingsOf(result),
                     ElementsAre(Finding::kOtherDigest, Finding::kOtherMessage, Finding::kOtherMessage))
             << row.m_Sent;
@@ -433,56 +434,56 @@ TEST_F(Calculate, ReportsWhatDiffersWithoutAnotherAttribute) {
     }
 }
 
-TEST_F(Calculate, ReportsWhichKeyAndWideningTheOtherMessageHas) {
+TEST_F(Diagnose, ReportsWhichKeyAndWideningTheOtherMessageHas) {
     m_Seen = {m_Confirm, m_Text};
     std::string const otherNote = sandbox::replaceAll(m_Confirm, "Caf", "Tea");
-    Calculation const confirm = of(otherNote, signText(serverKey(), m_Confirm, Widening::kSign));
+    Diagnosis const confirm = of(otherNote, signText(serverKey(), m_Confirm, Widening::kSign));
     EXPECT_THAT(findingsOf(confirm),
                 ElementsAre(Finding::kOtherDigest, Finding::kOtherMessage, Finding::kOtherMessage));
     EXPECT_THAT(textsOf(confirm), HasSubstr("with the key '1-SERVER-2' of this service."));
     EXPECT_THAT(differencesOf(confirm), ElementsAre("NOTE: Caf\xE9, Tea\xE9"));
-    Calculation const widened = of(m_Plain, m_Merchant.sign(m_Text, true));
+    Diagnosis const widened = of(m_Plain, m_Merchant.sign(m_Text, true));
     EXPECT_THAT(findingsOf(widened), ElementsAre(Finding::kOtherDigest, Finding::kOtherMessage, Finding::kOtherMessage,
                                                  Finding::kWrongWidening));
     EXPECT_THAT(textsOf(widened), HasSubstr("The signature is over that message, each byte sign-extended"));
     std::string const otherKey = sandbox::replaceAll(m_Text, "0-1001-testkey", "1-SERVER-2");
-    Calculation const named = of(otherKey, m_Merchant.sign(m_Text));
+    Diagnosis const named = of(otherKey, m_Merchant.sign(m_Text));
     EXPECT_THAT(findingsOf(named),
                 ElementsAre(Finding::kUnreadable, Finding::kOtherMessage, Finding::kOtherMessage, Finding::kWrongKey));
     EXPECT_THAT(differencesOf(named), ElementsAre("KEYID: 0-1001-testkey, 1-SERVER-2"));
 }
 
-TEST_F(Calculate, ShowsTheOtherMessageWhenItCannotBeCompared) {
+TEST_F(Diagnose, ShowsTheOtherMessageWhenItCannotBeCompared) {
     m_Seen = {kOrdered, "<KVX"};
-    Calculation const cut = of(std::string(kOrdered).substr(0, 40), m_Merchant.sign(kOrdered));
+    Diagnosis const cut = of(std::string(kOrdered).substr(0, 40), m_Merchant.sign(kOrdered));
     EXPECT_THAT(findingsOf(cut), ElementsAre(Finding::kNoMessage, Finding::kOtherMessage, Finding::kOtherMessage));
     EXPECT_THAT(textsOf(cut), HasSubstr("attributes cannot be compared"));
     EXPECT_EQ(cut.m_Original.value().m_Seen.m_Text, kOrdered);
     EXPECT_THAT(textsOf(of(kOrdered, m_Merchant.sign("<KVX"))), HasSubstr("attributes cannot be compared"));
 }
 
-TEST_F(Calculate, AsksForTheOtherMessageOnlyWhenNothingFits) {
+TEST_F(Diagnose, AsksForTheOtherMessageOnlyWhenNothingFits) {
     m_Seen = {kOrdered};
     EXPECT_FALSE(of(kOrdered, m_Merchant.sign(kOrdered)).m_Original);
     EXPECT_FALSE(of(std::string(kOrdered) + "\n", m_Merchant.sign(kOrdered)).m_Original);
-    Calculation const unseen = of(kOrdered, m_Merchant.sign(m_Text));
+    Diagnosis const unseen = of(kOrdered, m_Merchant.sign(m_Text));
     EXPECT_FALSE(unseen.m_Original);
     EXPECT_THAT(findingsOf(unseen), ElementsAre(Finding::kOtherDigest, Finding::kNothingFits));
     EXPECT_THAT(textsOf(unseen), HasSubstr("Nor does it belong to another message"));
     EXPECT_THAT(textsOf(of(kOrdered, TestMerchant("nobody").sign(kOrdered))), Not(HasSubstr("Nor does it")));
 }
 
-TEST_F(Calculate, PrefersTheNamedKeyForTheOtherMessageToo) {
+TEST_F(Diagnose, PrefersTheNamedKeyForTheOtherMessageToo) {
     m_Keys.push_back({"0-1003-copy", "copycat", false, readPublicKeyBlob(m_Merchant.blob())});
     m_Seen = {sandbox::replaceAll(kOrdered, "0-1001-testkey", "0-1003-copy")};
-    Calculation const result = of(sandbox::replaceAll(m_Seen[0], "19.90", "29.90"), m_Merchant.sign(m_Seen[0]));
+    Diagnosis const result = of(sandbox::replaceAll(m_Seen[0], "19.90", "29.90"), m_Merchant.sign(m_Seen[0]));
     EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kOtherDigest, Finding::kOtherMessage, Finding::kOtherMessage));
     EXPECT_THAT(textsOf(result), HasSubstr("'0-1003-copy' of the merchant copycat"));
 }
 
 // --- Damaged messages
 
-TEST_F(Calculate, UndoesEachDamage) {
+TEST_F(Diagnose, UndoesEachDamage) {
     std::string const head = "<KVX MSGTYPE=\"PayInit\" KEYID=\"0-1001-testkey\" NOTE=\"";
     struct Row {
         char const* m_Name;
@@ -526,16 +527,16 @@ TEST_F(Calculate, UndoesEachDamage) {
     }
 }
 
-TEST_F(Calculate, ReportsDamageAndWrongKeyTogether) {
-    Calculation const result = of(m_Text + "\n", signText(serverKey(), m_Text, Widening::kSign));
+TEST_F(Diagnose, ReportsDamageAndWrongKeyTogether) {
+    Diagnosis const result = of(m_Text + "\n", signText(serverKey(), m_Text, Widening::kSign));
     EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kUnreadable, Finding::kDamaged, Finding::kWrongKey));
     EXPECT_EQ(result.m_Matches.at(0).m_KeyId, "1-SERVER-2");
 }
 
-TEST_F(Calculate, DoesNotUndoWhatIsRight) {
+TEST_F(Diagnose, DoesNotUndoWhatIsRight) {
     // The unchanged message verifies, so no repair is tried.
     std::string const text = "<KVX MSGTYPE=\"PayInit\" KEYID=\"0-1001-testkey\" NOTE=\"a+b%20&amp;amp;\"/>\n";
-    Calculation const result = of(text, m_Merchant.sign(text));
+    Diagnosis const result = of(text, m_Merchant.sign(text));
     EXPECT_TRUE(result.m_Right);
     EXPECT_THAT(findingsOf(result), ElementsAre(Finding::kRight));
 }

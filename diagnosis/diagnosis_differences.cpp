@@ -1,9 +1,9 @@
 #include <utility>
 
-#include "sandbox/dashboard/calculator.h"
+#include "diagnosis/diagnosis.h"
 
 /// What differs between two messages.
-namespace sandbox {
+namespace diagnosis {
 
 namespace {
 
@@ -62,4 +62,4 @@ std::string differenceInWriting(std::string const& inSigned, std::string const& 
     return "only the notation differs, such as escapes, quotation marks or the end tag";
 }
 
-}  // namespace sandbox
+}  // namespace diagnosis

@@ -1,11 +1,11 @@
 // The check of a signature, and the search for the reason when it is not valid.
 //
-// `Calculator::run` reads DATA as a message and SIGNATURE as hexadecimal, opens SIGNATURE with every known key, and
+// `Examination::run` reads DATA as a message and SIGNATURE as hexadecimal, opens SIGNATURE with every known key, and
 // compares the digest inside with those of DATA: zero-extended, sign-extended and not extended. If none is equal it
 // tries PSS padding, then each repair of DATA, and at last searches stored messages for the digest. Each step appends a
 // remark; the signature is valid when the only remark is harmless.
 
-#include "sandbox/dashboard/calculator.h"
+#include "diagnosis/diagnosis.h"
 
 #include <openssl/err.h>
 #include <openssl/rsa.h>
@@ -19,9 +19,16 @@
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/wiretext.h"
 
-namespace sandbox {
+namespace diagnosis {
 
 namespace {
+
+using sandbox::fromHex;
+using sandbox::HttpError;
+using sandbox::KeyContextHolder;
+using sandbox::signedDigest;
+using sandbox::toHex;
+using sandbox::Widening;
 
 constexpr std::size_t kDigestBytes = 20;
 
@@ -257,10 +264,10 @@ std::string faultOf(Wrapping wrapping, std::size_t contentBytes) {
     return "";
 }
 
-/// Fills in a Calculation.
-class Calculator {
+/// Fills in a Diagnosis.
+class Examination {
 public:
-    Calculator(Evidence const& evidence, Calculation& out)
+    Examination(Evidence const& evidence, Diagnosis& out)
         : m_Keys(evidence.m_Keys), m_Recall(evidence.m_Recall), m_Wording(evidence.m_Wording), m_Out(out) {}
 
     void run() {
@@ -490,7 +497,7 @@ private:
     std::vector<KnownKey> const& m_Keys;
     Recall const& m_Recall;
     Wording const& m_Wording;
-    Calculation& m_Out;
+    Diagnosis& m_Out;
 };
 
 }  // namespace
@@ -499,12 +506,12 @@ std::string keyOwner(Wording const& wording, std::string const& account) {
     return account.empty() ? wording.m_Service : "the merchant " + account;
 }
 
-Calculation calculate(Evidence const& evidence, std::string const& data, std::string const& signature) {
-    Calculation out;
+Diagnosis diagnose(Evidence const& evidence, std::string const& data, std::string const& signature) {
+    Diagnosis out;
     out.m_Data = data;
     out.m_Signature = signature;
-    Calculator(evidence, out).run();
+    Examination(evidence, out).run();
     return out;
 }
 
-}  // namespace sandbox
+}  // namespace diagnosis

@@ -1,5 +1,5 @@
-#ifndef TALLOWIN_SANDBOX_DASHBOARD_CALCULATOR_H
-#define TALLOWIN_SANDBOX_DASHBOARD_CALCULATOR_H
+#ifndef TALLOWIN_DIAGNOSIS_DIAGNOSIS_H
+#define TALLOWIN_DIAGNOSIS_DIAGNOSIS_H
 
 #include <functional>
 #include <memory>
@@ -11,7 +11,10 @@
 #include "sandbox/text/paymessage.h"
 
 /// Checks the signature of a message and finds the reason when it is not valid.
-namespace sandbox {
+namespace diagnosis {
+
+using sandbox::Attributes;
+using sandbox::Message;
 
 /// A key that signatures are checked with.
 struct KnownKey {
@@ -121,7 +124,7 @@ struct SignedOriginal {
 };
 
 /// The result of the check. Members that could not be determined are empty.
-struct Calculation {
+struct Diagnosis {
     std::string m_Data;
     std::string m_Signature;
     std::optional<Message> m_Message;
@@ -137,8 +140,8 @@ struct Calculation {
 };
 
 /// Checks the decoded DATA against SIGNATURE as it was sent. Then tries one repair of DATA at a time, see
-/// calculator_repairs.cpp. When none verifies, the Recall of `evidence` looks for the signed message.
-Calculation calculate(Evidence const& evidence, std::string const& data, std::string const& signature);
+/// diagnosis_repairs.cpp. When none verifies, the Recall of `evidence` looks for the signed message.
+Diagnosis diagnose(Evidence const& evidence, std::string const& data, std::string const& signature);
 
 /// DATA, decoded, and SIGNATURE.
 struct SignedTexts {
@@ -160,6 +163,6 @@ struct Repair {
 /// All repairs that change `data`.
 std::vector<Repair> repairs(std::string const& data);
 
-}  // namespace sandbox
+}  // namespace diagnosis
 
-#endif  // TALLOWIN_SANDBOX_DASHBOARD_CALCULATOR_H
+#endif  // TALLOWIN_DIAGNOSIS_DIAGNOSIS_H

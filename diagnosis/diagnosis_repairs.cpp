@@ -7,12 +7,16 @@
 #include <cstddef>
 #include <utility>
 
-#include "sandbox/dashboard/calculator.h"
+#include "diagnosis/diagnosis.h"
 #include "sandbox/text/wiretext.h"
 
-namespace sandbox {
+namespace diagnosis {
 
 namespace {
+
+using sandbox::percentDecode;
+using sandbox::percentEncode;
+using sandbox::replaceAll;
 
 constexpr char kBlanks[] = " \t\r\n";
 
@@ -212,4 +216,4 @@ std::vector<Repair> repairs(std::string const& data) {
     return found;
 }
 
-}  // namespace sandbox
+}  // namespace diagnosis
