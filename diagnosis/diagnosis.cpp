@@ -2,8 +2,9 @@
 //
 // `Examination::run` reads DATA as a message and SIGNATURE as hexadecimal, opens SIGNATURE with every known key, and
 // compares the digest inside with those of DATA: zero-extended, sign-extended and not extended. If none is equal it
-// tries PSS padding, then each repair of DATA, and at last searches stored messages for the digest. Each step appends a
-// remark; the signature is valid when the only remark is harmless.
+// tries PSS padding, then each repair of DATA, then searches stored messages for the digest, and at last, on request,
+// tries single changes of DATA or SIGNATURE. Each step appends a remark; the signature is valid when the only remark is
+// harmless.
 
 #include "diagnosis/diagnosis.h"
 
@@ -171,14 +172,15 @@ std::vector<Attempt> openUnderAll(std::vector<KnownKey> const& keys, std::string
     return attempts;
 }
 
-std::vector<Match> matchesOf(std::vector<Attempt> const& attempts, std::string const& text, std::string const& repair) {
-    Digests const digests(text);
+/// The matches of the text of `repair`, with its descriptions.
+std::vector<Match> matchesOf(std::vector<Attempt> const& attempts, Repair const& repair) {
+    Digests const digests(repair.m_Text);
     std::vector<Match> matches;
     for (Attempt const& attempt : attempts) {
         std::optional<Digested> const digested = digests.find(attempt.m_Opened.m_Content, signedBy(attempt.m_Key));
         if (digested) {
             matches.push_back({attempt.m_Key.m_Id, attempt.m_Key.m_Account, *digested, attempt.m_Opened.m_Wrapping,
-                               attempt.m_ZerosLost, repair});
+                               attempt.m_ZerosLost, repair.m_Description, repair.m_Damage});
         }
     }
     return matches;
@@ -191,8 +193,8 @@ std::vector<Match> pssMatchesOf(std::vector<Attempt> const& attempts, std::strin
         for (Digested const digested : kAllDigested) {
             if (attempt.m_Opened.m_Wrapping == Wrapping::kUnknown &&
                 verifiesAsPss(attempt.m_Key, digestOf(text, digested), attempt.m_Signature)) {
-                matches.push_back(
-                    {attempt.m_Key.m_Id, attempt.m_Key.m_Account, digested, Wrapping::kPss, attempt.m_ZerosLost, ""});
+                matches.push_back({attempt.m_Key.m_Id, attempt.m_Key.m_Account, digested, Wrapping::kPss,
+                                   attempt.m_ZerosLost, "", ""});
             }
         }
     }
@@ -200,7 +202,7 @@ std::vector<Match> pssMatchesOf(std::vector<Attempt> const& attempts, std::strin
 }
 
 std::vector<Match> findMatches(std::vector<Attempt> const& attempts, std::string const& data) {
-    std::vector<Match> matches = matchesOf(attempts, data, "");
+    std::vector<Match> matches = matchesOf(attempts, {data, "", ""});
     if (matches.empty()) {
         matches = pssMatchesOf(attempts, data);
     }
@@ -208,7 +210,7 @@ std::vector<Match> findMatches(std::vector<Attempt> const& attempts, std::string
         if (!matches.empty()) {
             break;
         }
-        matches = matchesOf(attempts, repair.m_Text, repair.m_Description);
+        matches = matchesOf(attempts, repair);
     }
     return matches;
 }
@@ -268,7 +270,7 @@ std::string faultOf(Wrapping wrapping, std::size_t contentBytes) {
 class Examination {
 public:
     Examination(Evidence const& evidence, Diagnosis& out)
-        : m_Keys(evidence.m_Keys), m_Recall(evidence.m_Recall), m_Wording(evidence.m_Wording), m_Out(out) {}
+        : m_Evidence(evidence), m_Wording(evidence.m_Wording), m_Out(out) {}
 
     void run() {
         if (m_Out.m_Data.empty()) {
@@ -278,7 +280,10 @@ public:
         m_Out.m_SignDigest = toHex(digestOf(m_Out.m_Data, Digested::kSignExtended));
         readMessage();
         if (std::optional<std::string> const signature = readSignature()) {
-            compare(*signature);
+            return compare(*signature);
+        }
+        if (m_Evidence.m_SearchesChanges) {
+            searchSignature();
         }
     }
 
@@ -304,7 +309,7 @@ private:
         if (m_Out.m_KeyId.empty()) {
             return remark(Finding::kKeyIdMissing, "The message has no KEYID, so its signing key is unknown.");
         }
-        for (KnownKey const& key : m_Keys) {
+        for (KnownKey const& key : m_Evidence.m_Keys) {
             if (key.m_Id == m_Out.m_KeyId && !m_Out.m_Key) {
                 m_Out.m_Key = key;
             }
@@ -345,7 +350,7 @@ private:
     }
 
     void compare(std::string const& signature) {
-        std::vector<Attempt> const attempts = openUnderAll(m_Keys, signature);
+        std::vector<Attempt> const attempts = openUnderAll(m_Evidence.m_Keys, signature);
         m_Out.m_Matches = findMatches(attempts, m_Out.m_Data);
         if (m_Out.m_Key) {
             compareUnderNamedKey(signature, attempts);
@@ -360,47 +365,101 @@ private:
                 holding = &attempt;
             }
         }
-        return holding != nullptr ? recallOriginal(*holding) : nothingFits("");
+        if (holding != nullptr) {
+            return recallOriginal(*holding);
+        }
+        if (!m_Evidence.m_SearchesChanges || !searchSignature()) {
+            nothingFits("");
+        }
+    }
+
+    /// Tries changes of SIGNATURE with the key in KEYID, otherwise with every key. Returns whether one was found.
+    bool searchSignature() {
+        for (KnownKey const& key : m_Evidence.m_Keys) {
+            if (m_Out.m_Key && !isNamed(key.m_Id, key.m_Account)) {
+                continue;
+            }
+            if (std::optional<std::string> found = findSignature(key.m_Key.get(), m_Out.m_Data, m_Out.m_Signature)) {
+                m_Out.m_SignatureFound = std::move(*found);
+                remark(Finding::kSignatureChanged, "SIGNATURE verifies with " +
+                                                       nameOf(m_Wording, key.m_Id, key.m_Account) +
+                                                       " after a change of one digit: " + m_Out.m_SignatureFound + ".");
+                return true;
+            }
+        }
+        return false;
+    }
+
+    /// Searches the text with the digest in `attempt` among single changes of DATA.
+    void searchText(Attempt const& attempt) {
+        Attributes candidates = m_Evidence.m_Expected;
+        for (KnownKey const& key : m_Evidence.m_Keys) {
+            candidates.emplace_back("KEYID", key.m_Id);
+        }
+        SearchedText found =
+            findSignedText(m_Out.m_Data, attempt.m_Opened.m_Content, signedBy(attempt.m_Key), candidates);
+        if (!found.m_Text) {
+            m_SearchedAll = found.m_Complete;
+            return nothingFits(m_Wording.m_Searched.empty() ? "" : " " + m_Wording.m_Searched);
+        }
+        remark(Finding::kDataChanged, "SIGNATURE verifies with " +
+                                          nameOf(m_Wording, attempt.m_Key.m_Id, attempt.m_Key.m_Account) +
+                                          " after a change of DATA.");
+        useOriginal(attempt, {std::move(*found.m_Text), "DATA after that change", ""}, Finding::kDataChanged);
     }
 
     void nothingFits(std::string const& more) {
         remark(Finding::kNothingFits,
-               "SIGNATURE does not verify DATA with any of the " + std::to_string(m_Keys.size()) +
+               "SIGNATURE does not verify DATA with any of the " + std::to_string(m_Evidence.m_Keys.size()) +
                    " known keys, with either extension, not even after undoing common damage to DATA." + more);
+        if (m_Evidence.m_SearchesChanges) {
+            remark(Finding::kNothingFits, m_SearchedAll
+                                              ? "No single change of DATA or SIGNATURE that was tried makes it verify."
+                                              : "DATA is too long to try all single changes.");
+        }
     }
 
     /// Searches stored messages for the digest in `attempt`, which is not that of DATA.
     void recallOriginal(Attempt const& attempt) {
         KnownKey const& key = attempt.m_Key;
-        std::optional<SeenMessage> seen = m_Recall(key, attempt.m_Opened.m_Content);
-        if (!seen) {
-            return nothingFits(" Nor does it belong to another message: " + m_Wording.m_Searched + ".");
+        std::optional<SeenMessage> seen =
+            m_Evidence.m_Recall ? m_Evidence.m_Recall(key, attempt.m_Opened.m_Content) : std::nullopt;
+        if (!seen && m_Evidence.m_SearchesChanges) {
+            return searchText(attempt);
         }
-        Digested const digested = Digests(seen->m_Text).find(attempt.m_Opened.m_Content, signedBy(key)).value();
+        if (!seen) {
+            return nothingFits(m_Wording.m_Searched.empty() ? "" : " " + m_Wording.m_Searched);
+        }
         remark(Finding::kOtherMessage, "SIGNATURE belongs to another message: " + seen->m_Origin +
                                            ". It was made with " + nameOf(m_Wording, key.m_Id, key.m_Account) + ".");
-        m_Out.m_Original = SignedOriginal{std::move(*seen), {}};
-        compareWith(*m_Out.m_Original);
-        explainFaults({key.m_Id, key.m_Account, digested, attempt.m_Opened.m_Wrapping, attempt.m_ZerosLost, ""},
+        useOriginal(attempt, std::move(*seen), Finding::kOtherMessage);
+    }
+
+    void useOriginal(Attempt const& attempt, SeenMessage seen, Finding finding) {
+        KnownKey const& key = attempt.m_Key;
+        Digested const digested = Digests(seen.m_Text).find(attempt.m_Opened.m_Content, signedBy(key)).value();
+        m_Out.m_Original = SignedOriginal{std::move(seen), {}};
+        compareWith(*m_Out.m_Original, finding);
+        explainFaults({key.m_Id, key.m_Account, digested, attempt.m_Opened.m_Wrapping, attempt.m_ZerosLost, "", ""},
                       "that message");
     }
 
-    void compareWith(SignedOriginal& original) {
+    void compareWith(SignedOriginal& original, Finding finding) {
         std::string const& text = original.m_Seen.m_Text;
         if (!m_Out.m_Message || !isMessage(text)) {
-            return remark(Finding::kOtherMessage,
+            return remark(finding,
                           "The attributes cannot be compared, because one of the two messages cannot be read.");
         }
         original.m_Differences = differences(Message::parse(text).attributes(), m_Out.m_Message->attributes());
         if (original.m_Differences.empty()) {
-            return remark(Finding::kOtherMessage, "No attribute was changed, added or removed: " +
-                                                      differenceInWriting(text, m_Out.m_Data) + ".");
+            return remark(finding, "No attribute was changed, added or removed: " +
+                                       differenceInWriting(text, m_Out.m_Data) + ".");
         }
         std::string names;
         for (Difference const& difference : original.m_Differences) {
             names += (names.empty() ? "" : ", ") + difference.m_Name;
         }
-        remark(Finding::kOtherMessage, "DATA differs from that message in: " + names + ".");
+        remark(finding, "DATA differs from that message in: " + names + ".");
     }
 
     void compareUnderNamedKey(std::string const& signature, std::vector<Attempt> const& attempts) {
@@ -494,10 +553,10 @@ private:
         }
     }
 
-    std::vector<KnownKey> const& m_Keys;
-    Recall const& m_Recall;
+    Evidence const& m_Evidence;
     Wording const& m_Wording;
     Diagnosis& m_Out;
+    bool m_SearchedAll = true;  ///< Whether a search for changes tried all of them.
 };
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "diagnosis/singlechange.h"
 #include "sandbox/crypto/opensslholders.h"
 #include "sandbox/text/paymessage.h"
 
@@ -31,14 +32,11 @@ struct KnownKey {
 struct Wording {
     std::string m_Service;   ///< "this service".
     std::string m_Unknown;   ///< After a key id that is not known: "is neither a key of ... nor ...".
-    std::string m_Searched;  ///< Which stored messages were searched: "the latest ... were searched".
+    std::string m_Searched;  ///< A sentence that names the messages that were searched in vain; may be empty.
 };
 
 /// The owner of a key with this KnownKey::m_Account, as text for pages.
 std::string keyOwner(Wording const& wording, std::string const& account);
-
-/// The input of a digest: bytes extended to 16 bits in one of two ways, or the bytes themselves, which is always wrong.
-enum class Digested { kZeroExtended, kSignExtended, kBytes };
 
 /// The format of a signature, found by the RSA operation with a public key.
 enum class Wrapping {
@@ -59,27 +57,30 @@ struct Match {
     Wrapping m_Wrapping = Wrapping::kBare;
     bool m_ZerosLost = false;  ///< SIGNATURE lacked leading zero bytes.
     std::string m_Repair;      ///< The change of DATA, "each + changed to a space"; empty for none.
+    std::string m_Damage;      ///< What the change undoes: "each space became +".
 };
 
 enum class Finding {
     kDataMissing,
     kSignatureMissing,
-    kNoMessage,       ///< DATA cannot be parsed as a message.
-    kKeyIdMissing,    ///< The message has no KEYID.
-    kKeyUnknown,      ///< KEYID is not a known key.
-    kKeyOld,          ///< KEYID is an old key of the service. Harmless.
-    kNotHexadecimal,  ///< SIGNATURE is not hexadecimal.
-    kUpperCase,       ///< SIGNATURE has upper-case digits.
-    kWrongLength,     ///< SIGNATURE is not as long as the key's modulus.
-    kWrongWrapping,   ///< SIGNATURE has another padding or wrapping.
-    kUnreadable,      ///< The key cannot open SIGNATURE: signed with another key, or changed.
-    kOtherDigest,     ///< SIGNATURE contains a digest, but not that of DATA.
-    kWrongWidening,   ///< It verifies with the other extension, or with none.
-    kWrongKey,        ///< It verifies with another key than the one in KEYID.
-    kDamaged,         ///< It verifies after a repair of DATA.
-    kOtherMessage,    ///< It belongs to another message stored here.
-    kNothingFits,     ///< It verifies in none of the ways tried.
-    kRight,           ///< The signature is valid.
+    kNoMessage,         ///< DATA cannot be parsed as a message.
+    kKeyIdMissing,      ///< The message has no KEYID.
+    kKeyUnknown,        ///< KEYID is not a known key.
+    kKeyOld,            ///< KEYID is an old key of the service. Harmless.
+    kNotHexadecimal,    ///< SIGNATURE is not hexadecimal.
+    kUpperCase,         ///< SIGNATURE has upper-case digits.
+    kWrongLength,       ///< SIGNATURE is not as long as the key's modulus.
+    kWrongWrapping,     ///< SIGNATURE has another padding or wrapping.
+    kUnreadable,        ///< The key cannot open SIGNATURE: signed with another key, or changed.
+    kOtherDigest,       ///< SIGNATURE contains a digest, but not that of DATA.
+    kWrongWidening,     ///< It verifies with the other extension, or with none.
+    kWrongKey,          ///< It verifies with another key than the one in KEYID.
+    kDamaged,           ///< It verifies after a repair of DATA.
+    kOtherMessage,      ///< It belongs to another message.
+    kDataChanged,       ///< It verifies after one change of DATA.
+    kSignatureChanged,  ///< It verifies after one change of SIGNATURE.
+    kNothingFits,       ///< It verifies in none of the ways tried.
+    kRight,             ///< The signature is valid.
 };
 
 struct Remark {
@@ -91,7 +92,7 @@ struct Remark {
 struct SeenMessage {
     std::string m_Text;
     std::string m_Origin;  ///< For the page: "the PayInit of payment P1".
-    std::string m_Page;    ///< The dashboard page about it.
+    std::string m_Page;    ///< The dashboard page about it; may be empty.
 };
 
 /// Searches a message with this digest, zero-extended or sign-extended, for a signature made with `key`.
@@ -102,6 +103,8 @@ struct Evidence {
     std::vector<KnownKey> m_Keys;
     Recall m_Recall;
     Wording m_Wording;
+    bool m_SearchesChanges = false;  ///< Whether single changes are tried when nothing else verifies; takes seconds.
+    Attributes m_Expected = {};      ///< Values to try first in the place of those in DATA.
 };
 
 /// An attribute that differs between two messages.
@@ -135,12 +138,14 @@ struct Diagnosis {
     std::string m_HeldDigest;       ///< The digest in SIGNATURE, opened with m_Key; any length.
     std::vector<Match> m_Matches;   ///< Matches of unchanged DATA, otherwise of the first repair with any.
     std::optional<SignedOriginal> m_Original;
+    std::string m_SignatureFound;   ///< The valid signature that differs from m_Signature in one digit.
     std::vector<Remark> m_Remarks;  ///< In reading order, never empty.
     bool m_Right = false;           ///< Whether the signature is valid.
 };
 
 /// Checks the decoded DATA against SIGNATURE as it was sent. Then tries one repair of DATA at a time, see
-/// diagnosis_repairs.cpp. When none verifies, the Recall of `evidence` looks for the signed message.
+/// diagnosis_repairs.cpp. When none verifies, the Recall of `evidence` looks for the signed message; then, on request,
+/// single changes of DATA or SIGNATURE are tried.
 Diagnosis diagnose(Evidence const& evidence, std::string const& data, std::string const& signature);
 
 /// DATA, decoded, and SIGNATURE.
@@ -158,6 +163,7 @@ SignedTexts readPasted(std::string const& data, std::string const& signature);
 struct Repair {
     std::string m_Text;         ///< DATA as it may have been before the damage.
     std::string m_Description;  ///< The change, "each + changed to a space".
+    std::string m_Damage;       ///< What it undoes, "each space became +".
 };
 
 /// All repairs that change `data`.

@@ -1,8 +1,8 @@
 // Repairs: undoing the damage that a message commonly suffers between two programs.
 //
-// Each row of the table is one repair with its description: white space and line ends, "+" and spaces, percent-encoding
-// done or undone twice, HTML escapes, character encodings. Repairs are tried one at a time, never combined; a repair
-// that does not change the message is left out.
+// Each row of the table is one repair with its description and the damage that it undoes: white space and line ends,
+// "+" and spaces, percent-encoding done or undone twice, HTML escapes, character encodings. Repairs are tried one at a
+// time, never combined; a repair that does not change the message is left out.
 
 #include <cstddef>
 #include <utility>
@@ -180,26 +180,27 @@ std::string utf8ToLatin1(std::string const& text) {
 struct RepairRow {
     std::string (*m_Repair)(std::string const& text);
     char const* m_Description;
+    char const* m_Damage;
 };
 
 // clang-format off
 constexpr RepairRow kRepairs[] = {
-    {withoutEnd,             "white space at the end removed"},
-    {withoutEnds,            "white space at both ends removed"},
-    {withLineFeed,           "a line feed appended"},
-    {withLineEnd,            "CR LF appended"},
-    {lineFeedsOnly,          "line ends changed to LF"},
-    {fullLineEnds,           "line ends changed to CR LF"},
-    {returnsToLineFeeds,     "CR changed to LF"},
-    {plusToBlank,            "each + changed to a space"},
-    {blankToPlus,            "each space in values changed to +"},
-    {decodeAgain,            "percent-decoded once more (it was encoded twice)"},
-    {encodeAgain,            "values percent-encoded again in lower case (it was decoded twice)"},
-    {encodeAgainInUpperCase, "values percent-encoded again in upper case (it was decoded twice)"},
-    {unescapeHtml,           "HTML escapes decoded"},
-    {escapeAmpersands,       "unescaped & changed to &amp;"},
-    {latin1ToUtf8,           "converted from Latin-1 to UTF-8"},
-    {utf8ToLatin1,           "converted from UTF-8 to Latin-1"},
+    {withoutEnd,             "white space at the end removed",                                    "white space was added at its end"},
+    {withoutEnds,            "white space at both ends removed",                                  "white space was added around it"},
+    {withLineFeed,           "a line feed appended",                                              "the line feed at its end was lost"},
+    {withLineEnd,            "CR LF appended",                                                    "CR LF at its end was lost"},
+    {lineFeedsOnly,          "line ends changed to LF",                                           "its line ends became CR LF"},
+    {fullLineEnds,           "line ends changed to CR LF",                                        "its line ends became LF"},
+    {returnsToLineFeeds,     "CR changed to LF",                                                  "its line feeds became CR"},
+    {plusToBlank,            "each + changed to a space",                                         "each space became +"},
+    {blankToPlus,            "each space in values changed to +",                                 "each + became a space"},
+    {decodeAgain,            "percent-decoded once more (it was encoded twice)",                  "it was percent-encoded twice, or not decoded"},
+    {encodeAgain,            "values percent-encoded again in lower case (it was decoded twice)", "it was percent-decoded twice"},
+    {encodeAgainInUpperCase, "values percent-encoded again in upper case (it was decoded twice)", "it was percent-decoded twice"},
+    {unescapeHtml,           "HTML escapes decoded",                                              "it was escaped for HTML"},
+    {escapeAmpersands,       "unescaped & changed to &amp;",                                      "its &amp; became &"},
+    {latin1ToUtf8,           "converted from Latin-1 to UTF-8",                                   "it was converted from UTF-8 to Latin-1"},
+    {utf8ToLatin1,           "converted from UTF-8 to Latin-1",                                   "it was converted from Latin-1 to UTF-8"},
 };
 // clang-format on
 
@@ -210,7 +211,7 @@ std::vector<Repair> repairs(std::string const& data) {
     for (RepairRow const& row : kRepairs) {
         std::string text = row.m_Repair(data);
         if (text != data) {
-            found.push_back({std::move(text), row.m_Description});
+            found.push_back({std::move(text), row.m_Description, row.m_Damage});
         }
     }
     return found;

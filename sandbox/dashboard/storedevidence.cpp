@@ -91,7 +91,8 @@ diagnosis::Evidence storedEvidence(Services const& services) {
     return {knownKeys(services),
             [&services](KnownKey const& key, std::string const& digest) { return recallSeen(services, key, digest); },
             {"this service", "is neither a key of this service nor a key published here by a merchant",
-             "the latest " + count + " payments and the latest " + count + " exchanges were searched"}};
+             "Nor does it belong to another message: the latest " + count + " payments and the latest " + count +
+                 " exchanges were searched."}};
 }
 
 }  // namespace sandbox

@@ -79,7 +79,8 @@ protected:
 
     TestMerchant m_Merchant{"0-1001-testkey"};
     std::vector<KnownKey> m_Keys;
-    Wording const m_Wording{"this service", "is not known here", "all were searched"};
+    Wording const m_Wording{"this service", "is not known here",
+                            "Nor does it belong to another message: all were searched."};
     std::vector<std::string> m_Seen;  ///< Messages stored by the service.
     std::string const m_Text = "<KVX MSGTYPE=\"PayInit\" KEYID=\"0-1001-testkey\" NOTE=\"Caf\xE9\"/>";
     std::string const m_Plain = "<KVX MSGTYPE=\"PayInit\" KEYID=\"0-1001-testkey\" NOTE=\"Tea\"/>";
