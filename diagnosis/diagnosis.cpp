@@ -381,6 +381,8 @@ private:
             }
             if (std::optional<std::string> found = findSignature(key.m_Key.get(), m_Out.m_Data, m_Out.m_Signature)) {
                 m_Out.m_SignatureFound = std::move(*found);
+                m_Out.m_Signer = key;
+                m_Out.m_SignedText = m_Out.m_Data;
                 remark(Finding::kSignatureChanged, "SIGNATURE verifies with " +
                                                        nameOf(m_Wording, key.m_Id, key.m_Account) +
                                                        " after a change of one digit: " + m_Out.m_SignatureFound + ".");
@@ -422,6 +424,7 @@ private:
     /// Searches stored messages for the digest in `attempt`, which is not that of DATA.
     void recallOriginal(Attempt const& attempt) {
         KnownKey const& key = attempt.m_Key;
+        m_Out.m_Signer = key;
         std::optional<SeenMessage> seen =
             m_Evidence.m_Recall ? m_Evidence.m_Recall(key, attempt.m_Opened.m_Content) : std::nullopt;
         if (!seen && m_Evidence.m_SearchesChanges) {
@@ -437,6 +440,7 @@ private:
 
     void useOriginal(Attempt const& attempt, SeenMessage seen, Finding finding) {
         KnownKey const& key = attempt.m_Key;
+        m_Out.m_SignedText = seen.m_Text;
         Digested const digested = Digests(seen.m_Text).find(attempt.m_Opened.m_Content, signedBy(key)).value();
         m_Out.m_Original = SignedOriginal{std::move(seen), {}};
         compareWith(*m_Out.m_Original, finding);
@@ -519,6 +523,7 @@ private:
     }
 
     void explain(Match const& match) {
+        findSigned(match);
         std::string const under = "with " + nameOf(m_Wording, match.m_KeyId, match.m_Account);
         if (!match.m_Repair.empty()) {
             remark(Finding::kDamaged, "SIGNATURE verifies " + under + " after this change: " + match.m_Repair + ".");
@@ -529,6 +534,20 @@ private:
             m_Out.m_Right = true;
             remark(Finding::kRight,
                    "SIGNATURE verifies DATA " + under + ", " + nameOf(m_Wording, match.m_Digested) + ".");
+        }
+    }
+
+    void findSigned(Match const& match) {
+        for (KnownKey const& key : m_Evidence.m_Keys) {
+            if (key.m_Id == match.m_KeyId && key.m_Account == match.m_Account) {
+                m_Out.m_Signer = key;
+            }
+        }
+        m_Out.m_SignedText = m_Out.m_Data;
+        for (Repair const& repair : repairs(m_Out.m_Data)) {
+            if (repair.m_Description == match.m_Repair) {
+                m_Out.m_SignedText = repair.m_Text;
+            }
         }
     }
 

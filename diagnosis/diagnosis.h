@@ -138,9 +138,11 @@ struct Diagnosis {
     std::string m_HeldDigest;       ///< The digest in SIGNATURE, opened with m_Key; any length.
     std::vector<Match> m_Matches;   ///< Matches of unchanged DATA, otherwise of the first repair with any.
     std::optional<SignedOriginal> m_Original;
-    std::string m_SignatureFound;   ///< The valid signature that differs from m_Signature in one digit.
-    std::vector<Remark> m_Remarks;  ///< In reading order, never empty.
-    bool m_Right = false;           ///< Whether the signature is valid.
+    std::optional<KnownKey> m_Signer;         ///< The key that made SIGNATURE.
+    std::optional<std::string> m_SignedText;  ///< The text that was signed: DATA, what it was before a change, another.
+    std::string m_SignatureFound;             ///< The valid signature that differs from m_Signature in one digit.
+    std::vector<Remark> m_Remarks;            ///< In reading order, never empty.
+    bool m_Right = false;                     ///< Whether the signature is valid.
 };
 
 /// Checks the decoded DATA against SIGNATURE as it was sent. Then tries one repair of DATA at a time, see

@@ -53,7 +53,7 @@ protected:
             }
             return std::optional<SeenMessage>();
         };
-        return diagnose({m_Keys, recall, m_Wording}, data, signature);
+        return diagnose({m_Keys, recall, m_Wording, m_SearchesChanges}, data, signature);
     }
 
     /// The result for `sent` with the merchant's signature of `signedText`.
@@ -81,6 +81,7 @@ protected:
     std::vector<KnownKey> m_Keys;
     Wording const m_Wording{"this service", "is not known here",
                             "Nor does it belong to another message: all were searched."};
+    bool m_SearchesChanges = false;
     std::vector<std::string> m_Seen;  ///< Messages stored by the service.
     std::string const m_Text = "<KVX MSGTYPE=\"PayInit\" KEYID=\"0-1001-testkey\" NOTE=\"Caf\xE9\"/>";
     std::string const m_Plain = "<KVX MSGTYPE=\"PayInit\" KEYID=\"0-1001-testkey\" NOTE=\"Tea\"/>";
@@ -482,6 +483,30 @@ TEST_F(Diagnose, PrefersTheNamedKeyForTheOtherMessageToo) {
     EXPECT_THAT(textsOf(result), HasSubstr("'0-1003-copy' of the merchant copycat"));
 }
 
+TEST_F(Diagnose, ReportsWhoSignedWhat) {
+    m_Seen = {kOrdered};
+    struct Row {
+        std::string m_Data;
+        std::string m_Signature;
+        char const* m_Signer;
+        std::optional<std::string> m_SignedText;
+    };
+    std::string const order = kOrdered;
+    for (Row const& row : {
+             Row{m_Text, m_Merchant.sign(m_Text), "0-1001-testkey", m_Text},
+             Row{m_Text + "\n", m_Merchant.sign(m_Text), "0-1001-testkey", m_Text},
+             Row{m_Text, signText(serverKey(), m_Text, Widening::kSign), "1-SERVER-2", m_Text},
+             Row{sandbox::replaceAll(order, "19.90", "1"), m_Merchant.sign(order), "0-1001-testkey", order},
+             Row{m_Text, m_Merchant.sign("never seen"), "0-1001-testkey", std::nullopt},
+             Row{m_Text, TestMerchant("nobody").sign(m_Text), "", std::nullopt},
+             Row{m_Text, "", "", std::nullopt},
+         }) {
+        Diagnosis const result = of(row.m_Data, row.m_Signature);
+        EXPECT_EQ(result.m_Signer ? result.m_Signer->m_Id : "", row.m_Signer) << textsOf(result);
+        EXPECT_EQ(result.m_SignedText, row.m_SignedText) << textsOf(result);
+    }
+}
+
 // --- Damaged messages
 
 TEST_F(Diagnose, UndoesEachDamage) {
@@ -562,6 +587,31 @@ TEST(Repairs, TakeNoLongerForManyDamagesThanForOne) {
     for (char const piece : {'\n', '\r', '+'}) {
         EXPECT_GE(repairs(std::string(1024 * 1024, piece)).size(), 3u);
     }
+}
+
+// --- Single changes
+
+TEST_F(Diagnose, TriesSingleChangesOnRequestOnly) {
+    std::string const order = kOrdered;
+    std::string const sent = sandbox::replaceAll(order, "19.90", "1.90");
+    std::string signature = m_Merchant.sign(order);
+    EXPECT_THAT(findingsOf(of(sent, signature)), ElementsAre(Finding::kOtherDigest, Finding::kNothingFits));
+    m_SearchesChanges = true;
+    Diagnosis const changed = of(sent, signature);
+    EXPECT_THAT(findingsOf(changed), ElementsAre(Finding::kOtherDigest, Finding::kDataChanged, Finding::kDataChanged));
+    EXPECT_THAT(textsOf(changed), HasSubstr("after a change of DATA."));
+    EXPECT_THAT(differencesOf(changed), ElementsAre("AMOUNT: 19.90, 1.90"));
+    EXPECT_EQ(changed.m_SignedText, order);
+    EXPECT_FALSE(changed.m_Right);
+    signature[5] = signature[5] == '0' ? '1' : '0';
+    Diagnosis const damaged = of(order, signature);
+    EXPECT_THAT(findingsOf(damaged), ElementsAre(Finding::kUnreadable, Finding::kSignatureChanged));
+    EXPECT_EQ(damaged.m_SignatureFound, m_Merchant.sign(order));
+    EXPECT_EQ(damaged.m_Signer.value().m_Id, "0-1001-testkey");
+    EXPECT_THAT(findingsOf(of(order, m_Merchant.sign(order).substr(1))),
+                ElementsAre(Finding::kNotHexadecimal, Finding::kSignatureChanged));
+    EXPECT_THAT(findingsOf(of(sent, signature)),
+                ElementsAre(Finding::kUnreadable, Finding::kNothingFits, Finding::kNothingFits));
 }
 
 // --- Pasted texts
