@@ -1,9 +1,10 @@
-// The flat functions without a handle: the version and the texts of result codes.
+// The flat functions without a handle: the version, the names and the texts of result codes.
 
 #include <cstring>
 
 #include "api/kvxboundary.h"
 #include "core/kvxbase.h"
+#include "core/kvxerrortable.h"
 #include "tallowin/tallowin.h"
 
 namespace {
@@ -32,6 +33,10 @@ int copyErrorText(std::int32_t code, std::int32_t* size, char* buffer) {
 
 char const* KVX_GetVersion() {
     return TALLOWIN_VERSION_STRING;
+}
+
+char const* KVX_GetErrorName(int32_t code) {
+    return kvxErrorName(code);
 }
 
 int KVX_GetErrorStringFromResult(int32_t code, int32_t* size, char* buffer) {

@@ -1,6 +1,6 @@
-// The table of texts, the exception, the lookup and the trace hook.
+// The exception, the lookups in the tables of texts and names, and the trace hook.
 //
-// A lookup takes the first row with the code; the order of the rows is therefore part of the table. An exception
+// A lookup takes the first row with the code; the order of the rows is therefore part of a table. An exception
 // composes its text once, in its constructor: prefix under KVXDEBUG, text or "ErrorCode = 0x...", detail in
 // parentheses; then it writes its own trace record. Trace records go nowhere outside test builds.
 
@@ -8,48 +8,8 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <iterator>
 
-// clang-format off
-KVX_ErrorRow const ErrorTable[] = {
-    {KVX_E_NO_CONTEXT,           "no context present"},
-    {KVX_E_FILE_NOT_FOUND,       "file not found"},
-    {KVX_E_FILE_IO,              "file I/O error"},
-    {KVX_E_INVALID_FORMAT,       "invalid file format"},
-    {KVX_E_BUFFER_TOO_SMALL,     "the buffer size is too small"},
-    {KVX_E_INVALID_URL,          "invalid URL"},
-    {KVX_E_INVALID_OPTION,       "invalid option"},
-    {KVX_E_WRONG_RESPONSE,       "request failed"},
-    {KVX_E_CRYPTO,               "cryptographic error"},
-    {KVX_E_NO_ENDPOINT,          "no endpoint"},
-    {KVX_E_INVALID_KEY,          "invalid key blob"},
-    {KVX_E_COMMAND_FAILED,       "command failed"},
-    {KVX_E_NOT_FOUND,            "requested item was not found"},
-    {KVX_E_NO_KEY_ID,            "no key identifier specified"},
-    {KVX_E_NO_CONFIGURATION,     "no configuration found"},
-    {KVX_E_KEY_NOT_FOUND,        "the requested key was not found"},
-    {KVX_E_UNEXPECTED,           "unexpected error"},
-    {KVX_E_NO_DEFAULT_PATH,      "no default path was supplied"},
-    {KVX_E_SERVER_ERROR,         "the request failed"},  // Deliberate (two-request-texts): not "request failed"
-    {KVX_E_INVALID_SIGNATURE,    "invalid signature"},
-    {KVX_E_MISSING_SIGNATURE,    "missing signature"},
-    {KVX_E_URL_ACCESS_DENIED,    "access to URL resource denied"},
-    {KVX_E_URL_OBJECT_NOT_FOUND, "URL resource not found"},
-    {KVX_E_URL_DATA_NOT_FOUND,   "URL resource not found"},
-    {KVX_E_URL_INVALID_REQUEST,  "invalid URL request"},
-    {KVX_E_SOCKET_REFUSED,       "connection refused"},
-    {KVX_E_SOCKET_TIMEOUT,       "connection timeout"},
-    {KVX_E_SOCKET_RESET,         "connection reset"},
-    {KVX_E_SOCKET_ABORTED,       "connection aborted"},
-    {KVX_E_SOCKET_UNREACHABLE,   "network not reachable"},
-    {KVX_E_HTTP_NAME_LOOKUP,     "DNS lookup failed"},
-    {KVX_E_HTTP_UNAUTHORIZED,    "access to URL resource denied"},
-    {KVX_E_HTTP_NOT_FOUND,       "URL resource not found"},
-    {KVX_E_HTTP_UNAVAILABLE,     "server temporarily unavailable"},
-    {0,                          nullptr},
-};
-// clang-format on
-static_assert(std::size(ErrorTable) == 34 + 1, "34 texts and the end");
+#include "core/kvxerrortable.h"
 
 namespace {
 
@@ -62,6 +22,16 @@ TbString formatted(char const* format, Number value) {
     std::snprintf(digits, sizeof digits, format, value);
 #pragma GCC diagnostic pop
     return digits;
+}
+
+/// What the row for `code` says; null without one.
+char const* textIn(KVX_ErrorRow const* row, std::int32_t code) {
+    for (; row->m_Text != nullptr; ++row) {
+        if (row->m_Code == code) {
+            return row->m_Text;
+        }
+    }
+    return nullptr;
 }
 
 TbString hexOf(std::int32_t code) {
@@ -100,14 +70,24 @@ KVX_Exception::KVX_Exception(long code, TbString const& message, char const* fil
 }
 
 bool KVX_ErrorLookup::GetErrorStringFromResult(long code, TbString& text) {
-    auto const wanted = static_cast<std::int32_t>(code);
-    for (KVX_ErrorRow const* row = ErrorTable; row->m_Code != 0; ++row) {
-        if (row->m_Code == wanted) {
-            text.assign(row->m_Text);
-            return true;
-        }
+    char const* const found = textIn(ErrorTable, static_cast<std::int32_t>(code));
+    if (found == nullptr) {
+        return false;
     }
-    return false;
+    text.assign(found);
+    return true;
+}
+
+char const* kvxErrorName(std::int32_t code) noexcept {
+    constexpr std::uint32_t kOwnNumber = 0xFFF;  // of a code in a family, and of an errno
+    char const* const own = textIn(kKvxErrorNames, code);
+    if (own != nullptr) {
+        return own;
+    }
+    auto const bits = static_cast<std::uint32_t>(code);
+    char const* const shared = code > 0 ? textIn(kKvxSystemErrorNames, code)
+                                        : textIn(kKvxFamilyNames, static_cast<std::int32_t>(bits & ~kOwnNumber));
+    return shared == nullptr ? "" : shared;
 }
 
 bool KVX_ErrorLookup::UseExtendedErrorInfo() {

@@ -235,6 +235,7 @@ private:
         char text[200] = {};
         std::int32_t size = sizeof text;
         Shortage const armed(m_Shortage);
+        require(KVX_GetErrorName(code) != nullptr, "every code has a name or an empty text");
         static_cast<void>(KVX_GetErrorStringFromResult(code, &size, text));  // its result is of no family of codes
         require(std::strlen(text) < sizeof text, "a text is terminated");
     }

@@ -19,6 +19,7 @@
 #endif
 
 /* clang-format off */
+/* Written by scripts/catalogue from catalogue/errors.json, do not edit. */
 #define KVX_OK                         KVX_CODE(0)
 
 /* Core. */

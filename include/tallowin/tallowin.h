@@ -40,8 +40,8 @@
  *            themselves. docs/hardening.md lists them, with the codes of their refusals.
  *
  * MEMORY     when memory is exhausted, the functions return KVX_E_OUT_OF_MEMORY. The functions that create an object
- *            without a handle return null instead, and KVX_GetErrorStringFromResult 0. The Destroy functions and
- *            KVX_GetVersion need no memory. No C++ exception leaves any function.
+ *            without a handle return null instead, and KVX_GetErrorStringFromResult 0. The Destroy functions,
+ *            KVX_GetVersion and KVX_GetErrorName need no memory. No C++ exception leaves any function.
  */
 /* clang-format on */
 #ifndef TALLOWIN_H
@@ -64,6 +64,11 @@ typedef void* KVX_HANDLE;
 
 /* The version of the library in use, such as TALLOWIN_VERSION_STRING; static. Any thread. */
 KVX_EXPORT char const* KVX_GetVersion(void);
+
+/* The name of a result code, such as "KVX_E_INVALID_SIGNATURE"; static. For a code of a family (HTTP status, socket
+ * error, TLS reason) without a constant of its own that of the family, such as "KVX_E_TLS_FAMILY"; for the system's
+ * errno its name, such as "ENOENT". "" for any other number. docs/errors.md explains every code. Any thread. */
+KVX_EXPORT char const* KVX_GetErrorName(int32_t code);
 
 /* Copies the text of a result code.
  *

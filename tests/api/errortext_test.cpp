@@ -1,11 +1,13 @@
-// KVX_GetErrorStringFromResult and KVX_GetVersion.
+// KVX_GetErrorStringFromResult, KVX_GetErrorName and KVX_GetVersion.
 //
 // Sizes and buffers follow the rule of all text outputs; the texts themselves are tested in the core.
 
+#include <cerrno>
 #include <climits>
 #include <cstring>
 
 #include "tests/api/apisupport.h"
+#include "tests/support/allocations.h"
 
 using namespace kvxtest;
 
@@ -96,6 +98,58 @@ TEST(ErrorText, IsTheSameForTwoCodesOfOneMeaning) {
     EXPECT_EQ(text(KVX_E_URL_DATA_NOT_FOUND), text(KVX_E_HTTP_NOT_FOUND));
     EXPECT_EQ(text(KVX_E_WRONG_RESPONSE), "request failed");
     EXPECT_EQ(text(KVX_E_SERVER_ERROR), "the request failed");
+}
+
+TEST(ErrorName, IsThatOfTheConstant) {
+    struct Row {
+        std::int32_t m_Code;
+        char const* m_Name;
+    };
+    Row const rows[] = {
+        {KVX_OK, "KVX_OK"},
+        {KVX_E_NO_CONTEXT, "KVX_E_NO_CONTEXT"},
+        {KVX_E_BAD_HANDLE, "KVX_E_BAD_HANDLE"},  // a code without a text
+        {KVX_E_DUPLICATE_KEY, "KVX_E_DUPLICATE_KEY"},
+        {KVX_E_URL_INVALID_REQUEST, "KVX_E_URL_INVALID_REQUEST"},
+        {KVX_E_HTTP_UNAVAILABLE, "KVX_E_HTTP_UNAVAILABLE"},
+        {KVX_E_HTTP_BAD_URL, "KVX_E_HTTP_BAD_URL"},
+        {KVX_E_SOCKET_REFUSED, "KVX_E_SOCKET_REFUSED"},
+        {KVX_E_TLS_FAMILY, "KVX_E_TLS_FAMILY"},
+        // Numbers inside the families.
+        {KVX_E_HTTP_FAMILY | 407, "KVX_E_HTTP_FAMILY"},
+        {KVX_E_HTTP_FAMILY | 0xFFF, "KVX_E_HTTP_FAMILY"},
+        {KVX_E_SOCKET_FAMILY | 1, "KVX_E_SOCKET_FAMILY"},
+        {KVX_E_TLS_FAMILY | 0x10B, "KVX_E_TLS_FAMILY"},
+        // The system's own, where a directory cannot be created.
+        {ENOENT, "ENOENT"},
+        {EEXIST, "EEXIST"},
+        {ENOTDIR, "ENOTDIR"},
+        {EACCES, "EACCES"},
+        {EROFS, "EROFS"},
+        {EDQUOT, "EDQUOT"},
+        // No result codes.
+        {-1, ""},
+        {INT_MIN, ""},
+        {INT_MAX, ""},
+        {KVX_E_TLS_FAMILY + 0x1000, ""},
+        {KVX_E_NO_CONTEXT - 1, ""},
+        {4095, ""},
+    };
+    for (Row const& row : rows) {
+        EXPECT_STREQ(KVX_GetErrorName(row.m_Code), row.m_Name) << row.m_Code;
+    }
+}
+
+TEST(ErrorName, EveryCodeWithATextHasOne) {
+    for (KVX_ErrorRow const* row = ErrorTable; row->m_Code != 0; ++row) {
+        EXPECT_EQ(std::string(KVX_GetErrorName(row->m_Code)).rfind("KVX_E_", 0), 0U) << row->m_Text;
+    }
+}
+
+TEST(ErrorName, NeedsNoMemory) {
+    FailingAllocation const none(0, FailingAllocation::Mode::kAllFromThere);
+    EXPECT_STREQ(KVX_GetErrorName(KVX_E_OUT_OF_MEMORY), "KVX_E_OUT_OF_MEMORY");
+    EXPECT_STREQ(KVX_GetErrorName(KVX_E_TLS_FAMILY | 1), "KVX_E_TLS_FAMILY");
 }
 
 TEST(Version, OfTheLibraryIsThatOfTheHeaders) {

@@ -202,6 +202,10 @@ static void testVersionAndTexts(void) {
     check(KVX_GetErrorStringFromResult(KVX_OK, &size, text) == 0 && size == 77, "0 has no text");
     check(KVX_GetErrorStringFromResult(KVX_E_BAD_HANDLE, &size, text) == 0, "nor has KVX_E_BAD_HANDLE");
     check(KVX_GetErrorStringFromResult(KVX_E_INVALID_SIGNATURE, NULL, text) == 0, "a null size is refused");
+    checkText(KVX_GetErrorName(KVX_E_INVALID_SIGNATURE), "KVX_E_INVALID_SIGNATURE", "the name of a code");
+    checkText(KVX_GetErrorName(KVX_E_TLS_FAMILY | 0x10B), "KVX_E_TLS_FAMILY", "that of a code inside a family");
+    checkText(KVX_GetErrorName(2), "ENOENT", "that of an errno");
+    checkText(KVX_GetErrorName(-1), "", "no code, no name");
     checkCode(KVX_E_NO_CONTEXT, (int32_t)-2147220991, "codes are signed 32-bit numbers");
 }
 

@@ -372,6 +372,8 @@ std::vector<FlatCall> makeCalls() {
     return {
         {"KVX_GetVersion", KVX_OK, nullptr, nullptr,
          [](S&) { return KVX_GetVersion() == nullptr ? KVX_E_UNEXPECTED : KVX_OK; }, nullptr},
+        {"KVX_GetErrorName", KVX_OK, nullptr, nullptr,
+         [](S&) { return KVX_GetErrorName(KVX_E_FILE_IO)[0] == 'K' ? KVX_OK : KVX_E_UNEXPECTED; }, nullptr},
         {"KVX_GetErrorStringFromResult", KVX_OK, nullptr, nullptr,
          [](S& s) { return KVX_GetErrorStringFromResult(KVX_E_FILE_IO, &s.m_Size, s.m_Buffer) == 1 ? KVX_OK : KVX_E_OUT_OF_MEMORY; },
          [](S& s) { return wrongBuffer(s, "file I/O error"); }},
