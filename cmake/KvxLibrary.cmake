@@ -37,7 +37,3 @@ add_library(tallowin_seams STATIC EXCLUDE_FROM_ALL ${kvx_seam_objects})
 target_link_libraries(tallowin_seams PUBLIC OpenSSL::SSL OpenSSL::Crypto PkgConfig::UUID)
 target_compile_definitions(tallowin_seams PUBLIC KVX_TEST_SEAMS ${KVX_WIDE_SYSTEM_TYPES})
 target_include_directories(tallowin_seams PUBLIC "${PROJECT_SOURCE_DIR}" "${PROJECT_SOURCE_DIR}/include")
-
-if(KVX_INSTALL)
-  include(KvxInstall)
-endif()

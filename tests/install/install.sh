@@ -1,11 +1,15 @@
 #!/usr/bin/env bash
-# install.sh CMAKE BUILD PREFIX LIBDIR: installs BUILD into PREFIX afresh and looks whether all is there.
+# install.sh CMAKE BUILD PREFIX LIBDIR COMPONENT...: installs the library's components from BUILD into PREFIX afresh and looks whether
+# all is there.
 set -euo pipefail
 export LC_ALL=C
 cmake=$1 build=$2 prefix=$3 libdir=$4
+shift 4
 
 rm -rf "$prefix"
-"$cmake" --install "$build" --prefix "$prefix" > /dev/null
+for component in "$@"; do
+  "$cmake" --install "$build" --prefix "$prefix" --component "$component" > /dev/null
+done
 
 missing=0
 for file in include/tallowin/{tallowin,codes,export,version,cConfigurationSetup,cMessageFactory,cMessageObject}.h \
@@ -26,4 +30,18 @@ if grep -rlI -e "$build" "$prefix/include" "$prefix/$libdir/pkgconfig" "$prefix/
   echo 'an installed file names the build directory'
   missing=1
 fi
+# find_package accepts a request for this version or an older one of the same first number.
+cat > "$prefix/version.cmake" <<'END'
+foreach(request 1 1.0 1.0.0 1.999 2 0.9)
+  set(PACKAGE_FIND_VERSION ${request})
+  string(REGEX MATCH "^[0-9]+" PACKAGE_FIND_VERSION_MAJOR ${request})
+  include("${FILE}")
+  if(PACKAGE_VERSION_COMPATIBLE)
+    message("${request}")
+  endif()
+endforeach()
+END
+accepted=$("$cmake" -DFILE="$prefix/$libdir/cmake/tallowin/tallowinConfigVersion.cmake" -P "$prefix/version.cmake" 2>&1 | paste -sd ' ')
+rm "$prefix/version.cmake"
+[ "$accepted" = '1 1.0 1.0.0' ] || { echo "find_package accepts the versions $accepted"; missing=1; }
 exit "$missing"
