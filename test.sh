@@ -54,11 +54,11 @@ mode=${1:-}
 mkdir -p build
 case "$mode" in
   "")
-    scripts/setup java-tests browser
+    scripts/setup java-tests browser packages
     build_and_test release
     ;;
   --quick)
-    scripts/setup java-tests
+    scripts/setup java-tests packages
     labels=$(scripts/touched "${@:2}" | grep -vx browser || true) # the browser has a mode of its own
     targets=(--target)
     for label in $labels; do
@@ -99,7 +99,7 @@ case "$mode" in
     scripts/coverage
     ;;
   --deep)
-    scripts/setup java-tests browser fuzz
+    scripts/setup java-tests browser packages fuzz
     build_and_test release
     long_forms
     scripts/fuzz 30
