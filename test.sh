@@ -48,6 +48,8 @@ core/core_tests RandomForgeries.*
 flow/flow_tests Soak.*
 xml/xml_tests RandomDocuments.*
 END
+  printf '== release: long form of unloading\n'
+  timeout 3600 build/release/tests/c/unload_test build/release/libtallowin.so 1000000
   printf '== release: long form of the Debian packages\n'
   timeout 3600 tests/install/debian_test.sh "$PWD" build/release/debian --deep
 }

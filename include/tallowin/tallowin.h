@@ -42,6 +42,9 @@
  * MEMORY     when memory is exhausted, the functions return KVX_E_OUT_OF_MEMORY. The functions that create an object
  *            without a handle return null instead, and KVX_GetErrorStringFromResult 0. The Destroy functions,
  *            KVX_GetVersion and KVX_GetErrorName need no memory. No C++ exception leaves any function.
+ *
+ * UNLOADING  libtallowin.so is never unmapped, on purpose: memory of handles stays what it is, and a thread that looks up
+ *            a host name may outlive its call. dlclose() keeps it, the next dlopen() finds it; no round costs memory.
  */
 /* clang-format on */
 #ifndef TALLOWIN_H
