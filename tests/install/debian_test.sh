@@ -25,7 +25,7 @@ done
 [ "$status" -eq 0 ] || exit "$status"
 
 root=$work/root
-packages='ca-certificates gcc libc6-dev libssl-dev uuid-dev pkg-config python3 default-jdk-headless'
+packages='ca-certificates gcc g++ libc6-dev libssl-dev uuid-dev pkg-config python3 default-jdk-headless'
 "$tree/scripts/debianroot" --packages "$packages" "$root" mkdir /build/packages
 cp "$work"/first/*.deb "$root/build/packages"
 "$tree/scripts/debianroot" "$root" tests/install/debian_root.sh /tallowin /build/packages apt

@@ -21,7 +21,10 @@ SHARED = "/usr/lib/*/libtallowin.so.1.*"
 
 
 def output(*command):
-    return subprocess.run([str(part) for part in command], check=True, capture_output=True, text=True).stdout
+    said = subprocess.run([str(part) for part in command], capture_output=True, text=True)
+    if said.returncode != 0:
+        raise AssertionError(f"{command[0]} ends with {said.returncode}: {said.stdout}{said.stderr}")
+    return said.stdout
 
 
 def pkg_config(*arguments):
