@@ -1,6 +1,7 @@
 package kelvane.tallowin;
 
 import static java.nio.file.LinkOption.NOFOLLOW_LINKS;
+import static java.nio.file.StandardCopyOption.ATOMIC_MOVE;
 import static java.nio.file.StandardOpenOption.CREATE_NEW;
 import static java.nio.file.StandardOpenOption.WRITE;
 
@@ -25,12 +26,17 @@ import java.nio.file.attribute.PosixFilePermissions;
 import java.nio.file.attribute.UserPrincipal;
 import java.security.MessageDigest;
 import java.security.NoSuchAlgorithmException;
+import java.util.List;
 import java.util.Locale;
 import java.util.Set;
+import java.util.regex.Pattern;
+import java.util.stream.Collectors;
 
 /**
  * A copy of the jar's library in a private directory below the temporary directory, kept until the JVM has mapped it.
- * Closing removes the directory; the mapping remains.
+ * Closing removes the directory; the mapping remains, for ever: the library is never unmapped. So that a class loader does
+ * not cost a mapping of its own when another one is gone, its copy is {@linkplain #moveTo moved} to the place where the copy of
+ * the other was loaded: at the same place, the system finds the mapping that it has.
  *
  * <p>A killed process leaves its directory behind, so each extraction also removes abandoned directories. Each
  * directory contains a lock file that its process keeps locked, which shows whether the process still runs:
@@ -52,7 +58,10 @@ final class NativeCopy implements AutoCloseable {
      */
     static final Object JVM_LOCK = "kelvane.tallowin.NativeCopy";
 
+    /** Directories are named PREFIX, hash of the content, "-", random. */
     private static final String PREFIX = "tallowin-native-";
+    private static final int HASH_DIGITS = 16;
+    private static final Path MAPPINGS = Path.of("/proc/self/maps");
     private static final String LOCK = "lock";
     private static final int ATTEMPTS = 100;
 
@@ -63,10 +72,14 @@ final class NativeCopy implements AutoCloseable {
     private static final FileAttribute<?> OWNER_ONLY_FILE =
             PosixFilePermissions.asFileAttribute(PosixFilePermissions.fromString("rw-------"));
 
-    private final Path directory;
+    private final String name;
+    private final Path home;
     private final FileChannel lock;
+    private Path directory;
 
-    private NativeCopy(Path directory, FileChannel lock) {
+    private NativeCopy(String name, Path directory, FileChannel lock) {
+        this.name = name;
+        this.home = directory;
         this.directory = directory;
         this.lock = lock;
     }
@@ -94,7 +107,7 @@ final class NativeCopy implements AutoCloseable {
         byte[] hash = read(resource() + ".sha256");
         String temporary = System.getProperty("java.io.tmpdir");
         try {
-            NativeCopy copy = reserve(Path.of(temporary));
+            NativeCopy copy = reserve(Path.of(temporary), PREFIX + sha256(content).substring(0, HASH_DIGITS) + "-");
             try {
                 copy.sweepOthers();
                 copy.write(content);
@@ -114,6 +127,38 @@ final class NativeCopy implements AutoCloseable {
     /** The library's file. */
     File library() {
         return directory.resolve(NativeLibrary.FILE).toFile();
+    }
+
+    /**
+     * The directories from which this JVM has mapped a copy with the same content, which were removed since. A class loader
+     * that is alive may still use the mapping. Empty when the system does not list mappings, or may not be asked.
+     */
+    List<Path> mappedPlaces() {
+        Pattern place = Pattern.compile("^\\S+ r-x.*? (/(?:.*/)?" + Pattern.quote(name) + "[^/]*)/"
+                + Pattern.quote(NativeLibrary.FILE) + " \\(deleted\\)$", Pattern.MULTILINE);
+        try {
+            return place.matcher(new String(Files.readAllBytes(MAPPINGS), StandardCharsets.UTF_8)).results()
+                    .map(mapping -> Path.of(mapping.group(1))).distinct().collect(Collectors.toList());
+        } catch (IOException | InvalidPathException | SecurityException unlisted) {
+            return List.of();
+        }
+    }
+
+    /** Moves the directory. Returns false, and leaves it where it is, when {@code place} is taken or out of reach. */
+    boolean moveTo(Path place) {
+        try {
+            directory = Files.move(directory, place, ATOMIC_MOVE);
+            return true;
+        } catch (IOException | SecurityException impossible) {
+            return false;
+        }
+    }
+
+    /** Moves the directory to where it was created. */
+    void moveBack() {
+        if (!directory.equals(home)) {
+            moveTo(home);
+        }
     }
 
     /** Removes the directory and releases its lock. */
@@ -136,13 +181,13 @@ final class NativeCopy implements AutoCloseable {
     }
 
     /** Creates a directory and locks it. */
-    private static NativeCopy reserve(Path temporary) throws IOException {
+    private static NativeCopy reserve(Path temporary, String name) throws IOException {
         for (int i = 0; i < ATTEMPTS; i++) {
-            Path directory = Files.createTempDirectory(temporary, PREFIX, OWNER_ONLY_DIRECTORY).toAbsolutePath();
+            Path directory = Files.createTempDirectory(temporary, name, OWNER_ONLY_DIRECTORY).toAbsolutePath();
             try {
                 FileChannel lock = takeLock(directory.resolve(LOCK));
                 if (lock != null) {
-                    return new NativeCopy(directory, lock);
+                    return new NativeCopy(name, directory, lock);
                 }
             } catch (IOException failure) {
                 remove(directory);
@@ -225,14 +270,19 @@ final class NativeCopy implements AutoCloseable {
         String expected = hash == null ? "missing" : new String(hash, StandardCharsets.US_ASCII).strip();
         String actual;
         try (InputStream in = new FileInputStream(library())) {
-            byte[] digest = MessageDigest.getInstance("SHA-256").digest(in.readAllBytes());
-            actual = String.format("%064x", new BigInteger(1, digest));
-        } catch (NoSuchAlgorithmException impossible) {
-            throw new IllegalStateException("every Java platform has SHA-256", impossible);
+            actual = sha256(in.readAllBytes());
         }
         if (!actual.equalsIgnoreCase(expected)) {
             throw new LoadProblem("the content of " + library() + " is wrong: its SHA-256 is " + actual
                     + ", the one in the jar is " + expected, UNDAMAGED_JAR, null);
+        }
+    }
+
+    private static String sha256(byte[] content) {
+        try {
+            return String.format("%064x", new BigInteger(1, MessageDigest.getInstance("SHA-256").digest(content)));
+        } catch (NoSuchAlgorithmException impossible) {
+            throw new IllegalStateException("every Java platform has SHA-256", impossible);
         }
     }
 }

@@ -2,6 +2,7 @@ package kelvane.tallowin;
 
 import java.io.File;
 import java.net.URL;
+import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.List;
 import java.util.stream.Collectors;
@@ -111,10 +112,26 @@ final class NativeLibrary {
         return attempt(resource == null ? NativeCopy.resource() + " in the jar" : resource.toString(), () -> {
             synchronized (NativeCopy.JVM_LOCK) {
                 try (NativeCopy copy = NativeCopy.extract()) {
-                    link(copy.library());
+                    link(copy);
                 }
             }
         });
+    }
+
+    /** Loads {@code copy}: from a place where it is mapped already and no class loader uses it any more, or its own. */
+    private static void link(NativeCopy copy) throws LoadProblem {
+        for (Path place : copy.mappedPlaces()) {
+            if (copy.moveTo(place)) {
+                try {
+                    link(copy.library());
+                    return;
+                } catch (LoadProblem inUse) {
+                    // By a class loader that is alive. Any other cause fails again below.
+                }
+            }
+        }
+        copy.moveBack();
+        link(copy.library());
     }
 
     private boolean attempt(String place, LoadStep step) {

@@ -115,7 +115,8 @@ final class CyclesProgram {
         return true;
     }
 
-    private static long residentKiB() throws IOException {
+    /** The resident size of this process. */
+    static long residentKiB() throws IOException {
         for (String line : Files.readAllLines(Path.of("/proc/self/status"))) {
             if (line.startsWith("VmRSS:")) {
                 return Long.parseLong(line.replaceAll("[^0-9]", ""));

@@ -1,6 +1,8 @@
 package kelvane.tallowin;
 
 import java.io.File;
+import java.io.IOException;
+import java.lang.ref.WeakReference;
 import java.net.URL;
 import java.net.URLClassLoader;
 import java.nio.file.Files;
@@ -43,6 +45,10 @@ public final class LoaderProbe {
                 loadInFurtherClassLoaders(Integer.parseInt(arguments[1]));
                 printSurroundings();
                 break;
+            case "obstacle":
+                loadBesideAnObstacle();
+                printSurroundings();
+                break;
             case "hold":
                 hold();
                 break;
@@ -75,18 +81,20 @@ public final class LoaderProbe {
         }
     }
 
-    /** Loads the library in {@code count} class loaders at the same time, with two threads each. */
-    private static void loadInFurtherClassLoaders(int count) throws Exception {
+    private static URLClassLoader newLoader() throws IOException {
         List<URL> path = new ArrayList<>();
         for (String element : System.getProperty("java.class.path").split(File.pathSeparator)) {
             path.add(new File(element).toURI().toURL());
         }
+        return new URLClassLoader(path.toArray(new URL[0]), ClassLoader.getPlatformClassLoader());
+    }
+
+    /** Loads the library in {@code count} class loaders at the same time, with two threads each. */
+    private static void loadInFurtherClassLoaders(int count) throws Exception {
         ExecutorService threads = Executors.newFixedThreadPool(2 * count);
         List<Future<?>> outcomes = new ArrayList<>();
         for (int i = 0; i < count; i++) {
-            URLClassLoader loader =
-                    new URLClassLoader(path.toArray(new URL[0]), ClassLoader.getPlatformClassLoader());
-            Class<?> probe = loader.loadClass(LoaderProbe.class.getName());
+            Class<?> probe = newLoader().loadClass(LoaderProbe.class.getName());
             for (int thread = 0; thread < 2; thread++) {
                 outcomes.add(threads.submit(() -> probe.getMethod("outcome").invoke(null)));
             }
@@ -95,6 +103,32 @@ public final class LoaderProbe {
             System.out.println("loader: " + outcome.get());
         }
         threads.shutdown();
+    }
+
+    /** Loads the library in a class loader, then in another one while a file is in the way at the place of the first. */
+    private static void loadBesideAnObstacle() throws Exception {
+        WeakReference<ClassLoader> gone = loadAndForget();
+        while (gone.get() != null) {
+            System.gc();
+        }
+        Path place;
+        synchronized (NativeCopy.JVM_LOCK) {
+            try (NativeCopy copy = NativeCopy.extract()) {
+                place = copy.mappedPlaces().get(0);
+            }
+        }
+        Path obstacle = Files.createFile(Files.createDirectory(place).resolve("obstacle"));
+        loadAndForget();
+        Files.delete(obstacle);
+        Files.delete(place);
+    }
+
+    private static WeakReference<ClassLoader> loadAndForget() throws Exception {
+        try (URLClassLoader loader = newLoader()) {
+            Class<?> probe = loader.loadClass(LoaderProbe.class.getName());
+            System.out.println("loader: " + probe.getMethod("outcome").invoke(null));
+            return new WeakReference<>(loader);
+        }
     }
 
     /** Extracts a copy and keeps it until standard input ends. */

@@ -298,6 +298,14 @@ public class NativeLibraryTest {
     }
 
     @Test
+    public void takesANewPlaceWhenTheEarlierOneIsTaken() throws Exception {
+        String output = machine().run("obstacle");
+        assertEquals(output, 2, count(output, "loader: loaded\n"));
+        assertEquals(output, 2, count(output, "mapped: "));
+        assertNothingLeft(output);
+    }
+
+    @Test
     public void explainsThatAnotherClassLoaderHasTheFile() throws Exception {
         Path copy = copyInto("shared");
         String output = machine().set(PROPERTY, copy).run("loaders", "2");
