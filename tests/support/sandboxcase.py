@@ -87,12 +87,16 @@ def parameters(address):
 class SandboxCase(unittest.TestCase):
     """Each test has its own sandbox and an empty directory."""
 
+    sandbox_options = ()
+    """Further options of the sandbox."""
+
     def setUp(self):
-        temporary = tempfile.TemporaryDirectory(prefix="tallowin-examples-")
+        temporary = tempfile.TemporaryDirectory(prefix="tallowin-tests-")
         self.addCleanup(temporary.cleanup)
         self.directory = pathlib.Path(temporary.name)
         self.merchant = self.directory / "merchant"
-        self.sandbox = Program(os.environ["KVX_SANDBOX"], "--data", self.directory / "service", "--json")
+        self.sandbox = Program(os.environ["KVX_SANDBOX"], "--data", self.directory / "service", "--json",
+                               *self.sandbox_options)
         self.addCleanup(self.stop_sandbox)
         self.addresses = json.loads(self.sandbox.line())
         self.service = self.addresses["auto"]
