@@ -59,11 +59,11 @@ mode=${1:-}
 mkdir -p build
 case "$mode" in
   "")
-    scripts/setup java-tests browser packages
+    scripts/setup java-tests browser packages languages
     build_and_test release
     ;;
   --quick)
-    scripts/setup java-tests packages
+    scripts/setup java-tests packages languages
     labels=$(scripts/touched "${@:2}" | grep -vx browser || true) # the browser has a mode of its own
     targets=(--target)
     for label in $labels; do
@@ -104,7 +104,7 @@ case "$mode" in
     scripts/coverage
     ;;
   --deep)
-    scripts/setup java-tests browser packages fuzz
+    scripts/setup java-tests browser packages languages fuzz
     build_and_test release
     long_forms
     scripts/fuzz 30
