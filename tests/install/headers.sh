@@ -13,6 +13,17 @@ try() {
     "$3" -x "$2" -std="$4" "${warnings[@]}" - || { echo "$1: does not compile alone with $3 -std=$4"; failed=1; }
 }
 
+# declare_again LANGUAGE COMPILER STANDARD: tallowin-ffi.h declares what tallowin.h does, with the same types.
+declare_again() {
+  local before= after=
+  if [ "$1" = c++ ]; then
+    before='extern "C" {' after='}'
+  fi
+  printf '#include <tallowin/tallowin.h>\n%s\n#include <tallowin/tallowin-ffi.h>\n%s\n' "$before" "$after" |
+    "$2" -x "$1" -std="$3" "${warnings[@]}" - ||
+    { echo "tallowin-ffi.h: does not declare what tallowin.h does, with $2 -std=$3"; failed=1; }
+}
+
 cxx=("$CXX")
 cc=("$CC")
 if command -v clang++ > /dev/null; then
@@ -23,6 +34,7 @@ fi
 count=0
 for path in "$include"/tallowin/*.h; do
   header=$(basename "$path")
+  [ "$header" != tallowin-ffi.h ] || continue # for readers with an int32_t of their own; below
   case $header in
     codes.h | export.h | tallowin.h | version.h)
       for compiler in "${cc[@]}"; do
@@ -36,6 +48,12 @@ for path in "$include"/tallowin/*.h; do
     try "$header" c++ "$compiler" c++20
   done
   count=$((count + 1))
+done
+for compiler in "${cc[@]}"; do
+  declare_again c "$compiler" c11
+done
+for compiler in "${cxx[@]}"; do
+  declare_again c++ "$compiler" c++17
 done
 echo "$count headers, compilers: ${cc[*]} ${cxx[*]}"
 [ "$count" -ge 26 ] || { echo 'too few headers'; failed=1; }

@@ -12,7 +12,7 @@ for component in "$@"; do
 done
 
 missing=0
-for file in include/tallowin/{tallowin,codes,export,version,cConfigurationSetup,cMessageFactory,cMessageObject}.h \
+for file in include/tallowin/{tallowin,tallowin-ffi,codes,export,version,cConfigurationSetup,cMessageFactory,cMessageObject}.h \
             include/tallowin/{tbstring,tbstringstream,tbvector,tbrbtree,tbmap,tbmultimap,tbexception}.h \
             include/tallowin/{xmlelement,xmlparser,xmlquery,kvxbase,kvxctx,icct,kvxurl,kvxhttp}.h \
             "$libdir"/libtallowin.{a,so,so.1} "$libdir"/pkgconfig/tallowin.pc \

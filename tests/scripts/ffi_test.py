@@ -1,0 +1,80 @@
+"""scripts/ffi makes declarations of the C face, in a tree made for it, and refuses what it does not understand."""
+
+import pathlib
+import subprocess
+import tempfile
+import unittest
+
+from copiedtree import ROOT, SECONDS, findings_of
+
+FACE = """/* A face. */
+#ifndef TALLOWIN_H
+#define TALLOWIN_H
+#include <stdint.h>
+#define TWO_LINES \\
+  int notAFunction(void);
+#ifdef __cplusplus
+extern "C" {
+#endif
+typedef void* KVX_HANDLE; /* a comment; with a semicolon */
+/* KVX_EXPORT int notAFunctionEither(void); */
+KVX_EXPORT char const* Version(void);
+KVX_EXPORT int32_t Thing_Get(KVX_HANDLE handle, char const* name,
+                             int32_t* size, char* buffer);
+#ifdef __cplusplus
+}
+#endif
+#endif
+"""
+
+DECLARATIONS = """typedef void* KVX_HANDLE;
+char const* Version(void);
+int32_t Thing_Get(KVX_HANDLE handle, char const* name, int32_t* size, char* buffer);
+"""
+
+
+class Ffi(unittest.TestCase):
+    def setUp(self):
+        place = tempfile.TemporaryDirectory(prefix="tallowin-scripts-")
+        self.addCleanup(place.cleanup)
+        self.tree = pathlib.Path(place.name)
+        self.headers = self.tree / "include" / "tallowin"
+        self.headers.mkdir(parents=True)
+        self.face = self.headers / "tallowin.h"
+        self.made = self.headers / "tallowin-ffi.h"
+        self.face.write_text(FACE)
+
+    def run_script(self):
+        return subprocess.run([ROOT / "scripts" / "ffi", self.tree], capture_output=True, text=True, timeout=SECONDS)
+
+    def test_finds_the_files_of_this_tree_as_it_would_write_them(self):
+        self.assertEqual(findings_of("ffi", "--check"), [])
+
+    def test_writes_declarations_alone(self):
+        self.assertEqual(self.run_script().returncode, 0)
+        comment, _, declarations = self.made.read_text().rpartition("*/\n")
+        self.assertEqual(declarations, DECLARATIONS)
+        self.assertNotIn("#", comment)
+
+    def test_finds_a_file_that_is_missing_or_not_up_to_date(self):
+        complaint = "include/tallowin/tallowin-ffi.h: run scripts/ffi"
+        self.assertIn(complaint, findings_of("ffi", "--check", self.tree))
+        self.run_script()
+        self.assertEqual(findings_of("ffi", "--check", self.tree), [])
+        self.face.write_text(FACE.replace("Version", "GetVersion"))
+        self.assertIn(complaint, findings_of("ffi", "--check", self.tree))
+        self.assertEqual(self.made.read_text().count("GetVersion"), 0)
+
+    def test_refuses_what_is_no_declaration_it_knows(self):
+        for line in ("int32_t Unexported(void);", "KVX_EXPORT int32_t Callback(void (*function)(void));",
+                     "struct Thing { int member; };", "KVX_EXPORT extern int number;"):
+            with self.subTest(line):
+                self.face.write_text(FACE.replace("typedef", line + "\ntypedef"))
+                done = self.run_script()
+                self.assertEqual(done.returncode, 1)
+                self.assertIn("include/tallowin/tallowin.h: neither a function nor a type: ", done.stdout)
+                self.assertFalse(self.made.exists())
+
+
+if __name__ == "__main__":
+    unittest.main()
