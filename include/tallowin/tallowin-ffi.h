@@ -1,6 +1,6 @@
 /* clang-format off */
-/* The flat functions as declarations alone, for foreign function interfaces. scripts/ffi makes this file of tallowin.h,
- * which says what the functions do; programs in C include that one. The types int32_t and char are the reader's own. */
+/* The flat functions as declarations alone, for foreign function interfaces. scripts/ffi makes this file of tallowin.h, which says
+ * what the functions do; programs in C include that one. The types int32_t and char are the reader's own. */
 typedef void* KVX_HANDLE;
 char const* KVX_GetVersion(void);
 int KVX_GetErrorStringFromResult(int32_t code, int32_t* size, char* buffer);

@@ -1,5 +1,7 @@
-"""scripts/ffi makes declarations of the C face, in a tree made for it, and refuses what it does not understand."""
+"""scripts/ffi makes declarations and codes of the C face, in a tree made for it, and refuses what it does not understand."""
 
+import ctypes
+import importlib.util
 import pathlib
 import subprocess
 import tempfile
@@ -27,6 +29,18 @@ KVX_EXPORT int32_t Thing_Get(KVX_HANDLE handle, char const* name,
 #endif
 """
 
+VERSION = '#define TALLOWIN_VERSION_STRING "2.7.1"\n'
+
+CODES = """#ifdef __cplusplus
+#define KVX_CODE(value) static_cast<int32_t>(value)
+#else
+#define KVX_CODE(value) ((int32_t)(value))
+#endif
+#define KVX_OK        KVX_CODE(0)
+#define KVX_E_LOST    KVX_CODE(0x8004020D) /* nowhere; no text */
+#define KVX_E_SMALL   KVX_CODE(0x7FFFFFFF)
+"""
+
 DECLARATIONS = """typedef void* KVX_HANDLE;
 char const* Version(void);
 int32_t Thing_Get(KVX_HANDLE handle, char const* name, int32_t* size, char* buffer);
@@ -43,6 +57,15 @@ class Ffi(unittest.TestCase):
         self.face = self.headers / "tallowin.h"
         self.made = self.headers / "tallowin-ffi.h"
         self.face.write_text(FACE)
+        (self.headers / "version.h").write_text(VERSION)
+        (self.headers / "codes.h").write_text(CODES)
+
+    def module(self, path):
+        """A Python module that was written."""
+        spec = importlib.util.spec_from_file_location("made", self.tree / path)
+        module = importlib.util.module_from_spec(spec)
+        spec.loader.exec_module(module)
+        return module
 
     def run_script(self):
         return subprocess.run([ROOT / "scripts" / "ffi", self.tree], capture_output=True, text=True, timeout=SECONDS)
@@ -56,6 +79,16 @@ class Ffi(unittest.TestCase):
         self.assertEqual(declarations, DECLARATIONS)
         self.assertNotIn("#", comment)
 
+    def test_writes_a_table_for_python(self):
+        self.run_script()
+        made = self.module("bindings/python/src/tallowin/_declarations.py")
+        self.assertEqual(made.VERSION, "2.7.1")
+        self.assertEqual(made.FUNCTIONS, {
+            "Version": (ctypes.c_char_p, []),
+            "Thing_Get": (ctypes.c_int32, [ctypes.c_void_p, ctypes.c_char_p, ctypes.POINTER(ctypes.c_int32), ctypes.c_char_p])})
+        codes = self.module("bindings/python/src/tallowin/codes.py").ResultCode
+        self.assertEqual({code.name: code.value for code in codes}, {"OK": 0, "LOST": 0x8004020D - (1 << 32), "SMALL": 0x7FFFFFFF})
+
     def test_finds_a_file_that_is_missing_or_not_up_to_date(self):
         complaint = "include/tallowin/tallowin-ffi.h: run scripts/ffi"
         self.assertIn(complaint, findings_of("ffi", "--check", self.tree))
@@ -64,6 +97,11 @@ class Ffi(unittest.TestCase):
         self.face.write_text(FACE.replace("Version", "GetVersion"))
         self.assertIn(complaint, findings_of("ffi", "--check", self.tree))
         self.assertEqual(self.made.read_text().count("GetVersion"), 0)
+
+    def test_refuses_a_line_that_is_no_code(self):
+        (self.headers / "codes.h").write_text(CODES + "#define KVX_E_ODD 7\n")
+        done = self.run_script()
+        self.assertEqual((done.returncode, done.stdout), (1, "include/tallowin/codes.h: a line is no code\n"))
 
     def test_refuses_what_is_no_declaration_it_knows(self):
         for line in ("int32_t Unexported(void);", "KVX_EXPORT int32_t Callback(void (*function)(void));",
