@@ -89,6 +89,14 @@ class Ffi(unittest.TestCase):
         codes = self.module("bindings/python/src/tallowin/codes.py").ResultCode
         self.assertEqual({code.name: code.value for code in codes}, {"OK": 0, "LOST": 0x8004020D - (1 << 32), "SMALL": 0x7FFFFFFF})
 
+    def test_writes_declarations_and_codes_for_php(self):
+        self.run_script()
+        made = (self.tree / "bindings/php/tallowin.ffi").read_text()
+        self.assertTrue(made.startswith('#define FFI_SCOPE "TALLOWIN"\n#define FFI_LIB "libtallowin.so.2"\n/*'), made)
+        self.assertTrue(made.endswith("*/\n" + DECLARATIONS), made)
+        codes = (self.tree / "bindings/php/src/ResultCode.php").read_text()
+        self.assertIn(f"    public const LOST = {0x8004020D - (1 << 32)}; // 0x8004020D nowhere\n", codes)
+
     def test_finds_a_file_that_is_missing_or_not_up_to_date(self):
         complaint = "include/tallowin/tallowin-ffi.h: run scripts/ffi"
         self.assertIn(complaint, findings_of("ffi", "--check", self.tree))
