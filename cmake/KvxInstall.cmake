@@ -14,7 +14,8 @@
 # include/tallowin/ is what users get: the C headers, and links to the headers of the layers that make up the C++ face.
 # These include each other by the names that users have ("tallowin/xmlelement.h"), so they are installed as they are.
 
-file(GLOB public_headers RELATIVE "${PROJECT_SOURCE_DIR}" CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/include/tallowin/*.h")
+file(GLOB public_headers RELATIVE "${PROJECT_SOURCE_DIR}" CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/include/tallowin/*.h"
+     "${PROJECT_SOURCE_DIR}/include/tallowin/*.hpp")
 set(KVX_PUBLIC_HEADERS "")
 foreach(header IN LISTS public_headers)
   file(REAL_PATH "${PROJECT_SOURCE_DIR}/${header}" header)

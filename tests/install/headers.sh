@@ -32,7 +32,7 @@ if command -v clang++ > /dev/null; then
 fi
 
 count=0
-for path in "$include"/tallowin/*.h; do
+for path in "$include"/tallowin/*.h "$include"/tallowin/*.hpp; do
   header=$(basename "$path")
   [ "$header" != tallowin-ffi.h ] || continue # for readers with an int32_t of their own; below
   case $header in

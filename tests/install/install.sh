@@ -15,13 +15,13 @@ missing=0
 for file in include/tallowin/{tallowin,tallowin-ffi,codes,export,version,cConfigurationSetup,cMessageFactory,cMessageObject}.h \
             include/tallowin/{tbstring,tbstringstream,tbvector,tbrbtree,tbmap,tbmultimap,tbexception}.h \
             include/tallowin/{xmlelement,xmlparser,xmlquery,kvxbase,kvxctx,icct,kvxurl,kvxhttp}.h \
-            "$libdir"/libtallowin.{a,so,so.1} "$libdir"/pkgconfig/tallowin.pc \
+            include/tallowin/tallowin.hpp "$libdir"/libtallowin.{a,so,so.1} "$libdir"/pkgconfig/tallowin.pc \
             "$libdir"/cmake/tallowin/{tallowinConfig,tallowinConfigVersion,tallowinTargets,tallowinStaticTargets}.cmake; do
   [ -e "$prefix/$file" ] || { echo "$file: is not installed"; missing=1; }
 done
 
 # What stays inside is not to be found by a user's include either.
-if grep -nE '#include "(foundation|xml|core|net|api|jni)/' "$prefix"/include/tallowin/*.h; then
+if grep -nE '#include "(foundation|xml|core|net|api|jni)/' "$prefix"/include/tallowin/*.{h,hpp}; then
   echo 'an installed header includes a layer'
   missing=1
 fi
