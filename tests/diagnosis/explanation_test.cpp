@@ -144,7 +144,7 @@ TEST_F(Explain, NeverPrintsControlCharacters) {
     EXPECT_EQ(explanation.m_Sentence.find('\x1b'), std::string::npos);
 }
 
-TEST(Printable, KeepsUtf8AndWritesTheRestInHexadecimal) {
+TEST(Printable, LeavesUtf8AndWritesTheRestInHexadecimal) {
     struct Row {
         char const* m_Text;
         char const* m_Printable;

@@ -188,7 +188,7 @@ TEST_F(CppFace, MovesAndDoesNotCopy) {
     EXPECT_EQ(MessageObject_ToString(flat, &size, nullptr), KVX_E_BAD_HANDLE);
 }
 
-TEST_F(CppFace, KeepsTextsOfAnyLengthAndRefusesZeroBytes) {
+TEST_F(CppFace, PassesTextsOfAnyLengthAndRefusesZeroBytes) {
     setUpAccount();
     tallowin::MessageObject message = order();
     for (std::string const& text : {std::string(), std::string("\xFF\x80 & <\">'"), std::string(100000, 'x')}) {
