@@ -31,7 +31,8 @@ void KVXCIMPL_ConfigurationSetup::SetOption(TbString const& name, TbString const
 
 void KVXCIMPL_ConfigurationSetup::GetAttribute(TbString const& file, TbString const& name, TbString& value) {
     if (!m_Context.QueryValue(file, name, value)) {
-        kvx::kSourceConfigurationSetup.fail(KVX_E_NOT_FOUND, kvx::kLineSetupAttributeNotFound);
+        KvxCause cause = kvxFileCause(m_Context.GetPath(), file, ": has no ");
+        kvx::kSourceConfigurationSetup.failBecause(cause.put(name), KVX_E_NOT_FOUND, kvx::kLineSetupAttributeNotFound);
     }
 }
 

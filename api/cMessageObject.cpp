@@ -52,7 +52,9 @@ void KVXCIMPL_MessageObject::GetURL(TbString& url) {
         }
     }
     if (m_Outgoing == 0) {
-        kvx::kSourceMessageObject.fail(KVX_E_UNEXPECTED, kvx::kLineUrlOfForeignMessage);
+        KvxCause cause;
+        cause.put("only a message that a factory made has a payment URL");
+        kvx::kSourceMessageObject.failBecause(cause, KVX_E_UNEXPECTED, kvx::kLineUrlOfForeignMessage);
     }
     TbInPlaceText::handOver(computed, url);
 }
@@ -75,7 +77,9 @@ void KVXCIMPL_MessageObject::FromString(TbString const& text) {
 TbString KVXCIMPL_MessageObject::ToString() {
     TbString text;
     if (!m_Message.ToString(text)) {
-        kvx::kSourceMessageObject.fail(KVX_E_UNEXPECTED, kvx::kLineNoText);
+        KvxCause cause;
+        cause.put("the object holds no message");
+        kvx::kSourceMessageObject.failBecause(cause, KVX_E_UNEXPECTED, kvx::kLineNoText);
     }
     return text;
 }

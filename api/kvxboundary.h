@@ -12,26 +12,30 @@
 
 #include "api/kvxhandle.h"
 #include "core/kvxbase.h"
+#include "core/kvxreason.h"
 #include "foundation/tbexception.h"
 #include "foundation/tbstring.h"
 #include "tallowin/tallowin.h"
 
 /// Runs `call` and returns its code. An exception becomes a code: a KVX_Exception or TBFC_Exception its own, lack of
-/// memory KVX_E_OUT_OF_MEMORY, any other KVX_E_UNEXPECTED. Only the cancellation of a thread passes.
+/// memory KVX_E_OUT_OF_MEMORY, any other KVX_E_UNEXPECTED. Only the cancellation of a thread passes. A failure is
+/// recorded as the thread's last one.
 template <class Call>
 std::int32_t kvxGuard(Call call) {
     try {
-        return call();
+        std::int32_t const code = call();
+        return code == KVX_OK ? KVX_OK : kvxRecordFailure(code);
     } catch (KVX_Exception const& failure) {
+        kvxRecordFailure(failure);
         return failure.code();
     } catch (TBFC_Exception const& failure) {
-        return failure.code();
+        return kvxRecordFailure(failure.code());
     } catch (std::bad_alloc const&) {
-        return KVX_E_OUT_OF_MEMORY;
+        return kvxRecordFailure(KVX_E_OUT_OF_MEMORY);
     } catch (abi::__forced_unwind const&) {
         throw;  // the C library ends the process when a cancellation is stopped
     } catch (...) {
-        return KVX_E_UNEXPECTED;
+        return kvxRecordFailure(KVX_E_UNEXPECTED);
     }
 }
 
@@ -40,7 +44,7 @@ std::int32_t kvxGuard(Call call) {
 template <class Object, class Call>
 std::int32_t kvxCall(KVX_HANDLE handle, Call call) {
     if (!kvxIsLiving(Object::kKind, handle)) {
-        return KVX_E_BAD_HANDLE;
+        return kvxRecordFailure(KVX_E_BAD_HANDLE);
     }
     return kvxGuard([&] { return call(*static_cast<Object*>(handle)); });
 }

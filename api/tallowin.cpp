@@ -1,10 +1,12 @@
-// The flat functions without a handle: the version, the names and the texts of result codes.
+// The flat functions without a handle: the version, the names and the texts of result codes, and the
+// reason of the last failure.
 
 #include <cstring>
 
 #include "api/kvxboundary.h"
 #include "core/kvxbase.h"
 #include "core/kvxerrortable.h"
+#include "core/kvxreason.h"
 #include "tallowin/tallowin.h"
 
 namespace {
@@ -37,6 +39,14 @@ char const* KVX_GetVersion() {
 
 char const* KVX_GetErrorName(int32_t code) {
     return kvxErrorName(code);
+}
+
+int32_t KVX_GetLastErrorText(int32_t* size, char* buffer) {
+    if (kvxLastFailure() == KVX_OK) {
+        return KVX_E_NOT_FOUND;
+    }
+    KvxPlainReason room;
+    return kvxCopyOut(kvxLastReason(room), size, buffer);
 }
 
 int KVX_GetErrorStringFromResult(int32_t code, int32_t* size, char* buffer) {

@@ -70,12 +70,16 @@ KVX_Exception::KVX_Exception(long code, TbString const& message, char const* fil
 }
 
 bool KVX_ErrorLookup::GetErrorStringFromResult(long code, TbString& text) {
-    char const* const found = textIn(ErrorTable, static_cast<std::int32_t>(code));
+    char const* const found = kvxErrorText(static_cast<std::int32_t>(code));
     if (found == nullptr) {
         return false;
     }
     text.assign(found);
     return true;
+}
+
+char const* kvxErrorText(std::int32_t code) noexcept {
+    return textIn(ErrorTable, code);
 }
 
 char const* kvxErrorName(std::int32_t code) noexcept {

@@ -36,6 +36,25 @@ bool isDirectory(char const* path) {
     return resolved != nullptr && tbSystem().lstat(resolved.get(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
+/// Why the directory `path` cannot be created, for people who have only the error number.
+KvxCause directoryCause(TbString const& path, int error) {
+    KvxCause cause = kvxFileCause(path, error);
+    switch (error) {
+        case ENOENT:
+            cause.put(" (its parent directory is missing)");
+            break;
+        case EEXIST:
+            cause.put(isDirectory(path.c_str()) ? " (and cannot be opened)" : " (and is no directory)");
+            break;
+        case ENOTDIR:
+            cause.put(" (a part of the path is a file)");
+            break;
+        default:
+            break;
+    }
+    return cause;
+}
+
 }  // namespace
 
 KVX_Context::KVX_Context(KVX_Context const&) = default;
@@ -66,10 +85,11 @@ void KVX_Context::CreatePath(TbString const& path) {
         // Another process may have created it in between.
         if (error != EEXIST || !canOpenDirectory(path.c_str())) {
             if (error == EEXIST && isShortage(errno) && isDirectory(path.c_str())) {
-                kvx::kSourceBase.fail(KVX_E_CANNOT_OPEN, kvx::kLineCreatePath, path);
+                kvx::kSourceBase.failBecause(kvxFileCause(path, errno), KVX_E_CANNOT_OPEN, kvx::kLineCreatePath, path);
             }
             // Deliberate (directory-errno): the code is the system's own errno.
-            kvx::kSourceBase.fail(error, kvx::kLineCreatePath, "KVX_Context::CreatePath(): failed to create directory");
+            kvx::kSourceBase.failBecause(directoryCause(path, error), error, kvx::kLineCreatePath,
+                                         "KVX_Context::CreatePath(): failed to create directory");
         }
     }
 }
@@ -86,7 +106,9 @@ void KVX_Context::SetOption(TbString const& name, TbString const& value) {
         m_AutoUrl.keepSecret();
         m_AutoUrl = value;
     } else {
-        kvx::kSourceCtx.fail(KVX_E_INVALID_OPTION, kvx::kLineSetOption);
+        KvxCause cause;
+        cause.put("the options are UserName, Password and VTAUTOURL");
+        kvx::kSourceCtx.failBecause(cause, KVX_E_INVALID_OPTION, kvx::kLineSetOption);
     }
 }
 

@@ -194,7 +194,7 @@ private:
     void replaceAccountAtOnce(bool hasDefaults);
     void replaceFile(TbString const& file, TbString const& content, KVX_Settings const& settings);
     KvxReadResult tryReadFile(TbString const& file, TbString& content);
-    static void requireRead(KvxReadResult result, TbString const& file);
+    void requireRead(KvxReadResult result, TbString const& file);
     bool readOptionalFile(TbString const& file, TbString& content);
     bool readKeyFile(TbString const& file, TbString const& keyId, TbString& content);
     bool findValue(TbString const& file, TbString const& content, TbString const& name, TbString& value);

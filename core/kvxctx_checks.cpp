@@ -57,3 +57,15 @@ bool kvxIsReadableName(TbString const& name) {
     }
     return !name.isEmpty();
 }
+
+KvxCause kvxNameCause(TbString const& name) noexcept {
+    KvxCause cause;
+    cause.put("the name \"").put(name).put("\" does not consist of A-Z a-z 0-9 . - _, as STRICTNAMES wants it");
+    return cause;
+}
+
+KvxCause kvxKeyIdCause(TbString const& keyId) noexcept {
+    KvxCause cause;
+    cause.put("the key id \"").put(keyId.c_str()).put("\" is no name of a file");
+    return cause;
+}

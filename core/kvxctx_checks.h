@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "core/kvxcause.h"
 #include "core/kvxctx_settings.h"
 #include "foundation/tbstring.h"
 
@@ -24,5 +25,11 @@ struct KvxPublicKey {
 
 /// Whether `name` is an attribute name that a reader finds again: name characters only, and not empty.
 [[nodiscard]] bool kvxIsReadableName(TbString const& name);
+
+/// Why any other name is refused.
+[[nodiscard]] KvxCause kvxNameCause(TbString const& name) noexcept;
+
+/// Why a key id is refused that is no plain name of a file.
+[[nodiscard]] KvxCause kvxKeyIdCause(TbString const& keyId) noexcept;
 
 #endif

@@ -5,6 +5,11 @@
 // by replacing the whole file (core/kvxfile.h), bytes in place. Odd: the binary UpdateFile reports every write of two
 // or more bytes as a failure, and a value without a place in the document is not reported at all.
 
+#include <strings.h>
+
+#include <cerrno>
+#include <cstring>
+
 #include "core/kvxctx.h"
 #include "core/kvxctx_checks.h"
 #include "core/kvxctx_settings.h"
@@ -28,6 +33,34 @@ constexpr char kRootTag[] = "KVX";
 constexpr std::uint32_t kUsualAttributes = 20;
 constexpr std::uint16_t kUsualBytes = 1024;
 
+/// Why `text` is no document: what the parser says, 0 when there is no "KVX" element. Of the text itself only its kind
+/// is shown.
+KvxCause textCause(TbString const& text, int result) {
+    constexpr char const* kWords[] = {
+        "it has no KVX element",       "a character stands where none of its kind may stand",    "it breaks off",
+        "an end tag has no start tag", "it is larger or deeper than MAXXML and MAXDEPTH permit",
+    };
+    char const* const begin = text.c_str() + std::strspn(text.c_str(), " \t\r\n");
+    bool const isPage = ::strncasecmp(begin, "<!doctype html", 14) == 0 || ::strncasecmp(begin, "<html", 5) == 0;
+    KvxCause cause;
+    if (text.isEmpty()) {
+        cause.put("the text is empty");
+    } else if (isPage) {
+        cause.put("the text is an HTML page");
+    } else {
+        cause.put("the text of ").put(static_cast<long>(text.length())).put(" bytes is no document: ");
+        cause.put(kWords[result]);
+    }
+    return cause;
+}
+
+/// Why `file` of the directory cannot be written.
+KvxCause notWritable(TbString const& directory, TbString const& file, int error) {
+    KvxCause cause;
+    cause.put(directory).put("/").put(file.c_str()).put(": cannot be written: ").putSystem(error);
+    return cause;
+}
+
 /// New private keys are created readable by their owner alone, unless the merchant asks for another mode.
 KvxWriteOptions optionsOf(KVX_Settings const& settings, TbString const& file) {
     KvxWriteOptions options;
@@ -43,13 +76,13 @@ KvxWriteOptions optionsOf(KVX_Settings const& settings, TbString const& file) {
 
 xmlElementPtr kvxParseDocument(TbStringStream& in, xmlLimits const& limits, TbString const& file) {
     xmlElement* parsed = nullptr;
-    if (xmlParseWithin(limits, in, &parsed) != 0) {
-        kvx::kSourceCtx.fail(KVX_E_INVALID_FORMAT, kvx::kLineParse, file);
+    if (int const result = xmlParseWithin(limits, in, &parsed); result != 0) {
+        kvx::kSourceCtx.failBecause(textCause(in, result), KVX_E_INVALID_FORMAT, kvx::kLineParse, file);
     }
     xmlElementPtr const document = xmlAdopt(parsed);
     xmlElement* root = nullptr;
     if (!document->getChild(TbBorrowed(kRootTag), 0, &root)) {
-        kvx::kSourceCtx.fail(KVX_E_INVALID_FORMAT, kvx::kLineNoKvxElement, file);
+        kvx::kSourceCtx.failBecause(textCause(in, 0), KVX_E_INVALID_FORMAT, kvx::kLineNoKvxElement, file);
     }
     return xmlAdopt(root);
 }
@@ -102,11 +135,16 @@ void KVX_Context::requireRead(KvxReadResult result, TbString const& file) {
         case KvxReadResult::kDone:
             return;
         case KvxReadResult::kCannotRead:
-            kvx::kSourceCtx.fail(KVX_E_FILE_IO, kvx::kLineReadFile, file);
+            kvx::kSourceCtx.failBecause(kvxFileCause(m_Path, file, errno), KVX_E_FILE_IO, kvx::kLineReadFile, file);
         case KvxReadResult::kCannotOpen:
-            kvx::kSourceUrl.fail(KVX_E_CANNOT_OPEN, kvx::kLineOpenFile, file);
-        default:
-            kvx::kSourceUrl.fail(KVX_E_CANNOT_OPEN, kvx::kLineOpenFile);
+            kvx::kSourceUrl.failBecause(kvxFileCause(m_Path, file, errno), KVX_E_CANNOT_OPEN, kvx::kLineOpenFile, file);
+        default: {
+            KvxCause cause = kvxFileCause(m_Path, file, errno);
+            if (result == KvxReadResult::kAbsent && kvxIsWord(file, kvx::kCurrentKeyFile)) {
+                cause.put(" (the directory has not been set up)");
+            }
+            kvx::kSourceUrl.failBecause(cause, KVX_E_CANNOT_OPEN, kvx::kLineOpenFile);
+        }
     }
 }
 
@@ -119,10 +157,10 @@ bool KVX_Context::readOptionalFile(TbString const& file, TbString& content) {
         return false;
     }
     if (result == KvxReadResult::kCannotRead) {
-        kvx::kSourceCtx.fail(KVX_E_CANNOT_OPEN, kvx::kLineReadFile, file);
+        kvx::kSourceCtx.failBecause(kvxFileCause(m_Path, file, errno), KVX_E_CANNOT_OPEN, kvx::kLineReadFile, file);
     }
     if (result != KvxReadResult::kDone) {
-        kvx::kSourceUrl.fail(KVX_E_CANNOT_OPEN, kvx::kLineOpenFile, file);
+        kvx::kSourceUrl.failBecause(kvxFileCause(m_Path, file, errno), KVX_E_CANNOT_OPEN, kvx::kLineOpenFile, file);
     }
     return true;
 }
@@ -171,7 +209,7 @@ bool KVX_Context::QueryValue(TbString const& file, unsigned char* buffer, unsign
     }
     ssize_t const count = kvxReadUpTo(input.get(), buffer, *size);
     if (count < 0) {
-        kvx::kSourceCtx.fail(KVX_E_FILE_IO, kvx::kLineRawQueryRead);
+        kvx::kSourceCtx.failBecause(kvxFileCause(m_Path, file, errno), KVX_E_FILE_IO, kvx::kLineRawQueryRead);
     }
     *size = static_cast<unsigned long>(count);
     return true;
@@ -182,7 +220,7 @@ void KVX_Context::SetValue(TbString const& file, TbString const& name, TbString 
     QueryValue(file, "", text);
     KVX_Settings const settings = settingsForLocalWork();
     if (settings.m_HasStrictNames && !kvxIsReadableName(name)) {
-        kvx::kSourceCtx.fail(KVX_E_INVALID_OPTION, kvx::kLineSetValueName);
+        kvx::kSourceCtx.failBecause(kvxNameCause(name), KVX_E_INVALID_OPTION, kvx::kLineSetValueName);
     }
     xmlElementPtr root;
     try {
@@ -204,9 +242,9 @@ void KVX_Context::SetValue(TbString const& file, TbString const& name, TbString 
 void KVX_Context::replaceFile(TbString const& file, TbString const& content, KVX_Settings const& settings) {
     switch (kvxReplaceFile(pathOf(file).c_str(), content.c_str(), content.length(), optionsOf(settings, file))) {
         case KvxWriteResult::kCannotOpen:
-            kvx::kSourceCtx.fail(KVX_E_FILE_NOT_FOUND, kvx::kLineUpdateOpen);
+            kvx::kSourceCtx.failBecause(notWritable(m_Path, file, errno), KVX_E_FILE_NOT_FOUND, kvx::kLineUpdateOpen);
         case KvxWriteResult::kCannotWrite:
-            kvx::kSourceCtx.fail(KVX_E_FILE_IO, kvx::kLineUpdateWrite);
+            kvx::kSourceCtx.failBecause(notWritable(m_Path, file, errno), KVX_E_FILE_IO, kvx::kLineUpdateWrite);
         case KvxWriteResult::kDone:
             break;
     }
@@ -229,7 +267,7 @@ void KVX_Context::UpdateFile(TbString const& file, unsigned char* buffer, unsign
     KvxDescriptor output(tbRetryInterrupted(
         [&] { return tbSystem().open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode); }));
     if (!output.isOpen()) {
-        kvx::kSourceCtx.fail(KVX_E_FILE_NOT_FOUND, kvx::kLineUpdateRawOpen);
+        kvx::kSourceCtx.failBecause(notWritable(m_Path, file, errno), KVX_E_FILE_NOT_FOUND, kvx::kLineUpdateRawOpen);
     }
     // Deliberate (raw-write-fails): the buffer counts as one item, and one is compared with the length; so every longer
     // write is reported as a failure after its data has reached the file, which is left open.

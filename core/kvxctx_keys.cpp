@@ -37,6 +37,15 @@ constexpr std::size_t kKeyBytes = 1024;
 constexpr std::size_t kOwnSignatureBytes = 1024;
 constexpr std::size_t kSignatureBytes = 4096;
 
+constexpr char kKeyRefused[] = ": KEYPIN or MINKEYBITS refuses this key";
+constexpr char kSignatureDoesNotFit[] = ": the signature was not made over this text with this key";
+
+KvxCause cause(char const* words) {
+    KvxCause made;
+    made.put(words);
+    return made;
+}
+
 /// Deliberate (widening-differs): signing widens without sign, verifying with sign. They agree on 7-bit text only.
 enum class Sign { kIgnored, kExtended };
 
@@ -161,12 +170,15 @@ void KVX_Context::GenKey(TbString& keyId) {
 void KVX_Context::SignData(TbString const& data, TbString const& keyId, TbString& signature) {
     KvxFileText keyText;
     if (!readKeyFile(kvx::privateKeyFile(keyId), keyId, keyText)) {
-        kvx::kSourceCtx.fail(KVX_E_NOT_FOUND, kvx::kLineSignNoKey);
+        kvx::kSourceCtx.failBecause(kvxFileCause(m_Path, kvx::privateKeyFile(keyId), ": there is no such key"),
+                                    KVX_E_NOT_FOUND, kvx::kLineSignNoKey);
     }
     KvxWipedBuffer<kKeyBytes> key;
     unsigned long keyLength = sizeof key.m_Bytes;
     if (readKeyText(keyText, key.m_Bytes, keyLength) != KVX_OK) {
-        kvx::kSourceCtx.fail(KVX_E_INVALID_KEY, kvx::kLineSignKeyBlob, kvx::privateKeyFile(keyId));
+        TbString const file = kvx::privateKeyFile(keyId);
+        kvx::kSourceCtx.failBecause(kvxFileCause(m_Path, file, ": is no hexadecimal text"), KVX_E_INVALID_KEY,
+                                    kvx::kLineSignKeyBlob, file);
     }
     if (!isSignable(data)) {
         kvx::kSourceCtx.fail(KVX_E_CRYPTO, kvx::kLineSignFailed);
@@ -191,24 +203,30 @@ void KVX_Context::requireVerified(KVX_Settings const& settings, TbString const& 
                                   TbString const& signature) {
     KvxFileText keyText;
     if (!readKeyFile(kvx::publicKeyFile(keyId), keyId, keyText)) {
-        kvx::kSourceCtx.fail(KVX_E_NOT_FOUND, kvx::kLineVerifyNoKey);
+        kvx::kSourceCtx.failBecause(kvxFileCause(m_Path, kvx::publicKeyFile(keyId), ": there is no such key"),
+                                    KVX_E_NOT_FOUND, kvx::kLineVerifyNoKey);
     }
     unsigned char key[kKeyBytes];
     unsigned long keyLength = sizeof key;
     if (readKeyText(keyText, key, keyLength) != KVX_OK) {
-        kvx::kSourceCtx.fail(KVX_E_INVALID_KEY, kvx::kLineVerifyKeyBlob, kvx::publicKeyFile(keyId));
+        TbString const file = kvx::publicKeyFile(keyId);
+        kvx::kSourceCtx.failBecause(kvxFileCause(m_Path, file, ": is no hexadecimal text"), KVX_E_INVALID_KEY,
+                                    kvx::kLineVerifyKeyBlob, file);
     }
     unsigned char bytes[kSignatureBytes];
     unsigned long length = sizeof bytes;
     // Deliberate (bad-signature-text): a signature that is no hexadecimal text has the code of a bad key.
     if (kvxHexToBytes(signature.c_str(), signature.length(), bytes, &length) != KVX_OK) {
-        kvx::kSourceCtx.fail(KVX_E_INVALID_KEY, kvx::kLineVerifySignatureText);
+        kvx::kSourceCtx.failBecause(cause("the signature is no hexadecimal text"), KVX_E_INVALID_KEY,
+                                    kvx::kLineVerifySignatureText);
     }
     if (!holds([&] { return kvxIsAcceptedKey(settings, {key, keyLength}); })) {
-        kvx::kSourceCtx.fail(KVX_E_INVALID_SIGNATURE, kvx::kLineVerifyKeyRefused);
+        kvx::kSourceCtx.failBecause(kvxFileCause(m_Path, kvx::publicKeyFile(keyId), kKeyRefused),
+                                    KVX_E_INVALID_SIGNATURE, kvx::kLineVerifyKeyRefused);
     }
     if (settings.m_HasStrictSignature && !holds([&] { return kvxIsCanonicalSignature(signature, {key, keyLength}); })) {
-        kvx::kSourceCtx.fail(KVX_E_INVALID_SIGNATURE, kvx::kLineVerifySpelling);
+        kvx::kSourceCtx.failBecause(cause("STRICTSIG wants lower-case digits, as many as the key has"),
+                                    KVX_E_INVALID_SIGNATURE, kvx::kLineVerifySpelling);
     }
     if (!isSignable(data)) {
         kvx::kSourceCtx.fail(KVX_E_INVALID_SIGNATURE, kvx::kLineVerifyFailed);
@@ -216,7 +234,8 @@ void KVX_Context::requireVerified(KVX_Settings const& settings, TbString const& 
     KvxDigest const digest = digestOfWidened(data, Sign::kExtended);
     if (!succeeds(Needs::kPublicKeys,
                   [&] { return ICCT_VerifyDigest(key, static_cast<int>(keyLength), digest, bytes, length); })) {
-        kvx::kSourceCtx.fail(KVX_E_INVALID_SIGNATURE, kvx::kLineVerifyFailed);
+        kvx::kSourceCtx.failBecause(kvxFileCause(m_Path, kvx::publicKeyFile(keyId), kSignatureDoesNotFit),
+                                    KVX_E_INVALID_SIGNATURE, kvx::kLineVerifyFailed);
     }
 }
 
@@ -233,7 +252,8 @@ void KVX_Context::requireAcceptable(TbString const& keyBlob) {
         return isUsable && kvxIsAcceptedKey(settings, {bytes, length});
     });
     if (!isAccepted) {
-        kvx::kSourceCtx.fail(KVX_E_INVALID_KEY, kvx::kLineImportKeyRefused);
+        kvx::kSourceCtx.failBecause(cause("KEYPIN, MINKEYBITS or STRICTKEYS refuses the key that the service sent"),
+                                    KVX_E_INVALID_KEY, kvx::kLineImportKeyRefused);
     }
 }
 
@@ -248,6 +268,6 @@ bool KVX_Context::hasPrivateKey(TbString const& keyId) {
             throw;
         }
         // A missing file is harmless here, so one that cannot be read has the code of all such files.
-        kvx::kSourceCtx.fail(KVX_E_CANNOT_OPEN, kvx::kLineReadFile, file);
+        kvx::kSourceCtx.failBecause(cause(kvxNotedCause()), KVX_E_CANNOT_OPEN, kvx::kLineReadFile, file);
     }
 }

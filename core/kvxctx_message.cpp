@@ -34,14 +34,15 @@ namespace {
 void require(KVX_Context& account, TbString const& file, TbString const& name, std::int32_t codeWhenMissing, long line,
              TbString& value) {
     if (!account.QueryValue(file, name, value)) {
-        kvx::kSourceCtx.fail(codeWhenMissing, line);
+        KvxCause cause = kvxFileCause(account.path(), file, name.isEmpty() ? ": is empty" : ": has no ");
+        kvx::kSourceCtx.failBecause(cause.put(name), codeWhenMissing, line);
     }
 }
 
 /// Signs with the key `keyId`, which the current key file named: like one from outside it must stay in the directory.
 void signAs(KVX_Context& account, TbString const& text, TbString const& keyId, TbString& signature) {
     if (!kvxNamesFileInDirectory(keyId)) {
-        kvx::kSourceCtx.fail(KVX_E_NOT_FOUND, kvx::kLineSignNoKey);
+        kvx::kSourceCtx.failBecause(kvxKeyIdCause(keyId), KVX_E_NOT_FOUND, kvx::kLineSignNoKey);
     }
     account.SignData(text, keyId, signature);
 }
@@ -57,7 +58,9 @@ KVX_Context& KVX_Message::boundContext() const {
 
 void KVX_Message::requireElement(long line) const {
     if (m_Element.get() == nullptr) {
-        kvx::kSourceCtx.fail(KVX_E_UNEXPECTED, line);
+        KvxCause cause;
+        cause.put("the object holds no message");
+        kvx::kSourceCtx.failBecause(cause, KVX_E_UNEXPECTED, line);
     }
 }
 
@@ -94,21 +97,27 @@ void KVX_Message::Open(KVX_Context* context, TbString const& data, TbString cons
     }
     TbShortString keyId;
     if (!element->getAttribute(TbBorrowed("KEYID"), keyId)) {
-        kvx::kSourceCtx.fail(KVX_E_NO_KEY_ID, kvx::kLineOpenNoKeyId);
+        KvxCause cause;
+        cause.put("the confirmation has no KEYID");
+        kvx::kSourceCtx.failBecause(cause, KVX_E_NO_KEY_ID, kvx::kLineOpenNoKeyId);
     }
     // The shopper chose this name: it must stay in the key directory.
     if (!kvxNamesFileInDirectory(keyId)) {
-        kvx::kSourceCtx.fail(KVX_E_NOT_FOUND, kvx::kLineVerifyNoKey);
+        kvx::kSourceCtx.failBecause(kvxKeyIdCause(keyId), KVX_E_NOT_FOUND, kvx::kLineVerifyNoKey);
     }
     account.requireVerified(settings, data, keyId, signature);
     if (settings.m_HasStrictConfirm && account.hasPrivateKey(keyId)) {
-        kvx::kSourceCtx.fail(KVX_E_INVALID_SIGNATURE, kvx::kLineConfirmOwnKey);
+        KvxCause cause = kvxFileCause(account.path(), kvx::publicKeyFile(keyId), ": is a key of this shop, ");
+        kvx::kSourceCtx.failBecause(cause.put("whose messages STRICTCONFIRM does not take for confirmations"),
+                                    KVX_E_INVALID_SIGNATURE, kvx::kLineConfirmOwnKey);
     }
     TbShortString type;
     element->getAttribute(TbBorrowed("MSGTYPE"), type);
     bool const isConfirmation = kvxIsWord(type, "PayConfirm");
     if (settings.m_HasStrictConfirm && !isConfirmation) {
-        kvx::kSourceCtx.fail(KVX_E_WRONG_RESPONSE, kvx::kLineConfirmType);
+        KvxCause cause;
+        cause.put("STRICTCONFIRM wants a PayConfirm, and the message is a \"").put(type.c_str()).put("\"");
+        kvx::kSourceCtx.failBecause(cause, KVX_E_WRONG_RESPONSE, kvx::kLineConfirmType);
     }
     if (isConfirmation) {
         element->setAttribute(TbBorrowed("CONFIGPATH"), account.path());
@@ -119,7 +128,7 @@ void KVX_Message::Open(KVX_Context* context, TbString const& data, TbString cons
 void KVX_Message::SetAttribute(TbString const& name, TbString const& value) {
     requireElement(kvx::kLineAttributeNoElement);
     if (!kvxIsReadableName(name) && boundContext().settingsForLocalWork().m_HasStrictNames) {
-        kvx::kSourceCtx.fail(KVX_E_INVALID_OPTION, kvx::kLineAttributeName);
+        kvx::kSourceCtx.failBecause(kvxNameCause(name), KVX_E_INVALID_OPTION, kvx::kLineAttributeName);
     }
     m_Element->setAttribute(name, value);
 }
@@ -127,7 +136,9 @@ void KVX_Message::SetAttribute(TbString const& name, TbString const& value) {
 void KVX_Message::GetAttribute(TbString const& name, TbString& value) {
     requireElement(kvx::kLineAttributeNoElement);
     if (!m_Element->getAttribute(name, value)) {
-        kvx::kSourceCtx.fail(KVX_E_NOT_FOUND, kvx::kLineAttributeNotFound);
+        KvxCause cause;
+        cause.put("the message has no attribute \"").put(name).put("\"");
+        kvx::kSourceCtx.failBecause(cause, KVX_E_NOT_FOUND, kvx::kLineAttributeNotFound);
     }
 }
 
@@ -159,7 +170,9 @@ void KVX_Message::Capture() {
     requireConfigured(TbBorrowed("CAPTUREURL"), kvx::kLineCaptureNoUrl, captureUrl);
     TbShortString token;
     if (!m_Element->getAttribute(TbBorrowed("TOKEN"), token)) {
-        kvx::kSourceCtx.fail(KVX_E_UNEXPECTED, kvx::kLineCaptureToken);
+        KvxCause cause;
+        cause.put("a message without TOKEN cannot be captured");
+        kvx::kSourceCtx.failBecause(cause, KVX_E_UNEXPECTED, kvx::kLineCaptureToken);
     }
     sendSigned(captureUrl, text, TbBorrowed("PayConfirm"));
 }

@@ -4,12 +4,16 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 
 #include "core/kvxctx_settings.h"
 #include "core/kvxdocument.h"
 #include "core/kvxlines_core.h"
 #include "core/kvxpercent.h"
+#include "foundation/tbexception.h"
 #include "foundation/tblocalstring.h"
+#include "net/kvxhttp.h"
+#include "net/kvxhttp_cause.h"
 
 namespace {
 
@@ -17,6 +21,37 @@ constexpr char kAuthority[] = "://";
 constexpr std::uint32_t kAuthorityLength = sizeof kAuthority - 1;
 constexpr char kDataField[] = "?DATA=";
 constexpr char kSignatureField[] = "&SIGNATURE=";
+
+/// Whether `text` repeats the password in `url`, which ends at the last "@" of its authority.
+bool repeatsPassword(TbString const& url, TbString const& text) {
+    char const* const begin = std::strstr(url.c_str(), kAuthority);
+    char const* const end = std::strrchr(url.c_str(), '@');
+    char const* const colon = begin == nullptr ? nullptr : std::strchr(begin + kAuthorityLength, ':');
+    if (end == nullptr || colon == nullptr || colon + 1 >= end) {
+        return false;
+    }
+    return ::memmem(text.c_str(), text.length(), colon + 1, static_cast<std::size_t>(end - colon - 1)) != nullptr;
+}
+
+/// Notes the address of a server whose response is not as required, unless the failure's text repeats the password:
+/// then the text will not be recorded either.
+void explainResponse(TbString const& url, KVX_Exception const& failure) {
+    if (repeatsPassword(url, failure.text())) {
+        kvxForgetCause();
+        return;
+    }
+    KvxCause cause;
+    try {
+        KVX_RequestInfo request;
+        SplitUrl(url, request);
+        cause = kvxAddressCause(request);
+    } catch (TBFC_Exception const&) {
+        cause.put("the server");
+    }
+    char const* const noted = kvxNotedCause();
+    cause.put(*noted == '\0' ? "" : ": ").put(noted);
+    kvxNoteCause(failure.code(), kvx::kSourceCtx.name(), failure.line(), cause);
+}
 
 }  // namespace
 
@@ -28,7 +63,9 @@ void KVX_Context::composeUrl(TbString const& baseUrl, TbStringStream const& mess
                              TbString& url) {
     std::uint32_t const position = baseUrl.find(kAuthority);
     if (position == TbString::npos || position == 0) {
-        kvx::kSourceCtx.fail(KVX_E_INVALID_URL, kvx::kLineRequestUrl);
+        KvxCause cause;
+        cause.put("the address of the service has no \"://\"");
+        kvx::kSourceCtx.failBecause(cause, KVX_E_INVALID_URL, kvx::kLineRequestUrl);
     }
     std::uint32_t const begin = position + kAuthorityLength;
     // Deliberate (url-counts-old-text): the length of `url` decides how much of the rest is used; with an empty one the
@@ -83,7 +120,13 @@ xmlElementPtr KVX_Context::exchange(TbString const& baseUrl, TbStringStream& mes
     TbString url;
     composeUrl(baseUrl, message, signature, url);
     StreamFromURL(url, responseText);
-    xmlElementPtr response = kvxParseDocument(responseText, settingsForVerification().m_Documents);
-    CheckResponseMsgType(response.get(), expectedType);
-    return response;
+    xmlLimits const limits = settingsForVerification().m_Documents;
+    try {
+        xmlElementPtr response = kvxParseDocument(responseText, limits);
+        CheckResponseMsgType(response.get(), expectedType);
+        return response;
+    } catch (KVX_Exception const& failure) {
+        explainResponse(url, failure);
+        throw;
+    }
 }

@@ -7,6 +7,7 @@
 
 #include "core/kvxctx_settings.h"
 
+#include <cerrno>
 #include <limits>
 
 #include "core/kvxctx.h"
@@ -208,7 +209,9 @@ KVX_Settings KVX_Context::settingsForExchange() {
         if (SplitUrl(file, parts) == 0) {
             kvx::kSourceUrl.fail(KVX_E_HTTP_BAD_URL, kvx::kLineSplitUrl);
         }
-        kvx::kSourceCtx.fail(KVX_E_HTTP_BAD_URL, kvx::kLineSettingsReentry);
+        KvxCause cause;
+        cause.put("the path of the configuration directory reads like a URL");
+        kvx::kSourceCtx.failBecause(cause, KVX_E_HTTP_BAD_URL, kvx::kLineSettingsReentry);
     }
     TbString text;
     return QueryValueOrAbsent(kvx::kSettingsFile, "", text) ? kvxSettingsIn(text) : KVX_Settings();
@@ -226,7 +229,8 @@ KVX_Settings KVX_Context::settingsForVerification() {
         case KvxReadResult::kNameTooLong:  // no file of that name can be there
             return {};
         default:
-            kvx::kSourceUrl.fail(KVX_E_CANNOT_OPEN, kvx::kLineOpenFile, kvx::kSettingsFile);
+            kvx::kSourceUrl.failBecause(kvxFileCause(m_Path, kvx::kSettingsFile, errno), KVX_E_CANNOT_OPEN,
+                                        kvx::kLineOpenFile, kvx::kSettingsFile);
     }
 }
 

@@ -7,6 +7,7 @@
 // path.
 
 #include "core/kvxctx.h"
+#include "core/kvxctx_checks.h"
 #include "core/kvxctx_settings.h"
 #include "core/kvxdirectory.h"
 #include "core/kvxfile.h"
@@ -21,7 +22,7 @@ constexpr std::uint32_t kMaxFileName = 255;
 /// A key id from the server names a file to be written: one that would leave its directory is refused.
 void requireWritable(TbString const& keyId) {
     if (!kvxNamesFileInDirectory(keyId)) {
-        kvx::kSourceCtx.fail(KVX_E_FILE_NOT_FOUND, kvx::kLineUpdateOpen);
+        kvx::kSourceCtx.failBecause(kvxKeyIdCause(keyId), KVX_E_FILE_NOT_FOUND, kvx::kLineUpdateOpen);
     }
 }
 
@@ -29,8 +30,14 @@ void requireWritable(TbString const& keyId) {
 void requireNameable(TbString const& keyId) {
     requireWritable(keyId);
     if (keyId.isEmpty() || keyId.length() > kMaxFileName) {
-        kvx::kSourceCtx.fail(KVX_E_FILE_NOT_FOUND, kvx::kLineUpdateOpen);
+        kvx::kSourceCtx.failBecause(kvxKeyIdCause(keyId), KVX_E_FILE_NOT_FOUND, kvx::kLineUpdateOpen);
     }
+}
+
+KvxCause noServerKey() {
+    KvxCause cause;
+    cause.put("the configuration that the service sent names no key of the service (VTKEYID)");
+    return cause;
 }
 
 TbString keyBlobIn(xmlElementPtr const& response) {
@@ -48,7 +55,8 @@ TbString KVX_Context::endpoint(std::int32_t codeWhenMissing, long line) {
     }
     TbString url;
     if (!QueryValueOrAbsent(kvx::kConfigFile, "KVX.VTAUTOURL", url)) {
-        kvx::kSourceCtx.fail(codeWhenMissing, line);
+        KvxCause cause = kvxFileCause(m_Path, kvx::kConfigFile, ": has no VTAUTOURL, and no address was given");
+        kvx::kSourceCtx.failBecause(cause, codeWhenMissing, line);
     }
     return url;
 }
@@ -75,7 +83,9 @@ KVX_Context::Fetched KVX_Context::fetchConfiguration() {
     std::uint32_t const authority = paymentUrl.find("://");
     bool const isAddress = authority != TbString::npos && authority != 0;
     if (!isAddress && settingsForVerification().m_HasStrictKeys) {
-        kvx::kSourceCtx.fail(KVX_E_NO_CONFIGURATION, kvx::kLineSetupNoPaymentUrl);
+        KvxCause cause;
+        cause.put("the configuration that the service sent has no payment address (VTURL)");
+        kvx::kSourceCtx.failBecause(cause, KVX_E_NO_CONFIGURATION, kvx::kLineSetupNoPaymentUrl);
     }
     return fetched;
 }
@@ -127,7 +137,8 @@ void KVX_Context::PublishKey(TbString& keyId) {
     TbString const url = endpoint(KVX_E_NO_ENDPOINT, kvx::kLinePublishEndpoint);
     KvxFileText blob;
     if (!readKeyFile(kvx::publicKeyFile(keyId), keyId, blob)) {
-        kvx::kSourceCtx.fail(KVX_E_KEY_NOT_FOUND, kvx::kLinePublishKey);
+        kvx::kSourceCtx.failBecause(kvxFileCause(m_Path, kvx::publicKeyFile(keyId), ": there is no such key"),
+                                    KVX_E_KEY_NOT_FOUND, kvx::kLinePublishKey);
     }
     xmlElementPtr const message = request("KeyExportRequest");
     message->setAttribute("KEYID", keyId);
@@ -150,7 +161,7 @@ void KVX_Context::replaceAccount(bool hasDefaults) {
     }
     TbString serverKeyId;
     if (!QueryValue(kvx::kConfigFile, "VTKEYID", serverKeyId)) {
-        kvx::kSourceCtx.fail(KVX_E_NO_CONFIGURATION, kvx::kLineReconfigureKeyId);
+        kvx::kSourceCtx.failBecause(noServerKey(), KVX_E_NO_CONFIGURATION, kvx::kLineReconfigureKeyId);
     }
     ImportKey(serverKeyId);
 }
@@ -163,7 +174,7 @@ void KVX_Context::replaceAccountAtOnce(bool hasDefaults) {
     TbString serverKeyId("");
     configuration.m_Response->getAttribute("VTKEYID", serverKeyId);
     if (serverKeyId.isEmpty()) {
-        kvx::kSourceCtx.fail(KVX_E_NO_CONFIGURATION, kvx::kLineReconfigureKeyId);
+        kvx::kSourceCtx.failBecause(noServerKey(), KVX_E_NO_CONFIGURATION, kvx::kLineReconfigureKeyId);
     }
     Fetched const key = fetchKey(serverKeyId);
     TbString customerId("");
@@ -171,7 +182,9 @@ void KVX_Context::replaceAccountAtOnce(bool hasDefaults) {
     requireNameable(serverKeyId);
     requireNameable(newKeyId(customerId));
     if (hasPrivateKey(serverKeyId)) {
-        kvx::kSourceCtx.fail(KVX_E_INVALID_KEY, kvx::kLineImportOwnKey);
+        kvx::kSourceCtx.failBecause(
+            kvxFileCause(m_Path, kvx::privateKeyFile(serverKeyId), ": the service's key has the id of this own key"),
+            KVX_E_INVALID_KEY, kvx::kLineImportOwnKey);
     }
     UpdateFile(kvx::kConfigFile, configuration.m_Text.str());
     if (!hasDefaults) {

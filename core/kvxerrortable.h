@@ -18,6 +18,9 @@ extern KVX_ErrorRow const kKvxFamilyNames[];
 /// The system's names of those errors that keep it from creating a directory.
 extern KVX_ErrorRow const kKvxSystemErrorNames[];
 
+/// The published text of a code; null without one. Static.
+[[nodiscard]] char const* kvxErrorText(std::int32_t code) noexcept;
+
 /// The name of a code: its constant, that of its family, or the system's name of an errno. "" without one. Static.
 [[nodiscard]] char const* kvxErrorName(std::int32_t code) noexcept;
 

@@ -21,6 +21,7 @@
 #include <limits>
 #include <memory>
 
+#include "foundation/tberrno.h"
 #include "foundation/tbmemory.h"
 #include "foundation/tbreleaser.h"
 #include "foundation/tbsystem.h"
@@ -130,6 +131,7 @@ public:
     TemporaryFile& operator=(TemporaryFile const&) = delete;
     ~TemporaryFile() {
         if (isOpen()) {
+            TbErrnoKeeper const keeper(errno);
             if (!m_Renamed) {
                 tbSystem().unlink(m_Path.c_str());
             }
@@ -183,6 +185,7 @@ bool mayWriteInPlace(int error) {
 /// there were none.
 KvxReadResult failureToOpen(char const* path, int error) {
     struct ::stat status = {};
+    TbErrnoKeeper const keeper(error);
     switch (error) {
         case ENOENT:
         case ENOTDIR:
@@ -198,6 +201,7 @@ KvxReadResult failureToOpen(char const* path, int error) {
 
 /// A directory can be opened like a file, and fails when it is read.
 KvxReadResult failureToRead(int file) {
+    TbErrnoKeeper const keeper(errno);
     struct ::stat status = {};
     bool const isDirectory = tbSystem().fstat(file, &status) == 0 && S_ISDIR(status.st_mode);
     return isDirectory ? KvxReadResult::kDirectory : KvxReadResult::kCannotRead;
@@ -296,6 +300,7 @@ bool overwriteOrRestore(int file, char const* path, void const* data, std::size_
         return true;
     }
     if (isKnown) {
+        TbErrnoKeeper const keeper(errno);
         restore(file, old, options);
     }
     return false;

@@ -46,7 +46,7 @@ enum class KvxReadResult {
     kCannotRead,  ///< The output holds the part that was read.
 };
 
-/// Appends the whole file to `out`.
+/// Appends the whole file to `out`. `errno` has the system's word when the result is not kDone.
 [[nodiscard]] KvxReadResult kvxReadFile(char const* path, TbString& out);
 
 /// Reads up to `bytes` bytes; fewer only at the end of the file. -1 on failure. `bytes` may be more than the buffer has
@@ -75,6 +75,8 @@ struct KvxWriteOptions {
 /// A new file beside it takes its name once the data is on disk, so a reader, a kill or a full disk finds the old or
 /// the new content whole. Owner and mode of the old file are kept. A symbolic link is followed, also to a file that
 /// does not exist yet. Temporary files of dead processes in the directory are removed.
+///
+/// `errno` has the system's word when the result is not kDone.
 ///
 /// A target that no file can be made beside is written in place, by one write. There too a kill between two system
 /// calls and a full disk leave the old or the new content; the new one may be followed by padding, see

@@ -15,6 +15,7 @@
 #include "foundation/tbsystem.h"
 #include "net/kvxdecimal.h"
 #include "net/kvxhttp_address.h"
+#include "net/kvxhttp_cause.h"
 #include "net/kvxlines_net.h"
 #include "net/kvxresponse.h"
 #include "net/kvxsocket.h"
@@ -57,6 +58,14 @@ std::int32_t proxyStatus(TbString const& reply) {
     }
     char const* const number = space + std::strspn(space, " \t");
     return *number < '0' || *number > '9' ? 0 : DecimalNumber(number);
+}
+
+[[noreturn]] void failExchange(KVX_RequestInfo const& request, std::int32_t code, long line, char const* detail) {
+    kvx::kSourceHttp.failBecause(kvxExchangeCause(request, code), code, line, detail);
+}
+
+[[noreturn]] void failReply(KVX_RequestInfo const& request, TbString const& reply, std::int32_t code, long line) {
+    kvx::kSourceHttp.failBecause(kvxReplyCause(request, reply), code, line);
 }
 
 void runSession(KVX_RequestInfo const& request, TbStringStream& out) {
@@ -132,7 +141,8 @@ void KVX_HttpSession::requireState(int state, char const* step, long line) const
 
 void KVX_HttpSession::requireKnownScheme(long line) const {
     if (!isSecure() && m_Record.scheme != "http") {
-        kvx::kSourceHttp.fail(KVX_E_HTTP_UNKNOWN_SCHEME, line, "the protocol type of the URL is unknown");
+        kvx::kSourceHttp.failBecause(kvxAddressCause(m_Record), KVX_E_HTTP_UNKNOWN_SCHEME, line,
+                                     "the protocol type of the URL is unknown");
     }
 }
 
@@ -170,7 +180,7 @@ void KVX_HttpSession::prepareTls() {
     auto* const connection = new SslConnection(transfer, m_Record.host, m_Record.port);
     m_Tls.reset(connection);
     if (connection->Readiness() != KVX_OK) {
-        kvx::kSourceHttp.fail(connection->Readiness(), kvx::kLineTlsNotReady, "failed to setup protocol");
+        failExchange(m_Record, connection->Readiness(), kvx::kLineTlsNotReady, "failed to setup protocol");
     }
 }
 
@@ -192,8 +202,8 @@ void KVX_HttpSession::ConnectNetwork() {
     if (usesProxy()) {
         std::int32_t const code = kvxMakeHostAddr(m_Record.proxyHost, m_Record.proxyPort, m_Limits.deadline, target);
         if (code != KVX_OK) {
-            kvx::kSourceHttp.fail(code, kvx::kLineProxyAddress,
-                                  "the proxy address is invalid or could not be resolved");
+            failExchange(m_Record, code, kvx::kLineProxyAddress,
+                         "the proxy address is invalid or could not be resolved");
         }
         kvx::kSourceHttp.trace(kvx::kLineUseProxy, "USE PROXY", m_Record.proxyHost + ":" + m_Record.proxyPort);
         requireKnownScheme(kvx::kLineProxyScheme);
@@ -201,7 +211,7 @@ void KVX_HttpSession::ConnectNetwork() {
     } else {
         std::int32_t const code = kvxMakeHostAddr(m_Record.host, m_Record.port, m_Limits.deadline, target);
         if (code != KVX_OK) {
-            kvx::kSourceHttp.fail(code, kvx::kLineHostAddress, "the host address is invalid or could not be resolved");
+            failExchange(m_Record, code, kvx::kLineHostAddress, "the host address is invalid or could not be resolved");
         }
         requireKnownScheme(kvx::kLineScheme);
         if (isSecure()) {
@@ -212,14 +222,14 @@ void KVX_HttpSession::ConnectNetwork() {
     }
     std::int32_t const connected = m_Connection->Connect(target);
     if (connected != KVX_OK) {
-        kvx::kSourceHttp.fail(connected, kvx::kLineConnect, "failed to connect to host");
+        failExchange(m_Record, connected, kvx::kLineConnect, "failed to connect to host");
     }
     if (usesProxy() && isSecure()) {
         ProxyConnect();
     }
     std::int32_t const ready = m_Connection->Setup();
     if (ready != KVX_OK) {
-        kvx::kSourceHttp.fail(ready, kvx::kLineSetup, "failed to setup protocol");
+        failExchange(m_Record, ready, kvx::kLineSetup, "failed to setup protocol");
     }
     m_State = kConnected;
 }
@@ -237,22 +247,22 @@ void KVX_HttpSession::ProxyConnect() {
     request.put(m_UserAgent);
     request.put(kEndOfHeader);
     if (m_Connection->Write(request) < 0) {
-        kvx::kSourceHttp.fail(m_Connection->LastError(), kvx::kLineProxyWrite);
+        failExchange(m_Record, m_Connection->LastError(), kvx::kLineProxyWrite, "");
     }
     // Deliberate (proxy-reply-one-read, proxy-reply-printed): one read, and its text goes to standard error always.
     TbStringStream reply;
     if (m_Connection->Read(reply) < 0) {
-        kvx::kSourceHttp.fail(m_Connection->LastError(), kvx::kLineProxyRead);
+        failExchange(m_Record, m_Connection->LastError(), kvx::kLineProxyRead, "");
     }
     if (!m_Record.transfer.isQuiet) {
         print(stderr, "Proxy response:\n", reply, "\n");
     }
     std::int32_t const status = proxyStatus(reply);
     if (status == 0) {
-        kvx::kSourceHttp.fail(KVX_E_HTTP_BAD_REPLY, kvx::kLineProxyReply);
+        failReply(m_Record, reply, KVX_E_HTTP_BAD_REPLY, kvx::kLineProxyReply);
     }
     if (status != kStatusOk) {
-        kvx::kSourceHttp.fail(KVX_E_HTTP_FAMILY | status, kvx::kLineProxyStatus);
+        failReply(m_Record, reply, KVX_E_HTTP_FAMILY | status, kvx::kLineProxyStatus);
     }
     ConnectionHolder tunnel = takeTls();
     tunnel->SetLimits(m_Limits);
@@ -289,7 +299,7 @@ void KVX_HttpSession::BuildRequest() {
 void KVX_HttpSession::SendRequest() {
     requireState(kBuilt, "SendRequest", kvx::kLineSendState);
     if (m_Connection->Write(m_Request) < 0) {
-        kvx::kSourceHttp.fail(m_Connection->LastError(), kvx::kLineSend, "failed to write to host");
+        failExchange(m_Record, m_Connection->LastError(), kvx::kLineSend, "failed to write to host");
     }
     m_State = kSent;
 }
@@ -303,11 +313,11 @@ void KVX_HttpSession::ReceiveResponse() {
     do {
         received = m_Connection->ReadUpTo(m_Response, room.next(total));
         if (received < 0) {
-            kvx::kSourceHttp.fail(m_Connection->LastError(), kvx::kLineReceive, "failed to receive from host");
+            failExchange(m_Record, m_Connection->LastError(), kvx::kLineReceive, "failed to receive from host");
         }
         total += static_cast<std::uint32_t>(received);
         if (most != 0 && total > most) {
-            kvx::kSourceHttp.fail(KVX_E_BUFFER_TOO_SMALL, kvx::kLineReceiveTooMuch, "failed to receive from host");
+            failExchange(m_Record, KVX_E_BUFFER_TOO_SMALL, kvx::kLineReceiveTooMuch, "failed to receive from host");
         }
     } while (received != 0);
     m_State = kReceived;
@@ -322,15 +332,15 @@ void KVX_HttpSession::ExtractResponse(TbStringStream& out) {
     std::uint32_t const space = m_Response.find(" ");
     std::int32_t const status = space == TbString::npos ? 0 : DecimalNumber(m_Response.c_str() + space + 1);
     if (status == 0) {
-        kvx::kSourceHttp.fail(KVX_E_HTTP_BAD_REPLY, kvx::kLineReplyNoStatus);
+        failReply(m_Record, m_Response, KVX_E_HTTP_BAD_REPLY, kvx::kLineReplyNoStatus);
     }
     // Deliberate (redirects-unfollowed): every other status is a failure, redirects included.
     if (status != kStatusOk) {
-        kvx::kSourceHttp.fail(KVX_E_HTTP_FAMILY | status, kvx::kLineReplyStatus);
+        failReply(m_Record, m_Response, KVX_E_HTTP_FAMILY | status, kvx::kLineReplyStatus);
     }
     std::uint32_t const endOfHeader = m_Response.find(kEndOfHeader, space);
     if (endOfHeader == TbString::npos) {
-        kvx::kSourceHttp.fail(KVX_E_HTTP_BAD_REPLY, kvx::kLineReplyNoBody);
+        failReply(m_Record, m_Response, KVX_E_HTTP_BAD_REPLY, kvx::kLineReplyNoBody);
     }
     std::uint32_t const body = endOfHeader + static_cast<std::uint32_t>(std::strlen(kEndOfHeader));
     out.joinSecrecyOf(m_Response);

@@ -56,3 +56,12 @@ int BsdErrno(int number) noexcept {
     }
     return number;
 }
+
+int NativeErrno(int bsdNumber) noexcept {
+    for (ErrnoRow const& row : kErrnoTable) {
+        if (row.m_Bsd == bsdNumber) {
+            return row.m_Number;
+        }
+    }
+    return bsdNumber;
+}

@@ -6,4 +6,7 @@
 /// Deliberate (bsd-error-numbers): result codes are the same on every system.
 [[nodiscard]] int BsdErrno(int number) noexcept;
 
+/// The inverse.
+[[nodiscard]] int NativeErrno(int bsdNumber) noexcept;
+
 #endif

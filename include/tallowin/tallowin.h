@@ -41,7 +41,7 @@
  *
  * MEMORY     when memory is exhausted, the functions return KVX_E_OUT_OF_MEMORY. The functions that create an object
  *            without a handle return null instead, and KVX_GetErrorStringFromResult 0. The Destroy functions,
- *            KVX_GetVersion and KVX_GetErrorName need no memory. No C++ exception leaves any function.
+ *            KVX_GetVersion, KVX_GetErrorName and KVX_GetLastErrorText need no memory. No C++ exception leaves any function.
  *
  * UNLOADING  libtallowin.so is never unmapped, on purpose: memory of handles stays what it is, and a thread that looks up
  *            a host name may outlive its call. dlclose() keeps it, the next dlopen() finds it; no round costs memory.
@@ -72,6 +72,19 @@ KVX_EXPORT char const* KVX_GetVersion(void);
  * error, TLS reason) without a constant of its own that of the family, such as "KVX_E_TLS_FAMILY"; for the system's
  * errno its name, such as "ENOENT". "" for any other number. docs/errors.md explains every code. Any thread. */
 KVX_EXPORT char const* KVX_GetErrorName(int32_t code);
+
+/* Copies the reason of this thread's last failed call: the text of its exception, which Java shows too, then what lies
+ * behind it: the path and the system's words for it, the address of the server. Examples:
+ *
+ *   the request failed (Unknown user or wrong password.)
+ *   ErrorCode = 0x80040219: /srv/shop/keys/current: No such file or directory
+ *
+ * For people and logs, not for programs to compare: the words may change. It holds no password and no private key, but
+ * paths, addresses, key ids, and in a refusal the service's own text. Calls that succeed leave it alone, and so does
+ * this function; so ask after a failure only, in the same thread. The Destroy functions record nothing.
+ *
+ * KVX_E_NOT_FOUND, leaving `*size` alone: no call of this thread has failed. KVX_E_BUFFER_TOO_SMALL. Any thread. */
+KVX_EXPORT int32_t KVX_GetLastErrorText(int32_t* size, char* buffer);
 
 /* Copies the text of a result code.
  *

@@ -377,6 +377,11 @@ std::vector<FlatCall> makeCalls() {
         {"KVX_GetErrorStringFromResult", KVX_OK, nullptr, nullptr,
          [](S& s) { return KVX_GetErrorStringFromResult(KVX_E_FILE_IO, &s.m_Size, s.m_Buffer) == 1 ? KVX_OK : KVX_E_OUT_OF_MEMORY; },
          [](S& s) { return wrongBuffer(s, "file I/O error"); }},
+        {"KVX_GetLastErrorText", KVX_OK, nullptr, nullptr,
+         [](S& s) {
+             std::int32_t const refused = MessageFactory_Open(nullptr, "");
+             return refused == KVX_E_BAD_HANDLE ? KVX_GetLastErrorText(&s.m_Size, s.m_Buffer) : KVX_E_UNEXPECTED;
+         }, nullptr},
         {"CreateConfigurationSetup", KVX_OK, nullptr, nullptr,
          [](S& s) { return codeOfHandle(s.m_Setup = CreateConfigurationSetup()); }, nullptr, true},
         {"DestroyConfigurationSetup", KVX_OK, nullptr, &makeSetup,

@@ -50,7 +50,7 @@ promises() {
     echo 'these have the version node of the other face'
     failed=1
   fi
-  for flat in KVX_GetVersion KVX_GetErrorName KVX_GetErrorStringFromResult \
+  for flat in KVX_GetVersion KVX_GetErrorName KVX_GetErrorStringFromResult KVX_GetLastErrorText \
               {Create,Destroy}{ConfigurationSetup,MessageFactory,MessageObject} \
               ConfigurationSetup_{SetConfiguration,Reconfigure,SetOption,GetAttribute,SetAttribute} \
               MessageFactory_{Open,CreatePayInit,VerifyPayConfirm,CreatePayComplete,CreateRequest} \

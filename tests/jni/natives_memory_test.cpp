@@ -144,6 +144,10 @@ TEST(ExhaustedMemory, KeepsTheCoresCodeWithoutMemoryForItsText) {
     // The last allocations of a failing call are made for the exception's text.
     NativeRow const& row = rowOf(KvxNative::kMessageCapture);
     JavaObject const object(row);
+    {
+        FakeJvm jvm;
+        row.callBare(jvm, jvm.newObject(object.handle()));  // the first failure of a thread makes its record as well
+    }
     long count = 0;
     {
         FakeJvm jvm;
