@@ -9,15 +9,19 @@ CLI::Validator const kNotEmpty([](std::string const& text) { return std::string(
 CLI::App* addCommand(CommandLine& line, CLI::App& parent, std::string const& name, std::string const& summary,
                      Needs needs, Action run) {
     CLI::App* const command = parent.add_subcommand(name, summary);
+    // Each command has a place of its own: the parser copies the variable of the environment for all commands, also for
+    // those that are not named.
+    auto const directory = std::make_shared<std::string>();
     if (needs == Needs::kDirectory) {
-        command->add_option("--dir", line.m_Session.m_Directory, "configuration directory of the account")
+        command->add_option("--dir", *directory, "configuration directory of the account")
             ->type_name("DIR")
             ->envname("TALLOWIN_DIR");
     }
     command->add_flag("--json", line.m_Session.m_IsJson, "print one JSON object");
     bool const isNested = parent.get_parent() != nullptr;
     std::string const fullName = isNested ? parent.get_name() + ' ' + name : name;
-    command->callback([&line, fullName, run = std::move(run)] {
+    command->callback([&line, fullName, directory, run = std::move(run)] {
+        line.m_Session.m_Directory = *directory;
         line.m_Session.m_Command = fullName;
         line.m_Action = run;
     });
@@ -27,6 +31,15 @@ CLI::App* addCommand(CommandLine& line, CLI::App& parent, std::string const& nam
 void addAllCommands(CommandLine& line) {
     addSetup(line);
     addPay(line);
+    addVerify(line);
+    addCapture(line);
+    addComplete(line);
+    addRequest(line);
+    addGet(line);
+    addSet(line);
+    addShow(line);
+    addKeys(line);
+    addSandbox(line);
 }
 
 }  // namespace tool

@@ -38,9 +38,17 @@ extern CLI::Validator const kNotEmpty;
 /// Adds every command.
 void addAllCommands(CommandLine& line);
 
+void addCapture(CommandLine& line);
+void addComplete(CommandLine& line);
+void addGet(CommandLine& line);
+void addKeys(CommandLine& line);
 void addPay(CommandLine& line);
-
+void addRequest(CommandLine& line);
+void addSandbox(CommandLine& line);
+void addSet(CommandLine& line);
 void addSetup(CommandLine& line);
+void addShow(CommandLine& line);
+void addVerify(CommandLine& line);
 
 }  // namespace tool
 

@@ -133,6 +133,9 @@ int Session::fail(ToolFailure const& failure) {
     if (!failure.hint().empty()) {
         error["hint"] = failure.hint();
     }
+    if (failure.mayHaveHappened()) {
+        error["mayHaveHappened"] = true;
+    }
     Json out = {{"command", m_Command}, {"ok", false}, {"error", error}};
     if (m_Json.contains("warnings")) {
         out["warnings"] = m_Json["warnings"];

@@ -27,9 +27,14 @@ public:
     [[nodiscard]] std::int32_t code() const { return m_Code; }
     [[nodiscard]] std::string const& hint() const { return m_Hint; }
 
+    /// Whether the service may have carried out what failed here.
+    [[nodiscard]] bool mayHaveHappened() const { return m_MayHaveHappened; }
+    void setMayHaveHappened(bool may) { m_MayHaveHappened = may; }
+
 private:
     std::int32_t m_Code = 0;
     std::string m_Hint;
+    bool m_MayHaveHappened = false;
 };
 
 /// Raises a ToolFailure unless `code` is KVX_OK.

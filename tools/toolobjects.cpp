@@ -111,6 +111,24 @@ std::string configuredValue(std::string const& directory, std::string const& fil
     return value;
 }
 
+Attributes configuredValues(std::string const& directory, std::string const& file) {
+    std::string const text = configuredValue(directory, file, "");
+    if (text.empty()) {
+        return {};
+    }
+    MessageObject const message(CreateMessageObject());
+    require(MessageObject_Open(message.get(), directory.c_str()), "cannot open the directory");
+    std::int32_t const code = MessageObject_FromString(message.get(), text.c_str());
+    if (code != KVX_OK) {
+        throw ToolFailure("cannot read " + file, code);
+    }
+    Attributes values = attributesOf(message);
+    // Reading a message adds the attribute that names the signing key.
+    values.erase(std::remove_if(values.begin(), values.end(), [](auto const& row) { return row.first == "KEYID"; }),
+                 values.end());
+    return values;
+}
+
 bool isName(std::string const& name) {
     return !name.empty() && name.find_first_not_of(kNameCharacters) == std::string::npos;
 }

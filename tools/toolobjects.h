@@ -63,6 +63,9 @@ Attributes attributesOf(MessageObject const& message);
 /// cannot be read.
 std::string configuredValue(std::string const& directory, std::string const& file, std::string const& name);
 
+/// All values of a file of the directory, in their order; none when it is absent. ToolFailure when it cannot be read.
+Attributes configuredValues(std::string const& directory, std::string const& file);
+
 /// Whether `name` consists of name characters, and of at least one.
 bool isName(std::string const& name);
 

@@ -9,6 +9,8 @@ import unittest
 
 from toolcase import TIMEOUT_SECONDS, TOOL, AccountCase, Terminal, ToolCase, environment
 
+COMMANDS = ("setup", "pay", "verify", "capture", "complete", "request", "get", "set", "show", "keys list", "keys prune")
+
 LONG = "x" * 100_000
 """An argument near the longest that Linux passes on."""
 
@@ -17,9 +19,9 @@ class Usage(ToolCase):
     def test_help_names_every_command(self):
         run = self.succeed("--help")
         self.assertEqual(run.errors, "")
-        for command in ("setup", "pay"):
-            self.assertRegex(run.out, rf"(?m)^  {command} +\S")
-            self.assertIn("--json", self.succeed(command, "--help").out)
+        for command in COMMANDS:
+            self.assertRegex(run.out, rf"(?m)^  {command.split()[0]} +\S")
+            self.assertIn("--json", self.succeed(*command.split(), "--help").out)
 
     def test_version_names_program_and_library(self):
         self.assertRegex(self.succeed("--version").out, r"^tallowin \d+\.\d+\.\d+, library \d+\.\d+\.\d+\n$")

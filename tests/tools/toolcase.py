@@ -90,12 +90,18 @@ class AccountCase(SandboxCase, ToolCase):
         self.addCleanup(sandbox.stop)
         return json.loads(sandbox.line())
 
+    def pay(self, decision="pay", amount="12.50", currency="EUR", order="A-1"):
+        """A payment that the shopper decided. Returns its token and the address of the shopper's return."""
+        out = self.succeed("pay", "--dir", self.merchant, "--amount", amount, "--currency", currency, "--order", order,
+                           "--json").json()
+        return out["token"], self.browser.decide(out["url"], decision)
+
     def control(self, method, path, body=None):
         """A request to the control API."""
         parts = urllib.parse.urlsplit(self.addresses["control"] + path)
         connection = http.client.HTTPConnection(parts.hostname, parts.port, timeout=TIMEOUT_SECONDS)
         try:
-            connection.request(method, parts.path, json.dumps(body), {"Content-Type": "application/json"})
+            connection.request(method, parts.path, json.dumps(body or {}), {"Content-Type": "application/json"})
             return json.loads(connection.getresponse().read())
         finally:
             connection.close()

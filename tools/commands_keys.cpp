@@ -1,0 +1,84 @@
+// `tallowin keys list` and `tallowin keys prune`. Every set-up leaves one more private key; prune removes those that no
+// process can need any more, both halves, and says of all others why they stay.
+
+#include <chrono>
+
+#include "tools/accountfiles.h"
+#include "tools/accountkeys.h"
+#include "tools/commands.h"
+#include "tools/directorylock.h"
+#include "tools/fingerprint.h"
+
+namespace tool {
+
+namespace {
+
+struct PruneOptions {
+    unsigned m_Hours = 24;
+    bool m_IsDryRun = false;
+};
+
+std::int64_t nowNanoseconds() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+void list(Session& session) {
+    std::string const directory = session.accountDirectory();
+    session.json()["keys"] = Json::array();
+    for (AccountKey const& key : keysOf(directory)) {
+        std::string const fingerprint = fingerprintOf(directory + "/keys/public/" + key.m_Id);
+        session.json()["keys"].push_back({{"id", key.m_Id},
+                                          {"kind", kindText(key.m_Kind)},
+                                          {"private", key.m_HasPrivate},
+                                          {"public", key.m_HasPublic},
+                                          {"made", momentText(key.m_Made)},
+                                          {"fingerprint", fingerprint}});
+        std::string const kind = kindText(key.m_Kind);
+        std::string const halves =
+            key.m_HasPrivate ? key.m_HasPublic ? "both halves  " : "private half " : "public half  ";
+        session.line(kind + std::string(9 - kind.size(), ' ') + halves + momentText(key.m_Made) + "  " + key.m_Id,
+                     key.m_Kind == KeyKind::kCurrent ? Emphasis::kStrong : Emphasis::kPlain);
+    }
+}
+
+void prune(Session& session, PruneOptions const& options) {
+    constexpr std::int64_t kSecondsPerHour = 3600;
+    std::string const directory = session.accountDirectory();
+    session.streams().requireOutput();
+    DirectoryLock const lock(directory, DirectoryLock::Kind::kExclusive);
+    Json& json = session.json();
+    json["dryRun"] = options.m_IsDryRun;
+    json["removed"] = Json::array();
+    json["kept"] = Json::array();
+    for (AccountKey const& key : keysOf(directory)) {
+        std::string reason = reasonToKeep(key, nowNanoseconds(), options.m_Hours * kSecondsPerHour);
+        bool const isGone = reason.empty() && (options.m_IsDryRun || removeKey(directory, key));
+        if (isGone) {
+            json["removed"].push_back(key.m_Id);
+            session.line((options.m_IsDryRun ? "would remove " : "removed ") + key.m_Id);
+            continue;
+        }
+        reason = reason.empty() ? "it has become the current key" : reason;
+        json["kept"].push_back({{"id", key.m_Id}, {"reason", reason}});
+        session.line("kept " + key.m_Id + ": " + reason);
+    }
+}
+
+}  // namespace
+
+void addKeys(CommandLine& line) {
+    CLI::App* const keys = line.m_App.add_subcommand("keys", "list keys, remove old ones");
+    keys->require_subcommand(1);
+    addCommand(line, *keys, "list", "list all keys and what they are for", Needs::kDirectory, list);
+    auto const options = std::make_shared<PruneOptions>();
+    CLI::App* const command = addCommand(line, *keys, "prune", "remove own keys of earlier set-ups", Needs::kDirectory,
+                                         [options](Session& session) { prune(session, *options); });
+    command->add_option("--older-than", options->m_Hours, "keep keys that were replaced fewer hours ago than this")
+        ->type_name("HOURS")
+        ->check(CLI::Range(0U, 1000000U))
+        ->capture_default_str();
+    command->add_flag("--dry-run", options->m_IsDryRun, "only say what would be removed");
+}
+
+}  // namespace tool
