@@ -6,11 +6,14 @@ Order: the examples, the demonstration, demo.sh, the quotations.
 """
 
 import os
+import pathlib
 import re
 import tempfile
 import unittest
 
-from sandboxcase import ROOT, Browser, Program, SandboxCase, parameters
+from sandboxcase import Browser, Program, SandboxCase, parameters
+
+ROOT = pathlib.Path(os.environ["KVX_ROOT"])
 
 
 def java_example(name):

@@ -12,7 +12,8 @@ import tempfile
 import unittest
 import urllib.request
 
-from sandboxcase import RESPONSE_SECONDS, ROOT, Browser, Program, parameters
+from examples_test import ROOT
+from sandboxcase import RESPONSE_SECONDS, Browser, Program, parameters
 
 
 def commands_of(page):

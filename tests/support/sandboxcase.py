@@ -1,7 +1,7 @@
 """Programs with pipes, a shopper's browser, and a running sandbox: what tests in Python share.
 
-CMakeLists.txt sets environment variables with the paths of the tree and the sandbox. Each wait has a timeout: a watchdog
-kills a program that takes too long, which also ends reading from it.
+Expects the path of the sandbox in the environment variable KVX_SANDBOX. Each wait has a timeout: a watchdog kills a
+program that takes too long, which also ends reading from it.
 """
 
 import html
@@ -18,7 +18,6 @@ import urllib.parse
 
 TIMEOUT_SECONDS = 60
 RESPONSE_SECONDS = 10
-ROOT = pathlib.Path(os.environ["KVX_ROOT"])
 
 
 class Program:

@@ -9,8 +9,8 @@ import signal
 import subprocess
 import unittest
 
-from sandboxcase import ROOT, private_keys
-from toolcase import TIMEOUT_SECONDS, TOOL, AccountCase, Terminal, ToolCase, environment
+from sandboxcase import private_keys
+from toolcase import ROOT, TIMEOUT_SECONDS, TOOL, AccountCase, Terminal, ToolCase, environment
 
 DAY = 24 * 3600
 

@@ -17,7 +17,7 @@ from sandboxcase import Program, SandboxCase
 
 TIMEOUT_SECONDS = 60
 TOOL = os.environ["KVX_TOOL"]
-SCHEMA = pathlib.Path(os.environ["KVX_ROOT"]) / "tools" / "tallowin.schema.json"
+ROOT = pathlib.Path(os.environ["KVX_ROOT"])
 
 
 def environment(**changes):
