@@ -45,6 +45,8 @@ plant sandbox/http/relay.cpp '#include "sandbox/control/control.h"' 'http does n
 plant sandbox/http/relay.cpp '#include "foundation/tbstring.h"' 'sandbox does not include library'
 plant sandbox/http/relay.cpp '#include <tallowin/tallowin.h>' 'sandbox does not include library'
 plant examples/c/payment.c '#include "core/kvxfile.h"' 'examples '
+plant tools/session.cpp '#include "sandbox/crypto/signature.h"' 'tools includes public headers only'
+plant diagnosis/diagnosis.cpp '#include "sandbox/store/store.h"' 'diagnosis does not include store'
 plant xml/xmlparser.cpp '#include "xml/nosuchfile.h"' 'no file of the tree'
 plant sandbox/text/again.h $'#pragma once\nint again();' 'the include guard is TALLOWIN_SANDBOX_TEXT_AGAIN_H'
 plant sandbox/text/again.h $'#pragma once\nint again();' 'use an include guard'
