@@ -39,6 +39,7 @@ void addAllCommands(CommandLine& line) {
     addSet(line);
     addShow(line);
     addKeys(line);
+    addDoctor(line);
     addSandbox(line);
 }
 

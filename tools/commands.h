@@ -40,6 +40,7 @@ void addAllCommands(CommandLine& line);
 
 void addCapture(CommandLine& line);
 void addComplete(CommandLine& line);
+void addDoctor(CommandLine& line);
 void addGet(CommandLine& line);
 void addKeys(CommandLine& line);
 void addPay(CommandLine& line);
