@@ -24,8 +24,8 @@ public class LoaderCyclesTest {
     /** Those that are alive, the newest, and some whose library the virtual machine has not given up yet. */
     private static final int MAX_MAPPED = LoadersProgram.ALIVE + 5;
 
-    /** Address space for the objects of one kind that one copy of the library uses here. */
-    private static final int LOW_KIB_PER_COPY = 256;
+    /** What one copy of the library takes at most for its objects, when all memory that waits to be used again is counted. */
+    private static final int LOW_KIB_PER_COPY = 1024;
 
     /** Allows for noise of the virtual machine. A copy of the library for each class loader would be several times that. */
     private static final long MAX_GROWTH_KIB = 16 * 1024;
