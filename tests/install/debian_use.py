@@ -14,6 +14,7 @@ import subprocess
 import sys
 
 tree, work = pathlib.Path(sys.argv[1]), pathlib.Path(sys.argv[2])
+os.environ["KVX_ROOT"] = str(tree)
 sys.path.insert(0, str(tree / "tests" / "support"))
 from sandboxcase import Browser, Program, parameters  # noqa: E402
 
