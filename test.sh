@@ -50,7 +50,7 @@ xml/xml_tests RandomDocuments.*
 END
   printf '== release: long form of unloading\n'
   timeout 3600 build/release/tests/c/unload_test build/release/libtallowin.so 1000000
-  KVX_CLASS_LOADERS=3000 ctest --test-dir build/release -R '^Java\.LoaderCyclesTest$' --output-on-failure --no-tests=error
+  KVX_CLASS_LOADERS=2000 ctest --test-dir build/release -R '^Java\.LoaderCyclesTest$' --output-on-failure --no-tests=error
   printf '== release: long form of the Debian packages\n'
   timeout 3600 tests/install/debian_test.sh "$PWD" build/release/debian --deep
 }
