@@ -69,7 +69,7 @@ case "$mode" in
     for label in $labels; do
       case $label in
         install) targets+=(tallowin tallowin_static java/all) ;;
-        python | php) targets+=(tallowin tallowin-sandbox) ;;
+        python | php | node) targets+=(tallowin tallowin-sandbox) ;;
         examples | browser) targets+=(examples/all tallowin-sandbox) ;;
         fuzz) targets+=(fuzz/all) ;;
         scripts) ;;

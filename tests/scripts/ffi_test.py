@@ -97,6 +97,16 @@ class Ffi(unittest.TestCase):
         codes = (self.tree / "bindings/php/src/ResultCode.php").read_text()
         self.assertIn(f"    public const LOST = {0x8004020D - (1 << 32)}; // 0x8004020D nowhere\n", codes)
 
+    def test_writes_declarations_and_codes_for_node(self):
+        self.run_script()
+        made = (self.tree / "bindings/node/lib/declarations.js").read_text()
+        self.assertIn("  version: '2.7.1',\n", made)
+        self.assertIn("    'const char *Version()',\n"
+                      "    'int32_t Thing_Get(uintptr_t handle, const uint8_t *name, int32_t *size, uint8_t *buffer)',\n", made)
+        self.assertIn("  LOST: 0x8004020D | 0, // nowhere\n", (self.tree / "bindings/node/lib/resultcode.js").read_text())
+        self.assertIn(f"  /** nowhere */\n  readonly LOST: {0x8004020D - (1 << 32)};\n",
+                      (self.tree / "bindings/node/lib/resultcode.d.ts").read_text())
+
     def test_finds_a_file_that_is_missing_or_not_up_to_date(self):
         complaint = "include/tallowin/tallowin-ffi.h: run scripts/ffi"
         self.assertIn(complaint, findings_of("ffi", "--check", self.tree))
