@@ -2,10 +2,19 @@
 #
 # KVX_SYSTEM_PYTHON   Debian's Python, which has Debian's modules; the one in the PATH may be another
 # KVX_PHP             PHP with its module FFI; empty when there is none
+# KVX_PHPUNIT KVX_PHP_FPM KVX_COMPOSER KVX_NODE KVX_NPM KVX_TSC   programs of these names
+# KVX_SETPRIV         ends a child with its parent
 # kvx_has_module(VARIABLE MODULE)   whether Debian's Python has a module
 
 find_program(KVX_SYSTEM_PYTHON python3 PATHS /usr/bin NO_DEFAULT_PATH)
 find_program(KVX_PHP_PROGRAM php)
+find_program(KVX_PHPUNIT phpunit)
+find_program(KVX_PHP_FPM NAMES php-fpm php-fpm8.4 php-fpm8.3 php-fpm8.2 PATHS /usr/sbin)
+find_program(KVX_COMPOSER composer)
+find_program(KVX_NODE node)
+find_program(KVX_NPM npm)
+find_program(KVX_TSC tsc)
+find_program(KVX_SETPRIV setpriv)
 
 set(KVX_PHP "")
 if(KVX_PHP_PROGRAM)
@@ -27,3 +36,6 @@ function(kvx_has_module variable module)
     set(${variable} FALSE PARENT_SCOPE)
   endif()
 endfunction()
+
+# Where tests/node installs the package for Node.js with its dependencies: the fixture node_package.
+set(KVX_NODE_MODULES "${PROJECT_BINARY_DIR}/tests/node/node_modules")

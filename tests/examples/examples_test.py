@@ -119,7 +119,7 @@ class PaymentInCpp(PaymentTests, SandboxCase):
 
 
 class QuickstartTests:
-    """Tests of the quickstarts in C and Java. `program` is the command that runs one."""
+    """Tests of the quickstarts. `program` is the command that runs one."""
 
     program = []
 
