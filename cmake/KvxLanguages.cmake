@@ -3,6 +3,7 @@
 # KVX_SYSTEM_PYTHON   Debian's Python, which has Debian's modules; the one in the PATH may be another
 # KVX_PHP             PHP with its module FFI; empty when there is none
 # KVX_PHPUNIT KVX_PHP_FPM KVX_COMPOSER KVX_NODE KVX_NPM KVX_TSC   programs of these names
+# KVX_PYTHON_PACKAGING   whether Debian's Python makes and installs packages
 # KVX_SETPRIV         ends a child with its parent
 # kvx_has_module(VARIABLE MODULE)   whether Debian's Python has a module
 
@@ -36,6 +37,14 @@ function(kvx_has_module variable module)
     set(${variable} FALSE PARENT_SCOPE)
   endif()
 endfunction()
+
+set(KVX_PYTHON_PACKAGING TRUE)
+foreach(module pip wheel setuptools)
+  kvx_has_module(found_module ${module})
+  if(NOT found_module)
+    set(KVX_PYTHON_PACKAGING FALSE)
+  endif()
+endforeach()
 
 # Where tests/node installs the package for Node.js with its dependencies: the fixture node_package.
 set(KVX_NODE_MODULES "${PROJECT_BINARY_DIR}/tests/node/node_modules")

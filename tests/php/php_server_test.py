@@ -5,6 +5,7 @@ CMakeLists.txt sets environment variables with the paths of the tree, of the pro
 
 import os
 import pathlib
+import re
 import socket
 import struct
 import subprocess
@@ -126,9 +127,13 @@ class PhpServer(SandboxCase):
         self.check_payments()
 
     def test_serves_payments_with_a_preloaded_package(self):
-        user = "nobody" if os.geteuid() == 0 else ""
-        self.serve(f"ffi.preload={PACKAGE / 'tallowin.ffi'}", f"opcache.preload={PACKAGE / 'preload.php'}",
-                   f"opcache.preload_user={user}")
+        """The settings are those of docs/php.md, with the package and the user of this test."""
+        page = (ROOT / "docs" / "php.md").read_text()
+        settings = re.search(r"^```ini\n(.*?)^```$", page, re.MULTILINE | re.DOTALL).group(1)
+        self.assertEqual(settings.count("/srv/shop/vendor/kelvane/tallowin/"), 2)
+        settings = settings.replace("/srv/shop/vendor/kelvane/tallowin", str(PACKAGE))
+        settings = settings.replace("www-data", "nobody" if os.geteuid() == 0 else "")
+        self.serve(*settings.replace(" = ", "=").splitlines())
         self.check_payments()
 
     def test_names_the_cure_where_ffi_is_forbidden(self):
