@@ -3,6 +3,7 @@
  * what the functions do; programs in C include that one. The types int32_t and char are the reader's own. */
 typedef void* KVX_HANDLE;
 char const* KVX_GetVersion(void);
+char const* KVX_GetErrorName(int32_t code);
 int KVX_GetErrorStringFromResult(int32_t code, int32_t* size, char* buffer);
 KVX_HANDLE CreateConfigurationSetup(void);
 void DestroyConfigurationSetup(KVX_HANDLE handle);
