@@ -59,11 +59,11 @@ mode=${1:-}
 mkdir -p build
 case "$mode" in
   "")
-    scripts/setup java-tests browser packages languages
+    scripts/setup java-tests browser packages languages docs
     build_and_test release
     ;;
   --quick)
-    scripts/setup java-tests packages languages
+    scripts/setup java-tests packages languages docs
     labels=$(scripts/touched "${@:2}" | grep -vx browser || true) # the browser has a mode of its own
     targets=(--target)
     for label in $labels; do
@@ -105,7 +105,7 @@ case "$mode" in
     scripts/coverage
     ;;
   --deep)
-    scripts/setup java-tests browser packages languages fuzz
+    scripts/setup java-tests browser packages languages docs fuzz
     build_and_test release
     long_forms
     scripts/fuzz 30

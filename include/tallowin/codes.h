@@ -20,7 +20,7 @@
 
 /* clang-format off */
 /* Written by scripts/catalogue from catalogue/errors.json, do not edit. */
-#define KVX_OK                         KVX_CODE(0)
+#define KVX_OK                         KVX_CODE(0) /* success */
 
 /* Core. */
 #define KVX_E_NO_CONTEXT               KVX_CODE(0x80040201) /* no configuration directory has been opened */

@@ -2,6 +2,7 @@
 #ifndef TALLOWIN_VERSION_H
 #define TALLOWIN_VERSION_H
 
+/* The three numbers, and the text made of them. */
 #define TALLOWIN_VERSION_MAJOR 1
 #define TALLOWIN_VERSION_MINOR 0
 #define TALLOWIN_VERSION_PATCH 0

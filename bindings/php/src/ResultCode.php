@@ -7,7 +7,7 @@ namespace Kelvane\Tallowin;
 /** The published result codes, as the signed numbers that the functions return. scripts/ffi makes this file of codes.h. */
 final class ResultCode
 {
-    public const OK = 0; // 0x00000000
+    public const OK = 0; // 0x00000000 success
     public const NO_CONTEXT = -2147220991; // 0x80040201 no configuration directory has been opened
     public const FILE_NOT_FOUND = -2147220990; // 0x80040202 a file could not be opened for writing
     public const FILE_IO = -2147220989; // 0x80040203 a file could not be written completely

@@ -6,7 +6,7 @@ import enum
 class ResultCode(enum.IntEnum):
     """The published result codes, as the signed numbers that the functions return."""
 
-    OK = 0
+    OK = 0  # success
     NO_CONTEXT = 0x80040201 - 0x100000000  # no configuration directory has been opened
     FILE_NOT_FOUND = 0x80040202 - 0x100000000  # a file could not be opened for writing
     FILE_IO = 0x80040203 - 0x100000000  # a file could not be written completely
