@@ -4,6 +4,7 @@
 typedef void* KVX_HANDLE;
 char const* KVX_GetVersion(void);
 char const* KVX_GetErrorName(int32_t code);
+int32_t KVX_GetLastErrorText(int32_t* size, char* buffer);
 int KVX_GetErrorStringFromResult(int32_t code, int32_t* size, char* buffer);
 KVX_HANDLE CreateConfigurationSetup(void);
 void DestroyConfigurationSetup(KVX_HANDLE handle);

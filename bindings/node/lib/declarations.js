@@ -5,6 +5,8 @@ module.exports = {
   version: '1.0.0',
   functions: [
     'const char *KVX_GetVersion()',
+    'const char *KVX_GetErrorName(int32_t code)',
+    'int32_t KVX_GetLastErrorText(int32_t *size, uint8_t *buffer)',
     'int KVX_GetErrorStringFromResult(int32_t code, int32_t *size, uint8_t *buffer)',
     'uintptr_t CreateConfigurationSetup()',
     'void DestroyConfigurationSetup(uintptr_t handle)',

@@ -1,5 +1,6 @@
 /** The published result codes, as the signed numbers that the functions return. scripts/ffi makes this file of codes.h. */
 export declare const ResultCode: {
+  /** success */
   readonly OK: 0;
   /** no configuration directory has been opened */
   readonly NO_CONTEXT: -2147220991;

@@ -2,7 +2,7 @@
 'use strict';
 
 exports.ResultCode = Object.freeze({
-  OK: 0x00000000 | 0,
+  OK: 0x00000000 | 0, // success
   NO_CONTEXT: 0x80040201 | 0, // no configuration directory has been opened
   FILE_NOT_FOUND: 0x80040202 | 0, // a file could not be opened for writing
   FILE_IO: 0x80040203 | 0, // a file could not be written completely

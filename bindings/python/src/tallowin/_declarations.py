@@ -8,6 +8,7 @@ VERSION = "1.0.0"
 FUNCTIONS: "dict[str, tuple[Any, list[Any]]]" = {
     "KVX_GetVersion": (c_char_p, []),
     "KVX_GetErrorName": (c_char_p, [c_int32]),
+    "KVX_GetLastErrorText": (c_int32, [POINTER(c_int32), c_char_p]),
     "KVX_GetErrorStringFromResult": (c_int, [c_int32, POINTER(c_int32), c_char_p]),
     "CreateConfigurationSetup": (c_void_p, []),
     "DestroyConfigurationSetup": (None, [c_void_p]),
