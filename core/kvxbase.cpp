@@ -2,7 +2,7 @@
 //
 // A lookup takes the first row with the code; the order of the rows is therefore part of a table. An exception
 // composes its text once, in its constructor: prefix under KVXDEBUG, text or "ErrorCode = 0x...", detail in
-// parentheses; then it writes its own trace record. Trace records go nowhere outside test builds.
+// parentheses; then it writes its own trace record. Trace records go to the log, when one is asked for.
 
 #include "core/kvxbase.h"
 
@@ -10,6 +10,7 @@
 #include <cstdlib>
 
 #include "core/kvxerrortable.h"
+#include "core/kvxlog.h"
 
 namespace {
 
@@ -24,7 +25,7 @@ TbString formatted(char const* format, Number value) {
     return digits;
 }
 
-/// What the row for `code` says; null without one.
+/// What the row for `code` says, which may be 0; null without one.
 char const* textIn(KVX_ErrorRow const* row, std::int32_t code) {
     for (; row->m_Text != nullptr; ++row) {
         if (row->m_Code == code) {
@@ -78,10 +79,6 @@ bool KVX_ErrorLookup::GetErrorStringFromResult(long code, TbString& text) {
     return true;
 }
 
-char const* kvxErrorText(std::int32_t code) noexcept {
-    return textIn(ErrorTable, code);
-}
-
 char const* kvxErrorName(std::int32_t code) noexcept {
     constexpr std::uint32_t kOwnNumber = 0xFFF;  // of a code in a family, and of an errno
     char const* const own = textIn(kKvxErrorNames, code);
@@ -103,11 +100,15 @@ void KVX_SetTraceSink(KVX_TraceSink sink) noexcept {
     g_TraceSink = sink;
 }
 
+#endif
+
 void KVX_TraceLog::Write(char const* file, long line, long code, TbString const& event, TbString const& detail) {
+#ifdef KVX_TEST_SEAMS
     if (g_TraceSink != nullptr) {
         g_TraceSink(file, line, code, event, detail);
     }
-}
-#else
-void KVX_TraceLog::Write(char const*, long, long, TbString const&, TbString const&) {}
 #endif
+    if (kvxLogIsOn()) {
+        kvxLogTrace(file, line, static_cast<std::int32_t>(code), event, detail);
+    }
+}

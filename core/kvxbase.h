@@ -64,7 +64,7 @@ public:
 /// The hook for trace records.
 class KVX_EXPORT KVX_TraceLog {
 public:
-    /// Records nothing. Called at fixed points.
+    /// Writes a line to the log when one is asked for, else nothing. Called at fixed points.
     ///
     /// `file`, `line`  published position. `code` 0 unless the event is a failure. `event` a heading such as
     /// "OPEN CONTEXT". `detail` may be empty.

@@ -6,6 +6,7 @@
 #include "core/kvxdirectory.h"
 #include "core/kvxfile.h"
 #include "core/kvxlines_core.h"
+#include "core/kvxlog.h"
 #include "foundation/tbreleaser.h"
 #include "foundation/tbsystem.h"
 
@@ -66,6 +67,9 @@ void KVX_Context::Open(TbString const& path) {
         m_Path = GetDefaultConfiguration();
     } else {
         m_Path = path;
+    }
+    if (kvxLogIsOn()) {
+        kvxLogEnter(m_Path);
     }
     kvx::kSourceCtx.trace(kvx::kLineOpen, "OPEN CONTEXT", m_Path);
     CreatePath(m_Path);

@@ -143,6 +143,24 @@ void readProxy(xmlElement& root, KVX_Settings& settings) {
     }
 }
 
+/// What `text` says; from now on the calls on `directory` are logged as it asks for.
+KVX_Settings settingsOf(TbString const& directory, TbString const& text) {
+    KvxLogRequest log;
+    KVX_Settings settings = kvxSettingsIn(text, log);
+    if (kvxLogIsOn() || !log.m_File.isEmpty()) {
+        kvxLogUse(directory, log.m_File, log.m_Bytes);
+    }
+    return settings;
+}
+
+/// Those of a directory without the file.
+KVX_Settings noSettingsOf(TbString const& directory) {
+    if (kvxLogIsOn()) {
+        kvxLogUse(directory, "", kKvxLogBytes);
+    }
+    return {};
+}
+
 }  // namespace
 
 KVX_Settings kvxStrictSettings() {
@@ -165,6 +183,11 @@ KVX_Settings kvxStrictSettings() {
 }
 
 KVX_Settings kvxSettingsIn(TbString const& text) {
+    KvxLogRequest unused;
+    return kvxSettingsIn(text, unused);
+}
+
+KVX_Settings kvxSettingsIn(TbString const& text, KvxLogRequest& log) {
     xmlElementPtr const document = kvxParseDocument(text, {}, kvx::kSettingsFile);
     xmlElement& root = *document.get();
     bool hasProfile = false;
@@ -198,6 +221,8 @@ KVX_Settings kvxSettingsIn(TbString const& text) {
     readCheck(root, "STRICTNAMES", settings.m_HasStrictNames);
     readSwitch(root, "SYNCFILES", settings.m_SyncsFiles);
     readKeyMode(root, settings.m_KeyMode);
+    read(root, "LOGFILE", log.m_File);
+    readLimit(root, "LOGSIZE", log.m_Bytes);
     return settings;
 }
 
@@ -214,7 +239,7 @@ KVX_Settings KVX_Context::settingsForExchange() {
         kvx::kSourceCtx.failBecause(cause, KVX_E_HTTP_BAD_URL, kvx::kLineSettingsReentry);
     }
     TbString text;
-    return QueryValueOrAbsent(kvx::kSettingsFile, "", text) ? kvxSettingsIn(text) : KVX_Settings();
+    return QueryValueOrAbsent(kvx::kSettingsFile, "", text) ? settingsOf(m_Path, text) : noSettingsOf(m_Path);
 }
 
 KVX_Settings KVX_Context::settingsForVerification() {
@@ -224,10 +249,10 @@ KVX_Settings KVX_Context::settingsForVerification() {
     KvxFileText text;
     switch (tryReadFile(TbBorrowed(kvx::kSettingsFile), text)) {
         case KvxReadResult::kDone:
-            return kvxSettingsIn(text);
+            return settingsOf(m_Path, text);
         case KvxReadResult::kAbsent:
         case KvxReadResult::kNameTooLong:  // no file of that name can be there
-            return {};
+            return noSettingsOf(m_Path);
         default:
             kvx::kSourceUrl.failBecause(kvxFileCause(m_Path, kvx::kSettingsFile, errno), KVX_E_CANNOT_OPEN,
                                         kvx::kLineOpenFile, kvx::kSettingsFile);

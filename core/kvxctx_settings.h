@@ -6,6 +6,7 @@
 
 #include <cstdint>
 
+#include "core/kvxlog.h"
 #include "foundation/tbstring.h"
 #include "net/kvxtransfer.h"
 #include "xml/xmllimits.h"
@@ -31,11 +32,20 @@ struct KVX_Settings {
     [[nodiscard]] bool limitsKeys() const { return m_HasStrictKeys || !m_KeyPin.isEmpty() || m_MinKeyBits != 0; }
 };
 
+/// The log that settings ask for; not among them, because they are read more often than written.
+struct KvxLogRequest {
+    TbString m_File;                       ///< Empty: no log.
+    std::uint32_t m_Bytes = kKvxLogBytes;  ///< At which it is renamed; 0: never.
+};
+
 /// All protective settings with sound values.
 [[nodiscard]] KVX_Settings kvxStrictSettings();
 
 /// What the document `text` says. A malformed limit counts as absent, a malformed switch of a check as on.
 /// KVX_E_INVALID_FORMAT (KVX_Exception).
 [[nodiscard]] KVX_Settings kvxSettingsIn(TbString const& text);
+
+/// The same, and in `log` the log that it asks for.
+[[nodiscard]] KVX_Settings kvxSettingsIn(TbString const& text, KvxLogRequest& log);
 
 #endif

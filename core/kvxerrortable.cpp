@@ -126,3 +126,13 @@ KVX_ErrorRow const kKvxSystemErrorNames[] = {
     {0, nullptr},
 };
 // clang-format on
+
+// Beside its table, which the compiler then knows: every absent file costs a look-up.
+char const* kvxErrorText(std::int32_t code) noexcept {
+    for (KVX_ErrorRow const* row = ErrorTable; row->m_Code != 0; ++row) {
+        if (row->m_Code == code) {
+            return row->m_Text;
+        }
+    }
+    return nullptr;
+}

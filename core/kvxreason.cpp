@@ -18,6 +18,7 @@
 #include <new>
 
 #include "core/kvxerrortable.h"
+#include "core/kvxlog.h"
 #include "foundation/tberrno.h"
 #include "foundation/tbmemory.h"
 
@@ -132,6 +133,14 @@ char const* plainCause(std::int32_t code) noexcept {
     }
 }
 
+/// One line for the failure just recorded.
+void log(std::int32_t code) noexcept {
+    if (kvxLogIsOn()) {
+        KvxPlainReason room;
+        kvxLogFailure(code, kvxLastReason(room));
+    }
+}
+
 bool isCauseOf(Record const& record, KVX_Exception const& failure) noexcept {
     return record.m_HasCause && record.m_CauseCode == failure.code() && record.m_CauseLine == failure.line() &&
            std::strcmp(record.m_CauseSource, failure.file().c_str()) == 0;
@@ -171,6 +180,7 @@ void kvxRecordFailure(KVX_Exception const& failure) noexcept {
     std::size_t const length = text == nullptr ? 0 : std::min(std::strlen(text), kMaxText);
     record = recordFor(length + sizeof kHidden + KvxCause::kMaxLength);
     if (record == nullptr) {
+        log(failure.code());
         return;
     }
     char* const end = record->text() + length;
@@ -183,11 +193,15 @@ void kvxRecordFailure(KVX_Exception const& failure) noexcept {
     }
     record->m_HasCause = false;
     record->m_IsCurrent = true;
+    log(failure.code());
 }
 
 std::int32_t kvxRecordFailure(std::int32_t code) noexcept {
     TbErrnoKeeper const keeper;
     setCode(code);
+    if (code != KVX_E_BUFFER_TOO_SMALL) {  // mostly a question for the size
+        log(code);
+    }
     return code;
 }
 

@@ -11,6 +11,8 @@
 #include <limits>
 #include <new>
 
+#include "core/kvxlog.h"
+#include "core/kvxreason.h"
 #include "foundation/tbexception.h"
 #include "jni/kvxmodifiedutf8.h"
 
@@ -172,6 +174,9 @@ void kvxTranslateException(KvxOutcome& outcome) noexcept {
     } catch (KvxPendingException const&) {
         outcome.m_Pending = true;
     } catch (KVX_Exception const& failure) {
+        if (kvxLogIsOn()) {
+            kvxRecordFailure(failure);  // writes the log
+        }
         outcome.m_Code = failure.code();
         try {
             outcome.m_Text = failure.text();
@@ -179,6 +184,9 @@ void kvxTranslateException(KvxOutcome& outcome) noexcept {
             outcome.m_Reason = kOutOfMemory;  // no memory for the text; the code stays
         }
     } catch (TBFC_Exception const& failure) {
+        if (kvxLogIsOn()) {
+            kvxRecordFailure(failure.code());
+        }
         outcome.m_Code = failure.code();
         outcome.m_Reason = failure.code() == KVX_E_OUT_OF_MEMORY ? kOutOfMemory : kUnexpected;
     } catch (std::bad_alloc const&) {

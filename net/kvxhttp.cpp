@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "core/kvxlog.h"
 #include "foundation/tbsystem.h"
 #include "net/kvxdecimal.h"
 #include "net/kvxhttp_address.h"
@@ -71,11 +72,14 @@ std::int32_t proxyStatus(TbString const& reply) {
 void runSession(KVX_RequestInfo const& request, TbStringStream& out) {
     KVX_HttpSession session(request);
     TbStringStream server;
-    server.put(request.scheme);
+    // Parts of a URL with credentials are secret; the log may show them unless they are cut in the wrong place.
+    bool const isShown = kvxLogIsOn() && kvxShowsAddress(request);
+    auto const put = [&](TbString const& part) { isShown ? server.put(part.c_str()) : server.put(part); };
+    put(request.scheme);
     server.put("://");
-    server.put(request.host);
+    put(request.host);
     server.put(":");
-    server.put(request.port);
+    put(request.port);
     kvx::kSourceHttp.trace(kvx::kLineUrlOpen, "URL OPEN", server);
     session.ConnectNetwork();
     session.BuildRequest();

@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "foundation/tblocalstring.h"
 #include "net/kvxdecimal.h"
 #include "net/kvxhttp.h"
 #include "net/kvxhttp_address.h"
@@ -14,8 +15,9 @@ namespace {
 /// The result of address look-ups without an address.
 constexpr std::uint32_t kNoAddress = 0xFFFFFFFFU;
 
-/// Traces what a lookup has found and returns the address.
-std::uint32_t traced(char const* host, KvxLookup const& lookup) {
+/// Traces what a lookup has found and returns the address. A secret host, which may be a piece of a password, makes a
+/// secret record.
+std::uint32_t traced(TbString const& host, KvxLookup const& lookup) {
     if (lookup.m_Outcome == KvxLookup::Outcome::kNoAddress) {
         kvx::kSourceHttp.trace(kvx::kLineLookupFailed, "DNS LOOKUP", "failed to lookup host", KVX_E_HTTP_NAME_LOOKUP);
     }
@@ -24,14 +26,14 @@ std::uint32_t traced(char const* host, KvxLookup const& lookup) {
     }
     char dotted[INET_ADDRSTRLEN] = {};
     ::inet_ntop(AF_INET, &lookup.m_Address, dotted, sizeof dotted);
-    kvx::kSourceHttp.trace(kvx::kLineLookupDone, "DNS LOOKUP", TbString(host) + " -> " + dotted);
+    kvx::kSourceHttp.trace(kvx::kLineLookupDone, "DNS LOOKUP", host + " -> " + dotted);
     return lookup.m_Address;
 }
 
 }  // namespace
 
 std::uint32_t HttpHostByName(char const* host) {
-    return traced(host, kvxLookUp(host));
+    return traced(TbBorrowed(host), kvxLookUp(host));
 }
 
 std::int32_t MakeHostAddr(TbString const& host, TbString const& port, sockaddr* address) {
@@ -48,7 +50,7 @@ std::int32_t kvxMakeHostAddr(TbString const& host, TbString const& port, std::in
         if (lookup.m_Outcome == KvxLookup::Outcome::kLate) {
             return KVX_E_SOCKET_TIMEOUT;
         }
-        ip = traced(name, lookup);
+        ip = traced(host, lookup);
     }
     if (ip == kNoAddress) {
         return KVX_E_HTTP_NAME_LOOKUP;

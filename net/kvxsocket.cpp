@@ -5,19 +5,11 @@
 
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 
 #include "foundation/tbsystem.h"
 #include "net/kvxwait.h"
 
 namespace {
-
-sigset_t onlySigPipe() {
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGPIPE);
-    return set;
-}
 
 /// Waits for the end of a connect that goes on by itself, and returns its result.
 int finishConnect(int socket, KvxDeadline const& end) {
@@ -62,27 +54,6 @@ void keepAlive(int socket) noexcept {
 }
 
 }  // namespace
-
-SigPipeGuard::SigPipeGuard() noexcept {
-    int const failure = errno;
-    sigset_t const pipe = onlySigPipe();
-    sigset_t pending;
-    sigpending(&pending);
-    m_WasPending = sigismember(&pending, SIGPIPE) == 1;
-    pthread_sigmask(SIG_BLOCK, &pipe, &m_Before);
-    errno = failure;
-}
-
-SigPipeGuard::~SigPipeGuard() {
-    int const failure = errno;
-    if (!m_WasPending) {
-        sigset_t const pipe = onlySigPipe();
-        timespec const now = {};
-        tbRetryInterrupted([&] { return sigtimedwait(&pipe, nullptr, &now); });
-    }
-    pthread_sigmask(SIG_SETMASK, &m_Before, nullptr);
-    errno = failure;
-}
 
 KvxBytesToSend::KvxBytesToSend(TbString const& text) : m_Size(text.length()), m_Bytes(text.c_str()) {
     std::size_t const used = TCSLEN(text.buffer());

@@ -2,9 +2,8 @@
 #ifndef TALLOWIN_NET_KVXSOCKET_H
 #define TALLOWIN_NET_KVXSOCKET_H
 
-#include <csignal>
-
 #include "foundation/tbmemory.h"
+#include "foundation/tbsigpipe.h"
 #include "foundation/tbstring.h"
 #include "net/kvxhttp.h"
 
@@ -35,20 +34,6 @@ private:
     std::size_t m_Size;
     char const* m_Bytes;
     TbMemoryHolder m_Copy;  ///< Null when the text can be sent as it is.
-};
-
-/// Keeps a write to a closed peer from raising SIGPIPE, for the calling thread alone: blocks the signal for its own
-/// lifetime and takes away one that was raised meanwhile. Leaves `errno` alone.
-class SigPipeGuard {
-public:
-    SigPipeGuard() noexcept;
-    SigPipeGuard(SigPipeGuard const&) = delete;
-    SigPipeGuard& operator=(SigPipeGuard const&) = delete;
-    ~SigPipeGuard();
-
-private:
-    sigset_t m_Before;         ///< The thread's mask as found.
-    bool m_WasPending = true;  ///< A signal that was pending before stays pending.
 };
 
 #endif
