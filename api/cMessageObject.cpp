@@ -52,9 +52,8 @@ void KVXCIMPL_MessageObject::GetURL(TbString& url) {
         }
     }
     if (m_Outgoing == 0) {
-        KvxCause cause;
-        cause.put("only a message that a factory made has a payment URL");
-        kvx::kSourceMessageObject.failBecause(cause, KVX_E_UNEXPECTED, kvx::kLineUrlOfForeignMessage);
+        kvx::kSourceMessageObject.failBecause("only a message that a factory made has a payment URL", KVX_E_UNEXPECTED,
+                                              kvx::kLineUrlOfForeignMessage);
     }
     TbInPlaceText::handOver(computed, url);
 }
@@ -77,9 +76,7 @@ void KVXCIMPL_MessageObject::FromString(TbString const& text) {
 TbString KVXCIMPL_MessageObject::ToString() {
     TbString text;
     if (!m_Message.ToString(text)) {
-        KvxCause cause;
-        cause.put("the object holds no message");
-        kvx::kSourceMessageObject.failBecause(cause, KVX_E_UNEXPECTED, kvx::kLineNoText);
+        kvx::kSourceMessageObject.failBecause("the object holds no message", KVX_E_UNEXPECTED, kvx::kLineNoText);
     }
     return text;
 }

@@ -110,9 +110,8 @@ void KVX_Context::SetOption(TbString const& name, TbString const& value) {
         m_AutoUrl.keepSecret();
         m_AutoUrl = value;
     } else {
-        KvxCause cause;
-        cause.put("the options are UserName, Password and VTAUTOURL");
-        kvx::kSourceCtx.failBecause(cause, KVX_E_INVALID_OPTION, kvx::kLineSetOption);
+        kvx::kSourceCtx.failBecause("the options are UserName, Password and VTAUTOURL", KVX_E_INVALID_OPTION,
+                                    kvx::kLineSetOption);
     }
 }
 

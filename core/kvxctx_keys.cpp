@@ -40,12 +40,6 @@ constexpr std::size_t kSignatureBytes = 4096;
 constexpr char kKeyRefused[] = ": KEYPIN or MINKEYBITS refuses this key";
 constexpr char kSignatureDoesNotFit[] = ": the signature was not made over this text with this key";
 
-KvxCause cause(char const* words) {
-    KvxCause made;
-    made.put(words);
-    return made;
-}
-
 /// Deliberate (widening-differs): signing widens without sign, verifying with sign. They agree on 7-bit text only.
 enum class Sign { kIgnored, kExtended };
 
@@ -217,7 +211,7 @@ void KVX_Context::requireVerified(KVX_Settings const& settings, TbString const& 
     unsigned long length = sizeof bytes;
     // Deliberate (bad-signature-text): a signature that is no hexadecimal text has the code of a bad key.
     if (kvxHexToBytes(signature.c_str(), signature.length(), bytes, &length) != KVX_OK) {
-        kvx::kSourceCtx.failBecause(cause("the signature is no hexadecimal text"), KVX_E_INVALID_KEY,
+        kvx::kSourceCtx.failBecause("the signature is no hexadecimal text", KVX_E_INVALID_KEY,
                                     kvx::kLineVerifySignatureText);
     }
     if (!holds([&] { return kvxIsAcceptedKey(settings, {key, keyLength}); })) {
@@ -225,7 +219,7 @@ void KVX_Context::requireVerified(KVX_Settings const& settings, TbString const& 
                                     KVX_E_INVALID_SIGNATURE, kvx::kLineVerifyKeyRefused);
     }
     if (settings.m_HasStrictSignature && !holds([&] { return kvxIsCanonicalSignature(signature, {key, keyLength}); })) {
-        kvx::kSourceCtx.failBecause(cause("STRICTSIG wants lower-case digits, as many as the key has"),
+        kvx::kSourceCtx.failBecause("STRICTSIG wants lower-case digits, as many as the key has",
                                     KVX_E_INVALID_SIGNATURE, kvx::kLineVerifySpelling);
     }
     if (!isSignable(data)) {
@@ -252,7 +246,7 @@ void KVX_Context::requireAcceptable(TbString const& keyBlob) {
         return isUsable && kvxIsAcceptedKey(settings, {bytes, length});
     });
     if (!isAccepted) {
-        kvx::kSourceCtx.failBecause(cause("KEYPIN, MINKEYBITS or STRICTKEYS refuses the key that the service sent"),
+        kvx::kSourceCtx.failBecause("KEYPIN, MINKEYBITS or STRICTKEYS refuses the key that the service sent",
                                     KVX_E_INVALID_KEY, kvx::kLineImportKeyRefused);
     }
 }
@@ -268,6 +262,6 @@ bool KVX_Context::hasPrivateKey(TbString const& keyId) {
             throw;
         }
         // A missing file is harmless here, so one that cannot be read has the code of all such files.
-        kvx::kSourceCtx.failBecause(cause(kvxNotedCause()), KVX_E_CANNOT_OPEN, kvx::kLineReadFile, file);
+        kvx::kSourceCtx.failBecause(kvxNotedCause(), KVX_E_CANNOT_OPEN, kvx::kLineReadFile, file);
     }
 }

@@ -30,19 +30,40 @@ char const* const AttributeNames[] = {
 
 namespace {
 
+// Apart from their callers, which succeed mostly and would carry the room for the cause.
+
+[[noreturn, gnu::noinline, gnu::cold]] void failForName(TbString const& name) {
+    kvx::kSourceCtx.failBecause(kvxNameCause(name), KVX_E_INVALID_OPTION, kvx::kLineAttributeName);
+}
+
+[[noreturn, gnu::noinline, gnu::cold]] void failForAttribute(TbString const& name) {
+    KvxCause cause;
+    cause.put("the message has no attribute \"").put(name).put("\"");
+    kvx::kSourceCtx.failBecause(cause, KVX_E_NOT_FOUND, kvx::kLineAttributeNotFound);
+}
+
+[[noreturn, gnu::noinline, gnu::cold]] void failForValue(KVX_Context& account, TbString const& file,
+                                                         TbString const& name, std::int32_t code, long line) {
+    KvxCause cause = kvxFileCause(account.path(), file, name.isEmpty() ? ": is empty" : ": has no ");
+    kvx::kSourceCtx.failBecause(cause.put(name), code, line);
+}
+
+[[noreturn, gnu::noinline, gnu::cold]] void failForKeyId(TbString const& keyId, long line) {
+    kvx::kSourceCtx.failBecause(kvxKeyIdCause(keyId), KVX_E_NOT_FOUND, line);
+}
+
 /// `value` becomes the value `name` in `file`, all of the file for an empty name.
 void require(KVX_Context& account, TbString const& file, TbString const& name, std::int32_t codeWhenMissing, long line,
              TbString& value) {
     if (!account.QueryValue(file, name, value)) {
-        KvxCause cause = kvxFileCause(account.path(), file, name.isEmpty() ? ": is empty" : ": has no ");
-        kvx::kSourceCtx.failBecause(cause.put(name), codeWhenMissing, line);
+        failForValue(account, file, name, codeWhenMissing, line);
     }
 }
 
 /// Signs with the key `keyId`, which the current key file named: like one from outside it must stay in the directory.
 void signAs(KVX_Context& account, TbString const& text, TbString const& keyId, TbString& signature) {
     if (!kvxNamesFileInDirectory(keyId)) {
-        kvx::kSourceCtx.failBecause(kvxKeyIdCause(keyId), KVX_E_NOT_FOUND, kvx::kLineSignNoKey);
+        failForKeyId(keyId, kvx::kLineSignNoKey);
     }
     account.SignData(text, keyId, signature);
 }
@@ -58,9 +79,7 @@ KVX_Context& KVX_Message::boundContext() const {
 
 void KVX_Message::requireElement(long line) const {
     if (m_Element.get() == nullptr) {
-        KvxCause cause;
-        cause.put("the object holds no message");
-        kvx::kSourceCtx.failBecause(cause, KVX_E_UNEXPECTED, line);
+        kvx::kSourceCtx.failBecause("the object holds no message", KVX_E_UNEXPECTED, line);
     }
 }
 
@@ -97,13 +116,11 @@ void KVX_Message::Open(KVX_Context* context, TbString const& data, TbString cons
     }
     TbShortString keyId;
     if (!element->getAttribute(TbBorrowed("KEYID"), keyId)) {
-        KvxCause cause;
-        cause.put("the confirmation has no KEYID");
-        kvx::kSourceCtx.failBecause(cause, KVX_E_NO_KEY_ID, kvx::kLineOpenNoKeyId);
+        kvx::kSourceCtx.failBecause("the confirmation has no KEYID", KVX_E_NO_KEY_ID, kvx::kLineOpenNoKeyId);
     }
     // The shopper chose this name: it must stay in the key directory.
     if (!kvxNamesFileInDirectory(keyId)) {
-        kvx::kSourceCtx.failBecause(kvxKeyIdCause(keyId), KVX_E_NOT_FOUND, kvx::kLineVerifyNoKey);
+        failForKeyId(keyId, kvx::kLineVerifyNoKey);
     }
     account.requireVerified(settings, data, keyId, signature);
     if (settings.m_HasStrictConfirm && account.hasPrivateKey(keyId)) {
@@ -128,7 +145,7 @@ void KVX_Message::Open(KVX_Context* context, TbString const& data, TbString cons
 void KVX_Message::SetAttribute(TbString const& name, TbString const& value) {
     requireElement(kvx::kLineAttributeNoElement);
     if (!kvxIsReadableName(name) && boundContext().settingsForLocalWork().m_HasStrictNames) {
-        kvx::kSourceCtx.failBecause(kvxNameCause(name), KVX_E_INVALID_OPTION, kvx::kLineAttributeName);
+        failForName(name);
     }
     m_Element->setAttribute(name, value);
 }
@@ -136,9 +153,7 @@ void KVX_Message::SetAttribute(TbString const& name, TbString const& value) {
 void KVX_Message::GetAttribute(TbString const& name, TbString& value) {
     requireElement(kvx::kLineAttributeNoElement);
     if (!m_Element->getAttribute(name, value)) {
-        KvxCause cause;
-        cause.put("the message has no attribute \"").put(name).put("\"");
-        kvx::kSourceCtx.failBecause(cause, KVX_E_NOT_FOUND, kvx::kLineAttributeNotFound);
+        failForAttribute(name);
     }
 }
 
@@ -170,9 +185,8 @@ void KVX_Message::Capture() {
     requireConfigured(TbBorrowed("CAPTUREURL"), kvx::kLineCaptureNoUrl, captureUrl);
     TbShortString token;
     if (!m_Element->getAttribute(TbBorrowed("TOKEN"), token)) {
-        KvxCause cause;
-        cause.put("a message without TOKEN cannot be captured");
-        kvx::kSourceCtx.failBecause(cause, KVX_E_UNEXPECTED, kvx::kLineCaptureToken);
+        kvx::kSourceCtx.failBecause("a message without TOKEN cannot be captured", KVX_E_UNEXPECTED,
+                                    kvx::kLineCaptureToken);
     }
     sendSigned(captureUrl, text, TbBorrowed("PayConfirm"));
 }

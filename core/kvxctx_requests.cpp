@@ -63,9 +63,8 @@ void KVX_Context::composeUrl(TbString const& baseUrl, TbStringStream const& mess
                              TbString& url) {
     std::uint32_t const position = baseUrl.find(kAuthority);
     if (position == TbString::npos || position == 0) {
-        KvxCause cause;
-        cause.put("the address of the service has no \"://\"");
-        kvx::kSourceCtx.failBecause(cause, KVX_E_INVALID_URL, kvx::kLineRequestUrl);
+        kvx::kSourceCtx.failBecause("the address of the service has no \"://\"", KVX_E_INVALID_URL,
+                                    kvx::kLineRequestUrl);
     }
     std::uint32_t const begin = position + kAuthorityLength;
     // Deliberate (url-counts-old-text): the length of `url` decides how much of the rest is used; with an empty one the

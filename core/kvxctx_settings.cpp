@@ -234,9 +234,8 @@ KVX_Settings KVX_Context::settingsForExchange() {
         if (SplitUrl(file, parts) == 0) {
             kvx::kSourceUrl.fail(KVX_E_HTTP_BAD_URL, kvx::kLineSplitUrl);
         }
-        KvxCause cause;
-        cause.put("the path of the configuration directory reads like a URL");
-        kvx::kSourceCtx.failBecause(cause, KVX_E_HTTP_BAD_URL, kvx::kLineSettingsReentry);
+        kvx::kSourceCtx.failBecause("the path of the configuration directory reads like a URL", KVX_E_HTTP_BAD_URL,
+                                    kvx::kLineSettingsReentry);
     }
     TbString text;
     return QueryValueOrAbsent(kvx::kSettingsFile, "", text) ? settingsOf(m_Path, text) : noSettingsOf(m_Path);

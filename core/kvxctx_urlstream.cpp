@@ -38,9 +38,8 @@ void KVX_Context::StreamFromURL(TbString const& url, TbStringStream& out) {
     }
     KVX_RequestInfo request;
     if (SplitUrl(url, request) == 0) {
-        KvxCause cause;
-        cause.put("the address is not of the form http://host:port/path");
-        kvx::kSourceUrl.failBecause(cause, KVX_E_HTTP_BAD_URL, kvx::kLineSplitUrl);
+        kvx::kSourceUrl.failBecause("the address is not of the form http://host:port/path", KVX_E_HTTP_BAD_URL,
+                                    kvx::kLineSplitUrl);
     }
     KVX_Settings const settings = settingsForExchange();
     request.transfer = settings.m_Transfer;

@@ -35,6 +35,10 @@ public:
         throw KVX_Exception(code, detail, m_Name, line);
     }
 
+    /// The same with a cause of fixed words; the caller needs no room for it.
+    [[noreturn, gnu::cold]] void failBecause(char const* words, std::int32_t code, long line,
+                                             TbString const& detail = TbString()) const;
+
     /// Writes the trace record of a failure that its caller deals with, without raising it.
     void traceFailure(std::int32_t code, long line) const { KVX_Exception const handled(code, "", m_Name, line); }
 
