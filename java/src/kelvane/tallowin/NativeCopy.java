@@ -34,9 +34,9 @@ import java.util.stream.Collectors;
 
 /**
  * A copy of the jar's library in a private directory below the temporary directory, kept until the JVM has mapped it.
- * Closing removes the directory; the mapping remains, for ever: the library is never unmapped. So that a class loader does
- * not cost a mapping of its own when another one is gone, its copy is {@linkplain #moveTo moved} to the place where the copy of
- * the other was loaded: at the same place, the system finds the mapping that it has.
+ * Closing removes the directory; the mapping remains, for ever: the library is never unmapped. So that a class loader
+ * does not cost a mapping of its own when another one is gone, its copy is {@linkplain #moveTo moved} to the place where
+ * the copy of the other was loaded: at the same place, the system finds the mapping that it has.
  *
  * <p>A killed process leaves its directory behind, so each extraction also removes abandoned directories. Each
  * directory contains a lock file that its process keeps locked, which shows whether the process still runs:
@@ -130,8 +130,8 @@ final class NativeCopy implements AutoCloseable {
     }
 
     /**
-     * The directories from which this JVM has mapped a copy with the same content, which were removed since. A class loader
-     * that is alive may still use the mapping. Empty when the system does not list mappings, or may not be asked.
+     * The directories from which this JVM has mapped a copy with the same content, which were removed since. A class
+     * loader that is alive may still use the mapping. Empty when the system does not list mappings, or may not be asked.
      */
     List<Path> mappedPlaces() {
         Pattern place = Pattern.compile("^\\S+ r-x.*? (/(?:.*/)?" + Pattern.quote(name) + "[^/]*)/"

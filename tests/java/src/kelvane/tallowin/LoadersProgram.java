@@ -14,8 +14,8 @@ import java.util.concurrent.TimeUnit;
 import java.util.stream.Stream;
 
 /**
- * Creates class loaders one after the other, as a server does that deploys an application again and again. Each takes the
- * library out of the jar and uses it; {@link #ALIVE} of them are kept at a time, older ones are collected. Prints, for
+ * Creates class loaders one after the other, as a server does that deploys an application again and again. Each takes
+ * the library out of the jar and uses it; {@link #ALIVE} of them are kept at a time, older ones are collected. Prints, for
  * {@link LoaderCyclesTest}, after each tenth of the rounds how many copies of the library are mapped, how much address
  * space is in use below 2 GiB, where the library keeps its objects, and the resident size.
  *
@@ -103,7 +103,8 @@ public final class LoadersProgram {
     /** The address space in use below 2 GiB. */
     private static long lowKiB() throws Exception {
         try (Stream<String> mappings = Files.lines(Path.of("/proc/self/maps"))) {
-            return mappings.map(line -> line.split("[- ]", 3)).filter(ends -> Long.parseUnsignedLong(ends[1], 16) >>> 31 == 0)
+            return mappings.map(line -> line.split("[- ]", 3))
+                    .filter(ends -> Long.parseUnsignedLong(ends[1], 16) >>> 31 == 0)
                     .mapToLong(ends -> Long.parseLong(ends[1], 16) - Long.parseLong(ends[0], 16)).sum() / 1024;
         }
     }
