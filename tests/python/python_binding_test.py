@@ -275,22 +275,25 @@ class PythonObjects(MerchantCase):
             thread.join(TIMEOUT_SECONDS)
         self.assertEqual(failures, [])
 
-    def test_let_other_threads_run_during_a_request(self):
+    def test_let_other_threads_run_during_a_request_but_none_on_the_same_object(self):
         self.set_up()
         self.arm(kind="stall-before", exchange="setup", seconds=TIMEOUT_SECONDS)
-        ended = []
         setup = ConfigurationSetup(self.merchant)
-        waiting = threading.Thread(target=lambda: ended.append(self.check("KVX_E_HTTP_BAD_REPLY", setup.reconfigure,
-                                                                          self.service, "demo", "demo")))
-        waiting.start()
-        body = ""
-        while '"stall-before"' in (body := Browser.request(self.addresses["control"] + "/faults")[2]):
+        requesting = threading.Thread(target=self.check,
+                                      args=("KVX_E_HTTP_BAD_REPLY", setup.reconfigure, self.service, "demo", "demo"))
+        requesting.start()
+        while '"stall-before"' in Browser.request(self.addresses["control"] + "/faults")[2]:
             pass  # until the service has taken the request
-        self.assertNotEqual(self.order(self.factory()).get_url(), "", body)
-        self.assertEqual(ended, [])
+        reading = threading.Thread(target=setup.get_attribute, args=("config.xml", "VTURL"))
+        reading.start()
+        for _ in range(100):
+            self.assertNotEqual(self.order(self.factory()).get_url(), "")
+        self.assertTrue(requesting.is_alive())
+        self.assertTrue(reading.is_alive())
         self.stop_sandbox()
-        waiting.join(TIMEOUT_SECONDS)
-        self.assertEqual(len(ended), 1)
+        for thread in (requesting, reading):
+            thread.join(TIMEOUT_SECONDS)
+            self.assertFalse(thread.is_alive())
         setup.close()
 
     def test_work_in_a_forked_child(self):
