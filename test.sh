@@ -71,6 +71,7 @@ case "$mode" in
         install) targets+=(tallowin tallowin_static java/all) ;;
         python | php | node) targets+=(tallowin tallowin-sandbox) ;;
         examples | browser) targets+=(examples/all tallowin-sandbox) ;;
+        tools) targets+=(tools/all tallowin-sandbox) ;;
         fuzz) targets+=(fuzz/all) ;;
         scripts) ;;
         *) targets+=("tests/$label/all") ;;

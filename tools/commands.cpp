@@ -1,5 +1,7 @@
 #include "tools/commands.h"
 
+#include <tallowin/tallowin.h>
+
 #include <utility>
 
 namespace tool {
@@ -28,7 +30,12 @@ CLI::App* addCommand(CommandLine& line, CLI::App& parent, std::string const& nam
     return command;
 }
 
-void addAllCommands(CommandLine& line) {
+void declareProgram(CommandLine& line) {
+    line.m_App.set_help_flag("-h,--help", "print this help");
+    line.m_App.set_version_flag("--version",
+                                std::string("tallowin ") + TALLOWIN_VERSION_STRING + ", library " + KVX_GetVersion(),
+                                "print the versions of program and library");
+    line.m_App.require_subcommand(1);
     addSetup(line);
     addPay(line);
     addVerify(line);

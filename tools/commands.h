@@ -1,7 +1,7 @@
 /// The commands of the program `tallowin`.
 ///
-/// A command is one source, `commands_NAME.cpp`: its options and what it does. `allCommands()` lists them; help,
-/// completion and manual pages are made from what they declare.
+/// A command is one source, `commands_NAME.cpp`: its options and what it does. `declareProgram()` lists them; help,
+/// completion and manual pages are made from what they declare. A command's footer is the text of its manual page.
 #ifndef TALLOWIN_TOOLS_COMMANDS_H
 #define TALLOWIN_TOOLS_COMMANDS_H
 
@@ -35,8 +35,11 @@ CLI::App* addCommand(CommandLine& line, CLI::App& parent, std::string const& nam
 /// Refuses an empty value: usually a variable of a script that is not set.
 extern CLI::Validator const kNotEmpty;
 
-/// Adds every command.
-void addAllCommands(CommandLine& line);
+/// What the program does, in one line.
+constexpr char const* kProgramSummary = "payments of one merchant account: set up, pay, verify, capture, inspect";
+
+/// Declares the whole command line: options of the program, every command.
+void declareProgram(CommandLine& line);
 
 void addCapture(CommandLine& line);
 void addComplete(CommandLine& line);

@@ -44,6 +44,12 @@ void addCapture(CommandLine& line) {
     CLI::App* const command =
         addCommand(line, line.m_App, "capture", "check a confirmation and capture its payment", Needs::kDirectory,
                    [options](Session& session) { runCapture(session, *options); });
+    command->footer(
+        "Checks the confirmation like verify and sends it for capture only when every check passes. After a failure of "
+        "the "
+        "network the service may have captured the payment all the same; the message says so. Ask the service before "
+        "you "
+        "repeat.");
     addConfirmationOptions(*command, options->m_Source);
     addExpectedOptions(*command, options->m_Expected);
 }

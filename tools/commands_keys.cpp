@@ -70,10 +70,18 @@ void prune(Session& session, PruneOptions const& options) {
 void addKeys(CommandLine& line) {
     CLI::App* const keys = line.m_App.add_subcommand("keys", "list keys, remove old ones");
     keys->require_subcommand(1);
-    addCommand(line, *keys, "list", "list all keys and what they are for", Needs::kDirectory, list);
+    keys->footer("Every set-up makes a key pair and leaves the old ones.");
+    addCommand(line, *keys, "list", "list all keys and what they are for", Needs::kDirectory, list)
+        ->footer(
+            "current signs new messages; old signed those of earlier set-ups; new was made by a set-up that has not "
+            "ended or has failed; server signs confirmations; other is an earlier key of the service.");
     auto const options = std::make_shared<PruneOptions>();
     CLI::App* const command = addCommand(line, *keys, "prune", "remove own keys of earlier set-ups", Needs::kDirectory,
                                          [options](Session& session) { prune(session, *options); });
+    command->footer(
+        "Removes both halves of own keys that are older than the current one and were replaced long enough ago that no "
+        "process can still sign with them. Keys that a running set-up may be publishing stay, and so do those of the "
+        "service.");
     command->add_option("--older-than", options->m_Hours, "keep keys that were replaced fewer hours ago than this")
         ->type_name("HOURS")
         ->check(CLI::Range(0U, 1000000U))

@@ -174,6 +174,10 @@ void addPay(CommandLine& line) {
     auto const payment = std::make_shared<Payment>();
     CLI::App* const command = addCommand(line, line.m_App, "pay", "print the signed address of a new payment",
                                          Needs::kDirectory, [payment](Session& session) { pay(session, *payment); });
+    command->footer(
+        "Makes a payment with a new token and the defaults of the account, signs it, and prints the address that the "
+        "shopper "
+        "opens. Nothing is sent. Keep the token with the order: verify compares it.");
     command->add_option("--amount", payment->m_Amount, "attribute AMOUNT, such as 12.50")
         ->type_name("AMOUNT")
         ->check(kNotEmpty);

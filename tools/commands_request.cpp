@@ -66,6 +66,7 @@ void addComplete(CommandLine& line) {
     auto const options = std::make_shared<CompleteOptions>();
     CLI::App* const command = addCommand(line, line.m_App, "complete", "complete a payment", Needs::kDirectory,
                                          [options](Session& session) { complete(session, *options); });
+    command->footer("Sends a PayComplete request and prints the attributes of the response.");
     command->add_option("--id", options->m_Id, "the service's number of the payment: ID of the confirmation")
         ->type_name("ID")
         ->required()
@@ -81,6 +82,9 @@ void addRequest(CommandLine& line) {
     auto const options = std::make_shared<RequestOptions>();
     CLI::App* const command = addCommand(line, line.m_App, "request", "send a request of any type", Needs::kDirectory,
                                          [options](Session& session) { request(session, *options); });
+    command->footer(
+        "Sends a signed request of the type TYPE, which becomes TYPERequest, and prints the attributes of the "
+        "response.");
     command->add_option("type", options->m_Type, "type of the message, such as Status for a StatusRequest")
         ->type_name("TYPE")
         ->required()

@@ -49,7 +49,9 @@ void addSandbox(CommandLine& line) {
     CLI::App* const command = line.m_App.add_subcommand("sandbox", "start a payment service on this machine");
     command->prefix_command();
     command->set_help_flag();
-    command->footer("All arguments are those of tallowin-sandbox.");
+    command->footer(
+        "Takes the place of this program with tallowin-sandbox, which is looked for in TALLOWIN_SANDBOX, beside this "
+        "program and in the path. All arguments are those of tallowin-sandbox; --data DIR is required.");
     command->callback([&line, command] {
         line.m_Session.m_Command = "sandbox";
         line.m_Action = [command](Session const& session) { startSandbox(session, command->remaining()); };

@@ -285,11 +285,20 @@ void addSetup(CommandLine& line) {
     auto const options = std::make_shared<SetupOptions>();
     CLI::App* const command = addCommand(line, line.m_App, "setup", "prepare the configuration directory of an account",
                                          Needs::kDirectory, [options](Session& session) { setUp(session, *options); });
+    command->footer(
+        "Makes the directory, gets the account's configuration, defaults and the key of the service, makes a key pair "
+        "and "
+        "publishes its public half. The password is the first line of --password-file, or is asked for on the "
+        "terminal, or "
+        "is the first line of standard input; it is never an argument.\n\n"
+        "A new directory appears complete or not at all, with the protective settings of PROFILE=\"strict\" unless "
+        "--plain "
+        "is given. In a directory that exists the files are replaced one after the other, the current key last.");
     command
         ->add_option("url", options->m_Url,
                      "address of the service's configuration; may be left out when the directory has one")
         ->type_name("URL");
-    command->add_option("--user", options->m_User, "user name of the account")->type_name("USER")->required();
+    command->add_option("--user", options->m_User, "user name of the account")->type_name("NAME")->required();
     command
         ->add_option("--password-file", options->m_PasswordFile,
                      "file whose first line is the password, - for standard input; else the terminal or standard input")

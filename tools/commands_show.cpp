@@ -74,7 +74,9 @@ void show(Session& session) {
 }  // namespace
 
 void addShow(CommandLine& line) {
-    addCommand(line, line.m_App, "show", "show what the directory holds", Needs::kDirectory, show);
+    CLI::App* const command =
+        addCommand(line, line.m_App, "show", "show what the directory holds", Needs::kDirectory, show);
+    command->footer("Addresses, key ids, settings, defaults, and the modes of the files. Nothing secret is shown.");
 }
 
 }  // namespace tool

@@ -118,7 +118,9 @@ void setValue(Session& session, ValueOptions const& options) {
 }
 
 void addFile(CLI::App& command, std::string& file) {
-    command.add_option("file", file, "file of the directory, such as settings.xml")->type_name("FILE")->required();
+    command.add_option("file", file, "file of the directory, such as settings.xml")
+        ->type_name("ACCOUNT-FILE")
+        ->required();
 }
 
 }  // namespace
@@ -128,6 +130,9 @@ void addGet(CommandLine& line) {
     CLI::App* const command =
         addCommand(line, line.m_App, "get", "print a value of a file of the directory", Needs::kDirectory,
                    [options](Session& session) { getValue(session, *options); });
+    command->footer(
+        "Prints the value byte by byte; on a terminal, control characters become escapes. Private keys are not "
+        "printed.");
     addFile(*command, options->m_File);
     command->add_option("name", options->m_Name, "name of the value, such as VTURL; the whole file without it")
         ->type_name("NAME");
@@ -138,6 +143,10 @@ void addSet(CommandLine& line) {
     CLI::App* const command =
         addCommand(line, line.m_App, "set", "change a value of a file of the directory", Needs::kDirectory,
                    [options](Session& session) { setValue(session, *options); });
+    command->footer(
+        "Replaces one value and keeps the others. settings.xml is made when it is missing; other files must exist. The "
+        "file "
+        "keeps its first element only.");
     addFile(*command, options->m_File);
     command->add_option("name", options->m_Name, "name of the value, such as TLSVERIFY")->type_name("NAME")->required();
     CLI::Option* const value = command->add_option("value", options->m_Value, "the new value")->type_name("VALUE");

@@ -33,6 +33,12 @@ void addVerify(CommandLine& line) {
     CLI::App* const command =
         addCommand(line, line.m_App, "verify", "check a confirmation against what an order expects", Needs::kDirectory,
                    [options](Session& session) { runVerify(session, *options); });
+    command->footer(
+        "Exit status 0 means that the service signed this confirmation and that it says what was expected: a payment "
+        "that is "
+        "authorised, with the token, amount, currency and order of the options. What no option names is not compared, "
+        "and "
+        "the report says so. The shop itself must make sure that the token was not used before.");
     addConfirmationOptions(*command, options->m_Source);
     addExpectedOptions(*command, options->m_Expected);
 }

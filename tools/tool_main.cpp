@@ -2,8 +2,6 @@
 // Exit status 0: the command succeeded and, for commands that check, the answer is yes. 1: it failed, or the answer is
 // no, or the report could not be written. 2: the command line is wrong. Messages about wrong arguments never repeat an
 // argument that no option expects: it may be a password in the wrong place.
-#include <tallowin/tallowin.h>
-
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <csignal>
@@ -66,13 +64,9 @@ int endOfParsing(CLI::App const& app, CLI::ParseError const& end, tool::Session&
 }
 
 int run(int argc, char** argv, tool::Session& session) {
-    CLI::App app("Sets up, pays, verifies, captures and inspects payments of one merchant account.", "tallowin");
-    app.set_version_flag("--version",
-                         std::string("tallowin ") + TALLOWIN_VERSION_STRING + ", library " + KVX_GetVersion(),
-                         "print the versions of program and library");
-    app.require_subcommand(1);
+    CLI::App app(tool::kProgramSummary, "tallowin");
     tool::CommandLine line{app, session, {}};
-    addAllCommands(line);
+    declareProgram(line);
     try {
         app.parse(argc, argv);
     } catch (CLI::ParseError const& end) {
