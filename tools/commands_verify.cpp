@@ -1,8 +1,11 @@
 // `tallowin verify`: whether a confirmation is genuine and pays the order that the options describe.
 
+#include <optional>
+
 #include "tools/commands.h"
 #include "tools/confirmationinput.h"
 #include "tools/verification.h"
+#include "tools/verify_explain.h"
 
 namespace tool {
 
@@ -11,14 +14,49 @@ namespace {
 struct VerifyOptions {
     ConfirmationSource m_Source;
     Expected m_Expected;
+    ExplainOptions m_Explain;
 };
+
+/// The attributes of a confirmation as the options expect them.
+Attributes expectedAttributes(Expected const& expected) {
+    Attributes attributes;
+    for (auto const& [name, value] : Attributes{{"TOKEN", expected.m_Token},
+                                                {"AMOUNT", expected.m_Amount},
+                                                {"CURRENCY", expected.m_Currency},
+                                                {"ORDERID", expected.m_Order},
+                                                {"RESULT", expected.m_Result}}) {
+        if (!value.empty()) {
+            attributes.emplace_back(name, value);
+        }
+    }
+    return attributes;
+}
+
+/// The confirmation with its checks; nothing after its refusal was explained.
+std::optional<Verification> verifyOrExplain(Session& session, std::string const& directory,
+                                            ConfirmationInput const& confirmation, VerifyOptions const& options) {
+    try {
+        return verify(directory, confirmation, options.m_Expected);
+    } catch (ToolFailure const& failure) {
+        if (!options.m_Explain.m_Explains) {
+            throw;
+        }
+        explainRefusal(session, directory,
+                       {confirmation.m_Data, confirmation.m_Signature, expectedAttributes(options.m_Expected)},
+                       options.m_Explain, failure);
+        return std::nullopt;
+    }
+}
 
 void runVerify(Session& session, VerifyOptions const& options) {
     std::string const directory = session.accountDirectory();
     ConfirmationInput const confirmation = readConfirmation(session.streams(), options.m_Source);
-    Verification const verification = verify(directory, confirmation, options.m_Expected);
-    report(session, verification);
-    if (verification.hasPassed()) {
+    std::optional<Verification> const verification = verifyOrExplain(session, directory, confirmation, options);
+    if (!verification) {
+        return;
+    }
+    report(session, *verification);
+    if (verification->hasPassed()) {
         session.line("The confirmation is genuine and says what was expected.", Emphasis::kStrong);
         return;
     }
@@ -41,6 +79,7 @@ void addVerify(CommandLine& line) {
         "the report says so. The shop itself must make sure that the token was not used before.");
     addConfirmationOptions(*command, options->m_Source);
     addExpectedOptions(*command, options->m_Expected);
+    addExplainOptions(*command, options->m_Explain);
 }
 
 }  // namespace tool
