@@ -70,6 +70,7 @@ case "$mode" in
       case $label in
         install) targets+=(tallowin tallowin_static java/all) ;;
         python | php | node) targets+=(tallowin tallowin-sandbox) ;;
+        docs) targets+=(tests/docs/all tallowin tallowin-sandbox tallowin_tool) ;;
         examples | browser) targets+=(examples/all tallowin-sandbox) ;;
         tools) targets+=(tools/all tallowin-sandbox) ;;
         fuzz) targets+=(fuzz/all) ;;
