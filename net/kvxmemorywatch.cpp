@@ -42,7 +42,10 @@ bool kvxHasLackedMemory() noexcept {
 }
 
 bool kvxHasErrorQueue() noexcept {
-    ERR_raise(ERR_LIB_USER, ERR_R_INTERNAL_ERROR);
+    // What ERR_raise does, without the name of this file, which would put the place of the build into the library.
+    ERR_new();
+    ERR_set_debug("kvxmemorywatch.cpp", 0, "kvxHasErrorQueue");
+    ERR_set_error(ERR_LIB_USER, ERR_R_INTERNAL_ERROR, nullptr);
     bool const hasEntry = ERR_peek_error() != 0;
     ERR_clear_error();
     return hasEntry;
