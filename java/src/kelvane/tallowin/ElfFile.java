@@ -11,6 +11,7 @@ import java.nio.file.Files;
 import java.util.Arrays;
 import java.util.List;
 import java.util.Locale;
+import java.util.stream.Collectors;
 
 /**
  * The header of a shared library: the machine it was built for, and whether the file is complete.
@@ -104,6 +105,11 @@ final class ElfFile {
         String name = osArch.toLowerCase(Locale.ROOT);
         Machine machine = Machine.named(name);
         return machine == null ? name : machine.names.get(0);
+    }
+
+    /** The jar's names for all machines in the table. */
+    static List<String> architectures() {
+        return Arrays.stream(Machine.values()).map(machine -> machine.names.get(0)).collect(Collectors.toList());
     }
 
     /** Whether a JVM on {@code osArch} can load the file; also true when both machines are unknown. */

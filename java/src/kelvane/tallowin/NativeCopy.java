@@ -87,7 +87,19 @@ final class NativeCopy implements AutoCloseable {
     /** The path of this platform's library in the jar, relative to the package. */
     static String resource() {
         String system = System.getProperty("os.name").toLowerCase(Locale.ROOT);
-        return "lib/" + system + "-" + ElfFile.architecture(System.getProperty("os.arch")) + "/" + NativeLibrary.FILE;
+        return resource(system + "-" + ElfFile.architecture(System.getProperty("os.arch")));
+    }
+
+    private static String resource(String platform) {
+        return "lib/" + platform + "/" + NativeLibrary.FILE;
+    }
+
+    /** The platforms of the libraries that the jar has, such as "linux-x86, linux-x86_64"; "none" when it has none. */
+    private static String platforms() {
+        String found = ElfFile.architectures().stream().map(machine -> "linux-" + machine)
+                .filter(platform -> NativeCopy.class.getResource(resource(platform)) != null)
+                .collect(Collectors.joining(", "));
+        return found.isEmpty() ? "none" : found;
     }
 
     /**
@@ -101,7 +113,7 @@ final class NativeCopy implements AutoCloseable {
         byte[] content = read(resource());
         if (content == null) {
             throw new LoadProblem("the jar has none for this platform (os.name " + System.getProperty("os.name")
-                    + ", os.arch " + System.getProperty("os.arch") + ")",
+                    + ", os.arch " + System.getProperty("os.arch") + "); it has: " + platforms(),
                     "Build it on this platform and name it with -D" + NativeLibrary.PROPERTY + "=PATH.", null);
         }
         byte[] hash = read(resource() + ".sha256");

@@ -15,6 +15,7 @@ import java.nio.ByteOrder;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.Path;
+import java.nio.file.StandardCopyOption;
 import java.nio.file.attribute.PosixFilePermissions;
 import java.security.MessageDigest;
 import java.util.ArrayList;
@@ -203,9 +204,35 @@ public class NativeLibraryTest {
     @Test
     public void explainsThatTheJarHasNoLibraryForThisPlatform() throws Exception {
         String output = machine().set("os.arch", "Quantum").set("os.name", "Plan 9").run("load");
-        assertRefused(output, "the jar has none for this platform (os.name Plan 9, os.arch Quantum)",
+        assertRefused(output, "the jar has none for this platform (os.name Plan 9, os.arch Quantum); "
+                + "it has: linux-",
                 "lib/plan 9-quantum/libtallowin.so in the jar", "name it with -D" + PROPERTY + "=PATH");
         assertNothingLeft(output);
+    }
+
+    @Test
+    public void choosesTheLibraryOfTheJarByTheProcessor() throws Exception {
+        String here = ElfFile.architecture(System.getProperty("os.arch"));
+        Path classes = unpackedJar();
+        for (String machine : ElfFile.architectures()) {
+            if (!machine.equals(here)) {
+                Path directory = classes.resolve("kelvane/tallowin/lib/linux-" + machine);
+                Path other = Files.copy(elf(machine, 64, 0x1000), Files.createDirectories(directory).resolve(FILE),
+                                        StandardCopyOption.REPLACE_EXISTING);
+                Files.writeString(directory.resolve(FILE + ".sha256"), sha256(Files.readAllBytes(other)));
+            }
+        }
+        String[][] rows = {
+            {"aarch64", "aarch64"}, {"arm", "arm"}, {"i386", "x86"}, {"i686", "x86"}, {"x86", "x86"}, {"amd64", "x86_64"},
+        };
+        for (String[] row : rows) {
+            String output = new LoaderJvm(classes, temporary).set("os.arch", row[0]).run("load");
+            if (row[1].equals(here)) {
+                assertSays(output, "loaded\n", "(deleted)");
+            } else {
+                assertRefused(output, "it was built for 64-bit ELF machine 4096", "lib/linux-" + row[1] + "/" + FILE);
+            }
+        }
     }
 
     @Test
