@@ -4,7 +4,7 @@
 #
 #   lib      what programs load: libtallowin.so.1
 #   dev      what programs are built with: headers, the archive, package config, pkg-config
-#   java     tallowin.jar
+#   java     tallowin.jar, its sources and reference, and its POM, in the layout of a Maven repository
 #   tools    the command line
 #   sandbox  the sandbox, and its unit for systemd's user manager
 #   doc      pages and examples

@@ -15,7 +15,7 @@ complain() {
 declare -A own=(
   [lib]="$libdir/libtallowin.so.1"
   [dev]="$libdir/libtallowin.so $libdir/libtallowin.a include/tallowin/tallowin.h $libdir/pkgconfig/tallowin.pc"
-  [java]="share/java/tallowin.jar"
+  [java]="share/java/tallowin.jar share/maven-repo"
   [tools]="bin/tallowin"
   [sandbox]="bin/tallowin-sandbox lib/systemd/user/tallowin-sandbox.service share/man/man1/tallowin-sandbox.1"
   [doc]="share/doc/tallowin/README.md share/doc/tallowin/docs/abi.md share/doc/tallowin/examples/c/payment.c"

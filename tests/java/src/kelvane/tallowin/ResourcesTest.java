@@ -3,19 +3,25 @@ package kelvane.tallowin;
 import static org.junit.Assert.assertArrayEquals;
 import static org.junit.Assert.assertEquals;
 import static org.junit.Assert.assertFalse;
+import static org.junit.Assert.assertNull;
 import static org.junit.Assert.assertTrue;
 
 import java.io.DataInputStream;
 import java.io.IOException;
 import java.io.InputStream;
+import java.io.StringReader;
 import java.lang.module.ModuleDescriptor;
 import java.lang.reflect.Modifier;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.security.MessageDigest;
+import java.time.LocalDateTime;
+import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
+import java.util.Map;
+import java.util.Properties;
 import java.util.Set;
 import java.util.TreeSet;
 import java.util.concurrent.TimeUnit;
@@ -31,12 +37,15 @@ import org.junit.rules.TemporaryFolder;
 import org.junit.rules.Timeout;
 
 /**
- * The content of the jar: module descriptor, class file version, public classes, native library with its hash,
- * manifest, and the configuration for native images. Also runs a program that uses the jar as a named module.
+ * The content of the jar: order and times, module descriptor, class file version, public classes, native library with its
+ * hash, manifest, Maven coordinates, and the configuration for native images. Also runs a program that uses the jar from
+ * the module path and from the class path.
  */
 public class ResourcesTest {
     private static final int LIMIT_SECONDS = 60;
     private static final String NATIVE_IMAGE = "META-INF/native-image/kelvane.tallowin/tallowin/";
+
+    private static final String MAVEN = "META-INF/maven/kelvane.tallowin/tallowin/";
 
     /** The class file version of Java 11. */
     private static final int CLASS_FILE_VERSION = 55;
@@ -79,6 +88,7 @@ public class ResourcesTest {
         try (InputStream input = jar.getInputStream(jar.getEntry("module-info.class"))) {
             ModuleDescriptor module = ModuleDescriptor.read(input);
             assertEquals("kelvane.tallowin", module.name());
+            assertEquals(version(), module.rawVersion().orElse("none"));
             assertEquals("[kelvane.tallowin]", module.exports().toString());
             assertEquals("[java.base]", module.requires().stream().map(ModuleDescriptor.Requires::name)
                          .collect(Collectors.toList()).toString());
@@ -136,7 +146,38 @@ public class ResourcesTest {
     public void theManifestNamesTheVersion() throws IOException {
         var attributes = jar.getManifest().getMainAttributes();
         assertEquals("Tallowin", attributes.getValue("Implementation-Title"));
-        assertTrue(attributes.getValue("Implementation-Version").matches("[0-9]+\\.[0-9]+\\.[0-9]+"));
+        assertTrue(version().matches("[0-9]+\\.[0-9]+\\.[0-9]+"));
+        assertNull("a module needs no other name", attributes.getValue("Automatic-Module-Name"));
+    }
+
+    private String version() throws IOException {
+        return jar.getManifest().getMainAttributes().getValue("Implementation-Version");
+    }
+
+    @Test
+    public void theManifestIsFirstAndTheRestIsSorted() {
+        List<String> names = jar.stream().map(entry -> entry.getName()).collect(Collectors.toList());
+        assertEquals(List.of("META-INF/", "META-INF/MANIFEST.MF"), names.subList(0, 2));
+        List<String> rest = names.subList(2, names.size());
+        assertEquals(rest.stream().sorted().collect(Collectors.toList()), rest);
+    }
+
+    @Test
+    public void everyEntryHasTheSameTime() {
+        jar.stream().forEach(entry -> {
+            assertEquals(entry.getName(), LocalDateTime.of(1980, 2, 1, 0, 0), entry.getTimeLocal());
+            assertNull(entry.getName() + " has a time in a time zone or an owner", entry.getExtra());
+        });
+    }
+
+    @Test
+    public void theMavenCoordinatesAreThoseOfThePom() throws IOException {
+        Properties properties = new Properties();
+        properties.load(new StringReader(textOf(MAVEN + "pom.properties")));
+        assertEquals(Map.of("groupId", "kelvane.tallowin", "artifactId", "tallowin", "version", version()), properties);
+        String pom = textOf(MAVEN + "pom.xml");
+        properties.forEach((name, value) ->
+                assertTrue(pom, pom.contains("<" + name + ">" + value + "</" + name + ">")));
     }
 
     /** The members that native code looks up: class, then member with its parameter types. */
@@ -207,6 +248,7 @@ public class ResourcesTest {
         + "            message.FromString(\"<KVX AMOUNT=\\\"12.50\\\"/>\");\n"
         + "            System.out.print(MessageObject.class.getModule() + \" \");\n"
         + "            System.out.println(message.GetAttribute(\"AMOUNT\"));\n"
+        + "            System.out.println(\"version \" + MessageObject.class.getPackage().getImplementationVersion());\n"
         + "            message.GetAttribute(\"none\");\n"
         + "        } catch (KVXException failure) {\n"
         + "            System.out.println(failure.getMessage());\n"
@@ -214,24 +256,44 @@ public class ResourcesTest {
         + "    }\n"
         + "}\n";
 
-    @Test
-    public void aProgramUsesTheJarAsANamedModule() throws Exception {
+    /** The classes of the program; with a module descriptor when {@code asModule}. */
+    private Path program(boolean asModule) throws IOException {
         Path sources = Files.createDirectories(folder.newFolder().toPath().resolve("shop"));
         Path classes = folder.newFolder().toPath();
-        List<Path> files = List.of(Files.writeString(sources.resolveSibling("module-info.java"), SHOP_MODULE),
-                                   Files.writeString(sources.resolve("Shop.java"), SHOP_PROGRAM));
-        Variant.compile(classes, files, "-p", Given.jar().toString());
+        List<Path> files = new ArrayList<>(List.of(Files.writeString(sources.resolve("Shop.java"), SHOP_PROGRAM)));
+        if (asModule) {
+            files.add(Files.writeString(sources.resolveSibling("module-info.java"), SHOP_MODULE));
+        }
+        Variant.compile(classes, files, asModule ? "-p" : "-cp", Given.jar().toString());
+        return classes;
+    }
+
+    /** Runs the program with each installed virtual machine, which prints the classes' module and the package's version. */
+    private void check(String module, String version, List<String> options, String... main) throws Exception {
         for (Path home : Given.javaHomes()) {
             ForkedJvm.Result result = new ForkedJvm(home, folder.newFolder().toPath())
-                    .options("-Xcheck:jni", "-p", Given.jar() + ":" + classes)
-                    .run(LIMIT_SECONDS, "-m", "shop/shop.Shop");
+                    .options(options.toArray(String[]::new)).run(LIMIT_SECONDS, main);
             String report = home + ": " + result;
             assertEquals(report, 0, result.exitCode);
-            assertTrue(report, result.output.contains("module kelvane.tallowin 12.50\n"));
+            assertTrue(report, Pattern.compile(module + " 12\\.50\n").matcher(result.output).find());
+            assertTrue(report, result.output.contains("version " + version + "\n"));
             assertTrue(report, result.output.contains("MessageFactory::GetAttribute(): requested item was not found "
                                                     + "(0x8004020D)\n"));
             assertFalse(report, result.output.contains("in native method"));
-            System.out.println("used as a module by " + home.getFileName());
+            System.out.println("used by " + home.getFileName());
         }
+    }
+
+    @Test
+    public void aProgramUsesTheJarAsANamedModule() throws Exception {
+        // A package in a module has no version, its module has one.
+        check("module kelvane.tallowin(@[0-9.]+)?", "null", List.of("-Xcheck:jni", "-p", Given.jar() + ":" + program(true)),
+              "-m", "shop/shop.Shop");
+    }
+
+    @Test
+    public void aProgramUsesTheJarFromTheClassPath() throws Exception {
+        check("unnamed module @[0-9a-f]+", version(), List.of("-Xcheck:jni", "-cp", Given.jar() + ":" + program(false)),
+              "shop.Shop");
     }
 }
