@@ -34,10 +34,13 @@ public:
 class ResultError : public Error {
 public:
     /// Describes the failure `code` that `function` just returned on this thread.
-    ResultError(char const* function, std::int32_t code) : ResultError(function, code, reasonOf(code)) {}
+    ResultError(char const* function, std::int32_t code) : ResultError(function, code, lastReason(code)) {}
 
     /// The result code. A small positive number is the system's errno.
     std::int32_t code() const noexcept { return m_Code; }
+
+    /// The name of the code, such as "KVX_E_SERVER_ERROR".
+    char const* name() const noexcept { return KVX_GetErrorName(m_Code); }
 
     /// What the library says about this failure.
     std::string const& reason() const noexcept { return *m_Reason; }
@@ -56,15 +59,26 @@ public:
 
 private:
     ResultError(char const* function, std::int32_t code, std::string reason)
-        : Error(std::string(function) + ": " + reason + " (" + hexadecimal(code) + ")"),
+        : Error(std::string(function) + ": " + reason + " (" + KVX_GetErrorName(code) + ", " + hexadecimal(code) + ")"),
           m_Function(function),
           m_Code(code),
           m_Reason(std::make_shared<std::string const>(std::move(reason))) {}
 
-    static std::string reasonOf(std::int32_t code) {
-        char text[256];
-        std::int32_t size = sizeof text;
-        return KVX_GetErrorStringFromResult(code, &size, text) != 0 ? text : "no text";
+    /// What the library says about this thread's last failure; the name of `code` when memory is exhausted there.
+    static std::string lastReason(std::int32_t code) {
+        std::string text(512, '\0');
+        for (;;) {
+            auto size = static_cast<std::int32_t>(text.size());
+            std::int32_t const result = KVX_GetLastErrorText(&size, text.data());
+            if (result == KVX_OK) {
+                text.resize(static_cast<std::size_t>(size) - 1);
+                return text;
+            }
+            if (result != KVX_E_BUFFER_TOO_SMALL || static_cast<std::size_t>(size) <= text.size()) {
+                return KVX_GetErrorName(code);
+            }
+            text.resize(static_cast<std::size_t>(size));
+        }
     }
 
     static std::string hexadecimal(std::int32_t code) {

@@ -122,9 +122,11 @@ TEST_F(CppFace, ThrowsWithCodeFunctionAndReason) {
     tallowin::ResultError const failure = failureOf([&] { setUpAccount("guessed"); });
     EXPECT_EQ(failure.code(), KVX_E_SERVER_ERROR);
     EXPECT_STREQ(failure.function(), "ConfigurationSetup_Reconfigure");
-    EXPECT_NE(failure.reason(), "");
+    EXPECT_STREQ(failure.name(), "KVX_E_SERVER_ERROR");
+    EXPECT_NE(failure.reason().find("the password of the account 'demo' is another"), std::string::npos)
+        << failure.reason();
     std::string const text = failure.what();
-    EXPECT_NE(text.find("0x80040213"), std::string::npos) << text;
+    EXPECT_NE(text.find("(KVX_E_SERVER_ERROR, 0x80040213)"), std::string::npos) << text;
     EXPECT_NE(text.find(failure.reason()), std::string::npos) << text;
     EXPECT_EQ(text.find("guessed"), std::string::npos) << text;
     EXPECT_EQ(failure.httpStatus(), 0);

@@ -15,7 +15,7 @@ final class FailureTest extends MerchantCase
         $this->assertSame(ResultCode::SERVER_ERROR, $failure->getCode());
         $this->assertSame('ConfigurationSetup_Reconfigure', $failure->function);
         $this->assertStringContainsString('0x80040213', $failure->getMessage());
-        $this->assertNotSame('', $failure->reason);
+        $this->assertStringContainsString("the password of the account 'demo' is another", $failure->reason);
         $this->assertStringContainsString($failure->reason, $failure->getMessage());
         $this->assertStringNotContainsString('guessed', (string) $failure);
         $this->setUpAccount();
@@ -26,12 +26,13 @@ final class FailureTest extends MerchantCase
     public function testOfTheDirectory(): void
     {
         $place = dirname($this->sandbox->merchant);
-        $failure = $this->failure('', fn () => new ConfigurationSetup("$place/missing/merchant"));
+        $failure = $this->failure('ENOENT', fn () => new ConfigurationSetup("$place/missing/merchant"));
         $this->assertSame([2, 2, null], [$failure->getCode(), $failure->errno, $failure->httpStatus]);
         touch("$place/file");
-        $this->assertSame(20, $this->failure('', fn () => new ConfigurationSetup("$place/file/x"))->errno);
+        $this->assertSame(20, $this->failure('ENOTDIR', fn () => new ConfigurationSetup("$place/file/x"))->errno);
         $failure = $this->failure('KVX_E_CANNOT_OPEN', fn () => (new MessageFactory("$place/unused"))->createPayInit());
         $this->assertNull($failure->errno);
+        $this->assertStringContainsString("$place/unused/keys/current: No such file or directory", $failure->reason);
         $this->failure('KVX_E_CANNOT_OPEN', fn () => new MessageObject("$place/unused"));
     }
 

@@ -115,6 +115,7 @@ class PythonFailures(MerchantCase):
         self.assertEqual((failure.code, failure.function), (0x80040213 - (1 << 32), "ConfigurationSetup_Reconfigure"))
         self.assertNotIn("guessed", str(failure))
         self.assertIn("0x80040213", str(failure))
+        self.assertIn("the password of the account 'demo' is another", failure.reason)
         self.assertIn(failure.reason, str(failure))
         self.set_up()
         self.arm(kind="wrong-type", exchange="setup")
@@ -128,6 +129,7 @@ class PythonFailures(MerchantCase):
         self.assertEqual(self.check("ENOTDIR", ConfigurationSetup, self.directory / "file" / "x").errno, errno.ENOTDIR)
         failure = self.check("KVX_E_CANNOT_OPEN", MessageFactory(self.directory / "unused").create_pay_init)
         self.assertIsNone(failure.errno)
+        self.assertIn(f"{self.directory}/unused/keys/current: No such file or directory", failure.reason)
         self.check("KVX_E_CANNOT_OPEN", MessageObject, self.directory / "unused")
 
     def test_of_http(self):

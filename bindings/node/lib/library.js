@@ -4,7 +4,6 @@
 // in which the call failed, so failure() is asked there, right after the call.
 'use strict';
 
-const { getSystemErrorName } = require('node:util');
 const koffi = require('koffi');
 const declarations = require('./declarations');
 const { LoadError } = require('./errors');
@@ -13,7 +12,7 @@ const { ResultCode } = require('./resultcode');
 const VARIABLE = 'TALLOWIN_LIBRARY';
 const MAJOR = declarations.version.split('.')[0];
 const SONAME = `libtallowin.so.${MAJOR}`;
-const REASON_ROOM = 256;
+const REASON_ROOM = 512;
 
 let loaded = null;
 
@@ -68,25 +67,26 @@ function textOf(bytes) {
   return Buffer.from(text, 'utf8').equals(bytes) ? text : bytes.toString('latin1');
 }
 
-// What a code means and what the library says about the failure that just happened on this thread.
+// The name of a code, and what the library says about the failure that just happened on this thread.
 function failure(code) {
-  return { code, codeName: nameOf(code), reason: reasonOf(code) };
+  const codeName = library().KVX_GetErrorName(code);
+  return { code, codeName, reason: lastReason() || codeName };
 }
 
-function nameOf(code) {
-  if (code > 0) {
-    return getSystemErrorName(-code);
+// Empty when memory is exhausted.
+function lastReason() {
+  for (let room = REASON_ROOM; ; ) {
+    const size = new Int32Array([room]);
+    const buffer = Buffer.alloc(room);
+    const code = library().KVX_GetLastErrorText(size, buffer);
+    if (code === ResultCode.OK) {
+      return textOf(buffer.subarray(0, size[0] - 1));
+    }
+    if (code !== ResultCode.BUFFER_TOO_SMALL || size[0] <= room) {
+      return '';
+    }
+    room = size[0];
   }
-  const nameIn = (wanted) => Object.keys(ResultCode).find((name) => ResultCode[name] === wanted);
-  const name = nameIn(code) ?? nameIn(code & ~0xfff);
-  return name === undefined ? '' : `KVX_E_${name}`;
-}
-
-function reasonOf(code) {
-  const size = new Int32Array([REASON_ROOM]);
-  const buffer = Buffer.alloc(REASON_ROOM);
-  const found = library().KVX_GetErrorStringFromResult(code, size, buffer);
-  return found ? buffer.toString('latin1', 0, size[0] - 1) : nameOf(code);
 }
 
 module.exports = { bytesOf, failure, library, textOf, version };

@@ -11,7 +11,7 @@ final class Library
 {
     private const VARIABLE = 'TALLOWIN_LIBRARY';
     private const DECLARATIONS = __DIR__ . '/../tallowin.ffi';
-    private const REASON_ROOM = 256;
+    private const REASON_ROOM = 512;
 
     private static ?FFI $face = null;
 
@@ -85,25 +85,25 @@ final class Library
     /** The exception for a failure that just happened. */
     private static function failure(string $function, int $code): ResultException
     {
-        return new ResultException($function, $code, self::nameOf($code), self::reasonOf($code));
+        $name = self::face()->KVX_GetErrorName($code);
+        return new ResultException($function, $code, $name, self::lastReason() ?: $name);
     }
 
-    /** The name of a code, or of its family. */
-    private static function nameOf(int $code): string
-    {
-        $names = array_flip((new \ReflectionClass(ResultCode::class))->getConstants());
-        $name = $names[$code] ?? $names[$code & ~0xFFF] ?? null;
-        return $code > 0 || $name === null ? '' : "KVX_E_$name";
-    }
-
-    private static function reasonOf(int $code): string
+    /** What the library says about the last failure; empty when memory is exhausted. */
+    private static function lastReason(): string
     {
         $face = self::face();
         $size = $face->new('int32_t');
         $size->cdata = self::REASON_ROOM;
-        $buffer = $face->new('char[' . self::REASON_ROOM . ']');
-        $found = $face->KVX_GetErrorStringFromResult($code, FFI::addr($size), $buffer);
-        return $found ? FFI::string($buffer) : ($code > 0 ? "system error $code" : self::nameOf($code));
+        do {
+            $room = $size->cdata;
+            $buffer = $face->new("char[$room]");
+            $code = $face->KVX_GetLastErrorText(FFI::addr($size), $buffer);
+            if ($code === ResultCode::OK) {
+                return FFI::string($buffer);
+            }
+        } while ($code === ResultCode::BUFFER_TOO_SMALL && $size->cdata > $room);
+        return '';
     }
 
     private static function load(): FFI

@@ -1,7 +1,6 @@
 """The native library: where it is, its functions, and what its failures say."""
 
 import ctypes
-import errno
 import functools
 import os
 from typing import Any
@@ -11,6 +10,7 @@ from .codes import ResultCode
 from .errors import LoadError, ResultError
 
 _VARIABLE = "TALLOWIN_LIBRARY"
+_REASON_ROOM = 512
 _SONAME = "libtallowin.so." + VERSION.split(".")[0]
 
 
@@ -67,22 +67,18 @@ def text_of(function: str, *arguments: Any, room: int) -> bytes:
 
 def result_error(function: str, code: int) -> ResultError:
     """The exception for a failure that just happened on this thread."""
-    return ResultError(function, code, _name_of(code), _reason_of(code))
+    name = library().KVX_GetErrorName(code).decode("ascii")
+    return ResultError(function, code, name, _last_reason() or name)
 
 
-def _name_of(code: int) -> str:
-    if code > 0:
-        return errno.errorcode.get(code, "")
-    known = set(ResultCode)
-    own = code if code in known else code & ~0xFFF
-    return "KVX_E_" + ResultCode(own).name if own in known else ""
-
-
-def _reason_of(code: int) -> str:
-    if code > 0:
-        return os.strerror(code)
-    room = 256
-    size = ctypes.c_int32(room)
-    buffer = ctypes.create_string_buffer(room)
-    found = library().KVX_GetErrorStringFromResult(code, ctypes.byref(size), buffer)
-    return buffer.value.decode("ascii") if found else _name_of(code)
+def _last_reason() -> str:
+    """What the library says about this thread's last failure; empty when memory is exhausted."""
+    size = ctypes.c_int32(_REASON_ROOM)
+    while True:
+        room = size.value
+        buffer = ctypes.create_string_buffer(room)
+        code = library().KVX_GetLastErrorText(ctypes.byref(size), buffer)
+        if code == ResultCode.OK:
+            return buffer.value.decode("utf-8", "replace")
+        if code != ResultCode.BUFFER_TOO_SMALL or size.value <= room:
+            return ""
