@@ -97,6 +97,8 @@ class Schema(AccountCase):
         self.check("show")
         self.check("keys", "list")
         self.check("keys", "prune", "--older-than", "0")
+        self.check("doctor", "--offline")
+        self.check("verify", address.replace("12%2e50", "1%2e50"), "--explain", status=1)
         self.assertEqual(self.seen, set(SCHEMA["definitions"]))
 
     def test_refuses_other_members(self):
