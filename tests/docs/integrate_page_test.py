@@ -1,6 +1,8 @@
 """The shop on docs/integrate.md, run against a sandbox: the page's blocks in SQL and Python, as they stand."""
 
 import json
+import os
+import pathlib
 import re
 import sqlite3
 import threading
@@ -8,8 +10,9 @@ import unittest
 import urllib.request
 
 import tallowin
-from sandboxcase import RESPONSE_SECONDS, ROOT, SandboxCase, parameters
+from sandboxcase import RESPONSE_SECONDS, SandboxCase, parameters
 
+ROOT = pathlib.Path(os.environ["KVX_ROOT"])
 PAGE = (ROOT / "docs" / "integrate.md").read_text()
 
 

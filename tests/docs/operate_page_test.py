@@ -1,6 +1,7 @@
 """The commands on docs/operate.md, run as they stand against a sandbox, in the order of the page."""
 
 import os
+import pathlib
 import pwd
 import re
 import shutil
@@ -8,8 +9,9 @@ import sqlite3
 import subprocess
 import unittest
 
-from sandboxcase import ROOT, TIMEOUT_SECONDS, SandboxCase, private_keys
+from sandboxcase import TIMEOUT_SECONDS, SandboxCase, private_keys
 
+ROOT = pathlib.Path(os.environ["KVX_ROOT"])
 PAGE = (ROOT / "docs" / "operate.md").read_text()
 
 
