@@ -19,11 +19,11 @@ constexpr std::size_t kMaxValue = 65536;
 constexpr mode_t kSettingsMode = 0644;
 
 // The settings that the library reads. A test compares them with the pages that describe them.
-constexpr std::array<char const*, 26> kSettings = {
-    "CONNECTTIMEOUT", "IOTIMEOUT",  "KEYMODE",      "KEYPIN",    "MAXDEPTH",  "MAXRESPONSE", "MAXXML",
-    "MINKEYBITS",     "PROFILE",    "PROXYHOST",    "PROXYPORT", "QUIET",     "SENDALL",     "SENDHOST",
-    "STRICTCONFIRM",  "STRICTKEYS", "STRICTNAMES",  "STRICTSIG", "SYNCFILES", "TLSCAFILE",   "TLSMIN",
-    "TLSREUSE",       "TLSVERIFY",  "TOTALTIMEOUT", "TRACEOPT",  "USEPROXY"};
+constexpr std::array<char const*, 28> kSettings = {
+    "CONNECTTIMEOUT", "IOTIMEOUT", "KEYMODE",       "KEYPIN",     "LOGFILE",      "LOGSIZE",   "MAXDEPTH",
+    "MAXRESPONSE",    "MAXXML",    "MINKEYBITS",    "PROFILE",    "PROXYHOST",    "PROXYPORT", "QUIET",
+    "SENDALL",        "SENDHOST",  "STRICTCONFIRM", "STRICTKEYS", "STRICTNAMES",  "STRICTSIG", "SYNCFILES",
+    "TLSCAFILE",      "TLSMIN",    "TLSREUSE",      "TLSVERIFY",  "TOTALTIMEOUT", "TRACEOPT",  "USEPROXY"};
 
 struct ValueOptions {
     std::string m_File;
