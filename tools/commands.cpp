@@ -47,6 +47,7 @@ void declareProgram(CommandLine& line) {
     addShow(line);
     addKeys(line);
     addDoctor(line);
+    addExplain(line);
     addSandbox(line);
 }
 

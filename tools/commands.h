@@ -44,6 +44,7 @@ void declareProgram(CommandLine& line);
 void addCapture(CommandLine& line);
 void addComplete(CommandLine& line);
 void addDoctor(CommandLine& line);
+void addExplain(CommandLine& line);
 void addGet(CommandLine& line);
 void addKeys(CommandLine& line);
 void addPay(CommandLine& line);

@@ -3,6 +3,7 @@
 #include <tallowin/tallowin.h>
 
 #include <cstdio>
+#include <cstring>
 #include <system_error>
 #include <utility>
 
@@ -28,6 +29,15 @@ std::string codeNumber(std::int32_t code) {
     char digits[16];
     std::snprintf(digits, sizeof digits, code > 0 ? "%u" : "0x%08X", static_cast<unsigned>(code));
     return digits;
+}
+
+std::string codeName(std::int32_t code) {
+    std::string const name = KVX_GetErrorName(code);
+    if (!name.empty() || code <= 0) {
+        return name;
+    }
+    char const* const systemName = ::strerrorname_np(code);
+    return systemName == nullptr ? "" : systemName;
 }
 
 std::string codeMeaning(std::int32_t code) {

@@ -46,6 +46,9 @@ std::string systemFailure(std::string const& doing, int error);
 /// "0x80040213 the request failed"; "errno 20 Not a directory" for the system's numbers.
 std::string codeText(std::int32_t code);
 
+/// "KVX_E_SERVER_ERROR"; "ENOTDIR" for the system's numbers; empty for a number that is no code.
+std::string codeName(std::int32_t code);
+
 /// "0x80040213"; "20" for the system's numbers.
 std::string codeNumber(std::int32_t code);
 
