@@ -9,7 +9,7 @@ import unittest
 
 import jsonschema
 
-from sandboxcase import Program
+from sandboxcase import Program, parameters
 from toolcase import ROOT, TIMEOUT_SECONDS, TOOL, AccountCase, ToolCase, environment
 
 PAGE = (ROOT / "docs" / "command-line.md").read_text()
@@ -69,10 +69,12 @@ class Page(AccountCase):
 
 class Schema(AccountCase):
     def check(self, *arguments, status=0, **settings):
-        run = self.tool(*arguments, "--json", "--dir", self.merchant, **settings)
+        directory = () if arguments[0] == "explain" else ("--dir", self.merchant)
+        run = self.tool(*arguments, "--json", *directory, **settings)
         self.assertEqual((run.status, run.errors), (status, ""), run.out)
         jsonschema.validate(run.json(), SCHEMA)
-        self.seen.add(run.json()["command"] if "error" not in run.json() else "failure")
+        kind = "refusal" if "explanation" in run.json() else "failure" if "error" in run.json() else run.json()["command"]
+        self.seen.add(kind)
         self.assertEqual(run.json()["ok"], status == 0)
 
     def test_describes_every_command(self):
@@ -83,6 +85,10 @@ class Schema(AccountCase):
         self.check("pay", "--expires", "20200101 00:00:00")
         self.check("verify", address, "--amount", "12.50")
         self.check("verify", address, "--amount", "1.50", status=1)
+        data, signature = parameters(address)
+        for forged in ((data.replace("12.50", "1.50"), signature), (data, signature[:-2] + "zz"),
+                       (data.replace("1-SERVER-1", "9"), signature)):
+            self.check("verify", *forged, "--explain", status=1)
         self.check("capture", address, "--amount", "1.50", status=1)
         self.arm("drop", exchange="capture")
         self.check("capture", address, status=1)
@@ -95,10 +101,11 @@ class Schema(AccountCase):
         self.check("get", "config.xml", "VTURL")
         self.check("set", "settings.xml", "UNKNOWN", "1")
         self.check("show")
+        self.check("doctor", "--offline", status=1)
+        self.check("explain", "ENOMEM")
+        self.check("explain", "none", status=1)
         self.check("keys", "list")
         self.check("keys", "prune", "--older-than", "0")
-        self.check("doctor", "--offline")
-        self.check("verify", address.replace("12%2e50", "1%2e50"), "--explain", status=1)
         self.assertEqual(self.seen, set(SCHEMA["definitions"]))
 
     def test_refuses_other_members(self):
