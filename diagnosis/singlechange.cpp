@@ -19,6 +19,7 @@
 
 #include "sandbox/crypto/releaser.h"
 #include "sandbox/crypto/signature.h"
+#include "sandbox/text/paymessage.h"
 #include "sandbox/text/wiretext.h"
 
 namespace diagnosis {
@@ -51,33 +52,6 @@ bool isBlank(char c) {
 
 bool isPrintable(int byte) {
     return byte >= ' ' && byte <= '~';
-}
-
-/// The value as messages write it.
-std::string escaped(std::string const& value) {
-    std::string out;
-    for (char const c : value) {
-        switch (c) {
-            case '&':
-                out += "&amp;";
-                break;
-            case '<':
-                out += "&lt;";
-                break;
-            case '>':
-                out += "&gt;";
-                break;
-            case '"':
-                out += "&quot;";
-                break;
-            case '\'':
-                out += "&apos;";
-                break;
-            default:
-                out += c;
-        }
-    }
-    return out;
 }
 
 /// The place of one attribute in a text.
@@ -195,7 +169,7 @@ private:
 
     bool tryCandidates(sandbox::Attributes const& candidates) {
         for (auto const& [name, value] : candidates) {
-            if (tryCandidate(name, escaped(value))) {
+            if (tryCandidate(name, sandbox::escapedValue(value))) {
                 return true;
             }
         }
@@ -203,7 +177,7 @@ private:
         for (auto const& [name, value] : candidates) {
             for (Place const& place : placesIn(all)) {
                 if (place.m_Name == name) {
-                    all.replace(place.m_ValueFrom, place.m_ValueTo - place.m_ValueFrom, escaped(value));
+                    all.replace(place.m_ValueFrom, place.m_ValueTo - place.m_ValueFrom, sandbox::escapedValue(value));
                     break;
                 }
             }
@@ -380,6 +354,18 @@ bool tryDigits(std::string const& signature, std::size_t length, Try tryText) {
 }
 
 }  // namespace
+
+char const* nameOf(Digested digested) {
+    switch (digested) {
+        case Digested::kZeroExtended:
+            return "zero-extended";
+        case Digested::kSignExtended:
+            return "sign-extended";
+        case Digested::kBytes:
+            break;
+    }
+    return "not extended";
+}
 
 SearchedText findSignedText(std::string const& data, std::string const& digest, Digested digested,
                             sandbox::Attributes const& candidates, long long maxBytes) {

@@ -14,6 +14,9 @@ namespace diagnosis {
 /// The input of a digest: bytes extended to 16 bits in one of two ways, or the bytes themselves, which is always wrong.
 enum class Digested { kZeroExtended, kSignExtended, kBytes };
 
+/// One of them in words, as reports write it.
+char const* nameOf(Digested digested);
+
 /// How many bytes of input are digested before a search gives up, unless the caller says otherwise; some seconds.
 inline constexpr long long kMaxSearchedBytes = 3'000'000'000;
 

@@ -3,7 +3,6 @@
 
 #include "tools/accountfiles.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
@@ -16,6 +15,7 @@
 #include <filesystem>
 #include <memory>
 
+#include "tools/descriptor.h"
 #include "tools/toolfailure.h"
 
 namespace tool {
@@ -25,27 +25,6 @@ namespace {
 bool isAbsence(int error) {
     return error == ENOENT || error == ENOTDIR;
 }
-
-/// Owns a descriptor.
-class File {
-public:
-    explicit File(int descriptor) : m_Descriptor(descriptor) {}
-    File(File const&) = delete;
-    File& operator=(File const&) = delete;
-    ~File() {
-        if (m_Descriptor >= 0) {
-            ::close(m_Descriptor);
-        }
-    }
-    [[nodiscard]] int get() const { return m_Descriptor; }
-
-private:
-    int m_Descriptor;
-};
-
-struct FolderCloser {
-    void operator()(DIR* folder) const { ::closedir(folder); }
-};
 
 bool writeWhole(int file, std::string const& content) {
     std::size_t done = 0;
@@ -101,7 +80,7 @@ bool fileStatus(std::string const& path, struct stat& status) {
 }
 
 std::vector<std::string> filesIn(std::string const& path) {
-    std::unique_ptr<DIR, FolderCloser> const folder(::opendir(path.c_str()));
+    Folder const folder(::opendir(path.c_str()));
     if (folder == nullptr) {
         if (isAbsence(errno)) {
             return {};
@@ -129,7 +108,7 @@ std::vector<std::string> filesIn(std::string const& path) {
 std::string currentKeyOf(std::string const& directory) {
     constexpr std::size_t kMaxFileName = 255;
     std::string const path = directory + "/keys/current";
-    File const file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+    Descriptor const file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
     if (file.get() < 0) {
         if (isAbsence(errno)) {
             return "";
@@ -152,7 +131,7 @@ mode_t underMask(mode_t mode) {
 
 void writeNewFile(std::string const& path, std::string const& content, mode_t mode) {
     std::string temporary = path + ".XXXXXX";
-    File const file(::mkostemp(temporary.data(), O_CLOEXEC));
+    Descriptor const file(::mkostemp(temporary.data(), O_CLOEXEC));
     if (file.get() < 0) {
         throw ToolFailure(systemFailure("cannot write " + path, errno));
     }
@@ -164,7 +143,7 @@ void writeNewFile(std::string const& path, std::string const& content, mode_t mo
         throw ToolFailure(systemFailure("cannot write " + path, error));
     }
     std::string const folder = std::filesystem::path(path).parent_path().string();
-    File const parent(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    Descriptor const parent(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     ::fsync(parent.get());
 }
 

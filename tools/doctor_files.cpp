@@ -4,7 +4,6 @@
 // the reason, such as "cut off", is found here. Repairs: modes that let others in, and temporary files that no process
 // holds a lock on, which is how the library tells them too.
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -18,6 +17,7 @@
 #include <memory>
 
 #include "tools/accountfiles.h"
+#include "tools/descriptor.h"
 #include "tools/doctor.h"
 #include "tools/toolfailure.h"
 #include "tools/toolobjects.h"
@@ -37,29 +37,8 @@ constexpr std::array<char const*, 4> kFolders = {"", "/keys", "/keys/public", "/
 
 constexpr char kRestoreConfiguration[] = "restore it from a backup, or delete it and repeat the set-up: tallowin setup";
 
-/// Owns a descriptor.
-class Descriptor {
-public:
-    explicit Descriptor(int descriptor) : m_Descriptor(descriptor) {}
-    Descriptor(Descriptor const&) = delete;
-    Descriptor& operator=(Descriptor const&) = delete;
-    ~Descriptor() {
-        if (m_Descriptor >= 0) {
-            ::close(m_Descriptor);
-        }
-    }
-    [[nodiscard]] int get() const { return m_Descriptor; }
-
-private:
-    int m_Descriptor;
-};
-
-struct FolderCloser {
-    void operator()(DIR* folder) const { ::closedir(folder); }
-};
-
 std::vector<std::string> hiddenFilesIn(std::string const& path) {
-    std::unique_ptr<DIR, FolderCloser> const folder(::opendir(path.c_str()));
+    Folder const folder(::opendir(path.c_str()));
     std::vector<std::string> names;
     while (folder != nullptr) {
         dirent const* const entry = ::readdir(folder.get());

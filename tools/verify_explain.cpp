@@ -53,18 +53,6 @@ std::string describe(Wording const& wording, diagnosis::KnownKey const& key) {
            " bits";
 }
 
-char const* nameOf(diagnosis::Digested digested) {
-    switch (digested) {
-        case diagnosis::Digested::kZeroExtended:
-            return "zero-extended";
-        case diagnosis::Digested::kSignExtended:
-            return "sign-extended";
-        case diagnosis::Digested::kBytes:
-            break;
-    }
-    return "not extended";
-}
-
 Json orNull(std::optional<std::string> const& text) {
     return text ? Json(*text) : Json();
 }

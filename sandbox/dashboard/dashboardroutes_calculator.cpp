@@ -78,18 +78,6 @@ std::string comparisonContent(Wording const& wording, Diagnosis const& result) {
            codeEntry("In SIGNATURE", result.m_HeldDigest, "no digest can be read") + "</dl>\n";
 }
 
-char const* nameOf(diagnosis::Digested digested) {
-    switch (digested) {
-        case diagnosis::Digested::kZeroExtended:
-            return "zero-extended";
-        case diagnosis::Digested::kSignExtended:
-            return "sign-extended";
-        case diagnosis::Digested::kBytes:
-            break;
-    }
-    return "not extended";
-}
-
 std::string matchesContent(Wording const& wording, Diagnosis const& result) {
     if (result.m_Matches.empty()) {
         return paragraph("No known key verifies SIGNATURE, not even after undoing common damage to DATA.");

@@ -37,7 +37,10 @@ void checkEntities(std::string const& text) {
     }
 }
 
-void appendEscaped(std::string& out, std::string const& value) {
+}  // namespace
+
+std::string escapedValue(std::string const& value) {
+    std::string out;
     for (char const c : value) {
         switch (c) {
             case '&':
@@ -59,9 +62,8 @@ void appendEscaped(std::string& out, std::string const& value) {
                 out += c;
         }
     }
+    return out;
 }
-
-}  // namespace
 
 Message::Message(std::string const& type) {
     set("MSGTYPE", type);
@@ -131,7 +133,7 @@ std::string Message::text() const {
         out += ' ';
         out += name;
         out += "=\"";
-        appendEscaped(out, value);
+        out += escapedValue(value);
         out += '"';
     }
     return out + "/>";

@@ -46,6 +46,9 @@ private:
     Attributes m_Attributes;
 };
 
+/// A value as messages write it: the five special characters as entities.
+std::string escapedValue(std::string const& value);
+
 /// The message that reports why a request was turned down.
 std::string errorMessage(std::string const& reason);
 

@@ -1,4 +1,4 @@
-/* The reasons of failures, from C99 over the shared library: what a developer meets first, and what he is told.
+/* The reasons of failures, from C99 over the shared library: what a developer meets first, and what the text says.
  *
  * reasons_test DIRECTORY AUTOURL
  *
