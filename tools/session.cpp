@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "tools/failurereport.h"
 #include "tools/tooltext.h"
 
 namespace tool {
@@ -119,17 +120,17 @@ int Session::finish() {
 int Session::fail(ToolFailure const& failure) {
     if (!m_IsJson) {
         std::string text = "tallowin " + m_Command + ": " + shortened(printable(failure.what()), kMaxMessage) + '\n';
+        std::string const reason = reasonOf(failure);
+        if (!reason.empty()) {
+            text += "  reason: " + shortened(printable(reason), kMaxMessage) + '\n';
+        }
         if (!failure.hint().empty()) {
             text += "  " + printable(failure.hint()) + '\n';
         }
         StandardStreams::writeError(text);
         return EXIT_FAILURE;
     }
-    Json error = {{"text", failure.what()}};
-    if (failure.code() != 0) {
-        error["code"] = codeNumber(failure.code());
-        error["meaning"] = codeMeaning(failure.code());
-    }
+    Json error = jsonOf(failure);
     if (!failure.hint().empty()) {
         error["hint"] = failure.hint();
     }

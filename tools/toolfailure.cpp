@@ -7,6 +7,8 @@
 #include <system_error>
 #include <utility>
 
+#include "tools/codelookup.h"
+
 namespace tool {
 
 ToolFailure::ToolFailure(std::string const& text, std::string hint)
@@ -51,8 +53,9 @@ std::string codeMeaning(std::int32_t code) {
 
 std::string codeText(std::int32_t code) {
     std::string const meaning = codeMeaning(code);
-    std::string const number = (code > 0 ? "errno " : "") + codeNumber(code);
-    return meaning.empty() ? number : number + ' ' + meaning;
+    std::string const words = meaning.empty() ? labelOf(code) : meaning;
+    std::string const text = (code > 0 ? "errno " : "") + codeNumber(code) + ' ' + codeName(code);
+    return words.empty() ? text : text + " (" + words + ')';
 }
 
 }  // namespace tool

@@ -43,7 +43,7 @@ void require(std::int32_t code, char const* doing);
 /// "cannot open FILE: no such file or directory", for the system's `error` number.
 std::string systemFailure(std::string const& doing, int error);
 
-/// "0x80040213 the request failed"; "errno 20 Not a directory" for the system's numbers.
+/// "0x80040213 KVX_E_SERVER_ERROR (the request failed)"; "errno 20 ENOTDIR (Not a directory)" for the system's numbers.
 std::string codeText(std::int32_t code);
 
 /// "KVX_E_SERVER_ERROR"; "ENOTDIR" for the system's numbers; empty for a number that is no code.

@@ -14,6 +14,7 @@
 #include "diagnosis/directoryevidence.h"
 #include "diagnosis/explanation.h"
 #include "tools/commands.h"
+#include "tools/failurereport.h"
 #include "tools/toolfailure.h"
 
 namespace tool {
@@ -153,11 +154,7 @@ void explainRefusal(Session& session, std::string const& directory, RefusedConfi
     diagnosis::Explanation const explanation =
         result.m_Right ? explainRight(wording, result) : explain(wording, result);
     addLines(session, wording, result, explanation, failure);
-    session.json()["error"] = {{"text", failure.what()}};
-    if (failure.code() != 0) {
-        session.json()["error"]["code"] = codeNumber(failure.code());
-        session.json()["error"]["meaning"] = codeMeaning(failure.code());
-    }
+    session.json()["error"] = jsonOf(failure);
     session.json()["explanation"] = jsonOf(wording, result, explanation);
     session.setNegative();
 }

@@ -254,7 +254,13 @@ class SetUpRefusals(AccountCase):
     def test_of_wrong_passwords(self):
         run = self.fail_with(1, "0x80040213", "setup", "--dir", self.merchant, self.service, "--user", "demo",
                              given="wrong\n")
+        self.assertIn("KVX_E_SERVER_ERROR (the request failed)", run.errors)
+        self.assertRegex(run.errors, r"(?m)^  reason: .*the password of the account 'demo'")
         self.assertIn("compare user and password", run.errors)
+        error = self.tool("setup", "--dir", self.merchant, self.service, "--user", "demo", "--json", given="wrong\n").json()["error"]
+        self.assertEqual((error["code"], error["name"], error["meaning"]),
+                         ("0x80040213", "KVX_E_SERVER_ERROR", "the request failed"))
+        self.assertIn("the password of the account 'demo'", error["reason"])
 
     def test_of_directories_that_cannot_be_made(self):
         (self.directory / "file").write_text("")
