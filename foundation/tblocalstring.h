@@ -7,7 +7,8 @@
 
 /// A string around a text that it does not copy, for the calls that take strings: a literal, or a caller's argument.
 ///
-/// The text must outlive it and not change. Secret when the text is; it never wipes what it does not own.
+/// The text must outlive it and not change. Secret when the text is; its end leaves that text alone. Made to be read:
+/// clearing or appending to a secret one would wipe the owner's text.
 class TbBorrowed final : public TbString {
 public:
     /// NUL-terminated `text`; null counts as "". Raises KVX_E_OUT_OF_MEMORY (TBFC_Exception) for one whose length would

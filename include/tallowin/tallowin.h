@@ -69,8 +69,9 @@ typedef void* KVX_HANDLE;
 KVX_EXPORT char const* KVX_GetVersion(void);
 
 /* The name of a result code, such as "KVX_E_INVALID_SIGNATURE"; static. For a code of a family (HTTP status, socket
- * error, TLS reason) without a constant of its own that of the family, such as "KVX_E_TLS_FAMILY"; for the system's
- * errno its name, such as "ENOENT". "" for any other number. docs/errors.md explains every code. Any thread. */
+ * error, TLS reason) without a constant of its own that of the family, such as "KVX_E_TLS_FAMILY"; for an
+ * errno in docs/errors.md its name, such as "ENOENT". "" for any other number. That page explains every code. Any
+ * thread. */
 KVX_EXPORT char const* KVX_GetErrorName(int32_t code);
 
 /* Copies the reason of this thread's last failed call: the text of its exception, which Java shows too, then what lies
