@@ -59,7 +59,7 @@ int endOfParsing(CLI::App const& app, CLI::ParseError const& end, tool::Session&
         return usage(app, describe(app, end));
     }
     bool const isVersion = dynamic_cast<CLI::CallForVersion const*>(&end) != nullptr;
-    session.streams().write(isVersion ? std::string(end.what()) + '\n' : namedCommand(app).help());
+    session.streams().write(isVersion ? std::string(end.what()) + '\n' : app.help());
     return 0;
 }
 

@@ -21,7 +21,9 @@ class Usage(ToolCase):
         self.assertEqual(run.errors, "")
         for command in COMMANDS:
             self.assertRegex(run.out, rf"(?m)^  {command.split()[0]} +\S")
-            self.assertIn("--json", self.succeed(*command.split(), "--help").out)
+            help_of_command = self.succeed(*command.split(), "--help").out
+            self.assertIn("--json", help_of_command)
+            self.assertRegex(help_of_command, rf"(?m)^Usage: tallowin {command} \[")
 
     def test_version_names_program_and_library(self):
         self.assertRegex(self.succeed("--version").out, r"^tallowin \d+\.\d+\.\d+, library \d+\.\d+\.\d+\n$")
