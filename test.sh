@@ -53,6 +53,9 @@ END
   KVX_CLASS_LOADERS=2000 ctest --test-dir build/release -R '^Java\.LoaderCyclesTest$' --output-on-failure --no-tests=error
   printf '== release: long form of the Debian packages\n'
   timeout 3600 tests/install/debian_test.sh "$PWD" build/release/debian --deep
+  printf '== release: a newcomer on a bare Debian\n'
+  rm -rf build/newcomer
+  timeout 3600 scripts/debianroot --packages ca-certificates build/newcomer tests/install/newcomer.sh /tallowin /build/work
 }
 
 mode=${1:-}
