@@ -120,9 +120,8 @@ int Session::finish() {
 int Session::fail(ToolFailure const& failure) {
     if (!m_IsJson) {
         std::string text = "tallowin " + m_Command + ": " + shortened(printable(failure.what()), kMaxMessage) + '\n';
-        std::string const reason = reasonOf(failure);
-        if (!reason.empty()) {
-            text += "  reason: " + shortened(printable(reason), kMaxMessage) + '\n';
+        if (!failure.reason().empty()) {
+            text += "  reason: " + shortened(printable(failure.reason()), kMaxMessage) + '\n';
         }
         if (!failure.hint().empty()) {
             text += "  " + printable(failure.hint()) + '\n';

@@ -2,6 +2,7 @@
 
 #include <tallowin/tallowin.h>
 
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <system_error>
@@ -11,11 +12,30 @@
 
 namespace tool {
 
+namespace {
+
+/// The library's reason for this thread's last failure; empty when there is none.
+std::string lastReason() {
+    std::int32_t size = 0;
+    KVX_GetLastErrorText(&size, nullptr);
+    if (size <= 0) {
+        return "";
+    }
+    std::string text(static_cast<std::size_t>(size), '\0');
+    bool const isCopied = KVX_GetLastErrorText(&size, text.data()) == KVX_OK;
+    return isCopied ? text.substr(0, static_cast<std::size_t>(size) - 1) : "";
+}
+
+}  // namespace
+
 ToolFailure::ToolFailure(std::string const& text, std::string hint)
     : std::runtime_error(text), m_Hint(std::move(hint)) {}
 
 ToolFailure::ToolFailure(std::string const& doing, std::int32_t code, std::string hint)
-    : std::runtime_error(doing + ": " + codeText(code)), m_Code(code), m_Hint(std::move(hint)) {}
+    : std::runtime_error(doing + ": " + codeText(code)),
+      m_Code(code),
+      m_Hint(std::move(hint)),
+      m_Reason(lastReason()) {}
 
 void require(std::int32_t code, char const* doing) {
     if (code != KVX_OK) {
@@ -54,7 +74,8 @@ std::string codeMeaning(std::int32_t code) {
 std::string codeText(std::int32_t code) {
     std::string const meaning = codeMeaning(code);
     std::string const words = meaning.empty() ? labelOf(code) : meaning;
-    std::string const text = (code > 0 ? "errno " : "") + codeNumber(code) + ' ' + codeName(code);
+    std::string const name = codeName(code);
+    std::string const text = (code > 0 ? "errno " : "") + codeNumber(code) + (name.empty() ? "" : ' ' + name);
     return words.empty() ? text : text + " (" + words + ')';
 }
 

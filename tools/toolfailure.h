@@ -20,12 +20,17 @@ public:
     /// A failure that the tool found itself. `hint` is a cure, or empty.
     explicit ToolFailure(std::string const& text, std::string hint = "");
 
-    /// A failure of the library: `doing` says what was tried, such as "cannot sign the payment".
+    /// A failure of the library: `doing` says what was tried, such as "cannot sign the payment". Takes the library's
+    /// reason. Requires: the call that returned `code` is the last one of this thread that failed.
     ToolFailure(std::string const& doing, std::int32_t code, std::string hint = "");
 
     /// The library's result code; 0 when the tool found the failure.
     [[nodiscard]] std::int32_t code() const { return m_Code; }
     [[nodiscard]] std::string const& hint() const { return m_Hint; }
+
+    /// What the library said about the failure: the path or the address, and the words of the system or the service;
+    /// empty when the tool found the failure.
+    [[nodiscard]] std::string const& reason() const { return m_Reason; }
 
     /// Whether the service may have carried out what failed here.
     [[nodiscard]] bool mayHaveHappened() const { return m_MayHaveHappened; }
@@ -34,6 +39,7 @@ public:
 private:
     std::int32_t m_Code = 0;
     std::string m_Hint;
+    std::string m_Reason;
     bool m_MayHaveHappened = false;
 };
 
