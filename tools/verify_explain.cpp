@@ -115,6 +115,9 @@ void addLines(Session& session, Wording const& wording, Diagnosis const& diagnos
         session.line("  to make it pass:  " + explanation.m_Change, Emphasis::kStrong);
     }
     session.line("  the library says: " + std::string(failure.what()));
+    if (!failure.reason().empty()) {
+        session.line("  its reason:       " + failure.reason());
+    }
     session.line("  key in KEYID:     " + (diagnosis.m_Key             ? describe(wording, *diagnosis.m_Key)
                                            : diagnosis.m_KeyId.empty() ? "none can be read"
                                                                        : diagnosis.m_KeyId + ", not known here"));

@@ -32,6 +32,7 @@ class Explain(AccountCase):
         people = self.tool(*arguments)
         self.assertEqual((people.status, people.errors), (1, ""))
         self.assertEqual(people.out.splitlines()[0], report["explanation"]["sentence"])
+        self.assertIn("\n  its reason:       " + report["error"]["reason"] + "\n", people.out)
         return report["explanation"]
 
     def changed(self, old, new):
