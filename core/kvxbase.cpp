@@ -8,6 +8,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "core/kvxerrortable.h"
 #include "core/kvxlog.h"
@@ -80,14 +81,14 @@ bool KVX_ErrorLookup::GetErrorStringFromResult(long code, TbString& text) {
 }
 
 char const* kvxErrorName(std::int32_t code) noexcept {
-    constexpr std::uint32_t kOwnNumber = 0xFFF;  // of a code in a family, and of an errno
+    constexpr std::uint32_t kOwnNumber = 0xFFF;  // of a code in a family
     char const* const own = textIn(kKvxErrorNames, code);
     if (own != nullptr) {
         return own;
     }
     auto const bits = static_cast<std::uint32_t>(code);
-    char const* const shared = code > 0 ? textIn(kKvxSystemErrorNames, code)
-                                        : textIn(kKvxFamilyNames, static_cast<std::int32_t>(bits & ~kOwnNumber));
+    char const* const shared =
+        code > 0 ? ::strerrorname_np(code) : textIn(kKvxFamilyNames, static_cast<std::int32_t>(bits & ~kOwnNumber));
     return shared == nullptr ? "" : shared;
 }
 

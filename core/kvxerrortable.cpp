@@ -105,26 +105,6 @@ KVX_ErrorRow const kKvxFamilyNames[] = {
     {0, nullptr},
 };
 
-KVX_ErrorRow const kKvxSystemErrorNames[] = {
-    {1,   "EPERM"},
-    {2,   "ENOENT"},
-    {5,   "EIO"},
-    {12,  "ENOMEM"},
-    {13,  "EACCES"},
-    {17,  "EEXIST"},
-    {20,  "ENOTDIR"},
-    {22,  "EINVAL"},
-    {23,  "ENFILE"},
-    {24,  "EMFILE"},
-    {28,  "ENOSPC"},
-    {30,  "EROFS"},
-    {31,  "EMLINK"},
-    {36,  "ENAMETOOLONG"},
-    {40,  "ELOOP"},
-    {116, "ESTALE"},
-    {122, "EDQUOT"},
-    {0, nullptr},
-};
 // clang-format on
 
 // Beside its table, which the compiler then knows: every absent file costs a look-up.

@@ -15,9 +15,6 @@ extern KVX_ErrorRow const kKvxErrorNames[];
 /// The families, without the numbers inside them.
 extern KVX_ErrorRow const kKvxFamilyNames[];
 
-/// The system's names of those errors that keep it from creating a directory.
-extern KVX_ErrorRow const kKvxSystemErrorNames[];
-
 /// The published text of a code; null without one. Static.
 [[nodiscard]] char const* kvxErrorText(std::int32_t code) noexcept;
 

@@ -4,7 +4,6 @@
 
 #include <cstddef>
 #include <cstdio>
-#include <cstring>
 #include <system_error>
 #include <utility>
 
@@ -54,12 +53,7 @@ std::string codeNumber(std::int32_t code) {
 }
 
 std::string codeName(std::int32_t code) {
-    std::string const name = KVX_GetErrorName(code);
-    if (!name.empty() || code <= 0) {
-        return name;
-    }
-    char const* const systemName = ::strerrorname_np(code);
-    return systemName == nullptr ? "" : systemName;
+    return KVX_GetErrorName(code);
 }
 
 std::string codeMeaning(std::int32_t code) {

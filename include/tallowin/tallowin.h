@@ -70,14 +70,14 @@ KVX_EXPORT char const* KVX_GetVersion(void);
 
 /* The name of a result code, such as "KVX_E_INVALID_SIGNATURE"; static. For a code of a family (HTTP status, socket
  * error, TLS reason) without a constant of its own that of the family, such as "KVX_E_TLS_FAMILY"; for an
- * errno in docs/errors.md its name, such as "ENOENT". "" for any other number. That page explains every code. Any
+ * errno of the system its name, such as "ENOENT". "" for any other number. docs/errors.md explains every code. Any
  * thread. */
 KVX_EXPORT char const* KVX_GetErrorName(int32_t code);
 
 /* Copies the reason of this thread's last failed call: the text of its exception, which Java shows too, then what lies
  * behind it: the path and the system's words for it, the address of the server. Examples:
  *
- *   the request failed (Unknown user or wrong password.)
+ *   the request failed (the password of the account 'demo' is another): http://127.0.0.1:8480
  *   ErrorCode = 0x80040219: /srv/shop/keys/current: No such file or directory
  *
  * For people and logs, not for programs to compare: the words may change. It holds no password and no private key, but

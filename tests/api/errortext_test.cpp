@@ -127,6 +127,9 @@ TEST(ErrorName, IsThatOfTheConstant) {
         {EACCES, "EACCES"},
         {EROFS, "EROFS"},
         {EDQUOT, "EDQUOT"},
+        // Errors that no page lists have one too.
+        {EAGAIN, "EAGAIN"},
+        {EHWPOISON, "EHWPOISON"},
         // No result codes.
         {-1, ""},
         {INT_MIN, ""},
