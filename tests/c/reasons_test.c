@@ -134,7 +134,8 @@ static void testSizes(void) {
 
 static void testService(void) {
     char url[kPathBytes];
-    char const* const password[] = {"the request failed (", "password", address, NULL};
+    char const* const password[] = {"the request failed (the password of the account 'demo' is another): ", address,
+                                    NULL};
     char const* const refused[] = {"connection refused (failed to connect to host): ",
                                    "Connection refused",
                                    "the port \"",
