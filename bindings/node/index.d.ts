@@ -90,7 +90,7 @@ export declare class MessageObject extends NativeObject {
   getAttribute(name: string): string;
   /** The value of an attribute, or null. */
   findAttribute(name: string): string | null;
-  /** Throws a MismatchError unless every attribute has exactly the given value. */
+  /** Throws a MismatchError unless every attribute has exactly the given value, a TypeError when none is named. */
   require(attributes: Readonly<Record<string, string>>): void;
   /** The signed payment URL for the shopper's browser. Sends nothing itself. */
   getUrl(): string;

@@ -52,6 +52,16 @@ test('a cancelled payment is a mismatch', async (t) => {
     },
   );
   assert.throws(() => confirmation.require({ 'NO.SUCH': '1' }), { message: 'NO.SUCH is missing, not "1"' });
+  assert.throws(() => confirmation.require({ 'NO.SUCH': null }), MismatchError);
+});
+
+test('a comparison of nothing is refused', async (t) => {
+  const sandbox = await startSandbox(t);
+  await setUpAccount(sandbox);
+  const order = newOrder(sandbox);
+  for (const nothing of [{}, new Map([['TOKEN', '1']]), undefined, null]) {
+    assert.throws(() => order.require(nothing), TypeError);
+  }
 });
 
 test('settings are read and written', async (t) => {

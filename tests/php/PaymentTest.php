@@ -52,6 +52,20 @@ final class PaymentTest extends MerchantCase
         $confirmation->require(['NO.SUCH' => '1']);
     }
 
+    public function testThatComparesNothingIsRefused(): void
+    {
+        $this->setUpAccount();
+        $order = $this->order();
+        try {
+            $order->require(['NO.SUCH' => null]);
+            $this->fail('an attribute that is missing equals null');
+        } catch (\TypeError) {
+            $this->assertNull($order->findAttribute('NO.SUCH'));
+        }
+        $this->expectException(\ValueError::class);
+        $order->require([]);
+    }
+
     public function testSettingsAreReadAndWritten(): void
     {
         $this->setUpAccount();

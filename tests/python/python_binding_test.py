@@ -97,6 +97,15 @@ class PythonPayment(MerchantCase):
             with self.assertRaisesRegex(MismatchError, 'NO.SUCH is missing, not "1"'):
                 confirmation.require({"NO.SUCH": "1"})
 
+    def test_that_compares_nothing_is_refused(self):
+        self.set_up()
+        with self.order(self.factory()) as order:
+            with self.assertRaisesRegex(MismatchError, "NO.SUCH is missing"):
+                order.require({"NO.SUCH": None})
+            for call in (order.require, lambda: order.require({})):
+                with self.assertRaisesRegex(ValueError, "nothing would be compared"):
+                    call()
+
     def test_settings_are_read_and_written(self):
         self.set_up()
         with ConfigurationSetup(self.merchant) as setup:

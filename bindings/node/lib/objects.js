@@ -178,9 +178,13 @@ class MessageObject extends NativeObject {
   }
 
   require(attributes) {
-    for (const [name, wanted] of Object.entries(attributes)) {
+    const expected = Object.entries(attributes);
+    if (expected.length === 0) {
+      throw new TypeError('no attribute is named, so nothing would be compared');
+    }
+    for (const [name, wanted] of expected) {
       const found = this.findAttribute(name);
-      if (found !== wanted) {
+      if (found === null || found !== wanted) {
         throw new MismatchError(name, wanted, found);
       }
     }

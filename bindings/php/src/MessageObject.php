@@ -47,12 +47,16 @@ final class MessageObject extends NativeObject
      *
      * @param array<string, string> $attributes
      * @throws MismatchException for the first that has not
+     * @throws \ValueError when none is named
      */
     public function require(array $attributes): void
     {
+        if ($attributes === []) {
+            throw new \ValueError('no attribute is named, so nothing would be compared');
+        }
         foreach ($attributes as $name => $wanted) {
             $found = $this->findAttribute((string) $name);
-            if ($found !== $wanted) {
+            if ($found === null || $found !== $wanted) {
                 throw new MismatchException((string) $name, $wanted, $found);
             }
         }

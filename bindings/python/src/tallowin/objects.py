@@ -173,10 +173,16 @@ class MessageObject(_Object):
             raise
 
     def require(self, attributes: Optional[Dict[str, str]] = None, **more: str) -> None:
-        """Raises `MismatchError` unless every attribute has exactly the given value."""
-        for name, wanted in {**(attributes or {}), **more}.items():
+        """Raises `MismatchError` unless every attribute has exactly the given value, ValueError when none is named.
+
+        An attribute that is missing has no value: None never matches.
+        """
+        expected = {**(attributes or {}), **more}
+        if not expected:
+            raise ValueError("no attribute is named, so nothing would be compared")
+        for name, wanted in expected.items():
             found = self.find_attribute(name)
-            if found != wanted:
+            if found is None or found != wanted:
                 raise MismatchError(name, wanted, found)
 
     def get_url(self) -> str:
