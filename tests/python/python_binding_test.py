@@ -3,11 +3,13 @@
 CMakeLists.txt sets PYTHONPATH to the package's source, and TALLOWIN_LIBRARY and KVX_SANDBOX to the paths of the products.
 """
 
+import copy
 import errno
 import gc
 import json
 import os
 import pathlib
+import pickle
 import signal
 import subprocess
 import sys
@@ -227,6 +229,13 @@ class PythonObjects(MerchantCase):
         with order:
             self.assertNotEqual(order.get_url(), "")
 
+    def test_cannot_be_copied_or_pickled(self):
+        self.set_up()
+        with self.order(self.factory()) as order:
+            for make in (copy.copy, copy.deepcopy, pickle.dumps):
+                with self.subTest(make.__name__), self.assertRaisesRegex(TypeError, "cannot be copied"):
+                    make(order)
+
     def test_are_destroyed_when_they_are_forgotten(self):
         self.set_up()
         factory = self.factory()
@@ -258,8 +267,8 @@ class PythonObjects(MerchantCase):
         self.assertIsNone(order.find_attribute("TEXT"))
         with self.assertRaises(ValueError):
             MessageFactory("a\0b")
-        for wrong in (None, 1, b"bytes"):
-            with self.subTest(repr(wrong)), self.assertRaises((TypeError, AttributeError)):
+        for wrong in (None, 1, b"bytes", ["a"]):
+            with self.subTest(repr(wrong)), self.assertRaisesRegex(TypeError, "a text is a str, not"):
                 order.set_attribute("TEXT", wrong)
 
     def test_serve_many_threads(self):

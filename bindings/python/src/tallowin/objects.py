@@ -19,7 +19,9 @@ _MESSAGE_ROOM = 8192
 
 
 def _argument(text: str) -> bytes:
-    """The bytes of a text. Raises ValueError for a zero byte, which would end the text for the library."""
+    """The bytes of a text. Raises ValueError for a zero byte, which would end the text for the library, TypeError for no text."""
+    if not isinstance(text, str):
+        raise TypeError(f"a text is a str, not {type(text).__name__}")
     if "\0" in text:
         raise ValueError("a text holds a zero byte")
     return text.encode("utf-8", "surrogateescape")
@@ -71,6 +73,10 @@ class _Object:
     def __exit__(self, kind: Optional[Type[BaseException]], error: Optional[BaseException],
                  trace: Optional[types.TracebackType]) -> None:
         self.close()
+
+    def __reduce__(self) -> Any:
+        """A copy would own the same handle."""
+        raise TypeError(f"tallowin.{type(self).__name__} cannot be copied or pickled")
 
     def __repr__(self) -> str:
         return f"<tallowin.{type(self).__name__}{' (closed)' if self.closed else ''}>"
