@@ -252,6 +252,9 @@ void setUp(Session& session, SetupOptions const& options) {
     if (exists && !S_ISDIR(status.st_mode)) {
         throw ToolFailure(directory + " is no directory");
     }
+    if (!exists && ::lstat(directory.c_str(), &status) == 0) {
+        throw ToolFailure(directory + " is a link that leads nowhere", "remove it, or make what it leads to");
+    }
     if (!exists && options.m_Url.empty()) {
         throw UsageError("a new directory needs the address of the service: URL");
     }

@@ -264,7 +264,9 @@ class SetUpRefusals(AccountCase):
 
     def test_of_directories_that_cannot_be_made(self):
         (self.directory / "file").write_text("")
+        (self.directory / "link").symlink_to("nowhere")
         for name, text in (("missing/merchant", "No such file"), ("file", "is no directory"), ("file/merchant", "directory"),
+                           ("link", "a link that leads nowhere"),
                            ("x" * 300, "name too long")):
             with self.subTest(name=name[:20]):
                 run = self.tool("setup", "--dir", self.directory / name, self.service, "--user", "demo", given="demo\n")
