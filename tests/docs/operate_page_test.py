@@ -7,9 +7,10 @@ import re
 import shutil
 import sqlite3
 import subprocess
+import sys
 import unittest
 
-from sandboxcase import TIMEOUT_SECONDS, SandboxCase, private_keys
+from sandboxcase import TIMEOUT_SECONDS, Program, SandboxCase, parameters, private_keys
 
 ROOT = pathlib.Path(os.environ["KVX_ROOT"])
 PAGE = (ROOT / "docs" / "operate.md").read_text()
@@ -17,6 +18,24 @@ PAGE = (ROOT / "docs" / "operate.md").read_text()
 
 def blocks(language, page=PAGE):
     return re.findall(rf"^```{language}\n(.*?)^```$", page, re.MULTILINE | re.DOTALL)
+
+
+SERVER = """
+import sys
+import tallowin
+
+def pay():
+    with tallowin.MessageFactory(sys.argv[1]) as factory, factory.create_pay_init() as order:
+        order.set_attribute("AMOUNT", "19.90")
+        order.set_attribute("CURRENCY", "EUR")
+        return order.get_url()
+
+for line in sys.stdin:
+    try:
+        print(pay(), flush=True)
+    except tallowin.TallowinError as failure:
+        print(type(failure).__name__, flush=True)
+"""
 
 
 class OperatePage(SandboxCase):
@@ -93,6 +112,86 @@ class OperatePage(SandboxCase):
         rows = [("1", 1, "1", "EUR", "paid"), ("2", 1, "1", "EUR", "open"), ("3", 2, "1", "EUR", "open")]
         database.executemany("INSERT INTO payments (token, order_id, amount, currency, state) VALUES (?, ?, ?, ?, ?)", rows)
         self.assertEqual(sorted(database.execute(query)), [("open", 2), ("paid", 1)])
+
+    # ---- Several servers, upgrade
+
+    def set_up(self):
+        make, set_up = blocks("sh")[:2]
+        self.run_command(make)
+        self.run_command(set_up)
+
+    def server(self, account, **variables):
+        """A process of the shop that prints a payment URL, or what fails, for each line of its input."""
+        server = Program(sys.executable, "-c", SERVER, account, env={**self.environment, **variables})
+        self.addCleanup(server.stop)
+        return server
+
+    def ask(self, server):
+        server.process.stdin.write("pay\n")
+        server.process.stdin.flush()
+        return server.line()
+
+    def signing_key(self, server):
+        """The id of the key that signs the server's next payment."""
+        return re.search(r'KEYID="([^"]*)"', parameters(self.ask(server))[0])[1]
+
+    def current_key(self, account):
+        return (account / "keys" / "current").read_text()
+
+    def test_any_server_captures_what_another_has_started(self):
+        self.set_up()
+        other = self.directory / "other"
+        shutil.copytree(self.account, other)
+        for first, second in ((self.account, other), (other, self.account)):
+            with self.subTest(first=first.name):
+                address = self.browser.decide(self.ask(self.server(first)), "pay")
+                self.run_command(f"tallowin capture --dir '{second}' --amount 19.90 --currency EUR '{address}'")
+        self.assertEqual(self.states(), ["captured", "captured"])
+
+    def test_a_copy_is_renewed_in_the_order_of_the_page_while_it_is_used(self):
+        self.set_up()
+        other = self.directory / "other"
+        shutil.copytree(self.account, other)
+        server = self.server(other)
+        old = self.current_key(self.account)
+        self.run_command(blocks("sh")[5])
+        new = self.current_key(self.account)
+        self.assertNotEqual(new, old)
+        self.assertIn("first `keys/public` and `keys/private`, then\n  `keys/current`, then the rest", PAGE)
+        for part, key in (("keys/public", old), ("keys/private", old), ("keys/current", new), (".", new)):
+            with self.subTest(part=part):
+                self.run_command(f"cp -aT '{self.account}/{part}' '{other}/{part}'")
+                self.assertEqual(self.signing_key(server), key)
+                self.browser.decide(self.ask(server), "pay")
+
+    def test_one_set_up_serves_all_processes_on_one_directory(self):
+        self.set_up()
+        servers = [self.server(self.account) for _ in range(2)]
+        before = self.current_key(self.account)
+        self.assertEqual([self.signing_key(server) for server in servers], [before, before])
+        self.run_command(blocks("sh")[5])
+        after = self.current_key(self.account)
+        self.assertNotEqual(after, before)
+        self.assertEqual([self.signing_key(server) for server in servers], [after, after])
+
+    def test_an_upgrade_leaves_running_processes_and_the_directory_alone(self):
+        self.set_up()
+        installed = self.directory / "libtallowin.so.1"
+        replacement = self.directory / "replacement"
+        shutil.copyfile(os.environ["TALLOWIN_LIBRARY"], installed)
+        running = self.server(self.account, TALLOWIN_LIBRARY=str(installed))
+        self.assertIn("/pay?DATA=", self.ask(running))
+        files = self.content()
+
+        replacement.write_text("another release")  # which no process can load, so that each shows which file it has
+        replacement.replace(installed)
+        self.assertIn("/pay?DATA=", self.ask(running))
+        self.assertIn("LoadError", self.ask(self.server(self.account, TALLOWIN_LIBRARY=str(installed))))
+
+        shutil.copyfile(os.environ["TALLOWIN_LIBRARY"], replacement)
+        replacement.replace(installed)
+        self.assertIn("/pay?DATA=", self.ask(self.server(self.account, TALLOWIN_LIBRARY=str(installed))))
+        self.assertEqual(self.content(), files)
 
 
 if __name__ == "__main__":
