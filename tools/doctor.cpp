@@ -70,7 +70,8 @@ bool DoctorReport::hasFinding(std::string const& check) const {
 }
 
 void examine(std::string const& directory, DoctorOptions const& options, DoctorReport& report) {
-    Examination const examination{directory, options, report};
+    DoctorOptions chosen = options;
+    Examination const examination{directory, chosen, report};
     bool goesOn = false;
     guarded(report, "directory", [&] { goesOn = examineDirectory(examination); });
     if (!goesOn) {
@@ -79,6 +80,7 @@ void examine(std::string const& directory, DoctorOptions const& options, DoctorR
     std::optional<DirectoryLock> lock;
     if (options.m_Repairs) {
         lock.emplace(directory, DirectoryLock::Kind::kExclusive);
+        chosen.m_Repairs = mayRepair(examination);
     }
     bool isReadable = false;
     guarded(report, "modes", [&] { examineModes(examination); });

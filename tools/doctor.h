@@ -68,6 +68,10 @@ void examine(std::string const& directory, DoctorOptions const& options, DoctorR
 /// Checks "directory" and "owner". False when the others can find nothing.
 bool examineDirectory(Examination const& examination);
 
+/// Whether repairs may begin. Root makes none through a link, which may lead to files of the system: the directory's
+/// owner, who can make links, would have them changed. Adds a finding then.
+bool mayRepair(Examination const& examination);
+
 /// Checks "modes": nobody else may read private keys or write anything.
 void examineModes(Examination const& examination);
 

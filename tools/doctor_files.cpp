@@ -282,7 +282,7 @@ void replaceFile(std::string const& path, std::string const& content, unsigned m
     writeNewFile(fresh, content, wanted);
     // When root repairs, the file stays the shop's.
     bool const isOwned = fileStatus(folder, status) &&
-                         (status.st_uid == ::geteuid() || ::chown(fresh.c_str(), status.st_uid, status.st_gid) == 0);
+                         (status.st_uid == ::geteuid() || ::lchown(fresh.c_str(), status.st_uid, status.st_gid) == 0);
     if (!isOwned || ::rename(fresh.c_str(), path.c_str()) != 0) {
         int const error = errno;
         ::unlink(fresh.c_str());
@@ -329,6 +329,20 @@ bool examineDirectory(Examination const& examination) {
     }
     if (!report.hasFinding("owner")) {
         report.good("owner", "user " + user + " can read all that signing and verifying need");
+    }
+    return true;
+}
+
+bool mayRepair(Examination const& examination) {
+    for (char const* folder : kFolders) {
+        struct stat status = {};
+        std::string const path = examination.m_Directory + folder;
+        bool const isLink = *folder != '\0' && ::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+        if (isLink && ::geteuid() == 0) {
+            examination.m_Report.problem("directory", path + " is a link, behind which root repairs nothing",
+                                         "repair as the owner of the directory, or put a folder in its place");
+            return false;
+        }
     }
     return true;
 }

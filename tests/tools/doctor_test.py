@@ -339,6 +339,20 @@ class DoctorKeys(DoctorCase):
             self.examine("--offline", "--repair")
             self.assertEqual(self.current(), key)
 
+    @unittest.skipUnless(os.geteuid() == 0, "needs root, which can change files of others")
+    def test_repairs_by_root_follow_no_links(self):
+        outside = self.directory.parent / "system"
+        self.path("keys/public").rename(outside)
+        self.path("keys/public").symlink_to(outside)
+        (outside / self.current()).write_text("a file of the system")
+        (outside / "other").write_text("")
+        (outside / "other").chmod(0o666)
+        report = self.examine("--offline", "--repair")
+        self.assertEqual(report["repairs"], 0)
+        self.assertIn("keys/public is a link", report["checks"][2]["text"])
+        self.assertEqual((outside / self.current()).read_text(), "a file of the system")
+        self.assertEqual((outside / "other").stat().st_mode & 0o777, 0o666)
+
     @unittest.skipUnless(os.geteuid() == 0, "needs root, which can give files away")
     def test_repairs_by_root_leave_files_to_the_owner(self):
         for path in (self.directory, *self.directory.rglob("*")):
