@@ -79,6 +79,13 @@ bool fileStatus(std::string const& path, struct stat& status) {
     return false;
 }
 
+std::int64_t modificationTime(struct stat const& status) {
+    constexpr std::int64_t kSecond = 1'000'000'000;
+    constexpr std::int64_t kFirst = -(std::int64_t{1} << 32);
+    constexpr std::int64_t kLast = std::int64_t{1} << 33;
+    return std::clamp(std::int64_t{status.st_mtim.tv_sec}, kFirst, kLast) * kSecond + status.st_mtim.tv_nsec;
+}
+
 std::vector<std::string> filesIn(std::string const& path) {
     Folder const folder(::opendir(path.c_str()));
     if (folder == nullptr) {
@@ -88,11 +95,12 @@ std::vector<std::string> filesIn(std::string const& path) {
         throw ToolFailure(systemFailure("cannot read the folder " + path, errno));
     }
     std::vector<std::string> names;
+    std::string const prefix = path + '/';
     errno = 0;
     while (dirent const* const entry = ::readdir(folder.get())) {
         std::string const name = entry->d_name;
         struct stat status = {};
-        bool const isFile = ::lstat((path + '/' + name).c_str(), &status) == 0 && S_ISREG(status.st_mode);
+        bool const isFile = ::lstat((prefix + name).c_str(), &status) == 0 && S_ISREG(status.st_mode);
         if (isFile && name[0] != '.') {
             names.push_back(name);
         }
@@ -191,7 +199,8 @@ std::vector<std::string> obstaclesFor(SystemUser const& user, std::string const&
     };
     std::string walked;
     for (std::filesystem::path const& part : std::filesystem::path(directory)) {
-        walked = walked.empty() || walked == "/" ? walked + part.string() : walked + '/' + part.string();
+        walked += walked.empty() || walked == "/" ? "" : "/";
+        walked += part.string();
         look(walked, kSearch);
     }
     for (char const* folder : {"/keys", "/keys/public", "/keys/private"}) {

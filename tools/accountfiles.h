@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -12,6 +13,10 @@ namespace tool {
 
 /// Fills `status`. False when there is no such file; ToolFailure when the system does not say.
 bool fileStatus(std::string const& path, struct stat& status);
+
+/// When the file changed last: nanoseconds since 1970, of the years 1833 to 2242, so that differences fit as well.
+/// Files of other years count as of the nearest of these.
+std::int64_t modificationTime(struct stat const& status);
 
 /// The names of the regular files in the folder `path`, sorted, without those that begin with a dot. An absent folder
 /// has none. ToolFailure when it cannot be read.

@@ -23,24 +23,24 @@ namespace {
 
 constexpr std::int64_t kSecond = 1'000'000'000;
 
-std::int64_t modified(std::string const& path) {
+std::int64_t modified(std::string const& folder, std::string const& id) {
     struct stat status = {};
-    return fileStatus(path, status)
-               ? static_cast<std::int64_t>(status.st_mtim.tv_sec) * kSecond + status.st_mtim.tv_nsec
-               : 0;
+    return fileStatus(folder + '/' + id, status) ? modificationTime(status) : 0;
 }
 
 std::map<std::string, AccountKey> halvesOf(std::string const& directory) {
     std::map<std::string, AccountKey> keys;
-    for (std::string const& id : filesIn(directory + "/keys/public")) {
+    std::string const publicKeys = directory + "/keys/public";
+    std::string const privateKeys = directory + "/keys/private";
+    for (std::string const& id : filesIn(publicKeys)) {
         AccountKey& key = keys[id];
         key.m_HasPublic = true;
-        key.m_Made = modified(directory + "/keys/public/" + id);
+        key.m_Made = modified(publicKeys, id);
     }
-    for (std::string const& id : filesIn(directory + "/keys/private")) {
+    for (std::string const& id : filesIn(privateKeys)) {
         AccountKey& key = keys[id];
         key.m_HasPrivate = true;
-        key.m_Made = modified(directory + "/keys/private/" + id);
+        key.m_Made = modified(privateKeys, id);
     }
     for (auto& [id, key] : keys) {
         key.m_Id = id;

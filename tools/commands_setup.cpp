@@ -135,12 +135,11 @@ std::string hintFor(std::int32_t code) {
 std::map<std::string, std::pair<ino_t, std::int64_t>> filesOf(std::string const& directory) {
     std::map<std::string, std::pair<ino_t, std::int64_t>> files;
     for (char const* folder : {"", "keys/", "keys/public/", "keys/private/"}) {
-        for (std::string const& name : filesIn(directory + '/' + folder)) {
+        std::string const path = directory + '/' + folder;
+        for (std::string const& name : filesIn(path)) {
             struct stat status = {};
-            if (fileStatus(directory + '/' + folder + name, status)) {
-                std::int64_t const moment =
-                    static_cast<std::int64_t>(status.st_mtim.tv_sec) * 1'000'000'000 + status.st_mtim.tv_nsec;
-                files[folder + name] = {status.st_ino, moment};
+            if (fileStatus(path + name, status)) {
+                files[folder + name] = {status.st_ino, modificationTime(status)};
             }
         }
     }
@@ -151,10 +150,11 @@ void reportWritten(Session& session, std::string const& directory,
                    std::map<std::string, std::pair<ino_t, std::int64_t>> const& before) {
     session.json()["written"] = Json::array();
     session.line("written:");
+    std::string const prefix = directory + '/';
     for (auto const& [name, identity] : filesOf(directory)) {
         auto const old = before.find(name);
         struct stat status = {};
-        if ((old != before.end() && old->second == identity) || !fileStatus(directory + '/' + name, status)) {
+        if ((old != before.end() && old->second == identity) || !fileStatus(prefix + name, status)) {
             continue;
         }
         session.json()["written"].push_back(

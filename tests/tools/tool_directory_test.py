@@ -197,6 +197,14 @@ class KeysPrune(AccountCase):
             os.utime(self.merchant / "keys" / "private" / key, ns=(0, 0))
         self.assertEqual(self.prune("--older-than", "0")["removed"], [])
 
+    def test_keeps_keys_from_the_far_future(self):
+        first, second, current = self.ids
+        for half in ("private", "public"):  # more nanoseconds since 1970 than 64 bits hold with a sign
+            os.utime(self.merchant / "keys" / half / first, (400 * 365 * DAY, 400 * 365 * DAY))
+        out = self.prune("--older-than", "0")
+        self.assertEqual(out["removed"], [second])
+        self.assertIn({"id": first, "reason": "a set-up may be publishing it"}, out["kept"])
+
     def test_waits_for_no_set_up(self):
         descriptor = os.open(self.merchant, os.O_RDONLY)
         fcntl.flock(descriptor, fcntl.LOCK_SH)
