@@ -79,13 +79,17 @@ void addKey(fs::path const& path, fs::path const& directory, Account const& acco
 /// The rest of the Evidence, for `keys`.
 Evidence withSearch(std::vector<KnownKey> keys, std::string const& unknown, std::vector<SeenMessage> originals,
                     Attributes expected) {
-    std::string const searched =
-        originals.empty() ? "" : "Nor does it belong to one of the " + std::to_string(originals.size()) + " originals.";
-    return {std::move(keys),
-            recallAmong(std::move(originals)),
-            {"the server", unknown, searched},
-            true,
-            std::move(expected)};
+    Evidence evidence;
+    evidence.m_Wording = {"the server", unknown, ""};
+    if (!originals.empty()) {
+        evidence.m_Wording.m_Searched =
+            "Nor does it belong to one of the " + std::to_string(originals.size()) + " originals.";
+    }
+    evidence.m_Keys = std::move(keys);
+    evidence.m_Recall = recallAmong(std::move(originals));
+    evidence.m_SearchesChanges = true;
+    evidence.m_Expected = std::move(expected);
+    return evidence;
 }
 
 }  // namespace

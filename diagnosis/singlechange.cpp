@@ -196,8 +196,8 @@ private:
                 }
             }
         }
+        std::string const attribute = " " + name + "=\"" + value + "\"";
         for (std::size_t i = 0; !present && i < m_Places.size(); ++i) {
-            std::string const attribute = " " + name + "=\"" + value + "\"";
             std::size_t const from = m_Places[i].m_From;
             std::size_t const to = m_Places[i].to();
             if ((i == 0 && tryChange(from, from, attribute)) || tryChange(to, to, attribute)) {

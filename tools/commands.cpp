@@ -6,7 +6,9 @@
 
 namespace tool {
 
-CLI::Validator const kNotEmpty([](std::string const& text) { return std::string(text.empty() ? "is empty" : ""); }, "");
+CLI::Validator notEmpty() {
+    return {[](std::string const& text) { return std::string(text.empty() ? "is empty" : ""); }, ""};
+}
 
 CLI::App* addCommand(CommandLine& line, CLI::App& parent, std::string const& name, std::string const& summary,
                      Needs needs, Action run) {

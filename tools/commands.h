@@ -33,7 +33,7 @@ CLI::App* addCommand(CommandLine& line, CLI::App& parent, std::string const& nam
                      Needs needs, Action run);
 
 /// Refuses an empty value: usually a variable of a script that is not set.
-extern CLI::Validator const kNotEmpty;
+CLI::Validator notEmpty();
 
 /// What the program does, in one line.
 constexpr char const* kProgramSummary = "payments of one merchant account: set up, pay, verify, capture, inspect";

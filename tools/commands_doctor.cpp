@@ -6,6 +6,7 @@
 
 #include "tools/commands.h"
 #include "tools/doctor.h"
+#include "tools/tooltext.h"
 
 namespace tool {
 
@@ -26,11 +27,6 @@ Emphasis emphasisOf(Health health) {
             break;
     }
     return Emphasis::kPlain;
-}
-
-std::string padded(std::string text, std::size_t width) {
-    text.resize(std::max(width, text.size()), ' ');
-    return text;
 }
 
 std::string counted(std::size_t count, std::string const& what) {
@@ -95,7 +91,7 @@ void addDoctor(CommandLine& line) {
     command->add_flag("--repair", options->m_Repairs, "repair what can be repaired without loss");
     command->add_flag("--offline", options->m_Offline, "connect to nothing");
     command->add_option("--user", options->m_User, "the user that the shop runs as")
-        ->check(kNotEmpty)
+        ->check(notEmpty())
         ->type_name("USER");
     command->add_option("--timeout", options->m_TimeoutSeconds, "seconds to wait for each connect and each answer; 10")
         ->check(CLI::Range(1, kMaxTimeoutSeconds))

@@ -4,6 +4,7 @@
 
 #include "tools/codelookup.h"
 #include "tools/commands.h"
+#include "tools/tooltext.h"
 
 namespace tool {
 
@@ -11,9 +12,8 @@ namespace {
 
 constexpr std::size_t kWidth = 23;
 
-std::string padded(std::string text) {
-    text.resize(kWidth, ' ');
-    return text;
+std::string heading(std::string const& text) {
+    return padded(text, kWidth);
 }
 
 /// The last number of the family whose constant is `code`.
@@ -28,16 +28,16 @@ void addCode(Session& session, std::int32_t code) {
     std::string const text = codeMeaning(code);
     session.line(name + (label.empty() ? "" : ": " + label), Emphasis::kStrong);
     if (!text.empty()) {
-        session.line(padded("text") + text);
+        session.line(heading("text") + text);
     }
-    session.line(padded("number") + codeNumber(code) +
+    session.line(heading("number") + codeNumber(code) +
                  (isFamily(code) ? " to " + codeNumber(lastOf(code))
                   : code < 0     ? ", as a signed number " + std::to_string(code)
                                  : ""));
-    session.line(padded("meaning") + row.m_Meaning);
-    session.line(padded("is a retry safe?") + row.m_Retry);
-    session.line(padded("may money have moved?") + row.m_Money);
-    session.line(padded("what to do") + row.m_Action);
+    session.line(heading("meaning") + row.m_Meaning);
+    session.line(heading("is a retry safe?") + row.m_Retry);
+    session.line(heading("may money have moved?") + row.m_Money);
+    session.line(heading("what to do") + row.m_Action);
     session.json()["codes"].push_back({{"code", codeNumber(code)},
                                        {"number", code},
                                        {"name", name},
@@ -78,7 +78,7 @@ void addExplain(CommandLine& line) {
     command->add_option("code", *code, "number or name of a result code")
         ->type_name("CODE")
         ->required()
-        ->check(kNotEmpty);
+        ->check(notEmpty());
 }
 
 }  // namespace tool

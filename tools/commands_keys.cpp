@@ -2,12 +2,14 @@
 // process can need any more, both halves, and says of all others why they stay.
 
 #include <chrono>
+#include <cstddef>
 
 #include "tools/accountfiles.h"
 #include "tools/accountkeys.h"
 #include "tools/commands.h"
 #include "tools/directorylock.h"
 #include "tools/fingerprint.h"
+#include "tools/tooltext.h"
 
 namespace tool {
 
@@ -24,6 +26,7 @@ std::int64_t nowNanoseconds() {
 }
 
 void list(Session& session) {
+    constexpr std::size_t kKindWidth = 9;
     std::string const directory = session.accountDirectory();
     session.json()["keys"] = Json::array();
     for (AccountKey const& key : keysOf(directory)) {
@@ -34,10 +37,9 @@ void list(Session& session) {
                                           {"public", key.m_HasPublic},
                                           {"made", momentText(key.m_Made)},
                                           {"fingerprint", fingerprint}});
-        std::string const kind = kindText(key.m_Kind);
         std::string const halves =
             key.m_HasPrivate ? key.m_HasPublic ? "both halves  " : "private half " : "public half  ";
-        session.line(kind + std::string(9 - kind.size(), ' ') + halves + momentText(key.m_Made) + "  " + key.m_Id,
+        session.line(padded(kindText(key.m_Kind), kKindWidth) + halves + momentText(key.m_Made) + "  " + key.m_Id,
                      key.m_Kind == KeyKind::kCurrent ? Emphasis::kStrong : Emphasis::kPlain);
     }
 }

@@ -180,18 +180,18 @@ void addPay(CommandLine& line) {
         "opens. Nothing is sent. Keep the token with the order: verify compares it.");
     command->add_option("--amount", payment->m_Amount, "attribute AMOUNT, such as 12.50")
         ->type_name("AMOUNT")
-        ->check(kNotEmpty);
+        ->check(notEmpty());
     command->add_option("--currency", payment->m_Currency, "attribute CURRENCY, such as EUR")
         ->type_name("CODE")
-        ->check(kNotEmpty);
+        ->check(notEmpty());
     command->add_option("--order", payment->m_Order, "attribute ORDERID, the shop's number of the order")
         ->type_name("ORDER")
-        ->check(kNotEmpty);
+        ->check(notEmpty());
     command
         ->add_option("--expires", payment->m_Expires,
                      "last moment to pay: seconds from now, or YYYYMMDD HH:MM:SS in UTC")
         ->type_name("TIME")
-        ->check(kNotEmpty);
+        ->check(notEmpty());
     command->add_option("--set", payment->m_Attributes, "another attribute of the message; repeatable")
         ->type_name("NAME=VALUE")
         ->allow_extra_args(false);

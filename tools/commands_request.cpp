@@ -70,11 +70,11 @@ void addComplete(CommandLine& line) {
     command->add_option("--id", options->m_Id, "the service's number of the payment: ID of the confirmation")
         ->type_name("ID")
         ->required()
-        ->check(kNotEmpty);
+        ->check(notEmpty());
     command->add_option("--token", options->m_Token, "the payment's token")
         ->type_name("TOKEN")
         ->required()
-        ->check(kNotEmpty);
+        ->check(notEmpty());
     addAttributes(*command, options->m_Attributes);
 }
 
@@ -88,7 +88,7 @@ void addRequest(CommandLine& line) {
     command->add_option("type", options->m_Type, "type of the message, such as Status for a StatusRequest")
         ->type_name("TYPE")
         ->required()
-        ->check(kNotEmpty);
+        ->check(notEmpty());
     addAttributes(*command, options->m_Attributes);
 }
 

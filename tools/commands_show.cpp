@@ -9,6 +9,7 @@
 #include "tools/commands.h"
 #include "tools/fingerprint.h"
 #include "tools/toolobjects.h"
+#include "tools/tooltext.h"
 
 namespace tool {
 
@@ -18,7 +19,7 @@ constexpr std::size_t kWidth = 24;
 
 void row(Session& session, char const* member, std::string const& label, std::string const& value) {
     session.json()[member] = value;
-    session.line(label + std::string(kWidth - label.size(), ' ') + (value.empty() ? "(none)" : value));
+    session.line(padded(label, kWidth) + (value.empty() ? "(none)" : value));
 }
 
 void showFiles(Session& session, std::string const& directory) {
@@ -32,8 +33,7 @@ void showFiles(Session& session, std::string const& directory) {
         }
         session.json()["files"].push_back(
             {{"file", name}, {"mode", modeText(status.st_mode)}, {"owner", userName(status.st_uid)}});
-        std::string const file = name;
-        session.line("  " + file + std::string(kWidth - 2 - file.size(), ' ') + modeText(status.st_mode) + ' ' +
+        session.line(padded(std::string("  ") + name, kWidth) + modeText(status.st_mode) + ' ' +
                      userName(status.st_uid));
     }
 }
@@ -43,7 +43,7 @@ void showValues(Session& session, std::string const& directory, char const* memb
     session.line(file, Emphasis::kStrong);
     for (auto const& [name, value] : configuredValues(directory, file)) {
         session.json()[member][name] = value;
-        session.line("  " + name + std::string(name.size() < kWidth - 2 ? kWidth - 2 - name.size() : 1, ' ') + value);
+        session.line(padded("  " + name, kWidth) + value);
     }
 }
 
@@ -65,7 +65,7 @@ void show(Session& session) {
         oldKeys += key.m_Kind == KeyKind::kOld || key.m_Kind == KeyKind::kNew ? 1 : 0;
     }
     session.json()["otherPrivateKeys"] = oldKeys;
-    session.line("other private keys" + std::string(kWidth - 18, ' ') + std::to_string(oldKeys));
+    session.line(padded("other private keys", kWidth) + std::to_string(oldKeys));
     showValues(session, directory, "settings", "settings.xml");
     showValues(session, directory, "defaults", "default.xml");
     showFiles(session, directory);

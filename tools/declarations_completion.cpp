@@ -131,7 +131,7 @@ std::string zshArguments(DeclaredCommand const& command) {
 std::string fishCondition(DeclaredCommand const& command) {
     std::string out;
     for (std::string rest = command.m_Name; !rest.empty(); rest = parentOf(rest)) {
-        out = "__fish_seen_subcommand_from " + lastWord(rest) + (out.empty() ? "" : "; and " + out);
+        out.insert(0, "__fish_seen_subcommand_from " + lastWord(rest) + (out.empty() ? "" : "; and "));
     }
     if (command.m_Commands.empty()) {
         return out;

@@ -311,19 +311,21 @@ bool examineDirectory(Examination const& examination) {
     report.good("directory", path + ", owner " + userName(status.st_uid) + ", mode " + modeText(status.st_mode));
     std::string const user =
         examination.m_Options.m_User.empty() ? userName(::geteuid()) : examination.m_Options.m_User;
+    std::string const owner = userName(status.st_uid);
+    std::string const cure = "chown -R " + user + " " + path + ", or run the shop as " + owner;
     for (std::string const& obstacle : obstaclesFor(SystemUser(user), path)) {
-        report.problem("owner", obstacle,
-                       "chown -R " + user + " " + path + ", or run the shop as " + userName(status.st_uid));
+        report.problem("owner", obstacle, cure);
     }
     for (char const* folder : kFolders) {
-        for (std::string const& name : filesIn(path + folder)) {
+        std::string const place = path + folder;
+        for (std::string const& name : filesIn(place)) {
+            std::string const file = place + '/' + name;
             struct stat entry = {};
-            if (fileStatus(path + folder + '/' + name, entry) && entry.st_uid != status.st_uid) {
+            if (fileStatus(file, entry) && entry.st_uid != status.st_uid) {
                 report.warning("owner",
-                               std::string(folder).substr(*folder == '/' ? 1 : 0) + (*folder == '/' ? "/" : "") + name +
-                                   " belongs to " + userName(entry.st_uid) + ", the directory to " +
-                                   userName(status.st_uid),
-                               "chown " + userName(status.st_uid) + " " + path + folder + '/' + name);
+                               file.substr(path.size() + 1) + " belongs to " + userName(entry.st_uid) +
+                                   ", the directory to " + owner,
+                               "chown " + owner + " " + file);
             }
         }
     }

@@ -2,6 +2,8 @@
 
 #include <cstddef>
 
+#include "tools/tooltext.h"
+
 namespace tool {
 
 namespace {
@@ -27,11 +29,11 @@ void requireSent(std::int32_t code, char const* doing) {
     if (code == KVX_OK) {
         return;
     }
-    ToolFailure failure(
+    bool const mayHaveHappened = mayHaveArrived(code);
+    throw ToolFailure(
         doing, code,
-        mayHaveArrived(code) ? "the service may have carried it out all the same: ask it before you repeat" : "");
-    failure.setMayHaveHappened(mayHaveArrived(code));
-    throw failure;
+        mayHaveHappened ? "the service may have carried it out all the same: ask it before you repeat" : "",
+        mayHaveHappened);
 }
 
 void sendAndReport(Session& session, MessageObject const& message) {
@@ -42,7 +44,7 @@ void sendAndReport(Session& session, MessageObject const& message) {
     session.json()["response"] = Json::object();
     for (auto const& [name, value] : attributesOf(response)) {
         session.json()["response"][name] = value;
-        session.line(name + std::string(name.size() < kWidth ? kWidth - name.size() : 1, ' ') + value);
+        session.line(padded(name, kWidth) + value);
     }
 }
 

@@ -30,11 +30,12 @@ std::string lastReason() {
 ToolFailure::ToolFailure(std::string const& text, std::string hint)
     : std::runtime_error(text), m_Hint(std::move(hint)) {}
 
-ToolFailure::ToolFailure(std::string const& doing, std::int32_t code, std::string hint)
+ToolFailure::ToolFailure(std::string const& doing, std::int32_t code, std::string hint, bool mayHaveHappened)
     : std::runtime_error(doing + ": " + codeText(code)),
       m_Code(code),
       m_Hint(std::move(hint)),
-      m_Reason(lastReason()) {}
+      m_Reason(lastReason()),
+      m_MayHaveHappened(mayHaveHappened) {}
 
 void require(std::int32_t code, char const* doing) {
     if (code != KVX_OK) {

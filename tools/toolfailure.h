@@ -21,8 +21,9 @@ public:
     explicit ToolFailure(std::string const& text, std::string hint = "");
 
     /// A failure of the library: `doing` says what was tried, such as "cannot sign the payment". Takes the library's
-    /// reason. Requires: the call that returned `code` is the last one of this thread that failed.
-    ToolFailure(std::string const& doing, std::int32_t code, std::string hint = "");
+    /// reason. `mayHaveHappened` says whether the service may have carried it out all the same. Requires: the call that
+    /// returned `code` is the last one of this thread that failed.
+    ToolFailure(std::string const& doing, std::int32_t code, std::string hint = "", bool mayHaveHappened = false);
 
     /// The library's result code; 0 when the tool found the failure.
     [[nodiscard]] std::int32_t code() const { return m_Code; }
@@ -34,7 +35,6 @@ public:
 
     /// Whether the service may have carried out what failed here.
     [[nodiscard]] bool mayHaveHappened() const { return m_MayHaveHappened; }
-    void setMayHaveHappened(bool may) { m_MayHaveHappened = may; }
 
 private:
     std::int32_t m_Code = 0;

@@ -3,6 +3,7 @@
 
 #include "tools/tooltext.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 
@@ -78,6 +79,11 @@ std::string shortened(std::string const& text, std::size_t length) {
     }
     std::size_t const end = (length - 3) / 2;
     return text.substr(0, length - 3 - end) + "..." + text.substr(text.size() - end);
+}
+
+std::string padded(std::string text, std::size_t width) {
+    text.resize(std::max(width, text.size() + 1), ' ');
+    return text;
 }
 
 bool percentDecoded(std::string const& text, std::string& decoded) {

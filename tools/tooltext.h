@@ -15,6 +15,9 @@ std::string printable(std::string const& text);
 /// `length` is at least 3.
 std::string shortened(std::string const& text, std::size_t length);
 
+/// `text` and blanks behind it up to `width` bytes, at least one.
+std::string padded(std::string text, std::size_t width);
+
 /// Decodes `%XX`, and "+" to a blank. False, leaving `decoded` alone, when a "%" has no two digits behind it.
 bool percentDecoded(std::string const& text, std::string& decoded);
 

@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <utility>
 
+#include "tools/tooltext.h"
+
 namespace tool {
 
 namespace {
@@ -20,26 +22,24 @@ bool isIn(Attributes const& message, std::string const& name) {
     return std::any_of(message.begin(), message.end(), [&](auto const& row) { return row.first == name; });
 }
 
-std::string padded(std::string const& text, std::size_t width) {
-    return text + std::string(text.size() < width ? width - text.size() : 1, ' ');
-}
-
 }  // namespace
 
 void addExpectedOptions(CLI::App& command, Expected& expected) {
     command.add_option("--token", expected.m_Token, "token of the order's payment, as pay reported it")
         ->type_name("TOKEN")
-        ->check(kNotEmpty);
+        ->check(notEmpty());
     command.add_option("--amount", expected.m_Amount, "amount of the order, spelled as in the payment")
         ->type_name("AMOUNT")
-        ->check(kNotEmpty);
-    command.add_option("--currency", expected.m_Currency, "currency of the order")->type_name("CODE")->check(kNotEmpty);
+        ->check(notEmpty());
+    command.add_option("--currency", expected.m_Currency, "currency of the order")
+        ->type_name("CODE")
+        ->check(notEmpty());
     command.add_option("--order", expected.m_Order, "the shop's number of the order")
         ->type_name("ORDER")
-        ->check(kNotEmpty);
+        ->check(notEmpty());
     command.add_option("--result", expected.m_Result, "RESULT of the confirmation; authorised unless given")
         ->type_name("RESULT")
-        ->check(kNotEmpty);
+        ->check(notEmpty());
 }
 
 bool Verification::hasPassed() const {

@@ -137,7 +137,7 @@ void addExplainOptions(CLI::App& command, ExplainOptions& options) {
     command
         .add_option("--original", options.m_OriginalFiles,
                     "file with a message, a query or an address to compare with; may be repeated")
-        ->check(kNotEmpty)
+        ->check(notEmpty())
         ->type_name("FILE");
 }
 
