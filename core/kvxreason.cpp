@@ -189,7 +189,8 @@ void kvxRecordFailure(KVX_Exception const& failure) noexcept {
     }
     std::memcpy(end, isShown ? "" : kHidden, isShown ? 1 : sizeof kHidden);
     if (hasCause && record->m_Cause.length() != 0) {
-        std::snprintf(end, record->m_Room - length, ": %s", record->m_Cause.text());
+        std::memcpy(end, ": ", 2);
+        std::memcpy(end + 2, record->m_Cause.text(), record->m_Cause.length() + 1);
     }
     record->m_HasCause = false;
     record->m_IsCurrent = true;
