@@ -113,6 +113,17 @@ std::vector<std::string> filesIn(std::string const& path) {
     return names;
 }
 
+std::string forbiddenLinkIn(std::string const& directory) {
+    for (char const* folder : {"/keys", "/keys/public", "/keys/private"}) {
+        struct stat status = {};
+        std::string const path = directory + folder;
+        if (::geteuid() == 0 && ::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode)) {
+            return path;
+        }
+    }
+    return "";
+}
+
 std::string currentKeyOf(std::string const& directory) {
     constexpr std::size_t kMaxFileName = 255;
     std::string const path = directory + "/keys/current";

@@ -22,6 +22,11 @@ std::int64_t modificationTime(struct stat const& status);
 /// has none. ToolFailure when it cannot be read.
 std::vector<std::string> filesIn(std::string const& path);
 
+/// The first of `keys`, `keys/public` and `keys/private` in `directory` that root must not change files behind, as a
+/// path: a link, which the directory's owner can lead to files of the system. Empty for other users, and when there is
+/// none.
+std::string forbiddenLinkIn(std::string const& directory);
+
 /// The key id in `keys/current` of the account in `directory`; empty when the file is absent. ToolFailure when it
 /// cannot be read.
 std::string currentKeyOf(std::string const& directory);

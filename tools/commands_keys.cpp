@@ -48,6 +48,11 @@ void prune(Session& session, PruneOptions const& options) {
     constexpr std::int64_t kSecondsPerHour = 3600;
     std::string const directory = session.accountDirectory();
     session.streams().requireOutput();
+    std::string const link = forbiddenLinkIn(directory);
+    if (!link.empty()) {
+        throw ToolFailure(link + " is a link, behind which root removes nothing",
+                          "do it as the owner of the directory, or put a folder in its place");
+    }
     DirectoryLock const lock(directory, DirectoryLock::Kind::kExclusive);
     Json& json = session.json();
     json["dryRun"] = options.m_IsDryRun;

@@ -336,17 +336,12 @@ bool examineDirectory(Examination const& examination) {
 }
 
 bool mayRepair(Examination const& examination) {
-    for (char const* folder : kFolders) {
-        struct stat status = {};
-        std::string const path = examination.m_Directory + folder;
-        bool const isLink = *folder != '\0' && ::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
-        if (isLink && ::geteuid() == 0) {
-            examination.m_Report.problem("directory", path + " is a link, behind which root repairs nothing",
-                                         "repair as the owner of the directory, or put a folder in its place");
-            return false;
-        }
+    std::string const link = forbiddenLinkIn(examination.m_Directory);
+    if (!link.empty()) {
+        examination.m_Report.problem("directory", link + " is a link, behind which root repairs nothing",
+                                     "repair as the owner of the directory, or put a folder in its place");
     }
-    return true;
+    return link.empty();
 }
 
 void examineModes(Examination const& examination) {

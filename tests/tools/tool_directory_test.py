@@ -154,6 +154,14 @@ class KeysPrune(AccountCase):
     def prune(self, *options):
         return self.succeed("keys", "prune", "--dir", self.merchant, "--json", *options).json()
 
+    @unittest.skipUnless(os.geteuid() == 0, "needs root, which can remove files of others")
+    def test_removes_nothing_behind_a_link_as_root(self):
+        outside = self.directory / "system"
+        (self.merchant / "keys" / "public").rename(outside)
+        (self.merchant / "keys" / "public").symlink_to(outside)
+        self.fail_with(1, "keys/public is a link", "keys", "prune", "--dir", self.merchant)
+        self.assertTrue((outside / self.ids[0]).exists())
+
     def test_removes_both_halves_of_keys_that_were_replaced_long_ago(self):
         first, second, current = self.ids
         out = self.prune()
