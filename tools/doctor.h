@@ -50,7 +50,7 @@ struct DoctorOptions {
     bool m_Repairs = false;
     bool m_Offline = false;     ///< Nothing is connected to.
     std::string m_User;         ///< The user that the shop runs as; empty for the one that runs this.
-    int m_TimeoutSeconds = 10;  ///< For each connect, each read and each write.
+    int m_TimeoutSeconds = 10;  ///< For each connect, read and write, and each answer as a whole.
 };
 
 /// What the checks share.

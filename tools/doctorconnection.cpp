@@ -16,6 +16,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <cstring>
 #include <system_error>
@@ -81,6 +82,11 @@ ConnectionFailure connectFailure(std::string const& place, int error) {
         default:
             return {text, "compare the address with the provider"};
     }
+}
+
+ConnectionFailure lateAnswer(int timeoutSeconds) {
+    return {"no answer within " + std::to_string(timeoutSeconds) + " seconds",
+            "the server accepts connections and hangs: call the provider, or try again later"};
 }
 
 /// Keeps each error of a certificate and goes on. The errors stand behind the SSL object.
@@ -263,8 +269,7 @@ bool DoctorConnection::receive(std::string& text) {
     ssize_t const count = m_Tls != nullptr ? SSL_read(m_Tls.get(), buffer.data(), static_cast<int>(buffer.size()))
                                            : ::recv(m_Socket, buffer.data(), buffer.size(), 0);
     if (count <= 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-        throw ConnectionFailure("no answer within " + std::to_string(m_TimeoutSeconds) + " seconds",
-                                "the server accepts connections and hangs: call the provider, or try again later");
+        throw lateAnswer(m_TimeoutSeconds);
     }
     ERR_clear_error();
     text.append(buffer.data(), count > 0 ? static_cast<std::size_t>(count) : 0);
@@ -272,9 +277,13 @@ bool DoctorConnection::receive(std::string& text) {
 }
 
 std::string DoctorConnection::ask(std::string const& request) {
+    auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(m_TimeoutSeconds);
     send(request);
     std::string answer;
     while (answer.find(kEndOfHeader) == std::string::npos && answer.size() < kMaxHeader && receive(answer)) {
+        if (std::chrono::steady_clock::now() >= end) {
+            throw lateAnswer(m_TimeoutSeconds);  // A server that sends now and then a byte keeps no read waiting.
+        }
     }
     return answer;
 }

@@ -450,6 +450,22 @@ class DoctorService(DoctorCase):
             self.send_to(f"http://127.0.0.1:{server.getsockname()[1]}/pay")
             self.assert_finding("connection", "problem", "no answer within 1 seconds", "--timeout", "1")
 
+    def test_a_server_that_sends_a_byte_now_and_then(self):
+        ended = threading.Event()
+
+        def answer(server):
+            with server.accept()[0] as connection, contextlib.suppress(OSError):
+                while not ended.wait(0.1):
+                    connection.sendall(b"H")
+
+        with socket.create_server(("127.0.0.1", 0)) as server:
+            thread = threading.Thread(target=answer, args=(server,))
+            thread.start()
+            self.addCleanup(thread.join)
+            self.addCleanup(ended.set)
+            self.send_to(f"http://127.0.0.1:{server.getsockname()[1]}/pay")
+            self.assert_finding("connection", "problem", "no answer within 1 seconds", "--timeout", "1")
+
     def test_another_protocol(self):
         def answer(server):
             with server.accept()[0] as connection:
