@@ -135,6 +135,7 @@ private:
         if (from < m_At) {
             restart();
         }
+        m_Searched += static_cast<long long>((from - m_At) * m_UnitSize);
         requireDigest(
             EVP_DigestUpdate(m_Before.get(), m_Units.data() + m_At * m_UnitSize, (from - m_At) * m_UnitSize) == 1);
         m_At = from;
@@ -215,6 +216,9 @@ private:
                 return true;
             }
             for (Place const& other : m_Places) {
+                if (m_Searched >= m_MaxBytes) {
+                    return false;  // What is moved is copied, which takes its time even without a digest.
+                }
                 bool const before = other.m_From < place.m_From;
                 std::size_t const from = before ? other.m_From : place.m_From;
                 std::size_t const to = before ? place.to() : other.to();

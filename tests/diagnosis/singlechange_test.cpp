@@ -110,6 +110,18 @@ TEST(FindSignedText, GivesUpWhenTheTextIsTooLong) {
     EXPECT_FALSE(found.m_Complete);
 }
 
+TEST(FindSignedText, EndsSoonWithManyAttributes) {
+    constexpr int kAttributes = 20'000;  // As many times as many places are too many to copy what lies between them.
+    std::string text = "<KVX";
+    for (int number = 0; number < kAttributes; ++number) {
+        text += " A" + std::to_string(number) + "=\"x\"";
+    }
+    SearchedText const found =
+        findSignedText(text + "/>", digestOf("another text", Widening::kZero), Digested::kZeroExtended, {}, 10'000'000);
+    EXPECT_FALSE(found.m_Text);
+    EXPECT_FALSE(found.m_Complete);
+}
+
 class FindSignature : public ::testing::Test {
 protected:
     sandbox::KeyHolder m_Key = sandbox::makeSigningKey(512);
