@@ -14,7 +14,7 @@ bool contains(std::string const& text, std::string const& part) {
     return text.find(part) != std::string::npos;
 }
 
-TEST(ToolFailure, KeepsTheReasonOfItsCall) {
+TEST(ToolFailure, HasTheReasonOfItsOwnCall) {
     tool::MessageObject const message(CreateMessageObject());
     std::int32_t const code = MessageObject_Open(message.get(), "/nonexistent/account");
     tool::ToolFailure const failure("cannot open the directory", code);
