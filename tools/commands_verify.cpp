@@ -57,7 +57,11 @@ void runVerify(Session& session, VerifyOptions const& options) {
     }
     report(session, *verification);
     if (verification->hasPassed()) {
-        session.line("The confirmation is genuine and says what was expected.", Emphasis::kStrong);
+        Expected const& expected = options.m_Expected;
+        bool const isOfAnOrder = !expected.m_Token.empty() || !expected.m_Order.empty();
+        session.line(isOfAnOrder ? "The confirmation is genuine and says what was expected."
+                                 : "The confirmation is genuine; no option named the order that it must be of.",
+                     Emphasis::kStrong);
         return;
     }
     session.setNegative();

@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <csignal>
 
+#include "tools/descriptor.h"
 #include "tools/toolfailure.h"
 
 namespace tool {
@@ -26,23 +27,6 @@ volatile std::sig_atomic_t g_Signal = 0;
 extern "C" void noteSignal(int number) {
     g_Signal = number;
 }
-
-/// A descriptor that it closes, unless it is standard input.
-class Descriptor {
-public:
-    explicit Descriptor(int descriptor) : m_Descriptor(descriptor) {}
-    Descriptor(Descriptor const&) = delete;
-    Descriptor& operator=(Descriptor const&) = delete;
-    ~Descriptor() {
-        if (m_Descriptor > STDERR_FILENO) {
-            ::close(m_Descriptor);
-        }
-    }
-    [[nodiscard]] int get() const { return m_Descriptor; }
-
-private:
-    int m_Descriptor;
-};
 
 /// Notes the signals that end or stop a program on a terminal, in place of their actions.
 class NotedSignals {

@@ -130,6 +130,14 @@ class Verify(AccountCase):
         self.assertEqual(self.verify(address, "--token", token).json()["notCompared"], ["amount", "currency", "order"])
         self.assertIn("--amount was not given", self.succeed("verify", "--dir", self.merchant, address).out)
 
+    def test_says_when_no_option_names_an_order(self):
+        token, address = self.pay()
+        nothing = "no option named the order"
+        for options, says in (((), True), (("--amount", "12.50"), True), (("--token", token), False), (("--order", "A-1"), False)):
+            with self.subTest(options=options):
+                out = self.succeed("verify", "--dir", self.merchant, address, *options).out
+                self.assertEqual((nothing in out, "says what was expected" in out), (says, not says))
+
     def test_refuses_payments_that_were_not_made(self):
         for decision, result in (("decline", "declined"), ("cancel", "cancelled")):
             with self.subTest(decision=decision):
