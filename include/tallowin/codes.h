@@ -78,6 +78,20 @@
 
 /* TLS: the family OR the reason number of the TLS library. */
 #define KVX_E_TLS_FAMILY               KVX_CODE(0x80044000)
+
+/* Ledger: from the functions of ledger.h only; no texts. */
+#define KVX_E_LEDGER_STORE             KVX_CODE(0x80045001) /* the store failed in another way */
+#define KVX_E_LEDGER_CANNOT_OPEN       KVX_CODE(0x80045002) /* the store cannot be opened or created */
+#define KVX_E_LEDGER_BUSY              KVX_CODE(0x80045003) /* the store stayed locked */
+#define KVX_E_LEDGER_FULL              KVX_CODE(0x80045004) /* no room for the store */
+#define KVX_E_LEDGER_READONLY          KVX_CODE(0x80045005) /* the store cannot be written */
+#define KVX_E_LEDGER_DAMAGED           KVX_CODE(0x80045006) /* the store is no database, or damaged */
+#define KVX_E_LEDGER_VERSION           KVX_CODE(0x80045007) /* a newer release wrote the store */
+#define KVX_E_LEDGER_FORKED            KVX_CODE(0x80045008) /* a handle of another process */
+#define KVX_E_LEDGER_INVALID           KVX_CODE(0x80045009) /* an argument is not acceptable */
+#define KVX_E_LEDGER_CONFLICT          KVX_CODE(0x8004500A) /* the order exists with other content */
+#define KVX_E_LEDGER_PAID              KVX_CODE(0x8004500B) /* the order has been paid */
+#define KVX_E_LEDGER_STATE             KVX_CODE(0x8004500C) /* the order's state does not allow this */
 /* clang-format on */
 
 #endif

@@ -84,4 +84,28 @@ export declare const ResultCode: {
   readonly SOCKET_TIMEOUT: -2147209156;
   readonly SOCKET_REFUSED: -2147209155;
   readonly TLS_FAMILY: -2147205120;
+  /** the store failed in another way */
+  readonly LEDGER_STORE: -2147201023;
+  /** the store cannot be opened or created */
+  readonly LEDGER_CANNOT_OPEN: -2147201022;
+  /** the store stayed locked */
+  readonly LEDGER_BUSY: -2147201021;
+  /** no room for the store */
+  readonly LEDGER_FULL: -2147201020;
+  /** the store cannot be written */
+  readonly LEDGER_READONLY: -2147201019;
+  /** the store is no database, or damaged */
+  readonly LEDGER_DAMAGED: -2147201018;
+  /** a newer release wrote the store */
+  readonly LEDGER_VERSION: -2147201017;
+  /** a handle of another process */
+  readonly LEDGER_FORKED: -2147201016;
+  /** an argument is not acceptable */
+  readonly LEDGER_INVALID: -2147201015;
+  /** the order exists with other content */
+  readonly LEDGER_CONFLICT: -2147201014;
+  /** the order has been paid */
+  readonly LEDGER_PAID: -2147201013;
+  /** the order's state does not allow this */
+  readonly LEDGER_STATE: -2147201012;
 };

@@ -50,4 +50,16 @@ exports.ResultCode = Object.freeze({
   SOCKET_TIMEOUT: 0x8004303C | 0,
   SOCKET_REFUSED: 0x8004303D | 0,
   TLS_FAMILY: 0x80044000 | 0,
+  LEDGER_STORE: 0x80045001 | 0, // the store failed in another way
+  LEDGER_CANNOT_OPEN: 0x80045002 | 0, // the store cannot be opened or created
+  LEDGER_BUSY: 0x80045003 | 0, // the store stayed locked
+  LEDGER_FULL: 0x80045004 | 0, // no room for the store
+  LEDGER_READONLY: 0x80045005 | 0, // the store cannot be written
+  LEDGER_DAMAGED: 0x80045006 | 0, // the store is no database, or damaged
+  LEDGER_VERSION: 0x80045007 | 0, // a newer release wrote the store
+  LEDGER_FORKED: 0x80045008 | 0, // a handle of another process
+  LEDGER_INVALID: 0x80045009 | 0, // an argument is not acceptable
+  LEDGER_CONFLICT: 0x8004500A | 0, // the order exists with other content
+  LEDGER_PAID: 0x8004500B | 0, // the order has been paid
+  LEDGER_STATE: 0x8004500C | 0, // the order's state does not allow this
 });

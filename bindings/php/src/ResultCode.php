@@ -55,4 +55,16 @@ final class ResultCode
     public const SOCKET_TIMEOUT = -2147209156; // 0x8004303C
     public const SOCKET_REFUSED = -2147209155; // 0x8004303D
     public const TLS_FAMILY = -2147205120; // 0x80044000
+    public const LEDGER_STORE = -2147201023; // 0x80045001 the store failed in another way
+    public const LEDGER_CANNOT_OPEN = -2147201022; // 0x80045002 the store cannot be opened or created
+    public const LEDGER_BUSY = -2147201021; // 0x80045003 the store stayed locked
+    public const LEDGER_FULL = -2147201020; // 0x80045004 no room for the store
+    public const LEDGER_READONLY = -2147201019; // 0x80045005 the store cannot be written
+    public const LEDGER_DAMAGED = -2147201018; // 0x80045006 the store is no database, or damaged
+    public const LEDGER_VERSION = -2147201017; // 0x80045007 a newer release wrote the store
+    public const LEDGER_FORKED = -2147201016; // 0x80045008 a handle of another process
+    public const LEDGER_INVALID = -2147201015; // 0x80045009 an argument is not acceptable
+    public const LEDGER_CONFLICT = -2147201014; // 0x8004500A the order exists with other content
+    public const LEDGER_PAID = -2147201013; // 0x8004500B the order has been paid
+    public const LEDGER_STATE = -2147201012; // 0x8004500C the order's state does not allow this
 }

@@ -54,3 +54,15 @@ class ResultCode(enum.IntEnum):
     SOCKET_TIMEOUT = 0x8004303C - 0x100000000
     SOCKET_REFUSED = 0x8004303D - 0x100000000
     TLS_FAMILY = 0x80044000 - 0x100000000
+    LEDGER_STORE = 0x80045001 - 0x100000000  # the store failed in another way
+    LEDGER_CANNOT_OPEN = 0x80045002 - 0x100000000  # the store cannot be opened or created
+    LEDGER_BUSY = 0x80045003 - 0x100000000  # the store stayed locked
+    LEDGER_FULL = 0x80045004 - 0x100000000  # no room for the store
+    LEDGER_READONLY = 0x80045005 - 0x100000000  # the store cannot be written
+    LEDGER_DAMAGED = 0x80045006 - 0x100000000  # the store is no database, or damaged
+    LEDGER_VERSION = 0x80045007 - 0x100000000  # a newer release wrote the store
+    LEDGER_FORKED = 0x80045008 - 0x100000000  # a handle of another process
+    LEDGER_INVALID = 0x80045009 - 0x100000000  # an argument is not acceptable
+    LEDGER_CONFLICT = 0x8004500A - 0x100000000  # the order exists with other content
+    LEDGER_PAID = 0x8004500B - 0x100000000  # the order has been paid
+    LEDGER_STATE = 0x8004500C - 0x100000000  # the order's state does not allow this

@@ -293,7 +293,73 @@ public enum ResultCode {
      */
     TLS_FAMILY(0x80044000, "KVX_E_TLS_FAMILY", null, true, true,
             "Ask the service for the state of the payment first. A set-up may be repeated at once.",
-            "Read the reason of the failure. A reason number has a text: openssl errstr 0A000NNN, with the three last digits of the code.");
+            "Read the reason of the failure. A reason number has a text: openssl errstr 0A000NNN, with the three last digits of the code."),
+
+    /** The database of the ledger failed; the reason has its own words. */
+    LEDGER_STORE(0x80045001, "KVX_E_LEDGER_STORE", null, false, false,
+            "Yes, after a pause.",
+            "Read the reason. The call has changed nothing and may be repeated."),
+
+    /**
+     * The store of the ledger cannot be opened or created: its directory is missing, there is no permission, or its
+     * name begins with no known kind of store.
+     */
+    LEDGER_CANNOT_OPEN(0x80045002, "KVX_E_LEDGER_CANNOT_OPEN", null, false, false,
+            "Not before the cause is removed.",
+            "Correct the name, create the directory, or give the user of the shop access to it."),
+
+    /** Another process kept the store of the ledger locked for longer than BUSYSECONDS. */
+    LEDGER_BUSY(0x80045003, "KVX_E_LEDGER_BUSY", null, false, false,
+            "Yes, at once.",
+            "Repeat the call. When it happens often, look for a program that holds a transaction open."),
+
+    /** The disk of the ledger's store is full, or a quota is reached. Nothing was changed. */
+    LEDGER_FULL(0x80045004, "KVX_E_LEDGER_FULL", null, false, false,
+            "Not before the cause is removed.",
+            "Free space, and repeat the call."),
+
+    /** The store of the ledger, or its directory, cannot be written. */
+    LEDGER_READONLY(0x80045005, "KVX_E_LEDGER_READONLY", null, false, false,
+            "Not before the cause is removed.",
+            "Correct owner and mode of the file and of its directory; mount the file system for writing."),
+
+    /** The file of the ledger is no database of a ledger, or it is damaged. */
+    LEDGER_DAMAGED(0x80045006, "KVX_E_LEDGER_DAMAGED", null, false, false,
+            "Not before the cause is removed.",
+            "Restore it from the backup. Compare with the service what has been paid since."),
+
+    /** A newer release of the ledger has written the store. */
+    LEDGER_VERSION(0x80045007, "KVX_E_LEDGER_VERSION", null, false, false,
+            "Not before the cause is removed.",
+            "Install that release, or a newer one. An older one does not open the store, so that nothing is lost."),
+
+    /** A ledger that a parent process opened was used after fork(). */
+    LEDGER_FORKED(0x80045008, "KVX_E_LEDGER_FORKED", null, false, false,
+            "No: the program has to be changed.",
+            "Create and open a ledger in the child."),
+
+    /**
+     * An argument is not acceptable: an order number, amount, currency, attribute, filter, limit or note; the reason
+     * says which.
+     */
+    LEDGER_INVALID(0x80045009, "KVX_E_LEDGER_INVALID", null, false, false,
+            "No: the program has to be changed.",
+            "Correct the argument."),
+
+    /** The ledger has an order of this number with another amount, currency or attribute. */
+    LEDGER_CONFLICT(0x8004500A, "KVX_E_LEDGER_CONFLICT", null, false, false,
+            "No: the program has to be changed.",
+            "Use a new number for a new order. For the same order give the same content; the reason names the difference."),
+
+    /** The order has been paid; there is nothing to begin. */
+    LEDGER_PAID(0x8004500B, "KVX_E_LEDGER_PAID", null, false, false,
+            "No: the program has to be changed.",
+            "Show the order's state to the shopper."),
+
+    /** The order is in no state that a person may change to the one given. */
+    LEDGER_STATE(0x8004500C, "KVX_E_LEDGER_STATE", null, false, false,
+            "No: the program has to be changed.",
+            "Look at the order. The reason has both states.");
 
     private static final int NUMBER_MASK = 0xfff;
 
