@@ -4,6 +4,7 @@
 #
 #   lib      what programs load: libtallowin.so.1
 #   dev      what programs are built with: headers, the archive, package config, pkg-config
+#   ledger   the order ledger: libtallowin-ledger.so.1, its package config and pkg-config
 #   java     tallowin.jar, its sources and reference, and its POM, in the layout of a Maven repository
 #   tools    the command line
 #   sandbox  the sandbox, and its unit for systemd's user manager
@@ -44,6 +45,16 @@ file(RELATIVE_PATH KVX_PREFIX_FROM_PKGCONFIG "/${CMAKE_INSTALL_LIBDIR}/pkgconfig
 string(REGEX REPLACE "/$" "" KVX_PREFIX_FROM_PKGCONFIG "${KVX_PREFIX_FROM_PKGCONFIG}")
 configure_file(packaging/tallowin.pc.in "${PROJECT_BINARY_DIR}/tallowin.pc" @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/tallowin.pc" DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
+
+# The ledger loads the library that is installed with it.
+if(TARGET tallowin_ledger)
+  set_target_properties(tallowin_ledger PROPERTIES INSTALL_RPATH "$ORIGIN")
+  install(TARGETS tallowin_ledger EXPORT tallowinLedgerTargets
+          LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT ledger)
+  install(EXPORT tallowinLedgerTargets NAMESPACE tallowin:: DESTINATION ${KVX_PACKAGE_DIR} COMPONENT ledger)
+  configure_file(packaging/tallowin-ledger.pc.in "${PROJECT_BINARY_DIR}/tallowin-ledger.pc" @ONLY)
+  install(FILES "${PROJECT_BINARY_DIR}/tallowin-ledger.pc" DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT ledger)
+endif()
 
 # The command line loads the library that is installed with it, wherever that is.
 if(TARGET tallowin_tool)

@@ -35,9 +35,8 @@ CREATE TABLE attempts (
   refusals        INTEGER NOT NULL DEFAULT 0,   -- captures that the service refused in a row
   last_code       INTEGER,                      -- result code of the last exchange
   last_reason     TEXT,
-  due_at          INTEGER,                      -- when the worker looks at it next; NULL: never
-  lease_owner     TEXT,                         -- the worker that holds it; NULL: free
-  lease_until     INTEGER,
+  due_at          INTEGER,                      -- when the worker looks at it next, the end of a lease included; NULL: never
+  lease_owner     TEXT,                         -- the worker that holds it until due_at; NULL: free
   PRIMARY KEY (order_id, attempt)
 ) STRICT, WITHOUT ROWID;
 CREATE INDEX attempts_due ON attempts (due_at) WHERE due_at IS NOT NULL;

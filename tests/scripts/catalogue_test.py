@@ -10,6 +10,7 @@ PRODUCTS = {
     "include/tallowin/codes.h": ("no such attribute, value or key", "no attribute"),
     "core/kvxerrortable.cpp": ("requested item was not found", "requested item is missing"),
     "tools/errortable.h": ("Free memory.", "Buy memory."),
+    "ledger/moneytable.h": ("{KVX_E_WRONG_RESPONSE,", "{KVX_E_SERVER_ERROR,"),
     "java/src/kelvane/tallowin/ResultCode.java": ("0x80040219", "0x80040220"),
     "docs/errors.md": ("possibly", "perhaps"),
 }

@@ -1,0 +1,288 @@
+// A store in a file, by SQLite.
+//
+// Order: reasons of failure, the file, then the functions of the header. The file is created before SQLite sees it,
+// because SQLite would make it readable for everyone, and its name is flushed to disk with its directory. The
+// transaction of a migration is the same as any other: a kill leaves the old version.
+#include "ledger/sqlitedatabase.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <system_error>
+
+#include "ledger/failure.h"
+#include "tallowin/codes.h"
+
+namespace ledger {
+
+namespace {
+
+constexpr std::int64_t kVersion = 1;
+constexpr int kPrimaryCode = 0xFF;  // the low byte of an extended result code
+
+/// The result code for one of SQLite's, with the errno behind it.
+std::int32_t codeOf(int result, int systemError) {
+    bool const isQuota = systemError == EDQUOT || systemError == ENOSPC || systemError == EFBIG;
+    switch (result & kPrimaryCode) {
+        case SQLITE_BUSY:
+        case SQLITE_LOCKED:
+            return KVX_E_LEDGER_BUSY;
+        case SQLITE_FULL:
+            return KVX_E_LEDGER_FULL;
+        case SQLITE_READONLY:
+        case SQLITE_PERM:
+            return KVX_E_LEDGER_READONLY;
+        case SQLITE_CORRUPT:
+        case SQLITE_NOTADB:
+            return KVX_E_LEDGER_DAMAGED;
+        case SQLITE_CANTOPEN:
+            return KVX_E_LEDGER_CANNOT_OPEN;
+        case SQLITE_NOMEM:
+            return KVX_E_OUT_OF_MEMORY;
+        case SQLITE_IOERR:
+            return isQuota ? KVX_E_LEDGER_FULL : KVX_E_LEDGER_STORE;
+        default:
+            return KVX_E_LEDGER_STORE;
+    }
+}
+
+[[noreturn]] void failToOpen(std::string const& path) {
+    throw Failure(KVX_E_LEDGER_CANNOT_OPEN, path + ": " + std::generic_category().message(errno));
+}
+
+/// A descriptor, closed at the end of its life.
+class Descriptor {
+public:
+    Descriptor(std::string const& path, int flags)
+        : m_Path(path), m_Number(::open(path.c_str(), flags | O_CLOEXEC, S_IRUSR | S_IWUSR)) {
+        if (m_Number < 0) {
+            failToOpen(m_Path);
+        }
+    }
+    Descriptor(Descriptor const&) = delete;
+    Descriptor& operator=(Descriptor const&) = delete;
+    ~Descriptor() { ::close(m_Number); }
+
+    void flush() const {
+        if (::fsync(m_Number) != 0) {
+            failToOpen(m_Path);
+        }
+    }
+
+private:
+    std::string m_Path;
+    int m_Number;
+};
+
+std::string directoryOf(std::string const& path) {
+    std::size_t const slash = path.rfind('/');
+    return slash == std::string::npos ? "." : path.substr(0, std::max<std::size_t>(slash, 1));
+}
+
+/// Creates the file, for its owner only, when there is none. An existing one is left alone and not opened: closing a
+/// descriptor would release the locks of other connections of this process.
+void createPrivate(std::string const& path) {
+    struct stat status {};
+    if (::stat(path.c_str(), &status) == 0) {
+        return;
+    }
+    if (errno != ENOENT) {
+        failToOpen(path);
+    }
+    try {
+        Descriptor const file(path, O_RDWR | O_CREAT | O_EXCL);
+        file.flush();
+    } catch (Failure const&) {
+        if (::stat(path.c_str(), &status) != 0) {
+            throw;
+        }
+        return;  // another process has just created it
+    }
+    Descriptor const directory(directoryOf(path), O_RDONLY | O_DIRECTORY);
+    directory.flush();
+}
+
+void bind(sqlite3_stmt* statement, int position, Value const& value) {
+    if (auto const* const number = std::get_if<std::int64_t>(&value)) {
+        sqlite3_bind_int64(statement, position, *number);
+    } else if (auto const* const text = std::get_if<std::string>(&value)) {
+        sqlite3_bind_text64(statement, position, text->data(), text->size(), SQLITE_STATIC, SQLITE_UTF8);
+    } else {
+        sqlite3_bind_null(statement, position);
+    }
+}
+
+Value column(sqlite3_stmt* statement, int index) {
+    switch (sqlite3_column_type(statement, index)) {
+        case SQLITE_NULL:
+            return {};
+        case SQLITE_INTEGER:
+            return sqlite3_column_int64(statement, index);
+        default: {
+            void const* const data = sqlite3_column_blob(statement, index);
+            auto const length = static_cast<std::size_t>(sqlite3_column_bytes(statement, index));
+            return data == nullptr ? std::string() : std::string(static_cast<char const*>(data), length);
+        }
+    }
+}
+
+/// Makes a statement ready for its next use, whatever becomes of this one.
+class Reset {
+public:
+    explicit Reset(sqlite3_stmt* statement) : m_Statement(statement) {}
+    Reset(Reset const&) = delete;
+    Reset& operator=(Reset const&) = delete;
+    ~Reset() {
+        sqlite3_reset(m_Statement);
+        sqlite3_clear_bindings(m_Statement);
+    }
+
+private:
+    sqlite3_stmt* m_Statement;  ///< Borrowed.
+};
+
+}  // namespace
+
+SqliteDatabase::SqliteDatabase(std::string const& path, std::int64_t busySeconds) : m_Path(path) {
+    createPrivate(path);
+    sqlite3* connection = nullptr;
+    int const result = sqlite3_open_v2(path.c_str(), &connection, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
+    m_Connection.reset(connection);
+    if (connection == nullptr) {
+        throw Failure(KVX_E_OUT_OF_MEMORY, path + ": no memory for a connection");
+    }
+    sqlite3_extended_result_codes(connection, 1);
+    check(result);
+    constexpr std::int64_t kMaxMilliseconds = std::numeric_limits<int>::max();
+    sqlite3_busy_timeout(connection, static_cast<int>(std::min(busySeconds * 1000, kMaxMilliseconds)));
+    if (sqlite3_db_readonly(connection, "main") == 1) {
+        throw Failure(KVX_E_LEDGER_READONLY, path + ": can be read only");
+    }
+    execute("PRAGMA journal_mode = WAL");
+    execute("PRAGMA synchronous = FULL");
+    execute("PRAGMA foreign_keys = ON");
+    migrate();
+}
+
+SqliteDatabase::~SqliteDatabase() {
+    m_Statements.clear();
+}
+
+void SqliteDatabase::begin(Access access) {
+    execute(access == Access::kWrite ? "BEGIN IMMEDIATE" : "BEGIN");
+}
+
+void SqliteDatabase::commit() {
+    execute("COMMIT");
+}
+
+void SqliteDatabase::rollback() noexcept {
+    // A failure that undoes the transaction by itself leaves nothing to undo.
+    if (sqlite3_get_autocommit(m_Connection.get()) == 0) {
+        sqlite3_exec(m_Connection.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+    }
+}
+
+Rows SqliteDatabase::run(char const* statement, Row const& parameters) {
+    sqlite3_stmt* const compiled = prepared(statement);
+    Reset const reset(compiled);
+    int position = 0;
+    for (Value const& value : parameters) {
+        bind(compiled, ++position, value);
+    }
+    Rows rows;
+    int const columns = sqlite3_column_count(compiled);
+    int result = sqlite3_step(compiled);
+    for (; result == SQLITE_ROW; result = sqlite3_step(compiled)) {
+        Row& row = rows.emplace_back();
+        row.reserve(static_cast<std::size_t>(columns));
+        for (int index = 0; index < columns; ++index) {
+            row.push_back(column(compiled, index));
+        }
+    }
+    if (result != SQLITE_DONE) {
+        fail();
+    }
+    return rows;
+}
+
+void SqliteDatabase::abandon() noexcept {
+    // Closing here would write to the parent's file and release locks in the parent's name.
+    for (auto& [text, statement] : m_Statements) {
+        static_cast<void>(text);
+        static_cast<void>(statement.release());
+    }
+    static_cast<void>(m_Connection.release());
+}
+
+void SqliteDatabase::fail() const {
+    sqlite3* const connection = m_Connection.get();
+    throw Failure(codeOf(sqlite3_extended_errcode(connection), sqlite3_system_errno(connection)),
+                  m_Path + ": " + sqlite3_errmsg(connection));
+}
+
+void SqliteDatabase::check(int result) const {
+    if (result != SQLITE_OK) {
+        fail();
+    }
+}
+
+void SqliteDatabase::execute(char const* sql) {
+    check(sqlite3_exec(m_Connection.get(), sql, nullptr, nullptr, nullptr));
+}
+
+std::int64_t SqliteDatabase::number(char const* sql) {
+    Rows const rows = run(sql, {});
+    return rows.empty() ? 0 : std::get<std::int64_t>(rows[0][0]);
+}
+
+/// Brings the tables to this release's version. A store of another program is refused rather than written to.
+void SqliteDatabase::migrate() {
+    static constexpr char kReadVersion[] = "PRAGMA user_version";
+    static constexpr char kCountTables[] = "SELECT count(*) FROM sqlite_master";
+    if (number(kReadVersion) == kVersion) {
+        return;
+    }
+    Transaction transaction(*this, Access::kWrite);
+    std::int64_t const version = number(kReadVersion);  // another process may have been faster
+    if (version > kVersion) {
+        throw Failure(KVX_E_LEDGER_VERSION, m_Path + ": has version " + std::to_string(version) +
+                                                " of the tables, this release knows version " +
+                                                std::to_string(kVersion));
+    }
+    if (version == 0) {
+        if (number(kCountTables) != 0) {
+            throw Failure(KVX_E_LEDGER_DAMAGED, m_Path + ": is a database, and not one of a ledger");
+        }
+        execute(kSqliteSchema1);
+        execute("PRAGMA user_version = 1");
+    }
+    transaction.commit();
+}
+
+sqlite3_stmt* SqliteDatabase::prepared(char const* statement) {
+    std::unique_ptr<sqlite3_stmt, Finalize>& found = m_Statements[statement];
+    if (found == nullptr) {
+        sqlite3_stmt* compiled = nullptr;
+        check(sqlite3_prepare_v3(m_Connection.get(), statement, -1, SQLITE_PREPARE_PERSISTENT, &compiled, nullptr));
+        found.reset(compiled);
+    }
+    return found.get();
+}
+
+std::unique_ptr<Database> openDatabase(std::string const& store, std::int64_t busySeconds) {
+    static std::string const kSqlite = "sqlite:";
+    if (store.compare(0, kSqlite.size(), kSqlite) == 0 && store.size() > kSqlite.size()) {
+        std::string const path = store.substr(kSqlite.size());
+        // SQLite gives names with a colon in front a meaning of their own.
+        return std::make_unique<SqliteDatabase>(path[0] == ':' ? "./" + path : path, busySeconds);
+    }
+    throw Failure(KVX_E_LEDGER_CANNOT_OPEN, "\"" + store + "\" names no kind of store: write sqlite:PATH");
+}
+
+}  // namespace ledger

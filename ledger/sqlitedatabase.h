@@ -1,0 +1,53 @@
+/// A store in a file, by SQLite.
+#ifndef TALLOWIN_LEDGER_SQLITEDATABASE_H
+#define TALLOWIN_LEDGER_SQLITEDATABASE_H
+
+#include <sqlite3.h>
+
+#include <map>
+#include <memory>
+#include <string>
+
+#include "ledger/storedatabase.h"
+
+namespace ledger {
+
+/// The tables of version 1, from ledger/schema_1.sql.
+extern char const kSqliteSchema1[];
+
+/// One connection to one file: a write-ahead log that is flushed to disk with every commit.
+class SqliteDatabase : public Database {
+public:
+    SqliteDatabase(std::string const& path, std::int64_t busySeconds);
+    ~SqliteDatabase() override;
+
+    void begin(Access access) override;
+    void commit() override;
+    void rollback() noexcept override;
+    Rows run(char const* statement, Row const& parameters) override;
+    void abandon() noexcept override;
+
+private:
+    struct Close {
+        void operator()(sqlite3* connection) const noexcept { sqlite3_close(connection); }
+    };
+    struct Finalize {
+        void operator()(sqlite3_stmt* statement) const noexcept { sqlite3_finalize(statement); }
+    };
+
+    [[noreturn]] void fail() const;
+    void check(int result) const;
+    void execute(char const* sql);
+    std::int64_t number(char const* sql);
+    void migrate();
+    sqlite3_stmt* prepared(char const* statement);
+
+    std::string m_Path;
+    std::unique_ptr<sqlite3, Close> m_Connection;
+    std::map<char const*, std::unique_ptr<sqlite3_stmt, Finalize>>
+        m_Statements;  ///< By address; gone before the connection.
+};
+
+}  // namespace ledger
+
+#endif
