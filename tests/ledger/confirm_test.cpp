@@ -192,7 +192,7 @@ TEST_F(Confirm, RefusesWhatContradictsAPayment) {
     expectRefused("OTHER_PAYMENT", other, m_Signer.sign(other));
 }
 
-TEST_F(Confirm, KeepsWhatAKeySignedThatIsNotHereYet) {
+TEST_F(Confirm, StoresWhatAKeySignedThatIsNotHereYet) {
     makeKey("next");
     std::string const data = says("authorised", {{"KEYID", "next"}});
     for (int time = 0; time < 2; ++time) {
@@ -226,7 +226,7 @@ TEST_F(Confirm, TellsAMessengerOfAPaymentThatTheWorkerLearnedOf) {
     EXPECT_EQ(m_Ledger.nextPaid(), std::vector<std::string>{});
 }
 
-TEST_F(Confirm, KeepsNoMoreThanAStrangerMayFill) {
+TEST_F(Confirm, StoresNoMoreThanAStrangerMayFill) {
     std::string const data = says("authorised", {{"KEYID", "unheard-of"}});
     for (int index = 0; index < 4; ++index) {
         EXPECT_EQ(m_Ledger.confirm(data, std::to_string(10 + index)).m_Reason, "UNKNOWN_KEY");
