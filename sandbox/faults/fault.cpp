@@ -29,6 +29,7 @@ constexpr unsigned kMessageExchanges = bit(ExchangeKind::kSetup) | bit(ExchangeK
                                        bit(ExchangeKind::kCapture) | bit(ExchangeKind::kComplete) |
                                        bit(ExchangeKind::kStatus);
 constexpr unsigned kConfirmations = bit(ExchangeKind::kDecision) | bit(ExchangeKind::kNotification);
+constexpr unsigned kAnswers = kConfirmations | bit(ExchangeKind::kCapture) | bit(ExchangeKind::kComplete);
 constexpr unsigned kHttpExchanges =
     kMessageExchanges | bit(ExchangeKind::kPage) | bit(ExchangeKind::kDecision) | bit(ExchangeKind::kProxy);
 constexpr unsigned kConnections = bit(ExchangeKind::kConnection);
@@ -88,6 +89,20 @@ constexpr FaultKindRow kKinds[] = {
     {FaultKind::kStaleKey,            "stale-key",
      kConfirmations | bit(ExchangeKind::kSetup) | bit(ExchangeKind::kKeyQuery), 0, true,
      "an old key id of the service is used, as after a key rotation"},
+    {FaultKind::kWrongAmount,         "wrong-amount",          kAnswers, 0, true,
+     "the message has another AMOUNT, under a right signature"},
+    {FaultKind::kWrongCurrency,       "wrong-currency",        kAnswers, 0, true,
+     "the message has another CURRENCY, under a right signature"},
+    {FaultKind::kWrongOrder,          "wrong-order",           kAnswers, 0, true,
+     "the message has another ORDERID, under a right signature"},
+    {FaultKind::kWrongToken,          "wrong-token",           kAnswers, 0, true,
+     "the message has another TOKEN, under a right signature"},
+    {FaultKind::kWrongResult,         "wrong-result",          kAnswers, 0, true,
+     "the message has another RESULT (a completion's response another STATE), under a right signature"},
+    {FaultKind::kReplay,              "replay",                kAnswers, 0, true,
+     "the message is that of an earlier payment of the account"},
+    {FaultKind::kSwap,                "swap",                  kAnswers, 0, true,
+     "the message is about another open payment of the account"},
 };
 // clang-format on
 

@@ -37,6 +37,13 @@ enum class FaultKind {
     kWrongSignature,
     kWrongKey,
     kStaleKey,
+    kWrongAmount,
+    kWrongCurrency,
+    kWrongOrder,
+    kWrongToken,
+    kWrongResult,
+    kReplay,
+    kSwap,
 };
 
 /// A fault that is to happen, and to whom.

@@ -82,9 +82,10 @@ std::vector<ArmedFault> FaultRegistry::armed() {
     return m_Armed;
 }
 
-std::optional<Fault> FaultRegistry::take(ExchangeKind kind, std::string const& order) {
-    return takeFirst([kind, &order](Fault const& fault) {
-        return canHappenTo(fault, kind) && (fault.m_Order.empty() || fault.m_Order == order);
+std::optional<Fault> FaultRegistry::take(ExchangeKind kind, std::string const& order, CanHappen const& canHappen) {
+    return takeFirst([kind, &order, &canHappen](Fault const& fault) {
+        return canHappenTo(fault, kind) && (fault.m_Order.empty() || fault.m_Order == order) &&
+               (!canHappen || canHappen(fault));
     });
 }
 

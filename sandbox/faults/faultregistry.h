@@ -43,8 +43,12 @@ public:
     /// Those that may still happen, oldest first.
     [[nodiscard]] std::vector<ArmedFault> armed();
 
-    /// The oldest fault that is armed for an exchange of this kind and order, counted as having happened.
-    std::optional<Fault> take(ExchangeKind kind, std::string const& order);
+    /// Whether a fault that fits an exchange can happen to it. Called under the lock: it must not call the registry.
+    using CanHappen = std::function<bool(Fault const& fault)>;
+
+    /// The oldest fault that is armed for an exchange of this kind and order, counted as having happened. A fault that
+    /// `canHappen` rules out stays armed; empty rules out none.
+    std::optional<Fault> take(ExchangeKind kind, std::string const& order, CanHappen const& canHappen = nullptr);
 
     /// The same for a connection before its request; the faults of TLS are for connections under TLS.
     std::optional<Fault> takeForConnection(bool tls);

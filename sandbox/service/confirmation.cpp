@@ -20,11 +20,11 @@ std::string flipLastBit(std::string const& signature) {
     return toHex(bytes);
 }
 
-KeyRing::Key signingKey(Services const& services, std::optional<Fault> const& fault) {
-    if (fault && fault->m_Kind == FaultKind::kWrongKey) {
+KeyRing::Key signingKey(Services const& services, FaultEffect const& effect) {
+    if (effect.is(FaultKind::kWrongKey)) {
         return services.m_Keys.impostor();
     }
-    if (fault && fault->m_Kind == FaultKind::kStaleKey) {
+    if (effect.is(FaultKind::kStaleKey)) {
         return services.m_Keys.stale();
     }
     return services.m_Keys.current();
@@ -48,12 +48,16 @@ Message confirmationBy(std::string const& keyId, std::string const& type, Paymen
 }
 
 std::string signedConfirmation(Services const& services, Payment const& payment, std::string const& result,
-                               std::optional<Fault> const& fault) {
-    KeyRing::Key const key = signingKey(services, fault);
-    char const* const type = fault && fault->m_Kind == FaultKind::kWrongType ? kUnexpectedType : kConfirmationType;
-    std::string const text = confirmationBy(key->m_Id, type, payment, result).text();
+                               FaultEffect const& effect) {
+    KeyRing::Key const key = signingKey(services, effect);
+    char const* const type = effect.is(FaultKind::kWrongType) ? kUnexpectedType : kConfirmationType;
+    // What is replayed is what was confirmed then; what is swapped reports the result of this payment.
+    std::string const reported =
+        effect.is(FaultKind::kReplay) && effect.m_Other ? stateName(decidedState(*effect.m_Other)) : result;
+    Message const message = confirmationBy(key->m_Id, type, effect.m_Other ? *effect.m_Other : payment, reported);
+    std::string const text = withWrongContent(effect, payment, message).text();
     std::string signature = signText(key->m_Key.get(), text, Widening::kSign);
-    if (fault && fault->m_Kind == FaultKind::kWrongSignature) {
+    if (effect.is(FaultKind::kWrongSignature)) {
         signature = flipLastBit(signature);
     }
     return "DATA=" + percentEncode(text) + "&SIGNATURE=" + signature;

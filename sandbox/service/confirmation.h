@@ -1,11 +1,10 @@
 #ifndef TALLOWIN_SANDBOX_SERVICE_CONFIRMATION_H
 #define TALLOWIN_SANDBOX_SERVICE_CONFIRMATION_H
 
-#include <optional>
 #include <string>
 
-#include "sandbox/faults/fault.h"
 #include "sandbox/service/services.h"
+#include "sandbox/service/wrongcontent.h"
 #include "sandbox/store/storedpayment.h"
 #include "sandbox/text/paymessage.h"
 
@@ -25,9 +24,9 @@ Message confirmation(Services const& services, Payment const& payment, std::stri
 Message confirmationBy(std::string const& keyId, std::string const& type, Payment const& payment,
                        std::string const& result);
 
-/// The confirmation, signed, as the query of a link: "DATA=...&SIGNATURE=...". `fault` may make it wrong.
+/// The confirmation, signed, as the query of a link: "DATA=...&SIGNATURE=...". `effect` may make it wrong.
 std::string signedConfirmation(Services const& services, Payment const& payment, std::string const& result,
-                               std::optional<Fault> const& fault);
+                               FaultEffect const& effect);
 
 }  // namespace sandbox
 

@@ -72,21 +72,37 @@ ExchangeKind kindOf(Endpoint const& endpoint, Message const& message) {
     return ExchangeKind::kOther;
 }
 
-/// The order of the payment that the message names by its token, which is one of the account that the key belongs to.
-std::string orderOf(Services const& services, Message const& message) {
+/// The account that the key of the message belongs to; empty for an unknown key.
+std::string accountOf(Services const& services, Message const& message) {
     std::optional<MerchantKey> const key = services.m_Store.merchantKey(message.find("KEYID").value_or(""));
-    std::optional<std::string> const token = message.find("TOKEN");
-    return key && token ? services.m_Store.orderOfToken(key->m_Account, *token) : "";
+    return key ? key->m_Account : "";
 }
 
-/// The order of the payment that a posted form decides on.
-std::string orderOfForm(Services const& services, Query const& form) {
+/// The order of the payment that the message names by its token, which is one of the account that the key belongs to.
+std::string orderOf(Services const& services, Message const& message) {
+    std::optional<std::string> const token = message.find("TOKEN");
+    return token ? services.m_Store.orderOfToken(accountOf(services, message), *token) : "";
+}
+
+/// The payment that a posted form decides on; nothing when it names none.
+std::optional<StoredPayment> paymentOfForm(Services const& services, Query const& form) {
     try {
-        auto const stored = services.m_Store.paymentById(form.value("payment").value_or(""));
-        return stored ? stored->m_Payment.attribute("ORDERID").value_or("") : "";
+        return services.m_Store.paymentById(form.value("payment").value_or(""));
     } catch (HttpError const&) {
-        return "";
+        return std::nullopt;
     }
+}
+
+/// The payment that the request names, whether it may do so or not; nothing when it names none.
+std::optional<Payment> paymentOf(RequestContext const& context) {
+    Services const& services = context.m_Services;
+    Message const* const message = context.m_Message.find();
+    std::optional<StoredPayment> const stored =
+        context.m_Exchange.m_Kind == ExchangeKind::kDecision ? paymentOfForm(services, context.m_Form)
+        : message != nullptr
+            ? services.m_Store.paymentByToken(accountOf(services, *message), message->find("TOKEN").value_or(""))
+            : std::nullopt;
+    return stored ? std::optional<Payment>(stored->m_Payment) : std::nullopt;
 }
 
 /// Fills in what the request is about, from what it says of itself. What cannot be read stays empty: the handler
@@ -95,7 +111,8 @@ void identify(Endpoint const& endpoint, RequestContext const& context) {
     Exchange& exchange = context.m_Exchange;
     if (endpoint.m_Handler == handleDecision) {
         exchange.m_Kind = ExchangeKind::kDecision;
-        exchange.m_Order = orderOfForm(context.m_Services, context.m_Form);
+        std::optional<StoredPayment> const stored = paymentOfForm(context.m_Services, context.m_Form);
+        exchange.m_Order = stored ? stored->m_Payment.attribute("ORDERID").value_or("") : "";
         return;
     }
     exchange.m_Kind = endpoint.m_Handler == handlePay ? ExchangeKind::kPage : ExchangeKind::kOther;
@@ -110,7 +127,7 @@ void identify(Endpoint const& endpoint, RequestContext const& context) {
 RequestContext makeContext(Services const& services, HttpRequest const& request, Exchange& exchange) {
     auto data = Parsed<std::string>::of([&request] { return request.m_Query.value("DATA").value_or(""); });
     auto message = Parsed<Message>::of([&data] { return Message::parse(data.get()); });
-    return {services, request, exchange, Query(request.m_Body), std::move(data), std::move(message), std::nullopt};
+    return {services, request, exchange, Query(request.m_Body), std::move(data), std::move(message), {}};
 }
 
 /// The response when the request is not to be carried out.
@@ -153,8 +170,7 @@ void mistakeType(HttpResponse& response) {
 HttpResponse carryOut(Endpoint const& endpoint, RequestContext const& context) {
     try {
         HttpResponse response = endpoint.m_Handler(context);
-        if (context.m_Fault && context.m_Fault->m_Kind == FaultKind::kWrongType &&
-            endpoint.m_ErrorForm == ErrorForm::kErrorMessage) {
+        if (context.m_Effect.is(FaultKind::kWrongType) && endpoint.m_ErrorForm == ErrorForm::kErrorMessage) {
             mistakeType(response);
         }
         return response;
@@ -167,9 +183,10 @@ HttpResponse carryOut(Endpoint const& endpoint, RequestContext const& context) {
 
 /// The response to a request that has been identified, or the response that a fault or a failure puts in its place.
 HttpResponse handleIdentified(Endpoint const& endpoint, RequestContext const& context) {
-    if (context.m_Fault && !faultRow(context.m_Fault->m_Kind).m_CarriedOut) {
+    std::optional<Fault> const& fault = context.m_Effect.m_Fault;
+    if (fault && !faultRow(fault->m_Kind).m_CarriedOut) {
         context.m_Exchange.m_Verdict = "not looked at";
-        return faultResponse(*context.m_Fault);
+        return faultResponse(*fault);
     }
     try {
         return carryOut(endpoint, context);
@@ -177,6 +194,19 @@ HttpResponse handleIdentified(Endpoint const& endpoint, RequestContext const& co
         context.m_Exchange.m_Verdict = std::string("the sandbox failed: ") + failure.what();
         return failureResponse(failure.what());
     }
+}
+
+/// Takes the oldest armed fault that can happen to the request.
+void takeFault(RequestContext& context) {
+    Exchange& exchange = context.m_Exchange;
+    FaultEffect effect;
+    effect.m_Fault =
+        context.m_Services.m_Faults.take(exchange.m_Kind, exchange.m_Order, [&context, &effect](Fault const& fault) {
+            std::optional<Payment> const payment = needsPayment(fault.m_Kind) ? paymentOf(context) : std::nullopt;
+            return canHappen(context.m_Services, fault, context.m_Exchange.m_Kind, payment ? &*payment : nullptr,
+                             effect.m_Other, context.m_Exchange.m_Steps);
+        });
+    context.m_Effect = std::move(effect);
 }
 
 HttpResponse handleLogged(Services const& services, Endpoint const& endpoint, HttpRequest const& request) {
@@ -191,11 +221,13 @@ HttpResponse handleLogged(Services const& services, Endpoint const& endpoint, Ht
     std::int64_t const begun = services.m_Store.beginExchange(exchange);
     // The control port has no faults, and uses none up.
     bool const mayFail = request.m_BaseUrl != services.m_Addresses.m_Control;
-    context.m_Fault = mayFail ? services.m_Faults.take(exchange.m_Kind, exchange.m_Order) : std::nullopt;
+    if (mayFail) {
+        takeFault(context);
+    }
     HttpResponse response = handleIdentified(endpoint, context);
-    if (context.m_Fault) {
-        exchange.m_Fault = faultText(*context.m_Fault);
-        response.m_Fault = context.m_Fault;
+    if (std::optional<Fault> const& fault = context.m_Effect.m_Fault) {
+        exchange.m_Fault = faultText(*fault);
+        response.m_Fault = fault;
     }
     response.m_Log = std::make_shared<StoredExchangeLog>(services.m_Store, std::move(exchange), begun, begin);
     return response;

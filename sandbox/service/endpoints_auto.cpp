@@ -26,9 +26,7 @@ struct AutoRequest {
     Services const& m_Services = m_Context.m_Services;
     std::string const& m_BaseUrl = m_Context.m_Request.m_BaseUrl;
 
-    [[nodiscard]] bool goesWrong(FaultKind kind) const {
-        return m_Context.m_Fault && m_Context.m_Fault->m_Kind == kind;
-    }
+    [[nodiscard]] bool goesWrong(FaultKind kind) const { return m_Context.m_Effect.is(kind); }
 
     /// The key id this service reports as its signing key.
     [[nodiscard]] std::string serverKeyId() const {

@@ -87,43 +87,65 @@ Payment lead(CaptureRequest const& request, std::vector<PaymentState> const& fro
     throw HttpError("the payment is " + std::string(stateName(now.m_State)) + ", it cannot be " + stateName(to));
 }
 
-Message handleConfirm(CaptureRequest const& request) {
+Payment capture(CaptureRequest const& request) {
     // Completing a payment settles it as well, so a capture that comes after it finds it done.
-    Payment const captured = lead(request, {PaymentState::kAuthorised}, PaymentState::kCaptured,
-                                  {PaymentState::kCaptured, PaymentState::kCompleted}, "captured by the merchant");
-    return confirmation(request.m_Services, captured, stateName(PaymentState::kCaptured));
+    return lead(request, {PaymentState::kAuthorised}, PaymentState::kCaptured,
+                {PaymentState::kCaptured, PaymentState::kCompleted}, "captured by the merchant");
 }
 
-Message statusResponse(char const* type, Payment const& payment) {
+Payment complete(CaptureRequest const& request) {
+    request.m_Sent.m_Message.require("ID");
+    return lead(request, {PaymentState::kAuthorised, PaymentState::kCaptured}, PaymentState::kCompleted,
+                {PaymentState::kCompleted}, "completed by the merchant");
+}
+
+Payment look(CaptureRequest const& request) {
+    expireWhenOverdue(request.m_Services, namedPayment(request));
+    return namedPayment(request);
+}
+
+Message captureResponse(Services const& services, Payment const& payment) {
+    return confirmation(services, payment, stateName(PaymentState::kCaptured));
+}
+
+Message stateResponse(char const* type, Payment const& payment) {
     Message response(type);
     response.set("ID", payment.m_Id).set("TOKEN", payment.m_Token).set("STATE", stateName(payment.m_State));
     return response;
 }
 
-Message handleComplete(CaptureRequest const& request) {
-    request.m_Sent.m_Message.require("ID");
-    return statusResponse("PayCompleteResponse",
-                          lead(request, {PaymentState::kAuthorised, PaymentState::kCaptured}, PaymentState::kCompleted,
-                               {PaymentState::kCompleted}, "completed by the merchant"));
+Message completionResponse(Services const&, Payment const& payment) {
+    return stateResponse("PayCompleteResponse", payment);
 }
 
-Message handleStatus(CaptureRequest const& request) {
-    expireWhenOverdue(request.m_Services, namedPayment(request));
-    return statusResponse("StatusResponse", namedPayment(request));
+Message statusResponse(Services const&, Payment const& payment) {
+    return stateResponse("StatusResponse", payment);
 }
 
+/// What a request of one type does, and the response to it.
 struct CaptureRow {
     char const* m_Type;
-    Message (*m_Handler)(CaptureRequest const& request);
+    Payment (*m_Handler)(CaptureRequest const& request);
+    Message (*m_Response)(Services const& services, Payment const& payment);
 };
 
 // clang-format off
 constexpr CaptureRow kRequests[] = {
-    {"PayConfirm",         handleConfirm},
-    {"PayCompleteRequest", handleComplete},
-    {"StatusRequest",      handleStatus},
+    {"PayConfirm",         capture,  captureResponse},
+    {"PayCompleteRequest", complete, completionResponse},
+    {"StatusRequest",      look,     statusResponse},
 };
 // clang-format on
+
+/// The payment that the response is about: that of the request, or the one that a fault puts in its place.
+Payment reported(FaultEffect const& effect, Payment const& payment) {
+    if (!effect.m_Other) {
+        return payment;
+    }
+    Payment other = *effect.m_Other;
+    other.m_State = payment.m_State;
+    return other;
+}
 
 }  // namespace
 
@@ -131,7 +153,9 @@ HttpResponse handleCapture(RequestContext const& context) {
     SignedMessage const sent = openSignedMessage(context);
     for (CaptureRow const& row : kRequests) {
         if (sent.m_Message.type() == row.m_Type) {
-            return messageResponse(row.m_Handler({context.m_Services, sent}).text());
+            Payment const payment = reported(context.m_Effect, row.m_Handler({context.m_Services, sent}));
+            return messageResponse(
+                withWrongContent(context.m_Effect, payment, row.m_Response(context.m_Services, payment)).text());
         }
     }
     throw HttpError("the capture service knows no request '" + sent.m_Message.type() + "'");

@@ -138,7 +138,7 @@ std::string addressAfter(RequestContext const& context, Payment const& payment, 
     std::string const link = payment.attribute(decision.m_Link).value_or("");
     return link.empty() ? ""
                         : extendLink(link, signedConfirmation(context.m_Services, payment, stateName(decision.m_State),
-                                                              context.m_Fault));
+                                                              context.m_Effect));
 }
 
 std::string usedTokenReason(Payment const& payment) {
@@ -211,7 +211,7 @@ HttpResponse handleDecision(RequestContext const& context) {
                                "the payment is " + std::string(stateName(payment.m_State)) + " already");
     }
     payment.m_State = decision->m_State;
-    std::string const query = signedConfirmation(services, payment, stateName(decision->m_State), context.m_Fault);
+    std::string const query = signedConfirmation(services, payment, stateName(decision->m_State), context.m_Effect);
     std::string const link = payment.attribute(decision->m_Link).value_or("");
     if (link.empty()) {
         return outcomePage(payment, query);

@@ -313,24 +313,28 @@ bool Notifier::send(Pending& pending) {
     }
     Payment const payment = m_Services.m_Store.paymentById(notification.m_Payment).value().m_Payment;
     std::string const order = payment.attribute("ORDERID").value_or("");
-    std::optional<Fault> fault = std::exchange(pending.m_Delay, std::nullopt);
-    if (!fault) {
-        fault = m_Services.m_Faults.take(ExchangeKind::kNotification, order);
-        if (fault && fault->m_Kind == FaultKind::kDelay) {
-            pending.m_Delay = fault;
-            pending.m_Due = Clock::now() + delayOf(*fault);
+    FaultEffect effect{std::exchange(pending.m_Delay, std::nullopt)};
+    std::vector<CheckStep> steps;
+    if (!effect.m_Fault) {
+        effect.m_Fault = m_Services.m_Faults.take(ExchangeKind::kNotification, order, [&](Fault const& fault) {
+            return canHappen(m_Services, fault, ExchangeKind::kNotification, &payment, effect.m_Other, steps);
+        });
+        if (effect.is(FaultKind::kDelay)) {
+            pending.m_Due = Clock::now() + delayOf(*effect.m_Fault);
+            pending.m_Delay = std::move(effect.m_Fault);
             return true;
         }
     }
-    std::string const query = signedConfirmation(m_Services, payment, notification.m_Result, fault);
-    Exchange exchange = exchangeOf(notification, order, query, fault);
-    if (fault && fault->m_Kind == FaultKind::kDrop) {
+    std::string const query = signedConfirmation(m_Services, payment, notification.m_Result, effect);
+    Exchange exchange = exchangeOf(notification, order, query, effect.m_Fault);
+    exchange.m_Steps = std::move(steps);
+    if (effect.is(FaultKind::kDrop)) {
         exchange.m_Time = m_Services.m_Clock.text();
         exchange.m_Verdict = "not sent";
         m_Services.m_Store.addExchange(exchange);
         return settle(notification, "not sent: the fault " + exchange.m_Fault + " happened");
     }
-    return tryOnce(pending, query, exchange, fault && fault->m_Kind == FaultKind::kTwice);
+    return tryOnce(pending, query, exchange, effect.is(FaultKind::kTwice));
 }
 
 /// False when it is settled.

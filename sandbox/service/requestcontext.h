@@ -1,12 +1,11 @@
 #ifndef TALLOWIN_SANDBOX_SERVICE_REQUESTCONTEXT_H
 #define TALLOWIN_SANDBOX_SERVICE_REQUESTCONTEXT_H
 
-#include <optional>
 #include <string>
 
-#include "sandbox/faults/fault.h"
 #include "sandbox/http/httpmessages.h"
 #include "sandbox/service/services.h"
+#include "sandbox/service/wrongcontent.h"
 #include "sandbox/store/exchange.h"
 #include "sandbox/text/parsed.h"
 #include "sandbox/text/paymessage.h"
@@ -17,11 +16,11 @@ namespace sandbox {
 struct RequestContext {
     Services const& m_Services;  ///< Borrowed, as are the next two.
     HttpRequest const& m_Request;
-    Exchange& m_Exchange;          ///< Filled in by each check that the request passes.
-    Query m_Form;                  ///< The fields of a posted form.
-    Parsed<std::string> m_Data;    ///< DATA of the query, decoded; empty when it is missing.
-    Parsed<Message> m_Message;     ///< The message in DATA.
-    std::optional<Fault> m_Fault;  ///< The fault that applies to the request.
+    Exchange& m_Exchange;        ///< Filled in by each check that the request passes.
+    Query m_Form;                ///< The fields of a posted form.
+    Parsed<std::string> m_Data;  ///< DATA of the query, decoded; empty when it is missing.
+    Parsed<Message> m_Message;   ///< The message in DATA.
+    FaultEffect m_Effect;        ///< Of the fault that applies to the request.
 };
 
 }  // namespace sandbox

@@ -78,6 +78,14 @@ public:
     [[nodiscard]] std::optional<StoredPayment> paymentById(std::string const& id);
     [[nodiscard]] std::optional<StoredPayment> paymentByToken(std::string const& account, std::string const& token);
 
+    /// Which payments of an account are searched.
+    enum class Search { kEarlier, kAll };
+
+    /// The identifier of the newest other payment of the same account in one of `states`, of all or of those that were
+    /// opened before `payment`; nothing when there is none.
+    [[nodiscard]] std::optional<std::string> otherPayment(Payment const& payment, Search search,
+                                                          std::vector<PaymentState> const& states);
+
     /// The ORDERID of the payment with this token; empty when there is none.
     [[nodiscard]] std::string orderOfToken(std::string const& account, std::string const& token);
 

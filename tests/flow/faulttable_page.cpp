@@ -3,6 +3,8 @@
 // Texts for people stand in the heads of the sections and in tables here. The advice in the last column follows from
 // the row: its exchange, its result and the state it leaves.
 
+#include <algorithm>
+#include <iterator>
 #include <stdexcept>
 
 #include "tallowin/codes.h"
@@ -181,12 +183,23 @@ std::string whatToDoAfterSetUp(FaultTableRow const& row) {
     return isOfTls(row.m_Kind) ? kUnnoticed : kNothingToDo;
 }
 
+bool isOfContent(FaultKind kind) {
+    constexpr FaultKind kKinds[] = {FaultKind::kWrongAmount, FaultKind::kWrongCurrency, FaultKind::kWrongOrder,
+                                    FaultKind::kWrongToken,  FaultKind::kWrongResult,   FaultKind::kReplay,
+                                    FaultKind::kSwap};
+    return std::find(std::begin(kKinds), std::end(kKinds), kind) != std::end(kKinds);
+}
+
 std::string whatToDoAtTheDecision(FaultTableRow const& row) {
     if (row.m_Result == kNotCalled) {
         return "let the shopper pay again: safe; or ask for the payment's state";
     }
     if (row.m_Result != KVX_OK) {
         return "hand nothing over; let the shopper pay again: safe; or ask for the payment's state";
+    }
+    if (isOfContent(row.m_Kind)) {
+        return "compare `TOKEN`, `ORDERID`, `AMOUNT`, `CURRENCY` and `RESULT` with the order before you hand anything "
+               "over";
     }
     return row.m_Kind == FaultKind::kWrongType ? "look at `MSGTYPE` before you hand anything over" : kNothingToDo;
 }
@@ -201,6 +214,9 @@ std::string whatToDo(FaultTableRow const& row) {
     }
     if (row.m_Exchange == ExchangeKind::kDecision) {
         return whatToDoAtTheDecision(row);
+    }
+    if (isOfContent(row.m_Kind)) {
+        return "nothing shows it, and the response is not signed: rely on the signed confirmation";
     }
     if (row.m_Result == KVX_OK) {
         return isOfTls(row.m_Kind) ? kUnnoticed : kNothingToDo;

@@ -10,6 +10,8 @@ using namespace kvxtest;
 using sandbox::ExchangeKind;
 
 void FaultTable::expectPayments(std::vector<FaultTableRow> const& rows) {
+    // One that stays open to swap with. Those to replay come of the rows before.
+    EXPECT_EQ(sandbox().statusOf(shop().payment().url()), 200);
     for (FaultTableRow const& plain : rows) {
         FaultTableRow const row = expected(plain);
         SCOPED_TRACE(nameOf(row));

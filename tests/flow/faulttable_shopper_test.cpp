@@ -147,6 +147,9 @@ void FaultTable::expectPages() {
 }
 
 void FaultTable::expectDecisions() {
+    // A paid payment to replay, and one that stays open to swap with.
+    ASSERT_EQ(shop().verify(pays(shop().payment())), KVX_OK);
+    EXPECT_EQ(sandbox().statusOf(shop().payment().url()), 200);
     for (FaultTableRow const& plain : rowsOf(ExchangeKind::kDecision)) {
         FaultTableRow const row = expected(plain);
         SCOPED_TRACE(nameOf(row));

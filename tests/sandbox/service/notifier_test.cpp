@@ -187,6 +187,44 @@ TEST_F(PaymentNotification, ReportsEveryDecision) {
     }
 }
 
+TEST_F(PaymentNotification, MakesFaultsOfContentUnderARightSignature) {
+    Shop shop({Shop::responds(responseWith(200))});
+    ASSERT_EQ(openNotified("", "open").m_Status, 200);
+    payNotified("", "earlier");
+    arm("replay,exchange=notification");
+    arm("swap,exchange=notification");
+    arm("wrong-amount,exchange=notification");
+    arm("wrong-result,exchange=notification");
+    for (char const* const token : {"t1", "t2", "t3", "t4"}) {
+        payNotified(shop.address(), token);
+    }
+    std::vector<std::string> const requests = shop.requests(4);
+    std::string const blob = blobOf(m_Service->serverKeyId());
+    std::vector<std::string> said;
+    for (std::string const& request : requests) {
+        std::string const data = dataOf(request);
+        EXPECT_TRUE(verifies(blob, data, signatureOf(request))) << data;
+        said.push_back(attributeOf(data, "TOKEN") + " " + attributeOf(data, "AMOUNT") + " " +
+                       attributeOf(data, "RESULT"));
+    }
+    // With retries none: the order within one host and port is that of the decisions.
+    EXPECT_THAT(said, ::testing::ElementsAre("earlier 12.50 authorised", "open 12.50 authorised", "t3 22.50 authorised",
+                                             "t4 12.50 declined"));
+    EXPECT_EQ(awaitSettled(3).m_Outcome, "delivered: 200");
+}
+
+TEST_F(PaymentNotification, SaysThatThereIsNothingToReplay) {
+    Shop shop({Shop::responds(responseWith(200))});
+    arm("replay,exchange=notification");
+    payNotified(shop.address());
+    EXPECT_EQ(attributeOf(dataOf(shop.request()), "TOKEN"), "t1");
+    EXPECT_EQ(awaitSettled().m_Outcome, "delivered: 200");
+    ASSERT_EQ(sent().size(), 1u);
+    ASSERT_EQ(sent()[0].m_Steps.size(), 1u);
+    EXPECT_EQ(sent()[0].m_Steps[0].m_What, "The fault replay did not happen");
+    EXPECT_EQ(m_Service->faults().size(), 1u);
+}
+
 TEST_F(PaymentNotification, ReportsThatAPaymentHasExpired) {
     Shop shop({Shop::responds(responseWith(200))});
     EXPECT_EQ(openNotified(shop.address()).m_Status, 200);

@@ -1,0 +1,174 @@
+// Faults of content. canHappen() decides before a request is carried out: it finds the other payment of `replay` and
+// `swap`, or says in a step why the fault cannot happen; such a fault stays armed. withWrongContent() changes one
+// attribute of a message before it is signed. A wrong value keeps the form of the right one, so that only a comparison
+// with the order finds it.
+#include "sandbox/service/wrongcontent.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <functional>
+#include <iterator>
+#include <string>
+
+namespace sandbox {
+
+namespace {
+
+/// The amount with its first digit that is no zero another one.
+std::string otherAmount(std::string const& amount) {
+    std::size_t const digit = amount.find_first_of("123456789");
+    if (digit == std::string::npos) {
+        return "1.00";
+    }
+    std::string other = amount;
+    other[digit] = static_cast<char>(other[digit] == '9' ? '8' : other[digit] + 1);
+    return other;
+}
+
+std::string otherCurrency(std::string const& currency) {
+    return currency == "USD" ? "EUR" : "USD";
+}
+
+std::string otherOrder(std::string const& order) {
+    return order + "-X";
+}
+
+std::string otherToken(std::string const& token) {
+    std::string other = token.empty() ? "1" : token;
+    other.back() = other.back() == '0' ? '1' : '0';
+    return other;
+}
+
+/// Of a paid payment that it was declined, of any other that it was paid.
+std::string otherResult(std::string const& result) {
+    bool const good = result == stateName(PaymentState::kAuthorised) || result == stateName(PaymentState::kCaptured) ||
+                      result == stateName(PaymentState::kCompleted);
+    return stateName(good ? PaymentState::kDeclined : PaymentState::kAuthorised);
+}
+
+/// A kind that replaces one attribute.
+struct ReplacementRow {
+    FaultKind m_Kind;
+    char const* m_Name;
+    std::string (*m_Other)(std::string const& value);
+};
+
+// clang-format off
+constexpr ReplacementRow kReplacements[] = {
+    {FaultKind::kWrongAmount,   "AMOUNT",   otherAmount},
+    {FaultKind::kWrongCurrency, "CURRENCY", otherCurrency},
+    {FaultKind::kWrongOrder,    "ORDERID",  otherOrder},
+    {FaultKind::kWrongToken,    "TOKEN",    otherToken},
+    {FaultKind::kWrongResult,   "RESULT",   otherResult},
+};
+
+/// The states of payments whose message can stand for that of another.
+struct SearchRow {
+    FaultKind m_Kind;
+    unsigned m_Exchanges;
+    Store::Search m_Search;
+    std::vector<PaymentState> m_States;
+    char const* m_Missing;
+};
+
+constexpr unsigned kConfirmations = static_cast<unsigned>(ExchangeKind::kDecision) |
+                                    static_cast<unsigned>(ExchangeKind::kNotification);
+constexpr auto kCapture = static_cast<unsigned>(ExchangeKind::kCapture);
+constexpr auto kComplete = static_cast<unsigned>(ExchangeKind::kComplete);
+
+std::vector<SearchRow> const& searches() {
+    using S = PaymentState;
+    static std::vector<SearchRow> const rows = {
+        {FaultKind::kReplay, kConfirmations, Store::Search::kEarlier, {S::kAuthorised, S::kCaptured, S::kCompleted},
+         "the account has no earlier payment that was paid"},
+        {FaultKind::kReplay, kCapture,       Store::Search::kEarlier, {S::kCaptured, S::kCompleted},
+         "the account has no earlier payment that was captured"},
+        {FaultKind::kReplay, kComplete,      Store::Search::kEarlier, {S::kCompleted},
+         "the account has no earlier payment that was completed"},
+        {FaultKind::kSwap,   kConfirmations, Store::Search::kAll,     {S::kOpened},
+         "the account has no other payment that is opened"},
+        {FaultKind::kSwap,   kCapture,       Store::Search::kAll,     {S::kOpened, S::kAuthorised},
+         "the account has no other payment that is opened or authorised"},
+        {FaultKind::kSwap,   kComplete,      Store::Search::kAll,     {S::kOpened, S::kAuthorised, S::kCaptured},
+         "the account has no other payment that is opened, authorised or captured"},
+    };
+    return rows;
+}
+// clang-format on
+
+ReplacementRow const* replacementOf(FaultKind kind) {
+    auto const* const row = std::find_if(std::begin(kReplacements), std::end(kReplacements),
+                                         [kind](ReplacementRow const& each) { return each.m_Kind == kind; });
+    return row == std::end(kReplacements) ? nullptr : row;
+}
+
+SearchRow const* searchOf(FaultKind kind, ExchangeKind exchange) {
+    for (SearchRow const& row : searches()) {
+        if (row.m_Kind == kind && (row.m_Exchanges & static_cast<unsigned>(exchange)) != 0) {
+            return &row;
+        }
+    }
+    return nullptr;
+}
+
+/// `message` with `value` in the place of the attribute `name`, or behind the others when it has none.
+Message replaced(Message const& message, std::string const& name, std::string const& value) {
+    Message out(message.type());
+    for (auto const& [present, old] : message.attributes()) {
+        if (present != "MSGTYPE") {
+            out.set(present, present == name ? value : old);
+        }
+    }
+    if (!message.find(name)) {
+        out.set(name, value);
+    }
+    return out;
+}
+
+}  // namespace
+
+bool needsPayment(FaultKind kind) {
+    return replacementOf(kind) != nullptr || kind == FaultKind::kReplay || kind == FaultKind::kSwap;
+}
+
+bool canHappen(Services const& services, Fault const& fault, ExchangeKind exchange, Payment const* payment,
+               std::optional<Payment>& other, std::vector<CheckStep>& steps) {
+    if (!needsPayment(fault.m_Kind)) {
+        return true;
+    }
+    auto const refuse = [&](std::string const& reason) {
+        steps.push_back({std::string("The fault ") + faultRow(fault.m_Kind).m_Name + " did not happen", reason});
+        return false;
+    };
+    if (payment == nullptr) {
+        return refuse("the request names no payment");
+    }
+    SearchRow const* const search = searchOf(fault.m_Kind, exchange);
+    if (search == nullptr) {
+        return true;
+    }
+    std::optional<std::string> const id = services.m_Store.otherPayment(*payment, search->m_Search, search->m_States);
+    if (!id) {
+        return refuse(search->m_Missing);
+    }
+    other = services.m_Store.paymentById(*id).value().m_Payment;
+    return true;
+}
+
+Message withWrongContent(FaultEffect const& effect, Payment const& payment, Message const& message) {
+    ReplacementRow const* const row = effect.m_Fault ? replacementOf(effect.m_Fault->m_Kind) : nullptr;
+    if (row == nullptr) {
+        return message;
+    }
+    bool const hasState = row->m_Kind == FaultKind::kWrongResult && message.find("STATE").has_value();
+    std::string const name = hasState ? "STATE" : row->m_Name;
+    std::string const ordered = payment.attribute(name).value_or("");
+    return replaced(message, name, row->m_Other(message.find(name).value_or(ordered)));
+}
+
+PaymentState decidedState(Payment const& payment) {
+    bool const settled = payment.m_State == PaymentState::kCaptured || payment.m_State == PaymentState::kCompleted;
+    return settled ? PaymentState::kAuthorised : payment.m_State;
+}
+
+}  // namespace sandbox
