@@ -103,6 +103,10 @@ constexpr FaultKindRow kKinds[] = {
      "the message is that of an earlier payment of the account"},
     {FaultKind::kSwap,                "swap",                  kAnswers, 0, true,
      "the message is about another open payment of the account"},
+    {FaultKind::kPending,             "pending",               bit(ExchangeKind::kDecision), kTakesSeconds, true,
+     "the outcome is pending at first; the notification reports the final one after the given seconds"},
+    {FaultKind::kRefuseCapture,       "refuse-capture",        bit(ExchangeKind::kCapture), kTakesText, false,
+     "the capture of the payment is refused, now and for good"},
 };
 // clang-format on
 
@@ -229,9 +233,8 @@ double secondsOf(Fault const& fault) {
     constexpr double kDelay = 5;
     constexpr double kStall = 60;
     constexpr double kBetweenBytes = 0.001;
-    double const otherwise = fault.m_Kind == FaultKind::kDelay      ? kDelay
-                             : fault.m_Kind == FaultKind::kBytewise ? kBetweenBytes
-                                                                    : kStall;
+    bool const isShort = fault.m_Kind == FaultKind::kDelay || fault.m_Kind == FaultKind::kPending;
+    double const otherwise = isShort ? kDelay : fault.m_Kind == FaultKind::kBytewise ? kBetweenBytes : kStall;
     return fault.m_Seconds.value_or(otherwise);
 }
 
@@ -240,7 +243,9 @@ int statusOf(Fault const& fault) {
 }
 
 std::string textOf(Fault const& fault) {
-    return fault.m_Text.value_or("the sandbox was told to turn this request down");
+    bool const ofCapture = fault.m_Kind == FaultKind::kRefuseCapture;
+    return fault.m_Text.value_or(ofCapture ? "the capture of this payment is refused"
+                                           : "the sandbox was told to turn this request down");
 }
 
 std::int64_t megabytesOf(Fault const& fault) {

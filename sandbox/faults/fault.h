@@ -44,6 +44,8 @@ enum class FaultKind {
     kWrongResult,
     kReplay,
     kSwap,
+    kPending,
+    kRefuseCapture,
 };
 
 /// A fault that is to happen, and to whom.

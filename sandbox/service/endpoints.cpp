@@ -184,7 +184,9 @@ HttpResponse carryOut(Endpoint const& endpoint, RequestContext const& context) {
 /// The response to a request that has been identified, or the response that a fault or a failure puts in its place.
 HttpResponse handleIdentified(Endpoint const& endpoint, RequestContext const& context) {
     std::optional<Fault> const& fault = context.m_Effect.m_Fault;
-    if (fault && !faultRow(fault->m_Kind).m_CarriedOut) {
+    // A refusal of captures is for a payment whose merchant may ask for it: that is looked at first.
+    bool const isLookedAt = context.m_Effect.is(FaultKind::kRefuseCapture);
+    if (fault && !isLookedAt && !faultRow(fault->m_Kind).m_CarriedOut) {
         context.m_Exchange.m_Verdict = "not looked at";
         return faultResponse(*fault);
     }

@@ -22,6 +22,7 @@ namespace {
 struct CaptureRequest {
     Services const& m_Services;
     SignedMessage const& m_Sent;
+    FaultEffect const& m_Effect;
 };
 
 /// The payment of the merchant that TOKEN names; an ID, when given, must agree. Throws HttpError.
@@ -62,16 +63,46 @@ void checkResult(Message const& message, Payment const& payment) {
     throw HttpError("RESULT is '" + result + "', the payment is " + stateName(payment.m_State));
 }
 
+/// Throws HttpError when captures of the payment are refused for good, from now on or already.
+void checkRefusal(CaptureRequest const& request, Payment const& payment) {
+    if (payment.m_State != PaymentState::kAuthorised) {
+        return;
+    }
+    Store& store = request.m_Services.m_Store;
+    if (request.m_Effect.is(FaultKind::kRefuseCapture)) {
+        store.refuseCaptures(payment.m_Id,
+                             {request.m_Services.m_Clock.text(), payment.m_State, "capture refused for good"},
+                             textOf(*request.m_Effect.m_Fault));
+    }
+    if (std::optional<std::string> const reason = store.captureRefusal(payment.m_Id)) {
+        throw HttpError(*reason);
+    }
+}
+
+/// Why a payment in the state that it has cannot be led to `to`.
+std::string reasonToRefuse(CaptureRequest const& request, Payment const& payment, PaymentState to) {
+    if (payment.m_State != PaymentState::kLapsed) {
+        return "the payment is " + std::string(stateName(payment.m_State)) + ", it cannot be " + stateName(to);
+    }
+    auto const given = std::find_if(payment.m_History.begin(), payment.m_History.end(),
+                                    [](HistoryEntry const& step) { return step.m_State == PaymentState::kAuthorised; });
+    return "the authorisation has lapsed: it was given at " + (given == payment.m_History.end() ? "" : given->m_Time) +
+           ", DEFAULTVALIDITY is " + payment.attribute("DEFAULTVALIDITY").value_or("") + " seconds, now is " +
+           request.m_Services.m_Clock.text();
+}
+
 /// Moves the payment to `to`. When it is not in one of the states `from` it must be in one of `arrived`, which makes a
 /// repetition harmless. Throws HttpError otherwise. Returns the payment as it then is.
 Payment lead(CaptureRequest const& request, std::vector<PaymentState> const& from, PaymentState to,
              std::vector<PaymentState> const& arrived, char const* note) {
+    makeDueMoves(request.m_Services);
     Payment const before = namedPayment(request);
     for (char const* name : {"AMOUNT", "CURRENCY", "ORDERID"}) {
         checkRepeated(request.m_Sent.m_Message, before, name);
     }
     if (std::find(from.begin(), from.end(), before.m_State) != from.end()) {
         checkResult(request.m_Sent.m_Message, before);
+        checkRefusal(request, before);
     }
     bool const moved =
         request.m_Services.m_Store.advance(before.m_Id, from, {request.m_Services.m_Clock.text(), to, note});
@@ -84,7 +115,7 @@ Payment lead(CaptureRequest const& request, std::vector<PaymentState> const& fro
             return now;
         }
     }
-    throw HttpError("the payment is " + std::string(stateName(now.m_State)) + ", it cannot be " + stateName(to));
+    throw HttpError(reasonToRefuse(request, now, to));
 }
 
 Payment capture(CaptureRequest const& request) {
@@ -100,6 +131,7 @@ Payment complete(CaptureRequest const& request) {
 }
 
 Payment look(CaptureRequest const& request) {
+    makeDueMoves(request.m_Services);
     expireWhenOverdue(request.m_Services, namedPayment(request));
     return namedPayment(request);
 }
@@ -153,7 +185,8 @@ HttpResponse handleCapture(RequestContext const& context) {
     SignedMessage const sent = openSignedMessage(context);
     for (CaptureRow const& row : kRequests) {
         if (sent.m_Message.type() == row.m_Type) {
-            Payment const payment = reported(context.m_Effect, row.m_Handler({context.m_Services, sent}));
+            Payment const payment =
+                reported(context.m_Effect, row.m_Handler({context.m_Services, sent, context.m_Effect}));
             return messageResponse(
                 withWrongContent(context.m_Effect, payment, row.m_Response(context.m_Services, payment)).text());
         }

@@ -108,36 +108,64 @@ StoredPayment formPayment(Services const& services, Query const& form) {
 }
 
 PaymentState presentState(Services const& services, Payment const& payment) {
+    makeDueMoves(services);
     expireWhenOverdue(services, payment);
     return services.m_Store.paymentById(payment.m_Id)->m_Payment.m_State;
 }
 
-/// Whether a payment in `state` was once led there by `decision`.
-bool wasDecided(PaymentState state, Decision const& decision) {
-    bool const settled = state == PaymentState::kCaptured || state == PaymentState::kCompleted;
-    return state == decision.m_State || (settled && decision.m_State == PaymentState::kAuthorised);
+/// The decision that was made on a payment, and the RESULT of its confirmation.
+struct Outcome {
+    Decision const* m_Decision;
+    PaymentState m_Result;
+};
+
+/// The outcome of a payment that is in another state than opened.
+Outcome outcomeOf(Services const& services, Payment const& payment) {
+    bool const isPending = payment.m_State == PaymentState::kPending;
+    std::optional<DueMove> const due = isPending ? services.m_Store.dueMove(payment.m_Id) : std::nullopt;
+    PaymentState const decided = due ? due->m_State : decidedState(payment);
+    for (Decision const& decision : kDecisions) {
+        if (decision.m_State == decided) {
+            return {&decision, isPending ? payment.m_State : decided};
+        }
+    }
+    return {&kTooLate, kTooLate.m_State};
 }
 
-/// Applies the decision when it comes in time, and returns the decision that holds. The same decision again (a second
-/// click) is harmless. Null when the payment was decided otherwise.
-Decision const* decide(Services const& services, Payment const& payment, Decision const& decision) {
+/// Moves the opened payment as `decision` says, with a fault at first to "pending". False when it is not opened.
+bool moveAsDecided(RequestContext const& context, Payment const& payment, Decision const& decision) {
+    std::string const note = std::string("shopper chose ") + decision.m_Name;
+    if (context.m_Effect.is(FaultKind::kPending)) {
+        return suspendPayment(context.m_Services, payment, decision.m_State, note,
+                              secondsOf(*context.m_Effect.m_Fault));
+    }
+    return movePayment(context.m_Services, payment, {PaymentState::kOpened}, decision.m_State, note);
+}
+
+/// Applies the decision when it comes in time, and returns the outcome that holds. The same decision again (a second
+/// click) is harmless. Nothing when the payment was decided otherwise. Sets the state of `payment`.
+std::optional<Outcome> decide(RequestContext const& context, Payment& payment, Decision const& decision) {
+    Services const& services = context.m_Services;
     if (payment.m_State == PaymentState::kOpened && !isOverdue(services, payment) &&
-        movePayment(services, payment, {PaymentState::kOpened}, decision.m_State,
-                    std::string("shopper chose ") + decision.m_Name)) {
-        return &decision;
+        moveAsDecided(context, payment, decision)) {
+        bool const isPending = context.m_Effect.is(FaultKind::kPending);
+        payment.m_State = isPending ? PaymentState::kPending : decision.m_State;
+        return Outcome{&decision, payment.m_State};
     }
-    PaymentState const state = presentState(services, payment);
-    if (state == kTooLate.m_State) {
-        return &kTooLate;
+    payment.m_State = presentState(services, payment);
+    if (payment.m_State == PaymentState::kOpened) {
+        return std::nullopt;  // the clock was set back meanwhile
     }
-    return wasDecided(state, decision) ? &decision : nullptr;
+    Outcome const made = outcomeOf(services, payment);
+    bool const holds = made.m_Decision == &decision || made.m_Decision == &kTooLate;
+    return holds ? std::optional<Outcome>(made) : std::nullopt;
 }
 
-/// The return link of `decision` with the confirmation; empty when the merchant gave none.
-std::string addressAfter(RequestContext const& context, Payment const& payment, Decision const& decision) {
-    std::string const link = payment.attribute(decision.m_Link).value_or("");
+/// The return link of the decision with the confirmation; empty when the merchant gave none.
+std::string addressAfter(RequestContext const& context, Payment const& payment, Outcome const& outcome) {
+    std::string const link = payment.attribute(outcome.m_Decision->m_Link).value_or("");
     return link.empty() ? ""
-                        : extendLink(link, signedConfirmation(context.m_Services, payment, stateName(decision.m_State),
+                        : extendLink(link, signedConfirmation(context.m_Services, payment, stateName(outcome.m_Result),
                                                               context.m_Effect));
 }
 
@@ -161,11 +189,7 @@ HttpResponse decidedResponse(RequestContext const& context, int status, StoredPa
     Payment const& payment = stored.m_Payment;
     context.m_Exchange.m_Verdict = reason;
     context.m_Exchange.m_Steps.push_back({"Turned down", reason, false});
-    Decision const* made = &kTooLate;
-    for (Decision const& decision : kDecisions) {
-        made = wasDecided(payment.m_State, decision) ? &decision : made;
-    }
-    return decidedPage(status, stored, reason, addressAfter(context, payment, *made));
+    return decidedPage(status, stored, reason, addressAfter(context, payment, outcomeOf(context.m_Services, payment)));
 }
 
 }  // namespace
@@ -204,19 +228,18 @@ HttpResponse handleDecision(RequestContext const& context) {
     Payment& payment = stored.m_Payment;
     context.m_Exchange.m_Steps.push_back({"The form came from the payment page", "payment " + payment.m_Id});
     context.m_Exchange.m_Steps.push_back({"The shopper decided", wanted.m_Name});
-    Decision const* const decision = decide(services, payment, wanted);
-    if (decision == nullptr) {
-        payment.m_State = presentState(services, payment);
+    std::optional<Outcome> const outcome = decide(context, payment, wanted);
+    if (!outcome) {
         return decidedResponse(context, httpstatus::kConflict, stored,
                                "the payment is " + std::string(stateName(payment.m_State)) + " already");
     }
-    payment.m_State = decision->m_State;
-    std::string const query = signedConfirmation(services, payment, stateName(decision->m_State), context.m_Effect);
-    std::string const link = payment.attribute(decision->m_Link).value_or("");
+    payment.m_State = outcome->m_Result;
+    std::string const query = signedConfirmation(services, payment, stateName(outcome->m_Result), context.m_Effect);
+    std::string const link = payment.attribute(outcome->m_Decision->m_Link).value_or("");
     if (link.empty()) {
         return outcomePage(payment, query);
     }
-    return {httpstatus::kFound, "text/plain", "The payment is " + std::string(stateName(decision->m_State)) + ".\n",
+    return {httpstatus::kFound, "text/plain", "The payment is " + std::string(stateName(outcome->m_Result)) + ".\n",
             extendLink(link, query)};
 }
 

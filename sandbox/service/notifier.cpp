@@ -213,17 +213,20 @@ void Notifier::run() {
     }
 }
 
-/// Loads new notifications and expires payments. Returns when to do that again.
+/// Loads new notifications, expires payments and makes the moves that are due. Returns when to do that again.
 Notifier::Clock::time_point Notifier::poll() {
+    bool hasDueMoves = false;
     try {
         loadNew();
         expireOverdue();
+        makeDueMoves(m_Services);
+        hasDueMoves = m_Services.m_Store.hasDueMoves();
     } catch (std::exception const&) {
         // The store failed, so there is nowhere to report it.
         return Clock::now() + kPauseWithoutStore;
     }
     std::lock_guard<std::mutex> const lock(m_Mutex);
-    return m_Watched.empty() ? Clock::time_point::max() : Clock::now() + m_Timeouts.m_ClockInterval;
+    return m_Watched.empty() && !hasDueMoves ? Clock::time_point::max() : Clock::now() + m_Timeouts.m_ClockInterval;
 }
 
 void Notifier::expireOverdue() {

@@ -29,7 +29,7 @@ namespace sandbox {
 /// Notifications to one host and port are sent one after the other, the oldest of each payment first. Notifications to
 /// other hosts and ports do not wait for them as long as one of the kWorkers threads is free.
 ///
-/// It also expires undecided payments when their time has passed.
+/// It also expires undecided payments when their time has passed, and makes other moves of payments that are due.
 class Notifier {
 public:
     using Clock = EndSignal::Clock;

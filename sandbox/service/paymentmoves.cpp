@@ -1,12 +1,29 @@
 #include "sandbox/service/paymentmoves.h"
 
+#include <cmath>
+#include <cstddef>
 #include <limits>
 #include <optional>
 
 #include "sandbox/service/notifier.h"
 #include "sandbox/text/utctime.h"
+#include "sandbox/text/wiretext.h"
 
 namespace sandbox {
+
+namespace {
+
+/// The lapse of an authorisation that begins now.
+std::optional<DueMove> lapseOf(Services const& services, Payment const& payment) {
+    std::optional<std::int64_t> const validity = validityOf(payment);
+    if (!validity) {
+        return std::nullopt;
+    }
+    return DueMove{services.m_Clock.now() + *validity + 1, PaymentState::kLapsed,
+                   "not captured within " + std::to_string(*validity) + " seconds"};
+}
+
+}  // namespace
 
 bool movePayment(Services const& services, Payment const& payment, std::vector<PaymentState> const& from,
                  PaymentState to, std::string const& note) {
@@ -18,11 +35,44 @@ bool movePayment(Services const& services, Payment const& payment, std::vector<P
         notification->m_Address = address;
         notification->m_Result = stateName(to);
     }
-    bool const moved = services.m_Store.advance(payment.m_Id, from, {services.m_Clock.text(), to, note}, notification);
-    if (moved && notification) {
+    std::optional<DueMove> const next = to == PaymentState::kAuthorised ? lapseOf(services, payment) : std::nullopt;
+    bool const moved =
+        services.m_Store.advance(payment.m_Id, from, {services.m_Clock.text(), to, note}, notification, next);
+    if (moved && (notification || next)) {
         services.m_Notifier.wake();
     }
     return moved;
+}
+
+bool suspendPayment(Services const& services, Payment const& payment, PaymentState to, std::string const& note,
+                    double seconds) {
+    DueMove const outcome{services.m_Clock.now() + static_cast<std::int64_t>(std::ceil(seconds)), to, note};
+    bool const moved = services.m_Store.advance(
+        payment.m_Id, {PaymentState::kOpened},
+        {services.m_Clock.text(), PaymentState::kPending, note + "; the outcome is pending"}, std::nullopt, outcome);
+    if (moved) {
+        services.m_Notifier.wake();
+    }
+    return moved;
+}
+
+void makeDueMoves(Services const& services) {
+    for (auto const& [id, move] : services.m_Store.dueMoves(services.m_Clock.now())) {
+        if (move.m_State == PaymentState::kLapsed) {
+            services.m_Store.advance(id, {PaymentState::kAuthorised},
+                                     {services.m_Clock.text(), move.m_State, move.m_Note});
+            continue;
+        }
+        movePayment(services, services.m_Store.paymentById(id).value().m_Payment, {PaymentState::kPending},
+                    move.m_State, move.m_Note);
+    }
+}
+
+std::optional<std::int64_t> validityOf(Payment const& payment) {
+    constexpr std::size_t kMaxDigits = 10;
+    std::string const text = payment.attribute("DEFAULTVALIDITY").value_or("");
+    bool const isNumber = text.size() <= kMaxDigits && text.find_first_not_of("0123456789") == std::string::npos;
+    return isNumber ? wholeNumber(text) : std::nullopt;
 }
 
 std::time_t expirationOf(Payment const& payment) {
@@ -46,6 +96,7 @@ bool expireWhenOverdue(Services const& services, Payment const& payment) {
 }
 
 std::vector<Payment> presentPayments(Services const& services) {
+    makeDueMoves(services);
     for (Payment const& payment : services.m_Store.payments()) {
         expireWhenOverdue(services, payment);
     }

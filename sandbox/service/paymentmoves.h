@@ -1,7 +1,9 @@
 #ifndef TALLOWIN_SANDBOX_SERVICE_PAYMENTMOVES_H
 #define TALLOWIN_SANDBOX_SERVICE_PAYMENTMOVES_H
 
+#include <cstdint>
 #include <ctime>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -10,9 +12,22 @@
 namespace sandbox {
 
 /// Moves the payment from one of the states `from` to `to`, and notifies its merchant when a NOTIFYADDRESS was given.
-/// False, with nothing changed, when it is in none of them.
+/// An authorised payment lapses after DEFAULTVALIDITY, in seconds. False, with nothing changed, when it is in none of
+/// them.
 bool movePayment(Services const& services, Payment const& payment, std::vector<PaymentState> const& from,
                  PaymentState to, std::string const& note);
+
+/// Moves the opened payment to "pending", and after `seconds` to `to`; the merchant is notified then. False, with
+/// nothing changed, when it is not opened.
+bool suspendPayment(Services const& services, Payment const& payment, PaymentState to, std::string const& note,
+                    double seconds);
+
+/// Makes the moves that are due: pending payments get their outcome, authorisations lapse.
+void makeDueMoves(Services const& services);
+
+/// How many seconds an authorisation of the payment is valid; nothing when DEFAULTVALIDITY is no number of at most ten
+/// digits: it never lapses then.
+std::optional<std::int64_t> validityOf(Payment const& payment);
 
 /// The last second in which the payment can be decided; long past when it names none that can be read.
 std::time_t expirationOf(Payment const& payment);

@@ -79,14 +79,14 @@ constexpr auto kComplete = static_cast<unsigned>(ExchangeKind::kComplete);
 std::vector<SearchRow> const& searches() {
     using S = PaymentState;
     static std::vector<SearchRow> const rows = {
-        {FaultKind::kReplay, kConfirmations, Store::Search::kEarlier, {S::kAuthorised, S::kCaptured, S::kCompleted},
+        {FaultKind::kReplay, kConfirmations, Store::Search::kEarlier, {S::kAuthorised, S::kLapsed, S::kCaptured, S::kCompleted},
          "the account has no earlier payment that was paid"},
         {FaultKind::kReplay, kCapture,       Store::Search::kEarlier, {S::kCaptured, S::kCompleted},
          "the account has no earlier payment that was captured"},
         {FaultKind::kReplay, kComplete,      Store::Search::kEarlier, {S::kCompleted},
          "the account has no earlier payment that was completed"},
-        {FaultKind::kSwap,   kConfirmations, Store::Search::kAll,     {S::kOpened},
-         "the account has no other payment that is opened"},
+        {FaultKind::kSwap,   kConfirmations, Store::Search::kAll,     {S::kOpened, S::kPending},
+         "the account has no other payment that is undecided"},
         {FaultKind::kSwap,   kCapture,       Store::Search::kAll,     {S::kOpened, S::kAuthorised},
          "the account has no other payment that is opened or authorised"},
         {FaultKind::kSwap,   kComplete,      Store::Search::kAll,     {S::kOpened, S::kAuthorised, S::kCaptured},
@@ -125,10 +125,28 @@ Message replaced(Message const& message, std::string const& name, std::string co
     return out;
 }
 
+/// A kind that happens to payments in one state only.
+struct StateRow {
+    FaultKind m_Kind;
+    PaymentState m_State;
+};
+
+constexpr StateRow kStates[] = {
+    {FaultKind::kPending, PaymentState::kOpened},
+    {FaultKind::kRefuseCapture, PaymentState::kAuthorised},
+};
+
+StateRow const* stateOf(FaultKind kind) {
+    auto const* const row = std::find_if(std::begin(kStates), std::end(kStates),
+                                         [kind](StateRow const& each) { return each.m_Kind == kind; });
+    return row == std::end(kStates) ? nullptr : row;
+}
+
 }  // namespace
 
 bool needsPayment(FaultKind kind) {
-    return replacementOf(kind) != nullptr || kind == FaultKind::kReplay || kind == FaultKind::kSwap;
+    return replacementOf(kind) != nullptr || stateOf(kind) != nullptr || kind == FaultKind::kReplay ||
+           kind == FaultKind::kSwap;
 }
 
 bool canHappen(Services const& services, Fault const& fault, ExchangeKind exchange, Payment const* payment,
@@ -142,6 +160,9 @@ bool canHappen(Services const& services, Fault const& fault, ExchangeKind exchan
     };
     if (payment == nullptr) {
         return refuse("the request names no payment");
+    }
+    if (StateRow const* const row = stateOf(fault.m_Kind); row != nullptr && payment->m_State != row->m_State) {
+        return refuse(std::string("the payment is ") + stateName(payment->m_State));
     }
     SearchRow const* const search = searchOf(fault.m_Kind, exchange);
     if (search == nullptr) {
@@ -167,7 +188,8 @@ Message withWrongContent(FaultEffect const& effect, Payment const& payment, Mess
 }
 
 PaymentState decidedState(Payment const& payment) {
-    bool const settled = payment.m_State == PaymentState::kCaptured || payment.m_State == PaymentState::kCompleted;
+    bool const settled = payment.m_State == PaymentState::kCaptured || payment.m_State == PaymentState::kCompleted ||
+                         payment.m_State == PaymentState::kLapsed;
     return settled ? PaymentState::kAuthorised : payment.m_State;
 }
 

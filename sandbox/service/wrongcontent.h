@@ -10,7 +10,7 @@
 #include "sandbox/store/storedpayment.h"
 #include "sandbox/text/paymessage.h"
 
-/// Faults of content: messages that say something wrong and are signed rightly.
+/// Faults of payments: messages that say something wrong and are signed rightly, and outcomes of another kind.
 namespace sandbox {
 
 /// A fault and what it needs to happen.

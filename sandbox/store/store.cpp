@@ -92,6 +92,23 @@ constexpr char kTables[] = R"(
     PRAGMA user_version = 3;
 )";
 
+// Of a layout that other sandboxes read too: they know nothing of these tables and leave them alone.
+constexpr char kOutcomeTables[] = R"(
+    CREATE TABLE IF NOT EXISTS due_moves (
+        payment TEXT PRIMARY KEY REFERENCES payments (id),
+        due INTEGER NOT NULL,
+        state TEXT NOT NULL,
+        note TEXT NOT NULL);
+    CREATE INDEX IF NOT EXISTS due_moves_by_time ON due_moves (due);
+    CREATE TABLE IF NOT EXISTS capture_refusals (
+        payment TEXT PRIMARY KEY REFERENCES payments (id),
+        reason BLOB NOT NULL);
+    CREATE TRIGGER IF NOT EXISTS outcomes_of_removed_payment AFTER DELETE ON payments BEGIN
+        DELETE FROM due_moves WHERE payment = OLD.id;
+        DELETE FROM capture_refusals WHERE payment = OLD.id;
+    END;
+)";
+
 // The payments show whether these requests were carried out.
 constexpr char kEndBegun[] = R"(
     INSERT INTO exchanges (time, kind, order_id, path, data, signature, verdict, steps, request, answer, fault,
@@ -116,6 +133,7 @@ void prepareTables(Database& database, std::string const& path) {
         throw std::runtime_error(path + " has layout " + std::to_string(layout) + ", this sandbox knows layout " +
                                  std::to_string(kLayout) + ": choose another data directory");
     }
+    database.execute(kOutcomeTables);
     database.execute(kEndBegun);
     transaction.commit();
 }

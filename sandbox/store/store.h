@@ -41,6 +41,13 @@ struct StoredPayment {
     std::string m_Message;  ///< The PayInit as it came.
 };
 
+/// A move that time makes unless another one comes before it.
+struct DueMove {
+    std::int64_t m_Due = 0;  ///< The second of the service's clock in which it is made.
+    PaymentState m_State = PaymentState::kLapsed;
+    std::string m_Note;
+};
+
 /// Accounts, keys, payments with their history, notifications and exchanges, in one SQLite file. Every member is one
 /// transaction and may be called by any thread. Failures of the database throw std::runtime_error.
 class Store {
@@ -96,10 +103,27 @@ public:
     [[nodiscard]] std::vector<StoredPayment> latestPayments(std::int64_t count, std::int64_t longest);
 
     /// Moves the payment from one of the states `from` to the state of `step`, adds `step` to its history and the
-    /// notification to those that are to be sent. False, with nothing changed, when it is in none of them: of two
-    /// callers at the same time one gets true.
+    /// notification to those that are to be sent, and replaces the move that is due by `next`. False, with nothing
+    /// changed, when it is in none of them: of two callers at the same time one gets true.
     bool advance(std::string const& id, std::vector<PaymentState> const& from, HistoryEntry const& step,
-                 std::optional<Notification> const& notification = std::nullopt);
+                 std::optional<Notification> const& notification = std::nullopt,
+                 std::optional<DueMove> const& next = std::nullopt);
+
+    /// The move that waits for the payment; nothing when none does.
+    [[nodiscard]] std::optional<DueMove> dueMove(std::string const& id);
+
+    /// The identifiers of the payments whose moves are due at `now`, with these moves, in the order of their times.
+    [[nodiscard]] std::vector<std::pair<std::string, DueMove>> dueMoves(std::int64_t now);
+
+    /// Whether a move waits for any payment.
+    [[nodiscard]] bool hasDueMoves();
+
+    /// Refuses captures of the payment for good, with `reason`, and adds `step` to its history. False, with nothing
+    /// changed, when it is not in the state of `step`.
+    bool refuseCaptures(std::string const& id, HistoryEntry const& step, std::string const& reason);
+
+    /// Why captures of the payment are refused; nothing when they are not.
+    [[nodiscard]] std::optional<std::string> captureRefusal(std::string const& id);
 
     /// Those with numbers above `after`, oldest first.
     [[nodiscard]] std::vector<Notification> notifications(std::int64_t after = 0);
@@ -135,6 +159,8 @@ private:
     void insertPayment(StoredPayment const& fresh, std::string const& time);
     void addHistory(std::string const& id, HistoryEntry const& step);
     void addNotification(Notification const& notification);
+    void replaceDueMove(std::string const& id, std::optional<DueMove> const& next);
+    bool isIn(std::string const& id, std::vector<PaymentState> const& states);
 
     std::mutex m_Mutex;  ///< Held by every public member.
     Database m_Database;

@@ -1,4 +1,5 @@
-// What faults of content search for.
+// Moves that are due, refused captures, and the payments that faults of content search for.
+// A payment has at most one due move, and every move of a payment replaces it: what came in time is never undone by it.
 #include <algorithm>
 
 #include "sandbox/store/store.h"
@@ -18,6 +19,69 @@ std::optional<std::string> Store::otherPayment(Payment const& payment, Search se
         }
     }
     return std::nullopt;
+}
+
+std::optional<DueMove> Store::dueMove(std::string const& id) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Statement row = m_Database.prepare("SELECT due, state, note FROM due_moves WHERE payment = ?");
+    if (!row.text(id).step()) {
+        return std::nullopt;
+    }
+    return DueMove{row.numberColumn(0), stateFromName(row.column(1)), row.column(2)};
+}
+
+std::vector<std::pair<std::string, DueMove>> Store::dueMoves(std::int64_t now) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Statement row = m_Database.prepare("SELECT payment, due, state, note FROM due_moves WHERE due <= ? ORDER BY due");
+    row.number(now);
+    std::vector<std::pair<std::string, DueMove>> found;
+    while (row.step()) {
+        found.emplace_back(row.column(0), DueMove{row.numberColumn(1), stateFromName(row.column(2)), row.column(3)});
+    }
+    return found;
+}
+
+bool Store::hasDueMoves() {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    return m_Database.prepare("SELECT 1 FROM due_moves LIMIT 1").step();
+}
+
+bool Store::refuseCaptures(std::string const& id, HistoryEntry const& step, std::string const& reason) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Transaction transaction(m_Database);
+    if (!isIn(id, {step.m_State})) {
+        return false;
+    }
+    m_Database.prepare("INSERT INTO capture_refusals (payment, reason) VALUES (?, ?) ON CONFLICT (payment) DO NOTHING")
+        .text(id)
+        .bytes(reason)
+        .step();
+    addHistory(id, step);
+    transaction.commit();
+    return true;
+}
+
+std::optional<std::string> Store::captureRefusal(std::string const& id) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Statement row = m_Database.prepare("SELECT reason FROM capture_refusals WHERE payment = ?");
+    return row.text(id).step() ? std::optional<std::string>(row.column(0)) : std::nullopt;
+}
+
+void Store::replaceDueMove(std::string const& id, std::optional<DueMove> const& next) {
+    m_Database.prepare("DELETE FROM due_moves WHERE payment = ?").text(id).step();
+    if (next) {
+        m_Database.prepare("INSERT INTO due_moves (payment, due, state, note) VALUES (?, ?, ?, ?)")
+            .text(id)
+            .number(next->m_Due)
+            .text(stateName(next->m_State))
+            .text(next->m_Note)
+            .step();
+    }
+}
+
+bool Store::isIn(std::string const& id, std::vector<PaymentState> const& states) {
+    Statement row = m_Database.prepare("SELECT state FROM payments WHERE id = ?");
+    return row.text(id).step() && std::find(states.begin(), states.end(), stateFromName(row.column(0))) != states.end();
 }
 
 }  // namespace sandbox

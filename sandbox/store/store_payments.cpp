@@ -2,7 +2,6 @@
 // Every change of state goes through advance(): it checks the present state and writes the new state, the history entry
 // and the notification in one transaction. Of two callers exactly one succeeds.
 // findPayment() reads a payment from the columns of kById and kByToken, then its attributes and its history.
-#include <algorithm>
 #include <cstdint>
 #include <stdexcept>
 
@@ -87,23 +86,18 @@ std::string Store::orderOfToken(std::string const& account, std::string const& t
 }
 
 bool Store::advance(std::string const& id, std::vector<PaymentState> const& from, HistoryEntry const& step,
-                    std::optional<Notification> const& notification) {
+                    std::optional<Notification> const& notification, std::optional<DueMove> const& next) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Transaction transaction(m_Database);
-    {
-        Statement row = m_Database.prepare("SELECT state FROM payments WHERE id = ?");
-        if (!row.text(id).step()) {
-            return false;
-        }
-        if (std::find(from.begin(), from.end(), stateFromName(row.column(0))) == from.end()) {
-            return false;
-        }
+    if (!isIn(id, from)) {
+        return false;
     }
     m_Database.prepare("UPDATE payments SET state = ? WHERE id = ?").text(stateName(step.m_State)).text(id).step();
     addHistory(id, step);
     if (notification) {
         addNotification(*notification);
     }
+    replaceDueMove(id, next);
     transaction.commit();
     return true;
 }

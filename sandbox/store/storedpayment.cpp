@@ -14,10 +14,12 @@ struct StateRow {
 // clang-format off
 constexpr StateRow kStates[] = {
     {PaymentState::kOpened,     "opened"},      // shown to the shopper, not decided
+    {PaymentState::kPending,    "pending"},     // decided, and the outcome comes later
     {PaymentState::kAuthorised, "authorised"},  // the shopper pays; the merchant may capture
     {PaymentState::kDeclined,   "declined"},    // final
     {PaymentState::kCancelled,  "cancelled"},   // final
     {PaymentState::kExpired,    "expired"},     // final: nothing was decided in time
+    {PaymentState::kLapsed,     "lapsed"},      // final: it was authorised and not captured in time
     {PaymentState::kCaptured,   "captured"},    // the merchant has taken the money
     {PaymentState::kCompleted,  "completed"},   // final
 };

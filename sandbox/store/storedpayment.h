@@ -9,13 +9,23 @@
 
 namespace sandbox {
 
-/// Where a payment stands. A shopper's decision leads from `Opened` to `Authorised`, `Declined` or `Cancelled`, and
-/// time to `Expired`; the merchant leads an authorised payment on to `Captured` and `Completed`. The names are kept in
-/// the database: do not change them.
-enum class PaymentState { kOpened, kAuthorised, kDeclined, kCancelled, kExpired, kCaptured, kCompleted };
+/// Where a payment stands. A shopper's decision leads from `Opened` to `Authorised`, `Declined` or `Cancelled`, on
+/// request with `Pending` before it, and time to `Expired`; the merchant leads an authorised payment on to `Captured`
+/// and `Completed`, or time to `Lapsed`. The names are kept in the database: do not change them.
+enum class PaymentState {
+    kOpened,
+    kPending,
+    kAuthorised,
+    kDeclined,
+    kCancelled,
+    kExpired,
+    kLapsed,
+    kCaptured,
+    kCompleted
+};
 
-/// The lower-case name of `state`: "opened", "authorised", "declined", "cancelled", "expired", "captured",
-/// "completed".
+/// The lower-case name of `state`: "opened", "pending", "authorised", "declined", "cancelled", "expired", "lapsed",
+/// "captured", "completed".
 char const* stateName(PaymentState state);
 
 /// The state of that name. Throws std::runtime_error for any other text.

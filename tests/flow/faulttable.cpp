@@ -142,6 +142,7 @@ std::vector<FaultTableRow> const kRows = {
     {E::kDecision,  F::kWrongResult,         true,  KVX_OK,                  "authorised", S::kWrongReturn},
     {E::kDecision,  F::kReplay,              true,  KVX_OK,                  "authorised", S::kWrongReturn},
     {E::kDecision,  F::kSwap,                true,  KVX_OK,                  "authorised", S::kWrongReturn},
+    {E::kDecision,  F::kPending,             true,  KVX_OK,                  "pending",    S::kWhole},
 
     {E::kCapture,   F::kRefuse,              false, KVX_E_SOCKET_REFUSED,    "authorised"},
     {E::kCapture,   F::kTlsExpired,          true,  KVX_OK,                  "captured"},
@@ -170,6 +171,7 @@ std::vector<FaultTableRow> const kRows = {
     {E::kCapture,   F::kWrongResult,         true,  KVX_OK,                  "captured"},
     {E::kCapture,   F::kReplay,              true,  KVX_OK,                  "captured"},
     {E::kCapture,   F::kSwap,                true,  KVX_OK,                  "captured"},
+    {E::kCapture,   F::kRefuseCapture,       false, KVX_E_SERVER_ERROR,      "authorised"},
 
     {E::kComplete,  F::kRefuse,              false, KVX_E_SOCKET_REFUSED,    "captured"},
     {E::kComplete,  F::kTlsExpired,          true,  KVX_OK,                  "completed"},

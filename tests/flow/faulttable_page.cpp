@@ -201,6 +201,9 @@ std::string whatToDoAtTheDecision(FaultTableRow const& row) {
         return "compare `TOKEN`, `ORDERID`, `AMOUNT`, `CURRENCY` and `RESULT` with the order before you hand anything "
                "over";
     }
+    if (row.m_Kind == FaultKind::kPending) {
+        return "hand nothing over until a notification, or the payment's state, has the final result";
+    }
     return row.m_Kind == FaultKind::kWrongType ? "look at `MSGTYPE` before you hand anything over" : kNothingToDo;
 }
 
@@ -217,6 +220,9 @@ std::string whatToDo(FaultTableRow const& row) {
     }
     if (isOfContent(row.m_Kind)) {
         return "nothing shows it, and the response is not signed: rely on the signed confirmation";
+    }
+    if (row.m_Kind == FaultKind::kRefuseCapture) {
+        return "hand nothing over and don't repeat it: the refusal stays; offer a new payment";
     }
     if (row.m_Result == KVX_OK) {
         return isOfTls(row.m_Kind) ? kUnnoticed : kNothingToDo;

@@ -35,6 +35,11 @@ void FaultTable::expectPayments(std::vector<FaultTableRow> const& rows) {
         EXPECT_EQ(stateOf(confirmation), row.m_Left);
         EXPECT_EQ(timesIn(service(), token, done), row.m_CarriedOut ? 1 : 0);
 
+        if (row.m_Kind == sandbox::FaultKind::kRefuseCapture) {
+            EXPECT_EQ(settle(), row.m_Result) << "without the fault too";
+            EXPECT_EQ(timesIn(service(), token, done), 0);
+            continue;
+        }
         EXPECT_EQ(settle(), KVX_OK);
         EXPECT_EQ(stateOf(confirmation), done);
         EXPECT_EQ(timesIn(service(), token, "captured"), 1);

@@ -168,7 +168,7 @@ void FaultTable::expectDecisions() {
         EXPECT_TRUE(isExpected(row.m_BrowserResult, received, again.m_Bytes))
             << received.m_Bytes.substr(0, again.m_Bytes.size() * 2);
         EXPECT_EQ(verifyReturn(shop(), again, FaultKind::kBytewise), KVX_OK);
-        EXPECT_EQ(timesIn(service(), token, "authorised"), 1);
+        EXPECT_EQ(timesIn(service(), token, row.m_Left), 1);
     }
 }
 

@@ -45,7 +45,8 @@ protected:
 
     /// The step that a fault left which could not happen; empty without one.
     [[nodiscard]] std::string reasonInSteps() const {
-        for (sandbox::CheckStep const& step : m_Service->exchanges().back().m_Steps) {
+        sandbox::Exchange const last = m_Service->exchanges().back();
+        for (sandbox::CheckStep const& step : last.m_Steps) {
             if (step.m_What.find("did not happen") != std::string::npos) {
                 return step.m_What + ": " + step.m_Found;
             }
