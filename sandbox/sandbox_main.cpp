@@ -48,6 +48,8 @@ void describe(CLI::App& program, Arguments& arguments) {
         ->check([](std::string const& text) {
             return text.find(':', 1) == std::string::npos || text[0] == ':' ? "must have the form user:password" : "";
         });
+    program.add_flag("--lenient", arguments.m_Options.m_Lenient,
+                     "accept odd content of payments with a warning instead of refusing it");
     program.add_flag("--json", arguments.m_Json, "print the addresses as one line of JSON");
 }
 

@@ -72,7 +72,7 @@ public:
           m_Store(m_Directory.file(kDatabaseFile)),
           m_Clock(options.m_Clock),
           m_Keys(m_Store, m_Clock, options.m_ServerKeyBits),
-          m_Services{m_Store, m_Keys, m_Faults, m_Clock, m_Addresses, m_Notifier, m_FormKey},
+          m_Services{m_Store, m_Keys, m_Faults, m_Clock, m_Addresses, m_Notifier, m_FormKey, options.m_Lenient},
           m_Notifier(m_Services,
                      {options.m_NotificationTimeout, options.m_NotificationBackoff, options.m_ClockInterval}),
           m_Control(options.m_ControlPort, nullptr, nullptr, options.m_RequestTimeout),

@@ -56,6 +56,9 @@ constexpr FaultMember kDetails[] = {
 
 json stepJson(CheckStep const& step) {
     json out = {{"good", step.m_Good}};
+    if (step.m_Warning) {
+        out["warning"] = true;
+    }
     putBytes(out, "what", step.m_What);
     putBytes(out, "found", step.m_Found);
     return out;

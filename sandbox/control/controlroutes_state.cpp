@@ -51,7 +51,8 @@ nlohmann::json countsJson(Services const& services) {
             {"exchanges", exchangeCount(services)},
             {"serverKeys", services.m_Keys.all().size()},
             {"merchantKeys", services.m_Store.merchantKeys().size()},
-            {"faults", services.m_Faults.armed().size()}};
+            {"faults", services.m_Faults.armed().size()},
+            {"warnings", services.m_Store.warningCount()}};
 }
 
 /// Conditions on payments from the query; an absent one matches all.

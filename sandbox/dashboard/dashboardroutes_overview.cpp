@@ -33,7 +33,8 @@ std::string setUpContent(Services const& services) {
            addressEntry("Control API", addresses.m_Control, "/control") +
            entry("Accounts", escapeHtml(joined(services.m_Store.accounts()))) +
            entry("Signing key", escapeHtml(services.m_Keys.current()->m_Id)) +
-           entry("Service time", escapeHtml(services.m_Clock.text())) + "</dl>\n";
+           entry("Service time", escapeHtml(services.m_Clock.text())) +
+           entry("Warnings", std::to_string(services.m_Store.warningCount())) + "</dl>\n";
 }
 
 std::string paymentsContent(Services const& services) {

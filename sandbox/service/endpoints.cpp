@@ -13,9 +13,11 @@
 
 #include "sandbox/pages/shopperpages.h"
 #include "sandbox/service/confirmation.h"
+#include "sandbox/service/contentcheck.h"
 #include "sandbox/service/storedexchangelog.h"
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/httpstatus.h"
+#include "sandbox/text/wiretext.h"
 
 namespace sandbox {
 
@@ -23,6 +25,8 @@ namespace {
 
 /// How an address responds to a request that is turned down.
 enum class ErrorForm { kErrorMessage, kPage };
+
+constexpr char kPayPath[] = "/pay";
 
 /// One address of the protocol.
 struct Endpoint {
@@ -35,7 +39,7 @@ struct Endpoint {
 // clang-format off
 constexpr Endpoint kEndpoints[] = {
     {"GET",  "/auto",         handleAuto,     ErrorForm::kErrorMessage},
-    {"GET",  "/pay",          handlePay,      ErrorForm::kPage},
+    {"GET",  kPayPath,        handlePay,      ErrorForm::kPage},
     {"POST", "/pay/decision", handleDecision, ErrorForm::kPage},
     {"GET",  "/capture",      handleCapture,  ErrorForm::kErrorMessage},
 };
@@ -125,8 +129,17 @@ void identify(Endpoint const& endpoint, RequestContext const& context) {
 }
 
 RequestContext makeContext(Services const& services, HttpRequest const& request, Exchange& exchange) {
-    auto data = Parsed<std::string>::of([&request] { return request.m_Query.value("DATA").value_or(""); });
-    auto message = Parsed<Message>::of([&data] { return Message::parse(data.get()); });
+    auto data = Parsed<std::string>::of([&services, &request] {
+        std::string const text = request.m_Query.value("DATA").value_or("");
+        bool const isAccepted = services.m_Lenient && request.m_Path == kPayPath && isEncodedAgain(text);
+        return isAccepted ? percentDecode(text).value_or(text) : text;
+    });
+    auto message = Parsed<Message>::of([&data] {
+        if (isEncodedAgain(data.get())) {
+            throw HttpError("DATA is percent-encoded twice");
+        }
+        return Message::parse(data.get());
+    });
     return {services, request, exchange, Query(request.m_Body), std::move(data), std::move(message), {}};
 }
 

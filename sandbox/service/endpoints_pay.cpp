@@ -1,8 +1,8 @@
 // The payment page (/pay) and the shopper's decision (/pay/decision).
-// /pay verifies the PayInit, checks its expiration and links, and opens a payment under its token; the same message
-// again shows the same payment. /pay/decision checks the form's key, moves the payment at most once and redirects to
-// the shop with a signed confirmation.
-// A payment that is looked at after its expiration expires here; the notifier expires the others.
+// /pay verifies the PayInit, checks its expiration, its links and its content, and opens a payment under its token; the
+// same message again shows the same payment. /pay/decision checks the form's key, moves the payment at most once and
+// redirects to the shop with a signed confirmation. A payment that is looked at after its expiration expires here; the
+// notifier expires the others.
 #include "sandbox/service/endpoints.h"
 
 #include <array>
@@ -10,11 +10,14 @@
 #include <ctime>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "sandbox/crypto/credentials.h"
 #include "sandbox/http/hostport.h"
 #include "sandbox/pages/shopperpages.h"
 #include "sandbox/service/confirmation.h"
+#include "sandbox/service/contentcheck.h"
 #include "sandbox/service/notifier.h"
 #include "sandbox/service/paymentmoves.h"
 #include "sandbox/service/signedmessage.h"
@@ -72,6 +75,25 @@ void checkLink(Message const& message, char const* name) {
         if (c <= ' ' || c > '~') {
             throw HttpError(std::string(name) + " holds a space or a byte outside ASCII");
         }
+    }
+}
+
+/// Throws HttpError with everything that is odd about what the PayInit says and how it travelled; a lenient service
+/// notes each as a warning instead.
+void checkContent(RequestContext const& context, Message const& message) {
+    std::vector<std::string> problems = encodingProblems(context.m_Request.m_Query.rawValue("DATA"));
+    for (std::string& problem : contentProblems(message)) {
+        problems.push_back(std::move(problem));
+    }
+    std::string reason;
+    for (std::string const& problem : problems) {
+        reason += (reason.empty() ? "" : "; ") + problem;
+        if (context.m_Services.m_Lenient) {
+            context.m_Exchange.m_Steps.push_back({"Warning", problem, false, true});
+        }
+    }
+    if (!reason.empty() && !context.m_Services.m_Lenient) {
+        throw HttpError(reason);
     }
 }
 
@@ -204,6 +226,8 @@ HttpResponse handlePay(RequestContext const& context) {
     for (Decision const& decision : kDecisions) {
         checkLink(sent.m_Message, decision.m_Link);
     }
+    sent.m_Message.require("TOKEN");
+    checkContent(context, sent.m_Message);
     StoredPayment stored = services.m_Store.openPayment(freshPayment(sent), services.m_Clock.text());
     Payment& payment = stored.m_Payment;
     payment.m_State = presentState(services, payment);

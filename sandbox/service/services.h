@@ -30,6 +30,7 @@ struct Services {
     Addresses const& m_Addresses;
     Notifier& m_Notifier;
     std::string const& m_FormKey;  ///< Must come back with every form of the dashboard.
+    bool m_Lenient;                ///< Odd content of a PayInit is accepted with a warning.
 };
 
 }  // namespace sandbox

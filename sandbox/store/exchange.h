@@ -14,6 +14,7 @@ struct CheckStep {
     std::string m_What;
     std::string m_Found;
     bool m_Good = true;
+    bool m_Warning = false;  ///< The request is odd and was accepted all the same.
 };
 
 /// One request to the protocol's addresses, or to the proxy, and the verdict of the service. The texts are bytes

@@ -93,7 +93,7 @@ constexpr char kTables[] = R"(
 )";
 
 // Of a layout that other sandboxes read too: they know nothing of these tables and leave them alone.
-constexpr char kOutcomeTables[] = R"(
+constexpr char kAddedTables[] = R"(
     CREATE TABLE IF NOT EXISTS due_moves (
         payment TEXT PRIMARY KEY REFERENCES payments (id),
         due INTEGER NOT NULL,
@@ -103,6 +103,11 @@ constexpr char kOutcomeTables[] = R"(
     CREATE TABLE IF NOT EXISTS capture_refusals (
         payment TEXT PRIMARY KEY REFERENCES payments (id),
         reason BLOB NOT NULL);
+    CREATE TABLE IF NOT EXISTS warnings (exchange INTEGER NOT NULL REFERENCES exchanges (number));
+    CREATE INDEX IF NOT EXISTS warnings_of_exchange ON warnings (exchange);
+    CREATE TRIGGER IF NOT EXISTS warnings_of_removed_exchange AFTER DELETE ON exchanges BEGIN
+        DELETE FROM warnings WHERE exchange = OLD.number;
+    END;
     CREATE TRIGGER IF NOT EXISTS outcomes_of_removed_payment AFTER DELETE ON payments BEGIN
         DELETE FROM due_moves WHERE payment = OLD.id;
         DELETE FROM capture_refusals WHERE payment = OLD.id;
@@ -133,7 +138,7 @@ void prepareTables(Database& database, std::string const& path) {
         throw std::runtime_error(path + " has layout " + std::to_string(layout) + ", this sandbox knows layout " +
                                  std::to_string(kLayout) + ": choose another data directory");
     }
-    database.execute(kOutcomeTables);
+    database.execute(kAddedTables);
     database.execute(kEndBegun);
     transaction.commit();
 }

@@ -139,6 +139,9 @@ public:
     /// Returns the number that the exchange got.
     std::int64_t addExchange(Exchange const& exchange, std::int64_t begun = 0);
 
+    /// How many warnings the steps of all exchanges hold.
+    [[nodiscard]] std::int64_t warningCount();
+
     /// Stores how much was sent of the response of the exchange with that number.
     void setDelivery(std::int64_t number, std::string const& delivery);
 

@@ -29,6 +29,9 @@ std::string stepsText(std::vector<CheckStep> const& steps) {
     nlohmann::json list = nlohmann::json::array();
     for (CheckStep const& step : steps) {
         list.push_back({{"what", toHex(step.m_What)}, {"found", toHex(step.m_Found)}, {"good", step.m_Good}});
+        if (step.m_Warning) {
+            list.back()["warning"] = true;
+        }
     }
     return list.dump();
 }
@@ -37,7 +40,8 @@ std::vector<CheckStep> stepsFromText(std::string const& text) {
     std::vector<CheckStep> steps;
     for (nlohmann::json const& step : nlohmann::json::parse(text)) {
         steps.push_back({fromHex(step.at("what").get<std::string>()).value(),
-                         fromHex(step.at("found").get<std::string>()).value(), step.at("good").get<bool>()});
+                         fromHex(step.at("found").get<std::string>()).value(), step.at("good").get<bool>(),
+                         step.value("warning", false)});
     }
     return steps;
 }
@@ -104,8 +108,20 @@ std::int64_t Store::addExchange(Exchange const& exchange, std::int64_t begun) {
         .step();
     std::int64_t const number = m_Database.lastNumber();
     m_Database.prepare("DELETE FROM begun_exchanges WHERE number = ?").number(begun).step();
+    for (CheckStep const& step : exchange.m_Steps) {
+        if (step.m_Warning) {
+            m_Database.prepare("INSERT INTO warnings (exchange) VALUES (?)").number(number).step();
+        }
+    }
     transaction.commit();
     return number;
+}
+
+std::int64_t Store::warningCount() {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Statement row = m_Database.prepare("SELECT count(*) FROM warnings");
+    row.step();
+    return row.numberColumn(0);
 }
 
 void Store::setDelivery(std::int64_t number, std::string const& delivery) {

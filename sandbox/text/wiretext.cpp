@@ -183,6 +183,12 @@ std::optional<std::string> Query::value(std::string const& name) const {
     return decoded;
 }
 
+std::string Query::rawValue(std::string const& name) const {
+    auto const found =
+        std::find_if(m_Pieces.begin(), m_Pieces.end(), [&name](auto const& piece) { return piece.first == name; });
+    return found == m_Pieces.end() ? "" : found->second;
+}
+
 std::optional<std::int64_t> wholeNumber(std::string const& text) {
     std::int64_t number = 0;
     char const* const end = text.data() + text.size();

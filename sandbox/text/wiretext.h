@@ -43,6 +43,9 @@ public:
     /// well-formed percent-encoding.
     [[nodiscard]] std::optional<std::string> value(std::string const& name) const;
 
+    /// The first value under `name` as it stands in the query; empty when it is absent.
+    [[nodiscard]] std::string rawValue(std::string const& name) const;
+
 private:
     std::vector<std::pair<std::string, std::string>> m_Pieces;
 };

@@ -184,7 +184,8 @@ class Verify(AccountCase):
 
     def test_takes_texts_of_any_bytes(self):
         value = "\x1b[31m\u202e & caf"
-        out = self.succeed("pay", "--dir", self.merchant, "--order", value, "--json").json()
+        out = self.succeed("pay", "--dir", self.merchant, "--amount", "12.50", "--currency", "EUR", "--order", value,
+                           "--json").json()
         address = self.browser.decide(out["url"], "pay")
         run = self.verify(address, "--order", value)
         self.assertEqual((run.status, run.json()["message"]["ORDERID"]), (0, value))

@@ -80,7 +80,8 @@ TEST_F(Control, ReportsAddressesKeyClockAndCounts) {
                                           {"exchanges", 2},
                                           {"serverKeys", 1},
                                           {"merchantKeys", 1},
-                                          {"faults", 1}}));
+                                          {"faults", 1},
+                                          {"warnings", 0}}));
 }
 
 TEST_F(Control, ReportsTheAddressesThatThereAre) {
@@ -300,8 +301,8 @@ TEST_F(Control, ReportsTheNotificationsOfEachPayment) {
 
 TEST_F(Control, FiltersPayments) {
     press(openPage(m_Merchant.payInit("t1")), "decline");
-    openPage(m_Merchant.message("PayInit", " TOKEN=\"t2\" EXPIRATION=\"20991231 23:59:59\" ORDERID=\"A &amp; + B\""));
-    openPage(m_Merchant.message("PayInit", " TOKEN=\"t3\" EXPIRATION=\"20991231 23:59:59\""));
+    openPage(m_Merchant.bareInit(" TOKEN=\"t2\" EXPIRATION=\"20991231 23:59:59\" ORDERID=\"A &amp; + B\""));
+    openPage(m_Merchant.bareInit(" TOKEN=\"t3\" EXPIRATION=\"20991231 23:59:59\""));
     auto const tokens = [this](std::string const& query) {
         std::vector<std::string> found;
         json const response = getJson("/control/payments" + query);
@@ -326,9 +327,9 @@ TEST_F(Control, FiltersPayments) {
 }
 
 TEST_F(Control, ReportsBytesThatAreNotUtf8InASecondMember) {
-    openPage(m_Merchant.message("PayInit",
-                                " TOKEN=\"t\xFF\" EXPIRATION=\"20991231 23:59:59\" ORDERID=\"Caf\xE9\""
-                                " DESCRIPTION=\"Caf\xC3\xA9 \x01\""));
+    openPage(
+        m_Merchant.bareInit(" TOKEN=\"t\xFF\" EXPIRATION=\"20991231 23:59:59\" ORDERID=\"Caf\xE9\""
+                            " DESCRIPTION=\"Caf\xC3\xA9 \x01\""));
     json const reported = getJson("/control/payments").at("payments").at(0);
     EXPECT_EQ(reported.at("token"), "t\uFFFD");
     EXPECT_EQ(reported.at("tokenHex"), "74ff");
@@ -485,21 +486,21 @@ TEST_F(Control, RefusesAccountsThatNobodyCouldUse) {
 
 TEST_F(Control, SetsTheClockAheadSoThatPaymentsExpire) {
     std::string const inAnHour = " TOKEN=\"t1\" EXPIRATION=\"20231114 23:13:20\" ORDERID=\"A-17\"";
-    RawResponse const page = openPage(m_Merchant.message("PayInit", inAnHour));
+    RawResponse const page = openPage(m_Merchant.bareInit(inAnHour));
     EXPECT_EQ(page.m_Status, 200);
     EXPECT_EQ(post("/control/clock", {{"ahead", 3600}}, 200),
               (json{{"present", "2023-11-14T23:13:20Z"}, {"ahead", 3600}}));
     EXPECT_EQ(payment("order=A-17").at("state"), "opened");
     post("/control/clock", {{"ahead", 3601}}, 200);
     EXPECT_EQ(payment("order=A-17").at("state"), "expired");
-    RawResponse const late = openPage(m_Merchant.message("PayInit", " TOKEN=\"t2\" EXPIRATION=\"20231114 23:13:20\""));
+    RawResponse const late = openPage(m_Merchant.bareInit(" TOKEN=\"t2\" EXPIRATION=\"20231114 23:13:20\""));
     EXPECT_EQ(late.m_Status, 400);
     EXPECT_THAT(late.m_Body, HasSubstr("has expired"));
     post("/control/clock", {{"ahead", 0}}, 200);
     EXPECT_EQ(payment("order=A-17").at("state"), "expired");
-    EXPECT_EQ(openPage(m_Merchant.message("PayInit", " TOKEN=\"t2\" EXPIRATION=\"20231114 23:13:20\"")).m_Status, 400)
+    EXPECT_EQ(openPage(m_Merchant.bareInit(" TOKEN=\"t2\" EXPIRATION=\"20231114 23:13:20\"")).m_Status, 400)
         << "what has expired stays so";
-    EXPECT_EQ(openPage(m_Merchant.message("PayInit", " TOKEN=\"t3\" EXPIRATION=\"20231114 23:13:20\"")).m_Status, 200);
+    EXPECT_EQ(openPage(m_Merchant.bareInit(" TOKEN=\"t3\" EXPIRATION=\"20231114 23:13:20\"")).m_Status, 200);
 }
 
 TEST_F(Control, RefusesClocksOutOfRange) {

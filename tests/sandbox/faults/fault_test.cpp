@@ -442,8 +442,7 @@ TEST_F(FaultOnTheWire, HappensToAnOrderOfTheAccountThatAsks) {
             "MSGTYPE");
     };
     openPage(m_Merchant.payInit("t1"));
-    std::string const payInit =
-        other.message("PayInit", " TOKEN=\"t1\" ORDERID=\"B-1\" EXPIRATION=\"20991231 23:59:59\"");
+    std::string const payInit = other.bareInit(" TOKEN=\"t1\" ORDERID=\"B-1\" EXPIRATION=\"20991231 23:59:59\"");
     EXPECT_EQ(get("/pay" + other.signedQuery(payInit)).m_Status, 200);
     EXPECT_EQ(ask(m_Merchant), "StatusResponse");
     EXPECT_EQ(ask(other), "Error");

@@ -247,9 +247,8 @@ protected:
     }
 
     void openBriefly(std::string const& address, std::string const& token = "t1") const {
-        EXPECT_EQ(openPage(m_Merchant.message("PayInit", " TOKEN=\"" + token +
-                                                             "\" EXPIRATION=\"20231114 23:13:20\" NOTIFYADDRESS=\"" +
-                                                             address + "\""))
+        EXPECT_EQ(openPage(m_Merchant.bareInit(" TOKEN=\"" + token +
+                                               "\" EXPIRATION=\"20231114 23:13:20\" NOTIFYADDRESS=\"" + address + "\""))
                       .m_Status,
                   200);
     }

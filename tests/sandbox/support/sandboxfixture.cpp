@@ -18,6 +18,7 @@ SandboxTest::SandboxTest() {
 sandbox::Options SandboxTest::options() {
     sandbox::Options options;
     options.m_DataDirectory = m_Directory.path();
+    options.m_Lenient = m_Lenient;
     options.m_Clock = [this] { return m_Now.load(); };
     return options;
 }

@@ -66,6 +66,7 @@ protected:
 
     TemporaryDirectory m_Directory;
     std::atomic<std::time_t> m_Now{1700000000};  ///< What the service takes for the present: 2023-11-14T22:13:20Z.
+    bool m_Lenient = false;                      ///< Of options(): odd content of payments is accepted.
     TestMerchant m_Merchant{"0-1001-testkey"};
     std::unique_ptr<sandbox::Service> m_Service;
 };

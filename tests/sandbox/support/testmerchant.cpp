@@ -95,6 +95,10 @@ std::string TestMerchant::payInit(std::string const& token, std::string const& m
                        more);
 }
 
+std::string TestMerchant::bareInit(std::string const& attributes) const {
+    return message("PayInit", attributes + " AMOUNT=\"1.00\" CURRENCY=\"EUR\"");
+}
+
 bool verifies(std::string const& blob, std::string const& text, std::string const& signature) {
     Bytes const der = bytesOfHex(blob);
     unsigned char const* from = der.data();

@@ -36,6 +36,9 @@ public:
     /// A PayInit with the token, an order and links to http://shop.example/; `more` is written behind them.
     [[nodiscard]] std::string payInit(std::string const& token, std::string const& more = "") const;
 
+    /// A PayInit over 1.00 EUR with `attributes`, which begin with a space, and no more.
+    [[nodiscard]] std::string bareInit(std::string const& attributes) const;
+
     /// Any message with this merchant's KEYID; `attributes` begins with a space.
     [[nodiscard]] std::string message(std::string const& type, std::string const& attributes) const;
 
