@@ -1,0 +1,116 @@
+// Reads the filters of the control API's lists.
+// `after` alone or neither bound: the oldest rows first. `before` alone: the newest rows below it, newest first, so
+// that a client can walk back from the end. Both bounds: the oldest first. A page ends after `limit` rows, or after the
+// row with which it has kMaxListedBytes of content: a response has a bounded size whatever the merchants have sent.
+#include "sandbox/control/controlfilters.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "sandbox/text/httperror.h"
+
+namespace sandbox {
+
+namespace {
+
+using Names = std::vector<std::string>;
+
+constexpr std::size_t kMaxListedBytes = std::size_t{1024} * 1024;
+
+Names const kPaymentNames = {"account", "order", "token", "id", "state", "after", "before", "limit"};
+Names const kExchangeNames = {"account", "order", "token", "payment", "kind", "after", "before", "limit"};
+Names const kRemovalNames = {"account", "order", "token", "payment", "kind", "after", "before"};
+
+void refuseUnknown(Query const& query, Names const& known) {
+    for (std::string const& name : query.names()) {
+        if (std::find(known.begin(), known.end(), name) != known.end()) {
+            continue;
+        }
+        std::string list;
+        for (std::string const& each : known) {
+            list += (list.empty() ? "" : ", ") + each;
+        }
+        throw HttpError("unknown filter '" + name + "', the filters of this list are: " + list);
+    }
+}
+
+/// A bound of the list; `row` is what its numbers count, "an exchange".
+std::int64_t readBound(std::string const& name, std::string const& text, std::string const& row) {
+    std::optional<std::int64_t> const number = wholeNumber(text);
+    if (!number) {
+        throw HttpError(name + " must be the number of " + row + ", not '" + text + "'");
+    }
+    return *number;
+}
+
+std::int64_t readLimit(std::string const& text) {
+    std::optional<std::int64_t> const limit = wholeNumber(text);
+    if (!limit || *limit < 1 || *limit > kMaxRows) {
+        throw HttpError("limit must be a number from 1 to " + std::to_string(kMaxRows) + ", not '" + text + "'");
+    }
+    return *limit;
+}
+
+Page readPage(Query const& query, std::string const& row) {
+    Page page;
+    std::optional<std::string> const after = query.value("after");
+    std::optional<std::string> const before = query.value("before");
+    page.m_After = after ? readBound("after", *after, row) : page.m_After;
+    page.m_Before = before && *before != "end" ? readBound("before", *before, row) : page.m_Before;
+    page.m_NewestFirst = before && !after;
+    page.m_Limit = kDefaultRows;
+    if (std::optional<std::string> const limit = query.value("limit")) {
+        page.m_Limit = readLimit(*limit);
+    }
+    page.m_MaxBytes = kMaxListedBytes;
+    return page;
+}
+
+std::optional<PaymentState> readState(Query const& query) {
+    std::optional<std::string> const name = query.value("state");
+    try {
+        return name ? std::optional<PaymentState>(stateFromName(*name)) : std::nullopt;
+    } catch (std::runtime_error const&) {
+        throw HttpError("unknown payment state '" + *name + "'");
+    }
+}
+
+std::optional<ExchangeKind> readKind(Query const& query) {
+    std::optional<std::string> const name = query.value("kind");
+    std::optional<ExchangeKind> const kind = name ? exchangeFromName(*name) : std::nullopt;
+    if (name && !kind) {
+        throw HttpError("unknown kind of exchange '" + *name + "'");
+    }
+    return kind;
+}
+
+ExchangeFilter readExchangeFilter(Query const& query) {
+    return {query.value("account"), query.value("order"), query.value("token"), query.value("payment"),
+            readKind(query)};
+}
+
+}  // namespace
+
+PaymentQuery readPaymentQuery(Query const& query) {
+    refuseUnknown(query, kPaymentNames);
+    return {{query.value("account"), query.value("order"), query.value("token"), query.value("id"), readState(query)},
+            readPage(query, "a payment")};
+}
+
+ExchangeQuery readExchangeQuery(Query const& query) {
+    refuseUnknown(query, kExchangeNames);
+    return {readExchangeFilter(query), readPage(query, "an exchange")};
+}
+
+ExchangeQuery readRemovalQuery(Query const& query) {
+    refuseUnknown(query, kRemovalNames);
+    ExchangeQuery removal{readExchangeFilter(query), readPage(query, "an exchange")};
+    removal.m_Page.m_Limit = Page::kNoLimit;
+    return removal;
+}
+
+}  // namespace sandbox

@@ -1,0 +1,36 @@
+#ifndef TALLOWIN_SANDBOX_CONTROL_CONTROLFILTERS_H
+#define TALLOWIN_SANDBOX_CONTROL_CONTROLFILTERS_H
+
+#include <cstdint>
+
+#include "sandbox/store/listing.h"
+#include "sandbox/text/wiretext.h"
+
+/// The conditions in the query of a request for a list. All throw HttpError (400) for a value that cannot be read and
+/// for a name that is not known, with the names that are.
+namespace sandbox {
+
+/// Rows of a response when the query has no limit, and the largest limit.
+inline constexpr std::int64_t kDefaultRows = 100;
+inline constexpr std::int64_t kMaxRows = 1000;
+
+/// A list with its page.
+struct PaymentQuery {
+    PaymentFilter m_Filter;
+    Page m_Page;
+};
+
+struct ExchangeQuery {
+    ExchangeFilter m_Filter;
+    Page m_Page;
+};
+
+PaymentQuery readPaymentQuery(Query const& query);
+ExchangeQuery readExchangeQuery(Query const& query);
+
+/// The conditions on exchanges that are to be removed: no limit.
+ExchangeQuery readRemovalQuery(Query const& query);
+
+}  // namespace sandbox
+
+#endif  // TALLOWIN_SANDBOX_CONTROL_CONTROLFILTERS_H

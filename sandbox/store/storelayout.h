@@ -1,0 +1,17 @@
+#ifndef TALLOWIN_SANDBOX_STORE_STORELAYOUT_H
+#define TALLOWIN_SANDBOX_STORE_STORELAYOUT_H
+
+#include <string>
+
+#include "sandbox/store/database.h"
+
+namespace sandbox {
+
+/// Creates the tables in an empty file, or brings those of an earlier layout to the present one, and makes exchanges of
+/// the requests that an earlier process began and did not finish; all in one transaction. Another layout throws
+/// std::runtime_error; `path` stands in its text.
+void prepareTables(Database& database, std::string const& path);
+
+}  // namespace sandbox
+
+#endif  // TALLOWIN_SANDBOX_STORE_STORELAYOUT_H
