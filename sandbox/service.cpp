@@ -214,7 +214,8 @@ std::string Service::rotateServerKey() {
 }
 
 std::vector<Payment> Service::payments() const {
-    return presentPayments(running().services());
+    bringUpToDate(running().services());
+    return running().services().m_Store.payments({}, {}).m_Rows;
 }
 
 void Service::clockMoved() {
@@ -222,7 +223,7 @@ void Service::clockMoved() {
 }
 
 std::vector<Exchange> Service::exchanges() const {
-    return running().services().m_Store.exchanges();
+    return running().services().m_Store.exchanges({}, {}).m_Rows;
 }
 
 std::vector<Notification> Service::notifications() const {

@@ -100,11 +100,8 @@ json notificationJson(Notification const& notification) {
 }
 
 json paymentJson(Payment const& payment, std::vector<Notification> const& notifications) {
-    json out = {{"id", payment.m_Id},
-                {"state", stateName(payment.m_State)},
-                {"attributes", json::array()},
-                {"history", json::array()},
-                {"notifications", json::array()}};
+    json out = {{"number", payment.m_Number},  {"id", payment.m_Id},       {"state", stateName(payment.m_State)},
+                {"attributes", json::array()}, {"history", json::array()}, {"notifications", json::array()}};
     putBytes(out, "account", payment.m_Account);
     putBytes(out, "token", payment.m_Token);
     for (auto const& [name, value] : payment.m_Attributes) {
@@ -116,9 +113,7 @@ json paymentJson(Payment const& payment, std::vector<Notification> const& notifi
         out["history"].push_back({{"time", step.m_Time}, {"state", stateName(step.m_State)}, {"note", step.m_Note}});
     }
     for (Notification const& notification : notifications) {
-        if (notification.m_Payment == payment.m_Id) {
-            out["notifications"].push_back(notificationJson(notification));
-        }
+        out["notifications"].push_back(notificationJson(notification));
     }
     return out;
 }
@@ -127,6 +122,9 @@ json exchangeJson(Exchange const& exchange) {
     json out = {{"number", exchange.m_Number},           {"time", exchange.m_Time},
                 {"kind", exchangeName(exchange.m_Kind)}, {"steps", json::array()},
                 {"delivery", exchange.m_Delivery},       {"microseconds", exchange.m_Microseconds}};
+    putBytes(out, "account", exchange.m_Account);
+    putBytes(out, "token", exchange.m_Token);
+    putBytes(out, "payment", exchange.m_Payment);
     putBytes(out, "order", exchange.m_Order);
     putBytes(out, "path", exchange.m_Path);
     putBytes(out, "verdict", exchange.m_Verdict);

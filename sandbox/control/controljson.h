@@ -24,7 +24,7 @@ void putBytes(nlohmann::json& object, std::string const& name, std::string const
 
 nlohmann::json notificationJson(Notification const& notification);
 
-/// `notifications` may contain those of other payments; they are skipped.
+/// `notifications` are those of this payment.
 nlohmann::json paymentJson(Payment const& payment, std::vector<Notification> const& notifications);
 nlohmann::json exchangeJson(Exchange const& exchange);
 

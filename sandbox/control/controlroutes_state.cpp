@@ -1,15 +1,17 @@
 // The control API's addresses for everything but faults: status, payments, exchanges, keys, accounts, clock.
 //
-// Payments are expired first when they are overdue, so that a response never shows an outdated state. Setting the clock
-// wakes the notifier, which then expires payments and sends their notifications.
+// Payments are expired first when they are overdue, so that a response never shows an outdated state. Lists come in
+// pages, so that neither time nor memory grows with what is stored. Setting the clock wakes the notifier, which then
+// expires payments and sends their notifications.
 
 #include <algorithm>
 #include <cstdint>
 #include <optional>
-#include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "sandbox/control/controlfilters.h"
 #include "sandbox/control/controljson.h"
 #include "sandbox/control/controlroutes.h"
 #include "sandbox/crypto/signature.h"
@@ -17,7 +19,6 @@
 #include "sandbox/service/paymentmoves.h"
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/httpstatus.h"
-#include "sandbox/text/wiretext.h"
 
 namespace sandbox {
 
@@ -38,54 +39,26 @@ nlohmann::json clockJson(Services const& services) {
     return {{"present", services.m_Clock.text()}, {"ahead", services.m_Clock.ahead()}};
 }
 
-/// Exchanges are numbered from 1 and never removed.
-std::int64_t exchangeCount(Services const& services) {
-    std::vector<Exchange> const latest = services.m_Store.latestExchanges(1);
-    return latest.empty() ? 0 : latest.front().m_Number;
-}
-
 nlohmann::json countsJson(Services const& services) {
-    return {{"accounts", services.m_Store.accounts().size()},
-            {"payments", services.m_Store.payments().size()},
-            {"notifications", services.m_Store.notifications().size()},
-            {"exchanges", exchangeCount(services)},
+    Counts const counts = services.m_Store.counts();
+    return {{"accounts", counts.m_Accounts},
+            {"payments", counts.m_Payments},
+            {"notifications", counts.m_Notifications},
+            {"exchanges", counts.m_Exchanges},
             {"serverKeys", services.m_Keys.all().size()},
-            {"merchantKeys", services.m_Store.merchantKeys().size()},
+            {"merchantKeys", counts.m_MerchantKeys},
             {"faults", services.m_Faults.armed().size()},
-            {"warnings", services.m_Store.warningCount()}};
+            {"warnings", counts.m_Warnings}};
 }
 
-/// Conditions on payments from the query; an absent one matches all.
-struct PaymentFilter {
-    std::optional<std::string> m_Order;
-    std::optional<std::string> m_Id;
-    std::optional<std::string> m_State;
-
-    [[nodiscard]] bool admits(Payment const& payment) const {
-        return (!m_Id || payment.m_Id == *m_Id) && (!m_State || stateName(payment.m_State) == *m_State) &&
-               (!m_Order || payment.attribute("ORDERID").value_or("") == *m_Order);
+/// A list under `name`; `next` is the bound that continues it, with the name that led here.
+template <class Row>
+HttpResponse listResponse(char const* name, nlohmann::json rows, Listing<Row> const& listing) {
+    nlohmann::json content = {{name, std::move(rows)}};
+    if (listing.m_More) {
+        content["next"] = listing.m_Rows.back().m_Number;
     }
-};
-
-PaymentFilter readFilter(Query const& query) {
-    PaymentFilter const filter{query.value("order"), query.value("id"), query.value("state")};
-    if (filter.m_State) {
-        try {
-            stateFromName(*filter.m_State);
-        } catch (std::runtime_error const&) {
-            throw HttpError("unknown payment state '" + *filter.m_State + "'");
-        }
-    }
-    return filter;
-}
-
-std::int64_t readAfter(Query const& query) {
-    std::string const text = query.value("after").value_or("0");
-    std::optional<std::int64_t> const after = wholeNumber(text);
-    if (!after) {
-        throw HttpError("after must be the number of an exchange, not '" + text + "'");
-    }
-    return *after;
+    return jsonResponse(httpstatus::kOk, content);
 }
 
 void checkAccount(std::string const& user, std::string const& password) {
@@ -107,24 +80,24 @@ HttpResponse getStatus(Services const& services, HttpRequest const&) {
 }
 
 HttpResponse getPayments(Services const& services, HttpRequest const& request) {
-    PaymentFilter const filter = readFilter(request.m_Query);
-    std::vector<Payment> const all = presentPayments(services);
-    std::vector<Notification> const notifications = services.m_Store.notifications();
+    PaymentQuery const query = readPaymentQuery(request.m_Query);
+    bringUpToDate(services);
+    Listing<Payment> const listing = services.m_Store.payments(query.m_Filter, query.m_Page);
     nlohmann::json payments = nlohmann::json::array();
-    for (Payment const& payment : all) {
-        if (filter.admits(payment)) {
-            payments.push_back(paymentJson(payment, notifications));
-        }
+    for (Payment const& payment : listing.m_Rows) {
+        payments.push_back(paymentJson(payment, services.m_Store.notificationsOf(payment.m_Id)));
     }
-    return jsonResponse(httpstatus::kOk, {{"payments", payments}});
+    return listResponse("payments", std::move(payments), listing);
 }
 
 HttpResponse getExchanges(Services const& services, HttpRequest const& request) {
+    ExchangeQuery const query = readExchangeQuery(request.m_Query);
+    Listing<Exchange> const listing = services.m_Store.exchanges(query.m_Filter, query.m_Page);
     nlohmann::json exchanges = nlohmann::json::array();
-    for (Exchange const& exchange : services.m_Store.exchanges(readAfter(request.m_Query))) {
+    for (Exchange const& exchange : listing.m_Rows) {
         exchanges.push_back(exchangeJson(exchange));
     }
-    return jsonResponse(httpstatus::kOk, {{"exchanges", exchanges}});
+    return listResponse("exchanges", std::move(exchanges), listing);
 }
 
 HttpResponse getKeys(Services const& services, HttpRequest const&) {

@@ -1,11 +1,13 @@
 // The pages of one payment and of one exchange.
 //
-// A payment is expired first when it is overdue. Its exchanges are found by payment id or TOKEN in their texts, and by
-// ORDERID only when they contain no TOKEN, since several payments can have the same order. An exchange shows the
-// checks, the decoded message, and request and response exactly as transferred.
+// A payment is expired first when it is overdue. Its exchanges are those that the store has linked to it, and those
+// that name only its TOKEN, or its ORDERID without a TOKEN, since several payments can have the same order. An exchange
+// shows the checks, the decoded message, and request and response exactly as transferred.
 
+#include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "sandbox/control/controlroutes.h"
@@ -23,6 +25,7 @@ namespace sandbox {
 namespace {
 
 constexpr char kNotGiven[] = "not given";
+constexpr std::int64_t kMaxExchanges = 500;
 
 /// The payment in its current state. Throws HttpError.
 Payment presentPayment(Services const& services, std::string const& id) {
@@ -30,8 +33,11 @@ Payment presentPayment(Services const& services, std::string const& id) {
     if (!stored) {
         throw HttpError("There is no payment '" + id + "'.", httpstatus::kNotFound);
     }
-    expireWhenOverdue(services, stored->m_Payment);
-    return services.m_Store.paymentById(id)->m_Payment;
+    bool const isOpen = stored->m_Payment.m_State == PaymentState::kOpened;
+    if (!isOpen || expireWhenOverdue(services, stored->m_Payment)) {
+        return stored->m_Payment;
+    }
+    return services.m_Store.paymentById(id).value().m_Payment;
 }
 
 std::string paymentData(Payment const& payment) {
@@ -53,13 +59,10 @@ std::string historyContent(Payment const& payment) {
 
 std::string notificationsContent(Services const& services, Payment const& payment) {
     std::vector<Cells> rows;
-    for (Notification const& notification : services.m_Store.notifications()) {
-        if (notification.m_Payment == payment.m_Id) {
-            rows.push_back({escapeHtml(notification.m_Result), escapeHtml(notification.m_Address),
-                            whole(notification.m_Pending ? "pending" : "finished"),
-                            std::to_string(notification.m_Attempts), whole(notification.m_Time),
-                            escapeHtml(notification.m_Outcome)});
-        }
+    for (Notification const& notification : services.m_Store.notificationsOf(payment.m_Id)) {
+        rows.push_back({escapeHtml(notification.m_Result), escapeHtml(notification.m_Address),
+                        whole(notification.m_Pending ? "pending" : "finished"), std::to_string(notification.m_Attempts),
+                        whole(notification.m_Time), escapeHtml(notification.m_Outcome)});
     }
     if (rows.empty()) {
         return paragraph(
@@ -69,43 +72,33 @@ std::string notificationsContent(Services const& services, Payment const& paymen
                      {"RESULT sent", "Address", "State", "Attempts", "Last attempt", "Outcome"}, rows);
 }
 
-/// Whether an exchange belongs to a payment. Some name only its order, which other payments may share.
-bool isAbout(Exchange const& exchange, Payment const& payment) {
-    for (std::string const* text : {&exchange.m_Data, &exchange.m_Request, &exchange.m_Response}) {
-        if (text->find(payment.m_Id) != std::string::npos) {
-            return true;
-        }
-    }
-    try {
-        std::optional<std::string> const token = Message::parse(exchange.m_Data).find("TOKEN");
-        if (token) {
-            return *token == payment.m_Token;
-        }
-    } catch (HttpError const&) {
-        // A message that cannot be parsed has no TOKEN.
-    }
-    return !exchange.m_Order.empty() && exchange.m_Order == payment.attribute("ORDERID").value_or("");
-}
-
 std::string exchangesContent(Services const& services, Payment const& payment) {
-    std::vector<Exchange> found;
-    for (Exchange& exchange : services.m_Store.exchanges()) {
-        if (isAbout(exchange, payment)) {
-            found.push_back(std::move(exchange));
-        }
-    }
-    if (found.empty()) {
+    Listing<Exchange> const found = services.m_Store.exchangeSummariesOf(payment, kMaxExchanges);
+    if (found.m_Rows.empty()) {
         return paragraph("No exchanges are stored.");
     }
-    return exchangeTable("Exchanges of this payment, oldest first", found);
+    std::string const more = !found.m_More ? ""
+                                           : paragraph("These are the first " + std::to_string(kMaxExchanges) +
+                                                       ". The control API lists all of them.");
+    return exchangeTable("Exchanges of this payment, oldest first", found.m_Rows) + more;
+}
+
+/// The number of the exchange before or after `number`; nothing at the end.
+std::optional<std::int64_t> neighbourOf(Services const& services, std::int64_t number, bool before) {
+    Page page;
+    page.m_NewestFirst = before;
+    (before ? page.m_Before : page.m_After) = number;
+    page.m_Limit = 1;
+    std::vector<Exchange> const found = services.m_Store.exchangeSummaries({}, page).m_Rows;
+    return found.empty() ? std::nullopt : std::optional<std::int64_t>(found.front().m_Number);
 }
 
 /// Links to the previous and next exchange, if they exist.
 std::string neighbours(Services const& services, std::int64_t number) {
     std::string links;
-    for (auto const& [neighbour, text] : {std::pair(number - 1, "Previous exchange"), {number + 1, "Next exchange"}}) {
-        if (services.m_Store.exchange(neighbour)) {
-            links += "<li>" + link("/exchange?number=" + std::to_string(neighbour), text) + "</li>\n";
+    for (auto const& [before, text] : {std::pair(true, "Previous exchange"), {false, "Next exchange"}}) {
+        if (std::optional<std::int64_t> const neighbour = neighbourOf(services, number, before)) {
+            links += "<li>" + link("/exchange?number=" + std::to_string(*neighbour), text) + "</li>\n";
         }
     }
     return links;

@@ -1,5 +1,4 @@
-#include <algorithm>
-#include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -15,7 +14,7 @@ namespace sandbox {
 namespace {
 
 constexpr char kNotGiven[] = "not given";
-constexpr std::size_t kMaxPayments = 100;
+constexpr std::int64_t kMaxPayments = 100;
 constexpr std::int64_t kMaxExchanges = 50;
 
 std::string addressEntry(std::string const& name, std::string const& base, std::string const& path) {
@@ -34,17 +33,19 @@ std::string setUpContent(Services const& services) {
            entry("Accounts", escapeHtml(joined(services.m_Store.accounts()))) +
            entry("Signing key", escapeHtml(services.m_Keys.current()->m_Id)) +
            entry("Service time", escapeHtml(services.m_Clock.text())) +
-           entry("Warnings", std::to_string(services.m_Store.warningCount())) + "</dl>\n";
+           entry("Warnings", std::to_string(services.m_Store.counts().m_Warnings)) + "</dl>\n";
 }
 
 std::string paymentsContent(Services const& services) {
-    std::vector<Payment> payments = presentPayments(services);
+    bringUpToDate(services);
+    Page latest;
+    latest.m_NewestFirst = true;
+    latest.m_Limit = kMaxPayments;
+    Listing<Payment> const listing = services.m_Store.payments({}, latest);
+    std::vector<Payment> const& payments = listing.m_Rows;
     if (payments.empty()) {
         return paragraph("There are no payments yet.");
     }
-    std::reverse(payments.begin(), payments.end());
-    std::size_t const count = payments.size();
-    payments.resize(std::min(count, kMaxPayments));
     std::vector<Cells> rows;
     for (Payment const& payment : payments) {
         std::string const order = payment.attribute("ORDERID").value_or("");
@@ -53,16 +54,19 @@ std::string paymentsContent(Services const& services) {
                         escapeHtml(order.empty() ? kNotGiven : order), escapeHtml(amountText(payment, kNotGiven)),
                         escapeHtml(payment.m_Account), whole(stateName(payment.m_State))});
     }
-    std::string const more = count == payments.size()
-                                 ? ""
-                                 : paragraph("These are the latest " + std::to_string(payments.size()) + " of " +
-                                             std::to_string(count) + ". The control API lists all of them.");
+    std::string const more = !listing.m_More ? ""
+                                             : paragraph("These are the latest " + std::to_string(payments.size()) +
+                                                         " of " + std::to_string(services.m_Store.counts().m_Payments) +
+                                                         ". The control API lists all of them.");
     return wideTable("Payments, newest first", {"Payment", "Opened", "Order", "Amount", "Merchant", "State"}, rows) +
            more;
 }
 
 std::string exchangesContent(Services const& services) {
-    std::vector<Exchange> const exchanges = services.m_Store.latestExchanges(kMaxExchanges);
+    Page latest;
+    latest.m_NewestFirst = true;
+    latest.m_Limit = kMaxExchanges;
+    std::vector<Exchange> const exchanges = services.m_Store.exchangeSummaries({}, latest).m_Rows;
     if (exchanges.empty()) {
         return paragraph("There are no exchanges yet.");
     }

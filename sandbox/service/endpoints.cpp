@@ -1,5 +1,5 @@
 // The addresses of the protocol: one table, and what all of them have in common.
-// handleLogged() goes through these steps: parse (makeContext), find out kind and order (identify), store the request
+// handleLogged() goes through these steps: parse (makeContext), find out what it is about (identify), store the request
 // as begun, take the fault that is armed for it, call the handler of the address (endpoints_auto, _pay, _capture), and
 // attach the log that stores the exchange once the response is ready. A request is on record before it is carried out,
 // so that a kill in between leaves a trace of it.
@@ -11,6 +11,7 @@
 #include <memory>
 #include <utility>
 
+#include "sandbox/crypto/credentials.h"
 #include "sandbox/pages/shopperpages.h"
 #include "sandbox/service/confirmation.h"
 #include "sandbox/service/contentcheck.h"
@@ -76,55 +77,73 @@ ExchangeKind kindOf(Endpoint const& endpoint, Message const& message) {
     return ExchangeKind::kOther;
 }
 
-/// The account that the key of the message belongs to; empty for an unknown key.
-std::string accountOf(Services const& services, Message const& message) {
-    std::optional<MerchantKey> const key = services.m_Store.merchantKey(message.find("KEYID").value_or(""));
-    return key ? key->m_Account : "";
-}
-
-/// The order of the payment that the message names by its token, which is one of the account that the key belongs to.
-std::string orderOf(Services const& services, Message const& message) {
-    std::optional<std::string> const token = message.find("TOKEN");
-    return token ? services.m_Store.orderOfToken(accountOf(services, message), *token) : "";
+/// The account that the credentials name, which are not checked yet; empty when they cannot be read.
+std::string accountOfCredentials(HttpRequest const& request) {
+    try {
+        std::string const user = readBasicHeader(request.m_Authorization).m_User;
+        return user.find('\0') == std::string::npos ? user : "";
+    } catch (HttpError const&) {
+        return "";
+    }
 }
 
 /// The payment that a posted form decides on; nothing when it names none.
 std::optional<StoredPayment> paymentOfForm(Services const& services, Query const& form) {
     try {
-        return services.m_Store.paymentById(form.value("payment").value_or(""));
+        return services.m_Store.paymentById(form.value("payment").value_or(""), Store::History::kLeft);
     } catch (HttpError const&) {
         return std::nullopt;
     }
 }
 
-/// The payment that the request names, whether it may do so or not; nothing when it names none.
-std::optional<Payment> paymentOf(RequestContext const& context) {
-    Services const& services = context.m_Services;
-    Message const* const message = context.m_Message.find();
-    std::optional<StoredPayment> const stored =
-        context.m_Exchange.m_Kind == ExchangeKind::kDecision ? paymentOfForm(services, context.m_Form)
-        : message != nullptr
-            ? services.m_Store.paymentByToken(accountOf(services, *message), message->find("TOKEN").value_or(""))
-            : std::nullopt;
-    return stored ? std::optional<Payment>(stored->m_Payment) : std::nullopt;
+/// Reads the key of a signed message, and the payment that its token names when the message does not say all about it.
+/// The payment is one of the account that the key belongs to.
+void identifySigned(Endpoint const& endpoint, RequestContext& context, Message const& message) {
+    Exchange& exchange = context.m_Exchange;
+    Store& store = context.m_Services.m_Store;
+    std::optional<std::string> const order = message.find("ORDERID");
+    exchange.m_Token = message.find("TOKEN").value_or("");
+    context.m_Signer = store.merchantKey(message.find("KEYID").value_or(""));
+    if (context.m_Signer) {
+        exchange.m_Account = context.m_Signer->m_Account;
+        if (endpoint.m_Handler == handleCapture || !order) {
+            context.m_Payment = store.paymentByToken(exchange.m_Account, exchange.m_Token, Store::History::kLeft);
+        }
+    }
+    std::string const known =
+        context.m_Payment ? context.m_Payment->m_Payment.attribute("ORDERID").value_or("") : std::string();
+    exchange.m_Payment = context.m_Payment ? context.m_Payment->m_Payment.m_Id : "";
+    exchange.m_Order = order.value_or(known);
 }
 
 /// Fills in what the request is about, from what it says of itself. What cannot be read stays empty: the handler
 /// reports what is wrong with the request.
-void identify(Endpoint const& endpoint, RequestContext const& context) {
+void identify(Endpoint const& endpoint, RequestContext& context) {
     Exchange& exchange = context.m_Exchange;
     if (endpoint.m_Handler == handleDecision) {
         exchange.m_Kind = ExchangeKind::kDecision;
-        std::optional<StoredPayment> const stored = paymentOfForm(context.m_Services, context.m_Form);
-        exchange.m_Order = stored ? stored->m_Payment.attribute("ORDERID").value_or("") : "";
+        context.m_Payment = paymentOfForm(context.m_Services, context.m_Form);
+        if (context.m_Payment) {
+            Payment const& payment = context.m_Payment->m_Payment;
+            exchange.m_Account = payment.m_Account;
+            exchange.m_Order = payment.attribute("ORDERID").value_or("");
+            exchange.m_Token = payment.m_Token;
+            exchange.m_Payment = payment.m_Id;
+        }
         return;
     }
     exchange.m_Kind = endpoint.m_Handler == handlePay ? ExchangeKind::kPage : ExchangeKind::kOther;
     std::string const* const data = context.m_Data.find();
     exchange.m_Data = data != nullptr ? *data : "";
-    if (Message const* const message = context.m_Message.find()) {
+    Message const* const message = context.m_Message.find();
+    if (message != nullptr) {
         exchange.m_Kind = kindOf(endpoint, *message);
-        exchange.m_Order = message->find("ORDERID").value_or(orderOf(context.m_Services, *message));
+    }
+    if (endpoint.m_Handler == handleAuto) {
+        exchange.m_Account = accountOfCredentials(context.m_Request);
+        exchange.m_Order = message != nullptr ? message->find("ORDERID").value_or("") : "";
+    } else if (message != nullptr) {
+        identifySigned(endpoint, context, *message);
     }
 }
 
@@ -217,9 +236,9 @@ void takeFault(RequestContext& context) {
     FaultEffect effect;
     effect.m_Fault =
         context.m_Services.m_Faults.take(exchange.m_Kind, exchange.m_Order, [&context, &effect](Fault const& fault) {
-            std::optional<Payment> const payment = needsPayment(fault.m_Kind) ? paymentOf(context) : std::nullopt;
-            return canHappen(context.m_Services, fault, context.m_Exchange.m_Kind, payment ? &*payment : nullptr,
-                             effect.m_Other, context.m_Exchange.m_Steps);
+            Payment const* const payment = context.m_Payment ? &context.m_Payment->m_Payment : nullptr;
+            return canHappen(context.m_Services, fault, context.m_Exchange.m_Kind, payment, effect.m_Other,
+                             context.m_Exchange.m_Steps);
         });
     context.m_Effect = std::move(effect);
 }

@@ -23,14 +23,14 @@ struct CaptureRequest {
     Services const& m_Services;
     SignedMessage const& m_Sent;
     FaultEffect const& m_Effect;
+    std::optional<StoredPayment> const& m_Payment;  ///< The merchant's payment with TOKEN.
 };
 
 /// The payment of the merchant that TOKEN names; an ID, when given, must agree. Throws HttpError.
 Payment namedPayment(CaptureRequest const& request) {
     Message const& message = request.m_Sent.m_Message;
     std::string const token = message.require("TOKEN");
-    std::optional<StoredPayment> const stored =
-        request.m_Services.m_Store.paymentByToken(request.m_Sent.m_Account, token);
+    std::optional<StoredPayment> const& stored = request.m_Payment;
     if (!stored) {
         throw HttpError("there is no payment with the TOKEN '" + token + "'");
     }
@@ -91,12 +91,22 @@ std::string reasonToRefuse(CaptureRequest const& request, Payment const& payment
            request.m_Services.m_Clock.text();
 }
 
+/// A payment that may have moved since it was read, with its history.
+Payment readAgain(Services const& services, Payment const& payment) {
+    return services.m_Store.paymentById(payment.m_Id).value().m_Payment;
+}
+
+/// The payment of the merchant that TOKEN names, after the moves that are due. Throws HttpError.
+Payment presentPayment(CaptureRequest const& request) {
+    Payment const payment = namedPayment(request);
+    return makeDueMoves(request.m_Services) ? readAgain(request.m_Services, payment) : payment;
+}
+
 /// Moves the payment to `to`. When it is not in one of the states `from` it must be in one of `arrived`, which makes a
 /// repetition harmless. Throws HttpError otherwise. Returns the payment as it then is.
 Payment lead(CaptureRequest const& request, std::vector<PaymentState> const& from, PaymentState to,
              std::vector<PaymentState> const& arrived, char const* note) {
-    makeDueMoves(request.m_Services);
-    Payment const before = namedPayment(request);
+    Payment const before = presentPayment(request);
     for (char const* name : {"AMOUNT", "CURRENCY", "ORDERID"}) {
         checkRepeated(request.m_Sent.m_Message, before, name);
     }
@@ -106,10 +116,12 @@ Payment lead(CaptureRequest const& request, std::vector<PaymentState> const& fro
     }
     bool const moved =
         request.m_Services.m_Store.advance(before.m_Id, from, {request.m_Services.m_Clock.text(), to, note});
-    Payment const now = namedPayment(request);
+    Payment now = before;
     if (moved) {
+        now.m_State = to;
         return now;
     }
+    now = readAgain(request.m_Services, before);
     for (PaymentState const state : arrived) {
         if (now.m_State == state) {
             return now;
@@ -131,9 +143,9 @@ Payment complete(CaptureRequest const& request) {
 }
 
 Payment look(CaptureRequest const& request) {
-    makeDueMoves(request.m_Services);
-    expireWhenOverdue(request.m_Services, namedPayment(request));
-    return namedPayment(request);
+    Payment const payment = presentPayment(request);
+    bool const mayExpire = payment.m_State == PaymentState::kOpened && !expireWhenOverdue(request.m_Services, payment);
+    return mayExpire ? readAgain(request.m_Services, payment) : payment;
 }
 
 Message captureResponse(Services const& services, Payment const& payment) {
@@ -185,8 +197,8 @@ HttpResponse handleCapture(RequestContext const& context) {
     SignedMessage const sent = openSignedMessage(context);
     for (CaptureRow const& row : kRequests) {
         if (sent.m_Message.type() == row.m_Type) {
-            Payment const payment =
-                reported(context.m_Effect, row.m_Handler({context.m_Services, sent, context.m_Effect}));
+            CaptureRequest const request{context.m_Services, sent, context.m_Effect, context.m_Payment};
+            Payment const payment = reported(context.m_Effect, row.m_Handler(request));
             return messageResponse(
                 withWrongContent(context.m_Effect, payment, row.m_Response(context.m_Services, payment)).text());
         }

@@ -118,9 +118,11 @@ Decision const& namedDecision(std::string const& name) {
 }
 
 /// The payment that a form came from. Throws HttpError.
-StoredPayment formPayment(Services const& services, Query const& form) {
-    std::optional<StoredPayment> const stored = services.m_Store.paymentById(form.value("payment").value_or(""));
+StoredPayment formPayment(RequestContext const& context) {
+    Query const& form = context.m_Form;
+    std::optional<StoredPayment> const& stored = context.m_Payment;
     if (!stored) {
+        (void)form.value("payment");  // throws when it cannot be read
         throw HttpError("there is no such payment", httpstatus::kNotFound);
     }
     if (!equalSecrets(form.value("key").value_or(""), stored->m_FormKey)) {
@@ -129,10 +131,11 @@ StoredPayment formPayment(Services const& services, Query const& form) {
     return *stored;
 }
 
+/// The state of a payment that may have moved since it was read.
 PaymentState presentState(Services const& services, Payment const& payment) {
     makeDueMoves(services);
     expireWhenOverdue(services, payment);
-    return services.m_Store.paymentById(payment.m_Id)->m_Payment.m_State;
+    return services.m_Store.paymentById(payment.m_Id, Store::History::kLeft)->m_Payment.m_State;
 }
 
 /// The decision that was made on a payment, and the RESULT of its confirmation.
@@ -228,11 +231,16 @@ HttpResponse handlePay(RequestContext const& context) {
     }
     sent.m_Message.require("TOKEN");
     checkContent(context, sent.m_Message);
-    StoredPayment stored = services.m_Store.openPayment(freshPayment(sent), services.m_Clock.text());
+    StoredPayment const fresh = freshPayment(sent);
+    StoredPayment stored = services.m_Store.openPayment(fresh, services.m_Clock.text());
     Payment& payment = stored.m_Payment;
-    payment.m_State = presentState(services, payment);
+    context.m_Exchange.m_Payment = payment.m_Id;
+    bool const isNew = payment.m_Id == fresh.m_Payment.m_Id;
+    if (!isNew || !expireWhenOverdue(services, payment)) {
+        payment.m_State = presentState(services, payment);
+    }
     if (payment.m_State == PaymentState::kOpened) {
-        services.m_Notifier.watch(payment);
+        services.m_Notifier.watch();
     }
     if (stored.m_Message != sent.m_Text) {
         throw HttpError(usedTokenReason(payment));
@@ -241,14 +249,14 @@ HttpResponse handlePay(RequestContext const& context) {
     if (payment.m_State != PaymentState::kOpened) {
         return decidedResponse(context, httpstatus::kBadRequest, stored, reasonToRefuse(services, payment));
     }
-    return paymentPage(stored, services.m_Store.customerOf(payment.m_Account));
+    return paymentPage(stored, context.m_Signer->m_Customer);
 }
 
 HttpResponse handleDecision(RequestContext const& context) {
     Services const& services = context.m_Services;
     Query const& form = context.m_Form;
     Decision const& wanted = namedDecision(form.value("decision").value_or(""));
-    StoredPayment stored = formPayment(services, form);
+    StoredPayment stored = formPayment(context);
     Payment& payment = stored.m_Payment;
     context.m_Exchange.m_Steps.push_back({"The form came from the payment page", "payment " + payment.m_Id});
     context.m_Exchange.m_Steps.push_back({"The shopper decided", wanted.m_Name});

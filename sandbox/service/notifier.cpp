@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <exception>
+#include <set>
 #include <utility>
 
 #include "sandbox/http/hostport.h"
@@ -109,11 +110,14 @@ Attempt sendLogged(Services const& services, HttpAddress const& address, std::ch
     return attempt;
 }
 
-Exchange exchangeOf(Notification const& notification, std::string const& order, std::string const& query,
+Exchange exchangeOf(Notification const& notification, Payment const& payment, std::string const& query,
                     std::optional<Fault> const& fault) {
     Exchange exchange;
     exchange.m_Kind = ExchangeKind::kNotification;
-    exchange.m_Order = order;
+    exchange.m_Account = payment.m_Account;
+    exchange.m_Order = payment.attribute("ORDERID").value_or("");
+    exchange.m_Token = payment.m_Token;
+    exchange.m_Payment = payment.m_Id;
     exchange.m_Path = notification.m_Address.substr(0, notification.m_Address.find_first_of("?#"));
     Query const fields(query);
     exchange.m_Data = fields.value("DATA").value();
@@ -163,9 +167,7 @@ Notifier::~Notifier() {
 }
 
 void Notifier::start() {
-    for (Payment const& payment : m_Services.m_Store.payments(PaymentState::kOpened)) {
-        watch(payment);
-    }
+    m_Watching = m_Services.m_Store.hasOpenPayments();
     SignalsBlocked const blocked;
     m_Threads.emplace_back([this] { run(); });
     while (m_Threads.size() <= kWorkers) {
@@ -179,12 +181,14 @@ void Notifier::wake() {
     m_Changed.notify_one();
 }
 
-void Notifier::watch(Payment const& payment) {
+void Notifier::watch() {
     std::lock_guard<std::mutex> const lock(m_Mutex);
-    // While other payments are watched the clock is checked anyway.
-    m_Woken = m_Woken || m_Watched.empty();
-    m_Watched.emplace(expirationOf(payment), payment.m_Id);
-    m_Changed.notify_one();
+    // While there are other payments the clock is checked anyway.
+    if (!m_Watching) {
+        m_Watching = true;
+        m_Woken = true;
+        m_Changed.notify_one();
+    }
 }
 
 void Notifier::stop() {
@@ -223,29 +227,33 @@ Notifier::Clock::time_point Notifier::poll() {
         hasDueMoves = m_Services.m_Store.hasDueMoves();
     } catch (std::exception const&) {
         // The store failed, so there is nowhere to report it.
+        std::lock_guard<std::mutex> const lock(m_Mutex);
+        m_Watching = true;
         return Clock::now() + kPauseWithoutStore;
     }
     std::lock_guard<std::mutex> const lock(m_Mutex);
-    return m_Watched.empty() && !hasDueMoves ? Clock::time_point::max() : Clock::now() + m_Timeouts.m_ClockInterval;
+    return m_Watching || hasDueMoves ? Clock::now() + m_Timeouts.m_ClockInterval : Clock::time_point::max();
 }
 
 void Notifier::expireOverdue() {
-    std::unique_lock<std::mutex> lock(m_Mutex);
-    while (!m_Stopping && !m_Watched.empty() && m_Services.m_Clock.now() > m_Watched.begin()->first) {
-        auto const overdue = m_Watched.begin();
-        std::string const id = overdue->second;
-        lock.unlock();
-        if (expireWhenOverdue(m_Services, m_Services.m_Store.paymentById(id).value().m_Payment)) {
-            return;  // the clock was set back meanwhile
+    {
+        std::lock_guard<std::mutex> const lock(m_Mutex);
+        if (!m_Watching) {
+            return;
         }
-        lock.lock();
-        m_Watched.erase(overdue);
+        // Before the store is asked: a payment that is added after that sets it again.
+        m_Watching = false;
     }
+    while (!m_Ending.raised() && expireSomeOverdue(m_Services)) {
+    }
+    bool const watching = m_Services.m_Store.hasOpenPayments();
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    m_Watching = m_Watching || watching;
 }
 
 void Notifier::loadNew() {
-    for (Notification const& notification : m_Services.m_Store.notifications(m_LastTaken)) {
-        if (notification.m_Pending) {
+    for (Notification const& notification : m_Services.m_Store.pendingNotifications(m_LastTaken)) {
+        {
             std::lock_guard<std::mutex> const lock(m_Mutex);
             m_Queues[queueName(notification.m_Address)].m_Waiting[notification.m_Number].m_Notification = notification;
         }
@@ -329,7 +337,7 @@ bool Notifier::send(Pending& pending) {
         }
     }
     std::string const query = signedConfirmation(m_Services, payment, notification.m_Result, effect);
-    Exchange exchange = exchangeOf(notification, order, query, effect.m_Fault);
+    Exchange exchange = exchangeOf(notification, payment, query, effect.m_Fault);
     exchange.m_Steps = std::move(steps);
     if (effect.is(FaultKind::kDrop)) {
         exchange.m_Time = m_Services.m_Clock.text();

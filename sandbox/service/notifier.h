@@ -5,15 +5,12 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <ctime>
 #include <deque>
 #include <map>
 #include <mutex>
 #include <optional>
-#include <set>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "sandbox/http/endsignal.h"
@@ -60,8 +57,8 @@ public:
     /// To be called when a notification was added to the store or the service clock was set. Any thread, any time.
     void wake();
 
-    /// Expires `payment` when it is still undecided once its time has passed. Any thread, any time.
-    void watch(Payment const& payment);
+    /// To be called when an undecided payment was added to the store. Any thread, any time.
+    void watch();
 
     /// Cuts requests in progress, whose notifications stay pending, and returns when the threads have ended.
     void stop();
@@ -110,8 +107,8 @@ private:
     std::map<std::string, Queue> m_Queues;  ///< By "host:port".
     std::deque<Job> m_Jobs;                 ///< For the next worker that is free.
 
-    /// Expiration and id of undecided payments. A payment decided in time stays until its expiration.
-    std::set<std::pair<std::time_t, std::string>> m_Watched;
+    /// Whether there may be undecided payments, so that the service clock is checked.
+    bool m_Watching = false;
     bool m_Woken = false;
     bool m_Stopping = false;
 };

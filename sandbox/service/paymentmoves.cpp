@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstddef>
+#include <cstdint>
 #include <limits>
 #include <optional>
 
@@ -12,6 +13,8 @@
 namespace sandbox {
 
 namespace {
+
+constexpr std::int64_t kMaxAtOnce = 100;
 
 /// The lapse of an authorisation that begins now.
 std::optional<DueMove> lapseOf(Services const& services, Payment const& payment) {
@@ -56,8 +59,9 @@ bool suspendPayment(Services const& services, Payment const& payment, PaymentSta
     return moved;
 }
 
-void makeDueMoves(Services const& services) {
-    for (auto const& [id, move] : services.m_Store.dueMoves(services.m_Clock.now())) {
+bool makeDueMoves(Services const& services) {
+    auto const due = services.m_Store.dueMoves(services.m_Clock.now());
+    for (auto const& [id, move] : due) {
         if (move.m_State == PaymentState::kLapsed) {
             services.m_Store.advance(id, {PaymentState::kAuthorised},
                                      {services.m_Clock.text(), move.m_State, move.m_Note});
@@ -66,6 +70,7 @@ void makeDueMoves(Services const& services) {
         movePayment(services, services.m_Store.paymentById(id).value().m_Payment, {PaymentState::kPending},
                     move.m_State, move.m_Note);
     }
+    return !due.empty();
 }
 
 std::optional<std::int64_t> validityOf(Payment const& payment) {
@@ -95,12 +100,19 @@ bool expireWhenOverdue(Services const& services, Payment const& payment) {
     return false;
 }
 
-std::vector<Payment> presentPayments(Services const& services) {
-    makeDueMoves(services);
-    for (Payment const& payment : services.m_Store.payments()) {
-        expireWhenOverdue(services, payment);
+bool expireSomeOverdue(Services const& services) {
+    std::vector<Payment> const overdue = services.m_Store.paymentsToExpire(services.m_Clock.now(), kMaxAtOnce);
+    bool inTime = false;  // the clock was set back meanwhile
+    for (Payment const& payment : overdue) {
+        inTime = expireWhenOverdue(services, payment) || inTime;
     }
-    return services.m_Store.payments();
+    return static_cast<std::int64_t>(overdue.size()) == kMaxAtOnce && !inTime;
+}
+
+void bringUpToDate(Services const& services) {
+    makeDueMoves(services);
+    while (expireSomeOverdue(services)) {
+    }
 }
 
 }  // namespace sandbox

@@ -22,8 +22,8 @@ bool movePayment(Services const& services, Payment const& payment, std::vector<P
 bool suspendPayment(Services const& services, Payment const& payment, PaymentState to, std::string const& note,
                     double seconds);
 
-/// Makes the moves that are due: pending payments get their outcome, authorisations lapse.
-void makeDueMoves(Services const& services);
+/// Makes the moves that are due: pending payments get their outcome, authorisations lapse. False when none is.
+bool makeDueMoves(Services const& services);
 
 /// How many seconds an authorisation of the payment is valid; nothing when DEFAULTVALIDITY is no number of at most ten
 /// digits: it never lapses then.
@@ -38,8 +38,11 @@ bool isOverdue(Services const& services, Payment const& payment);
 /// Expires an undecided payment whose time has passed. True when it is undecided and in time.
 bool expireWhenOverdue(Services const& services, Payment const& payment);
 
-/// All payments, oldest first, as they are now.
-std::vector<Payment> presentPayments(Services const& services);
+/// Expires undecided payments whose time has passed, some of them. True when there may be more.
+bool expireSomeOverdue(Services const& services);
+
+/// Makes all moves that are due and expires all overdue payments, so that a list shows payments as they are now.
+void bringUpToDate(Services const& services);
 
 }  // namespace sandbox
 

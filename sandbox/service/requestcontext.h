@@ -1,6 +1,7 @@
 #ifndef TALLOWIN_SANDBOX_SERVICE_REQUESTCONTEXT_H
 #define TALLOWIN_SANDBOX_SERVICE_REQUESTCONTEXT_H
 
+#include <optional>
 #include <string>
 
 #include "sandbox/http/httpmessages.h"
@@ -12,7 +13,8 @@
 
 namespace sandbox {
 
-/// One request to an address of the protocol while it is handled. What it holds is parsed once, at the beginning.
+/// One request to an address of the protocol while it is handled. What it holds is parsed and read from the store once,
+/// at the beginning.
 struct RequestContext {
     Services const& m_Services;  ///< Borrowed, as are the next two.
     HttpRequest const& m_Request;
@@ -21,6 +23,12 @@ struct RequestContext {
     Parsed<std::string> m_Data;  ///< DATA of the query, decoded; empty when it is missing.
     Parsed<Message> m_Message;   ///< The message in DATA.
     FaultEffect m_Effect;        ///< Of the fault that applies to the request.
+
+    /// The merchant's key that KEYID of a signed message names.
+    std::optional<MerchantKey> m_Signer = {};
+
+    /// The payment that a form names, or TOKEN to the capture service; without its history.
+    std::optional<StoredPayment> m_Payment = {};
 };
 
 }  // namespace sandbox

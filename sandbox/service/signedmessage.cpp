@@ -60,7 +60,7 @@ SignedMessage openSignedMessage(RequestContext const& context) {
     Message const& message = context.m_Message.get();
     context.m_Exchange.m_Steps.push_back({"DATA is a message", message.type()});
     std::string const keyId = message.require("KEYID");
-    std::optional<MerchantKey> const key = context.m_Services.m_Store.merchantKey(keyId);
+    std::optional<MerchantKey> const& key = context.m_Signer;
     if (!key) {
         throw HttpError("KEYID names no merchant key that was published here: '" + keyId + "'");
     }

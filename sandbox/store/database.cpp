@@ -1,6 +1,8 @@
 // The few SQLite calls that the store needs: statements, the connection, transactions.
 // The file is created by open() before SQLite sees it, because SQLite would make it readable for everyone. The journal
-// is a write-ahead log. A transaction that is not committed is rolled back by its destructor.
+// is a write-ahead log, so connections that read and the one that writes do not wait for each other. A transaction that
+// is not committed is rolled back by its destructor. A prepared statement is kept under its text while it is not used;
+// one that is needed twice at the same time is prepared twice.
 #include "sandbox/store/database.h"
 
 #include <fcntl.h>
@@ -9,8 +11,10 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <new>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 namespace sandbox {
 
@@ -30,10 +34,14 @@ void createPrivate(std::string const& path) {
     ::close(file);
 }
 
-sqlite3* openFile(std::string const& path) {
-    createPrivate(path);
+sqlite3* openFile(std::string const& path, Database::Access access) {
+    bool const writes = access == Database::Access::kWrite;
+    if (writes) {
+        createPrivate(path);
+    }
     sqlite3* database = nullptr;
-    if (sqlite3_open_v2(path.c_str(), &database, SQLITE_OPEN_READWRITE | SQLITE_OPEN_FULLMUTEX, nullptr) != SQLITE_OK) {
+    int const flags = (writes ? SQLITE_OPEN_READWRITE : SQLITE_OPEN_READONLY) | SQLITE_OPEN_NOMUTEX;
+    if (sqlite3_open_v2(path.c_str(), &database, flags, nullptr) != SQLITE_OK) {
         std::string const reason = database != nullptr ? sqlite3_errmsg(database) : "out of memory";
         sqlite3_close(database);
         throw std::runtime_error("cannot open " + path + ": " + reason);
@@ -43,12 +51,29 @@ sqlite3* openFile(std::string const& path) {
 
 }  // namespace
 
-Statement::Statement(sqlite3* database, char const* sql) {
+Statement::Statement(Database& database, std::string sql) : m_Database(database), m_Sql(std::move(sql)) {
+    auto const kept = database.m_Kept.find(m_Sql);
+    if (kept != database.m_Kept.end() && kept->second) {
+        m_Statement = std::move(kept->second);
+        return;
+    }
     sqlite3_stmt* statement = nullptr;
-    if (sqlite3_prepare_v2(database, sql, -1, &statement, nullptr) != SQLITE_OK) {
-        fail(database);
+    if (sqlite3_prepare_v3(database.m_Database.get(), m_Sql.c_str(), -1, SQLITE_PREPARE_PERSISTENT, &statement,
+                           nullptr) != SQLITE_OK) {
+        fail(database.m_Database.get());
     }
     m_Statement.reset(statement);
+}
+
+Statement::~Statement() {
+    // What reset() returns was reported by step() already.
+    sqlite3_reset(m_Statement.get());
+    sqlite3_clear_bindings(m_Statement.get());
+    try {
+        m_Database.m_Kept[m_Sql] = std::move(m_Statement);
+    } catch (std::bad_alloc const&) {
+        // It is prepared again when it is needed.
+    }
 }
 
 void Statement::check(int result) const {
@@ -96,9 +121,11 @@ std::int64_t Statement::numberColumn(int index) const {
     return sqlite3_column_int64(m_Statement.get(), index);
 }
 
-Database::Database(std::string const& path) : m_Database(openFile(path)) {
+Database::Database(std::string const& path, Access access) : m_Database(openFile(path, access)) {
     sqlite3_busy_timeout(m_Database.get(), 5000);
-    execute("PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA foreign_keys = ON");
+    if (access == Access::kWrite) {
+        execute("PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA foreign_keys = ON");
+    }
 }
 
 void Database::execute(char const* sql) {
@@ -112,14 +139,14 @@ Transaction::~Transaction() {
         return;
     }
     try {
-        m_Database.execute("ROLLBACK");
+        m_Database.prepare("ROLLBACK").step();
     } catch (std::runtime_error const&) {
         // SQLite has rolled back by itself, which is what was wanted; the failure that led here is on its way.
     }
 }
 
 void Transaction::commit() {
-    m_Database.execute("COMMIT");
+    m_Database.prepare("COMMIT").step();
     m_Open = false;
 }
 

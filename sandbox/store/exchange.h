@@ -23,7 +23,10 @@ struct Exchange {
     std::int64_t m_Number = 0;  ///< Counts up from 1.
     std::string m_Time;         ///< UTC, "2024-01-31T23:59:07Z".
     ExchangeKind m_Kind = ExchangeKind::kOther;
+    std::string m_Account;            ///< Account of the merchant it is about, when that is known.
     std::string m_Order;              ///< ORDERID of the payment it is about, when that is known.
+    std::string m_Token;              ///< TOKEN of the message, or of the payment that a form decides on.
+    std::string m_Payment;            ///< Identifier of the payment it is about, when that is known.
     std::string m_Path;               ///< Without the query.
     std::string m_Data;               ///< DATA, decoded; empty when it was missing or could not be decoded.
     std::string m_Signature;          ///< SIGNATURE as it came.

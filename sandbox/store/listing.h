@@ -57,6 +57,7 @@ struct Counts {
     std::int64_t m_Notifications = 0;
     std::int64_t m_Exchanges = 0;
     std::int64_t m_MerchantKeys = 0;
+    std::int64_t m_Warnings = 0;  ///< In the steps of all exchanges.
 };
 
 }  // namespace sandbox

@@ -10,7 +10,9 @@
 
 #include "sandbox/store/database.h"
 #include "sandbox/store/exchange.h"
+#include "sandbox/store/listing.h"
 #include "sandbox/store/notification.h"
+#include "sandbox/store/readerpool.h"
 #include "sandbox/store/storedpayment.h"
 
 namespace sandbox {
@@ -25,6 +27,7 @@ struct StoredServerKey {
 struct MerchantKey {
     std::string m_Account;
     std::string m_Blob;
+    std::string m_Customer = {};  ///< The customer number of the account, where the store returns the key.
 };
 
 /// A merchant's public key with its key id and when it was published.
@@ -38,7 +41,7 @@ struct PublishedKey {
 struct StoredPayment {
     Payment m_Payment;
     std::string m_FormKey;  ///< Must come back with the shopper's decision.
-    std::string m_Message;  ///< The PayInit as it came.
+    std::string m_Message;  ///< The PayInit as it came. The attributes of `m_Payment` are read from it.
 };
 
 /// A move that time makes unless another one comes before it.
@@ -49,13 +52,15 @@ struct DueMove {
 };
 
 /// Accounts, keys, payments with their history, notifications and exchanges, in one SQLite file. Every member is one
-/// transaction and may be called by any thread. Failures of the database throw std::runtime_error.
+/// transaction and may be called by any thread. Those that only read do not wait for those that write. Failures of the
+/// database throw std::runtime_error.
 class Store {
 public:
     enum class Login { kOk, kUnknownUser, kWrongPassword };
     enum class KeyAdded { kNew, kKnown, kTaken };
 
-    /// Opens the file, creating or checking its tables. A file of another layout throws std::runtime_error.
+    /// Opens the file, creating its tables or bringing them to the present layout. A file of a layout that is not known
+    /// throws std::runtime_error.
     explicit Store(std::string const& path);
 
     /// Creates the account or gives it a new password.
@@ -80,10 +85,19 @@ public:
     /// Oldest first.
     [[nodiscard]] std::vector<PublishedKey> merchantKeys();
 
-    /// Adds `fresh` unless its account already has a payment with its token. Returns whichever is then stored.
+    /// How much there is of everything.
+    [[nodiscard]] Counts counts();
+
+    /// Adds `fresh` unless its account already has a payment with its token. Returns whichever is then stored, without
+    /// its history.
     StoredPayment openPayment(StoredPayment const& fresh, std::string const& time);
-    [[nodiscard]] std::optional<StoredPayment> paymentById(std::string const& id);
-    [[nodiscard]] std::optional<StoredPayment> paymentByToken(std::string const& account, std::string const& token);
+
+    /// Whether the history of a payment is read as well.
+    enum class History { kRead, kLeft };
+
+    [[nodiscard]] std::optional<StoredPayment> paymentById(std::string const& id, History history = History::kRead);
+    [[nodiscard]] std::optional<StoredPayment> paymentByToken(std::string const& account, std::string const& token,
+                                                              History history = History::kRead);
 
     /// Which payments of an account are searched.
     enum class Search { kEarlier, kAll };
@@ -96,8 +110,13 @@ public:
     /// The ORDERID of the payment with this token; empty when there is none.
     [[nodiscard]] std::string orderOfToken(std::string const& account, std::string const& token);
 
-    /// All, or those in one state, oldest first.
-    [[nodiscard]] std::vector<Payment> payments(std::optional<PaymentState> state = std::nullopt);
+    [[nodiscard]] Listing<Payment> payments(PaymentFilter const& filter, Page const& page);
+
+    /// Undecided payments whose EXPIRATION lies before `moment`, the earliest first, at most `limit`.
+    [[nodiscard]] std::vector<Payment> paymentsToExpire(std::int64_t moment, std::int64_t limit);
+
+    /// Whether there are undecided payments.
+    [[nodiscard]] bool hasOpenPayments();
 
     /// Of the payments the newest `count`, newest first, without those whose message has more than `longest` bytes.
     [[nodiscard]] std::vector<StoredPayment> latestPayments(std::int64_t count, std::int64_t longest);
@@ -125,8 +144,12 @@ public:
     /// Why captures of the payment are refused; nothing when they are not.
     [[nodiscard]] std::optional<std::string> captureRefusal(std::string const& id);
 
-    /// Those with numbers above `after`, oldest first.
-    [[nodiscard]] std::vector<Notification> notifications(std::int64_t after = 0);
+    /// Oldest first.
+    [[nodiscard]] std::vector<Notification> notifications();
+    [[nodiscard]] std::vector<Notification> notificationsOf(std::string const& payment);
+
+    /// Those still to be sent with numbers above `after`, oldest first.
+    [[nodiscard]] std::vector<Notification> pendingNotifications(std::int64_t after);
 
     /// Stores the outcome of the notification with this number.
     void updateNotification(Notification const& notification);
@@ -139,17 +162,18 @@ public:
     /// Returns the number that the exchange got.
     std::int64_t addExchange(Exchange const& exchange, std::int64_t begun = 0);
 
-    /// How many warnings the steps of all exchanges hold.
-    [[nodiscard]] std::int64_t warningCount();
-
     /// Stores how much was sent of the response of the exchange with that number.
     void setDelivery(std::int64_t number, std::string const& delivery);
 
-    /// Those with numbers above `after`, oldest first.
-    [[nodiscard]] std::vector<Exchange> exchanges(std::int64_t after = 0);
+    [[nodiscard]] Listing<Exchange> exchanges(ExchangeFilter const& filter, Page const& page);
 
-    /// Of the exchanges the newest `count`, newest first.
-    [[nodiscard]] std::vector<Exchange> latestExchanges(std::int64_t count);
+    /// The same without the long parts: data, signature, steps, request and response are empty.
+    [[nodiscard]] Listing<Exchange> exchangeSummaries(ExchangeFilter const& filter, Page const& page);
+
+    /// Summaries of those that belong to `payment`, oldest first, at most `limit`: those about it, those of its
+    /// merchant or of unknown merchants with its TOKEN, and those without any TOKEN that have its order.
+    [[nodiscard]] Listing<Exchange> exchangeSummariesOf(Payment const& payment, std::int64_t limit);
+
     [[nodiscard]] std::optional<Exchange> exchange(std::int64_t number);
 
     /// The number and DATA of the newest `count` exchanges, newest first, without those whose DATA is empty or has more
@@ -158,15 +182,14 @@ public:
                                                                                std::int64_t longest);
 
 private:
-    std::optional<StoredPayment> findPayment(Statement& row);
-    void insertPayment(StoredPayment const& fresh, std::string const& time);
-    void addHistory(std::string const& id, HistoryEntry const& step);
-    void addNotification(Notification const& notification);
+    void insertHistory(std::string const& id, HistoryEntry const& step);
+    void insertNotification(Notification const& notification);
     void replaceDueMove(std::string const& id, std::optional<DueMove> const& next);
     bool isIn(std::string const& id, std::vector<PaymentState> const& states);
 
-    std::mutex m_Mutex;  ///< Held by every public member.
-    Database m_Database;
+    std::mutex m_Mutex;    ///< Held by every public member that writes.
+    Database m_Database;   ///< The only connection that writes. Guarded by m_Mutex.
+    ReaderPool m_Readers;  ///< Ends before m_Database, so that the last connection to close is one that can tidy up.
 };
 
 }  // namespace sandbox

@@ -2,6 +2,7 @@
 // A request is inserted into begun_exchanges before it is carried out, and replaced by its exchange in one transaction
 // with the response. A request that was carried out is thus on record even when the process is killed.
 // The steps of a check are stored as JSON with their texts in hexadecimal, because they can hold any bytes.
+#include <ctime>
 #include <nlohmann/json.hpp>
 
 #include "sandbox/store/store.h"
@@ -11,18 +12,13 @@ namespace sandbox {
 
 namespace {
 
-constexpr char kAfter[] =
-    "SELECT number, time, kind, order_id, path, data, signature, verdict, steps, request, answer, fault, delivery, "
-    "microseconds "
-    "FROM exchanges WHERE number > ? ORDER BY number";
-constexpr char kLatest[] =
-    "SELECT number, time, kind, order_id, path, data, signature, verdict, steps, request, answer, fault, delivery, "
-    "microseconds "
-    "FROM exchanges ORDER BY number DESC LIMIT ?";
-constexpr char kOne[] =
-    "SELECT number, time, kind, order_id, path, data, signature, verdict, steps, request, answer, fault, delivery, "
-    "microseconds "
-    "FROM exchanges WHERE number = ?";
+// What readExchange() reads.
+constexpr char kComplete[] =
+    "SELECT number, time, kind, account, order_id, token, payment, path, verdict, fault, delivery, microseconds, data, "
+    "signature, steps, request, answer FROM exchanges";
+constexpr char kSummary[] =
+    "SELECT number, time, kind, account, order_id, token, payment, path, verdict, fault, delivery, microseconds, x'', "
+    "x'', '[]', x'', x'' FROM exchanges";
 
 /// What was found can be any bytes, which JSON cannot hold.
 std::string stepsText(std::vector<CheckStep> const& steps) {
@@ -46,28 +42,88 @@ std::vector<CheckStep> stepsFromText(std::string const& text) {
     return steps;
 }
 
-/// Reads the columns of the queries above.
-std::vector<Exchange> readExchanges(Statement& row) {
-    std::vector<Exchange> found;
+Exchange readExchange(Statement const& row) {
+    Exchange exchange;
+    exchange.m_Number = row.numberColumn(0);
+    exchange.m_Time = row.column(1);
+    exchange.m_Kind = exchangeFromName(row.column(2)).value_or(ExchangeKind::kOther);
+    exchange.m_Account = row.column(3);
+    exchange.m_Order = row.column(4);
+    exchange.m_Token = row.column(5);
+    exchange.m_Payment = row.column(6);
+    exchange.m_Path = row.column(7);
+    exchange.m_Verdict = row.column(8);
+    exchange.m_Fault = row.column(9);
+    exchange.m_Delivery = row.column(10);
+    exchange.m_Microseconds = row.numberColumn(11);
+    exchange.m_Data = row.column(12);
+    exchange.m_Signature = row.column(13);
+    exchange.m_Steps = stepsFromText(row.column(14));
+    exchange.m_Request = row.column(15);
+    exchange.m_Response = row.column(16);
+    return exchange;
+}
+
+/// The exchanges of a statement, as many as `page` admits.
+Listing<Exchange> readExchanges(Statement& row, Page const& page) {
+    Listing<Exchange> found;
+    std::size_t bytes = 0;
     while (row.step()) {
-        Exchange exchange;
-        exchange.m_Number = row.numberColumn(0);
-        exchange.m_Time = row.column(1);
-        exchange.m_Kind = exchangeFromName(row.column(2)).value_or(ExchangeKind::kOther);
-        exchange.m_Order = row.column(3);
-        exchange.m_Path = row.column(4);
-        exchange.m_Data = row.column(5);
-        exchange.m_Signature = row.column(6);
-        exchange.m_Verdict = row.column(7);
-        exchange.m_Steps = stepsFromText(row.column(8));
-        exchange.m_Request = row.column(9);
-        exchange.m_Response = row.column(10);
-        exchange.m_Fault = row.column(11);
-        exchange.m_Delivery = row.column(12);
-        exchange.m_Microseconds = row.numberColumn(13);
-        found.push_back(std::move(exchange));
+        if (static_cast<std::int64_t>(found.m_Rows.size()) == page.m_Limit || bytes >= page.m_MaxBytes) {
+            found.m_More = true;
+            break;
+        }
+        Exchange exchange = readExchange(row);
+        bytes += exchange.m_Data.size() + exchange.m_Request.size() + exchange.m_Response.size();
+        found.m_Rows.push_back(std::move(exchange));
     }
     return found;
+}
+
+/// A page of exchanges, each with the columns that `select` names.
+Listing<Exchange> listExchanges(Database& database, std::string const& select, ExchangeFilter const& filter,
+                                Page const& page) {
+    Statement row =
+        database.prepare(select + " WHERE number > ? AND number < ?" + (filter.m_Account ? " AND account = ?" : "") +
+                         (filter.m_Order ? " AND order_id = ?" : "") + (filter.m_Token ? " AND token = ?" : "") +
+                         (filter.m_Payment ? " AND payment = ?" : "") + (filter.m_Kind ? " AND kind = ?" : "") +
+                         " ORDER BY number" + (page.m_NewestFirst ? " DESC" : ""));
+    row.number(page.m_After).number(page.m_Before);
+    if (filter.m_Account) {
+        row.text(*filter.m_Account);
+    }
+    if (filter.m_Order) {
+        row.bytes(*filter.m_Order);
+    }
+    if (filter.m_Token) {
+        row.text(*filter.m_Token);
+    }
+    if (filter.m_Payment) {
+        row.text(*filter.m_Payment);
+    }
+    if (filter.m_Kind) {
+        row.text(exchangeName(*filter.m_Kind));
+    }
+    return readExchanges(row, page);
+}
+
+/// The payment whose identifier stands in one of the texts, which a proxy carries without reading them; empty when
+/// there is none.
+std::string mentionedPayment(Database& database, Exchange const& exchange) {
+    constexpr std::size_t kDigits = 16;
+    for (std::string const* text : {&exchange.m_Request, &exchange.m_Response}) {
+        for (std::size_t at = text->find('P'); at != std::string::npos; at = text->find('P', at + 1)) {
+            std::string const id = text->substr(at, kDigits + 1);
+            if (id.size() <= kDigits || id.find_first_not_of("0123456789abcdef", 1) != std::string::npos) {
+                continue;
+            }
+            Statement row = database.prepare("SELECT 1 FROM payments WHERE id = ?");
+            if (row.text(id).step()) {
+                return id;
+            }
+        }
+    }
+    return "";
 }
 
 }  // namespace
@@ -75,10 +131,15 @@ std::vector<Exchange> readExchanges(Statement& row) {
 std::int64_t Store::beginExchange(Exchange const& exchange) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     m_Database
-        .prepare("INSERT INTO begun_exchanges (time, kind, order_id, path, data, request) VALUES (?, ?, ?, ?, ?, ?)")
+        .prepare(
+            "INSERT INTO begun_exchanges (time, kind, account, order_id, token, payment, path, data, request) "
+            "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)")
         .text(exchange.m_Time)
         .text(exchangeName(exchange.m_Kind))
+        .text(exchange.m_Account)
         .bytes(exchange.m_Order)
+        .text(exchange.m_Token)
+        .text(exchange.m_Payment)
         .text(exchange.m_Path)
         .bytes(exchange.m_Data)
         .bytes(exchange.m_Request)
@@ -89,13 +150,22 @@ std::int64_t Store::beginExchange(Exchange const& exchange) {
 std::int64_t Store::addExchange(Exchange const& exchange, std::int64_t begun) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Transaction transaction(m_Database);
+    std::string const payment =
+        exchange.m_Kind == ExchangeKind::kProxy ? mentionedPayment(m_Database, exchange) : exchange.m_Payment;
     m_Database
         .prepare(
-            "INSERT INTO exchanges (time, kind, order_id, path, data, signature, verdict, steps, request, answer, "
-            "fault, microseconds) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)")
+            "INSERT INTO exchanges (number, time, kind, account, order_id, token, payment, stored, path, data, "
+            "signature, verdict, steps, request, answer, fault, microseconds) "
+            "VALUES ((SELECT last + 1 FROM counters WHERE name = 'exchanges'), ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, "
+            "?, "
+            "?, ?)")
         .text(exchange.m_Time)
         .text(exchangeName(exchange.m_Kind))
+        .text(exchange.m_Account)
         .bytes(exchange.m_Order)
+        .text(exchange.m_Token)
+        .text(payment)
+        .number(std::time(nullptr))
         .text(exchange.m_Path)
         .bytes(exchange.m_Data)
         .bytes(exchange.m_Signature)
@@ -107,7 +177,9 @@ std::int64_t Store::addExchange(Exchange const& exchange, std::int64_t begun) {
         .number(exchange.m_Microseconds)
         .step();
     std::int64_t const number = m_Database.lastNumber();
-    m_Database.prepare("DELETE FROM begun_exchanges WHERE number = ?").number(begun).step();
+    if (begun != 0) {
+        m_Database.prepare("DELETE FROM begun_exchanges WHERE number = ?").number(begun).step();
+    }
     for (CheckStep const& step : exchange.m_Steps) {
         if (step.m_Warning) {
             m_Database.prepare("INSERT INTO warnings (exchange) VALUES (?)").number(number).step();
@@ -117,43 +189,49 @@ std::int64_t Store::addExchange(Exchange const& exchange, std::int64_t begun) {
     return number;
 }
 
-std::int64_t Store::warningCount() {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    Statement row = m_Database.prepare("SELECT count(*) FROM warnings");
-    row.step();
-    return row.numberColumn(0);
-}
-
 void Store::setDelivery(std::int64_t number, std::string const& delivery) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     m_Database.prepare("UPDATE exchanges SET delivery = ? WHERE number = ?").text(delivery).number(number).step();
 }
 
-std::vector<Exchange> Store::exchanges(std::int64_t after) {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    Statement row = m_Database.prepare(kAfter);
-    row.number(after);
-    return readExchanges(row);
+Listing<Exchange> Store::exchanges(ExchangeFilter const& filter, Page const& page) {
+    ReaderPool::Reader const reader = m_Readers.take();
+    return listExchanges(reader.database(), kComplete, filter, page);
 }
 
-std::vector<Exchange> Store::latestExchanges(std::int64_t count) {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    Statement row = m_Database.prepare(kLatest);
-    row.number(count);
-    return readExchanges(row);
+Listing<Exchange> Store::exchangeSummaries(ExchangeFilter const& filter, Page const& page) {
+    ReaderPool::Reader const reader = m_Readers.take();
+    return listExchanges(reader.database(), kSummary, filter, page);
+}
+
+Listing<Exchange> Store::exchangeSummariesOf(Payment const& payment, std::int64_t limit) {
+    ReaderPool::Reader const reader = m_Readers.take();
+    Statement row = reader.database().prepare(std::string(kSummary) +
+                                              " WHERE number IN ("
+                                              "SELECT number FROM exchanges WHERE payment = ?1 "
+                                              "UNION SELECT number FROM exchanges WHERE token = ?2 AND account IN ('', "
+                                              "?3) AND payment = '' "
+                                              "UNION SELECT number FROM exchanges WHERE order_id = ?4 AND order_id <> "
+                                              "x'' AND token = '' AND payment = '' AND account IN ('', ?3)"
+                                              ") ORDER BY number");
+    row.text(payment.m_Id)
+        .text(payment.m_Token)
+        .text(payment.m_Account)
+        .bytes(payment.attribute("ORDERID").value_or(""));
+    Page page;
+    page.m_Limit = limit;
+    return readExchanges(row, page);
 }
 
 std::optional<Exchange> Store::exchange(std::int64_t number) {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    Statement row = m_Database.prepare(kOne);
-    row.number(number);
-    std::vector<Exchange> const found = readExchanges(row);
-    return found.empty() ? std::nullopt : std::optional<Exchange>(found.front());
+    ReaderPool::Reader const reader = m_Readers.take();
+    Statement row = reader.database().prepare(std::string(kComplete) + " WHERE number = ?");
+    return row.number(number).step() ? std::optional<Exchange>(readExchange(row)) : std::nullopt;
 }
 
 std::vector<std::pair<std::int64_t, std::string>> Store::latestData(std::int64_t count, std::int64_t longest) {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    Statement row = m_Database.prepare(
+    ReaderPool::Reader const reader = m_Readers.take();
+    Statement row = reader.database().prepare(
         "SELECT number, data FROM (SELECT number, data FROM exchanges ORDER BY number DESC LIMIT ?) "
         "WHERE length(data) BETWEEN 1 AND ? ORDER BY number DESC");
     row.number(count).number(longest);

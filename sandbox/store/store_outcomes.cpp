@@ -8,8 +8,8 @@ namespace sandbox {
 
 std::optional<std::string> Store::otherPayment(Payment const& payment, Search search,
                                                std::vector<PaymentState> const& states) {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    Statement row = m_Database.prepare(
+    ReaderPool::Reader const reader = m_Readers.take();
+    Statement row = reader.database().prepare(
         "SELECT id, state FROM payments WHERE account = ? AND id <> ? AND (? OR number < (SELECT number FROM payments "
         "WHERE id = ?)) ORDER BY number DESC");
     row.text(payment.m_Account).text(payment.m_Id).number(search == Search::kAll ? 1 : 0).text(payment.m_Id);
@@ -22,8 +22,8 @@ std::optional<std::string> Store::otherPayment(Payment const& payment, Search se
 }
 
 std::optional<DueMove> Store::dueMove(std::string const& id) {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    Statement row = m_Database.prepare("SELECT due, state, note FROM due_moves WHERE payment = ?");
+    ReaderPool::Reader const reader = m_Readers.take();
+    Statement row = reader.database().prepare("SELECT due, state, note FROM due_moves WHERE payment = ?");
     if (!row.text(id).step()) {
         return std::nullopt;
     }
@@ -31,8 +31,9 @@ std::optional<DueMove> Store::dueMove(std::string const& id) {
 }
 
 std::vector<std::pair<std::string, DueMove>> Store::dueMoves(std::int64_t now) {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    Statement row = m_Database.prepare("SELECT payment, due, state, note FROM due_moves WHERE due <= ? ORDER BY due");
+    ReaderPool::Reader const reader = m_Readers.take();
+    Statement row =
+        reader.database().prepare("SELECT payment, due, state, note FROM due_moves WHERE due <= ? ORDER BY due");
     row.number(now);
     std::vector<std::pair<std::string, DueMove>> found;
     while (row.step()) {
@@ -42,8 +43,8 @@ std::vector<std::pair<std::string, DueMove>> Store::dueMoves(std::int64_t now) {
 }
 
 bool Store::hasDueMoves() {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    return m_Database.prepare("SELECT 1 FROM due_moves LIMIT 1").step();
+    ReaderPool::Reader const reader = m_Readers.take();
+    return reader.database().prepare("SELECT 1 FROM due_moves LIMIT 1").step();
 }
 
 bool Store::refuseCaptures(std::string const& id, HistoryEntry const& step, std::string const& reason) {
@@ -56,14 +57,14 @@ bool Store::refuseCaptures(std::string const& id, HistoryEntry const& step, std:
         .text(id)
         .bytes(reason)
         .step();
-    addHistory(id, step);
+    insertHistory(id, step);
     transaction.commit();
     return true;
 }
 
 std::optional<std::string> Store::captureRefusal(std::string const& id) {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    Statement row = m_Database.prepare("SELECT reason FROM capture_refusals WHERE payment = ?");
+    ReaderPool::Reader const reader = m_Readers.take();
+    Statement row = reader.database().prepare("SELECT reason FROM capture_refusals WHERE payment = ?");
     return row.text(id).step() ? std::optional<std::string>(row.column(0)) : std::nullopt;
 }
 

@@ -1,9 +1,10 @@
-// Payments with their attributes and history, and their notifications.
-// Every change of state goes through advance(): it checks the present state and writes the new state, the history entry
-// and the notification in one transaction. Of two callers exactly one succeeds.
-// findPayment() reads a payment from the columns of kById and kByToken, then its attributes and its history.
-#include <cstdint>
+// Payments with their history, and their notifications.
+// Every change of state goes through advance(): it moves the payment on condition of its present state and writes the
+// history entry, the notification and the next due move in the same transaction. Of two callers exactly one succeeds.
+// A payment's attributes are not stored apart: they are read from its message. Columns repeat what is searched for.
+#include <ctime>
 #include <stdexcept>
+#include <utility>
 
 #include "sandbox/store/store.h"
 
@@ -11,109 +12,233 @@ namespace sandbox {
 
 namespace {
 
-// The columns that findPayment() reads.
-constexpr char kById[] = "SELECT id, account, token, state, form_key, message FROM payments WHERE id = ?";
-constexpr char kByToken[] =
-    "SELECT id, account, token, state, form_key, message FROM payments WHERE account = ? AND token = ?";
+// What readPayment() and readNotifications() read.
+std::string const kSelectPayment = "SELECT number, id, account, token, state, form_key, message FROM payments";
+std::string const kSelectNotification =
+    "SELECT number, payment, address, result, attempts, pending, time, outcome FROM notifications";
 
-}  // namespace
-
-StoredPayment Store::openPayment(StoredPayment const& fresh, std::string const& time) {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    Transaction transaction(m_Database);
-    Statement row = m_Database.prepare(kByToken);
-    row.text(fresh.m_Payment.m_Account).text(fresh.m_Payment.m_Token);
-    if (std::optional<StoredPayment> stored = findPayment(row)) {
-        return *stored;
+StoredPayment readPayment(Statement const& row) {
+    StoredPayment stored;
+    Payment& payment = stored.m_Payment;
+    payment.m_Number = row.numberColumn(0);
+    payment.m_Id = row.column(1);
+    payment.m_Account = row.column(2);
+    payment.m_Token = row.column(3);
+    payment.m_State = stateFromName(row.column(4));
+    stored.m_FormKey = row.column(5);
+    stored.m_Message = row.column(6);
+    if (!stored.m_Message.empty()) {
+        payment.m_Attributes = Message::parse(stored.m_Message).attributes();
     }
-    insertPayment(fresh, time);
-    transaction.commit();
-    return fresh;
+    return stored;
 }
 
-std::optional<StoredPayment> Store::paymentById(std::string const& id) {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    Statement row = m_Database.prepare(kById);
-    row.text(id);
-    return findPayment(row);
-}
-
-std::optional<StoredPayment> Store::paymentByToken(std::string const& account, std::string const& token) {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    Statement row = m_Database.prepare(kByToken);
-    row.text(account).text(token);
-    return findPayment(row);
-}
-
-std::vector<Payment> Store::payments(std::optional<PaymentState> state) {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    Statement identifiers = m_Database.prepare("SELECT id FROM payments WHERE ? IN ('', state) ORDER BY number");
-    identifiers.text(state ? stateName(*state) : "");
-    std::vector<Payment> found;
-    while (identifiers.step()) {
-        Statement row = m_Database.prepare(kById);
-        row.text(identifiers.column(0));
-        std::optional<StoredPayment> const stored = findPayment(row);
-        if (stored) {
-            found.push_back(stored->m_Payment);
-        }
+void readHistory(Database& database, Payment& payment) {
+    Statement row = database.prepare("SELECT time, state, note FROM history WHERE payment = ? ORDER BY number");
+    row.text(payment.m_Id);
+    while (row.step()) {
+        payment.m_History.push_back({row.column(0), stateFromName(row.column(1)), row.column(2)});
     }
-    return found;
 }
 
-std::vector<StoredPayment> Store::latestPayments(std::int64_t count, std::int64_t longest) {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    Statement identifiers = m_Database.prepare(
-        "SELECT id FROM (SELECT number, id, message FROM payments ORDER BY number DESC LIMIT ?) "
-        "WHERE length(message) <= ? ORDER BY number DESC");
-    identifiers.number(count).number(longest);
-    std::vector<StoredPayment> found;
-    while (identifiers.step()) {
-        Statement row = m_Database.prepare(kById);
-        row.text(identifiers.column(0));
-        found.push_back(findPayment(row).value());
+/// The payment of the next row; nothing when there is no row.
+std::optional<StoredPayment> findPayment(Database& database, Statement& row, Store::History history) {
+    if (!row.step()) {
+        return std::nullopt;
     }
-    return found;
-}
-
-std::string Store::orderOfToken(std::string const& account, std::string const& token) {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    Statement row = m_Database.prepare(
-        "SELECT a.value FROM payments p JOIN payment_attributes a ON a.payment = p.id AND a.name = 'ORDERID' "
-        "WHERE p.account = ? AND p.token = ?");
-    row.text(account).text(token);
-    return row.step() ? row.column(0) : "";
-}
-
-bool Store::advance(std::string const& id, std::vector<PaymentState> const& from, HistoryEntry const& step,
-                    std::optional<Notification> const& notification, std::optional<DueMove> const& next) {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    Transaction transaction(m_Database);
-    if (!isIn(id, from)) {
-        return false;
+    StoredPayment stored = readPayment(row);
+    if (history == Store::History::kRead) {
+        readHistory(database, stored.m_Payment);
     }
-    m_Database.prepare("UPDATE payments SET state = ? WHERE id = ?").text(stateName(step.m_State)).text(id).step();
-    addHistory(id, step);
-    if (notification) {
-        addNotification(*notification);
-    }
-    replaceDueMove(id, next);
-    transaction.commit();
-    return true;
+    return stored;
 }
 
-std::vector<Notification> Store::notifications(std::int64_t after) {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    Statement row = m_Database.prepare(
-        "SELECT number, payment, address, result, attempts, pending, time, outcome FROM notifications "
-        "WHERE number > ? ORDER BY number");
-    row.number(after);
+std::vector<Notification> readNotifications(Statement& row) {
     std::vector<Notification> found;
     while (row.step()) {
         found.push_back({row.numberColumn(0), row.column(1), row.column(2), row.column(3), row.numberColumn(4),
                          row.numberColumn(5) != 0, row.column(6), row.column(7)});
     }
     return found;
+}
+
+/// The query for a page of payments, without its parameters.
+std::string queryFor(PaymentFilter const& filter, Page const& page) {
+    return kSelectPayment + " WHERE number > ? AND number < ?" + (filter.m_Account ? " AND account = ?" : "") +
+           (filter.m_Order ? " AND order_id = ?" : "") + (filter.m_Token ? " AND token = ?" : "") +
+           (filter.m_Id ? " AND id = ?" : "") + (filter.m_State ? " AND state = ?" : "") + " ORDER BY number" +
+           (page.m_NewestFirst ? " DESC" : "");
+}
+
+void bind(Statement& row, PaymentFilter const& filter, Page const& page) {
+    row.number(page.m_After).number(page.m_Before);
+    if (filter.m_Account) {
+        row.text(*filter.m_Account);
+    }
+    if (filter.m_Order) {
+        row.bytes(*filter.m_Order);
+    }
+    if (filter.m_Token) {
+        row.text(*filter.m_Token);
+    }
+    if (filter.m_Id) {
+        row.text(*filter.m_Id);
+    }
+    if (filter.m_State) {
+        row.text(stateName(*filter.m_State));
+    }
+}
+
+}  // namespace
+
+StoredPayment Store::openPayment(StoredPayment const& fresh, std::string const& time) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Transaction transaction(m_Database);
+    Payment const& payment = fresh.m_Payment;
+    m_Database
+        .prepare(
+            "INSERT INTO payments (number, id, account, token, order_id, state, expires, stored, form_key, message) "
+            "VALUES ((SELECT last + 1 FROM counters WHERE name = 'payments'), ?, ?, ?, ?, ?, ?, ?, ?, ?) "
+            "ON CONFLICT (account, token) DO NOTHING")
+        .text(payment.m_Id)
+        .text(payment.m_Account)
+        .text(payment.m_Token)
+        .bytes(payment.attribute("ORDERID").value_or(""))
+        .text(stateName(payment.m_State))
+        .number(expirationIn(payment.m_Attributes))
+        .number(std::time(nullptr))
+        .text(fresh.m_FormKey)
+        .bytes(fresh.m_Message)
+        .step();
+    if (m_Database.changes() == 0) {
+        Statement row = m_Database.prepare(kSelectPayment + " WHERE account = ? AND token = ?");
+        row.text(payment.m_Account).text(payment.m_Token);
+        return findPayment(m_Database, row, History::kLeft).value();
+    }
+    StoredPayment stored = fresh;
+    stored.m_Payment.m_Number = m_Database.lastNumber();
+    insertHistory(payment.m_Id, {time, payment.m_State, "payment page asked for"});
+    transaction.commit();
+    return stored;
+}
+
+std::optional<StoredPayment> Store::paymentById(std::string const& id, History history) {
+    ReaderPool::Reader const reader = m_Readers.take();
+    Statement row = reader.database().prepare(kSelectPayment + " WHERE id = ?");
+    row.text(id);
+    return findPayment(reader.database(), row, history);
+}
+
+std::optional<StoredPayment> Store::paymentByToken(std::string const& account, std::string const& token,
+                                                   History history) {
+    ReaderPool::Reader const reader = m_Readers.take();
+    Statement row = reader.database().prepare(kSelectPayment + " WHERE account = ? AND token = ?");
+    row.text(account).text(token);
+    return findPayment(reader.database(), row, history);
+}
+
+Listing<Payment> Store::payments(PaymentFilter const& filter, Page const& page) {
+    ReaderPool::Reader const reader = m_Readers.take();
+    Transaction const snapshot(reader.database(), Database::Access::kRead);
+    Statement row = reader.database().prepare(queryFor(filter, page));
+    bind(row, filter, page);
+    Listing<Payment> found;
+    std::size_t bytes = 0;
+    while (row.step()) {
+        if (static_cast<std::int64_t>(found.m_Rows.size()) == page.m_Limit || bytes >= page.m_MaxBytes) {
+            found.m_More = true;
+            break;
+        }
+        StoredPayment stored = readPayment(row);
+        readHistory(reader.database(), stored.m_Payment);
+        bytes += stored.m_Message.size();
+        found.m_Rows.push_back(std::move(stored.m_Payment));
+    }
+    return found;
+}
+
+std::vector<Payment> Store::paymentsToExpire(std::int64_t moment, std::int64_t limit) {
+    ReaderPool::Reader const reader = m_Readers.take();
+    Statement row =
+        reader.database().prepare(kSelectPayment + " WHERE state = 'opened' AND expires < ? ORDER BY expires LIMIT ?");
+    row.number(moment).number(limit);
+    std::vector<Payment> found;
+    while (row.step()) {
+        found.push_back(readPayment(row).m_Payment);
+    }
+    return found;
+}
+
+bool Store::hasOpenPayments() {
+    ReaderPool::Reader const reader = m_Readers.take();
+    Statement row = reader.database().prepare("SELECT 1 FROM payments WHERE state = 'opened' LIMIT 1");
+    return row.step();
+}
+
+std::vector<StoredPayment> Store::latestPayments(std::int64_t count, std::int64_t longest) {
+    ReaderPool::Reader const reader = m_Readers.take();
+    Transaction const snapshot(reader.database(), Database::Access::kRead);
+    Statement row =
+        reader.database().prepare("SELECT * FROM (" + kSelectPayment +
+                                  " ORDER BY number DESC LIMIT ?) WHERE length(message) <= ? ORDER BY number DESC");
+    row.number(count).number(longest);
+    std::vector<StoredPayment> found;
+    while (std::optional<StoredPayment> stored = findPayment(reader.database(), row, History::kRead)) {
+        found.push_back(std::move(*stored));
+    }
+    return found;
+}
+
+std::string Store::orderOfToken(std::string const& account, std::string const& token) {
+    ReaderPool::Reader const reader = m_Readers.take();
+    Statement row = reader.database().prepare("SELECT order_id FROM payments WHERE account = ? AND token = ?");
+    row.text(account).text(token);
+    return row.step() ? row.column(0) : "";
+}
+
+bool Store::advance(std::string const& id, std::vector<PaymentState> const& from, HistoryEntry const& step,
+                    std::optional<Notification> const& notification, std::optional<DueMove> const& next) {
+    std::string present;
+    for (PaymentState const state : from) {
+        present += std::string(present.empty() ? "'" : ", '") + stateName(state) + "'";
+    }
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Transaction transaction(m_Database);
+    m_Database.prepare("UPDATE payments SET state = ? WHERE id = ? AND state IN (" + present + ")")
+        .text(stateName(step.m_State))
+        .text(id)
+        .step();
+    if (m_Database.changes() == 0) {
+        return false;
+    }
+    insertHistory(id, step);
+    if (notification) {
+        insertNotification(*notification);
+    }
+    replaceDueMove(id, next);
+    transaction.commit();
+    return true;
+}
+
+std::vector<Notification> Store::notifications() {
+    ReaderPool::Reader const reader = m_Readers.take();
+    Statement row = reader.database().prepare(kSelectNotification + " ORDER BY number");
+    return readNotifications(row);
+}
+
+std::vector<Notification> Store::notificationsOf(std::string const& payment) {
+    ReaderPool::Reader const reader = m_Readers.take();
+    Statement row = reader.database().prepare(kSelectNotification + " WHERE payment = ? ORDER BY number");
+    row.text(payment);
+    return readNotifications(row);
+}
+
+std::vector<Notification> Store::pendingNotifications(std::int64_t after) {
+    ReaderPool::Reader const reader = m_Readers.take();
+    Statement row =
+        reader.database().prepare(kSelectNotification + " WHERE pending = 1 AND number > ? ORDER BY number");
+    row.number(after);
+    return readNotifications(row);
 }
 
 void Store::updateNotification(Notification const& notification) {
@@ -127,55 +252,7 @@ void Store::updateNotification(Notification const& notification) {
         .step();
 }
 
-std::optional<StoredPayment> Store::findPayment(Statement& row) {
-    if (!row.step()) {
-        return std::nullopt;
-    }
-    StoredPayment stored;
-    Payment& payment = stored.m_Payment;
-    payment.m_Id = row.column(0);
-    payment.m_Account = row.column(1);
-    payment.m_Token = row.column(2);
-    payment.m_State = stateFromName(row.column(3));
-    stored.m_FormKey = row.column(4);
-    stored.m_Message = row.column(5);
-    Statement attributes =
-        m_Database.prepare("SELECT name, value FROM payment_attributes WHERE payment = ? ORDER BY position");
-    attributes.text(payment.m_Id);
-    while (attributes.step()) {
-        payment.m_Attributes.emplace_back(attributes.column(0), attributes.column(1));
-    }
-    Statement history = m_Database.prepare("SELECT time, state, note FROM history WHERE payment = ? ORDER BY number");
-    history.text(payment.m_Id);
-    while (history.step()) {
-        payment.m_History.push_back({history.column(0), stateFromName(history.column(1)), history.column(2)});
-    }
-    return stored;
-}
-
-void Store::insertPayment(StoredPayment const& fresh, std::string const& time) {
-    Payment const& payment = fresh.m_Payment;
-    m_Database.prepare("INSERT INTO payments (id, account, token, state, form_key, message) VALUES (?, ?, ?, ?, ?, ?)")
-        .text(payment.m_Id)
-        .text(payment.m_Account)
-        .text(payment.m_Token)
-        .text(stateName(payment.m_State))
-        .text(fresh.m_FormKey)
-        .bytes(fresh.m_Message)
-        .step();
-    std::int64_t position = 0;
-    for (auto const& [name, value] : payment.m_Attributes) {
-        m_Database.prepare("INSERT INTO payment_attributes (payment, position, name, value) VALUES (?, ?, ?, ?)")
-            .text(payment.m_Id)
-            .number(position++)
-            .text(name)
-            .bytes(value)
-            .step();
-    }
-    addHistory(payment.m_Id, {time, payment.m_State, "payment page asked for"});
-}
-
-void Store::addHistory(std::string const& id, HistoryEntry const& step) {
+void Store::insertHistory(std::string const& id, HistoryEntry const& step) {
     m_Database.prepare("INSERT INTO history (payment, time, state, note) VALUES (?, ?, ?, ?)")
         .text(id)
         .text(step.m_Time)
@@ -184,11 +261,11 @@ void Store::addHistory(std::string const& id, HistoryEntry const& step) {
         .step();
 }
 
-void Store::addNotification(Notification const& notification) {
+void Store::insertNotification(Notification const& notification) {
     m_Database
         .prepare(
-            "INSERT INTO notifications (payment, address, result, attempts, pending, time, outcome) "
-            "VALUES (?, ?, ?, ?, ?, ?, ?)")
+            "INSERT INTO notifications (number, payment, address, result, attempts, pending, time, outcome) "
+            "VALUES ((SELECT last + 1 FROM counters WHERE name = 'notifications'), ?, ?, ?, ?, ?, ?, ?)")
         .text(notification.m_Payment)
         .bytes(notification.m_Address)
         .text(notification.m_Result)

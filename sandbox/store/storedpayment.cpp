@@ -1,6 +1,10 @@
 #include "sandbox/store/storedpayment.h"
 
+#include <ctime>
+#include <limits>
 #include <stdexcept>
+
+#include "sandbox/text/utctime.h"
 
 namespace sandbox {
 
@@ -25,6 +29,15 @@ constexpr StateRow kStates[] = {
 };
 // clang-format on
 
+std::optional<std::string> valueIn(Attributes const& attributes, std::string const& name) {
+    for (auto const& [present, value] : attributes) {
+        if (present == name) {
+            return value;
+        }
+    }
+    return std::nullopt;
+}
+
 }  // namespace
 
 char const* stateName(PaymentState state) {
@@ -46,12 +59,12 @@ PaymentState stateFromName(std::string const& name) {
 }
 
 std::optional<std::string> Payment::attribute(std::string const& name) const {
-    for (auto const& [present, value] : m_Attributes) {
-        if (present == name) {
-            return value;
-        }
-    }
-    return std::nullopt;
+    return valueIn(m_Attributes, name);
+}
+
+std::int64_t expirationIn(Attributes const& attributes) {
+    std::optional<std::time_t> const moment = parseExpiration(valueIn(attributes, "EXPIRATION").value_or(""));
+    return moment ? std::int64_t{*moment} : std::numeric_limits<std::int64_t>::min();
 }
 
 }  // namespace sandbox

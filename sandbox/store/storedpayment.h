@@ -1,6 +1,7 @@
 #ifndef TALLOWIN_SANDBOX_STORE_STOREDPAYMENT_H
 #define TALLOWIN_SANDBOX_STORE_STOREDPAYMENT_H
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -40,6 +41,7 @@ struct HistoryEntry {
 
 /// One payment as the service keeps it.
 struct Payment {
+    std::int64_t m_Number = 0;  ///< Counts up from 1; 0 before it is stored.
     std::string m_Id;
     std::string m_Account;  ///< User name of the merchant's account.
     std::string m_Token;
@@ -50,6 +52,9 @@ struct Payment {
     /// The value of the attribute `name`, nothing when the PayInit had none.
     [[nodiscard]] std::optional<std::string> attribute(std::string const& name) const;
 };
+
+/// EXPIRATION among `attributes`, in seconds since 1970; long past when it is missing or cannot be read.
+std::int64_t expirationIn(Attributes const& attributes);
 
 }  // namespace sandbox
 

@@ -104,6 +104,28 @@ constexpr char kTables[] = R"(
     CREATE INDEX history_of_payment ON history (payment, number);
 )";
 
+/// Of layout 3 as well, where they can be missing.
+constexpr char kAddedTables[] = R"(
+    CREATE TABLE IF NOT EXISTS due_moves (
+        payment TEXT PRIMARY KEY REFERENCES payments (id),
+        due INTEGER NOT NULL,
+        state TEXT NOT NULL,
+        note TEXT NOT NULL);
+    CREATE INDEX IF NOT EXISTS due_moves_by_time ON due_moves (due);
+    CREATE TABLE IF NOT EXISTS capture_refusals (
+        payment TEXT PRIMARY KEY REFERENCES payments (id),
+        reason BLOB NOT NULL);
+    CREATE TABLE IF NOT EXISTS warnings (exchange INTEGER NOT NULL REFERENCES exchanges (number));
+    CREATE INDEX IF NOT EXISTS warnings_of_exchange ON warnings (exchange);
+    CREATE TRIGGER IF NOT EXISTS warnings_of_removed_exchange AFTER DELETE ON exchanges BEGIN
+        DELETE FROM warnings WHERE exchange = OLD.number;
+    END;
+    CREATE TRIGGER IF NOT EXISTS outcomes_of_removed_payment AFTER DELETE ON payments BEGIN
+        DELETE FROM due_moves WHERE payment = OLD.id;
+        DELETE FROM capture_refusals WHERE payment = OLD.id;
+    END;
+)";
+
 /// What layout 3 lacks. The columns of an account, a token and a payment are filled in afterwards.
 constexpr char kColumnsOfLayout4[] = R"(
     ALTER TABLE payments ADD COLUMN order_id BLOB NOT NULL DEFAULT x'';
@@ -143,6 +165,7 @@ constexpr char kIndexes[] = R"(
     INSERT INTO counters SELECT 'payments', count(*), coalesce(max(number), 0) FROM payments;
     INSERT INTO counters SELECT 'notifications', count(*), coalesce(max(number), 0) FROM notifications;
     INSERT INTO counters SELECT 'exchanges', count(*), coalesce(max(number), 0) FROM exchanges;
+    INSERT INTO counters SELECT 'warnings', count(*), 0 FROM warnings;
     CREATE TRIGGER payment_added AFTER INSERT ON payments BEGIN
         UPDATE counters SET count = count + 1, last = max(last, new.number) WHERE name = 'payments';
     END;
@@ -160,6 +183,12 @@ constexpr char kIndexes[] = R"(
     END;
     CREATE TRIGGER exchange_removed AFTER DELETE ON exchanges BEGIN
         UPDATE counters SET count = count - 1 WHERE name = 'exchanges';
+    END;
+    CREATE TRIGGER warning_added AFTER INSERT ON warnings BEGIN
+        UPDATE counters SET count = count + 1 WHERE name = 'warnings';
+    END;
+    CREATE TRIGGER warning_removed AFTER DELETE ON warnings BEGIN
+        UPDATE counters SET count = count - 1 WHERE name = 'warnings';
     END;
     PRAGMA user_version = 4;
 )";
@@ -289,11 +318,13 @@ void prepareTables(Database& database, std::string const& path) {
     }
     if (layout == 0) {
         database.execute(kTables);
+        database.execute(kAddedTables);
         database.execute(kIndexes);
     } else if (layout == kFirstLayoutKnown) {
         database.execute(kColumnsOfLayout4);
         fillPayments(database);
         fillExchanges(database);
+        database.execute(kAddedTables);
         database.execute(kIndexes);
     } else if (layout != kLayout) {
         throw std::runtime_error(path + " has layout " + std::to_string(layout) + ", this sandbox knows layouts " +

@@ -162,6 +162,14 @@ Query::Query(std::string const& text) {
     }
 }
 
+std::vector<std::string> Query::names() const {
+    std::vector<std::string> names;
+    for (auto const& [name, value] : m_Pieces) {
+        names.push_back(name);
+    }
+    return names;
+}
+
 std::optional<std::string> Query::value(std::string const& name) const {
     std::string const* found = nullptr;
     for (auto const& [pieceName, pieceValue] : m_Pieces) {

@@ -46,6 +46,9 @@ public:
     /// The first value under `name` as it stands in the query; empty when it is absent.
     [[nodiscard]] std::string rawValue(std::string const& name) const;
 
+    /// The names in their order, percent-encoded still.
+    [[nodiscard]] std::vector<std::string> names() const;
+
 private:
     std::vector<std::pair<std::string, std::string>> m_Pieces;
 };

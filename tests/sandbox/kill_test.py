@@ -280,10 +280,7 @@ class Records:
             self.accounts = [row["user"] for row in base.execute("SELECT user FROM accounts")]
             self.server_keys = [row["id"] for row in base.execute("SELECT id FROM server_keys")]
             self.keys = {row["id"]: row["blob"] for row in base.execute("SELECT id, blob FROM merchant_keys")}
-            self.payments = base.execute("SELECT id, account, token, state, message FROM payments").fetchall()
-            self.attributes = collections.defaultdict(dict)
-            for row in base.execute("SELECT payment, name, value FROM payment_attributes ORDER BY payment, position"):
-                self.attributes[row["payment"]][row["name"]] = row["value"].decode()
+            self.payments = base.execute("SELECT id, account, token, order_id, state, expires, message FROM payments").fetchall()
             self.histories = collections.defaultdict(list)
             for row in base.execute("SELECT payment, state FROM history ORDER BY number"):
                 self.histories[row["payment"]].append(row["state"])
@@ -386,7 +383,9 @@ class KillDuringPayments(SandboxCase):
             self.assertNotIn(payment["token"], holders, "two payments hold this token")
             holders[payment["token"]] = order
             self.assertEqual((payment["account"], payment["token"]), ("demo", order.token))
-            self.assertEqual(records.attributes[payment["id"]], attributes_of(order.text))
+            sent = attributes_of(order.text)
+            self.assertEqual(payment["order_id"].decode(), sent["ORDERID"])
+            self.assertEqual(time.strftime("%Y%m%d %H:%M:%S", time.gmtime(payment["expires"])), sent["EXPIRATION"])
             self.assertEqual(history[:1] + [payment["state"]], [FIRST_STATE, history[-1]], order.token)
             for before, after in zip(history, history[1:]):
                 self.assertIn(after, NEXT_STATES.get(before, ()), f"{order.token}: {history}")

@@ -403,6 +403,79 @@ TEST_F(Control, ReportsExchangesAfterANumber) {
     }
 }
 
+TEST_F(Control, FiltersExchanges) {
+    askCapture(authorise("t1"));
+    openPage(m_Merchant.payInit("t2"));
+    EXPECT_EQ(get("/capture").m_Status, 200);
+    auto const numbers = [this](std::string const& query) {
+        std::vector<int> found;
+        json const content = getJson("/control/exchanges?" + query);
+        for (json const& reported : content.at("exchanges")) {
+            found.push_back(reported.at("number").get<int>());
+        }
+        return found;
+    };
+    EXPECT_THAT(numbers("kind=page"), ElementsAre(2, 5));
+    EXPECT_THAT(numbers("token=t1"), ElementsAre(2, 3, 4));
+    EXPECT_THAT(numbers("order=A-17&kind=page&after=2"), ElementsAre(5));
+    EXPECT_THAT(numbers("account=demo"), ElementsAre(1, 2, 3, 4, 5));
+    EXPECT_THAT(numbers("account="), ElementsAre(6));
+    EXPECT_THAT(numbers("account=other"), IsEmpty());
+    json const decisions = getJson("/control/exchanges?kind=decision");
+    json const& decision = decisions.at("exchanges").at(0);
+    EXPECT_EQ(decision.at("account"), "demo");
+    EXPECT_EQ(decision.at("token"), "t1");
+    EXPECT_THAT(numbers("payment=" + decision.at("payment").get<std::string>()), ElementsAre(2, 3, 4));
+    EXPECT_THAT(error(bareRequest("GET", "/control/exchanges?kind=refund"), 400), HasSubstr("exchange 'refund'"));
+}
+
+TEST_F(Control, ListsInPages) {
+    for (int i = 0; i < 101; ++i) {
+        openPage(m_Merchant.payInit("t" + std::to_string(i)));
+    }
+    for (std::string const list : {"payments", "exchanges"}) {
+        auto const numbers = [this, &list](std::string const& query, bool more) {
+            json const content = getJson("/control/" + list + "?" + query);
+            std::vector<int> found;
+            for (json const& row : content.at(list)) {
+                found.push_back(row.at("number").get<int>());
+            }
+            EXPECT_EQ(content.contains("next"), more) << query;
+            if (more) {
+                EXPECT_EQ(content.at("next"), found.back()) << query;
+            }
+            return found;
+        };
+        std::vector<int> const first = numbers("", true);
+        EXPECT_EQ(first.size(), 100u);
+        EXPECT_EQ(first.front(), 1);
+        EXPECT_THAT(numbers("after=100", false).front(), 101);
+        EXPECT_THAT(numbers("limit=2", true), ElementsAre(1, 2));
+        EXPECT_THAT(numbers("limit=2&after=2", true), ElementsAre(3, 4));
+        EXPECT_THAT(numbers("limit=2&before=4", true), ElementsAre(3, 2));
+        EXPECT_THAT(numbers("limit=2&before=2", false), ElementsAre(1));
+        EXPECT_THAT(numbers("after=2&before=5", false), ElementsAre(3, 4));
+        EXPECT_EQ(numbers("limit=1&before=end", true).front(), list == "payments" ? 101 : 102);
+        EXPECT_EQ(numbers("limit=1000", false).size(), list == "payments" ? 101u : 102u);
+        for (char const* bad : {"0", "1001", "-1", "x", ""}) {
+            EXPECT_THAT(error(bareRequest("GET", "/control/" + list + "?limit=" + bad), 400), HasSubstr("1 to 1000"))
+                << bad;
+        }
+    }
+}
+
+TEST_F(Control, RefusesUnknownFilters) {
+    EXPECT_EQ(error(bareRequest("GET", "/control/payments?acount=demo"), 400),
+              "unknown filter 'acount', the filters of this list are: account, order, token, id, state, after, before, "
+              "limit");
+    EXPECT_EQ(
+        error(bareRequest("GET", "/control/exchanges?state=opened"), 400),
+        "unknown filter 'state', the filters of this list are: account, order, token, payment, kind, after, before, "
+        "limit");
+    EXPECT_THAT(error(bareRequest("GET", "/control/payments?after=x"), 400), HasSubstr("the number of a payment"));
+    EXPECT_THAT(error(bareRequest("GET", "/control/payments?before=x"), 400), HasSubstr("the number of a payment"));
+}
+
 // --- Keys
 
 TEST_F(Control, ReportsKeys) {
