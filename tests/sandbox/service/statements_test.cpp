@@ -90,16 +90,17 @@ TEST_F(Statements, OfAFreshPageAreAHandful) {
 
 TEST_F(Statements, OfADecisionAreAHandful) {
     press(openPage(m_Merchant.payInit("t1")), "pay");
-    EXPECT_THAT(ofLastRequest(),
-                ElementsAre("SELECT payments", "INSERT begun_exchanges", "BEGIN", "UPDATE payments", "INSERT history",
-                            "COMMIT", "BEGIN", "INSERT exchanges", "DELETE begun_exchanges", "COMMIT"));
+    EXPECT_THAT(ofLastRequest(), ElementsAre("SELECT payments", "INSERT begun_exchanges", "BEGIN", "UPDATE payments",
+                                             "INSERT history", "DELETE due_moves", "COMMIT", "BEGIN",
+                                             "INSERT exchanges", "DELETE begun_exchanges", "COMMIT"));
 }
 
 TEST_F(Statements, OfACaptureAreAHandful) {
     askCapture(authorise("t1"));
-    EXPECT_THAT(ofLastRequest(), ElementsAre("SELECT merchant_keys", "SELECT payments", "INSERT begun_exchanges",
-                                             "BEGIN", "UPDATE payments", "INSERT history", "COMMIT", "BEGIN",
-                                             "INSERT exchanges", "DELETE begun_exchanges", "COMMIT"));
+    EXPECT_THAT(ofLastRequest(),
+                ElementsAre("SELECT merchant_keys", "SELECT payments", "INSERT begun_exchanges", "SELECT due_moves",
+                            "SELECT capture_refusals", "BEGIN", "UPDATE payments", "INSERT history", "DELETE due_moves",
+                            "COMMIT", "BEGIN", "INSERT exchanges", "DELETE begun_exchanges", "COMMIT"));
 }
 
 TEST_F(Statements, OfAListDoNotGrowWithTheStore) {
