@@ -10,6 +10,7 @@
 #include <exception>
 #include <filesystem>
 #include <iostream>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -50,6 +51,16 @@ void describe(CLI::App& program, Arguments& arguments) {
         });
     program.add_flag("--lenient", arguments.m_Options.m_Lenient,
                      "accept odd content of payments with a warning instead of refusing it");
+    program
+        .add_option("--keep", arguments.m_Options.m_Retention.m_Newest,
+                    "keep that many payments and exchanges, the newest of each; all without it")
+        ->check(CLI::PositiveNumber);
+    program
+        .add_option("--keep-for", arguments.m_Options.m_Retention.m_Seconds,
+                    "keep payments and exchanges for that long: 90s, 30m, 12h, 7d")
+        ->transform(CLI::AsNumberWithUnit(
+            std::map<std::string, std::int64_t>{{"s", 1}, {"m", 60}, {"h", 60 * 60}, {"d", 24 * 60 * 60}}))
+        ->check(CLI::PositiveNumber);
     program.add_flag("--json", arguments.m_Json, "print the addresses as one line of JSON");
 }
 

@@ -69,7 +69,7 @@ class Service::Running {
 public:
     explicit Running(Options const& options)
         : m_Directory(options.m_DataDirectory),
-          m_Store(m_Directory.file(kDatabaseFile)),
+          m_Store(m_Directory.file(kDatabaseFile), options.m_Retention),
           m_Clock(options.m_Clock),
           m_Keys(m_Store, m_Clock, options.m_ServerKeyBits),
           m_Services{m_Store, m_Keys, m_Faults, m_Clock, m_Addresses, m_Notifier, m_FormKey, options.m_Lenient},

@@ -11,6 +11,7 @@
 
 #include "sandbox/faults/faultregistry.h"
 #include "sandbox/store/exchange.h"
+#include "sandbox/store/listing.h"
 #include "sandbox/store/notification.h"
 #include "sandbox/store/storedpayment.h"
 
@@ -30,6 +31,7 @@ struct Options {
     unsigned m_ServerKeyBits = 512;    ///< Of the key that signs confirmations, when it is made at the first start.
     std::vector<Fault> m_Faults = {};  ///< Armed from the start.
     bool m_Lenient = false;            ///< Accept odd content of a PayInit with a warning instead of refusing it.
+    Retention m_Retention = {};        ///< How much of payments and exchanges is kept.
     std::function<std::time_t()> m_Clock = {};  ///< The time of day; empty means the system's. Called by many threads.
     std::chrono::milliseconds m_RequestTimeout{30'000};       ///< For a whole request to arrive.
     std::chrono::milliseconds m_ProxyTimeout{60'000};         ///< Until the target of the proxy begins to respond.

@@ -30,6 +30,8 @@ constexpr Route kRoutes[] = {
     {"DELETE", "/control/faults/#",     liftFault},
     {"GET",    "/control/payments",     getPayments},
     {"GET",    "/control/exchanges",    getExchanges},
+    {"DELETE", "/control/exchanges",    removeExchanges},
+    {"POST",   "/control/reset",        reset},
     {"GET",    "/control/keys",         getKeys},
     {"POST",   "/control/keys/rotate",  rotateKey},
     {"POST",   "/control/accounts",     putAccount},

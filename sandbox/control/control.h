@@ -19,12 +19,13 @@ namespace sandbox {
 ///     DELETE /control/faults         removes all faults
 ///     DELETE /control/faults/ID      removes one fault
 ///     GET    /control/faults/kinds   the kinds of faults
-///     GET    /control/payments       filtered by order=, id=, state=
-///     GET    /control/exchanges      those after number after=
-///     GET    /control/keys           keys of the service and of the merchants
-///     POST   /control/keys/rotate    creates a new signing key
-///     POST   /control/accounts       creates an account or changes its password
-///     POST   /control/clock          sets the clock ahead
+///     GET    /control/payments       a list with filters and pages, see controlfilters.h
+///     GET    /control/exchanges      the same of exchanges
+///     DELETE /control/exchanges      removes them, all or filtered
+///     POST   /control/reset          removes payments, exchanges and faults and resets the clock, of all or of an
+///     account GET    /control/keys           keys of the service and of the merchants POST   /control/keys/rotate
+///     creates a new signing key POST   /control/accounts       creates an account or changes its password POST
+///     /control/clock          sets the clock of all or of an account ahead
 std::optional<HttpResponse> handleControl(Services const& services, HttpRequest const& request);
 
 }  // namespace sandbox

@@ -113,4 +113,9 @@ ExchangeQuery readRemovalQuery(Query const& query) {
     return removal;
 }
 
+std::optional<std::string> readAccount(Query const& query) {
+    refuseUnknown(query, {"account"});
+    return query.value("account");
+}
+
 }  // namespace sandbox

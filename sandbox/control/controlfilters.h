@@ -2,6 +2,8 @@
 #define TALLOWIN_SANDBOX_CONTROL_CONTROLFILTERS_H
 
 #include <cstdint>
+#include <optional>
+#include <string>
 
 #include "sandbox/store/listing.h"
 #include "sandbox/text/wiretext.h"
@@ -30,6 +32,9 @@ ExchangeQuery readExchangeQuery(Query const& query);
 
 /// The conditions on exchanges that are to be removed: no limit.
 ExchangeQuery readRemovalQuery(Query const& query);
+
+/// The one condition of other lists.
+std::optional<std::string> readAccount(Query const& query);
 
 }  // namespace sandbox
 

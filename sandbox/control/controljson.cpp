@@ -44,6 +44,7 @@ bool isTimes(json const& value) {
 // clang-format off
 constexpr FaultMember kDetails[] = {
     {"exchange",  isText,   "a string"},
+    {"account",   isText,   "a string"},
     {"order",     isText,   "a string"},
     {"times",     isTimes,  "a whole number or \"always\""},
     {"seconds",   isNumber, "a number"},
@@ -145,6 +146,9 @@ json faultJson(ArmedFault const& armed) {
                 {"happened", armed.m_Happened},
                 {"kind", faultRow(fault.m_Kind).m_Name},
                 {"exchange", fault.m_Exchange ? exchangeName(*fault.m_Exchange) : "any"}};
+    if (!fault.m_Account.empty()) {
+        putBytes(out, "account", fault.m_Account);
+    }
     putBytes(out, "order", fault.m_Order);
     out["times"] = fault.m_Times == 0 ? json("always") : json(fault.m_Times);
     if (fault.m_Seconds) {

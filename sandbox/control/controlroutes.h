@@ -13,6 +13,8 @@ namespace sandbox {
 HttpResponse getStatus(Services const& services, HttpRequest const& request);
 HttpResponse getPayments(Services const& services, HttpRequest const& request);
 HttpResponse getExchanges(Services const& services, HttpRequest const& request);
+HttpResponse removeExchanges(Services const& services, HttpRequest const& request);
+HttpResponse reset(Services const& services, HttpRequest const& request);
 HttpResponse getKeys(Services const& services, HttpRequest const& request);
 HttpResponse rotateKey(Services const& services, HttpRequest const& request);
 HttpResponse putAccount(Services const& services, HttpRequest const& request);
@@ -30,8 +32,9 @@ bool liftNamedFault(Services const& services, std::string const& text);
 /// Largest clock offset in seconds, in either direction.
 inline constexpr std::int64_t kMaxSecondsAhead = std::int64_t{10} * 365 * 24 * 60 * 60;
 
-/// Sets the clock offset. Throws HttpError beyond kMaxSecondsAhead.
-void setClockAhead(Services const& services, std::int64_t seconds);
+/// Sets the clock offset of an account, or of all that have no clock of their own. Throws HttpError beyond
+/// kMaxSecondsAhead.
+void setClockAhead(Services const& services, std::int64_t seconds, std::string const& account = "");
 
 }  // namespace sandbox
 

@@ -1,6 +1,8 @@
 #include <cstdint>
+#include <optional>
 #include <string>
 
+#include "sandbox/control/controlfilters.h"
 #include "sandbox/control/controljson.h"
 #include "sandbox/control/controlroutes.h"
 #include "sandbox/text/httperror.h"
@@ -10,10 +12,13 @@
 /// The control API's addresses for faults.
 namespace sandbox {
 
-HttpResponse getFaults(Services const& services, HttpRequest const&) {
+HttpResponse getFaults(Services const& services, HttpRequest const& request) {
+    std::optional<std::string> const account = readAccount(request.m_Query);
     nlohmann::json faults = nlohmann::json::array();
     for (ArmedFault const& armed : services.m_Faults.armed()) {
-        faults.push_back(faultJson(armed));
+        if (!account || armed.m_Fault.m_Account == *account) {
+            faults.push_back(faultJson(armed));
+        }
     }
     return jsonResponse(httpstatus::kOk, {{"faults", faults}});
 }
@@ -47,7 +52,12 @@ bool liftNamedFault(Services const& services, std::string const& text) {
 }
 
 HttpResponse liftAllFaults(Services const& services, HttpRequest const& request) {
-    services.m_Faults.liftAll();
+    std::optional<std::string> const account = readAccount(request.m_Query);
+    if (account) {
+        services.m_Faults.liftAllOf(*account);
+    } else {
+        services.m_Faults.liftAll();
+    }
     return getFaults(services, request);
 }
 

@@ -35,8 +35,21 @@ nlohmann::json addressesJson(Addresses const& addresses) {
     return out;
 }
 
-nlohmann::json clockJson(Services const& services) {
-    return {{"present", services.m_Clock.text()}, {"ahead", services.m_Clock.ahead()}};
+nlohmann::json clockJson(Services const& services, std::string const& account = "") {
+    nlohmann::json out = {{"present", services.m_Clock.text(account)}, {"ahead", services.m_Clock.ahead(account)}};
+    if (!account.empty()) {
+        putBytes(out, "account", account);
+    }
+    return out;
+}
+
+/// The clock of all, and those of the accounts that have their own.
+nlohmann::json clocksJson(Services const& services) {
+    nlohmann::json out = clockJson(services);
+    for (auto const& [account, ahead] : services.m_Clock.owners()) {
+        out["accounts"].push_back(clockJson(services, account));
+    }
+    return out;
 }
 
 nlohmann::json countsJson(Services const& services) {
@@ -70,12 +83,22 @@ void checkAccount(std::string const& user, std::string const& password) {
     }
 }
 
+/// The member `account`, which must name an existing one. Throws HttpError.
+std::string requireAccount(Services const& services, nlohmann::json const& object) {
+    std::string account = requireText(object, "account");
+    std::vector<std::string> const known = services.m_Store.accounts();
+    if (std::find(known.begin(), known.end(), account) == known.end()) {
+        throw HttpError("there is no account '" + account + "'", httpstatus::kNotFound);
+    }
+    return account;
+}
+
 }  // namespace
 
 HttpResponse getStatus(Services const& services, HttpRequest const&) {
     return jsonResponse(httpstatus::kOk, {{"addresses", addressesJson(services.m_Addresses)},
                                           {"serverKeyId", services.m_Keys.current()->m_Id},
-                                          {"clock", clockJson(services)},
+                                          {"clock", clocksJson(services)},
                                           {"counts", countsJson(services)}});
 }
 
@@ -98,6 +121,29 @@ HttpResponse getExchanges(Services const& services, HttpRequest const& request) 
         exchanges.push_back(exchangeJson(exchange));
     }
     return listResponse("exchanges", std::move(exchanges), listing);
+}
+
+HttpResponse removeExchanges(Services const& services, HttpRequest const& request) {
+    ExchangeQuery const query = readRemovalQuery(request.m_Query);
+    return jsonResponse(httpstatus::kOk,
+                        {{"exchanges", services.m_Store.removeExchanges(query.m_Filter, query.m_Page)}});
+}
+
+HttpResponse reset(Services const& services, HttpRequest const& request) {
+    nlohmann::json const object =
+        request.m_Body.empty() ? nlohmann::json::object() : readObject(request.m_Body, {"account"});
+    ExchangeFilter filter;
+    if (object.contains("account")) {
+        filter.m_Account = requireAccount(services, object);
+        services.m_Faults.liftAllOf(*filter.m_Account);
+        services.m_Clock.follow(*filter.m_Account);
+    } else {
+        services.m_Faults.liftAll();
+        services.m_Clock.reset();
+    }
+    std::int64_t const payments = services.m_Store.removePayments(filter.m_Account);
+    std::int64_t const exchanges = services.m_Store.removeExchanges(filter, {});
+    return jsonResponse(httpstatus::kOk, {{"payments", payments}, {"exchanges", exchanges}});
 }
 
 HttpResponse getKeys(Services const& services, HttpRequest const&) {
@@ -140,16 +186,27 @@ HttpResponse putAccount(Services const& services, HttpRequest const& request) {
 }
 
 HttpResponse setClock(Services const& services, HttpRequest const& request) {
-    setClockAhead(services, requireNumber(readObject(request.m_Body, {"ahead"}), "ahead"));
-    return jsonResponse(httpstatus::kOk, clockJson(services));
+    nlohmann::json const object = readObject(request.m_Body, {"ahead", "account"});
+    if (!object.contains("account")) {
+        setClockAhead(services, requireNumber(object, "ahead"));
+        return jsonResponse(httpstatus::kOk, clocksJson(services));
+    }
+    std::string const account = requireAccount(services, object);
+    if (object.contains("ahead") && object["ahead"].is_null()) {
+        services.m_Clock.follow(account);
+        services.m_Notifier.wake();
+    } else {
+        setClockAhead(services, requireNumber(object, "ahead"), account);
+    }
+    return jsonResponse(httpstatus::kOk, clockJson(services, account));
 }
 
-void setClockAhead(Services const& services, std::int64_t seconds) {
+void setClockAhead(Services const& services, std::int64_t seconds, std::string const& account) {
     if (seconds < -kMaxSecondsAhead || seconds > kMaxSecondsAhead) {
         throw HttpError("the clock offset must be at most " + std::to_string(kMaxSecondsAhead) +
                         " seconds in either direction (ten years)");
     }
-    services.m_Clock.setAhead(seconds);
+    services.m_Clock.setAhead(seconds, account);
     services.m_Notifier.wake();
 }
 

@@ -29,6 +29,7 @@ struct DetailRow {
 
 // clang-format off
 constexpr DetailRow kDetails[] = {
+    {"account",   "Account (empty for any)",               ""},
     {"order",     "Order (empty for any)",                 ""},
     {"times",     "Times (number or always)",              "1"},
     {"seconds",   "Seconds",                               ""},

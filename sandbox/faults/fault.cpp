@@ -175,6 +175,8 @@ void readField(Fault& fault, std::string const& name, std::string const& value) 
         if (!fault.m_Exchange && value != "any") {
             throw HttpError("unknown exchange '" + value + "'");
         }
+    } else if (name == "account") {
+        fault.m_Account = value;
     } else if (name == "order") {
         fault.m_Order = value;
     } else if (name == "times") {
@@ -273,9 +275,13 @@ void checkFault(Fault const& fault) {
     std::int64_t const megabytes = megabytesOf(fault);
     checkRange(megabytes > 0 && megabytes <= kMaxMegabytes, "megabytes", "between 1 and 4096");
     bool const before = row.m_Kind == FaultKind::kRefuse || row.m_Exchanges == kConnections;
-    if (before && !fault.m_Order.empty()) {
+    if (before && !(fault.m_Order.empty() && fault.m_Account.empty())) {
         throw HttpError(std::string(row.m_Name) +
-                        " occurs before the request is read, so it cannot be limited to one order");
+                        " occurs before the request is read, so it cannot be limited to one " +
+                        (fault.m_Account.empty() ? "order" : "account"));
+    }
+    if (fault.m_Exchange == ExchangeKind::kProxy && !fault.m_Account.empty()) {
+        throw HttpError("the exchange 'proxy' has no account");
     }
     if (fault.m_Exchange && !fault.m_Order.empty() && (kWithOrder & bit(*fault.m_Exchange)) == 0) {
         throw HttpError(std::string("the exchange '") + exchangeName(*fault.m_Exchange) + "' has no order");
@@ -344,6 +350,9 @@ std::string faultText(Fault const& fault) {
     };
     if (fault.m_Exchange) {
         add("exchange", exchangeName(*fault.m_Exchange));
+    }
+    if (!fault.m_Account.empty()) {
+        add("account", fault.m_Account);
     }
     if (!fault.m_Order.empty()) {
         add("order", fault.m_Order);

@@ -52,6 +52,7 @@ enum class FaultKind {
 struct Fault {
     FaultKind m_Kind = FaultKind::kDrop;
     std::optional<ExchangeKind> m_Exchange = {};   ///< Nothing: any that the kind can happen to.
+    std::string m_Account = {};                    ///< Of the merchant; empty: any, or none.
     std::string m_Order = {};                      ///< ORDERID of the payment; empty: any, or none.
     std::int64_t m_Times = 1;                      ///< How often; 0: until it is lifted.
     std::optional<double> m_Seconds = {};          ///< How long, of the kinds that take time.
@@ -108,9 +109,9 @@ using FaultFields = std::vector<std::pair<std::string, std::string>>;
 /// The fault of the kind that is named `kind` with these details. Throws HttpError.
 Fault makeFault(std::string const& kind, FaultFields const& fields);
 
-/// Reads "kind,name=value,...": the names are exchange, order, times (a number or "always"), seconds, bytes, status,
-/// text, megabytes; "truncate,exchange=capture,order=A-1,bytes=40". A value holds no comma, but that of text, which
-/// goes to the end. Throws HttpError.
+/// Reads "kind,name=value,...": the names are exchange, account, order, times (a number or "always"), seconds, bytes,
+/// status, text, megabytes; "truncate,exchange=capture,order=A-1,bytes=40". A value holds no comma, but that of text,
+/// which goes to the end. Throws HttpError.
 Fault parseFault(std::string const& text);
 
 /// The form that parseFault() reads, with every parameter that was given.

@@ -69,9 +69,18 @@ bool FaultRegistry::lift(std::int64_t id) {
 }
 
 void FaultRegistry::liftAll() {
+    liftThose([](ArmedFault const&) { return true; });
+}
+
+void FaultRegistry::liftAllOf(std::string const& account) {
+    liftThose([&account](ArmedFault const& armed) { return armed.m_Fault.m_Account == account; });
+}
+
+template <class Matches>
+void FaultRegistry::liftThose(Matches matches) {
     {
         std::lock_guard<std::mutex> const lock(m_Mutex);
-        m_Armed.clear();
+        m_Armed.erase(std::remove_if(m_Armed.begin(), m_Armed.end(), matches), m_Armed.end());
     }
     notifyRefusalListener();
 }
@@ -82,10 +91,11 @@ std::vector<ArmedFault> FaultRegistry::armed() {
     return m_Armed;
 }
 
-std::optional<Fault> FaultRegistry::take(ExchangeKind kind, std::string const& order, CanHappen const& canHappen) {
-    return takeFirst([kind, &order, &canHappen](Fault const& fault) {
+std::optional<Fault> FaultRegistry::take(ExchangeKind kind, std::string const& order, std::string const& account,
+                                         CanHappen const& canHappen) {
+    return takeFirst([kind, &order, &account, &canHappen](Fault const& fault) {
         return canHappenTo(fault, kind) && (fault.m_Order.empty() || fault.m_Order == order) &&
-               (!canHappen || canHappen(fault));
+               (fault.m_Account.empty() || fault.m_Account == account) && (!canHappen || canHappen(fault));
     });
 }
 

@@ -40,15 +40,19 @@ public:
     bool lift(std::int64_t id);
     void liftAll();
 
+    /// Removes those that are limited to this account.
+    void liftAllOf(std::string const& account);
+
     /// Those that may still happen, oldest first.
     [[nodiscard]] std::vector<ArmedFault> armed();
 
     /// Whether a fault that fits an exchange can happen to it. Called under the lock: it must not call the registry.
     using CanHappen = std::function<bool(Fault const& fault)>;
 
-    /// The oldest fault that is armed for an exchange of this kind and order, counted as having happened. A fault that
-    /// `canHappen` rules out stays armed; empty rules out none.
-    std::optional<Fault> take(ExchangeKind kind, std::string const& order, CanHappen const& canHappen = nullptr);
+    /// The oldest fault that is armed for an exchange of this kind, order and account, counted as having happened. A
+    /// fault that `canHappen` rules out stays armed; empty rules out none.
+    std::optional<Fault> take(ExchangeKind kind, std::string const& order, std::string const& account = "",
+                              CanHappen const& canHappen = nullptr);
 
     /// The same for a connection before its request; the faults of TLS are for connections under TLS.
     std::optional<Fault> takeForConnection(bool tls);
@@ -56,6 +60,8 @@ public:
 private:
     template <class Matches>
     std::optional<Fault> takeFirst(Matches matches);
+    template <class Matches>
+    void liftThose(Matches matches);
 
     void forgetPast();
     void notifyRefusalListener();

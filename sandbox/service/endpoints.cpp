@@ -234,8 +234,8 @@ HttpResponse handleIdentified(Endpoint const& endpoint, RequestContext const& co
 void takeFault(RequestContext& context) {
     Exchange& exchange = context.m_Exchange;
     FaultEffect effect;
-    effect.m_Fault =
-        context.m_Services.m_Faults.take(exchange.m_Kind, exchange.m_Order, [&context, &effect](Fault const& fault) {
+    effect.m_Fault = context.m_Services.m_Faults.take(
+        exchange.m_Kind, exchange.m_Order, exchange.m_Account, [&context, &effect](Fault const& fault) {
             Payment const* const payment = context.m_Payment ? &context.m_Payment->m_Payment : nullptr;
             return canHappen(context.m_Services, fault, context.m_Exchange.m_Kind, payment, effect.m_Other,
                              context.m_Exchange.m_Steps);
@@ -246,12 +246,12 @@ void takeFault(RequestContext& context) {
 HttpResponse handleLogged(Services const& services, Endpoint const& endpoint, HttpRequest const& request) {
     auto const begin = std::chrono::steady_clock::now();
     Exchange exchange;
-    exchange.m_Time = services.m_Clock.text();
     exchange.m_Path = request.m_Path;
     exchange.m_Verdict = "ok";
     exchange.m_Request = keptRequest(request.m_Raw);
     RequestContext context = makeContext(services, request, exchange);
     identify(endpoint, context);
+    exchange.m_Time = services.m_Clock.text(exchange.m_Account);
     std::int64_t const begun = services.m_Store.beginExchange(exchange);
     // The control port has no faults, and uses none up.
     bool const mayFail = request.m_BaseUrl != services.m_Addresses.m_Control;

@@ -70,9 +70,10 @@ void checkRefusal(CaptureRequest const& request, Payment const& payment) {
     }
     Store& store = request.m_Services.m_Store;
     if (request.m_Effect.is(FaultKind::kRefuseCapture)) {
-        store.refuseCaptures(payment.m_Id,
-                             {request.m_Services.m_Clock.text(), payment.m_State, "capture refused for good"},
-                             textOf(*request.m_Effect.m_Fault));
+        store.refuseCaptures(
+            payment.m_Id,
+            {request.m_Services.m_Clock.text(payment.m_Account), payment.m_State, "capture refused for good"},
+            textOf(*request.m_Effect.m_Fault));
     }
     if (std::optional<std::string> const reason = store.captureRefusal(payment.m_Id)) {
         throw HttpError(*reason);
@@ -88,7 +89,7 @@ std::string reasonToRefuse(CaptureRequest const& request, Payment const& payment
                                     [](HistoryEntry const& step) { return step.m_State == PaymentState::kAuthorised; });
     return "the authorisation has lapsed: it was given at " + (given == payment.m_History.end() ? "" : given->m_Time) +
            ", DEFAULTVALIDITY is " + payment.attribute("DEFAULTVALIDITY").value_or("") + " seconds, now is " +
-           request.m_Services.m_Clock.text();
+           request.m_Services.m_Clock.text(payment.m_Account);
 }
 
 /// A payment that may have moved since it was read, with its history.
@@ -114,8 +115,8 @@ Payment lead(CaptureRequest const& request, std::vector<PaymentState> const& fro
         checkResult(request.m_Sent.m_Message, before);
         checkRefusal(request, before);
     }
-    bool const moved =
-        request.m_Services.m_Store.advance(before.m_Id, from, {request.m_Services.m_Clock.text(), to, note});
+    bool const moved = request.m_Services.m_Store.advance(
+        before.m_Id, from, {request.m_Services.m_Clock.text(before.m_Account), to, note});
     Payment now = before;
     if (moved) {
         now.m_State = to;

@@ -203,7 +203,7 @@ std::string reasonToRefuse(Services const& services, Payment const& payment) {
     if (payment.m_State == kTooLate.m_State) {
         std::optional<std::time_t> const expiration = parseExpiration(payment.attribute("EXPIRATION").value_or(""));
         return "the payment has expired: EXPIRATION is " + utcText(expiration.value()) + ", now is " +
-               services.m_Clock.text();
+               services.m_Clock.text(payment.m_Account);
     }
     return usedTokenReason(payment);
 }
@@ -232,7 +232,7 @@ HttpResponse handlePay(RequestContext const& context) {
     sent.m_Message.require("TOKEN");
     checkContent(context, sent.m_Message);
     StoredPayment const fresh = freshPayment(sent);
-    StoredPayment stored = services.m_Store.openPayment(fresh, services.m_Clock.text());
+    StoredPayment stored = services.m_Store.openPayment(fresh, services.m_Clock.text(sent.m_Account));
     Payment& payment = stored.m_Payment;
     context.m_Exchange.m_Payment = payment.m_Id;
     bool const isNew = payment.m_Id == fresh.m_Payment.m_Id;

@@ -99,7 +99,7 @@ Attempt sendRequest(HttpAddress const& address, std::chrono::milliseconds timeou
 /// Sends one request and stores it as `exchange`.
 Attempt sendLogged(Services const& services, HttpAddress const& address, std::chrono::milliseconds timeout,
                    EndSignal const& ending, Exchange& exchange) {
-    exchange.m_Time = services.m_Clock.text();
+    exchange.m_Time = services.m_Clock.text(exchange.m_Account);
     exchange.m_Request = keptText(requestText(address));
     Clock::time_point const begin = Clock::now();
     Attempt attempt = sendRequest(address, timeout, ending);
@@ -322,14 +322,19 @@ bool Notifier::send(Pending& pending) {
     if (std::optional<std::string> const reason = whyUnreachable(notification.m_Address)) {
         return settle(notification, "not sent: " + *reason);
     }
-    Payment const payment = m_Services.m_Store.paymentById(notification.m_Payment).value().m_Payment;
+    std::optional<StoredPayment> const stored = m_Services.m_Store.paymentById(notification.m_Payment);
+    if (!stored) {
+        return false;  // it was removed meanwhile, with all its notifications
+    }
+    Payment const& payment = stored->m_Payment;
     std::string const order = payment.attribute("ORDERID").value_or("");
     FaultEffect effect{std::exchange(pending.m_Delay, std::nullopt)};
     std::vector<CheckStep> steps;
     if (!effect.m_Fault) {
-        effect.m_Fault = m_Services.m_Faults.take(ExchangeKind::kNotification, order, [&](Fault const& fault) {
-            return canHappen(m_Services, fault, ExchangeKind::kNotification, &payment, effect.m_Other, steps);
-        });
+        effect.m_Fault =
+            m_Services.m_Faults.take(ExchangeKind::kNotification, order, payment.m_Account, [&](Fault const& fault) {
+                return canHappen(m_Services, fault, ExchangeKind::kNotification, &payment, effect.m_Other, steps);
+            });
         if (effect.is(FaultKind::kDelay)) {
             pending.m_Due = Clock::now() + delayOf(*effect.m_Fault);
             pending.m_Delay = std::move(effect.m_Fault);
@@ -340,7 +345,7 @@ bool Notifier::send(Pending& pending) {
     Exchange exchange = exchangeOf(notification, payment, query, effect.m_Fault);
     exchange.m_Steps = std::move(steps);
     if (effect.is(FaultKind::kDrop)) {
-        exchange.m_Time = m_Services.m_Clock.text();
+        exchange.m_Time = m_Services.m_Clock.text(payment.m_Account);
         exchange.m_Verdict = "not sent";
         m_Services.m_Store.addExchange(exchange);
         return settle(notification, "not sent: the fault " + exchange.m_Fault + " happened");

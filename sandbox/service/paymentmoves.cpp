@@ -3,7 +3,6 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
-#include <limits>
 #include <optional>
 
 #include "sandbox/service/notifier.h"
@@ -16,13 +15,40 @@ namespace {
 
 constexpr std::int64_t kMaxAtOnce = 100;
 
+/// Expires these. True when there were as many as are read at once, so that there may be more.
+bool expireThose(Services const& services, std::vector<Payment> const& overdue) {
+    bool inTime = false;  // the clock was set back meanwhile
+    for (Payment const& payment : overdue) {
+        inTime = expireWhenOverdue(services, payment) || inTime;
+    }
+    return static_cast<std::int64_t>(overdue.size()) == kMaxAtOnce && !inTime;
+}
+
+/// The accounts that go by one clock, and what it shows.
+struct Present {
+    AccountScope m_Accounts;
+    std::time_t m_Now;
+};
+
+/// One for each account that has a clock of its own, and one for all others.
+std::vector<Present> presents(Services const& services) {
+    std::vector<Present> all;
+    AccountScope others;
+    for (auto const& [account, ahead] : services.m_Clock.owners()) {
+        all.push_back({{account, {}}, services.m_Clock.now(account)});
+        others.m_Except.push_back(account);
+    }
+    all.push_back({others, services.m_Clock.now()});
+    return all;
+}
+
 /// The lapse of an authorisation that begins now.
 std::optional<DueMove> lapseOf(Services const& services, Payment const& payment) {
     std::optional<std::int64_t> const validity = validityOf(payment);
     if (!validity) {
         return std::nullopt;
     }
-    return DueMove{services.m_Clock.now() + *validity + 1, PaymentState::kLapsed,
+    return DueMove{services.m_Clock.now(payment.m_Account) + *validity + 1, PaymentState::kLapsed,
                    "not captured within " + std::to_string(*validity) + " seconds"};
 }
 
@@ -39,8 +65,8 @@ bool movePayment(Services const& services, Payment const& payment, std::vector<P
         notification->m_Result = stateName(to);
     }
     std::optional<DueMove> const next = to == PaymentState::kAuthorised ? lapseOf(services, payment) : std::nullopt;
-    bool const moved =
-        services.m_Store.advance(payment.m_Id, from, {services.m_Clock.text(), to, note}, notification, next);
+    bool const moved = services.m_Store.advance(
+        payment.m_Id, from, {services.m_Clock.text(payment.m_Account), to, note}, notification, next);
     if (moved && (notification || next)) {
         services.m_Notifier.wake();
     }
@@ -49,10 +75,11 @@ bool movePayment(Services const& services, Payment const& payment, std::vector<P
 
 bool suspendPayment(Services const& services, Payment const& payment, PaymentState to, std::string const& note,
                     double seconds) {
-    DueMove const outcome{services.m_Clock.now() + static_cast<std::int64_t>(std::ceil(seconds)), to, note};
+    std::time_t const now = services.m_Clock.now(payment.m_Account);
+    DueMove const outcome{now + static_cast<std::int64_t>(std::ceil(seconds)), to, note};
     bool const moved = services.m_Store.advance(
         payment.m_Id, {PaymentState::kOpened},
-        {services.m_Clock.text(), PaymentState::kPending, note + "; the outcome is pending"}, std::nullopt, outcome);
+        {utcText(now), PaymentState::kPending, note + "; the outcome is pending"}, std::nullopt, outcome);
     if (moved) {
         services.m_Notifier.wake();
     }
@@ -60,17 +87,19 @@ bool suspendPayment(Services const& services, Payment const& payment, PaymentSta
 }
 
 bool makeDueMoves(Services const& services) {
-    auto const due = services.m_Store.dueMoves(services.m_Clock.now());
-    for (auto const& [id, move] : due) {
-        if (move.m_State == PaymentState::kLapsed) {
-            services.m_Store.advance(id, {PaymentState::kAuthorised},
-                                     {services.m_Clock.text(), move.m_State, move.m_Note});
-            continue;
+    bool any = false;
+    for (Present const& present : presents(services)) {
+        for (auto const& [id, move] : services.m_Store.dueMoves(present.m_Now, present.m_Accounts)) {
+            any = true;
+            if (move.m_State == PaymentState::kLapsed) {
+                services.m_Store.advance(id, {PaymentState::kAuthorised},
+                                         {utcText(present.m_Now), move.m_State, move.m_Note});
+            } else if (std::optional<StoredPayment> const stored = services.m_Store.paymentById(id)) {
+                movePayment(services, stored->m_Payment, {PaymentState::kPending}, move.m_State, move.m_Note);
+            }
         }
-        movePayment(services, services.m_Store.paymentById(id).value().m_Payment, {PaymentState::kPending},
-                    move.m_State, move.m_Note);
     }
-    return !due.empty();
+    return any;
 }
 
 std::optional<std::int64_t> validityOf(Payment const& payment) {
@@ -81,12 +110,11 @@ std::optional<std::int64_t> validityOf(Payment const& payment) {
 }
 
 std::time_t expirationOf(Payment const& payment) {
-    return parseExpiration(payment.attribute("EXPIRATION").value_or(""))
-        .value_or(std::numeric_limits<std::time_t>::min());
+    return static_cast<std::time_t>(expirationIn(payment.m_Attributes));
 }
 
 bool isOverdue(Services const& services, Payment const& payment) {
-    return services.m_Clock.now() > expirationOf(payment);
+    return services.m_Clock.now(payment.m_Account) > expirationOf(payment);
 }
 
 bool expireWhenOverdue(Services const& services, Payment const& payment) {
@@ -101,12 +129,13 @@ bool expireWhenOverdue(Services const& services, Payment const& payment) {
 }
 
 bool expireSomeOverdue(Services const& services) {
-    std::vector<Payment> const overdue = services.m_Store.paymentsToExpire(services.m_Clock.now(), kMaxAtOnce);
-    bool inTime = false;  // the clock was set back meanwhile
-    for (Payment const& payment : overdue) {
-        inTime = expireWhenOverdue(services, payment) || inTime;
+    bool more = false;
+    for (Present const& present : presents(services)) {
+        more =
+            expireThose(services, services.m_Store.paymentsToExpire(present.m_Now, kMaxAtOnce, present.m_Accounts)) ||
+            more;
     }
-    return static_cast<std::int64_t>(overdue.size()) == kMaxAtOnce && !inTime;
+    return more;
 }
 
 void bringUpToDate(Services const& services) {

@@ -32,6 +32,12 @@ struct ExchangeFilter {
     std::optional<ExchangeKind> m_Kind = {};
 };
 
+/// Some accounts: one alone, or all but some.
+struct AccountScope {
+    std::optional<std::string> m_Only = {};
+    std::vector<std::string> m_Except = {};
+};
+
 /// Which part of a list: the first rows between two numbers, both excluded.
 struct Page {
     static constexpr std::int64_t kNoLimit = std::numeric_limits<std::int64_t>::max();
@@ -48,6 +54,12 @@ template <class Row>
 struct Listing {
     std::vector<Row> m_Rows = {};
     bool m_More = false;
+};
+
+/// How much of payments and exchanges is kept; the rest is removed while exchanges are added. Nothing means all.
+struct Retention {
+    std::optional<std::int64_t> m_Newest = {};   ///< So many of each.
+    std::optional<std::int64_t> m_Seconds = {};  ///< Those stored within so many seconds of the system's clock.
 };
 
 /// How many rows there are.

@@ -20,8 +20,10 @@ constexpr std::int64_t kFirstCustomer = 1001;
 
 }  // namespace
 
-Store::Store(std::string const& path) : m_Database(path), m_Readers(path) {
+Store::Store(std::string const& path, Retention retention) : m_Retention(retention), m_Database(path), m_Readers(path) {
     prepareTables(m_Database, path);
+    while (prune()) {
+    }
 }
 
 void Store::putAccount(std::string const& user, std::string const& password) {

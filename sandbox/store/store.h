@@ -61,7 +61,7 @@ public:
 
     /// Opens the file, creating its tables or bringing them to the present layout. A file of a layout that is not known
     /// throws std::runtime_error.
-    explicit Store(std::string const& path);
+    explicit Store(std::string const& path, Retention retention = {});
 
     /// Creates the account or gives it a new password.
     void putAccount(std::string const& user, std::string const& password);
@@ -112,8 +112,9 @@ public:
 
     [[nodiscard]] Listing<Payment> payments(PaymentFilter const& filter, Page const& page);
 
-    /// Undecided payments whose EXPIRATION lies before `moment`, the earliest first, at most `limit`.
-    [[nodiscard]] std::vector<Payment> paymentsToExpire(std::int64_t moment, std::int64_t limit);
+    /// Undecided payments of these accounts whose EXPIRATION lies before `moment`, at most `limit`.
+    [[nodiscard]] std::vector<Payment> paymentsToExpire(std::int64_t moment, std::int64_t limit,
+                                                        AccountScope const& accounts);
 
     /// Whether there are undecided payments.
     [[nodiscard]] bool hasOpenPayments();
@@ -131,8 +132,9 @@ public:
     /// The move that waits for the payment; nothing when none does.
     [[nodiscard]] std::optional<DueMove> dueMove(std::string const& id);
 
-    /// The identifiers of the payments whose moves are due at `now`, with these moves, in the order of their times.
-    [[nodiscard]] std::vector<std::pair<std::string, DueMove>> dueMoves(std::int64_t now);
+    /// The identifiers of the payments of these accounts whose moves are due at `now`, with these moves, in the order
+    /// of their times.
+    [[nodiscard]] std::vector<std::pair<std::string, DueMove>> dueMoves(std::int64_t now, AccountScope const& accounts);
 
     /// Whether a move waits for any payment.
     [[nodiscard]] bool hasDueMoves();
@@ -181,12 +183,24 @@ public:
     [[nodiscard]] std::vector<std::pair<std::int64_t, std::string>> latestData(std::int64_t count,
                                                                                std::int64_t longest);
 
+    /// Removes exchanges that are there when it is called. Payments are not held up meanwhile. Returns how many.
+    std::int64_t removeExchanges(ExchangeFilter const& filter, Page const& page);
+
+    /// Removes payments with their history and notifications, all or those of an account; as removeExchanges().
+    std::int64_t removePayments(std::optional<std::string> const& account);
+
 private:
+    bool prune();
+    bool pruneExchanges(std::int64_t count, std::int64_t before);
+    bool prunePayments(std::int64_t count, std::int64_t before);
+    std::int64_t lastNumberIn(char const* counter);
+    void removePayment(std::string const& id);
     void insertHistory(std::string const& id, HistoryEntry const& step);
     void insertNotification(Notification const& notification);
     void replaceDueMove(std::string const& id, std::optional<DueMove> const& next);
     bool isIn(std::string const& id, std::vector<PaymentState> const& states);
 
+    Retention m_Retention;
     std::mutex m_Mutex;    ///< Held by every public member that writes.
     Database m_Database;   ///< The only connection that writes. Guarded by m_Mutex.
     ReaderPool m_Readers;  ///< Ends before m_Database, so that the last connection to close is one that can tidy up.

@@ -5,12 +5,16 @@
 #include <ctime>
 #include <nlohmann/json.hpp>
 
+#include "sandbox/store/conditions.h"
 #include "sandbox/store/store.h"
 #include "sandbox/text/wiretext.h"
 
 namespace sandbox {
 
 namespace {
+
+/// Old rows are removed once in so many exchanges.
+constexpr std::int64_t kPruneEvery = 64;
 
 // What readExchange() reads.
 constexpr char kComplete[] =
@@ -84,32 +88,13 @@ Listing<Exchange> readExchanges(Statement& row, Page const& page) {
 Listing<Exchange> listExchanges(Database& database, std::string const& select, ExchangeFilter const& filter,
                                 Page const& page) {
     Statement row =
-        database.prepare(select + " WHERE number > ? AND number < ?" + (filter.m_Account ? " AND account = ?" : "") +
-                         (filter.m_Order ? " AND order_id = ?" : "") + (filter.m_Token ? " AND token = ?" : "") +
-                         (filter.m_Payment ? " AND payment = ?" : "") + (filter.m_Kind ? " AND kind = ?" : "") +
-                         " ORDER BY number" + (page.m_NewestFirst ? " DESC" : ""));
-    row.number(page.m_After).number(page.m_Before);
-    if (filter.m_Account) {
-        row.text(*filter.m_Account);
-    }
-    if (filter.m_Order) {
-        row.bytes(*filter.m_Order);
-    }
-    if (filter.m_Token) {
-        row.text(*filter.m_Token);
-    }
-    if (filter.m_Payment) {
-        row.text(*filter.m_Payment);
-    }
-    if (filter.m_Kind) {
-        row.text(exchangeName(*filter.m_Kind));
-    }
+        database.prepare(select + conditionsOf(filter) + " ORDER BY number" + (page.m_NewestFirst ? " DESC" : ""));
+    bind(row, filter, page);
     return readExchanges(row, page);
 }
 
-/// The payment whose identifier stands in one of the texts, which a proxy carries without reading them; empty when
-/// there is none.
-std::string mentionedPayment(Database& database, Exchange const& exchange) {
+/// What a proxy carried, which it does not read, linked to the payment whose identifier stands in it.
+Exchange linked(Database& database, Exchange exchange) {
     constexpr std::size_t kDigits = 16;
     for (std::string const* text : {&exchange.m_Request, &exchange.m_Response}) {
         for (std::size_t at = text->find('P'); at != std::string::npos; at = text->find('P', at + 1)) {
@@ -117,13 +102,16 @@ std::string mentionedPayment(Database& database, Exchange const& exchange) {
             if (id.size() <= kDigits || id.find_first_not_of("0123456789abcdef", 1) != std::string::npos) {
                 continue;
             }
-            Statement row = database.prepare("SELECT 1 FROM payments WHERE id = ?");
+            Statement row = database.prepare("SELECT account, token FROM payments WHERE id = ?");
             if (row.text(id).step()) {
-                return id;
+                exchange.m_Account = row.column(0);
+                exchange.m_Token = row.column(1);
+                exchange.m_Payment = id;
+                return exchange;
             }
         }
     }
-    return "";
+    return exchange;
 }
 
 }  // namespace
@@ -148,10 +136,15 @@ std::int64_t Store::beginExchange(Exchange const& exchange) {
 }
 
 std::int64_t Store::addExchange(Exchange const& exchange, std::int64_t begun) {
+    if (exchange.m_Kind == ExchangeKind::kProxy && exchange.m_Payment.empty()) {
+        ReaderPool::Reader const reader = m_Readers.take();
+        Exchange const about = linked(reader.database(), exchange);
+        if (!about.m_Payment.empty()) {
+            return addExchange(about, begun);
+        }
+    }
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Transaction transaction(m_Database);
-    std::string const payment =
-        exchange.m_Kind == ExchangeKind::kProxy ? mentionedPayment(m_Database, exchange) : exchange.m_Payment;
     m_Database
         .prepare(
             "INSERT INTO exchanges (number, time, kind, account, order_id, token, payment, stored, path, data, "
@@ -164,7 +157,7 @@ std::int64_t Store::addExchange(Exchange const& exchange, std::int64_t begun) {
         .text(exchange.m_Account)
         .bytes(exchange.m_Order)
         .text(exchange.m_Token)
-        .text(payment)
+        .text(exchange.m_Payment)
         .number(std::time(nullptr))
         .text(exchange.m_Path)
         .bytes(exchange.m_Data)
@@ -186,6 +179,9 @@ std::int64_t Store::addExchange(Exchange const& exchange, std::int64_t begun) {
         }
     }
     transaction.commit();
+    if (number % kPruneEvery == 0) {
+        prune();
+    }
     return number;
 }
 

@@ -2,6 +2,7 @@
 // A payment has at most one due move, and every move of a payment replaces it: what came in time is never undone by it.
 #include <algorithm>
 
+#include "sandbox/store/conditions.h"
 #include "sandbox/store/store.h"
 
 namespace sandbox {
@@ -30,11 +31,14 @@ std::optional<DueMove> Store::dueMove(std::string const& id) {
     return DueMove{row.numberColumn(0), stateFromName(row.column(1)), row.column(2)};
 }
 
-std::vector<std::pair<std::string, DueMove>> Store::dueMoves(std::int64_t now) {
+std::vector<std::pair<std::string, DueMove>> Store::dueMoves(std::int64_t now, AccountScope const& accounts) {
     ReaderPool::Reader const reader = m_Readers.take();
-    Statement row =
-        reader.database().prepare("SELECT payment, due, state, note FROM due_moves WHERE due <= ? ORDER BY due");
+    Statement row = reader.database().prepare(
+        "SELECT d.payment, d.due, d.state, d.note FROM due_moves d JOIN payments p ON p.id = d.payment WHERE d.due <= "
+        "?" +
+        conditionsOf(accounts) + " ORDER BY d.due");
     row.number(now);
+    bind(row, accounts);
     std::vector<std::pair<std::string, DueMove>> found;
     while (row.step()) {
         found.emplace_back(row.column(0), DueMove{row.numberColumn(1), stateFromName(row.column(2)), row.column(3)});

@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "sandbox/store/conditions.h"
 #include "sandbox/store/store.h"
 
 namespace sandbox {
@@ -16,7 +17,6 @@ namespace {
 std::string const kSelectPayment = "SELECT number, id, account, token, state, form_key, message FROM payments";
 std::string const kSelectNotification =
     "SELECT number, payment, address, result, attempts, pending, time, outcome FROM notifications";
-
 StoredPayment readPayment(Statement const& row) {
     StoredPayment stored;
     Payment& payment = stored.m_Payment;
@@ -157,11 +157,13 @@ Listing<Payment> Store::payments(PaymentFilter const& filter, Page const& page) 
     return found;
 }
 
-std::vector<Payment> Store::paymentsToExpire(std::int64_t moment, std::int64_t limit) {
+std::vector<Payment> Store::paymentsToExpire(std::int64_t moment, std::int64_t limit, AccountScope const& accounts) {
     ReaderPool::Reader const reader = m_Readers.take();
-    Statement row =
-        reader.database().prepare(kSelectPayment + " WHERE state = 'opened' AND expires < ? ORDER BY expires LIMIT ?");
-    row.number(moment).number(limit);
+    Statement row = reader.database().prepare(kSelectPayment + " WHERE state = 'opened' AND expires < ?" +
+                                              conditionsOf(accounts) + " LIMIT ?");
+    row.number(moment);
+    bind(row, accounts);
+    row.number(limit);
     std::vector<Payment> found;
     while (row.step()) {
         found.push_back(readPayment(row).m_Payment);

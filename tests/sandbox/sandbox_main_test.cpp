@@ -131,6 +131,25 @@ TEST(SandboxProgram, EndsAtOnceOnASecondSignal) {
     EXPECT_EQ(program.status(), -1);
 }
 
+TEST(SandboxProgram, KeepsAsMuchAsItIsToldTo) {
+    TemporaryDirectory const directory;
+    auto const exchanges = [&directory](std::vector<std::string> more) {
+        more.insert(more.begin(), {"--data", directory.path(), "--json"});
+        Program program(more);
+        std::uint16_t const port = nlohmann::json::parse(program.line()).at("port");
+        for (int i = 0; i < 3; ++i) {
+            exchangeRaw(port, merchantGet("/capture"));
+        }
+        std::string const body = parseResponse(exchangeRaw(port, bareRequest("GET", "/control"))).m_Body;
+        program.signal(SIGTERM);
+        EXPECT_EQ(program.status(), 0);
+        return nlohmann::json::parse(body).at("counts").at("exchanges").get<int>();
+    };
+    EXPECT_EQ(exchanges({}), 3);
+    EXPECT_EQ(exchanges({"--keep-for", "2d"}), 6);
+    EXPECT_EQ(exchanges({"--keep", "4"}), 7) << "four are left at the start";
+}
+
 TEST(SandboxProgram, RunsAProxyWhenItIsAskedTo) {
     TemporaryDirectory const directory;
     Program program({"--data", directory.path(), "--json", "--proxy", "--proxy-port", "0"});
@@ -173,6 +192,11 @@ TEST(SandboxProgram, RefusesWrongUsage) {
     EXPECT_EQ(Program({"--data", "/tmp", "--account", ":password"}).status(), 2);
     EXPECT_EQ(Program({"--data", "/tmp", "--tls-port", "0"}).status(), 2);
     EXPECT_EQ(Program({"--data", "/tmp", "--proxy-port", "0"}).status(), 2);
+    for (char const* value : {"0", "-1", "many"}) {
+        EXPECT_EQ(Program({"--data", "/tmp", "--keep", value}).status(), 2) << value;
+        EXPECT_EQ(Program({"--data", "/tmp", "--keep-for", value}).status(), 2) << value;
+    }
+    EXPECT_EQ(Program({"--data", "/tmp", "--keep-for", "2 weeks"}).status(), 2);
     EXPECT_EQ(Program({"--help"}).status(), 0);
 }
 

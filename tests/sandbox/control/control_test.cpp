@@ -217,6 +217,9 @@ TEST_F(Control, RefusesFaultsWithTheReason) {
              {"{\"kind\":\"huge\",\"megabytes\":4097}", "between 1 and 4096"},
              {"{\"kind\":\"tls-abort\",\"order\":\"A\"}", "cannot be limited to one order"},
              {"{\"kind\":\"refuse\",\"times\":2}", "cannot be counted"},
+             {"{\"kind\":\"drop\",\"account\":1}", "'account' must be a string"},
+             {"{\"kind\":\"tls-abort\",\"account\":\"demo\"}", "cannot be limited to one account"},
+             {"{\"kind\":\"reset\",\"exchange\":\"proxy\",\"account\":\"demo\"}", "has no account"},
          }) {
         EXPECT_THAT(error(jsonPost("/control/faults", row.m_Body), 400), HasSubstr(row.m_Reason)) << row.m_Body;
     }
@@ -256,6 +259,22 @@ TEST_F(Control, ArmsEveryKindWithWhatItTakes) {
                       json::array());
         }
     }
+}
+
+TEST_F(Control, ArmsAndLiftsFaultsByAccount) {
+    post("/control/accounts", {{"user", "shop"}, {"password", "p"}});
+    json const armed =
+        post("/control/faults", {{"kind", "error"}, {"exchange", "setup"}, {"account", "shop"}, {"times", "always"}});
+    EXPECT_EQ(armed.at("account"), "shop");
+    post("/control/faults", {{"kind", "reset"}, {"account", "demo"}, {"order", "none"}});
+    std::string const setup = "<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>";
+    EXPECT_EQ(reasonOf(askAuto(setup)), "");
+    EXPECT_NE(reasonOf(askAuto(setup, "shop", "p")), "");
+    EXPECT_EQ(getJson("/control/faults?account=shop").at("faults").size(), 1u);
+    EXPECT_EQ(content(bareRequest("DELETE", "/control/faults?account=shop"), 200).at("faults"), json::array());
+    EXPECT_EQ(reasonOf(askAuto(setup, "shop", "p")), "");
+    EXPECT_EQ(getJson("/control/faults").at("faults").size(), 1u);
+    EXPECT_THAT(error(bareRequest("DELETE", "/control/faults?kind=reset"), 400), HasSubstr("unknown filter 'kind'"));
 }
 
 // --- Payments and exchanges
@@ -476,6 +495,40 @@ TEST_F(Control, RefusesUnknownFilters) {
     EXPECT_THAT(error(bareRequest("GET", "/control/payments?before=x"), 400), HasSubstr("the number of a payment"));
 }
 
+TEST_F(Control, RemovesExchanges) {
+    askCapture(authorise("t1"));
+    openPage(m_Merchant.payInit("t2"));
+    EXPECT_EQ(content(bareRequest("DELETE", "/control/exchanges?kind=page&before=4"), 200), (json{{"exchanges", 1}}));
+    EXPECT_EQ(getJson("/control").at("counts").at("exchanges"), 4);
+    EXPECT_EQ(content(bareRequest("DELETE", "/control/exchanges"), 200), (json{{"exchanges", 4}}));
+    EXPECT_EQ(getJson("/control/exchanges").at("exchanges"), json::array());
+    EXPECT_EQ(getJson("/control/payments").at("payments").size(), 2u);
+    openPage(m_Merchant.payInit("t3"));
+    EXPECT_EQ(lastExchange().at("number"), 6) << "numbers go on";
+    EXPECT_THAT(error(bareRequest("DELETE", "/control/exchanges?limit=1"), 400), HasSubstr("unknown filter 'limit'"));
+}
+
+TEST_F(Control, ResetsAllButAccountsAndKeys) {
+    post("/control/faults", {{"kind", "drop"}, {"order", "none"}});
+    post("/control/clock", {{"ahead", 10}}, 200);
+    press(openPage(m_Merchant.payInit("t1", " NOTIFYADDRESS=\"merchant@localhost\"")), "pay");
+    EXPECT_EQ(post("/control/reset", json::object(), 200), (json{{"payments", 1}, {"exchanges", 3}}));
+    json const counts = getJson("/control").at("counts");
+    EXPECT_EQ(counts, (json{{"accounts", 1},
+                            {"payments", 0},
+                            {"notifications", 0},
+                            {"exchanges", 0},
+                            {"serverKeys", 1},
+                            {"merchantKeys", 1},
+                            {"faults", 0},
+                            {"warnings", 0}}));
+    EXPECT_EQ(getJson("/control").at("clock").at("ahead"), 0);
+    askCapture(authorise("t1"));
+    EXPECT_EQ(payment("token=t1").at("state"), "captured") << "the token is free again";
+    EXPECT_THAT(error(jsonPost("/control/reset", "{\"account\":\"nobody\"}"), 404), HasSubstr("no account 'nobody'"));
+    EXPECT_THAT(error(jsonPost("/control/reset", "{\"acount\":\"demo\"}"), 400), HasSubstr("unknown member"));
+}
+
 // --- Keys
 
 TEST_F(Control, ReportsKeys) {
@@ -576,6 +629,30 @@ TEST_F(Control, SetsTheClockAheadSoThatPaymentsExpire) {
     EXPECT_EQ(openPage(m_Merchant.bareInit(" TOKEN=\"t3\" EXPIRATION=\"20231114 23:13:20\"")).m_Status, 200);
 }
 
+TEST_F(Control, SetsTheClockOfAnAccountAlone) {
+    post("/control/accounts", {{"user", "shop"}, {"password", "p"}});
+    TestMerchant const shop("0-1002-shop");
+    askAuto("<KVX MSGTYPE=\"KeyExportRequest\" KEYID=\"0-1002-shop\" KEYBLOB=\"" + shop.blob() + "\"/>", "shop", "p");
+    std::string const inAnHour = " TOKEN=\"t1\" EXPIRATION=\"20231114 23:13:20\"";
+    openPage(m_Merchant.message("PayInit", inAnHour));
+    EXPECT_EQ(get("/pay" + shop.signedQuery(shop.message("PayInit", inAnHour))).m_Status, 200);
+    EXPECT_EQ(post("/control/clock", {{"ahead", 3601}, {"account", "shop"}}, 200),
+              (json{{"account", "shop"}, {"present", "2023-11-14T23:13:21Z"}, {"ahead", 3601}}));
+    EXPECT_EQ(payment("account=shop").at("state"), "expired");
+    EXPECT_EQ(payment("account=demo").at("state"), "opened");
+    json const clock = getJson("/control").at("clock");
+    EXPECT_EQ(clock.at("ahead"), 0);
+    ASSERT_EQ(clock.at("accounts").size(), 1u);
+    EXPECT_EQ(clock.at("accounts").at(0).at("ahead"), 3601);
+    post("/control/clock", {{"ahead", 3601}}, 200);
+    EXPECT_EQ(payment("account=demo").at("state"), "expired");
+    EXPECT_EQ(post("/control/clock", {{"ahead", nullptr}, {"account", "shop"}}, 200).at("ahead"), 3601);
+    EXPECT_FALSE(getJson("/control").at("clock").contains("accounts"));
+    EXPECT_THAT(error(jsonPost("/control/clock", "{\"ahead\":1,\"account\":\"nobody\"}"), 404), HasSubstr("'nobody'"));
+    EXPECT_THAT(error(jsonPost("/control/clock", "{\"ahead\":null}"), 400), HasSubstr("'ahead' is required"));
+    EXPECT_THAT(error(jsonPost("/control/clock", "{\"account\":\"shop\"}"), 400), HasSubstr("'ahead' is required"));
+}
+
 TEST_F(Control, RefusesClocksOutOfRange) {
     struct Row {
         char const* m_Body;
@@ -663,7 +740,8 @@ TEST_F(Control, ReportsTheMethodsOfAnAddress) {
                            {"/control/faults/7", "DELETE"},
                            {"/control/faults/kinds", "GET"},
                            {"/control/payments", "GET"},
-                           {"/control/exchanges", "GET"},
+                           {"/control/exchanges", "GET, DELETE"},
+                           {"/control/reset", "POST"},
                            {"/control/keys", "GET"},
                            {"/control/keys/rotate", "POST"},
                            {"/control/accounts", "POST"},

@@ -509,7 +509,7 @@ TEST_F(Dashboard, OffersEveryKindOfFault) {
     EXPECT_EQ(exchanges.size(), 13u);  // "other" has no faults
     EXPECT_THAT(exchanges, Not(Contains("other")));
     EXPECT_THAT(page.texts("//section[@aria-labelledby='arm']//label/input/@name"),
-                ElementsAre("order", "times", "seconds", "bytes", "status", "text", "megabytes"));
+                ElementsAre("account", "order", "times", "seconds", "bytes", "status", "text", "megabytes"));
 }
 
 TEST_F(Dashboard, KeepsWhatWasFilledInWhenAFaultIsRefused) {

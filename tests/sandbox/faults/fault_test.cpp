@@ -89,6 +89,8 @@ TEST(FaultText, IsReadAndWrittenAlike) {
              "drop",
              "truncate,exchange=capture,order=A-1,bytes=40",
              "truncate,bytes=0",
+             "error,exchange=setup,account=shop",
+             "drop,account=shop,order=A-1",
              "delay,times=3,seconds=0.25",
              "delay,times=always",
              "stall-inside,exchange=page,seconds=3600,bytes=9223372036854775807",

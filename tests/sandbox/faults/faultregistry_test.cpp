@@ -64,6 +64,22 @@ TEST(FaultRegistry, KeepsAFaultForItsOrder) {
     EXPECT_EQ(take(registry, ExchangeKind::kCapture, "A-2"), "drop");
 }
 
+TEST(FaultRegistry, KeepsAFaultForItsAccount) {
+    FaultRegistry registry;
+    registry.arm(parseFault("drop,account=one,order=A-1"));
+    EXPECT_FALSE(registry.take(ExchangeKind::kCapture, "A-1", "two"));
+    EXPECT_FALSE(registry.take(ExchangeKind::kCapture, "A-1", ""));
+    EXPECT_FALSE(registry.take(ExchangeKind::kCapture, "A-2", "one"));
+    EXPECT_TRUE(registry.take(ExchangeKind::kCapture, "A-1", "one"));
+    for (char const* fault : {"drop,account=one", "drop,account=two", "drop", "drop,account=one"}) {
+        registry.arm(parseFault(fault));
+    }
+    registry.liftAllOf("one");
+    ASSERT_EQ(registry.armed().size(), 2u);
+    EXPECT_EQ(registry.armed()[0].m_Fault.m_Account, "two");
+    EXPECT_EQ(registry.armed()[1].m_Fault.m_Account, "");
+}
+
 TEST(FaultRegistry, KeepsAFaultForTheExchangesItCanHappenTo) {
     FaultRegistry registry;
     registry.arm(parseFault("wrong-signature"));

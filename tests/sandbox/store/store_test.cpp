@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -189,6 +190,112 @@ TEST_F(StoreLists, AreReadWhileAnotherConnectionWrites) {
     EXPECT_EQ(m_Store.counts().m_Payments, 4);
     other.execute("COMMIT");
     EXPECT_THAT(ids(filter), IsEmpty());
+}
+
+TEST_F(StoreLists, LoseTheExchangesThatAreRemoved) {
+    for (int i = 0; i < 300; ++i) {
+        add(ExchangeKind::kPage, i % 3 == 0 ? "one" : "two", "A", "t1");
+    }
+    ExchangeFilter filter;
+    filter.m_Account = "one";
+    EXPECT_EQ(m_Store.removeExchanges(filter, {}), 100);
+    EXPECT_EQ(m_Store.counts().m_Exchanges, 200);
+    EXPECT_THAT(numbers(filter), IsEmpty());
+    Page page;
+    page.m_Before = 4;
+    EXPECT_EQ(m_Store.removeExchanges({}, page), 2);
+    EXPECT_EQ(m_Store.removeExchanges({}, {}), 198);
+    EXPECT_EQ(m_Store.counts().m_Exchanges, 0);
+    EXPECT_EQ(add(ExchangeKind::kPage, "one", "A", "t1"), 301) << "no number is given twice";
+}
+
+TEST_F(StoreLists, LoseThePaymentsOfAnAccountAlone) {
+    Notification notification;
+    notification.m_Payment = "P-one-t1";
+    ASSERT_TRUE(
+        m_Store.advance("P-one-t1", {PaymentState::kOpened}, {"now", PaymentState::kDeclined, ""}, notification));
+    EXPECT_EQ(m_Store.removePayments("one"), 2);
+    EXPECT_THAT(ids({}), ElementsAre("P-two-t1", "P-two-t2"));
+    EXPECT_EQ(m_Store.counts().m_Notifications, 0);
+    open("one", "t1");
+    EXPECT_EQ(m_Store.paymentById("P-one-t1")->m_Payment.m_Number, 5);
+    EXPECT_EQ(m_Store.paymentById("P-one-t1")->m_Payment.m_History.size(), 1u);
+    EXPECT_EQ(m_Store.removePayments(std::nullopt), 3);
+    EXPECT_EQ(m_Store.counts().m_Payments, 0);
+}
+
+class StoreRetention : public ::testing::Test {
+protected:
+    /// How many payments and exchanges are there after so many of each were added.
+    Counts after(int count, Retention retention, std::optional<Notification> const& notification = std::nullopt) {
+        Store store(m_Path, retention);
+        store.putAccount("one", "p");
+        for (int i = 0; i < count; ++i) {
+            StoredPayment fresh;
+            fresh.m_Payment.m_Id = fresh.m_Payment.m_Token = "P" + std::to_string(++m_Last);
+            fresh.m_Payment.m_Account = "one";
+            store.openPayment(fresh, "then");
+            if (notification && i == 0) {
+                Notification pending = *notification;
+                pending.m_Payment = fresh.m_Payment.m_Id;
+                store.advance(pending.m_Payment, {PaymentState::kOpened}, {"now", PaymentState::kDeclined, ""},
+                              pending);
+            }
+            store.addExchange({});
+        }
+        return store.counts();
+    }
+
+    TemporaryDirectory const m_Directory;
+    std::string const m_Path = m_Directory.path() + "/sandbox.db";
+    int m_Last = 0;
+};
+
+TEST_F(StoreRetention, KeepsAllWithoutALimit) {
+    EXPECT_EQ(after(200, {}).m_Exchanges, 200);
+}
+
+TEST_F(StoreRetention, KeepsTheNewestOnes) {
+    Retention retention;
+    retention.m_Newest = 50;
+    Counts const counts = after(64 * 4, retention);
+    EXPECT_EQ(counts.m_Exchanges, 50);
+    EXPECT_EQ(counts.m_Payments, 50);
+    Store store(m_Path);
+    EXPECT_FALSE(store.exchange(64 * 4 - 50));
+    EXPECT_TRUE(store.exchange(64 * 4));
+    EXPECT_FALSE(store.paymentById("P206"));
+    EXPECT_TRUE(store.paymentById("P207"));
+}
+
+TEST_F(StoreRetention, RemovesTheOldestAtTheStart) {
+    after(700, {});
+    Retention retention;
+    retention.m_Newest = 10;
+    Counts const counts = after(0, retention);
+    EXPECT_EQ(counts.m_Exchanges, 10);
+    EXPECT_EQ(counts.m_Payments, 10);
+}
+
+TEST_F(StoreRetention, KeepsWhatIsYoungEnough) {
+    after(64, {});
+    Database(m_Path).execute(
+        "UPDATE exchanges SET stored = stored - 100 WHERE number <= 60; "
+        "UPDATE payments SET stored = stored - 100 WHERE number <= 61");
+    Retention retention;
+    retention.m_Seconds = 50;
+    Counts const counts = after(0, retention);
+    EXPECT_EQ(counts.m_Exchanges, 4);
+    EXPECT_EQ(counts.m_Payments, 3);
+}
+
+TEST_F(StoreRetention, KeepsPaymentsWhoseMerchantIsToBeNotified) {
+    Retention retention;
+    retention.m_Newest = 1;
+    Counts const counts = after(64, retention, Notification{});
+    EXPECT_EQ(counts.m_Payments, 2);
+    EXPECT_EQ(counts.m_Notifications, 1);
+    EXPECT_TRUE(Store(m_Path).paymentById("P1"));
 }
 
 }  // namespace

@@ -87,8 +87,8 @@ TEST_F(EarlierLayout, KeepsPaymentsAndFindsThemByWhatTheyAreAbout) {
     EXPECT_EQ(found[0].attribute("EXPIRATION"), "20231114 22:13:20");
     ASSERT_EQ(found[0].m_History.size(), 1u);
     EXPECT_EQ(found[0].m_History[0].m_Note, "payment page asked for");
-    EXPECT_TRUE(store.paymentsToExpire(1700000000, 10).empty()) << "in time until the last second";
-    ASSERT_EQ(store.paymentsToExpire(1700000001, 10).size(), 1u);
+    EXPECT_TRUE(store.paymentsToExpire(1700000000, 10, {}).empty()) << "in time until the last second";
+    ASSERT_EQ(store.paymentsToExpire(1700000001, 10, {}).size(), 1u);
     EXPECT_EQ(store.merchantKey("key-1")->m_Customer, "1001");
     EXPECT_EQ(store.notificationsOf("P2").size(), 1u);
 }

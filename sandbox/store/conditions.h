@@ -1,0 +1,22 @@
+#ifndef TALLOWIN_SANDBOX_STORE_CONDITIONS_H
+#define TALLOWIN_SANDBOX_STORE_CONDITIONS_H
+
+#include <string>
+
+#include "sandbox/store/database.h"
+#include "sandbox/store/listing.h"
+
+/// The SQL that picks rows. Each text has a space before it and parameters for bind().
+namespace sandbox {
+
+/// The WHERE of a filter and the bounds of a page.
+std::string conditionsOf(ExchangeFilter const& filter);
+void bind(Statement& row, ExchangeFilter const& filter, Page const& page);
+
+/// What follows other conditions on the column `account`.
+std::string conditionsOf(AccountScope const& accounts);
+void bind(Statement& row, AccountScope const& accounts);
+
+}  // namespace sandbox
+
+#endif  // TALLOWIN_SANDBOX_STORE_CONDITIONS_H
