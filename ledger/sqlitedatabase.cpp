@@ -27,7 +27,9 @@ constexpr int kPrimaryCode = 0xFF;  // the low byte of an extended result code
 
 /// The result code for one of SQLite's, with the errno behind it.
 std::int32_t codeOf(int result, int systemError) {
-    bool const isQuota = systemError == EDQUOT || systemError == ENOSPC || systemError == EFBIG;
+    // A write that ends at a quota or at the largest size of a file often leaves no errno behind.
+    bool const isUnexplained = result == SQLITE_IOERR_WRITE && systemError == 0;
+    bool const isQuota = isUnexplained || systemError == EDQUOT || systemError == ENOSPC || systemError == EFBIG;
     switch (result & kPrimaryCode) {
         case SQLITE_BUSY:
         case SQLITE_LOCKED:
@@ -222,8 +224,10 @@ void SqliteDatabase::abandon() noexcept {
 
 void SqliteDatabase::fail() const {
     sqlite3* const connection = m_Connection.get();
-    throw Failure(codeOf(sqlite3_extended_errcode(connection), sqlite3_system_errno(connection)),
-                  m_Path + ": " + sqlite3_errmsg(connection));
+    int const systemError = sqlite3_system_errno(connection);
+    std::string const why = systemError == 0 ? "" : ": " + std::generic_category().message(systemError);
+    throw Failure(codeOf(sqlite3_extended_errcode(connection), systemError),
+                  m_Path + ": " + sqlite3_errmsg(connection) + why);
 }
 
 void SqliteDatabase::check(int result) const {

@@ -1,0 +1,203 @@
+// Several processes on one store: killed at every point, racing, forked.
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <thread>
+
+#include "tests/ledger/ledgersupport.h"
+#include "tests/support/processes.h"
+
+extern char** environ;
+
+using namespace kvxtest;
+
+namespace {
+
+/// What a process printed, and how it ended.
+struct Ended {
+    std::string m_Output;
+    int m_Signal = 0;
+    int m_Status = -1;
+};
+
+class Processes : public LedgerFlowTest {
+protected:
+    /// Starts the driver; its output goes to a file with that name.
+    pid_t start(std::string const& output, std::vector<std::string> const& command, int killAt = 0) const {
+        std::vector<std::string> words = {"/bin/sh",
+                                          "-c",
+                                          "out=$1; shift; exec \"$@\" >\"$out\"",
+                                          "sh",
+                                          m_Dir.file(output),
+                                          KVX_LEDGER_DRIVER,
+                                          store(),
+                                          shop().path(),
+                                          std::to_string(killAt)};
+        words.insert(words.end(), command.begin(), command.end());
+        std::vector<char*> arguments;
+        for (std::string& word : words) {
+            arguments.push_back(word.data());
+        }
+        arguments.push_back(nullptr);
+        pid_t process = -1;
+        EXPECT_EQ(::posix_spawn(&process, arguments[0], nullptr, nullptr, arguments.data(), environ), 0);
+        return process;
+    }
+
+    [[nodiscard]] Ended end(pid_t process, std::string const& output) const {
+        Ended ended;
+        int status = 0;
+        EXPECT_EQ(::waitpid(process, &status, 0), process);
+        ended.m_Signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+        ended.m_Status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        ended.m_Output = m_Dir.read(output);
+        return ended;
+    }
+
+    [[nodiscard]] Ended run(std::vector<std::string> const& command, int killAt = 0) const {
+        return end(start("output", command, killAt), "output");
+    }
+
+    /// Writes a file of confirmations for the driver.
+    std::string confirmations(std::vector<Returned> const& returned) const {
+        std::string text;
+        for (Returned const& each : returned) {
+            text += each.m_Data + "\n" + each.m_Signature + "\n";
+        }
+        m_Dir.write("confirmations", text);
+        return m_Dir.file("confirmations");
+    }
+
+    /// How many requests of the kind the service carried out for an order.
+    long carriedOut(std::string const& order, sandbox::ExchangeKind kind) {
+        long count = 0;
+        for (sandbox::Exchange const& exchange : service().exchanges()) {
+            count += exchange.m_Order == order && exchange.m_Kind == kind && exchange.m_Verdict == "ok" ? 1 : 0;
+        }
+        return count;
+    }
+
+    static int count(std::string const& output, std::string const& word) {
+        std::istringstream lines(output);
+        int found = 0;
+        for (std::string line; std::getline(lines, line);) {
+            found += line.compare(0, word.size(), word) == 0 ? 1 : 0;
+        }
+        return found;
+    }
+};
+
+TEST_F(Processes, LoseAndDoubleNothingWhenKilledAtAnyPoint) {
+    // One order for each point. Each command is killed there once, if it comes so far, and then run again.
+    int pointsMet = 0;
+    for (int point = 1; point <= 12; ++point) {
+        SCOPED_TRACE(point);
+        std::string const number = "K-" + std::to_string(point);
+        int told = 0;
+        Ended const begun = run({"begin", number}, point);
+        pointsMet += begun.m_Signal == SIGKILL ? 1 : 0;
+        Ended const again = run({"begin", number});
+        ASSERT_EQ(again.m_Status, 0);
+        if (begun.m_Signal == 0) {
+            EXPECT_EQ(begun.m_Output, again.m_Output);
+        }
+        std::string const url = again.m_Output.substr(0, again.m_Output.find('\n'));
+        std::string const file = confirmations({sandbox().shopper(url, "pay")});
+        Ended const confirmed = run({"confirm", file}, point);
+        pointsMet += confirmed.m_Signal == SIGKILL ? 1 : 0;
+        told += count(confirmed.m_Output, "PAID_NOW");
+        Ended const confirmedAgain = run({"confirm", file});
+        ASSERT_EQ(confirmedAgain.m_Status, 0);
+        told += count(confirmedAgain.m_Output, "PAID_NOW");
+        EXPECT_LE(told, 1);
+        Ended const worked = run({"run"}, point);
+        pointsMet += worked.m_Signal == SIGKILL ? 1 : 0;
+        ASSERT_EQ(run({"run"}).m_Status, 0);
+        EXPECT_EQ(m_Ledger.state(number), "completed");
+        EXPECT_EQ(carriedOut(number, sandbox::ExchangeKind::kCapture), 1);
+        EXPECT_EQ(carriedOut(number, sandbox::ExchangeKind::kComplete), 1);
+        EXPECT_NE(m_Ledger.order(number).at("told"), nullptr);
+    }
+    // Begin and confirm have two points each; the worker has two exchanges with six points each.
+    EXPECT_EQ(pointsMet, 2 + 2 + 12);
+}
+
+TEST_F(Processes, SayPaidNowOnceAmongThemAll) {
+    constexpr int kOrders = 20;
+    constexpr int kProcesses = 4;
+    std::vector<Returned> returned;
+    for (int order = 0; order < kOrders; ++order) {
+        Purchase purchase;
+        purchase.m_Number = "R-" + std::to_string(order);
+        returned.push_back(sandbox().shopper(m_Ledger.url(purchase), "pay"));
+    }
+    std::string const file = confirmations(returned);
+    std::vector<pid_t> processes;
+    for (int process = 0; process < kProcesses; ++process) {
+        processes.push_back(start("output" + std::to_string(process), {"confirm", file}));
+    }
+    std::string output;
+    for (int process = 0; process < kProcesses; ++process) {
+        Ended const ended = end(processes[static_cast<std::size_t>(process)], "output" + std::to_string(process));
+        EXPECT_EQ(ended.m_Status, 0);
+        output += ended.m_Output;
+    }
+    std::istringstream lines(output);
+    std::map<std::string, int> told;
+    for (std::string line; std::getline(lines, line);) {
+        told[line] += 1;
+    }
+    for (int order = 0; order < kOrders; ++order) {
+        EXPECT_EQ(told["PAID_NOW R-" + std::to_string(order)], 1) << order;
+    }
+    EXPECT_EQ(count(output, "KNOWN_ALREADY"), kOrders * (kProcesses - 1));
+}
+
+TEST_F(Processes, CaptureEachPaymentOnceHoweverManyWork) {
+    constexpr int kOrders = 12;
+    constexpr int kProcesses = 4;
+    std::vector<std::string> numbers;
+    for (int order = 0; order < kOrders; ++order) {
+        numbers.push_back("W-" + std::to_string(order));
+        pay(numbers.back());
+    }
+    std::vector<pid_t> processes;
+    for (int process = 0; process < kProcesses; ++process) {
+        // Their leases last: none takes over from another that is alive.
+        processes.push_back(start("output" + std::to_string(process), {"run-leased"}));
+    }
+    for (int process = 0; process < kProcesses; ++process) {
+        EXPECT_EQ(end(processes[static_cast<std::size_t>(process)], "output" + std::to_string(process)).m_Status, 0);
+    }
+    for (std::string const& number : numbers) {
+        EXPECT_EQ(m_Ledger.state(number), "completed");
+        EXPECT_EQ(carriedOut(number, sandbox::ExchangeKind::kCapture), 1) << number;
+        EXPECT_EQ(carriedOut(number, sandbox::ExchangeKind::kComplete), 1) << number;
+    }
+}
+
+TEST_F(Processes, RefuseTheHandlesOfTheirParent) {
+    if (!kMayForkBesideThreads) {
+        GTEST_SKIP() << "children of this process cannot allocate";
+    }
+    pay();
+    int const status = inChildProcess([&] {
+        std::int32_t size = 0;
+        std::int32_t done = 0;
+        bool const isRefused = Ledger_GetState(m_Ledger.get(), "A-17", &size, nullptr) == KVX_E_LEDGER_FORKED &&
+                               Ledger_RunDue(m_Ledger.get(), 1, &done) == KVX_E_LEDGER_FORKED;
+        DestroyLedger(m_Ledger.get());
+        bool const isGone = Ledger_GetState(m_Ledger.get(), "A-17", &size, nullptr) == KVX_E_BAD_HANDLE;
+        return isRefused && isGone ? 0 : 1;
+    });
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(m_Ledger.state(), "authorised") << "the parent's handle goes on";
+    EXPECT_EQ(m_Ledger.run(), 1);
+    EXPECT_EQ(m_Ledger.state(), "captured");
+}
+
+}  // namespace

@@ -1,0 +1,294 @@
+// The store: what cannot be opened, written or trusted, versions, options, handles, and the table of the lifecycle.
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <csignal>
+#include <filesystem>
+
+#include "ledger/lifecycle.h"
+#include "ledger/moneytable.h"
+#include "tests/ledger/ledgersupport.h"
+
+using namespace kvxtest;
+
+namespace {
+
+/// A connection of somebody else to the store.
+class Stranger {
+public:
+    explicit Stranger(std::string const& path) { EXPECT_EQ(sqlite3_open(path.c_str(), &m_Connection), SQLITE_OK); }
+    Stranger(Stranger const&) = delete;
+    Stranger& operator=(Stranger const&) = delete;
+    ~Stranger() { sqlite3_close(m_Connection); }
+
+    [[nodiscard]] int run(char const* sql) const { return sqlite3_exec(m_Connection, sql, nullptr, nullptr, nullptr); }
+
+private:
+    sqlite3* m_Connection = nullptr;
+};
+
+class StoreFile : public LedgerTest {
+protected:
+    [[nodiscard]] std::string path() const { return m_Dir.file("orders.db"); }
+};
+
+TEST_F(StoreFile, IsForItsOwnerAlone) {
+    struct stat status {};
+    ASSERT_EQ(::stat(path().c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777U, 0600U);
+}
+
+TEST_F(StoreFile, IsRefusedWhenItCannotBeOpened) {
+    struct Case {
+        std::string m_Store;
+        std::int32_t m_Code;
+    };
+    m_Dir.write("text",
+                "this is no database, and it is long enough to be one of another kind, for a hundred bytes and more");
+    m_Dir.write("folder/file", "");
+    Case const cases[] = {
+        {"sqlite:" + m_Dir.file("none/orders.db"), KVX_E_LEDGER_CANNOT_OPEN},
+        {"sqlite:" + m_Dir.file("folder"), KVX_E_LEDGER_CANNOT_OPEN},
+        {"sqlite:", KVX_E_LEDGER_CANNOT_OPEN},
+        {"oracle:x", KVX_E_LEDGER_CANNOT_OPEN},
+        {"", KVX_E_LEDGER_CANNOT_OPEN},
+        {"sqlite:" + m_Dir.file("text"), KVX_E_LEDGER_DAMAGED},
+    };
+    for (Case const& row : cases) {
+        LedgerHandle ledger;
+        EXPECT_EQ(ledger.open(row.m_Store, account()), row.m_Code) << row.m_Store << ": " << lastLedgerError();
+        std::int32_t size = 0;
+        EXPECT_EQ(Ledger_GetState(ledger.get(), "A", &size, nullptr), KVX_E_NO_CONTEXT);
+    }
+    LedgerHandle ledger;
+    EXPECT_EQ(ledger.open(store(), m_Dir.file("none")), KVX_E_CANNOT_OPEN);
+    EXPECT_FALSE(m_Dir.exists("none")) << "a directory that was never set up is not created";
+}
+
+TEST_F(StoreFile, OfANewerReleaseIsRefused) {
+    ASSERT_EQ(Stranger(path()).run("PRAGMA user_version = 2"), SQLITE_OK);
+    LedgerHandle ledger;
+    EXPECT_EQ(ledger.open(store(), account()), KVX_E_LEDGER_VERSION);
+    EXPECT_NE(lastLedgerError().find("version 2"), std::string::npos) << lastLedgerError();
+}
+
+TEST_F(StoreFile, OfAnotherProgramIsLeftAlone) {
+    std::string const other = m_Dir.file("other.db");
+    ASSERT_EQ(Stranger(other).run("CREATE TABLE mine (x)"), SQLITE_OK);
+    LedgerHandle ledger;
+    EXPECT_EQ(ledger.open("sqlite:" + other, account()), KVX_E_LEDGER_DAMAGED);
+    EXPECT_EQ(Stranger(other).run("SELECT x FROM mine"), SQLITE_OK);
+    EXPECT_NE(Stranger(other).run("SELECT id FROM orders"), SQLITE_OK);
+}
+
+TEST_F(StoreFile, WithAColonInFrontIsAFile) {
+    WorkingDirectory const here(m_Dir.path());
+    LedgerHandle ledger;
+    EXPECT_EQ(ledger.open("sqlite::memory:", account()), KVX_OK);
+    EXPECT_TRUE(m_Dir.exists(":memory:"));
+}
+
+TEST_F(StoreFile, ThatIsLockedMeansNothingAboutAnOrder) {
+    static_cast<void>(m_Ledger.url());
+    std::string const data = says("authorised");
+    LedgerHandle impatient;
+    impatient.option("BUSYSECONDS", "0");
+    openAgain(impatient);
+    Stranger const stranger(path());
+    ASSERT_EQ(stranger.run("BEGIN IMMEDIATE"), SQLITE_OK);
+    EXPECT_EQ(impatient.confirm(data, m_Signer.sign(data)).m_Code, KVX_E_LEDGER_BUSY);
+    Purchase other;
+    other.m_Number = "A-18";
+    std::string url;
+    EXPECT_EQ(impatient.begin(other, url), KVX_E_LEDGER_BUSY);
+    EXPECT_EQ(impatient.state(), "waiting") << "reading goes on";
+    ASSERT_EQ(stranger.run("ROLLBACK"), SQLITE_OK);
+    EXPECT_EQ(impatient.confirm(data, m_Signer.sign(data)).m_Outcome, "PAID_NOW");
+}
+
+TEST_F(StoreFile, ThatCannotGrowChangesNothing) {
+    static_cast<void>(m_Ledger.url());
+    std::string const data = says("authorised");
+    std::string const signature = m_Signer.sign(data);
+    // A file that may not grow ends a write with EFBIG, which the ledger reports as a full disk.
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
+    auto* const handler = std::signal(SIGXFSZ, SIG_IGN);
+    rlimit const none{0, before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &none), 0);
+    Confirmed const confirmed = m_Ledger.confirm(data, signature);
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);
+    std::signal(SIGXFSZ, handler);
+    EXPECT_EQ(confirmed.m_Code, KVX_E_LEDGER_FULL) << lastLedgerError();
+    EXPECT_EQ(m_Ledger.state(), "waiting");
+    EXPECT_EQ(m_Ledger.confirm(data, signature).m_Outcome, "PAID_NOW");
+}
+
+TEST_F(StoreFile, ThatIsDamagedSaysSo) {
+    static_cast<void>(m_Ledger.url());
+    { LedgerHandle const closed; }
+    std::string const copy = m_Dir.file("copy.db");
+    ASSERT_EQ(Stranger(path()).run(("VACUUM INTO '" + copy + "'").c_str()), SQLITE_OK);
+    std::string bytes = contentOf(copy);
+    for (std::size_t at = 4096; at < bytes.size(); ++at) {
+        bytes[at] = static_cast<char>(0x5A);
+    }
+    m_Dir.write("copy.db", bytes);
+    LedgerHandle ledger;
+    std::int32_t code = ledger.open("sqlite:" + copy, account());
+    if (code == KVX_OK) {
+        std::int32_t size = 0;
+        code = Ledger_GetState(ledger.get(), "A-17", &size, nullptr);
+    }
+    EXPECT_EQ(code, KVX_E_LEDGER_DAMAGED) << lastLedgerError();
+}
+
+TEST_F(StoreFile, KeepsItsEvidence) {
+    static_cast<void>(m_Ledger.url());
+    Stranger const stranger(path());
+    EXPECT_NE(stranger.run("UPDATE transitions SET cause = 'nothing'"), SQLITE_OK);
+    EXPECT_NE(stranger.run("DELETE FROM transitions"), SQLITE_OK);
+}
+
+TEST_F(StoreFile, SurvivesAnOpenOfMany) {
+    for (int index = 0; index < 20; ++index) {
+        LedgerHandle ledger;
+        openAgain(ledger);
+    }
+    EXPECT_NE(m_Ledger.url(), "");
+}
+
+TEST(LedgerHandles, AreRefusedWhenTheyAreNone) {
+    std::int32_t number = 0;
+    std::int32_t size = 0;
+    KVX_HANDLE out = nullptr;
+    KVX_HANDLE const destroyed = CreateLedger();
+    DestroyLedger(destroyed);
+    KVX_HANDLE const setup = CreateConfigurationSetup();
+    for (KVX_HANDLE const handle : {KVX_HANDLE{nullptr}, destroyed, setup, static_cast<KVX_HANDLE>(&number)}) {
+        EXPECT_EQ(Ledger_SetOption(handle, "CAPTURE", "1"), KVX_E_BAD_HANDLE);
+        EXPECT_EQ(Ledger_Open(handle, "sqlite:x", "."), KVX_E_BAD_HANDLE);
+        EXPECT_EQ(Ledger_CreateOrder(handle, "A", "1", "EUR", &out), KVX_E_BAD_HANDLE);
+        EXPECT_EQ(LedgerOrder_SetAttribute(handle, "A", "1"), KVX_E_BAD_HANDLE);
+        EXPECT_EQ(LedgerOrder_Begin(handle, &size, nullptr), KVX_E_BAD_HANDLE);
+        EXPECT_EQ(Ledger_Confirm(handle, "", "", "", &number, &size, nullptr), KVX_E_BAD_HANDLE);
+        EXPECT_EQ(Ledger_GetReason(handle, &number, &size, nullptr), KVX_E_BAD_HANDLE);
+        EXPECT_EQ(Ledger_NextPaid(handle, &size, nullptr), KVX_E_BAD_HANDLE);
+        EXPECT_EQ(Ledger_RunDue(handle, 1, &number), KVX_E_BAD_HANDLE);
+        EXPECT_EQ(Ledger_Resolve(handle, "A", "captured", "x"), KVX_E_BAD_HANDLE);
+        EXPECT_EQ(Ledger_GetState(handle, "A", &size, nullptr), KVX_E_BAD_HANDLE);
+        EXPECT_EQ(Ledger_GetOrder(handle, "A", &size, nullptr), KVX_E_BAD_HANDLE);
+        EXPECT_EQ(Ledger_ListOrders(handle, "", "", 1, &size, nullptr), KVX_E_BAD_HANDLE);
+        EXPECT_EQ(Ledger_ExportOrder(handle, "A", &size, nullptr), KVX_E_BAD_HANDLE);
+        DestroyLedger(handle);
+        DestroyLedgerOrder(handle);
+    }
+    DestroyConfigurationSetup(setup);
+}
+
+TEST(LedgerHandles, NeedAStoreForEverythingButOptions) {
+    LedgerHandle const ledger;
+    std::int32_t number = 0;
+    std::int32_t size = 0;
+    EXPECT_EQ(Ledger_Confirm(ledger.get(), "", "", "", &number, &size, nullptr), KVX_E_NO_CONTEXT);
+    EXPECT_EQ(Ledger_NextPaid(ledger.get(), &size, nullptr), KVX_E_NO_CONTEXT);
+    EXPECT_EQ(Ledger_RunDue(ledger.get(), 1, &number), KVX_E_NO_CONTEXT);
+    EXPECT_EQ(Ledger_Resolve(ledger.get(), "A", "captured", "x"), KVX_E_NO_CONTEXT);
+    EXPECT_EQ(Ledger_GetOrder(ledger.get(), "A", &size, nullptr), KVX_E_NO_CONTEXT);
+    EXPECT_EQ(Ledger_ListOrders(ledger.get(), "", "", 1, &size, nullptr), KVX_E_NO_CONTEXT);
+    EXPECT_EQ(Ledger_ExportOrder(ledger.get(), "A", &size, nullptr), KVX_E_NO_CONTEXT);
+}
+
+TEST(LedgerOptions, TakeTheirValuesOnly) {
+    struct Case {
+        char const* m_Name;
+        char const* m_Value;
+        bool m_IsTaken;
+    };
+    Case const cases[] = {
+        {"CAPTURE", "0", true},
+        {"CAPTURE", "2", false},
+        {"CAPTURE", "", false},
+        {"COMPLETE", "1", true},
+        {"CAPTUREIDEMPOTENT", "1", true},
+        {"JITTER", "yes", false},
+        {"STATUSTYPE", "", true},
+        {"STATUSATTRIBUTE", "", false},
+        {"AUTHORISED", "ok", true},
+        {"AUTHORISED", "", false},
+        {"RETRYBASE", "0", true},
+        {"RETRYBASE", "-1", false},
+        {"RETRYBASE", "1.5", false},
+        {"RETRYBASE", "", false},
+        {"RETRYMAX", "2147483647", true},
+        {"RETRYMAX", "2147483648", false},
+        {"NOW", "", true},
+        {"NOW", "1700000000000", true},
+        {"NOW", "soon", false},
+        {"NOW", "99999999999999999999", false},
+        {"capture", "1", false},
+        {"", "", false},
+        {"NOSUCH", "1", false},
+    };
+    LedgerHandle const ledger;
+    for (Case const& row : cases) {
+        EXPECT_EQ(Ledger_SetOption(ledger.get(), row.m_Name, row.m_Value),
+                  row.m_IsTaken ? KVX_OK : KVX_E_INVALID_OPTION)
+            << row.m_Name << "=" << row.m_Value;
+    }
+}
+
+TEST(LifecycleTable, HasOneStateForAStateAndAnEvent) {
+    int rows = 0;
+    for (ledger::StateRow const& from : ledger::kStates) {
+        EXPECT_EQ(ledger::stateNamed(from.m_Name), from.m_State);
+        for (ledger::EventRow const& event : ledger::kEvents) {
+            rows += ledger::stateAfter(from.m_State, event.m_Event) ? 1 : 0;
+        }
+    }
+    EXPECT_EQ(rows, static_cast<int>(std::size(ledger::kTransitions)));
+    EXPECT_EQ(ledger::stateNamed("nowhere"), std::nullopt);
+}
+
+TEST(LifecycleTable, NeverCapturesTwiceWithoutKnowing) {
+    // From every state in which a capture may have been sent, a capture is sent again only after the service, a person
+    // or the merchant's declaration has said that it may be.
+    for (ledger::TransitionRow const& row : ledger::kTransitions) {
+        bool const isInDoubt = row.m_From == ledger::State::kUnknown || row.m_From == ledger::State::kCapturing;
+        if (isInDoubt && row.m_To == ledger::State::kAuthorised) {
+            EXPECT_TRUE(row.m_Event == ledger::Event::kCaptureFailed ||
+                        row.m_Event == ledger::Event::kFoundAuthorised || row.m_Event == ledger::Event::kRepeated ||
+                        row.m_Event == ledger::Event::kResolvedAuthorised)
+                << ledger::nameOf(row.m_Event);
+        }
+    }
+}
+
+TEST(MoneyTable, SaysWhatTheCatalogueSays) {
+    struct Case {
+        std::int32_t m_Code;
+        bool m_MayHaveMoved;
+    };
+    Case const cases[] = {
+        {KVX_E_SOCKET_REFUSED, false},
+        {KVX_E_SOCKET_RESET, true},
+        {KVX_E_SERVER_ERROR, true},
+        {KVX_E_HTTP_NOT_FOUND, false},
+        {KVX_E_HTTP_FAMILY | 403, false},
+        {KVX_E_HTTP_FAMILY | 500, true},
+        {KVX_E_HTTP_FAMILY | 599, true},
+        {KVX_E_TLS_FAMILY | 0x800, true},
+        {KVX_E_CANNOT_OPEN, false},
+        {2, false},
+        {static_cast<std::int32_t>(0x80049999), true},
+        {5000, true},
+        {KVX_OK, true},
+    };
+    for (Case const& row : cases) {
+        EXPECT_EQ(ledger::mayHaveMovedMoney(row.m_Code), row.m_MayHaveMoved) << std::hex << row.m_Code;
+    }
+}
+
+}  // namespace
