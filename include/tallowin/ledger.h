@@ -34,7 +34,7 @@
  * NAMES      of orders have 1 to 64 characters, amounts 1 to 32, currencies 1 to 8, all from "!" to "~". Amounts are
  *            compared as texts, "12.5" is not "12.50".
  *
- * JSON       is UTF-8 without a byte above 0x7F. A byte above 0x7F in a text is written as \u0080 to \u00ff. Times are
+ * JSON       is plain ASCII. A byte above 0x7F in a text is written as the escape of U+0080 to U+00FF. Times are
  *            milliseconds since 1970 in UTC. docs/paid-once.md lists the members.
  */
 /* clang-format on */
