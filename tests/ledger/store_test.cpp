@@ -145,7 +145,7 @@ TEST_F(StoreFile, ThatIsDamagedSaysSo) {
     EXPECT_EQ(code, KVX_E_LEDGER_DAMAGED) << lastLedgerError();
 }
 
-TEST_F(StoreFile, KeepsItsEvidence) {
+TEST_F(StoreFile, LetsNobodyChangeItsEvidence) {
     static_cast<void>(m_Ledger.url());
     Stranger const stranger(path());
     EXPECT_NE(stranger.run("UPDATE transitions SET cause = 'nothing'"), SQLITE_OK);

@@ -280,7 +280,7 @@ TEST_F(Worker, WaitsForAPaymentThatIsStillOpenThere) {
     EXPECT_EQ(m_Ledger.history().size(), 1U);
 }
 
-TEST_F(Worker, KeepsAskingWhenTheServiceDoesNotAnswer) {
+TEST_F(Worker, AsksAgainWhenTheServiceDoesNotAnswer) {
     static_cast<void>(sandbox().shopper(m_Ledger.url(), "pay"));
     passExpiry();
     arm("reset,exchange=status,times=3");
