@@ -136,7 +136,7 @@ std::vector<OrderRow> Store::orders(Filter filter, std::string const& state, std
     static constexpr char kInState[] =
         "SELECT " LEDGER_ORDER_COLUMNS
         " FROM orders JOIN attempts ON order_id = id AND attempt = COALESCE(paid_attempt, newest_attempt)"
-        " WHERE id > $1 AND state = $2 ORDER BY id LIMIT $3";
+        " WHERE order_id > $1 AND state = $2 ORDER BY order_id LIMIT $3";
     Rows rows;
     switch (filter) {
         case Filter::kAll:

@@ -38,7 +38,7 @@ CREATE TABLE attempts (
   due_at          INTEGER,                      -- when the worker looks at it next, the end of a lease included; NULL: never
   lease_owner     TEXT,                         -- the worker that holds it until due_at; NULL: free
   PRIMARY KEY (order_id, attempt)
-) STRICT, WITHOUT ROWID;
+) STRICT;
 CREATE INDEX attempts_due ON attempts (due_at) WHERE due_at IS NOT NULL;
 CREATE INDEX attempts_state ON attempts (state, order_id);
 
