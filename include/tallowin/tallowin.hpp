@@ -34,7 +34,8 @@ public:
 class ResultError : public Error {
 public:
     /// Describes the failure `code` that `function` just returned on this thread.
-    ResultError(char const* function, std::int32_t code) : ResultError(function, code, lastReason(code)) {}
+    ResultError(char const* function, std::int32_t code)
+        : ResultError(function, code, lastReason(&KVX_GetLastErrorText, code)) {}
 
     /// The result code. A small positive number is the system's errno.
     std::int32_t code() const noexcept { return m_Code; }
@@ -57,19 +58,19 @@ public:
         return isHttp && (bits & kNumber) >= kMinStatus ? static_cast<int>(bits & kNumber) : 0;
     }
 
-private:
+protected:
     ResultError(char const* function, std::int32_t code, std::string reason)
         : Error(std::string(function) + ": " + reason + " (" + KVX_GetErrorName(code) + ", " + hexadecimal(code) + ")"),
           m_Function(function),
           m_Code(code),
           m_Reason(std::make_shared<std::string const>(std::move(reason))) {}
 
-    /// What the library says about this thread's last failure; the name of `code` when memory is exhausted there.
-    static std::string lastReason(std::int32_t code) {
+    /// What `read` says about this thread's last failure; the name of `code` when memory is exhausted there.
+    static std::string lastReason(std::int32_t (*read)(std::int32_t*, char*), std::int32_t code) {
         std::string text(512, '\0');
         for (;;) {
             auto size = static_cast<std::int32_t>(text.size());
-            std::int32_t const result = KVX_GetLastErrorText(&size, text.data());
+            std::int32_t const result = read(&size, text.data());
             if (result == KVX_OK) {
                 text.resize(static_cast<std::size_t>(size) - 1);
                 return text;
@@ -81,6 +82,7 @@ private:
         }
     }
 
+private:
     static std::string hexadecimal(std::int32_t code) {
         std::string digits = "0x";
         for (int shift = 28; shift >= 0; shift -= 4) {
@@ -141,9 +143,10 @@ struct Destroyer {
 template <void (*Destroy)(KVX_HANDLE)>
 using Handle = std::unique_ptr<void, Destroyer<Destroy>>;
 
-inline void check(char const* function, std::int32_t code) {
+template <typename Failure = ResultError>
+void check(char const* function, std::int32_t code) {
     if (code != KVX_OK) {
-        throw ResultError(function, code);
+        throw Failure(function, code);
     }
 }
 
@@ -152,7 +155,7 @@ inline KVX_HANDLE created(KVX_HANDLE handle) {
 }
 
 /// The text that `copy(size, buffer)` hands out. `room` is the first size to try.
-template <typename Copy>
+template <typename Failure = ResultError, typename Copy>
 std::string copied(char const* function, std::size_t room, Copy const& copy) {
     std::string text(room, '\0');
     for (;;) {
@@ -163,7 +166,7 @@ std::string copied(char const* function, std::size_t room, Copy const& copy) {
             return text;
         }
         if (code != KVX_E_BUFFER_TOO_SMALL || static_cast<std::size_t>(size) <= text.size()) {
-            throw ResultError(function, code);
+            throw Failure(function, code);
         }
         text.resize(static_cast<std::size_t>(size));
     }
