@@ -36,7 +36,7 @@ for path in "$include"/tallowin/*.h "$include"/tallowin/*.hpp; do
   header=$(basename "$path")
   [ "$header" != tallowin-ffi.h ] || continue # for readers with an int32_t of their own; below
   case $header in
-    codes.h | export.h | tallowin.h | version.h)
+    codes.h | export.h | ledger.h | tallowin.h | version.h)
       for compiler in "${cc[@]}"; do
         try "$header" c "$compiler" c99
         try "$header" c "$compiler" c11

@@ -137,7 +137,7 @@ TEST_F(CppLedgerSigned, RefusesWithReasonAndSentence) {
     EXPECT_EQ(amount.order(), "A-17");
 }
 
-TEST_F(CppLedgerSigned, KeepsAConfirmationWhoseKeyIsNotHereYet) {
+TEST_F(CppLedgerSigned, SaysThatAConfirmationIsKept) {
     tallowin::Ledger orders = ledger();
     (void)m_Ledger.url();
     makeKey("later");
