@@ -198,9 +198,10 @@ KVX_EXPORT int32_t Ledger_Confirm(KVX_HANDLE ledger, char const* messenger, char
  * KVX_E_NOT_FOUND, touching nothing: no confirmation has been examined yet. */
 KVX_EXPORT int32_t Ledger_GetReason(KVX_HANDLE ledger, int32_t* reason, int32_t* size, char* sentence);
 
-/* The names of outcomes and reasons without their prefix, such as "PAID_NOW" and "WRONG_AMOUNT"; static, "" for any
- * other number. Any thread. */
+/* The name of an outcome without its prefix, such as "PAID_NOW"; static, "" for any other number. Any thread. */
 KVX_EXPORT char const* Ledger_GetOutcomeName(int32_t outcome);
+
+/* The same for a reason, such as "WRONG_AMOUNT". */
 KVX_EXPORT char const* Ledger_GetReasonName(int32_t reason);
 
 /* Copies the number of one order that is paid and of which nobody has been told: the worker learned it from a status
