@@ -21,7 +21,7 @@ extern std::atomic<KvxLogState> g_KvxLogState;
 
 /// Whether anything may be logged.
 [[nodiscard]] inline bool kvxLogIsOn() noexcept {
-    KvxLogState const state = g_KvxLogState.load(std::memory_order_relaxed);
+    KvxLogState const state = g_KvxLogState.load(std::memory_order_acquire);
     return state == KvxLogState::kOn || (state == KvxLogState::kUnknown && kvxReadLogRequest());
 }
 

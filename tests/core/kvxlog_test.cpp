@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -183,6 +184,22 @@ TEST_F(Log, TakesWholeLinesOfThreadsAndProcesses) {
     for (std::string const& line : linesOf(contentOf(m_File + ".1") + content())) {
         EXPECT_TRUE(std::regex_match(line, whole)) << line;
     }
+}
+
+// Nothing but the request itself orders the two threads: what one has read of the environment, the other must see.
+TEST_F(Log, OfTheEnvironmentIsKnownToThreadsThatHaveNotReadIt) {
+    request(m_File);
+    std::atomic<bool> hasRead{false};
+    std::thread other([&] {
+        while (!hasRead.load(std::memory_order_relaxed)) {
+            std::this_thread::yield();
+        }
+        kvxLogFailure(kvxLogIsOn() ? 2 : 1, "");
+    });
+    EXPECT_TRUE(kvxLogIsOn());
+    hasRead.store(true, std::memory_order_relaxed);
+    other.join();
+    EXPECT_NE(content().find("FAILURE 0x00000002"), std::string::npos) << content();
 }
 
 TEST_F(Log, OfAnotherNameIsFollowed) {
