@@ -114,11 +114,7 @@ namespace detail {
 /// A NUL-terminated copy of an argument, wiped at its end: it may be a password.
 class Terminated {
 public:
-    explicit Terminated(std::string_view text) : m_Text(text) {
-        if (text.find('\0') != std::string_view::npos) {
-            throw std::invalid_argument("a text holds a zero byte");
-        }
-    }
+    explicit Terminated(std::string_view text) : m_Text(withoutZeroByte(text)) {}
     Terminated(Terminated const&) = delete;
     Terminated& operator=(Terminated const&) = delete;
     ~Terminated() {
@@ -130,6 +126,12 @@ public:
     char const* get() const noexcept { return m_Text.c_str(); }
 
 private:
+    /// Before anything is copied: a constructor that throws leaves its copy to no destructor.
+    static std::string_view withoutZeroByte(std::string_view text) {
+        return text.find('\0') == std::string_view::npos ? text
+                                                         : throw std::invalid_argument("a text holds a zero byte");
+    }
+
     std::string m_Text;
 };
 

@@ -7,8 +7,10 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <utility>
 
@@ -207,6 +209,17 @@ TEST_F(CppFace, PassesTextsOfAnyLengthAndRefusesZeroBytes) {
     EXPECT_THROW(message.setAttribute("TEXT", "a\0b"sv), std::invalid_argument);
     EXPECT_THROW(tallowin::MessageFactory("a\0b"sv), std::invalid_argument);
     EXPECT_EQ(message.getAttribute("TEXT").size(), 100000U);
+}
+
+/// It may be a password. A short one would lie in the object itself, whose memory is looked at here.
+TEST(CppFaceLibrary, LeavesNoCopyOfATextThatItRefuses) {
+    using Terminated = tallowin::detail::Terminated;
+    using namespace std::string_view_literals;
+    alignas(Terminated) char room[sizeof(Terminated)] = {};
+    EXPECT_THROW(new (room) Terminated("word\0rest"sv), std::invalid_argument);
+    std::string_view const memory(room, sizeof room);
+    EXPECT_EQ(memory.find("word"), std::string_view::npos);
+    EXPECT_EQ(memory.find("rest"), std::string_view::npos);
 }
 
 TEST(CppFaceLibrary, HasAVersion) {
