@@ -189,8 +189,9 @@ void kvxRecordFailure(KVX_Exception const& failure) noexcept {
     }
     std::memcpy(end, isShown ? "" : kHidden, isShown ? 1 : sizeof kHidden);
     if (hasCause && record->m_Cause.length() != 0) {
-        std::memcpy(end, ": ", 2);
-        std::memcpy(end + 2, record->m_Cause.text(), record->m_Cause.length() + 1);
+        constexpr char kSeparator[] = ": ";
+        std::memcpy(end, kSeparator, sizeof kSeparator);
+        std::memcpy(end + sizeof kSeparator - 1, record->m_Cause.text(), record->m_Cause.length() + 1);
     }
     record->m_HasCause = false;
     record->m_IsCurrent = true;

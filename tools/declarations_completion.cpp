@@ -95,10 +95,12 @@ std::string zshFunction(std::string const& name) {
 std::string zshOptions(DeclaredCommand const& command) {
     std::string out;
     for (DeclaredOption const& option : command.m_Options) {
+        std::string const value = option.m_Value.empty() ? "" : zshAction(option.m_Value);
+        std::string const repeated = option.m_Value.find('=') == std::string::npos ? "" : "*";
+        std::string const text = '[' + zshText(option.m_Text) + ']' + value;
         for (std::string const& name : option.m_Names) {
-            std::string const value = option.m_Value.empty() ? "" : zshAction(option.m_Value);
-            out += " \\\n    " + quoted((option.m_Value.find('=') == std::string::npos ? "" : "*") + name + '[' +
-                                        zshText(option.m_Text) + ']' + value);
+            std::string const argument = (repeated + name).append(text);
+            out += " \\\n    " + quoted(argument);
         }
     }
     return out;

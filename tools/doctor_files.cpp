@@ -316,16 +316,18 @@ bool examineDirectory(Examination const& examination) {
     for (std::string const& obstacle : obstaclesFor(SystemUser(user), path)) {
         report.problem("owner", obstacle, cure);
     }
+    std::string const command = "chown " + owner + ' ';
     for (char const* folder : kFolders) {
         std::string const place = path + folder;
+        std::string const prefix = place + '/';
         for (std::string const& name : filesIn(place)) {
-            std::string const file = place + '/' + name;
+            std::string const file = prefix + name;
             struct stat entry = {};
             if (fileStatus(file, entry) && entry.st_uid != status.st_uid) {
                 report.warning("owner",
                                file.substr(path.size() + 1) + " belongs to " + userName(entry.st_uid) +
                                    ", the directory to " + owner,
-                               "chown " + owner + " " + file);
+                               command + file);
             }
         }
     }
