@@ -91,10 +91,10 @@ void writeAttempt(JsonWriter& json, AttemptRow const& attempt) {
         .close('}');
 }
 
-void writeOrder(JsonWriter& json, OrderRow const& order, std::vector<AttemptRow> const& attempts) {
-    std::int64_t const standing = order.m_PaidAttempt.value_or(order.m_NewestAttempt);
+void writeOrder(JsonWriter& json, OrderRow const& order, AttemptRow const& standing,
+                std::vector<AttemptRow> const& attempts) {
     json.open('{');
-    writeOrderMembers(json, order, attempts.at(static_cast<std::size_t>(standing - 1)));
+    writeOrderMembers(json, order, standing);
     json.name("attributes").raw(order.m_Attributes);
     json.name("attempts").open('[');
     for (AttemptRow const& attempt : attempts) {
@@ -141,7 +141,7 @@ std::string OrderLedger::orderAsJson(std::string const& number) {
     Transaction const reading(store().database(), Database::Access::kRead);
     OrderRow const order = requireOrder(number);
     JsonWriter json;
-    writeOrder(json, order, store().attempts(order.m_Id));
+    writeOrder(json, order, standingAttempt(order), store().attempts(order.m_Id));
     return json.json();
 }
 
@@ -179,7 +179,7 @@ std::string OrderLedger::evidenceAsJson(std::string const& number) {
                                           "these bytes are those of message, each followed by 00, or by ff when it is "
                                           "80 or above"));
     json.name("order");
-    writeOrder(json, order, store().attempts(order.m_Id));
+    writeOrder(json, order, standingAttempt(order), store().attempts(order.m_Id));
     std::set<std::string> fingerprints;
     json.name("transitions").open('[');
     for (TransitionRecord const& record : records) {
