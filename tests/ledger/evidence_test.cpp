@@ -144,7 +144,9 @@ TEST_F(Evidence, HasTheFingerprintOfTheKeyFile) {
     std::string const keyId = service().serverKeyId();
     EXPECT_EQ(evidence.at("keys").at(0).at("keyId"), keyId);
     m_Dir.write("key.hex", shop().dir().read("keys/public/" + keyId));
-    EXPECT_EQ(shell("tr -d '\\n' < key.hex | xxd -r -p | openssl dgst -sha256 -r | cut -d' ' -f1 > fingerprint"), 0);
+    EXPECT_EQ(shell("python3 -c \"import sys; sys.stdout.buffer.write(bytes.fromhex(open('key.hex').read().strip()))\" "
+                    "| openssl dgst -sha256 -r | cut -d' ' -f1 > fingerprint"),
+              0);
     EXPECT_EQ(m_Dir.read("fingerprint"), evidence.at("keys").at(0).at("fingerprint").get<std::string>() + "\n");
 }
 

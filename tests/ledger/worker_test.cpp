@@ -367,6 +367,26 @@ TEST_F(Worker, TakesOverFromOneThatDied) {
     EXPECT_EQ(carriedOut(sandbox::ExchangeKind::kCapture), 2);
 }
 
+TEST_F(Worker, TakesOverAtOnceWhenTheClockWasSetBackAndSendsNothingTwice) {
+    pay();
+    std::int64_t const created = m_Ledger.order().at("created");
+    m_Ledger.option("NOW", std::to_string(created + 1000000000));
+    {
+        AtPoints const dies([](ledger::TestPoint point) {
+            if (point == ledger::TestPoint::kAfterSending) {
+                throw std::runtime_error("killed");
+            }
+        });
+        std::int32_t done = -1;
+        EXPECT_EQ(Ledger_RunDue(m_Ledger.get(), 1, &done), KVX_E_UNEXPECTED);
+    }
+    m_Ledger.option("NOW", std::to_string(created));
+    runAll();
+    EXPECT_EQ(m_Ledger.state(), "captured");
+    EXPECT_EQ(m_Ledger.history().back(), "unknown found_captured captured");
+    EXPECT_EQ(carriedOut(sandbox::ExchangeKind::kCapture), 1);
+}
+
 TEST_F(Worker, CountsASuccessThatComesAfterItsLease) {
     pay();
     LedgerHandle other;

@@ -3,7 +3,7 @@
 set -euo pipefail
 cd "$1"
 failed=0
-for folder in foundation xml core net api jni java sandbox diagnosis examples fuzz include cmake packaging scripts docs bindings/* tests/*/; do
+for folder in foundation xml core net api jni java ledger sandbox diagnosis examples fuzz include cmake packaging scripts docs bindings/* tests/*/; do
   folder=${folder%/}
   [ "$folder" != tests/data ] || continue
   [ -n "$(scripts/touched --files <<<"$folder/file")" ] || { echo "$folder: no label"; failed=1; }
