@@ -4,7 +4,6 @@
 // begun the order in the meantime, this message is dropped and the other URL returned.
 #include <algorithm>
 #include <cstddef>
-#include <cstdio>
 #include <ctime>
 
 #include "ledger/byteforms.h"
@@ -40,15 +39,22 @@ bool isNameCharacter(char character) {
 
 /// The time in "YYYYMMDD HH:MM:SS", UTC. Throws Failure when it is none.
 Time timeIn(std::string const& text) {
-    std::tm parts{};
-    int length = 0;
-    int const found = std::sscanf(text.c_str(), "%4d%2d%2d %2d:%2d:%2d%n", &parts.tm_year, &parts.tm_mon,
-                                  &parts.tm_mday, &parts.tm_hour, &parts.tm_min, &parts.tm_sec, &length);
-    if (found != 6 || static_cast<std::size_t>(length) != text.size()) {
+    static constexpr char kForm[] = "00000000 00:00:00";
+    bool isTime = text.size() == sizeof kForm - 1;
+    for (std::size_t at = 0; isTime && at < text.size(); ++at) {
+        isTime = kForm[at] == '0' ? text[at] >= '0' && text[at] <= '9' : text[at] == kForm[at];
+    }
+    if (!isTime) {
         throw Failure(KVX_E_UNEXPECTED, "the payment has the EXPIRATION \"" + printable(text) + "\"");
     }
-    parts.tm_year -= 1900;
-    parts.tm_mon -= 1;
+    auto const number = [&](std::size_t at, std::size_t digits) { return std::stoi(text.substr(at, digits)); };
+    std::tm parts{};
+    parts.tm_year = number(0, 4) - 1900;
+    parts.tm_mon = number(4, 2) - 1;
+    parts.tm_mday = number(6, 2);
+    parts.tm_hour = number(9, 2);
+    parts.tm_min = number(12, 2);
+    parts.tm_sec = number(15, 2);
     return static_cast<Time>(::timegm(&parts)) * kSecond;
 }
 
