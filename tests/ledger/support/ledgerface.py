@@ -62,7 +62,7 @@ class Ledger:
         except LedgerFailure:
             self.close()
             raise
-        # Made once: confirming is measured.
+        self.buffer = ctypes.create_string_buffer(32768)  # room for most texts
         self.number = ctypes.create_string_buffer(NUMBER_SIZE)
         self.outcome, self.size = ctypes.c_int32(), ctypes.c_int32()
 
@@ -124,8 +124,9 @@ class Ledger:
         return name_of(library.Ledger_Resolve(self.handle, number.encode(), state.encode(), note.encode()))
 
     def text(self, function, *arguments):
-        size = ctypes.c_int32(0)
-        code = function(self.handle, *arguments, ctypes.byref(size), None)
+        size = ctypes.c_int32(len(self.buffer))
+        text = self.buffer
+        code = function(self.handle, *arguments, ctypes.byref(size), text)
         while code == CODES["KVX_E_BUFFER_TOO_SMALL"]:
             text = ctypes.create_string_buffer(size.value)
             code = function(self.handle, *arguments, ctypes.byref(size), text)

@@ -1,5 +1,6 @@
 """A payment service whose every word the test chooses, and the merchant's account there. The keys are the test's own."""
 
+import copy
 import socket
 import threading
 
@@ -10,7 +11,7 @@ RESPONSE_SECONDS = 30
 
 class StubService:
     """Answers requests of captures, completions and states. `respond` is called with the request's attributes and
-    returns the body of the response, or None: the connection is closed without one.
+    returns the body of the response, a status, or None: the connection is closed without a response.
     """
 
     def __init__(self, respond):
@@ -45,7 +46,7 @@ class StubService:
         body = self.respond(attributes)
         if body is not None:
             try:
-                connection.sendall(b"HTTP/1.0 200 OK\r\nContent-Length: %d\r\n\r\n" % len(body) + body)
+                connection.sendall(response(body))
             except OSError:
                 pass  # the worker that asked has been killed
 
@@ -54,6 +55,11 @@ class StubService:
             connection.sendall(b"stop")
         self.thread.join(RESPONSE_SECONDS)
         self.listener.close()
+
+
+def response(answer):
+    status, body = (answer, b"") if isinstance(answer, int) else (200, answer)
+    return b"HTTP/1.0 %d Status\r\nContent-Length: %d\r\n\r\n" % (status, len(body)) + body
 
 
 class Account:
@@ -72,6 +78,12 @@ class Account:
         self.write("keys/private/own", private_blob(self.own))
         self.make_key("server")
         self.publish("server")
+
+    def moved_to(self, directory):
+        """The account of a copy of the directory."""
+        copied = copy.copy(self)
+        copied.directory = directory
+        return copied
 
     def write(self, name, text):
         """Replaces the file in one step."""
