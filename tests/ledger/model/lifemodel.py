@@ -69,6 +69,11 @@ class Said:
     signature: str = ""
 
 
+def is_to_be_told(order):
+    """Whether somebody has to deliver. Not while the service will not capture."""
+    return order.paid is not None and not order.is_told and order.paid.state != "capture_refused"
+
+
 class Model:
     def __init__(self, options, now):
         self.options = options
@@ -188,7 +193,7 @@ class Model:
 
     @staticmethod
     def tell(order, attempt, tell):
-        if order.paid is attempt and tell and not order.is_told:
+        if order.paid is attempt and tell and is_to_be_told(order):
             order.is_told = True
             return "PAID_NOW"
         return "KNOWN_ALREADY"
@@ -207,7 +212,7 @@ class Model:
 
     def next_paid(self):
         for order in self.orders.values():
-            if order.paid and not order.is_told:
+            if is_to_be_told(order):
                 order.is_told = True
                 return order.number
         return None
@@ -277,11 +282,12 @@ class Model:
             attempt.tries = attempt.refusals = 0
             self.move(attempt, kind + "_done", done)
         elif answer == "forbidden":
+            attempt.refusals = 0
             self.move(attempt, kind + "_failed", before)
             self.pause(attempt)
         elif answer != "killed":
             attempt.tries += 1
-            attempt.refusals += 1 if answer == "refused" else 0
+            attempt.refusals = attempt.refusals + 1 if answer == "refused" else 0
             self.move(attempt, kind + "_in_doubt", doubt)
             attempt.due = self.now + max(self.pause_of(attempt), self.seconds("SETTLESECONDS"))
 
