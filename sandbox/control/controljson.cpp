@@ -83,6 +83,10 @@ HttpResponse jsonResponse(int status, json const& content) {
 }
 
 void putBytes(json& object, std::string const& name, std::string const& bytes) {
+    if (std::all_of(bytes.begin(), bytes.end(), [](char byte) { return static_cast<unsigned char>(byte) < 0x80; })) {
+        object[name] = bytes;  // ASCII
+        return;
+    }
     std::string const shown =
         json::parse(json(bytes).dump(-1, ' ', false, json::error_handler_t::replace)).get<std::string>();
     object[name] = shown;
