@@ -131,7 +131,7 @@ TEST(SandboxProgram, EndsAtOnceOnASecondSignal) {
     EXPECT_EQ(program.status(), -1);
 }
 
-TEST(SandboxProgram, KeepsAsMuchAsItIsToldTo) {
+TEST(SandboxProgram, StoresAsMuchAsItIsToldTo) {
     TemporaryDirectory const directory;
     auto const exchanges = [&directory](std::vector<std::string> more) {
         more.insert(more.begin(), {"--data", directory.path(), "--json"});

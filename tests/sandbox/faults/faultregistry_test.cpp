@@ -64,7 +64,7 @@ TEST(FaultRegistry, KeepsAFaultForItsOrder) {
     EXPECT_EQ(take(registry, ExchangeKind::kCapture, "A-2"), "drop");
 }
 
-TEST(FaultRegistry, KeepsAFaultForItsAccount) {
+TEST(FaultRegistry, GivesAFaultToItsAccountOnly) {
     FaultRegistry registry;
     registry.arm(parseFault("drop,account=one,order=A-1"));
     EXPECT_FALSE(registry.take(ExchangeKind::kCapture, "A-1", "two"));

@@ -202,7 +202,7 @@ TEST_F(WrongContent, NeedsAPayment) {
     EXPECT_EQ(m_Service->faults().size(), 2u);
 }
 
-TEST(WrongValue, KeepsTheFormOfTheRightOne) {
+TEST(WrongValue, HasTheFormOfTheRightOne) {
     struct Row {
         char const* m_Kind;
         char const* m_Name;

@@ -251,11 +251,11 @@ protected:
     int m_Last = 0;
 };
 
-TEST_F(StoreRetention, KeepsAllWithoutALimit) {
+TEST_F(StoreRetention, RemovesNothingWithoutALimit) {
     EXPECT_EQ(after(200, {}).m_Exchanges, 200);
 }
 
-TEST_F(StoreRetention, KeepsTheNewestOnes) {
+TEST_F(StoreRetention, LeavesTheNewestOnes) {
     Retention retention;
     retention.m_Newest = 50;
     Counts const counts = after(64 * 4, retention);
@@ -277,7 +277,7 @@ TEST_F(StoreRetention, RemovesTheOldestAtTheStart) {
     EXPECT_EQ(counts.m_Payments, 10);
 }
 
-TEST_F(StoreRetention, KeepsWhatIsYoungEnough) {
+TEST_F(StoreRetention, LeavesWhatIsYoungEnough) {
     after(64, {});
     Database(m_Path).execute(
         "UPDATE exchanges SET stored = stored - 100 WHERE number <= 60; "
@@ -289,7 +289,7 @@ TEST_F(StoreRetention, KeepsWhatIsYoungEnough) {
     EXPECT_EQ(counts.m_Payments, 3);
 }
 
-TEST_F(StoreRetention, KeepsPaymentsWhoseMerchantIsToBeNotified) {
+TEST_F(StoreRetention, LeavesPaymentsWhoseMerchantIsToBeNotified) {
     Retention retention;
     retention.m_Newest = 1;
     Counts const counts = after(64, retention, Notification{});

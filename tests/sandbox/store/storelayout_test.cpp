@@ -77,7 +77,7 @@ protected:
     std::string const m_Path = m_Directory.path() + "/sandbox.db";
 };
 
-TEST_F(EarlierLayout, KeepsPaymentsAndFindsThemByWhatTheyAreAbout) {
+TEST_F(EarlierLayout, LeavesPaymentsAndFindsThemByWhatTheyAreAbout) {
     Store store(m_Path);
     PaymentFilter filter;
     filter.m_Order = "A-17";
