@@ -6,6 +6,7 @@
 
 #include <csignal>
 #include <filesystem>
+#include <thread>
 
 #include "ledger/lifecycle.h"
 #include "ledger/moneytable.h"
@@ -199,6 +200,24 @@ TEST(LedgerHandles, NeedAStoreForEverythingButOptions) {
     EXPECT_EQ(Ledger_GetOrder(ledger.get(), "A", &size, nullptr), KVX_E_NO_CONTEXT);
     EXPECT_EQ(Ledger_ListOrders(ledger.get(), "", "", 1, &size, nullptr), KVX_E_NO_CONTEXT);
     EXPECT_EQ(Ledger_ExportOrder(ledger.get(), "A", &size, nullptr), KVX_E_NO_CONTEXT);
+}
+
+TEST(LedgerHandles, HaveAReasonForEachThread) {
+    std::thread([] {
+        std::int32_t size = -7;
+        EXPECT_EQ(Ledger_GetLastErrorText(&size, nullptr), KVX_E_NOT_FOUND);
+        EXPECT_EQ(size, -7);
+        EXPECT_EQ(Ledger_SetOption(nullptr, "CAPTURE", "1"), KVX_E_BAD_HANDLE);
+        EXPECT_EQ(lastLedgerError().find("KVX_E_BAD_HANDLE: "), 0U);
+        LedgerHandle const ledger;
+        EXPECT_EQ(Ledger_SetOption(ledger.get(), "CAPTURE", "1"), KVX_OK);
+        EXPECT_EQ(lastLedgerError().find("KVX_E_BAD_HANDLE: "), 0U) << "calls that succeed leave it alone";
+        size = 3;
+        char text[] = "ab";
+        EXPECT_EQ(Ledger_GetLastErrorText(&size, text), KVX_E_BUFFER_TOO_SMALL);
+        EXPECT_STREQ(text, "ab");
+        EXPECT_EQ(Ledger_GetLastErrorText(nullptr, text), KVX_E_BUFFER_TOO_SMALL);
+    }).join();
 }
 
 TEST(LedgerOptions, TakeTheirValuesOnly) {

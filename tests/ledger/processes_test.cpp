@@ -34,7 +34,7 @@ protected:
                                           "sh",
                                           m_Dir.file(output),
                                           KVX_LEDGER_DRIVER,
-                                          store(),
+                                          m_Store,
                                           shop().path(),
                                           std::to_string(killAt)};
         words.insert(words.end(), command.begin(), command.end());
@@ -81,6 +81,8 @@ protected:
         return count;
     }
 
+    std::string m_Store = store();  ///< What the driver opens.
+
     static int count(std::string const& output, std::string const& word) {
         std::istringstream lines(output);
         int found = 0;
@@ -124,6 +126,23 @@ TEST_F(Processes, LoseAndDoubleNothingWhenKilledAtAnyPoint) {
     }
     // Begin and confirm have two points each; the worker has two exchanges with six points each.
     EXPECT_EQ(pointsMet, 2 + 2 + 12);
+}
+
+TEST_F(Processes, MayAllCreateTheStore) {
+    constexpr int kProcesses = 6;
+    m_Store = "sqlite:" + m_Dir.file("fresh.db");
+    std::vector<pid_t> processes;
+    for (int process = 0; process < kProcesses; ++process) {
+        std::string const name = std::to_string(process);
+        processes.push_back(start("output" + name, {"begin", "N-" + name}));
+    }
+    for (int process = 0; process < kProcesses; ++process) {
+        EXPECT_EQ(end(processes[static_cast<std::size_t>(process)], "output" + std::to_string(process)).m_Status, 0);
+    }
+    LedgerHandle ledger;
+    ASSERT_EQ(ledger.open(m_Store, shop().path()), KVX_OK);
+    EXPECT_EQ(ledger.numbers("").size(), static_cast<std::size_t>(kProcesses));
+    EXPECT_EQ(ledger.numbers("waiting").size(), static_cast<std::size_t>(kProcesses));
 }
 
 TEST_F(Processes, SayPaidNowOnceAmongThemAll) {
