@@ -85,8 +85,15 @@ std::int32_t OrderLedger::tryKept(std::int32_t limit) {
             Confirmation const confirmation{"kept " + kept.m_Messenger, kept.m_Data, kept.m_Signature};
             std::optional<Message> message;
             Result const result = account().verify(kept.m_Data, kept.m_Signature, message);
-            if (!refusalOfVerification(result, confirmation)) {
-                examineVerified(confirmation, message.value(), nullptr, at);
+            try {
+                if (!refusalOfVerification(result, confirmation)) {
+                    examineVerified(confirmation, message.value(), nullptr, at);
+                }
+            } catch (Failure const& failure) {
+                if (failure.code() == result.m_Code) {
+                    continue;  // the key's file is broken, which must not keep the worker from its other jobs
+                }
+                throw;
             }
             inTransaction([&] {
                 store().removeKept(kept.m_Id);

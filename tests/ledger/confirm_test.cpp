@@ -140,6 +140,15 @@ TEST_F(Confirm, RefusesWhatIsNotSignedByTheService) {
     expectRefused("OWN_KEY", own, signature);
 }
 
+TEST_F(Confirm, RefusesSignaturesOfEveryLength) {
+    std::string const data = says("authorised");
+    for (std::size_t const length : {1U, 2U, 3U, 127U, 128U, 129U, 130U, 1024U, 4095U, 4096U}) {
+        for (char const digit : {'0', 'f'}) {
+            expectRefused("BAD_SIGNATURE", data, std::string(length, digit));
+        }
+    }
+}
+
 TEST_F(Confirm, RefusesWhatIsTooLarge) {
     std::string const data = says("authorised", {{"NOTE", std::string(20001, 'x')}});
     expectRefused("TOO_LARGE", data, m_Signer.sign(data));
@@ -264,6 +273,18 @@ TEST_F(Confirm, DropsKeptOnesThatTurnOutToBeForged) {
     EXPECT_EQ(m_Ledger.run(), 1);
     EXPECT_EQ(m_Ledger.state(), "waiting");
     EXPECT_EQ(m_Ledger.run(), 0);
+}
+
+TEST_F(Confirm, DoesNotStopTheWorkerWithAKeyThatIsBroken) {
+    makeKey("next");
+    std::string const data = says("authorised", {{"KEYID", "next"}});
+    EXPECT_EQ(confirm(data, "next").m_Outcome, "KEPT");
+    m_Dir.write("account/keys/public/next", "no key");
+    EXPECT_EQ(m_Ledger.run(), 0);
+    publishKey("next", true);
+    m_Ledger.option("CAPTURE", "0");
+    EXPECT_EQ(m_Ledger.run(), 1);
+    EXPECT_EQ(m_Ledger.state(), "authorised");
 }
 
 TEST_F(Confirm, ChangesNothingWhenTheNumberDoesNotFit) {
