@@ -33,6 +33,14 @@ exported=$(nm -D --defined-only "$library" | sed -nE 's/^[0-9a-f]+ T ([A-Za-z_]+
 declared=$(sed -nE 's/^KVX_EXPORT [A-Za-z0-9_ *]*[ *]([A-Z][A-Za-z]*(_[A-Za-z]+)?)\(.*/\1/p' "$prefix/include/tallowin/ledger.h" | sort)
 [ "$exported" = "$declared" ] || complain "exported and declared differ: $(diff <(echo "$exported") <(echo "$declared") || true)"
 
+# The header compiles alone, in both languages.
+echo '#include <tallowin/ledger.h>' > "$work/alone.c"
+for language in 'c c99' 'c c11' 'c++ c++17' 'c++ c++20'; do
+  read -r name standard <<< "$language"
+  "$CC" -x "$name" "-std=$standard" -pedantic -Wall -Wextra -Werror -I "$prefix/include" -fsyntax-only "$work/alone.c" ||
+    complain "ledger.h does not compile alone as $standard"
+done
+
 cat > "$work/program.c" <<'END'
 #include <tallowin/ledger.h>
 int main(void) {
