@@ -1,0 +1,269 @@
+"""A shop whose processes are killed at any time, before a service with faults: nothing is told, lost or captured twice.
+
+In each round four processes begin orders, confirm and work on one store, and each is killed after a random number of calls.
+KVX_LEDGER_KILLS is the number of kills, KVX_LEDGER_SEED the seed.
+"""
+
+import ctypes
+import json
+import os
+import pathlib
+import random
+import select
+import signal
+import sqlite3
+import tempfile
+import time
+import unittest
+import urllib.parse
+import urllib.request
+
+from ledgerface import Ledger, LedgerFailure, library, require
+from merchant import Page, Transport, attributes_of
+from sandboxcase import parameters
+from sandboxprocess import SandboxProcess
+
+KILLS = int(os.environ.get("KVX_LEDGER_KILLS", "100"))
+SEED = int(os.environ.get("KVX_LEDGER_SEED", "0")) or random.randrange(1, 10**9)
+ROLES = ("begin", "confirm", "work", "work")
+MAX_CALLS = 12
+WAIT_SECONDS = 10
+RESPONSE_SECONDS = 30
+CHILD_SECONDS = 120
+LEASE_SECONDS = 300
+LIFETIME_SECONDS = 9999999  # of a payment: no round comes so far
+LAST_PASSES = 100
+OPTIONS = {"COMPLETE": 1, "STATUSTYPE": "Status", "SETTLESECONDS": 0, "RETRYBASE": 1, "RETRYMAX": 1,
+           "MAXREFUSALS": 1000000, "LEASESECONDS": LEASE_SECONDS, "BUSYSECONDS": 60}
+FAULTS = ({"kind": "reset"}, {"kind": "drop"}, {"kind": "error"}, {"kind": "truncate", "bytes": 40},
+          {"kind": "wrong-type"}, {"kind": "twice"}, {"kind": "http-status", "status": 403},
+          {"kind": "http-status", "status": 500}, {"kind": "no-blank-line"})
+LINKS = {name: "http://shop.example/back" for name in ("SUCCESSLINK", "FAILLINK", "BACKLINK")}
+
+
+def set_up(directory, address):
+    """Registers with the sandbox."""
+    library.CreateConfigurationSetup.restype = ctypes.c_void_p
+    library.ConfigurationSetup_SetConfiguration.argtypes = [ctypes.c_void_p, ctypes.c_char_p]
+    library.ConfigurationSetup_Reconfigure.argtypes = [ctypes.c_void_p] + 3 * [ctypes.c_char_p]
+    library.DestroyConfigurationSetup.argtypes = [ctypes.c_void_p]
+    setup = library.CreateConfigurationSetup()
+    try:
+        require(library.ConfigurationSetup_SetConfiguration(setup, str(directory).encode()))
+        require(library.ConfigurationSetup_Reconfigure(setup, address.encode(), b"demo", b"demo"))
+    finally:
+        library.DestroyConfigurationSetup(setup)
+    defaults = directory / "default.xml"
+    text = defaults.read_text()
+    before, rest = text.split('PAYINITTTL="', 1)
+    defaults.write_text(f'{before}PAYINITTTL="{LIFETIME_SECONDS}"{rest[rest.index(chr(34)) + 1:]}')
+
+
+class Child:
+    """A process that does the same work for ever, and writes a byte into a pipe after each call."""
+
+    def __init__(self, work):
+        self.progress, writing = os.pipe()
+        self.process = os.fork()
+        if self.process == 0:
+            signal.alarm(CHILD_SECONDS)
+            try:
+                work(lambda: os.write(writing, b"."))
+            except BaseException as failure:
+                os.write(2, f"a process of the shop failed: {failure!r}\n".encode())
+            finally:
+                os._exit(1)
+        os.close(writing)
+
+    def kill(self, calls, seconds):
+        """Kills it after so many calls and a part of one."""
+        while calls > 0 and select.select([self.progress], [], [], WAIT_SECONDS)[0]:
+            done = os.read(self.progress, calls)
+            if not done:
+                break
+            calls -= len(done)
+        time.sleep(seconds)
+        os.kill(self.process, signal.SIGKILL)
+        _, status = os.waitpid(self.process, 0)
+        os.close(self.progress)
+        return os.WIFSIGNALED(status) and os.WTERMSIG(status) == signal.SIGKILL
+
+
+class LedgerKills(unittest.TestCase):
+    def setUp(self):
+        memory = "/dev/shm"
+        temporary = tempfile.TemporaryDirectory(prefix="tallowin-tests-",
+                                                dir=memory if os.access(memory, os.W_OK) else None)
+        self.addCleanup(temporary.cleanup)
+        self.place = pathlib.Path(temporary.name)
+        self.sandbox = SandboxProcess(self.place / "service")
+        self.addCleanup(self.sandbox.discard)
+        addresses = self.sandbox.addresses()
+        self.control = addresses["control"]
+        self.transport = Transport()
+        self.account = self.place / "account"
+        set_up(self.account, addresses["auto"])
+        self.chance = random.Random(SEED)
+        self.now = int(time.time() * 1000)
+        self.told_log = self.place / "told"
+        self.url_log = self.place / "urls"
+        self.told_log.touch()
+        self.url_log.touch()
+        self.confirmations = []
+        self.decided = set()
+        self.captures = {}  # how many captures of each token the service has carried out
+        self.exchange = 0
+        self.open().close()
+
+    def open(self):
+        return Ledger(self.place / "orders.db", self.account, NOW=self.now, **OPTIONS)
+
+    def ask(self, path, body=None, method=None):
+        request = urllib.request.Request(self.control + path, None if body is None else json.dumps(body).encode(),
+                                         {"Content-Type": "application/json"}, method=method)
+        with urllib.request.urlopen(request, timeout=RESPONSE_SECONDS) as response:
+            return json.loads(response.read() or b"{}")
+
+    # The processes of the shop
+
+    def begin(self, numbers):
+        def work(step):
+            ledger = self.open()
+            log = os.open(self.url_log, os.O_WRONLY | os.O_APPEND)
+            while True:
+                for number in numbers:
+                    try:
+                        url = ledger.begin(number, attributes=LINKS)
+                        os.write(log, f"{number} {url}\n".encode())
+                    except LedgerFailure as failure:
+                        if failure.name != "KVX_E_LEDGER_PAID":
+                            raise
+                    step()
+        return work
+
+    def confirm(self, confirmations):
+        def work(step):
+            ledger = self.open()
+            log = os.open(self.told_log, os.O_WRONLY | os.O_APPEND)
+            while True:
+                for data, signature in confirmations:
+                    outcome, _, number = ledger.confirm(data, signature, "notification")
+                    if outcome == "PAID_NOW":
+                        os.write(log, f"{number}\n".encode())
+                    step()
+                if not confirmations:
+                    step()
+        return work
+
+    def work(self):
+        def work(step):
+            ledger = self.open()
+            log = os.open(self.told_log, os.O_WRONLY | os.O_APPEND)
+            while True:
+                ledger.run(1)
+                number = ledger.next_paid()
+                if number is not None:
+                    os.write(log, f"{number}\n".encode())
+                step()
+        return work
+
+    # The shoppers
+
+    def shop(self):
+        """Decides most of the payments whose URL is out. Some confirmations are lost."""
+        for line in self.url_log.read_text().splitlines():
+            number, url = line.split(" ")
+            if url in self.decided or self.chance.random() < 0.2:
+                continue
+            self.decided.add(url)
+            decision = self.chance.choice(("pay",) * 8 + ("decline", "cancel"))
+            page = Page(self.transport.browse(url))
+            answer = self.transport.browse(urllib.parse.urljoin(url, page.action), {**page.fields, "decision": decision})
+            self.assertEqual(answer.status, 302, number)
+            if self.chance.random() < 0.85:
+                data, signature = parameters(answer.location)
+                self.confirmations.append((data.encode(), signature))
+
+    def arm_faults(self):
+        for _ in range(self.chance.randrange(4)):
+            self.ask("/faults", {**self.chance.choice(FAULTS),
+                                 "exchange": self.chance.choice(("capture", "complete", "status"))})
+
+    def count_captures(self):
+        for exchange in self.ask(f"/exchanges?after={self.exchange}")["exchanges"]:
+            self.exchange = max(self.exchange, exchange["number"])
+            if exchange["kind"] == "capture" and exchange["verdict"] == "ok":
+                token = attributes_of(exchange["data"].encode())["TOKEN"]
+                self.captures[token] = self.captures.get(token, 0) + 1
+
+    def play_round(self, index):
+        """How many processes were killed."""
+        self.arm_faults()
+        numbers = [f"K-{index}-{place}" for place in range(3)]
+        numbers += [f"K-{self.chance.randrange(index + 1)}-{place}" for place in range(2)]
+        offered = self.confirmations[-10:] + self.chance.sample(self.confirmations, min(5, len(self.confirmations)))
+        self.chance.shuffle(offered)
+        works = {"begin": self.begin(numbers), "confirm": self.confirm(offered), "work": self.work()}
+        children = [Child(works[role]) for role in ROLES]
+        self.chance.shuffle(children)
+        killed = sum(child.kill(self.chance.randrange(MAX_CALLS), self.chance.random() / 300) for child in children)
+        self.now += (LEASE_SECONDS + 1) * 1000
+        self.shop()
+        self.count_captures()
+        return killed
+
+    def last_pass(self):
+        """After the restart: no more faults, no more kills, and long enough after everything has expired."""
+        self.ask("/faults", method="DELETE")
+        self.ask("/clock", {"ahead": 2 * LIFETIME_SECONDS})
+        self.now += 2 * LIFETIME_SECONDS * 1000
+        told = []
+        with self.open() as ledger:
+            for data, signature in self.confirmations[-10:]:
+                outcome, _, number = ledger.confirm(data, signature)
+                told += [number] if outcome == "PAID_NOW" else []
+            for _ in range(LAST_PASSES):
+                while ledger.run(1000) > 0:
+                    pass
+                self.now += (LEASE_SECONDS + 1) * 1000
+                ledger.option("NOW", self.now)
+                if not ledger.numbers("waiting") + ledger.numbers("unknown") + ledger.numbers("completion_unknown"):
+                    break
+            number = ledger.next_paid()
+            while number is not None:
+                told.append(number)
+                number = ledger.next_paid()
+            return told, [ledger.order(number) for number in ledger.numbers("")]
+
+    def test_double_and_lose_nothing(self):
+        killed, index = 0, 0
+        while killed < KILLS:
+            died = self.play_round(index)
+            self.assertEqual(died, len(ROLES), f"seed {SEED}, round {index}: a process ended by itself")
+            killed += died
+            index += 1
+        told, orders = self.last_pass()
+        self.count_captures()
+        told += self.told_log.read_text().split()
+        states = {attempt["token"]: attempt["state"] for order in orders for attempt in order["attempts"]}
+        payments = {payment["token"]: payment["state"] for payment in self.ask("/payments")["payments"]}
+        print(f"seed {SEED}: {killed} kills, {len(orders)} orders, {len(payments)} payments, "
+              f"{sum(self.captures.values())} captures, {len(told)} told", flush=True)
+        self.assertEqual([number for number in set(told) if told.count(number) > 1], [], "told twice")
+        paid = [order["number"] for order in orders if order["paid"]]
+        self.assertGreater(len(paid), 0)
+        self.assertLessEqual(set(told), set(paid))
+        self.assertEqual([order["number"] for order in orders if order["paid"] and order["told"] is None], [])
+        self.assertLessEqual(len(paid) - len(told), killed, "a kill can swallow one word at most")
+        self.assertEqual({token: count for token, count in self.captures.items() if count > 1}, {}, "captured twice")
+        expected = {"completed": {"completed"}, "authorised": {"surplus"}, "declined": {"declined"},
+                    "cancelled": {"cancelled"}, "expired": {"expired"}}
+        wrong = {token: (state, states.get(token)) for token, state in payments.items()
+                 if states.get(token) not in expected.get(state, set())}
+        self.assertEqual(wrong, {}, "the service and the ledger differ")
+        with sqlite3.connect(self.place / "orders.db") as store:
+            self.assertEqual(store.execute("PRAGMA integrity_check").fetchall(), [("ok",)])
+
+
+if __name__ == "__main__":
+    unittest.main()
