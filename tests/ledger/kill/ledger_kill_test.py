@@ -59,6 +59,17 @@ def set_up(directory, address):
     defaults.write_text(f'{before}PAYINITTTL="{LIFETIME_SECONDS}"{rest[rest.index(chr(34)) + 1:]}')
 
 
+def write_line(log, *words):
+    """Words into a log that survives a kill, which may cut the line short."""
+    os.write(log, ("\n" + " ".join(words) + " .\n").encode())
+
+
+def lines_of(log):
+    """The words of each whole line."""
+    lines = [line.split(" ") for line in log.read_text().splitlines()]
+    return [words[:-1] for words in lines if len(words) > 1 and words[-1] == "."]
+
+
 class Child:
     """A process that does the same work for ever, and writes a byte into a pipe after each call."""
 
@@ -134,7 +145,7 @@ class LedgerKills(unittest.TestCase):
                 for number in numbers:
                     try:
                         url = ledger.begin(number, attributes=LINKS)
-                        os.write(log, f"{number} {url}\n".encode())
+                        write_line(log, number, url)
                     except LedgerFailure as failure:
                         if failure.name != "KVX_E_LEDGER_PAID":
                             raise
@@ -149,7 +160,7 @@ class LedgerKills(unittest.TestCase):
                 for data, signature in confirmations:
                     outcome, _, number = ledger.confirm(data, signature, "notification")
                     if outcome == "PAID_NOW":
-                        os.write(log, f"{number}\n".encode())
+                        write_line(log, number)
                     step()
                 if not confirmations:
                     step()
@@ -163,7 +174,7 @@ class LedgerKills(unittest.TestCase):
                 ledger.run(1)
                 number = ledger.next_paid()
                 if number is not None:
-                    os.write(log, f"{number}\n".encode())
+                    write_line(log, number)
                 step()
         return work
 
@@ -171,8 +182,7 @@ class LedgerKills(unittest.TestCase):
 
     def shop(self):
         """Decides most of the payments whose URL is out. Some confirmations are lost."""
-        for line in self.url_log.read_text().splitlines():
-            number, url = line.split(" ")
+        for number, url in lines_of(self.url_log):
             if url in self.decided or self.chance.random() < 0.2:
                 continue
             self.decided.add(url)
@@ -244,7 +254,7 @@ class LedgerKills(unittest.TestCase):
             index += 1
         told, orders = self.last_pass()
         self.count_captures()
-        told += self.told_log.read_text().split()
+        told += [number for number, in lines_of(self.told_log)]
         states = {attempt["token"]: attempt["state"] for order in orders for attempt in order["attempts"]}
         payments = {payment["token"]: payment["state"] for payment in self.ask("/payments")["payments"]}
         print(f"seed {SEED}: {killed} kills, {len(orders)} orders, {len(payments)} payments, "
