@@ -48,6 +48,7 @@ void declareProgram(CommandLine& line) {
     addSet(line);
     addShow(line);
     addKeys(line);
+    addOrders(line);
     addDoctor(line);
     addExplain(line);
     addSandbox(line);

@@ -47,6 +47,7 @@ void addDoctor(CommandLine& line);
 void addExplain(CommandLine& line);
 void addGet(CommandLine& line);
 void addKeys(CommandLine& line);
+void addOrders(CommandLine& line);  ///< In a build without the ledger it adds nothing.
 void addPay(CommandLine& line);
 void addRequest(CommandLine& line);
 void addSandbox(CommandLine& line);

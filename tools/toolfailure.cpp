@@ -37,6 +37,12 @@ ToolFailure::ToolFailure(std::string const& doing, std::int32_t code, std::strin
       m_Reason(lastReason()),
       m_MayHaveHappened(mayHaveHappened) {}
 
+ToolFailure ToolFailure::withReason(std::string const& doing, std::int32_t code, std::string reason) {
+    ToolFailure failure(doing, code);
+    failure.m_Reason = std::move(reason);
+    return failure;
+}
+
 void require(std::int32_t code, char const* doing) {
     if (code != KVX_OK) {
         throw ToolFailure(doing, code);

@@ -9,7 +9,9 @@ import unittest
 
 from toolcase import TIMEOUT_SECONDS, TOOL, AccountCase, Terminal, ToolCase, environment
 
-COMMANDS = ("setup", "pay", "verify", "capture", "complete", "request", "get", "set", "show", "keys list", "keys prune")
+HAS_LEDGER = "KVX_LEDGER_DRIVER" in os.environ
+ORDERS = tuple("orders " + name for name in ("list", "show", "resume", "resolve", "export")) if HAS_LEDGER else ()
+COMMANDS = ("setup", "pay", "verify", "capture", "complete", "request", "get", "set", "show", "keys list", "keys prune", *ORDERS)
 
 LONG = "x" * 100_000
 """An argument near the longest that Linux passes on."""
