@@ -4,7 +4,8 @@
 #
 #   lib      what programs load: libtallowin.so.1
 #   dev      what programs are built with: headers, the archive, package config, pkg-config
-#   ledger   the order ledger: libtallowin-ledger.so.1, its headers, package config and pkg-config
+#   ledger   the order ledger: libtallowin-ledger.so.1
+#   ledger-dev  what programs over the ledger are built with: headers, package config, pkg-config
 #   java     tallowin.jar, its sources and reference, and its POM, in the layout of a Maven repository
 #   tools    the command line
 #   sandbox  the sandbox, and its unit for systemd's user manager
@@ -18,13 +19,14 @@
 file(GLOB public_headers RELATIVE "${PROJECT_SOURCE_DIR}" CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/include/tallowin/*.h"
      "${PROJECT_SOURCE_DIR}/include/tallowin/*.hpp")
 set(KVX_PUBLIC_HEADERS "")
-# The headers of the ledger come with the ledger.
-set(ledger_headers ${public_headers})
-list(FILTER ledger_headers INCLUDE REGEX "/ledger\\.h(pp)?$")
-list(REMOVE_ITEM public_headers ${ledger_headers})
+set(KVX_LEDGER_HEADERS "")
 foreach(header IN LISTS public_headers)
-  file(REAL_PATH "${PROJECT_SOURCE_DIR}/${header}" header)
-  list(APPEND KVX_PUBLIC_HEADERS "${header}")
+  file(REAL_PATH "${PROJECT_SOURCE_DIR}/${header}" path)
+  if(header MATCHES "/ledger\\.")
+    list(APPEND KVX_LEDGER_HEADERS "${path}")
+  else()
+    list(APPEND KVX_PUBLIC_HEADERS "${path}")
+  endif()
 endforeach()
 
 # Two export sets: only programs that link the archive need the development packages of its dependencies.
@@ -54,11 +56,11 @@ install(FILES "${PROJECT_BINARY_DIR}/tallowin.pc" DESTINATION ${CMAKE_INSTALL_LI
 if(TARGET tallowin_ledger)
   set_target_properties(tallowin_ledger PROPERTIES INSTALL_RPATH "$ORIGIN")
   install(TARGETS tallowin_ledger EXPORT tallowinLedgerTargets
-          LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT ledger)
-  install(FILES ${ledger_headers} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tallowin COMPONENT ledger)
-  install(EXPORT tallowinLedgerTargets NAMESPACE tallowin:: DESTINATION ${KVX_PACKAGE_DIR} COMPONENT ledger)
+          LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT ledger NAMELINK_COMPONENT ledger-dev)
+  install(FILES ${KVX_LEDGER_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tallowin COMPONENT ledger-dev)
+  install(EXPORT tallowinLedgerTargets NAMESPACE tallowin:: DESTINATION ${KVX_PACKAGE_DIR} COMPONENT ledger-dev)
   configure_file(packaging/tallowin-ledger.pc.in "${PROJECT_BINARY_DIR}/tallowin-ledger.pc" @ONLY)
-  install(FILES "${PROJECT_BINARY_DIR}/tallowin-ledger.pc" DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT ledger)
+  install(FILES "${PROJECT_BINARY_DIR}/tallowin-ledger.pc" DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT ledger-dev)
 endif()
 
 # The command line loads the library that is installed with it, wherever that is.

@@ -15,6 +15,8 @@ complain() {
 declare -A own=(
   [lib]="$libdir/libtallowin.so.1"
   [dev]="$libdir/libtallowin.so $libdir/libtallowin.a include/tallowin/tallowin.h $libdir/pkgconfig/tallowin.pc"
+  [ledger]="$libdir/libtallowin-ledger.so.1"
+  [ledger-dev]="$libdir/libtallowin-ledger.so include/tallowin/ledger.h include/tallowin/ledger.hpp $libdir/pkgconfig/tallowin-ledger.pc"
   [java]="share/java/tallowin.jar share/maven-repo"
   [tools]="bin/tallowin"
   [sandbox]="bin/tallowin-sandbox lib/systemd/user/tallowin-sandbox.service share/man/man1/tallowin-sandbox.1"

@@ -1,7 +1,7 @@
 """What the installed Debian packages are for, tried on the system they are installed on: debian_use.py TREE WORK.
 
-Programs are built with pkg-config and pay against the packaged sandbox, from C with both libraries and from Java. The unit's command
-starts. Every failure is printed with its step.
+Programs are built with pkg-config and pay against the packaged sandbox, from C with both libraries and from Java. The
+order ledger is linked with. The unit's command starts. Every failure is printed with its step.
 """
 import glob
 import json
@@ -76,6 +76,11 @@ def main():
                           tree / "examples/java/Quickstart.java"), shared)
     finally:
         check("the end of the sandbox", sandbox.stop()[::2], (0, ""))
+    ledger = work / "ledger"
+    (work / "ledger.c").write_text("#include <tallowin/ledger.h>\nint main(void) { DestroyLedger(CreateLedger()); return 0; }\n")
+    output("cc", "-std=c99", "-Wall", "-Werror", work / "ledger.c", "-o", ledger,
+           *output("pkg-config", "--cflags", "--libs", "tallowin-ledger").split())
+    check("C, order ledger", output(ledger), "")
     unit = Program(*unit_command())
     line = unit.line()
     check("the end of the unit's command", unit.stop()[::2], (0, ""))
@@ -87,6 +92,7 @@ def main():
     check("units that were enabled", glob.glob("/etc/systemd/user/*/*tallowin*"), [])
     if shutil.which("tallowin"):
         check("the command line", "tallowin" in output("tallowin", "--help"), True)
+        check("the command line's orders", "resolve" in output("tallowin", "orders", "--help"), True)
 
 
 main()

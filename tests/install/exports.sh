@@ -29,12 +29,13 @@ compare() {
 }
 
 keeps() {
-  local tree tag lost
+  local tree tag list lost
   tree=$(git -C "$(dirname "$1")" rev-parse --show-toplevel 2> /dev/null) || tree=
   tag=
   [ -z "$tree" ] || tag=$(git -C "$tree" describe --tags --abbrev=0 2> /dev/null) || tag=
-  if [ -n "$tag" ]; then
-    lost=$(comm -23 <(git -C "$tree" show "$tag:tests/install/exports.txt" | released | sort) <(c_part <<< "$names" | sort))
+  list=tests/install/$(basename "$1")
+  if [ -n "$tag" ] && git -C "$tree" cat-file -e "$tag:$list" 2> /dev/null; then
+    lost=$(comm -23 <(git -C "$tree" show "$tag:$list" | released | sort) <(c_part <<< "$names" | sort))
   else
     lost=$(comm -23 <(released < "$1" | sort) <(c_part <<< "$names" | sort))
   fi

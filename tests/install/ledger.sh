@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # ledger.sh CMAKE BUILD WORK LIBDIR plain|instrumented: installs the order ledger with the library, looks at it, and builds a program
-# with what pkg-config says and one with find_package.
+# with what pkg-config says and one with find_package, both in C and in C++.
 set -euo pipefail
 export LC_ALL=C
 cmake=$1 build=$2 work=$3 libdir=$4 kind=$5
@@ -14,7 +14,7 @@ complain() {
 
 rm -rf "$work"
 mkdir -p "$work"
-for component in lib dev ledger; do
+for component in lib dev ledger ledger-dev; do
   "$cmake" --install "$build" --prefix "$prefix" --component "$component" > /dev/null
 done
 dynamic=$(readelf -dW "$library")
@@ -54,15 +54,32 @@ export PKG_CONFIG_LIBDIR=$prefix/$libdir/pkgconfig PKG_CONFIG_PATH= # no other p
 read -ra flags <<< "$(pkg-config --cflags --libs tallowin-ledger) ${INSTRUMENTS:-}"
 "$CC" -std=c99 -pedantic -Wall -Wextra -Werror "$work/program.c" -o "$work/by_pkgconfig" "${flags[@]}"
 LD_LIBRARY_PATH=$prefix/$libdir${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH} "$work/by_pkgconfig" || complain 'the program by pkg-config fails'
+cat > "$work/program.cpp" <<'END'
+#include <tallowin/ledger.hpp>
+int main() {
+    try {
+        tallowin::Ledger const orders("sqlite:orders.db", "no/such/account");
+    } catch (tallowin::ResultError const& failure) {
+        return failure.code() == KVX_E_CANNOT_OPEN ? 0 : 1;
+    }
+    return 1;
+}
+END
+"$CXX" -std=c++17 -pedantic -Wall -Wextra -Werror "$work/program.cpp" -o "$work/cxx_by_pkgconfig" "${flags[@]}"
+LD_LIBRARY_PATH=$prefix/$libdir${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH} "$work/cxx_by_pkgconfig" ||
+  complain 'the program in C++ by pkg-config fails'
 
 cat > "$work/CMakeLists.txt" <<'END'
 cmake_minimum_required(VERSION 3.22)
-project(consumer LANGUAGES C)
+project(consumer LANGUAGES C CXX)
 find_package(tallowin 1.0 REQUIRED COMPONENTS ledger)
 add_executable(by_cmake program.c)
 target_link_libraries(by_cmake PRIVATE tallowin::ledger)
+add_executable(cxx_by_cmake program.cpp)
+target_compile_features(cxx_by_cmake PRIVATE cxx_std_17)
+target_link_libraries(cxx_by_cmake PRIVATE tallowin::ledger)
 END
-{ "$cmake" -S "$work" -B "$work/build" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_FLAGS="$INSTRUMENTS" &&
+{ "$cmake" -S "$work" -B "$work/build" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_FLAGS="$INSTRUMENTS" -DCMAKE_CXX_FLAGS="$INSTRUMENTS" &&
   "$cmake" --build "$work/build"; } > "$work/log" 2>&1 || { cat "$work/log"; exit 1; }
-"$work/build/by_cmake" || complain 'the program by find_package fails'
+"$work/build/by_cmake" && "$work/build/cxx_by_cmake" || complain 'a program by find_package fails'
 exit "$failed"
