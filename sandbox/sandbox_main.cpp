@@ -4,6 +4,7 @@
 #include <pthread.h>
 
 #include <CLI/CLI.hpp>
+#include <chrono>
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
@@ -23,6 +24,7 @@ struct Arguments {
     sandbox::Options m_Options;
     std::string m_Account = "demo:demo";
     std::vector<std::string> m_Faults;
+    std::vector<double> m_NotifyRetries;
     bool m_Json = false;
 };
 
@@ -49,6 +51,14 @@ void describe(CLI::App& program, Arguments& arguments) {
         ->check([](std::string const& text) {
             return text.find(':', 1) == std::string::npos || text[0] == ':' ? "must have the form user:password" : "";
         });
+    program.add_option("--seed", arguments.m_Options.m_Seed, "makes the identifiers of payments predictable")
+        ->type_name("TEXT");
+    program
+        .add_option("--notify-retries", arguments.m_NotifyRetries,
+                    "seconds before each retry of a notification, separated by commas")
+        ->type_name("SECONDS,...")
+        ->delimiter(',')
+        ->check(CLI::Range(0.0, 86400.0));
     program.add_flag("--lenient", arguments.m_Options.m_Lenient,
                      "accept odd content of payments with a warning instead of refusing it");
     program
@@ -129,6 +139,13 @@ int main(int argc, char** argv) {
     try {
         std::string& directory = arguments.m_Options.m_DataDirectory;
         directory = directory.empty() ? "" : std::filesystem::absolute(directory).string();
+        if (!arguments.m_NotifyRetries.empty()) {
+            arguments.m_Options.m_NotificationBackoff.clear();
+        }
+        for (double const seconds : arguments.m_NotifyRetries) {
+            arguments.m_Options.m_NotificationBackoff.push_back(
+                std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::duration<double>(seconds)));
+        }
         for (std::string const& fault : arguments.m_Faults) {
             arguments.m_Options.m_Faults.push_back(sandbox::parseFault(fault));
         }

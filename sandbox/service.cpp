@@ -70,9 +70,10 @@ public:
     explicit Running(Options const& options)
         : m_Directory(options.m_DataDirectory),
           m_Store(m_Directory.file(kDatabaseFile), options.m_Retention),
-          m_Clock(options.m_Clock),
+          m_Clock(options.m_Clock, m_Store),
           m_Keys(m_Store, m_Clock, options.m_ServerKeyBits),
-          m_Services{m_Store, m_Keys, m_Faults, m_Clock, m_Addresses, m_Notifier, m_FormKey, options.m_Lenient},
+          m_Services{m_Store,    m_Keys,    m_Faults,    m_Clock,        m_Addresses,
+                     m_Notifier, m_FormKey, m_Decisions, options.m_Seed, options.m_Lenient},
           m_Notifier(m_Services,
                      {options.m_NotificationTimeout, options.m_NotificationBackoff, options.m_ClockInterval}),
           m_Control(options.m_ControlPort, nullptr, nullptr, options.m_RequestTimeout),
@@ -108,6 +109,7 @@ public:
 
     ~Running() {
         m_Faults.setRefusalListener(nullptr);
+        m_Store.endWaits();
         // All listeners together, so that none goes on while another one ends. The proxy ends last.
         m_Control.beginStop();
         m_Plain.beginStop();
@@ -143,6 +145,7 @@ private:
     ServiceClock m_Clock;
     KeyRing m_Keys;
     FaultRegistry m_Faults;
+    StandingDecisions m_Decisions;
     Addresses m_Addresses;
     std::string m_FormKey = randomHex(kFormKeyBytes);
     Services m_Services;

@@ -30,6 +30,7 @@ struct Options {
     std::string m_AccountPassword = "demo";  ///< Kept as a salted hash only.
     unsigned m_ServerKeyBits = 512;    ///< Of the key that signs confirmations, when it is made at the first start.
     std::vector<Fault> m_Faults = {};  ///< Armed from the start.
+    std::string m_Seed = {};           ///< Makes the identifiers of payments predictable; empty: they are random.
     bool m_Lenient = false;            ///< Accept odd content of a PayInit with a warning instead of refusing it.
     Retention m_Retention = {};        ///< How much of payments and exchanges is kept.
     std::function<std::time_t()> m_Clock = {};  ///< The time of day; empty means the system's. Called by many threads.

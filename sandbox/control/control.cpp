@@ -16,7 +16,7 @@ namespace {
 /// One method of one address.
 struct Route {
     char const* m_Method;
-    char const* m_Path;  ///< A "#" at the end stands for digits.
+    char const* m_Path;  ///< A segment "#" stands for digits, a segment "*" for any text without a slash.
     HttpResponse (*m_Handler)(Services const& services, HttpRequest const& request);
 };
 
@@ -29,6 +29,15 @@ constexpr Route kRoutes[] = {
     {"GET",    "/control/faults/kinds", getFaultKinds},
     {"DELETE", "/control/faults/#",     liftFault},
     {"GET",    "/control/payments",     getPayments},
+    {"POST",   "/control/payments/decision",   decidePayment},
+    {"POST",   "/control/payments/*/decision", decidePayment},
+    {"GET",    "/control/payments/*",          getPayment},
+    {"GET",    "/control/decisions",           getDecisions},
+    {"POST",   "/control/decisions",           addDecision},
+    {"DELETE", "/control/decisions",           removeAllDecisions},
+    {"DELETE", "/control/decisions/#",         removeDecision},
+    {"GET",    "/control/notifications",       getNotifications},
+    {"POST",   "/control/notifications/#/resend", resendNotification},
     {"GET",    "/control/exchanges",    getExchanges},
     {"DELETE", "/control/exchanges",    removeExchanges},
     {"POST",   "/control/reset",        reset},
@@ -43,13 +52,26 @@ bool isBelow(std::string const& path, std::string const& parent) {
     return path == parent || path.compare(0, parent.size() + 1, parent + "/") == 0;
 }
 
-bool matches(std::string const& pattern, std::string const& path) {
-    if (pattern.back() != '#') {
-        return path == pattern;
+/// Whether one segment of a path fits one of a pattern.
+bool segmentMatches(std::string const& pattern, std::string const& segment) {
+    if (pattern == "*") {
+        return !segment.empty();
     }
-    std::size_t const start = pattern.size() - 1;
-    return path.size() > start && path.compare(0, start, pattern, 0, start) == 0 &&
-           path.find_first_not_of("0123456789", start) == std::string::npos;
+    if (pattern == "#") {
+        return !segment.empty() && segment.find_first_not_of("0123456789") == std::string::npos;
+    }
+    return segment == pattern;
+}
+
+bool matches(std::string const& pattern, std::string const& path) {
+    std::size_t const patternEnd = pattern.find('/', 1);
+    std::size_t const pathEnd = path.find('/', 1);
+    bool const isLast = patternEnd == std::string::npos || pathEnd == std::string::npos;
+    if (isLast && patternEnd != pathEnd) {
+        return false;
+    }
+    return segmentMatches(pattern.substr(1, patternEnd - 1), path.substr(1, pathEnd - 1)) &&
+           (isLast || matches(pattern.substr(patternEnd), path.substr(pathEnd)));
 }
 
 HttpResponse errorResponse(int status, std::string const& reason) {

@@ -20,12 +20,21 @@ namespace sandbox {
 ///     DELETE /control/faults/ID      removes one fault
 ///     GET    /control/faults/kinds   the kinds of faults
 ///     GET    /control/payments       a list with filters and pages, see controlfilters.h
-///     GET    /control/exchanges      the same of exchanges
+///     GET    /control/payments/ID    one payment, at once or once it has come to until=
+///     POST   /control/payments/ID/decision   decides a payment, also /control/payments/decision?order= or ?token=
+///     GET    /control/decisions      the standing decisions
+///     POST   /control/decisions      adds a standing decision
+///     DELETE /control/decisions      removes all standing decisions
+///     DELETE /control/decisions/ID   removes one standing decision
+///     GET    /control/notifications  filtered by payment=
+///     POST   /control/notifications/N/resend   sends a notification once more
+///     GET    /control/exchanges      a list like that of payments
 ///     DELETE /control/exchanges      removes them, all or filtered
-///     POST   /control/reset          removes payments, exchanges and faults and resets the clock, of all or of an
-///     account GET    /control/keys           keys of the service and of the merchants POST   /control/keys/rotate
-///     creates a new signing key POST   /control/accounts       creates an account or changes its password POST
-///     /control/clock          sets the clock of all or of an account ahead
+///     POST   /control/reset          removes payments, exchanges and faults, resets the clock
+///     GET    /control/keys           keys of the service and of the merchants
+///     POST   /control/keys/rotate    creates a new signing key
+///     POST   /control/accounts       creates an account or changes its password
+///     POST   /control/clock          sets the clock ahead, steps it, freezes it
 std::optional<HttpResponse> handleControl(Services const& services, HttpRequest const& request);
 
 }  // namespace sandbox

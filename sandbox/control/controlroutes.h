@@ -20,6 +20,15 @@ HttpResponse rotateKey(Services const& services, HttpRequest const& request);
 HttpResponse putAccount(Services const& services, HttpRequest const& request);
 HttpResponse setClock(Services const& services, HttpRequest const& request);
 
+HttpResponse getPayment(Services const& services, HttpRequest const& request);
+HttpResponse decidePayment(Services const& services, HttpRequest const& request);
+HttpResponse getDecisions(Services const& services, HttpRequest const& request);
+HttpResponse addDecision(Services const& services, HttpRequest const& request);
+HttpResponse removeDecision(Services const& services, HttpRequest const& request);
+HttpResponse removeAllDecisions(Services const& services, HttpRequest const& request);
+HttpResponse getNotifications(Services const& services, HttpRequest const& request);
+HttpResponse resendNotification(Services const& services, HttpRequest const& request);
+
 HttpResponse getFaults(Services const& services, HttpRequest const& request);
 HttpResponse getFaultKinds(Services const& services, HttpRequest const& request);
 HttpResponse armFault(Services const& services, HttpRequest const& request);

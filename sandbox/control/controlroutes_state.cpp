@@ -36,7 +36,9 @@ nlohmann::json addressesJson(Addresses const& addresses) {
 }
 
 nlohmann::json clockJson(Services const& services, std::string const& account = "") {
-    nlohmann::json out = {{"present", services.m_Clock.text(account)}, {"ahead", services.m_Clock.ahead(account)}};
+    nlohmann::json out = {{"present", services.m_Clock.text(account)},
+                          {"ahead", services.m_Clock.ahead(account)},
+                          {"frozen", services.m_Clock.isFrozen(account)}};
     if (!account.empty()) {
         putBytes(out, "account", account);
     }
@@ -91,6 +93,32 @@ std::string requireAccount(Services const& services, nlohmann::json const& objec
         throw HttpError("there is no account '" + account + "'", httpstatus::kNotFound);
     }
     return account;
+}
+
+void checkClockOffset(std::int64_t seconds) {
+    if (seconds < -kMaxSecondsAhead || seconds > kMaxSecondsAhead) {
+        throw HttpError("the clock offset must be at most " + std::to_string(kMaxSecondsAhead) +
+                        " seconds in either direction (ten years)");
+    }
+}
+
+/// Sets the clock of the account, or of all, as the members of `object` say. Throws HttpError.
+void changeClock(Services const& services, nlohmann::json const& object, std::string const& account) {
+    if (object.contains("frozen")) {
+        if (!object.at("frozen").is_boolean()) {
+            throw HttpError("the member 'frozen' must be true or false");
+        }
+        services.m_Clock.setFrozen(object.at("frozen").get<bool>(), account);
+        services.m_Notifier.wake();
+    } else if (object.contains("step")) {
+        std::int64_t const seconds = requireNumber(object, "step");
+        checkClockOffset(seconds);
+        checkClockOffset(services.m_Clock.ahead(account) + seconds);
+        services.m_Clock.step(seconds, account);
+        services.m_Notifier.wake();
+    } else {
+        setClockAhead(services, requireNumber(object, "ahead"), account);
+    }
 }
 
 }  // namespace
@@ -186,9 +214,12 @@ HttpResponse putAccount(Services const& services, HttpRequest const& request) {
 }
 
 HttpResponse setClock(Services const& services, HttpRequest const& request) {
-    nlohmann::json const object = readObject(request.m_Body, {"ahead", "account"});
+    nlohmann::json const object = readObject(request.m_Body, {"ahead", "step", "frozen", "account"});
+    if (object.size() > (object.contains("account") ? 2U : 1U)) {
+        throw HttpError("only one of the members 'ahead', 'step' and 'frozen' can be given");
+    }
     if (!object.contains("account")) {
-        setClockAhead(services, requireNumber(object, "ahead"));
+        changeClock(services, object, "");
         return jsonResponse(httpstatus::kOk, clocksJson(services));
     }
     std::string const account = requireAccount(services, object);
@@ -196,16 +227,13 @@ HttpResponse setClock(Services const& services, HttpRequest const& request) {
         services.m_Clock.follow(account);
         services.m_Notifier.wake();
     } else {
-        setClockAhead(services, requireNumber(object, "ahead"), account);
+        changeClock(services, object, account);
     }
     return jsonResponse(httpstatus::kOk, clockJson(services, account));
 }
 
 void setClockAhead(Services const& services, std::int64_t seconds, std::string const& account) {
-    if (seconds < -kMaxSecondsAhead || seconds > kMaxSecondsAhead) {
-        throw HttpError("the clock offset must be at most " + std::to_string(kMaxSecondsAhead) +
-                        " seconds in either direction (ten years)");
-    }
+    checkClockOffset(seconds);
     services.m_Clock.setAhead(seconds, account);
     services.m_Notifier.wake();
 }

@@ -5,8 +5,8 @@
 // notifier expires the others.
 #include "sandbox/service/endpoints.h"
 
-#include <array>
 #include <cstddef>
+#include <cstdint>
 #include <ctime>
 #include <optional>
 #include <string>
@@ -14,10 +14,10 @@
 #include <vector>
 
 #include "sandbox/crypto/credentials.h"
-#include "sandbox/http/hostport.h"
+#include "sandbox/crypto/signature.h"
 #include "sandbox/pages/shopperpages.h"
-#include "sandbox/service/confirmation.h"
 #include "sandbox/service/contentcheck.h"
+#include "sandbox/service/decisions.h"
 #include "sandbox/service/notifier.h"
 #include "sandbox/service/paymentmoves.h"
 #include "sandbox/service/signedmessage.h"
@@ -32,24 +32,6 @@ namespace {
 
 constexpr int kIdBytes = 8;
 constexpr int kFormKeyBytes = 16;
-
-/// What the shopper can decide, the state it leads to, and the attribute of the PayInit that holds the return link.
-struct Decision {
-    char const* m_Name;
-    PaymentState m_State;
-    char const* m_Link;
-};
-
-/// The decision on a payment that is not decided in time.
-constexpr Decision kTooLate = {"nothing", PaymentState::kExpired, "FAILLINK"};
-
-// clang-format off
-constexpr std::array<Decision, 3> kDecisions = {{
-    {"pay",     PaymentState::kAuthorised, "SUCCESSLINK"},
-    {"decline", PaymentState::kDeclined,   "FAILLINK"},
-    {"cancel",  PaymentState::kCancelled,  "BACKLINK"},
-}};
-// clang-format on
 
 /// Throws HttpError unless `text` is a time; one that has passed is allowed.
 void checkExpiration(std::string const& text) {
@@ -97,6 +79,19 @@ void checkContent(RequestContext const& context, Message const& message) {
     }
 }
 
+/// The identifier of a payment and its form key, when they are not random.
+Store::MakeIdentifiers seededIdentifiers(std::string const& seed) {
+    if (seed.empty()) {
+        return nullptr;
+    }
+    return [seed](StoredPayment& fresh, std::int64_t number) {
+        std::string const& account = fresh.m_Payment.m_Account;
+        std::string const text = seed + "/" + std::to_string(number) + "/" + account;
+        fresh.m_Payment.m_Id = "P" + toHex(digestOf("id/" + text, Widening::kZero)).substr(0, 2 * kIdBytes);
+        fresh.m_FormKey = toHex(digestOf("form/" + text, Widening::kZero)).substr(0, 2 * kFormKeyBytes);
+    };
+}
+
 StoredPayment freshPayment(SignedMessage const& sent) {
     StoredPayment fresh;
     fresh.m_Payment.m_Id = "P" + randomHex(kIdBytes);
@@ -106,15 +101,6 @@ StoredPayment freshPayment(SignedMessage const& sent) {
     fresh.m_FormKey = randomHex(kFormKeyBytes);
     fresh.m_Message = sent.m_Text;
     return fresh;
-}
-
-Decision const& namedDecision(std::string const& name) {
-    for (Decision const& decision : kDecisions) {
-        if (name == decision.m_Name) {
-            return decision;
-        }
-    }
-    throw HttpError("the decision is none of pay, decline and cancel");
 }
 
 /// The payment that a form came from. Throws HttpError.
@@ -131,81 +117,48 @@ StoredPayment formPayment(RequestContext const& context) {
     return *stored;
 }
 
-/// The state of a payment that may have moved since it was read.
-PaymentState presentState(Services const& services, Payment const& payment) {
-    makeDueMoves(services);
-    expireWhenOverdue(services, payment);
-    return services.m_Store.paymentById(payment.m_Id, Store::History::kLeft)->m_Payment.m_State;
-}
-
-/// The decision that was made on a payment, and the RESULT of its confirmation.
-struct Outcome {
-    Decision const* m_Decision;
-    PaymentState m_Result;
-};
-
-/// The outcome of a payment that is in another state than opened.
-Outcome outcomeOf(Services const& services, Payment const& payment) {
-    bool const isPending = payment.m_State == PaymentState::kPending;
-    std::optional<DueMove> const due = isPending ? services.m_Store.dueMove(payment.m_Id) : std::nullopt;
-    PaymentState const decided = due ? due->m_State : decidedState(payment);
-    for (Decision const& decision : kDecisions) {
-        if (decision.m_State == decided) {
-            return {&decision, isPending ? payment.m_State : decided};
-        }
-    }
-    return {&kTooLate, kTooLate.m_State};
-}
-
-/// Moves the opened payment as `decision` says, with a fault at first to "pending". False when it is not opened.
-bool moveAsDecided(RequestContext const& context, Payment const& payment, Decision const& decision) {
-    std::string const note = std::string("shopper chose ") + decision.m_Name;
-    if (context.m_Effect.is(FaultKind::kPending)) {
-        return suspendPayment(context.m_Services, payment, decision.m_State, note,
-                              secondsOf(*context.m_Effect.m_Fault));
-    }
-    return movePayment(context.m_Services, payment, {PaymentState::kOpened}, decision.m_State, note);
-}
-
-/// Applies the decision when it comes in time, and returns the outcome that holds. The same decision again (a second
-/// click) is harmless. Nothing when the payment was decided otherwise. Sets the state of `payment`.
-std::optional<Outcome> decide(RequestContext const& context, Payment& payment, Decision const& decision) {
-    Services const& services = context.m_Services;
-    if (payment.m_State == PaymentState::kOpened && !isOverdue(services, payment) &&
-        moveAsDecided(context, payment, decision)) {
-        bool const isPending = context.m_Effect.is(FaultKind::kPending);
-        payment.m_State = isPending ? PaymentState::kPending : decision.m_State;
-        return Outcome{&decision, payment.m_State};
-    }
-    payment.m_State = presentState(services, payment);
-    if (payment.m_State == PaymentState::kOpened) {
-        return std::nullopt;  // the clock was set back meanwhile
-    }
-    Outcome const made = outcomeOf(services, payment);
-    bool const holds = made.m_Decision == &decision || made.m_Decision == &kTooLate;
-    return holds ? std::optional<Outcome>(made) : std::nullopt;
-}
-
-/// The return link of the decision with the confirmation; empty when the merchant gave none.
-std::string addressAfter(RequestContext const& context, Payment const& payment, Outcome const& outcome) {
-    std::string const link = payment.attribute(outcome.m_Decision->m_Link).value_or("");
-    return link.empty() ? ""
-                        : extendLink(link, signedConfirmation(context.m_Services, payment, stateName(outcome.m_Result),
-                                                              context.m_Effect));
-}
-
 std::string usedTokenReason(Payment const& payment) {
     return "TOKEN was used already, by the payment '" + payment.m_Id + "', which is " + stateName(payment.m_State);
 }
 
 /// Why a payment that is not open cannot be decided.
 std::string reasonToRefuse(Services const& services, Payment const& payment) {
-    if (payment.m_State == kTooLate.m_State) {
+    if (payment.m_State == PaymentState::kExpired) {
         std::optional<std::time_t> const expiration = parseExpiration(payment.attribute("EXPIRATION").value_or(""));
         return "the payment has expired: EXPIRATION is " + utcText(expiration.value()) + ", now is " +
                services.m_Clock.text(payment.m_Account);
     }
     return usedTokenReason(payment);
+}
+
+/// The way back to the shop: a redirect, or without a link a page with the confirmation.
+HttpResponse returnResponse(Services const& services, FaultEffect const& effect, Payment payment,
+                            Outcome const& outcome) {
+    payment.m_State = outcome.m_Result;
+    ReturnedConfirmation const returned = returnedConfirmation(services, effect, payment, outcome);
+    if (returned.m_Link.empty()) {
+        return outcomePage(payment, returned.m_Query);
+    }
+    return {httpstatus::kFound, "text/plain", "The payment is " + std::string(stateName(outcome.m_Result)) + ".\n",
+            returned.m_Link};
+}
+
+/// The response to a payment page that a standing decision decides; nothing when none is for the payment.
+std::optional<HttpResponse> decideByRule(RequestContext const& context, Payment payment) {
+    Services const& services = context.m_Services;
+    std::optional<StandingDecision> const rule = services.m_Decisions.find(payment);
+    if (!rule) {
+        return std::nullopt;
+    }
+    std::vector<CheckStep>& steps = context.m_Exchange.m_Steps;
+    steps.push_back({"A standing decision applies", std::to_string(rule->m_Id) + ": " + rule->m_Decision});
+    FaultEffect const effect = takeDecisionFault(services, payment, steps);
+    if (effect.m_Fault) {
+        steps.push_back({"A fault of the decision happened", faultText(*effect.m_Fault)});
+    }
+    std::string const by = "standing decision " + std::to_string(rule->m_Id) + ":";
+    std::optional<Outcome> const outcome = decide(services, effect, payment, namedDecision(rule->m_Decision), by);
+    return outcome ? std::optional<HttpResponse>(returnResponse(services, effect, payment, *outcome)) : std::nullopt;
 }
 
 /// The page of a payment that cannot be decided any more, with the return link.
@@ -214,7 +167,9 @@ HttpResponse decidedResponse(RequestContext const& context, int status, StoredPa
     Payment const& payment = stored.m_Payment;
     context.m_Exchange.m_Verdict = reason;
     context.m_Exchange.m_Steps.push_back({"Turned down", reason, false});
-    return decidedPage(status, stored, reason, addressAfter(context, payment, outcomeOf(context.m_Services, payment)));
+    Outcome const outcome = outcomeOf(context.m_Services, payment);
+    return decidedPage(status, stored, reason,
+                       returnedConfirmation(context.m_Services, context.m_Effect, payment, outcome).m_Link);
 }
 
 }  // namespace
@@ -226,13 +181,14 @@ HttpResponse handlePay(RequestContext const& context) {
         throw HttpError("the payment page takes a PayInit, not a '" + sent.m_Message.type() + "'");
     }
     checkExpiration(sent.m_Message.require("EXPIRATION"));
-    for (Decision const& decision : kDecisions) {
+    for (Decision const& decision : allDecisions()) {
         checkLink(sent.m_Message, decision.m_Link);
     }
     sent.m_Message.require("TOKEN");
     checkContent(context, sent.m_Message);
     StoredPayment const fresh = freshPayment(sent);
-    StoredPayment stored = services.m_Store.openPayment(fresh, services.m_Clock.text(sent.m_Account));
+    StoredPayment stored =
+        services.m_Store.openPayment(fresh, services.m_Clock.text(sent.m_Account), seededIdentifiers(services.m_Seed));
     Payment& payment = stored.m_Payment;
     context.m_Exchange.m_Payment = payment.m_Id;
     bool const isNew = payment.m_Id == fresh.m_Payment.m_Id;
@@ -249,6 +205,9 @@ HttpResponse handlePay(RequestContext const& context) {
     if (payment.m_State != PaymentState::kOpened) {
         return decidedResponse(context, httpstatus::kBadRequest, stored, reasonToRefuse(services, payment));
     }
+    if (std::optional<HttpResponse> response = decideByRule(context, payment)) {
+        return *response;
+    }
     return paymentPage(stored, context.m_Signer->m_Customer);
 }
 
@@ -260,19 +219,12 @@ HttpResponse handleDecision(RequestContext const& context) {
     Payment& payment = stored.m_Payment;
     context.m_Exchange.m_Steps.push_back({"The form came from the payment page", "payment " + payment.m_Id});
     context.m_Exchange.m_Steps.push_back({"The shopper decided", wanted.m_Name});
-    std::optional<Outcome> const outcome = decide(context, payment, wanted);
+    std::optional<Outcome> const outcome = decide(services, context.m_Effect, payment, wanted, "shopper chose");
     if (!outcome) {
         return decidedResponse(context, httpstatus::kConflict, stored,
                                "the payment is " + std::string(stateName(payment.m_State)) + " already");
     }
-    payment.m_State = outcome->m_Result;
-    std::string const query = signedConfirmation(services, payment, stateName(outcome->m_Result), context.m_Effect);
-    std::string const link = payment.attribute(outcome->m_Decision->m_Link).value_or("");
-    if (link.empty()) {
-        return outcomePage(payment, query);
-    }
-    return {httpstatus::kFound, "text/plain", "The payment is " + std::string(stateName(outcome->m_Result)) + ".\n",
-            extendLink(link, query)};
+    return returnResponse(services, context.m_Effect, payment, *outcome);
 }
 
 }  // namespace sandbox

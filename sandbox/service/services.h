@@ -7,6 +7,7 @@
 #include "sandbox/http/httpmessages.h"
 #include "sandbox/service/keyring.h"
 #include "sandbox/service/serviceclock.h"
+#include "sandbox/service/standingdecisions.h"
 #include "sandbox/store/store.h"
 
 namespace sandbox {
@@ -30,7 +31,9 @@ struct Services {
     Addresses const& m_Addresses;
     Notifier& m_Notifier;
     std::string const& m_FormKey;  ///< Must come back with every form of the dashboard.
-    bool m_Lenient;                ///< Odd content of a PayInit is accepted with a warning.
+    StandingDecisions& m_Decisions;
+    std::string const& m_Seed;  ///< Of the identifiers of payments; empty: they are random.
+    bool m_Lenient;             ///< Odd content of a PayInit is accepted with a warning.
 };
 
 }  // namespace sandbox

@@ -1,7 +1,11 @@
 #ifndef TALLOWIN_SANDBOX_STORE_STORE_H
 #define TALLOWIN_SANDBOX_STORE_STORE_H
 
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -88,9 +92,14 @@ public:
     /// How much there is of everything.
     [[nodiscard]] Counts counts();
 
+    /// Sets the identifier and the form key of the payment that is the account's payment number `number`.
+    using MakeIdentifiers = std::function<void(StoredPayment& fresh, std::int64_t number)>;
+
     /// Adds `fresh` unless its account already has a payment with its token. Returns whichever is then stored, without
-    /// its history.
-    StoredPayment openPayment(StoredPayment const& fresh, std::string const& time);
+    /// its history. With `makeIdentifiers` the identifiers are those of the first number, from the count of the
+    /// account's payments on, whose identifier is free.
+    StoredPayment openPayment(StoredPayment fresh, std::string const& time,
+                              MakeIdentifiers const& makeIdentifiers = nullptr);
 
     /// Whether the history of a payment is read as well.
     enum class History { kRead, kLeft };
@@ -146,6 +155,25 @@ public:
     /// Why captures of the payment are refused; nothing when they are not.
     [[nodiscard]] std::optional<std::string> captureRefusal(std::string const& id);
 
+    /// The identifier of the newest payment with this ORDERID or token; nothing when there is none.
+    [[nodiscard]] std::optional<std::string> newestWithOrder(std::string const& order);
+    [[nodiscard]] std::optional<std::string> newestWithToken(std::string const& token);
+
+    /// Adds the notification with this number again, to be sent. Nothing when there is none; else the new one.
+    std::optional<Notification> repeatNotification(std::int64_t number);
+
+    /// Texts by name that outlast the process. An empty text removes its name.
+    [[nodiscard]] std::map<std::string, std::string> settings();
+    void setSetting(std::string const& name, std::string const& value);
+
+    /// Counts the changes of payments and notifications since the start.
+    [[nodiscard]] std::uint64_t changes();
+
+    /// Returns once there were more changes than `seen`, at `deadline`, or when endWaits() was called: false then, for
+    /// good.
+    bool awaitChange(std::uint64_t seen, std::chrono::steady_clock::time_point deadline);
+    void endWaits();
+
     /// Oldest first.
     [[nodiscard]] std::vector<Notification> notifications();
     [[nodiscard]] std::vector<Notification> notificationsOf(std::string const& payment);
@@ -190,6 +218,8 @@ public:
     std::int64_t removePayments(std::optional<std::string> const& account);
 
 private:
+    void makeFreeIdentifiers(StoredPayment& fresh, MakeIdentifiers const& makeIdentifiers);
+    void countChange();
     bool prune();
     bool pruneExchanges(std::int64_t count, std::int64_t before);
     bool prunePayments(std::int64_t count, std::int64_t before);
@@ -201,7 +231,10 @@ private:
     bool isIn(std::string const& id, std::vector<PaymentState> const& states);
 
     Retention m_Retention;
-    std::mutex m_Mutex;    ///< Held by every public member that writes.
+    std::mutex m_Mutex;  ///< Held by every public member that writes.
+    std::condition_variable m_Changed;
+    std::uint64_t m_Changes = 0;  ///< Guarded by m_Mutex, as is the next one.
+    bool m_WaitsEnded = false;
     Database m_Database;   ///< The only connection that writes. Guarded by m_Mutex.
     ReaderPool m_Readers;  ///< Ends before m_Database, so that the last connection to close is one that can tidy up.
 };

@@ -1,5 +1,6 @@
-// Moves that are due, refused captures, and the payments that faults of content search for.
-// A payment has at most one due move, and every move of a payment replaces it: what came in time is never undone by it.
+// Moves that are due, refused captures, the payments that faults of content search for, and what tests drive the
+// service with: searches, repeated notifications, settings, waits for changes. A payment has at most one due move, and
+// every move of a payment replaces it: what came in time is never undone by it.
 #include <algorithm>
 
 #include "sandbox/store/conditions.h"
@@ -87,6 +88,91 @@ void Store::replaceDueMove(std::string const& id, std::optional<DueMove> const& 
 bool Store::isIn(std::string const& id, std::vector<PaymentState> const& states) {
     Statement row = m_Database.prepare("SELECT state FROM payments WHERE id = ?");
     return row.text(id).step() && std::find(states.begin(), states.end(), stateFromName(row.column(0))) != states.end();
+}
+
+std::optional<std::string> Store::newestWithOrder(std::string const& order) {
+    ReaderPool::Reader const reader = m_Readers.take();
+    Statement row =
+        reader.database().prepare("SELECT id FROM payments WHERE order_id = ? ORDER BY number DESC LIMIT 1");
+    return row.bytes(order).step() ? std::optional<std::string>(row.column(0)) : std::nullopt;
+}
+
+std::optional<std::string> Store::newestWithToken(std::string const& token) {
+    ReaderPool::Reader const reader = m_Readers.take();
+    Statement row = reader.database().prepare("SELECT id FROM payments WHERE token = ? ORDER BY number DESC LIMIT 1");
+    return row.text(token).step() ? std::optional<std::string>(row.column(0)) : std::nullopt;
+}
+
+std::optional<Notification> Store::repeatNotification(std::int64_t number) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Transaction transaction(m_Database);
+    Notification again;
+    {
+        Statement row = m_Database.prepare("SELECT payment, address, result FROM notifications WHERE number = ?");
+        if (!row.number(number).step()) {
+            return std::nullopt;
+        }
+        again.m_Payment = row.column(0);
+        again.m_Address = row.column(1);
+        again.m_Result = row.column(2);
+    }
+    insertNotification(again);
+    again.m_Number = m_Database.lastNumber();
+    transaction.commit();
+    countChange();
+    return again;
+}
+
+std::map<std::string, std::string> Store::settings() {
+    ReaderPool::Reader const reader = m_Readers.take();
+    Statement row = reader.database().prepare("SELECT name, value FROM settings");
+    std::map<std::string, std::string> found;
+    while (row.step()) {
+        found[row.column(0)] = row.column(1);
+    }
+    return found;
+}
+
+void Store::setSetting(std::string const& name, std::string const& value) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    if (value.empty()) {
+        m_Database.prepare("DELETE FROM settings WHERE name = ?").text(name).step();
+        return;
+    }
+    m_Database.prepare("INSERT OR REPLACE INTO settings (name, value) VALUES (?, ?)").text(name).text(value).step();
+}
+
+std::uint64_t Store::changes() {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    return m_Changes;
+}
+
+bool Store::awaitChange(std::uint64_t seen, std::chrono::steady_clock::time_point deadline) {
+    std::unique_lock<std::mutex> lock(m_Mutex);
+    m_Changed.wait_until(lock, deadline, [this, seen] { return m_WaitsEnded || m_Changes > seen; });
+    return !m_WaitsEnded;
+}
+
+void Store::endWaits() {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    m_WaitsEnded = true;
+    m_Changed.notify_all();
+}
+
+void Store::countChange() {
+    ++m_Changes;
+    m_Changed.notify_all();
+}
+
+void Store::makeFreeIdentifiers(StoredPayment& fresh, MakeIdentifiers const& makeIdentifiers) {
+    Statement count = m_Database.prepare("SELECT count(*) FROM payments WHERE account = ?");
+    count.text(fresh.m_Payment.m_Account).step();
+    std::int64_t number = count.numberColumn(0);
+    bool isTaken = true;
+    while (isTaken) {
+        makeIdentifiers(fresh, ++number);
+        isTaken = m_Database.prepare("SELECT 1 FROM payments WHERE id = ?").text(fresh.m_Payment.m_Id).step();
+    }
 }
 
 }  // namespace sandbox

@@ -91,9 +91,12 @@ void bind(Statement& row, PaymentFilter const& filter, Page const& page) {
 
 }  // namespace
 
-StoredPayment Store::openPayment(StoredPayment const& fresh, std::string const& time) {
+StoredPayment Store::openPayment(StoredPayment fresh, std::string const& time, MakeIdentifiers const& makeIdentifiers) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Transaction transaction(m_Database);
+    if (makeIdentifiers) {
+        makeFreeIdentifiers(fresh, makeIdentifiers);
+    }
     Payment const& payment = fresh.m_Payment;
     m_Database
         .prepare(
@@ -115,11 +118,11 @@ StoredPayment Store::openPayment(StoredPayment const& fresh, std::string const& 
         row.text(payment.m_Account).text(payment.m_Token);
         return findPayment(m_Database, row, History::kLeft).value();
     }
-    StoredPayment stored = fresh;
-    stored.m_Payment.m_Number = m_Database.lastNumber();
+    fresh.m_Payment.m_Number = m_Database.lastNumber();
     insertHistory(payment.m_Id, {time, payment.m_State, "payment page asked for"});
     transaction.commit();
-    return stored;
+    countChange();
+    return fresh;
 }
 
 std::optional<StoredPayment> Store::paymentById(std::string const& id, History history) {
@@ -219,6 +222,7 @@ bool Store::advance(std::string const& id, std::vector<PaymentState> const& from
     }
     replaceDueMove(id, next);
     transaction.commit();
+    countChange();
     return true;
 }
 
@@ -252,6 +256,7 @@ void Store::updateNotification(Notification const& notification) {
         .bytes(notification.m_Outcome)
         .number(notification.m_Number)
         .step();
+    countChange();
 }
 
 void Store::insertHistory(std::string const& id, HistoryEntry const& step) {

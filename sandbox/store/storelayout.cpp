@@ -115,6 +115,7 @@ constexpr char kAddedTables[] = R"(
     CREATE TABLE IF NOT EXISTS capture_refusals (
         payment TEXT PRIMARY KEY REFERENCES payments (id),
         reason BLOB NOT NULL);
+    CREATE TABLE IF NOT EXISTS settings (name TEXT PRIMARY KEY, value TEXT NOT NULL);
     CREATE TABLE IF NOT EXISTS warnings (exchange INTEGER NOT NULL REFERENCES exchanges (number));
     CREATE INDEX IF NOT EXISTS warnings_of_exchange ON warnings (exchange);
     CREATE TRIGGER IF NOT EXISTS warnings_of_removed_exchange AFTER DELETE ON exchanges BEGIN

@@ -73,7 +73,7 @@ TEST_F(Control, ReportsAddressesKeyClockAndCounts) {
     json const service = getJson("/control");
     EXPECT_EQ(service.at("addresses"), (json{{"plain", m_Service->baseUrl()}, {"control", m_Service->controlUrl()}}));
     EXPECT_EQ(service.at("serverKeyId"), m_Service->serverKeyId());
-    EXPECT_EQ(service.at("clock"), (json{{"present", "2023-11-14T22:13:20Z"}, {"ahead", 0}}));
+    EXPECT_EQ(service.at("clock"), (json{{"present", "2023-11-14T22:13:20Z"}, {"ahead", 0}, {"frozen", false}}));
     EXPECT_EQ(service.at("counts"), (json{{"accounts", 1},
                                           {"payments", 1},
                                           {"notifications", 0},
@@ -615,7 +615,7 @@ TEST_F(Control, SetsTheClockAheadSoThatPaymentsExpire) {
     RawResponse const page = openPage(m_Merchant.bareInit(inAnHour));
     EXPECT_EQ(page.m_Status, 200);
     EXPECT_EQ(post("/control/clock", {{"ahead", 3600}}, 200),
-              (json{{"present", "2023-11-14T23:13:20Z"}, {"ahead", 3600}}));
+              (json{{"present", "2023-11-14T23:13:20Z"}, {"ahead", 3600}, {"frozen", false}}));
     EXPECT_EQ(payment("order=A-17").at("state"), "opened");
     post("/control/clock", {{"ahead", 3601}}, 200);
     EXPECT_EQ(payment("order=A-17").at("state"), "expired");

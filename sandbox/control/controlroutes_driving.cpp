@@ -1,0 +1,238 @@
+// The control API's addresses that drive the service from a test: deciding payments, waiting for what becomes of them,
+// standing decisions, notifications.
+//
+// A wait is a request that is answered when the payment has come to the state, or after its seconds. It blocks the
+// thread of its connection alone, and ends early when the service stops.
+
+#include <algorithm>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "sandbox/control/controljson.h"
+#include "sandbox/control/controlroutes.h"
+#include "sandbox/service/decisions.h"
+#include "sandbox/service/notifier.h"
+#include "sandbox/service/paymentmoves.h"
+#include "sandbox/text/httperror.h"
+#include "sandbox/text/httpstatus.h"
+#include "sandbox/text/wiretext.h"
+
+namespace sandbox {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using nlohmann::json;
+
+constexpr char kNotified[] = "notified";
+constexpr std::int64_t kMaxWait = 60;
+constexpr std::int64_t kUsualWait = 10;
+
+/// The segment of the path with this number, from 0.
+std::string segment(std::string const& path, int number) {
+    std::size_t from = 1;
+    while (number-- > 0) {
+        from = path.find('/', from) + 1;
+    }
+    return path.substr(from, path.find('/', from) - from);
+}
+
+Payment requirePayment(Services const& services, std::optional<std::string> const& id) {
+    std::optional<StoredPayment> const stored = id ? services.m_Store.paymentById(*id) : std::nullopt;
+    if (!stored) {
+        throw HttpError("there is no such payment", httpstatus::kNotFound);
+    }
+    return stored->m_Payment;
+}
+
+/// The payment that a decision is about: by the identifier in the path, or by `order` or `token` of the query.
+Payment decidedPayment(Services const& services, HttpRequest const& request) {
+    std::optional<std::string> const order = request.m_Query.value("order");
+    std::optional<std::string> const token = request.m_Query.value("token");
+    bool const isById = request.m_Path != "/control/payments/decision";
+    if (int{isById} + int{order.has_value()} + int{token.has_value()} != 1) {
+        throw HttpError("a payment is named by one of its identifier, order and token");
+    }
+    if (order) {
+        return requirePayment(services, services.m_Store.newestWithOrder(*order));
+    }
+    if (token) {
+        return requirePayment(services, services.m_Store.newestWithToken(*token));
+    }
+    return requirePayment(services, segment(request.m_Path, 2));
+}
+
+bool hasBeen(Payment const& payment, std::string const& state) {
+    return std::any_of(payment.m_History.begin(), payment.m_History.end(),
+                       [&state](HistoryEntry const& step) { return stateName(step.m_State) == state; });
+}
+
+/// Whether the payment has come to what `until` names: a state, or the end of its notifications.
+bool hasCome(Services const& services, Payment const& payment, std::string const& until) {
+    if (until != kNotified) {
+        return hasBeen(payment, until);
+    }
+    std::vector<Notification> const all = services.m_Store.notificationsOf(payment.m_Id);
+    return !all.empty() &&
+           std::none_of(all.begin(), all.end(), [](Notification const& each) { return each.m_Pending; });
+}
+
+/// How long to wait. Throws HttpError.
+std::chrono::seconds readWait(Query const& query) {
+    std::optional<std::int64_t> const seconds =
+        wholeNumber(query.value("seconds").value_or(std::to_string(kUsualWait)));
+    if (!seconds || *seconds < 0 || *seconds > kMaxWait) {
+        throw HttpError("seconds must be a whole number from 0 to " + std::to_string(kMaxWait));
+    }
+    return std::chrono::seconds(*seconds);
+}
+
+void checkUntil(std::string const& until) {
+    if (until == kNotified) {
+        return;
+    }
+    try {
+        stateFromName(until);
+    } catch (std::runtime_error const&) {
+        throw HttpError("until must be the state of a payment or \"notified\", not '" + until + "'");
+    }
+}
+
+Payment presentPayment(Services const& services, std::string const& id) {
+    makeDueMoves(services);
+    expireWhenOverdue(services, requirePayment(services, id));
+    return requirePayment(services, id);
+}
+
+/// The payment once it has come to `until`. Throws HttpError when it has not in time.
+Payment awaitPayment(Services const& services, std::string const& id, std::string const& until,
+                     std::chrono::seconds wait) {
+    Clock::time_point const deadline = Clock::now() + wait;
+    bool goesOn = true;
+    for (;;) {
+        std::uint64_t const seen = services.m_Store.changes();
+        Payment const payment = presentPayment(services, id);
+        if (hasCome(services, payment, until)) {
+            return payment;
+        }
+        if (!goesOn || Clock::now() >= deadline) {
+            throw HttpError("the payment is " + std::string(stateName(payment.m_State)) + ", not " + until +
+                                ", after " + std::to_string(wait.count()) + " seconds",
+                            httpstatus::kConflict);
+        }
+        goesOn = services.m_Store.awaitChange(seen, deadline);
+    }
+}
+
+json decisionJson(StandingDecision const& decision) {
+    json out = {{"id", decision.m_Id}, {"decision", decision.m_Decision}};
+    putBytes(out, "account", decision.m_Account);
+    putBytes(out, "order", decision.m_Order);
+    putBytes(out, "amount", decision.m_Amount);
+    return out;
+}
+
+std::string optionalText(json const& object, std::string const& name) {
+    return object.contains(name) ? requireText(object, name) : "";
+}
+
+}  // namespace
+
+HttpResponse getPayment(Services const& services, HttpRequest const& request) {
+    std::string const id = segment(request.m_Path, 2);
+    std::optional<std::string> const until = request.m_Query.value("until");
+    std::chrono::seconds const wait = readWait(request.m_Query);
+    if (until) {
+        checkUntil(*until);
+    }
+    Payment const payment = until ? awaitPayment(services, id, *until, wait) : presentPayment(services, id);
+    return jsonResponse(httpstatus::kOk, paymentJson(payment, services.m_Store.notificationsOf(id)));
+}
+
+HttpResponse decidePayment(Services const& services, HttpRequest const& request) {
+    Decision const& wanted = namedDecision(requireText(readObject(request.m_Body, {"decision"}), "decision"));
+    Payment payment = decidedPayment(services, request);
+    std::vector<CheckStep> steps;
+    FaultEffect const effect = takeDecisionFault(services, payment, steps);
+    std::optional<Outcome> const outcome = decide(services, effect, payment, wanted, "the control API chose");
+    if (!outcome) {
+        throw HttpError("the payment is " + std::string(stateName(payment.m_State)) + " already",
+                        httpstatus::kConflict);
+    }
+    ReturnedConfirmation const returned = returnedConfirmation(services, effect, payment, *outcome);
+    Query const query(returned.m_Query);
+    json out = {{"id", payment.m_Id}, {"state", stateName(payment.m_State)}, {"result", stateName(outcome->m_Result)}};
+    putBytes(out, "link", returned.m_Link);
+    putBytes(out, "data", query.value("DATA").value());
+    putBytes(out, "signature", query.value("SIGNATURE").value());
+    putBytes(out, "fault", effect.m_Fault ? faultText(*effect.m_Fault) : "");
+    out["steps"] = json::array();
+    for (CheckStep const& step : steps) {
+        out["steps"].push_back(step.m_What + ": " + step.m_Found);
+    }
+    return jsonResponse(httpstatus::kOk, out);
+}
+
+HttpResponse getDecisions(Services const& services, HttpRequest const&) {
+    json decisions = json::array();
+    for (StandingDecision const& decision : services.m_Decisions.all()) {
+        decisions.push_back(decisionJson(decision));
+    }
+    return jsonResponse(httpstatus::kOk, {{"decisions", decisions}});
+}
+
+HttpResponse addDecision(Services const& services, HttpRequest const& request) {
+    json const object = readObject(request.m_Body, {"decision", "account", "order", "amount"});
+    StandingDecision decision;
+    decision.m_Decision = namedDecision(requireText(object, "decision")).m_Name;
+    decision.m_Account = optionalText(object, "account");
+    decision.m_Order = optionalText(object, "order");
+    decision.m_Amount = optionalText(object, "amount");
+    decision.m_Id = services.m_Decisions.add(decision);
+    return jsonResponse(httpstatus::kCreated, decisionJson(decision));
+}
+
+HttpResponse removeDecision(Services const& services, HttpRequest const& request) {
+    std::string const name = segment(request.m_Path, 2);
+    std::optional<std::int64_t> const id = wholeNumber(name);
+    if (!id || !services.m_Decisions.remove(*id)) {
+        throw HttpError("there is no standing decision '" + name + "'", httpstatus::kNotFound);
+    }
+    return getDecisions(services, request);
+}
+
+HttpResponse removeAllDecisions(Services const& services, HttpRequest const& request) {
+    services.m_Decisions.removeAll();
+    return getDecisions(services, request);
+}
+
+HttpResponse getNotifications(Services const& services, HttpRequest const& request) {
+    std::optional<std::string> const payment = request.m_Query.value("payment");
+    json notifications = json::array();
+    for (Notification const& notification :
+         payment ? services.m_Store.notificationsOf(*payment) : services.m_Store.notifications()) {
+        notifications.push_back(notificationJson(notification));
+    }
+    return jsonResponse(httpstatus::kOk, {{"notifications", notifications}});
+}
+
+HttpResponse resendNotification(Services const& services, HttpRequest const& request) {
+    if (!request.m_Body.empty()) {
+        readObject(request.m_Body, {});
+    }
+    std::string const name = segment(request.m_Path, 2);
+    std::optional<std::int64_t> const number = wholeNumber(name);
+    std::optional<Notification> const again = number ? services.m_Store.repeatNotification(*number) : std::nullopt;
+    if (!again) {
+        throw HttpError("there is no notification '" + name + "'", httpstatus::kNotFound);
+    }
+    services.m_Notifier.wake();
+    return jsonResponse(httpstatus::kCreated, notificationJson(*again));
+}
+
+}  // namespace sandbox

@@ -1,0 +1,61 @@
+#ifndef TALLOWIN_SANDBOX_SERVICE_DECISIONS_H
+#define TALLOWIN_SANDBOX_SERVICE_DECISIONS_H
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "sandbox/service/services.h"
+#include "sandbox/service/wrongcontent.h"
+#include "sandbox/store/exchange.h"
+#include "sandbox/store/storedpayment.h"
+
+/// Decisions on payments: by the shopper's form, by the control API, or by a standing decision.
+namespace sandbox {
+
+/// What can be decided, the state it leads to, and the attribute of the PayInit that holds the return link.
+struct Decision {
+    char const* m_Name;
+    PaymentState m_State;
+    char const* m_Link;
+};
+
+/// "pay", "decline" and "cancel".
+std::vector<Decision> const& allDecisions();
+
+/// The decision of that name. Throws HttpError.
+Decision const& namedDecision(std::string const& name);
+
+/// The decision that was made on a payment, and the RESULT of its confirmation.
+struct Outcome {
+    Decision const* m_Decision;  ///< Of allDecisions(), or that of a payment which expired.
+    PaymentState m_Result;
+};
+
+/// The outcome of a payment that is in another state than opened.
+Outcome outcomeOf(Services const& services, Payment const& payment);
+
+/// The state of the payment as it is now, after all moves that are due.
+PaymentState presentState(Services const& services, Payment const& payment);
+
+/// Applies the decision when it comes in time, and returns the outcome that holds. The same decision again is harmless.
+/// Nothing when the payment was decided otherwise. `by` begins the note in the history. Sets the state of `payment`.
+std::optional<Outcome> decide(Services const& services, FaultEffect const& effect, Payment& payment,
+                              Decision const& decision, std::string const& by);
+
+/// The confirmation of a decided payment on its way back to the shop.
+struct ReturnedConfirmation {
+    std::string m_Link;   ///< The return link with the confirmation; empty when the merchant gave none.
+    std::string m_Query;  ///< "DATA=...&SIGNATURE=...".
+};
+
+ReturnedConfirmation returnedConfirmation(Services const& services, FaultEffect const& effect, Payment const& payment,
+                                          Outcome const& outcome);
+
+/// Takes the oldest fault that is armed for the decision on `payment` and makes its message or its outcome wrong.
+/// Faults of connections and of HTTP stay armed: there is no response of that kind.
+FaultEffect takeDecisionFault(Services const& services, Payment const& payment, std::vector<CheckStep>& steps);
+
+}  // namespace sandbox
+
+#endif  // TALLOWIN_SANDBOX_SERVICE_DECISIONS_H

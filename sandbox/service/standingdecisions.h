@@ -1,0 +1,50 @@
+#ifndef TALLOWIN_SANDBOX_SERVICE_STANDINGDECISIONS_H
+#define TALLOWIN_SANDBOX_SERVICE_STANDINGDECISIONS_H
+
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "sandbox/store/storedpayment.h"
+
+namespace sandbox {
+
+/// A decision that is made on every payment it fits, as soon as its page is opened. An empty condition fits all.
+struct StandingDecision {
+    std::int64_t m_Id = 0;   ///< Counts up from 1.
+    std::string m_Decision;  ///< "pay", "decline" or "cancel".
+    std::string m_Account;   ///< User name of the merchant's account.
+    std::string m_Order;     ///< Pattern for ORDERID: "*" stands for any text, "?" for one character.
+    std::string m_Amount;    ///< AMOUNT as the PayInit writes it.
+};
+
+/// Whether `text` fits `pattern`, in which "*" stands for any text and "?" for one byte.
+bool fitsPattern(std::string const& pattern, std::string const& text);
+
+/// The standing decisions, in memory only: a new service has none. Every member may be called by any thread.
+class StandingDecisions {
+public:
+    /// Adds `decision` and returns its identifier.
+    std::int64_t add(StandingDecision decision);
+
+    /// False when none has this identifier.
+    bool remove(std::int64_t id);
+    void removeAll();
+
+    /// Oldest first.
+    [[nodiscard]] std::vector<StandingDecision> all() const;
+
+    /// The oldest one that fits the payment; nothing when none does.
+    [[nodiscard]] std::optional<StandingDecision> find(Payment const& payment) const;
+
+private:
+    mutable std::mutex m_Mutex;  ///< Guards all below.
+    std::vector<StandingDecision> m_All;
+    std::int64_t m_LastId = 0;
+};
+
+}  // namespace sandbox
+
+#endif  // TALLOWIN_SANDBOX_SERVICE_STANDINGDECISIONS_H
