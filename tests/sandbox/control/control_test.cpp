@@ -637,7 +637,7 @@ TEST_F(Control, SetsTheClockOfAnAccountAlone) {
     openPage(m_Merchant.message("PayInit", inAnHour));
     EXPECT_EQ(get("/pay" + shop.signedQuery(shop.message("PayInit", inAnHour))).m_Status, 200);
     EXPECT_EQ(post("/control/clock", {{"ahead", 3601}, {"account", "shop"}}, 200),
-              (json{{"account", "shop"}, {"present", "2023-11-14T23:13:21Z"}, {"ahead", 3601}}));
+              (json{{"account", "shop"}, {"present", "2023-11-14T23:13:21Z"}, {"ahead", 3601}, {"frozen", false}}));
     EXPECT_EQ(payment("account=shop").at("state"), "expired");
     EXPECT_EQ(payment("account=demo").at("state"), "opened");
     json const clock = getJson("/control").at("clock");
