@@ -48,6 +48,7 @@ core/core_tests RandomForgeries.*
 flow/flow_tests Soak.*
 xml/xml_tests RandomDocuments.*
 END
+  ledger_long_forms
   printf '== release: long form of unloading\n'
   timeout 3600 build/release/tests/c/unload_test build/release/libtallowin.so 1000000
   KVX_CLASS_LOADERS=2000 ctest --test-dir build/release -R '^Java\.LoaderCyclesTest$' --output-on-failure --no-tests=error
@@ -56,6 +57,18 @@ END
   printf '== release: a newcomer on a bare Debian\n'
   rm -rf build/newcomer
   timeout 3600 scripts/debianroot --packages ca-certificates build/newcomer tests/install/newcomer.sh /tallowin /build/work
+}
+
+# ledger_long_forms: the same of the ledger's tests in Python.
+ledger_long_forms() {
+  local tests=$PWD/tests script
+  for script in model/ledger_model_test kill/ledger_kill_test ledger_races_test ledger_forgeries_test; do
+    printf '== release: long form of %s\n' "$script"
+    PYTHONPATH=$tests/ledger/model:$tests/ledger/support:$tests/sandbox/support:$tests/support \
+      KVX_LEDGER=$PWD/build/release/libtallowin-ledger.so KVX_SANDBOX=$PWD/build/release/sandbox/tallowin-sandbox \
+      KVX_LEDGER_SEQUENCES=100000 KVX_LEDGER_KILLS=5000 KVX_LEDGER_RACES=2000 KVX_LEDGER_FORGERIES=1000000 \
+      timeout 14400 python3 -B "$tests/ledger/$script.py"
+  done
 }
 
 mode=${1:-}

@@ -1,6 +1,6 @@
 """Eight processes begin and confirm the same orders at once: all get one URL, and one is told that the order is paid.
 
-KVX_RACE_ORDERS is the number of orders.
+KVX_LEDGER_RACES is the number of orders.
 """
 
 import json
@@ -16,7 +16,7 @@ from ledgerface import Ledger, LedgerFailure
 from stubservice import Account
 
 PROCESSES = 8
-ORDERS = int(os.environ.get("KVX_RACE_ORDERS", "40"))
+ORDERS = int(os.environ.get("KVX_LEDGER_RACES", "40"))
 TIMEOUT_SECONDS = 3000
 
 
