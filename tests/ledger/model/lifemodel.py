@@ -172,7 +172,8 @@ class Model:
         order = self.orders[attempt.number]
         if attempt.payment not in (None, said.payment):
             return "REFUSED", "OTHER_PAYMENT"
-        if attempt.is_confirmed:
+        is_given_up = attempt.payment is not None and attempt.state == "cancelled"  # by a person; it stays so
+        if attempt.is_confirmed or is_given_up:
             return self.tell(order, attempt, tell), "NONE"
         is_paid = attempt.state in PAID or attempt.state == "surplus"
         if self.is_late(attempt) and not is_paid:
