@@ -634,8 +634,8 @@ TEST_F(Control, SetsTheClockOfAnAccountAlone) {
     TestMerchant const shop("0-1002-shop");
     askAuto("<KVX MSGTYPE=\"KeyExportRequest\" KEYID=\"0-1002-shop\" KEYBLOB=\"" + shop.blob() + "\"/>", "shop", "p");
     std::string const inAnHour = " TOKEN=\"t1\" EXPIRATION=\"20231114 23:13:20\"";
-    openPage(m_Merchant.message("PayInit", inAnHour));
-    EXPECT_EQ(get("/pay" + shop.signedQuery(shop.message("PayInit", inAnHour))).m_Status, 200);
+    openPage(m_Merchant.bareInit(inAnHour));
+    EXPECT_EQ(get("/pay" + shop.signedQuery(shop.bareInit(inAnHour))).m_Status, 200);
     EXPECT_EQ(post("/control/clock", {{"ahead", 3601}, {"account", "shop"}}, 200),
               (json{{"account", "shop"}, {"present", "2023-11-14T23:13:21Z"}, {"ahead", 3601}, {"frozen", false}}));
     EXPECT_EQ(payment("account=shop").at("state"), "expired");
