@@ -4,8 +4,8 @@
 // row shows what the machine has to give.
 //
 // Times faster in one run:
-//   two threads, payment URLs          1.74
-//   two threads, messages              1.22
+//   two threads, payment URLs          1.81
+//   two threads, messages              1.34
 //   two threads, payment URLs of peer  1.71
 
 #include <chrono>

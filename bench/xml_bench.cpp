@@ -4,24 +4,24 @@
 // Contestants: bench/xmlcontestants.cpp. All read the same text, and what each writes is that text again.
 //
 // Times faster in one run:
-//   parse message, pugixml          1.01
-//   parse message, tinyxml2         4.36
-//   parse message, expat and tree   19.0
-//   parse message, libxml2          8.07
-//   parse 100 KB, pugixml           0.44
-//   parse 100 KB, tinyxml2          2.97
-//   parse 100 KB, expat and tree    4.82
-//   parse 100 KB, libxml2           5.62
-//   parse 5 MB, pugixml             0.22
-//   parse 5 MB, tinyxml2            2.05
-//   parse 5 MB, expat and tree      2.96
-//   parse 5 MB, libxml2             3.62
-//   write message, pugixml          2.57
-//   write message, tinyxml2         5.70
-//   write 100 KB, pugixml           1.11
-//   write 100 KB, tinyxml2          2.94
-//   write 5 MB, pugixml             1.34
-//   write 5 MB, tinyxml2            4.48
+//   parse message, pugixml          1.29
+//   parse message, tinyxml2         4.52
+//   parse message, expat and tree   21.1
+//   parse message, libxml2          8.94
+//   parse 100 KB, pugixml           0.34
+//   parse 100 KB, tinyxml2          2.76
+//   parse 100 KB, expat and tree    4.53
+//   parse 100 KB, libxml2           5.21
+//   parse 5 MB, pugixml             0.26
+//   parse 5 MB, tinyxml2            2.73
+//   parse 5 MB, expat and tree      3.74
+//   parse 5 MB, libxml2             4.81
+//   write message, pugixml          2.65
+//   write message, tinyxml2         5.69
+//   write 100 KB, pugixml           1.10
+//   write 100 KB, tinyxml2          2.86
+//   write 5 MB, pugixml             1.18
+//   write 5 MB, tinyxml2            3.21
 
 #include <benchmark/benchmark.h>
 
