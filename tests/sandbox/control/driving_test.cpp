@@ -102,6 +102,8 @@ TEST_F(Driving, AppliesFaultsOfMessagesToDecisionsAndNoOthers) {
 TEST_F(Driving, ShowsOnePayment) {
     std::string const id = open("t1", " NOTIFYADDRESS=\"shop@example\"");
     decide("/" + id + "/decision", "pay");
+    // Both answers below show the notification, which changes until it is done with.
+    EXPECT_EQ(ask("GET", "/payments/" + id + "?until=notified&seconds=60").m_Status, 200);
     Answer const found = ask("GET", "/payments/" + id);
     EXPECT_EQ(found.m_Status, 200);
     EXPECT_EQ(found.m_Body, ask("GET", "/payments?id=" + id).m_Body.at("payments").at(0));
