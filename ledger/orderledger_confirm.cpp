@@ -120,7 +120,7 @@ Verdict OrderLedger::examineVerified(Confirmation const& confirmation, Message c
     return inTransaction([&] {
         AttemptRow attempt = store().attempt(seen->m_OrderId, seen->m_Attempt);
         OrderRow order = store().order(seen->m_OrderId);
-        // Only a messenger can deliver what it is told; what the worker learns waits for one, or for Ledger_NextPaid.
+        // Only a caller can deliver; a payment that the worker finds waits for a confirmation or for Ledger_NextPaid.
         Decision const decision = decide(order, attempt, claim, at);
         if (decision.m_Tells && number != nullptr) {
             order.m_ToldAt = at;

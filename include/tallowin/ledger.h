@@ -205,7 +205,7 @@ KVX_EXPORT char const* Ledger_GetOutcomeName(int32_t outcome);
 KVX_EXPORT char const* Ledger_GetReasonName(int32_t reason);
 
 /* Copies the number of one order that is paid and of which nobody has been told: the worker learned it from a status
- * response or a kept confirmation. Each order is told once, here or as KVX_LEDGER_PAID_NOW, among all processes.
+ * response or a kept confirmation. Each order is reported once, here or as KVX_LEDGER_PAID_NOW, among all processes.
  * KVX_E_NOT_FOUND, leaving `*size` alone: there is none. KVX_E_BUFFER_TOO_SMALL: nothing has changed. */
 KVX_EXPORT int32_t Ledger_NextPaid(KVX_HANDLE ledger, int32_t* size, char* order);
 

@@ -228,7 +228,7 @@ public:
     }
 
     /// The number of one order that the worker found paid and that nobody has been told; nothing when there is none.
-    /// Each order is told once, here or as Outcome::kPaidNow.
+    /// Each order is reported once, here or as Outcome::kPaidNow.
     std::optional<std::string> nextPaid() {
         std::string order(detail::kNumberRoom, '\0');
         auto size = static_cast<std::int32_t>(order.size());

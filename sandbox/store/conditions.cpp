@@ -9,16 +9,7 @@ std::string conditionsOf(ExchangeFilter const& filter) {
 }
 
 void bind(Statement& row, ExchangeFilter const& filter, Page const& page) {
-    row.number(page.m_After).number(page.m_Before);
-    if (filter.m_Account) {
-        row.text(*filter.m_Account);
-    }
-    if (filter.m_Order) {
-        row.bytes(*filter.m_Order);
-    }
-    if (filter.m_Token) {
-        row.text(*filter.m_Token);
-    }
+    bindCommon(row, filter, page);
     if (filter.m_Payment) {
         row.text(*filter.m_Payment);
     }

@@ -9,6 +9,21 @@
 /// The SQL that picks rows. Each text has a space before it and parameters for bind().
 namespace sandbox {
 
+/// Binds the bounds of the page, then account, order and token where the filter names them.
+template <class Filter>
+void bindCommon(Statement& row, Filter const& filter, Page const& page) {
+    row.number(page.m_After).number(page.m_Before);
+    if (filter.m_Account) {
+        row.text(*filter.m_Account);
+    }
+    if (filter.m_Order) {
+        row.bytes(*filter.m_Order);
+    }
+    if (filter.m_Token) {
+        row.text(*filter.m_Token);
+    }
+}
+
 /// The WHERE of a filter and the bounds of a page.
 std::string conditionsOf(ExchangeFilter const& filter);
 void bind(Statement& row, ExchangeFilter const& filter, Page const& page);
