@@ -118,8 +118,9 @@ xmlElementPtr KVX_Context::exchange(TbString const& baseUrl, TbStringStream& mes
                                     TbString const& expectedType, TbStringStream& responseText) {
     TbString url;
     composeUrl(baseUrl, message, signature, url);
-    StreamFromURL(url, responseText);
+    // Before anything is sent: a failure to read a file says that nothing was.
     xmlLimits const limits = settingsForVerification().m_Documents;
+    StreamFromURL(url, responseText);
     try {
         xmlElementPtr response = kvxParseDocument(responseText, limits);
         CheckResponseMsgType(response.get(), expectedType);

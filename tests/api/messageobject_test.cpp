@@ -5,6 +5,8 @@
 
 #include "api/cMessageObject.h"
 
+#include <unistd.h>
+
 #include "foundation/tbobject.h"
 #include "tests/api/apisupport.h"
 #include "tests/support/exceptions.h"
@@ -270,6 +272,21 @@ TEST_F(Capture, SendsTheSignedMessageAndWantsAConfirmation) {
                                            "&SIGNATURE=" + account.sign(text, "own") + " HTTP/1.0\r\n"),
                   0U);
     }
+}
+
+TEST_F(Capture, ReadsNoFileOnceItIsSent) {
+    std::string const settings = m_Account.path() + "/settings.xml";
+    RawServer const server([&](Peer& peer) {
+        peer.receiveRequest();
+        ASSERT_EQ(::symlink("settings.xml", settings.c_str()), 0);  // a link to itself, which cannot be opened
+        peer.send(httpResponse(R"(<KVX MSGTYPE="PayConfirm"/>)"));
+        peer.finish();
+    });
+    m_Account.setAddress(urlOfServer(server));
+    OpenedMessage const message(m_Account);
+    ASSERT_EQ(MessageObject_FromString(message.get(), kConfirmation), KVX_OK);
+    EXPECT_EQ(MessageObject_Capture(message.get()), KVX_OK) << "the payment is captured";
+    EXPECT_EQ(MessageObject_Capture(message.get()), KVX_E_CANNOT_OPEN) << "nothing is sent";
 }
 
 TEST_F(Capture, OfAnObjectThatOnlyVerifiedAConfirmationFindsNoKeyToSignWith) {
