@@ -398,8 +398,8 @@ private:
         for (KnownKey const& key : m_Evidence.m_Keys) {
             candidates.emplace_back("KEYID", key.m_Id);
         }
-        SearchedText found =
-            findSignedText(m_Out.m_Data, attempt.m_Opened.m_Content, signedBy(attempt.m_Key), candidates);
+        SearchedText found = findSignedText(m_Out.m_Data, attempt.m_Opened.m_Content, signedBy(attempt.m_Key),
+                                            candidates, m_Evidence.m_MaxSearchedBytes);
         if (!found.m_Text) {
             m_SearchedAll = found.m_Complete;
             return nothingFits(m_Wording.m_Searched.empty() ? "" : " " + m_Wording.m_Searched);

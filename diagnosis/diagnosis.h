@@ -104,7 +104,8 @@ struct Evidence {
     Recall m_Recall;
     Wording m_Wording;
     bool m_SearchesChanges = false;  ///< Whether single changes are tried when nothing else verifies; takes seconds.
-    Attributes m_Expected = {};      ///< Values to try first in the place of those in DATA.
+    long long m_MaxSearchedBytes = kMaxSearchedBytes;  ///< Of that search.
+    Attributes m_Expected = {};                        ///< Values to try first in the place of those in DATA.
 };
 
 /// An attribute that differs between two messages.
