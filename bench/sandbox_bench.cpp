@@ -327,7 +327,12 @@ void measurePages(Sandbox const& sandbox) {
     std::string const payments = get(sandbox.controlPort(), "/");
     std::string const id = between(payments, "/payment?id=", '"');
     measurePage(sandbox, "/", "/");
+    measurePage(sandbox, "/?state=captured&account=demo", "/?state=captured&account=demo");
     measurePage(sandbox, "/payment?id=", "/payment?id=" + id);
+    measurePage(sandbox, "/exchange?number=", "/exchange?number=" + between(payments, "/exchange?number=", '"'));
+    for (std::string const page : {"/faults", "/keys", "/calculator", "/calculator?example=amount"}) {
+        measurePage(sandbox, page, page);
+    }
     measurePage(sandbox, "/control", "/control");
     measurePage(sandbox, "/control/payments?id=", "/control/payments?id=" + id);
     measurePage(sandbox, "/control/payments?order=", "/control/payments?order=order-unknown");

@@ -2,6 +2,7 @@
 // Both signals are blocked before the first thread starts and taken with sigwait() alone. Exit status 2 means a wrong
 // command line, 1 a service that cannot start.
 #include <pthread.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <chrono>
@@ -17,8 +18,12 @@
 #include <vector>
 
 #include "sandbox/service.h"
+#include "sandbox/text/wiretext.h"
 
 namespace {
+
+constexpr char kTokenCharacters[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+constexpr int kTokenBytes = 16;
 
 struct Arguments {
     sandbox::Options m_Options;
@@ -29,6 +34,7 @@ struct Arguments {
 };
 
 void describe(CLI::App& program, Arguments& arguments) {
+    program.set_version_flag("--version", "tallowin-sandbox " KVX_VERSION, "print the version and end");
     program.add_option("--data", arguments.m_Options.m_DataDirectory, "directory for database, keys and certificates")
         ->required();
     program.add_option("--port", arguments.m_Options.m_Port, "port for plain HTTP; 0 for any free port")
@@ -46,6 +52,29 @@ void describe(CLI::App& program, Arguments& arguments) {
                     "port of dashboard and control API, never affected by faults; 0 for any free port")
         ->capture_default_str();
     program.add_option("--fault", arguments.m_Faults, "fault to arm: kind,name=value,... (repeatable)");
+    program
+        .add_option("--listen", arguments.m_Options.m_Listen.m_Address,
+                    "IPv4 address to listen on; other machines need a token")
+        ->type_name("ADDRESS")
+        ->capture_default_str();
+    program
+        .add_option("--host", arguments.m_Options.m_Listen.m_Name,
+                    "name under which clients reach the address of --listen")
+        ->type_name("NAME");
+    program.add_option("--token", arguments.m_Options.m_Token, "demanded for dashboard and control API")
+        ->type_name("TEXT")
+        ->check([](std::string const& text) {
+            bool const good = !text.empty() && text.find_first_not_of(kTokenCharacters) == std::string::npos;
+            return good ? "" : "must have letters, digits, '-' and '_' only";
+        });
+    program
+        .add_option("--notify-ca", arguments.m_Options.m_NotifyAuthority,
+                    "file with the authorities of merchants that are notified under TLS")
+        ->type_name("FILE")
+        ->check(CLI::ExistingFile);
+    program
+        .add_option("--scenario", arguments.m_Options.m_ScenarioFile, "file with faults and standing decisions to arm")
+        ->type_name("FILE");
     program.add_option("--account", arguments.m_Account, "the merchant's account, as user:password")
         ->capture_default_str()
         ->check([](std::string const& text) {
@@ -76,22 +105,26 @@ void describe(CLI::App& program, Arguments& arguments) {
 
 std::string readyLine(sandbox::Service const& service, Arguments const& arguments) {
     std::string const base = service.baseUrl();
+    std::string const& token = arguments.m_Options.m_Token;
+    std::string const dashboard = service.controlUrl() + "/" + (token.empty() ? "" : "?token=" + token);
     if (!arguments.m_Json) {
         std::string const tls = arguments.m_Options.m_Tls ? " and " + service.tlsBaseUrl() + "/auto" : "";
         std::string const proxy = arguments.m_Options.m_Proxy ? ", proxy at " + service.proxyUrl() : "";
-        return "The sandbox is ready: set-up at " + base + "/auto" + tls + proxy + ", dashboard at " +
-               service.controlUrl() + "/";
+        return "The sandbox is ready: set-up at " + base + "/auto" + tls + proxy + ", dashboard at " + dashboard;
     }
     nlohmann::json line = {{"auto", base + "/auto"},
                            {"pay", base + "/pay"},
                            {"capture", base + "/capture"},
                            {"payments", base + "/"},
-                           {"dashboard", service.controlUrl() + "/"},
+                           {"dashboard", dashboard},
                            {"control", service.controlUrl() + "/control"},
                            {"port", service.plainPort()},
                            {"controlPort", service.controlPort()},
                            {"serverKeyId", service.serverKeyId()},
                            {"data", arguments.m_Options.m_DataDirectory}};
+    if (!token.empty()) {
+        line["token"] = token;
+    }
     if (arguments.m_Options.m_Tls) {
         line["tlsAuto"] = service.tlsBaseUrl() + "/auto";
         line["tlsPort"] = service.tlsPort();
@@ -102,6 +135,19 @@ std::string readyLine(sandbox::Service const& service, Arguments const& argument
         line["proxyPort"] = service.proxyPort();
     }
     return line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+/// Fills in what --host and --token leave open. The machine's name stands for all of its addresses.
+void completeListenAddress(sandbox::Options& options) {
+    sandbox::ListenAddress& listen = options.m_Listen;
+    if (listen.m_Name.empty()) {
+        char machine[256] = "";
+        ::gethostname(machine, sizeof machine - 1);
+        listen.m_Name = listen.m_Address == "0.0.0.0" ? machine : listen.m_Address;
+    }
+    if (options.m_Token.empty() && !listen.isLocal()) {
+        options.m_Token = sandbox::randomHex(kTokenBytes);
+    }
 }
 
 /// Runs until SIGINT or SIGTERM. A second one ends the process at once, which loses nothing that a client received.
@@ -124,8 +170,9 @@ void serve(Arguments const& arguments) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    CLI::App program("A payment service for testing merchants, on 127.0.0.1 only.", "tallowin-sandbox");
+    CLI::App program("A payment service for testing merchants.", "tallowin-sandbox");
     Arguments arguments;
+    arguments.m_Options.m_Listen.m_Name = "";
     describe(program, arguments);
     try {
         program.parse(argc, argv);
@@ -139,6 +186,7 @@ int main(int argc, char** argv) {
     try {
         std::string& directory = arguments.m_Options.m_DataDirectory;
         directory = directory.empty() ? "" : std::filesystem::absolute(directory).string();
+        completeListenAddress(arguments.m_Options);
         if (!arguments.m_NotifyRetries.empty()) {
             arguments.m_Options.m_NotificationBackoff.clear();
         }

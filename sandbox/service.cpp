@@ -4,6 +4,7 @@
 // Odd: the listeners begin to stop together, and the proxy stops after them, because it carries their last responses.
 #include "sandbox/service.h"
 
+#include <atomic>
 #include <exception>
 #include <optional>
 #include <stdexcept>
@@ -11,6 +12,7 @@
 #include <utility>
 
 #include "sandbox/control/control.h"
+#include "sandbox/control/controlroutes.h"
 #include "sandbox/dashboard/dashboard.h"
 #include "sandbox/http/listener.h"
 #include "sandbox/http/tlsidentity.h"
@@ -30,6 +32,7 @@ namespace sandbox {
 namespace {
 
 constexpr char kDatabaseFile[] = "sandbox.db";
+constexpr char kSnapshots[] = "snapshots";
 constexpr int kFormKeyBytes = 16;
 
 HttpResponse route(Services const& services, HttpRequest const& request) {
@@ -72,16 +75,29 @@ public:
           m_Store(m_Directory.file(kDatabaseFile), options.m_Retention),
           m_Clock(options.m_Clock, m_Store),
           m_Keys(m_Store, m_Clock, options.m_ServerKeyBits),
-          m_Services{m_Store,    m_Keys,    m_Faults,    m_Clock,        m_Addresses,
-                     m_Notifier, m_FormKey, m_Decisions, options.m_Seed, options.m_Lenient},
+          m_Services{m_Store,
+                     m_Keys,
+                     m_Faults,
+                     m_Clock,
+                     m_Addresses,
+                     m_Notifier,
+                     m_FormKey,
+                     m_Decisions,
+                     m_Snapshots,
+                     options.m_Token,
+                     options.m_NotifyAuthority,
+                     options.m_Seed,
+                     options.m_Lenient,
+                     m_Ready},
           m_Notifier(m_Services,
                      {options.m_NotificationTimeout, options.m_NotificationBackoff, options.m_ClockInterval}),
-          m_Control(options.m_ControlPort, nullptr, nullptr, options.m_RequestTimeout),
-          m_Plain(options.m_Port, nullptr, &m_Faults, options.m_RequestTimeout) {
+          m_Control(options.m_ControlPort, nullptr, nullptr, options.m_RequestTimeout, options.m_Listen),
+          m_Plain(options.m_Port, nullptr, &m_Faults, options.m_RequestTimeout, options.m_Listen) {
         m_Store.putAccount(options.m_AccountUser, options.m_AccountPassword);
         if (options.m_Tls) {
-            m_TlsIdentity = makeTlsIdentity(m_Directory);
-            m_Tls = std::make_unique<Listener>(options.m_TlsPort, &m_TlsIdentity, &m_Faults, options.m_RequestTimeout);
+            m_TlsIdentity = makeTlsIdentity(m_Directory, options.m_Listen.m_Name);
+            m_Tls = std::make_unique<Listener>(options.m_TlsPort, &m_TlsIdentity, &m_Faults, options.m_RequestTimeout,
+                                               options.m_Listen);
             m_Addresses.m_Tls = m_Tls->baseUrl();
         }
         if (options.m_Proxy) {
@@ -95,6 +111,9 @@ public:
         for (Fault const& fault : options.m_Faults) {
             m_Faults.arm(fault);
         }
+        if (!options.m_ScenarioFile.empty()) {
+            playScenarioFile(m_Services, options.m_ScenarioFile);
+        }
         auto const handler = [this](HttpRequest const& request) { return handle(m_Services, request); };
         m_Control.start(handler);
         m_Plain.start(handler);
@@ -105,9 +124,11 @@ public:
             m_Proxy->start();
         }
         m_Notifier.start();
+        m_Ready = true;
     }
 
     ~Running() {
+        m_Ready = false;
         m_Faults.setRefusalListener(nullptr);
         m_Store.endWaits();
         // All listeners together, so that none goes on while another one ends. The proxy ends last.
@@ -146,7 +167,9 @@ private:
     KeyRing m_Keys;
     FaultRegistry m_Faults;
     StandingDecisions m_Decisions;
+    Snapshots m_Snapshots{m_Directory.file(kSnapshots), m_Store};
     Addresses m_Addresses;
+    std::atomic<bool> m_Ready{false};
     std::string m_FormKey = randomHex(kFormKeyBytes);
     Services m_Services;
     Notifier m_Notifier;
@@ -164,6 +187,9 @@ Service::~Service() = default;
 void Service::start() {
     if (m_Running) {
         throw std::logic_error("the sandbox is running already");
+    }
+    if (m_Options.m_Token.empty() && !m_Options.m_Listen.isLocal()) {
+        throw std::runtime_error("a service that other machines reach needs a token");
     }
     m_Running = std::make_unique<Running>(m_Options);
 }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "sandbox/faults/faultregistry.h"
+#include "sandbox/http/hostport.h"
 #include "sandbox/store/exchange.h"
 #include "sandbox/store/listing.h"
 #include "sandbox/store/notification.h"
@@ -28,11 +29,15 @@ struct Options {
     std::uint16_t m_ProxyPort = 0;           ///< Of the proxy; 0 picks a free one.
     std::string m_AccountUser = "demo";      ///< The merchant's account, created or given this password at the start.
     std::string m_AccountPassword = "demo";  ///< Kept as a salted hash only.
-    unsigned m_ServerKeyBits = 512;    ///< Of the key that signs confirmations, when it is made at the first start.
-    std::vector<Fault> m_Faults = {};  ///< Armed from the start.
-    std::string m_Seed = {};           ///< Makes the identifiers of payments predictable; empty: they are random.
-    bool m_Lenient = false;            ///< Accept odd content of a PayInit with a warning instead of refusing it.
-    Retention m_Retention = {};        ///< How much of payments and exchanges is kept.
+    unsigned m_ServerKeyBits = 512;      ///< Of the key that signs confirmations, when it is made at the first start.
+    std::vector<Fault> m_Faults = {};    ///< Armed from the start.
+    ListenAddress m_Listen = {};         ///< One that others reach needs a token.
+    std::string m_Token = {};            ///< Demanded for control API and dashboard; empty: none is.
+    std::string m_NotifyAuthority = {};  ///< File with the authorities of merchants with https addresses; empty: none.
+    std::string m_ScenarioFile = {};     ///< A scenario that is armed from the start; empty: none.
+    std::string m_Seed = {};             ///< Makes the identifiers of payments predictable; empty: they are random.
+    bool m_Lenient = false;              ///< Accept odd content of a PayInit with a warning instead of refusing it.
+    Retention m_Retention = {};          ///< How much of payments and exchanges is kept.
     std::function<std::time_t()> m_Clock = {};  ///< The time of day; empty means the system's. Called by many threads.
     std::chrono::milliseconds m_RequestTimeout{30'000};       ///< For a whole request to arrive.
     std::chrono::milliseconds m_ProxyTimeout{60'000};         ///< Until the target of the proxy begins to respond.
@@ -45,7 +50,7 @@ struct Options {
     std::vector<std::chrono::milliseconds> m_NotificationBackoff = {std::chrono::seconds(1), std::chrono::seconds(5)};
 };
 
-/// The payment service, the server of the merchant's protocol, on 127.0.0.1.
+/// The payment service, the server of the merchant's protocol, on 127.0.0.1 unless the options say otherwise.
 ///
 /// A service is started and stopped by one thread; in between every other member may be called by any thread. It needs
 /// nothing of the component it stands against. Addresses: `/auto` set-up and keys, `/pay` payment page, `/pay/decision`
@@ -76,7 +81,7 @@ public:
     [[nodiscard]] std::uint16_t controlPort() const;
     [[nodiscard]] std::uint16_t proxyPort() const;
 
-    /// "http://127.0.0.1:PORT" and "https://127.0.0.1:PORT", without a slash at the end; empty when not listened on.
+    /// "http://HOST:PORT" and "https://HOST:PORT", without a slash at the end; empty when not listened on.
     [[nodiscard]] std::string baseUrl() const;
     [[nodiscard]] std::string tlsBaseUrl() const;
 

@@ -13,6 +13,8 @@ namespace sandbox {
 
 namespace {
 
+constexpr char kHealthPath[] = "/health";
+
 /// One method of one address.
 struct Route {
     char const* m_Method;
@@ -22,7 +24,10 @@ struct Route {
 
 // clang-format off
 constexpr Route kRoutes[] = {
+    {"GET",    kHealthPath,              getHealth},
     {"GET",    "/control",              getStatus},
+    {"GET",    "/control/openapi.json", getOpenApi},
+    {"GET",    "/control/export",       exportAll},
     {"GET",    "/control/faults",       getFaults},
     {"POST",   "/control/faults",       armFault},
     {"DELETE", "/control/faults",       liftAllFaults},
@@ -36,6 +41,12 @@ constexpr Route kRoutes[] = {
     {"POST",   "/control/decisions",           addDecision},
     {"DELETE", "/control/decisions",           removeAllDecisions},
     {"DELETE", "/control/decisions/#",         removeDecision},
+    {"GET",    "/control/scenario",            getScenario},
+    {"POST",   "/control/scenario",            playScenario},
+    {"GET",    "/control/snapshots",           getSnapshots},
+    {"POST",   "/control/snapshots/*",         saveSnapshot},
+    {"DELETE", "/control/snapshots/*",         removeSnapshot},
+    {"POST",   "/control/snapshots/*/restore", restoreSnapshot},
     {"GET",    "/control/notifications",       getNotifications},
     {"POST",   "/control/notifications/#/resend", resendNotification},
     {"GET",    "/control/exchanges",    getExchanges},
@@ -81,7 +92,9 @@ HttpResponse errorResponse(int status, std::string const& reason) {
 }
 
 HttpResponse handleRoute(Services const& services, HttpRequest const& request) {
-    refuseForeignHost(request);
+    if (request.m_Path != kHealthPath) {
+        checkAccess(services.m_Token, request);
+    }
     std::string allowed;
     for (Route const& route : kRoutes) {
         if (!matches(route.m_Path, request.m_Path)) {
@@ -107,7 +120,7 @@ HttpResponse handleRoute(Services const& services, HttpRequest const& request) {
 }  // namespace
 
 std::optional<HttpResponse> handleControl(Services const& services, HttpRequest const& request) {
-    if (!isBelow(request.m_Path, "/control")) {
+    if (request.m_Path != kHealthPath && !isBelow(request.m_Path, "/control")) {
         return std::nullopt;
     }
     try {

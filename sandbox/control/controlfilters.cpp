@@ -5,7 +5,6 @@
 #include "sandbox/control/controlfilters.h"
 
 #include <algorithm>
-#include <cstddef>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -19,24 +18,9 @@ namespace {
 
 using Names = std::vector<std::string>;
 
-constexpr std::size_t kMaxListedBytes = std::size_t{1024} * 1024;
-
 Names const kPaymentNames = {"account", "order", "token", "id", "state", "after", "before", "limit"};
 Names const kExchangeNames = {"account", "order", "token", "payment", "kind", "after", "before", "limit"};
 Names const kRemovalNames = {"account", "order", "token", "payment", "kind", "after", "before"};
-
-void refuseUnknown(Query const& query, Names const& known) {
-    for (std::string const& name : query.names()) {
-        if (std::find(known.begin(), known.end(), name) != known.end()) {
-            continue;
-        }
-        std::string list;
-        for (std::string const& each : known) {
-            list += (list.empty() ? "" : ", ") + each;
-        }
-        throw HttpError("unknown filter '" + name + "', the filters of this list are: " + list);
-    }
-}
 
 /// A bound of the list; `row` is what its numbers count, "an exchange".
 std::int64_t readBound(std::string const& name, std::string const& text, std::string const& row) {
@@ -94,6 +78,19 @@ ExchangeFilter readExchangeFilter(Query const& query) {
 }
 
 }  // namespace
+
+void refuseUnknown(Query const& query, Names const& known) {
+    for (std::string const& name : query.names()) {
+        if (std::find(known.begin(), known.end(), name) != known.end()) {
+            continue;
+        }
+        std::string list;
+        for (std::string const& each : known) {
+            list += (list.empty() ? "" : ", ") + each;
+        }
+        throw HttpError("unknown filter '" + name + "', the filters of this list are: " + list);
+    }
+}
 
 PaymentQuery readPaymentQuery(Query const& query) {
     refuseUnknown(query, kPaymentNames);

@@ -1,9 +1,11 @@
 #ifndef TALLOWIN_SANDBOX_CONTROL_CONTROLFILTERS_H
 #define TALLOWIN_SANDBOX_CONTROL_CONTROLFILTERS_H
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "sandbox/store/listing.h"
 #include "sandbox/text/wiretext.h"
@@ -15,6 +17,9 @@ namespace sandbox {
 /// Rows of a response when the query has no limit, and the largest limit.
 inline constexpr std::int64_t kDefaultRows = 100;
 inline constexpr std::int64_t kMaxRows = 1000;
+
+/// A page ends after the row with which it has so much of stored requests and responses.
+inline constexpr std::size_t kMaxListedBytes = std::size_t{1024} * 1024;
 
 /// A list with its page.
 struct PaymentQuery {
@@ -32,6 +37,9 @@ ExchangeQuery readExchangeQuery(Query const& query);
 
 /// The conditions on exchanges that are to be removed: no limit.
 ExchangeQuery readRemovalQuery(Query const& query);
+
+/// Throws HttpError when the query has a name that is not `known`.
+void refuseUnknown(Query const& query, std::vector<std::string> const& known);
 
 /// The one condition of other lists.
 std::optional<std::string> readAccount(Query const& query);

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <string>
 
+#include "sandbox/crypto/credentials.h"
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/httpstatus.h"
 
@@ -26,15 +27,54 @@ std::string nameOf(std::string const& host) {
     return numbered ? host.substr(0, colon) : host;
 }
 
+constexpr char kCookie[] = "tallowin-sandbox=";
+constexpr char kScheme[] = "Bearer ";
+
+/// The token in the cookies of the request; empty when there is none.
+std::string cookieToken(HttpRequest const& request) {
+    std::string const head = request.m_Raw.substr(0, request.m_Raw.size() - request.m_Body.size());
+    std::size_t const line = lowerCase(head).find("\ncookie:");
+    std::size_t const at = line == std::string::npos ? line : head.find(kCookie, line);
+    if (at == std::string::npos || at > head.find('\n', line + 1)) {
+        return "";
+    }
+    std::size_t const from = at + sizeof kCookie - 1;
+    return head.substr(from, head.find_first_of("; \r\n", from) - from);
+}
+
+[[noreturn]] void refuseToken() {
+    throw HttpError("This needs the service's token: Authorization: Bearer TOKEN, or the link with ?token=TOKEN.",
+                    httpstatus::kUnauthorized);
+}
+
 }  // namespace
 
-void refuseForeignHost(HttpRequest const& request) {
+void checkAccess(std::string const& token, HttpRequest const& request) {
+    if (!token.empty()) {
+        bool const isBearer = request.m_Authorization.compare(0, sizeof kScheme - 1, kScheme) == 0;
+        if (!equalSecrets(isBearer ? request.m_Authorization.substr(sizeof kScheme - 1) : cookieToken(request),
+                          token)) {
+            refuseToken();
+        }
+        return;
+    }
     std::string const name = lowerCase(nameOf(request.m_Host));
     if (!request.m_Host.empty() && name != "127.0.0.1" && name != "localhost") {
         throw HttpError("This service accepts requests for the hosts 127.0.0.1 and localhost only, not for '" +
                             request.m_Host + "'.",
                         httpstatus::kForbidden);
     }
+}
+
+std::optional<std::string> cookieOf(std::string const& token, HttpRequest const& request) {
+    std::optional<std::string> const given = token.empty() ? std::nullopt : request.m_Query.value("token");
+    if (!given) {
+        return std::nullopt;
+    }
+    if (!equalSecrets(*given, token)) {
+        refuseToken();
+    }
+    return kCookie + token + "; HttpOnly; SameSite=Lax; Path=/";
 }
 
 void requireJson(HttpRequest const& request) {

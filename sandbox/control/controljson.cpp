@@ -6,6 +6,7 @@
 #include "sandbox/control/controljson.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <limits>
 #include <utility>
 
@@ -47,6 +48,7 @@ constexpr FaultMember kDetails[] = {
     {"account",   isText,   "a string"},
     {"order",     isText,   "a string"},
     {"times",     isTimes,  "a whole number or \"always\""},
+    {"skip",      isWhole,  "a whole number"},
     {"seconds",   isNumber, "a number"},
     {"bytes",     isWhole,  "a whole number"},
     {"status",    isWhole,  "a whole number"},
@@ -65,13 +67,18 @@ json stepJson(CheckStep const& step) {
     return out;
 }
 
-json parse(std::string const& body) {
+json parse(std::string const& body, std::string const& name) {
     try {
         return json::parse(body);
     } catch (json::parse_error const& error) {
-        throw HttpError("the body is not valid JSON: error at byte " + std::to_string(error.byte));
+        std::size_t const at = std::min<std::size_t>(error.byte > 0 ? error.byte - 1 : 0, body.size());
+        auto const line = 1 + std::count(body.begin(), body.begin() + static_cast<std::ptrdiff_t>(at), '\n');
+        std::size_t const start = at == 0 ? std::string::npos : body.rfind('\n', at - 1);
+        std::size_t const column = start == std::string::npos ? at + 1 : at - start;
+        throw HttpError(name + " is not valid JSON: error at byte " + std::to_string(error.byte) + ", line " +
+                        std::to_string(line) + ", column " + std::to_string(column));
     } catch (json::out_of_range const&) {
-        throw HttpError("a number in the body is out of range");
+        throw HttpError("a number in " + name + " is out of range");
     }
 }
 
@@ -155,6 +162,9 @@ json faultJson(ArmedFault const& armed) {
     }
     putBytes(out, "order", fault.m_Order);
     out["times"] = fault.m_Times == 0 ? json("always") : json(fault.m_Times);
+    if (fault.m_Skip != 0) {
+        out["skip"] = fault.m_Skip;
+    }
     if (fault.m_Seconds) {
         out["seconds"] = *fault.m_Seconds;
     }
@@ -181,16 +191,25 @@ json faultKindJson(FaultKindRow const& row) {
             {"carriedOut", row.m_CarriedOut}};
 }
 
-json readObject(std::string const& body, std::vector<std::string> const& allowed) {
-    json object = parse(body);
+json parseObject(std::string const& body, std::string const& name) {
+    json object = parse(body, name);
     if (!object.is_object()) {
-        throw HttpError("the body is not a JSON object");
+        throw HttpError(name + " is not a JSON object");
     }
+    return object;
+}
+
+void checkMembers(json const& object, std::vector<std::string> const& allowed) {
     for (auto const& [name, value] : object.items()) {
         if (std::find(allowed.begin(), allowed.end(), name) == allowed.end()) {
             throw HttpError("unknown member '" + name + "'");
         }
     }
+}
+
+json readObject(std::string const& body, std::vector<std::string> const& allowed) {
+    json object = parseObject(body);
+    checkMembers(object, allowed);
     return object;
 }
 
@@ -212,12 +231,12 @@ std::int64_t requireNumber(json const& object, std::string const& name) {
     return found->get<std::int64_t>();
 }
 
-Fault readFault(std::string const& body) {
+Fault readFault(json const& object) {
     std::vector<std::string> allowed = {"kind"};
     for (FaultMember const& member : kDetails) {
         allowed.emplace_back(member.m_Name);
     }
-    json const object = readObject(body, allowed);
+    checkMembers(object, allowed);
     std::string const kind = requireText(object, "kind");
     FaultFields fields;
     for (FaultMember const& member : kDetails) {

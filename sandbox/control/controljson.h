@@ -32,15 +32,21 @@ nlohmann::json exchangeJson(Exchange const& exchange);
 nlohmann::json faultJson(ArmedFault const& armed);
 nlohmann::json faultKindJson(FaultKindRow const& row);
 
-/// The object in `body`. Throws HttpError for anything else, and for a member that is not in `allowed`.
+/// The object in `body`, which stands in errors as `name`. Throws HttpError for anything else.
+nlohmann::json parseObject(std::string const& body, std::string const& name = "the body");
+
+/// Throws HttpError for a member that is not in `allowed`.
+void checkMembers(nlohmann::json const& object, std::vector<std::string> const& allowed);
+
+/// Both.
 nlohmann::json readObject(std::string const& body, std::vector<std::string> const& allowed);
 
 /// A required member of an object. Throws HttpError when it is missing or has another type.
 std::string requireText(nlohmann::json const& object, std::string const& name);
 std::int64_t requireNumber(nlohmann::json const& object, std::string const& name);
 
-/// The fault that `body` describes. Throws HttpError.
-Fault readFault(std::string const& body);
+/// The fault that `object` describes. Throws HttpError.
+Fault readFault(nlohmann::json const& object);
 
 }  // namespace sandbox
 

@@ -2,6 +2,7 @@
 #define TALLOWIN_SANDBOX_CONTROL_CONTROLROUTES_H
 
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 
@@ -10,6 +11,9 @@
 /// The addresses of the control API, one function each. All throw HttpError.
 namespace sandbox {
 
+HttpResponse getHealth(Services const& services, HttpRequest const& request);
+HttpResponse getOpenApi(Services const& services, HttpRequest const& request);
+HttpResponse exportAll(Services const& services, HttpRequest const& request);
 HttpResponse getStatus(Services const& services, HttpRequest const& request);
 HttpResponse getPayments(Services const& services, HttpRequest const& request);
 HttpResponse getExchanges(Services const& services, HttpRequest const& request);
@@ -29,11 +33,29 @@ HttpResponse removeAllDecisions(Services const& services, HttpRequest const& req
 HttpResponse getNotifications(Services const& services, HttpRequest const& request);
 HttpResponse resendNotification(Services const& services, HttpRequest const& request);
 
+HttpResponse getScenario(Services const& services, HttpRequest const& request);
+HttpResponse playScenario(Services const& services, HttpRequest const& request);
+HttpResponse getSnapshots(Services const& services, HttpRequest const& request);
+HttpResponse saveSnapshot(Services const& services, HttpRequest const& request);
+HttpResponse restoreSnapshot(Services const& services, HttpRequest const& request);
+HttpResponse removeSnapshot(Services const& services, HttpRequest const& request);
+
 HttpResponse getFaults(Services const& services, HttpRequest const& request);
 HttpResponse getFaultKinds(Services const& services, HttpRequest const& request);
 HttpResponse armFault(Services const& services, HttpRequest const& request);
 HttpResponse liftFault(Services const& services, HttpRequest const& request);
 HttpResponse liftAllFaults(Services const& services, HttpRequest const& request);
+
+/// Arms the scenario in a file. Throws std::runtime_error, with the place of a mistake.
+void playScenarioFile(Services const& services, std::string const& path);
+
+/// A standing decision as JSON, and as a request describes it. Throws HttpError.
+nlohmann::json decisionJson(StandingDecision const& decision);
+StandingDecision readDecision(nlohmann::json const& object);
+
+/// What getStatus() and getKeys() respond with, for the dashboard.
+nlohmann::json statusJson(Services const& services);
+nlohmann::json keysJson(Services const& services);
 
 /// Removes the fault whose id is `text`; false when there is none.
 bool liftNamedFault(Services const& services, std::string const& text);

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "sandbox/control/controlfilters.h"
 #include "sandbox/control/controljson.h"
 #include "sandbox/control/controlroutes.h"
 #include "sandbox/service/decisions.h"
@@ -33,6 +34,9 @@ constexpr char kNotified[] = "notified";
 constexpr std::int64_t kMaxWait = 60;
 constexpr std::int64_t kUsualWait = 10;
 
+/// The largest number of payments that a standing decision counts.
+constexpr std::int64_t kMaxCounted = 1000;
+
 /// The segment of the path with this number, from 0.
 std::string segment(std::string const& path, int number) {
     std::size_t from = 1;
@@ -42,29 +46,29 @@ std::string segment(std::string const& path, int number) {
     return path.substr(from, path.find('/', from) - from);
 }
 
-Payment requirePayment(Services const& services, std::optional<std::string> const& id) {
-    std::optional<StoredPayment> const stored = id ? services.m_Store.paymentById(*id) : std::nullopt;
-    if (!stored) {
-        throw HttpError("there is no such payment", httpstatus::kNotFound);
+/// The payments that a request names: by the identifier in the path, or by `order` or `token` of the query.
+PaymentFilter namedPayments(HttpRequest const& request) {
+    PaymentFilter named;
+    named.m_Account = request.m_Query.value("account");
+    named.m_Order = request.m_Query.value("order");
+    named.m_Token = request.m_Query.value("token");
+    std::string const id = segment(request.m_Path, 2);
+    if (id != "decision" && id != "newest") {
+        named.m_Id = id;
     }
-    return stored->m_Payment;
-}
-
-/// The payment that a decision is about: by the identifier in the path, or by `order` or `token` of the query.
-Payment decidedPayment(Services const& services, HttpRequest const& request) {
-    std::optional<std::string> const order = request.m_Query.value("order");
-    std::optional<std::string> const token = request.m_Query.value("token");
-    bool const isById = request.m_Path != "/control/payments/decision";
-    if (int{isById} + int{order.has_value()} + int{token.has_value()} != 1) {
+    if (int{named.m_Id.has_value()} + int{named.m_Order.has_value()} + int{named.m_Token.has_value()} != 1) {
         throw HttpError("a payment is named by one of its identifier, order and token");
     }
-    if (order) {
-        return requirePayment(services, services.m_Store.newestWithOrder(*order));
+    return named;
+}
+
+/// The newest of the named payments. Throws HttpError when there is none.
+Payment requirePayment(Services const& services, PaymentFilter const& named) {
+    std::optional<Payment> payment = services.m_Store.newestPayment(named);
+    if (!payment) {
+        throw HttpError("there is no such payment", httpstatus::kNotFound);
     }
-    if (token) {
-        return requirePayment(services, services.m_Store.newestWithToken(*token));
-    }
-    return requirePayment(services, segment(request.m_Path, 2));
+    return *payment;
 }
 
 bool hasBeen(Payment const& payment, std::string const& state) {
@@ -103,60 +107,67 @@ void checkUntil(std::string const& until) {
     }
 }
 
-Payment presentPayment(Services const& services, std::string const& id) {
+Payment presentPayment(Services const& services, PaymentFilter const& named) {
     makeDueMoves(services);
-    expireWhenOverdue(services, requirePayment(services, id));
-    return requirePayment(services, id);
+    expireWhenOverdue(services, requirePayment(services, named));
+    return requirePayment(services, named);
 }
 
-/// The payment once it has come to `until`. Throws HttpError when it has not in time.
-Payment awaitPayment(Services const& services, std::string const& id, std::string const& until,
+/// The payment once it has come to `until`. One that is named by order or token need not be there at first. Throws
+/// HttpError when it has not come in time.
+Payment awaitPayment(Services const& services, PaymentFilter const& named, std::string const& until,
                      std::chrono::seconds wait) {
     Clock::time_point const deadline = Clock::now() + wait;
     bool goesOn = true;
     for (;;) {
         std::uint64_t const seen = services.m_Store.changes();
-        Payment const payment = presentPayment(services, id);
-        if (hasCome(services, payment, until)) {
-            return payment;
-        }
-        if (!goesOn || Clock::now() >= deadline) {
-            throw HttpError("the payment is " + std::string(stateName(payment.m_State)) + ", not " + until +
-                                ", after " + std::to_string(wait.count()) + " seconds",
-                            httpstatus::kConflict);
+        bool const isLast = !goesOn || Clock::now() >= deadline;
+        if (named.m_Id || isLast || services.m_Store.newestPayment(named)) {
+            Payment const payment = presentPayment(services, named);
+            if (hasCome(services, payment, until)) {
+                return payment;
+            }
+            if (isLast) {
+                throw HttpError("the payment is " + std::string(stateName(payment.m_State)) + ", not " + until +
+                                    ", after " + std::to_string(wait.count()) + " seconds",
+                                httpstatus::kConflict);
+            }
         }
         goesOn = services.m_Store.awaitChange(seen, deadline);
     }
-}
-
-json decisionJson(StandingDecision const& decision) {
-    json out = {{"id", decision.m_Id}, {"decision", decision.m_Decision}};
-    putBytes(out, "account", decision.m_Account);
-    putBytes(out, "order", decision.m_Order);
-    putBytes(out, "amount", decision.m_Amount);
-    return out;
 }
 
 std::string optionalText(json const& object, std::string const& name) {
     return object.contains(name) ? requireText(object, name) : "";
 }
 
+/// A member that counts payments, up to kMaxCounted. Throws HttpError.
+std::int64_t optionalCount(json const& object, std::string const& name) {
+    std::int64_t const count = object.contains(name) ? requireNumber(object, name) : 0;
+    if (count < 0 || count > kMaxCounted) {
+        throw HttpError("the member '" + name + "' must be at most " + std::to_string(kMaxCounted));
+    }
+    return count;
+}
+
 }  // namespace
 
 HttpResponse getPayment(Services const& services, HttpRequest const& request) {
-    std::string const id = segment(request.m_Path, 2);
+    refuseUnknown(request.m_Query, {"account", "order", "token", "until", "seconds"});
+    PaymentFilter const named = namedPayments(request);
     std::optional<std::string> const until = request.m_Query.value("until");
     std::chrono::seconds const wait = readWait(request.m_Query);
     if (until) {
         checkUntil(*until);
     }
-    Payment const payment = until ? awaitPayment(services, id, *until, wait) : presentPayment(services, id);
-    return jsonResponse(httpstatus::kOk, paymentJson(payment, services.m_Store.notificationsOf(id)));
+    Payment const payment = until ? awaitPayment(services, named, *until, wait) : presentPayment(services, named);
+    return jsonResponse(httpstatus::kOk, paymentJson(payment, services.m_Store.notificationsOf(payment.m_Id)));
 }
 
 HttpResponse decidePayment(Services const& services, HttpRequest const& request) {
     Decision const& wanted = namedDecision(requireText(readObject(request.m_Body, {"decision"}), "decision"));
-    Payment payment = decidedPayment(services, request);
+    refuseUnknown(request.m_Query, {"account", "order", "token"});
+    Payment payment = requirePayment(services, namedPayments(request));
     std::vector<CheckStep> steps;
     FaultEffect const effect = takeDecisionFault(services, payment, steps);
     std::optional<Outcome> const outcome = decide(services, effect, payment, wanted, "the control API chose");
@@ -178,21 +189,49 @@ HttpResponse decidePayment(Services const& services, HttpRequest const& request)
     return jsonResponse(httpstatus::kOk, out);
 }
 
-HttpResponse getDecisions(Services const& services, HttpRequest const&) {
-    json decisions = json::array();
-    for (StandingDecision const& decision : services.m_Decisions.all()) {
-        decisions.push_back(decisionJson(decision));
+json decisionJson(StandingDecision const& decision) {
+    json out = {{"id", decision.m_Id},
+                {"decision", decision.m_Decision},
+                {"times", decision.m_Times == 0 ? json("always") : json(decision.m_Times)},
+                {"happened", decision.m_Happened}};
+    if (decision.m_Skip != 0) {
+        out["skip"] = decision.m_Skip;
     }
-    return jsonResponse(httpstatus::kOk, {{"decisions", decisions}});
+    putBytes(out, "account", decision.m_Account);
+    putBytes(out, "order", decision.m_Order);
+    putBytes(out, "amount", decision.m_Amount);
+    return out;
 }
 
-HttpResponse addDecision(Services const& services, HttpRequest const& request) {
-    json const object = readObject(request.m_Body, {"decision", "account", "order", "amount"});
+StandingDecision readDecision(json const& object) {
+    checkMembers(object, {"decision", "account", "order", "amount", "times", "skip"});
     StandingDecision decision;
     decision.m_Decision = namedDecision(requireText(object, "decision")).m_Name;
     decision.m_Account = optionalText(object, "account");
     decision.m_Order = optionalText(object, "order");
     decision.m_Amount = optionalText(object, "amount");
+    bool const isAlways = !object.contains("times") || object.at("times") == "always";
+    decision.m_Times = isAlways ? 0 : optionalCount(object, "times");
+    if (!isAlways && decision.m_Times == 0) {
+        throw HttpError("the member 'times' must be a number from 1 or \"always\"");
+    }
+    decision.m_Skip = optionalCount(object, "skip");
+    return decision;
+}
+
+HttpResponse getDecisions(Services const& services, HttpRequest const& request) {
+    std::optional<std::string> const account = readAccount(request.m_Query);
+    json decisions = json::array();
+    for (StandingDecision const& decision : services.m_Decisions.all()) {
+        if (!account || decision.m_Account == *account) {
+            decisions.push_back(decisionJson(decision));
+        }
+    }
+    return jsonResponse(httpstatus::kOk, {{"decisions", decisions}});
+}
+
+HttpResponse addDecision(Services const& services, HttpRequest const& request) {
+    StandingDecision decision = readDecision(parseObject(request.m_Body));
     decision.m_Id = services.m_Decisions.add(decision);
     return jsonResponse(httpstatus::kCreated, decisionJson(decision));
 }
@@ -207,7 +246,12 @@ HttpResponse removeDecision(Services const& services, HttpRequest const& request
 }
 
 HttpResponse removeAllDecisions(Services const& services, HttpRequest const& request) {
-    services.m_Decisions.removeAll();
+    std::optional<std::string> const account = readAccount(request.m_Query);
+    if (account) {
+        services.m_Decisions.removeAllOf(*account);
+    } else {
+        services.m_Decisions.removeAll();
+    }
     return getDecisions(services, request);
 }
 

@@ -33,7 +33,7 @@ HttpResponse getFaultKinds(Services const&, HttpRequest const&) {
 
 HttpResponse armFault(Services const& services, HttpRequest const& request) {
     ArmedFault armed;
-    armed.m_Fault = readFault(request.m_Body);
+    armed.m_Fault = readFault(parseObject(request.m_Body));
     armed.m_Id = services.m_Faults.arm(armed.m_Fault);
     return jsonResponse(httpstatus::kCreated, faultJson(armed));
 }

@@ -123,11 +123,21 @@ void changeClock(Services const& services, nlohmann::json const& object, std::st
 
 }  // namespace
 
+HttpResponse getHealth(Services const& services, HttpRequest const&) {
+    return jsonResponse(services.m_Ready ? httpstatus::kOk : httpstatus::kServiceUnavailable,
+                        {{"ready", services.m_Ready.load()}, {"version", KVX_VERSION}});
+}
+
+nlohmann::json statusJson(Services const& services) {
+    return {{"version", KVX_VERSION},
+            {"addresses", addressesJson(services.m_Addresses)},
+            {"serverKeyId", services.m_Keys.current()->m_Id},
+            {"clock", clocksJson(services)},
+            {"counts", countsJson(services)}};
+}
+
 HttpResponse getStatus(Services const& services, HttpRequest const&) {
-    return jsonResponse(httpstatus::kOk, {{"addresses", addressesJson(services.m_Addresses)},
-                                          {"serverKeyId", services.m_Keys.current()->m_Id},
-                                          {"clock", clocksJson(services)},
-                                          {"counts", countsJson(services)}});
+    return jsonResponse(httpstatus::kOk, statusJson(services));
 }
 
 HttpResponse getPayments(Services const& services, HttpRequest const& request) {
@@ -164,9 +174,11 @@ HttpResponse reset(Services const& services, HttpRequest const& request) {
     if (object.contains("account")) {
         filter.m_Account = requireAccount(services, object);
         services.m_Faults.liftAllOf(*filter.m_Account);
+        services.m_Decisions.removeAllOf(*filter.m_Account);
         services.m_Clock.follow(*filter.m_Account);
     } else {
         services.m_Faults.liftAll();
+        services.m_Decisions.removeAll();
         services.m_Clock.reset();
     }
     std::int64_t const payments = services.m_Store.removePayments(filter.m_Account);
@@ -174,7 +186,7 @@ HttpResponse reset(Services const& services, HttpRequest const& request) {
     return jsonResponse(httpstatus::kOk, {{"payments", payments}, {"exchanges", exchanges}});
 }
 
-HttpResponse getKeys(Services const& services, HttpRequest const&) {
+nlohmann::json keysJson(Services const& services) {
     nlohmann::json server = nlohmann::json::array();
     std::string const current = services.m_Keys.current()->m_Id;
     for (KeyRing::Key const& key : services.m_Keys.all()) {
@@ -191,7 +203,11 @@ HttpResponse getKeys(Services const& services, HttpRequest const&) {
         putBytes(key, "account", published.m_Key.m_Account);
         merchants.push_back(std::move(key));
     }
-    return jsonResponse(httpstatus::kOk, {{"server", server}, {"merchants", merchants}});
+    return {{"server", server}, {"merchants", merchants}};
+}
+
+HttpResponse getKeys(Services const& services, HttpRequest const&) {
+    return jsonResponse(httpstatus::kOk, keysJson(services));
 }
 
 HttpResponse rotateKey(Services const& services, HttpRequest const& request) {

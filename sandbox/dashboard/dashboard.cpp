@@ -1,12 +1,15 @@
 #include "sandbox/dashboard/dashboard.h"
 
 #include <cstddef>
+#include <optional>
 #include <string>
+#include <utility>
 
 #include "sandbox/control/controlguards.h"
 #include "sandbox/crypto/credentials.h"
 #include "sandbox/dashboard/dashboardparts.h"
 #include "sandbox/dashboard/dashboardroutes.h"
+#include "sandbox/pages/templates.h"
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/httpstatus.h"
 
@@ -55,41 +58,62 @@ HttpResponse handleForm(Services const& services, HttpRequest const& request, Ro
 }
 
 HttpResponse handleRoute(Services const& services, HttpRequest const& request, Route const& route) {
-    refuseForeignHost(request);
     if (request.m_Method == "POST") {
         return handleForm(services, request, route);
     }
     return route.m_Handler(services, request.m_Query);
 }
 
-HttpResponse errorResponse(int status, std::string const& reason) {
-    return dashboardPage(status, "", "The page cannot be shown", problemNotice(reason));
+/// The response to a request that may not see the dashboard, or that brings the token in a link; nothing for others.
+/// Like the reason, it says nothing about the service.
+std::optional<HttpResponse> responseAtTheDoor(Services const& services, HttpRequest const& request) {
+    try {
+        std::optional<std::string> cookie = cookieOf(services.m_Token, request);
+        if (!cookie) {
+            checkAccess(services.m_Token, request);
+            return std::nullopt;
+        }
+        HttpResponse response{httpstatus::kFound, "text/plain", "", request.m_Path};
+        response.m_Cookie = std::move(*cookie);
+        return response;
+    } catch (HttpError const& error) {
+        return renderPage(error.status(), "problem_page",
+                          {{"title", "The page cannot be shown"}, {"problem", error.what()}});
+    }
+}
+
+HttpResponse errorResponse(Services const& services, int status, std::string const& reason) {
+    return dashboardPage(services, status, "", "The page cannot be shown", "problem_page", {{"problem", reason}});
 }
 
 }  // namespace
 
 std::optional<HttpResponse> handleDashboard(Services const& services, HttpRequest const& request) {
     std::string allowed;
+    Route const* asked = nullptr;
     for (Route const& route : kRoutes) {
-        if (request.m_Path != route.m_Path) {
-            continue;
+        if (request.m_Path == route.m_Path) {
+            asked = request.m_Method == route.m_Method ? &route : asked;
+            allowed += (allowed.empty() ? "" : ", ") + std::string(route.m_Method);
         }
-        if (request.m_Method == route.m_Method) {
-            try {
-                return handleRoute(services, request, route);
-            } catch (HttpError const& error) {
-                return errorResponse(error.status(), error.what());
-            }
-        }
-        allowed += (allowed.empty() ? "" : ", ") + std::string(route.m_Method);
     }
     if (allowed.empty()) {
         return std::nullopt;
     }
-    HttpResponse response = errorResponse(httpstatus::kMethodNotAllowed,
-                                          request.m_Path + " allows " + allowed + ", not " + request.m_Method);
-    response.m_Allow = allowed;
-    return response;
+    if (std::optional<HttpResponse> response = responseAtTheDoor(services, request)) {
+        return response;
+    }
+    if (asked == nullptr) {
+        HttpResponse response = errorResponse(services, httpstatus::kMethodNotAllowed,
+                                              request.m_Path + " allows " + allowed + ", not " + request.m_Method);
+        response.m_Allow = allowed;
+        return response;
+    }
+    try {
+        return handleRoute(services, request, *asked);
+    } catch (HttpError const& error) {
+        return errorResponse(services, error.status(), error.what());
+    }
 }
 
 }  // namespace sandbox

@@ -1,19 +1,22 @@
-// The signature calculator's page: checks DATA and SIGNATURE from the form or from the address.
+// The signature calculator's page: checks DATA and SIGNATURE from the form, from the address, or of an example.
 //
-// The result comes first: valid or not, with the reasons; then the message that was signed instead of DATA, if one was
-// found, the digests, the keys that verify, and DATA itself. The form at the end contains the same values again,
-// percent-encoded when the browser would change them.
+// The result comes first: its main cause in a sentence, then all remarks; then the message that was signed instead of
+// DATA, if one was found, the digests, the keys that verify, and DATA itself. The form at the end contains the same
+// values again, percent-encoded when the browser would change them.
 
 #include <algorithm>
 #include <optional>
 #include <string>
-#include <vector>
+#include <utility>
 
 #include "diagnosis/diagnosis.h"
+#include "diagnosis/explanation.h"
+#include "sandbox/crypto/signature.h"
 #include "sandbox/dashboard/dashboardparts.h"
 #include "sandbox/dashboard/dashboardroutes.h"
-#include "sandbox/dashboard/storedevidence.h"
 #include "sandbox/pages/shopperpages.h"
+#include "sandbox/service/confirmation.h"
+#include "sandbox/service/storedevidence.h"
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/httpstatus.h"
 
@@ -22,9 +25,75 @@ namespace sandbox {
 namespace {
 
 using diagnosis::Diagnosis;
+using diagnosis::SignedTexts;
 using diagnosis::Wording;
+using nlohmann::json;
 
 constexpr char kPath[] = "/calculator";
+
+/// An example: what becomes of the confirmation that all of them share.
+struct ExampleRow {
+    char const* m_Name;
+    char const* m_Text;
+    std::string (*m_Damage)(std::string const& text);
+    bool m_OtherKey;  ///< Whether another key of the service signs.
+};
+
+std::string unchanged(std::string const& text) {
+    return text;
+}
+
+std::string withOtherAmount(std::string const& text) {
+    return replaceAll(text, "12.50", "1.50");
+}
+
+std::string withPlus(std::string const& text) {
+    return replaceAll(text, " ", "+");
+}
+
+// clang-format off
+constexpr ExampleRow kExamples[] = {
+    {"valid",   "A valid confirmation",                     unchanged,       false},
+    {"amount",  "AMOUNT was changed",                       withOtherAmount, false},
+    {"plus",    "The web server turned each space into +",  withPlus,        false},
+    {"escaped", "DATA is percent-encoded twice",            percentEncode,   false},
+    {"key",     "Another key signed it",                    unchanged,       true},
+};
+// clang-format on
+
+/// The confirmation of the examples, as this service signs it.
+std::string exampleText(Services const& services) {
+    Payment payment;
+    payment.m_Id = "P0000000000000000";
+    payment.m_Token = "example";
+    payment.m_Attributes = {{"TOKEN", "example"},
+                            {"ORDERID", "A-17"},
+                            {"AMOUNT", "12.50"},
+                            {"CURRENCY", "EUR"},
+                            {"DESCRIPTION", "Two candles"}};
+    return confirmation(services, payment, stateName(PaymentState::kAuthorised)).text();
+}
+
+/// Nothing when no example has that name.
+std::optional<SignedTexts> example(Services const& services, std::string const& name) {
+    for (ExampleRow const& row : kExamples) {
+        if (name != row.m_Name) {
+            continue;
+        }
+        std::string const text = exampleText(services);
+        KeyRing::Key const key = row.m_OtherKey ? services.m_Keys.impostor() : services.m_Keys.current();
+        return SignedTexts{row.m_Damage(text), signText(key->m_Key.get(), text, Widening::kSign)};
+    }
+    return std::nullopt;
+}
+
+json examplesContent() {
+    json examples = json::array();
+    for (ExampleRow const& row : kExamples) {
+        examples.push_back({{"name", row.m_Name}, {"text", row.m_Text}});
+    }
+    return examples;
+}
 
 /// DATA in a form that the text field returns unchanged. Browsers change line ends in it, and a page cannot contain
 /// bytes that are not UTF-8.
@@ -32,27 +101,6 @@ std::string fieldText(std::string const& data) {
     bool const safe =
         data[0] == '<' && std::all_of(data.begin(), data.end(), [](char c) { return c >= ' ' && c <= '~'; });
     return safe ? data : percentEncode(data);
-}
-
-std::string formContent(Services const& services, std::string const& data, std::string const& signature,
-                        std::string const& problem) {
-    std::string const fields =
-        "<label class=\"full\">DATA: the message, plain or percent-encoded, or a complete URL\n"
-        "<textarea name=\"DATA\" rows=\"6\">\n" +
-        escapeHtml(data) + "</textarea></label>\n" +
-        "<label class=\"full\">SIGNATURE (leave empty when the URL contains it)\n"
-        "<textarea name=\"SIGNATURE\" rows=\"3\">\n" +
-        escapeHtml(signature) + "</textarea></label>\n" + button("Check");
-    return dashboardForm(services, kPath, fields, problem);
-}
-
-std::string remarksContent(Diagnosis const& result) {
-    std::string items;
-    for (diagnosis::Remark const& remark : result.m_Remarks) {
-        items += "<li>" + escapeHtml(remark.m_Text) + "</li>\n";
-    }
-    std::string const verdict = result.m_Right ? "The signature is valid." : "The signature is not valid.";
-    return "<p><strong>" + verdict + "</strong></p>\n<ul>\n" + items + "</ul>\n";
 }
 
 std::string keyText(Wording const& wording, Diagnosis const& result) {
@@ -64,87 +112,96 @@ std::string keyText(Wording const& wording, Diagnosis const& result) {
            std::to_string(result.m_Key->bits()) + " bits";
 }
 
-std::string codeEntry(std::string const& name, std::string const& text, std::string const& otherwise) {
-    return entry(name, text.empty() ? escapeHtml(otherwise) : "<code>" + escapeHtml(text) + "</code>");
-}
-
-std::string comparisonContent(Wording const& wording, Diagnosis const& result) {
-    return paragraph(
-               "What is signed is the SHA-1 digest of DATA with each byte extended to two: zero-extended by "
-               "merchants, sign-extended by this service.") +
-           "<dl>\n" + entry("Key in KEYID", escapeHtml(keyText(wording, result))) +
-           codeEntry("DATA, zero-extended", result.m_ZeroDigest, "none") +
-           codeEntry("DATA, sign-extended", result.m_SignDigest, "none") +
-           codeEntry("In SIGNATURE", result.m_HeldDigest, "no digest can be read") + "</dl>\n";
-}
-
-std::string matchesContent(Wording const& wording, Diagnosis const& result) {
-    if (result.m_Matches.empty()) {
-        return paragraph("No known key verifies SIGNATURE, not even after undoing common damage to DATA.");
-    }
-    std::vector<Cells> rows;
+json matchesContent(Wording const& wording, Diagnosis const& result) {
+    json matches = json::array();
     for (diagnosis::Match const& match : result.m_Matches) {
-        rows.push_back({escapeHtml(match.m_KeyId), escapeHtml(diagnosis::keyOwner(wording, match.m_Account)),
-                        nameOf(match.m_Digested),
-                        escapeHtml(match.m_Repair.empty() ? "unchanged" : "after this change: " + match.m_Repair)});
+        matches.push_back({{"key", match.m_KeyId},
+                           {"owner", diagnosis::keyOwner(wording, match.m_Account)},
+                           {"bytes", nameOf(match.m_Digested)},
+                           {"repair", match.m_Repair}});
     }
-    return wideTable("Keys that verify SIGNATURE", {"Key", "Owner", "Bytes", "DATA"}, rows);
+    return matches;
 }
 
-std::string valueCell(std::optional<std::string> const& value) {
-    return value ? escapeHtml(*value) : "<em>missing</em>";
-}
-
-std::string originalContent(diagnosis::SignedOriginal const& original) {
-    std::vector<Cells> rows;
+json originalContent(diagnosis::SignedOriginal const& original) {
+    json differences = json::array();
     for (diagnosis::Difference const& difference : original.m_Differences) {
-        rows.push_back(
-            {escapeHtml(difference.m_Name), valueCell(difference.m_InSigned), valueCell(difference.m_InData)});
+        differences.push_back({{"name", difference.m_Name},
+                               {"isSigned", difference.m_InSigned.has_value()},
+                               {"signed", difference.m_InSigned.value_or("")},
+                               {"isInData", difference.m_InData.has_value()},
+                               {"inData", difference.m_InData.value_or("")}});
     }
-    return "<p>Source: " + link(original.m_Seen.m_Page, original.m_Seen.m_Origin) + ".</p>\n" +
-           (rows.empty() ? "" : wideTable("Differences", {"Attribute", "Signed", "In DATA"}, rows)) +
-           attributesContent(original.m_Seen.m_Text) + verbatim(original.m_Seen.m_Text);
+    return {{"page", original.m_Seen.m_Page},
+            {"origin", original.m_Seen.m_Origin},
+            {"hasDifferences", !differences.empty()},
+            {"differences", std::move(differences)},
+            {"message", messageContent(original.m_Seen.m_Text)}};
 }
 
-std::string resultContent(Wording const& wording, Diagnosis const& result) {
-    std::string const data = result.m_Data.empty() ? "" : attributesContent(result.m_Data) + verbatim(result.m_Data);
-    return section("verdict", "Result", remarksContent(result)) +
-           (result.m_Original ? section("original", "Signed message", originalContent(*result.m_Original)) : "") +
-           section("comparison", "Digests", comparisonContent(wording, result)) +
-           section("matches", "Matching keys", matchesContent(wording, result)) +
-           (data.empty() ? "" : section("message", "DATA, decoded", data));
+json resultContent(Wording const& wording, Diagnosis const& result) {
+    diagnosis::Explanation const explanation = explain(wording, result);
+    json remarks = json::array();
+    for (diagnosis::Remark const& remark : result.m_Remarks) {
+        remarks.push_back({{"text", remark.m_Text}});
+    }
+    json matches = matchesContent(wording, result);
+    json content = {{"right", result.m_Right},
+                    {"sentence", result.m_Right ? "The signature is valid" : explanation.m_Sentence},
+                    {"change", result.m_Right ? "" : explanation.m_Change},
+                    {"remarks", std::move(remarks)},
+                    {"original", result.m_Original ? originalContent(*result.m_Original) : json()},
+                    {"keyText", keyText(wording, result)},
+                    {"zeroDigest", result.m_ZeroDigest},
+                    {"signDigest", result.m_SignDigest},
+                    {"heldDigest", result.m_HeldDigest},
+                    {"hasMatches", !matches.empty()},
+                    {"message", result.m_Data.empty() ? json() : messageContent(result.m_Data)}};
+    content["matches"] = std::move(matches);
+    return content;
 }
 
-HttpResponse resultPage(Services const& services, diagnosis::SignedTexts const& texts) {
-    diagnosis::Evidence const evidence = storedEvidence(services);
+HttpResponse page(Services const& services, int status, SignedTexts const& filledIn, json result,
+                  std::string const& problem) {
+    return dashboardPage(services, status, kPath, "Signature calculator", "calculator_page",
+                         {{"result", std::move(result)},
+                          {"problem", problem},
+                          {"data", filledIn.m_Data},
+                          {"signature", filledIn.m_Signature},
+                          {"examples", examplesContent()}});
+}
+
+HttpResponse resultPage(Services const& services, SignedTexts const& texts, std::string const& original = "") {
+    diagnosis::Evidence evidence = storedEvidence(services);
+    if (!original.empty()) {
+        evidence.m_Recall = [original](diagnosis::KnownKey const&, std::string const& digest) {
+            return digestOf(original, Widening::kSign) == digest
+                       ? std::optional(diagnosis::SeenMessage{original, "the example's confirmation", ""})
+                       : std::nullopt;
+        };
+    }
     Diagnosis const result = diagnose(evidence, texts.m_Data, texts.m_Signature);
-    return dashboardPage(httpstatus::kOk, kPath, "Signature calculator",
-                         resultContent(evidence.m_Wording, result) +
-                             section("form", "DATA and SIGNATURE",
-                                     formContent(services, fieldText(texts.m_Data), texts.m_Signature, "")));
-}
-
-HttpResponse formPage(Services const& services, int status, diagnosis::SignedTexts const& filledIn,
-                      std::string const& problem) {
-    return dashboardPage(
-        status, kPath, "Signature calculator",
-        section("form", "DATA and SIGNATURE", formContent(services, filledIn.m_Data, filledIn.m_Signature, problem)));
+    return page(services, httpstatus::kOk, {fieldText(texts.m_Data), texts.m_Signature},
+                resultContent(evidence.m_Wording, result), "");
 }
 
 }  // namespace
 
 HttpResponse calculatorPage(Services const& services, Query const& query) {
-    diagnosis::SignedTexts const texts{query.value("DATA").value_or(""), query.value("SIGNATURE").value_or("")};
-    return texts.m_Data.empty() && texts.m_Signature.empty() ? formPage(services, httpstatus::kOk, texts, "")
+    SignedTexts const texts{query.value("DATA").value_or(""), query.value("SIGNATURE").value_or("")};
+    if (std::optional<SignedTexts> const named = example(services, query.value("example").value_or(""))) {
+        return resultPage(services, *named, exampleText(services));
+    }
+    return texts.m_Data.empty() && texts.m_Signature.empty() ? page(services, httpstatus::kOk, texts, json(), "")
                                                              : resultPage(services, texts);
 }
 
 HttpResponse calculateByForm(Services const& services, Query const& form) {
-    diagnosis::SignedTexts const pasted{form.value("DATA").value_or(""), form.value("SIGNATURE").value_or("")};
+    SignedTexts const pasted{form.value("DATA").value_or(""), form.value("SIGNATURE").value_or("")};
     try {
         return resultPage(services, diagnosis::readPasted(pasted.m_Data, pasted.m_Signature));
     } catch (HttpError const& error) {
-        return formPage(services, error.status(), pasted, error.what());
+        return page(services, error.status(), pasted, json(), error.what());
     }
 }
 

@@ -1,7 +1,8 @@
-// The page of faults: the armed ones, a form to arm one, and the table of kinds.
+// The page of faults: the armed ones, the situations of the guide with a button each, and every kind with a form of its
+// own, which has the fields of that kind alone.
 //
-// The form has a field for every parameter; empty fields are left out, so that the defaults apply. A rejected form is
-// shown again with the entered values and the reason. Reading a fault is the same as for the option `--fault`.
+// Empty fields are left out, so that the defaults apply. A rejected form is shown again with the entered values and the
+// reason. Reading a fault is the same as for the option `--fault`.
 
 #include <set>
 #include <string>
@@ -11,6 +12,7 @@
 #include "sandbox/control/controlroutes.h"
 #include "sandbox/dashboard/dashboardparts.h"
 #include "sandbox/dashboard/dashboardroutes.h"
+#include "sandbox/dashboard/situations.h"
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/httpstatus.h"
 
@@ -18,20 +20,23 @@ namespace sandbox {
 
 namespace {
 
+using nlohmann::json;
+
 constexpr char kPath[] = "/faults";
 
 /// A form field for a parameter of a fault.
-struct DetailRow {
+struct FieldRow {
     char const* m_Name;  ///< The parameter's name, as in parseFault().
     char const* m_Label;
     char const* m_Preset;
 };
 
 // clang-format off
-constexpr DetailRow kDetails[] = {
+constexpr FieldRow kFields[] = {
     {"account",   "Account (empty for any)",               ""},
     {"order",     "Order (empty for any)",                 ""},
     {"times",     "Times (number or always)",              "1"},
+    {"skip",      "Exchanges that pass before it",         ""},
     {"seconds",   "Seconds",                               ""},
     {"bytes",     "Bytes sent before the fault",           ""},
     {"status",    "HTTP status",                           ""},
@@ -40,48 +45,91 @@ constexpr DetailRow kDetails[] = {
 };
 // clang-format on
 
-/// Each option is a value and its text; `chosen` is selected.
-std::string selectField(std::string const& label, std::string const& name, std::string const& chosen,
-                        std::vector<std::pair<std::string, std::string>> const& options) {
-    std::string html = "<label class=\"full\">" + escapeHtml(label) + "\n<select name=\"" + name + "\">\n";
-    for (auto const& [value, text] : options) {
-        html += "<option value=\"" + value + "\"" + (value == chosen ? " selected=\"selected\"" : "") + ">" +
-                escapeHtml(text) + "</option>\n";
-    }
-    return html + "</select></label>\n";
+bool happensTo(FaultKindRow const& row, ExchangeKind kind) {
+    return (row.m_Exchanges & static_cast<unsigned>(kind)) != 0;
 }
 
-std::string kindField(std::string const& chosen) {
-    std::vector<std::pair<std::string, std::string>> options;
-    for (FaultKindRow const& row : allFaultKinds()) {
-        options.emplace_back(row.m_Name, std::string(row.m_Name) + ": " + row.m_Meaning);
-    }
-    return selectField("Kind", "kind", chosen, options);
+bool isOfConnections(FaultKindRow const& row) {
+    return happensTo(row, ExchangeKind::kConnection) || row.m_Exchanges == static_cast<unsigned>(ExchangeKind::kProxy);
 }
 
-std::string exchangeField(std::string const& chosen) {
-    unsigned possible = 0;
-    for (FaultKindRow const& row : allFaultKinds()) {
-        possible |= row.m_Exchanges;
+bool isOfHttp(FaultKindRow const& row) {
+    return !isOfConnections(row) && happensTo(row, ExchangeKind::kPage);
+}
+
+bool isOfMessages(FaultKindRow const& row) {
+    return !isOfConnections(row) && !isOfHttp(row);
+}
+
+/// Kinds that stand together.
+struct GroupRow {
+    char const* m_Heading;
+    bool (*m_Has)(FaultKindRow const& row);
+};
+
+constexpr GroupRow kGroups[] = {{"Connections, TLS and proxy", isOfConnections},
+                                {"Requests and responses", isOfHttp},
+                                {"What messages say, and outcomes", isOfMessages}};
+
+/// The parameters of the kind, and those that every fault has: but faults of a connection have no account and no order,
+/// and refused connections are not counted.
+json fieldsContent(FaultKindRow const& row, Query const& form) {
+    std::vector<std::string> const own = parameterNames(row);
+    std::set<std::string> names(own.begin(), own.end());
+    names.insert("times");
+    if (row.m_Kind != FaultKind::kRefuse) {
+        names.insert("skip");
     }
-    std::vector<std::pair<std::string, std::string>> options = {{"any", "any exchange that supports this kind"}};
-    for (ExchangeKind const kind : allExchangeKinds()) {
-        if ((possible & static_cast<unsigned>(kind)) != 0) {
-            options.emplace_back(exchangeName(kind), exchangeName(kind));
+    if (!happensTo(row, ExchangeKind::kConnection)) {
+        names.insert({"account", "order"});
+    }
+    json fields = json::array();
+    for (FieldRow const& field : kFields) {
+        if (names.count(field.m_Name) > 0) {
+            fields.push_back({{"name", field.m_Name},
+                              {"label", field.m_Label},
+                              {"value", form.value(field.m_Name).value_or(field.m_Preset)}});
         }
     }
-    return selectField("Exchange", "exchange", chosen, options);
+    return fields;
 }
 
-/// `form` contains the values entered before.
-std::string armContent(Services const& services, Query const& form, std::string const& problem) {
-    std::string fields =
-        kindField(form.value("kind").value_or("")) + exchangeField(form.value("exchange").value_or(""));
-    for (DetailRow const& row : kDetails) {
-        fields += textField(row.m_Label, row.m_Name, form.value(row.m_Name).value_or(row.m_Preset));
+/// `form` contains the values entered before, empty for other kinds.
+json kindContent(FaultKindRow const& row, Query const& form, bool open) {
+    json exchanges = json::array();
+    for (std::string const& name : exchangeNames(row)) {
+        exchanges.push_back({{"name", name}, {"selected", form.value("exchange") == name}});
     }
-    return paragraph("Empty fields use the default. The table below lists the parameters of each kind.") +
-           dashboardForm(services, kPath, fields + button("Arm"), problem);
+    return {{"name", row.m_Name}, {"meaning", row.m_Meaning},          {"carriedOut", row.m_CarriedOut},
+            {"open", open},       {"exchanges", std::move(exchanges)}, {"fields", fieldsContent(row, form)}};
+}
+
+json groupsContent(Query const& form) {
+    json groups = json::array();
+    for (GroupRow const& group : kGroups) {
+        json kinds = json::array();
+        for (FaultKindRow const& row : allFaultKinds()) {
+            bool const chosen = form.value("kind") == row.m_Name;
+            if (group.m_Has(row)) {
+                kinds.push_back(kindContent(row, chosen ? form : Query(""), chosen));
+            }
+        }
+        groups.push_back({{"heading", group.m_Heading}, {"kinds", std::move(kinds)}});
+    }
+    return groups;
+}
+
+json situationsContent() {
+    json situations = json::array();
+    for (Situation const& situation : allSituations()) {
+        json faults = json::array();
+        for (Fault const& fault : situation.m_Faults) {
+            faults.push_back({{"text", faultText(fault)}});
+        }
+        situations.push_back(
+            {{"situation", situation.m_Text}, {"advice", situation.m_Advice}, {"faults", std::move(faults)}});
+    }
+    return situations;
 }
 
 std::string timesText(ArmedFault const& armed) {
@@ -89,44 +137,33 @@ std::string timesText(ArmedFault const& armed) {
            (armed.m_Fault.m_Times == 0 ? ", until removed" : " of " + std::to_string(armed.m_Fault.m_Times));
 }
 
-std::string armedContent(Services const& services, std::string const& problem) {
-    std::vector<ArmedFault> const all = services.m_Faults.armed();
-    if (all.empty()) {
-        return problemNotice(problem) + paragraph("No fault is armed.");
+json armedContent(Services const& services) {
+    json rows = json::array();
+    for (ArmedFault const& armed : services.m_Faults.armed()) {
+        rows.push_back({{"id", armed.m_Id}, {"text", faultText(armed.m_Fault)}, {"times", timesText(armed)}});
     }
-    std::vector<Cells> rows;
-    for (ArmedFault const& armed : all) {
-        std::string const id = std::to_string(armed.m_Id);
-        rows.push_back({id, escapeHtml(faultText(armed.m_Fault)), whole(timesText(armed)),
-                        dashboardForm(services, "/faults/lift", hiddenField("id", id) + button("Remove fault " + id))});
-    }
-    return problemNotice(problem) +
-           wideTable("Armed faults, oldest first", {"Fault", "Description", "Occurred", "Remove"}, rows) +
-           dashboardForm(services, "/faults/lift", button("Remove all", "id", "all"));
-}
-
-std::string kindsContent() {
-    std::vector<Cells> rows;
-    for (FaultKindRow const& row : allFaultKinds()) {
-        rows.push_back({whole(row.m_Name), escapeHtml(row.m_Meaning), joined(exchangeNames(row)),
-                        whole(joined(parameterNames(row))), row.m_CarriedOut ? "yes" : "no"});
-    }
-    return wideTable("Kinds of faults and their parameters",
-                     {"Kind", "Effect", "Exchanges", "Parameters", "Request processed"}, rows);
+    return rows;
 }
 
 HttpResponse page(Services const& services, int status, Query const& form, std::string const& armProblem,
                   std::string const& liftProblem) {
-    return dashboardPage(status, kPath, "Faults",
-                         section("armed", "Armed faults", armedContent(services, liftProblem)) +
-                             section("arm", "Arm a fault", armContent(services, form, armProblem)) +
-                             section("kinds", "Kinds of faults", kindsContent()));
+    json armed = armedContent(services);
+    json content = {{"hasArmed", !armed.empty()},
+                    {"lift", {{"problem", liftProblem}}},
+                    {"situations", situationsContent()},
+                    {"arm", {{"problem", armProblem}}},
+                    {"groups", groupsContent(form)}};
+    content["armed"] = std::move(armed);
+    return dashboardPage(services, status, kPath, "Faults", "faults_page", std::move(content));
 }
 
-/// The fault described by a form. Throws HttpError.
+/// The fault described by a form: as one text, or in fields. Throws HttpError.
 Fault readForm(Query const& form) {
+    if (std::optional<std::string> const text = form.value("fault")) {
+        return parseFault(*text);
+    }
     FaultFields fields = {{"exchange", form.value("exchange").value_or("any")}};
-    for (DetailRow const& row : kDetails) {
+    for (FieldRow const& row : kFields) {
         std::string const value = form.value(row.m_Name).value_or("");
         if (!value.empty()) {
             fields.emplace_back(row.m_Name, value);
@@ -137,8 +174,8 @@ Fault readForm(Query const& form) {
 
 }  // namespace
 
-HttpResponse faultsPage(Services const& services, Query const&) {
-    return page(services, httpstatus::kOk, Query(""), "", "");
+HttpResponse faultsPage(Services const& services, Query const& query) {
+    return page(services, httpstatus::kOk, query, "", "");
 }
 
 HttpResponse armByForm(Services const& services, Query const& form) {

@@ -1,92 +1,273 @@
+// The first page: how to connect a merchant, what has happened lately, payments with their exchanges, exchanges.
+//
+// The filters apply to both lists. The plots are of the listed payments and exchanges: a column each, the newest on the
+// right. Payments of which nothing is wrong are highest, so that the outcome does not depend on the colours.
+
+#include <algorithm>
+#include <cmath>
 #include <cstdint>
+#include <iterator>
+#include <map>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "sandbox/control/controlfilters.h"
+#include "sandbox/control/controlroutes.h"
 #include "sandbox/dashboard/dashboardparts.h"
 #include "sandbox/dashboard/dashboardroutes.h"
 #include "sandbox/pages/shopperpages.h"
 #include "sandbox/service/paymentmoves.h"
 #include "sandbox/text/httpstatus.h"
+#include "sandbox/text/utctime.h"
 
-/// The first page: payments, exchanges, merchant set-up.
 namespace sandbox {
 
 namespace {
 
+using nlohmann::json;
+
 constexpr char kNotGiven[] = "not given";
 constexpr std::int64_t kMaxPayments = 100;
 constexpr std::int64_t kMaxExchanges = 50;
+constexpr std::int64_t kMaxFolded = 20;
+constexpr int kRefreshSeconds = 2;
 
-std::string addressEntry(std::string const& name, std::string const& base, std::string const& path) {
-    return base.empty() ? "" : entry(name, "<code>" + escapeHtml(base + path) + "</code>");
-}
+// The size of a plot in its own units.
+constexpr double kPlotWidth = 6000;
+constexpr double kPlotHeight = 600;
 
-std::string setUpContent(Services const& services) {
-    Addresses const& addresses = services.m_Addresses;
-    return paragraph(
-               "A merchant is set up with a set-up address, an account and its password. From the set-up address "
-               "it loads all other addresses and this service's key, and it publishes its own key there.") +
-           "<dl>\n" + addressEntry("Set-up address", addresses.m_Plain, "/auto") +
-           addressEntry("Set-up address, TLS", addresses.m_Tls, "/auto") +
-           addressEntry("HTTP proxy", addresses.m_Proxy, "") +
-           addressEntry("Control API", addresses.m_Control, "/control") +
-           entry("Accounts", escapeHtml(joined(services.m_Store.accounts()))) +
-           entry("Signing key", escapeHtml(services.m_Keys.current()->m_Id)) +
-           entry("Service time", escapeHtml(services.m_Clock.text())) +
-           entry("Warnings", std::to_string(services.m_Store.counts().m_Warnings)) + "</dl>\n";
-}
+// A column has at least so much of the width, so that a few of them do not fill it.
+constexpr std::size_t kMinColumns = 50;
 
-std::string paymentsContent(Services const& services) {
-    bringUpToDate(services);
-    Page latest;
-    latest.m_NewestFirst = true;
-    latest.m_Limit = kMaxPayments;
-    Listing<Payment> const listing = services.m_Store.payments({}, latest);
-    std::vector<Payment> const& payments = listing.m_Rows;
-    if (payments.empty()) {
-        return paragraph("There are no payments yet.");
+struct StateRow {
+    PaymentState m_State;
+    double m_Height;  ///< Of its column, a part of the plot's.
+};
+
+// clang-format off
+constexpr StateRow kStates[] = {
+    {PaymentState::kOpened,     0.3},
+    {PaymentState::kPending,    0.3},
+    {PaymentState::kAuthorised, 0.8},
+    {PaymentState::kCaptured,   0.9},
+    {PaymentState::kCompleted,  1.0},
+    {PaymentState::kDeclined,   0.6},
+    {PaymentState::kCancelled,  0.5},
+    {PaymentState::kExpired,    0.4},
+    {PaymentState::kLapsed,     0.4},
+};
+// clang-format on
+
+/// The conditions of the page's form; an empty field is none.
+struct Filter {
+    std::string m_Account;
+    std::string m_Order;
+    std::string m_State;
+
+    [[nodiscard]] bool active() const { return !m_Account.empty() || !m_Order.empty() || !m_State.empty(); }
+
+    /// The names and values as a query behind `first`.
+    [[nodiscard]] std::string query(std::string const& first) const {
+        std::string text = first;
+        for (auto const& [name, value] : {std::pair("account", m_Account), {"order", m_Order}, {"state", m_State}}) {
+            if (!value.empty()) {
+                text += std::string(text.empty() ? "?" : "&") + name + "=" + percentEncode(value);
+            }
+        }
+        return text;
     }
-    std::vector<Cells> rows;
+};
+
+std::optional<std::string> given(std::string const& text) {
+    return text.empty() ? std::nullopt : std::optional<std::string>(text);
+}
+
+/// Throws HttpError for a state that does not exist.
+PaymentFilter paymentFilter(Filter const& filter) {
+    PaymentFilter out;
+    if (!filter.m_State.empty()) {
+        out = readPaymentQuery(Query("state=" + percentEncode(filter.m_State))).m_Filter;
+    }
+    out.m_Account = given(filter.m_Account);
+    out.m_Order = given(filter.m_Order);
+    return out;
+}
+
+json filterContent(Filter const& filter) {
+    json states = json::array();
+    for (StateRow const& row : kStates) {
+        std::string const name = stateName(row.m_State);
+        states.push_back({{"name", name}, {"selected", name == filter.m_State}});
+    }
+    return {{"account", filter.m_Account},
+            {"order", filter.m_Order},
+            {"states", std::move(states)},
+            {"active", filter.active()}};
+}
+
+/// What a merchant is set up with, then what the service is doing.
+json stripContent(Services const& services) {
+    json const status = statusJson(services);
+    json const& addresses = status["addresses"];
+    json strip = json::array();
+    auto const add = [&strip](char const* name, std::string const& copy, std::string const& value = "",
+                              std::string const& path = "") {
+        constexpr std::size_t kShort = 16;
+        bool const isLong = std::max(copy.size(), value.size()) > kShort;
+        strip.push_back({{"name", name}, {"copy", copy}, {"value", value}, {"path", path}, {"span", isLong}});
+    };
+    auto const addAddress = [&](char const* name, char const* member, char const* path) {
+        std::string const base = addresses.value(member, "");
+        if (!base.empty()) {
+            add(name, base + path);
+        }
+    };
+    addAddress("Set-up address", "plain", "/auto");
+    addAddress("Set-up address, TLS", "tls", "/auto");
+    std::vector<std::string> const accounts = services.m_Store.accounts();
+    add(accounts.size() == 1 ? "Account" : "Accounts", joined(accounts));
+    addAddress("HTTP proxy", "proxy", "");
+    addAddress("Control API", "control", "/control");
+    add("Signing key", "", status["serverKeyId"], "/keys");
+    bool const frozen = status["clock"]["frozen"];
+    add("Service time", "", status["clock"]["present"].get<std::string>() + (frozen ? ", frozen" : ""), "/keys");
+    std::int64_t const faults = status["counts"]["faults"];
+    add("Armed faults", "", faults == 0 ? "none" : std::to_string(faults), "/faults");
+    add("Warnings", "", status["counts"]["warnings"].dump());
+    return strip;
+}
+
+std::string exchangeCount(std::size_t count, bool more) {
+    return std::to_string(count) + (more ? " and more" : "") + (count == 1 ? " exchange" : " exchanges");
+}
+
+json paymentRow(Services const& services, Payment const& payment) {
+    Listing<Exchange> const belonging = services.m_Store.exchangeSummariesOf(payment, kMaxFolded);
+    std::string const order = payment.attribute("ORDERID").value_or("");
+    json exchanges = json::array();
+    for (Exchange const& exchange : belonging.m_Rows) {
+        exchanges.push_back(exchangeRow(exchange));
+    }
+    return {{"id", payment.m_Id},
+            {"state", stateName(payment.m_State)},
+            {"opened", payment.m_History.empty() ? "" : payment.m_History.front().m_Time},
+            {"order", order.empty() ? kNotGiven : order},
+            {"amount", amountText(payment, kNotGiven)},
+            {"account", payment.m_Account},
+            {"count", exchangeCount(belonging.m_Rows.size(), belonging.m_More)},
+            {"exchanges", std::move(exchanges)}};
+}
+
+/// One column of a plot: number `index` of `count` from the right, of a height from 0 to 1.
+json column(std::size_t index, std::size_t count, double height, char const* markName, std::string const& mark,
+            std::string const& title) {
+    double const width = kPlotWidth / static_cast<double>(std::max(count, kMinColumns));
+    double const tall = std::clamp(height, 0.02, 1.0) * kPlotHeight;
+    return {{"x", std::lround(kPlotWidth - width * static_cast<double>(index + 1))},
+            {"y", std::lround(kPlotHeight - tall)},
+            {"width", std::lround(width * 0.8)},
+            {"height", std::lround(tall)},
+            {markName, mark},
+            {"title", title}};
+}
+
+json paymentPlot(std::vector<Payment> const& payments) {
+    json columns = json::array();
+    std::map<PaymentState, int> counts;
     for (Payment const& payment : payments) {
-        std::string const order = payment.attribute("ORDERID").value_or("");
-        rows.push_back({link("/payment?id=" + payment.m_Id, payment.m_Id),
-                        payment.m_History.empty() ? "" : whole(payment.m_History.front().m_Time),
-                        escapeHtml(order.empty() ? kNotGiven : order), escapeHtml(amountText(payment, kNotGiven)),
-                        escapeHtml(payment.m_Account), whole(stateName(payment.m_State))});
+        auto const row = std::find_if(std::begin(kStates), std::end(kStates),
+                                      [&payment](StateRow const& each) { return each.m_State == payment.m_State; });
+        std::string const state = stateName(payment.m_State);
+        ++counts[payment.m_State];
+        columns.push_back(column(columns.size(), payments.size(), row->m_Height, "state", state,
+                                 payment.m_Id + ", " + amountText(payment, kNotGiven) + ": " + state));
     }
-    std::string const more = !listing.m_More ? ""
-                                             : paragraph("These are the latest " + std::to_string(payments.size()) +
-                                                         " of " + std::to_string(services.m_Store.counts().m_Payments) +
-                                                         ". The control API lists all of them.");
-    return wideTable("Payments, newest first", {"Payment", "Opened", "Order", "Amount", "Merchant", "State"}, rows) +
-           more;
+    json outcomes = json::array();
+    std::string summary;
+    for (auto const& [state, count] : counts) {
+        outcomes.push_back({{"name", stateName(state)}, {"count", count}});
+        summary += (summary.empty() ? "" : ", ") + std::to_string(count) + " " + stateName(state);
+    }
+    return {{"columns", std::move(columns)},
+            {"outcomes", std::move(outcomes)},
+            {"summary", "Latest payments by outcome: " + summary},
+            {"shown", payments.size()}};
 }
 
-std::string exchangesContent(Services const& services) {
-    Page latest;
-    latest.m_NewestFirst = true;
-    latest.m_Limit = kMaxExchanges;
-    std::vector<Exchange> const exchanges = services.m_Store.exchangeSummaries({}, latest).m_Rows;
-    if (exchanges.empty()) {
-        return paragraph("There are no exchanges yet.");
+/// A column is as high as the logarithm of its duration, from 100 microseconds to 10 seconds.
+json latencyPlot(std::vector<Exchange> const& exchanges) {
+    json columns = json::array();
+    std::vector<std::int64_t> durations;
+    for (Exchange const& exchange : exchanges) {
+        durations.push_back(exchange.m_Microseconds);
+        auto const microseconds = static_cast<double>(std::max<std::int64_t>(exchange.m_Microseconds, 1));
+        bool const good = exchange.m_Verdict == "ok" && exchange.m_Fault.empty();
+        columns.push_back(column(columns.size(), exchanges.size(), (std::log10(microseconds) - 2) / 5, "mark",
+                                 good ? "good" : "bad",
+                                 std::to_string(exchange.m_Number) + " " + exchangeName(exchange.m_Kind) + ": " +
+                                     millisecondsText(exchange.m_Microseconds) + ", " + exchange.m_Verdict));
     }
-    return paragraph(
-               "An exchange is one request and its response: from a merchant or a shopper's browser, or a notification "
-               "sent to a merchant.") +
-           exchangeTable("Exchanges, newest first", exchanges);
+    std::sort(durations.begin(), durations.end());
+    return {{"columns", std::move(columns)},
+            {"summary", "Response times of the latest " + std::to_string(durations.size()) +
+                            " exchanges: half within " + millisecondsText(durations[durations.size() / 2]) +
+                            ", the slowest " + millisecondsText(durations.back())}};
+}
+
+json activityContent(std::vector<Payment> const& payments, std::vector<Exchange> const& exchanges) {
+    if (payments.empty() || exchanges.empty()) {
+        return nullptr;
+    }
+    json activity = paymentPlot(payments);
+    activity["latency"] = latencyPlot(exchanges);
+    return activity;
+}
+
+Page newest(std::int64_t limit) {
+    Page page;
+    page.m_NewestFirst = true;
+    page.m_Limit = limit;
+    return page;
+}
+
+std::string moreText(Services const& services, Filter const& filter, Listing<Payment> const& listing) {
+    if (!listing.m_More) {
+        return "";
+    }
+    return "These are the latest " + std::to_string(listing.m_Rows.size()) +
+           (filter.active() ? "" : " of " + std::to_string(services.m_Store.counts().m_Payments)) +
+           ". The control API lists all of them.";
 }
 
 }  // namespace
 
 HttpResponse overviewPage(Services const& services, Query const& query) {
     bool const live = query.value("live") == "1";
-    std::string const content = "<p>" +
-                                (live ? link("/", "Stop refreshing") : link("/?live=1", "Refresh every two seconds")) +
-                                "</p>\n" + section("payments", "Payments", paymentsContent(services)) +
-                                section("exchanges", "Exchanges", exchangesContent(services)) +
-                                section("set-up", "Merchant set-up", setUpContent(services));
-    return dashboardPage(httpstatus::kOk, "/", "Overview", content,
-                         live ? "<meta http-equiv=\"refresh\" content=\"2\"/>\n" : "");
+    Filter const filter = {query.value("account").value_or(""), query.value("order").value_or(""),
+                           query.value("state").value_or("")};
+    PaymentFilter const wanted = paymentFilter(filter);
+    bringUpToDate(services);
+    Listing<Payment> const listing = services.m_Store.payments(wanted, newest(kMaxPayments));
+    std::vector<Exchange> const exchanges =
+        services.m_Store.exchangeSummaries({wanted.m_Account, wanted.m_Order}, newest(kMaxExchanges)).m_Rows;
+    json payments = json::array();
+    for (Payment const& payment : listing.m_Rows) {
+        payments.push_back(paymentRow(services, payment));
+    }
+    json content = {{"strip", stripContent(services)},
+                    {"activity", activityContent(listing.m_Rows, exchanges)},
+                    {"filter", filterContent(filter)},
+                    {"payments", std::move(payments)},
+                    {"more", moreText(services, filter, listing)},
+                    {"latest", exchangeTable("Exchanges, newest first", exchanges)},
+                    {"live", live},
+                    {"queryLive", filter.query("?live=1")},
+                    {"queryStill", filter.query("")},
+                    {"queryAll", live ? "?live=1" : ""},
+                    {"refreshSeconds", live ? json(kRefreshSeconds) : json()}};
+    return dashboardPage(services, httpstatus::kOk, "/", "Overview", "overview_page", std::move(content));
 }
 
 }  // namespace sandbox

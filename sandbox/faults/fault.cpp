@@ -182,6 +182,8 @@ void readField(Fault& fault, std::string const& name, std::string const& value) 
     } else if (name == "times") {
         fault.m_Times = value == "always" ? 0 : readNumber(name, value);
         checkRange(value == "always" || fault.m_Times > 0, "times", "a number from 1 or \"always\"");
+    } else if (name == "skip") {
+        fault.m_Skip = readNumber(name, value);
     } else if (name == "seconds") {
         fault.m_Seconds = readSeconds(value);
     } else if (name == "bytes") {
@@ -267,6 +269,7 @@ void checkFault(Fault const& fault) {
         }
     }
     checkRange(fault.m_Times >= 0, "times", "a number from 1 or \"always\"");
+    checkRange(fault.m_Skip >= 0, "skip", "0 or more");
     double const seconds = fault.m_Seconds.value_or(1);
     checkRange(std::isfinite(seconds) && seconds >= 0 && seconds <= kMaxSeconds, "seconds", "between 0 and 3600");
     checkRange(fault.m_Bytes.value_or(0) >= 0, "bytes", "0 or more");
@@ -286,7 +289,7 @@ void checkFault(Fault const& fault) {
     if (fault.m_Exchange && !fault.m_Order.empty() && (kWithOrder & bit(*fault.m_Exchange)) == 0) {
         throw HttpError(std::string("the exchange '") + exchangeName(*fault.m_Exchange) + "' has no order");
     }
-    if (row.m_Kind == FaultKind::kRefuse && fault.m_Times > 1) {
+    if (row.m_Kind == FaultKind::kRefuse && (fault.m_Times > 1 || fault.m_Skip > 0)) {
         throw HttpError("refused connections cannot be counted: use seconds, or remove the fault");
     }
 }
@@ -359,6 +362,9 @@ std::string faultText(Fault const& fault) {
     }
     if (fault.m_Times != 1) {
         add("times", fault.m_Times == 0 ? "always" : std::to_string(fault.m_Times));
+    }
+    if (fault.m_Skip != 0) {
+        add("skip", std::to_string(fault.m_Skip));
     }
     if (fault.m_Seconds) {
         add("seconds", decimal(*fault.m_Seconds));

@@ -55,6 +55,7 @@ struct Fault {
     std::string m_Account = {};                    ///< Of the merchant; empty: any, or none.
     std::string m_Order = {};                      ///< ORDERID of the payment; empty: any, or none.
     std::int64_t m_Times = 1;                      ///< How often; 0: until it is lifted.
+    std::int64_t m_Skip = 0;                       ///< How many exchanges that fit pass before it happens.
     std::optional<double> m_Seconds = {};          ///< How long, of the kinds that take time.
     std::optional<std::int64_t> m_Bytes = {};      ///< How much of the response comes before it.
     std::optional<int> m_Status = {};              ///< HTTP status.
@@ -109,9 +110,9 @@ using FaultFields = std::vector<std::pair<std::string, std::string>>;
 /// The fault of the kind that is named `kind` with these details. Throws HttpError.
 Fault makeFault(std::string const& kind, FaultFields const& fields);
 
-/// Reads "kind,name=value,...": the names are exchange, account, order, times (a number or "always"), seconds, bytes,
-/// status, text, megabytes; "truncate,exchange=capture,order=A-1,bytes=40". A value holds no comma, but that of text,
-/// which goes to the end. Throws HttpError.
+/// Reads "kind,name=value,...": the names are exchange, account, order, times (a number or "always"), skip, seconds,
+/// bytes, status, text, megabytes; "truncate,exchange=capture,order=A-1,bytes=40". A value holds no comma, but that of
+/// text, which goes to the end. Throws HttpError.
 Fault parseFault(std::string const& text);
 
 /// The form that parseFault() reads, with every parameter that was given.

@@ -1,7 +1,8 @@
 // The armed faults, and the calls that make ports refuse connections.
-// take() returns the oldest fault that fits an exchange and removes it after its last time. The fault "refuse" is never
-// taken: the listener is called after every change with the time until which each port refuses.
-// m_Notifying makes these calls one at a time and in order. m_Mutex is not held during them.
+// take() returns the oldest fault that fits an exchange and removes it after its last time. Faults with a number to
+// skip count every exchange that fits, also one that another fault happens to: "the third capture" is the third one.
+// The fault "refuse" is never taken: the listener is called after every change with the time until which each port
+// refuses. m_Notifying makes these calls one at a time and in order. m_Mutex is not held during them.
 #include "sandbox/faults/faultregistry.h"
 
 #include <algorithm>
@@ -93,35 +94,43 @@ std::vector<ArmedFault> FaultRegistry::armed() {
 
 std::optional<Fault> FaultRegistry::take(ExchangeKind kind, std::string const& order, std::string const& account,
                                          CanHappen const& canHappen) {
-    return takeFirst([kind, &order, &account, &canHappen](Fault const& fault) {
-        return canHappenTo(fault, kind) && (fault.m_Order.empty() || fault.m_Order == order) &&
-               (fault.m_Account.empty() || fault.m_Account == account) && (!canHappen || canHappen(fault));
-    });
+    return takeFirst(
+        [kind, &order, &account](Fault const& fault) {
+            return canHappenTo(fault, kind) && (fault.m_Order.empty() || fault.m_Order == order) &&
+                   (fault.m_Account.empty() || fault.m_Account == account);
+        },
+        canHappen);
 }
 
 std::optional<Fault> FaultRegistry::takeForConnection(bool tls) {
     if (!tls) {
         return std::nullopt;
     }
-    return takeFirst([](Fault const& fault) { return canHappenTo(fault, ExchangeKind::kConnection); });
+    return takeFirst([](Fault const& fault) { return canHappenTo(fault, ExchangeKind::kConnection); }, nullptr);
 }
 
-template <class Matches>
-std::optional<Fault> FaultRegistry::takeFirst(Matches matches) {
+template <class Fits>
+std::optional<Fault> FaultRegistry::takeFirst(Fits fits, CanHappen const& canHappen) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
-    for (std::size_t at = 0; at < m_Armed.size(); ++at) {
+    std::optional<Fault> taken;
+    auto spent = m_Armed.end();
+    for (auto each = m_Armed.begin(); each != m_Armed.end(); ++each) {
+        Fault const& fault = each->m_Fault;
         // Connections are refused by the listener: no exchange comes of them.
-        if (m_Armed[at].m_Fault.m_Kind == FaultKind::kRefuse || !matches(m_Armed[at].m_Fault)) {
+        if (fault.m_Kind == FaultKind::kRefuse || !fits(fault)) {
             continue;
         }
-        ++m_Armed[at].m_Happened;
-        Fault const fault = m_Armed[at].m_Fault;
-        if (m_Armed[at].m_Happened == fault.m_Times) {
-            m_Armed.erase(m_Armed.begin() + static_cast<std::ptrdiff_t>(at));
+        if (each->m_Passed < fault.m_Skip) {
+            ++each->m_Passed;
+        } else if (!taken && (!canHappen || canHappen(fault))) {
+            taken = fault;
+            spent = ++each->m_Happened == fault.m_Times ? each : spent;
         }
-        return fault;
     }
-    return std::nullopt;
+    if (spent != m_Armed.end()) {
+        m_Armed.erase(spent);
+    }
+    return taken;
 }
 
 void FaultRegistry::forgetPast() {

@@ -18,6 +18,7 @@ struct ArmedFault {
     std::int64_t m_Id = 0;  ///< Counts up from 1.
     Fault m_Fault = {};
     std::int64_t m_Happened = 0;                                ///< How often so far.
+    std::int64_t m_Passed = 0;                                  ///< How many exchanges it has let pass.
     std::chrono::steady_clock::time_point m_RefusesUntil = {};  ///< Of refused connections; max() until it is lifted.
 };
 
@@ -50,7 +51,8 @@ public:
     using CanHappen = std::function<bool(Fault const& fault)>;
 
     /// The oldest fault that is armed for an exchange of this kind, order and account, counted as having happened. A
-    /// fault that `canHappen` rules out stays armed; empty rules out none.
+    /// fault that `canHappen` rules out stays armed; empty rules out none. Faults that let exchanges pass first count
+    /// this one, whatever happens to it.
     std::optional<Fault> take(ExchangeKind kind, std::string const& order, std::string const& account = "",
                               CanHappen const& canHappen = nullptr);
 
@@ -58,8 +60,8 @@ public:
     std::optional<Fault> takeForConnection(bool tls);
 
 private:
-    template <class Matches>
-    std::optional<Fault> takeFirst(Matches matches);
+    template <class Fits>
+    std::optional<Fault> takeFirst(Fits fits, CanHappen const& canHappen);
     template <class Matches>
     void liftThose(Matches matches);
 

@@ -39,7 +39,7 @@ constexpr int kPauseMilliseconds = 50;  // before trying again to accept when th
 }
 
 /// A bound socket. With SO_REUSEADDR and not SO_REUSEPORT, with which two services would share a port unnoticed.
-int boundSocket(std::uint16_t port) {
+int boundSocket(std::uint16_t port, std::string const& name) {
     int const socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (socket < 0) {
         fail("cannot make a socket", errno);
@@ -48,12 +48,15 @@ int boundSocket(std::uint16_t port) {
     ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::inet_pton(AF_INET, name.c_str(), &address.sin_addr) != 1) {
+        ::close(socket);
+        fail("cannot listen on " + name, EINVAL);
+    }
     address.sin_port = htons(port);
     if (::bind(socket, reinterpret_cast<sockaddr const*>(&address), sizeof address) != 0) {
         int const error = errno;
         ::close(socket);
-        fail("cannot listen on 127.0.0.1:" + std::to_string(port) + " (is another program using the port?)", error);
+        fail("cannot listen on " + name + ":" + std::to_string(port) + " (is another program using the port?)", error);
     }
     return socket;
 }
@@ -67,14 +70,14 @@ std::uint16_t portOf(int socket) {
 
 }  // namespace
 
-Acceptor::Acceptor(std::uint16_t port) {
-    m_Listener = boundSocket(port);
+Acceptor::Acceptor(std::uint16_t port, std::string const& address) {
+    m_Listener = boundSocket(port, address);
     m_Port = portOf(m_Listener);
     if (port == 0) {
         // A port that the system picked is lost when the socket is shut down; a port that was bound by its number
         // stays.
         int const picked = m_Listener;
-        m_Listener = boundSocket(m_Port);
+        m_Listener = boundSocket(m_Port, address);
         ::close(picked);
     }
     if (::pipe2(m_Wake, O_CLOEXEC | O_NONBLOCK) != 0) {

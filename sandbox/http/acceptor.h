@@ -8,6 +8,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -15,7 +16,7 @@
 
 namespace sandbox {
 
-/// One port of 127.0.0.1 and the connections to it, each served by a thread of its own.
+/// One port of 127.0.0.1, or of another address, and the connections to it, each served by a thread of its own.
 ///
 /// Unlike the sockets of the HTTP library it can refuse connections for a while without letting go of its port.
 class Acceptor {
@@ -26,8 +27,8 @@ public:
     /// standard error and end the connection.
     using Serve = std::function<void(int socket)>;
 
-    /// Takes the port (0 picks one); connections wait until start(). Throws std::runtime_error.
-    explicit Acceptor(std::uint16_t port);
+    /// Takes the port (0 picks one) of the IPv4 address; connections wait until start(). Throws std::runtime_error.
+    explicit Acceptor(std::uint16_t port, std::string const& address = "127.0.0.1");
 
     /// Stops.
     ~Acceptor();

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstddef>
+#include <stdexcept>
 
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/httpstatus.h"
@@ -18,7 +19,9 @@ namespace sandbox {
 namespace {
 
 constexpr char kScheme[] = "http://";
+constexpr char kTlsScheme[] = "https://";
 constexpr std::uint16_t kHttpPort = 80;
+constexpr std::uint16_t kHttpsPort = 443;
 constexpr std::size_t kMaxNameBytes = 200;  // of a host in an error text
 
 std::uint16_t parsePort(std::string const& text) {
@@ -72,20 +75,30 @@ HostPort parseHostPort(std::string const& text, std::optional<std::uint16_t> usu
     return hostPort;
 }
 
-HttpAddress parseHttpAddress(std::string const& text) {
-    std::size_t const begin = sizeof kScheme - 1;
-    if (text.compare(0, begin, kScheme) != 0) {
+HttpAddress parseHttpAddress(std::string const& text, bool tls) {
+    bool const isTls = tls && text.compare(0, sizeof kTlsScheme - 1, kTlsScheme) == 0;
+    std::size_t const begin = isTls ? sizeof kTlsScheme - 1 : sizeof kScheme - 1;
+    if (!isTls && text.compare(0, begin, kScheme) != 0) {
         throw HttpError("the address does not begin with http://");
     }
     checkCharacters(text);
     std::size_t const hostPortEnd = std::min(text.find_first_of("/?#", begin), text.size());
     std::size_t const end = std::min(text.find('#', hostPortEnd), text.size());
-    HttpAddress address{parseHostPort(text.substr(begin, hostPortEnd - begin), kHttpPort),
-                        text.substr(hostPortEnd, end - hostPortEnd)};
+    HttpAddress address{parseHostPort(text.substr(begin, hostPortEnd - begin), isTls ? kHttpsPort : kHttpPort),
+                        text.substr(hostPortEnd, end - hostPortEnd), isTls};
     if (address.m_Target.empty() || address.m_Target[0] != '/') {
         address.m_Target.insert(0, 1, '/');
     }
     return address;
+}
+
+bool ListenAddress::isLocal() const {
+    constexpr std::uint32_t kLoopback = 127;
+    in_addr address{};
+    if (::inet_pton(AF_INET, m_Address.c_str(), &address) != 1) {
+        throw std::runtime_error("'" + m_Address + "' is no IPv4 address to listen on");
+    }
+    return ntohl(address.s_addr) >> 24U == kLoopback;
 }
 
 in_addr localAddress(std::string const& host) {

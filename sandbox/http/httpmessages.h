@@ -52,6 +52,7 @@ struct HttpResponse {
     std::string m_ContentType;
     std::string m_Body;
     std::string m_Location = {};
+    std::string m_Cookie = {};                ///< To be set; empty for none.
     std::string m_Allow = {};                 ///< The methods that the address has, of a status 405.
     std::optional<Fault> m_Fault = {};        ///< How it is to be sent.
     std::shared_ptr<ExchangeLog> m_Log = {};  ///< Null when nothing is stored.

@@ -13,8 +13,13 @@
 
 namespace sandbox {
 
-Listener::Listener(std::uint16_t port, TlsIdentity const* tls, FaultRegistry* faults, std::chrono::milliseconds timeout)
-    : m_Tls(tls), m_Faults(faults), m_RequestTimeout(timeout), m_Acceptor(port) {}
+Listener::Listener(std::uint16_t port, TlsIdentity const* tls, FaultRegistry* faults, std::chrono::milliseconds timeout,
+                   ListenAddress const& address)
+    : m_Name(address.m_Name),
+      m_Tls(tls),
+      m_Faults(faults),
+      m_RequestTimeout(timeout),
+      m_Acceptor(port, address.m_Address) {}
 
 Listener::~Listener() = default;
 
@@ -23,7 +28,7 @@ std::uint16_t Listener::port() const {
 }
 
 std::string Listener::baseUrl() const {
-    return (m_Tls != nullptr ? "https://" : "http://") + std::string("127.0.0.1:") + std::to_string(port());
+    return (m_Tls != nullptr ? "https://" : "http://") + m_Name + ":" + std::to_string(port());
 }
 
 void Listener::start(Handler handler) {

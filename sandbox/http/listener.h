@@ -8,6 +8,7 @@
 
 #include "sandbox/faults/faultregistry.h"
 #include "sandbox/http/acceptor.h"
+#include "sandbox/http/hostport.h"
 #include "sandbox/http/httpmessages.h"
 #include "sandbox/http/tlsidentity.h"
 
@@ -15,17 +16,18 @@ namespace sandbox {
 
 class RequestServer;
 
-/// An HTTP server on one port of 127.0.0.1. Every connection carries one exchange and is closed after it. Paths and
+/// An HTTP server on one port. Every connection carries one exchange and is closed after it. Paths and
 /// queries reach the handler as they came, up to four megabytes.
 class Listener {
 public:
     /// Called by several threads at once; must not throw.
     using Handler = std::function<HttpResponse(HttpRequest const& request)>;
 
-    /// Takes the port (0 picks one); connections wait until start(). `tls` is null for plain HTTP, `faults` for a port
-    /// whose connections never fail; both are borrowed. A request that is not complete after `timeout` is dropped.
-    /// Throws std::runtime_error.
-    Listener(std::uint16_t port, TlsIdentity const* tls, FaultRegistry* faults, std::chrono::milliseconds timeout);
+    /// Takes the port (0 picks one) of `address`; connections wait until start(). `tls` is null for plain HTTP,
+    /// `faults` for a port whose connections never fail; both are borrowed. A request that is not complete after
+    /// `timeout` is dropped. Throws std::runtime_error.
+    Listener(std::uint16_t port, TlsIdentity const* tls, FaultRegistry* faults, std::chrono::milliseconds timeout,
+             ListenAddress const& address);
 
     /// Stops.
     ~Listener();
@@ -50,6 +52,7 @@ public:
 private:
     void serve(int socket);
 
+    std::string m_Name;        ///< Of the host, in the base URL.
     TlsIdentity const* m_Tls;  ///< Borrowed; null for plain HTTP.
     FaultRegistry* m_Faults;   ///< Borrowed; null without faults.
     std::chrono::milliseconds m_RequestTimeout;

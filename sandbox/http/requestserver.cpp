@@ -27,6 +27,9 @@ void fill(HttpResponse const& from, httplib::Response& response) {
     if (!from.m_Location.empty()) {
         response.set_redirect(from.m_Location, from.m_Status);
     }
+    if (!from.m_Cookie.empty()) {
+        response.set_header("Set-Cookie", from.m_Cookie);
+    }
     if (!from.m_Allow.empty()) {
         response.set_header("Allow", from.m_Allow);
     }

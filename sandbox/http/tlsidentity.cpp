@@ -138,18 +138,32 @@ struct Authority {
     }
 };
 
-void makeFiles(DataDirectory const& directory) {
+void makeFiles(DataDirectory const& directory, std::string const& ownHosts) {
     Authority const authority;
     Authority const unknown;
     KeyHolder const serverKey = makeKey();
     // An empty file of the authority says that the set is not complete, until all of it is there.
     directory.write(kAuthorityFile, "");
     directory.write(kKeyFile, keyPem(serverKey.get()));
-    directory.write(kSoundFile, authority.sign(serverKey.get(), kOwnHosts));
+    directory.write(kSoundFile, authority.sign(serverKey.get(), ownHosts.c_str()));
     directory.write(kExpiredFile, authority.sign(serverKey.get(), kOwnHosts, {-2 * kDay, -kDay}));
     directory.write(kWrongHostFile, authority.sign(serverKey.get(), kOtherHost));
     directory.write(kUnknownAuthorityFile, unknown.sign(serverKey.get(), kOwnHosts));
     directory.write(kAuthorityFile, certificatePem(authority.m_Certificate.get()));
+}
+
+bool isNumber(std::string const& host) {
+    return host.find_first_not_of("0123456789.") == std::string::npos;
+}
+
+/// Whether the sound certificate is for that host.
+bool isFor(DataDirectory const& directory, std::string const& host) {
+    std::string const text = directory.read(kSoundFile);
+    BioHolder const bio(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
+    CertificateHolder const certificate(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
+    ERR_clear_error();
+    return certificate && (isNumber(host) ? X509_check_ip_asc(certificate.get(), host.c_str(), 0)
+                                          : X509_check_host(certificate.get(), host.c_str(), 0, 0, nullptr)) == 1;
 }
 
 bool isComplete(DataDirectory const& directory) {
@@ -192,10 +206,11 @@ SSL_CTX* TlsIdentity::context(std::optional<Fault> const& fault) const {
     return m_Sound.get();
 }
 
-TlsIdentity makeTlsIdentity(DataDirectory const& directory) {
-    if (!isComplete(directory)) {
-        makeFiles(directory);
+TlsIdentity makeTlsIdentity(DataDirectory const& directory, std::string const& name) {
+    if (!isComplete(directory) || !isFor(directory, name)) {
+        makeFiles(directory, std::string(kOwnHosts) + (isNumber(name) ? ",IP:" : ",DNS:") + name);
     }
+    directory.publish(kAuthorityFile);
     return {makeContext(directory, kSoundFile), makeContext(directory, kExpiredFile),
             makeContext(directory, kWrongHostFile), makeContext(directory, kUnknownAuthorityFile)};
 }

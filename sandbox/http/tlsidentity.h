@@ -9,8 +9,8 @@
 
 namespace sandbox {
 
-/// What a TLS server can show of itself: a sound certificate for 127.0.0.1 and localhost, and some that clients should
-/// not trust.
+/// What a TLS server can show of itself: a sound certificate for 127.0.0.1, localhost and its own name, and some that
+/// clients should not trust.
 struct TlsIdentity {
     TlsContextHolder m_Sound;
     TlsContextHolder m_Expired;
@@ -21,10 +21,10 @@ struct TlsIdentity {
     [[nodiscard]] SSL_CTX* context(std::optional<Fault> const& fault) const;
 };
 
-/// Server contexts from the files server-key.pem and server*.pem. When one of them or ca.pem is missing, all are made
-/// afresh: an authority of their own (its private key is not kept) and certificates under it. Clients trust ca.pem.
-/// Throws std::runtime_error.
-TlsIdentity makeTlsIdentity(DataDirectory const& directory);
+/// Server contexts from the files server-key.pem and server*.pem. When one of them or ca.pem is missing, or the sound
+/// certificate is not for `name`, all are made afresh: an authority of their own (its private key is not kept) and
+/// certificates under it. Clients trust ca.pem. Throws std::runtime_error.
+TlsIdentity makeTlsIdentity(DataDirectory const& directory, std::string const& name);
 
 }  // namespace sandbox
 

@@ -1,4 +1,4 @@
-// HTML escaping and the elements shared by all pages.
+// HTML escaping.
 //
 // `escapeHtml` walks the text by well-formed UTF-8 sequences, found with the table of Unicode's legal byte ranges. A
 // byte that starts no sequence is shown as its Latin-1 character, a control character as its picture, so that the
@@ -13,7 +13,6 @@ namespace sandbox {
 
 namespace {
 
-constexpr char kCarriageReturn[] = "<small>CR</small>";
 constexpr char kReplacement[] = "\xEF\xBF\xBD";  // U+FFFD
 
 /// One form of a well-formed UTF-8 sequence (Unicode, table 3-7). The range of the second byte depends on the first;
@@ -120,34 +119,6 @@ std::string escapeHtml(std::string const& text) {
         at += std::max<std::size_t>(length, 1);
     }
     return out;
-}
-
-std::string paragraph(std::string const& text) {
-    return "<p>" + escapeHtml(text) + "</p>\n";
-}
-
-std::string section(std::string const& id, std::string const& heading, std::string const& content) {
-    return "<section aria-labelledby=\"" + id + "\">\n<h2 id=\"" + id + "\">" + escapeHtml(heading) + "</h2>\n" +
-           content + "</section>\n";
-}
-
-std::string entry(std::string const& name, std::string const& content, std::string const& opening) {
-    return "<div><dt>" + escapeHtml(name) + "</dt>" + opening + content + "</dd></div>\n";
-}
-
-std::string hiddenField(std::string const& name, std::string const& value) {
-    return "<input type=\"hidden\" name=\"" + name + "\" value=\"" + escapeHtml(value) + "\"/>\n";
-}
-
-std::string verbatim(std::string const& text) {
-    // Few fonts have this picture, and every header line ends with it.
-    std::string const picture = controlPicture('\r');
-    std::string content = escapeHtml(text);
-    for (std::size_t at = content.find(picture); at != std::string::npos; at = content.find(picture, at)) {
-        content.replace(at, picture.size(), kCarriageReturn);
-    }
-    // A browser drops a line end directly after <pre>; the inner element keeps it.
-    return "<pre><code>" + content + "</code></pre>\n";
 }
 
 }  // namespace sandbox

@@ -1,10 +1,11 @@
 #ifndef TALLOWIN_SANDBOX_PAGES_SHOPPERPAGES_H
 #define TALLOWIN_SANDBOX_PAGES_SHOPPERPAGES_H
 
+#include <nlohmann/json.hpp>
 #include <string>
 
+#include "diagnosis/explanation.h"
 #include "sandbox/http/httpmessages.h"
-#include "sandbox/pages/html.h"
 #include "sandbox/store/exchange.h"
 #include "sandbox/store/store.h"
 #include "sandbox/store/storedpayment.h"
@@ -16,8 +17,10 @@ namespace sandbox {
 /// The payment page, on which the shopper decides, in the language of LANGID.
 HttpResponse paymentPage(StoredPayment const& stored, std::string const& customer);
 
-/// The page for a rejected request: the reason, advice for the merchant, and the message of the request.
-HttpResponse errorPage(int status, std::string const& reason, Exchange const& exchange);
+/// The page for a rejected request: the reason, advice for the merchant, the message of the request, and what is wrong
+/// with its signature unless `explanation` is empty.
+HttpResponse errorPage(int status, std::string const& reason, Exchange const& exchange,
+                       diagnosis::Explanation const& explanation = {});
 
 /// The same for a payment that is already decided or expired, with a link to `address` unless that is empty.
 HttpResponse decidedPage(int status, StoredPayment const& stored, std::string const& reason,
@@ -33,11 +36,15 @@ HttpResponse returnedPage(HttpRequest const& request);
 /// AMOUNT and CURRENCY; `notGiven` replaces a missing amount.
 std::string amountText(Payment const& payment, std::string const& notGiven);
 
-/// Names and values as a table.
-std::string attributeTable(Attributes const& attributes);
+/// "2024-01-31T23:59:07Z" as people read it in every language: "2024-01-31 23:59:07 UTC".
+std::string readableTime(std::string utc);
 
-/// The attributes of the message `text` as a table, or why they cannot be shown.
-std::string attributesContent(std::string const& text);
+/// The names and values for the template `attributes`.
+nlohmann::json attributesContent(Attributes const& attributes);
+
+/// The message `text` for the templates `message`, which shows its attributes or why they cannot be read, and
+/// `verbatim`.
+nlohmann::json messageContent(std::string const& text);
 
 }  // namespace sandbox
 

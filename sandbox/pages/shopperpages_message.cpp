@@ -1,11 +1,13 @@
 // The pages that show a message, in English: they are read by developers of a shop.
 //
-// Each page is a list of sections: the reason, advice chosen by HTTP status, the attributes of the message, DATA and
-// SIGNATURE exactly as sent. A message that cannot be parsed is shown as text, with the reason.
+// One template for all: the reason, advice chosen by HTTP status, the attributes of the message, DATA and SIGNATURE
+// exactly as sent. A message that cannot be parsed is shown as text, with the reason.
 
 #include <optional>
+#include <utility>
 
 #include "sandbox/pages/shopperpages.h"
+#include "sandbox/pages/templates.h"
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/httpstatus.h"
 #include "sandbox/text/paymessage.h"
@@ -14,6 +16,10 @@
 namespace sandbox {
 
 namespace {
+
+using nlohmann::json;
+
+constexpr char kTemplate[] = "message_page";
 
 /// What to do about an error.
 struct Advice {
@@ -45,78 +51,81 @@ char const* adviceFor(int status, bool hasMessage) {
     return hasMessage ? kAdviceWithMessage : kAdviceWithoutMessage;
 }
 
-std::string messageSections(std::string const& data) {
-    return section("message", "The message", attributesContent(data)) +
-           section("data", "DATA, decoded", verbatim(data));
-}
-
-std::string signatureSection(std::string const& signature) {
-    return section("signature", "SIGNATURE", verbatim(signature));
-}
-
-/// The sections for DATA and SIGNATURE of a query. Throws HttpError when the query cannot be parsed.
-std::string signedSections(Query const& query) {
+/// Adds DATA and SIGNATURE of a query, or that it has none. Throws HttpError when the query cannot be parsed.
+void addSigned(json& content, Query const& query) {
     std::optional<std::string> const data = query.value("DATA");
     std::optional<std::string> const signature = query.value("SIGNATURE");
-    return (data ? messageSections(*data) : paragraph("The address contains no DATA.")) +
-           (signature ? signatureSection(*signature) : paragraph("The address contains no SIGNATURE."));
+    content["noData"] = !data;
+    content["message"] = data ? messageContent(*data) : json();
+    content["noSignature"] = !signature;
+    content["signature"] = signature ? verbatim(*signature) : json();
 }
 
 }  // namespace
 
-HttpResponse errorPage(int status, std::string const& reason, Exchange const& exchange) {
-    bool const hasMessage = !exchange.m_Data.empty();
-    return htmlPage(status, "Request rejected",
-                    section("reason", "Reason", paragraph(reason)) +
-                        section("advice", "What the merchant can do", paragraph(adviceFor(status, hasMessage))) +
-                        (hasMessage ? messageSections(exchange.m_Data) : "") +
-                        (exchange.m_Signature.empty() ? "" : signatureSection(exchange.m_Signature)));
+HttpResponse errorPage(int status, std::string const& reason, Exchange const& exchange,
+                       diagnosis::Explanation const& explanation) {
+    std::string const& data = exchange.m_Data;
+    std::string const& signature = exchange.m_Signature;
+    json content = {{"title", "Request rejected"},
+                    {"reason", reason},
+                    {"advice", adviceFor(status, !data.empty())},
+                    {"message", data.empty() ? json() : messageContent(data)},
+                    {"signature", signature.empty() ? json() : verbatim(signature)}};
+    if (!explanation.m_Sentence.empty()) {
+        content["diagnosis"] = {{"sentence", explanation.m_Sentence}, {"change", explanation.m_Change}};
+    }
+    return renderPage(status, kTemplate, content);
 }
 
 HttpResponse decidedPage(int status, StoredPayment const& stored, std::string const& reason,
                          std::string const& address) {
     bool const tooLate = stored.m_Payment.m_State == PaymentState::kExpired;
-    std::string const link = "<p><a href=\"" + escapeHtml(address) + "\">Back to the shop</a></p>\n";
-    return htmlPage(status, tooLate ? "The payment has expired" : "The payment is already decided",
-                    (address.empty() ? "" : link) + section("reason", "Reason", paragraph(reason)) +
-                        messageSections(stored.m_Message));
+    return renderPage(status, kTemplate,
+                      {{"title", tooLate ? "The payment has expired" : "The payment is already decided"},
+                       {"back", address},
+                       {"reason", reason},
+                       {"message", messageContent(stored.m_Message)}});
 }
 
 HttpResponse outcomePage(Payment const& payment, std::string const& signedQuery) {
-    return htmlPage(
-        httpstatus::kOk, "The payment is " + std::string(stateName(payment.m_State)),
-        paragraph("The merchant gave no return link. Such a link would have contained the following confirmation.") +
-            signedSections(Query(signedQuery)) + section("query", "Query string", verbatim(signedQuery)));
+    json content = {
+        {"title", "The payment is " + std::string(stateName(payment.m_State))},
+        {"lead", "The merchant gave no return link. Such a link would have contained the following confirmation."},
+        {"query", verbatim(signedQuery)}};
+    addSigned(content, Query(signedQuery));
+    return renderPage(httpstatus::kOk, kTemplate, content);
 }
 
 HttpResponse returnedPage(HttpRequest const& request) {
+    json content = {
+        {"title", "Back at the shop"},
+        {"lead", "A shop would verify this message here and check its RESULT. This page verifies nothing."}};
     try {
-        return htmlPage(httpstatus::kOk, "Back at the shop",
-                        paragraph("A shop would verify this message here and check its RESULT. "
-                                  "This page verifies nothing.") +
-                            signedSections(request.m_Query));
+        addSigned(content, request.m_Query);
     } catch (HttpError const& error) {
         return errorPage(error.status(), error.what(), {});
     }
+    return renderPage(httpstatus::kOk, kTemplate, content);
 }
 
-std::string attributeTable(Attributes const& attributes) {
-    std::string rows;
+json attributesContent(Attributes const& attributes) {
+    json rows = json::array();
     for (auto const& [name, value] : attributes) {
-        rows += "<tr><th scope=\"row\">" + escapeHtml(name) + "</th><td>" + escapeHtml(value) + "</td></tr>\n";
+        rows.push_back({{"name", name}, {"value", value}});
     }
-    return "<table class=\"attributes\">\n<caption>Attributes</caption>\n<thead><tr><th "
-           "scope=\"col\">Attribute</th><th scope=\"col\">Value</th></tr>"
-           "</thead>\n<tbody>\n" +
-           rows + "</tbody>\n</table>\n";
+    return rows;
 }
 
-std::string attributesContent(std::string const& text) {
+json messageContent(std::string const& text) {
+    json content = verbatim(text);
     try {
-        return attributeTable(Message::parse(text).attributes());
+        content["attributes"] = attributesContent(Message::parse(text).attributes());
+        content["hasAttributes"] = true;
     } catch (HttpError const& error) {
-        return paragraph(std::string("The attributes cannot be read: ") + error.what() + ".");
+        content["unreadable"] = std::string("The attributes cannot be read: ") + error.what() + ".";
     }
+    return content;
 }
 
 }  // namespace sandbox

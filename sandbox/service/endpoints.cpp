@@ -6,15 +6,19 @@
 #include "sandbox/service/endpoints.h"
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <exception>
 #include <memory>
 #include <utility>
 
+#include "diagnosis/diagnosis.h"
+#include "diagnosis/explanation.h"
 #include "sandbox/crypto/credentials.h"
 #include "sandbox/pages/shopperpages.h"
 #include "sandbox/service/confirmation.h"
 #include "sandbox/service/contentcheck.h"
+#include "sandbox/service/storedevidence.h"
 #include "sandbox/service/storedexchangelog.h"
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/httpstatus.h"
@@ -28,6 +32,9 @@ namespace {
 enum class ErrorForm { kErrorMessage, kPage };
 
 constexpr char kPayPath[] = "/pay";
+
+// The signature of a longer message is not explained: that would hold up the response.
+constexpr std::size_t kMaxExplained = std::size_t{16} * 1024;
 
 /// One address of the protocol.
 struct Endpoint {
@@ -180,9 +187,20 @@ HttpResponse methodNotAllowed(Endpoint const& endpoint) {
     return response;
 }
 
-HttpResponse errorResponse(Endpoint const& endpoint, HttpError const& error, Exchange const& exchange) {
+/// What is wrong with the signature of a request; empty when it is valid, there is none, or the message is long.
+diagnosis::Explanation explanationFor(Services const& services, Exchange const& exchange) {
+    if (exchange.m_Data.empty() || exchange.m_Data.size() > kMaxExplained || exchange.m_Signature.empty()) {
+        return {};
+    }
+    diagnosis::Evidence const evidence = storedEvidence(services);
+    diagnosis::Diagnosis const result = diagnose(evidence, exchange.m_Data, exchange.m_Signature);
+    return result.m_Right ? diagnosis::Explanation() : explain(evidence.m_Wording, result);
+}
+
+HttpResponse errorResponse(Endpoint const& endpoint, HttpError const& error, RequestContext const& context) {
     if (endpoint.m_ErrorForm == ErrorForm::kPage) {
-        return errorPage(error.status(), error.what(), exchange);
+        return errorPage(error.status(), error.what(), context.m_Exchange,
+                         explanationFor(context.m_Services, context.m_Exchange));
     }
     return messageResponse(errorMessage(error.what()));
 }
@@ -209,7 +227,7 @@ HttpResponse carryOut(Endpoint const& endpoint, RequestContext const& context) {
     } catch (HttpError const& error) {
         context.m_Exchange.m_Verdict = error.what();
         context.m_Exchange.m_Steps.push_back({"Turned down", error.what(), false});
-        return errorResponse(endpoint, error, context.m_Exchange);
+        return errorResponse(endpoint, error, context);
     }
 }
 

@@ -146,7 +146,7 @@ HttpResponse returnResponse(Services const& services, FaultEffect const& effect,
 /// The response to a payment page that a standing decision decides; nothing when none is for the payment.
 std::optional<HttpResponse> decideByRule(RequestContext const& context, Payment payment) {
     Services const& services = context.m_Services;
-    std::optional<StandingDecision> const rule = services.m_Decisions.find(payment);
+    std::optional<StandingDecision> const rule = services.m_Decisions.take(payment);
     if (!rule) {
         return std::nullopt;
     }

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <stdexcept>
+#include <utility>
 
 #include "sandbox/crypto/signature.h"
 
@@ -17,13 +18,20 @@ constexpr char kIdentifierStart[] = "1-SERVER-";
 
 KeyRing::KeyRing(Store& store, ServiceClock const& clock, unsigned bits)
     : m_Store(store), m_Clock(clock), m_Bits(bits) {
-    for (StoredServerKey const& stored : store.serverKeys()) {
-        m_Keys.push_back(
-            std::make_shared<ServerKey const>(ServerKey{stored.m_Id, readPrivateKeyDer(stored.m_PrivateDer)}));
-    }
+    reload();
     if (m_Keys.empty()) {
         add(1);
     }
+}
+
+void KeyRing::reload() {
+    std::vector<Key> keys;
+    for (StoredServerKey const& stored : m_Store.serverKeys()) {
+        keys.push_back(
+            std::make_shared<ServerKey const>(ServerKey{stored.m_Id, readPrivateKeyDer(stored.m_PrivateDer)}));
+    }
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    m_Keys = std::move(keys);
 }
 
 KeyRing::Key KeyRing::current() const {

@@ -27,6 +27,10 @@ public:
     /// Throws std::runtime_error.
     KeyRing(Store& store, ServiceClock const& clock, unsigned bits);
 
+    /// Reads the keys again, of which there is one at least, after the content of the store was replaced. Throws
+    /// std::runtime_error.
+    void reload();
+
     /// The newest key, which signs.
     [[nodiscard]] Key current() const;
 

@@ -17,6 +17,7 @@
 #include "sandbox/http/localsocket.h"
 #include "sandbox/http/relay.h"
 #include "sandbox/http/signalguards.h"
+#include "sandbox/http/tlsrequest.h"
 #include "sandbox/service/confirmation.h"
 #include "sandbox/service/paymentmoves.h"
 #include "sandbox/service/storedexchangelog.h"
@@ -33,12 +34,12 @@ using Clock = EndSignal::Clock;
 constexpr std::chrono::seconds kPauseWithoutStore{5};
 
 /// Why nothing can be sent to `address`; nothing when something can.
-std::optional<std::string> whyUnreachable(std::string const& address) {
+std::optional<std::string> whyUnreachable(std::string const& address, bool tls) {
     if (address.find('@') != std::string::npos && address.find("://") == std::string::npos) {
         return "it would be mailed to " + address;
     }
     try {
-        localAddress(parseHttpAddress(address).m_HostPort.m_Host);
+        localAddress(parseHttpAddress(address, tls).m_HostPort.m_Host);
         return std::nullopt;
     } catch (HttpError const& error) {
         return error.what();
@@ -74,16 +75,24 @@ struct Attempt {
     [[nodiscard]] bool good() const { return m_Verdict == "ok"; }
 };
 
-Attempt sendRequest(HttpAddress const& address, std::chrono::milliseconds timeout, EndSignal const& ending) {
+/// `authority` is the file with those of merchants under TLS.
+Attempt sendRequest(HttpAddress const& address, std::string const& authority, std::chrono::milliseconds timeout,
+                    EndSignal const& ending) {
     Clock::time_point const deadline = Clock::now() + timeout;
     Attempt attempt;
     try {
-        LocalSocket const socket(address.m_HostPort, deadline, ending);
-        Flow up(Flow::kNowhere, socket.get(), requestText(address), Flow::AtEnd::kLeave);
-        Flow down(socket.get(), Flow::kNowhere, "", Flow::AtEnd::kLeave);
-        down.endWhen(isCompleteResponse);
-        Outcome const outcome = carry(up, down, {deadline, timeout}, ending);
-        attempt.m_Response = down.begin();
+        Outcome outcome = Outcome::kComplete;
+        if (address.m_Tls) {
+            attempt.m_Response = requestOverTls(address.m_HostPort, requestText(address), authority, timeout);
+            outcome = Clock::now() < deadline ? outcome : Outcome::kTimedOut;
+        } else {
+            LocalSocket const socket(address.m_HostPort, deadline, ending);
+            Flow up(Flow::kNowhere, socket.get(), requestText(address), Flow::AtEnd::kLeave);
+            Flow down(socket.get(), Flow::kNowhere, "", Flow::AtEnd::kLeave);
+            down.endWhen(isCompleteResponse);
+            outcome = carry(up, down, {deadline, timeout}, ending);
+            attempt.m_Response = down.begin();
+        }
         attempt.m_Status = statusOfResponse(attempt.m_Response);
         attempt.m_Verdict = attempt.m_Status ? "the merchant answered " + std::to_string(*attempt.m_Status)
                                              : whyNoStatus(outcome, attempt.m_Response);
@@ -102,7 +111,7 @@ Attempt sendLogged(Services const& services, HttpAddress const& address, std::ch
     exchange.m_Time = services.m_Clock.text(exchange.m_Account);
     exchange.m_Request = keptText(requestText(address));
     Clock::time_point const begin = Clock::now();
-    Attempt attempt = sendRequest(address, timeout, ending);
+    Attempt attempt = sendRequest(address, services.m_NotifyAuthority, timeout, ending);
     exchange.m_Microseconds = microsecondsSince(begin);
     exchange.m_Response = keptText(attempt.m_Response);
     exchange.m_Verdict = attempt.m_Verdict;
@@ -133,7 +142,7 @@ Clock::duration delayOf(Fault const& fault) {
 /// The queue of an address: its host and port. Addresses that cannot be read share one; nothing is sent to them.
 std::string queueName(std::string const& address) {
     try {
-        return parseHttpAddress(address).m_HostPort.text();
+        return parseHttpAddress(address, true).m_HostPort.text();
     } catch (HttpError const&) {
         return "";
     }
@@ -177,6 +186,14 @@ void Notifier::start() {
 
 void Notifier::wake() {
     std::lock_guard<std::mutex> const lock(m_Mutex);
+    m_Woken = true;
+    m_Changed.notify_one();
+}
+
+void Notifier::reload() {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    m_Reloading = true;
+    m_Watching = true;
     m_Woken = true;
     m_Changed.notify_one();
 }
@@ -252,6 +269,15 @@ void Notifier::expireOverdue() {
 }
 
 void Notifier::loadNew() {
+    {
+        std::lock_guard<std::mutex> const lock(m_Mutex);
+        if (std::exchange(m_Reloading, false)) {
+            m_LastTaken = 0;
+            for (auto& [name, queue] : m_Queues) {
+                queue.m_Waiting.clear();
+            }
+        }
+    }
     for (Notification const& notification : m_Services.m_Store.pendingNotifications(m_LastTaken)) {
         {
             std::lock_guard<std::mutex> const lock(m_Mutex);
@@ -319,7 +345,8 @@ bool Notifier::sendOnce(Pending& pending) {
 /// False when it is settled.
 bool Notifier::send(Pending& pending) {
     Notification& notification = pending.m_Notification;
-    if (std::optional<std::string> const reason = whyUnreachable(notification.m_Address)) {
+    if (std::optional<std::string> const reason =
+            whyUnreachable(notification.m_Address, !m_Services.m_NotifyAuthority.empty())) {
         return settle(notification, "not sent: " + *reason);
     }
     std::optional<StoredPayment> const stored = m_Services.m_Store.paymentById(notification.m_Payment);
@@ -356,7 +383,7 @@ bool Notifier::send(Pending& pending) {
 /// False when it is settled.
 bool Notifier::tryOnce(Pending& pending, std::string const& query, Exchange& exchange, bool twice) {
     Notification& notification = pending.m_Notification;
-    HttpAddress const address = parseHttpAddress(extendLink(notification.m_Address, query));
+    HttpAddress const address = parseHttpAddress(extendLink(notification.m_Address, query), true);
     Attempt best = sendLogged(m_Services, address, m_Timeouts.m_Response, m_Ending, exchange);
     if (twice) {
         Attempt const second = sendLogged(m_Services, address, m_Timeouts.m_Response, m_Ending, exchange);

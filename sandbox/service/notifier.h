@@ -57,6 +57,10 @@ public:
     /// To be called when a notification was added to the store or the service clock was set. Any thread, any time.
     void wake();
 
+    /// To be called when the content of the store was replaced: forgets all notifications but those in progress, and
+    /// goes on with those of the store. Any thread, any time.
+    void reload();
+
     /// To be called when an undecided payment was added to the store. Any thread, any time.
     void watch();
 
@@ -109,6 +113,7 @@ private:
 
     /// Whether there may be undecided payments, so that the service clock is checked.
     bool m_Watching = false;
+    bool m_Reloading = false;  ///< All notifications are taken from the store again.
     bool m_Woken = false;
     bool m_Stopping = false;
 };

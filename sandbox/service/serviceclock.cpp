@@ -16,8 +16,14 @@ constexpr char kSetting[] = "clock ";
 
 ServiceClock::ServiceClock(std::function<std::time_t()> source, Store& store)
     : m_Source(source ? std::move(source) : [] { return std::time(nullptr); }), m_Store(store) {
+    reload();
+}
+
+void ServiceClock::reload() {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
     std::string const start = kSetting;
-    for (auto const& [name, value] : store.settings()) {
+    m_Settings = {{"", {}}};
+    for (auto const& [name, value] : m_Store.settings()) {
         if (name.compare(0, start.size(), start) != 0) {
             continue;
         }

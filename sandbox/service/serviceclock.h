@@ -23,6 +23,9 @@ public:
     /// was set there. Throws std::runtime_error.
     ServiceClock(std::function<std::time_t()> source, Store& store);
 
+    /// Reads the settings again after the content of the store was replaced. Throws std::runtime_error.
+    void reload();
+
     [[nodiscard]] std::time_t now(std::string const& account = "") const;
 
     /// The present in the form of the history.

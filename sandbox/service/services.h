@@ -1,6 +1,7 @@
 #ifndef TALLOWIN_SANDBOX_SERVICE_SERVICES_H
 #define TALLOWIN_SANDBOX_SERVICE_SERVICES_H
 
+#include <atomic>
 #include <string>
 
 #include "sandbox/faults/faultregistry.h"
@@ -8,6 +9,7 @@
 #include "sandbox/service/keyring.h"
 #include "sandbox/service/serviceclock.h"
 #include "sandbox/service/standingdecisions.h"
+#include "sandbox/store/snapshots.h"
 #include "sandbox/store/store.h"
 
 namespace sandbox {
@@ -32,8 +34,12 @@ struct Services {
     Notifier& m_Notifier;
     std::string const& m_FormKey;  ///< Must come back with every form of the dashboard.
     StandingDecisions& m_Decisions;
-    std::string const& m_Seed;  ///< Of the identifiers of payments; empty: they are random.
-    bool m_Lenient;             ///< Odd content of a PayInit is accepted with a warning.
+    Snapshots& m_Snapshots;
+    std::string const& m_Token;            ///< Demanded for control API and dashboard; empty: none is.
+    std::string const& m_NotifyAuthority;  ///< File with authorities of merchants under TLS; empty: plain HTTP only.
+    std::string const& m_Seed;             ///< Of the identifiers of payments; empty: they are random.
+    bool m_Lenient;                        ///< Odd content of a PayInit is accepted with a warning.
+    std::atomic<bool> const& m_Ready;      ///< Whether all ports are served.
 };
 
 }  // namespace sandbox

@@ -6,6 +6,16 @@
 
 namespace sandbox {
 
+namespace {
+
+bool fits(StandingDecision const& decision, Payment const& payment) {
+    return (decision.m_Account.empty() || decision.m_Account == payment.m_Account) &&
+           (decision.m_Order.empty() || fitsPattern(decision.m_Order, payment.attribute("ORDERID").value_or(""))) &&
+           (decision.m_Amount.empty() || decision.m_Amount == payment.attribute("AMOUNT").value_or(""));
+}
+
+}  // namespace
+
 bool fitsPattern(std::string const& pattern, std::string const& text) {
     std::size_t at = 0;
     std::size_t in = 0;
@@ -51,21 +61,37 @@ void StandingDecisions::removeAll() {
     m_All.clear();
 }
 
+void StandingDecisions::removeAllOf(std::string const& account) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    m_All.erase(std::remove_if(m_All.begin(), m_All.end(),
+                               [&account](StandingDecision const& each) { return each.m_Account == account; }),
+                m_All.end());
+}
+
 std::vector<StandingDecision> StandingDecisions::all() const {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     return m_All;
 }
 
-std::optional<StandingDecision> StandingDecisions::find(Payment const& payment) const {
+std::optional<StandingDecision> StandingDecisions::take(Payment const& payment) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
-    for (StandingDecision const& each : m_All) {
-        if ((each.m_Account.empty() || each.m_Account == payment.m_Account) &&
-            (each.m_Order.empty() || fitsPattern(each.m_Order, payment.attribute("ORDERID").value_or(""))) &&
-            (each.m_Amount.empty() || each.m_Amount == payment.attribute("AMOUNT").value_or(""))) {
-            return each;
+    std::optional<StandingDecision> taken;
+    auto spent = m_All.end();
+    for (auto each = m_All.begin(); each != m_All.end(); ++each) {
+        if (!fits(*each, payment) || each->m_Passed.count(payment.m_Id) != 0) {
+            continue;
+        }
+        if (static_cast<std::int64_t>(each->m_Passed.size()) < each->m_Skip) {
+            each->m_Passed.insert(payment.m_Id);
+        } else if (!taken) {
+            spent = ++each->m_Happened == each->m_Times ? each : spent;
+            taken = *each;
         }
     }
-    return std::nullopt;
+    if (spent != m_All.end()) {
+        m_All.erase(spent);
+    }
+    return taken;
 }
 
 }  // namespace sandbox

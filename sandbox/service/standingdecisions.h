@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -13,11 +14,15 @@ namespace sandbox {
 
 /// A decision that is made on every payment it fits, as soon as its page is opened. An empty condition fits all.
 struct StandingDecision {
-    std::int64_t m_Id = 0;   ///< Counts up from 1.
-    std::string m_Decision;  ///< "pay", "decline" or "cancel".
-    std::string m_Account;   ///< User name of the merchant's account.
-    std::string m_Order;     ///< Pattern for ORDERID: "*" stands for any text, "?" for one character.
-    std::string m_Amount;    ///< AMOUNT as the PayInit writes it.
+    std::int64_t m_Id = 0;                ///< Counts up from 1.
+    std::string m_Decision;               ///< "pay", "decline" or "cancel".
+    std::string m_Account;                ///< User name of the merchant's account.
+    std::string m_Order;                  ///< Pattern for ORDERID: "*" stands for any text, "?" for one character.
+    std::string m_Amount;                 ///< AMOUNT as the PayInit writes it.
+    std::int64_t m_Times = 0;             ///< On how many payments; 0: on all until it is removed.
+    std::int64_t m_Skip = 0;              ///< How many payments that fit pass first.
+    std::int64_t m_Happened = 0;          ///< On how many so far.
+    std::set<std::string> m_Passed = {};  ///< The identifiers of payments that have passed, at most m_Skip.
 };
 
 /// Whether `text` fits `pattern`, in which "*" stands for any text and "?" for one byte.
@@ -33,11 +38,15 @@ public:
     bool remove(std::int64_t id);
     void removeAll();
 
+    /// Removes those that are limited to this account.
+    void removeAllOf(std::string const& account);
+
     /// Oldest first.
     [[nodiscard]] std::vector<StandingDecision> all() const;
 
-    /// The oldest one that fits the payment; nothing when none does.
-    [[nodiscard]] std::optional<StandingDecision> find(Payment const& payment) const;
+    /// The oldest one that fits the payment, counted as having happened; nothing when none does. It is removed after
+    /// its last time. Those that let payments pass first count this one, whatever is decided.
+    std::optional<StandingDecision> take(Payment const& payment);
 
 private:
     mutable std::mutex m_Mutex;  ///< Guards all below.

@@ -134,6 +134,17 @@ void Database::execute(char const* sql) {
     }
 }
 
+void Database::copyTo(Database& target) {
+    sqlite3* const to = target.m_Database.get();
+    sqlite3_backup* const backup = sqlite3_backup_init(to, "main", m_Database.get(), "main");
+    if (backup != nullptr) {
+        sqlite3_backup_step(backup, -1);
+    }
+    if (backup == nullptr || sqlite3_backup_finish(backup) != SQLITE_OK) {
+        fail(to);
+    }
+}
+
 Transaction::~Transaction() {
     if (!m_Open) {
         return;

@@ -64,6 +64,9 @@ public:
     /// How many rows the last statement that was run has inserted, updated or deleted.
     [[nodiscard]] std::int64_t changes() const { return sqlite3_changes64(m_Database.get()); }
 
+    /// Replaces the content of `target` by that of this database, in one transaction. Throws std::runtime_error.
+    void copyTo(Database& target);
+
     Statement prepare(std::string sql) { return Statement(*this, std::move(sql)); }
 
 private:

@@ -64,7 +64,7 @@ DataDirectory::DataDirectory(std::string const& path) : m_Path(path) {
     if (path.empty()) {
         throw std::runtime_error("no data directory was given");
     }
-    if (::mkdir(path.c_str(), S_IRWXU) != 0 && errno != EEXIST) {
+    if (::mkdir(path.c_str(), S_IRWXU | S_IXGRP | S_IXOTH) != 0 && errno != EEXIST) {
         fail("cannot create the data directory", path, errno);
     }
     m_Lock = takeLock(file("sandbox.lock"));
@@ -114,6 +114,13 @@ void DataDirectory::write(std::string const& name, std::string const& content) c
     }
     if (::fsync(to.get()) != 0 || ::rename(fresh.c_str(), path.c_str()) != 0) {
         fail("cannot write", path, errno);
+    }
+}
+
+void DataDirectory::publish(std::string const& name) const {
+    std::string const path = file(name);
+    if (::chmod(path.c_str(), S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH) != 0) {
+        fail("cannot publish", path, errno);
     }
 }
 

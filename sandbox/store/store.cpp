@@ -136,6 +136,17 @@ std::vector<PublishedKey> Store::merchantKeys() {
     return found;
 }
 
+void Store::copyTo(Database& target) {
+    ReaderPool::Reader const reader = m_Readers.take();
+    reader.database().copyTo(target);
+}
+
+void Store::replaceBy(Database& source) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    source.copyTo(m_Database);
+    countChange();
+}
+
 Counts Store::counts() {
     ReaderPool::Reader const reader = m_Readers.take();
     Statement row = reader.database().prepare(

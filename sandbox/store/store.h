@@ -121,6 +121,9 @@ public:
 
     [[nodiscard]] Listing<Payment> payments(PaymentFilter const& filter, Page const& page);
 
+    /// The newest payment that the filter matches; nothing when there is none.
+    [[nodiscard]] std::optional<Payment> newestPayment(PaymentFilter const& filter);
+
     /// Undecided payments of these accounts whose EXPIRATION lies before `moment`, at most `limit`.
     [[nodiscard]] std::vector<Payment> paymentsToExpire(std::int64_t moment, std::int64_t limit,
                                                         AccountScope const& accounts);
@@ -155,12 +158,14 @@ public:
     /// Why captures of the payment are refused; nothing when they are not.
     [[nodiscard]] std::optional<std::string> captureRefusal(std::string const& id);
 
-    /// The identifier of the newest payment with this ORDERID or token; nothing when there is none.
-    [[nodiscard]] std::optional<std::string> newestWithOrder(std::string const& order);
-    [[nodiscard]] std::optional<std::string> newestWithToken(std::string const& token);
-
     /// Adds the notification with this number again, to be sent. Nothing when there is none; else the new one.
     std::optional<Notification> repeatNotification(std::int64_t number);
+
+    /// Copies everything to `target`. Payments are not held up meanwhile.
+    void copyTo(Database& target);
+
+    /// Takes everything from `source`, a database of the present layout, in place of what there is. Counts as a change.
+    void replaceBy(Database& source);
 
     /// Texts by name that outlast the process. An empty text removes its name.
     [[nodiscard]] std::map<std::string, std::string> settings();

@@ -1,5 +1,5 @@
 // Moves that are due, refused captures, the payments that faults of content search for, and what tests drive the
-// service with: searches, repeated notifications, settings, waits for changes. A payment has at most one due move, and
+// service with: repeated notifications, settings, waits for changes. A payment has at most one due move, and
 // every move of a payment replaces it: what came in time is never undone by it.
 #include <algorithm>
 
@@ -88,19 +88,6 @@ void Store::replaceDueMove(std::string const& id, std::optional<DueMove> const& 
 bool Store::isIn(std::string const& id, std::vector<PaymentState> const& states) {
     Statement row = m_Database.prepare("SELECT state FROM payments WHERE id = ?");
     return row.text(id).step() && std::find(states.begin(), states.end(), stateFromName(row.column(0))) != states.end();
-}
-
-std::optional<std::string> Store::newestWithOrder(std::string const& order) {
-    ReaderPool::Reader const reader = m_Readers.take();
-    Statement row =
-        reader.database().prepare("SELECT id FROM payments WHERE order_id = ? ORDER BY number DESC LIMIT 1");
-    return row.bytes(order).step() ? std::optional<std::string>(row.column(0)) : std::nullopt;
-}
-
-std::optional<std::string> Store::newestWithToken(std::string const& token) {
-    ReaderPool::Reader const reader = m_Readers.take();
-    Statement row = reader.database().prepare("SELECT id FROM payments WHERE token = ? ORDER BY number DESC LIMIT 1");
-    return row.text(token).step() ? std::optional<std::string>(row.column(0)) : std::nullopt;
 }
 
 std::optional<Notification> Store::repeatNotification(std::int64_t number) {

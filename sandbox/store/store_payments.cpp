@@ -151,6 +151,14 @@ Listing<Payment> Store::payments(PaymentFilter const& filter, Page const& page) 
     return found;
 }
 
+std::optional<Payment> Store::newestPayment(PaymentFilter const& filter) {
+    Page newest;
+    newest.m_NewestFirst = true;
+    newest.m_Limit = 1;
+    std::vector<Payment> const found = payments(filter, newest).m_Rows;
+    return found.empty() ? std::nullopt : std::optional<Payment>(found.front());
+}
+
 std::vector<Payment> Store::paymentsToExpire(std::int64_t moment, std::int64_t limit, AccountScope const& accounts) {
     ReaderPool::Reader const reader = m_Readers.take();
     Statement row = reader.database().prepare(kSelectPayment + " WHERE state = 'opened' AND expires < ?" +

@@ -10,6 +10,7 @@ inline constexpr int kMultipleChoices = 300;  ///< The first status outside the 
 inline constexpr int kFound = 302;
 inline constexpr int kSeeOther = 303;
 inline constexpr int kBadRequest = 400;
+inline constexpr int kUnauthorized = 401;
 inline constexpr int kForbidden = 403;
 inline constexpr int kNotFound = 404;
 inline constexpr int kMethodNotAllowed = 405;

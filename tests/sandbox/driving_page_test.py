@@ -53,19 +53,21 @@ class Driven(SandboxCase):
         self.assertEqual(answer.status, 200)
         return self.control("/payments")["payments"][-1]["id"]
 
-    def curl(self, line):
+    def curl(self, line, lines=False):
         done = subprocess.run(["bash", "-euc", line.replace("127.0.0.1:8481", f"127.0.0.1:{self.addresses['controlPort']}")],
                               stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=TIMEOUT_SECONDS, check=False)
         self.assertEqual((done.returncode, done.stderr), (0, b""), line)
-        return json.loads(done.stdout)
+        return [json.loads(row) for row in done.stdout.splitlines()] if lines else json.loads(done.stdout)
 
 
 class DrivingPage(Driven):
     def test_lines_of_the_page_do_what_they_say(self):
         block = re.search("### Driving it from a test\n.*?```sh\n(.*?)```", PAGE.read_text(), re.DOTALL).group(1)
-        (by_order, by_token, by_id, wait, notified, resend, standing, none_standing, frozen, step) = block.splitlines()
+        (healthy, by_order, by_token, by_id, wait, newest, notified, resend, standing, none_standing, frozen, step, scenario,
+         armed, save, restore, snapshots, remove, export, description) = block.splitlines()
         sandbox = self.start()
         self.publish()
+        self.assertTrue(self.curl(healthy)["ready"])
         first = self.open_payment("t1", "A-17", NOTIFYADDRESS="shop@example")
         self.assertEqual(self.curl(by_order)["id"], first)
         second = self.open_payment("t2", "A-18")
@@ -75,6 +77,7 @@ class DrivingPage(Driven):
         self.assertEqual((decided["result"], decided["state"], decided["link"]), ("authorised", "authorised", ""))
         self.assertEqual(self.account.confirmation("http://x/?" + self.query_of(decided))["TOKEN"], "t3")
         self.assertEqual(self.curl(wait.replace("ID", first))["notifications"][0]["pending"], False)
+        self.assertEqual(self.curl(newest)["id"], first)
         self.assertEqual(len(self.curl(notified.replace("ID", first))["notifications"]), 1)
         self.assertEqual(self.curl(resend)["payment"], first)
         self.assertEqual(self.curl(standing)["order"], "B-*")
@@ -84,6 +87,17 @@ class DrivingPage(Driven):
         before = self.curl(frozen)
         self.assertTrue(before["frozen"])
         after = self.curl(step)
+        self.assertEqual(self.curl(scenario)["faults"][0]["skip"], 2)
+        self.assertEqual(len(self.curl(armed)["steps"]), 1)
+        self.assertEqual(self.curl(save)["name"], "prepared")
+        self.open_payment("t5", "A-20")
+        self.curl(restore)
+        self.assertEqual(self.control("/payments?token=t5")["payments"], [])
+        self.assertEqual(self.curl(snapshots)["snapshots"][0]["name"], "prepared")
+        self.assertEqual(self.curl(remove)["snapshots"], [])
+        self.assertEqual({row["payment"] if row["type"] == "exchange" else row["id"]
+                          for row in self.curl(export.replace("ID", first), lines=True)}, {first})
+        self.assertEqual(self.curl(description)["openapi"], "3.1.0")
         self.assertEqual(sandbox.stop(), self.STOPPED)
         self.start()
         kept = self.control("")["clock"]

@@ -27,6 +27,7 @@ namespace {
 using namespace sandboxtest;
 using ::testing::HasSubstr;
 using ::testing::Not;
+using ::testing::StartsWith;
 
 /// The running program; killed at the end when it still runs.
 class Program {
@@ -117,6 +118,12 @@ TEST(SandboxProgram, ReportsItsAddressesAsJsonAndEndsOnSignals) {
     }
 }
 
+TEST(SandboxProgram, ReportsItsVersion) {
+    Program program({"--version"});
+    EXPECT_THAT(program.line(), StartsWith("tallowin-sandbox 1."));
+    EXPECT_EQ(program.status(), 0);
+}
+
 TEST(SandboxProgram, EndsAtOnceOnASecondSignal) {
     TemporaryDirectory const directory;
     Program program({"--data", directory.path(), "--json", "--fault", "huge,exchange=setup"});
@@ -185,6 +192,29 @@ TEST(SandboxProgram, ReportsItsAddressesInWords) {
     EXPECT_THAT(other.line(), HasSubstr(", proxy at http://127.0.0.1:"));
 }
 
+TEST(SandboxProgram, PrintsATokenWhenOtherMachinesReachIt) {
+    TemporaryDirectory const directory;
+    Program open({"--data", directory.path(), "--json", "--listen", "0.0.0.0", "--host", "sandbox.example"});
+    nlohmann::json const line = nlohmann::json::parse(open.line());
+    std::string const token = line.at("token");
+    EXPECT_EQ(token.size(), 32u);
+    std::string const base = "http://sandbox.example:" + std::to_string(line.at("controlPort").get<int>());
+    EXPECT_EQ(line.at("dashboard"), base + "/?token=" + token);
+    EXPECT_EQ(line.at("control"), base + "/control");
+    EXPECT_THAT(exchangeRaw(line.at("controlPort"), bareRequest("GET", "/control")), HasSubstr(" 401 "));
+    open.signal(SIGTERM);
+    EXPECT_EQ(open.status(), 0);
+    Program closed({"--data", directory.path(), "--listen", "127.0.0.2", "--token", "T"});
+    std::string const words = closed.line();
+    EXPECT_THAT(words, HasSubstr("http://127.0.0.2:"));
+    EXPECT_THAT(words, HasSubstr("/?token=T"));
+    closed.signal(SIGTERM);
+    EXPECT_EQ(closed.status(), 0);
+    Program nowhere({"--data", directory.path(), "--listen", "localhost"});
+    EXPECT_THAT(nowhere.line(), HasSubstr("'localhost' is no IPv4 address"));
+    EXPECT_EQ(nowhere.status(), 1);
+}
+
 TEST(SandboxProgram, RefusesWrongUsage) {
     EXPECT_EQ(Program({}).status(), 2);
     EXPECT_EQ(Program({"--data", "/tmp", "--port", "70000"}).status(), 2);
@@ -197,6 +227,9 @@ TEST(SandboxProgram, RefusesWrongUsage) {
         EXPECT_EQ(Program({"--data", "/tmp", "--keep-for", value}).status(), 2) << value;
     }
     EXPECT_EQ(Program({"--data", "/tmp", "--keep-for", "2 weeks"}).status(), 2);
+    EXPECT_EQ(Program({"--data", "/tmp", "--token", "two words"}).status(), 2);
+    EXPECT_EQ(Program({"--data", "/tmp", "--token", ""}).status(), 2);
+    EXPECT_EQ(Program({"--data", "/tmp", "--notify-ca", "/tmp/missing.pem"}).status(), 2);
     EXPECT_EQ(Program({"--help"}).status(), 0);
 }
 

@@ -230,6 +230,14 @@ TEST_F(SandboxService, KeepsItsFilesFromOthers) {
     EXPECT_EQ(status.st_mode & 077, 0u);
 }
 
+TEST_F(TlsSandboxService, LetsOthersReadItsAuthorityAndNothingElse) {
+    for (auto const& file : std::filesystem::directory_iterator(m_Directory.path())) {
+        struct stat status {};
+        ASSERT_EQ(::stat(file.path().c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode & 0777, file.path().filename() == "ca.pem" ? 0644u : 0600u) << file.path();
+    }
+}
+
 TEST_F(TlsSandboxService, IsTrustedThroughItsAuthorityUnderBothNames) {
     EXPECT_EQ(getTls("/").m_Status, 200);
     EXPECT_EQ(getTls("/", "localhost").m_Status, 200);

@@ -1,5 +1,5 @@
 // Two test suites at the same service at the same time, each with an account of its own. Both use the same tokens and
-// orders, and arm faults, set clocks and reset what is theirs. Neither may notice the other.
+// orders, and arm scenarios, set clocks and reset what is theirs. Neither may notice the other.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -43,9 +43,14 @@ protected:
     void playRound(std::string const& account, TestMerchant const& merchant, bool failing) const {
         std::string const mine = "account=" + account;
         if (failing) {
-            json const fault = {{"kind", "error"},    {"exchange", "capture"}, {"order", "A-17"},
-                                {"account", account}, {"times", "always"},     {"text", "not for " + account}};
-            control(jsonPost("/control/faults", fault.dump()), 201);
+            json const fault = {{"kind", "error"},
+                                {"exchange", "capture"},
+                                {"order", "A-17"},
+                                {"times", "always"},
+                                {"text", "not for " + account}};
+            json const decision = {{"decision", "decline"}, {"order", "A-1?"}, {"skip", 2}};
+            json const scenario = {{"account", account}, {"steps", {fault, decision}}};
+            control(jsonPost("/control/scenario", scenario.dump()), 201);
         }
         // A payment that expires by this suite's clock, and one that is paid and captured.
         std::string const late = " TOKEN=\"late\" ORDERID=\"A-18\" EXPIRATION=\"20231114 23:13:20\"";
@@ -64,6 +69,12 @@ protected:
         json const open = listed("payments", mine + "&token=late");
         ASSERT_EQ(open.size(), 1u);
         EXPECT_EQ(open.at(0).at("state"), failing ? "opened" : "expired");
+        // The third payment of the failing suite is declined by its scenario; the other suite's stays open.
+        std::string const third = " TOKEN=\"t3\" ORDERID=\"A-19\" EXPIRATION=\"20991231 23:59:59\"";
+        EXPECT_LT(get("/pay" + merchant.signedQuery(merchant.bareInit(third))).m_Status, 400);
+        json const newest = control(bareRequest("GET", "/control/payments/newest?order=A-19&" + mine));
+        EXPECT_EQ(newest.at("state"), failing ? "declined" : "opened");
+        EXPECT_EQ(newest.at("account"), account);
         std::vector<std::string> kinds;
         json const exchanges = listed("exchanges", mine + "&order=A-17");
         for (json const& exchange : exchanges) {

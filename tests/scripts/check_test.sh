@@ -59,7 +59,7 @@ plant net/kvxhttp.cpp 'char const* kWhere = __FILE__;' 'constants'
 plant api/cMessageObject.cpp 'int b = 0x80040213;' 'has a name'
 plant sandbox/http/relay.cpp 'void c(char* d) { strcpy(d, "e"); }' 'bounds'
 plant core/kvxfile.cpp 'int f() { return ::open("g", 0); }' 'tbSystem'
-plant examples/shop/orders.cpp '// TODO' 'finish it'
+plant examples/shop/orderbook.cpp '// TODO' 'finish it'
 
 # A public header that points into another layer than its name says.
 ln -sf ../../api/kvxhandle.h include/tallowin/tbmap.h

@@ -99,6 +99,15 @@ TEST_F(Control, ReportsTheAddressesThatThereAre) {
     EXPECT_EQ(json::parse(parseResponse(plain).m_Body).at("addresses"), addresses);
 }
 
+TEST_F(Control, ReportsOnEveryPortAndUnderEveryNameThatItIsReady) {
+    json const ready = {{"ready", true}, {"version", getJson("/control").at("version")}};
+    EXPECT_EQ(getJson("/health"), ready);
+    std::string const elsewhere = "GET /health HTTP/1.1\r\nHost: sandbox.example:80\r\nConnection: close\r\n\r\n";
+    EXPECT_EQ(content(elsewhere, 200), ready);
+    EXPECT_EQ(json::parse(get("/health").m_Body), ready);
+    EXPECT_EQ(ask(jsonPost("/health", "{}")).m_Headers.at("allow"), "GET");
+}
+
 // --- Faults
 
 TEST_F(Control, ArmsAFaultSeesItHappenAndLiftsIt) {

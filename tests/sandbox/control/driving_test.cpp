@@ -124,6 +124,29 @@ TEST_F(Driving, WaitsUntilAPaymentHasCome) {
     EXPECT_EQ(ask("GET", "/payments/" + id + "?until=authorised&seconds=0").m_Status, 200) << "it has been that";
 }
 
+TEST_F(Driving, FindsTheNewestPaymentByOrderOrToken) {
+    open("t1");
+    std::string const id = open("t2");
+    EXPECT_EQ(ask("GET", "/payments/newest?order=A-17").m_Body.at("id"), id);
+    EXPECT_EQ(ask("GET", "/payments/newest?token=t2&account=demo").m_Body, ask("GET", "/payments/" + id).m_Body);
+    EXPECT_EQ(ask("GET", "/payments/newest?token=t2&account=other").m_Status, 404);
+    EXPECT_EQ(decide("/decision?order=A-17&account=other", "pay").m_Status, 404);
+    EXPECT_EQ(decide("/decision?order=A-17&account=demo", "pay").m_Body.at("id"), id);
+    EXPECT_EQ(ask("GET", "/payments/newest?order=A-17&until=authorised&seconds=0").m_Body.at("id"), id);
+    for (char const* const query : {"", "?order=A-17&token=t2", "?ordre=A-17", "?account=demo"}) {
+        EXPECT_EQ(ask("GET", std::string("/payments/newest") + query).m_Status, 400) << query;
+    }
+    EXPECT_EQ(ask("GET", "/payments/" + id + "?untill=captured").m_Status, 400);
+}
+
+TEST_F(Driving, WaitsForAPaymentThatIsNotThereYet) {
+    std::future<Answer> opened =
+        std::async(std::launch::async, [&] { return ask("GET", "/payments/newest?token=t1&until=opened&seconds=60"); });
+    open("t1");
+    EXPECT_EQ(opened.get().m_Body.at("token"), "t1");
+    EXPECT_EQ(ask("GET", "/payments/newest?token=t2&until=opened&seconds=0").m_Status, 404);
+}
+
 TEST_F(Driving, GivesUpWaiting) {
     std::string const id = open("t1");
     Answer const late = ask("GET", "/payments/" + id + "?until=captured&seconds=0");
@@ -148,7 +171,13 @@ TEST_F(Driving, EndsWaitsWhenTheServiceStops) {
 
 TEST_F(Driving, DecidesByStandingDecisions) {
     json const first = ask("POST", "/decisions", {{"decision", "decline"}, {"order", "B-*"}}).m_Body;
-    EXPECT_EQ(first, (json{{"id", 1}, {"decision", "decline"}, {"account", ""}, {"order", "B-*"}, {"amount", ""}}));
+    EXPECT_EQ(first, (json{{"id", 1},
+                           {"decision", "decline"},
+                           {"times", "always"},
+                           {"happened", 0},
+                           {"account", ""},
+                           {"order", "B-*"},
+                           {"amount", ""}}));
     ask("POST", "/decisions", {{"decision", "cancel"}, {"account", "other"}});
     ask("POST", "/decisions", {{"decision", "pay"}, {"amount", "12.50"}, {"account", "demo"}});
     EXPECT_EQ(ask("GET", "/decisions").m_Body.at("decisions").size(), 3u);
@@ -167,6 +196,49 @@ TEST_F(Driving, DecidesByStandingDecisions) {
     EXPECT_EQ(ask("DELETE", "/decisions").m_Body.at("decisions").size(), 0u);
     EXPECT_EQ(ask("POST", "/decisions", {{"decision", "pay"}, {"orders", "x"}}).m_Status, 400);
     EXPECT_EQ(ask("POST", "/decisions", {{"order", "x"}}).m_Status, 400);
+}
+
+TEST_F(Driving, CountsThePaymentsOfAStandingDecision) {
+    json const second = {{"decision", "decline"}, {"order", "A-17"}, {"skip", 1}, {"times", 1}};
+    EXPECT_EQ(ask("POST", "/decisions", second).m_Body.at("skip"), 1);
+    ask("POST", "/decisions", {{"decision", "pay"}, {"times", 2}});
+    auto const statusOf = [this](char const* token) { return openPage(m_Merchant.payInit(token)).m_Status; };
+    EXPECT_EQ(statusOf("t1"), 302);
+    EXPECT_EQ(statusOf("t2"), 302);
+    EXPECT_EQ(ask("GET", "/decisions").m_Body.at("decisions").size(), 1u);
+    EXPECT_EQ(statusOf("t3"), 302);
+    EXPECT_EQ(statusOf("t4"), 200);
+    EXPECT_EQ(ask("GET", "/decisions").m_Body.at("decisions").size(), 0u);
+    std::vector<sandbox::PaymentState> states;
+    for (sandbox::Payment const& payment : m_Service->payments()) {
+        states.push_back(payment.m_State);
+    }
+    using State = sandbox::PaymentState;
+    EXPECT_EQ(states, (std::vector<State>{State::kAuthorised, State::kDeclined, State::kAuthorised, State::kOpened}));
+    ask("POST", "/decisions", second);
+    EXPECT_EQ(statusOf("t4"), 200);
+    EXPECT_EQ(statusOf("t4"), 200) << "the same payment is not counted twice";
+    EXPECT_EQ(statusOf("t5"), 302);
+    for (json const& wrong : {json{{"times", 0}}, json{{"times", 1001}}, json{{"skip", -1}}, json{{"skip", "1"}}}) {
+        json decision = wrong;
+        decision["decision"] = "pay";
+        EXPECT_EQ(ask("POST", "/decisions", decision).m_Status, 400) << wrong;
+    }
+}
+
+TEST_F(Driving, RemovesStandingDecisionsByAccountAndWithAReset) {
+    for (char const* const account : {"demo", "other", ""}) {
+        ask("POST", "/decisions", {{"decision", "pay"}, {"account", account}});
+    }
+    EXPECT_EQ(ask("GET", "/decisions?account=demo").m_Body.at("decisions").size(), 1u);
+    EXPECT_EQ(ask("DELETE", "/decisions?account=other").m_Body.at("decisions").size(), 0u);
+    EXPECT_EQ(ask("DELETE", "/decisions?acount=other").m_Status, 400);
+    ask("POST", "/reset", {{"account", "demo"}});
+    json const left = ask("GET", "/decisions").m_Body.at("decisions");
+    ASSERT_EQ(left.size(), 1u);
+    EXPECT_EQ(left.at(0).at("account"), "");
+    ask("POST", "/reset", json::object());
+    EXPECT_EQ(ask("GET", "/decisions").m_Body.at("decisions").size(), 0u);
 }
 
 TEST_F(Driving, AppliesFaultsToStandingDecisions) {

@@ -35,6 +35,8 @@ using Fields = std::map<std::string, std::string>;
 constexpr char kNasty[] = "&lt;script&gt;alert(1)&lt;/script&gt;&amp;&quot;&apos;\xE9\x80\x1B";
 constexpr char kNastyShown[] = "<script>alert(1)</script>&\"'\u00E9\uFFFD\u241B";
 
+constexpr char kValid[] = "The signature is valid.";
+
 class Dashboard : public SandboxTest {
 protected:
     [[nodiscard]] RawResponse ask(std::string const& request) const {
@@ -75,6 +77,15 @@ protected:
 
     [[nodiscard]] std::string onlyPayment() const { return m_Service->payments().at(0).m_Id; }
 };
+
+/// The parts of a payment on the overview.
+std::string paymentLine(int row) {
+    return "//ul[@class='payments']/li[" + std::to_string(row) + "]";
+}
+
+std::string paymentCells(int row) {
+    return paymentLine(row) + "/a | " + paymentLine(row) + "/details/summary/*";
+}
 
 std::string tableRow(std::string const& section, int row) {
     return "//section[@aria-labelledby='" + section + "']//tbody/tr[" + std::to_string(row) + "]/*";
@@ -137,7 +148,11 @@ TEST_F(EveryDashboardPage, NamesItsTablesCellsAndFields) {
                   page.count("//input | //select | //textarea"));
         EXPECT_EQ(page.count("//button"), page.count("//button[string(.)!='']"));
         EXPECT_EQ(page.count("//dd"), page.count("//dl/div/dt[string(.)!='']"));
-        EXPECT_EQ(page.count("//form"), page.count("//form[@method='post'][input[@name='key']]"));
+        EXPECT_EQ(page.count("//form"),
+                  page.count("//form[@method='post'][input[@name='key']] | //form[@method='get']"));
+        EXPECT_EQ(page.count("//form[@method='get']//input[@name='key']"), 0u);
+        EXPECT_EQ(page.count("//details"), page.count("//details[*[1][self::summary][string(.)!='']]"));
+        EXPECT_EQ(page.count("//svg"), page.count("//svg[@role='img'][@aria-label!='']"));
     }
 }
 
@@ -147,7 +162,7 @@ TEST_F(EveryDashboardPage, RunsAndLoadsNothing) {
         PageReader const page = open(target);
         EXPECT_EQ(page.count("//script | //b | //img | //link | //iframe | //object | //@src"), 0u);
         EXPECT_EQ(page.count("//main//style | //@style | //@*[starts-with(name(), 'on')]"), 0u);
-        EXPECT_EQ(page.count("//@href[not(starts-with(., '/'))]"), 0u);
+        EXPECT_EQ(page.count("//@href[not(starts-with(., '/') or starts-with(., '#'))]"), 0u);
         EXPECT_EQ(page.count("//@action[not(starts-with(., '/'))]"), 0u);
     }
 }
@@ -155,8 +170,13 @@ TEST_F(EveryDashboardPage, RunsAndLoadsNothing) {
 TEST_F(EveryDashboardPage, LinksToPagesThatAreThere) {
     std::set<std::string> targets;
     for (std::string const& target : m_Pages) {
-        for (std::string const& link : open(target).texts("//@href")) {
-            targets.insert(link);
+        PageReader const page = open(target);
+        for (std::string const& link : page.texts("//@href")) {
+            if (link.front() == '#') {
+                EXPECT_EQ(page.count("//*[@id='" + link.substr(1) + "']"), 1u) << target << link;
+            } else {
+                targets.insert(link);
+            }
         }
     }
     EXPECT_GE(targets.size(), m_Pages.size());
@@ -215,23 +235,86 @@ TEST_F(Dashboard, ShowsTheAddressesForMerchantSetUp) {
     EXPECT_THAT(page.texts("//section[@aria-labelledby='set-up']//dt"), Contains("HTTP proxy"));
     restart();
     EXPECT_THAT(open("/").texts("//section[@aria-labelledby='set-up']//dt"),
-                ElementsAre("Set-up address", "Control API", "Accounts", "Signing key", "Service time", "Warnings"));
+                ElementsAre("Set-up address", "Account", "Control API", "Signing key", "Service time", "Armed faults",
+                            "Warnings"));
 }
 
 TEST_F(Dashboard, ShowsPaymentsNewestFirst) {
     m_Lenient = true;
     restart();
-    EXPECT_EQ(open("/").text("//section[@aria-labelledby='payments']/p"), "There are no payments yet.");
+    EXPECT_EQ(open("/").text("//section[@aria-labelledby='payments']/p[not(@class)]"), "There are no payments yet.");
     press(openPage(m_Merchant.payInit("t1")), "pay");
     m_Now += 60;
     openPage(m_Merchant.message("PayInit", " TOKEN=\"t2\" EXPIRATION=\"20991231 23:59:59\""));
     PageReader const page = open("/");
     std::vector<sandbox::Payment> const payments = m_Service->payments();
-    EXPECT_THAT(page.texts(tableRow("payments", 1)),
-                ElementsAre(payments.at(1).m_Id, "2023-11-14T22:14:20Z", "not given", "not given", "demo", "opened"));
-    EXPECT_THAT(page.texts(tableRow("payments", 2)),
-                ElementsAre(payments.at(0).m_Id, "2023-11-14T22:13:20Z", "A-17", "12.50 EUR", "demo", "authorised"));
-    EXPECT_EQ(page.text(tableRow("payments", 1) + "/a/@href"), "/payment?id=" + payments.at(1).m_Id);
+    EXPECT_THAT(page.texts(paymentCells(1)), ElementsAre(payments.at(1).m_Id, "opened", "not given", "not given",
+                                                         "demo", "2023-11-14T22:14:20Z", "1 exchange"));
+    EXPECT_THAT(page.texts(paymentCells(2)), ElementsAre(payments.at(0).m_Id, "authorised", "12.50 EUR", "A-17", "demo",
+                                                         "2023-11-14T22:13:20Z", "2 exchanges"));
+    EXPECT_EQ(page.text(paymentLine(1) + "/a/@href"), "/payment?id=" + payments.at(1).m_Id);
+}
+
+TEST_F(Dashboard, FoldsExchangesUnderTheirPayment) {
+    m_Service->arm(sandbox::parseFault("delay,exchange=decision,seconds=0"));
+    askCapture(authorise("t1"));
+    openPage(m_Merchant.payInit("t2"));
+    PageReader const page = open("/");
+    EXPECT_EQ(page.count(paymentLine(2) + "/details[not(@open)]"), 1u);
+    EXPECT_THAT(page.texts(paymentLine(2) + "/details/ol/li/a"), ElementsAre("2 page", "3 decision", "4 capture"));
+    EXPECT_THAT(page.texts(paymentLine(2) + "/details/ol/li/a/@href"),
+                ElementsAre("/exchange?number=2", "/exchange?number=3", "/exchange?number=4"));
+    EXPECT_THAT(page.texts(paymentLine(2) + "/details/ol/li/span[1]"), ElementsAre("ok", "ok", "ok"));
+    EXPECT_EQ(page.text(paymentLine(2) + "/details/ol/li[2]/span[2]"), "delay,exchange=decision,seconds=0");
+    EXPECT_THAT(page.texts(paymentLine(1) + "/details/ol/li/a"), ElementsAre("5 page"));
+}
+
+TEST_F(Dashboard, FiltersPaymentsAndExchanges) {
+    press(openPage(m_Merchant.payInit("t1")), "pay");
+    openPage(m_Merchant.payInit("t2"));
+    openPage(m_Merchant.message("PayInit",
+                                " TOKEN=\"t3\" ORDERID=\"B 1\" AMOUNT=\"1.00\" CURRENCY=\"EUR\" "
+                                "EXPIRATION=\"20991231 23:59:59\""));
+    struct Row {
+        char const* m_Query;
+        std::vector<std::string> m_States;
+        std::size_t m_Exchanges;
+    };
+    for (Row const& row : {Row{"", {"opened", "opened", "authorised"}, 5},
+                           Row{"account=&order=&state=", {"opened", "opened", "authorised"}, 5},
+                           Row{"state=opened", {"opened", "opened"}, 5}, Row{"order=A-17", {"opened", "authorised"}, 3},
+                           Row{"order=B%201", {"opened"}, 1}, Row{"order=A-17&state=opened", {"opened"}, 3},
+                           Row{"account=demo&state=authorised", {"authorised"}, 5}, Row{"account=nobody", {}, 0}}) {
+        SCOPED_TRACE(row.m_Query);
+        PageReader const page = open(std::string("/?") + row.m_Query);
+        EXPECT_EQ(page.texts("//ul[@class='payments']/li//span[starts-with(@class, 'state')]"), row.m_States);
+        EXPECT_EQ(page.count("//section[@aria-labelledby='exchanges']//tbody/tr"), row.m_Exchanges);
+    }
+    PageReader const page = open("/?order=B%201&state=opened&live=1");
+    EXPECT_EQ(page.text("//form[@method='get']//input[@name='order']/@value"), "B 1");
+    EXPECT_EQ(page.text("//form[@method='get']//option[@selected]/@value"), "opened");
+    EXPECT_EQ(page.text("//form[@method='get']/input[@name='live']/@value"), "1");
+    EXPECT_THAT(page.texts("//section[@aria-labelledby='payments']/p/a/@href"),
+                ElementsAre("/?order=B%201&state=opened", "/?live=1"));
+    EXPECT_EQ(open("/?account=nobody").text("//section[@aria-labelledby='payments']/p[not(@class)]"),
+              "No payment fits the filter.");
+    EXPECT_THAT(open("/?state=stuck", 400).text("//main/p"), HasSubstr("unknown payment state 'stuck'"));
+}
+
+TEST_F(Dashboard, PlotsOutcomesAndResponseTimes) {
+    EXPECT_EQ(open("/").count("//svg"), 0u);
+    press(openPage(m_Merchant.payInit("t1")), "pay");
+    press(openPage(m_Merchant.payInit("t2")), "decline");
+    m_Service->arm(sandbox::parseFault("http-status,exchange=page"));
+    openPage(m_Merchant.payInit("t3"));
+    PageReader const page = open("/");
+    EXPECT_THAT(page.texts("//figure[1]/svg/rect/@class"), ElementsAre("declined", "authorised"));
+    EXPECT_EQ(page.text("//figure[1]/svg/@aria-label"), "Latest payments by outcome: 1 authorised, 1 declined");
+    EXPECT_THAT(page.texts("//figure[1]/figcaption/span"), ElementsAre("authorised", "declined"));
+    EXPECT_THAT(page.texts("//figure[2]/svg/rect/@class"), ElementsAre("bad", "good", "good", "good", "good", "good"));
+    EXPECT_THAT(page.text("//figure[2]/svg/rect[1]/title"), StartsWith("6 page: "));
+    EXPECT_THAT(page.text("//figure[2]/svg/@aria-label"), StartsWith("Response times of the latest 6 exchanges: half"));
+    EXPECT_EQ(page.count("//rect[@x<0 or @y<0 or @x+@width>6000 or @y+@height>600 or @height=0]"), 0u);
 }
 
 TEST_F(Dashboard, ShowsAsManyPaymentsAsCanBeRead) {
@@ -239,9 +322,9 @@ TEST_F(Dashboard, ShowsAsManyPaymentsAsCanBeRead) {
         openPage(m_Merchant.payInit("t" + std::to_string(i)));
     }
     PageReader const page = open("/");
-    EXPECT_EQ(page.count("//section[@aria-labelledby='payments']//tbody/tr"), 100u);
-    EXPECT_EQ(page.text(tableRow("payments", 1) + "[1]"), m_Service->payments().back().m_Id);
-    EXPECT_THAT(page.text("//section[@aria-labelledby='payments']/p"), HasSubstr("100 of 101"));
+    EXPECT_EQ(page.count("//ul[@class='payments']/li"), 100u);
+    EXPECT_EQ(page.text(paymentLine(1) + "/a"), m_Service->payments().back().m_Id);
+    EXPECT_THAT(page.text("//section[@aria-labelledby='payments']/p[not(@class)]"), HasSubstr("100 of 101"));
 }
 
 TEST_F(Dashboard, ShowsTheNewestExchanges) {
@@ -251,9 +334,10 @@ TEST_F(Dashboard, ShowsTheNewestExchanges) {
     PageReader const page = open("/");
     std::vector<std::string> const failed = page.texts(tableRow("exchanges", 1));
     ASSERT_EQ(failed.size(), 7u);
-    EXPECT_THAT(std::vector<std::string>(failed.begin(), failed.end() - 1),
-                ElementsAre("3", "2023-11-14T22:13:20Z", "page", "A-17", "not looked at", "http-status,exchange=page"));
-    EXPECT_THAT(failed.back(), EndsWith(" ms"));
+    EXPECT_THAT(std::vector<std::string>(failed.begin(), failed.begin() + 5),
+                ElementsAre("3", "page", "not looked at", "A-17", "http-status,exchange=page"));
+    EXPECT_THAT(failed[5], EndsWith(" ms"));
+    EXPECT_EQ(failed[6], "2023-11-14T22:13:20Z");
     EXPECT_EQ(page.text(tableRow("exchanges", 1) + "/a/@href"), "/exchange?number=3");
     EXPECT_EQ(page.text(tableRow("exchanges", 1) + "/strong"), "not looked at");
     EXPECT_THAT(page.texts(tableRow("exchanges", 2)), Contains("ok"));
@@ -269,11 +353,11 @@ TEST_F(Dashboard, ShowsTheNewestExchanges) {
 TEST_F(Dashboard, CanRefreshItself) {
     PageReader const still = open("/");
     EXPECT_EQ(still.count("//meta[@http-equiv='refresh']"), 0u);
-    EXPECT_EQ(still.text("//main/p/a[@href='/?live=1']"), "Refresh every two seconds");
+    EXPECT_EQ(still.text("//main//p/a[@href='/?live=1']"), "Refresh every two seconds");
     PageReader const live = open("/?live=1");
     EXPECT_EQ(live.text("/html/head/meta[@http-equiv='refresh']/@content"), "2");
-    EXPECT_EQ(live.count("//main/p/a[@href='/']"), 1u);
-    EXPECT_EQ(live.count("//main/p/a[@href='/?live=1']"), 0u);
+    EXPECT_EQ(live.count("//main//p/a[@href='/']"), 1u);
+    EXPECT_EQ(live.count("//main//p/a[@href='/?live=1']"), 0u);
     EXPECT_EQ(open("/?live=0").count("//meta[@http-equiv='refresh']"), 0u);
     EXPECT_THAT(open("/?live=%zz", 400).text("//main/p"), HasSubstr("percent-encoding"));
 }
@@ -294,6 +378,68 @@ TEST_F(Dashboard, ShowsAPayment) {
     // Page, decision and capture, but no exchange of the other payment with the same order.
     EXPECT_THAT(page.texts("//section[@aria-labelledby='exchanges']//tbody/tr/th/a/@href"),
                 ElementsAre("/exchange?number=2", "/exchange?number=3", "/exchange?number=4"));
+}
+
+std::string station(std::string const& id) {
+    return "//ol[@class='stations']/li[@id='station-" + id + "']";
+}
+
+TEST_F(Dashboard, ShowsAPaymentAsALineOfStations) {
+    askCapture(authorise("t1"));
+    PageReader const page = open("/payment?id=" + onlyPayment());
+    EXPECT_THAT(page.texts("//ol[@class='line']/li/a"),
+                ElementsAre("Set-up", "Page", "Decision", "Return", "Notification", "Capture", "Completion"));
+    EXPECT_THAT(page.texts("//ol[@class='line']/li/span"),
+                ElementsAre("not yet", "ok", "authorised", "sent", "none", "captured", "not yet"));
+    EXPECT_THAT(page.texts("//ol[@class='stations']/li/@class"),
+                ElementsAre("none", "good", "good", "good", "none", "good", "none"));
+    EXPECT_THAT(page.texts(station("page") + "/details[1]//tbody/tr[3]/*"), ElementsAre("TOKEN", "t1"));
+    EXPECT_EQ(page.text(station("decision") + "/details[1]//a/@href"), "/exchange?number=3");
+    EXPECT_EQ(page.count(station("decision") + "//table"), 0u);
+    EXPECT_THAT(page.texts(station("return") + "/details[1]//tbody/tr[last()]/*"), ElementsAre("RESULT", "authorised"));
+    std::string const calculator = page.text(station("return") + "//a[contains(@href, 'calculator')]/@href");
+    EXPECT_EQ(open(calculator).text("//section[@aria-labelledby='verdict']/p"), kValid);
+    EXPECT_THAT(page.texts(station("capture") + "//tbody/tr[last()]/td"), ElementsAre("authorised", "captured"));
+}
+
+TEST_F(Dashboard, ShowsWhereAPaymentFailed) {
+    m_Service->arm(sandbox::parseFault("wrong-signature,exchange=decision"));
+    m_Service->arm(sandbox::parseFault("refuse-capture,text=Card stolen"));
+    std::string const confirm = authorise("t1");
+    EXPECT_EQ(attributeOf(askCapture(confirm), "MSGTYPE"), "Error");
+    PageReader const page = open("/payment?id=" + onlyPayment());
+    EXPECT_THAT(page.texts("//ol[@class='stations']/li/@class"),
+                ElementsAre("none", "good", "good", "bad", "none", "bad", "none"));
+    EXPECT_EQ(page.text(station("return") + "/p/span"), "wrong-signature,exchange=decision");
+    EXPECT_EQ(page.text(station("capture") + "/p/span"), "Card stolen");
+    press(openPage(m_Merchant.payInit("t2")), "decline");
+    EXPECT_EQ(open("/payment?id=" + m_Service->payments().at(1).m_Id).text(station("decision") + "/@class"), "bad");
+    openPage(m_Merchant.payInit("t3"));
+    PageReader const undecided = open("/payment?id=" + m_Service->payments().at(2).m_Id);
+    EXPECT_EQ(undecided.text(station("decision") + "/@class"), "wait");
+    EXPECT_EQ(undecided.text(station("return") + "/@class"), "none");
+}
+
+TEST_F(Dashboard, ArmsFaultsAtTheStationsOfAPayment) {
+    openPage(m_Merchant.payInit("t1"));
+    PageReader const page = open("/payment?id=" + onlyPayment());
+    EXPECT_EQ(page.count("//ol[@class='stations']/li/details[@class='arm']/form"), 7u);
+    for (std::string const id : {"set-up", "page", "decision", "return", "notification", "capture", "completion"}) {
+        std::string const form = station(id) + "/details/form";
+        std::vector<std::string> const kinds = page.texts(form + "//option/@value");
+        EXPECT_GE(kinds.size(), 8u) << id;
+        for (std::string const& kind : kinds) {
+            Fields fields = {{"kind", kind}};
+            for (char const* name : {"exchange", "account", "order"}) {
+                fields[name] = page.text(form + "/input[@name='" + name + "']/@value");
+            }
+            EXPECT_EQ(fields["account"], "demo");
+            EXPECT_EQ(fields["order"], id == "set-up" ? "" : "A-17");
+            EXPECT_EQ(fill("/faults", fields).m_Status, 303) << id << kind;
+        }
+    }
+    EXPECT_THAT(page.texts(station("return") + "//option/@value"), Not(Contains("drop")));
+    EXPECT_THAT(page.texts(station("decision") + "//option/@value"), Not(Contains("wrong-amount")));
 }
 
 TEST_F(Dashboard, ShowsNotificationsWithTheirOutcome) {
@@ -321,7 +467,7 @@ TEST_F(Dashboard, ShowsForeignBytesOfAPaymentAsText) {
     EXPECT_EQ(values.at(2), kNastyShown);
     EXPECT_EQ(values.at(4), kNastyShown);
     EXPECT_THAT(page.texts("//section[@aria-labelledby='attributes']//td"), Contains(kNastyShown));
-    EXPECT_THAT(open("/").texts(tableRow("payments", 1)), Contains(kNastyShown));
+    EXPECT_THAT(open("/").texts(paymentCells(1)), Contains(kNastyShown));
 }
 
 TEST_F(Dashboard, ReportsAnUnknownPaymentOrExchange) {
@@ -351,12 +497,13 @@ TEST_F(Dashboard, ShowsAnExchange) {
     EXPECT_THAT(page.text("//section[@aria-labelledby='request']/pre"), StartsWith("GET /pay?DATA="));
     EXPECT_THAT(page.text("//section[@aria-labelledby='request']/pre"), HasSubstr(" HTTP/1.0CR\n"));
     EXPECT_THAT(page.text("//section[@aria-labelledby='answer']/pre"), StartsWith("HTTP/1.1 200 OKCR\n"));
-    EXPECT_THAT(page.texts("//main/ul/li/a"),
-                ElementsAre("Previous exchange", "Next exchange", HasSubstr("calculator")));
+    std::vector<sandbox::Payment> const payments = m_Service->payments();
+    EXPECT_THAT(page.texts("//main/ul/li/a"), ElementsAre("Previous exchange", "Next exchange",
+                                                          "Payment " + payments.at(0).m_Id, HasSubstr("calculator")));
     EXPECT_THAT(open("/exchange?number=1").texts("//main/ul/li/a/@href"),
                 ElementsAre("/exchange?number=2", HasSubstr("/calculator?")));
     EXPECT_THAT(open("/exchange?number=3").texts("//main/ul/li/a/@href"),
-                ElementsAre("/exchange?number=2", HasSubstr("/calculator?")));
+                ElementsAre("/exchange?number=2", "/payment?id=" + payments.at(1).m_Id, HasSubstr("/calculator?")));
 }
 
 TEST_F(Dashboard, ShowsWhatWasWrongWithAnExchange) {
@@ -438,8 +585,36 @@ TEST_F(Dashboard, LinksAnExchangeToTheCalculator) {
     openPage(text);
     std::string const target = open("/exchange?number=2").text("//a[contains(@href, 'calculator?')]/@href");
     PageReader const page = open(target);
-    EXPECT_EQ(page.text("//section[@aria-labelledby='verdict']/p"), "The signature is valid.");
+    EXPECT_EQ(page.text("//section[@aria-labelledby='verdict']/p"), kValid);
     EXPECT_EQ(page.text("//textarea[@name='SIGNATURE']"), "\n" + m_Merchant.sign(text));
+}
+
+TEST_F(Dashboard, DecodesTheConfirmationThatADecisionSent) {
+    press(openPage(m_Merchant.payInit("t1")), "decline");
+    openPage(m_Merchant.payInit("t2"));
+    PageReader const page = open("/exchange?number=3");
+    EXPECT_EQ(page.text("//h2[@id='sent']"), "Confirmation sent with the return link");
+    EXPECT_THAT(page.texts("//section[@aria-labelledby='sent']//tbody/tr[last()]/*"),
+                ElementsAre("RESULT", "declined"));
+    std::string const text = page.text("//section[@aria-labelledby='sent']/pre");
+    EXPECT_THAT(text, StartsWith("<KVX MSGTYPE=\"PayConfirm\""));
+    PageReader const checked = open(page.text("//section[@aria-labelledby='sent']/p/a/@href"));
+    EXPECT_THAT(checked.texts("//section[@aria-labelledby='verdict']/p"), ElementsAre(kValid));
+    EXPECT_EQ(open("/exchange?number=4").count("//h2[@id='sent']"), 0u);
+}
+
+TEST_F(Dashboard, DecodesTheConfirmationOnAPageAndTheMessageInAResponse) {
+    press(openPage(m_Merchant.bareInit(" TOKEN=\"t1\" EXPIRATION=\"20991231 23:59:59\"")), "pay");
+    PageReader const page = open("/exchange?number=3");
+    EXPECT_THAT(page.texts("//section[@aria-labelledby='sent']//tbody/tr[last()]/*"),
+                ElementsAre("RESULT", "authorised"));
+    EXPECT_EQ(
+        open(page.text("//section[@aria-labelledby='sent']/p/a/@href")).text("//section[@aria-labelledby='verdict']/p"),
+        kValid);
+    PageReader const exported = open("/exchange?number=1");
+    EXPECT_EQ(exported.text("//h2[@id='sent']"), "Message in the response");
+    EXPECT_EQ(exported.text("//section[@aria-labelledby='sent']//tbody/tr[1]/td"), "KeyExportResponse");
+    EXPECT_EQ(exported.count("//section[@aria-labelledby='sent']/p/a"), 0u);
 }
 
 // --- Faults
@@ -460,10 +635,11 @@ TEST_F(Dashboard, ArmsAndRemovesFaults) {
     EXPECT_EQ(fill("/faults", {{"kind", "drop"}, {"order", "A 1"}}).m_Status, 303);
     EXPECT_EQ(reasonOf(askAuto("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>")), "a, <b> + c");
     PageReader const page = open("/faults");
-    EXPECT_THAT(page.texts(tableRow("armed", 1)), ElementsAre("1", "error,exchange=setup,times=2,text=a, <b> + c",
-                                                              "1 of 2", HasSubstr("Remove fault 1")));
-    EXPECT_EQ(page.text(tableRow("armed", 2) + "[2]"), "drop,order=A 1");
-    EXPECT_EQ(page.text(tableRow("armed", 2) + "//input[@name='id']/@value"), "2");
+    EXPECT_THAT(page.texts("//ol[@class='armed']/li[1]/*"),
+                ElementsAre("error,exchange=setup,times=2,text=a, <b> + c", "1 of 2", HasSubstr("Remove fault 1")));
+    EXPECT_EQ(page.text("//ol[@class='armed']/li[1]//input[@name='id']/@value"), "1");
+    EXPECT_EQ(page.text("//ol[@class='armed']/li[2]/code"), "drop,order=A 1");
+    EXPECT_EQ(page.text("//ol[@class='armed']/li[2]//input[@name='id']/@value"), "2");
     EXPECT_EQ(fill("/faults/lift", {{"id", "1"}}).m_Status, 303);
     ASSERT_EQ(m_Service->faults().size(), 1u);
     EXPECT_EQ(m_Service->faults()[0].m_Id, 2);
@@ -490,26 +666,84 @@ TEST_F(Dashboard, ReadsAFormOfBlanks) {
     std::string const start = "key=" + formKey() + "&DATA=%3c";
     RawResponse const response = ask(formPost("/calculator", start + std::string(1024 * 1024 - start.size(), '+')));
     EXPECT_EQ(response.m_Status, 200);
-    EXPECT_THAT(response.m_Body, HasSubstr("The signature is not valid."));
+    EXPECT_THAT(response.m_Body, HasSubstr("class=\"verdict bad\""));
+}
+
+/// The part of the page of faults that is about one kind.
+std::string kindPath(std::string const& kind) {
+    return "//ul[@class='kinds']/li/details[form/input[@name='kind']/@value='" + kind + "']";
 }
 
 TEST_F(Dashboard, OffersEveryKindOfFault) {
     PageReader const page = open("/faults");
-    std::vector<std::string> const values = page.texts("//select[@name='kind']/option/@value");
-    std::vector<std::string> const rows = page.texts("//section[@aria-labelledby='kinds']//tbody/tr/th");
-    ASSERT_EQ(values.size(), sandbox::allFaultKinds().size());
-    EXPECT_EQ(values, rows);
-    for (std::size_t i = 0; i < values.size(); ++i) {
-        EXPECT_EQ(values[i], sandbox::allFaultKinds()[i].m_Name);
-        EXPECT_THAT(page.texts("//select[@name='kind']/option").at(i),
-                    HasSubstr(sandbox::allFaultKinds()[i].m_Meaning));
+    std::vector<std::string> values = page.texts("//input[@name='kind']/@value");
+    EXPECT_EQ(page.texts("//ul[@class='kinds']/li/details/summary/strong"), values);
+    std::vector<std::string> names;
+    for (sandbox::FaultKindRow const& row : sandbox::allFaultKinds()) {
+        SCOPED_TRACE(row.m_Name);
+        names.emplace_back(row.m_Name);
+        EXPECT_THAT(page.text(kindPath(row.m_Name) + "/summary"), HasSubstr(row.m_Meaning));
+        EXPECT_EQ(page.count(kindPath(row.m_Name) + "/summary/small"), row.m_CarriedOut ? 0u : 1u);
+        std::vector<std::string> exchanges = sandbox::exchangeNames(row);
+        exchanges.insert(exchanges.begin(), "any");
+        EXPECT_EQ(page.texts(kindPath(row.m_Name) + "//select[@name='exchange']/option/@value"), exchanges);
     }
-    std::vector<std::string> const exchanges = page.texts("//select[@name='exchange']/option/@value");
-    EXPECT_EQ(exchanges.front(), "any");
-    EXPECT_EQ(exchanges.size(), 13u);  // "other" has no faults
-    EXPECT_THAT(exchanges, Not(Contains("other")));
-    EXPECT_THAT(page.texts("//section[@aria-labelledby='arm']//label/input/@name"),
-                ElementsAre("account", "order", "times", "seconds", "bytes", "status", "text", "megabytes"));
+    std::sort(values.begin(), values.end());
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(values, names);
+    EXPECT_EQ(page.count("//ul[@class='kinds']/li/details[@open]"), 0u);
+}
+
+TEST_F(Dashboard, ShowsOnlyTheFieldsOfAKind) {
+    PageReader const page = open("/faults?kind=delay");
+    for (sandbox::FaultKindRow const& row : sandbox::allFaultKinds()) {
+        SCOPED_TRACE(row.m_Name);
+        std::vector<std::string> fields = {"times"};
+        bool const ofConnection = sandbox::exchangeNames(row).back() == "connection";
+        if (!ofConnection) {
+            fields = {"account", "order", "times"};
+        }
+        if (row.m_Kind != sandbox::FaultKind::kRefuse) {
+            fields.emplace_back("skip");
+        }
+        for (std::string const& name : sandbox::parameterNames(row)) {
+            fields.push_back(name);
+        }
+        EXPECT_THAT(page.texts(kindPath(row.m_Name) + "//label/input/@name"),
+                    ::testing::UnorderedElementsAreArray(fields));
+        Fields filled = {{"kind", row.m_Name}, {"exchange", "any"}};
+        for (std::string const& name : fields) {
+            filled[name] = page.text(kindPath(row.m_Name) + "//input[@name='" + name + "']/@value");
+        }
+        EXPECT_EQ(fill("/faults", filled).m_Status, 303);
+    }
+    EXPECT_EQ(page.text("//ul[@class='kinds']/li/details[@open]//input[@name='kind']/@value"), "delay");
+}
+
+TEST_F(Dashboard, OffersTheSituationsOfTheGuide) {
+    PageReader const page = open("/faults");
+    std::vector<std::string> const texts = page.texts("//ul[@class='situations']//button/@value");
+    EXPECT_EQ(page.texts("//ul[@class='situations']/li/details/summary").front(),
+              "The service captured, but its response is lost");
+    EXPECT_GE(page.count("//ul[@class='situations']/li"), 20u);
+    EXPECT_THAT(texts, Contains("error,exchange=capture,text=Account closed"));
+    EXPECT_THAT(texts, Contains("tls-wrong-host"));
+    EXPECT_THAT(page.texts("//ul[@class='situations']//details/p"),
+                Contains("The merchant should be set to verify certificates: without that setting the library accepts "
+                         "any."));
+    for (std::string const& text : texts) {
+        EXPECT_EQ(fill("/faults", {{"fault", text}}).m_Status, 303) << text;
+        EXPECT_EQ(sandbox::faultText(m_Service->faults().back().m_Fault), text);
+    }
+    RawResponse const refused = fill("/faults", {{"fault", "burn"}});
+    EXPECT_EQ(refused.m_Status, 400);
+    EXPECT_THAT(PageReader(refused.m_Body).text("//p[@role='alert']"), HasSubstr("unknown fault 'burn'"));
+}
+
+TEST_F(Dashboard, CountsArmedFaultsOnEveryPage) {
+    EXPECT_EQ(open("/keys").count("//nav//span"), 0u);
+    m_Service->arm(sandbox::parseFault("drop"));
+    EXPECT_EQ(open("/keys").text("//nav//a[@href='/faults']/span"), "1 armed");
 }
 
 TEST_F(Dashboard, KeepsWhatWasFilledInWhenAFaultIsRefused) {
@@ -520,11 +754,13 @@ TEST_F(Dashboard, KeepsWhatWasFilledInWhenAFaultIsRefused) {
     PageReader const page(response.m_Body);
     EXPECT_THAT(page.text("//section[@aria-labelledby='arm']/p[@role='alert']"),
                 HasSubstr("times must be a whole number"));
-    EXPECT_EQ(page.text("//select[@name='kind']/option[@selected]/@value"), "truncate");
-    EXPECT_EQ(page.text("//select[@name='exchange']/option[@selected]/@value"), "capture");
-    EXPECT_EQ(page.text("//input[@name='order']/@value"), "\"<A-1>");
-    EXPECT_EQ(page.text("//input[@name='times']/@value"), "often");
-    EXPECT_EQ(page.text("//input[@name='bytes']/@value"), "4\u24030");
+    EXPECT_EQ(page.text("//ul[@class='kinds']/li/details[@open]//input[@name='kind']/@value"), "truncate");
+    std::string const kind = kindPath("truncate");
+    EXPECT_EQ(page.text(kind + "//select[@name='exchange']/option[@selected]/@value"), "capture");
+    EXPECT_EQ(page.text(kind + "//input[@name='order']/@value"), "\"<A-1>");
+    EXPECT_EQ(page.text(kind + "//input[@name='times']/@value"), "often");
+    EXPECT_EQ(page.text(kind + "//input[@name='bytes']/@value"), "4\u24030");
+    EXPECT_EQ(page.texts("//input[@name='times'][@value='often']").size(), 1u);
     EXPECT_THAT(m_Service->faults(), IsEmpty());
 }
 
@@ -621,7 +857,7 @@ TEST_F(Dashboard, ChecksPastedTexts) {
         RawResponse const response = fill("/calculator", fields);
         EXPECT_EQ(response.m_Status, 200);
         PageReader const page(response.m_Body);
-        EXPECT_EQ(page.text("//section[@aria-labelledby='verdict']/p"), "The signature is valid.");
+        EXPECT_EQ(page.text("//section[@aria-labelledby='verdict']/p"), kValid);
         EXPECT_EQ(page.text("//section[@aria-labelledby='comparison']//dl/div[1]/dd"),
                   m_Merchant.keyId() + " of the merchant demo, 512 bits");
         EXPECT_EQ(page.text("//section[@aria-labelledby='comparison']//dl/div[2]/dd"),
@@ -633,7 +869,7 @@ TEST_F(Dashboard, ChecksPastedTexts) {
         std::string const kept = page.text("//textarea[@name='DATA']").substr(1);
         RawResponse const again =
             fill("/calculator", {{"DATA", kept}, {"SIGNATURE", page.text("//textarea[@name='SIGNATURE']").substr(1)}});
-        EXPECT_EQ(PageReader(again.m_Body).text("//section[@aria-labelledby='verdict']/p"), "The signature is valid.");
+        EXPECT_EQ(PageReader(again.m_Body).text("//section[@aria-labelledby='verdict']/p"), kValid);
     }
 }
 
@@ -641,7 +877,9 @@ TEST_F(Dashboard, ExplainsWhatDiffers) {
     std::string const text = m_Merchant.payInit("t1");
     PageReader const page =
         open("/calculator?DATA=" + percentEncoded(text + "\n") + "&SIGNATURE=" + m_Merchant.sign(text));
-    EXPECT_EQ(page.text("//section[@aria-labelledby='verdict']/p"), "The signature is not valid.");
+    EXPECT_EQ(page.text("//section[@aria-labelledby='verdict']/p[@class='verdict bad']"),
+              "DATA was changed on its way: white space was added at its end.");
+    EXPECT_THAT(page.text("//section[@aria-labelledby='verdict']/p[2]"), StartsWith("To mend it: "));
     EXPECT_THAT(page.texts("//section[@aria-labelledby='verdict']//li"),
                 ElementsAre(HasSubstr("digest"), HasSubstr("after this change: white space at the end removed")));
     EXPECT_THAT(page.texts(tableRow("matches", 1)).back(), HasSubstr("white space at the end removed"));
@@ -665,6 +903,8 @@ protected:
     [[nodiscard]] static std::string raised(std::string text) { return text.replace(text.find("12.50"), 5, "92.50"); }
 
     static void expectRaised(PageReader const& page, std::string const& original) {
+        EXPECT_EQ(page.text("//section[@aria-labelledby='verdict']/p[@class='verdict bad']"),
+                  "AMOUNT was changed from 12.50 to 92.50.");
         EXPECT_EQ(page.text("//section[@aria-labelledby='original']/pre"),
                   sandbox::replaceAll(original, "\xE9", "\u00E9"));
         EXPECT_THAT(page.texts("//section[@aria-labelledby='original']/div//tbody/tr/*"),
@@ -676,8 +916,8 @@ protected:
 
 TEST_F(DashboardCalculator, ShowsWhatWasSignedInAPayInit) {
     std::string const text = m_Merchant.payInit("t1", " NOTE=\"Caf\xE9\"");
-    PageReader const unseen = calculate(raised(text), m_Merchant.sign(text));
-    EXPECT_EQ(unseen.count("//section[@aria-labelledby='original']"), 0u);
+    std::string const other = sandbox::replaceAll(raised(text), "A-17", "B-99");
+    EXPECT_EQ(calculate(other, m_Merchant.sign(text)).count("//section[@aria-labelledby='original']"), 0u);
     openPage(text);
     openPage(m_Merchant.payInit("t2"));
     PageReader const page = calculate(raised(text), m_Merchant.sign(text));
@@ -723,6 +963,25 @@ TEST_F(DashboardCalculator, ShowsWhatWasSignedInAnyExchange) {
     EXPECT_EQ(page.text("//section[@aria-labelledby='original']/p/a/@href"), "/exchange?number=2");
 }
 
+TEST_F(DashboardCalculator, LoadsExamples) {
+    std::map<std::string, std::string> verdicts;
+    for (std::string const& target : open("/calculator").texts("//section[@aria-labelledby='form']/ul/li/a/@href")) {
+        verdicts[target] = open(target).text("//section[@aria-labelledby='verdict']/p[1]");
+    }
+    EXPECT_EQ(verdicts.size(), 5u);
+    EXPECT_EQ(verdicts.at("/calculator?example=valid"), kValid);
+    EXPECT_EQ(verdicts.at("/calculator?example=amount"), "AMOUNT was changed from 12.50 to 1.50.");
+    EXPECT_EQ(verdicts.at("/calculator?example=plus"), "DATA was changed on its way: each space became +.");
+    EXPECT_THAT(verdicts.at("/calculator?example=escaped"), HasSubstr("encoded"));
+    EXPECT_THAT(verdicts.at("/calculator?example=key"), HasSubstr("not made with the key"));
+    EXPECT_EQ(open("/calculator?example=unknown").count("//section"), 1u);
+}
+
+TEST_F(DashboardCalculator, FindsOneChangeOfAMessageThatNobodySaw) {
+    std::string const text = m_Merchant.payInit("t1");
+    expectRaised(calculate(raised(text), m_Merchant.sign(text)), text);
+}
+
 TEST_F(DashboardCalculator, SkipsLongMessages) {
     std::string const text =
         m_Merchant.message("PayConfirm", " AMOUNT=\"12.50\" NOTE=\"" + std::string(16 * 1024, 'x') + "\"");
@@ -756,7 +1015,7 @@ TEST_F(Dashboard, KeepsWhatWasPastedWhenItCannotBeRead) {
 TEST_F(Dashboard, CalculatesLongMessages) {
     std::string const text = m_Merchant.payInit("t1", " NOTE=\"" + std::string(300000, 'x') + "\"");
     RawResponse const response = fill("/calculator", {{"DATA", text}, {"SIGNATURE", m_Merchant.sign(text)}});
-    EXPECT_EQ(PageReader(response.m_Body).text("//section[@aria-labelledby='verdict']/p"), "The signature is valid.");
+    EXPECT_EQ(PageReader(response.m_Body).text("//section[@aria-labelledby='verdict']/p"), kValid);
     EXPECT_EQ(fill("/calculator", {{"DATA", std::string(1024 * 1024, 'x')}}).m_Status, 413);
 }
 

@@ -93,6 +93,7 @@ TEST(FaultText, IsReadAndWrittenAlike) {
              "drop,account=shop,order=A-1",
              "delay,times=3,seconds=0.25",
              "delay,times=always",
+             "delay,exchange=capture,times=2,skip=3,seconds=1",
              "stall-inside,exchange=page,seconds=3600,bytes=9223372036854775807",
              "http-status,exchange=status,status=100,text=",
              "http-status,status=999,text=two = words",

@@ -54,6 +54,24 @@ TEST(FaultRegistry, GivesTheOldestThatMatches) {
     EXPECT_EQ(take(registry, ExchangeKind::kCapture), "none");
 }
 
+TEST(FaultRegistry, LetsExchangesPassFirst) {
+    FaultRegistry registry;
+    registry.arm(parseFault("reset,exchange=capture"));
+    registry.arm(parseFault("drop,exchange=capture,order=A,times=2,skip=2"));
+    EXPECT_EQ(take(registry, ExchangeKind::kCapture, "A"), "reset,exchange=capture") << "which the other one counts";
+    EXPECT_EQ(take(registry, ExchangeKind::kCapture, "B"), "none");
+    EXPECT_EQ(take(registry, ExchangeKind::kStatus, "A"), "none");
+    EXPECT_EQ(take(registry, ExchangeKind::kCapture, "A"), "none");
+    EXPECT_EQ(registry.armed().at(0).m_Passed, 2);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(take(registry, ExchangeKind::kCapture, "A"), "drop,exchange=capture,order=A,times=2,skip=2");
+    }
+    EXPECT_EQ(take(registry, ExchangeKind::kCapture, "A"), "none");
+    registry.arm(parseFault("tls-abort,skip=1"));
+    EXPECT_EQ(takeForConnection(registry, true), "none");
+    EXPECT_EQ(takeForConnection(registry, true), "tls-abort,skip=1");
+}
+
 TEST(FaultRegistry, KeepsAFaultForItsOrder) {
     FaultRegistry registry;
     registry.arm(parseFault("drop,order=A-1"));

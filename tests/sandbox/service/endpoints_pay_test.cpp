@@ -6,7 +6,9 @@
 #include <cstddef>
 #include <string>
 
-#include "sandbox/pages/shopperpages.h"
+#include "sandbox/pages/html.h"
+#include "sandbox/text/wiretext.h"
+#include "tests/sandbox/support/pagereader.h"
 #include "tests/sandbox/support/sandboxfixture.h"
 
 /// The payment page and the shopper's return link, over a real socket.
@@ -24,7 +26,8 @@ protected:
         RawResponse const page = openPage(text);
         EXPECT_EQ(page.m_Status, 400) << text;
         EXPECT_THAT(page.m_Body, HasSubstr(sandbox::escapeHtml(reason)));
-        EXPECT_THAT(page.m_Body, HasSubstr(sandbox::verbatim(text)));
+        std::string const shown = sandbox::replaceAll(sandbox::escapeHtml(text), "\u240D", "<small>CR</small>");
+        EXPECT_THAT(page.m_Body, HasSubstr("<pre><code>" + shown + "</code></pre>"));
         EXPECT_THAT(lastVerdict(), HasSubstr(reason));
         EXPECT_TRUE(m_Service->payments().empty());
     }
@@ -50,6 +53,22 @@ protected:
         EXPECT_TRUE(verifies(serverBlob(), data, queryValue(location, "SIGNATURE")));
     }
 };
+
+TEST_F(PaymentPage, ExplainsASignatureThatIsRefused) {
+    std::string const text = m_Merchant.payInit("t1");
+    std::string const raised = sandbox::replaceAll(text, "12.50", "92.50");
+    RawResponse const response = get("/pay?DATA=" + percentEncoded(raised) + "&SIGNATURE=" + m_Merchant.sign(text));
+    EXPECT_EQ(response.m_Status, 400);
+    EXPECT_THAT(
+        PageReader(response.m_Body).texts("//section[@aria-labelledby='diagnosis']/p"),
+        ::testing::ElementsAre("AMOUNT was changed from 12.50 to 92.50", "To mend it: change AMOUNT to 12.50."));
+    std::string const longText = m_Merchant.payInit("t2", " NOTE=\"" + std::string(16 * 1024, 'x') + "\"");
+    EXPECT_THAT(get("/pay?DATA=" + percentEncoded(longText) + "&SIGNATURE=" + m_Merchant.sign(text)).m_Body,
+                Not(HasSubstr("id=\"diagnosis\"")));
+    RawResponse const content = openPage(m_Merchant.message("PayInit", " TOKEN=\"t2\""));
+    EXPECT_EQ(content.m_Status, 400);
+    EXPECT_THAT(content.m_Body, Not(HasSubstr("id=\"diagnosis\"")));
+}
 
 TEST_F(PaymentPage, ShowsTheOrderAndRecordsThePayment) {
     RawResponse const page = openPage(m_Merchant.payInit("t1"));

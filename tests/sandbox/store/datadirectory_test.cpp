@@ -28,12 +28,18 @@ std::string reasonFor(std::string const& path) {
     return "";
 }
 
-TEST(DataDirectory, IsCreatedForItsOwnerOnly) {
+mode_t umaskOfProcess() {
+    mode_t const mask = ::umask(0);
+    ::umask(mask);
+    return mask;
+}
+
+TEST(DataDirectory, IsListedByItsOwnerOnly) {
     TemporaryDirectory const temporary;
     DataDirectory const directory(temporary.path() + "/data");
     struct stat status {};
     ASSERT_EQ(::stat((temporary.path() + "/data").c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0777, 0700u);
+    EXPECT_EQ(status.st_mode & 0777, 0711u & ~umaskOfProcess()) << "others open published files by their names";
 }
 
 TEST(DataDirectory, IsHeldByOneAtATime) {
@@ -63,6 +69,10 @@ TEST(DataDirectory, ReplacesFilesForTheirOwnerOnly) {
     struct stat status {};
     ASSERT_EQ(::stat(directory.file("name").c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0600u);
+    directory.publish("name");
+    ASSERT_EQ(::stat(directory.file("name").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0644u);
+    EXPECT_THROW(directory.publish("other"), std::runtime_error);
 }
 
 TEST(Store, RefusesAFileThatIsNoDatabase) {

@@ -1,5 +1,5 @@
-#ifndef TALLOWIN_SANDBOX_DASHBOARD_STOREDEVIDENCE_H
-#define TALLOWIN_SANDBOX_DASHBOARD_STOREDEVIDENCE_H
+#ifndef TALLOWIN_SANDBOX_SERVICE_STOREDEVIDENCE_H
+#define TALLOWIN_SANDBOX_SERVICE_STOREDEVIDENCE_H
 
 #include "diagnosis/diagnosis.h"
 #include "sandbox/service/services.h"
@@ -11,4 +11,4 @@ diagnosis::Evidence storedEvidence(Services const& services);
 
 }  // namespace sandbox
 
-#endif  // TALLOWIN_SANDBOX_DASHBOARD_STOREDEVIDENCE_H
+#endif  // TALLOWIN_SANDBOX_SERVICE_STOREDEVIDENCE_H

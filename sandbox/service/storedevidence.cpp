@@ -4,7 +4,7 @@
 // signed for its states, then DATA of all exchanges. Long messages are skipped. Confirmations are not stored; they are
 // built again with the key in question, including the MSGTYPE that the fault `wrong-type` uses.
 
-#include "sandbox/dashboard/storedevidence.h"
+#include "sandbox/service/storedevidence.h"
 
 #include <cstdint>
 #include <memory>
@@ -25,6 +25,9 @@ using diagnosis::SeenMessage;
 
 // How many payments and how many exchanges are searched, the latest of each.
 constexpr std::int64_t kMaxRecalled = 1000;
+
+// How many bytes are digested to find a single change; a fraction of a second.
+constexpr long long kMaxSearched = 40'000'000;
 
 // Longer messages are skipped, so that the whole search takes about a second.
 constexpr std::int64_t kMaxRecalledBytes = std::int64_t{16} * 1024;
@@ -92,7 +95,9 @@ diagnosis::Evidence storedEvidence(Services const& services) {
             [&services](KnownKey const& key, std::string const& digest) { return recallSeen(services, key, digest); },
             {"this service", "is neither a key of this service nor a key published here by a merchant",
              "Nor does it belong to another message: the latest " + count + " payments and the latest " + count +
-                 " exchanges were searched."}};
+                 " exchanges were searched."},
+            true,
+            kMaxSearched};
 }
 
 }  // namespace sandbox

@@ -1,0 +1,144 @@
+// Renders pages. A template is put together with those that it names and with the frame, then parsed, once in each
+// thread; what fills it in is made of JSON for each page.
+//
+// The pages load nothing, so the policy in the template `frame` forbids everything but inline styles: injected content
+// could neither load nor run. Deliberate (no-form-action): it has no `form-action`, which would block the form's
+// redirect to the shop.
+
+#include "sandbox/pages/templates.h"
+
+#include <cstddef>
+#include <kainjow/mustache.hpp>
+#include <map>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+#include "sandbox/pages/html.h"
+#include "sandbox/pages/languages.h"
+#include "sandbox/text/wiretext.h"
+
+namespace sandbox {
+
+namespace {
+
+using kainjow::mustache::data;
+using kainjow::mustache::mustache;
+using nlohmann::json;
+
+std::map<std::string, std::string> const& allTemplates() {
+    static std::map<std::string, std::string> const templates = {
+#include <templates.inc>
+    };
+    return templates;
+}
+
+/// The template with every `{{>name}}` replaced; `page` is the one that the frame calls `{{>main}}`.
+std::string putTogether(std::string const& name, std::string const& page) {
+    std::string text = templateText(name);
+    for (std::size_t at = text.find("{{>"); at != std::string::npos; at = text.find("{{>", at)) {
+        std::size_t const end = text.find("}}", at);
+        std::string const part = text.substr(at + 3, end - at - 3);
+        bool const isFile = part.find('.') != std::string::npos;
+        std::string inner = putTogether(part == "main" ? page + ".html" : isFile ? part : part + ".html", page);
+        inner.erase(inner.find_last_not_of('\n') + 1);
+        text.replace(at, end + 2 - at, inner);
+        at += inner.size();
+    }
+    return text;
+}
+
+/// The template without the ends of lines that only begin or end a section, and without comments: a section that is
+/// left out would leave an empty line behind.
+std::string withoutTagLines(std::string const& text) {
+    std::string out;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        bool const isTag = line.compare(0, 2, "{{") == 0 && line.find("}}") == line.size() - 2;
+        bool const isComment = isTag && line[2] == '!';
+        bool const isSection = isTag && std::string("#^/").find(line[2]) != std::string::npos;
+        out += isComment ? "" : isSection ? line : line + '\n';
+    }
+    return out;
+}
+
+mustache& parsedPage(std::string const& name) {
+    thread_local std::map<std::string, mustache> pages;
+    auto found = pages.find(name);
+    if (found == pages.end()) {
+        mustache parsed(withoutTagLines(putTogether("frame.html", name)));
+        if (!parsed.is_valid()) {
+            throw std::logic_error("template " + name + ": " + parsed.error_message());
+        }
+        parsed.set_custom_escape(escapeHtml);
+        found = pages.emplace(name, std::move(parsed)).first;
+    }
+    return found->second;
+}
+
+data toData(json const& value);
+
+data objectData(json const& object) {
+    data out(data::type::object);
+    for (auto const& [name, value] : object.items()) {
+        auto const bytes = object.find(name + "Hex");
+        out.set(name,
+                bytes == object.end() ? toData(value) : toData(fromHex(bytes->get_ref<std::string const&>()).value()));
+    }
+    return out;
+}
+
+data toData(json const& value) {
+    switch (value.type()) {
+        case json::value_t::object:
+            return objectData(value);
+        case json::value_t::array: {
+            data out(data::type::list);
+            for (json const& element : value) {
+                out.push_back(toData(element));
+            }
+            return out;
+        }
+        case json::value_t::string: {
+            auto const& text = value.get_ref<std::string const&>();
+            return text.empty() ? data(false) : data(text);
+        }
+        case json::value_t::null:
+            return {false};
+        case json::value_t::boolean:
+            return {value.get<bool>()};
+        default:
+            return {value.dump()};
+    }
+}
+
+}  // namespace
+
+std::string templateText(std::string const& name) {
+    auto const found = allTemplates().find(name);
+    if (found == allTemplates().end()) {
+        throw std::logic_error("there is no template " + name);
+    }
+    return found->second;
+}
+
+HttpResponse renderPage(int status, std::string const& name, json content) {
+    if (!content.contains("language")) {
+        content["language"] = languageFor("en");
+    }
+    return {status, "text/html; charset=utf-8", parsedPage(name).render(toData(content))};
+}
+
+json verbatim(std::string const& text) {
+    json pieces = json::array();
+    std::size_t from = 0;
+    for (std::size_t to = text.find('\r'); to != std::string::npos; to = text.find('\r', from)) {
+        pieces.push_back({{"text", text.substr(from, to - from)}, {"return", true}});
+        from = to + 1;
+    }
+    pieces.push_back({{"text", text.substr(from)}, {"return", false}});
+    return {{"pieces", pieces}};
+}
+
+}  // namespace sandbox

@@ -1,0 +1,30 @@
+#ifndef TALLOWIN_SANDBOX_PAGES_TEMPLATES_H
+#define TALLOWIN_SANDBOX_PAGES_TEMPLATES_H
+
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "sandbox/http/httpmessages.h"
+
+/// Pages from templates. A template is HTML in the notation of Mustache, a file in templates/ that is embedded when
+/// this is built. `{{>name}}` stands for the template of that name.
+///
+/// The output without its document type is also well-formed XML, so that tests can query it with XPath: every element
+/// is closed, every attribute has a value, and only the five entities of XML are used.
+namespace sandbox {
+
+/// The file templates/`name`. Throws std::logic_error when there is none.
+std::string templateText(std::string const& name);
+
+/// The page templates/`name`.html in the frame of all pages, which states in the content's `language`, English unless
+/// it is given, that this is a sandbox. The texts in `content` are bytes in any encoding; every one is escaped. A
+/// section of the template is left out for an empty text, as for false, null and an empty array. A text `x` beside
+/// `xHex`, as in the JSON of the control API, is shown from its bytes.
+HttpResponse renderPage(int status, std::string const& name, nlohmann::json content);
+
+/// A text exactly as it was sent, for the template `verbatim`, which shows a carriage return as a small "CR".
+nlohmann::json verbatim(std::string const& text);
+
+}  // namespace sandbox
+
+#endif  // TALLOWIN_SANDBOX_PAGES_TEMPLATES_H
