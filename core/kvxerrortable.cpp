@@ -107,6 +107,7 @@ KVX_ErrorRow const kKvxErrorNames[] = {
     {KVX_E_LEDGER_CONFLICT,      "KVX_E_LEDGER_CONFLICT"},
     {KVX_E_LEDGER_PAID,          "KVX_E_LEDGER_PAID"},
     {KVX_E_LEDGER_STATE,         "KVX_E_LEDGER_STATE"},
+    {KVX_E_LEDGER_UNREACHABLE,   "KVX_E_LEDGER_UNREACHABLE"},
     {0, nullptr},
 };
 

@@ -1,10 +1,14 @@
 #include "ledger/byteforms.h"
 
 #include <openssl/evp.h>
+#include <openssl/rand.h>
 
 #include <algorithm>
 #include <cstddef>
 #include <new>
+
+#include "ledger/failure.h"
+#include "tallowin/codes.h"
 
 namespace ledger {
 
@@ -91,6 +95,14 @@ std::string sha1Of(std::string const& bytes) {
 
 std::string sha256Of(std::string const& bytes) {
     return digestOf(bytes, EVP_sha256());
+}
+
+std::string randomBytes(std::size_t count) {
+    std::string bytes(count, '\0');
+    if (RAND_bytes(reinterpret_cast<unsigned char*>(bytes.data()), static_cast<int>(count)) != 1) {
+        throw Failure(KVX_E_CRYPTO, "there are no random numbers");
+    }
+    return bytes;
 }
 
 std::string widened(std::string const& text) {

@@ -2,6 +2,7 @@
 #ifndef TALLOWIN_LEDGER_BYTEFORMS_H
 #define TALLOWIN_LEDGER_BYTEFORMS_H
 
+#include <cstddef>
 #include <string>
 
 namespace ledger {
@@ -17,6 +18,9 @@ std::string base64Of(std::string const& bytes);
 /// Digests, as bytes. Throw std::bad_alloc.
 std::string sha1Of(std::string const& bytes);
 std::string sha256Of(std::string const& bytes);
+
+/// Bytes that nobody can guess. Throws Failure (KVX_E_CRYPTO).
+std::string randomBytes(std::size_t count);
 
 /// The text over which a signature of the service is made: two bytes for each byte, itself and the extension of its
 /// sign.

@@ -63,16 +63,11 @@ Handle<Destroy>::Handle(KVX_HANDLE handle) : m_Handle(handle) {
     }
 }
 
-namespace {
-
-/// A new configuration setup: an older one would return what it has read before.
-Handle<DestroyConfigurationSetup> openedSetup(std::string const& directory) {
-    Handle<DestroyConfigurationSetup> setup(CreateConfigurationSetup());
+SetupHandle openedSetup(std::string const& directory) {
+    SetupHandle setup(CreateConfigurationSetup());
     require("ConfigurationSetup_SetConfiguration", ConfigurationSetup_SetConfiguration(setup.get(), directory.c_str()));
     return setup;
 }
-
-}  // namespace
 
 std::optional<std::string> Message::find(char const* name) const {
     return copiedText("MessageObject_GetAttribute", [&](std::int32_t* size, char* buffer) {
@@ -160,7 +155,7 @@ Result Account::verify(std::string const& data, std::string const& signature, st
 }
 
 std::optional<std::string> Account::value(std::string const& file, char const* name) const {
-    Handle<DestroyConfigurationSetup> const setup = openedSetup(m_Directory);
+    SetupHandle const setup = openedSetup(m_Directory);
     return copiedText("ConfigurationSetup_GetAttribute", [&](std::int32_t* size, char* buffer) {
         std::int32_t const code = ConfigurationSetup_GetAttribute(setup.get(), file.c_str(), name, size, buffer);
         struct stat status {};
@@ -171,7 +166,7 @@ std::optional<std::string> Account::value(std::string const& file, char const* n
 }
 
 bool Account::hasBrokenSettings() const {
-    Handle<DestroyConfigurationSetup> const setup = openedSetup(m_Directory);
+    SetupHandle const setup = openedSetup(m_Directory);
     std::int32_t size = 0;
     return ConfigurationSetup_GetAttribute(setup.get(), "settings.xml", "PROFILE", &size, nullptr) ==
            KVX_E_INVALID_FORMAT;

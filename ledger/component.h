@@ -57,6 +57,11 @@ private:
     KVX_HANDLE m_Handle;
 };
 
+using SetupHandle = Handle<DestroyConfigurationSetup>;
+
+/// A new configuration setup on `directory`: an older one would return what it has read before. Throws Failure.
+SetupHandle openedSetup(std::string const& directory);
+
 /// A message. Every function but the exchanges throws Failure.
 class Message {
 public:

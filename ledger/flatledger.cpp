@@ -35,6 +35,7 @@ struct Ledger {
     OrderLedger m_Ledger;
     std::set<LedgerOrder*> m_Orders;  ///< Under construction; destroyed with this object.
     pid_t m_Process = ::getpid();
+    ledger::OwnHandle m_Handle{this, kKind};
 };
 
 struct LedgerOrder {
@@ -43,6 +44,7 @@ struct LedgerOrder {
     Ledger* m_Owner = nullptr;
     OrderContent m_Content;
     pid_t m_Process = ::getpid();
+    ledger::OwnHandle m_Handle{this, kKind};
 };
 
 char const* textOf(char const* text) {
@@ -81,10 +83,11 @@ std::int32_t guarded(Work work) {
 template <class Object, class Work>
 std::int32_t with(KVX_HANDLE handle, Work work) {
     return guarded([&] {
-        if (!ledger::isLiving(handle, Object::kKind)) {
+        auto* const living = static_cast<Object*>(ledger::objectOf(handle, Object::kKind));
+        if (living == nullptr) {
             throw Failure(KVX_E_BAD_HANDLE, "the handle is null, destroyed or of another kind");
         }
-        auto& object = *static_cast<Object*>(handle);
+        Object& object = *living;
         if (object.m_Process != ::getpid()) {
             throw Failure(KVX_E_LEDGER_FORKED, "process " + std::to_string(object.m_Process) +
                                                    " has opened it, this is process " + std::to_string(::getpid()));
@@ -103,21 +106,16 @@ std::int32_t copyFrom(KVX_HANDLE handle, std::int32_t* size, char* buffer, Work 
 
 KVX_HANDLE CreateLedger() {
     KVX_HANDLE made = nullptr;
-    guarded([&] {
-        auto object = std::make_unique<Ledger>();
-        ledger::addHandle(object.get(), Kind::kLedger);
-        made = object.release();
-    });
+    guarded([&] { made = std::make_unique<Ledger>().release()->m_Handle.get(); });
     return made;
 }
 
 void DestroyLedger(KVX_HANDLE handle) {
-    if (!ledger::removeHandle(handle, Kind::kLedger)) {
+    std::unique_ptr<Ledger> const object(static_cast<Ledger*>(ledger::removeHandle(handle, Kind::kLedger)));
+    if (object == nullptr) {
         return;
     }
-    std::unique_ptr<Ledger> const object(static_cast<Ledger*>(handle));
     for (LedgerOrder* const order : object->m_Orders) {
-        ledger::removeHandle(order, Kind::kOrder);
         delete order;
     }
     if (object->m_Process != ::getpid()) {
@@ -158,14 +156,13 @@ int32_t Ledger_CreateOrder(KVX_HANDLE handle, char const* number, char const* am
         order->m_Content.m_Currency = textOf(currency);
         order->m_Content.requireValid();
         ledger.m_Orders.insert(order.get());
-        ledger::addHandle(order.get(), Kind::kOrder);
-        *out = order.release();
+        *out = order.release()->m_Handle.get();
     });
 }
 
 void DestroyLedgerOrder(KVX_HANDLE handle) {
-    if (ledger::removeHandle(handle, Kind::kOrder)) {
-        std::unique_ptr<LedgerOrder> const order(static_cast<LedgerOrder*>(handle));
+    std::unique_ptr<LedgerOrder> const order(static_cast<LedgerOrder*>(ledger::removeHandle(handle, Kind::kOrder)));
+    if (order != nullptr) {
         order->m_Owner->m_Orders.erase(order.get());
     }
 }
@@ -204,6 +201,28 @@ int32_t Ledger_GetReason(KVX_HANDLE handle, int32_t* reason, int32_t* size, char
 
 int32_t Ledger_NextPaid(KVX_HANDLE handle, int32_t* size, char* order) {
     return with<Ledger>(handle, [&](Ledger& ledger) { ledger.m_Ledger.nextPaid(TextOut(size, order)); });
+}
+
+int32_t Ledger_Delivered(KVX_HANDLE handle, char const* order) {
+    return with<Ledger>(handle, [&](Ledger& ledger) { ledger.m_Ledger.delivered(textOf(order)); });
+}
+
+int32_t Ledger_RenewKeys(KVX_HANDLE handle, char const* url, char const* user, char const* password, int32_t* outcome) {
+    return with<Ledger>(handle, [&](Ledger& ledger) {
+        std::int32_t result = KVX_LEDGER_RENEWAL_UNCHANGED;
+        auto const report = [&] {
+            if (outcome != nullptr) {
+                *outcome = result;
+            }
+        };
+        try {
+            ledger.m_Ledger.renewKeys({textOf(url), textOf(user), textOf(password)}, result);
+        } catch (...) {
+            report();
+            throw;
+        }
+        report();
+    });
 }
 
 int32_t Ledger_RunDue(KVX_HANDLE handle, int32_t limit, int32_t* done) {

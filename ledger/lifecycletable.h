@@ -36,12 +36,12 @@ enum class State {
 
 enum class Event {
     kBegun,  ///< A payment is begun.
-    kConfirmedPaid,  ///< A genuine confirmation says authorised, and no attempt of the order has paid.
-    kConfirmedSurplus,  ///< A genuine confirmation says authorised, and another attempt has paid.
+    kConfirmedPaid,  ///< A genuine confirmation says authorised of a payment that was not known as paid, and no other attempt has paid.
+    kConfirmedSurplus,  ///< A genuine confirmation says authorised of a payment that was not known as paid, and another attempt has paid.
     kConfirmedDeclined,  ///< A genuine confirmation says declined.
     kConfirmedCancelled,  ///< A genuine confirmation says cancelled.
     kConfirmedExpired,  ///< A genuine confirmation says expired.
-    kConfirmedLater,  ///< The genuine confirmation arrives of a payment that a status response has made known.
+    kConfirmedLater,  ///< The first genuine confirmation arrives of a payment that is known as paid from elsewhere. One that a person has given up stays so.
     kFoundOpened,  ///< A status response says opened.
     kFoundAuthorised,  ///< A status response says authorised, and no other attempt has paid.
     kFoundSurplus,  ///< A status response says authorised, captured or completed, and another attempt has paid.
@@ -50,7 +50,8 @@ enum class Event {
     kFoundDeclined,  ///< A status response says declined.
     kFoundCancelled,  ///< A status response says cancelled.
     kFoundExpired,  ///< A status response says expired.
-    kFoundNothing,  ///< The service refuses the status request (KVX_E_SERVER_ERROR): it knows no such payment.
+    kFoundLapsed,  ///< A status response says lapsed: the authorisation has ended without a capture.
+    kFoundNothing,  ///< The service has refused MAXASKS status requests in a row (KVX_E_SERVER_ERROR): it knows no such payment.
     kFoundRefused,  ///< A status response says authorised after the service has refused MAXREFUSALS captures in a row (KVX_E_SERVER_ERROR).
     kTimedOut,  ///< Expiry and GRACESECONDS are over, and there is no STATUSTYPE.
     kCaptureSent,  ///< A capture is about to be sent.
@@ -63,11 +64,13 @@ enum class Event {
     kCompleteInDoubt,  ///< A completion fails with a code that leaves its outcome open.
     kInterrupted,  ///< The lease of a worker that may have sent something has run out.
     kRepeated,  ///< Nothing can be asked, and CAPTUREIDEMPOTENT allows to send again.
+    kDelivered,  ///< The shop has delivered an order that is paid, or was when it was reported.
     kResolvedAuthorised,  ///< A person says: not captured, capture again.
     kResolvedCaptured,  ///< A person says: captured.
     kResolvedCompleted,  ///< A person says: completed.
     kResolvedRefused,  ///< A person says: the service will not capture.
     kResolvedCancelled,  ///< A person gives the payment up; another attempt may pay the order.
+    kResolvedSurplus,  ///< A person says: the surplus payment has been voided or paid back.
 };
 
 struct StateRow {
@@ -124,6 +127,7 @@ inline constexpr EventRow kEvents[] = {
     {Event::kFoundDeclined,      "found_declined"},
     {Event::kFoundCancelled,     "found_cancelled"},
     {Event::kFoundExpired,       "found_expired"},
+    {Event::kFoundLapsed,        "found_lapsed"},
     {Event::kFoundNothing,       "found_nothing"},
     {Event::kFoundRefused,       "found_refused"},
     {Event::kTimedOut,           "timed_out"},
@@ -137,11 +141,13 @@ inline constexpr EventRow kEvents[] = {
     {Event::kCompleteInDoubt,    "complete_in_doubt"},
     {Event::kInterrupted,        "interrupted"},
     {Event::kRepeated,           "repeated"},
+    {Event::kDelivered,          "delivered"},
     {Event::kResolvedAuthorised, "resolved_authorised"},
     {Event::kResolvedCaptured,   "resolved_captured"},
     {Event::kResolvedCompleted,  "resolved_completed"},
     {Event::kResolvedRefused,    "resolved_refused"},
     {Event::kResolvedCancelled,  "resolved_cancelled"},
+    {Event::kResolvedSurplus,    "resolved_surplus"},
 };
 
 inline constexpr TransitionRow kTransitions[] = {
@@ -166,6 +172,7 @@ inline constexpr TransitionRow kTransitions[] = {
     {State::kUnknown,           Event::kConfirmedLater,     State::kUnknown},
     {State::kCompletionUnknown, Event::kConfirmedLater,     State::kCompletionUnknown},
     {State::kSurplus,           Event::kConfirmedLater,     State::kSurplus},
+    {State::kCancelled,         Event::kConfirmedLater,     State::kCancelled},
     {State::kWaiting,           Event::kFoundAuthorised,    State::kAuthorised},
     {State::kWaiting,           Event::kFoundSurplus,       State::kSurplus},
     {State::kWaiting,           Event::kFoundCaptured,      State::kCaptured},
@@ -173,6 +180,7 @@ inline constexpr TransitionRow kTransitions[] = {
     {State::kWaiting,           Event::kFoundDeclined,      State::kDeclined},
     {State::kWaiting,           Event::kFoundCancelled,     State::kCancelled},
     {State::kWaiting,           Event::kFoundExpired,       State::kExpired},
+    {State::kWaiting,           Event::kFoundLapsed,        State::kExpired},
     {State::kWaiting,           Event::kFoundNothing,       State::kExpired},
     {State::kWaiting,           Event::kTimedOut,           State::kExpired},
     {State::kAuthorised,        Event::kCaptureSent,        State::kCapturing},
@@ -199,19 +207,38 @@ inline constexpr TransitionRow kTransitions[] = {
     {State::kUnknown,           Event::kFoundDeclined,      State::kCaptureRefused},
     {State::kUnknown,           Event::kFoundCancelled,     State::kCaptureRefused},
     {State::kUnknown,           Event::kFoundExpired,       State::kCaptureRefused},
+    {State::kUnknown,           Event::kFoundLapsed,        State::kCaptureRefused},
     {State::kUnknown,           Event::kRepeated,           State::kAuthorised},
     {State::kCompletionUnknown, Event::kRepeated,           State::kCaptured},
+    {State::kWaiting,           Event::kDelivered,          State::kWaiting},
+    {State::kAuthorised,        Event::kDelivered,          State::kAuthorised},
+    {State::kCapturing,         Event::kDelivered,          State::kCapturing},
+    {State::kCaptured,          Event::kDelivered,          State::kCaptured},
+    {State::kCompleting,        Event::kDelivered,          State::kCompleting},
+    {State::kCompleted,         Event::kDelivered,          State::kCompleted},
+    {State::kDeclined,          Event::kDelivered,          State::kDeclined},
+    {State::kCancelled,         Event::kDelivered,          State::kCancelled},
+    {State::kExpired,           Event::kDelivered,          State::kExpired},
+    {State::kCaptureRefused,    Event::kDelivered,          State::kCaptureRefused},
+    {State::kUnknown,           Event::kDelivered,          State::kUnknown},
+    {State::kCompletionUnknown, Event::kDelivered,          State::kCompletionUnknown},
+    {State::kSurplus,           Event::kDelivered,          State::kSurplus},
+    {State::kWaiting,           Event::kResolvedAuthorised, State::kAuthorised},
     {State::kUnknown,           Event::kResolvedAuthorised, State::kAuthorised},
     {State::kCaptureRefused,    Event::kResolvedAuthorised, State::kAuthorised},
+    {State::kWaiting,           Event::kResolvedCaptured,   State::kCaptured},
     {State::kUnknown,           Event::kResolvedCaptured,   State::kCaptured},
     {State::kCaptureRefused,    Event::kResolvedCaptured,   State::kCaptured},
     {State::kCompletionUnknown, Event::kResolvedCaptured,   State::kCaptured},
+    {State::kWaiting,           Event::kResolvedCompleted,  State::kCompleted},
     {State::kUnknown,           Event::kResolvedCompleted,  State::kCompleted},
     {State::kCaptureRefused,    Event::kResolvedCompleted,  State::kCompleted},
     {State::kCompletionUnknown, Event::kResolvedCompleted,  State::kCompleted},
     {State::kUnknown,           Event::kResolvedRefused,    State::kCaptureRefused},
+    {State::kWaiting,           Event::kResolvedCancelled,  State::kCancelled},
     {State::kUnknown,           Event::kResolvedCancelled,  State::kCancelled},
     {State::kCaptureRefused,    Event::kResolvedCancelled,  State::kCancelled},
+    {State::kSurplus,           Event::kResolvedSurplus,    State::kCancelled},
 };
 // clang-format on
 

@@ -33,6 +33,7 @@ constexpr SwitchRow kSwitches[] = {
     {"COMPLETE",          &Options::m_Complete},
     {"CAPTUREIDEMPOTENT", &Options::m_CaptureIdempotent},
     {"JITTER",            &Options::m_Jitter},
+    {"ACKNOWLEDGE",       &Options::m_Acknowledge},
 };
 
 constexpr WordRow kWords[] = {
@@ -46,6 +47,7 @@ constexpr WordRow kWords[] = {
     {"DECLINED",        &Options::m_Declined,        false},
     {"CANCELLED",       &Options::m_Cancelled,       false},
     {"EXPIRED",         &Options::m_Expired,         false},
+    {"LAPSED",          &Options::m_Lapsed,          false},
 };
 
 constexpr NumberRow kNumbers[] = {
@@ -57,6 +59,7 @@ constexpr NumberRow kNumbers[] = {
     {"RETRYBASE",     &Options::m_RetryBase},
     {"RETRYMAX",      &Options::m_RetryMax},
     {"MAXREFUSALS",   &Options::m_MaxRefusals},
+    {"MAXASKS",       &Options::m_MaxAsks},
     {"MAXDATA",       &Options::m_MaxData},
     {"KEPTEACH",      &Options::m_KeptEach},
     {"MAXKEPT",       &Options::m_MaxKept},
@@ -65,6 +68,7 @@ constexpr NumberRow kNumbers[] = {
 // clang-format on
 
 constexpr std::int64_t kMaxNumber = std::numeric_limits<std::int32_t>::max();
+constexpr std::size_t kMinSecret = 16;
 constexpr std::int64_t kMaxTime = 9007199254740991;  // what JSON readers keep exactly
 
 /// The whole number in `value`, from 0 to `max`; nothing when it is none.
@@ -116,6 +120,13 @@ void Options::set(std::string const& name, std::string const& value) {
             this->*row.m_Member = *number;
             return;
         }
+    }
+    if (name == "KEYSECRET") {
+        if (!value.empty() && value.size() < kMinSecret) {
+            throw Failure(KVX_E_INVALID_OPTION, "KEYSECRET has fewer than " + std::to_string(kMinSecret) + " bytes");
+        }
+        m_KeySecret = value;
+        return;
     }
     if (name == "NOW") {
         std::optional<Time> const time = numberIn(value, kMaxTime);

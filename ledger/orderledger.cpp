@@ -13,6 +13,9 @@ namespace ledger {
 
 namespace {
 
+/// What a person says of the surplus payments of an order, beside the one that counts.
+constexpr char kSurplusSettled[] = "surplus_settled";
+
 struct ResolutionRow {
     char const* m_State;
     Event m_Event;
@@ -44,10 +47,45 @@ std::string hostName() {
     return name;
 }
 
+std::string accountName(AccountRow const& account) {
+    return account.m_CustomerId.empty() ? "at " + printable(account.m_PaymentUrl)
+                                        : "\"" + printable(account.m_CustomerId) + "\"";
+}
+
+/// Requires that the directory is of the account that the store belongs to, which is the first that opened it. Servers
+/// with directories of their own share CUSTOMERID; their keys and addresses may differ. Throws Failure.
+void requireAccount(Account const& directory, Store& store) {
+    constexpr char kConfig[] = "config.xml";
+    AccountRow const mine{directory.value(kConfig, "CUSTOMERID").value_or(""),
+                          directory.value(kConfig, "VTURL").value_or("")};
+    auto const isRecorded = [&] {
+        std::optional<AccountRow> const first = store.account();
+        if (!first) {
+            return false;
+        }
+        bool const haveIds = !first->m_CustomerId.empty() && !mine.m_CustomerId.empty();
+        bool const isSame =
+            haveIds ? first->m_CustomerId == mine.m_CustomerId : first->m_PaymentUrl == mine.m_PaymentUrl;
+        if (!isSame) {
+            throw Failure(KVX_E_LEDGER_CONFLICT, "the store belongs to the account " + accountName(*first) + ", " +
+                                                     directory.directory() + " to the account " + accountName(mine));
+        }
+        return haveIds || mine.m_CustomerId.empty();
+    };
+    if (!inSnapshot(store.database(), isRecorded)) {
+        inTransaction(store.database(), [&] {
+            if (!isRecorded()) {
+                store.setAccount(mine);
+            }
+            return true;
+        });
+    }
+}
+
 }  // namespace
 
 OrderLedger::OrderLedger() : m_Random(std::random_device()()) {
-    m_Worker = hostName() + ":" + std::to_string(::getpid()) + ":" + std::to_string(m_Random() % 1000000);
+    m_Worker = printable(hostName()) + ":" + std::to_string(::getpid()) + ":" + std::to_string(m_Random() % 1000000);
 }
 
 void OrderLedger::open(std::string const& store, std::string const& directory) {
@@ -58,7 +96,9 @@ void OrderLedger::open(std::string const& store, std::string const& directory) {
     auto account = std::make_unique<Account>(directory);
     auto opened = std::make_unique<Store>(openDatabase(store, m_Options.m_BusySeconds));
     auto keys = std::make_unique<ServiceKeys>(*account, *opened);
-    keys->recordCurrent(now());
+    static_cast<void>(keys->current());  // nothing is recorded for a directory that has not been set up
+    requireAccount(*account, *opened);
+    keys->recordCurrent(timeOf(*opened));
     m_Account = std::move(account);
     m_Store = std::move(opened);
     m_Keys = std::move(keys);
@@ -80,6 +120,10 @@ Store& OrderLedger::store() const {
 Account const& OrderLedger::account() const {
     static_cast<void>(store());
     return *m_Account;
+}
+
+Time OrderLedger::timeOf(Store& store) const {
+    return m_Options.m_Now ? *m_Options.m_Now : store.database().sharedTime().value_or(m_Options.now());
 }
 
 OrderRow OrderLedger::requireOrder(std::string const& number) {
@@ -104,6 +148,11 @@ void OrderLedger::move(OrderRow& order, AttemptRow& attempt, Event event, Eviden
     if (*to != from) {
         attempt.m_DueAt = dueIn(attempt, at);
         attempt.m_LeaseOwner.reset();
+        attempt.m_Asks = 0;
+    }
+    if (from == State::kWaiting && *to != from) {
+        attempt.m_Tries = 0;  // those were of status requests
+        attempt.m_Refusals = 0;
     }
     bool const pays = rowOf(*to).m_IsPaid;
     if ((pays || *to == State::kSurplus) && !attempt.m_PaidAt) {
@@ -124,6 +173,7 @@ std::optional<Time> OrderLedger::dueIn(AttemptRow const& attempt, Time at) const
         case Job::kAsk:
             return attempt.m_ExpiresAt + m_Options.m_GraceSeconds * kSecond;
         case Job::kCapture:
+            return m_Options.m_Capture ? std::optional<Time>(at) : std::nullopt;
         case Job::kComplete:
             return at;
         case Job::kTakeover:
@@ -137,14 +187,22 @@ std::optional<Time> OrderLedger::dueIn(AttemptRow const& attempt, Time at) const
 }
 
 void OrderLedger::nextPaid(TextOut const& number) {
-    while (std::optional<OrderRow> const seen = store().untoldOrder()) {
+    while (true) {
+        Time const at = now();
+        std::optional<OrderRow> seen = store().untoldOrder();
+        if (!seen && m_Options.m_Acknowledge) {
+            seen = store().undeliveredOrder(at, at + m_Options.m_LeaseSeconds * kSecond + kMaxClockSkew);
+        }
+        if (!seen) {
+            throw Failure(KVX_E_NOT_FOUND, "no order is paid and not reported");
+        }
         number.requireRoomFor(seen->m_Number);
         bool const isFirst = inTransaction([&] {
             OrderRow order = store().order(seen->m_Id);
-            if (order.m_ToldAt || !order.m_PaidAttempt) {
+            if (!isToBeReported(order, at)) {
                 return false;
             }
-            order.m_ToldAt = now();
+            noteReport(order, at);
             store().save(order);
             return true;
         });
@@ -153,18 +211,87 @@ void OrderLedger::nextPaid(TextOut const& number) {
             return;
         }
     }
-    throw Failure(KVX_E_NOT_FOUND, "no order is paid and not told");
+}
+
+bool OrderLedger::isToBeReported(OrderRow const& order, Time at) {
+    if (!order.m_PaidAttempt || standingAttempt(order).m_State == State::kCaptureRefused) {
+        return false;
+    }
+    Time const horizon = at + m_Options.m_LeaseSeconds * kSecond + kMaxClockSkew;
+    bool const isOverdue = order.m_ReportAt && (*order.m_ReportAt <= at || *order.m_ReportAt > horizon);
+    return !order.m_ToldAt || (m_Options.m_Acknowledge && isOverdue);
+}
+
+void OrderLedger::noteReport(OrderRow& order, Time at) const {
+    if (!order.m_ToldAt) {
+        order.m_ToldAt = at;
+    }
+    if (m_Options.m_Acknowledge) {
+        order.m_ReportAt = at + m_Options.m_LeaseSeconds * kSecond;
+    }
+}
+
+void OrderLedger::delivered(std::string const& number) {
+    inTransaction([&] {
+        OrderRow order = requireOrder(number);
+        if (order.m_DeliveredAt) {
+            return false;
+        }
+        if (!order.m_PaidAttempt && !order.m_ToldAt) {
+            throw Failure(KVX_E_LEDGER_STATE, "the order is not paid");
+        }
+        Time const at = now();
+        order.m_ToldAt = order.m_ToldAt.value_or(at);
+        order.m_DeliveredAt = at;
+        order.m_ReportAt.reset();
+        store().save(order);
+        AttemptRow attempt = standingAttempt(order);
+        Evidence evidence;
+        evidence.m_Cause = "merchant";
+        move(order, attempt, Event::kDelivered, evidence, at);
+        return true;
+    });
+}
+
+void OrderLedger::renewKeys(SetupLogin const& login, std::int32_t& outcome) {
+    SetupRenewal(account().directory(), store(), m_Options).renew(login, outcome);
+    m_Keys->recordCurrent(now());
+}
+
+/// All surplus payments of the order have been voided or paid back.
+void OrderLedger::settleSurplus(std::string const& number, std::string const& note) {
+    inTransaction([&] {
+        OrderRow order = requireOrder(number);
+        bool isAny = false;
+        for (AttemptRow& attempt : store().attempts(order.m_Id)) {
+            if (attempt.m_State == State::kSurplus) {
+                Evidence evidence;
+                evidence.m_Cause = note;
+                move(order, attempt, Event::kResolvedSurplus, evidence, now());
+                isAny = true;
+            }
+        }
+        if (!isAny) {
+            throw Failure(KVX_E_LEDGER_STATE, "the order has no surplus payment");
+        }
+        return true;
+    });
 }
 
 void OrderLedger::resolve(std::string const& number, std::string const& state, std::string const& note) {
-    Event const event = resolutionTo(state);
     if (note.empty()) {
         throw Failure(KVX_E_LEDGER_INVALID, "the note is empty");
     }
+    if (state == kSurplusSettled) {
+        settleSurplus(number, note);
+        return;
+    }
+    Event const event = resolutionTo(state);
     inTransaction([&] {
         OrderRow order = requireOrder(number);
         AttemptRow attempt = standingAttempt(order);
-        if (!stateAfter(attempt.m_State, event)) {
+        bool const isAskedAbout = attempt.m_State == State::kWaiting && attempt.m_Asks < m_Options.m_MaxAsks;
+        if (isAskedAbout || !stateAfter(attempt.m_State, event)) {
             throw Failure(KVX_E_LEDGER_STATE, "the order is " + std::string(nameOf(attempt.m_State)) +
                                                   ", a person cannot make it " + state);
         }

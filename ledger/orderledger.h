@@ -12,11 +12,13 @@
 #include <optional>
 #include <random>
 #include <string>
+#include <utility>
 
 #include "ledger/component.h"
 #include "ledger/options.h"
 #include "ledger/orderstore.h"
 #include "ledger/servicekeys.h"
+#include "ledger/setuprenewal.h"
 #include "ledger/textout.h"
 #include "tallowin/ledger.h"
 
@@ -73,8 +75,12 @@ public:
     /// The verdict on the last confirmation; nothing when there was none.
     [[nodiscard]] std::optional<Verdict> const& lastVerdict() const { return m_LastVerdict; }
 
-    /// Copies the number of an order that is paid and of which nobody has been told.
+    /// Copies the number of an order that is paid and has not been reported, or that was not delivered since.
     void nextPaid(TextOut const& number);
+    void delivered(std::string const& number);
+
+    /// Renews the merchant's key; `outcome` is set in any case.
+    void renewKeys(SetupLogin const& login, std::int32_t& outcome);
 
     std::int32_t runDue(std::int32_t limit);
     void resolve(std::string const& number, std::string const& state, std::string const& note);
@@ -106,11 +112,16 @@ private:
 
     [[nodiscard]] Store& store() const;
     [[nodiscard]] Account const& account() const;
-    [[nodiscard]] Time now() const { return m_Options.now(); }
 
-    /// Runs `work` in a transaction that writes and commits it; again when another transaction was in its way.
+    /// The time by the option NOW, else by the clock that all users of the store share, else by the system's.
+    [[nodiscard]] Time now() const { return timeOf(store()); }
+    [[nodiscard]] Time timeOf(Store& store) const;
+
+    /// Runs `work` in a transaction on the store.
     template <class Work>
-    auto inTransaction(Work work);
+    auto inTransaction(Work work) {
+        return ledger::inTransaction(store().database(), std::move(work));
+    }
 
     OrderRow requireOrder(std::string const& number);
 
@@ -120,7 +131,14 @@ private:
     /// Moves `attempt` by `event`, records the evidence and stores both rows. The attempt is due when its new state
     /// says so. Requires: the table has a row for it, and a transaction is open.
     void move(OrderRow& order, AttemptRow& attempt, Event event, Evidence const& evidence, Time at);
+    /// Whether the order is to be reported as paid now.
+    bool isToBeReported(OrderRow const& order, Time at);
+
+    /// Notes in the row that the order is reported as paid.
+    void noteReport(OrderRow& order, Time at) const;
     [[nodiscard]] std::optional<Time> dueIn(AttemptRow const& attempt, Time at) const;
+
+    void settleSurplus(std::string const& number, std::string const& note);
 
     // Begin.
     void requireSameContent(OrderContent const& content, OrderRow const& order) const;
@@ -139,11 +157,19 @@ private:
     [[nodiscard]] Decision decidePaid(OrderRow const& order, AttemptRow const& attempt, Claim const& claim,
                                       bool isLate) const;
 
+    // Look up, inside a transaction.
+    std::string readOrder(std::string const& number);
+    std::string readOrders(Filter chosen, std::string const& state, std::string const& after, std::int32_t limit);
+    std::string readEvidence(std::string const& number);
+
     // Worker.
+    void wake();
     std::int32_t tryKept(std::int32_t limit);
+    std::int32_t tryKeptUnder(std::string const& keyId, std::int32_t limit, Time at);
+    bool examineKept(KeptRow const& kept, Time at);
     bool runOne();
     bool capture(OrderRow const& order, AttemptRow const& attempt);
-    bool complete(AttemptRow const& attempt);
+    bool complete(OrderRow const& order, AttemptRow const& attempt);
     bool ask(AttemptRow const& attempt);
     bool interrupt(AttemptRow const& attempt);
     bool withoutAsking(AttemptRow const& attempt);
@@ -169,25 +195,8 @@ private:
     std::mt19937_64 m_Random;
     std::string m_Worker;        ///< Names this handle among all workers.
     std::uint64_t m_Claims = 0;  ///< Jobs that this handle has claimed.
-    bool m_HasWoken = false;     ///< What is in doubt has been made due once.
+    bool m_HasWoken = false;     ///< wake() has been called since the store was opened.
 };
-
-template <class Work>
-auto OrderLedger::inTransaction(Work work) {
-    constexpr int kMaxRounds = 50;
-    for (int round = 1;; ++round) {
-        try {
-            Transaction transaction(store().database(), Database::Access::kWrite);
-            auto result = work();
-            transaction.commit();
-            return result;
-        } catch (Conflict const& conflict) {
-            if (round == kMaxRounds) {
-                throw Failure(KVX_E_LEDGER_BUSY, conflict.what());
-            }
-        }
-    }
-}
 
 }  // namespace ledger
 

@@ -32,9 +32,13 @@ void requireWord(char const* what, std::string const& value, std::size_t max) {
     }
 }
 
+/// What a name in XML may begin with, of plain ASCII. A message with any other name could not be read by the service.
+bool isNameStart(char character) {
+    return (character >= 'A' && character <= 'Z') || (character >= 'a' && character <= 'z') || character == '_';
+}
+
 bool isNameCharacter(char character) {
-    return (character >= 'A' && character <= 'Z') || (character >= 'a' && character <= 'z') ||
-           (character >= '0' && character <= '9') || character == '.' || character == '-' || character == '_';
+    return isNameStart(character) || (character >= '0' && character <= '9') || character == '.' || character == '-';
 }
 
 /// The time in "YYYYMMDD HH:MM:SS", UTC. Throws Failure when it is none.
@@ -76,7 +80,8 @@ void OrderContent::requireValid() const {
 }
 
 void OrderContent::setAttribute(std::string const& name, std::string const& value) {
-    if (name.empty() || name.size() > kMaxName || !std::all_of(name.begin(), name.end(), isNameCharacter)) {
+    if (name.empty() || name.size() > kMaxName || !isNameStart(name[0]) ||
+        !std::all_of(name.begin(), name.end(), isNameCharacter)) {
         throw Failure(KVX_E_LEDGER_INVALID, "\"" + printable(name) + "\" is no name of an attribute");
     }
     for (char const* const reserved : kReserved) {

@@ -61,6 +61,7 @@ std::optional<Event> unpaidEvent(Options const& options, std::string const& resu
 
 Verdict const& OrderLedger::confirm(Confirmation const& confirmation, TextOut const& number) {
     static_cast<void>(store());
+    m_LastVerdict.reset();
     m_LastVerdict = examine(confirmation, number);
     return *m_LastVerdict;
 }
@@ -123,7 +124,7 @@ Verdict OrderLedger::examineVerified(Confirmation const& confirmation, Message c
         // Only a caller can deliver; a payment that the worker finds waits for a confirmation or for Ledger_NextPaid.
         Decision const decision = decide(order, attempt, claim, at);
         if (decision.m_Tells && number != nullptr) {
-            order.m_ToldAt = at;
+            noteReport(order, at);
             store().save(order);
         }
         if (!decision.m_Event) {

@@ -1,7 +1,7 @@
 // Looking up: states, orders and evidence as JSON.
 //
-// Each function reads in one transaction, so that what it returns was true at one moment. The members are listed in
-// docs/paid-once.md.
+// Each function reads in one transaction (inSnapshot), so that what it returns was true at one moment. The members are
+// listed in docs/paid-once.md.
 #include <set>
 
 #include "ledger/byteforms.h"
@@ -15,6 +15,7 @@ namespace {
 
 constexpr std::int32_t kMaxPage = 1000;
 constexpr std::int64_t kEvidenceVersion = 1;
+constexpr char kDamaged[] = "damaged";  // in lists, in place of a state
 
 struct FilterRow {
     char const* m_Name;
@@ -23,11 +24,12 @@ struct FilterRow {
 
 // clang-format off
 constexpr FilterRow kFilters[] = {
-    {"",          Filter::kAll},
-    {"paid",      Filter::kPaid},
-    {"untold",    Filter::kUntold},
-    {"surplus",   Filter::kSurplus},
-    {"attention", Filter::kAttention},
+    {"",            Filter::kAll},
+    {"paid",        Filter::kPaid},
+    {"untold",      Filter::kUntold},
+    {"undelivered", Filter::kUndelivered},
+    {"surplus",     Filter::kSurplus},
+    {"attention",   Filter::kAttention},
 };
 // clang-format on
 
@@ -43,9 +45,9 @@ Filter filterNamed(std::string const& name) {
     throw Failure(KVX_E_LEDGER_INVALID, "there is no filter \"" + printable(name) + "\"");
 }
 
-/// Whether a person has to look at the attempt, because the worker will not.
-bool wantsAttention(AttemptRow const& attempt) {
-    return rowOf(attempt.m_State).m_WantsAttention && !attempt.m_DueAt;
+/// Whether a person has to look at the attempt, because the worker will not, or has not got anywhere.
+bool wantsAttention(AttemptRow const& attempt, std::int64_t maxAsks) {
+    return (rowOf(attempt.m_State).m_WantsAttention && !attempt.m_DueAt) || attempt.m_Asks >= maxAsks;
 }
 
 /// The name of a result code; null for none.
@@ -53,14 +55,15 @@ std::optional<std::string> codeName(std::optional<std::int64_t> const& code) {
     return code ? std::optional<std::string>(KVX_GetErrorName(static_cast<std::int32_t>(*code))) : std::nullopt;
 }
 
-void writeOrderMembers(JsonWriter& json, OrderRow const& order, AttemptRow const& standing) {
+void writeOrderMembers(JsonWriter& json, OrderRow const& order, std::string const& state, AttemptRow const& standing) {
     json.member("number", order.m_Number)
         .member("amount", order.m_Amount)
         .member("currency", order.m_Currency)
-        .member("state", std::string(nameOf(standing.m_State)));
+        .member("state", state);
     json.name("paid").flag(order.m_PaidAttempt.has_value());
     json.member("created", order.m_CreatedAt)
         .member("told", order.m_ToldAt)
+        .member("delivered", order.m_DeliveredAt)
         .member("newestAttempt", order.m_NewestAttempt)
         .member("paidAttempt", order.m_PaidAttempt)
         .member("lastCode", standing.m_LastCode)
@@ -69,12 +72,12 @@ void writeOrderMembers(JsonWriter& json, OrderRow const& order, AttemptRow const
         .member("due", standing.m_DueAt);
 }
 
-void writeAttempt(JsonWriter& json, AttemptRow const& attempt) {
+void writeAttempt(JsonWriter& json, AttemptRow const& attempt, std::int64_t maxAsks) {
     json.open('{')
         .member("attempt", attempt.m_Attempt)
         .member("token", attempt.m_Token)
         .member("state", std::string(nameOf(attempt.m_State)));
-    json.name("attention").flag(wantsAttention(attempt));
+    json.name("attention").flag(wantsAttention(attempt, maxAsks));
     json.member("url", attempt.m_Url)
         .member("created", attempt.m_CreatedAt)
         .member("expires", attempt.m_ExpiresAt)
@@ -83,6 +86,7 @@ void writeAttempt(JsonWriter& json, AttemptRow const& attempt) {
         .member("paymentId", attempt.m_PaymentId)
         .member("tries", attempt.m_Tries)
         .member("refusals", attempt.m_Refusals)
+        .member("asks", attempt.m_Asks)
         .member("lastCode", attempt.m_LastCode)
         .member("lastCodeName", codeName(attempt.m_LastCode))
         .member("lastReason", attempt.m_LastReason)
@@ -92,13 +96,13 @@ void writeAttempt(JsonWriter& json, AttemptRow const& attempt) {
 }
 
 void writeOrder(JsonWriter& json, OrderRow const& order, AttemptRow const& standing,
-                std::vector<AttemptRow> const& attempts) {
+                std::vector<AttemptRow> const& attempts, std::int64_t maxAsks) {
     json.open('{');
-    writeOrderMembers(json, order, standing);
+    writeOrderMembers(json, order, nameOf(standing.m_State), standing);
     json.name("attributes").raw(order.m_Attributes);
     json.name("attempts").open('[');
     for (AttemptRow const& attempt : attempts) {
-        writeAttempt(json, attempt);
+        writeAttempt(json, attempt, maxAsks);
     }
     json.close(']').close('}');
 }
@@ -133,15 +137,18 @@ void writeTransition(JsonWriter& json, TransitionRecord const& record) {
 }  // namespace
 
 std::string OrderLedger::stateOf(std::string const& number) {
-    Transaction const reading(store().database(), Database::Access::kRead);
-    return nameOf(standingAttempt(requireOrder(number)).m_State);
+    return inSnapshot(store().database(),
+                      [&] { return std::string(nameOf(standingAttempt(requireOrder(number)).m_State)); });
 }
 
 std::string OrderLedger::orderAsJson(std::string const& number) {
-    Transaction const reading(store().database(), Database::Access::kRead);
+    return inSnapshot(store().database(), [&] { return readOrder(number); });
+}
+
+std::string OrderLedger::readOrder(std::string const& number) {
     OrderRow const order = requireOrder(number);
     JsonWriter json;
-    writeOrder(json, order, standingAttempt(order), store().attempts(order.m_Id));
+    writeOrder(json, order, standingAttempt(order), store().attempts(order.m_Id), m_Options.m_MaxAsks);
     return json.json();
 }
 
@@ -150,9 +157,14 @@ std::string OrderLedger::ordersAsJson(std::string const& filter, std::string con
     if (limit < 1 || limit > kMaxPage) {
         throw Failure(KVX_E_LEDGER_INVALID, "the limit is not from 1 to " + std::to_string(kMaxPage));
     }
-    Transaction const reading(store().database(), Database::Access::kRead);
+    return inSnapshot(store().database(), [&] { return readOrders(chosen, filter, after, limit); });
+}
+
+std::string OrderLedger::readOrders(Filter chosen, std::string const& state, std::string const& after,
+                                    std::int32_t limit) {
     std::int64_t const afterId = after.empty() ? 0 : requireOrder(after).m_Id;
-    std::vector<OrderRow> orders = store().orders(chosen, filter, afterId, std::int64_t{limit} + 1);
+    std::vector<OrderRow> orders =
+        store().orders(chosen, {state, m_Options.m_MaxAsks}, afterId, std::int64_t{limit} + 1);
     bool const hasMore = orders.size() > static_cast<std::size_t>(limit);
     if (hasMore) {
         orders.pop_back();
@@ -161,7 +173,18 @@ std::string OrderLedger::ordersAsJson(std::string const& filter, std::string con
     json.open('{').name("orders").open('[');
     for (OrderRow const& order : orders) {
         json.open('{');
-        writeOrderMembers(json, order, standingAttempt(order));
+        try {
+            AttemptRow const standing = standingAttempt(order);
+            writeOrderMembers(json, order, nameOf(standing.m_State), standing);
+        } catch (Failure const& failure) {
+            if (failure.code() != KVX_E_LEDGER_DAMAGED) {
+                throw;
+            }
+            AttemptRow damaged;
+            damaged.m_LastCode = failure.code();
+            damaged.m_LastReason = failure.what();
+            writeOrderMembers(json, order, kDamaged, damaged);
+        }
         json.close('}');
     }
     json.close(']');
@@ -170,7 +193,10 @@ std::string OrderLedger::ordersAsJson(std::string const& filter, std::string con
 }
 
 std::string OrderLedger::evidenceAsJson(std::string const& number) {
-    Transaction const reading(store().database(), Database::Access::kRead);
+    return inSnapshot(store().database(), [&] { return readEvidence(number); });
+}
+
+std::string OrderLedger::readEvidence(std::string const& number) {
     OrderRow const order = requireOrder(number);
     std::vector<TransitionRecord> const records = store().transitions(order.m_Id);
     JsonWriter json;
@@ -179,7 +205,7 @@ std::string OrderLedger::evidenceAsJson(std::string const& number) {
                                           "these bytes are those of message, each followed by 00, or by ff when it is "
                                           "80 or above"));
     json.name("order");
-    writeOrder(json, order, standingAttempt(order), store().attempts(order.m_Id));
+    writeOrder(json, order, standingAttempt(order), store().attempts(order.m_Id), m_Options.m_MaxAsks);
     std::set<std::string> fingerprints;
     json.name("transitions").open('[');
     for (TransitionRecord const& record : records) {

@@ -6,8 +6,10 @@
 // that a capture may have been sent. A result that arrives after the lease has run out still counts when it is success.
 //
 // A lease is the time when the attempt is due again. A clock that was set back leaves such times far ahead; what lies
-// behind the longest pause is due at once. The worst that follows is a second status request, never a second capture.
+// more than kMaxClockSkew behind the longest pause is due at once. So the clocks of workers may differ by that much.
 #include <algorithm>
+#include <exception>
+#include <limits>
 
 #include "ledger/byteforms.h"
 #include "ledger/failure.h"
@@ -31,6 +33,29 @@ void storeResult(AttemptRow& attempt, Result const& result) {
         result.m_Code == KVX_OK ? std::optional<std::string>() : std::optional<std::string>(result.m_Reason);
 }
 
+/// What a status response says of another payment than this one; "" when nothing. It is not signed: the connection
+/// makes it the service's, and the response to this request. So it need not name the payment, but whatever it repeats
+/// has to be right.
+std::string differenceIn(Message const& response, OrderRow const& order, AttemptRow const& attempt) {
+    struct Known {
+        char const* m_Name;
+        std::optional<std::string> m_Value;  ///< Nothing: not known yet.
+    };
+    Known const known[] = {{"TOKEN", attempt.m_Token},
+                           {"ID", attempt.m_PaymentId},
+                           {"ORDERID", order.m_Number},
+                           {"AMOUNT", order.m_Amount},
+                           {"CURRENCY", order.m_Currency}};
+    for (Known const& row : known) {
+        std::optional<std::string> const found = response.find(row.m_Name);
+        if (found && row.m_Value && *found != *row.m_Value) {
+            return std::string(row.m_Name) + " is \"" + printable(*found) + "\", not \"" + printable(*row.m_Value) +
+                   "\"";
+        }
+    }
+    return "";
+}
+
 Evidence evidenceOf(std::string const& worker, Result const& result) {
     Evidence evidence;
     evidence.m_Cause = result.m_Reason.empty() ? worker : worker + ": " + result.m_Reason;
@@ -45,26 +70,44 @@ std::int32_t OrderLedger::runDue(std::int32_t limit) {
         throw Failure(KVX_E_LEDGER_INVALID, "the limit is less than 1");
     }
     static_cast<void>(store());
+    // A renewal that cannot be finished must not keep the worker from its other jobs.
+    std::exception_ptr renewalFailure;
+    try {
+        SetupRenewal(account().directory(), store(), m_Options).catchUp();
+    } catch (Failure const&) {
+        renewalFailure = std::current_exception();
+    }
     m_Keys->recordCurrent(now());
-    if (!m_HasWoken && (m_Options.canAsk() || m_Options.m_CaptureIdempotent)) {
-        inTransaction([&] {
-            store().wakeDoubtful(now());
-            return true;
-        });
+    if (!m_HasWoken) {
+        wake();
     }
     m_HasWoken = true;
     std::int32_t done = tryKept(limit);
     while (done < limit && runOne()) {
         ++done;
     }
+    if (renewalFailure != nullptr) {
+        std::rethrow_exception(renewalFailure);
+    }
     return done;
 }
 
-/// Examines the kept confirmations whose key has arrived, and drops those that have waited too long.
+/// Makes due what handles with other options have left alone.
+void OrderLedger::wake() {
+    inTransaction([&] {
+        if (m_Options.canAsk() || m_Options.m_CaptureIdempotent) {
+            constexpr std::int64_t kAny = std::numeric_limits<std::int64_t>::max();
+            store().wakeDoubtful(now(), m_Options.canAsk() ? kAny : m_Options.m_MaxRefusals);
+        }
+        if (m_Options.m_Capture) {
+            store().wakeAuthorised(now());
+        }
+        return true;
+    });
+}
+
+/// Drops the kept confirmations that have waited too long, and examines those whose key has become the service's.
 std::int32_t OrderLedger::tryKept(std::int32_t limit) {
-    constexpr std::int64_t kPage = 100;
-    std::int32_t done = 0;
-    std::int64_t after = 0;
     Time const at = now();
     Time const oldest = at - m_Options.m_OldKeySeconds * kSecond;
     if (store().hasKeptBefore(oldest)) {
@@ -73,27 +116,35 @@ std::int32_t OrderLedger::tryKept(std::int32_t limit) {
             return true;
         });
     }
-    for (std::vector<KeptRow> page = store().kept(after, kPage); !page.empty(); page = store().kept(after, kPage)) {
-        for (KeptRow const& kept : page) {
-            after = kept.m_Id;
-            if (!m_Keys->isHere(kept.m_KeyId)) {
+    std::int32_t done = 0;
+    for (std::string const& keyId : store().keptKeys()) {
+        if (done == limit) {
+            break;
+        }
+        try {
+            if (!m_Keys->isKnown(keyId, at, m_Options.m_OldKeySeconds)) {
                 continue;
             }
-            if (done == limit) {
-                return done;
+        } catch (Failure const& failure) {
+            if (failure.code() == KVX_E_CANNOT_OPEN) {
+                continue;  // the key's file cannot be read, which must not keep the worker from its other jobs
             }
-            Confirmation const confirmation{"kept " + kept.m_Messenger, kept.m_Data, kept.m_Signature};
-            std::optional<Message> message;
-            Result const result = account().verify(kept.m_Data, kept.m_Signature, message);
-            try {
-                if (!refusalOfVerification(result, confirmation)) {
-                    examineVerified(confirmation, message.value(), nullptr, at);
-                }
-            } catch (Failure const& failure) {
-                if (failure.code() == result.m_Code) {
-                    continue;  // the key's file is broken, which must not keep the worker from its other jobs
-                }
-                throw;
+            throw;
+        }
+        done += tryKeptUnder(keyId, limit - done, at);
+    }
+    return done;
+}
+
+/// Examines up to `limit` kept confirmations under a key that is here; returns how many.
+std::int32_t OrderLedger::tryKeptUnder(std::string const& keyId, std::int32_t limit, Time at) {
+    constexpr std::int32_t kPage = 100;
+    std::int32_t done = 0;
+    while (done < limit) {
+        std::vector<KeptRow> const page = store().kept(keyId, std::min(limit - done, kPage));
+        for (KeptRow const& kept : page) {
+            if (!examineKept(kept, at)) {
+                return done;
             }
             inTransaction([&] {
                 store().removeKept(kept.m_Id);
@@ -101,14 +152,36 @@ std::int32_t OrderLedger::tryKept(std::int32_t limit) {
             });
             ++done;
         }
+        if (page.empty()) {
+            break;
+        }
     }
     return done;
+}
+
+/// Records what a kept confirmation says; false when the key's file is broken, which must not keep the worker from its
+/// other jobs.
+bool OrderLedger::examineKept(KeptRow const& kept, Time at) {
+    Confirmation const confirmation{"kept " + kept.m_Messenger, kept.m_Data, kept.m_Signature};
+    std::optional<Message> message;
+    Result const result = account().verify(kept.m_Data, kept.m_Signature, message);
+    try {
+        if (!refusalOfVerification(result, confirmation)) {
+            examineVerified(confirmation, message.value(), nullptr, at);
+        }
+        return true;
+    } catch (Failure const& failure) {
+        if (failure.code() == result.m_Code) {
+            return false;
+        }
+        throw;
+    }
 }
 
 /// Does the job of the attempt that has been due for the longest time; false when none is due.
 bool OrderLedger::runOne() {
     Time const longest =
-        std::max({m_Options.m_LeaseSeconds, m_Options.m_RetryMax, m_Options.m_SettleSeconds}) * kSecond;
+        std::max({m_Options.m_LeaseSeconds, m_Options.m_RetryMax, m_Options.m_SettleSeconds}) * kSecond + kMaxClockSkew;
     while (true) {
         Time const at = now();
         std::optional<AttemptRow> const attempt =
@@ -122,7 +195,7 @@ bool OrderLedger::runOne() {
                 isDone = m_Options.m_Capture ? capture(store().order(attempt->m_OrderId), *attempt) : rest(*attempt);
                 break;
             case Job::kComplete:
-                isDone = m_Options.m_Complete ? complete(*attempt) : rest(*attempt);
+                isDone = m_Options.m_Complete ? complete(store().order(attempt->m_OrderId), *attempt) : rest(*attempt);
                 break;
             case Job::kTakeover:
                 isDone = interrupt(*attempt);
@@ -182,7 +255,7 @@ Message OrderLedger::captureMessage(OrderRow const& order, AttemptRow const& att
     return message;
 }
 
-bool OrderLedger::complete(AttemptRow const& attempt) {
+bool OrderLedger::complete(OrderRow const& order, AttemptRow const& attempt) {
     std::optional<Message> message;
     std::string text;
     try {
@@ -197,8 +270,12 @@ bool OrderLedger::complete(AttemptRow const& attempt) {
     }
     reached(TestPoint::kBeforeSending);
     std::optional<Message> response;
-    Result const result = message->execute(response);
+    Result result = message->execute(response);
     reached(TestPoint::kAfterSending);
+    std::string const difference = response ? differenceIn(*response, order, attempt) : "";
+    if (!difference.empty()) {
+        result = {KVX_E_WRONG_RESPONSE, "the response to a completion is about another payment: " + difference};
+    }
     recordExchange(attempt, owner, Event::kCompleteDone, Event::kCompleteFailed, Event::kCompleteInDoubt, result);
     return true;
 }
@@ -325,17 +402,13 @@ void OrderLedger::recordExchange(AttemptRow const& seen, std::string const& owne
 /// Records the response to a status request.
 void OrderLedger::recordAnswer(AttemptRow const& seen, std::string const& owner, Result const& result,
                                std::optional<Message> const& response) {
-    Result outcome = result;
     std::string word;
-    std::optional<std::string> paymentId;
+    std::string paymentId;
     Evidence evidence;
     if (response) {
         word = response->get(m_Options.m_StatusAttribute.c_str());
-        paymentId = response->find("ID");
+        paymentId = response->get("ID");
         evidence.m_Message = response->text();
-        if (response->find("TOKEN").value_or(seen.m_Token) != seen.m_Token) {
-            outcome = {KVX_E_WRONG_RESPONSE, "the status response is about another payment"};
-        }
     }
     inTransaction([&] {
         AttemptRow attempt = store().attempt(seen.m_OrderId, seen.m_Attempt);
@@ -344,18 +417,31 @@ void OrderLedger::recordAnswer(AttemptRow const& seen, std::string const& owner,
         }
         OrderRow order = store().order(seen.m_OrderId);
         Time const at = now();
+        Result outcome = result;
+        if (response) {
+            std::string const difference = differenceIn(*response, order, attempt);
+            if (!difference.empty()) {
+                outcome = {KVX_E_WRONG_RESPONSE, "the status response is about another payment: " + difference};
+            }
+        }
         std::optional<Event> event;
         if (outcome.m_Code == KVX_OK) {
             event = eventFound(order, attempt, word);
             if (!event) {
                 outcome.m_Reason = "the status response says \"" + printable(word) + "\"";
             }
-        } else if (outcome.m_Code == KVX_E_SERVER_ERROR) {
-            event = Event::kFoundNothing;
+        }
+        if (attempt.m_State == State::kWaiting) {
+            // One refusal may be any trouble of the service; the same again and again says that there is no payment.
+            attempt.m_Refusals = outcome.m_Code == KVX_E_SERVER_ERROR ? attempt.m_Refusals + 1 : 0;
+            if (attempt.m_Refusals != 0 && attempt.m_Refusals >= m_Options.m_MaxAsks) {
+                event = Event::kFoundNothing;
+            }
         }
         storeResult(attempt, outcome);
         if (!event || !stateAfter(attempt.m_State, *event)) {
             ++attempt.m_Tries;
+            ++attempt.m_Asks;
             attempt.m_LeaseOwner.reset();
             attempt.m_DueAt = at + backoff(attempt.m_Tries);
             if (!outcome.m_Reason.empty()) {
@@ -364,8 +450,13 @@ void OrderLedger::recordAnswer(AttemptRow const& seen, std::string const& owner,
             store().save(attempt);
             return true;
         }
-        if (paymentId && !attempt.m_PaymentId) {
+        if (!paymentId.empty() && !attempt.m_PaymentId) {
             attempt.m_PaymentId = paymentId;
+        }
+        // Captures that failed are still in a row after a response that says that none has happened.
+        if (event == Event::kFoundCaptured || event == Event::kFoundCompleted) {
+            attempt.m_Tries = 0;
+            attempt.m_Refusals = 0;
         }
         Evidence found = evidenceOf(m_Worker, outcome);
         found.m_Message = evidence.m_Message;
@@ -397,6 +488,7 @@ std::optional<Event> OrderLedger::eventFound(OrderRow const& order, AttemptRow c
         {m_Options.m_Captured, Event::kFoundCaptured},   {m_Options.m_Completed, Event::kFoundCompleted},
         {m_Options.m_Opened, Event::kFoundOpened},       {m_Options.m_Declined, Event::kFoundDeclined},
         {m_Options.m_Cancelled, Event::kFoundCancelled}, {m_Options.m_Expired, Event::kFoundExpired},
+        {m_Options.m_Lapsed, Event::kFoundLapsed},
     };
     for (Word const& known : words) {
         if (word == known.m_Word) {

@@ -4,6 +4,8 @@
 // which the constants below list them.
 #include "ledger/orderstore.h"
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "ledger/failure.h"
@@ -63,16 +65,30 @@ Value orNull(std::optional<Kind> const& value) {
 
 #define LEDGER_ORDER_COLUMNS                                                                           \
     "orders.id, orders.number, orders.amount, orders.currency, orders.attributes, orders.created_at, " \
-    "orders.newest_attempt, orders.paid_attempt, orders.told_at"
+    "orders.newest_attempt, orders.paid_attempt, orders.told_at, orders.delivered_at, orders.report_at"
 
 #define LEDGER_ATTEMPT_COLUMNS                                                                             \
     "order_id, attempt, token, state, message, url, created_at, expires_at, result, paid_at, payment_id, " \
-    "confirmation, tries, refusals, last_code, last_reason, due_at, lease_owner"
+    "confirmation, tries, refusals, last_code, last_reason, due_at, lease_owner, asks"
+
+/// Paid, and nothing says that the service will not capture. Written so that no database takes the index on states,
+/// which would have it read all attempts; so below.
+#define LEDGER_IS_DELIVERABLE                                                                               \
+    "COALESCE(state, '') IN ('authorised', 'capturing', 'captured', 'completing', 'completed', 'unknown', " \
+    "'completion_unknown')"
+
+/// In a state that this release knows. One row in another, which a newer release or a stranger has written, must not
+/// stop the worker.
+#define LEDGER_STATE_IS_KNOWN                                                                            \
+    "COALESCE(state, '') IN ('opened', 'waiting', 'authorised', 'capturing', 'captured', 'completing', " \
+    "'completed', 'declined', 'cancelled', 'expired', 'capture_refused', 'unknown', 'completion_unknown', 'surplus')"
+static_assert(std::size(kStates) == 14, "a new state stands in the two lists above, where it belongs there");
 
 OrderRow orderIn(Row& row) {
     OrderRow order;
     Columns(row) >> order.m_Id >> order.m_Number >> order.m_Amount >> order.m_Currency >> order.m_Attributes >>
-        order.m_CreatedAt >> order.m_NewestAttempt >> order.m_PaidAttempt >> order.m_ToldAt;
+        order.m_CreatedAt >> order.m_NewestAttempt >> order.m_PaidAttempt >> order.m_ToldAt >> order.m_DeliveredAt >>
+        order.m_ReportAt;
     return order;
 }
 
@@ -81,8 +97,13 @@ AttemptRow attemptIn(Row& row) {
     Columns(row) >> attempt.m_OrderId >> attempt.m_Attempt >> attempt.m_Token >> attempt.m_State >> attempt.m_Message >>
         attempt.m_Url >> attempt.m_CreatedAt >> attempt.m_ExpiresAt >> attempt.m_Result >> attempt.m_PaidAt >>
         attempt.m_PaymentId >> attempt.m_Confirmation >> attempt.m_Tries >> attempt.m_Refusals >> attempt.m_LastCode >>
-        attempt.m_LastReason >> attempt.m_DueAt >> attempt.m_LeaseOwner;
+        attempt.m_LastReason >> attempt.m_DueAt >> attempt.m_LeaseOwner >> attempt.m_Asks;
     return attempt;
+}
+
+/// Whether a column of plain ASCII can hold the text.
+bool isPlain(std::string const& text) {
+    return std::all_of(text.begin(), text.end(), [](char byte) { return byte > 0; });
 }
 
 std::int64_t numberIn(Rows rows) {
@@ -95,6 +116,9 @@ std::int64_t numberIn(Rows rows) {
 
 std::optional<OrderRow> Store::orderNumbered(std::string const& number) {
     static constexpr char kSql[] = "SELECT " LEDGER_ORDER_COLUMNS " FROM orders WHERE number = $1";
+    if (!isPlain(number)) {
+        return std::nullopt;
+    }
     Rows rows = m_Database->run(kSql, {number});
     return rows.empty() ? std::nullopt : std::optional<OrderRow>(orderIn(rows[0]));
 }
@@ -109,30 +133,45 @@ OrderRow Store::order(std::int64_t id) {
 }
 
 std::optional<OrderRow> Store::untoldOrder() {
-    static constexpr char kSql[] = "SELECT " LEDGER_ORDER_COLUMNS
-                                   " FROM orders JOIN attempts ON order_id = id AND attempt = paid_attempt"
-                                   " WHERE paid_attempt IS NOT NULL AND told_at IS NULL AND state <> 'capture_refused'"
-                                   " ORDER BY id LIMIT 1";
+    static constexpr char kSql[] =
+        "SELECT " LEDGER_ORDER_COLUMNS
+        " FROM orders JOIN attempts ON order_id = id AND attempt = paid_attempt"
+        " WHERE paid_attempt IS NOT NULL AND told_at IS NULL AND " LEDGER_IS_DELIVERABLE " ORDER BY id LIMIT 1";
     Rows rows = m_Database->run(kSql, {});
     return rows.empty() ? std::nullopt : std::optional<OrderRow>(orderIn(rows[0]));
 }
 
-std::vector<OrderRow> Store::orders(Filter filter, std::string const& state, std::int64_t after, std::int64_t limit) {
+std::optional<OrderRow> Store::undeliveredOrder(Time now, Time horizon) {
+    static constexpr char kSql[] =
+        "SELECT " LEDGER_ORDER_COLUMNS
+        " FROM orders JOIN attempts ON order_id = id AND attempt = paid_attempt"
+        " WHERE report_at IS NOT NULL AND (report_at <= $1 OR report_at > $2) AND " LEDGER_IS_DELIVERABLE
+        " ORDER BY report_at, id LIMIT 1";
+    Rows rows = m_Database->run(kSql, {now, horizon});
+    return rows.empty() ? std::nullopt : std::optional<OrderRow>(orderIn(rows[0]));
+}
+
+std::vector<OrderRow> Store::orders(Filter filter, FilterValues const& values, std::int64_t after, std::int64_t limit) {
     static constexpr char kAll[] = "SELECT " LEDGER_ORDER_COLUMNS " FROM orders WHERE id > $1 ORDER BY id LIMIT $2";
     static constexpr char kPaid[] =
         "SELECT " LEDGER_ORDER_COLUMNS " FROM orders WHERE id > $1 AND paid_attempt IS NOT NULL ORDER BY id LIMIT $2";
     static constexpr char kUntold[] =
         "SELECT " LEDGER_ORDER_COLUMNS
-        " FROM orders WHERE id > $1 AND paid_attempt IS NOT NULL AND told_at IS NULL ORDER BY id LIMIT $2";
+        " FROM orders JOIN attempts ON order_id = id AND attempt = paid_attempt"
+        " WHERE id > $1 AND paid_attempt IS NOT NULL AND told_at IS NULL AND " LEDGER_IS_DELIVERABLE
+        " ORDER BY id LIMIT $2";
+    static constexpr char kUndelivered[] =
+        "SELECT " LEDGER_ORDER_COLUMNS " FROM orders WHERE id > $1 AND report_at IS NOT NULL ORDER BY id LIMIT $2";
     static constexpr char kSurplus[] =
         "SELECT " LEDGER_ORDER_COLUMNS
         " FROM orders WHERE id > $1 AND id IN (SELECT order_id FROM attempts WHERE state = 'surplus')"
         " ORDER BY id LIMIT $2";
-    static constexpr char kAttention[] =
-        "SELECT " LEDGER_ORDER_COLUMNS
-        " FROM orders WHERE id > $1 AND id IN (SELECT order_id FROM attempts"
-        " WHERE state IN ('surplus', 'capture_refused')"
-        " OR (state IN ('unknown', 'completion_unknown') AND due_at IS NULL)) ORDER BY id LIMIT $2";
+    static constexpr char kAttention[] = "SELECT " LEDGER_ORDER_COLUMNS
+                                         " FROM orders WHERE id > $1 AND id IN (SELECT order_id FROM attempts"
+                                         " WHERE state IN ('surplus', 'capture_refused')"
+                                         " OR (state IN ('unknown', 'completion_unknown') AND due_at IS NULL)"
+                                         " OR asks >= $2 UNION ALL SELECT order_id FROM attempts"
+                                         " WHERE due_at >= 0 AND NOT " LEDGER_STATE_IS_KNOWN ") ORDER BY id LIMIT $3";
     static constexpr char kInState[] =
         "SELECT " LEDGER_ORDER_COLUMNS
         " FROM orders JOIN attempts ON order_id = id AND attempt = COALESCE(paid_attempt, newest_attempt)"
@@ -148,14 +187,17 @@ std::vector<OrderRow> Store::orders(Filter filter, std::string const& state, std
         case Filter::kUntold:
             rows = m_Database->run(kUntold, {after, limit});
             break;
+        case Filter::kUndelivered:
+            rows = m_Database->run(kUndelivered, {after, limit});
+            break;
         case Filter::kSurplus:
             rows = m_Database->run(kSurplus, {after, limit});
             break;
         case Filter::kAttention:
-            rows = m_Database->run(kAttention, {after, limit});
+            rows = m_Database->run(kAttention, {after, values.m_MaxAsks, limit});
             break;
         case Filter::kState:
-            rows = m_Database->run(kInState, {after, state, limit});
+            rows = m_Database->run(kInState, {after, values.m_State, limit});
             break;
     }
     std::vector<OrderRow> orders;
@@ -176,12 +218,17 @@ void Store::add(OrderRow& order) {
 
 void Store::save(OrderRow const& order) {
     static constexpr char kSql[] =
-        "UPDATE orders SET newest_attempt = $1, paid_attempt = $2, told_at = $3 WHERE id = $4";
-    m_Database->run(kSql, {order.m_NewestAttempt, orNull(order.m_PaidAttempt), orNull(order.m_ToldAt), order.m_Id});
+        "UPDATE orders SET newest_attempt = $1, paid_attempt = $2, told_at = $3, delivered_at = $4, report_at = $5"
+        " WHERE id = $6";
+    m_Database->run(kSql, {order.m_NewestAttempt, orNull(order.m_PaidAttempt), orNull(order.m_ToldAt),
+                           orNull(order.m_DeliveredAt), orNull(order.m_ReportAt), order.m_Id});
 }
 
 std::optional<AttemptRow> Store::attemptWithToken(std::string const& token) {
     static constexpr char kSql[] = "SELECT " LEDGER_ATTEMPT_COLUMNS " FROM attempts WHERE token = $1";
+    if (!isPlain(token)) {
+        return std::nullopt;
+    }
     Rows rows = m_Database->run(kSql, {token});
     return rows.empty() ? std::nullopt : std::optional<AttemptRow>(attemptIn(rows[0]));
 }
@@ -219,22 +266,23 @@ void Store::add(AttemptRow const& attempt) {
 void Store::save(AttemptRow const& attempt) {
     static constexpr char kSql[] =
         "UPDATE attempts SET state = $1, result = $2, paid_at = $3, payment_id = $4, confirmation = $5, tries = $6,"
-        " refusals = $7, last_code = $8, last_reason = $9, due_at = $10, lease_owner = $11"
-        " WHERE order_id = $12 AND attempt = $13";
+        " refusals = $7, last_code = $8, last_reason = $9, due_at = $10, lease_owner = $11,"
+        " asks = $12 WHERE order_id = $13 AND attempt = $14";
     m_Database->run(kSql,
                     {std::string(nameOf(attempt.m_State)), orNull(attempt.m_Result), orNull(attempt.m_PaidAt),
                      orNull(attempt.m_PaymentId), orNull(attempt.m_Confirmation), attempt.m_Tries, attempt.m_Refusals,
                      orNull(attempt.m_LastCode), orNull(attempt.m_LastReason), orNull(attempt.m_DueAt),
-                     orNull(attempt.m_LeaseOwner), attempt.m_OrderId, attempt.m_Attempt});
+                     orNull(attempt.m_LeaseOwner), attempt.m_Asks, attempt.m_OrderId, attempt.m_Attempt});
 }
 
 std::optional<AttemptRow> Store::dueAttempt(Time now, Time horizon, Time grace) {
     static constexpr char kDue[] = "SELECT " LEDGER_ATTEMPT_COLUMNS
-                                   " FROM attempts WHERE due_at IS NOT NULL AND due_at <= $1 ORDER BY due_at LIMIT 1";
+                                   " FROM attempts WHERE due_at IS NOT NULL AND due_at <= $1 AND " LEDGER_STATE_IS_KNOWN
+                                   " ORDER BY due_at LIMIT 1";
     static constexpr char kBehindHorizon[] =
         "SELECT " LEDGER_ATTEMPT_COLUMNS
         " FROM attempts WHERE due_at IS NOT NULL AND due_at > $1"
-        " AND (state <> 'waiting' OR due_at > expires_at + $2) ORDER BY due_at LIMIT 1";
+        " AND (state <> 'waiting' OR due_at > expires_at + $2) AND " LEDGER_STATE_IS_KNOWN " ORDER BY due_at LIMIT 1";
     Rows rows = m_Database->run(kDue, {now});
     if (rows.empty()) {
         rows = m_Database->run(kBehindHorizon, {horizon, grace});
@@ -242,9 +290,15 @@ std::optional<AttemptRow> Store::dueAttempt(Time now, Time horizon, Time grace) 
     return rows.empty() ? std::nullopt : std::optional<AttemptRow>(attemptIn(rows[0]));
 }
 
-void Store::wakeDoubtful(Time now) {
+void Store::wakeDoubtful(Time now, std::int64_t refusals) {
     static constexpr char kSql[] =
-        "UPDATE attempts SET due_at = $1 WHERE state IN ('unknown', 'completion_unknown') AND due_at IS NULL";
+        "UPDATE attempts SET due_at = $1 WHERE state IN ('unknown', 'completion_unknown') AND due_at IS NULL"
+        " AND refusals < $2";
+    m_Database->run(kSql, {now, refusals});
+}
+
+void Store::wakeAuthorised(Time now) {
+    static constexpr char kSql[] = "UPDATE attempts SET due_at = $1 WHERE state = 'authorised' AND due_at IS NULL";
     m_Database->run(kSql, {now});
 }
 
@@ -272,6 +326,24 @@ std::vector<TransitionRecord> Store::transitions(std::int64_t orderId) {
     return records;
 }
 
+std::optional<AccountRow> Store::account() {
+    static constexpr char kSql[] = "SELECT customer_id, payment_url FROM account WHERE id = 1";
+    Rows rows = m_Database->run(kSql, {});
+    if (rows.empty()) {
+        return std::nullopt;
+    }
+    AccountRow account;
+    Columns(rows[0]) >> account.m_CustomerId >> account.m_PaymentUrl;
+    return account;
+}
+
+void Store::setAccount(AccountRow const& account) {
+    static constexpr char kSql[] =
+        "INSERT INTO account (id, customer_id, payment_url) VALUES (1, $1, $2)"
+        " ON CONFLICT (id) DO UPDATE SET customer_id = excluded.customer_id, payment_url = excluded.payment_url";
+    m_Database->run(kSql, {account.m_CustomerId, account.m_PaymentUrl});
+}
+
 std::optional<ServiceKey> Store::keyWithFingerprint(std::string const& fingerprint) {
     static constexpr char kSql[] =
         "SELECT fingerprint, key_id, blob, first_at, replaced_at FROM service_keys WHERE fingerprint = $1";
@@ -289,7 +361,7 @@ void Store::setCurrentKey(ServiceKey const& key, Time now) {
         "UPDATE service_keys SET replaced_at = $1 WHERE replaced_at IS NULL AND fingerprint <> $2";
     static constexpr char kSet[] =
         "INSERT INTO service_keys (fingerprint, key_id, blob, first_at) VALUES ($1, $2, $3, $4)"
-        " ON CONFLICT (fingerprint) DO UPDATE SET replaced_at = NULL";
+        " ON CONFLICT (fingerprint) DO UPDATE SET key_id = excluded.key_id, replaced_at = NULL";
     m_Database->run(kReplace, {now, key.m_Fingerprint});
     m_Database->run(kSet, {key.m_Fingerprint, key.m_KeyId, key.m_Blob, now});
 }
@@ -333,12 +405,21 @@ bool Store::hasKeptBefore(Time time) {
     return numberIn(m_Database->run(kSql, {time})) != 0;
 }
 
-std::vector<KeptRow> Store::kept(std::int64_t after, std::int64_t limit) {
+std::vector<std::string> Store::keptKeys() {
+    static constexpr char kSql[] = "SELECT DISTINCT key_id FROM kept ORDER BY key_id";
+    std::vector<std::string> keys;
+    for (Row& row : m_Database->run(kSql, {})) {
+        Columns(row) >> keys.emplace_back();
+    }
+    return keys;
+}
+
+std::vector<KeptRow> Store::kept(std::string const& keyId, std::int64_t limit) {
     static constexpr char kSql[] =
-        "SELECT id, order_id, attempt, key_id, messenger, data, signature, created_at FROM kept WHERE id > $1"
-        " ORDER BY id LIMIT $2";
+        "SELECT id, order_id, attempt, key_id, messenger, data, signature, created_at FROM kept"
+        " WHERE key_id = $1 ORDER BY id LIMIT $2";
     std::vector<KeptRow> all;
-    for (Row& row : m_Database->run(kSql, {after, limit})) {
+    for (Row& row : m_Database->run(kSql, {keyId, limit})) {
         KeptRow& kept = all.emplace_back();
         Columns(row) >> kept.m_Id >> kept.m_OrderId >> kept.m_Attempt >> kept.m_KeyId >> kept.m_Messenger >>
             kept.m_Data >> kept.m_Signature >> kept.m_CreatedAt;

@@ -1,7 +1,7 @@
 /// The rows of the store, and every statement on them.
 ///
-/// The columns are explained in schema_1.sql. Functions that change rows run inside a transaction that the caller
-/// commits; the others may run outside of one. All of them throw Failure, and Conflict inside a transaction.
+/// The columns are explained in schema_1.sql and schema_2.sql. Functions that change rows run inside a transaction that
+/// the caller commits; the others may run outside of one. All of them throw Failure, and Conflict inside a transaction.
 #ifndef TALLOWIN_LEDGER_ORDERSTORE_H
 #define TALLOWIN_LEDGER_ORDERSTORE_H
 
@@ -27,6 +27,8 @@ struct OrderRow {
     std::int64_t m_NewestAttempt = 0;
     std::optional<std::int64_t> m_PaidAttempt;
     std::optional<Time> m_ToldAt;
+    std::optional<Time> m_DeliveredAt;
+    std::optional<Time> m_ReportAt;
 };
 
 struct AttemptRow {
@@ -48,6 +50,7 @@ struct AttemptRow {
     std::optional<std::string> m_LastReason;
     std::optional<Time> m_DueAt;
     std::optional<std::string> m_LeaseOwner;
+    std::int64_t m_Asks = 0;
 };
 
 /// What is stored of a transition beside the states.
@@ -67,6 +70,12 @@ struct TransitionRecord {
     std::string m_Event;
     Time m_At = 0;
     Evidence m_Evidence;
+};
+
+/// What distinguishes the merchant account of the store from another.
+struct AccountRow {
+    std::string m_CustomerId;  ///< "": not known.
+    std::string m_PaymentUrl;
 };
 
 /// A key that the service has signed with.
@@ -90,7 +99,13 @@ struct KeptRow {
 };
 
 /// Which orders a page lists.
-enum class Filter { kAll, kState, kPaid, kUntold, kSurplus, kAttention };
+enum class Filter { kAll, kState, kPaid, kUntold, kUndelivered, kSurplus, kAttention };
+
+/// What filters look for.
+struct FilterValues {
+    std::string m_State;         ///< kState.
+    std::int64_t m_MaxAsks = 0;  ///< kAttention.
+};
 
 class Store {
 public:
@@ -102,16 +117,20 @@ public:
     std::optional<OrderRow> orderNumbered(std::string const& number);
     OrderRow order(std::int64_t id);
 
-    /// The order that is paid and was begun first of those that nobody has been told of.
+    /// The order that is paid and was begun first of those that have not been reported.
     std::optional<OrderRow> untoldOrder();
 
+    /// The order whose delivery has been overdue for the longest time. One that is to be reported behind `horizon` was
+    /// put there by a clock that has been set back since.
+    std::optional<OrderRow> undeliveredOrder(Time now, Time horizon);
+
     /// Up to `limit` orders behind the order with the id `after`, in the order in which they were begun.
-    std::vector<OrderRow> orders(Filter filter, std::string const& state, std::int64_t after, std::int64_t limit);
+    std::vector<OrderRow> orders(Filter filter, FilterValues const& values, std::int64_t after, std::int64_t limit);
 
     /// Adds the order; its id is set.
     void add(OrderRow& order);
 
-    /// Stores the last three columns of the order.
+    /// Stores what may change of the order.
     void save(OrderRow const& order);
 
     // Attempts.
@@ -127,12 +146,20 @@ public:
     /// that has been set back since, and is due now; a waiting one only when that is later than its expiry and `grace`.
     std::optional<AttemptRow> dueAttempt(Time now, Time horizon, Time grace);
 
-    /// Makes the attempts due whose outcome is in doubt and that were left for a person.
-    void wakeDoubtful(Time now);
+    /// Makes the attempts due whose outcome is in doubt and that were left for a person, but not those that the service
+    /// has refused `refusals` times or more.
+    void wakeDoubtful(Time now, std::int64_t refusals);
+
+    /// Makes the attempts due that are authorised and that were not to be captured.
+    void wakeAuthorised(Time now);
 
     // Evidence.
     void add(AttemptRow const& attempt, State from, Event event, Time at, Evidence const& evidence);
     std::vector<TransitionRecord> transitions(std::int64_t orderId);
+
+    // Account.
+    std::optional<AccountRow> account();
+    void setAccount(AccountRow const& account);
 
     // Keys.
     std::optional<ServiceKey> keyWithFingerprint(std::string const& fingerprint);
@@ -149,8 +176,11 @@ public:
     void removeKeptBefore(Time time);
     bool hasKeptBefore(Time time);
 
-    /// Up to `limit` kept confirmations behind the one with the id `after`.
-    std::vector<KeptRow> kept(std::int64_t after, std::int64_t limit);
+    /// The ids of all keys of kept confirmations, each once.
+    std::vector<std::string> keptKeys();
+
+    /// The first kept confirmations under a key, up to `limit`.
+    std::vector<KeptRow> kept(std::string const& keyId, std::int64_t limit);
 
 private:
     std::unique_ptr<Database> m_Database;

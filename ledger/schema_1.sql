@@ -3,7 +3,7 @@
 -- All times are milliseconds since 1970 in UTC. Names of states and events are those of lifecycle.json. Merchants join
 -- these tables with their own: names and meanings are published. Only the ledger writes them.
 
--- What the shop asked to be paid. Never changes, but for the last three columns.
+-- What the shop asked to be paid. Never changes, but for newest_attempt and what follows it.
 CREATE TABLE orders (
   id              INTEGER PRIMARY KEY,
   number          TEXT NOT NULL UNIQUE,         -- ORDERID of its payments
@@ -31,8 +31,8 @@ CREATE TABLE attempts (
   paid_at         INTEGER,                      -- when the ledger learned that it is paid; NULL: never
   payment_id      TEXT,                         -- ID: the service's name for the payment
   confirmation    TEXT,                         -- DATA of the confirmation that says paid; captures send it
-  tries           INTEGER NOT NULL DEFAULT 0,   -- exchanges that failed in a row
-  refusals        INTEGER NOT NULL DEFAULT 0,   -- captures that the service refused in a row
+  tries           INTEGER NOT NULL DEFAULT 0,   -- failed exchanges since the last result
+  refusals        INTEGER NOT NULL DEFAULT 0,   -- captures that the service refused since the last result
   last_code       INTEGER,                      -- result code of the last exchange
   last_reason     TEXT,
   due_at          INTEGER,                      -- when the worker looks at it next, the end of a lease included; NULL: never

@@ -15,11 +15,30 @@ constexpr char kConfig[] = "config.xml";
 constexpr char kPublic[] = "keys/public/";
 constexpr char kPrivate[] = "keys/private/";
 
-bool isFileName(std::string const& keyId) {
-    return !keyId.empty() && keyId != "." && keyId != ".." && keyId.find('/') == std::string::npos;
+constexpr char kQuotes[] = "\"'";
+constexpr char kSpaces[] = " \t\r\n";
+
+/// Whether `text`, which stands between two values of attributes, ends with "KEYID=" as a name of its own. Spaces may
+/// stand around the sign.
+bool endsWithNameOfKeyId(std::string text) {
+    static std::string const kName = "KEYID";
+    auto const trim = [&] { text.erase(text.find_last_not_of(kSpaces) + 1); };
+    trim();
+    if (text.empty() || text.back() != '=') {
+        return false;
+    }
+    text.pop_back();
+    trim();
+    return text.substr(text.find_last_of(kSpaces) + 1) == kName;
 }
 
 }  // namespace
+
+bool isFileName(std::string const& keyId) {
+    constexpr std::size_t kMaxName = 255;
+    return !keyId.empty() && keyId.size() <= kMaxName && keyId != "." && keyId != ".." &&
+           keyId.find('/') == std::string::npos;
+}
 
 FileStamp::FileStamp(std::string const& path) : m_Exists(::stat(path.c_str(), &m_Status) == 0) {}
 
@@ -52,16 +71,18 @@ ServiceKey const& ServiceKeys::current() {
 
 void ServiceKeys::recordCurrent(Time now) {
     ServiceKey const& key = current();
-    if (m_Recorded == key.m_Fingerprint) {
+    std::string const name = key.m_Fingerprint + " " + key.m_KeyId;
+    if (m_Recorded == name) {
         return;
     }
     std::optional<ServiceKey> const stored = m_Store.keyWithFingerprint(key.m_Fingerprint);
-    if (!stored || stored->m_ReplacedAt) {
-        Transaction transaction(m_Store.database(), Database::Access::kWrite);
-        m_Store.setCurrentKey(key, now);
-        transaction.commit();
+    if (!stored || stored->m_ReplacedAt || stored->m_KeyId != key.m_KeyId) {
+        inTransaction(m_Store.database(), [&] {
+            m_Store.setCurrentKey(key, now);
+            return true;
+        });
     }
-    m_Recorded = key.m_Fingerprint;
+    m_Recorded = name;
 }
 
 std::optional<ServiceKey> ServiceKeys::accepted(std::string const& keyId, Time now, std::int64_t oldSeconds) {
@@ -71,7 +92,7 @@ std::optional<ServiceKey> ServiceKeys::accepted(std::string const& keyId, Time n
     std::optional<ServiceKey> const key = read(keyId);
     std::optional<ServiceKey> const stored =
         key ? m_Store.keyWithFingerprint(key->m_Fingerprint) : std::optional<ServiceKey>();
-    if (!stored || stored->m_KeyId != keyId) {
+    if (!stored) {
         return std::nullopt;
     }
     bool const isTooOld = stored->m_ReplacedAt && now - *stored->m_ReplacedAt > oldSeconds * kSecond;
@@ -91,6 +112,10 @@ bool ServiceKeys::isOwn(std::string const& keyId) const {
         throw Failure(KVX_E_CANNOT_OPEN, file + ": " + std::generic_category().message(errno));
     }
     return false;
+}
+
+bool ServiceKeys::isKnown(std::string const& keyId, Time now, std::int64_t oldSeconds) {
+    return isHere(keyId) && (isOwn(keyId) || accepted(keyId, now, oldSeconds));
 }
 
 bool ServiceKeys::isHere(std::string const& keyId) const {
@@ -116,15 +141,19 @@ std::string ServiceKeys::path(char const* folder, std::string const& keyId) cons
 }
 
 std::string keyIdNamedIn(std::string const& data) {
-    static std::string const kName = " KEYID=\"";
-    std::size_t const at = data.find(kName);
-    if (at == std::string::npos) {
-        return "";
+    std::size_t begin = 0;
+    for (std::size_t at = data.find_first_of(kQuotes); at != std::string::npos; at = data.find_first_of(kQuotes, at)) {
+        std::size_t const end = data.find(data[at], at + 1);
+        if (end == std::string::npos) {
+            break;
+        }
+        if (endsWithNameOfKeyId(data.substr(begin, at - begin))) {
+            std::string const keyId = data.substr(at + 1, end - at - 1);
+            return isFileName(keyId) ? keyId : "";
+        }
+        begin = at = end + 1;
     }
-    std::size_t const begin = at + kName.size();
-    std::size_t const end = data.find('"', begin);
-    std::string const keyId = end == std::string::npos ? "" : data.substr(begin, end - begin);
-    return isFileName(keyId) ? keyId : "";
+    return "";
 }
 
 }  // namespace ledger

@@ -39,16 +39,19 @@ public:
     void recordCurrent(Time now);
 
     /// The key `keyId`, when it is the service's current one, or an earlier one that was replaced at most `oldSeconds`
-    /// before `now`. Requires: a signature was verified with it, so the id names a file in the directory.
+    /// before `now`. The key counts, not its id: the service may give one key another id. Requires: a signature was
+    /// verified with it, so the id names a file in the directory.
     std::optional<ServiceKey> accepted(std::string const& keyId, Time now, std::int64_t oldSeconds);
 
     /// Whether the private half of the key `keyId` is in the directory. Throws Failure when that cannot be seen.
     [[nodiscard]] bool isOwn(std::string const& keyId) const;
 
-    /// Whether the public half of the key `keyId` is in the directory.
-    [[nodiscard]] bool isHere(std::string const& keyId) const;
+    /// Whether the public half of the key `keyId` is in the directory, and is the merchant's own or accepted(). A
+    /// set-up writes the file of a key first and makes it the service's current one afterwards.
+    bool isKnown(std::string const& keyId, Time now, std::int64_t oldSeconds);
 
 private:
+    [[nodiscard]] bool isHere(std::string const& keyId) const;
     [[nodiscard]] std::optional<ServiceKey> read(std::string const& keyId) const;
     [[nodiscard]] std::string path(char const* folder, std::string const& keyId) const;
 
@@ -57,8 +60,11 @@ private:
     ServiceKey m_Current;
     FileStamp m_ConfigStamp;  ///< Of the files that m_Current was read from.
     FileStamp m_KeyStamp;
-    std::string m_Recorded;  ///< Fingerprint of the key that is recorded as the current one.
+    std::string m_Recorded;  ///< Fingerprint and id of the key that is recorded as the current one.
 };
+
+/// Whether a file of a folder can have the name `keyId`.
+bool isFileName(std::string const& keyId);
 
 /// The id of the key that `data` names, without reading it as a message; "" when there is none that can be a file's
 /// name.

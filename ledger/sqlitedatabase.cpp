@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <limits>
 #include <system_error>
@@ -22,7 +23,6 @@ namespace ledger {
 
 namespace {
 
-constexpr std::int64_t kVersion = 1;
 constexpr int kPrimaryCode = 0xFF;  // the low byte of an extended result code
 
 /// The result code for one of SQLite's, with the errno behind it.
@@ -86,12 +86,12 @@ std::string directoryOf(std::string const& path) {
     return slash == std::string::npos ? "." : path.substr(0, std::max<std::size_t>(slash, 1));
 }
 
-/// Creates the file, for its owner only, when there is none. An existing one is left alone and not opened: closing a
-/// descriptor would release the locks of other connections of this process.
-void createPrivate(std::string const& path) {
+/// Creates the file, for its owner only, when there is none, and returns `path`. An existing one is left alone and not
+/// opened: closing a descriptor would release the locks of other connections of this process.
+std::string const& createdPrivate(std::string const& path) {
     struct stat status {};
     if (::stat(path.c_str(), &status) == 0) {
-        return;
+        return path;
     }
     if (errno != ENOENT) {
         failToOpen(path);
@@ -103,10 +103,11 @@ void createPrivate(std::string const& path) {
         if (::stat(path.c_str(), &status) != 0) {
             throw;
         }
-        return;  // another process has just created it
+        return path;  // another process has just created it
     }
     Descriptor const directory(directoryOf(path), O_RDONLY | O_DIRECTORY);
     directory.flush();
+    return path;
 }
 
 void bind(sqlite3_stmt* statement, int position, Value const& value) {
@@ -133,6 +134,9 @@ Value column(sqlite3_stmt* statement, int index) {
     }
 }
 
+/// Compiled when the store is opened: undoing needs no memory, which may be what has failed.
+constexpr char kRollback[] = "ROLLBACK";
+
 /// Makes a statement ready for its next use, whatever becomes of this one.
 class Reset {
 public:
@@ -150,8 +154,8 @@ private:
 
 }  // namespace
 
-SqliteDatabase::SqliteDatabase(std::string const& path, std::int64_t busySeconds) : m_Path(path) {
-    createPrivate(path);
+SqliteDatabase::SqliteDatabase(std::string const& path, std::int64_t busySeconds)
+    : m_Path(path), m_File(createdPrivate(path)) {
     sqlite3* connection = nullptr;
     int const result = sqlite3_open_v2(path.c_str(), &connection, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
     m_Connection.reset(connection);
@@ -165,9 +169,11 @@ SqliteDatabase::SqliteDatabase(std::string const& path, std::int64_t busySeconds
     if (sqlite3_db_readonly(connection, "main") == 1) {
         throw Failure(KVX_E_LEDGER_READONLY, path + ": can be read only");
     }
-    execute("PRAGMA journal_mode = WAL");
+    static_cast<void>(version());  // what is refused is not written to
+    enterLogMode(busySeconds);
     execute("PRAGMA synchronous = FULL");
     execute("PRAGMA foreign_keys = ON");
+    prepared(kRollback);
     migrate();
 }
 
@@ -176,7 +182,14 @@ SqliteDatabase::~SqliteDatabase() {
 }
 
 void SqliteDatabase::begin(Access access) {
+    rollback();  // a transaction that could not be undone before
     execute(access == Access::kWrite ? "BEGIN IMMEDIATE" : "BEGIN");
+    try {
+        requireInPlace();
+    } catch (Failure const&) {
+        rollback();
+        throw;
+    }
 }
 
 void SqliteDatabase::commit() {
@@ -186,11 +199,16 @@ void SqliteDatabase::commit() {
 void SqliteDatabase::rollback() noexcept {
     // A failure that undoes the transaction by itself leaves nothing to undo.
     if (sqlite3_get_autocommit(m_Connection.get()) == 0) {
-        sqlite3_exec(m_Connection.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+        sqlite3_stmt* const statement = m_Statements.at(kRollback).get();
+        sqlite3_step(statement);
+        sqlite3_reset(statement);
     }
 }
 
 Rows SqliteDatabase::run(char const* statement, Row const& parameters) {
+    if (sqlite3_get_autocommit(m_Connection.get()) != 0) {
+        requireInPlace();
+    }
     sqlite3_stmt* const compiled = prepared(statement);
     Reset const reset(compiled);
     int position = 0;
@@ -220,6 +238,7 @@ void SqliteDatabase::abandon() noexcept {
         static_cast<void>(statement.release());
     }
     static_cast<void>(m_Connection.release());
+    m_File.abandon();
 }
 
 void SqliteDatabase::fail() const {
@@ -245,27 +264,64 @@ std::int64_t SqliteDatabase::number(char const* sql) {
     return rows.empty() ? 0 : std::get<std::int64_t>(rows[0][0]);
 }
 
-/// Brings the tables to this release's version. A store of another program is refused rather than written to.
-void SqliteDatabase::migrate() {
+/// Requires that the file is still the one at its path. What is written to a file that was removed or replaced is lost
+/// with this connection.
+void SqliteDatabase::requireInPlace() {
+    int hasMoved = 0;
+    if (sqlite3_file_control(m_Connection.get(), "main", SQLITE_FCNTL_HAS_MOVED, &hasMoved) == SQLITE_OK &&
+        hasMoved != 0) {
+        throw Failure(KVX_E_LEDGER_STORE, m_Path + ": was removed or replaced while it was open: open the store again");
+    }
+}
+
+/// Has the file keep a write-ahead log. SQLite does not wait for other connections that do the same at this moment.
+void SqliteDatabase::enterLogMode(std::int64_t busySeconds) {
+    static constexpr char kEnter[] = "PRAGMA journal_mode = WAL";
+    constexpr int kPauseMilliseconds = 5;
+    auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(busySeconds);
+    while (true) {
+        try {
+            Rows const rows = run(kEnter, {});
+            if (rows.empty() || rows[0][0] != Value("wal")) {
+                throw Failure(KVX_E_LEDGER_CANNOT_OPEN, m_Path + ": no write-ahead log is possible in this place");
+            }
+            return;
+        } catch (Failure const& failure) {
+            if (failure.code() != KVX_E_LEDGER_BUSY || std::chrono::steady_clock::now() >= end) {
+                throw;
+            }
+        }
+        sqlite3_sleep(kPauseMilliseconds);
+    }
+}
+
+/// The version of the tables, 0 for an empty file. Throws Failure for a newer release's and another program's.
+std::int64_t SqliteDatabase::version() {
     static constexpr char kReadVersion[] = "PRAGMA user_version";
     static constexpr char kCountTables[] = "SELECT count(*) FROM sqlite_master";
-    if (number(kReadVersion) == kVersion) {
+    std::int64_t const version = number(kReadVersion);
+    if (version > kSqliteVersion) {
+        throw Failure(KVX_E_LEDGER_VERSION, m_Path + ": has version " + std::to_string(version) +
+                                                " of the tables, this release knows version " +
+                                                std::to_string(kSqliteVersion));
+    }
+    // Another process may create the tables between the two readings; what it creates has a version.
+    if (version < 0 || (version == 0 && number(kCountTables) != 0 && number(kReadVersion) == 0)) {
+        throw Failure(KVX_E_LEDGER_DAMAGED, m_Path + ": is a database, and not one of a ledger");
+    }
+    return version;
+}
+
+/// Brings the tables to this release's version. A store of another program is refused rather than written to.
+void SqliteDatabase::migrate() {
+    if (version() == kSqliteVersion) {
         return;
     }
     Transaction transaction(*this, Access::kWrite);
-    std::int64_t const version = number(kReadVersion);  // another process may have been faster
-    if (version > kVersion) {
-        throw Failure(KVX_E_LEDGER_VERSION, m_Path + ": has version " + std::to_string(version) +
-                                                " of the tables, this release knows version " +
-                                                std::to_string(kVersion));
+    for (std::int64_t step = version(); step < kSqliteVersion; ++step) {  // another process may have been faster
+        execute(kSqliteSchemas[step]);
     }
-    if (version == 0) {
-        if (number(kCountTables) != 0) {
-            throw Failure(KVX_E_LEDGER_DAMAGED, m_Path + ": is a database, and not one of a ledger");
-        }
-        execute(kSqliteSchema1);
-        execute("PRAGMA user_version = 1");
-    }
+    execute(("PRAGMA user_version = " + std::to_string(kSqliteVersion)).c_str());
     transaction.commit();
 }
 
@@ -277,16 +333,6 @@ sqlite3_stmt* SqliteDatabase::prepared(char const* statement) {
         found.reset(compiled);
     }
     return found.get();
-}
-
-std::unique_ptr<Database> openDatabase(std::string const& store, std::int64_t busySeconds) {
-    static std::string const kSqlite = "sqlite:";
-    if (store.compare(0, kSqlite.size(), kSqlite) == 0 && store.size() > kSqlite.size()) {
-        std::string const path = store.substr(kSqlite.size());
-        // SQLite gives names with a colon in front a meaning of their own.
-        return std::make_unique<SqliteDatabase>(path[0] == ':' ? "./" + path : path, busySeconds);
-    }
-    throw Failure(KVX_E_LEDGER_CANNOT_OPEN, "\"" + store + "\" names no kind of store: write sqlite:PATH");
 }
 
 }  // namespace ledger

@@ -8,12 +8,16 @@
 #include <memory>
 #include <string>
 
+#include "ledger/openfiles.h"
 #include "ledger/storedatabase.h"
 
 namespace ledger {
 
-/// The tables of version 1, from ledger/schema_1.sql.
-extern char const kSqliteSchema1[];
+/// The version of the tables that this release writes.
+inline constexpr int kSqliteVersion = 4;
+
+/// What leads from each version to the next, from none to the first: ledger/schema_1.sql and its successors.
+extern char const* const kSqliteSchemas[kSqliteVersion];
 
 /// One connection to one file: a write-ahead log that is flushed to disk with every commit.
 class SqliteDatabase : public Database {
@@ -39,10 +43,14 @@ private:
     void check(int result) const;
     void execute(char const* sql);
     std::int64_t number(char const* sql);
+    void requireInPlace();
+    void enterLogMode(std::int64_t busySeconds);
+    std::int64_t version();
     void migrate();
     sqlite3_stmt* prepared(char const* statement);
 
     std::string m_Path;
+    OpenFile m_File;  ///< Listed until the connection is closed.
     std::unique_ptr<sqlite3, Close> m_Connection;
     std::map<char const*, std::unique_ptr<sqlite3_stmt, Finalize>>
         m_Statements;  ///< By address; gone before the connection.

@@ -1,7 +1,8 @@
 /// The database under the store: what SQLite and PostgreSQL have in common.
 ///
 /// Statements are SQL that both understand, with parameters $1, $2 ... that first appear in this order. They are
-/// constants: an implementation may prepare each once and find it again by its address.
+/// constants: an implementation may prepare each once and find it again by its address. Numbers have 64 bits; texts
+/// that are compared with a column of plain ASCII are plain ASCII.
 #ifndef TALLOWIN_LEDGER_STOREDATABASE_H
 #define TALLOWIN_LEDGER_STOREDATABASE_H
 
@@ -9,12 +10,13 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <variant>
 #include <vector>
 
+#include "ledger/failure.h"
 #include "ledger/testpoints.h"
+#include "tallowin/codes.h"
 
 namespace ledger {
 
@@ -24,10 +26,11 @@ using Value = std::variant<std::monostate, std::int64_t, std::string>;
 using Row = std::vector<Value>;
 using Rows = std::vector<Row>;
 
-/// The transaction met another one and was undone. Run it again from its beginning.
-class Conflict : public std::runtime_error {
+/// The transaction met another one, or lost its connection, and was undone. Run it again from its beginning; the code
+/// is for a caller that gives up.
+class Conflict : public Failure {
 public:
-    using std::runtime_error::runtime_error;
+    explicit Conflict(std::string const& reason, std::int32_t code = KVX_E_LEDGER_BUSY) : Failure(code, reason) {}
 };
 
 /// One connection. One thread at a time. Every function throws Failure with one of the codes KVX_E_LEDGER_...
@@ -44,7 +47,7 @@ public:
 
     virtual void begin(Access access) = 0;
 
-    /// Returns after the changes are on disk. May throw Conflict.
+    /// Returns after the changes are on disk. May throw Conflict: none of them is.
     virtual void commit() = 0;
 
     /// Undoes the transaction, if one is open.
@@ -53,6 +56,9 @@ public:
     /// Runs a statement and returns its rows. May throw Conflict inside a transaction.
     virtual Rows run(char const* statement, Row const& parameters) = 0;
 
+    /// The clock that all users of the store share, in milliseconds since 1970; nothing when it is the system's.
+    virtual std::optional<std::int64_t> sharedTime() { return std::nullopt; }
+
     /// Forgets the connection without closing it: it belongs to the parent process.
     virtual void abandon() noexcept = 0;
 };
@@ -60,7 +66,12 @@ public:
 /// A transaction, undone at the end of its life unless commit() was called.
 class Transaction {
 public:
-    Transaction(Database& database, Database::Access access) : m_Database(database) { m_Database.begin(access); }
+    Transaction(Database& database, Database::Access access) : m_Database(database) {
+        if (access == Database::Access::kWrite) {
+            reached(TestPoint::kBeforeChange);
+        }
+        m_Database.begin(access);
+    }
     Transaction(Transaction const&) = delete;
     Transaction& operator=(Transaction const&) = delete;
     ~Transaction() {
@@ -81,7 +92,46 @@ private:
     bool m_IsOpen = true;
 };
 
-/// Opens `store`, such as "sqlite:PATH", and creates or migrates its tables. A locked store is waited for
+/// Pauses for a random time that grows with `round`, so that transactions that met do not meet again.
+void pauseAfterConflict(int round);
+
+/// Runs `work` in a transaction and commits it; again, a bounded number of times, when another one was in its way.
+template <class Work>
+auto inTransaction(Database& database, Work work) {
+    constexpr int kMaxRounds = 50;
+    for (int round = 1;; ++round) {
+        try {
+            Transaction transaction(database, Database::Access::kWrite);
+            auto result = work();
+            transaction.commit();
+            return result;
+        } catch (Conflict const&) {
+            if (round == kMaxRounds) {
+                throw;
+            }
+        }
+        pauseAfterConflict(round);
+    }
+}
+
+/// Runs `read` in a transaction that sees one state of the store; again when it lost its connection.
+template <class Read>
+auto inSnapshot(Database& database, Read read) {
+    constexpr int kMaxRounds = 3;
+    for (int round = 1;; ++round) {
+        try {
+            Transaction const transaction(database, Database::Access::kRead);
+            return read();
+        } catch (Conflict const&) {
+            if (round == kMaxRounds) {
+                throw;
+            }
+        }
+        pauseAfterConflict(round);
+    }
+}
+
+/// Opens `store`, "sqlite:PATH" or "postgresql://...", and creates or migrates its tables. A locked store is waited for
 /// `busySeconds`. Throws Failure.
 std::unique_ptr<Database> openDatabase(std::string const& store, std::int64_t busySeconds);
 

@@ -4,7 +4,7 @@
 
 namespace ledger {
 
-enum class TestPoint { kBeforeCommit, kAfterCommit, kBeforeSending, kAfterSending };
+enum class TestPoint { kBeforeChange, kBeforeCommit, kAfterCommit, kBeforeSending, kAfterSending, kFileStep };
 
 #ifdef KVX_TEST_SEAMS
 /// Called at each point; null: nothing is called.

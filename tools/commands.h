@@ -47,7 +47,11 @@ void addDoctor(CommandLine& line);
 void addExplain(CommandLine& line);
 void addGet(CommandLine& line);
 void addKeys(CommandLine& line);
-void addOrders(CommandLine& line);  ///< In a build without the ledger it adds nothing.
+
+// In a build without the ledger these two add nothing.
+void addOrders(CommandLine& line);
+void addRenewal(CommandLine& line, CLI::App& keys);  ///< Below `keys`.
+
 void addPay(CommandLine& line);
 void addRequest(CommandLine& line);
 void addSandbox(CommandLine& line);

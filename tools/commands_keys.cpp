@@ -1,5 +1,6 @@
-// `tallowin keys list` and `tallowin keys prune`. Every set-up leaves one more private key; prune removes those that no
-// process can need any more, both halves, and says of all others why they stay.
+// `tallowin keys list` and `tallowin keys prune`; `tallowin keys renew` is the ledger's. Every set-up leaves one more
+// private key; prune removes those that no process can need any more, both halves, and says of all others why they
+// stay.
 
 #include <chrono>
 #include <cstddef>
@@ -75,7 +76,7 @@ void prune(Session& session, PruneOptions const& options) {
 }  // namespace
 
 void addKeys(CommandLine& line) {
-    CLI::App* const keys = line.m_App.add_subcommand("keys", "list keys, remove old ones");
+    CLI::App* const keys = line.m_App.add_subcommand("keys", "list, renew and remove keys");
     keys->require_subcommand(1);
     keys->footer("Every set-up makes a key pair and leaves the old ones.");
     addCommand(line, *keys, "list", "list all keys and what they are for", Needs::kDirectory, list)
@@ -94,6 +95,7 @@ void addKeys(CommandLine& line) {
         ->check(CLI::Range(0U, 1000000U))
         ->capture_default_str();
     command->add_flag("--dry-run", options->m_IsDryRun, "only say what would be removed");
+    addRenewal(line, *keys);
 }
 
 }  // namespace tool

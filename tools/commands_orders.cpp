@@ -1,18 +1,11 @@
 // `tallowin orders`: the order ledger of a shop, for people. List, show and export read; resume and resolve write.
-//
-// A ledger makes a store that is missing. These commands refuse it instead: a wrong path would look like an empty shop.
 
-#include <sys/stat.h>
-#include <tallowin/ledger.hpp>
-
-#include <cerrno>
 #include <cstddef>
 #include <cstdint>
-#include <utility>
 
 #include "tools/accountkeys.h"
 #include "tools/commands.h"
-#include "tools/toolobjects.h"
+#include "tools/storeoptions.h"
 #include "tools/tooltext.h"
 
 namespace tool {
@@ -22,12 +15,6 @@ namespace {
 constexpr std::size_t kWidth = 16;
 constexpr std::int32_t kMaxPage = 1000;
 constexpr std::int32_t kMaxJobs = 1000000;
-
-/// Where the ledger is, and how it is set.
-struct StoreOptions {
-    std::string m_Store;
-    std::vector<std::string> m_Options;
-};
 
 struct ListOptions {
     StoreOptions m_Store;
@@ -53,50 +40,6 @@ struct ResolveOptions {
     std::string m_Note;
 };
 
-/// Runs `work`; a failure of the ledger becomes one of the tool. `doing` says what was tried.
-template <typename Work>
-auto attempt(std::string const& doing, Work const& work) {
-    try {
-        return work();
-    } catch (tallowin::LedgerError const& failure) {
-        throw ToolFailure::withReason(doing, failure.code(), failure.reason());
-    }
-}
-
-/// Raises ToolFailure when the file of a store is missing; the ledger would make it.
-void requireStore(std::string const& store) {
-    std::string const kind = "sqlite:";
-    if (store.empty()) {
-        throw UsageError("no store: give --store sqlite:PATH or set TALLOWIN_STORE");
-    }
-    if (store.compare(0, kind.size(), kind) != 0) {
-        return;
-    }
-    std::string const path = store.substr(kind.size());
-    struct stat status = {};
-    if (::stat(path.c_str(), &status) != 0) {
-        throw ToolFailure(systemFailure("cannot open the store " + path, errno),
-                          errno == ENOENT ? "give the store that the shop uses; it is made by the shop" : "");
-    }
-}
-
-tallowin::Ledger opened(Session const& session, StoreOptions const& options) {
-    Attributes settings;
-    for (std::string const& text : options.m_Options) {
-        settings.push_back(nameAndValue(text));
-    }
-    std::string const directory = session.accountDirectory();
-    requireStore(options.m_Store);
-    return attempt("cannot open the store", [&] {
-        tallowin::Ledger ledger;
-        for (auto const& [name, value] : settings) {
-            ledger.setOption(name, value);
-        }
-        ledger.open(options.m_Store, directory);
-        return ledger;
-    });
-}
-
 /// A member as text; "-" for null.
 std::string textOf(Json const& value) {
     return value.is_null() ? "-" : value.is_string() ? value.get<std::string>() : value.dump();
@@ -121,7 +64,7 @@ void addLine(Session& session, Json const& order) {
 }
 
 void list(Session& session, ListOptions const& options) {
-    tallowin::Ledger const ledger = opened(session, options.m_Store);
+    tallowin::Ledger const ledger = openedLedger(session, options.m_Store);
     Json const found = page(ledger, options.m_Filter, options.m_After, options.m_Limit);
     session.json().update(found);
     for (Json const& order : found.at("orders")) {
@@ -156,7 +99,7 @@ void addAttempt(Session& session, Json const& payment) {
 }
 
 void show(Session& session, OrderOptions const& options) {
-    tallowin::Ledger const ledger = opened(session, options.m_Store);
+    tallowin::Ledger const ledger = openedLedger(session, options.m_Store);
     Json const order = Json::parse(attempt("cannot show the order", [&] { return ledger.getOrder(options.m_Number); }));
     session.json()["order"] = order;
     row(session, "order", textOf(order.at("number")));
@@ -174,7 +117,7 @@ void show(Session& session, OrderOptions const& options) {
 
 void resume(Session& session, ResumeOptions const& options) {
     session.streams().requireOutput();
-    tallowin::Ledger ledger = opened(session, options.m_Store);
+    tallowin::Ledger ledger = openedLedger(session, options.m_Store);
     std::int32_t const done = attempt("the worker stopped", [&] { return ledger.runDue(options.m_Limit); });
     Json const found = page(ledger, "attention", "", kMaxPage);
     session.json()["done"] = done;
@@ -190,7 +133,7 @@ void resume(Session& session, ResumeOptions const& options) {
 
 void resolve(Session& session, ResolveOptions const& options) {
     session.streams().requireOutput();
-    tallowin::Ledger ledger = opened(session, options.m_Store);
+    tallowin::Ledger ledger = openedLedger(session, options.m_Store);
     attempt("cannot resolve the order", [&] { ledger.resolve(options.m_Number, options.m_State, options.m_Note); });
     session.json()["number"] = options.m_Number;
     session.json()["state"] = options.m_State;
@@ -198,7 +141,7 @@ void resolve(Session& session, ResolveOptions const& options) {
 }
 
 void exportOrder(Session& session, OrderOptions const& options) {
-    tallowin::Ledger const ledger = opened(session, options.m_Store);
+    tallowin::Ledger const ledger = openedLedger(session, options.m_Store);
     std::string const evidence =
         attempt("cannot export the order", [&] { return ledger.exportOrder(options.m_Number); });
     session.json()["evidence"] = Json::parse(evidence);
@@ -211,12 +154,7 @@ CLI::App* addOrdersCommand(CommandLine& line, CLI::App& orders, char const* name
                            std::shared_ptr<Options> const& options, void (*run)(Session&, Options const&)) {
     CLI::App* const command = addCommand(line, orders, name, summary, Needs::kDirectory,
                                          [options, run](Session& session) { run(session, *options); });
-    command->add_option("--store", options->m_Store.m_Store, "store of the ledger, such as sqlite:orders.db")
-        ->type_name("STORE")
-        ->envname("TALLOWIN_STORE");
-    command->add_option("--option", options->m_Store.m_Options, "an option of the ledger; repeatable")
-        ->type_name("NAME=VALUE")
-        ->allow_extra_args(false);
+    addStoreOptions(*command, options->m_Store);
     return command;
 }
 
@@ -236,7 +174,7 @@ void addOrders(CommandLine& line) {
     listCommand->footer(
         "One line for each order: number, state, amount, when it was begun, and the reason of the last failure. FILTER "
         "is the name of a state, such as waiting or captured, or paid, untold (paid, and the shop has not been told), "
-        "surplus (paid twice) or attention (a person has to look).");
+        "undelivered (reported, and not acknowledged), surplus (paid twice) or attention (a person has to look).");
     listCommand->add_option("--filter", listed->m_Filter, "only these orders")->type_name("FILTER")->check(notEmpty());
     listCommand->add_option("--after", listed->m_After, "begin behind this order")
         ->type_name("NUMBER")
@@ -269,8 +207,9 @@ void addOrders(CommandLine& line) {
         addOrdersCommand(line, *orders, "resolve", "record what a person found out about an order", resolved, resolve);
     resolveCommand->footer(
         "For an order that needs attention, after a look at the service. STATE is authorised (the payment is captured "
-        "again), captured, completed, capture_refused or cancelled (given up; a new attempt may pay the order). The "
-        "note is stored with the order: say why, and who you are.");
+        "again), captured, completed, capture_refused or cancelled (given up; a new attempt may pay the order); "
+        "surplus_settled says that the surplus payments have been voided or paid back. The note is stored with the "
+        "order: say why, and who you are.");
     addNumber(*resolveCommand, resolved->m_Number);
     resolveCommand->add_option("--state", resolved->m_State, "where the payment is")
         ->type_name("STATE")

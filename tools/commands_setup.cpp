@@ -21,6 +21,7 @@
 #include "tools/commands.h"
 #include "tools/directorylock.h"
 #include "tools/fingerprint.h"
+#include "tools/logincheck.h"
 #include "tools/secret.h"
 #include "tools/serviceaddress.h"
 #include "tools/setupprogress.h"
@@ -43,29 +44,6 @@ struct SetupOptions {
     std::string m_Proxy;
     std::string m_ShopUser;
 };
-
-/// Credentials become part of a URL, unescaped; what cannot be sent that way is refused. UsageError for the user,
-/// ToolFailure for the password.
-void requireSendable(std::string const& user, Secret const& password) {
-    bool const isSevenBit = std::all_of(user.begin(), user.end(), [](char character) {
-        return static_cast<unsigned char>(character) > 0x1F && static_cast<unsigned char>(character) < 0x7F;
-    });
-    if (user.empty() || !isSevenBit) {
-        throw UsageError("--user takes printable ASCII characters, at least one");
-    }
-    std::size_t const at = user.find('@');
-    std::size_t const question = user.find('?');
-    if (question != std::string::npos && (at == std::string::npos || question < at)) {
-        throw UsageError("a user with \"?\" cannot be sent in this protocol");
-    }
-    bool const hasQuestion = at == std::string::npos && password.contains('?');
-    if (!password.isSevenBit() || password.contains('@') || hasQuestion) {
-        throw ToolFailure(
-            "the password has a character that cannot be sent in this protocol: \"@\", \"?\" or one that is "
-            "no ASCII character",
-            "ask the provider for another password");
-    }
-}
 
 bool isPin(std::string const& text) {
     return text.size() == 64 && text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
@@ -297,15 +275,7 @@ void addSetup(CommandLine& line) {
         "A new directory appears complete or not at all, with the protective settings of PROFILE=\"strict\" unless "
         "--plain "
         "is given. In a directory that exists the files are replaced one after the other, the current key last.");
-    command
-        ->add_option("url", options->m_Url,
-                     "address of the service's configuration; may be left out when the directory has one")
-        ->type_name("URL");
-    command->add_option("--user", options->m_User, "user name of the account")->type_name("NAME")->required();
-    command
-        ->add_option("--password-file", options->m_PasswordFile,
-                     "file whose first line is the password, - for standard input; else the terminal or standard input")
-        ->type_name("FILE");
+    addLoginOptions(*command, options->m_Url, options->m_User, options->m_PasswordFile);
     command->add_flag("--plain", options->m_Plain, "leave out the protective settings of a new directory");
     command->add_option("--ca", options->m_Authority, "setting TLSCAFILE: the only authorities to trust")
         ->type_name("FILE");

@@ -37,8 +37,9 @@ ToolFailure::ToolFailure(std::string const& doing, std::int32_t code, std::strin
       m_Reason(lastReason()),
       m_MayHaveHappened(mayHaveHappened) {}
 
-ToolFailure ToolFailure::withReason(std::string const& doing, std::int32_t code, std::string reason) {
-    ToolFailure failure(doing, code);
+ToolFailure ToolFailure::withReason(std::string const& doing, std::int32_t code, std::string reason, std::string hint,
+                                    bool mayHaveHappened) {
+    ToolFailure failure(doing, code, std::move(hint), mayHaveHappened);
     failure.m_Reason = std::move(reason);
     return failure;
 }

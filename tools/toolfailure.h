@@ -26,7 +26,8 @@ public:
     ToolFailure(std::string const& doing, std::int32_t code, std::string hint = "", bool mayHaveHappened = false);
 
     /// A failure of another library with the same codes, and the reason that it gives.
-    static ToolFailure withReason(std::string const& doing, std::int32_t code, std::string reason);
+    static ToolFailure withReason(std::string const& doing, std::int32_t code, std::string reason,
+                                  std::string hint = "", bool mayHaveHappened = false);
 
     /// The library's result code; 0 when the tool found the failure.
     [[nodiscard]] std::int32_t code() const { return m_Code; }

@@ -89,9 +89,10 @@
 #define KVX_E_LEDGER_VERSION           KVX_CODE(0x80045007) /* a newer release wrote the store */
 #define KVX_E_LEDGER_FORKED            KVX_CODE(0x80045008) /* a handle of another process */
 #define KVX_E_LEDGER_INVALID           KVX_CODE(0x80045009) /* an argument is not acceptable */
-#define KVX_E_LEDGER_CONFLICT          KVX_CODE(0x8004500A) /* the order exists with other content */
+#define KVX_E_LEDGER_CONFLICT          KVX_CODE(0x8004500A) /* the order exists with other content, or the store is of another account */
 #define KVX_E_LEDGER_PAID              KVX_CODE(0x8004500B) /* the order has been paid */
 #define KVX_E_LEDGER_STATE             KVX_CODE(0x8004500C) /* the order's state does not allow this */
+#define KVX_E_LEDGER_UNREACHABLE       KVX_CODE(0x8004500D) /* no connection to the store's server */
 /* clang-format on */
 
 #endif

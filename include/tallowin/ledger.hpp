@@ -59,6 +59,13 @@ enum class Reason : std::int32_t {
     kKeptFull = KVX_LEDGER_REASON_KEPT_FULL
 };
 
+/// What has become of a renewal of the merchant's key; ledger.h has the meanings.
+enum class Renewal : std::int32_t {
+    kUnchanged = KVX_LEDGER_RENEWAL_UNCHANGED,
+    kDone = KVX_LEDGER_RENEWAL_DONE,
+    kInDoubt = KVX_LEDGER_RENEWAL_IN_DOUBT,
+};
+
 /// The names of the C constants without their prefix, such as "PAID_NOW"; "" for any other number.
 inline char const* nameOf(Outcome outcome) noexcept {
     return Ledger_GetOutcomeName(static_cast<std::int32_t>(outcome));
@@ -205,7 +212,12 @@ public:
     /// "notification"; `data` and `signature` are the query parameters DATA and SIGNATURE, percent-decoded.
     ///
     /// After an exception nothing has been recorded and nothing is known about the confirmation: respond with 503.
+    /// A zero byte in `data` or `signature`, which any stranger can send, is refused as Reason::kFormat.
     Confirmation confirm(std::string_view messenger, std::string_view data, std::string_view signature) {
+        if (data.find('\0') != std::string_view::npos || signature.find('\0') != std::string_view::npos) {
+            return Confirmation(Outcome::kRefused, Reason::kFormat, std::string(),
+                                "DATA or SIGNATURE holds a zero byte");
+        }
         detail::Terminated const way(messenger);
         detail::Terminated const text(data);
         detail::Terminated const signedBy(signature);
@@ -227,8 +239,9 @@ public:
                             std::move(sentence));
     }
 
-    /// The number of one order that the worker found paid and that nobody has been told; nothing when there is none.
-    /// Each order is reported once, here or as Outcome::kPaidNow.
+    /// The number of one order that the worker found paid and that has not been reported; nothing when there is none.
+    /// Each order is reported once, here or as Outcome::kPaidNow; with the option ACKNOWLEDGE until delivered() is
+    /// called.
     std::optional<std::string> nextPaid() {
         std::string order(detail::kNumberRoom, '\0');
         auto size = static_cast<std::int32_t>(order.size());
@@ -239,6 +252,26 @@ public:
         detail::checkLedger("Ledger_NextPaid", code);
         detail::shorten(order, size);
         return std::optional<std::string>(std::move(order));
+    }
+
+    /// Records that the order has been delivered: it is not reported as paid any more. May be called again.
+    void delivered(std::string_view order) {
+        detail::Terminated const number(order);
+        detail::checkLedger("Ledger_Delivered", Ledger_Delivered(m_Handle.get(), number.get()));
+    }
+
+    /// Renews the merchant's key while the old one still signs. An empty URL keeps the configured address. After an
+    /// exception the old key is in use; `outcome`, when given, says whether the service may know the new one.
+    void renewKeys(std::string_view url, std::string_view user, std::string_view password, Renewal* outcome = nullptr) {
+        detail::Terminated const address(url);
+        detail::Terminated const name(user);
+        detail::Terminated const secret(password);
+        std::int32_t result = KVX_LEDGER_RENEWAL_UNCHANGED;
+        std::int32_t const code = Ledger_RenewKeys(m_Handle.get(), address.get(), name.get(), secret.get(), &result);
+        if (outcome != nullptr) {
+            *outcome = static_cast<Renewal>(result);
+        }
+        detail::checkLedger("Ledger_RenewKeys", code);
     }
 
     /// Does up to `limit` jobs that are due: captures, completions, status requests, kept confirmations. How many were

@@ -3,4 +3,5 @@
  */
 module kelvane.tallowin {
     exports kelvane.tallowin;
+    exports kelvane.tallowin.ledger;
 }

@@ -61,7 +61,7 @@ class OperatePage(SandboxCase):
         return done.stdout
 
     def test_commands_set_up_check_save_restore_and_renew(self):
-        make, set_up, check, save, restore, renew = blocks("sh")
+        make, set_up, check, save, restore, renew, renew_live = blocks("sh")
         self.run_command(make)
         self.run_command(set_up)
         self.assertEqual(self.run_command(check), "")
@@ -87,6 +87,16 @@ class OperatePage(SandboxCase):
         self.assertNotEqual(current.read_text(), before)
         self.assertEqual(len(private_keys(self.account)), 2)
         self.run_command("tallowin pay --dir \"$ACCOUNT\" --amount 19.90 --currency EUR")
+
+        if "KVX_LEDGER_DRIVER" not in os.environ:
+            return
+        before = current.read_text()
+        store = f"sqlite:{self.directory / 'orders.db'}"
+        self.environment["STORE"] = store
+        self.run_command(f"'{os.environ['KVX_LEDGER_DRIVER']}' '{store}' \"$ACCOUNT\" 0 begin A-1")
+        self.run_command(renew_live)
+        self.assertNotEqual(current.read_text(), before)
+        self.assertEqual(len(private_keys(self.account)), 3)
 
     def content(self):
         return {str(file.relative_to(self.account)): file.read_bytes() for file in self.account.rglob("*") if file.is_file()}

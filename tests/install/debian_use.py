@@ -1,7 +1,7 @@
 """What the installed Debian packages are for, tried on the system they are installed on: debian_use.py TREE WORK.
 
 Programs are built with pkg-config and pay against the packaged sandbox, from C with both libraries and from Java. The
-order ledger is linked with. The unit's command starts. Every failure is printed with its step.
+order ledger is linked with, and loaded from Java. The unit's command starts. Every failure is printed with its step.
 """
 import glob
 import json
@@ -19,6 +19,19 @@ sys.path.insert(0, str(tree / "tests" / "support"))
 from sandboxcase import Browser, Program, parameters  # noqa: E402
 
 SHARED = "/usr/lib/*/libtallowin.so.1.*"
+ORDERS = """
+import java.nio.file.Files;
+import java.nio.file.Path;
+import kelvane.tallowin.ledger.Ledger;
+public class Orders {
+    public static void main(String[] arguments) throws Exception {
+        try (Ledger orders = new Ledger()) {
+            Files.lines(Path.of("/proc/self/maps")).filter(line -> line.contains("libtallowin"))
+                .map(line -> line.substring(line.indexOf('/'))).distinct().forEach(System.out::println);
+        }
+    }
+}
+"""
 
 
 def output(*command):
@@ -81,6 +94,9 @@ def main():
     output("cc", "-std=c99", "-Wall", "-Werror", work / "ledger.c", "-o", ledger,
            *output("pkg-config", "--cflags", "--libs", "tallowin-ledger").split())
     check("C, order ledger", output(ledger), "")
+    (work / "Orders.java").write_text(ORDERS)
+    check("Java, order ledger", output("java", "-cp", "/usr/share/java/tallowin.jar", work / "Orders.java").split(),
+          glob.glob("/usr/lib/*/jni/libtallowin-ledger-jni.so"))
     unit = Program(*unit_command())
     line = unit.line()
     check("the end of the unit's command", unit.stop()[::2], (0, ""))

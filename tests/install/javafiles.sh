@@ -30,7 +30,8 @@ sources=$(names "$repository/tallowin-$version-sources.jar" | grep -E '\.java$' 
 diff -u --label classes --label sources <(printf '%s\n' "$classes") <(grep -v '/package-info$' <<<"$sources") ||
   complain 'the sources are not those of the classes'
 pages=$(names "$repository/tallowin-$version-javadoc.jar")
-for page in index.html kelvane.tallowin/kelvane/tallowin/{ConfigurationSetup,KVXException,MessageFactory,MessageObject,ResultCode}.html; do
+for page in index.html kelvane.tallowin/kelvane/tallowin/{ConfigurationSetup,KVXException,MessageFactory,MessageObject,ResultCode}.html \
+            kelvane.tallowin/kelvane/tallowin/ledger/{Confirmation,Ledger,LedgerException,LedgerOrder,Outcome,Reason,Renewal,RenewalException}.html; do
   grep -qxF "$page" <<<"$pages" || complain "the reference lacks $page"
 done
 

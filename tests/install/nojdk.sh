@@ -14,7 +14,7 @@ told() { grep -c 'No JDK of 11 or later' "$build.$1.log" || true; }
 
 targets=$("$cmake" --build "$build" --target help)
 grep -qE '(^|[ :])(libtallowin\.so|tallowin)(:|$| )' <<<"$targets" || { echo 'there is no library'; exit 1; }
-if grep -E 'kvx_jni|tallowin_jar' <<<"$targets"; then
+if grep -E 'kvx_jni|tallowin_jar|tallowin_ledger_jni' <<<"$targets"; then
   echo 'these need a JDK'
   exit 1
 fi

@@ -8,7 +8,7 @@ rm -rf "$work"
 mkdir -p "$work/another place for the tree"
 copy=$work/another\ place\ for\ the\ tree
 cached() { sed -n "s/^$1:[A-Z]*=//p" "$build/CMakeCache.txt"; }
-options=(-DKVX_BUILD_TESTS=OFF -DKVX_BUILD_LEDGER=OFF -DKVX_BUILD_SANDBOX=OFF -DKVX_BUILD_TOOLS=OFF -DKVX_BUILD_EXAMPLES=OFF)
+options=(-DKVX_BUILD_TESTS=OFF -DKVX_BUILD_SANDBOX=OFF -DKVX_BUILD_TOOLS=OFF -DKVX_BUILD_EXAMPLES=OFF)
 for name in CMAKE_BUILD_TYPE CMAKE_C_COMPILER CMAKE_CXX_COMPILER CMAKE_C_FLAGS CMAKE_CXX_FLAGS KVX_JAVAC KVX_JAVA_NATIVES \
             CMAKE_C_COMPILER_LAUNCHER CMAKE_CXX_COMPILER_LAUNCHER; do
   options+=("-D$name=$(cached "$name")")
@@ -16,7 +16,7 @@ done
 
 umask 077
 export TZ=Pacific/Kiritimati LC_ALL=C
-for part in CMakeLists.txt README.md SECURITY.md cmake include foundation xml core net api jni java packaging; do
+for part in CMakeLists.txt README.md SECURITY.md cmake include foundation xml core net api jni java ledger packaging; do
   cp -R --no-preserve=all "$source/$part" "$copy/$part"
 done
 if ! { "$cmake" -S "$copy" -B "$work/build" -G "$generator" "${options[@]}" &&

@@ -2,8 +2,9 @@
 //
 // Loaded ahead of everything else (LD_PRELOAD). A virtual machine does not survive a failing malloc of its own, so an
 // allocation fails only on the thread that asked for it, and only when the library under test, OpenSSL or libuuid
-// makes it: the return address tells. Odd: allocations that are not released are kept in a fixed table, because the
-// table must not allocate; it covers the same callers on the same thread.
+// makes it, for the order ledger also SQLite or the C++ run-time library: the return address shows which. Odd:
+// allocations that are not released are kept in a fixed table, because the table must not allocate; it covers the same
+// callers on the same thread.
 
 #include <dlfcn.h>
 #include <jni.h>
@@ -20,6 +21,8 @@ namespace {
 
 /// The libraries whose allocations count.
 constexpr char const* kLibraries[] = {"/libtallowin.so", "/libcrypto.so", "/libssl.so", "/libuuid.so"};
+constexpr char const* kLedgerLibraries[] = {"/libtallowin-ledger-jni.so", "/libsqlite3.so", "/libstdc++.so",
+                                            "/libcrypto.so"};
 
 struct Range {
     std::uintptr_t m_Begin;
@@ -100,10 +103,11 @@ void unwatch(void const* memory) {
     }
 }
 
-int addRanges(dl_phdr_info* library, std::size_t, void*) {
+/// Adds the code of a library when one of the four names at `names` is part of its path.
+int addRanges(dl_phdr_info* library, std::size_t, void* names) {
     bool isWanted = false;
-    for (char const* const name : kLibraries) {
-        isWanted = isWanted || std::strstr(library->dlpi_name, name) != nullptr;
+    for (int i = 0; i < 4; ++i) {
+        isWanted = isWanted || std::strstr(library->dlpi_name, static_cast<char const* const*>(names)[i]) != nullptr;
     }
     for (int i = 0; isWanted && i < library->dlpi_phnum; ++i) {
         auto const& part = library->dlpi_phdr[i];
@@ -113,6 +117,13 @@ int addRanges(dl_phdr_info* library, std::size_t, void*) {
         }
     }
     return 0;
+}
+
+int watch(char const* const (&names)[4]) {
+    g_RangeCount = 0;
+    dl_iterate_phdr(&addRanges, const_cast<char const**>(names));
+    t_IsWatched = true;
+    return g_RangeCount;
 }
 
 /// Releases what OpenSSL keeps for the calling thread, such as the texts of its error queue.
@@ -160,10 +171,12 @@ __attribute__((visibility("default"))) void free(void* memory) {
 
 /// Watches the calling thread, the only one, from now on. Returns how many parts of libraries count.
 JNIEXPORT jint JNICALL Java_kelvane_tallowin_HeapFault_watch(JNIEnv*, jclass) {
-    g_RangeCount = 0;
-    dl_iterate_phdr(&addRanges, nullptr);
-    t_IsWatched = true;
-    return g_RangeCount;
+    return watch(kLibraries);
+}
+
+/// The same for the libraries of the order ledger.
+JNIEXPORT jint JNICALL Java_kelvane_tallowin_HeapFault_watchLedger(JNIEnv*, jclass) {
+    return watch(kLedgerLibraries);
 }
 
 /// Fails allocation `number` (from 0; negative: none) of the calling thread, or all from there on, until `disarm`.

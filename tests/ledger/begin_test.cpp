@@ -132,10 +132,12 @@ TEST_F(Begin, RefusesAttributesThatAreNotTheShops) {
     KVX_HANDLE order = nullptr;
     ASSERT_EQ(Ledger_CreateOrder(m_Ledger.get(), "A-17", "1", "EUR", &order), KVX_OK);
     for (char const* name : {"ORDERID", "AMOUNT", "CURRENCY", "MSGTYPE", "KEYID", "TOKEN", "EXPIRATION", "CONFIGPATH",
-                             "", "A B", "A=\"\" AMOUNT"}) {
+                             "", "A B", "A=\"\" AMOUNT", "1A", "-A", ".A", "9"}) {
         EXPECT_EQ(LedgerOrder_SetAttribute(order, name, "x"), KVX_E_LEDGER_INVALID) << name;
     }
-    EXPECT_EQ(LedgerOrder_SetAttribute(order, "A.b-c_9", "x"), KVX_OK);
+    for (char const* name : {"A.b-c_9", "_", "a"}) {
+        EXPECT_EQ(LedgerOrder_SetAttribute(order, name, "x"), KVX_OK) << name;
+    }
     DestroyLedgerOrder(order);
 }
 

@@ -121,6 +121,21 @@ TEST_F(CppLedger, ReportsAPaymentThatTheShopperCancelled) {
     EXPECT_EQ(confirmation.httpStatus(), 200);
 }
 
+TEST_F(CppLedger, RenewsTheKey) {
+    tallowin::Ledger orders = ledger();
+    std::string const before = shop().dir().read("keys/current");
+    tallowin::Renewal outcome = tallowin::Renewal::kUnchanged;
+    orders.renewKeys(autoUrl(), "demo", "demo", &outcome);
+    EXPECT_EQ(outcome, tallowin::Renewal::kDone);
+    EXPECT_NE(shop().dir().read("keys/current"), before);
+    arm("drop,exchange=keyexport");
+    EXPECT_THROW(orders.renewKeys("", "demo", "demo", &outcome), tallowin::LedgerError);
+    EXPECT_EQ(outcome, tallowin::Renewal::kInDoubt);
+    EXPECT_EQ(codeOf([&] { orders.renewKeys("", "demo", "wrong", &outcome); }), KVX_E_SERVER_ERROR);
+    EXPECT_EQ(outcome, tallowin::Renewal::kUnchanged);
+    orders.renewKeys("", "demo", "demo");
+}
+
 TEST_F(CppLedgerSigned, RefusesWithReasonAndSentence) {
     tallowin::Ledger orders = ledger();
     tallowin::Confirmation const text = orders.confirm("return", "no message", "00");
@@ -202,7 +217,15 @@ TEST_F(CppLedgerSigned, PassesTextsThatAreNotTerminatedAndRefusesZeroBytes) {
     EXPECT_EQ(json::parse(orders.getOrder("B-1")).at("amount"), "1.00");
     using namespace std::string_view_literals;
     EXPECT_THROW((void)orders.getState("B-1\0"sv), std::invalid_argument);
-    EXPECT_THROW((void)orders.confirm("return", "a\0b"sv, ""), std::invalid_argument);
+    EXPECT_THROW((void)orders.confirm("re\0turn"sv, "", ""), std::invalid_argument);
+    tallowin::Confirmation const refused[] = {orders.confirm("return", "a\0b"sv, "00"),
+                                              orders.confirm("return", "<KVX/>", "00\0"sv)};
+    for (tallowin::Confirmation const& confirmation : refused) {
+        EXPECT_EQ(confirmation.outcome(), Outcome::kRefused) << "a stranger has sent it";
+        EXPECT_EQ(confirmation.reason(), Reason::kFormat);
+        EXPECT_EQ(confirmation.httpStatus(), 400);
+        EXPECT_EQ(confirmation.order(), "");
+    }
     std::string const attribute(50000, 'x');
     EXPECT_NE(orders.begin("B-2", "1.00", "EUR", {{"TEXT", attribute}}).find(attribute), std::string::npos);
 }

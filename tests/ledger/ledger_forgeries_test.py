@@ -11,6 +11,7 @@ import time
 import unittest
 
 from ledgerface import Ledger
+from ledgerstores import new_store
 from stubservice import Account
 
 COUNT = int(os.environ.get("KVX_LEDGER_FORGERIES", "2000"))
@@ -34,7 +35,7 @@ class LedgerForgeries(unittest.TestCase):
             self.account.make_key(key_id)
         self.chance = random.Random(SEED)
         self.start = int(time.time() * 1000)
-        self.ledger = Ledger(self.place / "orders.db", self.account.directory, NOW=self.start, MAXKEPT=MAX_KEPT)
+        self.ledger = Ledger(new_store(self.place / "orders.db"), self.account.directory, NOW=self.start, MAXKEPT=MAX_KEPT)
         self.addCleanup(self.ledger.close)
         # A key that the service has not signed with for too long, and one that never was the service's.
         self.account.publish("earlier")

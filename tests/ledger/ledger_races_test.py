@@ -1,4 +1,4 @@
-"""Eight processes begin and confirm the same orders at once: all get one URL, and one is told that the order is paid.
+"""Eight processes begin and confirm the same orders at once: all get one URL, and one has the report that the order is paid.
 
 KVX_LEDGER_RACES is the number of orders.
 """
@@ -13,6 +13,7 @@ import tempfile
 import unittest
 
 from ledgerface import Ledger, LedgerFailure
+from ledgerstores import new_store
 from stubservice import Account
 
 PROCESSES = 8
@@ -36,7 +37,7 @@ def begin_all(ledger, chance):
 
 
 def confirm_all(ledger, chance, confirmations):
-    """What each order was told. Confirms each four times, half of them replays, in a random order."""
+    """The outcomes of each order. Confirms each four times, half of them replays, in a random order."""
     said = {number: [] for number in numbers()}
     calls = confirmations * 2
     chance.shuffle(calls)
@@ -46,10 +47,10 @@ def confirm_all(ledger, chance, confirmations):
     return said
 
 
-def race(action, place, seed):
-    """One process. Prints what it was told of each order."""
+def race(action, place, store, seed):
+    """One process. Prints the outcomes of each order."""
     place, chance = pathlib.Path(place), random.Random(seed)
-    with Ledger(place / "orders.db", place / "account", BUSYSECONDS=300) as ledger:
+    with Ledger(store, place / "account", BUSYSECONDS=300) as ledger:
         if action == "begin":
             said = begin_all(ledger, chance)
         else:
@@ -63,10 +64,11 @@ class LedgerRaces(unittest.TestCase):
         self.addCleanup(temporary.cleanup)
         self.place = pathlib.Path(temporary.name)
         self.account = Account(self.place / "account")
+        self.store = new_store(self.place / "orders.db")
 
     def run_race(self, action, seed):
-        """What each order was told, over all processes."""
-        programs = [subprocess.Popen([sys.executable, "-B", __file__, action, self.place, str(seed + index)],
+        """The outcomes of each order, over all processes."""
+        programs = [subprocess.Popen([sys.executable, "-B", __file__, action, self.place, self.store, str(seed + index)],
                                      stdout=subprocess.PIPE, stderr=subprocess.PIPE) for index in range(PROCESSES)]
         said = {}
         try:
@@ -102,7 +104,7 @@ class LedgerRaces(unittest.TestCase):
         for number, words in said.items():
             told = {word: words.count(word) for word in words}
             self.assertEqual(told, {"PAID_NOW": 1, "KNOWN_ALREADY": 4 * PROCESSES - 1}, number)
-        with Ledger(self.place / "orders.db", self.account.directory) as ledger:
+        with Ledger(self.store, self.account.directory) as ledger:
             self.assertIsNone(ledger.next_paid())
             self.assertEqual(sorted(ledger.numbers("paid")), sorted(urls))
             for number in urls:
@@ -112,6 +114,6 @@ class LedgerRaces(unittest.TestCase):
 
 if __name__ == "__main__":
     if sys.argv[1:2] in (["begin"], ["confirm"]):
-        race(sys.argv[1], sys.argv[2], int(sys.argv[3]))
+        race(sys.argv[1], sys.argv[2], sys.argv[3], int(sys.argv[4]))
     else:
         unittest.main()

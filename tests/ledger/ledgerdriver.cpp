@@ -5,8 +5,10 @@
 //   confirm FILE    confirms the pairs of lines in FILE, DATA and SIGNATURE, and prints outcome and number of each
 //   run             works until nothing is due, with leases that have run out at once
 //   run-leased      works until nothing is due
+//   renew URL       renews the merchant's key, and prints what has become of it
 //
-// At the KILL_AT-th point, counted from 1, the process kills itself; 0: never.
+// At the KILL_AT-th point, counted from 1, the process kills itself; 0: never. "renew" has further points: each of the
+// component's calls that change a file or use the network.
 
 #include <csignal>
 #include <cstdio>
@@ -15,6 +17,7 @@
 #include <fstream>
 #include <string>
 
+#include "foundation/tbsystem.h"
 #include "ledger/testpoints.h"
 #include "tallowin/ledger.h"
 
@@ -22,11 +25,29 @@ namespace {
 
 long s_Remaining = 0;
 
-void countPoint(ledger::TestPoint) {
+void countPoint() {
     if (--s_Remaining == 0) {
         static_cast<void>(std::fflush(stdout));
         static_cast<void>(std::raise(SIGKILL));
     }
+}
+
+/// Makes the component's calls that change files or use the network points, before they happen.
+void countSystemCalls() {
+    static TbSystemCalls const s_Real = tbSystem();
+    TbSystemCalls& calls = tbSystem();
+    calls.write = [](int file, void const* bytes, std::size_t count) {
+        return countPoint(), s_Real.write(file, bytes, count);
+    };
+    calls.fsync = [](int file) { return countPoint(), s_Real.fsync(file); };
+    calls.rename = [](char const* from, char const* to) { return countPoint(), s_Real.rename(from, to); };
+    calls.mkdir = [](char const* path, mode_t mode) { return countPoint(), s_Real.mkdir(path, mode); };
+    calls.send = [](int socket, void const* bytes, std::size_t count, int flags) {
+        return countPoint(), s_Real.send(socket, bytes, count, flags);
+    };
+    calls.recv = [](int socket, void* bytes, std::size_t count, int flags) {
+        return countPoint(), s_Real.recv(socket, bytes, count, flags);
+    };
 }
 
 int fail(char const* what, std::int32_t code) {
@@ -85,6 +106,13 @@ int run(KVX_HANDLE ledger) {
     return 0;
 }
 
+int renew(KVX_HANDLE ledger, char const* url) {
+    std::int32_t outcome = -1;
+    std::int32_t const code = Ledger_RenewKeys(ledger, url, "demo", "demo", &outcome);
+    std::printf("%d\n", outcome);
+    return code == KVX_OK ? 0 : fail("renew", code);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -102,7 +130,12 @@ int main(int argc, char** argv) {
         static_cast<void>(Ledger_SetOption(ledger, "LEASESECONDS", "0"));
     }
     s_Remaining = std::strtol(argv[3], nullptr, 10);
-    ledger::g_TestPoint = &countPoint;
+    ledger::g_TestPoint = [](ledger::TestPoint point) {
+        // Before a transaction nothing differs from after the one before it.
+        if (point != ledger::TestPoint::kBeforeChange) {
+            countPoint();
+        }
+    };
     std::int32_t const code = Ledger_Open(ledger, argv[1], argv[2]);
     if (code != KVX_OK) {
         return fail("open", code);
@@ -115,6 +148,9 @@ int main(int argc, char** argv) {
         status = confirm(ledger, argument);
     } else if (std::strncmp(argv[4], "run", 3) == 0) {
         status = run(ledger);
+    } else if (std::strcmp(argv[4], "renew") == 0) {
+        countSystemCalls();
+        status = renew(ledger, argument);
     }
     DestroyLedger(ledger);
     return status;

@@ -18,6 +18,7 @@
 #include "tallowin/ledger.h"
 #include "tests/api/apisupport.h"
 #include "tests/flow/flowsupport.h"
+#include "tests/ledger/teststore.h"
 #include "tests/support/directories.h"
 
 namespace kvxtest {
@@ -123,11 +124,12 @@ protected:
     /// Puts a key that the test has into the directory; `current`: the service signs with it from now on.
     void publishKey(std::string const& keyId, bool current) const;
 
-    [[nodiscard]] std::string store() const { return "sqlite:" + m_Dir.file("orders.db"); }
+    [[nodiscard]] std::string const& store() const { return m_Store.name(); }
     [[nodiscard]] std::string account() const { return m_Dir.file("account"); }
 
     AccountDirectory m_Signer;  ///< Both halves of every key.
     TemporaryDirectory m_Dir;
+    TestStore m_Store{m_Dir.file("orders.db")};
     LedgerHandle m_Ledger;
     std::int64_t m_Start = 0;  ///< The time when the test began, in milliseconds.
 
@@ -149,9 +151,10 @@ protected:
     /// The state of the order's attempt at the service.
     [[nodiscard]] std::string stateAtService(std::size_t attempt = 1) const;
 
-    [[nodiscard]] std::string store() const { return "sqlite:" + m_Dir.file("orders.db"); }
+    [[nodiscard]] std::string const& store() const { return m_Store.name(); }
 
     TemporaryDirectory m_Dir;
+    TestStore m_Store{m_Dir.file("orders.db")};
     LedgerHandle m_Ledger;
 };
 

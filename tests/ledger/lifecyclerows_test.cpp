@@ -3,7 +3,6 @@
 // The attempt is put into the state by hand. The service is a script that answers each request with what the row needs;
 // what has to happen between a request and its result is done at the points of the ledger.
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 
 #include <functional>
 
@@ -39,14 +38,7 @@ protected:
     }
     ~LifecycleRows() override { ledger::g_TestPoint = nullptr; }
 
-    void sql(std::string const& statement) const {
-        sqlite3* store = nullptr;
-        ASSERT_EQ(sqlite3_open(m_Dir.file("orders.db").c_str(), &store), SQLITE_OK);
-        sqlite3_busy_timeout(store, 10000);
-        EXPECT_EQ(sqlite3_exec(store, statement.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
-            << statement << ": " << sqlite3_errmsg(store);
-        sqlite3_close(store);
-    }
+    void sql(std::string const& statement) const { EXPECT_EQ(m_Store.run(statement), "") << statement; }
 
     /// Puts the attempt into `state`, due now, with everything that belongs to it.
     void put(State state) const {
@@ -66,7 +58,7 @@ protected:
     void payOtherwise() const {
         sql("INSERT INTO attempts SELECT order_id, 2, 'other', 'completed', message, url, created_at, expires_at, "
             "NULL, 1,"
-            " 'P2', NULL, 0, 0, NULL, NULL, NULL, NULL FROM attempts WHERE attempt = 1");
+            " 'P2', NULL, 0, 0, NULL, NULL, NULL, NULL, 0 FROM attempts WHERE attempt = 1");
         sql("UPDATE orders SET newest_attempt = 2, paid_attempt = 2, told_at = 1");
     }
 
@@ -114,9 +106,17 @@ protected:
 
 bool LifecycleRows::cause(State from, Event event) {
     put(from);
+    if (from == State::kWaiting) {
+        sql("UPDATE attempts SET asks = 10 WHERE attempt = 1");  // a person has to look
+    }
     switch (event) {
-        case Event::kConfirmedPaid:
         case Event::kConfirmedLater:
+            if (from == State::kCancelled) {
+                sql("UPDATE attempts SET paid_at = 1 WHERE attempt = 1");  // a person has given it up
+            }
+            static_cast<void>(confirm(says("authorised")));
+            return true;
+        case Event::kConfirmedPaid:
             static_cast<void>(confirm(says("authorised")));
             return true;
         case Event::kConfirmedSurplus:
@@ -149,6 +149,13 @@ bool LifecycleRows::cause(State from, Event event) {
             return true;
         case Event::kResolvedCancelled:
             static_cast<void>(m_Ledger.resolve("cancelled"));
+            return true;
+        case Event::kResolvedSurplus:
+            static_cast<void>(m_Ledger.resolve("surplus_settled"));
+            return true;
+        case Event::kDelivered:
+            sql("UPDATE orders SET told_at = 1, delivered_at = NULL");
+            EXPECT_EQ(Ledger_Delivered(m_Ledger.get(), "A-17"), KVX_OK);
             return true;
         case Event::kBegun:
             return false;  // opened is not stored; begin_test.cpp has it
@@ -211,6 +218,7 @@ bool LifecycleRows::causeByWorker(State from, Event event) {
             answerState("authorised");
             break;
         case Event::kFoundNothing:
+            sql("UPDATE attempts SET refusals = 9 WHERE attempt = 1");  // one less than it takes
             answer(httpResponse("<KVX MSGTYPE=\"Error\" MESSAGE=\"no such payment\"/>"));
             break;
         default: {

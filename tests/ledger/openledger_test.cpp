@@ -6,10 +6,12 @@
 
 #include <csignal>
 #include <filesystem>
+#include <set>
 #include <thread>
 
 #include "ledger/lifecycle.h"
 #include "ledger/moneytable.h"
+#include "ledger/sqlitedatabase.h"
 #include "tests/ledger/ledgersupport.h"
 
 using namespace kvxtest;
@@ -32,6 +34,12 @@ private:
 
 class StoreFile : public LedgerTest {
 protected:
+    void SetUp() override {
+        if (runsOnPostgresql()) {
+            GTEST_SKIP() << "the store is no file";
+        }
+    }
+
     [[nodiscard]] std::string path() const { return m_Dir.file("orders.db"); }
 };
 
@@ -69,10 +77,69 @@ TEST_F(StoreFile, IsRefusedWhenItCannotBeOpened) {
 }
 
 TEST_F(StoreFile, OfANewerReleaseIsRefused) {
-    ASSERT_EQ(Stranger(path()).run("PRAGMA user_version = 2"), SQLITE_OK);
+    ASSERT_EQ(Stranger(path()).run("PRAGMA user_version = 99"), SQLITE_OK);
     LedgerHandle ledger;
     EXPECT_EQ(ledger.open(store(), account()), KVX_E_LEDGER_VERSION);
-    EXPECT_NE(lastLedgerError().find("version 2"), std::string::npos) << lastLedgerError();
+    EXPECT_NE(lastLedgerError().find("version 99"), std::string::npos) << lastLedgerError();
+}
+
+TEST_F(StoreFile, OfAnOlderReleaseIsMigratedWithWhatItHolds) {
+    std::string const old = m_Dir.file("old.db");
+    ASSERT_EQ(Stranger(old).run(ledger::kSqliteSchemas[0]), SQLITE_OK);
+    ASSERT_EQ(Stranger(old).run("INSERT INTO orders VALUES (1, 'A-1', '1.00', 'EUR', '{}', 1, 1, 1, NULL);"
+                                "INSERT INTO attempts (order_id, attempt, token, state, message, url, created_at,"
+                                " expires_at, paid_at) VALUES (1, 1, 'T', 'captured', 'm', 'u', 1, 2, 3);"
+                                "PRAGMA user_version = 1"),
+              SQLITE_OK);
+    LedgerHandle ledger;
+    ledger.option("ACKNOWLEDGE", "1");
+    ASSERT_EQ(ledger.open("sqlite:" + old, account()), KVX_OK) << lastLedgerError();
+    EXPECT_EQ(ledger.state("A-1"), "captured");
+    EXPECT_EQ(ledger.nextPaid(), std::vector<std::string>{"A-1"});
+    EXPECT_EQ(ledger.numbers("undelivered"), std::vector<std::string>{"A-1"});
+    EXPECT_EQ(ledger.open("sqlite:" + old, account()), KVX_OK) << "once";
+}
+
+TEST_F(StoreFile, BelongsToOneAccount) {
+    struct Case {
+        char const* m_Config;  ///< Beside VTKEYID.
+        std::int32_t m_Code;
+    };
+    Case const cases[] = {
+        {"VTURL=\"http://127.0.0.1:1/pay\"", KVX_OK},
+        {"VTURL=\"http://127.0.0.1:2/pay\"", KVX_E_LEDGER_CONFLICT},
+        {"VTURL=\"http://127.0.0.1:2/pay\" CUSTOMERID=\"4711\"", KVX_E_LEDGER_CONFLICT},
+        {"VTURL=\"http://127.0.0.1:1/pay\" CUSTOMERID=\"4711\"", KVX_OK},  // learns the name
+        {"VTURL=\"http://127.0.0.1:2/pay\" CUSTOMERID=\"4711\"", KVX_OK},  // the service has moved
+        {"VTURL=\"http://127.0.0.1:1/pay\" CUSTOMERID=\"4712\"", KVX_E_LEDGER_CONFLICT},
+        {"VTURL=\"http://127.0.0.1:1/pay\"", KVX_OK},
+    };
+    for (Case const& row : cases) {
+        m_Dir.write("account/config.xml", std::string("<KVX VTKEYID=\"server\" ") + row.m_Config + "/>");
+        LedgerHandle ledger;
+        EXPECT_EQ(ledger.open(store(), account()), row.m_Code) << row.m_Config << ": " << lastLedgerError();
+    }
+    m_Dir.write("account/config.xml", "<KVX VTKEYID=\"server\" CUSTOMERID=\"4712\"/>");
+    LedgerHandle ledger;
+    EXPECT_EQ(ledger.open(store(), account()), KVX_E_LEDGER_CONFLICT);
+    EXPECT_NE(lastLedgerError().find("belongs to the account \"4711\""), std::string::npos) << lastLedgerError();
+}
+
+TEST_F(StoreFile, HoldsAConfirmationInLittleMoreThanItsRoom) {
+    static_cast<void>(m_Ledger.url());
+    m_Ledger.option("KEPTEACH", "1000");
+    std::string const data = says("authorised", {{"KEYID", "next"}, {"NOTE", std::string(19000, 'x')}});
+    auto const close = [&] { ASSERT_EQ(m_Ledger.open("sqlite:" + m_Dir.file("other.db"), account()), KVX_OK); };
+    close();
+    std::uintmax_t const before = std::filesystem::file_size(path());
+    openAgain(m_Ledger);
+    constexpr std::uintmax_t kKept = 40;
+    for (std::uintmax_t index = 0; index < kKept; ++index) {
+        EXPECT_EQ(m_Ledger.confirm(data, std::to_string(10 + index)).m_Reason, "UNKNOWN_KEY");
+    }
+    EXPECT_EQ(m_Ledger.confirm(data, "10").m_Reason, "UNKNOWN_KEY") << "it is there";
+    close();
+    EXPECT_LT(std::filesystem::file_size(path()) - before, kKept * data.size() * 14 / 10);
 }
 
 TEST_F(StoreFile, OfAnotherProgramIsLeftAlone) {
@@ -84,11 +151,58 @@ TEST_F(StoreFile, OfAnotherProgramIsLeftAlone) {
     EXPECT_NE(Stranger(other).run("SELECT id FROM orders"), SQLITE_OK);
 }
 
-TEST_F(StoreFile, WithAColonInFrontIsAFile) {
+TEST_F(StoreFile, OfAnotherProgramKeepsItsBytes) {
+    std::string const other = m_Dir.file("other.db");
+    for (char const* version : {"PRAGMA user_version = 0", "PRAGMA user_version = 99", "PRAGMA user_version = -1"}) {
+        ASSERT_EQ(Stranger(other).run((std::string("CREATE TABLE IF NOT EXISTS mine (x);") + version).c_str()),
+                  SQLITE_OK);
+        std::string const before = contentOf(other);
+        LedgerHandle const ledger;
+        EXPECT_NE(ledger.open("sqlite:" + other, account()), KVX_OK) << version;
+        EXPECT_EQ(contentOf(other), before) << version;
+    }
+}
+
+TEST_F(StoreFile, WithANameThatSqliteWouldInterpretIsAFile) {
     WorkingDirectory const here(m_Dir.path());
-    LedgerHandle ledger;
-    EXPECT_EQ(ledger.open("sqlite::memory:", account()), KVX_OK);
-    EXPECT_TRUE(m_Dir.exists(":memory:"));
+    for (std::string const name : {":memory:", "file:one.db", "file:two.db?mode=memory", "file::memory:"}) {
+        Purchase purchase;
+        {
+            LedgerHandle const ledger;
+            ASSERT_EQ(ledger.open("sqlite:" + name, account()), KVX_OK) << name << ": " << lastLedgerError();
+            EXPECT_NE(ledger.url(purchase), "");
+        }
+        struct stat status {};
+        ASSERT_EQ(::stat(name.c_str(), &status), 0) << name;
+        EXPECT_EQ(status.st_mode & 0777U, 0600U) << name;
+        LedgerHandle const again;
+        ASSERT_EQ(again.open("sqlite:" + name, account()), KVX_OK) << name;
+        EXPECT_EQ(again.state(), "waiting") << name;
+    }
+}
+
+TEST_F(StoreFile, ThatWasRemovedOrReplacedAcceptsNothing) {
+    for (bool const isReplaced : {false, true}) {
+        std::string const file = m_Dir.file(isReplaced ? "replaced.db" : "removed.db");
+        LedgerHandle const ledger;
+        ASSERT_EQ(ledger.open("sqlite:" + file, account()), KVX_OK);
+        static_cast<void>(m_Ledger.url());
+        Purchase purchase;
+        EXPECT_NE(ledger.url(purchase), "");
+        std::string const token = ledger.attempt().at("token");
+        std::string const data = says("authorised", {{"TOKEN", token}});
+        if (isReplaced) {
+            m_Dir.write("other.db", "");
+            std::filesystem::rename(m_Dir.file("other.db"), file);
+        } else {
+            std::filesystem::remove(file);
+        }
+        EXPECT_EQ(ledger.confirm(data, m_Signer.sign(data)).m_Code, KVX_E_LEDGER_STORE) << file;
+        EXPECT_NE(lastLedgerError().find("removed or replaced"), std::string::npos) << lastLedgerError();
+        purchase.m_Number = "A-18";
+        std::string url;
+        EXPECT_EQ(ledger.begin(purchase, url), KVX_E_LEDGER_STORE) << file;
+    }
 }
 
 TEST_F(StoreFile, ThatIsLockedMeansNothingAboutAnOrder) {
@@ -177,7 +291,9 @@ TEST(LedgerHandles, AreRefusedWhenTheyAreNone) {
         EXPECT_EQ(Ledger_Confirm(handle, "", "", "", &number, &size, nullptr), KVX_E_BAD_HANDLE);
         EXPECT_EQ(Ledger_GetReason(handle, &number, &size, nullptr), KVX_E_BAD_HANDLE);
         EXPECT_EQ(Ledger_NextPaid(handle, &size, nullptr), KVX_E_BAD_HANDLE);
+        EXPECT_EQ(Ledger_Delivered(handle, "A"), KVX_E_BAD_HANDLE);
         EXPECT_EQ(Ledger_RunDue(handle, 1, &number), KVX_E_BAD_HANDLE);
+        EXPECT_EQ(Ledger_RenewKeys(handle, "", "", "", &number), KVX_E_BAD_HANDLE);
         EXPECT_EQ(Ledger_Resolve(handle, "A", "captured", "x"), KVX_E_BAD_HANDLE);
         EXPECT_EQ(Ledger_GetState(handle, "A", &size, nullptr), KVX_E_BAD_HANDLE);
         EXPECT_EQ(Ledger_GetOrder(handle, "A", &size, nullptr), KVX_E_BAD_HANDLE);
@@ -189,13 +305,39 @@ TEST(LedgerHandles, AreRefusedWhenTheyAreNone) {
     DestroyConfigurationSetup(setup);
 }
 
+TEST(LedgerHandles, NeverMeanALaterObject) {
+    LedgerHandle const ledger;
+    std::set<KVX_HANDLE> seen;
+    for (int round = 0; round < 100; ++round) {
+        KVX_HANDLE order = nullptr;
+        ASSERT_EQ(Ledger_CreateOrder(ledger.get(), "A", "1", "EUR", &order), KVX_OK);
+        EXPECT_TRUE(seen.insert(order).second) << round;
+        for (KVX_HANDLE const earlier : seen) {
+            if (earlier != order) {
+                DestroyLedgerOrder(earlier);
+                EXPECT_EQ(LedgerOrder_SetAttribute(earlier, "A", "1"), KVX_E_BAD_HANDLE) << round;
+            }
+        }
+        EXPECT_EQ(LedgerOrder_SetAttribute(order, "A", "1"), KVX_OK) << round;
+        DestroyLedgerOrder(order);
+    }
+    KVX_HANDLE const first = CreateLedger();
+    DestroyLedger(first);
+    KVX_HANDLE const second = CreateLedger();
+    DestroyLedger(first);
+    EXPECT_EQ(Ledger_SetOption(second, "CAPTURE", "1"), KVX_OK);
+    DestroyLedger(second);
+}
+
 TEST(LedgerHandles, NeedAStoreForEverythingButOptions) {
     LedgerHandle const ledger;
     std::int32_t number = 0;
     std::int32_t size = 0;
     EXPECT_EQ(Ledger_Confirm(ledger.get(), "", "", "", &number, &size, nullptr), KVX_E_NO_CONTEXT);
     EXPECT_EQ(Ledger_NextPaid(ledger.get(), &size, nullptr), KVX_E_NO_CONTEXT);
+    EXPECT_EQ(Ledger_Delivered(ledger.get(), "A"), KVX_E_NO_CONTEXT);
     EXPECT_EQ(Ledger_RunDue(ledger.get(), 1, &number), KVX_E_NO_CONTEXT);
+    EXPECT_EQ(Ledger_RenewKeys(ledger.get(), "", "", "", &number), KVX_E_NO_CONTEXT);
     EXPECT_EQ(Ledger_Resolve(ledger.get(), "A", "captured", "x"), KVX_E_NO_CONTEXT);
     EXPECT_EQ(Ledger_GetOrder(ledger.get(), "A", &size, nullptr), KVX_E_NO_CONTEXT);
     EXPECT_EQ(Ledger_ListOrders(ledger.get(), "", "", 1, &size, nullptr), KVX_E_NO_CONTEXT);
@@ -233,6 +375,8 @@ TEST(LedgerOptions, TakeTheirValuesOnly) {
         {"COMPLETE", "1", true},
         {"CAPTUREIDEMPOTENT", "1", true},
         {"JITTER", "yes", false},
+        {"ACKNOWLEDGE", "1", true},
+        {"ACKNOWLEDGE", "2", false},
         {"STATUSTYPE", "", true},
         {"STATUSATTRIBUTE", "", false},
         {"AUTHORISED", "ok", true},
@@ -299,6 +443,9 @@ TEST(MoneyTable, SaysWhatTheCatalogueSays) {
         {KVX_E_HTTP_FAMILY | 500, true},
         {KVX_E_HTTP_FAMILY | 599, true},
         {KVX_E_TLS_FAMILY | 0x800, true},
+        {KVX_E_TLS_FAMILY | 0x10B, true},  // bytes that are not TLS may follow the request
+        {KVX_E_TLS_FAMILY | 0x438, true},
+        {KVX_E_TLS_FAMILY | 0x102, false},
         {KVX_E_CANNOT_OPEN, false},
         {2, false},
         {static_cast<std::int32_t>(0x80049999), true},

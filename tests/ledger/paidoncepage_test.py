@@ -106,8 +106,13 @@ class PaidOncePage(SandboxCase):
 
 class PaidOnceNames(unittest.TestCase):
     def test_outcomes_are_those_of_the_header(self):
-        outcomes = set(re.findall(r"#define KVX_LEDGER_(?!REASON_|NUMBER_|H\b)(\w+)", HEADER))
+        outcomes = set(re.findall(r"#define KVX_LEDGER_(?!REASON_|RENEWAL_|NUMBER_|H\b)(\w+)", HEADER))
         shown = set(re.findall(r"^\| `(\w+)` \|", section("Outcomes"), re.MULTILINE))
+        self.assertEqual(shown, outcomes)
+
+    def test_outcomes_of_a_renewal_are_those_of_the_header(self):
+        outcomes = set(re.findall(r"#define KVX_LEDGER_RENEWAL_(\w+)", HEADER))
+        shown = set(re.findall(r"^\| [^|]* \| `(\w+)` \|", section("Renewing the key"), re.MULTILINE))
         self.assertEqual(shown, outcomes)
 
     def test_c_has_at_most_twelve_lines_besides_declarations(self):

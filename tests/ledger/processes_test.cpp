@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "tests/ledger/ledgersupport.h"
+#include "tests/sandbox/support/testmerchant.h"
 #include "tests/support/processes.h"
 
 extern char** environ;
@@ -34,7 +35,7 @@ protected:
                                           "sh",
                                           m_Dir.file(output),
                                           KVX_LEDGER_DRIVER,
-                                          m_Store,
+                                          m_Shared,
                                           shop().path(),
                                           std::to_string(killAt)};
         words.insert(words.end(), command.begin(), command.end());
@@ -81,7 +82,7 @@ protected:
         return count;
     }
 
-    std::string m_Store = store();  ///< What the driver opens.
+    std::string m_Shared = store();  ///< What the driver opens.
 
     static int count(std::string const& output, std::string const& word) {
         std::istringstream lines(output);
@@ -130,7 +131,8 @@ TEST_F(Processes, LoseAndDoubleNothingWhenKilledAtAnyPoint) {
 
 TEST_F(Processes, MayAllCreateTheStore) {
     constexpr int kProcesses = 6;
-    m_Store = "sqlite:" + m_Dir.file("fresh.db");
+    TestStore const fresh(m_Dir.file("fresh.db"));
+    m_Shared = fresh.name();
     std::vector<pid_t> processes;
     for (int process = 0; process < kProcesses; ++process) {
         std::string const name = std::to_string(process);
@@ -140,7 +142,7 @@ TEST_F(Processes, MayAllCreateTheStore) {
         EXPECT_EQ(end(processes[static_cast<std::size_t>(process)], "output" + std::to_string(process)).m_Status, 0);
     }
     LedgerHandle ledger;
-    ASSERT_EQ(ledger.open(m_Store, shop().path()), KVX_OK);
+    ASSERT_EQ(ledger.open(m_Shared, shop().path()), KVX_OK);
     EXPECT_EQ(ledger.numbers("").size(), static_cast<std::size_t>(kProcesses));
     EXPECT_EQ(ledger.numbers("waiting").size(), static_cast<std::size_t>(kProcesses));
 }
@@ -199,6 +201,43 @@ TEST_F(Processes, CaptureEachPaymentOnceHoweverManyWork) {
     }
 }
 
+TEST_F(Processes, LeaveAKeyThatWorksWhenKilledAtAnyPointOfARenewal) {
+    int points = 0;
+    for (int point = 1;; ++point) {
+        SCOPED_TRACE(point);
+        std::string const before = shop().dir().read("keys/current");
+        service().rotateServerKey();
+        Ended const killed = run({"renew", autoUrl()}, point);
+        if (killed.m_Signal == 0) {
+            EXPECT_EQ(killed.m_Status, 0);
+            break;
+        }
+        ASSERT_EQ(killed.m_Signal, SIGKILL);
+        ++points;
+        // The shop goes on at once, with the key that is there.
+        Purchase purchase;
+        purchase.m_Number = "R-" + std::to_string(point);
+        std::string const outcome = decide(m_Ledger.url(purchase), "pay");
+        ASSERT_TRUE(outcome == "PAID_NOW" || outcome == "KEPT") << outcome;
+        Ended const again = run({"renew", autoUrl()});
+        ASSERT_EQ(again.m_Status, 0) << again.m_Output;
+        ASSERT_EQ(again.m_Output, "1\n");
+        ASSERT_NE(shop().dir().read("keys/current"), before);
+        ASSERT_EQ(shop().dir().namesIn(".renewal"), (std::vector<std::string>{"generation", "id", "lock"}));
+        ASSERT_TRUE(shop().dir().exists("keys/private/" + before)) << "open payments have its signatures";
+        ASSERT_GE(m_Ledger.run(), 1);
+        ASSERT_EQ(m_Ledger.state(purchase.m_Number), "captured");
+    }
+    // The service knows no key whose private half is lost.
+    for (sandbox::Exchange const& exchange : service().exchanges()) {
+        if (exchange.m_Kind == sandbox::ExchangeKind::kKeyExport && exchange.m_Verdict == "ok") {
+            std::string const keyId = sandboxtest::attributeOf(exchange.m_Data, "KEYID");
+            EXPECT_TRUE(shop().dir().exists("keys/private/" + keyId)) << keyId;
+        }
+    }
+    EXPECT_GT(points, 60);
+}
+
 TEST_F(Processes, RefuseTheHandlesOfTheirParent) {
     if (!kMayForkBesideThreads) {
         GTEST_SKIP() << "children of this process cannot allocate";
@@ -217,6 +256,32 @@ TEST_F(Processes, RefuseTheHandlesOfTheirParent) {
     EXPECT_EQ(m_Ledger.state(), "authorised") << "the parent's handle goes on";
     EXPECT_EQ(m_Ledger.run(), 1);
     EXPECT_EQ(m_Ledger.state(), "captured");
+}
+
+TEST_F(Processes, OpenNoStoreThatWasOpenWhenTheyWereForked) {
+    if (runsOnPostgresql()) {
+        GTEST_SKIP() << "a new connection to a server has nothing of the parent's";
+    }
+    if (!kMayForkBesideThreads) {
+        GTEST_SKIP() << "children of this process cannot allocate";
+    }
+    std::string const closed = "sqlite:" + m_Dir.file("closed.db");
+    {
+        LedgerHandle const ledger;
+        ASSERT_EQ(ledger.open(closed, shop().path()), KVX_OK);
+    }
+    int const status = inChildProcess([&] {
+        LedgerHandle const ledger;
+        bool const isRefused = ledger.open(store(), shop().path()) == KVX_E_LEDGER_FORKED;
+        DestroyLedger(m_Ledger.get());
+        bool const staysRefused = ledger.open(store(), shop().path()) == KVX_E_LEDGER_FORKED;
+        return isRefused && staysRefused && ledger.open(closed, shop().path()) == KVX_OK ? 0 : 1;
+    });
+    EXPECT_EQ(status, 0);
+    pay();
+    EXPECT_EQ(m_Ledger.run(), 1) << "the parent's handle goes on";
+    LedgerHandle const second;
+    EXPECT_EQ(second.open(store(), shop().path()), KVX_OK) << "in the parent nothing changes";
 }
 
 }  // namespace

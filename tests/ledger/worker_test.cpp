@@ -7,6 +7,7 @@
 
 #include "ledger/testpoints.h"
 #include "tests/ledger/ledgersupport.h"
+#include "tests/sandbox/support/rawclient.h"
 
 using namespace kvxtest;
 
@@ -75,9 +76,20 @@ TEST_F(Worker, CompletesWhereThatIsWanted) {
 TEST_F(Worker, CapturesNothingWhereTheServiceDoes) {
     m_Ledger.option("CAPTURE", "0");
     pay();
+    EXPECT_EQ(m_Ledger.attempt().at("due"), nullptr) << "never overdue, also where no worker runs";
     EXPECT_EQ(m_Ledger.run(), 0);
     EXPECT_EQ(m_Ledger.state(), "authorised");
     EXPECT_EQ(m_Ledger.attempt().at("due"), nullptr);
+}
+
+TEST_F(Worker, CapturesWhatAHandleWithOtherOptionsLeftAlone) {
+    LedgerHandle web;
+    web.option("CAPTURE", "0");
+    ASSERT_EQ(web.open(store(), shop().path()), KVX_OK);
+    Returned const returned = sandbox().shopper(m_Ledger.url(), "pay");
+    EXPECT_EQ(web.confirm(returned.m_Data, returned.m_Signature).m_Outcome, "PAID_NOW");
+    EXPECT_EQ(m_Ledger.run(), 1);
+    EXPECT_EQ(m_Ledger.state(), "captured");
 }
 
 TEST_F(Worker, DoesNoMoreJobsThanItIsGiven) {
@@ -224,6 +236,16 @@ TEST_F(Worker, StopsRepeatingWhatTheServiceRefuses) {
     EXPECT_EQ(m_Ledger.state(), "unknown");
     EXPECT_EQ(m_Ledger.attempt().at("refusals"), 2);
     EXPECT_EQ(m_Ledger.attempt().at("due"), nullptr);
+    // A worker that begins anew leaves it to the person, too.
+    pay("A-18");
+    LedgerHandle next;
+    for (auto const& [name, value] : Attributes{{"CAPTUREIDEMPOTENT", "1"}, {"MAXREFUSALS", "2"}}) {
+        next.option(name, value);
+    }
+    ASSERT_EQ(next.open(store(), shop().path()), KVX_OK);
+    EXPECT_EQ(next.run(1), 1);
+    EXPECT_EQ(m_Ledger.attempt().at("due"), nullptr);
+    EXPECT_EQ(m_Ledger.numbers("attention"), std::vector<std::string>{"A-17"});
 }
 
 TEST_F(Worker, LearnsOfAPaymentWhoseConfirmationWasLost) {
@@ -263,10 +285,39 @@ TEST_F(Worker, LearnsHowAWaitingPaymentEnded) {
 }
 
 TEST_F(Worker, CallsAPaymentExpiredThatTheServiceDoesNotKnow) {
-    static_cast<void>(m_Ledger.url());
+    std::string const url = m_Ledger.url();
     passExpiry();
+    m_Ledger.option("MAXASKS", "3");
+    EXPECT_EQ(m_Ledger.run(2), 2);
+    EXPECT_EQ(m_Ledger.state(), "waiting");
+    EXPECT_EQ(m_Ledger.attempt().at("refusals"), 2);
     EXPECT_EQ(m_Ledger.run(), 1);
     EXPECT_EQ(m_Ledger.history().back(), "waiting found_nothing expired");
+    EXPECT_EQ(m_Ledger.attempt().at("refusals"), 0) << "those of captures are counted from here";
+    EXPECT_EQ(m_Ledger.attempt().at("tries"), 0);
+    EXPECT_EQ(m_Ledger.numbers("attention"), std::vector<std::string>{}) << "as every abandoned check-out";
+    EXPECT_EQ(decide(url, "pay"), "PAID_NOW") << "late";
+}
+
+TEST_F(Worker, CallsAPaymentExpiredAfterRefusalsInARowOnly) {
+    static_cast<void>(sandbox().shopper(m_Ledger.url(), "pay"));
+    passExpiry();
+    m_Ledger.option("MAXASKS", "3");
+    struct Trouble {
+        char const* m_Fault;
+        std::int32_t m_Times;
+    };
+    Trouble const troubles[] = {
+        {"error,exchange=status,times=2", 2}, {"reset,exchange=status", 1}, {"error,exchange=status,times=2", 2}};
+    for (Trouble const& trouble : troubles) {
+        arm(trouble.m_Fault);
+        EXPECT_EQ(m_Ledger.run(trouble.m_Times), trouble.m_Times);
+    }
+    EXPECT_EQ(m_Ledger.state(), "waiting");
+    EXPECT_EQ(m_Ledger.attempt().at("refusals"), 2) << "since the connection that was reset";
+    EXPECT_EQ(m_Ledger.numbers("attention"), std::vector<std::string>{"A-17"});
+    runAll();
+    EXPECT_EQ(m_Ledger.state(), "captured");
 }
 
 TEST_F(Worker, WaitsForAPaymentThatIsStillOpenThere) {
@@ -300,6 +351,111 @@ TEST_F(Worker, BelievesNoStateItDoesNotKnow) {
     EXPECT_EQ(m_Ledger.attempt().at("lastReason"), "the status response says \"authorised\"");
 }
 
+TEST_F(Worker, CallsAPersonWhenAskingDoesNotHelp) {
+    static_cast<void>(sandbox().shopper(m_Ledger.url(), "pay"));
+    passExpiry();
+    m_Ledger.option("AUTHORISED", "accepted");
+    m_Ledger.option("MAXASKS", "3");
+    EXPECT_EQ(m_Ledger.run(2), 2);
+    EXPECT_EQ(m_Ledger.numbers("attention"), std::vector<std::string>{});
+    EXPECT_EQ(m_Ledger.resolve("cancelled"), KVX_E_LEDGER_STATE) << "the worker may still find out";
+    EXPECT_EQ(m_Ledger.run(1), 1);
+    EXPECT_EQ(m_Ledger.numbers("attention"), std::vector<std::string>{"A-17"});
+    EXPECT_EQ(m_Ledger.attempt().at("attention"), true);
+    EXPECT_EQ(m_Ledger.attempt().at("asks"), 3);
+    EXPECT_EQ(m_Ledger.run(1), 1) << "it goes on asking";
+    m_Ledger.option("AUTHORISED", "authorised");
+    EXPECT_EQ(m_Ledger.run(1), 1);
+    EXPECT_EQ(m_Ledger.state(), "authorised");
+    EXPECT_EQ(m_Ledger.numbers("attention"), std::vector<std::string>{});
+    EXPECT_EQ(m_Ledger.attempt().at("asks"), 0);
+}
+
+TEST_F(Worker, ObeysAPersonAboutAPaymentThatStaysOpen) {
+    m_Ledger.option("MAXASKS", "1");
+    EXPECT_EQ(sandbox().statusOf(m_Ledger.url()), 200);
+    passExpiry();
+    EXPECT_EQ(m_Ledger.run(1), 1);
+    EXPECT_EQ(m_Ledger.numbers("attention"), std::vector<std::string>{"A-17"});
+    EXPECT_EQ(m_Ledger.resolve("capture_refused"), KVX_E_LEDGER_STATE);
+    EXPECT_EQ(m_Ledger.resolve("captured"), KVX_OK);
+    EXPECT_EQ(m_Ledger.nextPaid(), std::vector<std::string>{"A-17"});
+    EXPECT_EQ(m_Ledger.numbers("attention"), std::vector<std::string>{});
+}
+
+TEST_F(Worker, LearnsThatAnAuthorisationHasLapsed) {
+    struct Case {
+        char const* m_Number;
+        bool m_IsConfirmed;
+        char const* m_Last;
+    };
+    Case const cases[] = {{"L-1", false, "waiting found_lapsed expired"},
+                          {"L-2", true, "unknown found_lapsed capture_refused"}};
+    for (Case const& row : cases) {
+        Purchase purchase;
+        purchase.m_Number = row.m_Number;
+        Returned const returned = sandbox().shopper(m_Ledger.url(purchase), "pay");
+        if (row.m_IsConfirmed) {
+            EXPECT_EQ(m_Ledger.confirm(returned.m_Data, returned.m_Signature).m_Outcome, "PAID_NOW");
+            arm("reset,exchange=capture");
+            EXPECT_EQ(m_Ledger.run(1), 1);
+        }
+    }
+    // An authorisation lasts a day.
+    std::string const ahead = sandboxtest::exchangeRaw(service().controlPort(),
+                                                       sandboxtest::jsonPost("/control/clock", R"({"ahead": 90000})"));
+    EXPECT_EQ(sandboxtest::parseResponse(ahead).m_Status, 200) << ahead;
+    std::int64_t const expires = m_Ledger.attempt(1, "L-1").at("expires");
+    m_Ledger.option("NOW", std::to_string(expires + 300 * 1000));
+    runAll();
+    for (Case const& row : cases) {
+        EXPECT_EQ(m_Ledger.history(row.m_Number).back(), row.m_Last);
+    }
+    EXPECT_EQ(m_Ledger.numbers("attention"), std::vector<std::string>{"L-2"});
+}
+
+TEST_F(Worker, CountsFailuresAnewAfterAnAnswer) {
+    m_Ledger.option("COMPLETE", "1");
+    pay();
+    arm("drop,exchange=capture");
+    EXPECT_EQ(m_Ledger.run(1), 1);
+    EXPECT_EQ(m_Ledger.attempt().at("tries"), 1);
+    EXPECT_EQ(m_Ledger.run(1), 1);
+    EXPECT_EQ(m_Ledger.history().back(), "unknown found_captured captured");
+    EXPECT_EQ(m_Ledger.attempt().at("tries"), 0);
+    Purchase other;
+    other.m_Number = "A-18";
+    static_cast<void>(sandbox().shopper(m_Ledger.url(other), "pay"));
+    std::int64_t const expires = m_Ledger.attempt(1, "A-18").at("expires");
+    m_Ledger.option("NOW", std::to_string(expires + 300 * 1000));
+    m_Ledger.option("CAPTURE", "0");
+    arm("reset,exchange=status,times=2");
+    runAll();
+    EXPECT_EQ(m_Ledger.state("A-18"), "authorised");
+    EXPECT_EQ(m_Ledger.attempt(1, "A-18").at("tries"), 0);
+}
+
+TEST_F(Worker, WaitsForTheLongerOfTwoPausesBeforeItAsks) {
+    struct Case {
+        char const* m_Settle;
+        std::int64_t m_Pause;
+    };
+    Case const cases[] = {{"10", 100}, {"200", 200}};
+    m_Ledger.option("JITTER", "0");
+    m_Ledger.option("RETRYBASE", "100");
+    for (Case const& row : cases) {
+        std::string const number = std::string("A-") + row.m_Settle;
+        pay(number);
+        m_Ledger.option("SETTLESECONDS", row.m_Settle);
+        std::int64_t const now = m_Ledger.order(number).at("created").get<std::int64_t>() + 5000;
+        m_Ledger.option("NOW", std::to_string(now));
+        arm("drop,exchange=capture");
+        EXPECT_EQ(m_Ledger.run(1), 1);
+        EXPECT_EQ(m_Ledger.attempt(1, number).at("due"), now + row.m_Pause * 1000);
+        m_Ledger.option("NOW", "");
+    }
+}
+
 TEST_F(Worker, FindsWhatOthersHaveCapturedAndCompleted) {
     Returned const returned = sandbox().shopper(m_Ledger.url(), "pay");
     EXPECT_EQ(shop().capture(returned.m_Data), KVX_OK);
@@ -312,7 +468,8 @@ TEST_F(Worker, FindsWhatOthersHaveCapturedAndCompleted) {
     Returned const second = sandbox().shopper(m_Ledger.url(other), "pay");
     FlowMessage const verified = shop().verified(second);
     EXPECT_EQ(execute(shop().completion(verified.get("ID"), verified.get("TOKEN"))), KVX_OK);
-    passExpiry();
+    std::int64_t const expires = m_Ledger.attempt(1, "A-18").at("expires");
+    m_Ledger.option("NOW", std::to_string(expires + 300 * 1000));
     runAll();
     EXPECT_EQ(m_Ledger.history("A-18").back(), "waiting found_completed completed");
 }
@@ -405,6 +562,28 @@ TEST_F(Worker, CountsASuccessThatComesAfterItsLease) {
     EXPECT_EQ(m_Ledger.history().back(), "unknown capture_done captured");
 }
 
+TEST_F(Worker, LeavesTheLeaseOfAWorkerWhoseClockIsAhead) {
+    // The lease is as long as the longest pause, so it ends behind what the slower clock calls possible.
+    pay();
+    std::int64_t const now = m_Ledger.order().at("created").get<std::int64_t>() + 1000;
+    LedgerHandle other;
+    ASSERT_EQ(other.open(store(), shop().path()), KVX_OK);
+    for (auto const& [name, value] : Attributes{{"RETRYMAX", "60"}, {"STATUSTYPE", "Status"}}) {
+        m_Ledger.option(name, value);
+        other.option(name, value);
+    }
+    m_Ledger.option("NOW", std::to_string(now));
+    other.option("NOW", std::to_string(now - 1));
+    AtPoints const slow([&](ledger::TestPoint point) {
+        if (point == ledger::TestPoint::kBeforeSending) {
+            EXPECT_EQ(other.run(1), 0);
+            EXPECT_EQ(other.state(), "capturing");
+        }
+    });
+    EXPECT_EQ(m_Ledger.run(1), 1);
+    EXPECT_EQ(m_Ledger.history().back(), "capturing capture_done captured");
+}
+
 TEST_F(Worker, LetsALateFailureOfAnotherBe) {
     pay();
     arm("reset,exchange=capture");
@@ -495,6 +674,50 @@ TEST_F(Worker, LetsAnotherAttemptPayWhatWasGivenUpWithoutSayingSoTwice) {
     EXPECT_EQ(m_Ledger.attempt(2).at("state"), "authorised");
     EXPECT_EQ(m_Ledger.order().at("paidAttempt"), 2);
     EXPECT_EQ(m_Ledger.nextPaid(), std::vector<std::string>{});
+}
+
+TEST_F(Worker, StoresTheConfirmationOfAPaymentThatWasGivenUp) {
+    Returned const late = sandbox().shopper(m_Ledger.url(), "pay");
+    passExpiry();
+    arm("drop,exchange=capture");
+    EXPECT_EQ(m_Ledger.run(2), 2);
+    EXPECT_EQ(m_Ledger.state(), "unknown");
+    EXPECT_EQ(m_Ledger.resolve("cancelled"), KVX_OK);
+    EXPECT_EQ(m_Ledger.confirm(late.m_Data, late.m_Signature).m_Outcome, "KNOWN_ALREADY");
+    EXPECT_EQ(m_Ledger.history().back(), "cancelled confirmed_later cancelled");
+    EXPECT_EQ(m_Ledger.evidence().at("transitions").back().at("message"), late.m_Data);
+    EXPECT_EQ(m_Ledger.order().at("paidAttempt"), nullptr) << "it stays given up";
+    std::size_t const before = m_Ledger.history().size();
+    EXPECT_EQ(m_Ledger.confirm(late.m_Data, late.m_Signature).m_Outcome, "KNOWN_ALREADY");
+    EXPECT_EQ(m_Ledger.history().size(), before) << "once";
+}
+
+TEST_F(Worker, ReportsNothingThatTheServiceWillNotCapture) {
+    m_Ledger.option("STATUSTYPE", "Status");
+    static_cast<void>(sandbox().shopper(m_Ledger.url(), "pay"));
+    passExpiry();
+    arm("drop,exchange=capture");
+    EXPECT_EQ(m_Ledger.run(2), 2);
+    EXPECT_EQ(m_Ledger.state(), "unknown");
+    EXPECT_EQ(m_Ledger.numbers("untold"), std::vector<std::string>{"A-17"});
+    LedgerHandle person;
+    ASSERT_EQ(person.open(store(), shop().path()), KVX_OK);
+    {
+        bool isResolved = false;
+        AtPoints const slow([&](ledger::TestPoint point) {
+            if (point == ledger::TestPoint::kBeforeChange && !isResolved) {
+                isResolved = true;
+                EXPECT_EQ(person.resolve("capture_refused"), KVX_OK);
+            }
+        });
+        EXPECT_EQ(m_Ledger.nextPaid(), std::vector<std::string>{}) << "resolved since it was seen";
+        EXPECT_TRUE(isResolved);
+    }
+    EXPECT_EQ(m_Ledger.numbers("untold"), std::vector<std::string>{});
+    EXPECT_EQ(m_Ledger.numbers("attention"), std::vector<std::string>{"A-17"});
+    EXPECT_EQ(m_Ledger.resolve("captured"), KVX_OK);
+    EXPECT_EQ(m_Ledger.numbers("untold"), std::vector<std::string>{"A-17"});
+    EXPECT_EQ(m_Ledger.nextPaid(), std::vector<std::string>{"A-17"});
 }
 
 // ---- Without a service: the address of the account refuses connections, so no money can have moved ----

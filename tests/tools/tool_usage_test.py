@@ -10,8 +10,8 @@ import unittest
 from toolcase import TIMEOUT_SECONDS, TOOL, AccountCase, Terminal, ToolCase, environment
 
 HAS_LEDGER = "KVX_LEDGER_DRIVER" in os.environ
-ORDERS = tuple("orders " + name for name in ("list", "show", "resume", "resolve", "export")) if HAS_LEDGER else ()
-COMMANDS = ("setup", "pay", "verify", "capture", "complete", "request", "get", "set", "show", "keys list", "keys prune", *ORDERS)
+OF_LEDGER = ("keys renew", *("orders " + name for name in ("list", "show", "resume", "resolve", "export"))) if HAS_LEDGER else ()
+COMMANDS = ("setup", "pay", "verify", "capture", "complete", "request", "get", "set", "show", "keys list", "keys prune", *OF_LEDGER)
 
 LONG = "x" * 100_000
 """An argument near the longest that Linux passes on."""

@@ -102,10 +102,12 @@ export declare const ResultCode: {
   readonly LEDGER_FORKED: -2147201016;
   /** an argument is not acceptable */
   readonly LEDGER_INVALID: -2147201015;
-  /** the order exists with other content */
+  /** the order exists with other content, or the store is of another account */
   readonly LEDGER_CONFLICT: -2147201014;
   /** the order has been paid */
   readonly LEDGER_PAID: -2147201013;
   /** the order's state does not allow this */
   readonly LEDGER_STATE: -2147201012;
+  /** no connection to the store's server */
+  readonly LEDGER_UNREACHABLE: -2147201011;
 };

@@ -64,7 +64,8 @@ final class ResultCode
     public const LEDGER_VERSION = -2147201017; // 0x80045007 a newer release wrote the store
     public const LEDGER_FORKED = -2147201016; // 0x80045008 a handle of another process
     public const LEDGER_INVALID = -2147201015; // 0x80045009 an argument is not acceptable
-    public const LEDGER_CONFLICT = -2147201014; // 0x8004500A the order exists with other content
+    public const LEDGER_CONFLICT = -2147201014; // 0x8004500A the order exists with other content, or the store is of another account
     public const LEDGER_PAID = -2147201013; // 0x8004500B the order has been paid
     public const LEDGER_STATE = -2147201012; // 0x8004500C the order's state does not allow this
+    public const LEDGER_UNREACHABLE = -2147201011; // 0x8004500D no connection to the store's server
 }

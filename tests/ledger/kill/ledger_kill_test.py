@@ -1,6 +1,7 @@
-"""A shop whose processes are killed at any time, before a service with faults: nothing is told, lost or captured twice.
+"""A shop whose processes are killed at any time, before a service with faults: nothing is lost, reported twice or captured twice.
 
 In each round four processes begin orders, confirm and work on one store, and each is killed after a random number of calls.
+With acknowledged deliveries nothing that was reported to a process that died stays undelivered either.
 KVX_LEDGER_KILLS is the number of kills, KVX_LEDGER_SEED the seed.
 """
 
@@ -11,7 +12,6 @@ import pathlib
 import random
 import select
 import signal
-import sqlite3
 import tempfile
 import time
 import unittest
@@ -19,6 +19,7 @@ import urllib.parse
 import urllib.request
 
 from ledgerface import Ledger, LedgerFailure, library, require
+from ledgerstores import new_store, problems
 from merchant import Page, Transport, attributes_of
 from sandboxcase import parameters
 from sandboxprocess import SandboxProcess
@@ -124,16 +125,27 @@ class LedgerKills(unittest.TestCase):
         self.decided = set()
         self.captures = {}  # how many captures of each token the service has carried out
         self.exchange = 0
+        self.is_acknowledged = False
+        self.store = new_store(self.place / "orders.db")
         self.open().close()
 
     def open(self):
-        return Ledger(self.place / "orders.db", self.account, NOW=self.now, **OPTIONS)
+        return Ledger(self.store, self.account, NOW=self.now, ACKNOWLEDGE=int(self.is_acknowledged), **OPTIONS)
 
     def ask(self, path, body=None, method=None):
         request = urllib.request.Request(self.control + path, None if body is None else json.dumps(body).encode(),
                                          {"Content-Type": "application/json"}, method=method)
         with urllib.request.urlopen(request, timeout=RESPONSE_SECONDS) as response:
             return json.loads(response.read() or b"{}")
+
+    def all_of(self, kind, after=0):
+        """The service's exchanges or payments behind a number, page after page."""
+        rows = []
+        while True:
+            page = self.ask(f"/{kind}?limit=1000&after={rows[-1]['number'] if rows else after}")[kind]
+            if not page:
+                return rows
+            rows += page
 
     # The processes of the shop
 
@@ -160,7 +172,7 @@ class LedgerKills(unittest.TestCase):
                 for data, signature in confirmations:
                     outcome, _, number = ledger.confirm(data, signature, "notification")
                     if outcome == "PAID_NOW":
-                        write_line(log, number)
+                        self.deliver(ledger, log, number)
                     step()
                 if not confirmations:
                     step()
@@ -174,9 +186,17 @@ class LedgerKills(unittest.TestCase):
                 ledger.run(1)
                 number = ledger.next_paid()
                 if number is not None:
-                    write_line(log, number)
+                    self.deliver(ledger, log, number)
                 step()
         return work
+
+    def deliver(self, ledger, log, number):
+        write_line(log, number)
+        self.acknowledge(ledger, number)
+
+    def acknowledge(self, ledger, number):
+        if self.is_acknowledged:
+            ledger.delivered(number)
 
     # The shoppers
 
@@ -200,7 +220,7 @@ class LedgerKills(unittest.TestCase):
                                  "exchange": self.chance.choice(("capture", "complete", "status"))})
 
     def count_captures(self):
-        for exchange in self.ask(f"/exchanges?after={self.exchange}")["exchanges"]:
+        for exchange in self.all_of("exchanges", self.exchange):
             self.exchange = max(self.exchange, exchange["number"])
             if exchange["kind"] == "capture" and exchange["verdict"] == "ok":
                 token = attributes_of(exchange["data"].encode())["TOKEN"]
@@ -231,7 +251,9 @@ class LedgerKills(unittest.TestCase):
         with self.open() as ledger:
             for data, signature in self.confirmations[-10:]:
                 outcome, _, number = ledger.confirm(data, signature)
-                told += [number] if outcome == "PAID_NOW" else []
+                if outcome == "PAID_NOW":
+                    told.append(number)
+                    self.acknowledge(ledger, number)
             for _ in range(LAST_PASSES):
                 while ledger.run(1000) > 0:
                     pass
@@ -242,37 +264,51 @@ class LedgerKills(unittest.TestCase):
             number = ledger.next_paid()
             while number is not None:
                 told.append(number)
+                self.acknowledge(ledger, number)
                 number = ledger.next_paid()
             return told, [ledger.order(number) for number in ledger.numbers("")]
 
     def test_double_and_lose_nothing(self):
+        told, paid, killed = self.play()
+        self.assertEqual([number for number in set(told) if told.count(number) > 1], [], "told twice")
+        self.assertLessEqual(set(told), set(paid))
+        self.assertLessEqual(len(paid) - len(told), killed, "a kill can swallow one word at most")
+
+    def test_deliver_everything_that_is_paid_when_deliveries_are_acknowledged(self):
+        self.is_acknowledged = True
+        told, paid, _ = self.play()
+        self.assertEqual(set(told), set(paid), "no kill swallows a delivery")
+        with self.open() as ledger:
+            self.assertEqual([number for number in paid if ledger.order(number)["delivered"] is None], [])
+            self.assertEqual(ledger.numbers("undelivered"), [])
+
+    def play(self):
+        """Kills. Returns what all processes together had reported, what is paid, and how many died."""
         killed, index = 0, 0
         while killed < KILLS:
             died = self.play_round(index)
             self.assertEqual(died, len(ROLES), f"seed {SEED}, round {index}: a process ended by itself")
             killed += died
             index += 1
-        told, orders = self.last_pass()
+        told = [number for number, in lines_of(self.told_log)]
+        last_told, orders = self.last_pass()
         self.count_captures()
-        told += [number for number, in lines_of(self.told_log)]
+        told += last_told
         states = {attempt["token"]: attempt["state"] for order in orders for attempt in order["attempts"]}
-        payments = {payment["token"]: payment["state"] for payment in self.ask("/payments")["payments"]}
+        payments = {payment["token"]: payment["state"] for payment in self.all_of("payments")}
         print(f"seed {SEED}: {killed} kills, {len(orders)} orders, {len(payments)} payments, "
               f"{sum(self.captures.values())} captures, {len(told)} told", flush=True)
-        self.assertEqual([number for number in set(told) if told.count(number) > 1], [], "told twice")
         paid = [order["number"] for order in orders if order["paid"]]
         self.assertGreater(len(paid), 0)
-        self.assertLessEqual(set(told), set(paid))
         self.assertEqual([order["number"] for order in orders if order["paid"] and order["told"] is None], [])
-        self.assertLessEqual(len(paid) - len(told), killed, "a kill can swallow one word at most")
         self.assertEqual({token: count for token, count in self.captures.items() if count > 1}, {}, "captured twice")
         expected = {"completed": {"completed"}, "authorised": {"surplus"}, "declined": {"declined"},
                     "cancelled": {"cancelled"}}
         wrong = {token: (state, states.get(token)) for token, state in payments.items()
                  if states.get(token) not in expected.get(state, set())}
         self.assertEqual(wrong, {}, "the service and the ledger differ")
-        with sqlite3.connect(self.place / "orders.db") as store:
-            self.assertEqual(store.execute("PRAGMA integrity_check").fetchall(), [("ok",)])
+        self.assertEqual(problems(self.store), [])
+        return told, paid, killed
 
 
 if __name__ == "__main__":

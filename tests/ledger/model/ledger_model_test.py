@@ -14,33 +14,35 @@ import time
 import unittest
 
 from ledgerface import Ledger, LedgerFailure
+from ledgerstores import ADDRESS, discard, new_store
 from lifemodel import ANSWERS, Model, Said
 from merchant import attributes_of, message, query_of
 from stubservice import Account, StubService
 
-SEQUENCES = int(os.environ.get("KVX_LEDGER_SEQUENCES", "200"))
+SEQUENCES = int(os.environ.get("KVX_LEDGER_SEQUENCES", "50" if ADDRESS else "200"))  # a database takes longer than a file
 SEED = int(os.environ.get("KVX_LEDGER_SEED", "0")) or random.randrange(1, 10**9)
 CHILD_SECONDS = 60
 
 EVENTS = 14
 ROUGH_EVENTS = 24
-WEIGHTS = {"begin": 3, "confirm": 5, "replay": 2, "work": 8, "clock": 4, "resolve": 2, "next": 2, "publish": 0.4,
+WEIGHTS = {"begin": 3, "confirm": 5, "replay": 2, "work": 8, "clock": 4, "resolve": 2, "next": 2, "deliver": 1, "publish": 0.4,
            "reopen": 0.4, "kill": 0.3}
 RESULTS = ("authorised", "authorised", "authorised", "declined", "cancelled", "expired")
-WORDS = ("authorised", "captured", "completed", "opened", "declined", "cancelled", "expired", "no such word")
+WORDS = ("authorised", "captured", "completed", "opened", "declined", "cancelled", "expired", "lapsed", "no such word")
 FLAWS = (("WRONG_AMOUNT", {"AMOUNT": "12.51"}), ("WRONG_CURRENCY", {"CURRENCY": "USD"}),
          ("WRONG_ORDER", {"ORDERID": "other"}), ("UNKNOWN_TOKEN", {"TOKEN": "1"}), ("WRONG_TYPE", {"MSGTYPE": "PayInit"}),
          ("WRONG_RESULT", {"result": "captured"}))
-FILTERS = ("paid", "untold", "surplus", "attention", "waiting", "captured")
+FOREIGN = ({"TOKEN": "1"}, {"ID": "other", "ORDERID": "other"}, {"ORDERID": "other"}, {"AMOUNT": "12.5"}, {"CURRENCY": "USD"})
+FILTERS = ("paid", "untold", "undelivered", "surplus", "attention", "waiting", "captured")
 
 
 def options_of(chance):
     """Options of one sequence. Without jitter, so that pauses can be compared."""
     return {"CAPTURE": chance.choice("1110"), "COMPLETE": chance.choice("01"),
             "CAPTUREIDEMPOTENT": chance.choice("01"), "STATUSTYPE": chance.choice(("", "Status")),
-            "MAXREFUSALS": chance.choice("123"), "GRACESECONDS": chance.choice(("0", "300")),
+            "MAXREFUSALS": chance.choice("123"), "MAXASKS": chance.choice("123"), "GRACESECONDS": chance.choice(("0", "300")),
             "ACCEPTSECONDS": chance.choice(("0", "1000", "2592000")), "LEASESECONDS": "300",
-            "SETTLESECONDS": chance.choice(("0", "60")), "RETRYBASE": chance.choice(("0", "10")),
+            "ACKNOWLEDGE": chance.choice("01"), "SETTLESECONDS": chance.choice(("0", "60")), "RETRYBASE": chance.choice(("0", "10")),
             "RETRYMAX": chance.choice(("15", "3600")), "KEPTEACH": chance.choice("24"), "JITTER": "0"}
 
 
@@ -53,7 +55,7 @@ class Sequence:
 
     def __init__(self, case, seed, place):
         self.chance = random.Random(seed)
-        self.store = place / "orders.db"
+        self.store = new_store(place / "orders.db")
         self.account = case.account_at(place / "account")
         self.service = case.service
         self.service.respond = self.respond
@@ -65,11 +67,11 @@ class Sequence:
         self.urls = {}      # the URL of each attempt
         self.replays = []   # what was confirmed before
         self.victim = None  # the worker to be killed when its request has come
-        self.answer, self.word = "done", ""
+        self.answer, self.word, self.foreign = "done", "", {}
         # A service that rarely does what it is asked leads to the states in doubt.
         self.is_rough = self.chance.random() < 0.3
         self.answers = ANSWERS + ("refused", "lost", "done") if self.is_rough else ANSWERS + ("done",) * 6
-        self.words = ("authorised", "captured", "opened") if self.is_rough else WORDS
+        self.words = ("authorised", "captured", "opened", "no such word") if self.is_rough else WORDS
         self.log = [f"options {self.options}"]
 
     def open(self):
@@ -81,8 +83,9 @@ class Sequence:
             return None
         kind = {"PayConfirm": "PayConfirm", "PayCompleteRequest": "PayCompleteResponse",
                 "StatusRequest": "StatusResponse"}[attributes["MSGTYPE"]]
+        named = {"TOKEN": attributes["TOKEN"], "ID": "P" + attributes["TOKEN"]}
         state = {"STATE": self.word} if kind == "StatusResponse" else {}
-        return {"done": message(kind, TOKEN=attributes["TOKEN"], ID="P" + attributes["TOKEN"], **state),
+        return {"done": message(kind, **named, **state), "foreign": message(kind, **{**named, **self.foreign}, **state),
                 "refused": message("Error", MESSAGE="the service says no"), "garbage": b"<KVX MSGTYPE=",
                 "wrong-type": message("LoadDefaultsResponse"), "lost": None, "forbidden": 403,
                 "failed": 500}[self.answer]
@@ -169,6 +172,7 @@ class Sequence:
         """What the ledger holds then."""
         self.answer = "killed" if kill else self.chance.choice(self.answers)
         self.word = self.chance.choice(self.words)
+        self.foreign = self.chance.choice(FOREIGN)
         before = len(self.service.requests)
         done = self.run_and_kill() if kill else self.ledger.run(1)
         requests = [(request["MSGTYPE"], request["TOKEN"]) for request in self.service.requests[before:]]
@@ -204,6 +208,7 @@ class Sequence:
     def run_and_kill(self):
         """A worker in a process of its own, killed when its request has come: None. Else how many jobs it did."""
         reading, writing = os.pipe()
+        self.ledger.close()  # no child can open a store that was open when it was forked
         self.victim = os.fork()
         if self.victim == 0:
             signal.alarm(CHILD_SECONDS)
@@ -216,6 +221,7 @@ class Sequence:
         os.write(writing, b"x")
         _, status = os.waitpid(self.victim, 0)
         self.victim = None
+        self.ledger = self.open()
         os.close(reading)
         os.close(writing)
         if os.WIFSIGNALED(status):
@@ -232,12 +238,16 @@ class Sequence:
 
     def event_resolve(self):
         number = self.chance.choice([*self.numbers, "none"])
-        state = self.chance.choice(("authorised", "captured", "completed", "capture_refused", "cancelled"))
+        state = self.chance.choice(("authorised", "captured", "completed", "capture_refused", "cancelled", "surplus_settled"))
         self.log.append(f"  {number}, {state}")
         self.agree("resolve", self.ledger.resolve(number, state), lambda model: model.resolve(number, state))
 
     def event_next(self):
         self.agree("next", self.ledger.next_paid(), lambda model: model.next_paid())
+
+    def event_deliver(self):
+        number = self.chance.choice([*self.numbers, "none"])
+        self.agree("deliver", self.ledger.delivered(number), lambda model: model.deliver(number))
 
     def event_publish(self):
         self.account.publish("next", current=True)
@@ -256,10 +266,10 @@ class Sequence:
         for number in sorted({number for number, _ in self.urls}):
             evidence = self.ledger.evidence(number)
             order = evidence["order"]
-            attempts = [(row["state"], row["tries"], row["refusals"], row["url"]) for row in order["attempts"]]
+            attempts = [(row["state"], row["tries"], row["refusals"], row["asks"], row["url"]) for row in order["attempts"]]
             seen[number] = {
                 "state": order["state"], "paid": order["paidAttempt"], "told": order["told"] is not None,
-                "attempts": attempts, "due": [row["due"] for row in order["attempts"]],
+                "delivered": order["delivered"] is not None, "attempts": attempts, "due": [row["due"] for row in order["attempts"]],
                 "transitions": [(row["attempt"], row["from"], row["event"], row["to"])
                                 for row in evidence["transitions"]]}
         return seen
@@ -274,7 +284,7 @@ class Sequence:
                     dues[place] = seen[number]["due"][place]
             expected[number] = {
                 "state": order.state(), "paid": order.paid.index if order.paid else None, "told": order.is_told,
-                "attempts": [(row.state, row.tries, row.refusals, row.url) for row in order.attempts],
+                "delivered": order.is_delivered, "attempts": [(row.state, row.tries, row.refusals, row.asks, row.url) for row in order.attempts],
                 "due": dues, "transitions": order.transitions}
         return expected
 
@@ -332,6 +342,7 @@ class LedgerModel(unittest.TestCase):
                 raise AssertionError("\n".join([replay, *sequence.log, str(failure)])) from None
             finally:
                 sequence.ledger.close()
+                discard(sequence.store)
                 shutil.rmtree(place)
                 self.service.requests.clear()
 

@@ -11,16 +11,17 @@ PAID = ("authorised", "capturing", "captured", "completing", "completed", "captu
         "completion_unknown")
 UNPAID_ENDS = ("declined", "cancelled", "expired")
 
-# How the service takes a request. After "forbidden" no money has moved; after any other failure it may have.
-ANSWERS = ("done", "refused", "lost", "forbidden", "failed", "garbage", "wrong-type")
+# How the service takes a request. After "forbidden" no money has moved; after any other failure it may have. "foreign" is
+# "done", but the response to a completion or a status request is about another payment.
+ANSWERS = ("done", "refused", "lost", "forbidden", "failed", "garbage", "wrong-type", "foreign")
 
 # What a person may say, and of which states.
 RESOLUTIONS = {
-    "authorised": ("resolved_authorised", ("unknown", "capture_refused")),
-    "captured": ("resolved_captured", ("unknown", "capture_refused", "completion_unknown")),
-    "completed": ("resolved_completed", ("unknown", "capture_refused", "completion_unknown")),
+    "authorised": ("resolved_authorised", ("waiting", "unknown", "capture_refused")),
+    "captured": ("resolved_captured", ("waiting", "unknown", "capture_refused", "completion_unknown")),
+    "completed": ("resolved_completed", ("waiting", "unknown", "capture_refused", "completion_unknown")),
     "capture_refused": ("resolved_refused", ("unknown",)),
-    "cancelled": ("resolved_cancelled", ("unknown", "capture_refused")),
+    "cancelled": ("resolved_cancelled", ("waiting", "unknown", "capture_refused")),
 }
 
 
@@ -35,7 +36,9 @@ class Attempt:
     due: int = None
     tries: int = 0
     refusals: int = 0
+    asks: int = 0               # status requests in a row that changed nothing
     payment: str = None         # the ID of the payment
+    was_paid: bool = False      # it is or was known as paid
     is_confirmed: bool = False  # a confirmation that says paid is recorded
     result: str = None          # the unpaid end that a confirmation said
     kept: list = dataclasses.field(default_factory=list)
@@ -48,10 +51,15 @@ class Order:
     attempts: list = dataclasses.field(default_factory=list)
     paid: Attempt = None
     is_told: bool = False
+    is_delivered: bool = False
+    report: int = None  # when the order is reported again unless its delivery is acknowledged
     transitions: list = dataclasses.field(default_factory=list)
 
     def state(self):
-        return (self.paid or self.attempts[-1]).state
+        return self.standing().state
+
+    def standing(self):
+        return self.paid or self.attempts[-1]
 
 
 @dataclasses.dataclass
@@ -69,9 +77,14 @@ class Said:
     signature: str = ""
 
 
+def is_deliverable(order):
+    """Not while the service will not capture."""
+    return order.paid is not None and order.paid.state != "capture_refused"
+
+
 def is_to_be_told(order):
-    """Whether somebody has to deliver. Not while the service will not capture."""
-    return order.paid is not None and not order.is_told and order.paid.state != "capture_refused"
+    """Whether somebody has to deliver who does not know it yet."""
+    return is_deliverable(order) and not order.is_told
 
 
 class Model:
@@ -98,7 +111,12 @@ class Model:
     def move(self, attempt, event, state):
         """Enters the state, and makes due what follows from it."""
         self.orders[attempt.number].transitions.append((attempt.index, attempt.state, event, state))
+        if state != attempt.state:
+            attempt.asks = 0
+            if attempt.state == "waiting":
+                attempt.tries = attempt.refusals = 0
         attempt.state = state
+        attempt.was_paid |= state in PAID or state == "surplus"
         attempt.due = None
         if state == "waiting":
             attempt.due = attempt.expires + self.seconds("GRACESECONDS")
@@ -172,15 +190,13 @@ class Model:
         order = self.orders[attempt.number]
         if attempt.payment not in (None, said.payment):
             return "REFUSED", "OTHER_PAYMENT"
-        is_given_up = attempt.payment is not None and attempt.state == "cancelled"  # by a person; it stays so
-        if attempt.is_confirmed or is_given_up:
+        if attempt.is_confirmed:
             return self.tell(order, attempt, tell), "NONE"
-        is_paid = attempt.state in PAID or attempt.state == "surplus"
-        if self.is_late(attempt) and not is_paid:
+        if self.is_late(attempt) and not attempt.was_paid:
             return "REFUSED", "TOO_LATE"
         attempt.is_confirmed = True
         attempt.payment = said.payment
-        if is_paid:
+        if attempt.was_paid:  # also when a person has given it up: it stays so
             due = attempt.due
             self.move(attempt, "confirmed_later", attempt.state)
             attempt.due = due
@@ -192,17 +208,21 @@ class Model:
             self.move(attempt, "confirmed_paid", "authorised")
         return self.tell(order, attempt, tell), "NONE"
 
-    @staticmethod
-    def tell(order, attempt, tell):
+    def tell(self, order, attempt, tell):
         if order.paid is attempt and tell and is_to_be_told(order):
-            order.is_told = True
+            self.report(order)
             return "PAID_NOW"
         return "KNOWN_ALREADY"
+
+    def report(self, order):
+        order.is_told = True
+        if self.options["ACKNOWLEDGE"] == "1":
+            order.report = self.now + self.seconds("LEASESECONDS")
 
     def accept_end(self, attempt, said):
         if attempt.result == said.result:
             return "KNOWN_ALREADY", "NONE"
-        if attempt.payment is not None:
+        if attempt.was_paid:
             return "REFUSED", "CONTRADICTS"
         if self.is_late(attempt):
             return "REFUSED", "TOO_LATE"
@@ -212,11 +232,29 @@ class Model:
         return "NOT_PAID", "NONE"
 
     def next_paid(self):
-        for order in self.orders.values():
-            if is_to_be_told(order):
-                order.is_told = True
-                return order.number
-        return None
+        found = [order for order in self.orders.values() if is_to_be_told(order)]
+        if not found and self.options["ACKNOWLEDGE"] == "1":
+            found = [order for order in self.orders.values()
+                     if is_deliverable(order) and order.report is not None and order.report <= self.now]
+            found.sort(key=lambda order: order.report)
+        if not found:
+            return None
+        self.report(found[0])
+        return found[0].number
+
+    def deliver(self, number):
+        """The name of the result."""
+        order = self.orders.get(number)
+        if order is None:
+            return "KVX_E_NOT_FOUND"
+        if not order.is_delivered:
+            if order.paid is None and not order.is_told:
+                return "KVX_E_LEDGER_STATE"
+            order.is_told = order.is_delivered = True
+            order.report = None
+            attempt = order.standing()
+            order.transitions.append((attempt.index, attempt.state, "delivered", attempt.state))
+        return "KVX_OK"
 
     # The worker
 
@@ -279,7 +317,8 @@ class Model:
         kind, sending, done, doubt = (("capture", "capturing", "captured", "unknown") if before == "authorised" else
                                       ("complete", "completing", "completed", "completion_unknown"))
         self.move(attempt, kind + "_sent", sending)
-        if answer == "done":
+        is_compared = kind == "complete"  # its response says which payment it is about
+        if (answer == "done" and not (is_compared and self.is_other(attempt))) or (answer == "foreign" and not is_compared):
             attempt.tries = attempt.refusals = 0
             self.move(attempt, kind + "_done", done)
         elif answer == "forbidden":
@@ -296,18 +335,35 @@ class Model:
         if answer == "killed":
             attempt.due = self.now + self.seconds("LEASESECONDS")
         elif attempt.state == "waiting" and answer == "refused":
-            self.move(attempt, "found_nothing", "expired")
-        elif answer != "done":
-            self.pause(attempt)
+            attempt.refusals += 1
+            if attempt.refusals >= int(self.options["MAXASKS"]):
+                self.move(attempt, "found_nothing", "expired")
+            else:
+                self.ask_later(attempt, is_refused=True)
+        elif answer != "done" or self.is_other(attempt):
+            self.ask_later(attempt)
         elif attempt.state == "waiting":
             self.find_waiting(attempt, word)
         else:
             self.find_in_doubt(attempt, word)
 
+    @staticmethod
+    def is_other(attempt):
+        """True when the payment has another ID than "P" + token, which is in every response."""
+        return attempt.payment not in (None, "P" + attempt.token)
+
+    def ask_later(self, attempt, is_refused=False):
+        if attempt.state == "waiting" and not is_refused:
+            attempt.refusals = 0
+        attempt.asks += 1
+        self.pause(attempt)
+
     def find_waiting(self, attempt, word):
         order = self.orders[attempt.number]
         if word in UNPAID_ENDS:
             self.move(attempt, "found_" + word, word)
+        elif word == "lapsed":
+            self.move(attempt, "found_lapsed", "expired")
         elif word in ("authorised", "captured", "completed"):
             attempt.payment = "P" + attempt.token
             if order.paid:
@@ -316,21 +372,24 @@ class Model:
                 order.paid = attempt
                 self.move(attempt, "found_" + word, word)
         else:
-            self.pause(attempt)
+            self.ask_later(attempt)
 
     def find_in_doubt(self, attempt, word):
+        known = ("captured", "completed", "authorised", "opened", "lapsed", *UNPAID_ENDS)
+        if word not in known or (attempt.state == "completion_unknown" and word not in ("captured", "completed")):
+            self.ask_later(attempt)
+            return
+        if attempt.payment is None:
+            attempt.payment = "P" + attempt.token
         if word in ("captured", "completed"):
+            attempt.tries = attempt.refusals = 0
             self.move(attempt, "found_" + word, word)
-        elif attempt.state == "completion_unknown":
-            self.pause(attempt)
         elif word == "authorised" and attempt.refusals >= int(self.options["MAXREFUSALS"]):
             self.move(attempt, "found_refused", "capture_refused")
         elif word == "authorised":
             self.move(attempt, "found_authorised", "authorised")
-        elif word == "opened" or word in UNPAID_ENDS:
-            self.move(attempt, "found_" + word, "capture_refused")
         else:
-            self.pause(attempt)
+            self.move(attempt, "found_" + word, "capture_refused")
 
     # A person
 
@@ -339,15 +398,22 @@ class Model:
         order = self.orders.get(number)
         if order is None:
             return "KVX_E_NOT_FOUND"
+        if state == "surplus_settled":
+            surplus = [attempt for attempt in order.attempts if attempt.state == "surplus"]
+            for attempt in surplus:
+                self.move(attempt, "resolved_surplus", "cancelled")
+            return "KVX_OK" if surplus else "KVX_E_LEDGER_STATE"
         event, states = RESOLUTIONS[state]
-        if order.paid is None or order.paid.state not in states:
+        attempt = order.standing()
+        if attempt.state not in states or (attempt.state == "waiting" and not self.is_asked_out(attempt)):
             return "KVX_E_LEDGER_STATE"
-        attempt = order.paid
         attempt.tries = attempt.refusals = 0
         self.move(attempt, event, state)
-        if state == "cancelled":
-            order.paid = None
+        order.paid = None if state == "cancelled" else attempt
         return "KVX_OK"
+
+    def is_asked_out(self, attempt):
+        return attempt.asks >= int(self.options["MAXASKS"])
 
     # Lists
 
@@ -359,10 +425,12 @@ class Model:
         if kind == "paid":
             return order.paid is not None
         if kind == "untold":
-            return order.paid is not None and not order.is_told
+            return is_to_be_told(order)
+        if kind == "undelivered":
+            return order.report is not None
         if kind == "surplus":
             return surplus
         if kind == "attention":
-            return surplus or order.state() == "capture_refused" or (
+            return surplus or order.state() == "capture_refused" or any(map(self.is_asked_out, order.attempts)) or (
                 order.state() in ("unknown", "completion_unknown") and self.is_idle(order.paid))
         return order.state() == kind

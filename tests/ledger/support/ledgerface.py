@@ -17,6 +17,7 @@ for name, kinds in {
         "DestroyLedger": "p", "DestroyLedgerOrder": "p", "Ledger_SetOption": "pss", "Ledger_Open": "pss",
         "Ledger_GetLastErrorText": "pp", "Ledger_CreateOrder": "psssp", "LedgerOrder_SetAttribute": "pss",
         "LedgerOrder_Begin": "ppp", "Ledger_Confirm": "pssspps", "Ledger_GetReason": "ppps", "Ledger_NextPaid": "pps",
+        "Ledger_Delivered": "ps",
         "Ledger_RunDue": "pip", "Ledger_Resolve": "psss", "Ledger_GetState": "psps", "Ledger_GetOrder": "psps",
         "Ledger_ListOrders": "pssips", "Ledger_ExportOrder": "psps"}.items():
     getattr(library, name).argtypes = [{"p": ctypes.c_void_p, "s": ctypes.c_char_p, "i": ctypes.c_int32}[kind]
@@ -51,14 +52,15 @@ def name_of(result):
 
 
 class Ledger:
-    """A handle. Opened by the thread that uses it."""
+    """A handle. Opened by the thread that uses it. A store is the path of a file, or an address of PostgreSQL."""
 
     def __init__(self, store, directory, **options):
         self.handle = library.CreateLedger()
         for name, value in options.items():
             self.option(name, value)
         try:
-            require(library.Ledger_Open(self.handle, f"sqlite:{store}".encode(), str(directory).encode()))
+            name = str(store) if str(store).startswith("postgresql:") else f"sqlite:{store}"
+            require(library.Ledger_Open(self.handle, name.encode(), str(directory).encode()))
         except LedgerFailure:
             self.close()
             raise
@@ -105,7 +107,7 @@ class Ledger:
                 library.Ledger_GetReasonName(reason.value).decode(), self.number.value.decode())
 
     def next_paid(self):
-        """The number of an order that nobody has been told of, or None."""
+        """The number of a paid order that has not been reported, or None."""
         size = ctypes.c_int32(NUMBER_SIZE)
         number = ctypes.create_string_buffer(NUMBER_SIZE)
         code = library.Ledger_NextPaid(self.handle, ctypes.byref(size), number)
@@ -113,6 +115,10 @@ class Ledger:
             return None
         require(code)
         return number.value.decode()
+
+    def delivered(self, number):
+        """The name of the result."""
+        return name_of(library.Ledger_Delivered(self.handle, number.encode()))
 
     def run(self, limit=100):
         done = ctypes.c_int32(-1)

@@ -63,6 +63,7 @@ class ResultCode(enum.IntEnum):
     LEDGER_VERSION = 0x80045007 - 0x100000000  # a newer release wrote the store
     LEDGER_FORKED = 0x80045008 - 0x100000000  # a handle of another process
     LEDGER_INVALID = 0x80045009 - 0x100000000  # an argument is not acceptable
-    LEDGER_CONFLICT = 0x8004500A - 0x100000000  # the order exists with other content
+    LEDGER_CONFLICT = 0x8004500A - 0x100000000  # the order exists with other content, or the store is of another account
     LEDGER_PAID = 0x8004500B - 0x100000000  # the order has been paid
     LEDGER_STATE = 0x8004500C - 0x100000000  # the order's state does not allow this
+    LEDGER_UNREACHABLE = 0x8004500D - 0x100000000  # no connection to the store's server

@@ -1,6 +1,7 @@
 package kelvane.tallowin;
 
 import java.lang.ref.Reference;
+import kelvane.tallowin.internal.NativeLibrary;
 
 /**
  * Sets up and maintains the configuration directory of an account: registers it with the payment service, and reads and
@@ -21,7 +22,7 @@ public final class ConfigurationSetup implements AutoCloseable {
      * @throws UnsatisfiedLinkError when the native library cannot be loaded; the message contains the remedy
      */
     public ConfigurationSetup() throws KVXException {
-        NativeLibrary.load();
+        NativeLibrary.CORE.load();
         reclaimer = new Reclaimer(this, handle -> new ConfigurationSetup(handle)::nDestruct);
         nConstruct();
         reclaimer.handle = m_Handle;

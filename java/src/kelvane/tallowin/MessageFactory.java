@@ -1,6 +1,7 @@
 package kelvane.tallowin;
 
 import java.lang.ref.Reference;
+import kelvane.tallowin.internal.NativeLibrary;
 
 /**
  * Creates payment messages and verifies confirmations, for one configuration directory.
@@ -21,7 +22,7 @@ public final class MessageFactory implements AutoCloseable {
      * @throws UnsatisfiedLinkError when the native library cannot be loaded; the message contains the remedy
      */
     public MessageFactory() throws KVXException {
-        NativeLibrary.load();
+        NativeLibrary.CORE.load();
         reclaimer = new Reclaimer(this, handle -> new MessageFactory(handle)::nDestruct);
         nConstruct();
         reclaimer.handle = m_Handle;

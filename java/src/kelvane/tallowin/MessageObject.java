@@ -1,6 +1,7 @@
 package kelvane.tallowin;
 
 import java.lang.ref.Reference;
+import kelvane.tallowin.internal.NativeLibrary;
 
 /**
  * One payment message: created by a {@link MessageFactory}, received as a response, or parsed from text.
@@ -30,7 +31,7 @@ public final class MessageObject implements AutoCloseable {
     private enum NativeObject { CREATED_LATER }
 
     private MessageObject(NativeObject createdLater) {
-        NativeLibrary.load();
+        NativeLibrary.CORE.load();
         reclaimer = new Reclaimer(this, handle -> new MessageObject(handle)::nDestruct);
     }
 

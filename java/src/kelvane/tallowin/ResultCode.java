@@ -333,10 +333,10 @@ public enum ResultCode {
             "Not before the cause is removed.",
             "Install that release, or a newer one. An older one does not open the store, so that nothing is lost."),
 
-    /** A ledger that a parent process opened was used after fork(). */
+    /** A ledger that a parent process opened was used after fork(), or its store was opened in the child. */
     LEDGER_FORKED(0x80045008, "KVX_E_LEDGER_FORKED", null, false, false,
             "No: the program has to be changed.",
-            "Create and open a ledger in the child."),
+            "Fork first, then create and open a ledger in the child."),
 
     /**
      * An argument is not acceptable: an order number, amount, currency, attribute, filter, limit or note; the reason
@@ -346,20 +346,31 @@ public enum ResultCode {
             "No: the program has to be changed.",
             "Correct the argument."),
 
-    /** The ledger has an order of this number with another amount, currency or attribute. */
+    /**
+     * The ledger has an order of this number with another amount, currency or attribute; or, when it is opened, the
+     * store belongs to another merchant account.
+     */
     LEDGER_CONFLICT(0x8004500A, "KVX_E_LEDGER_CONFLICT", null, false, false,
             "No: the program has to be changed.",
-            "Use a new number for a new order. For the same order give the same content; the reason names the difference."),
+            "Use a new number for a new order. For the same order give the same content; the reason names the difference. Give each account a store of its own."),
 
     /** The order has been paid; there is nothing to begin. */
     LEDGER_PAID(0x8004500B, "KVX_E_LEDGER_PAID", null, false, false,
             "No: the program has to be changed.",
             "Show the order's state to the shopper."),
 
-    /** The order is in no state that a person may change to the one given. */
+    /** The order is in no state that a person may change to the one given, or it is not paid and cannot be delivered. */
     LEDGER_STATE(0x8004500C, "KVX_E_LEDGER_STATE", null, false, false,
             "No: the program has to be changed.",
-            "Look at the order. The reason has both states.");
+            "Look at the order. The reason has its state."),
+
+    /**
+     * The connection to the database server of the ledger's store is lost, and there is no new one within
+     * BUSYSECONDS.
+     */
+    LEDGER_UNREACHABLE(0x8004500D, "KVX_E_LEDGER_UNREACHABLE", null, false, false,
+            "Yes, after a pause.",
+            "Repeat the call: it connects again. At the notification address respond with 503. Whether the last change was stored is seen by reading the order.");
 
     private static final int NUMBER_MASK = 0xfff;
 

@@ -76,7 +76,7 @@ public class ClassLoadersTest {
         try (URLClassLoader one = newLoader(); URLClassLoader other = newLoader()) {
             List<Object> monitors = new ArrayList<>();
             for (ClassLoader loader : List.of(one, other, getClass().getClassLoader())) {
-                Field monitor = loader.loadClass("kelvane.tallowin.NativeCopy").getDeclaredField("JVM_LOCK");
+                Field monitor = loader.loadClass("kelvane.tallowin.internal.NativeCopy").getDeclaredField("JVM_LOCK");
                 monitor.setAccessible(true);
                 monitors.add(monitor.get(null));
             }

@@ -30,6 +30,11 @@ final class Given {
         return existing("kvx.test.sandbox");
     }
 
+    /** The C header of the order ledger. */
+    static Path ledgerHeader() {
+        return existing("kvx.test.ledgerheader");
+    }
+
     /** The library that makes allocations fail. */
     static Path heapFault() {
         return existing("kvx.test.heapfault");

@@ -15,6 +15,9 @@ final class HeapFault {
     /** Begins to watch the calling thread, the only one. Returns how many parts of libraries are watched. */
     static native int watch();
 
+    /** The same for the libraries of the order ledger. */
+    static native int watchLedger();
+
     /** Fails allocation {@code number} (from 0; negative: none), alone or with all that follow, until the end. */
     static native void arm(long number, boolean isOnwards);
 

@@ -59,7 +59,7 @@ final class LoaderJvm {
 
     /** Runs the classes of {@code jar} as a named module. */
     LoaderJvm asModule(Path jar) {
-        String module = NativeLibrary.class.getPackageName();
+        String module = LoaderProbe.class.getPackageName();
         program = Arrays.asList("-p", jar.toString(), "--patch-module",
                 module + "=" + Given.testClasses(), "-m",
                 module + "/" + LoaderProbe.class.getName());

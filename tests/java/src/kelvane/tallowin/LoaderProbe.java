@@ -14,6 +14,8 @@ import java.util.concurrent.ExecutorService;
 import java.util.concurrent.Executors;
 import java.util.concurrent.Future;
 import java.util.stream.Stream;
+import kelvane.tallowin.internal.NativeCopy;
+import kelvane.tallowin.internal.NativeLibrary;
 
 /**
  * The program that {@link LoaderJvm} runs. Its first argument selects how it loads the library: once, twice, with the
@@ -34,7 +36,7 @@ public final class LoaderProbe {
                 break;
             case "twice":
                 String first = outcome();
-                System.setProperty(NativeLibrary.PROPERTY, "a second search would fail here in another way");
+                System.setProperty(NativeLibrary.CORE.property, "a second search would fail here in another way");
                 System.out.println(first.equals(outcome()) ? "twice the same: " + first : "another message");
                 break;
             case "interrupted":
@@ -63,7 +65,7 @@ public final class LoaderProbe {
     /** Loads the library in the class loader of this class. Returns "loaded" or the failure. */
     public static String outcome() {
         try {
-            NativeLibrary.load();
+            NativeLibrary.CORE.load();
             return "loaded";
         } catch (UnsatisfiedLinkError | SecurityException failure) {
             return failure.getClass().getSimpleName() + ": " + failure.getMessage();
@@ -73,8 +75,8 @@ public final class LoaderProbe {
     /** Prints the mapped files of the library and the files left in the temporary directory. */
     private static void printSurroundings() throws Exception {
         try (Stream<String> mappings = Files.lines(Path.of("/proc/self/maps"))) {
-            mappings.filter(line -> line.contains(NativeLibrary.FILE)).map(line -> line.substring(line.indexOf('/')))
-                    .distinct().forEach(file -> System.out.println("mapped: " + file));
+            mappings.filter(line -> line.contains(NativeLibrary.CORE.file))
+                    .map(line -> line.substring(line.indexOf('/'))).distinct().forEach(file -> System.out.println("mapped: " + file));
         }
         try (Stream<Path> files = Files.list(Path.of(System.getProperty("java.io.tmpdir")))) {
             files.forEach(file -> System.out.println("left: " + file.getFileName()));
@@ -113,7 +115,7 @@ public final class LoaderProbe {
         }
         Path place;
         synchronized (NativeCopy.JVM_LOCK) {
-            try (NativeCopy copy = NativeCopy.extract()) {
+            try (NativeCopy copy = NativeCopy.extract(NativeLibrary.CORE)) {
                 place = copy.mappedPlaces().get(0);
             }
         }
@@ -134,7 +136,7 @@ public final class LoaderProbe {
     /** Extracts a copy and keeps it until standard input ends. */
     private static void hold() throws Exception {
         synchronized (NativeCopy.JVM_LOCK) {
-            try (NativeCopy copy = NativeCopy.extract()) {
+            try (NativeCopy copy = NativeCopy.extract(NativeLibrary.CORE)) {
                 System.out.println("holding: " + copy.library());
                 System.in.read();
             }
@@ -143,10 +145,11 @@ public final class LoaderProbe {
 
     /** Extracts a copy {@code count} times. Each must be intact until it is closed. */
     private static void churn(int count) throws Exception {
-        byte[] expected = NativeCopy.class.getResourceAsStream(NativeCopy.resource()).readAllBytes();
+        String resource = NativeCopy.PACKAGE + NativeCopy.resource(NativeLibrary.CORE);
+        byte[] expected = NativeCopy.class.getResourceAsStream(resource).readAllBytes();
         for (int i = 0; i < count; i++) {
             synchronized (NativeCopy.JVM_LOCK) {
-                try (NativeCopy copy = NativeCopy.extract()) {
+                try (NativeCopy copy = NativeCopy.extract(NativeLibrary.CORE)) {
                     byte[] found = Files.readAllBytes(copy.library().toPath());
                     if (!Arrays.equals(found, expected)) {
                         throw new IllegalStateException("the copy is damaged");

@@ -12,6 +12,7 @@ import java.util.Deque;
 import java.util.List;
 import java.util.concurrent.TimeUnit;
 import java.util.stream.Stream;
+import kelvane.tallowin.internal.NativeLibrary;
 
 /**
  * Creates class loaders one after the other, as a server does that deploys an application again and again. Each takes
@@ -95,7 +96,7 @@ public final class LoadersProgram {
 
     private static long mapped() throws Exception {
         try (Stream<String> mappings = Files.lines(Path.of("/proc/self/maps"))) {
-            return mappings.filter(line -> line.contains(NativeLibrary.FILE))
+            return mappings.filter(line -> line.contains(NativeLibrary.CORE.file))
                     .map(line -> line.substring(line.indexOf('/'))).distinct().count();
         }
     }

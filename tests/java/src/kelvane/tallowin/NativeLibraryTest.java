@@ -29,6 +29,10 @@ import java.util.stream.Collectors;
 import java.util.stream.Stream;
 import java.util.zip.ZipEntry;
 import java.util.zip.ZipFile;
+import kelvane.tallowin.internal.ElfFile;
+import kelvane.tallowin.internal.LoadProblem;
+import kelvane.tallowin.internal.NativeCopy;
+import kelvane.tallowin.internal.NativeLibrary;
 import org.junit.Before;
 import org.junit.Rule;
 import org.junit.Test;
@@ -42,8 +46,8 @@ import org.junit.rules.TemporaryFolder;
  * Cases that need root, another user, a private mount or a newer virtual machine are skipped where that is missing.
  */
 public class NativeLibraryTest {
-    private static final String PROPERTY = NativeLibrary.PROPERTY;
-    private static final String FILE = NativeLibrary.FILE;
+    private static final String PROPERTY = NativeLibrary.CORE.property;
+    private static final String FILE = NativeLibrary.CORE.file;
 
     /** Mounts a file system on $0 with the options $1 in a private mount namespace, then runs the other arguments. */
     private static final String MOUNT = "o=$1; shift; mount -t tmpfs -o \"$o\" tmpfs \"$0\" && exec \"$@\"";
@@ -275,7 +279,7 @@ public class NativeLibraryTest {
             {"", "the system's loader refuses it", "built for this system"},
         };
         for (String[] row : rows) {
-            LoadProblem problem = LoadProblem.of(new UnsatisfiedLinkError(row[0]));
+            LoadProblem problem = LoadProblem.of(NativeLibrary.CORE, new UnsatisfiedLinkError(row[0]));
             assertSays(problem.advice(), row[1], row[2]);
             assertSays(problem.details(), row[1], row[0]);
         }
@@ -590,7 +594,7 @@ public class NativeLibraryTest {
     }
 
     private static Path packedLibrary(Path classes) {
-        return classes.resolve("kelvane/tallowin").resolve(NativeCopy.resource());
+        return classes.resolve("kelvane/tallowin").resolve(NativeCopy.resource(NativeLibrary.CORE));
     }
 
     private static boolean isRoot() {

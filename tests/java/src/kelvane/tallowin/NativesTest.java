@@ -67,7 +67,9 @@ public class NativesTest {
         TreeSet<String> declared = new TreeSet<>();
         for (Class<?> type : classesOfTheJar()) {
             for (Method method : type.getDeclaredMethods()) {
-                if (Modifier.isNative(method.getModifiers())) {
+                // Those of the ledger have a library of their own, whose names a test of the installation compares.
+                boolean isOfTheLedger = type.getName().equals("kelvane.tallowin.ledger.Natives");
+                if (Modifier.isNative(method.getModifiers()) && !isOfTheLedger) {
                     assertFalse(method.toString(), Modifier.isStatic(method.getModifiers()));
                     assertEquals(method.toString(), method.getName().startsWith("n"),
                                  Modifier.isPrivate(method.getModifiers()));

@@ -84,12 +84,12 @@ public class ResourcesTest {
     }
 
     @Test
-    public void theModuleExportsOnlyThePackage() throws IOException {
+    public void theModuleExportsOnlyTheTwoPackages() throws IOException {
         try (InputStream input = jar.getInputStream(jar.getEntry("module-info.class"))) {
             ModuleDescriptor module = ModuleDescriptor.read(input);
             assertEquals("kelvane.tallowin", module.name());
             assertEquals(version(), module.rawVersion().orElse("none"));
-            assertEquals("[kelvane.tallowin]", module.exports().toString());
+            assertEquals("[kelvane.tallowin, kelvane.tallowin.ledger]", new TreeSet<>(module.exports()).toString());
             assertEquals("[java.base]", module.requires().stream().map(ModuleDescriptor.Requires::name)
                          .collect(Collectors.toList()).toString());
             assertTrue(module.opens().isEmpty());
@@ -116,14 +116,15 @@ public class ResourcesTest {
     public void onlyTheDocumentedClassesArePublic() throws ReflectiveOperationException {
         Set<String> visible = new TreeSet<>();
         for (String entry : entries()) {
-            if (entry.startsWith("kelvane/tallowin/") && entry.endsWith(".class")) {
+            if (entry.matches("kelvane/tallowin/(ledger/)?[^/]*\\.class")) {
                 String name = entry.substring(0, entry.length() - ".class".length()).replace('/', '.');
                 if (Modifier.isPublic(Class.forName(name, false, getClass().getClassLoader()).getModifiers())) {
                     visible.add(name.substring(name.lastIndexOf('.') + 1));
                 }
             }
         }
-        assertEquals("[ConfigurationSetup, KVXException, MessageFactory, MessageObject, ResultCode]", visible.toString());
+        assertEquals("[ConfigurationSetup, Confirmation, KVXException, Ledger, LedgerException, LedgerOrder, MessageFactory, "
+                     + "MessageObject, Outcome, Reason, Renewal, RenewalException, ResultCode]", visible.toString());
     }
 
     @Test
@@ -131,7 +132,7 @@ public class ResourcesTest {
         List<String> libraries = entries().stream().filter(name -> name.endsWith(".so")).collect(Collectors.toList());
         assertFalse(libraries.isEmpty());
         for (String library : libraries) {
-            assertTrue(library, library.matches("kelvane/tallowin/lib/linux-[a-z0-9_]+/libtallowin\\.so"));
+            assertTrue(library, library.matches("kelvane/tallowin/lib/linux-[a-z0-9_]+/libtallowin(-ledger-jni)?\\.so"));
             byte[] content = bytesOf(library);
             assertArrayEquals(new byte[] {0x7F, 'E', 'L', 'F'}, Arrays.copyOf(content, 4));
             StringBuilder digest = new StringBuilder();
@@ -231,7 +232,7 @@ public class ResourcesTest {
         Pattern pattern = Pattern.compile(matcher.group(1));
         Set<String> kept = entries().stream().filter(name -> pattern.matcher(name).matches() && !name.endsWith("/"))
                 .collect(Collectors.toCollection(TreeSet::new));
-        Set<String> wanted = entries().stream().filter(name -> name.contains("libtallowin.so"))
+        Set<String> wanted = entries().stream().filter(name -> name.contains("/libtallowin"))
                 .collect(Collectors.toCollection(TreeSet::new));
         assertEquals(wanted, kept);
     }

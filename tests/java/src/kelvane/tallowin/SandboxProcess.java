@@ -48,6 +48,7 @@ final class SandboxProcess extends ExternalResource {
     private final TemporaryFolder folder = new TemporaryFolder();
     private Process process;
     private String autoUrl;
+    private String control;
     private String serverKeyId;
 
     /** The set-up address. */
@@ -78,6 +79,7 @@ final class SandboxProcess extends ExternalResource {
         BufferedReader output = new BufferedReader(new InputStreamReader(process.getInputStream(),
                                                                          StandardCharsets.UTF_8));
         String line = CompletableFuture.supplyAsync(() -> readLine(output)).get(LIMIT_SECONDS, TimeUnit.SECONDS);
+        control = value(line, "\"control\":\"([^\"]*)\"");
         autoUrl = value(line, "\"auto\":\"([^\"]*)\"");
         serverKeyId = value(line, "\"serverKeyId\":\"([^\"]*)\"");
     }
@@ -127,6 +129,19 @@ final class SandboxProcess extends ExternalResource {
         String location = answer.getHeaderField("Location");
         return new Returned(value(location, "^(.*?)[?&]DATA="), parameter(location, "DATA"),
                             parameter(location, "SIGNATURE"));
+    }
+
+    /** Posts {@code json} to {@code path} below the service's address for tests, such as {@code "/faults"}. */
+    void command(String path, String json) throws IOException {
+        HttpURLConnection connection = connect(control + path);
+        connection.setRequestProperty("Content-Type", "application/json");
+        connection.setDoOutput(true);
+        try (OutputStream body = connection.getOutputStream()) {
+            body.write(json.getBytes(StandardCharsets.UTF_8));
+        }
+        if (connection.getResponseCode() >= HttpURLConnection.HTTP_MULT_CHOICE) {
+            throw new AssertionError(path + ": " + connection.getResponseCode());
+        }
     }
 
     /** A parameter of a URL, still percent-encoded. */

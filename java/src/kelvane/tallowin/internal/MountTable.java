@@ -1,4 +1,4 @@
-package kelvane.tallowin;
+package kelvane.tallowin.internal;
 
 import java.io.IOException;
 import java.nio.charset.StandardCharsets;

@@ -1,4 +1,4 @@
-package kelvane.tallowin;
+package kelvane.tallowin.internal;
 
 import static java.nio.file.LinkOption.NOFOLLOW_LINKS;
 import static java.nio.file.StandardCopyOption.ATOMIC_MOVE;
@@ -50,13 +50,16 @@ import java.util.stream.Collectors;
  * <p>File locks work between processes only: when a process closes any channel of a file, it loses all its locks on
  * that file. Within one process, {@link #JVM_LOCK} guards everything here.
  */
-final class NativeCopy implements AutoCloseable {
+public final class NativeCopy implements AutoCloseable {
     /**
      * The monitor that callers hold from before they create a copy until after they close it.
      * Deliberate (one-monitor-for-all-loaders): a string constant, because that is the same object in all class loaders,
      * each of which has its own NativeCopy class.
      */
-    static final Object JVM_LOCK = "kelvane.tallowin.NativeCopy";
+    public static final Object JVM_LOCK = "kelvane.tallowin.NativeCopy";
+
+    /** Where the jar has its resources. */
+    public static final String PACKAGE = "/kelvane/tallowin/";
 
     /** Directories are named PREFIX, hash of the content, "-", random. */
     private static final String PREFIX = "tallowin-native-";
@@ -72,54 +75,57 @@ final class NativeCopy implements AutoCloseable {
     private static final FileAttribute<?> OWNER_ONLY_FILE =
             PosixFilePermissions.asFileAttribute(PosixFilePermissions.fromString("rw-------"));
 
+    private final NativeLibrary library;
     private final String name;
     private final Path home;
     private final FileChannel lock;
     private Path directory;
 
-    private NativeCopy(String name, Path directory, FileChannel lock) {
+    private NativeCopy(NativeLibrary library, String name, Path directory, FileChannel lock) {
+        this.library = library;
         this.name = name;
         this.home = directory;
         this.directory = directory;
         this.lock = lock;
     }
 
-    /** The path of this platform's library in the jar, relative to the package. */
-    static String resource() {
+    /** The path of {@code library} for this platform in the jar, relative to {@link #PACKAGE}. */
+    public static String resource(NativeLibrary library) {
         String system = System.getProperty("os.name").toLowerCase(Locale.ROOT);
-        return resource(system + "-" + ElfFile.architecture(System.getProperty("os.arch")));
+        return resource(library, system + "-" + ElfFile.architecture(System.getProperty("os.arch")));
     }
 
-    private static String resource(String platform) {
-        return "lib/" + platform + "/" + NativeLibrary.FILE;
+    private static String resource(NativeLibrary library, String platform) {
+        return "lib/" + platform + "/" + library.file;
     }
 
     /** The platforms of the libraries that the jar has, such as "linux-x86, linux-x86_64"; "none" when it has none. */
-    private static String platforms() {
+    private static String platforms(NativeLibrary library) {
         String found = ElfFile.architectures().stream().map(machine -> "linux-" + machine)
-                .filter(platform -> NativeCopy.class.getResource(resource(platform)) != null)
+                .filter(platform -> NativeCopy.class.getResource(PACKAGE + resource(library, platform)) != null)
                 .collect(Collectors.joining(", "));
         return found.isEmpty() ? "none" : found;
     }
 
     /**
-     * Extracts the library from the jar and removes directories that killed processes left behind.
+     * Extracts {@code library} from the jar and removes directories that killed processes left behind.
      *
      * @return the copy; the caller closes it
      * @throws LoadProblem when the jar is damaged or has no library for this platform, or the temporary directory
      *                     cannot be used; no file is left there
      */
-    static NativeCopy extract() throws LoadProblem {
-        byte[] content = read(resource());
+    public static NativeCopy extract(NativeLibrary library) throws LoadProblem {
+        byte[] content = read(resource(library));
         if (content == null) {
             throw new LoadProblem("the jar has none for this platform (os.name " + System.getProperty("os.name")
-                    + ", os.arch " + System.getProperty("os.arch") + "); it has: " + platforms(),
-                    "Build it on this platform and name it with -D" + NativeLibrary.PROPERTY + "=PATH.", null);
+                    + ", os.arch " + System.getProperty("os.arch") + "); it has: " + platforms(library),
+                    "Build it on this platform and name it with -D" + library.property + "=PATH.", null);
         }
-        byte[] hash = read(resource() + ".sha256");
+        byte[] hash = read(resource(library) + ".sha256");
         String temporary = System.getProperty("java.io.tmpdir");
         try {
-            NativeCopy copy = reserve(Path.of(temporary), PREFIX + sha256(content).substring(0, HASH_DIGITS) + "-");
+            String name = PREFIX + sha256(content).substring(0, HASH_DIGITS) + "-";
+            NativeCopy copy = reserve(library, Path.of(temporary), name);
             try {
                 copy.sweepOthers();
                 copy.write(content);
@@ -131,23 +137,23 @@ final class NativeCopy implements AutoCloseable {
             }
         } catch (IOException | InvalidPathException unusable) {
             throw new LoadProblem("the temporary directory " + temporary + " cannot be written",
-                    "Choose another one with -Djava.io.tmpdir=DIRECTORY, or put libtallowin.so beside the program and "
-                            + "name it with -D" + NativeLibrary.PROPERTY + "=PATH.", unusable);
+                    "Choose another one with -Djava.io.tmpdir=DIRECTORY, or put " + library.file
+                            + " beside the program and name it with -D" + library.property + "=PATH.", unusable);
         }
     }
 
     /** The library's file. */
-    File library() {
-        return directory.resolve(NativeLibrary.FILE).toFile();
+    public File library() {
+        return directory.resolve(library.file).toFile();
     }
 
     /**
      * The directories from which this JVM has mapped a copy with the same content, which were removed since. A class
      * loader that is alive may still use the mapping. Empty when the system does not list mappings, or may not be asked.
      */
-    List<Path> mappedPlaces() {
+    public List<Path> mappedPlaces() {
         Pattern place = Pattern.compile("^\\S+ r-x.*? (/(?:.*/)?" + Pattern.quote(name) + "[^/]*)/"
-                + Pattern.quote(NativeLibrary.FILE) + " \\(deleted\\)$", Pattern.MULTILINE);
+                + Pattern.quote(library.file) + " \\(deleted\\)$", Pattern.MULTILINE);
         try {
             return place.matcher(new String(Files.readAllBytes(MAPPINGS), StandardCharsets.UTF_8)).results()
                     .map(mapping -> Path.of(mapping.group(1))).distinct().collect(Collectors.toList());
@@ -185,7 +191,7 @@ final class NativeCopy implements AutoCloseable {
 
     /** The bytes of the resource; null when it does not exist. */
     private static byte[] read(String resource) throws LoadProblem {
-        try (InputStream in = NativeCopy.class.getResourceAsStream(resource)) {
+        try (InputStream in = NativeCopy.class.getResourceAsStream(PACKAGE + resource)) {
             return in == null ? null : in.readAllBytes();
         } catch (IOException damaged) {
             throw new LoadProblem("the jar cannot be read", UNDAMAGED_JAR, damaged);
@@ -193,13 +199,13 @@ final class NativeCopy implements AutoCloseable {
     }
 
     /** Creates a directory and locks it. */
-    private static NativeCopy reserve(Path temporary, String name) throws IOException {
+    private static NativeCopy reserve(NativeLibrary library, Path temporary, String name) throws IOException {
         for (int i = 0; i < ATTEMPTS; i++) {
             Path directory = Files.createTempDirectory(temporary, name, OWNER_ONLY_DIRECTORY).toAbsolutePath();
             try {
                 FileChannel lock = takeLock(directory.resolve(LOCK));
                 if (lock != null) {
-                    return new NativeCopy(name, directory, lock);
+                    return new NativeCopy(library, name, directory, lock);
                 }
             } catch (IOException failure) {
                 remove(directory);
@@ -264,7 +270,9 @@ final class NativeCopy implements AutoCloseable {
     }
 
     private static void remove(Path directory) throws IOException {
-        Files.deleteIfExists(directory.resolve(NativeLibrary.FILE));
+        for (NativeLibrary library : NativeLibrary.values()) {
+            Files.deleteIfExists(directory.resolve(library.file));
+        }
         Files.deleteIfExists(directory.resolve(LOCK));
         Files.deleteIfExists(directory);
     }

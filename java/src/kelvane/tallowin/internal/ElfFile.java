@@ -1,4 +1,4 @@
-package kelvane.tallowin;
+package kelvane.tallowin.internal;
 
 import java.io.EOFException;
 import java.io.File;
@@ -20,7 +20,7 @@ import java.util.stream.Collectors;
  * the process is killed at the first access to a missing page. Everything read from the file may be wrong, so each
  * position and size is compared with the file's length.
  */
-final class ElfFile {
+public final class ElfFile {
     /** Machines with their ELF number, their width and their names in {@code os.arch}; the jar uses the first name. */
     private enum Machine {
         X86(3, 32, "x86", "i386", "i486", "i586", "i686"),
@@ -101,14 +101,14 @@ final class ElfFile {
     }
 
     /** The jar's name for {@code osArch}, a value of the system property {@code os.arch}. */
-    static String architecture(String osArch) {
+    public static String architecture(String osArch) {
         String name = osArch.toLowerCase(Locale.ROOT);
         Machine machine = Machine.named(name);
         return machine == null ? name : machine.names.get(0);
     }
 
     /** The jar's names for all machines in the table. */
-    static List<String> architectures() {
+    public static List<String> architectures() {
         return Arrays.stream(Machine.values()).map(machine -> machine.names.get(0)).collect(Collectors.toList());
     }
 

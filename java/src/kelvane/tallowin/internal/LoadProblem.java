@@ -1,4 +1,4 @@
-package kelvane.tallowin;
+package kelvane.tallowin.internal;
 
 import java.io.File;
 import java.util.regex.Matcher;
@@ -10,7 +10,7 @@ import java.util.regex.Pattern;
  * <p>The cause is found in this order: a JVM that denies native access, a library for another machine, a file system
  * that forbids execution, then the loader's message, which a table of patterns explains.
  */
-final class LoadProblem extends Exception {
+public final class LoadProblem extends Exception {
     /**
      * Messages of the system's loader, or of the JVM, with their causes and remedies. The first row that matches
      * applies. The loader's messages are translated, so the patterns rely on words only where nothing else identifies
@@ -20,41 +20,43 @@ final class LoadProblem extends Exception {
         LOADED_ELSEWHERE("already loaded in another classloader",
                 "another class loader of this JVM has loaded this very file",
                 "Put the jar where all applications share it (the server's common class loader), or set neither "
-                        + NativeLibrary.PROPERTY + " nor a java.library.path that leads to the library, so that each "
+                        + "PROPERTY nor a java.library.path that leads to the library, so that each "
                         + "application takes its own copy out of the jar."),
         NO_EXECUTION("failed to map segment",
                 "the file system that holds it forbids execution (it is mounted noexec, or a security policy says so)",
-                "Choose a temporary directory that allows it with -Djava.io.tmpdir=DIRECTORY, or put libtallowin.so "
-                        + "where it is allowed and name it with -D" + NativeLibrary.PROPERTY + "=PATH."),
+                "Choose a temporary directory that allows it with -Djava.io.tmpdir=DIRECTORY, or put FILE where "
+                        + "it is allowed and name it with -DPROPERTY=PATH."),
         OTHER_C_LIBRARY("Error (?:loading shared library|relocating)",
                 "this JVM runs on the C library musl, and the library needs the GNU C library (glibc)",
-                "Run the program on a system with glibc, or build the library for this one and name it with -D"
-                        + NativeLibrary.PROPERTY + "=PATH."),
+                "Run the program on a system with glibc, or build the library for this one and name it with "
+                        + "-DPROPERTY=PATH."),
         NEEDS_LIBRARY("(?:^|\\s)([^\\s:/]+\\.so[.0-9]*): ",
                 "a library that it needs is missing: %s",
                 "Install it: libssl.so.3 and libcrypto.so.3 belong to OpenSSL 3 (package libssl3), libuuid.so.1 to the "
-                        + "package libuuid1, libstdc++.so.6 to libstdc++6, libgcc_s.so.1 to libgcc-s1."),
+                        + "package libuuid1, libsqlite3.so.0 to libsqlite3-0, libstdc++.so.6 to libstdc++6, "
+                        + "libgcc_s.so.1 to libgcc-s1."),
         NEEDS_VERSION("[^/\\w]([A-Z]{2}[A-Z_]*_[0-9.]+)[^/\\w]",
                 "a library that it needs is too old: it lacks %s",
-                "Update this system, or build the library on it and name that with -D" + NativeLibrary.PROPERTY
-                        + "=PATH."),
+                "Update this system, or build the library on it and name that with "
+                        + "-DPROPERTY=PATH."),
         OTHER("",
                 "the system's loader refuses it",
-                "Name a library that was built for this system and this jar with -D" + NativeLibrary.PROPERTY
-                        + "=PATH.");
+                "Name a library that was built for this system and this jar with -DPROPERTY=PATH.");
 
         final Pattern pattern;
         final String cause;
         final String remedy;
 
+        /** In {@code remedy}, PROPERTY and FILE stand for those of the library. */
         LoaderMessage(String pattern, String cause, String remedy) {
             this.pattern = Pattern.compile(pattern);
             this.cause = cause;
             this.remedy = remedy;
         }
 
-        LoadProblem problem(String missing, Throwable failure) {
-            return new LoadProblem(String.format(cause, missing), remedy, failure);
+        LoadProblem problem(NativeLibrary library, String missing, Throwable failure) {
+            return new LoadProblem(String.format(cause, missing),
+                    remedy.replace("PROPERTY", library.property).replace("FILE", library.file), failure);
         }
     }
 
@@ -77,11 +79,12 @@ final class LoadProblem extends Exception {
     /**
      * Explains why {@link System#load} failed for a complete library file.
      *
+     * @param library the library that was to be loaded
      * @param failure the exception of {@link System#load}
      * @param file    the file
-     * @param library its header
+     * @param header  its header
      */
-    static LoadProblem of(Throwable failure, File file, ElfFile library) {
+    static LoadProblem of(NativeLibrary library, Throwable failure, File file, ElfFile header) {
         if (failure instanceof IllegalCallerException) {
             Module module = LoadProblem.class.getModule();
             String denied = module.isNamed() ? "the module " + module.getName() : "unnamed modules";
@@ -90,36 +93,36 @@ final class LoadProblem extends Exception {
                     failure);
         }
         String osArch = System.getProperty("os.arch");
-        if (!library.fits(osArch)) {
-            return new LoadProblem("it was built for " + library.target() + ", and this JVM is "
+        if (!header.fits(osArch)) {
+            return new LoadProblem("it was built for " + header.target() + ", and this JVM is "
                     + ElfFile.target(osArch) + " (os.arch " + osArch + ")",
                     "Use a library built for this JVM, or a JVM that matches the library.", failure);
         }
         if (MountTable.forbidsExecution(file.toPath())) {
-            return LoaderMessage.NO_EXECUTION.problem("", failure);
+            return LoaderMessage.NO_EXECUTION.problem(library, "", failure);
         }
-        return of(failure);
+        return of(library, failure);
     }
 
     /** Explains {@code failure} by its message alone. */
-    static LoadProblem of(Throwable failure) {
+    public static LoadProblem of(NativeLibrary library, Throwable failure) {
         for (LoaderMessage row : LoaderMessage.values()) {
             Matcher matcher = row.pattern.matcher(String.valueOf(failure.getMessage()));
             if (matcher.find()) {
                 String missing = matcher.groupCount() == 0 ? "" : matcher.group(1);
-                return row.problem(missing, failure);
+                return row.problem(library, missing, failure);
             }
         }
         throw new AssertionError("the last row matches every message", failure);
     }
 
     /** The cause and the remedy. */
-    String advice() {
+    public String advice() {
         return getMessage() + ". " + remedy;
     }
 
     /** The cause and the system's own message. */
-    String details() {
+    public String details() {
         return getCause() == null ? getMessage() : getMessage() + " [" + getCause() + "]";
     }
 }
