@@ -164,7 +164,7 @@ case "$show" in
   shop) play=("$build/examples/tallowin-shop" "$work/merchant" "$setup_address" demo) ;;
   java)
     java_run=$(sed -n 's/^KVX_JAVA_RUN:FILEPATH=//p' "$build/CMakeCache.txt")
-    play=("$java_run" -cp "$build/java/tallowin.jar" "$root/examples/java/Shop.java"
+    play=("$java_run" -cp "$build/java/tallowin.jar:$root/examples/common/shop" "$root/examples/java/Shop.java"
           "$work/merchant" "$setup_address" demo)
     ;;
 esac

@@ -59,16 +59,26 @@ END
   timeout 3600 scripts/debianroot --packages ca-certificates build/newcomer tests/install/newcomer.sh /tallowin /build/work
 }
 
-# ledger_long_forms: the same of the ledger's tests in Python.
+# ledger_long_forms: the same of the ledger's tests in Python, over SQLite and over PostgreSQL.
 ledger_long_forms() {
   local tests=$PWD/tests script
   for script in model/ledger_model_test kill/ledger_kill_test ledger_races_test ledger_forgeries_test; do
-    printf '== release: long form of %s\n' "$script"
-    PYTHONPATH=$tests/ledger/model:$tests/ledger/support:$tests/sandbox/support:$tests/support \
-      KVX_LEDGER=$PWD/build/release/libtallowin-ledger.so KVX_SANDBOX=$PWD/build/release/sandbox/tallowin-sandbox \
-      KVX_LEDGER_SEQUENCES=100000 KVX_LEDGER_KILLS=5000 KVX_LEDGER_RACES=2000 KVX_LEDGER_FORGERIES=1000000 \
-      timeout 14400 python3 -B "$tests/ledger/$script.py"
+    ledger_long_form "$script"
   done
+  for script in kill/ledger_kill_test ledger_races_test; do
+    ledger_long_form "$script" python3 -B "$tests/ledger/support/withpostgresql.py"
+  done
+}
+
+# ledger_long_form SCRIPT [COMMAND...]: one of them, run by the command.
+ledger_long_form() {
+  local tests=$PWD/tests script=$1
+  shift
+  printf '== release: long form of %s %s\n' "$script" "${3:+on PostgreSQL}"
+  PYTHONPATH=$tests/ledger/model:$tests/ledger/support:$tests/sandbox/support:$tests/support \
+    KVX_LEDGER=$PWD/build/release/libtallowin-ledger.so KVX_SANDBOX=$PWD/build/release/sandbox/tallowin-sandbox \
+    KVX_LEDGER_SEQUENCES=100000 KVX_LEDGER_KILLS=5000 KVX_LEDGER_RACES=2000 KVX_LEDGER_FORGERIES=1000000 \
+    timeout 14400 "$@" python3 -B "$tests/ledger/$script.py"
 }
 
 mode=${1:-}

@@ -79,3 +79,6 @@ endif()
 install(FILES README.md SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc)
 install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc FILES_MATCHING PATTERN "*.md")
 install(DIRECTORY examples/c examples/cpp examples/java DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT doc)
+# The look of the shop in Java.
+install(FILES examples/common/shop/candle.svg examples/common/shop/flame.svg examples/common/shop/shop.css
+        DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples/common/shop COMPONENT doc)

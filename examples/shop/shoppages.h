@@ -1,34 +1,27 @@
-/// The shop's pages as HTML.
+/// The shop's pages as HTML, from the templates of examples/common/shop.
 #ifndef TALLOWIN_EXAMPLES_SHOP_SHOPPAGES_H
 #define TALLOWIN_EXAMPLES_SHOP_SHOPPAGES_H
 
 #include <string>
 
-#include "catalogue.h"
-#include "orders.h"
-#include "requesterror.h"
+#include "orderbook.h"
 
 namespace storefront {
 
-/// Prefix of the quantity fields' names: "quantity-candle".
-constexpr char kQuantityField[] = "quantity-";
-
-/// The checkout form's field for its idempotency key.
-constexpr char kKeyField[] = "key";
+/// A file of examples/common/shop: a template, the style sheet or a picture.
+std::string const& asset(std::string const& name);
 
 std::string cataloguePage();
+std::string basketPage(Basket const& basket);
 
-/// `key` is the idempotency key of the checkout form, new for each page.
-std::string basketPage(Quantities const& basket, std::string const& key);
+/// `order` is a row of OrderBook::find(). `dashboard` is the address of the payment service's pages about payments,
+/// without a path.
+std::string orderPage(Row const& order, Rows const& history, Rows const& surplus, std::string const& dashboard);
 
-/// An order with its messages and library calls.
-std::string orderPage(Order const& order);
-
-/// The page for a RequestError. `orderNumber` adds a link to that order; may be empty.
-std::string errorPage(RequestError const& error, std::string const& orderNumber);
-
-/// A page with one paragraph.
-std::string plainPage(std::string const& title, std::string const& text);
+/// A page with one text. `orderNumber` adds a link to that order; may be empty. With `renews` the browser loads the
+/// page again after some seconds.
+std::string messagePage(std::string const& title, std::string const& text, std::string const& orderNumber = "",
+                        bool renews = false);
 
 }  // namespace storefront
 

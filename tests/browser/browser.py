@@ -225,7 +225,9 @@ class Browser:
         return self.driver.current_url
 
     def text(self):
-        return self.one("html").text  # a page that ends in its head has no body
+        # A page that ends in its head has no body. One that has failed halfway may not have been parsed yet.
+        wait = WebDriverWait(self.driver, TIMEOUT_SECONDS, POLL_SECONDS, [WebDriverException])
+        return wait.until(lambda _: self.all("html"), "the page has no element")[0].text
 
     def addresses(self):
         """The URLs that this window requested, oldest first, redirects included."""

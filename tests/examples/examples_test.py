@@ -5,21 +5,43 @@ CMakeLists.txt sets environment variables with the paths of all programs.
 Order: the examples, the demonstration, demo.sh, the quotations.
 """
 
+import concurrent.futures
+import json
 import os
 import pathlib
 import re
+import subprocess
 import tempfile
 import unittest
+import urllib.request
 
-from sandboxcase import Browser, Program, SandboxCase, parameters
+from sandboxcase import RESPONSE_SECONDS, TIMEOUT_SECONDS, Browser, Program, SandboxCase, parameters
 
 ROOT = pathlib.Path(os.environ["KVX_ROOT"])
 
 
+JAVA_PATH = f"{os.environ['KVX_JAR']}:{ROOT / 'examples' / 'common' / 'shop'}"
+
+
 def java_example(name):
-    """The command that runs an example in Java."""
-    return [os.environ["KVX_JAVA_RUN"], "-Xcheck:jni", "-cp", os.environ["KVX_JAR"],
-            ROOT / "examples" / "java" / (name + ".java")]
+    """The command that runs an example in Java from its source."""
+    return [os.environ["KVX_JAVA_RUN"], "-Xcheck:jni", "-cp", JAVA_PATH, ROOT / "examples" / "java" / (name + ".java")]
+
+
+class CompiledExample:
+    """For classes of tests that start one example often: compiles it once. `example` is its name."""
+
+    example = ""
+
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        classes = tempfile.TemporaryDirectory(prefix="tallowin-tests-")
+        cls.addClassCleanup(classes.cleanup)
+        compiler = pathlib.Path(os.environ["KVX_JAVA_RUN"]).with_name("javac")
+        subprocess.run([compiler, "-Xlint:all", "-Werror", "-d", classes.name, "-cp", JAVA_PATH,
+                        ROOT / "examples" / "java" / (cls.example + ".java")], check=True, timeout=TIMEOUT_SECONDS)
+        cls.command = [os.environ["KVX_JAVA_RUN"], "-Xcheck:jni", "-cp", f"{JAVA_PATH}:{classes.name}", cls.example]
 
 
 class PaymentTests:
@@ -169,68 +191,191 @@ class QuickstartInJava(QuickstartTests, SandboxCase):
     program = java_example("Quickstart")
 
 
-class ShopInJava(SandboxCase):
+class ShopInJava(CompiledExample, SandboxCase):
     """The shop in Java, through its web pages."""
+
+    example = "Shop"
 
     def setUp(self):
         super().setUp()
-        self.shop = self.start()
+        self.log = r"^$"
+        self.open_shop()
         self.addCleanup(self.stop_shop)
+
+    def start(self, password="demo"):
+        return Program(*self.command, self.merchant, self.service, "demo",
+                       env={**os.environ, "TALLOWIN_PASSWORD": password})
+
+    def open_shop(self):
+        self.shop = self.start()
         line = self.shop.line()
         self.assertTrue(line.startswith("The shop is open at http://127.0.0.1:"), line)
         self.address = line.split(" ")[-1]
 
-    def start(self, password="demo"):
-        return Program(*java_example("Shop"), self.merchant, self.service, "demo",
-                       env={**os.environ, "TALLOWIN_PASSWORD": password})
-
     def stop_shop(self):
         _, out, errors = self.shop.stop()
-        self.assertEqual((out, errors), ("", ""))
+        self.assertEqual(out, "")
+        self.assertRegex(errors, self.log)
 
-    def buy(self):
+    def number(self):
+        """The number of the next order, which the page of the article has."""
+        return re.search(r'name="number" value="([0-9a-f]{4}(?:-[0-9a-f]{4}){4})"', Browser.request(self.address)[2]).group(1)
+
+    def buy(self, number=None):
         """Submits the shop's form. Returns the payment URL."""
-        status, location, page = Browser.request(self.address + "buy", {})
+        status, location, page = Browser.request(self.address + "buy", {"number": number or self.number()})
         self.assertEqual(status, 303, page)
         return location
 
+    def order_page(self, back):
+        """Follows the return to the shop. Returns the page of the order."""
+        status, location, page = Browser.request(back)
+        self.assertEqual(status, 303, page)
+        return self.page(location)
+
+    def page(self, path):
+        status, _, page = Browser.request(self.address.rstrip("/") + path)
+        self.assertEqual(status, 200, page)
+        return page
+
+    def wait_for(self, *states):
+        """Waits until the payments have these states at the service: the worker captures when it comes round."""
+        for _ in range(RESPONSE_SECONDS * 1000):
+            if self.states() == list(states):
+                return
+        self.assertEqual(self.states(), list(states))
+
+    def deliveries(self):
+        return len(list((self.merchant / "deliveries").glob("*")))
+
+    def control(self, path, **command):
+        request = urllib.request.Request(self.addresses["control"] + path, json.dumps(command).encode(),
+                                         {"Content-Type": "application/json"})
+        urllib.request.urlopen(request, timeout=RESPONSE_SECONDS).close()
+
     def test_captures_and_completes_what_was_paid(self):
-        status, _, page = Browser.request(self.browser.decide(self.buy(), "pay"))
-        self.assertEqual((status, "Order 1 is paid" in page), (200, True), page)
-        self.assertEqual(self.states(), ["completed"])
-        self.assertIn("Order 1: paid", Browser.request(self.address)[2])
+        number = self.number()
+        page = self.order_page(self.browser.decide(self.buy(number), "pay"))
+        self.assertRegex(page, "[Tt]he order is paid")
+        self.assertIn(f"Order {number}", page)
+        self.wait_for("completed")
+        for _ in range(RESPONSE_SECONDS * 1000):
+            page = self.page(f"/orders/{number}")
+            if "http-equiv=\"refresh\"" not in page:
+                break
+        self.assertIn("The order is paid and on its way.", page)
+        self.assertIn("Handed to the carrier.", page)
+        link = re.search(r'<a href="([^"]*/payment\?id=[^"]*)">', page).group(1)
+        self.assertEqual(Browser.request(link)[0], 200)
+        self.assertEqual(self.deliveries(), 1)
+
+    def test_looks_like_a_shop(self):
+        page = self.page("/")
+        self.assertIn("A demonstration.", page)
+        for name, kind in (("/shop.css", ":root {"), ("/candle.svg", "<svg"), ("/flame.svg", "<svg")):
+            self.assertIn(f'"{name}"', page)
+            self.assertIn(kind, self.page(name))
 
     def test_stops_at_a_current_key_that_cannot_be_read(self):
         self.check_that_an_unreadable_key_ends_the_start()
 
-    def test_reports_unpaid_orders(self):
+    def test_reports_unpaid_orders_which_can_be_paid_again(self):
         for decision, wanted in (("decline", "declined"), ("cancel", "without paying")):
             with self.subTest(decision):
-                status, _, page = Browser.request(self.browser.decide(self.buy(), decision))
-                self.assertEqual((status, wanted in page), (200, True), page)
-        self.assertIn("Order 1: not paid yet", Browser.request(self.address)[2])
+                number = self.number()
+                page = self.order_page(self.browser.decide(self.buy(number), decision))
+                self.assertIn(wanted, page)
+                self.assertIn("Nothing has been charged.", page)
+                self.order_page(self.browser.decide(self.buy(number), "pay"))
+                self.assertNotIn("Nothing has been charged.", self.page(f"/orders/{number}"))
+        self.wait_for("declined", "completed", "cancelled", "completed")
+        self.assertEqual(self.deliveries(), 2)
 
-    def test_refuses_forged_and_repeated_confirmations(self):
+    def test_never_says_of_an_authorised_payment_that_nothing_was_charged(self):
+        number = self.number()
+        payment = self.buy(number)
+        self.control("/faults", kind="drop", exchange="notification")
+        back = self.browser.decide(payment, "pay")
+        page = self.page(f"/orders/{number}")
+        self.assertNotIn("charged", page)
+        self.assertIn("no confirmation of a payment yet", page)
+        self.order_page(back)
+        self.wait_for("completed")
+
+    def test_sells_once_what_is_ordered_by_two_clicks(self):
+        number = self.number()
+        payment = self.buy(number)
+        self.assertEqual(self.buy(number), payment)
+        self.order_page(self.browser.decide(payment, "pay"))
+        self.assertEqual(self.buy(number), f"/orders/{number}")
+        self.wait_for("completed")
+        self.assertEqual(self.deliveries(), 1)
+
+    def test_shows_parallel_and_repeated_returns_the_same_paid_order(self):
+        back = self.browser.decide(self.buy(), "pay")
+        with concurrent.futures.ThreadPoolExecutor(20) as browsers:
+            answers = list(browsers.map(Browser.request, [back] * 40))
+        self.assertEqual({(status, location) for status, location, _ in answers}, {(303, answers[0][1])})
+        self.wait_for("completed")
+        self.assertEqual(self.deliveries(), 1)
+
+    def test_knows_its_orders_after_a_restart(self):
+        number = self.number()
+        payment = self.buy(number)
+        self.shop.process.kill()
+        self.stop_shop()
+        self.control("/faults", kind="drop", exchange="notification")
+        back = self.browser.decide(payment, "pay")
+        self.open_shop()
+        self.assertIn("no confirmation", self.page(f"/orders/{number}"))
+        self.assertIn("is paid", self.order_page(f"{self.address}paid?{back.partition('?')[2]}"))
+        self.wait_for("completed")
+        self.assertEqual(self.deliveries(), 1)
+
+    def test_finds_out_about_a_capture_whose_response_was_lost(self):
+        payment = self.buy()
+        self.control("/faults", kind="drop", exchange="capture")
+        self.order_page(self.browser.decide(payment, "pay"))
+        self.wait_for("completed")
+
+    def test_fetches_a_key_that_is_not_here(self):
+        self.control("/keys/rotate")
+        back = self.browser.decide(self.buy(), "pay")
+        for _ in range(RESPONSE_SECONDS * 1000):
+            status, _, page = Browser.request(back)
+            if status != 503:
+                break
+            self.assertIn("One moment, please", page)
+        self.assertEqual(status, 303)
+        self.wait_for("completed")
+        self.assertEqual(self.deliveries(), 1)
+
+    def test_refuses_forged_confirmations(self):
         first, second = self.buy(), self.buy()
         paid = self.browser.decide(first, "pay")
         cancelled = self.browser.decide(second, "cancel").replace("/back?", "/paid?")
         own = first.replace(self.addresses["pay"], self.address + "paid")
-        self.assertEqual(Browser.request(paid)[0], 200)
-        for address, reason in ((paid, "has been paid already"),
-                                (cancelled, "RESULT is not"),
-                                (cancelled.replace("cancelled", "authorised"), "0x80040214"),
-                                (own, "MSGTYPE is not"),
-                                (self.address + "paid", "0x80040"),
+        self.assertEqual(Browser.request(paid)[0], 303)
+        self.assertIn("without paying", self.order_page(cancelled))
+        for address, reason in ((cancelled.replace("cancelled", "authorised"), "BAD_SIGNATURE"),
+                                (own, "OWN_KEY"),
+                                (self.address + "paid", "FORMAT"),
+                                (cancelled.partition("&SIGNATURE")[0], "NO_SIGNATURE"),
                                 (self.address + "paid?DATA=%zz", "Bad Request"),
-                                (self.address + "paid?DATA=%3ca%3e&SIGNATURE=00", "0x80040")):
+                                (self.address + "failed?DATA=%3ca%3e&SIGNATURE=00", "FORMAT"),
+                                (self.address + "back?DATA=%00%ff&SIGNATURE=%00", "FORMAT"),
+                                (self.address + "notified?" + cancelled.partition("?")[2].replace("cancelled", "authorised"), "REFUSED")):
             with self.subTest(address[:60]):
                 status, _, page = Browser.request(address)
                 self.assertEqual((status, reason in page), (400, True), page)
-        self.assertEqual(self.states(), ["completed", "cancelled"])
+        self.wait_for("completed", "cancelled")
+        self.assertEqual(self.deliveries(), 1)
 
     def test_has_no_other_pages(self):
-        self.assertEqual(Browser.request(self.address + "admin")[0], 404)
-        self.assertEqual(Browser.request(self.address + "buy")[0], 404)
+        for path in ("admin", "buy", "orders/", "orders/none", "orders/" + "0" * 24, "paid/more"):
+            self.assertEqual(Browser.request(self.address + path)[0], 404, path)
+        for number in ("", "1", "../../secret"):
+            self.assertEqual(Browser.request(self.address + "buy", {"number": number})[0], 400)
 
     def test_reports_a_wrong_password(self):
         self.merchant = self.directory / "another"

@@ -1,6 +1,6 @@
-"""docs/paid-once.md: its program in C++ is compiled and sells.
+"""docs/paid-once.md: its programs in C++ and Java are compiled and sell.
 
-CMakeLists.txt sets environment variables with the paths of the library and of the sandbox.
+CMakeLists.txt sets environment variables with the paths of the libraries, of the jar and of the sandbox.
 """
 
 import os
@@ -15,7 +15,23 @@ ROOT = pathlib.Path(os.environ["KVX_ROOT"])
 MAX_LINES = 12
 
 
-class PaidOnceInCpp(SandboxCase):
+class PaidOnceTests:
+    """A program around the block of one language: `start` returns it, running, and the payment URL that it prints."""
+
+    def test_delivers_once_and_captures(self):
+        program, url = self.start()
+        self.assertEqual(program.finish(*parameters(self.browser.decide(url, "pay"))),
+                         (0, "deliver A-17\n200\n200\n400\ncaptured\n", ""))
+        self.assertEqual(self.states(), ["captured"])
+
+    def test_delivers_when_no_confirmation_arrives(self):
+        program, url = self.start()
+        self.browser.decide(url, "pay")
+        self.assertEqual(program.finish("", ""), (0, "deliver A-17\ncaptured\n", ""))
+        self.assertEqual(self.states(), ["captured"])
+
+
+class PaidOnceInCpp(PaidOnceTests, SandboxCase):
     frame = """#include <iostream>
 #include <string>
 
@@ -61,17 +77,53 @@ int main(int, char** arguments) {
         program = Program(self.directory / "shop", self.merchant, self.service, f"sqlite:{self.directory / 'orders.db'}")
         return program, program.line()
 
-    def test_delivers_once_and_captures(self):
-        program, url = self.start()
-        self.assertEqual(program.finish(*parameters(self.browser.decide(url, "pay"))),
-                         (0, "deliver A-17\n200\n200\n400\ncaptured\n", ""))
-        self.assertEqual(self.states(), ["captured"])
 
-    def test_delivers_when_no_confirmation_arrives(self):
-        program, url = self.start()
-        self.browser.decide(url, "pay")
-        self.assertEqual(program.finish("", ""), (0, "deliver A-17\ncaptured\n", ""))
-        self.assertEqual(self.states(), ["captured"])
+class PaidOnceInJava(PaidOnceTests, SandboxCase):
+    frame = """import java.io.BufferedReader;
+import java.io.InputStreamReader;
+import kelvane.tallowin.ConfigurationSetup;
+{imports}
+public class Page {{
+{shop}
+void deliver(String order) {{ System.out.println("deliver " + order); }}
+
+public static void main(String[] arguments) throws Exception {{
+    try (ConfigurationSetup setup = new ConfigurationSetup()) {{
+        setup.SetConfiguration(arguments[0]);
+        setup.Reconfigure(arguments[1], "demo", "demo");
+    }}
+    Page page = new Page();
+    try (Ledger orders = new Ledger(arguments[2], arguments[0])) {{
+        orders.setOption("STATUSTYPE", "Status");
+        System.out.println(page.pay(orders, "A-17", "19.90"));
+        BufferedReader in = new BufferedReader(new InputStreamReader(System.in));
+        String data = in.readLine(), signature = in.readLine();
+        if (!data.isEmpty()) {{
+            for (String messenger : new String[] {{"return", "notification"}}) {{
+                System.out.println(page.confirmed(orders, messenger, data, signature));
+            }}
+            System.out.println(page.confirmed(orders, "return", data, "00"));
+        }}
+        page.work(orders);
+        if (data.isEmpty()) {{
+            orders.setOption("NOW", "4102444800000");
+            page.work(orders);
+        }}
+        System.out.println(orders.getState("A-17"));
+    }}
+}}
+}}
+"""
+
+    def start(self):
+        block, = blocks_of("paid-once.md", "java")
+        imports, shop = block.split("\n\n", 1)
+        self.assertLessEqual(shop.count("\n"), MAX_LINES)
+        page = self.directory / "Page.java"
+        page.write_text(self.frame.format(imports=imports, shop=shop))
+        program = Program(os.environ["KVX_JAVA_RUN"], "-Xcheck:jni", "-cp", os.environ["KVX_JAR"], page, self.merchant, self.service,
+                          f"sqlite:{self.directory / 'orders.db'}")
+        return program, program.line()
 
 
 if __name__ == "__main__":
