@@ -32,7 +32,7 @@ WORDS = ("authorised", "captured", "completed", "opened", "declined", "cancelled
 FLAWS = (("WRONG_AMOUNT", {"AMOUNT": "12.51"}), ("WRONG_CURRENCY", {"CURRENCY": "USD"}),
          ("WRONG_ORDER", {"ORDERID": "other"}), ("UNKNOWN_TOKEN", {"TOKEN": "1"}), ("WRONG_TYPE", {"MSGTYPE": "PayInit"}),
          ("WRONG_RESULT", {"result": "captured"}))
-FOREIGN = ({"TOKEN": "1"}, {"ID": "other", "ORDERID": "other"}, {"ORDERID": "other"}, {"AMOUNT": "12.5"}, {"CURRENCY": "USD"})
+FOREIGN = ({"TOKEN": "1"}, {"ID": "other", "ORDERID": "other"}, {"ORDERID": "other"}, {"AMOUNT": "99"}, {"CURRENCY": "USD"})
 FILTERS = ("paid", "untold", "undelivered", "surplus", "attention", "waiting", "captured")
 
 
