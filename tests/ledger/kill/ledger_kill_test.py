@@ -153,11 +153,14 @@ class LedgerKills(unittest.TestCase):
         def work(step):
             ledger = self.open()
             log = os.open(self.url_log, os.O_WRONLY | os.O_APPEND)
+            out = set()
             while True:
                 for number in numbers:
                     try:
                         url = ledger.begin(number, attributes=LINKS)
-                        write_line(log, number, url)
+                        if url not in out:
+                            write_line(log, number, url)
+                        out.add(url)
                     except LedgerFailure as failure:
                         if failure.name != "KVX_E_LEDGER_PAID":
                             raise
