@@ -10,6 +10,7 @@ import os
 import pathlib
 import pwd
 import shutil
+import signal
 import subprocess
 import sys
 import tempfile
@@ -56,6 +57,7 @@ def server(folder, place):
 
 
 def main(command):
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(128 + signal.SIGTERM))  # ends the command and the server
     folder = programs()
     if folder is None:
         print("PostgreSQL's server is not installed (scripts/setup tests)")
