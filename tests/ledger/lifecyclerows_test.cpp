@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <mutex>
+#include <string>
 
 #include "ledger/lifecycle.h"
 #include "ledger/testpoints.h"
@@ -17,8 +19,21 @@ using ledger::State;
 
 namespace {
 
-/// What the service does with a request.
-struct Answer {
+/// What the service does with a request; set by the test, read by the server.
+class Answer {
+public:
+    void set(std::string const& response) {
+        std::lock_guard<std::mutex> const lock(m_Mutex);
+        m_Response = response;
+    }
+
+    [[nodiscard]] std::string response() {
+        std::lock_guard<std::mutex> const lock(m_Mutex);
+        return m_Response;
+    }
+
+private:
+    std::mutex m_Mutex;
     std::string m_Response;  ///< Empty: the connection is reset.
 };
 
@@ -74,7 +89,7 @@ protected:
         };
     }
 
-    void answer(std::string const& response) { m_Answer.m_Response = response; }
+    void answer(std::string const& response) { m_Answer.set(response); }
 
     /// The service answers a status request with this state.
     void answerState(std::string const& state) {
@@ -95,10 +110,11 @@ protected:
     Answer m_Answer;
     RawServer m_Service{[this](Peer& peer) {
         static_cast<void>(peer.receiveRequest());
-        if (m_Answer.m_Response.empty()) {
+        std::string const response = m_Answer.response();
+        if (response.empty()) {
             peer.reset();
         } else {
-            peer.send(m_Answer.m_Response);
+            peer.send(response);
             peer.finish();
         }
     }};
