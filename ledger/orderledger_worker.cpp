@@ -431,6 +431,13 @@ void OrderLedger::recordAnswer(AttemptRow const& seen, std::string const& owner,
                 outcome.m_Reason = "the status response says \"" + printable(word) + "\"";
             }
         }
+        // With the event the refused completion would be sent again, for ever.
+        bool const isLeft = event == Event::kFoundCaptured && attempt.m_State == State::kCompletionUnknown &&
+                            attempt.m_Refusals >= m_Options.m_MaxRefusals;
+        if (isLeft) {
+            event.reset();
+            outcome.m_Reason = "the service refuses to complete, and says \"" + printable(word) + "\"";
+        }
         if (attempt.m_State == State::kWaiting) {
             // One refusal may be any trouble of the service; the same again and again says that there is no payment.
             attempt.m_Refusals = outcome.m_Code == KVX_E_SERVER_ERROR ? attempt.m_Refusals + 1 : 0;
@@ -443,7 +450,7 @@ void OrderLedger::recordAnswer(AttemptRow const& seen, std::string const& owner,
             ++attempt.m_Tries;
             ++attempt.m_Asks;
             attempt.m_LeaseOwner.reset();
-            attempt.m_DueAt = at + backoff(attempt.m_Tries);
+            attempt.m_DueAt = isLeft ? std::optional<Time>() : at + backoff(attempt.m_Tries);
             if (!outcome.m_Reason.empty()) {
                 attempt.m_LastReason = outcome.m_Reason;
             }
@@ -453,8 +460,10 @@ void OrderLedger::recordAnswer(AttemptRow const& seen, std::string const& owner,
         if (!paymentId.empty() && !attempt.m_PaymentId) {
             attempt.m_PaymentId = paymentId;
         }
-        // Captures that failed are still in a row after a response that says that none has happened.
-        if (event == Event::kFoundCaptured || event == Event::kFoundCompleted) {
+        // Captures that failed are still in a row after a response that says that none has happened; so are
+        // completions.
+        bool const isStillCaptured = event == Event::kFoundCaptured && attempt.m_State == State::kCompletionUnknown;
+        if ((event == Event::kFoundCaptured || event == Event::kFoundCompleted) && !isStillCaptured) {
             attempt.m_Tries = 0;
             attempt.m_Refusals = 0;
         }

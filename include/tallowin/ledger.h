@@ -137,7 +137,8 @@ KVX_EXPORT void DestroyLedger(KVX_HANDLE ledger);
  *   RETRYBASE          10             pause after the first failure; doubles with each further one
  *   RETRYMAX           3600           longest pause
  *   JITTER             1              1: a pause is a random part of that, half to whole. 0: whole
- *   MAXREFUSALS        5              captures that the service refuses before a person has to look
+ *   MAXREFUSALS        5              captures, or completions, that the service refuses in a row before a person has
+ *                                     to look
  *   MAXASKS            10             status requests in a row that change nothing before a person has to look, and
  *                                     refused ones in a row before a waiting payment is called expired
  *   MAXDATA            20000          bytes of DATA of a confirmation

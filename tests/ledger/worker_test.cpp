@@ -226,6 +226,47 @@ TEST_F(Worker, CallsAPersonWhenTheServiceRefusesAgainAndAgain) {
     EXPECT_EQ(m_Ledger.state(), "captured");
 }
 
+TEST_F(Worker, CallsAPersonWhenTheServiceRefusesToCompleteAgainAndAgain) {
+    m_Ledger.option("COMPLETE", "1");
+    m_Ledger.option("MAXREFUSALS", "2");
+    pay();
+    arm("error,exchange=complete,times=2");
+    runAll();
+    EXPECT_EQ(m_Ledger.state(), "completion_unknown");
+    EXPECT_EQ(m_Ledger.attempt().at("refusals"), 2);
+    EXPECT_EQ(m_Ledger.attempt().at("due"), nullptr);
+    EXPECT_EQ(m_Ledger.attempt().at("lastReason"), "the service refuses to complete, and says \"captured\"");
+    EXPECT_EQ(m_Ledger.numbers("attention"), std::vector<std::string>{"A-17"});
+    // A worker that begins anew asks once more, and leaves it to the person, too.
+    LedgerHandle next;
+    for (auto const& [name, value] : Attributes{{"COMPLETE", "1"}, {"MAXREFUSALS", "2"}, {"STATUSTYPE", "Status"}}) {
+        next.option(name, value);
+    }
+    ASSERT_EQ(next.open(store(), shop().path()), KVX_OK);
+    EXPECT_EQ(next.run(), 1);
+    EXPECT_EQ(m_Ledger.numbers("attention"), std::vector<std::string>{"A-17"});
+    EXPECT_EQ(m_Ledger.resolve("captured"), KVX_OK);
+    runAll();
+    EXPECT_EQ(m_Ledger.state(), "completed");
+    EXPECT_EQ(m_Ledger.numbers("attention"), std::vector<std::string>{});
+}
+
+TEST_F(Worker, PausesLongerWithEachCompletionThatFails) {
+    m_Ledger.option("COMPLETE", "1");
+    m_Ledger.option("JITTER", "0");
+    m_Ledger.option("RETRYBASE", "10");
+    pay();
+    arm("reset,exchange=complete,times=3");
+    std::int64_t now = m_Ledger.order().at("created").get<std::int64_t>() + 5000;
+    for (std::int64_t const pause : {10, 20, 40}) {
+        m_Ledger.option("NOW", std::to_string(now));
+        EXPECT_EQ(m_Ledger.run(), 2) << "a capture or a question, and a completion";
+        EXPECT_EQ(m_Ledger.state(), "completion_unknown");
+        EXPECT_EQ(m_Ledger.attempt().at("due"), now + pause * 1000);
+        now += pause * 1000;
+    }
+}
+
 TEST_F(Worker, StopsRepeatingWhatTheServiceRefuses) {
     m_Ledger.option("STATUSTYPE", "");
     m_Ledger.option("CAPTUREIDEMPOTENT", "1");

@@ -379,6 +379,9 @@ class Model:
         if word not in known or (attempt.state == "completion_unknown" and word not in ("captured", "completed")):
             self.ask_later(attempt)
             return
+        if attempt.state == "completion_unknown" and word == "captured":
+            self.find_not_completed(attempt)
+            return
         if attempt.payment is None:
             attempt.payment = "P" + attempt.token
         if word in ("captured", "completed"):
@@ -390,6 +393,22 @@ class Model:
             self.move(attempt, "found_authorised", "authorised")
         else:
             self.move(attempt, "found_" + word, "capture_refused")
+
+    def find_not_completed(self, attempt):
+        """The completions that failed are still in a row. When too many of them were refused, a person has to look."""
+        if attempt.refusals < int(self.options["MAXREFUSALS"]):
+            attempt.payment = attempt.payment or "P" + attempt.token
+            self.move(attempt, "found_captured", "captured")
+        else:
+            self.ask_later(attempt)
+            attempt.due = None
+
+    def wake(self):
+        """A new handle asks once more about what was left to a person."""
+        for order in self.orders.values():
+            for attempt in order.attempts:
+                if attempt.state in ("unknown", "completion_unknown") and attempt.due is None and self.asks():
+                    attempt.due = self.now
 
     # A person
 
@@ -432,5 +451,5 @@ class Model:
             return surplus
         if kind == "attention":
             return surplus or order.state() == "capture_refused" or any(map(self.is_asked_out, order.attempts)) or (
-                order.state() in ("unknown", "completion_unknown") and self.is_idle(order.paid))
+                order.state() in ("unknown", "completion_unknown") and (self.is_idle(order.paid) or order.paid.due is None))
         return order.state() == kind
