@@ -31,6 +31,7 @@ constexpr std::int64_t kStatementSeconds = 10;  // what a statement may take bes
 constexpr std::int64_t kAnswerSeconds = 15;     // longer: the server ends the statement first
 constexpr std::chrono::seconds kClockLasts(60);
 constexpr std::chrono::milliseconds kFatePause(20);
+constexpr std::chrono::milliseconds kAwayPause(100);
 
 struct CodeRow {
     char const* m_State;  ///< SQLSTATE, or its beginning.
@@ -209,6 +210,22 @@ void PostgresqlDatabase::connect() {
     execute(settings.c_str());
 }
 
+/// Makes a new connection, to a server that may be away for a while. Throws Failure.
+void PostgresqlDatabase::reconnect() {
+    Clock::time_point const end = Clock::now() + std::chrono::seconds(m_BusySeconds);
+    while (true) {
+        try {
+            connect();
+            return;
+        } catch (Failure const& failure) {
+            if (failure.code() != KVX_E_LEDGER_UNREACHABLE || Clock::now() >= end) {
+                throw;
+            }
+        }
+        std::this_thread::sleep_for(kAwayPause);
+    }
+}
+
 /// Creates the tables. A schema of another program is refused rather than written to.
 void PostgresqlDatabase::migrate() {
     static constexpr char kHasVersion[] =
@@ -245,7 +262,7 @@ template <class Call>
 auto PostgresqlDatabase::again(Call call) {
     bool const isNew = m_Connection == nullptr;
     if (isNew) {
-        connect();
+        reconnect();
     }
     try {
         return call();
@@ -254,7 +271,7 @@ auto PostgresqlDatabase::again(Call call) {
             throw;
         }
     }
-    connect();
+    reconnect();
     return call();
 }
 

@@ -44,6 +44,7 @@ private:
     enum class Open { kNothing, kRead, kWrite };
 
     void connect();
+    void reconnect();
     void migrate();
     Result execute(char const* sql);
     Rows runPrepared(char const* statement, Row const& parameters);

@@ -65,6 +65,7 @@ public:
     }
 
     std::atomic<bool> m_LosesCommit{false};
+    std::atomic<int> m_Refusals{0};  ///< Connections to be closed at once from now on.
 
 private:
     [[nodiscard]] int connected() const {
@@ -78,6 +79,10 @@ private:
     }
 
     void pass(Peer& peer) {
+        if (m_Refusals > 0) {
+            --m_Refusals;
+            return;
+        }
         int const server = connected();
         bool isCommit = false;
         std::array<char, 65536> bytes{};
@@ -139,6 +144,24 @@ TEST_F(PostgresqlStore, KnowsACommitWhoseAnswerWasLost) {
     EXPECT_FALSE(between.m_LosesCommit);
     EXPECT_EQ(m_Ledger.history().size(), 2U);
     EXPECT_EQ(outcome("authorised"), "KNOWN_ALREADY");
+}
+
+TEST_F(PostgresqlStore, IsWaitedForWhileItIsAway) {
+    static_cast<void>(m_Ledger.url());
+    Between between(store());
+    LedgerHandle far;
+    far.option("NOW", std::to_string(m_Start));
+    far.option("BUSYSECONDS", "30");
+    ASSERT_EQ(far.open(between.address(), account()), KVX_OK) << lastLedgerError();
+    endConnections();
+    between.m_Refusals = 3;
+    EXPECT_EQ(far.state(), "waiting") << "reading";
+    EXPECT_EQ(between.m_Refusals, 0);
+    endConnections();
+    between.m_Refusals = 3;
+    std::string const data = says("authorised");
+    EXPECT_EQ(far.confirm(data, m_Signer.sign(data)).m_Outcome, "PAID_NOW") << lastLedgerError();
+    EXPECT_EQ(between.m_Refusals, 0);
 }
 
 TEST_F(PostgresqlStore, IsUnreachableWhenItIsGone) {
