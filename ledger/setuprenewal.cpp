@@ -110,12 +110,15 @@ void SetupRenewal::renew(SetupLogin const& login, std::int32_t& outcome) {
     std::string const owner = ownId();
     std::int64_t const generation = inTransaction(m_Renewals.database(), [&] {
         Time const at = now();
+        Time const lease = kExchanges * m_Options.m_LeaseSeconds * kSecond;
         std::optional<RenewalRow> const running = m_Renewals.running();
-        // A lease of this directory is that of a dead process: the lock is here.
-        if (running && running->m_Owner != owner && running->m_LeaseUntil > at) {
+        // A lease of this directory is that of a dead process: the lock is here. One that ends later than any that is
+        // given out now is of a clock that has been set back since.
+        bool const isOthers = running && running->m_Owner != owner;
+        if (isOthers && running->m_LeaseUntil > at && running->m_LeaseUntil <= at + lease + kMaxClockSkew) {
             throw Failure(KVX_E_LEDGER_BUSY, "another server renews the key");
         }
-        return m_Renewals.add(owner, at, at + kExchanges * m_Options.m_LeaseSeconds * kSecond);
+        return m_Renewals.add(owner, at, at + lease);
     });
     stage(generation);
     outcome = KVX_LEDGER_RENEWAL_IN_DOUBT;

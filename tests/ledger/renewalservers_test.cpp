@@ -86,15 +86,22 @@ TEST_F(RenewalServers, AgreeWhenTheyRaceToRenew) {
 }
 
 TEST_F(RenewalServers, WaitForTheLeaseOfAnotherAndNoLonger) {
+    constexpr std::int64_t kNow = 1600000000000;
+    constexpr std::int64_t kLongest = (4 * 300 + 3600) * 1000;  // a lease, by a clock that is an hour ahead
+    m_Ledger.option("NOW", std::to_string(kNow));
     runSql(
         "INSERT INTO renewals (generation, state, owner, begun_at, lease_until)"
-        " VALUES (1, 'running', 'another', 0, 9007199254740991)");
+        " VALUES (1, 'running', 'another', 0, " +
+        std::to_string(kNow + kLongest) + ")");
     Renewed const refused = RenewalTest::renew(m_Ledger);
     EXPECT_EQ(refused.m_Code, KVX_E_LEDGER_BUSY);
     EXPECT_EQ(refused.m_Outcome, KVX_LEDGER_RENEWAL_UNCHANGED);
-    runSql("UPDATE renewals SET lease_until = 1");
-    renew();
-    EXPECT_EQ(newestRenewal(), "done " + currentKey());
+    for (std::int64_t const end : {kNow, kNow + kLongest + 1}) {
+        runSql("UPDATE renewals SET state = 'running', owner = 'another', lease_until = " + std::to_string(end) +
+               " WHERE generation = (SELECT max(generation) FROM renewals)");
+        EXPECT_EQ(RenewalTest::renew(m_Ledger).m_Code, KVX_OK) << "over, or of a clock that has been set back";
+        EXPECT_EQ(newestRenewal(), "done " + currentKey());
+    }
 }
 
 TEST_F(RenewalServers, GiveNothingWithoutTheSecret) {
