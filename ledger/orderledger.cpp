@@ -278,6 +278,21 @@ void OrderLedger::settleSurplus(std::string const& number, std::string const& no
     });
 }
 
+/// Gives up the waiting payments before the one that stands for the order which asking has not cleared up; false when
+/// there is none. Inside a transaction.
+bool OrderLedger::giveUpEarlier(OrderRow& order, std::string const& note) {
+    bool isAny = false;
+    for (AttemptRow& attempt : store().attempts(order.m_Id)) {
+        if (attempt.m_State == State::kWaiting && attempt.m_Asks >= m_Options.m_MaxAsks) {
+            Evidence evidence;
+            evidence.m_Cause = note;
+            move(order, attempt, Event::kResolvedCancelled, evidence, now());
+            isAny = true;
+        }
+    }
+    return isAny;
+}
+
 void OrderLedger::resolve(std::string const& number, std::string const& state, std::string const& note) {
     if (note.empty()) {
         throw Failure(KVX_E_LEDGER_INVALID, "the note is empty");
@@ -292,6 +307,9 @@ void OrderLedger::resolve(std::string const& number, std::string const& state, s
         AttemptRow attempt = standingAttempt(order);
         bool const isAskedAbout = attempt.m_State == State::kWaiting && attempt.m_Asks < m_Options.m_MaxAsks;
         if (isAskedAbout || !stateAfter(attempt.m_State, event)) {
+            if (event == Event::kResolvedCancelled && giveUpEarlier(order, note)) {
+                return true;
+            }
             throw Failure(KVX_E_LEDGER_STATE, "the order is " + std::string(nameOf(attempt.m_State)) +
                                                   ", a person cannot make it " + state);
         }

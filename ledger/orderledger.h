@@ -139,6 +139,7 @@ private:
     [[nodiscard]] std::optional<Time> dueIn(AttemptRow const& attempt, Time at) const;
 
     void settleSurplus(std::string const& number, std::string const& note);
+    bool giveUpEarlier(OrderRow& order, std::string const& note);
 
     // Begin.
     void requireSameContent(OrderContent const& content, OrderRow const& order) const;

@@ -137,7 +137,7 @@ void resolve(Session& session, ResolveOptions const& options) {
     attempt("cannot resolve the order", [&] { ledger.resolve(options.m_Number, options.m_State, options.m_Note); });
     session.json()["number"] = options.m_Number;
     session.json()["state"] = options.m_State;
-    session.line("Order " + options.m_Number + " is " + options.m_State + '.', Emphasis::kStrong);
+    session.line("Recorded of order " + options.m_Number + ": " + options.m_State + '.', Emphasis::kStrong);
 }
 
 void exportOrder(Session& session, OrderOptions const& options) {

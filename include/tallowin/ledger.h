@@ -280,7 +280,10 @@ KVX_EXPORT int32_t Ledger_RunDue(KVX_HANDLE ledger, int32_t limit, int32_t* done
 
 /* Records what a person found out about an order that needs attention: the payment that counts is in `state`,
  * "authorised" (to be captured again), "captured", "completed", "capture_refused" or "cancelled" (given up; a new
- * attempt may pay the order). A payment that was given up stays so when its confirmation arrives; that is stored.
+ * attempt may pay the order). A payment that is known as paid and was given up stays so when its confirmation arrives;
+ * that is stored. One that was waiting can still pay the order.
+ * Where the payment that counts cannot be given up, "cancelled" gives up the others of the order that wait and that
+ * MAXASKS status requests in a row have not cleared up.
  * "surplus_settled" is about the others: each surplus payment of the order has been voided or paid back at the service.
  * They become "cancelled", and the order needs no attention for them.
  * `note` says why and by whom; it must not be empty.

@@ -424,6 +424,30 @@ TEST_F(Worker, ObeysAPersonAboutAPaymentThatStaysOpen) {
     EXPECT_EQ(m_Ledger.numbers("attention"), std::vector<std::string>{});
 }
 
+TEST_F(Worker, ObeysAPersonAboutAnEarlierPaymentThatStaysOpen) {
+    m_Ledger.option("MAXASKS", "1");
+    std::string const first = m_Ledger.url();
+    EXPECT_EQ(sandbox().statusOf(first), 200);
+    m_Ledger.option("NOW", std::to_string(m_Ledger.attempt().at("expires").get<std::int64_t>()));
+    // The component's clock has not moved, so the second payment needs a longer time.
+    std::string const defaults = shop().dir().read("default.xml");
+    shop().dir().write("default.xml",
+                       std::regex_replace(defaults, std::regex("PAYINITTTL=\"[0-9]+\""), "PAYINITTTL=\"9000\""));
+    std::string const second = m_Ledger.url();
+    passExpiry(1);
+    EXPECT_EQ(m_Ledger.run(1), 1);
+    EXPECT_EQ(m_Ledger.numbers("attention"), std::vector<std::string>{"A-17"});
+    EXPECT_EQ(m_Ledger.resolve("captured"), KVX_E_LEDGER_STATE) << "that is about the second one";
+    EXPECT_EQ(m_Ledger.resolve("cancelled"), KVX_OK);
+    EXPECT_EQ(m_Ledger.attempt(1).at("state"), "cancelled");
+    EXPECT_EQ(m_Ledger.evidence().at("transitions").back().at("cause"), "Kim: seen at the service");
+    EXPECT_EQ(m_Ledger.numbers("attention"), std::vector<std::string>{});
+    EXPECT_EQ(m_Ledger.resolve("cancelled"), KVX_E_LEDGER_STATE) << "the worker may still find out about the second";
+    EXPECT_EQ(m_Ledger.state(), "waiting");
+    EXPECT_EQ(decide(second, "pay"), "PAID_NOW");
+    EXPECT_EQ(decide(first, "pay"), "SURPLUS") << "what was given up is noticed when it is paid";
+}
+
 TEST_F(Worker, LearnsThatAnAuthorisationHasLapsed) {
     struct Case {
         char const* m_Number;

@@ -425,7 +425,12 @@ class Model:
         event, states = RESOLUTIONS[state]
         attempt = order.standing()
         if attempt.state not in states or (attempt.state == "waiting" and not self.is_asked_out(attempt)):
-            return "KVX_E_LEDGER_STATE"
+            earlier = [one for one in order.attempts if one.state == "waiting" and self.is_asked_out(one)]
+            if state != "cancelled" or not earlier:
+                return "KVX_E_LEDGER_STATE"
+            for one in earlier:
+                self.move(one, event, state)
+            return "KVX_OK"
         attempt.tries = attempt.refusals = 0
         self.move(attempt, event, state)
         order.paid = None if state == "cancelled" else attempt
