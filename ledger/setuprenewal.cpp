@@ -18,6 +18,7 @@
 
 #include <cerrno>
 #include <charconv>
+#include <filesystem>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -120,7 +121,12 @@ void SetupRenewal::renew(SetupLogin const& login, std::int32_t& outcome) {
         }
         return m_Renewals.add(owner, at, at + lease);
     });
-    stage(generation);
+    try {
+        stage(generation);
+    } catch (Failure const& failure) {
+        undo(generation, {failure.code(), failure.what()});
+        throw;
+    }
     outcome = KVX_LEDGER_RENEWAL_IN_DOUBT;
     Result const result = publish(login);
     switch (phase()) {
@@ -137,7 +143,7 @@ void SetupRenewal::renew(SetupLogin const& login, std::int32_t& outcome) {
         case Phase::kUnpublished:
         case Phase::kNothing:
             outcome = KVX_LEDGER_RENEWAL_UNCHANGED;
-            undo(result);
+            undo(generation, result);
             break;
     }
     throw Failure(result.m_Code, result.m_Reason);
@@ -184,17 +190,33 @@ void SetupRenewal::stage(std::int64_t generation) const {
             replaceFile(next + file, text->get(), newFileIn(next));
         }
     }
+    if (isThere(next + kSettings)) {
+        adaptSettings();
+    }
+}
+
+/// The settings in "next" are those of the set-up alone.
+void SetupRenewal::adaptSettings() const {
+    SetupHandle const setup = openedSetup(path(kNext));
+    auto const set = [&](char const* name, std::string const& value) {
+        require("ConfigurationSetup_SetAttribute",
+                ConfigurationSetup_SetAttribute(setup.get(), kSettings + 1, name, value.c_str()));
+    };
+    // The new key is on disk before it is published, whatever the settings say.
+    set("SYNCFILES", "1");
+    // A log beside the copy of the settings would be removed with it.
+    std::string const log =
+        copiedText("ConfigurationSetup_GetAttribute", [&](std::int32_t* size, char* buffer) {
+            return ConfigurationSetup_GetAttribute(setup.get(), kSettings + 1, "LOGFILE", size, buffer);
+        }).value_or("");
+    if (!log.empty() && log != "-" && log.front() != '/') {
+        set("LOGFILE", std::filesystem::absolute(m_Directory).string() + "/" + log);
+    }
 }
 
 /// Runs the component's set-up in "next".
 Result SetupRenewal::publish(SetupLogin const& login) const {
-    std::string const next = path(kNext);
-    SetupHandle const setup = openedSetup(next);
-    if (isThere(next + kSettings)) {
-        // The new key is on disk before it is published, whatever the settings say.
-        require("ConfigurationSetup_SetAttribute",
-                ConfigurationSetup_SetAttribute(setup.get(), "settings.xml", "SYNCFILES", "1"));
-    }
+    SetupHandle const setup = openedSetup(path(kNext));
     return resultOf("ConfigurationSetup_Reconfigure",
                     ConfigurationSetup_Reconfigure(setup.get(), login.m_Url, login.m_User, login.m_Password));
 }
@@ -205,7 +227,7 @@ void SetupRenewal::recover() {
         case Phase::kNothing:
             return;
         case Phase::kUnpublished:
-            undo(interrupted());
+            undo(generationIn(kNextGeneration), interrupted());
             return;
         case Phase::kInDoubt:
             keepDoubtful("doubtful", interrupted());
@@ -260,9 +282,10 @@ void SetupRenewal::finish() {
 }
 
 /// Removes "next", whose key the service does not know.
-void SetupRenewal::undo(Result const& result) {
-    std::int64_t const generation = generationIn(kNextGeneration);
-    discard();
+void SetupRenewal::undo(std::int64_t generation, Result const& result) {
+    if (isThere(path(kNext))) {
+        discard();
+    }
     inTransaction(m_Renewals.database(), [&] {
         m_Renewals.end(generation, endOf("unchanged", now(), result));
         return true;

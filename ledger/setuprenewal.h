@@ -53,10 +53,11 @@ private:
 
     [[nodiscard]] Phase phase() const;
     void stage(std::int64_t generation) const;
+    void adaptSettings() const;
     [[nodiscard]] Result publish(SetupLogin const& login) const;
     void recover();
     void finish();
-    void undo(Result const& result);
+    void undo(std::int64_t generation, Result const& result);
     void keepDoubtful(char const* state, Result const& result);
     void discard() const;
     void takeOver();

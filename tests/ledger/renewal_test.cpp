@@ -50,6 +50,22 @@ TEST_F(Renewal, LeavesDefaultsAndSettingsOfTheMerchant) {
     EXPECT_EQ(shop().dir().read("default.xml"), "<KVX KVX.ISVALID=\"yes\" PAYINITTTL=\"77\"/>");
 }
 
+TEST_F(Renewal, LogsWhereTheMerchantLooksForIt) {
+    shop().dir().write("settings.xml", "<KVX LOGFILE=\"calls.log\"/>");
+    EXPECT_EQ(renew(m_Ledger, "", "wrong").m_Code, KVX_E_SERVER_ERROR);
+    EXPECT_NE(shop().dir().read("calls.log").find("KVX_E_SERVER_ERROR"), std::string::npos);
+    EXPECT_EQ(shop().dir().read("settings.xml"), "<KVX LOGFILE=\"calls.log\"/>");
+}
+
+TEST_F(Renewal, IsNotInDoubtBeforeAnythingWasPublished) {
+    shop().dir().write("settings.xml", "no document");
+    Renewed const renewed = renew(m_Ledger);
+    EXPECT_EQ(renewed.m_Code, KVX_E_INVALID_FORMAT);
+    EXPECT_EQ(renewed.m_Outcome, KVX_LEDGER_RENEWAL_UNCHANGED);
+    EXPECT_EQ(newestRenewal(), "unchanged -") << "no other server waits for it";
+    EXPECT_FALSE(shop().dir().exists(".renewal/next"));
+}
+
 TEST_F(Renewal, FetchesDefaultsThatAreNotValid) {
     shop().dir().write("default.xml", "<KVX KVX.ISVALID=\"no\" PAYINITTTL=\"77\"/>");
     renew();
