@@ -85,7 +85,10 @@ class PaidOncePage(SandboxCase):
         self.assertEqual(copy.execute("SELECT number, paid_attempt FROM orders").fetchall(), [("A-1", 1)])
         queries, = blocks("sql")
         rows = [copy.execute(query).fetchall() for query in queries.split(";") if query.strip()]
-        self.assertEqual(rows, [[], [(0,)], [(0,)]])
+        self.assertEqual(rows, [[], [(0,)], [(0,)], []])
+        copy.execute("UPDATE attempts SET tries = 10, last_reason = 'refused'")
+        failing = queries.split(";")[-2]
+        self.assertEqual(copy.execute(failing).fetchall(), [("A-1", "authorised", 10, "refused")])
         evidence = json.loads(self.run_shop("export", "A-1")[0])
         transition, = [row for row in evidence["transitions"] if "signature" in row]
         (self.directory / "signed.b64").write_text(transition["signedBase64"])
