@@ -43,7 +43,8 @@ constexpr CodeRow kCodes[] = {
     {"53100", KVX_E_LEDGER_FULL},      // disk_full
     {"55P03", KVX_E_LEDGER_BUSY},      // lock_not_available
     {"57014", KVX_E_LEDGER_BUSY},      // query_canceled, by the time limit
-    {"25006", KVX_E_LEDGER_READONLY},  // read_only_sql_transaction: a standby
+    {"25006", KVX_E_LEDGER_READONLY},  // read_only_sql_transaction
+    {"0A000", KVX_E_LEDGER_READONLY},  // feature_not_supported: serializable transactions on a standby
     {"42501", KVX_E_LEDGER_READONLY},  // insufficient_privilege
     {"42P01", KVX_E_LEDGER_DAMAGED},   // undefined_table
     {"42703", KVX_E_LEDGER_DAMAGED},   // undefined_column

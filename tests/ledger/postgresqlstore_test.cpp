@@ -250,11 +250,22 @@ TEST_F(PostgresqlStore, LetsNobodyChangeItsEvidence) {
 TEST_F(PostgresqlStore, ThatIsReadOnlySaysSo) {
     static_cast<void>(m_Ledger.url());
     std::string const data = says("authorised");
-    // A standby is read-only in the same way.
     ASSERT_EQ(m_Store.run("DO $$ BEGIN EXECUTE 'ALTER DATABASE ' || current_database() ||"
                           " ' SET default_transaction_read_only = on'; END $$"),
               "");
     endConnections();
+    EXPECT_EQ(m_Ledger.confirm(data, m_Signer.sign(data)).m_Code, KVX_E_LEDGER_READONLY) << lastLedgerError();
+    EXPECT_EQ(m_Ledger.state(), "waiting");
+}
+
+TEST_F(PostgresqlStore, ThatIsAStandbySaysSo) {
+    static_cast<void>(m_Ledger.url());
+    std::string const data = says("authorised");
+    // What a standby says to the beginning of a serializable transaction.
+    ASSERT_EQ(m_Store.run("CREATE FUNCTION refuse() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN"
+                          " RAISE EXCEPTION 'cannot use serializable mode in a hot standby' USING ERRCODE = '0A000';"
+                          " END $$; CREATE TRIGGER refuses BEFORE UPDATE ON attempts EXECUTE FUNCTION refuse()"),
+              "");
     EXPECT_EQ(m_Ledger.confirm(data, m_Signer.sign(data)).m_Code, KVX_E_LEDGER_READONLY) << lastLedgerError();
     EXPECT_EQ(m_Ledger.state(), "waiting");
 }
