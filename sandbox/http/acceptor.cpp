@@ -1,21 +1,24 @@
-// One thread accepts, one thread per connection serves.
-// The accepting thread waits in awaitClient() for a client or for the pipe that wakes it, and pauses while the limit of
-// connections is reached. A connection's thread closes its socket and moves itself to m_Finished, where the accepting
-// thread or stop() joins it.
-// Odd: to refuse connections the listening socket is shut down. On Linux that ends listening but keeps the port bound,
-// so no other program can take the port. Stopping first ends the incoming direction of every connection; connections
-// still open after kGrace are closed.
+// One thread accepts and waits for clients that are silent so far; a thread of the pool serves each of the others.
+// The accepting thread waits in awaitEvent() for the pipe that wakes it, the listening socket, and m_Watch, which
+// stands for all silent clients. A connection whose first bytes are there goes to the pool at once. One that stays
+// silent is shut down for reading, which is what stopping does to all of them, and goes to the pool as well: its server
+// finds the end. Odd: to refuse connections the listening socket is shut down. On Linux that ends listening but keeps
+// the port bound, so no other program can take the port. Stopping first ends the incoming direction of every
+// connection; connections still open after kGrace are closed.
 #include "sandbox/http/acceptor.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <cstddef>
 #include <exception>
 #include <iostream>
 #include <stdexcept>
@@ -29,10 +32,9 @@ namespace sandbox {
 
 namespace {
 
-constexpr int kBacklog = 128;
-constexpr std::size_t kMaxConnections = 256;
 constexpr std::chrono::seconds kGrace(5);
-constexpr int kPauseMilliseconds = 50;  // before trying again to accept when the system has no room
+constexpr std::chrono::milliseconds kPause(50);  // before trying again to accept when the system has no room
+constexpr std::size_t kMaxEvents = 64;           // taken from epoll at once
 
 [[noreturn]] void fail(std::string const& what, int error) {
     throw std::runtime_error(what + ": " + std::generic_category().message(error));
@@ -68,6 +70,16 @@ std::uint16_t portOf(int socket) {
     return ntohs(address.sin_port);
 }
 
+/// Whether there is something to read, which may be the end.
+bool hasInput(int socket) {
+    char first = '\0';
+    return ::recv(socket, &first, 1, MSG_PEEK) >= 0 || errno != EAGAIN;
+}
+
+bool isShortage(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS;
+}
+
 }  // namespace
 
 Acceptor::Acceptor(std::uint16_t port, std::string const& address) {
@@ -80,10 +92,12 @@ Acceptor::Acceptor(std::uint16_t port, std::string const& address) {
         m_Listener = boundSocket(m_Port, address);
         ::close(picked);
     }
-    if (::pipe2(m_Wake, O_CLOEXEC | O_NONBLOCK) != 0) {
+    m_Watch = ::epoll_create1(EPOLL_CLOEXEC);
+    if (m_Watch < 0 || ::pipe2(m_Wake, O_CLOEXEC | O_NONBLOCK) != 0) {
         int const error = errno;
         ::close(m_Listener);
-        fail("cannot make a pipe", error);
+        ::close(m_Watch);
+        fail("cannot make what the accepting thread waits for", error);
     }
     listen();
 }
@@ -93,15 +107,17 @@ Acceptor::~Acceptor() {
     ::close(m_Listener);
     ::close(m_Wake[0]);
     ::close(m_Wake[1]);
+    ::close(m_Watch);
 }
 
 void Acceptor::listen() {
     // Another socket can have taken the port only by listening there while this one did not.
-    m_Listening = ::listen(m_Listener, kBacklog) == 0;
+    m_Listening = ::listen(m_Listener, SOMAXCONN) == 0;
 }
 
-void Acceptor::start(Serve serve) {
-    m_Serve = std::move(serve);
+void Acceptor::start(Admit admit, Clock::duration silence) {
+    m_Admit = std::move(admit);
+    m_Silence = silence;
     SignalsBlocked const blocked;
     m_Thread = std::thread([this] { run(); });
 }
@@ -133,8 +149,7 @@ void Acceptor::beginStop() {
         // Raised first: a thread that finds the incoming direction ended must be able to see that the client did not
         // end it.
         m_Ending.raise();
-        shutDownServing(SHUT_RD);
-        m_Ended.notify_all();
+        shutDownAll(SHUT_RD);
     }
     wake();
 }
@@ -150,18 +165,16 @@ void Acceptor::stop() {
             ::shutdown(m_Listener, SHUT_RDWR);
             m_Listening = false;
         }
-        auto const allServed = [this] { return m_Serving.empty(); };
-        if (!m_Ended.wait_until(lock, m_CutAt, allServed)) {
+        if (!m_Ended.wait_until(lock, m_CutAt, [this] { return m_Open.empty(); })) {
             // A client reads slowly or not at all.
-            shutDownServing(SHUT_RDWR);
-            m_Ended.wait(lock, allServed);
+            shutDownAll(SHUT_RDWR);
         }
     }
-    joinFinished();
+    m_Servers.stop();
 }
 
-void Acceptor::shutDownServing(int direction) {
-    for (auto const& [socket, thread] : m_Serving) {
+void Acceptor::shutDownAll(int direction) {
+    for (int const socket : m_Open) {
         ::shutdown(socket, direction);
     }
 }
@@ -171,79 +184,126 @@ void Acceptor::wake() const {
     [[maybe_unused]] ssize_t const written = ::write(m_Wake[1], "", 1);
 }
 
-bool Acceptor::awaitClient() {
-    pollfd waits[2] = {{m_Wake[0], POLLIN, 0}, {m_Listener, POLLIN, 0}};
-    int timeout = -1;
-    nfds_t count = 2;
+void Acceptor::run() {
+    bool connecting = false;
+    bool sending = false;
+    while (awaitEvent(connecting, sending)) {
+        if (connecting) {
+            acceptOne();
+        }
+        if (sending) {
+            serveSpeaking();
+        }
+        serveSilent();
+    }
+    for (auto& [number, client] : m_Waiting) {
+        serve(std::move(client));
+    }
+    m_Waiting.clear();
+}
+
+/// Returns when somebody may be connecting or a silent client sending, or it is time for what serveSilent() does. False
+/// when it is stopping.
+bool Acceptor::awaitEvent(bool& connecting, bool& sending) {
+    bool const pauses = Clock::now() < m_PausesUntil;
+    Clock::time_point until = pauses ? m_PausesUntil : Clock::time_point::max();
+    if (!m_Waiting.empty()) {
+        until = std::min(until, m_Waiting.begin()->second.m_SilentUntil);
+    }
+    bool accepts = false;
     {
-        std::unique_lock<std::mutex> lock(m_Mutex);
-        m_Ended.wait(lock, [this] { return m_Stopping || m_Serving.size() < kMaxConnections; });
+        std::lock_guard<std::mutex> const lock(m_Mutex);
         if (m_Stopping) {
             return false;
         }
-        if (!m_Listening) {
-            if (m_RefusesUntil <= Clock::now()) {
-                listen();
-            }
-            timeout = pollTimeoutUntil(m_RefusesUntil);
-            count = m_Listening ? 2 : 1;
+        if (!m_Listening && m_RefusesUntil <= Clock::now()) {
+            listen();
         }
+        until = m_Listening ? until : std::min(until, m_RefusesUntil);
+        accepts = m_Listening && !pauses;
     }
-    ::poll(waits, count, timeout);
+    std::array<pollfd, 3> waits = {pollfd{m_Wake[0], POLLIN, 0}, pollfd{accepts ? m_Listener : -1, POLLIN, 0},
+                                   pollfd{m_Waiting.empty() ? -1 : m_Watch, POLLIN, 0}};
+    ::poll(waits.data(), waits.size(), pollTimeoutUntil(until));
     char drained[64];
-    while (::read(m_Wake[0], drained, sizeof drained) > 0) {
+    while (waits[0].revents != 0 && ::read(m_Wake[0], drained, sizeof drained) > 0) {
     }
+    connecting = waits[1].revents != 0;
+    sending = waits[2].revents != 0;
     return true;
 }
 
-void Acceptor::run() {
-    while (awaitClient()) {
-        joinFinished();
-        int const socket = ::accept4(m_Listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-        if (socket < 0) {
-            if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
-                pollfd wait{m_Wake[0], POLLIN, 0};
-                ::poll(&wait, 1, kPauseMilliseconds);
-            }
-            continue;
-        }
+void Acceptor::acceptOne() {
+    int const socket = ::accept4(m_Listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (socket < 0) {
+        m_PausesUntil = isShortage(errno) ? Clock::now() + kPause : Clock::time_point();
+        return;
+    }
+    {
         std::lock_guard<std::mutex> const lock(m_Mutex);
+        m_Open.insert(socket);
         if (m_Stopping) {
             ::shutdown(socket, SHUT_RD);
         }
-        try {
-            m_Serving[socket] = std::thread([this, socket] { serveOne(socket); });
-        } catch (std::system_error const&) {
-            // The system has no thread to give: this client is dropped, the next may be served.
-            m_Serving.erase(socket);
-            ::close(socket);
-        }
+    }
+    Client client{socket, m_Admit(), Clock::now() + m_Silence};
+    std::uint64_t const number = ++m_Accepted;
+    if (hasInput(socket) || !watch(socket, number)) {
+        serve(std::move(client));
+    } else {
+        m_Waiting.emplace(number, std::move(client));
     }
 }
 
-void Acceptor::serveOne(int socket) {
+/// False when the system has no room for it.
+bool Acceptor::watch(int socket, std::uint64_t number) {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.u64 = number;
+    return ::epoll_ctl(m_Watch, EPOLL_CTL_ADD, socket, &event) == 0;
+}
+
+void Acceptor::serveSpeaking() {
+    std::array<epoll_event, kMaxEvents> events;
+    int const count = ::epoll_wait(m_Watch, events.data(), static_cast<int>(events.size()), 0);
+    for (int i = 0; i < count; ++i) {
+        auto const speaking = m_Waiting.find(events[static_cast<std::size_t>(i)].data.u64);
+        ::epoll_ctl(m_Watch, EPOLL_CTL_DEL, speaking->second.m_Socket, nullptr);
+        serve(std::move(speaking->second));
+        m_Waiting.erase(speaking);
+    }
+}
+
+/// Ends the incoming direction of clients that were silent for too long; serveSpeaking() finds them then.
+void Acceptor::serveSilent() {
+    Clock::time_point const now = Clock::now();
+    for (auto each = m_Waiting.begin(); each != m_Waiting.end() && each->second.m_SilentUntil <= now; ++each) {
+        ::shutdown(each->second.m_Socket, SHUT_RD);
+    }
+}
+
+void Acceptor::serve(Client client) {
+    int const socket = client.m_Socket;
+    if (!m_Servers.run([this, client = std::move(client)] { serveOne(client); })) {
+        // The system has no thread to give: this client is dropped, the next may be served.
+        closeSocket(socket);
+    }
+}
+
+void Acceptor::serveOne(Client const& client) {
     try {
-        m_Serve(socket);
+        client.m_Serve(client.m_Socket);
     } catch (std::exception const& failure) {
         std::cerr << "a connection to port " + std::to_string(m_Port) + " was dropped: " + failure.what() + "\n";
     }
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    auto const self = m_Serving.find(socket);
-    m_Finished.push_back(std::move(self->second));
-    m_Serving.erase(self);
-    ::close(socket);
-    m_Ended.notify_all();
+    closeSocket(client.m_Socket);
 }
 
-void Acceptor::joinFinished() {
-    std::vector<std::thread> finished;
-    {
-        std::lock_guard<std::mutex> const lock(m_Mutex);
-        finished.swap(m_Finished);
-    }
-    for (std::thread& thread : finished) {
-        thread.join();
-    }
+void Acceptor::closeSocket(int socket) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    m_Open.erase(socket);
+    ::close(socket);
+    m_Ended.notify_all();
 }
 
 }  // namespace sandbox

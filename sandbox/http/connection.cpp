@@ -20,7 +20,6 @@ namespace sandbox {
 
 namespace {
 
-constexpr std::chrono::seconds kIoTimeout(10);
 constexpr std::chrono::seconds kClosingTimeout(1);
 constexpr std::size_t kMaxRest = std::size_t{1024} * 1024;
 
@@ -51,8 +50,9 @@ short wantedEvent(SSL const* tls, int result, short event) {
 
 }  // namespace
 
-Connection::Connection(int socket, SSL_CTX* tls, EndSignal const& ending, Clock::duration timeout)
-    : m_Socket(socket), m_Ending(ending), m_RequestTimeout(timeout), m_RequestBy(Clock::now() + timeout) {
+Connection::Connection(int socket, SSL_CTX* tls, EndSignal const& ending, Clock::duration timeout,
+                       Clock::time_point accepted)
+    : m_Socket(socket), m_Ending(ending), m_RequestTimeout(timeout), m_RequestBy(accepted + timeout) {
     int const yes = 1;
     // Head and body are written apart; they must not wait for each other's acknowledgement.
     ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
@@ -89,7 +89,10 @@ bool Connection::open() {
     if (m_Open) {
         return true;
     }
-    m_Open = m_Tls && SSL_set_fd(m_Tls.get(), m_Socket) == 1 &&
+    char first = '\0';
+    // To a client that was silent to its end, which may be the work of the acceptor, TLS would send an alert.
+    bool const silent = ::recv(m_Socket, &first, 1, MSG_PEEK) == 0;
+    m_Open = !silent && m_Tls && SSL_set_fd(m_Tls.get(), m_Socket) == 1 &&
              persist(POLLIN, [this] { return SSL_accept(m_Tls.get()); }) == 1;
     return m_Open;
 }

@@ -19,9 +19,13 @@ class Connection {
 public:
     using Clock = EndSignal::Clock;
 
+    /// How long one read or write waits.
+    static constexpr std::chrono::seconds kIoTimeout{10};
+
     /// Borrows `socket`, which does not block and is to be closed after this. `tls` is borrowed and null for a plain
-    /// connection. `ending` is borrowed; it ends pauses.
-    Connection(int socket, SSL_CTX* tls, EndSignal const& ending, Clock::duration timeout);
+    /// connection. `ending` is borrowed; it ends pauses. The request timeout, `timeout`, counts from `accepted`.
+    Connection(int socket, SSL_CTX* tls, EndSignal const& ending, Clock::duration timeout,
+               Clock::time_point accepted = Clock::now());
 
     /// Ends the connection so that everything written arrives.
     ~Connection();

@@ -1,6 +1,6 @@
 #include "sandbox/http/listener.h"
 
-#include <optional>
+#include <algorithm>
 #include <utility>
 
 #include "sandbox/http/connection.h"
@@ -33,8 +33,10 @@ std::string Listener::baseUrl() const {
 
 void Listener::start(Handler handler) {
     SigpipeDispositionKept const kept;
+    // Without TLS the HTTP library waits once more for a first line that did not come.
+    auto const silence = Connection::kIoTimeout * (m_Tls != nullptr ? 1 : 2);
     m_Server = std::make_unique<RequestServer>(std::move(handler), baseUrl());
-    m_Acceptor.start([this](int socket) { serve(socket); });
+    m_Acceptor.start([this] { return admit(); }, std::min<Acceptor::Clock::duration>(silence, m_RequestTimeout));
 }
 
 void Listener::refuseUntil(Acceptor::Clock::time_point moment) {
@@ -49,12 +51,19 @@ void Listener::stop() {
     m_Acceptor.stop();
 }
 
-void Listener::serve(int socket) {
-    std::optional<Fault> const fault =
-        m_Faults != nullptr ? m_Faults->takeForConnection(m_Tls != nullptr) : std::nullopt;
+/// Takes the fault of the connection, which happens to the next one that is accepted, also when its client stays
+/// silent.
+Acceptor::Serve Listener::admit() {
+    auto fault = m_Faults != nullptr ? m_Faults->takeForConnection(m_Tls != nullptr) : std::nullopt;
+    return [this, accepted = Acceptor::Clock::now(), fault = std::move(fault)](int socket) {
+        serve(socket, accepted, fault);
+    };
+}
+
+void Listener::serve(int socket, Acceptor::Clock::time_point accepted, std::optional<Fault> const& fault) {
     bool const aborts = fault && fault->m_Kind == FaultKind::kTlsAbort;
     SSL_CTX* const tls = m_Tls != nullptr && !aborts ? m_Tls->context(fault) : nullptr;
-    Connection connection(socket, tls, m_Acceptor.ending(), m_RequestTimeout);
+    Connection connection(socket, tls, m_Acceptor.ending(), m_RequestTimeout, accepted);
     if (aborts) {
         char hello[1];
         connection.read(hello, sizeof hello);

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "sandbox/faults/faultregistry.h"
@@ -50,7 +51,8 @@ public:
     void stop();
 
 private:
-    void serve(int socket);
+    Acceptor::Serve admit();
+    void serve(int socket, Acceptor::Clock::time_point accepted, std::optional<Fault> const& fault);
 
     std::string m_Name;        ///< Of the host, in the base URL.
     TlsIdentity const* m_Tls;  ///< Borrowed; null for plain HTTP.

@@ -5,6 +5,7 @@
 // reset, because a mere end would make a cut response look complete.
 #include "sandbox/proxy/proxy.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <exception>
 #include <optional>
@@ -240,7 +241,8 @@ std::string Proxy::baseUrl() const {
 }
 
 void Proxy::start() {
-    m_Acceptor.start([this](int socket) { serve(socket); });
+    m_Acceptor.start([this] { return [this, accepted = Clock::now()](int socket) { serve(socket, accepted); }; },
+                     std::min<Clock::duration>(Connection::kIoTimeout, m_Timeouts.m_Request));
 }
 
 void Proxy::refuseUntil(Acceptor::Clock::time_point moment) {
@@ -251,8 +253,8 @@ void Proxy::stop() {
     m_Acceptor.stop();
 }
 
-void Proxy::serve(int socket) {
-    Connection connection(socket, nullptr, m_Acceptor.ending(), m_Timeouts.m_Request);
+void Proxy::serve(int socket, Acceptor::Clock::time_point accepted) {
+    Connection connection(socket, nullptr, m_Acceptor.ending(), m_Timeouts.m_Request, accepted);
     ProxySession(m_Services, connection, m_Timeouts.m_Response, m_Acceptor.ending()).serve();
 }
 

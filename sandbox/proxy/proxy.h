@@ -42,7 +42,7 @@ public:
     void stop();
 
 private:
-    void serve(int socket);
+    void serve(int socket, Acceptor::Clock::time_point accepted);
 
     Services const& m_Services;  ///< Borrowed.
     Timeouts m_Timeouts;

@@ -556,6 +556,14 @@ TEST_F(FaultyHandshake, IsWrongInOneWayOnly) {
     EXPECT_EQ(verifyResult(""), X509_V_OK);
 }
 
+TEST_F(FaultyHandshake, IsThatOfTheFirstConnectionEvenWhenItsClientIsSilent) {
+    m_Service->arm(parseFault("tls-abort"));
+    RawConnection const silent(m_Service->tlsPort());
+    EXPECT_EQ(verifyResult(""), X509_V_OK);
+    EXPECT_TRUE(m_Service->faults().empty());
+    EXPECT_THROW(exchangeTls(silent.get(), merchantGet("/"), m_Service->authorityFile()), std::runtime_error);
+}
+
 TEST_F(FaultyHandshake, IsNoConcernOfPlainConnections) {
     m_Service->arm(parseFault("tls-abort"));
     EXPECT_EQ(get("/").m_Status, 200);

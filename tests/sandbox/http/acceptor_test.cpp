@@ -1,30 +1,39 @@
-// The acceptor and the connections it serves, over loopback sockets. It accepts, refuses and accepts again, serves
-// hundreds at once, and stops under load. The last part tests how a pause in a connection ends. Clients are threads of
-// the test.
+// The acceptor and the connections it serves, over loopback sockets. It accepts, refuses and accepts again, keeps
+// thousands of silent clients without a thread, serves hundreds at once, and stops under load. The last part tests how
+// a pause in a connection ends. Clients are threads of the test.
 #include "sandbox/http/acceptor.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
+#include <filesystem>
 #include <future>
+#include <iterator>
 #include <memory>
+#include <mutex>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "sandbox/http/connection.h"
+#include "tests/sandbox/support/descriptorlimit.h"
 #include "tests/sandbox/support/rawclient.h"
+#include "tests/support/waiting.h"
 
 /// The port under the service: which connections are accepted or refused, and how it stops.
 namespace {
 
 using sandbox::Acceptor;
 using sandbox::Connection;
+using sandboxtest::DescriptorLimit;
 using sandboxtest::RawConnection;
 using Clock = Acceptor::Clock;
 
@@ -39,6 +48,11 @@ void echo(int socket) {
          count = connection.read(piece, sizeof piece)) {
         connection.write(piece, static_cast<std::size_t>(count));
     }
+}
+
+/// Starts with the same server for all connections.
+void start(Acceptor& acceptor, Acceptor::Serve const& serve, Clock::duration silence = kTimeout) {
+    acceptor.start([serve] { return serve; }, silence);
 }
 
 /// Whether `connection` is answered.
@@ -65,7 +79,7 @@ TEST(Acceptor, TakesAFreePortOrTheOneThatIsAskedFor) {
     std::uint16_t port = 0;
     {
         Acceptor acceptor(0);
-        acceptor.start(&echo);
+        start(acceptor, &echo);
         port = acceptor.port();
         EXPECT_NE(port, 0);
         EXPECT_TRUE(isServed(acceptor));
@@ -73,14 +87,14 @@ TEST(Acceptor, TakesAFreePortOrTheOneThatIsAskedFor) {
     }
     EXPECT_TRUE(isRefused(port));
     Acceptor again(port);
-    again.start(&echo);
+    start(again, &echo);
     EXPECT_TRUE(isServed(again));
 }
 
 TEST(Acceptor, KeepsConnectionsWaitingUntilItStarts) {
     Acceptor acceptor(0);
     RawConnection const early(acceptor.port());
-    acceptor.start(&echo);
+    start(acceptor, &echo);
     EXPECT_TRUE(isServed(early));
 }
 
@@ -91,7 +105,7 @@ TEST(Acceptor, NeedsNoStart) {
 
 TEST(Acceptor, RefusesAndAcceptsAgainOnTheSamePort) {
     Acceptor acceptor(0);
-    acceptor.start(&echo);
+    start(acceptor, &echo);
     for (int round = 0; round < 20; ++round) {
         EXPECT_TRUE(isServed(acceptor)) << round;
         acceptor.refuseUntil(Clock::time_point::max());
@@ -107,7 +121,7 @@ TEST(Acceptor, RefusesBeforeItStarts) {
     Acceptor acceptor(0);
     acceptor.refuseUntil(Clock::time_point::max());
     EXPECT_TRUE(isRefused(acceptor.port()));
-    acceptor.start(&echo);
+    start(acceptor, &echo);
     EXPECT_TRUE(isRefused(acceptor.port()));
     acceptor.refuseUntil({});
     EXPECT_TRUE(isServed(acceptor));
@@ -115,7 +129,7 @@ TEST(Acceptor, RefusesBeforeItStarts) {
 
 TEST(Acceptor, KeepsConnectionsWhileItRefusesOthers) {
     Acceptor acceptor(0);
-    acceptor.start(&echo);
+    start(acceptor, &echo);
     RawConnection const connection(acceptor.port());
     EXPECT_TRUE(isServed(connection));
     acceptor.refuseUntil(Clock::time_point::max());
@@ -126,7 +140,7 @@ TEST(Acceptor, KeepsConnectionsWhileItRefusesOthers) {
 
 TEST(Acceptor, AcceptsAgainByItselfWhenTheTimeHasCome) {
     Acceptor acceptor(0);
-    acceptor.start(&echo);
+    start(acceptor, &echo);
     Clock::time_point const end = Clock::now() + std::chrono::milliseconds(200);
     acceptor.refuseUntil(end);
     while (isRefused(acceptor.port())) {
@@ -139,7 +153,7 @@ TEST(Acceptor, AcceptsAgainByItselfWhenTheTimeHasCome) {
 
 TEST(Acceptor, StopsWhileItRefuses) {
     Acceptor acceptor(0);
-    acceptor.start(&echo);
+    start(acceptor, &echo);
     acceptor.refuseUntil(Clock::time_point::max());
     auto const begin = Clock::now();
     acceptor.stop();
@@ -150,33 +164,151 @@ TEST(Acceptor, StopsWhileItRefuses) {
     acceptor.stop();
 }
 
-/// More connections than threads; the rest waits in the listen queue.
-std::vector<std::unique_ptr<RawConnection>> connectHundreds(Acceptor const& acceptor) {
-    constexpr std::size_t kMany = 300;
-    std::vector<std::unique_ptr<RawConnection>> connections;
-    for (std::size_t number = 0; number < kMany; ++number) {
+using Connections = std::vector<std::unique_ptr<RawConnection>>;
+
+Connections connect(Acceptor const& acceptor, std::size_t count) {
+    Connections connections;
+    while (connections.size() < count) {
         connections.push_back(std::make_unique<RawConnection>(acceptor.port()));
     }
     return connections;
 }
 
-TEST(Acceptor, ServesHundredsAtOnce) {
+std::ptrdiff_t countThreads() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+}
+
+TEST(Acceptor, KeepsThousandsOfSilentClientsWithoutThreads) {
+    constexpr std::size_t kMany = 2000;
+    DescriptorLimit const limit;
+    ASSERT_TRUE(limit.set(2 * kMany + 200));
     Acceptor acceptor(0);
-    acceptor.start(&echo);
-    std::vector<std::unique_ptr<RawConnection>> connections = connectHundreds(acceptor);
-    for (std::unique_ptr<RawConnection>& connection : connections) {
-        EXPECT_TRUE(isServed(*connection));
-        connection.reset();
+    std::ptrdiff_t const before = countThreads();
+    start(acceptor, &echo);
+    Connections const silent = connect(acceptor, kMany);
+    for (int round = 0; round < 20; ++round) {
+        EXPECT_TRUE(isServed(acceptor)) << round;
+    }
+    // One that accepts; a connection may come while the thread of the one before it is not idle yet.
+    EXPECT_LE(countThreads() - before, 5);
+    for (std::unique_ptr<RawConnection> const& connection : silent) {
+        ASSERT_TRUE(isServed(*connection));
+        ::shutdown(connection->get(), SHUT_WR);
     }
 }
 
-TEST(Acceptor, StopsWithHundredsAtOnce) {
+TEST(Acceptor, ServesHundredsAtOnce) {
     Acceptor acceptor(0);
-    acceptor.start(&echo);
-    std::vector<std::unique_ptr<RawConnection>> const connections = connectHundreds(acceptor);
+    start(acceptor, &echo);
+    Connections const slow = connect(acceptor, 300);
+    for (int round = 0; round < 3; ++round) {
+        for (std::unique_ptr<RawConnection> const& connection : slow) {
+            ASSERT_TRUE(isServed(*connection)) << round;
+        }
+        EXPECT_TRUE(isServed(acceptor)) << "beside those that go on sending, round " << round;
+    }
+}
+
+TEST(Acceptor, EndsTheDirectionOfClientsThatStaySilent) {
+    constexpr std::chrono::milliseconds kSilence{100};
+    Acceptor acceptor(0);
+    auto const greet = [](int socket) {
+        char piece[1];
+        EXPECT_EQ(::recv(socket, piece, sizeof piece, 0), 0);
+        EXPECT_EQ(::send(socket, "late", 4, MSG_NOSIGNAL), 4);
+    };
+    start(acceptor, greet, kSilence);
+    auto const begin = Clock::now();
+    Connections const silent = connect(acceptor, 10);
+    for (std::unique_ptr<RawConnection> const& connection : silent) {
+        EXPECT_EQ(connection->readToEnd(), "late");
+    }
+    EXPECT_GE(Clock::now() - begin, kSilence);
+}
+
+TEST(Acceptor, ServesClientsThatCloseWithoutAByte) {
+    Acceptor acceptor(0);
+    std::promise<ssize_t> end;
+    start(acceptor, [&](int socket) {
+        char piece[1];
+        end.set_value(::recv(socket, piece, sizeof piece, 0));
+    });
+    { RawConnection const gone(acceptor.port()); }
+    std::future<ssize_t> read = end.get_future();
+    ASSERT_EQ(read.wait_for(kTimeout), std::future_status::ready);
+    EXPECT_EQ(read.get(), 0);
+}
+
+TEST(Acceptor, AdmitsConnectionsBeforeTheirClientsSend) {
+    Acceptor acceptor(0);
+    std::promise<void> admitted;
+    acceptor.start(
+        [&]() -> Acceptor::Serve {
+            admitted.set_value();
+            return &echo;
+        },
+        kTimeout);
+    RawConnection const connection(acceptor.port());
+    EXPECT_EQ(admitted.get_future().wait_for(kTimeout), std::future_status::ready);
+    EXPECT_TRUE(isServed(connection));
+}
+
+TEST(Acceptor, ReusesThreads) {
+    Acceptor acceptor(0);
+    std::mutex mutex;
+    std::set<pid_t> threads;
+    start(acceptor, [&](int socket) {
+        {
+            std::lock_guard<std::mutex> const lock(mutex);
+            threads.insert(kvxtest::idOfThisThread());
+        }
+        echo(socket);
+    });
+    for (int round = 0; round < 100; ++round) {
+        EXPECT_TRUE(isServed(acceptor));
+    }
+    acceptor.stop();
+    // A connection may come while the thread of the one before it is not idle yet.
+    EXPECT_LE(threads.size(), 10u);
+}
+
+TEST(Acceptor, PausesWithoutDescriptors) {
+    constexpr std::chrono::milliseconds kWatched{300};
+    Acceptor acceptor(0);
+    start(acceptor, &echo);
+    EXPECT_TRUE(isServed(acceptor));
+    RawConnection const open(acceptor.port());
+    EXPECT_TRUE(isServed(open));
+    DescriptorLimit const limit;
+    int const next = ::dup(open.get());
+    ::close(next);
+    // The next client takes the last descriptor, so none is left for the other end of its connection.
+    ASSERT_TRUE(limit.set(static_cast<rlim_t>(next) + 1));
+    RawConnection const waiting(acceptor.port());
+    timeval const timeout{0, std::chrono::microseconds(kWatched).count()};
+    ::setsockopt(waiting.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    std::clock_t const before = std::clock();
+    EXPECT_FALSE(isServed(waiting));
+    EXPECT_LT(std::chrono::duration<double>(static_cast<double>(std::clock() - before) / CLOCKS_PER_SEC), kWatched / 3)
+        << "it tries again all the time";
+    EXPECT_TRUE(isServed(open));
+    ASSERT_TRUE(limit.set(static_cast<rlim_t>(next) + 100));
+    timeval const longer{kTimeout.count(), 0};
+    ::setsockopt(waiting.get(), SOL_SOCKET, SO_RCVTIMEO, &longer, sizeof longer);
+    EXPECT_TRUE(isServed(waiting));
+}
+
+TEST(Acceptor, StopsPromptlyWithHundredsOfSilentClients) {
+    Acceptor acceptor(0);
+    start(acceptor, &echo);
+    Connections const silent = connect(acceptor, 500);
+    EXPECT_TRUE(isServed(acceptor)) << "and so all before it are accepted";
     auto const begin = Clock::now();
     acceptor.stop();
-    EXPECT_LT(Clock::now() - begin, 2 * kTimeout);
+    EXPECT_LT(Clock::now() - begin, std::chrono::seconds(4)) << "those that do not end are cut after five seconds";
+    for (std::unique_ptr<RawConnection> const& connection : silent) {
+        ASSERT_EQ(connection->readToEnd(), "");
+    }
     EXPECT_TRUE(isRefused(acceptor.port()));
 }
 
@@ -184,7 +316,7 @@ TEST(Acceptor, StopsUnderLoad) {
     constexpr int kClients = 4;
     for (int round = 0; round < 5; ++round) {
         Acceptor acceptor(0);
-        acceptor.start(&echo);
+        start(acceptor, &echo);
         std::atomic<int> served{0};
         std::vector<std::thread> clients;
         for (int number = 0; number < kClients; ++number) {
@@ -214,14 +346,16 @@ TEST(Acceptor, StopsUnderLoad) {
 TEST(Acceptor, LetsWhatIsServedFinish) {
     Acceptor acceptor(0);
     std::promise<void> reading;
-    acceptor.start([&](int socket) {
+    start(acceptor, [&](int socket) {
         Connection connection(socket, nullptr, acceptor.ending(), kTimeout);
         char piece[1];
+        EXPECT_EQ(connection.read(piece, sizeof piece), 1);
         reading.set_value();
         EXPECT_EQ(connection.read(piece, sizeof piece), 0) << "stopping ends the incoming direction";
         EXPECT_TRUE(connection.write("bye", 3));
     });
     RawConnection const connection(acceptor.port());
+    connection.send("x");
     ASSERT_EQ(reading.get_future().wait_for(kTimeout), std::future_status::ready);
     acceptor.stop();
     EXPECT_EQ(connection.readToEnd(), "bye");
@@ -230,7 +364,7 @@ TEST(Acceptor, LetsWhatIsServedFinish) {
 TEST(Acceptor, CutsWhatDoesNotFinish) {
     Acceptor acceptor(0);
     std::promise<void> writing;
-    acceptor.start([&](int socket) {
+    start(acceptor, [&](int socket) {
         Connection connection(socket, nullptr, acceptor.ending(), kTimeout);
         std::string const piece(1024 * 1024, 'x');
         writing.set_value();
@@ -238,6 +372,7 @@ TEST(Acceptor, CutsWhatDoesNotFinish) {
         }
     });
     RawConnection const connection(acceptor.port());
+    connection.send("x");
     ASSERT_EQ(writing.get_future().wait_for(kTimeout), std::future_status::ready);
     // A client that reads slowly, so that no single write waits for long.
     std::atomic<bool> stopped{false};
@@ -258,13 +393,14 @@ bool endsEarly(void (Connection::*pause)(double) const, Leave leave) {
     Acceptor acceptor(0);
     std::promise<void> pausing;
     std::promise<void> over;
-    acceptor.start([&](int socket) {
+    start(acceptor, [&](int socket) {
         Connection const connection(socket, nullptr, acceptor.ending(), kTimeout);
         pausing.set_value();
         (connection.*pause)(3600);
         over.set_value();
     });
     RawConnection const connection(acceptor.port());
+    connection.send("x");
     EXPECT_EQ(pausing.get_future().wait_for(kTimeout), std::future_status::ready);
     leave(acceptor, connection);
     return over.get_future().wait_for(kTimeout) == std::future_status::ready;
@@ -289,7 +425,7 @@ TEST(Connection, PausesUntilTheOtherSideLeaves) {
 
 TEST(Connection, PausesForWhoWaitsForAnAnswerAndSaysNothingMore) {
     Acceptor acceptor(0);
-    acceptor.start([&](int socket) {
+    start(acceptor, [&](int socket) {
         Connection connection(socket, nullptr, acceptor.ending(), kTimeout);
         char piece[1];
         EXPECT_EQ(connection.read(piece, sizeof piece), 0);
@@ -306,7 +442,7 @@ TEST(Connection, PausesForWhoWaitsForAnAnswerAndSaysNothingMore) {
 TEST(Connection, DoesNotPauseForEverForWhoMayHaveGone) {
     Acceptor acceptor(0);
     std::promise<void> over;
-    acceptor.start([&](int socket) {
+    start(acceptor, [&](int socket) {
         Connection const connection(socket, nullptr, acceptor.ending(), std::chrono::milliseconds(50));
         connection.pause(3600);
         over.set_value();
@@ -315,10 +451,29 @@ TEST(Connection, DoesNotPauseForEverForWhoMayHaveGone) {
     EXPECT_EQ(over.get_future().wait_for(kTimeout), std::future_status::ready);
 }
 
+TEST(Connection, ReadsNoLongerThanTheTimeoutSinceItWasAccepted) {
+    Acceptor acceptor(0);
+    std::promise<void> over;
+    acceptor.start(
+        [&]() -> Acceptor::Serve {
+            return [&, accepted = Clock::now() - kTimeout](int socket) {
+                Connection connection(socket, nullptr, acceptor.ending(), kTimeout, accepted);
+                char piece[1];
+                EXPECT_EQ(connection.read(piece, sizeof piece), 1) << "that is there already";
+                EXPECT_EQ(connection.read(piece, sizeof piece), -1);
+                over.set_value();
+            };
+        },
+        kTimeout);
+    RawConnection const connection(acceptor.port());
+    connection.send("x");
+    EXPECT_EQ(over.get_future().wait_for(Connection::kIoTimeout / 2), std::future_status::ready);
+}
+
 TEST(Connection, GivesUpAClientThatNeverComesToAnEnd) {
     Acceptor acceptor(0);
     std::promise<void> over;
-    acceptor.start([&](int socket) {
+    start(acceptor, [&](int socket) {
         Connection connection(socket, nullptr, acceptor.ending(), std::chrono::milliseconds(200));
         char piece[1];
         while (connection.read(piece, sizeof piece) > 0) {

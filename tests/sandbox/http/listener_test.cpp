@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -134,6 +135,22 @@ TEST_F(WireRequest, DoesNotWaitForConnectionsThatSayNothing) {
     m_Service->stop();
     EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(5));
     EXPECT_EQ(silent.readToEnd(), "");
+}
+
+TEST_F(WireRequest, SendsNothingToConnectionsThatSayNothingForTooLong) {
+    constexpr std::chrono::milliseconds kPatience{200};
+    sandbox::Options impatient = options();
+    impatient.m_RequestTimeout = kPatience;
+    impatient.m_Tls = true;
+    impatient.m_Proxy = true;
+    restart(impatient);
+    for (std::uint16_t const port : {m_Service->plainPort(), m_Service->tlsPort(), m_Service->proxyPort()}) {
+        auto const begin = std::chrono::steady_clock::now();
+        RawConnection const silent(port);
+        EXPECT_EQ(silent.readToEnd(), "");
+        EXPECT_GE(std::chrono::steady_clock::now() - begin, kPatience);
+    }
+    EXPECT_EQ(m_Service->exchanges().size(), 1u) << "the publishing of the key, and nothing else";
 }
 
 TEST_F(WireRequest, RefusesALineThatNeverEnds) {

@@ -1,5 +1,5 @@
 // How many SQL statements a request takes. Every connection to a database that is opened in this process reports the
-// statements it runs, with the thread that runs them: a request has a thread of its own.
+// statements it runs, with the thread that runs them: a request is served by one thread.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
@@ -51,7 +51,12 @@ struct Watch {
 
 class Statements : private Watch, public SandboxTest {
 protected:
-    /// What the thread of the last request ran.
+    static void forget() {
+        std::lock_guard<std::mutex> const lock(s_Mutex);
+        s_Run.clear();
+    }
+
+    /// What the thread of the only request since forget() ran.
     static std::vector<std::string> ofLastRequest() {
         std::lock_guard<std::mutex> const lock(s_Mutex);
         auto const begun = std::find_if(s_Run.rbegin(), s_Run.rend(), [](auto const& run) {
@@ -63,7 +68,6 @@ protected:
                 found.push_back(subjectOf(sql));
             }
         }
-        s_Run.clear();
         return found;
     }
 
@@ -82,6 +86,7 @@ protected:
 };
 
 TEST_F(Statements, OfAFreshPageAreAHandful) {
+    forget();
     openPage(m_Merchant.payInit("t1"));
     EXPECT_THAT(ofLastRequest(), ElementsAre("SELECT merchant_keys", "INSERT begun_exchanges", "BEGIN",
                                              "INSERT payments", "INSERT history", "COMMIT", "BEGIN", "INSERT exchanges",
@@ -89,14 +94,18 @@ TEST_F(Statements, OfAFreshPageAreAHandful) {
 }
 
 TEST_F(Statements, OfADecisionAreAHandful) {
-    press(openPage(m_Merchant.payInit("t1")), "pay");
+    RawResponse const page = openPage(m_Merchant.payInit("t1"));
+    forget();
+    press(page, "pay");
     EXPECT_THAT(ofLastRequest(), ElementsAre("SELECT payments", "INSERT begun_exchanges", "BEGIN", "UPDATE payments",
                                              "INSERT history", "DELETE due_moves", "COMMIT", "BEGIN",
                                              "INSERT exchanges", "DELETE begun_exchanges", "COMMIT"));
 }
 
 TEST_F(Statements, OfACaptureAreAHandful) {
-    askCapture(authorise("t1"));
+    std::string const confirm = authorise("t1");
+    forget();
+    askCapture(confirm);
     EXPECT_THAT(ofLastRequest(),
                 ElementsAre("SELECT merchant_keys", "SELECT payments", "INSERT begun_exchanges", "SELECT due_moves",
                             "SELECT capture_refusals", "BEGIN", "UPDATE payments", "INSERT history", "DELETE due_moves",
@@ -105,10 +114,7 @@ TEST_F(Statements, OfACaptureAreAHandful) {
 
 TEST_F(Statements, OfAListDoNotGrowWithTheStore) {
     auto const count = [this] {
-        {
-            std::lock_guard<std::mutex> const lock(s_Mutex);
-            s_Run.clear();
-        }
+        forget();
         EXPECT_EQ(get("/control/exchanges?limit=2").m_Status, 200);
         EXPECT_EQ(get("/control").m_Status, 200);
         std::lock_guard<std::mutex> const lock(s_Mutex);
