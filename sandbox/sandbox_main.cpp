@@ -2,6 +2,7 @@
 // Both signals are blocked before the first thread starts and taken with sigwait() alone. Exit status 2 means a wrong
 // command line, 1 a service that cannot start.
 #include <pthread.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -150,6 +151,16 @@ void completeListenAddress(sandbox::Options& options) {
     }
 }
 
+/// Every connection takes a descriptor, and the usual limit is 1024. That of the system is far above it. Without
+/// success the service has room for fewer connections.
+void allowManyDescriptors() {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+        limit.rlim_cur = limit.rlim_max;
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
 /// Runs until SIGINT or SIGTERM. A second one ends the process at once, which loses nothing that a client received.
 void serve(Arguments const& arguments) {
     sigset_t endings;
@@ -158,6 +169,7 @@ void serve(Arguments const& arguments) {
     sigaddset(&endings, SIGTERM);
     // Blocked before the first thread starts, so that only sigwait() takes them.
     pthread_sigmask(SIG_BLOCK, &endings, nullptr);
+    allowManyDescriptors();
     sandbox::Service service(arguments.m_Options);
     service.start();
     std::cout << readyLine(service, arguments) << std::endl;

@@ -11,14 +11,17 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "tests/sandbox/support/descriptorlimit.h"
 #include "tests/sandbox/support/sandboxfixture.h"
 
 /// The program around the service, run as a process.
@@ -122,6 +125,25 @@ TEST(SandboxProgram, ReportsItsVersion) {
     Program program({"--version"});
     EXPECT_THAT(program.line(), StartsWith("tallowin-sandbox 1."));
     EXPECT_EQ(program.status(), 0);
+}
+
+TEST(SandboxProgram, HasRoomForMoreConnectionsThanItsFirstLimitOfDescriptors) {
+    constexpr std::size_t kFirstLimit = 100;
+    TemporaryDirectory const directory;
+    std::unique_ptr<Program> program;
+    {
+        DescriptorLimit const limit;
+        ASSERT_TRUE(limit.set(kFirstLimit));
+        program = std::make_unique<Program>(std::vector<std::string>{"--data", directory.path(), "--json"});
+    }
+    std::uint16_t const port = nlohmann::json::parse(program->line()).at("port");
+    std::vector<std::unique_ptr<RawConnection>> silent;
+    while (silent.size() < 3 * kFirstLimit) {
+        silent.push_back(std::make_unique<RawConnection>(port));
+    }
+    EXPECT_EQ(parseResponse(exchangeRaw(port, merchantGet("/"))).m_Status, 200);
+    program->signal(SIGTERM);
+    EXPECT_EQ(program->status(), 0);
 }
 
 TEST(SandboxProgram, EndsAtOnceOnASecondSignal) {
