@@ -178,7 +178,7 @@ std::ptrdiff_t countThreads() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
 }
 
-TEST(Acceptor, KeepsThousandsOfSilentClientsWithoutThreads) {
+TEST(Acceptor, WatchesThousandsOfSilentClientsWithoutThreads) {
     constexpr std::size_t kMany = 2000;
     DescriptorLimit const limit;
     ASSERT_TRUE(limit.set(2 * kMany + 200));

@@ -64,7 +64,7 @@ TEST(ThreadPool, StopsWhenAllTasksAreDone) {
     EXPECT_TRUE(kvxtest::waitUntil([before] { return countThreads() == before; }));
 }
 
-TEST(ThreadPool, KeepsSomeThreadsForAWhile) {
+TEST(ThreadPool, HasSomeThreadsForAWhile) {
     std::ptrdiff_t const before = countThreads();
     ThreadPool pool(std::chrono::hours(1));
     EXPECT_TRUE(runTogether(pool));
