@@ -97,7 +97,7 @@ void OrderLedger::wake() {
     inTransaction([&] {
         if (m_Options.canAsk() || m_Options.m_CaptureIdempotent) {
             constexpr std::int64_t kAny = std::numeric_limits<std::int64_t>::max();
-            store().wakeDoubtful(now(), m_Options.canAsk() ? kAny : m_Options.m_MaxRefusals);
+            store().wakeDoubtful(now(), m_Options.canAsk() ? kAny : m_Options.m_MaxRefusals, m_Options.m_MaxRefusals);
         }
         if (m_Options.m_Capture) {
             store().wakeAuthorised(now());

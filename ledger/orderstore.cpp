@@ -290,11 +290,11 @@ std::optional<AttemptRow> Store::dueAttempt(Time now, Time horizon, Time grace) 
     return rows.empty() ? std::nullopt : std::optional<AttemptRow>(attemptIn(rows[0]));
 }
 
-void Store::wakeDoubtful(Time now, std::int64_t refusals) {
+void Store::wakeDoubtful(Time now, std::int64_t captures, std::int64_t completions) {
     static constexpr char kSql[] =
-        "UPDATE attempts SET due_at = $1 WHERE state IN ('unknown', 'completion_unknown') AND due_at IS NULL"
-        " AND refusals < $2";
-    m_Database->run(kSql, {now, refusals});
+        "UPDATE attempts SET due_at = $1 WHERE due_at IS NULL"
+        " AND ((state = 'unknown' AND refusals < $2) OR (state = 'completion_unknown' AND refusals < $3))";
+    m_Database->run(kSql, {now, captures, completions});
 }
 
 void Store::wakeAuthorised(Time now) {

@@ -146,9 +146,9 @@ public:
     /// that has been set back since, and is due now; a waiting one only when that is later than its expiry and `grace`.
     std::optional<AttemptRow> dueAttempt(Time now, Time horizon, Time grace);
 
-    /// Makes the attempts due whose outcome is in doubt and that were left for a person, but not those that the service
-    /// has refused `refusals` times or more.
-    void wakeDoubtful(Time now, std::int64_t refusals);
+    /// Makes the attempts due whose outcome is in doubt and that were left for a person, but not those of which the
+    /// service has refused so many captures or completions in a row.
+    void wakeDoubtful(Time now, std::int64_t captures, std::int64_t completions);
 
     /// Makes the attempts due that are authorised and that were not to be captured.
     void wakeAuthorised(Time now);

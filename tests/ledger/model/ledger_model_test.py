@@ -62,7 +62,6 @@ class Sequence:
         self.options = options_of(self.chance)
         self.now = self.started = int(time.time() * 1000)
         self.ledger = self.open()
-        self.is_new = True  # the handle has not worked yet
         self.models = [Model(self.options, self.now)]
         self.numbers = [f"{seed}-{index}" for index in range(self.chance.choice((1, 1, 2, 3)))]
         self.urls = {}      # the URL of each attempt
@@ -175,10 +174,6 @@ class Sequence:
         self.word = self.chance.choice(self.words)
         self.foreign = self.chance.choice(FOREIGN)
         before = len(self.service.requests)
-        if kill or self.is_new:
-            for model in self.models:
-                model.wake()
-        self.is_new = False
         done = self.run_and_kill() if kill else self.ledger.run(1)
         requests = [(request["MSGTYPE"], request["TOKEN"]) for request in self.service.requests[before:]]
         self.log.append(f"  {done} done, requests {requests}, answered by {self.answer}, {self.word}")
@@ -227,7 +222,6 @@ class Sequence:
         _, status = os.waitpid(self.victim, 0)
         self.victim = None
         self.ledger = self.open()
-        self.is_new = True
         os.close(reading)
         os.close(writing)
         if os.WIFSIGNALED(status):
@@ -263,7 +257,6 @@ class Sequence:
     def event_reopen(self):
         self.ledger.close()
         self.ledger = self.open()
-        self.is_new = True
 
     # What both hold
 

@@ -403,13 +403,6 @@ class Model:
             self.ask_later(attempt)
             attempt.due = None
 
-    def wake(self):
-        """A new handle asks once more about what was left to a person."""
-        for order in self.orders.values():
-            for attempt in order.attempts:
-                if attempt.state in ("unknown", "completion_unknown") and attempt.due is None and self.asks():
-                    attempt.due = self.now
-
     # A person
 
     def resolve(self, number, state):
