@@ -1,8 +1,10 @@
 // Several processes on one store: killed at every point, racing, forked.
 #include <gtest/gtest.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 
+#include <cstdlib>
 #include <fstream>
 #include <map>
 #include <sstream>
@@ -256,6 +258,40 @@ TEST_F(Processes, RefuseTheHandlesOfTheirParent) {
     EXPECT_EQ(m_Ledger.state(), "authorised") << "the parent's handle goes on";
     EXPECT_EQ(m_Ledger.run(), 1);
     EXPECT_EQ(m_Ledger.state(), "captured");
+}
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kEndsWithoutMemory = true;
+#else
+constexpr bool kEndsWithoutMemory = false;
+#endif
+
+/// Takes all memory that this process may have.
+void takeAllMemory() {
+    rlimit const none{0, 0};
+    ::setrlimit(RLIMIT_AS, &none);
+    ::setrlimit(RLIMIT_DATA, &none);
+    for (std::size_t size = std::size_t{1} << 20U; size != 0; size -= size > 1024 ? size / 2 : 16) {
+        while (static_cast<void*>(std::malloc(size)) != nullptr) {
+        }
+    }
+}
+
+TEST(ThreadWithoutMemory, HasACodeForItsFirstFailure) {
+    if (kEndsWithoutMemory) {
+        GTEST_SKIP() << "an instrumented process ends without memory";
+    }
+    int const status = inChildProcess([] {
+        LedgerHandle const ledger;
+        std::int32_t code = KVX_OK;
+        std::thread([&code] {
+            takeAllMemory();
+            std::int32_t size = 0;
+            code = Ledger_GetState(nullptr, "A-17", &size, nullptr);
+        }).join();
+        return code == KVX_E_OUT_OF_MEMORY || code == KVX_E_BAD_HANDLE ? 0 : 1;
+    });
+    EXPECT_EQ(status, 0);
 }
 
 TEST_F(Processes, OpenNoStoreThatWasOpenWhenTheyWereForked) {
