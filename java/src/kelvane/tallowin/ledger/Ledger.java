@@ -84,8 +84,8 @@ public final class Ledger implements AutoCloseable {
     }
 
     /**
-     * Sets an option of this object. Options are not stored: give every ledger on one store the same ones.
-     * {@code docs/paid-once.md} and the header {@code tallowin/ledger.h} list them.
+     * Sets an option of this object. Options are not stored: give every ledger on one store the same ones. The header
+     * {@code tallowin/ledger.h} lists them.
      *
      * @param name  such as {@code "STATUSTYPE"}
      * @param value the value
