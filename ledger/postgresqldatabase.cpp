@@ -208,7 +208,12 @@ void PostgresqlDatabase::connect() {
         std::to_string((m_BusySeconds + kAnswerSeconds) * kMillisecond) +
         "; SELECT set_config('synchronous_commit', 'on', false)"
         " WHERE current_setting('synchronous_commit') IN ('off', 'local', 'remote_write')";
-    execute(settings.c_str());
+    try {
+        execute(settings.c_str());
+    } catch (Failure const&) {
+        m_Connection.reset();  // without them its statements would find no tables
+        throw;
+    }
 }
 
 /// Makes a new connection, to a server that may be away for a while. Throws Failure.
@@ -279,12 +284,18 @@ auto PostgresqlDatabase::again(Call call) {
 void PostgresqlDatabase::begin(Access access) {
     bool const writes = access == Access::kWrite;
     again([&] {
-        Result const result = execute(writes ? "BEGIN ISOLATION LEVEL SERIALIZABLE; SELECT txid_current()::text"
-                                             : "BEGIN ISOLATION LEVEL REPEATABLE READ, READ ONLY");
-        m_Open = writes ? Open::kWrite : Open::kRead;
-        if (writes) {
-            m_Transaction = libpq().getvalue(result.get(), 0, 0);
+        try {
+            Result const result = execute(writes ? "BEGIN ISOLATION LEVEL SERIALIZABLE; SELECT txid_current()::text"
+                                                 : "BEGIN ISOLATION LEVEL REPEATABLE READ, READ ONLY");
+            if (writes) {
+                m_Transaction = libpq().getvalue(result.get(), 0, 0);
+            }
+        } catch (Failure const&) {
+            m_Open = Open::kRead;  // the first statement may have begun one
+            rollback();
+            throw;
         }
+        m_Open = writes ? Open::kWrite : Open::kRead;
         return true;
     });
 }

@@ -65,7 +65,8 @@ public:
     }
 
     std::atomic<bool> m_LosesCommit{false};
-    std::atomic<int> m_Refusals{0};  ///< Connections to be closed at once from now on.
+    std::atomic<int> m_Refusals{0};              ///< Connections to be closed at once from now on.
+    std::atomic<char const*> m_Spoils{nullptr};  ///< What the server is to misread next; null when it has.
 
 private:
     [[nodiscard]] int connected() const {
@@ -96,7 +97,13 @@ private:
             if (length <= 0 || (!fromClient && isCommit)) {
                 break;  // the server has committed, and nobody hears of it
             }
-            std::string const piece(bytes.data(), static_cast<std::size_t>(length));
+            std::string piece(bytes.data(), static_cast<std::size_t>(length));
+            char const* const spoilt = m_Spoils;
+            std::size_t const place = spoilt == nullptr ? std::string::npos : piece.find(spoilt);
+            if (fromClient && place != std::string::npos) {
+                m_Spoils = nullptr;
+                piece[place] = 'x';
+            }
             if (fromClient && m_LosesCommit && piece.find("COMMIT") != std::string::npos) {
                 m_LosesCommit = false;
                 isCommit = true;
@@ -144,6 +151,25 @@ TEST_F(PostgresqlStore, KnowsACommitWhoseAnswerWasLost) {
     EXPECT_FALSE(between.m_LosesCommit);
     EXPECT_EQ(m_Ledger.history().size(), 2U);
     EXPECT_EQ(outcome("authorised"), "KNOWN_ALREADY");
+}
+
+TEST_F(PostgresqlStore, GoesOnAfterWhatWasBegunInPart) {
+    static_cast<void>(m_Ledger.url());
+    std::string const data = says("authorised");
+    Between between(store());
+    LedgerHandle far;
+    far.option("NOW", std::to_string(m_Start));
+    ASSERT_EQ(far.open(between.address(), account()), KVX_OK) << lastLedgerError();
+    between.m_Spoils = "txid_current";
+    EXPECT_EQ(far.confirm(data, m_Signer.sign(data)).m_Code, KVX_E_LEDGER_STORE) << lastLedgerError();
+    EXPECT_EQ(between.m_Spoils, nullptr);
+    EXPECT_EQ(far.confirm(data, m_Signer.sign(data)).m_Outcome, "PAID_NOW") << lastLedgerError();
+    endConnections();
+    between.m_Spoils = "enable_seqscan";
+    std::int32_t size = 0;
+    EXPECT_EQ(Ledger_GetState(far.get(), "A-17", &size, nullptr), KVX_E_LEDGER_STORE) << "a connection made in part";
+    EXPECT_EQ(between.m_Spoils, nullptr);
+    EXPECT_EQ(far.state(), "authorised");
 }
 
 TEST_F(PostgresqlStore, IsWaitedForWhileItIsAway) {
