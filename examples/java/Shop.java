@@ -263,13 +263,13 @@ public final class Shop {
         return orders;
     }
 
-    /** Captures and completes what is paid, and delivers what turned out to be paid without a confirmation. */
+    /** Delivers what turned out to be paid without a confirmation, then captures and completes what is paid. */
     private void work(Ledger orders) {
         try {
-            orders.runDue(JOBS);
             for (Optional<String> paid; (paid = orders.nextPaid()).isPresent();) {
                 deliver(orders, paid.get());
             }
+            orders.runDue(JOBS); // last: what it throws of a renewal must not hold up deliveries
         } catch (LedgerException | IOException failure) {
             System.err.println("worker: " + failure.getMessage()); // the ledger remembers what is due
         }

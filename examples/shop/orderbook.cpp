@@ -110,10 +110,10 @@ tallowin::Confirmation OrderBook::confirm(char const* messenger, std::string con
 }
 
 void OrderBook::work() {
-    m_Ledger.runDue(kJobs);
     while (auto const number = m_Ledger.nextPaid()) {
         deliver(*number);
     }
+    m_Ledger.runDue(kJobs);  // last: what it throws of a renewal must not hold up deliveries
 }
 
 bool OrderBook::hasKeptSince(std::int64_t milliseconds) {

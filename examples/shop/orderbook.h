@@ -45,7 +45,7 @@ public:
     /// Examines and records a confirmation, and delivers the order when it is paid now. Sends nothing.
     tallowin::Confirmation confirm(char const* messenger, std::string const& data, std::string const& signature);
 
-    /// Captures, completes and asks for what is due, then delivers what turned out to be paid. Network.
+    /// Delivers what turned out to be paid, then captures, completes and asks for what is due. Network.
     void work();
 
     /// Whether a confirmation has been kept since that time because the key that signed it is not here.
