@@ -124,7 +124,11 @@ std::int64_t Statement::numberColumn(int index) const {
 Database::Database(std::string const& path, Access access) : m_Database(openFile(path, access)) {
     sqlite3_busy_timeout(m_Database.get(), 5000);
     if (access == Access::kWrite) {
-        execute("PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA foreign_keys = ON");
+        // Payments write the same pages over and over. Four times the usual pages in the log means that fewer of them
+        // are written to the file as well, and that commits wait for the disk less often.
+        execute(
+            "PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA foreign_keys = ON; "
+            "PRAGMA wal_autocheckpoint = 4000");
     }
 }
 
