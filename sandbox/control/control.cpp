@@ -27,6 +27,7 @@ constexpr Route kRoutes[] = {
     {"GET",    kHealthPath,              getHealth},
     {"GET",    "/control",              getStatus},
     {"GET",    "/control/openapi.json", getOpenApi},
+    {"GET",    "/control/events",       getEvents},
     {"GET",    "/control/export",       exportAll},
     {"GET",    "/control/faults",       getFaults},
     {"POST",   "/control/faults",       armFault},

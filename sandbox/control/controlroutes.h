@@ -13,6 +13,7 @@ namespace sandbox {
 
 HttpResponse getHealth(Services const& services, HttpRequest const& request);
 HttpResponse getOpenApi(Services const& services, HttpRequest const& request);
+HttpResponse getEvents(Services const& services, HttpRequest const& request);
 HttpResponse exportAll(Services const& services, HttpRequest const& request);
 HttpResponse getStatus(Services const& services, HttpRequest const& request);
 HttpResponse getPayments(Services const& services, HttpRequest const& request);

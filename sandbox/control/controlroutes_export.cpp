@@ -23,7 +23,7 @@ constexpr char kOpenApi[] =
     ;
 
 /// The lines of an export, a page of rows at a time.
-class Export {
+class Export : public BodySource {
 public:
     /// Borrows `services`. Throws HttpError.
     Export(Services const& services, Query const& query) : m_Services(services) {
@@ -34,8 +34,7 @@ public:
         m_Page.m_MaxBytes = kMaxListedBytes;
     }
 
-    /// The next lines; nothing at the end.
-    std::optional<std::string> next() {
+    std::optional<std::string> next(std::chrono::milliseconds /*timeout*/) override {
         if (m_AtEnd) {
             return std::nullopt;
         }
@@ -82,11 +81,8 @@ private:
 
 HttpResponse exportAll(Services const& services, HttpRequest const& request) {
     bringUpToDate(services);
-    Export source(services, request.m_Query);
     HttpResponse response{httpstatus::kOk, "application/x-ndjson", ""};
-    while (std::optional<std::string> const lines = source.next()) {
-        response.m_Body += *lines;
-    }
+    response.m_Source = std::make_shared<Export>(services, request.m_Query);
     return response;
 }
 

@@ -167,6 +167,11 @@ bool Connection::wait(Clock::time_point until, short event) const {
     return m_Ending.await(waits, until) == EndSignal::Wait::kReady && !m_Ending.raised();
 }
 
+bool Connection::isEnded() const {
+    pollfd socket{m_Socket, POLLRDHUP, 0};
+    return ::poll(&socket, 1, 0) > 0;
+}
+
 void Connection::reset() {
     linger const atOnce{1, 0};
     ::setsockopt(m_Socket, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);

@@ -48,6 +48,9 @@ public:
     /// The same, but ends as soon as the client has ended its direction.
     void pauseWhileConnected(double seconds) const;
 
+    /// Whether the client has ended its direction, or the service has.
+    [[nodiscard]] bool isEnded() const;
+
     /// Makes the client find the connection reset when the socket is closed.
     void reset();
 

@@ -5,6 +5,7 @@
 // soon as the library has parsed the headers, and leaves when the request is served.
 #include "sandbox/http/requestserver.h"
 
+#include <chrono>
 #include <cstddef>
 #include <exception>
 #include <optional>
@@ -34,8 +35,11 @@ void fill(HttpResponse const& from, httplib::Response& response) {
         response.set_header("Allow", from.m_Allow);
     }
     response.set_header("Cache-Control", "no-store");
-    response.set_header("Content-Security-Policy",
-                        "default-src 'none'; style-src 'unsafe-inline'; frame-ancestors 'none'; base-uri 'none'");
+    std::string const scripts =
+        from.m_Nonce.empty() ? "" : "; script-src 'nonce-" + from.m_Nonce + "'; connect-src 'self'";
+    response.set_header(
+        "Content-Security-Policy",
+        "default-src 'none'; style-src 'unsafe-inline'; frame-ancestors 'none'; base-uri 'none'" + scripts);
     response.set_header("Referrer-Policy", "no-referrer");
     response.set_header("X-Content-Type-Options", "nosniff");
     response.set_content(from.m_Body, from.m_ContentType);
@@ -45,6 +49,19 @@ void describeError(httplib::Request const&, httplib::Response& response) {
     if (response.body.empty()) {
         response.set_content("The request cannot be answered: " + std::to_string(response.status) + ".\n",
                              "text/plain");
+    }
+}
+
+/// Sends the body that `source` makes, behind the head of a response with an empty one. It ends with the connection. A
+/// client that does not read is dropped, as by any other response.
+void sendFromSource(Connection& connection, std::string head, BodySource& source) {
+    constexpr std::chrono::seconds kLook(1);  // between two looks whether the client has gone
+    std::string const length = "Content-Length: 0\r\n";
+    head.erase(head.find(length), length.size());
+    bool going = connection.write(head.data(), head.size());
+    while (going) {
+        std::optional<std::string> const piece = source.next(kLook);
+        going = piece && (piece->empty() ? !connection.isEnded() : connection.write(piece->data(), piece->size()));
     }
 }
 
@@ -132,6 +149,14 @@ void RequestServer::serve(Connection& connection, std::string text) {
         return;
     }
     HttpResponse const& response = pending.m_Response;
+    if (response.m_Source) {
+        try {
+            sendFromSource(connection, stream.written(), *response.m_Source);
+        } catch (std::exception const&) {
+            connection.reset();
+        }
+        return;
+    }
     try {
         if (response.m_Log) {
             response.m_Log->responseReady(stream.written());
@@ -153,9 +178,10 @@ void RequestServer::serve(Connection& connection, std::string text) {
 void RequestServer::respond(httplib::Request const& request, httplib::Response& response, std::string const& body) {
     PendingRequest& pending = pendingRequest(request);
     RequestLine const& line = pending.m_Line;
-    pending.m_Response = m_Handler({request.method, line.m_Path, Query(line.m_Query),
-                                    request.get_header_value("Authorization"), request.get_header_value("Content-Type"),
-                                    body, m_BaseUrl, pending.m_Stream.received(), request.get_header_value("Host")});
+    pending.m_Response =
+        m_Handler({request.method, line.m_Path, Query(line.m_Query), request.get_header_value("Authorization"),
+                   request.get_header_value("Content-Type"), body, m_BaseUrl, pending.m_Stream.received(),
+                   request.get_header_value("Host"), request.get_header_value("Last-Event-ID")});
     fill(pending.m_Response, response);
     pending.acceptNoCoding();
 }

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "sandbox/store/database.h"
+#include "sandbox/store/eventfeed.h"
 #include "sandbox/store/exchange.h"
 #include "sandbox/store/listing.h"
 #include "sandbox/store/notification.h"
@@ -116,6 +117,15 @@ public:
     [[nodiscard]] std::optional<std::string> otherPayment(Payment const& payment, Search search,
                                                           std::vector<PaymentState> const& states);
 
+    /// What a payment is about, without the rest of it.
+    struct Subject {
+        std::string m_Account;
+        std::string m_Order;
+    };
+
+    /// Nothing when there is no such payment.
+    [[nodiscard]] std::optional<Subject> subjectOf(std::string const& id);
+
     /// The ORDERID of the payment with this token; empty when there is none.
     [[nodiscard]] std::string orderOfToken(std::string const& account, std::string const& token);
 
@@ -179,6 +189,9 @@ public:
     bool awaitChange(std::uint64_t seen, std::chrono::steady_clock::time_point deadline);
     void endWaits();
 
+    /// Passes on moves of payments, exchanges and outcomes of notifications as they are stored. endWaits() ends it.
+    [[nodiscard]] EventFeed& events() { return m_Events; }
+
     /// Oldest first.
     [[nodiscard]] std::vector<Notification> notifications();
     [[nodiscard]] std::vector<Notification> notificationsOf(std::string const& payment);
@@ -240,6 +253,7 @@ private:
     std::condition_variable m_Changed;
     std::uint64_t m_Changes = 0;  ///< Guarded by m_Mutex, as is the next one.
     bool m_WaitsEnded = false;
+    EventFeed m_Events;
     Database m_Database;   ///< The only connection that writes. Guarded by m_Mutex.
     ReaderPool m_Readers;  ///< Ends before m_Database, so that the last connection to close is one that can tidy up.
 };

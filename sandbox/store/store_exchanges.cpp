@@ -84,6 +84,23 @@ Listing<Exchange> readExchanges(Statement& row, Page const& page) {
     return found;
 }
 
+/// What exchangeSummaries() reports of `exchange`.
+Exchange summaryOf(Exchange const& exchange, std::int64_t number) {
+    Exchange summary;
+    summary.m_Number = number;
+    summary.m_Time = exchange.m_Time;
+    summary.m_Kind = exchange.m_Kind;
+    summary.m_Account = exchange.m_Account;
+    summary.m_Order = exchange.m_Order;
+    summary.m_Token = exchange.m_Token;
+    summary.m_Payment = exchange.m_Payment;
+    summary.m_Path = exchange.m_Path;
+    summary.m_Verdict = exchange.m_Verdict;
+    summary.m_Fault = exchange.m_Fault;
+    summary.m_Microseconds = exchange.m_Microseconds;
+    return summary;
+}
+
 /// A page of exchanges, each with the columns that `select` names.
 Listing<Exchange> listExchanges(Database& database, std::string const& select, ExchangeFilter const& filter,
                                 Page const& page) {
@@ -179,6 +196,9 @@ std::int64_t Store::addExchange(Exchange const& exchange, std::int64_t begun) {
         }
     }
     transaction.commit();
+    if (m_Events.isRead()) {
+        m_Events.add({{}, summaryOf(exchange, number)});
+    }
     if (number % kPruneEvery == 0) {
         prune();
     }

@@ -144,6 +144,7 @@ void Store::endWaits() {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     m_WaitsEnded = true;
     m_Changed.notify_all();
+    m_Events.end();
 }
 
 void Store::countChange() {

@@ -110,8 +110,10 @@ StoredPayment Store::openPayment(StoredPayment fresh, std::string const& time, M
         return findPayment(m_Database, row, History::kLeft).value();
     }
     fresh.m_Payment.m_Number = m_Database.lastNumber();
-    insertHistory(payment.m_Id, {time, payment.m_State, "payment page asked for"});
+    HistoryEntry const step = {time, payment.m_State, "payment page asked for"};
+    insertHistory(payment.m_Id, step);
     transaction.commit();
+    m_Events.add({StoreEvent::Move{payment.m_Id, step}});
     countChange();
     return fresh;
 }
@@ -193,6 +195,12 @@ std::vector<StoredPayment> Store::latestPayments(std::int64_t count, std::int64_
     return found;
 }
 
+std::optional<Store::Subject> Store::subjectOf(std::string const& id) {
+    ReaderPool::Reader const reader = m_Readers.take();
+    Statement row = reader.database().prepare("SELECT account, order_id FROM payments WHERE id = ?");
+    return row.text(id).step() ? std::optional<Subject>({row.column(0), row.column(1)}) : std::nullopt;
+}
+
 std::string Store::orderOfToken(std::string const& account, std::string const& token) {
     ReaderPool::Reader const reader = m_Readers.take();
     Statement row = reader.database().prepare("SELECT order_id FROM payments WHERE account = ? AND token = ?");
@@ -221,6 +229,7 @@ bool Store::advance(std::string const& id, std::vector<PaymentState> const& from
     }
     replaceDueMove(id, next);
     transaction.commit();
+    m_Events.add({StoreEvent::Move{id, step}});
     countChange();
     return true;
 }
@@ -255,6 +264,7 @@ void Store::updateNotification(Notification const& notification) {
         .bytes(notification.m_Outcome)
         .number(notification.m_Number)
         .step();
+    m_Events.add({{}, {}, notification});
     countChange();
 }
 

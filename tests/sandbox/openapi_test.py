@@ -68,6 +68,30 @@ class OpenApi(Driven):
             self.check(described["schema"], row)
         return content
 
+    def check_event_stream(self, seen, names):
+        """What comes after the exchange `seen` begins with events of these names. They are as the description says."""
+        self.seen.add(("GET", "/control/events"))
+        (media, described), = self.api["paths"]["/control/events"]["get"]["responses"]["200"]["content"].items()
+        kinds = {name.removesuffix("Event").lower(): self.api["components"]["schemas"][name]
+                 for name in (row["$ref"].rsplit("/", 1)[1] for row in described["schema"]["anyOf"])}
+        request = urllib.request.Request(self.base + "/control/events?account=demo", headers={"Last-Event-ID": str(seen)})
+        with urllib.request.urlopen(request, timeout=TIMEOUT_SECONDS) as response:
+            self.assertEqual(response.headers["Content-Type"], media)
+            self.assertEqual(self.call("GET", "/control/events", 400, query="after=x")["error"][:4], "Last")
+            self.open_payment("events", "E-1", NOTIFYADDRESS="shop@example")
+            self.call("POST", "/control/payments/decision", 200, {"decision": "pay"}, query="token=events")
+            missing = set(names)
+            name = None
+            for line in response:  # the wait for each line has a timeout
+                field, _, value = line.decode().rstrip("\n").partition(": ")
+                name = value if field == "event" else name
+                if field == "data":
+                    self.check(kinds[name], json.loads(value))
+                    missing.discard(name)
+                if not missing:
+                    return
+        self.fail(f"the stream ended without {missing}")
+
     def test_answers_are_as_described(self):
         call = self.call
         call("GET", "/health")
@@ -94,6 +118,7 @@ class OpenApi(Driven):
         call("GET", "/control/exchanges", query="kind=page&before=end")
         call("GET", "/control/notifications", query="payment=" + first)
         call("POST", "/control/notifications/{number}/resend", 201, number=1)
+        self.check_event_stream(1, ["payment", "exchange", "notification"])
         call("GET", "/control/export", query="payment=" + first)
         self.assertEqual({row["type"] for row in call("GET", "/control/export")}, {"payment", "exchange"})
         call("GET", "/control/export", 400, query="kind=page")

@@ -1,0 +1,169 @@
+// What happens, as server-sent events: moves of payments, exchanges, outcomes of notifications.
+// A stream first reads from the store the exchanges after the one that the client saw last, then waits for events. It
+// begins to collect events before that, so none is missed; exchanges that it read from the store are left out.
+// Only exchanges have an "id", their number: it is what a client that connects again has seen last.
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "sandbox/control/controlfilters.h"
+#include "sandbox/control/controljson.h"
+#include "sandbox/control/controlroutes.h"
+#include "sandbox/text/httperror.h"
+#include "sandbox/text/httpstatus.h"
+
+namespace sandbox {
+
+namespace {
+
+using nlohmann::json;
+using Clock = std::chrono::steady_clock;
+
+/// Shows the client, and what is between, that the connection is alive.
+constexpr char kComment[] = ":\n\n";
+constexpr std::chrono::seconds kBetweenComments(15);
+
+/// Between two pieces: a thread that woke for each event under load would take time from payments.
+constexpr std::chrono::milliseconds kPause(100);
+
+std::string eventText(char const* name, json const& data) {
+    return std::string("event: ") + name + "\ndata: " + data.dump() + "\n\n";
+}
+
+std::string exchangeEvent(Exchange const& exchange) {
+    json data = {{"number", exchange.m_Number},
+                 {"time", exchange.m_Time},
+                 {"kind", exchangeName(exchange.m_Kind)},
+                 {"microseconds", exchange.m_Microseconds}};
+    putBytes(data, "account", exchange.m_Account);
+    putBytes(data, "order", exchange.m_Order);
+    putBytes(data, "token", exchange.m_Token);
+    putBytes(data, "payment", exchange.m_Payment);
+    putBytes(data, "path", exchange.m_Path);
+    putBytes(data, "verdict", exchange.m_Verdict);
+    putBytes(data, "fault", exchange.m_Fault);
+    return "id: " + std::to_string(exchange.m_Number) + "\n" + eventText("exchange", data);
+}
+
+/// The stream of one client.
+class EventStream : public BodySource {
+public:
+    /// Without a number only what happens from now on.
+    EventStream(Services const& services, std::optional<std::string> account, std::optional<std::int64_t> after)
+        : m_Store(services.m_Store), m_Account(std::move(account)), m_Reader(m_Store.events()) {
+        m_Filter.m_Account = m_Account;
+        m_Page.m_Limit = kDefaultRows;
+        m_CatchesUp = after.has_value();
+        m_Page.m_After = after.value_or(m_Page.m_After);
+    }
+
+    std::optional<std::string> next(std::chrono::milliseconds timeout) override {
+        if (std::exchange(m_Fresh, false)) {
+            return kComment;
+        }
+        if (m_CatchesUp) {
+            return catchUp();
+        }
+        std::this_thread::sleep_until(m_PauseUntil);
+        std::optional<std::vector<StoreEvent>> const events = m_Reader.await(timeout);
+        if (!events) {
+            return std::nullopt;
+        }
+        std::string text;
+        for (StoreEvent const& event : *events) {
+            text += textOf(event);
+        }
+        if (text.empty() && Clock::now() >= m_CommentAt) {
+            text = kComment;
+        }
+        if (!text.empty()) {
+            m_PauseUntil = Clock::now() + kPause;
+            m_CommentAt = Clock::now() + kBetweenComments;
+        }
+        return text;
+    }
+
+private:
+    std::string catchUp() {
+        Listing<Exchange> const listing = m_Store.exchangeSummaries(m_Filter, m_Page);
+        std::string text;
+        for (Exchange const& exchange : listing.m_Rows) {
+            text += exchangeEvent(exchange);
+            m_Page.m_After = exchange.m_Number;
+        }
+        m_CatchesUp = listing.m_More;
+        return text;
+    }
+
+    /// Empty for another account.
+    std::string textOf(StoreEvent const& event) {
+        if (event.m_Exchange) {
+            bool const isNew = event.m_Exchange->m_Number > m_Page.m_After;
+            return isNew && fits(event.m_Exchange->m_Account) ? exchangeEvent(*event.m_Exchange) : "";
+        }
+        std::optional<Store::Subject> const subject =
+            m_Store.subjectOf(event.m_Move ? event.m_Move->m_Payment : event.m_Notification->m_Payment);
+        if (!subject || !fits(subject->m_Account)) {
+            return "";
+        }
+        return event.m_Move ? moveEvent(*event.m_Move, *subject) : notificationEvent(*event.m_Notification, *subject);
+    }
+
+    [[nodiscard]] bool fits(std::string const& account) const { return !m_Account || *m_Account == account; }
+
+    static std::string moveEvent(StoreEvent::Move const& move, Store::Subject const& subject) {
+        HistoryEntry const& step = move.m_Step;
+        json data = {
+            {"id", move.m_Payment}, {"state", stateName(step.m_State)}, {"time", step.m_Time}, {"note", step.m_Note}};
+        putBytes(data, "account", subject.m_Account);
+        putBytes(data, "order", subject.m_Order);
+        return eventText("payment", data);
+    }
+
+    static std::string notificationEvent(Notification const& notification, Store::Subject const& subject) {
+        json data = notificationJson(notification);
+        putBytes(data, "account", subject.m_Account);
+        return eventText("notification", data);
+    }
+
+    Store& m_Store;  ///< Borrowed.
+    std::optional<std::string> m_Account;
+    EventFeed::Reader m_Reader;
+    ExchangeFilter m_Filter;
+    Page m_Page;  ///< Of the exchanges that are to be read from the store.
+    bool m_CatchesUp = false;
+    bool m_Fresh = true;
+    Clock::time_point m_PauseUntil = Clock::now();
+    Clock::time_point m_CommentAt = Clock::now() + kBetweenComments;
+};
+
+/// The exchange that the client saw last, by its header or by the query. Throws HttpError.
+std::optional<std::int64_t> lastSeen(HttpRequest const& request) {
+    std::optional<std::string> const text = request.m_LastEventId.empty()
+                                                ? request.m_Query.value("after")
+                                                : std::optional<std::string>(request.m_LastEventId);
+    constexpr std::size_t kMaxDigits = 18;
+    if (!text) {
+        return std::nullopt;
+    }
+    if (text->empty() || text->size() > kMaxDigits || text->find_first_not_of("0123456789") != std::string::npos) {
+        throw HttpError("Last-Event-ID and after take the number of an exchange, not '" + *text + "'");
+    }
+    return std::stoll(*text);
+}
+
+}  // namespace
+
+HttpResponse getEvents(Services const& services, HttpRequest const& request) {
+    refuseUnknown(request.m_Query, {"account", "after"});
+    HttpResponse response{httpstatus::kOk, "text/event-stream", ""};
+    response.m_Source = std::make_shared<EventStream>(services, request.m_Query.value("account"), lastSeen(request));
+    return response;
+}
+
+}  // namespace sandbox
