@@ -14,7 +14,7 @@ namespace sandbox {
 /// rejected (403), because it may come from another site. Requests for another host name are rejected, see
 /// controlguards.h.
 ///
-///     GET  /               addresses, payments, exchanges; with live=1 refreshed every two seconds
+///     GET  /               addresses, payments, exchanges; with live=1 kept up to date
 ///     GET  /payment        with id=: one payment
 ///     GET  /exchange       with number=: one exchange
 ///     GET  /faults         armed faults, a form to arm one, the kinds of faults

@@ -21,6 +21,7 @@
 #include "sandbox/service/paymentmoves.h"
 #include "sandbox/text/httpstatus.h"
 #include "sandbox/text/utctime.h"
+#include "sandbox/text/wiretext.h"
 
 namespace sandbox {
 
@@ -32,7 +33,8 @@ constexpr char kNotGiven[] = "not given";
 constexpr std::int64_t kMaxPayments = 100;
 constexpr std::int64_t kMaxExchanges = 50;
 constexpr std::int64_t kMaxFolded = 20;
-constexpr int kRefreshSeconds = 2;
+constexpr int kRefreshSeconds = 2;  // without scripts
+constexpr int kNonceBytes = 16;
 
 // The size of a plot in its own units.
 constexpr double kPlotWidth = 6000;
@@ -267,6 +269,9 @@ HttpResponse overviewPage(Services const& services, Query const& query) {
                     {"queryStill", filter.query("")},
                     {"queryAll", live ? "?live=1" : ""},
                     {"refreshSeconds", live ? json(kRefreshSeconds) : json()}};
+    if (live) {
+        content["nonce"] = randomHex(kNonceBytes);
+    }
     return dashboardPage(services, httpstatus::kOk, "/", "Overview", "overview_page", std::move(content));
 }
 

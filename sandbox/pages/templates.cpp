@@ -2,8 +2,8 @@
 // thread; what fills it in is made of JSON for each page.
 //
 // The pages load nothing, so the policy in the template `frame` forbids everything but inline styles: injected content
-// could neither load nor run. Deliberate (no-form-action): it has no `form-action`, which would block the form's
-// redirect to the shop.
+// could neither load nor run. A page with a `nonce` runs the script `live`, which reads from this service alone.
+// Deliberate (no-form-action): it has no `form-action`, which would block the form's redirect to the shop.
 
 #include "sandbox/pages/templates.h"
 
@@ -127,7 +127,9 @@ HttpResponse renderPage(int status, std::string const& name, json content) {
     if (!content.contains("language")) {
         content["language"] = languageFor("en");
     }
-    return {status, "text/html; charset=utf-8", parsedPage(name).render(toData(content))};
+    HttpResponse response{status, "text/html; charset=utf-8", parsedPage(name).render(toData(content))};
+    response.m_Nonce = content.value("nonce", "");
+    return response;
 }
 
 json verbatim(std::string const& text) {

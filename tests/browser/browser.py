@@ -1,7 +1,7 @@
 """A headless chromium for the tests, with an empty profile that is deleted at the end.
 
-CMakeLists.txt sets environment variables with the paths of chromium and its driver. Pages cannot run scripts; scripts
-of the driver still run. Each wait has a timeout. However the test ends, the browser ends too: the driver dies with the
+CMakeLists.txt sets environment variables with the paths of chromium and its driver. Pages cannot run scripts unless a
+test allows it; scripts of the driver still run. Each wait has a timeout. However the test ends, the browser ends too: the driver dies with the
 process that started it, and chromium when its pipe to the driver breaks.
 
 Order: start and end of the processes, windows, navigation, elements, the log of requests, screenshots.
@@ -34,6 +34,8 @@ COMMAND_SECONDS = TIMEOUT_SECONDS + 30  # a command of the driver includes the w
 POLL_SECONDS = 0.05
 DRIVER_TRIES = 10
 MAX_TABS = 40
+SCRIPTS = "profile.managed_default_content_settings.javascript"
+SCRIPTS_ALLOWED = 1
 SCRIPTS_BLOCKED = 2
 
 # No traffic of the browser's own; only this machine can be reached.
@@ -55,7 +57,6 @@ SWITCHES = (
     "--window-size=1000,800",
 )
 PREFERENCES = {
-    "profile.managed_default_content_settings.javascript": SCRIPTS_BLOCKED,
     "intl.accept_languages": "en-US",
     "net.network_prediction_options": 2,  # no connections in advance
     "session.restore_on_startup": 4,  # start with these pages, not with the page for new tabs
@@ -67,13 +68,14 @@ class Browser:
     """A chromium with its driver. Runs from construction to close().
 
     Call open_window() before any other method. A new window has no cookies and no cache of earlier ones. `authority` is
-    the file of a certificate to trust in addition to chromium's own; None for none.
+    the file of a certificate to trust in addition to chromium's own; None for none. `scripts`: pages can run them.
     """
 
-    def __init__(self, authority=None):
+    def __init__(self, authority=None, scripts=False):
         self.temporary = tempfile.TemporaryDirectory(prefix="tallowin-browser-")
         self.directory = pathlib.Path(self.temporary.name)
         self.log = self.directory / "driver.log"
+        self.scripts = scripts
         self.driver = None
         self.requested = []
         self.failed = set()
@@ -121,7 +123,8 @@ class Browser:
         options.add_argument(f"--user-data-dir={self.directory / 'profile'}")
         if os.geteuid() == 0:
             options.add_argument("--no-sandbox")  # chromium refuses to start as root with its sandbox
-        options.add_experimental_option("prefs", PREFERENCES)
+        setting = SCRIPTS_ALLOWED if self.scripts else SCRIPTS_BLOCKED
+        options.add_experimental_option("prefs", {**PREFERENCES, SCRIPTS: setting})
         options.set_capability("goog:loggingPrefs", {"performance": "ALL"})
         return options
 

@@ -156,11 +156,14 @@ TEST_F(EveryDashboardPage, NamesItsTablesCellsAndFields) {
     }
 }
 
-TEST_F(EveryDashboardPage, RunsAndLoadsNothing) {
+TEST_F(EveryDashboardPage, LoadsNothingAndRunsNothingButTheScriptOfALivePage) {
     for (std::string const& target : m_Pages) {
         SCOPED_TRACE(target);
         PageReader const page = open(target);
-        EXPECT_EQ(page.count("//script | //b | //img | //link | //iframe | //object | //@src"), 0u);
+        bool const live = target == "/?live=1";
+        EXPECT_EQ(page.count("//script"), live ? 1u : 0u);
+        EXPECT_EQ(page.count("/html/body/script[@nonce]"), live ? 1u : 0u);
+        EXPECT_EQ(page.count("//b | //img | //link | //iframe | //object | //@src"), 0u);
         EXPECT_EQ(page.count("//main//style | //@style | //@*[starts-with(name(), 'on')]"), 0u);
         EXPECT_EQ(page.count("//@href[not(starts-with(., '/') or starts-with(., '#'))]"), 0u);
         EXPECT_EQ(page.count("//@action[not(starts-with(., '/'))]"), 0u);
@@ -242,7 +245,7 @@ TEST_F(Dashboard, ShowsTheAddressesForMerchantSetUp) {
 TEST_F(Dashboard, ShowsPaymentsNewestFirst) {
     m_Lenient = true;
     restart();
-    EXPECT_EQ(open("/").text("//section[@aria-labelledby='payments']/p[not(@class)]"), "There are no payments yet.");
+    EXPECT_EQ(open("/").text("//section[@aria-labelledby='payments']/div/p"), "There are no payments yet.");
     press(openPage(m_Merchant.payInit("t1")), "pay");
     m_Now += 60;
     openPage(m_Merchant.message("PayInit", " TOKEN=\"t2\" EXPIRATION=\"20991231 23:59:59\""));
@@ -296,7 +299,7 @@ TEST_F(Dashboard, FiltersPaymentsAndExchanges) {
     EXPECT_EQ(page.text("//form[@method='get']/input[@name='live']/@value"), "1");
     EXPECT_THAT(page.texts("//section[@aria-labelledby='payments']/p/a/@href"),
                 ElementsAre("/?order=B%201&state=opened", "/?live=1"));
-    EXPECT_EQ(open("/?account=nobody").text("//section[@aria-labelledby='payments']/p[not(@class)]"),
+    EXPECT_EQ(open("/?account=nobody").text("//section[@aria-labelledby='payments']/div/p"),
               "No payment fits the filter.");
     EXPECT_THAT(open("/?state=stuck", 400).text("//main/p"), HasSubstr("unknown payment state 'stuck'"));
 }
@@ -324,7 +327,7 @@ TEST_F(Dashboard, ShowsAsManyPaymentsAsCanBeRead) {
     PageReader const page = open("/");
     EXPECT_EQ(page.count("//ul[@class='payments']/li"), 100u);
     EXPECT_EQ(page.text(paymentLine(1) + "/a"), m_Service->payments().back().m_Id);
-    EXPECT_THAT(page.text("//section[@aria-labelledby='payments']/p[not(@class)]"), HasSubstr("100 of 101"));
+    EXPECT_THAT(page.text("//section[@aria-labelledby='payments']/div/p"), HasSubstr("100 of 101"));
 }
 
 TEST_F(Dashboard, ShowsTheNewestExchanges) {
@@ -350,12 +353,27 @@ TEST_F(Dashboard, ShowsTheNewestExchanges) {
     EXPECT_EQ(later.text(tableRow("exchanges", 50) + "[1]"), "4");
 }
 
+TEST_F(Dashboard, AllowsTheScriptOfALivePageAlone) {
+    std::string const still = get("/").m_Headers.at("content-security-policy");
+    EXPECT_THAT(still, HasSubstr("default-src 'none'"));
+    EXPECT_THAT(still, ::testing::Not(HasSubstr("script-src")));
+    RawResponse const first = get("/?live=1");
+    RawResponse const second = get("/?live=1");
+    for (RawResponse const* response : {&first, &second}) {
+        std::string const nonce = PageReader(response->m_Body).text("/html/body/script/@nonce");
+        EXPECT_GE(nonce.size(), 32u);
+        EXPECT_EQ(response->m_Headers.at("content-security-policy"),
+                  still + "; script-src 'nonce-" + nonce + "'; connect-src 'self'");
+    }
+    EXPECT_NE(first.m_Headers.at("content-security-policy"), second.m_Headers.at("content-security-policy"));
+}
+
 TEST_F(Dashboard, CanRefreshItself) {
     PageReader const still = open("/");
     EXPECT_EQ(still.count("//meta[@http-equiv='refresh']"), 0u);
-    EXPECT_EQ(still.text("//main//p/a[@href='/?live=1']"), "Refresh every two seconds");
+    EXPECT_EQ(still.text("//main//p/a[@href='/?live=1']"), "Follow what happens");
     PageReader const live = open("/?live=1");
-    EXPECT_EQ(live.text("/html/head/meta[@http-equiv='refresh']/@content"), "2");
+    EXPECT_EQ(live.text("/html/head/noscript/meta[@http-equiv='refresh']/@content"), "2");
     EXPECT_EQ(live.count("//main//p/a[@href='/']"), 1u);
     EXPECT_EQ(live.count("//main//p/a[@href='/?live=1']"), 0u);
     EXPECT_EQ(open("/?live=0").count("//meta[@http-equiv='refresh']"), 0u);
