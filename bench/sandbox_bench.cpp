@@ -74,8 +74,8 @@ std::string between(std::string const& text, std::string const& before, char aft
     return text.substr(from, text.find(after, from) - from);
 }
 
-/// The response to one request, read to the end of the connection. The body is dropped unless it is wanted.
-std::string request(std::uint16_t port, std::string const& text, bool wanted = true) {
+/// A connection to the port of this machine, owned by the caller.
+int connected(std::uint16_t port) {
     int const socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     int const yes = 1;
     ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
@@ -87,6 +87,12 @@ std::string request(std::uint16_t port, std::string const& text, bool wanted = t
         ::close(socket);
         throw std::runtime_error("no connection");
     }
+    return socket;
+}
+
+/// The response to one request, read to the end of the connection. The body is dropped unless it is wanted.
+std::string request(std::uint16_t port, std::string const& text, bool wanted = true) {
+    int const socket = connected(port);
     ::send(socket, text.data(), text.size(), MSG_NOSIGNAL);
     std::string response;
     char piece[65536];
@@ -339,14 +345,45 @@ void measurePages(Sandbox const& sandbox) {
     measurePage(sandbox, "/control/payments?state=opened", "/control/payments?state=opened");
 }
 
-/// Asks for `/` as an open live page does, once in two seconds, until `stop`.
-void keepPageOpen(Sandbox const& sandbox, std::atomic<bool> const& stop) {
-    while (!stop) {
-        get(sandbox.controlPort(), "/?live=1", false);
-        Clock::time_point const next = Clock::now() + kRefresh;
-        while (!stop && Clock::now() < next) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+/// A stream of events as a live page has it.
+class Events {
+public:
+    explicit Events(std::uint16_t port) : m_Socket(connected(port)) {
+        std::string const text = "GET /control/events HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n";
+        ::send(m_Socket, text.data(), text.size(), MSG_NOSIGNAL);
+    }
+    ~Events() { ::close(m_Socket); }
+    Events(Events const&) = delete;
+    Events& operator=(Events const&) = delete;
+
+    /// Reads what has come. Whether there was an event.
+    bool read() {
+        bool any = false;
+        char piece[65536];
+        for (ssize_t count = 0; (count = ::recv(m_Socket, piece, sizeof piece, MSG_DONTWAIT)) != -1;) {
+            require(count > 0, "the stream of events ended");
+            any = any || std::string(piece, static_cast<std::size_t>(count)).find("event: ") != std::string::npos;
         }
+        return any;
+    }
+
+private:
+    int m_Socket;
+};
+
+/// Follows the events and asks for `/` as an open live page does, at most once in two seconds, until `stop`.
+void keepPageOpen(Sandbox const& sandbox, std::atomic<bool> const& stop) {
+    Events events(sandbox.controlPort());
+    Clock::time_point next = Clock::now();
+    bool stale = true;
+    while (!stop) {
+        stale = events.read() || stale;
+        if (stale && Clock::now() >= next) {
+            get(sandbox.controlPort(), "/?live=1", false);
+            next = Clock::now() + kRefresh;
+            stale = false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
 }
 
