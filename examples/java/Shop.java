@@ -263,15 +263,20 @@ public final class Shop {
         return orders;
     }
 
-    /** Delivers what turned out to be paid without a confirmation, then captures and completes what is paid. */
+    /** Captures and completes what is paid, and delivers what turned out to be paid without a confirmation. */
     private void work(Ledger orders) {
         try {
-            for (Optional<String> paid; (paid = orders.nextPaid()).isPresent();) {
-                deliver(orders, paid.get());
-            }
-            orders.runDue(JOBS); // last: what it throws of a renewal must not hold up deliveries
+            deliverPaid(orders); // first, since what runDue throws of a renewal must not hold it up
+            orders.runDue(JOBS);
+            deliverPaid(orders);
         } catch (LedgerException | IOException failure) {
             System.err.println("worker: " + failure.getMessage()); // the ledger remembers what is due
+        }
+    }
+
+    private void deliverPaid(Ledger orders) throws IOException, LedgerException {
+        for (Optional<String> paid; (paid = orders.nextPaid()).isPresent();) {
+            deliver(orders, paid.get());
         }
     }
 

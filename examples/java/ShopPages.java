@@ -140,13 +140,14 @@ public final class ShopPages {
         }
     }
 
-    /** Delivers what turned out to be paid without a confirmation, then captures. May run on many machines. */
+    /** Captures what is paid, and delivers what turned out to be paid without a confirmation. May run on many machines. */
     private static void work(Ledger orders) {
         try {
-            for (Optional<String> paid; (paid = orders.nextPaid()).isPresent();) {
-                deliver(orders, paid.get());
-            }
-            while (orders.runDue(JOBS) > 0) { } // last: what it throws of a renewal must not hold up deliveries
+            do { // what runDue throws of a renewal must not hold up deliveries
+                for (Optional<String> paid; (paid = orders.nextPaid()).isPresent();) {
+                    deliver(orders, paid.get());
+                }
+            } while (orders.runDue(JOBS) > 0);
         } catch (LedgerException failure) {
             System.err.println("worker: " + failure.getMessage()); // the store remembers what is due
         }

@@ -110,10 +110,15 @@ tallowin::Confirmation OrderBook::confirm(char const* messenger, std::string con
 }
 
 void OrderBook::work() {
+    deliverPaid();  // first, since what runDue() throws of a renewal must not hold it up
+    m_Ledger.runDue(kJobs);
+    deliverPaid();
+}
+
+void OrderBook::deliverPaid() {
     while (auto const number = m_Ledger.nextPaid()) {
         deliver(*number);
     }
-    m_Ledger.runDue(kJobs);  // last: what it throws of a renewal must not hold up deliveries
 }
 
 bool OrderBook::hasKeptSince(std::int64_t milliseconds) {

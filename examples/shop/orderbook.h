@@ -45,7 +45,7 @@ public:
     /// Examines and records a confirmation, and delivers the order when it is paid now. Sends nothing.
     tallowin::Confirmation confirm(char const* messenger, std::string const& data, std::string const& signature);
 
-    /// Delivers what turned out to be paid, then captures, completes and asks for what is due. Network.
+    /// Captures, completes and asks for what is due, and delivers what turned out to be paid. Network.
     void work();
 
     /// Whether a confirmation has been kept since that time because the key that signed it is not here.
@@ -59,6 +59,7 @@ public:
 private:
     Rows run(char const* sql, std::vector<std::string> const& values = {});
     void deliver(std::string const& number);
+    void deliverPaid();
 
     tallowin::Ledger m_Ledger;
     std::unique_ptr<sqlite3, decltype(&sqlite3_close)> m_Database;
