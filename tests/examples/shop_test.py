@@ -259,9 +259,12 @@ class ShopCase(SandboxCase):
         return self.wait_for(path, "completed", *wanted)
 
     def wait_for(self, path, state, *wanted):
-        """Loads the order's page until it shows this state."""
+        """Loads the order's page until it shows this state, and with it what is wanted: a delivery may come after the state."""
+        def is_there(page):
+            return page.title().endswith(": " + state) and all(text in page.text for text in wanted)
+
         deadline = time.monotonic() + PAGE_SECONDS
-        while time.monotonic() < deadline and not self.visitor.request(path).title().endswith(": " + state):
+        while time.monotonic() < deadline and not is_there(self.visitor.request(path)):
             time.sleep(0.01)
         return self.order_page(path, state, *wanted)
 
