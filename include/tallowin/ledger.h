@@ -158,10 +158,11 @@ KVX_EXPORT int32_t Ledger_SetOption(KVX_HANDLE ledger, char const* name, char co
 
 /* Opens the store, creates or migrates its tables, and records the service's current key. Files.
  *
- * `store`      "sqlite:PATH". The file is created when its directory exists, readable and writable for its owner only.
- *              "postgresql://USER@HOST/DATABASE", as libpq reads it: for several servers. The tables stand in the
- * schema tallowin, which is created when the user may. Needs libpq.so.5, which is loaded here. `directory`  the
- * configuration directory of the merchant account. Requires: it has been set up.
+ * `store`: "sqlite:PATH", a file that is created when its directory exists, readable and writable for its owner only;
+ * or "postgresql://USER@HOST/DATABASE", as libpq reads it, for several servers. There the tables stand in the schema
+ * tallowin, which is created when the user may. Needs libpq.so.5, which is loaded here.
+ *
+ * `directory`: the configuration directory of the merchant account. Requires: it has been set up.
  *
  * A ledger that was open is closed first. After a failure the ledger has no store; until one is open every other call
  * but SetOption fails with KVX_E_NO_CONTEXT.

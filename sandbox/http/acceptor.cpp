@@ -2,9 +2,11 @@
 // The accepting thread waits in awaitEvent() for the pipe that wakes it, the listening socket, and m_Watch, which
 // stands for all silent clients. A connection whose first bytes are there goes to the pool at once. One that stays
 // silent is shut down for reading, which is what stopping does to all of them, and goes to the pool as well: its server
-// finds the end. Odd: to refuse connections the listening socket is shut down. On Linux that ends listening but keeps
-// the port bound, so no other program can take the port. Stopping first ends the incoming direction of every
-// connection; connections still open after kGrace are closed.
+// finds the end.
+//
+// Odd: to refuse connections the listening socket is shut down. On Linux that ends listening but keeps the port bound,
+// so no other program can take the port. Stopping first ends the incoming direction of every connection; connections
+// still open after kGrace are closed.
 #include "sandbox/http/acceptor.h"
 
 #include <arpa/inet.h>
