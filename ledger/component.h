@@ -22,11 +22,17 @@ Result resultOf(char const* function, std::int32_t code);
 /// Throws Failure unless `code` is KVX_OK.
 void require(char const* function, std::int32_t code);
 
-/// Calls a function that copies a text, first for its size. Throws Failure; with KVX_E_NOT_FOUND nothing is returned.
+/// Calls a function that copies a text, again when the room that is enough for most was not: asking for a size costs as
+/// much as the text. Throws Failure; with KVX_E_NOT_FOUND nothing is returned.
 template <class Copy>
 std::optional<std::string> copiedText(char const* function, Copy copy) {
-    std::int32_t size = 0;
-    std::int32_t code = copy(&size, nullptr);
+    constexpr std::size_t kUsual = 4096;
+    char usual[kUsual];
+    auto size = static_cast<std::int32_t>(sizeof usual);
+    std::int32_t code = copy(&size, usual);
+    if (code == KVX_OK) {
+        return std::string(usual, static_cast<std::size_t>(size) - 1);
+    }
     std::string text;
     while (code == KVX_E_BUFFER_TOO_SMALL) {
         text.resize(static_cast<std::size_t>(size));
