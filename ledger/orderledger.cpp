@@ -138,7 +138,7 @@ AttemptRow OrderLedger::standingAttempt(OrderRow const& order) {
     return store().attempt(order.m_Id, order.m_PaidAttempt.value_or(order.m_NewestAttempt));
 }
 
-void OrderLedger::move(OrderRow& order, AttemptRow& attempt, Event event, Evidence const& evidence, Time at) {
+bool OrderLedger::move(OrderRow& order, AttemptRow& attempt, Event event, Evidence const& evidence, Time at) {
     State const from = attempt.m_State;
     std::optional<State> const to = stateAfter(from, event);
     if (!to) {
@@ -158,13 +158,14 @@ void OrderLedger::move(OrderRow& order, AttemptRow& attempt, Event event, Eviden
     if ((pays || *to == State::kSurplus) && !attempt.m_PaidAt) {
         attempt.m_PaidAt = at;
     }
-    bool const counts = order.m_PaidAttempt == attempt.m_Attempt;
-    if (pays != counts) {
+    bool const changesOrder = pays != (order.m_PaidAttempt == attempt.m_Attempt);
+    if (changesOrder) {
         order.m_PaidAttempt = pays ? std::optional<std::int64_t>(attempt.m_Attempt) : std::nullopt;
         store().save(order);
     }
     store().save(attempt);
     store().add(attempt, from, event, at, evidence);
+    return changesOrder;
 }
 
 /// When the worker has to look at the attempt in its state.

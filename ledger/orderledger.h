@@ -128,9 +128,11 @@ private:
     /// The attempt that stands for its order: the one that paid, else the newest.
     AttemptRow standingAttempt(OrderRow const& order);
 
-    /// Moves `attempt` by `event`, records the evidence and stores both rows. The attempt is due when its new state
-    /// says so. Requires: the table has a row for it, and a transaction is open.
-    void move(OrderRow& order, AttemptRow& attempt, Event event, Evidence const& evidence, Time at);
+    /// Moves `attempt` by `event`, records the evidence and stores the row, and that of the order when it changes
+    /// whether the order is paid; returns whether it did. The attempt is due when its new state says so. Requires: the
+    /// table has a row for it, and a transaction is open.
+    bool move(OrderRow& order, AttemptRow& attempt, Event event, Evidence const& evidence, Time at);
+
     /// Whether the order is to be reported as paid now.
     bool isToBeReported(OrderRow const& order, Time at);
 
@@ -150,6 +152,7 @@ private:
     Verdict examine(Confirmation const& confirmation, TextOut const& number);
     Verdict examineVerified(Confirmation const& confirmation, Message const& message, TextOut const* number, Time at);
     std::optional<Verdict> refusalOfVerification(Result const& result, Confirmation const& confirmation);
+    static Verdict refusedForToken(Claim const& claim);
     std::optional<Verdict> refusalOfContent(Claim const& claim, OrderRow const& order) const;
     Verdict keep(Confirmation const& confirmation, Time at);
     Claim claimOf(Message const& message) const;

@@ -93,41 +93,46 @@ Verdict OrderLedger::examineVerified(Confirmation const& confirmation, Message c
     if (m_Keys->isOwn(claim.m_KeyId)) {
         return refused(KVX_LEDGER_REASON_OWN_KEY, "the merchant's own key has signed it");
     }
-    m_Keys->recordCurrent(at);
-    std::optional<ServiceKey> const key = m_Keys->accepted(claim.m_KeyId, at, m_Options.m_OldKeySeconds);
-    if (!key) {
+    std::optional<std::string> const keyFingerprint = m_Keys->accepted(claim.m_KeyId, at, m_Options.m_OldKeySeconds);
+    if (!keyFingerprint) {
         return refused(KVX_LEDGER_REASON_NOT_SERVICE_KEY,
                        "the key \"" + printable(claim.m_KeyId) + "\" is not the service's, or no longer");
     }
     if (claim.m_Type != "PayConfirm") {
         return refused(KVX_LEDGER_REASON_WRONG_TYPE, "it is a \"" + printable(claim.m_Type) + "\"");
     }
-    std::optional<AttemptRow> const seen = store().attemptWithToken(claim.m_Token);
+    std::optional<Payment> const seen = store().paymentWithToken(claim.m_Token);
     if (!seen) {
-        return refused(KVX_LEDGER_REASON_UNKNOWN_TOKEN,
-                       "no payment has the TOKEN \"" + printable(claim.m_Token) + "\"");
+        return refusedForToken(claim);
     }
-    OrderRow const seenOrder = store().order(seen->m_OrderId);
     if (number != nullptr) {
-        number->requireRoomFor(seenOrder.m_Number);
+        number->requireRoomFor(seen->m_Order.m_Number);
     }
-    if (std::optional<Verdict> refusal = refusalOfContent(claim, seenOrder)) {
+    if (std::optional<Verdict> refusal = refusalOfContent(claim, seen->m_Order)) {
         return std::move(*refusal);
     }
-    Decision const first = decide(seenOrder, *seen, claim, at);
+    Decision const first = decide(seen->m_Order, seen->m_Attempt, claim, at);
     if (!first.m_Event && !first.m_Tells) {
         return first.m_Verdict;
     }
     return inTransaction([&] {
-        AttemptRow attempt = store().attempt(seen->m_OrderId, seen->m_Attempt);
-        OrderRow order = store().order(seen->m_OrderId);
+        std::optional<Payment> payment = store().paymentWithToken(claim.m_Token);
+        if (!payment) {
+            throw Failure(KVX_E_LEDGER_DAMAGED,
+                          "the store has lost the payment with the TOKEN \"" + printable(claim.m_Token) + "\"");
+        }
+        AttemptRow& attempt = payment->m_Attempt;
+        OrderRow& order = payment->m_Order;
         // Only a caller can deliver; a payment that the worker finds waits for a confirmation or for Ledger_NextPaid.
         Decision const decision = decide(order, attempt, claim, at);
-        if (decision.m_Tells && number != nullptr) {
+        bool const isReported = decision.m_Tells && number != nullptr;
+        if (isReported) {
             noteReport(order, at);
-            store().save(order);
         }
         if (!decision.m_Event) {
+            if (isReported) {
+                store().save(order);
+            }
             return decision.m_Verdict;
         }
         bool const isPaid = claim.m_Result == m_Options.m_Authorised;
@@ -141,8 +146,11 @@ Verdict OrderLedger::examineVerified(Confirmation const& confirmation, Message c
         evidence.m_Cause = messengerOf(confirmation);
         evidence.m_Message = confirmation.m_Data;
         evidence.m_Signature = confirmation.m_Signature;
-        evidence.m_KeyFingerprint = key->m_Fingerprint;
-        move(order, attempt, *decision.m_Event, evidence, at);
+        evidence.m_KeyFingerprint = *keyFingerprint;
+        bool const isStored = move(order, attempt, *decision.m_Event, evidence, at);
+        if (isReported && !isStored) {
+            store().save(order);
+        }
         return decision.m_Verdict;
     });
 }
@@ -181,6 +189,10 @@ std::optional<Verdict> OrderLedger::refusalOfVerification(Result const& result, 
     throw Failure(result.m_Code, result.m_Reason);
 }
 
+Verdict OrderLedger::refusedForToken(Claim const& claim) {
+    return refused(KVX_LEDGER_REASON_UNKNOWN_TOKEN, "no payment has the TOKEN \"" + printable(claim.m_Token) + "\"");
+}
+
 std::optional<Verdict> OrderLedger::refusalOfContent(Claim const& claim, OrderRow const& order) const {
     if (claim.m_OrderId != order.m_Number) {
         return refused(KVX_LEDGER_REASON_WRONG_ORDER, difference("ORDERID", claim.m_OrderId, order.m_Number),
@@ -212,18 +224,17 @@ Verdict OrderLedger::keep(Confirmation const& confirmation, Time at) {
     if (claim.m_Type != "PayConfirm") {
         return refused(KVX_LEDGER_REASON_WRONG_TYPE, "it is a \"" + printable(claim.m_Type) + "\"");
     }
-    std::optional<AttemptRow> const attempt = store().attemptWithToken(claim.m_Token);
-    if (!attempt) {
-        return refused(KVX_LEDGER_REASON_UNKNOWN_TOKEN,
-                       "no payment has the TOKEN \"" + printable(claim.m_Token) + "\"");
+    std::optional<Payment> const payment = store().paymentWithToken(claim.m_Token);
+    if (!payment) {
+        return refusedForToken(claim);
     }
-    if (std::optional<Verdict> refusal = refusalOfContent(claim, store().order(attempt->m_OrderId))) {
+    if (std::optional<Verdict> refusal = refusalOfContent(claim, payment->m_Order)) {
         refusal->m_Number.clear();
         return std::move(*refusal);
     }
     KeptRow const row{0,
-                      attempt->m_OrderId,
-                      attempt->m_Attempt,
+                      payment->m_Attempt.m_OrderId,
+                      payment->m_Attempt.m_Attempt,
                       keyId,
                       messengerOf(confirmation),
                       confirmation.m_Data,

@@ -18,7 +18,7 @@ namespace {
 /// Reads the columns of a row one after the other.
 class Columns {
 public:
-    explicit Columns(Row& row) : m_Row(row) {}
+    explicit Columns(Row& row, std::size_t first = 0) : m_Row(row), m_Next(first) {}
 
     Columns& operator>>(std::int64_t& value) { return read(value); }
     Columns& operator>>(std::string& value) { return read(value); }
@@ -55,21 +55,17 @@ private:
     }
 
     Row& m_Row;  ///< Borrowed.
-    std::size_t m_Next = 0;
+    std::size_t m_Next;
 };
-
-template <class Kind>
-Value orNull(std::optional<Kind> const& value) {
-    return value ? Value(*value) : Value();
-}
 
 #define LEDGER_ORDER_COLUMNS                                                                           \
     "orders.id, orders.number, orders.amount, orders.currency, orders.attributes, orders.created_at, " \
     "orders.newest_attempt, orders.paid_attempt, orders.told_at, orders.delivered_at, orders.report_at"
 
-#define LEDGER_ATTEMPT_COLUMNS                                                                             \
-    "order_id, attempt, token, state, message, url, created_at, expires_at, result, paid_at, payment_id, " \
+#define LEDGER_ATTEMPT_COLUMNS                                                                                      \
+    "order_id, attempt, token, state, message, url, attempts.created_at, expires_at, result, paid_at, payment_id, " \
     "confirmation, tries, refusals, last_code, last_reason, due_at, lease_owner, asks"
+constexpr std::size_t kAttemptColumns = 19;
 
 /// Paid, and nothing says that the service will not capture. Written so that no database takes the index on states,
 /// which would have it read all attempts; so below.
@@ -84,9 +80,9 @@ Value orNull(std::optional<Kind> const& value) {
     "'completed', 'declined', 'cancelled', 'expired', 'capture_refused', 'unknown', 'completion_unknown', 'surplus')"
 static_assert(std::size(kStates) == 14, "a new state stands in the two lists above, where it belongs there");
 
-OrderRow orderIn(Row& row) {
+OrderRow orderIn(Row& row, std::size_t first = 0) {
     OrderRow order;
-    Columns(row) >> order.m_Id >> order.m_Number >> order.m_Amount >> order.m_Currency >> order.m_Attributes >>
+    Columns(row, first) >> order.m_Id >> order.m_Number >> order.m_Amount >> order.m_Currency >> order.m_Attributes >>
         order.m_CreatedAt >> order.m_NewestAttempt >> order.m_PaidAttempt >> order.m_ToldAt >> order.m_DeliveredAt >>
         order.m_ReportAt;
     return order;
@@ -99,6 +95,10 @@ AttemptRow attemptIn(Row& row) {
         attempt.m_PaymentId >> attempt.m_Confirmation >> attempt.m_Tries >> attempt.m_Refusals >> attempt.m_LastCode >>
         attempt.m_LastReason >> attempt.m_DueAt >> attempt.m_LeaseOwner >> attempt.m_Asks;
     return attempt;
+}
+
+[[noreturn]] void failForLostOrder(std::int64_t id) {
+    throw Failure(KVX_E_LEDGER_DAMAGED, "the store has lost order " + std::to_string(id));
 }
 
 /// Whether a column of plain ASCII can hold the text.
@@ -127,7 +127,7 @@ OrderRow Store::order(std::int64_t id) {
     static constexpr char kSql[] = "SELECT " LEDGER_ORDER_COLUMNS " FROM orders WHERE id = $1";
     Rows rows = m_Database->run(kSql, {id});
     if (rows.empty()) {
-        throw Failure(KVX_E_LEDGER_DAMAGED, "the store has lost order " + std::to_string(id));
+        failForLostOrder(id);
     }
     return orderIn(rows[0]);
 }
@@ -162,20 +162,24 @@ std::vector<OrderRow> Store::orders(Filter filter, FilterValues const& values, s
         " ORDER BY id LIMIT $2";
     static constexpr char kUndelivered[] =
         "SELECT " LEDGER_ORDER_COLUMNS " FROM orders WHERE id > $1 AND report_at IS NOT NULL ORDER BY id LIMIT $2";
-    static constexpr char kSurplus[] =
-        "SELECT " LEDGER_ORDER_COLUMNS
-        " FROM orders WHERE id > $1 AND id IN (SELECT order_id FROM attempts WHERE state = 'surplus')"
-        " ORDER BY id LIMIT $2";
+    static constexpr char kSurplus[] = "SELECT " LEDGER_ORDER_COLUMNS
+                                       " FROM orders WHERE id > $1 AND id IN"
+                                       " (SELECT order_id FROM attempts WHERE due_at IS NULL AND state = 'surplus')"
+                                       " ORDER BY id LIMIT $2";
     static constexpr char kAttention[] = "SELECT " LEDGER_ORDER_COLUMNS
                                          " FROM orders WHERE id > $1 AND id IN (SELECT order_id FROM attempts"
-                                         " WHERE state IN ('surplus', 'capture_refused')"
-                                         " OR (state IN ('unknown', 'completion_unknown') AND due_at IS NULL)"
-                                         " OR asks >= $2 UNION ALL SELECT order_id FROM attempts"
+                                         " WHERE due_at IS NULL AND state IN"
+                                         " ('surplus', 'capture_refused', 'unknown', 'completion_unknown')"
+                                         " UNION ALL SELECT order_id FROM attempts WHERE asks > 0 AND asks >= $2"
+                                         " UNION ALL SELECT order_id FROM attempts"
                                          " WHERE due_at >= 0 AND NOT " LEDGER_STATE_IS_KNOWN ") ORDER BY id LIMIT $3";
+    // Each attempt stands in one of two indexes, by whether something is due of it.
     static constexpr char kInState[] =
         "SELECT " LEDGER_ORDER_COLUMNS
         " FROM orders JOIN attempts ON order_id = id AND attempt = COALESCE(paid_attempt, newest_attempt)"
-        " WHERE order_id > $1 AND state = $2 ORDER BY order_id LIMIT $3";
+        " WHERE order_id > $1 AND due_at IS NULL AND state = $2 UNION ALL SELECT " LEDGER_ORDER_COLUMNS
+        " FROM orders JOIN attempts ON order_id = id AND attempt = COALESCE(paid_attempt, newest_attempt)"
+        " WHERE order_id > $1 AND due_at IS NOT NULL AND state = $2 ORDER BY 1 LIMIT $3";
     Rows rows;
     switch (filter) {
         case Filter::kAll:
@@ -194,7 +198,9 @@ std::vector<OrderRow> Store::orders(Filter filter, FilterValues const& values, s
             rows = m_Database->run(kSurplus, {after, limit});
             break;
         case Filter::kAttention:
-            rows = m_Database->run(kAttention, {after, values.m_MaxAsks, limit});
+            // None is enough: no order is ever left alone.
+            rows = values.m_MaxAsks == 0 ? m_Database->run(kAll, {after, limit})
+                                         : m_Database->run(kAttention, {after, values.m_MaxAsks, limit});
             break;
         case Filter::kState:
             rows = m_Database->run(kInState, {after, values.m_State, limit});
@@ -211,9 +217,12 @@ std::vector<OrderRow> Store::orders(Filter filter, FilterValues const& values, s
 void Store::add(OrderRow& order) {
     static constexpr char kSql[] =
         "INSERT INTO orders (number, amount, currency, attributes, created_at, newest_attempt)"
-        " VALUES ($1, $2, $3, $4, $5, $6) RETURNING id";
-    order.m_Id = numberIn(m_Database->run(kSql, {order.m_Number, order.m_Amount, order.m_Currency, order.m_Attributes,
-                                                 order.m_CreatedAt, order.m_NewestAttempt}));
+        " VALUES ($1, $2, $3, $4, $5, $6)";
+    // Not by RETURNING, which has SQLite set memory aside for undoing the statement.
+    static constexpr char kId[] = "SELECT id FROM orders WHERE number = $1";
+    m_Database->run(kSql, {order.m_Number, order.m_Amount, order.m_Currency, order.m_Attributes, order.m_CreatedAt,
+                           order.m_NewestAttempt});
+    order.m_Id = numberIn(m_Database->run(kId, {order.m_Number}));
 }
 
 void Store::save(OrderRow const& order) {
@@ -224,13 +233,23 @@ void Store::save(OrderRow const& order) {
                            orNull(order.m_DeliveredAt), orNull(order.m_ReportAt), order.m_Id});
 }
 
-std::optional<AttemptRow> Store::attemptWithToken(std::string const& token) {
-    static constexpr char kSql[] = "SELECT " LEDGER_ATTEMPT_COLUMNS " FROM attempts WHERE token = $1";
+std::optional<Payment> Store::paymentWithToken(std::string const& token) {
+    static constexpr char kSql[] = "SELECT " LEDGER_ATTEMPT_COLUMNS ", " LEDGER_ORDER_COLUMNS
+                                   " FROM attempts LEFT JOIN orders ON orders.id = order_id WHERE token = $1";
     if (!isPlain(token)) {
         return std::nullopt;
     }
     Rows rows = m_Database->run(kSql, {token});
-    return rows.empty() ? std::nullopt : std::optional<AttemptRow>(attemptIn(rows[0]));
+    if (rows.empty()) {
+        return std::nullopt;
+    }
+    std::optional<Payment> payment;
+    payment.emplace().m_Attempt = attemptIn(rows[0]);
+    if (std::holds_alternative<std::monostate>(rows[0].at(kAttemptColumns))) {
+        failForLostOrder(payment->m_Attempt.m_OrderId);
+    }
+    payment->m_Order = orderIn(rows[0], kAttemptColumns);
+    return payment;
 }
 
 AttemptRow Store::attempt(std::int64_t orderId, std::int64_t attempt) {
@@ -258,9 +277,9 @@ void Store::add(AttemptRow const& attempt) {
     static constexpr char kSql[] =
         "INSERT INTO attempts (order_id, attempt, token, state, message, url, created_at, expires_at, due_at)"
         " VALUES ($1, $2, $3, $4, $5, $6, $7, $8, $9)";
-    m_Database->run(
-        kSql, {attempt.m_OrderId, attempt.m_Attempt, attempt.m_Token, std::string(nameOf(attempt.m_State)),
-               attempt.m_Message, attempt.m_Url, attempt.m_CreatedAt, attempt.m_ExpiresAt, orNull(attempt.m_DueAt)});
+    m_Database->run(kSql,
+                    {attempt.m_OrderId, attempt.m_Attempt, attempt.m_Token, nameOf(attempt.m_State), attempt.m_Message,
+                     attempt.m_Url, attempt.m_CreatedAt, attempt.m_ExpiresAt, orNull(attempt.m_DueAt)});
 }
 
 void Store::save(AttemptRow const& attempt) {
@@ -268,11 +287,11 @@ void Store::save(AttemptRow const& attempt) {
         "UPDATE attempts SET state = $1, result = $2, paid_at = $3, payment_id = $4, confirmation = $5, tries = $6,"
         " refusals = $7, last_code = $8, last_reason = $9, due_at = $10, lease_owner = $11,"
         " asks = $12 WHERE order_id = $13 AND attempt = $14";
-    m_Database->run(kSql,
-                    {std::string(nameOf(attempt.m_State)), orNull(attempt.m_Result), orNull(attempt.m_PaidAt),
-                     orNull(attempt.m_PaymentId), orNull(attempt.m_Confirmation), attempt.m_Tries, attempt.m_Refusals,
-                     orNull(attempt.m_LastCode), orNull(attempt.m_LastReason), orNull(attempt.m_DueAt),
-                     orNull(attempt.m_LeaseOwner), attempt.m_Asks, attempt.m_OrderId, attempt.m_Attempt});
+    m_Database->run(
+        kSql, {nameOf(attempt.m_State), orNull(attempt.m_Result), orNull(attempt.m_PaidAt), orNull(attempt.m_PaymentId),
+               orNull(attempt.m_Confirmation), attempt.m_Tries, attempt.m_Refusals, orNull(attempt.m_LastCode),
+               orNull(attempt.m_LastReason), orNull(attempt.m_DueAt), orNull(attempt.m_LeaseOwner), attempt.m_Asks,
+               attempt.m_OrderId, attempt.m_Attempt});
 }
 
 std::optional<AttemptRow> Store::dueAttempt(Time now, Time horizon, Time grace) {
@@ -306,10 +325,9 @@ void Store::add(AttemptRow const& attempt, State from, Event event, Time at, Evi
     static constexpr char kSql[] =
         "INSERT INTO transitions (order_id, attempt, from_state, to_state, event, cause, at, code, message, signature,"
         " key_fingerprint) VALUES ($1, $2, $3, $4, $5, $6, $7, $8, $9, $10, $11)";
-    m_Database->run(
-        kSql, {attempt.m_OrderId, attempt.m_Attempt, std::string(nameOf(from)), std::string(nameOf(attempt.m_State)),
-               std::string(nameOf(event)), evidence.m_Cause, at, orNull(evidence.m_Code), orNull(evidence.m_Message),
-               orNull(evidence.m_Signature), orNull(evidence.m_KeyFingerprint)});
+    m_Database->run(kSql, {attempt.m_OrderId, attempt.m_Attempt, nameOf(from), nameOf(attempt.m_State), nameOf(event),
+                           evidence.m_Cause, at, orNull(evidence.m_Code), orNull(evidence.m_Message),
+                           orNull(evidence.m_Signature), orNull(evidence.m_KeyFingerprint)});
 }
 
 std::vector<TransitionRecord> Store::transitions(std::int64_t orderId) {

@@ -53,6 +53,12 @@ struct AttemptRow {
     std::int64_t m_Asks = 0;
 };
 
+/// An attempt and its order.
+struct Payment {
+    AttemptRow m_Attempt;
+    OrderRow m_Order;
+};
+
 /// What is stored of a transition beside the states.
 struct Evidence {
     std::string m_Cause;
@@ -134,7 +140,7 @@ public:
     void save(OrderRow const& order);
 
     // Attempts.
-    std::optional<AttemptRow> attemptWithToken(std::string const& token);
+    std::optional<Payment> paymentWithToken(std::string const& token);
     AttemptRow attempt(std::int64_t orderId, std::int64_t attempt);
     std::vector<AttemptRow> attempts(std::int64_t orderId);
     void add(AttemptRow const& attempt);

@@ -120,19 +120,17 @@ Rows rowsOf(PGresult const* result) {
 }
 
 /// The parameters as libpq takes them: numbers as text, texts as their bytes.
-class Parameters {
+class Given {
 public:
-    explicit Parameters(Row const& row) {
-        m_Numbers.reserve(row.size());
-        for (Value const& value : row) {
-            auto const* const text = std::get_if<std::string>(&value);
+    explicit Given(Parameters parameters) {
+        m_Numbers.reserve(parameters.size());
+        for (Parameter const& value : parameters) {
+            auto const* const text = std::get_if<std::string_view>(&value);
             auto const* const number = std::get_if<std::int64_t>(&value);
             if (number != nullptr) {
                 m_Numbers.push_back(std::to_string(*number));
             }
-            m_Values.push_back(text != nullptr     ? text->c_str()
-                               : number != nullptr ? m_Numbers.back().c_str()
-                                                   : nullptr);
+            m_Values.push_back(text != nullptr ? text->data() : number != nullptr ? m_Numbers.back().c_str() : nullptr);
             m_Lengths.push_back(text != nullptr ? static_cast<int>(text->size()) : 0);
             m_Formats.push_back(text != nullptr ? kBinary : kText);
         }
@@ -360,7 +358,7 @@ void PostgresqlDatabase::rollback() noexcept {
     }
 }
 
-Rows PostgresqlDatabase::run(char const* statement, Row const& parameters) {
+Rows PostgresqlDatabase::run(char const* statement, Parameters parameters) {
     if (m_Open != Open::kNothing) {
         return runPrepared(statement, parameters);
     }
@@ -390,12 +388,12 @@ PostgresqlDatabase::Result PostgresqlDatabase::execute(char const* sql) {
     return result;
 }
 
-Rows PostgresqlDatabase::runPrepared(char const* statement, Row const& parameters) {
+Rows PostgresqlDatabase::runPrepared(char const* statement, Parameters parameters) {
     if (m_Connection == nullptr) {
         lose("the connection is lost");
     }
     std::string const& name = prepared(statement);
-    Parameters const given(parameters);
+    Given const given(parameters);
     Result const result = lastResult(libpq().sendQueryPrepared(
         m_Connection.get(), name.c_str(), given.count(), given.values(), given.lengths(), given.formats(), kBinary));
     check(result);

@@ -25,7 +25,7 @@ public:
     void begin(Access access) override;
     void commit() override;
     void rollback() noexcept override;
-    Rows run(char const* statement, Row const& parameters) override;
+    Rows run(char const* statement, Parameters parameters) override;
     std::optional<std::int64_t> sharedTime() override;
     void abandon() noexcept override;
 
@@ -47,7 +47,7 @@ private:
     void reconnect();
     void migrate();
     Result execute(char const* sql);
-    Rows runPrepared(char const* statement, Row const& parameters);
+    Rows runPrepared(char const* statement, Parameters parameters);
     std::string const& prepared(char const* statement);
     Result lastResult(int sent);
     void waitForInput(Clock::time_point end);

@@ -20,11 +20,6 @@ Kind columnOf(Row& row, std::size_t index) {
     return std::move(*column);
 }
 
-template <class Kind>
-Value orNull(std::optional<Kind> const& value) {
-    return value ? Value(*value) : Value();
-}
-
 std::optional<RenewalRow> renewalIn(Rows rows) {
     if (rows.empty()) {
         return std::nullopt;

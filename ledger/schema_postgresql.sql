@@ -1,6 +1,7 @@
 -- The tables of an order ledger, version 4, for PostgreSQL. The version stands in ledger_version.
 --
--- Tables and columns are those of schema_1.sql and its successors and mean the same. They stand in a schema of their own, tallowin.
+-- Tables and columns are those of schema_1.sql and its successors and mean the same; version 5 of those changes indexes
+-- that cost nothing worth saving here. They stand in a schema of their own, tallowin.
 -- BYTEA holds bytes that came from elsewhere and need not be text in the encoding of the database; TEXT is plain ASCII.
 
 CREATE TABLE ledger_version (

@@ -69,11 +69,10 @@ ServiceKey const& ServiceKeys::current() {
     return m_Current;
 }
 
-void ServiceKeys::recordCurrent(Time now) {
+ServiceKey const& ServiceKeys::recordCurrent(Time now) {
     ServiceKey const& key = current();
-    std::string const name = key.m_Fingerprint + " " + key.m_KeyId;
-    if (m_Recorded == name) {
-        return;
+    if (m_RecordedFingerprint == key.m_Fingerprint && m_RecordedId == key.m_KeyId) {
+        return key;
     }
     std::optional<ServiceKey> const stored = m_Store.keyWithFingerprint(key.m_Fingerprint);
     if (!stored || stored->m_ReplacedAt || stored->m_KeyId != key.m_KeyId) {
@@ -82,12 +81,15 @@ void ServiceKeys::recordCurrent(Time now) {
             return true;
         });
     }
-    m_Recorded = name;
+    m_RecordedFingerprint = key.m_Fingerprint;
+    m_RecordedId = key.m_KeyId;
+    return key;
 }
 
-std::optional<ServiceKey> ServiceKeys::accepted(std::string const& keyId, Time now, std::int64_t oldSeconds) {
-    if (keyId == current().m_KeyId) {
-        return m_Current;
+std::optional<std::string> ServiceKeys::accepted(std::string const& keyId, Time now, std::int64_t oldSeconds) {
+    ServiceKey const& newest = recordCurrent(now);
+    if (keyId == newest.m_KeyId) {
+        return newest.m_Fingerprint;
     }
     std::optional<ServiceKey> const key = read(keyId);
     std::optional<ServiceKey> const stored =
@@ -96,7 +98,7 @@ std::optional<ServiceKey> ServiceKeys::accepted(std::string const& keyId, Time n
         return std::nullopt;
     }
     bool const isTooOld = stored->m_ReplacedAt && now - *stored->m_ReplacedAt > oldSeconds * kSecond;
-    return isTooOld ? std::nullopt : stored;
+    return isTooOld ? std::nullopt : std::optional<std::string>(stored->m_Fingerprint);
 }
 
 bool ServiceKeys::isOwn(std::string const& keyId) const {

@@ -35,13 +35,13 @@ public:
     /// The current key. Reads files only when they have changed. Throws Failure when there is none.
     ServiceKey const& current();
 
-    /// Records the current key in the store, unless this object has done so before.
-    void recordCurrent(Time now);
+    /// The current key, recorded in the store unless this object has done so before. Throws Failure when there is none.
+    ServiceKey const& recordCurrent(Time now);
 
-    /// The key `keyId`, when it is the service's current one, or an earlier one that was replaced at most `oldSeconds`
-    /// before `now`. The key counts, not its id: the service may give one key another id. Requires: a signature was
-    /// verified with it, so the id names a file in the directory.
-    std::optional<ServiceKey> accepted(std::string const& keyId, Time now, std::int64_t oldSeconds);
+    /// The fingerprint of the key `keyId`, when it is the service's current one, which is recorded, or an earlier one
+    /// that was replaced at most `oldSeconds` before `now`. The key counts, not its id: the service may give one key
+    /// another id. Requires: a signature was verified with it, so the id names a file in the directory.
+    std::optional<std::string> accepted(std::string const& keyId, Time now, std::int64_t oldSeconds);
 
     /// Whether the private half of the key `keyId` is in the directory. Throws Failure when that cannot be seen.
     [[nodiscard]] bool isOwn(std::string const& keyId) const;
@@ -60,7 +60,8 @@ private:
     ServiceKey m_Current;
     FileStamp m_ConfigStamp;  ///< Of the files that m_Current was read from.
     FileStamp m_KeyStamp;
-    std::string m_Recorded;  ///< Fingerprint and id of the key that is recorded as the current one.
+    std::string m_RecordedFingerprint;  ///< Of the key that is recorded as the current one.
+    std::string m_RecordedId;
 };
 
 /// Whether a file of a folder can have the name `keyId`.

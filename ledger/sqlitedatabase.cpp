@@ -110,10 +110,10 @@ std::string const& createdPrivate(std::string const& path) {
     return path;
 }
 
-void bind(sqlite3_stmt* statement, int position, Value const& value) {
+void bind(sqlite3_stmt* statement, int position, Parameter const& value) {
     if (auto const* const number = std::get_if<std::int64_t>(&value)) {
         sqlite3_bind_int64(statement, position, *number);
-    } else if (auto const* const text = std::get_if<std::string>(&value)) {
+    } else if (auto const* const text = std::get_if<std::string_view>(&value)) {
         sqlite3_bind_text64(statement, position, text->data(), text->size(), SQLITE_STATIC, SQLITE_UTF8);
     } else {
         sqlite3_bind_null(statement, position);
@@ -182,8 +182,10 @@ SqliteDatabase::~SqliteDatabase() {
 }
 
 void SqliteDatabase::begin(Access access) {
+    static constexpr char kBeginRead[] = "BEGIN";
+    static constexpr char kBeginWrite[] = "BEGIN IMMEDIATE";
     rollback();  // a transaction that could not be undone before
-    execute(access == Access::kWrite ? "BEGIN IMMEDIATE" : "BEGIN");
+    step(access == Access::kWrite ? kBeginWrite : kBeginRead);
     try {
         requireInPlace();
     } catch (Failure const&) {
@@ -193,7 +195,8 @@ void SqliteDatabase::begin(Access access) {
 }
 
 void SqliteDatabase::commit() {
-    execute("COMMIT");
+    static constexpr char kCommit[] = "COMMIT";
+    step(kCommit);
 }
 
 void SqliteDatabase::rollback() noexcept {
@@ -205,14 +208,14 @@ void SqliteDatabase::rollback() noexcept {
     }
 }
 
-Rows SqliteDatabase::run(char const* statement, Row const& parameters) {
+Rows SqliteDatabase::run(char const* statement, Parameters parameters) {
     if (sqlite3_get_autocommit(m_Connection.get()) != 0) {
         requireInPlace();
     }
     sqlite3_stmt* const compiled = prepared(statement);
     Reset const reset(compiled);
     int position = 0;
-    for (Value const& value : parameters) {
+    for (Parameter const& value : parameters) {
         bind(compiled, ++position, value);
     }
     Rows rows;
@@ -251,6 +254,15 @@ void SqliteDatabase::fail() const {
 
 void SqliteDatabase::check(int result) const {
     if (result != SQLITE_OK) {
+        fail();
+    }
+}
+
+/// Runs a statement without parameters and rows that is run often.
+void SqliteDatabase::step(char const* statement) {
+    sqlite3_stmt* const compiled = prepared(statement);
+    Reset const reset(compiled);
+    if (sqlite3_step(compiled) != SQLITE_DONE) {
         fail();
     }
 }

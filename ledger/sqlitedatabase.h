@@ -14,7 +14,7 @@
 namespace ledger {
 
 /// The version of the tables that this release writes.
-inline constexpr int kSqliteVersion = 4;
+inline constexpr int kSqliteVersion = 5;
 
 /// What leads from each version to the next, from none to the first: ledger/schema_1.sql and its successors.
 extern char const* const kSqliteSchemas[kSqliteVersion];
@@ -28,7 +28,7 @@ public:
     void begin(Access access) override;
     void commit() override;
     void rollback() noexcept override;
-    Rows run(char const* statement, Row const& parameters) override;
+    Rows run(char const* statement, Parameters parameters) override;
     void abandon() noexcept override;
 
 private:
@@ -41,6 +41,7 @@ private:
 
     [[noreturn]] void fail() const;
     void check(int result) const;
+    void step(char const* statement);
     void execute(char const* sql);
     std::int64_t number(char const* sql);
     void requireInPlace();

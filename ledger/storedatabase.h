@@ -8,9 +8,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <variant>
 #include <vector>
 
@@ -25,6 +27,15 @@ using Value = std::variant<std::monostate, std::int64_t, std::string>;
 
 using Row = std::vector<Value>;
 using Rows = std::vector<Row>;
+
+/// What a statement is given: NULL, a number or a text, which is borrowed.
+using Parameter = std::variant<std::monostate, std::int64_t, std::string_view>;
+using Parameters = std::initializer_list<Parameter>;
+
+template <class Kind>
+Parameter orNull(std::optional<Kind> const& value) {
+    return value ? Parameter(*value) : Parameter();
+}
 
 /// The transaction met another one, or lost its connection, and was undone. Run it again from its beginning; the code
 /// is for a caller that gives up.
@@ -54,7 +65,7 @@ public:
     virtual void rollback() noexcept = 0;
 
     /// Runs a statement and returns its rows. May throw Conflict inside a transaction.
-    virtual Rows run(char const* statement, Row const& parameters) = 0;
+    virtual Rows run(char const* statement, Parameters parameters) = 0;
 
     /// The clock that all users of the store share, in milliseconds since 1970; nothing when it is the system's.
     virtual std::optional<std::int64_t> sharedTime() { return std::nullopt; }

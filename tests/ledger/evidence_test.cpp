@@ -48,6 +48,27 @@ TEST_F(LookUp, FiltersByState) {
     }
 }
 
+TEST_F(LookUp, ListsAStateWhetherOrNotTheWorkerHasToLook) {
+    for (char const* number : {"E", "D", "C", "B", "A"}) {
+        begin(number);
+    }
+    ASSERT_EQ(m_Store.run("UPDATE attempts SET state = 'authorised', due_at = 5 WHERE order_id IN (1, 4)"), "");
+    ASSERT_EQ(m_Store.run("UPDATE attempts SET state = 'authorised', due_at = NULL WHERE order_id IN (2, 5)"), "");
+    using Numbers = std::vector<std::string>;
+    EXPECT_EQ(m_Ledger.numbers("authorised"), (Numbers{"E", "D", "B", "A"}));
+    EXPECT_EQ(m_Ledger.numbers("authorised", "", 3), (Numbers{"E", "D", "B"}));
+    EXPECT_EQ(m_Ledger.numbers("authorised", "D", 1), Numbers{"B"});
+    EXPECT_EQ(m_Ledger.numbers("waiting"), Numbers{"C"});
+}
+
+TEST_F(LookUp, ListsEveryOrderForAttentionWhenNoStatusRequestIsToClearUp) {
+    begin("B");
+    begin("A");
+    EXPECT_EQ(m_Ledger.numbers("attention"), std::vector<std::string>{});
+    m_Ledger.option("MAXASKS", "0");
+    EXPECT_EQ(m_Ledger.numbers("attention"), (std::vector<std::string>{"B", "A"}));
+}
+
 TEST_F(LookUp, RefusesWhatItCannotFind) {
     begin("A-17");
     struct Case {

@@ -28,6 +28,17 @@ public:
 
     [[nodiscard]] int run(char const* sql) const { return sqlite3_exec(m_Connection, sql, nullptr, nullptr, nullptr); }
 
+    /// The first column of all rows.
+    [[nodiscard]] std::vector<std::string> column(char const* sql) const {
+        std::vector<std::string> texts;
+        auto const add = [](void* list, int, char** values, char**) {
+            static_cast<std::vector<std::string>*>(list)->emplace_back(values[0] == nullptr ? "NULL" : values[0]);
+            return 0;
+        };
+        EXPECT_EQ(sqlite3_exec(m_Connection, sql, add, &texts, nullptr), SQLITE_OK) << sqlite3_errmsg(m_Connection);
+        return texts;
+    }
+
 private:
     sqlite3* m_Connection = nullptr;
 };
@@ -89,6 +100,9 @@ TEST_F(StoreFile, OfAnOlderReleaseIsMigratedWithWhatItHolds) {
     ASSERT_EQ(Stranger(old).run("INSERT INTO orders VALUES (1, 'A-1', '1.00', 'EUR', '{}', 1, 1, 1, NULL);"
                                 "INSERT INTO attempts (order_id, attempt, token, state, message, url, created_at,"
                                 " expires_at, paid_at) VALUES (1, 1, 'T', 'captured', 'm', 'u', 1, 2, 3);"
+                                "INSERT INTO transitions VALUES (7, 1, 1, 'opened', 'waiting', 'begun', 'merchant', 1,"
+                                " NULL, 'm', NULL, NULL), (9, 1, 1, 'waiting', 'captured', 'found_captured', 'worker',"
+                                " 3, 0, 'c', 's', 'f');"
                                 "PRAGMA user_version = 1"),
               SQLITE_OK);
     LedgerHandle ledger;
@@ -97,7 +111,40 @@ TEST_F(StoreFile, OfAnOlderReleaseIsMigratedWithWhatItHolds) {
     EXPECT_EQ(ledger.state("A-1"), "captured");
     EXPECT_EQ(ledger.nextPaid(), std::vector<std::string>{"A-1"});
     EXPECT_EQ(ledger.numbers("undelivered"), std::vector<std::string>{"A-1"});
+    EXPECT_EQ(ledger.numbers("captured"), std::vector<std::string>{"A-1"});
     EXPECT_EQ(ledger.open("sqlite:" + old, account()), KVX_OK) << "once";
+    EXPECT_EQ(Stranger(old).column("SELECT sequence || ' ' || order_id || ' ' || attempt || ' ' || from_state || ' ' ||"
+                                   " to_state || ' ' || event || ' ' || cause || ' ' || at || ' ' || COALESCE(code, '')"
+                                   " || message || COALESCE(signature || key_fingerprint, '') FROM transitions"
+                                   " WHERE sequence < 10 ORDER BY sequence"),
+              (std::vector<std::string>{"7 1 1 opened waiting begun merchant 1 m",
+                                        "9 1 1 waiting captured found_captured worker 3 0csf"}));
+    EXPECT_NE(Stranger(old).run("UPDATE transitions SET cause = ''"), SQLITE_OK);
+    EXPECT_NE(Stranger(old).run("DELETE FROM transitions"), SQLITE_OK);
+    EXPECT_EQ(Stranger(old).column("PRAGMA foreign_key_check"), std::vector<std::string>());
+}
+
+TEST_F(StoreFile, GetsFewPagesWithACommit) {
+    constexpr std::uintmax_t kFrame = 24 + 4096;  // a page in the log
+    auto const logged = [&] { return std::filesystem::file_size(path() + "-wal"); };
+    static_cast<void>(m_Ledger.url());
+    std::string const paid = says("authorised");
+    std::uintmax_t const begun = logged();
+    EXPECT_EQ(confirm(paid).m_Outcome, "PAID_NOW");
+    EXPECT_LE(logged() - begun, 6 * kFrame) << "order, attempt and evidence, two indexes, and the first page";
+    Purchase next;
+    next.m_Number = "A-18";
+    std::uintmax_t const confirmed = logged();
+    static_cast<void>(m_Ledger.url(next));
+    EXPECT_LE(logged() - confirmed, 11 * kFrame);
+}
+
+TEST_F(StoreFile, IsNotUsedWithAnAttemptThatHasLostItsOrder) {
+    static_cast<void>(m_Ledger.url());
+    std::string const paid = says("authorised");
+    ASSERT_EQ(Stranger(path()).run("DELETE FROM orders"), SQLITE_OK);
+    EXPECT_EQ(confirm(paid).m_Code, KVX_E_LEDGER_DAMAGED);
+    EXPECT_NE(lastLedgerError().find("has lost order 1"), std::string::npos) << lastLedgerError();
 }
 
 TEST_F(StoreFile, BelongsToOneAccount) {
