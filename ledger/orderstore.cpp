@@ -58,9 +58,10 @@ private:
     std::size_t m_Next;
 };
 
-#define LEDGER_ORDER_COLUMNS                                                                           \
-    "orders.id, orders.number, orders.amount, orders.currency, orders.attributes, orders.created_at, " \
-    "orders.newest_attempt, orders.paid_attempt, orders.told_at, orders.delivered_at, orders.report_at"
+#define LEDGER_FURTHER_ORDER_COLUMNS                                                        \
+    ", orders.number, orders.amount, orders.currency, orders.attributes, orders.created_at" \
+    ", orders.newest_attempt, orders.paid_attempt, orders.told_at, orders.delivered_at, orders.report_at"
+#define LEDGER_ORDER_COLUMNS "orders.id" LEDGER_FURTHER_ORDER_COLUMNS
 
 #define LEDGER_ATTEMPT_COLUMNS                                                                                      \
     "order_id, attempt, token, state, message, url, attempts.created_at, expires_at, result, paid_at, payment_id, " \
@@ -173,13 +174,16 @@ std::vector<OrderRow> Store::orders(Filter filter, FilterValues const& values, s
                                          " UNION ALL SELECT order_id FROM attempts WHERE asks > 0 AND asks >= $2"
                                          " UNION ALL SELECT order_id FROM attempts"
                                          " WHERE due_at >= 0 AND NOT " LEDGER_STATE_IS_KNOWN ") ORDER BY id LIMIT $3";
-    // Each attempt stands in one of two indexes, by whether something is due of it.
+    // Each attempt stands in one of two indexes, by whether something is due of it. Both halves come in the order of
+    // the ids; of the first, which may be large, SQLite reads only the rows of the page.
     static constexpr char kInState[] =
-        "SELECT " LEDGER_ORDER_COLUMNS
+        "SELECT order_id" LEDGER_FURTHER_ORDER_COLUMNS
+        " FROM attempts CROSS JOIN orders WHERE order_id > $1 AND due_at IS NULL AND state = $2"
+        " AND id = order_id AND attempt = COALESCE(paid_attempt, newest_attempt)"
+        " UNION ALL SELECT " LEDGER_ORDER_COLUMNS
         " FROM orders JOIN attempts ON order_id = id AND attempt = COALESCE(paid_attempt, newest_attempt)"
-        " WHERE order_id > $1 AND due_at IS NULL AND state = $2 UNION ALL SELECT " LEDGER_ORDER_COLUMNS
-        " FROM orders JOIN attempts ON order_id = id AND attempt = COALESCE(paid_attempt, newest_attempt)"
-        " WHERE order_id > $1 AND due_at IS NOT NULL AND state = $2 ORDER BY 1 LIMIT $3";
+        " WHERE id > $1 AND due_at >= 0 AND state = $2"
+        " AND id IN (SELECT order_id FROM attempts WHERE due_at >= 0 AND state = $2) ORDER BY 1 LIMIT $3";
     Rows rows;
     switch (filter) {
         case Filter::kAll:
@@ -311,7 +315,7 @@ std::optional<AttemptRow> Store::dueAttempt(Time now, Time horizon, Time grace) 
 
 void Store::wakeDoubtful(Time now, std::int64_t captures, std::int64_t completions) {
     static constexpr char kSql[] =
-        "UPDATE attempts SET due_at = $1 WHERE due_at IS NULL"
+        "UPDATE attempts SET due_at = $1 WHERE due_at IS NULL AND state IN ('unknown', 'completion_unknown')"
         " AND ((state = 'unknown' AND refusals < $2) OR (state = 'completion_unknown' AND refusals < $3))";
     m_Database->run(kSql, {now, captures, completions});
 }
