@@ -43,7 +43,7 @@ void KVXCIMPL_MessageObject::GetAttribute(TbString const& name, TbString& value)
 void KVXCIMPL_MessageObject::GetURL(TbString& url) {
     // Deliberate (url-before-refusal): the URL is computed first and the check follows. For an object that may not hand
     // one out, both a computed URL and a failure to compute one end in the same refusal.
-    TbString computed;
+    TbUncountedString computed;
     try {
         m_Message.GetURL(computed);
     } catch (KVX_Exception const&) {
@@ -100,7 +100,7 @@ int32_t MessageObject_SetAttribute(KVX_HANDLE handle, char const* name, char con
 
 int32_t MessageObject_GetAttribute(KVX_HANDLE handle, char const* name, int32_t* size, char* buffer) {
     return kvxCall<KVXCIMPL_MessageObject>(handle, [&](auto& object) {
-        TbString value;
+        TbUncountedString value;
         object.GetAttribute(TbBorrowed(name), value);
         return kvxCopyOut(value.c_str(), size, buffer);
     });
@@ -108,7 +108,7 @@ int32_t MessageObject_GetAttribute(KVX_HANDLE handle, char const* name, int32_t*
 
 int32_t MessageObject_GetURL(KVX_HANDLE handle, int32_t* size, char* buffer) {
     return kvxCall<KVXCIMPL_MessageObject>(handle, [&](auto& object) {
-        TbString url;
+        TbUncountedString url;
         object.GetURL(url);
         return kvxCopyOut(url.c_str(), size, buffer);
     });

@@ -159,13 +159,13 @@ void KVX_Message::GetAttribute(TbString const& name, TbString& value) {
 
 void KVX_Message::GetURL(TbString& url) {
     requireElement(kvx::kLineUrlNoElement);
-    TbStringStream text;
+    TbUncountedStream text;
     m_Element->toStream(text);
     TbLongString baseUrl;
     requireConfigured(TbBorrowed("VTURL"), kvx::kLineUrlNoConfiguration, baseUrl);
     KvxSignatureText signature;
     signAs(boundContext(), text.str(), m_KeyId, signature);
-    TbString result;  // whatever the caller's string holds must not cut the URL short
+    TbUncountedString result;  // whatever the caller's string holds must not cut the URL short
     boundContext().composeUrl(baseUrl, text, signature, result);
     TbInPlaceText::handOver(result, url);
 }
@@ -173,13 +173,13 @@ void KVX_Message::GetURL(TbString& url) {
 xmlElementPtr KVX_Message::sendSigned(TbString const& captureUrl, TbStringStream& text, TbString const& expectedType) {
     KvxSignatureText signature;
     signAs(boundContext(), text.str(), m_KeyId, signature);
-    TbStringStream responseText;
+    TbUncountedStream responseText;
     return boundContext().exchange(captureUrl, text, signature, expectedType, responseText);
 }
 
 void KVX_Message::Capture() {
     requireElement(kvx::kLineCaptureNoElement);
-    TbStringStream text;
+    TbUncountedStream text;
     m_Element->toStream(text);
     TbLongString captureUrl;
     requireConfigured(TbBorrowed("CAPTUREURL"), kvx::kLineCaptureNoUrl, captureUrl);
@@ -197,7 +197,7 @@ void KVX_Message::Request(KVX_Message& response) {
     m_Element->getAttribute(TbBorrowed("MSGTYPE"), type);
     // Deliberate (request-keeps-type): the type stays changed, whatever follows.
     m_Element->setAttribute(TbBorrowed("MSGTYPE"), type + "Request");
-    TbStringStream text;
+    TbUncountedStream text;
     m_Element->toStream(text);
     TbLongString captureUrl;
     requireConfigured(TbBorrowed("CAPTUREURL"), kvx::kLineRequestNoUrl, captureUrl);
@@ -208,7 +208,7 @@ bool KVX_Message::ToString(TbString& text) const {
     if (m_Element.get() == nullptr) {
         return false;
     }
-    TbStringStream out;
+    TbUncountedStream out;
     m_Element->toStream(out);
     text = out.str();
     return true;

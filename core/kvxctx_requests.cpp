@@ -73,7 +73,7 @@ void KVX_Context::composeUrl(TbString const& baseUrl, TbStringStream const& mess
     std::uint32_t const remainder = std::min(count, baseUrl.length() - begin);
     bool const hasCredentials = !m_UserName.isEmpty() || !m_Password.isEmpty();
 
-    TbString result;
+    TbUncountedString result;
     result.joinSecrecyOf(baseUrl);
     result.joinSecrecyOf(m_UserName);
     result.joinSecrecyOf(m_Password);

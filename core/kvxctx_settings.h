@@ -7,18 +7,18 @@
 #include <cstdint>
 
 #include "core/kvxlog.h"
-#include "foundation/tbstring.h"
+#include "foundation/tblocalstring.h"
 #include "net/kvxtransfer.h"
 #include "xml/xmllimits.h"
 
 /// The merchant's local settings. Every default is the plain behaviour.
 struct KVX_Settings {
-    TbString m_ProxyHost;               ///< Empty: no proxy.
-    TbString m_ProxyPort;               ///< Decimal text; "8080" when the settings name a proxy without a port.
-    TbString m_Trace;                   ///< Free text; "rawhttp" in it prints the raw exchange. Empty when absent.
+    TbUncountedString m_ProxyHost;      ///< Empty: no proxy.
+    TbUncountedString m_ProxyPort;      ///< Decimal text; "8080" when the settings name a proxy without a port.
+    TbUncountedString m_Trace;          ///< Free text; "rawhttp" in it prints the raw exchange. Empty when absent.
     KVX_Transfer m_Transfer;            ///< Of every exchange.
     xmlLimits m_Documents;              ///< Of every document but "settings.xml" itself.
-    TbString m_KeyPin;                  ///< SHA-256 of the one server key accepted, in lower-case digits; empty: any.
+    TbUncountedString m_KeyPin;         ///< SHA-256 of the one server key accepted, in lower-case digits; empty: any.
     std::uint32_t m_MinKeyBits = 0;     ///< Of the server's key; 0: any.
     bool m_HasStrictKeys = false;       ///< Refuse responses that would leave the account unusable.
     bool m_HasStrictConfirm = false;    ///< A confirmation is a "PayConfirm" under a key that is not the merchant's.
@@ -34,7 +34,7 @@ struct KVX_Settings {
 
 /// The log that settings ask for; not among them, because they are read more often than written.
 struct KvxLogRequest {
-    TbString m_File;                       ///< Empty: no log.
+    TbUncountedString m_File;              ///< Empty: no log.
     std::uint32_t m_Bytes = kKvxLogBytes;  ///< At which it is renamed; 0: never.
 };
 

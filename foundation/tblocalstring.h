@@ -1,15 +1,33 @@
-/// Strings of a function's own, without an allocation. Internal: not installed.
+/// Strings of a function's own, without an allocation and without a count. Internal: not installed.
 #ifndef TALLOWIN_FOUNDATION_TBLOCALSTRING_H
 #define TALLOWIN_FOUNDATION_TBLOCALSTRING_H
 
 #include "foundation/tbinplace.h"
 #include "tallowin/tbstringstream.h"
 
+/// A string that is not counted as living.
+class TbUncountedString : public TbString {
+public:
+    TbUncountedString() noexcept : TbString(TbUncounted{}) {}
+    TbUncountedString(TbUncountedString const& other) : TbUncountedString() { assign(other); }
+    TbUncountedString& operator=(TbUncountedString const&) = default;
+    using TbString::operator=;
+};
+
+/// A stream that is not counted as living.
+class TbUncountedStream : public TbStringStream {
+public:
+    TbUncountedStream() noexcept : TbStringStream(TbUncounted{}) {}
+    TbUncountedStream(TbUncountedStream const&) = delete;
+    TbUncountedStream& operator=(TbUncountedStream const&) = delete;
+    using TbString::operator=;
+};
+
 /// A string around a text that it does not copy, for the calls that take strings: a literal, or a caller's argument.
 ///
 /// The text must outlive it and not change. Secret when the text is; its end leaves that text alone. Made to be read:
 /// clearing or appending to a secret one would wipe the owner's text.
-class TbBorrowed final : public TbString {
+class TbBorrowed final : public TbUncountedString {
 public:
     /// NUL-terminated `text`; null counts as "". Raises KVX_E_OUT_OF_MEMORY (TBFC_Exception) for one whose length would
     /// not fit 32 bits with the slack, as copying it does.
@@ -39,7 +57,7 @@ private:
 };
 
 /// The same as a stream that has been written and is to be read.
-class TbBorrowedStream final : public TbStringStream {
+class TbBorrowedStream final : public TbUncountedStream {
 public:
     explicit TbBorrowedStream(TbString const& text) {
         TbInPlaceText::lend(*this, const_cast<char*>(text.c_str()), text.length());
@@ -54,7 +72,7 @@ public:
 
 /// A string whose texts lie in itself while they are shorter than `kRoom` bytes.
 template <std::uint16_t kRoom>
-class TbLocalString : public TbString {
+class TbLocalString : public TbUncountedString {
 public:
     TbLocalString() noexcept {
         static_assert(sizeof(TbLocalString) >= TbInPlaceText::sizeWithRoom(kRoom));

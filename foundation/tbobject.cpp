@@ -9,7 +9,9 @@
 std::int32_t TbRefCounter::m_nTotalRef = 0;
 
 TbRefCounter::~TbRefCounter() {
-    countLiving(-1);
+    if (m_RefCount != kUncounted) {
+        countLiving(-1);
+    }
 }
 
 void* TbRefCounter::operator new(std::size_t bytes) {

@@ -17,6 +17,10 @@ using TbAllocator = void (*)(TbObject** slot);
 /// Marks an object that its maker counts as living, in one step with others.
 struct TbCountedByMaker {};
 
+/// Marks an object of the library's own that begins and ends within one call: it is never counted as living. All
+/// threads share that number, and changing it for every string on a stack would have them wait for each other.
+struct TbUncounted {};
+
 /// The root: counts the references to itself, and all living objects together.
 ///
 /// A new object has count 0 and belongs to its creator until a TbPtr takes it. One object may be used by one thread at
@@ -46,8 +50,8 @@ public:
     /// References held now.
     [[nodiscard]] std::int32_t refCount() const noexcept { return m_RefCount; }
 
-    /// Number of living objects of all derived classes, embedded ones included. Returns to its start when nothing
-    /// leaks.
+    /// Number of living objects of all derived classes, embedded ones included, save those that a call of the library
+    /// makes for itself. Returns to its start when nothing leaks.
     static std::int32_t m_nTotalRef;
 
     /// Raise KVX_E_OUT_OF_MEMORY (TBFC_Exception) instead of std::bad_alloc.
@@ -59,15 +63,19 @@ public:
 
 protected:
     explicit TbRefCounter(TbCountedByMaker) noexcept {}
+    explicit TbRefCounter(TbUncounted) noexcept : m_RefCount(kUncounted) {}
 
 private:
     friend struct TbMapEntry;
+
+    /// In m_RefCount: an object that nobody counts, and that takes no references.
+    static constexpr std::int32_t kUncounted = INT32_MIN;
 
     static void countLiving(std::int32_t change) noexcept {
         __atomic_fetch_add(&m_nTotalRef, change, __ATOMIC_RELAXED);
     }
 
-    std::int32_t m_RefCount = 0;  ///< Never negative.
+    std::int32_t m_RefCount = 0;  ///< Never negative, but for kUncounted.
 };
 
 /// An object that knows its class: name, factory and copying.
@@ -93,6 +101,7 @@ public:
 
 protected:
     explicit TbObject(TbCountedByMaker how) noexcept : TbRefCounter(how) {}
+    explicit TbObject(TbUncounted how) noexcept : TbRefCounter(how) {}
 };
 
 /// An object that can be ordered. Containers call both operators; here both return false.
@@ -112,6 +121,7 @@ public:
 
 protected:
     explicit TbFindable(TbCountedByMaker how) noexcept : TbObject(how) {}
+    explicit TbFindable(TbUncounted how) noexcept : TbObject(how) {}
 };
 
 /// The body of every class's `allocate`.

@@ -154,6 +154,7 @@ public:
 
 protected:
     explicit TbString(TbCountedByMaker how) noexcept : TbFindable(how) {}
+    explicit TbString(TbUncounted how) noexcept : TbFindable(how) {}
 
 private:
     friend class TbStringWriter;

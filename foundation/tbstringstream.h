@@ -85,6 +85,9 @@ public:
     /// All text written, read or not.
     [[nodiscard]] TbString const& str() const { return *this; }
 
+protected:
+    explicit TbStringStream(TbUncounted how) noexcept : TbString(how) {}
+
 private:
     std::uint32_t m_ReadPosition = 0;  ///< Index of the next byte to be read.
     bool m_AtEnd = true;               ///< Set by a read that found nothing; cleared by every write.

@@ -29,7 +29,7 @@ xmlWriter::~xmlWriter() {
 }
 
 void xmlWriter::write(xmlElement const& element) {
-    m_Out.put(TbString());             // what is written is readable, even if it is nothing
+    m_Out.put(nullptr, 0);             // what is written is readable, even if it is nothing
     xmlPointers<xmlChild const> open;  // the way from this element down to the one being written
     writeHead(element);
     xmlChild const* child = firstChildOf(element);

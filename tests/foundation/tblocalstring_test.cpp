@@ -192,6 +192,38 @@ TEST(TbLocalString, LeavesNoBytesOfASecretBehind) {
     }
 }
 
+TEST(LocalStrings, AreNotCountedAsLiving) {
+    std::int32_t const start = TbRefCounter::m_nTotalRef;
+    {
+        TbString const counted("text");
+        TbBorrowed const borrowed("text");
+        TbBorrowedStream const borrowedStream(counted);
+        TbShortString local;
+        local = counted;
+        TbUncountedString const uncounted;
+        TbUncountedString const copy(uncounted);
+        TbUncountedStream const stream;
+        EXPECT_EQ(TbRefCounter::m_nTotalRef, start + 1) << "the one that is counted";
+        TbString const outside(local);
+        EXPECT_EQ(outside, "text");
+        EXPECT_EQ(TbRefCounter::m_nTotalRef, start + 2) << "a copy for others";
+    }
+    EXPECT_EQ(TbRefCounter::m_nTotalRef, start);
+}
+
+TEST(TbUncountedString, IsCopiedAndAssignedWithItsSecrecy) {
+    TbUncountedString text;
+    text = TbString("text");
+    text.keepSecret();
+    TbUncountedString const copy(text);
+    TbUncountedString assigned;
+    assigned = copy;
+    EXPECT_EQ(copy, "text");
+    EXPECT_EQ(assigned, "text");
+    EXPECT_TRUE(copy.isSecret());
+    EXPECT_TRUE(assigned.isSecret());
+}
+
 TEST(TbInPlaceText, HandsTheMemoryOver) {
     std::string const bytes(100, 'x');
     TbString source(bytes.c_str());
