@@ -30,15 +30,14 @@ KvxPaymentDefaults::KvxPaymentDefaults(KVX_Context& account) {
 }
 
 void KvxPaymentDefaults::timeToLive(TbString& seconds) const {
-    bool const isSet =
-        m_Document.get() != nullptr && xmlGetAttributeEx(m_Document.get(), TbBorrowed("PAYINITTTL"), seconds);
+    bool const isSet = m_Document != nullptr && xmlGetAttributeEx(m_Document.get(), TbBorrowed("PAYINITTTL"), seconds);
     if (!isSet || seconds.isEmpty()) {
         seconds = TbBorrowed(kDefaultTtl);
     }
 }
 
 void KvxPaymentDefaults::copyTo(KVX_Message& message) const {
-    if (m_Document.get() == nullptr) {
+    if (m_Document == nullptr) {
         return;
     }
     for (char const* const* name = AttributeNames; *name != nullptr; ++name) {

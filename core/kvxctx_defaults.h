@@ -3,7 +3,7 @@
 #define TALLOWIN_CORE_KVXCTX_DEFAULTS_H
 
 #include "core/kvxctx.h"
-#include "xml/xmlelement.h"
+#include "xml/xmlholder.h"
 
 /// The file "default.xml", read once for one payment.
 class KvxPaymentDefaults {
@@ -19,7 +19,7 @@ public:
     void copyTo(KVX_Message& message) const;
 
 private:
-    xmlElementPtr m_Document;  ///< Empty without a file.
+    xmlHolder m_Document;  ///< Empty without a file.
 };
 
 #endif

@@ -24,6 +24,7 @@
 #include "xml/xmlholder.h"
 #include "xml/xmlparser.h"
 #include "xml/xmlquery.h"
+#include "xml/xmltop.h"
 
 namespace {
 
@@ -61,6 +62,12 @@ KvxCause notWritable(TbString const& directory, TbString const& file, int error)
     return cause;
 }
 
+xmlHolder newRequest(TbString const& msgType) {
+    xmlHolder document = kvxNewDocument();
+    document->setAttribute(TbBorrowed("MSGTYPE"), msgType);
+    return document;
+}
+
 /// New private keys are created readable by their owner alone, unless the merchant asks for another mode.
 KvxWriteOptions optionsOf(KVX_Settings const& settings, TbString const& file) {
     KvxWriteOptions options;
@@ -74,26 +81,25 @@ KvxWriteOptions optionsOf(KVX_Settings const& settings, TbString const& file) {
 
 }  // namespace
 
-xmlElementPtr kvxParseDocument(TbStringStream& in, xmlLimits const& limits, TbString const& file) {
-    xmlElement* parsed = nullptr;
-    if (int const result = xmlParseWithin(limits, in, &parsed); result != 0) {
+xmlHolder kvxParseDocument(TbStringStream& in, xmlLimits const& limits, TbString const& file) {
+    xmlTop document;
+    if (int const result = xmlParseWithin(limits, in, document); result != 0) {
         kvx::kSourceCtx.failBecause(textCause(in, result), KVX_E_INVALID_FORMAT, kvx::kLineParse, file);
     }
-    xmlElementPtr const document = xmlAdopt(parsed);
     xmlElement* root = nullptr;
-    if (!document->getChild(TbBorrowed(kRootTag), 0, &root)) {
+    if (!document.getChild(TbBorrowed(kRootTag), 0, &root)) {
         kvx::kSourceCtx.failBecause(textCause(in, 0), KVX_E_INVALID_FORMAT, kvx::kLineNoKvxElement, file);
     }
-    return xmlAdopt(root);
+    return xmlHolder(root);
 }
 
-xmlElementPtr kvxParseDocument(TbString const& text, xmlLimits const& limits, TbString const& file) {
+xmlHolder kvxParseDocument(TbString const& text, xmlLimits const& limits, TbString const& file) {
     TbBorrowedStream stream(text);
     return kvxParseDocument(stream, limits, file);
 }
 
-xmlElementPtr kvxNewDocument() {
-    return xmlElementPtr(xmlAccess::create({kRootTag, sizeof kRootTag - 1}, kUsualAttributes, kUsualBytes));
+xmlHolder kvxNewDocument() {
+    return xmlHold(xmlAccess::create({kRootTag, sizeof kRootTag - 1}, kUsualAttributes, kUsualBytes));
 }
 
 void KVX_Context::XmlFromStream(TbStringStream& in, xmlElement** out) {
@@ -105,13 +111,11 @@ void KVX_Context::XmlFromString(TbString const& text, xmlElement** out) {
 }
 
 xmlElementPtr KVX_Context::request(TbString const& msgType) {
-    xmlElementPtr const document = kvxNewDocument();
-    document->setAttribute(TbBorrowed("MSGTYPE"), msgType);
-    return document;
+    return xmlAdopt(newRequest(msgType).release());
 }
 
 std::int32_t KVX_Context::XmlCreateRequest(TbString const& msgType, xmlElement** out) {
-    xmlHandOut(request(msgType), out);
+    xmlHandOut(newRequest(msgType), out);
     return 0;
 }
 
@@ -184,7 +188,7 @@ bool KVX_Context::findValue(TbString const& file, TbString const& content, TbStr
         value = content;
         return true;
     }
-    xmlElementPtr const root = kvxParseDocument(content, settingsForLocalWork().m_Documents, file);
+    xmlHolder const root = kvxParseDocument(content, settingsForLocalWork().m_Documents, file);
     return xmlGetAttributeEx(root.get(), name, value) && !value.isEmpty();
 }
 
@@ -222,7 +226,7 @@ void KVX_Context::SetValue(TbString const& file, TbString const& name, TbString 
     if (settings.m_HasStrictNames && !kvxIsReadableName(name)) {
         kvx::kSourceCtx.failBecause(kvxNameCause(name), KVX_E_INVALID_OPTION, kvx::kLineSetValueName);
     }
-    xmlElementPtr root;
+    xmlHolder root;
     try {
         root = kvxParseDocument(text, settings.m_Documents, create ? TbString() : file);
     } catch (KVX_Exception const&) {  // the text is no document

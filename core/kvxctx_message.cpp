@@ -110,7 +110,7 @@ void KVX_Message::Open(KVX_Context* context, TbString const& data, TbString cons
     m_Context = context;
     KVX_Context& account = boundContext();
     KVX_Settings const settings = account.settingsForVerification();
-    xmlElementPtr const element = kvxParseDocument(data, settings.m_Documents);
+    xmlHolder element = kvxParseDocument(data, settings.m_Documents);
     if (signature.isEmpty()) {
         kvx::kSourceCtx.fail(KVX_E_MISSING_SIGNATURE, kvx::kLineMissingSignature);
     }
@@ -139,7 +139,7 @@ void KVX_Message::Open(KVX_Context* context, TbString const& data, TbString cons
     if (isConfirmation) {
         element->setAttribute(TbBorrowed("CONFIGPATH"), account.path());
     }
-    m_Element = element;
+    m_Element.adopt(element.release());
 }
 
 void KVX_Message::SetAttribute(TbString const& name, TbString const& value) {
@@ -217,6 +217,6 @@ bool KVX_Message::ToString(TbString& text) const {
 void KVX_Message::FromString(TbString const& text) {
     m_Element.reset();
     KVX_Context& account = boundContext();  // a message without one is refused, whatever the text
-    m_Element = kvxParseDocument(text, account.settingsForLocalWork().m_Documents);
+    m_Element.adopt(kvxParseDocument(text, account.settingsForLocalWork().m_Documents).release());
     m_Element->setAttribute(TbBorrowed("KEYID"), m_KeyId);
 }

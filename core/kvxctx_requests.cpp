@@ -122,7 +122,7 @@ xmlElementPtr KVX_Context::exchange(TbString const& baseUrl, TbStringStream& mes
     xmlLimits const limits = settingsForVerification().m_Documents;
     StreamFromURL(url, responseText);
     try {
-        xmlElementPtr response = kvxParseDocument(responseText, limits);
+        xmlElementPtr response = xmlAdopt(kvxParseDocument(responseText, limits).release());
         CheckResponseMsgType(response.get(), expectedType);
         return response;
     } catch (KVX_Exception const& failure) {

@@ -188,7 +188,7 @@ KVX_Settings kvxSettingsIn(TbString const& text) {
 }
 
 KVX_Settings kvxSettingsIn(TbString const& text, KvxLogRequest& log) {
-    xmlElementPtr const document = kvxParseDocument(text, {}, kvx::kSettingsFile);
+    xmlHolder const document = kvxParseDocument(text, {}, kvx::kSettingsFile);
     xmlElement& root = *document.get();
     bool hasProfile = false;
     readCheck(root, "PROFILE", hasProfile);  // "strict"; a misspelt one too

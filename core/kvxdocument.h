@@ -4,18 +4,19 @@
 
 #include <cstddef>
 
-#include "xml/xmlelement.h"
+#include "foundation/tblocalstring.h"
+#include "xml/xmlholder.h"
 #include "xml/xmllimits.h"
 
 /// Parses `in` and returns its first top-level "KVX" element.
 /// KVX_E_INVALID_FORMAT (KVX_Exception): no document, none with that element, or one beyond `limits`. The text of the
 /// exception names `file`, the file of the directory that holds the document; empty for one from outside.
-[[nodiscard]] xmlElementPtr kvxParseDocument(TbStringStream& in, xmlLimits const& limits = {},
-                                             TbString const& file = TbString());
+[[nodiscard]] xmlHolder kvxParseDocument(TbStringStream& in, xmlLimits const& limits = {},
+                                         TbString const& file = TbUncountedString());
 
 /// The same from a string.
-[[nodiscard]] xmlElementPtr kvxParseDocument(TbString const& text, xmlLimits const& limits = {},
-                                             TbString const& file = TbString());
+[[nodiscard]] xmlHolder kvxParseDocument(TbString const& text, xmlLimits const& limits = {},
+                                         TbString const& file = TbUncountedString());
 
 /// Whether the attribute value `value` is `word`, as TbString compares two strings, without making a second one.
 template <std::size_t kSize>
@@ -24,6 +25,6 @@ template <std::size_t kSize>
 }
 
 /// A new "KVX" element without attributes.
-[[nodiscard]] xmlElementPtr kvxNewDocument();
+[[nodiscard]] xmlHolder kvxNewDocument();
 
 #endif

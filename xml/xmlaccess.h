@@ -27,6 +27,9 @@ public:
     /// The children of `element`; the list is made when there is none yet.
     [[nodiscard]] static xmlChildren& childrenOf(xmlElement& element);
 
+    /// Makes `children`, an embedded list, the one of `element`, which has none yet.
+    static void setChildren(xmlElement& element, xmlChildren* children) noexcept { element.m_Children = children; }
+
     /// The place of `element` in the list of its first parent; null when that is not in its block. Borrowed.
     [[nodiscard]] static xmlChild* embeddedChildOf(xmlElement& element) noexcept {
         bool const isBlock = element.m_Tag != nullptr && element.m_Tag->m_IsEmbedded;

@@ -129,7 +129,7 @@ bool xmlElement::getAttribute(TbString const& name, TbString& value) const {
 }
 
 void xmlElement::insertChild(xmlElement* child) {
-    xmlElementPtr const holder(child);
+    xmlHolder const holder = xmlHold(child);
     xmlAccess::childrenOf(*this).append(child);
     child->m_Parent = this;
 }
@@ -138,8 +138,8 @@ bool xmlElement::removeChild(TbString const& tag, long index) {
     if (m_Children == nullptr || index < 0) {
         return false;
     }
-    xmlElementPtr const child = xmlAdopt(m_Children->remove(xmlSliceOf(tag), static_cast<unsigned long>(index)));
-    if (child.get() == nullptr) {
+    xmlHolder const child(m_Children->remove(xmlSliceOf(tag), static_cast<unsigned long>(index)));
+    if (child == nullptr) {
         return false;
     }
     if (child->m_Parent == this) {

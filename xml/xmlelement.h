@@ -140,6 +140,9 @@ public:
 
     static void allocate(TbObject** slot);
 
+protected:
+    explicit xmlElement(TbUncounted how) noexcept : TbFindable(how) {}
+
 private:
     friend class xmlAccess;
     friend class xmlElementEnum;

@@ -16,4 +16,8 @@ struct xmlLimits {
 /// the first element that is too deep.
 [[nodiscard]] int xmlParseWithin(xmlLimits const& limits, TbStringStream& in, xmlElement** out);
 
+/// The same with an element of the caller's, borrowed: the top-level elements become its children, on failure those
+/// that were read.
+[[nodiscard]] int xmlParseWithin(xmlLimits const& limits, TbStringStream& in, xmlElement& top);
+
 #endif

@@ -8,6 +8,7 @@
 #include "xml/xmlparser.h"
 
 #include <cstring>
+#include <utility>
 
 #include "xml/xmlaccess.h"
 #include "xml/xmlentities.h"
@@ -171,8 +172,10 @@ private:
 /// One document under construction.
 class Document {
 public:
-    /// `levels` is the greatest depth; 0 is no limit. `source` is where the characters come from.
-    Document(std::uint32_t levels, TbString const& source) : m_MaxLevels(levels), m_Draft(source.isSecret()) {}
+    /// `levels` is the greatest depth; 0 is no limit. `source` is where the characters come from. The elements become
+    /// children of `top`, borrowed.
+    Document(std::uint32_t levels, TbString const& source, xmlElement& top)
+        : m_Current(&top), m_MaxLevels(levels), m_Draft(source.isSecret()) {}
 
     /// Takes what comes next from `in`, which is not at its end; returns kParsed to continue.
     Result step(Input& in) {
@@ -206,14 +209,8 @@ public:
         return kParsed;
     }
 
-    /// Hands the finished document over.
-    Result finish(xmlElement** out) const {
-        if (m_State != kText || m_Level != 0) {
-            return kUnexpectedEnd;
-        }
-        xmlHandOut(m_Top, out);
-        return kParsed;
-    }
+    /// Whether the document is finished.
+    [[nodiscard]] Result finish() const { return m_State == kText && m_Level == 0 ? kParsed : kUnexpectedEnd; }
 
 private:
     /// One step in place of about six, for attributes of the form that nearly all have. All others go by the table.
@@ -334,10 +331,9 @@ private:
 
     [[nodiscard]] xmlPart partOf(xmlSlice text) const noexcept { return {text, m_Draft.isSecret()}; }
 
-    xmlElementPtr const m_Top{xmlAccess::create(xmlDraft(false), true)};  ///< Holds the whole tree.
-    xmlElement* m_Current = m_Top.get();  ///< The innermost open element but the drafted one. Borrowed from the tree.
-    std::uint32_t m_Level = 0;            ///< Of the innermost open element.
-    std::uint32_t m_MaxLevels;            ///< 0: no limit.
+    xmlElement* m_Current;      ///< The innermost open element but the drafted one. Borrowed from the tree.
+    std::uint32_t m_Level = 0;  ///< Of the innermost open element.
+    std::uint32_t m_MaxLevels;  ///< 0: no limit.
     std::uint32_t m_State = kText;
     bool m_IsDrafted = false;  ///< The innermost open element is m_Draft; it is made when all of its head is known.
     xmlDraft m_Draft;          ///< Secret when the input is; so is every part of the document.
@@ -345,8 +341,8 @@ private:
     xmlSlice m_AttrName;
 };
 
-Result parse(std::uint32_t maxLevels, TbStringStream& in, xmlElement** out) {
-    Document document(maxLevels, in);
+Result parse(std::uint32_t maxLevels, TbStringStream& in, xmlElement& top) {
+    Document document(maxLevels, in, top);
     {
         Input input(in);
         while (!input.isAtEnd()) {
@@ -358,7 +354,7 @@ Result parse(std::uint32_t maxLevels, TbStringStream& in, xmlElement** out) {
     }
     char none = 0;
     in.get(none);  // sets the stream's flag
-    return document.finish(out);
+    return document.finish();
 }
 
 }  // namespace
@@ -372,12 +368,21 @@ void xmlParser::createElement(TbString const& tag, xmlElement** out) {
 }
 
 int xmlParser::parseText(TbStringStream& in, xmlElement** out) {
-    return parse(0, in, out);
+    return xmlParseWithin({}, in, out);
 }
 
-int xmlParseWithin(xmlLimits const& limits, TbStringStream& in, xmlElement** out) {
+int xmlParseWithin(xmlLimits const& limits, TbStringStream& in, xmlElement& top) {
     if (limits.m_Bytes != 0 && in.length() > limits.m_Bytes) {
         return kBeyondLimit;
     }
-    return parse(limits.m_Levels, in, out);
+    return parse(limits.m_Levels, in, top);
+}
+
+int xmlParseWithin(xmlLimits const& limits, TbStringStream& in, xmlElement** out) {
+    xmlHolder top = xmlHold(xmlAccess::create(xmlDraft(false), true));
+    int const result = xmlParseWithin(limits, in, *top);
+    if (result == kParsed) {
+        xmlHandOut(std::move(top), out);
+    }
+    return result;
 }

@@ -7,7 +7,9 @@
 
 #include "xml/xmlparser.h"
 
+#include "foundation/tblocalstring.h"
 #include "foundation/tbobject.h"
+#include "tests/support/allocations.h"
 #include "tests/support/freedmemory.h"
 #include "tests/support/random.h"
 #include "tests/support/tbtext.h"
@@ -15,6 +17,7 @@
 #include "tests/xml/xmlsupport.h"
 #include "xml/xmlholder.h"
 #include "xml/xmllimits.h"
+#include "xml/xmltop.h"
 
 using namespace kvxtest;
 
@@ -481,6 +484,32 @@ TEST(XmlParser, CountsTheLevelsOfElementsOfEveryForm) {
             EXPECT_EQ(code, row.m_Levels <= levels ? 0 : 4) << row.m_Text << " within " << levels;
         }
     }
+}
+
+TEST(XmlTop, LendsItsPlaceToADocument) {
+    std::int32_t const start = TbRefCounter::m_nTotalRef;
+    xmlElement* child = nullptr;
+    {
+        AllocationMeter const meter;
+        xmlTop top;
+        EXPECT_EQ(AllocationMeter::calls(), 0U);
+        EXPECT_EQ(TbRefCounter::m_nTotalRef, start);
+        TbBorrowedStream in(TbBorrowed("<a><b/></a><c/><a/>text"));
+        ASSERT_EQ(xmlParseWithin({}, in, top), 0);
+        EXPECT_EQ(AllocationMeter::calls(), 4U) << "the elements";
+        EXPECT_EQ(written(top), "<a><b/></a><c/><a/>") << "text behind the last tag is dropped";
+        ASSERT_TRUE(top.getChild("a", 0, &child));
+        EXPECT_EQ(child->parent(), &top);
+    }
+    xmlElementPtr kept = xmlAdopt(child);
+    EXPECT_EQ(kept->parent(), nullptr);
+    EXPECT_EQ(written(*child), "<a><b/></a>");
+    kept.reset();
+    TbBorrowedStream broken(TbBorrowed("<a><b/></a><c>"));
+    xmlTop top;
+    EXPECT_EQ(xmlParseWithin({}, broken, top), 2);
+    xmlTop tooLong;
+    EXPECT_EQ(xmlParseWithin({3, 0}, broken, tooLong), 4);
 }
 
 // Up to 32 attributes are kept before their element is made, those whose value is encoded as it is.
