@@ -7,6 +7,7 @@
 #include "core/kvxfile.h"
 #include "core/kvxlines_core.h"
 #include "core/kvxlog.h"
+#include "foundation/tbinplace.h"
 #include "foundation/tbreleaser.h"
 #include "foundation/tbsystem.h"
 
@@ -58,9 +59,22 @@ KvxCause directoryCause(TbString const& path, int error) {
 
 }  // namespace
 
-KVX_Context::KVX_Context(KVX_Context const&) = default;
+// NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): the path writes its room
+KVX_Context::KVX_Context() {
+    TbInPlaceText::giveRoom(m_Path, kPathRoom);
+}
 
-KVX_Context& KVX_Context::operator=(KVX_Context const&) = default;
+KVX_Context::KVX_Context(KVX_Context const& other) : KVX_Context() {
+    KVX_Context::operator=(other);
+}
+
+KVX_Context& KVX_Context::operator=(KVX_Context const& other) {
+    m_Path = other.m_Path;
+    m_UserName = other.m_UserName;
+    m_Password = other.m_Password;
+    m_AutoUrl = other.m_AutoUrl;
+    return *this;
+}
 
 void KVX_Context::Open(TbString const& path) {
     if (path.isEmpty()) {

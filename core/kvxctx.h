@@ -32,7 +32,7 @@ extern char const* const AttributeNames[];
 /// by one thread at a time; different contexts, also on one directory, by different threads at once.
 class KVX_EXPORT KVX_Context {
 public:
-    KVX_Context() = default;
+    KVX_Context();
 
     /// Copies path and options.
     KVX_Context(KVX_Context const& other);
@@ -209,10 +209,13 @@ private:
     friend class KVX_Message;
     friend class KvxPaymentDefaults;
 
-    TbString m_Path;      ///< As given; empty while not open.
-    TbString m_UserName;  ///< Option "UserName".
-    TbString m_Password;  ///< Option "Password".
-    TbString m_AutoUrl;   ///< Option "VTAUTOURL".
+    static constexpr std::uint16_t kPathRoom = 64;
+
+    TbString m_UserName;         ///< Option "UserName".
+    TbString m_Password;         ///< Option "Password".
+    TbString m_AutoUrl;          ///< Option "VTAUTOURL".
+    TbString m_Path;             ///< As given; empty while not open.
+    char m_PathText[kPathRoom];  ///< Behind m_Path, which keeps a text that fits here.
 };
 
 /// One payment message: a "KVX" element bound to the context that signs or verifies it.
@@ -220,10 +223,10 @@ private:
 /// The context is borrowed and must outlive the message. One thread at a time.
 class KVX_EXPORT KVX_Message {
 public:
-    KVX_Message() = default;
+    KVX_Message() : KVX_Message(nullptr) {}
 
     /// An empty message that is bound to `context` from the start.
-    explicit KVX_Message(KVX_Context* context) : m_Context(context) {}
+    explicit KVX_Message(KVX_Context* context);
 
     KVX_Message(KVX_Message const&) = delete;
     KVX_Message& operator=(KVX_Message const&) = delete;
@@ -270,11 +273,14 @@ private:
     void requireConfigured(TbString const& name, long line, TbString& value) const;
     xmlElementPtr sendSigned(TbString const& captureUrl, TbStringStream& text, TbString const& expectedType);
 
-    xmlElementPtr m_Element;           ///< Empty until Create or Open succeeds.
-    KVX_Context* m_Context = nullptr;  ///< Borrowed.
+    static constexpr std::uint16_t kKeyIdRoom = 64;
+
+    xmlElementPtr m_Element;  ///< Empty until Create or Open succeeds.
+    KVX_Context* m_Context;   ///< Borrowed.
     /// The signing key; filled by Create alone. Deliberate (key-of-creation, only-opened-cannot-sign): neither Open nor
     /// the attribute "KEYID" changes it.
     TbString m_KeyId;
+    char m_KeyIdText[kKeyIdRoom];  ///< Behind m_KeyId, which keeps a text that fits here.
 };
 
 #endif

@@ -88,6 +88,11 @@ void KVX_Message::requireConfigured(TbString const& name, long line, TbString& v
     require(boundContext(), TbBorrowed(kvx::kConfigFile), name, KVX_E_NO_CONFIGURATION, line, value);
 }
 
+// NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): the key id writes its room
+KVX_Message::KVX_Message(KVX_Context* context) : m_Context(context) {
+    TbInPlaceText::giveRoom(m_KeyId, kKeyIdRoom);
+}
+
 void KVX_Message::Create(KVX_Context* context, TbString const& msgType) {
     m_Element.reset();
     m_Context = context;

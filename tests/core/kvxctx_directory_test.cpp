@@ -10,7 +10,9 @@
 #include <filesystem>
 #include <string>
 
+#include "foundation/tblocalstring.h"
 #include "tests/core/coresupport.h"
+#include "tests/support/allocations.h"
 #include "tests/support/exceptions.h"
 #include "tests/support/processes.h"
 #include "tests/support/systemcalls.h"
@@ -54,6 +56,22 @@ TEST(Context, KeepsPathAndOptionsInACopy) {
     for (KVX_Context* context : {&copy, &assigned}) {
         EXPECT_EQ(bytesOf(context->GetPath()), account.path());
         EXPECT_EQ(credentialsOf(*context), "u:p@");
+    }
+}
+
+TEST(Context, HoldsAPathOfUsualLengthInItself) {
+    TemporaryDirectory dir;
+    std::string const path = dir.path();
+    for (std::size_t const length : {std::size_t{63}, std::size_t{64}}) {
+        ASSERT_LT(path.size(), length - 2);
+        std::string const longer = path + std::string(length - path.size(), '/');
+        KVX_Context context;
+        AllocationMeter const meter;
+        context.Open(TbBorrowed(longer.c_str()));
+        KVX_Context copy(context);
+        copy = context;
+        EXPECT_EQ(AllocationMeter::calls(), length == 63 ? 0U : 3U) << length;
+        EXPECT_EQ(bytesOf(copy.path()), longer);
     }
 }
 

@@ -7,7 +7,9 @@
 #include <iterator>
 #include <string>
 
+#include "foundation/tblocalstring.h"
 #include "tests/core/coresupport.h"
+#include "tests/support/allocations.h"
 #include "tests/support/encodings.h"
 #include "tests/support/exceptions.h"
 #include "tests/support/tbtext.h"
@@ -94,6 +96,18 @@ TEST_F(CreateMessage, TakesTheWholeContentOfTheCurrentKeyFile) {
     EXPECT_EQ(textOf(message), "<KVX MSGTYPE=\"PayInit\" KEYID=\"\"/>");
     TbString url;
     EXPECT_EQ(thrownCode([&] { message.GetURL(url); }), KVX_E_NOT_FOUND) << "signing with no key fails";
+}
+
+TEST_F(CreateMessage, HoldsAKeyIdOfUsualLengthInItself) {
+    for (std::size_t const length : {std::size_t{63}, std::size_t{64}}) {
+        std::string const keyId(length, 'k');
+        m_Dir.write("keys/current", keyId);
+        KVX_Message message;
+        AllocationMeter const meter;
+        message.Create(&m_Context, TbBorrowed("PayInit"));
+        EXPECT_EQ(AllocationMeter::calls(), length == 63 ? 1U : 3U) << "the element; a longer one is read, then kept";
+        EXPECT_EQ(attribute(message, "KEYID"), keyId);
+    }
 }
 
 TEST_F(CreateMessage, KeepsAPayInitBehindWhenTheCurrentKeyIsMissing) {
