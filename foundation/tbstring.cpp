@@ -250,8 +250,14 @@ void TbString::fill(char const* bytes, std::uint32_t count, std::uint64_t extra)
         holdNothing();
         return;
     }
-    raiseCapacity(count);
-    settle(count + extra + 1, exactRoom(count + extra));
+    if (count + extra < m_Place) {
+        m_Buffer = m_Text;
+        m_Room = m_Place;
+        m_Capacity = count + kSlack;
+    } else {
+        raiseCapacity(count);
+        settle(count + extra + 1, exactRoom(count + extra));
+    }
     std::memcpy(m_Buffer, bytes, count);
     m_Length = count;
     m_Buffer[m_Length] = '\0';
