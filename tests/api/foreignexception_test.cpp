@@ -77,6 +77,7 @@ TEST(ForeignException, OfMissingMemoryBecomesACodeInEveryFunction) {
     RawServer const server(httpResponse(R"(<KVX MSGTYPE="TResponse"/>)"));
     AccountDirectory const account;
     account.setAddress("http://127.0.0.1:" + server.portText());
+    std::string const path = account.path() + std::string(64, '/');  // longer than an object has room for
     std::string const signature = account.sign(kConfirmation);
     SetupHandle const setup;
     ASSERT_EQ(ConfigurationSetup_SetConfiguration(setup.get(), account.path().c_str()), KVX_OK);
@@ -95,8 +96,7 @@ TEST(ForeignException, OfMissingMemoryBecomesACodeInEveryFunction) {
         std::function<std::int32_t(Outputs&)> m_Call;
     };
     std::vector<Row> const rows = {
-        {"SetConfiguration",
-         [&](Outputs&) { return ConfigurationSetup_SetConfiguration(setup.get(), account.path().c_str()); }},
+        {"SetConfiguration", [&](Outputs&) { return ConfigurationSetup_SetConfiguration(setup.get(), path.c_str()); }},
         {"SetOption", [&](Outputs&) { return ConfigurationSetup_SetOption(setup.get(), "UserName", "u"); }},
         {"SetAttribute",
          [&](Outputs&) { return ConfigurationSetup_SetAttribute(setup.get(), "config.xml", "NEW", "1"); }},
