@@ -211,11 +211,12 @@ private:
 
     static constexpr std::uint16_t kPathRoom = 64;
 
-    TbString m_UserName;         ///< Option "UserName".
-    TbString m_Password;         ///< Option "Password".
-    TbString m_AutoUrl;          ///< Option "VTAUTOURL".
-    TbString m_Path;             ///< As given; empty while not open.
-    char m_PathText[kPathRoom];  ///< Behind m_Path, which keeps a text that fits here.
+    TbCountedMembers<4> m_Strings;
+    TbUncountedString m_UserName;  ///< Option "UserName".
+    TbUncountedString m_Password;  ///< Option "Password".
+    TbUncountedString m_AutoUrl;   ///< Option "VTAUTOURL".
+    TbUncountedString m_Path;      ///< As given; empty while not open.
+    char m_PathText[kPathRoom];    ///< Behind m_Path, which keeps a text that fits here.
 };
 
 /// One payment message: a "KVX" element bound to the context that signs or verifies it.

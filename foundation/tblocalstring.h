@@ -5,15 +5,6 @@
 #include "foundation/tbinplace.h"
 #include "tallowin/tbstringstream.h"
 
-/// A string that is not counted as living.
-class TbUncountedString : public TbString {
-public:
-    TbUncountedString() noexcept : TbString(TbUncounted{}) {}
-    TbUncountedString(TbUncountedString const& other) : TbUncountedString() { assign(other); }
-    TbUncountedString& operator=(TbUncountedString const&) = default;
-    using TbString::operator=;
-};
-
 /// A stream that is not counted as living.
 class TbUncountedStream : public TbStringStream {
 public:

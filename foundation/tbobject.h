@@ -19,8 +19,9 @@ using TbAllocator = void (*)(TbObject** slot);
 /// Marks an object that its maker counts as living, in one step with others.
 struct TbCountedByMaker {};
 
-/// Marks an object of the library's own that begins and ends within one call: it is never counted as living. All
-/// threads share that number, and changing it for every string on a stack would have them wait for each other.
+/// Marks an object that does not count itself as living: one of the library's own that begins and ends within one call,
+/// or a member that TbCountedMembers counts. All threads share that number, and changing it for every string on a stack
+/// would have them wait for each other.
 struct TbUncounted {};
 
 /// The root: counts the references to itself, and all living objects together.
@@ -69,8 +70,10 @@ protected:
 
 private:
     friend struct TbMapEntry;
+    template <std::int32_t kMembers>
+    friend class TbCountedMembers;
 
-    /// In m_RefCount: an object that nobody counts, and that takes no references.
+    /// In m_RefCount: an object that does not count itself, and that takes no references.
     static constexpr std::int32_t kUncounted = INT32_MIN;
 
     /// In a process with one thread a plain addition does, which takes a fraction of the time.
@@ -83,6 +86,16 @@ private:
     }
 
     std::int32_t m_RefCount = 0;  ///< Never negative, but for kUncounted.
+};
+
+/// A part of an object that has `kMembers` uncounted members: counts them as living, in one step.
+template <std::int32_t kMembers>
+class TbCountedMembers {
+public:
+    TbCountedMembers() noexcept { TbRefCounter::countLiving(kMembers); }
+    TbCountedMembers(TbCountedMembers const&) noexcept : TbCountedMembers() {}
+    TbCountedMembers& operator=(TbCountedMembers const&) noexcept { return *this; }
+    ~TbCountedMembers() { TbRefCounter::countLiving(-kMembers); }
 };
 
 /// An object that knows its class: name, factory and copying.

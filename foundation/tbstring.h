@@ -187,6 +187,15 @@ private:
     char m_Text[4] = {};           ///< The beginning of m_Place bytes, which the owner of the string provides.
 };
 
+/// A string that does not count itself as living.
+class TbUncountedString : public TbString {
+public:
+    TbUncountedString() noexcept : TbString(TbUncounted{}) {}
+    TbUncountedString(TbUncountedString const& other) : TbUncountedString() { assign(other); }
+    TbUncountedString& operator=(TbUncountedString const&) = default;
+    using TbString::operator=;
+};
+
 /// Copy of `left`, then `right`.
 KVX_EXPORT TbString operator+(TbString const& left, TbString const& right);
 

@@ -59,6 +59,19 @@ TEST(Context, KeepsPathAndOptionsInACopy) {
     }
 }
 
+TEST(Context, CountsItsFourStringsAsLiving) {
+    std::int32_t const start = TbRefCounter::m_nTotalRef;
+    {
+        KVX_Context const context;
+        EXPECT_EQ(TbRefCounter::m_nTotalRef, start + 4);
+        KVX_Context copy(context);
+        EXPECT_EQ(TbRefCounter::m_nTotalRef, start + 8);
+        copy = context;
+        EXPECT_EQ(TbRefCounter::m_nTotalRef, start + 8);
+    }
+    EXPECT_EQ(TbRefCounter::m_nTotalRef, start);
+}
+
 TEST(Context, HoldsAPathOfUsualLengthInItself) {
     TemporaryDirectory dir;
     std::string const path = dir.path();
