@@ -5,10 +5,10 @@
 // signature: the two calls are compared with two whose message changes in between, so that both sign.
 //
 // Times faster in one run:
-//   payment URL, peer                           1.83
-//   payment URL, floor                          0.76
-//   size asked, then the URL, two plain calls   1.50
-//   size asked, then the URL, peer twice        3.47
+//   payment URL, peer                           1.90
+//   payment URL, floor                          0.75
+//   size asked, then the URL, two plain calls   1.43
+//   size asked, then the URL, peer twice        3.16
 
 #include <benchmark/benchmark.h>
 
