@@ -212,11 +212,11 @@ private:
     static constexpr std::uint16_t kPathRoom = 64;
 
     TbCountedMembers<4> m_Strings;
-    TbUncountedString m_UserName;  ///< Option "UserName".
-    TbUncountedString m_Password;  ///< Option "Password".
-    TbUncountedString m_AutoUrl;   ///< Option "VTAUTOURL".
-    TbUncountedString m_Path;      ///< As given; empty while not open.
-    char m_PathText[kPathRoom];    ///< Behind m_Path, which keeps a text that fits here.
+    TbUncountedString m_UserName;                 ///< Option "UserName".
+    TbUncountedString m_Password;                 ///< Option "Password".
+    TbUncountedString m_AutoUrl;                  ///< Option "VTAUTOURL".
+    TbUncountedString m_Path;                     ///< As given; empty while not open.
+    [[maybe_unused]] char m_PathText[kPathRoom];  ///< Behind m_Path, which keeps a text that fits here.
 };
 
 /// One payment message: a "KVX" element bound to the context that signs or verifies it.
@@ -281,7 +281,7 @@ private:
     /// The signing key; filled by Create alone. Deliberate (key-of-creation, only-opened-cannot-sign): neither Open nor
     /// the attribute "KEYID" changes it.
     TbString m_KeyId;
-    char m_KeyIdText[kKeyIdRoom];  ///< Behind m_KeyId, which keeps a text that fits here.
+    [[maybe_unused]] char m_KeyIdText[kKeyIdRoom];  ///< Behind m_KeyId, which keeps a text that fits here.
 };
 
 #endif
