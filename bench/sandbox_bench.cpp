@@ -1,13 +1,14 @@
 // The sandbox with many payments: what its pages and its control API cost, and how much they hold up payments.
 //
-//   sandbox_bench [--program FILE] [--data DIRECTORY] [--payments N] [--rounds N]
+//   sandbox_bench [--program FILE] [--data DIRECTORY] [--payments N] [--clients N] [--rounds N]
 //
 //   --program   the tallowin-sandbox to measure; else the one that was built with this program
 //   --data      its data directory, kept for another run; else a new one, removed at the end
 //   --payments  adds payments, each a page, a decision and a capture, until there are so many; 2000
+//   --clients   that pay at the same time, each over connections of its own; 8
 //   --rounds    pairs of windows of two seconds, without and with an open live page; 5, and 0 for none
 //
-// Eight clients pay at the same time, each over connections of its own. Times of pages are processor time of the
+// Times of pages are processor time of the
 // service, the median of nine requests, so other load on the machine affects them little. Windows with and without the
 // live page alternate. The memory is what the service has resident before and after one client has followed the cursors
 // of /control/exchanges through all of them.
@@ -48,7 +49,6 @@ namespace {
 using kvxbench::require;
 using Clock = std::chrono::steady_clock;
 
-constexpr int kClients = 8;
 constexpr int kRequests = 9;
 constexpr std::chrono::seconds kWindow{2};
 constexpr std::chrono::seconds kRefresh{2};
@@ -257,7 +257,7 @@ private:
     sandbox::KeyHolder m_Key;
 };
 
-/// What eight clients got done.
+/// What the clients got done.
 struct Done {
     std::vector<double> m_Seconds;  ///< Of each payment, sorted.
     double m_PerSecond = 0;
@@ -268,8 +268,8 @@ struct Done {
     }
 };
 
-/// Eight clients pay until `enough` says so, asked before each payment.
-Done payAll(Sandbox const& sandbox, Merchant const& merchant, std::function<bool()> const& enough) {
+/// So many clients pay until `enough` says so, asked before each payment.
+Done payAll(Sandbox const& sandbox, Merchant const& merchant, int count, std::function<bool()> const& enough) {
     static std::atomic<std::int64_t> s_Serial{0};
     std::string const run = sandbox::randomHex(6);
     Done done;
@@ -278,7 +278,7 @@ Done payAll(Sandbox const& sandbox, Merchant const& merchant, std::function<bool
     std::vector<std::thread> clients;
     double const processor = sandbox.processorSeconds();
     Clock::time_point const begin = Clock::now();
-    for (int i = 0; i < kClients; ++i) {
+    for (int i = 0; i < count; ++i) {
         clients.emplace_back([&] {
             std::vector<double> seconds;
             try {
@@ -301,19 +301,19 @@ Done payAll(Sandbox const& sandbox, Merchant const& merchant, std::function<bool
     if (!failure.empty()) {
         throw std::runtime_error(failure);
     }
-    auto const count = static_cast<double>(done.m_Seconds.size());
-    done.m_PerSecond = count / secondsSince(begin);
-    done.m_Processor = (sandbox.processorSeconds() - processor) / count * 1000;
+    auto const payments = static_cast<double>(done.m_Seconds.size());
+    done.m_PerSecond = payments / secondsSince(begin);
+    done.m_Processor = (sandbox.processorSeconds() - processor) / payments * 1000;
     std::sort(done.m_Seconds.begin(), done.m_Seconds.end());
     return done;
 }
 
-void fill(Sandbox const& sandbox, Merchant const& merchant, std::int64_t payments) {
+void fill(Sandbox const& sandbox, Merchant const& merchant, int clients, std::int64_t payments) {
     std::atomic<std::int64_t> left{payments - sandbox.count("payments")};
     if (left <= 0) {
         return;
     }
-    Done const done = payAll(sandbox, merchant, [&left] { return left-- <= 0; });
+    Done const done = payAll(sandbox, merchant, clients, [&left] { return left-- <= 0; });
     std::printf("filling: %zu payments, %.0f a second, %.2f ms of processor time each\n", done.m_Seconds.size(),
                 done.m_PerSecond, done.m_Processor);
 }
@@ -387,14 +387,14 @@ void keepPageOpen(Sandbox const& sandbox, std::atomic<bool> const& stop) {
     }
 }
 
-Done payForAWindow(Sandbox const& sandbox, Merchant const& merchant, bool withPage) {
+Done payForAWindow(Sandbox const& sandbox, Merchant const& merchant, int clients, bool withPage) {
     std::atomic<bool> stop{false};
     std::thread page;
     if (withPage) {
         page = std::thread([&] { keepPageOpen(sandbox, stop); });
     }
     Clock::time_point const end = Clock::now() + kWindow;
-    Done done = payAll(sandbox, merchant, [end] { return Clock::now() >= end; });
+    Done done = payAll(sandbox, merchant, clients, [end] { return Clock::now() >= end; });
     stop = true;
     if (withPage) {
         page.join();
@@ -402,7 +402,7 @@ Done payForAWindow(Sandbox const& sandbox, Merchant const& merchant, bool withPa
     return done;
 }
 
-void measureLivePage(Sandbox const& sandbox, Merchant const& merchant, int rounds) {
+void measureLivePage(Sandbox const& sandbox, Merchant const& merchant, int clients, int rounds) {
     std::vector<double> ratios;
     std::vector<double> without;
     std::vector<double> with;
@@ -410,11 +410,11 @@ void measureLivePage(Sandbox const& sandbox, Merchant const& merchant, int round
     std::vector<double> slowWith;
     std::vector<double> processorWithout;
     std::vector<double> processorWith;
-    payForAWindow(sandbox, merchant, false);
+    payForAWindow(sandbox, merchant, clients, false);
     for (int i = 0; i < rounds; ++i) {
         // Which comes first changes, so that a machine that gets busier favours neither.
-        Done const first = payForAWindow(sandbox, merchant, i % 2 == 0);
-        Done const second = payForAWindow(sandbox, merchant, i % 2 != 0);
+        Done const first = payForAWindow(sandbox, merchant, clients, i % 2 == 0);
+        Done const second = payForAWindow(sandbox, merchant, clients, i % 2 != 0);
         Done const& open = i % 2 == 0 ? first : second;
         Done const& closed = i % 2 == 0 ? second : first;
         ratios.push_back(open.m_PerSecond / closed.m_PerSecond);
@@ -465,6 +465,7 @@ struct Arguments {
     std::string m_Program = KVX_BENCH_SANDBOX;
     std::string m_Data;
     std::int64_t m_Payments = 2000;
+    int m_Clients = 8;
     int m_Rounds = 5;
 };
 
@@ -480,6 +481,8 @@ Arguments readArguments(int argc, char** argv) {
             arguments.m_Data = value;
         } else if (name == "--payments") {
             arguments.m_Payments = std::stoll(value);
+        } else if (name == "--clients") {
+            arguments.m_Clients = std::stoi(value);
         } else if (name == "--rounds") {
             arguments.m_Rounds = std::stoi(value);
         } else {
@@ -495,7 +498,7 @@ void measure(Arguments const& arguments, std::string const& directory) {
     {
         Sandbox const sandbox(arguments.m_Program, data);
         merchant.publish(sandbox);
-        fill(sandbox, merchant, arguments.m_Payments);
+        fill(sandbox, merchant, arguments.m_Clients, arguments.m_Payments);
     }
     Sandbox const sandbox(arguments.m_Program, data);
     std::printf("%lld payments, %lld exchanges, %.0f MB in the database; started in %.3f s\n",
@@ -505,7 +508,7 @@ void measure(Arguments const& arguments, std::string const& directory) {
     measurePages(sandbox);
     measureListing(sandbox);
     if (arguments.m_Rounds > 0) {
-        measureLivePage(sandbox, merchant, arguments.m_Rounds);
+        measureLivePage(sandbox, merchant, arguments.m_Clients, arguments.m_Rounds);
     }
 }
 
