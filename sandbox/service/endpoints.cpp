@@ -1,8 +1,8 @@
 // The addresses of the protocol: one table, and what all of them have in common.
-// handleLogged() goes through these steps: parse (makeContext), find out what it is about (identify), store the request
-// as begun, take the fault that is armed for it, call the handler of the address (endpoints_auto, _pay, _capture), and
-// attach the log that stores the exchange once the response is ready. A request is on record before it is carried out,
-// so that a kill in between leaves a trace of it.
+// handleLogged() goes through these steps: parse (makeContext), find out what it is about (identify), report the
+// request to the store as begun, take the fault that is armed for it, call the handler of the address (endpoints_auto,
+// _pay, _capture), and attach the log that stores the exchange once the response is ready. What a request changes is on
+// record together with the request, so that a kill before the response leaves a trace of it.
 #include "sandbox/service/endpoints.h"
 
 #include <chrono>
@@ -263,6 +263,7 @@ void takeFault(RequestContext& context) {
 
 HttpResponse handleLogged(Services const& services, Endpoint const& endpoint, HttpRequest const& request) {
     auto const begin = std::chrono::steady_clock::now();
+    auto stored = std::make_unique<Store::Request>(services.m_Store);
     Exchange exchange;
     exchange.m_Path = request.m_Path;
     exchange.m_Verdict = "ok";
@@ -270,7 +271,7 @@ HttpResponse handleLogged(Services const& services, Endpoint const& endpoint, Ht
     RequestContext context = makeContext(services, request, exchange);
     identify(endpoint, context);
     exchange.m_Time = services.m_Clock.text(exchange.m_Account);
-    std::int64_t const begun = services.m_Store.beginExchange(exchange);
+    stored->begin(exchange);
     // The control port has no faults, and uses none up.
     bool const mayFail = request.m_BaseUrl != services.m_Addresses.m_Control;
     if (mayFail) {
@@ -281,7 +282,8 @@ HttpResponse handleLogged(Services const& services, Endpoint const& endpoint, Ht
         exchange.m_Fault = faultText(*fault);
         response.m_Fault = fault;
     }
-    response.m_Log = std::make_shared<StoredExchangeLog>(services.m_Store, std::move(exchange), begun, begin);
+    response.m_Log =
+        std::make_shared<StoredExchangeLog>(services.m_Store, std::move(stored), std::move(exchange), begin);
     return response;
 }
 

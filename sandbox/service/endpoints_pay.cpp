@@ -196,7 +196,7 @@ HttpResponse handlePay(RequestContext const& context) {
         payment.m_State = presentState(services, payment);
     }
     if (payment.m_State == PaymentState::kOpened) {
-        services.m_Notifier.watch();
+        services.m_Store.whenCommitted([&services] { services.m_Notifier.watch(); });
     }
     if (stored.m_Message != sent.m_Text) {
         throw HttpError(usedTokenReason(payment));

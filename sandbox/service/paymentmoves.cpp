@@ -68,7 +68,7 @@ bool movePayment(Services const& services, Payment const& payment, std::vector<P
     bool const moved = services.m_Store.advance(
         payment.m_Id, from, {services.m_Clock.text(payment.m_Account), to, note}, notification, next);
     if (moved && (notification || next)) {
-        services.m_Notifier.wake();
+        services.m_Store.whenCommitted([&services] { services.m_Notifier.wake(); });
     }
     return moved;
 }
@@ -81,7 +81,7 @@ bool suspendPayment(Services const& services, Payment const& payment, PaymentSta
         payment.m_Id, {PaymentState::kOpened},
         {utcText(now), PaymentState::kPending, note + "; the outcome is pending"}, std::nullopt, outcome);
     if (moved) {
-        services.m_Notifier.wake();
+        services.m_Store.whenCommitted([&services] { services.m_Notifier.wake(); });
     }
     return moved;
 }

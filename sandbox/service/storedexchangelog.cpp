@@ -14,13 +14,14 @@ constexpr std::size_t kMaxKept = std::size_t{64} * 1024;
 
 }  // namespace
 
-StoredExchangeLog::StoredExchangeLog(Store& store, Exchange exchange, std::int64_t begun, TimePoint begin)
-    : m_Store(store), m_Exchange(std::move(exchange)), m_Begun(begun), m_Begin(begin) {}
+StoredExchangeLog::StoredExchangeLog(Store& store, std::unique_ptr<Store::Request> request, Exchange exchange,
+                                     TimePoint begin)
+    : m_Store(store), m_Request(std::move(request)), m_Exchange(std::move(exchange)), m_Begin(begin) {}
 
 void StoredExchangeLog::responseReady(std::string const& response) {
     m_Exchange.m_Response = keptText(response);
     m_Exchange.m_Microseconds = microsecondsSince(m_Begin);
-    m_Exchange.m_Number = m_Store.addExchange(m_Exchange, m_Begun);
+    m_Exchange.m_Number = m_Request->end(m_Exchange);
 }
 
 void StoredExchangeLog::responseSent(Delivery const& delivery) {

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "sandbox/http/httpmessages.h"
@@ -16,16 +17,16 @@ class StoredExchangeLog : public ExchangeLog {
 public:
     using TimePoint = std::chrono::steady_clock::time_point;
 
-    /// Borrows `store`. `begun` is what Store::beginExchange() returned, `begin` when the request was complete.
-    StoredExchangeLog(Store& store, Exchange exchange, std::int64_t begun, TimePoint begin);
+    /// Borrows `store`. `request` has begun, and ends with the exchange. `begin` is when the request was complete.
+    StoredExchangeLog(Store& store, std::unique_ptr<Store::Request> request, Exchange exchange, TimePoint begin);
 
     void responseReady(std::string const& response) override;
     void responseSent(Delivery const& delivery) override;
 
 private:
     Store& m_Store;  ///< Borrowed.
+    std::unique_ptr<Store::Request> m_Request;
     Exchange m_Exchange;
-    std::int64_t m_Begun;
     TimePoint m_Begin;
 };
 

@@ -64,6 +64,8 @@ public:
     /// How many rows the last statement that was run has inserted, updated or deleted.
     [[nodiscard]] std::int64_t changes() const { return sqlite3_changes64(m_Database.get()); }
 
+    [[nodiscard]] bool isInTransaction() const { return sqlite3_get_autocommit(m_Database.get()) == 0; }
+
     /// Replaces the content of `target` by that of this database, in one transaction. Throws std::runtime_error.
     void copyTo(Database& target);
 

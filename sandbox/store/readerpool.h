@@ -20,7 +20,13 @@ public:
     class Reader {
     public:
         Reader(ReaderPool& pool, std::unique_ptr<Database> database) : m_Pool(pool), m_Database(std::move(database)) {}
-        ~Reader() { m_Pool.giveBack(std::move(m_Database)); }
+        ~Reader() {
+            if (m_Database) {
+                m_Pool.giveBack(std::move(m_Database));
+            }
+        }
+        Reader(Reader&&) = default;
+        Reader& operator=(Reader&&) = delete;
         Reader(Reader const&) = delete;
         Reader& operator=(Reader const&) = delete;
 

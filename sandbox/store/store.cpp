@@ -1,7 +1,8 @@
 // Accounts, keys and counts. Payments are in store_payments.cpp, exchanges in store_exchanges.cpp, the tables in
 // storelayout.cpp.
-// A function that writes takes m_Mutex and is one transaction on m_Database. One that only reads takes a reader, and
-// thus waits for nobody. Passwords are hashed outside of the lock, since that is slow on purpose.
+// A function that writes is one turn of m_Writer. One that reads a list takes a reader, and thus waits for nobody; one
+// that reads a row takes a RowReader, which in a request is a turn as well. Passwords are hashed outside of turns,
+// since that is slow on purpose.
 #include "sandbox/store/store.h"
 
 #include <cstdint>
@@ -20,16 +21,28 @@ constexpr std::int64_t kFirstCustomer = 1001;
 
 }  // namespace
 
-Store::Store(std::string const& path, Retention retention) : m_Retention(retention), m_Database(path), m_Readers(path) {
+Store::Store(std::string const& path, Retention retention) : m_Retention(retention), m_Writer(path), m_Readers(path) {
     prepareTables(m_Database, path);
-    while (prune()) {
+    bool more = true;
+    while (more) {
+        Turn turn(m_Writer);
+        more = prune();
+        turn.keep();
+    }
+}
+
+Store::RowReader::RowReader(Store& store) {
+    if (store.m_Writer.hasUnit()) {
+        m_Turn.emplace(store.m_Writer, Turn::Purpose::kRead);
+    } else {
+        m_Reader.emplace(store.m_Readers.take());
     }
 }
 
 void Store::putAccount(std::string const& user, std::string const& password) {
     std::string const salt = randomHex(kSaltBytes);
     std::string const hash = hashPassword(salt, password);
-    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Turn turn(m_Writer);
     m_Database
         .prepare(
             "INSERT INTO accounts (user, salt, hash, customer) "
@@ -40,13 +53,14 @@ void Store::putAccount(std::string const& user, std::string const& password) {
         .text(hash)
         .number(kFirstCustomer)
         .step();
+    turn.keep();
 }
 
 Store::Login Store::checkAccount(std::string const& user, std::string const& password) {
     std::string salt;
     std::string hash;
     {
-        ReaderPool::Reader const reader = m_Readers.take();
+        RowReader const reader(*this);
         Statement row = reader.database().prepare("SELECT salt, hash FROM accounts WHERE user = ?");
         if (!row.text(user).step()) {
             return Login::kUnknownUser;
@@ -58,7 +72,7 @@ Store::Login Store::checkAccount(std::string const& user, std::string const& pas
 }
 
 std::string Store::customerOf(std::string const& user) {
-    ReaderPool::Reader const reader = m_Readers.take();
+    RowReader const reader(*this);
     Statement row = reader.database().prepare("SELECT customer FROM accounts WHERE user = ?");
     if (!row.text(user).step()) {
         throw std::runtime_error("the database has no account " + user);
@@ -87,17 +101,17 @@ std::vector<StoredServerKey> Store::serverKeys() {
 }
 
 void Store::addServerKey(StoredServerKey const& key, std::string const& time) {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Turn turn(m_Writer);
     m_Database.prepare("INSERT INTO server_keys (id, private_der, time) VALUES (?, ?, ?)")
         .text(key.m_Id)
         .bytes(key.m_PrivateDer)
         .text(time)
         .step();
+    turn.keep();
 }
 
 Store::KeyAdded Store::addMerchantKey(std::string const& id, MerchantKey const& key, std::string const& time) {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    Transaction transaction(m_Database);
+    Turn turn(m_Writer);
     {
         Statement row = m_Database.prepare("SELECT account, blob FROM merchant_keys WHERE id = ?");
         if (row.text(id).step()) {
@@ -111,12 +125,12 @@ Store::KeyAdded Store::addMerchantKey(std::string const& id, MerchantKey const& 
         .text(key.m_Blob)
         .text(time)
         .step();
-    transaction.commit();
+    turn.keep();
     return KeyAdded::kNew;
 }
 
 std::optional<MerchantKey> Store::merchantKey(std::string const& id) {
-    ReaderPool::Reader const reader = m_Readers.take();
+    RowReader const reader(*this);
     Statement row = reader.database().prepare(
         "SELECT k.account, k.blob, a.customer FROM merchant_keys k JOIN accounts a ON a.user = k.account WHERE k.id = "
         "?");
@@ -142,8 +156,10 @@ void Store::copyTo(Database& target) {
 }
 
 void Store::replaceBy(Database& source) {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    source.copyTo(m_Database);
+    {
+        Turn const turn(m_Writer, Turn::Purpose::kAlone);
+        source.copyTo(turn.database());
+    }
     countChange();
 }
 

@@ -15,6 +15,7 @@
 #include "sandbox/store/database.h"
 #include "sandbox/store/eventfeed.h"
 #include "sandbox/store/exchange.h"
+#include "sandbox/store/jointwriter.h"
 #include "sandbox/store/listing.h"
 #include "sandbox/store/notification.h"
 #include "sandbox/store/readerpool.h"
@@ -56,9 +57,12 @@ struct DueMove {
     std::string m_Note;
 };
 
-/// Accounts, keys, payments with their history, notifications and exchanges, in one SQLite file. Every member is one
-/// transaction and may be called by any thread. Those that only read do not wait for those that write. Failures of the
-/// database throw std::runtime_error.
+/// Accounts, keys, payments with their history, notifications and exchanges, in one SQLite file. Every member is done
+/// whole or not at all, and may be called by any thread. Failures of the database throw std::runtime_error.
+///
+/// What a member changes is committed on return, and lists do not wait for those who write. While a thread carries out
+/// a request, see Request, what it changes is committed at the request's end, together with that of other threads;
+/// until then single rows are read as requests have left them, and lists show what is committed.
 class Store {
 public:
     enum class Login { kOk, kUnknownUser, kWrongPassword };
@@ -67,6 +71,33 @@ public:
     /// Opens the file, creating its tables or bringing them to the present layout. A file of a layout that is not known
     /// throws std::runtime_error.
     explicit Store(std::string const& path, Retention retention = {});
+
+    /// A request that a thread carries out, of which it has one at a time. What it has changed is on record with the
+    /// request: should the service end before end(), the next one that opens the file makes an exchange without a
+    /// response of it.
+    class Request {
+    public:
+        /// Borrows `store`. What was changed by a request that does not come to its end() is committed.
+        explicit Request(Store& store) : m_Store(store), m_Unit(store.m_Writer, [this] { putOnRecord(); }) {}
+
+        /// What is put on record. To be called before anything is changed.
+        void begin(Exchange exchange) { m_Exchange = std::move(exchange); }
+
+        /// Adds the exchange, and returns its number when all that the request has changed is committed. Throws
+        /// std::runtime_error when some of it is lost.
+        std::int64_t end(Exchange const& exchange);
+
+    private:
+        void putOnRecord();
+
+        Store& m_Store;  ///< Borrowed.
+        Exchange m_Exchange = {};
+        std::int64_t m_Begun = 0;  ///< Its number in begun_exchanges, once it is there. Used in turns of the writer.
+        JointWriter::Unit m_Unit;
+    };
+
+    /// Runs `action` once what the calling thread has changed is committed: after its request, or at once.
+    void whenCommitted(std::function<void()> action) { m_Writer.runAfter(std::move(action)); }
 
     /// Creates the account or gives it a new password.
     void putAccount(std::string const& user, std::string const& password);
@@ -202,13 +233,8 @@ public:
     /// Stores the outcome of the notification with this number.
     void updateNotification(Notification const& notification);
 
-    /// Stores a request before it is carried out, and returns the number that addExchange() takes in the end. When the
-    /// service ends before that, the next one that opens the file makes an exchange without a response of it.
-    std::int64_t beginExchange(Exchange const& exchange);
-
-    /// Adds an exchange that has ended; `begun` when it was begun before, else 0.
-    /// Returns the number that the exchange got.
-    std::int64_t addExchange(Exchange const& exchange, std::int64_t begun = 0);
+    /// Adds an exchange that has ended. Returns the number that the exchange got.
+    std::int64_t addExchange(Exchange const& exchange);
 
     /// Stores how much was sent of the response of the exchange with that number.
     void setDelivery(std::int64_t number, std::string const& delivery);
@@ -236,6 +262,20 @@ public:
     std::int64_t removePayments(std::optional<std::string> const& account);
 
 private:
+    using Turn = JointWriter::Turn;
+
+    /// What single rows are read by.
+    class RowReader {
+    public:
+        explicit RowReader(Store& store);
+        [[nodiscard]] Database& database() const { return m_Turn ? m_Turn->database() : m_Reader->database(); }
+
+    private:
+        std::optional<Turn> m_Turn;                  ///< In a request.
+        std::optional<ReaderPool::Reader> m_Reader;  ///< Else.
+    };
+
+    std::int64_t insertExchange(Exchange const& exchange);
     void makeFreeIdentifiers(StoredPayment& fresh, MakeIdentifiers const& makeIdentifiers);
     void countChange();
     bool prune();
@@ -249,13 +289,14 @@ private:
     bool isIn(std::string const& id, std::vector<PaymentState> const& states);
 
     Retention m_Retention;
-    std::mutex m_Mutex;  ///< Held by every public member that writes.
+    std::mutex m_Mutex;
     std::condition_variable m_Changed;
     std::uint64_t m_Changes = 0;  ///< Guarded by m_Mutex, as is the next one.
     bool m_WaitsEnded = false;
     EventFeed m_Events;
-    Database m_Database;   ///< The only connection that writes. Guarded by m_Mutex.
-    ReaderPool m_Readers;  ///< Ends before m_Database, so that the last connection to close is one that can tidy up.
+    JointWriter m_Writer;
+    Database& m_Database = m_Writer.database();  ///< Used in turns of the writer.
+    ReaderPool m_Readers;  ///< Ends before m_Writer, so that the last connection to close is one that can tidy up.
 };
 
 }  // namespace sandbox

@@ -1,6 +1,7 @@
 // Exchanges, and requests that have begun.
-// A request is inserted into begun_exchanges before it is carried out, and replaced by its exchange in one transaction
-// with the response. A request that was carried out is thus on record even when the process is killed.
+// What a request changes is mostly committed in one transaction with its exchange. When something is committed before
+// that, the request is inserted into begun_exchanges in the same transaction, and later replaced by its exchange. A
+// request that was carried out is thus on record even when the process is killed.
 // The steps of a check are stored as JSON with their texts in hexadecimal, because they can hold any bytes.
 #include <ctime>
 #include <nlohmann/json.hpp>
@@ -133,35 +134,54 @@ Exchange linked(Database& database, Exchange exchange) {
 
 }  // namespace
 
-std::int64_t Store::beginExchange(Exchange const& exchange) {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    m_Database
+void Store::Request::putOnRecord() {
+    m_Store.m_Database
         .prepare(
             "INSERT INTO begun_exchanges (time, kind, account, order_id, token, payment, path, data, request) "
             "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)")
-        .text(exchange.m_Time)
-        .text(exchangeName(exchange.m_Kind))
-        .text(exchange.m_Account)
-        .bytes(exchange.m_Order)
-        .text(exchange.m_Token)
-        .text(exchange.m_Payment)
-        .text(exchange.m_Path)
-        .bytes(exchange.m_Data)
-        .bytes(exchange.m_Request)
+        .text(m_Exchange.m_Time)
+        .text(exchangeName(m_Exchange.m_Kind))
+        .text(m_Exchange.m_Account)
+        .bytes(m_Exchange.m_Order)
+        .text(m_Exchange.m_Token)
+        .text(m_Exchange.m_Payment)
+        .text(m_Exchange.m_Path)
+        .bytes(m_Exchange.m_Data)
+        .bytes(m_Exchange.m_Request)
         .step();
-    return m_Database.lastNumber();
+    m_Begun = m_Store.m_Database.lastNumber();
 }
 
-std::int64_t Store::addExchange(Exchange const& exchange, std::int64_t begun) {
+std::int64_t Store::Request::end(Exchange const& exchange) {
+    std::int64_t number = 0;
+    {
+        Turn turn(m_Store.m_Writer);
+        number = m_Store.insertExchange(exchange);
+        if (m_Begun != 0) {
+            m_Store.m_Database.prepare("DELETE FROM begun_exchanges WHERE number = ?").number(m_Begun).step();
+        }
+        turn.keepLast([this, summary = summaryOf(exchange, number)] { m_Store.m_Events.add({{}, summary}); });
+    }
+    m_Unit.finish();
+    return number;
+}
+
+std::int64_t Store::addExchange(Exchange const& exchange) {
     if (exchange.m_Kind == ExchangeKind::kProxy && exchange.m_Payment.empty()) {
         ReaderPool::Reader const reader = m_Readers.take();
         Exchange const about = linked(reader.database(), exchange);
         if (!about.m_Payment.empty()) {
-            return addExchange(about, begun);
+            return addExchange(about);
         }
     }
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    Transaction transaction(m_Database);
+    Turn turn(m_Writer);
+    std::int64_t const number = insertExchange(exchange);
+    turn.keep([this, summary = summaryOf(exchange, number)] { m_Events.add({{}, summary}); });
+    return number;
+}
+
+/// Called in a turn.
+std::int64_t Store::insertExchange(Exchange const& exchange) {
     m_Database
         .prepare(
             "INSERT INTO exchanges (number, time, kind, account, order_id, token, payment, stored, path, data, "
@@ -187,17 +207,10 @@ std::int64_t Store::addExchange(Exchange const& exchange, std::int64_t begun) {
         .number(exchange.m_Microseconds)
         .step();
     std::int64_t const number = m_Database.lastNumber();
-    if (begun != 0) {
-        m_Database.prepare("DELETE FROM begun_exchanges WHERE number = ?").number(begun).step();
-    }
     for (CheckStep const& step : exchange.m_Steps) {
         if (step.m_Warning) {
             m_Database.prepare("INSERT INTO warnings (exchange) VALUES (?)").number(number).step();
         }
-    }
-    transaction.commit();
-    if (m_Events.isRead()) {
-        m_Events.add({{}, summaryOf(exchange, number)});
     }
     if (number % kPruneEvery == 0) {
         prune();
@@ -206,8 +219,9 @@ std::int64_t Store::addExchange(Exchange const& exchange, std::int64_t begun) {
 }
 
 void Store::setDelivery(std::int64_t number, std::string const& delivery) {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Turn turn(m_Writer);
     m_Database.prepare("UPDATE exchanges SET delivery = ? WHERE number = ?").text(delivery).number(number).step();
+    turn.keep();
 }
 
 Listing<Exchange> Store::exchanges(ExchangeFilter const& filter, Page const& page) {
@@ -240,7 +254,7 @@ Listing<Exchange> Store::exchangeSummariesOf(Payment const& payment, std::int64_
 }
 
 std::optional<Exchange> Store::exchange(std::int64_t number) {
-    ReaderPool::Reader const reader = m_Readers.take();
+    RowReader const reader(*this);
     Statement row = reader.database().prepare(std::string(kComplete) + " WHERE number = ?");
     return row.number(number).step() ? std::optional<Exchange>(readExchange(row)) : std::nullopt;
 }

@@ -10,7 +10,7 @@ namespace sandbox {
 
 std::optional<std::string> Store::otherPayment(Payment const& payment, Search search,
                                                std::vector<PaymentState> const& states) {
-    ReaderPool::Reader const reader = m_Readers.take();
+    RowReader const reader(*this);
     Statement row = reader.database().prepare(
         "SELECT id, state FROM payments WHERE account = ? AND id <> ? AND (? OR number < (SELECT number FROM payments "
         "WHERE id = ?)) ORDER BY number DESC");
@@ -24,7 +24,7 @@ std::optional<std::string> Store::otherPayment(Payment const& payment, Search se
 }
 
 std::optional<DueMove> Store::dueMove(std::string const& id) {
-    ReaderPool::Reader const reader = m_Readers.take();
+    RowReader const reader(*this);
     Statement row = reader.database().prepare("SELECT due, state, note FROM due_moves WHERE payment = ?");
     if (!row.text(id).step()) {
         return std::nullopt;
@@ -33,7 +33,7 @@ std::optional<DueMove> Store::dueMove(std::string const& id) {
 }
 
 std::vector<std::pair<std::string, DueMove>> Store::dueMoves(std::int64_t now, AccountScope const& accounts) {
-    ReaderPool::Reader const reader = m_Readers.take();
+    RowReader const reader(*this);
     Statement row = reader.database().prepare(
         "SELECT d.payment, d.due, d.state, d.note FROM due_moves d JOIN payments p ON p.id = d.payment WHERE d.due <= "
         "?" +
@@ -53,8 +53,7 @@ bool Store::hasDueMoves() {
 }
 
 bool Store::refuseCaptures(std::string const& id, HistoryEntry const& step, std::string const& reason) {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    Transaction transaction(m_Database);
+    Turn turn(m_Writer);
     if (!isIn(id, {step.m_State})) {
         return false;
     }
@@ -63,12 +62,12 @@ bool Store::refuseCaptures(std::string const& id, HistoryEntry const& step, std:
         .bytes(reason)
         .step();
     insertHistory(id, step);
-    transaction.commit();
+    turn.keep();
     return true;
 }
 
 std::optional<std::string> Store::captureRefusal(std::string const& id) {
-    ReaderPool::Reader const reader = m_Readers.take();
+    RowReader const reader(*this);
     Statement row = reader.database().prepare("SELECT reason FROM capture_refusals WHERE payment = ?");
     return row.text(id).step() ? std::optional<std::string>(row.column(0)) : std::nullopt;
 }
@@ -91,8 +90,7 @@ bool Store::isIn(std::string const& id, std::vector<PaymentState> const& states)
 }
 
 std::optional<Notification> Store::repeatNotification(std::int64_t number) {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    Transaction transaction(m_Database);
+    Turn turn(m_Writer);
     Notification again;
     {
         Statement row = m_Database.prepare("SELECT payment, address, result FROM notifications WHERE number = ?");
@@ -105,8 +103,7 @@ std::optional<Notification> Store::repeatNotification(std::int64_t number) {
     }
     insertNotification(again);
     again.m_Number = m_Database.lastNumber();
-    transaction.commit();
-    countChange();
+    turn.keep([this] { countChange(); });
     return again;
 }
 
@@ -121,12 +118,13 @@ std::map<std::string, std::string> Store::settings() {
 }
 
 void Store::setSetting(std::string const& name, std::string const& value) {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Turn turn(m_Writer);
     if (value.empty()) {
         m_Database.prepare("DELETE FROM settings WHERE name = ?").text(name).step();
-        return;
+    } else {
+        m_Database.prepare("INSERT OR REPLACE INTO settings (name, value) VALUES (?, ?)").text(name).text(value).step();
     }
-    m_Database.prepare("INSERT OR REPLACE INTO settings (name, value) VALUES (?, ?)").text(name).text(value).step();
+    turn.keep();
 }
 
 std::uint64_t Store::changes() {
@@ -148,6 +146,7 @@ void Store::endWaits() {
 }
 
 void Store::countChange() {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
     ++m_Changes;
     m_Changed.notify_all();
 }

@@ -83,8 +83,7 @@ void bind(Statement& row, PaymentFilter const& filter, Page const& page) {
 }  // namespace
 
 StoredPayment Store::openPayment(StoredPayment fresh, std::string const& time, MakeIdentifiers const& makeIdentifiers) {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    Transaction transaction(m_Database);
+    Turn turn(m_Writer);
     if (makeIdentifiers) {
         makeFreeIdentifiers(fresh, makeIdentifiers);
     }
@@ -112,14 +111,15 @@ StoredPayment Store::openPayment(StoredPayment fresh, std::string const& time, M
     fresh.m_Payment.m_Number = m_Database.lastNumber();
     HistoryEntry const step = {time, payment.m_State, "payment page asked for"};
     insertHistory(payment.m_Id, step);
-    transaction.commit();
-    m_Events.add({StoreEvent::Move{payment.m_Id, step}});
-    countChange();
+    turn.keep([this, move = StoreEvent::Move{payment.m_Id, step}] {
+        m_Events.add({move});
+        countChange();
+    });
     return fresh;
 }
 
 std::optional<StoredPayment> Store::paymentById(std::string const& id, History history) {
-    ReaderPool::Reader const reader = m_Readers.take();
+    RowReader const reader(*this);
     Statement row = reader.database().prepare(kSelectPayment + " WHERE id = ?");
     row.text(id);
     return findPayment(reader.database(), row, history);
@@ -127,7 +127,7 @@ std::optional<StoredPayment> Store::paymentById(std::string const& id, History h
 
 std::optional<StoredPayment> Store::paymentByToken(std::string const& account, std::string const& token,
                                                    History history) {
-    ReaderPool::Reader const reader = m_Readers.take();
+    RowReader const reader(*this);
     Statement row = reader.database().prepare(kSelectPayment + " WHERE account = ? AND token = ?");
     row.text(account).text(token);
     return findPayment(reader.database(), row, history);
@@ -196,13 +196,13 @@ std::vector<StoredPayment> Store::latestPayments(std::int64_t count, std::int64_
 }
 
 std::optional<Store::Subject> Store::subjectOf(std::string const& id) {
-    ReaderPool::Reader const reader = m_Readers.take();
+    RowReader const reader(*this);
     Statement row = reader.database().prepare("SELECT account, order_id FROM payments WHERE id = ?");
     return row.text(id).step() ? std::optional<Subject>({row.column(0), row.column(1)}) : std::nullopt;
 }
 
 std::string Store::orderOfToken(std::string const& account, std::string const& token) {
-    ReaderPool::Reader const reader = m_Readers.take();
+    RowReader const reader(*this);
     Statement row = reader.database().prepare("SELECT order_id FROM payments WHERE account = ? AND token = ?");
     row.text(account).text(token);
     return row.step() ? row.column(0) : "";
@@ -214,8 +214,7 @@ bool Store::advance(std::string const& id, std::vector<PaymentState> const& from
     for (PaymentState const state : from) {
         present += std::string(present.empty() ? "'" : ", '") + stateName(state) + "'";
     }
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    Transaction transaction(m_Database);
+    Turn turn(m_Writer);
     m_Database.prepare("UPDATE payments SET state = ? WHERE id = ? AND state IN (" + present + ")")
         .text(stateName(step.m_State))
         .text(id)
@@ -228,9 +227,10 @@ bool Store::advance(std::string const& id, std::vector<PaymentState> const& from
         insertNotification(*notification);
     }
     replaceDueMove(id, next);
-    transaction.commit();
-    m_Events.add({StoreEvent::Move{id, step}});
-    countChange();
+    turn.keep([this, move = StoreEvent::Move{id, step}] {
+        m_Events.add({move});
+        countChange();
+    });
     return true;
 }
 
@@ -256,7 +256,7 @@ std::vector<Notification> Store::pendingNotifications(std::int64_t after) {
 }
 
 void Store::updateNotification(Notification const& notification) {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
+    Turn turn(m_Writer);
     m_Database.prepare("UPDATE notifications SET attempts = ?, pending = ?, time = ?, outcome = ? WHERE number = ?")
         .number(notification.m_Attempts)
         .number(notification.m_Pending ? 1 : 0)
@@ -264,8 +264,10 @@ void Store::updateNotification(Notification const& notification) {
         .bytes(notification.m_Outcome)
         .number(notification.m_Number)
         .step();
-    m_Events.add({{}, {}, notification});
-    countChange();
+    turn.keep([this, notification] {
+        m_Events.add({{}, {}, notification});
+        countChange();
+    });
 }
 
 void Store::insertHistory(std::string const& id, HistoryEntry const& step) {

@@ -1,5 +1,5 @@
 // Removing payments and exchanges: on request, and the oldest of them while new ones are added.
-// Rows are removed in batches, and between two batches the lock is free for payments. A request removes what was there
+// Rows are removed in batches, and between two batches it is the turn of payments. A request removes what was there
 // when it came; rows that are added meanwhile stay, so that it comes to an end.
 #include <algorithm>
 #include <chrono>
@@ -33,7 +33,7 @@ std::int64_t Store::removeExchanges(ExchangeFilter const& filter, Page const& pa
     Page present = page;
     std::int64_t removed = 0;
     for (std::int64_t changed = kBatch; changed == kBatch; std::this_thread::sleep_for(kPause)) {
-        std::lock_guard<std::mutex> const lock(m_Mutex);
+        Turn turn(m_Writer);
         if (removed == 0) {
             present.m_Before = std::min(page.m_Before, lastNumberIn("exchanges") + 1);
         }
@@ -43,6 +43,7 @@ std::int64_t Store::removeExchanges(ExchangeFilter const& filter, Page const& pa
         row.number(kBatch).step();
         changed = m_Database.changes();
         removed += changed;
+        turn.keep();
     }
     return removed;
 }
@@ -51,9 +52,8 @@ std::int64_t Store::removePayments(std::optional<std::string> const& account) {
     std::int64_t last = 0;
     std::int64_t removed = 0;
     for (std::int64_t changed = kBatch; changed == kBatch; std::this_thread::sleep_for(kPause)) {
-        std::lock_guard<std::mutex> const lock(m_Mutex);
+        Turn turn(m_Writer);
         last = removed == 0 ? lastNumberIn("payments") : last;
-        Transaction transaction(m_Database);
         std::vector<std::string> ids;
         {
             Statement row = m_Database.prepare(std::string("SELECT id FROM payments WHERE number <= ?") +
@@ -68,21 +68,20 @@ std::int64_t Store::removePayments(std::optional<std::string> const& account) {
         for (std::string const& id : ids) {
             removePayment(id);
         }
-        transaction.commit();
+        turn.keep();
         changed = static_cast<std::int64_t>(ids.size());
         removed += changed;
     }
     return removed;
 }
 
-/// Removes one batch of what is too old or too much. True when there may be more. Called under the lock.
+/// Removes one batch of what is too old or too much. True when there may be more. Called in a turn.
 bool Store::prune() {
     if (!m_Retention.m_Newest && !m_Retention.m_Seconds) {
         return false;
     }
     std::int64_t const before =
         m_Retention.m_Seconds ? std::time(nullptr) - *m_Retention.m_Seconds : std::numeric_limits<std::int64_t>::min();
-    Transaction transaction(m_Database);
     std::int64_t excess[2] = {0, 0};
     if (m_Retention.m_Newest) {
         Statement row = m_Database.prepare(
@@ -95,7 +94,6 @@ bool Store::prune() {
     }
     bool const moreExchanges = pruneExchanges(excess[0], before);
     bool const morePayments = prunePayments(excess[1], before);
-    transaction.commit();
     return moreExchanges || morePayments;
 }
 

@@ -84,13 +84,13 @@ TEST_F(SandboxService, CarriesOutNothingThatItCannotRecord) {
     std::string const confirm = authorise("t1");
     std::size_t const exchanges = m_Service->exchanges().size();
     sandbox::Database database(m_Directory.path() + "/sandbox.db");
-    database.execute("ALTER TABLE begun_exchanges RENAME TO elsewhere");
+    database.execute("ALTER TABLE exchanges RENAME TO elsewhere; ALTER TABLE begun_exchanges RENAME TO nowhere");
     RawResponse const failed = get("/capture" + m_Merchant.signedQuery(confirm));
     EXPECT_EQ(failed.m_Status, 500);
     EXPECT_THAT(failed.m_Body, StartsWith("The sandbox failed: database: no such table"));
     EXPECT_THAT(failed.m_Body, HasSubstr("/sandbox.db)"));
     EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kAuthorised);
-    database.execute("ALTER TABLE elsewhere RENAME TO begun_exchanges");
+    database.execute("ALTER TABLE elsewhere RENAME TO exchanges; ALTER TABLE nowhere RENAME TO begun_exchanges");
     EXPECT_EQ(m_Service->exchanges().size(), exchanges);
     EXPECT_EQ(attributeOf(askCapture(confirm), "RESULT"), "captured");
 }

@@ -60,7 +60,7 @@ protected:
     static std::vector<std::string> ofLastRequest() {
         std::lock_guard<std::mutex> const lock(s_Mutex);
         auto const begun = std::find_if(s_Run.rbegin(), s_Run.rend(), [](auto const& run) {
-            return run.second.find("INTO begun_exchanges") != std::string::npos;
+            return run.second.find("INTO exchanges") != std::string::npos;
         });
         std::vector<std::string> found;
         for (auto const& [thread, sql] : s_Run) {
@@ -88,18 +88,18 @@ protected:
 TEST_F(Statements, OfAFreshPageAreAHandful) {
     forget();
     openPage(m_Merchant.payInit("t1"));
-    EXPECT_THAT(ofLastRequest(), ElementsAre("SELECT merchant_keys", "INSERT begun_exchanges", "BEGIN",
-                                             "INSERT payments", "INSERT history", "COMMIT", "BEGIN", "INSERT exchanges",
-                                             "DELETE begun_exchanges", "COMMIT"));
+    EXPECT_THAT(ofLastRequest(),
+                ElementsAre("SELECT merchant_keys", "BEGIN", "SAVEPOINT", "INSERT payments", "INSERT history",
+                            "RELEASE", "SAVEPOINT", "INSERT exchanges", "RELEASE", "COMMIT"));
 }
 
 TEST_F(Statements, OfADecisionAreAHandful) {
     RawResponse const page = openPage(m_Merchant.payInit("t1"));
     forget();
     press(page, "pay");
-    EXPECT_THAT(ofLastRequest(), ElementsAre("SELECT payments", "INSERT begun_exchanges", "BEGIN", "UPDATE payments",
-                                             "INSERT history", "DELETE due_moves", "COMMIT", "BEGIN",
-                                             "INSERT exchanges", "DELETE begun_exchanges", "COMMIT"));
+    EXPECT_THAT(ofLastRequest(),
+                ElementsAre("SELECT payments", "BEGIN", "SAVEPOINT", "UPDATE payments", "INSERT history",
+                            "DELETE due_moves", "RELEASE", "SAVEPOINT", "INSERT exchanges", "RELEASE", "COMMIT"));
 }
 
 TEST_F(Statements, OfACaptureAreAHandful) {
@@ -107,9 +107,9 @@ TEST_F(Statements, OfACaptureAreAHandful) {
     forget();
     askCapture(confirm);
     EXPECT_THAT(ofLastRequest(),
-                ElementsAre("SELECT merchant_keys", "SELECT payments", "INSERT begun_exchanges", "SELECT due_moves",
-                            "SELECT capture_refusals", "BEGIN", "UPDATE payments", "INSERT history", "DELETE due_moves",
-                            "COMMIT", "BEGIN", "INSERT exchanges", "DELETE begun_exchanges", "COMMIT"));
+                ElementsAre("SELECT merchant_keys", "SELECT payments", "SELECT due_moves", "SELECT capture_refusals",
+                            "BEGIN", "SAVEPOINT", "UPDATE payments", "INSERT history", "DELETE due_moves", "RELEASE",
+                            "SAVEPOINT", "INSERT exchanges", "RELEASE", "COMMIT"));
 }
 
 TEST_F(Statements, OfAListDoNotGrowWithTheStore) {

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/support/directories.h"
@@ -222,6 +223,56 @@ TEST_F(StoreLists, LoseThePaymentsOfAnAccountAlone) {
     EXPECT_EQ(m_Store.paymentById("P-one-t1")->m_Payment.m_History.size(), 1u);
     EXPECT_EQ(m_Store.removePayments(std::nullopt), 3);
     EXPECT_EQ(m_Store.counts().m_Payments, 0);
+}
+
+TEST_F(StoreLists, ShowWhatARequestHasChangedAtItsEnd) {
+    PaymentFilter filter;
+    filter.m_State = PaymentState::kDeclined;
+    std::uint64_t const changes = m_Store.changes();
+    Store::Request request(m_Store);
+    request.begin({});
+    ASSERT_TRUE(m_Store.advance("P-one-t1", {PaymentState::kOpened}, {"now", PaymentState::kDeclined, ""}));
+    EXPECT_EQ(m_Store.paymentById("P-one-t1")->m_Payment.m_State, PaymentState::kDeclined) << "the request sees it";
+    EXPECT_THAT(ids(filter), IsEmpty());
+    EXPECT_EQ(m_Store.changes(), changes);
+    EXPECT_EQ(request.end({}), 1);
+    EXPECT_THAT(ids(filter), ElementsAre("P-one-t1"));
+    EXPECT_EQ(m_Store.changes(), changes + 1);
+    EXPECT_THAT(numbers({}), ElementsAre(1));
+}
+
+TEST_F(StoreLists, ShowARequestThatIsCutOffAfterItHasChangedSomething) {
+    Exchange exchange;
+    exchange.m_Path = "/capture";
+    {
+        Store::Request request(m_Store);
+        request.begin(exchange);
+        ASSERT_TRUE(m_Store.advance("P-one-t1", {PaymentState::kOpened}, {"now", PaymentState::kDeclined, ""}));
+    }
+    {
+        Store::Request request(m_Store);
+        request.begin(exchange);
+    }
+    EXPECT_THAT(numbers({}), IsEmpty());
+    Store const next(m_Directory.path() + "/sandbox.db");
+    ASSERT_THAT(numbers({}), ElementsAre(1));
+    EXPECT_EQ(m_Store.exchange(1)->m_Verdict, "not answered: the sandbox ended before");
+    EXPECT_EQ(m_Store.exchange(1)->m_Path, "/capture");
+}
+
+TEST_F(StoreLists, LeaveNoTraceOfTheBeginningOfARequestThatHasEnded) {
+    Store::Request request(m_Store);
+    request.begin({});
+    ASSERT_TRUE(m_Store.advance("P-one-t1", {PaymentState::kOpened}, {"now", PaymentState::kDeclined, ""}));
+    std::thread([this] { m_Store.setSetting("a", "b"); }).join();
+    {
+        Database database(m_Directory.path() + "/sandbox.db", Database::Access::kRead);
+        EXPECT_TRUE(database.prepare("SELECT 1 FROM begun_exchanges").step()) << "the payment is committed";
+    }
+    request.end({});
+    Database database(m_Directory.path() + "/sandbox.db", Database::Access::kRead);
+    EXPECT_FALSE(database.prepare("SELECT 1 FROM begun_exchanges").step());
+    EXPECT_EQ(m_Store.counts().m_Exchanges, 1);
 }
 
 class StoreRetention : public ::testing::Test {
