@@ -25,16 +25,16 @@ constexpr char kSummary[] =
     "SELECT number, time, kind, account, order_id, token, payment, path, verdict, fault, delivery, microseconds, x'', "
     "x'', '[]', x'', x'' FROM exchanges";
 
-/// What was found can be any bytes, which JSON cannot hold.
+/// What was found can be any bytes, which JSON cannot hold. In hexadecimal nothing is left to be escaped.
 std::string stepsText(std::vector<CheckStep> const& steps) {
-    nlohmann::json list = nlohmann::json::array();
+    std::string list;
     for (CheckStep const& step : steps) {
-        list.push_back({{"what", toHex(step.m_What)}, {"found", toHex(step.m_Found)}, {"good", step.m_Good}});
-        if (step.m_Warning) {
-            list.back()["warning"] = true;
-        }
+        list += list.empty() ? "[" : ",";
+        list += R"({"what":")" + toHex(step.m_What) + R"(","found":")" + toHex(step.m_Found) +
+                (step.m_Good ? R"(","good":true)" : R"(","good":false)") +
+                (step.m_Warning ? R"(,"warning":true})" : "}");
     }
-    return list.dump();
+    return list.empty() ? "[]" : list + "]";
 }
 
 std::vector<CheckStep> stepsFromText(std::string const& text) {
