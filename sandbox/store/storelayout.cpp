@@ -1,10 +1,10 @@
 // The tables of the database, and the way there from earlier layouts.
 // The layout is a number (PRAGMA user_version). An empty file gets the tables as they are now; layout 3 gets what it
-// lacks, which is filled in from the messages that are stored. Then requests that an earlier process began and did not
-// finish become exchanges without a response.
-// The counters are kept by triggers, so that they change in the same transaction as the rows they count. A counter also
-// holds the last number that its table has given: numbers are never given twice, not even after the newest rows have
-// been removed, because clients use them as cursors.
+// lacks, which is filled in from the messages that are stored; layout 4 loses indexes that cost payments more than they
+// are worth to lists. Then requests that an earlier process began and did not finish become exchanges without a
+// response. The counters are kept by triggers, so that they change in the same transaction as the rows they count. A
+// counter also holds the last number that its table has given: numbers are never given twice, not even after the newest
+// rows have been removed, because clients use them as cursors.
 #include "sandbox/store/storelayout.h"
 
 #include <cstdint>
@@ -25,7 +25,7 @@ namespace sandbox {
 
 namespace {
 
-constexpr std::int64_t kLayout = 4;
+constexpr std::int64_t kLayout = 5;
 constexpr std::int64_t kFirstLayoutKnown = 3;
 
 constexpr char kTables[] = R"(
@@ -146,9 +146,7 @@ constexpr char kColumnsOfLayout4[] = R"(
 constexpr char kIndexes[] = R"(
     CREATE INDEX payments_of_account ON payments (account, number);
     CREATE INDEX payments_of_order ON payments (order_id, number);
-    CREATE INDEX payments_of_token ON payments (token, number);
     CREATE INDEX payments_in_state ON payments (state, number);
-    CREATE INDEX payments_of_account_in_state ON payments (account, state, number);
     CREATE INDEX payments_to_expire ON payments (expires) WHERE state = 'opened';
     CREATE INDEX notifications_of_payment ON notifications (payment, number);
     CREATE INDEX notifications_pending ON notifications (number) WHERE pending = 1;
@@ -157,7 +155,6 @@ constexpr char kIndexes[] = R"(
     CREATE INDEX exchanges_of_token ON exchanges (token, number);
     CREATE INDEX exchanges_of_payment ON exchanges (payment, number);
     CREATE INDEX exchanges_of_kind ON exchanges (kind, number);
-    CREATE INDEX exchanges_of_account_and_kind ON exchanges (account, kind, number);
     CREATE INDEX exchanges_of_order_alone ON exchanges (order_id, account, number) WHERE token = '' AND payment = '';
     CREATE TABLE counters (
         name TEXT PRIMARY KEY,
@@ -191,7 +188,15 @@ constexpr char kIndexes[] = R"(
     CREATE TRIGGER warning_removed AFTER DELETE ON warnings BEGIN
         UPDATE counters SET count = count - 1 WHERE name = 'warnings';
     END;
-    PRAGMA user_version = 4;
+    PRAGMA user_version = 5;
+)";
+
+/// What layout 4 has too much.
+constexpr char kDropsOfLayout5[] = R"(
+    DROP INDEX payments_of_token;
+    DROP INDEX payments_of_account_in_state;
+    DROP INDEX exchanges_of_account_and_kind;
+    PRAGMA user_version = 5;
 )";
 
 // The payments show whether these requests were carried out.
@@ -327,9 +332,11 @@ void prepareTables(Database& database, std::string const& path) {
         fillExchanges(database);
         database.execute(kAddedTables);
         database.execute(kIndexes);
+    } else if (layout == kLayout - 1) {
+        database.execute(kDropsOfLayout5);
     } else if (layout != kLayout) {
         throw std::runtime_error(path + " has layout " + std::to_string(layout) + ", this sandbox knows layouts " +
-                                 std::to_string(kFirstLayoutKnown) + " and " + std::to_string(kLayout) +
+                                 std::to_string(kFirstLayoutKnown) + " to " + std::to_string(kLayout) +
                                  ": choose another data directory");
     }
     database.execute(kEndBegun);

@@ -120,6 +120,36 @@ TEST_F(EarlierLayout, CountsWhatIsThere) {
     EXPECT_EQ(Store(m_Path).counts().m_Exchanges, 7);
 }
 
+TEST(FormerLayout, IsKeptButForIndexes) {
+    TemporaryDirectory const directory;
+    std::string const path = directory.path() + "/sandbox.db";
+    {
+        Store store(path);
+        store.putAccount("one", "p");
+        StoredPayment fresh;
+        fresh.m_Payment.m_Id = "P1";
+        fresh.m_Payment.m_Account = "one";
+        fresh.m_Payment.m_Token = "t1";
+        store.openPayment(fresh, "then");
+        store.addExchange({});
+        Database(path).execute(
+            "CREATE INDEX payments_of_token ON payments (token, number);"
+            "CREATE INDEX payments_of_account_in_state ON payments (account, state, number);"
+            "CREATE INDEX exchanges_of_account_and_kind ON exchanges (account, kind, number);"
+            "PRAGMA user_version = 4");
+    }
+    Store store(path);
+    PaymentFilter filter;
+    filter.m_Token = "t1";
+    EXPECT_EQ(store.newestPayment(filter)->m_Id, "P1");
+    EXPECT_EQ(store.counts().m_Exchanges, 1);
+    Database database(path, Database::Access::kRead);
+    Statement version = database.prepare("PRAGMA user_version");
+    ASSERT_TRUE(version.step());
+    EXPECT_EQ(version.numberColumn(0), 5);
+    EXPECT_FALSE(database.prepare("SELECT 1 FROM sqlite_schema WHERE name = 'payments_of_token'").step());
+}
+
 TEST_F(EarlierLayout, CountsOnFromTheNumbersThatWereGiven) {
     Store store(m_Path);
     EXPECT_EQ(store.addExchange({}), 12);
