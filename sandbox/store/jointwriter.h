@@ -110,7 +110,7 @@ public:
     /// Runs `action` at the end of the thread's unit, or at once when it has none.
     void runAfter(std::function<void()> action);
 
-    /// To be used before other threads use the writer.
+    /// To be used in turns, and before other threads use the writer.
     [[nodiscard]] Database& database() { return m_Database; }
 
 private:
