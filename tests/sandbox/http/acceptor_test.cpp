@@ -276,7 +276,10 @@ TEST(Acceptor, PausesWithoutDescriptors) {
     constexpr std::chrono::milliseconds kWatched{300};
     Acceptor acceptor(0);
     start(acceptor, &echo);
-    EXPECT_TRUE(isServed(acceptor));
+    RawConnection const earlier(acceptor.port());
+    EXPECT_TRUE(isServed(earlier));
+    ::shutdown(earlier.get(), SHUT_WR);
+    EXPECT_EQ(earlier.readToEnd(), "") << "no descriptor of it is given back later";
     RawConnection const open(acceptor.port());
     EXPECT_TRUE(isServed(open));
     DescriptorLimit const limit;
