@@ -81,14 +81,9 @@ ExchangeFilter readExchangeFilter(Query const& query) {
 
 void refuseUnknown(Query const& query, Names const& known) {
     for (std::string const& name : query.names()) {
-        if (std::find(known.begin(), known.end(), name) != known.end()) {
-            continue;
+        if (std::find(known.begin(), known.end(), name) == known.end()) {
+            throw HttpError("unknown filter '" + name + "', the filters of this list are: " + joined(known));
         }
-        std::string list;
-        for (std::string const& each : known) {
-            list += (list.empty() ? "" : ", ") + each;
-        }
-        throw HttpError("unknown filter '" + name + "', the filters of this list are: " + list);
     }
 }
 

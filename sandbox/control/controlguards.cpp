@@ -1,6 +1,5 @@
 #include "sandbox/control/controlguards.h"
 
-#include <algorithm>
 #include <cstddef>
 #include <string>
 
@@ -11,13 +10,6 @@
 namespace sandbox {
 
 namespace {
-
-/// ASCII only, independent of the locale.
-std::string lowerCase(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
-    return text;
-}
 
 /// `host` without a port.
 std::string nameOf(std::string const& host) {

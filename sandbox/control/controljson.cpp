@@ -1,4 +1,4 @@
-// JSON of the control API: writing payments, exchanges and faults, reading the objects in requests.
+// JSON of the control API: writing what is stored and what is armed, reading the objects in requests.
 //
 // Requests are read strictly: unknown members, wrong types and numbers out of range are errors that name the member. A
 // fault is read into text fields first and then parsed by the same code as the option `--fault`.
@@ -8,8 +8,10 @@
 #include <algorithm>
 #include <cstddef>
 #include <limits>
+#include <optional>
 #include <utility>
 
+#include "sandbox/service/decisions.h"
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/wiretext.h"
 
@@ -19,52 +21,57 @@ namespace {
 
 using nlohmann::json;
 
+constexpr char kAlways[] = "always";
+
+/// The largest number of payments that a standing decision counts.
+constexpr std::int64_t kMaxCounted = 1000;
+
 /// The required type of a fault's member.
 struct FaultMember {
     char const* m_Name;
-    bool (*m_Fits)(json const& value);
+    bool (json::*m_Fits)() const noexcept;
     char const* m_Type;
 };
 
-bool isText(json const& value) {
-    return value.is_string();
-}
-
-bool isWhole(json const& value) {
-    return value.is_number_integer();
-}
-
-bool isNumber(json const& value) {
-    return value.is_number();
-}
-
-bool isTimes(json const& value) {
-    return value.is_number_integer() || value == "always";
-}
-
 // clang-format off
 constexpr FaultMember kDetails[] = {
-    {"exchange",  isText,   "a string"},
-    {"account",   isText,   "a string"},
-    {"order",     isText,   "a string"},
-    {"times",     isTimes,  "a whole number or \"always\""},
-    {"skip",      isWhole,  "a whole number"},
-    {"seconds",   isNumber, "a number"},
-    {"bytes",     isWhole,  "a whole number"},
-    {"status",    isWhole,  "a whole number"},
-    {"text",      isText,   "a string"},
-    {"megabytes", isWhole,  "a whole number"},
+    {"exchange",  &json::is_string,         "a string"},
+    {"account",   &json::is_string,         "a string"},
+    {"order",     &json::is_string,         "a string"},
+    {"times",     &json::is_number_integer, "a whole number or \"always\""},
+    {"skip",      &json::is_number_integer, "a whole number"},
+    {"seconds",   &json::is_number,         "a number"},
+    {"bytes",     &json::is_number_integer, "a whole number"},
+    {"status",    &json::is_number_integer, "a whole number"},
+    {"text",      &json::is_string,         "a string"},
+    {"megabytes", &json::is_number_integer, "a whole number"},
 };
 // clang-format on
 
-json stepJson(CheckStep const& step) {
-    json out = {{"good", step.m_Good}};
-    if (step.m_Warning) {
-        out["warning"] = true;
+bool fits(FaultMember const& member, json const& value) {
+    bool const isAlways = member.m_Name == std::string("times") && value == kAlways;
+    return isAlways || (value.*member.m_Fits)();
+}
+
+json timesJson(std::int64_t times) {
+    return times == 0 ? json(kAlways) : json(times);
+}
+
+/// Sets the member when there is a value.
+template <class Value>
+void putIfGiven(json& object, char const* name, std::optional<Value> const& value) {
+    if (value) {
+        object[name] = *value;
     }
-    putBytes(out, "what", step.m_What);
-    putBytes(out, "found", step.m_Found);
-    return out;
+}
+
+/// A member that counts payments, up to kMaxCounted. Throws HttpError.
+std::int64_t optionalCount(json const& object, std::string const& name) {
+    std::int64_t const count = object.contains(name) ? requireNumber(object, name) : 0;
+    if (count < 0 || count > kMaxCounted) {
+        throw HttpError("the member '" + name + "' must be at most " + std::to_string(kMaxCounted));
+    }
+    return count;
 }
 
 json parse(std::string const& body, std::string const& name) {
@@ -102,18 +109,34 @@ void putBytes(json& object, std::string const& name, std::string const& bytes) {
     }
 }
 
-json notificationJson(Notification const& notification) {
-    json out = {{"number", notification.m_Number},   {"payment", notification.m_Payment},
-                {"result", notification.m_Result},   {"attempts", notification.m_Attempts},
-                {"pending", notification.m_Pending}, {"time", notification.m_Time}};
+void to_json(json& out, CheckStep const& step) {
+    out = {{"good", step.m_Good}};
+    if (step.m_Warning) {
+        out["warning"] = true;
+    }
+    putBytes(out, "what", step.m_What);
+    putBytes(out, "found", step.m_Found);
+}
+
+void to_json(json& out, HistoryEntry const& step) {
+    out = {{"time", step.m_Time}, {"state", stateName(step.m_State)}, {"note", step.m_Note}};
+}
+
+void to_json(json& out, Notification const& notification) {
+    out = {{"number", notification.m_Number},   {"payment", notification.m_Payment},
+           {"result", notification.m_Result},   {"attempts", notification.m_Attempts},
+           {"pending", notification.m_Pending}, {"time", notification.m_Time}};
     putBytes(out, "address", notification.m_Address);
     putBytes(out, "outcome", notification.m_Outcome);
-    return out;
+}
+
+void to_json(json& out, Snapshots::Entry const& snapshot) {
+    out = {{"name", snapshot.m_Name}, {"time", snapshot.m_Time}, {"bytes", snapshot.m_Bytes}};
 }
 
 json paymentJson(Payment const& payment, std::vector<Notification> const& notifications) {
-    json out = {{"number", payment.m_Number},  {"id", payment.m_Id},       {"state", stateName(payment.m_State)},
-                {"attributes", json::array()}, {"history", json::array()}, {"notifications", json::array()}};
+    json out = {{"number", payment.m_Number},  {"id", payment.m_Id},           {"state", stateName(payment.m_State)},
+                {"attributes", json::array()}, {"history", payment.m_History}, {"notifications", notifications}};
     putBytes(out, "account", payment.m_Account);
     putBytes(out, "token", payment.m_Token);
     for (auto const& [name, value] : payment.m_Attributes) {
@@ -121,19 +144,14 @@ json paymentJson(Payment const& payment, std::vector<Notification> const& notifi
         putBytes(attribute, "value", value);
         out["attributes"].push_back(std::move(attribute));
     }
-    for (HistoryEntry const& step : payment.m_History) {
-        out["history"].push_back({{"time", step.m_Time}, {"state", stateName(step.m_State)}, {"note", step.m_Note}});
-    }
-    for (Notification const& notification : notifications) {
-        out["notifications"].push_back(notificationJson(notification));
-    }
     return out;
 }
 
-json exchangeJson(Exchange const& exchange) {
-    json out = {{"number", exchange.m_Number},           {"time", exchange.m_Time},
-                {"kind", exchangeName(exchange.m_Kind)}, {"steps", json::array()},
-                {"delivery", exchange.m_Delivery},       {"microseconds", exchange.m_Microseconds}};
+json summaryJson(Exchange const& exchange) {
+    json out = {{"number", exchange.m_Number},
+                {"time", exchange.m_Time},
+                {"kind", exchangeName(exchange.m_Kind)},
+                {"microseconds", exchange.m_Microseconds}};
     putBytes(out, "account", exchange.m_Account);
     putBytes(out, "token", exchange.m_Token);
     putBytes(out, "payment", exchange.m_Payment);
@@ -141,54 +159,61 @@ json exchangeJson(Exchange const& exchange) {
     putBytes(out, "path", exchange.m_Path);
     putBytes(out, "verdict", exchange.m_Verdict);
     putBytes(out, "fault", exchange.m_Fault);
+    return out;
+}
+
+void to_json(json& out, Exchange const& exchange) {
+    out = summaryJson(exchange);
+    out["steps"] = exchange.m_Steps;
+    out["delivery"] = exchange.m_Delivery;
     putBytes(out, "data", exchange.m_Data);
     putBytes(out, "signature", exchange.m_Signature);
     putBytes(out, "request", exchange.m_Request);
     putBytes(out, "answer", exchange.m_Response);
-    for (CheckStep const& step : exchange.m_Steps) {
-        out["steps"].push_back(stepJson(step));
-    }
-    return out;
 }
 
-json faultJson(ArmedFault const& armed) {
+void to_json(json& out, ArmedFault const& armed) {
     Fault const& fault = armed.m_Fault;
-    json out = {{"id", armed.m_Id},
-                {"happened", armed.m_Happened},
-                {"kind", faultRow(fault.m_Kind).m_Name},
-                {"exchange", fault.m_Exchange ? exchangeName(*fault.m_Exchange) : "any"}};
+    out = {{"id", armed.m_Id},
+           {"happened", armed.m_Happened},
+           {"kind", faultRow(fault.m_Kind).m_Name},
+           {"exchange", fault.m_Exchange ? exchangeName(*fault.m_Exchange) : "any"},
+           {"times", timesJson(fault.m_Times)}};
     if (!fault.m_Account.empty()) {
         putBytes(out, "account", fault.m_Account);
     }
     putBytes(out, "order", fault.m_Order);
-    out["times"] = fault.m_Times == 0 ? json("always") : json(fault.m_Times);
     if (fault.m_Skip != 0) {
         out["skip"] = fault.m_Skip;
     }
-    if (fault.m_Seconds) {
-        out["seconds"] = *fault.m_Seconds;
-    }
-    if (fault.m_Bytes) {
-        out["bytes"] = *fault.m_Bytes;
-    }
-    if (fault.m_Status) {
-        out["status"] = *fault.m_Status;
-    }
+    putIfGiven(out, "seconds", fault.m_Seconds);
+    putIfGiven(out, "bytes", fault.m_Bytes);
+    putIfGiven(out, "status", fault.m_Status);
+    putIfGiven(out, "megabytes", fault.m_Megabytes);
     if (fault.m_Text) {
         putBytes(out, "text", *fault.m_Text);
     }
-    if (fault.m_Megabytes) {
-        out["megabytes"] = *fault.m_Megabytes;
-    }
-    return out;
 }
 
-json faultKindJson(FaultKindRow const& row) {
-    return {{"name", row.m_Name},
-            {"meaning", row.m_Meaning},
-            {"exchanges", exchangeNames(row)},
-            {"parameters", parameterNames(row)},
-            {"carriedOut", row.m_CarriedOut}};
+void to_json(json& out, FaultKindRow const& row) {
+    out = {{"name", row.m_Name},
+           {"meaning", row.m_Meaning},
+           {"exchanges", exchangeNames(row)},
+           {"parameters", parameterNames(row)},
+           {"carriedOut", row.m_CarriedOut}};
+}
+
+void to_json(json& out, StandingDecision const& decision) {
+    out = {{"id", decision.m_Id},
+           {"decision", decision.m_Decision},
+           {"times", timesJson(decision.m_Times)},
+           {"happened", decision.m_Happened}};
+    if (decision.m_Skip != 0) {
+        out["skip"] = decision.m_Skip;
+    }
+    putBytes(out, "account", decision.m_Account);
+    putBytes(out, "order", decision.m_Order);
+    putBytes(out, "amount", decision.m_Amount);
 }
 
 json parseObject(std::string const& body, std::string const& name) {
@@ -231,6 +256,10 @@ std::int64_t requireNumber(json const& object, std::string const& name) {
     return found->get<std::int64_t>();
 }
 
+std::string optionalText(json const& object, std::string const& name) {
+    return object.contains(name) ? requireText(object, name) : "";
+}
+
 Fault readFault(json const& object) {
     std::vector<std::string> allowed = {"kind"};
     for (FaultMember const& member : kDetails) {
@@ -244,12 +273,28 @@ Fault readFault(json const& object) {
         if (found == object.end()) {
             continue;
         }
-        if (!member.m_Fits(*found)) {
+        if (!fits(member, *found)) {
             throw HttpError(std::string("the member '") + member.m_Name + "' must be " + member.m_Type);
         }
         fields.emplace_back(member.m_Name, found->is_string() ? found->get<std::string>() : found->dump());
     }
     return makeFault(kind, fields);
+}
+
+StandingDecision readDecision(json const& object) {
+    checkMembers(object, {"decision", "account", "order", "amount", "times", "skip"});
+    StandingDecision decision;
+    decision.m_Decision = namedDecision(requireText(object, "decision")).m_Name;
+    decision.m_Account = optionalText(object, "account");
+    decision.m_Order = optionalText(object, "order");
+    decision.m_Amount = optionalText(object, "amount");
+    bool const isAlways = !object.contains("times") || object.at("times") == kAlways;
+    decision.m_Times = isAlways ? 0 : optionalCount(object, "times");
+    if (!isAlways && decision.m_Times == 0) {
+        throw HttpError("the member 'times' must be a number from 1 or \"always\"");
+    }
+    decision.m_Skip = optionalCount(object, "skip");
+    return decision;
 }
 
 }  // namespace sandbox

@@ -50,16 +50,9 @@ HttpResponse liftAllFaults(Services const& services, HttpRequest const& request)
 /// Arms the scenario in a file. Throws std::runtime_error, with the place of a mistake.
 void playScenarioFile(Services const& services, std::string const& path);
 
-/// A standing decision as JSON, and as a request describes it. Throws HttpError.
-nlohmann::json decisionJson(StandingDecision const& decision);
-StandingDecision readDecision(nlohmann::json const& object);
-
 /// What getStatus() and getKeys() respond with, for the dashboard.
 nlohmann::json statusJson(Services const& services);
 nlohmann::json keysJson(Services const& services);
-
-/// Removes the fault whose id is `text`; false when there is none.
-bool liftNamedFault(Services const& services, std::string const& text);
 
 /// Largest clock offset in seconds, in either direction.
 inline constexpr std::int64_t kMaxSecondsAhead = std::int64_t{10} * 365 * 24 * 60 * 60;

@@ -34,9 +34,6 @@ constexpr char kNotified[] = "notified";
 constexpr std::int64_t kMaxWait = 60;
 constexpr std::int64_t kUsualWait = 10;
 
-/// The largest number of payments that a standing decision counts.
-constexpr std::int64_t kMaxCounted = 1000;
-
 /// The segment of the path with this number, from 0.
 std::string segment(std::string const& path, int number) {
     std::size_t from = 1;
@@ -137,19 +134,6 @@ Payment awaitPayment(Services const& services, PaymentFilter const& named, std::
     }
 }
 
-std::string optionalText(json const& object, std::string const& name) {
-    return object.contains(name) ? requireText(object, name) : "";
-}
-
-/// A member that counts payments, up to kMaxCounted. Throws HttpError.
-std::int64_t optionalCount(json const& object, std::string const& name) {
-    std::int64_t const count = object.contains(name) ? requireNumber(object, name) : 0;
-    if (count < 0 || count > kMaxCounted) {
-        throw HttpError("the member '" + name + "' must be at most " + std::to_string(kMaxCounted));
-    }
-    return count;
-}
-
 }  // namespace
 
 HttpResponse getPayment(Services const& services, HttpRequest const& request) {
@@ -189,51 +173,14 @@ HttpResponse decidePayment(Services const& services, HttpRequest const& request)
     return jsonResponse(httpstatus::kOk, out);
 }
 
-json decisionJson(StandingDecision const& decision) {
-    json out = {{"id", decision.m_Id},
-                {"decision", decision.m_Decision},
-                {"times", decision.m_Times == 0 ? json("always") : json(decision.m_Times)},
-                {"happened", decision.m_Happened}};
-    if (decision.m_Skip != 0) {
-        out["skip"] = decision.m_Skip;
-    }
-    putBytes(out, "account", decision.m_Account);
-    putBytes(out, "order", decision.m_Order);
-    putBytes(out, "amount", decision.m_Amount);
-    return out;
-}
-
-StandingDecision readDecision(json const& object) {
-    checkMembers(object, {"decision", "account", "order", "amount", "times", "skip"});
-    StandingDecision decision;
-    decision.m_Decision = namedDecision(requireText(object, "decision")).m_Name;
-    decision.m_Account = optionalText(object, "account");
-    decision.m_Order = optionalText(object, "order");
-    decision.m_Amount = optionalText(object, "amount");
-    bool const isAlways = !object.contains("times") || object.at("times") == "always";
-    decision.m_Times = isAlways ? 0 : optionalCount(object, "times");
-    if (!isAlways && decision.m_Times == 0) {
-        throw HttpError("the member 'times' must be a number from 1 or \"always\"");
-    }
-    decision.m_Skip = optionalCount(object, "skip");
-    return decision;
-}
-
 HttpResponse getDecisions(Services const& services, HttpRequest const& request) {
-    std::optional<std::string> const account = readAccount(request.m_Query);
-    json decisions = json::array();
-    for (StandingDecision const& decision : services.m_Decisions.all()) {
-        if (!account || decision.m_Account == *account) {
-            decisions.push_back(decisionJson(decision));
-        }
-    }
-    return jsonResponse(httpstatus::kOk, {{"decisions", decisions}});
+    return jsonResponse(httpstatus::kOk, {{"decisions", services.m_Decisions.all(readAccount(request.m_Query))}});
 }
 
 HttpResponse addDecision(Services const& services, HttpRequest const& request) {
     StandingDecision decision = readDecision(parseObject(request.m_Body));
     decision.m_Id = services.m_Decisions.add(decision);
-    return jsonResponse(httpstatus::kCreated, decisionJson(decision));
+    return jsonResponse(httpstatus::kCreated, decision);
 }
 
 HttpResponse removeDecision(Services const& services, HttpRequest const& request) {
@@ -246,23 +193,14 @@ HttpResponse removeDecision(Services const& services, HttpRequest const& request
 }
 
 HttpResponse removeAllDecisions(Services const& services, HttpRequest const& request) {
-    std::optional<std::string> const account = readAccount(request.m_Query);
-    if (account) {
-        services.m_Decisions.removeAllOf(*account);
-    } else {
-        services.m_Decisions.removeAll();
-    }
+    services.m_Decisions.removeAll(readAccount(request.m_Query));
     return getDecisions(services, request);
 }
 
 HttpResponse getNotifications(Services const& services, HttpRequest const& request) {
     std::optional<std::string> const payment = request.m_Query.value("payment");
-    json notifications = json::array();
-    for (Notification const& notification :
-         payment ? services.m_Store.notificationsOf(*payment) : services.m_Store.notifications()) {
-        notifications.push_back(notificationJson(notification));
-    }
-    return jsonResponse(httpstatus::kOk, {{"notifications", notifications}});
+    return jsonResponse(httpstatus::kOk, {{"notifications", payment ? services.m_Store.notificationsOf(*payment)
+                                                                    : services.m_Store.notifications()}});
 }
 
 HttpResponse resendNotification(Services const& services, HttpRequest const& request) {
@@ -276,7 +214,7 @@ HttpResponse resendNotification(Services const& services, HttpRequest const& req
         throw HttpError("there is no notification '" + name + "'", httpstatus::kNotFound);
     }
     services.m_Notifier.wake();
-    return jsonResponse(httpstatus::kCreated, notificationJson(*again));
+    return jsonResponse(httpstatus::kCreated, *again);
 }
 
 }  // namespace sandbox

@@ -36,18 +36,7 @@ std::string eventText(char const* name, json const& data) {
 }
 
 std::string exchangeEvent(Exchange const& exchange) {
-    json data = {{"number", exchange.m_Number},
-                 {"time", exchange.m_Time},
-                 {"kind", exchangeName(exchange.m_Kind)},
-                 {"microseconds", exchange.m_Microseconds}};
-    putBytes(data, "account", exchange.m_Account);
-    putBytes(data, "order", exchange.m_Order);
-    putBytes(data, "token", exchange.m_Token);
-    putBytes(data, "payment", exchange.m_Payment);
-    putBytes(data, "path", exchange.m_Path);
-    putBytes(data, "verdict", exchange.m_Verdict);
-    putBytes(data, "fault", exchange.m_Fault);
-    return "id: " + std::to_string(exchange.m_Number) + "\n" + eventText("exchange", data);
+    return "id: " + std::to_string(exchange.m_Number) + "\n" + eventText("exchange", summaryJson(exchange));
 }
 
 /// The stream of one client.
@@ -117,16 +106,15 @@ private:
     [[nodiscard]] bool fits(std::string const& account) const { return !m_Account || *m_Account == account; }
 
     static std::string moveEvent(StoreEvent::Move const& move, Store::Subject const& subject) {
-        HistoryEntry const& step = move.m_Step;
-        json data = {
-            {"id", move.m_Payment}, {"state", stateName(step.m_State)}, {"time", step.m_Time}, {"note", step.m_Note}};
+        json data = move.m_Step;
+        data["id"] = move.m_Payment;
         putBytes(data, "account", subject.m_Account);
         putBytes(data, "order", subject.m_Order);
         return eventText("payment", data);
     }
 
     static std::string notificationEvent(Notification const& notification, Store::Subject const& subject) {
-        json data = notificationJson(notification);
+        json data = notification;
         putBytes(data, "account", subject.m_Account);
         return eventText("notification", data);
     }

@@ -57,7 +57,7 @@ private:
         Listing<Exchange> const listing = m_Services.m_Store.exchanges(m_Exchanges, m_Page);
         std::string lines;
         for (Exchange const& exchange : listing.m_Rows) {
-            lines += line("exchange", exchangeJson(exchange));
+            lines += line("exchange", exchange);
         }
         m_AtEnd = !listing.m_More;
         m_Page.m_After = listing.m_More ? listing.m_Rows.back().m_Number : m_Page.m_After;

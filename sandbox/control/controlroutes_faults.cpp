@@ -13,51 +13,31 @@
 namespace sandbox {
 
 HttpResponse getFaults(Services const& services, HttpRequest const& request) {
-    std::optional<std::string> const account = readAccount(request.m_Query);
-    nlohmann::json faults = nlohmann::json::array();
-    for (ArmedFault const& armed : services.m_Faults.armed()) {
-        if (!account || armed.m_Fault.m_Account == *account) {
-            faults.push_back(faultJson(armed));
-        }
-    }
-    return jsonResponse(httpstatus::kOk, {{"faults", faults}});
+    return jsonResponse(httpstatus::kOk, {{"faults", services.m_Faults.armed(readAccount(request.m_Query))}});
 }
 
 HttpResponse getFaultKinds(Services const&, HttpRequest const&) {
-    nlohmann::json kinds = nlohmann::json::array();
-    for (FaultKindRow const& row : allFaultKinds()) {
-        kinds.push_back(faultKindJson(row));
-    }
-    return jsonResponse(httpstatus::kOk, {{"kinds", kinds}});
+    return jsonResponse(httpstatus::kOk, {{"kinds", allFaultKinds()}});
 }
 
 HttpResponse armFault(Services const& services, HttpRequest const& request) {
     ArmedFault armed;
     armed.m_Fault = readFault(parseObject(request.m_Body));
     armed.m_Id = services.m_Faults.arm(armed.m_Fault);
-    return jsonResponse(httpstatus::kCreated, faultJson(armed));
+    return jsonResponse(httpstatus::kCreated, armed);
 }
 
 HttpResponse liftFault(Services const& services, HttpRequest const& request) {
     std::string const name = request.m_Path.substr(request.m_Path.rfind('/') + 1);
-    if (!liftNamedFault(services, name)) {
+    std::optional<std::int64_t> const id = wholeNumber(name);
+    if (!id || !services.m_Faults.lift(*id)) {
         throw HttpError("no fault '" + name + "' is armed", httpstatus::kNotFound);
     }
     return getFaults(services, request);
 }
 
-bool liftNamedFault(Services const& services, std::string const& text) {
-    std::optional<std::int64_t> const id = wholeNumber(text);
-    return id && services.m_Faults.lift(*id);
-}
-
 HttpResponse liftAllFaults(Services const& services, HttpRequest const& request) {
-    std::optional<std::string> const account = readAccount(request.m_Query);
-    if (account) {
-        services.m_Faults.liftAllOf(*account);
-    } else {
-        services.m_Faults.liftAll();
-    }
+    services.m_Faults.liftAll(readAccount(request.m_Query));
     return getFaults(services, request);
 }
 

@@ -67,11 +67,11 @@ json arm(Services const& services, Scenario const& scenario) {
         ArmedFault armed;
         armed.m_Fault = fault;
         armed.m_Id = services.m_Faults.arm(fault);
-        out["faults"].push_back(faultJson(armed));
+        out["faults"].push_back(armed);
     }
     for (StandingDecision decision : scenario.m_Decisions) {
         decision.m_Id = services.m_Decisions.add(decision);
-        out["decisions"].push_back(decisionJson(decision));
+        out["decisions"].push_back(decision);
     }
     return out;
 }
@@ -91,11 +91,10 @@ json presentSteps(Services const& services) {
     };
     for (ArmedFault const& armed : services.m_Faults.armed()) {
         Fault const& fault = armed.m_Fault;
-        add(faultJson(armed), fault.m_Times, armed.m_Happened, fault.m_Skip - armed.m_Passed);
+        add(armed, fault.m_Times, armed.m_Happened, fault.m_Skip - armed.m_Passed);
     }
     for (StandingDecision const& each : services.m_Decisions.all()) {
-        add(decisionJson(each), each.m_Times, each.m_Happened,
-            each.m_Skip - static_cast<std::int64_t>(each.m_Passed.size()));
+        add(each, each.m_Times, each.m_Happened, each.m_Skip - static_cast<std::int64_t>(each.m_Passed.size()));
     }
     return steps;
 }
@@ -130,11 +129,7 @@ void playScenarioFile(Services const& services, std::string const& path) {
 }
 
 HttpResponse getSnapshots(Services const& services, HttpRequest const&) {
-    json snapshots = json::array();
-    for (Snapshots::Entry const& entry : services.m_Snapshots.all()) {
-        snapshots.push_back({{"name", entry.m_Name}, {"time", entry.m_Time}, {"bytes", entry.m_Bytes}});
-    }
-    return jsonResponse(httpstatus::kOk, {{"snapshots", snapshots}});
+    return jsonResponse(httpstatus::kOk, {{"snapshots", services.m_Snapshots.all()}});
 }
 
 HttpResponse saveSnapshot(Services const& services, HttpRequest const& request) {

@@ -144,21 +144,18 @@ HttpResponse getPayments(Services const& services, HttpRequest const& request) {
     PaymentQuery const query = readPaymentQuery(request.m_Query);
     bringUpToDate(services);
     Listing<Payment> const listing = services.m_Store.payments(query.m_Filter, query.m_Page);
-    nlohmann::json payments = nlohmann::json::array();
-    for (Payment const& payment : listing.m_Rows) {
-        payments.push_back(paymentJson(payment, services.m_Store.notificationsOf(payment.m_Id)));
-    }
-    return listResponse("payments", std::move(payments), listing);
+    return listResponse("payments",
+                        rowsOf(listing.m_Rows,
+                               [&services](Payment const& payment) {
+                                   return paymentJson(payment, services.m_Store.notificationsOf(payment.m_Id));
+                               }),
+                        listing);
 }
 
 HttpResponse getExchanges(Services const& services, HttpRequest const& request) {
     ExchangeQuery const query = readExchangeQuery(request.m_Query);
     Listing<Exchange> const listing = services.m_Store.exchanges(query.m_Filter, query.m_Page);
-    nlohmann::json exchanges = nlohmann::json::array();
-    for (Exchange const& exchange : listing.m_Rows) {
-        exchanges.push_back(exchangeJson(exchange));
-    }
-    return listResponse("exchanges", std::move(exchanges), listing);
+    return listResponse("exchanges", listing.m_Rows, listing);
 }
 
 HttpResponse removeExchanges(Services const& services, HttpRequest const& request) {
@@ -173,37 +170,34 @@ HttpResponse reset(Services const& services, HttpRequest const& request) {
     ExchangeFilter filter;
     if (object.contains("account")) {
         filter.m_Account = requireAccount(services, object);
-        services.m_Faults.liftAllOf(*filter.m_Account);
-        services.m_Decisions.removeAllOf(*filter.m_Account);
         services.m_Clock.follow(*filter.m_Account);
     } else {
-        services.m_Faults.liftAll();
-        services.m_Decisions.removeAll();
         services.m_Clock.reset();
     }
+    services.m_Faults.liftAll(filter.m_Account);
+    services.m_Decisions.removeAll(filter.m_Account);
     std::int64_t const payments = services.m_Store.removePayments(filter.m_Account);
     std::int64_t const exchanges = services.m_Store.removeExchanges(filter, {});
     return jsonResponse(httpstatus::kOk, {{"payments", payments}, {"exchanges", exchanges}});
 }
 
 nlohmann::json keysJson(Services const& services) {
-    nlohmann::json server = nlohmann::json::array();
     std::string const current = services.m_Keys.current()->m_Id;
-    for (KeyRing::Key const& key : services.m_Keys.all()) {
-        server.push_back({{"id", key->m_Id},
-                          {"current", key->m_Id == current},
-                          {"bits", EVP_PKEY_get_bits(key->m_Key.get())},
-                          {"blob", publicKeyBlob(key->m_Key.get())}});
-    }
-    nlohmann::json merchants = nlohmann::json::array();
-    for (PublishedKey const& published : services.m_Store.merchantKeys()) {
+    auto const serverKey = [&current](KeyRing::Key const& key) {
+        return nlohmann::json{{"id", key->m_Id},
+                              {"current", key->m_Id == current},
+                              {"bits", EVP_PKEY_get_bits(key->m_Key.get())},
+                              {"blob", publicKeyBlob(key->m_Key.get())}};
+    };
+    auto const merchantKey = [](PublishedKey const& published) {
         nlohmann::json key = {{"id", published.m_Id},
                               {"time", published.m_Time},
                               {"bits", EVP_PKEY_get_bits(readPublicKeyBlob(published.m_Key.m_Blob).get())}};
         putBytes(key, "account", published.m_Key.m_Account);
-        merchants.push_back(std::move(key));
-    }
-    return {{"server", server}, {"merchants", merchants}};
+        return key;
+    };
+    return {{"server", rowsOf(services.m_Keys.all(), serverKey)},
+            {"merchants", rowsOf(services.m_Store.merchantKeys(), merchantKey)}};
 }
 
 HttpResponse getKeys(Services const& services, HttpRequest const&) {

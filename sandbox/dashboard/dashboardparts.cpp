@@ -3,6 +3,8 @@
 #include <cstddef>
 #include <utility>
 
+#include "sandbox/control/controljson.h"
+#include "sandbox/pages/shopperpages.h"
 #include "sandbox/pages/templates.h"
 #include "sandbox/text/httpstatus.h"
 #include "sandbox/text/utctime.h"
@@ -26,15 +28,13 @@ constexpr NavigationRow kNavigation[] = {
 /// The entry of the faults shows how many are armed.
 json navigation(Services const& services, std::string const& path) {
     std::size_t const armed = services.m_Faults.armed().size();
-    json entries = json::array();
-    for (NavigationRow const& row : kNavigation) {
+    return rowsOf(kNavigation, [&path, armed](NavigationRow const& row) {
         bool const counts = row.m_Path == std::string(kFaults) && armed > 0;
-        entries.push_back({{"path", row.m_Path},
-                           {"text", row.m_Text},
-                           {"current", path == row.m_Path},
-                           {"count", counts ? json(std::to_string(armed) + " armed") : json()}});
-    }
-    return entries;
+        return json{{"path", row.m_Path},
+                    {"text", row.m_Text},
+                    {"current", path == row.m_Path},
+                    {"count", counts ? std::to_string(armed) + " armed" : ""}};
+    });
 }
 
 }  // namespace
@@ -54,34 +54,25 @@ HttpResponse seeOther(std::string const& path) {
 }
 
 json exchangeRow(Exchange const& exchange) {
-    return {{"number", exchange.m_Number},
-            {"time", exchange.m_Time},
-            {"kind", exchangeName(exchange.m_Kind)},
-            {"order", exchange.m_Order},
-            {"verdict", exchange.m_Verdict},
-            {"ok", exchange.m_Verdict == "ok"},
-            {"fault", exchange.m_Fault},
-            {"duration", millisecondsText(exchange.m_Microseconds)}};
+    json row = summaryJson(exchange);
+    row["ok"] = exchange.m_Verdict == "ok";
+    row["duration"] = millisecondsText(exchange.m_Microseconds);
+    return row;
 }
 
 json exchangeTable(std::string const& caption, std::vector<Exchange> const& exchanges) {
-    json rows = json::array();
-    for (Exchange const& exchange : exchanges) {
-        rows.push_back(exchangeRow(exchange));
-    }
-    return rows.empty() ? json() : json{{"caption", caption}, {"exchanges", std::move(rows)}};
+    return exchanges.empty() ? json() : json{{"caption", caption}, {"exchanges", rowsOf(exchanges, exchangeRow)}};
 }
 
 std::string calculatorPath(std::string const& data, std::string const& signature) {
     return "/calculator?DATA=" + percentEncode(data) + "&SIGNATURE=" + percentEncode(signature);
 }
 
-std::string joined(std::vector<std::string> const& names) {
-    std::string text;
-    for (std::string const& name : names) {
-        text += (text.empty() ? "" : ", ") + name;
-    }
-    return text;
+json sentContent(std::string const& label, std::string const& data, std::string const& signature) {
+    json content = messageContent(data);
+    content["label"] = label;
+    content["calculator"] = signature.empty() ? "" : calculatorPath(data, signature);
+    return content;
 }
 
 }  // namespace sandbox

@@ -28,8 +28,8 @@ nlohmann::json exchangeTable(std::string const& caption, std::vector<Exchange> c
 /// The calculator's page for a message.
 std::string calculatorPath(std::string const& data, std::string const& signature);
 
-/// The names, separated by commas.
-std::string joined(std::vector<std::string> const& names);
+/// A message that was sent, for the template `message`, with a link to the calculator when it is signed.
+nlohmann::json sentContent(std::string const& label, std::string const& data, std::string const& signature);
 
 }  // namespace sandbox
 

@@ -11,6 +11,7 @@
 
 #include "diagnosis/diagnosis.h"
 #include "diagnosis/explanation.h"
+#include "sandbox/control/controljson.h"
 #include "sandbox/crypto/signature.h"
 #include "sandbox/dashboard/dashboardparts.h"
 #include "sandbox/dashboard/dashboardroutes.h"
@@ -87,14 +88,6 @@ std::optional<SignedTexts> example(Services const& services, std::string const& 
     return std::nullopt;
 }
 
-json examplesContent() {
-    json examples = json::array();
-    for (ExampleRow const& row : kExamples) {
-        examples.push_back({{"name", row.m_Name}, {"text", row.m_Text}});
-    }
-    return examples;
-}
-
 /// DATA in a form that the text field returns unchanged. Browsers change line ends in it, and a page cannot contain
 /// bytes that are not UTF-8.
 std::string fieldText(std::string const& data) {
@@ -112,63 +105,53 @@ std::string keyText(Wording const& wording, Diagnosis const& result) {
            std::to_string(result.m_Key->bits()) + " bits";
 }
 
-json matchesContent(Wording const& wording, Diagnosis const& result) {
-    json matches = json::array();
-    for (diagnosis::Match const& match : result.m_Matches) {
-        matches.push_back({{"key", match.m_KeyId},
-                           {"owner", diagnosis::keyOwner(wording, match.m_Account)},
-                           {"bytes", nameOf(match.m_Digested)},
-                           {"repair", match.m_Repair}});
-    }
-    return matches;
-}
-
 json originalContent(diagnosis::SignedOriginal const& original) {
-    json differences = json::array();
-    for (diagnosis::Difference const& difference : original.m_Differences) {
-        differences.push_back({{"name", difference.m_Name},
-                               {"isSigned", difference.m_InSigned.has_value()},
-                               {"signed", difference.m_InSigned.value_or("")},
-                               {"isInData", difference.m_InData.has_value()},
-                               {"inData", difference.m_InData.value_or("")}});
-    }
+    auto const differenceRow = [](diagnosis::Difference const& difference) {
+        return json{{"name", difference.m_Name},
+                    {"isSigned", difference.m_InSigned.has_value()},
+                    {"signed", difference.m_InSigned.value_or("")},
+                    {"isInData", difference.m_InData.has_value()},
+                    {"inData", difference.m_InData.value_or("")}};
+    };
     return {{"page", original.m_Seen.m_Page},
             {"origin", original.m_Seen.m_Origin},
-            {"hasDifferences", !differences.empty()},
-            {"differences", std::move(differences)},
+            {"hasDifferences", !original.m_Differences.empty()},
+            {"differences", rowsOf(original.m_Differences, differenceRow)},
             {"message", messageContent(original.m_Seen.m_Text)}};
 }
 
 json resultContent(Wording const& wording, Diagnosis const& result) {
     diagnosis::Explanation const explanation = explain(wording, result);
-    json remarks = json::array();
-    for (diagnosis::Remark const& remark : result.m_Remarks) {
-        remarks.push_back({{"text", remark.m_Text}});
-    }
-    json matches = matchesContent(wording, result);
-    json content = {{"right", result.m_Right},
-                    {"sentence", result.m_Right ? "The signature is valid" : explanation.m_Sentence},
-                    {"change", result.m_Right ? "" : explanation.m_Change},
-                    {"remarks", std::move(remarks)},
-                    {"original", result.m_Original ? originalContent(*result.m_Original) : json()},
-                    {"keyText", keyText(wording, result)},
-                    {"zeroDigest", result.m_ZeroDigest},
-                    {"signDigest", result.m_SignDigest},
-                    {"heldDigest", result.m_HeldDigest},
-                    {"hasMatches", !matches.empty()},
-                    {"message", result.m_Data.empty() ? json() : messageContent(result.m_Data)}};
-    content["matches"] = std::move(matches);
-    return content;
+    auto const remarkRow = [](diagnosis::Remark const& remark) { return json{{"text", remark.m_Text}}; };
+    auto const matchRow = [&wording](diagnosis::Match const& match) {
+        return json{{"key", match.m_KeyId},
+                    {"owner", diagnosis::keyOwner(wording, match.m_Account)},
+                    {"bytes", nameOf(match.m_Digested)},
+                    {"repair", match.m_Repair}};
+    };
+    return {{"right", result.m_Right},
+            {"sentence", result.m_Right ? "The signature is valid" : explanation.m_Sentence},
+            {"change", result.m_Right ? "" : explanation.m_Change},
+            {"remarks", rowsOf(result.m_Remarks, remarkRow)},
+            {"original", result.m_Original ? originalContent(*result.m_Original) : json()},
+            {"keyText", keyText(wording, result)},
+            {"zeroDigest", result.m_ZeroDigest},
+            {"signDigest", result.m_SignDigest},
+            {"heldDigest", result.m_HeldDigest},
+            {"hasMatches", !result.m_Matches.empty()},
+            {"matches", rowsOf(result.m_Matches, matchRow)},
+            {"message", result.m_Data.empty() ? json() : messageContent(result.m_Data)}};
 }
 
 HttpResponse page(Services const& services, int status, SignedTexts const& filledIn, json result,
                   std::string const& problem) {
+    auto const exampleRow = [](ExampleRow const& row) { return json{{"name", row.m_Name}, {"text", row.m_Text}}; };
     return dashboardPage(services, status, kPath, "Signature calculator", "calculator_page",
                          {{"result", std::move(result)},
                           {"problem", problem},
                           {"data", filledIn.m_Data},
                           {"signature", filledIn.m_Signature},
-                          {"examples", examplesContent()}});
+                          {"examples", rowsOf(kExamples, exampleRow)}});
 }
 
 HttpResponse resultPage(Services const& services, SignedTexts const& texts, std::string const& original = "") {

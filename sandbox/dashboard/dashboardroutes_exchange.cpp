@@ -63,17 +63,6 @@ json noSteps(Exchange const& exchange) {
     return nullptr;
 }
 
-json sentContent(Exchange const& exchange) {
-    std::optional<SentMessage> const sent = sentMessage(exchange);
-    if (!sent) {
-        return nullptr;
-    }
-    json content = messageContent(sent->m_Data);
-    content["label"] = sent->m_Label;
-    content["calculator"] = sent->m_Signature.empty() ? "" : calculatorPath(sent->m_Data, sent->m_Signature);
-    return content;
-}
-
 }  // namespace
 
 HttpResponse exchangeDetailsPage(Services const& services, Query const& query) {
@@ -84,14 +73,15 @@ HttpResponse exchangeDetailsPage(Services const& services, Query const& query) {
         throw HttpError("There is no exchange '" + text + "'.", httpstatus::kNotFound);
     }
     bool const fromMerchant = exchange->m_Kind != ExchangeKind::kNotification;
-    json content = exchangeJson(*exchange);
+    std::optional<SentMessage> const sent = sentMessage(*exchange);
+    json content = *exchange;
     content["links"] = links(services, *exchange);
     content["hasLinks"] = !content["links"].empty();
     content["mark"] = exchange->m_Verdict == "ok" ? "good" : "bad";
     content["duration"] = millisecondsText(exchange->m_Microseconds);
     content["noSteps"] = noSteps(*exchange);
     content["message"] = exchange->m_Data.empty() ? json() : messageContent(exchange->m_Data);
-    content["sent"] = sentContent(*exchange);
+    content["sent"] = sent ? sentContent(sent->m_Label, sent->m_Data, sent->m_Signature) : json();
     content["requestHeading"] = fromMerchant ? "Request received" : "Request sent";
     content["answerHeading"] = fromMerchant ? "Response, before any fault" : "Response of the merchant";
     content["request"] = verbatim(exchange->m_Request);

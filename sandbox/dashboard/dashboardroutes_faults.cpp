@@ -4,12 +4,14 @@
 // Empty fields are left out, so that the defaults apply. A rejected form is shown again with the entered values and the
 // reason. Reading a fault is the same as for the option `--fault`.
 
+#include <cstdint>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "sandbox/control/controlroutes.h"
+#include "sandbox/control/controljson.h"
 #include "sandbox/dashboard/dashboardparts.h"
 #include "sandbox/dashboard/dashboardroutes.h"
 #include "sandbox/dashboard/situations.h"
@@ -96,12 +98,13 @@ json fieldsContent(FaultKindRow const& row, Query const& form) {
 
 /// `form` contains the values entered before, empty for other kinds.
 json kindContent(FaultKindRow const& row, Query const& form, bool open) {
-    json exchanges = json::array();
-    for (std::string const& name : exchangeNames(row)) {
-        exchanges.push_back({{"name", name}, {"selected", form.value("exchange") == name}});
-    }
-    return {{"name", row.m_Name}, {"meaning", row.m_Meaning},          {"carriedOut", row.m_CarriedOut},
-            {"open", open},       {"exchanges", std::move(exchanges)}, {"fields", fieldsContent(row, form)}};
+    json content = row;
+    content["open"] = open;
+    content["fields"] = fieldsContent(row, form);
+    content["exchanges"] = rowsOf(exchangeNames(row), [&form](std::string const& name) {
+        return json{{"name", name}, {"selected", form.value("exchange") == name}};
+    });
+    return content;
 }
 
 json groupsContent(Query const& form) {
@@ -119,42 +122,31 @@ json groupsContent(Query const& form) {
     return groups;
 }
 
-json situationsContent() {
-    json situations = json::array();
-    for (Situation const& situation : allSituations()) {
-        json faults = json::array();
-        for (Fault const& fault : situation.m_Faults) {
-            faults.push_back({{"text", faultText(fault)}});
-        }
-        situations.push_back(
-            {{"situation", situation.m_Text}, {"advice", situation.m_Advice}, {"faults", std::move(faults)}});
-    }
-    return situations;
+json situationRow(Situation const& situation) {
+    auto const faultRow = [](Fault const& fault) { return json{{"text", faultText(fault)}}; };
+    return {{"situation", situation.m_Text},
+            {"advice", situation.m_Advice},
+            {"faults", rowsOf(situation.m_Faults, faultRow)}};
 }
 
-std::string timesText(ArmedFault const& armed) {
-    return std::to_string(armed.m_Happened) +
-           (armed.m_Fault.m_Times == 0 ? ", until removed" : " of " + std::to_string(armed.m_Fault.m_Times));
-}
-
-json armedContent(Services const& services) {
-    json rows = json::array();
-    for (ArmedFault const& armed : services.m_Faults.armed()) {
-        rows.push_back({{"id", armed.m_Id}, {"text", faultText(armed.m_Fault)}, {"times", timesText(armed)}});
-    }
-    return rows;
+json armedRow(ArmedFault const& armed) {
+    std::int64_t const times = armed.m_Fault.m_Times;
+    return {{"id", armed.m_Id},
+            {"text", faultText(armed.m_Fault)},
+            {"times",
+             std::to_string(armed.m_Happened) + (times == 0 ? ", until removed" : " of " + std::to_string(times))}};
 }
 
 HttpResponse page(Services const& services, int status, Query const& form, std::string const& armProblem,
                   std::string const& liftProblem) {
-    json armed = armedContent(services);
-    json content = {{"hasArmed", !armed.empty()},
-                    {"lift", {{"problem", liftProblem}}},
-                    {"situations", situationsContent()},
-                    {"arm", {{"problem", armProblem}}},
-                    {"groups", groupsContent(form)}};
-    content["armed"] = std::move(armed);
-    return dashboardPage(services, status, kPath, "Faults", "faults_page", std::move(content));
+    std::vector<ArmedFault> const armed = services.m_Faults.armed();
+    return dashboardPage(services, status, kPath, "Faults", "faults_page",
+                         {{"hasArmed", !armed.empty()},
+                          {"armed", rowsOf(armed, armedRow)},
+                          {"lift", {{"problem", liftProblem}}},
+                          {"situations", rowsOf(allSituations(), situationRow)},
+                          {"arm", {{"problem", armProblem}}},
+                          {"groups", groupsContent(form)}});
 }
 
 /// The fault described by a form: as one text, or in fields. Throws HttpError.
@@ -193,7 +185,8 @@ HttpResponse liftByForm(Services const& services, Query const& form) {
         services.m_Faults.liftAll();
         return seeOther(kPath);
     }
-    if (!liftNamedFault(services, id)) {
+    std::optional<std::int64_t> const number = wholeNumber(id);
+    if (!number || !services.m_Faults.lift(*number)) {
         return page(services, httpstatus::kBadRequest, Query(""), "",
                     "No fault '" + id + "' is armed: it has occurred or was removed.");
     }

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "sandbox/control/controlfilters.h"
+#include "sandbox/control/controljson.h"
 #include "sandbox/control/controlroutes.h"
 #include "sandbox/dashboard/dashboardparts.h"
 #include "sandbox/dashboard/dashboardroutes.h"
@@ -98,14 +99,13 @@ PaymentFilter paymentFilter(Filter const& filter) {
 }
 
 json filterContent(Filter const& filter) {
-    json states = json::array();
-    for (StateRow const& row : kStates) {
+    auto const stateRow = [&filter](StateRow const& row) {
         std::string const name = stateName(row.m_State);
-        states.push_back({{"name", name}, {"selected", name == filter.m_State}});
-    }
+        return json{{"name", name}, {"selected", name == filter.m_State}};
+    };
     return {{"account", filter.m_Account},
             {"order", filter.m_Order},
-            {"states", std::move(states)},
+            {"states", rowsOf(kStates, stateRow)},
             {"active", filter.active()}};
 }
 
@@ -148,10 +148,6 @@ std::string exchangeCount(std::size_t count, bool more) {
 json paymentRow(Services const& services, Payment const& payment) {
     Listing<Exchange> const belonging = services.m_Store.exchangeSummariesOf(payment, kMaxFolded);
     std::string const order = payment.attribute("ORDERID").value_or("");
-    json exchanges = json::array();
-    for (Exchange const& exchange : belonging.m_Rows) {
-        exchanges.push_back(exchangeRow(exchange));
-    }
     return {{"id", payment.m_Id},
             {"state", stateName(payment.m_State)},
             {"opened", payment.m_History.empty() ? "" : payment.m_History.front().m_Time},
@@ -159,7 +155,7 @@ json paymentRow(Services const& services, Payment const& payment) {
             {"amount", amountText(payment, kNotGiven)},
             {"account", payment.m_Account},
             {"count", exchangeCount(belonging.m_Rows.size(), belonging.m_More)},
-            {"exchanges", std::move(exchanges)}};
+            {"exchanges", rowsOf(belonging.m_Rows, exchangeRow)}};
 }
 
 /// One column of a plot: number `index` of `count` from the right, of a height from 0 to 1.
@@ -187,14 +183,14 @@ json paymentPlot(std::vector<Payment> const& payments) {
                                  payment.m_Id + ", " + amountText(payment, kNotGiven) + ": " + state));
     }
     json outcomes = json::array();
-    std::string summary;
+    std::vector<std::string> summary;
     for (auto const& [state, count] : counts) {
         outcomes.push_back({{"name", stateName(state)}, {"count", count}});
-        summary += (summary.empty() ? "" : ", ") + std::to_string(count) + " " + stateName(state);
+        summary.push_back(std::to_string(count) + " " + stateName(state));
     }
     return {{"columns", std::move(columns)},
             {"outcomes", std::move(outcomes)},
-            {"summary", "Latest payments by outcome: " + summary},
+            {"summary", "Latest payments by outcome: " + joined(summary)},
             {"shown", payments.size()}};
 }
 
@@ -254,14 +250,11 @@ HttpResponse overviewPage(Services const& services, Query const& query) {
     Listing<Payment> const listing = services.m_Store.payments(wanted, newest(kMaxPayments));
     std::vector<Exchange> const exchanges =
         services.m_Store.exchangeSummaries({wanted.m_Account, wanted.m_Order}, newest(kMaxExchanges)).m_Rows;
-    json payments = json::array();
-    for (Payment const& payment : listing.m_Rows) {
-        payments.push_back(paymentRow(services, payment));
-    }
+    auto const rowOfPayment = [&services](Payment const& payment) { return paymentRow(services, payment); };
     json content = {{"strip", stripContent(services)},
                     {"activity", activityContent(listing.m_Rows, exchanges)},
                     {"filter", filterContent(filter)},
-                    {"payments", std::move(payments)},
+                    {"payments", rowsOf(listing.m_Rows, rowOfPayment)},
                     {"more", moreText(services, filter, listing)},
                     {"latest", exchangeTable("Exchanges, newest first", exchanges)},
                     {"live", live},

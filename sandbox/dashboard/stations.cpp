@@ -14,6 +14,7 @@
 #include <string>
 #include <utility>
 
+#include "sandbox/control/controljson.h"
 #include "sandbox/dashboard/dashboardparts.h"
 #include "sandbox/dashboard/sentmessages.h"
 #include "sandbox/pages/shopperpages.h"
@@ -148,24 +149,17 @@ json faultsOf(Station const& station) {
     return faults;
 }
 
-json messageOf(std::string const& label, std::string const& data, std::string const& signature) {
-    json content = messageContent(data);
-    content["label"] = label;
-    content["calculator"] = signature.empty() ? "" : calculatorPath(data, signature);
-    return content;
-}
-
 /// The messages that were sent in an exchange, in both directions where both belong to the station.
-json sentContent(Station const& station, Exchange const& exchange) {
+json messagesAt(Station const& station, Exchange const& exchange) {
     json sent = json::array();
     if (!exchange.m_Data.empty() && station.m_Progress != returnProgress) {
         bool const isOurs = exchange.m_Kind == ExchangeKind::kNotification;
-        sent.push_back(
-            messageOf(isOurs ? "Confirmation sent" : "Message in the request", exchange.m_Data, exchange.m_Signature));
+        sent.push_back(sentContent(isOurs ? "Confirmation sent" : "Message in the request", exchange.m_Data,
+                                   exchange.m_Signature));
     }
     if (station.m_Progress != decisionProgress) {
         if (std::optional<SentMessage> const message = sentMessage(exchange)) {
-            sent.push_back(messageOf(message->m_Label, message->m_Data, message->m_Signature));
+            sent.push_back(sentContent(message->m_Label, message->m_Data, message->m_Signature));
         }
     }
     return sent;
@@ -204,12 +198,11 @@ std::vector<Exchange> exchangesAt(Services const& services, Station const& stati
 
 json stationContent(Station const& station, Journey const& journey) {
     Progress const progress = station.m_Progress(journey);
-    json exchanges = json::array();
-    for (Exchange const& exchange : journey.m_Own) {
+    auto const rowOfExchange = [&station](Exchange const& exchange) {
         json row = exchangeRow(exchange);
-        row["sent"] = sentContent(station, exchange);
-        exchanges.push_back(std::move(row));
-    }
+        row["sent"] = messagesAt(station, exchange);
+        return row;
+    };
     bool const hasOrder = station.m_Kind != ExchangeKind::kSetup;
     return {{"id", station.m_Id},
             {"label", station.m_Label},
@@ -217,7 +210,7 @@ json stationContent(Station const& station, Journey const& journey) {
             {"short", progress.m_Short},
             {"status", progress.m_Text},
             {"time", journey.m_Own.empty() ? "" : journey.m_Own.back().m_Time},
-            {"exchanges", std::move(exchanges)},
+            {"exchanges", rowsOf(journey.m_Own, rowOfExchange)},
             {"exchange", exchangeName(station.m_Kind)},
             {"faultOrder", hasOrder ? journey.m_Payment.attribute("ORDERID").value_or("") : ""},
             {"faults", faultsOf(station)}};
@@ -227,12 +220,9 @@ json stationContent(Station const& station, Journey const& journey) {
 
 json stationsContent(Services const& services, Payment const& payment, std::vector<Notification> const& notifications,
                      std::vector<Exchange> const& exchanges) {
-    json stations = json::array();
-    for (Station const& station : kStations) {
-        Journey const journey = {payment, notifications, exchangesAt(services, station, payment, exchanges)};
-        stations.push_back(stationContent(station, journey));
-    }
-    return stations;
+    return rowsOf(kStations, [&](Station const& station) {
+        return stationContent(station, {payment, notifications, exchangesAt(services, station, payment, exchanges)});
+    });
 }
 
 }  // namespace sandbox

@@ -142,14 +142,6 @@ void checkRange(bool good, char const* name, std::string const& range) {
     }
 }
 
-std::string exchangesOf(FaultKindRow const& row) {
-    std::string names;
-    for (std::string const& name : exchangeNames(row)) {
-        names += (names.empty() ? "" : ", ") + name;
-    }
-    return names;
-}
-
 /// A whole number; HttpError when `text` is none.
 std::int64_t readNumber(std::string const& name, std::string const& text) {
     std::optional<std::int64_t> const number = wholeNumber(text);
@@ -261,7 +253,7 @@ void checkFault(Fault const& fault) {
     FaultKindRow const& row = faultRow(fault.m_Kind);
     if (fault.m_Exchange && (row.m_Exchanges & bit(*fault.m_Exchange)) == 0) {
         throw HttpError(std::string(row.m_Name) + " does not apply to the exchange '" +
-                        exchangeName(*fault.m_Exchange) + "', only to: " + exchangesOf(row));
+                        exchangeName(*fault.m_Exchange) + "', only to: " + joined(exchangeNames(row)));
     }
     for (ParameterRow const& parameter : kParameters) {
         if (isGiven(fault, parameter.m_Parameter) && (row.m_Parameters & parameter.m_Parameter) == 0) {

@@ -6,7 +6,7 @@
 #include "sandbox/faults/faultregistry.h"
 
 #include <algorithm>
-#include <cstddef>
+#include <iterator>
 #include <utility>
 
 namespace sandbox {
@@ -55,41 +55,36 @@ std::int64_t FaultRegistry::arm(Fault const& fault) {
 }
 
 bool FaultRegistry::lift(std::int64_t id) {
-    bool found = false;
-    {
-        std::lock_guard<std::mutex> const lock(m_Mutex);
-        auto const at =
-            std::find_if(m_Armed.begin(), m_Armed.end(), [id](ArmedFault const& armed) { return armed.m_Id == id; });
-        found = at != m_Armed.end();
-        if (found) {
-            m_Armed.erase(at);
-        }
-    }
+    bool const found = removeIf([id](ArmedFault const& armed) { return armed.m_Id == id; });
     notifyRefusalListener();
     return found;
 }
 
-void FaultRegistry::liftAll() {
-    liftThose([](ArmedFault const&) { return true; });
-}
-
-void FaultRegistry::liftAllOf(std::string const& account) {
-    liftThose([&account](ArmedFault const& armed) { return armed.m_Fault.m_Account == account; });
-}
-
-template <class Matches>
-void FaultRegistry::liftThose(Matches matches) {
-    {
-        std::lock_guard<std::mutex> const lock(m_Mutex);
-        m_Armed.erase(std::remove_if(m_Armed.begin(), m_Armed.end(), matches), m_Armed.end());
-    }
+void FaultRegistry::liftAll(std::optional<std::string> const& account) {
+    removeIf([&account](ArmedFault const& armed) { return !account || armed.m_Fault.m_Account == *account; });
     notifyRefusalListener();
 }
 
-std::vector<ArmedFault> FaultRegistry::armed() {
+/// False when none matches.
+template <class Matches>
+bool FaultRegistry::removeIf(Matches matches) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
-    forgetPast();
-    return m_Armed;
+    auto const kept = std::remove_if(m_Armed.begin(), m_Armed.end(), matches);
+    bool const any = kept != m_Armed.end();
+    m_Armed.erase(kept, m_Armed.end());
+    return any;
+}
+
+std::vector<ArmedFault> FaultRegistry::armed(std::optional<std::string> const& account) {
+    Moment const now = Steady::now();
+    removeIf([now](ArmedFault const& armed) {
+        return armed.m_Fault.m_Kind == FaultKind::kRefuse && armed.m_RefusesUntil <= now;
+    });
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    std::vector<ArmedFault> found;
+    std::copy_if(m_Armed.begin(), m_Armed.end(), std::back_inserter(found),
+                 [&account](ArmedFault const& armed) { return !account || armed.m_Fault.m_Account == *account; });
+    return found;
 }
 
 std::optional<Fault> FaultRegistry::take(ExchangeKind kind, std::string const& order, std::string const& account,
@@ -131,15 +126,6 @@ std::optional<Fault> FaultRegistry::takeFirst(Fits fits, CanHappen const& canHap
         m_Armed.erase(spent);
     }
     return taken;
-}
-
-void FaultRegistry::forgetPast() {
-    Moment const now = Steady::now();
-    m_Armed.erase(std::remove_if(m_Armed.begin(), m_Armed.end(),
-                                 [now](ArmedFault const& armed) {
-                                     return armed.m_Fault.m_Kind == FaultKind::kRefuse && armed.m_RefusesUntil <= now;
-                                 }),
-                  m_Armed.end());
 }
 
 void FaultRegistry::notifyRefusalListener() {

@@ -39,13 +39,12 @@ public:
 
     /// False when none has this identifier.
     bool lift(std::int64_t id);
-    void liftAll();
 
-    /// Removes those that are limited to this account.
-    void liftAllOf(std::string const& account);
+    /// Removes all; with `account` those that are limited to it.
+    void liftAll(std::optional<std::string> const& account = {});
 
-    /// Those that may still happen, oldest first.
-    [[nodiscard]] std::vector<ArmedFault> armed();
+    /// Those that may still happen, oldest first; with `account` those that are limited to it.
+    [[nodiscard]] std::vector<ArmedFault> armed(std::optional<std::string> const& account = {});
 
     /// Whether a fault that fits an exchange can happen to it. Called under the lock: it must not call the registry.
     using CanHappen = std::function<bool(Fault const& fault)>;
@@ -63,9 +62,7 @@ private:
     template <class Fits>
     std::optional<Fault> takeFirst(Fits fits, CanHappen const& canHappen);
     template <class Matches>
-    void liftThose(Matches matches);
-
-    void forgetPast();
+    bool removeIf(Matches matches);
     void notifyRefusalListener();
 
     std::mutex m_Mutex;      ///< Guards all below.

@@ -29,21 +29,6 @@ constexpr char const* kNames[] = {
 
 constexpr char const* kEntities[] = {"&amp;", "&lt;", "&gt;", "&quot;", "&apos;"};
 
-bool isHexDigit(char c) {
-    return std::string("0123456789abcdefABCDEF").find(c) != std::string::npos;
-}
-
-bool isLetterOrDigit(char c) {
-    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-}
-
-std::string upperCase(std::string text) {
-    for (char& c : text) {
-        c = c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
-    }
-    return text;
-}
-
 /// Whether `text` is digits, with a point and one to four digits behind it or without.
 bool isWellFormedAmount(std::string const& text) {
     std::size_t const point = text.find('.');
@@ -100,7 +85,8 @@ void checkNames(Message const& message, std::vector<std::string>& problems) {
             continue;
         }
         for (std::string const known : kNames) {
-            bool const isNear = upperCase(name) == known || isOneEditAway(upperCase(name), known);
+            std::string const wanted = lowerCase(known);
+            bool const isNear = lowerCase(name) == wanted || isOneEditAway(lowerCase(name), wanted);
             if (isNear && !message.find(known)) {
                 problems.push_back("the attribute " + name + " looks like a misspelt " + known);
             }
@@ -111,7 +97,7 @@ void checkNames(Message const& message, std::vector<std::string>& problems) {
 /// Whether `text` holds a percent-encoded byte.
 bool holdsEncodedByte(std::string const& text) {
     for (std::size_t at = text.find('%'); at != std::string::npos; at = text.find('%', at + 1)) {
-        if (at + 2 < text.size() && isHexDigit(text[at + 1]) && isHexDigit(text[at + 2])) {
+        if (percentDecode(text.substr(at, 3))) {
             return true;
         }
     }

@@ -67,15 +67,11 @@ void checkContent(RequestContext const& context, Message const& message) {
     for (std::string& problem : contentProblems(message)) {
         problems.push_back(std::move(problem));
     }
-    std::string reason;
-    for (std::string const& problem : problems) {
-        reason += (reason.empty() ? "" : "; ") + problem;
-        if (context.m_Services.m_Lenient) {
-            context.m_Exchange.m_Steps.push_back({"Warning", problem, false, true});
-        }
+    if (!problems.empty() && !context.m_Services.m_Lenient) {
+        throw HttpError(joined(problems, "; "));
     }
-    if (!reason.empty() && !context.m_Services.m_Lenient) {
-        throw HttpError(reason);
+    for (std::string const& problem : problems) {
+        context.m_Exchange.m_Steps.push_back({"Warning", problem, false, true});
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <iterator>
 #include <utility>
 
 namespace sandbox {
@@ -46,31 +47,29 @@ std::int64_t StandingDecisions::add(StandingDecision decision) {
 }
 
 bool StandingDecisions::remove(std::int64_t id) {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    auto const at =
-        std::find_if(m_All.begin(), m_All.end(), [id](StandingDecision const& each) { return each.m_Id == id; });
-    if (at == m_All.end()) {
-        return false;
-    }
-    m_All.erase(at);
-    return true;
+    return removeIf([id](StandingDecision const& each) { return each.m_Id == id; });
 }
 
-void StandingDecisions::removeAll() {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    m_All.clear();
+void StandingDecisions::removeAll(std::optional<std::string> const& account) {
+    removeIf([&account](StandingDecision const& each) { return !account || each.m_Account == *account; });
 }
 
-void StandingDecisions::removeAllOf(std::string const& account) {
+/// False when none matches.
+template <class Matches>
+bool StandingDecisions::removeIf(Matches matches) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
-    m_All.erase(std::remove_if(m_All.begin(), m_All.end(),
-                               [&account](StandingDecision const& each) { return each.m_Account == account; }),
-                m_All.end());
+    auto const kept = std::remove_if(m_All.begin(), m_All.end(), matches);
+    bool const any = kept != m_All.end();
+    m_All.erase(kept, m_All.end());
+    return any;
 }
 
-std::vector<StandingDecision> StandingDecisions::all() const {
+std::vector<StandingDecision> StandingDecisions::all(std::optional<std::string> const& account) const {
     std::lock_guard<std::mutex> const lock(m_Mutex);
-    return m_All;
+    std::vector<StandingDecision> found;
+    std::copy_if(m_All.begin(), m_All.end(), std::back_inserter(found),
+                 [&account](StandingDecision const& each) { return !account || each.m_Account == *account; });
+    return found;
 }
 
 std::optional<StandingDecision> StandingDecisions::take(Payment const& payment) {

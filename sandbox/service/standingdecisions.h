@@ -36,19 +36,21 @@ public:
 
     /// False when none has this identifier.
     bool remove(std::int64_t id);
-    void removeAll();
 
-    /// Removes those that are limited to this account.
-    void removeAllOf(std::string const& account);
+    /// Removes all; with `account` those that are limited to it.
+    void removeAll(std::optional<std::string> const& account = {});
 
-    /// Oldest first.
-    [[nodiscard]] std::vector<StandingDecision> all() const;
+    /// Oldest first; with `account` those that are limited to it.
+    [[nodiscard]] std::vector<StandingDecision> all(std::optional<std::string> const& account = {}) const;
 
     /// The oldest one that fits the payment, counted as having happened; nothing when none does. It is removed after
     /// its last time. Those that let payments pass first count this one, whatever is decided.
     std::optional<StandingDecision> take(Payment const& payment);
 
 private:
+    template <class Matches>
+    bool removeIf(Matches matches);
+
     mutable std::mutex m_Mutex;  ///< Guards all below.
     std::vector<StandingDecision> m_All;
     std::int64_t m_LastId = 0;

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "sandbox/text/utctime.h"
+#include "sandbox/text/wiretext.h"
 
 namespace sandbox {
 
@@ -51,11 +52,7 @@ std::string keptRequest(std::string const& raw) {
         std::size_t const lineEnd = std::min(raw.find('\n', from), raw.size() - 1) + 1;
         std::string line = raw.substr(from, lineEnd - from);
         std::string const name = "authorization:";
-        bool covered = line.size() >= name.size();
-        for (std::size_t at = 0; covered && at < name.size(); ++at) {
-            covered = line[at] == name[at] || line[at] == name[at] - ('a' - 'A');
-        }
-        kept += covered ? "Authorization: (covered)\r\n" : line;
+        kept += lowerCase(line.substr(0, name.size())) == name ? "Authorization: (covered)\r\n" : line;
         inHead = line != "\r\n" && line != "\n";
         from = lineEnd;
     }

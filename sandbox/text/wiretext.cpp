@@ -4,6 +4,7 @@
 // none.
 #include "sandbox/text/wiretext.h"
 
+#include <openssl/evp.h>
 #include <openssl/rand.h>
 
 #include <algorithm>
@@ -20,32 +21,40 @@ namespace sandbox {
 namespace {
 
 constexpr char kHexDigits[] = "0123456789abcdef";
-constexpr char kBase64Digits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 void appendHex(std::string& out, unsigned char byte) {
     out += kHexDigits[byte >> 4];
     out += kHexDigits[byte & 15];
 }
 
-/// The value of a digit, or -1.
-int hexValue(char digit, bool upperToo) {
-    if (digit >= '0' && digit <= '9') {
-        return digit - '0';
-    }
-    if (digit >= 'a' && digit <= 'f') {
-        return digit - 'a' + 10;
-    }
-    if (upperToo && digit >= 'A' && digit <= 'F') {
-        return digit - 'A' + 10;
-    }
-    return -1;
+/// Appends the byte that the two hexadecimal digits at `digits` stand for. False when they are none.
+bool appendByte(std::string& out, char const* digits) {
+    unsigned char byte = 0;
+    bool const good = std::from_chars(digits, digits + 2, byte, 16).ptr == digits + 2;
+    out += static_cast<char>(byte);
+    return good;
 }
+
+}  // namespace
 
 bool isLetterOrDigit(char c) {
     return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9');
 }
 
-}  // namespace
+std::string lowerCase(std::string text) {
+    for (char& c : text) {
+        c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    }
+    return text;
+}
+
+std::string joined(std::vector<std::string> const& texts, char const* separator) {
+    std::string out;
+    for (std::string const& text : texts) {
+        out += (&text == &texts.front() ? "" : separator) + text;
+    }
+    return out;
+}
 
 std::string toHex(std::string const& bytes) {
     std::string out;
@@ -57,18 +66,13 @@ std::string toHex(std::string const& bytes) {
 }
 
 std::optional<std::string> fromHex(std::string const& text) {
-    if (text.size() % 2 != 0) {
+    if (text.size() % 2 != 0 || text.find_first_not_of(kHexDigits) != std::string::npos) {
         return std::nullopt;
     }
     std::string out;
     out.reserve(text.size() / 2);
     for (std::size_t i = 0; i < text.size(); i += 2) {
-        int const high = hexValue(text[i], false);
-        int const low = hexValue(text[i + 1], false);
-        if (high < 0 || low < 0) {
-            return std::nullopt;
-        }
-        out += static_cast<char>(high * 16 + low);
+        appendByte(out, text.data() + i);
     }
     return out;
 }
@@ -95,15 +99,9 @@ std::optional<std::string> percentDecode(std::string const& text) {
             out += text[i];
             continue;
         }
-        if (text.size() - i < 3) {
+        if (text.size() - i < 3 || !appendByte(out, text.data() + i + 1)) {
             return std::nullopt;
         }
-        int const high = hexValue(text[i + 1], true);
-        int const low = hexValue(text[i + 2], true);
-        if (high < 0 || low < 0) {
-            return std::nullopt;
-        }
-        out += static_cast<char>(high * 16 + low);
         i += 2;
     }
     return out;
@@ -121,29 +119,17 @@ std::string replaceAll(std::string const& text, std::string const& from, std::st
 }
 
 std::optional<std::string> decodeBase64(std::string const& text) {
-    if (text.size() % 4 != 0) {
+    std::size_t const padding = std::min<std::size_t>(2, text.size() - (text.find_last_not_of('=') + 1));
+    bool const isClean = std::all_of(text.begin(), text.end() - static_cast<std::ptrdiff_t>(padding),
+                                     [](char c) { return isLetterOrDigit(c) || c == '+' || c == '/'; });
+    if (text.size() % 4 != 0 || !isClean) {
         return std::nullopt;
     }
-    std::size_t digits = text.size();
-    for (int padding = 0; padding < 2 && digits > 0 && text[digits - 1] == '='; ++padding) {
-        --digits;
-    }
-    std::string const alphabet = kBase64Digits;
-    std::string out;
-    std::uint32_t bits = 0;
-    for (std::size_t i = 0; i < digits; ++i) {
-        std::size_t const value = alphabet.find(text[i]);
-        if (value == std::string::npos) {
-            return std::nullopt;
-        }
-        bits = (bits << 6) | static_cast<std::uint32_t>(value);
-        if (i % 4 != 0) {
-            unsigned const unread = 6 - 2 * static_cast<unsigned>(i % 4);
-            out += static_cast<char>((bits >> unread) & 0xFF);
-        }
-    }
-    std::size_t const lastByte = out.find_last_not_of('\0');
-    out.erase(lastByte == std::string::npos ? 0 : lastByte + 1);
+    std::string out(text.size() / 4 * 3, '\0');
+    // The library reads padding as zero bits and would skip blanks.
+    EVP_DecodeBlock(reinterpret_cast<unsigned char*>(out.data()), reinterpret_cast<unsigned char const*>(text.data()),
+                    static_cast<int>(text.size()));
+    out.erase(out.find_last_not_of('\0') + 1);
     return out;
 }
 

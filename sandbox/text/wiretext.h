@@ -29,6 +29,15 @@ std::optional<std::string> percentDecode(std::string const& text);
 /// `text` with `to` in the place of every `from`, which must not be empty.
 std::string replaceAll(std::string const& text, std::string const& from, std::string const& to);
 
+/// The texts with a separator between each two.
+std::string joined(std::vector<std::string> const& texts, char const* separator = ", ");
+
+/// With the letters of ASCII in lower case, whatever the locale of the process.
+std::string lowerCase(std::string text);
+
+/// Whether `c` is a letter or a digit of ASCII.
+bool isLetterOrDigit(char c);
+
 /// The bytes behind Base64 `text` of either form: with "=" padding, or filled up with zero bits ("A"), which includes a
 /// whole group "AAAA" after an input whose length is a multiple of three. Zero bytes at the end are fill and dropped.
 /// Nothing when the length is not a multiple of four or a character is foreign.

@@ -92,7 +92,7 @@ TEST(FaultRegistry, GivesAFaultToItsAccountOnly) {
     for (char const* fault : {"drop,account=one", "drop,account=two", "drop", "drop,account=one"}) {
         registry.arm(parseFault(fault));
     }
-    registry.liftAllOf("one");
+    registry.liftAll("one");
     ASSERT_EQ(registry.armed().size(), 2u);
     EXPECT_EQ(registry.armed()[0].m_Fault.m_Account, "two");
     EXPECT_EQ(registry.armed()[1].m_Fault.m_Account, "");
