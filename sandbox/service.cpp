@@ -15,6 +15,7 @@
 #include "sandbox/control/controlroutes.h"
 #include "sandbox/dashboard/dashboard.h"
 #include "sandbox/http/listener.h"
+#include "sandbox/http/requestserver.h"
 #include "sandbox/http/tlsidentity.h"
 #include "sandbox/pages/shopperpages.h"
 #include "sandbox/proxy/proxy.h"
@@ -91,6 +92,7 @@ public:
                      m_Ready},
           m_Notifier(m_Services,
                      {options.m_NotificationTimeout, options.m_NotificationBackoff, options.m_ClockInterval}),
+          m_Requests([this](HttpRequest const& request) { return handle(m_Services, request); }),
           m_Control(options.m_ControlPort, nullptr, nullptr, options.m_RequestTimeout, options.m_Listen),
           m_Plain(options.m_Port, nullptr, &m_Faults, options.m_RequestTimeout, options.m_Listen) {
         m_Store.putAccount(options.m_AccountUser, options.m_AccountPassword);
@@ -101,8 +103,8 @@ public:
             m_Addresses.m_Tls = m_Tls->baseUrl();
         }
         if (options.m_Proxy) {
-            m_Proxy = std::make_unique<Proxy>(options.m_ProxyPort, m_Services,
-                                              Proxy::Timeouts{options.m_RequestTimeout, options.m_ProxyTimeout});
+            m_Proxy = std::make_unique<Listener>(options.m_ProxyPort, nullptr, nullptr, options.m_RequestTimeout,
+                                                 ListenAddress());
             m_Addresses.m_Proxy = m_Proxy->baseUrl();
         }
         m_Addresses.m_Plain = m_Plain.baseUrl();
@@ -114,14 +116,16 @@ public:
         if (!options.m_ScenarioFile.empty()) {
             playScenarioFile(m_Services, options.m_ScenarioFile);
         }
-        auto const handler = [this](HttpRequest const& request) { return handle(m_Services, request); };
-        m_Control.start(handler);
-        m_Plain.start(handler);
+        // Without TLS the HTTP library waits once more for a first line that did not come.
+        start(m_Control, 2 * Connection::kIoTimeout);
+        start(m_Plain, 2 * Connection::kIoTimeout);
         if (m_Tls) {
-            m_Tls->start(handler);
+            start(*m_Tls, Connection::kIoTimeout);
         }
         if (m_Proxy) {
-            m_Proxy->start();
+            m_Proxy->start([this, timeout = options.m_ProxyTimeout](Connection& connection) {
+                serveProxyRequest(m_Services, connection, timeout);
+            });
         }
         m_Notifier.start();
         m_Ready = true;
@@ -145,9 +149,16 @@ public:
     [[nodiscard]] Listener const& control() const { return m_Control; }
     [[nodiscard]] Listener const& plain() const { return m_Plain; }
     [[nodiscard]] Listener const* tls() const { return m_Tls.get(); }
-    [[nodiscard]] Proxy const* proxy() const { return m_Proxy.get(); }
+    [[nodiscard]] Listener const* proxy() const { return m_Proxy.get(); }
 
 private:
+    void start(Listener& listener, std::chrono::seconds silence) {
+        auto const serve = [this, baseUrl = listener.baseUrl()](Connection& connection) {
+            m_Requests.serve(connection, baseUrl);
+        };
+        listener.start(serve, silence);
+    }
+
     void refuse(ExchangeKind kind, FaultRegistry::Moment until) {
         if (kind == ExchangeKind::kProxy) {
             if (m_Proxy) {
@@ -173,8 +184,9 @@ private:
     std::string m_FormKey = randomHex(kFormKeyBytes);
     Services m_Services;
     Notifier m_Notifier;
-    std::unique_ptr<Proxy> m_Proxy;  ///< Null without a proxy. Ends after the listeners, to carry their last responses.
-    TlsIdentity m_TlsIdentity;       ///< Empty without TLS.
+    RequestServer m_Requests;
+    std::unique_ptr<Listener> m_Proxy;  ///< Null without a proxy. Ends after the others, to carry their last responses.
+    TlsIdentity m_TlsIdentity;          ///< Empty without TLS.
     Listener m_Control;
     Listener m_Plain;
     std::unique_ptr<Listener> m_Tls;  ///< Null without TLS.

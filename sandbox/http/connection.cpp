@@ -72,6 +72,9 @@ Connection::~Connection() {
     }
     ERR_clear_error();
     ::shutdown(m_Socket, SHUT_WR);
+    if (m_LeavesRest) {
+        return;
+    }
     // Closing with unread bytes would reset the connection and could destroy the response on its way.
     m_RequestBy = Clock::now() + kClosingTimeout;
     char rest[4096];
@@ -93,8 +96,15 @@ bool Connection::open() {
     // To a client that was silent to its end, which may be the work of the acceptor, TLS would send an alert.
     bool const silent = ::recv(m_Socket, &first, 1, MSG_PEEK) == 0;
     m_Open = !silent && m_Tls && SSL_set_fd(m_Tls.get(), m_Socket) == 1 &&
-             persist(POLLIN, [this] { return SSL_accept(m_Tls.get()); }) == 1;
+             persist(POLLIN, [this] {
+                 return SSL_is_server(m_Tls.get()) == 1 ? SSL_accept(m_Tls.get()) : SSL_connect(m_Tls.get());
+             }) == 1;
     return m_Open;
+}
+
+std::string Connection::certificateProblem() const {
+    long const verdict = SSL_get_verify_result(m_Tls.get());
+    return verdict == X509_V_OK ? "" : X509_verify_cert_error_string(verdict);
 }
 
 ssize_t Connection::read(char* to, std::size_t size) {
@@ -176,6 +186,21 @@ void Connection::reset() {
     linger const atOnce{1, 0};
     ::setsockopt(m_Socket, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
     m_Reset = true;
+}
+
+std::string readFirstLine(Connection& connection) {
+    std::string text;
+    char piece[16 * 1024];
+    std::size_t searched = 0;
+    while (text.size() <= kMaxRequestLine && text.find('\n', searched) == std::string::npos) {
+        searched = text.size();
+        ssize_t const count = connection.read(piece, sizeof piece);
+        if (count <= 0) {
+            break;
+        }
+        text.append(piece, static_cast<std::size_t>(count));
+    }
+    return text;
 }
 
 }  // namespace sandbox

@@ -12,8 +12,8 @@
 
 namespace sandbox {
 
-/// One accepted socket, plain or under TLS, that carries one request and its response. Reads and writes wait ten
-/// seconds at most, and all reads together no longer than the request timeout. Used by one thread; only shutting the
+/// One socket, plain or under TLS, that carries one request and its response. Reads and writes wait ten seconds at
+/// most, and all reads together no longer than the request timeout. Used by one thread; only shutting the
 /// socket down may come from another.
 class Connection {
 public:
@@ -32,8 +32,11 @@ public:
     Connection(Connection const&) = delete;
     Connection& operator=(Connection const&) = delete;
 
-    /// The TLS handshake, if there is one to make; false when it fails.
+    /// The TLS handshake, if there is one to make, as a client or a server as the context says; false when it fails.
     bool open();
+
+    /// What is wrong with the peer's certificate; empty when nothing is.
+    [[nodiscard]] std::string certificateProblem() const;
 
     /// Bytes read, 0 at the end, negative on failure.
     ssize_t read(char* to, std::size_t size);
@@ -54,7 +57,11 @@ public:
     /// Makes the client find the connection reset when the socket is closed.
     void reset();
 
+    /// Leaves the rest of what the peer sends: nothing more is expected of it.
+    void leaveRest() { m_LeavesRest = true; }
+
     [[nodiscard]] int socket() const { return m_Socket; }
+    [[nodiscard]] EndSignal const& ending() const { return m_Ending; }
 
     /// How many bytes were written, and whether a reset is what comes next.
     [[nodiscard]] std::size_t written() const { return m_Written; }
@@ -74,7 +81,14 @@ private:
     std::size_t m_Written = 0;
     bool m_Open = false;
     bool m_Reset = false;
+    bool m_LeavesRest = false;
 };
+
+inline constexpr std::size_t kMaxRequestLine = std::size_t{4} * 1024 * 1024;  ///< Bytes.
+
+/// Reads up to and including the first line end. What came after it is in the result as well. Without a line end the
+/// result is what came before the end, a failure or more than kMaxRequestLine bytes.
+std::string readFirstLine(Connection& connection);
 
 }  // namespace sandbox
 

@@ -3,14 +3,6 @@
 #include <algorithm>
 #include <utility>
 
-#include "sandbox/http/connection.h"
-#include "sandbox/http/delivery.h"
-#include "sandbox/http/httptext.h"
-#include "sandbox/http/requestserver.h"
-#include "sandbox/http/requeststream.h"
-#include "sandbox/http/signalguards.h"
-#include "sandbox/text/httpstatus.h"
-
 namespace sandbox {
 
 Listener::Listener(std::uint16_t port, TlsIdentity const* tls, FaultRegistry* faults, std::chrono::milliseconds timeout,
@@ -21,34 +13,13 @@ Listener::Listener(std::uint16_t port, TlsIdentity const* tls, FaultRegistry* fa
       m_RequestTimeout(timeout),
       m_Acceptor(port, address.m_Address) {}
 
-Listener::~Listener() = default;
-
-std::uint16_t Listener::port() const {
-    return m_Acceptor.port();
-}
-
 std::string Listener::baseUrl() const {
     return (m_Tls != nullptr ? "https://" : "http://") + m_Name + ":" + std::to_string(port());
 }
 
-void Listener::start(Handler handler) {
-    SigpipeDispositionKept const kept;
-    // Without TLS the HTTP library waits once more for a first line that did not come.
-    auto const silence = Connection::kIoTimeout * (m_Tls != nullptr ? 1 : 2);
-    m_Server = std::make_unique<RequestServer>(std::move(handler), baseUrl());
+void Listener::start(Serve serve, Acceptor::Clock::duration silence) {
+    m_Serve = std::move(serve);
     m_Acceptor.start([this] { return admit(); }, std::min<Acceptor::Clock::duration>(silence, m_RequestTimeout));
-}
-
-void Listener::refuseUntil(Acceptor::Clock::time_point moment) {
-    m_Acceptor.refuseUntil(moment);
-}
-
-void Listener::beginStop() {
-    m_Acceptor.beginStop();
-}
-
-void Listener::stop() {
-    m_Acceptor.stop();
 }
 
 /// Takes the fault of the connection, which happens to the next one that is accepted, also when its client stays
@@ -67,17 +38,9 @@ void Listener::serve(int socket, Acceptor::Clock::time_point accepted, std::opti
     if (aborts) {
         char hello[1];
         connection.read(hello, sizeof hello);
-        return;
+    } else if (connection.open()) {
+        m_Serve(connection);
     }
-    if (!connection.open()) {
-        return;
-    }
-    std::string text = readFirstLine(connection);
-    if (text.size() > kMaxRequestLine && text.find('\n') == std::string::npos) {
-        deliver(connection, textResponse(httpstatus::kUriTooLong, "The request line is too long."), std::nullopt);
-        return;
-    }
-    m_Server->serve(connection, std::move(text));
 }
 
 }  // namespace sandbox

@@ -44,8 +44,7 @@ bool isOver(Flow const& up, Flow const& down) {
 
 }  // namespace
 
-Flow::Flow(int from, int to, std::string ahead, AtEnd atEnd)
-    : m_From(from), m_To(to), m_AtEnd(atEnd), m_SourceEnded(from == kNowhere) {
+Flow::Flow(int from, int to, std::string ahead, AtEnd atEnd) : m_From(from), m_To(to), m_AtEnd(atEnd) {
     take(ahead.data(), ahead.size());
 }
 
@@ -57,7 +56,6 @@ bool Flow::read() {
     }
     m_SourceEnded = count == 0;
     take(piece.data(), static_cast<std::size_t>(count));
-    m_SourceEnded = m_SourceEnded || (m_IsWhole != nullptr && m_IsWhole(m_Begin));
     tellEnd();
     return true;
 }

@@ -9,8 +9,7 @@
 /// Carrying bytes both ways between two sockets.
 namespace sandbox {
 
-/// One direction of a relay. Without a source it carries what it was given at first, without a destination it
-/// keeps what comes. Used by one thread.
+/// One direction of a relay. Without a destination it keeps what comes. Used by one thread.
 class Flow {
 public:
     /// Stands for "no socket".
@@ -45,9 +44,6 @@ public:
     bool read();
     bool write();
 
-    /// Ends the flow as soon as `isWhole` accepts the bytes received so far, even when the source stays open.
-    void endWhen(bool (*isWhole)(std::string const& text)) { m_IsWhole = isWhole; }
-
     /// Transfers nothing more.
     void abandon();
 
@@ -60,8 +56,7 @@ private:
     AtEnd m_AtEnd;
     std::string m_Waiting;  ///< Has been read and not yet written. Empty without a destination.
     std::string m_Begin;
-    bool (*m_IsWhole)(std::string const& text) = nullptr;  ///< Null when only the end completes it.
-    bool m_SourceEnded;
+    bool m_SourceEnded = false;
     bool m_Overflowed = false;
 };
 

@@ -17,6 +17,8 @@
 #include <utility>
 #include <vector>
 
+#include "sandbox/text/httperror.h"
+
 namespace sandbox {
 
 namespace {
@@ -213,6 +215,22 @@ TlsIdentity makeTlsIdentity(DataDirectory const& directory, std::string const& n
     directory.publish(kAuthorityFile);
     return {makeContext(directory, kSoundFile), makeContext(directory, kExpiredFile),
             makeContext(directory, kWrongHostFile), makeContext(directory, kUnknownAuthorityFile)};
+}
+
+TlsContextHolder makeClientContext(std::string const& authorityFile, std::string const& host) {
+    ERR_clear_error();
+    TlsContextHolder context(SSL_CTX_new(TLS_client_method()));
+    if (!context || SSL_CTX_load_verify_locations(context.get(), authorityFile.c_str(), nullptr) != 1) {
+        throw HttpError("no certificates can be read from " + authorityFile);
+    }
+    SSL_CTX_set_verify(context.get(), SSL_VERIFY_PEER, nullptr);
+    // A response without a length ends with the connection, announced or not.
+    SSL_CTX_set_options(context.get(), SSL_OP_IGNORE_UNEXPECTED_EOF);
+    X509_VERIFY_PARAM* const expected = SSL_CTX_get0_param(context.get());
+    if (X509_VERIFY_PARAM_set1_ip_asc(expected, host.c_str()) != 1) {
+        X509_VERIFY_PARAM_set1_host(expected, host.c_str(), 0);
+    }
+    return context;
 }
 
 }  // namespace sandbox

@@ -26,6 +26,10 @@ struct TlsIdentity {
 /// certificates under it. Clients trust ca.pem. Throws std::runtime_error.
 TlsIdentity makeTlsIdentity(DataDirectory const& directory, std::string const& name);
 
+/// The context of a client that accepts a certificate for `host` only, from an authority in `authorityFile`. Throws
+/// HttpError when no certificates can be read from that.
+TlsContextHolder makeClientContext(std::string const& authorityFile, std::string const& host);
+
 }  // namespace sandbox
 
 #endif  // TALLOWIN_SANDBOX_HTTP_TLSIDENTITY_H

@@ -5,19 +5,16 @@
 // reset, because a mere end would make a cut response look complete.
 #include "sandbox/proxy/proxy.h"
 
-#include <algorithm>
 #include <cstddef>
 #include <exception>
 #include <optional>
 #include <utility>
 
-#include "sandbox/http/connection.h"
 #include "sandbox/http/delivery.h"
 #include "sandbox/http/hostport.h"
 #include "sandbox/http/httptext.h"
 #include "sandbox/http/localsocket.h"
 #include "sandbox/http/relay.h"
-#include "sandbox/http/requeststream.h"
 #include "sandbox/proxy/proxyrequest.h"
 #include "sandbox/service/storedexchangelog.h"
 #include "sandbox/text/httperror.h"
@@ -75,9 +72,8 @@ char const* lossOf(Outcome outcome) {
 /// One request while it is served.
 class ProxySession {
 public:
-    ProxySession(Services const& services, Connection& connection, std::chrono::milliseconds timeout,
-                 EndSignal const& ending)
-        : m_Services(services), m_Connection(connection), m_Timeout(timeout), m_Ending(ending) {
+    ProxySession(Services const& services, Connection& connection, std::chrono::milliseconds timeout)
+        : m_Services(services), m_Connection(connection), m_Timeout(timeout) {
         m_Exchange.m_Kind = ExchangeKind::kProxy;
         m_Exchange.m_Time = services.m_Clock.text();
         m_Exchange.m_Verdict = "ok";
@@ -220,7 +216,7 @@ private:
     Services const& m_Services;  ///< Borrowed, as is all that has an "&".
     Connection& m_Connection;    ///< To the client.
     std::chrono::milliseconds m_Timeout;
-    EndSignal const& m_Ending;
+    EndSignal const& m_Ending = m_Connection.ending();
     Clock::time_point m_Begin = Clock::now();  ///< When the request was complete.
     Exchange m_Exchange;
     std::optional<Fault> m_Fault;
@@ -229,33 +225,8 @@ private:
 
 }  // namespace
 
-Proxy::Proxy(std::uint16_t port, Services const& services, Timeouts timeouts)
-    : m_Services(services), m_Timeouts(timeouts), m_Acceptor(port) {}
-
-Proxy::~Proxy() {
-    stop();
-}
-
-std::string Proxy::baseUrl() const {
-    return "http://127.0.0.1:" + std::to_string(port());
-}
-
-void Proxy::start() {
-    m_Acceptor.start([this] { return [this, accepted = Clock::now()](int socket) { serve(socket, accepted); }; },
-                     std::min<Clock::duration>(Connection::kIoTimeout, m_Timeouts.m_Request));
-}
-
-void Proxy::refuseUntil(Acceptor::Clock::time_point moment) {
-    m_Acceptor.refuseUntil(moment);
-}
-
-void Proxy::stop() {
-    m_Acceptor.stop();
-}
-
-void Proxy::serve(int socket, Acceptor::Clock::time_point accepted) {
-    Connection connection(socket, nullptr, m_Acceptor.ending(), m_Timeouts.m_Request, accepted);
-    ProxySession(m_Services, connection, m_Timeouts.m_Response, m_Acceptor.ending()).serve();
+void serveProxyRequest(Services const& services, Connection& connection, std::chrono::milliseconds timeout) {
+    ProxySession(services, connection, timeout).serve();
 }
 
 }  // namespace sandbox

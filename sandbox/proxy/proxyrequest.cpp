@@ -7,7 +7,6 @@
 #include <optional>
 
 #include "sandbox/http/httptext.h"
-#include "sandbox/http/requestline.h"
 #include "sandbox/text/httperror.h"
 
 namespace sandbox {

@@ -12,12 +12,12 @@
 #include <set>
 #include <utility>
 
+#include "sandbox/http/connection.h"
 #include "sandbox/http/hostport.h"
 #include "sandbox/http/httptext.h"
 #include "sandbox/http/localsocket.h"
-#include "sandbox/http/relay.h"
 #include "sandbox/http/signalguards.h"
-#include "sandbox/http/tlsrequest.h"
+#include "sandbox/http/tlsidentity.h"
 #include "sandbox/service/confirmation.h"
 #include "sandbox/service/paymentmoves.h"
 #include "sandbox/service/storedexchangelog.h"
@@ -32,6 +32,7 @@ namespace {
 using Clock = EndSignal::Clock;
 
 constexpr std::chrono::seconds kPauseWithoutStore{5};
+constexpr std::size_t kMaxResponse = std::size_t{8} * 1024 * 1024;
 
 /// Why nothing can be sent to `address`; nothing when something can.
 std::optional<std::string> whyUnreachable(std::string const& address, bool tls) {
@@ -43,21 +44,6 @@ std::optional<std::string> whyUnreachable(std::string const& address, bool tls) 
         return std::nullopt;
     } catch (HttpError const& error) {
         return error.what();
-    }
-}
-
-/// Why there is no status.
-std::string whyNoStatus(Outcome outcome, std::string const& response) {
-    switch (outcome) {
-        case Outcome::kTargetLost:
-            return "the merchant reset the connection";
-        case Outcome::kTimedOut:
-            return "the merchant did not answer in time";
-        case Outcome::kStopped:
-            return "the sandbox stopped before the merchant answered";
-        default:
-            return response.empty() ? "the merchant closed the connection without an answer"
-                                    : "the merchant's answer is not a complete one of HTTP";
     }
 }
 
@@ -75,32 +61,54 @@ struct Attempt {
     [[nodiscard]] bool good() const { return m_Verdict == "ok"; }
 };
 
+/// The response as far as it comes, and why it has no status if that is so.
+Attempt converse(Connection& connection, std::string const& request, Clock::time_point deadline) {
+    Attempt attempt;
+    char piece[16 * 1024];
+    // A merchant that refuses a request need not read all of it.
+    connection.write(request.data(), request.size());
+    ssize_t count = 1;
+    while (count > 0 && !isCompleteResponse(attempt.m_Response) && attempt.m_Response.size() < kMaxResponse) {
+        count = connection.read(piece, sizeof piece);
+        attempt.m_Response.append(piece, count > 0 ? static_cast<std::size_t>(count) : 0);
+    }
+    connection.leaveRest();
+    if (connection.ending().raised()) {
+        attempt.m_Verdict = "the sandbox stopped before the merchant answered";
+    } else if (Clock::now() >= deadline) {
+        attempt.m_Verdict = "the merchant did not answer in time";
+    } else if (count < 0) {
+        attempt.m_Verdict = "the merchant reset the connection";
+    } else {
+        attempt.m_Verdict = attempt.m_Response.empty() ? "the merchant closed the connection without an answer"
+                                                       : "the merchant's answer is not a complete one of HTTP";
+    }
+    return attempt;
+}
+
 /// `authority` is the file with those of merchants under TLS.
 Attempt sendRequest(HttpAddress const& address, std::string const& authority, std::chrono::milliseconds timeout,
                     EndSignal const& ending) {
-    Clock::time_point const deadline = Clock::now() + timeout;
+    Clock::time_point const begin = Clock::now();
     Attempt attempt;
     try {
-        Outcome outcome = Outcome::kComplete;
-        if (address.m_Tls) {
-            attempt.m_Response = requestOverTls(address.m_HostPort, requestText(address), authority, timeout);
-            outcome = Clock::now() < deadline ? outcome : Outcome::kTimedOut;
-        } else {
-            LocalSocket const socket(address.m_HostPort, deadline, ending);
-            Flow up(Flow::kNowhere, socket.get(), requestText(address), Flow::AtEnd::kLeave);
-            Flow down(socket.get(), Flow::kNowhere, "", Flow::AtEnd::kLeave);
-            down.endWhen(isCompleteResponse);
-            outcome = carry(up, down, {deadline, timeout}, ending);
-            attempt.m_Response = down.begin();
+        std::string const& host = address.m_HostPort.m_Host;
+        TlsContextHolder const tls = address.m_Tls ? makeClientContext(authority, host) : nullptr;
+        LocalSocket const socket(address.m_HostPort, begin + timeout, ending);
+        Connection connection(socket.get(), tls.get(), ending, timeout, begin);
+        if (!connection.open()) {
+            std::string const problem = connection.certificateProblem();
+            throw HttpError(problem.empty() ? "the merchant made no TLS connection"
+                                            : "the merchant's certificate was refused: " + problem);
         }
-        attempt.m_Status = statusOfResponse(attempt.m_Response);
-        attempt.m_Verdict = attempt.m_Status ? "the merchant answered " + std::to_string(*attempt.m_Status)
-                                             : whyNoStatus(outcome, attempt.m_Response);
+        attempt = converse(connection, requestText(address), begin + timeout);
     } catch (HttpError const& error) {
         attempt.m_Verdict = error.what();
     }
-    if (attempt.m_Status && *attempt.m_Status >= httpstatus::kOk && *attempt.m_Status < httpstatus::kMultipleChoices) {
-        attempt.m_Verdict = "ok";
+    attempt.m_Status = statusOfResponse(attempt.m_Response);
+    if (attempt.m_Status) {
+        bool const good = *attempt.m_Status >= httpstatus::kOk && *attempt.m_Status < httpstatus::kMultipleChoices;
+        attempt.m_Verdict = good ? "ok" : "the merchant answered " + std::to_string(*attempt.m_Status);
     }
     return attempt;
 }

@@ -10,7 +10,7 @@
 #include <optional>
 #include <string>
 
-#include "sandbox/http/requestline.h"
+#include "sandbox/http/httptext.h"
 #include "tests/sandbox/support/sandboxfixture.h"
 
 /// Requests outside the protocol: long lines, odd bytes, other forms of a request line.
