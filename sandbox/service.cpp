@@ -12,7 +12,6 @@
 #include <utility>
 
 #include "sandbox/control/control.h"
-#include "sandbox/control/controlroutes.h"
 #include "sandbox/dashboard/dashboard.h"
 #include "sandbox/http/listener.h"
 #include "sandbox/http/requestserver.h"
@@ -25,7 +24,6 @@
 #include "sandbox/service/services.h"
 #include "sandbox/store/datadirectory.h"
 #include "sandbox/text/httperror.h"
-#include "sandbox/text/httpstatus.h"
 #include "sandbox/text/wiretext.h"
 
 namespace sandbox {

@@ -5,9 +5,7 @@
 
 #include "sandbox/control/controlguards.h"
 #include "sandbox/control/controljson.h"
-#include "sandbox/control/controlroutes.h"
 #include "sandbox/text/httperror.h"
-#include "sandbox/text/httpstatus.h"
 
 namespace sandbox {
 

@@ -5,7 +5,6 @@
 
 #include "sandbox/crypto/credentials.h"
 #include "sandbox/text/httperror.h"
-#include "sandbox/text/httpstatus.h"
 
 namespace sandbox {
 

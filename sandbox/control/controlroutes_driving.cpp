@@ -13,14 +13,13 @@
 #include <string>
 #include <vector>
 
+#include "sandbox/control/control.h"
 #include "sandbox/control/controlfilters.h"
 #include "sandbox/control/controljson.h"
-#include "sandbox/control/controlroutes.h"
 #include "sandbox/service/decisions.h"
 #include "sandbox/service/notifier.h"
 #include "sandbox/service/paymentmoves.h"
 #include "sandbox/text/httperror.h"
-#include "sandbox/text/httpstatus.h"
 #include "sandbox/text/wiretext.h"
 
 namespace sandbox {

@@ -11,11 +11,10 @@
 #include <utility>
 #include <vector>
 
+#include "sandbox/control/control.h"
 #include "sandbox/control/controlfilters.h"
 #include "sandbox/control/controljson.h"
-#include "sandbox/control/controlroutes.h"
 #include "sandbox/text/httperror.h"
-#include "sandbox/text/httpstatus.h"
 
 namespace sandbox {
 

@@ -6,11 +6,11 @@
 #include <string>
 #include <utility>
 
+#include "sandbox/control/control.h"
 #include "sandbox/control/controlfilters.h"
 #include "sandbox/control/controljson.h"
-#include "sandbox/control/controlroutes.h"
 #include "sandbox/service/paymentmoves.h"
-#include "sandbox/text/httpstatus.h"
+#include "sandbox/text/httperror.h"
 
 namespace sandbox {
 

@@ -1,20 +1,22 @@
-// Scenarios: faults and standing decisions that are armed together, from one JSON text. Snapshots use them as well:
-// what is in memory goes into a snapshot as the scenario that would arm it again. All of a scenario is read before
-// anything is armed, so that one with an error changes nothing. The error names the place: line and column where the
-// text is no JSON, else the step.
+// Faults, and scenarios: faults and standing decisions that are armed together, from one JSON text. Snapshots use them
+// as well: what is in memory goes into a snapshot as the scenario that would arm it again. All of a scenario is read
+// before anything is armed, so that one with an error changes nothing. The error names the place: line and column where
+// the text is no JSON, else the step.
 #include <algorithm>
 #include <cstdint>
 #include <fstream>
 #include <iterator>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "sandbox/control/control.h"
+#include "sandbox/control/controlfilters.h"
 #include "sandbox/control/controljson.h"
-#include "sandbox/control/controlroutes.h"
 #include "sandbox/service/notifier.h"
 #include "sandbox/text/httperror.h"
-#include "sandbox/text/httpstatus.h"
+#include "sandbox/text/wiretext.h"
 
 namespace sandbox {
 
@@ -106,6 +108,35 @@ std::string snapshotName(HttpRequest const& request) {
 }
 
 }  // namespace
+
+HttpResponse getFaults(Services const& services, HttpRequest const& request) {
+    return jsonResponse(httpstatus::kOk, {{"faults", services.m_Faults.armed(readAccount(request.m_Query))}});
+}
+
+HttpResponse getFaultKinds(Services const&, HttpRequest const&) {
+    return jsonResponse(httpstatus::kOk, {{"kinds", allFaultKinds()}});
+}
+
+HttpResponse armFault(Services const& services, HttpRequest const& request) {
+    ArmedFault armed;
+    armed.m_Fault = readFault(parseObject(request.m_Body));
+    armed.m_Id = services.m_Faults.arm(armed.m_Fault);
+    return jsonResponse(httpstatus::kCreated, armed);
+}
+
+HttpResponse liftFault(Services const& services, HttpRequest const& request) {
+    std::string const name = request.m_Path.substr(request.m_Path.rfind('/') + 1);
+    std::optional<std::int64_t> const id = wholeNumber(name);
+    if (!id || !services.m_Faults.lift(*id)) {
+        throw HttpError("no fault '" + name + "' is armed", httpstatus::kNotFound);
+    }
+    return getFaults(services, request);
+}
+
+HttpResponse liftAllFaults(Services const& services, HttpRequest const& request) {
+    services.m_Faults.liftAll(readAccount(request.m_Query));
+    return getFaults(services, request);
+}
 
 HttpResponse getScenario(Services const& services, HttpRequest const&) {
     return jsonResponse(httpstatus::kOk, {{"steps", presentSteps(services)}});

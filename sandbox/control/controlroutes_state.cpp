@@ -11,14 +11,13 @@
 #include <utility>
 #include <vector>
 
+#include "sandbox/control/control.h"
 #include "sandbox/control/controlfilters.h"
 #include "sandbox/control/controljson.h"
-#include "sandbox/control/controlroutes.h"
 #include "sandbox/crypto/signature.h"
 #include "sandbox/service/notifier.h"
 #include "sandbox/service/paymentmoves.h"
 #include "sandbox/text/httperror.h"
-#include "sandbox/text/httpstatus.h"
 
 namespace sandbox {
 

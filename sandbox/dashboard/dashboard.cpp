@@ -11,7 +11,6 @@
 #include "sandbox/dashboard/dashboardroutes.h"
 #include "sandbox/pages/templates.h"
 #include "sandbox/text/httperror.h"
-#include "sandbox/text/httpstatus.h"
 
 namespace sandbox {
 

@@ -2,6 +2,7 @@
 #define TALLOWIN_SANDBOX_DASHBOARD_DASHBOARDPARTS_H
 
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -30,6 +31,17 @@ std::string calculatorPath(std::string const& data, std::string const& signature
 
 /// A message that was sent, for the template `message`, with a link to the calculator when it is signed.
 nlohmann::json sentContent(std::string const& label, std::string const& data, std::string const& signature);
+
+/// The message that a response contains.
+struct SentMessage {
+    std::string m_Label;  ///< What it is, for people.
+    std::string m_Data;
+    std::string m_Signature;  ///< Empty when it is not signed.
+};
+
+/// The confirmation in the return link of `exchange`, or on the page without one; else the message that is the body of
+/// the response. Nothing when there is neither, or not all of it was stored.
+std::optional<SentMessage> sentMessage(Exchange const& exchange);
 
 }  // namespace sandbox
 

@@ -19,7 +19,6 @@
 #include "sandbox/service/confirmation.h"
 #include "sandbox/service/storedevidence.h"
 #include "sandbox/text/httperror.h"
-#include "sandbox/text/httpstatus.h"
 
 namespace sandbox {
 

@@ -7,11 +7,9 @@
 #include "sandbox/control/controljson.h"
 #include "sandbox/dashboard/dashboardparts.h"
 #include "sandbox/dashboard/dashboardroutes.h"
-#include "sandbox/dashboard/sentmessages.h"
 #include "sandbox/pages/shopperpages.h"
 #include "sandbox/pages/templates.h"
 #include "sandbox/text/httperror.h"
-#include "sandbox/text/httpstatus.h"
 #include "sandbox/text/utctime.h"
 #include "sandbox/text/wiretext.h"
 

@@ -1,12 +1,18 @@
 // The page of faults: the armed ones, the situations of the guide with a button each, and every kind with a form of its
 // own, which has the fields of that kind alone.
 //
+// The situations are those of the guide's table, which is embedded as it is: a row has three cells, the second with the
+// faults in backquotes. Marks of Markdown are dropped: backquotes, and links but for their text.
+//
 // Empty fields are left out, so that the defaults apply. A rejected form is shown again with the entered values and the
 // reason. Reading a fault is the same as for the option `--fault`.
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <set>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -14,9 +20,8 @@
 #include "sandbox/control/controljson.h"
 #include "sandbox/dashboard/dashboardparts.h"
 #include "sandbox/dashboard/dashboardroutes.h"
-#include "sandbox/dashboard/situations.h"
+#include "sandbox/pages/templates.h"
 #include "sandbox/text/httperror.h"
-#include "sandbox/text/httpstatus.h"
 
 namespace sandbox {
 
@@ -46,6 +51,69 @@ constexpr FieldRow kFields[] = {
     {"megabytes", "Megabytes",                             ""},
 };
 // clang-format on
+
+/// A situation to rehearse.
+struct Situation {
+    std::string m_Text;           ///< "The service is slow".
+    std::vector<Fault> m_Faults;  ///< Each of them causes it; never empty.
+    std::string m_Advice;         ///< What the merchant should do then: "keep the order".
+};
+
+/// The text between `line`'s bars, without the spaces around it.
+std::vector<std::string> cellsOf(std::string const& line) {
+    std::vector<std::string> cells;
+    std::istringstream in(line);
+    std::string cell;
+    std::getline(in, cell, '|');
+    while (std::getline(in, cell, '|')) {
+        std::size_t const from = cell.find_first_not_of(' ');
+        cells.push_back(from == std::string::npos ? "" : cell.substr(from, cell.find_last_not_of(' ') - from + 1));
+    }
+    return cells;
+}
+
+std::vector<Fault> faultsIn(std::string const& cell) {
+    std::vector<Fault> faults;
+    std::istringstream in(cell);
+    std::string text;
+    for (bool quoted = false; std::getline(in, text, '`'); quoted = !quoted) {
+        if (quoted) {
+            faults.push_back(parseFault(text));
+        }
+    }
+    return faults;
+}
+
+std::string plain(std::string text) {
+    text.erase(std::remove(text.begin(), text.end(), '`'), text.end());
+    for (std::size_t at = text.find("]("); at != std::string::npos; at = text.find("](")) {
+        text.erase(at, text.find(')', at) + 1 - at);
+        text.erase(text.rfind('[', at), 1);
+    }
+    return text;
+}
+
+std::vector<Situation> readGuide() {
+    std::vector<Situation> situations;
+    std::istringstream in(templateText("rehearse-failures.md"));
+    for (std::string line; std::getline(in, line);) {
+        std::vector<std::string> const cells = cellsOf(line);
+        if (cells.size() != 3) {
+            continue;
+        }
+        std::vector<Fault> faults = faultsIn(cells[1]);
+        if (!faults.empty()) {
+            situations.push_back({plain(cells[0]), std::move(faults), plain(cells[2])});
+        }
+    }
+    return situations;
+}
+
+/// The rows of the table in docs/rehearse-failures.md that faults cause, in its order.
+std::vector<Situation> const& allSituations() {
+    static std::vector<Situation> const situations = readGuide();
+    return situations;
+}
 
 bool happensTo(FaultKindRow const& row, ExchangeKind kind) {
     return (row.m_Exchanges & static_cast<unsigned>(kind)) != 0;

@@ -1,11 +1,10 @@
 #include <optional>
 #include <string>
 
-#include "sandbox/control/controlroutes.h"
+#include "sandbox/control/control.h"
 #include "sandbox/dashboard/dashboardparts.h"
 #include "sandbox/dashboard/dashboardroutes.h"
 #include "sandbox/text/httperror.h"
-#include "sandbox/text/httpstatus.h"
 #include "sandbox/text/wiretext.h"
 
 /// The page of keys and clock.

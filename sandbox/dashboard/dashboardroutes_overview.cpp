@@ -13,14 +13,14 @@
 #include <utility>
 #include <vector>
 
+#include "sandbox/control/control.h"
 #include "sandbox/control/controlfilters.h"
 #include "sandbox/control/controljson.h"
-#include "sandbox/control/controlroutes.h"
 #include "sandbox/dashboard/dashboardparts.h"
 #include "sandbox/dashboard/dashboardroutes.h"
 #include "sandbox/pages/shopperpages.h"
 #include "sandbox/service/paymentmoves.h"
-#include "sandbox/text/httpstatus.h"
+#include "sandbox/text/httperror.h"
 #include "sandbox/text/utctime.h"
 #include "sandbox/text/wiretext.h"
 

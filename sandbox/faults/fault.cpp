@@ -13,7 +13,6 @@
 #include <stdexcept>
 
 #include "sandbox/text/httperror.h"
-#include "sandbox/text/httpstatus.h"
 #include "sandbox/text/wiretext.h"
 
 namespace sandbox {

@@ -1,4 +1,4 @@
-// Reads and writes on a socket that does not block, plain or under TLS.
+// Reads and writes on a socket that does not block, plain or under TLS, and connects to programs on this machine.
 // persist() repeats one call until it succeeds or fails for good, and waits in await() for the event that the socket or
 // TLS needs. Each wait has a timeout; reads also end with the timeout of the whole request.
 // Odd: the destructor reads and drops the rest of what the client sends. Closing with unread bytes would reset the
@@ -10,11 +10,15 @@
 #include <openssl/err.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <system_error>
+
+#include "sandbox/text/httperror.h"
 
 namespace sandbox {
 
@@ -46,6 +50,24 @@ short wantedEvent(SSL const* tls, int result, short event) {
         default:
             return 0;
     }
+}
+
+/// 0, or the error with which connecting ended. Throws HttpError when it did not end.
+int awaitConnected(int socket, HostPort const& hostPort, EndSignal::Clock::time_point deadline,
+                   EndSignal const& ending) {
+    std::array<pollfd, 2> waits = {pollfd{socket, POLLOUT, 0}, pollfd{-1, 0, 0}};
+    switch (ending.await(waits, deadline)) {
+        case EndSignal::Wait::kReady:
+            break;
+        case EndSignal::Wait::kTimedOut:
+            throw HttpError(hostPort.text() + " does not take the connection", httpstatus::kGatewayTimeout);
+        case EndSignal::Wait::kEnded:
+            throw HttpError("the sandbox is stopping", httpstatus::kServiceUnavailable);
+    }
+    int error = 0;
+    socklen_t length = sizeof error;
+    ::getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &length);
+    return error;
 }
 
 }  // namespace
@@ -201,6 +223,37 @@ std::string readFirstLine(Connection& connection) {
         text.append(piece, static_cast<std::size_t>(count));
     }
     return text;
+}
+
+LocalSocket::LocalSocket(HostPort const& hostPort, EndSignal::Clock::time_point deadline, EndSignal const& ending)
+    : m_Socket(-1) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr = localAddress(hostPort.m_Host);
+    address.sin_port = htons(hostPort.m_Port);
+    m_Socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (m_Socket < 0) {
+        throw HttpError("no socket: " + std::generic_category().message(errno), httpstatus::kServiceUnavailable);
+    }
+    int const yes = 1;
+    ::setsockopt(m_Socket, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
+    try {
+        int error = 0;
+        if (::connect(m_Socket, reinterpret_cast<sockaddr const*>(&address), sizeof address) != 0) {
+            error = errno == EINPROGRESS ? awaitConnected(m_Socket, hostPort, deadline, ending) : errno;
+        }
+        if (error != 0) {
+            throw HttpError("no connection to " + hostPort.text() + ": " + std::generic_category().message(error),
+                            httpstatus::kBadGateway);
+        }
+    } catch (...) {
+        ::close(m_Socket);
+        throw;
+    }
+}
+
+LocalSocket::~LocalSocket() {
+    ::close(m_Socket);
 }
 
 }  // namespace sandbox

@@ -9,6 +9,7 @@
 
 #include "sandbox/crypto/opensslholders.h"
 #include "sandbox/http/endsignal.h"
+#include "sandbox/http/hostport.h"
 
 namespace sandbox {
 
@@ -89,6 +90,22 @@ inline constexpr std::size_t kMaxRequestLine = std::size_t{4} * 1024 * 1024;  //
 /// Reads up to and including the first line end. What came after it is in the result as well. Without a line end the
 /// result is what came before the end, a failure or more than kMaxRequestLine bytes.
 std::string readFirstLine(Connection& connection);
+
+/// A connection to another program on this machine.
+class LocalSocket {
+public:
+    /// Connects. Throws HttpError: 403 when the host is not this machine, 502 when nothing listens there, 504 when it
+    /// has not come about by `deadline`, 503 when `ending` was raised before.
+    LocalSocket(HostPort const& hostPort, EndSignal::Clock::time_point deadline, EndSignal const& ending);
+    ~LocalSocket();
+    LocalSocket(LocalSocket const&) = delete;
+    LocalSocket& operator=(LocalSocket const&) = delete;
+
+    [[nodiscard]] int get() const { return m_Socket; }
+
+private:
+    int m_Socket;  ///< Owned.
+};
 
 }  // namespace sandbox
 

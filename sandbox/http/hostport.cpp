@@ -12,7 +12,6 @@
 #include <stdexcept>
 
 #include "sandbox/text/httperror.h"
-#include "sandbox/text/httpstatus.h"
 
 namespace sandbox {
 

@@ -6,7 +6,7 @@
 #include <charconv>
 #include <cstdlib>
 
-#include "sandbox/text/httpstatus.h"
+#include "sandbox/text/httperror.h"
 
 namespace sandbox {
 

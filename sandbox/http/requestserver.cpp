@@ -14,7 +14,7 @@
 
 #include "sandbox/http/delivery.h"
 #include "sandbox/http/httptext.h"
-#include "sandbox/text/httpstatus.h"
+#include "sandbox/text/httperror.h"
 
 namespace sandbox {
 

@@ -16,7 +16,6 @@
 #include <utility>
 
 #include "sandbox/pages/html.h"
-#include "sandbox/pages/languages.h"
 #include "sandbox/text/wiretext.h"
 
 namespace sandbox {
@@ -141,6 +140,21 @@ json verbatim(std::string const& text) {
     }
     pieces.push_back({{"text", text.substr(from)}, {"return", false}});
     return {{"pieces", pieces}};
+}
+
+std::vector<Language> const& allLanguages() {
+    static std::vector<Language> const languages = nlohmann::json::parse(templateText("languages.json"));
+    return languages;
+}
+
+Language const& languageFor(std::string const& langId) {
+    std::string const tag = lowerCase(langId.substr(0, langId.find_first_of("-_")));
+    for (Language const& language : allLanguages()) {
+        if (language["tag"] == tag) {
+            return language;
+        }
+    }
+    return allLanguages().front();
 }
 
 }  // namespace sandbox

@@ -3,6 +3,7 @@
 
 #include <nlohmann/json.hpp>
 #include <string>
+#include <vector>
 
 #include "sandbox/http/httpmessages.h"
 
@@ -24,6 +25,18 @@ HttpResponse renderPage(int status, std::string const& name, nlohmann::json cont
 
 /// A text exactly as it was sent, for the template `verbatim`, which shows a carriage return as a small "CR".
 nlohmann::json verbatim(std::string const& text);
+
+/// The texts of one language of the payment page by their names in templates/languages.json, as they are used in
+/// templates, UTF-8 and not escaped. The text "tag" is for the attribute `lang` (BCP 47), in lower case.
+using Language = nlohmann::json;
+
+/// Every language, English first. Only the pages for shoppers are translated: all others are for developers. All have
+/// the same texts.
+std::vector<Language> const& allLanguages();
+
+/// The language of a LANGID, chosen by its first part: "de", "DE", "de-AT" and "de_AT" are all German. English for any
+/// other text.
+Language const& languageFor(std::string const& langId);
 
 }  // namespace sandbox
 

@@ -5,6 +5,9 @@
 // reset, because a mere end would make a cut response look complete.
 #include "sandbox/proxy/proxy.h"
 
+#include <strings.h>
+
+#include <algorithm>
 #include <cstddef>
 #include <exception>
 #include <optional>
@@ -13,12 +16,9 @@
 #include "sandbox/http/delivery.h"
 #include "sandbox/http/hostport.h"
 #include "sandbox/http/httptext.h"
-#include "sandbox/http/localsocket.h"
 #include "sandbox/http/relay.h"
-#include "sandbox/proxy/proxyrequest.h"
 #include "sandbox/service/storedexchangelog.h"
 #include "sandbox/text/httperror.h"
-#include "sandbox/text/httpstatus.h"
 
 namespace sandbox {
 
@@ -28,6 +28,8 @@ using Clock = EndSignal::Clock;
 
 /// Merchants read it with one call and begin TLS right after it: it is short, and nothing follows it.
 constexpr char kEstablished[] = "HTTP/1.0 200 Connection established\r\n\r\n";
+
+constexpr std::size_t kMaxFieldBytes = std::size_t{64} * 1024;
 
 /// The response when the fault keeps the request from the target.
 std::string faultResponse(Fault const& fault) {
@@ -67,6 +69,81 @@ char const* lossOf(Outcome outcome) {
         default:
             return "the sandbox stopped within the answer";
     }
+}
+
+/// The parts of a request to the proxy.
+struct ProxyRequest {
+    std::string m_Line;    ///< The first line, with its line end.
+    std::string m_Method;  ///< In it.
+    std::string m_Target;  ///< In it, as it came.
+    std::string m_Fields;  ///< The header lines and the empty one, without the credentials for the proxy.
+    std::string m_Ahead;   ///< What was read together with the head and follows it.
+};
+
+/// Reads on until the head is complete and returns its length. Throws HttpError when it does not become so.
+std::size_t completeHead(Connection& connection, std::string& text) {
+    std::size_t const longest = text.find('\n') + kMaxFieldBytes;
+    std::optional<std::size_t> end = bodyBegin(text);
+    while (!end) {
+        if (text.size() > longest) {
+            throw HttpError("the head of the request is too long");
+        }
+        char piece[4096];
+        ssize_t const count = connection.read(piece, sizeof piece);
+        if (count <= 0) {
+            throw HttpError("the request ended within its head");
+        }
+        text.append(piece, static_cast<std::size_t>(count));
+        end = bodyBegin(text);
+    }
+    return *end;
+}
+
+/// `fields` without the credentials for the proxy, which are neither forwarded nor stored.
+std::string withoutProxyCredentials(std::string const& fields) {
+    std::string const name = "Proxy-Authorization:";
+    std::string kept;
+    std::size_t from = 0;
+    while (from < fields.size()) {
+        std::size_t const to = std::min(fields.find('\n', from), fields.size() - 1) + 1;
+        if (::strncasecmp(fields.c_str() + from, name.c_str(), name.size()) != 0) {
+            kept.append(fields, from, to - from);
+        }
+        from = to;
+    }
+    return kept;
+}
+
+/// Splits the first line, given without its line end. Throws HttpError.
+ProxyRequest splitLine(std::string const& line) {
+    std::optional<RequestLine> const parsed = parseRequestLine(line);
+    if (!parsed || parsed->m_Method.empty() || (parsed->m_Version != "HTTP/1.0" && parsed->m_Version != "HTTP/1.1")) {
+        throw HttpError("the request line does not have the form METHOD ADDRESS HTTP/1.0");
+    }
+    std::size_t const from = parsed->m_Method.size() + 1;
+    ProxyRequest request;
+    request.m_Method = parsed->m_Method;
+    // The parsed target has lost its scheme and its authority.
+    request.m_Target = line.substr(from, line.size() - from - parsed->m_Version.size() - 1);
+    if (request.m_Target.compare(0, 1, "/") == 0) {
+        throw HttpError("this is a proxy: it takes an address that begins with http://, or CONNECT and host:port");
+    }
+    return request;
+}
+
+/// Reads the head of a request whose beginning, its first line if there is one, is `text`. Throws HttpError.
+ProxyRequest readProxyRequest(Connection& connection, std::string text) {
+    std::size_t const lineEnd = text.find('\n');
+    if (lineEnd == std::string::npos) {
+        throw HttpError("the request ended within its first line");
+    }
+    std::size_t const length = lineEnd > 0 && text[lineEnd - 1] == '\r' ? lineEnd - 1 : lineEnd;
+    ProxyRequest request = splitLine(text.substr(0, length));
+    std::size_t const end = completeHead(connection, text);
+    request.m_Line = text.substr(0, lineEnd + 1);
+    request.m_Fields = withoutProxyCredentials(text.substr(lineEnd + 1, end - lineEnd - 1));
+    request.m_Ahead = text.substr(end);
+    return request;
 }
 
 /// One request while it is served.

@@ -21,7 +21,6 @@
 #include "sandbox/service/storedevidence.h"
 #include "sandbox/service/storedexchangelog.h"
 #include "sandbox/text/httperror.h"
-#include "sandbox/text/httpstatus.h"
 #include "sandbox/text/wiretext.h"
 
 namespace sandbox {

@@ -22,7 +22,6 @@
 #include "sandbox/service/paymentmoves.h"
 #include "sandbox/service/signedmessage.h"
 #include "sandbox/text/httperror.h"
-#include "sandbox/text/httpstatus.h"
 #include "sandbox/text/utctime.h"
 #include "sandbox/text/wiretext.h"
 

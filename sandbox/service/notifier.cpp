@@ -15,14 +15,12 @@
 #include "sandbox/http/connection.h"
 #include "sandbox/http/hostport.h"
 #include "sandbox/http/httptext.h"
-#include "sandbox/http/localsocket.h"
 #include "sandbox/http/signalguards.h"
 #include "sandbox/http/tlsidentity.h"
 #include "sandbox/service/confirmation.h"
 #include "sandbox/service/paymentmoves.h"
 #include "sandbox/service/storedexchangelog.h"
 #include "sandbox/text/httperror.h"
-#include "sandbox/text/httpstatus.h"
 #include "sandbox/text/wiretext.h"
 
 namespace sandbox {

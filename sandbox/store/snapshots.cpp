@@ -10,7 +10,6 @@
 
 #include "sandbox/store/storelayout.h"
 #include "sandbox/text/httperror.h"
-#include "sandbox/text/httpstatus.h"
 #include "sandbox/text/utctime.h"
 
 namespace sandbox {

@@ -13,7 +13,6 @@
 #include <vector>
 
 #include "sandbox/pages/html.h"
-#include "sandbox/pages/languages.h"
 #include "sandbox/pages/shopperpages.h"
 #include "sandbox/pages/templates.h"
 #include "tests/sandbox/support/pagereader.h"
