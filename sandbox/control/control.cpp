@@ -1,7 +1,8 @@
 #include "sandbox/control/control.h"
 
-#include <cstddef>
-#include <string>
+#include <fnmatch.h>
+
+#include <vector>
 
 #include "sandbox/control/controlguards.h"
 #include "sandbox/control/controljson.h"
@@ -16,7 +17,8 @@ constexpr char kHealthPath[] = "/health";
 /// One method of one address.
 struct Route {
     char const* m_Method;
-    char const* m_Path;  ///< A segment "#" stands for digits, a segment "*" for any text without a slash.
+    char const*
+        m_Path;  ///< In the notation of fnmatch(): "?*" stands for any text without a slash, "[0-9]*" for an id.
     HttpResponse (*m_Handler)(Services const& services, HttpRequest const& request);
 };
 
@@ -31,23 +33,23 @@ constexpr Route kRoutes[] = {
     {"POST",   "/control/faults",       armFault},
     {"DELETE", "/control/faults",       liftAllFaults},
     {"GET",    "/control/faults/kinds", getFaultKinds},
-    {"DELETE", "/control/faults/#",     liftFault},
+    {"DELETE", "/control/faults/[0-9]*",     liftFault},
     {"GET",    "/control/payments",     getPayments},
     {"POST",   "/control/payments/decision",   decidePayment},
-    {"POST",   "/control/payments/*/decision", decidePayment},
-    {"GET",    "/control/payments/*",          getPayment},
+    {"POST",   "/control/payments/?*/decision", decidePayment},
+    {"GET",    "/control/payments/?*",          getPayment},
     {"GET",    "/control/decisions",           getDecisions},
     {"POST",   "/control/decisions",           addDecision},
     {"DELETE", "/control/decisions",           removeAllDecisions},
-    {"DELETE", "/control/decisions/#",         removeDecision},
+    {"DELETE", "/control/decisions/[0-9]*",         removeDecision},
     {"GET",    "/control/scenario",            getScenario},
     {"POST",   "/control/scenario",            playScenario},
     {"GET",    "/control/snapshots",           getSnapshots},
-    {"POST",   "/control/snapshots/*",         saveSnapshot},
-    {"DELETE", "/control/snapshots/*",         removeSnapshot},
-    {"POST",   "/control/snapshots/*/restore", restoreSnapshot},
+    {"POST",   "/control/snapshots/?*",         saveSnapshot},
+    {"DELETE", "/control/snapshots/?*",         removeSnapshot},
+    {"POST",   "/control/snapshots/?*/restore", restoreSnapshot},
     {"GET",    "/control/notifications",       getNotifications},
-    {"POST",   "/control/notifications/#/resend", resendNotification},
+    {"POST",   "/control/notifications/[0-9]*/resend", resendNotification},
     {"GET",    "/control/exchanges",    getExchanges},
     {"DELETE", "/control/exchanges",    removeExchanges},
     {"POST",   "/control/reset",        reset},
@@ -62,28 +64,6 @@ bool isBelow(std::string const& path, std::string const& parent) {
     return path == parent || path.compare(0, parent.size() + 1, parent + "/") == 0;
 }
 
-/// Whether one segment of a path fits one of a pattern.
-bool segmentMatches(std::string const& pattern, std::string const& segment) {
-    if (pattern == "*") {
-        return !segment.empty();
-    }
-    if (pattern == "#") {
-        return !segment.empty() && segment.find_first_not_of("0123456789") == std::string::npos;
-    }
-    return segment == pattern;
-}
-
-bool matches(std::string const& pattern, std::string const& path) {
-    std::size_t const patternEnd = pattern.find('/', 1);
-    std::size_t const pathEnd = path.find('/', 1);
-    bool const isLast = patternEnd == std::string::npos || pathEnd == std::string::npos;
-    if (isLast && patternEnd != pathEnd) {
-        return false;
-    }
-    return segmentMatches(pattern.substr(1, patternEnd - 1), path.substr(1, pathEnd - 1)) &&
-           (isLast || matches(pattern.substr(patternEnd), path.substr(pathEnd)));
-}
-
 HttpResponse errorResponse(int status, std::string const& reason) {
     nlohmann::json content = nlohmann::json::object();
     putBytes(content, "error", reason);
@@ -94,9 +74,9 @@ HttpResponse handleRoute(Services const& services, HttpRequest const& request) {
     if (request.m_Path != kHealthPath) {
         checkAccess(services.m_Token, request);
     }
-    std::string allowed;
+    std::vector<std::string> allowed;
     for (Route const& route : kRoutes) {
-        if (!matches(route.m_Path, request.m_Path)) {
+        if (::fnmatch(route.m_Path, request.m_Path.c_str(), FNM_PATHNAME) != 0) {
             continue;
         }
         if (request.m_Method == route.m_Method) {
@@ -105,14 +85,15 @@ HttpResponse handleRoute(Services const& services, HttpRequest const& request) {
             }
             return route.m_Handler(services, request);
         }
-        allowed += (allowed.empty() ? "" : ", ") + std::string(route.m_Method);
+        allowed.emplace_back(route.m_Method);
     }
     if (allowed.empty()) {
         throw HttpError("no such address: " + request.m_Path, httpstatus::kNotFound);
     }
+    std::string const methods = joined(allowed);
     HttpResponse response = errorResponse(httpstatus::kMethodNotAllowed,
-                                          request.m_Path + " allows " + allowed + ", not " + request.m_Method);
-    response.m_Allow = allowed;
+                                          request.m_Path + " allows " + methods + ", not " + request.m_Method);
+    response.m_Allow = methods;
     return response;
 }
 

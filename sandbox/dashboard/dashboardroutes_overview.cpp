@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <iterator>
 #include <map>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -63,50 +62,26 @@ constexpr StateRow kStates[] = {
 };
 // clang-format on
 
-/// The conditions of the page's form; an empty field is none.
-struct Filter {
-    std::string m_Account;
-    std::string m_Order;
-    std::string m_State;
-
-    [[nodiscard]] bool active() const { return !m_Account.empty() || !m_Order.empty() || !m_State.empty(); }
-
-    /// The names and values as a query behind `first`.
-    [[nodiscard]] std::string query(std::string const& first) const {
-        std::string text = first;
-        for (auto const& [name, value] : {std::pair("account", m_Account), {"order", m_Order}, {"state", m_State}}) {
-            if (!value.empty()) {
-                text += std::string(text.empty() ? "?" : "&") + name + "=" + percentEncode(value);
-            }
+/// The conditions of the page's form as a query of the control API; an empty field is none.
+std::string conditionsOf(Query const& form) {
+    std::vector<std::string> conditions;
+    for (char const* name : {"account", "order", "state"}) {
+        std::string const value = form.value(name).value_or("");
+        if (!value.empty()) {
+            conditions.push_back(name + ("=" + percentEncode(value)));
         }
-        return text;
     }
-};
-
-std::optional<std::string> given(std::string const& text) {
-    return text.empty() ? std::nullopt : std::optional<std::string>(text);
+    return joined(conditions, "&");
 }
 
-/// Throws HttpError for a state that does not exist.
-PaymentFilter paymentFilter(Filter const& filter) {
-    PaymentFilter out;
-    if (!filter.m_State.empty()) {
-        out = readPaymentQuery(Query("state=" + percentEncode(filter.m_State))).m_Filter;
-    }
-    out.m_Account = given(filter.m_Account);
-    out.m_Order = given(filter.m_Order);
-    return out;
-}
-
-json filterContent(Filter const& filter) {
+json filterContent(PaymentFilter const& filter, bool active) {
     auto const stateRow = [&filter](StateRow const& row) {
-        std::string const name = stateName(row.m_State);
-        return json{{"name", name}, {"selected", name == filter.m_State}};
+        return json{{"name", stateName(row.m_State)}, {"selected", filter.m_State == row.m_State}};
     };
-    return {{"account", filter.m_Account},
-            {"order", filter.m_Order},
+    return {{"account", filter.m_Account.value_or("")},
+            {"order", filter.m_Order.value_or("")},
             {"states", rowsOf(kStates, stateRow)},
-            {"active", filter.active()}};
+            {"active", active}};
 }
 
 /// What a merchant is set up with, then what the service is doing.
@@ -230,12 +205,12 @@ Page newest(std::int64_t limit) {
     return page;
 }
 
-std::string moreText(Services const& services, Filter const& filter, Listing<Payment> const& listing) {
+std::string moreText(Services const& services, bool filtered, Listing<Payment> const& listing) {
     if (!listing.m_More) {
         return "";
     }
     return "These are the latest " + std::to_string(listing.m_Rows.size()) +
-           (filter.active() ? "" : " of " + std::to_string(services.m_Store.counts().m_Payments)) +
+           (filtered ? "" : " of " + std::to_string(services.m_Store.counts().m_Payments)) +
            ". The control API lists all of them.";
 }
 
@@ -243,9 +218,9 @@ std::string moreText(Services const& services, Filter const& filter, Listing<Pay
 
 HttpResponse overviewPage(Services const& services, Query const& query) {
     bool const live = query.value("live") == "1";
-    Filter const filter = {query.value("account").value_or(""), query.value("order").value_or(""),
-                           query.value("state").value_or("")};
-    PaymentFilter const wanted = paymentFilter(filter);
+    std::string const conditions = conditionsOf(query);
+    bool const filtered = !conditions.empty();
+    PaymentFilter const wanted = readPaymentQuery(Query(conditions)).m_Filter;
     bringUpToDate(services);
     Listing<Payment> const listing = services.m_Store.payments(wanted, newest(kMaxPayments));
     std::vector<Exchange> const exchanges =
@@ -253,13 +228,13 @@ HttpResponse overviewPage(Services const& services, Query const& query) {
     auto const rowOfPayment = [&services](Payment const& payment) { return paymentRow(services, payment); };
     json content = {{"strip", stripContent(services)},
                     {"activity", activityContent(listing.m_Rows, exchanges)},
-                    {"filter", filterContent(filter)},
+                    {"filter", filterContent(wanted, filtered)},
                     {"payments", rowsOf(listing.m_Rows, rowOfPayment)},
-                    {"more", moreText(services, filter, listing)},
+                    {"more", moreText(services, filtered, listing)},
                     {"latest", exchangeTable("Exchanges, newest first", exchanges)},
                     {"live", live},
-                    {"queryLive", filter.query("?live=1")},
-                    {"queryStill", filter.query("")},
+                    {"queryLive", "?live=1" + (filtered ? "&" + conditions : "")},
+                    {"queryStill", filtered ? "?" + conditions : ""},
                     {"queryAll", live ? "?live=1" : ""},
                     {"refreshSeconds", live ? json(kRefreshSeconds) : json()}};
     if (live) {

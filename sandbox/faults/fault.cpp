@@ -112,28 +112,18 @@ constexpr FaultKindRow kKinds[] = {
 struct ParameterRow {
     FaultParameter m_Parameter;
     char const* m_Name;
+    bool (*m_IsGiven)(Fault const& fault);
 };
 
+// clang-format off
 constexpr ParameterRow kParameters[] = {
-    {kTakesSeconds, "seconds"}, {kTakesBytes, "bytes"},         {kTakesStatus, "status"},
-    {kTakesText, "text"},       {kTakesMegabytes, "megabytes"},
+    {kTakesSeconds,   "seconds",   [](Fault const& fault) { return fault.m_Seconds.has_value(); }},
+    {kTakesBytes,     "bytes",     [](Fault const& fault) { return fault.m_Bytes.has_value(); }},
+    {kTakesStatus,    "status",    [](Fault const& fault) { return fault.m_Status.has_value(); }},
+    {kTakesText,      "text",      [](Fault const& fault) { return fault.m_Text.has_value(); }},
+    {kTakesMegabytes, "megabytes", [](Fault const& fault) { return fault.m_Megabytes.has_value(); }},
 };
-
-bool isGiven(Fault const& fault, FaultParameter parameter) {
-    switch (parameter) {
-        case kTakesSeconds:
-            return fault.m_Seconds.has_value();
-        case kTakesBytes:
-            return fault.m_Bytes.has_value();
-        case kTakesStatus:
-            return fault.m_Status.has_value();
-        case kTakesText:
-            return fault.m_Text.has_value();
-        case kTakesMegabytes:
-            return fault.m_Megabytes.has_value();
-    }
-    return false;
-}
+// clang-format on
 
 void checkRange(bool good, char const* name, std::string const& range) {
     if (!good) {
@@ -255,7 +245,7 @@ void checkFault(Fault const& fault) {
                         exchangeName(*fault.m_Exchange) + "', only to: " + joined(exchangeNames(row)));
     }
     for (ParameterRow const& parameter : kParameters) {
-        if (isGiven(fault, parameter.m_Parameter) && (row.m_Parameters & parameter.m_Parameter) == 0) {
+        if (parameter.m_IsGiven(fault) && (row.m_Parameters & parameter.m_Parameter) == 0) {
             throw HttpError(std::string(row.m_Name) + " takes no " + parameter.m_Name);
         }
     }
@@ -338,41 +328,23 @@ Fault parseFault(std::string const& text) {
 }
 
 std::string faultText(Fault const& fault) {
-    std::string out = faultRow(fault.m_Kind).m_Name;
-    auto const add = [&out](char const* name, std::string const& value) {
-        out += "," + std::string(name) + "=" + value;
+    std::string const times = fault.m_Times == 0 ? "always" : std::to_string(fault.m_Times);
+    FaultFields const fields = {
+        {"exchange", fault.m_Exchange ? exchangeName(*fault.m_Exchange) : ""},
+        {"account", fault.m_Account},
+        {"order", fault.m_Order},
+        {"times", fault.m_Times == 1 ? "" : times},
+        {"skip", fault.m_Skip == 0 ? "" : std::to_string(fault.m_Skip)},
+        {"seconds", fault.m_Seconds ? decimal(*fault.m_Seconds) : ""},
+        {"bytes", fault.m_Bytes ? std::to_string(*fault.m_Bytes) : ""},
+        {"status", fault.m_Status ? std::to_string(*fault.m_Status) : ""},
+        {"megabytes", fault.m_Megabytes ? std::to_string(*fault.m_Megabytes) : ""},
     };
-    if (fault.m_Exchange) {
-        add("exchange", exchangeName(*fault.m_Exchange));
+    std::string out = faultRow(fault.m_Kind).m_Name;
+    for (auto const& [name, value] : fields) {
+        out += value.empty() ? "" : "," + name + "=" + value;
     }
-    if (!fault.m_Account.empty()) {
-        add("account", fault.m_Account);
-    }
-    if (!fault.m_Order.empty()) {
-        add("order", fault.m_Order);
-    }
-    if (fault.m_Times != 1) {
-        add("times", fault.m_Times == 0 ? "always" : std::to_string(fault.m_Times));
-    }
-    if (fault.m_Skip != 0) {
-        add("skip", std::to_string(fault.m_Skip));
-    }
-    if (fault.m_Seconds) {
-        add("seconds", decimal(*fault.m_Seconds));
-    }
-    if (fault.m_Bytes) {
-        add("bytes", std::to_string(*fault.m_Bytes));
-    }
-    if (fault.m_Status) {
-        add("status", std::to_string(*fault.m_Status));
-    }
-    if (fault.m_Megabytes) {
-        add("megabytes", std::to_string(*fault.m_Megabytes));
-    }
-    if (fault.m_Text) {
-        add("text", *fault.m_Text);
-    }
-    return out;
+    return fault.m_Text ? out + kTextField + *fault.m_Text : out;
 }
 
 }  // namespace sandbox

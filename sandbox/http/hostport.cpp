@@ -33,6 +33,10 @@ std::uint16_t parsePort(std::string const& text) {
     return port;
 }
 
+bool isLoopback(in_addr const& address) {
+    return ntohl(address.s_addr) >> 24U == 127;
+}
+
 void checkCharacters(std::string const& text) {
     for (char const c : text) {
         if (c <= ' ' || c > '~') {
@@ -92,22 +96,17 @@ HttpAddress parseHttpAddress(std::string const& text, bool tls) {
 }
 
 bool ListenAddress::isLocal() const {
-    constexpr std::uint32_t kLoopback = 127;
     in_addr address{};
     if (::inet_pton(AF_INET, m_Address.c_str(), &address) != 1) {
         throw std::runtime_error("'" + m_Address + "' is no IPv4 address to listen on");
     }
-    return ntohl(address.s_addr) >> 24U == kLoopback;
+    return isLoopback(address);
 }
 
 in_addr localAddress(std::string const& host) {
-    constexpr std::uint32_t kLoopback = 127;
+    char const* const number = ::strcasecmp(host.c_str(), "localhost") == 0 ? "127.0.0.1" : host.c_str();
     in_addr address{};
-    if (::strcasecmp(host.c_str(), "localhost") == 0) {
-        address.s_addr = htonl(INADDR_LOOPBACK);
-        return address;
-    }
-    if (::inet_pton(AF_INET, host.c_str(), &address) != 1 || ntohl(address.s_addr) >> 24U != kLoopback) {
+    if (::inet_pton(AF_INET, number, &address) != 1 || !isLoopback(address)) {
         throw HttpError("'" + host.substr(0, kMaxNameBytes) + "' is not this machine, and the sandbox reaches no other",
                         httpstatus::kForbidden);
     }

@@ -1,13 +1,14 @@
 // HTML escaping.
 //
-// `escapeHtml` walks the text by well-formed UTF-8 sequences, found with the table of Unicode's legal byte ranges. A
-// byte that starts no sequence is shown as its Latin-1 character, a control character as its picture, so that the
-// output is always valid UTF-8 and a reader still sees which byte was sent.
+// `escapeHtml` walks the text by well-formed UTF-8 sequences. A byte that starts no sequence is shown as its Latin-1
+// character, a control character as its picture, so that the output is always valid UTF-8 and a reader still sees which
+// byte was sent.
 
 #include "sandbox/pages/html.h"
 
 #include <algorithm>
 #include <cstddef>
+#include <string_view>
 
 namespace sandbox {
 
@@ -15,46 +16,22 @@ namespace {
 
 constexpr char kReplacement[] = "\xEF\xBF\xBD";  // U+FFFD
 
-/// One form of a well-formed UTF-8 sequence (Unicode, table 3-7). The range of the second byte depends on the first;
-/// all further bytes are 0x80 to 0xBF.
-struct SequenceForm {
-    unsigned char m_FirstFrom, m_FirstTo;
-    unsigned char m_SecondFrom, m_SecondTo;
-    std::size_t m_Length;
-};
-
-// clang-format off
-constexpr SequenceForm kForms[] = {
-    {0x00, 0x7F, 0x00, 0x00, 1},
-    {0xC2, 0xDF, 0x80, 0xBF, 2},  // from C2: C0 and C1 would be overlong
-    {0xE0, 0xE0, 0xA0, 0xBF, 3},  // shorter forms end at 7FF
-    {0xE1, 0xEC, 0x80, 0xBF, 3},
-    {0xED, 0xED, 0x80, 0x9F, 3},  // no surrogates
-    {0xEE, 0xEF, 0x80, 0xBF, 3},
-    {0xF0, 0xF0, 0x90, 0xBF, 4},  // shorter forms end at FFFF
-    {0xF1, 0xF3, 0x80, 0xBF, 4},
-    {0xF4, 0xF4, 0x80, 0x8F, 4},  // Unicode ends at 10FFFF
-};
-// clang-format on
-
-bool within(unsigned char byte, unsigned char from, unsigned char to) {
-    return from <= byte && byte <= to;
-}
-
-/// The length of the well-formed sequence at the beginning of `bytes`; 0 when there is none.
-std::size_t sequenceLength(unsigned char const* bytes, std::size_t available) {
-    for (SequenceForm const& form : kForms) {
-        if (!within(bytes[0], form.m_FirstFrom, form.m_FirstTo)) {
-            continue;
+/// The length of the well-formed sequence at the beginning of `text`, whose character becomes `point`; 0 when there is
+/// none (Unicode, section 3.9).
+std::size_t decodeUtf8(std::string_view text, char32_t& point) {
+    constexpr char32_t kLowest[] = {0, 0, 0x80, 0x800,
+                                    0x10000};  // by length: a shorter form would do for what is below
+    auto const first = static_cast<unsigned char>(text[0]);
+    std::size_t const length = first < 0x80 ? 1 : first < 0xC0 ? 0 : first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
+    point = length == 1 ? first : first & (0x7FU >> length);
+    for (std::size_t i = 1; i < length; ++i) {
+        if (i == text.size() || (static_cast<unsigned char>(text[i]) & 0xC0U) != 0x80) {
+            return 0;
         }
-        bool formed =
-            form.m_Length <= available && (form.m_Length == 1 || within(bytes[1], form.m_SecondFrom, form.m_SecondTo));
-        for (std::size_t i = 2; formed && i < form.m_Length; ++i) {
-            formed = within(bytes[i], 0x80, 0xBF);
-        }
-        return formed ? form.m_Length : 0;
+        point = point << 6U | (static_cast<unsigned char>(text[i]) & 0x3FU);
     }
-    return 0;
+    bool const isSurrogate = point >= 0xD800 && point <= 0xDFFF;
+    return point >= kLowest[length] && point <= 0x10FFFF && !isSurrogate ? length : 0;
 }
 
 /// U+00A0 to U+00FF in UTF-8.
@@ -89,17 +66,9 @@ std::string escapedAscii(char c) {
     }
 }
 
-/// Whether a sequence of several bytes must not be in a page: the controls U+0080 to U+009F, U+FFFE and U+FFFF.
-bool isUnusable(std::string const& sequence) {
-    return (sequence[0] == '\xC2' && within(static_cast<unsigned char>(sequence[1]), 0x80, 0x9F)) ||
-           sequence == "\xEF\xBF\xBE" || sequence == "\xEF\xBF\xBF";
-}
-
-std::string escapedSequence(std::string const& sequence) {
-    if (sequence.size() == 1) {
-        return escapedAscii(sequence[0]);
-    }
-    return isUnusable(sequence) ? kReplacement : sequence;
+/// Whether a character beyond ASCII must not be in a page.
+bool isUnusable(char32_t point) {
+    return (point >= 0x80 && point < 0xA0) || point == 0xFFFE || point == 0xFFFF;
 }
 
 }  // namespace
@@ -107,16 +76,18 @@ std::string escapedSequence(std::string const& sequence) {
 std::string escapeHtml(std::string const& text) {
     std::string out;
     out.reserve(text.size());
-    std::size_t at = 0;
-    while (at < text.size()) {
-        auto const* bytes = reinterpret_cast<unsigned char const*>(text.data()) + at;
-        std::size_t const length = sequenceLength(bytes, text.size() - at);
-        if (length > 0) {
-            out += escapedSequence(text.substr(at, length));
+    std::size_t length = 0;
+    for (std::size_t at = 0; at < text.size(); at += std::max<std::size_t>(length, 1)) {
+        char32_t point = 0;
+        length = decodeUtf8(std::string_view(text).substr(at), point);
+        auto const byte = static_cast<unsigned char>(text[at]);
+        if (length == 1) {
+            out += escapedAscii(text[at]);
+        } else if (length == 0 && byte >= 0xA0) {
+            out += latin1Character(byte);
         } else {
-            out += *bytes < 0xA0 ? kReplacement : latin1Character(*bytes);
+            out += length == 0 || isUnusable(point) ? kReplacement : text.substr(at, length);
         }
-        at += std::max<std::size_t>(length, 1);
     }
     return out;
 }

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <functional>
 #include <iterator>
 #include <string>
 
@@ -142,12 +141,13 @@ StateRow const* stateOf(FaultKind kind) {
     return row == std::end(kStates) ? nullptr : row;
 }
 
-}  // namespace
-
+/// Whether a fault can only happen to an exchange about a payment that the service knows.
 bool needsPayment(FaultKind kind) {
     return replacementOf(kind) != nullptr || stateOf(kind) != nullptr || kind == FaultKind::kReplay ||
            kind == FaultKind::kSwap;
 }
+
+}  // namespace
 
 bool canHappen(Services const& services, Fault const& fault, ExchangeKind exchange, Payment const* payment,
                std::optional<Payment>& other, std::vector<CheckStep>& steps) {

@@ -21,9 +21,6 @@ struct FaultEffect {
     [[nodiscard]] bool is(FaultKind kind) const { return m_Fault && m_Fault->m_Kind == kind; }
 };
 
-/// Whether a fault can only happen to an exchange about a payment that the service knows.
-bool needsPayment(FaultKind kind);
-
 /// Whether `fault` can happen to an exchange of this kind about `payment`, which is null when it names none. Sets
 /// `other` for `replay` and `swap`. Appends a step that says why it cannot.
 bool canHappen(Services const& services, Fault const& fault, ExchangeKind exchange, Payment const* payment,
