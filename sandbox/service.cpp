@@ -8,7 +8,6 @@
 #include <exception>
 #include <optional>
 #include <stdexcept>
-#include <string>
 #include <utility>
 
 #include "sandbox/control/control.h"

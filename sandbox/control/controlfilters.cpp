@@ -5,10 +5,7 @@
 #include "sandbox/control/controlfilters.h"
 
 #include <algorithm>
-#include <optional>
 #include <stdexcept>
-#include <string>
-#include <vector>
 
 #include "sandbox/text/httperror.h"
 

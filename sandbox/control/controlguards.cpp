@@ -1,7 +1,6 @@
 #include "sandbox/control/controlguards.h"
 
 #include <cstddef>
-#include <string>
 
 #include "sandbox/crypto/credentials.h"
 #include "sandbox/text/httperror.h"
@@ -23,14 +22,12 @@ constexpr char kScheme[] = "Bearer ";
 
 /// The token in the cookies of the request; empty when there is none.
 std::string cookieToken(HttpRequest const& request) {
-    std::string const head = request.m_Raw.substr(0, request.m_Raw.size() - request.m_Body.size());
-    std::size_t const line = lowerCase(head).find("\ncookie:");
-    std::size_t const at = line == std::string::npos ? line : head.find(kCookie, line);
-    if (at == std::string::npos || at > head.find('\n', line + 1)) {
+    std::size_t const at = request.m_Cookie.find(kCookie);
+    if (at == std::string::npos) {
         return "";
     }
     std::size_t const from = at + sizeof kCookie - 1;
-    return head.substr(from, head.find_first_of("; \r\n", from) - from);
+    return request.m_Cookie.substr(from, request.m_Cookie.find_first_of("; ", from) - from);
 }
 
 [[noreturn]] void refuseToken() {

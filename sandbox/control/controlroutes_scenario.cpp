@@ -2,7 +2,6 @@
 // as well: what is in memory goes into a snapshot as the scenario that would arm it again. All of a scenario is read
 // before anything is armed, so that one with an error changes nothing. The error names the place: line and column where
 // the text is no JSON, else the step.
-#include <algorithm>
 #include <cstdint>
 #include <fstream>
 #include <iterator>

@@ -1,7 +1,5 @@
 #include "sandbox/dashboard/dashboard.h"
 
-#include <cstddef>
-#include <optional>
 #include <string>
 #include <utility>
 

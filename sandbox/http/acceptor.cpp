@@ -24,7 +24,6 @@
 #include <exception>
 #include <iostream>
 #include <stdexcept>
-#include <string>
 #include <system_error>
 #include <utility>
 

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -25,6 +26,7 @@ struct HttpRequest {
     std::string m_Raw;               ///< All of it, byte for byte.
     std::string m_Host = {};         ///< Value of that header.
     std::string m_LastEventId = {};  ///< Value of that header.
+    std::string m_Cookie = {};       ///< Value of that header.
 };
 
 /// How much of a response was sent.
@@ -48,18 +50,10 @@ public:
     virtual void responseSent(Delivery const& delivery) = 0;
 };
 
-/// Makes a body piece by piece, each when the one before it has been sent.
-class BodySource {
-public:
-    BodySource() = default;
-    virtual ~BodySource() = default;
-    BodySource(BodySource const&) = delete;
-    BodySource& operator=(BodySource const&) = delete;
-
-    /// The next piece; an empty one when there is none within `timeout`. Nothing at the end. What it throws resets the
-    /// connection, so that the client does not take the part for the whole.
-    virtual std::optional<std::string> next(std::chrono::milliseconds timeout) = 0;
-};
+/// Makes a body piece by piece, each when the one before it has been sent: an empty one when there is none within
+/// `timeout`, nothing at the end. What it throws resets the connection, so that the client does not take the part for
+/// the whole.
+using BodySource = std::function<std::optional<std::string>(std::chrono::milliseconds timeout)>;
 
 /// A response. A non-empty `m_Location` makes it a redirect.
 struct HttpResponse {
@@ -67,12 +61,12 @@ struct HttpResponse {
     std::string m_ContentType;
     std::string m_Body;
     std::string m_Location = {};
-    std::string m_Cookie = {};                  ///< To be set; empty for none.
-    std::string m_Allow = {};                   ///< The methods that the address has, of a status 405.
-    std::optional<Fault> m_Fault = {};          ///< How it is to be sent.
-    std::shared_ptr<ExchangeLog> m_Log = {};    ///< Null when nothing is stored.
-    std::shared_ptr<BodySource> m_Source = {};  ///< Of the body, in place of m_Body; null for most.
-    std::string m_Nonce = {};                   ///< Of the script in the page; empty for pages without one.
+    std::string m_Cookie = {};                ///< To be set; empty for none.
+    std::string m_Allow = {};                 ///< The methods that the address has, of a status 405.
+    std::optional<Fault> m_Fault = {};        ///< How it is to be sent.
+    std::shared_ptr<ExchangeLog> m_Log = {};  ///< Null when nothing is stored.
+    BodySource m_Source = {};                 ///< Of the body, in place of m_Body; null for most.
+    std::string m_Nonce = {};                 ///< Of the script in the page; empty for pages without one.
 };
 
 }  // namespace sandbox

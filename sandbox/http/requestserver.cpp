@@ -143,13 +143,13 @@ void describeError(httplib::Request const&, httplib::Response& response) {
 
 /// Sends the body that `source` makes, behind the head of a response with an empty one. It ends with the connection. A
 /// client that does not read is dropped, as by any other response.
-void sendFromSource(Connection& connection, std::string head, BodySource& source) {
+void sendFromSource(Connection& connection, std::string head, BodySource const& source) {
     constexpr std::chrono::seconds kLook(1);  // between two looks whether the client has gone
     std::string const length = "Content-Length: 0\r\n";
     head.erase(head.find(length), length.size());
     bool going = connection.write(head.data(), head.size());
     while (going) {
-        std::optional<std::string> const piece = source.next(kLook);
+        std::optional<std::string> const piece = source(kLook);
         going = piece && (piece->empty() ? !connection.isEnded() : connection.write(piece->data(), piece->size()));
     }
 }
@@ -210,7 +210,7 @@ void RequestServer::serve(Connection& connection, std::string const& baseUrl) {
     HttpResponse const& response = pending.m_Response;
     if (response.m_Source) {
         try {
-            sendFromSource(connection, stream.written(), *response.m_Source);
+            sendFromSource(connection, stream.written(), response.m_Source);
         } catch (std::exception const&) {
             connection.reset();
         }
@@ -240,7 +240,8 @@ void RequestServer::respond(httplib::Request const& request, httplib::Response& 
     pending.m_Response =
         m_Handler({request.method, line.m_Path, Query(line.m_Query), request.get_header_value("Authorization"),
                    request.get_header_value("Content-Type"), body, pending.m_BaseUrl, pending.m_Stream.received(),
-                   request.get_header_value("Host"), request.get_header_value("Last-Event-ID")});
+                   request.get_header_value("Host"), request.get_header_value("Last-Event-ID"),
+                   request.get_header_value("Cookie")});
     fill(pending.m_Response, response);
 }
 

@@ -5,7 +5,6 @@
 
 #include <ctime>
 #include <optional>
-#include <utility>
 
 #include "sandbox/pages/shopperpages.h"
 #include "sandbox/pages/templates.h"

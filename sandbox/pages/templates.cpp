@@ -12,7 +12,6 @@
 #include <map>
 #include <sstream>
 #include <stdexcept>
-#include <string>
 #include <utility>
 
 #include "sandbox/pages/html.h"

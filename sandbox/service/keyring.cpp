@@ -3,7 +3,6 @@
 #include <openssl/evp.h>
 
 #include <cstddef>
-#include <stdexcept>
 #include <utility>
 
 #include "sandbox/crypto/signature.h"

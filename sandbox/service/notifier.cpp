@@ -7,7 +7,6 @@
 #include "sandbox/service/notifier.h"
 
 #include <algorithm>
-#include <cstddef>
 #include <exception>
 #include <set>
 #include <utility>

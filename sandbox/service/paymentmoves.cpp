@@ -2,8 +2,6 @@
 
 #include <cmath>
 #include <cstddef>
-#include <cstdint>
-#include <optional>
 
 #include "sandbox/service/notifier.h"
 #include "sandbox/text/utctime.h"

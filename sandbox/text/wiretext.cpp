@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <charconv>
 #include <cstddef>
-#include <cstdint>
 #include <stdexcept>
 #include <system_error>
 

@@ -1,7 +1,10 @@
-// What happens, as server-sent events: moves of payments, exchanges, outcomes of notifications.
-// A stream first reads from the store the exchanges after the one that the client saw last, then waits for events. It
-// begins to collect events before that, so none is missed; exchanges that it read from the store are left out.
-// Only exchanges have an "id", their number: it is what a client that connects again has seen last.
+// Responses that are made piece by piece while they are sent: what happens, as server-sent events, and the export of
+// payments and exchanges as JSON lines. The description of this API stands here as well.
+// A stream of events first reads from the store the exchanges after the one that the client saw last, then waits for
+// events. It begins to collect events before that, so none is missed; exchanges that it read from the store are left
+// out. Only exchanges have an "id", their number: it is what a client that connects again has seen last.
+// The export is read page by page. An object of JSON stands on each line: payments first, then exchanges, each with the
+// member "type".
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -14,6 +17,7 @@
 #include "sandbox/control/control.h"
 #include "sandbox/control/controlfilters.h"
 #include "sandbox/control/controljson.h"
+#include "sandbox/service/paymentmoves.h"
 #include "sandbox/text/httperror.h"
 
 namespace sandbox {
@@ -39,7 +43,7 @@ std::string exchangeEvent(Exchange const& exchange) {
 }
 
 /// The stream of one client.
-class EventStream : public BodySource {
+class EventStream {
 public:
     /// Without a number only what happens from now on.
     EventStream(Services const& services, std::optional<std::string> account, std::optional<std::int64_t> after)
@@ -50,7 +54,8 @@ public:
         m_Page.m_After = after.value_or(m_Page.m_After);
     }
 
-    std::optional<std::string> next(std::chrono::milliseconds timeout) override {
+    /// See BodySource.
+    std::optional<std::string> next(std::chrono::milliseconds timeout) {
         if (std::exchange(m_Fresh, false)) {
             return kComment;
         }
@@ -144,13 +149,86 @@ std::optional<std::int64_t> lastSeen(HttpRequest const& request) {
     return std::stoll(*text);
 }
 
+constexpr char kOpenApi[] =
+#include <openapi.inc>
+    ;
+
+/// The lines of an export, a page of rows at a time.
+class Export {
+public:
+    /// Borrows `services`. Throws HttpError.
+    Export(Services const& services, Query const& query) : m_Services(services) {
+        refuseUnknown(query, {"account", "order", "token", "payment"});
+        m_Payments = {query.value("account"), query.value("order"), query.value("token"), query.value("payment"), {}};
+        m_Exchanges = {query.value("account"), query.value("order"), query.value("token"), query.value("payment"), {}};
+        m_Page.m_Limit = kDefaultRows;
+        m_Page.m_MaxBytes = kMaxListedBytes;
+    }
+
+    /// See BodySource.
+    std::optional<std::string> next() {
+        if (m_AtEnd) {
+            return std::nullopt;
+        }
+        return m_PaymentsDone ? nextExchanges() : nextPayments();
+    }
+
+private:
+    std::string nextPayments() {
+        Listing<Payment> const listing = m_Services.m_Store.payments(m_Payments, m_Page);
+        std::string lines;
+        for (Payment const& payment : listing.m_Rows) {
+            lines += line("payment", paymentJson(payment, m_Services.m_Store.notificationsOf(payment.m_Id)));
+        }
+        m_PaymentsDone = !listing.m_More;
+        m_Page.m_After = listing.m_More ? listing.m_Rows.back().m_Number : Page().m_After;
+        return lines;
+    }
+
+    std::string nextExchanges() {
+        Listing<Exchange> const listing = m_Services.m_Store.exchanges(m_Exchanges, m_Page);
+        std::string lines;
+        for (Exchange const& exchange : listing.m_Rows) {
+            lines += line("exchange", exchange);
+        }
+        m_AtEnd = !listing.m_More;
+        m_Page.m_After = listing.m_More ? listing.m_Rows.back().m_Number : m_Page.m_After;
+        return lines;
+    }
+
+    static std::string line(char const* type, json object) {
+        object["type"] = type;
+        return object.dump() + "\n";
+    }
+
+    Services const& m_Services;
+    PaymentFilter m_Payments;
+    ExchangeFilter m_Exchanges;
+    Page m_Page;
+    bool m_PaymentsDone = false;
+    bool m_AtEnd = false;
+};
+
 }  // namespace
 
 HttpResponse getEvents(Services const& services, HttpRequest const& request) {
     refuseUnknown(request.m_Query, {"account", "after"});
     HttpResponse response{httpstatus::kOk, "text/event-stream", ""};
-    response.m_Source = std::make_shared<EventStream>(services, request.m_Query.value("account"), lastSeen(request));
+    auto const stream = std::make_shared<EventStream>(services, request.m_Query.value("account"), lastSeen(request));
+    response.m_Source = [stream](std::chrono::milliseconds timeout) { return stream->next(timeout); };
     return response;
+}
+
+HttpResponse exportAll(Services const& services, HttpRequest const& request) {
+    bringUpToDate(services);
+    HttpResponse response{httpstatus::kOk, "application/x-ndjson", ""};
+    auto const lines = std::make_shared<Export>(services, request.m_Query);
+    response.m_Source = [lines](std::chrono::milliseconds /*timeout*/) { return lines->next(); };
+    return response;
+}
+
+HttpResponse getOpenApi(Services const&, HttpRequest const&) {
+    return {httpstatus::kOk, "application/json", kOpenApi};
 }
 
 }  // namespace sandbox
