@@ -26,31 +26,19 @@ constexpr char kAlways[] = "always";
 /// The largest number of payments that a standing decision counts.
 constexpr std::int64_t kMaxCounted = 1000;
 
-/// The required type of a fault's member.
-struct FaultMember {
-    char const* m_Name;
-    bool (json::*m_Fits)() const noexcept;
-    char const* m_Type;
-};
-
-// clang-format off
-constexpr FaultMember kDetails[] = {
-    {"exchange",  &json::is_string,         "a string"},
-    {"account",   &json::is_string,         "a string"},
-    {"order",     &json::is_string,         "a string"},
-    {"times",     &json::is_number_integer, "a whole number or \"always\""},
-    {"skip",      &json::is_number_integer, "a whole number"},
-    {"seconds",   &json::is_number,         "a number"},
-    {"bytes",     &json::is_number_integer, "a whole number"},
-    {"status",    &json::is_number_integer, "a whole number"},
-    {"text",      &json::is_string,         "a string"},
-    {"megabytes", &json::is_number_integer, "a whole number"},
-};
-// clang-format on
-
-bool fits(FaultMember const& member, json const& value) {
-    bool const isAlways = member.m_Name == std::string("times") && value == kAlways;
-    return isAlways || (value.*member.m_Fits)();
+/// What a member of a fault must be; empty when `value` is that.
+std::string reasonToRefuse(FaultFieldRow const& field, json const& value) {
+    if (field.m_Name == std::string("times")) {
+        return value.is_number_integer() || value == kAlways ? "" : "a whole number or \"always\"";
+    }
+    switch (field.m_Type) {
+        case FaultFieldType::kWhole:
+            return value.is_number_integer() ? "" : "a whole number";
+        case FaultFieldType::kNumber:
+            return value.is_number() ? "" : "a number";
+        default:
+            return value.is_string() ? "" : "a string";
+    }
 }
 
 json timesJson(std::int64_t times) {
@@ -262,21 +250,22 @@ std::string optionalText(json const& object, std::string const& name) {
 
 Fault readFault(json const& object) {
     std::vector<std::string> allowed = {"kind"};
-    for (FaultMember const& member : kDetails) {
-        allowed.emplace_back(member.m_Name);
+    for (FaultFieldRow const& row : allFaultFields()) {
+        allowed.emplace_back(row.m_Name);
     }
     checkMembers(object, allowed);
     std::string const kind = requireText(object, "kind");
     FaultFields fields;
-    for (FaultMember const& member : kDetails) {
-        auto const found = object.find(member.m_Name);
+    for (FaultFieldRow const& row : allFaultFields()) {
+        auto const found = object.find(row.m_Name);
         if (found == object.end()) {
             continue;
         }
-        if (!fits(member, *found)) {
-            throw HttpError(std::string("the member '") + member.m_Name + "' must be " + member.m_Type);
+        std::string const reason = reasonToRefuse(row, *found);
+        if (!reason.empty()) {
+            throw HttpError(std::string("the member '") + row.m_Name + "' must be " + reason);
         }
-        fields.emplace_back(member.m_Name, found->is_string() ? found->get<std::string>() : found->dump());
+        fields.emplace_back(row.m_Name, found->is_string() ? found->get<std::string>() : found->dump());
     }
     return makeFault(kind, fields);
 }

@@ -31,27 +31,6 @@ using nlohmann::json;
 
 constexpr char kPath[] = "/faults";
 
-/// A form field for a parameter of a fault.
-struct FieldRow {
-    char const* m_Name;  ///< The parameter's name, as in parseFault().
-    char const* m_Label;
-    char const* m_Preset;
-};
-
-// clang-format off
-constexpr FieldRow kFields[] = {
-    {"account",   "Account (empty for any)",               ""},
-    {"order",     "Order (empty for any)",                 ""},
-    {"times",     "Times (number or always)",              "1"},
-    {"skip",      "Exchanges that pass before it",         ""},
-    {"seconds",   "Seconds",                               ""},
-    {"bytes",     "Bytes sent before the fault",           ""},
-    {"status",    "HTTP status",                           ""},
-    {"text",      "Text of the response",                  ""},
-    {"megabytes", "Megabytes",                             ""},
-};
-// clang-format on
-
 /// A situation to rehearse.
 struct Situation {
     std::string m_Text;           ///< "The service is slow".
@@ -154,11 +133,12 @@ json fieldsContent(FaultKindRow const& row, Query const& form) {
         names.insert({"account", "order"});
     }
     json fields = json::array();
-    for (FieldRow const& field : kFields) {
+    for (FaultFieldRow const& field : allFaultFields()) {
         if (names.count(field.m_Name) > 0) {
+            std::string const preset = field.m_Name == std::string("times") ? "1" : "";
             fields.push_back({{"name", field.m_Name},
                               {"label", field.m_Label},
-                              {"value", form.value(field.m_Name).value_or(field.m_Preset)}});
+                              {"value", form.value(field.m_Name).value_or(preset)}});
         }
     }
     return fields;
@@ -222,11 +202,12 @@ Fault readForm(Query const& form) {
     if (std::optional<std::string> const text = form.value("fault")) {
         return parseFault(*text);
     }
-    FaultFields fields = {{"exchange", form.value("exchange").value_or("any")}};
-    for (FieldRow const& row : kFields) {
-        std::string const value = form.value(row.m_Name).value_or("");
-        if (!value.empty()) {
-            fields.emplace_back(row.m_Name, value);
+    FaultFields fields;
+    for (FaultFieldRow const& row : allFaultFields()) {
+        std::optional<std::string> const value = form.value(row.m_Name);
+        bool const isChoice = row.m_Name == std::string("exchange");
+        if (value && (isChoice || !value->empty())) {
+            fields.emplace_back(row.m_Name, *value);
         }
     }
     return makeFault(form.value("kind").value_or(""), fields);

@@ -29,6 +29,9 @@ namespace {
 
 using nlohmann::json;
 
+constexpr char kNotGiven[] = "not given";
+constexpr std::int64_t kMaxExchanges = 500;
+
 // So many exchanges are shown at each station.
 constexpr std::size_t kMaxShown = 5;
 
@@ -227,26 +230,16 @@ json stationsContent(Services const& services, Payment const& payment, std::vect
     });
 }
 
-constexpr char kNotGiven[] = "not given";
-constexpr std::int64_t kMaxExchanges = 500;
+}  // namespace
 
-/// The payment in its current state. Throws HttpError.
-Payment presentPayment(Services const& services, std::string const& id) {
+HttpResponse paymentDetailsPage(Services const& services, Query const& query) {
+    std::string const id = query.value("id").value_or("");
+    bringUpToDate(services);
     std::optional<StoredPayment> const stored = services.m_Store.paymentById(id);
     if (!stored) {
         throw HttpError("There is no payment '" + id + "'.", httpstatus::kNotFound);
     }
-    bool const isOpen = stored->m_Payment.m_State == PaymentState::kOpened;
-    if (!isOpen || expireWhenOverdue(services, stored->m_Payment)) {
-        return stored->m_Payment;
-    }
-    return services.m_Store.paymentById(id).value().m_Payment;
-}
-
-}  // namespace
-
-HttpResponse paymentDetailsPage(Services const& services, Query const& query) {
-    Payment const payment = presentPayment(services, query.value("id").value_or(""));
+    Payment const& payment = stored->m_Payment;
     std::vector<Notification> const notifications = services.m_Store.notificationsOf(payment.m_Id);
     Listing<Exchange> const found = services.m_Store.exchangeSummariesOf(payment, kMaxExchanges);
     std::string const order = payment.attribute("ORDERID").value_or("");

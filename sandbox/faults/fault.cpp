@@ -5,6 +5,7 @@
 // Numbers are read and written in the classic locale, whatever the locale of the program.
 #include "sandbox/faults/fault.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <iterator>
@@ -140,47 +141,58 @@ std::int64_t readNumber(std::string const& name, std::string const& text) {
     return *number;
 }
 
-double readSeconds(std::string const& text) {
-    std::istringstream in(text);
+template <auto Member>
+void readText(Fault& fault, std::string const& /*name*/, std::string const& value) {
+    fault.*Member = value;
+}
+
+template <auto Member>
+void readWhole(Fault& fault, std::string const& name, std::string const& value) {
+    fault.*Member = readNumber(name, value);
+}
+
+void readExchange(Fault& fault, std::string const& /*name*/, std::string const& value) {
+    fault.m_Exchange = exchangeFromName(value);
+    if (!fault.m_Exchange && value != "any") {
+        throw HttpError("unknown exchange '" + value + "'");
+    }
+}
+
+void readTimes(Fault& fault, std::string const& name, std::string const& value) {
+    fault.m_Times = value == "always" ? 0 : readNumber(name, value);
+    checkRange(value == "always" || fault.m_Times > 0, "times", "a number from 1 or \"always\"");
+}
+
+void readSeconds(Fault& fault, std::string const& /*name*/, std::string const& value) {
+    std::istringstream in(value);
     in.imbue(std::locale::classic());
     double number = 0;
     if (!(in >> number) || in.peek() != std::istringstream::traits_type::eof()) {
-        throw HttpError("a fault's seconds must be a number, not '" + text + "'");
+        throw HttpError("a fault's seconds must be a number, not '" + value + "'");
     }
-    return number;
+    fault.m_Seconds = number;
 }
 
-void readField(Fault& fault, std::string const& name, std::string const& value) {
-    if (name == "exchange") {
-        fault.m_Exchange = exchangeFromName(value);
-        if (!fault.m_Exchange && value != "any") {
-            throw HttpError("unknown exchange '" + value + "'");
-        }
-    } else if (name == "account") {
-        fault.m_Account = value;
-    } else if (name == "order") {
-        fault.m_Order = value;
-    } else if (name == "times") {
-        fault.m_Times = value == "always" ? 0 : readNumber(name, value);
-        checkRange(value == "always" || fault.m_Times > 0, "times", "a number from 1 or \"always\"");
-    } else if (name == "skip") {
-        fault.m_Skip = readNumber(name, value);
-    } else if (name == "seconds") {
-        fault.m_Seconds = readSeconds(value);
-    } else if (name == "bytes") {
-        fault.m_Bytes = readNumber(name, value);
-    } else if (name == "status") {
-        std::int64_t const status = readNumber(name, value);
-        checkRange(status >= 100 && status <= 999, "status", "between 100 and 999");
-        fault.m_Status = static_cast<int>(status);
-    } else if (name == "text") {
-        fault.m_Text = value;
-    } else if (name == "megabytes") {
-        fault.m_Megabytes = readNumber(name, value);
-    } else {
-        throw HttpError("unknown parameter '" + name + "'");
-    }
+void readStatus(Fault& fault, std::string const& name, std::string const& value) {
+    std::int64_t const status = readNumber(name, value);
+    checkRange(status >= 100 && status <= 999, "status", "between 100 and 999");
+    fault.m_Status = static_cast<int>(status);
 }
+
+// clang-format off
+constexpr FaultFieldRow kFields[] = {
+    {"exchange",  FaultFieldType::kText,   "Exchange",                      readExchange},
+    {"account",   FaultFieldType::kText,   "Account (empty for any)",       readText<&Fault::m_Account>},
+    {"order",     FaultFieldType::kText,   "Order (empty for any)",         readText<&Fault::m_Order>},
+    {"times",     FaultFieldType::kWhole,  "Times (number or always)",      readTimes},
+    {"skip",      FaultFieldType::kWhole,  "Exchanges that pass before it", readWhole<&Fault::m_Skip>},
+    {"seconds",   FaultFieldType::kNumber, "Seconds",                       readSeconds},
+    {"bytes",     FaultFieldType::kWhole,  "Bytes sent before the fault",   readWhole<&Fault::m_Bytes>},
+    {"status",    FaultFieldType::kWhole,  "HTTP status",                   readStatus},
+    {"text",      FaultFieldType::kText,   "Text of the response",          readText<&Fault::m_Text>},
+    {"megabytes", FaultFieldType::kWhole,  "Megabytes",                     readWhole<&Fault::m_Megabytes>},
+};
+// clang-format on
 
 std::string decimal(double number) {
     std::ostringstream out;
@@ -194,6 +206,11 @@ std::string decimal(double number) {
 std::vector<FaultKindRow> const& allFaultKinds() {
     static std::vector<FaultKindRow> const kinds(std::begin(kKinds), std::end(kKinds));
     return kinds;
+}
+
+std::vector<FaultFieldRow> const& allFaultFields() {
+    static std::vector<FaultFieldRow> const fields(std::begin(kFields), std::end(kFields));
+    return fields;
 }
 
 FaultKindRow const& faultRow(FaultKind kind) {
@@ -303,7 +320,12 @@ Fault makeFault(std::string const& kind, FaultFields const& fields) {
     Fault fault;
     fault.m_Kind = *named;
     for (auto const& [name, value] : fields) {
-        readField(fault, name, value);
+        auto const row = std::find_if(std::begin(kFields), std::end(kFields),
+                                      [&name = name](FaultFieldRow const& each) { return each.m_Name == name; });
+        if (row == std::end(kFields)) {
+            throw HttpError("unknown parameter '" + name + "'");
+        }
+        row->m_Read(fault, name, value);
     }
     checkFault(fault);
     return fault;

@@ -104,15 +104,30 @@ void checkFault(Fault const& fault);
 std::vector<std::string> exchangeNames(FaultKindRow const& row);
 std::vector<std::string> parameterNames(FaultKindRow const& row);
 
+/// The type of a detail where types are distinguished.
+enum class FaultFieldType { kText, kWhole, kNumber };
+
+/// One detail of a fault, as it is named and read everywhere.
+struct FaultFieldRow {
+    char const* m_Name;
+    FaultFieldType m_Type;
+    char const* m_Label;  ///< For the field of a form.
+
+    /// Sets the detail. Throws HttpError.
+    void (*m_Read)(Fault& fault, std::string const& name, std::string const& value);
+};
+
+/// All details but the kind, in the order in which people should see them.
+std::vector<FaultFieldRow> const& allFaultFields();
+
 /// Names and values of a fault's details in the form that parseFault() reads.
 using FaultFields = std::vector<std::pair<std::string, std::string>>;
 
 /// The fault of the kind that is named `kind` with these details. Throws HttpError.
 Fault makeFault(std::string const& kind, FaultFields const& fields);
 
-/// Reads "kind,name=value,...": the names are exchange, account, order, times (a number or "always"), skip, seconds,
-/// bytes, status, text, megabytes; "truncate,exchange=capture,order=A-1,bytes=40". A value holds no comma, but that of
-/// text, which goes to the end. Throws HttpError.
+/// Reads "kind,name=value,...", as in "truncate,exchange=capture,order=A-1,bytes=40"; times may be "always". A value
+/// holds no comma, but that of text, which goes to the end. Throws HttpError.
 Fault parseFault(std::string const& text);
 
 /// The form that parseFault() reads, with every parameter that was given.

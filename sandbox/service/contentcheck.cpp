@@ -27,8 +27,6 @@ constexpr char const* kNames[] = {
     "NOTIFYADDRESS", "DEFAULTVALIDITY", "FAILLINK", "EXPIRATION",   "AMOUNT",   "CURRENCY", "ORDERID",  "DESCRIPTION",
 };
 
-constexpr char const* kEntities[] = {"&amp;", "&lt;", "&gt;", "&quot;", "&apos;"};
-
 /// Whether `text` is digits, with a point and one to four digits behind it or without.
 bool isWellFormedAmount(std::string const& text) {
     std::size_t const point = text.find('.');
@@ -105,8 +103,11 @@ bool holdsEncodedByte(std::string const& text) {
 }
 
 bool holdsEntity(std::string const& text) {
-    return std::any_of(std::begin(kEntities), std::end(kEntities),
-                       [&text](char const* entity) { return text.find(entity) != std::string::npos; });
+    std::size_t at = text.find('&');
+    while (at != std::string::npos && !isEntity(text, at)) {
+        at = text.find('&', at + 1);
+    }
+    return at != std::string::npos;
 }
 
 void checkValues(Message const& message, std::vector<std::string>& problems) {

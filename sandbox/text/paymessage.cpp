@@ -5,8 +5,8 @@
 // Writing escapes the same five entities and nothing else. Values have no encoding and pass through byte by byte.
 #include "sandbox/text/paymessage.h"
 
-#include <array>
-#include <cstddef>
+#include <algorithm>
+#include <iterator>
 #include <pugixml.hpp>
 
 #include "sandbox/text/httperror.h"
@@ -21,17 +21,20 @@ constexpr unsigned kParseOptions = pugi::parse_pi | pugi::parse_comments | pugi:
 
 constexpr std::size_t kMaxAttributes = 256;
 
-constexpr std::array<char const*, 5> kEntities = {"&amp;", "&lt;", "&gt;", "&quot;", "&apos;"};
+struct EntityRow {
+    char m_Character;
+    char const* m_Entity;
+};
+
+constexpr EntityRow kEntities[] = {
+    {'&', "&amp;"}, {'<', "&lt;"}, {'>', "&gt;"}, {'"', "&quot;"}, {'\'', "&apos;"},
+};
 
 constexpr char kNameCharacters[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789.-_";
 
 void checkEntities(std::string const& text) {
     for (std::size_t at = text.find('&'); at != std::string::npos; at = text.find('&', at + 1)) {
-        bool known = false;
-        for (char const* entity : kEntities) {
-            known = known || text.compare(at, std::char_traits<char>::length(entity), entity) == 0;
-        }
-        if (!known) {
+        if (!isEntity(text, at)) {
             throw HttpError("the message holds an unknown entity at byte " + std::to_string(at));
         }
     }
@@ -39,27 +42,21 @@ void checkEntities(std::string const& text) {
 
 }  // namespace
 
+bool isEntity(std::string const& text, std::size_t at) {
+    return std::any_of(std::begin(kEntities), std::end(kEntities), [&text, at](EntityRow const& row) {
+        return text.compare(at, std::char_traits<char>::length(row.m_Entity), row.m_Entity) == 0;
+    });
+}
+
 std::string escapedValue(std::string const& value) {
     std::string out;
     for (char const c : value) {
-        switch (c) {
-            case '&':
-                out += "&amp;";
-                break;
-            case '<':
-                out += "&lt;";
-                break;
-            case '>':
-                out += "&gt;";
-                break;
-            case '"':
-                out += "&quot;";
-                break;
-            case '\'':
-                out += "&apos;";
-                break;
-            default:
-                out += c;
+        auto const* const row = std::find_if(std::begin(kEntities), std::end(kEntities),
+                                             [c](EntityRow const& each) { return each.m_Character == c; });
+        if (row == std::end(kEntities)) {
+            out += c;
+        } else {
+            out += row->m_Entity;
         }
     }
     return out;

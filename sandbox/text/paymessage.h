@@ -1,6 +1,7 @@
 #ifndef TALLOWIN_SANDBOX_TEXT_PAYMESSAGE_H
 #define TALLOWIN_SANDBOX_TEXT_PAYMESSAGE_H
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <utility>
@@ -45,6 +46,9 @@ private:
 
     Attributes m_Attributes;
 };
+
+/// Whether one of the five named entities stands in `text` at `at`.
+bool isEntity(std::string const& text, std::size_t at);
 
 /// A value as messages write it: the five special characters as entities.
 std::string escapedValue(std::string const& value);
