@@ -6,7 +6,6 @@
 #include "sandbox/control/controlguards.h"
 #include "sandbox/crypto/credentials.h"
 #include "sandbox/dashboard/dashboardparts.h"
-#include "sandbox/dashboard/dashboardroutes.h"
 #include "sandbox/pages/templates.h"
 #include "sandbox/text/httperror.h"
 

@@ -8,9 +8,27 @@
 
 #include "sandbox/service/services.h"
 #include "sandbox/store/exchange.h"
+#include "sandbox/text/wiretext.h"
 
-/// What the dashboard's pages share.
+/// The pages of the dashboard, and what they share.
 namespace sandbox {
+
+/// The pages, one function each. All throw HttpError. The Query contains the fields of the address or of the form,
+/// whose key has been checked.
+HttpResponse overviewPage(Services const& services, Query const& query);
+HttpResponse paymentDetailsPage(Services const& services, Query const& query);
+HttpResponse exchangeDetailsPage(Services const& services, Query const& query);
+
+HttpResponse faultsPage(Services const& services, Query const& query);
+HttpResponse armByForm(Services const& services, Query const& form);
+HttpResponse liftByForm(Services const& services, Query const& form);
+
+HttpResponse keysPage(Services const& services, Query const& query);
+HttpResponse rotateByForm(Services const& services, Query const& form);
+HttpResponse setClockByForm(Services const& services, Query const& form);
+
+HttpResponse calculatorPage(Services const& services, Query const& query);
+HttpResponse calculateByForm(Services const& services, Query const& form);
 
 /// The page templates/`name`.html filled in from `content`, with the navigation, in which the entry of `path` is marked
 /// as current. The content gets the form key, which every posted form contains.

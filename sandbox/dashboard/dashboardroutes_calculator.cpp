@@ -14,7 +14,6 @@
 #include "sandbox/control/controljson.h"
 #include "sandbox/crypto/signature.h"
 #include "sandbox/dashboard/dashboardparts.h"
-#include "sandbox/dashboard/dashboardroutes.h"
 #include "sandbox/pages/shopperpages.h"
 #include "sandbox/service/confirmation.h"
 #include "sandbox/service/storedevidence.h"

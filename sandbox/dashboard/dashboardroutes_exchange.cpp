@@ -6,7 +6,6 @@
 
 #include "sandbox/control/controljson.h"
 #include "sandbox/dashboard/dashboardparts.h"
-#include "sandbox/dashboard/dashboardroutes.h"
 #include "sandbox/pages/shopperpages.h"
 #include "sandbox/pages/templates.h"
 #include "sandbox/text/httperror.h"

@@ -19,7 +19,6 @@
 
 #include "sandbox/control/controljson.h"
 #include "sandbox/dashboard/dashboardparts.h"
-#include "sandbox/dashboard/dashboardroutes.h"
 #include "sandbox/pages/templates.h"
 #include "sandbox/text/httperror.h"
 

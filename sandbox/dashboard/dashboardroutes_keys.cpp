@@ -3,7 +3,6 @@
 
 #include "sandbox/control/control.h"
 #include "sandbox/dashboard/dashboardparts.h"
-#include "sandbox/dashboard/dashboardroutes.h"
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/wiretext.h"
 

@@ -16,7 +16,6 @@
 #include "sandbox/control/controlfilters.h"
 #include "sandbox/control/controljson.h"
 #include "sandbox/dashboard/dashboardparts.h"
-#include "sandbox/dashboard/dashboardroutes.h"
 #include "sandbox/pages/shopperpages.h"
 #include "sandbox/service/paymentmoves.h"
 #include "sandbox/text/httperror.h"

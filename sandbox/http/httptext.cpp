@@ -22,6 +22,7 @@ constexpr StatusRow kPhrases[] = {
     {httpstatus::kBadRequest,                  "Bad Request"},
     {httpstatus::kForbidden,                   "Forbidden"},
     {httpstatus::kProxyAuthenticationRequired, "Proxy Authentication Required"},
+    {httpstatus::kPayloadTooLarge,             "Payload Too Large"},
     {httpstatus::kUriTooLong,                  "URI Too Long"},
     {httpstatus::kInternalServerError,         "Internal Server Error"},
     {httpstatus::kBadGateway,                  "Bad Gateway"},
@@ -103,14 +104,14 @@ bool isCompleteResponse(std::string const& response) {
     return false;
 }
 
-std::string textResponse(std::string const& status, std::string const& text, std::string const& fields) {
-    return "HTTP/1.0 " + status + "\r\nConnection: close\r\n" + fields +
+std::string textResponse(int status, std::string const& text, std::string const& fields) {
+    return "HTTP/1.0 " + std::to_string(status) + " " + phraseOf(status) + "\r\nConnection: close\r\n" + fields +
            "Content-Type: text/plain; charset=utf-8\r\nContent-Length: " + std::to_string(text.size() + 1) +
            "\r\n\r\n" + text + "\n";
 }
 
-std::string textResponse(int status, std::string const& text, std::string const& fields) {
-    return textResponse(std::to_string(status) + " " + phraseOf(status), text, fields);
+std::string failureText(std::string const& what) {
+    return textResponse(httpstatus::kInternalServerError, "The sandbox failed: " + what);
 }
 
 }  // namespace sandbox

@@ -29,12 +29,12 @@ std::optional<int> statusOfResponse(std::string const& response);
 /// it, and the result is false.
 bool isCompleteResponse(std::string const& response);
 
-/// A whole response with the plain `text` and a line end. `status` is the number and its phrase, "413 Payload Too
-/// Large". `fields` are further header lines, each with its line end.
-std::string textResponse(std::string const& status, std::string const& text, std::string const& fields = "");
-
-/// The same with the phrase of the protocol; "Fault" for a status this service sends for a fault only.
+/// A whole response with the plain `text` and a line end. `fields` are further header lines, each with its line end.
+/// The phrase of a status this service sends for a fault only is "Fault".
 std::string textResponse(int status, std::string const& text, std::string const& fields = "");
+
+/// The response when the service itself has failed with `what`.
+std::string failureText(std::string const& what);
 
 }  // namespace sandbox
 

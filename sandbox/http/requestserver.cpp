@@ -204,7 +204,7 @@ void RequestServer::serve(Connection& connection, std::string const& baseUrl) {
     bool closed = false;
     process_request(stream, true, closed, forbidCoding);
     if (stream.isTooLong()) {
-        deliver(connection, textResponse("413 Payload Too Large", "The request is too long."), std::nullopt);
+        deliver(connection, textResponse(httpstatus::kPayloadTooLarge, "The request is too long."), std::nullopt);
         return;
     }
     HttpResponse const& response = pending.m_Response;
@@ -222,9 +222,7 @@ void RequestServer::serve(Connection& connection, std::string const& baseUrl) {
         }
     } catch (std::exception const& failure) {
         // The exchange could not be stored, which the client has to know.
-        deliver(connection,
-                textResponse(httpstatus::kInternalServerError, std::string("The sandbox failed: ") + failure.what()),
-                std::nullopt);
+        deliver(connection, failureText(failure.what()), std::nullopt);
         return;
     }
     std::size_t const before = connection.written();

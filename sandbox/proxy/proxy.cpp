@@ -167,10 +167,7 @@ public:
                 m_Connection.reset();
                 return;
             }
-            deliver(
-                m_Connection,
-                textResponse(httpstatus::kInternalServerError, std::string("The sandbox failed: ") + failure.what()),
-                std::nullopt);
+            deliver(m_Connection, failureText(failure.what()), std::nullopt);
         }
     }
 
