@@ -131,6 +131,8 @@ TEST_F(SandboxService, EndsOnAllPortsAtOnce) {
     char byte = 0;
     ASSERT_EQ(::recv(unread.get(), &byte, 1, 0), 1);
     RawConnection const control(m_Service->controlPort());
+    EXPECT_EQ(parseResponse(exchangeRaw(m_Service->controlPort(), merchantGet("/control"))).m_Status, 200)
+        << "and so the one before is accepted";
     std::future<void> const stopped = std::async(std::launch::async, [this] { m_Service->stop(); });
     // A silent connection on another port is closed before that one is cut.
     EXPECT_EQ(control.readToEnd(), "");

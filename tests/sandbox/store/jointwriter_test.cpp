@@ -188,7 +188,7 @@ TEST_F(JointWriterTest, LetsATurnHaveTheDatabaseWithoutATransaction) {
     EXPECT_THAT(rows(), ElementsAre(1));
 }
 
-TEST_F(JointWriterTest, KeepsWhatManyThreadsChange) {
+TEST_F(JointWriterTest, CommitsWhatManyThreadsChange) {
     constexpr int kThreads = 8;
     constexpr int kUnits = 25;
     std::vector<std::thread> threads;
