@@ -73,7 +73,6 @@ HttpResponse paymentPage(StoredPayment const& stored, std::string const& custome
     Language const& language = languageFor(valueOr(payment, "LANGID", ""));
     auto const notGiven = language["notGiven"].get<std::string>();
     nlohmann::json content = {{"title", language["title"]},
-                              {"language", language},
                               {"amount", amountText(payment, notGiven)},
                               {"order", valueOr(payment, "ORDERID", notGiven)},
                               {"description", valueOr(payment, "DESCRIPTION", "")},
@@ -86,7 +85,7 @@ HttpResponse paymentPage(StoredPayment const& stored, std::string const& custome
         content["moment"] = utcText(*moment);
         content["expiration"] = readableTime(utcText(*moment));
     }
-    return renderPage(httpstatus::kOk, "payment_page", content);
+    return renderPage(httpstatus::kOk, "payment_page", content, language);
 }
 
 std::string amountText(Payment const& payment, std::string const& notGiven) {

@@ -1,5 +1,5 @@
-// Renders pages. A template is put together with those that it names and with the frame, then parsed, once in each
-// thread; what fills it in is made of JSON for each page.
+// Renders pages. A template is put together with those that it names, the frame and the texts of a language, then
+// parsed, once in each thread; what fills it in is made of JSON for each page.
 //
 // The pages load nothing, so the policy in the template `frame` forbids everything but inline styles: injected content
 // could neither load nor run. A page with a `nonce` runs the script `live`, which reads from this service alone.
@@ -61,16 +61,20 @@ std::string withoutTagLines(std::string const& text) {
     return out;
 }
 
-mustache& parsedPage(std::string const& name) {
-    thread_local std::map<std::string, mustache> pages;
-    auto found = pages.find(name);
+mustache& parsedPage(std::string const& name, Language const& language) {
+    thread_local std::map<std::pair<std::string, Language const*>, mustache> pages;
+    auto found = pages.find({name, &language});
     if (found == pages.end()) {
-        mustache parsed(withoutTagLines(putTogether("frame.html", name)));
+        std::string text = withoutTagLines(putTogether("frame.html", name));
+        for (auto const& [key, words] : language.items()) {
+            text = replaceAll(text, "{{language." + key + "}}", escapeHtml(words));
+        }
+        mustache parsed(text);
         if (!parsed.is_valid()) {
             throw std::logic_error("template " + name + ": " + parsed.error_message());
         }
         parsed.set_custom_escape(escapeHtml);
-        found = pages.emplace(name, std::move(parsed)).first;
+        found = pages.emplace(std::pair(name, &language), std::move(parsed)).first;
     }
     return found->second;
 }
@@ -121,11 +125,8 @@ std::string templateText(std::string const& name) {
     return found->second;
 }
 
-HttpResponse renderPage(int status, std::string const& name, json content) {
-    if (!content.contains("language")) {
-        content["language"] = languageFor("en");
-    }
-    HttpResponse response{status, "text/html; charset=utf-8", parsedPage(name).render(toData(content))};
+HttpResponse renderPage(int status, std::string const& name, json const& content, Language const& language) {
+    HttpResponse response{status, "text/html; charset=utf-8", parsedPage(name, language).render(toData(content))};
     response.m_Nonce = content.value("nonce", "");
     return response;
 }

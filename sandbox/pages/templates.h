@@ -17,15 +17,6 @@ namespace sandbox {
 /// The file templates/`name`. Throws std::logic_error when there is none.
 std::string templateText(std::string const& name);
 
-/// The page templates/`name`.html in the frame of all pages, which states in the content's `language`, English unless
-/// it is given, that this is a sandbox. The texts in `content` are bytes in any encoding; every one is escaped. A
-/// section of the template is left out for an empty text, as for false, null and an empty array. A text `x` beside
-/// `xHex`, as in the JSON of the control API, is shown from its bytes.
-HttpResponse renderPage(int status, std::string const& name, nlohmann::json content);
-
-/// A text exactly as it was sent, for the template `verbatim`, which shows a carriage return as a small "CR".
-nlohmann::json verbatim(std::string const& text);
-
 /// The texts of one language of the payment page by their names in templates/languages.json, as they are used in
 /// templates, UTF-8 and not escaped. The text "tag" is for the attribute `lang` (BCP 47), in lower case.
 using Language = nlohmann::json;
@@ -37,6 +28,16 @@ std::vector<Language> const& allLanguages();
 /// The language of a LANGID, chosen by its first part: "de", "DE", "de-AT" and "de_AT" are all German. English for any
 /// other text.
 Language const& languageFor(std::string const& langId);
+
+/// The page templates/`name`.html in the frame of all pages, which states in `language`, one of allLanguages(), that
+/// this is a sandbox. The texts in `content` are bytes in any encoding; every one is escaped. A section of the template
+/// is left out for an empty text, as for false, null and an empty array. A text `x` beside `xHex`, as in the JSON of
+/// the control API, is shown from its bytes.
+HttpResponse renderPage(int status, std::string const& name, nlohmann::json const& content,
+                        Language const& language = languageFor("en"));
+
+/// A text exactly as it was sent, for the template `verbatim`, which shows a carriage return as a small "CR".
+nlohmann::json verbatim(std::string const& text);
 
 }  // namespace sandbox
 
