@@ -5,9 +5,9 @@
 // Contestants: the bare functions with commits of one row in SQLite, by the same rules for the disk.
 //
 // Times faster in one run:
-//   ledger confirm, verify and one commit                  0.37
-//   ledger confirm, verify and one commit, wall time       0.50
-//   ledger begin, payment URL and one commit, wall time    0.59
+//   ledger confirm, verify and one commit                  0.55
+//   ledger confirm, verify and one commit, wall time       0.70
+//   ledger begin, payment URL and one commit, wall time    0.72
 
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
@@ -18,6 +18,7 @@
 #include <fstream>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "bench/account.h"
 #include "bench/bench_support.h"
@@ -236,39 +237,36 @@ void addCalls(std::string const& suffix, clockid_t clock) {
     static kvxbench::Merchant const s_Merchant(shop().m_Account.path());
     static Confirmation const s_Known = s_Orders.captured();
 
-    // Both meet a confirmation that nobody has seen, between the same other work.
-    kvxbench::addTimed("confirm/ledger" + suffix, [clock] {
+    // Each is timed between calls of the other: other work lies between two confirmations in a shop as well.
+    auto const confirmBoth = [clock] {
         Confirmation const next = s_Orders.confirmation();
         std::int32_t outcome = -1;
-        double const seconds = timed(clock, [&] { outcome = s_Orders.confirm(next); });
+        double const ledger = timed(clock, [&] { outcome = s_Orders.confirm(next); });
         require(outcome == KVX_LEDGER_PAID_NOW, "not paid");
         s_Orders.work();
-        return seconds;
-    });
-    kvxbench::addTimed("confirm/bare" + suffix, [clock] {
-        Confirmation const next = s_Orders.confirmation();
-        double const seconds = timed(clock, [&] {
+        double const bare = timed(clock, [&] {
             verifyBare(s_Merchant.factory(), next);
             s_Row.commit(next.m_Data, next.m_Signature);
         });
-        require(s_Orders.confirm(next) == KVX_LEDGER_PAID_NOW, "not paid");
-        s_Orders.work();
-        return seconds;
-    });
+        return std::pair(ledger, bare);
+    };
+    auto const beginBoth = [clock] {
+        std::string const number = s_Orders.nextNumber();
+        double const ledger = timed(clock, [&] { s_Orders.begin(number); });
+        double const bare = timed(clock, [] {
+            std::string const url = s_Merchant.paymentUrl();
+            s_Row.commit(url, url);
+        });
+        return std::pair(ledger, bare);
+    };
+    kvxbench::addTimed("confirm/ledger" + suffix, [confirmBoth] { return confirmBoth().first; });
+    kvxbench::addTimed("confirm/bare" + suffix, [confirmBoth] { return confirmBoth().second; });
+    kvxbench::addTimed("begin/ledger" + suffix, [beginBoth] { return beginBoth().first; });
+    kvxbench::addTimed("begin/bare" + suffix, [beginBoth] { return beginBoth().second; });
     kvxbench::addTimed("replay/ledger" + suffix,
                        [clock] { return timed(clock, [] { benchmark::DoNotOptimize(s_Orders.confirm(s_Known)); }); });
     kvxbench::addTimed("verify/bare" + suffix,
                        [clock] { return timed(clock, [] { verifyBare(s_Merchant.factory(), s_Known); }); });
-    kvxbench::addTimed("begin/ledger" + suffix, [clock] {
-        std::string const number = s_Orders.nextNumber();
-        return timed(clock, [&] { s_Orders.begin(number); });
-    });
-    kvxbench::addTimed("begin/bare" + suffix, [clock] {
-        return timed(clock, [] {
-            std::string const url = s_Merchant.paymentUrl();
-            s_Row.commit(url, url);
-        });
-    });
     kvxbench::addTimed("work/ledger" + suffix, [clock] {
         require(s_Orders.confirm(s_Orders.confirmation()) == KVX_LEDGER_PAID_NOW, "not paid");
         return timed(clock, [] { s_Orders.work(); });
