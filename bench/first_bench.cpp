@@ -4,8 +4,8 @@
 // Contestant: the peer (bench/peer.h). Both are programs that load their libraries dynamically. Processor time.
 //
 // Times faster in one run:
-//   first payment URL, peer     1.12
-//   process with one URL, peer  0.95
+//   first payment URL, peer     1.11
+//   process with one URL, peer  0.96
 
 #include <cstdlib>
 #include <string>
