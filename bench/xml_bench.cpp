@@ -4,24 +4,24 @@
 // Contestants: bench/xmlcontestants.cpp. All read the same text, and what each writes is that text again.
 //
 // Times faster in one run:
-//   parse message, pugixml          1.29
-//   parse message, tinyxml2         4.52
-//   parse message, expat and tree   21.1
-//   parse message, libxml2          8.94
-//   parse 100 KB, pugixml           0.34
-//   parse 100 KB, tinyxml2          2.76
-//   parse 100 KB, expat and tree    4.53
-//   parse 100 KB, libxml2           5.21
-//   parse 5 MB, pugixml             0.26
-//   parse 5 MB, tinyxml2            2.73
-//   parse 5 MB, expat and tree      3.74
-//   parse 5 MB, libxml2             4.81
-//   write message, pugixml          2.65
-//   write message, tinyxml2         5.69
-//   write 100 KB, pugixml           1.10
-//   write 100 KB, tinyxml2          2.86
-//   write 5 MB, pugixml             1.18
-//   write 5 MB, tinyxml2            3.21
+//   parse message, pugixml          0.88
+//   parse message, tinyxml2         4.48
+//   parse message, expat and tree   16.5
+//   parse message, libxml2          8.65
+//   parse 100 KB, pugixml           0.30
+//   parse 100 KB, tinyxml2          2.74
+//   parse 100 KB, expat and tree    4.05
+//   parse 100 KB, libxml2           4.80
+//   parse 5 MB, pugixml             0.28
+//   parse 5 MB, tinyxml2            3.19
+//   parse 5 MB, expat and tree      4.93
+//   parse 5 MB, libxml2             6.34
+//   write message, pugixml          3.13
+//   write message, tinyxml2         6.86
+//   write 100 KB, pugixml           1.17
+//   write 100 KB, tinyxml2          3.35
+//   write 5 MB, pugixml             1.33
+//   write 5 MB, tinyxml2            5.27
 
 #include <benchmark/benchmark.h>
 
