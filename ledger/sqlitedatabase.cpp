@@ -172,9 +172,9 @@ SqliteDatabase::SqliteDatabase(std::string const& path, std::int64_t busySeconds
     static_cast<void>(version());  // what is refused is not written to
     enterLogMode(busySeconds);
     execute("PRAGMA synchronous = FULL");
-    execute("PRAGMA foreign_keys = ON");
     prepared(kRollback);
     migrate();
+    execute("PRAGMA foreign_keys = ON");
 }
 
 SqliteDatabase::~SqliteDatabase() {
@@ -329,12 +329,16 @@ void SqliteDatabase::migrate() {
     if (version() == kSqliteVersion) {
         return;
     }
+    // A table that is copied is missing for a moment: views and tables of the merchant may name it all the same.
+    execute("PRAGMA foreign_keys = OFF");
+    execute("PRAGMA legacy_alter_table = ON");
     Transaction transaction(*this, Access::kWrite);
     for (std::int64_t step = version(); step < kSqliteVersion; ++step) {  // another process may have been faster
         execute(kSqliteSchemas[step]);
     }
     execute(("PRAGMA user_version = " + std::to_string(kSqliteVersion)).c_str());
     transaction.commit();
+    execute("PRAGMA legacy_alter_table = OFF");
 }
 
 sqlite3_stmt* SqliteDatabase::prepared(char const* statement) {

@@ -124,6 +124,29 @@ TEST_F(StoreFile, OfAnOlderReleaseIsMigratedWithWhatItHolds) {
     EXPECT_EQ(Stranger(old).column("PRAGMA foreign_key_check"), std::vector<std::string>());
 }
 
+TEST_F(StoreFile, IsMigratedBesideViewsAndTablesOfTheMerchantsOwn) {
+    std::string const old = m_Dir.file("old.db");
+    Stranger const merchant(old);
+    for (int version = 0; version < 4; ++version) {
+        ASSERT_EQ(merchant.run(ledger::kSqliteSchemas[version]), SQLITE_OK);
+    }
+    ASSERT_EQ(merchant.run("INSERT INTO orders VALUES (1, 'A-1', '1.00', 'EUR', '{}', 1, 1, NULL, NULL, NULL, NULL);"
+                           "INSERT INTO transitions VALUES (3, 1, 1, 'opened', 'waiting', 'begun', 'merchant', 1, NULL,"
+                           " 'm', NULL, NULL);"  // of an attempt that somebody has deleted
+                           "CREATE VIEW report AS SELECT number, event FROM orders JOIN transitions ON order_id = id;"
+                           "CREATE TABLE seen (sequence REFERENCES transitions (sequence));"
+                           "INSERT INTO seen VALUES (3);"
+                           "CREATE TRIGGER told AFTER UPDATE ON orders BEGIN INSERT INTO seen SELECT sequence FROM"
+                           " transitions WHERE order_id = new.id; END;"
+                           "PRAGMA user_version = 4"),
+              SQLITE_OK);
+    LedgerHandle const ledger;
+    ASSERT_EQ(ledger.open("sqlite:" + old, account()), KVX_OK) << lastLedgerError();
+    EXPECT_EQ(merchant.column("SELECT number || ' ' || event FROM report"), std::vector<std::string>{"A-1 begun"});
+    EXPECT_EQ(merchant.run("UPDATE orders SET told_at = 1"), SQLITE_OK);
+    EXPECT_EQ(merchant.column("SELECT sequence FROM seen"), (std::vector<std::string>{"3", "3"}));
+}
+
 TEST_F(StoreFile, GetsFewPagesWithACommit) {
     constexpr std::uintmax_t kFrame = 24 + 4096;  // a page in the log
     auto const logged = [&] { return std::filesystem::file_size(path() + "-wal"); };
