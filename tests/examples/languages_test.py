@@ -3,6 +3,7 @@
 CMakeLists.txt sets environment variables with the paths of programs and interpreters.
 """
 
+import fcntl
 import json
 import os
 import pathlib
@@ -100,7 +101,12 @@ class ShopInPhp(SandboxCase):
         return location
 
     def paid(self):
-        return [json.loads(file.read_text())["paid"] for file in sorted(self.orders.iterdir())]
+        paid = []
+        for path in sorted(self.orders.iterdir()):
+            with open(path, encoding="utf-8") as file:
+                fcntl.flock(file, fcntl.LOCK_SH)  # the shop writes it in place under a lock
+                paid.append(json.load(file)["paid"])
+        return paid
 
     def test_captures_what_was_paid(self):
         back = self.browser.decide(self.buy(), "pay")
