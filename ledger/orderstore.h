@@ -1,7 +1,8 @@
 /// The rows of the store, and every statement on them.
 ///
-/// The columns are explained in schema_1.sql and schema_2.sql. Functions that change rows run inside a transaction that
-/// the caller commits; the others may run outside of one. All of them throw Failure, and Conflict inside a transaction.
+/// The columns are explained in schema_1.sql and its successors. Functions that change rows run inside a transaction
+/// that the caller commits; the others may run outside of one. All of them throw Failure, and Conflict inside a
+/// transaction.
 #ifndef TALLOWIN_LEDGER_ORDERSTORE_H
 #define TALLOWIN_LEDGER_ORDERSTORE_H
 
