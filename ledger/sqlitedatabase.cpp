@@ -17,6 +17,7 @@
 #include <system_error>
 
 #include "ledger/failure.h"
+#include "ledger/logfile.h"
 #include "tallowin/codes.h"
 
 namespace ledger {
@@ -157,7 +158,8 @@ private:
 SqliteDatabase::SqliteDatabase(std::string const& path, std::int64_t busySeconds)
     : m_Path(path), m_File(createdPrivate(path)) {
     sqlite3* connection = nullptr;
-    int const result = sqlite3_open_v2(path.c_str(), &connection, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
+    int const result =
+        sqlite3_open_v2(path.c_str(), &connection, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, logFileSystem());
     m_Connection.reset(connection);
     if (connection == nullptr) {
         throw Failure(KVX_E_OUT_OF_MEMORY, path + ": no memory for a connection");
@@ -170,8 +172,8 @@ SqliteDatabase::SqliteDatabase(std::string const& path, std::int64_t busySeconds
         throw Failure(KVX_E_LEDGER_READONLY, path + ": can be read only");
     }
     static_cast<void>(version());  // what is refused is not written to
-    enterLogMode(busySeconds);
     execute("PRAGMA synchronous = FULL");
+    enterLogMode(busySeconds);
     prepared(kRollback);
     migrate();
     execute("PRAGMA foreign_keys = ON");
@@ -196,6 +198,7 @@ void SqliteDatabase::begin(Access access) {
 
 void SqliteDatabase::commit() {
     static constexpr char kCommit[] = "COMMIT";
+    GatheredCommit const gathered(m_Connection.get());
     step(kCommit);
 }
 

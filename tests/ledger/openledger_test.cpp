@@ -13,35 +13,11 @@
 #include "ledger/moneytable.h"
 #include "ledger/sqlitedatabase.h"
 #include "tests/ledger/ledgersupport.h"
+#include "tests/ledger/stranger.h"
 
 using namespace kvxtest;
 
 namespace {
-
-/// A connection of somebody else to the store.
-class Stranger {
-public:
-    explicit Stranger(std::string const& path) { EXPECT_EQ(sqlite3_open(path.c_str(), &m_Connection), SQLITE_OK); }
-    Stranger(Stranger const&) = delete;
-    Stranger& operator=(Stranger const&) = delete;
-    ~Stranger() { sqlite3_close(m_Connection); }
-
-    [[nodiscard]] int run(char const* sql) const { return sqlite3_exec(m_Connection, sql, nullptr, nullptr, nullptr); }
-
-    /// The first column of all rows.
-    [[nodiscard]] std::vector<std::string> column(char const* sql) const {
-        std::vector<std::string> texts;
-        auto const add = [](void* list, int, char** values, char**) {
-            static_cast<std::vector<std::string>*>(list)->emplace_back(values[0] == nullptr ? "NULL" : values[0]);
-            return 0;
-        };
-        EXPECT_EQ(sqlite3_exec(m_Connection, sql, add, &texts, nullptr), SQLITE_OK) << sqlite3_errmsg(m_Connection);
-        return texts;
-    }
-
-private:
-    sqlite3* m_Connection = nullptr;
-};
 
 class StoreFile : public LedgerTest {
 protected:
@@ -162,6 +138,15 @@ TEST_F(StoreFile, GetsFewPagesWithACommit) {
     static_cast<void>(m_Ledger.url(next));
     EXPECT_GE(logged(), confirmed + 3 * kFrame);
     EXPECT_LE(logged(), confirmed + 11 * kFrame);
+}
+
+TEST_F(StoreFile, GetsACommitAtOnce) {
+    static_cast<void>(m_Ledger.url());
+    std::string const data = says("authorised");
+    std::string const signature = m_Signer.sign(data);
+    long const before = writeCalls();
+    EXPECT_EQ(m_Ledger.confirm(data, signature).m_Outcome, "PAID_NOW");
+    EXPECT_EQ(writeCalls(), before + 1);
 }
 
 TEST_F(StoreFile, IsNotUsedWithAnAttemptThatHasLostItsOrder) {

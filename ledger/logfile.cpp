@@ -1,0 +1,221 @@
+// A file system of SQLite's in which only the write-ahead log differs from the system's.
+//
+// Order: the log file and what it keeps, the functions that SQLite calls, opening, then the functions of the header.
+// All functions of the log hand on to the system's file that stands behind it in memory; those that could see the
+// difference write first what is kept.
+#include "ledger/logfile.h"
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include "ledger/failure.h"
+#include "tallowin/codes.h"
+
+namespace ledger {
+
+/// Laid out as SQLite demands: its part first. The system's file follows in the same memory.
+struct LogFile {
+    sqlite3_file m_Face;
+    char* m_Kept;  ///< Owned: kRoom bytes.
+    int m_KeptSize;
+    sqlite3_int64 m_KeptAt;  ///< Where in the file.
+    bool m_IsGathering;
+};
+
+namespace {
+
+/// More than any commit of the ledger writes. A larger one is written in pieces.
+constexpr int kRoom = 128 * 1024;
+
+LogFile* logOf(sqlite3_file* file) noexcept {
+    return reinterpret_cast<LogFile*>(file);
+}
+
+sqlite3_file* systemFileOf(LogFile* log) noexcept {
+    return reinterpret_cast<sqlite3_file*>(log + 1);
+}
+
+int writeThrough(LogFile* log, void const* bytes, int size, sqlite3_int64 at) noexcept {
+    sqlite3_file* const file = systemFileOf(log);
+    return file->pMethods->xWrite(file, bytes, size, at);
+}
+
+/// What is kept is kept no longer, also when it cannot be written: SQLite undoes a commit that fails.
+int writeKept(LogFile* log) noexcept {
+    int const size = log->m_KeptSize;
+    log->m_KeptSize = 0;
+    return size == 0 ? SQLITE_OK : writeThrough(log, log->m_Kept, size, log->m_KeptAt);
+}
+
+/// Writes what is kept, then calls a function of the system's file.
+template <class Function, class... Arguments>
+int afterKept(sqlite3_file* face, Function function, Arguments... arguments) noexcept {
+    LogFile* const log = logOf(face);
+    int const result = writeKept(log);
+    sqlite3_file* const file = systemFileOf(log);
+    return result == SQLITE_OK ? (file->pMethods->*function)(file, arguments...) : result;
+}
+
+template <class Function, class... Arguments>
+int handOn(sqlite3_file* face, Function function, Arguments... arguments) noexcept {
+    sqlite3_file* const file = systemFileOf(logOf(face));
+    return (file->pMethods->*function)(file, arguments...);
+}
+
+using Methods = sqlite3_io_methods;
+
+int closeLog(sqlite3_file* face) noexcept {
+    delete[] logOf(face)->m_Kept;
+    return handOn(face, &Methods::xClose);
+}
+
+int readLog(sqlite3_file* face, void* bytes, int size, sqlite3_int64 at) noexcept {
+    return afterKept(face, &Methods::xRead, bytes, size, at);
+}
+
+int writeLog(sqlite3_file* face, void const* bytes, int size, sqlite3_int64 at) noexcept {
+    LogFile* const log = logOf(face);
+    bool const fits = at == log->m_KeptAt + log->m_KeptSize && size <= kRoom - log->m_KeptSize;
+    if (log->m_KeptSize > 0 && !fits) {
+        int const result = writeKept(log);
+        if (result != SQLITE_OK) {
+            return result;
+        }
+    }
+    if (!log->m_IsGathering || size > kRoom) {
+        return writeThrough(log, bytes, size, at);
+    }
+    if (log->m_KeptSize == 0) {
+        log->m_KeptAt = at;
+    }
+    std::memcpy(log->m_Kept + log->m_KeptSize, bytes, static_cast<std::size_t>(size));
+    log->m_KeptSize += size;
+    return SQLITE_OK;
+}
+
+int truncateLog(sqlite3_file* face, sqlite3_int64 size) noexcept {
+    return afterKept(face, &Methods::xTruncate, size);
+}
+
+int flushLog(sqlite3_file* face, int how) noexcept {
+    return afterKept(face, &Methods::xSync, how);
+}
+
+int sizeOfLog(sqlite3_file* face, sqlite3_int64* size) noexcept {
+    return afterKept(face, &Methods::xFileSize, size);
+}
+
+int lockLog(sqlite3_file* face, int level) noexcept {
+    return handOn(face, &Methods::xLock, level);
+}
+
+int unlockLog(sqlite3_file* face, int level) noexcept {
+    return handOn(face, &Methods::xUnlock, level);
+}
+
+int isLogReserved(sqlite3_file* face, int* isReserved) noexcept {
+    return handOn(face, &Methods::xCheckReservedLock, isReserved);
+}
+
+int controlLog(sqlite3_file* face, int operation, void* argument) noexcept {
+    return handOn(face, &Methods::xFileControl, operation, argument);
+}
+
+int sectorOfLog(sqlite3_file* face) noexcept {
+    return handOn(face, &Methods::xSectorSize);
+}
+
+int traitsOfLog(sqlite3_file* face) noexcept {
+    return handOn(face, &Methods::xDeviceCharacteristics);
+}
+
+/// Version 1: SQLite maps no log into memory.
+constexpr Methods kLogMethods = [] {
+    Methods methods{};
+    methods.iVersion = 1;
+    methods.xClose = &closeLog;
+    methods.xRead = &readLog;
+    methods.xWrite = &writeLog;
+    methods.xTruncate = &truncateLog;
+    methods.xSync = &flushLog;
+    methods.xFileSize = &sizeOfLog;
+    methods.xLock = &lockLog;
+    methods.xUnlock = &unlockLog;
+    methods.xCheckReservedLock = &isLogReserved;
+    methods.xFileControl = &controlLog;
+    methods.xSectorSize = &sectorOfLog;
+    methods.xDeviceCharacteristics = &traitsOfLog;
+    return methods;
+}();
+
+sqlite3_vfs const* systemFiles() noexcept {
+    static sqlite3_vfs const* const s_System = sqlite3_vfs_find(nullptr);
+    return s_System;
+}
+
+int openFile(sqlite3_vfs* /*self*/, char const* name, sqlite3_file* face, int flags, int* opened) noexcept {
+    auto* const system = const_cast<sqlite3_vfs*>(systemFiles());
+    if ((flags & SQLITE_OPEN_WAL) == 0) {
+        return system->xOpen(system, name, face, flags, opened);
+    }
+    face->pMethods = nullptr;  // nothing to close when it fails
+    auto room = std::unique_ptr<char[]>(new (std::nothrow) char[kRoom]);
+    if (room == nullptr) {
+        return SQLITE_NOMEM;
+    }
+    auto* const log = new (face) LogFile{};
+    sqlite3_file* const file = systemFileOf(log);
+    int const result = system->xOpen(system, name, file, flags, opened);
+    if (result != SQLITE_OK) {
+        if (file->pMethods != nullptr) {
+            file->pMethods->xClose(file);
+        }
+        return result;
+    }
+    log->m_Kept = room.release();
+    log->m_Face.pMethods = &kLogMethods;
+    return SQLITE_OK;
+}
+
+}  // namespace
+
+char const* logFileSystem() {
+    static constexpr char kName[] = "tallowin-ledger";
+    static int const s_Result = [] {
+        static sqlite3_vfs s_Files;
+        if (systemFiles() == nullptr) {
+            return SQLITE_ERROR;
+        }
+        s_Files = *systemFiles();
+        s_Files.pNext = nullptr;
+        s_Files.zName = kName;
+        s_Files.szOsFile = static_cast<int>(sizeof(LogFile)) + systemFiles()->szOsFile;
+        s_Files.xOpen = &openFile;
+        return sqlite3_vfs_register(&s_Files, 0);
+    }();
+    if (s_Result != SQLITE_OK) {
+        throw Failure(KVX_E_LEDGER_CANNOT_OPEN, std::string("SQLite has no files here: ") + sqlite3_errstr(s_Result));
+    }
+    return kName;
+}
+
+GatheredCommit::GatheredCommit(sqlite3* connection) noexcept {
+    sqlite3_file* file = nullptr;
+    bool const isThere =
+        sqlite3_file_control(connection, "main", SQLITE_FCNTL_JOURNAL_POINTER, &file) == SQLITE_OK && file != nullptr;
+    if (isThere && file->pMethods == &kLogMethods) {
+        m_Log = logOf(file);
+        m_Log->m_IsGathering = true;
+    }
+}
+
+GatheredCommit::~GatheredCommit() {
+    if (m_Log != nullptr) {
+        m_Log->m_KeptSize = 0;
+        m_Log->m_IsGathering = false;
+    }
+}
+
+}  // namespace ledger

@@ -1,0 +1,34 @@
+/// The write-ahead log of a store: the pages of a commit are written at once.
+#ifndef TALLOWIN_LEDGER_LOGFILE_H
+#define TALLOWIN_LEDGER_LOGFILE_H
+
+#include <sqlite3.h>
+
+namespace ledger {
+
+/// The name, for sqlite3_open_v2(), of the system's files with logs that GatheredCommit knows. Throws Failure.
+char const* logFileSystem();
+
+/// While it lives, what SQLite writes to the log of a connection is kept together and reaches the file when SQLite
+/// flushes or reads the log.
+///
+/// SQLite writes each page of a commit by two calls, and flushes all of them at the end of the same COMMIT. Nobody
+/// reads them before: SQLite publishes a commit after it has flushed it. So it is sound around COMMIT, with PRAGMA
+/// synchronous = FULL, and nowhere else: a transaction that is undone must leave nothing that could be written later,
+/// over pages that another process has committed.
+class GatheredCommit {
+public:
+    /// Does nothing for a connection that was not opened through logFileSystem(), or that has no log.
+    explicit GatheredCommit(sqlite3* connection) noexcept;
+    GatheredCommit(GatheredCommit const&) = delete;
+    GatheredCommit& operator=(GatheredCommit const&) = delete;
+    /// Drops what has not reached the file: the commit failed and has been undone.
+    ~GatheredCommit();
+
+private:
+    struct LogFile* m_Log = nullptr;  ///< Borrowed from the connection.
+};
+
+}  // namespace ledger
+
+#endif

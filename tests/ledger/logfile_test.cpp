@@ -1,0 +1,138 @@
+// The log of a store: what a commit writes, when, and what is left of one that fails.
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <sys/resource.h>
+
+#include <csignal>
+#include <filesystem>
+#include <string>
+
+#include "ledger/logfile.h"
+#include "tests/ledger/stranger.h"
+#include "tests/support/directories.h"
+
+using namespace kvxtest;
+
+namespace {
+
+class LogFile : public testing::Test {
+protected:
+    LogFile() {
+        EXPECT_EQ(m_Writer.run("PRAGMA synchronous = FULL; PRAGMA journal_mode = WAL;"
+                               "CREATE TABLE a (text TEXT); CREATE TABLE b (text TEXT); CREATE TABLE c (text TEXT)"),
+                  SQLITE_OK);
+    }
+
+    /// Adds a row to each table, and whatever `further` adds, without a commit.
+    void change(char const* further = "") const {
+        EXPECT_EQ(m_Writer.run("BEGIN IMMEDIATE; INSERT INTO a VALUES ('x'); INSERT INTO b VALUES ('x');"
+                               "INSERT INTO c VALUES ('x')"),
+                  SQLITE_OK);
+        EXPECT_EQ(m_Writer.run(further), SQLITE_OK);
+    }
+
+    [[nodiscard]] int commit() const {
+        ledger::GatheredCommit const gathered(m_Writer.get());
+        return m_Writer.run("COMMIT");
+    }
+
+    [[nodiscard]] std::string path() const { return m_Dir.file("store.db"); }
+
+    static std::string rowsOf(Stranger const& reader) {
+        return reader
+            .column(
+                "SELECT (SELECT count(*) FROM a) || ' ' || (SELECT count(*) FROM b) || ' ' ||"
+                " (SELECT count(*) FROM c)")
+            .at(0);
+    }
+
+    /// What a machine finds that loses its power now: the files, without the memory that processes share.
+    [[nodiscard]] std::string rowsAfterPowerLoss() const {
+        for (char const* const file : {"", "-wal"}) {
+            std::filesystem::copy_file(path() + file, m_Dir.file("copy.db") + file,
+                                       std::filesystem::copy_options::overwrite_existing);
+        }
+        return rowsOf(Stranger(m_Dir.file("copy.db")));
+    }
+
+    TemporaryDirectory m_Dir;
+    Stranger m_Writer{path(), ledger::logFileSystem()};
+};
+
+TEST_F(LogFile, GetsTheCommitAtOnceAndBeforeItReturns) {
+    change();
+    long const before = writeCalls();
+    ASSERT_EQ(commit(), SQLITE_OK);
+    EXPECT_EQ(writeCalls(), before + 1);
+    EXPECT_EQ(rowsAfterPowerLoss(), "1 1 1");
+    EXPECT_EQ(rowsOf(Stranger(path())), "1 1 1");
+}
+
+TEST_F(LogFile, IsWrittenPieceByPieceOutsideOfACommit) {
+    long const before = writeCalls();
+    ASSERT_EQ(m_Writer.run("INSERT INTO a VALUES ('x')"), SQLITE_OK);
+    EXPECT_EQ(writeCalls(), before + 2) << "the header of the page, the page";
+    EXPECT_EQ(rowsAfterPowerLoss(), "1 0 0");
+}
+
+TEST_F(LogFile, TakesACommitThatIsLargerThanItsRoom) {
+    change(
+        "WITH RECURSIVE n (i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 999)"
+        " INSERT INTO a SELECT hex(zeroblob(1000)) FROM n");
+    ASSERT_EQ(commit(), SQLITE_OK);
+    EXPECT_EQ(rowsAfterPowerLoss(), "1000 1 1");
+    EXPECT_EQ(Stranger(path()).column("PRAGMA integrity_check"), std::vector<std::string>{"ok"});
+}
+
+TEST_F(LogFile, ForgetsACommitThatFails) {
+    change();
+    // A file that may not grow.
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
+    auto* const handler = std::signal(SIGXFSZ, SIG_IGN);
+    rlimit const none{0, before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &none), 0);
+    EXPECT_NE(commit(), SQLITE_OK);
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);
+    std::signal(SIGXFSZ, handler);
+    // Another connection writes where the failed commit would have.
+    Stranger const other(path());
+    ASSERT_EQ(other.run("INSERT INTO b VALUES ('y'); INSERT INTO b VALUES ('z')"), SQLITE_OK);
+    EXPECT_EQ(rowsOf(m_Writer), "0 2 0");
+    change();
+    ASSERT_EQ(commit(), SQLITE_OK);
+    EXPECT_EQ(rowsAfterPowerLoss(), "1 3 1");
+    EXPECT_EQ(Stranger(path()).column("PRAGMA integrity_check"), std::vector<std::string>{"ok"});
+}
+
+TEST_F(LogFile, ForgetsALargeTransactionThatIsUndone) {
+    // With a small cache SQLite writes pages to the log long before the end.
+    ASSERT_EQ(m_Writer.run("PRAGMA cache_size = 10"), SQLITE_OK);
+    std::uintmax_t const size = std::filesystem::file_size(path() + "-wal");
+    change(
+        "WITH RECURSIVE n (i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 40)"
+        " INSERT INTO a SELECT hex(zeroblob(1000)) FROM n");
+    ASSERT_GT(std::filesystem::file_size(path() + "-wal"), size) << "pages are written before the end";
+    ASSERT_EQ(m_Writer.run("ROLLBACK"), SQLITE_OK);
+    Stranger const other(path());
+    ASSERT_EQ(other.run("INSERT INTO b VALUES ('y')"), SQLITE_OK);
+    change();
+    ASSERT_EQ(commit(), SQLITE_OK);
+    EXPECT_EQ(rowsAfterPowerLoss(), "1 2 1");
+    EXPECT_EQ(Stranger(path()).column("PRAGMA integrity_check"), std::vector<std::string>{"ok"});
+}
+
+TEST_F(LogFile, IsLeftAloneOfAConnectionWithOtherFiles) {
+    Stranger const other(path());
+    ASSERT_EQ(other.run("PRAGMA synchronous = FULL; BEGIN; INSERT INTO a VALUES ('x')"), SQLITE_OK);
+    {
+        ledger::GatheredCommit const gathered(other.get());
+        ASSERT_EQ(other.run("COMMIT"), SQLITE_OK);
+    }
+    EXPECT_EQ(rowsAfterPowerLoss(), "1 0 0");
+    Stranger const inMemory(":memory:", ledger::logFileSystem());
+    ledger::GatheredCommit const gathered(inMemory.get());
+    EXPECT_EQ(inMemory.run("CREATE TABLE a (text TEXT)"), SQLITE_OK);
+}
+
+}  // namespace
