@@ -83,8 +83,10 @@ std::int32_t OrderLedger::runDue(std::int32_t limit) {
     }
     m_HasWoken = true;
     std::int32_t done = tryKept(limit);
+    store().database().tidy();
     while (done < limit && runOne()) {
         ++done;
+        store().database().tidy();
     }
     if (renewalFailure != nullptr) {
         std::rethrow_exception(renewalFailure);

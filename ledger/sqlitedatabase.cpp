@@ -135,6 +135,16 @@ Value column(sqlite3_stmt* statement, int index) {
     }
 }
 
+/// A worker copies the log to the tables when its last commit found this many pages in it, others when no worker has
+/// done it before: what a commit writes over old pages of the log is on disk sooner than what makes it longer.
+constexpr int kTidyLogPages = 1000;
+constexpr int kMaxLogPages = 4 * kTidyLogPages;
+
+/// What cannot be copied now, because others read it or the disk is full, stays in the log and is copied later.
+void copyLog(sqlite3* connection) noexcept {
+    sqlite3_wal_checkpoint_v2(connection, "main", SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+}
+
 /// Compiled when the store is opened: undoing needs no memory, which may be what has failed.
 constexpr char kRollback[] = "ROLLBACK";
 
@@ -177,6 +187,7 @@ SqliteDatabase::SqliteDatabase(std::string const& path, std::int64_t busySeconds
     prepared(kRollback);
     migrate();
     execute("PRAGMA foreign_keys = ON");
+    sqlite3_wal_hook(connection, &SqliteDatabase::afterCommit, this);
 }
 
 SqliteDatabase::~SqliteDatabase() {
@@ -235,6 +246,13 @@ Rows SqliteDatabase::run(char const* statement, Parameters parameters) {
         fail();
     }
     return rows;
+}
+
+void SqliteDatabase::tidy() {
+    if (m_LogPages >= kTidyLogPages) {
+        m_LogPages = 0;
+        copyLog(m_Connection.get());
+    }
 }
 
 void SqliteDatabase::abandon() noexcept {
@@ -342,6 +360,14 @@ void SqliteDatabase::migrate() {
     execute(("PRAGMA user_version = " + std::to_string(kSqliteVersion)).c_str());
     transaction.commit();
     execute("PRAGMA legacy_alter_table = OFF");
+}
+
+int SqliteDatabase::afterCommit(void* self, sqlite3* connection, char const* /*name*/, int logPages) noexcept {
+    static_cast<SqliteDatabase*>(self)->m_LogPages = logPages;
+    if (logPages >= kMaxLogPages) {
+        copyLog(connection);
+    }
+    return SQLITE_OK;
 }
 
 sqlite3_stmt* SqliteDatabase::prepared(char const* statement) {

@@ -29,6 +29,7 @@ public:
     void commit() override;
     void rollback() noexcept override;
     Rows run(char const* statement, Parameters parameters) override;
+    void tidy() override;
     void abandon() noexcept override;
 
 private:
@@ -49,10 +50,12 @@ private:
     std::int64_t version();
     void migrate();
     sqlite3_stmt* prepared(char const* statement);
+    static int afterCommit(void* self, sqlite3* connection, char const* name, int logPages) noexcept;
 
     std::string m_Path;
     OpenFile m_File;  ///< Listed until the connection is closed.
     std::unique_ptr<sqlite3, Close> m_Connection;
+    int m_LogPages = 0;  ///< In the log after the last commit of this connection.
     std::map<char const*, std::unique_ptr<sqlite3_stmt, Finalize>>
         m_Statements;  ///< By address; gone before the connection.
 };

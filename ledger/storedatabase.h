@@ -67,6 +67,9 @@ public:
     /// Runs a statement and returns its rows. May throw Conflict inside a transaction.
     virtual Rows run(char const* statement, Parameters parameters) = 0;
 
+    /// Does what is put off so that no shopper waits for it. For workers.
+    virtual void tidy() {}
+
     /// The clock that all users of the store share, in milliseconds since 1970; nothing when it is the system's.
     virtual std::optional<std::int64_t> sharedTime() { return std::nullopt; }
 

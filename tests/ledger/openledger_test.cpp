@@ -149,6 +149,31 @@ TEST_F(StoreFile, GetsACommitAtOnce) {
     EXPECT_EQ(writeCalls(), before + 1);
 }
 
+TEST_F(StoreFile, IsTidiedByTheWorkerAndOnlyLateByOthers) {
+    constexpr std::uintmax_t kFrame = 24 + 4096;
+    auto const logPages = [&] { return std::filesystem::file_size(path() + "-wal") / kFrame; };
+    std::uintmax_t const size = std::filesystem::file_size(path());
+    int number = 0;
+    auto const beginUntil = [&](auto const& isEnough) {
+        constexpr int kTooMany = 2000;
+        for (; number < kTooMany && !isEnough(); ++number) {
+            Purchase purchase;
+            purchase.m_Number = "T-" + std::to_string(number);
+            static_cast<void>(m_Ledger.url(purchase));
+        }
+    };
+    beginUntil([&] { return logPages() > 1000; });
+    EXPECT_EQ(std::filesystem::file_size(path()), size) << "no shopper has waited for it";
+    EXPECT_EQ(m_Ledger.run(), 0);
+    std::uintmax_t const tidied = std::filesystem::file_size(path());
+    EXPECT_GT(tidied, size);
+    EXPECT_LE(logPages(), 1100U);
+    beginUntil([&] { return std::filesystem::file_size(path()) > tidied; });
+    EXPECT_GT(logPages(), 3900U) << "without a worker";
+    EXPECT_LE(logPages(), 4100U);
+    EXPECT_EQ(Stranger(path()).column("PRAGMA integrity_check"), std::vector<std::string>{"ok"});
+}
+
 TEST_F(StoreFile, IsNotUsedWithAnAttemptThatHasLostItsOrder) {
     static_cast<void>(m_Ledger.url());
     std::string const paid = says("authorised");
