@@ -101,16 +101,19 @@ std::string OrderContent::attributesAsJson() const {
 }
 
 std::string OrderLedger::begin(OrderContent const& content) {
-    if (std::optional<OrderRow> const order = store().orderNumbered(content.m_Number)) {
-        requireSameContent(content, *order);
-        if (std::optional<std::string> url = openUrl(*order, now())) {
+    std::optional<OrderRow> const seen = store().orderNumbered(content.m_Number);
+    std::optional<std::uint32_t> const seenVersion = store().database().contentVersion();
+    if (seen) {
+        requireSameContent(content, *seen);
+        if (std::optional<std::string> url = openUrl(*seen, now())) {
             return std::move(*url);
         }
     }
     AttemptRow const made = newAttempt(content, now());
     return inTransaction([&] {
         AttemptRow attempt = made;
-        std::optional<OrderRow> order = store().orderNumbered(content.m_Number);
+        bool const isAsSeen = store().database().isStillAt(seenVersion);
+        std::optional<OrderRow> order = isAsSeen ? seen : store().orderNumbered(content.m_Number);
         if (order) {
             requireSameContent(content, *order);
             if (std::optional<std::string> url = openUrl(*order, attempt.m_CreatedAt)) {

@@ -102,6 +102,7 @@ Verdict OrderLedger::examineVerified(Confirmation const& confirmation, Message c
         return refused(KVX_LEDGER_REASON_WRONG_TYPE, "it is a \"" + printable(claim.m_Type) + "\"");
     }
     std::optional<Payment> const seen = store().paymentWithToken(claim.m_Token);
+    std::optional<std::uint32_t> const seenVersion = store().database().contentVersion();
     if (!seen) {
         return refusedForToken(claim);
     }
@@ -116,7 +117,8 @@ Verdict OrderLedger::examineVerified(Confirmation const& confirmation, Message c
         return first.m_Verdict;
     }
     return inTransaction([&] {
-        std::optional<Payment> payment = store().paymentWithToken(claim.m_Token);
+        bool const isAsSeen = store().database().isStillAt(seenVersion);
+        std::optional<Payment> payment = isAsSeen ? seen : store().paymentWithToken(claim.m_Token);
         if (!payment) {
             throw Failure(KVX_E_LEDGER_DAMAGED,
                           "the store has lost the payment with the TOKEN \"" + printable(claim.m_Token) + "\"");

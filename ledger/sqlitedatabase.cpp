@@ -248,6 +248,13 @@ Rows SqliteDatabase::run(char const* statement, Parameters parameters) {
     return rows;
 }
 
+std::optional<std::uint32_t> SqliteDatabase::contentVersion() {
+    std::uint32_t version = 0;
+    bool const isKnown =
+        sqlite3_file_control(m_Connection.get(), "main", SQLITE_FCNTL_DATA_VERSION, &version) == SQLITE_OK;
+    return isKnown ? std::optional<std::uint32_t>(version) : std::nullopt;
+}
+
 void SqliteDatabase::tidy() {
     if (m_LogPages >= kTidyLogPages) {
         m_LogPages = 0;

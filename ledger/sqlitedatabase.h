@@ -29,6 +29,7 @@ public:
     void commit() override;
     void rollback() noexcept override;
     Rows run(char const* statement, Parameters parameters) override;
+    std::optional<std::uint32_t> contentVersion() override;
     void tidy() override;
     void abandon() noexcept override;
 

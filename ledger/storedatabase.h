@@ -67,6 +67,13 @@ public:
     /// Runs a statement and returns its rows. May throw Conflict inside a transaction.
     virtual Rows run(char const* statement, Parameters parameters) = 0;
 
+    /// A number that is another one once anybody has changed the store since; nothing where that is not known. It is as
+    /// fresh as the last statement, in a transaction as its beginning.
+    virtual std::optional<std::uint32_t> contentVersion() { return std::nullopt; }
+
+    /// Whether the store is known to be as it was at `version`.
+    bool isStillAt(std::optional<std::uint32_t> version) { return version && contentVersion() == version; }
+
     /// Does what is put off so that no shopper waits for it. For workers.
     virtual void tidy() {}
 

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "tests/ledger/atpoints.h"
 #include "tests/ledger/ledgersupport.h"
 
 using namespace kvxtest;
@@ -62,6 +63,22 @@ TEST_F(Begin, RefusesOtherContentAndNamesTheDifference) {
         EXPECT_NE(lastLedgerError().find(row.m_What), std::string::npos) << lastLedgerError();
     }
     EXPECT_EQ(m_Ledger.url(), url) << "the payment is what it was";
+}
+
+TEST_F(Begin, ReturnsTheUrlThatAnotherHandleStoresInTheMeantime) {
+    LedgerHandle const other;
+    openAgain(other);
+    std::string first;
+    {
+        AtPoints const meets([&](ledger::TestPoint point) {
+            if (point == ledger::TestPoint::kBeforeChange && first.empty()) {
+                first = "being made";
+                EXPECT_EQ(other.begin({}, first), KVX_OK) << lastLedgerError();
+            }
+        });
+        EXPECT_EQ(m_Ledger.url(), first);
+    }
+    EXPECT_EQ(m_Ledger.history().size(), 1U);
 }
 
 TEST_F(Begin, MakesAnotherAttemptAfterAnUnpaidEnd) {

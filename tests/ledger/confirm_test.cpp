@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "tests/ledger/atpoints.h"
 #include "tests/ledger/ledgersupport.h"
 
 using namespace kvxtest;
@@ -38,6 +39,25 @@ TEST_F(Confirm, SaysPaidOnceAndKnownEverAfter) {
     EXPECT_EQ(m_Ledger.history(),
               (std::vector<std::string>{"opened begun waiting", "waiting confirmed_paid authorised"}));
     EXPECT_EQ(m_Ledger.nextPaid(), std::vector<std::string>{});
+}
+
+TEST_F(Confirm, KnowsWhatAnotherHandleRecordsInTheMeantime) {
+    static_cast<void>(m_Ledger.url());
+    LedgerHandle const other;
+    openAgain(other);
+    std::string const data = says("authorised");
+    std::string first;
+    {
+        AtPoints const meets([&](ledger::TestPoint point) {
+            if (point == ledger::TestPoint::kBeforeChange && first.empty()) {
+                first = "being recorded";
+                first = other.confirm(data, m_Signer.sign(data)).m_Outcome;
+            }
+        });
+        EXPECT_EQ(confirm(data).m_Outcome, "KNOWN_ALREADY");
+    }
+    EXPECT_EQ(first, "PAID_NOW");
+    EXPECT_EQ(m_Ledger.history().size(), 2U);
 }
 
 TEST_F(Confirm, KnowsAReplayWithoutWriting) {

@@ -2,31 +2,15 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <functional>
 #include <regex>
 
-#include "ledger/testpoints.h"
+#include "tests/ledger/atpoints.h"
 #include "tests/ledger/ledgersupport.h"
 #include "tests/sandbox/support/rawclient.h"
 
 using namespace kvxtest;
 
 namespace {
-
-/// Calls a function at each point while it lives.
-class AtPoints {
-public:
-    explicit AtPoints(std::function<void(ledger::TestPoint)> call) {
-        s_Call = std::move(call);
-        ledger::g_TestPoint = [](ledger::TestPoint point) { s_Call(point); };
-    }
-    AtPoints(AtPoints const&) = delete;
-    AtPoints& operator=(AtPoints const&) = delete;
-    ~AtPoints() { ledger::g_TestPoint = nullptr; }
-
-private:
-    static inline std::function<void(ledger::TestPoint)> s_Call;
-};
 
 class Worker : public LedgerFlowTest {
 protected:
