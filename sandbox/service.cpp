@@ -131,7 +131,7 @@ public:
     ~Running() {
         m_Ready = false;
         m_Faults.setRefusalListener(nullptr);
-        m_Store.endWaits();
+        m_Store.events().end();
         // All listeners together, so that none goes on while another one ends. The proxy ends last.
         m_Control.beginStop();
         m_Plain.beginStop();

@@ -11,10 +11,7 @@
 
 #include "sandbox/faults/faultregistry.h"
 #include "sandbox/http/hostport.h"
-#include "sandbox/store/exchange.h"
-#include "sandbox/store/listing.h"
-#include "sandbox/store/notification.h"
-#include "sandbox/store/storedpayment.h"
+#include "sandbox/store/rows.h"
 
 namespace sandbox {
 

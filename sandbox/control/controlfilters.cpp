@@ -15,10 +15,6 @@ namespace {
 
 using Names = std::vector<std::string>;
 
-Names const kPaymentNames = {"account", "order", "token", "id", "state", "after", "before", "limit"};
-Names const kExchangeNames = {"account", "order", "token", "payment", "kind", "after", "before", "limit"};
-Names const kRemovalNames = {"account", "order", "token", "payment", "kind", "after", "before"};
-
 /// A bound of the list; `row` is what its numbers count, "an exchange".
 std::int64_t readBound(std::string const& name, std::string const& text, std::string const& row) {
     std::optional<std::int64_t> const number = wholeNumber(text);
@@ -51,27 +47,24 @@ Page readPage(Query const& query, std::string const& row) {
     return page;
 }
 
-std::optional<PaymentState> readState(Query const& query) {
-    std::optional<std::string> const name = query.value("state");
-    try {
-        return name ? std::optional<PaymentState>(stateFromName(*name)) : std::nullopt;
-    } catch (std::runtime_error const&) {
-        throw HttpError("unknown payment state '" + *name + "'");
+/// `payment` is the name of the condition on the identifier of a payment.
+Filter readFilter(Query const& query, Names const& known, char const* payment) {
+    refuseUnknown(query, known);
+    Filter filter{query.value("account"), query.value("order"), query.value("token"), query.value(payment)};
+    if (std::optional<std::string> const name = query.value("state")) {
+        try {
+            filter.m_State = stateFromName(*name);
+        } catch (std::runtime_error const&) {
+            throw HttpError("unknown payment state '" + *name + "'");
+        }
     }
-}
-
-std::optional<ExchangeKind> readKind(Query const& query) {
-    std::optional<std::string> const name = query.value("kind");
-    std::optional<ExchangeKind> const kind = name ? exchangeFromName(*name) : std::nullopt;
-    if (name && !kind) {
-        throw HttpError("unknown kind of exchange '" + *name + "'");
+    if (std::optional<std::string> const name = query.value("kind")) {
+        filter.m_Kind = exchangeFromName(*name);
+        if (!filter.m_Kind) {
+            throw HttpError("unknown kind of exchange '" + *name + "'");
+        }
     }
-    return kind;
-}
-
-ExchangeFilter readExchangeFilter(Query const& query) {
-    return {query.value("account"), query.value("order"), query.value("token"), query.value("payment"),
-            readKind(query)};
+    return filter;
 }
 
 }  // namespace
@@ -84,22 +77,25 @@ void refuseUnknown(Query const& query, Names const& known) {
     }
 }
 
-PaymentQuery readPaymentQuery(Query const& query) {
-    refuseUnknown(query, kPaymentNames);
-    return {{query.value("account"), query.value("order"), query.value("token"), query.value("id"), readState(query)},
+ListQuery readPaymentQuery(Query const& query) {
+    return {readFilter(query, {"account", "order", "token", "id", "state", "after", "before", "limit"}, "id"),
             readPage(query, "a payment")};
 }
 
-ExchangeQuery readExchangeQuery(Query const& query) {
-    refuseUnknown(query, kExchangeNames);
-    return {readExchangeFilter(query), readPage(query, "an exchange")};
+ListQuery readExchangeQuery(Query const& query) {
+    return {readFilter(query, {"account", "order", "token", "payment", "kind", "after", "before", "limit"}, "payment"),
+            readPage(query, "an exchange")};
 }
 
-ExchangeQuery readRemovalQuery(Query const& query) {
-    refuseUnknown(query, kRemovalNames);
-    ExchangeQuery removal{readExchangeFilter(query), readPage(query, "an exchange")};
+ListQuery readRemovalQuery(Query const& query) {
+    ListQuery removal{readFilter(query, {"account", "order", "token", "payment", "kind", "after", "before"}, "payment"),
+                      readPage(query, "an exchange")};
     removal.m_Page.m_Limit = Page::kNoLimit;
     return removal;
+}
+
+Filter readExportQuery(Query const& query) {
+    return readFilter(query, {"account", "order", "token", "payment"}, "payment");
 }
 
 std::optional<std::string> readAccount(Query const& query) {

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "sandbox/store/listing.h"
+#include "sandbox/store/rows.h"
 #include "sandbox/text/wiretext.h"
 
 /// The conditions in the query of a request for a list. All throw HttpError (400) for a value that cannot be read and
@@ -22,21 +22,19 @@ inline constexpr std::int64_t kMaxRows = 1000;
 inline constexpr std::size_t kMaxListedBytes = std::size_t{1024} * 1024;
 
 /// A list with its page.
-struct PaymentQuery {
-    PaymentFilter m_Filter;
+struct ListQuery {
+    Filter m_Filter;
     Page m_Page;
 };
 
-struct ExchangeQuery {
-    ExchangeFilter m_Filter;
-    Page m_Page;
-};
-
-PaymentQuery readPaymentQuery(Query const& query);
-ExchangeQuery readExchangeQuery(Query const& query);
+ListQuery readPaymentQuery(Query const& query);
+ListQuery readExchangeQuery(Query const& query);
 
 /// The conditions on exchanges that are to be removed: no limit.
-ExchangeQuery readRemovalQuery(Query const& query);
+ListQuery readRemovalQuery(Query const& query);
+
+/// The conditions of a list that is exported whole.
+Filter readExportQuery(Query const& query);
 
 /// Throws HttpError when the query has a name that is not `known`.
 void refuseUnknown(Query const& query, std::vector<std::string> const& known);

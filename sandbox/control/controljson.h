@@ -9,8 +9,7 @@
 #include "sandbox/faults/faultregistry.h"
 #include "sandbox/http/httpmessages.h"
 #include "sandbox/service/standingdecisions.h"
-#include "sandbox/store/exchange.h"
-#include "sandbox/store/notification.h"
+#include "sandbox/store/rows.h"
 #include "sandbox/store/snapshots.h"
 
 /// The JSON of the control API.

@@ -43,23 +43,23 @@ std::string segment(std::string const& path, int number) {
 }
 
 /// The payments that a request names: by the identifier in the path, or by `order` or `token` of the query.
-PaymentFilter namedPayments(HttpRequest const& request) {
-    PaymentFilter named;
+Filter namedPayments(HttpRequest const& request) {
+    Filter named;
     named.m_Account = request.m_Query.value("account");
     named.m_Order = request.m_Query.value("order");
     named.m_Token = request.m_Query.value("token");
     std::string const id = segment(request.m_Path, 2);
     if (id != "decision" && id != "newest") {
-        named.m_Id = id;
+        named.m_Payment = id;
     }
-    if (int{named.m_Id.has_value()} + int{named.m_Order.has_value()} + int{named.m_Token.has_value()} != 1) {
+    if (int{named.m_Payment.has_value()} + int{named.m_Order.has_value()} + int{named.m_Token.has_value()} != 1) {
         throw HttpError("a payment is named by one of its identifier, order and token");
     }
     return named;
 }
 
 /// The newest of the named payments. Throws HttpError when there is none.
-Payment requirePayment(Services const& services, PaymentFilter const& named) {
+Payment requirePayment(Services const& services, Filter const& named) {
     std::optional<Payment> payment = services.m_Store.newestPayment(named);
     if (!payment) {
         throw HttpError("there is no such payment", httpstatus::kNotFound);
@@ -103,7 +103,7 @@ void checkUntil(std::string const& until) {
     }
 }
 
-Payment presentPayment(Services const& services, PaymentFilter const& named) {
+Payment presentPayment(Services const& services, Filter const& named) {
     makeDueMoves(services);
     expireWhenOverdue(services, requirePayment(services, named));
     return requirePayment(services, named);
@@ -111,14 +111,14 @@ Payment presentPayment(Services const& services, PaymentFilter const& named) {
 
 /// The payment once it has come to `until`. One that is named by order or token need not be there at first. Throws
 /// HttpError when it has not come in time.
-Payment awaitPayment(Services const& services, PaymentFilter const& named, std::string const& until,
+Payment awaitPayment(Services const& services, Filter const& named, std::string const& until,
                      std::chrono::seconds wait) {
     Clock::time_point const deadline = Clock::now() + wait;
     bool goesOn = true;
     for (;;) {
-        std::uint64_t const seen = services.m_Store.changes();
+        std::uint64_t const seen = services.m_Store.events().changes();
         bool const isLast = !goesOn || Clock::now() >= deadline;
-        if (named.m_Id || isLast || services.m_Store.newestPayment(named)) {
+        if (named.m_Payment || isLast || services.m_Store.newestPayment(named)) {
             Payment const payment = presentPayment(services, named);
             if (hasCome(services, payment, until)) {
                 return payment;
@@ -129,7 +129,7 @@ Payment awaitPayment(Services const& services, PaymentFilter const& named, std::
                                 httpstatus::kConflict);
             }
         }
-        goesOn = services.m_Store.awaitChange(seen, deadline);
+        goesOn = services.m_Store.events().awaitChange(seen, deadline);
     }
 }
 
@@ -137,7 +137,7 @@ Payment awaitPayment(Services const& services, PaymentFilter const& named, std::
 
 HttpResponse getPayment(Services const& services, HttpRequest const& request) {
     refuseUnknown(request.m_Query, {"account", "order", "token", "until", "seconds"});
-    PaymentFilter const named = namedPayments(request);
+    Filter const named = namedPayments(request);
     std::optional<std::string> const until = request.m_Query.value("until");
     std::chrono::seconds const wait = readWait(request.m_Query);
     if (until) {

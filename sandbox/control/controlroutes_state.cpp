@@ -139,7 +139,7 @@ HttpResponse getStatus(Services const& services, HttpRequest const&) {
 }
 
 HttpResponse getPayments(Services const& services, HttpRequest const& request) {
-    PaymentQuery const query = readPaymentQuery(request.m_Query);
+    ListQuery const query = readPaymentQuery(request.m_Query);
     bringUpToDate(services);
     Listing<Payment> const listing = services.m_Store.payments(query.m_Filter, query.m_Page);
     return listResponse("payments",
@@ -151,13 +151,13 @@ HttpResponse getPayments(Services const& services, HttpRequest const& request) {
 }
 
 HttpResponse getExchanges(Services const& services, HttpRequest const& request) {
-    ExchangeQuery const query = readExchangeQuery(request.m_Query);
+    ListQuery const query = readExchangeQuery(request.m_Query);
     Listing<Exchange> const listing = services.m_Store.exchanges(query.m_Filter, query.m_Page);
     return listResponse("exchanges", listing.m_Rows, listing);
 }
 
 HttpResponse removeExchanges(Services const& services, HttpRequest const& request) {
-    ExchangeQuery const query = readRemovalQuery(request.m_Query);
+    ListQuery const query = readRemovalQuery(request.m_Query);
     return jsonResponse(httpstatus::kOk,
                         {{"exchanges", services.m_Store.removeExchanges(query.m_Filter, query.m_Page)}});
 }
@@ -165,7 +165,7 @@ HttpResponse removeExchanges(Services const& services, HttpRequest const& reques
 HttpResponse reset(Services const& services, HttpRequest const& request) {
     nlohmann::json const object =
         request.m_Body.empty() ? nlohmann::json::object() : readObject(request.m_Body, {"account"});
-    ExchangeFilter filter;
+    Filter filter;
     if (object.contains("account")) {
         filter.m_Account = requireAccount(services, object);
         services.m_Clock.follow(*filter.m_Account);

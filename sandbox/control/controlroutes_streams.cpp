@@ -126,7 +126,7 @@ private:
     Store& m_Store;  ///< Borrowed.
     std::optional<std::string> m_Account;
     EventFeed::Reader m_Reader;
-    ExchangeFilter m_Filter;
+    Filter m_Filter;
     Page m_Page;  ///< Of the exchanges that are to be read from the store.
     bool m_CatchesUp = false;
     bool m_Fresh = true;
@@ -157,53 +157,43 @@ constexpr char kOpenApi[] =
 class Export {
 public:
     /// Borrows `services`. Throws HttpError.
-    Export(Services const& services, Query const& query) : m_Services(services) {
-        refuseUnknown(query, {"account", "order", "token", "payment"});
-        m_Payments = {query.value("account"), query.value("order"), query.value("token"), query.value("payment"), {}};
-        m_Exchanges = {query.value("account"), query.value("order"), query.value("token"), query.value("payment"), {}};
+    Export(Services const& services, Query const& query) : m_Services(services), m_Filter(readExportQuery(query)) {
         m_Page.m_Limit = kDefaultRows;
         m_Page.m_MaxBytes = kMaxListedBytes;
     }
 
     /// See BodySource.
     std::optional<std::string> next() {
-        if (m_AtEnd) {
-            return std::nullopt;
+        if (!m_PaymentsDone) {
+            Listing<Payment> const listing = m_Services.m_Store.payments(m_Filter, m_Page);
+            return linesOf(listing, "payment", m_PaymentsDone, [this](Payment const& payment) {
+                return paymentJson(payment, m_Services.m_Store.notificationsOf(payment.m_Id));
+            });
         }
-        return m_PaymentsDone ? nextExchanges() : nextPayments();
+        if (!m_AtEnd) {
+            Listing<Exchange> const listing = m_Services.m_Store.exchanges(m_Filter, m_Page);
+            return linesOf(listing, "exchange", m_AtEnd, [](Exchange const& exchange) { return json(exchange); });
+        }
+        return std::nullopt;
     }
 
 private:
-    std::string nextPayments() {
-        Listing<Payment> const listing = m_Services.m_Store.payments(m_Payments, m_Page);
+    /// The lines of a page, which goes on to the next one, or to the beginning when this `isLast`.
+    template <class Row, class ToJson>
+    std::string linesOf(Listing<Row> const& listing, char const* type, bool& isLast, ToJson toJson) {
         std::string lines;
-        for (Payment const& payment : listing.m_Rows) {
-            lines += line("payment", paymentJson(payment, m_Services.m_Store.notificationsOf(payment.m_Id)));
+        for (Row const& row : listing.m_Rows) {
+            json object = toJson(row);
+            object["type"] = type;
+            lines += object.dump() + "\n";
         }
-        m_PaymentsDone = !listing.m_More;
-        m_Page.m_After = listing.m_More ? listing.m_Rows.back().m_Number : Page().m_After;
+        isLast = !listing.m_More;
+        m_Page.m_After = isLast ? Page().m_After : listing.m_Rows.back().m_Number;
         return lines;
-    }
-
-    std::string nextExchanges() {
-        Listing<Exchange> const listing = m_Services.m_Store.exchanges(m_Exchanges, m_Page);
-        std::string lines;
-        for (Exchange const& exchange : listing.m_Rows) {
-            lines += line("exchange", exchange);
-        }
-        m_AtEnd = !listing.m_More;
-        m_Page.m_After = listing.m_More ? listing.m_Rows.back().m_Number : m_Page.m_After;
-        return lines;
-    }
-
-    static std::string line(char const* type, json object) {
-        object["type"] = type;
-        return object.dump() + "\n";
     }
 
     Services const& m_Services;
-    PaymentFilter m_Payments;
-    ExchangeFilter m_Exchanges;
+    Filter m_Filter;
     Page m_Page;
     bool m_PaymentsDone = false;
     bool m_AtEnd = false;

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "sandbox/service/services.h"
-#include "sandbox/store/exchange.h"
+#include "sandbox/store/rows.h"
 #include "sandbox/text/wiretext.h"
 
 /// The pages of the dashboard, and what they share.

@@ -73,7 +73,7 @@ std::string conditionsOf(Query const& form) {
     return joined(conditions, "&");
 }
 
-json filterContent(PaymentFilter const& filter, bool active) {
+json filterContent(Filter const& filter, bool active) {
     auto const stateRow = [&filter](StateRow const& row) {
         return json{{"name", stateName(row.m_State)}, {"selected", filter.m_State == row.m_State}};
     };
@@ -197,13 +197,6 @@ json activityContent(std::vector<Payment> const& payments, std::vector<Exchange>
     return activity;
 }
 
-Page newest(std::int64_t limit) {
-    Page page;
-    page.m_NewestFirst = true;
-    page.m_Limit = limit;
-    return page;
-}
-
 std::string moreText(Services const& services, bool filtered, Listing<Payment> const& listing) {
     if (!listing.m_More) {
         return "";
@@ -219,11 +212,11 @@ HttpResponse overviewPage(Services const& services, Query const& query) {
     bool const live = query.value("live") == "1";
     std::string const conditions = conditionsOf(query);
     bool const filtered = !conditions.empty();
-    PaymentFilter const wanted = readPaymentQuery(Query(conditions)).m_Filter;
+    Filter const wanted = readPaymentQuery(Query(conditions)).m_Filter;
     bringUpToDate(services);
-    Listing<Payment> const listing = services.m_Store.payments(wanted, newest(kMaxPayments));
+    Listing<Payment> const listing = services.m_Store.payments(wanted, Page::newest(kMaxPayments));
     std::vector<Exchange> const exchanges =
-        services.m_Store.exchangeSummaries({wanted.m_Account, wanted.m_Order}, newest(kMaxExchanges)).m_Rows;
+        services.m_Store.exchangeSummaries({wanted.m_Account, wanted.m_Order}, Page::newest(kMaxExchanges)).m_Rows;
     auto const rowOfPayment = [&services](Payment const& payment) { return paymentRow(services, payment); };
     json content = {{"strip", stripContent(services)},
                     {"activity", activityContent(listing.m_Rows, exchanges)},

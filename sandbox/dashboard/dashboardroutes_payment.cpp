@@ -176,12 +176,10 @@ std::vector<Exchange> exchangesAt(Services const& services, Station const& stati
                                   std::vector<Exchange> const& all) {
     std::vector<Exchange> found;
     if (station.m_Kind == ExchangeKind::kSetup) {
-        ExchangeFilter filter;
+        Filter filter;
         filter.m_Account = payment.m_Account;
         filter.m_Kind = station.m_Kind;
-        Page page;
-        page.m_NewestFirst = true;
-        page.m_Limit = 1;
+        Page page = Page::newest(1);
         page.m_Before = all.empty() ? page.m_Before : all.front().m_Number;
         return services.m_Store.exchanges(filter, page).m_Rows;
     }

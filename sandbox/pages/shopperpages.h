@@ -6,9 +6,8 @@
 
 #include "diagnosis/explanation.h"
 #include "sandbox/http/httpmessages.h"
-#include "sandbox/store/exchange.h"
+#include "sandbox/store/rows.h"
 #include "sandbox/store/store.h"
-#include "sandbox/store/storedpayment.h"
 
 /// The pages for shoppers. Plain HTML without scripts, usable with screen readers and on phones. All values from
 /// outside are escaped.

@@ -5,7 +5,7 @@
 
 #include "sandbox/service/services.h"
 #include "sandbox/service/wrongcontent.h"
-#include "sandbox/store/storedpayment.h"
+#include "sandbox/store/rows.h"
 #include "sandbox/text/paymessage.h"
 
 /// Confirmations: what the service signs to report the result of a payment to its merchant.

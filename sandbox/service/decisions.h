@@ -7,8 +7,7 @@
 
 #include "sandbox/service/services.h"
 #include "sandbox/service/wrongcontent.h"
-#include "sandbox/store/exchange.h"
-#include "sandbox/store/storedpayment.h"
+#include "sandbox/store/rows.h"
 
 /// Decisions on payments: by the shopper's form, by the control API, or by a standing decision.
 namespace sandbox {

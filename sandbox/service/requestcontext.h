@@ -7,7 +7,7 @@
 #include "sandbox/http/httpmessages.h"
 #include "sandbox/service/services.h"
 #include "sandbox/service/wrongcontent.h"
-#include "sandbox/store/exchange.h"
+#include "sandbox/store/rows.h"
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/paymessage.h"
 

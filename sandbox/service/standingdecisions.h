@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "sandbox/store/storedpayment.h"
+#include "sandbox/store/rows.h"
 
 namespace sandbox {
 

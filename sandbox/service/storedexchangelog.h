@@ -7,7 +7,7 @@
 #include <string>
 
 #include "sandbox/http/httpmessages.h"
-#include "sandbox/store/exchange.h"
+#include "sandbox/store/rows.h"
 #include "sandbox/store/store.h"
 
 namespace sandbox {

@@ -6,8 +6,7 @@
 
 #include "sandbox/faults/fault.h"
 #include "sandbox/service/services.h"
-#include "sandbox/store/exchange.h"
-#include "sandbox/store/storedpayment.h"
+#include "sandbox/store/rows.h"
 #include "sandbox/text/paymessage.h"
 
 /// Faults of payments: messages that say something wrong and are signed rightly, and outcomes of another kind.

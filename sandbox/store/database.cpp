@@ -51,16 +51,16 @@ sqlite3* openFile(std::string const& path, Database::Access access) {
 
 }  // namespace
 
-Statement::Statement(Database& database, std::string sql) : m_Database(database), m_Sql(std::move(sql)) {
-    auto const kept = database.m_Kept.find(m_Sql);
-    if (kept != database.m_Kept.end() && kept->second) {
+void Statement::prepare() {
+    auto const kept = m_Database.m_Kept.find(m_Sql);
+    if (kept != m_Database.m_Kept.end() && kept->second) {
         m_Statement = std::move(kept->second);
         return;
     }
     sqlite3_stmt* statement = nullptr;
-    if (sqlite3_prepare_v3(database.m_Database.get(), m_Sql.c_str(), -1, SQLITE_PREPARE_PERSISTENT, &statement,
+    if (sqlite3_prepare_v3(m_Database.m_Database.get(), m_Sql.c_str(), -1, SQLITE_PREPARE_PERSISTENT, &statement,
                            nullptr) != SQLITE_OK) {
-        fail(database.m_Database.get());
+        fail(m_Database.m_Database.get());
     }
     m_Statement.reset(statement);
 }
@@ -82,19 +82,17 @@ void Statement::check(int result) const {
     }
 }
 
-Statement& Statement::text(std::string const& value) {
-    check(sqlite3_bind_text64(m_Statement.get(), ++m_Bound, value.data(), value.size(), SQLITE_TRANSIENT, SQLITE_UTF8));
-    return *this;
+void Statement::bind(std::string const& text) {
+    check(sqlite3_bind_text64(m_Statement.get(), ++m_Bound, text.data(), text.size(), SQLITE_TRANSIENT, SQLITE_UTF8));
 }
 
-Statement& Statement::bytes(std::string const& value) {
+void Statement::bind(Bytes bytes) {
+    std::string const& value = bytes.m_Value;
     check(sqlite3_bind_blob64(m_Statement.get(), ++m_Bound, value.data(), value.size(), SQLITE_TRANSIENT));
-    return *this;
 }
 
-Statement& Statement::number(std::int64_t value) {
-    check(sqlite3_bind_int64(m_Statement.get(), ++m_Bound, value));
-    return *this;
+void Statement::bind(std::int64_t number) {
+    check(sqlite3_bind_int64(m_Statement.get(), ++m_Bound, number));
 }
 
 bool Statement::step() {
@@ -155,15 +153,34 @@ Transaction::~Transaction() {
         return;
     }
     try {
-        m_Database.prepare("ROLLBACK").step();
+        m_Database.run("ROLLBACK");
     } catch (std::runtime_error const&) {
         // SQLite has rolled back by itself, which is what was wanted; the failure that led here is on its way.
     }
 }
 
 void Transaction::commit() {
-    m_Database.prepare("COMMIT").step();
+    m_Database.run("COMMIT");
     m_Open = false;
+}
+
+ReaderPool::Reader ReaderPool::take() {
+    {
+        std::lock_guard<std::mutex> const lock(m_Mutex);
+        if (!m_Idle.empty()) {
+            std::unique_ptr<Database> database = std::move(m_Idle.back());
+            m_Idle.pop_back();
+            return {*this, std::move(database)};
+        }
+    }
+    return {*this, std::make_unique<Database>(m_Path, Database::Access::kRead)};
+}
+
+void ReaderPool::giveBack(std::unique_ptr<Database> database) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    if (m_Idle.size() < kMaxIdle) {
+        m_Idle.push_back(std::move(database));
+    }
 }
 
 }  // namespace sandbox

@@ -3,11 +3,15 @@
 
 #include <sqlite3.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "sandbox/crypto/releaser.h"
 
@@ -15,21 +19,38 @@ namespace sandbox {
 
 class Database;
 
-/// One prepared statement. Parameters count from 1, columns from 0. Everything throws std::runtime_error.
+/// A parameter of bytes without an encoding. One of type std::string is text, which must hold no NUL.
+struct Bytes {
+    std::string const& m_Value;  ///< Borrowed.
+};
+
+/// One prepared statement. Columns count from 0. Everything throws std::runtime_error.
 class Statement {
 public:
-    /// Takes the statement that `database` has kept for this text, or prepares it. Borrows `database`.
-    Statement(Database& database, std::string sql);
+    /// Takes the statement that `database` has kept for this text, or prepares it, and binds `values` to its parameters
+    /// in their order. Borrows `database`.
+    template <class... Values>
+    Statement(Database& database, std::string sql, Values const&... values)
+        : m_Database(database), m_Sql(std::move(sql)) {
+        prepare();
+        (bind(values), ...);
+    }
 
     /// Gives the statement back to be used again.
     ~Statement();
     Statement(Statement const&) = delete;
     Statement& operator=(Statement const&) = delete;
 
-    /// Each binds the next parameter; text must hold no NUL, bytes may be anything.
-    Statement& text(std::string const& value);
-    Statement& bytes(std::string const& value);
-    Statement& number(std::int64_t value);
+    /// Binds the next parameter, or none when an optional value is absent.
+    void bind(std::string const& text);
+    void bind(Bytes bytes);
+    void bind(std::int64_t number);
+    template <class Value>
+    void bind(std::optional<Value> const& value) {
+        if (value) {
+            bind(*value);
+        }
+    }
 
     /// Runs to the next row; false when there is none.
     bool step();
@@ -37,7 +58,24 @@ public:
     [[nodiscard]] std::string column(int index) const;
     [[nodiscard]] std::int64_t numberColumn(int index) const;
 
+    /// What `read` makes of this statement at each row.
+    template <class Read>
+    auto all(Read read) {
+        std::vector<decltype(read(*this))> found;
+        while (step()) {
+            found.push_back(read(*this));
+        }
+        return found;
+    }
+
+    /// The same of the next row; nothing when there is none.
+    template <class Read>
+    auto first(Read read) {
+        return step() ? std::optional(read(*this)) : std::nullopt;
+    }
+
 private:
+    void prepare();
     void check(int result) const;
 
     Database& m_Database;  ///< Borrowed.
@@ -69,7 +107,16 @@ public:
     /// Replaces the content of `target` by that of this database, in one transaction. Throws std::runtime_error.
     void copyTo(Database& target);
 
-    Statement prepare(std::string sql) { return Statement(*this, std::move(sql)); }
+    template <class... Values>
+    Statement prepare(std::string sql, Values const&... values) {
+        return Statement(*this, std::move(sql), values...);
+    }
+
+    /// Runs one statement to its first row.
+    template <class... Values>
+    void run(std::string sql, Values const&... values) {
+        Statement(*this, std::move(sql), values...).step();
+    }
 
 private:
     friend class Statement;
@@ -86,7 +133,7 @@ class Transaction {
 public:
     explicit Transaction(Database& database, Database::Access access = Database::Access::kWrite)
         : m_Database(database) {
-        m_Database.prepare(access == Database::Access::kWrite ? "BEGIN IMMEDIATE" : "BEGIN").step();
+        m_Database.run(access == Database::Access::kWrite ? "BEGIN IMMEDIATE" : "BEGIN");
     }
     ~Transaction();
     Transaction(Transaction const&) = delete;
@@ -97,6 +144,48 @@ public:
 private:
     Database& m_Database;  ///< Borrowed.
     bool m_Open = true;
+};
+
+/// Connections that read one database file, for as many threads at a time as there are. Whoever reads waits neither for
+/// the writer nor for other readers, and holds up nobody.
+class ReaderPool {
+public:
+    /// A connection for one thread, given back at the end of its life.
+    class Reader {
+    public:
+        Reader(ReaderPool& pool, std::unique_ptr<Database> database) : m_Pool(pool), m_Database(std::move(database)) {}
+        ~Reader() {
+            if (m_Database) {
+                m_Pool.giveBack(std::move(m_Database));
+            }
+        }
+        Reader(Reader&&) = default;
+        Reader& operator=(Reader&&) = delete;
+        Reader(Reader const&) = delete;
+        Reader& operator=(Reader const&) = delete;
+
+        [[nodiscard]] Database& database() const { return *m_Database; }
+
+    private:
+        ReaderPool& m_Pool;  ///< Borrowed.
+        std::unique_ptr<Database> m_Database;
+    };
+
+    /// Opens nothing yet; the file must exist when a reader is taken.
+    explicit ReaderPool(std::string path) : m_Path(std::move(path)) { m_Idle.reserve(kMaxIdle); }
+
+    /// A connection that is idle, or a new one. Throws std::runtime_error.
+    Reader take();
+
+private:
+    /// How many idle connections are kept.
+    static constexpr std::size_t kMaxIdle = 8;
+
+    void giveBack(std::unique_ptr<Database> database);
+
+    std::string m_Path;
+    std::mutex m_Mutex;
+    std::vector<std::unique_ptr<Database>> m_Idle;  ///< At most kMaxIdle. Guarded by m_Mutex.
 };
 
 }  // namespace sandbox

@@ -31,22 +31,34 @@ std::optional<std::vector<StoreEvent>> EventFeed::Reader::await(std::chrono::mil
     return found;
 }
 
-bool EventFeed::isRead() {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    return m_Readers > 0;
-}
-
 void EventFeed::add(StoreEvent event) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
-    if (m_Readers == 0) {
-        return;
+    m_Changes += event.m_Exchange ? 0U : 1U;
+    if (m_Readers > 0) {
+        m_Events.push_back(std::move(event));
     }
-    m_Events.push_back(std::move(event));
     if (m_Events.size() > kMaxKept) {
         m_Events.pop_front();
         ++m_First;
     }
     m_Added.notify_all();
+}
+
+void EventFeed::countChange() {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    ++m_Changes;
+    m_Added.notify_all();
+}
+
+std::uint64_t EventFeed::changes() {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    return m_Changes;
+}
+
+bool EventFeed::awaitChange(std::uint64_t seen, std::chrono::steady_clock::time_point deadline) {
+    std::unique_lock<std::mutex> lock(m_Mutex);
+    m_Added.wait_until(lock, deadline, [this, seen] { return m_Ended || m_Changes > seen; });
+    return !m_Ended;
 }
 
 void EventFeed::end() {

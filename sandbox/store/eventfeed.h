@@ -11,9 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "sandbox/store/exchange.h"
-#include "sandbox/store/notification.h"
-#include "sandbox/store/storedpayment.h"
+#include "sandbox/store/rows.h"
 
 namespace sandbox {
 
@@ -54,20 +52,28 @@ public:
         std::uint64_t m_Next;  ///< Number of the event that it reads next.
     };
 
-    /// Whether anybody reads. What is added otherwise is lost.
-    [[nodiscard]] bool isRead();
-
+    /// What is added while nobody reads is lost. Counts as a change unless it is an exchange.
     void add(StoreEvent event);
+
+    /// Counts a change that is no event.
+    void countChange();
+
+    /// The changes of payments and notifications since the start.
+    [[nodiscard]] std::uint64_t changes();
+
+    /// Returns once there were more changes than `seen`, at `deadline`, or when end() was called: false then, for good.
+    bool awaitChange(std::uint64_t seen, std::chrono::steady_clock::time_point deadline);
 
     /// Ends all waits, for good.
     void end();
 
 private:
-    std::mutex m_Mutex;  ///< Guards all below.
-    std::condition_variable m_Added;
+    std::mutex m_Mutex;               ///< Guards all below.
+    std::condition_variable m_Added;  ///< An event, or a change.
     std::deque<StoreEvent> m_Events;
     std::uint64_t m_First = 0;  ///< Number of the first one in m_Events.
     std::size_t m_Readers = 0;
+    std::uint64_t m_Changes = 0;
     bool m_Ended = false;
 };
 

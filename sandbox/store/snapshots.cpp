@@ -53,7 +53,7 @@ bool Snapshots::save(std::string const& name, std::string const& note) {
     {
         Database copy(fresh);
         m_Store.copyTo(copy);
-        copy.prepare("INSERT OR REPLACE INTO settings (name, value) VALUES (?, ?)").text(kNote).text(note).step();
+        copy.run("INSERT OR REPLACE INTO settings (name, value) VALUES (?, ?)", kNote, note);
     }
     files::rename(fresh, file);
     return isNew;
@@ -61,8 +61,8 @@ bool Snapshots::save(std::string const& name, std::string const& note) {
 
 std::string Snapshots::note(std::string const& name) {
     Database copy(existing(name), Database::Access::kRead);
-    Statement row = copy.prepare("SELECT value FROM settings WHERE name = ?");
-    return row.text(kNote).step() ? row.column(0) : "";
+    Statement row = copy.prepare("SELECT value FROM settings WHERE name = ?", kNote);
+    return row.step() ? row.column(0) : "";
 }
 
 void Snapshots::restore(std::string const& name) {

@@ -1,11 +1,13 @@
-// Accounts, keys and counts. Payments are in store_payments.cpp, exchanges in store_exchanges.cpp, the tables in
-// storelayout.cpp.
+// Accounts, keys, settings and counts, and what payments (store_payments.cpp) and exchanges (store_exchanges.cpp)
+// share: their filters, and removing the oldest of them while new ones are added. The tables are in storelayout.cpp.
 // A function that writes is one turn of m_Writer. One that reads a list takes a reader, and thus waits for nobody; one
 // that reads a row takes a RowReader, which in a request is a turn as well. Passwords are hashed outside of turns,
 // since that is slow on purpose.
 #include "sandbox/store/store.h"
 
-#include <cstdint>
+#include <algorithm>
+#include <ctime>
+#include <limits>
 #include <stdexcept>
 
 #include "sandbox/crypto/credentials.h"
@@ -18,6 +20,12 @@ namespace {
 
 constexpr int kSaltBytes = 16;
 constexpr std::int64_t kFirstCustomer = 1001;
+
+/// What the account's password is checked with.
+struct StoredPassword {
+    std::string m_Salt;
+    std::string m_Hash;
+};
 
 }  // namespace
 
@@ -43,116 +51,96 @@ void Store::putAccount(std::string const& user, std::string const& password) {
     std::string const salt = randomHex(kSaltBytes);
     std::string const hash = hashPassword(salt, password);
     Turn turn(m_Writer);
-    m_Database
-        .prepare(
-            "INSERT INTO accounts (user, salt, hash, customer) "
-            "VALUES (?, ?, ?, (SELECT coalesce(max(customer) + 1, ?) FROM accounts)) "
-            "ON CONFLICT (user) DO UPDATE SET salt = excluded.salt, hash = excluded.hash")
-        .text(user)
-        .text(salt)
-        .text(hash)
-        .number(kFirstCustomer)
-        .step();
+    m_Database.run(
+        "INSERT INTO accounts (user, salt, hash, customer) "
+        "VALUES (?, ?, ?, (SELECT coalesce(max(customer) + 1, ?) FROM accounts)) "
+        "ON CONFLICT (user) DO UPDATE SET salt = excluded.salt, hash = excluded.hash",
+        user, salt, hash, kFirstCustomer);
     turn.keep();
 }
 
 Store::Login Store::checkAccount(std::string const& user, std::string const& password) {
-    std::string salt;
-    std::string hash;
-    {
-        RowReader const reader(*this);
-        Statement row = reader.database().prepare("SELECT salt, hash FROM accounts WHERE user = ?");
-        if (!row.text(user).step()) {
-            return Login::kUnknownUser;
-        }
-        salt = row.column(0);
-        hash = row.column(1);
+    std::optional<StoredPassword> const stored = RowReader(*this)
+                                                     .database()
+                                                     .prepare("SELECT salt, hash FROM accounts WHERE user = ?", user)
+                                                     .first([](Statement const& row) {
+                                                         return StoredPassword{row.column(0), row.column(1)};
+                                                     });
+    if (!stored) {
+        return Login::kUnknownUser;
     }
-    return equalSecrets(hashPassword(salt, password), hash) ? Login::kOk : Login::kWrongPassword;
+    bool const isRight = equalSecrets(hashPassword(stored->m_Salt, password), stored->m_Hash);
+    return isRight ? Login::kOk : Login::kWrongPassword;
 }
 
 std::string Store::customerOf(std::string const& user) {
     RowReader const reader(*this);
-    Statement row = reader.database().prepare("SELECT customer FROM accounts WHERE user = ?");
-    if (!row.text(user).step()) {
+    Statement row = reader.database().prepare("SELECT customer FROM accounts WHERE user = ?", user);
+    if (!row.step()) {
         throw std::runtime_error("the database has no account " + user);
     }
-    return std::to_string(row.numberColumn(0));
+    return row.column(0);
 }
 
 std::vector<std::string> Store::accounts() {
     ReaderPool::Reader const reader = m_Readers.take();
-    Statement row = reader.database().prepare("SELECT user FROM accounts ORDER BY customer");
-    std::vector<std::string> found;
-    while (row.step()) {
-        found.push_back(row.column(0));
-    }
-    return found;
+    return reader.database().prepare("SELECT user FROM accounts ORDER BY customer").all(firstColumn);
 }
 
 std::vector<StoredServerKey> Store::serverKeys() {
     ReaderPool::Reader const reader = m_Readers.take();
-    Statement row = reader.database().prepare("SELECT id, private_der FROM server_keys ORDER BY number");
-    std::vector<StoredServerKey> found;
-    while (row.step()) {
-        found.push_back({row.column(0), row.column(1)});
-    }
-    return found;
+    return reader.database()
+        .prepare("SELECT id, private_der FROM server_keys ORDER BY number")
+        .all([](Statement const& row) {
+            return StoredServerKey{row.column(0), row.column(1)};
+        });
 }
 
 void Store::addServerKey(StoredServerKey const& key, std::string const& time) {
     Turn turn(m_Writer);
-    m_Database.prepare("INSERT INTO server_keys (id, private_der, time) VALUES (?, ?, ?)")
-        .text(key.m_Id)
-        .bytes(key.m_PrivateDer)
-        .text(time)
-        .step();
+    m_Database.run("INSERT INTO server_keys (id, private_der, time) VALUES (?, ?, ?)", key.m_Id,
+                   Bytes{key.m_PrivateDer}, time);
     turn.keep();
 }
 
 Store::KeyAdded Store::addMerchantKey(std::string const& id, MerchantKey const& key, std::string const& time) {
     Turn turn(m_Writer);
     {
-        Statement row = m_Database.prepare("SELECT account, blob FROM merchant_keys WHERE id = ?");
-        if (row.text(id).step()) {
+        Statement row = m_Database.prepare("SELECT account, blob FROM merchant_keys WHERE id = ?", id);
+        if (row.step()) {
             bool const same = row.column(0) == key.m_Account && row.column(1) == key.m_Blob;
             return same ? KeyAdded::kKnown : KeyAdded::kTaken;
         }
     }
-    m_Database.prepare("INSERT INTO merchant_keys (id, account, blob, time) VALUES (?, ?, ?, ?)")
-        .text(id)
-        .text(key.m_Account)
-        .text(key.m_Blob)
-        .text(time)
-        .step();
+    m_Database.run("INSERT INTO merchant_keys (id, account, blob, time) VALUES (?, ?, ?, ?)", id, key.m_Account,
+                   key.m_Blob, time);
     turn.keep();
     return KeyAdded::kNew;
 }
 
 std::optional<MerchantKey> Store::merchantKey(std::string const& id) {
     RowReader const reader(*this);
-    Statement row = reader.database().prepare(
-        "SELECT k.account, k.blob, a.customer FROM merchant_keys k JOIN accounts a ON a.user = k.account WHERE k.id = "
-        "?");
-    if (!row.text(id).step()) {
-        return std::nullopt;
-    }
-    return MerchantKey{row.column(0), row.column(1), std::to_string(row.numberColumn(2))};
+    return reader.database()
+        .prepare(
+            "SELECT k.account, k.blob, a.customer FROM merchant_keys k JOIN accounts a ON a.user = k.account "
+            "WHERE k.id = ?",
+            id)
+        .first([](Statement const& row) {
+            return MerchantKey{row.column(0), row.column(1), row.column(2)};
+        });
 }
 
 std::vector<PublishedKey> Store::merchantKeys() {
     ReaderPool::Reader const reader = m_Readers.take();
-    Statement row = reader.database().prepare("SELECT id, account, blob, time FROM merchant_keys ORDER BY rowid");
-    std::vector<PublishedKey> found;
-    while (row.step()) {
-        found.push_back({row.column(0), {row.column(1), row.column(2)}, row.column(3)});
-    }
-    return found;
+    return reader.database()
+        .prepare("SELECT id, account, blob, time FROM merchant_keys ORDER BY rowid")
+        .all([](Statement const& row) {
+            return PublishedKey{row.column(0), {row.column(1), row.column(2)}, row.column(3)};
+        });
 }
 
 void Store::copyTo(Database& target) {
-    ReaderPool::Reader const reader = m_Readers.take();
-    reader.database().copyTo(target);
+    m_Readers.take().database().copyTo(target);
 }
 
 void Store::replaceBy(Database& source) {
@@ -160,7 +148,27 @@ void Store::replaceBy(Database& source) {
         Turn const turn(m_Writer, Turn::Purpose::kAlone);
         source.copyTo(turn.database());
     }
-    countChange();
+    m_Events.countChange();
+}
+
+std::map<std::string, std::string> Store::settings() {
+    ReaderPool::Reader const reader = m_Readers.take();
+    Statement row = reader.database().prepare("SELECT name, value FROM settings");
+    std::map<std::string, std::string> found;
+    while (row.step()) {
+        found[row.column(0)] = row.column(1);
+    }
+    return found;
+}
+
+void Store::setSetting(std::string const& name, std::string const& value) {
+    Turn turn(m_Writer);
+    if (value.empty()) {
+        m_Database.run("DELETE FROM settings WHERE name = ?", name);
+    } else {
+        m_Database.run("INSERT OR REPLACE INTO settings (name, value) VALUES (?, ?)", name, value);
+    }
+    turn.keep();
 }
 
 Counts Store::counts() {
@@ -172,6 +180,66 @@ Counts Store::counts() {
     row.step();
     return {row.numberColumn(0), row.numberColumn(1), row.numberColumn(2),
             row.numberColumn(3), row.numberColumn(4), row.numberColumn(5)};
+}
+
+std::string Store::firstColumn(Statement const& row) {
+    return row.column(0);
+}
+
+/// The WHERE of a filter and the bounds of a page, with a space before it. `payment` is the column of identifiers of
+/// payments.
+std::string Store::conditionsOf(Filter const& filter, char const* payment) {
+    return std::string(" WHERE number > ? AND number < ?") + (filter.m_Account ? " AND account = ?" : "") +
+           (filter.m_Order ? " AND order_id = ?" : "") + (filter.m_Token ? " AND token = ?" : "") +
+           (filter.m_Payment ? std::string(" AND ") + payment + " = ?" : "") +
+           (filter.m_State ? " AND state = ?" : "") + (filter.m_Kind ? " AND kind = ?" : "");
+}
+
+/// Binds the parameters of conditionsOf().
+void Store::bind(Statement& row, Filter const& filter, Page const& page) {
+    row.bind(page.m_After);
+    row.bind(page.m_Before);
+    row.bind(filter.m_Account);
+    if (filter.m_Order) {
+        row.bind(Bytes{*filter.m_Order});
+    }
+    row.bind(filter.m_Token);
+    row.bind(filter.m_Payment);
+    if (filter.m_State) {
+        row.bind(stateName(*filter.m_State));
+    }
+    if (filter.m_Kind) {
+        row.bind(exchangeName(*filter.m_Kind));
+    }
+}
+
+/// Removes one batch of what is too old or too much. True when there may be more. Called in a turn.
+bool Store::prune() {
+    if (!m_Retention.m_Newest && !m_Retention.m_Seconds) {
+        return false;
+    }
+    std::int64_t const before =
+        m_Retention.m_Seconds ? std::time(nullptr) - *m_Retention.m_Seconds : std::numeric_limits<std::int64_t>::min();
+    std::int64_t excess[2] = {0, 0};
+    if (m_Retention.m_Newest) {
+        Statement row = m_Database.prepare(
+            "SELECT (SELECT count FROM counters WHERE name = 'exchanges'), (SELECT count FROM counters WHERE name = "
+            "'payments')");
+        row.step();
+        for (int i = 0; i < 2; ++i) {
+            excess[i] = std::clamp<std::int64_t>(row.numberColumn(i) - *m_Retention.m_Newest, 0, kBatch);
+        }
+    }
+    bool const moreExchanges = pruneExchanges(excess[0], before);
+    bool const morePayments = prunePayments(excess[1], before);
+    return moreExchanges || morePayments;
+}
+
+/// The largest number that the table has given.
+std::int64_t Store::lastNumberIn(char const* counter) {
+    Statement row = m_Database.prepare("SELECT last FROM counters WHERE name = ?", std::string(counter));
+    row.step();
+    return row.numberColumn(0);
 }
 
 }  // namespace sandbox

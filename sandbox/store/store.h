@@ -2,11 +2,9 @@
 #define TALLOWIN_SANDBOX_STORE_STORE_H
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
@@ -14,12 +12,8 @@
 
 #include "sandbox/store/database.h"
 #include "sandbox/store/eventfeed.h"
-#include "sandbox/store/exchange.h"
 #include "sandbox/store/jointwriter.h"
-#include "sandbox/store/listing.h"
-#include "sandbox/store/notification.h"
-#include "sandbox/store/readerpool.h"
-#include "sandbox/store/storedpayment.h"
+#include "sandbox/store/rows.h"
 
 namespace sandbox {
 
@@ -157,13 +151,10 @@ public:
     /// Nothing when there is no such payment.
     [[nodiscard]] std::optional<Subject> subjectOf(std::string const& id);
 
-    /// The ORDERID of the payment with this token; empty when there is none.
-    [[nodiscard]] std::string orderOfToken(std::string const& account, std::string const& token);
-
-    [[nodiscard]] Listing<Payment> payments(PaymentFilter const& filter, Page const& page);
+    [[nodiscard]] Listing<Payment> payments(Filter const& filter, Page const& page);
 
     /// The newest payment that the filter matches; nothing when there is none.
-    [[nodiscard]] std::optional<Payment> newestPayment(PaymentFilter const& filter);
+    [[nodiscard]] std::optional<Payment> newestPayment(Filter const& filter);
 
     /// Undecided payments of these accounts whose EXPIRATION lies before `moment`, at most `limit`.
     [[nodiscard]] std::vector<Payment> paymentsToExpire(std::int64_t moment, std::int64_t limit,
@@ -212,15 +203,7 @@ public:
     [[nodiscard]] std::map<std::string, std::string> settings();
     void setSetting(std::string const& name, std::string const& value);
 
-    /// Counts the changes of payments and notifications since the start.
-    [[nodiscard]] std::uint64_t changes();
-
-    /// Returns once there were more changes than `seen`, at `deadline`, or when endWaits() was called: false then, for
-    /// good.
-    bool awaitChange(std::uint64_t seen, std::chrono::steady_clock::time_point deadline);
-    void endWaits();
-
-    /// Passes on moves of payments, exchanges and outcomes of notifications as they are stored. endWaits() ends it.
+    /// Passes on moves of payments, exchanges and outcomes of notifications as they are stored.
     [[nodiscard]] EventFeed& events() { return m_Events; }
 
     /// Oldest first.
@@ -239,10 +222,10 @@ public:
     /// Stores how much was sent of the response of the exchange with that number.
     void setDelivery(std::int64_t number, std::string const& delivery);
 
-    [[nodiscard]] Listing<Exchange> exchanges(ExchangeFilter const& filter, Page const& page);
+    [[nodiscard]] Listing<Exchange> exchanges(Filter const& filter, Page const& page);
 
     /// The same without the long parts: data, signature, steps, request and response are empty.
-    [[nodiscard]] Listing<Exchange> exchangeSummaries(ExchangeFilter const& filter, Page const& page);
+    [[nodiscard]] Listing<Exchange> exchangeSummaries(Filter const& filter, Page const& page);
 
     /// Summaries of those that belong to `payment`, oldest first, at most `limit`: those about it, those of its
     /// merchant or of unknown merchants with its TOKEN, and those without any TOKEN that have its order.
@@ -256,7 +239,7 @@ public:
                                                                                std::int64_t longest);
 
     /// Removes exchanges that are there when it is called. Payments are not held up meanwhile. Returns how many.
-    std::int64_t removeExchanges(ExchangeFilter const& filter, Page const& page);
+    std::int64_t removeExchanges(Filter const& filter, Page const& page);
 
     /// Removes payments with their history and notifications, all or those of an account; as removeExchanges().
     std::int64_t removePayments(std::optional<std::string> const& account);
@@ -275,24 +258,42 @@ private:
         std::optional<ReaderPool::Reader> m_Reader;  ///< Else.
     };
 
+    /// Rows are removed in batches. A thread pauses between two: one that only unlocked and locked again would mostly
+    /// be the next one to get the lock.
+    static constexpr std::int64_t kBatch = 256;
+    static constexpr std::chrono::microseconds kPause{200};
+
+    /// The rows of a statement that `read` reads, as many as `page` admits. It adds to the bytes that the page counts.
+    template <class Row, class Read>
+    static Listing<Row> listingOf(Statement& row, Page const& page, Read read) {
+        Listing<Row> found;
+        std::size_t bytes = 0;
+        while (row.step()) {
+            if (static_cast<std::int64_t>(found.m_Rows.size()) == page.m_Limit || bytes >= page.m_MaxBytes) {
+                found.m_More = true;
+                break;
+            }
+            found.m_Rows.push_back(read(row, bytes));
+        }
+        return found;
+    }
+
+    static std::string firstColumn(Statement const& row);
+    static std::string conditionsOf(Filter const& filter, char const* payment);
+    static void bind(Statement& row, Filter const& filter, Page const& page);
+    Listing<Exchange> listExchanges(std::string const& select, Filter const& filter, Page const& page);
     std::int64_t insertExchange(Exchange const& exchange);
     void makeFreeIdentifiers(StoredPayment& fresh, MakeIdentifiers const& makeIdentifiers);
-    void countChange();
     bool prune();
     bool pruneExchanges(std::int64_t count, std::int64_t before);
     bool prunePayments(std::int64_t count, std::int64_t before);
     std::int64_t lastNumberIn(char const* counter);
-    void removePayment(std::string const& id);
+    std::int64_t removePayments(Statement chosen);
     void insertHistory(std::string const& id, HistoryEntry const& step);
     void insertNotification(Notification const& notification);
     void replaceDueMove(std::string const& id, std::optional<DueMove> const& next);
-    bool isIn(std::string const& id, std::vector<PaymentState> const& states);
 
     Retention m_Retention;
-    std::mutex m_Mutex;
-    std::condition_variable m_Changed;
-    std::uint64_t m_Changes = 0;  ///< Guarded by m_Mutex, as is the next one.
-    bool m_WaitsEnded = false;
     EventFeed m_Events;
     JointWriter m_Writer;
     Database& m_Database = m_Writer.database();  ///< Used in turns of the writer.

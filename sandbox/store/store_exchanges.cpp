@@ -2,11 +2,14 @@
 // What a request changes is mostly committed in one transaction with its exchange. When something is committed before
 // that, the request is inserted into begun_exchanges in the same transaction, and later replaced by its exchange. A
 // request that was carried out is thus on record even when the process is killed.
+// Rows are removed in batches, and between two batches it is the turn of payments. A request removes what was there
+// when it came; rows that are added meanwhile stay, so that it comes to an end.
 // The steps of a check are stored as JSON with their texts in hexadecimal, because they can hold any bytes.
+#include <algorithm>
 #include <ctime>
 #include <nlohmann/json.hpp>
+#include <thread>
 
-#include "sandbox/store/conditions.h"
 #include "sandbox/store/store.h"
 #include "sandbox/text/wiretext.h"
 
@@ -69,20 +72,10 @@ Exchange readExchange(Statement const& row) {
     return exchange;
 }
 
-/// The exchanges of a statement, as many as `page` admits.
-Listing<Exchange> readExchanges(Statement& row, Page const& page) {
-    Listing<Exchange> found;
-    std::size_t bytes = 0;
-    while (row.step()) {
-        if (static_cast<std::int64_t>(found.m_Rows.size()) == page.m_Limit || bytes >= page.m_MaxBytes) {
-            found.m_More = true;
-            break;
-        }
-        Exchange exchange = readExchange(row);
-        bytes += exchange.m_Data.size() + exchange.m_Request.size() + exchange.m_Response.size();
-        found.m_Rows.push_back(std::move(exchange));
-    }
-    return found;
+Exchange readCounted(Statement const& row, std::size_t& bytes) {
+    Exchange exchange = readExchange(row);
+    bytes += exchange.m_Data.size() + exchange.m_Request.size() + exchange.m_Response.size();
+    return exchange;
 }
 
 /// What exchangeSummaries() reports of `exchange`.
@@ -102,15 +95,6 @@ Exchange summaryOf(Exchange const& exchange, std::int64_t number) {
     return summary;
 }
 
-/// A page of exchanges, each with the columns that `select` names.
-Listing<Exchange> listExchanges(Database& database, std::string const& select, ExchangeFilter const& filter,
-                                Page const& page) {
-    Statement row =
-        database.prepare(select + conditionsOf(filter) + " ORDER BY number" + (page.m_NewestFirst ? " DESC" : ""));
-    bind(row, filter, page);
-    return readExchanges(row, page);
-}
-
 /// What a proxy carried, which it does not read, linked to the payment whose identifier stands in it.
 Exchange linked(Database& database, Exchange exchange) {
     constexpr std::size_t kDigits = 16;
@@ -120,8 +104,8 @@ Exchange linked(Database& database, Exchange exchange) {
             if (id.size() <= kDigits || id.find_first_not_of("0123456789abcdef", 1) != std::string::npos) {
                 continue;
             }
-            Statement row = database.prepare("SELECT account, token FROM payments WHERE id = ?");
-            if (row.text(id).step()) {
+            Statement row = database.prepare("SELECT account, token FROM payments WHERE id = ?", id);
+            if (row.step()) {
                 exchange.m_Account = row.column(0);
                 exchange.m_Token = row.column(1);
                 exchange.m_Payment = id;
@@ -135,20 +119,12 @@ Exchange linked(Database& database, Exchange exchange) {
 }  // namespace
 
 void Store::Request::putOnRecord() {
-    m_Store.m_Database
-        .prepare(
-            "INSERT INTO begun_exchanges (time, kind, account, order_id, token, payment, path, data, request) "
-            "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)")
-        .text(m_Exchange.m_Time)
-        .text(exchangeName(m_Exchange.m_Kind))
-        .text(m_Exchange.m_Account)
-        .bytes(m_Exchange.m_Order)
-        .text(m_Exchange.m_Token)
-        .text(m_Exchange.m_Payment)
-        .text(m_Exchange.m_Path)
-        .bytes(m_Exchange.m_Data)
-        .bytes(m_Exchange.m_Request)
-        .step();
+    m_Store.m_Database.run(
+        "INSERT INTO begun_exchanges (time, kind, account, order_id, token, payment, path, data, request) "
+        "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)",
+        m_Exchange.m_Time, exchangeName(m_Exchange.m_Kind), m_Exchange.m_Account, Bytes{m_Exchange.m_Order},
+        m_Exchange.m_Token, m_Exchange.m_Payment, m_Exchange.m_Path, Bytes{m_Exchange.m_Data},
+        Bytes{m_Exchange.m_Request});
     m_Begun = m_Store.m_Database.lastNumber();
 }
 
@@ -158,7 +134,7 @@ std::int64_t Store::Request::end(Exchange const& exchange) {
         Turn turn(m_Store.m_Writer);
         number = m_Store.insertExchange(exchange);
         if (m_Begun != 0) {
-            m_Store.m_Database.prepare("DELETE FROM begun_exchanges WHERE number = ?").number(m_Begun).step();
+            m_Store.m_Database.run("DELETE FROM begun_exchanges WHERE number = ?", m_Begun);
         }
         turn.keepLast([this, summary = summaryOf(exchange, number)] { m_Store.m_Events.add({{}, summary}); });
     }
@@ -168,8 +144,7 @@ std::int64_t Store::Request::end(Exchange const& exchange) {
 
 std::int64_t Store::addExchange(Exchange const& exchange) {
     if (exchange.m_Kind == ExchangeKind::kProxy && exchange.m_Payment.empty()) {
-        ReaderPool::Reader const reader = m_Readers.take();
-        Exchange const about = linked(reader.database(), exchange);
+        Exchange const about = linked(m_Readers.take().database(), exchange);
         if (!about.m_Payment.empty()) {
             return addExchange(about);
         }
@@ -182,34 +157,18 @@ std::int64_t Store::addExchange(Exchange const& exchange) {
 
 /// Called in a turn.
 std::int64_t Store::insertExchange(Exchange const& exchange) {
-    m_Database
-        .prepare(
-            "INSERT INTO exchanges (number, time, kind, account, order_id, token, payment, stored, path, data, "
-            "signature, verdict, steps, request, answer, fault, microseconds) "
-            "VALUES ((SELECT last + 1 FROM counters WHERE name = 'exchanges'), ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, "
-            "?, "
-            "?, ?)")
-        .text(exchange.m_Time)
-        .text(exchangeName(exchange.m_Kind))
-        .text(exchange.m_Account)
-        .bytes(exchange.m_Order)
-        .text(exchange.m_Token)
-        .text(exchange.m_Payment)
-        .number(std::time(nullptr))
-        .text(exchange.m_Path)
-        .bytes(exchange.m_Data)
-        .bytes(exchange.m_Signature)
-        .bytes(exchange.m_Verdict)
-        .text(stepsText(exchange.m_Steps))
-        .bytes(exchange.m_Request)
-        .bytes(exchange.m_Response)
-        .bytes(exchange.m_Fault)
-        .number(exchange.m_Microseconds)
-        .step();
+    m_Database.run(
+        "INSERT INTO exchanges (number, time, kind, account, order_id, token, payment, stored, path, data, signature, "
+        "verdict, steps, request, answer, fault, microseconds) VALUES ((SELECT last + 1 FROM counters WHERE name = "
+        "'exchanges'), ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
+        exchange.m_Time, exchangeName(exchange.m_Kind), exchange.m_Account, Bytes{exchange.m_Order}, exchange.m_Token,
+        exchange.m_Payment, std::time(nullptr), exchange.m_Path, Bytes{exchange.m_Data}, Bytes{exchange.m_Signature},
+        Bytes{exchange.m_Verdict}, stepsText(exchange.m_Steps), Bytes{exchange.m_Request}, Bytes{exchange.m_Response},
+        Bytes{exchange.m_Fault}, exchange.m_Microseconds);
     std::int64_t const number = m_Database.lastNumber();
     for (CheckStep const& step : exchange.m_Steps) {
         if (step.m_Warning) {
-            m_Database.prepare("INSERT INTO warnings (exchange) VALUES (?)").number(number).step();
+            m_Database.run("INSERT INTO warnings (exchange) VALUES (?)", number);
         }
     }
     if (number % kPruneEvery == 0) {
@@ -220,56 +179,84 @@ std::int64_t Store::insertExchange(Exchange const& exchange) {
 
 void Store::setDelivery(std::int64_t number, std::string const& delivery) {
     Turn turn(m_Writer);
-    m_Database.prepare("UPDATE exchanges SET delivery = ? WHERE number = ?").text(delivery).number(number).step();
+    m_Database.run("UPDATE exchanges SET delivery = ? WHERE number = ?", delivery, number);
     turn.keep();
 }
 
-Listing<Exchange> Store::exchanges(ExchangeFilter const& filter, Page const& page) {
-    ReaderPool::Reader const reader = m_Readers.take();
-    return listExchanges(reader.database(), kComplete, filter, page);
+Listing<Exchange> Store::exchanges(Filter const& filter, Page const& page) {
+    return listExchanges(kComplete, filter, page);
 }
 
-Listing<Exchange> Store::exchangeSummaries(ExchangeFilter const& filter, Page const& page) {
+Listing<Exchange> Store::exchangeSummaries(Filter const& filter, Page const& page) {
+    return listExchanges(kSummary, filter, page);
+}
+
+/// A page of exchanges, each with the columns that `select` names.
+Listing<Exchange> Store::listExchanges(std::string const& select, Filter const& filter, Page const& page) {
     ReaderPool::Reader const reader = m_Readers.take();
-    return listExchanges(reader.database(), kSummary, filter, page);
+    Statement row = reader.database().prepare(select + conditionsOf(filter, "payment") + " ORDER BY number" +
+                                              (page.m_NewestFirst ? " DESC" : ""));
+    bind(row, filter, page);
+    return listingOf<Exchange>(row, page, readCounted);
 }
 
 Listing<Exchange> Store::exchangeSummariesOf(Payment const& payment, std::int64_t limit) {
     ReaderPool::Reader const reader = m_Readers.take();
-    Statement row = reader.database().prepare(std::string(kSummary) +
-                                              " WHERE number IN ("
-                                              "SELECT number FROM exchanges WHERE payment = ?1 "
-                                              "UNION SELECT number FROM exchanges WHERE token = ?2 AND account IN ('', "
-                                              "?3) AND payment = '' "
-                                              "UNION SELECT number FROM exchanges WHERE order_id = ?4 AND order_id <> "
-                                              "x'' AND token = '' AND payment = '' AND account IN ('', ?3)"
-                                              ") ORDER BY number");
-    row.text(payment.m_Id)
-        .text(payment.m_Token)
-        .text(payment.m_Account)
-        .bytes(payment.attribute("ORDERID").value_or(""));
+    Statement row = reader.database().prepare(
+        std::string(kSummary) +
+            " WHERE number IN (SELECT number FROM exchanges WHERE payment = ?1 "
+            "UNION SELECT number FROM exchanges WHERE token = ?2 AND account IN ('', ?3) AND payment = '' "
+            "UNION SELECT number FROM exchanges WHERE order_id = ?4 AND order_id <> x'' AND token = '' AND "
+            "payment = '' AND account IN ('', ?3)) ORDER BY number",
+        payment.m_Id, payment.m_Token, payment.m_Account, Bytes{payment.attribute("ORDERID").value_or("")});
     Page page;
     page.m_Limit = limit;
-    return readExchanges(row, page);
+    return listingOf<Exchange>(row, page, readCounted);
 }
 
 std::optional<Exchange> Store::exchange(std::int64_t number) {
     RowReader const reader(*this);
-    Statement row = reader.database().prepare(std::string(kComplete) + " WHERE number = ?");
-    return row.number(number).step() ? std::optional<Exchange>(readExchange(row)) : std::nullopt;
+    return reader.database().prepare(std::string(kComplete) + " WHERE number = ?", number).first(readExchange);
 }
 
 std::vector<std::pair<std::int64_t, std::string>> Store::latestData(std::int64_t count, std::int64_t longest) {
     ReaderPool::Reader const reader = m_Readers.take();
-    Statement row = reader.database().prepare(
-        "SELECT number, data FROM (SELECT number, data FROM exchanges ORDER BY number DESC LIMIT ?) "
-        "WHERE length(data) BETWEEN 1 AND ? ORDER BY number DESC");
-    row.number(count).number(longest);
-    std::vector<std::pair<std::int64_t, std::string>> found;
-    while (row.step()) {
-        found.emplace_back(row.numberColumn(0), row.column(1));
+    return reader.database()
+        .prepare(
+            "SELECT number, data FROM (SELECT number, data FROM exchanges ORDER BY number DESC LIMIT ?) "
+            "WHERE length(data) BETWEEN 1 AND ? ORDER BY number DESC",
+            count, longest)
+        .all([](Statement const& row) { return std::pair(row.numberColumn(0), row.column(1)); });
+}
+
+std::int64_t Store::removeExchanges(Filter const& filter, Page const& page) {
+    Page present = page;
+    std::int64_t removed = 0;
+    for (std::int64_t changed = kBatch; changed == kBatch; std::this_thread::sleep_for(kPause)) {
+        Turn turn(m_Writer);
+        if (removed == 0) {
+            present.m_Before = std::min(page.m_Before, lastNumberIn("exchanges") + 1);
+        }
+        Statement row = m_Database.prepare("DELETE FROM exchanges WHERE number IN (SELECT number FROM exchanges" +
+                                           conditionsOf(filter, "payment") + " ORDER BY number LIMIT ?)");
+        bind(row, filter, present);
+        row.bind(kBatch);
+        row.step();
+        changed = m_Database.changes();
+        removed += changed;
+        turn.keep();
     }
-    return found;
+    return removed;
+}
+
+/// Removes the oldest `count`, and of the oldest those that were stored before that moment. True when there may be
+/// more. Called in a turn.
+bool Store::pruneExchanges(std::int64_t count, std::int64_t before) {
+    m_Database.run(
+        "DELETE FROM exchanges WHERE number IN (SELECT number FROM exchanges ORDER BY number LIMIT ?) OR (number IN "
+        "(SELECT number FROM exchanges ORDER BY number LIMIT ?) AND stored < ?)",
+        count, m_Retention.m_Seconds ? kBatch : 0, before);
+    return m_Database.changes() >= kBatch;
 }
 
 }  // namespace sandbox

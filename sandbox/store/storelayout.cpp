@@ -15,7 +15,7 @@
 #include <utility>
 #include <vector>
 
-#include "sandbox/store/storedpayment.h"
+#include "sandbox/store/rows.h"
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/paymessage.h"
 #include "sandbox/text/utctime.h"
@@ -160,35 +160,18 @@ constexpr char kIndexes[] = R"(
         name TEXT PRIMARY KEY,
         count INTEGER NOT NULL,
         last INTEGER NOT NULL) WITHOUT ROWID;
-    INSERT INTO counters SELECT 'payments', count(*), coalesce(max(number), 0) FROM payments;
-    INSERT INTO counters SELECT 'notifications', count(*), coalesce(max(number), 0) FROM notifications;
-    INSERT INTO counters SELECT 'exchanges', count(*), coalesce(max(number), 0) FROM exchanges;
-    INSERT INTO counters SELECT 'warnings', count(*), 0 FROM warnings;
-    CREATE TRIGGER payment_added AFTER INSERT ON payments BEGIN
-        UPDATE counters SET count = count + 1, last = max(last, new.number) WHERE name = 'payments';
-    END;
-    CREATE TRIGGER payment_removed AFTER DELETE ON payments BEGIN
-        UPDATE counters SET count = count - 1 WHERE name = 'payments';
-    END;
-    CREATE TRIGGER notification_added AFTER INSERT ON notifications BEGIN
-        UPDATE counters SET count = count + 1, last = max(last, new.number) WHERE name = 'notifications';
-    END;
-    CREATE TRIGGER notification_removed AFTER DELETE ON notifications BEGIN
-        UPDATE counters SET count = count - 1 WHERE name = 'notifications';
-    END;
-    CREATE TRIGGER exchange_added AFTER INSERT ON exchanges BEGIN
-        UPDATE counters SET count = count + 1, last = max(last, new.number) WHERE name = 'exchanges';
-    END;
-    CREATE TRIGGER exchange_removed AFTER DELETE ON exchanges BEGIN
-        UPDATE counters SET count = count - 1 WHERE name = 'exchanges';
-    END;
-    CREATE TRIGGER warning_added AFTER INSERT ON warnings BEGIN
-        UPDATE counters SET count = count + 1 WHERE name = 'warnings';
-    END;
-    CREATE TRIGGER warning_removed AFTER DELETE ON warnings BEGIN
-        UPDATE counters SET count = count - 1 WHERE name = 'warnings';
-    END;
     PRAGMA user_version = 5;
+)";
+
+/// The counter of one table, whose rows are called THING.
+constexpr char kCounter[] = R"(
+    INSERT INTO counters SELECT 'THINGs', count(*), coalesce(max(rowid), 0) FROM THINGs;
+    CREATE TRIGGER THING_added AFTER INSERT ON THINGs BEGIN
+        UPDATE counters SET count = count + 1, last = max(last, new.rowid) WHERE name = 'THINGs';
+    END;
+    CREATE TRIGGER THING_removed AFTER DELETE ON THINGs BEGIN
+        UPDATE counters SET count = count - 1 WHERE name = 'THINGs';
+    END;
 )";
 
 /// What layout 4 has too much.
@@ -219,24 +202,15 @@ std::optional<Message> messageIn(std::string const& data) {
     }
 }
 
-/// The rows of a statement without parameters, its first column a number, the others texts.
-std::vector<std::pair<std::int64_t, std::string>> numbersAndTexts(Database& database, char const* sql) {
-    std::vector<std::pair<std::int64_t, std::string>> found;
-    Statement row = database.prepare(sql);
-    while (row.step()) {
-        found.emplace_back(row.numberColumn(0), row.column(1));
-    }
-    return found;
-}
-
 void fillPayments(Database& database) {
-    for (auto const& [number, message] : numbersAndTexts(database, "SELECT number, message FROM payments")) {
+    auto const messages = database.prepare("SELECT number, message FROM payments").all([](Statement const& row) {
+        return std::pair(row.numberColumn(0), row.column(1));
+    });
+    for (auto const& [number, message] : messages) {
         std::optional<Message> const parsed = messageIn(message);
-        database.prepare("UPDATE payments SET order_id = ?, expires = ? WHERE number = ?")
-            .bytes(parsed ? parsed->find("ORDERID").value_or("") : "")
-            .number(parsed ? expirationIn(parsed->attributes()) : std::numeric_limits<std::int64_t>::min())
-            .number(number)
-            .step();
+        database.run("UPDATE payments SET order_id = ?, expires = ? WHERE number = ?",
+                     Bytes{parsed ? parsed->find("ORDERID").value_or("") : ""},
+                     parsed ? expirationIn(parsed->attributes()) : std::numeric_limits<std::int64_t>::min(), number);
     }
     database.execute(
         "UPDATE payments SET stored = coalesce((SELECT strftime('%s', min(time)) FROM history WHERE payment = id), 0)");
@@ -251,8 +225,7 @@ struct Subject {
 
 /// The payment with this identifier as the subject.
 Subject subjectById(Database& database, std::string const& id) {
-    Statement row = database.prepare("SELECT account, token FROM payments WHERE id = ?");
-    row.text(id);
+    Statement row = database.prepare("SELECT account, token FROM payments WHERE id = ?", id);
     return row.step() ? Subject{row.column(0), row.column(1), id} : Subject{};
 }
 
@@ -260,8 +233,8 @@ Subject subjectById(Database& database, std::string const& id) {
 Subject subjectOfMessage(Database& database, Message const& message) {
     Subject subject;
     {
-        Statement row = database.prepare("SELECT account FROM merchant_keys WHERE id = ?");
-        row.text(message.find("KEYID").value_or(""));
+        Statement row =
+            database.prepare("SELECT account FROM merchant_keys WHERE id = ?", message.find("KEYID").value_or(""));
         if (!row.step()) {
             subject = subjectById(database, message.find("ID").value_or(""));
             subject.m_Token = message.find("TOKEN").value_or("");
@@ -270,8 +243,8 @@ Subject subjectOfMessage(Database& database, Message const& message) {
         subject.m_Account = row.column(0);
     }
     subject.m_Token = message.find("TOKEN").value_or("");
-    Statement row = database.prepare("SELECT id FROM payments WHERE account = ? AND token = ?");
-    row.text(subject.m_Account).text(subject.m_Token);
+    Statement row =
+        database.prepare("SELECT id FROM payments WHERE account = ? AND token = ?", subject.m_Account, subject.m_Token);
     subject.m_Payment = row.step() ? row.column(0) : "";
     return subject;
 }
@@ -300,15 +273,19 @@ void fillExchanges(Database& database) {
         }
     }
     for (auto const& [number, subject] : subjects) {
-        database
-            .prepare(
-                "UPDATE exchanges SET account = ?, token = ?, payment = ?, stored = coalesce(strftime('%s', time), 0) "
-                "WHERE number = ?")
-            .text(subject.m_Account)
-            .text(subject.m_Token)
-            .text(subject.m_Payment)
-            .number(number)
-            .step();
+        database.run(
+            "UPDATE exchanges SET account = ?, token = ?, payment = ?, stored = coalesce(strftime('%s', time), 0) "
+            "WHERE "
+            "number = ?",
+            subject.m_Account, subject.m_Token, subject.m_Payment, number);
+    }
+}
+
+void addTheRest(Database& database) {
+    database.execute(kAddedTables);
+    database.execute(kIndexes);
+    for (char const* thing : {"payment", "notification", "exchange", "warning"}) {
+        database.execute(replaceAll(kCounter, "THING", thing).c_str());
     }
 }
 
@@ -324,14 +301,12 @@ void prepareTables(Database& database, std::string const& path) {
     }
     if (layout == 0) {
         database.execute(kTables);
-        database.execute(kAddedTables);
-        database.execute(kIndexes);
+        addTheRest(database);
     } else if (layout == kFirstLayoutKnown) {
         database.execute(kColumnsOfLayout4);
         fillPayments(database);
         fillExchanges(database);
-        database.execute(kAddedTables);
-        database.execute(kIndexes);
+        addTheRest(database);
     } else if (layout == kLayout - 1) {
         database.execute(kDropsOfLayout5);
     } else if (layout != kLayout) {

@@ -42,6 +42,15 @@ void checkEntities(std::string const& text) {
 
 }  // namespace
 
+std::optional<std::string> valueIn(Attributes const& attributes, std::string const& name) {
+    for (auto const& [present, value] : attributes) {
+        if (present == name) {
+            return value;
+        }
+    }
+    return std::nullopt;
+}
+
 bool isEntity(std::string const& text, std::size_t at) {
     return std::any_of(std::begin(kEntities), std::end(kEntities), [&text, at](EntityRow const& row) {
         return text.compare(at, std::char_traits<char>::length(row.m_Entity), row.m_Entity) == 0;
@@ -105,15 +114,6 @@ Message Message::parse(std::string const& text) {
 Message& Message::set(std::string const& name, std::string const& value) {
     m_Attributes.emplace_back(name, value);
     return *this;
-}
-
-std::optional<std::string> Message::find(std::string const& name) const {
-    for (auto const& [present, value] : m_Attributes) {
-        if (present == name) {
-            return value;
-        }
-    }
-    return std::nullopt;
 }
 
 std::string Message::require(std::string const& name) const {

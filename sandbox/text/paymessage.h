@@ -12,6 +12,9 @@ namespace sandbox {
 /// Names and values in their order.
 using Attributes = std::vector<std::pair<std::string, std::string>>;
 
+/// The first value under `name`, nothing when it is absent.
+std::optional<std::string> valueIn(Attributes const& attributes, std::string const& name);
+
 /// One message: an element KVX whose attributes are the fields. Values are bytes without an encoding and hold no NUL.
 class Message {
 public:
@@ -27,7 +30,7 @@ public:
     Message& set(std::string const& name, std::string const& value);
 
     /// The value under `name`, nothing when it is absent.
-    [[nodiscard]] std::optional<std::string> find(std::string const& name) const;
+    [[nodiscard]] std::optional<std::string> find(std::string const& name) const { return valueIn(m_Attributes, name); }
 
     /// The value under `name`. Throws HttpError when it is absent or empty.
     std::string require(std::string const& name) const;

@@ -32,7 +32,7 @@ protected:
     }
 
     static void insert(Turn const& turn, std::int64_t number, std::int64_t root = 0) {
-        turn.database().prepare("INSERT INTO rows VALUES (?, ?)").number(number).number(root).step();
+        turn.database().run("INSERT INTO rows VALUES (?, ?)", number, root);
     }
 
     void add(std::int64_t number, std::int64_t root = 0) {
@@ -205,8 +205,9 @@ TEST_F(JointWriterTest, CommitsWhatManyThreadsChange) {
                 }
                 unit.finish();
                 Database database(m_Path, Database::Access::kRead);
-                Statement row = database.prepare("SELECT count(*) FROM rows WHERE number BETWEEN ? AND ?");
-                EXPECT_TRUE(row.number(number).number(number + 1).step());
+                Statement row =
+                    database.prepare("SELECT count(*) FROM rows WHERE number BETWEEN ? AND ?", number, number + 1);
+                EXPECT_TRUE(row.step());
                 EXPECT_EQ(row.numberColumn(0), 2);
             }
         });

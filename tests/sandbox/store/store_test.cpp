@@ -51,7 +51,7 @@ protected:
         return m_Store.addExchange(exchange);
     }
 
-    std::vector<std::string> ids(PaymentFilter const& filter, Page const& page = {}) {
+    std::vector<std::string> ids(Filter const& filter, Page const& page = {}) {
         std::vector<std::string> found;
         for (Payment const& payment : m_Store.payments(filter, page).m_Rows) {
             found.push_back(payment.m_Id);
@@ -59,7 +59,7 @@ protected:
         return found;
     }
 
-    std::vector<std::int64_t> numbers(ExchangeFilter const& filter, Page const& page = {}) {
+    std::vector<std::int64_t> numbers(Filter const& filter, Page const& page = {}) {
         return numbersOf(m_Store.exchanges(filter, page));
     }
 
@@ -76,7 +76,7 @@ protected:
 };
 
 TEST_F(StoreLists, FindPaymentsByEachCondition) {
-    PaymentFilter filter;
+    Filter filter;
     EXPECT_THAT(ids(filter), ElementsAre("P-one-t1", "P-one-t2", "P-two-t1", "P-two-t2"));
     filter.m_Account = "two";
     EXPECT_THAT(ids(filter), ElementsAre("P-two-t1", "P-two-t2"));
@@ -86,13 +86,13 @@ TEST_F(StoreLists, FindPaymentsByEachCondition) {
     filter.m_Token = "t1";
     EXPECT_THAT(ids(filter), ElementsAre("P-one-t1", "P-two-t1"));
     filter = {};
-    filter.m_Id = "P-two-t1";
+    filter.m_Payment = "P-two-t1";
     EXPECT_THAT(ids(filter), ElementsAre("P-two-t1"));
     ASSERT_TRUE(m_Store.advance("P-two-t1", {PaymentState::kOpened}, {"now", PaymentState::kDeclined, ""}));
     filter = {};
     filter.m_State = PaymentState::kOpened;
     EXPECT_THAT(ids(filter), ElementsAre("P-one-t1", "P-one-t2", "P-two-t2"));
-    filter.m_Id = "P-two-t1";
+    filter.m_Payment = "P-two-t1";
     EXPECT_THAT(ids(filter), IsEmpty());
 }
 
@@ -120,7 +120,7 @@ TEST_F(StoreLists, FindExchangesByEachCondition) {
     add(ExchangeKind::kPage, "one", "A", "t1", "P-one-t1");
     add(ExchangeKind::kPage, "two", "A", "t1", "P-two-t1");
     add(ExchangeKind::kCapture, "two", "B", "t2", "P-two-t2");
-    ExchangeFilter filter;
+    Filter filter;
     EXPECT_THAT(numbers(filter), ElementsAre(1, 2, 3));
     filter.m_Account = "two";
     EXPECT_THAT(numbers(filter), ElementsAre(2, 3));
@@ -185,7 +185,7 @@ TEST_F(StoreLists, LinkWhatAProxyCarriesToThePaymentInIt) {
 TEST_F(StoreLists, AreReadWhileAnotherConnectionWrites) {
     Database other(m_Directory.path() + "/sandbox.db");
     other.execute("BEGIN IMMEDIATE; UPDATE payments SET state = 'declined'");
-    PaymentFilter filter;
+    Filter filter;
     filter.m_State = PaymentState::kOpened;
     EXPECT_EQ(m_Store.payments(filter, {}).m_Rows.size(), 4u);
     EXPECT_EQ(m_Store.counts().m_Payments, 4);
@@ -197,7 +197,7 @@ TEST_F(StoreLists, LoseTheExchangesThatAreRemoved) {
     for (int i = 0; i < 300; ++i) {
         add(ExchangeKind::kPage, i % 3 == 0 ? "one" : "two", "A", "t1");
     }
-    ExchangeFilter filter;
+    Filter filter;
     filter.m_Account = "one";
     EXPECT_EQ(m_Store.removeExchanges(filter, {}), 100);
     EXPECT_EQ(m_Store.counts().m_Exchanges, 200);
@@ -226,18 +226,18 @@ TEST_F(StoreLists, LoseThePaymentsOfAnAccountAlone) {
 }
 
 TEST_F(StoreLists, ShowWhatARequestHasChangedAtItsEnd) {
-    PaymentFilter filter;
+    Filter filter;
     filter.m_State = PaymentState::kDeclined;
-    std::uint64_t const changes = m_Store.changes();
+    std::uint64_t const changes = m_Store.events().changes();
     Store::Request request(m_Store);
     request.begin({});
     ASSERT_TRUE(m_Store.advance("P-one-t1", {PaymentState::kOpened}, {"now", PaymentState::kDeclined, ""}));
     EXPECT_EQ(m_Store.paymentById("P-one-t1")->m_Payment.m_State, PaymentState::kDeclined) << "the request sees it";
     EXPECT_THAT(ids(filter), IsEmpty());
-    EXPECT_EQ(m_Store.changes(), changes);
+    EXPECT_EQ(m_Store.events().changes(), changes);
     EXPECT_EQ(request.end({}), 1);
     EXPECT_THAT(ids(filter), ElementsAre("P-one-t1"));
-    EXPECT_EQ(m_Store.changes(), changes + 1);
+    EXPECT_EQ(m_Store.events().changes(), changes + 1);
     EXPECT_THAT(numbers({}), ElementsAre(1));
 }
 

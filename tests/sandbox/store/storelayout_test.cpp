@@ -65,7 +65,7 @@ class EarlierLayout : public ::testing::Test {
 protected:
     EarlierLayout() { Database(m_Path).execute(kLayout3); }
 
-    std::vector<std::int64_t> numbers(ExchangeFilter const& filter) {
+    std::vector<std::int64_t> numbers(Filter const& filter) {
         std::vector<std::int64_t> found;
         for (Exchange const& exchange : Store(m_Path).exchanges(filter, {}).m_Rows) {
             found.push_back(exchange.m_Number);
@@ -79,7 +79,7 @@ protected:
 
 TEST_F(EarlierLayout, LeavesPaymentsAndFindsThemByWhatTheyAreAbout) {
     Store store(m_Path);
-    PaymentFilter filter;
+    Filter filter;
     filter.m_Order = "A-17";
     std::vector<Payment> const found = store.payments(filter, {}).m_Rows;
     ASSERT_EQ(found.size(), 1u);
@@ -94,7 +94,7 @@ TEST_F(EarlierLayout, LeavesPaymentsAndFindsThemByWhatTheyAreAbout) {
 }
 
 TEST_F(EarlierLayout, LinksExchangesToWhatTheyAreAbout) {
-    ExchangeFilter filter;
+    Filter filter;
     EXPECT_THAT(numbers(filter), ElementsAre(3, 4, 5, 6, 9, 10, 11)) << "the begun ones have ended";
     filter.m_Payment = "P1";
     EXPECT_THAT(numbers(filter), ElementsAre(3));
@@ -139,7 +139,7 @@ TEST(FormerLayout, IsKeptButForIndexes) {
             "PRAGMA user_version = 4");
     }
     Store store(path);
-    PaymentFilter filter;
+    Filter filter;
     filter.m_Token = "t1";
     EXPECT_EQ(store.newestPayment(filter)->m_Id, "P1");
     EXPECT_EQ(store.counts().m_Exchanges, 1);

@@ -1,4 +1,4 @@
-#include "sandbox/store/storedpayment.h"
+#include "sandbox/store/rows.h"
 
 #include <ctime>
 #include <limits>
@@ -29,15 +29,6 @@ constexpr StateRow kStates[] = {
 };
 // clang-format on
 
-std::optional<std::string> valueIn(Attributes const& attributes, std::string const& name) {
-    for (auto const& [present, value] : attributes) {
-        if (present == name) {
-            return value;
-        }
-    }
-    return std::nullopt;
-}
-
 }  // namespace
 
 char const* stateName(PaymentState state) {
@@ -60,6 +51,13 @@ PaymentState stateFromName(std::string const& name) {
 
 std::optional<std::string> Payment::attribute(std::string const& name) const {
     return valueIn(m_Attributes, name);
+}
+
+Page Page::newest(std::int64_t limit) {
+    Page page;
+    page.m_NewestFirst = true;
+    page.m_Limit = limit;
+    return page;
 }
 
 std::int64_t expirationIn(Attributes const& attributes) {
