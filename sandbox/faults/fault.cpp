@@ -5,20 +5,42 @@
 // Numbers are read and written in the classic locale, whatever the locale of the program.
 #include "sandbox/faults/fault.h"
 
-#include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <iterator>
 #include <locale>
 #include <sstream>
-#include <stdexcept>
 
 #include "sandbox/text/httperror.h"
+#include "sandbox/text/rowwith.h"
 #include "sandbox/text/wiretext.h"
 
 namespace sandbox {
 
 namespace {
+
+struct ExchangeRow {
+    ExchangeKind m_Kind;
+    char const* m_Name;
+};
+
+// clang-format off
+constexpr ExchangeRow kExchanges[] = {
+    {ExchangeKind::kSetup,        "setup"},
+    {ExchangeKind::kDefaults,     "defaults"},
+    {ExchangeKind::kKeyQuery,     "keyquery"},
+    {ExchangeKind::kKeyExport,    "keyexport"},
+    {ExchangeKind::kPage,         "page"},
+    {ExchangeKind::kDecision,     "decision"},
+    {ExchangeKind::kNotification, "notification"},
+    {ExchangeKind::kCapture,      "capture"},
+    {ExchangeKind::kComplete,     "complete"},
+    {ExchangeKind::kStatus,       "status"},
+    {ExchangeKind::kProxy,        "proxy"},
+    {ExchangeKind::kConnection,   "connection"},
+    {ExchangeKind::kOther,        "other"},
+};
+// clang-format on
 
 constexpr unsigned bit(ExchangeKind kind) {
     return static_cast<unsigned>(kind);
@@ -203,6 +225,23 @@ std::string decimal(double number) {
 
 }  // namespace
 
+char const* exchangeName(ExchangeKind kind) {
+    return rowWith(kExchanges, &ExchangeRow::m_Kind, kind)->m_Name;
+}
+
+std::optional<ExchangeKind> exchangeFromName(std::string const& name) {
+    ExchangeRow const* const row = rowWith(kExchanges, &ExchangeRow::m_Name, name);
+    return row != nullptr ? std::optional(row->m_Kind) : std::nullopt;
+}
+
+std::vector<ExchangeKind> allExchangeKinds() {
+    std::vector<ExchangeKind> kinds;
+    for (ExchangeRow const& row : kExchanges) {
+        kinds.push_back(row.m_Kind);
+    }
+    return kinds;
+}
+
 std::vector<FaultKindRow> const& allFaultKinds() {
     static std::vector<FaultKindRow> const kinds(std::begin(kKinds), std::end(kKinds));
     return kinds;
@@ -214,21 +253,7 @@ std::vector<FaultFieldRow> const& allFaultFields() {
 }
 
 FaultKindRow const& faultRow(FaultKind kind) {
-    for (FaultKindRow const& row : allFaultKinds()) {
-        if (row.m_Kind == kind) {
-            return row;
-        }
-    }
-    throw std::logic_error("a fault without a row");
-}
-
-std::optional<FaultKind> faultFromName(std::string_view name) {
-    for (FaultKindRow const& row : allFaultKinds()) {
-        if (name == row.m_Name) {
-            return row.m_Kind;
-        }
-    }
-    return std::nullopt;
+    return *rowWith(allFaultKinds(), &FaultKindRow::m_Kind, kind);
 }
 
 double secondsOf(Fault const& fault) {
@@ -294,9 +319,9 @@ void checkFault(Fault const& fault) {
 
 std::vector<std::string> exchangeNames(FaultKindRow const& row) {
     std::vector<std::string> names;
-    for (ExchangeKind const kind : allExchangeKinds()) {
-        if ((row.m_Exchanges & bit(kind)) != 0) {
-            names.emplace_back(exchangeName(kind));
+    for (ExchangeRow const& exchange : kExchanges) {
+        if ((row.m_Exchanges & bit(exchange.m_Kind)) != 0) {
+            names.emplace_back(exchange.m_Name);
         }
     }
     return names;
@@ -313,16 +338,15 @@ std::vector<std::string> parameterNames(FaultKindRow const& row) {
 }
 
 Fault makeFault(std::string const& kind, FaultFields const& fields) {
-    std::optional<FaultKind> const named = faultFromName(kind);
-    if (!named) {
+    FaultKindRow const* const named = rowWith(allFaultKinds(), &FaultKindRow::m_Name, kind);
+    if (named == nullptr) {
         throw HttpError("unknown fault '" + kind + "'");
     }
     Fault fault;
-    fault.m_Kind = *named;
+    fault.m_Kind = named->m_Kind;
     for (auto const& [name, value] : fields) {
-        auto const row = std::find_if(std::begin(kFields), std::end(kFields),
-                                      [&name = name](FaultFieldRow const& each) { return each.m_Name == name; });
-        if (row == std::end(kFields)) {
+        FaultFieldRow const* const row = rowWith(kFields, &FaultFieldRow::m_Name, name);
+        if (row == nullptr) {
             throw HttpError("unknown parameter '" + name + "'");
         }
         row->m_Read(fault, name, value);

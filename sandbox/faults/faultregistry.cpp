@@ -2,11 +2,10 @@
 // take() returns the oldest fault that fits an exchange and removes it after its last time. Faults with a number to
 // skip count every exchange that fits, also one that another fault happens to: "the third capture" is the third one.
 // The fault "refuse" is never taken: the listener is called after every change with the time until which each port
-// refuses. m_Notifying makes these calls one at a time and in order. m_Mutex is not held during them.
+// refuses. m_Notifying makes these calls one at a time and in order.
 #include "sandbox/faults/faultregistry.h"
 
 #include <algorithm>
-#include <iterator>
 #include <utility>
 
 namespace sandbox {
@@ -38,94 +37,54 @@ void FaultRegistry::setRefusalListener(RefusalListener listener) {
 
 std::int64_t FaultRegistry::arm(Fault const& fault) {
     checkFault(fault);
-    std::int64_t id = 0;
-    {
-        std::lock_guard<std::mutex> const lock(m_Mutex);
-        ArmedFault armed;
-        armed.m_Id = ++m_LastId;
-        armed.m_Fault = fault;
-        if (fault.m_Kind == FaultKind::kRefuse) {
-            armed.m_RefusesUntil = refusedUntil(fault);
-        }
-        m_Armed.push_back(armed);
-        id = armed.m_Id;
+    ArmedFault armed;
+    armed.m_Fault = fault;
+    if (fault.m_Kind == FaultKind::kRefuse) {
+        armed.m_RefusesUntil = refusedUntil(fault);
     }
+    std::int64_t const id = m_Armed.add(std::move(armed));
     notifyRefusalListener();
     return id;
 }
 
 bool FaultRegistry::lift(std::int64_t id) {
-    bool const found = removeIf([id](ArmedFault const& armed) { return armed.m_Id == id; });
+    bool const found = m_Armed.remove(id);
     notifyRefusalListener();
     return found;
 }
 
 void FaultRegistry::liftAll(std::optional<std::string> const& account) {
-    removeIf([&account](ArmedFault const& armed) { return !account || armed.m_Fault.m_Account == *account; });
+    m_Armed.removeAll(account);
     notifyRefusalListener();
 }
 
-/// False when none matches.
-template <class Matches>
-bool FaultRegistry::removeIf(Matches matches) {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    auto const kept = std::remove_if(m_Armed.begin(), m_Armed.end(), matches);
-    bool const any = kept != m_Armed.end();
-    m_Armed.erase(kept, m_Armed.end());
-    return any;
-}
-
 std::vector<ArmedFault> FaultRegistry::armed(std::optional<std::string> const& account) {
-    Moment const now = Steady::now();
-    removeIf([now](ArmedFault const& armed) {
+    m_Armed.removeIf([now = Steady::now()](ArmedFault const& armed) {
         return armed.m_Fault.m_Kind == FaultKind::kRefuse && armed.m_RefusesUntil <= now;
     });
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    std::vector<ArmedFault> found;
-    std::copy_if(m_Armed.begin(), m_Armed.end(), std::back_inserter(found),
-                 [&account](ArmedFault const& armed) { return !account || armed.m_Fault.m_Account == *account; });
-    return found;
+    return m_Armed.all(account);
 }
 
 std::optional<Fault> FaultRegistry::take(ExchangeKind kind, std::string const& order, std::string const& account,
                                          CanHappen const& canHappen) {
-    return takeFirst(
-        [kind, &order, &account](Fault const& fault) {
-            return canHappenTo(fault, kind) && (fault.m_Order.empty() || fault.m_Order == order) &&
-                   (fault.m_Account.empty() || fault.m_Account == account);
-        },
-        canHappen);
+    auto const ready = [kind, &order, &account](ArmedFault& armed) {
+        Fault const& fault = armed.m_Fault;
+        // Connections are refused by the listener: no exchange comes of them.
+        bool const fits = fault.m_Kind != FaultKind::kRefuse && canHappenTo(fault, kind) &&
+                          (fault.m_Order.empty() || fault.m_Order == order) &&
+                          (fault.m_Account.empty() || fault.m_Account == account);
+        bool const passes = fits && armed.m_Passed < fault.m_Skip;
+        armed.m_Passed += passes ? 1 : 0;
+        return fits && !passes;
+    };
+    std::optional<ArmedFault> const taken =
+        m_Armed.take(ready, [&canHappen](ArmedFault const& armed) { return !canHappen || canHappen(armed.m_Fault); });
+    return taken ? std::optional<Fault>(taken->m_Fault) : std::nullopt;
 }
 
 std::optional<Fault> FaultRegistry::takeForConnection(bool tls) {
-    if (!tls) {
-        return std::nullopt;
-    }
-    return takeFirst([](Fault const& fault) { return canHappenTo(fault, ExchangeKind::kConnection); }, nullptr);
-}
-
-template <class Fits>
-std::optional<Fault> FaultRegistry::takeFirst(Fits fits, CanHappen const& canHappen) {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    std::optional<Fault> taken;
-    auto spent = m_Armed.end();
-    for (auto each = m_Armed.begin(); each != m_Armed.end(); ++each) {
-        Fault const& fault = each->m_Fault;
-        // Connections are refused by the listener: no exchange comes of them.
-        if (fault.m_Kind == FaultKind::kRefuse || !fits(fault)) {
-            continue;
-        }
-        if (each->m_Passed < fault.m_Skip) {
-            ++each->m_Passed;
-        } else if (!taken && (!canHappen || canHappen(fault))) {
-            taken = fault;
-            spent = ++each->m_Happened == fault.m_Times ? each : spent;
-        }
-    }
-    if (spent != m_Armed.end()) {
-        m_Armed.erase(spent);
-    }
-    return taken;
+    // Faults of connections are limited to no order and no account.
+    return tls ? take(ExchangeKind::kConnection, "") : std::nullopt;
 }
 
 void FaultRegistry::notifyRefusalListener() {

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "sandbox/faults/armedlist.h"
 #include "sandbox/faults/fault.h"
 
 namespace sandbox {
@@ -20,6 +21,9 @@ struct ArmedFault {
     std::int64_t m_Happened = 0;                                ///< How often so far.
     std::int64_t m_Passed = 0;                                  ///< How many exchanges it has let pass.
     std::chrono::steady_clock::time_point m_RefusesUntil = {};  ///< Of refused connections; max() until it is lifted.
+
+    [[nodiscard]] std::string const& account() const { return m_Fault.m_Account; }
+    [[nodiscard]] std::int64_t times() const { return m_Fault.m_Times; }
 };
 
 /// The faults that are armed, in memory only: a new service has none. Every member may be called by any thread.
@@ -59,17 +63,11 @@ public:
     std::optional<Fault> takeForConnection(bool tls);
 
 private:
-    template <class Fits>
-    std::optional<Fault> takeFirst(Fits fits, CanHappen const& canHappen);
-    template <class Matches>
-    bool removeIf(Matches matches);
     void notifyRefusalListener();
 
-    std::mutex m_Mutex;      ///< Guards all below.
-    std::mutex m_Notifying;  ///< Held while the listener is called. Taken before m_Mutex.
+    std::mutex m_Notifying;  ///< Held while the listener is called. Guards it.
     RefusalListener m_Listener;
-    std::vector<ArmedFault> m_Armed;
-    std::int64_t m_LastId = 0;
+    ArmedList<ArmedFault> m_Armed;
 };
 
 }  // namespace sandbox

@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "sandbox/text/httperror.h"
+#include "sandbox/text/rowwith.h"
 
 namespace sandbox {
 
@@ -32,12 +33,8 @@ constexpr StatusRow kPhrases[] = {
 // clang-format on
 
 char const* phraseOf(int status) {
-    for (StatusRow const& row : kPhrases) {
-        if (row.m_Status == status) {
-            return row.m_Phrase;
-        }
-    }
-    return "Fault";
+    StatusRow const* const row = rowWith(kPhrases, &StatusRow::m_Status, status);
+    return row != nullptr ? row->m_Phrase : "Fault";
 }
 
 /// Turns the absolute form of a target, which servers must understand (RFC 9112, section 3.2.2), into the origin form.

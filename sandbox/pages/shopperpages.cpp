@@ -10,6 +10,7 @@
 #include "sandbox/pages/templates.h"
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/paymessage.h"
+#include "sandbox/text/rowwith.h"
 #include "sandbox/text/utctime.h"
 #include "sandbox/text/wiretext.h"
 
@@ -48,10 +49,8 @@ constexpr char kAdviceWithoutMessage[] =
     "again from the shop.";
 
 char const* adviceFor(int status, bool hasMessage) {
-    for (Advice const& advice : kAdvice) {
-        if (advice.m_Status == status) {
-            return advice.m_Text;
-        }
+    if (Advice const* const advice = rowWith(kAdvice, &Advice::m_Status, status)) {
+        return advice->m_Text;
     }
     return hasMessage ? kAdviceWithMessage : kAdviceWithoutMessage;
 }

@@ -1,9 +1,6 @@
 #include "sandbox/service/standingdecisions.h"
 
-#include <algorithm>
 #include <cstddef>
-#include <iterator>
-#include <utility>
 
 namespace sandbox {
 
@@ -39,58 +36,16 @@ bool fitsPattern(std::string const& pattern, std::string const& text) {
     return pattern.find_first_not_of('*', at) == std::string::npos;
 }
 
-std::int64_t StandingDecisions::add(StandingDecision decision) {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    decision.m_Id = ++m_LastId;
-    m_All.push_back(std::move(decision));
-    return m_LastId;
-}
-
-bool StandingDecisions::remove(std::int64_t id) {
-    return removeIf([id](StandingDecision const& each) { return each.m_Id == id; });
-}
-
-void StandingDecisions::removeAll(std::optional<std::string> const& account) {
-    removeIf([&account](StandingDecision const& each) { return !account || each.m_Account == *account; });
-}
-
-/// False when none matches.
-template <class Matches>
-bool StandingDecisions::removeIf(Matches matches) {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    auto const kept = std::remove_if(m_All.begin(), m_All.end(), matches);
-    bool const any = kept != m_All.end();
-    m_All.erase(kept, m_All.end());
-    return any;
-}
-
-std::vector<StandingDecision> StandingDecisions::all(std::optional<std::string> const& account) const {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    std::vector<StandingDecision> found;
-    std::copy_if(m_All.begin(), m_All.end(), std::back_inserter(found),
-                 [&account](StandingDecision const& each) { return !account || each.m_Account == *account; });
-    return found;
-}
-
 std::optional<StandingDecision> StandingDecisions::take(Payment const& payment) {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    std::optional<StandingDecision> taken;
-    auto spent = m_All.end();
-    for (auto each = m_All.begin(); each != m_All.end(); ++each) {
-        if (!fits(*each, payment) || each->m_Passed.count(payment.m_Id) != 0) {
-            continue;
+    auto const ready = [&payment](StandingDecision& decision) {
+        bool const fitsFirst = fits(decision, payment) && decision.m_Passed.count(payment.m_Id) == 0;
+        bool const passes = fitsFirst && static_cast<std::int64_t>(decision.m_Passed.size()) < decision.m_Skip;
+        if (passes) {
+            decision.m_Passed.insert(payment.m_Id);
         }
-        if (static_cast<std::int64_t>(each->m_Passed.size()) < each->m_Skip) {
-            each->m_Passed.insert(payment.m_Id);
-        } else if (!taken) {
-            spent = ++each->m_Happened == each->m_Times ? each : spent;
-            taken = *each;
-        }
-    }
-    if (spent != m_All.end()) {
-        m_All.erase(spent);
-    }
-    return taken;
+        return fitsFirst && !passes;
+    };
+    return ArmedList::take(ready, [](StandingDecision const&) { return true; });
 }
 
 }  // namespace sandbox

@@ -2,12 +2,11 @@
 #define TALLOWIN_SANDBOX_SERVICE_STANDINGDECISIONS_H
 
 #include <cstdint>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
-#include <vector>
 
+#include "sandbox/faults/armedlist.h"
 #include "sandbox/store/rows.h"
 
 namespace sandbox {
@@ -23,37 +22,20 @@ struct StandingDecision {
     std::int64_t m_Skip = 0;              ///< How many payments that fit pass first.
     std::int64_t m_Happened = 0;          ///< On how many so far.
     std::set<std::string> m_Passed = {};  ///< The identifiers of payments that have passed, at most m_Skip.
+
+    [[nodiscard]] std::string const& account() const { return m_Account; }
+    [[nodiscard]] std::int64_t times() const { return m_Times; }
 };
 
 /// Whether `text` fits `pattern`, in which "*" stands for any text and "?" for one byte.
 bool fitsPattern(std::string const& pattern, std::string const& text);
 
-/// The standing decisions, in memory only: a new service has none. Every member may be called by any thread.
-class StandingDecisions {
+/// The standing decisions.
+class StandingDecisions : public ArmedList<StandingDecision> {
 public:
-    /// Adds `decision` and returns its identifier.
-    std::int64_t add(StandingDecision decision);
-
-    /// False when none has this identifier.
-    bool remove(std::int64_t id);
-
-    /// Removes all; with `account` those that are limited to it.
-    void removeAll(std::optional<std::string> const& account = {});
-
-    /// Oldest first; with `account` those that are limited to it.
-    [[nodiscard]] std::vector<StandingDecision> all(std::optional<std::string> const& account = {}) const;
-
-    /// The oldest one that fits the payment, counted as having happened; nothing when none does. It is removed after
-    /// its last time. Those that let payments pass first count this one, whatever is decided.
+    /// The oldest one that fits the payment, counted as having happened; nothing when none does. Those that let
+    /// payments pass first count this one, whatever is decided.
     std::optional<StandingDecision> take(Payment const& payment);
-
-private:
-    template <class Matches>
-    bool removeIf(Matches matches);
-
-    mutable std::mutex m_Mutex;  ///< Guards all below.
-    std::vector<StandingDecision> m_All;
-    std::int64_t m_LastId = 0;
 };
 
 }  // namespace sandbox

@@ -1,4 +1,5 @@
 #include "sandbox/store/rows.h"
+#include "sandbox/text/rowwith.h"
 
 #include <ctime>
 #include <limits>
@@ -32,21 +33,15 @@ constexpr StateRow kStates[] = {
 }  // namespace
 
 char const* stateName(PaymentState state) {
-    for (StateRow const& row : kStates) {
-        if (row.m_State == state) {
-            return row.m_Name;
-        }
-    }
-    throw std::logic_error("a payment state without a name");
+    return rowWith(kStates, &StateRow::m_State, state)->m_Name;
 }
 
 PaymentState stateFromName(std::string const& name) {
-    for (StateRow const& row : kStates) {
-        if (name == row.m_Name) {
-            return row.m_State;
-        }
+    StateRow const* const row = rowWith(kStates, &StateRow::m_Name, name);
+    if (row == nullptr) {
+        throw std::runtime_error("the database holds an unknown payment state: " + name);
     }
-    throw std::runtime_error("the database holds an unknown payment state: " + name);
+    return row->m_State;
 }
 
 std::optional<std::string> Payment::attribute(std::string const& name) const {

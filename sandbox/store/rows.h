@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "sandbox/faults/exchangekind.h"
+#include "sandbox/faults/fault.h"
 #include "sandbox/text/paymessage.h"
 
 /// What the store keeps of payments, notifications and exchanges, and the parts of its lists.

@@ -46,13 +46,13 @@ TEST(FaultKinds, HaveNamesMeaningsAndExchanges) {
     std::set<std::string> names;
     for (FaultKindRow const& row : sandbox::allFaultKinds()) {
         EXPECT_TRUE(names.insert(row.m_Name).second) << row.m_Name;
-        EXPECT_EQ(sandbox::faultFromName(row.m_Name), row.m_Kind);
+        EXPECT_EQ(sandbox::makeFault(row.m_Name, {}).m_Kind, row.m_Kind);
         EXPECT_EQ(&sandbox::faultRow(row.m_Kind), &row);
         EXPECT_STRNE(row.m_Meaning, "") << row.m_Name;
         EXPECT_NE(row.m_Exchanges, 0u) << row.m_Name;
     }
     for (char const* const other : {"", "drop ", "Drop", "refused"}) {
-        EXPECT_EQ(sandbox::faultFromName(other), std::nullopt) << other;
+        EXPECT_THROW(sandbox::makeFault(other, {}), HttpError) << other;
     }
 }
 
