@@ -11,7 +11,7 @@
 #include <optional>
 #include <utility>
 
-#include "sandbox/service/decisions.h"
+#include "sandbox/service/paymentmoves.h"
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/wiretext.h"
 

@@ -16,7 +16,6 @@
 #include "sandbox/control/control.h"
 #include "sandbox/control/controlfilters.h"
 #include "sandbox/control/controljson.h"
-#include "sandbox/service/decisions.h"
 #include "sandbox/service/notifier.h"
 #include "sandbox/service/paymentmoves.h"
 #include "sandbox/text/httperror.h"

@@ -18,6 +18,7 @@
 #include "sandbox/service/confirmation.h"
 #include "sandbox/service/storedevidence.h"
 #include "sandbox/text/httperror.h"
+#include "sandbox/text/rowwith.h"
 
 namespace sandbox {
 
@@ -75,15 +76,13 @@ std::string exampleText(Services const& services) {
 
 /// Nothing when no example has that name.
 std::optional<SignedTexts> example(Services const& services, std::string const& name) {
-    for (ExampleRow const& row : kExamples) {
-        if (name != row.m_Name) {
-            continue;
-        }
-        std::string const text = exampleText(services);
-        KeyRing::Key const key = row.m_OtherKey ? services.m_Keys.impostor() : services.m_Keys.current();
-        return SignedTexts{row.m_Damage(text), signText(key->m_Key.get(), text, Widening::kSign)};
+    ExampleRow const* const row = rowWith(kExamples, &ExampleRow::m_Name, name);
+    if (row == nullptr) {
+        return std::nullopt;
     }
-    return std::nullopt;
+    std::string const text = exampleText(services);
+    KeyRing::Key const key = row->m_OtherKey ? services.m_Keys.impostor() : services.m_Keys.current();
+    return SignedTexts{row->m_Damage(text), signText(key->m_Key.get(), text, Widening::kSign)};
 }
 
 /// DATA in a form that the text field returns unchanged. Browsers change line ends in it, and a page cannot contain

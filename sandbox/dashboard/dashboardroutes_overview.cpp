@@ -19,6 +19,7 @@
 #include "sandbox/pages/shopperpages.h"
 #include "sandbox/service/paymentmoves.h"
 #include "sandbox/text/httperror.h"
+#include "sandbox/text/rowwith.h"
 #include "sandbox/text/utctime.h"
 #include "sandbox/text/wiretext.h"
 
@@ -149,8 +150,7 @@ json paymentPlot(std::vector<Payment> const& payments) {
     json columns = json::array();
     std::map<PaymentState, int> counts;
     for (Payment const& payment : payments) {
-        auto const row = std::find_if(std::begin(kStates), std::end(kStates),
-                                      [&payment](StateRow const& each) { return each.m_State == payment.m_State; });
+        StateRow const* const row = rowWith(kStates, &StateRow::m_State, payment.m_State);
         std::string const state = stateName(payment.m_State);
         ++counts[payment.m_State];
         columns.push_back(column(columns.size(), payments.size(), row->m_Height, "state", state,

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "sandbox/faults/fault.h"
+#include "sandbox/http/exchangelog.h"
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/wiretext.h"
 
@@ -27,27 +28,6 @@ struct HttpRequest {
     std::string m_Host = {};         ///< Value of that header.
     std::string m_LastEventId = {};  ///< Value of that header.
     std::string m_Cookie = {};       ///< Value of that header.
-};
-
-/// How much of a response was sent.
-struct Delivery {
-    std::size_t m_Bytes = 0;
-    bool m_Reset = false;
-};
-
-/// Stores the exchange that a response belongs to.
-class ExchangeLog {
-public:
-    ExchangeLog() = default;
-    virtual ~ExchangeLog() = default;
-    ExchangeLog(ExchangeLog const&) = delete;
-    ExchangeLog& operator=(ExchangeLog const&) = delete;
-
-    /// Called with all bytes of the response before it is sent.
-    virtual void responseReady(std::string const& response) = 0;
-
-    /// Called after the response was sent, or part of it.
-    virtual void responseSent(Delivery const& delivery) = 0;
 };
 
 /// Makes a body piece by piece, each when the one before it has been sent: an empty one when there is none within

@@ -14,10 +14,10 @@
 #include <utility>
 
 #include "sandbox/http/delivery.h"
+#include "sandbox/http/exchangelog.h"
 #include "sandbox/http/hostport.h"
 #include "sandbox/http/httptext.h"
 #include "sandbox/http/relay.h"
-#include "sandbox/service/storedexchangelog.h"
 #include "sandbox/text/httperror.h"
 
 namespace sandbox {

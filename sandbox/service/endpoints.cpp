@@ -10,22 +10,57 @@
 #include <cstdint>
 #include <exception>
 #include <memory>
+#include <optional>
 #include <utility>
 
 #include "diagnosis/diagnosis.h"
 #include "diagnosis/explanation.h"
 #include "sandbox/crypto/credentials.h"
+#include "sandbox/crypto/signature.h"
 #include "sandbox/pages/shopperpages.h"
 #include "sandbox/service/confirmation.h"
 #include "sandbox/service/contentcheck.h"
 #include "sandbox/service/storedevidence.h"
-#include "sandbox/service/storedexchangelog.h"
 #include "sandbox/text/httperror.h"
+#include "sandbox/text/rowwith.h"
 #include "sandbox/text/wiretext.h"
 
 namespace sandbox {
 
 namespace {
+
+/// The bytes of the signature. Throws HttpError.
+std::string takeSignature(Query const& query, Exchange& exchange) {
+    std::optional<std::string> const text = query.value("SIGNATURE");
+    if (!text || text->empty()) {
+        throw HttpError("SIGNATURE is missing");
+    }
+    exchange.m_Signature = *text;
+    std::optional<std::string> bytes = fromHex(*text);
+    if (!bytes) {
+        throw HttpError("SIGNATURE is not lower-case hexadecimal");
+    }
+    exchange.m_Steps.push_back({"SIGNATURE is hexadecimal", std::to_string(bytes->size()) + " bytes"});
+    return *bytes;
+}
+
+/// Throws HttpError with what is wrong, as far as that can be found out.
+void checkSignature(std::string const& keyId, std::string const& blob, std::string const& text,
+                    std::string const& signature, Exchange& exchange) {
+    KeyHolder const key = readPublicKeyBlob(blob);
+    std::optional<std::string> const held = signedDigest(key.get(), signature);
+    std::string const expected = digestOf(text, Widening::kZero);
+    bool const good = held == expected;
+    exchange.m_Steps.push_back({"Digest of DATA, each byte zero-extended to two", toHex(expected)});
+    exchange.m_Steps.push_back({"Digest that SIGNATURE holds", held ? toHex(*held) : "none under this key", good});
+    if (good) {
+        return;
+    }
+    if (verifyText(key.get(), text, Widening::kSign, signature)) {
+        throw HttpError("SIGNATURE was made over sign-extended bytes, a merchant signs zero-extended ones");
+    }
+    throw HttpError("SIGNATURE is not one of DATA under the key '" + keyId + "'");
+}
 
 /// How an address responds to a request that is turned down.
 enum class ErrorForm { kErrorMessage, kPage };
@@ -63,7 +98,6 @@ constexpr TypeRow kTypes[] = {
     {"LoadDefaultsRequest", ExchangeKind::kDefaults},
     {"KeyQueryRequest",     ExchangeKind::kKeyQuery},
     {"KeyExportRequest",    ExchangeKind::kKeyExport},
-    {"PayInit",             ExchangeKind::kPage},
     {"PayConfirm",          ExchangeKind::kCapture},
     {"PayCompleteRequest",  ExchangeKind::kComplete},
     {"StatusRequest",       ExchangeKind::kStatus},
@@ -75,12 +109,8 @@ ExchangeKind kindOf(Endpoint const& endpoint, Message const& message) {
     if (endpoint.m_Handler == handlePay) {
         return ExchangeKind::kPage;
     }
-    for (TypeRow const& row : kTypes) {
-        if (message.type() == row.m_Type && row.m_Kind != ExchangeKind::kPage) {
-            return row.m_Kind;
-        }
-    }
-    return ExchangeKind::kOther;
+    TypeRow const* const row = rowWith(kTypes, &TypeRow::m_Type, message.type());
+    return row != nullptr ? row->m_Kind : ExchangeKind::kOther;
 }
 
 /// The account that the credentials name, which are not checked yet; empty when they cannot be read.
@@ -247,19 +277,6 @@ HttpResponse handleIdentified(Endpoint const& endpoint, RequestContext const& co
     }
 }
 
-/// Takes the oldest armed fault that can happen to the request.
-void takeFault(RequestContext& context) {
-    Exchange& exchange = context.m_Exchange;
-    FaultEffect effect;
-    effect.m_Fault = context.m_Services.m_Faults.take(
-        exchange.m_Kind, exchange.m_Order, exchange.m_Account, [&context, &effect](Fault const& fault) {
-            Payment const* const payment = context.m_Payment ? &context.m_Payment->m_Payment : nullptr;
-            return canHappen(context.m_Services, fault, context.m_Exchange.m_Kind, payment, effect.m_Other,
-                             context.m_Exchange.m_Steps);
-        });
-    context.m_Effect = std::move(effect);
-}
-
 HttpResponse handleLogged(Services const& services, Endpoint const& endpoint, HttpRequest const& request) {
     auto const begin = std::chrono::steady_clock::now();
     auto stored = std::make_unique<Store::Request>(services.m_Store);
@@ -274,19 +291,44 @@ HttpResponse handleLogged(Services const& services, Endpoint const& endpoint, Ht
     // The control port has no faults, and uses none up.
     bool const mayFail = request.m_BaseUrl != services.m_Addresses.m_Control;
     if (mayFail) {
-        takeFault(context);
+        Payment const* const payment = context.m_Payment ? &context.m_Payment->m_Payment : nullptr;
+        context.m_Effect =
+            takeFault(services, exchange.m_Kind, exchange.m_Order, exchange.m_Account, payment, exchange.m_Steps);
     }
     HttpResponse response = handleIdentified(endpoint, context);
     if (std::optional<Fault> const& fault = context.m_Effect.m_Fault) {
         exchange.m_Fault = faultText(*fault);
         response.m_Fault = fault;
     }
-    response.m_Log =
-        std::make_shared<StoredExchangeLog>(services.m_Store, std::move(stored), std::move(exchange), begin);
+    response.m_Log = std::make_shared<ExchangeLog>(services.m_Store, std::move(stored), std::move(exchange), begin);
     return response;
 }
 
 }  // namespace
+
+std::string const& requireData(RequestContext const& context) {
+    std::string const& data = context.m_Data.get();
+    if (data.empty()) {
+        throw HttpError("DATA is missing");
+    }
+    context.m_Exchange.m_Steps.push_back({"DATA is percent-encoded", std::to_string(data.size()) + " bytes"});
+    return data;
+}
+
+SignedMessage openSignedMessage(RequestContext const& context) {
+    std::string const& text = requireData(context);
+    std::string const signature = takeSignature(context.m_Request.m_Query, context.m_Exchange);
+    Message const& message = context.m_Message.get();
+    context.m_Exchange.m_Steps.push_back({"DATA is a message", message.type()});
+    std::string const keyId = message.require("KEYID");
+    std::optional<MerchantKey> const& key = context.m_Signer;
+    if (!key) {
+        throw HttpError("KEYID names no merchant key that was published here: '" + keyId + "'");
+    }
+    context.m_Exchange.m_Steps.push_back({"KEYID names a key", keyId + " of the account " + key->m_Account});
+    checkSignature(keyId, key->m_Blob, text, signature, context.m_Exchange);
+    return {message, text, key->m_Account};
+}
 
 std::optional<HttpResponse> handleProtocol(Services const& services, HttpRequest const& request) {
     for (Endpoint const& endpoint : kEndpoints) {

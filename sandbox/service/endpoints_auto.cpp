@@ -9,8 +9,8 @@
 
 #include "sandbox/crypto/credentials.h"
 #include "sandbox/crypto/signature.h"
-#include "sandbox/service/signedmessage.h"
 #include "sandbox/text/httperror.h"
+#include "sandbox/text/rowwith.h"
 
 namespace sandbox {
 
@@ -154,12 +154,11 @@ HttpResponse handleAuto(RequestContext const& context) {
     context.m_Exchange.m_Steps.push_back({"The credentials are right", "account " + account});
     Message const& message = context.m_Message.get();
     context.m_Exchange.m_Steps.push_back({"DATA is a message", message.type()});
-    for (AutoRow const& row : kRequests) {
-        if (message.type() == row.m_Type) {
-            return messageResponse(row.m_Handler({context, message, account}).text());
-        }
+    AutoRow const* const row = rowWith(kRequests, &AutoRow::m_Type, message.type());
+    if (row == nullptr) {
+        throw HttpError("the configuration service knows no request '" + message.type() + "'");
     }
-    throw HttpError("the configuration service knows no request '" + message.type() + "'");
+    return messageResponse(row->m_Handler({context, message, account}).text());
 }
 
 }  // namespace sandbox

@@ -11,8 +11,8 @@
 
 #include "sandbox/service/confirmation.h"
 #include "sandbox/service/paymentmoves.h"
-#include "sandbox/service/signedmessage.h"
 #include "sandbox/text/httperror.h"
+#include "sandbox/text/rowwith.h"
 
 namespace sandbox {
 
@@ -123,12 +123,10 @@ Payment lead(CaptureRequest const& request, std::vector<PaymentState> const& fro
         return now;
     }
     now = readAgain(request.m_Services, before);
-    for (PaymentState const state : arrived) {
-        if (now.m_State == state) {
-            return now;
-        }
+    if (std::find(arrived.begin(), arrived.end(), now.m_State) == arrived.end()) {
+        throw HttpError(reasonToRefuse(request, now, to));
     }
-    throw HttpError(reasonToRefuse(request, now, to));
+    return now;
 }
 
 Payment capture(CaptureRequest const& request) {
@@ -196,15 +194,14 @@ Payment reported(FaultEffect const& effect, Payment const& payment) {
 
 HttpResponse handleCapture(RequestContext const& context) {
     SignedMessage const sent = openSignedMessage(context);
-    for (CaptureRow const& row : kRequests) {
-        if (sent.m_Message.type() == row.m_Type) {
-            CaptureRequest const request{context.m_Services, sent, context.m_Effect, context.m_Payment};
-            Payment const payment = reported(context.m_Effect, row.m_Handler(request));
-            return messageResponse(
-                withWrongContent(context.m_Effect, payment, row.m_Response(context.m_Services, payment)).text());
-        }
+    CaptureRow const* const row = rowWith(kRequests, &CaptureRow::m_Type, sent.m_Message.type());
+    if (row == nullptr) {
+        throw HttpError("the capture service knows no request '" + sent.m_Message.type() + "'");
     }
-    throw HttpError("the capture service knows no request '" + sent.m_Message.type() + "'");
+    CaptureRequest const request{context.m_Services, sent, context.m_Effect, context.m_Payment};
+    Payment const payment = reported(context.m_Effect, row->m_Handler(request));
+    Message const response = row->m_Response(context.m_Services, payment);
+    return messageResponse(withWrongContent(context.m_Effect, payment, response).text());
 }
 
 }  // namespace sandbox

@@ -12,13 +12,13 @@
 #include <utility>
 
 #include "sandbox/http/connection.h"
+#include "sandbox/http/exchangelog.h"
 #include "sandbox/http/hostport.h"
 #include "sandbox/http/httptext.h"
 #include "sandbox/http/signalguards.h"
 #include "sandbox/http/tlsidentity.h"
 #include "sandbox/service/confirmation.h"
 #include "sandbox/service/paymentmoves.h"
-#include "sandbox/service/storedexchangelog.h"
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/wiretext.h"
 
@@ -363,10 +363,7 @@ bool Notifier::send(Pending& pending) {
     FaultEffect effect{std::exchange(pending.m_Delay, std::nullopt)};
     std::vector<CheckStep> steps;
     if (!effect.m_Fault) {
-        effect.m_Fault =
-            m_Services.m_Faults.take(ExchangeKind::kNotification, order, payment.m_Account, [&](Fault const& fault) {
-                return canHappen(m_Services, fault, ExchangeKind::kNotification, &payment, effect.m_Other, steps);
-            });
+        effect = takeFault(m_Services, ExchangeKind::kNotification, order, payment.m_Account, &payment, steps);
         if (effect.is(FaultKind::kDelay)) {
             pending.m_Due = Clock::now() + delayOf(*effect.m_Fault);
             pending.m_Delay = std::move(effect.m_Fault);

@@ -1,9 +1,15 @@
+// Moves of payments. Of several that move a payment from one state exactly one succeeds, and the others get the outcome
+// that holds. The confirmation of an outcome can be made any number of times.
 #include "sandbox/service/paymentmoves.h"
 
 #include <cmath>
 #include <cstddef>
 
+#include "sandbox/http/hostport.h"
+#include "sandbox/service/confirmation.h"
 #include "sandbox/service/notifier.h"
+#include "sandbox/text/httperror.h"
+#include "sandbox/text/rowwith.h"
 #include "sandbox/text/utctime.h"
 #include "sandbox/text/wiretext.h"
 
@@ -12,15 +18,6 @@ namespace sandbox {
 namespace {
 
 constexpr std::int64_t kMaxAtOnce = 100;
-
-/// Expires these. True when there were as many as are read at once, so that there may be more.
-bool expireThose(Services const& services, std::vector<Payment> const& overdue) {
-    bool inTime = false;  // the clock was set back meanwhile
-    for (Payment const& payment : overdue) {
-        inTime = expireWhenOverdue(services, payment) || inTime;
-    }
-    return static_cast<std::int64_t>(overdue.size()) == kMaxAtOnce && !inTime;
-}
 
 /// The accounts that go by one clock, and what it shows.
 struct Present {
@@ -50,6 +47,33 @@ std::optional<DueMove> lapseOf(Services const& services, Payment const& payment)
                    "not captured within " + std::to_string(*validity) + " seconds"};
 }
 
+/// The decision on a payment that is not decided in time.
+constexpr Decision kTooLate = {"nothing", PaymentState::kExpired, "FAILLINK"};
+
+/// Whether the time to decide on the payment has passed.
+bool isOverdue(Services const& services, Payment const& payment) {
+    return services.m_Clock.now(payment.m_Account) > expirationIn(payment.m_Attributes);
+}
+
+/// Moves the opened payment as `decision` says. With the fault `pending` it is pending at first, and the merchant is
+/// notified at the end of that. False, with nothing changed, when it is not opened.
+bool moveAsDecided(Services const& services, FaultEffect const& effect, Payment const& payment,
+                   Decision const& decision, std::string const& note) {
+    if (!effect.is(FaultKind::kPending)) {
+        return movePayment(services, payment, {PaymentState::kOpened}, decision.m_State, note);
+    }
+    std::time_t const now = services.m_Clock.now(payment.m_Account);
+    auto const seconds = static_cast<std::int64_t>(std::ceil(secondsOf(*effect.m_Fault)));
+    bool const moved =
+        services.m_Store.advance(payment.m_Id, {PaymentState::kOpened},
+                                 {utcText(now), PaymentState::kPending, note + "; the outcome is pending"},
+                                 std::nullopt, DueMove{now + seconds, decision.m_State, note});
+    if (moved) {
+        services.m_Store.whenCommitted([&services] { services.m_Notifier.wake(); });
+    }
+    return moved;
+}
+
 }  // namespace
 
 bool movePayment(Services const& services, Payment const& payment, std::vector<PaymentState> const& from,
@@ -66,19 +90,6 @@ bool movePayment(Services const& services, Payment const& payment, std::vector<P
     bool const moved = services.m_Store.advance(
         payment.m_Id, from, {services.m_Clock.text(payment.m_Account), to, note}, notification, next);
     if (moved && (notification || next)) {
-        services.m_Store.whenCommitted([&services] { services.m_Notifier.wake(); });
-    }
-    return moved;
-}
-
-bool suspendPayment(Services const& services, Payment const& payment, PaymentState to, std::string const& note,
-                    double seconds) {
-    std::time_t const now = services.m_Clock.now(payment.m_Account);
-    DueMove const outcome{now + static_cast<std::int64_t>(std::ceil(seconds)), to, note};
-    bool const moved = services.m_Store.advance(
-        payment.m_Id, {PaymentState::kOpened},
-        {utcText(now), PaymentState::kPending, note + "; the outcome is pending"}, std::nullopt, outcome);
-    if (moved) {
         services.m_Store.whenCommitted([&services] { services.m_Notifier.wake(); });
     }
     return moved;
@@ -107,14 +118,6 @@ std::optional<std::int64_t> validityOf(Payment const& payment) {
     return isNumber ? wholeNumber(text) : std::nullopt;
 }
 
-std::time_t expirationOf(Payment const& payment) {
-    return static_cast<std::time_t>(expirationIn(payment.m_Attributes));
-}
-
-bool isOverdue(Services const& services, Payment const& payment) {
-    return services.m_Clock.now(payment.m_Account) > expirationOf(payment);
-}
-
 bool expireWhenOverdue(Services const& services, Payment const& payment) {
     if (payment.m_State != PaymentState::kOpened) {
         return false;
@@ -129,9 +132,13 @@ bool expireWhenOverdue(Services const& services, Payment const& payment) {
 bool expireSomeOverdue(Services const& services) {
     bool more = false;
     for (Present const& present : presents(services)) {
-        more =
-            expireThose(services, services.m_Store.paymentsToExpire(present.m_Now, kMaxAtOnce, present.m_Accounts)) ||
-            more;
+        std::vector<Payment> const overdue =
+            services.m_Store.paymentsToExpire(present.m_Now, kMaxAtOnce, present.m_Accounts);
+        bool inTime = false;  // the clock was set back meanwhile
+        for (Payment const& payment : overdue) {
+            inTime = expireWhenOverdue(services, payment) || inTime;
+        }
+        more = more || (static_cast<std::int64_t>(overdue.size()) == kMaxAtOnce && !inTime);
     }
     return more;
 }
@@ -140,6 +147,71 @@ void bringUpToDate(Services const& services) {
     makeDueMoves(services);
     while (expireSomeOverdue(services)) {
     }
+}
+
+std::vector<Decision> const& allDecisions() {
+    // clang-format off
+    static std::vector<Decision> const decisions = {
+        {"pay",     PaymentState::kAuthorised, "SUCCESSLINK"},
+        {"decline", PaymentState::kDeclined,   "FAILLINK"},
+        {"cancel",  PaymentState::kCancelled,  "BACKLINK"},
+    };
+    // clang-format on
+    return decisions;
+}
+
+Decision const& namedDecision(std::string const& name) {
+    Decision const* const decision = rowWith(allDecisions(), &Decision::m_Name, name);
+    if (decision == nullptr) {
+        throw HttpError("the decision is none of pay, decline and cancel");
+    }
+    return *decision;
+}
+
+Outcome outcomeOf(Services const& services, Payment const& payment) {
+    bool const isPending = payment.m_State == PaymentState::kPending;
+    std::optional<DueMove> const due = isPending ? services.m_Store.dueMove(payment.m_Id) : std::nullopt;
+    PaymentState const decided = due ? due->m_State : decidedState(payment);
+    Decision const* const decision = rowWith(allDecisions(), &Decision::m_State, decided);
+    return decision != nullptr ? Outcome{decision, isPending ? payment.m_State : decided}
+                               : Outcome{&kTooLate, kTooLate.m_State};
+}
+
+PaymentState presentState(Services const& services, Payment const& payment) {
+    makeDueMoves(services);
+    expireWhenOverdue(services, payment);
+    return services.m_Store.paymentById(payment.m_Id, Store::History::kLeft)->m_Payment.m_State;
+}
+
+std::optional<Outcome> decide(Services const& services, FaultEffect const& effect, Payment& payment,
+                              Decision const& decision, std::string const& by) {
+    if (payment.m_State == PaymentState::kOpened && !isOverdue(services, payment) &&
+        moveAsDecided(services, effect, payment, decision, by + " " + decision.m_Name)) {
+        payment.m_State = effect.is(FaultKind::kPending) ? PaymentState::kPending : decision.m_State;
+        return Outcome{&decision, payment.m_State};
+    }
+    payment.m_State = presentState(services, payment);
+    if (payment.m_State == PaymentState::kOpened) {
+        return std::nullopt;  // the clock was set back meanwhile
+    }
+    Outcome const made = outcomeOf(services, payment);
+    bool const holds = made.m_Decision == &decision || made.m_Decision == &kTooLate;
+    return holds ? std::optional<Outcome>(made) : std::nullopt;
+}
+
+ReturnedConfirmation returnedConfirmation(Services const& services, FaultEffect const& effect, Payment const& payment,
+                                          Outcome const& outcome) {
+    std::string const query = signedConfirmation(services, payment, stateName(outcome.m_Result), effect);
+    std::string const link = payment.attribute(outcome.m_Decision->m_Link).value_or("");
+    return {link.empty() ? "" : extendLink(link, query), query};
+}
+
+FaultEffect takeDecisionFault(Services const& services, Payment const& payment, std::vector<CheckStep>& steps) {
+    return takeFault(services, ExchangeKind::kDecision, payment.attribute("ORDERID").value_or(""), payment.m_Account,
+                     &payment, steps, [](Fault const& fault) {
+                         // Whatever can happen to a page as well happens to responses of HTTP.
+                         return (faultRow(fault.m_Kind).m_Exchanges & static_cast<unsigned>(ExchangeKind::kPage)) == 0;
+                     });
 }
 
 }  // namespace sandbox

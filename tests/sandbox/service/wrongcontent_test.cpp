@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "sandbox/service/wrongcontent.h"
+#include "sandbox/service/confirmation.h"
 #include "sandbox/text/paymessage.h"
 #include "tests/sandbox/support/sandboxfixture.h"
 

@@ -1,4 +1,4 @@
-#include "sandbox/service/storedexchangelog.h"
+#include "sandbox/http/exchangelog.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -15,17 +15,16 @@ constexpr std::size_t kMaxKept = std::size_t{64} * 1024;
 
 }  // namespace
 
-StoredExchangeLog::StoredExchangeLog(Store& store, std::unique_ptr<Store::Request> request, Exchange exchange,
-                                     TimePoint begin)
+ExchangeLog::ExchangeLog(Store& store, std::unique_ptr<Store::Request> request, Exchange exchange, TimePoint begin)
     : m_Store(store), m_Request(std::move(request)), m_Exchange(std::move(exchange)), m_Begin(begin) {}
 
-void StoredExchangeLog::responseReady(std::string const& response) {
+void ExchangeLog::responseReady(std::string const& response) {
     m_Exchange.m_Response = keptText(response);
     m_Exchange.m_Microseconds = microsecondsSince(m_Begin);
     m_Exchange.m_Number = m_Request->end(m_Exchange);
 }
 
-void StoredExchangeLog::responseSent(Delivery const& delivery) {
+void ExchangeLog::responseSent(Delivery const& delivery) {
     if (!m_Exchange.m_Fault.empty()) {
         m_Store.setDelivery(m_Exchange.m_Number, deliveryText(delivery, microsecondsSince(m_Begin)));
     }

@@ -1,27 +1,36 @@
-#ifndef TALLOWIN_SANDBOX_SERVICE_STOREDEXCHANGELOG_H
-#define TALLOWIN_SANDBOX_SERVICE_STOREDEXCHANGELOG_H
+#ifndef TALLOWIN_SANDBOX_HTTP_EXCHANGELOG_H
+#define TALLOWIN_SANDBOX_HTTP_EXCHANGELOG_H
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
 
-#include "sandbox/http/httpmessages.h"
 #include "sandbox/store/rows.h"
 #include "sandbox/store/store.h"
 
 namespace sandbox {
 
+/// How much of a response was sent.
+struct Delivery {
+    std::size_t m_Bytes = 0;
+    bool m_Reset = false;
+};
+
 /// Adds an exchange to the store when its response is ready, and what was sent of it when a fault applied.
-class StoredExchangeLog : public ExchangeLog {
+class ExchangeLog {
 public:
     using TimePoint = std::chrono::steady_clock::time_point;
 
     /// Borrows `store`. `request` has begun, and ends with the exchange. `begin` is when the request was complete.
-    StoredExchangeLog(Store& store, std::unique_ptr<Store::Request> request, Exchange exchange, TimePoint begin);
+    ExchangeLog(Store& store, std::unique_ptr<Store::Request> request, Exchange exchange, TimePoint begin);
 
-    void responseReady(std::string const& response) override;
-    void responseSent(Delivery const& delivery) override;
+    /// Called with all bytes of the response before it is sent.
+    void responseReady(std::string const& response);
+
+    /// Called after the response was sent, or part of it.
+    void responseSent(Delivery const& delivery);
 
 private:
     Store& m_Store;  ///< Borrowed.
@@ -44,4 +53,4 @@ std::string keptRequest(std::string const& raw);
 
 }  // namespace sandbox
 
-#endif  // TALLOWIN_SANDBOX_SERVICE_STOREDEXCHANGELOG_H
+#endif  // TALLOWIN_SANDBOX_HTTP_EXCHANGELOG_H
