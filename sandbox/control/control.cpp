@@ -1,64 +1,46 @@
+// The guards of the control API and of the dashboard, and the way from an address to its function.
 #include "sandbox/control/control.h"
 
 #include <fnmatch.h>
 
+#include <cstddef>
 #include <vector>
 
-#include "sandbox/control/controlguards.h"
-#include "sandbox/control/controljson.h"
+#include "sandbox/control/controlformat.h"
+#include "sandbox/crypto/credentials.h"
 #include "sandbox/text/httperror.h"
 
 namespace sandbox {
 
 namespace {
 
+/// `host` without a port.
+std::string nameOf(std::string const& host) {
+    std::size_t const colon = host.find(':');
+    bool const numbered =
+        colon != std::string::npos && host.find_first_not_of("0123456789", colon + 1) == std::string::npos;
+    return numbered ? host.substr(0, colon) : host;
+}
+
+constexpr char kCookie[] = "tallowin-sandbox=";
+constexpr char kScheme[] = "Bearer ";
+
+/// The token in the cookies of the request; empty when there is none.
+std::string cookieToken(HttpRequest const& request) {
+    std::size_t const at = request.m_Cookie.find(kCookie);
+    if (at == std::string::npos) {
+        return "";
+    }
+    std::size_t const from = at + sizeof kCookie - 1;
+    return request.m_Cookie.substr(from, request.m_Cookie.find_first_of("; ", from) - from);
+}
+
+[[noreturn]] void refuseToken() {
+    throw HttpError("This needs the service's token: Authorization: Bearer TOKEN, or the link with ?token=TOKEN.",
+                    httpstatus::kUnauthorized);
+}
+
 constexpr char kHealthPath[] = "/health";
-
-/// One method of one address.
-struct Route {
-    char const* m_Method;
-    char const*
-        m_Path;  ///< In the notation of fnmatch(): "?*" stands for any text without a slash, "[0-9]*" for an id.
-    HttpResponse (*m_Handler)(Services const& services, HttpRequest const& request);
-};
-
-// clang-format off
-constexpr Route kRoutes[] = {
-    {"GET",    kHealthPath,              getHealth},
-    {"GET",    "/control",              getStatus},
-    {"GET",    "/control/openapi.json", getOpenApi},
-    {"GET",    "/control/events",       getEvents},
-    {"GET",    "/control/export",       exportAll},
-    {"GET",    "/control/faults",       getFaults},
-    {"POST",   "/control/faults",       armFault},
-    {"DELETE", "/control/faults",       liftAllFaults},
-    {"GET",    "/control/faults/kinds", getFaultKinds},
-    {"DELETE", "/control/faults/[0-9]*",     liftFault},
-    {"GET",    "/control/payments",     getPayments},
-    {"POST",   "/control/payments/decision",   decidePayment},
-    {"POST",   "/control/payments/?*/decision", decidePayment},
-    {"GET",    "/control/payments/?*",          getPayment},
-    {"GET",    "/control/decisions",           getDecisions},
-    {"POST",   "/control/decisions",           addDecision},
-    {"DELETE", "/control/decisions",           removeAllDecisions},
-    {"DELETE", "/control/decisions/[0-9]*",         removeDecision},
-    {"GET",    "/control/scenario",            getScenario},
-    {"POST",   "/control/scenario",            playScenario},
-    {"GET",    "/control/snapshots",           getSnapshots},
-    {"POST",   "/control/snapshots/?*",         saveSnapshot},
-    {"DELETE", "/control/snapshots/?*",         removeSnapshot},
-    {"POST",   "/control/snapshots/?*/restore", restoreSnapshot},
-    {"GET",    "/control/notifications",       getNotifications},
-    {"POST",   "/control/notifications/[0-9]*/resend", resendNotification},
-    {"GET",    "/control/exchanges",    getExchanges},
-    {"DELETE", "/control/exchanges",    removeExchanges},
-    {"POST",   "/control/reset",        reset},
-    {"GET",    "/control/keys",         getKeys},
-    {"POST",   "/control/keys/rotate",  rotateKey},
-    {"POST",   "/control/accounts",     putAccount},
-    {"POST",   "/control/clock",        setClock},
-};
-// clang-format on
 
 bool isBelow(std::string const& path, std::string const& parent) {
     return path == parent || path.compare(0, parent.size() + 1, parent + "/") == 0;
@@ -70,12 +52,33 @@ HttpResponse errorResponse(int status, std::string const& reason) {
     return jsonResponse(status, content);
 }
 
+/// Throws HttpError (415) when the content type is not JSON. A page of another site can post forms and plain text
+/// anywhere, but for JSON the browser sends a preflight request first, which is never granted here. The same applies to
+/// the method DELETE, so it needs no check.
+void requireJson(HttpRequest const& request) {
+    std::string type = lowerCase(request.m_ContentType.substr(0, request.m_ContentType.find(';')));
+    type.erase(type.find_last_not_of(" \t") + 1);
+    if (type != "application/json") {
+        throw HttpError("the request must have the header Content-Type: application/json",
+                        httpstatus::kUnsupportedMediaType);
+    }
+}
+
+std::vector<ControlRoute> allRoutes() {
+    std::vector<ControlRoute> all = stateRoutes();
+    for (std::vector<ControlRoute> const& routes : {drivingRoutes(), streamRoutes()}) {
+        all.insert(all.end(), routes.begin(), routes.end());
+    }
+    return all;
+}
+
 HttpResponse handleRoute(Services const& services, HttpRequest const& request) {
     if (request.m_Path != kHealthPath) {
         checkAccess(services.m_Token, request);
     }
+    static std::vector<ControlRoute> const routes = allRoutes();
     std::vector<std::string> allowed;
-    for (Route const& route : kRoutes) {
+    for (ControlRoute const& route : routes) {
         if (::fnmatch(route.m_Path, request.m_Path.c_str(), FNM_PATHNAME) != 0) {
             continue;
         }
@@ -98,6 +101,34 @@ HttpResponse handleRoute(Services const& services, HttpRequest const& request) {
 }
 
 }  // namespace
+
+void checkAccess(std::string const& token, HttpRequest const& request) {
+    if (!token.empty()) {
+        bool const isBearer = request.m_Authorization.compare(0, sizeof kScheme - 1, kScheme) == 0;
+        if (!equalSecrets(isBearer ? request.m_Authorization.substr(sizeof kScheme - 1) : cookieToken(request),
+                          token)) {
+            refuseToken();
+        }
+        return;
+    }
+    std::string const name = lowerCase(nameOf(request.m_Host));
+    if (!request.m_Host.empty() && name != "127.0.0.1" && name != "localhost") {
+        throw HttpError("This service accepts requests for the hosts 127.0.0.1 and localhost only, not for '" +
+                            request.m_Host + "'.",
+                        httpstatus::kForbidden);
+    }
+}
+
+std::optional<std::string> cookieOf(std::string const& token, HttpRequest const& request) {
+    std::optional<std::string> const given = token.empty() ? std::nullopt : request.m_Query.value("token");
+    if (!given) {
+        return std::nullopt;
+    }
+    if (!equalSecrets(*given, token)) {
+        refuseToken();
+    }
+    return kCookie + token + "; HttpOnly; SameSite=Lax; Path=/";
+}
 
 std::optional<HttpResponse> handleControl(Services const& services, HttpRequest const& request) {
     if (request.m_Path != kHealthPath && !isBelow(request.m_Path, "/control")) {

@@ -5,60 +5,50 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "sandbox/http/httpmessages.h"
 #include "sandbox/service/services.h"
 
 namespace sandbox {
+
+/// Throws HttpError when the request may not see control API and dashboard.
+///
+/// With a non-empty `token` the request must have it: in the header `Authorization: Bearer TOKEN`, or in the cookie
+/// that cookieOf() sets (401). Without one the Host header must name this machine (403): a foreign name that resolves
+/// to 127.0.0.1 would let pages of that site read the responses, and a browser sends that name as Host. Requests
+/// without Host are accepted: browsers always send one.
+void checkAccess(std::string const& token, HttpRequest const& request);
+
+/// The cookie for a browser that was given the token in a link, `?token=TOKEN`; nothing when the request has none.
+/// Throws HttpError (401) when it is another one.
+std::optional<std::string> cookieOf(std::string const& token, HttpRequest const& request);
 
 /// Answers a request to `/health`, `/control` or an address below: the JSON API for the service's state and faults.
 /// Returns nothing for other paths.
 ///
 /// Errors are objects with the member "error". A text that is not UTF-8 has a second member, see putBytes(). POST
-/// requires `Content-Type: application/json`; requests for another host name, or without the token, are
-/// rejected, see controlguards.h.
+/// requires `Content-Type: application/json`; requests that checkAccess() refuses are rejected.
 std::optional<HttpResponse> handleControl(Services const& services, HttpRequest const& request);
 
-/// The addresses of the control API, one function each. All throw HttpError.
-HttpResponse getHealth(Services const& services, HttpRequest const& request);
-HttpResponse getOpenApi(Services const& services, HttpRequest const& request);
-HttpResponse getEvents(Services const& services, HttpRequest const& request);
-HttpResponse exportAll(Services const& services, HttpRequest const& request);
-HttpResponse getStatus(Services const& services, HttpRequest const& request);
-HttpResponse getPayments(Services const& services, HttpRequest const& request);
-HttpResponse getExchanges(Services const& services, HttpRequest const& request);
-HttpResponse removeExchanges(Services const& services, HttpRequest const& request);
-HttpResponse reset(Services const& services, HttpRequest const& request);
-HttpResponse getKeys(Services const& services, HttpRequest const& request);
-HttpResponse rotateKey(Services const& services, HttpRequest const& request);
-HttpResponse putAccount(Services const& services, HttpRequest const& request);
-HttpResponse setClock(Services const& services, HttpRequest const& request);
+/// One method of one address.
+struct ControlRoute {
+    char const* m_Method;
+    char const* m_Path;  ///< As for fnmatch(): "?*" stands for any text without a slash, "[0-9]*" for an identifier.
 
-HttpResponse getPayment(Services const& services, HttpRequest const& request);
-HttpResponse decidePayment(Services const& services, HttpRequest const& request);
-HttpResponse getDecisions(Services const& services, HttpRequest const& request);
-HttpResponse addDecision(Services const& services, HttpRequest const& request);
-HttpResponse removeDecision(Services const& services, HttpRequest const& request);
-HttpResponse removeAllDecisions(Services const& services, HttpRequest const& request);
-HttpResponse getNotifications(Services const& services, HttpRequest const& request);
-HttpResponse resendNotification(Services const& services, HttpRequest const& request);
+    /// Throws HttpError.
+    HttpResponse (*m_Handler)(Services const& services, HttpRequest const& request);
+};
 
-HttpResponse getScenario(Services const& services, HttpRequest const& request);
-HttpResponse playScenario(Services const& services, HttpRequest const& request);
-HttpResponse getSnapshots(Services const& services, HttpRequest const& request);
-HttpResponse saveSnapshot(Services const& services, HttpRequest const& request);
-HttpResponse restoreSnapshot(Services const& services, HttpRequest const& request);
-HttpResponse removeSnapshot(Services const& services, HttpRequest const& request);
-
-HttpResponse getFaults(Services const& services, HttpRequest const& request);
-HttpResponse getFaultKinds(Services const& services, HttpRequest const& request);
-HttpResponse armFault(Services const& services, HttpRequest const& request);
-HttpResponse liftFault(Services const& services, HttpRequest const& request);
-HttpResponse liftAllFaults(Services const& services, HttpRequest const& request);
+/// The addresses of the control API: what is stored, what drives the service, and what is sent piece by piece.
+std::vector<ControlRoute> stateRoutes();
+std::vector<ControlRoute> drivingRoutes();
+std::vector<ControlRoute> streamRoutes();
 
 /// Arms the scenario in a file. Throws std::runtime_error, with the place of a mistake.
 void playScenarioFile(Services const& services, std::string const& path);
 
-/// What getStatus() and getKeys() respond with, for the dashboard.
+/// The status and the keys of the service, for the dashboard as well.
 nlohmann::json statusJson(Services const& services);
 nlohmann::json keysJson(Services const& services);
 

@@ -1,21 +1,23 @@
 // The control API's addresses that drive the service from a test: deciding payments, waiting for what becomes of them,
-// standing decisions, notifications.
-//
+// standing decisions, faults, notifications, scenarios and snapshots.
 // A wait is a request that is answered when the payment has come to the state, or after its seconds. It blocks the
 // thread of its connection alone, and ends early when the service stops.
-
+// A scenario is faults and standing decisions that are armed together, from one JSON text. All of it is read before
+// anything is armed, so that one with an error changes nothing. The error names the place: line and column where the
+// text is no JSON, else the step. What is armed goes into a snapshot as the scenario that would arm it again.
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <fstream>
+#include <iterator>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "sandbox/control/control.h"
-#include "sandbox/control/controlfilters.h"
-#include "sandbox/control/controljson.h"
+#include "sandbox/control/controlformat.h"
 #include "sandbox/service/notifier.h"
 #include "sandbox/service/paymentmoves.h"
 #include "sandbox/text/httperror.h"
@@ -132,7 +134,82 @@ Payment awaitPayment(Services const& services, Filter const& named, std::string 
     }
 }
 
-}  // namespace
+struct Scenario {
+    std::vector<Fault> m_Faults;
+    std::vector<StandingDecision> m_Decisions;
+};
+
+void readStep(Scenario& scenario, json step, json const& account) {
+    if (!step.is_object() || step.contains("kind") == step.contains("decision")) {
+        throw HttpError("a step is an object with one of the members 'kind', of a fault, and 'decision'");
+    }
+    if (!account.is_null() && !step.contains("account")) {
+        step["account"] = account;
+    }
+    if (step.contains("kind")) {
+        scenario.m_Faults.push_back(readFault(step));
+    } else {
+        scenario.m_Decisions.push_back(readDecision(step));
+    }
+}
+
+/// `name` stands for the text in errors.
+Scenario readScenario(std::string const& text, std::string const& name) {
+    json const object = parseObject(text, name);
+    checkMembers(object, {"account", "steps"});
+    if (!object.contains("steps") || !object.at("steps").is_array()) {
+        throw HttpError("the member 'steps' is required and must be an array");
+    }
+    Scenario scenario;
+    json const account = object.contains("account") ? json(requireText(object, "account")) : json();
+    for (json const& step : object.at("steps")) {
+        try {
+            readStep(scenario, step, account);
+        } catch (HttpError const& error) {
+            throw HttpError("step " + std::to_string(&step - &object.at("steps").front() + 1) + ": " + error.what());
+        }
+    }
+    return scenario;
+}
+
+/// What was armed.
+json arm(Services const& services, Scenario const& scenario) {
+    json out = {{"faults", json::array()}, {"decisions", json::array()}};
+    for (Fault const& fault : scenario.m_Faults) {
+        ArmedFault armed;
+        armed.m_Fault = fault;
+        armed.m_Id = services.m_Faults.arm(fault);
+        out["faults"].push_back(armed);
+    }
+    for (StandingDecision decision : scenario.m_Decisions) {
+        decision.m_Id = services.m_Decisions.add(decision);
+        out["decisions"].push_back(decision);
+    }
+    return out;
+}
+
+/// What is armed at present, as the steps of a scenario: counts are those that are left.
+json presentSteps(Services const& services) {
+    json steps = json::array();
+    auto const add = [&steps](json step, std::int64_t times, std::int64_t happened, std::int64_t skip) {
+        for (char const* name : {"id", "happened", "skip"}) {
+            step.erase(name);
+        }
+        step["times"] = times == 0 ? json("always") : json(times - happened);
+        if (skip > 0) {
+            step["skip"] = skip;
+        }
+        steps.push_back(std::move(step));
+    };
+    for (ArmedFault const& armed : services.m_Faults.armed()) {
+        Fault const& fault = armed.m_Fault;
+        add(armed, fault.m_Times, armed.m_Happened, fault.m_Skip - armed.m_Passed);
+    }
+    for (StandingDecision const& each : services.m_Decisions.all()) {
+        add(each, each.m_Times, each.m_Happened, each.m_Skip - static_cast<std::int64_t>(each.m_Passed.size()));
+    }
+    return steps;
+}
 
 HttpResponse getPayment(Services const& services, HttpRequest const& request) {
     refuseUnknown(request.m_Query, {"account", "order", "token", "until", "seconds"});
@@ -183,8 +260,7 @@ HttpResponse addDecision(Services const& services, HttpRequest const& request) {
 
 HttpResponse removeDecision(Services const& services, HttpRequest const& request) {
     std::string const name = segment(request.m_Path, 2);
-    std::optional<std::int64_t> const id = wholeNumber(name);
-    if (!id || !services.m_Decisions.remove(*id)) {
+    if (!services.m_Decisions.remove(wholeNumber(name).value_or(0))) {
         throw HttpError("there is no standing decision '" + name + "'", httpstatus::kNotFound);
     }
     return getDecisions(services, request);
@@ -206,13 +282,119 @@ HttpResponse resendNotification(Services const& services, HttpRequest const& req
         readObject(request.m_Body, {});
     }
     std::string const name = segment(request.m_Path, 2);
-    std::optional<std::int64_t> const number = wholeNumber(name);
-    std::optional<Notification> const again = number ? services.m_Store.repeatNotification(*number) : std::nullopt;
+    std::optional<Notification> const again = services.m_Store.repeatNotification(wholeNumber(name).value_or(0));
     if (!again) {
         throw HttpError("there is no notification '" + name + "'", httpstatus::kNotFound);
     }
     services.m_Notifier.wake();
     return jsonResponse(httpstatus::kCreated, *again);
+}
+
+HttpResponse getFaults(Services const& services, HttpRequest const& request) {
+    return jsonResponse(httpstatus::kOk, {{"faults", services.m_Faults.armed(readAccount(request.m_Query))}});
+}
+
+HttpResponse getFaultKinds(Services const&, HttpRequest const&) {
+    return jsonResponse(httpstatus::kOk, {{"kinds", allFaultKinds()}});
+}
+
+HttpResponse armFault(Services const& services, HttpRequest const& request) {
+    ArmedFault armed;
+    armed.m_Fault = readFault(parseObject(request.m_Body));
+    armed.m_Id = services.m_Faults.arm(armed.m_Fault);
+    return jsonResponse(httpstatus::kCreated, armed);
+}
+
+HttpResponse liftFault(Services const& services, HttpRequest const& request) {
+    std::string const name = segment(request.m_Path, 2);
+    if (!services.m_Faults.lift(wholeNumber(name).value_or(0))) {
+        throw HttpError("no fault '" + name + "' is armed", httpstatus::kNotFound);
+    }
+    return getFaults(services, request);
+}
+
+HttpResponse liftAllFaults(Services const& services, HttpRequest const& request) {
+    services.m_Faults.liftAll(readAccount(request.m_Query));
+    return getFaults(services, request);
+}
+
+HttpResponse getScenario(Services const& services, HttpRequest const&) {
+    return jsonResponse(httpstatus::kOk, {{"steps", presentSteps(services)}});
+}
+
+HttpResponse playScenario(Services const& services, HttpRequest const& request) {
+    return jsonResponse(httpstatus::kCreated, arm(services, readScenario(request.m_Body, "the body")));
+}
+
+HttpResponse getSnapshots(Services const& services, HttpRequest const&) {
+    return jsonResponse(httpstatus::kOk, {{"snapshots", services.m_Snapshots.all()}});
+}
+
+HttpResponse saveSnapshot(Services const& services, HttpRequest const& request) {
+    std::string const name = segment(request.m_Path, 2);
+    json const note = {{"steps", presentSteps(services)}};
+    bool const isNew = services.m_Snapshots.save(name, note.dump(-1, ' ', false, json::error_handler_t::replace));
+    return jsonResponse(isNew ? httpstatus::kCreated : httpstatus::kOk, {{"name", name}});
+}
+
+HttpResponse restoreSnapshot(Services const& services, HttpRequest const& request) {
+    std::string const name = segment(request.m_Path, 2);
+    Scenario const scenario = readScenario(services.m_Snapshots.note(name), "the snapshot's note");
+    services.m_Snapshots.restore(name);
+    services.m_Keys.reload();
+    services.m_Clock.reload();
+    services.m_Notifier.reload();
+    services.m_Faults.liftAll();
+    services.m_Decisions.removeAll();
+    arm(services, scenario);
+    return jsonResponse(httpstatus::kOk, {{"name", name}});
+}
+
+HttpResponse removeSnapshot(Services const& services, HttpRequest const& request) {
+    services.m_Snapshots.remove(segment(request.m_Path, 2));
+    return getSnapshots(services, request);
+}
+
+}  // namespace
+
+std::vector<ControlRoute> drivingRoutes() {
+    // clang-format off
+    return {
+        {"GET",    "/control/faults",                      getFaults},
+        {"POST",   "/control/faults",                      armFault},
+        {"DELETE", "/control/faults",                      liftAllFaults},
+        {"GET",    "/control/faults/kinds",                getFaultKinds},
+        {"DELETE", "/control/faults/[0-9]*",               liftFault},
+        {"POST",   "/control/payments/decision",           decidePayment},
+        {"POST",   "/control/payments/?*/decision",        decidePayment},
+        {"GET",    "/control/payments/?*",                 getPayment},
+        {"GET",    "/control/decisions",                   getDecisions},
+        {"POST",   "/control/decisions",                   addDecision},
+        {"DELETE", "/control/decisions",                   removeAllDecisions},
+        {"DELETE", "/control/decisions/[0-9]*",            removeDecision},
+        {"GET",    "/control/scenario",                    getScenario},
+        {"POST",   "/control/scenario",                    playScenario},
+        {"GET",    "/control/snapshots",                   getSnapshots},
+        {"POST",   "/control/snapshots/?*",                saveSnapshot},
+        {"DELETE", "/control/snapshots/?*",                removeSnapshot},
+        {"POST",   "/control/snapshots/?*/restore",        restoreSnapshot},
+        {"GET",    "/control/notifications",               getNotifications},
+        {"POST",   "/control/notifications/[0-9]*/resend", resendNotification},
+    };
+    // clang-format on
+}
+
+void playScenarioFile(Services const& services, std::string const& path) {
+    std::ifstream file(path);
+    std::string const text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    if (!file) {
+        throw std::runtime_error("cannot read the scenario " + path);
+    }
+    try {
+        arm(services, readScenario(text, "the text"));
+    } catch (HttpError const& error) {
+        throw std::runtime_error("scenario " + path + ": " + error.what());
+    }
 }
 
 }  // namespace sandbox

@@ -11,8 +11,7 @@
 #include <vector>
 
 #include "sandbox/control/control.h"
-#include "sandbox/control/controlfilters.h"
-#include "sandbox/control/controljson.h"
+#include "sandbox/control/controlformat.h"
 #include "sandbox/crypto/signature.h"
 #include "sandbox/service/notifier.h"
 #include "sandbox/service/paymentmoves.h"
@@ -119,19 +118,9 @@ void changeClock(Services const& services, nlohmann::json const& object, std::st
     }
 }
 
-}  // namespace
-
 HttpResponse getHealth(Services const& services, HttpRequest const&) {
     return jsonResponse(services.m_Ready ? httpstatus::kOk : httpstatus::kServiceUnavailable,
                         {{"ready", services.m_Ready.load()}, {"version", KVX_VERSION}});
-}
-
-nlohmann::json statusJson(Services const& services) {
-    return {{"version", KVX_VERSION},
-            {"addresses", addressesJson(services.m_Addresses)},
-            {"serverKeyId", services.m_Keys.current()->m_Id},
-            {"clock", clocksJson(services)},
-            {"counts", countsJson(services)}};
 }
 
 HttpResponse getStatus(Services const& services, HttpRequest const&) {
@@ -179,25 +168,6 @@ HttpResponse reset(Services const& services, HttpRequest const& request) {
     return jsonResponse(httpstatus::kOk, {{"payments", payments}, {"exchanges", exchanges}});
 }
 
-nlohmann::json keysJson(Services const& services) {
-    std::string const current = services.m_Keys.current()->m_Id;
-    auto const serverKey = [&current](KeyRing::Key const& key) {
-        return nlohmann::json{{"id", key->m_Id},
-                              {"current", key->m_Id == current},
-                              {"bits", EVP_PKEY_get_bits(key->m_Key.get())},
-                              {"blob", publicKeyBlob(key->m_Key.get())}};
-    };
-    auto const merchantKey = [](PublishedKey const& published) {
-        nlohmann::json key = {{"id", published.m_Id},
-                              {"time", published.m_Time},
-                              {"bits", EVP_PKEY_get_bits(readPublicKeyBlob(published.m_Key.m_Blob).get())}};
-        putBytes(key, "account", published.m_Key.m_Account);
-        return key;
-    };
-    return {{"server", rowsOf(services.m_Keys.all(), serverKey)},
-            {"merchants", rowsOf(services.m_Store.merchantKeys(), merchantKey)}};
-}
-
 HttpResponse getKeys(Services const& services, HttpRequest const&) {
     return jsonResponse(httpstatus::kOk, keysJson(services));
 }
@@ -238,6 +208,52 @@ HttpResponse setClock(Services const& services, HttpRequest const& request) {
         changeClock(services, object, account);
     }
     return jsonResponse(httpstatus::kOk, clockJson(services, account));
+}
+
+}  // namespace
+
+std::vector<ControlRoute> stateRoutes() {
+    // clang-format off
+    return {
+        {"GET",    "/health",              getHealth},
+        {"GET",    "/control",             getStatus},
+        {"GET",    "/control/payments",    getPayments},
+        {"GET",    "/control/exchanges",   getExchanges},
+        {"DELETE", "/control/exchanges",   removeExchanges},
+        {"POST",   "/control/reset",       reset},
+        {"GET",    "/control/keys",        getKeys},
+        {"POST",   "/control/keys/rotate", rotateKey},
+        {"POST",   "/control/accounts",    putAccount},
+        {"POST",   "/control/clock",       setClock},
+    };
+    // clang-format on
+}
+
+nlohmann::json statusJson(Services const& services) {
+    return {{"version", KVX_VERSION},
+            {"addresses", addressesJson(services.m_Addresses)},
+            {"serverKeyId", services.m_Keys.current()->m_Id},
+            {"clock", clocksJson(services)},
+            {"counts", countsJson(services)}};
+}
+
+nlohmann::json keysJson(Services const& services) {
+    std::string const current = services.m_Keys.current()->m_Id;
+    auto const serverKey = [&current](KeyRing::Key const& key) {
+        return nlohmann::json{{"id", key->m_Id},
+                              {"current", key->m_Id == current},
+                              {"bits", EVP_PKEY_get_bits(key->m_Key.get())},
+                              {"blob", publicKeyBlob(key->m_Key.get())}};
+    };
+    auto const merchantKey = [](PublishedKey const& published) {
+        nlohmann::json key = {{"id", published.m_Id},
+                              {"time", published.m_Time},
+                              {"bits", EVP_PKEY_get_bits(readPublicKeyBlob(published.m_Key.m_Blob).get())}};
+        putBytes(key, "account", published.m_Key.m_Account);
+        return key;
+    };
+    return {{"server", rowsOf(services.m_Keys.all(), serverKey)},
+            {"merchants", rowsOf(services.m_Store.merchantKeys(), merchantKey)}};
 }
 
 void setClockAhead(Services const& services, std::int64_t seconds, std::string const& account) {

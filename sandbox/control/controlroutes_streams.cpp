@@ -15,8 +15,7 @@
 #include <vector>
 
 #include "sandbox/control/control.h"
-#include "sandbox/control/controlfilters.h"
-#include "sandbox/control/controljson.h"
+#include "sandbox/control/controlformat.h"
 #include "sandbox/service/paymentmoves.h"
 #include "sandbox/text/httperror.h"
 
@@ -199,8 +198,6 @@ private:
     bool m_AtEnd = false;
 };
 
-}  // namespace
-
 HttpResponse getEvents(Services const& services, HttpRequest const& request) {
     refuseUnknown(request.m_Query, {"account", "after"});
     HttpResponse response{httpstatus::kOk, "text/event-stream", ""};
@@ -219,6 +216,18 @@ HttpResponse exportAll(Services const& services, HttpRequest const& request) {
 
 HttpResponse getOpenApi(Services const&, HttpRequest const&) {
     return {httpstatus::kOk, "application/json", kOpenApi};
+}
+
+}  // namespace
+
+std::vector<ControlRoute> streamRoutes() {
+    // clang-format off
+    return {
+        {"GET", "/control/openapi.json", getOpenApi},
+        {"GET", "/control/events",       getEvents},
+        {"GET", "/control/export",       exportAll},
+    };
+    // clang-format on
 }
 
 }  // namespace sandbox

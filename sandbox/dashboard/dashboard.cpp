@@ -1,17 +1,45 @@
+// The way from an address to its page, and what the pages share: navigation, forms, and the messages of an exchange.
 #include "sandbox/dashboard/dashboard.h"
 
+#include <cstddef>
 #include <string>
 #include <utility>
 
-#include "sandbox/control/controlguards.h"
+#include "sandbox/control/control.h"
+#include "sandbox/control/controlformat.h"
 #include "sandbox/crypto/credentials.h"
-#include "sandbox/dashboard/dashboardparts.h"
+#include "sandbox/pages/shopperpages.h"
 #include "sandbox/pages/templates.h"
 #include "sandbox/text/httperror.h"
+#include "sandbox/text/utctime.h"
+#include "sandbox/text/wiretext.h"
 
 namespace sandbox {
 
 namespace {
+
+using nlohmann::json;
+
+struct NavigationRow {
+    char const* m_Path;
+    char const* m_Text;
+};
+
+constexpr char kFaults[] = "/faults";
+constexpr NavigationRow kNavigation[] = {
+    {"/", "Overview"}, {kFaults, "Faults"}, {"/keys", "Keys and clock"}, {"/calculator", "Signature calculator"}};
+
+/// The entry of the faults shows how many are armed.
+json navigation(Services const& services, std::string const& path) {
+    std::size_t const armed = services.m_Faults.armed().size();
+    return rowsOf(kNavigation, [&path, armed](NavigationRow const& row) {
+        bool const counts = row.m_Path == std::string(kFaults) && armed > 0;
+        return json{{"path", row.m_Path},
+                    {"text", row.m_Text},
+                    {"current", path == row.m_Path},
+                    {"count", counts ? std::to_string(armed) + " armed" : ""}};
+    });
+}
 
 /// One method of one page.
 struct Route {
@@ -42,7 +70,10 @@ Query formFields(HttpRequest const& request) {
     return Query(replaceAll(request.m_Body, "+", "%20"));
 }
 
-HttpResponse handleForm(Services const& services, HttpRequest const& request, Route const& route) {
+HttpResponse handleRoute(Services const& services, HttpRequest const& request, Route const& route) {
+    if (request.m_Method != "POST") {
+        return route.m_Handler(services, request.m_Query);
+    }
     Query const form = formFields(request);
     if (!equalSecrets(form.value("key").value_or(""), services.m_FormKey)) {
         throw HttpError(
@@ -51,13 +82,6 @@ HttpResponse handleForm(Services const& services, HttpRequest const& request, Ro
             httpstatus::kForbidden);
     }
     return route.m_Handler(services, form);
-}
-
-HttpResponse handleRoute(Services const& services, HttpRequest const& request, Route const& route) {
-    if (request.m_Method == "POST") {
-        return handleForm(services, request, route);
-    }
-    return route.m_Handler(services, request.m_Query);
 }
 
 /// The response to a request that may not see the dashboard, or that brings the token in a link; nothing for others.
@@ -83,6 +107,31 @@ HttpResponse errorResponse(Services const& services, int status, std::string con
 }
 
 }  // namespace
+
+HttpResponse dashboardPage(Services const& services, int status, std::string const& path, std::string const& title,
+                           std::string const& name, json content) {
+    content["title"] = title;
+    content["isBroad"] = true;
+    content["navigation"] = navigation(services, path);
+    content["version"] = KVX_VERSION;
+    content["formKey"] = services.m_FormKey;
+    return renderPage(status, name, std::move(content));
+}
+
+HttpResponse seeOther(std::string const& path) {
+    return {httpstatus::kSeeOther, "text/plain; charset=utf-8", "Done. See " + path + ".\n", path};
+}
+
+json exchangeRow(Exchange const& exchange) {
+    json row = summaryJson(exchange);
+    row["ok"] = exchange.m_Verdict == "ok";
+    row["duration"] = millisecondsText(exchange.m_Microseconds);
+    return row;
+}
+
+json exchangeTable(std::string const& caption, std::vector<Exchange> const& exchanges) {
+    return exchanges.empty() ? json() : json{{"caption", caption}, {"exchanges", rowsOf(exchanges, exchangeRow)}};
+}
 
 std::optional<HttpResponse> handleDashboard(Services const& services, HttpRequest const& request) {
     std::string allowed;

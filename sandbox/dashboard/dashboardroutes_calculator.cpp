@@ -11,9 +11,9 @@
 
 #include "diagnosis/diagnosis.h"
 #include "diagnosis/explanation.h"
-#include "sandbox/control/controljson.h"
+#include "sandbox/control/controlformat.h"
 #include "sandbox/crypto/signature.h"
-#include "sandbox/dashboard/dashboardparts.h"
+#include "sandbox/dashboard/dashboard.h"
 #include "sandbox/pages/shopperpages.h"
 #include "sandbox/service/confirmation.h"
 #include "sandbox/service/storedevidence.h"

@@ -17,8 +17,8 @@
 #include <utility>
 #include <vector>
 
-#include "sandbox/control/controljson.h"
-#include "sandbox/dashboard/dashboardparts.h"
+#include "sandbox/control/controlformat.h"
+#include "sandbox/dashboard/dashboard.h"
 #include "sandbox/pages/templates.h"
 #include "sandbox/text/httperror.h"
 

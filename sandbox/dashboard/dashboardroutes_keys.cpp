@@ -2,7 +2,7 @@
 #include <string>
 
 #include "sandbox/control/control.h"
-#include "sandbox/dashboard/dashboardparts.h"
+#include "sandbox/dashboard/dashboard.h"
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/wiretext.h"
 

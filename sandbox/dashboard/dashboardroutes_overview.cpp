@@ -13,9 +13,8 @@
 #include <vector>
 
 #include "sandbox/control/control.h"
-#include "sandbox/control/controlfilters.h"
-#include "sandbox/control/controljson.h"
-#include "sandbox/dashboard/dashboardparts.h"
+#include "sandbox/control/controlformat.h"
+#include "sandbox/dashboard/dashboard.h"
 #include "sandbox/pages/shopperpages.h"
 #include "sandbox/service/paymentmoves.h"
 #include "sandbox/text/httperror.h"

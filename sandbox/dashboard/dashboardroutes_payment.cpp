@@ -1,4 +1,7 @@
-// The page of one payment. Its exchanges are those that the store has linked to it, and those that name only its TOKEN,
+// The pages of one payment, and of one exchange: its checks, the messages in both directions, request and response
+// exactly as transferred.
+//
+// The exchanges of a payment are those that the store has linked to it, and those that name only its TOKEN,
 // or its ORDERID without a TOKEN, since several payments can have the same order.
 //
 // The stations on its way are a table of rows, each with the exchanges that belong to it and a function that finds out
@@ -16,11 +19,14 @@
 #include <utility>
 #include <vector>
 
-#include "sandbox/control/controljson.h"
-#include "sandbox/dashboard/dashboardparts.h"
+#include "sandbox/control/controlformat.h"
+#include "sandbox/dashboard/dashboard.h"
 #include "sandbox/pages/shopperpages.h"
+#include "sandbox/pages/templates.h"
 #include "sandbox/service/paymentmoves.h"
 #include "sandbox/text/httperror.h"
+#include "sandbox/text/utctime.h"
+#include "sandbox/text/wiretext.h"
 
 namespace sandbox {
 
@@ -33,6 +39,72 @@ constexpr std::int64_t kMaxExchanges = 500;
 
 // So many exchanges are shown at each station.
 constexpr std::size_t kMaxShown = 5;
+
+constexpr char kHeaderEnd[] = "\r\n\r\n";
+constexpr char kLocation[] = "\r\nLocation: ";
+constexpr char kOutcome[] = "<code>DATA=";
+
+/// The text behind `start` up to `end`; empty when either is missing.
+std::string between(std::string const& text, std::string const& start, std::string const& end) {
+    std::size_t const at = text.find(start);
+    std::size_t const to = at == std::string::npos ? at : text.find(end, at + start.size());
+    return to == std::string::npos ? "" : text.substr(at + start.size(), to - at - start.size());
+}
+
+/// The query of the return link; on a page it is escaped. Empty without one.
+std::string signedQuery(std::string const& response) {
+    std::string const link = between(response, kLocation, "\r\n");
+    if (!link.empty()) {
+        std::size_t const query = link.find('?') + 1;
+        return link.substr(query, link.find('#', query) - query);
+    }
+    std::string const shown = between(response, kOutcome, "</code>");
+    return shown.empty() ? "" : "DATA=" + replaceAll(shown, "&amp;", "&");
+}
+
+/// The message that a response contains.
+struct SentMessage {
+    std::string m_Label;  ///< What it is, for people.
+    std::string m_Data;
+    std::string m_Signature;  ///< Empty when it is not signed.
+};
+
+/// The calculator's page for a message.
+std::string calculatorPath(std::string const& data, std::string const& signature) {
+    return "/calculator?DATA=" + percentEncode(data) + "&SIGNATURE=" + percentEncode(signature);
+}
+
+/// A message that was sent, for the template `message`, with a link to the calculator when it is signed.
+json sentContent(std::string const& label, std::string const& data, std::string const& signature) {
+    json content = messageContent(data);
+    content["label"] = label;
+    content["calculator"] = signature.empty() ? "" : calculatorPath(data, signature);
+    return content;
+}
+
+/// The confirmation in the return link of `exchange`, or on the page without one; else the message that is the body of
+/// the response. Nothing when there is neither, or not all of it was stored.
+std::optional<SentMessage> sentMessage(Exchange const& exchange) {
+    std::string const& response = exchange.m_Response;
+    bool const isOurs = exchange.m_Kind != ExchangeKind::kNotification;
+    std::size_t const head = response.find(kHeaderEnd);
+    if (!isOurs || head == std::string::npos) {
+        return std::nullopt;
+    }
+    std::string body = response.substr(head + sizeof kHeaderEnd - 1);
+    if (body.compare(0, 4, "<KVX") == 0) {
+        return SentMessage{"Message in the response", body, ""};
+    }
+    try {
+        Query const query(signedQuery(response));
+        if (std::optional<std::string> const data = query.value("DATA")) {
+            return SentMessage{"Confirmation sent with the return link", *data, query.value("SIGNATURE").value_or("")};
+        }
+    } catch (HttpError const&) {
+        return std::nullopt;  // the merchant's link has such names of its own
+    }
+    return std::nullopt;
+}
 
 /// What the stations are made from.
 struct Journey {
@@ -227,6 +299,47 @@ json stationsContent(Services const& services, Payment const& payment, std::vect
     });
 }
 
+/// The number of the exchange before or after `number`; nothing at the end.
+std::optional<std::int64_t> neighbourOf(Services const& services, std::int64_t number, bool before) {
+    Page page;
+    page.m_NewestFirst = before;
+    (before ? page.m_Before : page.m_After) = number;
+    page.m_Limit = 1;
+    std::vector<Exchange> const found = services.m_Store.exchangeSummaries({}, page).m_Rows;
+    return found.empty() ? std::nullopt : std::optional<std::int64_t>(found.front().m_Number);
+}
+
+json links(Services const& services, Exchange const& exchange) {
+    json out = json::array();
+    for (auto const& [before, text] : {std::pair(true, "Previous exchange"), {false, "Next exchange"}}) {
+        if (std::optional<std::int64_t> const neighbour = neighbourOf(services, exchange.m_Number, before)) {
+            out.push_back({{"path", "/exchange?number=" + std::to_string(*neighbour)}, {"text", text}});
+        }
+    }
+    std::string const& id = exchange.m_Payment;
+    if (!id.empty() && services.m_Store.paymentById(id, Store::History::kLeft)) {
+        out.push_back({{"path", "/payment?id=" + id}, {"text", "Payment " + id}});
+    }
+    if (!exchange.m_Data.empty()) {
+        out.push_back({{"path", calculatorPath(exchange.m_Data, exchange.m_Signature)},
+                       {"text", "Check DATA and SIGNATURE in the calculator"}});
+    }
+    return out;
+}
+
+/// Why there is no table of checks; null when there is one.
+json noSteps(Exchange const& exchange) {
+    if (exchange.m_Kind == ExchangeKind::kNotification) {
+        return "A notification has no checks, because this service sends the request. Its result is the merchant's "
+               "response, or says that nothing was sent.";
+    }
+    if (exchange.m_Steps.empty()) {
+        return exchange.m_Verdict == "not looked at" ? "The request was not checked."
+                                                     : "No checks are recorded, only the result.";
+    }
+    return nullptr;
+}
+
 }  // namespace
 
 HttpResponse paymentDetailsPage(Services const& services, Query const& query) {
@@ -251,6 +364,34 @@ HttpResponse paymentDetailsPage(Services const& services, Query const& query) {
                       : "These are the first " + std::to_string(kMaxExchanges) + ". The control API lists all of them.";
     return dashboardPage(services, httpstatus::kOk, "", "Payment " + payment.m_Id, "payment_details",
                          std::move(content));
+}
+
+HttpResponse exchangeDetailsPage(Services const& services, Query const& query) {
+    std::string const text = query.value("number").value_or("");
+    std::optional<std::int64_t> const number = wholeNumber(text);
+    std::optional<Exchange> const exchange = number ? services.m_Store.exchange(*number) : std::nullopt;
+    if (!exchange) {
+        throw HttpError("There is no exchange '" + text + "'.", httpstatus::kNotFound);
+    }
+    bool const fromMerchant = exchange->m_Kind != ExchangeKind::kNotification;
+    std::optional<SentMessage> const sent = sentMessage(*exchange);
+    json content = *exchange;
+    content["links"] = links(services, *exchange);
+    content["hasLinks"] = !content["links"].empty();
+    content["mark"] = exchange->m_Verdict == "ok" ? "good" : "bad";
+    content["duration"] = millisecondsText(exchange->m_Microseconds);
+    content["noSteps"] = noSteps(*exchange);
+    content["message"] = exchange->m_Data.empty() ? json() : messageContent(exchange->m_Data);
+    content["sent"] = sent ? sentContent(sent->m_Label, sent->m_Data, sent->m_Signature) : json();
+    content["requestHeading"] = fromMerchant ? "Request received" : "Request sent";
+    content["answerHeading"] = fromMerchant ? "Response, before any fault" : "Response of the merchant";
+    content["request"] = verbatim(exchange->m_Request);
+    content["answer"] = verbatim(exchange->m_Response);
+    for (char const* replaced : {"requestHex", "answerHex"}) {
+        content.erase(replaced);
+    }
+    return dashboardPage(services, httpstatus::kOk, "", "Exchange " + std::to_string(exchange->m_Number),
+                         "exchange_details", std::move(content));
 }
 
 }  // namespace sandbox
