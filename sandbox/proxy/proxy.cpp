@@ -3,21 +3,30 @@
 // way the fault wants it. The exchange of a tunnel is stored before its bytes flow.
 // An error before the first byte of the response becomes a response with its status. After that the connection is
 // reset, because a mere end would make a cut response look complete.
+// carry() relays both ways on one thread, with poll(). Each round waits for what the two flows can do next, then writes
+// up, reads up, writes down and reads down. The order matters: when writing up fails, only that direction ends, since
+// the target may have responded without reading everything.
+// Odd: nothing goes down before something came up, so a target that speaks first is held back. After the service began
+// to stop, at most kLastRounds more rounds carry what is at hand.
 #include "sandbox/proxy/proxy.h"
 
 #include <strings.h>
+#include <sys/socket.h>
 
 #include <algorithm>
+#include <array>
+#include <cerrno>
 #include <cstddef>
 #include <exception>
 #include <optional>
+#include <string>
 #include <utility>
 
 #include "sandbox/http/delivery.h"
+#include "sandbox/http/endsignal.h"
 #include "sandbox/http/exchangelog.h"
 #include "sandbox/http/hostport.h"
 #include "sandbox/http/httptext.h"
-#include "sandbox/http/relay.h"
 #include "sandbox/text/httperror.h"
 
 namespace sandbox {
@@ -25,6 +34,175 @@ namespace sandbox {
 namespace {
 
 using Clock = EndSignal::Clock;
+
+constexpr std::size_t kPieceBytes = std::size_t{64} * 1024;
+constexpr std::size_t kMaxRemembered = std::size_t{128} * 1024;  // of what goes on to a destination
+constexpr std::size_t kMaxCollected = std::size_t{8} * 1024 * 1024;
+constexpr int kLastRounds = 64;
+
+/// Whether a call on a socket that does not block has failed for good.
+bool isBroken() {
+    return errno != EAGAIN && errno != EINTR;
+}
+
+/// One direction of a relay. Without a destination it keeps what comes. Used by one thread.
+class Flow {
+public:
+    /// Stands for "no socket".
+    static constexpr int kNowhere = -1;
+
+    /// Whether the end of the source is passed on to the destination (half-close).
+    enum class AtEnd { kPassOn, kLeave };
+
+    /// Both sockets are borrowed. `ahead` came from the source before.
+    Flow(int from, int to, std::string const& ahead, AtEnd atEnd) : m_From(from), m_To(to), m_AtEnd(atEnd) {
+        take(ahead.data(), ahead.size());
+    }
+
+    [[nodiscard]] int from() const { return m_From; }
+    [[nodiscard]] int to() const { return m_To; }
+    [[nodiscard]] AtEnd atEnd() const { return m_AtEnd; }
+
+    [[nodiscard]] bool wantsToRead() const { return !m_SourceEnded && (m_To == kNowhere || m_Waiting.empty()); }
+    [[nodiscard]] bool wantsToWrite() const { return !m_Waiting.empty(); }
+
+    /// Whether the source has sent a byte, or ended.
+    [[nodiscard]] bool started() const { return m_SourceEnded || !m_Begin.empty(); }
+
+    /// Whether the source has ended and everything has arrived.
+    [[nodiscard]] bool ended() const { return m_SourceEnded && m_Waiting.empty(); }
+
+    /// Whether more bytes arrived than a flow without a destination keeps.
+    [[nodiscard]] bool overflowed() const { return m_Overflowed; }
+
+    /// The first bytes received, `ahead` included; without a destination, all of them.
+    [[nodiscard]] std::string const& begin() const { return m_Begin; }
+
+    /// Reads or writes as much as is possible without waiting. False when the connection is broken.
+    bool read() {
+        std::array<char, kPieceBytes> piece;
+        ssize_t const count = ::recv(m_From, piece.data(), piece.size(), MSG_DONTWAIT);
+        if (count < 0) {
+            return !isBroken();
+        }
+        m_SourceEnded = count == 0;
+        take(piece.data(), static_cast<std::size_t>(count));
+        passOnEnd();
+        return true;
+    }
+    bool write() {
+        ssize_t const count = ::send(m_To, m_Waiting.data(), m_Waiting.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (count < 0) {
+            return !isBroken();
+        }
+        m_Waiting.erase(0, static_cast<std::size_t>(count));
+        passOnEnd();
+        return true;
+    }
+
+    /// Transfers nothing more.
+    void abandon() {
+        m_SourceEnded = true;
+        m_Waiting.clear();
+    }
+
+private:
+    void take(char const* bytes, std::size_t size) {
+        std::size_t const most = m_To == kNowhere ? kMaxCollected : kMaxRemembered;
+        m_Overflowed = m_To == kNowhere && size > most - m_Begin.size();
+        m_Begin.append(bytes, std::min(size, most - m_Begin.size()));
+        if (m_To != kNowhere) {
+            m_Waiting.append(bytes, size);
+        }
+    }
+    void passOnEnd() const {
+        if (ended() && m_AtEnd == AtEnd::kPassOn) {
+            ::shutdown(m_To, SHUT_WR);
+        }
+    }
+
+    int m_From;
+    int m_To;
+    AtEnd m_AtEnd;
+    std::string m_Waiting;  ///< Has been read and not yet written. Empty without a destination.
+    std::string m_Begin;
+    bool m_SourceEnded = false;
+    bool m_Overflowed = false;
+};
+
+/// How the relay of one connection ended.
+enum class Outcome { kComplete, kClientLost, kTargetLost, kTimedOut, kTooLong, kStopped };
+
+/// How long a relay may take.
+struct RelayTimeouts {
+    Clock::time_point m_ResponseBy;  ///< The response must have begun by then; be complete when it is collected.
+
+    /// Between two signs of life once nothing more comes up: the client waits for the response or has gone, which looks
+    /// the same.
+    Clock::duration m_IdleTimeout;
+};
+
+/// Without wanted events the socket is left out, because poll() would report its end over and over.
+pollfd waitFor(int socket, bool reading, bool writing) {
+    short const events = static_cast<short>((reading ? POLLIN : 0) | (writing ? POLLOUT : 0));
+    return {events != 0 ? socket : Flow::kNowhere, events, 0};
+}
+
+/// Whether to try what was waited for; what is wrong with the connection shows in trying.
+bool isDue(pollfd const& wait, int event) {
+    return (wait.events & event) != 0 && (wait.revents & (event | POLLERR | POLLHUP)) != 0;
+}
+
+bool isOver(Flow const& up, Flow const& down) {
+    return down.ended() && (down.atEnd() == Flow::AtEnd::kLeave || up.ended());
+}
+
+/// Carries `up`, from the client to the target, and `down`, the other direction. Nothing goes down before something has
+/// come up. It is over when `down` has ended; when that end is passed on, both must have ended. Once `ending` is
+/// raised, only what is at hand is carried.
+Outcome carry(Flow& up, Flow& down, RelayTimeouts const& timeouts, EndSignal const& ending) {
+    int roundsLeft = kLastRounds;
+    Clock::time_point quietUntil = Clock::time_point::max();
+    while (!isOver(up, down)) {
+        bool const stopping = ending.raised();
+        if (stopping && --roundsLeft < 0) {
+            return Outcome::kStopped;
+        }
+        std::array<pollfd, 2> waits = {
+            waitFor(up.from(), up.wantsToRead() && !stopping, down.wantsToWrite()),
+            waitFor(up.to(), down.wantsToRead() && up.started(), up.wantsToWrite()),
+        };
+        bool const responding = down.started() && down.to() != Flow::kNowhere;
+        if (up.ended()) {
+            quietUntil = Clock::now() + timeouts.m_IdleTimeout;
+        }
+        switch (ending.await(waits, responding ? quietUntil : std::min(timeouts.m_ResponseBy, quietUntil))) {
+            case EndSignal::Wait::kReady:
+                break;
+            case EndSignal::Wait::kTimedOut:
+                return Outcome::kTimedOut;
+            case EndSignal::Wait::kEnded:
+                return Outcome::kStopped;
+        }
+        auto const [client, target] = waits;
+        if (isDue(target, POLLOUT) && !up.write()) {
+            // Its response may be there all the same: a target that refuses a request need not read all of it.
+            up.abandon();
+        }
+        // Stopping the service ends the client's direction as well. The target must not take that for the client's end.
+        bool const clientGone = isDue(client, POLLIN) && !ending.raised() && !up.read();
+        if (clientGone || (isDue(client, POLLOUT) && !down.write())) {
+            return Outcome::kClientLost;
+        }
+        if (isDue(target, POLLIN) && !down.read()) {
+            return Outcome::kTargetLost;
+        }
+        if (down.overflowed()) {
+            return Outcome::kTooLong;
+        }
+    }
+    return Outcome::kComplete;
+}
 
 /// Merchants read it with one call and begin TLS right after it: it is short, and nothing follows it.
 constexpr char kEstablished[] = "HTTP/1.0 200 Connection established\r\n\r\n";
@@ -229,8 +407,8 @@ private:
         if (m_Fault && !leavesTunnel(m_Fault->m_Kind)) {
             return;
         }
-        Flow up(m_Connection.socket(), target.get(), request.m_Ahead, Flow::AtEnd::kTell);
-        Flow down(target.get(), m_Connection.socket(), "", Flow::AtEnd::kTell);
+        Flow up(m_Connection.socket(), target.get(), request.m_Ahead, Flow::AtEnd::kPassOn);
+        Flow down(target.get(), m_Connection.socket(), "", Flow::AtEnd::kPassOn);
         carry(up, down, {Clock::time_point::max(), m_Timeout}, m_Ending);
         if (!down.ended()) {
             // A mere end would look like the whole.
@@ -242,7 +420,7 @@ private:
         Clock::time_point const responseBy = Clock::now() + m_Timeout;
         LocalSocket const target(address.m_HostPort, responseBy, m_Ending);
         std::string const head = request.m_Method + " " + address.m_Target + " HTTP/1.0\r\n" + request.m_Fields;
-        Flow up(m_Connection.socket(), target.get(), head + request.m_Ahead, Flow::AtEnd::kTell);
+        Flow up(m_Connection.socket(), target.get(), head + request.m_Ahead, Flow::AtEnd::kPassOn);
         // A response that a fault applies to is collected first; any other is forwarded as it comes.
         Flow down(target.get(), m_Fault ? Flow::kNowhere : m_Connection.socket(), "", Flow::AtEnd::kLeave);
         Outcome const outcome = carry(up, down, {responseBy, m_Timeout}, m_Ending);
