@@ -66,8 +66,7 @@ HttpResponse handle(Services const& services, HttpRequest const& request) noexce
 
 /// A service between start() and stop(). The members are torn down from the last to the first: no request is under way
 /// any more when what it works on goes.
-class Service::Running {
-public:
+struct Service::Running {
     explicit Running(Options const& options)
         : m_Directory(options.m_DataDirectory),
           m_Store(m_Directory.file(kDatabaseFile), options.m_Retention),
@@ -142,13 +141,6 @@ public:
     Running(Running const&) = delete;
     Running& operator=(Running const&) = delete;
 
-    [[nodiscard]] Services const& services() const { return m_Services; }
-    [[nodiscard]] Listener const& control() const { return m_Control; }
-    [[nodiscard]] Listener const& plain() const { return m_Plain; }
-    [[nodiscard]] Listener const* tls() const { return m_Tls.get(); }
-    [[nodiscard]] Listener const* proxy() const { return m_Proxy.get(); }
-
-private:
     void start(Listener& listener, std::chrono::seconds silence) {
         auto const serve = [this, baseUrl = listener.baseUrl()](Connection& connection) {
             m_Requests.serve(connection, baseUrl);
@@ -208,35 +200,35 @@ void Service::stop() {
 }
 
 std::uint16_t Service::plainPort() const {
-    return m_Running ? m_Running->plain().port() : std::uint16_t{0};
+    return m_Running ? m_Running->m_Plain.port() : std::uint16_t{0};
 }
 
 std::uint16_t Service::tlsPort() const {
-    return m_Running && m_Running->tls() != nullptr ? m_Running->tls()->port() : std::uint16_t{0};
+    return m_Running && m_Running->m_Tls ? m_Running->m_Tls->port() : std::uint16_t{0};
 }
 
 std::uint16_t Service::controlPort() const {
-    return m_Running ? m_Running->control().port() : std::uint16_t{0};
+    return m_Running ? m_Running->m_Control.port() : std::uint16_t{0};
 }
 
 std::uint16_t Service::proxyPort() const {
-    return m_Running && m_Running->proxy() != nullptr ? m_Running->proxy()->port() : std::uint16_t{0};
+    return m_Running && m_Running->m_Proxy ? m_Running->m_Proxy->port() : std::uint16_t{0};
 }
 
 std::string Service::baseUrl() const {
-    return m_Running ? m_Running->services().m_Addresses.m_Plain : "";
+    return m_Running ? m_Running->m_Services.m_Addresses.m_Plain : "";
 }
 
 std::string Service::tlsBaseUrl() const {
-    return m_Running ? m_Running->services().m_Addresses.m_Tls : "";
+    return m_Running ? m_Running->m_Services.m_Addresses.m_Tls : "";
 }
 
 std::string Service::controlUrl() const {
-    return m_Running ? m_Running->services().m_Addresses.m_Control : "";
+    return m_Running ? m_Running->m_Services.m_Addresses.m_Control : "";
 }
 
 std::string Service::proxyUrl() const {
-    return m_Running ? m_Running->services().m_Addresses.m_Proxy : "";
+    return m_Running ? m_Running->m_Services.m_Addresses.m_Proxy : "";
 }
 
 std::string Service::authorityFile() const {
@@ -244,44 +236,32 @@ std::string Service::authorityFile() const {
 }
 
 std::string Service::serverKeyId() const {
-    return running().services().m_Keys.current()->m_Id;
+    return running().m_Keys.current()->m_Id;
 }
 
 std::string Service::rotateServerKey() {
-    return running().services().m_Keys.rotate()->m_Id;
+    return running().m_Keys.rotate()->m_Id;
 }
 
 std::vector<Payment> Service::payments() const {
-    bringUpToDate(running().services());
-    return running().services().m_Store.payments({}, {}).m_Rows;
+    bringUpToDate(running().m_Services);
+    return running().m_Store.payments({}, {}).m_Rows;
 }
 
 void Service::clockMoved() {
-    running().services().m_Notifier.wake();
+    running().m_Notifier.wake();
 }
 
 std::vector<Exchange> Service::exchanges() const {
-    return running().services().m_Store.exchanges({}, {}).m_Rows;
+    return running().m_Store.exchanges({}, {}).m_Rows;
 }
 
 std::vector<Notification> Service::notifications() const {
-    return running().services().m_Store.notifications();
+    return running().m_Store.notifications();
 }
 
-std::int64_t Service::arm(Fault const& fault) {
-    return running().services().m_Faults.arm(fault);
-}
-
-bool Service::liftFault(std::int64_t id) {
-    return running().services().m_Faults.lift(id);
-}
-
-void Service::liftFaults() {
-    running().services().m_Faults.liftAll();
-}
-
-std::vector<ArmedFault> Service::faults() {
-    return running().services().m_Faults.armed();
+FaultRegistry& Service::faults() {
+    return running().m_Faults;
 }
 
 Service::Running& Service::running() const {

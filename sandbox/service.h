@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "sandbox/faults/faultregistry.h"
-#include "sandbox/http/hostport.h"
+#include "sandbox/http/httptext.h"
 #include "sandbox/store/rows.h"
 
 namespace sandbox {
@@ -109,14 +109,11 @@ public:
     /// All notifications, oldest first.
     [[nodiscard]] std::vector<Notification> notifications() const;
 
-    /// See FaultRegistry.
-    std::int64_t arm(Fault const& fault);
-    bool liftFault(std::int64_t id);
-    void liftFaults();
-    [[nodiscard]] std::vector<ArmedFault> faults();
+    /// Those that are armed.
+    [[nodiscard]] FaultRegistry& faults();
 
 private:
-    class Running;
+    struct Running;
 
     [[nodiscard]] Running& running() const;
 

@@ -4,7 +4,6 @@
 #include <fnmatch.h>
 
 #include <cstddef>
-#include <vector>
 
 #include "sandbox/control/controlformat.h"
 #include "sandbox/crypto/credentials.h"

@@ -7,15 +7,12 @@
 #include "sandbox/control/controlformat.h"
 
 #include <algorithm>
-#include <cstddef>
 #include <limits>
-#include <optional>
 #include <stdexcept>
 #include <utility>
 
 #include "sandbox/service/paymentmoves.h"
 #include "sandbox/text/httperror.h"
-#include "sandbox/text/wiretext.h"
 
 namespace sandbox {
 

@@ -2,7 +2,6 @@
 #include "sandbox/dashboard/dashboard.h"
 
 #include <cstddef>
-#include <string>
 #include <utility>
 
 #include "sandbox/control/control.h"
@@ -11,8 +10,6 @@
 #include "sandbox/pages/shopperpages.h"
 #include "sandbox/pages/templates.h"
 #include "sandbox/text/httperror.h"
-#include "sandbox/text/utctime.h"
-#include "sandbox/text/wiretext.h"
 
 namespace sandbox {
 

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <iterator>
 #include <map>
 #include <string>
 #include <utility>
@@ -19,7 +18,6 @@
 #include "sandbox/service/paymentmoves.h"
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/rowwith.h"
-#include "sandbox/text/utctime.h"
 #include "sandbox/text/wiretext.h"
 
 namespace sandbox {

@@ -25,7 +25,6 @@
 #include "sandbox/pages/templates.h"
 #include "sandbox/service/paymentmoves.h"
 #include "sandbox/text/httperror.h"
-#include "sandbox/text/utctime.h"
 #include "sandbox/text/wiretext.h"
 
 namespace sandbox {

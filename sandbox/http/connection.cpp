@@ -226,34 +226,24 @@ std::string readFirstLine(Connection& connection) {
 }
 
 LocalSocket::LocalSocket(HostPort const& hostPort, EndSignal::Clock::time_point deadline, EndSignal const& ending)
-    : m_Socket(-1) {
+    : m_Socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
+    if (get() < 0) {
+        throw HttpError("no socket: " + std::generic_category().message(errno), httpstatus::kServiceUnavailable);
+    }
+    int const yes = 1;
+    ::setsockopt(get(), IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr = localAddress(hostPort.m_Host);
     address.sin_port = htons(hostPort.m_Port);
-    m_Socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (m_Socket < 0) {
-        throw HttpError("no socket: " + std::generic_category().message(errno), httpstatus::kServiceUnavailable);
+    int error = 0;
+    if (::connect(get(), reinterpret_cast<sockaddr const*>(&address), sizeof address) != 0) {
+        error = errno == EINPROGRESS ? awaitConnected(get(), hostPort, deadline, ending) : errno;
     }
-    int const yes = 1;
-    ::setsockopt(m_Socket, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
-    try {
-        int error = 0;
-        if (::connect(m_Socket, reinterpret_cast<sockaddr const*>(&address), sizeof address) != 0) {
-            error = errno == EINPROGRESS ? awaitConnected(m_Socket, hostPort, deadline, ending) : errno;
-        }
-        if (error != 0) {
-            throw HttpError("no connection to " + hostPort.text() + ": " + std::generic_category().message(error),
-                            httpstatus::kBadGateway);
-        }
-    } catch (...) {
-        ::close(m_Socket);
-        throw;
+    if (error != 0) {
+        throw HttpError("no connection to " + hostPort.text() + ": " + std::generic_category().message(error),
+                        httpstatus::kBadGateway);
     }
-}
-
-LocalSocket::~LocalSocket() {
-    ::close(m_Socket);
 }
 
 }  // namespace sandbox

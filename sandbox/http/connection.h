@@ -9,7 +9,7 @@
 
 #include "sandbox/crypto/opensslholders.h"
 #include "sandbox/http/endsignal.h"
-#include "sandbox/http/hostport.h"
+#include "sandbox/http/httptext.h"
 
 namespace sandbox {
 
@@ -97,14 +97,11 @@ public:
     /// Connects. Throws HttpError: 403 when the host is not this machine, 502 when nothing listens there, 504 when it
     /// has not come about by `deadline`, 503 when `ending` was raised before.
     LocalSocket(HostPort const& hostPort, EndSignal::Clock::time_point deadline, EndSignal const& ending);
-    ~LocalSocket();
-    LocalSocket(LocalSocket const&) = delete;
-    LocalSocket& operator=(LocalSocket const&) = delete;
 
-    [[nodiscard]] int get() const { return m_Socket; }
+    [[nodiscard]] int get() const { return m_Socket.get(); }
 
 private:
-    int m_Socket;  ///< Owned.
+    Descriptor m_Socket;
 };
 
 }  // namespace sandbox

@@ -1,7 +1,6 @@
 #include "sandbox/http/endsignal.h"
 
 #include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -21,27 +20,23 @@ int pollTimeoutUntil(EndSignal::Clock::time_point moment) {
 }
 
 EndSignal::EndSignal() : m_Event(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    if (m_Event < 0) {
+    if (m_Event.get() < 0) {
         throw std::runtime_error("cannot make an event: " + std::generic_category().message(errno));
     }
 }
 
-EndSignal::~EndSignal() {
-    ::close(m_Event);
-}
-
 void EndSignal::raise() const {
-    ::eventfd_write(m_Event, 1);
+    ::eventfd_write(m_Event.get(), 1);
 }
 
 bool EndSignal::raised() const {
-    pollfd event{m_Event, POLLIN, 0};
+    pollfd event{m_Event.get(), POLLIN, 0};
     return ::poll(&event, 1, 0) > 0;
 }
 
 EndSignal::Wait EndSignal::await(std::array<pollfd, 2>& sockets, Clock::time_point deadline) const {
     for (;;) {
-        std::array<pollfd, 3> waits = {sockets[0], sockets[1], pollfd{m_Event, POLLIN, 0}};
+        std::array<pollfd, 3> waits = {sockets[0], sockets[1], pollfd{m_Event.get(), POLLIN, 0}};
         int const happened = ::poll(waits.data(), waits.size(), pollTimeoutUntil(deadline));
         if (happened < 0 && errno != EINTR) {
             throw std::runtime_error("cannot wait: " + std::generic_category().message(errno));

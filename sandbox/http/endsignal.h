@@ -6,6 +6,8 @@
 #include <array>
 #include <chrono>
 
+#include "sandbox/crypto/releaser.h"
+
 namespace sandbox {
 
 /// The time up to `moment` for poll(), rounded up to milliseconds and at most an hour; -1 when `moment` is max().
@@ -20,9 +22,6 @@ public:
 
     /// Throws std::runtime_error.
     EndSignal();
-    ~EndSignal();
-    EndSignal(EndSignal const&) = delete;
-    EndSignal& operator=(EndSignal const&) = delete;
 
     void raise() const;
     [[nodiscard]] bool raised() const;
@@ -32,7 +31,7 @@ public:
     Wait await(std::array<pollfd, 2>& sockets, Clock::time_point deadline) const;
 
 private:
-    int m_Event;  ///< Owned; readable once the signal is raised.
+    Descriptor m_Event;  ///< Readable once the signal is raised.
 };
 
 }  // namespace sandbox

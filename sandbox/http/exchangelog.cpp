@@ -1,10 +1,8 @@
 #include "sandbox/http/exchangelog.h"
 
 #include <algorithm>
-#include <cstddef>
 #include <utility>
 
-#include "sandbox/text/utctime.h"
 #include "sandbox/text/wiretext.h"
 
 namespace sandbox {

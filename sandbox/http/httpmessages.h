@@ -2,7 +2,6 @@
 #define TALLOWIN_SANDBOX_HTTP_HTTPMESSAGES_H
 
 #include <chrono>
-#include <cstddef>
 #include <functional>
 #include <memory>
 #include <optional>

@@ -9,7 +9,7 @@
 #include "sandbox/faults/faultregistry.h"
 #include "sandbox/http/acceptor.h"
 #include "sandbox/http/connection.h"
-#include "sandbox/http/hostport.h"
+#include "sandbox/http/httptext.h"
 #include "sandbox/http/tlsidentity.h"
 
 namespace sandbox {

@@ -11,7 +11,6 @@
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/paymessage.h"
 #include "sandbox/text/rowwith.h"
-#include "sandbox/text/utctime.h"
 #include "sandbox/text/wiretext.h"
 
 namespace sandbox {

@@ -25,7 +25,6 @@
 #include "sandbox/http/delivery.h"
 #include "sandbox/http/endsignal.h"
 #include "sandbox/http/exchangelog.h"
-#include "sandbox/http/hostport.h"
 #include "sandbox/http/httptext.h"
 #include "sandbox/text/httperror.h"
 

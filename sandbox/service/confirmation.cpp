@@ -5,7 +5,6 @@
 #include "sandbox/service/confirmation.h"
 
 #include <cstddef>
-#include <string>
 
 #include "sandbox/crypto/signature.h"
 #include "sandbox/text/rowwith.h"

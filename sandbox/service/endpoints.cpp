@@ -7,10 +7,8 @@
 
 #include <chrono>
 #include <cstddef>
-#include <cstdint>
 #include <exception>
 #include <memory>
-#include <optional>
 #include <utility>
 
 #include "diagnosis/diagnosis.h"
@@ -18,10 +16,8 @@
 #include "sandbox/crypto/credentials.h"
 #include "sandbox/crypto/signature.h"
 #include "sandbox/pages/shopperpages.h"
-#include "sandbox/service/confirmation.h"
 #include "sandbox/service/contentcheck.h"
 #include "sandbox/service/storedevidence.h"
-#include "sandbox/text/httperror.h"
 #include "sandbox/text/rowwith.h"
 #include "sandbox/text/wiretext.h"
 
@@ -169,33 +165,33 @@ void identify(Endpoint const& endpoint, RequestContext& context) {
         return;
     }
     exchange.m_Kind = endpoint.m_Handler == handlePay ? ExchangeKind::kPage : ExchangeKind::kOther;
-    std::string const* const data = context.m_Data.find();
-    exchange.m_Data = data != nullptr ? *data : "";
-    Message const* const message = context.m_Message.find();
-    if (message != nullptr) {
+    exchange.m_Data = context.m_Data.value_or("");
+    std::optional<Message> const& message = context.m_Message;
+    if (message) {
         exchange.m_Kind = kindOf(endpoint, *message);
     }
     if (endpoint.m_Handler == handleAuto) {
         exchange.m_Account = accountOfCredentials(context.m_Request);
-        exchange.m_Order = message != nullptr ? message->find("ORDERID").value_or("") : "";
-    } else if (message != nullptr) {
+        exchange.m_Order = message ? message->find("ORDERID").value_or("") : "";
+    } else if (message) {
         identifySigned(endpoint, context, *message);
     }
 }
 
 RequestContext makeContext(Services const& services, HttpRequest const& request, Exchange& exchange) {
-    auto data = Parsed<std::string>::of([&services, &request] {
+    RequestContext context{services, request, exchange, Query(request.m_Body)};
+    try {
         std::string const text = request.m_Query.value("DATA").value_or("");
         bool const isAccepted = services.m_Lenient && request.m_Path == kPayPath && isEncodedAgain(text);
-        return isAccepted ? percentDecode(text).value_or(text) : text;
-    });
-    auto message = Parsed<Message>::of([&data] {
-        if (isEncodedAgain(data.get())) {
+        context.m_Data = isAccepted ? percentDecode(text).value_or(text) : text;
+        if (isEncodedAgain(*context.m_Data)) {
             throw HttpError("DATA is percent-encoded twice");
         }
-        return Message::parse(data.get());
-    });
-    return {services, request, exchange, Query(request.m_Body), std::move(data), std::move(message), {}};
+        context.m_Message = Message::parse(*context.m_Data);
+    } catch (HttpError const& error) {
+        context.m_Unreadable = error;
+    }
+    return context;
 }
 
 /// The response when the request is not to be carried out.
@@ -307,19 +303,29 @@ HttpResponse handleLogged(Services const& services, Endpoint const& endpoint, Ht
 }  // namespace
 
 std::string const& requireData(RequestContext const& context) {
-    std::string const& data = context.m_Data.get();
-    if (data.empty()) {
+    if (!context.m_Data) {
+        throw HttpError(*context.m_Unreadable);
+    }
+    if (context.m_Data->empty()) {
         throw HttpError("DATA is missing");
     }
-    context.m_Exchange.m_Steps.push_back({"DATA is percent-encoded", std::to_string(data.size()) + " bytes"});
-    return data;
+    context.m_Exchange.m_Steps.push_back(
+        {"DATA is percent-encoded", std::to_string(context.m_Data->size()) + " bytes"});
+    return *context.m_Data;
+}
+
+Message const& requireMessage(RequestContext const& context) {
+    if (!context.m_Message) {
+        throw HttpError(*context.m_Unreadable);
+    }
+    context.m_Exchange.m_Steps.push_back({"DATA is a message", context.m_Message->type()});
+    return *context.m_Message;
 }
 
 SignedMessage openSignedMessage(RequestContext const& context) {
     std::string const& text = requireData(context);
     std::string const signature = takeSignature(context.m_Request.m_Query, context.m_Exchange);
-    Message const& message = context.m_Message.get();
-    context.m_Exchange.m_Steps.push_back({"DATA is a message", message.type()});
+    Message const& message = requireMessage(context);
     std::string const keyId = message.require("KEYID");
     std::optional<MerchantKey> const& key = context.m_Signer;
     if (!key) {

@@ -14,51 +14,17 @@
 /// The addresses of the protocol.
 namespace sandbox {
 
-/// The result of parsing once: a value, or the HttpError that says why there is none. The error is thrown
-/// where the value is needed, so that a request is parsed early and refused in the order of its checks.
-template <class Value>
-class Parsed {
-public:
-    /// Keeps what `parse` returns, or the HttpError that it throws. Other exceptions pass.
-    template <class Parse>
-    static Parsed of(Parse parse) {
-        Parsed parsed;
-        try {
-            parsed.m_Value = parse();
-        } catch (HttpError const& error) {
-            parsed.m_Error = error;
-        }
-        return parsed;
-    }
-
-    /// Throws the HttpError when there is no value.
-    [[nodiscard]] Value const& get() const {
-        if (m_Error) {
-            throw HttpError(*m_Error);
-        }
-        return m_Value.value();
-    }
-
-    /// Null when there is no value.
-    [[nodiscard]] Value const* find() const { return m_Value ? &*m_Value : nullptr; }
-
-private:
-    Parsed() = default;
-
-    std::optional<Value> m_Value;
-    std::optional<HttpError> m_Error;
-};
-
 /// One request to an address of the protocol while it is handled. What it holds is parsed and read from the store once,
 /// at the beginning.
 struct RequestContext {
     Services const& m_Services;  ///< Borrowed, as are the next two.
     HttpRequest const& m_Request;
-    Exchange& m_Exchange;        ///< Filled in by each check that the request passes.
-    Query m_Form;                ///< The fields of a posted form.
-    Parsed<std::string> m_Data;  ///< DATA of the query, decoded; empty when it is missing.
-    Parsed<Message> m_Message;   ///< The message in DATA.
-    FaultEffect m_Effect;        ///< Of the fault that applies to the request.
+    Exchange& m_Exchange;                        ///< Filled in by each check that the request passes.
+    Query m_Form;                                ///< The fields of a posted form.
+    std::optional<std::string> m_Data = {};      ///< DATA of the query, decoded; empty when it is missing.
+    std::optional<Message> m_Message = {};       ///< The message in DATA.
+    std::optional<HttpError> m_Unreadable = {};  ///< Why there is no message. Thrown where one of the two is needed.
+    FaultEffect m_Effect = {};                   ///< Of the fault that applies to the request.
 
     /// The merchant's key that KEYID of a signed message names.
     std::optional<MerchantKey> m_Signer = {};
@@ -74,8 +40,9 @@ struct SignedMessage {
     std::string m_Account;      ///< Owner of the key that signed it.
 };
 
-/// DATA of the request. Throws HttpError when it is missing or cannot be decoded.
+/// DATA of the request, and the message in it. Both throw HttpError when there is none.
 std::string const& requireData(RequestContext const& context);
+Message const& requireMessage(RequestContext const& context);
 
 /// Verifies the signature of the message in DATA with the merchant key that KEYID names. Throws HttpError with the
 /// first thing that is wrong.

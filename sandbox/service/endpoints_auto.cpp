@@ -152,8 +152,7 @@ HttpResponse handleAuto(RequestContext const& context) {
     requireData(context);
     std::string const account = checkCredentials(context.m_Services, context.m_Request.m_Authorization);
     context.m_Exchange.m_Steps.push_back({"The credentials are right", "account " + account});
-    Message const& message = context.m_Message.get();
-    context.m_Exchange.m_Steps.push_back({"DATA is a message", message.type()});
+    Message const& message = requireMessage(context);
     AutoRow const* const row = rowWith(kRequests, &AutoRow::m_Type, message.type());
     if (row == nullptr) {
         throw HttpError("the configuration service knows no request '" + message.type() + "'");

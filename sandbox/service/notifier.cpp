@@ -13,7 +13,6 @@
 
 #include "sandbox/http/connection.h"
 #include "sandbox/http/exchangelog.h"
-#include "sandbox/http/hostport.h"
 #include "sandbox/http/httptext.h"
 #include "sandbox/http/signalguards.h"
 #include "sandbox/http/tlsidentity.h"
@@ -191,26 +190,27 @@ void Notifier::start() {
 
 void Notifier::wake() {
     std::lock_guard<std::mutex> const lock(m_Mutex);
-    m_Woken = true;
-    m_Changed.notify_one();
+    wakeLocked();
 }
 
 void Notifier::reload() {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     m_Reloading = true;
     m_Watching = true;
-    m_Woken = true;
-    m_Changed.notify_one();
+    wakeLocked();
 }
 
 void Notifier::watch() {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     // While there are other payments the clock is checked anyway.
-    if (!m_Watching) {
-        m_Watching = true;
-        m_Woken = true;
-        m_Changed.notify_one();
+    if (!std::exchange(m_Watching, true)) {
+        wakeLocked();
     }
+}
+
+void Notifier::wakeLocked() {
+    m_Woken = true;
+    m_Changed.notify_one();
 }
 
 void Notifier::stop() {
@@ -330,8 +330,7 @@ void Notifier::runWorker() {
         } else if (queue.m_Waiting.empty()) {
             m_Queues.erase(job.m_Queue);
         }
-        m_Woken = true;
-        m_Changed.notify_one();
+        wakeLocked();
     }
 }
 

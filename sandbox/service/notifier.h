@@ -87,6 +87,7 @@ private:
         Pending m_Pending;
     };
 
+    void wakeLocked();
     void run();
     Clock::time_point poll();
     void expireOverdue();

@@ -5,12 +5,10 @@
 #include <cmath>
 #include <cstddef>
 
-#include "sandbox/http/hostport.h"
-#include "sandbox/service/confirmation.h"
+#include "sandbox/http/httptext.h"
 #include "sandbox/service/notifier.h"
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/rowwith.h"
-#include "sandbox/text/utctime.h"
 #include "sandbox/text/wiretext.h"
 
 namespace sandbox {

@@ -3,8 +3,6 @@
 #include <cstddef>
 #include <utility>
 
-#include "sandbox/text/wiretext.h"
-
 namespace sandbox {
 
 namespace {

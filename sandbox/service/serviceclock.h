@@ -10,7 +10,7 @@
 #include <string>
 
 #include "sandbox/store/store.h"
-#include "sandbox/text/utctime.h"
+#include "sandbox/text/wiretext.h"
 
 namespace sandbox {
 

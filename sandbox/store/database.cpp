@@ -10,11 +10,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstddef>
 #include <new>
 #include <stdexcept>
 #include <system_error>
-#include <utility>
 
 namespace sandbox {
 

@@ -21,89 +21,59 @@ namespace {
     throw std::runtime_error(what + " " + path + ": " + std::generic_category().message(error));
 }
 
-/// A descriptor that closes itself.
-class Descriptor {
-public:
-    explicit Descriptor(int number) : m_Number(number) {}
-    ~Descriptor() {
-        if (m_Number >= 0) {
-            ::close(m_Number);
-        }
+int openFile(char const* what, std::string const& path, int flags) {
+    int const file = ::open(path.c_str(), flags | O_CLOEXEC, S_IRUSR | S_IWUSR);
+    if (file < 0) {
+        fail(what, path, errno);
     }
-    Descriptor(Descriptor const&) = delete;
-    Descriptor& operator=(Descriptor const&) = delete;
-
-    [[nodiscard]] int get() const { return m_Number; }
-    [[nodiscard]] int release() {
-        int const number = m_Number;
-        m_Number = -1;
-        return number;
-    }
-
-private:
-    int m_Number;
-};
-
-int takeLock(std::string const& path) {
-    Descriptor lock(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR));
-    if (lock.get() < 0) {
-        fail("cannot open", path, errno);
-    }
-    if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
-        if (errno == EWOULDBLOCK) {
-            throw std::runtime_error("another sandbox is running on this data directory (" + path + " is locked)");
-        }
-        fail("cannot lock", path, errno);
-    }
-    return lock.release();
+    return file;
 }
 
-}  // namespace
-
-DataDirectory::DataDirectory(std::string const& path) : m_Path(path) {
+/// Creates the directory. Returns `path`.
+std::string const& created(std::string const& path) {
     if (path.empty()) {
         throw std::runtime_error("no data directory was given");
     }
     if (::mkdir(path.c_str(), S_IRWXU | S_IXGRP | S_IXOTH) != 0 && errno != EEXIST) {
         fail("cannot create the data directory", path, errno);
     }
-    m_Lock = takeLock(file("sandbox.lock"));
+    return path;
 }
 
-DataDirectory::~DataDirectory() {
-    ::close(m_Lock);
+}  // namespace
+
+DataDirectory::DataDirectory(std::string const& path)
+    : m_Path(created(path)), m_Lock(openFile("cannot open", file("sandbox.lock"), O_RDWR | O_CREAT)) {
+    if (::flock(m_Lock.get(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno == EWOULDBLOCK) {
+            throw std::runtime_error("another sandbox is running on this data directory (" + file("sandbox.lock") +
+                                     " is locked)");
+        }
+        fail("cannot lock", file("sandbox.lock"), errno);
+    }
 }
 
 std::string DataDirectory::read(std::string const& name) const {
     std::string const path = file(name);
-    Descriptor const from(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (from.get() < 0) {
-        if (errno == ENOENT) {
-            return "";
-        }
-        fail("cannot open", path, errno);
+    if (::access(path.c_str(), F_OK) != 0 && errno == ENOENT) {
+        return "";
     }
+    Descriptor const from(openFile("cannot open", path, O_RDONLY));
     std::string content;
     char piece[4096];
-    for (;;) {
-        ssize_t const count = ::read(from.get(), piece, sizeof piece);
+    for (ssize_t count = 1; count > 0; content.append(piece, static_cast<std::size_t>(count))) {
+        count = ::read(from.get(), piece, sizeof piece);
         if (count < 0) {
             fail("cannot read", path, errno);
         }
-        if (count == 0) {
-            return content;
-        }
-        content.append(piece, static_cast<std::size_t>(count));
     }
+    return content;
 }
 
 void DataDirectory::write(std::string const& name, std::string const& content) const {
     std::string const path = file(name);
     std::string const fresh = path + ".new";
-    Descriptor const to(::open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, S_IRUSR | S_IWUSR));
-    if (to.get() < 0) {
-        fail("cannot create", fresh, errno);
-    }
+    Descriptor const to(openFile("cannot create", fresh, O_WRONLY | O_CREAT | O_TRUNC));
     std::size_t done = 0;
     while (done < content.size()) {
         ssize_t const count = ::write(to.get(), content.data() + done, content.size() - done);

@@ -3,6 +3,8 @@
 
 #include <string>
 
+#include "sandbox/crypto/releaser.h"
+
 namespace sandbox {
 
 /// The directory that holds all files of the service, created when it is missing and used by one service at a time.
@@ -11,9 +13,6 @@ public:
     /// Creates `path` (mode 0711, so that others can open what is published; its parent must exist) and takes the lock
     /// file in it. Throws std::runtime_error when that fails or another service holds the lock.
     explicit DataDirectory(std::string const& path);
-    ~DataDirectory();
-    DataDirectory(DataDirectory const&) = delete;
-    DataDirectory& operator=(DataDirectory const&) = delete;
 
     /// The path of `name` in the directory.
     [[nodiscard]] std::string file(std::string const& name) const { return m_Path + "/" + name; }
@@ -30,7 +29,7 @@ public:
 
 private:
     std::string m_Path;
-    int m_Lock;  ///< Owned; holds an exclusive lock while open.
+    Descriptor m_Lock;  ///< Holds an exclusive lock while open.
 };
 
 }  // namespace sandbox

@@ -2,10 +2,9 @@
 #include "sandbox/text/rowwith.h"
 
 #include <ctime>
-#include <limits>
 #include <stdexcept>
 
-#include "sandbox/text/utctime.h"
+#include "sandbox/text/wiretext.h"
 
 namespace sandbox {
 

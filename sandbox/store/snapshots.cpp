@@ -10,7 +10,7 @@
 
 #include "sandbox/store/storelayout.h"
 #include "sandbox/text/httperror.h"
-#include "sandbox/text/utctime.h"
+#include "sandbox/text/wiretext.h"
 
 namespace sandbox {
 

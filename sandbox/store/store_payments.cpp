@@ -5,7 +5,6 @@
 // A payment's attributes are not stored apart: they are read from its message. Columns repeat what is searched for.
 #include <algorithm>
 #include <ctime>
-#include <stdexcept>
 #include <thread>
 #include <utility>
 

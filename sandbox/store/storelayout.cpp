@@ -8,7 +8,6 @@
 #include "sandbox/store/storelayout.h"
 
 #include <cstdint>
-#include <ctime>
 #include <limits>
 #include <optional>
 #include <stdexcept>
@@ -18,7 +17,6 @@
 #include "sandbox/store/rows.h"
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/paymessage.h"
-#include "sandbox/text/utctime.h"
 #include "sandbox/text/wiretext.h"
 
 namespace sandbox {

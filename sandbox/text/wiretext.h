@@ -2,13 +2,14 @@
 #define TALLOWIN_SANDBOX_TEXT_WIRETEXT_H
 
 #include <cstdint>
+#include <ctime>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
-/// The text forms in which bytes travel: hexadecimal, percent-encoding, Base64 of the Basic header, query strings.
-/// All functions are pure; strings are bytes.
+/// The text forms in which bytes travel: hexadecimal, percent-encoding, Base64 of the Basic header, query strings,
+/// times. All functions are pure; strings are bytes.
 namespace sandbox {
 
 /// Two lower-case hexadecimal digits for each byte.
@@ -67,6 +68,16 @@ std::optional<std::int64_t> wholeNumber(std::string const& text);
 
 /// `count` bytes of a cryptographic generator in hexadecimal. Throws std::runtime_error when the generator fails.
 std::string randomHex(int count);
+
+/// The moment that an EXPIRATION like "20240131 23:59:07" (UTC) names; nothing when the text has another form or names
+/// no real date.
+std::optional<std::time_t> parseExpiration(std::string const& text);
+
+/// A moment like "2024-01-31T23:59:07Z", for the history and the exchanges.
+std::string utcText(std::time_t moment);
+
+/// A span of time for people, "12.3 ms".
+std::string millisecondsText(std::int64_t microseconds);
 
 }  // namespace sandbox
 

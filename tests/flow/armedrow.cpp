@@ -56,7 +56,7 @@ ArmedRow* ArmedRow::s_Current = nullptr;
 ArmedRow::ArmedRow(sandbox::Service& service, FaultTableRow const& row, std::string const& order, FaultSize size)
     : m_Service(service), m_Fault(faultOf(row, order, size)) {
     if (!isOfConnection(row)) {
-        m_Service.arm(m_Fault);
+        m_Service.faults().arm(m_Fault);
         return;
     }
     auto const& all = merchantExchanges();
@@ -68,13 +68,13 @@ ArmedRow::ArmedRow(sandbox::Service& service, FaultTableRow const& row, std::str
 
 ArmedRow::~ArmedRow() {
     // Refused connections are not counted, everything else happens once and is gone.
-    EXPECT_EQ(m_Service.faults().empty(), m_Fault.m_Kind != FaultKind::kRefuse) << "it did not happen";
-    m_Service.liftFaults();
+    EXPECT_EQ(m_Service.faults().armed().empty(), m_Fault.m_Kind != FaultKind::kRefuse) << "it did not happen";
+    m_Service.faults().liftAll();
 }
 
 int ArmedRow::connect(int socket, sockaddr const* address, socklen_t length) {
     if (s_Current->m_ConnectionsBefore-- == 0) {
-        s_Current->m_Service.arm(s_Current->m_Fault);
+        s_Current->m_Service.faults().arm(s_Current->m_Fault);
     }
     return ::connect(socket, address, length);
 }

@@ -108,11 +108,11 @@ TEST_F(FaultTable, KeepsACutAnswerFromBeingASuccess) {
         fault.m_Exchange = ExchangeKind::kCapture;
         for (std::int64_t bytes = length - 1; bytes >= 0; bytes -= bytes > length - kStep ? 1 : kStep) {
             fault.m_Bytes = bytes;
-            service().arm(fault);
+            service().faults().arm(fault);
             EXPECT_NE(shop().capture(returned.m_Data), KVX_OK) << sandbox::faultText(fault);
         }
         fault.m_Bytes = length;
-        service().arm(fault);
+        service().faults().arm(fault);
         EXPECT_EQ(shop().capture(returned.m_Data), KVX_OK);
     }
 }

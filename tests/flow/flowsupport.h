@@ -149,7 +149,7 @@ protected:
     void expectNextPaymentWorks() const;
 
     /// The next matching request to the service goes wrong as `fault` says, in the sandbox's own spelling.
-    void arm(std::string const& fault) { service().arm(sandbox::parseFault(fault)); }
+    void arm(std::string const& fault) { service().faults().arm(sandbox::parseFault(fault)); }
 
 private:
     Transport m_Transport = Transport::kPlain;

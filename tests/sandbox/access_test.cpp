@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "sandbox/http/hostport.h"
+#include "sandbox/http/httptext.h"
 #include "tests/sandbox/support/sandboxfixture.h"
 #include "tests/support/tlsserver.h"
 
@@ -94,7 +94,7 @@ TEST_F(Access, NeedsTheTokenWhereThereIsOne) {
     }
     EXPECT_EQ(ask("/control/faults", "", "DELETE").m_Status, 401);
     EXPECT_EQ(ask("/faults", "Content-Length: 0\r\n", "POST").m_Status, 401);
-    m_Service->arm(sandbox::parseFault("drop,order=none"));
+    m_Service->faults().arm(sandbox::parseFault("drop,order=none"));
     EXPECT_THAT(ask("/").m_Body, Not(HasSubstr("armed"))) << "a refusal shows nothing of the service";
     EXPECT_EQ(ask("/", "", "DELETE").m_Status, 401) << "nor which methods there are";
     EXPECT_THAT(ask("/", "Authorization: Bearer Secret-7\r\n").m_Body, HasSubstr("armed"));

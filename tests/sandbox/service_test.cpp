@@ -119,12 +119,12 @@ TEST_F(SandboxService, FailsInTheFormOfTheControlApiThere) {
 }
 
 TEST_F(SandboxService, EndsOnAllPortsAtOnce) {
-    m_Service->arm(sandbox::parseFault("stall-before,exchange=setup"));
+    m_Service->faults().arm(sandbox::parseFault("stall-before,exchange=setup"));
     RawConnection const stuck(m_Service->plainPort());
     stuck.send(
         merchantGet("/auto?DATA=" + percentEncoded("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>"), "demo", "demo"));
     // A response that no client reads keeps one port from stopping.
-    m_Service->arm(sandbox::parseFault("huge,exchange=keyquery"));
+    m_Service->faults().arm(sandbox::parseFault("huge,exchange=keyquery"));
     RawConnection const unread(m_Service->plainPort());
     unread.send(merchantGet("/auto?DATA=" + percentEncoded("<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"1-SERVER-1\"/>"),
                             "demo", "demo"));

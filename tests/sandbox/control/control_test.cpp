@@ -157,7 +157,7 @@ TEST_F(Control, LiftsOneAndAll) {
     EXPECT_EQ(left.at(0).at("order"), "A-0");
     EXPECT_EQ(left.at(1).at("order"), "A-2");
     EXPECT_EQ(content(bareRequest("DELETE", "/control/faults"), 200).at("faults"), json::array());
-    EXPECT_EQ(m_Service->faults().size(), 0u);
+    EXPECT_EQ(m_Service->faults().armed().size(), 0u);
     for (char const* id : {"1", "0", "99999999999999999999"}) {
         EXPECT_THAT(error(bareRequest("DELETE", std::string("/control/faults/") + id), 404), HasSubstr(id));
     }
@@ -178,8 +178,8 @@ TEST_F(Control, ArmsWhatWasAskedFor) {
                                     (asked.contains("order") ? 0 : 1) + (asked.contains("times") ? 0 : 1))
             << armed;
     }
-    EXPECT_EQ(m_Service->faults().at(1).m_Fault.m_Seconds, 0.25);
-    EXPECT_EQ(m_Service->faults().at(3).m_Fault.m_Text, "a,b=c\n\u00e9");
+    EXPECT_EQ(m_Service->faults().armed().at(1).m_Fault.m_Seconds, 0.25);
+    EXPECT_EQ(m_Service->faults().armed().at(3).m_Fault.m_Text, "a,b=c\n\u00e9");
 }
 
 TEST_F(Control, RefusesFaultsWithTheReason) {
@@ -232,7 +232,7 @@ TEST_F(Control, RefusesFaultsWithTheReason) {
          }) {
         EXPECT_THAT(error(jsonPost("/control/faults", row.m_Body), 400), HasSubstr(row.m_Reason)) << row.m_Body;
     }
-    EXPECT_THAT(m_Service->faults(), IsEmpty());
+    EXPECT_THAT(m_Service->faults().armed(), IsEmpty());
 }
 
 TEST_F(Control, ReportsAllKindsOfFaults) {
@@ -718,7 +718,7 @@ TEST_F(Control, AnswersToNamesOfThisMachineOnly) {
     EXPECT_EQ(ask("GET /control HTTP/1.0\r\n\r\n").m_Status, 200);
     post("/control/faults", {{"kind", "drop"}});
     error(bareRequest("DELETE", "/control/faults", "evil.example"), 403);
-    EXPECT_EQ(m_Service->faults().size(), 1u);
+    EXPECT_EQ(m_Service->faults().armed().size(), 1u);
 }
 
 TEST_F(Control, NeverAllowsOtherSites) {

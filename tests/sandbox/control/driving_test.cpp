@@ -88,15 +88,15 @@ TEST_F(Driving, RefusesDecisionsThatCannotBe) {
 
 TEST_F(Driving, AppliesFaultsOfMessagesToDecisionsAndNoOthers) {
     std::string const id = open("t1");
-    m_Service->arm(sandbox::parseFault("drop,exchange=decision"));
-    m_Service->arm(sandbox::parseFault("replay"));
-    m_Service->arm(sandbox::parseFault("wrong-amount"));
+    m_Service->faults().arm(sandbox::parseFault("drop,exchange=decision"));
+    m_Service->faults().arm(sandbox::parseFault("replay"));
+    m_Service->faults().arm(sandbox::parseFault("wrong-amount"));
     Answer const paid = decide("/" + id + "/decision", "pay");
     EXPECT_EQ(paid.m_Body.at("fault"), "wrong-amount");
     EXPECT_EQ(paid.m_Body.at("steps"),
               json::array({"The fault replay did not happen: the account has no earlier payment that was paid"}));
     EXPECT_EQ(attributeOf(paid.m_Body.at("data"), "AMOUNT"), "22.50");
-    EXPECT_EQ(m_Service->faults().size(), 2u);
+    EXPECT_EQ(m_Service->faults().armed().size(), 2u);
 }
 
 TEST_F(Driving, ShowsOnePayment) {
@@ -243,7 +243,7 @@ TEST_F(Driving, RemovesStandingDecisionsByAccountAndWithAReset) {
 
 TEST_F(Driving, AppliesFaultsToStandingDecisions) {
     ask("POST", "/decisions", {{"decision", "pay"}});
-    m_Service->arm(sandbox::parseFault("pending"));
+    m_Service->faults().arm(sandbox::parseFault("pending"));
     std::string const location = openPage(m_Merchant.payInit("t1")).m_Headers.at("location");
     EXPECT_EQ(attributeOf(percentDecoded(queryValue(location, "DATA")), "RESULT"), "pending");
     EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kPending);

@@ -99,7 +99,7 @@ protected:
         askCapture(authorise("t1"));
         openNastyPayment();
         EXPECT_EQ(openPage(std::string("<KVX MSGTYPE=\"PayInit\" KEYID=\"\xFF\"/>")).m_Status, 400);
-        m_Service->arm(sandbox::parseFault("error,exchange=setup,times=always,text=<b>\xE9"));
+        m_Service->faults().arm(sandbox::parseFault("error,exchange=setup,times=always,text=<b>\xE9"));
         m_Pages = {"/",
                    "/?live=1",
                    "/payment?id=" + m_Service->payments().at(0).m_Id,
@@ -259,7 +259,7 @@ TEST_F(Dashboard, ShowsPaymentsNewestFirst) {
 }
 
 TEST_F(Dashboard, FoldsExchangesUnderTheirPayment) {
-    m_Service->arm(sandbox::parseFault("delay,exchange=decision,seconds=0"));
+    m_Service->faults().arm(sandbox::parseFault("delay,exchange=decision,seconds=0"));
     askCapture(authorise("t1"));
     openPage(m_Merchant.payInit("t2"));
     PageReader const page = open("/");
@@ -308,7 +308,7 @@ TEST_F(Dashboard, PlotsOutcomesAndResponseTimes) {
     EXPECT_EQ(open("/").count("//svg"), 0u);
     press(openPage(m_Merchant.payInit("t1")), "pay");
     press(openPage(m_Merchant.payInit("t2")), "decline");
-    m_Service->arm(sandbox::parseFault("http-status,exchange=page"));
+    m_Service->faults().arm(sandbox::parseFault("http-status,exchange=page"));
     openPage(m_Merchant.payInit("t3"));
     PageReader const page = open("/");
     EXPECT_THAT(page.texts("//figure[1]/svg/rect/@class"), ElementsAre("declined", "authorised"));
@@ -332,7 +332,7 @@ TEST_F(Dashboard, ShowsAsManyPaymentsAsCanBeRead) {
 
 TEST_F(Dashboard, ShowsTheNewestExchanges) {
     openPage(m_Merchant.payInit("t1"));
-    m_Service->arm(sandbox::parseFault("http-status,exchange=page"));
+    m_Service->faults().arm(sandbox::parseFault("http-status,exchange=page"));
     openPage(m_Merchant.payInit("t2"));
     PageReader const page = open("/");
     std::vector<std::string> const failed = page.texts(tableRow("exchanges", 1));
@@ -421,8 +421,8 @@ TEST_F(Dashboard, ShowsAPaymentAsALineOfStations) {
 }
 
 TEST_F(Dashboard, ShowsWhereAPaymentFailed) {
-    m_Service->arm(sandbox::parseFault("wrong-signature,exchange=decision"));
-    m_Service->arm(sandbox::parseFault("refuse-capture,text=Card stolen"));
+    m_Service->faults().arm(sandbox::parseFault("wrong-signature,exchange=decision"));
+    m_Service->faults().arm(sandbox::parseFault("refuse-capture,text=Card stolen"));
     std::string const confirm = authorise("t1");
     EXPECT_EQ(attributeOf(askCapture(confirm), "MSGTYPE"), "Error");
     PageReader const page = open("/payment?id=" + onlyPayment());
@@ -534,7 +534,7 @@ TEST_F(Dashboard, ShowsWhatWasWrongWithAnExchange) {
 }
 
 TEST_F(Dashboard, ShowsAnExchangeThatWasNotChecked) {
-    m_Service->arm(sandbox::parseFault("reset,exchange=capture"));
+    m_Service->faults().arm(sandbox::parseFault("reset,exchange=capture"));
     EXPECT_THROW((void)get("/capture?DATA=" + percentEncoded("<KVX MSGTYPE=\"PayConfirm\"/>")), std::runtime_error);
     PageReader const page = open("/exchange?number=2");
     EXPECT_EQ(page.text("//main/dl/div[2]/dd"), "reset,exchange=capture");
@@ -543,7 +543,7 @@ TEST_F(Dashboard, ShowsAnExchangeThatWasNotChecked) {
 }
 
 TEST_F(Dashboard, ExplainsWhyANotificationHasNoChecks) {
-    m_Service->arm(sandbox::parseFault("drop,exchange=notification"));
+    m_Service->faults().arm(sandbox::parseFault("drop,exchange=notification"));
     press(openPage(m_Merchant.payInit("t1", " NOTIFYADDRESS=\"http://127.0.0.1:1/\"")), "pay");
     std::string number;
     ASSERT_TRUE(comesTrue([&] {
@@ -562,7 +562,7 @@ TEST_F(Dashboard, ExplainsWhyANotificationHasNoChecks) {
 }
 
 TEST_F(Dashboard, ShowsHowMuchOfAResponseWasSent) {
-    m_Service->arm(sandbox::parseFault("truncate,exchange=status,bytes=9"));
+    m_Service->faults().arm(sandbox::parseFault("truncate,exchange=status,bytes=9"));
     exchangeRaw(m_Service->plainPort(),
                 merchantGet("/capture" + m_Merchant.signedQuery(m_Merchant.message("StatusRequest", " TOKEN=\"t1\""))));
     PageReader const page = open("/exchange?number=2");
@@ -659,15 +659,15 @@ TEST_F(Dashboard, ArmsAndRemovesFaults) {
     EXPECT_EQ(page.text("//ol[@class='armed']/li[2]/code"), "drop,order=A 1");
     EXPECT_EQ(page.text("//ol[@class='armed']/li[2]//input[@name='id']/@value"), "2");
     EXPECT_EQ(fill("/faults/lift", {{"id", "1"}}).m_Status, 303);
-    ASSERT_EQ(m_Service->faults().size(), 1u);
-    EXPECT_EQ(m_Service->faults()[0].m_Id, 2);
+    ASSERT_EQ(m_Service->faults().armed().size(), 1u);
+    EXPECT_EQ(m_Service->faults().armed()[0].m_Id, 2);
     RawResponse const gone = fill("/faults/lift", {{"id", "1"}});
     EXPECT_EQ(gone.m_Status, 400);
     EXPECT_THAT(PageReader(gone.m_Body).text("//section[@aria-labelledby='armed']/p[@role='alert']"),
                 HasSubstr("No fault '1' is armed"));
     EXPECT_EQ(open("/faults").text("//button[@name='id']/@value"), "all");
     EXPECT_EQ(fill("/faults/lift", {{"id", "all"}}).m_Status, 303);
-    EXPECT_THAT(m_Service->faults(), IsEmpty());
+    EXPECT_THAT(m_Service->faults().armed(), IsEmpty());
     for (char const* id : {"", "x", "1x", "-1", "99999999999999999999"}) {
         EXPECT_EQ(fill("/faults/lift", {{"id", id}}).m_Status, 400) << id;
     }
@@ -676,8 +676,8 @@ TEST_F(Dashboard, ArmsAndRemovesFaults) {
 TEST_F(Dashboard, ReadsFormsAsBrowsersWriteThem) {
     std::string const body = "key=" + formKey() + "&kind=drop&exchange=any&order=A+1%2B2%3D%26&times=always";
     EXPECT_EQ(ask(formPost("/faults", body)).m_Status, 303);
-    EXPECT_EQ(m_Service->faults().at(0).m_Fault.m_Order, "A 1+2=&");
-    EXPECT_EQ(m_Service->faults().at(0).m_Fault.m_Times, 0);
+    EXPECT_EQ(m_Service->faults().armed().at(0).m_Fault.m_Order, "A 1+2=&");
+    EXPECT_EQ(m_Service->faults().armed().at(0).m_Fault.m_Times, 0);
 }
 
 TEST_F(Dashboard, ReadsAFormOfBlanks) {
@@ -751,7 +751,7 @@ TEST_F(Dashboard, OffersTheSituationsOfTheGuide) {
                          "any."));
     for (std::string const& text : texts) {
         EXPECT_EQ(fill("/faults", {{"fault", text}}).m_Status, 303) << text;
-        EXPECT_EQ(sandbox::faultText(m_Service->faults().back().m_Fault), text);
+        EXPECT_EQ(sandbox::faultText(m_Service->faults().armed().back().m_Fault), text);
     }
     RawResponse const refused = fill("/faults", {{"fault", "burn"}});
     EXPECT_EQ(refused.m_Status, 400);
@@ -760,7 +760,7 @@ TEST_F(Dashboard, OffersTheSituationsOfTheGuide) {
 
 TEST_F(Dashboard, CountsArmedFaultsOnEveryPage) {
     EXPECT_EQ(open("/keys").count("//nav//span"), 0u);
-    m_Service->arm(sandbox::parseFault("drop"));
+    m_Service->faults().arm(sandbox::parseFault("drop"));
     EXPECT_EQ(open("/keys").text("//nav//a[@href='/faults']/span"), "1 armed");
 }
 
@@ -779,7 +779,7 @@ TEST_F(Dashboard, KeepsWhatWasFilledInWhenAFaultIsRefused) {
     EXPECT_EQ(page.text(kind + "//input[@name='times']/@value"), "often");
     EXPECT_EQ(page.text(kind + "//input[@name='bytes']/@value"), "4\u24030");
     EXPECT_EQ(page.texts("//input[@name='times'][@value='often']").size(), 1u);
-    EXPECT_THAT(m_Service->faults(), IsEmpty());
+    EXPECT_THAT(m_Service->faults().armed(), IsEmpty());
 }
 
 TEST_F(Dashboard, RefusesImpossibleFaultsWithTheReason) {
@@ -805,14 +805,14 @@ TEST_F(Dashboard, RefusesImpossibleFaultsWithTheReason) {
 // --- Forms of other sites
 
 TEST_F(Dashboard, RefusesFormsWithoutItsKey) {
-    m_Service->arm(sandbox::parseFault("drop"));
+    m_Service->faults().arm(sandbox::parseFault("drop"));
     std::string const key = formKey();
     std::string const old = [this, &key] {
         restart();
         EXPECT_NE(formKey(), key);
         return key;
     }();
-    m_Service->arm(sandbox::parseFault("drop"));
+    m_Service->faults().arm(sandbox::parseFault("drop"));
     for (std::string const path : {"/faults", "/faults/lift", "/keys/rotate", "/keys/clock", "/calculator"}) {
         for (Fields fields : {Fields{}, {{"key", ""}}, {{"key", old}}, {{"key", formKey() + "0"}}}) {
             fields.insert({{"kind", "drop"}, {"id", "all"}, {"ahead", "60"}, {"DATA", "a"}});
@@ -824,7 +824,7 @@ TEST_F(Dashboard, RefusesFormsWithoutItsKey) {
             ask("POST " + path + " HTTP/1.1\r\nHost: evil.example\r\nContent-Length: 36\r\n\r\nkey=" + formKey());
         EXPECT_EQ(foreign.m_Status, 403) << path;
     }
-    EXPECT_EQ(m_Service->faults().size(), 1u);
+    EXPECT_EQ(m_Service->faults().armed().size(), 1u);
     EXPECT_EQ(m_Service->serverKeyId(), "1-SERVER-1");
     EXPECT_EQ(open("/keys").text("//section[@aria-labelledby='clock']//dl/div[2]/dd"), "0");
 }
@@ -953,7 +953,7 @@ TEST_F(DashboardCalculator, ShowsWhatWasSignedInAConfirmation) {
     for (char const* fault : {"", "wrong-type,exchange=decision", "stale-key,exchange=decision"}) {
         if (*fault != '\0') {
             m_Service->rotateServerKey();
-            m_Service->arm(sandbox::parseFault(fault));
+            m_Service->faults().arm(sandbox::parseFault(fault));
         }
         // Without return links the confirmation is shown on a page.
         std::string const token = std::string("t") + fault;

@@ -236,7 +236,7 @@ protected:
     /// The response while the fault `text` is armed; without a fault for "".
     [[nodiscard]] Received ask(std::string const& fault) const {
         if (!fault.empty()) {
-            m_Service->arm(parseFault(fault));
+            m_Service->faults().arm(parseFault(fault));
         }
         RawConnection const connection(m_Service->plainPort());
         connection.send(request());
@@ -247,14 +247,14 @@ protected:
     [[nodiscard]] std::string bytes(std::string const& fault) const {
         Received const received = ask(fault);
         EXPECT_EQ(received.m_Error, 0) << fault;
-        EXPECT_TRUE(m_Service->faults().empty()) << fault;
+        EXPECT_TRUE(m_Service->faults().armed().empty()) << fault;
         return received.m_Bytes;
     }
 
     /// Waits until the fault that is armed has begun to happen.
     void awaitFault() const {
         auto const begin = std::chrono::steady_clock::now();
-        while (!m_Service->faults().empty()) {
+        while (!m_Service->faults().armed().empty()) {
             ASSERT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30));
             std::this_thread::yield();
         }
@@ -310,7 +310,7 @@ TEST_F(FaultOnTheWire, StallEndsInOrder) {
 
 TEST_F(FaultOnTheWire, StallEndsEarlyWhenTheServiceStops) {
     for (char const* const fault : {"stall-before,seconds=60", "stall-inside,seconds=60", "delay,seconds=60"}) {
-        m_Service->arm(parseFault(fault));
+        m_Service->faults().arm(parseFault(fault));
         RawConnection const connection(m_Service->plainPort());
         connection.send(request());
         awaitFault();
@@ -330,7 +330,7 @@ TEST_F(FaultOnTheWire, BytewiseLeavesTimeBetweenTwoBytes) {
     auto const begin = std::chrono::steady_clock::now();
     EXPECT_EQ(bytes("bytewise"), m_Whole);
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(m_Whole.size()));
-    m_Service->arm(parseFault("bytewise,seconds=60"));
+    m_Service->faults().arm(parseFault("bytewise,seconds=60"));
     RawConnection const connection(m_Service->plainPort());
     connection.send(request());
     char piece[16];
@@ -414,27 +414,27 @@ TEST_F(FaultOnTheWire, WrongAndStaleKeysAreAnswered) {
     RawResponse const stale = parseResponse(bytes("stale-key"));
     EXPECT_EQ(attributeOf(stale.m_Body, "KEYID"), first);
     EXPECT_EQ(attributeOf(stale.m_Body, "KEYBLOB"), attributeOf(m_Whole, "KEYBLOB"));
-    m_Service->arm(parseFault("stale-key,exchange=setup"));
+    m_Service->faults().arm(parseFault("stale-key,exchange=setup"));
     EXPECT_EQ(attributeOf(askAuto("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>"), "VTKEYID"), first);
 }
 
 TEST_F(FaultOnTheWire, HappensToItsExchangeAndOrderAlone) {
-    m_Service->arm(parseFault("drop,exchange=capture"));
-    m_Service->arm(parseFault("drop,order=B-2"));
+    m_Service->faults().arm(parseFault("drop,exchange=capture"));
+    m_Service->faults().arm(parseFault("drop,order=B-2"));
     EXPECT_EQ(ask("").m_Bytes, m_Whole);
     std::string const confirm = authorise("t1");
-    EXPECT_EQ(m_Service->faults().size(), 2u);
+    EXPECT_EQ(m_Service->faults().armed().size(), 2u);
     RawConnection const connection(m_Service->plainPort());
     connection.send(merchantGet("/capture" + m_Merchant.signedQuery(confirm)));
     EXPECT_EQ(receive(connection).m_Bytes, "");
     EXPECT_EQ(m_Service->payments().at(0).m_State, sandbox::PaymentState::kCaptured);
     EXPECT_EQ(attributeOf(askCapture(confirm), "RESULT"), "captured");
-    EXPECT_EQ(m_Service->faults().size(), 1u);
+    EXPECT_EQ(m_Service->faults().armed().size(), 1u);
 }
 
 TEST_F(FaultOnTheWire, HappensToAnOrderOfTheAccountThatAsks) {
     // Both accounts have a payment with this token.
-    m_Service->arm(parseFault("error,exchange=status,order=B-1"));
+    m_Service->faults().arm(parseFault("error,exchange=status,order=B-1"));
     parseResponse(
         exchangeRaw(m_Service->controlPort(), jsonPost("/control/accounts", R"({"user":"b","password":"p"})")));
     TestMerchant const other("0-1002-other");
@@ -453,21 +453,21 @@ TEST_F(FaultOnTheWire, HappensToAnOrderOfTheAccountThatAsks) {
 }
 
 TEST_F(FaultOnTheWire, LeavesTheControlPortAlone) {
-    m_Service->arm(parseFault("drop,exchange=setup"));
+    m_Service->faults().arm(parseFault("drop,exchange=setup"));
     std::string const request =
         merchantGet("/auto?DATA=" + percentEncoded("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>"), "demo", "demo");
     EXPECT_EQ(parseResponse(exchangeRaw(m_Service->controlPort(), request)).m_Status, 200);
-    EXPECT_EQ(m_Service->faults().size(), 1u);
+    EXPECT_EQ(m_Service->faults().armed().size(), 1u);
     RawConnection const connection(m_Service->plainPort());
     connection.send(request);
     EXPECT_EQ(receive(connection).m_Bytes, "");
 }
 
 TEST_F(FaultOnTheWire, LeavesTheControlPortAloneWhenConnectionsAreRefused) {
-    m_Service->arm(parseFault("refuse"));
+    m_Service->faults().arm(parseFault("refuse"));
     EXPECT_THROW(RawConnection(m_Service->plainPort()), std::runtime_error);
     EXPECT_EQ(parseResponse(exchangeRaw(m_Service->controlPort(), merchantGet("/"))).m_Status, 200);
-    m_Service->liftFaults();
+    m_Service->faults().liftAll();
     EXPECT_EQ(ask("").m_Bytes, m_Whole);
 }
 
@@ -481,7 +481,7 @@ protected:
 
     [[nodiscard]] Confirmation confirm(std::string const& fault, std::string const& token) {
         RawResponse const page = openPage(m_Merchant.payInit(token));
-        m_Service->arm(parseFault(fault));
+        m_Service->faults().arm(parseFault(fault));
         RawResponse const back = press(page, "pay");
         EXPECT_EQ(back.m_Status, 302) << back.m_Body;
         EXPECT_EQ(m_Service->payments().back().m_State, sandbox::PaymentState::kAuthorised);
@@ -534,7 +534,7 @@ protected:
     /// The result of verifying the certificate; -1 when the handshake does not get there.
     [[nodiscard]] long verifyResult(std::string const& fault) const {
         if (!fault.empty()) {
-            m_Service->arm(parseFault(fault));
+            m_Service->faults().arm(parseFault(fault));
         }
         RawConnection const connection(m_Service->tlsPort());
         sandbox::TlsContextHolder const context(SSL_CTX_new(TLS_client_method()));
@@ -552,20 +552,20 @@ TEST_F(FaultyHandshake, IsWrongInOneWayOnly) {
     EXPECT_EQ(verifyResult("tls-wrong-host"), X509_V_ERR_IP_ADDRESS_MISMATCH);
     EXPECT_NE(verifyResult("tls-unknown-authority"), X509_V_OK);
     EXPECT_EQ(verifyResult("tls-abort"), -1);
-    EXPECT_TRUE(m_Service->faults().empty());
+    EXPECT_TRUE(m_Service->faults().armed().empty());
     EXPECT_EQ(verifyResult(""), X509_V_OK);
 }
 
 TEST_F(FaultyHandshake, IsThatOfTheFirstConnectionEvenWhenItsClientIsSilent) {
-    m_Service->arm(parseFault("tls-abort"));
+    m_Service->faults().arm(parseFault("tls-abort"));
     RawConnection const silent(m_Service->tlsPort());
     EXPECT_EQ(verifyResult(""), X509_V_OK);
-    EXPECT_TRUE(m_Service->faults().empty());
+    EXPECT_TRUE(m_Service->faults().armed().empty());
     EXPECT_THROW(exchangeTls(silent.get(), merchantGet("/"), m_Service->authorityFile()), std::runtime_error);
 }
 
 TEST_F(FaultyHandshake, IsNoConcernOfPlainConnections) {
-    m_Service->arm(parseFault("tls-abort"));
+    m_Service->faults().arm(parseFault("tls-abort"));
     EXPECT_EQ(get("/").m_Status, 200);
     EXPECT_EQ(verifyResult(""), -1);
 }
@@ -586,10 +586,10 @@ TEST_F(FaultyHandshake, IsSoundWhenTheAnswerIsWrong) {
         {"twice", whole + whole},
     };
     for (auto const& row : cases) {
-        m_Service->arm(parseFault(row.m_Fault));
+        m_Service->faults().arm(parseFault(row.m_Fault));
         EXPECT_EQ(ask(), row.m_Response) << row.m_Fault;
     }
-    m_Service->arm(parseFault("reset"));
+    m_Service->faults().arm(parseFault("reset"));
     EXPECT_THROW(ask(), std::runtime_error);
 }
 

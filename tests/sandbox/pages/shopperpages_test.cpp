@@ -12,7 +12,6 @@
 #include <utility>
 #include <vector>
 
-#include "sandbox/pages/html.h"
 #include "sandbox/pages/shopperpages.h"
 #include "sandbox/pages/templates.h"
 #include "tests/sandbox/support/pagereader.h"

@@ -102,7 +102,7 @@ protected:
 
     [[nodiscard]] std::string plainPort() const { return std::to_string(m_Service->plainPort()); }
 
-    void arm(std::string const& fault) const { m_Service->arm(sandbox::parseFault(fault)); }
+    void arm(std::string const& fault) const { m_Service->faults().arm(sandbox::parseFault(fault)); }
 };
 
 class TlsSandboxProxy : public SandboxProxy {
@@ -525,7 +525,7 @@ TEST_F(SandboxProxy, LetsFaultsHappenToTheAnswerToConnect) {
         EXPECT_EQ(m_Service->exchanges().size(), before + 1) << row.m_Fault;
         EXPECT_EQ(lastExchange().m_Fault, row.m_Fault);
         EXPECT_EQ(lastExchange().m_Verdict, row.m_Contacted ? "ok" : "not looked at") << row.m_Fault;
-        EXPECT_TRUE(m_Service->faults().empty());
+        EXPECT_TRUE(m_Service->faults().armed().empty());
     }
 }
 
@@ -600,12 +600,12 @@ TEST_F(SandboxProxy, CannotLetFaultsHappenToAnswersWithoutMeasure) {
 }
 
 TEST_F(SandboxProxy, RefusesConnectionsOnRequestAndTheListenersDoNot) {
-    std::int64_t const error = m_Service->arm(sandbox::parseFault("refuse,exchange=proxy"));
+    std::int64_t const error = m_Service->faults().arm(sandbox::parseFault("refuse,exchange=proxy"));
     EXPECT_THROW(ask(getFrom(plainPort())), std::runtime_error);
     EXPECT_EQ(get("/").m_Status, 200);
-    EXPECT_TRUE(m_Service->liftFault(error));
+    EXPECT_TRUE(m_Service->faults().lift(error));
     EXPECT_EQ(parseResponse(ask("GET " + m_Service->baseUrl() + "/ HTTP/1.0\r\n\r\n")).m_Status, 200);
-    m_Service->arm(sandbox::parseFault("refuse"));
+    m_Service->faults().arm(sandbox::parseFault("refuse"));
     EXPECT_THROW((void)get("/"), std::runtime_error);
     EXPECT_EQ(parseResponse(ask("GET " + m_Service->baseUrl() + "/ HTTP/1.0\r\n\r\n")).m_Status, 502);
 }
@@ -648,7 +648,7 @@ TEST_F(TlsSandboxProxy, CarriesTheLastAnswersOfTheServiceWhenItStops) {
     auto overTls = std::async(std::launch::async, [&] {
         return exchangeTls(tunnel.get(), merchantGet(kSetup, "demo", "demo"), m_Service->authorityFile());
     });
-    ASSERT_TRUE(comesTrue([this] { return m_Service->faults().empty(); }));
+    ASSERT_TRUE(comesTrue([this] { return m_Service->faults().armed().empty(); }));
     m_Service->stop();
     EXPECT_THAT(plain.readToEnd(), HasSubstr("SetupResponse"));
     EXPECT_THAT(overTls.get(), HasSubstr("SetupResponse"));

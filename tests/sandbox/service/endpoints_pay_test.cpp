@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <string>
 
-#include "sandbox/pages/html.h"
+#include "sandbox/pages/templates.h"
 #include "sandbox/text/wiretext.h"
 #include "tests/sandbox/support/pagereader.h"
 #include "tests/sandbox/support/sandboxfixture.h"

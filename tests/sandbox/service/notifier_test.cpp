@@ -146,7 +146,7 @@ protected:
         return attributeOf(askAuto("<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"" + keyId + "\"/>"), "KEYBLOB");
     }
 
-    void arm(std::string const& fault) const { m_Service->arm(sandbox::parseFault(fault)); }
+    void arm(std::string const& fault) const { m_Service->faults().arm(sandbox::parseFault(fault)); }
 };
 
 std::string dataOf(std::string const& request) {
@@ -224,7 +224,7 @@ TEST_F(PaymentNotification, SaysThatThereIsNothingToReplay) {
     ASSERT_EQ(sent().size(), 1u);
     ASSERT_EQ(sent()[0].m_Steps.size(), 1u);
     EXPECT_EQ(sent()[0].m_Steps[0].m_What, "The fault replay did not happen");
-    EXPECT_EQ(m_Service->faults().size(), 1u);
+    EXPECT_EQ(m_Service->faults().armed().size(), 1u);
 }
 
 TEST_F(PaymentNotification, ReportsThatAPaymentHasExpired) {
@@ -673,7 +673,7 @@ TEST_F(PaymentNotification, IsLateByFaultOfDelay) {
     EXPECT_EQ(sent().at(0).m_Fault, "delay,exchange=notification,seconds=0");
     arm("delay,exchange=notification,order=A-17,seconds=3600");
     payNotified(shop.address(), "t2");
-    ASSERT_TRUE(comesTrue([this] { return m_Service->faults().empty(); }));
+    ASSERT_TRUE(comesTrue([this] { return m_Service->faults().armed().empty(); }));
     // A delayed notification blocks neither others nor the stop of the service.
     payNotified(shop.address(), "t3");
     EXPECT_EQ(awaitSettled(2).m_Outcome, "delivered: 200");
@@ -719,7 +719,7 @@ TEST_F(PaymentNotification, IsNotMadeWrongByAFaultForAnotherOrder) {
     Shop shop({Shop::responds(responseWith(200))});
     payNotified(shop.address());
     EXPECT_EQ(awaitSettled().m_Outcome, "delivered: 200");
-    EXPECT_EQ(m_Service->faults().size(), 1u);
+    EXPECT_EQ(m_Service->faults().armed().size(), 1u);
 }
 
 }  // namespace

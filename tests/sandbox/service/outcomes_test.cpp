@@ -19,7 +19,7 @@ constexpr std::time_t kStart = 1700000000;
 
 class Outcomes : public SandboxTest {
 protected:
-    void arm(std::string const& fault) const { m_Service->arm(sandbox::parseFault(fault)); }
+    void arm(std::string const& fault) const { m_Service->faults().arm(sandbox::parseFault(fault)); }
 
     [[nodiscard]] PaymentState state() const { return m_Service->payments().at(0).m_State; }
 
@@ -103,7 +103,7 @@ TEST_F(Outcomes, PendOnlyOnOpenPayments) {
     EXPECT_EQ(resultOf(page, "pay"), "authorised");
     arm("pending");
     EXPECT_EQ(resultOf(page, "pay"), "authorised");
-    EXPECT_EQ(m_Service->faults().size(), 1u);
+    EXPECT_EQ(m_Service->faults().armed().size(), 1u);
     EXPECT_EQ(m_Service->exchanges().back().m_Steps.at(0).m_Found, "the payment is authorised");
 }
 
@@ -154,7 +154,7 @@ TEST_F(Outcomes, CapturesAreRefusedForGood) {
     EXPECT_EQ(reasonOf(askCapture(capture)), "Card stolen");
     EXPECT_EQ(m_Service->exchanges().back().m_Fault, "refuse-capture,text=Card stolen");
     EXPECT_EQ(m_Service->exchanges().back().m_Verdict, "Card stolen");
-    EXPECT_TRUE(m_Service->faults().empty());
+    EXPECT_TRUE(m_Service->faults().armed().empty());
     EXPECT_EQ(reasonOf(askCapture(capture)), "Card stolen") << "without the fault too";
     EXPECT_EQ(m_Service->exchanges().back().m_Fault, "");
     EXPECT_EQ(reasonOf(askCapture(m_Merchant.message("PayCompleteRequest",
@@ -172,7 +172,7 @@ TEST_F(Outcomes, CapturesThatWereMadeAreNotRefused) {
     EXPECT_EQ(reasonOf(askCapture(capture)), "");
     arm("refuse-capture");
     EXPECT_EQ(reasonOf(askCapture(capture)), "");
-    EXPECT_EQ(m_Service->faults().size(), 1u);
+    EXPECT_EQ(m_Service->faults().armed().size(), 1u);
     EXPECT_EQ(m_Service->exchanges().back().m_Steps.at(0).m_Found, "the payment is captured");
 }
 

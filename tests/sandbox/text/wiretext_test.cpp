@@ -1,5 +1,5 @@
-// The text forms of bytes: hexadecimal, percent-encoding, Basic credentials, query strings. Tables hold texts and
-// bytes; refusals are compared with their reasons.
+// The text forms of bytes: hexadecimal, percent-encoding, Basic credentials, query strings, times. Tables hold texts
+// and bytes; refusals are compared with their reasons.
 #include "sandbox/text/wiretext.h"
 
 #include <gtest/gtest.h>
@@ -108,6 +108,25 @@ TEST(Query, RefusesBrokenEncodingOfTheNameAskedFor) {
 TEST(RandomHex, DiffersFromCallToCall) {
     EXPECT_EQ(randomHex(16).size(), 32u);
     EXPECT_NE(randomHex(16), randomHex(16));
+}
+
+TEST(ParseExpiration, ReadsUtc) {
+    EXPECT_EQ(parseExpiration("20231114 22:13:20"), std::time_t{1700000000});
+    EXPECT_EQ(parseExpiration("19700101 00:00:00"), std::time_t{0});
+    EXPECT_EQ(parseExpiration("20240229 23:59:59"), std::time_t{1709251199});
+}
+
+TEST(ParseExpiration, RefusesOtherFormsAndUnrealDates) {
+    for (char const* text :
+         {"", "20231114", "20231114 22:13", "20231114T22:13:20", "2023-11-14 22:13:20", "20231114 22:13:20 ",
+          " 0231114 22:13:20", "+0231114 22:13:20", "20230229 00:00:00", "20231301 00:00:00", "20230001 00:00:00",
+          "20231132 00:00:00", "20231114 24:00:00", "20231114 22:60:00", "20231114 22:13:60"}) {
+        EXPECT_EQ(parseExpiration(text), std::nullopt) << text;
+    }
+}
+
+TEST(UtcText, WritesUtc) {
+    EXPECT_EQ(utcText(1700000000), "2023-11-14T22:13:20Z");
 }
 
 }  // namespace

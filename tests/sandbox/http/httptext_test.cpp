@@ -1,10 +1,8 @@
-#include "sandbox/http/hostport.h"
+#include "sandbox/http/httptext.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
-
-#include "sandbox/http/httptext.h"
 
 /// Hosts and ports in URLs. The tests of their users show which ones are refused.
 namespace {

@@ -41,7 +41,7 @@ protected:
         return "";
     }
 
-    void arm(std::string const& fault) const { m_Service->arm(sandbox::parseFault(fault)); }
+    void arm(std::string const& fault) const { m_Service->faults().arm(sandbox::parseFault(fault)); }
 
     /// The step that a fault left which could not happen; empty without one.
     [[nodiscard]] std::string reasonInSteps() const {
@@ -85,7 +85,7 @@ TEST_F(WrongContent, ChangesOneAttributeOfASignedConfirmation) {
         RawResponse const page = openPage(m_Merchant.payInit("t" + std::to_string(number++) + "1"));
         arm(std::string(row.m_Kind) + ",exchange=decision");
         Message const wrong = confirmationIn(press(page, "pay"));
-        EXPECT_TRUE(m_Service->faults().empty());
+        EXPECT_TRUE(m_Service->faults().armed().empty());
         EXPECT_EQ(m_Service->exchanges().back().m_Fault, std::string(row.m_Kind) + ",exchange=decision");
         Message const right = confirmationIn(press(page, "pay"));
         expectDifference(wrong, right, row.m_Name, row.m_Value);
@@ -124,7 +124,7 @@ TEST_F(WrongContent, ReplaysTheConfirmationOfThePaymentBefore) {
     Message const replayed = confirmationIn(press(page, "decline"));
     EXPECT_EQ(replayed.text(), first.text()) << "the declined one between them is no confirmation to replay";
     EXPECT_EQ(m_Service->payments()[2].m_State, sandbox::PaymentState::kDeclined);
-    EXPECT_TRUE(m_Service->faults().empty());
+    EXPECT_TRUE(m_Service->faults().armed().empty());
 }
 
 TEST_F(WrongContent, ReplaysCapturesAndCompletions) {
@@ -163,13 +163,13 @@ TEST_F(WrongContent, StaysArmedWithNothingToReplayOrSwap) {
     RawResponse const page = openPage(m_Merchant.payInit("t1"));
     Message const confirmation = confirmationIn(press(page, "pay"));
     EXPECT_EQ(confirmation.find("TOKEN"), "t1");
-    EXPECT_EQ(m_Service->faults().size(), 2u);
-    EXPECT_EQ(m_Service->faults()[0].m_Happened, 0);
+    EXPECT_EQ(m_Service->faults().armed().size(), 2u);
+    EXPECT_EQ(m_Service->faults().armed()[0].m_Happened, 0);
     EXPECT_EQ(m_Service->exchanges().back().m_Fault, "");
     EXPECT_EQ(m_Service->exchanges().back().m_Verdict, "ok");
     EXPECT_EQ(reasonInSteps(), "The fault replay did not happen: the account has no earlier payment that was paid");
     press(openPage(m_Merchant.payInit("t2")), "cancel");
-    EXPECT_EQ(m_Service->faults().size(), 1u) << "now there is a payment to replay";
+    EXPECT_EQ(m_Service->faults().armed().size(), 1u) << "now there is a payment to replay";
 }
 
 TEST_F(WrongContent, LeavesOtherAccountsAlone) {
@@ -195,11 +195,11 @@ TEST_F(WrongContent, NeedsAPayment) {
     arm("wrong-amount,exchange=capture");
     askCapture(m_Merchant.message("PayConfirm", " TOKEN=\"unknown\""));
     EXPECT_EQ(reasonInSteps(), "The fault wrong-amount did not happen: the request names no payment");
-    EXPECT_EQ(m_Service->faults().size(), 1u);
+    EXPECT_EQ(m_Service->faults().armed().size(), 1u);
     std::string const body = "payment=P0&key=x&decision=pay";
     arm("replay,exchange=decision");
     EXPECT_EQ(parseResponse(exchangeRaw(m_Service->plainPort(), formPost("/pay/decision", body))).m_Status, 404);
-    EXPECT_EQ(m_Service->faults().size(), 2u);
+    EXPECT_EQ(m_Service->faults().armed().size(), 2u);
 }
 
 TEST(WrongValue, HasTheFormOfTheRightOne) {
