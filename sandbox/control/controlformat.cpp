@@ -222,7 +222,7 @@ json paymentJson(Payment const& payment, std::vector<Notification> const& notifi
     return out;
 }
 
-json summaryJson(Exchange const& exchange) {
+json summaryJson(ExchangeSummary const& exchange) {
     json out = {{"number", exchange.m_Number},
                 {"time", exchange.m_Time},
                 {"kind", exchangeName(exchange.m_Kind)},

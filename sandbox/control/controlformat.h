@@ -70,7 +70,7 @@ void to_json(nlohmann::json& out, StandingDecision const& decision);
 nlohmann::json paymentJson(Payment const& payment, std::vector<Notification> const& notifications);
 
 /// The members of an exchange but for the long ones: message, request, response and steps.
-nlohmann::json summaryJson(Exchange const& exchange);
+nlohmann::json summaryJson(ExchangeSummary const& exchange);
 
 /// An array with what `toRow` makes of each element.
 template <class Elements, class ToRow>

@@ -37,7 +37,7 @@ std::string eventText(char const* name, json const& data) {
     return std::string("event: ") + name + "\ndata: " + data.dump() + "\n\n";
 }
 
-std::string exchangeEvent(Exchange const& exchange) {
+std::string exchangeEvent(ExchangeSummary const& exchange) {
     return "id: " + std::to_string(exchange.m_Number) + "\n" + eventText("exchange", summaryJson(exchange));
 }
 

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "sandbox/faults/fault.h"
-#include "sandbox/http/exchangelog.h"
+#include "sandbox/http/delivery.h"
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/wiretext.h"
 

@@ -64,6 +64,20 @@ void addSigned(json& content, Query const& query) {
     content["signature"] = signature ? verbatim(*signature) : json();
 }
 
+/// "2024-01-31T23:59:07Z" as people read it in every language: "2024-01-31 23:59:07 UTC".
+std::string readableTime(std::string utc) {
+    return replaceAll(replaceAll(utc, "T", " "), "Z", " UTC");
+}
+
+/// The names and values for the template `attributes`.
+json attributesContent(Attributes const& attributes) {
+    json rows = json::array();
+    for (auto const& [name, value] : attributes) {
+        rows.push_back({{"name", name}, {"value", value}});
+    }
+    return rows;
+}
+
 }  // namespace
 
 HttpResponse paymentPage(StoredPayment const& stored, std::string const& customer) {
@@ -89,10 +103,6 @@ HttpResponse paymentPage(StoredPayment const& stored, std::string const& custome
 std::string amountText(Payment const& payment, std::string const& notGiven) {
     std::string const currency = valueOr(payment, "CURRENCY", "");
     return valueOr(payment, "AMOUNT", notGiven) + (currency.empty() ? "" : " " + currency);
-}
-
-std::string readableTime(std::string utc) {
-    return replaceAll(replaceAll(utc, "T", " "), "Z", " UTC");
 }
 
 HttpResponse errorPage(int status, std::string const& reason, Exchange const& exchange,
@@ -139,14 +149,6 @@ HttpResponse returnedPage(HttpRequest const& request) {
         return errorPage(error.status(), error.what(), {});
     }
     return renderPage(httpstatus::kOk, kTemplate, content);
-}
-
-json attributesContent(Attributes const& attributes) {
-    json rows = json::array();
-    for (auto const& [name, value] : attributes) {
-        rows.push_back({{"name", name}, {"value", value}});
-    }
-    return rows;
 }
 
 json messageContent(std::string const& text) {

@@ -35,12 +35,6 @@ HttpResponse returnedPage(HttpRequest const& request);
 /// AMOUNT and CURRENCY; `notGiven` replaces a missing amount.
 std::string amountText(Payment const& payment, std::string const& notGiven);
 
-/// "2024-01-31T23:59:07Z" as people read it in every language: "2024-01-31 23:59:07 UTC".
-std::string readableTime(std::string utc);
-
-/// The names and values for the template `attributes`.
-nlohmann::json attributesContent(Attributes const& attributes);
-
 /// The message `text` for the templates `message`, which shows its attributes or why they cannot be read, and
 /// `verbatim`.
 nlohmann::json messageContent(std::string const& text);

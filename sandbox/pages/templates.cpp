@@ -26,6 +26,10 @@ namespace sandbox {
 
 namespace {
 
+using kainjow::mustache::data;
+using kainjow::mustache::mustache;
+using nlohmann::json;
+
 constexpr char kReplacement[] = "\xEF\xBF\xBD";  // U+FFFD
 
 /// The length of the well-formed sequence at the beginning of `text`, whose character becomes `point`; 0 when there is
@@ -82,10 +86,6 @@ std::string escapedAscii(char c) {
 bool isUnusable(char32_t point) {
     return (point >= 0x80 && point < 0xA0) || point == 0xFFFE || point == 0xFFFF;
 }
-
-using kainjow::mustache::data;
-using kainjow::mustache::mustache;
-using nlohmann::json;
 
 std::map<std::string, std::string> const& allTemplates() {
     static std::map<std::string, std::string> const templates = {

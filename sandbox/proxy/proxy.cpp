@@ -24,7 +24,6 @@
 
 #include "sandbox/http/delivery.h"
 #include "sandbox/http/endsignal.h"
-#include "sandbox/http/exchangelog.h"
 #include "sandbox/http/httptext.h"
 #include "sandbox/text/httperror.h"
 

@@ -50,6 +50,11 @@ void checkAmount(Message const& message, std::vector<std::string>& problems) {
     }
 }
 
+/// Whether `code` is a currency of ISO 4217.
+bool isCurrency(std::string const& code) {
+    return std::find(std::begin(kCurrencies), std::end(kCurrencies), code) != std::end(kCurrencies);
+}
+
 void checkCurrency(Message const& message, std::vector<std::string>& problems) {
     std::optional<std::string> const currency = message.find("CURRENCY");
     if (!currency || currency->empty()) {
@@ -157,10 +162,6 @@ std::vector<std::string> encodingProblems(std::string const& data) {
 
 bool isEncodedAgain(std::string const& data) {
     return data.compare(0, 3, "%3c") == 0 || data.compare(0, 3, "%3C") == 0;
-}
-
-bool isCurrency(std::string const& code) {
-    return std::find(std::begin(kCurrencies), std::end(kCurrencies), code) != std::end(kCurrencies);
 }
 
 }  // namespace sandbox

@@ -23,9 +23,6 @@ std::vector<std::string> encodingProblems(std::string const& data);
 /// Whether decoded DATA still is percent-encoded.
 bool isEncodedAgain(std::string const& data);
 
-/// Whether `code` is a currency of ISO 4217.
-bool isCurrency(std::string const& code);
-
 }  // namespace sandbox
 
 #endif  // TALLOWIN_SANDBOX_SERVICE_CONTENTCHECK_H

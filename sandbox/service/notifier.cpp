@@ -12,7 +12,7 @@
 #include <utility>
 
 #include "sandbox/http/connection.h"
-#include "sandbox/http/exchangelog.h"
+#include "sandbox/http/delivery.h"
 #include "sandbox/http/httptext.h"
 #include "sandbox/http/signalguards.h"
 #include "sandbox/http/tlsidentity.h"

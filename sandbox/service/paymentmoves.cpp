@@ -53,6 +53,28 @@ bool isOverdue(Services const& services, Payment const& payment) {
     return services.m_Clock.now(payment.m_Account) > expirationIn(payment.m_Attributes);
 }
 
+/// Moves the payment from one of the states `from` to `to`, and notifies its merchant when a NOTIFYADDRESS was given.
+/// An authorised payment lapses after DEFAULTVALIDITY, in seconds. False, with nothing changed, when it is in none of
+/// them.
+bool movePayment(Services const& services, Payment const& payment, std::vector<PaymentState> const& from,
+                 PaymentState to, std::string const& note) {
+    std::optional<Notification> notification;
+    std::string const address = payment.attribute("NOTIFYADDRESS").value_or("");
+    if (!address.empty()) {
+        notification.emplace();
+        notification->m_Payment = payment.m_Id;
+        notification->m_Address = address;
+        notification->m_Result = stateName(to);
+    }
+    std::optional<DueMove> const next = to == PaymentState::kAuthorised ? lapseOf(services, payment) : std::nullopt;
+    bool const moved = services.m_Store.advance(
+        payment.m_Id, from, {services.m_Clock.text(payment.m_Account), to, note}, notification, next);
+    if (moved && (notification || next)) {
+        services.m_Store.whenCommitted([&services] { services.m_Notifier.wake(); });
+    }
+    return moved;
+}
+
 /// Moves the opened payment as `decision` says. With the fault `pending` it is pending at first, and the merchant is
 /// notified at the end of that. False, with nothing changed, when it is not opened.
 bool moveAsDecided(Services const& services, FaultEffect const& effect, Payment const& payment,
@@ -73,25 +95,6 @@ bool moveAsDecided(Services const& services, FaultEffect const& effect, Payment 
 }
 
 }  // namespace
-
-bool movePayment(Services const& services, Payment const& payment, std::vector<PaymentState> const& from,
-                 PaymentState to, std::string const& note) {
-    std::optional<Notification> notification;
-    std::string const address = payment.attribute("NOTIFYADDRESS").value_or("");
-    if (!address.empty()) {
-        notification.emplace();
-        notification->m_Payment = payment.m_Id;
-        notification->m_Address = address;
-        notification->m_Result = stateName(to);
-    }
-    std::optional<DueMove> const next = to == PaymentState::kAuthorised ? lapseOf(services, payment) : std::nullopt;
-    bool const moved = services.m_Store.advance(
-        payment.m_Id, from, {services.m_Clock.text(payment.m_Account), to, note}, notification, next);
-    if (moved && (notification || next)) {
-        services.m_Store.whenCommitted([&services] { services.m_Notifier.wake(); });
-    }
-    return moved;
-}
 
 bool makeDueMoves(Services const& services) {
     bool any = false;

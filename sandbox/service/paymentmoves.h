@@ -13,12 +13,6 @@
 /// Moves of payments: by decisions of the shopper's form, of the control API and of standing decisions, and by time.
 namespace sandbox {
 
-/// Moves the payment from one of the states `from` to `to`, and notifies its merchant when a NOTIFYADDRESS was given.
-/// An authorised payment lapses after DEFAULTVALIDITY, in seconds. False, with nothing changed, when it is in none of
-/// them.
-bool movePayment(Services const& services, Payment const& payment, std::vector<PaymentState> const& from,
-                 PaymentState to, std::string const& note);
-
 /// Makes the moves that are due: pending payments get their outcome, authorisations lapse. False when none is.
 bool makeDueMoves(Services const& services);
 

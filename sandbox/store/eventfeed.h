@@ -24,7 +24,7 @@ struct StoreEvent {
     };
 
     std::optional<Move> m_Move = {};
-    std::optional<Exchange> m_Exchange = {};  ///< Without its long parts.
+    std::optional<ExchangeSummary> m_Exchange = {};
     std::optional<Notification> m_Notification = {};
 };
 

@@ -80,9 +80,9 @@ struct CheckStep {
     bool m_Warning = false;  ///< The request is odd and was accepted all the same.
 };
 
-/// One request to the protocol's addresses, or to the proxy, and the verdict of the service. The texts are bytes
-/// without an encoding.
-struct Exchange {
+/// One request to the protocol's addresses, or to the proxy, and the verdict of the service, without the long parts.
+/// The texts are bytes without an encoding.
+struct ExchangeSummary {
     std::int64_t m_Number = 0;  ///< Counts up from 1.
     std::string m_Time;         ///< UTC, "2024-01-31T23:59:07Z".
     ExchangeKind m_Kind = ExchangeKind::kOther;
@@ -91,15 +91,19 @@ struct Exchange {
     std::string m_Token;              ///< TOKEN of the message, or of the payment that a form decides on.
     std::string m_Payment;            ///< Identifier of the payment it is about, when that is known.
     std::string m_Path;               ///< Without the query.
-    std::string m_Data;               ///< DATA, decoded; empty when it was missing or could not be decoded.
-    std::string m_Signature;          ///< SIGNATURE as it came.
     std::string m_Verdict;            ///< "ok", or the reason of the error.
-    std::vector<CheckStep> m_Steps;   ///< How the verdict came about.
-    std::string m_Request;            ///< As it came, head and body, the password covered; cut when it is very long.
-    std::string m_Response;           ///< As it was made, before any fault; cut when it is very long.
     std::string m_Fault;              ///< The fault that happened to it, as faultText() writes it; empty without.
-    std::string m_Delivery;           ///< What was sent of the response when a fault applied; empty without.
     std::int64_t m_Microseconds = 0;  ///< From the complete request to the complete response.
+};
+
+/// All of it.
+struct Exchange : ExchangeSummary {
+    std::string m_Data;              ///< DATA, decoded; empty when it was missing or could not be decoded.
+    std::string m_Signature;         ///< SIGNATURE as it came.
+    std::vector<CheckStep> m_Steps;  ///< How the verdict came about.
+    std::string m_Request;           ///< As it came, head and body, the password covered; cut when it is very long.
+    std::string m_Response;          ///< As it was made, before any fault; cut when it is very long.
+    std::string m_Delivery;          ///< What was sent of the response when a fault applied; empty without.
 };
 
 /// Which payments or exchanges; an absent condition matches all.

@@ -78,20 +78,9 @@ Exchange readCounted(Statement const& row, std::size_t& bytes) {
     return exchange;
 }
 
-/// What exchangeSummaries() reports of `exchange`.
-Exchange summaryOf(Exchange const& exchange, std::int64_t number) {
-    Exchange summary;
+ExchangeSummary summaryOf(ExchangeSummary const& exchange, std::int64_t number) {
+    ExchangeSummary summary = exchange;
     summary.m_Number = number;
-    summary.m_Time = exchange.m_Time;
-    summary.m_Kind = exchange.m_Kind;
-    summary.m_Account = exchange.m_Account;
-    summary.m_Order = exchange.m_Order;
-    summary.m_Token = exchange.m_Token;
-    summary.m_Payment = exchange.m_Payment;
-    summary.m_Path = exchange.m_Path;
-    summary.m_Verdict = exchange.m_Verdict;
-    summary.m_Fault = exchange.m_Fault;
-    summary.m_Microseconds = exchange.m_Microseconds;
     return summary;
 }
 
