@@ -48,7 +48,7 @@ bool isBelow(std::string const& path, std::string const& parent) {
 HttpResponse errorResponse(int status, std::string const& reason) {
     nlohmann::json content = nlohmann::json::object();
     putBytes(content, "error", reason);
-    return jsonResponse(status, content);
+    return jsonResponse(content, status);
 }
 
 /// Throws HttpError (415) when the content type is not JSON. A page of another site can post forms and plain text

@@ -166,7 +166,7 @@ std::optional<std::string> readAccount(Query const& query) {
     return query.value("account");
 }
 
-HttpResponse jsonResponse(int status, json const& content) {
+HttpResponse jsonResponse(json const& content, int status) {
     constexpr int kIndentation = 2;
     return {status, "application/json", content.dump(kIndentation) + "\n"};
 }

@@ -47,7 +47,7 @@ void refuseUnknown(Query const& query, std::vector<std::string> const& known);
 /// The one condition of other lists.
 std::optional<std::string> readAccount(Query const& query);
 
-HttpResponse jsonResponse(int status, nlohmann::json const& content);
+HttpResponse jsonResponse(nlohmann::json const& content, int status = httpstatus::kOk);
 
 /// Sets the member `name` of `object` to `bytes`. Values of the protocol have no declared encoding, but JSON is UTF-8:
 /// in a text that is not UTF-8, U+FFFD replaces the invalid bytes, and a second member, named with the suffix "Hex",

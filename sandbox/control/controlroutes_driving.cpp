@@ -219,7 +219,7 @@ HttpResponse getPayment(Services const& services, HttpRequest const& request) {
         checkUntil(*until);
     }
     Payment const payment = until ? awaitPayment(services, named, *until, wait) : presentPayment(services, named);
-    return jsonResponse(httpstatus::kOk, paymentJson(payment, services.m_Store.notificationsOf(payment.m_Id)));
+    return jsonResponse(paymentJson(payment, services.m_Store.notificationsOf(payment.m_Id)));
 }
 
 HttpResponse decidePayment(Services const& services, HttpRequest const& request) {
@@ -244,17 +244,17 @@ HttpResponse decidePayment(Services const& services, HttpRequest const& request)
     for (CheckStep const& step : steps) {
         out["steps"].push_back(step.m_What + ": " + step.m_Found);
     }
-    return jsonResponse(httpstatus::kOk, out);
+    return jsonResponse(out);
 }
 
 HttpResponse getDecisions(Services const& services, HttpRequest const& request) {
-    return jsonResponse(httpstatus::kOk, {{"decisions", services.m_Decisions.all(readAccount(request.m_Query))}});
+    return jsonResponse({{"decisions", services.m_Decisions.all(readAccount(request.m_Query))}});
 }
 
 HttpResponse addDecision(Services const& services, HttpRequest const& request) {
     StandingDecision decision = readDecision(parseObject(request.m_Body));
     decision.m_Id = services.m_Decisions.add(decision);
-    return jsonResponse(httpstatus::kCreated, decision);
+    return jsonResponse(decision, httpstatus::kCreated);
 }
 
 HttpResponse removeDecision(Services const& services, HttpRequest const& request) {
@@ -272,8 +272,8 @@ HttpResponse removeAllDecisions(Services const& services, HttpRequest const& req
 
 HttpResponse getNotifications(Services const& services, HttpRequest const& request) {
     std::optional<std::string> const payment = request.m_Query.value("payment");
-    return jsonResponse(httpstatus::kOk, {{"notifications", payment ? services.m_Store.notificationsOf(*payment)
-                                                                    : services.m_Store.notifications()}});
+    return jsonResponse(
+        {{"notifications", payment ? services.m_Store.notificationsOf(*payment) : services.m_Store.notifications()}});
 }
 
 HttpResponse resendNotification(Services const& services, HttpRequest const& request) {
@@ -286,22 +286,22 @@ HttpResponse resendNotification(Services const& services, HttpRequest const& req
         throw HttpError("there is no notification '" + name + "'", httpstatus::kNotFound);
     }
     services.m_Notifier.wake();
-    return jsonResponse(httpstatus::kCreated, *again);
+    return jsonResponse(*again, httpstatus::kCreated);
 }
 
 HttpResponse getFaults(Services const& services, HttpRequest const& request) {
-    return jsonResponse(httpstatus::kOk, {{"faults", services.m_Faults.armed(readAccount(request.m_Query))}});
+    return jsonResponse({{"faults", services.m_Faults.armed(readAccount(request.m_Query))}});
 }
 
 HttpResponse getFaultKinds(Services const&, HttpRequest const&) {
-    return jsonResponse(httpstatus::kOk, {{"kinds", allFaultKinds()}});
+    return jsonResponse({{"kinds", allFaultKinds()}});
 }
 
 HttpResponse armFault(Services const& services, HttpRequest const& request) {
     ArmedFault armed;
     armed.m_Fault = readFault(parseObject(request.m_Body));
     armed.m_Id = services.m_Faults.arm(armed.m_Fault);
-    return jsonResponse(httpstatus::kCreated, armed);
+    return jsonResponse(armed, httpstatus::kCreated);
 }
 
 HttpResponse liftFault(Services const& services, HttpRequest const& request) {
@@ -318,22 +318,22 @@ HttpResponse liftAllFaults(Services const& services, HttpRequest const& request)
 }
 
 HttpResponse getScenario(Services const& services, HttpRequest const&) {
-    return jsonResponse(httpstatus::kOk, {{"steps", presentSteps(services)}});
+    return jsonResponse({{"steps", presentSteps(services)}});
 }
 
 HttpResponse playScenario(Services const& services, HttpRequest const& request) {
-    return jsonResponse(httpstatus::kCreated, arm(services, readScenario(request.m_Body, "the body")));
+    return jsonResponse(arm(services, readScenario(request.m_Body, "the body")), httpstatus::kCreated);
 }
 
 HttpResponse getSnapshots(Services const& services, HttpRequest const&) {
-    return jsonResponse(httpstatus::kOk, {{"snapshots", services.m_Snapshots.all()}});
+    return jsonResponse({{"snapshots", services.m_Snapshots.all()}});
 }
 
 HttpResponse saveSnapshot(Services const& services, HttpRequest const& request) {
     std::string const name = segment(request.m_Path, 2);
     json const note = {{"steps", presentSteps(services)}};
     bool const isNew = services.m_Snapshots.save(name, note.dump(-1, ' ', false, json::error_handler_t::replace));
-    return jsonResponse(isNew ? httpstatus::kCreated : httpstatus::kOk, {{"name", name}});
+    return jsonResponse({{"name", name}}, isNew ? httpstatus::kCreated : httpstatus::kOk);
 }
 
 HttpResponse restoreSnapshot(Services const& services, HttpRequest const& request) {
@@ -346,7 +346,7 @@ HttpResponse restoreSnapshot(Services const& services, HttpRequest const& reques
     services.m_Faults.liftAll();
     services.m_Decisions.removeAll();
     arm(services, scenario);
-    return jsonResponse(httpstatus::kOk, {{"name", name}});
+    return jsonResponse({{"name", name}});
 }
 
 HttpResponse removeSnapshot(Services const& services, HttpRequest const& request) {

@@ -45,7 +45,7 @@ nlohmann::json clockJson(Services const& services, std::string const& account = 
 /// The clock of all, and those of the accounts that have their own.
 nlohmann::json clocksJson(Services const& services) {
     nlohmann::json out = clockJson(services);
-    for (auto const& [account, ahead] : services.m_Clock.owners()) {
+    for (std::string const& account : services.m_Clock.owners()) {
         out["accounts"].push_back(clockJson(services, account));
     }
     return out;
@@ -70,7 +70,7 @@ HttpResponse listResponse(char const* name, nlohmann::json rows, Listing<Row> co
     if (listing.m_More) {
         content["next"] = listing.m_Rows.back().m_Number;
     }
-    return jsonResponse(httpstatus::kOk, content);
+    return jsonResponse(content);
 }
 
 void checkAccount(std::string const& user, std::string const& password) {
@@ -119,12 +119,12 @@ void changeClock(Services const& services, nlohmann::json const& object, std::st
 }
 
 HttpResponse getHealth(Services const& services, HttpRequest const&) {
-    return jsonResponse(services.m_Ready ? httpstatus::kOk : httpstatus::kServiceUnavailable,
-                        {{"ready", services.m_Ready.load()}, {"version", KVX_VERSION}});
+    return jsonResponse({{"ready", services.m_Ready.load()}, {"version", KVX_VERSION}},
+                        services.m_Ready ? httpstatus::kOk : httpstatus::kServiceUnavailable);
 }
 
 HttpResponse getStatus(Services const& services, HttpRequest const&) {
-    return jsonResponse(httpstatus::kOk, statusJson(services));
+    return jsonResponse(statusJson(services));
 }
 
 HttpResponse getPayments(Services const& services, HttpRequest const& request) {
@@ -147,8 +147,7 @@ HttpResponse getExchanges(Services const& services, HttpRequest const& request) 
 
 HttpResponse removeExchanges(Services const& services, HttpRequest const& request) {
     ListQuery const query = readRemovalQuery(request.m_Query);
-    return jsonResponse(httpstatus::kOk,
-                        {{"exchanges", services.m_Store.removeExchanges(query.m_Filter, query.m_Page)}});
+    return jsonResponse({{"exchanges", services.m_Store.removeExchanges(query.m_Filter, query.m_Page)}});
 }
 
 HttpResponse reset(Services const& services, HttpRequest const& request) {
@@ -165,18 +164,18 @@ HttpResponse reset(Services const& services, HttpRequest const& request) {
     services.m_Decisions.removeAll(filter.m_Account);
     std::int64_t const payments = services.m_Store.removePayments(filter.m_Account);
     std::int64_t const exchanges = services.m_Store.removeExchanges(filter, {});
-    return jsonResponse(httpstatus::kOk, {{"payments", payments}, {"exchanges", exchanges}});
+    return jsonResponse({{"payments", payments}, {"exchanges", exchanges}});
 }
 
 HttpResponse getKeys(Services const& services, HttpRequest const&) {
-    return jsonResponse(httpstatus::kOk, keysJson(services));
+    return jsonResponse(keysJson(services));
 }
 
 HttpResponse rotateKey(Services const& services, HttpRequest const& request) {
     if (!request.m_Body.empty()) {
         readObject(request.m_Body, {});
     }
-    return jsonResponse(httpstatus::kCreated, {{"id", services.m_Keys.rotate()->m_Id}});
+    return jsonResponse({{"id", services.m_Keys.rotate()->m_Id}}, httpstatus::kCreated);
 }
 
 HttpResponse putAccount(Services const& services, HttpRequest const& request) {
@@ -187,8 +186,8 @@ HttpResponse putAccount(Services const& services, HttpRequest const& request) {
     std::vector<std::string> const known = services.m_Store.accounts();
     bool const isNew = std::find(known.begin(), known.end(), user) == known.end();
     services.m_Store.putAccount(user, password);
-    return jsonResponse(isNew ? httpstatus::kCreated : httpstatus::kOk,
-                        {{"user", user}, {"customer", services.m_Store.customerOf(user)}});
+    return jsonResponse({{"user", user}, {"customer", services.m_Store.customerOf(user)}},
+                        isNew ? httpstatus::kCreated : httpstatus::kOk);
 }
 
 HttpResponse setClock(Services const& services, HttpRequest const& request) {
@@ -198,7 +197,7 @@ HttpResponse setClock(Services const& services, HttpRequest const& request) {
     }
     if (!object.contains("account")) {
         changeClock(services, object, "");
-        return jsonResponse(httpstatus::kOk, clocksJson(services));
+        return jsonResponse(clocksJson(services));
     }
     std::string const account = requireAccount(services, object);
     if (object.contains("ahead") && object["ahead"].is_null()) {
@@ -207,7 +206,7 @@ HttpResponse setClock(Services const& services, HttpRequest const& request) {
     } else {
         changeClock(services, object, account);
     }
-    return jsonResponse(httpstatus::kOk, clockJson(services, account));
+    return jsonResponse(clockJson(services, account));
 }
 
 }  // namespace

@@ -1,9 +1,311 @@
+// One thread accepts and waits for clients that are silent so far; a thread of the pool serves each of the others.
+// The accepting thread waits in awaitEvent() for the pipe that wakes it, the listening socket, and m_Watch, which
+// stands for all silent clients. A connection whose first bytes are there goes to the pool at once. One that stays
+// silent is shut down for reading, which is what stopping does to all of them, and goes to the pool as well: its server
+// finds the end.
+//
+// Odd: to refuse connections the listening socket is shut down. On Linux that ends listening but keeps the port bound,
+// so no other program can take the port. Stopping first ends the incoming direction of every connection; connections
+// still open after kGrace are closed.
 #include "sandbox/http/listener.h"
 
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstddef>
+#include <exception>
+#include <iostream>
+#include <stdexcept>
+#include <system_error>
 #include <utility>
 
+#include "sandbox/http/signalguards.h"
+
 namespace sandbox {
+
+namespace {
+
+constexpr std::chrono::seconds kGrace(5);
+constexpr std::chrono::milliseconds kPause(50);  // before trying again to accept when the system has no room
+constexpr std::size_t kMaxEvents = 64;           // taken from epoll at once
+
+[[noreturn]] void fail(std::string const& what, int error) {
+    throw std::runtime_error(what + ": " + std::generic_category().message(error));
+}
+
+/// A bound socket. With SO_REUSEADDR and not SO_REUSEPORT, with which two services would share a port unnoticed.
+int boundSocket(std::uint16_t port, std::string const& name) {
+    int const socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (socket < 0) {
+        fail("cannot make a socket", errno);
+    }
+    int const yes = 1;
+    ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    if (::inet_pton(AF_INET, name.c_str(), &address.sin_addr) != 1) {
+        ::close(socket);
+        fail("cannot listen on " + name, EINVAL);
+    }
+    address.sin_port = htons(port);
+    if (::bind(socket, reinterpret_cast<sockaddr const*>(&address), sizeof address) != 0) {
+        int const error = errno;
+        ::close(socket);
+        fail("cannot listen on " + name + ":" + std::to_string(port) + " (is another program using the port?)", error);
+    }
+    return socket;
+}
+
+std::uint16_t portOf(int socket) {
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    ::getsockname(socket, reinterpret_cast<sockaddr*>(&address), &length);
+    return ntohs(address.sin_port);
+}
+
+/// Whether there is something to read, which may be the end.
+bool hasInput(int socket) {
+    char first = '\0';
+    return ::recv(socket, &first, 1, MSG_PEEK) >= 0 || errno != EAGAIN;
+}
+
+bool isShortage(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS;
+}
+
+}  // namespace
+
+Acceptor::Acceptor(std::uint16_t port, std::string const& address) {
+    m_Listener = boundSocket(port, address);
+    m_Port = portOf(m_Listener);
+    if (port == 0) {
+        // A port that the system picked is lost when the socket is shut down; a port that was bound by its number
+        // stays.
+        int const picked = m_Listener;
+        m_Listener = boundSocket(m_Port, address);
+        ::close(picked);
+    }
+    m_Watch = ::epoll_create1(EPOLL_CLOEXEC);
+    if (m_Watch < 0 || ::pipe2(m_Wake, O_CLOEXEC | O_NONBLOCK) != 0) {
+        int const error = errno;
+        ::close(m_Listener);
+        ::close(m_Watch);
+        fail("cannot make what the accepting thread waits for", error);
+    }
+    listen();
+}
+
+Acceptor::~Acceptor() {
+    stop();
+    ::close(m_Listener);
+    ::close(m_Wake[0]);
+    ::close(m_Wake[1]);
+    ::close(m_Watch);
+}
+
+void Acceptor::listen() {
+    // Another socket can have taken the port only by listening there while this one did not.
+    m_Listening = ::listen(m_Listener, SOMAXCONN) == 0;
+}
+
+void Acceptor::start(Admit admit, Clock::duration silence) {
+    m_Admit = std::move(admit);
+    m_Silence = silence;
+    SignalsBlocked const blocked;
+    m_Thread = std::thread([this] { run(); });
+}
+
+void Acceptor::refuseUntil(Clock::time_point moment) {
+    {
+        std::lock_guard<std::mutex> const lock(m_Mutex);
+        m_RefusesUntil = moment;
+        bool const refuse = moment > Clock::now();
+        if (refuse && m_Listening) {
+            // Linux ends listening with this and keeps the port bound.
+            ::shutdown(m_Listener, SHUT_RDWR);
+            m_Listening = false;
+        } else if (!refuse && !m_Listening && !m_Stopping) {
+            listen();
+        }
+    }
+    wake();
+}
+
+void Acceptor::beginStop() {
+    {
+        std::lock_guard<std::mutex> const lock(m_Mutex);
+        if (m_Stopping) {
+            return;
+        }
+        m_Stopping = true;
+        m_CutAt = Clock::now() + kGrace;
+        // Raised first: a thread that finds the incoming direction ended must be able to see that the client did not
+        // end it.
+        m_Ending.raise();
+        shutDownAll(SHUT_RD);
+    }
+    wake();
+}
+
+void Acceptor::stop() {
+    beginStop();
+    if (m_Thread.joinable()) {
+        m_Thread.join();
+    }
+    {
+        std::unique_lock<std::mutex> lock(m_Mutex);
+        if (m_Listening) {
+            ::shutdown(m_Listener, SHUT_RDWR);
+            m_Listening = false;
+        }
+        if (!m_Ended.wait_until(lock, m_CutAt, [this] { return m_Open.empty(); })) {
+            // A client reads slowly or not at all.
+            shutDownAll(SHUT_RDWR);
+        }
+    }
+    m_Servers.stop();
+}
+
+void Acceptor::shutDownAll(int direction) {
+    for (int const socket : m_Open) {
+        ::shutdown(socket, direction);
+    }
+}
+
+void Acceptor::wake() const {
+    // A full pipe wakes as well.
+    [[maybe_unused]] ssize_t const written = ::write(m_Wake[1], "", 1);
+}
+
+void Acceptor::run() {
+    bool connecting = false;
+    bool sending = false;
+    while (awaitEvent(connecting, sending)) {
+        if (connecting) {
+            acceptOne();
+        }
+        if (sending) {
+            serveSpeaking();
+        }
+        serveSilent();
+    }
+    for (auto& [number, client] : m_Waiting) {
+        serve(std::move(client));
+    }
+    m_Waiting.clear();
+}
+
+/// Returns when somebody may be connecting or a silent client sending, or it is time for what serveSilent() does. False
+/// when it is stopping.
+bool Acceptor::awaitEvent(bool& connecting, bool& sending) {
+    bool const pauses = Clock::now() < m_PausesUntil;
+    Clock::time_point until = pauses ? m_PausesUntil : Clock::time_point::max();
+    if (!m_Waiting.empty()) {
+        until = std::min(until, m_Waiting.begin()->second.m_SilentUntil);
+    }
+    bool accepts = false;
+    {
+        std::lock_guard<std::mutex> const lock(m_Mutex);
+        if (m_Stopping) {
+            return false;
+        }
+        if (!m_Listening && m_RefusesUntil <= Clock::now()) {
+            listen();
+        }
+        until = m_Listening ? until : std::min(until, m_RefusesUntil);
+        accepts = m_Listening && !pauses;
+    }
+    std::array<pollfd, 3> waits = {pollfd{m_Wake[0], POLLIN, 0}, pollfd{accepts ? m_Listener : -1, POLLIN, 0},
+                                   pollfd{m_Waiting.empty() ? -1 : m_Watch, POLLIN, 0}};
+    ::poll(waits.data(), waits.size(), pollTimeoutUntil(until));
+    char drained[64];
+    while (waits[0].revents != 0 && ::read(m_Wake[0], drained, sizeof drained) > 0) {
+    }
+    connecting = waits[1].revents != 0;
+    sending = waits[2].revents != 0;
+    return true;
+}
+
+void Acceptor::acceptOne() {
+    int const socket = ::accept4(m_Listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (socket < 0) {
+        m_PausesUntil = isShortage(errno) ? Clock::now() + kPause : Clock::time_point();
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> const lock(m_Mutex);
+        m_Open.insert(socket);
+        if (m_Stopping) {
+            ::shutdown(socket, SHUT_RD);
+        }
+    }
+    Client client{socket, m_Admit(), Clock::now() + m_Silence};
+    std::uint64_t const number = ++m_Accepted;
+    if (hasInput(socket) || !watch(socket, number)) {
+        serve(std::move(client));
+    } else {
+        m_Waiting.emplace(number, std::move(client));
+    }
+}
+
+/// False when the system has no room for it.
+bool Acceptor::watch(int socket, std::uint64_t number) {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.u64 = number;
+    return ::epoll_ctl(m_Watch, EPOLL_CTL_ADD, socket, &event) == 0;
+}
+
+void Acceptor::serveSpeaking() {
+    std::array<epoll_event, kMaxEvents> events;
+    int const count = ::epoll_wait(m_Watch, events.data(), static_cast<int>(events.size()), 0);
+    for (int i = 0; i < count; ++i) {
+        auto const speaking = m_Waiting.find(events[static_cast<std::size_t>(i)].data.u64);
+        ::epoll_ctl(m_Watch, EPOLL_CTL_DEL, speaking->second.m_Socket, nullptr);
+        serve(std::move(speaking->second));
+        m_Waiting.erase(speaking);
+    }
+}
+
+/// Ends the incoming direction of clients that were silent for too long; serveSpeaking() finds them then.
+void Acceptor::serveSilent() {
+    Clock::time_point const now = Clock::now();
+    for (auto each = m_Waiting.begin(); each != m_Waiting.end() && each->second.m_SilentUntil <= now; ++each) {
+        ::shutdown(each->second.m_Socket, SHUT_RD);
+    }
+}
+
+void Acceptor::serve(Client client) {
+    int const socket = client.m_Socket;
+    if (!m_Servers.run([this, client = std::move(client)] { serveOne(client); })) {
+        // The system has no thread to give: this client is dropped, the next may be served.
+        closeSocket(socket);
+    }
+}
+
+void Acceptor::serveOne(Client const& client) {
+    try {
+        client.m_Serve(client.m_Socket);
+    } catch (std::exception const& failure) {
+        std::cerr << "a connection to port " + std::to_string(m_Port) + " was dropped: " + failure.what() + "\n";
+    }
+    closeSocket(client.m_Socket);
+}
+
+void Acceptor::closeSocket(int socket) {
+    std::lock_guard<std::mutex> const lock(m_Mutex);
+    m_Open.erase(socket);
+    ::close(socket);
+    m_Ended.notify_all();
+}
 
 Listener::Listener(std::uint16_t port, TlsIdentity const* tls, FaultRegistry* faults, std::chrono::milliseconds timeout,
                    ListenAddress const& address)

@@ -1,18 +1,108 @@
 #ifndef TALLOWIN_SANDBOX_HTTP_LISTENER_H
 #define TALLOWIN_SANDBOX_HTTP_LISTENER_H
 
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <map>
+#include <mutex>
 #include <optional>
+#include <set>
 #include <string>
+#include <thread>
 
 #include "sandbox/faults/faultregistry.h"
-#include "sandbox/http/acceptor.h"
 #include "sandbox/http/connection.h"
+#include "sandbox/http/endsignal.h"
 #include "sandbox/http/httptext.h"
+#include "sandbox/http/threadpool.h"
 #include "sandbox/http/tlsidentity.h"
 
 namespace sandbox {
+
+/// One port of 127.0.0.1, or of another address, and the connections to it. One thread waits for all clients that have
+/// sent nothing yet; each of the others is served by a thread of its own.
+///
+/// Unlike the sockets of the HTTP library it can refuse connections for a while without letting go of its port.
+class Acceptor {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    /// Serves one connection; the socket is borrowed. Exceptions are printed to standard error and end the connection.
+    using Serve = std::function<void(int socket)>;
+
+    /// Called by the accepting thread for each connection as soon as it is accepted. Returns what serves it, called by
+    /// another thread once the client has sent something or has ended its direction.
+    using Admit = std::function<Serve()>;
+
+    /// Takes the port (0 picks one) of the IPv4 address; connections wait until start(). Throws std::runtime_error.
+    explicit Acceptor(std::uint16_t port, std::string const& address = "127.0.0.1");
+
+    /// Stops.
+    ~Acceptor();
+    Acceptor(Acceptor const&) = delete;
+    Acceptor& operator=(Acceptor const&) = delete;
+
+    [[nodiscard]] std::uint16_t port() const { return m_Port; }
+
+    /// Accepts connections until stop(). A connection whose client sends nothing for `silence` is shut down for reading
+    /// and then served. Throws std::runtime_error.
+    void start(Admit admit, Clock::duration silence);
+
+    /// Refuses connections from now on until `moment`. A moment in the past accepts again. Open connections stay open.
+    void refuseUntil(Clock::time_point moment);
+
+    /// Accepts no more connections, raises ending(), and shuts open connections down for reading.
+    void beginStop();
+
+    /// As beginStop(), then waits. Connections still open five seconds after the first of these calls are closed.
+    void stop();
+
+    /// Raised by beginStop(). Ends waits of threads that serve a connection.
+    [[nodiscard]] EndSignal const& ending() const { return m_Ending; }
+
+private:
+    /// A connection that is not served yet.
+    struct Client {
+        int m_Socket;
+        Serve m_Serve;
+        Clock::time_point m_SilentUntil;
+    };
+
+    void run();
+    void listen();
+    void shutDownAll(int direction);
+    bool awaitEvent(bool& connecting, bool& sending);
+    void acceptOne();
+    bool watch(int socket, std::uint64_t number);
+    void serveSpeaking();
+    void serveSilent();
+    void serve(Client client);
+    void serveOne(Client const& client);
+    void closeSocket(int socket);
+    void wake() const;
+
+    int m_Listener = -1;
+    int m_Wake[2] = {-1, -1};  ///< A pipe: what is written to it ends the wait of the thread.
+    int m_Watch = -1;          ///< An epoll instance for the sockets in m_Waiting.
+    std::uint16_t m_Port = 0;
+    EndSignal m_Ending;
+    Admit m_Admit;
+    Clock::duration m_Silence{};
+    std::thread m_Thread;
+    std::map<std::uint64_t, Client> m_Waiting;  ///< Whose clients were silent so far, oldest first. Used by m_Thread.
+    std::uint64_t m_Accepted = 0;               ///< How many connections. Used by m_Thread, as is the next one.
+    Clock::time_point m_PausesUntil{};          ///< Accepts none before that: the system had no room.
+    std::mutex m_Mutex;                         ///< Guards the rest but for m_Servers.
+    std::condition_variable m_Ended;            ///< A connection has ended.
+    Clock::time_point m_RefusesUntil{};
+    bool m_Listening = false;
+    bool m_Stopping = false;
+    Clock::time_point m_CutAt{};  ///< Once it is stopping.
+    std::set<int> m_Open;         ///< The sockets of all connections, waiting or served.
+    ThreadPool m_Servers;
+};
 
 /// A server on one port, plain or under TLS. Every connection carries one exchange and is closed after it.
 class Listener {

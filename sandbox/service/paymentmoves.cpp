@@ -27,7 +27,7 @@ struct Present {
 std::vector<Present> presents(Services const& services) {
     std::vector<Present> all;
     AccountScope others;
-    for (auto const& [account, ahead] : services.m_Clock.owners()) {
+    for (std::string const& account : services.m_Clock.owners()) {
         all.push_back({{account, {}}, services.m_Clock.now(account)});
         others.m_Except.push_back(account);
     }

@@ -88,12 +88,12 @@ void ServiceClock::reset() {
     m_Settings = {{"", {}}};
 }
 
-std::map<std::string, std::int64_t> ServiceClock::owners() const {
+std::vector<std::string> ServiceClock::owners() const {
     std::lock_guard<std::mutex> const lock(m_Mutex);
-    std::map<std::string, std::int64_t> owners;
+    std::vector<std::string> owners;
     for (auto const& [account, setting] : m_Settings) {
         if (!account.empty()) {
-            owners[account] = present(setting) - m_Source();
+            owners.push_back(account);
         }
     }
     return owners;

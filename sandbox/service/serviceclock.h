@@ -8,6 +8,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "sandbox/store/store.h"
 #include "sandbox/text/wiretext.h"
@@ -47,8 +48,8 @@ public:
     /// As the source goes, for all accounts.
     void reset();
 
-    /// The offsets of accounts that have a clock of their own.
-    [[nodiscard]] std::map<std::string, std::int64_t> owners() const;
+    /// The accounts that have a clock of their own.
+    [[nodiscard]] std::vector<std::string> owners() const;
 
 private:
     struct Setting {

@@ -1,7 +1,7 @@
 // The acceptor and the connections it serves, over loopback sockets. It accepts, refuses and accepts again, keeps
 // thousands of silent clients without a thread, serves hundreds at once, and stops under load. The last part tests how
 // a pause in a connection ends. Clients are threads of the test.
-#include "sandbox/http/acceptor.h"
+#include "sandbox/http/listener.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
