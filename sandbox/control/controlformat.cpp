@@ -18,6 +18,7 @@ namespace sandbox {
 
 namespace {
 
+using nlohmann::json;
 using Names = std::vector<std::string>;
 
 /// A bound of the list; `row` is what its numbers count, "an exchange".
@@ -71,8 +72,6 @@ Filter readFilter(Query const& query, Names const& known, char const* payment) {
     }
     return filter;
 }
-
-using nlohmann::json;
 
 constexpr char kAlways[] = "always";
 
