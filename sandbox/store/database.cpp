@@ -120,12 +120,10 @@ std::int64_t Statement::numberColumn(int index) const {
 Database::Database(std::string const& path, Access access) : m_Database(openFile(path, access)) {
     sqlite3_busy_timeout(m_Database.get(), 5000);
     if (access == Access::kWrite) {
-        // Payments write the same pages over and over. Four times the usual pages in the log means that fewer of them
-        // are written to the file as well, and that commits wait for the disk less often.
         // What savepoints could restore is kept in memory, which spares a temporary file.
         execute(
             "PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA foreign_keys = ON; "
-            "PRAGMA wal_autocheckpoint = 4000; PRAGMA temp_store = MEMORY");
+            "PRAGMA temp_store = MEMORY");
     }
 }
 
@@ -133,6 +131,14 @@ void Database::execute(char const* sql) {
     if (sqlite3_exec(m_Database.get(), sql, nullptr, nullptr, nullptr) != SQLITE_OK) {
         fail(m_Database.get());
     }
+}
+
+void Database::keepLog() {
+    auto const count = [](void* pagesInLog, sqlite3*, char const*, int pages) {
+        *static_cast<int*>(pagesInLog) = pages;
+        return SQLITE_OK;
+    };
+    sqlite3_wal_hook(m_Database.get(), count, &m_PagesInLog);
 }
 
 void Database::copyTo(Database& target) {

@@ -104,6 +104,18 @@ public:
 
     [[nodiscard]] bool isInTransaction() const { return sqlite3_get_autocommit(m_Database.get()) == 0; }
 
+    /// From now on commits leave it to the owner to move what they have written from the log to the file, see
+    /// moveLog().
+    void keepLog();
+
+    /// How many pages the log had at the last commit. 0 before keepLog().
+    [[nodiscard]] int pagesInLog() const { return m_PagesInLog; }
+
+    /// Moves what is in the log to the file, as far as other connections still need none of it. Others may read and
+    /// write meanwhile. When all of it has been moved, the next transaction begins the log anew. Throws
+    /// std::runtime_error.
+    void moveLog() { execute("PRAGMA wal_checkpoint(PASSIVE)"); }
+
     /// Replaces the content of `target` by that of this database, in one transaction. Throws std::runtime_error.
     void copyTo(Database& target);
 
@@ -125,6 +137,7 @@ private:
     std::unique_ptr<sqlite3, Releaser<sqlite3_close>> m_Database;
     std::map<std::string, StatementHolder>
         m_Kept;  ///< By their texts; those that are not in use. Go before m_Database.
+    int m_PagesInLog = 0;
 };
 
 /// A transaction, undone at the end of its life unless commit() was called. One that reads sees the database as it was

@@ -19,6 +19,10 @@ namespace {
 /// A transaction is committed after so many turns even if threads keep coming.
 constexpr int kMaxTurns = 256;
 
+/// How many pages of the log are many. Payments write the same pages over and over: with four times the usual length
+/// fewer of them are moved to the file as well.
+constexpr int kMaxLog = 4000;
+
 thread_local JointWriter::Unit* t_Unit = nullptr;
 
 bool isReady(std::shared_future<void> const& committed) {
@@ -174,6 +178,10 @@ void JointWriter::runAfter(std::function<void()> action) {
     }
 }
 
+JointWriter::JointWriter(std::string const& path) : m_Database(path), m_LogMover(path) {
+    m_Database.keepLog();
+}
+
 JointWriter::Unit* JointWriter::unitOfThread() const {
     return t_Unit != nullptr && &t_Unit->m_Writer == this ? t_Unit : nullptr;
 }
@@ -221,6 +229,29 @@ void JointWriter::commit() {
         effect();
     }
     end(nullptr);
+    shortenLog();
+}
+
+/// Moves the log to the file when it is long. Most of that is done by a thread of its own while others write, since it
+/// waits for the disk. A commit does the rest: only while nobody writes can all of it be moved, so that the log begins
+/// anew.
+void JointWriter::shortenLog() {
+    if (m_Database.pagesInLog() < kMaxLog) {
+        return;
+    }
+    try {
+        if (!m_LogMoved.valid()) {
+            m_LogMoved = std::async(std::launch::async, [this] {
+                m_LogMover.moveLog();
+                m_LogMover.moveLog();  // what was written meanwhile, which is much less
+            });
+        } else if (m_LogMoved.wait_for(std::chrono::seconds(0)) == std::future_status::ready) {
+            m_LogMoved.get();
+            m_Database.moveLog();
+        }
+    } catch (std::exception const&) {
+        // Nothing is lost: the log has it all, and a later commit tries again.
+    }
 }
 
 void JointWriter::rollBack() {

@@ -102,7 +102,7 @@ public:
     };
 
     /// Opens the file. Throws std::runtime_error.
-    explicit JointWriter(std::string const& path) : m_Database(path) {}
+    explicit JointWriter(std::string const& path);
 
     /// Whether the calling thread has a unit.
     [[nodiscard]] bool hasUnit() const { return unitOfThread() != nullptr; }
@@ -130,6 +130,7 @@ private:
     void end(std::exception_ptr const& failure);
     void commitWhenDue();
     void await(Ending const& ending);
+    void shortenLog();
 
     std::atomic<int> m_Coming{0};   ///< How many threads wait for their turn.
     std::atomic<int> m_Busy{0};     ///< How many units may have more turns.
@@ -138,6 +139,8 @@ private:
     std::set<Unit*> m_Changing;     ///< Units with changes whose beforeCommit has not run.
     std::uint64_t m_Begun = 0;      ///< Transactions so far.
     Database m_Database;
+    Database m_LogMover;           ///< Used by the thread of m_LogMoved, without m_Mutex.
+    std::future<void> m_LogMoved;  ///< Valid once most of the log is being moved. Goes first: it awaits its thread.
 };
 
 }  // namespace sandbox

@@ -4,7 +4,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
+#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -216,6 +219,28 @@ TEST_F(JointWriterTest, CommitsWhatManyThreadsChange) {
         thread.join();
     }
     EXPECT_EQ(rows().size(), std::size_t{2 * kThreads * kUnits});
+}
+
+TEST_F(JointWriterTest, BeginsALongLogAnew) {
+    auto const beginOfLog = [this] {
+        char head[32] = "";
+        std::ifstream(m_Path + "-wal", std::ios::binary).read(head, sizeof head);
+        return std::string(head, sizeof head);  // with salts that differ each time
+    };
+    add(1);
+    std::string const before = beginOfLog();
+    {
+        Turn turn(m_Writer);
+        turn.database().execute("CREATE TABLE large (bytes BLOB); INSERT INTO large VALUES (zeroblob(20000000))");
+        turn.keep();
+    }
+    std::int64_t last = 1;
+    auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (beginOfLog() == before && std::chrono::steady_clock::now() < deadline) {
+        add(++last);
+    }
+    EXPECT_NE(before, beginOfLog());
+    EXPECT_EQ(static_cast<std::size_t>(last), rows().size()) << "nothing is lost";
 }
 
 }  // namespace
