@@ -22,12 +22,13 @@ ThreadPool::~ThreadPool() {
 bool ThreadPool::run(Task task) {
     Threads ended;
     bool running = true;
+    bool given = false;
     {
         std::lock_guard<std::mutex> const lock(m_Mutex);
         ended.swap(m_Ended);
         if (m_Tasks.size() < m_Idle) {
             m_Tasks.push_back(std::move(task));
-            m_Given.notify_one();
+            given = true;
         } else {
             auto const self = m_Threads.emplace(m_Threads.end());
             try {
@@ -37,6 +38,10 @@ bool ThreadPool::run(Task task) {
                 running = false;
             }
         }
+    }
+    if (given) {
+        // Without the lock, which the thread that wakes up takes at once.
+        m_Given.notify_one();
     }
     joinAll(ended);
     return running;
