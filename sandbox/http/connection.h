@@ -42,8 +42,12 @@ public:
     /// Bytes read, 0 at the end, negative on failure.
     ssize_t read(char* to, std::size_t size);
 
-    /// Writes everything; false when that fails.
-    bool write(char const* from, std::size_t size);
+    /// What comes after a piece that is written.
+    enum class Next { kMore, kEnd };
+
+    /// Writes everything; false when that fails. The last piece before the end travels together with it, at the end of
+    /// this object's life.
+    bool write(char const* from, std::size_t size, Next next = Next::kMore);
 
     /// Waits that long, or until the end of the service. When the client has ended its direction, at most the request
     /// timeout: it waits for the response or has gone, which looks the same.

@@ -71,7 +71,7 @@ constexpr std::size_t kMaxKept = std::size_t{64} * 1024;
 
 void deliver(Connection& connection, std::string const& response, std::optional<Fault> const& fault) {
     if (!fault) {
-        send(connection, response);
+        connection.write(response.data(), response.size(), Connection::Next::kEnd);
         return;
     }
     switch (fault->m_Kind) {
