@@ -7,8 +7,10 @@
 // member "type".
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -66,9 +68,17 @@ public:
         if (!events) {
             return std::nullopt;
         }
+        // Under load an event comes with many others, most payments among them more than once.
+        std::set<std::string> payments;
+        for (StoreEvent const& event : *events) {
+            if (!event.m_Exchange) {
+                payments.insert(paymentOf(event));
+            }
+        }
+        Subjects const subjects = payments.empty() ? Subjects() : m_Store.subjectsOf(payments);
         std::string text;
         for (StoreEvent const& event : *events) {
-            text += textOf(event);
+            text += textOf(event, subjects);
         }
         if (text.empty() && Clock::now() >= m_CommentAt) {
             text = kComment;
@@ -92,18 +102,25 @@ private:
         return text;
     }
 
-    /// Empty for another account.
-    std::string textOf(StoreEvent const& event) {
+    using Subjects = std::map<std::string, Store::Subject>;
+
+    /// Whose move or notification it is.
+    static std::string const& paymentOf(StoreEvent const& event) {
+        return event.m_Move ? event.m_Move->m_Payment : event.m_Notification->m_Payment;
+    }
+
+    /// Empty for another account, and for a payment that is no more.
+    std::string textOf(StoreEvent const& event, Subjects const& subjects) {
         if (event.m_Exchange) {
             bool const isNew = event.m_Exchange->m_Number > m_Page.m_After;
             return isNew && fits(event.m_Exchange->m_Account) ? exchangeEvent(*event.m_Exchange) : "";
         }
-        std::optional<Store::Subject> const subject =
-            m_Store.subjectOf(event.m_Move ? event.m_Move->m_Payment : event.m_Notification->m_Payment);
-        if (!subject || !fits(subject->m_Account)) {
+        auto const found = subjects.find(paymentOf(event));
+        if (found == subjects.end() || !fits(found->second.m_Account)) {
             return "";
         }
-        return event.m_Move ? moveEvent(*event.m_Move, *subject) : notificationEvent(*event.m_Notification, *subject);
+        Store::Subject const& subject = found->second;
+        return event.m_Move ? moveEvent(*event.m_Move, subject) : notificationEvent(*event.m_Notification, subject);
     }
 
     [[nodiscard]] bool fits(std::string const& account) const { return !m_Account || *m_Account == account; }

@@ -6,6 +6,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -148,8 +149,8 @@ public:
         std::string m_Order;
     };
 
-    /// Nothing when there is no such payment.
-    [[nodiscard]] std::optional<Subject> subjectOf(std::string const& id);
+    /// By identifier, of those of the payments `ids` that there are.
+    [[nodiscard]] std::map<std::string, Subject> subjectsOf(std::set<std::string> const& ids);
 
     [[nodiscard]] Listing<Payment> payments(Filter const& filter, Page const& page);
 

@@ -175,13 +175,18 @@ std::vector<StoredPayment> Store::latestPayments(std::int64_t count, std::int64_
         });
 }
 
-std::optional<Store::Subject> Store::subjectOf(std::string const& id) {
-    RowReader const reader(*this);
-    return reader.database()
-        .prepare("SELECT account, order_id FROM payments WHERE id = ?", id)
-        .first([](Statement const& row) {
-            return Subject{row.column(0), row.column(1)};
-        });
+std::map<std::string, Store::Subject> Store::subjectsOf(std::set<std::string> const& ids) {
+    ReaderPool::Reader const reader = m_Readers.take();
+    Transaction const snapshot(reader.database(), Database::Access::kRead);
+    std::map<std::string, Subject> found;
+    for (std::string const& id : ids) {
+        reader.database()
+            .prepare("SELECT account, order_id FROM payments WHERE id = ?", id)
+            .first([&](Statement const& row) {
+                return found[id] = Subject{row.column(0), row.column(1)};
+            });
+    }
+    return found;
 }
 
 bool Store::advance(std::string const& id, std::vector<PaymentState> const& from, HistoryEntry const& step,
