@@ -3,6 +3,7 @@
 // transaction is committed when some thread waits for that, none waits for its turn, and no unit will have another one,
 // so the last of those that came at the same time commits for all. A thread that waits does so without the lock, and
 // commits by itself when that takes too long.
+// shortenLog() sees to it that the log does not grow for ever.
 // A turn that fails undoes what it did, by a savepoint. A commit that fails, or a failure at which SQLite gives the
 // transaction up, is a failure of all who are in it.
 #include "sandbox/store/jointwriter.h"

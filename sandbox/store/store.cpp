@@ -6,6 +6,8 @@
 #include "sandbox/store/store.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <cstdint>
 #include <ctime>
 #include <limits>
 #include <stdexcept>
@@ -20,6 +22,7 @@ namespace {
 
 constexpr int kSaltBytes = 16;
 constexpr std::int64_t kFirstCustomer = 1001;
+constexpr std::size_t kMaxKnownKeys = 1000;
 
 /// What the account's password is checked with.
 struct StoredPassword {
@@ -119,15 +122,34 @@ Store::KeyAdded Store::addMerchantKey(std::string const& id, MerchantKey const& 
 }
 
 std::optional<MerchantKey> Store::merchantKey(std::string const& id) {
-    RowReader const reader(*this);
-    return reader.database()
-        .prepare(
-            "SELECT k.account, k.blob, a.customer FROM merchant_keys k JOIN accounts a ON a.user = k.account "
-            "WHERE k.id = ?",
-            id)
-        .first([](Statement const& row) {
-            return MerchantKey{row.column(0), row.column(1), row.column(2)};
-        });
+    // Each request of a merchant asks for its key.
+    std::unique_lock<std::mutex> lock(m_Mutex);
+    if (auto const known = m_KnownKeys.find(id); known != m_KnownKeys.end()) {
+        return known->second;
+    }
+    std::uint64_t const replaced = m_Replaced;
+    lock.unlock();
+    ReaderPool::Reader const reader = m_Readers.take();
+    std::optional<MerchantKey> const key =
+        reader.database()
+            .prepare(
+                "SELECT k.account, k.blob, a.customer FROM merchant_keys k JOIN accounts a ON a.user = k.account "
+                "WHERE k.id = ?",
+                id)
+            .first([](Statement const& row) {
+                return MerchantKey{row.column(0), row.column(1), row.column(2)};
+            });
+    if (!key) {
+        return std::nullopt;
+    }
+    lock.lock();
+    if (m_KnownKeys.size() == kMaxKnownKeys) {
+        m_KnownKeys.clear();
+    }
+    if (m_Replaced == replaced) {
+        m_KnownKeys.emplace(id, *key);
+    }
+    return key;
 }
 
 std::vector<PublishedKey> Store::merchantKeys() {
@@ -147,6 +169,9 @@ void Store::replaceBy(Database& source) {
     {
         Turn const turn(m_Writer, Turn::Purpose::kAlone);
         source.copyTo(turn.database());
+        std::lock_guard<std::mutex> const lock(m_Mutex);
+        m_KnownKeys.clear();
+        ++m_Replaced;
     }
     m_Events.countChange();
 }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -111,6 +112,8 @@ public:
     /// Adds a key to an account. `kKnown`: this key is stored already. `kTaken`: the key id belongs to another key or
     /// account. Nothing changes in both cases.
     KeyAdded addMerchantKey(std::string const& id, MerchantKey const& key, std::string const& time);
+
+    /// Of the keys that are committed, also in a request.
     [[nodiscard]] std::optional<MerchantKey> merchantKey(std::string const& id);
 
     /// Oldest first.
@@ -295,6 +298,9 @@ private:
     void replaceDueMove(std::string const& id, std::optional<DueMove> const& next);
 
     Retention m_Retention;
+    std::mutex m_Mutex;                              ///< Guards the next two.
+    std::map<std::string, MerchantKey> m_KnownKeys;  ///< By key id: some that are committed, which never change.
+    std::uint64_t m_Replaced = 0;                    ///< How often replaceBy() has changed them all the same.
     EventFeed m_Events;
     JointWriter m_Writer;
     Database& m_Database = m_Writer.database();  ///< Used in turns of the writer.

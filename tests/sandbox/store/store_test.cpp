@@ -275,6 +275,24 @@ TEST_F(StoreLists, LeaveNoTraceOfTheBeginningOfARequestThatHasEnded) {
     EXPECT_EQ(m_Store.counts().m_Exchanges, 1);
 }
 
+TEST(StoredKeys, AreThoseOfTheDatabaseThatReplacedTheFormerOne) {
+    TemporaryDirectory const directory;
+    Store store(directory.path() + "/sandbox.db");
+    store.putAccount("demo", "p");
+    EXPECT_FALSE(store.merchantKey("K1"));
+    store.addMerchantKey("K1", {"demo", "former"}, "then");
+    EXPECT_EQ(store.merchantKey("K1")->m_Blob, "former");
+    EXPECT_EQ(store.merchantKey("K1")->m_Customer, "1001") << "also when it is asked for again";
+    Database other(directory.path() + "/other.db");
+    {
+        Store another(directory.path() + "/other.db");
+        another.putAccount("demo", "p");
+        another.addMerchantKey("K1", {"demo", "later"}, "then");
+    }
+    store.replaceBy(other);
+    EXPECT_EQ(store.merchantKey("K1")->m_Blob, "later");
+}
+
 class StoreRetention : public ::testing::Test {
 protected:
     /// How many payments and exchanges are there after so many of each were added.
