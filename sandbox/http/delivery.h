@@ -18,7 +18,8 @@ namespace sandbox {
 class Connection;
 
 /// Sends `response`, head and body, the way `fault` wants it. Faults that change what a response says are ignored
-/// here. Waits end early when the client goes or the service stops.
+/// here. Waits end early when the client goes or the service stops. A response without a fault may travel with the end
+/// of the connection, which is to come at once.
 void deliver(Connection& connection, std::string const& response, std::optional<Fault> const& fault);
 
 /// How much of a response was sent.
