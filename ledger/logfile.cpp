@@ -155,9 +155,16 @@ sqlite3_vfs const* systemFiles() noexcept {
     return s_System;
 }
 
+/// Whether a write leaves the bytes around it alone when the power fails. Where it may not, SQLite adds copies of its
+/// last page to a commit until a sector is full, and flushes the sector but not the rest of the last copy.
+bool staysWhole(char const* logName) noexcept {
+    sqlite3_file* const store = sqlite3_database_file_object(logName);
+    return (store->pMethods->xDeviceCharacteristics(store) & SQLITE_IOCAP_POWERSAFE_OVERWRITE) != 0;
+}
+
 int openFile(sqlite3_vfs* /*self*/, char const* name, sqlite3_file* face, int flags, int* opened) noexcept {
     auto* const system = const_cast<sqlite3_vfs*>(systemFiles());
-    if ((flags & SQLITE_OPEN_WAL) == 0) {
+    if ((flags & SQLITE_OPEN_WAL) == 0 || !staysWhole(name)) {
         return system->xOpen(system, name, face, flags, opened);
     }
     face->pMethods = nullptr;  // nothing to close when it fails

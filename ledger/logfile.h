@@ -18,7 +18,8 @@ char const* logFileSystem();
 /// over pages that another process has committed.
 class GatheredCommit {
 public:
-    /// Does nothing for a connection that was not opened through logFileSystem(), or that has no log.
+    /// Does nothing for a connection that was not opened through logFileSystem(), that has no log, or whose file is
+    /// where SQLite fills the sectors of the log.
     explicit GatheredCommit(sqlite3* connection) noexcept;
     GatheredCommit(GatheredCommit const&) = delete;
     GatheredCommit& operator=(GatheredCommit const&) = delete;

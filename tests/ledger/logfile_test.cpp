@@ -122,6 +122,19 @@ TEST_F(LogFile, ForgetsALargeTransactionThatIsUndone) {
     EXPECT_EQ(Stranger(path()).column("PRAGMA integrity_check"), std::vector<std::string>{"ok"});
 }
 
+TEST_F(LogFile, IsWrittenWholeWhereSqliteFillsSectors) {
+    Stranger const other("file:" + path() + "?psow=0", ledger::logFileSystem());
+    constexpr int kCommits = 8;
+    for (int count = 0; count < kCommits; ++count) {
+        ASSERT_EQ(other.run("BEGIN IMMEDIATE; INSERT INTO a VALUES ('x'); INSERT INTO b VALUES ('x')"), SQLITE_OK);
+        ledger::GatheredCommit const gathered(other.get());
+        ASSERT_EQ(other.run("COMMIT"), SQLITE_OK);
+    }
+    EXPECT_EQ(rowsAfterPowerLoss(), "8 8 0");
+    EXPECT_EQ(rowsOf(other), "8 8 0");
+    EXPECT_EQ(other.column("PRAGMA integrity_check"), std::vector<std::string>{"ok"});
+}
+
 TEST_F(LogFile, IsLeftAloneOfAConnectionWithOtherFiles) {
     Stranger const other(path());
     ASSERT_EQ(other.run("PRAGMA synchronous = FULL; BEGIN; INSERT INTO a VALUES ('x')"), SQLITE_OK);

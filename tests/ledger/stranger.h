@@ -14,9 +14,9 @@ namespace kvxtest {
 /// A connection of somebody else to a store in a file.
 class Stranger {
 public:
-    /// `files`: the name of a file system of SQLite's; null: the default one.
+    /// `path`: also a URI. `files`: the name of a file system of SQLite's; null: the default one.
     explicit Stranger(std::string const& path, char const* files = nullptr) {
-        constexpr int kFlags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
+        constexpr int kFlags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_URI;
         EXPECT_EQ(sqlite3_open_v2(path.c_str(), &m_Connection, kFlags, files), SQLITE_OK);
     }
     Stranger(Stranger const&) = delete;
