@@ -150,6 +150,7 @@ constexpr Methods kLogMethods = [] {
     return methods;
 }();
 
+/// Those that are the default when this is first called, after sqlite3_initialize().
 sqlite3_vfs const* systemFiles() noexcept {
     static sqlite3_vfs const* const s_System = sqlite3_vfs_find(nullptr);
     return s_System;
@@ -186,25 +187,36 @@ int openFile(sqlite3_vfs* /*self*/, char const* name, sqlite3_file* face, int fl
     return SQLITE_OK;
 }
 
+/// Adds the files to SQLite's under `name`, which outlives them.
+int addFiles(char const* name) noexcept {
+    static sqlite3_vfs s_Files;
+    if (systemFiles() == nullptr) {
+        return SQLITE_ERROR;
+    }
+    s_Files = *systemFiles();
+    s_Files.pNext = nullptr;
+    s_Files.zName = name;
+    s_Files.szOsFile = static_cast<int>(sizeof(LogFile)) + systemFiles()->szOsFile;
+    s_Files.xOpen = &openFile;
+    return sqlite3_vfs_register(&s_Files, 0);
+}
+
 }  // namespace
 
 char const* logFileSystem() {
     static constexpr char kName[] = "tallowin-ledger";
-    static int const s_Result = [] {
-        static sqlite3_vfs s_Files;
-        if (systemFiles() == nullptr) {
-            return SQLITE_ERROR;
+    // What throws here is tried again by the next one that opens a store.
+    [[maybe_unused]] static bool const s_IsThere = [] {
+        int result = sqlite3_initialize();
+        if (result == SQLITE_OK) {
+            result = addFiles(kName);
         }
-        s_Files = *systemFiles();
-        s_Files.pNext = nullptr;
-        s_Files.zName = kName;
-        s_Files.szOsFile = static_cast<int>(sizeof(LogFile)) + systemFiles()->szOsFile;
-        s_Files.xOpen = &openFile;
-        return sqlite3_vfs_register(&s_Files, 0);
+        if (result != SQLITE_OK) {
+            throw Failure(result == SQLITE_NOMEM ? KVX_E_OUT_OF_MEMORY : KVX_E_LEDGER_CANNOT_OPEN,
+                          std::string("SQLite has no files here: ") + sqlite3_errstr(result));
+        }
+        return true;
     }();
-    if (s_Result != SQLITE_OK) {
-        throw Failure(KVX_E_LEDGER_CANNOT_OPEN, std::string("SQLite has no files here: ") + sqlite3_errstr(s_Result));
-    }
     return kName;
 }
 

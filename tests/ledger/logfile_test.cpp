@@ -4,10 +4,13 @@
 #include <sys/resource.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 
+#include "ledger/failure.h"
 #include "ledger/logfile.h"
+#include "tallowin/codes.h"
 #include "tests/ledger/stranger.h"
 #include "tests/support/directories.h"
 
@@ -146,6 +149,44 @@ TEST_F(LogFile, IsLeftAloneOfAConnectionWithOtherFiles) {
     Stranger const inMemory(":memory:", ledger::logFileSystem());
     ledger::GatheredCommit const gathered(inMemory.get());
     EXPECT_EQ(inMemory.run("CREATE TABLE a (text TEXT)"), SQLITE_OK);
+}
+
+/// Memory of SQLite's that can be refused. It is configured once, before SQLite begins.
+struct RefusedMemory {
+    static inline bool s_IsRefused = false;
+    static inline sqlite3_mem_methods s_Real{};
+
+    static void configure() {
+        sqlite3_shutdown();
+        sqlite3_config(SQLITE_CONFIG_GETMALLOC, &s_Real);
+        sqlite3_mem_methods methods = s_Real;
+        methods.xMalloc = [](int size) { return s_IsRefused ? nullptr : s_Real.xMalloc(size); };
+        sqlite3_config(SQLITE_CONFIG_MALLOC, &methods);
+    }
+};
+
+/// The exit status of a process that looks for the files without memory, then with it.
+int lookTwice() {
+    constexpr int kFoundWithoutMemory = 1;
+    constexpr int kOtherCode = 2;
+    constexpr int kNotFoundLater = 3;
+    RefusedMemory::configure();
+    RefusedMemory::s_IsRefused = true;
+    try {
+        static_cast<void>(ledger::logFileSystem());
+        return kFoundWithoutMemory;
+    } catch (ledger::Failure const& failure) {
+        if (failure.code() != KVX_E_OUT_OF_MEMORY) {
+            return kOtherCode;
+        }
+    }
+    RefusedMemory::s_IsRefused = false;
+    return sqlite3_vfs_find(ledger::logFileSystem()) != nullptr ? 0 : kNotFoundLater;
+}
+
+TEST(LogFileSystem, IsLookedForAgainAfterMemoryWasShort) {
+    testing::FLAGS_gtest_death_test_style = "threadsafe";  // a process in which nobody has looked yet
+    EXPECT_EXIT(std::exit(lookTwice()), testing::ExitedWithCode(0), "");
 }
 
 }  // namespace
