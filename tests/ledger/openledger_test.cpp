@@ -6,6 +6,7 @@
 
 #include <csignal>
 #include <filesystem>
+#include <optional>
 #include <set>
 #include <thread>
 
@@ -144,9 +145,12 @@ TEST_F(StoreFile, GetsACommitAtOnce) {
     static_cast<void>(m_Ledger.url());
     std::string const data = says("authorised");
     std::string const signature = m_Signer.sign(data);
-    long const before = writeCalls();
+    std::optional<long> const before = writeCalls();
+    if (!before) {
+        GTEST_SKIP() << "the system counts no writes";
+    }
     EXPECT_EQ(m_Ledger.confirm(data, signature).m_Outcome, "PAID_NOW");
-    EXPECT_EQ(writeCalls(), before + 1);
+    EXPECT_EQ(writeCalls(), *before + 1);
 }
 
 TEST_F(StoreFile, IsTidiedByTheWorkerAndOnlyLateByOthers) {

@@ -6,6 +6,7 @@
 #include <sqlite3.h>
 
 #include <fstream>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -43,8 +44,8 @@ private:
     sqlite3* m_Connection = nullptr;
 };
 
-/// How often this process has called a function of the system that writes.
-inline long writeCalls() {
+/// How often this process has called a function of the system that writes; nothing where the system does not count.
+inline std::optional<long> writeCalls() {
     std::ifstream counters("/proc/self/io");
     std::string name;
     long count = 0;
@@ -53,8 +54,7 @@ inline long writeCalls() {
             return count;
         }
     }
-    ADD_FAILURE() << "the system counts no writes";
-    return 0;
+    return std::nullopt;
 }
 
 }  // namespace kvxtest
