@@ -135,10 +135,13 @@ Value column(sqlite3_stmt* statement, int index) {
     }
 }
 
-/// A worker copies the log to the tables when its last commit found this many pages in it, others when no worker has
-/// done it before: what a commit writes over old pages of the log is on disk sooner than what makes it longer.
+/// A worker copies the log to the tables when it has this many pages, others when no worker has done it before: what a
+/// commit writes over old pages of the log is on disk sooner than what makes it longer.
 constexpr int kTidyLogPages = 1000;
 constexpr int kMaxLogPages = 4 * kTidyLogPages;
+
+/// How long a worker waits after it has copied the log before it does so for the commits of others.
+constexpr std::chrono::seconds kTidyPause(1);
 
 /// What cannot be copied now, because others read it or the disk is full, stays in the log and is copied later.
 void copyLog(sqlite3* connection) noexcept {
@@ -256,8 +259,14 @@ std::optional<std::uint32_t> SqliteDatabase::contentVersion() {
 }
 
 void SqliteDatabase::tidy() {
-    if (m_LogPages >= kTidyLogPages) {
+    // Own commits say how long the log is; of others it is only known that there were some.
+    std::optional<std::uint32_t> const version = contentVersion();
+    auto const now = std::chrono::steady_clock::now();
+    bool const haveOthersChanged = version != m_TidyVersion && now >= m_NextTidy && hasLongLog();
+    if (m_LogPages >= kTidyLogPages || haveOthersChanged) {
         m_LogPages = 0;
+        m_TidyVersion = version;
+        m_NextTidy = now + kTidyPause;
         copyLog(m_Connection.get());
     }
 }
@@ -350,6 +359,13 @@ std::int64_t SqliteDatabase::version() {
         throw Failure(KVX_E_LEDGER_DAMAGED, m_Path + ": is a database, and not one of a ledger");
     }
     return version;
+}
+
+/// Whether the log has ever had the pages for which it is copied: its file keeps its size.
+bool SqliteDatabase::hasLongLog() const noexcept {
+    constexpr off_t kPageInLog = 4096 + 24;
+    struct stat status {};
+    return ::stat((m_Path + "-wal").c_str(), &status) == 0 && status.st_size >= kTidyLogPages * kPageInLog;
 }
 
 /// Brings the tables to this release's version. A store of another program is refused rather than written to.

@@ -4,8 +4,11 @@
 
 #include <sqlite3.h>
 
+#include <chrono>
+#include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "ledger/openfiles.h"
@@ -51,12 +54,15 @@ private:
     std::int64_t version();
     void migrate();
     sqlite3_stmt* prepared(char const* statement);
+    [[nodiscard]] bool hasLongLog() const noexcept;
     static int afterCommit(void* self, sqlite3* connection, char const* name, int logPages) noexcept;
 
     std::string m_Path;
     OpenFile m_File;  ///< Listed until the connection is closed.
     std::unique_ptr<sqlite3, Close> m_Connection;
-    int m_LogPages = 0;  ///< In the log after the last commit of this connection.
+    int m_LogPages = 0;                          ///< In the log after the last commit of this connection.
+    std::optional<std::uint32_t> m_TidyVersion;  ///< contentVersion() when the log was copied last.
+    std::chrono::steady_clock::time_point m_NextTidy;
     std::map<char const*, std::unique_ptr<sqlite3_stmt, Finalize>>
         m_Statements;  ///< By address; gone before the connection.
 };
