@@ -316,8 +316,8 @@ struct Times {
     double m_Loose;
 };
 
-/// Calls the two in turns, each first every other time, and `between` before each: whoever comes second finds other
-/// things in the caches than whoever comes first.
+/// Calls both contestants, the ledger first every other time, and `between` before each. The order matters: the second
+/// call finds caches that the first one has filled.
 template <class Ledger, class Handmade, class Between>
 void inTurns(Ledger ledger, Handmade handmade, Between between) {
     static bool s_IsLedgerFirst = false;

@@ -1,14 +1,14 @@
 // A file system of SQLite's in which only the write-ahead log differs from the system's.
 //
-// Order: the log file and what it keeps, the functions that SQLite calls, opening, then the functions of the header.
-// All functions of the log hand on to the system's file that stands behind it in memory; those that could see the
-// difference write first what is kept.
+// Order: the log file and the bytes it keeps, the functions that SQLite calls, opening, then the functions of the
+// header. The system's file lies behind the log file in memory; every function ends there. Functions that could see the
+// difference write the kept bytes first.
 #include "ledger/logfile.h"
 
-#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <new>
+#include <string>
 
 #include "ledger/failure.h"
 #include "tallowin/codes.h"
@@ -42,37 +42,32 @@ int writeThrough(LogFile* log, void const* bytes, int size, sqlite3_int64 at) no
     return file->pMethods->xWrite(file, bytes, size, at);
 }
 
-/// What is kept is kept no longer, also when it cannot be written: SQLite undoes a commit that fails.
+/// Writes the kept bytes to the file. They are dropped also on failure: SQLite undoes a commit that fails.
 int writeKept(LogFile* log) noexcept {
     int const size = log->m_KeptSize;
     log->m_KeptSize = 0;
     return size == 0 ? SQLITE_OK : writeThrough(log, log->m_Kept, size, log->m_KeptAt);
 }
 
-/// Writes what is kept, then calls a function of the system's file.
-template <class Function, class... Arguments>
-int afterKept(sqlite3_file* face, Function function, Arguments... arguments) noexcept {
-    LogFile* const log = logOf(face);
-    int const result = writeKept(log);
-    sqlite3_file* const file = systemFileOf(log);
-    return result == SQLITE_OK ? (file->pMethods->*function)(file, arguments...) : result;
-}
-
-template <class Function, class... Arguments>
-int handOn(sqlite3_file* face, Function function, Arguments... arguments) noexcept {
-    sqlite3_file* const file = systemFileOf(logOf(face));
-    return (file->pMethods->*function)(file, arguments...);
-}
-
 using Methods = sqlite3_io_methods;
+
+/// Calls a function of the system's file.
+template <auto Function, class... Arguments>
+int handOn(sqlite3_file* face, Arguments... arguments) noexcept {
+    sqlite3_file* const file = systemFileOf(logOf(face));
+    return (file->pMethods->*Function)(file, arguments...);
+}
+
+/// Writes what is kept, then calls a function of the system's file.
+template <auto Function, class... Arguments>
+int afterKept(sqlite3_file* face, Arguments... arguments) noexcept {
+    int const result = writeKept(logOf(face));
+    return result == SQLITE_OK ? handOn<Function>(face, arguments...) : result;
+}
 
 int closeLog(sqlite3_file* face) noexcept {
     delete[] logOf(face)->m_Kept;
-    return handOn(face, &Methods::xClose);
-}
-
-int readLog(sqlite3_file* face, void* bytes, int size, sqlite3_int64 at) noexcept {
-    return afterKept(face, &Methods::xRead, bytes, size, at);
+    return handOn<&Methods::xClose>(face);
 }
 
 int writeLog(sqlite3_file* face, void const* bytes, int size, sqlite3_int64 at) noexcept {
@@ -95,58 +90,22 @@ int writeLog(sqlite3_file* face, void const* bytes, int size, sqlite3_int64 at) 
     return SQLITE_OK;
 }
 
-int truncateLog(sqlite3_file* face, sqlite3_int64 size) noexcept {
-    return afterKept(face, &Methods::xTruncate, size);
-}
-
-int flushLog(sqlite3_file* face, int how) noexcept {
-    return afterKept(face, &Methods::xSync, how);
-}
-
-int sizeOfLog(sqlite3_file* face, sqlite3_int64* size) noexcept {
-    return afterKept(face, &Methods::xFileSize, size);
-}
-
-int lockLog(sqlite3_file* face, int level) noexcept {
-    return handOn(face, &Methods::xLock, level);
-}
-
-int unlockLog(sqlite3_file* face, int level) noexcept {
-    return handOn(face, &Methods::xUnlock, level);
-}
-
-int isLogReserved(sqlite3_file* face, int* isReserved) noexcept {
-    return handOn(face, &Methods::xCheckReservedLock, isReserved);
-}
-
-int controlLog(sqlite3_file* face, int operation, void* argument) noexcept {
-    return handOn(face, &Methods::xFileControl, operation, argument);
-}
-
-int sectorOfLog(sqlite3_file* face) noexcept {
-    return handOn(face, &Methods::xSectorSize);
-}
-
-int traitsOfLog(sqlite3_file* face) noexcept {
-    return handOn(face, &Methods::xDeviceCharacteristics);
-}
-
 /// Version 1: SQLite maps no log into memory.
 constexpr Methods kLogMethods = [] {
     Methods methods{};
     methods.iVersion = 1;
     methods.xClose = &closeLog;
-    methods.xRead = &readLog;
+    methods.xRead = &afterKept<&Methods::xRead, void*, int, sqlite3_int64>;
     methods.xWrite = &writeLog;
-    methods.xTruncate = &truncateLog;
-    methods.xSync = &flushLog;
-    methods.xFileSize = &sizeOfLog;
-    methods.xLock = &lockLog;
-    methods.xUnlock = &unlockLog;
-    methods.xCheckReservedLock = &isLogReserved;
-    methods.xFileControl = &controlLog;
-    methods.xSectorSize = &sectorOfLog;
-    methods.xDeviceCharacteristics = &traitsOfLog;
+    methods.xTruncate = &afterKept<&Methods::xTruncate, sqlite3_int64>;
+    methods.xSync = &afterKept<&Methods::xSync, int>;
+    methods.xFileSize = &afterKept<&Methods::xFileSize, sqlite3_int64*>;
+    methods.xLock = &handOn<&Methods::xLock, int>;
+    methods.xUnlock = &handOn<&Methods::xUnlock, int>;
+    methods.xCheckReservedLock = &handOn<&Methods::xCheckReservedLock, int*>;
+    methods.xFileControl = &handOn<&Methods::xFileControl, int, void*>;
+    methods.xSectorSize = &handOn<&Methods::xSectorSize>;
+    methods.xDeviceCharacteristics = &handOn<&Methods::xDeviceCharacteristics>;
     return methods;
 }();
 
@@ -205,7 +164,7 @@ int addFiles(char const* name) noexcept {
 
 char const* logFileSystem() {
     static constexpr char kName[] = "tallowin-ledger";
-    // What throws here is tried again by the next one that opens a store.
+    // After an exception the next opening of a store tries again.
     [[maybe_unused]] static bool const s_IsThere = [] {
         int result = sqlite3_initialize();
         if (result == SQLITE_OK) {

@@ -9,8 +9,8 @@ namespace ledger {
 /// The name, for sqlite3_open_v2(), of the system's files with logs that GatheredCommit knows. Throws Failure.
 char const* logFileSystem();
 
-/// While it lives, what SQLite writes to the log of a connection is kept together and reaches the file when SQLite
-/// flushes or reads the log.
+/// While it lives, writes of SQLite to the log of a connection are kept in memory; they reach the file together, when
+/// SQLite flushes or reads the log. One thread, that of the connection.
 ///
 /// SQLite writes each page of a commit by two calls, and flushes all of them at the end of the same COMMIT. Nobody
 /// reads them before: SQLite publishes a commit after it has flushed it. So it is sound around COMMIT, with PRAGMA
@@ -23,7 +23,7 @@ public:
     explicit GatheredCommit(sqlite3* connection) noexcept;
     GatheredCommit(GatheredCommit const&) = delete;
     GatheredCommit& operator=(GatheredCommit const&) = delete;
-    /// Drops what has not reached the file: the commit failed and has been undone.
+    /// Drops kept bytes that have not reached the file: the commit failed and has been undone.
     ~GatheredCommit();
 
 private:

@@ -135,15 +135,16 @@ Value column(sqlite3_stmt* statement, int index) {
     }
 }
 
-/// A worker copies the log to the tables when it has this many pages, others when no worker has done it before: what a
-/// commit writes over old pages of the log is on disk sooner than what makes it longer.
+/// Pages in the log from which on a worker copies them to the tables, and from which on any commit does. The log must
+/// not grow for ever: overwriting its old pages is faster on disk than making the file longer.
 constexpr int kTidyLogPages = 1000;
 constexpr int kMaxLogPages = 4 * kTidyLogPages;
 
-/// How long a worker waits after it has copied the log before it does so for the commits of others.
+/// Pause before a worker copies the log again because other connections have committed.
 constexpr std::chrono::seconds kTidyPause(1);
 
-/// What cannot be copied now, because others read it or the disk is full, stays in the log and is copied later.
+/// Copies the log to the tables. Pages that other connections still read, or that the disk has no room for, stay in the
+/// log for the next time.
 void copyLog(sqlite3* connection) noexcept {
     sqlite3_wal_checkpoint_v2(connection, "main", SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
 }
@@ -259,7 +260,7 @@ std::optional<std::uint32_t> SqliteDatabase::contentVersion() {
 }
 
 void SqliteDatabase::tidy() {
-    // Own commits say how long the log is; of others it is only known that there were some.
+    // The length of the log is known after an own commit only; commits of other connections show in the version.
     std::optional<std::uint32_t> const version = contentVersion();
     auto const now = std::chrono::steady_clock::now();
     bool const haveOthersChanged = version != m_TidyVersion && now >= m_NextTidy && hasLongLog();

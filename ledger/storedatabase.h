@@ -67,14 +67,14 @@ public:
     /// Runs a statement and returns its rows. May throw Conflict inside a transaction.
     virtual Rows run(char const* statement, Parameters parameters) = 0;
 
-    /// A number that is another one once anybody has changed the store since; nothing where that is not known. It is as
-    /// fresh as the last statement, in a transaction as its beginning.
+    /// A number that differs after every change of the store, by any connection; nothing where the database has none.
+    /// As fresh as the last statement; in a transaction, as its beginning.
     virtual std::optional<std::uint32_t> contentVersion() { return std::nullopt; }
 
     /// Whether the store is known to be as it was at `version`.
     bool isStillAt(std::optional<std::uint32_t> version) { return version && contentVersion() == version; }
 
-    /// Does what is put off so that no shopper waits for it. For workers.
+    /// Does housekeeping that no shopper should wait for. For workers; failures are left to the next call.
     virtual void tidy() {}
 
     /// The clock that all users of the store share, in milliseconds since 1970; nothing when it is the system's.

@@ -12,6 +12,7 @@
 #include "ledger/failure.h"
 #include "ledger/logfile.h"
 #include "tallowin/codes.h"
+#include "tests/ledger/flushes.h"
 #include "tests/ledger/stranger.h"
 #include "tests/support/directories.h"
 
@@ -66,7 +67,9 @@ protected:
 TEST_F(LogFile, GetsTheCommitAtOnceAndBeforeItReturns) {
     change();
     std::optional<long> const before = writeCalls();
+    long const flushes = flushCalls();
     ASSERT_EQ(commit(), SQLITE_OK);
+    EXPECT_EQ(flushCalls(), flushes + 1);
     EXPECT_TRUE(!before || writeCalls() == *before + 1);
     EXPECT_EQ(rowsAfterPowerLoss(), "1 1 1");
     EXPECT_EQ(rowsOf(Stranger(path())), "1 1 1");
@@ -107,6 +110,18 @@ TEST_F(LogFile, ForgetsACommitThatFails) {
     ASSERT_EQ(commit(), SQLITE_OK);
     EXPECT_EQ(rowsAfterPowerLoss(), "1 3 1");
     EXPECT_EQ(Stranger(path()).column("PRAGMA integrity_check"), std::vector<std::string>{"ok"});
+}
+
+TEST_F(LogFile, ForgetsACommitThatIsNotFlushed) {
+    change();
+    {
+        FailingFlushes const failing;
+        EXPECT_NE(commit(), SQLITE_OK);
+    }
+    EXPECT_EQ(rowsOf(m_Writer), "0 0 0");
+    change();
+    ASSERT_EQ(commit(), SQLITE_OK);
+    EXPECT_EQ(rowsAfterPowerLoss(), "1 1 1");
 }
 
 TEST_F(LogFile, ForgetsALargeTransactionThatIsUndone) {

@@ -13,6 +13,7 @@
 #include "ledger/lifecycle.h"
 #include "ledger/moneytable.h"
 #include "ledger/sqlitedatabase.h"
+#include "tests/ledger/flushes.h"
 #include "tests/ledger/ledgersupport.h"
 #include "tests/ledger/stranger.h"
 
@@ -327,6 +328,20 @@ TEST_F(StoreFile, ThatCannotGrowChangesNothing) {
     EXPECT_EQ(confirmed.m_Code, KVX_E_LEDGER_FULL) << lastLedgerError();
     EXPECT_EQ(m_Ledger.state(), "waiting");
     EXPECT_EQ(m_Ledger.confirm(data, signature).m_Outcome, "PAID_NOW");
+}
+
+TEST_F(StoreFile, ThatCannotBeFlushedChangesNothing) {
+    static_cast<void>(m_Ledger.url());
+    std::string const data = says("authorised");
+    std::string const signature = m_Signer.sign(data);
+    {
+        FailingFlushes const failing;
+        EXPECT_EQ(m_Ledger.confirm(data, signature).m_Code, KVX_E_LEDGER_STORE) << lastLedgerError();
+    }
+    EXPECT_EQ(m_Ledger.state(), "waiting");
+    long const flushes = flushCalls();
+    EXPECT_EQ(m_Ledger.confirm(data, signature).m_Outcome, "PAID_NOW");
+    EXPECT_EQ(flushCalls(), flushes + 1);
 }
 
 TEST_F(StoreFile, ThatIsDamagedSaysSo) {
