@@ -44,7 +44,8 @@ Filter readExportQuery(Query const& query);
 /// Throws HttpError when the query has a name that is not `known`.
 void refuseUnknown(Query const& query, std::vector<std::string> const& known);
 
-/// The one condition of other lists.
+/// The account that a list is limited to; nothing without that condition. Throws HttpError when the query has any other
+/// name.
 std::optional<std::string> readAccount(Query const& query);
 
 HttpResponse jsonResponse(nlohmann::json const& content, int status = httpstatus::kOk);

@@ -12,9 +12,9 @@
 
 namespace sandbox {
 
-/// What waits for something that it fits, in memory only: a new service has none. An Entry has the members m_Id,
-/// m_Happened, account() and times(), which is 0 for one that stays until it is removed. Every member may be called by
-/// any thread.
+/// Faults or standing decisions that wait for a request or payment they match. In memory only: a new service has none.
+/// An Entry has the members m_Id, m_Happened, account() and times(); an entry with 0 times stays until it is removed.
+/// Every member may be called by any thread.
 template <class Entry>
 class ArmedList {
 public:

@@ -159,8 +159,8 @@ private:
     bool m_Open = true;
 };
 
-/// Connections that read one database file, for as many threads at a time as there are. Whoever reads waits neither for
-/// the writer nor for other readers, and holds up nobody.
+/// Connections that read one database file, one for each thread that reads. Readers wait neither for the writer nor for
+/// each other, and hold up no writer.
 class ReaderPool {
 public:
     /// A connection for one thread, given back at the end of its life.

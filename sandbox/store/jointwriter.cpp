@@ -3,7 +3,7 @@
 // transaction is committed when some thread waits for that, none waits for its turn, and no unit will have another one,
 // so the last of those that came at the same time commits for all. A thread that waits does so without the lock, and
 // commits by itself when that takes too long.
-// shortenLog() sees to it that the log does not grow for ever.
+// shortenLog() keeps the log from growing for ever.
 // A turn that fails undoes what it did, by a savepoint. A commit that fails, or a failure at which SQLite gives the
 // transaction up, is a failure of all who are in it.
 #include "sandbox/store/jointwriter.h"
@@ -20,8 +20,8 @@ namespace {
 /// A transaction is committed after so many turns even if threads keep coming.
 constexpr int kMaxTurns = 256;
 
-/// How many pages of the log are many. Payments write the same pages over and over: with four times the usual length
-/// fewer of them are moved to the file as well.
+/// Pages in the log from which on they are moved to the file: four times SQLite's own limit. Payments write the same
+/// pages again and again, so a longer log means fewer pages to move.
 constexpr int kMaxLog = 4000;
 
 thread_local JointWriter::Unit* t_Unit = nullptr;
