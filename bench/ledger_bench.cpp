@@ -2,8 +2,9 @@
 // can leave out, and confirming in stores of different sizes. Stores are files in the temporary directory.
 // KVX_LEDGER_ORDERS is the size of the largest one.
 //
-// Contestants: the flat functions with one commit to the smallest table that a shop can do with, by the same rules for
-// the disk; the same with a commit of a row that nothing finds again.
+// Contestant: a shop by hand, of the flat functions with one commit a call to the smallest table that can do it, by the
+// same rules for the disk. Each shop takes orders through their whole life, and one step of it is timed: so each finds
+// in the caches what its own other steps have left there.
 //
 // Times faster in one run:
 //   ledger confirm, verify and one commit                  0.58
@@ -86,6 +87,21 @@ struct Confirmation {
     std::string m_Signature;
 };
 
+/// What the service says of a payment that it has authorised.
+Confirmation confirmationOf(std::string const& number, std::string const& token) {
+    std::string const data = std::string(R"(<KVX MSGTYPE="PayConfirm" KEYID=")") + Account::kServerKey + "\" TOKEN=\"" +
+                             token + "\" ID=\"P" + token + "\" ORDERID=\"" + number + "\" AMOUNT=\"" + kAmount +
+                             "\" CURRENCY=\"" + kCurrency + R"(" RESULT="authorised"/>)";
+    return {token, data, plain::sign(data, shop().m_ServerKey)};
+}
+
+/// The processor time of this thread, or the wall time, that the steps of one order take.
+struct Life {
+    double m_Begin = 0;
+    double m_Confirm = 0;
+    double m_Capture = 0;
+};
+
 /// A database by the rules that the ledger has for the disk: what is committed is there when the call returns.
 class Database {
 public:
@@ -129,52 +145,19 @@ private:
     sqlite3_stmt* m_Statement = nullptr;
 };
 
-/// A commit that nobody could use: a row that nothing finds again.
-class LooseRows {
-public:
-    void commit(std::string const& text, std::string const& other) { m_Insert.commit({text, other}); }
-
-private:
-    Database m_Database{"rows.db", "CREATE TABLE rows (id INTEGER PRIMARY KEY, text TEXT, other TEXT)"};
-    Change m_Insert{m_Database, "INSERT INTO rows (text, other) VALUES (?, ?)"};
-};
-
 /// The least that a shop needs by hand: a row for each order, found by its number and by the token, one commit a call.
 /// Now and then such a commit copies the log to the table, which the ledger leaves to the worker.
 class HandmadeOrders {
 public:
-    void begin(std::string const& number) {
-        KVX_HANDLE payment = nullptr;
-        require(MessageFactory_CreatePayInit(m_Merchant.factory(), &payment) == KVX_OK, "no payment");
-        for (auto const& [name, value] : {std::pair("ORDERID", number.c_str()), std::pair("AMOUNT", kAmount),
-                                          std::pair("CURRENCY", kCurrency), std::pair("DESCRIPTION", kDescription)}) {
-            require(MessageObject_SetAttribute(payment, name, value) == KVX_OK, "no attribute");
-        }
-        std::string const url = kvxbench::Merchant::urlOf(payment, kEnough);
-        add(number, attribute(payment, "TOKEN"), url);
-        DestroyMessageObject(payment);
-    }
-
-    void add(std::string const& number, std::string const& token, std::string const& url) {
-        m_Insert.commit({number, kAmount, kCurrency, token, url});
-    }
-
-    void confirm(Confirmation const& confirmation) {
-        KVX_HANDLE const message = verified(confirmation);
-        m_Pay.commit({confirmation.m_Data, confirmation.m_Signature, attribute(message, "TOKEN")});
-        DestroyMessageObject(message);
-    }
-
-    /// With an intent to capture and a result of it.
-    void capture(Confirmation const& confirmation) {
-        m_Advance.commit({"capturing", confirmation.m_Token});
-        KVX_HANDLE const message = CreateMessageObject();
-        require(MessageObject_Open(message, shop().m_Account.path().c_str()) == KVX_OK &&
-                    MessageObject_FromString(message, confirmation.m_Data.c_str()) == KVX_OK &&
-                    MessageObject_Capture(message) == KVX_OK,
-                "the capture fails");
-        DestroyMessageObject(message);
-        m_Advance.commit({"captured", confirmation.m_Token});
+    Life life(clockid_t clock) {
+        std::string const number = "H-" + std::to_string(++m_Count);
+        std::string token;
+        Life life;
+        life.m_Begin = timed(clock, [&] { token = begin(number); });
+        Confirmation const confirmation = confirmationOf(number, token);
+        life.m_Confirm = timed(clock, [&] { confirm(confirmation); });
+        life.m_Capture = timed(clock, [&] { capture(confirmation); });
+        return life;
     }
 
     /// Owned by the caller.
@@ -196,6 +179,39 @@ private:
         return value;
     }
 
+    /// Returns the token.
+    std::string begin(std::string const& number) {
+        KVX_HANDLE payment = nullptr;
+        require(MessageFactory_CreatePayInit(m_Merchant.factory(), &payment) == KVX_OK, "no payment");
+        for (auto const& [name, value] : {std::pair("ORDERID", number.c_str()), std::pair("AMOUNT", kAmount),
+                                          std::pair("CURRENCY", kCurrency), std::pair("DESCRIPTION", kDescription)}) {
+            require(MessageObject_SetAttribute(payment, name, value) == KVX_OK, "no attribute");
+        }
+        std::string const url = kvxbench::Merchant::urlOf(payment, kEnough);
+        std::string token = attribute(payment, "TOKEN");
+        DestroyMessageObject(payment);
+        m_Insert.commit({number, kAmount, kCurrency, token, url});
+        return token;
+    }
+
+    void confirm(Confirmation const& confirmation) {
+        KVX_HANDLE const message = verified(confirmation);
+        m_Pay.commit({confirmation.m_Data, confirmation.m_Signature, attribute(message, "TOKEN")});
+        DestroyMessageObject(message);
+    }
+
+    /// With an intent to capture and a result of it.
+    void capture(Confirmation const& confirmation) {
+        m_Advance.commit({"capturing", confirmation.m_Token});
+        KVX_HANDLE const message = CreateMessageObject();
+        require(MessageObject_Open(message, shop().m_Account.path().c_str()) == KVX_OK &&
+                    MessageObject_FromString(message, confirmation.m_Data.c_str()) == KVX_OK &&
+                    MessageObject_Capture(message) == KVX_OK,
+                "the capture fails");
+        DestroyMessageObject(message);
+        m_Advance.commit({"captured", confirmation.m_Token});
+    }
+
     kvxbench::Merchant m_Merchant{shop().m_Account.path()};
     Database m_Database{
         "handmade.db",
@@ -208,6 +224,7 @@ private:
     Change m_Pay{m_Database,
                  "UPDATE orders SET state = 'paid', message = ?, signature = ? WHERE token = ? AND state = 'waiting'"};
     Change m_Advance{m_Database, "UPDATE orders SET state = ? WHERE token = ?"};
+    long m_Count = 0;
 };
 
 /// A ledger on a store of its own.
@@ -250,33 +267,20 @@ public:
         sqlite3_close(store);
     }
 
-    void begin(std::string const& number) {
-        KVX_HANDLE order = nullptr;
-        require(Ledger_CreateOrder(m_Ledger, number.c_str(), kAmount, kCurrency, &order) == KVX_OK, "no order");
-        char url[4096];
-        std::int32_t size = sizeof url;
-        require(LedgerOrder_SetAttribute(order, "DESCRIPTION", kDescription) == KVX_OK &&
-                    LedgerOrder_Begin(order, &size, url) == KVX_OK,
-                "the order does not begin");
-        DestroyLedgerOrder(order);
+    Life life(clockid_t clock) {
+        std::string const number = "B-" + std::to_string(++m_Count);
+        Life life;
+        life.m_Begin = timed(clock, [&] { begin(number); });
+        m_Last = confirmationOf(number, tokenOf(number));
+        std::int32_t outcome = -1;
+        life.m_Confirm = timed(clock, [&] { outcome = confirm(m_Last); });
+        require(outcome == KVX_LEDGER_PAID_NOW, "not paid");
+        life.m_Capture = timed(clock, [&] { work(); });
+        return life;
     }
 
-    /// What the service says of a new order.
-    Confirmation confirmation() {
-        std::string const number = nextNumber();
-        begin(number);
-        char json[16384];
-        std::int32_t size = sizeof json;
-        require(Ledger_GetOrder(m_Ledger, number.c_str(), &size, json) == KVX_OK, "the order is not there");
-        std::string const text = json;
-        std::size_t const name = text.find("\"token\"");
-        std::size_t const value = text.find('"', text.find(':', name)) + 1;
-        std::string const token = text.substr(value, text.find('"', value) - value);
-        std::string const data = std::string(R"(<KVX MSGTYPE="PayConfirm" KEYID=")") + Account::kServerKey +
-                                 "\" TOKEN=\"" + token + "\" ID=\"P" + token + "\" ORDERID=\"" + number +
-                                 "\" AMOUNT=\"" + kAmount + "\" CURRENCY=\"" + kCurrency + R"(" RESULT="authorised"/>)";
-        return {token, data, plain::sign(data, shop().m_ServerKey)};
-    }
+    /// Of the last order, which has been captured.
+    [[nodiscard]] Confirmation const& last() const { return m_Last; }
 
     [[nodiscard]] std::int32_t confirm(Confirmation const& confirmation) const {
         std::int32_t outcome = -1;
@@ -288,118 +292,72 @@ public:
         return outcome;
     }
 
+private:
+    void begin(std::string const& number) {
+        KVX_HANDLE order = nullptr;
+        require(Ledger_CreateOrder(m_Ledger, number.c_str(), kAmount, kCurrency, &order) == KVX_OK, "no order");
+        char url[4096];
+        std::int32_t size = sizeof url;
+        require(LedgerOrder_SetAttribute(order, "DESCRIPTION", kDescription) == KVX_OK &&
+                    LedgerOrder_Begin(order, &size, url) == KVX_OK,
+                "the order does not begin");
+        DestroyLedgerOrder(order);
+    }
+
+    [[nodiscard]] std::string tokenOf(std::string const& number) const {
+        char json[16384];
+        std::int32_t size = sizeof json;
+        require(Ledger_GetOrder(m_Ledger, number.c_str(), &size, json) == KVX_OK, "the order is not there");
+        std::string const text = json;
+        std::size_t const name = text.find("\"token\"");
+        std::size_t const value = text.find('"', text.find(':', name)) + 1;
+        return text.substr(value, text.find('"', value) - value);
+    }
+
     void work() const {
         std::int32_t done = 0;
         require(Ledger_RunDue(m_Ledger, 1, &done) == KVX_OK && done == 1, "nothing was done");
     }
 
-    /// A confirmation that has been recorded, of a payment that has been captured.
-    Confirmation captured() {
-        Confirmation const known = confirmation();
-        require(confirm(known) == KVX_LEDGER_PAID_NOW, "not paid");
-        work();
-        return known;
-    }
-
-    std::string nextNumber() { return "B-" + std::to_string(++m_Count); }
-
-private:
     std::string m_Path;
     KVX_HANDLE m_Ledger;
+    Confirmation m_Last;
     long m_Count = 0;
 };
 
-/// What is timed in one go: the call of the ledger, the handmade one, and bare calls with a commit of a loose row.
-struct Times {
-    double m_Ledger;
-    double m_Handmade;
-    double m_Loose;
-};
-
-/// Calls both contestants, the ledger first every other time, and `between` before each. The order matters: the second
-/// call finds caches that the first one has filled.
-template <class Ledger, class Handmade, class Between>
-void inTurns(Ledger ledger, Handmade handmade, Between between) {
-    static bool s_IsLedgerFirst = false;
-    s_IsLedgerFirst = !s_IsLedgerFirst;
-    for (bool const isLedger : {s_IsLedgerFirst, !s_IsLedgerFirst}) {
-        between();
-        isLedger ? ledger() : handmade();
-    }
-}
-
-/// Each beside what a shop has to do without a ledger; `clock` is what counts as time.
-void addCalls(std::string const& suffix, clockid_t clock) {
+/// Each step beside what a shop has to do without a ledger; `clock` is what counts as time.
+void addSteps(std::string const& suffix, clockid_t clock) {
     static Orders s_Orders("orders");
     static HandmadeOrders s_Handmade;
-    static LooseRows s_Rows;
-    static kvxbench::Merchant const s_Merchant(shop().m_Account.path());
-    static Confirmation const s_Known = s_Orders.captured();
 
-    auto const confirmAll = [clock] {
-        Confirmation const next = s_Orders.confirmation();
-        s_Handmade.add(next.m_Token, next.m_Token, s_Merchant.paymentUrl());
-        Times times{};
-        std::int32_t outcome = -1;
-        inTurns([&] { times.m_Ledger = timed(clock, [&] { outcome = s_Orders.confirm(next); }); },
-                [&] { times.m_Handmade = timed(clock, [&] { s_Handmade.confirm(next); }); },
-                [&] {
-                    times.m_Loose = timed(clock, [&] {
-                        DestroyMessageObject(s_Handmade.verified(next));
-                        s_Rows.commit(next.m_Data, next.m_Signature);
-                    });
-                });
-        require(outcome == KVX_LEDGER_PAID_NOW, "not paid");
-        s_Orders.work();
-        return times;
+    struct Step {
+        char const* m_Name;
+        double Life::*m_Seconds;
+        char const* m_Label;
+        double m_Goal;
     };
-    auto const beginAll = [clock] {
-        std::string const number = s_Orders.nextNumber();
-        Times times{};
-        inTurns([&] { times.m_Ledger = timed(clock, [&] { s_Orders.begin(number); }); },
-                [&] { times.m_Handmade = timed(clock, [&] { s_Handmade.begin(number); }); },
-                [&] {
-                    times.m_Loose = timed(clock, [] {
-                        std::string const url = s_Merchant.paymentUrl();
-                        s_Rows.commit(url, url);
-                    });
-                });
-        return times;
+    static constexpr Step kSteps[] = {
+        {"confirm", &Life::m_Confirm, "ledger confirm, verify and one commit", kWithinBare},
+        {"begin", &Life::m_Begin, "ledger begin, payment URL and one commit", kWithinBare},
+        {"work", &Life::m_Capture, "ledger capture by the worker, capture and two commits", kvxbench::kNoGoal},
     };
-    auto const captureBoth = [clock] {
-        Confirmation const next = s_Orders.confirmation();
-        s_Handmade.add(next.m_Token, next.m_Token, s_Merchant.paymentUrl());
-        require(s_Orders.confirm(next) == KVX_LEDGER_PAID_NOW, "not paid");
-        s_Handmade.confirm(next);
-        Times times{};
-        times.m_Ledger = timed(clock, [] { s_Orders.work(); });
-        times.m_Handmade = timed(clock, [&] { s_Handmade.capture(next); });
-        return times;
-    };
-    kvxbench::addTimed("replay/ledger" + suffix,
-                       [clock] { return timed(clock, [] { benchmark::DoNotOptimize(s_Orders.confirm(s_Known)); }); });
-    kvxbench::addTimed("replay/handmade" + suffix,
-                       [clock] { return timed(clock, [] { DestroyMessageObject(s_Handmade.verified(s_Known)); }); });
-    auto const row = [&suffix](std::string const& label, std::string const& name, std::string const& other,
-                               double goal) {
-        kvxbench::compare("ledger " + label + suffix, name + "/ledger" + suffix, name + other + suffix,
+    auto const add = [&suffix](std::string const& name, std::string const& label, double goal, auto ledger,
+                               auto handmade) {
+        kvxbench::addTimed(name + "/ledger" + suffix, ledger);
+        kvxbench::addTimed(name + "/handmade" + suffix, handmade);
+        kvxbench::compare(label + suffix, name + "/ledger" + suffix, name + "/handmade" + suffix,
                           {goal, kvxbench::Clock::kWall});
     };
-    auto const add = [&suffix](std::string const& name, auto const& all) {
-        kvxbench::addTimed(name + "/ledger" + suffix, [all] { return all().m_Ledger; });
-        kvxbench::addTimed(name + "/handmade" + suffix, [all] { return all().m_Handmade; });
-    };
-    add("confirm", confirmAll);
-    kvxbench::addTimed("confirm/loose" + suffix, [confirmAll] { return confirmAll().m_Loose; });
-    add("begin", beginAll);
-    kvxbench::addTimed("begin/loose" + suffix, [beginAll] { return beginAll().m_Loose; });
-    add("work", captureBoth);
-    row("confirm, verify and one commit", "confirm", "/handmade", kWithinBare);
-    row("confirm, verify and a loose row", "confirm", "/loose", kvxbench::kNoGoal);
-    row("known confirmation, verify", "replay", "/handmade", kvxbench::kNoGoal);
-    row("begin, payment URL and one commit", "begin", "/handmade", kWithinBare);
-    row("begin, payment URL and a loose row", "begin", "/loose", kvxbench::kNoGoal);
-    row("capture by the worker, capture and two commits", "work", "/handmade", kvxbench::kNoGoal);
+    for (Step const& step : kSteps) {
+        add(
+            step.m_Name, step.m_Label, step.m_Goal, [=] { return s_Orders.life(clock).*step.m_Seconds; },
+            [=] { return s_Handmade.life(clock).*step.m_Seconds; });
+    }
+    static Confirmation const s_Known = (s_Orders.life(clock), s_Orders.last());
+    add(
+        "replay", "ledger known confirmation, verify", kvxbench::kNoGoal,
+        [clock] { return timed(clock, [] { benchmark::DoNotOptimize(s_Orders.confirm(s_Known)); }); },
+        [clock] { return timed(clock, [] { DestroyMessageObject(s_Handmade.verified(s_Known)); }); });
 }
 
 /// Confirming a new order among many.
@@ -407,18 +365,13 @@ std::string addConfirming(int orders) {
     std::string const name = "confirm among/" + std::to_string(orders);
     auto const store = std::make_shared<Orders>("orders-" + std::to_string(orders));
     store->fill(orders);
-    kvxbench::addTimed(name, [store] {
-        Confirmation const next = store->confirmation();
-        double const seconds = timed(CLOCK_THREAD_CPUTIME_ID, [&] { benchmark::DoNotOptimize(store->confirm(next)); });
-        store->work();
-        return seconds;
-    });
+    kvxbench::addTimed(name, [store] { return store->life(CLOCK_THREAD_CPUTIME_ID).m_Confirm; });
     return name;
 }
 
 void setUp() {
-    addCalls("", CLOCK_THREAD_CPUTIME_ID);
-    addCalls(", wall time", CLOCK_MONOTONIC);
+    addSteps("", CLOCK_THREAD_CPUTIME_ID);
+    addSteps(", wall time", CLOCK_MONOTONIC);
     char const* const wanted = std::getenv("KVX_LEDGER_ORDERS");
     int const large = wanted == nullptr ? kDefaultLarge : std::stoi(wanted);
     std::string const small = addConfirming(kSmall);
