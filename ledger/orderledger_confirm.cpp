@@ -101,40 +101,31 @@ Verdict OrderLedger::examineVerified(Confirmation const& confirmation, Message c
     if (claim.m_Type != "PayConfirm") {
         return refused(KVX_LEDGER_REASON_WRONG_TYPE, "it is a \"" + printable(claim.m_Type) + "\"");
     }
-    std::optional<Payment> const seen = store().paymentWithToken(claim.m_Token);
-    std::optional<std::uint32_t> const seenVersion = store().database().contentVersion();
-    if (!seen) {
-        return refusedForToken(claim);
-    }
-    if (number != nullptr) {
-        number->requireRoomFor(seen->m_Order.m_Number);
-    }
-    if (std::optional<Verdict> refusal = refusalOfContent(claim, seen->m_Order)) {
-        return std::move(*refusal);
-    }
-    Decision const first = decide(seen->m_Order, seen->m_Attempt, claim, at);
-    if (!first.m_Event && !first.m_Tells) {
-        return first.m_Verdict;
-    }
-    return inTransaction([&] {
-        bool const isAsSeen = store().database().isStillAt(seenVersion);
-        std::optional<Payment> payment = isAsSeen ? seen : store().paymentWithToken(claim.m_Token);
+    return inTransactionIfChanged(store().database(), [&](Transaction& transaction) {
+        std::optional<Payment> payment = store().paymentWithToken(claim.m_Token);
         if (!payment) {
-            throw Failure(KVX_E_LEDGER_DAMAGED,
-                          "the store has lost the payment with the TOKEN \"" + printable(claim.m_Token) + "\"");
+            return refusedForToken(claim);
         }
         AttemptRow& attempt = payment->m_Attempt;
         OrderRow& order = payment->m_Order;
-        // Only a caller can deliver; a payment that the worker finds waits for a confirmation or for Ledger_NextPaid.
+        if (number != nullptr) {
+            number->requireRoomFor(order.m_Number);
+        }
+        if (std::optional<Verdict> refusal = refusalOfContent(claim, order)) {
+            return std::move(*refusal);
+        }
         Decision const decision = decide(order, attempt, claim, at);
+        // Only a caller can deliver; a payment that the worker finds waits for a confirmation or for Ledger_NextPaid.
         bool const isReported = decision.m_Tells && number != nullptr;
+        if (!decision.m_Event && !isReported) {
+            return decision.m_Verdict;
+        }
+        transaction.startChanges();
         if (isReported) {
             noteReport(order, at);
         }
         if (!decision.m_Event) {
-            if (isReported) {
-                store().save(order);
-            }
+            store().save(order);
             return decision.m_Verdict;
         }
         bool const isPaid = claim.m_Result == m_Options.m_Authorised;

@@ -63,10 +63,10 @@ private:
     ", orders.newest_attempt, orders.paid_attempt, orders.told_at, orders.delivered_at, orders.report_at"
 #define LEDGER_ORDER_COLUMNS "orders.id" LEDGER_FURTHER_ORDER_COLUMNS
 
-#define LEDGER_ATTEMPT_COLUMNS                                                                                      \
-    "order_id, attempt, token, state, message, url, attempts.created_at, expires_at, result, paid_at, payment_id, " \
+#define LEDGER_ATTEMPT_COLUMNS                                                                             \
+    "order_id, attempt, token, state, url, attempts.created_at, expires_at, result, paid_at, payment_id, " \
     "confirmation, tries, refusals, last_code, last_reason, due_at, lease_owner, asks"
-constexpr std::size_t kAttemptColumns = 19;
+constexpr std::size_t kAttemptColumns = 18;
 
 /// Paid, and nothing says that the service will not capture. Written so that no database takes the index on states,
 /// which would have it read all attempts; so below.
@@ -91,10 +91,10 @@ OrderRow orderIn(Row& row, std::size_t first = 0) {
 
 AttemptRow attemptIn(Row& row) {
     AttemptRow attempt;
-    Columns(row) >> attempt.m_OrderId >> attempt.m_Attempt >> attempt.m_Token >> attempt.m_State >> attempt.m_Message >>
-        attempt.m_Url >> attempt.m_CreatedAt >> attempt.m_ExpiresAt >> attempt.m_Result >> attempt.m_PaidAt >>
-        attempt.m_PaymentId >> attempt.m_Confirmation >> attempt.m_Tries >> attempt.m_Refusals >> attempt.m_LastCode >>
-        attempt.m_LastReason >> attempt.m_DueAt >> attempt.m_LeaseOwner >> attempt.m_Asks;
+    Columns(row) >> attempt.m_OrderId >> attempt.m_Attempt >> attempt.m_Token >> attempt.m_State >> attempt.m_Url >>
+        attempt.m_CreatedAt >> attempt.m_ExpiresAt >> attempt.m_Result >> attempt.m_PaidAt >> attempt.m_PaymentId >>
+        attempt.m_Confirmation >> attempt.m_Tries >> attempt.m_Refusals >> attempt.m_LastCode >> attempt.m_LastReason >>
+        attempt.m_DueAt >> attempt.m_LeaseOwner >> attempt.m_Asks;
     return attempt;
 }
 

@@ -37,7 +37,7 @@ struct AttemptRow {
     std::int64_t m_Attempt = 0;
     std::string m_Token;
     State m_State = State::kOpened;
-    std::string m_Message;
+    std::string m_Message;  ///< Stored with a new attempt; never read again.
     std::string m_Url;
     Time m_CreatedAt = 0;
     Time m_ExpiresAt = 0;

@@ -280,6 +280,9 @@ auto PostgresqlDatabase::again(Call call) {
 }
 
 void PostgresqlDatabase::begin(Access access) {
+    if (access == Access::kReadFirst) {
+        return;  // one statement sees one state by itself, and costs one round trip
+    }
     bool const writes = access == Access::kWrite;
     again([&] {
         try {
@@ -298,7 +301,16 @@ void PostgresqlDatabase::begin(Access access) {
     });
 }
 
+void PostgresqlDatabase::startChanges() {
+    if (m_Open == Open::kNothing) {
+        throw Conflict("what has been read is not held");
+    }
+}
+
 void PostgresqlDatabase::commit() {
+    if (m_Open == Open::kNothing) {
+        return;
+    }
     try {
         Result const result = execute("COMMIT");
         bool const isDone = std::string(libpq().cmdStatus(result.get())) == "COMMIT";

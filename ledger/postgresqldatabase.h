@@ -23,6 +23,7 @@ public:
     PostgresqlDatabase(std::string const& url, std::int64_t busySeconds);
 
     void begin(Access access) override;
+    void startChanges() override;
     void commit() override;
     void rollback() noexcept override;
     Rows run(char const* statement, Parameters parameters) override;

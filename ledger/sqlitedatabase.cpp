@@ -284,10 +284,16 @@ void SqliteDatabase::abandon() noexcept {
 
 void SqliteDatabase::fail() const {
     sqlite3* const connection = m_Connection.get();
+    int const result = sqlite3_extended_errcode(connection);
+    bool const hasOnlyRead =
+        sqlite3_get_autocommit(connection) == 0 && sqlite3_txn_state(connection, "main") == SQLITE_TXN_READ;
+    if ((result & kPrimaryCode) == SQLITE_BUSY && hasOnlyRead) {
+        // What has been read is no longer what a change would change, or another connection is about to change it.
+        throw Conflict(m_Path + ": " + sqlite3_errmsg(connection));
+    }
     int const systemError = sqlite3_system_errno(connection);
     std::string const why = systemError == 0 ? "" : ": " + std::generic_category().message(systemError);
-    throw Failure(codeOf(sqlite3_extended_errcode(connection), systemError),
-                  m_Path + ": " + sqlite3_errmsg(connection) + why);
+    throw Failure(codeOf(result, systemError), m_Path + ": " + sqlite3_errmsg(connection) + why);
 }
 
 void SqliteDatabase::check(int result) const {

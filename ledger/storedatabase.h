@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <variant>
 #include <vector>
 
@@ -53,10 +54,14 @@ public:
     virtual ~Database() = default;
 
     /// kRead: the statements see one state of the store. kWrite: no other transaction that writes changes what this one
-    /// has read before it is committed.
-    enum class Access { kRead, kWrite };
+    /// has read before it is committed. kReadFirst: as kRead for one statement, then startChanges(), then as kWrite;
+    /// but where others write too, startChanges() or the first change throws Conflict rather than wait for them.
+    enum class Access { kRead, kReadFirst, kWrite };
 
     virtual void begin(Access access) = 0;
+
+    /// Between reading and the first change in a transaction with kReadFirst.
+    virtual void startChanges() {}
 
     /// Returns after the changes are on disk. May throw Conflict: none of them is.
     virtual void commit() = 0;
@@ -87,7 +92,7 @@ public:
 /// A transaction, undone at the end of its life unless commit() was called.
 class Transaction {
 public:
-    Transaction(Database& database, Database::Access access) : m_Database(database) {
+    Transaction(Database& database, Database::Access access) : m_Database(database), m_Access(access) {
         if (access == Database::Access::kWrite) {
             reached(TestPoint::kBeforeChange);
         }
@@ -101,6 +106,14 @@ public:
         }
     }
 
+    /// Before the first change, when it may have been begun with kReadFirst. May throw Conflict.
+    void startChanges() {
+        if (m_Access == Database::Access::kReadFirst) {
+            reached(TestPoint::kBeforeChange);
+            m_Database.startChanges();
+        }
+    }
+
     void commit() {
         reached(TestPoint::kBeforeCommit);
         m_Database.commit();
@@ -110,11 +123,21 @@ public:
 
 private:
     Database& m_Database;  ///< Borrowed.
+    Database::Access m_Access;
     bool m_IsOpen = true;
 };
 
 /// Pauses for a random time that grows with `round`, so that transactions that met do not meet again.
 void pauseAfterConflict(int round);
+
+template <class Work>
+auto resultIn(Transaction& transaction, Work& work) {
+    if constexpr (std::is_invocable_v<Work, Transaction&>) {
+        return work(transaction);
+    } else {
+        return work();
+    }
+}
 
 /// Runs `work` in a transaction and commits it; again, a bounded number of times, when another one was in its way.
 template <class Work>
@@ -123,7 +146,7 @@ auto inTransaction(Database& database, Work work) {
     for (int round = 1;; ++round) {
         try {
             Transaction transaction(database, Database::Access::kWrite);
-            auto result = work();
+            auto result = resultIn(transaction, work);
             transaction.commit();
             return result;
         } catch (Conflict const&) {
@@ -133,6 +156,21 @@ auto inTransaction(Database& database, Work work) {
         }
         pauseAfterConflict(round);
     }
+}
+
+/// The same for `work` that often finds nothing to change. Given its transaction, it reads by one statement and calls
+/// startChanges() before the first change: until then it is in nobody's way.
+template <class Work>
+auto inTransactionIfChanged(Database& database, Work work) {
+    try {
+        Transaction transaction(database, Database::Access::kReadFirst);
+        auto result = work(transaction);
+        transaction.commit();
+        return result;
+    } catch (Conflict const&) {
+        // Somebody else writes: below they are waited for.
+    }
+    return inTransaction(database, work);
 }
 
 /// Runs `read` in a transaction that sees one state of the store; again when it lost its connection.

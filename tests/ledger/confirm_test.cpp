@@ -4,6 +4,7 @@
 
 #include "tests/ledger/atpoints.h"
 #include "tests/ledger/ledgersupport.h"
+#include "tests/ledger/stranger.h"
 
 using namespace kvxtest;
 
@@ -58,6 +59,37 @@ TEST_F(Confirm, KnowsWhatAnotherHandleRecordsInTheMeantime) {
     }
     EXPECT_EQ(first, "PAID_NOW");
     EXPECT_EQ(m_Ledger.history().size(), 2U);
+}
+
+TEST_F(Confirm, WaitsForAWriterThatItMeetsAfterReading) {
+    if (runsOnPostgresql()) {
+        GTEST_SKIP() << "a stranger to a server's store has other locks";
+    }
+    static_cast<void>(m_Ledger.url());
+    Stranger const stranger(m_Dir.file("orders.db"));
+    int points = 0;
+    {
+        AtPoints const meets([&](ledger::TestPoint point) {
+            if (point == ledger::TestPoint::kBeforeChange) {
+                EXPECT_EQ(stranger.run(++points == 1 ? "BEGIN IMMEDIATE" : "ROLLBACK"), SQLITE_OK);
+            }
+        });
+        EXPECT_EQ(outcome("authorised"), "PAID_NOW");
+    }
+    EXPECT_EQ(points, 2) << "once more, from the beginning";
+    EXPECT_EQ(m_Ledger.history().size(), 2U);
+}
+
+TEST_F(Confirm, KnowsAReplayWhileAnotherWrites) {
+    if (runsOnPostgresql()) {
+        GTEST_SKIP() << "a stranger to a server's store has other locks";
+    }
+    EXPECT_EQ(outcome("authorised"), "PAID_NOW");
+    Stranger const stranger(m_Dir.file("orders.db"));
+    ASSERT_EQ(stranger.run("BEGIN IMMEDIATE"), SQLITE_OK);
+    EXPECT_EQ(outcome("authorised"), "KNOWN_ALREADY");
+    EXPECT_EQ(outcome("declined"), "REFUSED");
+    ASSERT_EQ(stranger.run("ROLLBACK"), SQLITE_OK);
 }
 
 TEST_F(Confirm, KnowsAReplayWithoutWriting) {
