@@ -1,8 +1,8 @@
 // Confirming: from the bytes that a messenger brings to a verdict.
 //
-// Order: sizes, signature, key, type, token, content; then the decision, which depends on order and attempt alone. It
-// is taken twice: once without a lock, because most confirmations come twice and the second changes nothing, and once
-// more in the transaction that records it. A confirmation under a key that is not here is kept when it claims to be for
+// Order: sizes, signature, key, type, token, content; then the decision, which depends on order and attempt alone. Most
+// confirmations come twice and the second changes nothing, so a transaction reads first and waits for other writers
+// only where there is something to record. A confirmation under a key that is not here is kept when it claims to be for
 // an attempt that fits, a few for each attempt, so that a stranger can fill no more than the room of an own order.
 #include <algorithm>
 #include <cstddef>
