@@ -101,24 +101,22 @@ std::string OrderContent::attributesAsJson() const {
 }
 
 std::string OrderLedger::begin(OrderContent const& content) {
-    std::optional<OrderRow> const seen = store().orderNumbered(content.m_Number);
-    std::optional<std::uint32_t> const seenVersion = store().database().contentVersion();
-    if (seen) {
-        requireSameContent(content, *seen);
-        if (std::optional<std::string> url = openUrl(*seen, now())) {
-            return std::move(*url);
-        }
-    }
-    AttemptRow const made = newAttempt(content, now());
-    return inTransaction([&] {
-        AttemptRow attempt = made;
-        bool const isAsSeen = store().database().isStillAt(seenVersion);
-        std::optional<OrderRow> order = isAsSeen ? seen : store().orderNumbered(content.m_Number);
+    Time const at = now();
+    std::optional<AttemptRow> made;  // once, however often the transaction begins
+    return inTransactionIfChanged(store().database(), [&](Transaction& transaction) {
+        std::optional<OrderRow> order = store().orderNumbered(content.m_Number);
         if (order) {
             requireSameContent(content, *order);
-            if (std::optional<std::string> url = openUrl(*order, attempt.m_CreatedAt)) {
+            if (std::optional<std::string> url = openUrl(*order, at)) {
                 return std::move(*url);
             }
+        }
+        if (!made) {
+            made = newAttempt(content, at);
+        }
+        AttemptRow attempt = *made;
+        transaction.startChanges();
+        if (order) {
             ++order->m_NewestAttempt;
             store().save(*order);
         } else {

@@ -281,7 +281,7 @@ auto PostgresqlDatabase::again(Call call) {
 
 void PostgresqlDatabase::begin(Access access) {
     if (access == Access::kReadFirst) {
-        return;  // one statement sees one state by itself, and costs one round trip
+        return;  // most read by one statement, which sees one state by itself and costs one round trip
     }
     bool const writes = access == Access::kWrite;
     again([&] {

@@ -255,13 +255,6 @@ Rows SqliteDatabase::run(char const* statement, Parameters parameters) {
     return rows;
 }
 
-std::optional<std::uint32_t> SqliteDatabase::contentVersion() {
-    std::uint32_t version = 0;
-    bool const isKnown =
-        sqlite3_file_control(m_Connection.get(), "main", SQLITE_FCNTL_DATA_VERSION, &version) == SQLITE_OK;
-    return isKnown ? std::optional<std::uint32_t>(version) : std::nullopt;
-}
-
 void SqliteDatabase::tidy() {
     // The length of the log is known after an own commit only; commits of other connections show in the version.
     std::optional<std::uint32_t> const version = contentVersion();
@@ -369,6 +362,14 @@ std::int64_t SqliteDatabase::version() {
         throw Failure(KVX_E_LEDGER_DAMAGED, m_Path + ": is a database, and not one of a ledger");
     }
     return version;
+}
+
+/// A number that differs after every change of the store, by any connection. As fresh as the last statement.
+std::optional<std::uint32_t> SqliteDatabase::contentVersion() {
+    std::uint32_t version = 0;
+    bool const isKnown =
+        sqlite3_file_control(m_Connection.get(), "main", SQLITE_FCNTL_DATA_VERSION, &version) == SQLITE_OK;
+    return isKnown ? std::optional<std::uint32_t>(version) : std::nullopt;
 }
 
 /// Whether the log has ever had the size at which it is copied: its file keeps it.

@@ -32,7 +32,6 @@ public:
     void commit() override;
     void rollback() noexcept override;
     Rows run(char const* statement, Parameters parameters) override;
-    std::optional<std::uint32_t> contentVersion() override;
     void tidy() override;
     void abandon() noexcept override;
 
@@ -54,6 +53,7 @@ private:
     std::int64_t version();
     void migrate();
     sqlite3_stmt* prepared(char const* statement);
+    std::optional<std::uint32_t> contentVersion();
     [[nodiscard]] bool hasLongLog() const noexcept;
     static int afterCommit(void* self, sqlite3* connection, char const* name, int logPages) noexcept;
 

@@ -54,7 +54,7 @@ public:
     virtual ~Database() = default;
 
     /// kRead: the statements see one state of the store. kWrite: no other transaction that writes changes what this one
-    /// has read before it is committed. kReadFirst: as kRead for one statement, then startChanges(), then as kWrite;
+    /// has read before it is committed. kReadFirst: statements that read, then startChanges(), then as kWrite;
     /// but where others write too, startChanges() or the first change throws Conflict rather than wait for them.
     enum class Access { kRead, kReadFirst, kWrite };
 
@@ -71,13 +71,6 @@ public:
 
     /// Runs a statement and returns its rows. May throw Conflict inside a transaction.
     virtual Rows run(char const* statement, Parameters parameters) = 0;
-
-    /// A number that differs after every change of the store, by any connection; nothing where the database has none.
-    /// As fresh as the last statement; in a transaction, as its beginning.
-    virtual std::optional<std::uint32_t> contentVersion() { return std::nullopt; }
-
-    /// Whether the store is known to be as it was at `version`.
-    bool isStillAt(std::optional<std::uint32_t> version) { return version && contentVersion() == version; }
 
     /// Does housekeeping that no shopper should wait for. For workers; failures are left to the next call.
     virtual void tidy() {}
@@ -158,8 +151,8 @@ auto inTransaction(Database& database, Work work) {
     }
 }
 
-/// The same for `work` that often finds nothing to change. Given its transaction, it reads by one statement and calls
-/// startChanges() before the first change: until then it is in nobody's way.
+/// The same for `work` that often finds nothing to change. Given its transaction, it reads and calls startChanges()
+/// before the first change: until then it is in nobody's way, and not every database has all it reads see one state.
 template <class Work>
 auto inTransactionIfChanged(Database& database, Work work) {
     try {
