@@ -12,22 +12,26 @@
 /// What each byte becomes in the standard locale: a letter or digit itself, any other byte "%" and two lower-case
 /// hexadecimal digits.
 struct KvxPercentTable {
-    static_assert(TbStringWriter::kSpare >= 4);
+    struct Row {
+        char m_Text[3];
+        std::uint8_t m_Length;
+    };
+    static_assert(sizeof(Row) == 4 && TbStringWriter::kSpare >= sizeof(Row));
 
     constexpr KvxPercentTable() {
         constexpr char kDigits[] = "0123456789abcdef";
         for (unsigned byte = 0; byte < 256; ++byte) {
             bool const passes =
                 (byte >= '0' && byte <= '9') || (byte >= 'A' && byte <= 'Z') || (byte >= 'a' && byte <= 'z');
-            m_Lengths[byte] = passes ? 1 : 3;
-            m_Texts[byte][0] = passes ? static_cast<char>(byte) : '%';
-            m_Texts[byte][1] = kDigits[byte >> 4];
-            m_Texts[byte][2] = kDigits[byte & 0x0F];
+            Row& row = m_Rows[byte];
+            row.m_Length = passes ? 1 : 3;
+            row.m_Text[0] = passes ? static_cast<char>(byte) : '%';
+            row.m_Text[1] = kDigits[byte >> 4];
+            row.m_Text[2] = kDigits[byte & 0x0F];
         }
     }
 
-    std::array<std::uint8_t, 256> m_Lengths{};
-    std::array<char[4], 256> m_Texts{};  ///< Not terminated, and longer than m_Lengths tells.
+    std::array<Row, 256> m_Rows{};
 };
 
 inline constexpr KvxPercentTable kKvxPercentTable;
@@ -63,12 +67,19 @@ inline void kvxPercentEncode(TbString const& text, std::uint32_t from, std::uint
         unsigned char const byte = bytes[i];
         if (byte >= 0x80 && std::isalnum(byte) != 0) {
             *to++ = static_cast<char>(byte);
-        } else {
-            std::memcpy(to, kKvxPercentTable.m_Texts[byte], 4);
-            to += kKvxPercentTable.m_Lengths[byte];
+            continue;
         }
-        writer.endPiece(to);
+        KvxPercentTable::Row const& row = kKvxPercentTable.m_Rows[byte];
+        std::memcpy(to, &row, sizeof row);  // the length too, over which the next byte goes
+        to += row.m_Length;
     }
+    // A byte that is encoded begins with "%", which stands nowhere else.
+    writer.endPiecesBy(to, [](char const* at, char const* begin) {
+        if (at[-1] == '%') {
+            return at + 2;
+        }
+        return at - begin >= 2 && at[-2] == '%' ? at + 1 : at;
+    });
     writer.finish(to);
 }
 

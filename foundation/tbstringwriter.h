@@ -56,6 +56,17 @@ public:
         }
     }
 
+    /// Pieces, at least one and none empty, of any size; the last ends at `end`. `endOf(at, begin)` is the end of the
+    /// piece with the byte in front of `at`; `begin` is where the first one begins.
+    template <class EndOf>
+    void endPiecesBy(char const* end, EndOf endOf) noexcept {
+        char const* const first = begin();
+        while (end - m_Text.m_Buffer >= m_Limit) {
+            char const* const at = std::max(first + 1, static_cast<char const*>(m_Text.m_Buffer) + m_Limit);
+            m_Limit = endOf(at, first) - m_Text.m_Buffer + TbString::kSlack;
+        }
+    }
+
     /// Makes the bytes up to `end` part of the string.
     void finish(char* end) noexcept {
         *end = '\0';

@@ -82,7 +82,7 @@ TEST(Encode, PassesLettersAndDigitsAndEscapesEveryOtherByte) {
 TEST(Encode, HasATableOfWhatTheFunctionMakes) {
     auto const table = std::make_unique<KvxPercentTable>();
     for (unsigned byte = 0; byte < 256; ++byte) {
-        std::string const piece(table->m_Texts[byte], table->m_Lengths[byte]);
+        std::string const piece(table->m_Rows[byte].m_Text, table->m_Rows[byte].m_Length);
         EXPECT_EQ(encoded(std::string(1, static_cast<char>(byte))), piece) << byte;
     }
 }

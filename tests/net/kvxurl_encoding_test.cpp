@@ -180,6 +180,30 @@ TEST(Encoders, LeaveTheCapacityOfAStreamThatGrowsPieceByPiece) {
     }
 }
 
+/// A stream to which `bytes` bytes were put one by one, all of them "%".
+TbStringStream percentSigns(std::size_t bytes) {
+    TbStringStream out;
+    for (; bytes > 0; --bytes) {
+        out.put("%");
+    }
+    return out;
+}
+
+TEST(UrlEncode, FindsNoPieceInTheTextBeforeItsOwn) {
+    for (std::size_t bytes = 60; bytes < 70; ++bytes) {
+        for (std::string const text : {"a<b", "ab<", "<a"}) {
+            TbStringStream in(stringOf(text));
+            TbStringStream out = percentSigns(bytes);
+            UrlEncode(&in, &out);
+            TbStringStream piecewise = percentSigns(bytes);
+            for (char const byte : text) {
+                piecewise.put(percent(std::string(1, byte)).c_str());
+            }
+            EXPECT_EQ(out.capacity(), piecewise.capacity()) << bytes << ", " << text;
+        }
+    }
+}
+
 TEST(Encoders, GrowTheirOutputOnce) {
     TbStringStream in(stringOf(std::string(3000, 'a') + std::string(3000, '<')));
     TbStringStream again(in.str());
