@@ -44,9 +44,11 @@ std::uint64_t firstBytes(char const* text, std::uint32_t length) {
     if (length >= 8) {
         return be64toh(tbEightBytes(text));
     }
-    std::uint64_t bytes = 0;
-    std::memcpy(&bytes, text, length);
-    return be64toh(bytes);
+    std::uint64_t bytes = 0;  // not by memcpy(), a call that would cost each search of a text its registers
+    for (std::uint32_t at = 0; at < length; ++at) {
+        bytes |= std::uint64_t{static_cast<unsigned char>(text[at])} << (56 - 8 * at);
+    }
+    return bytes;
 }
 
 /// The first eight bytes of `text`, up to its first zero byte, as a number: the order of the numbers is that of signed
@@ -101,10 +103,7 @@ public:
     void forgetText() { m_Text = nullptr; }
 
     /// Whether `compare` decides by the texts.
-    [[nodiscard]] bool isComparedByText(TbTreeNode const& node) const {
-        return m_Text != nullptr && (node.m_Key == TbTreeNode::Key::kCompact || node.m_Key == TbTreeNode::Key::kPair ||
-                                     node.m_Key == TbTreeNode::Key::kText);
-    }
+    [[nodiscard]] bool isComparedByText(TbTreeNode const& node) const { return m_Text != nullptr && hasText(node); }
 
     [[nodiscard]] std::uint64_t rank() const { return m_Rank; }
 
@@ -119,28 +118,73 @@ public:
             return node.m_Rank < m_Rank ? -1 : 1;
         }
         if (node.m_Key == TbTreeNode::Key::kCompact) {
-            return isRestEqual(textBehind(node)) ? 0 : tbCompareTexts(m_Length, textBehind(node), m_Text);
+            return isRestEqual(m_Length, textBehind(node), m_Text) ? 0
+                                                                   : tbCompareTexts(m_Length, textBehind(node), m_Text);
         }
         TbString const* const text = tbTextKeyOf(*node.m_Item);  // null where a caller has replaced the key
         return text == nullptr ? compareItem(node) : compareString(*text);
     }
 
+    /// The item of `tree` equal to `text`, a plain string; null when there is none.
+    ///
+    /// Most often ranks decide on the way, and the bytes behind a node in the end: that is done here, without a call
+    /// and without an object. From a node that needs more the search goes on like any other. Neither function is
+    /// inlined: registers hold all that this one needs.
+    [[gnu::noinline]] static TbFindable* findText(TbRBTree const& tree, TbString const& text) {
+        char const* const bytes = text.c_str();
+        std::uint64_t const rank = TbTreeNode::rankOf(bytes, text.length());
+        TbTreeNode const* node = tree.m_Root;
+        while (node != tree.m_Sentinel && hasText(*node)) {
+            if (node->m_Rank < rank) {
+                node = node->m_Right;
+            } else if (node->m_Rank > rank) {
+                node = node->m_Left;
+            } else if (node->m_Key == TbTreeNode::Key::kCompact &&
+                       isRestEqual(text.length(), textBehind(*node), bytes)) {
+                return node->m_Item;
+            } else {
+                break;
+            }
+        }
+        return node == tree.m_Sentinel ? nullptr : findBelow(tree, node, text);
+    }
+
+    /// The item equal to `probe`, at `node` or below; null when there is none.
+    [[gnu::noinline]] static TbFindable* findBelow(TbRBTree const& tree, TbTreeNode const* node,
+                                                   TbFindable const& probe) {
+        Probe const wanted(probe);
+        while (node != tree.m_Sentinel) {
+            int const order = wanted.compare(*node);
+            if (order == 0) {
+                return node->m_Item;
+            }
+            node = order < 0 ? node->m_Right : node->m_Left;
+        }
+        return nullptr;
+    }
+
 private:
+    /// Whether a text orders the element of `node`.
+    static bool hasText(TbTreeNode const& node) {
+        return node.m_Key == TbTreeNode::Key::kCompact || node.m_Key == TbTreeNode::Key::kPair ||
+               node.m_Key == TbTreeNode::Key::kText;
+    }
+
     void setText(TbString const& text) {
         m_Text = text.c_str();
         m_Length = text.length();
         m_Rank = TbTreeNode::rankOf(m_Text, m_Length);
     }
 
-    /// Whether `text`, of the same rank, surely equals the text; false leaves it open.
-    [[nodiscard]] bool isRestEqual(char const* text) const {
+    /// Whether two texts of the same rank are surely equal; false leaves it open.
+    static bool isRestEqual(std::uint32_t length, char const* left, char const* right) {
         constexpr std::uint32_t kNumber = sizeof(std::uint64_t);
-        if (m_Length <= TbTreeNode::kRankedBytes) {
+        if (length <= TbTreeNode::kRankedBytes) {
             return true;
         }
         // The last eight bytes, of seven the zero byte behind them too, and those that the rank has.
-        std::uint32_t const at = m_Length < kNumber ? 0 : m_Length - kNumber;
-        return at <= TbTreeNode::kRankedBytes && tbEightBytes(text + at) == tbEightBytes(m_Text + at);
+        std::uint32_t const at = length < kNumber ? 0 : length - kNumber;
+        return at <= TbTreeNode::kRankedBytes && tbEightBytes(left + at) == tbEightBytes(right + at);
     }
 
     [[nodiscard]] int compareString(TbString const& text) const {
@@ -381,15 +425,8 @@ TbFindable* TbRBTree::find(TbFindable const& probe) const {
     if (m_Count == 0 || m_Root == nullptr) {
         return nullptr;
     }
-    Probe const wanted(probe);
-    for (TbTreeNode const* node = m_Root; node != m_Sentinel;) {
-        int const order = wanted.compare(*node);
-        if (order == 0) {
-            return node->m_Item;
-        }
-        node = order < 0 ? node->m_Right : node->m_Left;
-    }
-    return nullptr;
+    return probe.getAllocator() == &TbString::allocate ? Probe::findText(*this, static_cast<TbString const&>(probe))
+                                                       : Probe::findBelow(*this, m_Root, probe);
 }
 
 TbFindable* TbRBTree::put(TbFindable const& item) {
