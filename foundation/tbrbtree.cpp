@@ -128,8 +128,8 @@ public:
     /// The item of `tree` equal to `text`, a plain string; null when there is none.
     ///
     /// Most often ranks decide on the way, and the bytes behind a node in the end: that is done here, without a call
-    /// and without an object. From a node that needs more the search goes on like any other. Neither function is
-    /// inlined: registers hold all that this one needs.
+    /// and without an object. From a node that needs more the search goes on like any other. Neither this
+    /// nor that is inlined: registers hold all that is needed here.
     [[gnu::noinline]] static TbFindable* findText(TbRBTree const& tree, TbString const& text) {
         char const* const bytes = text.c_str();
         std::uint64_t const rank = TbTreeNode::rankOf(bytes, text.length());
@@ -146,15 +146,13 @@ public:
                 break;
             }
         }
-        return node == tree.m_Sentinel ? nullptr : findBelow(tree, node, text);
+        return node == tree.m_Sentinel ? nullptr : findTextBelow(tree, node, text, rank);
     }
 
-    /// The item equal to `probe`, at `node` or below; null when there is none.
-    [[gnu::noinline]] static TbFindable* findBelow(TbRBTree const& tree, TbTreeNode const* node,
-                                                   TbFindable const& probe) {
-        Probe const wanted(probe);
+    /// The item of `tree` equal to the probe, at `node` or below; null when there is none.
+    [[nodiscard]] TbFindable* findBelow(TbRBTree const& tree, TbTreeNode const* node) const {
         while (node != tree.m_Sentinel) {
-            int const order = wanted.compare(*node);
+            int const order = compare(*node);
             if (order == 0) {
                 return node->m_Item;
             }
@@ -164,6 +162,14 @@ public:
     }
 
 private:
+    Probe(TbString const& text, std::uint64_t rank)
+        : m_Probe(text), m_Text(text.c_str()), m_Length(text.length()), m_Rank(rank) {}
+
+    [[gnu::noinline]] static TbFindable* findTextBelow(TbRBTree const& tree, TbTreeNode const* node,
+                                                       TbString const& text, std::uint64_t rank) {
+        return Probe(text, rank).findBelow(tree, node);
+    }
+
     /// Whether a text orders the element of `node`.
     static bool hasText(TbTreeNode const& node) {
         return node.m_Key == TbTreeNode::Key::kCompact || node.m_Key == TbTreeNode::Key::kPair ||
@@ -426,7 +432,7 @@ TbFindable* TbRBTree::find(TbFindable const& probe) const {
         return nullptr;
     }
     return probe.getAllocator() == &TbString::allocate ? Probe::findText(*this, static_cast<TbString const&>(probe))
-                                                       : Probe::findBelow(*this, m_Root, probe);
+                                                       : Probe(probe).findBelow(*this, m_Root);
 }
 
 TbFindable* TbRBTree::put(TbFindable const& item) {
