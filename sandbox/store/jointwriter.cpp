@@ -3,13 +3,14 @@
 // transaction is committed when some thread waits for that, none waits for its turn, and no unit will have another one,
 // so the last of those that came at the same time commits for all. A thread that waits does so without the lock, and
 // commits by itself when that takes too long.
-// shortenLog() keeps the log from growing for ever.
+// shortenLog() keeps the log from growing for ever. When that fails, standard error says so: no caller waits for it.
 // A turn that fails undoes what it did, by a savepoint. A commit that fails, or a failure at which SQLite gives the
 // transaction up, is a failure of all who are in it.
 #include "sandbox/store/jointwriter.h"
 
 #include <chrono>
 #include <exception>
+#include <iostream>
 #include <stdexcept>
 #include <utility>
 
@@ -249,9 +250,13 @@ void JointWriter::shortenLog() {
         } else if (m_LogMoved.wait_for(std::chrono::seconds(0)) == std::future_status::ready) {
             m_LogMoved.get();
             m_Database.moveLog();
+            m_LogFailure.clear();
         }
-    } catch (std::exception const&) {
-        // Nothing is lost: the log has it all, and a later commit tries again.
+    } catch (std::exception const& failure) {
+        // Nothing is lost: the log has it all, and a later commit tries again. No caller waits for it.
+        if (std::exchange(m_LogFailure, failure.what()) != failure.what()) {
+            std::cerr << "the log of the database grows, it cannot be moved to the file: " + m_LogFailure + "\n";
+        }
     }
 }
 

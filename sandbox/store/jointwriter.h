@@ -138,6 +138,7 @@ private:
     std::unique_ptr<Group> m_Open;  ///< The transaction that is open; null when none is.
     std::set<Unit*> m_Changing;     ///< Units with changes whose beforeCommit has not run.
     std::uint64_t m_Begun = 0;      ///< Transactions so far.
+    std::string m_LogFailure;       ///< Why the log could not be moved the last time; empty when it could.
     Database m_Database;
     Database m_LogMover;           ///< Used by the thread of m_LogMoved, without m_Mutex.
     std::future<void> m_LogMoved;  ///< Valid once most of the log is being moved. Goes first: it awaits its thread.

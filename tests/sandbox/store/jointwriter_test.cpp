@@ -1,15 +1,19 @@
 // Transactions that threads share: what is seen of them when, and what becomes of them when something fails.
 #include "sandbox/store/jointwriter.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -20,6 +24,7 @@ namespace {
 using namespace sandbox;
 using kvxtest::TemporaryDirectory;
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using Turn = JointWriter::Turn;
 using Unit = JointWriter::Unit;
@@ -241,6 +246,39 @@ TEST_F(JointWriterTest, BeginsALongLogAnew) {
     }
     EXPECT_NE(before, beginOfLog());
     EXPECT_EQ(static_cast<std::size_t>(last), rows().size()) << "nothing is lost";
+}
+
+TEST_F(JointWriterTest, ReportsALogThatCannotBeMoved) {
+    {
+        Turn turn(m_Writer);
+        turn.database().execute("CREATE TABLE large (bytes BLOB)");
+        turn.keep();
+    }
+    // From now on nothing can be written to the file, only to its log.
+    int const readOnly = ::open(m_Path.c_str(), O_RDONLY | O_CLOEXEC);
+    for (auto const& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        int const number = std::stoi(entry.path().filename());
+        if (number != readOnly && std::filesystem::read_symlink(entry.path(), gone) == m_Path) {
+            ::dup2(readOnly, number);
+        }
+    }
+    ::close(readOnly);
+    std::string report;
+    ::testing::internal::CaptureStderr();
+    {
+        Turn turn(m_Writer);
+        turn.database().execute("INSERT INTO large VALUES (zeroblob(20000000))");
+        turn.keep();
+    }
+    auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    for (std::int64_t number = 1; report.empty() && std::chrono::steady_clock::now() < deadline; ++number) {
+        add(number);
+        report = ::testing::internal::GetCapturedStderr();
+        ::testing::internal::CaptureStderr();
+    }
+    ::testing::internal::GetCapturedStderr();
+    EXPECT_THAT(report, HasSubstr("cannot be moved to the file: database: disk I/O error"));
 }
 
 }  // namespace
