@@ -1,6 +1,6 @@
 // Snapshots: one SQLite file each, with the note as one more setting.
 // A snapshot is copied beside its name and renamed, so that a name never stands for half a copy. Before it replaces the
-// content of the store it is brought to the present layout; one of a later layout is refused, and nothing changes.
+// content of the store its layout is looked at; one of another layout is refused, and nothing changes.
 #include "sandbox/store/snapshots.h"
 
 #include <sys/stat.h>

@@ -64,8 +64,7 @@ public:
     enum class Login { kOk, kUnknownUser, kWrongPassword };
     enum class KeyAdded { kNew, kKnown, kTaken };
 
-    /// Opens the file, creating its tables or bringing them to the present layout. A file of a layout that is not known
-    /// throws std::runtime_error.
+    /// Opens the file, and creates its tables when it is empty. A file of another layout throws std::runtime_error.
     explicit Store(std::string const& path, Retention retention = {});
 
     /// A request that a thread carries out, of which it has one at a time. What it has changed is on record with the

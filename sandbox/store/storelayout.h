@@ -7,9 +7,8 @@
 
 namespace sandbox {
 
-/// Creates the tables in an empty file, or brings those of an earlier layout to the present one, and makes exchanges of
-/// the requests that an earlier process began and did not finish; all in one transaction. Another layout throws
-/// std::runtime_error; `path` stands in its text.
+/// Creates the tables in an empty file, and makes exchanges of the requests that an earlier process began and did not
+/// finish; all in one transaction. A file of another layout throws std::runtime_error; `path` stands in its text.
 void prepareTables(Database& database, std::string const& path);
 
 }  // namespace sandbox

@@ -83,14 +83,16 @@ TEST(Store, RefusesAFileThatIsNoDatabase) {
 }
 
 TEST(Store, RefusesAnotherLayout) {
-    TemporaryDirectory const temporary;
-    std::string const path = temporary.path() + "/sandbox.db";
-    Database(path).execute("PRAGMA user_version = 99");
-    try {
-        Store const store(path);
-        FAIL() << "accepted";
-    } catch (std::runtime_error const& error) {
-        EXPECT_THAT(error.what(), HasSubstr("has layout 99"));
+    for (std::string const layout : {"4", "6", "99"}) {
+        TemporaryDirectory const temporary;
+        std::string const path = temporary.path() + "/sandbox.db";
+        Database(path).execute(("PRAGMA user_version = " + layout).c_str());
+        try {
+            Store const store(path);
+            ADD_FAILURE() << layout << " accepted";
+        } catch (std::runtime_error const& error) {
+            EXPECT_THAT(error.what(), HasSubstr("has layout " + layout + ", this sandbox knows layout 5"));
+        }
     }
 }
 
