@@ -172,12 +172,12 @@ ReaderPool::Reader ReaderPool::take() {
     {
         std::lock_guard<std::mutex> const lock(m_Mutex);
         if (!m_Idle.empty()) {
-            std::unique_ptr<Database> database = std::move(m_Idle.back());
+            Reader reader(m_Idle.back().release(), {this});
             m_Idle.pop_back();
-            return {*this, std::move(database)};
+            return reader;
         }
     }
-    return {*this, std::make_unique<Database>(m_Path, Database::Access::kRead)};
+    return Reader(new Database(m_Path, Database::Access::kRead), {this});
 }
 
 void ReaderPool::giveBack(std::unique_ptr<Database> database) {

@@ -162,27 +162,14 @@ private:
 /// Connections that read one database file, one for each thread that reads. Readers wait neither for the writer nor for
 /// each other, and hold up no writer.
 class ReaderPool {
+    struct GiveBack {
+        ReaderPool* m_Pool;  ///< Borrowed.
+        void operator()(Database* database) const { m_Pool->giveBack(std::unique_ptr<Database>(database)); }
+    };
+
 public:
     /// A connection for one thread, given back at the end of its life.
-    class Reader {
-    public:
-        Reader(ReaderPool& pool, std::unique_ptr<Database> database) : m_Pool(pool), m_Database(std::move(database)) {}
-        ~Reader() {
-            if (m_Database) {
-                m_Pool.giveBack(std::move(m_Database));
-            }
-        }
-        Reader(Reader&&) = default;
-        Reader& operator=(Reader&&) = delete;
-        Reader(Reader const&) = delete;
-        Reader& operator=(Reader const&) = delete;
-
-        [[nodiscard]] Database& database() const { return *m_Database; }
-
-    private:
-        ReaderPool& m_Pool;  ///< Borrowed.
-        std::unique_ptr<Database> m_Database;
-    };
+    using Reader = std::unique_ptr<Database, GiveBack>;
 
     /// Opens nothing yet; the file must exist when a reader is taken.
     explicit ReaderPool(std::string path) : m_Path(std::move(path)) { m_Idle.reserve(kMaxIdle); }

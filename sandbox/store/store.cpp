@@ -24,11 +24,9 @@ constexpr int kSaltBytes = 16;
 constexpr std::int64_t kFirstCustomer = 1001;
 constexpr std::size_t kMaxKnownKeys = 1000;
 
-/// What the account's password is checked with.
-struct StoredPassword {
-    std::string m_Salt;
-    std::string m_Hash;
-};
+std::pair<std::string, std::string> twoColumns(Statement const& row) {
+    return {row.column(0), row.column(1)};
+}
 
 }  // namespace
 
@@ -46,7 +44,7 @@ Store::RowReader::RowReader(Store& store) {
     if (store.m_Writer.hasUnit()) {
         m_Turn.emplace(store.m_Writer, Turn::Purpose::kRead);
     } else {
-        m_Reader.emplace(store.m_Readers.take());
+        m_Reader = store.m_Readers.take();
     }
 }
 
@@ -63,40 +61,29 @@ void Store::putAccount(std::string const& user, std::string const& password) {
 }
 
 Store::Login Store::checkAccount(std::string const& user, std::string const& password) {
-    std::optional<StoredPassword> const stored = RowReader(*this)
-                                                     .database()
-                                                     .prepare("SELECT salt, hash FROM accounts WHERE user = ?", user)
-                                                     .first([](Statement const& row) {
-                                                         return StoredPassword{row.column(0), row.column(1)};
-                                                     });
+    auto const stored = presentRow(twoColumns, "SELECT salt, hash FROM accounts WHERE user = ?", user);
     if (!stored) {
         return Login::kUnknownUser;
     }
-    bool const isRight = equalSecrets(hashPassword(stored->m_Salt, password), stored->m_Hash);
-    return isRight ? Login::kOk : Login::kWrongPassword;
+    auto const& [salt, hash] = *stored;
+    return equalSecrets(hashPassword(salt, password), hash) ? Login::kOk : Login::kWrongPassword;
 }
 
 std::string Store::customerOf(std::string const& user) {
-    RowReader const reader(*this);
-    Statement row = reader.database().prepare("SELECT customer FROM accounts WHERE user = ?", user);
-    if (!row.step()) {
+    auto const customer = presentRow(firstColumn, "SELECT customer FROM accounts WHERE user = ?", user);
+    if (!customer) {
         throw std::runtime_error("the database has no account " + user);
     }
-    return row.column(0);
+    return *customer;
 }
 
 std::vector<std::string> Store::accounts() {
-    ReaderPool::Reader const reader = m_Readers.take();
-    return reader.database().prepare("SELECT user FROM accounts ORDER BY customer").all(firstColumn);
+    return committedRows(firstColumn, "SELECT user FROM accounts ORDER BY customer");
 }
 
 std::vector<StoredServerKey> Store::serverKeys() {
-    ReaderPool::Reader const reader = m_Readers.take();
-    return reader.database()
-        .prepare("SELECT id, private_der FROM server_keys ORDER BY number")
-        .all([](Statement const& row) {
-            return StoredServerKey{row.column(0), row.column(1)};
-        });
+    auto const read = [](Statement const& row) { return StoredServerKey{row.column(0), row.column(1)}; };
+    return committedRows(read, "SELECT id, private_der FROM server_keys ORDER BY number");
 }
 
 void Store::addServerKey(StoredServerKey const& key, std::string const& time) {
@@ -108,12 +95,10 @@ void Store::addServerKey(StoredServerKey const& key, std::string const& time) {
 
 Store::KeyAdded Store::addMerchantKey(std::string const& id, MerchantKey const& key, std::string const& time) {
     Turn turn(m_Writer);
-    {
-        Statement row = m_Database.prepare("SELECT account, blob FROM merchant_keys WHERE id = ?", id);
-        if (row.step()) {
-            bool const same = row.column(0) == key.m_Account && row.column(1) == key.m_Blob;
-            return same ? KeyAdded::kKnown : KeyAdded::kTaken;
-        }
+    auto const present =
+        m_Database.prepare("SELECT account, blob FROM merchant_keys WHERE id = ?", id).first(twoColumns);
+    if (present) {
+        return *present == std::pair(key.m_Account, key.m_Blob) ? KeyAdded::kKnown : KeyAdded::kTaken;
     }
     m_Database.run("INSERT INTO merchant_keys (id, account, blob, time) VALUES (?, ?, ?, ?)", id, key.m_Account,
                    key.m_Blob, time);
@@ -129,17 +114,12 @@ std::optional<MerchantKey> Store::merchantKey(std::string const& id) {
     }
     std::uint64_t const replaced = m_Replaced;
     lock.unlock();
-    ReaderPool::Reader const reader = m_Readers.take();
-    std::optional<MerchantKey> const key =
-        reader.database()
-            .prepare(
-                "SELECT k.account, k.blob, a.customer FROM merchant_keys k JOIN accounts a ON a.user = k.account "
-                "WHERE k.id = ?",
-                id)
-            .first([](Statement const& row) {
-                return MerchantKey{row.column(0), row.column(1), row.column(2)};
-            });
-    if (!key) {
+    auto const read = [](Statement const& row) { return MerchantKey{row.column(0), row.column(1), row.column(2)}; };
+    std::vector<MerchantKey> const found = committedRows(read,
+                                                         "SELECT k.account, k.blob, a.customer FROM merchant_keys k "
+                                                         "JOIN accounts a ON a.user = k.account WHERE k.id = ?",
+                                                         id);
+    if (found.empty()) {
         return std::nullopt;
     }
     lock.lock();
@@ -147,22 +127,20 @@ std::optional<MerchantKey> Store::merchantKey(std::string const& id) {
         m_KnownKeys.clear();
     }
     if (m_Replaced == replaced) {
-        m_KnownKeys.emplace(id, *key);
+        m_KnownKeys.emplace(id, found.front());
     }
-    return key;
+    return found.front();
 }
 
 std::vector<PublishedKey> Store::merchantKeys() {
-    ReaderPool::Reader const reader = m_Readers.take();
-    return reader.database()
-        .prepare("SELECT id, account, blob, time FROM merchant_keys ORDER BY rowid")
-        .all([](Statement const& row) {
-            return PublishedKey{row.column(0), {row.column(1), row.column(2)}, row.column(3)};
-        });
+    auto const read = [](Statement const& row) {
+        return PublishedKey{row.column(0), {row.column(1), row.column(2)}, row.column(3)};
+    };
+    return committedRows(read, "SELECT id, account, blob, time FROM merchant_keys ORDER BY rowid");
 }
 
 void Store::copyTo(Database& target) {
-    m_Readers.take().database().copyTo(target);
+    m_Readers.take()->copyTo(target);
 }
 
 void Store::replaceBy(Database& source) {
@@ -177,13 +155,8 @@ void Store::replaceBy(Database& source) {
 }
 
 std::map<std::string, std::string> Store::settings() {
-    ReaderPool::Reader const reader = m_Readers.take();
-    Statement row = reader.database().prepare("SELECT name, value FROM settings");
-    std::map<std::string, std::string> found;
-    while (row.step()) {
-        found[row.column(0)] = row.column(1);
-    }
-    return found;
+    auto const found = committedRows(twoColumns, "SELECT name, value FROM settings");
+    return {found.begin(), found.end()};
 }
 
 void Store::setSetting(std::string const& name, std::string const& value) {
@@ -198,7 +171,7 @@ void Store::setSetting(std::string const& name, std::string const& value) {
 
 Counts Store::counts() {
     ReaderPool::Reader const reader = m_Readers.take();
-    Statement row = reader.database().prepare(
+    Statement row = reader->prepare(
         "SELECT (SELECT count(*) FROM accounts), (SELECT count FROM counters WHERE name = 'payments'), "
         "(SELECT count FROM counters WHERE name = 'notifications'), (SELECT count FROM counters WHERE name = "
         "'exchanges'), (SELECT count(*) FROM merchant_keys), (SELECT count FROM counters WHERE name = 'warnings')");

@@ -254,12 +254,24 @@ private:
     class RowReader {
     public:
         explicit RowReader(Store& store);
-        [[nodiscard]] Database& database() const { return m_Turn ? m_Turn->database() : m_Reader->database(); }
+        [[nodiscard]] Database& database() const { return m_Turn ? m_Turn->database() : *m_Reader; }
 
     private:
-        std::optional<Turn> m_Turn;                  ///< In a request.
-        std::optional<ReaderPool::Reader> m_Reader;  ///< Else.
+        std::optional<Turn> m_Turn;   ///< In a request.
+        ReaderPool::Reader m_Reader;  ///< Else.
     };
+
+    /// What `read` makes of each row that the query finds among what is committed.
+    template <class Read, class... Values>
+    auto committedRows(Read read, std::string const& sql, Values const&... values) {
+        return m_Readers.take()->prepare(sql, values...).all(read);
+    }
+
+    /// The same of the first row, as the thread's request has left it; nothing when there is none.
+    template <class Read, class... Values>
+    auto presentRow(Read read, std::string const& sql, Values const&... values) {
+        return RowReader(*this).database().prepare(sql, values...).first(read);
+    }
 
     /// Rows are removed in batches. A thread pauses between two: one that only unlocked and locked again would mostly
     /// be the next one to get the lock.

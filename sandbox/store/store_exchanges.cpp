@@ -133,7 +133,7 @@ std::int64_t Store::Request::end(Exchange const& exchange) {
 
 std::int64_t Store::addExchange(Exchange const& exchange) {
     if (exchange.m_Kind == ExchangeKind::kProxy && exchange.m_Payment.empty()) {
-        Exchange const about = linked(m_Readers.take().database(), exchange);
+        Exchange const about = linked(*m_Readers.take(), exchange);
         if (!about.m_Payment.empty()) {
             return addExchange(about);
         }
@@ -183,15 +183,15 @@ Listing<Exchange> Store::exchangeSummaries(Filter const& filter, Page const& pag
 /// A page of exchanges, each with the columns that `select` names.
 Listing<Exchange> Store::listExchanges(std::string const& select, Filter const& filter, Page const& page) {
     ReaderPool::Reader const reader = m_Readers.take();
-    Statement row = reader.database().prepare(select + conditionsOf(filter, "payment") + " ORDER BY number" +
-                                              (page.m_NewestFirst ? " DESC" : ""));
+    Statement row = reader->prepare(select + conditionsOf(filter, "payment") + " ORDER BY number" +
+                                    (page.m_NewestFirst ? " DESC" : ""));
     bind(row, filter, page);
     return listingOf<Exchange>(row, page, readCounted);
 }
 
 Listing<Exchange> Store::exchangeSummariesOf(Payment const& payment, std::int64_t limit) {
     ReaderPool::Reader const reader = m_Readers.take();
-    Statement row = reader.database().prepare(
+    Statement row = reader->prepare(
         std::string(kSummary) +
             " WHERE number IN (SELECT number FROM exchanges WHERE payment = ?1 "
             "UNION SELECT number FROM exchanges WHERE token = ?2 AND account IN ('', ?3) AND payment = '' "
@@ -204,18 +204,15 @@ Listing<Exchange> Store::exchangeSummariesOf(Payment const& payment, std::int64_
 }
 
 std::optional<Exchange> Store::exchange(std::int64_t number) {
-    RowReader const reader(*this);
-    return reader.database().prepare(std::string(kComplete) + " WHERE number = ?", number).first(readExchange);
+    return presentRow(readExchange, std::string(kComplete) + " WHERE number = ?", number);
 }
 
 std::vector<std::pair<std::int64_t, std::string>> Store::latestData(std::int64_t count, std::int64_t longest) {
-    ReaderPool::Reader const reader = m_Readers.take();
-    return reader.database()
-        .prepare(
-            "SELECT number, data FROM (SELECT number, data FROM exchanges ORDER BY number DESC LIMIT ?) "
-            "WHERE length(data) BETWEEN 1 AND ? ORDER BY number DESC",
-            count, longest)
-        .all([](Statement const& row) { return std::pair(row.numberColumn(0), row.column(1)); });
+    auto const read = [](Statement const& row) { return std::pair(row.numberColumn(0), row.column(1)); };
+    return committedRows(read,
+                         "SELECT number, data FROM (SELECT number, data FROM exchanges ORDER BY number DESC LIMIT ?) "
+                         "WHERE length(data) BETWEEN 1 AND ? ORDER BY number DESC",
+                         count, longest);
 }
 
 std::int64_t Store::removeExchanges(Filter const& filter, Page const& page) {

@@ -128,16 +128,16 @@ std::optional<StoredPayment> Store::paymentByToken(std::string const& account, s
 
 Listing<Payment> Store::payments(Filter const& filter, Page const& page) {
     ReaderPool::Reader const reader = m_Readers.take();
-    Transaction const snapshot(reader.database(), Database::Access::kRead);
+    Transaction const snapshot(*reader, Database::Access::kRead);
     // There are few accounts, and the tokens of each have an index.
     bool const isTokenAlone = filter.m_Token && !filter.m_Account;
-    Statement row = reader.database().prepare(kSelectPayment + conditionsOf(filter, "id") +
-                                              (isTokenAlone ? " AND account IN (SELECT user FROM accounts)" : "") +
-                                              " ORDER BY number" + (page.m_NewestFirst ? " DESC" : ""));
+    Statement row = reader->prepare(kSelectPayment + conditionsOf(filter, "id") +
+                                    (isTokenAlone ? " AND account IN (SELECT user FROM accounts)" : "") +
+                                    " ORDER BY number" + (page.m_NewestFirst ? " DESC" : ""));
     bind(row, filter, page);
     return listingOf<Payment>(row, page, [&reader](Statement const& each, std::size_t& bytes) {
         StoredPayment stored = readPayment(each);
-        readHistory(reader.database(), stored.m_Payment);
+        readHistory(*reader, stored.m_Payment);
         bytes += stored.m_Message.size();
         return std::move(stored.m_Payment);
     });
@@ -150,7 +150,7 @@ std::optional<Payment> Store::newestPayment(Filter const& filter) {
 
 std::vector<Payment> Store::paymentsToExpire(std::int64_t moment, std::int64_t limit, AccountScope const& accounts) {
     ReaderPool::Reader const reader = m_Readers.take();
-    Statement row = reader.database().prepare(
+    Statement row = reader->prepare(
         kSelectPayment + " WHERE state = 'opened' AND expires < ?" + accountConditions(accounts) + " LIMIT ?", moment);
     bindAccounts(row, accounts);
     row.bind(limit);
@@ -158,33 +158,32 @@ std::vector<Payment> Store::paymentsToExpire(std::int64_t moment, std::int64_t l
 }
 
 bool Store::hasOpenPayments() {
-    return m_Readers.take().database().prepare("SELECT 1 FROM payments WHERE state = 'opened' LIMIT 1").step();
+    return m_Readers.take()->prepare("SELECT 1 FROM payments WHERE state = 'opened' LIMIT 1").step();
 }
 
 std::vector<StoredPayment> Store::latestPayments(std::int64_t count, std::int64_t longest) {
     ReaderPool::Reader const reader = m_Readers.take();
-    Transaction const snapshot(reader.database(), Database::Access::kRead);
-    return reader.database()
-        .prepare("SELECT * FROM (" + kSelectPayment +
-                     " ORDER BY number DESC LIMIT ?) WHERE length(message) <= ? ORDER BY number DESC",
-                 count, longest)
+    Transaction const snapshot(*reader, Database::Access::kRead);
+    return reader
+        ->prepare("SELECT * FROM (" + kSelectPayment +
+                      " ORDER BY number DESC LIMIT ?) WHERE length(message) <= ? ORDER BY number DESC",
+                  count, longest)
         .all([&reader](Statement const& row) {
             StoredPayment stored = readPayment(row);
-            readHistory(reader.database(), stored.m_Payment);
+            readHistory(*reader, stored.m_Payment);
             return stored;
         });
 }
 
 std::map<std::string, Store::Subject> Store::subjectsOf(std::set<std::string> const& ids) {
     ReaderPool::Reader const reader = m_Readers.take();
-    Transaction const snapshot(reader.database(), Database::Access::kRead);
+    Transaction const snapshot(*reader, Database::Access::kRead);
     std::map<std::string, Subject> found;
     for (std::string const& id : ids) {
-        reader.database()
-            .prepare("SELECT account, order_id FROM payments WHERE id = ?", id)
-            .first([&](Statement const& row) {
-                return found[id] = Subject{row.column(0), row.column(1)};
-            });
+        Statement row = reader->prepare("SELECT account, order_id FROM payments WHERE id = ?", id);
+        if (row.step()) {
+            found[id] = {row.column(0), row.column(1)};
+        }
     }
     return found;
 }
@@ -239,12 +238,10 @@ std::optional<std::string> Store::otherPayment(Payment const& payment, Search se
 }
 
 std::optional<DueMove> Store::dueMove(std::string const& id) {
-    RowReader const reader(*this);
-    return reader.database()
-        .prepare("SELECT due, state, note FROM due_moves WHERE payment = ?", id)
-        .first([](Statement const& row) {
-            return DueMove{row.numberColumn(0), stateFromName(row.column(1)), row.column(2)};
-        });
+    auto const read = [](Statement const& row) {
+        return DueMove{row.numberColumn(0), stateFromName(row.column(1)), row.column(2)};
+    };
+    return presentRow(read, "SELECT due, state, note FROM due_moves WHERE payment = ?", id);
 }
 
 std::vector<std::pair<std::string, DueMove>> Store::dueMoves(std::int64_t now, AccountScope const& accounts) {
@@ -261,7 +258,7 @@ std::vector<std::pair<std::string, DueMove>> Store::dueMoves(std::int64_t now, A
 }
 
 bool Store::hasDueMoves() {
-    return m_Readers.take().database().prepare("SELECT 1 FROM due_moves LIMIT 1").step();
+    return m_Readers.take()->prepare("SELECT 1 FROM due_moves LIMIT 1").step();
 }
 
 bool Store::refuseCaptures(std::string const& id, HistoryEntry const& step, std::string const& reason) {
@@ -277,27 +274,20 @@ bool Store::refuseCaptures(std::string const& id, HistoryEntry const& step, std:
 }
 
 std::optional<std::string> Store::captureRefusal(std::string const& id) {
-    RowReader const reader(*this);
-    return reader.database().prepare("SELECT reason FROM capture_refusals WHERE payment = ?", id).first(firstColumn);
+    return presentRow(firstColumn, "SELECT reason FROM capture_refusals WHERE payment = ?", id);
 }
 
 std::vector<Notification> Store::notifications() {
-    ReaderPool::Reader const reader = m_Readers.take();
-    return reader.database().prepare(kSelectNotification + " ORDER BY number").all(readNotification);
+    return committedRows(readNotification, kSelectNotification + " ORDER BY number");
 }
 
 std::vector<Notification> Store::notificationsOf(std::string const& payment) {
-    ReaderPool::Reader const reader = m_Readers.take();
-    return reader.database()
-        .prepare(kSelectNotification + " WHERE payment = ? ORDER BY number", payment)
-        .all(readNotification);
+    return committedRows(readNotification, kSelectNotification + " WHERE payment = ? ORDER BY number", payment);
 }
 
 std::vector<Notification> Store::pendingNotifications(std::int64_t after) {
-    ReaderPool::Reader const reader = m_Readers.take();
-    return reader.database()
-        .prepare(kSelectNotification + " WHERE pending = 1 AND number > ? ORDER BY number", after)
-        .all(readNotification);
+    return committedRows(readNotification, kSelectNotification + " WHERE pending = 1 AND number > ? ORDER BY number",
+                         after);
 }
 
 void Store::insertNotification(Notification const& notification) {
