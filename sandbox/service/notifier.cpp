@@ -1,14 +1,13 @@
 // Sends notifications with retries, and expires payments that nobody looks at.
-// One thread, run(), loads new notifications from the store, expires payments and queues jobs for kWorkers threads,
-// runWorker(). Notifications to one host and port are sent one at a time, those of one payment in their order.
+// One thread, run(), loads new notifications from the store and expires payments; kWorkers threads, runWorker(), take
+// what is due. Notifications to one host and port are sent one at a time, those of one payment in their order.
 // An attempt: whyUnreachable() rules out addresses elsewhere, a fault may delay, drop or double the request, tryOnce()
 // sends it, settle() or storeOutcome() stores the result.
-// m_Mutex guards the queues and is not held while the store or the network is used.
+// m_Mutex guards what is waiting and is not held while the store or the network is used.
 #include "sandbox/service/notifier.h"
 
 #include <algorithm>
 #include <exception>
-#include <set>
 #include <utility>
 
 #include "sandbox/http/connection.h"
@@ -143,31 +142,13 @@ Clock::duration delayOf(Fault const& fault) {
     return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(secondsOf(fault)));
 }
 
-/// The queue of an address: its host and port. Addresses that cannot be read share one; nothing is sent to them.
-std::string queueName(std::string const& address) {
+/// "host:port" of an address; empty for those that cannot be read, to which nothing is sent.
+std::string hostPortOf(std::string const& address) {
     try {
         return parseHttpAddress(address, true).m_HostPort.text();
     } catch (HttpError const&) {
         return "";
     }
-}
-
-/// The oldest of `waiting` that is due and has none of the same payment before it; the end when there is none. Then
-/// `next` becomes the moment at which the first one is due, if that comes before it.
-template <class Waiting>
-typename Waiting::iterator firstDue(Waiting& waiting, Clock::time_point now, Clock::time_point& next) {
-    std::set<std::string> heldUp;
-    for (auto each = waiting.begin(); each != waiting.end(); ++each) {
-        auto const& [number, pending] = *each;
-        if (!heldUp.insert(pending.m_Notification.m_Payment).second) {
-            continue;
-        }
-        if (pending.m_Due <= now) {
-            return each;
-        }
-        next = std::min(next, pending.m_Due);
-    }
-    return waiting.end();
 }
 
 }  // namespace
@@ -219,7 +200,7 @@ void Notifier::stop() {
         std::lock_guard<std::mutex> const lock(m_Mutex);
         m_Stopping = true;
         m_Changed.notify_one();
-        m_JobAdded.notify_all();
+        m_Queued.notify_all();
     }
     for (std::thread& thread : m_Threads) {
         thread.join();
@@ -232,9 +213,8 @@ void Notifier::run() {
     while (!m_Stopping) {
         m_Woken = false;
         lock.unlock();
-        Clock::time_point const nextPoll = poll();
+        Clock::time_point const next = poll();
         lock.lock();
-        Clock::time_point const next = std::min(nextPoll, queueDueJobs());
         m_Changed.wait_until(lock, next, [this] { return m_Stopping || m_Woken; });
     }
 }
@@ -278,60 +258,59 @@ void Notifier::loadNew() {
         std::lock_guard<std::mutex> const lock(m_Mutex);
         if (std::exchange(m_Reloading, false)) {
             m_LastTaken = 0;
-            for (auto& [name, queue] : m_Queues) {
-                queue.m_Waiting.clear();
-            }
+            m_Waiting.clear();
         }
     }
     for (Notification const& notification : m_Services.m_Store.pendingNotifications(m_LastTaken)) {
-        {
-            std::lock_guard<std::mutex> const lock(m_Mutex);
-            m_Queues[queueName(notification.m_Address)].m_Waiting[notification.m_Number].m_Notification = notification;
-        }
+        std::lock_guard<std::mutex> const lock(m_Mutex);
+        m_Waiting[notification.m_Number] = {notification, hostPortOf(notification.m_Address)};
         m_LastTaken = notification.m_Number;
+        m_Queued.notify_one();
     }
 }
 
-/// Makes a job of the first due notification of each queue that is not busy. Returns when the next one is due.
-Notifier::Clock::time_point Notifier::queueDueJobs() {
-    Clock::time_point const now = Clock::now();
-    Clock::time_point next = Clock::time_point::max();
-    for (auto& [name, queue] : m_Queues) {
-        if (queue.m_Busy) {
-            continue;  // its worker wakes this thread when it is done
-        }
-        auto const due = firstDue(queue.m_Waiting, now, next);
-        if (due != queue.m_Waiting.end()) {
-            m_Jobs.push_back({name, std::move(due->second)});
-            queue.m_Waiting.erase(due);
-            queue.m_Busy = true;
-            m_JobAdded.notify_one();
-        }
-    }
-    return next;
-}
-
+/// Sends what is due. After each change some worker that is free looks again: it takes the next one, or waits until it
+/// is due.
 void Notifier::runWorker() {
     std::unique_lock<std::mutex> lock(m_Mutex);
-    for (;;) {
-        m_JobAdded.wait(lock, [this] { return m_Stopping || !m_Jobs.empty(); });
-        if (m_Stopping) {
-            return;
+    while (!m_Stopping) {
+        Clock::time_point next = Clock::time_point::max();
+        auto const due = firstDue(next);
+        if (due == m_Waiting.end()) {
+            m_Queued.wait_until(lock, next);
+            continue;
         }
-        Job job = std::move(m_Jobs.front());
-        m_Jobs.pop_front();
+        Pending pending = std::move(due->second);
+        m_Waiting.erase(due);
+        m_Busy.insert(pending.m_HostPort);
+        m_Queued.notify_one();
         lock.unlock();
-        bool const unsettled = sendOnce(job.m_Pending);
+        bool const unsettled = sendOnce(pending);
         lock.lock();
-        Queue& queue = m_Queues.at(job.m_Queue);
-        queue.m_Busy = false;
+        m_Busy.erase(pending.m_HostPort);
         if (unsettled) {
-            queue.m_Waiting[job.m_Pending.m_Notification.m_Number] = std::move(job.m_Pending);
-        } else if (queue.m_Waiting.empty()) {
-            m_Queues.erase(job.m_Queue);
+            m_Waiting[pending.m_Notification.m_Number] = std::move(pending);
         }
-        wakeLocked();
     }
+}
+
+/// The oldest that is due, with none of the same payment before it and none on its way to the same host and port. The
+/// end when there is none; then `next` is the moment at which the first one is due.
+Notifier::Waiting::iterator Notifier::firstDue(Clock::time_point& next) {
+    Clock::time_point const now = Clock::now();
+    std::set<std::string> heldUp;
+    for (auto each = m_Waiting.begin(); each != m_Waiting.end(); ++each) {
+        Pending const& pending = each->second;
+        bool const isFirst = heldUp.insert(pending.m_Notification.m_Payment).second;
+        if (!isFirst || m_Busy.count(pending.m_HostPort) != 0) {
+            continue;
+        }
+        if (pending.m_Due <= now) {
+            return each;
+        }
+        next = std::min(next, pending.m_Due);
+    }
+    return m_Waiting.end();
 }
 
 /// False when it is settled.

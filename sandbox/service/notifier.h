@@ -5,10 +5,10 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -71,29 +71,21 @@ private:
     /// A notification that is not yet delivered or given up.
     struct Pending {
         Notification m_Notification = {};
+        std::string m_HostPort = {};  ///< Of its address.
         Clock::time_point m_Due = {};
         std::optional<Fault> m_Delay = {};  ///< Its pause is over; applies to the next attempt.
     };
 
-    /// The notifications to one host and port.
-    struct Queue {
-        std::map<std::int64_t, Pending> m_Waiting = {};  ///< By number.
-        bool m_Busy = false;                             ///< One of them is out of `m_Waiting`, being sent.
-    };
-
-    /// A notification taken out of its queue to be sent.
-    struct Job {
-        std::string m_Queue;
-        Pending m_Pending;
-    };
+    /// By number.
+    using Waiting = std::map<std::int64_t, Pending>;
 
     void wakeLocked();
     void run();
     Clock::time_point poll();
     void expireOverdue();
     void loadNew();
-    Clock::time_point queueDueJobs();
     void runWorker();
+    Waiting::iterator firstDue(Clock::time_point& next);
     bool sendOnce(Pending& pending);
     bool send(Pending& pending);
     bool tryOnce(Pending& pending, std::string const& query, Exchange& exchange, bool twice);
@@ -106,11 +98,11 @@ private:
     std::vector<std::thread> m_Threads;
     std::int64_t m_LastTaken = 0;  ///< Number of the newest notification taken from the store. Used by run() alone.
 
-    std::mutex m_Mutex;  ///< Guards all below. No service but the clock is called under it.
-    std::condition_variable m_Changed;
-    std::condition_variable m_JobAdded;
-    std::map<std::string, Queue> m_Queues;  ///< By "host:port".
-    std::deque<Job> m_Jobs;                 ///< For the next worker that is free.
+    std::mutex m_Mutex;                 ///< Guards all below. No service but the clock is called under it.
+    std::condition_variable m_Changed;  ///< For run().
+    std::condition_variable m_Queued;   ///< For one worker, which looks at what is waiting and at m_Busy again.
+    Waiting m_Waiting;                  ///< Without those that are being sent.
+    std::set<std::string> m_Busy;       ///< The "host:port" to which one is being sent.
 
     /// Whether there may be undecided payments, so that the service clock is checked.
     bool m_Watching = false;
