@@ -105,12 +105,13 @@ void describe(CLI::App& program, Arguments& arguments) {
 }
 
 std::string readyLine(sandbox::Service const& service, Arguments const& arguments) {
-    std::string const base = service.baseUrl();
+    sandbox::Addresses const addresses = service.addresses();
+    std::string const& base = addresses.m_Plain.m_Url;
     std::string const& token = arguments.m_Options.m_Token;
-    std::string const dashboard = service.controlUrl() + "/" + (token.empty() ? "" : "?token=" + token);
+    std::string const dashboard = addresses.m_Control.m_Url + "/" + (token.empty() ? "" : "?token=" + token);
     if (!arguments.m_Json) {
-        std::string const tls = arguments.m_Options.m_Tls ? " and " + service.tlsBaseUrl() + "/auto" : "";
-        std::string const proxy = arguments.m_Options.m_Proxy ? ", proxy at " + service.proxyUrl() : "";
+        std::string const tls = arguments.m_Options.m_Tls ? " and " + addresses.m_Tls.m_Url + "/auto" : "";
+        std::string const proxy = arguments.m_Options.m_Proxy ? ", proxy at " + addresses.m_Proxy.m_Url : "";
         return "The sandbox is ready: set-up at " + base + "/auto" + tls + proxy + ", dashboard at " + dashboard;
     }
     nlohmann::json line = {{"auto", base + "/auto"},
@@ -118,22 +119,22 @@ std::string readyLine(sandbox::Service const& service, Arguments const& argument
                            {"capture", base + "/capture"},
                            {"payments", base + "/"},
                            {"dashboard", dashboard},
-                           {"control", service.controlUrl() + "/control"},
-                           {"port", service.plainPort()},
-                           {"controlPort", service.controlPort()},
-                           {"serverKeyId", service.serverKeyId()},
+                           {"control", addresses.m_Control.m_Url + "/control"},
+                           {"port", addresses.m_Plain.m_Port},
+                           {"controlPort", addresses.m_Control.m_Port},
+                           {"serverKeyId", service.services().m_Keys.current()->m_Id},
                            {"data", arguments.m_Options.m_DataDirectory}};
     if (!token.empty()) {
         line["token"] = token;
     }
     if (arguments.m_Options.m_Tls) {
-        line["tlsAuto"] = service.tlsBaseUrl() + "/auto";
-        line["tlsPort"] = service.tlsPort();
+        line["tlsAuto"] = addresses.m_Tls.m_Url + "/auto";
+        line["tlsPort"] = addresses.m_Tls.m_Port;
         line["ca"] = service.authorityFile();
     }
     if (arguments.m_Options.m_Proxy) {
-        line["proxy"] = service.proxyUrl();
-        line["proxyPort"] = service.proxyPort();
+        line["proxy"] = addresses.m_Proxy.m_Url;
+        line["proxyPort"] = addresses.m_Proxy.m_Port;
     }
     return line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }

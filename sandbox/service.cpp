@@ -19,8 +19,6 @@
 #include "sandbox/proxy/proxy.h"
 #include "sandbox/service/endpoints.h"
 #include "sandbox/service/notifier.h"
-#include "sandbox/service/paymentmoves.h"
-#include "sandbox/service/services.h"
 #include "sandbox/store/datadirectory.h"
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/wiretext.h"
@@ -96,15 +94,15 @@ struct Service::Running {
             m_TlsIdentity = makeTlsIdentity(m_Directory, options.m_Listen.m_Name);
             m_Tls = std::make_unique<Listener>(options.m_TlsPort, &m_TlsIdentity, &m_Faults, options.m_RequestTimeout,
                                                options.m_Listen);
-            m_Addresses.m_Tls = m_Tls->baseUrl();
+            m_Addresses.m_Tls = m_Tls->address();
         }
         if (options.m_Proxy) {
             m_Proxy = std::make_unique<Listener>(options.m_ProxyPort, nullptr, nullptr, options.m_RequestTimeout,
                                                  ListenAddress());
-            m_Addresses.m_Proxy = m_Proxy->baseUrl();
+            m_Addresses.m_Proxy = m_Proxy->address();
         }
-        m_Addresses.m_Plain = m_Plain.baseUrl();
-        m_Addresses.m_Control = m_Control.baseUrl();
+        m_Addresses.m_Plain = m_Plain.address();
+        m_Addresses.m_Control = m_Control.address();
         m_Faults.setRefusalListener([this](ExchangeKind kind, FaultRegistry::Moment until) { refuse(kind, until); });
         for (Fault const& fault : options.m_Faults) {
             m_Faults.arm(fault);
@@ -142,7 +140,7 @@ struct Service::Running {
     Running& operator=(Running const&) = delete;
 
     void start(Listener& listener, std::chrono::seconds silence) {
-        auto const serve = [this, baseUrl = listener.baseUrl()](Connection& connection) {
+        auto const serve = [this, baseUrl = listener.address().m_Url](Connection& connection) {
             m_Requests.serve(connection, baseUrl);
         };
         listener.start(serve, silence);
@@ -199,76 +197,19 @@ void Service::stop() {
     m_Running.reset();
 }
 
-std::uint16_t Service::plainPort() const {
-    return m_Running ? m_Running->m_Plain.port() : std::uint16_t{0};
-}
-
-std::uint16_t Service::tlsPort() const {
-    return m_Running && m_Running->m_Tls ? m_Running->m_Tls->port() : std::uint16_t{0};
-}
-
-std::uint16_t Service::controlPort() const {
-    return m_Running ? m_Running->m_Control.port() : std::uint16_t{0};
-}
-
-std::uint16_t Service::proxyPort() const {
-    return m_Running && m_Running->m_Proxy ? m_Running->m_Proxy->port() : std::uint16_t{0};
-}
-
-std::string Service::baseUrl() const {
-    return m_Running ? m_Running->m_Services.m_Addresses.m_Plain : "";
-}
-
-std::string Service::tlsBaseUrl() const {
-    return m_Running ? m_Running->m_Services.m_Addresses.m_Tls : "";
-}
-
-std::string Service::controlUrl() const {
-    return m_Running ? m_Running->m_Services.m_Addresses.m_Control : "";
-}
-
-std::string Service::proxyUrl() const {
-    return m_Running ? m_Running->m_Services.m_Addresses.m_Proxy : "";
+Addresses Service::addresses() const {
+    return m_Running ? m_Running->m_Addresses : Addresses();
 }
 
 std::string Service::authorityFile() const {
     return m_Options.m_DataDirectory + "/ca.pem";
 }
 
-std::string Service::serverKeyId() const {
-    return running().m_Keys.current()->m_Id;
-}
-
-std::string Service::rotateServerKey() {
-    return running().m_Keys.rotate()->m_Id;
-}
-
-std::vector<Payment> Service::payments() const {
-    bringUpToDate(running().m_Services);
-    return running().m_Store.payments({}, {}).m_Rows;
-}
-
-void Service::clockMoved() {
-    running().m_Notifier.wake();
-}
-
-std::vector<Exchange> Service::exchanges() const {
-    return running().m_Store.exchanges({}, {}).m_Rows;
-}
-
-std::vector<Notification> Service::notifications() const {
-    return running().m_Store.notifications();
-}
-
-FaultRegistry& Service::faults() {
-    return running().m_Faults;
-}
-
-Service::Running& Service::running() const {
+Services const& Service::services() const {
     if (!m_Running) {
         throw std::runtime_error("the sandbox is not running");
     }
-    return *m_Running;
+    return m_Running->m_Services;
 }
 
 }  // namespace sandbox

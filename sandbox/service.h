@@ -9,9 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "sandbox/faults/faultregistry.h"
 #include "sandbox/http/httptext.h"
-#include "sandbox/store/rows.h"
+#include "sandbox/service/services.h"
 
 namespace sandbox {
 
@@ -72,50 +71,17 @@ public:
     /// is cut and sent again after the next start. Harmless on a service that is not running.
     void stop();
 
-    /// The ports that are listened on; 0 when not running, `tlsPort` also without TLS, `proxyPort` without a proxy.
-    [[nodiscard]] std::uint16_t plainPort() const;
-    [[nodiscard]] std::uint16_t tlsPort() const;
-    [[nodiscard]] std::uint16_t controlPort() const;
-    [[nodiscard]] std::uint16_t proxyPort() const;
-
-    /// "http://HOST:PORT" and "https://HOST:PORT", without a slash at the end; empty when not listened on.
-    [[nodiscard]] std::string baseUrl() const;
-    [[nodiscard]] std::string tlsBaseUrl() const;
-
-    /// The address that faults never touch.
-    [[nodiscard]] std::string controlUrl() const;
-
-    /// Of the proxy, in the same form; empty without one.
-    [[nodiscard]] std::string proxyUrl() const;
+    /// Where it listens; all empty when it is not running.
+    [[nodiscard]] Addresses addresses() const;
 
     /// The file with the certificate that TLS clients must trust.
     [[nodiscard]] std::string authorityFile() const;
 
-    /// The key id of the key that signs confirmations. Throws std::runtime_error when not running, as do all below.
-    [[nodiscard]] std::string serverKeyId() const;
-
-    /// Makes a new key that signs from now on and returns its key id.
-    std::string rotateServerKey();
-
-    /// To be called when `Options::m_Clock` has jumped: overdue payments expire now, not at the next check.
-    void clockMoved();
-
-    /// All payments, oldest first.
-    [[nodiscard]] std::vector<Payment> payments() const;
-
-    /// All exchanges, oldest first.
-    [[nodiscard]] std::vector<Exchange> exchanges() const;
-
-    /// All notifications, oldest first.
-    [[nodiscard]] std::vector<Notification> notifications() const;
-
-    /// Those that are armed.
-    [[nodiscard]] FaultRegistry& faults();
+    /// What its parts work on. Throws std::runtime_error when it is not running.
+    [[nodiscard]] Services const& services() const;
 
 private:
     struct Running;
-
-    [[nodiscard]] Running& running() const;
 
     Options m_Options;
     std::unique_ptr<Running> m_Running;  ///< Null when not running.

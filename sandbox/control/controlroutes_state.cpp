@@ -22,12 +22,11 @@ namespace sandbox {
 namespace {
 
 nlohmann::json addressesJson(Addresses const& addresses) {
-    nlohmann::json out = {{"plain", addresses.m_Plain}, {"control", addresses.m_Control}};
-    if (!addresses.m_Tls.empty()) {
-        out["tls"] = addresses.m_Tls;
-    }
-    if (!addresses.m_Proxy.empty()) {
-        out["proxy"] = addresses.m_Proxy;
+    nlohmann::json out = {{"plain", addresses.m_Plain.m_Url}, {"control", addresses.m_Control.m_Url}};
+    for (auto const& [name, address] : {std::pair("tls", addresses.m_Tls), {"proxy", addresses.m_Proxy}}) {
+        if (!address.m_Url.empty()) {
+            out[name] = address.m_Url;
+        }
     }
     return out;
 }

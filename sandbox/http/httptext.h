@@ -32,6 +32,12 @@ struct ListenAddress {
     [[nodiscard]] bool isLocal() const;
 };
 
+/// A port that a service serves, as clients reach it.
+struct ServedAddress {
+    std::string m_Url;         ///< "http://HOST:PORT" or "https://HOST:PORT", without a slash at the end.
+    std::uint16_t m_Port = 0;  ///< In it.
+};
+
 /// Reads "host:port"; the port may be missing when there is a `usualPort`. Throws HttpError.
 HostPort parseHostPort(std::string const& text, std::optional<std::uint16_t> usualPort);
 

@@ -315,8 +315,9 @@ Listener::Listener(std::uint16_t port, TlsIdentity const* tls, FaultRegistry* fa
       m_RequestTimeout(timeout),
       m_Acceptor(port, address.m_Address) {}
 
-std::string Listener::baseUrl() const {
-    return (m_Tls != nullptr ? "https://" : "http://") + m_Name + ":" + std::to_string(port());
+ServedAddress Listener::address() const {
+    std::uint16_t const port = m_Acceptor.port();
+    return {(m_Tls != nullptr ? "https://" : "http://") + m_Name + ":" + std::to_string(port), port};
 }
 
 void Listener::start(Serve serve, Acceptor::Clock::duration silence) {

@@ -116,10 +116,7 @@ public:
     Listener(std::uint16_t port, TlsIdentity const* tls, FaultRegistry* faults, std::chrono::milliseconds timeout,
              ListenAddress const& address);
 
-    [[nodiscard]] std::uint16_t port() const { return m_Acceptor.port(); }
-
-    /// Without a slash at the end.
-    [[nodiscard]] std::string baseUrl() const;
+    [[nodiscard]] ServedAddress address() const;
 
     /// Serves connections with `serve` until stop(). A client that sends nothing is waited for `silence` at most.
     /// Throws std::runtime_error.
@@ -133,7 +130,7 @@ private:
     Acceptor::Serve admit();
     void serve(int socket, Acceptor::Clock::time_point accepted, std::optional<Fault> const& fault);
 
-    std::string m_Name;        ///< Of the host, in the base URL.
+    std::string m_Name;        ///< Of the host, in the address.
     TlsIdentity const* m_Tls;  ///< Borrowed; null for a plain port.
     FaultRegistry* m_Faults;   ///< Borrowed; null without faults.
     std::chrono::milliseconds m_RequestTimeout;

@@ -285,7 +285,7 @@ HttpResponse handleLogged(Services const& services, Endpoint const& endpoint, Ht
     exchange.m_Time = services.m_Clock.text(exchange.m_Account);
     stored->begin(exchange);
     // The control port has no faults, and uses none up.
-    bool const mayFail = request.m_BaseUrl != services.m_Addresses.m_Control;
+    bool const mayFail = request.m_BaseUrl != services.m_Addresses.m_Control.m_Url;
     if (mayFail) {
         Payment const* const payment = context.m_Payment ? &context.m_Payment->m_Payment : nullptr;
         context.m_Effect =

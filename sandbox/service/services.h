@@ -6,6 +6,7 @@
 
 #include "sandbox/faults/faultregistry.h"
 #include "sandbox/http/httpmessages.h"
+#include "sandbox/http/httptext.h"
 #include "sandbox/service/keyring.h"
 #include "sandbox/service/serviceclock.h"
 #include "sandbox/service/standingdecisions.h"
@@ -16,12 +17,12 @@ namespace sandbox {
 
 class Notifier;
 
-/// Where the service listens: base addresses without a slash at the end, empty where it does not.
+/// Where the service listens; empty where it does not.
 struct Addresses {
-    std::string m_Plain;
-    std::string m_Tls;
-    std::string m_Control;  ///< Plain HTTP, never touched by faults.
-    std::string m_Proxy;
+    ServedAddress m_Plain;
+    ServedAddress m_Tls;
+    ServedAddress m_Control;  ///< Plain HTTP, never touched by faults.
+    ServedAddress m_Proxy;
 };
 
 /// What every part of the service works on, shared by all threads. Everything is borrowed.

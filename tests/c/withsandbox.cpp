@@ -40,7 +40,7 @@ int main(int argc, char** argv) {
         options.m_DataDirectory = data.path();
         sandbox::Service service(options);
         service.start();
-        return run(argv[1], shop.path(), service.baseUrl() + "/auto");
+        return run(argv[1], shop.path(), service.addresses().m_Plain.m_Url + "/auto");
     } catch (std::exception const& failure) {
         std::fprintf(stderr, "withsandbox: %s\n", failure.what());
         return 1;

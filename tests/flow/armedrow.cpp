@@ -56,7 +56,7 @@ ArmedRow* ArmedRow::s_Current = nullptr;
 ArmedRow::ArmedRow(sandbox::Service& service, FaultTableRow const& row, std::string const& order, FaultSize size)
     : m_Service(service), m_Fault(faultOf(row, order, size)) {
     if (!isOfConnection(row)) {
-        m_Service.faults().arm(m_Fault);
+        m_Service.services().m_Faults.arm(m_Fault);
         return;
     }
     auto const& all = merchantExchanges();
@@ -68,13 +68,14 @@ ArmedRow::ArmedRow(sandbox::Service& service, FaultTableRow const& row, std::str
 
 ArmedRow::~ArmedRow() {
     // Refused connections are not counted, everything else happens once and is gone.
-    EXPECT_EQ(m_Service.faults().armed().empty(), m_Fault.m_Kind != FaultKind::kRefuse) << "it did not happen";
-    m_Service.faults().liftAll();
+    EXPECT_EQ(m_Service.services().m_Faults.armed().empty(), m_Fault.m_Kind != FaultKind::kRefuse)
+        << "it did not happen";
+    m_Service.services().m_Faults.liftAll();
 }
 
 int ArmedRow::connect(int socket, sockaddr const* address, socklen_t length) {
     if (s_Current->m_ConnectionsBefore-- == 0) {
-        s_Current->m_Service.faults().arm(s_Current->m_Fault);
+        s_Current->m_Service.services().m_Faults.arm(s_Current->m_Fault);
     }
     return ::connect(socket, address, length);
 }
@@ -112,7 +113,7 @@ std::vector<FaultTableRow> rowsOfProxy(bool tunnelled) {
 }
 
 long carriedOut(sandbox::Service const& service, ExchangeKind kind) {
-    std::vector<sandbox::Exchange> const all = service.exchanges();
+    std::vector<sandbox::Exchange> const all = sandboxtest::exchangesOf(service);
     return std::count_if(all.begin(), all.end(), [kind](sandbox::Exchange const& exchange) {
         return exchange.m_Kind == kind && exchange.m_Verdict == "ok";
     });
@@ -120,7 +121,7 @@ long carriedOut(sandbox::Service const& service, ExchangeKind kind) {
 
 long timesIn(sandbox::Service const& service, std::string const& token, std::string const& state) {
     long count = 0;
-    for (sandbox::Payment const& payment : service.payments()) {
+    for (sandbox::Payment const& payment : sandboxtest::paymentsOf(service)) {
         for (sandbox::HistoryEntry const& entry : payment.m_History) {
             count += payment.m_Token == token && sandbox::stateName(entry.m_State) == state ? 1 : 0;
         }

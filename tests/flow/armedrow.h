@@ -11,6 +11,7 @@
 #include "sandbox/service.h"
 #include "tests/flow/faulttable.h"
 #include "tests/flow/flowsupport.h"
+#include "tests/sandbox/support/servicerows.h"
 #include "tests/support/systemcalls.h"
 
 namespace kvxtest {

@@ -64,13 +64,13 @@ TEST_F(FaultTable, HoldsForConnectionsOfAPayment) {
 
 TEST_F(FaultTable, HoldsForTheProxy) {
     openShop();
-    shop().useProxy(service().proxyPort());
+    shop().useProxy(service().addresses().m_Proxy.m_Port);
     expectPayments(rowsOfProxy(false));
 }
 
 TEST_F(FaultTable, HoldsForTunnelsThroughTheProxy) {
     openShop(Transport::kTls);
-    shop().useProxy(service().proxyPort());
+    shop().useProxy(service().addresses().m_Proxy.m_Port);
     expectPayments(rowsOfProxy(true));
 }
 
@@ -80,7 +80,7 @@ class StrictPayments : public FaultTable {
 protected:
     void openStrictShop(Transport transport = Transport::kPlain, bool usesProxy = false) {
         openShop(transport);
-        makeStrict(shop(), usesProxy ? service().proxyPort() : std::uint16_t{0});
+        makeStrict(shop(), usesProxy ? service().addresses().m_Proxy.m_Port : std::uint16_t{0});
         beStrict();
     }
 };

@@ -23,7 +23,7 @@ public:
         EXPECT_EQ(setUp(), KVX_OK);
         m_Files = {{"config.xml", "<KVX MSGTYPE=\"SetupResponse\" VERSION=\"1\"/>", ""},
                    {"default.xml", "<KVX KVX.ISVALID=\"no\"/>", ""},
-                   {"keys/public/" + service.serverKeyId(), "an old key", ""}};
+                   {"keys/public/" + service.services().m_Keys.current()->m_Id, "an old key", ""}};
         for (File& file : m_Files) {
             file.m_Fresh = m_Shop.dir().read(file.m_Name);
         }

@@ -26,7 +26,7 @@ struct Received {
 
 /// Sends the request of a browser and returns the bytes of the response.
 Received receive(sandbox::Service const& service, std::string const& request) {
-    sandboxtest::RawConnection const connection(service.plainPort());
+    sandboxtest::RawConnection const connection(service.addresses().m_Plain.m_Port);
     connection.send(request);
     Received received;
     char piece[16384];

@@ -101,18 +101,18 @@ TEST_F(FaultTable, KeepsACutAnswerFromBeingASuccess) {
     openShop();
     Returned const returned = pays(shop().payment());
     ASSERT_EQ(shop().capture(returned.m_Data), KVX_OK);
-    auto const length = static_cast<std::int64_t>(service().exchanges().back().m_Response.size());
+    auto const length = static_cast<std::int64_t>(sandboxtest::exchangesOf(service()).back().m_Response.size());
     for (FaultKind const kind : {FaultKind::kTruncate, FaultKind::kNulBytes}) {
         sandbox::Fault fault;
         fault.m_Kind = kind;
         fault.m_Exchange = ExchangeKind::kCapture;
         for (std::int64_t bytes = length - 1; bytes >= 0; bytes -= bytes > length - kStep ? 1 : kStep) {
             fault.m_Bytes = bytes;
-            service().faults().arm(fault);
+            service().services().m_Faults.arm(fault);
             EXPECT_NE(shop().capture(returned.m_Data), KVX_OK) << sandbox::faultText(fault);
         }
         fault.m_Bytes = length;
-        service().faults().arm(fault);
+        service().services().m_Faults.arm(fault);
         EXPECT_EQ(shop().capture(returned.m_Data), KVX_OK);
     }
 }
@@ -139,15 +139,15 @@ TEST_F(ForeignServerKey, KeepsAFirstSetUpWithoutTheServersKeyASuccess) {
     // The key is stored under the identifier that the response names, even when another was requested.
     startService();
     EXPECT_EQ(verifyAfterSettingUpWith("stale-key,exchange=keyquery"), KVX_E_NOT_FOUND);
-    EXPECT_FALSE(shop().dir().exists("keys/public/" + service().serverKeyId()));
+    EXPECT_FALSE(shop().dir().exists("keys/public/" + service().services().m_Keys.current()->m_Id));
     EXPECT_EQ(shop().setUp(""), KVX_OK);
     expectNextPaymentWorks();
 }
 
 TEST_F(ForeignServerKey, OfAnEarlierTimeIsTakenForTheServersAfterARotation) {
     startService();
-    std::string const old = service().serverKeyId();
-    service().rotateServerKey();
+    std::string const old = service().services().m_Keys.current()->m_Id;
+    service().services().m_Keys.rotate();
     EXPECT_EQ(verifyAfterSettingUpWith("stale-key,exchange=setup"), KVX_E_NOT_FOUND);
     EXPECT_TRUE(shop().dir().exists("keys/public/" + old));
     EXPECT_EQ(shop().setUp(""), KVX_OK);
@@ -157,11 +157,11 @@ TEST_F(ForeignServerKey, OfAnEarlierTimeIsTakenForTheServersAfterARotation) {
 TEST_F(ForeignServerKey, KeepsAConfirmationUnderAnOldKeyVerifiable) {
     // Every key of the directory counts, and set-ups leave the old ones in it.
     openShop();
-    service().rotateServerKey();
+    service().services().m_Keys.rotate();
     ASSERT_EQ(shop().setUp(""), KVX_OK);
     arm("stale-key,exchange=decision");
     FlowMessage const confirmation = shop().verified(pays(shop().payment()));
-    EXPECT_NE(confirmation.get("KEYID"), service().serverKeyId());
+    EXPECT_NE(confirmation.get("KEYID"), service().services().m_Keys.current()->m_Id);
 }
 
 TEST_F(UnsignedResponse, KeepsBeingBelieved) {

@@ -149,8 +149,8 @@ Sandbox::Sandbox(bool tls) : m_Service(options(m_Dir.path(), tls)) {
 
 std::string Sandbox::exchange(std::string const& url, std::string const& request) const {
     bool const tls = url.compare(0, 6, "https:") == 0;
-    return sandboxtest::exchangeRaw(tls ? m_Service.tlsPort() : m_Service.plainPort(), request,
-                                    tls ? m_Service.authorityFile() : "");
+    return sandboxtest::exchangeRaw(tls ? m_Service.addresses().m_Tls.m_Port : m_Service.addresses().m_Plain.m_Port,
+                                    request, tls ? m_Service.authorityFile() : "");
 }
 
 std::string Sandbox::decisionRequest(std::string const& url, std::string const& decision) const {
@@ -171,7 +171,7 @@ int Sandbox::statusOf(std::string const& url) const {
 }
 
 std::string Sandbox::stateOf(std::string const& token) const {
-    for (sandbox::Payment const& payment : m_Service.payments()) {
+    for (sandbox::Payment const& payment : sandboxtest::paymentsOf(m_Service)) {
         if (payment.m_Token == token) {
             return sandbox::stateName(payment.m_State);
         }
@@ -181,14 +181,14 @@ std::string Sandbox::stateOf(std::string const& token) const {
 
 long Sandbox::accepted(std::string const& path) const {
     long count = 0;
-    for (sandbox::Exchange const& exchange : m_Service.exchanges()) {
+    for (sandbox::Exchange const& exchange : sandboxtest::exchangesOf(m_Service)) {
         count += exchange.m_Path == path && exchange.m_Verdict == "ok" ? 1 : 0;
     }
     return count;
 }
 
 std::string Sandbox::lastVerdict() const {
-    return m_Service.exchanges().back().m_Verdict;
+    return sandboxtest::exchangesOf(m_Service).back().m_Verdict;
 }
 
 void FlowTest::startService(Transport transport) {

@@ -13,6 +13,7 @@
 
 #include "sandbox/service.h"
 #include "tallowin/tallowin.h"
+#include "tests/sandbox/support/servicerows.h"
 #include "tests/support/directories.h"
 
 namespace kvxtest {
@@ -90,8 +91,8 @@ public:
     explicit Sandbox(bool tls = false);
 
     [[nodiscard]] sandbox::Service& service() { return m_Service; }
-    [[nodiscard]] std::string autoUrl() const { return m_Service.baseUrl() + "/auto"; }
-    [[nodiscard]] std::string tlsAutoUrl() const { return m_Service.tlsBaseUrl() + "/auto"; }
+    [[nodiscard]] std::string autoUrl() const { return m_Service.addresses().m_Plain.m_Url + "/auto"; }
+    [[nodiscard]] std::string tlsAutoUrl() const { return m_Service.addresses().m_Tls.m_Url + "/auto"; }
 
     /// Opens the page at `url` and returns the request that its button for `decision` sends: pay, decline or cancel.
     [[nodiscard]] std::string decisionRequest(std::string const& url, std::string const& decision) const;
@@ -149,7 +150,7 @@ protected:
     void expectNextPaymentWorks() const;
 
     /// The next matching request to the service goes wrong as `fault` says, in the sandbox's own spelling.
-    void arm(std::string const& fault) { service().faults().arm(sandbox::parseFault(fault)); }
+    void arm(std::string const& fault) { service().services().m_Faults.arm(sandbox::parseFault(fault)); }
 
 private:
     Transport m_Transport = Transport::kPlain;

@@ -19,7 +19,9 @@ namespace {
 class Gate {
 public:
     Gate(sandbox::Service const& service, int permitted)
-        : m_Port(service.plainPort()), m_Permitted(permitted), m_Server([this](Peer& peer) { serve(peer); }) {}
+        : m_Port(service.addresses().m_Plain.m_Port),
+          m_Permitted(permitted),
+          m_Server([this](Peer& peer) { serve(peer); }) {}
 
     [[nodiscard]] std::string autoUrl() const { return "http://127.0.0.1:" + m_Server.portText() + "/auto"; }
 
@@ -45,8 +47,8 @@ TEST_F(SetUp, LeavesADirectoryInWorkingOrder) {
     EXPECT_EQ(current.find("0-1001-"), 0U) << current;
     EXPECT_TRUE(shop().dir().exists("keys/public/" + current));
     EXPECT_TRUE(shop().dir().exists("keys/private/" + current));
-    EXPECT_TRUE(shop().dir().exists("keys/public/" + service().serverKeyId()));
-    EXPECT_FALSE(shop().dir().exists("keys/private/" + service().serverKeyId()));
+    EXPECT_TRUE(shop().dir().exists("keys/public/" + service().services().m_Keys.current()->m_Id));
+    EXPECT_FALSE(shop().dir().exists("keys/private/" + service().services().m_Keys.current()->m_Id));
     EXPECT_NE(shop().dir().read("config.xml").find("MSGTYPE=\"SetupResponse\""), std::string::npos);
     EXPECT_NE(shop().dir().read("default.xml").find("MSGTYPE=\"LoadDefaultsResponse\""), std::string::npos);
     EXPECT_EQ(std::filesystem::status(shop().dir().file("keys/private/" + current)).permissions(),
@@ -81,10 +83,10 @@ TEST_F(SetUp, WithWrongCredentialsIsRefusedAndWritesNothing) {
 
 TEST_F(SetUp, WithAnotherAddressIsRefused) {
     startService();
-    EXPECT_EQ(shop().setUp(service().baseUrl() + "/nothing"), KVX_E_HTTP_NOT_FOUND);
+    EXPECT_EQ(shop().setUp(service().addresses().m_Plain.m_Url + "/nothing"), KVX_E_HTTP_NOT_FOUND);
     // Without a slash after the authority its last part is not found: the host, or the port.
     EXPECT_EQ(shop().setUp("http://127.0.0.1"), KVX_E_HTTP_NAME_LOOKUP);
-    EXPECT_EQ(shop().setUp(service().baseUrl()), KVX_E_SOCKET_REFUSED);
+    EXPECT_EQ(shop().setUp(service().addresses().m_Plain.m_Url), KVX_E_SOCKET_REFUSED);
     EXPECT_EQ(shop().setUp("nonsense"), KVX_E_INVALID_URL);
 }
 

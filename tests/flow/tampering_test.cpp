@@ -113,7 +113,7 @@ TEST_F(Tampering, WithTheSignatureOfAnotherConfirmationIsRefused) {
 
 TEST_F(Tampering, ByNamingTheMerchantsOwnKeyIsRefused) {
     std::string const own = shop().dir().read("keys/current");
-    std::string const server = service().serverKeyId();
+    std::string const server = service().services().m_Keys.current()->m_Id;
     Returned changed = m_Genuine;
     std::size_t const at = changed.m_Data.find(server);
     ASSERT_NE(at, std::string::npos);
@@ -122,7 +122,7 @@ TEST_F(Tampering, ByNamingTheMerchantsOwnKeyIsRefused) {
 }
 
 TEST_F(Tampering, ByNamingAKeyOutsideTheDirectoryFindsNone) {
-    std::string const server = service().serverKeyId();
+    std::string const server = service().services().m_Keys.current()->m_Id;
     for (std::string const& keyId : {"../public/" + server, "./" + server, std::string(".."), std::string("."),
                                      std::string("/dev/zero"), std::string("")}) {
         Returned changed = m_Genuine;

@@ -162,7 +162,7 @@ TEST_F(Evidence, IsCheckedWithOpensslAlone) {
 TEST_F(Evidence, HasTheFingerprintOfTheKeyFile) {
     pay();
     nlohmann::json const evidence = m_Ledger.evidence();
-    std::string const keyId = service().serverKeyId();
+    std::string const keyId = service().services().m_Keys.current()->m_Id;
     EXPECT_EQ(evidence.at("keys").at(0).at("keyId"), keyId);
     m_Dir.write("key.hex", shop().dir().read("keys/public/" + keyId));
     EXPECT_EQ(shell("python3 -c \"import sys; sys.stdout.buffer.write(bytes.fromhex(open('key.hex').read().strip()))\" "

@@ -78,7 +78,7 @@ protected:
     /// How many requests of the kind the service carried out for an order.
     long carriedOut(std::string const& order, sandbox::ExchangeKind kind) {
         long count = 0;
-        for (sandbox::Exchange const& exchange : service().exchanges()) {
+        for (sandbox::Exchange const& exchange : sandboxtest::exchangesOf(service())) {
             count += exchange.m_Order == order && exchange.m_Kind == kind && exchange.m_Verdict == "ok" ? 1 : 0;
         }
         return count;
@@ -208,7 +208,7 @@ TEST_F(Processes, LeaveAKeyThatWorksWhenKilledAtAnyPointOfARenewal) {
     for (int point = 1;; ++point) {
         SCOPED_TRACE(point);
         std::string const before = shop().dir().read("keys/current");
-        service().rotateServerKey();
+        service().services().m_Keys.rotate();
         Ended const killed = run({"renew", autoUrl()}, point);
         if (killed.m_Signal == 0) {
             EXPECT_EQ(killed.m_Status, 0);
@@ -231,7 +231,7 @@ TEST_F(Processes, LeaveAKeyThatWorksWhenKilledAtAnyPointOfARenewal) {
         ASSERT_EQ(m_Ledger.state(purchase.m_Number), "captured");
     }
     // The service knows no key whose private half is lost.
-    for (sandbox::Exchange const& exchange : service().exchanges()) {
+    for (sandbox::Exchange const& exchange : sandboxtest::exchangesOf(service())) {
         if (exchange.m_Kind == sandbox::ExchangeKind::kKeyExport && exchange.m_Verdict == "ok") {
             std::string const keyId = sandboxtest::attributeOf(exchange.m_Data, "KEYID");
             EXPECT_TRUE(shop().dir().exists("keys/private/" + keyId)) << keyId;

@@ -133,8 +133,8 @@ TEST_F(Renewal, RefusesAnotherKeyUnderAnIdThatIsKnown) {
     Renewed const renewed = renew(m_Ledger);
     EXPECT_EQ(renewed.m_Code, KVX_E_INVALID_KEY) << lastLedgerError();
     EXPECT_EQ(renewed.m_Outcome, KVX_LEDGER_RENEWAL_IN_DOUBT) << "the service has the new key all the same";
-    EXPECT_EQ(content().at("keys/public/" + service().serverKeyId()),
-              before.at("keys/public/" + service().serverKeyId()));
+    EXPECT_EQ(content().at("keys/public/" + service().services().m_Keys.current()->m_Id),
+              before.at("keys/public/" + service().services().m_Keys.current()->m_Id));
     pay();
     renew();
 }
@@ -148,8 +148,8 @@ TEST_F(Renewal, IsFinishedByTheWorker) {
     for (char const* name : {"config.xml", "default.xml"}) {
         shop().dir().write(std::string(".renewal/next/") + name, files.at(name));
     }
-    for (std::string const& name : {"keys/public/" + service().serverKeyId(), "keys/public/" + after,
-                                    "keys/private/" + after, std::string("keys/current")}) {
+    for (std::string const& name : {"keys/public/" + service().services().m_Keys.current()->m_Id,
+                                    "keys/public/" + after, "keys/private/" + after, std::string("keys/current")}) {
         shop().dir().write(".renewal/next/" + name, files.at(name));
     }
     shop().dir().write(".renewal/next/generation", "1");
@@ -180,7 +180,7 @@ TEST_F(Renewal, WorksOnAStoreOfVersion2) {
 
 TEST_F(Renewal, AcceptsConfirmationsUnderBothKeysOfTheService) {
     Returned const old = paid(m_Ledger, "OLD");
-    service().rotateServerKey();
+    service().services().m_Keys.rotate();
     Returned const early = paid(m_Ledger, "EARLY");
     Confirmed const kept = m_Ledger.confirm(early.m_Data, early.m_Signature);
     EXPECT_EQ(kept.m_Outcome, "KEPT") << "to be answered with 503";
@@ -194,7 +194,7 @@ TEST_F(Renewal, AcceptsConfirmationsUnderBothKeysOfTheService) {
 TEST_F(Renewal, EndsTheOldKeyOfTheServiceAfterOldKeySeconds) {
     Returned const returned = paid(m_Ledger, "LATE");
     std::int64_t const start = m_Ledger.attempt(1, "LATE").at("created");
-    service().rotateServerKey();
+    service().services().m_Keys.rotate();
     m_Ledger.option("NOW", std::to_string(start + 1000));
     renew();
     m_Ledger.option("OLDKEYSECONDS", "60");
@@ -241,7 +241,7 @@ TEST_F(Renewal, DisturbsNoPayment) {
     }
     for (int renewal = 0; renewal < kRenewals; ++renewal) {
         if (renewal % 2 == 0) {
-            service().rotateServerKey();
+            service().services().m_Keys.rotate();
         }
         renew();
         int const seen = payments;

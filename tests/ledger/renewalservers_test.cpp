@@ -46,7 +46,7 @@ TEST_F(RenewalServers, TakeTheKeyOverInTheirNextRun) {
 
 TEST_F(RenewalServers, AcceptConfirmationsUnderTheOldAndTheNewKeyOfTheService) {
     Returned const old = paid(m_Ledger, "OLD");
-    service().rotateServerKey();
+    service().services().m_Keys.rotate();
     Returned const early = paid(m_Ledger, "EARLY");
     for (LedgerHandle const* ledger : {&m_Ledger, &m_Second}) {
         EXPECT_EQ(ledger->confirm(early.m_Data, early.m_Signature).m_Outcome, "KEPT");

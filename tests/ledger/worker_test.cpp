@@ -17,7 +17,7 @@ protected:
     /// How many requests of the kind the service carried out.
     long carriedOut(sandbox::ExchangeKind kind) {
         long count = 0;
-        for (sandbox::Exchange const& exchange : service().exchanges()) {
+        for (sandbox::Exchange const& exchange : sandboxtest::exchangesOf(service())) {
             count += exchange.m_Kind == kind && exchange.m_Verdict == "ok" ? 1 : 0;
         }
         return count;
@@ -451,7 +451,7 @@ TEST_F(Worker, LearnsThatAnAuthorisationHasLapsed) {
         }
     }
     // An authorisation lasts a day.
-    std::string const ahead = sandboxtest::exchangeRaw(service().controlPort(),
+    std::string const ahead = sandboxtest::exchangeRaw(service().addresses().m_Control.m_Port,
                                                        sandboxtest::jsonPost("/control/clock", R"({"ahead": 90000})"));
     EXPECT_EQ(sandboxtest::parseResponse(ahead).m_Status, 200) << ahead;
     std::int64_t const expires = m_Ledger.attempt(1, "L-1").at("expires");

@@ -28,10 +28,11 @@ class FaultySession : public testing::Test {
 protected:
     explicit FaultySession(bool tls = false) : m_Service(options(m_Dir.path(), tls)) { m_Service.start(); }
 
-    void arm(std::string const& fault) { m_Service.faults().arm(sandbox::parseFault(fault)); }
+    void arm(std::string const& fault) { m_Service.services().m_Faults.arm(sandbox::parseFault(fault)); }
 
     [[nodiscard]] std::string port(std::string const& scheme) const {
-        return std::to_string(scheme == "https" ? m_Service.tlsPort() : m_Service.plainPort());
+        return std::to_string(scheme == "https" ? m_Service.addresses().m_Tls.m_Port
+                                                : m_Service.addresses().m_Plain.m_Port);
     }
 
     static std::string path(std::string const& keyId) {

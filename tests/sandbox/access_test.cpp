@@ -29,7 +29,7 @@ protected:
     RawResponse ask(std::string const& target, std::string const& fields = "",
                     std::string const& method = "GET") const {
         return parseResponse(exchangeRaw(
-            m_Service->controlPort(),
+            m_Service->addresses().m_Control.m_Port,
             method + " " + target + " HTTP/1.1\r\nHost: sandbox.example\r\nConnection: close\r\n" + fields + "\r\n"));
     }
 
@@ -73,7 +73,9 @@ TEST(HttpAddress, IsOfTlsWhereThatIsAllowed) {
 }
 
 TEST_F(Access, NeedsNoTokenOnThisMachine) {
-    EXPECT_EQ(parseResponse(exchangeRaw(m_Service->controlPort(), bareRequest("GET", "/control"))).m_Status, 200);
+    EXPECT_EQ(
+        parseResponse(exchangeRaw(m_Service->addresses().m_Control.m_Port, bareRequest("GET", "/control"))).m_Status,
+        200);
     EXPECT_EQ(ask("/control").m_Status, 403) << "but the name of this machine";
 }
 
@@ -94,7 +96,7 @@ TEST_F(Access, NeedsTheTokenWhereThereIsOne) {
     }
     EXPECT_EQ(ask("/control/faults", "", "DELETE").m_Status, 401);
     EXPECT_EQ(ask("/faults", "Content-Length: 0\r\n", "POST").m_Status, 401);
-    m_Service->faults().arm(sandbox::parseFault("drop,order=none"));
+    m_Service->services().m_Faults.arm(sandbox::parseFault("drop,order=none"));
     EXPECT_THAT(ask("/").m_Body, Not(HasSubstr("armed"))) << "a refusal shows nothing of the service";
     EXPECT_EQ(ask("/", "", "DELETE").m_Status, 401) << "nor which methods there are";
     EXPECT_THAT(ask("/", "Authorization: Bearer Secret-7\r\n").m_Body, HasSubstr("armed"));
@@ -117,8 +119,8 @@ TEST_F(Access, GivesABrowserACookieForTheTokenInALink) {
 
 TEST_F(Access, ListensOnTheAddressAlone) {
     restartWith("", {"127.0.0.2", "127.0.0.2"});
-    EXPECT_THAT(m_Service->baseUrl(), StartsWith("http://127.0.0.2:"));
-    for (std::uint16_t const port : {m_Service->plainPort(), m_Service->controlPort()}) {
+    EXPECT_THAT(m_Service->addresses().m_Plain.m_Url, StartsWith("http://127.0.0.2:"));
+    for (std::uint16_t const port : {m_Service->addresses().m_Plain.m_Port, m_Service->addresses().m_Control.m_Port}) {
         EXPECT_TRUE(connects("127.0.0.2", port));
         EXPECT_FALSE(connects("127.0.0.1", port));
     }
@@ -141,9 +143,10 @@ TEST_F(Access, HasItsNameInAddressesAndCertificate) {
     restart(with);
     std::string const target = "/auto?DATA=" + percentEncoded("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>");
     EXPECT_EQ(attributeOf(get(target, "demo", "demo").m_Body, "VTURL"),
-              "http://sandbox.example:" + std::to_string(m_Service->plainPort()) + "/pay");
+              "http://sandbox.example:" + std::to_string(m_Service->addresses().m_Plain.m_Port) + "/pay");
     auto const overTls = [this](std::string const& host) {
-        return exchangeRaw(m_Service->tlsPort(), merchantGet("/health"), m_Service->authorityFile(), host);
+        return exchangeRaw(m_Service->addresses().m_Tls.m_Port, merchantGet("/health"), m_Service->authorityFile(),
+                           host);
     };
     EXPECT_THAT(overTls("sandbox.example"), HasSubstr(" 200 "));
     EXPECT_THAT(overTls("localhost"), HasSubstr(" 200 "));
@@ -170,8 +173,8 @@ protected:
         std::string const address = " NOTIFYADDRESS=\"https://127.0.0.1:" + shop.portText() + "/notified\"";
         std::string const token = "t" + std::to_string(++m_Count);
         press(openPage(m_Merchant.payInit(token, address)), "pay");
-        EXPECT_TRUE(comesTrue([this] { return !m_Service->notifications().back().m_Pending; }));
-        return m_Service->notifications().back().m_Outcome;
+        EXPECT_TRUE(comesTrue([this] { return !sandboxtest::notificationsOf(*m_Service).back().m_Pending; }));
+        return sandboxtest::notificationsOf(*m_Service).back().m_Outcome;
     }
 
     kvxtest::CertificateOptions of(std::string const& hosts) const {
@@ -195,8 +198,8 @@ protected:
 
 TEST_F(TlsNotification, ReachesAMerchantWhoseCertificateIsFromTheAuthority) {
     EXPECT_EQ(outcome(kvxtest::TlsIdentity(of("IP:127.0.0.1"))), "delivered: 200");
-    EXPECT_THAT(m_Service->exchanges().back().m_Request, StartsWith("GET /notified?DATA="));
-    EXPECT_THAT(m_Service->exchanges().back().m_Response, HasSubstr("200 OK"));
+    EXPECT_THAT(sandboxtest::exchangesOf(*m_Service).back().m_Request, StartsWith("GET /notified?DATA="));
+    EXPECT_THAT(sandboxtest::exchangesOf(*m_Service).back().m_Response, HasSubstr("200 OK"));
     EXPECT_EQ(outcome(kvxtest::TlsIdentity(of("IP:127.0.0.1")), true, "HTTP/1.1 500 No\r\nContent-Length: 0\r\n\r\n"),
               "given up: the merchant answered 500");
 }

@@ -38,23 +38,24 @@ protected:
     }
 
     [[nodiscard]] RawResponse getTls(std::string const& target, std::string const& host = "127.0.0.1") const {
-        return parseResponse(
-            exchangeRaw(m_Service->tlsPort(), merchantGet(target, "demo", "demo"), m_Service->authorityFile(), host));
+        return parseResponse(exchangeRaw(m_Service->addresses().m_Tls.m_Port, merchantGet(target, "demo", "demo"),
+                                         m_Service->authorityFile(), host));
     }
 };
 
 TEST_F(SandboxService, KeepsKeysAndPaymentsOverARestart) {
-    std::string const query = "<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"" + m_Service->serverKeyId() + "\"/>";
+    std::string const query =
+        "<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"" + m_Service->services().m_Keys.current()->m_Id + "\"/>";
     std::string const serverKey = askAuto(query);
     std::string const confirm = authorise("t1");
-    std::vector<sandbox::HistoryEntry> const history = m_Service->payments().at(0).m_History;
-    std::size_t const exchanges = m_Service->exchanges().size();
+    std::vector<sandbox::HistoryEntry> const history = sandboxtest::paymentsOf(*m_Service).at(0).m_History;
+    std::size_t const exchanges = sandboxtest::exchangesOf(*m_Service).size();
     restart();
     EXPECT_EQ(askAuto(query), serverKey);
-    ASSERT_EQ(m_Service->payments().size(), 1u);
-    EXPECT_EQ(m_Service->payments()[0].m_History.size(), history.size());
-    EXPECT_EQ(m_Service->payments()[0].attribute("ORDERID"), "A-17");
-    EXPECT_EQ(m_Service->exchanges().size(), exchanges + 1);
+    ASSERT_EQ(sandboxtest::paymentsOf(*m_Service).size(), 1u);
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service)[0].m_History.size(), history.size());
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service)[0].attribute("ORDERID"), "A-17");
+    EXPECT_EQ(sandboxtest::exchangesOf(*m_Service).size(), exchanges + 1);
     EXPECT_EQ(attributeOf(askCapture(confirm), "RESULT"), "captured");
 }
 
@@ -66,8 +67,8 @@ TEST_F(SandboxService, ReportsOfRequestsThatAKillCutOff) {
             "('2023-11-14T22:13:20Z', 'capture', 'A-17', '/capture', '<KVX/>', 'GET /capture HTTP/1.0')");
     for (int start = 0; start < 2; ++start) {
         restart();
-        ASSERT_EQ(m_Service->exchanges().size(), 2u) << "the publishing of the key comes first";
-        sandbox::Exchange const cut = m_Service->exchanges().back();
+        ASSERT_EQ(sandboxtest::exchangesOf(*m_Service).size(), 2u) << "the publishing of the key comes first";
+        sandbox::Exchange const cut = sandboxtest::exchangesOf(*m_Service).back();
         EXPECT_EQ(cut.m_Verdict, "not answered: the sandbox ended before");
         EXPECT_EQ(cut.m_Time, "2023-11-14T22:13:20Z");
         EXPECT_EQ(cut.m_Kind, sandbox::ExchangeKind::kCapture);
@@ -82,56 +83,58 @@ TEST_F(SandboxService, ReportsOfRequestsThatAKillCutOff) {
 
 TEST_F(SandboxService, CarriesOutNothingThatItCannotRecord) {
     std::string const confirm = authorise("t1");
-    std::size_t const exchanges = m_Service->exchanges().size();
+    std::size_t const exchanges = sandboxtest::exchangesOf(*m_Service).size();
     sandbox::Database database(m_Directory.path() + "/sandbox.db");
     database.execute("ALTER TABLE exchanges RENAME TO elsewhere; ALTER TABLE begun_exchanges RENAME TO nowhere");
     RawResponse const failed = get("/capture" + m_Merchant.signedQuery(confirm));
     EXPECT_EQ(failed.m_Status, 500);
     EXPECT_THAT(failed.m_Body, StartsWith("The sandbox failed: database: no such table"));
     EXPECT_THAT(failed.m_Body, HasSubstr("/sandbox.db)"));
-    EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kAuthorised);
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service)[0].m_State, sandbox::PaymentState::kAuthorised);
     database.execute("ALTER TABLE elsewhere RENAME TO exchanges; ALTER TABLE nowhere RENAME TO begun_exchanges");
-    EXPECT_EQ(m_Service->exchanges().size(), exchanges);
+    EXPECT_EQ(sandboxtest::exchangesOf(*m_Service).size(), exchanges);
     EXPECT_EQ(attributeOf(askCapture(confirm), "RESULT"), "captured");
 }
 
 TEST_F(SandboxService, ReportsThatItCouldNotRecordWhatItDid) {
     std::string const confirm = authorise("t1");
-    std::size_t const exchanges = m_Service->exchanges().size();
+    std::size_t const exchanges = sandboxtest::exchangesOf(*m_Service).size();
     sandbox::Database database(m_Directory.path() + "/sandbox.db");
     database.execute("ALTER TABLE exchanges RENAME TO elsewhere");
     RawResponse const failed = get("/capture" + m_Merchant.signedQuery(confirm));
     EXPECT_EQ(failed.m_Status, 500);
     EXPECT_THAT(failed.m_Body, StartsWith("The sandbox failed: database: no such table"));
     database.execute("ALTER TABLE elsewhere RENAME TO exchanges");
-    EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kCaptured);
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service)[0].m_State, sandbox::PaymentState::kCaptured);
     restart();
-    ASSERT_EQ(m_Service->exchanges().size(), exchanges + 1);
+    ASSERT_EQ(sandboxtest::exchangesOf(*m_Service).size(), exchanges + 1);
     EXPECT_EQ(lastVerdict(), "not answered: the sandbox ended before");
     EXPECT_EQ(attributeOf(askCapture(confirm), "RESULT"), "captured");
 }
 
 TEST_F(SandboxService, FailsInTheFormOfTheControlApiThere) {
     sandbox::Database(m_Directory.path() + "/sandbox.db").execute("ALTER TABLE payments RENAME TO gone");
-    RawResponse const failed = parseResponse(exchangeRaw(m_Service->controlPort(), merchantGet("/control/payments")));
+    RawResponse const failed =
+        parseResponse(exchangeRaw(m_Service->addresses().m_Control.m_Port, merchantGet("/control/payments")));
     EXPECT_EQ(failed.m_Status, 500);
     EXPECT_THAT(failed.m_Body, HasSubstr("\"error\": \"the sandbox failed: database: no such table"));
 }
 
 TEST_F(SandboxService, EndsOnAllPortsAtOnce) {
-    m_Service->faults().arm(sandbox::parseFault("stall-before,exchange=setup"));
-    RawConnection const stuck(m_Service->plainPort());
+    m_Service->services().m_Faults.arm(sandbox::parseFault("stall-before,exchange=setup"));
+    RawConnection const stuck(m_Service->addresses().m_Plain.m_Port);
     stuck.send(
         merchantGet("/auto?DATA=" + percentEncoded("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>"), "demo", "demo"));
     // A response that no client reads keeps one port from stopping.
-    m_Service->faults().arm(sandbox::parseFault("huge,exchange=keyquery"));
-    RawConnection const unread(m_Service->plainPort());
+    m_Service->services().m_Faults.arm(sandbox::parseFault("huge,exchange=keyquery"));
+    RawConnection const unread(m_Service->addresses().m_Plain.m_Port);
     unread.send(merchantGet("/auto?DATA=" + percentEncoded("<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"1-SERVER-1\"/>"),
                             "demo", "demo"));
     char byte = 0;
     ASSERT_EQ(::recv(unread.get(), &byte, 1, 0), 1);
-    RawConnection const control(m_Service->controlPort());
-    EXPECT_EQ(parseResponse(exchangeRaw(m_Service->controlPort(), merchantGet("/control"))).m_Status, 200)
+    RawConnection const control(m_Service->addresses().m_Control.m_Port);
+    EXPECT_EQ(parseResponse(exchangeRaw(m_Service->addresses().m_Control.m_Port, merchantGet("/control"))).m_Status,
+              200)
         << "and so the one before is accepted";
     std::future<void> const stopped = std::async(std::launch::async, [this] { m_Service->stop(); });
     // A silent connection on another port is closed before that one is cut.
@@ -149,7 +152,7 @@ TEST_F(SandboxService, RecordsARequestOnWhichItFails) {
     EXPECT_THAT(failed.m_Body, StartsWith("The sandbox failed: database: no such table"));
     EXPECT_THAT(lastVerdict(), StartsWith("the sandbox failed: database: no such table"));
     database.execute("ALTER TABLE elsewhere RENAME TO history");
-    EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kAuthorised);
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service)[0].m_State, sandbox::PaymentState::kAuthorised);
 }
 
 TEST_F(SandboxService, TakesANewPasswordForAKnownAccount) {
@@ -164,12 +167,12 @@ TEST_F(SandboxService, TakesANewPasswordForAKnownAccount) {
 }
 
 TEST_F(SandboxService, StopsAndStartsAgain) {
-    std::uint16_t const port = m_Service->plainPort();
+    std::uint16_t const port = m_Service->addresses().m_Plain.m_Port;
     m_Service->stop();
     m_Service->stop();
-    EXPECT_EQ(m_Service->plainPort(), 0);
-    EXPECT_EQ(m_Service->baseUrl(), "");
-    EXPECT_THROW((void)m_Service->payments(), std::runtime_error);
+    EXPECT_EQ(m_Service->addresses().m_Plain.m_Port, 0);
+    EXPECT_EQ(m_Service->addresses().m_Plain.m_Url, "");
+    EXPECT_THROW((void)sandboxtest::paymentsOf(*m_Service), std::runtime_error);
     EXPECT_THROW(exchangeRaw(port, "GET / HTTP/1.0\r\n\r\n"), std::runtime_error);
     m_Service->start();
     EXPECT_EQ(get("/").m_Status, 200);
@@ -180,7 +183,7 @@ TEST_F(SandboxService, RefusesAPortThatIsTaken) {
     TemporaryDirectory const other;
     sandbox::Options second = options();
     second.m_DataDirectory = other.path();
-    second.m_Port = m_Service->plainPort();
+    second.m_Port = m_Service->addresses().m_Plain.m_Port;
     sandbox::Service service(second);
     try {
         service.start();
@@ -188,11 +191,11 @@ TEST_F(SandboxService, RefusesAPortThatIsTaken) {
     } catch (std::runtime_error const& error) {
         EXPECT_THAT(error.what(), HasSubstr("cannot listen on 127.0.0.1:" + std::to_string(second.m_Port)));
     }
-    EXPECT_EQ(service.plainPort(), 0);
+    EXPECT_EQ(service.addresses().m_Plain.m_Port, 0);
 }
 
 TEST_F(SandboxService, LetsGoOfThePortWhenTlsCannotStart) {
-    std::uint16_t const port = m_Service->plainPort();
+    std::uint16_t const port = m_Service->addresses().m_Plain.m_Port;
     TemporaryDirectory const other;
     sandbox::Options blocking = options();
     blocking.m_DataDirectory = other.path();
@@ -202,12 +205,12 @@ TEST_F(SandboxService, LetsGoOfThePortWhenTlsCannotStart) {
     sandbox::Options blocked = options();
     blocked.m_Port = port;
     blocked.m_Tls = true;
-    blocked.m_TlsPort = blocker.plainPort();
+    blocked.m_TlsPort = blocker.addresses().m_Plain.m_Port;
     EXPECT_THROW(sandbox::Service(blocked).start(), std::runtime_error);
     blocked.m_Tls = false;
     sandbox::Service again(blocked);
     again.start();
-    EXPECT_EQ(again.plainPort(), port);
+    EXPECT_EQ(again.addresses().m_Plain.m_Port, port);
 }
 
 TEST_F(SandboxService, RefusesADataDirectoryThatIsInUse) {
@@ -244,13 +247,13 @@ TEST_F(TlsSandboxService, IsTrustedThroughItsAuthorityUnderBothNames) {
     EXPECT_EQ(getTls("/").m_Status, 200);
     EXPECT_EQ(getTls("/", "localhost").m_Status, 200);
     EXPECT_THROW((void)getTls("/", "example.com"), std::runtime_error);
-    EXPECT_NE(m_Service->tlsPort(), m_Service->plainPort());
+    EXPECT_NE(m_Service->addresses().m_Tls.m_Port, m_Service->addresses().m_Plain.m_Port);
 }
 
 TEST_F(TlsSandboxService, AnswersSetupWithAddressesOfTheSameKind) {
     std::string const target = "/auto?DATA=" + percentEncoded("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>");
     std::string const overTls = getTls(target).m_Body;
-    std::string const base = "https://127.0.0.1:" + std::to_string(m_Service->tlsPort());
+    std::string const base = "https://127.0.0.1:" + std::to_string(m_Service->addresses().m_Tls.m_Port);
     EXPECT_EQ(attributeOf(overTls, "VTURL"), base + "/pay");
     EXPECT_EQ(attributeOf(overTls, "CAPTUREURL"), base + "/capture");
     EXPECT_EQ(attributeOf(overTls, "KVX.VTAUTOURL"), base + "/auto");
@@ -267,12 +270,13 @@ TEST_F(TlsSandboxService, KeepsItsCertificatesOverARestart) {
     std::string const kept = copy.path() + "/ca.pem";
     std::filesystem::copy_file(m_Service->authorityFile(), kept);
     SetUp();
-    RawResponse const response = parseResponse(exchangeRaw(m_Service->tlsPort(), merchantGet("/"), kept));
+    RawResponse const response =
+        parseResponse(exchangeRaw(m_Service->addresses().m_Tls.m_Port, merchantGet("/"), kept));
     EXPECT_EQ(response.m_Status, 200);
 }
 
 TEST_F(TlsSandboxService, SurvivesPlainTalkOnTheTlsPort) {
-    EXPECT_THROW(parseResponse(exchangeRaw(m_Service->tlsPort(), merchantGet("/"))), std::runtime_error);
+    EXPECT_THROW(parseResponse(exchangeRaw(m_Service->addresses().m_Tls.m_Port, merchantGet("/"))), std::runtime_error);
     EXPECT_EQ(getTls("/").m_Status, 200);
 }
 

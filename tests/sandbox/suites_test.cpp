@@ -20,7 +20,7 @@ constexpr int kRounds = 15;
 class Suites : public SandboxTest {
 protected:
     json control(std::string const& request, int status = 200) const {
-        RawResponse const response = parseResponse(exchangeRaw(m_Service->controlPort(), request));
+        RawResponse const response = parseResponse(exchangeRaw(m_Service->addresses().m_Control.m_Port, request));
         EXPECT_EQ(response.m_Status, status) << response.m_Body;
         return json::parse(response.m_Body);
     }
@@ -97,7 +97,7 @@ TEST_F(Suites, WithEqualOrdersInParallelDoNotMeet) {
     one.get();
     EXPECT_EQ(listed("payments", "account=demo"), before) << "no suite touches a third account";
     EXPECT_EQ(listed("exchanges", "account=demo").size(), 2u);
-    EXPECT_TRUE(m_Service->faults().armed().empty());
+    EXPECT_TRUE(m_Service->services().m_Faults.armed().empty());
 }
 
 }  // namespace

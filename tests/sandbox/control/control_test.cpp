@@ -24,7 +24,7 @@ using ::testing::IsEmpty;
 class Control : public SandboxTest {
 protected:
     [[nodiscard]] RawResponse ask(std::string const& request) const {
-        return parseResponse(exchangeRaw(m_Service->controlPort(), request));
+        return parseResponse(exchangeRaw(m_Service->addresses().m_Control.m_Port, request));
     }
 
     /// The content of an answer that must have this status.
@@ -71,8 +71,9 @@ TEST_F(Control, ReportsAddressesKeyClockAndCounts) {
     openPage(m_Merchant.payInit("t1"));
     post("/control/faults", {{"kind", "drop"}});
     json const service = getJson("/control");
-    EXPECT_EQ(service.at("addresses"), (json{{"plain", m_Service->baseUrl()}, {"control", m_Service->controlUrl()}}));
-    EXPECT_EQ(service.at("serverKeyId"), m_Service->serverKeyId());
+    EXPECT_EQ(service.at("addresses"), (json{{"plain", m_Service->addresses().m_Plain.m_Url},
+                                             {"control", m_Service->addresses().m_Control.m_Url}}));
+    EXPECT_EQ(service.at("serverKeyId"), m_Service->services().m_Keys.current()->m_Id);
     EXPECT_EQ(service.at("clock"), (json{{"present", "2023-11-14T22:13:20Z"}, {"ahead", 0}, {"frozen", false}}));
     EXPECT_EQ(service.at("counts"), (json{{"accounts", 1},
                                           {"payments", 1},
@@ -90,12 +91,12 @@ TEST_F(Control, ReportsTheAddressesThatThereAre) {
     all.m_Proxy = true;
     restart(all);
     json const addresses = getJson("/control").at("addresses");
-    EXPECT_EQ(addresses.at("tls"), m_Service->tlsBaseUrl());
+    EXPECT_EQ(addresses.at("tls"), m_Service->addresses().m_Tls.m_Url);
     EXPECT_THAT(addresses.at("proxy").get<std::string>(), HasSubstr("http://127.0.0.1:"));
     std::string const overTls =
-        exchangeRaw(m_Service->tlsPort(), bareRequest("GET", "/control"), m_Service->authorityFile());
+        exchangeRaw(m_Service->addresses().m_Tls.m_Port, bareRequest("GET", "/control"), m_Service->authorityFile());
     EXPECT_EQ(json::parse(parseResponse(overTls).m_Body).at("addresses"), addresses);
-    std::string const plain = exchangeRaw(m_Service->plainPort(), bareRequest("GET", "/control"));
+    std::string const plain = exchangeRaw(m_Service->addresses().m_Plain.m_Port, bareRequest("GET", "/control"));
     EXPECT_EQ(json::parse(parseResponse(plain).m_Body).at("addresses"), addresses);
 }
 
@@ -157,7 +158,7 @@ TEST_F(Control, LiftsOneAndAll) {
     EXPECT_EQ(left.at(0).at("order"), "A-0");
     EXPECT_EQ(left.at(1).at("order"), "A-2");
     EXPECT_EQ(content(bareRequest("DELETE", "/control/faults"), 200).at("faults"), json::array());
-    EXPECT_EQ(m_Service->faults().armed().size(), 0u);
+    EXPECT_EQ(m_Service->services().m_Faults.armed().size(), 0u);
     for (char const* id : {"1", "0", "99999999999999999999"}) {
         EXPECT_THAT(error(bareRequest("DELETE", std::string("/control/faults/") + id), 404), HasSubstr(id));
     }
@@ -178,8 +179,8 @@ TEST_F(Control, ArmsWhatWasAskedFor) {
                                     (asked.contains("order") ? 0 : 1) + (asked.contains("times") ? 0 : 1))
             << armed;
     }
-    EXPECT_EQ(m_Service->faults().armed().at(1).m_Fault.m_Seconds, 0.25);
-    EXPECT_EQ(m_Service->faults().armed().at(3).m_Fault.m_Text, "a,b=c\n\u00e9");
+    EXPECT_EQ(m_Service->services().m_Faults.armed().at(1).m_Fault.m_Seconds, 0.25);
+    EXPECT_EQ(m_Service->services().m_Faults.armed().at(3).m_Fault.m_Text, "a,b=c\n\u00e9");
 }
 
 TEST_F(Control, RefusesFaultsWithTheReason) {
@@ -232,7 +233,7 @@ TEST_F(Control, RefusesFaultsWithTheReason) {
          }) {
         EXPECT_THAT(error(jsonPost("/control/faults", row.m_Body), 400), HasSubstr(row.m_Reason)) << row.m_Body;
     }
-    EXPECT_THAT(m_Service->faults().armed(), IsEmpty());
+    EXPECT_THAT(m_Service->services().m_Faults.armed(), IsEmpty());
 }
 
 TEST_F(Control, ReportsAllKindsOfFaults) {
@@ -293,7 +294,7 @@ TEST_F(Control, ReportsAPaymentFromItsOpeningToItsCapture) {
     EXPECT_EQ(payment("order=A-17").at("state"), "authorised");
     askCapture(confirm);
     json const reported = payment("order=A-17");
-    EXPECT_EQ(reported.at("id"), m_Service->payments().at(0).m_Id);
+    EXPECT_EQ(reported.at("id"), sandboxtest::paymentsOf(*m_Service).at(0).m_Id);
     EXPECT_EQ(reported.at("account"), "demo");
     EXPECT_EQ(reported.at("token"), "t1");
     EXPECT_EQ(reported.at("state"), "captured");
@@ -347,7 +348,7 @@ TEST_F(Control, FiltersPayments) {
     EXPECT_THAT(tokens("?state=opened"), ElementsAre("t2", "t3"));
     EXPECT_THAT(tokens("?state=declined&order=A-17"), ElementsAre("t1"));
     EXPECT_THAT(tokens("?state=opened&order=A-17"), IsEmpty());
-    EXPECT_THAT(tokens("?id=" + m_Service->payments().at(1).m_Id), ElementsAre("t2"));
+    EXPECT_THAT(tokens("?id=" + sandboxtest::paymentsOf(*m_Service).at(1).m_Id), ElementsAre("t2"));
     EXPECT_THAT(tokens("?id=nothing"), IsEmpty());
     EXPECT_THAT(error(bareRequest("GET", "/control/payments?state=Opened"), 400), HasSubstr("state 'Opened'"));
     EXPECT_THAT(error(bareRequest("GET", "/control/payments?order=%zz"), 400), HasSubstr("percent-encoding"));
@@ -380,7 +381,7 @@ TEST_F(Control, ReportsZeroBytes) {
     EXPECT_EQ(exchange.at("data"), data);
     EXPECT_FALSE(exchange.contains("dataHex"));
     EXPECT_THAT(exchange.at("verdict").get<std::string>(), HasSubstr("zero byte"));
-    exchangeRaw(m_Service->plainPort(), formPost("/pay/decision", std::string("a\0b\xFF", 4)));
+    exchangeRaw(m_Service->addresses().m_Plain.m_Port, formPost("/pay/decision", std::string("a\0b\xFF", 4)));
     json const posted = lastExchange();
     EXPECT_THAT(posted.at("request").get<std::string>(), ::testing::EndsWith(std::string("a\0b", 3) + "\uFFFD"));
     EXPECT_THAT(posted.at("requestHex").get<std::string>(), ::testing::EndsWith("0d0a610062ff"));
@@ -543,11 +544,11 @@ TEST_F(Control, ResetsAllButAccountsAndKeys) {
 TEST_F(Control, ReportsKeys) {
     json const keys = getJson("/control/keys");
     ASSERT_EQ(keys.at("server").size(), 1u);
-    EXPECT_EQ(keys.at("server").at(0).at("id"), m_Service->serverKeyId());
+    EXPECT_EQ(keys.at("server").at(0).at("id"), m_Service->services().m_Keys.current()->m_Id);
     EXPECT_EQ(keys.at("server").at(0).at("current"), true);
     EXPECT_EQ(keys.at("server").at(0).at("bits"), 512);
     std::string const response =
-        askAuto("<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"" + m_Service->serverKeyId() + "\"/>");
+        askAuto("<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"" + m_Service->services().m_Keys.current()->m_Id + "\"/>");
     EXPECT_EQ(keys.at("server").at(0).at("blob"), attributeOf(response, "KEYBLOB"));
     EXPECT_EQ(
         keys.at("merchants"),
@@ -555,12 +556,12 @@ TEST_F(Control, ReportsKeys) {
 }
 
 TEST_F(Control, RotatesTheKeyThatSigns) {
-    std::string const old = m_Service->serverKeyId();
+    std::string const old = m_Service->services().m_Keys.current()->m_Id;
     std::string const query = "<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"" + old + "\"/>";
     std::string const oldBlob = attributeOf(askAuto(query), "KEYBLOB");
     std::string const fresh = post("/control/keys/rotate", json::object()).at("id").get<std::string>();
     EXPECT_NE(fresh, old);
-    EXPECT_EQ(m_Service->serverKeyId(), fresh);
+    EXPECT_EQ(m_Service->services().m_Keys.current()->m_Id, fresh);
     EXPECT_EQ(attributeOf(askAuto(query), "KEYBLOB"), oldBlob);
     json const keys = getJson("/control/keys").at("server");
     ASSERT_EQ(keys.size(), 2u);
@@ -718,7 +719,7 @@ TEST_F(Control, AnswersToNamesOfThisMachineOnly) {
     EXPECT_EQ(ask("GET /control HTTP/1.0\r\n\r\n").m_Status, 200);
     post("/control/faults", {{"kind", "drop"}});
     error(bareRequest("DELETE", "/control/faults", "evil.example"), 403);
-    EXPECT_EQ(m_Service->faults().armed().size(), 1u);
+    EXPECT_EQ(m_Service->services().m_Faults.armed().size(), 1u);
 }
 
 TEST_F(Control, NeverAllowsOtherSites) {

@@ -31,13 +31,13 @@ protected:
             method + " /control" + target +
             " HTTP/1.0\r\nContent-Type: application/json\r\nContent-Length: " + std::to_string(text.size()) +
             "\r\n\r\n" + text;
-        RawResponse const response = parseResponse(exchangeRaw(m_Service->controlPort(), request));
+        RawResponse const response = parseResponse(exchangeRaw(m_Service->addresses().m_Control.m_Port, request));
         return {response.m_Status, json::parse(response.m_Body)};
     }
 
     std::string open(std::string const& token, std::string const& more = "") const {
         EXPECT_EQ(openPage(m_Merchant.payInit(token, more)).m_Status, 200);
-        return m_Service->payments().back().m_Id;
+        return sandboxtest::paymentsOf(*m_Service).back().m_Id;
     }
 
     Answer decide(std::string const& which, std::string const& decision) const {
@@ -59,13 +59,14 @@ TEST_F(Driving, DecidesAPaymentByIdOrderOrToken) {
               "http://shop.example/ok?DATA=" + percentEncoded(data) + "&SIGNATURE=" + signature);
     EXPECT_EQ(attributeOf(data, "TOKEN"), "t1");
     std::string const blob = attributeOf(
-        askAuto("<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"" + m_Service->serverKeyId() + "\"/>"), "KEYBLOB");
+        askAuto("<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"" + m_Service->services().m_Keys.current()->m_Id + "\"/>"),
+        "KEYBLOB");
     EXPECT_TRUE(verifies(blob, data, signature));
-    EXPECT_EQ(m_Service->payments()[0].m_History.back().m_Note, "the control API chose pay");
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service)[0].m_History.back().m_Note, "the control API chose pay");
     EXPECT_EQ(decide("/" + id + "/decision", "pay").m_Body, paid.m_Body) << "again is harmless";
 
     open("t2");
-    EXPECT_EQ(decide("/decision?order=A-17", "decline").m_Body.at("id"), m_Service->payments()[1].m_Id)
+    EXPECT_EQ(decide("/decision?order=A-17", "decline").m_Body.at("id"), sandboxtest::paymentsOf(*m_Service)[1].m_Id)
         << "the newest with this order";
     open("t3");
     EXPECT_EQ(decide("/decision?token=t3", "cancel").m_Body.at("result"), "cancelled");
@@ -79,7 +80,7 @@ TEST_F(Driving, RefusesDecisionsThatCannotBe) {
     EXPECT_EQ(decide("/" + id + "/decision?token=t1", "pay").m_Status, 400);
     EXPECT_EQ(decide("/" + id + "/decision", "refund").m_Status, 400);
     EXPECT_EQ(ask("POST", "/payments/" + id + "/decision", json::object()).m_Status, 400);
-    EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kOpened);
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service)[0].m_State, sandbox::PaymentState::kOpened);
     EXPECT_EQ(decide("/" + id + "/decision", "decline").m_Status, 200);
     Answer const late = decide("/" + id + "/decision", "pay");
     EXPECT_EQ(late.m_Status, 409);
@@ -88,15 +89,15 @@ TEST_F(Driving, RefusesDecisionsThatCannotBe) {
 
 TEST_F(Driving, AppliesFaultsOfMessagesToDecisionsAndNoOthers) {
     std::string const id = open("t1");
-    m_Service->faults().arm(sandbox::parseFault("drop,exchange=decision"));
-    m_Service->faults().arm(sandbox::parseFault("replay"));
-    m_Service->faults().arm(sandbox::parseFault("wrong-amount"));
+    m_Service->services().m_Faults.arm(sandbox::parseFault("drop,exchange=decision"));
+    m_Service->services().m_Faults.arm(sandbox::parseFault("replay"));
+    m_Service->services().m_Faults.arm(sandbox::parseFault("wrong-amount"));
     Answer const paid = decide("/" + id + "/decision", "pay");
     EXPECT_EQ(paid.m_Body.at("fault"), "wrong-amount");
     EXPECT_EQ(paid.m_Body.at("steps"),
               json::array({"The fault replay did not happen: the account has no earlier payment that was paid"}));
     EXPECT_EQ(attributeOf(paid.m_Body.at("data"), "AMOUNT"), "22.50");
-    EXPECT_EQ(m_Service->faults().armed().size(), 2u);
+    EXPECT_EQ(m_Service->services().m_Faults.armed().size(), 2u);
 }
 
 TEST_F(Driving, ShowsOnePayment) {
@@ -162,7 +163,7 @@ TEST_F(Driving, GivesUpWaiting) {
 
 TEST_F(Driving, EndsWaitsWhenTheServiceStops) {
     std::string const id = open("t1");
-    RawConnection const connection(m_Service->controlPort());
+    RawConnection const connection(m_Service->addresses().m_Control.m_Port);
     connection.send("GET /control/payments/" + id + "?until=captured&seconds=60 HTTP/1.0\r\n\r\n");
     auto const begin = std::chrono::steady_clock::now();
     m_Service->stop();
@@ -184,8 +185,8 @@ TEST_F(Driving, DecidesByStandingDecisions) {
     RawResponse const paid = openPage(m_Merchant.payInit("t1"));
     EXPECT_EQ(paid.m_Status, 302);
     EXPECT_THAT(paid.m_Headers.at("location"), StartsWith("http://shop.example/ok?DATA="));
-    EXPECT_EQ(m_Service->payments()[0].m_History.back().m_Note, "standing decision 3: pay");
-    EXPECT_EQ(m_Service->exchanges().back().m_Verdict, "ok");
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service)[0].m_History.back().m_Note, "standing decision 3: pay");
+    EXPECT_EQ(sandboxtest::exchangesOf(*m_Service).back().m_Verdict, "ok");
     std::string const common = " EXPIRATION=\"20991231 23:59:59\" FAILLINK=\"http://shop.example/no\"";
     RawResponse const declined = openPage(m_Merchant.bareInit(" TOKEN=\"t2\" ORDERID=\"B-1\"" + common));
     EXPECT_THAT(declined.m_Headers.at("location"), StartsWith("http://shop.example/no?DATA="));
@@ -210,7 +211,7 @@ TEST_F(Driving, CountsThePaymentsOfAStandingDecision) {
     EXPECT_EQ(statusOf("t4"), 200);
     EXPECT_EQ(ask("GET", "/decisions").m_Body.at("decisions").size(), 0u);
     std::vector<sandbox::PaymentState> states;
-    for (sandbox::Payment const& payment : m_Service->payments()) {
+    for (sandbox::Payment const& payment : sandboxtest::paymentsOf(*m_Service)) {
         states.push_back(payment.m_State);
     }
     using State = sandbox::PaymentState;
@@ -243,10 +244,10 @@ TEST_F(Driving, RemovesStandingDecisionsByAccountAndWithAReset) {
 
 TEST_F(Driving, AppliesFaultsToStandingDecisions) {
     ask("POST", "/decisions", {{"decision", "pay"}});
-    m_Service->faults().arm(sandbox::parseFault("pending"));
+    m_Service->services().m_Faults.arm(sandbox::parseFault("pending"));
     std::string const location = openPage(m_Merchant.payInit("t1")).m_Headers.at("location");
     EXPECT_EQ(attributeOf(percentDecoded(queryValue(location, "DATA")), "RESULT"), "pending");
-    EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kPending);
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service)[0].m_State, sandbox::PaymentState::kPending);
 }
 
 TEST(OrderPattern, HasStarsAndQuestionMarks) {

@@ -114,7 +114,7 @@ private:
 class Events : public SandboxTest {};
 
 TEST_F(Events, ArriveInTheOrderOfAPayment) {
-    EventClient client(m_Service->controlPort());
+    EventClient client(m_Service->addresses().m_Control.m_Port);
     EXPECT_THAT(client.head(), HasSubstr("HTTP/1.1 200 "));
     EXPECT_THAT(client.head(), HasSubstr("\r\nContent-Type: text/event-stream"));
     EXPECT_THAT(client.head(), ::testing::Not(HasSubstr("Content-Length")));
@@ -124,25 +124,25 @@ TEST_F(Events, ArriveInTheOrderOfAPayment) {
 }
 
 TEST_F(Events, SayWhatTheyAreAbout) {
-    EventClient client(m_Service->controlPort());
+    EventClient client(m_Service->addresses().m_Control.m_Port);
     openPage(m_Merchant.payInit("t1", " NOTIFYADDRESS=\"shop@example\""));
-    std::string const id = m_Service->payments().back().m_Id;
+    std::string const id = sandboxtest::paymentsOf(*m_Service).back().m_Id;
     Event const opened = client.next();
     EXPECT_EQ(opened.m_Name, "payment");
     EXPECT_EQ(opened.m_Id, "");
     EXPECT_EQ(opened.m_Data.at("id"), id);
     EXPECT_EQ(opened.m_Data.at("account"), "demo");
-    EXPECT_EQ(opened.m_Data.at("order"), m_Service->payments().back().attribute("ORDERID").value());
+    EXPECT_EQ(opened.m_Data.at("order"), sandboxtest::paymentsOf(*m_Service).back().attribute("ORDERID").value());
     Event const page = client.next();
     EXPECT_EQ(page.m_Name, "exchange");
-    EXPECT_EQ(page.m_Id, std::to_string(m_Service->exchanges().back().m_Number));
+    EXPECT_EQ(page.m_Id, std::to_string(sandboxtest::exchangesOf(*m_Service).back().m_Number));
     EXPECT_EQ(page.m_Data.at("payment"), id);
     EXPECT_EQ(page.m_Data.at("verdict"), "ok");
 }
 
 TEST_F(Events, ReportOutcomesOfNotifications) {
     RawResponse const page = openPage(m_Merchant.payInit("t1", " NOTIFYADDRESS=\"shop@example\""));
-    EventClient client(m_Service->controlPort());
+    EventClient client(m_Service->addresses().m_Control.m_Port);
     press(page, "pay");
     std::vector<Event> events;
     while (events.empty() || events.back().m_Name != "notification") {
@@ -154,11 +154,11 @@ TEST_F(Events, ReportOutcomesOfNotifications) {
 
 TEST_F(Events, GoOnAfterTheExchangeThatWasSeenLast) {
     openPage(m_Merchant.payInit("t1"));
-    std::string const seen = std::to_string(m_Service->exchanges().back().m_Number);
+    std::string const seen = std::to_string(sandboxtest::exchangesOf(*m_Service).back().m_Number);
     openPage(m_Merchant.payInit("t2"));
     openPage(m_Merchant.payInit("t3"));
-    EventClient byHeader(m_Service->controlPort(), "", "Last-Event-ID: " + seen + "\r\n");
-    EventClient byQuery(m_Service->controlPort(), "?after=" + seen);
+    EventClient byHeader(m_Service->addresses().m_Control.m_Port, "", "Last-Event-ID: " + seen + "\r\n");
+    EventClient byQuery(m_Service->addresses().m_Control.m_Port, "?after=" + seen);
     for (EventClient* client : {&byHeader, &byQuery}) {
         EXPECT_EQ(client->next().m_Data.at("token"), "t2");
         EXPECT_EQ(client->next().m_Data.at("token"), "t3");
@@ -173,15 +173,15 @@ TEST_F(Events, GoOnThroughMoreThanOnePageOfExchanges) {
     for (int i = 0; i < kMany; ++i) {
         askAuto("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>", "nobody", "x");
     }
-    EventClient client(m_Service->controlPort(), "?after=1");
+    EventClient client(m_Service->addresses().m_Control.m_Port, "?after=1");
     for (int i = 0; i < kMany; ++i) {
         ASSERT_EQ(client.next().m_Id, std::to_string(2 + i));
     }
 }
 
 TEST_F(Events, AreOfOneAccountWhenThatIsWanted) {
-    EventClient demo(m_Service->controlPort(), "?account=demo");
-    EventClient other(m_Service->controlPort(), "?account=other");
+    EventClient demo(m_Service->addresses().m_Control.m_Port, "?account=demo");
+    EventClient other(m_Service->addresses().m_Control.m_Port, "?account=other");
     askAuto("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>", "other", "x");
     openPage(m_Merchant.payInit("t1"));
     askAuto("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>", "other", "x");
@@ -192,7 +192,7 @@ TEST_F(Events, AreOfOneAccountWhenThatIsWanted) {
 TEST_F(Events, ReachManyClients) {
     std::vector<std::unique_ptr<EventClient>> clients;
     while (clients.size() < 50) {
-        clients.push_back(std::make_unique<EventClient>(m_Service->controlPort()));
+        clients.push_back(std::make_unique<EventClient>(m_Service->addresses().m_Control.m_Port));
     }
     askCapture(authorise("t1"));
     for (std::unique_ptr<EventClient> const& client : clients) {
@@ -202,8 +202,8 @@ TEST_F(Events, ReachManyClients) {
 }
 
 TEST_F(Events, EndWithTheService) {
-    EventClient client(m_Service->controlPort());
-    EventClient unread(m_Service->controlPort());
+    EventClient client(m_Service->addresses().m_Control.m_Port);
+    EventClient unread(m_Service->addresses().m_Control.m_Port);
     auto const begin = std::chrono::steady_clock::now();
     m_Service->stop();
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(4));
@@ -213,22 +213,22 @@ TEST_F(Events, EndWithTheService) {
 TEST_F(Events, NeedTheTokenAndTheRightQuery) {
     auto const status = [this](std::string const& target, std::string const& header = "") {
         return parseResponse(
-                   exchangeRaw(m_Service->controlPort(),
+                   exchangeRaw(m_Service->addresses().m_Control.m_Port,
                                "GET /control/events" + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\n" + header + "\r\n"))
             .m_Status;
     };
     EXPECT_EQ(status("?acount=demo"), 400);
     EXPECT_EQ(status("?after=x"), 400);
     EXPECT_EQ(status("", "Last-Event-ID: -1\r\n"), 400);
-    EXPECT_EQ(
-        parseResponse(exchangeRaw(m_Service->controlPort(), bareRequest("GET", "/control/events", "evil.example")))
-            .m_Status,
-        403);
+    EXPECT_EQ(parseResponse(exchangeRaw(m_Service->addresses().m_Control.m_Port,
+                                        bareRequest("GET", "/control/events", "evil.example")))
+                  .m_Status,
+              403);
     sandbox::Options guarded = options();
     guarded.m_Token = "secret";
     restart(guarded);
     EXPECT_EQ(status(""), 401);
-    EventClient const client(m_Service->controlPort(), "", "Authorization: Bearer secret\r\n");
+    EventClient const client(m_Service->addresses().m_Control.m_Port, "", "Authorization: Bearer secret\r\n");
     EXPECT_THAT(client.head(), HasSubstr("HTTP/1.1 200 "));
 }
 

@@ -25,7 +25,7 @@ protected:
              std::string const& text = "") const {
         std::string const request = method == "POST" ? jsonPost("/control" + target, text.empty() ? "{}" : text)
                                                      : bareRequest(method, "/control" + target);
-        RawResponse const response = parseResponse(exchangeRaw(m_Service->controlPort(), request));
+        RawResponse const response = parseResponse(exchangeRaw(m_Service->addresses().m_Control.m_Port, request));
         EXPECT_EQ(response.m_Status, status) << response.m_Body;
         return json::parse(response.m_Body);
     }
@@ -64,7 +64,7 @@ TEST_F(Scenarios, ArmFaultsAndStandingDecisionsTogether) {
     }
     std::string const declined = " TOKEN=\"m\" ORDERID=\"M-1\" EXPIRATION=\"20991231 23:59:59\"";
     openPage(m_Merchant.bareInit(declined));
-    EXPECT_EQ(m_Service->payments().back().m_State, sandbox::PaymentState::kDeclined);
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service).back().m_State, sandbox::PaymentState::kDeclined);
 }
 
 TEST_F(Scenarios, AreShownAsWhatIsLeftOfThem) {
@@ -164,14 +164,15 @@ TEST_F(Snapshots, SendTheNotificationsThatWerePending) {
     restart(patient);
     publishKey();
     EXPECT_EQ(press(openPage(m_Merchant.payInit("t1", dead)), "pay").m_Status, 302);
-    EXPECT_TRUE(comesTrue([this] { return m_Service->notifications().at(0).m_Attempts == 1; }));
+    EXPECT_TRUE(comesTrue([this] { return sandboxtest::notificationsOf(*m_Service).at(0).m_Attempts == 1; }));
     ask("POST", "/snapshots/waiting", 201);
     ask("POST", "/reset");
     EXPECT_EQ(press(openPage(m_Merchant.payInit("t2", dead)), "pay").m_Status, 302);
     ask("POST", "/snapshots/waiting/restore");
-    EXPECT_TRUE(comesTrue([this] { return m_Service->notifications().at(0).m_Attempts == 2; }));
+    EXPECT_TRUE(comesTrue([this] { return sandboxtest::notificationsOf(*m_Service).at(0).m_Attempts == 2; }));
     EXPECT_EQ(press(openPage(m_Merchant.payInit("t3", " NOTIFYADDRESS=\"m@localhost\"")), "pay").m_Status, 302);
-    EXPECT_TRUE(comesTrue([this] { return !m_Service->notifications().back().m_Pending; })) << "new ones as well";
+    EXPECT_TRUE(comesTrue([this] { return !sandboxtest::notificationsOf(*m_Service).back().m_Pending; }))
+        << "new ones as well";
 }
 
 TEST_F(Snapshots, AreListedReplacedAndRemoved) {
@@ -186,9 +187,9 @@ TEST_F(Snapshots, AreListedReplacedAndRemoved) {
     EXPECT_GT(listed.at(1).at("bytes"), 4096);
     EXPECT_EQ(listed.at(1).at("time").get<std::string>().size(), 20u);
     ask("POST", "/snapshots/a/restore");
-    EXPECT_EQ(m_Service->payments().size(), 0u);
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service).size(), 0u);
     ask("POST", "/snapshots/b/restore");
-    EXPECT_EQ(m_Service->payments().size(), 1u);
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service).size(), 1u);
     EXPECT_EQ(ask("DELETE", "/snapshots/a").at("snapshots").size(), 1u);
     ask("DELETE", "/snapshots/a", 404);
     ask("POST", "/snapshots/a/restore", 404);
@@ -215,7 +216,7 @@ TEST_F(Snapshots, OfALaterLayoutAreRefusedAndChangeNothing) {
     }
     pay("t1");
     EXPECT_THAT(ask("POST", "/snapshots/later/restore", 500).at("error").get<std::string>(), HasSubstr("layout 99"));
-    EXPECT_EQ(m_Service->payments().size(), 1u);
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service).size(), 1u);
 }
 
 TEST_F(Snapshots, AreConsistentWhilePaymentsAreMade) {
@@ -230,10 +231,10 @@ TEST_F(Snapshots, AreConsistentWhilePaymentsAreMade) {
     shopper.join();
     for (int i = 0; i < 5; ++i) {
         ask("POST", "/snapshots/n" + std::to_string(i) + "/restore");
-        for (sandbox::Payment const& payment : m_Service->payments()) {
+        for (sandbox::Payment const& payment : sandboxtest::paymentsOf(*m_Service)) {
             EXPECT_EQ(payment.m_State == sandbox::PaymentState::kOpened, payment.m_History.size() == 1);
         }
-        EXPECT_EQ(ask("GET", "").at("counts").at("payments"), m_Service->payments().size());
+        EXPECT_EQ(ask("GET", "").at("counts").at("payments"), sandboxtest::paymentsOf(*m_Service).size());
     }
 }
 

@@ -40,7 +40,7 @@ constexpr char kValid[] = "The signature is valid.";
 class Dashboard : public SandboxTest {
 protected:
     [[nodiscard]] RawResponse ask(std::string const& request) const {
-        return parseResponse(exchangeRaw(m_Service->controlPort(), request));
+        return parseResponse(exchangeRaw(m_Service->addresses().m_Control.m_Port, request));
     }
 
     /// Loads the page at `target` and expects this status.
@@ -75,7 +75,7 @@ protected:
                                                    "\" AMOUNT=\"" + kNasty + "\" EXPIRATION=\"20991231 23:59:59\""));
     }
 
-    [[nodiscard]] std::string onlyPayment() const { return m_Service->payments().at(0).m_Id; }
+    [[nodiscard]] std::string onlyPayment() const { return sandboxtest::paymentsOf(*m_Service).at(0).m_Id; }
 };
 
 /// The parts of a payment on the overview.
@@ -99,17 +99,17 @@ protected:
         askCapture(authorise("t1"));
         openNastyPayment();
         EXPECT_EQ(openPage(std::string("<KVX MSGTYPE=\"PayInit\" KEYID=\"\xFF\"/>")).m_Status, 400);
-        m_Service->faults().arm(sandbox::parseFault("error,exchange=setup,times=always,text=<b>\xE9"));
+        m_Service->services().m_Faults.arm(sandbox::parseFault("error,exchange=setup,times=always,text=<b>\xE9"));
         m_Pages = {"/",
                    "/?live=1",
-                   "/payment?id=" + m_Service->payments().at(0).m_Id,
-                   "/payment?id=" + m_Service->payments().at(1).m_Id,
+                   "/payment?id=" + sandboxtest::paymentsOf(*m_Service).at(0).m_Id,
+                   "/payment?id=" + sandboxtest::paymentsOf(*m_Service).at(1).m_Id,
                    "/faults",
                    "/keys",
                    "/calculator",
                    "/calculator?DATA=" + percentEncoded(m_Merchant.payInit("t1")) + "&SIGNATURE=00",
                    "/calculator?DATA=%00%ff%3cscript%3e&SIGNATURE=%00%ff%3cscript%3e"};
-        for (std::size_t number = 1; number <= m_Service->exchanges().size(); ++number) {
+        for (std::size_t number = 1; number <= sandboxtest::exchangesOf(*m_Service).size(); ++number) {
             m_Pages.push_back("/exchange?number=" + std::to_string(number));
         }
     }
@@ -229,11 +229,11 @@ TEST_F(Dashboard, ShowsTheAddressesForMerchantSetUp) {
     restart(all);
     PageReader const page = open("/");
     std::vector<std::string> const values = page.texts("//section[@aria-labelledby='set-up']//dd");
-    EXPECT_THAT(values, Contains(m_Service->baseUrl() + "/auto"));
-    EXPECT_THAT(values, Contains(m_Service->tlsBaseUrl() + "/auto"));
-    EXPECT_THAT(values, Contains(m_Service->controlUrl() + "/control"));
+    EXPECT_THAT(values, Contains(m_Service->addresses().m_Plain.m_Url + "/auto"));
+    EXPECT_THAT(values, Contains(m_Service->addresses().m_Tls.m_Url + "/auto"));
+    EXPECT_THAT(values, Contains(m_Service->addresses().m_Control.m_Url + "/control"));
     EXPECT_THAT(values, Contains("demo"));
-    EXPECT_THAT(values, Contains(m_Service->serverKeyId()));
+    EXPECT_THAT(values, Contains(m_Service->services().m_Keys.current()->m_Id));
     EXPECT_THAT(values, Contains("2023-11-14T22:13:20Z"));
     EXPECT_THAT(page.texts("//section[@aria-labelledby='set-up']//dt"), Contains("HTTP proxy"));
     restart();
@@ -250,7 +250,7 @@ TEST_F(Dashboard, ShowsPaymentsNewestFirst) {
     m_Now += 60;
     openPage(m_Merchant.message("PayInit", " TOKEN=\"t2\" EXPIRATION=\"20991231 23:59:59\""));
     PageReader const page = open("/");
-    std::vector<sandbox::Payment> const payments = m_Service->payments();
+    std::vector<sandbox::Payment> const payments = sandboxtest::paymentsOf(*m_Service);
     EXPECT_THAT(page.texts(paymentCells(1)), ElementsAre(payments.at(1).m_Id, "opened", "not given", "not given",
                                                          "demo", "2023-11-14T22:14:20Z", "1 exchange"));
     EXPECT_THAT(page.texts(paymentCells(2)), ElementsAre(payments.at(0).m_Id, "authorised", "12.50 EUR", "A-17", "demo",
@@ -259,7 +259,7 @@ TEST_F(Dashboard, ShowsPaymentsNewestFirst) {
 }
 
 TEST_F(Dashboard, FoldsExchangesUnderTheirPayment) {
-    m_Service->faults().arm(sandbox::parseFault("delay,exchange=decision,seconds=0"));
+    m_Service->services().m_Faults.arm(sandbox::parseFault("delay,exchange=decision,seconds=0"));
     askCapture(authorise("t1"));
     openPage(m_Merchant.payInit("t2"));
     PageReader const page = open("/");
@@ -308,7 +308,7 @@ TEST_F(Dashboard, PlotsOutcomesAndResponseTimes) {
     EXPECT_EQ(open("/").count("//svg"), 0u);
     press(openPage(m_Merchant.payInit("t1")), "pay");
     press(openPage(m_Merchant.payInit("t2")), "decline");
-    m_Service->faults().arm(sandbox::parseFault("http-status,exchange=page"));
+    m_Service->services().m_Faults.arm(sandbox::parseFault("http-status,exchange=page"));
     openPage(m_Merchant.payInit("t3"));
     PageReader const page = open("/");
     EXPECT_THAT(page.texts("//figure[1]/svg/rect/@class"), ElementsAre("declined", "authorised"));
@@ -326,13 +326,13 @@ TEST_F(Dashboard, ShowsAsManyPaymentsAsCanBeRead) {
     }
     PageReader const page = open("/");
     EXPECT_EQ(page.count("//ul[@class='payments']/li"), 100u);
-    EXPECT_EQ(page.text(paymentLine(1) + "/a"), m_Service->payments().back().m_Id);
+    EXPECT_EQ(page.text(paymentLine(1) + "/a"), sandboxtest::paymentsOf(*m_Service).back().m_Id);
     EXPECT_THAT(page.text("//section[@aria-labelledby='payments']/div/p"), HasSubstr("100 of 101"));
 }
 
 TEST_F(Dashboard, ShowsTheNewestExchanges) {
     openPage(m_Merchant.payInit("t1"));
-    m_Service->faults().arm(sandbox::parseFault("http-status,exchange=page"));
+    m_Service->services().m_Faults.arm(sandbox::parseFault("http-status,exchange=page"));
     openPage(m_Merchant.payInit("t2"));
     PageReader const page = open("/");
     std::vector<std::string> const failed = page.texts(tableRow("exchanges", 1));
@@ -421,8 +421,8 @@ TEST_F(Dashboard, ShowsAPaymentAsALineOfStations) {
 }
 
 TEST_F(Dashboard, ShowsWhereAPaymentFailed) {
-    m_Service->faults().arm(sandbox::parseFault("wrong-signature,exchange=decision"));
-    m_Service->faults().arm(sandbox::parseFault("refuse-capture,text=Card stolen"));
+    m_Service->services().m_Faults.arm(sandbox::parseFault("wrong-signature,exchange=decision"));
+    m_Service->services().m_Faults.arm(sandbox::parseFault("refuse-capture,text=Card stolen"));
     std::string const confirm = authorise("t1");
     EXPECT_EQ(attributeOf(askCapture(confirm), "MSGTYPE"), "Error");
     PageReader const page = open("/payment?id=" + onlyPayment());
@@ -431,9 +431,11 @@ TEST_F(Dashboard, ShowsWhereAPaymentFailed) {
     EXPECT_EQ(page.text(station("return") + "/p/span"), "wrong-signature,exchange=decision");
     EXPECT_EQ(page.text(station("capture") + "/p/span"), "Card stolen");
     press(openPage(m_Merchant.payInit("t2")), "decline");
-    EXPECT_EQ(open("/payment?id=" + m_Service->payments().at(1).m_Id).text(station("decision") + "/@class"), "bad");
+    EXPECT_EQ(
+        open("/payment?id=" + sandboxtest::paymentsOf(*m_Service).at(1).m_Id).text(station("decision") + "/@class"),
+        "bad");
     openPage(m_Merchant.payInit("t3"));
-    PageReader const undecided = open("/payment?id=" + m_Service->payments().at(2).m_Id);
+    PageReader const undecided = open("/payment?id=" + sandboxtest::paymentsOf(*m_Service).at(2).m_Id);
     EXPECT_EQ(undecided.text(station("decision") + "/@class"), "wait");
     EXPECT_EQ(undecided.text(station("return") + "/@class"), "none");
 }
@@ -515,7 +517,7 @@ TEST_F(Dashboard, ShowsAnExchange) {
     EXPECT_THAT(page.text("//section[@aria-labelledby='request']/pre"), StartsWith("GET /pay?DATA="));
     EXPECT_THAT(page.text("//section[@aria-labelledby='request']/pre"), HasSubstr(" HTTP/1.0CR\n"));
     EXPECT_THAT(page.text("//section[@aria-labelledby='answer']/pre"), StartsWith("HTTP/1.1 200 OKCR\n"));
-    std::vector<sandbox::Payment> const payments = m_Service->payments();
+    std::vector<sandbox::Payment> const payments = sandboxtest::paymentsOf(*m_Service);
     EXPECT_THAT(page.texts("//main/ul/li/a"), ElementsAre("Previous exchange", "Next exchange",
                                                           "Payment " + payments.at(0).m_Id, HasSubstr("calculator")));
     EXPECT_THAT(open("/exchange?number=1").texts("//main/ul/li/a/@href"),
@@ -534,7 +536,7 @@ TEST_F(Dashboard, ShowsWhatWasWrongWithAnExchange) {
 }
 
 TEST_F(Dashboard, ShowsAnExchangeThatWasNotChecked) {
-    m_Service->faults().arm(sandbox::parseFault("reset,exchange=capture"));
+    m_Service->services().m_Faults.arm(sandbox::parseFault("reset,exchange=capture"));
     EXPECT_THROW((void)get("/capture?DATA=" + percentEncoded("<KVX MSGTYPE=\"PayConfirm\"/>")), std::runtime_error);
     PageReader const page = open("/exchange?number=2");
     EXPECT_EQ(page.text("//main/dl/div[2]/dd"), "reset,exchange=capture");
@@ -543,11 +545,11 @@ TEST_F(Dashboard, ShowsAnExchangeThatWasNotChecked) {
 }
 
 TEST_F(Dashboard, ExplainsWhyANotificationHasNoChecks) {
-    m_Service->faults().arm(sandbox::parseFault("drop,exchange=notification"));
+    m_Service->services().m_Faults.arm(sandbox::parseFault("drop,exchange=notification"));
     press(openPage(m_Merchant.payInit("t1", " NOTIFYADDRESS=\"http://127.0.0.1:1/\"")), "pay");
     std::string number;
     ASSERT_TRUE(comesTrue([&] {
-        for (sandbox::Exchange const& exchange : m_Service->exchanges()) {
+        for (sandbox::Exchange const& exchange : sandboxtest::exchangesOf(*m_Service)) {
             if (exchange.m_Kind == sandbox::ExchangeKind::kNotification) {
                 number = std::to_string(exchange.m_Number);
             }
@@ -562,8 +564,8 @@ TEST_F(Dashboard, ExplainsWhyANotificationHasNoChecks) {
 }
 
 TEST_F(Dashboard, ShowsHowMuchOfAResponseWasSent) {
-    m_Service->faults().arm(sandbox::parseFault("truncate,exchange=status,bytes=9"));
-    exchangeRaw(m_Service->plainPort(),
+    m_Service->services().m_Faults.arm(sandbox::parseFault("truncate,exchange=status,bytes=9"));
+    exchangeRaw(m_Service->addresses().m_Plain.m_Port,
                 merchantGet("/capture" + m_Merchant.signedQuery(m_Merchant.message("StatusRequest", " TOKEN=\"t1\""))));
     PageReader const page = open("/exchange?number=2");
     EXPECT_EQ(page.text("//main/dl/div[8]/dt"), "Delivery");
@@ -574,7 +576,8 @@ TEST_F(Dashboard, ShowsTheChecksOfADecision) {
     press(openPage(m_Merchant.payInit("t1")), "decline");
     PageReader const page = open("/exchange?number=3");
     EXPECT_THAT(page.texts(tableRow("steps", 1)),
-                ElementsAre("The form came from the payment page", "payment " + m_Service->payments()[0].m_Id, "yes"));
+                ElementsAre("The form came from the payment page",
+                            "payment " + sandboxtest::paymentsOf(*m_Service)[0].m_Id, "yes"));
     EXPECT_THAT(page.texts(tableRow("steps", 2)), ElementsAre("The shopper decided", "decline", "yes"));
 }
 
@@ -591,7 +594,7 @@ TEST_F(Dashboard, ShowsAnInterruptedRequest) {
 }
 
 TEST_F(Dashboard, ShowsRawBytesOfAnExchange) {
-    exchangeRaw(m_Service->plainPort(), formPost("/pay/decision", std::string("<b>\0\xFF", 5)));
+    exchangeRaw(m_Service->addresses().m_Plain.m_Port, formPost("/pay/decision", std::string("<b>\0\xFF", 5)));
     PageReader const page = open("/exchange?number=2");
     EXPECT_THAT(page.text("//section[@aria-labelledby='request']/pre"), EndsWith("<b>\u2400\u00FF"));
     EXPECT_THAT(page.text("//section[@aria-labelledby='message']/p"), HasSubstr("no DATA"));
@@ -659,15 +662,15 @@ TEST_F(Dashboard, ArmsAndRemovesFaults) {
     EXPECT_EQ(page.text("//ol[@class='armed']/li[2]/code"), "drop,order=A 1");
     EXPECT_EQ(page.text("//ol[@class='armed']/li[2]//input[@name='id']/@value"), "2");
     EXPECT_EQ(fill("/faults/lift", {{"id", "1"}}).m_Status, 303);
-    ASSERT_EQ(m_Service->faults().armed().size(), 1u);
-    EXPECT_EQ(m_Service->faults().armed()[0].m_Id, 2);
+    ASSERT_EQ(m_Service->services().m_Faults.armed().size(), 1u);
+    EXPECT_EQ(m_Service->services().m_Faults.armed()[0].m_Id, 2);
     RawResponse const gone = fill("/faults/lift", {{"id", "1"}});
     EXPECT_EQ(gone.m_Status, 400);
     EXPECT_THAT(PageReader(gone.m_Body).text("//section[@aria-labelledby='armed']/p[@role='alert']"),
                 HasSubstr("No fault '1' is armed"));
     EXPECT_EQ(open("/faults").text("//button[@name='id']/@value"), "all");
     EXPECT_EQ(fill("/faults/lift", {{"id", "all"}}).m_Status, 303);
-    EXPECT_THAT(m_Service->faults().armed(), IsEmpty());
+    EXPECT_THAT(m_Service->services().m_Faults.armed(), IsEmpty());
     for (char const* id : {"", "x", "1x", "-1", "99999999999999999999"}) {
         EXPECT_EQ(fill("/faults/lift", {{"id", id}}).m_Status, 400) << id;
     }
@@ -676,8 +679,8 @@ TEST_F(Dashboard, ArmsAndRemovesFaults) {
 TEST_F(Dashboard, ReadsFormsAsBrowsersWriteThem) {
     std::string const body = "key=" + formKey() + "&kind=drop&exchange=any&order=A+1%2B2%3D%26&times=always";
     EXPECT_EQ(ask(formPost("/faults", body)).m_Status, 303);
-    EXPECT_EQ(m_Service->faults().armed().at(0).m_Fault.m_Order, "A 1+2=&");
-    EXPECT_EQ(m_Service->faults().armed().at(0).m_Fault.m_Times, 0);
+    EXPECT_EQ(m_Service->services().m_Faults.armed().at(0).m_Fault.m_Order, "A 1+2=&");
+    EXPECT_EQ(m_Service->services().m_Faults.armed().at(0).m_Fault.m_Times, 0);
 }
 
 TEST_F(Dashboard, ReadsAFormOfBlanks) {
@@ -751,7 +754,7 @@ TEST_F(Dashboard, OffersTheSituationsOfTheGuide) {
                          "any."));
     for (std::string const& text : texts) {
         EXPECT_EQ(fill("/faults", {{"fault", text}}).m_Status, 303) << text;
-        EXPECT_EQ(sandbox::faultText(m_Service->faults().armed().back().m_Fault), text);
+        EXPECT_EQ(sandbox::faultText(m_Service->services().m_Faults.armed().back().m_Fault), text);
     }
     RawResponse const refused = fill("/faults", {{"fault", "burn"}});
     EXPECT_EQ(refused.m_Status, 400);
@@ -760,7 +763,7 @@ TEST_F(Dashboard, OffersTheSituationsOfTheGuide) {
 
 TEST_F(Dashboard, CountsArmedFaultsOnEveryPage) {
     EXPECT_EQ(open("/keys").count("//nav//span"), 0u);
-    m_Service->faults().arm(sandbox::parseFault("drop"));
+    m_Service->services().m_Faults.arm(sandbox::parseFault("drop"));
     EXPECT_EQ(open("/keys").text("//nav//a[@href='/faults']/span"), "1 armed");
 }
 
@@ -779,7 +782,7 @@ TEST_F(Dashboard, KeepsWhatWasFilledInWhenAFaultIsRefused) {
     EXPECT_EQ(page.text(kind + "//input[@name='times']/@value"), "often");
     EXPECT_EQ(page.text(kind + "//input[@name='bytes']/@value"), "4\u24030");
     EXPECT_EQ(page.texts("//input[@name='times'][@value='often']").size(), 1u);
-    EXPECT_THAT(m_Service->faults().armed(), IsEmpty());
+    EXPECT_THAT(m_Service->services().m_Faults.armed(), IsEmpty());
 }
 
 TEST_F(Dashboard, RefusesImpossibleFaultsWithTheReason) {
@@ -805,14 +808,14 @@ TEST_F(Dashboard, RefusesImpossibleFaultsWithTheReason) {
 // --- Forms of other sites
 
 TEST_F(Dashboard, RefusesFormsWithoutItsKey) {
-    m_Service->faults().arm(sandbox::parseFault("drop"));
+    m_Service->services().m_Faults.arm(sandbox::parseFault("drop"));
     std::string const key = formKey();
     std::string const old = [this, &key] {
         restart();
         EXPECT_NE(formKey(), key);
         return key;
     }();
-    m_Service->faults().arm(sandbox::parseFault("drop"));
+    m_Service->services().m_Faults.arm(sandbox::parseFault("drop"));
     for (std::string const path : {"/faults", "/faults/lift", "/keys/rotate", "/keys/clock", "/calculator"}) {
         for (Fields fields : {Fields{}, {{"key", ""}}, {{"key", old}}, {{"key", formKey() + "0"}}}) {
             fields.insert({{"kind", "drop"}, {"id", "all"}, {"ahead", "60"}, {"DATA", "a"}});
@@ -824,8 +827,8 @@ TEST_F(Dashboard, RefusesFormsWithoutItsKey) {
             ask("POST " + path + " HTTP/1.1\r\nHost: evil.example\r\nContent-Length: 36\r\n\r\nkey=" + formKey());
         EXPECT_EQ(foreign.m_Status, 403) << path;
     }
-    EXPECT_EQ(m_Service->faults().armed().size(), 1u);
-    EXPECT_EQ(m_Service->serverKeyId(), "1-SERVER-1");
+    EXPECT_EQ(m_Service->services().m_Faults.armed().size(), 1u);
+    EXPECT_EQ(m_Service->services().m_Keys.current()->m_Id, "1-SERVER-1");
     EXPECT_EQ(open("/keys").text("//section[@aria-labelledby='clock']//dl/div[2]/dd"), "0");
 }
 
@@ -839,7 +842,7 @@ TEST_F(Dashboard, ShowsAndRotatesKeys) {
     RawResponse const rotated = fill("/keys/rotate", {});
     EXPECT_EQ(rotated.m_Status, 303);
     EXPECT_EQ(rotated.m_Headers.at("location"), "/keys");
-    EXPECT_EQ(m_Service->serverKeyId(), "1-SERVER-2");
+    EXPECT_EQ(m_Service->services().m_Keys.current()->m_Id, "1-SERVER-2");
     PageReader const after = open("/keys");
     EXPECT_THAT(after.texts("//section[@aria-labelledby='server']//tbody/tr/td[1]"), ElementsAre("old", "signing"));
 }
@@ -940,9 +943,9 @@ TEST_F(DashboardCalculator, ShowsWhatWasSignedInAPayInit) {
     openPage(m_Merchant.payInit("t2"));
     PageReader const page = calculate(raised(text), m_Merchant.sign(text));
     EXPECT_EQ(page.text("//section[@aria-labelledby='original']/p/a"),
-              "the PayInit of payment " + m_Service->payments().at(0).m_Id);
+              "the PayInit of payment " + sandboxtest::paymentsOf(*m_Service).at(0).m_Id);
     EXPECT_EQ(page.text("//section[@aria-labelledby='original']/p/a/@href"),
-              "/payment?id=" + m_Service->payments().at(0).m_Id);
+              "/payment?id=" + sandboxtest::paymentsOf(*m_Service).at(0).m_Id);
     expectRaised(page, text);
     PageReader const missing =
         calculate("<KVX MSGTYPE=\"PayInit\" KEYID=\"" + m_Merchant.keyId() + "\"/>", m_Merchant.sign(text));
@@ -952,8 +955,8 @@ TEST_F(DashboardCalculator, ShowsWhatWasSignedInAPayInit) {
 TEST_F(DashboardCalculator, ShowsWhatWasSignedInAConfirmation) {
     for (char const* fault : {"", "wrong-type,exchange=decision", "stale-key,exchange=decision"}) {
         if (*fault != '\0') {
-            m_Service->rotateServerKey();
-            m_Service->faults().arm(sandbox::parseFault(fault));
+            m_Service->services().m_Keys.rotate();
+            m_Service->services().m_Faults.arm(sandbox::parseFault(fault));
         }
         // Without return links the confirmation is shown on a page.
         std::string const token = std::string("t") + fault;
@@ -1045,7 +1048,7 @@ TEST_F(Dashboard, TakesNoFormsInParts) {
             "Content-Length: " +
             std::to_string(body.size()) + "\r\n\r\n" + body);
     EXPECT_EQ(response.m_Status, 415);
-    EXPECT_EQ(m_Service->serverKeyId(), "1-SERVER-1");
+    EXPECT_EQ(m_Service->services().m_Keys.current()->m_Id, "1-SERVER-1");
 }
 
 }  // namespace

@@ -229,16 +229,17 @@ protected:
     }
 
     [[nodiscard]] std::string request() const {
-        std::string const text = "<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"" + m_Service->serverKeyId() + "\"/>";
+        std::string const text =
+            "<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"" + m_Service->services().m_Keys.current()->m_Id + "\"/>";
         return merchantGet("/auto?DATA=" + percentEncoded(text), "demo", "demo");
     }
 
     /// The response while the fault `text` is armed; without a fault for "".
     [[nodiscard]] Received ask(std::string const& fault) const {
         if (!fault.empty()) {
-            m_Service->faults().arm(parseFault(fault));
+            m_Service->services().m_Faults.arm(parseFault(fault));
         }
-        RawConnection const connection(m_Service->plainPort());
+        RawConnection const connection(m_Service->addresses().m_Plain.m_Port);
         connection.send(request());
         return receive(connection);
     }
@@ -247,14 +248,14 @@ protected:
     [[nodiscard]] std::string bytes(std::string const& fault) const {
         Received const received = ask(fault);
         EXPECT_EQ(received.m_Error, 0) << fault;
-        EXPECT_TRUE(m_Service->faults().armed().empty()) << fault;
+        EXPECT_TRUE(m_Service->services().m_Faults.armed().empty()) << fault;
         return received.m_Bytes;
     }
 
     /// Waits until the fault that is armed has begun to happen.
     void awaitFault() const {
         auto const begin = std::chrono::steady_clock::now();
-        while (!m_Service->faults().armed().empty()) {
+        while (!m_Service->services().m_Faults.armed().empty()) {
             ASSERT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30));
             std::this_thread::yield();
         }
@@ -290,8 +291,8 @@ TEST_F(FaultOnTheWire, ResetIsSeenByTheOtherSide) {
 TEST_F(FaultOnTheWire, DropIsAnOrderlyEndOfACarriedOutRequest) {
     EXPECT_EQ(bytes("drop"), "");
     EXPECT_EQ(lastVerdict(), "ok");
-    EXPECT_EQ(m_Service->exchanges().back().m_Response, m_Whole) << "as it would have been";
-    EXPECT_EQ(m_Service->exchanges().back().m_Fault, "drop");
+    EXPECT_EQ(sandboxtest::exchangesOf(*m_Service).back().m_Response, m_Whole) << "as it would have been";
+    EXPECT_EQ(sandboxtest::exchangesOf(*m_Service).back().m_Fault, "drop");
 }
 
 TEST_F(FaultOnTheWire, DelayLastsAsLongAsItIsTold) {
@@ -310,8 +311,8 @@ TEST_F(FaultOnTheWire, StallEndsInOrder) {
 
 TEST_F(FaultOnTheWire, StallEndsEarlyWhenTheServiceStops) {
     for (char const* const fault : {"stall-before,seconds=60", "stall-inside,seconds=60", "delay,seconds=60"}) {
-        m_Service->faults().arm(parseFault(fault));
-        RawConnection const connection(m_Service->plainPort());
+        m_Service->services().m_Faults.arm(parseFault(fault));
+        RawConnection const connection(m_Service->addresses().m_Plain.m_Port);
         connection.send(request());
         awaitFault();
         auto const begin = std::chrono::steady_clock::now();
@@ -330,8 +331,8 @@ TEST_F(FaultOnTheWire, BytewiseLeavesTimeBetweenTwoBytes) {
     auto const begin = std::chrono::steady_clock::now();
     EXPECT_EQ(bytes("bytewise"), m_Whole);
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(m_Whole.size()));
-    m_Service->faults().arm(parseFault("bytewise,seconds=60"));
-    RawConnection const connection(m_Service->plainPort());
+    m_Service->services().m_Faults.arm(parseFault("bytewise,seconds=60"));
+    RawConnection const connection(m_Service->addresses().m_Plain.m_Port);
     connection.send(request());
     char piece[16];
     EXPECT_EQ(::recv(connection.get(), piece, sizeof piece, 0), 1);
@@ -352,11 +353,11 @@ TEST_F(FaultOnTheWire, IsOnRecordWithWhatTheClientGot) {
     };
     for (auto const& row : cases) {
         EXPECT_LE(ask(row.m_Fault).m_Bytes.size(), 2 * m_Whole.size());
-        EXPECT_TRUE(
-            comesTrue([&] { return m_Service->exchanges().back().m_Delivery.empty() == row.m_Delivery.empty(); }));
-        EXPECT_THAT(m_Service->exchanges().back().m_Delivery, StartsWith(row.m_Delivery)) << row.m_Fault;
+        EXPECT_TRUE(comesTrue(
+            [&] { return sandboxtest::exchangesOf(*m_Service).back().m_Delivery.empty() == row.m_Delivery.empty(); }));
+        EXPECT_THAT(sandboxtest::exchangesOf(*m_Service).back().m_Delivery, StartsWith(row.m_Delivery)) << row.m_Fault;
     }
-    std::string const late = m_Service->exchanges().back().m_Delivery;
+    std::string const late = sandboxtest::exchangesOf(*m_Service).back().m_Delivery;
     EXPECT_GE(std::stod(late.substr(late.find("after ") + 6)), 50) << late;
 }
 
@@ -405,38 +406,38 @@ TEST_F(FaultOnTheWire, WrongTypeLeavesTheRestOfTheMessage) {
 
 TEST_F(FaultOnTheWire, WrongAndStaleKeysAreAnswered) {
     RawResponse const wrong = parseResponse(bytes("wrong-key"));
-    EXPECT_EQ(attributeOf(wrong.m_Body, "KEYID"), m_Service->serverKeyId());
+    EXPECT_EQ(attributeOf(wrong.m_Body, "KEYID"), m_Service->services().m_Keys.current()->m_Id);
     EXPECT_NE(attributeOf(wrong.m_Body, "KEYBLOB"), attributeOf(m_Whole, "KEYBLOB"));
     RawResponse const unknown = parseResponse(bytes("stale-key"));
     EXPECT_EQ(attributeOf(unknown.m_Body, "KEYID"), "1-SERVER-0") << "before the first";
-    std::string const first = m_Service->serverKeyId();
-    m_Service->rotateServerKey();
+    std::string const first = m_Service->services().m_Keys.current()->m_Id;
+    m_Service->services().m_Keys.rotate();
     RawResponse const stale = parseResponse(bytes("stale-key"));
     EXPECT_EQ(attributeOf(stale.m_Body, "KEYID"), first);
     EXPECT_EQ(attributeOf(stale.m_Body, "KEYBLOB"), attributeOf(m_Whole, "KEYBLOB"));
-    m_Service->faults().arm(parseFault("stale-key,exchange=setup"));
+    m_Service->services().m_Faults.arm(parseFault("stale-key,exchange=setup"));
     EXPECT_EQ(attributeOf(askAuto("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>"), "VTKEYID"), first);
 }
 
 TEST_F(FaultOnTheWire, HappensToItsExchangeAndOrderAlone) {
-    m_Service->faults().arm(parseFault("drop,exchange=capture"));
-    m_Service->faults().arm(parseFault("drop,order=B-2"));
+    m_Service->services().m_Faults.arm(parseFault("drop,exchange=capture"));
+    m_Service->services().m_Faults.arm(parseFault("drop,order=B-2"));
     EXPECT_EQ(ask("").m_Bytes, m_Whole);
     std::string const confirm = authorise("t1");
-    EXPECT_EQ(m_Service->faults().armed().size(), 2u);
-    RawConnection const connection(m_Service->plainPort());
+    EXPECT_EQ(m_Service->services().m_Faults.armed().size(), 2u);
+    RawConnection const connection(m_Service->addresses().m_Plain.m_Port);
     connection.send(merchantGet("/capture" + m_Merchant.signedQuery(confirm)));
     EXPECT_EQ(receive(connection).m_Bytes, "");
-    EXPECT_EQ(m_Service->payments().at(0).m_State, sandbox::PaymentState::kCaptured);
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service).at(0).m_State, sandbox::PaymentState::kCaptured);
     EXPECT_EQ(attributeOf(askCapture(confirm), "RESULT"), "captured");
-    EXPECT_EQ(m_Service->faults().armed().size(), 1u);
+    EXPECT_EQ(m_Service->services().m_Faults.armed().size(), 1u);
 }
 
 TEST_F(FaultOnTheWire, HappensToAnOrderOfTheAccountThatAsks) {
     // Both accounts have a payment with this token.
-    m_Service->faults().arm(parseFault("error,exchange=status,order=B-1"));
-    parseResponse(
-        exchangeRaw(m_Service->controlPort(), jsonPost("/control/accounts", R"({"user":"b","password":"p"})")));
+    m_Service->services().m_Faults.arm(parseFault("error,exchange=status,order=B-1"));
+    parseResponse(exchangeRaw(m_Service->addresses().m_Control.m_Port,
+                              jsonPost("/control/accounts", R"({"user":"b","password":"p"})")));
     TestMerchant const other("0-1002-other");
     askAuto("<KVX MSGTYPE=\"KeyExportRequest\" KEYID=\"0-1002-other\" KEYBLOB=\"" + other.blob() + "\"/>", "b", "p");
     auto const ask = [this](TestMerchant const& merchant) {
@@ -453,21 +454,21 @@ TEST_F(FaultOnTheWire, HappensToAnOrderOfTheAccountThatAsks) {
 }
 
 TEST_F(FaultOnTheWire, LeavesTheControlPortAlone) {
-    m_Service->faults().arm(parseFault("drop,exchange=setup"));
+    m_Service->services().m_Faults.arm(parseFault("drop,exchange=setup"));
     std::string const request =
         merchantGet("/auto?DATA=" + percentEncoded("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>"), "demo", "demo");
-    EXPECT_EQ(parseResponse(exchangeRaw(m_Service->controlPort(), request)).m_Status, 200);
-    EXPECT_EQ(m_Service->faults().armed().size(), 1u);
-    RawConnection const connection(m_Service->plainPort());
+    EXPECT_EQ(parseResponse(exchangeRaw(m_Service->addresses().m_Control.m_Port, request)).m_Status, 200);
+    EXPECT_EQ(m_Service->services().m_Faults.armed().size(), 1u);
+    RawConnection const connection(m_Service->addresses().m_Plain.m_Port);
     connection.send(request);
     EXPECT_EQ(receive(connection).m_Bytes, "");
 }
 
 TEST_F(FaultOnTheWire, LeavesTheControlPortAloneWhenConnectionsAreRefused) {
-    m_Service->faults().arm(parseFault("refuse"));
-    EXPECT_THROW(RawConnection(m_Service->plainPort()), std::runtime_error);
-    EXPECT_EQ(parseResponse(exchangeRaw(m_Service->controlPort(), merchantGet("/"))).m_Status, 200);
-    m_Service->faults().liftAll();
+    m_Service->services().m_Faults.arm(parseFault("refuse"));
+    EXPECT_THROW(RawConnection(m_Service->addresses().m_Plain.m_Port), std::runtime_error);
+    EXPECT_EQ(parseResponse(exchangeRaw(m_Service->addresses().m_Control.m_Port, merchantGet("/"))).m_Status, 200);
+    m_Service->services().m_Faults.liftAll();
     EXPECT_EQ(ask("").m_Bytes, m_Whole);
 }
 
@@ -481,10 +482,10 @@ protected:
 
     [[nodiscard]] Confirmation confirm(std::string const& fault, std::string const& token) {
         RawResponse const page = openPage(m_Merchant.payInit(token));
-        m_Service->faults().arm(parseFault(fault));
+        m_Service->services().m_Faults.arm(parseFault(fault));
         RawResponse const back = press(page, "pay");
         EXPECT_EQ(back.m_Status, 302) << back.m_Body;
-        EXPECT_EQ(m_Service->payments().back().m_State, sandbox::PaymentState::kAuthorised);
+        EXPECT_EQ(sandboxtest::paymentsOf(*m_Service).back().m_State, sandbox::PaymentState::kAuthorised);
         std::string const location = back.m_Headers.at("location");
         return {percentDecoded(queryValue(location, "DATA")), queryValue(location, "SIGNATURE")};
     }
@@ -497,8 +498,8 @@ protected:
 };
 
 TEST_F(FaultyConfirmation, IsWrongInOneWayOnly) {
-    std::string const first = m_Service->serverKeyId();
-    std::string const now = m_Service->rotateServerKey();
+    std::string const first = m_Service->services().m_Keys.current()->m_Id;
+    std::string const now = m_Service->services().m_Keys.rotate()->m_Id;
     Confirmation const type = confirm("wrong-type,exchange=decision", "t1");
     EXPECT_EQ(attributeOf(type.m_Text, "MSGTYPE"), sandbox::kUnexpectedType);
     EXPECT_TRUE(isSigned(type, now));
@@ -534,9 +535,9 @@ protected:
     /// The result of verifying the certificate; -1 when the handshake does not get there.
     [[nodiscard]] long verifyResult(std::string const& fault) const {
         if (!fault.empty()) {
-            m_Service->faults().arm(parseFault(fault));
+            m_Service->services().m_Faults.arm(parseFault(fault));
         }
-        RawConnection const connection(m_Service->tlsPort());
+        RawConnection const connection(m_Service->addresses().m_Tls.m_Port);
         sandbox::TlsContextHolder const context(SSL_CTX_new(TLS_client_method()));
         SSL_CTX_load_verify_locations(context.get(), m_Service->authorityFile().c_str(), nullptr);
         sandbox::TlsHolder const tls(SSL_new(context.get()));
@@ -552,28 +553,31 @@ TEST_F(FaultyHandshake, IsWrongInOneWayOnly) {
     EXPECT_EQ(verifyResult("tls-wrong-host"), X509_V_ERR_IP_ADDRESS_MISMATCH);
     EXPECT_NE(verifyResult("tls-unknown-authority"), X509_V_OK);
     EXPECT_EQ(verifyResult("tls-abort"), -1);
-    EXPECT_TRUE(m_Service->faults().armed().empty());
+    EXPECT_TRUE(m_Service->services().m_Faults.armed().empty());
     EXPECT_EQ(verifyResult(""), X509_V_OK);
 }
 
 TEST_F(FaultyHandshake, IsThatOfTheFirstConnectionEvenWhenItsClientIsSilent) {
-    m_Service->faults().arm(parseFault("tls-abort"));
-    RawConnection const silent(m_Service->tlsPort());
+    m_Service->services().m_Faults.arm(parseFault("tls-abort"));
+    RawConnection const silent(m_Service->addresses().m_Tls.m_Port);
     EXPECT_EQ(verifyResult(""), X509_V_OK);
-    EXPECT_TRUE(m_Service->faults().armed().empty());
+    EXPECT_TRUE(m_Service->services().m_Faults.armed().empty());
     EXPECT_THROW(exchangeTls(silent.get(), merchantGet("/"), m_Service->authorityFile()), std::runtime_error);
 }
 
 TEST_F(FaultyHandshake, IsNoConcernOfPlainConnections) {
-    m_Service->faults().arm(parseFault("tls-abort"));
+    m_Service->services().m_Faults.arm(parseFault("tls-abort"));
     EXPECT_EQ(get("/").m_Status, 200);
     EXPECT_EQ(verifyResult(""), -1);
 }
 
 TEST_F(FaultyHandshake, IsSoundWhenTheAnswerIsWrong) {
-    std::string const text = "<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"" + m_Service->serverKeyId() + "\"/>";
+    std::string const text =
+        "<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"" + m_Service->services().m_Keys.current()->m_Id + "\"/>";
     std::string const request = merchantGet("/auto?DATA=" + percentEncoded(text), "demo", "demo");
-    auto const ask = [&] { return exchangeRaw(m_Service->tlsPort(), request, m_Service->authorityFile()); };
+    auto const ask = [&] {
+        return exchangeRaw(m_Service->addresses().m_Tls.m_Port, request, m_Service->authorityFile());
+    };
     std::string const whole = ask();
     struct {
         char const* m_Fault;
@@ -586,10 +590,10 @@ TEST_F(FaultyHandshake, IsSoundWhenTheAnswerIsWrong) {
         {"twice", whole + whole},
     };
     for (auto const& row : cases) {
-        m_Service->faults().arm(parseFault(row.m_Fault));
+        m_Service->services().m_Faults.arm(parseFault(row.m_Fault));
         EXPECT_EQ(ask(), row.m_Response) << row.m_Fault;
     }
-    m_Service->faults().arm(parseFault("reset"));
+    m_Service->services().m_Faults.arm(parseFault("reset"));
     EXPECT_THROW(ask(), std::runtime_error);
 }
 

@@ -22,7 +22,7 @@ using ::testing::HasSubstr;
 class WireRequest : public SandboxTest {
 protected:
     [[nodiscard]] RawResponse send(std::string const& text) const {
-        return parseResponse(exchangeRaw(m_Service->plainPort(), text));
+        return parseResponse(exchangeRaw(m_Service->addresses().m_Plain.m_Port, text));
     }
 };
 
@@ -32,7 +32,7 @@ TEST_F(WireRequest, CarriesMessagesOfEverySize) {
         std::string const token = "t" + std::to_string(number++);
         std::string const text = m_Merchant.payInit(token, " NOTE=\"" + std::string(size, '\xE9') + "\"");
         ASSERT_EQ(openPage(text).m_Status, 200) << size;
-        EXPECT_EQ(m_Service->exchanges().back().m_Data, text);
+        EXPECT_EQ(sandboxtest::exchangesOf(*m_Service).back().m_Data, text);
     }
 }
 
@@ -42,14 +42,14 @@ TEST_F(WireRequest, RefusesALineBeyondTheLimit) {
 
 TEST_F(WireRequest, KeepsAPlusInDataAPlus) {
     EXPECT_EQ(get("/pay?DATA=a+b%2bc&SIGNATURE=00").m_Status, 400);
-    EXPECT_EQ(m_Service->exchanges().back().m_Data, "a+b+c");
+    EXPECT_EQ(sandboxtest::exchangesOf(*m_Service).back().m_Data, "a+b+c");
 }
 
 TEST_F(WireRequest, UnderstandsTheAbsoluteFormThatProxiesGet) {
     std::string const data = percentEncoded("<KVX MSGTYPE=\"StatusRequest\"/>");
-    EXPECT_EQ(send(merchantGet(m_Service->baseUrl() + "/capture?DATA=" + data)).m_Status, 200);
-    EXPECT_EQ(m_Service->exchanges().back().m_Path, "/capture");
-    EXPECT_EQ(m_Service->exchanges().back().m_Data, "<KVX MSGTYPE=\"StatusRequest\"/>");
+    EXPECT_EQ(send(merchantGet(m_Service->addresses().m_Plain.m_Url + "/capture?DATA=" + data)).m_Status, 200);
+    EXPECT_EQ(sandboxtest::exchangesOf(*m_Service).back().m_Path, "/capture");
+    EXPECT_EQ(sandboxtest::exchangesOf(*m_Service).back().m_Data, "<KVX MSGTYPE=\"StatusRequest\"/>");
 }
 
 TEST_F(WireRequest, IsRefusedWithBareLineFeeds) {
@@ -86,14 +86,14 @@ TEST_F(WireRequest, RefusesAHeadWithoutMeasure) {
     while (fields.size() < 64 * 1024) {
         fields += "X-Field: " + std::string(1000, 'x') + "\r\n";
     }
-    EXPECT_EQ(sendTooMuch(m_Service->plainPort(), "GET /capture HTTP/1.0\r\n", fields).m_Status, 413);
+    EXPECT_EQ(sendTooMuch(m_Service->addresses().m_Plain.m_Port, "GET /capture HTTP/1.0\r\n", fields).m_Status, 413);
 }
 
 TEST_F(WireRequest, RefusesALargeFormInChunks) {
     std::string const begin = "POST /pay/decision HTTP/1.1\r\nHost: 127.0.0.1\r\nTransfer-Encoding: chunked\r\n\r\n";
     std::string const chunk = "10000\r\n" + std::string(0x10000, 'x') + "\r\n";
-    EXPECT_EQ(sendTooMuch(m_Service->plainPort(), begin, chunk).m_Status, 400);
-    EXPECT_TRUE(m_Service->exchanges().size() == 1u) << "the publishing of the key, and nothing else";
+    EXPECT_EQ(sendTooMuch(m_Service->addresses().m_Plain.m_Port, begin, chunk).m_Status, 400);
+    EXPECT_TRUE(sandboxtest::exchangesOf(*m_Service).size() == 1u) << "the publishing of the key, and nothing else";
 }
 
 TEST_F(WireRequest, RefusesAttributesWithoutNumber) {
@@ -110,7 +110,7 @@ TEST_F(WireRequest, RefusesAttributesWithoutNumber) {
 
 TEST_F(WireRequest, ReportsWhoExpectsItToGoOn) {
     std::string const body = "payment=P0&key=x&decision=pay";
-    RawConnection const connection(m_Service->plainPort());
+    RawConnection const connection(m_Service->addresses().m_Plain.m_Port);
     connection.send(
         "POST /pay/decision HTTP/1.1\r\nHost: 127.0.0.1\r\nExpect: 100-continue\r\n"
         "Content-Type: application/x-www-form-urlencoded\r\nContent-Length: " +
@@ -123,12 +123,12 @@ TEST_F(WireRequest, ReportsWhoExpectsItToGoOn) {
     connection.send(body);
     std::string const response = connection.readToEnd();
     EXPECT_EQ(parseResponse(response).m_Status, 404);
-    EXPECT_EQ(m_Service->exchanges().back().m_Response, response);
+    EXPECT_EQ(sandboxtest::exchangesOf(*m_Service).back().m_Response, response);
 }
 
 TEST_F(WireRequest, DoesNotWaitForConnectionsThatSayNothing) {
-    RawConnection const silent(m_Service->plainPort());
-    RawConnection const cut(m_Service->plainPort());
+    RawConnection const silent(m_Service->addresses().m_Plain.m_Port);
+    RawConnection const cut(m_Service->addresses().m_Plain.m_Port);
     cut.send("GET /capture?DATA=");
     EXPECT_EQ(get("/").m_Status, 200);
     auto const before = std::chrono::steady_clock::now();
@@ -144,17 +144,18 @@ TEST_F(WireRequest, SendsNothingToConnectionsThatSayNothingForTooLong) {
     impatient.m_Tls = true;
     impatient.m_Proxy = true;
     restart(impatient);
-    for (std::uint16_t const port : {m_Service->plainPort(), m_Service->tlsPort(), m_Service->proxyPort()}) {
+    for (std::uint16_t const port : {m_Service->addresses().m_Plain.m_Port, m_Service->addresses().m_Tls.m_Port,
+                                     m_Service->addresses().m_Proxy.m_Port}) {
         auto const begin = std::chrono::steady_clock::now();
         RawConnection const silent(port);
         EXPECT_EQ(silent.readToEnd(), "");
         EXPECT_GE(std::chrono::steady_clock::now() - begin, kPatience);
     }
-    EXPECT_EQ(m_Service->exchanges().size(), 1u) << "the publishing of the key, and nothing else";
+    EXPECT_EQ(sandboxtest::exchangesOf(*m_Service).size(), 1u) << "the publishing of the key, and nothing else";
 }
 
 TEST_F(WireRequest, RefusesALineThatNeverEnds) {
-    RawConnection const connection(m_Service->plainPort());
+    RawConnection const connection(m_Service->addresses().m_Plain.m_Port);
     connection.send("GET / HTTP/1.0");
     ::shutdown(connection.get(), SHUT_WR);
     EXPECT_EQ(parseResponse(connection.readToEnd()).m_Status, 400);

@@ -96,13 +96,15 @@ protected:
         restart(options);
     }
 
-    std::string ask(std::string const& request) const { return exchangeRaw(m_Service->proxyPort(), request); }
+    std::string ask(std::string const& request) const {
+        return exchangeRaw(m_Service->addresses().m_Proxy.m_Port, request);
+    }
 
-    [[nodiscard]] sandbox::Exchange lastExchange() const { return m_Service->exchanges().back(); }
+    [[nodiscard]] sandbox::Exchange lastExchange() const { return sandboxtest::exchangesOf(*m_Service).back(); }
 
-    [[nodiscard]] std::string plainPort() const { return std::to_string(m_Service->plainPort()); }
+    [[nodiscard]] std::string plainPort() const { return std::to_string(m_Service->addresses().m_Plain.m_Port); }
 
-    void arm(std::string const& fault) const { m_Service->faults().arm(sandbox::parseFault(fault)); }
+    void arm(std::string const& fault) const { m_Service->services().m_Faults.arm(sandbox::parseFault(fault)); }
 };
 
 class TlsSandboxProxy : public SandboxProxy {
@@ -113,7 +115,7 @@ protected:
         restartWithProxy(tls);
     }
 
-    [[nodiscard]] std::string tlsPort() const { return std::to_string(m_Service->tlsPort()); }
+    [[nodiscard]] std::string tlsPort() const { return std::to_string(m_Service->addresses().m_Tls.m_Port); }
 };
 
 std::string const kSetup = "/auto?DATA=" + percentEncoded("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>");
@@ -139,7 +141,7 @@ TEST_F(SandboxProxy, ForwardsAnyMethodInOriginFormAndTheRestAsItCame) {
             target.record(peer.receiveToEnd());
             peer.send("HTTP/1.0 299 Odd\r\n\r\nb\n\xE9");
         });
-        Client const client(m_Service->proxyPort());
+        Client const client(m_Service->addresses().m_Proxy.m_Port);
         client.send(row.m_Before + ("127.0.0.1:" + target.portText()) + row.m_After);
         client.end();
         EXPECT_EQ(client.readToEnd(), "HTTP/1.0 299 Odd\r\n\r\nb\n\xE9");
@@ -161,17 +163,17 @@ TEST_F(SandboxProxy, CarriesTheMerchantsPlainRequests) {
         EXPECT_GT(exchange.m_Microseconds, 0);
         EXPECT_THAT(exchange.m_Request, StartsWith("GET http://" + host + kSetup + " HTTP/1.0\r\n"));
         EXPECT_THAT(exchange.m_Request, HasSubstr("\r\nAuthorization: (covered)\r\n"));
-        std::vector<sandbox::Exchange> const all = m_Service->exchanges();
+        std::vector<sandbox::Exchange> const all = sandboxtest::exchangesOf(*m_Service);
         EXPECT_EQ(all.at(all.size() - 2).m_Kind, sandbox::ExchangeKind::kSetup);
     }
 }
 
 TEST_F(SandboxProxy, CarriesLongRequestsAndAnswers) {
     std::string const text = m_Merchant.payInit("t1", " NOTE=\"" + std::string(1000000, 'x') + "\"");
-    std::string const target = m_Service->baseUrl() + "/pay" + m_Merchant.signedQuery(text);
+    std::string const target = m_Service->addresses().m_Plain.m_Url + "/pay" + m_Merchant.signedQuery(text);
     EXPECT_EQ(parseResponse(ask(merchantGet(target))).m_Status, 200);
     EXPECT_LT(lastExchange().m_Request.size(), 100000u);
-    EXPECT_EQ(m_Service->payments().at(0).attribute("NOTE"), std::string(1000000, 'x'));
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service).at(0).attribute("NOTE"), std::string(1000000, 'x'));
     std::string const body(5000000, 'y');
     RawServer const server("HTTP/1.0 200 OK\r\n\r\n" + body);
     EXPECT_EQ(parseResponse(ask(getFrom(server.portText()))).m_Body, body);
@@ -187,7 +189,7 @@ TEST_F(SandboxProxy, KeepsTheCredentialsForItselfToItself) {
 }
 
 TEST_F(SandboxProxy, KeepsTheBodyOfARequestInTheRecord) {
-    Client const client(m_Service->proxyPort());
+    Client const client(m_Service->addresses().m_Proxy.m_Port);
     RawServer target([](Peer& peer) {
         peer.receiveRequest();
         peer.send("HTTP/1.0 200 OK\r\n\r\n");
@@ -203,7 +205,7 @@ TEST_F(SandboxProxy, KeepsTheBodyOfARequestInTheRecord) {
 
 TEST_F(TlsSandboxProxy, TunnelsTls) {
     for (std::string const& host : {"127.0.0.1:" + tlsPort(), "localhost:" + tlsPort()}) {
-        Client const client(m_Service->proxyPort());
+        Client const client(m_Service->addresses().m_Proxy.m_Port);
         client.send("CONNECT " + host + " HTTP/1.0\r\nPragma: no-cache\r\nUserAgent: x\r\n\r\n");
         ASSERT_EQ(client.receive(), kEstablished);
         sandbox::Exchange const exchange = lastExchange();
@@ -225,7 +227,7 @@ TEST_F(SandboxProxy, SendsNothingBehindItsAnswerBeforeTheMerchantSpeaks) {
         peer.send(peer.receive());
         peer.finish();
     });
-    Tunnel const tunnel(m_Service->proxyPort(), target.portText());
+    Tunnel const tunnel(m_Service->addresses().m_Proxy.m_Port, target.portText());
     ASSERT_TRUE(greeted.await());
     // Other work for the proxy at the same time.
     EXPECT_THAT(ask(getFrom(plainPort())), StartsWith("HTTP/1"));
@@ -239,7 +241,7 @@ TEST_F(SandboxProxy, TakesWhatComesTogetherWithTheRequestForSpeaking) {
         peer.send("welcome");
         peer.send(peer.receiveToEnd());
     });
-    Client const client(m_Service->proxyPort());
+    Client const client(m_Service->addresses().m_Proxy.m_Port);
     client.send(connectTo(target.portText()) + "early");
     client.end();
     EXPECT_EQ(client.readToEnd(), std::string(kEstablished) + "welcomeearly");
@@ -247,14 +249,14 @@ TEST_F(SandboxProxy, TakesWhatComesTogetherWithTheRequestForSpeaking) {
 
 TEST_F(SandboxProxy, LetsATargetSpeakToAMerchantWhoEndedSilently) {
     RawServer target([](Peer& peer) { peer.send("welcome" + peer.receiveToEnd()); });
-    Tunnel const tunnel(m_Service->proxyPort(), target.portText());
+    Tunnel const tunnel(m_Service->addresses().m_Proxy.m_Port, target.portText());
     tunnel.end();
     EXPECT_EQ(tunnel.readToEnd(), "welcome");
 }
 
 TEST_F(SandboxProxy, PassesOnThatOneSideHasEnded) {
     RawServer responding([](Peer& peer) { peer.send("after " + peer.receiveToEnd()); });
-    Tunnel const first(m_Service->proxyPort(), responding.portText());
+    Tunnel const first(m_Service->addresses().m_Proxy.m_Port, responding.portText());
     first.send("the end");
     first.end();
     EXPECT_EQ(first.readToEnd(), "after the end");
@@ -264,7 +266,7 @@ TEST_F(SandboxProxy, PassesOnThatOneSideHasEnded) {
         ::shutdown(peer.socket(), SHUT_WR);
         asking.record(opening + peer.receiveToEnd());
     });
-    Tunnel const second(m_Service->proxyPort(), asking.portText());
+    Tunnel const second(m_Service->addresses().m_Proxy.m_Port, asking.portText());
     second.send("a");
     EXPECT_EQ(second.readToEnd(), "");
     second.send("bc");
@@ -282,7 +284,7 @@ TEST_F(SandboxProxy, CarriesBothWaysAtOnce) {
         ::shutdown(peer.socket(), SHUT_WR);
         target.record(opening + received.get());
     });
-    Tunnel const tunnel(m_Service->proxyPort(), target.portText());
+    Tunnel const tunnel(m_Service->addresses().m_Proxy.m_Port, target.portText());
     auto received = std::async(std::launch::async, [&tunnel] { return tunnel.readToEnd(); });
     tunnel.send("!" + much);
     tunnel.end();
@@ -295,7 +297,7 @@ TEST_F(SandboxProxy, PassesOnThatAConnectionWasReset) {
         peer.receive();
         peer.reset();
     });
-    Tunnel const tunnel(m_Service->proxyPort(), target.portText());
+    Tunnel const tunnel(m_Service->addresses().m_Proxy.m_Port, target.portText());
     tunnel.send("x");
     EXPECT_THROW((void)tunnel.readToEnd(), std::runtime_error);
     EXPECT_THROW(ask(getFrom(target.portText())), std::runtime_error);
@@ -306,7 +308,7 @@ TEST_F(SandboxProxy, PassesOnThatAConnectionWasReset) {
         peer.receive();
         peer.reset();
     });
-    Client const client(m_Service->proxyPort());
+    Client const client(m_Service->addresses().m_Proxy.m_Port);
     client.send(getFrom(halfway.portText()));
     EXPECT_EQ(client.receive(23), "HTTP/1.0 200 OK\r\n\r\nhalf");
     client.send("more");
@@ -320,7 +322,7 @@ TEST_F(SandboxProxy, DeliversAnAnswerThatDidNotWaitForTheWholeRequest) {
         peer.send("HTTP/1.0 413 Too Much\r\n\r\n");
         ::shutdown(peer.socket(), SHUT_WR);
     });
-    Client const client(m_Service->proxyPort());
+    Client const client(m_Service->addresses().m_Proxy.m_Port);
     client.send("POST http://127.0.0.1:" + target.portText() + "/ HTTP/1.0\r\n\r\nbegin");
     EXPECT_EQ(client.receive(), "HTTP/1.0 413 Too Much\r\n\r\n");
 }
@@ -372,7 +374,7 @@ TEST_F(SandboxProxy, RefusesWhatIsNoRequestToAProxy) {
              Row{"GET http://127.0.0.1/", "within its first line"},
              Row{"GET http://127.0.0.1/ HTTP/1.0\r\nA: b\r\n", "within its head"},
          }) {
-        Client const client(m_Service->proxyPort());
+        Client const client(m_Service->addresses().m_Proxy.m_Port);
         client.send(row.m_Head);
         client.end();
         RawResponse const response = parseResponse(client.readToEnd());
@@ -389,11 +391,11 @@ TEST_F(SandboxProxy, RefusesHeadsWithoutMeasure) {
 }
 
 TEST_F(SandboxProxy, MakesNothingOfAConnectionWithoutARequest) {
-    std::size_t const before = m_Service->exchanges().size();
-    Client const client(m_Service->proxyPort());
+    std::size_t const before = sandboxtest::exchangesOf(*m_Service).size();
+    Client const client(m_Service->addresses().m_Proxy.m_Port);
     client.end();
     EXPECT_EQ(client.readToEnd(), "");
-    EXPECT_EQ(m_Service->exchanges().size(), before);
+    EXPECT_EQ(sandboxtest::exchangesOf(*m_Service).size(), before);
 }
 
 TEST_F(SandboxProxy, ReportsThatNobodyListens) {
@@ -468,7 +470,7 @@ TEST_F(SandboxProxy, GivesUpATargetThatSaysNothingToWhoEnded) {
         peer.receiveToEnd();
         over.await();
     });
-    Tunnel const tunnel(m_Service->proxyPort(), target.portText());
+    Tunnel const tunnel(m_Service->addresses().m_Proxy.m_Port, target.portText());
     tunnel.end();
     EXPECT_EQ(receivedOf([&tunnel] { return tunnel.readToEnd(); }), kReset);
     over.happen();
@@ -511,8 +513,8 @@ TEST_F(SandboxProxy, LetsFaultsHappenToTheAnswerToConnect) {
             peer.send(peer.receiveToEnd());
         });
         arm(row.m_Fault);
-        std::size_t const before = m_Service->exchanges().size();
-        Client const client(m_Service->proxyPort());
+        std::size_t const before = sandboxtest::exchangesOf(*m_Service).size();
+        Client const client(m_Service->addresses().m_Proxy.m_Port);
         client.send(connectTo(target.portText()));
         if (row.m_Tunnel) {
             EXPECT_EQ(client.receive(row.m_Response.size()), row.m_Response) << row.m_Fault;
@@ -522,10 +524,10 @@ TEST_F(SandboxProxy, LetsFaultsHappenToTheAnswerToConnect) {
         std::string const rest = receivedOf([&client] { return client.readToEnd(); });
         EXPECT_EQ(rest, row.m_Tunnel ? "through" : row.m_Response) << row.m_Fault;
         EXPECT_EQ(target.records().size(), row.m_Contacted ? 1u : 0u) << row.m_Fault;
-        EXPECT_EQ(m_Service->exchanges().size(), before + 1) << row.m_Fault;
+        EXPECT_EQ(sandboxtest::exchangesOf(*m_Service).size(), before + 1) << row.m_Fault;
         EXPECT_EQ(lastExchange().m_Fault, row.m_Fault);
         EXPECT_EQ(lastExchange().m_Verdict, row.m_Contacted ? "ok" : "not looked at") << row.m_Fault;
-        EXPECT_TRUE(m_Service->faults().armed().empty());
+        EXPECT_TRUE(m_Service->services().m_Faults.armed().empty());
     }
 }
 
@@ -573,7 +575,7 @@ TEST_F(SandboxProxy, WaitsInAFaultUntilTheMerchantGoes) {
     RawServer target("HTTP/1.0 200 OK\r\n\r\n");
     for (std::string const& request : {connectTo(target.portText()), getFrom(target.portText())}) {
         arm("stall-inside,exchange=proxy,seconds=3600,bytes=4");
-        Client const client(m_Service->proxyPort());
+        Client const client(m_Service->addresses().m_Proxy.m_Port);
         client.send(request);
         EXPECT_EQ(client.receive(4), "HTTP");
         client.end();
@@ -600,19 +602,19 @@ TEST_F(SandboxProxy, CannotLetFaultsHappenToAnswersWithoutMeasure) {
 }
 
 TEST_F(SandboxProxy, RefusesConnectionsOnRequestAndTheListenersDoNot) {
-    std::int64_t const error = m_Service->faults().arm(sandbox::parseFault("refuse,exchange=proxy"));
+    std::int64_t const error = m_Service->services().m_Faults.arm(sandbox::parseFault("refuse,exchange=proxy"));
     EXPECT_THROW(ask(getFrom(plainPort())), std::runtime_error);
     EXPECT_EQ(get("/").m_Status, 200);
-    EXPECT_TRUE(m_Service->faults().lift(error));
-    EXPECT_EQ(parseResponse(ask("GET " + m_Service->baseUrl() + "/ HTTP/1.0\r\n\r\n")).m_Status, 200);
-    m_Service->faults().arm(sandbox::parseFault("refuse"));
+    EXPECT_TRUE(m_Service->services().m_Faults.lift(error));
+    EXPECT_EQ(parseResponse(ask("GET " + m_Service->addresses().m_Plain.m_Url + "/ HTTP/1.0\r\n\r\n")).m_Status, 200);
+    m_Service->services().m_Faults.arm(sandbox::parseFault("refuse"));
     EXPECT_THROW((void)get("/"), std::runtime_error);
-    EXPECT_EQ(parseResponse(ask("GET " + m_Service->baseUrl() + "/ HTTP/1.0\r\n\r\n")).m_Status, 502);
+    EXPECT_EQ(parseResponse(ask("GET " + m_Service->addresses().m_Plain.m_Url + "/ HTTP/1.0\r\n\r\n")).m_Status, 502);
 }
 
 TEST_F(TlsSandboxProxy, LetsFaultsOfTlsThroughToTheMerchant) {
     arm("tls-wrong-host");
-    Tunnel const tunnel(m_Service->proxyPort(), tlsPort());
+    Tunnel const tunnel(m_Service->addresses().m_Proxy.m_Port, tlsPort());
     EXPECT_THROW(exchangeTls(tunnel.get(), merchantGet("/"), m_Service->authorityFile()), std::runtime_error);
 }
 
@@ -627,13 +629,13 @@ TEST_F(SandboxProxy, EndsWithTheServiceWhateverIsUnderWay) {
         peer.receiveToEnd();
     });
     RawServer idle([](Peer& peer) { peer.receiveToEnd(); });
-    Tunnel const tunnel(m_Service->proxyPort(), idle.portText());
-    Client const waiting(m_Service->proxyPort());
+    Tunnel const tunnel(m_Service->addresses().m_Proxy.m_Port, idle.portText());
+    Client const waiting(m_Service->addresses().m_Proxy.m_Port);
     waiting.send(getFrom(silent.portText()));
     ASSERT_TRUE(asked.await());
     m_Service->stop();
-    EXPECT_EQ(m_Service->proxyPort(), 0);
-    EXPECT_EQ(m_Service->proxyUrl(), "");
+    EXPECT_EQ(m_Service->addresses().m_Proxy.m_Port, 0);
+    EXPECT_EQ(m_Service->addresses().m_Proxy.m_Url, "");
     EXPECT_EQ(parseResponse(waiting.readToEnd()).m_Status, 503);
     EXPECT_THROW((void)tunnel.readToEnd(), std::runtime_error);
 }
@@ -642,13 +644,13 @@ TEST_F(TlsSandboxProxy, CarriesTheLastAnswersOfTheServiceWhenItStops) {
     // The answer to the request is made and waits for the end of its delay when the service is stopped.
     arm("delay,exchange=setup,seconds=3600");
     arm("delay,exchange=setup,seconds=3600");
-    Client const plain(m_Service->proxyPort());
-    plain.send(merchantGet(m_Service->baseUrl() + kSetup, "demo", "demo"));
-    Tunnel const tunnel(m_Service->proxyPort(), tlsPort());
+    Client const plain(m_Service->addresses().m_Proxy.m_Port);
+    plain.send(merchantGet(m_Service->addresses().m_Plain.m_Url + kSetup, "demo", "demo"));
+    Tunnel const tunnel(m_Service->addresses().m_Proxy.m_Port, tlsPort());
     auto overTls = std::async(std::launch::async, [&] {
         return exchangeTls(tunnel.get(), merchantGet(kSetup, "demo", "demo"), m_Service->authorityFile());
     });
-    ASSERT_TRUE(comesTrue([this] { return m_Service->faults().armed().empty(); }));
+    ASSERT_TRUE(comesTrue([this] { return m_Service->services().m_Faults.armed().empty(); }));
     m_Service->stop();
     EXPECT_THAT(plain.readToEnd(), HasSubstr("SetupResponse"));
     EXPECT_THAT(overTls.get(), HasSubstr("SetupResponse"));
@@ -665,15 +667,16 @@ TEST_F(SandboxProxy, AnswersNothingThatItCannotRecord) {
 }
 
 TEST_F(SandboxProxy, IsThereWhenItIsAskedForOnThePortThatIsAskedFor) {
-    EXPECT_EQ(m_Service->proxyUrl(), "http://127.0.0.1:" + std::to_string(m_Service->proxyPort()));
+    EXPECT_EQ(m_Service->addresses().m_Proxy.m_Url,
+              "http://127.0.0.1:" + std::to_string(m_Service->addresses().m_Proxy.m_Port));
     TemporaryDirectory const other;
     sandbox::Options second = options();
     second.m_DataDirectory = other.path();
-    second.m_ProxyPort = m_Service->proxyPort();
+    second.m_ProxyPort = m_Service->addresses().m_Proxy.m_Port;
     sandbox::Service without(second);
     without.start();
-    EXPECT_EQ(without.proxyPort(), 0);
-    EXPECT_EQ(without.proxyUrl(), "");
+    EXPECT_EQ(without.addresses().m_Proxy.m_Port, 0);
+    EXPECT_EQ(without.addresses().m_Proxy.m_Url, "");
     second.m_Proxy = true;
     without.stop();
     EXPECT_THROW(sandbox::Service(second).start(), std::runtime_error);

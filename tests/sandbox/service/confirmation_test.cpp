@@ -33,7 +33,7 @@ protected:
     }
 
     [[nodiscard]] std::string idOf(std::string const& token) const {
-        for (sandbox::Payment const& payment : m_Service->payments()) {
+        for (sandbox::Payment const& payment : sandboxtest::paymentsOf(*m_Service)) {
             if (payment.m_Token == token) {
                 return payment.m_Id;
             }
@@ -41,11 +41,11 @@ protected:
         return "";
     }
 
-    void arm(std::string const& fault) const { m_Service->faults().arm(sandbox::parseFault(fault)); }
+    void arm(std::string const& fault) const { m_Service->services().m_Faults.arm(sandbox::parseFault(fault)); }
 
     /// The step that a fault left which could not happen; empty without one.
     [[nodiscard]] std::string reasonInSteps() const {
-        sandbox::Exchange const last = m_Service->exchanges().back();
+        sandbox::Exchange const last = sandboxtest::exchangesOf(*m_Service).back();
         for (sandbox::CheckStep const& step : last.m_Steps) {
             if (step.m_What.find("did not happen") != std::string::npos) {
                 return step.m_What + ": " + step.m_Found;
@@ -67,7 +67,8 @@ protected:
     }
 
     std::string m_ServerBlob = attributeOf(
-        askAuto("<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"" + m_Service->serverKeyId() + "\"/>"), "KEYBLOB");
+        askAuto("<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"" + m_Service->services().m_Keys.current()->m_Id + "\"/>"),
+        "KEYBLOB");
 };
 
 struct KindRow {
@@ -85,8 +86,8 @@ TEST_F(WrongContent, ChangesOneAttributeOfASignedConfirmation) {
         RawResponse const page = openPage(m_Merchant.payInit("t" + std::to_string(number++) + "1"));
         arm(std::string(row.m_Kind) + ",exchange=decision");
         Message const wrong = confirmationIn(press(page, "pay"));
-        EXPECT_TRUE(m_Service->faults().armed().empty());
-        EXPECT_EQ(m_Service->exchanges().back().m_Fault, std::string(row.m_Kind) + ",exchange=decision");
+        EXPECT_TRUE(m_Service->services().m_Faults.armed().empty());
+        EXPECT_EQ(sandboxtest::exchangesOf(*m_Service).back().m_Fault, std::string(row.m_Kind) + ",exchange=decision");
         Message const right = confirmationIn(press(page, "pay"));
         expectDifference(wrong, right, row.m_Name, row.m_Value);
     }
@@ -96,7 +97,7 @@ TEST_F(WrongContent, ReportsADeclinedPaymentAsPaid) {
     RawResponse const page = openPage(m_Merchant.payInit("t1"));
     arm("wrong-result");
     EXPECT_EQ(confirmationIn(press(page, "decline")).find("RESULT"), "authorised");
-    EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kDeclined);
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service)[0].m_State, sandbox::PaymentState::kDeclined);
 }
 
 TEST_F(WrongContent, ChangesTheResponsesToCaptureAndCompletion) {
@@ -113,7 +114,7 @@ TEST_F(WrongContent, ChangesTheResponsesToCaptureAndCompletion) {
         std::string const name = row.m_Name == std::string("RESULT") ? "STATE" : row.m_Name;
         expectDifference(wrongEnd, completion("t1"), name, row.m_Value);
     }
-    EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kCompleted);
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service)[0].m_State, sandbox::PaymentState::kCompleted);
 }
 
 TEST_F(WrongContent, ReplaysTheConfirmationOfThePaymentBefore) {
@@ -123,8 +124,8 @@ TEST_F(WrongContent, ReplaysTheConfirmationOfThePaymentBefore) {
     arm("replay");
     Message const replayed = confirmationIn(press(page, "decline"));
     EXPECT_EQ(replayed.text(), first.text()) << "the declined one between them is no confirmation to replay";
-    EXPECT_EQ(m_Service->payments()[2].m_State, sandbox::PaymentState::kDeclined);
-    EXPECT_TRUE(m_Service->faults().armed().empty());
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service)[2].m_State, sandbox::PaymentState::kDeclined);
+    EXPECT_TRUE(m_Service->services().m_Faults.armed().empty());
 }
 
 TEST_F(WrongContent, ReplaysCapturesAndCompletions) {
@@ -134,10 +135,10 @@ TEST_F(WrongContent, ReplaysCapturesAndCompletions) {
     std::string const second = authorise("t2");
     arm("replay,exchange=capture");
     EXPECT_EQ(askCapture(second), captured);
-    EXPECT_EQ(m_Service->payments()[1].m_State, sandbox::PaymentState::kCaptured);
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service)[1].m_State, sandbox::PaymentState::kCaptured);
     arm("replay,exchange=complete");
     EXPECT_EQ(completion("t2").text(), completed);
-    EXPECT_EQ(m_Service->payments()[1].m_State, sandbox::PaymentState::kCompleted);
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service)[1].m_State, sandbox::PaymentState::kCompleted);
 }
 
 TEST_F(WrongContent, SwapsWithAnotherOpenPayment) {
@@ -163,13 +164,13 @@ TEST_F(WrongContent, StaysArmedWithNothingToReplayOrSwap) {
     RawResponse const page = openPage(m_Merchant.payInit("t1"));
     Message const confirmation = confirmationIn(press(page, "pay"));
     EXPECT_EQ(confirmation.find("TOKEN"), "t1");
-    EXPECT_EQ(m_Service->faults().armed().size(), 2u);
-    EXPECT_EQ(m_Service->faults().armed()[0].m_Happened, 0);
-    EXPECT_EQ(m_Service->exchanges().back().m_Fault, "");
-    EXPECT_EQ(m_Service->exchanges().back().m_Verdict, "ok");
+    EXPECT_EQ(m_Service->services().m_Faults.armed().size(), 2u);
+    EXPECT_EQ(m_Service->services().m_Faults.armed()[0].m_Happened, 0);
+    EXPECT_EQ(sandboxtest::exchangesOf(*m_Service).back().m_Fault, "");
+    EXPECT_EQ(sandboxtest::exchangesOf(*m_Service).back().m_Verdict, "ok");
     EXPECT_EQ(reasonInSteps(), "The fault replay did not happen: the account has no earlier payment that was paid");
     press(openPage(m_Merchant.payInit("t2")), "cancel");
-    EXPECT_EQ(m_Service->faults().armed().size(), 1u) << "now there is a payment to replay";
+    EXPECT_EQ(m_Service->services().m_Faults.armed().size(), 1u) << "now there is a payment to replay";
 }
 
 TEST_F(WrongContent, LeavesOtherAccountsAlone) {
@@ -178,7 +179,7 @@ TEST_F(WrongContent, LeavesOtherAccountsAlone) {
     TestMerchant const other("0-1002-other");
     std::string const body = "{\"user\": \"other\", \"password\": \"p\"}";
     RawResponse const made = parseResponse(
-        exchangeRaw(m_Service->controlPort(),
+        exchangeRaw(m_Service->addresses().m_Control.m_Port,
                     "POST /control/accounts HTTP/1.0\r\nContent-Type: application/json\r\nContent-Length: " +
                         std::to_string(body.size()) + "\r\n\r\n" + body));
     ASSERT_EQ(made.m_Status, 201) << made.m_Body;
@@ -187,7 +188,7 @@ TEST_F(WrongContent, LeavesOtherAccountsAlone) {
     RawResponse const page = get("/pay" + other.signedQuery(other.payInit("t1")));
     arm("replay");
     arm("swap");
-    EXPECT_EQ(confirmationIn(press(page, "pay")).find("ID"), m_Service->payments()[2].m_Id);
+    EXPECT_EQ(confirmationIn(press(page, "pay")).find("ID"), sandboxtest::paymentsOf(*m_Service)[2].m_Id);
     EXPECT_THAT(reasonInSteps(), HasSubstr("no earlier payment"));
 }
 
@@ -195,11 +196,13 @@ TEST_F(WrongContent, NeedsAPayment) {
     arm("wrong-amount,exchange=capture");
     askCapture(m_Merchant.message("PayConfirm", " TOKEN=\"unknown\""));
     EXPECT_EQ(reasonInSteps(), "The fault wrong-amount did not happen: the request names no payment");
-    EXPECT_EQ(m_Service->faults().armed().size(), 1u);
+    EXPECT_EQ(m_Service->services().m_Faults.armed().size(), 1u);
     std::string const body = "payment=P0&key=x&decision=pay";
     arm("replay,exchange=decision");
-    EXPECT_EQ(parseResponse(exchangeRaw(m_Service->plainPort(), formPost("/pay/decision", body))).m_Status, 404);
-    EXPECT_EQ(m_Service->faults().armed().size(), 2u);
+    EXPECT_EQ(
+        parseResponse(exchangeRaw(m_Service->addresses().m_Plain.m_Port, formPost("/pay/decision", body))).m_Status,
+        404);
+    EXPECT_EQ(m_Service->services().m_Faults.armed().size(), 2u);
 }
 
 TEST(WrongValue, HasTheFormOfTheRightOne) {

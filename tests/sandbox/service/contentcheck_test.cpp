@@ -105,7 +105,7 @@ protected:
 
     [[nodiscard]] std::vector<std::string> warnings() const {
         std::vector<std::string> found;
-        sandbox::Exchange const last = m_Service->exchanges().back();
+        sandbox::Exchange const last = sandboxtest::exchangesOf(*m_Service).back();
         for (sandbox::CheckStep const& step : last.m_Steps) {
             if (step.m_Warning) {
                 EXPECT_EQ(step.m_What, "Warning");
@@ -118,7 +118,9 @@ protected:
 
     [[nodiscard]] nlohmann::json counts() const {
         std::string const request = "GET /control HTTP/1.0\r\n\r\n";
-        return nlohmann::json::parse(parseResponse(exchangeRaw(m_Service->controlPort(), request)).m_Body).at("counts");
+        return nlohmann::json::parse(
+                   parseResponse(exchangeRaw(m_Service->addresses().m_Control.m_Port, request)).m_Body)
+            .at("counts");
     }
 
     std::string m_Odd = m_Merchant.message(
@@ -132,7 +134,7 @@ TEST_F(Content, IsRefusedWithEverythingThatIsOdd) {
         lastVerdict(),
         "AMOUNT is missing; CURRENCY is none of ISO 4217: 'EURO'; the attribute AMUONT looks like a misspelt AMOUNT");
     EXPECT_THAT(page.m_Body, HasSubstr("looks like a misspelt AMOUNT"));
-    EXPECT_TRUE(m_Service->payments().empty());
+    EXPECT_TRUE(sandboxtest::paymentsOf(*m_Service).empty());
     EXPECT_EQ(counts().at("warnings"), 0);
 }
 
@@ -156,7 +158,7 @@ TEST_F(Content, IsDecodedASecondTimeByALenientService) {
     beLenient();
     EXPECT_EQ(get("/pay" + query).m_Status, 200);
     EXPECT_THAT(warnings(), ElementsAre("DATA is percent-encoded twice"));
-    EXPECT_EQ(m_Service->payments().at(0).m_Token, "t1");
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service).at(0).m_Token, "t1");
 }
 
 TEST_F(Content, IsRefusedWhenItTravelledInAnUnusualEncoding) {

@@ -26,11 +26,11 @@ protected:
 
 TEST_F(AutoService, AnswersSetupWithItsAddressesAndKey) {
     std::string const body = askAuto("<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>");
-    std::string const base = m_Service->baseUrl();
+    std::string const base = m_Service->addresses().m_Plain.m_Url;
     EXPECT_EQ(body, "<KVX MSGTYPE=\"SetupResponse\" VERSION=\"1\" VTURL=\"" + base + "/pay\" CAPTUREURL=\"" + base +
-                        "/capture\" KVX.VTAUTOURL=\"" + base + "/auto\" VTKEYID=\"" + m_Service->serverKeyId() +
-                        "\" CUSTOMERID=\"1001\"/>");
-    EXPECT_EQ(base, "http://127.0.0.1:" + std::to_string(m_Service->plainPort()));
+                        "/capture\" KVX.VTAUTOURL=\"" + base + "/auto\" VTKEYID=\"" +
+                        m_Service->services().m_Keys.current()->m_Id + "\" CUSTOMERID=\"1001\"/>");
+    EXPECT_EQ(base, "http://127.0.0.1:" + std::to_string(m_Service->addresses().m_Plain.m_Port));
 }
 
 TEST_F(AutoService, AnswersLoadDefaultsWithEveryDefault) {
@@ -44,13 +44,14 @@ TEST_F(AutoService, AnswersLoadDefaultsWithEveryDefault) {
 }
 
 TEST_F(AutoService, HandsOutTheKeyThatSignsConfirmations) {
-    std::string const body = askAuto("<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"" + m_Service->serverKeyId() + "\"/>");
+    std::string const body =
+        askAuto("<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"" + m_Service->services().m_Keys.current()->m_Id + "\"/>");
     EXPECT_EQ(attributeOf(body, "MSGTYPE"), "KeyQueryResponse");
-    EXPECT_EQ(attributeOf(body, "KEYID"), m_Service->serverKeyId());
+    EXPECT_EQ(attributeOf(body, "KEYID"), m_Service->services().m_Keys.current()->m_Id);
     std::string const blob = attributeOf(body, "KEYBLOB");
     EXPECT_EQ(blob.substr(0, 8), "30480241");
     EXPECT_EQ(blob.size(), 148u);
-    EXPECT_EQ(m_Service->serverKeyId().find('/'), std::string::npos);
+    EXPECT_EQ(m_Service->services().m_Keys.current()->m_Id.find('/'), std::string::npos);
 }
 
 TEST_F(AutoService, RefusesToHandOutAnUnknownKey) {
@@ -66,7 +67,8 @@ TEST_F(AutoService, StoresAKeyOnceAndAcceptsItsRepetition) {
 TEST_F(AutoService, RefusesAnotherKeyUnderAKnownIdentifier) {
     TestMerchant const other("other");
     EXPECT_THAT(exportReason(m_Merchant.keyId(), other.blob()), HasSubstr("another key already"));
-    EXPECT_THAT(exportReason(m_Service->serverKeyId(), other.blob()), HasSubstr("another key already"));
+    EXPECT_THAT(exportReason(m_Service->services().m_Keys.current()->m_Id, other.blob()),
+                HasSubstr("another key already"));
     // The private key that the next rotation needs.
     EXPECT_THAT(exportReason("1-SERVER-2", other.blob()), HasSubstr("another key already"));
 }
@@ -111,7 +113,7 @@ TEST_F(AutoService, ReportsWhatIsWrongWithTheCredentials) {
 TEST_F(AutoService, ReportsWhatIsWrongWithTheAuthorizationHeader) {
     auto const reasonWith = [this](std::string const& header) {
         std::string const request = "GET /auto?DATA=x HTTP/1.0\r\n" + header + "\r\n";
-        return reasonOf(parseResponse(exchangeRaw(m_Service->plainPort(), request)).m_Body);
+        return reasonOf(parseResponse(exchangeRaw(m_Service->addresses().m_Plain.m_Port, request)).m_Body);
     };
     EXPECT_THAT(reasonWith(""), HasSubstr("no Authorization header"));
     EXPECT_THAT(reasonWith("Authorization: Bearer x\r\n"), HasSubstr("not of the scheme Basic"));
@@ -136,11 +138,11 @@ TEST_F(AutoService, ClosesTheConnectionAndTellsTheLength) {
 }
 
 TEST_F(AutoService, RecordsEveryExchangeWithItsVerdict) {
-    std::size_t const before = m_Service->exchanges().size();
+    std::size_t const before = sandboxtest::exchangesOf(*m_Service).size();
     std::string const text = "<KVX MSGTYPE=\"SetupRequest\" VERSION=\"0\"/>";
     askAuto(text);
     askAuto(text, "demo", "wrong");
-    std::vector<sandbox::Exchange> const exchanges = m_Service->exchanges();
+    std::vector<sandbox::Exchange> const exchanges = sandboxtest::exchangesOf(*m_Service);
     ASSERT_EQ(exchanges.size(), before + 2);
     EXPECT_EQ(exchanges[before].m_Path, "/auto");
     EXPECT_EQ(exchanges[before].m_Data, text);

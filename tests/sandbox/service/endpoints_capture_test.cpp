@@ -19,7 +19,7 @@ using ::testing::HasSubstr;
 
 class CaptureService : public SandboxTest {
 protected:
-    [[nodiscard]] sandbox::Payment payment() const { return m_Service->payments().at(0); }
+    [[nodiscard]] sandbox::Payment payment() const { return sandboxtest::paymentsOf(*m_Service).at(0); }
 
     [[nodiscard]] std::string named(std::string const& type, std::string const& more = "") const {
         return m_Merchant.message(type, " ID=\"" + payment().m_Id + "\" TOKEN=\"" + payment().m_Token + "\"" + more);
@@ -28,8 +28,8 @@ protected:
 
 TEST_F(CaptureService, CapturesAnAuthorisedPayment) {
     std::string const response = askCapture(authorise("t1"));
-    EXPECT_EQ(response, "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"" + m_Service->serverKeyId() + "\" ID=\"" +
-                            payment().m_Id +
+    EXPECT_EQ(response, "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"" + m_Service->services().m_Keys.current()->m_Id +
+                            "\" ID=\"" + payment().m_Id +
                             "\" TOKEN=\"t1\" AMOUNT=\"12.50\" CURRENCY=\"EUR\" ORDERID=\"A-17\" RESULT=\"captured\"/>");
     EXPECT_EQ(payment().m_State, PaymentState::kCaptured);
     EXPECT_EQ(lastVerdict(), "ok");
@@ -90,7 +90,8 @@ TEST_F(CaptureService, RefusesAMissingOrUnknownToken) {
 
 TEST_F(CaptureService, RefusesAMessageUnderTheServersKey) {
     authorise("t1");
-    std::string const text = "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"" + m_Service->serverKeyId() + "\" TOKEN=\"t1\"/>";
+    std::string const text =
+        "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"" + m_Service->services().m_Keys.current()->m_Id + "\" TOKEN=\"t1\"/>";
     EXPECT_THAT(reasonOf(askCapture(text)), HasSubstr("KEYID names no merchant key"));
 }
 
@@ -111,14 +112,14 @@ TEST_F(CaptureService, CompletesAnAuthorisedOrCapturedPayment) {
         if (captureFirst) {
             askCapture(confirm);
         }
-        std::string const id = m_Service->payments().back().m_Id;
+        std::string const id = sandboxtest::paymentsOf(*m_Service).back().m_Id;
         std::string const text =
             m_Merchant.message("PayCompleteRequest", " CONFIGPATH=\"/x\" ID=\"" + id + "\" TOKEN=\"" + token + "\"");
         std::string const expected =
             "<KVX MSGTYPE=\"PayCompleteResponse\" ID=\"" + id + "\" TOKEN=\"" + token + "\" STATE=\"completed\"/>";
         EXPECT_EQ(askCapture(text), expected);
         EXPECT_EQ(askCapture(text), expected) << "repeated";
-        EXPECT_EQ(m_Service->payments().back().m_State, PaymentState::kCompleted);
+        EXPECT_EQ(sandboxtest::paymentsOf(*m_Service).back().m_State, PaymentState::kCompleted);
         EXPECT_EQ(attributeOf(askCapture(confirm), "RESULT"), "captured") << "captured after completion";
     }
 }
@@ -160,7 +161,7 @@ TEST_F(CaptureService, AcceptsHighBytesSignedAsAMerchantDoes) {
     authorise("t1");
     std::string const text = m_Merchant.message("PayConfirm", " TOKEN=\"t1\" NOTE=\"Caf\xE9 \xFF\x80\"");
     EXPECT_EQ(attributeOf(askCapture(text), "RESULT"), "captured");
-    EXPECT_EQ(m_Service->exchanges().back().m_Data, text);
+    EXPECT_EQ(sandboxtest::exchangesOf(*m_Service).back().m_Data, text);
 }
 
 TEST_F(CaptureService, KeepsMerchantsApart) {

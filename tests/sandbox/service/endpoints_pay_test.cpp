@@ -29,11 +29,12 @@ protected:
         std::string const shown = sandbox::replaceAll(sandbox::escapeHtml(text), "\u240D", "<small>CR</small>");
         EXPECT_THAT(page.m_Body, HasSubstr("<pre><code>" + shown + "</code></pre>"));
         EXPECT_THAT(lastVerdict(), HasSubstr(reason));
-        EXPECT_TRUE(m_Service->payments().empty());
+        EXPECT_TRUE(sandboxtest::paymentsOf(*m_Service).empty());
     }
 
     [[nodiscard]] std::string serverBlob() const {
-        return attributeOf(askAuto("<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"" + m_Service->serverKeyId() + "\"/>"),
+        return attributeOf(askAuto("<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"" +
+                                   m_Service->services().m_Keys.current()->m_Id + "\"/>"),
                            "KEYBLOB");
     }
 
@@ -43,9 +44,9 @@ protected:
         EXPECT_THAT(location, StartsWith(link + "DATA=%3cKVX%20MSGTYPE%3d%22PayConfirm%22%20"));
         std::string const data = percentDecoded(queryValue(location, "DATA"));
         EXPECT_EQ(attributeOf(data, "MSGTYPE"), "PayConfirm");
-        EXPECT_EQ(attributeOf(data, "KEYID"), m_Service->serverKeyId());
-        EXPECT_EQ(attributeOf(data, "ID"), m_Service->payments().back().m_Id);
-        EXPECT_EQ(attributeOf(data, "TOKEN"), m_Service->payments().back().m_Token);
+        EXPECT_EQ(attributeOf(data, "KEYID"), m_Service->services().m_Keys.current()->m_Id);
+        EXPECT_EQ(attributeOf(data, "ID"), sandboxtest::paymentsOf(*m_Service).back().m_Id);
+        EXPECT_EQ(attributeOf(data, "TOKEN"), sandboxtest::paymentsOf(*m_Service).back().m_Token);
         EXPECT_EQ(attributeOf(data, "AMOUNT"), "12.50");
         EXPECT_EQ(attributeOf(data, "CURRENCY"), "EUR");
         EXPECT_EQ(attributeOf(data, "ORDERID"), "A-17");
@@ -80,8 +81,8 @@ TEST_F(PaymentPage, ShowsTheOrderAndRecordsThePayment) {
         EXPECT_THAT(page.m_Body, HasSubstr(part));
     }
     EXPECT_THAT(page.m_Body, Not(HasSubstr("<script")));
-    ASSERT_EQ(m_Service->payments().size(), 1u);
-    sandbox::Payment const payment = m_Service->payments()[0];
+    ASSERT_EQ(sandboxtest::paymentsOf(*m_Service).size(), 1u);
+    sandbox::Payment const payment = sandboxtest::paymentsOf(*m_Service)[0];
     EXPECT_EQ(payment.m_State, sandbox::PaymentState::kOpened);
     EXPECT_EQ(payment.m_Token, "t1");
     EXPECT_EQ(payment.m_Account, "demo");
@@ -103,10 +104,10 @@ TEST_F(PaymentPage, KeepsItsFormFreeToLeadToTheShop) {
 TEST_F(PaymentPage, IsReadableInTheRecordWhateverTheBrowserAccepts) {
     std::string request = merchantGet("/pay" + m_Merchant.signedQuery(m_Merchant.payInit("t1")));
     request.insert(request.size() - 2, "Accept-Encoding: gzip, deflate, br\r\n");
-    std::string const response = exchangeRaw(m_Service->plainPort(), request);
+    std::string const response = exchangeRaw(m_Service->addresses().m_Plain.m_Port, request);
     EXPECT_EQ(parseResponse(response).m_Headers.count("content-encoding"), 0u);
     EXPECT_THAT(response, HasSubstr("<button"));
-    EXPECT_EQ(m_Service->exchanges().back().m_Response, response);
+    EXPECT_EQ(sandboxtest::exchangesOf(*m_Service).back().m_Response, response);
 }
 
 TEST_F(PaymentPage, EscapesWhatTheMerchantWrote) {
@@ -140,21 +141,21 @@ TEST_F(PaymentPage, CanBePaidUntilTheExpiration) {
 TEST_F(PaymentPage, SendsThePayingShopperToTheSuccessLink) {
     RawResponse const response = press(openPage(m_Merchant.payInit("t1")), "pay");
     expectSignedReturn(response, "http://shop.example/ok?", "authorised");
-    EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kAuthorised);
-    EXPECT_EQ(m_Service->payments()[0].m_History.size(), 2u);
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service)[0].m_State, sandbox::PaymentState::kAuthorised);
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service)[0].m_History.size(), 2u);
 }
 
 TEST_F(PaymentPage, SendsTheDecliningShopperToTheFailLinkBeforeItsFragment) {
     RawResponse const response = press(openPage(m_Merchant.payInit("t1")), "decline");
     expectSignedReturn(response, "http://shop.example/failed?", "declined");
     EXPECT_THAT(response.m_Headers.at("location"), ::testing::EndsWith("#top"));
-    EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kDeclined);
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service)[0].m_State, sandbox::PaymentState::kDeclined);
 }
 
 TEST_F(PaymentPage, ExtendsTheQueryOfTheBackLink) {
     RawResponse const response = press(openPage(m_Merchant.payInit("t1")), "cancel");
     expectSignedReturn(response, "http://shop.example/back?cart=7&", "cancelled");
-    EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kCancelled);
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service)[0].m_State, sandbox::PaymentState::kCancelled);
 }
 
 TEST_F(PaymentPage, SignsHighBytesSoThatTheMerchantVerifiesThem) {
@@ -174,8 +175,8 @@ TEST_F(PaymentPage, LeavesOutWhatTheOrderDidNotName) {
     RawResponse const page = openPage(m_Merchant.message(
         "PayInit", " TOKEN=\"t\" EXPIRATION=\"20991231 23:59:59\" SUCCESSLINK=\"http://shop.example/\""));
     std::string const data = percentDecoded(queryValue(press(page, "pay").m_Headers.at("location"), "DATA"));
-    EXPECT_EQ(data, "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"" + m_Service->serverKeyId() + "\" ID=\"" +
-                        m_Service->payments()[0].m_Id + "\" TOKEN=\"t\" RESULT=\"authorised\"/>");
+    EXPECT_EQ(data, "<KVX MSGTYPE=\"PayConfirm\" KEYID=\"" + m_Service->services().m_Keys.current()->m_Id + "\" ID=\"" +
+                        sandboxtest::paymentsOf(*m_Service)[0].m_Id + "\" TOKEN=\"t\" RESULT=\"authorised\"/>");
 }
 
 TEST_F(PaymentPage, ShowsTheOutcomeWhenThereIsNoLink) {
@@ -190,7 +191,7 @@ TEST_F(PaymentPage, RepeatsTheSameDecision) {
     RawResponse const page = openPage(m_Merchant.payInit("t1"));
     std::string const first = press(page, "pay").m_Headers.at("location");
     EXPECT_EQ(press(page, "pay").m_Headers.at("location"), first);
-    EXPECT_EQ(m_Service->payments()[0].m_History.size(), 2u);
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service)[0].m_History.size(), 2u);
 }
 
 TEST_F(PaymentPage, RefusesAnotherDecisionAfterTheFirst) {
@@ -201,12 +202,12 @@ TEST_F(PaymentPage, RefusesAnotherDecisionAfterTheFirst) {
     EXPECT_THAT(response.m_Body, HasSubstr("declined already"));
     EXPECT_THAT(attributeOf(response.m_Body, "href"), StartsWith("http://shop.example/failed?DATA="));
     EXPECT_THAT(response.m_Body, HasSubstr("<th scope=\"row\">TOKEN</th><td>t1</td>"));
-    EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kDeclined);
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service)[0].m_State, sandbox::PaymentState::kDeclined);
 }
 
 TEST_F(PaymentPage, RefusesAForeignForm) {
     openPage(m_Merchant.payInit("t1"));
-    std::string const id = m_Service->payments()[0].m_Id;
+    std::string const id = sandboxtest::paymentsOf(*m_Service)[0].m_Id;
     struct Row {
         std::string m_Body;
         int m_Status;
@@ -216,15 +217,15 @@ TEST_F(PaymentPage, RefusesAForeignForm) {
           Row{"payment=" + id + "&key=&decision=pay", 403}, Row{"payment=" + id + "&decision=pay", 403},
           Row{"payment=P0&key=x&decision=pay", 404}, Row{"", 400}, Row{"payment=" + id + "&decision=refund", 400}}) {
         RawResponse const response =
-            parseResponse(exchangeRaw(m_Service->plainPort(), formPost("/pay/decision", row.m_Body)));
+            parseResponse(exchangeRaw(m_Service->addresses().m_Plain.m_Port, formPost("/pay/decision", row.m_Body)));
         EXPECT_EQ(response.m_Status, row.m_Status) << row.m_Body;
     }
-    EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kOpened);
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service)[0].m_State, sandbox::PaymentState::kOpened);
 }
 
 TEST_F(PaymentPage, ShowsAReloadedPageOfAnOpenPaymentAgain) {
     EXPECT_EQ(openPage(m_Merchant.payInit("t1")).m_Body, openPage(m_Merchant.payInit("t1")).m_Body);
-    EXPECT_EQ(m_Service->payments().size(), 1u);
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service).size(), 1u);
 }
 
 TEST_F(PaymentPage, RefusesATokenThatWasUsed) {
@@ -234,15 +235,16 @@ TEST_F(PaymentPage, RefusesATokenThatWasUsed) {
     RawResponse const again = openPage(m_Merchant.payInit("t1"));
     EXPECT_EQ(again.m_Status, 400);
     EXPECT_THAT(again.m_Body, HasSubstr("which is authorised"));
-    EXPECT_EQ(m_Service->payments().size(), 1u);
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service).size(), 1u);
 }
 
 TEST_F(PaymentPage, LeadsBackToTheShopWhenThePaymentIsDecided) {
     std::string const address = press(openPage(m_Merchant.payInit("t1")), "pay").m_Headers.at("location");
     std::string const link = attributeOf(openPage(m_Merchant.payInit("t1")).m_Body, "href");
     EXPECT_EQ(link, address);
-    askCapture(m_Merchant.message("PayCompleteRequest", " TOKEN=\"t1\" ID=\"" + m_Service->payments()[0].m_Id + "\""));
-    EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kCompleted);
+    askCapture(m_Merchant.message("PayCompleteRequest",
+                                  " TOKEN=\"t1\" ID=\"" + sandboxtest::paymentsOf(*m_Service)[0].m_Id + "\""));
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service)[0].m_State, sandbox::PaymentState::kCompleted);
     EXPECT_EQ(attributeOf(openPage(m_Merchant.payInit("t1")).m_Body, "href"), address) << "it stays the confirmation";
 }
 
@@ -259,8 +261,8 @@ TEST_F(PaymentPage, LeadsBackToTheShopWhoComesTooLate) {
     EXPECT_THAT(link, StartsWith("http://shop.example/no?DATA="));
     EXPECT_EQ(attributeOf(percentDecoded(queryValue(link, "DATA")), "RESULT"), "expired");
     EXPECT_TRUE(verifies(serverBlob(), percentDecoded(queryValue(link, "DATA")), queryValue(link, "SIGNATURE")));
-    ASSERT_EQ(m_Service->payments().size(), 1u);
-    EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kExpired);
+    ASSERT_EQ(sandboxtest::paymentsOf(*m_Service).size(), 1u);
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service)[0].m_State, sandbox::PaymentState::kExpired);
     m_Now = 1700000000;
     EXPECT_EQ(attributeOf(openPage(text).m_Body, "href"), link) << "what has expired stays so";
 }
@@ -289,8 +291,8 @@ TEST_F(PaymentPage, AcceptsNoDecisionAfterTheExpiration) {
     std::string const location = back.m_Headers.at("location");
     EXPECT_THAT(location, StartsWith("http://shop.example/no?DATA="));
     EXPECT_EQ(attributeOf(percentDecoded(queryValue(location, "DATA")), "RESULT"), "expired");
-    EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kExpired);
-    EXPECT_EQ(m_Service->payments()[0].m_History.size(), 2u);
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service)[0].m_State, sandbox::PaymentState::kExpired);
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service)[0].m_History.size(), 2u);
     EXPECT_EQ(press(page, "pay").m_Headers.at("location"), location) << "a second click changes nothing";
     m_Now = 1700000000;
     EXPECT_EQ(press(page, "pay").m_Headers.at("location"), location) << "what has expired stays so";
@@ -298,9 +300,9 @@ TEST_F(PaymentPage, AcceptsNoDecisionAfterTheExpiration) {
 
 TEST_F(PaymentPage, ReportsThatAnUndecidedPaymentHasExpired) {
     openPage(m_Merchant.bareInit(" TOKEN=\"t\" EXPIRATION=\"20231114 22:13:20\""));
-    EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kOpened);
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service)[0].m_State, sandbox::PaymentState::kOpened);
     m_Now = 1700000001;
-    EXPECT_EQ(m_Service->payments()[0].m_State, sandbox::PaymentState::kExpired);
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service)[0].m_State, sandbox::PaymentState::kExpired);
     EXPECT_EQ(attributeOf(askCapture(m_Merchant.message("StatusRequest", " TOKEN=\"t\"")), "STATE"), "expired");
 }
 
@@ -311,7 +313,8 @@ TEST_F(PaymentPage, RefusesWhatIsNoPayInit) {
     expectRefused(m_Merchant.message("PayInit", " EXPIRATION=\"20991231 23:59:59\""), "needs the attribute TOKEN");
     expectRefused("<KVX MSGTYPE=\"PayInit\"/>", "needs the attribute KEYID");
     expectRefused("<KVX MSGTYPE=\"PayInit\" KEYID=\"0-x\"/>", "KEYID names no merchant key");
-    expectRefused("<KVX MSGTYPE=\"PayInit\" KEYID=\"" + m_Service->serverKeyId() + "\"/>", "names no merchant key");
+    expectRefused("<KVX MSGTYPE=\"PayInit\" KEYID=\"" + m_Service->services().m_Keys.current()->m_Id + "\"/>",
+                  "names no merchant key");
     expectRefused("<KVX", "not well-formed");
 }
 

@@ -19,7 +19,6 @@
 #include <vector>
 
 #include "sandbox/service/notifier.h"
-#include "sandbox/store/database.h"
 #include "tests/sandbox/support/sandboxfixture.h"
 #include "tests/support/rawserver.h"
 
@@ -122,10 +121,10 @@ protected:
     [[nodiscard]] Notification await(std::function<bool(Notification const&)> const& condition,
                                      std::size_t index = 0) const {
         EXPECT_TRUE(comesTrue([&] {
-            std::vector<Notification> const all = m_Service->notifications();
+            std::vector<Notification> const all = sandboxtest::notificationsOf(*m_Service);
             return all.size() > index && condition(all[index]);
         }));
-        return m_Service->notifications().at(index);
+        return sandboxtest::notificationsOf(*m_Service).at(index);
     }
 
     [[nodiscard]] Notification awaitSettled(std::size_t index = 0) const {
@@ -134,7 +133,7 @@ protected:
 
     [[nodiscard]] std::vector<sandbox::Exchange> sent() const {
         std::vector<sandbox::Exchange> found;
-        for (sandbox::Exchange const& exchange : m_Service->exchanges()) {
+        for (sandbox::Exchange const& exchange : sandboxtest::exchangesOf(*m_Service)) {
             if (exchange.m_Kind == ExchangeKind::kNotification) {
                 found.push_back(exchange);
             }
@@ -146,7 +145,7 @@ protected:
         return attributeOf(askAuto("<KVX MSGTYPE=\"KeyQueryRequest\" KEYID=\"" + keyId + "\"/>"), "KEYBLOB");
     }
 
-    void arm(std::string const& fault) const { m_Service->faults().arm(sandbox::parseFault(fault)); }
+    void arm(std::string const& fault) const { m_Service->services().m_Faults.arm(sandbox::parseFault(fault)); }
 };
 
 std::string dataOf(std::string const& request) {
@@ -170,14 +169,14 @@ TEST_F(PaymentNotification, ReportsEveryDecision) {
         EXPECT_THAT(request, StartsWith("GET /notified?shop=7&DATA=%3cKVX%20MSGTYPE%3d%22PayConfirm%22%20"));
         EXPECT_THAT(request, HasSubstr(" HTTP/1.0\r\nHost: " + shop.hostPort() + "\r\n"));
         std::string const data = dataOf(request);
-        EXPECT_EQ(attributeOf(data, "KEYID"), m_Service->serverKeyId());
+        EXPECT_EQ(attributeOf(data, "KEYID"), m_Service->services().m_Keys.current()->m_Id);
         EXPECT_EQ(attributeOf(data, "TOKEN"), row.m_Decision);
-        EXPECT_EQ(attributeOf(data, "ID"), m_Service->payments().at(number).m_Id);
+        EXPECT_EQ(attributeOf(data, "ID"), sandboxtest::paymentsOf(*m_Service).at(number).m_Id);
         EXPECT_EQ(attributeOf(data, "AMOUNT"), "12.50");
         EXPECT_EQ(attributeOf(data, "CURRENCY"), "EUR");
         EXPECT_EQ(attributeOf(data, "ORDERID"), "A-17");
         EXPECT_EQ(attributeOf(data, "RESULT"), row.m_Result);
-        EXPECT_TRUE(verifies(blobOf(m_Service->serverKeyId()), data, signatureOf(request)));
+        EXPECT_TRUE(verifies(blobOf(m_Service->services().m_Keys.current()->m_Id), data, signatureOf(request)));
         Notification const notification = awaitSettled(number++);
         EXPECT_EQ(notification.m_Outcome, "delivered: 200");
         EXPECT_EQ(notification.m_Attempts, 1);
@@ -201,7 +200,7 @@ TEST_F(PaymentNotification, MakesFaultsOfContentUnderARightSignature) {
         EXPECT_FALSE(awaitSettled(i).m_Pending);
     }
     std::vector<std::string> const requests = shop.requests(4);
-    std::string const blob = blobOf(m_Service->serverKeyId());
+    std::string const blob = blobOf(m_Service->services().m_Keys.current()->m_Id);
     std::vector<std::string> said;
     for (std::string const& request : requests) {
         std::string const data = dataOf(request);
@@ -224,15 +223,15 @@ TEST_F(PaymentNotification, SaysThatThereIsNothingToReplay) {
     ASSERT_EQ(sent().size(), 1u);
     ASSERT_EQ(sent()[0].m_Steps.size(), 1u);
     EXPECT_EQ(sent()[0].m_Steps[0].m_What, "The fault replay did not happen");
-    EXPECT_EQ(m_Service->faults().armed().size(), 1u);
+    EXPECT_EQ(m_Service->services().m_Faults.armed().size(), 1u);
 }
 
 TEST_F(PaymentNotification, ReportsThatAPaymentHasExpired) {
     Shop shop({Shop::responds(responseWith(200))});
     EXPECT_EQ(openNotified(shop.address()).m_Status, 200);
-    EXPECT_TRUE(m_Service->notifications().empty());
+    EXPECT_TRUE(sandboxtest::notificationsOf(*m_Service).empty());
     m_Now = 5'000'000'000;
-    EXPECT_EQ(m_Service->payments().at(0).m_State, sandbox::PaymentState::kExpired);
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service).at(0).m_State, sandbox::PaymentState::kExpired);
     EXPECT_EQ(attributeOf(dataOf(shop.request()), "RESULT"), "expired");
     EXPECT_EQ(awaitSettled().m_Outcome, "delivered: 200");
 }
@@ -270,9 +269,9 @@ TEST_F(NotificationOfExpiration, ComesWithoutAnybodyLooking) {
 TEST_F(NotificationOfExpiration, ComesWhenTheClockIsSetAhead) {
     Shop shop({Shop::responds(responseWith(200))});
     openBriefly(shop.address());
-    exchangeRaw(m_Service->controlPort(), jsonPost("/control/clock", R"({"ahead": 3600})"));
-    EXPECT_TRUE(m_Service->notifications().empty()) << "the last second is not over";
-    exchangeRaw(m_Service->controlPort(), jsonPost("/control/clock", R"({"ahead": 3601})"));
+    exchangeRaw(m_Service->addresses().m_Control.m_Port, jsonPost("/control/clock", R"({"ahead": 3600})"));
+    EXPECT_TRUE(sandboxtest::notificationsOf(*m_Service).empty()) << "the last second is not over";
+    exchangeRaw(m_Service->addresses().m_Control.m_Port, jsonPost("/control/clock", R"({"ahead": 3601})"));
     EXPECT_EQ(attributeOf(dataOf(shop.request()), "RESULT"), "expired");
 }
 
@@ -280,7 +279,7 @@ TEST_F(NotificationOfExpiration, ComesWhenTheClockHasMoved) {
     Shop shop({Shop::responds(responseWith(200))});
     openBriefly(shop.address());
     m_Now = kPast;
-    m_Service->clockMoved();
+    m_Service->services().m_Notifier.wake();
     EXPECT_EQ(attributeOf(dataOf(shop.request()), "RESULT"), "expired");
 }
 
@@ -303,9 +302,9 @@ TEST_F(NotificationOfExpiration, DoesNotComeForWhatWasDecidedInTime) {
     // The second one shows that the first one was skipped.
     openBriefly(shop.address(), "t2");
     m_Now = 5'000'000'000;
-    m_Service->clockMoved();
-    EXPECT_EQ(awaitSettled(1).m_Payment, m_Service->payments().at(1).m_Id);
-    EXPECT_EQ(m_Service->payments().at(0).m_State, sandbox::PaymentState::kAuthorised);
+    m_Service->services().m_Notifier.wake();
+    EXPECT_EQ(awaitSettled(1).m_Payment, sandboxtest::paymentsOf(*m_Service).at(1).m_Id);
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service).at(0).m_State, sandbox::PaymentState::kAuthorised);
     EXPECT_EQ(shop.requests(2).size(), 2u);
 }
 
@@ -319,8 +318,8 @@ TEST_F(NotificationOfExpiration, ComesOnceHoweverManyLook) {
     std::vector<std::thread> lookers;
     for (int i = 0; i < 3; ++i) {
         lookers.emplace_back([this] {
-            m_Service->clockMoved();
-            static_cast<void>(m_Service->payments());
+            m_Service->services().m_Notifier.wake();
+            static_cast<void>(sandboxtest::paymentsOf(*m_Service));
         });
     }
     for (std::thread& looker : lookers) {
@@ -328,23 +327,23 @@ TEST_F(NotificationOfExpiration, ComesOnceHoweverManyLook) {
     }
     EXPECT_EQ(shop.requests(kPayments).size(), kPayments);
     EXPECT_EQ(awaitSettled(kPayments - 1).m_Outcome, "delivered: 200");
-    EXPECT_EQ(m_Service->notifications().size(), kPayments);
-    for (sandbox::Payment const& payment : m_Service->payments()) {
+    EXPECT_EQ(sandboxtest::notificationsOf(*m_Service).size(), kPayments);
+    for (sandbox::Payment const& payment : sandboxtest::paymentsOf(*m_Service)) {
         EXPECT_EQ(payment.m_History.size(), 2u) << payment.m_Id;
     }
 }
 
 TEST_F(PaymentNotification, ReportsNothingUnaskedAndNothingThatTheMerchantDid) {
     authorise("without");
-    EXPECT_TRUE(m_Service->notifications().empty());
+    EXPECT_TRUE(sandboxtest::notificationsOf(*m_Service).empty());
     Shop shop({Shop::responds(responseWith(200))});
     payNotified(shop.address());
     EXPECT_EQ(awaitSettled().m_Outcome, "delivered: 200");
     std::string confirm = dataOf(shop.request());
-    std::string const key = m_Service->serverKeyId();
+    std::string const key = m_Service->services().m_Keys.current()->m_Id;
     confirm.replace(confirm.find(key), key.size(), m_Merchant.keyId());
     EXPECT_EQ(attributeOf(askCapture(confirm), "RESULT"), "captured");
-    EXPECT_EQ(m_Service->notifications().size(), 1u);
+    EXPECT_EQ(sandboxtest::notificationsOf(*m_Service).size(), 1u);
 }
 
 TEST_F(PaymentNotification, LetsTheMerchantCaptureFromWithinIt) {
@@ -558,7 +557,7 @@ TEST_F(PaymentNotification, ComesInOrderForOnePayment) {
     EXPECT_TRUE(await([](Notification const& notification) { return notification.m_Attempts == 2; }).m_Pending);
     payNotified(shop.address(), "t2");
     EXPECT_EQ(awaitSettled(2).m_Outcome, "delivered: 200");
-    EXPECT_EQ(m_Service->notifications().at(1).m_Attempts, 0) << "the one before it is not settled";
+    EXPECT_EQ(sandboxtest::notificationsOf(*m_Service).at(1).m_Attempts, 0) << "the one before it is not settled";
     m_Service->stop();
     m_Service->start();
     EXPECT_EQ(awaitSettled(1).m_Outcome, "delivered: 200");
@@ -673,18 +672,18 @@ TEST_F(PaymentNotification, IsLateByFaultOfDelay) {
     EXPECT_EQ(sent().at(0).m_Fault, "delay,exchange=notification,seconds=0");
     arm("delay,exchange=notification,order=A-17,seconds=3600");
     payNotified(shop.address(), "t2");
-    ASSERT_TRUE(comesTrue([this] { return m_Service->faults().armed().empty(); }));
+    ASSERT_TRUE(comesTrue([this] { return m_Service->services().m_Faults.armed().empty(); }));
     // A delayed notification blocks neither others nor the stop of the service.
     payNotified(shop.address(), "t3");
     EXPECT_EQ(awaitSettled(2).m_Outcome, "delivered: 200");
-    EXPECT_TRUE(m_Service->notifications().at(1).m_Pending);
+    EXPECT_TRUE(sandboxtest::notificationsOf(*m_Service).at(1).m_Pending);
     restartWithBackoff({});
     EXPECT_EQ(awaitSettled(1).m_Outcome, "delivered: 200");
     EXPECT_EQ(shop.requests(3).size(), 3u);
 }
 
 TEST_F(PaymentNotification, IsWrongByFault) {
-    std::string const current = m_Service->serverKeyId();
+    std::string const current = m_Service->services().m_Keys.current()->m_Id;
     std::string const blob = blobOf(current);
     struct Row {
         char const* m_Fault;
@@ -719,7 +718,7 @@ TEST_F(PaymentNotification, IsNotMadeWrongByAFaultForAnotherOrder) {
     Shop shop({Shop::responds(responseWith(200))});
     payNotified(shop.address());
     EXPECT_EQ(awaitSettled().m_Outcome, "delivered: 200");
-    EXPECT_EQ(m_Service->faults().armed().size(), 1u);
+    EXPECT_EQ(m_Service->services().m_Faults.armed().size(), 1u);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "sandbox/service/notifier.h"
 #include "sandbox/service/paymentmoves.h"
 #include "tests/sandbox/support/sandboxfixture.h"
 
@@ -19,9 +20,9 @@ constexpr std::time_t kStart = 1700000000;
 
 class Outcomes : public SandboxTest {
 protected:
-    void arm(std::string const& fault) const { m_Service->faults().arm(sandbox::parseFault(fault)); }
+    void arm(std::string const& fault) const { m_Service->services().m_Faults.arm(sandbox::parseFault(fault)); }
 
-    [[nodiscard]] PaymentState state() const { return m_Service->payments().at(0).m_State; }
+    [[nodiscard]] PaymentState state() const { return sandboxtest::paymentsOf(*m_Service).at(0).m_State; }
 
     [[nodiscard]] std::string askStatus() const {
         return attributeOf(askCapture(m_Merchant.message("StatusRequest", " TOKEN=\"t1\"")), "STATE");
@@ -43,7 +44,7 @@ protected:
 
     void moveTo(std::time_t moment) {
         m_Now = moment;
-        m_Service->clockMoved();
+        m_Service->services().m_Notifier.wake();
     }
 };
 
@@ -74,19 +75,20 @@ TEST_F(Outcomes, PendAfterEveryDecision) {
     EXPECT_EQ(resultOf(cancelled, "cancel"), "pending");
     EXPECT_THAT(openPage(m_Merchant.payInit("t1")).m_Body, HasSubstr("which is pending"));
     moveTo(kStart + 5);
-    EXPECT_TRUE(comesTrue([this] { return m_Service->payments()[1].m_State == PaymentState::kCancelled; }));
+    EXPECT_TRUE(
+        comesTrue([this] { return sandboxtest::paymentsOf(*m_Service)[1].m_State == PaymentState::kCancelled; }));
     EXPECT_EQ(state(), PaymentState::kDeclined);
-    EXPECT_EQ(m_Service->payments()[0].m_History.back().m_Time, "2023-11-14T22:13:25Z");
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service)[0].m_History.back().m_Time, "2023-11-14T22:13:25Z");
 }
 
 TEST_F(Outcomes, AreNotifiedWhenTheyAreFinal) {
     arm("pending,exchange=decision,seconds=30");
     RawResponse const page = openPage(m_Merchant.payInit("t1", " NOTIFYADDRESS=\"shop@example\""));
     EXPECT_EQ(resultOf(page, "pay"), "pending");
-    EXPECT_TRUE(m_Service->notifications().empty());
+    EXPECT_TRUE(sandboxtest::notificationsOf(*m_Service).empty());
     moveTo(kStart + 30);
-    ASSERT_TRUE(comesTrue([this] { return m_Service->notifications().size() == 1; }));
-    EXPECT_EQ(m_Service->notifications()[0].m_Result, "authorised");
+    ASSERT_TRUE(comesTrue([this] { return sandboxtest::notificationsOf(*m_Service).size() == 1; }));
+    EXPECT_EQ(sandboxtest::notificationsOf(*m_Service)[0].m_Result, "authorised");
 }
 
 TEST_F(Outcomes, StayPendingOverARestart) {
@@ -103,8 +105,8 @@ TEST_F(Outcomes, PendOnlyOnOpenPayments) {
     EXPECT_EQ(resultOf(page, "pay"), "authorised");
     arm("pending");
     EXPECT_EQ(resultOf(page, "pay"), "authorised");
-    EXPECT_EQ(m_Service->faults().armed().size(), 1u);
-    EXPECT_EQ(m_Service->exchanges().back().m_Steps.at(0).m_Found, "the payment is authorised");
+    EXPECT_EQ(m_Service->services().m_Faults.armed().size(), 1u);
+    EXPECT_EQ(sandboxtest::exchangesOf(*m_Service).back().m_Steps.at(0).m_Found, "the payment is authorised");
 }
 
 TEST_F(Outcomes, AuthorisationsLapseAfterTheirValidity) {
@@ -116,13 +118,13 @@ TEST_F(Outcomes, AuthorisationsLapseAfterTheirValidity) {
     EXPECT_EQ(reasonOf(askCapture(capture)),
               "the authorisation has lapsed: it was given at 2023-11-14T22:13:20Z, DEFAULTVALIDITY is 86400 seconds, "
               "now is 2023-11-15T22:13:21Z");
-    EXPECT_THAT(reasonOf(askCapture(m_Merchant.message("PayCompleteRequest",
-                                                       " TOKEN=\"t1\" ID=\"" + m_Service->payments()[0].m_Id + "\""))),
+    EXPECT_THAT(reasonOf(askCapture(m_Merchant.message(
+                    "PayCompleteRequest", " TOKEN=\"t1\" ID=\"" + sandboxtest::paymentsOf(*m_Service)[0].m_Id + "\""))),
                 StartsWith("the authorisation has lapsed"));
     EXPECT_EQ(askStatus(), "lapsed");
     m_Now = kStart;
     EXPECT_EQ(askStatus(), "lapsed") << "what has lapsed stays so";
-    EXPECT_TRUE(m_Service->notifications().empty());
+    EXPECT_TRUE(sandboxtest::notificationsOf(*m_Service).empty());
     EXPECT_THAT(openPage(m_Merchant.payInit("t1", " DEFAULTVALIDITY=\"86400\"")).m_Body,
                 HasSubstr("http://shop.example/ok?DATA="));
 }
@@ -152,18 +154,18 @@ TEST_F(Outcomes, CapturesAreRefusedForGood) {
     arm("refuse-capture,text=Card stolen");
     std::string const capture = authorise("t1");
     EXPECT_EQ(reasonOf(askCapture(capture)), "Card stolen");
-    EXPECT_EQ(m_Service->exchanges().back().m_Fault, "refuse-capture,text=Card stolen");
-    EXPECT_EQ(m_Service->exchanges().back().m_Verdict, "Card stolen");
-    EXPECT_TRUE(m_Service->faults().armed().empty());
+    EXPECT_EQ(sandboxtest::exchangesOf(*m_Service).back().m_Fault, "refuse-capture,text=Card stolen");
+    EXPECT_EQ(sandboxtest::exchangesOf(*m_Service).back().m_Verdict, "Card stolen");
+    EXPECT_TRUE(m_Service->services().m_Faults.armed().empty());
     EXPECT_EQ(reasonOf(askCapture(capture)), "Card stolen") << "without the fault too";
-    EXPECT_EQ(m_Service->exchanges().back().m_Fault, "");
-    EXPECT_EQ(reasonOf(askCapture(m_Merchant.message("PayCompleteRequest",
-                                                     " TOKEN=\"t1\" ID=\"" + m_Service->payments()[0].m_Id + "\""))),
+    EXPECT_EQ(sandboxtest::exchangesOf(*m_Service).back().m_Fault, "");
+    EXPECT_EQ(reasonOf(askCapture(m_Merchant.message(
+                  "PayCompleteRequest", " TOKEN=\"t1\" ID=\"" + sandboxtest::paymentsOf(*m_Service)[0].m_Id + "\""))),
               "Card stolen");
     restart();
     EXPECT_EQ(reasonOf(askCapture(capture)), "Card stolen");
     EXPECT_EQ(state(), PaymentState::kAuthorised);
-    EXPECT_EQ(m_Service->payments()[0].m_History.back().m_Note, "capture refused for good");
+    EXPECT_EQ(sandboxtest::paymentsOf(*m_Service)[0].m_History.back().m_Note, "capture refused for good");
     EXPECT_EQ(reasonOf(askCapture(authorise("t2"))), "") << "it is for one payment";
 }
 
@@ -172,8 +174,8 @@ TEST_F(Outcomes, CapturesThatWereMadeAreNotRefused) {
     EXPECT_EQ(reasonOf(askCapture(capture)), "");
     arm("refuse-capture");
     EXPECT_EQ(reasonOf(askCapture(capture)), "");
-    EXPECT_EQ(m_Service->faults().armed().size(), 1u);
-    EXPECT_EQ(m_Service->exchanges().back().m_Steps.at(0).m_Found, "the payment is captured");
+    EXPECT_EQ(m_Service->services().m_Faults.armed().size(), 1u);
+    EXPECT_EQ(sandboxtest::exchangesOf(*m_Service).back().m_Steps.at(0).m_Found, "the payment is captured");
 }
 
 TEST_F(Outcomes, CapturesAreNotRefusedToStrangers) {

@@ -34,7 +34,7 @@ void SandboxTest::restart(sandbox::Options const& others) {
 }
 
 RawResponse SandboxTest::get(std::string const& target, std::string const& user, std::string const& password) const {
-    return parseResponse(exchangeRaw(m_Service->plainPort(), merchantGet(target, user, password)));
+    return parseResponse(exchangeRaw(m_Service->addresses().m_Plain.m_Port, merchantGet(target, user, password)));
 }
 
 std::string SandboxTest::askAuto(std::string const& text, std::string const& user, std::string const& password) const {
@@ -60,7 +60,7 @@ RawResponse SandboxTest::press(RawResponse const& page, std::string const& decis
         return page.m_Body.substr(from, page.m_Body.find('"', from) - from);
     };
     std::string const body = "payment=" + field("payment") + "&key=" + field("key") + "&decision=" + decision;
-    return parseResponse(exchangeRaw(m_Service->plainPort(), formPost("/pay/decision", body)));
+    return parseResponse(exchangeRaw(m_Service->addresses().m_Plain.m_Port, formPost("/pay/decision", body)));
 }
 
 std::string SandboxTest::askCapture(std::string const& text) const {
@@ -73,7 +73,7 @@ std::string SandboxTest::authorise(std::string const& token) const {
     RawResponse const back = press(openPage(m_Merchant.payInit(token)), "pay");
     EXPECT_EQ(back.m_Status, 302) << back.m_Body;
     std::string confirm = percentDecoded(queryValue(back.m_Headers.at("location"), "DATA"));
-    std::string const serverKey = "KEYID=\"" + m_Service->serverKeyId() + "\"";
+    std::string const serverKey = "KEYID=\"" + m_Service->services().m_Keys.current()->m_Id + "\"";
     return confirm.replace(confirm.find(serverKey), serverKey.size(), "KEYID=\"" + m_Merchant.keyId() + "\"");
 }
 
@@ -82,7 +82,7 @@ std::string SandboxTest::reasonOf(std::string const& body) {
 }
 
 std::string SandboxTest::lastVerdict() const {
-    return m_Service->exchanges().back().m_Verdict;
+    return sandboxtest::exchangesOf(*m_Service).back().m_Verdict;
 }
 
 }  // namespace sandboxtest

@@ -12,6 +12,7 @@
 
 #include "sandbox/service.h"
 #include "tests/sandbox/support/rawclient.h"
+#include "tests/sandbox/support/servicerows.h"
 #include "tests/sandbox/support/testmerchant.h"
 #include "tests/support/directories.h"
 
