@@ -105,7 +105,7 @@ public:
     [[nodiscard]] int get() const { return m_Socket.get(); }
 
 private:
-    Descriptor m_Socket;
+    FileDescriptor m_Socket;
 };
 
 }  // namespace sandbox

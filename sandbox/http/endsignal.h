@@ -6,7 +6,7 @@
 #include <array>
 #include <chrono>
 
-#include "sandbox/crypto/releaser.h"
+#include "sandbox/crypto/filedescriptor.h"
 
 namespace sandbox {
 
@@ -31,7 +31,7 @@ public:
     Wait await(std::array<pollfd, 2>& sockets, Clock::time_point deadline) const;
 
 private:
-    Descriptor m_Event;  ///< Readable once the signal is raised.
+    FileDescriptor m_Event;  ///< Readable once the signal is raised.
 };
 
 }  // namespace sandbox

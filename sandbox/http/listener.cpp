@@ -1,5 +1,5 @@
 // One thread accepts and waits for clients that are silent so far; a thread of the pool serves each of the others.
-// The accepting thread waits in awaitEvent() for the pipe that wakes it, the listening socket, and m_Watch, which
+// The accepting thread waits in awaitEvent() for the event that wakes it, the listening socket, and m_Watch, which
 // stands for all silent clients. A connection whose first bytes are there goes to the pool at once. One that stays
 // silent is shut down for reading, which is what stopping does to all of them, and goes to the pool as well: its server
 // finds the end.
@@ -10,10 +10,10 @@
 #include "sandbox/http/listener.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -27,8 +27,6 @@
 #include <system_error>
 #include <utility>
 
-#include "sandbox/http/signalguards.h"
-
 namespace sandbox {
 
 namespace {
@@ -41,25 +39,27 @@ constexpr std::size_t kMaxEvents = 64;           // taken from epoll at once
     throw std::runtime_error(what + ": " + std::generic_category().message(error));
 }
 
-/// A bound socket. With SO_REUSEADDR and not SO_REUSEPORT, with which two services would share a port unnoticed.
-int boundSocket(std::uint16_t port, std::string const& name) {
-    int const socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (socket < 0) {
-        fail("cannot make a socket", errno);
+/// What a call has returned. Throws std::runtime_error when it is no descriptor.
+FileDescriptor checked(int descriptor, char const* what) {
+    if (descriptor < 0) {
+        fail(std::string("cannot make ") + what, errno);
     }
+    return FileDescriptor(descriptor);
+}
+
+/// A bound socket. With SO_REUSEADDR and not SO_REUSEPORT, with which two services would share a port unnoticed.
+FileDescriptor boundSocket(std::uint16_t port, std::string const& name) {
+    FileDescriptor socket = checked(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0), "a socket");
     int const yes = 1;
-    ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     if (::inet_pton(AF_INET, name.c_str(), &address.sin_addr) != 1) {
-        ::close(socket);
         fail("cannot listen on " + name, EINVAL);
     }
     address.sin_port = htons(port);
-    if (::bind(socket, reinterpret_cast<sockaddr const*>(&address), sizeof address) != 0) {
-        int const error = errno;
-        ::close(socket);
-        fail("cannot listen on " + name + ":" + std::to_string(port) + " (is another program using the port?)", error);
+    if (::bind(socket.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address) != 0) {
+        fail("cannot listen on " + name + ":" + std::to_string(port) + " (is another program using the port?)", errno);
     }
     return socket;
 }
@@ -69,6 +69,13 @@ std::uint16_t portOf(int socket) {
     socklen_t length = sizeof address;
     ::getsockname(socket, reinterpret_cast<sockaddr*>(&address), &length);
     return ntohs(address.sin_port);
+}
+
+/// A socket that keeps its port when it is shut down. One that was bound to a port of the system's choice would lose
+/// it, so that port is bound again by its number.
+FileDescriptor lastingSocket(std::uint16_t port, std::string const& name) {
+    FileDescriptor socket = boundSocket(port, name);
+    return port == 0 ? boundSocket(portOf(socket.get()), name) : std::move(socket);
 }
 
 /// Whether there is something to read, which may be the end.
@@ -83,37 +90,21 @@ bool isShortage(int error) {
 
 }  // namespace
 
-Acceptor::Acceptor(std::uint16_t port, std::string const& address) {
-    m_Listener = boundSocket(port, address);
-    m_Port = portOf(m_Listener);
-    if (port == 0) {
-        // A port that the system picked is lost when the socket is shut down; a port that was bound by its number
-        // stays.
-        int const picked = m_Listener;
-        m_Listener = boundSocket(m_Port, address);
-        ::close(picked);
-    }
-    m_Watch = ::epoll_create1(EPOLL_CLOEXEC);
-    if (m_Watch < 0 || ::pipe2(m_Wake, O_CLOEXEC | O_NONBLOCK) != 0) {
-        int const error = errno;
-        ::close(m_Listener);
-        ::close(m_Watch);
-        fail("cannot make what the accepting thread waits for", error);
-    }
+Acceptor::Acceptor(std::uint16_t port, std::string const& address)
+    : m_Listener(lastingSocket(port, address)),
+      m_Wake(checked(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "an event")),
+      m_Watch(checked(::epoll_create1(EPOLL_CLOEXEC), "an epoll instance")),
+      m_Port(portOf(m_Listener.get())) {
     listen();
 }
 
 Acceptor::~Acceptor() {
     stop();
-    ::close(m_Listener);
-    ::close(m_Wake[0]);
-    ::close(m_Wake[1]);
-    ::close(m_Watch);
 }
 
 void Acceptor::listen() {
     // Another socket can have taken the port only by listening there while this one did not.
-    m_Listening = ::listen(m_Listener, SOMAXCONN) == 0;
+    m_Listening = ::listen(m_Listener.get(), SOMAXCONN) == 0;
 }
 
 void Acceptor::start(Admit admit, Clock::duration silence) {
@@ -130,7 +121,7 @@ void Acceptor::refuseUntil(Clock::time_point moment) {
         bool const refuse = moment > Clock::now();
         if (refuse && m_Listening) {
             // Linux ends listening with this and keeps the port bound.
-            ::shutdown(m_Listener, SHUT_RDWR);
+            ::shutdown(m_Listener.get(), SHUT_RDWR);
             m_Listening = false;
         } else if (!refuse && !m_Listening && !m_Stopping) {
             listen();
@@ -163,7 +154,7 @@ void Acceptor::stop() {
     {
         std::unique_lock<std::mutex> lock(m_Mutex);
         if (m_Listening) {
-            ::shutdown(m_Listener, SHUT_RDWR);
+            ::shutdown(m_Listener.get(), SHUT_RDWR);
             m_Listening = false;
         }
         if (!m_Ended.wait_until(lock, m_CutAt, [this] { return m_Open.empty(); })) {
@@ -181,8 +172,7 @@ void Acceptor::shutDownAll(int direction) {
 }
 
 void Acceptor::wake() const {
-    // A full pipe wakes as well.
-    [[maybe_unused]] ssize_t const written = ::write(m_Wake[1], "", 1);
+    ::eventfd_write(m_Wake.get(), 1);
 }
 
 void Acceptor::run() {
@@ -223,19 +213,18 @@ bool Acceptor::awaitEvent(bool& connecting, bool& sending) {
         until = m_Listening ? until : std::min(until, m_RefusesUntil);
         accepts = m_Listening && !pauses;
     }
-    std::array<pollfd, 3> waits = {pollfd{m_Wake[0], POLLIN, 0}, pollfd{accepts ? m_Listener : -1, POLLIN, 0},
-                                   pollfd{m_Waiting.empty() ? -1 : m_Watch, POLLIN, 0}};
+    std::array<pollfd, 3> waits = {pollfd{m_Wake.get(), POLLIN, 0}, pollfd{accepts ? m_Listener.get() : -1, POLLIN, 0},
+                                   pollfd{m_Waiting.empty() ? -1 : m_Watch.get(), POLLIN, 0}};
     ::poll(waits.data(), waits.size(), pollTimeoutUntil(until));
-    char drained[64];
-    while (waits[0].revents != 0 && ::read(m_Wake[0], drained, sizeof drained) > 0) {
-    }
+    eventfd_t wakes = 0;
+    ::eventfd_read(m_Wake.get(), &wakes);
     connecting = waits[1].revents != 0;
     sending = waits[2].revents != 0;
     return true;
 }
 
 void Acceptor::acceptOne() {
-    int const socket = ::accept4(m_Listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    int const socket = ::accept4(m_Listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (socket < 0) {
         m_PausesUntil = isShortage(errno) ? Clock::now() + kPause : Clock::time_point();
         return;
@@ -261,15 +250,15 @@ bool Acceptor::watch(int socket, std::uint64_t number) {
     epoll_event event{};
     event.events = EPOLLIN;
     event.data.u64 = number;
-    return ::epoll_ctl(m_Watch, EPOLL_CTL_ADD, socket, &event) == 0;
+    return ::epoll_ctl(m_Watch.get(), EPOLL_CTL_ADD, socket, &event) == 0;
 }
 
 void Acceptor::serveSpeaking() {
     std::array<epoll_event, kMaxEvents> events;
-    int const count = ::epoll_wait(m_Watch, events.data(), static_cast<int>(events.size()), 0);
+    int const count = ::epoll_wait(m_Watch.get(), events.data(), static_cast<int>(events.size()), 0);
     for (int i = 0; i < count; ++i) {
         auto const speaking = m_Waiting.find(events[static_cast<std::size_t>(i)].data.u64);
-        ::epoll_ctl(m_Watch, EPOLL_CTL_DEL, speaking->second.m_Socket, nullptr);
+        ::epoll_ctl(m_Watch.get(), EPOLL_CTL_DEL, speaking->second.m_Socket, nullptr);
         serve(std::move(speaking->second));
         m_Waiting.erase(speaking);
     }

@@ -12,6 +12,7 @@
 #include <string>
 #include <thread>
 
+#include "sandbox/crypto/filedescriptor.h"
 #include "sandbox/faults/faultregistry.h"
 #include "sandbox/http/connection.h"
 #include "sandbox/http/endsignal.h"
@@ -83,10 +84,10 @@ private:
     void closeSocket(int socket);
     void wake() const;
 
-    int m_Listener = -1;
-    int m_Wake[2] = {-1, -1};  ///< A pipe: what is written to it ends the wait of the thread.
-    int m_Watch = -1;          ///< An epoll instance for the sockets in m_Waiting.
-    std::uint16_t m_Port = 0;
+    FileDescriptor m_Listener;
+    FileDescriptor m_Wake;   ///< An event that ends the wait of the thread.
+    FileDescriptor m_Watch;  ///< An epoll instance for the sockets in m_Waiting.
+    std::uint16_t m_Port;
     EndSignal m_Ending;
     Admit m_Admit;
     Clock::duration m_Silence{};

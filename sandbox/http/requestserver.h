@@ -3,14 +3,26 @@
 
 #include <httplib.h>
 
+#include <csignal>
 #include <functional>
 #include <string>
 
 #include "sandbox/http/connection.h"
 #include "sandbox/http/httpmessages.h"
-#include "sandbox/http/signalguards.h"
 
 namespace sandbox {
+
+/// The HTTP library ignores SIGPIPE for the whole process as soon as a server is made; the process decides that itself.
+class SigpipeDispositionKept {
+public:
+    SigpipeDispositionKept() { ::sigaction(SIGPIPE, nullptr, &m_Before); }
+    ~SigpipeDispositionKept() { ::sigaction(SIGPIPE, &m_Before, nullptr); }
+    SigpipeDispositionKept(SigpipeDispositionKept const&) = delete;
+    SigpipeDispositionKept& operator=(SigpipeDispositionKept const&) = delete;
+
+private:
+    struct sigaction m_Before {};
+};
 
 /// The server of the HTTP library without its sockets: it reads one request from a connection, calls the handler and
 /// sends the response. Paths and queries reach the handler as they came, up to four megabytes. Connections may be

@@ -1,8 +1,11 @@
 #ifndef TALLOWIN_SANDBOX_HTTP_THREADPOOL_H
 #define TALLOWIN_SANDBOX_HTTP_THREADPOOL_H
 
+#include <pthread.h>
+
 #include <chrono>
 #include <condition_variable>
+#include <csignal>
 #include <cstddef>
 #include <deque>
 #include <functional>
@@ -11,6 +14,23 @@
 #include <thread>
 
 namespace sandbox {
+
+/// Threads that are started while this lives begin with every signal blocked: signals belong to the program, and a peer
+/// that goes away under TLS must not raise SIGPIPE.
+class SignalsBlocked {
+public:
+    SignalsBlocked() {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &m_Before);
+    }
+    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &m_Before, nullptr); }
+    SignalsBlocked(SignalsBlocked const&) = delete;
+    SignalsBlocked& operator=(SignalsBlocked const&) = delete;
+
+private:
+    sigset_t m_Before{};
+};
 
 /// Threads for tasks that may take long. No task waits for another one: an idle thread takes it, or a new one starts.
 /// Threads end when they were idle for some time, or when enough others are idle.

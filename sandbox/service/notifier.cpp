@@ -13,7 +13,7 @@
 #include "sandbox/http/connection.h"
 #include "sandbox/http/delivery.h"
 #include "sandbox/http/httptext.h"
-#include "sandbox/http/signalguards.h"
+#include "sandbox/http/threadpool.h"
 #include "sandbox/http/tlsidentity.h"
 #include "sandbox/service/confirmation.h"
 #include "sandbox/service/paymentmoves.h"

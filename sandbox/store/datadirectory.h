@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "sandbox/crypto/releaser.h"
+#include "sandbox/crypto/filedescriptor.h"
 
 namespace sandbox {
 
@@ -29,7 +29,7 @@ public:
 
 private:
     std::string m_Path;
-    Descriptor m_Lock;  ///< Holds an exclusive lock while open.
+    FileDescriptor m_Lock;  ///< Holds an exclusive lock while open.
 };
 
 }  // namespace sandbox
