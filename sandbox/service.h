@@ -39,7 +39,7 @@ struct Options {
     std::chrono::milliseconds m_ProxyTimeout{60'000};         ///< Until the target of the proxy begins to respond.
     std::chrono::milliseconds m_NotificationTimeout{10'000};  ///< For the merchant's response to a notification.
 
-    /// How often the time of day is checked while a payment can expire.
+    /// How often the time of day is checked for payments that expire.
     std::chrono::milliseconds m_ClockInterval{1'000};
 
     /// Pauses between notification attempts; attempts = pauses + 1.

@@ -17,7 +17,6 @@
 #include "sandbox/crypto/signature.h"
 #include "sandbox/pages/shopperpages.h"
 #include "sandbox/service/contentcheck.h"
-#include "sandbox/service/notifier.h"
 #include "sandbox/service/paymentmoves.h"
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/wiretext.h"
@@ -186,9 +185,6 @@ HttpResponse handlePay(RequestContext const& context) {
     bool const isNew = payment.m_Id == fresh.m_Payment.m_Id;
     if (!isNew || !expireWhenOverdue(services, payment)) {
         payment.m_State = presentState(services, payment);
-    }
-    if (payment.m_State == PaymentState::kOpened) {
-        services.m_Store.whenCommitted([&services] { services.m_Notifier.watch(); });
     }
     if (stored.m_Message != sent.m_Text) {
         throw HttpError(usedTokenReason(payment));

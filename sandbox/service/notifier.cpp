@@ -161,7 +161,6 @@ Notifier::~Notifier() {
 }
 
 void Notifier::start() {
-    m_Watching = m_Services.m_Store.hasOpenPayments();
     SignalsBlocked const blocked;
     m_Threads.emplace_back([this] { run(); });
     while (m_Threads.size() <= kWorkers) {
@@ -177,16 +176,7 @@ void Notifier::wake() {
 void Notifier::reload() {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     m_Reloading = true;
-    m_Watching = true;
     wakeLocked();
-}
-
-void Notifier::watch() {
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    // While there are other payments the clock is checked anyway.
-    if (!std::exchange(m_Watching, true)) {
-        wakeLocked();
-    }
 }
 
 void Notifier::wakeLocked() {
@@ -221,36 +211,16 @@ void Notifier::run() {
 
 /// Loads new notifications, expires payments and makes the moves that are due. Returns when to do that again.
 Notifier::Clock::time_point Notifier::poll() {
-    bool hasDueMoves = false;
     try {
         loadNew();
-        expireOverdue();
+        while (!m_Ending.raised() && expireSomeOverdue(m_Services)) {
+        }
         makeDueMoves(m_Services);
-        hasDueMoves = m_Services.m_Store.hasDueMoves();
+        return Clock::now() + m_Timeouts.m_ClockInterval;
     } catch (std::exception const&) {
         // The store failed, so there is nowhere to report it.
-        std::lock_guard<std::mutex> const lock(m_Mutex);
-        m_Watching = true;
         return Clock::now() + kPauseWithoutStore;
     }
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    return m_Watching || hasDueMoves ? Clock::now() + m_Timeouts.m_ClockInterval : Clock::time_point::max();
-}
-
-void Notifier::expireOverdue() {
-    {
-        std::lock_guard<std::mutex> const lock(m_Mutex);
-        if (!m_Watching) {
-            return;
-        }
-        // Before the store is asked: a payment that is added after that sets it again.
-        m_Watching = false;
-    }
-    while (!m_Ending.raised() && expireSomeOverdue(m_Services)) {
-    }
-    bool const watching = m_Services.m_Store.hasOpenPayments();
-    std::lock_guard<std::mutex> const lock(m_Mutex);
-    m_Watching = m_Watching || watching;
 }
 
 void Notifier::loadNew() {

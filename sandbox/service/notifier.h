@@ -38,9 +38,8 @@ public:
     struct Timeouts {
         std::chrono::milliseconds m_Response;  ///< For a merchant's response.
         std::vector<std::chrono::milliseconds>
-            m_Backoff;  ///< After each attempt that failed. There is one attempt more.
-        std::chrono::milliseconds
-            m_ClockInterval;  ///< Between two looks at the service clock while a payment can expire.
+            m_Backoff;                              ///< After each attempt that failed. There is one attempt more.
+        std::chrono::milliseconds m_ClockInterval;  ///< Between two looks at the service clock.
     };
 
     /// Borrows `services`. Throws std::runtime_error.
@@ -51,7 +50,7 @@ public:
     Notifier(Notifier const&) = delete;
     Notifier& operator=(Notifier const&) = delete;
 
-    /// Starts to send, and to watch the undecided payments of the store. Throws std::runtime_error.
+    /// Starts to send, and to expire payments. Throws std::runtime_error.
     void start();
 
     /// To be called when a notification was added to the store or the service clock was set. Any thread, any time.
@@ -60,9 +59,6 @@ public:
     /// To be called when the content of the store was replaced: forgets all notifications but those in progress, and
     /// goes on with those of the store. Any thread, any time.
     void reload();
-
-    /// To be called when an undecided payment was added to the store. Any thread, any time.
-    void watch();
 
     /// Cuts requests in progress, whose notifications stay pending, and returns when the threads have ended.
     void stop();
@@ -82,7 +78,6 @@ private:
     void wakeLocked();
     void run();
     Clock::time_point poll();
-    void expireOverdue();
     void loadNew();
     void runWorker();
     Waiting::iterator firstDue(Clock::time_point& next);
@@ -104,8 +99,6 @@ private:
     Waiting m_Waiting;                  ///< Without those that are being sent.
     std::set<std::string> m_Busy;       ///< The "host:port" to which one is being sent.
 
-    /// Whether there may be undecided payments, so that the service clock is checked.
-    bool m_Watching = false;
     bool m_Reloading = false;  ///< All notifications are taken from the store again.
     bool m_Woken = false;
     bool m_Stopping = false;

@@ -163,9 +163,6 @@ public:
     [[nodiscard]] std::vector<Payment> paymentsToExpire(std::int64_t moment, std::int64_t limit,
                                                         AccountScope const& accounts);
 
-    /// Whether there are undecided payments.
-    [[nodiscard]] bool hasOpenPayments();
-
     /// Of the payments the newest `count`, newest first, without those whose message has more than `longest` bytes.
     [[nodiscard]] std::vector<StoredPayment> latestPayments(std::int64_t count, std::int64_t longest);
 
@@ -182,9 +179,6 @@ public:
     /// The identifiers of the payments of these accounts whose moves are due at `now`, with these moves, in the order
     /// of their times.
     [[nodiscard]] std::vector<std::pair<std::string, DueMove>> dueMoves(std::int64_t now, AccountScope const& accounts);
-
-    /// Whether a move waits for any payment.
-    [[nodiscard]] bool hasDueMoves();
 
     /// Refuses captures of the payment for good, with `reason`, and adds `step` to its history. False, with nothing
     /// changed, when it is not in the state of `step`.

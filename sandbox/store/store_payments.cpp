@@ -157,10 +157,6 @@ std::vector<Payment> Store::paymentsToExpire(std::int64_t moment, std::int64_t l
     return row.all([](Statement const& each) { return readPayment(each).m_Payment; });
 }
 
-bool Store::hasOpenPayments() {
-    return m_Readers.take()->prepare("SELECT 1 FROM payments WHERE state = 'opened' LIMIT 1").step();
-}
-
 std::vector<StoredPayment> Store::latestPayments(std::int64_t count, std::int64_t longest) {
     ReaderPool::Reader const reader = m_Readers.take();
     Transaction const snapshot(*reader, Database::Access::kRead);
@@ -255,10 +251,6 @@ std::vector<std::pair<std::string, DueMove>> Store::dueMoves(std::int64_t now, A
     return row.all([](Statement const& each) {
         return std::pair(each.column(0), DueMove{each.numberColumn(1), stateFromName(each.column(2)), each.column(3)});
     });
-}
-
-bool Store::hasDueMoves() {
-    return m_Readers.take()->prepare("SELECT 1 FROM due_moves LIMIT 1").step();
 }
 
 bool Store::refuseCaptures(std::string const& id, HistoryEntry const& step, std::string const& reason) {
