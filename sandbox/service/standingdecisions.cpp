@@ -1,6 +1,8 @@
 #include "sandbox/service/standingdecisions.h"
 
-#include <cstddef>
+#include <fnmatch.h>
+
+#include "sandbox/text/wiretext.h"
 
 namespace sandbox {
 
@@ -15,25 +17,8 @@ bool fits(StandingDecision const& decision, Payment const& payment) {
 }  // namespace
 
 bool fitsPattern(std::string const& pattern, std::string const& text) {
-    std::size_t at = 0;
-    std::size_t in = 0;
-    std::size_t star = std::string::npos;
-    std::size_t afterStar = 0;
-    while (in < text.size()) {
-        if (at < pattern.size() && pattern[at] == '*') {
-            star = at++;
-            afterStar = in;
-        } else if (at < pattern.size() && (pattern[at] == '?' || pattern[at] == text[in])) {
-            ++at;
-            ++in;
-        } else if (star != std::string::npos) {
-            at = star + 1;  // the last star takes one byte more
-            in = ++afterStar;
-        } else {
-            return false;
-        }
-    }
-    return pattern.find_first_not_of('*', at) == std::string::npos;
+    // A bracket stands for itself.
+    return ::fnmatch(replaceAll(pattern, "[", "[[]").c_str(), text.c_str(), FNM_NOESCAPE) == 0;
 }
 
 std::optional<StandingDecision> StandingDecisions::take(Payment const& payment) {

@@ -259,6 +259,8 @@ TEST(OrderPattern, HasStarsAndQuestionMarks) {
     }
     EXPECT_TRUE(sandbox::fitsPattern("*ab", "aab"));
     EXPECT_TRUE(sandbox::fitsPattern("*", ""));
+    EXPECT_TRUE(sandbox::fitsPattern("[A]\\*", "[A]\\17")) << "brackets and backslashes stand for themselves";
+    EXPECT_FALSE(sandbox::fitsPattern("[A]", "A"));
 }
 
 TEST_F(Driving, ListsAndRepeatsNotifications) {
