@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "sandbox/store/storelayout.h"
 #include "sandbox/text/httperror.h"
 #include "sandbox/text/wiretext.h"
 
@@ -69,7 +68,7 @@ void Snapshots::restore(std::string const& name) {
     std::string const file = existing(name);
     std::lock_guard<std::mutex> const lock(m_Mutex);
     Database copy(file);
-    prepareTables(copy, file);
+    Store::prepareTables(copy, file);
     m_Store.replaceBy(copy);
     m_Store.setSetting(kNote, "");
 }

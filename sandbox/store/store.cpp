@@ -1,5 +1,5 @@
 // Accounts, keys, settings and counts, and what payments (store_payments.cpp) and exchanges (store_exchanges.cpp)
-// share: their filters, and removing the oldest of them while new ones are added. The tables are in storelayout.cpp.
+// share: their filters, and removing the oldest of them while new ones are added. The tables are in store_tables.cpp.
 // A function that writes is one turn of m_Writer. One that reads a list takes a reader, and thus waits for nobody; one
 // that reads a row takes a RowReader, which in a request is a turn as well. Passwords are hashed outside of turns,
 // since that is slow on purpose.
@@ -13,7 +13,6 @@
 #include <stdexcept>
 
 #include "sandbox/crypto/credentials.h"
-#include "sandbox/store/storelayout.h"
 #include "sandbox/text/wiretext.h"
 
 namespace sandbox {

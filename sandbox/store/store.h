@@ -67,6 +67,11 @@ public:
     /// Opens the file, and creates its tables when it is empty. A file of another layout throws std::runtime_error.
     explicit Store(std::string const& path, Retention retention = {});
 
+    /// Creates the tables in an empty file, and makes exchanges of the requests that an earlier process began and did
+    /// not finish; all in one transaction. A file of another layout throws std::runtime_error; `path` stands in its
+    /// text.
+    static void prepareTables(Database& database, std::string const& path);
+
     /// A request that a thread carries out, of which it has one at a time. What it has changed is on record with the
     /// request: should the service end before end(), the next one that opens the file makes an exchange without a
     /// response of it.

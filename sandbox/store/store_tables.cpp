@@ -3,11 +3,10 @@
 // response. The counters are kept by triggers, so that they change in the same transaction as the rows they count. A
 // counter also holds the last number that its table has given: numbers are never given twice, not even after the newest
 // rows have been removed, because clients use them as cursors.
-#include "sandbox/store/storelayout.h"
-
 #include <cstdint>
 #include <stdexcept>
 
+#include "sandbox/store/store.h"
 #include "sandbox/text/wiretext.h"
 
 namespace sandbox {
@@ -152,7 +151,7 @@ constexpr char kEndBegun[] = R"(
 
 }  // namespace
 
-void prepareTables(Database& database, std::string const& path) {
+void Store::prepareTables(Database& database, std::string const& path) {
     Transaction transaction(database);
     std::int64_t const layout =
         database.prepare("PRAGMA user_version").first([](Statement const& row) { return row.numberColumn(0); }).value();
