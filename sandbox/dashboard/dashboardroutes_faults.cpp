@@ -93,12 +93,8 @@ std::vector<Situation> const& allSituations() {
     return situations;
 }
 
-bool happensTo(FaultKindRow const& row, ExchangeKind kind) {
-    return (row.m_Exchanges & static_cast<unsigned>(kind)) != 0;
-}
-
 bool isOfConnections(FaultKindRow const& row) {
-    return happensTo(row, ExchangeKind::kConnection) || row.m_Exchanges == static_cast<unsigned>(ExchangeKind::kProxy);
+    return happensTo(row, ExchangeKind::kConnection) || row.m_Exchanges == bit(ExchangeKind::kProxy);
 }
 
 bool isOfHttp(FaultKindRow const& row) {

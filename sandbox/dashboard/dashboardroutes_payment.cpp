@@ -217,9 +217,9 @@ constexpr Station kStations[] = {
 json faultsOf(Station const& station) {
     json faults = json::array();
     for (FaultKindRow const& row : allFaultKinds()) {
-        bool const ofHttp = (row.m_Exchanges & static_cast<unsigned>(ExchangeKind::kPage)) != 0;
+        bool const ofHttp = happensTo(row, ExchangeKind::kPage);
         bool const isHere = station.m_Faults == Faults::kAll || ofHttp == (station.m_Faults == Faults::kOfHttp);
-        if (isHere && (row.m_Exchanges & static_cast<unsigned>(station.m_Kind)) != 0) {
+        if (isHere && happensTo(row, station.m_Kind)) {
             faults.push_back({{"name", row.m_Name}, {"meaning", row.m_Meaning}});
         }
     }

@@ -42,10 +42,6 @@ constexpr ExchangeRow kExchanges[] = {
 };
 // clang-format on
 
-constexpr unsigned bit(ExchangeKind kind) {
-    return static_cast<unsigned>(kind);
-}
-
 constexpr unsigned kMessageExchanges = bit(ExchangeKind::kSetup) | bit(ExchangeKind::kDefaults) |
                                        bit(ExchangeKind::kKeyQuery) | bit(ExchangeKind::kKeyExport) |
                                        bit(ExchangeKind::kCapture) | bit(ExchangeKind::kComplete) |
@@ -282,7 +278,7 @@ std::int64_t megabytesOf(Fault const& fault) {
 
 void checkFault(Fault const& fault) {
     FaultKindRow const& row = faultRow(fault.m_Kind);
-    if (fault.m_Exchange && (row.m_Exchanges & bit(*fault.m_Exchange)) == 0) {
+    if (fault.m_Exchange && !happensTo(row, *fault.m_Exchange)) {
         throw HttpError(std::string(row.m_Name) + " does not apply to the exchange '" +
                         exchangeName(*fault.m_Exchange) + "', only to: " + joined(exchangeNames(row)));
     }
@@ -320,7 +316,7 @@ void checkFault(Fault const& fault) {
 std::vector<std::string> exchangeNames(FaultKindRow const& row) {
     std::vector<std::string> names;
     for (ExchangeRow const& exchange : kExchanges) {
-        if ((row.m_Exchanges & bit(exchange.m_Kind)) != 0) {
+        if (happensTo(row, exchange.m_Kind)) {
             names.emplace_back(exchange.m_Name);
         }
     }

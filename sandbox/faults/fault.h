@@ -112,6 +112,16 @@ std::vector<FaultKindRow> const& allFaultKinds();
 
 FaultKindRow const& faultRow(FaultKind kind);
 
+/// The set of one kind of exchanges.
+constexpr unsigned bit(ExchangeKind kind) {
+    return static_cast<unsigned>(kind);
+}
+
+/// Whether the kind of fault can happen to an exchange.
+inline bool happensTo(FaultKindRow const& row, ExchangeKind kind) {
+    return (row.m_Exchanges & bit(kind)) != 0;
+}
+
 /// The value of the parameter, or what stands for it when it is not given.
 double secondsOf(Fault const& fault);
 int statusOf(Fault const& fault);

@@ -15,9 +15,7 @@ namespace {
 using Steady = std::chrono::steady_clock;
 
 bool canHappenTo(Fault const& fault, ExchangeKind kind) {
-    unsigned const exchanges =
-        fault.m_Exchange ? static_cast<unsigned>(*fault.m_Exchange) : faultRow(fault.m_Kind).m_Exchanges;
-    return (exchanges & static_cast<unsigned>(kind)) != 0;
+    return fault.m_Exchange ? fault.m_Exchange == kind : happensTo(faultRow(fault.m_Kind), kind);
 }
 
 FaultRegistry::Moment refusedUntil(Fault const& fault) {

@@ -71,10 +71,9 @@ struct SearchRow {
     char const* m_Missing;
 };
 
-constexpr unsigned kConfirmations = static_cast<unsigned>(ExchangeKind::kDecision) |
-                                    static_cast<unsigned>(ExchangeKind::kNotification);
-constexpr auto kCapture = static_cast<unsigned>(ExchangeKind::kCapture);
-constexpr auto kComplete = static_cast<unsigned>(ExchangeKind::kComplete);
+constexpr unsigned kConfirmations = bit(ExchangeKind::kDecision) | bit(ExchangeKind::kNotification);
+constexpr unsigned kCapture = bit(ExchangeKind::kCapture);
+constexpr unsigned kComplete = bit(ExchangeKind::kComplete);
 
 std::vector<SearchRow> const& searches() {
     using S = PaymentState;
@@ -98,7 +97,7 @@ std::vector<SearchRow> const& searches() {
 
 SearchRow const* searchOf(FaultKind kind, ExchangeKind exchange) {
     for (SearchRow const& row : searches()) {
-        if (row.m_Kind == kind && (row.m_Exchanges & static_cast<unsigned>(exchange)) != 0) {
+        if (row.m_Kind == kind && (row.m_Exchanges & bit(exchange)) != 0) {
             return &row;
         }
     }

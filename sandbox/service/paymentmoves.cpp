@@ -211,7 +211,7 @@ FaultEffect takeDecisionFault(Services const& services, Payment const& payment, 
     return takeFault(services, ExchangeKind::kDecision, payment.attribute("ORDERID").value_or(""), payment.m_Account,
                      &payment, steps, [](Fault const& fault) {
                          // Whatever can happen to a page as well happens to responses of HTTP.
-                         return (faultRow(fault.m_Kind).m_Exchanges & static_cast<unsigned>(ExchangeKind::kPage)) == 0;
+                         return !happensTo(faultRow(fault.m_Kind), ExchangeKind::kPage);
                      });
 }
 
