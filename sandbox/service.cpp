@@ -54,7 +54,7 @@ HttpResponse handle(Services const& services, HttpRequest const& request) noexce
     try {
         return route(services, request);
     } catch (HttpError const& error) {
-        return {error.status(), "text/plain; charset=utf-8", std::string(error.what()) + "\n"};
+        return plainResponse(error.status(), error.what());
     } catch (std::exception const& failure) {
         return failureResponse(failure.what());
     }

@@ -125,9 +125,9 @@ void ExchangeLog::responseReady(std::string const& response) {
     m_Exchange.m_Number = m_Request->end(m_Exchange);
 }
 
-void ExchangeLog::responseSent(Delivery const& delivery) {
+void ExchangeLog::responseSent(std::size_t bytes, bool isReset) {
     if (!m_Exchange.m_Fault.empty()) {
-        m_Store.setDelivery(m_Exchange.m_Number, deliveryText(delivery, microsecondsSince(m_Begin)));
+        m_Store.setDelivery(m_Exchange.m_Number, deliveryText(bytes, isReset, microsecondsSince(m_Begin)));
     }
 }
 
@@ -135,9 +135,9 @@ std::int64_t microsecondsSince(std::chrono::steady_clock::time_point begin) {
     return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - begin).count();
 }
 
-std::string deliveryText(Delivery const& delivery, std::int64_t microseconds) {
-    return std::to_string(delivery.m_Bytes) + " bytes, then " + (delivery.m_Reset ? "a reset" : "the end") +
-           ", after " + millisecondsText(microseconds);
+std::string deliveryText(std::size_t bytes, bool isReset, std::int64_t microseconds) {
+    return std::to_string(bytes) + " bytes, then " + (isReset ? "a reset" : "the end") + ", after " +
+           millisecondsText(microseconds);
 }
 
 std::string keptText(std::string const& text) {

@@ -22,12 +22,6 @@ class Connection;
 /// of the connection, which is to come at once.
 void deliver(Connection& connection, std::string const& response, std::optional<Fault> const& fault);
 
-/// How much of a response was sent.
-struct Delivery {
-    std::size_t m_Bytes = 0;
-    bool m_Reset = false;
-};
-
 /// Adds an exchange to the store when its response is ready, and what was sent of it when a fault applied.
 class ExchangeLog {
 public:
@@ -39,8 +33,8 @@ public:
     /// Called with all bytes of the response before it is sent.
     void responseReady(std::string const& response);
 
-    /// Called after the response was sent, or part of it.
-    void responseSent(Delivery const& delivery);
+    /// Called after the response was sent, or part of it: that many bytes, before a reset or the end.
+    void responseSent(std::size_t bytes, bool isReset);
 
 private:
     Store& m_Store;  ///< Borrowed.
@@ -53,7 +47,7 @@ private:
 std::int64_t microsecondsSince(std::chrono::steady_clock::time_point begin);
 
 /// How much of a response was sent, in words.
-std::string deliveryText(Delivery const& delivery, std::int64_t microseconds);
+std::string deliveryText(std::size_t bytes, bool isReset, std::int64_t microseconds);
 
 /// `text` cut to what is stored of a request or a response.
 std::string keptText(std::string const& text);

@@ -48,6 +48,11 @@ struct HttpResponse {
     std::string m_Nonce = {};                 ///< Of the script in the page; empty for pages without one.
 };
 
+/// A response of plain text.
+inline HttpResponse plainResponse(int status, std::string const& text) {
+    return {status, "text/plain; charset=utf-8", text + "\n"};
+}
+
 }  // namespace sandbox
 
 #endif  // TALLOWIN_SANDBOX_HTTP_HTTPMESSAGES_H

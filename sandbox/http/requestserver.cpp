@@ -228,7 +228,7 @@ void RequestServer::serve(Connection& connection, std::string const& baseUrl) {
     std::size_t const before = connection.written();
     deliver(connection, stream.written(), response.m_Fault);
     if (response.m_Log) {
-        response.m_Log->responseSent({connection.written() - before, connection.isReset()});
+        response.m_Log->responseSent(connection.written() - before, connection.isReset());
     }
 }
 

@@ -453,7 +453,7 @@ private:
         if (m_Fault) {
             m_Services.m_Store.setDelivery(
                 m_Exchange.m_Number,
-                deliveryText({m_Connection.written(), m_Connection.isReset()}, microsecondsSince(m_Begin)));
+                deliveryText(m_Connection.written(), m_Connection.isReset(), microsecondsSince(m_Begin)));
         }
     }
 

@@ -200,14 +200,14 @@ HttpResponse faultResponse(Fault const& fault) {
         return messageResponse(errorMessage(textOf(fault)));
     }
     if (fault.m_Kind == FaultKind::kHttpStatus) {
-        return {statusOf(fault), "text/plain; charset=utf-8", textOf(fault) + "\n"};
+        return plainResponse(statusOf(fault), textOf(fault));
     }
     return {};
 }
 
 HttpResponse methodNotAllowed(Endpoint const& endpoint) {
-    HttpResponse response{httpstatus::kMethodNotAllowed, "text/plain; charset=utf-8",
-                          std::string(endpoint.m_Path) + " takes " + endpoint.m_Method + ".\n"};
+    HttpResponse response = plainResponse(httpstatus::kMethodNotAllowed,
+                                          std::string(endpoint.m_Path) + " takes " + endpoint.m_Method + ".");
     response.m_Allow = endpoint.m_Method;
     return response;
 }
@@ -351,7 +351,7 @@ HttpResponse messageResponse(std::string const& text) {
 }
 
 HttpResponse failureResponse(std::string const& what) {
-    return {httpstatus::kInternalServerError, "text/plain; charset=utf-8", "The sandbox failed: " + what + "\n"};
+    return plainResponse(httpstatus::kInternalServerError, "The sandbox failed: " + what);
 }
 
 }  // namespace sandbox
