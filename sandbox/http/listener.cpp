@@ -90,47 +90,57 @@ bool isShortage(int error) {
 
 }  // namespace
 
-Acceptor::Acceptor(std::uint16_t port, std::string const& address)
-    : m_Listener(lastingSocket(port, address)),
+Listener::Listener(std::uint16_t port, TlsIdentity const* tls, FaultRegistry* faults, std::chrono::milliseconds timeout,
+                   ListenAddress const& address)
+    : m_Socket(lastingSocket(port, address.m_Address)),
       m_Wake(checked(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "an event")),
       m_Watch(checked(::epoll_create1(EPOLL_CLOEXEC), "an epoll instance")),
-      m_Port(portOf(m_Listener.get())) {
+      m_Tls(tls),
+      m_Faults(faults),
+      m_RequestTimeout(timeout) {
+    m_Address.m_Port = portOf(m_Socket.get());
+    m_Address.m_Url =
+        (tls != nullptr ? "https://" : "http://") + address.m_Name + ":" + std::to_string(m_Address.m_Port);
     listen();
 }
 
-Acceptor::~Acceptor() {
+Listener::~Listener() {
     stop();
 }
 
-void Acceptor::listen() {
-    // Another socket can have taken the port only by listening there while this one did not.
-    m_Listening = ::listen(m_Listener.get(), SOMAXCONN) == 0;
+ServedAddress Listener::address() const {
+    return m_Address;
 }
 
-void Acceptor::start(Admit admit, Clock::duration silence) {
-    m_Admit = std::move(admit);
-    m_Silence = silence;
+void Listener::listen() {
+    // Another socket can have taken the port only by listening there while this one did not.
+    m_IsListening = ::listen(m_Socket.get(), SOMAXCONN) == 0;
+}
+
+void Listener::start(Serve serve, Clock::duration silence) {
+    m_Serve = std::move(serve);
+    m_Silence = std::min<Clock::duration>(silence, m_RequestTimeout);
     SignalsBlocked const blocked;
     m_Thread = std::thread([this] { run(); });
 }
 
-void Acceptor::refuseUntil(Clock::time_point moment) {
+void Listener::refuseUntil(Clock::time_point moment) {
     {
         std::lock_guard<std::mutex> const lock(m_Mutex);
         m_RefusesUntil = moment;
         bool const refuse = moment > Clock::now();
-        if (refuse && m_Listening) {
+        if (refuse && m_IsListening) {
             // Linux ends listening with this and keeps the port bound.
-            ::shutdown(m_Listener.get(), SHUT_RDWR);
-            m_Listening = false;
-        } else if (!refuse && !m_Listening && !m_Stopping) {
+            ::shutdown(m_Socket.get(), SHUT_RDWR);
+            m_IsListening = false;
+        } else if (!refuse && !m_IsListening && !m_Stopping) {
             listen();
         }
     }
     wake();
 }
 
-void Acceptor::beginStop() {
+void Listener::beginStop() {
     {
         std::lock_guard<std::mutex> const lock(m_Mutex);
         if (m_Stopping) {
@@ -146,16 +156,16 @@ void Acceptor::beginStop() {
     wake();
 }
 
-void Acceptor::stop() {
+void Listener::stop() {
     beginStop();
     if (m_Thread.joinable()) {
         m_Thread.join();
     }
     {
         std::unique_lock<std::mutex> lock(m_Mutex);
-        if (m_Listening) {
-            ::shutdown(m_Listener.get(), SHUT_RDWR);
-            m_Listening = false;
+        if (m_IsListening) {
+            ::shutdown(m_Socket.get(), SHUT_RDWR);
+            m_IsListening = false;
         }
         if (!m_Ended.wait_until(lock, m_CutAt, [this] { return m_Open.empty(); })) {
             // A client reads slowly or not at all.
@@ -165,17 +175,17 @@ void Acceptor::stop() {
     m_Servers.stop();
 }
 
-void Acceptor::shutDownAll(int direction) {
+void Listener::shutDownAll(int direction) {
     for (int const socket : m_Open) {
         ::shutdown(socket, direction);
     }
 }
 
-void Acceptor::wake() const {
+void Listener::wake() const {
     ::eventfd_write(m_Wake.get(), 1);
 }
 
-void Acceptor::run() {
+void Listener::run() {
     bool connecting = false;
     bool sending = false;
     while (awaitEvent(connecting, sending)) {
@@ -195,11 +205,11 @@ void Acceptor::run() {
 
 /// Returns when somebody may be connecting or a silent client sending, or it is time for what serveSilent() does. False
 /// when it is stopping.
-bool Acceptor::awaitEvent(bool& connecting, bool& sending) {
+bool Listener::awaitEvent(bool& connecting, bool& sending) {
     bool const pauses = Clock::now() < m_PausesUntil;
     Clock::time_point until = pauses ? m_PausesUntil : Clock::time_point::max();
     if (!m_Waiting.empty()) {
-        until = std::min(until, m_Waiting.begin()->second.m_SilentUntil);
+        until = std::min(until, m_Waiting.begin()->second.m_Accepted + m_Silence);
     }
     bool accepts = false;
     {
@@ -207,13 +217,13 @@ bool Acceptor::awaitEvent(bool& connecting, bool& sending) {
         if (m_Stopping) {
             return false;
         }
-        if (!m_Listening && m_RefusesUntil <= Clock::now()) {
+        if (!m_IsListening && m_RefusesUntil <= Clock::now()) {
             listen();
         }
-        until = m_Listening ? until : std::min(until, m_RefusesUntil);
-        accepts = m_Listening && !pauses;
+        until = m_IsListening ? until : std::min(until, m_RefusesUntil);
+        accepts = m_IsListening && !pauses;
     }
-    std::array<pollfd, 3> waits = {pollfd{m_Wake.get(), POLLIN, 0}, pollfd{accepts ? m_Listener.get() : -1, POLLIN, 0},
+    std::array<pollfd, 3> waits = {pollfd{m_Wake.get(), POLLIN, 0}, pollfd{accepts ? m_Socket.get() : -1, POLLIN, 0},
                                    pollfd{m_Waiting.empty() ? -1 : m_Watch.get(), POLLIN, 0}};
     ::poll(waits.data(), waits.size(), pollTimeoutUntil(until));
     eventfd_t wakes = 0;
@@ -223,8 +233,8 @@ bool Acceptor::awaitEvent(bool& connecting, bool& sending) {
     return true;
 }
 
-void Acceptor::acceptOne() {
-    int const socket = ::accept4(m_Listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+void Listener::acceptOne() {
+    int const socket = ::accept4(m_Socket.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (socket < 0) {
         m_PausesUntil = isShortage(errno) ? Clock::now() + kPause : Clock::time_point();
         return;
@@ -236,7 +246,8 @@ void Acceptor::acceptOne() {
             ::shutdown(socket, SHUT_RD);
         }
     }
-    Client client{socket, m_Admit(), Clock::now() + m_Silence};
+    auto fault = m_Faults != nullptr ? m_Faults->takeForConnection(m_Tls != nullptr) : std::nullopt;
+    Client client{socket, std::move(fault), Clock::now()};
     std::uint64_t const number = ++m_Accepted;
     if (hasInput(socket) || !watch(socket, number)) {
         serve(std::move(client));
@@ -246,14 +257,14 @@ void Acceptor::acceptOne() {
 }
 
 /// False when the system has no room for it.
-bool Acceptor::watch(int socket, std::uint64_t number) {
+bool Listener::watch(int socket, std::uint64_t number) {
     epoll_event event{};
     event.events = EPOLLIN;
     event.data.u64 = number;
     return ::epoll_ctl(m_Watch.get(), EPOLL_CTL_ADD, socket, &event) == 0;
 }
 
-void Acceptor::serveSpeaking() {
+void Listener::serveSpeaking() {
     std::array<epoll_event, kMaxEvents> events;
     int const count = ::epoll_wait(m_Watch.get(), events.data(), static_cast<int>(events.size()), 0);
     for (int i = 0; i < count; ++i) {
@@ -265,14 +276,14 @@ void Acceptor::serveSpeaking() {
 }
 
 /// Ends the incoming direction of clients that were silent for too long; serveSpeaking() finds them then.
-void Acceptor::serveSilent() {
-    Clock::time_point const now = Clock::now();
-    for (auto each = m_Waiting.begin(); each != m_Waiting.end() && each->second.m_SilentUntil <= now; ++each) {
+void Listener::serveSilent() {
+    Clock::time_point const before = Clock::now() - m_Silence;
+    for (auto each = m_Waiting.begin(); each != m_Waiting.end() && each->second.m_Accepted <= before; ++each) {
         ::shutdown(each->second.m_Socket, SHUT_RD);
     }
 }
 
-void Acceptor::serve(Client client) {
+void Listener::serve(Client client) {
     int const socket = client.m_Socket;
     if (!m_Servers.run([this, client = std::move(client)] { serveOne(client); })) {
         // The system has no thread to give: this client is dropped, the next may be served.
@@ -280,59 +291,29 @@ void Acceptor::serve(Client client) {
     }
 }
 
-void Acceptor::serveOne(Client const& client) {
+void Listener::serveOne(Client const& client) {
     try {
-        client.m_Serve(client.m_Socket);
+        bool const aborts = client.m_Fault && client.m_Fault->m_Kind == FaultKind::kTlsAbort;
+        SSL_CTX* const tls = m_Tls != nullptr && !aborts ? m_Tls->context(client.m_Fault) : nullptr;
+        Connection connection(client.m_Socket, tls, m_Ending, m_RequestTimeout, client.m_Accepted);
+        if (aborts) {
+            char hello[1];
+            connection.read(hello, sizeof hello);
+        } else if (connection.open()) {
+            m_Serve(connection);
+        }
     } catch (std::exception const& failure) {
-        std::cerr << "a connection to port " + std::to_string(m_Port) + " was dropped: " + failure.what() + "\n";
+        std::cerr << "a connection to port " + std::to_string(m_Address.m_Port) + " was dropped: " + failure.what() +
+                         "\n";
     }
     closeSocket(client.m_Socket);
 }
 
-void Acceptor::closeSocket(int socket) {
+void Listener::closeSocket(int socket) {
     std::lock_guard<std::mutex> const lock(m_Mutex);
     m_Open.erase(socket);
     ::close(socket);
     m_Ended.notify_all();
-}
-
-Listener::Listener(std::uint16_t port, TlsIdentity const* tls, FaultRegistry* faults, std::chrono::milliseconds timeout,
-                   ListenAddress const& address)
-    : m_Name(address.m_Name),
-      m_Tls(tls),
-      m_Faults(faults),
-      m_RequestTimeout(timeout),
-      m_Acceptor(port, address.m_Address) {}
-
-ServedAddress Listener::address() const {
-    std::uint16_t const port = m_Acceptor.port();
-    return {(m_Tls != nullptr ? "https://" : "http://") + m_Name + ":" + std::to_string(port), port};
-}
-
-void Listener::start(Serve serve, Acceptor::Clock::duration silence) {
-    m_Serve = std::move(serve);
-    m_Acceptor.start([this] { return admit(); }, std::min<Acceptor::Clock::duration>(silence, m_RequestTimeout));
-}
-
-/// Takes the fault of the connection, which happens to the next one that is accepted, also when its client stays
-/// silent.
-Acceptor::Serve Listener::admit() {
-    auto fault = m_Faults != nullptr ? m_Faults->takeForConnection(m_Tls != nullptr) : std::nullopt;
-    return [this, accepted = Acceptor::Clock::now(), fault = std::move(fault)](int socket) {
-        serve(socket, accepted, fault);
-    };
-}
-
-void Listener::serve(int socket, Acceptor::Clock::time_point accepted, std::optional<Fault> const& fault) {
-    bool const aborts = fault && fault->m_Kind == FaultKind::kTlsAbort;
-    SSL_CTX* const tls = m_Tls != nullptr && !aborts ? m_Tls->context(fault) : nullptr;
-    Connection connection(socket, tls, m_Acceptor.ending(), m_RequestTimeout, accepted);
-    if (aborts) {
-        char hello[1];
-        connection.read(hello, sizeof hello);
-    } else if (connection.open()) {
-        m_Serve(connection);
-    }
 }
 
 }  // namespace sandbox

@@ -22,53 +22,52 @@
 
 namespace sandbox {
 
-/// One port of 127.0.0.1, or of another address, and the connections to it. One thread waits for all clients that have
-/// sent nothing yet; each of the others is served by a thread of its own.
+/// One port of 127.0.0.1, or of another address, plain or under TLS, and the connections to it. One thread waits for
+/// all clients that have sent nothing yet; each of the others is served by a thread of its own. Every connection
+/// carries one exchange and is closed after it.
 ///
 /// Unlike the sockets of the HTTP library it can refuse connections for a while without letting go of its port.
-class Acceptor {
+class Listener {
 public:
-    using Clock = std::chrono::steady_clock;
+    using Clock = EndSignal::Clock;
 
-    /// Serves one connection; the socket is borrowed. Exceptions are printed to standard error and end the connection.
-    using Serve = std::function<void(int socket)>;
+    /// Serves a connection whose handshake is done. Called by several threads at once. Exceptions are printed to
+    /// standard error and end the connection.
+    using Serve = std::function<void(Connection& connection)>;
 
-    /// Called by the accepting thread for each connection as soon as it is accepted. Returns what serves it, called by
-    /// another thread once the client has sent something or has ended its direction.
-    using Admit = std::function<Serve()>;
-
-    /// Takes the port (0 picks one) of the IPv4 address; connections wait until start(). Throws std::runtime_error.
-    explicit Acceptor(std::uint16_t port, std::string const& address = "127.0.0.1");
+    /// Takes the port (0 picks one) of `address`; connections wait until start(). `tls` is null for a plain port,
+    /// `faults` for one whose connections never fail; both are borrowed. A request that is not complete after
+    /// `timeout` is dropped. Throws std::runtime_error.
+    Listener(std::uint16_t port, TlsIdentity const* tls, FaultRegistry* faults, std::chrono::milliseconds timeout,
+             ListenAddress const& address);
 
     /// Stops.
-    ~Acceptor();
-    Acceptor(Acceptor const&) = delete;
-    Acceptor& operator=(Acceptor const&) = delete;
+    ~Listener();
+    Listener(Listener const&) = delete;
+    Listener& operator=(Listener const&) = delete;
 
-    [[nodiscard]] std::uint16_t port() const { return m_Port; }
+    [[nodiscard]] ServedAddress address() const;
 
-    /// Accepts connections until stop(). A connection whose client sends nothing for `silence` is shut down for reading
-    /// and then served. Throws std::runtime_error.
-    void start(Admit admit, Clock::duration silence);
+    /// Serves connections with `serve` until stop(). The fault of a connection is taken as soon as it is accepted. One
+    /// whose client sends nothing for `silence`, or for the timeout of a request, is shut down for reading and then
+    /// served. Throws std::runtime_error.
+    void start(Serve serve, Clock::duration silence = Connection::kIoTimeout);
 
     /// Refuses connections from now on until `moment`. A moment in the past accepts again. Open connections stay open.
     void refuseUntil(Clock::time_point moment);
 
-    /// Accepts no more connections, raises ending(), and shuts open connections down for reading.
+    /// Accepts no more connections, ends waits of threads that serve one, and shuts open connections down for reading.
     void beginStop();
 
     /// As beginStop(), then waits. Connections still open five seconds after the first of these calls are closed.
     void stop();
 
-    /// Raised by beginStop(). Ends waits of threads that serve a connection.
-    [[nodiscard]] EndSignal const& ending() const { return m_Ending; }
-
 private:
     /// A connection that is not served yet.
     struct Client {
         int m_Socket;
-        Serve m_Serve;
-        Clock::time_point m_SilentUntil;
+        std::optional<Fault> m_Fault;
+        Clock::time_point m_Accepted;
     };
 
     void run();
@@ -84,12 +83,15 @@ private:
     void closeSocket(int socket);
     void wake() const;
 
-    FileDescriptor m_Listener;
+    FileDescriptor m_Socket;
     FileDescriptor m_Wake;   ///< An event that ends the wait of the thread.
     FileDescriptor m_Watch;  ///< An epoll instance for the sockets in m_Waiting.
-    std::uint16_t m_Port;
+    ServedAddress m_Address;
+    TlsIdentity const* m_Tls;  ///< Borrowed; null for a plain port.
+    FaultRegistry* m_Faults;   ///< Borrowed; null without faults.
+    std::chrono::milliseconds m_RequestTimeout;
     EndSignal m_Ending;
-    Admit m_Admit;
+    Serve m_Serve;
     Clock::duration m_Silence{};
     std::thread m_Thread;
     std::map<std::uint64_t, Client> m_Waiting;  ///< Whose clients were silent so far, oldest first. Used by m_Thread.
@@ -98,45 +100,11 @@ private:
     std::mutex m_Mutex;                         ///< Guards the rest but for m_Servers.
     std::condition_variable m_Ended;            ///< A connection has ended.
     Clock::time_point m_RefusesUntil{};
-    bool m_Listening = false;
+    bool m_IsListening = false;
     bool m_Stopping = false;
     Clock::time_point m_CutAt{};  ///< Once it is stopping.
     std::set<int> m_Open;         ///< The sockets of all connections, waiting or served.
     ThreadPool m_Servers;
-};
-
-/// A server on one port, plain or under TLS. Every connection carries one exchange and is closed after it.
-class Listener {
-public:
-    /// Serves a connection whose handshake is done. Called by several threads at once.
-    using Serve = std::function<void(Connection& connection)>;
-
-    /// Takes the port (0 picks one) of `address`; connections wait until start(). `tls` is null for a plain port,
-    /// `faults` for one whose connections never fail; both are borrowed. A request that is not complete after
-    /// `timeout` is dropped. Throws std::runtime_error.
-    Listener(std::uint16_t port, TlsIdentity const* tls, FaultRegistry* faults, std::chrono::milliseconds timeout,
-             ListenAddress const& address);
-
-    [[nodiscard]] ServedAddress address() const;
-
-    /// Serves connections with `serve` until stop(). A client that sends nothing is waited for `silence` at most.
-    /// Throws std::runtime_error.
-    void start(Serve serve, Acceptor::Clock::duration silence = Connection::kIoTimeout);
-
-    /// See Acceptor.
-    void refuseUntil(Acceptor::Clock::time_point moment) { m_Acceptor.refuseUntil(moment); }
-    void beginStop() { m_Acceptor.beginStop(); }
-
-private:
-    Acceptor::Serve admit();
-    void serve(int socket, Acceptor::Clock::time_point accepted, std::optional<Fault> const& fault);
-
-    std::string m_Name;        ///< Of the host, in the address.
-    TlsIdentity const* m_Tls;  ///< Borrowed; null for a plain port.
-    FaultRegistry* m_Faults;   ///< Borrowed; null without faults.
-    std::chrono::milliseconds m_RequestTimeout;
-    Serve m_Serve;
-    Acceptor m_Acceptor;  ///< Last, so that no connection is served any more when the rest goes.
 };
 
 }  // namespace sandbox

@@ -1,4 +1,4 @@
-// The acceptor and the connections it serves, over loopback sockets. It accepts, refuses and accepts again, keeps
+// A listener and the connections it serves, over loopback sockets. It accepts, refuses and accepts again, keeps
 // thousands of silent clients without a thread, serves hundreds at once, and stops under load. The last part tests how
 // a pause in a connection ends. Clients are threads of the test.
 #include "sandbox/http/listener.h"
@@ -31,28 +31,29 @@
 /// The port under the service: which connections are accepted or refused, and how it stops.
 namespace {
 
-using sandbox::Acceptor;
 using sandbox::Connection;
 using sandboxtest::DescriptorLimit;
 using sandboxtest::RawConnection;
-using Clock = Acceptor::Clock;
+using Clock = sandbox::Listener::Clock;
 
 constexpr std::chrono::seconds kTimeout{30};
 
+/// A plain one without faults.
+class Listener : public sandbox::Listener {
+public:
+    explicit Listener(std::uint16_t port, std::chrono::milliseconds timeout = kTimeout)
+        : sandbox::Listener(port, nullptr, nullptr, timeout, {}) {}
+
+    [[nodiscard]] std::uint16_t port() const { return address().m_Port; }
+};
+
 /// Echoes every byte until the peer closes.
-void echo(int socket) {
-    sandbox::EndSignal const never;
-    Connection connection(socket, nullptr, never, kTimeout);
+void echo(Connection& connection) {
     char piece[256];
     for (ssize_t count = connection.read(piece, sizeof piece); count > 0;
          count = connection.read(piece, sizeof piece)) {
         connection.write(piece, static_cast<std::size_t>(count));
     }
-}
-
-/// Starts with the same server for all connections.
-void start(Acceptor& acceptor, Acceptor::Serve const& serve, Clock::duration silence = kTimeout) {
-    acceptor.start([serve] { return serve; }, silence);
 }
 
 /// Whether `connection` is answered.
@@ -62,8 +63,8 @@ bool isServed(RawConnection const& connection) {
            back == 'x';
 }
 
-bool isServed(Acceptor const& acceptor) {
-    return isServed(RawConnection(acceptor.port()));
+bool isServed(Listener const& listener) {
+    return isServed(RawConnection(listener.port()));
 }
 
 bool isRefused(std::uint16_t port) {
@@ -75,101 +76,101 @@ bool isRefused(std::uint16_t port) {
     }
 }
 
-TEST(Acceptor, TakesAFreePortOrTheOneThatIsAskedFor) {
+TEST(Listener, TakesAFreePortOrTheOneThatIsAskedFor) {
     std::uint16_t port = 0;
     {
-        Acceptor acceptor(0);
-        start(acceptor, &echo);
-        port = acceptor.port();
+        Listener listener(0);
+        listener.start(&echo);
+        port = listener.port();
         EXPECT_NE(port, 0);
-        EXPECT_TRUE(isServed(acceptor));
-        EXPECT_THROW(Acceptor(acceptor.port()), std::runtime_error);
+        EXPECT_TRUE(isServed(listener));
+        EXPECT_THROW(Listener(listener.port()), std::runtime_error);
     }
     EXPECT_TRUE(isRefused(port));
-    Acceptor again(port);
-    start(again, &echo);
+    Listener again(port);
+    again.start(&echo);
     EXPECT_TRUE(isServed(again));
 }
 
-TEST(Acceptor, KeepsConnectionsWaitingUntilItStarts) {
-    Acceptor acceptor(0);
-    RawConnection const early(acceptor.port());
-    start(acceptor, &echo);
+TEST(Listener, KeepsConnectionsWaitingUntilItStarts) {
+    Listener listener(0);
+    RawConnection const early(listener.port());
+    listener.start(&echo);
     EXPECT_TRUE(isServed(early));
 }
 
-TEST(Acceptor, NeedsNoStart) {
-    Acceptor const acceptor(0);
-    EXPECT_NE(acceptor.port(), 0);
+TEST(Listener, NeedsNoStart) {
+    Listener const listener(0);
+    EXPECT_NE(listener.port(), 0);
 }
 
-TEST(Acceptor, RefusesAndAcceptsAgainOnTheSamePort) {
-    Acceptor acceptor(0);
-    start(acceptor, &echo);
+TEST(Listener, RefusesAndAcceptsAgainOnTheSamePort) {
+    Listener listener(0);
+    listener.start(&echo);
     for (int round = 0; round < 20; ++round) {
-        EXPECT_TRUE(isServed(acceptor)) << round;
-        acceptor.refuseUntil(Clock::time_point::max());
-        EXPECT_TRUE(isRefused(acceptor.port())) << round;
-        acceptor.refuseUntil(Clock::time_point::max());
-        EXPECT_TRUE(isRefused(acceptor.port())) << round;
-        acceptor.refuseUntil({});
+        EXPECT_TRUE(isServed(listener)) << round;
+        listener.refuseUntil(Clock::time_point::max());
+        EXPECT_TRUE(isRefused(listener.port())) << round;
+        listener.refuseUntil(Clock::time_point::max());
+        EXPECT_TRUE(isRefused(listener.port())) << round;
+        listener.refuseUntil({});
     }
-    EXPECT_TRUE(isServed(acceptor));
+    EXPECT_TRUE(isServed(listener));
 }
 
-TEST(Acceptor, RefusesBeforeItStarts) {
-    Acceptor acceptor(0);
-    acceptor.refuseUntil(Clock::time_point::max());
-    EXPECT_TRUE(isRefused(acceptor.port()));
-    start(acceptor, &echo);
-    EXPECT_TRUE(isRefused(acceptor.port()));
-    acceptor.refuseUntil({});
-    EXPECT_TRUE(isServed(acceptor));
+TEST(Listener, RefusesBeforeItStarts) {
+    Listener listener(0);
+    listener.refuseUntil(Clock::time_point::max());
+    EXPECT_TRUE(isRefused(listener.port()));
+    listener.start(&echo);
+    EXPECT_TRUE(isRefused(listener.port()));
+    listener.refuseUntil({});
+    EXPECT_TRUE(isServed(listener));
 }
 
-TEST(Acceptor, KeepsConnectionsWhileItRefusesOthers) {
-    Acceptor acceptor(0);
-    start(acceptor, &echo);
-    RawConnection const connection(acceptor.port());
+TEST(Listener, KeepsConnectionsWhileItRefusesOthers) {
+    Listener listener(0);
+    listener.start(&echo);
+    RawConnection const connection(listener.port());
     EXPECT_TRUE(isServed(connection));
-    acceptor.refuseUntil(Clock::time_point::max());
+    listener.refuseUntil(Clock::time_point::max());
     EXPECT_TRUE(isServed(connection));
-    EXPECT_TRUE(isRefused(acceptor.port()));
+    EXPECT_TRUE(isRefused(listener.port()));
     EXPECT_TRUE(isServed(connection));
 }
 
-TEST(Acceptor, AcceptsAgainByItselfWhenTheTimeHasCome) {
-    Acceptor acceptor(0);
-    start(acceptor, &echo);
+TEST(Listener, AcceptsAgainByItselfWhenTheTimeHasCome) {
+    Listener listener(0);
+    listener.start(&echo);
     Clock::time_point const end = Clock::now() + std::chrono::milliseconds(200);
-    acceptor.refuseUntil(end);
-    while (isRefused(acceptor.port())) {
+    listener.refuseUntil(end);
+    while (isRefused(listener.port())) {
         ASSERT_LT(Clock::now(), end + kTimeout);
         std::this_thread::yield();
     }
     EXPECT_GE(Clock::now(), end);
-    EXPECT_TRUE(isServed(acceptor));
+    EXPECT_TRUE(isServed(listener));
 }
 
-TEST(Acceptor, StopsWhileItRefuses) {
-    Acceptor acceptor(0);
-    start(acceptor, &echo);
-    acceptor.refuseUntil(Clock::time_point::max());
+TEST(Listener, StopsWhileItRefuses) {
+    Listener listener(0);
+    listener.start(&echo);
+    listener.refuseUntil(Clock::time_point::max());
     auto const begin = Clock::now();
-    acceptor.stop();
+    listener.stop();
     EXPECT_LT(Clock::now() - begin, kTimeout);
-    EXPECT_TRUE(isRefused(acceptor.port()));
-    acceptor.refuseUntil({});
-    EXPECT_TRUE(isRefused(acceptor.port())) << "it has stopped for good";
-    acceptor.stop();
+    EXPECT_TRUE(isRefused(listener.port()));
+    listener.refuseUntil({});
+    EXPECT_TRUE(isRefused(listener.port())) << "it has stopped for good";
+    listener.stop();
 }
 
 using Connections = std::vector<std::unique_ptr<RawConnection>>;
 
-Connections connect(Acceptor const& acceptor, std::size_t count) {
+Connections connect(Listener const& listener, std::size_t count) {
     Connections connections;
     while (connections.size() < count) {
-        connections.push_back(std::make_unique<RawConnection>(acceptor.port()));
+        connections.push_back(std::make_unique<RawConnection>(listener.port()));
     }
     return connections;
 }
@@ -178,16 +179,16 @@ std::ptrdiff_t countThreads() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
 }
 
-TEST(Acceptor, WatchesThousandsOfSilentClientsWithoutThreads) {
+TEST(Listener, WatchesThousandsOfSilentClientsWithoutThreads) {
     constexpr std::size_t kMany = 2000;
     DescriptorLimit const limit;
     ASSERT_TRUE(limit.set(2 * kMany + 200));
-    Acceptor acceptor(0);
+    Listener listener(0);
     std::ptrdiff_t const before = countThreads();
-    start(acceptor, &echo);
-    Connections const silent = connect(acceptor, kMany);
+    listener.start(&echo);
+    Connections const silent = connect(listener, kMany);
     for (int round = 0; round < 20; ++round) {
-        EXPECT_TRUE(isServed(acceptor)) << round;
+        EXPECT_TRUE(isServed(listener)) << round;
     }
     // One that accepts; a connection may come while the thread of the one before it is not idle yet.
     EXPECT_LE(countThreads() - before, 5);
@@ -197,97 +198,93 @@ TEST(Acceptor, WatchesThousandsOfSilentClientsWithoutThreads) {
     }
 }
 
-TEST(Acceptor, ServesHundredsAtOnce) {
-    Acceptor acceptor(0);
-    start(acceptor, &echo);
-    Connections const slow = connect(acceptor, 300);
+TEST(Listener, ServesHundredsAtOnce) {
+    Listener listener(0);
+    listener.start(&echo);
+    Connections const slow = connect(listener, 300);
     for (int round = 0; round < 3; ++round) {
         for (std::unique_ptr<RawConnection> const& connection : slow) {
             ASSERT_TRUE(isServed(*connection)) << round;
         }
-        EXPECT_TRUE(isServed(acceptor)) << "beside those that go on sending, round " << round;
+        EXPECT_TRUE(isServed(listener)) << "beside those that go on sending, round " << round;
     }
 }
 
-TEST(Acceptor, EndsTheDirectionOfClientsThatStaySilent) {
+TEST(Listener, EndsTheDirectionOfClientsThatStaySilent) {
     constexpr std::chrono::milliseconds kSilence{100};
-    Acceptor acceptor(0);
-    auto const greet = [](int socket) {
+    Listener listener(0);
+    auto const greet = [](Connection& connection) {
         char piece[1];
-        EXPECT_EQ(::recv(socket, piece, sizeof piece, 0), 0);
-        EXPECT_EQ(::send(socket, "late", 4, MSG_NOSIGNAL), 4);
+        EXPECT_EQ(connection.read(piece, sizeof piece), 0);
+        EXPECT_TRUE(connection.write("late", 4));
     };
-    start(acceptor, greet, kSilence);
+    listener.start(greet, kSilence);
     auto const begin = Clock::now();
-    Connections const silent = connect(acceptor, 10);
+    Connections const silent = connect(listener, 10);
     for (std::unique_ptr<RawConnection> const& connection : silent) {
         EXPECT_EQ(connection->readToEnd(), "late");
     }
     EXPECT_GE(Clock::now() - begin, kSilence);
 }
 
-TEST(Acceptor, ServesClientsThatCloseWithoutAByte) {
-    Acceptor acceptor(0);
+TEST(Listener, ServesClientsThatCloseWithoutAByte) {
+    Listener listener(0);
     std::promise<ssize_t> end;
-    start(acceptor, [&](int socket) {
+    listener.start([&](Connection& connection) {
         char piece[1];
-        end.set_value(::recv(socket, piece, sizeof piece, 0));
+        end.set_value(connection.read(piece, sizeof piece));
     });
-    { RawConnection const gone(acceptor.port()); }
+    { RawConnection const gone(listener.port()); }
     std::future<ssize_t> read = end.get_future();
     ASSERT_EQ(read.wait_for(kTimeout), std::future_status::ready);
     EXPECT_EQ(read.get(), 0);
 }
 
-TEST(Acceptor, AdmitsConnectionsBeforeTheirClientsSend) {
-    Acceptor acceptor(0);
-    std::promise<void> admitted;
-    acceptor.start(
-        [&]() -> Acceptor::Serve {
-            admitted.set_value();
-            return &echo;
-        },
-        kTimeout);
-    RawConnection const connection(acceptor.port());
-    EXPECT_EQ(admitted.get_future().wait_for(kTimeout), std::future_status::ready);
-    EXPECT_TRUE(isServed(connection));
+TEST(Listener, TakesTheFaultOfAConnectionBeforeItsClientSends) {
+    sandbox::FaultRegistry faults;
+    sandbox::TlsIdentity const identity;
+    sandbox::Listener listener(0, &identity, &faults, kTimeout, {});
+    listener.start(&echo);
+    faults.arm(sandbox::parseFault("tls-abort"));
+    RawConnection const connection(listener.address().m_Port);
+    EXPECT_TRUE(kvxtest::waitUntil([&faults] { return faults.armed().empty(); }, kTimeout));
 }
 
-TEST(Acceptor, ReusesThreads) {
-    Acceptor acceptor(0);
+TEST(Listener, ReusesThreads) {
+    Listener listener(0);
     std::mutex mutex;
     std::set<pid_t> threads;
-    start(acceptor, [&](int socket) {
+    listener.start([&](Connection& connection) {
         {
             std::lock_guard<std::mutex> const lock(mutex);
             threads.insert(kvxtest::idOfThisThread());
         }
-        echo(socket);
+        echo(connection);
     });
     for (int round = 0; round < 100; ++round) {
-        EXPECT_TRUE(isServed(acceptor));
+        EXPECT_TRUE(isServed(listener));
     }
-    acceptor.stop();
+    listener.stop();
     // A connection may come while the thread of the one before it is not idle yet.
     EXPECT_LE(threads.size(), 10u);
 }
 
-TEST(Acceptor, PausesWithoutDescriptors) {
+TEST(Listener, PausesWithoutDescriptors) {
     constexpr std::chrono::milliseconds kWatched{300};
-    Acceptor acceptor(0);
-    start(acceptor, &echo);
-    RawConnection const earlier(acceptor.port());
+    Listener listener(0);
+    listener.start(&echo);
+    RawConnection const earlier(listener.port());
     EXPECT_TRUE(isServed(earlier));
     ::shutdown(earlier.get(), SHUT_WR);
     EXPECT_EQ(earlier.readToEnd(), "") << "no descriptor of it is given back later";
-    RawConnection const open(acceptor.port());
+    RawConnection const open(listener.port());
     EXPECT_TRUE(isServed(open));
     DescriptorLimit const limit;
     int const next = ::dup(open.get());
     ::close(next);
     // The next client takes the last descriptor, so none is left for the other end of its connection.
     ASSERT_TRUE(limit.set(static_cast<rlim_t>(next) + 1));
-    RawConnection const waiting(acceptor.port());
+    RawConnection const waiting(listener.port());
     timeval const timeout{0, std::chrono::microseconds(kWatched).count()};
     ::setsockopt(waiting.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
     std::clock_t const before = std::clock();
@@ -301,31 +298,31 @@ TEST(Acceptor, PausesWithoutDescriptors) {
     EXPECT_TRUE(isServed(waiting));
 }
 
-TEST(Acceptor, StopsPromptlyWithHundredsOfSilentClients) {
-    Acceptor acceptor(0);
-    start(acceptor, &echo);
-    Connections const silent = connect(acceptor, 500);
-    EXPECT_TRUE(isServed(acceptor)) << "and so all before it are accepted";
+TEST(Listener, StopsPromptlyWithHundredsOfSilentClients) {
+    Listener listener(0);
+    listener.start(&echo);
+    Connections const silent = connect(listener, 500);
+    EXPECT_TRUE(isServed(listener)) << "and so all before it are accepted";
     auto const begin = Clock::now();
-    acceptor.stop();
+    listener.stop();
     EXPECT_LT(Clock::now() - begin, std::chrono::seconds(4)) << "those that do not end are cut after five seconds";
     for (std::unique_ptr<RawConnection> const& connection : silent) {
         ASSERT_EQ(connection->readToEnd(), "");
     }
-    EXPECT_TRUE(isRefused(acceptor.port()));
+    EXPECT_TRUE(isRefused(listener.port()));
 }
 
-TEST(Acceptor, StopsUnderLoad) {
+TEST(Listener, StopsUnderLoad) {
     constexpr int kClients = 4;
     for (int round = 0; round < 5; ++round) {
-        Acceptor acceptor(0);
-        start(acceptor, &echo);
+        Listener listener(0);
+        listener.start(&echo);
         std::atomic<int> served{0};
         std::vector<std::thread> clients;
         for (int number = 0; number < kClients; ++number) {
             clients.emplace_back([&] {
                 try {
-                    while (isServed(acceptor)) {
+                    while (isServed(listener)) {
                         ++served;
                     }
                 } catch (std::runtime_error const&) {
@@ -338,43 +335,41 @@ TEST(Acceptor, StopsUnderLoad) {
             std::this_thread::yield();
         }
         EXPECT_GE(served, 10 * kClients);
-        acceptor.stop();
+        listener.stop();
         for (std::thread& client : clients) {
             client.join();
         }
-        EXPECT_TRUE(isRefused(acceptor.port()));
+        EXPECT_TRUE(isRefused(listener.port()));
     }
 }
 
-TEST(Acceptor, LetsWhatIsServedFinish) {
-    Acceptor acceptor(0);
+TEST(Listener, LetsWhatIsServedFinish) {
+    Listener listener(0);
     std::promise<void> reading;
-    start(acceptor, [&](int socket) {
-        Connection connection(socket, nullptr, acceptor.ending(), kTimeout);
+    listener.start([&](Connection& connection) {
         char piece[1];
         EXPECT_EQ(connection.read(piece, sizeof piece), 1);
         reading.set_value();
         EXPECT_EQ(connection.read(piece, sizeof piece), 0) << "stopping ends the incoming direction";
         EXPECT_TRUE(connection.write("bye", 3));
     });
-    RawConnection const connection(acceptor.port());
+    RawConnection const connection(listener.port());
     connection.send("x");
     ASSERT_EQ(reading.get_future().wait_for(kTimeout), std::future_status::ready);
-    acceptor.stop();
+    listener.stop();
     EXPECT_EQ(connection.readToEnd(), "bye");
 }
 
-TEST(Acceptor, CutsWhatDoesNotFinish) {
-    Acceptor acceptor(0);
+TEST(Listener, CutsWhatDoesNotFinish) {
+    Listener listener(0);
     std::promise<void> writing;
-    start(acceptor, [&](int socket) {
-        Connection connection(socket, nullptr, acceptor.ending(), kTimeout);
+    listener.start([&](Connection& connection) {
         std::string const piece(1024 * 1024, 'x');
         writing.set_value();
         while (connection.write(piece.data(), piece.size())) {
         }
     });
-    RawConnection const connection(acceptor.port());
+    RawConnection const connection(listener.port());
     connection.send("x");
     ASSERT_EQ(writing.get_future().wait_for(kTimeout), std::future_status::ready);
     // A client that reads slowly, so that no single write waits for long.
@@ -384,7 +379,7 @@ TEST(Acceptor, CutsWhatDoesNotFinish) {
         while (!stopped && ::recv(connection.get(), piece.data(), piece.size(), 0) > 0) {
         }
     });
-    acceptor.stop();
+    listener.stop();
     stopped = true;
     ::shutdown(connection.get(), SHUT_RDWR);
     reader.join();
@@ -393,33 +388,32 @@ TEST(Acceptor, CutsWhatDoesNotFinish) {
 /// Starts a pause of an hour for a client that calls `leave` at once; whether it ends within the timeout.
 template <class Leave>
 bool endsEarly(void (Connection::*pause)(double) const, Leave leave) {
-    Acceptor acceptor(0);
+    Listener listener(0);
     std::promise<void> pausing;
     std::promise<void> over;
-    start(acceptor, [&](int socket) {
-        Connection const connection(socket, nullptr, acceptor.ending(), kTimeout);
+    listener.start([&](Connection const& connection) {
         pausing.set_value();
         (connection.*pause)(3600);
         over.set_value();
     });
-    RawConnection const connection(acceptor.port());
+    RawConnection const connection(listener.port());
     connection.send("x");
     EXPECT_EQ(pausing.get_future().wait_for(kTimeout), std::future_status::ready);
-    leave(acceptor, connection);
+    leave(listener, connection);
     return over.get_future().wait_for(kTimeout) == std::future_status::ready;
 }
 
-void stopAcceptor(Acceptor& acceptor, RawConnection const& /*connection*/) {
-    acceptor.stop();
+void stopListener(Listener& listener, RawConnection const& /*connection*/) {
+    listener.stop();
 }
 
-void endSending(Acceptor& /*acceptor*/, RawConnection const& connection) {
+void endSending(Listener& /*listener*/, RawConnection const& connection) {
     ::shutdown(connection.get(), SHUT_WR);
 }
 
 TEST(Connection, PausesUntilTheServiceEnds) {
-    EXPECT_TRUE(endsEarly(&Connection::pause, stopAcceptor));
-    EXPECT_TRUE(endsEarly(&Connection::pauseWhileConnected, stopAcceptor));
+    EXPECT_TRUE(endsEarly(&Connection::pause, stopListener));
+    EXPECT_TRUE(endsEarly(&Connection::pauseWhileConnected, stopListener));
 }
 
 TEST(Connection, PausesUntilTheOtherSideLeaves) {
@@ -427,9 +421,8 @@ TEST(Connection, PausesUntilTheOtherSideLeaves) {
 }
 
 TEST(Connection, PausesForWhoWaitsForAnAnswerAndSaysNothingMore) {
-    Acceptor acceptor(0);
-    start(acceptor, [&](int socket) {
-        Connection connection(socket, nullptr, acceptor.ending(), kTimeout);
+    Listener listener(0);
+    listener.start([&](Connection& connection) {
         char piece[1];
         EXPECT_EQ(connection.read(piece, sizeof piece), 0);
         auto const begin = Clock::now();
@@ -437,53 +430,48 @@ TEST(Connection, PausesForWhoWaitsForAnAnswerAndSaysNothingMore) {
         EXPECT_GE(Clock::now() - begin, std::chrono::milliseconds(50));
         connection.write("late", 4);
     });
-    RawConnection const connection(acceptor.port());
+    RawConnection const connection(listener.port());
     ::shutdown(connection.get(), SHUT_WR);
     EXPECT_EQ(connection.readToEnd(), "late");
 }
 
 TEST(Connection, DoesNotPauseForEverForWhoMayHaveGone) {
-    Acceptor acceptor(0);
+    Listener listener(0, std::chrono::milliseconds(50));
     std::promise<void> over;
-    start(acceptor, [&](int socket) {
-        Connection const connection(socket, nullptr, acceptor.ending(), std::chrono::milliseconds(50));
+    listener.start([&](Connection const& connection) {
         connection.pause(3600);
         over.set_value();
     });
-    { RawConnection const gone(acceptor.port()); }
+    { RawConnection const gone(listener.port()); }
     EXPECT_EQ(over.get_future().wait_for(kTimeout), std::future_status::ready);
 }
 
 TEST(Connection, ReadsNoLongerThanTheTimeoutSinceItWasAccepted) {
-    Acceptor acceptor(0);
-    std::promise<void> over;
-    acceptor.start(
-        [&]() -> Acceptor::Serve {
-            return [&, accepted = Clock::now() - kTimeout](int socket) {
-                Connection connection(socket, nullptr, acceptor.ending(), kTimeout, accepted);
-                char piece[1];
-                EXPECT_EQ(connection.read(piece, sizeof piece), 1) << "that is there already";
-                EXPECT_EQ(connection.read(piece, sizeof piece), -1);
-                over.set_value();
-            };
-        },
-        kTimeout);
-    RawConnection const connection(acceptor.port());
-    connection.send("x");
-    EXPECT_EQ(over.get_future().wait_for(Connection::kIoTimeout / 2), std::future_status::ready);
+    int ends[2] = {-1, -1};
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
+    sandbox::FileDescriptor const client(ends[0]);
+    sandbox::FileDescriptor const server(ends[1]);
+    ASSERT_EQ(::send(client.get(), "x", 1, MSG_NOSIGNAL), 1);
+    sandbox::EndSignal const never;
+    Connection connection(server.get(), nullptr, never, kTimeout, Clock::now() - kTimeout);
+    connection.leaveRest();
+    auto const begin = Clock::now();
+    char piece[1];
+    EXPECT_EQ(connection.read(piece, sizeof piece), 1) << "that is there already";
+    EXPECT_EQ(connection.read(piece, sizeof piece), -1);
+    EXPECT_LT(Clock::now() - begin, Connection::kIoTimeout / 2);
 }
 
 TEST(Connection, GivesUpAClientThatNeverComesToAnEnd) {
-    Acceptor acceptor(0);
+    Listener listener(0, std::chrono::milliseconds(200));
     std::promise<void> over;
-    start(acceptor, [&](int socket) {
-        Connection connection(socket, nullptr, acceptor.ending(), std::chrono::milliseconds(200));
+    listener.start([&](Connection& connection) {
         char piece[1];
         while (connection.read(piece, sizeof piece) > 0) {
         }
         over.set_value();
     });
-    RawConnection const connection(acceptor.port());
+    RawConnection const connection(listener.port());
     auto ended = over.get_future();
     auto const deadline = Clock::now() + kTimeout;
     while (ended.wait_for(std::chrono::milliseconds(5)) != std::future_status::ready && Clock::now() < deadline) {
