@@ -107,12 +107,10 @@ Store::KeyAdded Store::addMerchantKey(std::string const& id, MerchantKey const& 
 
 std::optional<MerchantKey> Store::merchantKey(std::string const& id) {
     // Each request of a merchant asks for its key.
-    std::unique_lock<std::mutex> lock(m_Mutex);
+    std::lock_guard<std::mutex> const lock(m_Mutex);
     if (auto const known = m_KnownKeys.find(id); known != m_KnownKeys.end()) {
         return known->second;
     }
-    std::uint64_t const replaced = m_Replaced;
-    lock.unlock();
     auto const read = [](Statement const& row) { return MerchantKey{row.column(0), row.column(1), row.column(2)}; };
     std::vector<MerchantKey> const found = committedRows(read,
                                                          "SELECT k.account, k.blob, a.customer FROM merchant_keys k "
@@ -121,14 +119,10 @@ std::optional<MerchantKey> Store::merchantKey(std::string const& id) {
     if (found.empty()) {
         return std::nullopt;
     }
-    lock.lock();
     if (m_KnownKeys.size() == kMaxKnownKeys) {
         m_KnownKeys.clear();
     }
-    if (m_Replaced == replaced) {
-        m_KnownKeys.emplace(id, found.front());
-    }
-    return found.front();
+    return m_KnownKeys.emplace(id, found.front()).first->second;
 }
 
 std::vector<PublishedKey> Store::merchantKeys() {
@@ -148,7 +142,6 @@ void Store::replaceBy(Database& source) {
         source.copyTo(turn.database());
         std::lock_guard<std::mutex> const lock(m_Mutex);
         m_KnownKeys.clear();
-        ++m_Replaced;
     }
     m_Events.countChange();
 }

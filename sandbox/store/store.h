@@ -308,9 +308,10 @@ private:
     void replaceDueMove(std::string const& id, std::optional<DueMove> const& next);
 
     Retention m_Retention;
-    std::mutex m_Mutex;                              ///< Guards the next two.
-    std::map<std::string, MerchantKey> m_KnownKeys;  ///< By key id: some that are committed, which never change.
-    std::uint64_t m_Replaced = 0;                    ///< How often replaceBy() has changed them all the same.
+    std::mutex m_Mutex;  ///< Held while a key is looked up. Guards the next one.
+
+    /// By key id: some that are committed. They never change, but for replaceBy(), which forgets them after it.
+    std::map<std::string, MerchantKey> m_KnownKeys;
     EventFeed m_Events;
     JointWriter m_Writer;
     Database& m_Database = m_Writer.database();  ///< Used in turns of the writer.
