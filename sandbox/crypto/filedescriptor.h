@@ -3,6 +3,10 @@
 
 #include <unistd.h>
 
+#include <cerrno>
+#include <stdexcept>
+#include <string>
+#include <system_error>
 #include <utility>
 
 namespace sandbox {
@@ -26,6 +30,14 @@ public:
 private:
     int m_Number;  ///< Negative without a file.
 };
+
+/// What a call has returned. Throws std::runtime_error when it is no descriptor, with `what` and the system's reason.
+inline FileDescriptor checkedDescriptor(int number, std::string const& what) {
+    if (number < 0) {
+        throw std::runtime_error(what + ": " + std::generic_category().message(errno));
+    }
+    return FileDescriptor(number);
+}
 
 }  // namespace sandbox
 

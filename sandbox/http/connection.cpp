@@ -227,25 +227,27 @@ std::string readFirstLine(Connection& connection) {
     return text;
 }
 
-LocalSocket::LocalSocket(HostPort const& hostPort, EndSignal::Clock::time_point deadline, EndSignal const& ending)
-    : m_Socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
-    if (get() < 0) {
+FileDescriptor connectLocally(HostPort const& hostPort, EndSignal::Clock::time_point deadline,
+                              EndSignal const& ending) {
+    FileDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (socket.get() < 0) {
         throw HttpError("no socket: " + std::generic_category().message(errno), httpstatus::kServiceUnavailable);
     }
     int const yes = 1;
-    ::setsockopt(get(), IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
+    ::setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr = localAddress(hostPort.m_Host);
     address.sin_port = htons(hostPort.m_Port);
     int error = 0;
-    if (::connect(get(), reinterpret_cast<sockaddr const*>(&address), sizeof address) != 0) {
-        error = errno == EINPROGRESS ? awaitConnected(get(), hostPort, deadline, ending) : errno;
+    if (::connect(socket.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address) != 0) {
+        error = errno == EINPROGRESS ? awaitConnected(socket.get(), hostPort, deadline, ending) : errno;
     }
     if (error != 0) {
         throw HttpError("no connection to " + hostPort.text() + ": " + std::generic_category().message(error),
                         httpstatus::kBadGateway);
     }
+    return socket;
 }
 
 }  // namespace sandbox

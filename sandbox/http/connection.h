@@ -95,18 +95,9 @@ inline constexpr std::size_t kMaxRequestLine = std::size_t{4} * 1024 * 1024;  //
 /// result is what came before the end, a failure or more than kMaxRequestLine bytes.
 std::string readFirstLine(Connection& connection);
 
-/// A connection to another program on this machine.
-class LocalSocket {
-public:
-    /// Connects. Throws HttpError: 403 when the host is not this machine, 502 when nothing listens there, 504 when it
-    /// has not come about by `deadline`, 503 when `ending` was raised before.
-    LocalSocket(HostPort const& hostPort, EndSignal::Clock::time_point deadline, EndSignal const& ending);
-
-    [[nodiscard]] int get() const { return m_Socket.get(); }
-
-private:
-    FileDescriptor m_Socket;
-};
+/// A connection to another program on this machine. Throws HttpError: 403 when the host is not this machine, 502 when
+/// nothing listens there, 504 when it has not come about by `deadline`, 503 when `ending` was raised before.
+FileDescriptor connectLocally(HostPort const& hostPort, EndSignal::Clock::time_point deadline, EndSignal const& ending);
 
 }  // namespace sandbox
 

@@ -19,11 +19,7 @@ int pollTimeoutUntil(EndSignal::Clock::time_point moment) {
     return static_cast<int>(std::clamp<std::int64_t>(left, 0, kMaxMilliseconds));
 }
 
-EndSignal::EndSignal() : m_Event(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    if (m_Event.get() < 0) {
-        throw std::runtime_error("cannot make an event: " + std::generic_category().message(errno));
-    }
-}
+EndSignal::EndSignal() : m_Event(checkedDescriptor(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "cannot make an event")) {}
 
 void EndSignal::raise() const {
     ::eventfd_write(m_Event.get(), 1);

@@ -39,17 +39,10 @@ constexpr std::size_t kMaxEvents = 64;           // taken from epoll at once
     throw std::runtime_error(what + ": " + std::generic_category().message(error));
 }
 
-/// What a call has returned. Throws std::runtime_error when it is no descriptor.
-FileDescriptor checked(int descriptor, char const* what) {
-    if (descriptor < 0) {
-        fail(std::string("cannot make ") + what, errno);
-    }
-    return FileDescriptor(descriptor);
-}
-
 /// A bound socket. With SO_REUSEADDR and not SO_REUSEPORT, with which two services would share a port unnoticed.
 FileDescriptor boundSocket(std::uint16_t port, std::string const& name) {
-    FileDescriptor socket = checked(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0), "a socket");
+    FileDescriptor socket =
+        checkedDescriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0), "cannot make a socket");
     int const yes = 1;
     ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
     sockaddr_in address{};
@@ -93,8 +86,8 @@ bool isShortage(int error) {
 Listener::Listener(std::uint16_t port, TlsIdentity const* tls, FaultRegistry* faults, std::chrono::milliseconds timeout,
                    ListenAddress const& address)
     : m_Socket(lastingSocket(port, address.m_Address)),
-      m_Wake(checked(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "an event")),
-      m_Watch(checked(::epoll_create1(EPOLL_CLOEXEC), "an epoll instance")),
+      m_Wake(checkedDescriptor(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "cannot make an event")),
+      m_Watch(checkedDescriptor(::epoll_create1(EPOLL_CLOEXEC), "cannot make an epoll instance")),
       m_Tls(tls),
       m_Faults(faults),
       m_RequestTimeout(timeout) {

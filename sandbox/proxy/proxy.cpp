@@ -396,7 +396,7 @@ private:
     }
 
     void tunnel(HostPort const& hostPort, ProxyRequest const& request) {
-        LocalSocket const target(hostPort, Clock::now() + m_Timeout, m_Ending);
+        FileDescriptor const target = connectLocally(hostPort, Clock::now() + m_Timeout, m_Ending);
         if (m_Fault && !m_Fault->m_Bytes) {
             // Without a given number the middle is that of the body, and this response has none.
             m_Fault->m_Bytes = sizeof kEstablished / 2;
@@ -416,7 +416,7 @@ private:
 
     void forward(HttpAddress const& address, ProxyRequest const& request) {
         Clock::time_point const responseBy = Clock::now() + m_Timeout;
-        LocalSocket const target(address.m_HostPort, responseBy, m_Ending);
+        FileDescriptor const target = connectLocally(address.m_HostPort, responseBy, m_Ending);
         std::string const head = request.m_Method + " " + address.m_Target + " HTTP/1.0\r\n" + request.m_Fields;
         Flow up(m_Connection.socket(), target.get(), head + request.m_Ahead, Flow::AtEnd::kPassOn);
         // A response that a fault applies to is collected first; any other is forwarded as it comes.

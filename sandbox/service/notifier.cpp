@@ -89,7 +89,7 @@ Attempt sendRequest(HttpAddress const& address, std::string const& authority, st
     try {
         std::string const& host = address.m_HostPort.m_Host;
         TlsContextHolder const tls = address.m_Tls ? makeClientContext(authority, host) : nullptr;
-        LocalSocket const socket(address.m_HostPort, begin + timeout, ending);
+        FileDescriptor const socket = connectLocally(address.m_HostPort, begin + timeout, ending);
         Connection connection(socket.get(), tls.get(), ending, timeout, begin);
         if (!connection.open()) {
             std::string const problem = connection.certificateProblem();

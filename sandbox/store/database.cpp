@@ -7,12 +7,11 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <new>
 #include <stdexcept>
-#include <system_error>
+
+#include "sandbox/crypto/filedescriptor.h"
 
 namespace sandbox {
 
@@ -23,19 +22,11 @@ namespace {
                              sqlite3_db_filename(database, "main") + ")");
 }
 
-/// SQLite would create the file readable for everyone; it holds private keys.
-void createPrivate(std::string const& path) {
-    int const file = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR);
-    if (file < 0) {
-        throw std::runtime_error("cannot open " + path + ": " + std::generic_category().message(errno));
-    }
-    ::close(file);
-}
-
 sqlite3* openFile(std::string const& path, Database::Access access) {
     bool const writes = access == Database::Access::kWrite;
     if (writes) {
-        createPrivate(path);
+        // SQLite would create the file readable for everyone; it holds private keys.
+        checkedDescriptor(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR), "cannot open " + path);
     }
     sqlite3* database = nullptr;
     int const flags = (writes ? SQLITE_OPEN_READWRITE : SQLITE_OPEN_READONLY) | SQLITE_OPEN_NOMUTEX;

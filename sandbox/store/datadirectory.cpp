@@ -21,12 +21,8 @@ namespace {
     throw std::runtime_error(what + " " + path + ": " + std::generic_category().message(error));
 }
 
-int openFile(char const* what, std::string const& path, int flags) {
-    int const file = ::open(path.c_str(), flags | O_CLOEXEC, S_IRUSR | S_IWUSR);
-    if (file < 0) {
-        fail(what, path, errno);
-    }
-    return file;
+FileDescriptor openFile(char const* what, std::string const& path, int flags) {
+    return checkedDescriptor(::open(path.c_str(), flags | O_CLOEXEC, S_IRUSR | S_IWUSR), what + (" " + path));
 }
 
 /// Creates the directory. Returns `path`.
@@ -58,7 +54,7 @@ std::string DataDirectory::read(std::string const& name) const {
     if (::access(path.c_str(), F_OK) != 0 && errno == ENOENT) {
         return "";
     }
-    FileDescriptor const from(openFile("cannot open", path, O_RDONLY));
+    FileDescriptor const from = openFile("cannot open", path, O_RDONLY);
     std::string content;
     char piece[4096];
     for (ssize_t count = 1; count > 0; content.append(piece, static_cast<std::size_t>(count))) {
@@ -73,7 +69,7 @@ std::string DataDirectory::read(std::string const& name) const {
 void DataDirectory::write(std::string const& name, std::string const& content) const {
     std::string const path = file(name);
     std::string const fresh = path + ".new";
-    FileDescriptor const to(openFile("cannot create", fresh, O_WRONLY | O_CREAT | O_TRUNC));
+    FileDescriptor const to = openFile("cannot create", fresh, O_WRONLY | O_CREAT | O_TRUNC);
     std::size_t done = 0;
     while (done < content.size()) {
         ssize_t const count = ::write(to.get(), content.data() + done, content.size() - done);
