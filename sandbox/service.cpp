@@ -35,14 +35,10 @@ HttpResponse route(Services const& services, HttpRequest const& request) {
     if (request.m_Method == "HEAD") {
         throw HttpError("HEAD is not answered here, because every request counts", httpstatus::kMethodNotAllowed);
     }
-    if (std::optional<HttpResponse> response = handleProtocol(services, request)) {
-        return *response;
-    }
-    if (std::optional<HttpResponse> response = handleControl(services, request)) {
-        return *response;
-    }
-    if (std::optional<HttpResponse> response = handleDashboard(services, request)) {
-        return *response;
+    for (auto const handler : {handleProtocol, handleControl, handleDashboard}) {
+        if (std::optional<HttpResponse> response = handler(services, request)) {
+            return *response;
+        }
     }
     if (request.m_Method == "GET" && request.m_Path == "/returned") {
         return returnedPage(request);

@@ -21,8 +21,10 @@ namespace sandbox {
 
 namespace {
 
-nlohmann::json addressesJson(Addresses const& addresses) {
-    nlohmann::json out = {{"plain", addresses.m_Plain.m_Url}, {"control", addresses.m_Control.m_Url}};
+using nlohmann::json;
+
+json addressesJson(Addresses const& addresses) {
+    json out = {{"plain", addresses.m_Plain.m_Url}, {"control", addresses.m_Control.m_Url}};
     for (auto const& [name, address] : {std::pair("tls", addresses.m_Tls), {"proxy", addresses.m_Proxy}}) {
         if (!address.m_Url.empty()) {
             out[name] = address.m_Url;
@@ -31,10 +33,10 @@ nlohmann::json addressesJson(Addresses const& addresses) {
     return out;
 }
 
-nlohmann::json clockJson(Services const& services, std::string const& account = "") {
-    nlohmann::json out = {{"present", services.m_Clock.text(account)},
-                          {"ahead", services.m_Clock.ahead(account)},
-                          {"frozen", services.m_Clock.isFrozen(account)}};
+json clockJson(Services const& services, std::string const& account = "") {
+    json out = {{"present", services.m_Clock.text(account)},
+                {"ahead", services.m_Clock.ahead(account)},
+                {"frozen", services.m_Clock.isFrozen(account)}};
     if (!account.empty()) {
         putBytes(out, "account", account);
     }
@@ -42,15 +44,15 @@ nlohmann::json clockJson(Services const& services, std::string const& account = 
 }
 
 /// The clock of all, and those of the accounts that have their own.
-nlohmann::json clocksJson(Services const& services) {
-    nlohmann::json out = clockJson(services);
+json clocksJson(Services const& services) {
+    json out = clockJson(services);
     for (std::string const& account : services.m_Clock.owners()) {
         out["accounts"].push_back(clockJson(services, account));
     }
     return out;
 }
 
-nlohmann::json countsJson(Services const& services) {
+json countsJson(Services const& services) {
     Counts const counts = services.m_Store.counts();
     return {{"accounts", counts.m_Accounts},
             {"payments", counts.m_Payments},
@@ -64,8 +66,8 @@ nlohmann::json countsJson(Services const& services) {
 
 /// A list under `name`; `next` is the bound that continues it, with the name that led here.
 template <class Row>
-HttpResponse listResponse(char const* name, nlohmann::json rows, Listing<Row> const& listing) {
-    nlohmann::json content = {{name, std::move(rows)}};
+HttpResponse listResponse(char const* name, json rows, Listing<Row> const& listing) {
+    json content = {{name, std::move(rows)}};
     if (listing.m_More) {
         content["next"] = listing.m_Rows.back().m_Number;
     }
@@ -82,7 +84,7 @@ void checkAccount(std::string const& user, std::string const& password) {
 }
 
 /// The member `account`, which must name an existing one. Throws HttpError.
-std::string requireAccount(Services const& services, nlohmann::json const& object) {
+std::string requireAccount(Services const& services, json const& object) {
     std::string account = requireText(object, "account");
     std::vector<std::string> const known = services.m_Store.accounts();
     if (std::find(known.begin(), known.end(), account) == known.end()) {
@@ -99,7 +101,7 @@ void checkClockOffset(std::int64_t seconds) {
 }
 
 /// Sets the clock of the account, or of all, as the members of `object` say. Throws HttpError.
-void changeClock(Services const& services, nlohmann::json const& object, std::string const& account) {
+void changeClock(Services const& services, json const& object, std::string const& account) {
     if (object.contains("frozen")) {
         if (!object.at("frozen").is_boolean()) {
             throw HttpError("the member 'frozen' must be true or false");
@@ -150,8 +152,7 @@ HttpResponse removeExchanges(Services const& services, HttpRequest const& reques
 }
 
 HttpResponse reset(Services const& services, HttpRequest const& request) {
-    nlohmann::json const object =
-        request.m_Body.empty() ? nlohmann::json::object() : readObject(request.m_Body, {"account"});
+    json const object = request.m_Body.empty() ? json::object() : readObject(request.m_Body, {"account"});
     Filter filter;
     if (object.contains("account")) {
         filter.m_Account = requireAccount(services, object);
@@ -178,7 +179,7 @@ HttpResponse rotateKey(Services const& services, HttpRequest const& request) {
 }
 
 HttpResponse putAccount(Services const& services, HttpRequest const& request) {
-    nlohmann::json const object = readObject(request.m_Body, {"user", "password"});
+    json const object = readObject(request.m_Body, {"user", "password"});
     std::string const user = requireText(object, "user");
     std::string const password = requireText(object, "password");
     checkAccount(user, password);
@@ -190,7 +191,7 @@ HttpResponse putAccount(Services const& services, HttpRequest const& request) {
 }
 
 HttpResponse setClock(Services const& services, HttpRequest const& request) {
-    nlohmann::json const object = readObject(request.m_Body, {"ahead", "step", "frozen", "account"});
+    json const object = readObject(request.m_Body, {"ahead", "step", "frozen", "account"});
     if (object.size() > (object.contains("account") ? 2U : 1U)) {
         throw HttpError("only one of the members 'ahead', 'step' and 'frozen' can be given");
     }
@@ -238,15 +239,15 @@ nlohmann::json statusJson(Services const& services) {
 nlohmann::json keysJson(Services const& services) {
     std::string const current = services.m_Keys.current()->m_Id;
     auto const serverKey = [&current](KeyRing::Key const& key) {
-        return nlohmann::json{{"id", key->m_Id},
-                              {"current", key->m_Id == current},
-                              {"bits", EVP_PKEY_get_bits(key->m_Key.get())},
-                              {"blob", publicKeyBlob(key->m_Key.get())}};
+        return json{{"id", key->m_Id},
+                    {"current", key->m_Id == current},
+                    {"bits", EVP_PKEY_get_bits(key->m_Key.get())},
+                    {"blob", publicKeyBlob(key->m_Key.get())}};
     };
     auto const merchantKey = [](PublishedKey const& published) {
-        nlohmann::json key = {{"id", published.m_Id},
-                              {"time", published.m_Time},
-                              {"bits", EVP_PKEY_get_bits(readPublicKeyBlob(published.m_Key.m_Blob).get())}};
+        json key = {{"id", published.m_Id},
+                    {"time", published.m_Time},
+                    {"bits", EVP_PKEY_get_bits(readPublicKeyBlob(published.m_Key.m_Blob).get())}};
         putBytes(key, "account", published.m_Key.m_Account);
         return key;
     };
