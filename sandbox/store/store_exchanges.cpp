@@ -223,11 +223,14 @@ std::int64_t Store::removeExchanges(Filter const& filter, Page const& page) {
         if (removed == 0) {
             present.m_Before = std::min(page.m_Before, lastNumberIn("exchanges") + 1);
         }
-        Statement row = m_Database.prepare("DELETE FROM exchanges WHERE number IN (SELECT number FROM exchanges" +
-                                           conditionsOf(filter, "payment") + " ORDER BY number LIMIT ?)");
-        bind(row, filter, present);
-        row.bind(kBatch);
-        row.step();
+        {
+            // Given back before the turn ends: the next one may take it at once.
+            Statement row = m_Database.prepare("DELETE FROM exchanges WHERE number IN (SELECT number FROM exchanges" +
+                                               conditionsOf(filter, "payment") + " ORDER BY number LIMIT ?)");
+            bind(row, filter, present);
+            row.bind(kBatch);
+            row.step();
+        }
         changed = m_Database.changes();
         removed += changed;
         turn.keep();
