@@ -61,8 +61,8 @@ void JointWriter::Unit::finish() {
         // A turn outside of the unit leaves nothing uncommitted.
         Turn const turn(m_Writer, Turn::Purpose::kRead);
     }
-    for (Ending const& ending : m_On) {
-        m_Writer.await(ending);
+    for (GroupHolder const& group : m_On) {
+        m_Writer.await(group);
     }
     if (isCutShort) {
         std::lock_guard<std::mutex> const lock(m_Writer.m_Mutex);
@@ -74,9 +74,9 @@ void JointWriter::Unit::finish() {
     checkKept();
 }
 
-void JointWriter::Unit::note(Ending const& ending) {
-    if (m_On.empty() || m_On.back().m_Number != ending.m_Number) {
-        m_On.push_back(ending);
+void JointWriter::Unit::note(GroupHolder const& group) {
+    if (m_On.empty() || m_On.back() != group) {
+        m_On.push_back(group);
     }
 }
 
@@ -87,9 +87,9 @@ void JointWriter::Unit::endTurns() {
 
 /// Throws std::runtime_error when a transaction that the unit depends on has failed.
 void JointWriter::Unit::checkKept() const {
-    for (Ending const& ending : m_On) {
-        if (isReady(ending.m_Committed)) {
-            ending.m_Committed.get();
+    for (GroupHolder const& group : m_On) {
+        if (isReady(group->m_Committed)) {
+            group->m_Committed.get();
         }
     }
 }
@@ -124,9 +124,9 @@ JointWriter::Turn::~Turn() {
         m_Writer.end(std::make_exception_ptr(std::runtime_error("the database gave a transaction up")));
         return;
     }
-    Ending const ending = leave(m_Unit == nullptr);
+    GroupHolder const group = leave(m_Unit == nullptr);
     if (m_Unit == nullptr) {
-        m_Writer.await(ending);
+        m_Writer.await(group);
     }
 }
 
@@ -151,25 +151,24 @@ void JointWriter::Turn::keep(std::function<void()> effect, bool isLast) {
     if (effect) {
         m_Writer.m_Open->m_Effects.push_back(std::move(effect));
     }
-    Ending const ending = leave(isLast || m_Unit == nullptr);
+    GroupHolder const group = leave(isLast || m_Unit == nullptr);
     if (m_Unit == nullptr) {
-        m_Writer.await(ending);
-        ending.m_Committed.get();
+        m_Writer.await(group);
+        group->m_Committed.get();
     }
 }
 
-/// Gives the connection to the next thread. Returns the end of the transaction that is open.
-JointWriter::Ending JointWriter::Turn::leave(bool awaited) {
-    Group& group = *m_Writer.m_Open;
+/// Gives the connection to the next thread. Returns the transaction that was open.
+JointWriter::GroupHolder JointWriter::Turn::leave(bool awaited) {
+    GroupHolder group = m_Writer.m_Open;
     if (m_Unit != nullptr) {
-        m_Unit->note(group.m_Ending);
+        m_Unit->note(group);
     }
-    group.m_Awaited = group.m_Awaited || awaited;
-    ++group.m_Turns;
-    Ending ending = group.m_Ending;
+    group->m_Awaited = group->m_Awaited || awaited;
+    ++group->m_Turns;
     m_Writer.commitWhenDue();
     m_Lock.unlock();
-    return ending;
+    return group;
 }
 
 void JointWriter::runAfter(std::function<void()> action) {
@@ -189,8 +188,7 @@ JointWriter::Unit* JointWriter::unitOfThread() const {
 }
 
 void JointWriter::begin() {
-    auto group = std::make_unique<Group>();
-    group->m_Ending = {++m_Begun, group->m_Commit.get_future().share()};
+    auto group = std::make_shared<Group>();
     m_Database.prepare("BEGIN IMMEDIATE").step();
     m_Open = std::move(group);
 }
@@ -203,12 +201,12 @@ void JointWriter::commitWhenDue() {
 }
 
 /// Returns when the transaction is committed or has failed.
-void JointWriter::await(Ending const& ending) {
-    if (ending.m_Committed.wait_for(kMaxDelay) == std::future_status::ready) {
+void JointWriter::await(GroupHolder const& group) {
+    if (group->m_Committed.wait_for(kMaxDelay) == std::future_status::ready) {
         return;
     }
     std::lock_guard<std::mutex> const lock(m_Mutex);
-    if (m_Open && m_Open->m_Ending.m_Number == ending.m_Number) {
+    if (m_Open == group) {
         commit();
     }
 }
@@ -270,7 +268,7 @@ void JointWriter::rollBack() {
 
 /// Reports to all who wait for the transaction that it is committed, or its failure.
 void JointWriter::end(std::exception_ptr const& failure) {
-    std::unique_ptr<Group> const ended = std::move(m_Open);
+    GroupHolder const ended = std::move(m_Open);
     if (failure) {
         ended->m_Commit.set_exception(failure);
     } else {

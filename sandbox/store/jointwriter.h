@@ -22,11 +22,16 @@ namespace sandbox {
 /// transaction. It is committed when somebody waits for that, and no thread that carries out a request is about to add
 /// to it; those are waited for no longer than kMaxDelay.
 class JointWriter {
-    /// The end of a transaction, for those who wait for it.
-    struct Ending {
-        std::uint64_t m_Number = 0;  ///< Of the transaction; counts up from 1.
-        std::shared_future<void> m_Committed = {};
+    /// One transaction, kept by those who wait for its end.
+    struct Group {
+        std::promise<void> m_Commit = {};
+        std::shared_future<void> m_Committed = m_Commit.get_future().share();
+        std::vector<std::function<void()>> m_Effects = {};
+        int m_Turns = 0;
+        bool m_Awaited = false;
     };
+
+    using GroupHolder = std::shared_ptr<Group>;
 
 public:
     static constexpr std::chrono::milliseconds kMaxDelay{2};
@@ -52,13 +57,13 @@ public:
     private:
         friend class JointWriter;
 
-        void note(Ending const& ending);
+        void note(GroupHolder const& group);
         void checkKept() const;
         void endTurns();
 
-        JointWriter& m_Writer;     ///< Borrowed.
-        std::vector<Ending> m_On;  ///< The transactions that it depends on.
-        bool m_Busy = true;        ///< It may have more turns.
+        JointWriter& m_Writer;          ///< Borrowed.
+        std::vector<GroupHolder> m_On;  ///< The transactions that it depends on.
+        bool m_Busy = true;             ///< It may have more turns.
         std::function<void()> m_BeforeCommit;
         std::vector<std::function<void()>> m_After;
     };
@@ -93,7 +98,7 @@ public:
     private:
         void keep(std::function<void()> effect, bool isLast);
         void undo();
-        Ending leave(bool awaited);
+        GroupHolder leave(bool awaited);
 
         JointWriter& m_Writer;  ///< Borrowed.
         Unit* m_Unit;           ///< Of this thread; null without one.
@@ -114,31 +119,21 @@ public:
     [[nodiscard]] Database& database() { return m_Database; }
 
 private:
-    /// One transaction, and who waits for its end.
-    struct Group {
-        std::promise<void> m_Commit;
-        Ending m_Ending;
-        std::vector<std::function<void()>> m_Effects;
-        int m_Turns = 0;
-        bool m_Awaited = false;
-    };
-
     [[nodiscard]] Unit* unitOfThread() const;
     void begin();
     void commit();
     void rollBack();
     void end(std::exception_ptr const& failure);
     void commitWhenDue();
-    void await(Ending const& ending);
+    void await(GroupHolder const& group);
     void shortenLog();
 
-    std::atomic<int> m_Coming{0};   ///< How many threads wait for their turn.
-    std::atomic<int> m_Busy{0};     ///< How many units may have more turns.
-    std::mutex m_Mutex;             ///< Held in a turn. Guards all below.
-    std::unique_ptr<Group> m_Open;  ///< The transaction that is open; null when none is.
-    std::set<Unit*> m_Changing;     ///< Units with changes whose beforeCommit has not run.
-    std::uint64_t m_Begun = 0;      ///< Transactions so far.
-    std::string m_LogFailure;       ///< Why the log could not be moved the last time; empty when it could.
+    std::atomic<int> m_Coming{0};  ///< How many threads wait for their turn.
+    std::atomic<int> m_Busy{0};    ///< How many units may have more turns.
+    std::mutex m_Mutex;            ///< Held in a turn. Guards all below.
+    GroupHolder m_Open;            ///< The transaction that is open; null when none is.
+    std::set<Unit*> m_Changing;    ///< Units with changes whose beforeCommit has not run.
+    std::string m_LogFailure;      ///< Why the log could not be moved the last time; empty when it could.
     Database m_Database;
     Database m_LogMover;           ///< Used by the thread of m_LogMoved, without m_Mutex.
     std::future<void> m_LogMoved;  ///< Valid once most of the log is being moved. Goes first: it awaits its thread.
