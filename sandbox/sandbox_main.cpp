@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "sandbox/faults/fault.h"
 #include "sandbox/service.h"
 #include "sandbox/text/wiretext.h"
 
