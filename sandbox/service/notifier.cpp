@@ -233,7 +233,7 @@ void Notifier::loadNew() {
     }
     for (Notification const& notification : m_Services.m_Store.pendingNotifications(m_LastTaken)) {
         std::lock_guard<std::mutex> const lock(m_Mutex);
-        m_Waiting[notification.m_Number] = {notification, hostPortOf(notification.m_Address)};
+        m_Waiting[hostPortOf(notification.m_Address)][notification.m_Number].m_Notification = notification;
         m_LastTaken = notification.m_Number;
         m_Queued.notify_one();
     }
@@ -245,42 +245,49 @@ void Notifier::runWorker() {
     std::unique_lock<std::mutex> lock(m_Mutex);
     while (!m_Stopping) {
         Clock::time_point next = Clock::time_point::max();
-        auto const due = firstDue(next);
-        if (due == m_Waiting.end()) {
+        std::optional<Job> job = takeDue(next);
+        if (!job) {
             m_Queued.wait_until(lock, next);
             continue;
         }
-        Pending pending = std::move(due->second);
-        m_Waiting.erase(due);
-        m_Busy.insert(pending.m_HostPort);
+        m_Busy.insert(job->m_HostPort);
         m_Queued.notify_one();
         lock.unlock();
-        bool const unsettled = sendOnce(pending);
+        bool const unsettled = sendOnce(job->m_Pending);
         lock.lock();
-        m_Busy.erase(pending.m_HostPort);
+        m_Busy.erase(job->m_HostPort);
         if (unsettled) {
-            m_Waiting[pending.m_Notification.m_Number] = std::move(pending);
+            m_Waiting[job->m_HostPort][job->m_Pending.m_Notification.m_Number] = std::move(job->m_Pending);
         }
     }
 }
 
-/// The oldest that is due, with none of the same payment before it and none on its way to the same host and port. The
-/// end when there is none; then `next` is the moment at which the first one is due.
-Notifier::Waiting::iterator Notifier::firstDue(Clock::time_point& next) {
+/// Takes the oldest to a host and port that is due, with none of the same payment before it and none on its way to the
+/// same host and port. Nothing when there is none; then `next` is the moment at which the first one is due.
+std::optional<Notifier::Job> Notifier::takeDue(Clock::time_point& next) {
     Clock::time_point const now = Clock::now();
-    std::set<std::string> heldUp;
-    for (auto each = m_Waiting.begin(); each != m_Waiting.end(); ++each) {
-        Pending const& pending = each->second;
-        bool const isFirst = heldUp.insert(pending.m_Notification.m_Payment).second;
-        if (!isFirst || m_Busy.count(pending.m_HostPort) != 0) {
+    for (auto& [hostPort, waiting] : m_Waiting) {
+        if (m_Busy.count(hostPort) != 0) {
             continue;
         }
-        if (pending.m_Due <= now) {
-            return each;
+        std::set<std::string> heldUp;
+        for (auto each = waiting.begin(); each != waiting.end(); ++each) {
+            Pending& pending = each->second;
+            if (!heldUp.insert(pending.m_Notification.m_Payment).second) {
+                continue;
+            }
+            if (pending.m_Due <= now) {
+                Job job{hostPort, std::move(pending)};
+                waiting.erase(each);
+                if (waiting.empty()) {
+                    m_Waiting.erase(job.m_HostPort);
+                }
+                return job;
+            }
+            next = std::min(next, pending.m_Due);
         }
-        next = std::min(next, pending.m_Due);
     }
-    return m_Waiting.end();
+    return std::nullopt;
 }
 
 /// False when it is settled.

@@ -67,20 +67,22 @@ private:
     /// A notification that is not yet delivered or given up.
     struct Pending {
         Notification m_Notification = {};
-        std::string m_HostPort = {};  ///< Of its address.
         Clock::time_point m_Due = {};
         std::optional<Fault> m_Delay = {};  ///< Its pause is over; applies to the next attempt.
     };
 
-    /// By number.
-    using Waiting = std::map<std::int64_t, Pending>;
+    /// One that is sent next.
+    struct Job {
+        std::string m_HostPort;  ///< Of its address.
+        Pending m_Pending;
+    };
 
     void wakeLocked();
     void run();
     Clock::time_point poll();
     void loadNew();
     void runWorker();
-    Waiting::iterator firstDue(Clock::time_point& next);
+    std::optional<Job> takeDue(Clock::time_point& next);
     bool sendOnce(Pending& pending);
     bool send(Pending& pending);
     bool tryOnce(Pending& pending, std::string const& query, Exchange& exchange, bool twice);
@@ -96,8 +98,9 @@ private:
     std::mutex m_Mutex;                 ///< Guards all below. No service but the clock is called under it.
     std::condition_variable m_Changed;  ///< For run().
     std::condition_variable m_Queued;   ///< For one worker, which looks at what is waiting and at m_Busy again.
-    Waiting m_Waiting;                  ///< Without those that are being sent.
-    std::set<std::string> m_Busy;       ///< The "host:port" to which one is being sent.
+    std::map<std::string, std::map<std::int64_t, Pending>>
+        m_Waiting;                 ///< By "host:port" and number, without those that are being sent.
+    std::set<std::string> m_Busy;  ///< The "host:port" to which one is being sent.
 
     bool m_Reloading = false;  ///< All notifications are taken from the store again.
     bool m_Woken = false;
