@@ -135,10 +135,10 @@ Value column(sqlite3_stmt* statement, int index) {
     }
 }
 
-/// Bytes of pages in the log from which on a worker copies them to the tables, and from which on any commit does. The
-/// log must not grow for ever: overwriting its old pages is faster on disk than making the file longer.
-constexpr std::int64_t kTidyLogSize = std::int64_t{4} << 20;
-constexpr std::int64_t kMaxLogSize = 4 * kTidyLogSize;
+/// Pages in the log from which on a worker copies them to the tables, and from which on any commit does. The log must
+/// not grow for ever: overwriting its old pages is faster on disk than making the file longer.
+constexpr int kTidyLogPages = 1000;
+constexpr int kMaxLogPages = 4 * kTidyLogPages;
 
 /// Pause before a worker copies the log again because other connections have committed.
 constexpr std::chrono::seconds kTidyPause(1);
@@ -171,7 +171,6 @@ private:
 
 SqliteDatabase::SqliteDatabase(std::string const& path, std::int64_t busySeconds)
     : m_Path(path), m_File(createdPrivate(path)) {
-    static constexpr char kReadPageSize[] = "PRAGMA page_size";
     sqlite3* connection = nullptr;
     int const result =
         sqlite3_open_v2(path.c_str(), &connection, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, logFileSystem());
@@ -186,9 +185,7 @@ SqliteDatabase::SqliteDatabase(std::string const& path, std::int64_t busySeconds
     if (sqlite3_db_readonly(connection, "main") == 1) {
         throw Failure(KVX_E_LEDGER_READONLY, path + ": can be read only");
     }
-    static_cast<void>(version());        // what is refused is not written to
-    execute("PRAGMA page_size = 2048");  // of a new file: a commit changes a few short rows of different tables
-    m_PageSize = number(kReadPageSize);
+    static_cast<void>(version());  // what is refused is not written to
     execute("PRAGMA synchronous = FULL");
     enterLogMode(busySeconds);
     prepared(kRollback);
@@ -260,8 +257,8 @@ void SqliteDatabase::tidy() {
     std::optional<std::uint32_t> const version = contentVersion();
     auto const now = std::chrono::steady_clock::now();
     bool const haveOthersChanged = version != m_TidyVersion && now >= m_NextTidy && hasLongLog();
-    if (m_LogSize >= kTidyLogSize || haveOthersChanged) {
-        m_LogSize = 0;
+    if (m_LogPages >= kTidyLogPages || haveOthersChanged) {
+        m_LogPages = 0;
         m_TidyVersion = version;
         m_NextTidy = now + kTidyPause;
         copyLog(m_Connection.get());
@@ -372,10 +369,11 @@ std::optional<std::uint32_t> SqliteDatabase::contentVersion() {
     return isKnown ? std::optional<std::uint32_t>(version) : std::nullopt;
 }
 
-/// Whether the log has ever had the size at which it is copied: its file keeps it.
+/// Whether the log has ever had the pages for which it is copied: its file keeps its size.
 bool SqliteDatabase::hasLongLog() const noexcept {
+    constexpr off_t kPageInLog = 4096 + 24;
     struct stat status {};
-    return ::stat((m_Path + "-wal").c_str(), &status) == 0 && status.st_size >= kTidyLogSize;
+    return ::stat((m_Path + "-wal").c_str(), &status) == 0 && status.st_size >= kTidyLogPages * kPageInLog;
 }
 
 /// Brings the tables to this release's version. A store of another program is refused rather than written to.
@@ -396,9 +394,8 @@ void SqliteDatabase::migrate() {
 }
 
 int SqliteDatabase::afterCommit(void* self, sqlite3* connection, char const* /*name*/, int logPages) noexcept {
-    auto& database = *static_cast<SqliteDatabase*>(self);
-    database.m_LogSize = logPages * database.m_PageSize;
-    if (database.m_LogSize >= kMaxLogSize) {
+    static_cast<SqliteDatabase*>(self)->m_LogPages = logPages;
+    if (logPages >= kMaxLogPages) {
         copyLog(connection);
     }
     return SQLITE_OK;

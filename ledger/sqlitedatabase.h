@@ -60,8 +60,7 @@ private:
     std::string m_Path;
     OpenFile m_File;  ///< Listed until the connection is closed.
     std::unique_ptr<sqlite3, Close> m_Connection;
-    std::int64_t m_PageSize = 0;
-    std::int64_t m_LogSize = 0;                  ///< Bytes of pages in the log after this connection's last commit.
+    int m_LogPages = 0;                          ///< In the log after the last commit of this connection.
     std::optional<std::uint32_t> m_TidyVersion;  ///< contentVersion() when the log was copied last.
     std::chrono::steady_clock::time_point m_NextTidy;
     std::map<char const*, std::unique_ptr<sqlite3_stmt, Finalize>>
