@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <filesystem>
+
 #include "tests/ledger/atpoints.h"
 #include "tests/ledger/ledgersupport.h"
 #include "tests/ledger/stranger.h"
@@ -78,6 +80,30 @@ TEST_F(Confirm, WaitsForAWriterThatItMeetsAfterReading) {
     }
     EXPECT_EQ(points, 2) << "once more, from the beginning";
     EXPECT_EQ(m_Ledger.history().size(), 2U);
+}
+
+TEST_F(Confirm, KnowsThatTheLogBeganAgainAfterReading) {
+    if (runsOnPostgresql()) {
+        GTEST_SKIP() << "the store has no log of SQLite's";
+    }
+    static_cast<void>(m_Ledger.url());
+    Stranger const stranger(m_Dir.file("orders.db"));
+    // What is read next is read from the tables alone, so that it keeps no place in the log.
+    ASSERT_EQ(stranger.run("PRAGMA wal_checkpoint(RESTART)"), SQLITE_OK);
+    std::uintmax_t const size = std::filesystem::file_size(m_Dir.file("orders.db-wal"));
+    int points = 0;
+    {
+        AtPoints const begins([&](ledger::TestPoint point) {
+            if (point == ledger::TestPoint::kBeforeChange && ++points == 1) {
+                EXPECT_EQ(stranger.run("UPDATE orders SET created_at = created_at + 1"), SQLITE_OK);
+            }
+        });
+        EXPECT_EQ(outcome("authorised"), "PAID_NOW");
+    }
+    EXPECT_EQ(points, 2) << "once more, from the beginning";
+    EXPECT_EQ(std::filesystem::file_size(m_Dir.file("orders.db-wal")), size) << "old pages were overwritten";
+    EXPECT_EQ(m_Ledger.history().size(), 2U);
+    EXPECT_EQ(stranger.column("PRAGMA integrity_check"), std::vector<std::string>{"ok"});
 }
 
 TEST_F(Confirm, KnowsAReplayWhileAnotherWrites) {

@@ -139,6 +139,16 @@ TEST_F(PostgresqlStore, RunsATransactionAgainThatLostItsConnection) {
     EXPECT_EQ(outcome("authorised"), "KNOWN_ALREADY");
 }
 
+TEST_F(PostgresqlStore, IsReachedAgainWhenItsConnectionEndsBetweenReadingAndChanging) {
+    static_cast<void>(m_Ledger.url());
+    std::string const data = says("authorised");
+    at(ledger::TestPoint::kBeforeChange, [this] { endConnections(); });
+    EXPECT_EQ(m_Ledger.confirm(data, m_Signer.sign(data)).m_Outcome, "PAID_NOW") << lastLedgerError();
+    EXPECT_EQ(ledger::g_TestPoint, nullptr) << "it was lost";
+    EXPECT_EQ(m_Ledger.history().size(), 2U) << "recorded once";
+    EXPECT_EQ(outcome("authorised"), "KNOWN_ALREADY");
+}
+
 TEST_F(PostgresqlStore, KnowsACommitWhoseAnswerWasLost) {
     static_cast<void>(m_Ledger.url());
     std::string const data = says("authorised");
