@@ -211,6 +211,10 @@ void SqliteDatabase::begin(Access access) {
     }
 }
 
+void SqliteDatabase::startChanges() {
+    requireInPlace();
+}
+
 void SqliteDatabase::commit() {
     static constexpr char kCommit[] = "COMMIT";
     GatheredCommit const gathered(m_Connection.get());

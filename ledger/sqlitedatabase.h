@@ -29,6 +29,7 @@ public:
     ~SqliteDatabase() override;
 
     void begin(Access access) override;
+    void startChanges() override;
     void commit() override;
     void rollback() noexcept override;
     Rows run(char const* statement, Parameters parameters) override;

@@ -13,6 +13,7 @@
 #include "ledger/lifecycle.h"
 #include "ledger/moneytable.h"
 #include "ledger/sqlitedatabase.h"
+#include "tests/ledger/atpoints.h"
 #include "tests/ledger/flushes.h"
 #include "tests/ledger/ledgersupport.h"
 #include "tests/ledger/stranger.h"
@@ -292,6 +293,18 @@ TEST_F(StoreFile, ThatWasRemovedOrReplacedAcceptsNothing) {
         std::string url;
         EXPECT_EQ(ledger.begin(purchase, url), KVX_E_LEDGER_STORE) << file;
     }
+}
+
+TEST_F(StoreFile, ThatIsRemovedAfterReadingAcceptsNothing) {
+    static_cast<void>(m_Ledger.url());
+    std::string const data = says("authorised");
+    AtPoints const loses([&](ledger::TestPoint point) {
+        if (point == ledger::TestPoint::kBeforeChange) {
+            std::filesystem::remove(path());
+        }
+    });
+    EXPECT_EQ(m_Ledger.confirm(data, m_Signer.sign(data)).m_Code, KVX_E_LEDGER_STORE);
+    EXPECT_NE(lastLedgerError().find("removed or replaced"), std::string::npos) << lastLedgerError();
 }
 
 TEST_F(StoreFile, ThatIsLockedMeansNothingAboutAnOrder) {
