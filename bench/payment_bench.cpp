@@ -5,10 +5,10 @@
 // signature: the two calls are compared with two whose message changes in between, so that both sign.
 //
 // Times faster in one run:
-//   payment URL, peer                           1.86
-//   payment URL, floor                          0.77
+//   payment URL, peer                           1.83
+//   payment URL, floor                          0.75
 //   size asked, then the URL, two plain calls   1.43
-//   size asked, then the URL, peer twice        3.09
+//   size asked, then the URL, peer twice        3.05
 
 #include <benchmark/benchmark.h>
 
