@@ -123,6 +123,7 @@ private:
 /// Pauses for a random time that grows with `round`, so that transactions that met do not meet again.
 void pauseAfterConflict(int round);
 
+/// Runs `work`, which may take its transaction or nothing.
 template <class Work>
 auto resultIn(Transaction& transaction, Work& work) {
     if constexpr (std::is_invocable_v<Work, Transaction&>) {

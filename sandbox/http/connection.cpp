@@ -115,7 +115,7 @@ bool Connection::open() {
         return true;
     }
     char first = '\0';
-    // To a client that was silent to its end, which may be the work of the acceptor, TLS would send an alert.
+    // To a client that was silent to its end, which may be the work of the listener, TLS would send an alert.
     bool const silent = ::recv(m_Socket, &first, 1, MSG_PEEK) == 0;
     m_Open = !silent && m_Tls && SSL_set_fd(m_Tls.get(), m_Socket) == 1 &&
              persist(POLLIN, [this] {
